@@ -1,0 +1,1 @@
+#include "agent/log_file.h"

@@ -1,0 +1,31 @@
+// The agent's log file: opening, rotation by size into numbered files, closing. The log step is foundation/log.h.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace kv {
+
+/// Opens the log for a run; none means "..\logs\agent.log". Called once per process.
+void RotateLogger(std::optional<std::u16string_view> name);
+
+/// Sets gv_logLevel from the registry, 1 where that fails.
+void ReadLogLevel();
+
+/// Rotates when the counter has passed the limit, and opens the log when it is not open; 0.
+int RotateLogFile(std::uint32_t count);
+
+void StopLogging();
+
+/// Opens a log for appending; 1. A failure only sets gv_logOpenFailed: lines are then dropped, the counter still grows.
+int OpenLogFile(std::u16string_view path);
+
+/// Number of files that begin with the stem, or -1 when the search fails.
+int CountLogFiles(std::u16string_view stem);
+
+/// stem of path + number + ".log".
+std::u16string LogFileNameAt(std::u16string_view path, std::uint32_t number);
+
+}  // namespace kv

@@ -1,0 +1,18 @@
+// The thread that turns a configured process into a running agent.
+#pragma once
+
+#include <cstdint>
+
+namespace kv {
+
+/// Thread body: working directory, enrolment, configuration, worker threads, and then parks for ever. Returns 0, and only
+/// when enrolment said not to run.
+std::uint32_t InvokeMainThread(void* ignored);
+
+/// Sleeps for ever.
+[[noreturn]] void WaitForever();
+
+/// Enrols the agent with its server; blocks until that is settled.
+void InitLicenseParams();
+
+}  // namespace kv

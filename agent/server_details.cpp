@@ -1,0 +1,1 @@
+#include "agent/server_details.h"

@@ -1,0 +1,21 @@
+# Warnings are errors. One interface target carries them, so that every target of ours has the same set.
+add_library(kv_flags INTERFACE)
+target_compile_options(kv_flags INTERFACE
+  -Wall -Wextra -Wpedantic -Werror -Wshadow -Wconversion -Wsign-conversion -Wnon-virtual-dtor -Wold-style-cast
+  -Wnull-dereference -Wimplicit-fallthrough -Werror=return-type)
+target_include_directories(kv_flags INTERFACE ${CMAKE_SOURCE_DIR})
+
+# kv_library(NAME SOURCES... DEPENDS...): a folder's target, included from the root of the tree.
+function(kv_library name)
+  cmake_parse_arguments(arg "" "" "SOURCES;DEPENDS" ${ARGN})
+  add_library(${name} STATIC ${arg_SOURCES})
+  target_link_libraries(${name} PUBLIC kv_flags ${arg_DEPENDS})
+endfunction()
+
+# kv_test(NAME SOURCES... DEPENDS...): one GoogleTest program, its cases registered with CTest.
+function(kv_test name)
+  cmake_parse_arguments(arg "" "" "SOURCES;DEPENDS" ${ARGN})
+  add_executable(${name} ${arg_SOURCES})
+  target_link_libraries(${name} PRIVATE kv_flags ${arg_DEPENDS} GTest::gmock GTest::gtest_main)
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300)
+endfunction()

@@ -1,0 +1,29 @@
+// One scheduled workflow entry turned into record files.
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+
+#include "foundation/hash_table.h"
+#include "foundation/text.h"
+
+namespace kv {
+
+/// Timer callback: runs the records of the workflow entry whose index in gv_sortVec the argument points to (int32).
+void CollectAndSaveData(void* argument);
+
+/// Runs one WMI query and writes its record file.
+void ExecuteWMIQuery(const OptionalText& nameSpace, std::u16string_view wmiQuery, std::u16string_view name);
+
+/// Polls one SNMP record. Not built yet: it says so in the log.
+void CollectSNMPData(const HashTable* record, std::u16string_view isTest);
+
+/// Runs a script of "..\conf\scripts\"; with viewOutput "true" (any case) its output becomes a record file. 0 always.
+int ExecuteScript(std::u16string_view fileName, std::u16string_view commandLineParam, const OptionalText& viewOutput);
+
+/// Starts a command line made by the platform and waits for it; 1 when it ended in time with an exit code that counts as
+/// success (0, 1641, 3010), or was not to be waited for, else 0. workingDirectory may be none.
+int execute(const OptionalText& workingDirectory, std::u16string_view commandLine, std::u16string& remarks,
+            std::uint32_t waitMinutes, bool wait);
+
+}  // namespace kv

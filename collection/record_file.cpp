@@ -1,0 +1,1 @@
+#include "collection/record_file.h"

@@ -1,0 +1,1 @@
+#include "collection/collect.h"

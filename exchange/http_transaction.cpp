@@ -1,0 +1,1 @@
+#include "exchange/http_transaction.h"

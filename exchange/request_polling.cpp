@@ -1,0 +1,1 @@
+#include "exchange/request_polling.h"

@@ -1,0 +1,1 @@
+#include "exchange/upload_pipeline.h"

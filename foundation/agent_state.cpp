@@ -1,0 +1,1 @@
+#include "foundation/agent_state.h"

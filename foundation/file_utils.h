@@ -1,0 +1,49 @@
+// File helpers on top of the platform's file operations.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/errors.h"
+
+namespace kv {
+
+/// Removes a directory with everything in it; 1 when all went well, else 0. A directory that cannot be searched, such as
+/// a missing one, gives 1 with a log line and nothing removed.
+int DeleteDirectoryRecursively(std::u16string_view path);
+
+/// Whether anything matches a path, which may hold wildcards. A miss leaves a log line.
+bool CheckFileExists(std::u16string_view path);
+
+bool IsDirectory(std::u16string_view path);
+
+/// 1 when the path is not a directory and can be opened for reading, else 0.
+int fileExists(std::u16string_view fileName);
+
+/// Number of entries that match the pattern with ".zip" behind it (such as "zipdata\*"); 0 when the search fails.
+int GetZipFileCount(std::u16string_view pattern);
+
+/// Whether a file is still being written.
+enum class FileUse {
+    free = -1,
+    inUse = 0,  // found after a pause of 250 milliseconds
+    unknown = 1 // some other error, which has been logged
+};
+FileUse IsFileisOpen(std::u16string_view path);
+
+/// The whole content of a file in bytes; 0, or the system's error.
+platform::Error ReadWholeFile(std::u16string_view path, std::string& content);
+
+/// Writes a file under a temporary name (temporaryPath) and renames it to path when it is complete and closed, replacing
+/// one of that name. After an error neither a partial file nor the temporary one is left. 0, or the system's error.
+platform::Error WriteCompleteFile(std::u16string_view path, std::u16string_view temporaryPath, std::string_view bytes);
+
+/// The bytes of a wide text in UTF-16LE, without a byte order mark.
+std::string Utf16LittleEndianBytes(std::u16string_view text);
+
+/// The wide text of UTF-16LE bytes, without a byte order mark; an odd last byte is dropped.
+std::u16string TextFromUtf16LittleEndian(std::string_view bytes);
+
+}  // namespace kv

@@ -1,0 +1,1 @@
+#include "foundation/hash_table.h"

@@ -1,0 +1,86 @@
+// The agent's dictionary: wide-text keys to typed values. A parsed configuration, a result row and an outgoing record are
+// each one table.
+//
+// Every table of the agent is made with one bucket, so keys come back in the order of their first insertion; whatever
+// writes records out relies on that. Keys are compared exactly. A table has no lock: it belongs to one thread at a time,
+// or is no longer changed.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "foundation/vector.h"
+
+namespace kv {
+
+struct HashEntry {
+    char16_t* key;  // owned copy; null in an empty head entry
+    Word value;
+    ValueType type;
+    HashEntry* next;
+};
+
+struct HashTable {
+    HashEntry** buckets;  // each starts with a head entry, which has no key while the bucket is empty
+    std::int32_t size;    // buckets, at least 1
+};
+
+/// 1, or 0 when memory ran out. A size of 0 is taken as 1. The table is freed by one of the two free operations.
+int InitHashTable(HashTable* table, std::int32_t size);
+
+/// Stores a value under a key, new keys last; 1, or 0 when memory ran out. A value of ValueType::text is copied, and the
+/// table frees its copy; all others must outlive the table or be its own (lists and tables under FreeAllHashTable).
+/// A replaced value is not released: that is intended.
+int PutHashValue(HashTable* table, std::u16string_view key, Word value, ValueType type);
+
+/// PutHashValue of a text.
+int PutHashText(HashTable* table, std::u16string_view key, std::u16string_view text);
+
+/// The value, or 0 when the key is absent or its value is 0.
+Word GetHashValue(const HashTable* table, std::u16string_view key);
+
+/// The entry, or null.
+HashEntry* GetHashEntry(const HashTable* table, std::u16string_view key);
+
+/// The text under a key, or null when the key is absent or holds something else.
+const char16_t* GetHashText(const HashTable* table, std::u16string_view key);
+
+/// The list under a key, or null when the key is absent or holds something else.
+Vector* GetHashVector(const HashTable* table, std::u16string_view key);
+
+/// 1 or 0.
+int ContainsHashKey(const HashTable* table, std::u16string_view key);
+
+/// 1, or 0 when the key is absent. The value is never freed.
+int RemoveHashKey(HashTable* table, std::u16string_view key);
+
+std::int32_t CountHashKeys(const HashTable* table);
+
+/// The keys in order, ended by a null. The array is the caller's, the keys are the table's.
+std::unique_ptr<const char16_t*[]> GetHashKeys(const HashTable* table);
+
+/// Puts every key of source that dest lacks, or holds with value 0, into dest. Nested values are shared, texts copied.
+/// 1, or 0 when either table is null.
+int MergeHashTable(const HashTable* source, HashTable* dest);
+
+/// Frees the entries with their texts and the table; nested lists and tables stay alive.
+void FreeHashTable(HashTable* table);
+
+/// Frees the table with everything below it. A null table is allowed.
+void FreeAllHashTable(HashTable* table);
+
+std::int32_t HashOfKey(const HashTable* table, std::u16string_view key);
+
+struct FreeAllHashTableDeleter {
+    void operator()(HashTable* table) const { FreeAllHashTable(table); }
+};
+
+/// Owns a table with everything below it.
+using HashTablePtr = std::unique_ptr<HashTable, FreeAllHashTableDeleter>;
+
+/// A new table of one bucket, or null when memory ran out.
+HashTablePtr MakeHashTable();
+
+}  // namespace kv

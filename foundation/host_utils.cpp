@@ -1,0 +1,1 @@
+#include "foundation/host_utils.h"

@@ -1,0 +1,106 @@
+// The log step. Every line of the agent's one text log goes through here; opening, rotating and closing the file is
+// agent/log_file.h.
+//
+// A log line names its level by the routine it is written with; a step that is switched off costs one comparison. The
+// format is printf's, the arguments are numbers, narrow texts (UTF-8) or wide texts; a text that is none prints "(null)".
+// Callable from any thread.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <type_traits>
+
+#include <fmt/printf.h>
+
+#include "foundation/published_text.h"
+#include "platform/files.h"
+#include "platform/utf.h"
+
+namespace kv {
+
+struct LogState {
+    std::atomic<std::uint32_t> gv_logLevel{0};    // verbosity; 0 writes nothing
+    platform::FileHandle gv_logFile = 0;          // open for appending, or 0; guarded by streamMutex
+    std::u16string gv_logPath;                    // full path of the current log; empty for none
+    std::atomic<std::uint32_t> gv_logBytes{0};    // running size counter, in characters of the unexpanded formats
+    std::atomic<std::uint32_t> gv_logMaxSize{1000000};
+    std::atomic<std::uint32_t> gv_logMaxFiles{10};
+    std::atomic<std::uint16_t> gv_logOpenFailed{0};
+
+    /// Keeps the stream open between a line's test and its write; held for one line or one closing, nothing else.
+    std::mutex streamMutex;
+
+    /// Called with the counter when it has passed the limit; set by RotateLogger, null before.
+    int (*rotate)(std::uint32_t count) = nullptr;
+};
+
+extern LogState logState;
+
+/// Prefix of every line: newline, local date and time to the millisecond, one blank.
+std::string PrefixLogFormat(std::string_view format);
+
+/// Prints one line to the log file, counts it and rotates when the counter has passed the limit. The level has been
+/// tested. A format that does not fit its arguments is printed as it stands. Never throws.
+void WriteLogLine(const char* format, fmt::basic_format_args<fmt::printf_context> arguments) noexcept;
+
+namespace log_detail {
+
+template <class T>
+auto Printable(const T& value) {
+    if constexpr (std::is_convertible_v<const T&, std::u16string_view> && !std::is_pointer_v<std::decay_t<T>>) {
+        return platform::Utf8FromWide(value);
+    } else if constexpr (std::is_same_v<std::decay_t<T>, const char16_t*> ||
+                         std::is_same_v<std::decay_t<T>, char16_t*>) {
+        return value ? platform::Utf8FromWide(value) : std::string("(null)");
+    } else if constexpr (std::is_same_v<T, std::optional<std::u16string>>) {
+        return value ? platform::Utf8FromWide(*value) : std::string("(null)");
+    } else if constexpr (std::is_same_v<T, PublishedText>) {
+        const std::u16string* text = value.get();
+        return text ? platform::Utf8FromWide(*text) : std::string("(null)");
+    } else if constexpr (std::is_enum_v<T>) {
+        return static_cast<std::underlying_type_t<T>>(value);
+    } else {
+        return value;
+    }
+}
+
+template <class... Arguments>
+void Write(const char* format, const Arguments&... arguments) noexcept {
+    WriteLogLine(format, fmt::make_printf_args(arguments...));
+}
+
+}  // namespace log_detail
+
+/// True when lines at level 1, 2 and 3 are written: the level is at least that. Level 4 lines are written at exactly 4.
+inline bool LogsAtLeast(std::uint32_t level) { return logState.gv_logLevel.load(std::memory_order_relaxed) >= level; }
+inline bool LogsTrace() { return logState.gv_logLevel.load(std::memory_order_relaxed) == 4; }
+
+/// Failures, decisions, state changes.
+template <class... Arguments>
+inline void Log1(const char* format, const Arguments&... arguments) {
+    if (LogsAtLeast(1)) log_detail::Write(format, log_detail::Printable(arguments)...);
+}
+
+/// Configuration dumps, control notifications, progress.
+template <class... Arguments>
+inline void Log2(const char* format, const Arguments&... arguments) {
+    if (LogsAtLeast(2)) log_detail::Write(format, log_detail::Printable(arguments)...);
+}
+
+/// Flow of the ordinary routines.
+template <class... Arguments>
+inline void Log3(const char* format, const Arguments&... arguments) {
+    if (LogsAtLeast(3)) log_detail::Write(format, log_detail::Printable(arguments)...);
+}
+
+/// Trace of small helpers.
+template <class... Arguments>
+inline void Log4(const char* format, const Arguments&... arguments) {
+    if (LogsTrace()) log_detail::Write(format, log_detail::Printable(arguments)...);
+}
+
+}  // namespace kv

@@ -1,0 +1,1 @@
+#include "foundation/proxy_password.h"

@@ -1,0 +1,1 @@
+#include "foundation/published_text.h"

@@ -1,0 +1,1 @@
+#include "foundation/registry_store.h"

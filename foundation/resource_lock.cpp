@@ -1,0 +1,1 @@
+#include "foundation/resource_lock.h"

@@ -1,0 +1,68 @@
+// One process-wide table of locked addresses. To lock a thing is to enter its address; whoever finds the address there
+// yields and tries again until it is gone. A key has no owner and no re-entry: a thread that locks what it already holds
+// hangs, and any thread may release what another took.
+//
+// Order: a list's lock first, then the log's, never the other way.
+#pragma once
+
+#include <cstdint>
+
+namespace kv {
+
+/// Results of ResourceLockOp_MSP.
+inline constexpr int lockAcquired = 1;
+inline constexpr int lockBusy = 2;
+inline constexpr int lockReleased = 4;
+inline constexpr int lockNotHeld = 2;
+
+enum class LockOperation { lock = 1, release = 2, purge = 3 };
+
+struct ResourceLockEntry {
+    const void* resource;
+    std::uintptr_t reserved;  // always 0
+    std::uint32_t lockTime;   // GetUpTimeSeconds at locking
+    ResourceLockEntry* next;
+};
+
+/// Makes the mutex that guards the table. Called first of all in Main; a second call changes nothing.
+void InitMutex();
+
+/// Empties the table.
+void InitResourceLockTable();
+
+/// Returns holding the lock.
+void SynchronizeResource_MSP(const void* resource);
+
+/// A key that is not held leaves a log line and nothing else.
+void UnsynchronizeResource_MSP(const void* resource);
+
+/// 1 locked, 2 free.
+int IsResourceLocked_MSP(const void* resource);
+
+/// -1 when it took the lock, at once or after one sleep of the time given; 1 when it is still busy.
+int TimedSynchronizeResource_MSP(const void* resource, std::uint32_t milliseconds);
+
+int ResourceLockOp_MSP(const void* resource, LockOperation operation);
+
+/// Removes locks older than 300 seconds. Nothing in the agent calls it.
+void CleanResourceLockTable_MSP();
+
+/// The next of the values 10, 20, ... 90, 10, ...; shared by all threads.
+int NextLockBackoff();
+
+/// Sleep(count / 1000): counts below 1000 only yield.
+void SleepMicroseconds(std::uint32_t count);
+
+/// Holds a resource lock for the life of this object.
+class ResourceLock {
+  public:
+    explicit ResourceLock(const void* resource) : resource_(resource) { SynchronizeResource_MSP(resource_); }
+    ~ResourceLock() { UnsynchronizeResource_MSP(resource_); }
+    ResourceLock(const ResourceLock&) = delete;
+    ResourceLock& operator=(const ResourceLock&) = delete;
+
+  private:
+    const void* resource_;
+};
+
+}  // namespace kv

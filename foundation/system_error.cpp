@@ -1,0 +1,1 @@
+#include "foundation/system_error.h"

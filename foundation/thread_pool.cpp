@@ -1,0 +1,1 @@
+#include "foundation/thread_pool.h"

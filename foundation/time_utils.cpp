@@ -1,0 +1,1 @@
+#include "foundation/time_utils.h"

@@ -1,0 +1,97 @@
+// The agent's one general list: singly linked, with a tail and a count. Its elements carry a type tag, so that texts,
+// nested lists and nested tables can be released with everything below them by one call.
+//
+// Ownership: the caller allocates a Vector with `new Vector{}` and each element with `new VectorElement{}`. Adding hands
+// the node over; deleting frees the node and never its value; FreeAllVector frees nodes, owned values and the Vector
+// itself.
+//
+// Operations marked locked hold the resource lock of the Vector's own address (foundation/resource_lock.h) while they
+// run and give it back on every path. The lock is not re-entrant. Indices are zero-based.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+namespace kv {
+
+/// What a value is, and with it who owns it. Shared by VectorElement and HashEntry.
+enum class ValueType : std::int32_t {
+    none = 0,      // not owned
+    boolean = 1,   // in the low byte
+    integer = 2,   // 32 bits
+    number = 3,    // floating-point number, cut to a 32-bit integer
+    text = 4,      // owned, NUL-terminated char16_t text made by CopyText (foundation/text.h)
+    vector = 5,    // Vector, freed by the FreeAll operations
+    table = 6,     // HashTable, freed by the FreeAll operations
+    other = 7,     // 64-bit integer of which the low half is kept
+};
+
+/// One machine word: a pointer or a scalar.
+using Word = std::uintptr_t;
+
+struct VectorElement {
+    Word value;
+    ValueType type;
+    VectorElement* next;
+};
+
+/// Order of two elements, as the sorted path of AddElement asks for it.
+using VectorComparator = int (*)(const VectorElement* element, const VectorElement* candidate);
+
+struct Vector {
+    VectorElement* head;
+    std::int32_t count;
+    VectorElement* tail;
+    VectorComparator compare;  // none in every Vector of the agent: elements stay in order of arrival
+};
+
+/// Empties the three fields and stores the function that compareRef points to, or none.
+void InitVector(Vector* vector, const VectorComparator* compareRef);
+
+/// Locked. Appends; 1. With a comparator the element goes to its sorted place; 0 when an equal one is there already (the
+/// node then stays the caller's).
+int AddElement(Vector* vector, VectorElement* element);
+
+/// Locked. 1, or 0 when index is outside 0..count (the node then stays the caller's).
+int InsertElementAt(Vector* vector, VectorElement* element, std::int32_t index);
+
+/// Locked. Unlinks and frees the node, by identity. 0 when the Vector is empty, else 1, found or not.
+int DeleteElement(Vector* vector, VectorElement* element);
+
+/// Locked. 1, or 0 when index is outside 0..count-1.
+int DeleteElementAt(Vector* vector, std::int32_t index);
+
+/// Locked. The element, or null when index is out of range. Linear.
+VectorElement* ElementAt(Vector* vector, std::int32_t index);
+
+/// The element n links after start, or null, also when n is outside 0..count-1. Takes no lock: the one walk that is safe
+/// inside it.
+VectorElement* GetNthElement(const Vector* vector, std::int32_t n, VectorElement* start);
+
+/// Appends every value of source to dest in nodes of type none: dest does not own what it shares. 1, or 99 when memory
+/// ran out; what was merged by then stays.
+int MergeVector(Vector* dest, Vector* source);
+
+/// Deletes the first element whose value is the given word.
+void DeleteLCDVector(Vector* vector, Word value);
+
+/// Locked. Frees the elements and their texts, not nested lists and tables, and leaves the Vector itself.
+void FreeVector(Vector* vector);
+
+/// Locked. Releases everything, nested lists and tables included, and the Vector. A null Vector is allowed.
+void FreeAllVector(Vector* vector);
+
+/// Bubble sort, by the key "order" of the tables that the elements hold.
+void SortVectorByOrder(Vector* vector);
+
+struct FreeAllVectorDeleter {
+    void operator()(Vector* vector) const { FreeAllVector(vector); }
+};
+
+/// Owns a Vector with everything below it.
+using VectorPtr = std::unique_ptr<Vector, FreeAllVectorDeleter>;
+
+/// A new, empty Vector without comparator.
+VectorPtr MakeVector();
+
+}  // namespace kv

@@ -1,0 +1,1 @@
+#include "jsontext/hash_json.h"

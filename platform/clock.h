@@ -1,0 +1,39 @@
+// Time: the wall clock, a tick count and sleep. Everything in the agent that waits or reads the time does it here, so
+// that a test can let hours pass at once.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+
+#include "platform/seam.h"
+
+namespace platform {
+
+/// A point of time in local time, split into its parts.
+struct LocalTime {
+    int year = 1970;  // full year
+    int month = 1;    // 1 to 12
+    int day = 1;      // 1 to 31
+    int hour = 0;
+    int minute = 0;
+    int second = 0;
+    int millisecond = 0;
+};
+
+struct ClockOperations {
+    /// Milliseconds since 1970, UTC.
+    std::function<std::int64_t()> GetSystemTimeMilliseconds;
+
+    /// Milliseconds since some fixed moment; never goes back.
+    std::function<std::uint64_t()> GetTickCount64;
+
+    /// Local time of a moment given in milliseconds since 1970.
+    std::function<LocalTime(std::int64_t millisecondsSince1970)> ToLocalTime;
+
+    /// Gives up the processor for the time; 0 only yields.
+    std::function<void(std::uint32_t milliseconds)> Sleep;
+};
+
+inline const ClockOperations& Clock() { return CurrentOperations<ClockOperations>(); }
+
+}  // namespace platform

@@ -1,0 +1,76 @@
+// The system error numbers that the agent sees and writes to its log, the same on every system.
+//
+// One list holds each number's enumerator, value and text; FormatMessageW (platform/messages.h) takes its texts from
+// here where the system has none of its own. Zero is success. A backend turns its system's own errors into these
+// numbers in one routine.
+#pragma once
+
+#include <cstdint>
+
+namespace platform {
+
+using Error = std::uint32_t;
+
+// clang-format off
+#define KV_SYSTEM_ERRORS(X)                                                                          \
+    X(success,                  0, "The operation completed successfully.")                          \
+    X(invalidFunction,          1, "Incorrect function.")                                            \
+    X(fileNotFound,             2, "The system cannot find the file specified.")                     \
+    X(pathNotFound,             3, "The system cannot find the path specified.")                     \
+    X(tooManyOpenFiles,         4, "The system cannot open the file.")                               \
+    X(accessDenied,             5, "Access is denied.")                                              \
+    X(invalidHandle,            6, "The handle is invalid.")                                         \
+    X(notEnoughMemory,          8, "Not enough memory resources are available to process this command.") \
+    X(badFormat,               11, "An attempt was made to load a program with an incorrect format.") \
+    X(invalidData,             13, "The data is invalid.")                                           \
+    X(outOfMemory,             14, "Not enough storage is available to complete this operation.")    \
+    X(notSameDevice,           17, "The system cannot move the file to a different disk drive.")     \
+    X(noMoreFiles,             18, "There are no more files.")                                       \
+    X(writeProtect,            19, "The media is write protected.")                                  \
+    X(writeFault,              29, "The system cannot write to the specified device.")               \
+    X(readFault,               30, "The system cannot read from the specified device.")              \
+    X(generalFailure,          31, "A device attached to the system is not functioning.")            \
+    X(sharingViolation,        32, "The process cannot access the file because it is being used by another process.") \
+    X(fileExists,              80, "The file exists.")                                               \
+    X(invalidParameter,        87, "The parameter is incorrect.")                                    \
+    X(diskFull,               112, "There is not enough space on the disk.")                         \
+    X(insufficientBuffer,     122, "The data area passed to a system call is too small.")            \
+    X(invalidName,            123, "The filename, directory name, or volume label syntax is incorrect.") \
+    X(directoryNotEmpty,      145, "The directory is not empty.")                                    \
+    X(busy,                   170, "The requested resource is in use.")                              \
+    X(alreadyExists,          183, "Cannot create a file when that file already exists.")            \
+    X(fileNameTooLong,        206, "The filename or extension is too long.")                         \
+    X(moreData,               234, "More data is available.")                                        \
+    X(waitTimeout,            258, "The wait operation timed out.")                                  \
+    X(noMoreItems,            259, "No more data is available.")                                     \
+    X(directoryName,          267, "The directory name is invalid.")                                 \
+    X(databaseCorrupt,       1015, "The registry is corrupted.")                                     \
+    X(keyDeleted,            1018, "Illegal operation attempted on a registry key that has been marked for deletion.") \
+    X(serviceControllerConnect, 1063, "The service process could not connect to the service controller.") \
+    X(hostNotFound,         11001, "No such host is known.")                                         \
+    X(winHttpTimeout,       12002, "The operation timed out.")                                       \
+    X(winHttpInternalError, 12004, "An internal error occurred in the HTTP transport.")              \
+    X(winHttpInvalidUrl,    12005, "The URL is invalid.")                                            \
+    X(winHttpUnrecognizedScheme, 12006, "The URL does not use a recognized protocol.")               \
+    X(winHttpNameNotResolved, 12007, "The server name or address could not be resolved.")            \
+    X(winHttpInvalidOption, 12009, "The option is invalid.")                                         \
+    X(winHttpLoginFailure,  12015, "The login request was denied.")                                  \
+    X(winHttpOperationCancelled, 12017, "The operation has been canceled.")                          \
+    X(winHttpIncorrectHandleType, 12018, "The supplied handle is the wrong type for the requested operation.") \
+    X(winHttpIncorrectHandleState, 12019, "The handle is in the wrong state for the requested operation.") \
+    X(winHttpCannotConnect, 12029, "A connection with the server could not be established.")         \
+    X(winHttpConnectionError, 12030, "The connection with the server was terminated abnormally.")    \
+    X(winHttpResendRequest, 12032, "The request must be resent.")                                    \
+    X(winHttpHeaderNotFound, 12150, "The requested header was not found.")                           \
+    X(winHttpInvalidServerResponse, 12152, "The server returned an invalid or unrecognized response.") \
+    X(winHttpSecureChannelError, 12157, "An error occurred in the secure channel support.")          \
+    X(winHttpSecureFailure, 12175, "A security error occurred.")
+// clang-format on
+
+namespace error {
+#define KV_DECLARE_ERROR(name, number, text) inline constexpr Error name = number;
+KV_SYSTEM_ERRORS(KV_DECLARE_ERROR)
+#undef KV_DECLARE_ERROR
+}  // namespace error
+
+}  // namespace platform

@@ -1,0 +1,115 @@
+// Files and directories. Paths are wide text with backslashes (slashes are taken too), absolute or relative to the
+// working directory.
+//
+// On Linux each backslash becomes a slash, and a path on drive "c:" lands in "drive_c/" of the state directory (other
+// letters likewise). Names are case-sensitive there, patterns are not.
+//
+// Results are system error numbers, 0 for success, unless a routine says otherwise. Callable from any thread; a handle
+// belongs to one thread at a time.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <string_view>
+
+#include "platform/errors.h"
+#include "platform/seam.h"
+
+namespace platform {
+
+struct FindData {
+    std::u16string fileName;  // without directory
+    bool isDirectory = false;
+};
+
+/// A search in progress; ended with FindClose. 0 is none.
+using FindHandle = std::uintptr_t;
+
+enum class FileAccess { read, write, readWrite, append };
+
+/// What others may do with the file while this handle is open. Kept by Windows; on Linux, where nothing enforces it,
+/// GetFileUseState answers the one question that rests on it.
+enum class FileShare { none, read };
+
+enum class FileDisposition {
+    openExisting,  // fileNotFound when missing
+    openAlways,    // create when missing
+    createAlways,  // create, or cut to length 0
+};
+
+/// An open file; closed with CloseHandle. 0 is none.
+using FileHandle = std::uintptr_t;
+
+/// Times are in the unit of Windows file times: 100 nanoseconds since 1601, UTC.
+struct FileInformation {
+    std::uint32_t attributes = 0;  // FILE_ATTRIBUTE bits: 1 read-only, 2 hidden, 4 system, 0x10 directory, 0x20 archive
+    std::uint64_t creationTime = 0;
+    std::uint64_t lastAccessTime = 0;
+    std::uint64_t lastWriteTime = 0;
+    std::uint64_t size = 0;  // bytes
+};
+
+struct FileOperations {
+    /// Starts a search for names that match a pattern with "*" and "?" in its last part, as Windows matches them: without
+    /// regard to case, "*.*" matches every name, "." and ".." come first when the pattern matches them. The rest come in
+    /// order of name. fileNotFound when nothing matches, pathNotFound when the directory does not exist.
+    std::function<Error(std::u16string_view pattern, FindData& first, FindHandle& search)> FindFirstFileW;
+
+    /// noMoreFiles at the end.
+    std::function<Error(FindHandle search, FindData& next)> FindNextFileW;
+    std::function<void(FindHandle search)> FindClose;
+
+    std::function<Error(std::u16string_view path, FileAccess access, FileShare share, FileDisposition disposition,
+                        FileHandle& file)>
+        CreateFileW;
+
+    /// Reads at most size bytes; read is 0 at the end of the file.
+    std::function<Error(FileHandle file, void* buffer, std::size_t size, std::size_t& read)> ReadFile;
+
+    /// Writes all bytes or fails: diskFull and the like. With FileAccess::append each write goes to the end of the file.
+    std::function<Error(FileHandle file, const void* data, std::size_t size)> WriteFile;
+
+    /// Moves to an absolute offset in bytes.
+    std::function<Error(FileHandle file, std::uint64_t offset)> SetFilePointerEx;
+    std::function<Error(FileHandle file, std::uint64_t& offset)> GetFilePointer;
+
+    std::function<Error(FileHandle file, std::uint64_t& size)> GetFileSizeEx;
+    std::function<Error(FileHandle file, FileInformation& information)> GetFileInformationByHandle;
+
+    /// Brings what was written to the disk itself.
+    std::function<Error(FileHandle file)> FlushFileBuffers;
+
+    std::function<Error(FileHandle file)> CloseHandle;
+
+    /// Copies a file over another, replacing it. The copy is complete or, after an error, may be partial.
+    std::function<Error(std::u16string_view from, std::u16string_view to)> CopyFileW;
+
+    /// Renames a file in one step. With replaceExisting an existing target is replaced, else alreadyExists.
+    std::function<Error(std::u16string_view from, std::u16string_view to, bool replaceExisting)> MoveFileExW;
+
+    std::function<Error(std::u16string_view path)> DeleteFileW;
+
+    /// Removes an empty directory.
+    std::function<Error(std::u16string_view path)> RemoveDirectoryW;
+
+    /// True when the path exists and is a directory.
+    std::function<bool(std::u16string_view path)> IsDirectory;
+
+    /// The three below give a C error number: 0 success, 2 no such path, 13 denied, 17 exists, 22 invalid.
+    std::function<int(std::u16string_view path)> wmkdir;
+    std::function<int(std::u16string_view path)> wchdir;
+    std::function<int(std::u16string& path)> wgetcwd;
+
+    /// Whether another open handle, in this process or any other, has the file open for writing: success when free,
+    /// sharingViolation when in use, else why that could not be found out.
+    std::function<Error(std::u16string_view path)> GetFileUseState;
+
+    /// The path in this system's own form, for a program that is told about the file.
+    std::function<std::u16string(std::u16string_view path)> NativePath;
+};
+
+inline const FileOperations& Files() { return CurrentOperations<FileOperations>(); }
+
+}  // namespace platform

@@ -1,0 +1,97 @@
+// The HTTP transport: the WinHTTP operations of one transaction. A session leads to a connection, a connection to a
+// request; each is closed with WinHttpCloseHandle, request first. Nothing is kept between sessions.
+//
+// Results are system error numbers, 0 for success; transport failures carry their WinHTTP numbers (12002 time-out, 12007
+// name not resolved, 12029 cannot connect, 12030 connection ended, 12152 invalid answer, 12175 security failure, and so
+// on). Different sessions may be used on different threads at once; one session belongs to one thread at a time.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "platform/errors.h"
+#include "platform/seam.h"
+
+namespace platform {
+
+/// A session, connection or request; 0 is none.
+using HttpHandle = std::uintptr_t;
+
+enum class HttpProxyAccess : std::uint32_t { noProxy = 1, namedProxy = 3 };
+
+/// WinHttpOpenRequest flags.
+inline constexpr std::uint32_t httpFlagBypassProxyCache = 0x100;
+inline constexpr std::uint32_t httpFlagSecure = 0x800000;
+
+/// Options of WinHttpSetOption and WinHttpQueryOption.
+enum class HttpOption : std::uint32_t {
+    connectTimeout = 3,     // milliseconds
+    securityFlags = 31,     // SecurityFlag bits
+    proxyUserName = 0x1002,
+    proxyPassword = 0x1003,
+};
+
+/// Bits of HttpOption::securityFlags.
+inline constexpr std::uint32_t ignoreUnknownAuthority = 0x100;
+inline constexpr std::uint32_t ignoreWrongUsage = 0x200;
+inline constexpr std::uint32_t ignoreInvalidCommonName = 0x1000;
+inline constexpr std::uint32_t ignoreInvalidDate = 0x2000;
+
+/// What WinHttpQueryHeaders is asked for.
+enum class HttpHeaderQuery : std::uint32_t {
+    rawHeadersCrlf = 0x16,
+    statusCodeNumber = 0x20000013,
+    contentLengthNumber = 0x20000005,
+};
+
+struct HttpOperations {
+    std::function<Error(std::u16string_view userAgent, HttpProxyAccess access,
+                        const std::optional<std::u16string>& proxyName,
+                        const std::optional<std::u16string>& proxyBypass, HttpHandle& session)>
+        WinHttpOpen;
+
+    /// Names the target; does not touch the network.
+    std::function<Error(HttpHandle session, std::u16string_view server, std::uint16_t port, HttpHandle& connection)>
+        WinHttpConnect;
+
+    /// The URL is a path and query as it stands; what the transport must encode (blanks, other control characters and
+    /// everything beyond ASCII, as UTF-8) it encodes, and keeps all else, escapes included. acceptTypes is one media range
+    /// or empty.
+    std::function<Error(HttpHandle connection, std::u16string_view verb, std::u16string_view url,
+                        std::u16string_view acceptTypes, std::uint32_t flags, HttpHandle& request)>
+        WinHttpOpenRequest;
+
+    /// Adds one header line, name, colon and value.
+    std::function<Error(HttpHandle request, std::u16string_view header)> WinHttpAddRequestHeaders;
+
+    std::function<Error(HttpHandle request, HttpOption option, std::uint32_t value)> WinHttpSetOptionNumber;
+    std::function<Error(HttpHandle request, HttpOption option, std::u16string_view value)> WinHttpSetOptionText;
+    std::function<Error(HttpHandle request, HttpOption option, std::uint32_t& value)> WinHttpQueryOption;
+
+    /// Sends the request with its body, if any. The data must stay valid until WinHttpReceiveResponse has returned.
+    std::function<Error(HttpHandle request, const std::byte* data, std::size_t size)> WinHttpSendRequest;
+
+    /// Waits for the answer's status and headers.
+    std::function<Error(HttpHandle request)> WinHttpReceiveResponse;
+
+    /// Raw headers: the size needed is given as text length; each line ends in CRLF, an empty line ends the whole.
+    std::function<Error(HttpHandle request, HttpHeaderQuery query, std::u16string& text)> WinHttpQueryHeadersText;
+    std::function<Error(HttpHandle request, HttpHeaderQuery query, std::uint32_t& number)> WinHttpQueryHeadersNumber;
+
+    /// Waits until body bytes are there and says how many; 0 at the end of the body. A body that ends before its
+    /// declared length is a winHttpConnectionError here or in WinHttpReadData, never a silent end.
+    std::function<Error(HttpHandle request, std::size_t& available)> WinHttpQueryDataAvailable;
+
+    /// Reads at most size bytes; read is 0 at the end of the body.
+    std::function<Error(HttpHandle request, std::byte* buffer, std::size_t size, std::size_t& read)> WinHttpReadData;
+
+    std::function<Error(HttpHandle handle)> WinHttpCloseHandle;
+};
+
+inline const HttpOperations& Http() { return CurrentOperations<HttpOperations>(); }
+
+}  // namespace platform

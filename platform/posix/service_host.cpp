@@ -1,0 +1,1 @@
+#include "platform/service_host.h"

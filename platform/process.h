@@ -1,0 +1,55 @@
+// Child processes, and the system's command interpreter.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "platform/errors.h"
+#include "platform/seam.h"
+
+namespace platform {
+
+/// A started child process; closed with CloseProcess. 0 is none.
+using ProcessHandle = std::uintptr_t;
+
+/// A script as the command interpreter is to run it.
+struct ScriptCommand {
+    std::u16string scriptHost;  // program and options that run the script, or empty: the script runs by itself
+    std::u16string path;        // the script, with backslashes
+    std::u16string arguments;   // separated by blanks; double quotes keep blanks together
+    std::optional<std::u16string> outputPath;  // where the standard output is appended, or none to drop it
+};
+
+enum class ScriptOutputEncoding { utf8, utf16LittleEndian };
+
+struct ProcessOperations {
+    /// The command line that makes this system's command interpreter run the script.
+    std::function<std::u16string(const ScriptCommand& command)> ComposeScriptLine;
+
+    /// What a script prints, by the host that runs it (ScriptCommand::scriptHost).
+    std::function<ScriptOutputEncoding(std::u16string_view scriptHost)> GetScriptOutputEncoding;
+
+    /// Starts a process from a command line that ComposeScriptLine made, without a window and without inheriting
+    /// anything, in the working directory given or, when empty, in this process's own. All that it starts belongs to it
+    /// and ends with TerminateProcess.
+    std::function<Error(std::u16string_view commandLine, std::u16string_view workingDirectory, ProcessHandle& process)>
+        CreateProcessW;
+
+    /// Waits for the process itself to end: success, waitTimeout when the time ran out, else why the wait failed.
+    std::function<Error(ProcessHandle process, std::uint32_t milliseconds)> WaitForSingleObject;
+
+    /// The exit code of a process that has ended.
+    std::function<Error(ProcessHandle process, std::uint32_t& exitCode)> GetExitCodeProcess;
+
+    /// Ends the process and everything it has started, at once.
+    std::function<Error(ProcessHandle process)> TerminateProcess;
+
+    std::function<void(ProcessHandle process)> CloseProcess;
+};
+
+inline const ProcessOperations& Processes() { return CurrentOperations<ProcessOperations>(); }
+
+}  // namespace platform

@@ -1,0 +1,1 @@
+#include "queryconf/query_config.h"

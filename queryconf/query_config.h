@@ -1,0 +1,18 @@
+// The query configuration files: what to collect, and how often. They are merged into gv_queryConfHash, one key per agent:
+// "WorkFlows", and "WorkFlows_<agent>" for each slave.
+#pragma once
+
+#include <optional>
+#include <string_view>
+
+namespace kv {
+
+/// Reads the agent's own file and, on a master agent, those of its slaves, then brings the schedule up. Called once.
+void LoadConfFiles();
+
+/// Reads one agent's file into the merged table, replacing that agent's key. agent is empty for this agent itself;
+/// fileName none means "..\conf\queryconf.txt". A file that is missing is restored from its backup first. A file that
+/// cannot be read or is malformed is logged, and the plan in use stays.
+void LoadQueryConfig(std::u16string_view agent, std::optional<std::u16string_view> fileName);
+
+}  // namespace kv

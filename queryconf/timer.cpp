@@ -1,0 +1,1 @@
+#include "queryconf/timer.h"

@@ -1,0 +1,74 @@
+// Named timers: lists of entries sorted by the time they are due, and the one thread that runs what is due, once a second.
+// All collection runs on that thread, under gv_timerMutex.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "foundation/text.h"
+#include "foundation/vector.h"
+#include "platform/threads.h"
+
+namespace kv {
+
+using TimerCallback = void (*)(void* argument);
+
+enum class TimerUnit : std::uint16_t { hours = 1, minutes = 2, seconds = 3 };
+
+struct TimerInterval {
+    std::int32_t* endTime = nullptr;  // always none
+    std::uint32_t interval = 0;       // in units
+    TimerUnit unit = TimerUnit::seconds;
+    std::int32_t repeatCount = -1;    // -1 for ever, 1 this run is the last, more counts down
+};
+
+struct TimerSchedule {
+    std::int32_t kind = 1;  // 1: repeat at an interval
+    TimerInterval detail;
+};
+
+struct TimerEntry {
+    std::u16string name;      // of its timer
+    std::uint32_t fireTime;   // seconds since 1970
+    TimerCallback callback;
+    std::int32_t* argument;   // owned by the job: freed with DeleteTimerEntryByName
+    std::uint32_t id;
+    TimerSchedule* schedule;  // shared by the successive entries of one job
+    TimerEntry* next;
+    TimerEntry* prev;
+};
+
+struct TimerList {
+    std::u16string name;
+    std::int16_t priority = 1;  // never read
+    TimerEntry* head = nullptr;
+    std::uint32_t nextId = 1;
+};
+
+/// Sets up the timer "DEFAULT"; 1.
+int InitTimerManager();
+
+/// A new, empty timer.
+void CreateTimer(std::u16string_view name, std::int16_t priority);
+
+void StartTimerThread();
+
+/// Adds a job; none means "DEFAULT". Its id, or 0 when no timer has that name or memory ran out (argument and schedule
+/// then stay the caller's). The argument and the schedule are handed over otherwise.
+std::uint32_t AddTimerTask(const OptionalText& timerName, std::uint32_t fireTime, TimerCallback callback,
+                           std::int32_t* argument, TimerSchedule* schedule, std::uint32_t id);
+
+/// Links an entry into a timer's list; its id, or 0 when no timer has that name.
+std::uint32_t AddTimerEntry(std::u16string_view timerName, TimerEntry* entry);
+
+/// Unlinks an entry, frees nothing.
+void RemoveTimerEntry(std::u16string_view timerName, TimerEntry* entry);
+
+/// Removes and frees all entries of a timer, after a pass in progress has ended; 1, or 0 when no timer has that name.
+int DeleteTimerEntryByName(const OptionalText& timerName);
+
+/// One pass: runs every entry that is due.
+void CheckTimers();
+
+}  // namespace kv

@@ -1,0 +1,71 @@
+#include "tests/support/test_agent.h"
+
+#include <cstdlib>
+#include <fstream>
+#include <memory>
+#include <sstream>
+
+#include "agent/entry.h"
+#include "agent/log_file.h"
+#include "foundation/agent_state.h"
+#include "foundation/log.h"
+#include "foundation/resource_lock.h"
+#include "platform/backend.h"
+#include "platform/utf.h"
+
+namespace kv::test {
+
+namespace fs = std::filesystem;
+
+void ResetAgentState() {
+    std::destroy_at(&agentState);
+    std::construct_at(&agentState);
+    InitAgentParams();
+}
+
+TestAgent::TestAgent() : formerDirectory_(fs::current_path()) {
+    std::string pattern = (fs::temp_directory_path() / "kvagent-test-XXXXXX").string();
+    folder = mkdtemp(pattern.data());
+    bin = folder / "monitoring" / "bin";
+    conf = folder / "monitoring" / "conf";
+    data = bin / "data";
+    zipdata = bin / "zipdata";
+    fs::create_directories(bin);
+    fs::create_directories(conf / "scripts");
+    fs::create_directories(folder / "monitoring" / "logs");
+    fs::create_directories(folder / "state");
+    setenv("KVAGENT_STATE_DIR", (folder / "state").c_str(), 1);
+    platform::InstallBackend();
+    fs::current_path(bin);
+    InitMutex();
+    InitResourceLockTable();
+    ResetAgentState();
+    agentState.gv_ocAgentBinPath = platform::WideFromUtf8(bin.string() + "\\");
+    RotateLogger(std::nullopt);
+    logState.gv_logLevel = 4;
+}
+
+TestAgent::~TestAgent() {
+    StopLogging();
+    logState.gv_logLevel = 0;
+    ResetAgentState();
+    fs::current_path(formerDirectory_);
+    std::error_code ignored;
+    fs::remove_all(folder, ignored);
+}
+
+std::string TestAgent::LogText() const { return Read(folder / "monitoring" / "logs" / "agent.log"); }
+
+void TestAgent::Write(const fs::path& path, std::string_view bytes) {
+    fs::create_directories(path.parent_path());
+    std::ofstream(path, std::ios::binary) << bytes;
+}
+
+std::string TestAgent::Read(const fs::path& path) {
+    std::ifstream file(path, std::ios::binary);
+    std::ostringstream bytes;
+    bytes << file.rdbuf();
+    return bytes.str();
+}
+
+}  // namespace kv::test

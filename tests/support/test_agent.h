@@ -1,0 +1,41 @@
+// An installed agent in a folder of its own, as a fixture.
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <string_view>
+
+#include <gtest/gtest.h>
+
+namespace kv::test {
+
+/// Makes a temporary folder with an install tree (monitoring/bin, conf, conf/scripts, logs) and a state directory, installs
+/// the real backend on it, changes to the bin directory, gives agentState its defaults and gv_ocAgentBinPath, and opens
+/// the log at level 4. All of it is undone and removed at the end.
+class TestAgent : public ::testing::Test {
+  protected:
+    TestAgent();
+    ~TestAgent() override;
+
+    /// Install tree: <folder>/monitoring.
+    std::filesystem::path folder;
+    std::filesystem::path bin;      // <folder>/monitoring/bin, the working directory
+    std::filesystem::path conf;     // <folder>/monitoring/conf
+    std::filesystem::path data;     // bin/data, not made
+    std::filesystem::path zipdata;  // bin/zipdata, not made
+
+    /// Everything logged so far, UTF-8.
+    std::string LogText() const;
+    bool Logged(std::string_view text) const { return LogText().find(text) != std::string::npos; }
+
+    static void Write(const std::filesystem::path& path, std::string_view bytes);
+    static std::string Read(const std::filesystem::path& path);
+
+  private:
+    std::filesystem::path formerDirectory_;
+};
+
+/// Puts agentState back to the program's defaults.
+void ResetAgentState();
+
+}  // namespace kv::test
