@@ -1,1 +1,181 @@
 #include "agent/entry.h"
+
+#include <cstdio>
+#include <new>
+#include <string>
+#include <string_view>
+
+#include "agent/log_file.h"
+#include "agent/main_thread.h"
+#include "agent/server_details.h"
+#include "agent/service.h"
+#include "foundation/agent_state.h"
+#include "foundation/log.h"
+#include "foundation/registry_store.h"
+#include "foundation/resource_lock.h"
+#include "foundation/system_error.h"
+#include "foundation/thread_pool.h"
+#include "platform/files.h"
+#include "platform/service_host.h"
+#include "platform/system_facts.h"
+
+namespace kv {
+
+namespace {
+
+constexpr std::u16string_view agentLog = u"..\\logs\\agent.log";
+constexpr std::u16string_view testMonitorLog = u"..\\logs\\testmonitor.log";
+
+// Two notes that differ by one letter: which one exists tells an administrator what went wrong before any log was open.
+constexpr std::u16string_view registryNote = u"c:\\test.txt";
+constexpr std::u16string_view memoryNote = u"c:\\text.txt";
+
+/// Appends to a file that stands in for the log before it is open. Nothing is written when it cannot be opened.
+void AppendNote(std::u16string_view path, std::string_view text) {
+    const platform::FileOperations& files = platform::Files();
+    platform::FileHandle note = 0;
+    if (files.CreateFileW(path, platform::FileAccess::append, platform::FileShare::read,
+                          platform::FileDisposition::openAlways, note) != platform::error::success) {
+        return;
+    }
+    files.WriteFile(note, text.data(), text.size());
+    files.CloseHandle(note);
+}
+
+/// False when there is no memory for the path.
+bool FindBinPath() {
+    OptionalText installDir;
+    if (GetKVAgentInstallDir(installDir) != platform::error::success || !installDir) {
+        AppendNote(registryNote, "Not able to fetch the KV Agent installation directory from the registry\n");
+        return true;
+    }
+    try {
+        agentState.gv_ocAgentBinPath = *installDir + u"monitoring\\bin\\";
+    } catch (const std::bad_alloc&) {
+        AppendNote(memoryNote, "Not able to allocate memory for gv_ocAgentBinPath\n");
+        return false;
+    }
+    return true;
+}
+
+bool IsWin2kOS() {
+    platform::SystemVersion version;
+    return platform::SystemFacts().GetVersionExW(version) == platform::error::success &&
+           version.family == platform::SystemFamily::nt && version.major == 5 && version.minor == 0;
+}
+
+int RunAsService() {
+    RotateLogger(agentLog);
+    agentState.gv_isWin2k = IsWin2kOS();
+    const platform::Error error = platform::ServiceHost().StartServiceCtrlDispatcherW(serviceName, ServiceMain);
+    if (error == platform::error::success) return 0;
+
+    Log1("Main : StartServiceCtrlDispatcher is failed to start due to the following error !!!\n");
+    LogSystemError(error);
+    agentState.gv_ocAgentBinPath.reset();
+    AppendNote(registryNote, "Entered into StartServiceCtrlDispatcher!\n" + std::to_string(error) + "\n");
+    std::fprintf(stderr,
+                 "MonitoringAgent: no service manager started this process (error %u); \"/t\" runs the agent here\n",
+                 error);
+    return 0;
+}
+
+int RunInstall() {
+    RotateLogger(agentLog);
+    Log3("Going to install service\n");
+    Install();
+    return 1;
+}
+
+int RunUnInstall() {
+    RotateLogger(agentLog);
+    Log3("Calling UN-INSTALL option\n");
+    UnInstall();
+    return 1;
+}
+
+[[noreturn]] void RunInConsole(std::u16string_view argument) {
+    RotateLogger(agentLog);
+    Log3("Going to work in command line %s\n", argument);
+    getCSDetails();
+    getProxyServerDetails();
+    CreateNewThread_MSP(InvokeMainThread, nullptr);
+    WaitForever();
+}
+
+int PrintConfiguration(std::u16string_view argument) {
+    RotateLogger(testMonitorLog);
+    Log3("Going to process test monitor %s\n", argument);
+    getCSDetails();
+    getProxyServerDetails();
+    ProcessTestMonitor();
+    StopLogging();
+    return 1;
+}
+
+int RefuseParameter(std::u16string_view argument) {
+    RotateLogger(agentLog);
+    Log3("Invalid parameter %s\n", argument);
+    agentState.gv_ocAgentBinPath.reset();
+    return 0;
+}
+
+}  // namespace
+
+void InitAgentParams() {
+    Log4("\t\n@@@@@ InitAgentParams Method @@@@@\n");
+    AgentState& state = agentState;
+    state.gv_ServerName.reset();
+    state.gv_ServerPort = 0;
+    state.gv_ServerIPAddress.reset();
+    state.gv_queryConfHash = nullptr;
+    state.gv_configInterval = 30;
+    state.gv_writeInterval = 300;
+    state.gv_MaxFilestobeSend = 1;
+    state.gv_MaxFilesInDir = 15;
+    state.gv_SysInfoInterval = 45;
+    state.gv_DataCollTmout = 360;
+    state.gv_collectData = 1;
+    state.gv_httpsEnabled = 1;
+    state.gv_httpTimeout = 30000;
+    state.gv_proxyEnabled.reset();
+    state.gv_proxyServerName.reset();
+    state.gv_proxyUserName.reset();
+    state.gv_proxyPassword.reset();
+    state.gv_proxyExceptionAddr = u"<local>";
+    state.gv_agentID.reset();
+    state.gv_agentDNS.reset();
+    state.gv_agentKey.publish(u"NULL");
+    state.gv_SNMPTimeout.publish(u"5");
+    state.gv_masterAgent = u"NO";
+    state.gv_timeDiff = 0;
+    state.gv_loadqueryconf = 0;
+    state.gv_agentRunFlag = 1;
+}
+
+void ProcessTestMonitor() {}
+
+int Main(int argc, char** argv) {
+    agentState.gv_ocAgentBinPath.reset();
+    InitMutex();
+    if (!FindBinPath()) return 0;
+    InitAgentParams();
+
+    if (!agentState.gv_ocAgentBinPath) {
+        // Every path of the agent hangs on this one, the log's too: without it there is nothing safe to do.
+        std::fprintf(stderr,
+                     "MonitoringAgent: no registry value KVAgentInstallDir, so there is no place to run from\n");
+        return 1;
+    }
+    if (argc < 2) return RunAsService();
+
+    std::u16string argument;
+    ChangeUtf8ToWideStr(argv[1], argument);
+    if (CompareIgnoreCase(argument, u"/i") == 0) return RunInstall();
+    if (CompareIgnoreCase(argument, u"/u") == 0) return RunUnInstall();
+    if (CompareIgnoreCase(argument, u"/t") == 0) RunInConsole(argument);
+    if (CompareIgnoreCase(argument, u"/monitor") == 0) return PrintConfiguration(argument);
+    return RefuseParameter(argument);
+}
+
+}  // namespace kv

@@ -1,1 +1,68 @@
 #include "agent/main_thread.h"
+
+#include <string>
+
+#include "agent/enrolment.h"
+#include "agent/service.h"
+#include "exchange/request_polling.h"
+#include "exchange/upload_pipeline.h"
+#include "foundation/agent_state.h"
+#include "foundation/log.h"
+#include "foundation/thread_pool.h"
+#include "foundation/time_utils.h"
+#include "platform/clock.h"
+#include "platform/files.h"
+#include "queryconf/query_config.h"
+
+namespace kv {
+
+namespace {
+
+std::u16string WorkingDirectory() {
+    std::u16string directory;
+    platform::Files().wgetcwd(directory);
+    return directory;
+}
+
+/// All relative paths of the agent rest on this. The agent runs on in whatever directory it started in when this fails.
+void EnterBinDirectory() {
+    constexpr const char* currentDirectory = "\t InvokeMainThread :: Current working directory %s \n";
+    const std::u16string path = agentState.gv_ocAgentBinPath.value_or(u"");
+    switch (platform::Files().wchdir(path)) {
+        case 0:
+            Log1(currentDirectory, WorkingDirectory());
+            return;
+        case 2:
+            Log1("\t InvokeMainThread :: Unable to locate the directory: %s\n", path);
+            break;
+        case 22:
+            Log1("\t InvokeMainThread :: Invalid Argument\n");
+            break;
+        default:
+            Log1("\t InvokeMainThread :: Unknown Error.\n");
+    }
+    Log3(currentDirectory, WorkingDirectory());
+}
+
+}  // namespace
+
+std::uint32_t InvokeMainThread(void* /*ignored*/) {
+    Log3("\tInside InvokeMainThread() %s %s \n", GetCurrDateString(), GetTimeString(1));
+    EnterBinDirectory();
+    InitLicenseParams();
+    if (agentState.gv_agentRunFlag == 1) {
+        LoadConfFiles();
+        CreateNewThread_MSP(RequestCentralServer, nullptr);
+        CreateNewThread_MSP(StripTxtFiles, nullptr);
+        WaitForever();
+    }
+    Log1("\t gv_agentRunFlag is set to FALSE. Shutting the agent service \n");
+    StopService();
+    return 0;
+}
+
+void WaitForever() {
+    while (true) platform::Clock().Sleep(1000);
+}
+
+}  // namespace kv

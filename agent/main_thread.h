@@ -12,7 +12,4 @@ std::uint32_t InvokeMainThread(void* ignored);
 /// Sleeps for ever.
 [[noreturn]] void WaitForever();
 
-/// Enrols the agent with its server; blocks until that is settled.
-void InitLicenseParams();
-
 }  // namespace kv
