@@ -28,9 +28,8 @@ class PublishedText {
         return text ? std::u16string_view(*text) : std::u16string_view();
     }
 
-    void publish(std::u16string_view text);
-    void publish(const std::optional<std::u16string>& text);
-    void publishNone() { current_.store(nullptr, std::memory_order_release); }
+    /// Replaces the text; std::nullopt makes it none.
+    void publish(std::optional<std::u16string_view> text);
 
   private:
     std::atomic<const std::u16string*> current_{nullptr};
