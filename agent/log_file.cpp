@@ -1,1 +1,168 @@
 #include "agent/log_file.h"
+
+#include <algorithm>
+#include <limits>
+#include <mutex>
+#include <utility>
+
+#include "foundation/agent_state.h"
+#include "foundation/log.h"
+#include "foundation/registry_store.h"
+#include "foundation/resource_lock.h"
+#include "platform/files.h"
+
+// RotateLogFile and all that it calls log nothing while the rotation lock is held: a line may start a rotation, and
+// that one would wait for the lock for ever.
+namespace kv {
+
+namespace {
+
+using platform::Files;
+namespace error = platform::error;
+
+constexpr std::uint32_t defaultMaxSize = 1000000;  // characters
+constexpr std::uint32_t defaultMaxFiles = 10;
+constexpr std::u16string_view logExtension = u".log";
+
+/// What becomes of the rotation lock when RotateLogFile returns.
+enum class RotationLock { released, kept };
+
+std::u16string_view StemOf(std::u16string_view path) { return path.substr(0, path.find(logExtension)); }
+
+/// The size of the log on the disk, made when missing; 4 GB and more count as just under 4 GB.
+platform::Error MeasureLog(std::uint32_t& size) {
+    platform::FileHandle file = 0;
+    platform::Error result =
+        Files().CreateFileW(logState.gv_logPath, platform::FileAccess::readWrite, platform::FileShare::none,
+                            platform::FileDisposition::openAlways, file);
+    if (result != error::success) return result;
+    std::uint64_t bytes = 0;
+    result = Files().GetFileSizeEx(file, bytes);
+    Files().CloseHandle(file);
+    size = static_cast<std::uint32_t>(std::min<std::uint64_t>(bytes, std::numeric_limits<std::uint32_t>::max()));
+    return result;
+}
+
+/// Closes the stream, so that no thread is left writing to it.
+void CloseStream() {
+    const std::lock_guard stream(logState.streamMutex);
+    if (const platform::FileHandle file = std::exchange(logState.gv_logFile, 0)) Files().CloseHandle(file);
+}
+
+bool StreamIsOpen() {
+    const std::lock_guard stream(logState.streamMutex);
+    return logState.gv_logFile != 0;
+}
+
+/// Moves the current log and its numbered elders one number up, from the oldest down, and drops those past the limit.
+/// A failed delete or rename leaves a gap in the numbers and nothing else.
+void ShiftLogFiles() {
+    const std::u16string_view path = logState.gv_logPath;
+    const std::uint32_t maxFiles = logState.gv_logMaxFiles;
+    for (int n = CountLogFiles(StemOf(path)); n >= 1; --n) {
+        const auto number = static_cast<std::uint32_t>(n);
+        const std::u16string target = LogFileNameAt(path, number);
+        if (number >= maxFiles) Files().DeleteFileW(target);
+        if (number > maxFiles) continue;
+        if (number == 1) CloseStream();
+        Files().MoveFileExW(number == 1 ? std::u16string(path) : LogFileNameAt(path, number - 1), target, false);
+    }
+}
+
+RotationLock RotateWhileLocked(std::uint32_t count) {
+    const std::uint32_t bytes = logState.gv_logBytes;
+    const std::uint32_t maxSize = logState.gv_logMaxSize;
+    // Another thread has rotated in the meantime. The lock stays held here and where the log cannot be measured, unlike
+    // on the normal way out: this is how the agent behaves, and its price is that the next rotation waits for ever.
+    if (bytes != 0 && maxSize != 0 && bytes < maxSize) return RotationLock::kept;
+    if (logState.gv_logPath.empty()) return RotationLock::released;
+    if (count == 0) {
+        if (MeasureLog(count) != error::success) return RotationLock::kept;
+        logState.gv_logBytes = count;
+    }
+    if (count > maxSize) {
+        ShiftLogFiles();
+        logState.gv_logBytes = 0;
+    }
+    if (!StreamIsOpen()) OpenLogFile(logState.gv_logPath);
+    return RotationLock::released;
+}
+
+}  // namespace
+
+int RotateLogFile(std::uint32_t count) {
+    SynchronizeResource_MSP(&logState.gv_logFile);
+    RotationLock lock = RotationLock::released;
+    try {
+        lock = RotateWhileLocked(count);
+    } catch (const std::bad_alloc&) {
+        // The rotation is tried again at the next line.
+    }
+    if (lock == RotationLock::released) UnsynchronizeResource_MSP(&logState.gv_logFile);
+    return 0;
+}
+
+int OpenLogFile(std::u16string_view path) {
+    platform::FileHandle file = 0;
+    const platform::Error result = Files().CreateFileW(path, platform::FileAccess::append, platform::FileShare::read,
+                                                       platform::FileDisposition::openAlways, file);
+    logState.gv_logOpenFailed = result == error::success ? 0 : 1;
+    if (result == error::notEnoughMemory) return 99;
+    const std::lock_guard stream(logState.streamMutex);
+    logState.gv_logFile = file;
+    return 1;
+}
+
+int CountLogFiles(std::u16string_view stem) {
+    platform::FindData found;
+    platform::FindHandle search = 0;
+    if (Files().FindFirstFileW(std::u16string(stem) + u"*.*", found, search) != error::success) return -1;
+    int count = 1;
+    while (Files().FindNextFileW(search, found) == error::success) ++count;
+    Files().FindClose(search);
+    return count;
+}
+
+std::u16string LogFileNameAt(std::u16string_view path, std::uint32_t number) {
+    return std::u16string(StemOf(path)) + DecimalText(number) + std::u16string(logExtension);
+}
+
+void ReadLogLevel() {
+    std::uint32_t level = 1;
+    if (GetAgentLogLevel(level) != error::success) level = 1;
+    logState.gv_logLevel = level;
+}
+
+void RotateLogger(std::optional<std::u16string_view> name) {
+    ReadLogLevel();
+    const std::u16string binPath = agentState.gv_ocAgentBinPath.value_or(u"");
+    Files().wmkdir(binPath + u"..\\logs");
+    logState.gv_logBytes = 0;
+    logState.gv_logMaxFiles = defaultMaxFiles;
+    logState.gv_logMaxSize = defaultMaxSize;
+    logState.gv_logPath = binPath + std::u16string(name.value_or(u"..\\logs\\agent.log"));
+    logState.rotate = RotateLogFile;
+    RotateLogFile(0);
+    // The configured limits hold from here on; the rotation at start goes by the defaults.
+    std::uint32_t maxSize = defaultMaxSize;
+    std::uint32_t maxFiles = defaultMaxFiles;
+    GetLoggerMaxSize(maxSize);
+    GetLoggerMaxFiles(maxFiles);
+    logState.gv_logMaxSize = maxSize;
+    logState.gv_logMaxFiles = maxFiles;
+    Log1(
+        "==================================================STARTING MONITORING "
+        "AGENT==================================================\n");
+    Log1("\tRotateLogger : LoggerMaxFiles %d\n", maxFiles);
+    Log1("\tRotateLogger : LoggerMaxSize %ld bytes .\n", maxSize);
+}
+
+void StopLogging() {
+    if (!StreamIsOpen()) return;
+    Log1(
+        "=============================================LOGGING "
+        "STOPPED==============================================\n");
+    CloseStream();
+}
+
+}  // namespace kv

@@ -1,1 +1,227 @@
 #include "agent/server_details.h"
+
+#include "agent/log_file.h"
+#include "foundation/agent_state.h"
+#include "foundation/host_utils.h"
+#include "foundation/log.h"
+#include "foundation/proxy_password.h"
+#include "foundation/registry_store.h"
+#include "foundation/text.h"
+
+namespace kv {
+
+namespace {
+
+using platform::Error;
+namespace error = platform::error;
+
+constexpr std::int32_t requiredValueMissing = error::invalidData;
+
+/// True when a read went well; else leaves its failure line.
+bool Fetched(Error result, const char* failureLine) {
+    if (result == error::success) return true;
+    Log1(failureLine);
+    return false;
+}
+
+bool Fetched(bool found, const char* failureLine) {
+    return Fetched(found ? error::success : error::invalidData, failureLine);
+}
+
+/// Reads a text that is published; after a failure it is none.
+Error Publish(PublishedText& field, Error (*read)(OptionalText&)) {
+    OptionalText text;
+    const Error result = read(text);
+    field.publish(text);
+    return result;
+}
+
+Error ReadServerPort() {
+    OptionalText text;
+    const Error result = GetKVServerSecurePort(text);
+    if (result != error::success) return result;
+    agentState.gv_ServerPort = ParseDecimal(text.value_or(u""));
+    if (agentState.gv_ServerPort < 1 || agentState.gv_ServerPort > 65535)
+        Log1("\t getCSDetails() :: KVServerSecurePort is no port number : %s\n", text);
+    return result;
+}
+
+/// False at the first required value that is missing; the later ones are then not read.
+bool ReadServer() {
+    AgentState& state = agentState;
+    if (!Fetched(GetKVServerName(state.gv_ServerName),
+                 "\t getCSDetails() :: Not able to fetch the KVServerName. gv_ServerName updated with NULL value\n"))
+        return false;
+    if (!Fetched(GetKVServerFlatName(state.gv_ServerFlatName),
+                 "\t getCSDetails() :: Not able to fetch the KVServerFlatName. gv_ServerFlatName updated with NULL "
+                 "value\n"))
+        return false;
+    constexpr const char* addressMissing =
+        "\t getCSDetails() :: Not able to fetch the KVServerIPAddress. gv_ServerIPAddress file is updated with NULL "
+        "value\n";
+    if (!Fetched(GetKVServerIPAddress(state.gv_ServerIPAddress), addressMissing)) return false;
+    Fetched(GetKVServerSecIPAddress(state.gv_ServerSecIPAddress), addressMissing);  // optional
+    if (!Fetched(ReadServerPort(),
+                 "\t getCSDetails() :: Not able to fetch the KVServerPort. gv_ServerPort is not updated \n"))
+        return false;
+    if (!Fetched(GetCustomerName(state.gv_custID),
+                 "\t getCSDetails() :: Not able to fetch the CustomerName. gv_custID is not updated \n"))
+        return false;
+    if (!Fetched(Publish(state.gv_LastAccessName, GetKVLastAccessName),
+                 "\t getCSDetails() :: Not able to fetch the KVLastAccessName. gv_LastAccessName updated with NULL "
+                 "value\n"))
+        return false;
+    return Fetched(GetRemoteOfficeName(state.gv_remoteOfficeName),
+                   "\t getCSDetails() :: Not able to fetch the RemoteOfficeName. gv_remoteOfficeName is not updated "
+                   "\n");
+}
+
+/// Protocol, key and master flag; each has a fallback.
+void ReadProtocolAndKey() {
+    AgentState& state = agentState;
+    OptionalText protocol;
+    if (Fetched(GetKVServerProtocol(protocol),
+                "\t getCSDetails() :: Not able to fetch the KVServerProtocol. Protocol is set to default value -- "
+                "HTTPS \n"))
+        state.gv_httpsEnabled = CompareIgnoreCase(protocol, u"https") == 0 ? 1 : 0;
+    else
+        state.gv_httpsEnabled = 1;
+    // The line says NULL; the value is the sign, for the enrolment, that no key exists yet.
+    if (!Fetched(Publish(state.gv_agentKey, GetOCAgentKey),
+                 "\t getCSDetails() :: Not able to fetch the GetOCAgentKey and assign it to gv_agentKey. Assigning "
+                 "NULL value\n"))
+        state.gv_agentKey.publish(u"HUBCENTER");
+    if (!Fetched(GetMasterAgent(state.gv_masterAgent),
+                 "\t getCSDetails() :: Not able to fetch the MasterAgent Flag and assign it to gv_masterAgent. "
+                 "Assigning default value\n"))
+        state.gv_masterAgent = u"NO";
+}
+
+/// False at the first name or address of this computer that is not to be had.
+bool ReadComputer() {
+    return Fetched(GetLocalComputerName(agentState.gv_agentID),
+                   "\t getCSDetails :: Not able to fetch the GetLocalComputerName and assign it to gv_agentID\n") &&
+           Fetched(GetComputerNameWithDNS(agentState.gv_agentDNS),
+                   "\t getCSDetails :: Not able to fetch the GetComputerNameWithDNS and assign it to gv_agentDNS\n") &&
+           Fetched(GetLocalIPAddr(agentState.gv_localIPAddress),
+                   "\t getCSDetails :: Not able to fetch the GetLocalIPAddress and assign it to gv_localIPAddress\n");
+}
+
+/// A number accessor never fails; it has put its fallback there by itself.
+std::int32_t Number(Error (*read)(std::uint32_t&)) {
+    std::uint32_t number = 0;
+    read(number);
+    return static_cast<std::int32_t>(number);
+}
+
+void ReadNumbers() {
+    agentState.gv_configInterval = Number(GetConfigInterval);
+    agentState.gv_writeInterval = Number(GetWriteInterval);
+    agentState.gv_MaxFilesInDir = Number(GetMaxFilesInDir);
+    agentState.gv_MaxFilestobeSend = Number(GetMaxFilestobeSend);
+    agentState.gv_SysInfoInterval = Number(GetSysInfoInterval);
+    agentState.gv_DataCollTmout = Number(GetDataCollectionTimeout);
+}
+
+void PrintDetails() {
+    const AgentState& state = agentState;
+    Log2("\t getCSDetails() :: CS name : %s\n", state.gv_ServerName);
+    Log2("\t getCSDetails() :: CS flat name : %s\n", state.gv_ServerFlatName);
+    Log2("\t getCSDetails() :: CS IP address : %s\n", state.gv_ServerIPAddress);
+    Log2("\t getCSDetails() :: CS secondary IP address : %s\n", state.gv_ServerSecIPAddress);
+    Log2("\t getCSDetails() :: CS port : %d\n", state.gv_ServerPort);
+    Log2("\t getCSDetails() :: customer name : %s\n", state.gv_custID);
+    Log2("\t getCSDetails() :: last access name : %s\n", state.gv_LastAccessName);
+    Log2("\t getCSDetails() :: remote office name : %s\n", state.gv_remoteOfficeName);
+    Log2("\t getCSDetails() :: https enabled : %d\n", state.gv_httpsEnabled);
+    Log2("\t getCSDetails() :: agent key : %s\n", state.gv_agentKey);
+    Log2("\t getCSDetails() :: master agent : %s\n", state.gv_masterAgent);
+    Log2("\t getCSDetails() :: agent ID : %s\n", state.gv_agentID);
+    Log2("\t getCSDetails() :: agent DNS : %s\n", state.gv_agentDNS);
+    Log2("\t getCSDetails() :: local IP address : %s\n", state.gv_localIPAddress);
+    Log2("\t getCSDetails() :: resource ID : %s\n", state.gv_kvAgentResourceID);
+    Log2("\t getCSDetails() :: gv_configInterval : %d\n", state.gv_configInterval);
+    Log2("\t getCSDetails() :: gv_writeInterval : %d\n", state.gv_writeInterval);
+    Log2("\t getCSDetails() :: gv_MaxFilesInDir : %d\n", state.gv_MaxFilesInDir);
+    Log2("\t getCSDetails() :: gv_MaxFilestobeSend : %d\n", state.gv_MaxFilestobeSend);
+    Log2("\t getCSDetails() :: gv_SysInfoInterval : %d\n", state.gv_SysInfoInterval);
+    Log2(" \tgetCSDetails() :: gv_DataCollTmout : %d\n", state.gv_DataCollTmout);
+}
+
+bool ProxyIsEnabled() { return CompareIgnoreCase(agentState.gv_proxyEnabled, u"yes") == 0; }
+
+void ReadProxy() {
+    Fetched(GetProxyServerName(agentState.gv_proxyServerName),
+            "\t Error in fetching the proxy server name from the registry. gv_proxyServerName is not updated\n");
+    Fetched(GetProxyUserName(agentState.gv_proxyUserName),
+            "\t Error in fetching the proxy user name from the registry. gv_proxyUserName is not updated\n");
+    Fetched(GetProxyByPass(agentState.gv_proxyExceptionAddr),
+            "\t Error in fetching the proxy by pass list from the registry. gv_proxyExceptionAddr is not updated\n");
+    OptionalText encoded;
+    agentState.gv_proxyPassword.reset();
+    if (GetProxyPassword(encoded) == error::success && encoded) agentState.gv_proxyPassword = DecodeBase64(*encoded);
+}
+
+}  // namespace
+
+std::int32_t getCSDetails() {
+    Log3("\t Inside getCSDetails() \n");
+    if (!ReadServer()) return requiredValueMissing;
+    ReadProtocolAndKey();
+    if (!ReadComputer()) return requiredValueMissing;
+    Fetched(GetKVAgentResourceID(agentState.gv_kvAgentResourceID),
+            "\t getCSDetails :: Not able to fetch the KVAgentResourceID.\n");
+    ReadNumbers();
+    PrintDetails();
+    return 0;
+}
+
+void getProxyServerDetails() {
+    Log3("\t Inside getProxyServerDetails() \n");
+    if (EnsureCryptoKeys())
+        Log3("\t getProxyServerDetails() :: Cryptographic client ok\n");
+    else
+        Log3("\t getProxyServerDetails() :: Cryptographic client error\n");
+    if (GetProxyEnabled(agentState.gv_proxyEnabled) != error::success) agentState.gv_proxyEnabled = u"NO";
+    if (ProxyIsEnabled())
+        ReadProxy();
+    else
+        Log3("\t getProxyServerDetails() :: proxy is not enabled \n");
+    Log2("\t getProxyServerDetails() :: proxy server Enabled : %s\n", agentState.gv_proxyEnabled);
+    Log2("\t getProxyServerDetails() :: proxy server name : %s\n", agentState.gv_proxyServerName);
+    Log2("\t getProxyServerDetails() :: proxy user name : %s\n", agentState.gv_proxyUserName);
+    Log2("\t getProxyServerDetails() :: proxy ByPass : %s\n", agentState.gv_proxyExceptionAddr);
+}
+
+void FreeAllResources() {
+    Log1("\t Inside FreeAllResources() \n");
+    FreeCSDetails();
+    FreeProxyDetails();
+    FreeAllHashTable(agentState.gv_queryConfHash);
+    agentState.gv_queryConfHash = nullptr;
+    StopLogging();
+}
+
+void FreeCSDetails() {
+    Log3("\t Inside FreeCSDetails() \n");
+    AgentState& state = agentState;
+    for (OptionalText* text :
+         {&state.gv_ServerName, &state.gv_ServerIPAddress, &state.gv_ServerSecIPAddress, &state.gv_custID,
+          &state.gv_agentID, &state.gv_agentDNS, &state.gv_ServerFlatName, &state.gv_localIPAddress,
+          &state.gv_masterAgent, &state.gv_kvAgentResourceID, &state.gv_remoteOfficeName, &state.gv_ocAgentBinPath})
+        text->reset();
+    for (PublishedText* text : {&state.gv_agentKey, &state.gv_SNMPTimeout, &state.gv_LastAccessName})
+        text->publish(std::nullopt);
+}
+
+void FreeProxyDetails() {
+    Log3("\t Inside FreeProxyDetails() \n");
+    if (ProxyIsEnabled()) {
+        for (OptionalText* text : {&agentState.gv_proxyServerName, &agentState.gv_proxyUserName,
+                                   &agentState.gv_proxyPassword, &agentState.gv_proxyExceptionAddr})
+            text->reset();
+    }
+    agentState.gv_proxyEnabled.reset();
+}
+
+}  // namespace kv

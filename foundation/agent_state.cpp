@@ -1,1 +1,7 @@
 #include "foundation/agent_state.h"
+
+namespace kv {
+
+AgentState agentState;
+
+}  // namespace kv

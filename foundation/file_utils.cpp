@@ -1,1 +1,187 @@
 #include "foundation/file_utils.h"
+
+#include <array>
+#include <exception>
+#include <utility>
+
+#include "foundation/log.h"
+#include "platform/clock.h"
+#include "platform/files.h"
+
+namespace kv {
+
+namespace {
+
+using platform::Error;
+using platform::FileAccess;
+using platform::FileDisposition;
+using platform::Files;
+using platform::FileShare;
+namespace error = platform::error;
+
+constexpr std::uint32_t busyFilePause = 250;  // milliseconds
+
+/// An open file that is closed on every path.
+class OpenFile {
+  public:
+    OpenFile() = default;
+    ~OpenFile() { Close(); }
+    OpenFile(const OpenFile&) = delete;
+    OpenFile& operator=(const OpenFile&) = delete;
+
+    Error Open(std::u16string_view path, FileAccess access, FileShare share, FileDisposition disposition) {
+        return Files().CreateFileW(path, access, share, disposition, handle_);
+    }
+    Error Close() {
+        const platform::FileHandle closing = std::exchange(handle_, 0);
+        return closing == 0 ? error::success : Files().CloseHandle(closing);
+    }
+    platform::FileHandle handle() const { return handle_; }
+
+  private:
+    platform::FileHandle handle_ = 0;
+};
+
+/// Removes one entry of a directory; true when that went well.
+bool DeleteEntry(std::u16string_view directory, const platform::FindData& entry) {
+    if (entry.isDirectory && (entry.fileName == u"." || entry.fileName == u"..")) return true;
+    const std::u16string child = std::u16string(directory) + u"\\" + entry.fileName;
+    if (entry.isDirectory) return DeleteDirectoryRecursively(child) == 1;
+    return Files().DeleteFileW(child) == error::success;
+}
+
+Error ReadToEnd(platform::FileHandle file, std::string& content) {
+    std::array<char, 16384> buffer;
+    std::uint64_t size = 0;
+    if (Files().GetFileSizeEx(file, size) == error::success) content.reserve(size);
+    while (true) {
+        std::size_t read = 0;
+        const Error result = Files().ReadFile(file, buffer.data(), buffer.size(), read);
+        if (result != error::success || read == 0) return result;
+        content.append(buffer.data(), read);
+    }
+}
+
+Error WriteAndFlush(std::u16string_view path, std::string_view bytes) {
+    OpenFile file;
+    if (const Error result = file.Open(path, FileAccess::write, FileShare::none, FileDisposition::createAlways))
+        return result;
+    if (const Error result = Files().WriteFile(file.handle(), bytes.data(), bytes.size())) return result;
+    if (const Error result = Files().FlushFileBuffers(file.handle())) return result;
+    return file.Close();
+}
+
+}  // namespace
+
+int DeleteDirectoryRecursively(std::u16string_view path) {
+    Log3("\t Inside DeleteDirectoryRecursively() \n");
+    platform::FindData entry;
+    platform::FindHandle search = 0;
+    if (Files().FindFirstFileW(std::u16string(path) + u"\\*", entry, search) != error::success) {
+        Log1("\t DeleteDirectoryRecursively :: Invalid File Handle, path : %s \n", path);
+        return 1;
+    }
+    int result = 1;
+    // The first entry is the directory's own "." and is not looked at.
+    while (Files().FindNextFileW(search, entry) == error::success) {
+        if (!DeleteEntry(path, entry)) result = 0;
+    }
+    Files().FindClose(search);
+    if (Files().RemoveDirectoryW(path) != error::success) result = 0;
+    return result;
+}
+
+bool CheckFileExists(std::u16string_view path) {
+    Log4("\t Inside CheckFileExists() \n");
+    platform::FindData entry;
+    platform::FindHandle search = 0;
+    if (const Error result = Files().FindFirstFileW(path, entry, search)) {
+        Log1("CheckFileExists -> Invalid File Handle. %d \n", result);
+        return false;
+    }
+    Files().FindClose(search);
+    return true;
+}
+
+bool IsDirectory(std::u16string_view path) { return Files().IsDirectory(path); }
+
+int fileExists(std::u16string_view fileName) {
+    Log4("\t Inside fileExists() \n");
+    if (IsDirectory(fileName)) {
+        Log1("\t fileExists() :: Directory doesnot exists\n");
+        return 0;
+    }
+    OpenFile file;
+    return file.Open(fileName, FileAccess::read, FileShare::read, FileDisposition::openExisting) == error::success ? 1
+                                                                                                                   : 0;
+}
+
+int GetZipFileCount(std::u16string_view pattern) {
+    Log3("\t Inside GetZipFileCount() \n");
+    platform::FindData entry;
+    platform::FindHandle search = 0;
+    if (const Error result = Files().FindFirstFileW(std::u16string(pattern) + u".zip", entry, search)) {
+        Log1("\t GetZipFileCount : Invalid File Handle. Error is %u", result);
+        return 0;
+    }
+    int count = 1;
+    Error result = error::success;
+    while ((result = Files().FindNextFileW(search, entry)) == error::success) ++count;
+    if (result != error::noMoreFiles) Log1("\t GetZipFileCount - FindNextFile Error. Error is %u \n", result);
+    Files().FindClose(search);
+    return count;
+}
+
+FileUse IsFileisOpen(std::u16string_view path) {
+    Log4("\t Inside IsFileisOpen() \n");
+    const Error result = Files().GetFileUseState(path);
+    if (result == error::success) return FileUse::free;
+    if (result == error::sharingViolation) {
+        platform::Clock().Sleep(busyFilePause);
+        return FileUse::inUse;
+    }
+    Log1(" IsFileisOpen :: Error Occured [%d]\n", result);
+    return FileUse::unknown;
+}
+
+Error ReadWholeFile(std::u16string_view path, std::string& content) {
+    Log4("\t Inside ReadWholeFile() \n");
+    content.clear();
+    OpenFile file;
+    if (const Error result = file.Open(path, FileAccess::read, FileShare::read, FileDisposition::openExisting))
+        return result;
+    try {
+        return ReadToEnd(file.handle(), content);
+    } catch (const std::exception&) {  // larger than memory
+        return error::notEnoughMemory;
+    }
+}
+
+Error WriteCompleteFile(std::u16string_view path, std::u16string_view temporaryPath, std::string_view bytes) {
+    Log4("\t Inside WriteCompleteFile() \n");
+    Error result = WriteAndFlush(temporaryPath, bytes);
+    if (result == error::success) result = Files().MoveFileExW(temporaryPath, path, true);
+    if (result != error::success) Files().DeleteFileW(temporaryPath);
+    return result;
+}
+
+std::string Utf16LittleEndianBytes(std::u16string_view text) {
+    std::string bytes(text.size() * 2, '\0');
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        bytes[2 * i] = static_cast<char>(text[i] & 0xFF);
+        bytes[2 * i + 1] = static_cast<char>(text[i] >> 8);
+    }
+    return bytes;
+}
+
+std::u16string TextFromUtf16LittleEndian(std::string_view bytes) {
+    std::u16string text(bytes.size() / 2, u'\0');
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const auto low = static_cast<unsigned char>(bytes[2 * i]);
+        const auto high = static_cast<unsigned char>(bytes[2 * i + 1]);
+        text[i] = static_cast<char16_t>(low | high << 8);
+    }
+    return text;
+}
+
+}  // namespace kv

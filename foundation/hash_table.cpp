@@ -1,1 +1,208 @@
 #include "foundation/hash_table.h"
+
+#include <algorithm>
+#include <new>
+
+#include "foundation/text.h"
+
+namespace kv {
+
+namespace {
+
+HashEntry* FirstEntry(const HashTable* table, std::u16string_view key) { return table->buckets[HashOfKey(table, key)]; }
+
+bool HasKey(const HashEntry* entry, std::u16string_view key) { return entry->key && key == entry->key; }
+
+/// The word to store: a copy for a text, the value itself for all else. False when memory ran out.
+bool StoredValue(Word& value, ValueType type) {
+    if (type != ValueType::text || value == 0) return true;
+    const char16_t* copy = CopyText(reinterpret_cast<const char16_t*>(value));
+    value = reinterpret_cast<Word>(copy);
+    return copy != nullptr;
+}
+
+void FreeTextOf(Word value, ValueType type) {
+    if (type == ValueType::text) FreeText(reinterpret_cast<char16_t*>(value));
+}
+
+/// Gives an entry without a key its key and value; false when memory ran out.
+bool FillEntry(HashEntry* entry, std::u16string_view key, Word value, ValueType type) {
+    if (!StoredValue(value, type)) return false;
+    char16_t* keyCopy = CopyText(key);
+    if (!keyCopy) {
+        FreeTextOf(value, type);
+        return false;
+    }
+    entry->key = keyCopy;
+    entry->value = value;
+    entry->type = type;
+    return true;
+}
+
+/// Frees every entry of a table and the table; releaseValue gets each value with its type.
+template <class Release>
+void FreeTable(HashTable* table, Release releaseValue) {
+    for (std::int32_t i = 0; i < table->size; ++i) {
+        for (HashEntry* entry = table->buckets[i]; entry;) {
+            HashEntry* next = entry->next;
+            if (entry->key) releaseValue(entry->value, entry->type);
+            FreeText(entry->key);
+            delete entry;
+            entry = next;
+        }
+    }
+    delete[] table->buckets;
+    delete table;
+}
+
+void FreeValueOf(Word value, ValueType type) {
+    if (type == ValueType::vector)
+        FreeAllVector(reinterpret_cast<Vector*>(value));
+    else if (type == ValueType::table)
+        FreeAllHashTable(reinterpret_cast<HashTable*>(value));
+    else
+        FreeTextOf(value, type);
+}
+
+}  // namespace
+
+std::int32_t HashOfKey(const HashTable* table, std::u16string_view key) {
+    std::int64_t hash = 0;
+    for (const char16_t character : key) hash = (hash * 26 + character) % table->size;
+    return static_cast<std::int32_t>(hash);
+}
+
+int InitHashTable(HashTable* table, std::int32_t size) {
+    table->size = std::max(size, 1);
+    table->buckets = new (std::nothrow) HashEntry* [static_cast<std::size_t>(table->size)] {};
+    if (!table->buckets) return 0;
+    for (std::int32_t i = 0; i < table->size; ++i) {
+        table->buckets[i] = new (std::nothrow) HashEntry{};
+        if (table->buckets[i]) continue;
+        while (i-- > 0) delete table->buckets[i];
+        delete[] table->buckets;
+        table->buckets = nullptr;
+        return 0;
+    }
+    return 1;
+}
+
+int PutHashValue(HashTable* table, std::u16string_view key, Word value, ValueType type) {
+    HashEntry* entry = FirstEntry(table, key);
+    if (!entry->key) return FillEntry(entry, key, value, type) ? 1 : 0;
+    while (!HasKey(entry, key) && entry->next) entry = entry->next;
+    if (HasKey(entry, key)) {
+        if (!StoredValue(value, type)) return 0;
+        // The replaced value is not released: callers keep pointers to values that they have read.
+        entry->value = value;
+        entry->type = type;
+        return 1;
+    }
+    HashEntry* added = new (std::nothrow) HashEntry{};
+    if (!added) return 0;
+    if (!FillEntry(added, key, value, type)) {
+        delete added;
+        return 0;
+    }
+    entry->next = added;
+    return 1;
+}
+
+int PutHashText(HashTable* table, std::u16string_view key, std::u16string_view text) {
+    const std::u16string terminated(text);
+    return PutHashValue(table, key, reinterpret_cast<Word>(terminated.c_str()), ValueType::text);
+}
+
+HashEntry* GetHashEntry(const HashTable* table, std::u16string_view key) {
+    for (HashEntry* entry = FirstEntry(table, key); entry; entry = entry->next) {
+        if (HasKey(entry, key)) return entry;
+    }
+    return nullptr;
+}
+
+Word GetHashValue(const HashTable* table, std::u16string_view key) {
+    const HashEntry* entry = GetHashEntry(table, key);
+    return entry ? entry->value : 0;
+}
+
+const char16_t* GetHashText(const HashTable* table, std::u16string_view key) {
+    const HashEntry* entry = GetHashEntry(table, key);
+    return entry && entry->type == ValueType::text ? reinterpret_cast<const char16_t*>(entry->value) : nullptr;
+}
+
+Vector* GetHashVector(const HashTable* table, std::u16string_view key) {
+    const HashEntry* entry = GetHashEntry(table, key);
+    return entry && entry->type == ValueType::vector ? reinterpret_cast<Vector*>(entry->value) : nullptr;
+}
+
+int ContainsHashKey(const HashTable* table, std::u16string_view key) { return GetHashEntry(table, key) ? 1 : 0; }
+
+int RemoveHashKey(HashTable* table, std::u16string_view key) {
+    HashEntry*& first = table->buckets[HashOfKey(table, key)];
+    if (HasKey(first, key)) {
+        if (first->next) {
+            // The old head and its key are not freed: whoever holds a key of this table may be holding this one.
+            first = first->next;
+        } else {
+            FreeText(first->key);
+            *first = HashEntry{};
+        }
+        return 1;
+    }
+    for (HashEntry* previous = first; previous->next; previous = previous->next) {
+        HashEntry* entry = previous->next;
+        if (!HasKey(entry, key)) continue;
+        previous->next = entry->next;
+        FreeText(entry->key);
+        delete entry;
+        return 1;
+    }
+    return 0;
+}
+
+std::int32_t CountHashKeys(const HashTable* table) {
+    std::int32_t count = 0;
+    for (std::int32_t i = 0; i < table->size; ++i) {
+        for (const HashEntry* entry = table->buckets[i]; entry; entry = entry->next) count += entry->key ? 1 : 0;
+    }
+    return count;
+}
+
+std::unique_ptr<const char16_t* []> GetHashKeys(const HashTable* table) {
+    auto keys = std::make_unique<const char16_t*[]>(static_cast<std::size_t>(CountHashKeys(table)) + 1);
+    std::size_t count = 0;
+    for (std::int32_t i = 0; i < table->size; ++i) {
+        for (const HashEntry* entry = table->buckets[i]; entry; entry = entry->next) {
+            if (entry->key) keys[count++] = entry->key;
+        }
+    }
+    return keys;
+}
+
+int MergeHashTable(const HashTable* source, HashTable* dest) {
+    if (!source || !dest) return 0;
+    for (std::int32_t i = 0; i < source->size; ++i) {
+        for (const HashEntry* entry = source->buckets[i]; entry; entry = entry->next) {
+            if (entry->key && GetHashValue(dest, entry->key) == 0)
+                PutHashValue(dest, entry->key, entry->value, entry->type);
+        }
+    }
+    return 1;
+}
+
+void FreeHashTable(HashTable* table) { FreeTable(table, FreeTextOf); }
+
+void FreeAllHashTable(HashTable* table) {
+    if (table) FreeTable(table, FreeValueOf);
+}
+
+HashTablePtr MakeHashTable() {
+    HashTable* table = new (std::nothrow) HashTable{};
+    if (table && !InitHashTable(table, 1)) {
+        delete table;
+        table = nullptr;
+    }
+    return HashTablePtr(table);
+}
+
+}  // namespace kv

@@ -1,1 +1,161 @@
 #include "foundation/host_utils.h"
+
+#include "foundation/log.h"
+#include "platform/sockets.h"
+#include "platform/system_facts.h"
+#include "platform/utf.h"
+
+namespace kv {
+
+namespace {
+
+using platform::Error;
+using platform::Sockets;
+using platform::SystemFamily;
+using platform::SystemVersion;
+namespace error = platform::error;
+
+/// The socket library, brought up for one call.
+class SocketLibrary {
+  public:
+    SocketLibrary(int majorVersion, int minorVersion) : result_(Sockets().WSAStartup(majorVersion, minorVersion)) {}
+    ~SocketLibrary() {
+        if (result_ == error::success) Sockets().WSACleanup();
+    }
+    SocketLibrary(const SocketLibrary&) = delete;
+    SocketLibrary& operator=(const SocketLibrary&) = delete;
+
+    Error result() const { return result_; }
+
+  private:
+    Error result_;
+};
+
+Error LocalHostName(std::string& name) {
+    const SocketLibrary library(2, 2);
+    const Error result = library.result() == error::success ? Sockets().gethostname(name) : library.result();
+    if (result != error::success) Log1("GetLocalComputerName: Error while getting computername! %d \n", result);
+    return result;
+}
+
+void TakeHost(const platform::HostEntry& host, OptionalText& outName, OptionalText& outAddress) {
+    outName = platform::WideFromUtf8(host.name);
+    outAddress = platform::WideFromUtf8(host.address);
+}
+
+/// The fixed text for an NT version, or null.
+const char16_t* NtName(const SystemVersion& version) {
+    if (version.major <= 4) return u"Windows NT";
+    if (version.major == 5 && version.minor == 0) return u"Windows 2000";
+    if (version.major == 5 && version.minor == 1) return u"Windows XP";
+    if (version.major == 5 && version.minor == 2)
+        return version.isWorkstation && version.isAmd64 ? u"Windows XP" : u"Windows 2003";
+    if (version.major == 6 && version.minor == 0) return version.isWorkstation ? u"Windows Vista" : u"Windows 2008";
+    if (version.major == 6 && version.minor == 1) return version.isWorkstation ? u"Windows 7" : u"Windows 2008 R2";
+    return nullptr;
+}
+
+/// The fixed text for a 9x version, or null.
+const char16_t* NinetiesName(const SystemVersion& version) {
+    if (version.major != 4) return nullptr;
+    if (version.minor == 0) return u"Windows 95";
+    if (version.minor == 10) return version.servicePack.starts_with(u" A") ? u"Windows 98 SE" : u"Windows 98";
+    if (version.minor == 90) return u"Windows Millennium Edition\n";
+    return nullptr;
+}
+
+const char16_t* FixedName(const SystemVersion& version) {
+    switch (version.family) {
+        case SystemFamily::nt:
+            return NtName(version);
+        case SystemFamily::win9x:
+            return NinetiesName(version);
+        case SystemFamily::win32s:
+            return u"Win32s\n";
+        case SystemFamily::other:
+            break;
+    }
+    return nullptr;
+}
+
+}  // namespace
+
+bool GetLocalComputerName(OptionalText& out) {
+    Log3("\t Inside GetLocalComputerName() \n");
+    out.reset();
+    std::string name;
+    if (LocalHostName(name) != error::success) return false;
+    out = platform::WideFromUtf8(name);
+    return true;
+}
+
+bool GetComputerNameWithDNS(OptionalText& out) {
+    Log3("\t Inside GetComputerNameWithDNS() \n");
+    out.reset();
+    std::u16string name;
+    if (const Error result = platform::SystemFacts().GetComputerNameExW(name)) {
+        Log1("GetComputerNameWithDNS: Error while getting computername! %d \n", result);
+        return false;
+    }
+    out = std::move(name);
+    return true;
+}
+
+bool GetLocalIPAddr(OptionalText& out) {
+    Log3("\t Inside GetLocalIPAddr() \n");
+    out.reset();
+    const SocketLibrary library(1, 1);
+    if (library.result() != error::success) {
+        Log1("\t GetLocalIPAddr  :: WSAStartup Error -> %d\n", library.result());
+        return false;
+    }
+    std::string name;
+    if (const Error result = LocalHostName(name)) {
+        Log1("\t GetLocalIPAddr:: Error while fetching local computer name %d:\n", result);
+        return false;
+    }
+    platform::HostEntry host;
+    if (const Error result = Sockets().gethostbyname(name, host)) {
+        Log1("\t GetLocalIPAddr:: gethostbyname returned error %d:\n", result);
+        return false;
+    }
+    out = platform::WideFromUtf8(host.address);
+    return true;
+}
+
+bool GetRemoteHostDetails(std::u16string_view name, OptionalText& outName, OptionalText& outAddress) {
+    Log3("\t Inside GetRemoteHostDetails() \n");
+    outName.reset();
+    outAddress.reset();
+    const SocketLibrary library(1, 1);
+    if (library.result() != error::success) {
+        Log1("Can't Initialize Socket \n");
+        return false;
+    }
+    const std::string narrowName = platform::Utf8FromWide(name);
+    platform::HostEntry host;
+    if (Sockets().gethostbyaddr(narrowName, host) == error::success) {
+        TakeHost(host, outName, outAddress);
+        Log2("\t [HostByAddr] RemoteAgent Name : %s\n", outName);
+        Log2("\t [HostByAddr] RemoteAgent Ip Address : %s\n", outAddress);
+        return true;
+    }
+    if (const Error result = Sockets().gethostbyname(narrowName, host)) {
+        Log1("Check the hostName%d\n", result);
+        return false;
+    }
+    TakeHost(host, outName, outAddress);
+    Log2("\t RemoteAgent Name : %s\n", outName);
+    Log2("\t RemoteAgent Ip Address : %s\n", outAddress);
+    return true;
+}
+
+std::u16string GetOSName() {
+    Log3("\t Inside GetOSName() \n");
+    SystemVersion version;
+    if (platform::SystemFacts().GetVersionExW(version) != error::success) return u"NULL";
+    if (const char16_t* name = FixedName(version)) return name;
+    return version.plainName.empty() ? u"NULL" : version.plainName;
+}
+
+}  // namespace kv

@@ -1,1 +1,60 @@
 #include "foundation/log.h"
+
+#include <iterator>
+
+#include "platform/clock.h"
+
+namespace kv {
+
+LogState logState;
+
+namespace {
+
+/// Formats the line; one whose format does not fit its arguments keeps its format as the text.
+std::string Printed(const std::string& prefixed, fmt::basic_format_args<fmt::printf_context> arguments) {
+    try {
+        return fmt::vsprintf(fmt::string_view(prefixed), arguments);
+    } catch (const fmt::format_error&) {
+        return prefixed;
+    }
+}
+
+/// A failed write, such as one to a full disk, costs the line and nothing else.
+void Append(const std::string& line) {
+    const std::lock_guard stream(logState.streamMutex);
+    if (logState.gv_logFile != 0) platform::Files().WriteFile(logState.gv_logFile, line.data(), line.size());
+}
+
+/// Counts the unexpanded format, not what was printed: the limit is one of formats. Two threads may lose an addition
+/// here; the counter is a threshold, not an account.
+std::uint32_t Count(std::size_t characters) {
+    const std::uint32_t bytes =
+        logState.gv_logBytes.load(std::memory_order_relaxed) + static_cast<std::uint32_t>(characters);
+    logState.gv_logBytes.store(bytes, std::memory_order_relaxed);
+    return bytes;
+}
+
+}  // namespace
+
+std::string PrefixLogFormat(std::string_view format) {
+    const platform::ClockOperations& clock = platform::Clock();
+    const platform::LocalTime now = clock.ToLocalTime(clock.GetSystemTimeMilliseconds());
+    std::string prefixed;
+    prefixed.reserve(format.size() + 28);
+    fmt::format_to(std::back_inserter(prefixed), "\n{:02}/{:02}/{:02}  {:02}:{:02}:{:02}:{:03} {}", now.year, now.month,
+                   now.day, now.hour, now.minute, now.second, now.millisecond, format);
+    return prefixed;
+}
+
+void WriteLogLine(const char* format, fmt::basic_format_args<fmt::printf_context> arguments) noexcept {
+    try {
+        const std::string prefixed = PrefixLogFormat(format);
+        Append(Printed(prefixed, arguments));
+        const std::uint32_t bytes = Count(prefixed.size());
+        if (bytes > logState.gv_logMaxSize.load(std::memory_order_relaxed) && logState.rotate) logState.rotate(bytes);
+    } catch (...) {
+        // Out of memory: logging never reports a failure to its caller, so this line is lost.
+    }
+}
+
+}  // namespace kv

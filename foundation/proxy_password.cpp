@@ -1,1 +1,92 @@
 #include "foundation/proxy_password.h"
+
+#include <cstdint>
+
+#include "foundation/log.h"
+#include "platform/crypto.h"
+
+namespace kv {
+
+namespace {
+
+constexpr std::u16string_view alphabet = u"ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+constexpr std::u16string_view whiteSpace = u" \t\n\v\f\r";
+
+/// True when the container holds the key, or holds it now.
+bool EnsureKey(platform::CryptoContext context, platform::KeySpec spec) {
+    const platform::CryptoOperations& crypto = platform::Crypto();
+    platform::CryptoKey key = 0;
+    platform::Error result = crypto.CryptGetUserKey(context, spec, key);
+    if (result == platform::keyNotPresent) result = crypto.CryptGenKey(context, spec, key);
+    if (result != platform::error::success) return false;
+    crypto.CryptDestroyKey(key);
+    return true;
+}
+
+std::u16string_view Trimmed(std::u16string_view text) {
+    const std::size_t first = text.find_first_not_of(whiteSpace);
+    if (first == std::u16string_view::npos) return {};
+    return text.substr(first, text.find_last_not_of(whiteSpace) - first + 1);
+}
+
+/// Appends the bytes of one group of four; 3, fewer when padding ended it, 0 when a character is no Base64.
+std::size_t DecodeGroup(std::u16string_view group, std::u16string& bytes) {
+    std::size_t digits = group.substr(2).find(u'=');
+    digits = digits == std::u16string_view::npos ? 4 : digits + 2;
+    std::uint32_t bits = 0;
+    for (std::size_t i = 0; i < digits; ++i) {
+        const std::size_t digit = alphabet.find(group[i]);
+        if (digit == std::u16string_view::npos) return 0;
+        bits |= static_cast<std::uint32_t>(digit) << (18 - 6 * i);
+    }
+    for (std::size_t i = 0; i + 1 < digits; ++i) bytes += static_cast<char16_t>(bits >> (16 - 8 * i) & 0xFF);
+    return digits - 1;
+}
+
+}  // namespace
+
+int EnsureCryptoKeys() {
+    Log3("\t Inside EnsureCryptoKeys() \n");
+    constexpr std::u16string_view provider = u"Microsoft Base Cryptographic Provider v1.0";
+    const platform::CryptoOperations& crypto = platform::Crypto();
+    platform::CryptoContext context = 0;
+    if (crypto.CryptAcquireContextW(provider, false, context) != platform::error::success &&
+        crypto.CryptAcquireContextW(provider, true, context) != platform::error::success)
+        return 0;
+    const bool ensured =
+        EnsureKey(context, platform::KeySpec::signature) && EnsureKey(context, platform::KeySpec::keyExchange);
+    crypto.CryptReleaseContext(context);
+    return ensured ? 1 : 0;
+}
+
+std::u16string DecodeBase64(std::u16string_view text) {
+    Log3("\t Inside DecodeBase64() \n");
+    text = Trimmed(text);
+    if (text.size() % 4 != 0) return {};
+    std::u16string bytes;
+    bytes.reserve(text.size() / 4 * 3);
+    for (std::size_t i = 0; i < text.size(); i += 4) {
+        const std::size_t decoded = DecodeGroup(text.substr(i, 4), bytes);
+        if (decoded == 0) return {};
+        if (decoded < 3) break;
+    }
+    return bytes;
+}
+
+std::optional<std::u16string> EncodeBase64(std::u16string_view text) {
+    Log3("\t Inside EncodeBase64() \n");
+    std::u16string encoded;
+    encoded.reserve((text.size() + 2) / 3 * 4);
+    for (std::size_t i = 0; i < text.size(); i += 3) {
+        const std::u16string_view group = text.substr(i, 3);
+        std::uint32_t bits = 0;
+        for (std::size_t j = 0; j < group.size(); ++j) {
+            if (group[j] > 0xFF) return std::nullopt;
+            bits |= std::uint32_t{group[j]} << (16 - 8 * j);
+        }
+        for (std::size_t j = 0; j < 4; ++j) encoded += j <= group.size() ? alphabet[bits >> (18 - 6 * j) & 0x3F] : u'=';
+    }
+    return encoded;
+}
+
+}  // namespace kv
