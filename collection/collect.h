@@ -21,8 +21,8 @@ void CollectSNMPData(const HashTable* record, std::u16string_view isTest);
 /// Runs a script of "..\conf\scripts\"; with viewOutput "true" (any case) its output becomes a record file. 0 always.
 int ExecuteScript(std::u16string_view fileName, std::u16string_view commandLineParam, const OptionalText& viewOutput);
 
-/// Starts a command line made by the platform and waits for it; 1 when it ended in time with an exit code that counts as
-/// success (0, 1641, 3010), or was not to be waited for, else 0. workingDirectory may be none.
+/// Starts a command line made by the platform and waits for it; 1 when it ended in time with an exit code that counts
+/// as success (0, 1641, 3010), or was not to be waited for, else 0. workingDirectory may be none.
 int execute(const OptionalText& workingDirectory, std::u16string_view commandLine, std::u16string& remarks,
             std::uint32_t waitMinutes, bool wait);
 

@@ -1,1 +1,166 @@
 #include "collection/record_file.h"
+
+#include <atomic>
+#include <limits>
+#include <vector>
+
+#include "foundation/agent_state.h"
+#include "foundation/file_utils.h"
+#include "foundation/log.h"
+#include "foundation/registry_store.h"
+#include "foundation/resource_lock.h"
+#include "foundation/system_error.h"
+#include "foundation/text.h"
+#include "platform/files.h"
+
+namespace kv {
+
+namespace {
+
+constexpr int directoryExists = 17;  // the C error number of wmkdir
+
+/// The files, not directories, that match a pattern; how the search began and how it ended.
+struct MatchingFiles {
+    std::vector<std::u16string> names;
+    platform::Error firstError = platform::error::success;
+    platform::Error lastError = platform::error::noMoreFiles;
+};
+
+MatchingFiles FindFiles(std::u16string_view pattern) {
+    const platform::FileOperations& files = platform::Files();
+    MatchingFiles result;
+    platform::FindData found;
+    platform::FindHandle search = 0;
+    result.firstError = files.FindFirstFileW(pattern, found, search);
+    if (result.firstError != platform::error::success) return result;
+    do {
+        if (!found.isDirectory) result.names.push_back(found.fileName);
+        result.lastError = files.FindNextFileW(search, found);
+    } while (result.lastError == platform::error::success);
+    files.FindClose(search);
+    return result;
+}
+
+/// The part of a name at a position, counted from 0, when the name is split at "_" and "."; empty when there is none.
+std::u16string_view NamePart(std::u16string_view name, int position) {
+    constexpr std::u16string_view separators = u"_.";
+    std::size_t start = name.find_first_not_of(separators);
+    for (; position > 0 && start != name.npos; --position) {
+        start = name.find_first_not_of(separators, name.find_first_of(separators, start));
+    }
+    if (start == name.npos) return {};
+    return name.substr(start, name.find_first_of(separators, start) - start);
+}
+
+/// The number that leads a text, 0 when none does, and the greatest number there is when it lies beyond.
+std::uint32_t LeadingNumber(std::u16string_view text) {
+    constexpr std::uint64_t greatest = std::numeric_limits<std::uint32_t>::max();
+    std::uint64_t number = 0;
+    for (const char16_t digit : text) {
+        if (digit < u'0' || digit > u'9') break;
+        number = number * 10 + static_cast<std::uint64_t>(digit - u'0');
+        if (number >= greatest) return std::numeric_limits<std::uint32_t>::max();
+    }
+    return static_cast<std::uint32_t>(number);
+}
+
+/// Raises a last used number to what stands on the disk, and stores it then. Numbers are never lowered.
+void RaiseToFilesOnDisk(std::u16string_view pattern, std::atomic<std::uint32_t>& lastNumber,
+                        platform::Error (*store)(std::uint32_t)) {
+    const std::uint32_t highest = parseFiles(pattern);
+    if (highest == 0 || highest <= lastNumber) return;
+    lastNumber = highest;
+    store(highest);
+}
+
+}  // namespace
+
+std::u16string PrepareDataDirectory(const char* caller) {
+    Log4("\t@@@@@ Inside PrepareDataDirectory() @@@@@ \n");
+    const platform::FileOperations& files = platform::Files();
+    if (const int error = files.wchdir(agentState.gv_ocAgentBinPath.value_or(u"")); error != 0) {
+        Log1("\n %s :: Unable to switch to data folder errorno- %d", caller, error);
+    }
+    std::u16string directory;
+    if (const int error = files.wgetcwd(directory); error != 0) {
+        Log1("\n %s :: Unable to get cwd errorno- %d", caller, error);
+        directory = u".";
+    }
+    directory += u"\\data";
+    if (const int error = files.wmkdir(directory); error != 0 && error != directoryExists) {
+        Log1("\n %s :: Unable to create data folder errorno- %d", caller, error);
+    }
+    return directory;
+}
+
+std::u16string NextRecordName() {
+    Log4("\t@@@@@ Inside NextRecordName() @@@@@ \n");
+    const ResourceLock lock(&agentState.gv_ocLastCreatedJSONNum);
+    const std::uint32_t number = ++agentState.gv_ocLastCreatedJSONNum;
+    std::u16string name = u"\\Agent_";
+    name += agentState.gv_agentKey.view();
+    name += u"_";
+    return name += DecimalText(number);
+}
+
+std::optional<std::u16string> WriteRecordFile(std::u16string_view dataDirectory, std::u16string_view json) {
+    Log3("\t Inside WriteRecordFile() \n");
+    const std::u16string path = ConcatStrings(dataDirectory, NextRecordName());
+    const std::u16string record = path + u".txt";
+    const platform::Error error = WriteCompleteFile(record, path + u".tmp", Utf16LittleEndianBytes(json));
+    if (error == platform::error::success) return record;
+    Log3("\t file pointer is NULL\n");
+    Log1("\t WriteRecordFile :: %s cannot be written, its record is lost \n", record);
+    LogLastSystemError(error);
+    return std::nullopt;
+}
+
+void VerifyLastFileNum() {
+    Log3("\t Inside VerifyLastFileNum() \n");
+    std::uint32_t number = 1;
+    GetMALastCreatedJSONNum(number);
+    agentState.gv_ocLastCreatedJSONNum = number;
+    Log1("\t VerifyLastFileNum :: Last created JSON Number is [%d]\n", number);
+    number = 1;
+    GetMALastCreatedZIPNum(number);
+    agentState.gv_ocLastCreatedZIPNum = number;
+    Log1("\t VerifyLastFileNum :: Last created ZIP Number [%d]\n", number);
+    RaiseToFilesOnDisk(u"data\\*.txt", agentState.gv_ocLastCreatedJSONNum, SetMALastCreatedJSONNum);
+    RaiseToFilesOnDisk(u"zipdata\\*.zip", agentState.gv_ocLastCreatedZIPNum, SetMALastCreatedZIPNum);
+}
+
+std::uint32_t parseFiles(std::u16string_view pattern) {
+    Log3("\t Inside parseFiles() \n");
+    const MatchingFiles found = FindFiles(pattern);
+    if (found.firstError != platform::error::success) {
+        Log1("\t  parseFiles -- %s - No files exist. Not able to get the File Handle hFirstFile %d \n", pattern,
+             found.firstError);
+        return 0;
+    }
+    std::uint32_t highest = 0;
+    for (const std::u16string& name : found.names) {
+        const std::uint32_t number = LeadingNumber(NamePart(name, 2));
+        if (number == std::numeric_limits<std::uint32_t>::max()) {
+            Log1("\t parseFiles :: the number of %s leaves no room for a next one; it is passed over \n", name);
+        } else if (number > highest) {
+            highest = number;
+        }
+    }
+    if (found.lastError != platform::error::noMoreFiles) {
+        Log1("\t parseFiles :: Error in FindNextFiles. Error is [%s]\n", LogSystemError(found.lastError));
+    }
+    return highest;
+}
+
+void RemoveUnfinishedRecordFiles() {
+    Log3("\t Inside RemoveUnfinishedRecordFiles() \n");
+    for (const std::u16string_view pattern : {u"data\\*.tmp", u"data\\*.out"}) {
+        for (const std::u16string& name : FindFiles(pattern).names) {
+            Log1("\t RemoveUnfinishedRecordFiles :: %s was left unfinished by an earlier run and is deleted \n", name);
+            const platform::Error error = platform::Files().DeleteFileW(u"data\\" + name);
+            if (error != platform::error::success) LogLastSystemError(error);
+        }
+    }
+}
+
+}  // namespace kv

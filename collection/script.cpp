@@ -1,1 +1,164 @@
+#include <algorithm>
+#include <array>
+#include <string>
+#include <utility>
+#include <vector>
+
 #include "collection/collect.h"
+#include "collection/record_file.h"
+#include "collection/script_output.h"
+#include "foundation/agent_state.h"
+#include "foundation/file_utils.h"
+#include "foundation/log.h"
+#include "foundation/system_error.h"
+#include "platform/files.h"
+#include "platform/process.h"
+
+namespace kv {
+
+namespace {
+
+constexpr std::uint32_t minuteLimit = 2;
+constexpr std::size_t blockSize = 64 * 1024;
+
+// The host's own limit is 120 seconds; it prints 16-bit text.
+constexpr std::u16string_view scriptHost = u"cscript.exe //T:120 //U //Nologo";
+constexpr std::array<std::u16string_view, 4> scriptHostExtensions = {u".js", u".vbe", u".vbs", u".wsf"};
+
+/// An open file; closed at the end.
+struct OpenFile {
+    platform::FileHandle handle = 0;
+
+    OpenFile() = default;
+    ~OpenFile() { Close(); }
+    OpenFile(const OpenFile&) = delete;
+    OpenFile& operator=(const OpenFile&) = delete;
+
+    platform::Error Close() {
+        if (handle == 0) return platform::error::success;
+        return platform::Files().CloseHandle(std::exchange(handle, 0));
+    }
+};
+
+/// The program that runs a script, by the script's extension; empty when it runs by itself.
+std::u16string_view ScriptHostOf(std::u16string_view fileName) {
+    const std::size_t dot = fileName.rfind(u'.');
+    if (dot == fileName.npos) return {};
+    const std::u16string_view extension = fileName.substr(dot);
+    const bool hosted = std::any_of(scriptHostExtensions.begin(), scriptHostExtensions.end(),
+                                    [&](auto known) { return CompareIgnoreCase(extension, known) == 0; });
+    return hosted ? scriptHost : std::u16string_view();
+}
+
+/// A plan names scripts below the scripts directory, and can name nothing outside it.
+bool StaysInScriptsDirectory(std::u16string_view fileName) {
+    constexpr std::u16string_view separators = u"\\/";
+    if (fileName.empty() || separators.find(fileName.front()) != separators.npos) return false;
+    if (fileName.size() > 1 && fileName[1] == u':') return false;
+    for (std::size_t start = 0; start < fileName.size();) {
+        const std::size_t end = std::min(fileName.find_first_of(separators, start), fileName.size());
+        if (fileName.substr(start, end - start) == u"..") return false;
+        start = end + 1;
+    }
+    return true;
+}
+
+platform::Error ConvertAll(platform::FileHandle from, platform::FileHandle to,
+                           platform::ScriptOutputEncoding encoding) {
+    ScriptOutputConverter converter;
+    converter.encoding = encoding;
+    const platform::FileOperations& files = platform::Files();
+    std::vector<char> block(blockSize);
+    std::string converted;
+    std::size_t read = 0;
+    do {
+        platform::Error error = files.ReadFile(from, block.data(), block.size(), read);
+        if (error != platform::error::success) return error;
+        converted.clear();
+        if (read != 0) {
+            FeedScriptOutput(converter, std::string_view(block.data(), read), converted);
+        } else {
+            FinishScriptOutput(converter, converted);
+        }
+        error = files.WriteFile(to, converted.data(), converted.size());
+        if (error != platform::error::success) return error;
+    } while (read != 0);
+    return platform::error::success;
+}
+
+/// Writes the record file of an open output file under a temporary name and renames it when it is complete.
+platform::Error WriteConverted(platform::FileHandle output, const std::u16string& path,
+                               platform::ScriptOutputEncoding encoding) {
+    const std::u16string temporary = path + u".tmp";
+    OpenFile record;
+    platform::Error error =
+        platform::Files().CreateFileW(temporary, platform::FileAccess::write, platform::FileShare::none,
+                                      platform::FileDisposition::createAlways, record.handle);
+    if (error != platform::error::success) return error;
+    error = ConvertAll(output, record.handle, encoding);
+    const platform::Error closed = record.Close();
+    if (error == platform::error::success) error = closed;
+    if (error == platform::error::success) error = platform::Files().MoveFileExW(temporary, path + u".txt", true);
+    if (error != platform::error::success) platform::Files().DeleteFileW(temporary);
+    return error;
+}
+
+/// Turns what the script has printed by now into its record file. path is the record's without extension; the output
+/// stands beside it as ".out" and is gone afterwards. Where no output file came there will be no record file.
+void MakeRecordOfOutput(const std::u16string& path, platform::ScriptOutputEncoding encoding) {
+    const platform::FileOperations& files = platform::Files();
+    const std::u16string outputPath = path + u".out";
+    OpenFile output;
+    platform::Error error = files.CreateFileW(outputPath, platform::FileAccess::read, platform::FileShare::read,
+                                              platform::FileDisposition::openExisting, output.handle);
+    if (error == platform::error::fileNotFound || error == platform::error::pathNotFound) return;
+    if (error == platform::error::success) error = WriteConverted(output.handle, path, encoding);
+    if (error != platform::error::success) {
+        Log1("ExecuteScript : the output %s cannot be made a record file and is lost \n", outputPath);
+        LogLastSystemError(error);
+    } else if (files.GetFileUseState(outputPath) == platform::error::sharingViolation) {
+        Log1("ExecuteScript : a process that the script left behind goes on writing; its output after %s is lost \n",
+             path);
+    }
+    output.Close();
+    files.DeleteFileW(outputPath);
+}
+
+}  // namespace
+
+int ExecuteScript(std::u16string_view fileName, std::u16string_view commandLineParam, const OptionalText& viewOutput) {
+    Log3("\t Inside ExecuteScript() \n");
+    if (!StaysInScriptsDirectory(fileName)) {
+        Log1("ExecuteScript : %s names nothing below the scripts directory and is not run \n", fileName);
+        return 0;
+    }
+    platform::ScriptCommand command;
+    command.scriptHost = ScriptHostOf(fileName);
+    command.path = agentState.gv_ocAgentBinPath.value_or(u"") + u"..\\conf\\scripts\\";
+    command.path += fileName;
+    command.arguments = commandLineParam;
+    OptionalText record;
+    if (CompareIgnoreCase(viewOutput, u"true") == 0) {
+        record = PrepareDataDirectory("ExecuteScript") + NextRecordName();
+        command.outputPath = *record + u".out";
+    }
+    const std::u16string processString = platform::Processes().ComposeScriptLine(command);
+    Log2("ExecuteScript : processString - %s\n", processString);
+    std::u16string remarks;
+    const bool succeeded = execute(std::nullopt, processString, remarks, minuteLimit, true) == 1;
+    if (!succeeded) {
+        Log1("ExecuteScript : Unable to create a output file for the command %s and the remarks is %s \n",
+             processString, remarks);
+    }
+    if (!record) return 0;
+    MakeRecordOfOutput(*record, platform::Processes().GetScriptOutputEncoding(command.scriptHost));
+    if (!succeeded) return 0;
+    if (CheckFileExists(*record + u".txt")) {
+        Log2("ExecuteScript: Output File Found \n");
+    } else {
+        Log1("ExecuteScript: File Not Found !\n");
+    }
+    return 0;
+}
+
+}  // namespace kv

@@ -1,1 +1,104 @@
 #include "queryconf/schedule.h"
+
+#include <algorithm>
+#include <limits>
+#include <memory>
+#include <new>
+
+#include "collection/collect.h"
+#include "foundation/agent_state.h"
+#include "foundation/log.h"
+#include "foundation/time_utils.h"
+#include "jsontext/hash_json.h"
+#include "queryconf/timer.h"
+
+namespace kv {
+
+namespace {
+
+/// gv_sortVec keeps no types, so whatever is not a workflow entry must be gone before it is merged.
+void DropWhatIsNoEntry(const char16_t* key, Vector* workflows) {
+    for (std::int32_t index = 0; index < workflows->count;) {
+        const VectorElement* element = ElementAt(workflows, index);
+        if (element->type == ValueType::table && element->value != 0) {
+            ++index;
+            continue;
+        }
+        Log1("\t scheduleQueryHashData :: %s holds something that is no workflow entry; it is left out \n", key);
+        DeleteElementAt(workflows, index);
+    }
+}
+
+void MergeAllWorkflows(HashTable* plan, Vector* merged) {
+    const std::unique_ptr<const char16_t*[]> keys = GetHashKeys(plan);
+    for (std::size_t index = 0; keys[index]; ++index) {
+        Vector* workflows = GetHashVector(plan, keys[index]);
+        if (!workflows) {
+            Log1("\t scheduleQueryHashData :: the value of %s is no list of workflows; it is left out \n", keys[index]);
+            continue;
+        }
+        DropWhatIsNoEntry(keys[index], workflows);
+        MergeVector(merged, workflows);
+    }
+}
+
+/// The interval in minutes as the entry holds it; 0 when it holds none or something that is no number.
+std::int32_t IntervalOf(const HashTable* entry) {
+    const HashEntry* interval = GetHashEntry(entry, u"interval");
+    if (!interval || interval->type == ValueType::text || interval->type == ValueType::vector ||
+        interval->type == ValueType::table) {
+        return 0;
+    }
+    return static_cast<std::int32_t>(interval->value);
+}
+
+}  // namespace
+
+void initializeScheduler() {
+    Log3("\t Inside initializeScheduler() \n");
+    InitTimerManager();
+    StartTimerThread();
+}
+
+void scheduleQueryHashData() {
+    Log3("\t Inside scheduleQueryHashData() \n");
+    if (!agentState.gv_queryConfHash) {
+        Log1("\t scheduleQueryHashData is NULL \n");
+        return;
+    }
+    // gv_sortVec is complete before the first timer exists that could read it.
+    VectorPtr merged = MakeVector();
+    MergeAllWorkflows(agentState.gv_queryConfHash, merged.get());
+    agentState.gv_sortVec = merged.release();
+    const std::int32_t size = agentState.gv_sortVec->count;
+    Log2("\t scheduleQueryHashData :: query conf - gv_sortVec size: [%d]\n", size);
+    for (std::int32_t index = 0; index < size; ++index) {
+        const auto* entry = reinterpret_cast<const HashTable*>(ElementAt(agentState.gv_sortVec, index)->value);
+        if (LogsAtLeast(2)) {
+            Log2("\t scheduleQueryHashData :: Inside for loop : queryInfo: %s\n", HashToJSONString(entry));
+        }
+        AddSchedule(index, IntervalOf(entry));
+    }
+}
+
+int AddSchedule(std::int32_t index, std::int32_t interval) {
+    Log3("\t Inside AddSchedule() \n");
+    if (interval < 1) {
+        Log1("\t AddSchedule :: the interval of index [%d] is [%d], below 1: it is not scheduled \n", index, interval);
+        return -1;
+    }
+    std::unique_ptr<TimerSchedule> schedule(new (std::nothrow) TimerSchedule{});
+    std::unique_ptr<std::int32_t> argument(new (std::nothrow) std::int32_t(index));
+    if (!schedule || !argument) return -1;
+    const std::int64_t seconds = std::int64_t{interval} * 60;
+    schedule->detail.interval =
+        static_cast<std::uint32_t>(std::min<std::int64_t>(seconds, std::numeric_limits<std::uint32_t>::max()));
+    const auto now = static_cast<std::uint32_t>(GetNowSeconds());
+    Log2(" Adding Schedule for index [%d], interval [%d] \n", index, interval);
+    if (AddTimerTask(std::nullopt, now, CollectAndSaveData, argument.get(), schedule.get(), 0) == 0) return -1;
+    schedule.release();
+    argument.release();
+    return 1;
+}
+
+}  // namespace kv

@@ -1,1 +1,214 @@
 #include "queryconf/timer.h"
+
+#include <algorithm>
+#include <limits>
+#include <memory>
+#include <new>
+
+#include "foundation/log.h"
+#include "foundation/thread_pool.h"
+#include "foundation/time_utils.h"
+#include "platform/clock.h"
+
+namespace kv {
+
+TimerManager timerManager;
+
+namespace {
+
+constexpr std::u16string_view defaultTimer = u"DEFAULT";
+
+/// Holds gv_timerMutex for the life of this object.
+class TimerLock {
+  public:
+    TimerLock() { platform::Threads().WaitForMutex(timerManager.gv_timerMutex); }
+    ~TimerLock() { platform::Threads().ReleaseMutex(timerManager.gv_timerMutex); }
+    TimerLock(const TimerLock&) = delete;
+    TimerLock& operator=(const TimerLock&) = delete;
+};
+
+TimerList* TimerAt(std::int32_t index) {
+    const VectorElement* element = ElementAt(&timerManager.gv_timerVec, index);
+    return element ? reinterpret_cast<TimerList*>(element->value) : nullptr;
+}
+
+TimerList* FindTimer(std::u16string_view name) {
+    for (std::int32_t index = 0; index < timerManager.gv_timerVec.count; ++index) {
+        TimerList* list = TimerAt(index);
+        if (list && list->name == name) return list;
+    }
+    return nullptr;
+}
+
+void Unlink(TimerList& list, TimerEntry* entry) {
+    if (entry == list.head) {
+        list.head = entry->next;
+        if (list.head) list.head->prev = nullptr;
+    } else if (!entry->next && entry->prev) {
+        entry->prev->next = nullptr;
+    } else {
+        // A list that lacks a link here is corrupt: the line tells, and the store that has no place to go is left out.
+        if (!entry->prev) Log2("CRASH BECAUSE OF BUFPTR->PREV is NULL>>>>>>>>>>>>");
+        if (!entry->next) Log2("CRASH BECAUSE OF TMPPTR is NULL>>>>>>>>>>>>>>>>>>>>>>>");
+        if (entry->next) entry->next->prev = entry->prev;
+        if (entry->prev) entry->prev->next = entry->next;
+    }
+}
+
+void Link(TimerList& list, TimerEntry* entry) {
+    TimerEntry* before = nullptr;
+    TimerEntry* after = list.head;
+    while (after && after->fireTime <= entry->fireTime) {
+        before = after;
+        after = after->next;
+    }
+    entry->prev = before;
+    entry->next = after;
+    (before ? before->next : list.head) = entry;
+    if (after) after->prev = entry;
+}
+
+std::uint32_t PeriodSeconds(const TimerInterval& interval) {
+    std::uint64_t seconds = interval.interval;
+    if (interval.unit == TimerUnit::hours) seconds *= 3600;
+    if (interval.unit == TimerUnit::minutes) seconds *= 60;
+    // A period of 0 would make the job due again at once, and the pass would never end.
+    return static_cast<std::uint32_t>(std::clamp<std::uint64_t>(seconds, 1, std::numeric_limits<std::uint32_t>::max()));
+}
+
+/// The moment a period after now; the last moment there is, when that lies beyond 32 bits.
+std::uint32_t MomentAfter(std::uint32_t now, std::uint32_t period) {
+    return now + std::min(period, std::numeric_limits<std::uint32_t>::max() - now);
+}
+
+void FreeJob(const TimerEntry& entry) {
+    delete entry.schedule;
+    delete entry.argument;
+}
+
+/// Puts the job of an entry that has just run back into its list. now is when the pass began, so a job that outlasts
+/// its period is due again in the very next pass.
+void Rearm(const TimerList& list, const TimerEntry& entry, std::uint32_t now) {
+    TimerInterval& interval = entry.schedule->detail;
+    if (interval.repeatCount > 1) --interval.repeatCount;
+    const std::uint32_t fireTime = MomentAfter(now, PeriodSeconds(interval));
+    if (AddTimerTask(list.name, fireTime, entry.callback, entry.argument, entry.schedule, entry.id) == 0) {
+        Log1("\t CheckTimers :: the job [%d] cannot be armed again and ends here \n", entry.id);
+        FreeJob(entry);
+    }
+}
+
+void RunDueEntries(TimerList& list) {
+    const auto now = static_cast<std::uint32_t>(GetNowSeconds());
+    while (list.head && list.head->fireTime <= now) {
+        TimerEntry* entry = list.head;
+        entry->callback(entry->argument);
+        if (entry->schedule->detail.repeatCount == 1) {
+            FreeJob(*entry);
+        } else {
+            Rearm(list, *entry, now);
+        }
+        RemoveTimerEntry(list.name, entry);
+        delete entry;
+    }
+}
+
+/// Removes all entries and their arguments. The schedules stay allocated: that is intended, a caller may keep the
+/// schedule it gave to AddTimerTask, and a plan is replaced only a few times in the life of the process.
+void RemoveAllEntries(TimerList& list) {
+    while (TimerEntry* entry = list.head) {
+        Unlink(list, entry);
+        delete entry->argument;
+        delete entry;
+    }
+}
+
+}  // namespace
+
+int InitTimerManager() {
+    Log3("\t@@@@@ Inside InitTimerManager() @@@@@ \n");
+    while (TimerList* list = TimerAt(0)) {
+        RemoveAllEntries(*list);
+        delete list;
+        DeleteElementAt(&timerManager.gv_timerVec, 0);
+    }
+    InitVector(&timerManager.gv_timerVec, nullptr);
+    CreateTimer(defaultTimer, 1);
+    timerManager.gv_timerExpireHook = nullptr;
+    if (timerManager.gv_timerMutex == 0) timerManager.gv_timerMutex = platform::Threads().CreateMutexW();
+    return 1;
+}
+
+void CreateTimer(std::u16string_view name, std::int16_t priority) {
+    Log3("\t@@@@@ Inside CreateTimer() @@@@@ \n");
+    auto list = std::make_unique<TimerList>();
+    list->name = name;
+    list->priority = priority;
+    auto element = std::make_unique<VectorElement>();
+    element->value = reinterpret_cast<Word>(list.release());
+    AddElement(&timerManager.gv_timerVec, element.release());
+}
+
+void StartTimerThread() {
+    Log3("\t@@@@@ Inside StartTimerThread() @@@@@ \n");
+    CreateNewThread_MSP(TimerThread, nullptr);
+}
+
+std::uint32_t TimerThread(void* /*ignored*/) {
+    Log3("\t@@@@@ Inside TimerThread() @@@@@ \n");
+    while (true) {
+        CheckTimers();
+        platform::Clock().Sleep(1000);
+    }
+}
+
+std::uint32_t AddTimerTask(const OptionalText& timerName, std::uint32_t fireTime, TimerCallback callback,
+                           std::int32_t* argument, TimerSchedule* schedule, std::uint32_t id) {
+    Log4("\t@@@@@ Inside AddTimerTask() @@@@@ \n");
+    const std::u16string_view name = timerName ? std::u16string_view(*timerName) : defaultTimer;
+    if (!FindTimer(name)) return 0;
+    std::unique_ptr<TimerEntry> entry(new (std::nothrow) TimerEntry{});
+    if (!entry) return 0;
+    entry->fireTime = fireTime;
+    entry->callback = callback;
+    entry->argument = argument;
+    entry->schedule = schedule;
+    entry->id = id;
+    const TimerLock lock;
+    return AddTimerEntry(name, entry.release());
+}
+
+std::uint32_t AddTimerEntry(std::u16string_view timerName, TimerEntry* entry) {
+    Log4("\t@@@@@ Inside AddTimerEntry() @@@@@ \n");
+    TimerList* list = FindTimer(timerName);
+    if (!list) return 0;
+    entry->name = timerName;
+    Link(*list, entry);
+    if (entry->id == 0) entry->id = list->nextId++;
+    return entry->id;
+}
+
+void RemoveTimerEntry(std::u16string_view timerName, TimerEntry* entry) {
+    Log4("\t@@@@@ Inside RemoveTimerEntry() @@@@@ \n");
+    if (TimerList* list = FindTimer(timerName)) Unlink(*list, entry);
+}
+
+int DeleteTimerEntryByName(const OptionalText& timerName) {
+    Log3("\t@@@@@ Inside DeleteTimerEntryByName() @@@@@ \n");
+    TimerList* list = timerName ? FindTimer(*timerName) : nullptr;
+    if (!list) return 0;
+    const TimerLock lock;
+    RemoveAllEntries(*list);
+    return 1;
+}
+
+void CheckTimers() {
+    Log4("\t@@@@@ Inside CheckTimers() @@@@@ \n");
+    if (timerManager.gv_timerVec.count == 0) return;
+    const TimerLock lock;
+    for (std::int32_t index = 0; index < timerManager.gv_timerVec.count; ++index) {
+        if (TimerList* list = TimerAt(index)) RunDueEntries(*list);
+    }
+}
+
+}  // namespace kv

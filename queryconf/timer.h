@@ -1,5 +1,5 @@
-// Named timers: lists of entries sorted by the time they are due, and the one thread that runs what is due, once a second.
-// All collection runs on that thread, under gv_timerMutex.
+// Named timers: lists of entries sorted by the time they are due, and the one thread that runs what is due, once a
+// second. All collection runs on that thread, under gv_timerMutex.
 #pragma once
 
 #include <cstdint>
@@ -20,7 +20,7 @@ struct TimerInterval {
     std::int32_t* endTime = nullptr;  // always none
     std::uint32_t interval = 0;       // in units
     TimerUnit unit = TimerUnit::seconds;
-    std::int32_t repeatCount = -1;    // -1 for ever, 1 this run is the last, more counts down
+    std::int32_t repeatCount = -1;  // -1 for ever, 1 this run is the last, more counts down
 };
 
 struct TimerSchedule {
@@ -29,10 +29,10 @@ struct TimerSchedule {
 };
 
 struct TimerEntry {
-    std::u16string name;      // of its timer
-    std::uint32_t fireTime;   // seconds since 1970
+    std::u16string name;     // of its timer
+    std::uint32_t fireTime;  // seconds since 1970
     TimerCallback callback;
-    std::int32_t* argument;   // owned by the job: freed with DeleteTimerEntryByName
+    std::int32_t* argument;  // owned by the job
     std::uint32_t id;
     TimerSchedule* schedule;  // shared by the successive entries of one job
     TimerEntry* next;
@@ -46,7 +46,16 @@ struct TimerList {
     std::uint32_t nextId = 1;
 };
 
-/// Sets up the timer "DEFAULT"; 1.
+/// The timer manager of this process.
+struct TimerManager {
+    Vector gv_timerVec{};                     // of TimerList, set up once; the lists change under gv_timerMutex only
+    platform::MutexHandle gv_timerMutex = 0;  // held for a whole pass, callbacks included
+    void (*gv_timerExpireHook)(void*) = nullptr;  // a slot that nothing fills
+};
+
+extern TimerManager timerManager;
+
+/// Sets up the timer "DEFAULT"; 1. A second call, with no timer thread running, starts over with no jobs.
 int InitTimerManager();
 
 /// A new, empty timer.
@@ -54,21 +63,28 @@ void CreateTimer(std::u16string_view name, std::int16_t priority);
 
 void StartTimerThread();
 
-/// Adds a job; none means "DEFAULT". Its id, or 0 when no timer has that name or memory ran out (argument and schedule
-/// then stay the caller's). The argument and the schedule are handed over otherwise.
+/// The thread's body: a pass, a second's sleep, for ever.
+std::uint32_t TimerThread(void* ignored);
+
+/// Adds a job; none means "DEFAULT", an id of 0 asks for a new one. Its id, or 0 when no timer has that name or memory
+/// ran out (argument and schedule then stay the caller's). The argument and the schedule, made with `new`, are handed
+/// over otherwise. Waits for a pass in progress, unless the pass's own thread calls.
 std::uint32_t AddTimerTask(const OptionalText& timerName, std::uint32_t fireTime, TimerCallback callback,
                            std::int32_t* argument, TimerSchedule* schedule, std::uint32_t id);
 
-/// Links an entry into a timer's list; its id, or 0 when no timer has that name.
+/// Links an entry into a timer's list, behind those due at the same time; its id, or 0 when no timer has that name. The
+/// caller holds gv_timerMutex, here and in RemoveTimerEntry.
 std::uint32_t AddTimerEntry(std::u16string_view timerName, TimerEntry* entry);
 
 /// Unlinks an entry, frees nothing.
 void RemoveTimerEntry(std::u16string_view timerName, TimerEntry* entry);
 
-/// Removes and frees all entries of a timer, after a pass in progress has ended; 1, or 0 when no timer has that name.
+/// Removes and frees all entries of a timer with their arguments, after a pass in progress has ended; 1, or 0 when no
+/// timer has that name.
 int DeleteTimerEntryByName(const OptionalText& timerName);
 
-/// One pass: runs every entry that is due.
+/// One pass: runs every entry that is due, in order of due time, and arms it again from the time the pass began. A
+/// period of 0 counts as one second.
 void CheckTimers();
 
 }  // namespace kv

@@ -1,0 +1,113 @@
+#include <algorithm>
+#include <limits>
+#include <string>
+
+#include "collection/collect.h"
+#include "foundation/log.h"
+#include "foundation/system_error.h"
+#include "platform/files.h"
+#include "platform/process.h"
+
+namespace kv {
+
+namespace {
+
+constexpr std::uint64_t millisecondsPerMinute = 60000;
+constexpr std::size_t longestSavedDirectory = 260;
+
+/// How long the system gets to end a process that has been told to.
+constexpr std::uint32_t endMilliseconds = 1000;
+
+/// Leaves a text both in the log and in the remarks of the call.
+template <class... Arguments>
+void Remark(std::u16string& remarks, const char* format, const Arguments&... arguments) {
+    Log1(format, arguments...);
+    remarks = platform::WideFromUtf8(fmt::sprintf(format, log_detail::Printable(arguments)...));
+}
+
+/// The working directory while this object lives; the former one is put back at its end.
+class WorkingDirectory {
+  public:
+    WorkingDirectory() = default;
+    ~WorkingDirectory() {
+        if (saved_) platform::Files().wchdir(*saved_);
+    }
+    WorkingDirectory(const WorkingDirectory&) = delete;
+    WorkingDirectory& operator=(const WorkingDirectory&) = delete;
+
+    /// False when the directory in use cannot be saved or the new one not be entered.
+    bool Enter(const std::u16string& directory, std::u16string& remarks) {
+        std::u16string current;
+        if (platform::Files().wgetcwd(current) != 0) {
+            Remark(remarks, "Failed to get the CurrentWorkingDirectory");
+            return false;
+        }
+        if (current.size() > longestSavedDirectory || platform::Files().wchdir(directory) != 0) {
+            Remark(remarks, "execute : Unable to go from the directory %s to %s \n", current, directory);
+            return false;
+        }
+        saved_ = current;
+        return true;
+    }
+
+  private:
+    OptionalText saved_;
+};
+
+/// A started process; closed at the end.
+struct ChildProcess {
+    platform::ProcessHandle handle = 0;
+
+    ChildProcess() = default;
+    ~ChildProcess() {
+        if (handle != 0) platform::Processes().CloseProcess(handle);
+    }
+    ChildProcess(const ChildProcess&) = delete;
+    ChildProcess& operator=(const ChildProcess&) = delete;
+};
+
+/// 0 is done; 1641 and 3010 are an installer's codes for done, with a restart of the computer under way or due.
+bool CountsAsSuccess(std::uint32_t exitCode) { return exitCode == 0 || exitCode == 1641 || exitCode == 3010; }
+
+int ResultOfEndedProcess(platform::ProcessHandle process, std::u16string& remarks) {
+    std::uint32_t exitCode = 0;
+    const platform::Error error = platform::Processes().GetExitCodeProcess(process, exitCode);
+    if (error != platform::error::success) {
+        Remark(remarks, "execute : Unable to read the exit code, error %d \n", error);
+        return 0;
+    }
+    Remark(remarks, "Error Code : %d \n", exitCode);
+    return CountsAsSuccess(exitCode) ? 1 : 0;
+}
+
+}  // namespace
+
+int execute(const OptionalText& workingDirectory, std::u16string_view commandLine, std::u16string& remarks,
+            std::uint32_t waitMinutes, bool wait) {
+    Log3("\t Inside execute() \n");
+    const platform::ProcessOperations& processes = platform::Processes();
+    WorkingDirectory directory;
+    if (workingDirectory && !directory.Enter(*workingDirectory, remarks)) return 0;
+
+    ChildProcess process;
+    const platform::Error error = processes.CreateProcessW(commandLine, u"", process.handle);
+    if (error != platform::error::success) {
+        Remark(remarks, "Failed to Create the Process for installing Patch");
+        LogLastSystemError(error);
+        return 0;
+    }
+    if (waitMinutes == 0 || !wait) return 1;
+
+    const std::uint64_t limit =
+        std::min<std::uint64_t>(waitMinutes * millisecondsPerMinute, std::numeric_limits<std::int32_t>::max());
+    if (processes.WaitForSingleObject(process.handle, static_cast<std::uint32_t>(limit)) == platform::error::success) {
+        return ResultOfEndedProcess(process.handle, remarks);
+    }
+    Remark(remarks, "Terminating the Process for application %s as time is exceeded %d Minutes \n", commandLine,
+           waitMinutes);
+    processes.TerminateProcess(process.handle);
+    processes.WaitForSingleObject(process.handle, endMilliseconds);
+    return 0;
+}
+
+}  // namespace kv
