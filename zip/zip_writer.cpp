@@ -1,1 +1,341 @@
 #include "zip/zip_writer.h"
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <span>
+#include <string>
+#include <vector>
+#include <zlib.h>
+
+#include "foundation/system_error.h"
+#include "foundation/text.h"
+#include "platform/files.h"
+#include "platform/utf.h"
+#include "zip/archive_output.h"
+#include "zip/zip_records.h"
+#include "zip/zip_source.h"
+
+namespace kv {
+
+namespace {
+
+constexpr int compressionLevel = 8;
+constexpr int memoryLevel = 8;  // zlib's own default
+
+/// One raw deflate stream, made by the first entry that needs it and reset for each further one.
+struct Deflater {
+    z_stream stream{};
+    bool made = false;
+
+    Deflater() = default;
+    Deflater(const Deflater&) = delete;
+    Deflater& operator=(const Deflater&) = delete;
+    ~Deflater() {
+        if (made) deflateEnd(&stream);
+    }
+};
+
+struct ZipWriter {
+    ArchiveOutput output;
+    bool canSeek = false;              // the output tells its position
+    ZipResult error = zip_result::ok;  // sticky: set by a failure part-way through an entry
+    bool finished = false;             // the central directory has been written, or could not be
+    std::vector<ZipEntry> entries;
+    std::uint64_t directorySize = 0;  // bytes that the central headers of the entries will take
+    Deflater deflater;
+    ReadBuffer readBuffer{};
+};
+
+std::atomic<ZipResult> lastWriterResult{zip_result::ok};
+
+ZipResult Remember(ZipResult result) {
+    lastWriterResult = result;
+    return result;
+}
+
+/// The writer behind a handle, or null with the reason.
+ZipWriter* WriterOf(ZipHandle zip, ZipResult& result) {
+    result = zip == nullptr                 ? zip_result::badArguments
+             : zip->kind != ZipKind::writer ? zip_result::wrongKind
+                                            : zip_result::ok;
+    return result == zip_result::ok ? static_cast<ZipWriter*>(zip->object) : nullptr;
+}
+
+std::span<const std::uint8_t> BytesOf(std::string_view text) {
+    return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
+}
+
+std::string ArchiveName(std::u16string_view name, bool isFolder) {
+    std::u16string slashed(name);
+    ReplaceChar(slashed, u'\\', u'/');
+    if (isFolder && !slashed.empty() && slashed.back() != u'/') slashed += u'/';
+    return platform::Utf8FromWide(slashed);
+}
+
+/// Files that are compressed already are stored as they are.
+ZipMethod MethodFor(std::u16string_view name) {
+    static constexpr std::array<std::u16string_view, 8> compressed{u".Z",   u".zip", u".zoo", u".arc",
+                                                                   u".lzh", u".arj", u".gz",  u".tgz"};
+    const std::size_t point = name.rfind(u'.');
+    if (point == std::u16string_view::npos) return ZipMethod::deflated;
+    const std::u16string_view extension = name.substr(point);
+    const bool stored = std::any_of(compressed.begin(), compressed.end(), [&](std::u16string_view known) {
+        return CompareIgnoreCase(known, extension) == 0;
+    });
+    return stored ? ZipMethod::stored : ZipMethod::deflated;
+}
+
+std::uint64_t CentralSize(const ZipEntry& entry) { return centralHeaderSize + entry.name.size() + centralExtraSize; }
+
+/// Whether the archive can still be finished within 16-bit counts and 32-bit offsets once the entry is in it.
+bool HasRoomFor(const ZipWriter& writer, const ZipEntry& entry, std::uint64_t sourceSize) {
+    if (writer.entries.size() >= maxEntries || sourceSize > maxArchiveSize) return false;
+    const std::uint64_t data = deflateBound(nullptr, static_cast<uLong>(sourceSize)) + dataDescriptorSize;
+    const std::uint64_t headers = localHeaderSize + entry.name.size() + localExtraSize + CentralSize(entry);
+    return writer.output.position() + headers + data + writer.directorySize + endRecordSize <= maxArchiveSize;
+}
+
+ZipResult AppendLocalHeader(ArchiveOutput& output, const ZipEntry& entry) {
+    ZipResult result = Append(output, LocalHeader(entry));
+    if (result == zip_result::ok) result = Append(output, BytesOf(entry.name));
+    if (result == zip_result::ok) result = Append(output, LocalExtra(entry));
+    return result;
+}
+
+/// Hands the source's bytes to `write` one read at a time, the last time none, and keeps CRC and count.
+template <class Write>
+ZipResult ForEachRead(ZipWriter& writer, ZipSource& source, ZipEntry& entry, const Write& write) {
+    std::uint64_t count = 0;
+    std::span<const std::uint8_t> bytes;
+    do {
+        ZipResult result = ReadSource(source, writer.readBuffer, bytes);
+        if (result != zip_result::ok) return result;
+        if (!bytes.empty()) {  // crc32 takes no bytes at all for a new start
+            entry.crc = static_cast<std::uint32_t>(crc32(entry.crc, bytes.data(), static_cast<uInt>(bytes.size())));
+        }
+        count += bytes.size();
+        if (count > maxArchiveSize) return zip_result::writeFailed;
+        result = write(bytes);
+        if (result != zip_result::ok) return result;
+    } while (!bytes.empty());
+    entry.uncompressedSize = static_cast<std::uint32_t>(count);
+    return source.size.value_or(count) == count ? zip_result::ok : zip_result::sizeMismatch;
+}
+
+bool StartStream(Deflater& deflater) {
+    if (deflater.made) return deflateReset(&deflater.stream) == Z_OK;
+    deflater.made = deflateInit2(&deflater.stream, compressionLevel, Z_DEFLATED, -MAX_WBITS, memoryLevel,
+                                 Z_DEFAULT_STRATEGY) == Z_OK;
+    return deflater.made;
+}
+
+ZipResult DeflateBytes(z_stream& stream, ArchiveOutput& output, std::span<const std::uint8_t> bytes) {
+    stream.next_in = const_cast<Bytef*>(bytes.data());  // zlib only reads there
+    stream.avail_in = static_cast<uInt>(bytes.size());
+    do {
+        std::span<std::uint8_t> space;
+        if (const ZipResult result = FreeSpace(output, space); result != zip_result::ok) return result;
+        stream.next_out = space.data();
+        stream.avail_out = static_cast<uInt>(space.size());
+        if (deflate(&stream, bytes.empty() ? Z_FINISH : Z_NO_FLUSH) == Z_STREAM_ERROR) return zip_result::flateFailed;
+        CommitSpace(output, space.size() - stream.avail_out);
+    } while (stream.avail_out == 0);
+    return zip_result::ok;
+}
+
+ZipResult AppendData(ZipWriter& writer, ZipSource& source, ZipEntry& entry) {
+    if (entry.method == ZipMethod::stored) {
+        return ForEachRead(writer, source, entry, [&](auto bytes) { return Append(writer.output, bytes); });
+    }
+    if (!StartStream(writer.deflater)) return zip_result::flateFailed;
+    return ForEachRead(writer, source, entry,
+                       [&](auto bytes) { return DeflateBytes(writer.deflater.stream, writer.output, bytes); });
+}
+
+/// Completes the local header, or puts what it could not say behind the data where the output cannot go back.
+ZipResult CompleteEntry(ZipWriter& writer, ZipEntry& entry, std::uint32_t announcedSize) {
+    if (writer.canSeek) {
+        entry.flags &= static_cast<std::uint16_t>(~flagDataDescriptor);
+        return Rewrite(writer.output, entry.localHeaderOffset, LocalHeader(entry));
+    }
+    if (entry.method == ZipMethod::stored && entry.compressedSize != announcedSize) return zip_result::changedMind;
+    return Append(writer.output, DataDescriptor(entry));
+}
+
+ZipResult WriteEntry(ZipWriter& writer, ZipSource& source, ZipEntry& entry) {
+    ZipResult result = MakeRoomForEntry(writer.output);
+    if (result != zip_result::ok) return result;
+    entry.localHeaderOffset = static_cast<std::uint32_t>(writer.output.position());
+    entry.uncompressedSize = static_cast<std::uint32_t>(source.size.value_or(0));
+    entry.compressedSize = entry.method == ZipMethod::stored ? entry.uncompressedSize : 0;
+    const std::uint32_t announcedSize = entry.compressedSize;
+
+    result = AppendLocalHeader(writer.output, entry);
+    const std::uint64_t dataOffset = writer.output.position();
+    if (result == zip_result::ok) result = AppendData(writer, source, entry);
+    if (result != zip_result::ok) return result;
+    entry.compressedSize = static_cast<std::uint32_t>(writer.output.position() - dataOffset);
+    result = CompleteEntry(writer, entry, announcedSize);
+    if (result != zip_result::ok) return result;
+    writer.directorySize += CentralSize(entry);
+    writer.entries.push_back(std::move(entry));
+    return zip_result::ok;
+}
+
+/// The steps common to all entries; `open` fills the source. A failure before the entry's first byte leaves the archive
+/// good, a later one makes it refuse all that follows.
+template <class Open>
+ZipResult AddEntry(ZipHandle zip, std::u16string_view nameInZip, bool isFolder, const Open& open) {
+    ZipResult result = zip_result::ok;
+    ZipWriter* writer = WriterOf(zip, result);
+    if (writer == nullptr) return result;
+    if (writer->error != zip_result::ok) return zip_result::previousError;
+    if (writer->finished) return zip_result::alreadyEnded;
+    try {
+        ZipEntry entry;
+        entry.name = ArchiveName(nameInZip, isFolder);
+        if (entry.name.empty() || entry.name.size() > maxNameSize) return zip_result::badArguments;
+        entry.method = isFolder ? ZipMethod::stored : MethodFor(nameInZip);
+
+        ZipSource source;
+        result = open(*writer, source);
+        if (result != zip_result::ok) return result;
+        if (!HasRoomFor(*writer, entry, source.size.value_or(0))) return zip_result::badArguments;
+        entry.times = source.times;
+        entry.externalAttributes = source.externalAttributes;
+        writer->error = WriteEntry(*writer, source, entry);
+    } catch (const std::bad_alloc&) {
+        writer->error = zip_result::noMemory;
+    }
+    return writer->error;
+}
+
+ZipResult AppendDirectory(ZipWriter& writer) {
+    const std::uint64_t start = writer.output.position();
+    for (const ZipEntry& entry : writer.entries) {
+        ZipResult result = Append(writer.output, CentralHeader(entry));
+        if (result == zip_result::ok) result = Append(writer.output, BytesOf(entry.name));
+        if (result == zip_result::ok) result = Append(writer.output, CentralExtra(entry));
+        if (result != zip_result::ok) return result;
+    }
+    const ZipDirectory directory{.entries = static_cast<std::uint16_t>(writer.entries.size()),
+                                 .size = static_cast<std::uint32_t>(writer.output.position() - start),
+                                 .offset = static_cast<std::uint32_t>(start)};
+    return Append(writer.output, EndRecord(directory));
+}
+
+/// Writes the central directory and brings the whole archive to the disk. After a failed write the file holds less than
+/// the offsets say, and no directory can mend that.
+ZipResult Finish(ZipWriter& writer) {
+    if (writer.finished) return zip_result::ok;
+    writer.finished = true;
+    if (writer.error == zip_result::writeFailed) return zip_result::writeFailed;
+    const ZipResult result = AppendDirectory(writer);
+    return result == zip_result::ok ? FlushToDisk(writer.output) : result;
+}
+
+ZipHandle Create(std::u16string_view path, const char* password, ZipResult& result) {
+    if (password != nullptr) {
+        result = zip_result::badArguments;
+        return nullptr;
+    }
+    auto writer = std::make_unique<ZipWriter>();
+    const platform::FileOperations& files = platform::Files();
+    platform::FileHandle& file = writer->output.file.handle;
+    const platform::Error error = files.CreateFileW(path, platform::FileAccess::write, platform::FileShare::none,
+                                                    platform::FileDisposition::createAlways, file);
+    if (error != platform::error::success) {
+        file = 0;
+        LogLastSystemError(error);
+        result = zip_result::noFile;
+        return nullptr;
+    }
+    std::uint64_t position = 0;
+    writer->canSeek = files.GetFilePointer(file, position) == platform::error::success;
+    auto* handle = new ZipHandleRecord{ZipKind::writer, writer.get()};
+    writer.release();  // the handle owns it now
+    result = zip_result::ok;
+    return handle;
+}
+
+const char* MessageFor(ZipResult code) {
+    switch (code) {
+#define KV_ZIP_RESULT_TEXT(name, number, text) \
+    case number:                               \
+        return text;
+        KV_ZIP_RESULTS(KV_ZIP_RESULT_TEXT)
+#undef KV_ZIP_RESULT_TEXT
+    }
+    return "unknown zip result code";
+}
+
+}  // namespace
+
+ZipHandle CreateZip(std::u16string_view path, const char* password) {
+    ZipResult result = zip_result::noMemory;
+    ZipHandle zip = nullptr;
+    try {
+        zip = Create(path, password, result);
+    } catch (const std::bad_alloc&) {
+        result = zip_result::noMemory;
+    }
+    Remember(result);
+    return zip;
+}
+
+ZipResult AddFileToZip(ZipHandle zip, std::u16string_view nameInZip, std::u16string_view path) {
+    return Remember(AddEntry(zip, nameInZip, false, [&](ZipWriter& writer, ZipSource& source) {
+        // Whether the source's own times and attributes are taken hangs on the output being able to seek. It has always
+        // been so, and the server gets the same archives.
+        return OpenFileSource(path, writer.canSeek, writer.readBuffer, source);
+    }));
+}
+
+ZipResult AddMemoryToZip(ZipHandle zip, std::u16string_view nameInZip, const void* block, std::size_t size) {
+    return Remember(AddEntry(zip, nameInZip, false, [&](ZipWriter&, ZipSource& source) {
+        if (block == nullptr && size > 0) return zip_result::badArguments;
+        OpenMemorySource({static_cast<const std::uint8_t*>(block), size}, source);
+        return zip_result::ok;
+    }));
+}
+
+ZipResult AddFolderToZip(ZipHandle zip, std::u16string_view nameInZip) {
+    return Remember(AddEntry(zip, nameInZip, true, [&](ZipWriter&, ZipSource& source) {
+        OpenFolderSource(source);
+        return zip_result::ok;
+    }));
+}
+
+ZipResult CloseZip(ZipHandle zip) {
+    ZipResult result = zip_result::ok;
+    const std::unique_ptr<ZipWriter> writer(WriterOf(zip, result));
+    if (writer == nullptr) return Remember(result);
+    const std::unique_ptr<ZipHandleRecord> handle(zip);
+    try {
+        result = Finish(*writer);
+    } catch (const std::bad_alloc&) {
+        result = zip_result::noMemory;
+    }
+    return Remember(result);
+}
+
+bool IsZipHandleForWriting(ZipHandle zip) { return zip != nullptr && zip->kind == ZipKind::writer; }
+
+ZipResult LastZipWriterResult() { return lastWriterResult; }
+
+std::size_t FormatZipMessage(ZipResult code, char* buffer, std::size_t size) {
+    constexpr ZipResult lastResult = 1;
+    const std::string_view text = MessageFor(code == lastResult ? LastZipWriterResult() : code);
+    if (buffer != nullptr && size > 0) {
+        const std::size_t copied = std::min(text.size(), size - 1);
+        std::memcpy(buffer, text.data(), copied);
+        buffer[copied] = '\0';
+    }
+    return text.size();
+}
+
+}  // namespace kv

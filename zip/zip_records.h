@@ -1,0 +1,84 @@
+// The records of a zip archive as they stand on the disk, all numbers little-endian (PKWARE's APPNOTE, sections 4.3.7,
+// 4.3.9, 4.3.12 and 4.3.16; the "UT" extra field is Info-ZIP's extended time stamp). Pure conversion: nothing here
+// reads or writes a file.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "platform/clock.h"
+
+namespace kv {
+
+inline constexpr std::size_t localHeaderSize = 30;
+inline constexpr std::size_t localExtraSize = 17;
+inline constexpr std::size_t centralHeaderSize = 46;
+inline constexpr std::size_t centralExtraSize = 9;
+inline constexpr std::size_t dataDescriptorSize = 16;
+inline constexpr std::size_t endRecordSize = 22;
+
+/// Bytes of an entry's name at the most.
+inline constexpr std::size_t maxNameSize = 260;
+
+/// Number of entries that the end record can count.
+inline constexpr std::size_t maxEntries = 0xFFFF;
+
+/// Sizes and offsets in an archive are 32 bits wide.
+inline constexpr std::uint64_t maxArchiveSize = 0xFFFFFFFF;
+
+enum class ZipMethod : std::uint16_t { stored = 0, deflated = 8 };
+
+/// Flag bit 3: CRC and sizes are not in the local header but behind the data.
+inline constexpr std::uint16_t flagDataDescriptor = 8;
+
+/// Points of time in the unit of Windows file times: 100 nanoseconds since 1601.
+struct ZipTimes {
+    std::uint64_t lastWrite = 0;
+    std::uint64_t lastAccess = 0;
+    std::uint64_t creation = 0;
+};
+
+/// One entry, as the local and the central header describe it.
+struct ZipEntry {
+    std::string name;  // UTF-8, slashes, at most maxNameSize bytes
+    ZipMethod method = ZipMethod::deflated;
+    std::uint16_t flags = flagDataDescriptor;
+    ZipTimes times;
+    std::uint32_t crc = 0;
+    std::uint32_t compressedSize = 0;
+    std::uint32_t uncompressedSize = 0;
+    std::uint32_t externalAttributes = 0;  // low byte DOS attributes, high word Unix mode
+    std::uint32_t localHeaderOffset = 0;   // from the start of the archive
+};
+
+struct ZipDirectory {
+    std::uint16_t entries = 0;
+    std::uint32_t size = 0;    // bytes
+    std::uint32_t offset = 0;  // from the start of the archive
+};
+
+/// Local header without the name and the extra field behind it.
+std::array<std::uint8_t, localHeaderSize> LocalHeader(const ZipEntry& entry);
+std::array<std::uint8_t, localExtraSize> LocalExtra(const ZipEntry& entry);
+
+/// Follows the data of an entry whose local header could not be completed.
+std::array<std::uint8_t, dataDescriptorSize> DataDescriptor(const ZipEntry& entry);
+
+/// Central header without the name and the extra field behind it.
+std::array<std::uint8_t, centralHeaderSize> CentralHeader(const ZipEntry& entry);
+std::array<std::uint8_t, centralExtraSize> CentralExtra(const ZipEntry& entry);
+
+std::array<std::uint8_t, endRecordSize> EndRecord(const ZipDirectory& directory);
+
+/// DOS date in the high half, DOS time in the low one, of the time as it stands: no change to local time.
+std::uint32_t DosTimestamp(std::uint64_t fileTime);
+
+/// Low 32 bits of the seconds since 1970.
+std::uint32_t UnixTime(std::uint64_t fileTime);
+
+/// A clock reading written as a file time, as if it were UTC.
+std::uint64_t FileTimeOf(const platform::LocalTime& time);
+
+}  // namespace kv
