@@ -1,0 +1,60 @@
+// What the sources of the Linux backend share: one maker for each record of operations, and the few routines that
+// turn the agent's names, paths and error numbers into this system's own.
+//
+// Private to platform/posix/. Everything is callable from any thread.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "platform/clock.h"
+#include "platform/crypto.h"
+#include "platform/errors.h"
+#include "platform/files.h"
+#include "platform/http.h"
+#include "platform/messages.h"
+#include "platform/process.h"
+#include "platform/registry.h"
+#include "platform/service_host.h"
+#include "platform/sockets.h"
+#include "platform/system_facts.h"
+#include "platform/threads.h"
+
+namespace platform {
+
+/// Makers of the records; InstallBackend calls each once.
+ClockOperations PosixClock();
+CryptoOperations PosixCrypto();
+FileOperations PosixFiles();
+HttpOperations PosixHttp();
+MessageOperations PosixMessages();
+ProcessOperations PosixProcesses();
+RegistryOperations PosixRegistry();
+ServiceHostOperations PosixServiceHost();
+SocketOperations PosixSockets();
+SystemFactOperations PosixSystemFacts();
+ThreadOperations PosixThreads();
+
+/// The directory that holds registry.db and the drives: KVAGENT_STATE_DIR, else /var/lib/kvagent; absolute, without a
+/// slash at the end. The environment is read by InstallBackend, and only then. Nothing creates the directory here.
+const std::string& StateDirectory();
+
+/// Reads the state directory from the environment. Called by InstallBackend, before any other thread runs.
+void ReadStateDirectory();
+
+/// This system's form of a path, in UTF-8: backslashes become slashes, a path on a drive lands in the state directory
+/// ("c:\a\b" in drive_c/a/b), where ".." does not climb over the drive's root. A zero character becomes U+FFFD.
+std::string NativePathOf(std::u16string_view path);
+
+/// The number for an errno value; generalFailure for one that has no counterpart.
+Error ErrorFromErrno(int code);
+
+/// The upper-case form of a character, by which names are compared without regard to case.
+char16_t UpperCaseOf(char16_t character);
+
+/// Drops the pages of code and constants of all loaded libraries from this process's memory. They are clean and backed
+/// by their files, so whatever is needed again is read in again at its next use; other threads may run meanwhile.
+/// Called after work that touches much library code once in a while, such as an HTTP transaction.
+void TrimResidentLibraryPages();
+
+}  // namespace platform
