@@ -43,15 +43,25 @@ platform::Error MeasureLog(std::uint32_t& size) {
     return result;
 }
 
-/// Closes the stream, so that no thread is left writing to it.
+/// Called with streamMutex held, as OpenStream is.
 void CloseStream() {
-    const std::lock_guard stream(logState.streamMutex);
     if (const platform::FileHandle file = std::exchange(logState.gv_logFile, 0)) Files().CloseHandle(file);
 }
 
-bool StreamIsOpen() {
+int OpenStream(std::u16string_view path) {
+    CloseStream();
+    const platform::Error result = Files().CreateFileW(path, platform::FileAccess::append, platform::FileShare::read,
+                                                       platform::FileDisposition::openAlways, logState.gv_logFile);
+    logState.gv_logOpenFailed = result == error::success ? 0 : 1;
+    return result == error::notEnoughMemory ? 99 : 1;
+}
+
+/// Moves the current log away and opens a new one; lines wait that long, so that none of them is lost.
+void StartNewLog(std::u16string_view target) {
     const std::lock_guard stream(logState.streamMutex);
-    return logState.gv_logFile != 0;
+    CloseStream();
+    Files().MoveFileExW(logState.gv_logPath, target, false);
+    OpenStream(logState.gv_logPath);
 }
 
 /// Moves the current log and its numbered elders one number up, from the oldest down, and drops those past the limit.
@@ -64,8 +74,10 @@ void ShiftLogFiles() {
         const std::u16string target = LogFileNameAt(path, number);
         if (number >= maxFiles) Files().DeleteFileW(target);
         if (number > maxFiles) continue;
-        if (number == 1) CloseStream();
-        Files().MoveFileExW(number == 1 ? std::u16string(path) : LogFileNameAt(path, number - 1), target, false);
+        if (number == 1)
+            StartNewLog(target);
+        else
+            Files().MoveFileExW(LogFileNameAt(path, number - 1), target, false);
     }
 }
 
@@ -84,7 +96,8 @@ RotationLock RotateWhileLocked(std::uint32_t count) {
         ShiftLogFiles();
         logState.gv_logBytes = 0;
     }
-    if (!StreamIsOpen()) OpenLogFile(logState.gv_logPath);
+    const std::lock_guard stream(logState.streamMutex);
+    if (logState.gv_logFile == 0) OpenStream(logState.gv_logPath);
     return RotationLock::released;
 }
 
@@ -103,14 +116,8 @@ int RotateLogFile(std::uint32_t count) {
 }
 
 int OpenLogFile(std::u16string_view path) {
-    platform::FileHandle file = 0;
-    const platform::Error result = Files().CreateFileW(path, platform::FileAccess::append, platform::FileShare::read,
-                                                       platform::FileDisposition::openAlways, file);
-    logState.gv_logOpenFailed = result == error::success ? 0 : 1;
-    if (result == error::notEnoughMemory) return 99;
     const std::lock_guard stream(logState.streamMutex);
-    logState.gv_logFile = file;
-    return 1;
+    return OpenStream(path);
 }
 
 int CountLogFiles(std::u16string_view stem) {
@@ -158,10 +165,14 @@ void RotateLogger(std::optional<std::u16string_view> name) {
 }
 
 void StopLogging() {
-    if (!StreamIsOpen()) return;
+    {
+        const std::lock_guard stream(logState.streamMutex);
+        if (logState.gv_logFile == 0) return;
+    }
     Log1(
         "=============================================LOGGING "
         "STOPPED==============================================\n");
+    const std::lock_guard stream(logState.streamMutex);
     CloseStream();
 }
 

@@ -31,7 +31,8 @@ struct LogState {
     std::atomic<std::uint32_t> gv_logMaxFiles{10};
     std::atomic<std::uint16_t> gv_logOpenFailed{0};
 
-    /// Keeps the stream open between a line's test and its write; held for one line or one closing, nothing else.
+    /// Keeps the stream open between a line's test and its write; held for one line, or while the stream changes files.
+    /// Nobody takes the rotation's resource lock while holding it.
     std::mutex streamMutex;
 
     /// Called with the counter when it has passed the limit; set by RotateLogger, null before.

@@ -24,7 +24,8 @@ struct ResourceLockEntry {
     ResourceLockEntry* next;
 };
 
-/// Makes the mutex that guards the table. Called first of all in Main; a second call changes nothing.
+/// Makes the mutex that guards the table. Called first of all in Main; a second call changes nothing. A lock that is taken
+/// earlier makes it too.
 void InitMutex();
 
 /// Empties the table.

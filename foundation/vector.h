@@ -35,21 +35,20 @@ struct VectorElement {
     VectorElement* next;
 };
 
-/// Order of two elements, as the sorted path of AddElement asks for it.
+/// Order of two elements. No list of the agent is sorted as it grows, so none is asked for yet.
 using VectorComparator = int (*)(const VectorElement* element, const VectorElement* candidate);
 
 struct Vector {
     VectorElement* head;
     std::int32_t count;
     VectorElement* tail;
-    VectorComparator compare;  // none in every Vector of the agent: elements stay in order of arrival
+    VectorComparator compare;  // kept, not asked: elements stay in order of arrival
 };
 
 /// Empties the three fields and stores the function that compareRef points to, or none.
 void InitVector(Vector* vector, const VectorComparator* compareRef);
 
-/// Locked. Appends; 1. With a comparator the element goes to its sorted place; 0 when an equal one is there already (the
-/// node then stays the caller's).
+/// Locked. Appends; 1.
 int AddElement(Vector* vector, VectorElement* element);
 
 /// Locked. 1, or 0 when index is outside 0..count (the node then stays the caller's).
