@@ -57,7 +57,9 @@ bool StaysInScriptsDirectory(std::u16string_view fileName) {
     if (fileName.size() > 1 && fileName[1] == u':') return false;
     for (std::size_t start = 0; start < fileName.size();) {
         const std::size_t end = std::min(fileName.find_first_of(separators, start), fileName.size());
-        if (fileName.substr(start, end - start) == u"..") return false;
+        // Windows takes dots and blanks at the end of a part away, so ".. " would climb as well.
+        const std::u16string_view part = fileName.substr(start, end - start);
+        if (part.size() > 1 && part.find_first_not_of(u". ") == part.npos) return false;
         start = end + 1;
     }
     return true;
@@ -96,6 +98,7 @@ platform::Error WriteConverted(platform::FileHandle output, const std::u16string
                                       platform::FileDisposition::createAlways, record.handle);
     if (error != platform::error::success) return error;
     error = ConvertAll(output, record.handle, encoding);
+    if (error == platform::error::success) error = platform::Files().FlushFileBuffers(record.handle);
     const platform::Error closed = record.Close();
     if (error == platform::error::success) error = closed;
     if (error == platform::error::success) error = platform::Files().MoveFileExW(temporary, path + u".txt", true);
