@@ -1,1 +1,290 @@
+// The registry in one SQLite file.
+//
+//   key    one row a key: parent row and name; row 1 is the root, HKEY_LOCAL_MACHINE
+//   value  one row a value: key row, name, type, bytes as they were given
+//
+// One connection a process, guarded by a mutex. A handle to a key that was deleted, or that stems from a file since
+// replaced, counts as deleted.
 #include "platform/registry.h"
+
+#include <algorithm>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "platform/clock.h"
+#include "platform/posix/posix.h"
+#include "platform/posix/registry_database.h"
+#include "platform/registry_names.h"
+#include "platform/utf.h"
+
+namespace platform {
+
+namespace {
+
+constexpr std::int64_t rootRow = 1;
+constexpr std::uint32_t changePollMilliseconds = 200;
+
+/// What has happened to the registry so far; two that differ mean that something may have changed.
+struct ChangeMark {
+    std::int64_t otherConnections = 0;
+    std::int64_t thisConnection = 0;
+    bool operator==(const ChangeMark&) const = default;
+};
+
+struct OpenKey {
+    std::int64_t row = 0;          // 0: the slot is free
+    std::uint64_t generation = 0;  // of the connection it was opened on
+    RegistryAccess access = RegistryAccess::queryValue;
+    std::optional<ChangeMark> seen;  // by RegNotifyChangeKeyValue
+};
+
+struct Store {
+    std::mutex mutex;  // guards all below
+    RegistryDatabase database;
+    std::vector<OpenKey> keys;  // a handle is the index plus 1
+};
+
+/// Runs one operation on the open connection. A connection that shows a broken file is given up.
+template <class Operation>
+Error WithConnection(Store& store, Purpose purpose, Operation&& operation) {
+    Error failure = Connect(store.database, purpose);
+    if (failure == error::success) failure = operation(store.database.connection.get());
+    if (failure == error::databaseCorrupt || failure == error::readFault) Disconnect(store.database);
+    return failure;
+}
+
+/// Row of a direct subkey; 0 when there is none.
+Error FindSubkey(sqlite3* connection, std::int64_t parent, std::u16string_view name, std::int64_t& row) {
+    const std::string utf8 = Utf8FromWide(name);
+    Statement find(connection, "SELECT id FROM key WHERE parent = ? AND name = ?");
+    row = find.Bind(parent).Bind(utf8).Step() ? find.Number(0) : 0;
+    return find.Failure();
+}
+
+Error FindKey(sqlite3* connection, std::u16string_view path, std::int64_t& row) {
+    row = rootRow;
+    while (!path.empty()) {
+        if (const Error failure = FindSubkey(connection, row, TakeKeyName(path), row)) return failure;
+        if (row == 0) return error::fileNotFound;
+    }
+    return error::success;
+}
+
+Error MakeKey(sqlite3* connection, std::u16string_view path, std::int64_t& row, RegistryDisposition& disposition) {
+    Transaction transaction(connection);
+    if (transaction.Begun()) return transaction.Begun();
+    row = rootRow;
+    disposition = RegistryDisposition::opened;
+    while (!path.empty()) {
+        const std::u16string_view name = TakeKeyName(path);
+        const std::int64_t parent = row;
+        if (const Error failure = FindSubkey(connection, parent, name, row)) return failure;
+        if (row != 0) continue;
+        const std::string utf8 = Utf8FromWide(name);
+        Statement insert(connection, "INSERT INTO key (parent, name) VALUES (?, ?)");
+        if (const Error failure = insert.Bind(parent).Bind(utf8).Run()) return failure;
+        row = sqlite3_last_insert_rowid(connection);
+        disposition = RegistryDisposition::created;
+    }
+    return transaction.Commit();
+}
+
+bool KeyExists(sqlite3* connection, std::int64_t row) {
+    return Statement(connection, "SELECT 1 FROM key WHERE id = ?").Bind(row).Step();
+}
+
+RegistryKey NewHandle(Store& store, std::int64_t row, RegistryAccess access) {
+    auto slot = std::find_if(store.keys.begin(), store.keys.end(), [](const OpenKey& key) { return key.row == 0; });
+    if (slot == store.keys.end()) slot = store.keys.insert(slot, OpenKey());
+    *slot = {row, store.database.generation, access, std::nullopt};
+    return static_cast<RegistryKey>(slot - store.keys.begin()) + 1;
+}
+
+OpenKey* FindHandle(Store& store, RegistryKey key) {
+    if (key == 0 || key > store.keys.size() || store.keys[key - 1].row == 0) return nullptr;
+    return &store.keys[key - 1];
+}
+
+/// Runs an operation on an open key's row. fileNotFound and success with no row touched are the operation's own to tell
+/// from a key deleted under its handle.
+template <class Operation>
+Error WithKey(Store& store, RegistryKey key, Purpose purpose, Operation&& operation) {
+    const std::lock_guard guard(store.mutex);
+    const OpenKey* open = FindHandle(store, key);
+    if (!open) return error::invalidHandle;
+    if (purpose == Purpose::write && open->access != RegistryAccess::allAccess) return error::accessDenied;
+    return WithConnection(store, purpose, [&](sqlite3* connection) -> Error {
+        if (open->generation != store.database.generation) return error::keyDeleted;
+        const Error result = operation(connection, open->row);
+        return result == error::fileNotFound && !KeyExists(connection, open->row) ? error::keyDeleted : result;
+    });
+}
+
+Error OpenKeyAt(Store& store, RootKey root, std::u16string_view subKey, RegistryAccess access, RegistryKey& key) {
+    key = 0;
+    if (root != RootKey::localMachine) return error::invalidHandle;
+    if (!IsRegistryKeyPath(subKey)) return error::invalidName;
+    const std::lock_guard guard(store.mutex);
+    return WithConnection(store, Purpose::read, [&](sqlite3* connection) {
+        std::int64_t row = 0;
+        const Error failure = FindKey(connection, subKey, row);
+        if (failure == error::success) key = NewHandle(store, row, access);
+        return failure;
+    });
+}
+
+Error CreateKeyAt(Store& store, RootKey root, std::u16string_view subKey, RegistryAccess access, RegistryKey& key,
+                  RegistryDisposition& disposition) {
+    disposition = RegistryDisposition::opened;
+    const Error found = OpenKeyAt(store, root, subKey, access, key);
+    if (found != error::fileNotFound) return found;
+    const std::lock_guard guard(store.mutex);
+    return WithConnection(store, Purpose::write, [&](sqlite3* connection) {
+        std::int64_t row = 0;
+        const Error failure = MakeKey(connection, subKey, row, disposition);
+        if (failure == error::success) key = NewHandle(store, row, access);
+        return failure;
+    });
+}
+
+Error CloseKey(Store& store, RegistryKey key) {
+    const std::lock_guard guard(store.mutex);
+    OpenKey* open = FindHandle(store, key);
+    if (!open) return error::invalidHandle;
+    *open = OpenKey();
+    return error::success;
+}
+
+Error QueryValue(Store& store, RegistryKey key, std::u16string_view name, RegistryType* type, std::byte* data,
+                 std::size_t& size) {
+    const std::string utf8 = Utf8FromWide(name);
+    return WithKey(store, key, Purpose::read, [&](sqlite3* connection, std::int64_t row) -> Error {
+        Statement find(connection, "SELECT type, data FROM value WHERE key = ? AND name = ?");
+        if (!find.Bind(row).Bind(utf8).Step()) return find.Failure() ? find.Failure() : error::fileNotFound;
+        if (type) *type = static_cast<RegistryType>(find.Number(0));
+        const std::string_view bytes = find.Bytes(1);
+        const std::size_t room = std::exchange(size, bytes.size());
+        if (!data) return error::success;
+        if (room < bytes.size()) return error::moreData;
+        std::copy_n(bytes.data(), bytes.size(), reinterpret_cast<char*>(data));
+        return error::success;
+    });
+}
+
+Error SetValue(Store& store, RegistryKey key, std::u16string_view name, RegistryType type, const std::byte* data,
+               std::size_t size) {
+    if (!IsRegistryValueName(name)) return error::invalidName;
+    if (size > maximumValueBytes) return error::invalidParameter;
+    const std::string utf8 = Utf8FromWide(name);
+    return WithKey(store, key, Purpose::write, [&](sqlite3* connection, std::int64_t row) {
+        // The row is taken from the table of keys, so that nothing is ever stored under a key that is gone.
+        Statement store_value(connection,
+                              "INSERT INTO value (key, name, type, data) SELECT id, ?, ?, ? FROM key WHERE id = ?"
+                              " ON CONFLICT (key, name) DO UPDATE SET type = excluded.type, data = excluded.data");
+        store_value.Bind(utf8).Bind(static_cast<std::int64_t>(type)).Bind(data, size).Bind(row);
+        const Error failure = store_value.Run();
+        if (failure != error::success) return failure;
+        return sqlite3_changes(connection) > 0 ? error::success : error::keyDeleted;
+    });
+}
+
+Error DeleteValue(Store& store, RegistryKey key, std::u16string_view name) {
+    const std::string utf8 = Utf8FromWide(name);
+    return WithKey(store, key, Purpose::write, [&](sqlite3* connection, std::int64_t row) {
+        const Error failure =
+            Statement(connection, "DELETE FROM value WHERE key = ? AND name = ?").Bind(row).Bind(utf8).Run();
+        if (failure != error::success) return failure;
+        return sqlite3_changes(connection) > 0 ? error::success : error::fileNotFound;
+    });
+}
+
+Error ListNames(Store& store, RegistryKey key, const char* sql, std::vector<std::u16string>& names) {
+    names.clear();
+    return WithKey(store, key, Purpose::read, [&](sqlite3* connection, std::int64_t row) {
+        Statement list(connection, sql);
+        list.Bind(row);
+        while (list.Step()) names.push_back(WideFromUtf8(list.Bytes(0)));
+        if (list.Failure() == error::success && names.empty() && !KeyExists(connection, row)) return error::keyDeleted;
+        return list.Failure();
+    });
+}
+
+Error DeleteTree(Store& store, RootKey root, std::u16string_view subKey) {
+    if (root != RootKey::localMachine) return error::invalidHandle;
+    if (subKey.empty()) return error::accessDenied;
+    if (!IsRegistryKeyPath(subKey)) return error::invalidName;
+    const std::lock_guard guard(store.mutex);
+    if (const Error missing = Connect(store.database, Purpose::read))
+        return missing;  // a deletion does not make the file
+    return WithConnection(store, Purpose::write, [&](sqlite3* connection) -> Error {
+        Transaction transaction(connection);
+        if (transaction.Begun()) return transaction.Begun();
+        std::int64_t top = 0;
+        if (const Error failure = FindKey(connection, subKey, top)) return failure;
+        constexpr const char* statements[] = {
+            "WITH RECURSIVE tree (id) AS (SELECT ? UNION SELECT key.id FROM key JOIN tree ON key.parent = tree.id)"
+            " DELETE FROM value WHERE key IN tree",
+            "WITH RECURSIVE tree (id) AS (SELECT ? UNION SELECT key.id FROM key JOIN tree ON key.parent = tree.id)"
+            " DELETE FROM key WHERE id IN tree"};
+        for (const char* sql : statements) {
+            if (const Error failure = Statement(connection, sql).Bind(top).Run()) return failure;
+        }
+        return transaction.Commit();
+    });
+}
+
+/// Compares the registry's state with what this handle saw last. The first call sees a change at once, so that nothing
+/// is missed between a caller's reading and its waiting.
+Error LookForChange(Store& store, RegistryKey key, bool& changed) {
+    return WithKey(store, key, Purpose::read, [&](sqlite3* connection, std::int64_t row) -> Error {
+        Statement version(connection, "PRAGMA data_version");
+        if (!version.Step()) return version.Failure() ? version.Failure() : error::databaseCorrupt;
+        const ChangeMark now{version.Number(0), sqlite3_total_changes64(connection)};
+        OpenKey& open = *FindHandle(store, key);
+        changed = open.seen != now;
+        open.seen = now;
+        return changed && !KeyExists(connection, row) ? error::keyDeleted : error::success;
+    });
+}
+
+Error WaitForChange(Store& store, RegistryKey key, std::uint32_t milliseconds) {
+    const std::uint64_t deadline = Clock().GetTickCount64() + milliseconds;
+    while (true) {
+        bool changed = false;
+        if (const Error failure = LookForChange(store, key, changed)) return failure;
+        if (changed) return error::success;
+        const std::uint64_t now = Clock().GetTickCount64();
+        if (now >= deadline) return error::waitTimeout;
+        Clock().Sleep(static_cast<std::uint32_t>(std::min<std::uint64_t>(changePollMilliseconds, deadline - now)));
+    }
+}
+
+}  // namespace
+
+RegistryOperations PosixRegistry() {
+    const auto shared = std::make_shared<Store>();
+    const auto bound = [shared](auto routine) {
+        return [shared, routine](auto&&... arguments) {
+            return routine(*shared, std::forward<decltype(arguments)>(arguments)...);
+        };
+    };
+    constexpr const char* subkeys = "SELECT name FROM key WHERE parent = ? ORDER BY name";
+    constexpr const char* values = "SELECT name FROM value WHERE key = ? ORDER BY name";
+    return {
+        .RegOpenKeyExW = bound(OpenKeyAt),
+        .RegQueryValueExW = bound(QueryValue),
+        .RegCreateKeyExW = bound(CreateKeyAt),
+        .RegSetValueExW = bound(SetValue),
+        .RegCloseKey = bound(CloseKey),
+        .RegEnumKeyExW = [shared](RegistryKey key, auto& names) { return ListNames(*shared, key, subkeys, names); },
+        .RegEnumValueW = [shared](RegistryKey key, auto& names) { return ListNames(*shared, key, values, names); },
+        .RegDeleteValueW = bound(DeleteValue),
+        .RegDeleteTreeW = bound(DeleteTree),
+        .RegNotifyChangeKeyValue = bound(WaitForChange),
+    };
+}
+
+}  // namespace platform
