@@ -52,10 +52,9 @@ namespace log_detail {
 
 template <class T>
 auto Printable(const T& value) {
-    if constexpr (std::is_convertible_v<const T&, std::u16string_view> && !std::is_pointer_v<std::decay_t<T>>) {
+    if constexpr (std::is_convertible_v<const T&, std::u16string_view> && !std::is_pointer_v<T>) {
         return platform::Utf8FromWide(value);
-    } else if constexpr (std::is_same_v<std::decay_t<T>, const char16_t*> ||
-                         std::is_same_v<std::decay_t<T>, char16_t*>) {
+    } else if constexpr (std::is_same_v<T, const char16_t*> || std::is_same_v<T, char16_t*>) {
         return value ? platform::Utf8FromWide(value) : std::string("(null)");
     } else if constexpr (std::is_same_v<T, std::optional<std::u16string>>) {
         return value ? platform::Utf8FromWide(*value) : std::string("(null)");

@@ -1,0 +1,215 @@
+// The log on real files: levels, size counter, rotation by numbers, faults, and threads that log while others rotate.
+#include <algorithm>
+#include <filesystem>
+#include <map>
+#include <set>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "agent/log_file.h"
+#include "foundation/log.h"
+#include "foundation/registry_store.h"
+#include "foundation/resource_lock.h"
+#include "tests/support/test_agent.h"
+#include "tests/support/virtual_clock.h"
+
+namespace kv {
+namespace {
+
+namespace fs = std::filesystem;
+
+class LogFile : public test::TestAgent {
+  protected:
+    LogFile() : logs(folder / "monitoring" / "logs") { StopLogging(); }
+
+    /// Opens the log as at a start, over files of the contents given.
+    void Start(const std::map<std::string, std::string>& files) {
+        for (const auto& entry : fs::directory_iterator(logs)) fs::remove(entry);
+        for (const auto& [name, content] : files) Write(logs / name, content);
+        RotateLogger(std::nullopt);
+    }
+
+    void SetRegistry(std::u16string_view name, std::u16string_view number) {
+        ASSERT_EQ(
+            writeValue(platform::RootKey::localMachine, agentKeyPath, name, number, platform::RegistryType::dword),
+            platform::error::success);
+    }
+
+    /// File names in the logs directory, each with the first character of its content.
+    std::map<std::string, std::string> Files() const {
+        std::map<std::string, std::string> files;
+        for (const auto& entry : fs::directory_iterator(logs))
+            files[entry.path().filename().string()] = Read(entry.path()).substr(0, 1);
+        return files;
+    }
+
+    static bool RotationIsLocked() { return IsResourceLocked_MSP(&logState.gv_logFile) == 1; }
+
+    fs::path logs;
+};
+
+using FileMap = std::map<std::string, std::string>;
+
+TEST_F(LogFile, RotatesAtStartOnlyAboveTheDefaultSize) {
+    Start({{"agent.log", std::string(1000000, 'x')}});
+    EXPECT_EQ(Files(), (FileMap{{"agent.log", "x"}}));
+    Start({{"agent.log", std::string(1000001, 'x')}});
+    EXPECT_EQ(Files(), (FileMap{{"agent.log", "\n"}, {"agent1.log", "x"}}));
+    EXPECT_TRUE(Logged("STARTING MONITORING AGENT"));
+    EXPECT_EQ(fs::file_size(logs / "agent1.log"), 1000001U);
+}
+
+TEST_F(LogFile, ConfiguredLimitsHoldFromTheFirstLineOn) {
+    SetRegistry(u"LoggerMaxSize", u"500");
+    SetRegistry(u"LoggerMaxFiles", u"7");
+    Start({{"agent.log", std::string(900000, 'x')}});
+    EXPECT_EQ(Files(), (FileMap{{"agent.log", "\n"}, {"agent1.log", "x"}}));
+    EXPECT_NE(Read(logs / "agent1.log").find("STARTING MONITORING AGENT"), std::string::npos);
+    EXPECT_TRUE(Logged("\tRotateLogger : LoggerMaxFiles 7\n"));
+    EXPECT_TRUE(Logged("\tRotateLogger : LoggerMaxSize 500 bytes .\n"));
+}
+
+TEST_F(LogFile, ShiftsNumberedFiles) {
+    const struct {
+        const char* title;
+        std::uint32_t maxFiles;
+        FileMap before, after;
+    } rows[] = {
+        {"first rotation", 10, {{"agent.log", "0"}}, {{"agent.log", "\n"}, {"agent1.log", "0"}}},
+        {"the oldest goes",
+         2,
+         {{"agent.log", "0"}, {"agent1.log", "1"}, {"agent2.log", "2"}},
+         {{"agent.log", "\n"}, {"agent1.log", "0"}, {"agent2.log", "1"}}},
+        {"a stranger counts as one",
+         2,
+         {{"agent.log", "0"}, {"agent1.log", "1"}, {"agentnotes.txt", "n"}},
+         {{"agent.log", "\n"}, {"agent1.log", "0"}, {"agent2.log", "1"}, {"agentnotes.txt", "n"}}},
+        {"more files than the limit",
+         1,
+         {{"agent.log", "0"}, {"agent1.log", "1"}, {"agent2.log", "2"}},
+         {{"agent.log", "\n"}, {"agent1.log", "0"}}},
+        {"no numbered files wanted", 0, {{"agent.log", "0"}, {"agent1.log", "1"}}, {{"agent.log", "0"}}},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.title);
+        Start(row.before);
+        logState.gv_logMaxFiles = row.maxFiles;
+        logState.gv_logMaxSize = logState.gv_logBytes + 1;
+        Log1("rotates after it is written\n");
+        EXPECT_EQ(logState.gv_logBytes, 0U);
+        Log1("first line of the new file\n");
+        EXPECT_EQ(Files(), row.after);
+        StopLogging();
+    }
+    EXPECT_EQ(LogFileNameAt(u"c:\\logs\\agent.log", 123), u"c:\\logs\\agent123.log");
+}
+
+TEST_F(LogFile, CountsFormatsNotWhatTheyPrint) {
+    test::VirtualClock clock;
+    Start({});
+    const std::uint32_t before = logState.gv_logBytes;
+    const auto sizeBefore = fs::file_size(logs / "agent.log");
+    Log1("%s %d", std::u16string(10000, u'x'), 12345);
+    EXPECT_EQ(logState.gv_logBytes - before, std::string("\n2026/03/05  09:05:07:000 %s %d").size());
+    EXPECT_EQ(fs::file_size(logs / "agent.log") - sizeBefore,
+              std::string("\n2026/03/05  09:05:07:000  12345").size() + 10000);
+}
+
+TEST_F(LogFile, PrintsEveryKindOfArgument) {
+    test::VirtualClock clock;
+    Start({});
+    const std::optional<std::u16string> none;
+    const char16_t* null = nullptr;
+    Log1("%s|%s|%s|%04d|%ld|%u\n", u"w\u00e4\U0001F600", none, null, -7, std::int64_t{1} << 40, 4000000000U);
+    Log1("%d is no number, and the format stays\n", u"text");
+    Log1("%q %s too few arguments\n");
+    EXPECT_TRUE(
+        Logged("\n2026/03/05  09:05:07:000 w\xC3\xA4\xF0\x9F\x98\x80|(null)|(null)|-007|1099511627776|4000000000\n"));
+    EXPECT_TRUE(Logged(" %d is no number, and the format stays\n"));
+    EXPECT_TRUE(Logged(" %q %s too few arguments\n"));
+}
+
+TEST_F(LogFile, LevelsAreThresholdsButTraceIsExact) {
+    const std::map<std::u16string_view, std::string> rows = {{u"0", ""},    {u"1", "1"},    {u"2", "12"},
+                                                             {u"3", "123"}, {u"4", "1234"}, {u"9", "123"}};
+    for (const auto& [level, lines] : rows) {
+        SetRegistry(u"AgentLogLevel", level);
+        Start({});
+        Log1("line-1 ");
+        Log2("line-2 ");
+        Log3("line-3 ");
+        Log4("line-4 ");
+        std::string seen;
+        for (const std::string digit : {"1", "2", "3", "4"}) seen += Logged("line-" + digit) ? digit : "";
+        EXPECT_EQ(seen, lines);
+        StopLogging();
+    }
+}
+
+TEST_F(LogFile, AFullDiskCostsLinesOnly) {
+    Start({{"agent.log", "0"}});
+    {
+        platform::FileOperations files = platform::Files();
+        files.WriteFile = [](auto, auto, auto) { return platform::error::diskFull; };
+        const platform::ScopedOperations scoped(files);
+        logState.gv_logMaxSize = logState.gv_logBytes + 1;
+        Log1("dropped, counted, rotates\n");
+        EXPECT_EQ(logState.gv_logBytes, 0U);
+    }
+    Log1("room again\n");
+    EXPECT_FALSE(Logged("dropped"));
+    EXPECT_TRUE(Logged("room again\n"));
+    EXPECT_EQ(Files(), (FileMap{{"agent.log", "\n"}, {"agent1.log", "0"}}));
+}
+
+TEST_F(LogFile, KeepsTheRotationLockOnTwoWaysOut) {
+    Start({});
+    ASSERT_FALSE(RotationIsLocked());
+    RotateLogFile(2000000);  // as a thread that waited while another rotated: the counter is small but not zero
+    EXPECT_TRUE(RotationIsLocked());
+    InitResourceLockTable();
+    StopLogging();
+
+    fs::remove_all(logs);
+    Write(logs, "a file where the directory should be");
+    RotateLogger(std::nullopt);
+    EXPECT_TRUE(RotationIsLocked());
+    Log1("goes nowhere\n");
+    InitResourceLockTable();
+    fs::remove(logs);
+}
+
+TEST_F(LogFile, LosesNoLineWhileThreadsRotateOnEveryLine) {
+    constexpr int threadCount = 4;
+    constexpr int linesEach = 25;
+    Start({});
+    logState.gv_logMaxFiles = 1000;
+    logState.gv_logMaxSize = 0;  // every line rotates, and the exit that keeps the lock cannot be taken
+    std::vector<std::thread> threads;
+    for (int t = 0; t < threadCount; ++t) {
+        threads.emplace_back([t] {
+            for (int i = 0; i < linesEach; ++i) Log1("thread %d line %d :: %s|end\n", t, i, std::u16string(300, u'x'));
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_FALSE(RotationIsLocked());
+    std::multiset<std::string> lines;
+    for (const auto& [name, first] : Files()) {
+        std::istringstream content(Read(logs / name));
+        for (std::string line; std::getline(content, line);) {
+            if (const auto at = line.find("thread "); at != std::string::npos) lines.insert(line.substr(at));
+        }
+    }
+    EXPECT_EQ(lines.size(), std::size_t{threadCount * linesEach});
+    for (int t = 0; t < threadCount; ++t) {
+        for (int i = 0; i < linesEach; ++i)
+            EXPECT_EQ(lines.count("thread " + std::to_string(t) + " line " + std::to_string(i) +
+                                  " :: " + std::string(300, 'x') + "|end"),
+                      1U);
+    }
+}
+
+}  // namespace
+}  // namespace kv

@@ -1,0 +1,229 @@
+// Vector and HashTable: order, ownership and the answers at the edges. Leaks and double frees show under the address
+// sanitizer.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <string>
+#include <vector>
+
+#include "foundation/hash_table.h"
+#include "foundation/resource_lock.h"
+#include "foundation/text.h"
+#include "foundation/vector.h"
+#include "platform/backend.h"
+
+namespace kv {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+class Containers : public ::testing::Test {
+  protected:
+    Containers() { platform::InstallBackend(); }
+};
+
+VectorElement* NewElement(Word value, ValueType type = ValueType::integer) {
+    return new VectorElement{value, type, nullptr};
+}
+
+VectorPtr VectorOf(const std::vector<Word>& values) {
+    VectorPtr vector = MakeVector();
+    for (const Word value : values) AddElement(vector.get(), NewElement(value));
+    return vector;
+}
+
+/// The values from head to tail; fails when count or tail do not fit the chain, or the lock is still held.
+std::vector<Word> ValuesOf(Vector* vector) {
+    std::vector<Word> values;
+    VectorElement* last = nullptr;
+    for (VectorElement* element = vector->head; element; element = element->next) {
+        values.push_back(element->value);
+        last = element;
+    }
+    EXPECT_EQ(vector->count, static_cast<std::int32_t>(values.size()));
+    EXPECT_EQ(vector->tail, last);
+    EXPECT_EQ(IsResourceLocked_MSP(vector), 2);
+    return values;
+}
+
+TEST_F(Containers, VectorAnswersByIndex) {
+    struct Row {
+        const char* title;
+        std::int32_t index;
+        Word element;  // 0: none
+        int inserted;
+        std::vector<Word> afterInsert;
+        std::vector<Word> afterDelete;
+    };
+    const Row rows[] = {
+        {"before the first", -1, 0, 0, {1, 2, 3}, {1, 2, 3}},
+        {"first", 0, 1, 1, {9, 1, 2, 3}, {2, 3}},
+        {"middle", 1, 2, 1, {1, 9, 2, 3}, {1, 3}},
+        {"last", 2, 3, 1, {1, 2, 9, 3}, {1, 2}},
+        {"count", 3, 0, 1, {1, 2, 3, 9}, {1, 2, 3}},
+        {"past count", 4, 0, 0, {1, 2, 3}, {1, 2, 3}},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.title);
+        const VectorPtr vector = VectorOf({1, 2, 3});
+        const VectorElement* element = ElementAt(vector.get(), row.index);
+        EXPECT_EQ(element ? element->value : 0, row.element);
+        EXPECT_EQ(GetNthElement(vector.get(), row.index, vector->head), element);
+        EXPECT_EQ(DeleteElementAt(vector.get(), row.index), row.element != 0);
+        EXPECT_EQ(ValuesOf(vector.get()), row.afterDelete);
+
+        const VectorPtr grown = VectorOf({1, 2, 3});
+        VectorElement* added = NewElement(9);
+        EXPECT_EQ(InsertElementAt(grown.get(), added, row.index), row.inserted);
+        if (!row.inserted) delete added;
+        EXPECT_EQ(ValuesOf(grown.get()), row.afterInsert);
+    }
+}
+
+TEST_F(Containers, VectorThatRunsEmptyTakesElementsAgain) {
+    const VectorPtr vector = MakeVector();
+    VectorElement stranger{7, ValueType::integer, nullptr};
+    EXPECT_EQ(DeleteElement(vector.get(), &stranger), 0);
+    EXPECT_EQ(InsertElementAt(vector.get(), NewElement(1), 0), 1);
+    EXPECT_EQ(DeleteElement(vector.get(), &stranger), 1);
+    EXPECT_THAT(ValuesOf(vector.get()), ElementsAre(1));
+    EXPECT_EQ(DeleteElement(vector.get(), vector->head), 1);
+    EXPECT_THAT(ValuesOf(vector.get()), IsEmpty());
+    AddElement(vector.get(), NewElement(2));
+    AddElement(vector.get(), NewElement(3));
+    DeleteElement(vector.get(), vector->tail);
+    AddElement(vector.get(), NewElement(4));
+    DeleteLCDVector(vector.get(), 5);
+    EXPECT_THAT(ValuesOf(vector.get()), ElementsAre(2, 4));
+    DeleteLCDVector(vector.get(), 4);
+    EXPECT_THAT(ValuesOf(vector.get()), ElementsAre(2));
+    FreeVector(vector.get());
+    EXPECT_EQ(vector->count, 0);
+    AddElement(vector.get(), NewElement(6));
+    EXPECT_THAT(ValuesOf(vector.get()), ElementsAre(6));
+}
+
+TEST_F(Containers, MergedVectorOwnsNothingItShares) {
+    const VectorPtr source = MakeVector();
+    AddElement(source.get(), NewElement(reinterpret_cast<Word>(CopyText(u"owned by the source")), ValueType::text));
+    const VectorPtr dest = VectorOf({1});
+    EXPECT_EQ(MergeVector(dest.get(), source.get()), 1);
+    EXPECT_EQ(dest->count, 2);
+    EXPECT_EQ(dest->tail->type, ValueType::none);
+    EXPECT_EQ(dest->tail->value, source->head->value);
+    EXPECT_EQ(MergeVector(dest.get(), dest.get()), 1);
+    EXPECT_EQ(ValuesOf(dest.get()).size(), 4U);
+}
+
+TEST_F(Containers, SortsTablesByTheirOrder) {
+    const VectorPtr vector = MakeVector();
+    for (const std::int32_t order : {3, -1, 2}) {
+        HashTable* table = MakeHashTable().release();
+        PutHashValue(table, u"order", static_cast<Word>(order), ValueType::integer);
+        AddElement(vector.get(), NewElement(reinterpret_cast<Word>(table), ValueType::table));
+    }
+    SortVectorByOrder(vector.get());
+    std::vector<std::int32_t> orders;
+    for (const VectorElement* element = vector->head; element; element = element->next)
+        orders.push_back(
+            static_cast<std::int32_t>(GetHashValue(reinterpret_cast<HashTable*>(element->value), u"order")));
+    EXPECT_THAT(orders, ElementsAre(-1, 2, 3));
+}
+
+std::vector<std::u16string> KeysOf(const HashTable* table) {
+    std::vector<std::u16string> keys;
+    const auto array = GetHashKeys(table);
+    for (const char16_t* const* key = array.get(); *key; ++key) keys.emplace_back(*key);
+    EXPECT_EQ(CountHashKeys(table), static_cast<std::int32_t>(keys.size()));
+    return keys;
+}
+
+TEST_F(Containers, TableKeepsTheOrderOfFirstInsertion) {
+    struct Step {
+        const char* title;
+        bool put;
+        const char16_t* key;
+        int result;
+        std::vector<std::u16string> keys;
+    };
+    const Step steps[] = {
+        {"remove from an empty table", false, u"b", 0, {}},
+        {"first key", true, u"b", 1, {u"b"}},
+        {"later keys go last", true, u"a", 1, {u"b", u"a"}},
+        {"case counts", true, u"A", 1, {u"b", u"a", u"A"}},
+        {"a known key keeps its place", true, u"b", 1, {u"b", u"a", u"A"}},
+        {"unknown key", false, u"x", 0, {u"b", u"a", u"A"}},
+        {"remove from the middle", false, u"a", 1, {u"b", u"A"}},
+        {"remove the first", false, u"b", 1, {u"A"}},
+        {"remove the only one", false, u"A", 1, {}},
+        {"its entry is used again", true, u"c", 1, {u"c"}},
+    };
+    const HashTablePtr table = MakeHashTable();
+    for (const Step& step : steps) {
+        SCOPED_TRACE(step.title);
+        const int result =
+            step.put ? PutHashText(table.get(), step.key, u"value") : RemoveHashKey(table.get(), step.key);
+        EXPECT_EQ(result, step.result);
+        EXPECT_EQ(KeysOf(table.get()), step.keys);
+        EXPECT_EQ(ContainsHashKey(table.get(), step.key), step.put);
+    }
+}
+
+TEST_F(Containers, TableOfManyBucketsFindsEveryKey) {
+    auto* table = new HashTable{};
+    ASSERT_EQ(InitHashTable(table, 7), 1);
+    for (Word i = 1; i <= 100; ++i)
+        PutHashValue(table, DecimalText(static_cast<std::int64_t>(i)), i, ValueType::integer);
+    for (Word i = 1; i <= 100; ++i) EXPECT_EQ(GetHashValue(table, DecimalText(static_cast<std::int64_t>(i))), i);
+    EXPECT_EQ(CountHashKeys(table), 100);
+    EXPECT_EQ(HashOfKey(table, u"ab"), (u'a' * 26 + u'b') % 7);
+    FreeHashTable(table);
+
+    auto* least = new HashTable{};
+    ASSERT_EQ(InitHashTable(least, 0), 1);
+    EXPECT_EQ(least->size, 1);
+    FreeHashTable(least);
+}
+
+TEST_F(Containers, TextsAreCopiedAndReadOnlyAsTexts) {
+    const HashTablePtr table = MakeHashTable();
+    {
+        const std::u16string passing = u"gone after the put";
+        PutHashValue(table.get(), u"text", reinterpret_cast<Word>(passing.c_str()), ValueType::text);
+    }
+    PutHashValue(table.get(), u"number", 5, ValueType::integer);
+    EXPECT_EQ(std::u16string(GetHashText(table.get(), u"text")), u"gone after the put");
+    EXPECT_EQ(GetHashText(table.get(), u"number"), nullptr);
+    EXPECT_EQ(GetHashVector(table.get(), u"number"), nullptr);
+    EXPECT_EQ(GetHashText(table.get(), u"absent"), nullptr);
+}
+
+TEST_F(Containers, MergeKeepsWhatDestHasAndReplacesZero) {
+    const HashTablePtr source = MakeHashTable();
+    const HashTablePtr dest = MakeHashTable();
+    PutHashText(source.get(), u"both", u"source");
+    PutHashText(source.get(), u"zero", u"source");
+    PutHashText(source.get(), u"new", u"source");
+    PutHashText(dest.get(), u"both", u"dest");
+    PutHashValue(dest.get(), u"zero", 0, ValueType::integer);
+    EXPECT_EQ(MergeHashTable(source.get(), dest.get()), 1);
+    EXPECT_EQ(MergeHashTable(nullptr, dest.get()), 0);
+    EXPECT_THAT(KeysOf(dest.get()), ElementsAre(u"both", u"zero", u"new"));
+    EXPECT_EQ(std::u16string(GetHashText(dest.get(), u"both")), u"dest");
+    EXPECT_EQ(std::u16string(GetHashText(dest.get(), u"zero")), u"source");
+}
+
+TEST_F(Containers, FreeAllTakesTheWholeTree) {
+    const HashTablePtr table = MakeHashTable();
+    VectorPtr list = MakeVector();
+    HashTablePtr row = MakeHashTable();
+    PutHashText(row.get(), u"name", u"value");
+    AddElement(list.get(), NewElement(reinterpret_cast<Word>(row.release()), ValueType::table));
+    AddElement(list.get(), NewElement(reinterpret_cast<Word>(CopyText(u"text")), ValueType::text));
+    AddElement(list.get(), NewElement(reinterpret_cast<Word>(MakeVector().release()), ValueType::vector));
+    PutHashValue(table.get(), u"rows", reinterpret_cast<Word>(list.release()), ValueType::vector);
+    EXPECT_EQ(GetHashVector(table.get(), u"rows")->count, 3);
+}
+
+}  // namespace
+}  // namespace kv

@@ -1,0 +1,127 @@
+// File helpers on the real file backend; failures are ordered through the seam.
+#include <filesystem>
+#include <string>
+
+#include "foundation/file_utils.h"
+#include "platform/files.h"
+#include "tests/support/test_agent.h"
+#include "tests/support/virtual_clock.h"
+
+namespace kv {
+namespace {
+
+namespace fs = std::filesystem;
+using FileHelpers = test::TestAgent;
+
+TEST_F(FileHelpers, DeletesATreeAndReportsWhatItCannotDelete) {
+    Write(bin / "tree" / "a.txt", "a");
+    Write(bin / "tree" / "deep" / "er" / "b.txt", "b");
+    EXPECT_EQ(DeleteDirectoryRecursively(u"tree"), 1);
+    EXPECT_FALSE(fs::exists(bin / "tree"));
+    EXPECT_EQ(DeleteDirectoryRecursively(u"tree"), 1);
+    EXPECT_TRUE(Logged("\t DeleteDirectoryRecursively :: Invalid File Handle, path : tree \n"));
+
+    Write(bin / "tree" / "a.txt", "a");
+    Write(bin / "tree" / "b.txt", "b");
+    platform::FileOperations files = platform::Files();
+    files.DeleteFileW = [real = files.DeleteFileW](std::u16string_view path) {
+        return path.ends_with(u"a.txt") ? platform::error::accessDenied : real(path);
+    };
+    const platform::ScopedOperations scoped(files);
+    EXPECT_EQ(DeleteDirectoryRecursively(u"tree\\"), 0);
+    EXPECT_TRUE(fs::exists(bin / "tree" / "a.txt"));
+    EXPECT_FALSE(fs::exists(bin / "tree" / "b.txt"));
+}
+
+TEST_F(FileHelpers, TellsFilesFromDirectoriesAndCountsZips) {
+    Write(bin / "zipdata" / "one.zip", "1");
+    Write(bin / "zipdata" / "two.ZIP", "2");
+    Write(bin / "zipdata" / "three.txt", "3");
+    EXPECT_EQ(fileExists(u"zipdata\\one.zip"), 1);
+    EXPECT_EQ(fileExists(u"zipdata\\none.zip"), 0);
+    EXPECT_FALSE(Logged("Directory doesnot exists"));
+    EXPECT_EQ(fileExists(u"zipdata"), 0);
+    EXPECT_TRUE(Logged("\t fileExists() :: Directory doesnot exists\n"));
+    EXPECT_TRUE(CheckFileExists(u"zipdata\\t*.txt"));
+    EXPECT_FALSE(CheckFileExists(u"zipdata\\x*"));
+    EXPECT_TRUE(Logged("CheckFileExists -> Invalid File Handle. 2 \n"));
+    EXPECT_EQ(GetZipFileCount(u"zipdata\\*"), 2);
+    EXPECT_EQ(GetZipFileCount(u"data\\*"), 0);
+    EXPECT_TRUE(Logged("\t GetZipFileCount : Invalid File Handle. Error is 3"));
+}
+
+TEST_F(FileHelpers, AFileInUseCostsAQuarterSecond) {
+    const struct {
+        const char* title;
+        platform::Error state;
+        FileUse use;
+        std::int64_t pause;
+    } rows[] = {
+        {"free", platform::error::success, FileUse::free, 0},
+        {"in use", platform::error::sharingViolation, FileUse::inUse, 250},
+        {"denied", platform::error::accessDenied, FileUse::unknown, 0},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.title);
+        test::VirtualClock clock;
+        platform::FileOperations files = platform::Files();
+        files.GetFileUseState = [&row](std::u16string_view) { return row.state; };
+        const platform::ScopedOperations scoped(files);
+        EXPECT_EQ(IsFileisOpen(u"a.txt"), row.use);
+        EXPECT_EQ(clock.nowMilliseconds() - test::VirtualClock::startMilliseconds, row.pause);
+    }
+    EXPECT_TRUE(Logged(" IsFileisOpen :: Error Occured [5]\n"));
+}
+
+TEST_F(FileHelpers, WritesAFileCompletelyOrNotAtAll) {
+    using platform::Error;
+    const struct {
+        const char* title;
+        void (*fail)(platform::FileOperations&);
+        Error result;
+    } rows[] = {
+        {"no fault", [](platform::FileOperations&) {}, platform::error::success},
+        {"disk full while writing",
+         [](platform::FileOperations& files) {
+             files.WriteFile = [](auto, auto, auto) { return platform::error::diskFull; };
+         },
+         platform::error::diskFull},
+        {"disk full while flushing",
+         [](platform::FileOperations& files) {
+             files.FlushFileBuffers = [](auto) { return platform::error::diskFull; };
+         },
+         platform::error::diskFull},
+        {"rename denied",
+         [](platform::FileOperations& files) {
+             files.MoveFileExW = [](auto, auto, auto) { return platform::error::accessDenied; };
+         },
+         platform::error::accessDenied},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.title);
+        Write(bin / "record.txt", "former");
+        platform::FileOperations files = platform::Files();
+        row.fail(files);
+        const platform::ScopedOperations scoped(files);
+        EXPECT_EQ(WriteCompleteFile(u"record.txt", u"record.tmp", "new"), row.result);
+        EXPECT_EQ(Read(bin / "record.txt"), row.result == 0 ? "new" : "former");
+        EXPECT_FALSE(fs::exists(bin / "record.tmp"));
+    }
+}
+
+TEST_F(FileHelpers, ReadsBackWhatWasWritten) {
+    std::u16string text = u"\u00e4\U0001F600";
+    for (int i = 0; i < 40000; ++i) text += static_cast<char16_t>(i);
+    const std::string bytes = Utf16LittleEndianBytes(text);
+    EXPECT_EQ(bytes.substr(0, 6), std::string("\xE4\x00\x3D\xD8\x00\xDE", 6));
+    ASSERT_EQ(WriteCompleteFile(u"wide.txt", u"wide.tmp", bytes), platform::error::success);
+    std::string content = "before";
+    ASSERT_EQ(ReadWholeFile(u"wide.txt", content), platform::error::success);
+    EXPECT_TRUE(TextFromUtf16LittleEndian(content) == text);
+    EXPECT_TRUE(TextFromUtf16LittleEndian(content + "x") == text);
+    EXPECT_EQ(ReadWholeFile(u"missing.txt", content), platform::error::fileNotFound);
+    EXPECT_TRUE(content.empty());
+}
+
+}  // namespace
+}  // namespace kv

@@ -1,0 +1,165 @@
+// The table of locked addresses, the pool record, and texts that are replaced under their readers.
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "foundation/published_text.h"
+#include "foundation/resource_lock.h"
+#include "foundation/thread_pool.h"
+#include "foundation/time_utils.h"
+#include "tests/support/test_agent.h"
+#include "tests/support/virtual_clock.h"
+
+namespace kv {
+namespace {
+
+class Locks : public test::TestAgent {
+  protected:
+    int one = 0;
+    int other = 0;
+};
+
+TEST_F(Locks, KeysLockIndependentlyAndHaveNoOwner) {
+    SynchronizeResource_MSP(&one);
+    EXPECT_EQ(ResourceLockOp_MSP(&one, LockOperation::lock), lockBusy);
+    EXPECT_EQ(ResourceLockOp_MSP(&other, LockOperation::lock), lockAcquired);
+    std::thread([this] { UnsynchronizeResource_MSP(&one); }).join();
+    EXPECT_EQ(IsResourceLocked_MSP(&one), 2);
+    EXPECT_EQ(IsResourceLocked_MSP(&other), 1);
+    EXPECT_FALSE(Logged("Alert!"));
+    UnsynchronizeResource_MSP(&one);
+    EXPECT_TRUE(Logged("Alert! something went wrong...\n"));
+    EXPECT_EQ(IsResourceLocked_MSP(&other), 1);
+    UnsynchronizeResource_MSP(&other);
+}
+
+TEST_F(Locks, TimedLockSleepsOnce) {
+    test::VirtualClock clock;
+    std::vector<std::uint32_t> sleeps;
+    clock.onSleep = [&](std::uint32_t milliseconds) { sleeps.push_back(milliseconds); };
+    EXPECT_EQ(TimedSynchronizeResource_MSP(&one, 50), -1);
+    EXPECT_EQ(TimedSynchronizeResource_MSP(&one, 0), 1);
+    EXPECT_TRUE(sleeps.empty());
+    EXPECT_EQ(TimedSynchronizeResource_MSP(&one, 50), 1);
+    EXPECT_EQ(sleeps, std::vector<std::uint32_t>{50});
+    clock.onSleep = [this](std::uint32_t) { UnsynchronizeResource_MSP(&one); };
+    EXPECT_EQ(TimedSynchronizeResource_MSP(&one, 50), -1);
+    UnsynchronizeResource_MSP(&one);
+}
+
+TEST_F(Locks, PurgeTakesLocksOlderThanFiveMinutes) {
+    test::VirtualClock clock;
+    GetAgentStartUpTime();
+    SynchronizeResource_MSP(&one);
+    clock.advanceMilliseconds(300 * 1000);
+    SynchronizeResource_MSP(&other);
+    CleanResourceLockTable_MSP();
+    EXPECT_EQ(IsResourceLocked_MSP(&one), 1);
+    clock.advanceMilliseconds(1000);
+    CleanResourceLockTable_MSP();
+    EXPECT_EQ(IsResourceLocked_MSP(&one), 2);
+    EXPECT_EQ(IsResourceLocked_MSP(&other), 1);
+    UnsynchronizeResource_MSP(&other);
+}
+
+TEST_F(Locks, ALockKeepsThreadsApart) {
+    int counter = 0;  // plain: only the lock makes the sum right
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&] {
+            for (int i = 0; i < 500; ++i) {
+                const ResourceLock lock(&counter);
+                ++counter;
+            }
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(counter, 2000);
+}
+
+TEST_F(Locks, WaitsOnlyYield) {
+    test::VirtualClock clock;
+    std::vector<std::uint32_t> sleeps;
+    clock.onSleep = [&](std::uint32_t milliseconds) { sleeps.push_back(milliseconds); };
+    int backoff = NextLockBackoff();
+    while (backoff != 90) backoff = NextLockBackoff();
+    EXPECT_EQ(NextLockBackoff(), 10);
+    EXPECT_EQ(NextLockBackoff(), 20);
+    for (const std::uint32_t count : {90U, 500U, 1000U}) SleepMicroseconds(count);
+    EXPECT_EQ(sleeps, (std::vector<std::uint32_t>{0, 0, 1}));
+}
+
+TEST_F(Locks, PoolReusesStartsOrIsFull) {
+    const struct {
+        const char* title;
+        std::vector<PooledThreadState> states;
+        int limit, result, index;
+    } rows[] = {
+        {"empty", {}, 2, poolStart, -1},
+        {"all busy, room left", {PooledThreadState::busy}, 2, poolStart, -1},
+        {"all busy, full", {PooledThreadState::busy, PooledThreadState::busy}, 2, poolFull, -1},
+        {"first idle one",
+         {PooledThreadState::unused, PooledThreadState::idle, PooledThreadState::idle},
+         3,
+         poolReuse,
+         1},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.title);
+        std::vector<ThreadInfo> pool(row.states.size());
+        for (std::size_t i = 0; i < pool.size(); ++i) pool[i].state = row.states[i];
+        int index = -1;
+        EXPECT_EQ(CheckThreadPool_MSP(pool.data(), static_cast<int>(pool.size()), &index, row.limit), row.result);
+        EXPECT_EQ(index, row.index);
+    }
+}
+
+struct ParkedWorker {
+    ThreadInfo info;
+    std::atomic<bool> started{false};
+    std::atomic<int> turns{0};
+};
+
+TEST_F(Locks, PooledThreadParksUntilResumed) {
+    auto* worker = new ParkedWorker;  // the thread below outlives this test only if it fails
+    worker->info.handle = CreateNewThread_MSP(
+        [](void* argument) {
+            auto* self = static_cast<ParkedWorker*>(argument);
+            while (!self->started) std::this_thread::yield();
+            SuspendSelf_MSP(&self->info);
+            ++self->turns;
+            return 0U;
+        },
+        worker);
+    ASSERT_NE(worker->info.handle, 0U);
+    worker->started = true;
+    while (worker->info.state != PooledThreadState::idle) std::this_thread::yield();
+    EXPECT_EQ(worker->turns, 0);
+    ResumeThreadInfo_MSP(&worker->info);
+    while (worker->turns == 0) std::this_thread::yield();
+    EXPECT_EQ(worker->info.state, PooledThreadState::busy);
+    delete worker;
+}
+
+TEST(PublishedTexts, ReadersHoldWholeTexts) {
+    PublishedText text;
+    EXPECT_EQ(text.get(), nullptr);
+    const std::u16string a(1000, u'a');
+    const std::u16string b(2000, u'b');
+    text.publish(a);
+    const std::u16string* first = text.get();
+    std::atomic<bool> done{false};
+    std::thread reader([&] {
+        while (!done) EXPECT_TRUE(text.view() == a || text.view() == b);
+    });
+    for (int i = 0; i < 1000; ++i) text.publish(i % 2 ? a : b);
+    done = true;
+    reader.join();
+    EXPECT_EQ(text.get(), first) << "an equal text is shared, so that memory stays bounded";
+    text.publish(std::nullopt);
+    EXPECT_EQ(text.get(), nullptr);
+}
+
+}  // namespace
+}  // namespace kv

@@ -1,0 +1,181 @@
+// Text, time, Base64, system names and error texts: pure helpers, driven by tables.
+#include <gtest/gtest.h>
+#include <optional>
+#include <string>
+
+#include "foundation/host_utils.h"
+#include "foundation/proxy_password.h"
+#include "foundation/system_error.h"
+#include "foundation/text.h"
+#include "foundation/time_utils.h"
+#include "platform/backend.h"
+#include "platform/messages.h"
+#include "platform/system_facts.h"
+#include "platform/utf.h"
+#include "tests/support/virtual_clock.h"
+
+namespace kv {
+namespace {
+
+TEST(Text, ParsesDecimals) {
+    const struct {
+        const char16_t* text;
+        std::int32_t number;
+    } rows[] = {
+        {u"-12", -12},
+        {u"+7", 7},
+        {u"12a", -1},
+        {u"a", -1},
+        {u"-1", -1},
+        {u" 1", -1},
+        {u"", 0},
+        {u"-", 0},
+        {u"--1", -1},
+        {u"2147483647", 2147483647},
+        {u"2147483648", 2147483647},
+        {u"-2147483648", INT32_MIN},
+        {u"99999999999999999999999", 2147483647},
+        {u"-99999999999999999999999", INT32_MIN},
+        {u"99999999999999999999999x", -1},
+        {u"\u0661", -1},
+    };
+    for (const auto& row : rows) EXPECT_EQ(ParseDecimal(row.text), row.number) << platform::Utf8FromWide(row.text);
+}
+
+TEST(Text, ComparesWithoutRegardToAsciiCase) {
+    using Text = std::optional<std::u16string_view>;
+    const struct {
+        const char* title;
+        Text a, b;
+        int sign;
+    } rows[] = {
+        {"same but for case", u"ABC", u"abc", 0},
+        {"shorter first", u"ab", u"abc", -1},
+        {"between the cases of letters", u"Z", u"_", 1},  // '_' lies between 'Z' and 'z'
+        {"beyond ASCII case counts", u"\u00c4", u"\u00e4", -1},
+        {"none before empty", std::nullopt, u"", -1},
+        {"anything after none", u"a", std::nullopt, 1},
+        {"two nones", std::nullopt, std::nullopt, 0},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.title);
+        const int difference = CompareIgnoreCase(row.a, row.b);
+        EXPECT_EQ((difference > 0) - (difference < 0), row.sign);
+    }
+}
+
+TEST(Text, ConversionLeavesTheOutputAloneWhenItFails) {
+    std::u16string wide = u"before";
+    EXPECT_EQ(ChangeUtf8ToWideStr(nullptr, wide), 0);
+    EXPECT_EQ(ChangeUtf8ToWideStr("\xC3(", wide), 0);
+    EXPECT_EQ(wide, u"before");
+    EXPECT_EQ(ChangeUtf8ToWideStr("\xF0\x9F\x98\x80 \xC3\xA4", wide), 1);
+    EXPECT_EQ(wide, u"\U0001F600 \u00e4");
+    std::string narrow = "before";
+    EXPECT_FALSE(ChangeWideToUtf8Str(std::u16string(1, char16_t{0xD800}), narrow));
+    EXPECT_EQ(narrow, "before");
+    EXPECT_TRUE(ChangeWideToUtf8Str(wide, narrow));
+    EXPECT_EQ(narrow, "\xF0\x9F\x98\x80 \xC3\xA4");
+}
+
+TEST(Text, SearchesAndCounts) {
+    std::u16string text = u"a,b,c";
+    EXPECT_EQ(SubString(text, u"b,"), 2U);
+    EXPECT_EQ(SubString(text, u"a,b,c,"), std::u16string::npos);
+    EXPECT_EQ(CountChar(text, 3, u','), 1);
+    EXPECT_EQ(CountChar(text, 99, u','), 2);
+    EXPECT_EQ(ReplaceChar(text, u',', u';'), u"a;b;c");
+    EXPECT_EQ(ConcatStrings(u"a", u"b"), u"ab");
+}
+
+TEST(Time, PrintsTheClock) {
+    platform::InstallBackend();
+    test::VirtualClock clock;  // 2026-03-05 09:05:07
+    EXPECT_STREQ(GetTimeString(0), "09:05:07 pm");
+    EXPECT_STREQ(GetTimeString(1), "09:05:07");
+    EXPECT_STREQ(GetCurrDateString(), "05-03-26");
+    clock.advanceMilliseconds(8 * 3600 * 1000);
+    EXPECT_STREQ(GetTimeString(0), "05:05:07 pm");
+    EXPECT_STREQ(GetTimeString(1), "17:05:07");
+    EXPECT_STREQ(FormatTwoDigits(107), "07");
+    GetAgentStartUpTime();
+    clock.advanceMilliseconds(61500);
+    EXPECT_EQ(GetUpTimeSeconds(0), 61);
+    EXPECT_EQ(GetUpTimeSeconds(1), 6100);
+}
+
+TEST(Base64, DecodesAndRefuses) {
+    const struct {
+        const char* title;
+        const char16_t* text;
+        std::u16string bytes;
+    } rows[] = {
+        {"three bytes", u"YWJj", u"abc"},
+        {"white space around", u" \r\nYWJj\t\n", u"abc"},
+        {"two bytes", u"YWI=", u"ab"},
+        {"one byte", u"YQ==", u"a"},
+        {"bytes above 127", u"w6T/", u"\u00c3\u00a4\u00ff"},
+        {"text after the padding is not looked at", u"YQ==YWJj", u"a"},
+        {"five characters", u"YWJjY", u""},
+        {"white space inside", u"YW Jj", u""},
+        {"no Base64 character", u"YW!j", u""},
+        {"character above 127", u"YWJ\u00e4", u""},
+        {"padding too early", u"Y===", u""},
+        {"empty", u"", u""},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.title);
+        EXPECT_TRUE(DecodeBase64(row.text) == row.bytes);
+    }
+    for (const std::u16string text : {u"", u"a", u"ab", u"abc", u"\u00ff\u0000x", u"long enough for some groups"})
+        EXPECT_TRUE(DecodeBase64(*EncodeBase64(text)) == text);
+    EXPECT_EQ(EncodeBase64(u"\u0100"), std::nullopt);
+}
+
+TEST(SystemName, FollowsTheTable) {
+    using platform::SystemFamily;
+    platform::InstallBackend();
+    const struct {
+        platform::SystemVersion version;
+        const char16_t* name;
+    } rows[] = {
+        {{SystemFamily::nt, 6, 1, u"", true, true, u"plain"}, u"Windows 7"},
+        {{SystemFamily::nt, 6, 1, u"", false, true, u"plain"}, u"Windows 2008 R2"},
+        {{SystemFamily::nt, 6, 0, u"", true, false, u""}, u"Windows Vista"},
+        {{SystemFamily::nt, 6, 0, u"", false, false, u""}, u"Windows 2008"},
+        {{SystemFamily::nt, 5, 2, u"", true, true, u""}, u"Windows XP"},
+        {{SystemFamily::nt, 5, 2, u"", true, false, u""}, u"Windows 2003"},
+        {{SystemFamily::nt, 5, 1, u"", false, false, u""}, u"Windows XP"},
+        {{SystemFamily::nt, 5, 0, u"", false, false, u""}, u"Windows 2000"},
+        {{SystemFamily::nt, 4, 0, u"", false, false, u""}, u"Windows NT"},
+        {{SystemFamily::nt, 10, 0, u"", true, true, u"plain"}, u"plain"},
+        {{SystemFamily::win9x, 4, 0, u"", true, false, u""}, u"Windows 95"},
+        {{SystemFamily::win9x, 4, 10, u" A", true, false, u""}, u"Windows 98 SE"},
+        {{SystemFamily::win9x, 4, 10, u"", true, false, u""}, u"Windows 98"},
+        {{SystemFamily::win9x, 4, 90, u"", true, false, u""}, u"Windows Millennium Edition\n"},
+        {{SystemFamily::win32s, 3, 1, u"", true, false, u""}, u"Win32s\n"},
+        {{SystemFamily::other, 6, 1, u"", false, true, u"Debian 12"}, u"Debian 12"},
+        {{SystemFamily::other, 6, 1, u"", false, true, u""}, u"NULL"},
+    };
+    for (const auto& row : rows) {
+        platform::SystemFactOperations facts = platform::SystemFacts();
+        facts.GetVersionExW = [&row](platform::SystemVersion& version) {
+            version = row.version;
+            return platform::error::success;
+        };
+        const platform::ScopedOperations scoped(facts);
+        EXPECT_TRUE(GetOSName() == row.name) << platform::Utf8FromWide(row.name);
+    }
+}
+
+TEST(SystemErrorText, FallsBackToTheUpdateTexts) {
+    platform::InstallBackend();
+    const platform::ScopedOperations scoped(platform::MessageOperations{
+        [](platform::Error code) { return code == 5 ? std::optional<std::u16string>(u"denied") : std::nullopt; }});
+    EXPECT_TRUE(LogSystemError(5) == u"denied");
+    EXPECT_TRUE(LogSystemError(17029) == u"OfficeUpdateError: Patch failed to install.");
+    EXPECT_TRUE(LogSystemError(4711) == u"Unknown Error. Code : 4711");
+}
+
+}  // namespace
+}  // namespace kv
