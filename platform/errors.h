@@ -61,10 +61,13 @@ using Error = std::uint32_t;
     X(winHttpCannotConnect, 12029, "A connection with the server could not be established.")         \
     X(winHttpConnectionError, 12030, "The connection with the server was terminated abnormally.")    \
     X(winHttpResendRequest, 12032, "The request must be resent.")                                    \
+    X(winHttpClientCertificateNeeded, 12044, "The server is requesting client authentication.")      \
     X(winHttpHeaderNotFound, 12150, "The requested header was not found.")                           \
     X(winHttpInvalidServerResponse, 12152, "The server returned an invalid or unrecognized response.") \
+    X(winHttpRedirectFailed, 12156, "The HTTP redirect request failed.")                             \
     X(winHttpSecureChannelError, 12157, "An error occurred in the secure channel support.")          \
-    X(winHttpSecureFailure, 12175, "A security error occurred.")
+    X(winHttpSecureFailure, 12175, "A security error occurred.")                                     \
+    X(winHttpHeaderSizeOverflow, 12182, "The size of headers received exceeded the limit.")
 // clang-format on
 
 namespace error {

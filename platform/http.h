@@ -29,8 +29,10 @@ inline constexpr std::uint32_t httpFlagSecure = 0x800000;
 
 /// Options of WinHttpSetOption and WinHttpQueryOption.
 enum class HttpOption : std::uint32_t {
-    connectTimeout = 3,     // milliseconds
-    securityFlags = 31,     // SecurityFlag bits
+    connectTimeout = 3,  // milliseconds; 60000 unless set
+    sendTimeout = 5,     // milliseconds without a byte gone out; 30000 unless set
+    receiveTimeout = 6,  // milliseconds without a byte come in; 30000 unless set
+    securityFlags = 31,  // SecurityFlag bits
     proxyUserName = 0x1002,
     proxyPassword = 0x1003,
 };

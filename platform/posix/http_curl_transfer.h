@@ -1,0 +1,110 @@
+// One HTTP exchange on libcurl, driven step by step: send, wait for the headers, fetch the body.
+//
+// libcurl hands data over as it comes; the WinHTTP operations fetch it. The two meet here: a transfer runs only while
+// someone waits for its next step, and is paused as soon as one piece of the body has come and was not fetched, so a
+// body of any size occupies a few kilobytes. A transfer belongs to one thread at a time and shares nothing with others.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <curl/curl.h>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/errors.h"
+
+namespace platform {
+
+/// Everything that a transfer is started with.
+struct CurlTransferSettings {
+    std::string url;
+    bool post = false;
+    const std::byte* body = nullptr;  // of a POST; the caller's, valid until the headers of the answer are there
+    std::size_t bodySize = 0;
+    std::string userAgent;
+    std::vector<std::string> headers;      // whole lines; "Name:" suppresses one that libcurl adds by itself
+    std::string proxy;                     // "host:port", or empty for none, whatever the environment says
+    std::optional<std::string> proxyUser;  // offered up front
+    std::optional<std::string> proxyPassword;
+    std::uint32_t securityFlags = 0;           // platform/http.h
+    std::chrono::milliseconds connectTimeout;  // lookup, connection, tunnel and handshake together
+    std::chrono::milliseconds sendTimeout;     // longest time without a byte gone out
+    std::chrono::milliseconds receiveTimeout;  // longest time without a byte come in
+};
+
+class CurlTransfer {
+  public:
+    explicit CurlTransfer(const CurlTransferSettings& settings);
+    ~CurlTransfer();
+    CurlTransfer(const CurlTransfer&) = delete;
+    CurlTransfer& operator=(const CurlTransfer&) = delete;
+
+    /// Connects and sends the whole request, or as much of it as the server wants before it answers.
+    Error Send();
+
+    /// Waits for the headers of the final answer. A proxy that refuses a tunnel has given the final answer.
+    Error ReceiveHeaders();
+
+    /// Waits until bytes of the body are there, and says how many; 0 at its end.
+    Error WaitForBody(std::size_t& available);
+
+    /// Takes bytes that are there; the number taken.
+    std::size_t Take(std::byte* buffer, std::size_t size);
+
+    bool hasHeaders() const { return headersComplete_; }
+
+    /// Status line and header lines of the answer, each ending in CRLF, with an empty line at the end.
+    const std::string& rawHeaders() const { return rawHeaders_; }
+
+    /// HTTP status of the answer; 0 without one.
+    std::uint32_t status() const;
+
+    /// Value of the first header of a name, without regard to case; none when it does not occur.
+    std::optional<std::string> headerValue(std::string_view name) const;
+
+  private:
+    template <auto Routine>
+    struct Release {
+        template <class T>
+        void operator()(T* owned) const {
+            Routine(owned);
+        }
+    };
+
+    void Configure(const CurlTransferSettings& settings);
+    Error Run(std::chrono::milliseconds idleLimit, const std::function<bool()>& reached);
+    void Perform();
+    void NoteTraffic();
+    bool IsConnected() const;
+    bool IsSent() const;
+    void AcceptTunnelRefusal();
+    static std::size_t OnHeader(char* data, std::size_t size, std::size_t count, void* self);
+    static std::size_t OnBody(char* data, std::size_t size, std::size_t count, void* self);
+
+    std::unique_ptr<curl_slist, Release<curl_slist_free_all>> headerList_;
+    std::unique_ptr<CURLM, Release<curl_multi_cleanup>> multi_;
+    std::unique_ptr<CURL, Release<curl_easy_cleanup>> easy_;
+
+    std::size_t bodySize_;
+    std::chrono::milliseconds sendTimeout_;
+    std::chrono::milliseconds receiveTimeout_;
+
+    std::string rawHeaders_;
+    bool headersComplete_ = false;
+    std::string piece_;           // of the body, come and not fetched
+    std::size_t pieceTaken_ = 0;  // bytes of it that were fetched
+    bool paused_ = false;
+    std::optional<Error> end_;  // set once the transfer is over: success, or why it broke off
+    std::chrono::steady_clock::time_point lastTraffic_;
+    curl_off_t bytesSent_ = 0;
+};
+
+/// The WinHTTP number of a libcurl result.
+Error ErrorFromCurl(CURLcode code);
+
+}  // namespace platform

@@ -1,0 +1,46 @@
+// Where a request goes: its URL in the form that the wire takes, and the proxy that it passes through.
+//
+// Texts in, texts out; nothing here touches the network. Callable from any thread.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace platform {
+
+/// The parts of a URL that decide its road.
+struct HttpTarget {
+    std::string url;   // absolute, all of it printable ASCII
+    std::string host;  // lower case, an IPv6 literal without its brackets
+    std::uint16_t port = 0;
+    bool secure = false;
+};
+
+/// Percent-encodes, as UTF-8, what a request line cannot carry: blanks, control characters, everything beyond ASCII,
+/// the characters "<>\^`{|} and #, and a "%" that begins no escape. All else stays, escapes included, so that the
+/// server decodes to the text that was given.
+std::string EncodeUrlText(std::u16string_view text);
+
+/// Whether a text can be the host of a URL: a name or an address, without any of the characters that would end it
+/// there.
+bool IsHostName(std::u16string_view server);
+
+/// The target of a path and query on a server; none when no URL can be made of it.
+std::optional<HttpTarget> MakeHttpTarget(bool secure, std::u16string_view server, std::uint16_t port,
+                                         std::u16string_view path);
+
+/// The target that a Location header leads to, from the present one; none for what is neither http nor https.
+std::optional<HttpTarget> RedirectedTarget(const HttpTarget& from, std::string_view location);
+
+/// Whether the bypass list names the target. Entries are separated by semicolons or blanks and compared without regard
+/// to case; "*" stands for any text, "<local>" for every name without a dot; an entry may begin with "http://" or
+/// "https://" and end in ":port", and then holds for that scheme or port only.
+bool IsBypassed(std::string_view bypassList, const HttpTarget& target);
+
+/// The proxy of a proxy list for a target, as "host:port"; empty for none. The list is "host:port", "http://host:port"
+/// or entries such as "http=host:port;https=host:port"; the port is 80 where none is given.
+std::string ProxyFromList(std::string_view proxyList, const HttpTarget& target);
+
+}  // namespace platform
