@@ -1,0 +1,137 @@
+#include "tests/end_to_end/installed_agent.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "foundation/file_utils.h"
+#include "foundation/registry_store.h"
+#include "platform/backend.h"
+#include "platform/utf.h"
+
+namespace kv::test {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::u16string KeyOf(std::u16string_view subKey) { return std::u16string(agentKeyPath) + std::u16string(subKey); }
+
+}  // namespace
+
+InstalledAgent::InstalledAgent() {
+    std::string pattern = (fs::temp_directory_path() / "kvagent-e2e-XXXXXX").string();
+    folder = mkdtemp(pattern.data());
+    monitoring = folder / "monitoring";
+    data = monitoring / "bin" / "data";
+    zipdata = monitoring / "bin" / "zipdata";
+    state = folder / "state";
+    fs::create_directories(monitoring / "bin");
+    fs::create_directories(monitoring / "conf" / "scripts");
+    fs::create_directories(state);
+    setenv("KVAGENT_STATE_DIR", state.c_str(), 1);
+    platform::InstallBackend();
+    setText(u"", u"KVAgentInstallDir", platform::WideFromUtf8(folder.string() + "/"));
+    setText(u"", u"CustomerName", u"Test customer");
+    setText(u"", u"RemoteOfficeName", u"Test office");
+    setText(u"\\ServerInfo", u"KVServerName", u"localhost");
+    setText(u"\\ServerInfo", u"KVServerFlatName", u"--");
+    setText(u"\\ServerInfo", u"KVServerIPAddress", u"127.0.0.1");
+    setText(u"\\ServerInfo", u"KVServerSecIPAddress", u"--");
+    setText(u"\\ServerInfo", u"KVLastAccessName", u"127.0.0.1");
+    setServer(1, u"http");
+}
+
+InstalledAgent::~InstalledAgent() {
+    kill();
+    std::error_code ignored;
+    fs::remove_all(folder, ignored);
+}
+
+void InstalledAgent::setText(std::u16string_view subKey, std::u16string_view name, std::u16string_view value) const {
+    if (writeValue(platform::RootKey::localMachine, KeyOf(subKey), name, value, platform::RegistryType::text) != 0)
+        throw std::runtime_error("the registry of the test cannot be written");
+}
+
+std::string InstalledAgent::text(std::u16string_view subKey, std::u16string_view name) const {
+    OptionalText value;
+    ReadRegSZ(platform::RootKey::localMachine, KeyOf(subKey), name, value);
+    return platform::Utf8FromWide(value.value_or(u""));
+}
+
+void InstalledAgent::setServer(int port, std::u16string_view protocol) const {
+    setText(u"\\ServerInfo", u"KVServerSecurePort", DecimalText(port));
+    setText(u"\\ServerInfo", u"KVServerProtocol", protocol);
+}
+
+void InstalledAgent::writePlan(std::string_view json) const {
+    std::ofstream(monitoring / "conf" / "queryconf.txt", std::ios::binary)
+        << Utf16LittleEndianBytes(platform::WideFromUtf8(json));
+}
+
+void InstalledAgent::writeScript(std::string_view name, std::string_view body) const {
+    const fs::path path = monitoring / "conf" / "scripts" / name;
+    std::ofstream(path) << "#!/bin/sh\n" << body << '\n';
+    fs::permissions(path, fs::perms::owner_all);
+}
+
+void InstalledAgent::start(std::initializer_list<const char*> arguments) {
+    std::vector<char*> argv{const_cast<char*>(KV_AGENT_PROGRAM)};
+    for (const char* argument : arguments) argv.push_back(const_cast<char*>(argument));
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    for (const int stream : {1, 2}) posix_spawn_file_actions_addopen(&actions, stream, "/dev/null", O_WRONLY, 0);
+    const int error = posix_spawn(&process_, KV_AGENT_PROGRAM, &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    if (error != 0) throw std::runtime_error("the agent program cannot be started");
+}
+
+int InstalledAgent::run(std::initializer_list<const char*> arguments) {
+    start(arguments);
+    return wait();
+}
+
+int InstalledAgent::wait() {
+    int status = 0;
+    waitpid(process_, &status, 0);
+    process_ = 0;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+bool InstalledAgent::running() {
+    if (process_ == 0) return false;
+    if (waitpid(process_, nullptr, WNOHANG) == 0) return true;
+    process_ = 0;
+    return false;
+}
+
+void InstalledAgent::kill() {
+    if (process_ == 0) return;
+    ::kill(process_, SIGKILL);
+    wait();
+}
+
+std::string InstalledAgent::log() const { return read(monitoring / "logs" / "agent.log"); }
+
+std::string InstalledAgent::testMonitorLog() const { return read(monitoring / "logs" / "testmonitor.log"); }
+
+void InstalledAgent::pause(int milliseconds) { std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds)); }
+
+std::string InstalledAgent::read(const fs::path& path) {
+    std::ifstream file(path, std::ios::binary);
+    std::ostringstream bytes;
+    bytes << file.rdbuf();
+    return bytes.str();
+}
+
+}  // namespace kv::test
