@@ -43,7 +43,6 @@ struct ZipWriter {
     ArchiveOutput output;
     bool canSeek = false;              // the output tells its position
     ZipResult error = zip_result::ok;  // sticky: set by a failure part-way through an entry
-    bool finished = false;             // the central directory has been written, or could not be
     std::vector<ZipEntry> entries;
     std::uint64_t directorySize = 0;  // bytes that the central headers of the entries will take
     Deflater deflater;
@@ -109,6 +108,7 @@ ZipResult AppendLocalHeader(ArchiveOutput& output, const ZipEntry& entry) {
 /// Hands the source's bytes to `write` one read at a time, the last time none, and keeps CRC and count.
 template <class Write>
 ZipResult ForEachRead(ZipWriter& writer, ZipSource& source, ZipEntry& entry, const Write& write) {
+    const std::uint64_t limit = source.size.value_or(maxArchiveSize);
     std::uint64_t count = 0;
     std::span<const std::uint8_t> bytes;
     do {
@@ -118,7 +118,7 @@ ZipResult ForEachRead(ZipWriter& writer, ZipSource& source, ZipEntry& entry, con
             entry.crc = static_cast<std::uint32_t>(crc32(entry.crc, bytes.data(), static_cast<uInt>(bytes.size())));
         }
         count += bytes.size();
-        if (count > maxArchiveSize) return zip_result::writeFailed;
+        if (count > limit) return zip_result::sizeMismatch;  // it grows, and may go on growing
         result = write(bytes);
         if (result != zip_result::ok) return result;
     } while (!bytes.empty());
@@ -194,7 +194,6 @@ ZipResult AddEntry(ZipHandle zip, std::u16string_view nameInZip, bool isFolder, 
     ZipWriter* writer = WriterOf(zip, result);
     if (writer == nullptr) return result;
     if (writer->error != zip_result::ok) return zip_result::previousError;
-    if (writer->finished) return zip_result::alreadyEnded;
     try {
         ZipEntry entry;
         entry.name = ArchiveName(nameInZip, isFolder);
@@ -231,8 +230,6 @@ ZipResult AppendDirectory(ZipWriter& writer) {
 /// Writes the central directory and brings the whole archive to the disk. After a failed write the file holds less than
 /// the offsets say, and no directory can mend that.
 ZipResult Finish(ZipWriter& writer) {
-    if (writer.finished) return zip_result::ok;
-    writer.finished = true;
     if (writer.error == zip_result::writeFailed) return zip_result::writeFailed;
     const ZipResult result = AppendDirectory(writer);
     return result == zip_result::ok ? FlushToDisk(writer.output) : result;

@@ -1,0 +1,285 @@
+#include <cstdlib>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <map>
+#include <string>
+#include <vector>
+#include <zip.h>
+
+#include "foundation/text.h"
+#include "platform/files.h"
+#include "platform/utf.h"
+#include "tests/support/test_agent.h"
+#include "tests/support/virtual_clock.h"
+#include "zip/zip_writer.h"
+
+namespace kv::test {
+
+namespace {
+
+using FileOverride = platform::ScopedOperations<platform::FileOperations>;
+
+constexpr std::uint64_t fileTimeOf2026 = 116444736000000000 + 17727015070000000;  // 2026-03-05 09:05:07 UTC
+
+std::string Bytes(std::string_view hex) {
+    std::string bytes;
+    for (std::size_t i = 0; i < hex.size(); i += 3) {
+        bytes += static_cast<char>(std::stoi(std::string(hex.substr(i, 2)), nullptr, 16));
+    }
+    return bytes;
+}
+
+/// Bytes that deflate cannot make smaller, the same in every run.
+std::string Noise(std::size_t size) {
+    std::string bytes(size, '\0');
+    std::uint32_t state = 12345;
+    for (char& byte : bytes) {
+        state = state * 1664525 + 1013904223;
+        byte = static_cast<char>(state >> 24);
+    }
+    return bytes;
+}
+
+struct ReadEntry {
+    std::string content;
+    std::uint16_t method = 0;
+    std::uint32_t attributes = 0;
+    bool operator==(const ReadEntry&) const = default;
+};
+
+}  // namespace
+
+class Zip : public TestAgent {
+  protected:
+    /// What libzip finds in the archive, its local headers checked against its directory.
+    std::map<std::string, ReadEntry> ReadArchive() {
+        std::map<std::string, ReadEntry> entries;
+        int error = 0;
+        zip_t* archive = zip_open(path.c_str(), ZIP_RDONLY | ZIP_CHECKCONS, &error);
+        EXPECT_NE(archive, nullptr) << "libzip error " << error;
+        if (archive == nullptr) return entries;
+        for (zip_int64_t i = 0; i < zip_get_num_entries(archive, 0); ++i) {
+            const auto index = static_cast<zip_uint64_t>(i);
+            zip_stat_t stat;
+            zip_stat_index(archive, index, 0, &stat);
+            ReadEntry& entry = entries[stat.name];
+            entry.method = stat.comp_method;
+            zip_file_get_external_attributes(archive, index, 0, nullptr, &entry.attributes);
+            entry.content.resize(stat.size);
+            zip_file_t* file = zip_fopen_index(archive, index, 0);
+            EXPECT_EQ(zip_fread(file, entry.content.data(), stat.size), static_cast<zip_int64_t>(stat.size));
+            EXPECT_EQ(zip_fclose(file), 0) << stat.name;
+        }
+        zip_discard(archive);
+        return entries;
+    }
+
+    /// Packs one file of this content and gives what a reader finds.
+    ReadEntry PackOne(const std::string& content, std::u16string_view name = u"name") {
+        Write(bin / "one", content);
+        ZipHandle zip = CreateZip(u"a.zip", nullptr);
+        EXPECT_EQ(AddFileToZip(zip, name, u"one"), zip_result::ok);
+        EXPECT_EQ(CloseZip(zip), zip_result::ok);
+        const auto entries = ReadArchive();
+        return entries.size() == 1 ? entries.begin()->second : ReadEntry{};
+    }
+
+    static bool Accepts(const std::string& command) { return std::system(command.c_str()) == 0; }
+
+    /// The current operations with fixed facts about every file.
+    static platform::FileOperations WithInformation(platform::FileInformation information) {
+        platform::FileOperations files = platform::Files();
+        files.GetFileInformationByHandle = [information](platform::FileHandle, platform::FileInformation& out) {
+            out = information;
+            return platform::error::success;
+        };
+        return files;
+    }
+
+    std::filesystem::path path = bin / "a.zip";
+};
+
+TEST_F(Zip, EveryByteOfTheRecordsIsAsTheFormatSays) {
+    Write(bin / "two", "hi");
+    const FileOverride facts(WithInformation({.attributes = 0x20,
+                                              .creationTime = fileTimeOf2026 + 20000000,
+                                              .lastAccessTime = fileTimeOf2026 + 10000000,
+                                              .lastWriteTime = fileTimeOf2026,
+                                              .size = 2}));
+    const VirtualClock clock;  // stands at the same moment
+    ZipHandle zip = CreateZip(u"a.zip", nullptr);
+    EXPECT_EQ(AddFileToZip(zip, u"d\\a.gz", u"two"), zip_result::ok);
+    EXPECT_EQ(AddMemoryToZip(zip, u"m", "", 0), zip_result::ok);
+    EXPECT_EQ(AddFolderToZip(zip, u"d"), zip_result::ok);
+    EXPECT_EQ(CloseZip(zip), zip_result::ok);
+
+    const std::string expected =
+        // a stored file
+        "50 4b 03 04 14 00 00 00 00 00 ae 48 65 5c ac 2a 93 d8 02 00 00 00 02 00 00 00 06 00 11 00 "
+        "64 2f 61 2e 67 7a 55 54 0d 00 07 43 47 a9 69 44 47 a9 69 45 47 a9 69 68 69 "
+        // an empty deflated one
+        "50 4b 03 04 14 00 00 00 08 00 ae 48 65 5c 00 00 00 00 02 00 00 00 00 00 00 00 01 00 11 00 "
+        "6d 55 54 0d 00 07 43 47 a9 69 43 47 a9 69 43 47 a9 69 03 00 "
+        // a folder
+        "50 4b 03 04 14 00 00 00 00 00 ae 48 65 5c 00 00 00 00 00 00 00 00 00 00 00 00 02 00 11 00 "
+        "64 2f 55 54 0d 00 07 43 47 a9 69 43 47 a9 69 43 47 a9 69 "
+        // central headers
+        "50 4b 01 02 17 0b 14 00 00 00 00 00 ae 48 65 5c ac 2a 93 d8 02 00 00 00 02 00 00 00 06 00 09 00 00 00 00 00 "
+        "00 00 20 00 80 81 00 00 00 00 64 2f 61 2e 67 7a 55 54 05 00 07 43 47 a9 69 "
+        "50 4b 01 02 17 0b 14 00 00 00 08 00 ae 48 65 5c 00 00 00 00 02 00 00 00 00 00 00 00 01 00 09 00 00 00 00 00 "
+        "00 00 00 00 00 80 37 00 00 00 6d 55 54 05 00 07 43 47 a9 69 "
+        "50 4b 01 02 17 0b 14 00 00 00 00 00 ae 48 65 5c 00 00 00 00 00 00 00 00 00 00 00 00 02 00 09 00 00 00 00 00 "
+        "00 00 10 00 c0 41 69 00 00 00 64 2f 55 54 05 00 07 43 47 a9 69 "
+        // end record
+        "50 4b 05 06 00 00 00 00 03 00 03 00 ae 00 00 00 9a 00 00 00 00 00";
+    EXPECT_EQ(Read(path), Bytes(expected));
+}
+
+TEST_F(Zip, TwoIndependentReadersFindWhatWasPacked) {
+    std::map<std::string, std::string> contents{{"data/empty.txt", ""}, {"data/\xC3\xBC \xE2\x82\xAC.txt", "x"}};
+    for (const std::size_t size : {16383UL, 16384UL, 16385UL, 65536UL, 300000UL}) {
+        contents["data/" + std::to_string(size)] = Noise(size);  // too large to be completed in the buffer
+        contents["data/" + std::to_string(size) + ".zoo"] = Noise(size);
+        contents["data/" + std::to_string(size) + ".txt"] = std::string(size * 10, 'a');
+    }
+    ZipHandle zip = CreateZip(u"a.zip", nullptr);
+    for (const auto& [name, content] : contents) {
+        Write(bin / name, content);
+        std::u16string source = platform::WideFromUtf8(name);
+        source[4] = u'\\';
+        EXPECT_EQ(AddFileToZip(zip, source, source), zip_result::ok) << name;
+    }
+    EXPECT_EQ(CloseZip(zip), zip_result::ok);
+
+    std::map<std::string, std::string> found;
+    for (const auto& [name, entry] : ReadArchive()) found[name] = entry.content;
+    EXPECT_TRUE(found == contents);
+    EXPECT_TRUE(Accepts("unzip -tqq a.zip"));
+}
+
+TEST_F(Zip, TheExtensionDecidesTheMethod) {
+    const std::map<std::u16string, int> methods{{u"a.Z", 0},      {u"a.zip", 0},    {u"a.zoo", 0}, {u"a.arc", 0},
+                                                {u"a.lzh", 0},    {u"a.arj", 0},    {u"a.gz", 0},  {u"a.tgz", 0},
+                                                {u"r.GZ", 0},     {u"r.gz.txt", 8}, {u"point", 8}, {u"r.gz\\name", 8},
+                                                {u"a.zipped", 8}, {u"a.", 8}};
+    for (const auto& [name, method] : methods)
+        EXPECT_EQ(PackOne("content", name).method, method) << platform::Utf8FromWide(name);
+}
+
+TEST_F(Zip, AttributesAreTheFiles) {
+    std::string program(60, '\0');
+    program.replace(0, 2, "\xAD\x54");
+    program[36] = 4;
+    program.replace(4, 4, std::string("MZ\0\0", 4));
+    std::string far = program + std::string(40000, '\0');
+    far.replace(36, 4, std::string("\x40\x9C\0\0", 4));  // at 40000, behind the first read
+    far.replace(40000, 4, std::string("PE\0\0", 4));
+    const struct {
+        const char* title;
+        std::uint32_t attributes;
+        std::string content;
+        std::uint32_t expected;
+    } rows[] = {{"archive bit", 0x20, "text", 0x81800020},
+                {"read-only, hidden, system; other bits dropped", 0x887, "text", 0x81000007},
+                {"program", 0x20, program, 0x81C00020},
+                {"program, header far away", 0x20, far, 0x81C00020},
+                {"program of 40 bytes", 0x20, program.substr(0, 40), 0x81800020}};
+    for (const auto& row : rows) {
+        const FileOverride facts(WithInformation({.attributes = row.attributes, .size = row.content.size()}));
+        const ReadEntry entry = PackOne(row.content);
+        EXPECT_EQ(entry.attributes, row.expected) << row.title;
+        EXPECT_TRUE(entry.content == row.content) << row.title;
+    }
+}
+
+TEST_F(Zip, AnOutputThatCannotSeekGetsDescriptorsAndTheLocalClock) {
+    platform::FileOperations files = platform::Files();
+    files.GetFilePointer = [](auto, auto&) { return platform::error::invalidFunction; };
+    files.SetFilePointerEx = [](auto, auto) { return platform::error::invalidFunction; };
+    const FileOverride unseekable(files);
+    EXPECT_EQ(PackOne(Noise(100000)), (ReadEntry{Noise(100000), 8, 0x80000000}));
+    EXPECT_EQ(Read(path)[6], 8);
+    EXPECT_TRUE(Accepts("unzip -tqq a.zip"));
+
+    ZipHandle zip = CreateZip(u"a.zip", nullptr);
+    EXPECT_EQ(AddFileToZip(zip, u"stored.gz", u"one"), zip_result::changedMind);
+    CloseZip(zip);
+}
+
+TEST_F(Zip, FaultyCallsLeaveTheArchiveGood) {
+    Write(bin / "one", "one");
+    ZipHandleRecord reader{ZipKind::reader, nullptr};
+    EXPECT_EQ(CreateZip(u"no\\such\\folder.zip", nullptr), nullptr);
+    EXPECT_EQ(LastZipWriterResult(), zip_result::noFile);
+    EXPECT_EQ(CreateZip(u"a.zip", "secret"), nullptr);
+    EXPECT_EQ(LastZipWriterResult(), zip_result::badArguments);
+    EXPECT_EQ(AddFileToZip(nullptr, u"n", u"one"), zip_result::badArguments);
+    EXPECT_EQ(AddFileToZip(&reader, u"n", u"one"), zip_result::wrongKind);
+    EXPECT_EQ(CloseZip(&reader), zip_result::wrongKind);
+    EXPECT_EQ(CloseZip(nullptr), zip_result::badArguments);
+
+    ZipHandle zip = CreateZip(u"a.zip", nullptr);
+    EXPECT_TRUE(IsZipHandleForWriting(zip));
+    EXPECT_FALSE(IsZipHandleForWriting(&reader) || IsZipHandleForWriting(nullptr));
+    EXPECT_EQ(AddFileToZip(zip, u"", u"one"), zip_result::badArguments);
+    EXPECT_EQ(AddFileToZip(zip, std::u16string(261, u'n'), u"one"), zip_result::badArguments);
+    EXPECT_EQ(AddFileToZip(zip, u"n", u"missing"), zip_result::noFile);
+    EXPECT_EQ(AddFileToZip(zip, u"n", u"."), zip_result::readFailed);
+    {
+        const FileOverride huge(WithInformation({.size = 0xFFFFFFFF}));
+        EXPECT_EQ(AddFileToZip(zip, u"n", u"one"), zip_result::badArguments);
+    }
+    EXPECT_EQ(AddFileToZip(zip, std::u16string(260, u'n'), u"one"), zip_result::ok);
+    EXPECT_EQ(CloseZip(zip), zip_result::ok);
+    EXPECT_EQ(ReadArchive().size(), 1U);
+}
+
+TEST_F(Zip, TheEndRecordCountsFromNoneTo65535) {
+    EXPECT_EQ(CloseZip(CreateZip(u"a.zip", nullptr)), zip_result::ok);
+    EXPECT_EQ(Read(path), Bytes("50 4b 05 06 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00"));
+
+    ZipHandle zip = CreateZip(u"a.zip", nullptr);
+    for (int i = 0; i < 65535; ++i) ASSERT_EQ(AddFolderToZip(zip, DecimalText(i)), zip_result::ok);
+    EXPECT_EQ(AddFolderToZip(zip, u"more"), zip_result::badArguments);
+    EXPECT_EQ(CloseZip(zip), zip_result::ok);
+    EXPECT_EQ(ReadArchive().size(), 65535U);
+}
+
+TEST_F(Zip, AFailurePartWayThroughAnEntrySticks) {
+    Write(bin / "one", "one");
+    ZipHandle zip = CreateZip(u"a.zip", nullptr);
+    EXPECT_EQ(AddFileToZip(zip, u"good", u"one"), zip_result::ok);
+    {
+        const FileOverride grown(WithInformation({.size = 2}));
+        EXPECT_EQ(AddFileToZip(zip, u"bad", u"one"), zip_result::sizeMismatch);
+    }
+    EXPECT_EQ(AddFileToZip(zip, u"late", u"one"), zip_result::previousError);
+    EXPECT_EQ(CloseZip(zip), zip_result::ok);
+    EXPECT_EQ(ReadArchive().size(), 1U);
+}
+
+TEST_F(Zip, AFullDiskIsReportedAtTheLatestOnClosing) {
+    Write(bin / "one", Noise(40000));
+    platform::FileOperations files = platform::Files();
+    files.WriteFile = [](auto...) { return platform::error::diskFull; };
+    const FileOverride full(files);
+    ZipHandle zip = CreateZip(u"a.zip", nullptr);
+    EXPECT_EQ(AddFileToZip(zip, u"1", u"one"), zip_result::ok);  // in the buffer still
+    EXPECT_EQ(AddFileToZip(zip, u"2", u"one"), zip_result::writeFailed);
+    EXPECT_EQ(AddFileToZip(zip, u"3", u"one"), zip_result::previousError);
+    EXPECT_EQ(CloseZip(zip), zip_result::writeFailed);
+}
+
+TEST_F(Zip, EachResultHasItsText) {
+    char text[100];
+    EXPECT_EQ(FormatZipMessage(zip_result::noDuplicateHandle, text, sizeof text), 24U);
+    EXPECT_STREQ(text, "Culdn't duplicate handle");
+    EXPECT_EQ(FormatZipMessage(zip_result::wrongKind, text, 8), 42U);
+    EXPECT_STREQ(text, "Caller:");
+    EXPECT_EQ(FormatZipMessage(0x123, nullptr, 0), 23U);  // "unknown zip result code"
+    CloseZip(nullptr);
+    FormatZipMessage(1, text, sizeof text);
+    EXPECT_STREQ(text, "Caller: faulty arguments");
+}
+
+}  // namespace kv::test
