@@ -1,0 +1,70 @@
+// The .reg text format, "Windows Registry Editor Version 5.00", in memory: parse and print, no I/O.
+//
+//   Windows Registry Editor Version 5.00
+//
+//   ; a comment
+//   [HKEY_LOCAL_MACHINE\Software\Example]         the key that the lines below belong to
+//   @="text of the default value"                 \\ and \" stand for a backslash and a quote
+//   "name"=dword:0000001e                         one to eight hexadecimal digits
+//   "name"=hex:01,02,\                            bytes; a backslash at the end goes on in the next line
+//     03,04
+//   "name"=hex(2):25,00,00,00                     bytes of the type with that hexadecimal number
+//   "name"=-                                      deletes the value
+//   [-HKEY_LOCAL_MACHINE\Software\Old]            deletes the key and all below it
+//
+// Read are UTF-16 of either byte order with a byte order mark, and UTF-8 with one or without; line ends of any system;
+// HKLM for the root's name; quoted data that goes on over line ends. Written is UTF-16LE with a byte order mark and
+// CRLF.
+#pragma once
+
+#include <cstddef>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/registry.h"
+
+namespace kv {
+
+struct RegFileValue {
+    std::u16string name;  // empty: the key's default value
+    bool deleted = false;
+    platform::RegistryType type = platform::RegistryType::none;
+    std::vector<std::byte> data;
+};
+
+struct RegFileKey {
+    std::u16string path;  // below HKEY_LOCAL_MACHINE; empty: the root itself
+    bool deleted = false;
+    std::vector<RegFileValue> values;
+};
+
+/// Keys and values in the order of the file.
+using RegFile = std::vector<RegFileKey>;
+
+struct RegFileError {
+    std::size_t line = 0;  // from 1
+    std::string message;
+};
+
+/// True, or false with the first error, and then file is empty. Names, lengths and the root are checked, so that what
+/// was parsed can also be stored.
+bool ParseRegFile(std::string_view bytes, RegFile& file, RegFileError& error);
+
+/// The bytes of a .reg file. A text that its line cannot hold as it is (control characters, more than a text) is
+/// written as hex(1).
+std::string PrintRegFile(const RegFile& file);
+
+/// The path below HKEY_LOCAL_MACHINE of a whole key path; false when it names another root or none. The path is not
+/// checked otherwise.
+bool SplitRootName(std::u16string_view wholePath, std::u16string_view& path);
+
+/// The text in a value's bytes: up to the first zero character or the end. A last byte without its partner counts as
+/// the low half of a character, since a text may be stored with half of its terminator.
+std::u16string TextOfData(std::span<const std::byte> data);
+
+/// The bytes of a text, with its terminator.
+std::vector<std::byte> DataOfText(std::u16string_view text);
+
+}  // namespace kv

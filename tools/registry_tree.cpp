@@ -1,0 +1,129 @@
+#include "tools/registry_tree.h"
+
+#include <utility>
+
+namespace kv {
+
+namespace {
+
+using platform::Error;
+using platform::RegistryAccess;
+using platform::RootKey;
+namespace error = platform::error;
+
+/// An open key, closed at the end of the scope.
+struct KeyHandle {
+    platform::RegistryKey key = 0;
+    Error failure = error::success;
+
+    KeyHandle(std::u16string_view path, RegistryAccess access) {
+        failure = platform::Registry().RegOpenKeyExW(RootKey::localMachine, path, access, key);
+    }
+    KeyHandle(const KeyHandle&) = delete;
+    KeyHandle& operator=(const KeyHandle&) = delete;
+    ~KeyHandle() {
+        if (key != 0) platform::Registry().RegCloseKey(key);
+    }
+};
+
+/// Asks for the size first; a value that grows in between is asked again.
+Error QueryValue(platform::RegistryKey key, std::u16string_view name, RegFileValue& value) {
+    value.name = name;
+    std::size_t size = 0;
+    Error result = platform::Registry().RegQueryValueExW(key, name, &value.type, nullptr, size);
+    while (result == error::success) {
+        value.data.resize(size);
+        result = platform::Registry().RegQueryValueExW(key, name, &value.type, value.data.data(), size);
+        if (result != error::moreData) break;
+        result = error::success;
+    }
+    value.data.resize(result == error::success ? size : 0);
+    return result;
+}
+
+bool IsGone(Error result) { return result == error::fileNotFound || result == error::keyDeleted; }
+
+Error ReadSubtree(const std::u16string& path, RegFile& tree) {
+    KeyContents contents;
+    if (const Error failure = ReadKey(path, contents)) return failure;
+    tree.push_back({path, false, std::move(contents.values)});
+    for (const std::u16string& name : contents.subkeys) {
+        const Error failure = ReadSubtree(path.empty() ? name : path + u'\\' + name, tree);
+        if (failure != error::success && !IsGone(failure)) return failure;
+    }
+    return error::success;
+}
+
+Error MakeKey(std::u16string_view path) {
+    platform::RegistryKey key = 0;
+    platform::RegistryDisposition disposition{};
+    const Error result =
+        platform::Registry().RegCreateKeyExW(RootKey::localMachine, path, RegistryAccess::allAccess, key, disposition);
+    if (result == error::success) platform::Registry().RegCloseKey(key);
+    return result;
+}
+
+Error ApplyKey(const RegFileKey& key) {
+    if (key.deleted) {
+        const Error result = platform::Registry().RegDeleteTreeW(RootKey::localMachine, key.path);
+        return IsGone(result) ? error::success : result;
+    }
+    if (const Error failure = MakeKey(key.path)) return failure;
+    for (const RegFileValue& value : key.values) {
+        Error result = value.deleted ? DeleteValue(key.path, value.name) : WriteValue(key.path, value);
+        if (value.deleted && IsGone(result)) result = error::success;
+        if (result != error::success) return result;
+    }
+    return error::success;
+}
+
+}  // namespace
+
+Error ReadKey(std::u16string_view path, KeyContents& contents) {
+    const KeyHandle handle(path, RegistryAccess::queryValue);
+    if (handle.failure != error::success) return handle.failure;
+    std::vector<std::u16string> names;
+    Error result = platform::Registry().RegEnumValueW(handle.key, names);
+    for (std::size_t i = 0; i < names.size() && result == error::success; ++i) {
+        RegFileValue value;
+        result = QueryValue(handle.key, names[i], value);
+        if (result == error::success) contents.values.push_back(std::move(value));
+        if (result == error::fileNotFound) result = error::success;
+    }
+    return result == error::success ? platform::Registry().RegEnumKeyExW(handle.key, contents.subkeys) : result;
+}
+
+Error ReadValue(std::u16string_view path, std::u16string_view name, RegFileValue& value) {
+    const KeyHandle handle(path, RegistryAccess::queryValue);
+    return handle.failure != error::success ? handle.failure : QueryValue(handle.key, name, value);
+}
+
+Error ReadTree(std::u16string_view path, RegFile& tree) {
+    tree.clear();
+    return ReadSubtree(std::u16string(path), tree);
+}
+
+Error WriteValue(std::u16string_view path, const RegFileValue& value) {
+    if (const Error failure = MakeKey(path)) return failure;
+    const KeyHandle handle(path, RegistryAccess::allAccess);
+    if (handle.failure != error::success) return handle.failure;
+    return platform::Registry().RegSetValueExW(handle.key, value.name, value.type, value.data.data(),
+                                               value.data.size());
+}
+
+Error DeleteValue(std::u16string_view path, std::u16string_view name) {
+    const KeyHandle handle(path, RegistryAccess::allAccess);
+    return handle.failure != error::success ? handle.failure : platform::Registry().RegDeleteValueW(handle.key, name);
+}
+
+Error ApplyRegFile(const RegFile& file, std::u16string& failedAt) {
+    for (const RegFileKey& key : file) {
+        if (const Error failure = ApplyKey(key)) {
+            failedAt = key.path;
+            return failure;
+        }
+    }
+    return error::success;
+}
+
+}  // namespace kv

@@ -1,0 +1,37 @@
+// Whole trees of registry keys, read and written through the platform's registry. Paths are below HKEY_LOCAL_MACHINE;
+// results are system error numbers.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/registry.h"
+#include "tools/reg_file.h"
+
+namespace kv {
+
+struct KeyContents {
+    std::vector<std::u16string> subkeys;  // names, in order
+    std::vector<RegFileValue> values;     // in order of name
+};
+
+/// One key. What another process deletes meanwhile is left out.
+platform::Error ReadKey(std::u16string_view path, KeyContents& contents);
+
+/// One value's type and bytes; fileNotFound when the key or the value is missing.
+platform::Error ReadValue(std::u16string_view path, std::u16string_view name, RegFileValue& value);
+
+/// A key and all below it, parents first; fileNotFound when it does not exist.
+platform::Error ReadTree(std::u16string_view path, RegFile& tree);
+
+platform::Error WriteValue(std::u16string_view path, const RegFileValue& value);
+
+/// fileNotFound when the key or the value is missing.
+platform::Error DeleteValue(std::u16string_view path, std::u16string_view name);
+
+/// Carries out a .reg file from the top: makes keys, stores values, deletes what it says to delete, where that is
+/// there. Stops at the first failure; failedAt then holds the key's path.
+platform::Error ApplyRegFile(const RegFile& file, std::u16string& failedAt);
+
+}  // namespace kv
