@@ -1,1 +1,58 @@
-#include "platform/clock.h"
+#include <cerrno>
+#include <chrono>
+#include <ctime>
+#include <sched.h>
+
+#include "platform/posix/posix.h"
+
+namespace platform {
+
+namespace {
+
+std::int64_t GetSystemTimeMilliseconds() {
+    const auto sinceEpoch = std::chrono::system_clock::now().time_since_epoch();
+    return std::chrono::floor<std::chrono::milliseconds>(sinceEpoch).count();
+}
+
+std::uint64_t GetTickCount64() {
+    const auto sinceStart = std::chrono::steady_clock::now().time_since_epoch();
+    return static_cast<std::uint64_t>(std::chrono::floor<std::chrono::milliseconds>(sinceStart).count());
+}
+
+LocalTime ToLocalTime(std::int64_t millisecondsSince1970) {
+    const std::chrono::milliseconds moment(millisecondsSince1970);
+    const auto wholeSeconds = std::chrono::floor<std::chrono::seconds>(moment);
+    const std::time_t seconds = wholeSeconds.count();
+    std::tm parts{};
+    localtime_r(&seconds, &parts);
+    return {parts.tm_year + 1900,
+            parts.tm_mon + 1,
+            parts.tm_mday,
+            parts.tm_hour,
+            parts.tm_min,
+            parts.tm_sec,
+            static_cast<int>((moment - wholeSeconds).count())};
+}
+
+void Sleep(std::uint32_t milliseconds) {
+    if (milliseconds == 0) {
+        sched_yield();
+        return;
+    }
+    std::timespec left{static_cast<std::time_t>(milliseconds / 1000), static_cast<long>(milliseconds % 1000) * 1000000};
+    while (nanosleep(&left, &left) != 0 && errno == EINTR) {
+    }
+}
+
+}  // namespace
+
+ClockOperations PosixClock() {
+    return {
+        .GetSystemTimeMilliseconds = GetSystemTimeMilliseconds,
+        .GetTickCount64 = GetTickCount64,
+        .ToLocalTime = ToLocalTime,
+        .Sleep = Sleep,
+    };
+}
+
+}  // namespace platform

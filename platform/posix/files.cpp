@@ -1,1 +1,327 @@
-#include "platform/files.h"
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <utility>
+
+#include "platform/posix/file_search.h"
+#include "platform/posix/posix.h"
+#include "platform/utf.h"
+
+namespace platform {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr mode_t newFileMode = 0644;
+constexpr mode_t newDirectoryMode = 0755;
+
+/// A file descriptor, closed at the end.
+class Descriptor {
+  public:
+    explicit Descriptor(int number) : number_(number) {}
+    ~Descriptor() {
+        if (number_ >= 0) close(number_);
+    }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    int number() const { return number_; }
+    int Release() { return std::exchange(number_, -1); }
+
+  private:
+    int number_;
+};
+
+/// Descriptor 0 is a good one and handle 0 is none, so a handle is one more than its descriptor.
+FileHandle HandleOf(int descriptor) { return static_cast<FileHandle>(descriptor) + 1; }
+int DescriptorOf(FileHandle file) { return static_cast<int>(file) - 1; }
+
+Error LastError() { return ErrorFromErrno(errno); }
+
+/// The last error of an operation on a path: a missing directory on the way is told apart from a missing file.
+Error LastPathError(const std::string& path) {
+    const int code = errno;
+    if (code != ENOENT) return ErrorFromErrno(code);
+    const fs::path parent = fs::path(path).parent_path();
+    std::error_code ignored;
+    return parent.empty() || fs::is_directory(parent, ignored) ? error::fileNotFound : error::pathNotFound;
+}
+
+/// Drive "c:" is always there: what makes a file or directory on it makes the drive's directory where it is missing.
+void MakeSystemDrive(const std::string& path) {
+    const std::string drive = StateDirectory() + "/drive_c";
+    if (!path.starts_with(drive + "/")) return;
+    mkdir(StateDirectory().c_str(), newDirectoryMode);
+    mkdir(drive.c_str(), newDirectoryMode);
+}
+
+std::string NewPathOf(std::u16string_view path) {
+    std::string native = NativePathOf(path);
+    MakeSystemDrive(native);
+    return native;
+}
+
+/// Opens without ever waiting for a pipe's other end. A file on which someone holds a lease for this moment (as
+/// GetFileUseState does) is no such case: there the open waits until the lease is given back.
+int OpenDescriptor(const std::string& path, int flags, mode_t mode = newFileMode) {
+    flags |= O_CLOEXEC | O_NOCTTY;
+    const int descriptor = open(path.c_str(), flags | O_NONBLOCK, mode);
+    return descriptor < 0 && errno == EWOULDBLOCK ? open(path.c_str(), flags, mode) : descriptor;
+}
+
+int OpenFlags(FileAccess access, FileDisposition disposition) {
+    int flags = O_RDONLY;
+    if (access == FileAccess::write) flags = O_WRONLY;
+    if (access == FileAccess::readWrite) flags = O_RDWR;
+    if (access == FileAccess::append) flags = O_WRONLY | O_APPEND;
+    if (disposition != FileDisposition::openExisting) flags |= O_CREAT;
+    if (disposition == FileDisposition::createAlways) flags |= O_TRUNC;
+    return flags;
+}
+
+Error CreateFileW(std::u16string_view path, FileAccess access, FileShare, FileDisposition disposition,
+                  FileHandle& file) {
+    file = 0;
+    const bool mayCreate = disposition != FileDisposition::openExisting;
+    const std::string native = mayCreate ? NewPathOf(path) : NativePathOf(path);
+    Descriptor opened(OpenDescriptor(native, OpenFlags(access, disposition)));
+    if (opened.number() < 0) return LastPathError(native);
+    struct stat status {};
+    if (fstat(opened.number(), &status) != 0) return LastError();
+    if (S_ISDIR(status.st_mode)) return error::accessDenied;
+    file = HandleOf(opened.Release());
+    return error::success;
+}
+
+Error ReadFile(FileHandle file, void* buffer, std::size_t size, std::size_t& read) {
+    read = 0;
+    for (;;) {
+        const ssize_t count = ::read(DescriptorOf(file), buffer, size);
+        if (count < 0 && errno == EINTR) continue;
+        if (count < 0) return errno == EIO ? error::readFault : LastError();
+        read = static_cast<std::size_t>(count);
+        return error::success;
+    }
+}
+
+Error WriteFile(FileHandle file, const void* data, std::size_t size) {
+    const char* bytes = static_cast<const char*>(data);
+    while (size > 0) {
+        const ssize_t count = write(DescriptorOf(file), bytes, size);
+        if (count < 0 && errno == EINTR) continue;
+        if (count < 0 && errno != EIO) return LastError();
+        if (count <= 0) return error::writeFault;
+        bytes += count;
+        size -= static_cast<std::size_t>(count);
+    }
+    return error::success;
+}
+
+Error SetFilePointerEx(FileHandle file, std::uint64_t offset) {
+    return lseek(DescriptorOf(file), static_cast<off_t>(offset), SEEK_SET) < 0 ? LastError() : error::success;
+}
+
+Error GetFilePointer(FileHandle file, std::uint64_t& offset) {
+    const off_t position = lseek(DescriptorOf(file), 0, SEEK_CUR);
+    if (position < 0) return LastError();
+    offset = static_cast<std::uint64_t>(position);
+    return error::success;
+}
+
+Error GetFileSizeEx(FileHandle file, std::uint64_t& size) {
+    struct stat status {};
+    if (fstat(DescriptorOf(file), &status) != 0) return LastError();
+    size = static_cast<std::uint64_t>(status.st_size);
+    return error::success;
+}
+
+/// The unit of Windows file times: 100 nanoseconds since 1601.
+std::uint64_t FileTimeOf(const statx_timestamp& time) {
+    constexpr std::int64_t secondsFrom1601To1970 = 11644473600;
+    return static_cast<std::uint64_t>(time.tv_sec + secondsFrom1601To1970) * 10'000'000 + time.tv_nsec / 100;
+}
+
+std::uint32_t AttributesOf(mode_t mode) {
+    constexpr std::uint32_t readOnly = 1;
+    constexpr std::uint32_t directory = 0x10;
+    constexpr std::uint32_t archive = 0x20;
+    const bool writable = (mode & (S_IWUSR | S_IWGRP | S_IWOTH)) != 0;
+    return (S_ISDIR(mode) ? directory : archive) | (writable ? 0 : readOnly);
+}
+
+Error GetFileInformationByHandle(FileHandle file, FileInformation& information) {
+    struct statx status {};
+    if (statx(DescriptorOf(file), "", AT_EMPTY_PATH, STATX_BASIC_STATS | STATX_BTIME, &status) != 0) return LastError();
+    const bool knowsCreation = (status.stx_mask & STATX_BTIME) != 0;
+    information.attributes = AttributesOf(status.stx_mode);
+    information.creationTime = FileTimeOf(knowsCreation ? status.stx_btime : status.stx_ctime);
+    information.lastAccessTime = FileTimeOf(status.stx_atime);
+    information.lastWriteTime = FileTimeOf(status.stx_mtime);
+    information.size = status.stx_size;
+    return error::success;
+}
+
+Error FlushFileBuffers(FileHandle file) { return fsync(DescriptorOf(file)) != 0 ? LastError() : error::success; }
+
+Error CloseHandle(FileHandle file) {
+    // After EINTR the descriptor is closed all the same, and its number may be someone else's already.
+    return close(DescriptorOf(file)) != 0 && errno != EINTR ? LastError() : error::success;
+}
+
+Error CopyBytes(FileHandle from, FileHandle to) {
+    std::array<char, 65536> buffer;
+    for (;;) {
+        std::size_t count = 0;
+        if (const Error failure = ReadFile(from, buffer.data(), buffer.size(), count); failure != 0) return failure;
+        if (count == 0) return FlushFileBuffers(to);
+        if (const Error failure = WriteFile(to, buffer.data(), count); failure != 0) return failure;
+    }
+}
+
+/// Fills a new file with another's bytes, permissions and time of last write.
+Error CopyContents(int from, int to) {
+    struct stat status {};
+    if (fstat(from, &status) != 0) return LastError();
+    if (S_ISDIR(status.st_mode)) return error::accessDenied;
+    if (const Error failure = CopyBytes(HandleOf(from), HandleOf(to)); failure != 0) return failure;
+    const std::array<timespec, 2> times{timespec{0, UTIME_OMIT}, status.st_mtim};
+    if (futimens(to, times.data()) != 0 || fchmod(to, status.st_mode & 07777) != 0) return LastError();
+    return error::success;
+}
+
+/// The copy grows under a name of its own beside the target, and takes the target's place when it is complete.
+Error CopyFileW(std::u16string_view from, std::u16string_view to) {
+    const std::string source = NativePathOf(from);
+    const std::string target = NewPathOf(to);
+    const Descriptor input(OpenDescriptor(source, O_RDONLY));
+    if (input.number() < 0) return LastPathError(source);
+    std::string growing = (fs::path(target).parent_path() / ".copy-XXXXXX").string();
+    const Descriptor output(mkostemp(growing.data(), O_CLOEXEC));
+    if (output.number() < 0) return LastPathError(target);
+    Error failure = CopyContents(input.number(), output.number());
+    if (failure == 0 && rename(growing.c_str(), target.c_str()) != 0) failure = LastPathError(target);
+    if (failure != 0) unlink(growing.c_str());
+    return failure;
+}
+
+/// Renames where the target does not exist yet. File systems without such a rename make a second name and drop the
+/// first.
+int RenameToNew(const std::string& from, const std::string& to) {
+    const int result = renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE);
+    if (result == 0 || (errno != EINVAL && errno != ENOSYS)) return result;
+    return link(from.c_str(), to.c_str()) != 0 ? -1 : unlink(from.c_str());
+}
+
+Error MoveFileExW(std::u16string_view from, std::u16string_view to, bool replaceExisting) {
+    const std::string source = NativePathOf(from);
+    const std::string target = NewPathOf(to);
+    const int result = replaceExisting ? rename(source.c_str(), target.c_str()) : RenameToNew(source, target);
+    if (result == 0) return error::success;
+    const Error failure = LastPathError(source);
+    std::error_code ignored;
+    return failure == error::fileNotFound && fs::exists(fs::symlink_status(source, ignored)) ? error::pathNotFound
+                                                                                             : failure;
+}
+
+Error DeleteFileW(std::u16string_view path) {
+    const std::string native = NativePathOf(path);
+    return unlink(native.c_str()) != 0 ? LastPathError(native) : error::success;
+}
+
+Error RemoveDirectoryW(std::u16string_view path) {
+    const std::string native = NativePathOf(path);
+    if (rmdir(native.c_str()) == 0) return error::success;
+    if (errno == ENOTDIR) return error::directoryName;
+    return errno == EEXIST ? error::directoryNotEmpty : LastPathError(native);
+}
+
+bool IsDirectory(std::u16string_view path) {
+    std::error_code ignored;
+    return fs::is_directory(NativePathOf(path), ignored);
+}
+
+/// The C error number that the runtime library of Windows gives for the same failure.
+int RuntimeErrno(int code) {
+    switch (code) {
+        case ENOTDIR:
+            return ENOENT;
+        case EPERM:
+        case EROFS:
+            return EACCES;
+        case ENAMETOOLONG:
+            return EINVAL;
+        default:
+            return code;
+    }
+}
+
+int MakeDirectory(std::u16string_view path) {
+    return mkdir(NewPathOf(path).c_str(), newDirectoryMode) != 0 ? RuntimeErrno(errno) : 0;
+}
+
+int ChangeDirectory(std::u16string_view path) {
+    return chdir(NativePathOf(path).c_str()) != 0 ? RuntimeErrno(errno) : 0;
+}
+
+int GetWorkingDirectory(std::u16string& path) {
+    std::error_code failure;
+    const fs::path directory = fs::current_path(failure);
+    if (failure) return RuntimeErrno(failure.value());
+    path = WideFromUtf8(directory.native());
+    return 0;
+}
+
+/// The kernel refuses a read lease with EAGAIN while anyone has the file open for writing. Where it grants none at all
+/// (the file is another user's, the file system has no leases) nothing is known against the file. While the lease is
+/// held, an open for writing raises a signal here; SIGURG is one that does nothing by default.
+Error GetFileUseState(std::u16string_view path) {
+    const std::string native = NativePathOf(path);
+    const Descriptor file(open(native.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    if (file.number() < 0) return errno == EWOULDBLOCK ? error::sharingViolation : LastPathError(native);
+    if (fcntl(file.number(), F_SETSIG, SIGURG) != 0) return error::success;
+    if (fcntl(file.number(), F_SETLEASE, F_RDLCK) != 0) {
+        return errno == EAGAIN ? error::sharingViolation : error::success;
+    }
+    fcntl(file.number(), F_SETLEASE, F_UNLCK);
+    return error::success;
+}
+
+std::u16string NativePath(std::u16string_view path) { return WideFromUtf8(NativePathOf(path)); }
+
+}  // namespace
+
+FileOperations PosixFiles() {
+    return {
+        .FindFirstFileW = FindFirstFile,
+        .FindNextFileW = FindNextFile,
+        .FindClose = FindClose,
+        .CreateFileW = CreateFileW,
+        .ReadFile = ReadFile,
+        .WriteFile = WriteFile,
+        .SetFilePointerEx = SetFilePointerEx,
+        .GetFilePointer = GetFilePointer,
+        .GetFileSizeEx = GetFileSizeEx,
+        .GetFileInformationByHandle = GetFileInformationByHandle,
+        .FlushFileBuffers = FlushFileBuffers,
+        .CloseHandle = CloseHandle,
+        .CopyFileW = CopyFileW,
+        .MoveFileExW = MoveFileExW,
+        .DeleteFileW = DeleteFileW,
+        .RemoveDirectoryW = RemoveDirectoryW,
+        .IsDirectory = IsDirectory,
+        .wmkdir = MakeDirectory,
+        .wchdir = ChangeDirectory,
+        .wgetcwd = GetWorkingDirectory,
+        .GetFileUseState = GetFileUseState,
+        .NativePath = NativePath,
+    };
+}
+
+}  // namespace platform

@@ -1,1 +1,12 @@
-#include "platform/service_host.h"
+#include "platform/posix/posix.h"
+
+namespace platform {
+
+ServiceHostOperations PosixServiceHost() {
+    // Being started by the service manager is not built yet: the program is always told that none started it.
+    return {.StartServiceCtrlDispatcherW = [](std::u16string_view, ServiceMainRoutine) {
+        return error::serviceControllerConnect;
+    }};
+}
+
+}  // namespace platform

@@ -1,0 +1,165 @@
+// A search reads its directory once, at its start, and walks the names it found then. What is deleted or made meanwhile
+// does not disturb it.
+#include "platform/posix/file_search.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <memory>
+#include <sys/stat.h>
+#include <vector>
+
+#include "platform/posix/posix.h"
+#include "platform/utf.h"
+
+namespace platform {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+struct FileSearch {
+    std::vector<FindData> found;
+    std::size_t next = 0;
+};
+
+std::u16string UpperCase(std::u16string_view text) {
+    std::u16string upper(text);
+    std::transform(upper.begin(), upper.end(), upper.begin(), UpperCaseOf);
+    return upper;
+}
+
+/// Matches an upper-case name against an upper-case pattern. "*" stands for any characters, "?" for one character or,
+/// at a dot or the end of the name, for none. A dot followed by a wildcard is also matched by the end of the name, so
+/// that "A*.*" finds "ABC". Only the last "*" seen needs to be tried again: every other step has one outcome.
+bool MatchesUpperCase(std::u16string_view pattern, std::u16string_view name) {
+    constexpr std::size_t none = std::u16string_view::npos;
+    std::size_t inPattern = 0;
+    std::size_t inName = 0;
+    std::size_t afterStar = none;
+    std::size_t starTo = 0;
+    while (inPattern < pattern.size() || inName < name.size()) {
+        const char16_t wanted = inPattern < pattern.size() ? pattern[inPattern] : u'\0';
+        const bool nameEnds = inName == name.size();
+        if (wanted == u'*') {
+            afterStar = ++inPattern;
+            starTo = inName;
+        } else if (wanted == u'?' && (nameEnds || name[inName] == u'.')) {
+            ++inPattern;
+        } else if (wanted != u'\0' && !nameEnds && (wanted == u'?' || wanted == name[inName])) {
+            ++inPattern;
+            ++inName;
+        } else if (wanted == u'.' && nameEnds && pattern.find_first_of(u"*?", inPattern) == inPattern + 1) {
+            ++inPattern;
+        } else if (afterStar != none && starTo < name.size()) {
+            inPattern = afterStar;
+            inName = ++starTo;
+        } else {
+            return false;
+        }
+    }
+    return true;
+}
+
+/// A pattern with the two readings that whole patterns have: "*.*" finds every name, "X*." only names without a dot.
+class NamePattern {
+  public:
+    explicit NamePattern(std::u16string_view pattern) : upper_(UpperCase(pattern == u"*.*" ? u"*" : pattern)) {
+        if (upper_.ends_with(u"*.")) {
+            upper_.pop_back();
+            refusesDots_ = true;
+        }
+    }
+
+    bool Matches(std::u16string_view name) const {
+        if (refusesDots_ && name.find(u'.') != std::u16string_view::npos) return false;
+        return MatchesUpperCase(upper_, UpperCase(name));
+    }
+
+  private:
+    std::u16string upper_;
+    bool refusesDots_ = false;
+};
+
+/// Order of name without regard to case; names that differ in case only stand in order of their characters.
+bool ComesBefore(const FindData& left, const FindData& right) {
+    const std::u16string& a = left.fileName;
+    const std::u16string& b = right.fileName;
+    const auto [inA, inB] = std::mismatch(a.begin(), a.end(), b.begin(), b.end(),
+                                          [](char16_t x, char16_t y) { return UpperCaseOf(x) == UpperCaseOf(y); });
+    if (inA == a.end() && inB == b.end()) return a < b;
+    if (inA == a.end() || inB == b.end()) return inA == a.end();
+    return UpperCaseOf(*inA) < UpperCaseOf(*inB);
+}
+
+/// Length of a pattern's directory part with the separator at its end; 0 when there is none.
+std::size_t DirectoryLength(std::u16string_view pattern) {
+    const std::size_t separator = pattern.find_last_of(u"\\/");
+    if (separator != std::u16string_view::npos) return separator + 1;
+    return pattern.size() >= 2 && pattern[1] == u':' ? 2 : 0;
+}
+
+/// All entries of a directory that match. A symbolic link counts as a file, whatever it leads to, so that nothing that
+/// walks and deletes a tree leaves the tree by it.
+Error ListMatches(const std::string& directory, const NamePattern& pattern, std::vector<FindData>& found) {
+    std::error_code failure;
+    fs::directory_iterator entries(directory, failure);
+    if (failure) return failure.value() == ENOENT ? error::pathNotFound : ErrorFromErrno(failure.value());
+    for (const char16_t* itself : {u".", u".."}) {
+        if (pattern.Matches(itself)) found.push_back({itself, true});
+    }
+    const auto sortedFrom = static_cast<std::ptrdiff_t>(found.size());
+    while (entries != fs::directory_iterator()) {
+        std::u16string name = WideFromUtf8(entries->path().filename().native());
+        if (pattern.Matches(name)) {
+            std::error_code vanished;
+            const bool isDirectory = entries->symlink_status(vanished).type() == fs::file_type::directory;
+            found.push_back({std::move(name), isDirectory});
+        }
+        entries.increment(failure);
+        if (failure) return ErrorFromErrno(failure.value());
+    }
+    std::sort(found.begin() + sortedFrom, found.end(), ComesBefore);
+    return error::success;
+}
+
+/// The one entry of a path without wildcards.
+Error FindExactly(std::u16string_view path, std::u16string_view name, std::vector<FindData>& found) {
+    struct stat status {};
+    if (lstat(NativePathOf(path).c_str(), &status) != 0) return ErrorFromErrno(errno);
+    found.push_back({std::u16string(name), S_ISDIR(status.st_mode)});
+    return error::success;
+}
+
+}  // namespace
+
+Error FindFirstFile(std::u16string_view pattern, FindData& first, FindHandle& search) {
+    search = 0;
+    const std::size_t split = DirectoryLength(pattern);
+    const std::u16string_view name = pattern.substr(split);
+    if (name.empty()) return error::fileNotFound;
+    auto started = std::make_unique<FileSearch>();
+    const std::string directory = split == 0 ? "." : NativePathOf(pattern.substr(0, split));
+    const bool hasWildcard = name.find_first_of(u"*?") != std::u16string_view::npos;
+    const Error failure = hasWildcard ? ListMatches(directory, NamePattern(name), started->found)
+                                      : FindExactly(pattern, name, started->found);
+    std::error_code ignored;
+    if (failure == error::fileNotFound && !fs::is_directory(directory, ignored)) return error::pathNotFound;
+    if (failure != error::success) return failure;
+    if (started->found.empty()) return error::fileNotFound;
+    first = started->found[started->next++];
+    search = reinterpret_cast<FindHandle>(started.release());
+    return error::success;
+}
+
+Error FindNextFile(FindHandle search, FindData& next) {
+    if (search == 0) return error::invalidHandle;
+    auto* running = reinterpret_cast<FileSearch*>(search);
+    if (running->next == running->found.size()) return error::noMoreFiles;
+    next = running->found[running->next++];
+    return error::success;
+}
+
+void FindClose(FindHandle search) { delete reinterpret_cast<FileSearch*>(search); }
+
+}  // namespace platform

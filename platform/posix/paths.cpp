@@ -1,0 +1,60 @@
+// Where the agent's paths and names end up on this system.
+#include <algorithm>
+#include <cctype>
+#include <clocale>
+#include <cstdlib>
+#include <cwctype>
+#include <filesystem>
+#include <locale.h>
+
+#include "platform/posix/posix.h"
+#include "platform/utf.h"
+
+namespace platform {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* stateVariable = "KVAGENT_STATE_DIR";
+constexpr const char* usualStateDirectory = "/var/lib/kvagent";
+
+std::string stateDirectory = usualStateDirectory;
+
+bool BeginsWithDrive(const std::string& path) {
+    return path.size() >= 2 && path[1] == ':' && std::isalpha(static_cast<unsigned char>(path[0])) != 0;
+}
+
+}  // namespace
+
+const std::string& StateDirectory() { return stateDirectory; }
+
+void ReadStateDirectory() {
+    const char* configured = std::getenv(stateVariable);
+    const fs::path named = configured != nullptr && *configured != '\0' ? configured : usualStateDirectory;
+    std::error_code unknownWorkingDirectory;
+    const fs::path absolute = fs::absolute(named, unknownWorkingDirectory);
+    stateDirectory = (unknownWorkingDirectory ? named : absolute).lexically_normal().string();
+    if (stateDirectory.size() > 1 && stateDirectory.back() == '/') stateDirectory.pop_back();
+}
+
+std::string NativePathOf(std::u16string_view path) {
+    std::u16string whole(path);
+    std::replace(whole.begin(), whole.end(), u'\0', u'\uFFFD');
+    std::string native = Utf8FromWide(whole);
+    std::replace(native.begin(), native.end(), '\\', '/');
+    if (!BeginsWithDrive(native)) return native;
+    const char letter = static_cast<char>(std::tolower(static_cast<unsigned char>(native[0])));
+    const fs::path belowRoot = fs::path("/" + native.substr(2)).lexically_normal();
+    return stateDirectory + "/drive_" + letter + belowRoot.string();
+}
+
+char16_t UpperCaseOf(char16_t character) {
+    if (character < 0x80)
+        return character >= u'a' && character <= u'z' ? static_cast<char16_t>(character - 32) : character;
+    static const locale_t unicode = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
+    if (unicode == nullptr) return character;
+    return static_cast<char16_t>(towupper_l(static_cast<wint_t>(character), unicode));
+}
+
+}  // namespace platform
