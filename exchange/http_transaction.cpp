@@ -1,1 +1,118 @@
 #include "exchange/http_transaction.h"
+
+#include "exchange/http_answers.h"
+#include "foundation/agent_state.h"
+#include "foundation/file_utils.h"
+#include "foundation/log.h"
+
+namespace kv {
+
+namespace {
+
+using platform::Error;
+namespace error = platform::error;
+
+/// The failures of which another address may be free.
+bool IsTransportFailure(Error result) {
+    return result == error::winHttpTimeout || result == error::winHttpNameNotResolved ||
+           result == error::winHttpCannotConnect;
+}
+
+bool IsUsable(std::u16string_view address) { return address.size() > 2; }
+
+/// One request on its way through the addresses.
+struct AddressedRequest {
+    std::u16string_view url;
+    const RequestData& data;
+    OptionalText* response;
+    RequestKind kind;
+    std::size_t dataLength;
+    bool keepAlive;
+    Error result = error::winHttpNameNotResolved;
+};
+
+void Attempt(AddressedRequest& request, std::u16string_view address) {
+    if (!IsUsable(address)) return;
+    const TransactionTarget target{
+        .secure = agentState.gv_httpsEnabled != 0,
+        .server = address,
+        .port = agentState.gv_ServerPort,
+        .useProxy = CompareIgnoreCase(agentState.gv_proxyEnabled, u"yes") == 0,
+        .proxyName = agentState.gv_proxyServerName,
+        .proxyBypass = agentState.gv_proxyExceptionAddr,
+        .proxyUser = agentState.gv_proxyUserName,
+        .proxyPassword = agentState.gv_proxyPassword,
+    };
+    const bool post =
+        request.kind == RequestKind::REQUEST_POST_TIMED || request.kind == RequestKind::REQUEST_POST_BINARY;
+    request.result = post ? InternetSendRequestEx(target, request.url, request.data.body, request.response,
+                                                  request.kind, request.dataLength, request.keepAlive)
+                          : InternetGetRequestEx(target, request.url, request.data.destinationFile, request.response,
+                                                 request.kind, request.keepAlive);
+}
+
+/// Attempts an address of the configuration, which after a success is the one to try first next time.
+void AttemptAndRemember(AddressedRequest& request, const OptionalText& address) {
+    Attempt(request, address.value_or(u""));
+    if (request.result == error::success) agentState.gv_LastAccessName.publish(address);
+}
+
+void TryAddresses(AddressedRequest& request) {
+    Attempt(request, agentState.gv_LastAccessName.view());
+    if (!IsTransportFailure(request.result)) return;
+    AttemptAndRemember(request, agentState.gv_ServerIPAddress);
+    if (request.result == error::success) return;
+    // From the first address on to the second one any failure leads, further on only those of the transport.
+    AttemptAndRemember(request, agentState.gv_ServerSecIPAddress);
+    if (!IsTransportFailure(request.result)) return;
+    AttemptAndRemember(request, agentState.gv_ServerName);
+    if (!IsTransportFailure(request.result)) return;
+    AttemptAndRemember(request, agentState.gv_ServerFlatName);
+}
+
+}  // namespace
+
+Error AgentSendRequest(const OptionalText& /*serverName*/, std::int32_t /*serverPort*/, std::u16string& url,
+                       const RequestData& data, OptionalText* response, RequestKind kind, std::size_t dataLength,
+                       bool keepAlive) {
+    Log3("\t Inside AgentSendRequest() \n");
+    ReplaceChar(url, u'\\', u'/');
+    AddressedRequest request{url, data, response, kind, dataLength, keepAlive};
+    TryAddresses(request);
+    Log2("AgentSendRequest : Last Access Address is %s \n", agentState.gv_LastAccessName);
+    return request.result;
+}
+
+Error InternetUploadBinaryFile(const OptionalText& serverName, std::int32_t serverPort, std::u16string& url,
+                               std::u16string_view filePath) {
+    Log3("\t Inside InternetUploadBinaryFile() \n");
+    std::string content;
+    if (const Error failure = ReadWholeFile(filePath, content)) {
+        Log1("InternetUploadBinaryFile: Error occured while reading the file %d  \n", failure);
+        HttpGetLastError(failure);
+        return failure;
+    }
+    const Error result = AgentSendRequest(serverName, serverPort, url, {.body = content}, nullptr,
+                                          RequestKind::REQUEST_POST_BINARY, content.size(), false);
+    Log3("InternetUploadBinaryFile :: httpStatusCode [%d] \n", result);
+    return result;
+}
+
+Error InternetGetRequest(const OptionalText& serverName, std::int32_t serverPort, std::u16string& url,
+                         OptionalText* response, bool keepAlive) {
+    return AgentSendRequest(serverName, serverPort, url, {}, response, RequestKind::REQUEST_GET_TIMED, 0, keepAlive);
+}
+
+Error InternetSendRequest(const OptionalText& serverName, std::int32_t serverPort, std::u16string& url,
+                          std::optional<std::string_view> data, OptionalText* response, bool keepAlive) {
+    return AgentSendRequest(serverName, serverPort, url, {.body = data}, response, RequestKind::REQUEST_POST_TIMED, 0,
+                            keepAlive);
+}
+
+Error InternetDownloadFile(const OptionalText& serverName, std::int32_t serverPort, std::u16string& url,
+                           std::u16string_view destinationFile, bool keepAlive) {
+    return AgentSendRequest(serverName, serverPort, url, {.destinationFile = destinationFile}, nullptr,
+                            RequestKind::REQUEST_GET, 0, keepAlive);
+}
+
+}  // namespace kv

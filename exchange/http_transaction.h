@@ -1,9 +1,9 @@
 // Every exchange with the central server. AgentSendRequest chooses the address, one transaction routine carries out one
 // attempt at one address. Transactions block, share nothing and may run on several threads at once.
 //
-// Results: 0 the server answered 200 (and a download was stored); 13 another status, or a POST without data; 407 the proxy
-// refused the credentials; 12002, 12007, 12029 the transport failures that move on to the next address; else the system's
-// error for the step that failed.
+// Results: 0 the server answered 200 (and a download was stored); 13 another status, or a POST without data; 407 the
+// proxy refused the credentials; 12002, 12007, 12029 the transport failures that move on to the next address; else the
+// system's error for the step that failed.
 #pragma once
 
 #include <cstddef>
@@ -29,13 +29,13 @@ enum class RequestKind : std::int32_t {
 
 /// What a transaction sends or where it stores what it gets.
 struct RequestData {
-    std::optional<std::string_view> body;               // POST: the bytes to send, or none
-    std::optional<std::u16string_view> destinationFile; // GET: the file to store the body in, or none
+    std::optional<std::string_view> body = {};                // POST: the bytes to send, or none
+    std::optional<std::u16string_view> destinationFile = {};  // GET: the file to store the body in, or none
 };
 
-/// Sends a request to the addresses of the agent state, in their order, until one answers. serverName and serverPort are
-/// taken for the caller's convenience and ignored. Backslashes of the url become slashes, in the caller's text. response
-/// may be null; it is set when a body was received into memory, and is left alone otherwise.
+/// Sends a request to the addresses of the agent state, in their order, until one answers. serverName and serverPort
+/// are taken for the caller's convenience and ignored. Backslashes of the url become slashes, in the caller's text.
+/// response may be null; it is set when a body was received into memory, and is left alone otherwise.
 ///
 /// For REQUEST_POST_BINARY dataLength counts the bytes of the body. For any other POST the body counts as wide text and
 /// half its bytes are sent: wide text goes with REQUEST_POST_BINARY.
@@ -63,7 +63,7 @@ platform::Error InternetDownloadFile(const OptionalText& serverName, std::int32_
 struct TransactionTarget {
     bool secure = false;
     std::u16string_view server;
-    std::int32_t port = 0;      // only the low 16 bits reach the connect call
+    std::int32_t port = 0;  // only the low 16 bits reach the connect call
     bool useProxy = false;
     OptionalText proxyName;
     OptionalText proxyBypass;

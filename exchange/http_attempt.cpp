@@ -1,0 +1,214 @@
+#include "exchange/http_attempt.h"
+
+#include "exchange/http_answers.h"
+#include "foundation/agent_state.h"
+#include "foundation/log.h"
+#include "platform/clock.h"
+
+namespace kv {
+
+namespace {
+
+using platform::Error;
+using platform::Http;
+namespace error = platform::error;
+
+constexpr std::u16string_view userAgent = u"TallowmereOnCallAgent";
+constexpr int maxRounds = 5;
+constexpr std::uint32_t resendPause = 5000;  // milliseconds
+
+Error OpenSession(HttpAttempt& attempt) {
+    const TransactionTarget& target = attempt.target;
+    const Error failure = target.useProxy
+                              ? Http().WinHttpOpen(userAgent, platform::HttpProxyAccess::namedProxy, target.proxyName,
+                                                   target.proxyBypass, attempt.session.place())
+                              : Http().WinHttpOpen(userAgent, platform::HttpProxyAccess::noProxy, std::nullopt,
+                                                   std::nullopt, attempt.session.place());
+    if (failure) LogFailedStep("%s :  Error in WinHttpOpen --> %d \n", attempt.routine, failure);
+    return failure;
+}
+
+Error OpenConnection(HttpAttempt& attempt) {
+    const auto port = static_cast<std::uint16_t>(attempt.target.port);
+    const Error failure =
+        Http().WinHttpConnect(attempt.session.get(), attempt.target.server, port, attempt.connection.place());
+    // This line names the sending routine whichever one it comes from.
+    if (failure) LogFailedStep("%s :  Error in WinHttpConnect --> %d \n", "InternetSendRequestEx", failure);
+    return failure;
+}
+
+void AddConnectionHeader(const HttpAttempt& attempt) {
+    const std::u16string_view header = attempt.keepAlive ? u"Connection: keep-active" : u"Connection: Closed";
+    if (const Error failure = Http().WinHttpAddRequestHeaders(attempt.request.get(), header)) {
+        LogFailedStep("%s :  Error in WinHttpAddRequestHeaders --> %d \n", attempt.routine, failure);
+    }
+}
+
+Error SetNumber(const HttpAttempt& attempt, platform::HttpOption option, std::uint32_t value) {
+    const Error failure = Http().WinHttpSetOptionNumber(attempt.request.get(), option, value);
+    if (failure) LogFailedStep("%s :  Error in WinHttpSetOption --> %d \n", attempt.routine, failure);
+    return failure;
+}
+
+Error TolerateCertificate(const HttpAttempt& attempt) {
+    std::uint32_t flags = 0;
+    if (const Error failure =
+            Http().WinHttpQueryOption(attempt.request.get(), platform::HttpOption::securityFlags, flags)) {
+        LogFailedStep("%s :  Error in WinHttpQueryOption --> %d \n", attempt.routine, failure);
+    }
+    return SetNumber(attempt, platform::HttpOption::securityFlags, flags | attempt.securityFlags);
+}
+
+/// Texts of a single character or none are no credentials.
+bool IsCredential(const OptionalText& text) { return text && text->size() > 1; }
+
+Error SetCredential(const HttpAttempt& attempt, platform::HttpOption option, const OptionalText& text) {
+    const Error failure = Http().WinHttpSetOptionText(attempt.request.get(), option, *text);
+    if (failure) LogFailedStep("%s :  Error in InternetSetOption --> %d \n", attempt.routine, failure);
+    return failure;
+}
+
+Error SetProxyCredentials(const HttpAttempt& attempt) {
+    const TransactionTarget& target = attempt.target;
+    if (!target.useProxy || !IsCredential(target.proxyUser)) return error::success;
+    if (const Error failure = SetCredential(attempt, platform::HttpOption::proxyUserName, target.proxyUser)) {
+        return failure;
+    }
+    if (!IsCredential(target.proxyPassword)) return error::success;
+    return SetCredential(attempt, platform::HttpOption::proxyPassword, target.proxyPassword);
+}
+
+Error OpenRequest(HttpAttempt& attempt) {
+    const std::uint32_t flags =
+        platform::httpFlagBypassProxyCache | (attempt.target.secure ? platform::httpFlagSecure : 0);
+    if (const Error failure = Http().WinHttpOpenRequest(attempt.connection.get(), attempt.verb, attempt.url,
+                                                        attempt.acceptTypes, flags, attempt.request.place())) {
+        LogFailedStep("%s :  Error in WinHttpOpenRequest --> %d \n", attempt.routine, failure);
+        return failure;
+    }
+    AddConnectionHeader(attempt);
+    if (attempt.limitConnectTime) {
+        const auto limit = static_cast<std::uint32_t>(agentState.gv_httpTimeout);
+        if (const Error failure = SetNumber(attempt, platform::HttpOption::connectTimeout, limit)) return failure;
+    }
+    if (attempt.target.secure) {
+        if (const Error failure = TolerateCertificate(attempt)) return failure;
+    }
+    return SetProxyCredentials(attempt);
+}
+
+/// Opens what is not open: all three handles at first, what a restart has taken away later.
+Error OpenHandles(HttpAttempt& attempt) {
+    if (attempt.session.get() == 0) {
+        if (const Error failure = OpenSession(attempt)) return failure;
+        if (const Error failure = OpenConnection(attempt)) return failure;
+    }
+    return OpenRequest(attempt);
+}
+
+/// The one restart of an attempt: false when it has been used.
+bool TakeRestart(HttpAttempt& attempt) {
+    if (attempt.restartUsed) return false;
+    Log1("%s : Going to close the request handle and going to resending the data to the server %s \n", attempt.routine,
+         attempt.target.server);
+    attempt.restartUsed = true;
+    attempt.request.Close();
+    attempt.result = error::success;
+    if (attempt.restartReopensSession) {
+        attempt.retired.push_back(std::exchange(attempt.connection, OwnedHttpHandle(attempt.routine)));
+        attempt.retired.push_back(std::exchange(attempt.session, OwnedHttpHandle(attempt.routine)));
+    }
+    return true;
+}
+
+enum class Rounds {
+    over,     // answered, or out of rounds
+    restart,  // to be done again on new handles
+    failed,   // HttpAttempt::result says why
+};
+
+Rounds FailSend(HttpAttempt& attempt, Error failure) {
+    const bool mayRestart = failure == error::winHttpLoginFailure || failure == error::winHttpOperationCancelled;
+    if (mayRestart && TakeRestart(attempt)) return Rounds::restart;
+    LogFailedStep("%s :  Error in WinHttpSendRequest -> %d \n", attempt.routine, failure);
+    attempt.result = failure;
+    return Rounds::failed;
+}
+
+Rounds FailReceive(HttpAttempt& attempt, Error failure) {
+    Log2("%s :  Error - WinHttpReceiveResponse --> %d \n", attempt.routine, failure);
+    HttpGetLastError(failure);
+    attempt.result = failure;
+    return Rounds::failed;
+}
+
+Rounds RunRounds(HttpAttempt& attempt) {
+    for (int round = 0; round < maxRounds; ++round) {
+        if (const Error failure = Http().WinHttpSendRequest(attempt.request.get(), attempt.body, attempt.bodySize)) {
+            return FailSend(attempt, failure);
+        }
+        const Error failure = Http().WinHttpReceiveResponse(attempt.request.get());
+        if (failure == error::success) return Rounds::over;
+        if (failure == error::winHttpResendRequest) {
+            Log1("%s : Resending the data to the server %s \n", attempt.routine, attempt.target.server);
+            platform::Clock().Sleep(resendPause);
+        } else if (failure != error::winHttpLoginFailure) {
+            return FailReceive(attempt, failure);
+        } else if (TakeRestart(attempt)) {
+            return Rounds::restart;
+        }
+        attempt.result = failure;
+    }
+    return Rounds::over;
+}
+
+}  // namespace
+
+OwnedHttpHandle& OwnedHttpHandle::operator=(OwnedHttpHandle&& other) noexcept {
+    Close();
+    routine_ = other.routine_;
+    handle_ = std::exchange(other.handle_, 0);
+    return *this;
+}
+
+void OwnedHttpHandle::Close() {
+    if (handle_ == 0) return;
+    if (const Error failure = Http().WinHttpCloseHandle(std::exchange(handle_, 0))) {
+        LogFailedStep("%s :  Error in WinHttpCloseHandle --> %d \n", routine_, failure);
+    }
+}
+
+Error SendAndReceive(HttpAttempt& attempt) {
+    Rounds rounds = Rounds::restart;
+    while (rounds == Rounds::restart) {
+        if (const Error failure = OpenHandles(attempt)) return failure;
+        rounds = RunRounds(attempt);
+    }
+    return rounds == Rounds::failed ? attempt.result : error::success;
+}
+
+Error ReadRawHeaders(const HttpAttempt& attempt, std::u16string& headers) {
+    const Error failure =
+        Http().WinHttpQueryHeadersText(attempt.request.get(), platform::HttpHeaderQuery::rawHeadersCrlf, headers);
+    if (failure) LogFailedStep("%s :  Error in WinHttpQueryHeaders --> %d \n", attempt.routine, failure);
+    return failure;
+}
+
+Error ReadStatus(const HttpAttempt& attempt, std::uint32_t& status) {
+    const Error failure =
+        Http().WinHttpQueryHeadersNumber(attempt.request.get(), platform::HttpHeaderQuery::statusCodeNumber, status);
+    if (failure) {
+        LogFailedStep("%s : WinHttpQueryHeaders failed with the error code while getting http status code %d \n",
+                      attempt.routine, failure);
+    } else if (status == statusProxyAuthentication) {
+        Log1("%s : Proxy Credentials are failed to authenticate %d \n", attempt.routine, status);
+    }
+    return failure;
+}
+
+void LogFailedStep(const char* format, const char* routine, Error error) {
+    Log1(format, routine, error);
+    HttpGetLastError(error);
+}
+
+}  // namespace kv

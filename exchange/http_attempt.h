@@ -1,0 +1,79 @@
+// The steps that the two transaction routines share: from opening the session to the answer's headers, for one attempt
+// at one address. Private to exchange/. An attempt belongs to the thread that makes it.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "exchange/http_transaction.h"
+#include "platform/http.h"
+
+namespace kv {
+
+/// A body received into memory is kept up to this many bytes. Request lists and answers run to some kilobytes; the
+/// limit is there for a server gone wrong.
+inline constexpr std::size_t maxResponseBytes = 64 * 1024 * 1024;
+
+/// Owns a session, connection or request; a failed close is logged in the name of the routine that opened it.
+class OwnedHttpHandle {
+  public:
+    explicit OwnedHttpHandle(const char* routine) : routine_(routine) {}
+    OwnedHttpHandle(OwnedHttpHandle&& other) noexcept
+        : routine_(other.routine_), handle_(std::exchange(other.handle_, 0)) {}
+    OwnedHttpHandle& operator=(OwnedHttpHandle&& other) noexcept;
+    ~OwnedHttpHandle() { Close(); }
+
+    platform::HttpHandle get() const { return handle_; }
+    platform::HttpHandle& place() { return handle_; }
+    void Close();
+
+  private:
+    const char* routine_;
+    platform::HttpHandle handle_ = 0;
+};
+
+struct HttpAttempt {
+    // What is asked for.
+    const char* routine;  // the transaction routine's name, for its log lines
+    const TransactionTarget& target;
+    std::u16string_view url;
+    std::u16string_view verb;
+    std::u16string_view acceptTypes;  // empty for none
+    std::uint32_t securityFlags;      // bits added for a secure request
+    bool limitConnectTime;            // to gv_httpTimeout
+    bool keepAlive;
+    bool restartReopensSession;  // else a restart begins at the request
+    const std::byte* body = nullptr;
+    std::size_t bodySize = 0;
+
+    // How far it has come. Handles are closed from the last one up.
+    std::vector<OwnedHttpHandle> retired = {};  // session and connection from before a restart; open until the end
+    OwnedHttpHandle session{routine};
+    OwnedHttpHandle connection{routine};
+    OwnedHttpHandle request{routine};
+    bool restartUsed = false;
+    platform::Error result = platform::error::success;  // a resend round leaves its error here
+};
+
+/// Opens session, connection and request, sends, and waits for the answer: up to five rounds, and at most one restart.
+/// Success also when the rounds ran out; then there is no answer, and reading its headers fails. After a failure, which
+/// has been logged, the error is returned.
+platform::Error SendAndReceive(HttpAttempt& attempt);
+
+/// The answer's raw headers.
+platform::Error ReadRawHeaders(const HttpAttempt& attempt, std::u16string& headers);
+
+/// The answer's status. A 407 is logged; what the other statuses mean is up to the caller.
+platform::Error ReadStatus(const HttpAttempt& attempt, std::uint32_t& status);
+
+inline constexpr std::uint32_t statusOk = 200;
+inline constexpr std::uint32_t statusProxyAuthentication = 407;
+
+/// Logs the failure of a step at level 1, with an explanation. The format takes the routine's name and the error.
+void LogFailedStep(const char* format, const char* routine, platform::Error error);
+
+}  // namespace kv

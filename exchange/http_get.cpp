@@ -1,0 +1,162 @@
+// One attempt of a GET: into a file, into memory, or with its body thrown away.
+#include <array>
+#include <cstring>
+#include <new>
+
+#include "exchange/http_answers.h"
+#include "exchange/http_attempt.h"
+#include "foundation/file_utils.h"
+#include "foundation/log.h"
+#include "platform/files.h"
+
+namespace kv {
+
+namespace {
+
+using platform::Error;
+using platform::Files;
+using platform::Http;
+namespace error = platform::error;
+
+constexpr char routine[] = "InternetGetRequestEx";
+
+/// A download moves this many bytes a round, through a buffer of this size.
+constexpr std::size_t downloadStep = 50;
+constexpr std::size_t downloadBuffer = 208;
+
+/// The file that a download goes to. One that cannot be opened is no failure until the first byte is to be written.
+class DestinationFile {
+  public:
+    explicit DestinationFile(std::u16string_view path) {
+        const Error failure = Files().CreateFileW(path, platform::FileAccess::write, platform::FileShare::read,
+                                                  platform::FileDisposition::createAlways, file_);
+        if (failure == error::success) return;
+        file_ = 0;
+        Log1("%s :  The destination file %s cannot be created --> %d \n", routine, path, failure);
+    }
+    DestinationFile(const DestinationFile&) = delete;
+    DestinationFile& operator=(const DestinationFile&) = delete;
+    ~DestinationFile() {
+        if (file_ == 0) return;
+        if (const Error failure = Files().FlushFileBuffers(file_)) LogFailure("FlushFileBuffers", failure);
+        if (const Error failure = Files().CloseHandle(file_)) LogFailure("CloseHandle", failure);
+    }
+
+    Error Write(const std::byte* data, std::size_t size) const {
+        return file_ == 0 ? error::invalidHandle : Files().WriteFile(file_, data, size);
+    }
+
+  private:
+    static void LogFailure(const char* step, Error failure) {
+        Log1("%s :  Error in %s --> %d \n", routine, step, failure);
+    }
+
+    platform::FileHandle file_ = 0;
+};
+
+Error DownloadBody(const HttpAttempt& attempt, const DestinationFile& file) {
+    for (;;) {
+        std::array<std::byte, downloadBuffer> buffer{};
+        std::size_t read = 0;
+        if (const Error failure = Http().WinHttpReadData(attempt.request.get(), buffer.data(), downloadStep, read)) {
+            LogFailedStep("%s :  Error in WinHttpReadData --> %d \n", attempt.routine, failure);
+            return failure;
+        }
+        if (read == 0) return error::success;
+        if (const Error failure = file.Write(buffer.data(), read)) {
+            LogFailedStep("%s :  Error in WriteFile --> %d \n", attempt.routine, failure);
+            return failure;
+        }
+    }
+}
+
+/// Reads one chunk of the body behind what has come; false at the end, whichever way it came.
+bool ReadChunk(const HttpAttempt& attempt, std::string& body) {
+    std::size_t available = 0;
+    if (const Error failure = Http().WinHttpQueryDataAvailable(attempt.request.get(), available)) {
+        Log1("InternetGetRequestEx : Error %u in WinHttpQueryDataAvailable.\n", failure);
+        HttpGetLastError(failure);
+        return false;
+    }
+    if (available == 0) return false;
+    const std::size_t former = body.size();
+    const std::size_t wanted = available + available % 2;  // whole 16-bit characters
+    body.resize(former + wanted);
+    std::size_t read = 0;
+    const Error failure =
+        Http().WinHttpReadData(attempt.request.get(), reinterpret_cast<std::byte*>(body.data() + former), wanted, read);
+    body.resize(former + (failure ? 0 : read));
+    if (failure) {
+        Log1("InternetGetRequestEx : Error %u in WinHttpReadData.\n", failure);
+        HttpGetLastError(failure);
+    }
+    return failure == error::success && read > 0;
+}
+
+/// Reads the body as UTF-16LE text into the response, or throws it away where none is wanted. What came before a
+/// failure is kept. The number of bytes received.
+std::size_t ReceiveBody(const HttpAttempt& attempt, OptionalText* response) {
+    std::string body;
+    std::size_t received = 0;
+    try {
+        while (ReadChunk(attempt, body)) {
+            if (response == nullptr) {
+                received += body.size();
+                body.clear();
+            }
+            if (received + body.size() >= maxResponseBytes) {
+                Log1("InternetGetRequestEx : The answer of the server %s is cut after %d bytes\n",
+                     attempt.target.server, received + body.size());
+                break;
+            }
+        }
+        if (!body.empty()) *response = TextFromUtf16LittleEndian(body);
+    } catch (const std::bad_alloc&) {
+        Log1("InternetGetRequestEx :Out of memory\n");
+    }
+    return received + body.size();
+}
+
+}  // namespace
+
+Error InternetGetRequestEx(const TransactionTarget& target, std::u16string_view url,
+                           std::optional<std::u16string_view> destinationFile, OptionalText* response, RequestKind kind,
+                           bool keepAlive) {
+    Log3("\t Inside InternetGetRequestEx() \n");
+    std::optional<DestinationFile> file;
+    if (destinationFile) file.emplace(*destinationFile);
+    HttpAttempt attempt{
+        .routine = routine,
+        .target = target,
+        .url = url,
+        .verb = u"GET",
+        .acceptTypes = u"*/*",
+        .securityFlags =
+            platform::ignoreUnknownAuthority | platform::ignoreInvalidCommonName | platform::ignoreInvalidDate,
+        .limitConnectTime = kind == RequestKind::REQUEST_GET_TIMED,
+        .keepAlive = keepAlive,
+        .restartReopensSession = true,
+    };
+    if (const Error failure = SendAndReceive(attempt)) return failure;
+    std::u16string headers;
+    if (const Error failure = ReadRawHeaders(attempt, headers)) return failure;
+    if (kind == RequestKind::REQUEST_GET_HEADERS) ParseHeader(headers);
+    std::uint32_t status = 0;
+    if (const Error failure = ReadStatus(attempt, status)) return failure;
+    if (status == statusProxyAuthentication) return status;
+    if (status != statusOk) {
+        Log1("InternetGetRequestEx : Failed with the http status code %d \n", status);
+        return error::invalidData;
+    }
+    if (file) {
+        if (const Error failure = DownloadBody(attempt, *file)) return failure;
+        Log2(
+            "InternetGetRequestEx : Successfully downloaded the file %s from the server %s to the destination file %s "
+            "\n",
+            url, target.server, *destinationFile);
+        return error::success;
+    }
+    return ReceiveBody(attempt, response) > 0 ? error::success : attempt.result;
+}
+
+}  // namespace kv
