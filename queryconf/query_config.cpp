@@ -1,1 +1,197 @@
 #include "queryconf/query_config.h"
+
+#include <memory>
+#include <new>
+#include <string>
+#include <utility>
+
+#include "foundation/agent_state.h"
+#include "foundation/file_utils.h"
+#include "foundation/hash_table.h"
+#include "foundation/log.h"
+#include "foundation/text.h"
+#include "jsontext/hash_json.h"
+#include "platform/files.h"
+#include "queryconf/schedule.h"
+
+namespace kv {
+
+namespace {
+
+using platform::Error;
+using platform::Files;
+namespace error = platform::error;
+
+constexpr std::u16string_view ownFile = u"..\\conf\\queryconf.txt";
+constexpr std::u16string_view slavesDirectory = u"..\\conf\\slaves\\";
+constexpr std::u16string_view backupDirectory = u"..\\conf\\backup\\";
+
+std::u16string UnderBinPath(std::u16string_view path) {
+    return ConcatStrings(agentState.gv_ocAgentBinPath.value_or(u""), path);
+}
+
+/// Puts the backup in the place of a missing file. The file has its name only once it is complete, so that a full disk
+/// or a kill in between cannot leave half a plan where the next start would take it for the plan.
+void RestoreFromBackup(std::u16string_view agent, std::u16string_view fileName) {
+    Log3("\t Inside RestoreFromBackup() \n");
+    std::u16string backup = UnderBinPath(backupDirectory);
+    if (!agent.empty()) backup += std::u16string(agent) + u"\\";
+    backup += u"queryconf.txt";
+    std::string content;
+    if (const Error result = ReadWholeFile(backup, content)) {
+        Log1("\t LoadQueryConfig :: %s cannot be read. Error is [%u] \n", backup, result);
+        return;
+    }
+    if (const Error result = WriteCompleteFile(fileName, ConcatStrings(fileName, u".restored"), content))
+        Log1("\t LoadQueryConfig :: %s cannot be restored from backup. Error is [%u] \n", fileName, result);
+}
+
+/// What keeps an element of a list of workflows from running, or null. A number with a fraction has been cut by now.
+const char* FaultOf(const VectorElement* element) {
+    if (element->type != ValueType::table) return "is no object";
+    const auto* workflow = reinterpret_cast<const HashTable*>(element->value);
+    const HashEntry* interval = GetHashEntry(workflow, u"interval");
+    if (!interval) return "has no interval";
+    if (interval->type != ValueType::integer && interval->type != ValueType::number)
+        return "has an interval that is no number of minutes";
+    if (static_cast<std::int32_t>(interval->value) < 1) return "has an interval below 1";
+    if (!GetHashVector(workflow, u"recordSetName")) return "has no array recordSetName";
+    return nullptr;
+}
+
+const char16_t* NameOf(const VectorElement* element) {
+    if (element->type != ValueType::table) return nullptr;
+    return GetHashText(reinterpret_cast<const HashTable*>(element->value), u"wfname");
+}
+
+/// Moves the workflows that can run into a list of their own; the others stay and are logged.
+VectorPtr TakeWorkflows(Vector* workflows, const char16_t* key, std::u16string_view fileName) {
+    VectorPtr taken = MakeVector();
+    std::int32_t index = 0;
+    for (VectorElement* element = workflows->head; element && taken; element = element->next, ++index) {
+        if (const char* fault = FaultOf(element)) {
+            Log1("\t LoadQueryConfig :: %s :: workflow [%d] of %s, wfname %s, %s: it is left out \n", fileName, index,
+                 key, NameOf(element), fault);
+            continue;
+        }
+        auto* moved = new (std::nothrow) VectorElement{element->value, element->type, nullptr};
+        if (!moved) break;
+        AddElement(taken.get(), moved);
+        element->type = ValueType::none;
+    }
+    return taken;
+}
+
+/// Moves the lists of workflows out of a document into a table of their own.
+HashTablePtr TakePlan(const HashTable* document, std::u16string_view fileName) {
+    HashTablePtr plan = MakeHashTable();
+    const std::unique_ptr<const char16_t*[]> keys = GetHashKeys(document);
+    for (std::size_t i = 0; keys[i] && plan; ++i) {
+        Vector* workflows = GetHashVector(document, keys[i]);
+        if (!workflows) {
+            Log1("\t LoadQueryConfig :: %s :: the value of %s is no array: it is left out \n", fileName, keys[i]);
+            continue;
+        }
+        VectorPtr taken = TakeWorkflows(workflows, keys[i], fileName);
+        if (taken && PutHashValue(plan.get(), keys[i], reinterpret_cast<Word>(taken.get()), ValueType::vector))
+            static_cast<void>(taken.release());
+    }
+    return plan;
+}
+
+/// Makes room for a new list. The old one is not freed: gv_sortVec and running timers refer to its entries until
+/// the schedule is built anew.
+void RemoveOldKey(const std::u16string& key) {
+    RemoveHashKey(agentState.gv_queryConfHash, key);
+    Log2("\t Key %s deleted from query conf \n", key);
+    Log2("\t Query conf key count after deleting : %d \n", CountHashKeys(agentState.gv_queryConfHash));
+}
+
+/// Frees a plan that has been merged, with those of its lists that the merged table did not take.
+void DropMergedPlan(HashTablePtr plan, std::u16string_view fileName) {
+    const std::unique_ptr<const char16_t*[]> keys = GetHashKeys(plan.get());
+    for (std::size_t i = 0; keys[i]; ++i) {
+        Vector* workflows = GetHashVector(plan.get(), keys[i]);
+        if (GetHashVector(agentState.gv_queryConfHash, keys[i]) == workflows) continue;
+        Log1("\t LoadQueryConfig :: %s :: %s belongs to another file and is left out \n", fileName, keys[i]);
+        FreeAllVector(workflows);
+    }
+    FreeHashTable(plan.release());
+}
+
+void MergePlan(HashTablePtr plan, const std::u16string& key, std::u16string_view fileName) {
+    const bool hasKey = ContainsHashKey(plan.get(), key) == 1;
+    if (!hasKey) Log1("\t LoadQueryConfig :: %s has no array %s \n", fileName, key);
+    if (!agentState.gv_queryConfHash) {
+        agentState.gv_queryConfHash = plan.release();
+        return;
+    }
+    // A file without its own key has nothing to put in the place of the plan in use, which stays.
+    if (hasKey && ContainsHashKey(agentState.gv_queryConfHash, key)) RemoveOldKey(key);
+    MergeHashTable(plan.get(), agentState.gv_queryConfHash);
+    Log2("\t Query conf key count after merging : %d \n", CountHashKeys(agentState.gv_queryConfHash));
+    DropMergedPlan(std::move(plan), fileName);
+}
+
+void LoadSlave(const std::u16string& agent) {
+    const std::u16string fileName = ConcatStrings(slavesDirectory, agent) + u"\\queryconf.txt";
+    if (fileExists(fileName)) LoadQueryConfig(agent, fileName);
+}
+
+void CreateSlavesDirectory() {
+    Log1("\t LoadConfFiles :: No query conf file exists under slaves directory.\n");
+    if (const int result = Files().wmkdir(slavesDirectory))
+        Log1("\t LoadConfFiles :: %s cannot be created. errno is [%d] \n", slavesDirectory, result);
+}
+
+void LoadSlaves() {
+    Log3("\t Inside LoadSlaves() \n");
+    platform::FindData entry;
+    platform::FindHandle search = 0;
+    if (Files().FindFirstFileW(ConcatStrings(slavesDirectory, u"*"), entry, search) != error::success) {
+        CreateSlavesDirectory();
+        return;
+    }
+    // The first two entries are the directory's own "." and "..".
+    Error result = error::success;
+    for (int position = 0; result == error::success; ++position) {
+        if (position >= 2) LoadSlave(entry.fileName);
+        result = Files().FindNextFileW(search, entry);
+    }
+    if (result != error::noMoreFiles)
+        Log1("\t LoadConfFiles :: the search of the slaves directory ended early. Error is [%u] \n", result);
+    Files().FindClose(search);
+}
+
+}  // namespace
+
+void LoadConfFiles() {
+    Log3("\t Inside LoadConfFiles() \n");
+    LoadQueryConfig(u"", ownFile);
+    if (CompareIgnoreCase(agentState.gv_masterAgent, u"YES") == 0) LoadSlaves();
+    agentState.gv_loadqueryconf = 1;
+    initializeScheduler();
+    scheduleQueryHashData();
+}
+
+void LoadQueryConfig(std::u16string_view agent, std::optional<std::u16string_view> fileName) {
+    Log3("\t Inside LoadQueryConfig() \n");
+    const HashTablePtr document = MakeHashTable();
+    if (!document) {
+        Log1("Initialise hash table is Failed\n");
+        return;
+    }
+    const std::u16string_view name = fileName.value_or(ownFile);
+    if (!fileExists(UnderBinPath(name))) {
+        Log1("queryconf.txt file is not available...copy file from backup directory..\n");
+        RestoreFromBackup(agent, name);
+    }
+    const JsonReadResult read = JSONFileToHash(document.get(), name);
+    if (!read.message.empty()) Log1("\t LoadQueryConfig :: %s \n", read.message);
+    if (!read.ok) return;
+    std::u16string key = u"WorkFlows";
+    if (!agent.empty()) key += ConcatStrings(u"_", agent);
+    if (HashTablePtr plan = TakePlan(document.get(), name)) MergePlan(std::move(plan), key, name);
+}
+
+}  // namespace kv

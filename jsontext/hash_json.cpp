@@ -1,1 +1,0 @@
-#include "jsontext/hash_json.h"

@@ -1,0 +1,221 @@
+#include <algorithm>
+#include <cmath>
+#include <json-c/json.h>
+#include <limits>
+#include <memory>
+#include <new>
+#include <string>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "foundation/log.h"
+#include "foundation/text.h"
+#include "jsontext/hash_json.h"
+#include "jsontext/narrow_json.h"
+
+namespace kv {
+
+namespace {
+
+constexpr int nestingLimit = 32;
+
+/// In 16-bit units. json-c counts bytes in an int, and no unit becomes more than 5 bytes on the way to it.
+constexpr std::size_t largestDocument = std::size_t{64} << 20;
+
+struct JsonObjectDeleter {
+    void operator()(json_object* object) const { json_object_put(object); }
+};
+using JsonObjectPtr = std::unique_ptr<json_object, JsonObjectDeleter>;
+
+struct JsonTokenerDeleter {
+    void operator()(json_tokener* tokener) const { json_tokener_free(tokener); }
+};
+using JsonTokenerPtr = std::unique_ptr<json_tokener, JsonTokenerDeleter>;
+
+struct JsonMember {
+    std::u16string key;
+    json_object* value;  // null for JSON's null
+};
+
+void JSONObjectToHash(HashTable* table, json_object* object);
+void JSONArrayToVector(Vector* vector, json_object* array);
+
+/// A value on its way into a list or a table, which owns it once it is stored.
+struct StoredValue {
+    Word value = 0;
+    ValueType type = ValueType::none;
+    std::u16string text;
+    VectorPtr vector;
+    HashTablePtr table;
+
+    void HandOver() {
+        if (vector) static_cast<void>(vector.release());
+        if (table) static_cast<void>(table.release());
+    }
+};
+
+/// The low 32 bits.
+Word WordOf(std::int64_t integer) { return static_cast<std::uint32_t>(integer); }
+
+std::int32_t CutToInteger(double number) {
+    if (std::isnan(number)) return 0;
+    constexpr double lowest = std::numeric_limits<std::int32_t>::min();
+    constexpr double highest = std::numeric_limits<std::int32_t>::max();
+    return static_cast<std::int32_t>(std::clamp(number, lowest, highest));
+}
+
+void StoreInteger(StoredValue& stored, json_object* value) {
+    const std::int64_t integer = json_object_get_int64(value);
+    const bool fits = std::in_range<std::int32_t>(integer);
+    stored.type = fits ? ValueType::integer : ValueType::other;
+    // Above the signed range only the unsigned reading still has the low bits.
+    stored.value = WordOf(integer < 0 ? integer : static_cast<std::int64_t>(json_object_get_uint64(value)));
+}
+
+void StoreText(StoredValue& stored, json_object* value) {
+    const auto size = static_cast<std::size_t>(json_object_get_string_len(value));
+    stored.text = WideTextFromNarrow(std::string_view(json_object_get_string(value), size));
+    if (stored.text.find(u'\0') != std::u16string::npos)
+        Log1("\t JSONTextToHash :: a text with a zero character ends there: %s \n", stored.text.c_str());
+    stored.type = ValueType::text;
+    stored.value = reinterpret_cast<Word>(stored.text.c_str());
+}
+
+void StoreArray(StoredValue& stored, json_object* value) {
+    stored.vector = MakeVector();
+    if (!stored.vector) return;
+    JSONArrayToVector(stored.vector.get(), value);
+    stored.type = ValueType::vector;
+    stored.value = reinterpret_cast<Word>(stored.vector.get());
+}
+
+void StoreObject(StoredValue& stored, json_object* value) {
+    stored.table = MakeHashTable();
+    if (!stored.table) return;
+    JSONObjectToHash(stored.table.get(), value);
+    stored.type = ValueType::table;
+    stored.value = reinterpret_cast<Word>(stored.table.get());
+}
+
+/// Fills in a value; one of type none is not to be stored.
+void StoreValue(StoredValue& stored, json_object* value) {
+    switch (json_object_get_type(value)) {
+        case json_type_null:
+            break;
+        case json_type_boolean:
+            stored.type = ValueType::boolean;
+            stored.value = json_object_get_boolean(value) ? 1 : 0;
+            break;
+        case json_type_double:
+            stored.type = ValueType::number;
+            stored.value = WordOf(CutToInteger(json_object_get_double(value)));
+            break;
+        case json_type_int:
+            StoreInteger(stored, value);
+            break;
+        case json_type_string:
+            StoreText(stored, value);
+            break;
+        case json_type_array:
+            StoreArray(stored, value);
+            break;
+        case json_type_object:
+            StoreObject(stored, value);
+            break;
+    }
+}
+
+/// The members in document order. No two narrow keys are equal, so none is missing; wide keys may repeat.
+std::vector<JsonMember> MembersOf(json_object* object) {
+    std::vector<JsonMember> members;
+    const json_object_iterator end = json_object_iter_end(object);
+    for (json_object_iterator member = json_object_iter_begin(object); !json_object_iter_equal(&member, &end);
+         json_object_iter_next(&member)) {
+        const std::u16string key = WideTextFromNarrow(json_object_iter_peek_name(&member));
+        members.push_back({key, json_object_iter_peek_value(&member)});
+    }
+    return members;
+}
+
+void JSONObjectToHash(HashTable* table, json_object* object) {
+    Log4("\t Inside JSONObjectToHash() \n");
+    const std::vector<JsonMember> members = MembersOf(object);
+    std::unordered_map<std::u16string_view, std::size_t> lastIndex;
+    for (std::size_t index = 0; index < members.size(); ++index) lastIndex[members[index].key] = index;
+    for (std::size_t index = 0; index < members.size(); ++index) {
+        const JsonMember& member = members[index];
+        if (lastIndex[member.key] != index) continue;
+        StoredValue stored;
+        StoreValue(stored, member.value);
+        if (stored.type == ValueType::none) continue;
+        if (PutHashValue(table, member.key, stored.value, stored.type)) stored.HandOver();
+    }
+}
+
+void JSONArrayToVector(Vector* vector, json_object* array) {
+    Log4("\t Inside JSONArrayToVector() \n");
+    const std::size_t length = json_object_array_length(array);
+    for (std::size_t index = 0; index < length; ++index) {
+        StoredValue stored;
+        StoreValue(stored, json_object_array_get_idx(array, index));
+        if (stored.type == ValueType::none) continue;
+        if (AddValueToVector(vector, stored.value, stored.type)) stored.HandOver();
+    }
+}
+
+const char* WordsOf(json_tokener_error error) {
+    return error == json_tokener_error_depth ? "nesting to deep" : json_tokener_error_desc(error);
+}
+
+std::string Place(std::u16string_view text, std::size_t narrowOffset) {
+    const std::size_t offset = WideOffset(text, narrowOffset);
+    const auto line = std::count(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(offset), u'\n') + 1;
+    return "at offset " + std::to_string(offset) + " (line " + std::to_string(line) + ")";
+}
+
+JsonReadResult Failure(std::string message) { return {.ok = false, .message = std::move(message)}; }
+
+/// A message about what follows the document's end, or an empty one when only blanks do.
+std::string TextBehindTheEnd(std::u16string_view text, std::string_view narrow, std::size_t end) {
+    const std::size_t rest = narrow.find_first_not_of(std::string_view(" \t\r\n\f\v\0", 7), end);
+    return rest == narrow.npos ? std::string() : "what follows the document is passed over, " + Place(text, rest);
+}
+
+}  // namespace
+
+int AddValueToVector(Vector* vector, Word value, ValueType type) {
+    Log4("\t Inside AddValueToVector() \n");
+    std::unique_ptr<VectorElement> element(new (std::nothrow) VectorElement{value, type, nullptr});
+    const bool copies = type == ValueType::text && value != 0;
+    if (element && copies) element->value = reinterpret_cast<Word>(CopyText(reinterpret_cast<const char16_t*>(value)));
+    if (!element || (copies && element->value == 0)) {
+        Log1("\t@@@@@  Memory allocation failed @@@@@\n");
+        return 0;
+    }
+    if (!AddElement(vector, element.get())) {
+        if (copies) FreeText(reinterpret_cast<char16_t*>(element->value));
+        Log1("\t@@@@@  AddElement Failed @@@@@\n");
+        return 0;
+    }
+    static_cast<void>(element.release());
+    return 1;
+}
+
+JsonReadResult JSONTextToHash(HashTable* table, std::u16string_view text) {
+    Log4("\t Inside JSONTextToHash() \n");
+    if (text.size() > largestDocument) return Failure("the document is larger than 64 million characters");
+    const JsonTokenerPtr tokener(json_tokener_new_ex(nestingLimit));
+    if (!tokener) return Failure("not enough memory");
+    const std::string narrow = NarrowJson(text);
+    // The terminating zero tells the parser that the document ends here.
+    const JsonObjectPtr top(json_tokener_parse_ex(tokener.get(), narrow.c_str(), static_cast<int>(narrow.size()) + 1));
+    const std::size_t end = json_tokener_get_parse_end(tokener.get());
+    const json_tokener_error error = json_tokener_get_error(tokener.get());
+    if (error != json_tokener_success) return Failure(std::string(WordsOf(error)) + " " + Place(text, end));
+    if (json_object_get_type(top.get()) != json_type_object) return Failure("the top level is no object");
+    JSONObjectToHash(table, top.get());
+    return {.ok = true, .message = TextBehindTheEnd(text, narrow, end)};
+}
+
+}  // namespace kv

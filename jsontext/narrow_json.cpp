@@ -1,0 +1,159 @@
+#include "jsontext/narrow_json.h"
+
+#include <cstdint>
+#include <utility>
+
+namespace kv {
+
+namespace {
+
+constexpr std::size_t countLength = 8;  // of the digits ahead of each text
+constexpr std::string_view hexDigits = "0123456789abcdef";
+
+/// A rewriting in progress.
+struct Rewriting {
+    std::u16string_view document;
+    std::size_t position = 0;  // of the next unit to rewrite
+    std::string narrow;
+    char16_t quote = 0;  // that ends the text at hand; 0 outside texts
+    std::uint32_t texts = 0;
+};
+
+void AppendUnit(std::string& narrow, std::uint32_t unit) {
+    if (unit < 0x80) {
+        narrow += static_cast<char>(unit);
+    } else if (unit < 0x800) {
+        narrow += static_cast<char>(0xC0 | unit >> 6);
+        narrow += static_cast<char>(0x80 | (unit & 0x3F));
+    } else {
+        narrow += static_cast<char>(0xE0 | unit >> 12);
+        narrow += static_cast<char>(0x80 | (unit >> 6 & 0x3F));
+        narrow += static_cast<char>(0x80 | (unit & 0x3F));
+    }
+}
+
+void AppendTextCount(std::string& narrow, std::uint32_t count) {
+    for (std::size_t digit = countLength; digit-- > 0;) narrow += hexDigits[count >> (4 * digit) & 0xF];
+}
+
+/// The value of a hexadecimal digit, or 16.
+std::uint32_t DigitValue(char16_t unit) {
+    if (unit >= u'0' && unit <= u'9') return unit - std::uint32_t{u'0'};
+    const std::uint32_t lower = unit | 0x20u;
+    return lower >= u'a' && lower <= u'f' ? lower - u'a' + 10 : 16;
+}
+
+/// The number behind the "\u" that the text starts with; false when it is no such escape.
+bool ReadUnicodeEscape(std::u16string_view text, std::uint32_t& number) {
+    if (text.size() < 6 || text[1] != u'u') return false;
+    number = 0;
+    for (const char16_t unit : text.substr(2, 4)) {
+        const std::uint32_t digit = DigitValue(unit);
+        if (digit > 15) return false;
+        number = number << 4 | digit;
+    }
+    return true;
+}
+
+void RewriteEscape(Rewriting& rewriting) {
+    const std::u16string_view rest = rewriting.document.substr(rewriting.position);
+    std::uint32_t number = 0;
+    if (ReadUnicodeEscape(rest, number) && number >= 0x80) {
+        std::string bytes;
+        AppendUnit(bytes, number);
+        for (const char byte : bytes) AppendUnit(rewriting.narrow, static_cast<unsigned char>(byte));
+        rewriting.position += 6;
+        return;
+    }
+    // The escaped character goes along, so that an escaped quotation mark does not end the text.
+    for (const char16_t unit : rest.substr(0, 2)) AppendUnit(rewriting.narrow, unit);
+    rewriting.position += rest.size() < 2 ? rest.size() : 2;
+}
+
+/// json-c does not see the end of a comment such as "/***/", so comments are taken out here. One that has no end stays,
+/// for json-c to refuse.
+bool SkipComment(Rewriting& rewriting) {
+    const std::u16string_view rest = rewriting.document.substr(rewriting.position);
+    const bool block = rest.starts_with(u"/*");
+    if (!block && !rest.starts_with(u"//")) return false;
+    std::size_t end = rest.find(block ? u"*/" : u"\n", 2);
+    if (end == rest.npos && block) return false;
+    end = end == rest.npos ? rest.size() : end + (block ? 2 : 1);
+    rewriting.narrow += ' ';
+    rewriting.position += end;
+    return true;
+}
+
+void RewriteInText(Rewriting& rewriting, char16_t unit) {
+    if (unit == u'\\') {
+        RewriteEscape(rewriting);
+        return;
+    }
+    if (unit == rewriting.quote) rewriting.quote = 0;
+    AppendUnit(rewriting.narrow, unit);
+    ++rewriting.position;
+}
+
+void RewriteOutsideTexts(Rewriting& rewriting, char16_t unit) {
+    if (unit == u'/' && SkipComment(rewriting)) return;
+    AppendUnit(rewriting.narrow, unit);
+    ++rewriting.position;
+    if (unit == u'"' || unit == u'\'') {
+        rewriting.quote = unit;
+        AppendTextCount(rewriting.narrow, rewriting.texts++);
+    }
+}
+
+void RewriteNext(Rewriting& rewriting) {
+    const char16_t unit = rewriting.document[rewriting.position];
+    if (rewriting.quote != 0)
+        RewriteInText(rewriting, unit);
+    else
+        RewriteOutsideTexts(rewriting, unit);
+}
+
+}  // namespace
+
+std::string NarrowJson(std::u16string_view document) {
+    Rewriting rewriting;
+    rewriting.document = document;
+    rewriting.narrow.reserve(document.size() * 2);
+    while (rewriting.position < document.size()) RewriteNext(rewriting);
+    return std::move(rewriting.narrow);
+}
+
+std::size_t WideOffset(std::u16string_view document, std::size_t narrowOffset) {
+    Rewriting rewriting;
+    rewriting.document = document;
+    while (rewriting.position < document.size()) {
+        const std::size_t before = rewriting.position;
+        RewriteNext(rewriting);
+        if (rewriting.narrow.size() > narrowOffset) return before;
+    }
+    return document.size();
+}
+
+std::u16string WideTextFromNarrow(std::string_view narrow) {
+    narrow.remove_prefix(narrow.size() < countLength ? narrow.size() : countLength);
+    std::u16string wide;
+    wide.reserve(narrow.size());
+    for (std::size_t i = 0; i < narrow.size();) {
+        const auto byteAt = [&](std::size_t at) {
+            return at < narrow.size() ? static_cast<unsigned char>(narrow[at]) & 0xFFu : 0u;
+        };
+        const std::uint32_t first = byteAt(i);
+        if (first < 0x80) {
+            wide += static_cast<char16_t>(first);
+            i += 1;
+        } else if (first < 0xE0) {
+            wide += static_cast<char16_t>((first & 0x1F) << 6 | (byteAt(i + 1) & 0x3F));
+            i += 2;
+        } else {
+            wide += static_cast<char16_t>((first & 0x0F) << 12 | (byteAt(i + 1) & 0x3F) << 6 | (byteAt(i + 2) & 0x3F));
+            i += 3;
+        }
+    }
+    return wide;
+}
+
+}  // namespace kv
