@@ -1,0 +1,64 @@
+#include "lab/archive.h"
+
+#include <array>
+#include <memory>
+#include <zip.h>
+
+#include "lab/record_text.h"
+
+namespace kv::lab {
+
+namespace {
+
+struct Discarder {
+    void operator()(zip_t* archive) const { zip_discard(archive); }
+    void operator()(zip_file_t* file) const { zip_fclose(file); }
+};
+using Archive = std::unique_ptr<zip_t, Discarder>;
+using OpenEntry = std::unique_ptr<zip_file_t, Discarder>;
+
+Archive OpenArchive(std::string_view bytes) {
+    zip_error_t error;
+    zip_error_init(&error);
+    zip_source_t* source = zip_source_buffer_create(bytes.data(), bytes.size(), 0, &error);
+    zip_t* archive = source ? zip_open_from_source(source, ZIP_RDONLY | ZIP_CHECKCONS, &error) : nullptr;
+    const std::string text = archive ? "" : zip_error_strerror(&error);
+    if (source && !archive) zip_source_free(source);
+    zip_error_fini(&error);
+    if (!archive) throw MalformedArchive("the body is not a good zip: " + text);
+    return Archive(archive);
+}
+
+/// Appends an entry's content up to `limit` bytes.
+void ReadEntry(zip_t* archive, zip_uint64_t index, const std::string& name, std::size_t limit, std::string& content) {
+    const OpenEntry entry(zip_fopen_index(archive, index, 0));
+    if (!entry) throw MalformedArchive("the entry " + name + " cannot be opened: " + zip_strerror(archive));
+    std::array<char, 65536> buffer;
+    while (true) {
+        const zip_int64_t size = zip_fread(entry.get(), buffer.data(), buffer.size());
+        if (size < 0)
+            throw MalformedArchive("the entry " + name + " cannot be read: " + zip_file_strerror(entry.get()));
+        if (size == 0) return;
+        content.append(buffer.data(), static_cast<std::size_t>(size));
+        if (content.size() > limit) throw MalformedArchive("the entry " + name + " unpacks to too much");
+    }
+}
+
+}  // namespace
+
+void ReadArchive(std::string_view bytes, const EntrySink& sink) {
+    const Archive archive = OpenArchive(bytes);
+    std::size_t left = maxArchiveBytes;
+    const zip_int64_t count = zip_get_num_entries(archive.get(), 0);
+    for (zip_uint64_t index = 0; index < static_cast<zip_uint64_t>(count); ++index) {
+        const char* rawName = zip_get_name(archive.get(), index, ZIP_FL_ENC_GUESS);
+        if (!rawName) throw MalformedArchive("an entry has no readable name");
+        const std::string name = CleanUtf8(rawName);
+        std::string content;
+        ReadEntry(archive.get(), index, OneLine(name), std::min(left, maxEntryBytes), content);
+        left -= content.size();
+        if (!name.ends_with('/')) sink(name, content);
+    }
+}
+
+}  // namespace kv::lab

@@ -1,0 +1,29 @@
+// Reads an uploaded zip with libzip, which is independent of the agent's own writer.
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+namespace kv::lab {
+
+/// Bounds on what one upload may cost. A zip holds at most 2501 record files; scripts that print a lot make large ones.
+inline constexpr std::size_t maxBodyBytes = std::size_t{256} << 20;
+inline constexpr std::size_t maxEntryBytes = std::size_t{64} << 20;
+inline constexpr std::size_t maxArchiveBytes = std::size_t{1} << 30;  // all entries, unpacked
+
+/// Why an archive is refused, in one line.
+struct MalformedArchive : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+/// Receives one file of an archive; folders are left out.
+using EntrySink = std::function<void(const std::string& name, std::string_view content)>;
+
+/// Checks an archive's consistency and reads every entry to its end, so that each CRC is verified, handing the entries
+/// over in order. MalformedArchive at the first fault, or when a bound above is passed.
+void ReadArchive(std::string_view bytes, const EntrySink& sink);
+
+}  // namespace kv::lab

@@ -1,0 +1,361 @@
+#include "lab/page.h"
+
+#include <algorithm>
+#include <fmt/format.h>
+#include <iterator>
+
+#include "lab/record_text.h"
+
+namespace kv::lab {
+
+namespace {
+
+/// Bounds on how much of one record's values is shown.
+constexpr std::size_t maxRows = 25;
+constexpr std::size_t maxColumns = 20;
+constexpr std::size_t maxValueBytes = 400;
+constexpr int maxDepth = 6;
+
+constexpr std::string_view style = R"(
+:root { --line: #d9dee3; --soft: #5d6b78; --bad: #b3261e; --good: #1b6e3c; }
+* { box-sizing: border-box; }
+body { margin: 0 auto; max-width: 76rem; padding: 1rem 1.5rem 3rem; background: #f5f7f9; color: #1d2730;
+  font: 15px/1.45 system-ui, "Segoe UI", "DejaVu Sans", sans-serif; }
+h1 { font-size: 1.35rem; margin: .4rem 0 0; }
+h2 { font-size: 1.05rem; margin: 1.8rem 0 .5rem; }
+.soft { color: var(--soft); }
+.bad { color: var(--bad); font-weight: 600; }
+.good { color: var(--good); font-weight: 600; }
+.card { background: #fff; border: 1px solid var(--line); border-radius: 6px; margin: 0 0 .7rem; overflow-x: auto; }
+.record { padding: .55rem .8rem .7rem; }
+.head { display: flex; flex-wrap: wrap; gap: .1rem 1rem; align-items: baseline; }
+.head b { font-size: 1rem; }
+.fields { display: flex; flex-wrap: wrap; gap: .1rem 1.2rem; margin: .2rem 0 0; font-size: .9rem; }
+.fields span span { color: var(--soft); }
+table { border-collapse: collapse; font-size: .9rem; }
+.card > table { width: 100%; }
+th { text-align: left; font-weight: 600; color: var(--soft); white-space: nowrap; }
+th, td { padding: .28rem .8rem .28rem 0; border-bottom: 1px solid var(--line); vertical-align: top; }
+.card > table th:first-child, .card > table td:first-child { padding-left: .8rem; }
+tr:last-child > td { border-bottom: 0; }
+.record table { margin-top: .45rem; }
+td table { margin: 0; }
+pre { margin: .4rem 0 0; white-space: pre-wrap; overflow-wrap: anywhere; font: 13px/1.4 ui-monospace, monospace; }
+)";
+
+constexpr std::string_view script = R"(
+const live = document.getElementById('live'), clock = document.getElementById('clock');
+let shown = '';
+async function refresh() {
+  try {
+    const answer = await fetch('/fragment');
+    if (!answer.ok) throw new Error('HTTP ' + answer.status);
+    const text = await answer.text();
+    if (text !== shown) { live.innerHTML = text; shown = text; }
+    clock.textContent = 'as of ' + new Date().toISOString().slice(0, 19).replace('T', ' ') + 'Z';
+    clock.className = 'soft';
+  } catch (error) {
+    clock.textContent = 'the server does not answer (' + error.message + ')';
+    clock.className = 'bad';
+  }
+  setTimeout(refresh, 3000);
+}
+refresh();
+)";
+
+template <class... Arguments>
+void Add(std::string& html, fmt::format_string<Arguments...> format, Arguments&&... arguments) {
+    fmt::format_to(std::back_inserter(html), format, std::forward<Arguments>(arguments)...);
+}
+
+/// A table in a card; nothing when there are no rows.
+void AddTable(std::string& html, std::string_view title, const std::vector<std::string_view>& columns,
+              const std::vector<std::vector<std::string>>& rows) {
+    if (rows.empty()) return;
+    Add(html, "<h2>{}</h2>\n<div class=card><table>\n<tr>", title);
+    for (const std::string_view column : columns) Add(html, "<th>{}</th>", column);
+    html += "</tr>\n";
+    for (const auto& row : rows) {
+        html += "<tr>";
+        for (const std::string& cell : row) Add(html, "<td>{}</td>", cell);
+        html += "</tr>\n";
+    }
+    html += "</table></div>\n";
+}
+
+std::string_view StartOfText(std::string_view text, std::size_t maxBytes) {
+    if (text.size() <= maxBytes) return text;
+    // Not between the bytes of one character.
+    while (maxBytes > 0 && (static_cast<unsigned char>(text[maxBytes]) & 0xC0) == 0x80) --maxBytes;
+    return text.substr(0, maxBytes);
+}
+
+void AddText(std::string& html, std::string_view text) {
+    const std::string_view start = StartOfText(text, maxValueBytes);
+    html += Escape(start);
+    if (start.size() < text.size()) Add(html, "<span class=soft> … {} more bytes</span>", text.size() - start.size());
+}
+
+std::string_view StringOf(json_object* value) {
+    return {json_object_get_string(value), static_cast<std::size_t>(json_object_get_string_len(value))};
+}
+
+bool IsNested(json_object* value) {
+    return json_object_is_type(value, json_type_array) || json_object_is_type(value, json_type_object);
+}
+
+void AddValue(std::string& html, json_object* value, int depth);
+
+/// Names of the members of all rows, in order of appearance.
+std::vector<std::string> ColumnsOf(json_object* rows, std::size_t count) {
+    std::vector<std::string> columns;
+    for (std::size_t at = 0; at < count; ++at) {
+        json_object_object_foreach(json_object_array_get_idx(rows, at), name, value) {
+            static_cast<void>(value);
+            if (columns.size() < maxColumns && std::find(columns.begin(), columns.end(), name) == columns.end())
+                columns.emplace_back(name);
+        }
+    }
+    return columns;
+}
+
+void AddRowTable(std::string& html, json_object* rows, std::size_t count, int depth) {
+    const std::vector<std::string> columns = ColumnsOf(rows, count);
+    html += "<table><tr>";
+    for (const std::string& column : columns) Add(html, "<th>{}</th>", Escape(column));
+    html += "</tr>\n";
+    for (std::size_t at = 0; at < count; ++at) {
+        html += "<tr>";
+        for (const std::string& column : columns) {
+            json_object* value = nullptr;
+            html += "<td>";
+            if (json_object_object_get_ex(json_object_array_get_idx(rows, at), column.c_str(), &value))
+                AddValue(html, value, depth + 1);
+            html += "</td>";
+        }
+        html += "</tr>\n";
+    }
+    html += "</table>";
+}
+
+void AddArray(std::string& html, json_object* array, int depth) {
+    const std::size_t size = json_object_array_length(array);
+    const std::size_t shown = std::min(size, maxRows);
+    bool allObjects = size > 0;
+    for (std::size_t at = 0; at < shown; ++at)
+        allObjects = allObjects && json_object_is_type(json_object_array_get_idx(array, at), json_type_object);
+    if (allObjects) {
+        AddRowTable(html, array, shown, depth);
+    } else {
+        for (std::size_t at = 0; at < shown; ++at) {
+            if (at > 0) html += ", ";
+            AddValue(html, json_object_array_get_idx(array, at), depth + 1);
+        }
+    }
+    if (size == 0) html += "<span class=soft>no rows</span>";
+    if (shown < size) Add(html, "<div class=soft>… {} more</div>", size - shown);
+}
+
+void AddObject(std::string& html, json_object* object, int depth) {
+    html += "<table>";
+    json_object_object_foreach(object, name, value) {
+        Add(html, "<tr><th>{}</th><td>", Escape(name));
+        AddValue(html, value, depth + 1);
+        html += "</td></tr>\n";
+    }
+    html += "</table>";
+}
+
+void AddValue(std::string& html, json_object* value, int depth) {
+    if (IsNested(value) && depth >= maxDepth) {
+        AddText(html, json_object_to_json_string(value));
+    } else if (json_object_is_type(value, json_type_array)) {
+        AddArray(html, value, depth);
+    } else if (json_object_is_type(value, json_type_object)) {
+        AddObject(html, value, depth);
+    } else if (json_object_is_type(value, json_type_string)) {
+        AddText(html, StringOf(value));
+    } else {
+        html += Escape(json_object_to_json_string(value));
+    }
+}
+
+/// A moment in seconds since 1970, readable.
+std::string CollectTime(json_object* value) {
+    const std::string text(StringOf(value));
+    const bool isNumber = !text.empty() && text.size() <= 11 && text.find_first_not_of("0123456789") == text.npos;
+    return isNumber ? UtcText(std::stoll(text) * 1000) : Escape(text);
+}
+
+/// One plain member of a record on the line of such members.
+void AddField(std::string& html, std::string_view name, json_object* value) {
+    const bool isText = json_object_is_type(value, json_type_string);
+    Add(html, "<span><span>{}</span> ", Escape(name));
+    if (name == "DATACOLLECTTIME" && isText) {
+        html += CollectTime(value);
+    } else if (name == "ERRORMSG" && isText && StringOf(value) != "NO ERROR") {
+        html += "<span class=bad>";
+        AddText(html, StringOf(value));
+        html += "</span>";
+    } else {
+        AddValue(html, value, 1);
+    }
+    html += "</span>\n";
+}
+
+/// The record's members: plain ones on a line, the others each below its name.
+void AddMembers(std::string& html, json_object* document) {
+    html += "<div class=fields>\n";
+    json_object_object_foreach(document, name, value) {
+        if (!IsNested(value)) AddField(html, name, value);
+    }
+    html += "</div>\n";
+    json_object_object_foreach(document, nestedName, nested) {
+        if (!IsNested(nested)) continue;
+        Add(html, "<div class=rows><h3>{}</h3>", Escape(nestedName));
+        AddValue(html, nested, 1);
+        html += "</div>\n";
+    }
+}
+
+void AddRecord(std::string& html, const Record& record) {
+    const std::string& text = record.content.text;
+    const bool whole = static_cast<std::int64_t>(text.size()) == record.bytes;
+    const ParsedJson parsed = whole && record.content.isJson ? ParseJson(text) : ParsedJson();
+    Add(html, "<div class='card record'><div class=head><b>{}</b><span>agent {}</span>",
+        Escape(BaseName(record.content.file)), Escape(record.agent));
+    Add(html, "<span class=soft>record {} in {}, accepted {}</span>", record.number, Escape(record.zip),
+        UtcText(record.time));
+    if (!record.content.isJson) html += "<span class=bad>not JSON</span>";
+    html += "</div>\n";
+    if (parsed.valid && json_object_is_type(parsed.value.get(), json_type_object)) {
+        AddMembers(html, parsed.value.get());
+    } else if (parsed.valid) {
+        AddValue(html, parsed.value.get(), 0);
+    } else {
+        Add(html, "<pre>{}</pre>", Escape(StartOfText(text, static_cast<std::size_t>(previewCharacters))));
+        if (record.bytes > previewCharacters)
+            Add(html, "<a href='/api/records?after={}&amp;limit=1'>all {} bytes</a>", record.number - 1, record.bytes);
+    }
+    html += "</div>\n";
+}
+
+std::string StatusCell(const Agent& agent, std::int64_t now) {
+    if (!agent.status.empty())
+        return fmt::format("<span class=bad>{}</span> {}", Escape(agent.status), UtcText(agent.statusTime));
+    const std::int64_t silence = now - agent.lastContact;
+    if (silence < silentMilliseconds) return "<span class=good>in contact</span>";
+    return fmt::format("<span class=bad>silent</span> for {} minutes", silence / 60000);
+}
+
+void AddAgents(std::string& html, const std::vector<Agent>& agents, std::int64_t now) {
+    std::vector<std::vector<std::string>> rows;
+    for (const Agent& agent : agents) {
+        const AgentDetails& details = agent.details;
+        rows.push_back({fmt::format("<b>{}</b>", Escape(details.key)), Escape(details.id), Escape(details.dns),
+                        Escape(details.address), Escape(details.osName), Escape(details.customer),
+                        Escape(details.office), UtcText(agent.lastContact), StatusCell(agent, now)});
+    }
+    AddTable(html, "Agents",
+             {"Key", "Name", "DNS name", "Address", "Operating system", "Customer", "Office", "Last contact", "Status"},
+             rows);
+    if (agents.empty()) html += "<h2>Agents</h2><p class=soft>No agent has called yet.</p>\n";
+}
+
+void AddFaults(std::string& html, const std::vector<Fault>& faults) {
+    std::vector<std::vector<std::string>> rows;
+    for (const Fault& fault : faults)
+        rows.push_back({std::to_string(fault.number), Escape(fault.servlet), FaultText(fault),
+                        fault.remaining == 0 ? "until cleared" : fmt::format("{} more requests", fault.remaining)});
+    AddTable(html, "Faults on order", {"Number", "Servlet", "Fault", "For"}, rows);
+}
+
+void AddRefusals(std::string& html, const std::vector<Refusal>& refusals) {
+    std::vector<std::vector<std::string>> rows;
+    for (const Refusal& refusal : refusals)
+        rows.push_back({UtcText(refusal.time), Escape(refusal.agent), Escape(refusal.zip),
+                        fmt::format("<span class=bad>{}</span>", Escape(refusal.reason)), Escape(refusal.address),
+                        std::to_string(refusal.times)});
+    AddTable(html, "Refused uploads", {"Last time", "Agent", "Zip", "Reason", "From", "Times"}, rows);
+}
+
+void AddReports(std::string& html, std::string_view title, const std::vector<Report>& reports) {
+    std::vector<std::vector<std::string>> rows;
+    for (const Report& report : reports) {
+        std::string text;
+        AddText(text, report.text);
+        rows.push_back(
+            {UtcText(report.time), Escape(report.agent), Escape(report.action), Escape(report.requestId), text});
+    }
+    AddTable(html, title, {"Time", "Agent", "Action", "Request", "Text"}, rows);
+}
+
+}  // namespace
+
+Overview ReadOverview(Store& store) {
+    return {Now(),
+            CountAll(store),
+            Agents(store),
+            Faults(store),
+            LatestRefusals(store, pageReports),
+            LatestActions(store, pageReports),
+            LatestAnswers(store, pageReports),
+            LatestRecords(store, pageRecords, maxPageTextBytes, previewCharacters)};
+}
+
+std::string Escape(std::string_view text) {
+    std::string html;
+    for (const char character : text) {
+        switch (character) {
+            case '&':
+                html += "&amp;";
+                break;
+            case '<':
+                html += "&lt;";
+                break;
+            case '>':
+                html += "&gt;";
+                break;
+            case '"':
+                html += "&quot;";
+                break;
+            case '\'':
+                html += "&#39;";
+                break;
+            case '\0':
+                html += "\xEF\xBF\xBD";
+                break;  // NUL may not stand in HTML
+            default:
+                html += character;
+        }
+    }
+    return html;
+}
+
+std::string Fragment(const Overview& overview) {
+    const Totals& totals = overview.totals;
+    std::string html;
+    Add(html, "<p>{} agents, {} records in {} zips, {} uploads refused</p>\n", totals.agents, totals.records,
+        totals.zips, totals.refused);
+    AddAgents(html, overview.agents, overview.time);
+    AddFaults(html, overview.faults);
+    AddRefusals(html, overview.refusals);
+    AddReports(html, "Answers to requests", overview.answers);
+    AddReports(html, "Notices", overview.actions);
+    html += "<h2>Latest records</h2>\n";
+    if (overview.records.empty()) html += "<p class=soft>No record has arrived yet.</p>\n";
+    for (const Record& record : overview.records) AddRecord(html, record);
+    return html;
+}
+
+std::string Page(const Overview& overview) {
+    return fmt::format(
+        "<!DOCTYPE html>\n<html lang=en>\n<head>\n<meta charset=utf-8>\n"
+        "<meta name=viewport content='width=device-width'>\n<title>kvlab</title>\n"
+        "<noscript><meta http-equiv=refresh content=5></noscript>\n<style>{}</style>\n</head>\n<body>\n"
+        "<h1>Lab server</h1>\n<div id=clock class=soft>as of {}</div>\n"
+        "<main id=live>\n{}</main>\n<script>{}</script>\n</body>\n</html>\n",
+        style, UtcText(overview.time), Fragment(overview), script);
+}
+
+}  // namespace kv::lab

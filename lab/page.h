@@ -1,0 +1,44 @@
+// The server's page, made from what the store gives: agents, faults on order, refused uploads, what agents reported,
+// and the latest records with their values. Pure text; all that comes from outside is escaped.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "lab/store.h"
+
+namespace kv::lab {
+
+/// What the page shows. Larger texts are cut to a preview, so that the page stays light.
+inline constexpr std::int64_t pageRecords = 40;
+inline constexpr std::int64_t pageReports = 15;
+inline constexpr std::int64_t maxPageTextBytes = 32768;
+inline constexpr std::int64_t previewCharacters = 2000;
+
+/// An agent that has not called for so long is shown as silent; the default interval of its uploads is 5 minutes.
+inline constexpr std::int64_t silentMilliseconds = 15 * 60 * 1000;
+
+struct Overview {
+    std::int64_t time = 0;
+    Totals totals;
+    std::vector<Agent> agents;
+    std::vector<Fault> faults;
+    std::vector<Refusal> refusals;
+    std::vector<Report> actions;
+    std::vector<Report> answers;
+    std::vector<Record> records;
+};
+Overview ReadOverview(Store& store);
+
+/// Text with the characters that HTML gives a meaning to replaced.
+std::string Escape(std::string_view text);
+
+/// The changing part of the page.
+std::string Fragment(const Overview& overview);
+
+/// The whole page; it fetches /fragment every few seconds, or reloads itself where scripts are off.
+std::string Page(const Overview& overview);
+
+}  // namespace kv::lab

@@ -1,0 +1,101 @@
+#include "lab/record_text.h"
+
+#include <ctime>
+#include <fmt/chrono.h>
+#include <fmt/format.h>
+
+#include "foundation/file_utils.h"
+#include "platform/utf.h"
+
+namespace kv::lab {
+
+namespace {
+
+constexpr std::string_view whiteSpace = " \t\r\n";
+
+struct TokenerReleaser {
+    void operator()(json_tokener* tokener) const { json_tokener_free(tokener); }
+};
+
+json_object* JsonText(std::string_view text) {
+    return json_object_new_string_len(text.data(), static_cast<int>(text.size()));
+}
+
+/// Print without blanks, slashes as they stand.
+constexpr int plainJson = JSON_C_TO_STRING_PLAIN | JSON_C_TO_STRING_NOSLASHESCAPE;
+
+}  // namespace
+
+ParsedJson ParseJson(std::string_view text) {
+    const std::size_t start = text.find_first_not_of(whiteSpace);
+    if (start == std::string_view::npos) return {};
+    const std::string document(text.substr(start, text.find_last_not_of(whiteSpace) + 1 - start));
+    const std::unique_ptr<json_tokener, TokenerReleaser> tokener(json_tokener_new_ex(maxJsonDepth));
+    json_tokener_set_flags(tokener.get(), JSON_TOKENER_STRICT | JSON_TOKENER_VALIDATE_UTF8);
+    // Read up to the closing NUL, without which a bare number would count as unfinished.
+    Json value(json_tokener_parse_ex(tokener.get(), document.c_str(), -1));
+    const bool complete = json_tokener_get_error(tokener.get()) == json_tokener_success &&
+                          json_tokener_get_parse_end(tokener.get()) == document.size();
+    if (!complete) return {};
+    return {true, std::move(value)};
+}
+
+RecordText DecodeRecord(const std::string& file, std::string_view bytes) {
+    std::u16string wide = TextFromUtf16LittleEndian(bytes);
+    if (bytes.size() % 2 != 0) wide += u'\xFFFD';
+    std::string text = platform::Utf8FromWide(wide);
+    const bool isJson = ParseJson(text).valid;
+    return {file, std::move(text), isJson};
+}
+
+std::string CleanUtf8(std::string_view text) { return platform::Utf8FromWide(platform::WideFromUtf8(text)); }
+
+std::string OneLine(std::string_view text) {
+    std::string line;
+    for (std::size_t at = 0; at < text.size(); ++at) {
+        const auto byte = static_cast<unsigned char>(text[at]);
+        // U+0080 to U+009F are control characters too: C2 and a byte below A0.
+        const bool wideControl =
+            byte == 0xC2 && at + 1 < text.size() && static_cast<unsigned char>(text[at + 1]) < 0xA0;
+        if (wideControl) ++at;
+        line += byte < 0x20 || byte == 0x7F || wideControl ? ' ' : text[at];
+    }
+    return line;
+}
+
+std::string BaseName(std::string_view path) { return std::string(path.substr(path.find_last_of("/\\") + 1)); }
+
+std::string UtcText(std::int64_t time) {
+    return fmt::format("{:%Y-%m-%d %H:%M:%S}Z", fmt::gmtime(static_cast<std::time_t>(time / 1000)));
+}
+
+std::string RecordLine(const Record& record) {
+    std::string values = record.content.text;
+    if (record.content.isJson) {
+        const ParsedJson parsed = ParseJson(values);
+        if (parsed.valid) values = json_object_to_json_string_ext(parsed.value.get(), plainJson);
+    }
+    return fmt::format("{}\t{}\t{}\t{}\t{}\t{}", record.number, OneLine(record.agent), OneLine(record.zip),
+                       OneLine(BaseName(record.content.file)), UtcText(record.time), OneLine(values));
+}
+
+std::string RecordsJson(const std::vector<Record>& records) {
+    const Json document(json_object_new_object());
+    json_object* list = json_object_new_array();
+    json_object_object_add(document.get(), "records", list);
+    for (const Record& record : records) {
+        json_object* item = json_object_new_object();
+        ParsedJson parsed = record.content.isJson ? ParseJson(record.content.text) : ParsedJson();
+        json_object_object_add(item, "number", json_object_new_int64(record.number));
+        json_object_object_add(item, "agent", JsonText(record.agent));
+        json_object_object_add(item, "zip", JsonText(record.zip));
+        json_object_object_add(item, "file", JsonText(record.content.file));
+        json_object_object_add(item, "time", JsonText(UtcText(record.time)));
+        json_object_object_add(item, "json", json_object_new_boolean(parsed.valid));
+        json_object_object_add(item, "values", parsed.valid ? parsed.value.release() : JsonText(record.content.text));
+        json_object_array_add(list, item);
+    }
+    return json_object_to_json_string_ext(document.get(), plainJson);
+}
+
+}  // namespace kv::lab

@@ -1,0 +1,54 @@
+// The text of a record in its several forms: as it comes in a zip, as a tree, as one line for a terminal, as part of a
+// JSON answer.
+#pragma once
+
+#include <cstdint>
+#include <json-c/json.h>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "lab/store.h"
+
+namespace kv::lab {
+
+struct JsonReleaser {
+    void operator()(json_object* value) const { json_object_put(value); }
+};
+using Json = std::unique_ptr<json_object, JsonReleaser>;
+
+struct ParsedJson {
+    bool valid = false;
+    Json value;  // null stands for JSON's null
+};
+
+/// Deepest nesting that is taken for a document.
+inline constexpr int maxJsonDepth = 100;
+
+/// Parses one document by the strict rules, white space around it allowed.
+ParsedJson ParseJson(std::string_view text);
+
+/// A record file's bytes (UTF-16LE) as UTF-8; what is no valid text becomes U+FFFD. Says whether it is JSON.
+RecordText DecodeRecord(const std::string& file, std::string_view bytes);
+
+/// UTF-8 with each ill-formed sequence replaced by U+FFFD.
+std::string CleanUtf8(std::string_view text);
+
+/// A text without control characters, each of which becomes a blank: it stays on one line and cannot steer a terminal.
+std::string OneLine(std::string_view text);
+
+/// Name without the folders in front.
+std::string BaseName(std::string_view path);
+
+/// "2026-03-05 09:05:07Z" from milliseconds since 1970.
+std::string UtcText(std::int64_t time);
+
+/// Number, agent, zip, record file, time and values with tabs between, no line end.
+std::string RecordLine(const Record& record);
+
+/// { "records": [ { "number", "agent", "zip", "file", "time", "json", "values" } ] }; values is the record's document,
+/// or its text when it is no JSON.
+std::string RecordsJson(const std::vector<Record>& records);
+
+}  // namespace kv::lab

@@ -1,0 +1,56 @@
+// The lab's server: answers the agents' servlets, keeps what they send, and shows it at "/". The same code runs in the
+// program and, as a real server on a free port, in tests.
+//
+//   GET  /servlets/RegisterAgent            agentKey, agentID, agentDNS, ipAddress, customerName, remoteOffice, osName
+//   POST /servlets/FileCollector            AGENTKEY, FILENAME; the body is a zip
+//   GET  /servlets/StatusUpdateServlet      agentKey, agentStatus, serviceName
+//   GET  /servlets/DataAgentHandlerServlet  agentKey; action and requestId for a notice, neither for the request list
+//   POST /servlets/DataAgentHandlerServlet  agentKey, action, requestId; the body is UTF-16LE text
+//   GET  /  /fragment  /api/records?after=N&agent=KEY&limit=N
+//
+// A request that is malformed gets status 400 and one line that says why; when the database fails, 500.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <set>
+#include <stdexcept>
+#include <string>
+
+namespace kv::lab {
+
+struct ServerOptions {
+    std::string database;
+    std::string listen = "127.0.0.1";
+    int port = 0;             // 0: any free port
+    std::string certificate;  // PEM files; with both the server speaks HTTPS
+    std::string privateKey;
+    std::int64_t timeDiff = 0;          // seconds that agents add to their clock
+    std::set<std::string> refusedKeys;  // agents with these keys are told not to run
+};
+
+/// The server could not be started, in one line.
+struct ServerError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+/// A server that listens from the end of its construction to its destruction, on threads of its own. The destructor
+/// ends requests that wait for a delay and lets the others finish. Construction raises ServerError or DatabaseError.
+class LabServer {
+  public:
+    explicit LabServer(const ServerOptions& options);
+    ~LabServer();
+    LabServer(const LabServer&) = delete;
+    LabServer& operator=(const LabServer&) = delete;
+
+    int port() const;
+
+    /// "http://127.0.0.1:8080/".
+    std::string address() const;
+
+  private:
+    struct Running;
+    std::unique_ptr<Running> running_;
+};
+
+}  // namespace kv::lab

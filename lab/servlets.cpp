@@ -1,0 +1,190 @@
+#include "lab/servlets.h"
+
+#include <algorithm>
+#include <charconv>
+#include <optional>
+#include <stdexcept>
+
+#include "lab/archive.h"
+#include "lab/page.h"
+#include "lab/record_text.h"
+
+namespace kv::lab {
+
+namespace {
+
+/// Seconds that agents wait for an SNMP device.
+constexpr const char* snmpTimeout = "5";
+
+constexpr std::int64_t maxApiRecords = 1000;
+
+/// Longest agent key that is taken.
+constexpr std::size_t maxKeyLength = 100;
+
+constexpr const char* htmlType = "text/html; charset=utf-8";
+
+/// What is wrong with a request, in one line.
+struct BadRequest : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+std::string Parameter(const ServletRequest& request, const std::string& name) {
+    const auto found = request.query.find(name);
+    return found == request.query.end() ? "" : CleanUtf8(found->second);
+}
+
+std::string RequiredParameter(const ServletRequest& request, const std::string& name) {
+    std::string value = Parameter(request, name);
+    if (value.empty()) throw BadRequest("the parameter " + name + " is missing");
+    return value;
+}
+
+/// A key goes into a header and into file names.
+std::string KeyParameter(const ServletRequest& request, const std::string& name) {
+    std::string key = RequiredParameter(request, name);
+    const auto good = [](char c) { return c > ' ' && c < 0x7F && c != '/' && c != '\\'; };
+    if (key.size() > maxKeyLength || !std::all_of(key.begin(), key.end(), good))
+        throw BadRequest("the parameter " + name + " is no agent key");
+    return key;
+}
+
+std::int64_t NumberParameter(const ServletRequest& request, const std::string& name, std::int64_t fallback) {
+    const std::string text = Parameter(request, name);
+    if (text.empty()) return fallback;
+    std::int64_t number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (error != std::errc() || end != text.data() + text.size() || number < 0)
+        throw BadRequest("the parameter " + name + " is no number");
+    return number;
+}
+
+/// The texts that an agent sends while it has no key.
+bool IsKey(std::string key) {
+    std::transform(key.begin(), key.end(), key.begin(),
+                   [](char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 32) : c; });
+    return key != "HUBCENTER" && key != "NULL";
+}
+
+Answer Register(Store& store, const Enrolment& enrolment, const ServletRequest& request) {
+    const AgentDetails details{KeyParameter(request, "agentKey"),  Parameter(request, "agentID"),
+                               Parameter(request, "agentDNS"),     Parameter(request, "ipAddress"),
+                               Parameter(request, "customerName"), Parameter(request, "remoteOffice"),
+                               Parameter(request, "osName")};
+    const bool hasKey = IsKey(details.key);
+    // Keys are given by name: without one, all agents would get the same.
+    if (!hasKey && details.id.empty()) throw BadRequest("the parameter agentID is missing");
+    const std::string key = EnrolAgent(store, details, hasKey);
+    Answer answer;
+    answer.headers = {{"timeDiff", std::to_string(enrolment.timeDiff)},
+                      {"AgentKey", key},
+                      {"AgentRun", enrolment.refusedKeys.contains(key) ? "0" : "1"},
+                      {"SNMPTimeout", snmpTimeout}};
+    return answer;
+}
+
+void StoreUpload(Store& store, const ServletRequest& request) {
+    const std::string key = KeyParameter(request, "AGENTKEY");
+    const std::string zip = RequiredParameter(request, "FILENAME");
+    if (request.body.empty()) throw BadRequest("the body is empty");
+    StoreDelivery(store, key, zip, [&](const RecordSink& sink) {
+        ReadArchive(request.body,
+                    [&](const std::string& name, std::string_view content) { sink(DecodeRecord(name, content)); });
+    });
+    NoteContact(store, key, request.address);
+}
+
+Answer Refuse(Store& store, const ServletRequest& request, int status, const std::string& reason) {
+    NoteRefusal(store, {Parameter(request, "AGENTKEY"), Parameter(request, "FILENAME"), reason, request.address, 0, 0});
+    return TextAnswer(status, reason);
+}
+
+Answer Upload(Store& store, const Enrolment&, const ServletRequest& request) {
+    try {
+        StoreUpload(store, request);
+        return {};
+    } catch (const BadRequest& error) {
+        return Refuse(store, request, 400, error.what());
+    } catch (const MalformedArchive& error) {
+        return Refuse(store, request, 400, error.what());
+    }
+}
+
+Answer UpdateStatus(Store& store, const Enrolment&, const ServletRequest& request) {
+    const std::string key = KeyParameter(request, "agentKey");
+    const std::string status = RequiredParameter(request, "agentStatus");
+    NoteContact(store, key, request.address);
+    NoteStatus(store, key, status);
+    return {};
+}
+
+/// A posted document, a notice of what was done, or the question for the list of requests, which is empty here.
+Answer HandleRequests(Store& store, const Enrolment&, const ServletRequest& request) {
+    const std::string key = KeyParameter(request, "agentKey");
+    const Report report{key, Parameter(request, "action"), Parameter(request, "requestId"),
+                        DecodeRecord("", request.body).text, 0};
+    const bool posted = request.method == "POST";
+    if (posted && request.body.empty()) throw BadRequest("the body is empty");
+    NoteContact(store, key, request.address);
+    if (posted) {
+        StoreAnswer(store, report);
+    } else if (!report.action.empty()) {
+        NoteAction(store, {key, report.action, report.requestId, Parameter(request, "status"), 0});
+    }
+    return {};
+}
+
+struct Servlet {
+    std::string_view name;
+    std::string_view methods;
+    Answer (*serve)(Store&, const Enrolment&, const ServletRequest&);
+};
+
+constexpr std::array<Servlet, servletNames.size()> servlets{{{servletNames[0], "GET", Register},
+                                                             {servletNames[1], "POST", Upload},
+                                                             {servletNames[2], "GET", UpdateStatus},
+                                                             {servletNames[3], "GET POST", HandleRequests}}};
+
+}  // namespace
+
+Answer TextAnswer(int status, const std::string& line) {
+    Answer answer;
+    answer.status = status;
+    answer.body = line + "\n";
+    return answer;
+}
+
+Answer Serve(Store& store, const Enrolment& enrolment, std::string_view servlet, const ServletRequest& request) {
+    const auto* const found = std::find_if(servlets.begin(), servlets.end(),
+                                           [&](const Servlet& candidate) { return candidate.name == servlet; });
+    if (found == servlets.end()) return TextAnswer(404, "there is no such servlet");
+    if (found->methods.find(request.method) == std::string_view::npos)
+        return TextAnswer(405, "this servlet is called with " + std::string(found->methods));
+    try {
+        return found->serve(store, enrolment, request);
+    } catch (const BadRequest& error) {
+        return TextAnswer(400, error.what());
+    }
+}
+
+Answer RefuseLargeBody(Store& store, std::string_view servlet, const ServletRequest& request) {
+    const std::string reason = "the body is larger than " + std::to_string(maxBodyBytes >> 20) + " MiB";
+    if (servlet == "FileCollector") return Refuse(store, request, 413, reason);
+    return TextAnswer(413, reason);
+}
+
+Answer ServePage(Store& store) { return {200, Page(ReadOverview(store)), htmlType, {}}; }
+Answer ServeFragment(Store& store) { return {200, Fragment(ReadOverview(store)), htmlType, {}}; }
+
+Answer ServeRecords(Store& store, const ServletRequest& request) {
+    try {
+        RecordQuery query;
+        query.after = NumberParameter(request, "after", 0);
+        query.agent = Parameter(request, "agent");
+        query.limit = std::min(NumberParameter(request, "limit", maxApiRecords), maxApiRecords);
+        return {200, RecordsJson(RecordsAfter(store, query)), "application/json", {}};
+    } catch (const BadRequest& error) {
+        return TextAnswer(400, error.what());
+    }
+}
+
+}  // namespace kv::lab

@@ -1,0 +1,186 @@
+// What the lab server knows, in one SQLite file that the server and the commands use at the same time:
+//
+//   agent     one row an agent, by its key
+//   delivery  one row an accepted zip; the same zip with other content is another delivery
+//   record    one row a record file of a delivery, in the order of the zip
+//   refused   one row for each different refusal of an upload, with the number of times it happened
+//   notice    actions that agents reported in a query, with the request that they belong to
+//   answer    documents that agents posted, with the request that they belong to
+//   fault     faults on order, the oldest that fits first
+//
+// Times are milliseconds since 1970, texts are UTF-8. All routines raise DatabaseError when the database fails. Each
+// thread opens its own Store.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "lab/database.h"
+
+namespace kv::lab {
+
+struct Store {
+    Connection connection;
+};
+
+/// Opens a lab's database, making it when it is missing; DatabaseError also when the file is something else.
+Store OpenStore(const std::string& path);
+
+/// Milliseconds since 1970.
+std::int64_t Now();
+
+// --- Agents
+
+/// What an agent tells about itself when it enrols.
+struct AgentDetails {
+    std::string key;
+    std::string id;
+    std::string dns;
+    std::string address;
+    std::string customer;
+    std::string office;
+    std::string osName;
+};
+
+struct Agent {
+    AgentDetails details;
+    std::int64_t firstContact = 0;
+    std::int64_t lastContact = 0;
+    std::string status;  // of the last status report since it enrolled; empty: none
+    std::int64_t statusTime = 0;
+};
+
+/// Stores an agent's details and gives its key. One that has none gets the key that its id and DNS name got before,
+/// else a new one: "LAB" and a number.
+std::string EnrolAgent(Store& store, const AgentDetails& details, bool hasKey);
+
+/// Notes that an agent was heard of; one that is not known yet gets a row with its key and address.
+void NoteContact(Store& store, std::string_view key, std::string_view address);
+
+void NoteStatus(Store& store, std::string_view key, std::string_view status);
+
+std::vector<Agent> Agents(Store& store);
+bool AgentExists(Store& store, std::string_view key);
+
+// --- Uploads
+
+/// One record file of a zip.
+struct RecordText {
+    std::string file;  // name in the zip
+    std::string text;
+    bool isJson = false;
+};
+
+struct Record {
+    std::int64_t number = 0;  // counts all records of the database from 1
+    std::string agent;
+    std::string zip;
+    std::int64_t time = 0;  // when it was accepted
+    RecordText content;
+    std::int64_t bytes = 0;  // of the whole text; content.text may be its start only
+};
+
+/// Receives the records of one zip.
+using RecordSink = std::function<void(const RecordText&)>;
+
+enum class Delivery { stored, repeated };
+
+/// Stores one zip's records, which readRecords hands over one by one, in one transaction: all or, when readRecords
+/// raises anything, none. repeated: the same records came before under the same agent and zip, and nothing is stored.
+Delivery StoreDelivery(Store& store, std::string_view agent, std::string_view zip,
+                       const std::function<void(const RecordSink&)>& readRecords);
+
+/// Records with a number above `after`, in order. An empty agent means all. The answer ends after `limit` records or
+/// after the one that brings it to maxBytes of text, so that large texts do not fill the memory.
+struct RecordQuery {
+    std::int64_t after = 0;
+    std::string agent;
+    std::int64_t limit = 1000;
+    std::int64_t maxBytes = std::int64_t{16} << 20;
+};
+std::vector<Record> RecordsAfter(Store& store, const RecordQuery& query);
+
+/// The latest records, newest first; of a text of more than maxBytes only the first previewCharacters are given.
+std::vector<Record> LatestRecords(Store& store, std::int64_t limit, std::int64_t maxBytes,
+                                  std::int64_t previewCharacters);
+
+struct Refusal {
+    std::string agent;
+    std::string zip;
+    std::string reason;
+    std::string address;    // of the last sender
+    std::int64_t time = 0;  // of the last one
+    std::int64_t times = 0;
+};
+void NoteRefusal(Store& store, const Refusal& refusal);
+std::vector<Refusal> LatestRefusals(Store& store, std::int64_t limit);
+
+// --- Requests' traces
+
+/// An action that an agent reported; text holds what it posted with it, if anything.
+struct Report {
+    std::string agent;
+    std::string action;
+    std::string requestId;
+    std::string text;
+    std::int64_t time = 0;
+};
+void NoteAction(Store& store, const Report& report);
+void StoreAnswer(Store& store, const Report& report);
+
+/// Newest first.
+std::vector<Report> LatestActions(Store& store, std::int64_t limit);
+std::vector<Report> LatestAnswers(Store& store, std::int64_t limit);
+
+// --- Faults
+
+/// The servlets that faults can be ordered for; "*" stands for all of them.
+inline constexpr std::array<std::string_view, 4> servletNames{"RegisterAgent", "FileCollector", "StatusUpdateServlet",
+                                                              "DataAgentHandlerServlet"};
+
+enum class FaultKind {
+    status = 0,  // value: the HTTP status that is answered; nothing is stored
+    delay = 1,   // value: milliseconds before the work
+    drop = 2,    // the connection is closed without an answer; nothing is stored
+    cut = 3      // the work is done, half of the answer's body is sent
+};
+
+struct Fault {
+    std::int64_t number = 0;
+    std::string servlet;
+    FaultKind kind = FaultKind::status;
+    std::int64_t value = 0;
+    std::int64_t remaining = 0;  // requests it still applies to; 0: until it is cleared
+};
+
+/// Orders a fault and gives its number.
+std::int64_t AddFault(Store& store, const Fault& fault);
+
+/// Removes the fault of that number; number 0 stands for all, an empty servlet for any. Gives how many went.
+std::int64_t ClearFaults(Store& store, std::int64_t number, std::string_view servlet);
+
+/// Oldest first.
+std::vector<Fault> Faults(Store& store);
+
+/// The fault that applies to a request to this servlet, counted down.
+std::optional<Fault> TakeFault(Store& store, std::string_view servlet);
+
+/// "status 503", "delay 200 ms", "drop" or "cut".
+std::string FaultText(const Fault& fault);
+
+// --- Counts
+
+struct Totals {
+    std::int64_t agents = 0;
+    std::int64_t zips = 0;
+    std::int64_t records = 0;
+    std::int64_t refused = 0;
+};
+Totals CountAll(Store& store);
+
+}  // namespace kv::lab
