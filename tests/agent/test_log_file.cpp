@@ -22,10 +22,11 @@ namespace fs = std::filesystem;
 
 class LogFile : public test::TestAgent {
   protected:
-    LogFile() : logs(folder / "monitoring" / "logs") { StopLogging(); }
+    LogFile() : logs(folder / "monitoring" / "logs") {}
 
     /// Opens the log as at a start, over files of the contents given.
     void Start(const std::map<std::string, std::string>& files) {
+        StopLogging();
         for (const auto& entry : fs::directory_iterator(logs)) fs::remove(entry);
         for (const auto& [name, content] : files) Write(logs / name, content);
         RotateLogger(std::nullopt);
@@ -52,13 +53,14 @@ class LogFile : public test::TestAgent {
 
 using FileMap = std::map<std::string, std::string>;
 
-TEST_F(LogFile, RotatesAtStartOnlyAboveTheDefaultSize) {
-    Start({{"agent.log", std::string(1000000, 'x')}});
-    EXPECT_EQ(Files(), (FileMap{{"agent.log", "x"}}));
-    Start({{"agent.log", std::string(1000001, 'x')}});
-    EXPECT_EQ(Files(), (FileMap{{"agent.log", "\n"}, {"agent1.log", "x"}}));
-    EXPECT_TRUE(Logged("STARTING MONITORING AGENT"));
-    EXPECT_EQ(fs::file_size(logs / "agent1.log"), 1000001U);
+TEST_F(LogFile, RotatesBeforeTheFirstLineOnlyAboveTheDefaultSize) {
+    for (const auto& [size, before] : {std::pair{1000000U, false}, {1000001U, true}}) {
+        SCOPED_TRACE(size);
+        Start({{"agent.log", std::string(size, 'x')}});
+        EXPECT_EQ(Files(), (FileMap{{"agent.log", "\n"}, {"agent1.log", "x"}}));
+        EXPECT_EQ(fs::file_size(logs / "agent1.log") == size, before);
+        EXPECT_TRUE(Logged("STARTING MONITORING AGENT"));
+    }
 }
 
 TEST_F(LogFile, ConfiguredLimitsHoldFromTheFirstLineOn) {
@@ -101,32 +103,24 @@ TEST_F(LogFile, ShiftsNumberedFiles) {
         EXPECT_EQ(logState.gv_logBytes, 0U);
         Log1("first line of the new file\n");
         EXPECT_EQ(Files(), row.after);
-        StopLogging();
     }
     EXPECT_EQ(LogFileNameAt(u"c:\\logs\\agent.log", 123), u"c:\\logs\\agent123.log");
 }
 
-TEST_F(LogFile, CountsFormatsNotWhatTheyPrint) {
-    test::VirtualClock clock;
-    Start({});
-    const std::uint32_t before = logState.gv_logBytes;
-    const auto sizeBefore = fs::file_size(logs / "agent.log");
-    Log1("%s %d", std::u16string(10000, u'x'), 12345);
-    EXPECT_EQ(logState.gv_logBytes - before, std::string("\n2026/03/05  09:05:07:000 %s %d").size());
-    EXPECT_EQ(fs::file_size(logs / "agent.log") - sizeBefore,
-              std::string("\n2026/03/05  09:05:07:000  12345").size() + 10000);
-}
-
-TEST_F(LogFile, PrintsEveryKindOfArgument) {
+TEST_F(LogFile, PrintsArgumentsAndCountsFormats) {
     test::VirtualClock clock;
     Start({});
     const std::optional<std::u16string> none;
     const char16_t* null = nullptr;
-    Log1("%s|%s|%s|%04d|%ld|%u\n", u"w\u00e4\U0001F600", none, null, -7, std::int64_t{1} << 40, 4000000000U);
+    const std::uint32_t before = logState.gv_logBytes;
+    Log1("%s|%s|%s|%04d|%ld|%s\n", u"w\u00e4\U0001F600", none, null, -7, std::int64_t{1} << 40,
+         std::u16string(10000, u'x'));
+    const std::string prefix = "\n2026/03/05  09:05:07:000 ";
+    EXPECT_EQ(logState.gv_logBytes - before, (prefix + "%s|%s|%s|%04d|%ld|%s\n").size());
+    EXPECT_TRUE(Logged(prefix + "w\xC3\xA4\xF0\x9F\x98\x80|(null)|(null)|-007|1099511627776|" +
+                       std::string(10000, 'x') + "\n"));
     Log1("%d is no number, and the format stays\n", u"text");
     Log1("%q %s too few arguments\n");
-    EXPECT_TRUE(
-        Logged("\n2026/03/05  09:05:07:000 w\xC3\xA4\xF0\x9F\x98\x80|(null)|(null)|-007|1099511627776|4000000000\n"));
     EXPECT_TRUE(Logged(" %d is no number, and the format stays\n"));
     EXPECT_TRUE(Logged(" %q %s too few arguments\n"));
 }
@@ -144,7 +138,6 @@ TEST_F(LogFile, LevelsAreThresholdsButTraceIsExact) {
         std::string seen;
         for (const std::string digit : {"1", "2", "3", "4"}) seen += Logged("line-" + digit) ? digit : "";
         EXPECT_EQ(seen, lines);
-        StopLogging();
     }
 }
 

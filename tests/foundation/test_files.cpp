@@ -51,25 +51,15 @@ TEST_F(FileHelpers, TellsFilesFromDirectoriesAndCountsZips) {
 }
 
 TEST_F(FileHelpers, AFileInUseCostsAQuarterSecond) {
-    const struct {
-        const char* title;
-        platform::Error state;
-        FileUse use;
-        std::int64_t pause;
-    } rows[] = {
-        {"free", platform::error::success, FileUse::free, 0},
-        {"in use", platform::error::sharingViolation, FileUse::inUse, 250},
-        {"denied", platform::error::accessDenied, FileUse::unknown, 0},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.title);
-        test::VirtualClock clock;
-        platform::FileOperations files = platform::Files();
-        files.GetFileUseState = [&row](std::u16string_view) { return row.state; };
-        const platform::ScopedOperations scoped(files);
-        EXPECT_EQ(IsFileisOpen(u"a.txt"), row.use);
-        EXPECT_EQ(clock.nowMilliseconds() - test::VirtualClock::startMilliseconds, row.pause);
-    }
+    test::VirtualClock clock;
+    platform::FileOperations files = platform::Files();
+    platform::Error state = platform::error::sharingViolation;
+    files.GetFileUseState = [&state](std::u16string_view) { return state; };
+    const platform::ScopedOperations scoped(files);
+    EXPECT_EQ(IsFileisOpen(u"a.txt"), FileUse::inUse);
+    state = platform::error::accessDenied;
+    EXPECT_EQ(IsFileisOpen(u"a.txt"), FileUse::unknown);
+    EXPECT_EQ(clock.nowMilliseconds() - test::VirtualClock::startMilliseconds, 250);
     EXPECT_TRUE(Logged(" IsFileisOpen :: Error Occured [5]\n"));
 }
 
