@@ -11,9 +11,9 @@
 #include <memory>
 #include <mutex>
 #include <poll.h>
-#include <sys/pidfd.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
@@ -97,7 +97,7 @@ bool ConnectStreamsToNothing() {
     }
     const int code = errno;
     // Nobody is left to tell when this fails too; the exit code is what a shell gives for a program it cannot run.
-    [[maybe_unused]] const ssize_t written = write(launch.report, &code, sizeof code);
+    [[maybe_unused]] const ssize_t written = write(reportDescriptor, &code, sizeof code);
     _exit(127);
 }
 
@@ -173,7 +173,7 @@ Error CreateProcessW(std::u16string_view commandLine, std::u16string_view workin
     auto child = std::make_unique<Child>();
     const Launch launch{.directory = directory.empty() ? nullptr : directory.c_str(), .line = line.c_str()};
     if (const Error failure = StartShell(launch, child->id); failure != 0) return failure;
-    child->descriptor = pidfd_open(child->id, 0);
+    child->descriptor = static_cast<int>(syscall(SYS_pidfd_open, child->id, 0));
     process = reinterpret_cast<ProcessHandle>(child.release());
     return error::success;
 }

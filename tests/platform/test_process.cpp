@@ -1,0 +1,201 @@
+#include <csignal>
+#include <cstdlib>
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+#include "platform/clock.h"
+#include "platform/process.h"
+#include "platform/utf.h"
+#include "tests/platform/backend_fixture.h"
+
+namespace platform::test {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+class ProcessTest : public BackendTest {
+  protected:
+    ~ProcessTest() override { EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a child was not reaped"; }
+
+    void Script(const std::string& name, std::string_view text, bool executable = true) {
+        fs::create_directories("conf dir/it's");
+        const fs::path path = folder / "conf dir/it's" / name;
+        Put(path, text);
+        if (executable) fs::permissions(path, fs::perms::owner_all);
+    }
+
+    static ScriptCommand Command(std::u16string_view name, std::u16string_view arguments) {
+        return {u"", u"conf dir\\it's\\" + std::u16string(name), std::u16string(arguments), u"out $dir\\o'ut"};
+    }
+
+    /// Runs a line to its end; its exit code, or -1 when it did not start or end.
+    static int Run(std::u16string_view line) {
+        ProcessHandle process = 0;
+        if (Processes().CreateProcessW(line, u"", process) != 0) return -1;
+        std::uint32_t code = 0;
+        const bool ended =
+            Processes().WaitForSingleObject(process, 20'000) == 0 && Processes().GetExitCodeProcess(process, code) == 0;
+        Processes().CloseProcess(process);
+        return ended ? static_cast<int>(code) : -1;
+    }
+
+    /// The number in a file that a child writes, once it is there.
+    static pid_t AwaitNumber(const fs::path& path) {
+        for (int look = 0; look < 1000; ++look, Clock().Sleep(10)) {
+            const std::string text = Get(path);
+            if (text.ends_with('\n')) return std::stoi(text);
+        }
+        ADD_FAILURE() << path << " was not written";
+        return 0;
+    }
+
+    /// A zombie that nobody has collected yet is gone as well.
+    static bool Runs(pid_t id) {
+        const std::string status = Get("/proc/" + std::to_string(id) + "/status");
+        return !status.empty() && status.find("State:\tZ") == std::string::npos;
+    }
+
+    static bool EndsSoon(pid_t id) {
+        for (int look = 0; look < 100 && Runs(id); ++look) Clock().Sleep(10);
+        return !Runs(id);
+    }
+};
+
+TEST_F(ProcessTest, ArgumentsReachTheScriptAsTheyAre) {
+    Script("show.sh", "#!/bin/sh\nfor argument; do printf '[%s]\\n' \"$argument\"; done\n");
+    fs::create_directory("out $dir");
+    const struct {
+        const char* title;
+        std::u16string_view arguments;
+        std::string expected;
+    } rows[] = {
+        {"blanks and tabs separate", u"  a  b\tc ", "[a]\n[b]\n[c]\n"},
+        {"double quotes keep together", u"\"a b\" c\"d e\"f", "[a b]\n[cd ef]\n"},
+        {"empty arguments", u"a \"\" b", "[a]\n[]\n[b]\n"},
+        {"an open quote runs to the end", u"a \"b c", "[a]\n[b c]\n"},
+        {"an escaped quote", u"say \\\"hi\\\"", "[say]\n[\"hi\"]\n"},
+        {"other backslashes stand", u"c:\\x\\\\y \\", "[c:\\x\\\\y]\n[\\]\n"},
+        {"nothing is for the shell", u"$(touch bad) `x` ;rm * >y | z & $HOME",
+         "[$(touch]\n[bad)]\n[`x`]\n[;rm]\n[*]\n[>y]\n[|]\n[z]\n[&]\n[$HOME]\n"},
+        {"single quotes and line ends", u"it's 'a\nb'", "[it's]\n['a\nb']\n"},
+        {"a number before the redirection", u"2", "[2]\n"},
+        {"no arguments", u"", ""},
+        {"beyond ASCII, and a zero", std::u16string_view(u"\u00E4\U0001F600 x\0y", 7),
+         "[\xC3\xA4\xF0\x9F\x98\x80]\n[x\xEF\xBF\xBDy]\n"},
+    };
+    for (const auto& row : rows) {
+        fs::remove("out $dir/o'ut");
+        EXPECT_EQ(Run(Processes().ComposeScriptLine(Command(u"show.sh", row.arguments))), 0) << row.title;
+        EXPECT_EQ(Get("out $dir/o'ut"), row.expected) << row.title;
+    }
+    EXPECT_FALSE(fs::exists("bad"));
+    Run(Processes().ComposeScriptLine(Command(u"show.sh", u"more")));
+    EXPECT_TRUE(Get("out $dir/o'ut").ends_with("[more]\n")) << "output is appended";
+}
+
+TEST_F(ProcessTest, ExitCodes) {
+    Script("three.sh", "#!/bin/sh\nexit 3\n");
+    Script("bare", "exit 4\n");
+    Script("plain.sh", "exit 5\n", false);
+    Script("killed.sh", "#!/bin/sh\nkill -9 $$\n");
+    const struct {
+        const char* title;
+        ScriptCommand command;
+        int expected;
+    } rows[] = {
+        {"a script's own", Command(u"three.sh", u""), 3},
+        {"no interpreter named", Command(u"bare", u""), 4},
+        {"not executable", Command(u"plain.sh", u""), 5},
+        {"killed by a signal", Command(u"killed.sh", u""), 137},
+        {"no such script", Command(u"none.sh", u""), 127},
+        {"a host that is not there", {u"cscript.exe //T:120 //U //Nologo", u"x.vbs", u"a", {}}, 127},
+    };
+    fs::create_directory("out $dir");
+    for (auto row : rows) {
+        EXPECT_EQ(Run(Processes().ComposeScriptLine(row.command)), row.expected) << row.title;
+        row.command.outputPath.reset();
+        EXPECT_EQ(Run(Processes().ComposeScriptLine(row.command)), row.expected) << row.title << ", output dropped";
+    }
+    EXPECT_EQ(Processes().GetScriptOutputEncoding(u""), ScriptOutputEncoding::utf8);
+}
+
+TEST_F(ProcessTest, AChildInheritsNothing) {
+    const int open = ::open("/dev/null", O_RDONLY);  // on purpose not closed at exec
+    std::signal(SIGPIPE, SIG_IGN);
+    EXPECT_EQ(Run(u"exec >state; ls /proc/self/fd; grep -E 'Sig(Blk|Ign)' /proc/self/status; cat; pwd; ls -l nofile"),
+              2);
+    close(open);
+    EXPECT_EQ(Get("state"),
+              "0\n1\n2\n3\nSigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n" + folder.string() + "\n");
+
+    fs::create_directory("elsewhere");
+    ProcessHandle process = 0;
+    ASSERT_EQ(Processes().CreateProcessW(u"pwd >here", u"elsewhere", process), error::success);
+    Processes().WaitForSingleObject(process, 20'000);
+    Processes().CloseProcess(process);
+    EXPECT_EQ(Get("elsewhere/here"), (folder / "elsewhere").string() + "\n");
+    EXPECT_EQ(Processes().CreateProcessW(u"true", u"none", process), error::directoryName);
+    EXPECT_EQ(Processes().CreateProcessW(std::u16string(200'000, u'x'), u"", process), error::fileNameTooLong);
+    EXPECT_EQ(process, 0U);
+}
+
+TEST_F(ProcessTest, TerminationEndsTheWholeTree) {
+    const struct {
+        const char* title;
+        std::u16string line;  // writes the id of a process that must not survive to "id"
+    } rows[] = {
+        {"ignores the polite signals", u"trap '' TERM HUP INT; echo $$ >id; while :; do sleep 1; done"},
+        {"a child in the group", u"sleep 100 & echo $! >id; wait"},
+        {"a session of its own", u"setsid sh -c 'echo $$ >id; sleep 100' & sleep 100"},
+        {"an orphan in a session of its own without environment",
+         u"(env -i setsid sh -c 'trap \"\" TERM; echo $$ >id; sleep 100' &) ; sleep 100"},
+        {"an orphan's orphan", u"(setsid sh -c '(setsid sh -c \"echo \\$\\$ >id; sleep 100\" &)' &) ; sleep 100"},
+        {"one that stopped itself", u"sh -c 'echo $$ >id; kill -STOP $$' & sleep 100"},
+        {"one that never stops forking",
+         u"setsid sh -c 'echo $$ >id; while :; do (setsid sleep 100 &); done' & sleep 100"},
+    };
+    for (const auto& row : rows) {
+        ProcessHandle process = 0;
+        ASSERT_EQ(Processes().CreateProcessW(row.line, u"", process), error::success) << row.title;
+        const pid_t survivor = AwaitNumber("id");
+        std::uint32_t code = 0;
+        EXPECT_EQ(Processes().WaitForSingleObject(process, 20), error::waitTimeout) << row.title;
+        EXPECT_EQ(Processes().GetExitCodeProcess(process, code), error::busy) << row.title;
+        EXPECT_EQ(Processes().TerminateProcess(process), error::success) << row.title;
+        EXPECT_TRUE(EndsSoon(survivor)) << row.title;
+        EXPECT_EQ(Processes().GetExitCodeProcess(process, code), error::success) << row.title;
+        EXPECT_EQ(code, 137U) << row.title;
+        Processes().CloseProcess(process);
+        fs::remove("id");
+    }
+    EXPECT_EQ(Run(u"for at in /proc/[0-9]*; do case ${at#/proc/} in $$|$PPID) continue; esac; "
+                  u"[ \"$(readlink $at/cwd)\" = \"$PWD\" ] && exit 1; done; exit 0"),
+              0)
+        << "someone is left in the test's folder";
+}
+
+TEST_F(ProcessTest, AScriptThatLeavesAChildBehindHasEnded) {
+    ProcessHandle process = 0;
+    ASSERT_EQ(Processes().CreateProcessW(u"sleep 100 & echo $! >id", u"", process), error::success);
+    EXPECT_EQ(Processes().WaitForSingleObject(process, 20'000), error::success);
+    Processes().CloseProcess(process);
+    const pid_t child = AwaitNumber("id");
+    EXPECT_TRUE(Runs(child));
+    kill(child, SIGKILL);
+    EXPECT_TRUE(EndsSoon(child));
+}
+
+TEST_F(ProcessTest, AChildNobodyWaitedForIsReapedLater) {
+    ProcessHandle process = 0;
+    ASSERT_EQ(Processes().CreateProcessW(u"echo $$ >id", u"", process), error::success);
+    Processes().CloseProcess(process);
+    EXPECT_TRUE(EndsSoon(AwaitNumber("id")));
+    EXPECT_EQ(Run(u"true"), 0);
+}
+
+}  // namespace
+
+}  // namespace platform::test

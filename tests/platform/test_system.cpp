@@ -1,0 +1,229 @@
+// The smaller lists of operations, and the text conversions beside them.
+#include <atomic>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <link.h>
+#include <pthread.h>
+#include <sys/time.h>
+#include <thread>
+#include <unistd.h>
+
+#include "platform/clock.h"
+#include "platform/messages.h"
+#include "platform/posix/posix.h"
+#include "platform/service_host.h"
+#include "platform/sockets.h"
+#include "platform/system_facts.h"
+#include "platform/threads.h"
+#include "platform/utf.h"
+#include "tests/platform/backend_fixture.h"
+
+namespace platform::test {
+
+namespace {
+
+class SystemTest : public BackendTest {};
+
+TEST(Utf, BothDirectionsTakeAnything) {
+    using namespace std::string_literals;
+    const struct {
+        const char* title;
+        std::string utf8;
+        std::u16string wide;
+        bool valid = true;
+    } toWide[] = {
+        {"one to four bytes", "a\u00E4\u20AC\U0001F600", u"a\u00E4\u20AC\U0001F600"},
+        {"a zero stays", "a\0b"s, u"a\0b"s},
+        {"a stray trail byte", "a\x80z", u"a\uFFFDz", false},
+        {"a lead byte and nothing", "a\xE2", u"a\uFFFD", false},
+        {"cut inside a character", "a\xF0\x9F\x98", u"a\uFFFD", false},
+        {"cut by a letter", "\xE2\x82z", u"\uFFFDz", false},
+        {"an overlong form", "a\xC0\xAFz", u"a\uFFFDz", false},
+        {"bytes of no sequence", "\xFF\xFEz", u"\uFFFD\uFFFDz", false},
+    };
+    for (const auto& row : toWide) {
+        EXPECT_EQ(WideFromUtf8(row.utf8), row.wide) << row.title;
+        EXPECT_EQ(IsValidUtf8(row.utf8), row.valid) << row.title;
+        EXPECT_EQ(Utf8FromWide(row.wide) == row.utf8, row.valid) << row.title;
+    }
+    const char16_t lead = 0xD83D;
+    const char16_t trail = 0xDE00;
+    const struct {
+        const char* title;
+        std::u16string wide;
+        std::string utf8;
+    } fromWide[] = {
+        {"a lead at the end", {u'a', lead}, "a\uFFFD"},
+        {"a lead before a letter", {lead, u'a'}, "\uFFFDa"},
+        {"a trail alone", {trail, u'a'}, "\uFFFDa"},
+        {"the wrong way round", {trail, lead}, "\uFFFD\uFFFD"},
+        {"two leads and a trail", {lead, lead, trail}, "\uFFFD\U0001F600"},
+    };
+    for (const auto& row : fromWide) EXPECT_EQ(Utf8FromWide(row.wide), row.utf8) << row.title;
+}
+
+TEST_F(SystemTest, LocalTimeFollowsTheZone) {
+    setenv("TZ", "XYZ-5:30", 1);
+    tzset();
+    const LocalTime time = Clock().ToLocalTime(1772701507042);
+    EXPECT_EQ(time.day * 1000000 + time.hour * 10000 + time.minute * 100 + time.second, 5143507);
+    EXPECT_EQ(time.millisecond, 42);
+    const LocalTime before1970 = Clock().ToLocalTime(-1);
+    EXPECT_EQ(before1970.second * 1000 + before1970.millisecond, 59999);
+    unsetenv("TZ");
+    tzset();
+}
+
+TEST_F(SystemTest, SleepGoesOnAfterASignal) {
+    std::signal(SIGALRM, [](int) {});
+    const itimerval often{{0, 5000}, {0, 5000}};
+    const itimerval never{};
+    setitimer(ITIMER_REAL, &often, nullptr);
+    const std::uint64_t start = Clock().GetTickCount64();
+    Clock().Sleep(60);
+    const std::uint64_t passed = Clock().GetTickCount64() - start;
+    setitimer(ITIMER_REAL, &never, nullptr);
+    std::signal(SIGALRM, SIG_DFL);
+    EXPECT_GE(passed, 59U);
+}
+
+std::atomic<ThreadHandle> parked{0};
+std::atomic<int> timesWoken{0};
+
+TEST_F(SystemTest, AResumeIsNeverLost) {
+    const ThreadHandle thread = Threads().CreateThread(
+        [](void*) -> std::uint32_t {
+            parked.wait(0);
+            for (int round = 0; round < 3; ++round) {
+                Threads().SuspendThread(parked);
+                ++timesWoken;
+                timesWoken.notify_all();
+            }
+            return 0;
+        },
+        nullptr);
+    ASSERT_NE(thread, 0U);
+    Threads().ResumeThread(thread);  // before the thread parks itself
+    parked = thread;
+    parked.notify_all();
+    for (int woken = 0; woken < 3; ++woken) {
+        timesWoken.wait(woken);
+        EXPECT_EQ(timesWoken, woken + 1);
+        Threads().ResumeThread(thread);
+    }
+}
+
+TEST_F(SystemTest, AThreadThatCannotBeStartedIsNone) {
+    pthread_attr_t former;
+    pthread_attr_t huge;
+    pthread_getattr_default_np(&former);
+    pthread_attr_init(&huge);
+    pthread_attr_setstacksize(&huge, std::size_t{1} << 50);
+    ASSERT_EQ(pthread_setattr_default_np(&huge), 0);
+    EXPECT_EQ(Threads().CreateThread([](void*) -> std::uint32_t { return 0; }, nullptr), 0U);
+    pthread_setattr_default_np(&former);
+}
+
+TEST_F(SystemTest, AMutexCountsItsOwnersEntries) {
+    const MutexHandle mutex = Threads().CreateMutexW();
+    Threads().WaitForMutex(mutex);
+    Threads().WaitForMutex(mutex);
+    std::atomic<bool> entered{false};
+    std::thread other([&] {
+        Threads().WaitForMutex(mutex);
+        entered = true;
+        Threads().ReleaseMutex(mutex);
+    });
+    Threads().ReleaseMutex(mutex);
+    Clock().Sleep(20);
+    EXPECT_FALSE(entered);
+    Threads().ReleaseMutex(mutex);
+    other.join();
+    EXPECT_TRUE(entered);
+    Threads().CloseMutex(mutex);
+}
+
+TEST_F(SystemTest, HostsAreLookedUpBothWays) {
+    HostEntry host;
+    EXPECT_EQ(Sockets().gethostbyname("localhost", host), error::success);
+    EXPECT_EQ(host.address, "127.0.0.1");
+    EXPECT_EQ(Sockets().gethostbyname("127.0.0.1", host), error::success);
+    EXPECT_EQ(host.address, "127.0.0.1");
+    EXPECT_EQ(Sockets().gethostbyname("not..a..name", host), error::hostNotFound);
+    host = {};
+    EXPECT_EQ(Sockets().gethostbyaddr("127.0.0.1", host), error::success);
+    EXPECT_EQ(host.name.substr(0, 9), "localhost");
+    EXPECT_EQ(host.address, "127.0.0.1");
+    for (const char* none : {"", "localhost", "1.2.3", "300.1.1.1", "1.2.3.4.5"}) {
+        EXPECT_EQ(Sockets().gethostbyaddr(none, host), error::invalidParameter) << none;
+    }
+}
+
+/// First line that a shell command prints.
+std::string Printed(const char* command) {
+    FILE* pipe = popen(command, "r");
+    char line[256] = "";
+    if (fgets(line, sizeof line, pipe) == nullptr) line[0] = '\0';
+    pclose(pipe);
+    return std::string(line, strcspn(line, "\n"));
+}
+
+TEST_F(SystemTest, FactsAreTheSystemsOwn) {
+    SystemVersion version;
+    ASSERT_EQ(SystemFacts().GetVersionExW(version), error::success);
+    EXPECT_EQ(Utf8FromWide(version.plainName), Printed(". /etc/os-release; echo \"$PRETTY_NAME\""));
+    EXPECT_EQ(std::to_string(version.major) + "." + std::to_string(version.minor), Printed("uname -r | cut -d. -f1,2"));
+    EXPECT_EQ(version.isAmd64, Printed("uname -m") == "x86_64");
+    std::u16string fullName;
+    std::string hostName;
+    ASSERT_EQ(SystemFacts().GetComputerNameExW(fullName), error::success);
+    ASSERT_EQ(Sockets().gethostname(hostName), error::success);
+    EXPECT_EQ(hostName, Printed("uname -n"));
+    EXPECT_FALSE(fullName.empty());
+}
+
+TEST_F(SystemTest, MessagesAndServiceStart) {
+    EXPECT_EQ(Messages().FormatMessageW(2), u"The system cannot find the file specified.");
+    EXPECT_EQ(Messages().FormatMessageW(11001), u"No such host is known.");
+    EXPECT_EQ(Messages().FormatMessageW(17029), std::nullopt);
+    EXPECT_EQ(ServiceHost().StartServiceCtrlDispatcherW(u"x", [] {}), error::serviceControllerConnect);
+}
+
+/// Adds up one byte of each page of every loaded object's constants and code.
+int SumUpLibraries(dl_phdr_info* object, std::size_t, void* sum) {
+    for (int at = 0; at < object->dlpi_phnum; ++at) {
+        const ElfW(Phdr)& segment = object->dlpi_phdr[at];
+        if (segment.p_type != PT_LOAD || (segment.p_flags & (PF_R | PF_W)) != PF_R) continue;
+        const auto* bytes = reinterpret_cast<const volatile char*>(object->dlpi_addr + segment.p_vaddr);
+        for (std::size_t page = 0; page < segment.p_filesz; page += 4096) *static_cast<long*>(sum) += bytes[page];
+    }
+    return 0;
+}
+
+long ResidentFileKilobytes() {
+    return std::stol(Printed(("awk '/RssFile/ {print $2}' /proc/" + std::to_string(getpid()) + "/status").c_str()));
+}
+
+TEST_F(SystemTest, LibraryPagesAreGivenBackUnderRunningThreads) {
+    std::atomic<bool> done{false};
+    std::thread busy([&] {
+        for (int number = 0; !done; ++number) EXPECT_EQ(std::stoi(std::to_string(number)), number);
+    });
+    long sum = 0;
+    dl_iterate_phdr(SumUpLibraries, &sum);
+    const long before = ResidentFileKilobytes();
+    for (int round = 0; round < 50; ++round) TrimResidentLibraryPages();
+    const long after = ResidentFileKilobytes();
+    done = true;
+    busy.join();
+    EXPECT_LT(after, before / 2);
+    long sumAfterwards = 0;
+    dl_iterate_phdr(SumUpLibraries, &sumAfterwards);
+    EXPECT_EQ(sumAfterwards, sum);
+}
+
+}  // namespace
+
+}  // namespace platform::test
