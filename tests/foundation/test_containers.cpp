@@ -139,17 +139,6 @@ TEST_F(Containers, TableKeepsTheOrderOfFirstInsertion) {
     }
 }
 
-TEST_F(Containers, TableOfManyBucketsFindsEveryKey) {
-    auto* table = new HashTable{};
-    ASSERT_EQ(InitHashTable(table, 7), 1);
-    for (Word i = 1; i <= 100; ++i)
-        PutHashValue(table, DecimalText(static_cast<std::int64_t>(i)), i, ValueType::integer);
-    for (Word i = 1; i <= 100; ++i) EXPECT_EQ(GetHashValue(table, DecimalText(static_cast<std::int64_t>(i))), i);
-    EXPECT_EQ(CountHashKeys(table), 100);
-    EXPECT_EQ(HashOfKey(table, u"ab"), (u'a' * 26 + u'b') % 7);
-    FreeHashTable(table);
-}
-
 TEST_F(Containers, MergeKeepsWhatDestHasAndReplacesZero) {
     const HashTablePtr source = MakeHashTable();
     const HashTablePtr dest = MakeHashTable();

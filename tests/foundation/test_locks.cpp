@@ -7,9 +7,7 @@
 #include "foundation/published_text.h"
 #include "foundation/resource_lock.h"
 #include "foundation/thread_pool.h"
-#include "foundation/time_utils.h"
 #include "tests/support/test_agent.h"
-#include "tests/support/virtual_clock.h"
 
 namespace kv {
 namespace {
@@ -53,55 +51,16 @@ TEST_F(Locks, ALockKeepsThreadsApart) {
 }
 
 TEST_F(Locks, PoolReusesStartsOrIsFull) {
-    const struct {
-        const char* title;
-        std::vector<PooledThreadState> states;
-        int limit, result, index;
-    } rows[] = {
-        {"empty", {}, 2, poolStart, -1},
-        {"all busy, room left", {PooledThreadState::busy}, 2, poolStart, -1},
-        {"all busy, full", {PooledThreadState::busy, PooledThreadState::busy}, 2, poolFull, -1},
-        {"first idle one",
-         {PooledThreadState::unused, PooledThreadState::idle, PooledThreadState::idle},
-         3,
-         poolReuse,
-         1},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.title);
-        std::vector<ThreadInfo> pool(row.states.size());
-        for (std::size_t i = 0; i < pool.size(); ++i) pool[i].state = row.states[i];
-        int index = -1;
-        EXPECT_EQ(CheckThreadPool_MSP(pool.data(), static_cast<int>(pool.size()), &index, row.limit), row.result);
-        EXPECT_EQ(index, row.index);
-    }
-}
-
-struct ParkedWorker {
-    ThreadInfo info;
-    std::atomic<bool> started{false};
-    std::atomic<int> turns{0};
-};
-
-TEST_F(Locks, PooledThreadParksUntilResumed) {
-    auto* worker = new ParkedWorker;  // the thread below outlives this test only if it fails
-    worker->info.handle = CreateNewThread_MSP(
-        [](void* argument) {
-            auto* self = static_cast<ParkedWorker*>(argument);
-            while (!self->started) std::this_thread::yield();
-            SuspendSelf_MSP(&self->info);
-            ++self->turns;
-            return 0U;
-        },
-        worker);
-    ASSERT_NE(worker->info.handle, 0U);
-    worker->started = true;
-    while (worker->info.state != PooledThreadState::idle) std::this_thread::yield();
-    EXPECT_EQ(worker->turns, 0);
-    ResumeThreadInfo_MSP(&worker->info);
-    while (worker->turns == 0) std::this_thread::yield();
-    EXPECT_EQ(worker->info.state, PooledThreadState::busy);
-    delete worker;
+    ThreadInfo pool[3];
+    for (ThreadInfo& info : pool) info.state = PooledThreadState::busy;
+    int index = -1;
+    EXPECT_EQ(CheckThreadPool_MSP(pool, 0, &index, 3), poolStart);
+    EXPECT_EQ(CheckThreadPool_MSP(pool, 2, &index, 3), poolStart);
+    EXPECT_EQ(CheckThreadPool_MSP(pool, 3, &index, 3), poolFull);
+    pool[1].state = PooledThreadState::idle;
+    pool[2].state = PooledThreadState::idle;
+    EXPECT_EQ(CheckThreadPool_MSP(pool, 3, &index, 3), poolReuse);
+    EXPECT_EQ(index, 1);
 }
 
 TEST(PublishedTexts, ReadersHoldWholeTexts) {
