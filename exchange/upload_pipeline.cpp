@@ -31,8 +31,8 @@ constexpr std::uint32_t waitMilliseconds = 5000;
 /// A search for files, ended with its scope.
 struct FileSearch {
     platform::FindData file;  // the present file, while error is 0
-    platform::Error error;
     platform::FindHandle handle = 0;
+    platform::Error error;
 
     explicit FileSearch(std::u16string_view pattern)
         : error(platform::Files().FindFirstFileW(pattern, file, handle)), found_(error == platform::error::success) {}
