@@ -26,6 +26,7 @@ h2 { font-size: 1.05rem; margin: 1.8rem 0 .5rem; }
 .soft { color: var(--soft); }
 .bad { color: var(--bad); font-weight: 600; }
 .good { color: var(--good); font-weight: 600; }
+.fields .bad { color: var(--bad); }
 .card { background: #fff; border: 1px solid var(--line); border-radius: 6px; margin: 0 0 .7rem; overflow-x: auto; }
 .record { padding: .55rem .8rem .7rem; }
 .head { display: flex; flex-wrap: wrap; gap: .1rem 1rem; align-items: baseline; }
@@ -38,7 +39,8 @@ th { text-align: left; font-weight: 600; color: var(--soft); white-space: nowrap
 th, td { padding: .28rem .8rem .28rem 0; border-bottom: 1px solid var(--line); vertical-align: top; }
 .card > table th:first-child, .card > table td:first-child { padding-left: .8rem; }
 tr:last-child > td { border-bottom: 0; }
-.record table { margin-top: .45rem; }
+.rows h3 { font-size: .95rem; margin: .5rem 0 0; }
+.record table { margin-top: .25rem; }
 td table { margin: 0; }
 pre { margin: .4rem 0 0; white-space: pre-wrap; overflow-wrap: anywhere; font: 13px/1.4 ui-monospace, monospace; }
 )";
@@ -266,8 +268,8 @@ void AddFaults(std::string& html, const std::vector<Fault>& faults) {
     std::vector<std::vector<std::string>> rows;
     for (const Fault& fault : faults)
         rows.push_back({std::to_string(fault.number), Escape(fault.servlet), FaultText(fault),
-                        fault.remaining == 0 ? "until cleared" : fmt::format("{} more requests", fault.remaining)});
-    AddTable(html, "Faults on order", {"Number", "Servlet", "Fault", "For"}, rows);
+                        fault.remaining == 0 ? "until cleared" : fmt::format("the next {}", fault.remaining)});
+    AddTable(html, "Faults on order", {"Number", "Servlet", "Fault", "Requests"}, rows);
 }
 
 void AddRefusals(std::string& html, const std::vector<Refusal>& refusals) {
@@ -335,16 +337,16 @@ std::string Escape(std::string_view text) {
 std::string Fragment(const Overview& overview) {
     const Totals& totals = overview.totals;
     std::string html;
-    Add(html, "<p>{} agents, {} records in {} zips, {} uploads refused</p>\n", totals.agents, totals.records,
+    Add(html, "<p>Agents: {}. Records: {}. Zips: {}. Refused uploads: {}.</p>\n", totals.agents, totals.records,
         totals.zips, totals.refused);
     AddAgents(html, overview.agents, overview.time);
     AddFaults(html, overview.faults);
     AddRefusals(html, overview.refusals);
-    AddReports(html, "Answers to requests", overview.answers);
-    AddReports(html, "Notices", overview.actions);
     html += "<h2>Latest records</h2>\n";
     if (overview.records.empty()) html += "<p class=soft>No record has arrived yet.</p>\n";
     for (const Record& record : overview.records) AddRecord(html, record);
+    AddReports(html, "Answers to requests", overview.answers);
+    AddReports(html, "Notices", overview.actions);
     return html;
 }
 

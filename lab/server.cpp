@@ -200,7 +200,8 @@ void LabServer::Running::MakeHttpServer() {
         Send(response, TextAnswer(500, text));
     });
     http->set_error_handler([](const httplib::Request&, httplib::Response& response) {
-        if (response.body.empty()) response.set_content("there is nothing here\n", "text/plain; charset=utf-8");
+        if (!response.has_header("Content-Type"))
+            response.set_content("there is nothing here\n", "text/plain; charset=utf-8");
     });
 }
 

@@ -1,0 +1,363 @@
+// The lab's server over real HTTP: what it accepts, refuses, keeps and shows.
+#include <chrono>
+#include <fstream>
+#include <future>
+#include <gmock/gmock.h>
+#include <iterator>
+#include <optional>
+#include <thread>
+
+#include "lab/page.h"
+#include "lab/record_text.h"
+#include "lab/server.h"
+#include "platform/backend.h"
+#include "platform/utf.h"
+#include "tests/lab/lab_helpers.h"
+#include "zip/zip_writer.h"
+
+namespace kv::lab::test {
+
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+
+constexpr const char* goodQuery = "AGENTKEY=LAB1&FILENAME=Agent_LAB1_1.zip";
+
+class Lab : public LabFolder {
+  protected:
+    Lab() { Start({}); }
+
+    void Start(ServerOptions options) {
+        options.database = database;
+        server.emplace(options);
+        client.emplace("127.0.0.1", server->port());
+    }
+
+    httplib::Result Get(const std::string& path) { return client->Get(path); }
+    std::string Page() { return Get("/")->body; }
+    std::string Enrol(const std::string& query) {
+        return Get("/servlets/RegisterAgent?" + query)->get_header_value("AgentKey");
+    }
+
+    std::optional<LabServer> server;
+    std::optional<httplib::Client> client;
+    Store store = OpenStore(database);
+    std::string goodZip = ZipOf({{"data/Agent_LAB1_2.txt", WideBytes(R"({ "a": "1" })")},
+                                 {"data/Agent_LAB1_3.txt", WideBytes(R"({ "b": [ { "c": "ü" } ] })")}});
+};
+
+TEST_F(Lab, EnrolmentGivesConfirmsAndRemembersKeys) {
+    struct Row {
+        const char* title;
+        const char* query;
+        const char* key;
+    };
+    const Row rows[] = {
+        {"first agent", "agentKey=HUBCENTER&agentID=one&agentDNS=one.example", "LAB1"},
+        {"another machine", "agentKey=NULL&agentID=two&agentDNS=two.example", "LAB2"},
+        {"the same name in another domain", "agentKey=hubcenter&agentID=one&agentDNS=one.elsewhere", "LAB3"},
+        {"the first again, its key lost", "agentKey=HUBCENTER&agentID=one&agentDNS=one.example", "LAB1"},
+        {"a key from elsewhere", "agentKey=K77&agentID=three&agentDNS=three.example", "K77"},
+        {"a key that is next in line", "agentKey=LAB5&agentID=four&agentDNS=four.example", "LAB5"},
+        {"a new one steps over it", "agentKey=HUBCENTER&agentID=five&agentDNS=five.example", "LAB6"},
+    };
+    for (const Row& row : rows) EXPECT_EQ(Enrol(row.query), row.key) << row.title;
+    EXPECT_EQ(Get("/servlets/RegisterAgent?agentID=one")->status, 400) << "no key";
+    EXPECT_EQ(Get("/servlets/RegisterAgent?agentKey=NULL")->status, 400) << "no name to give a key to";
+    EXPECT_EQ(Get("/servlets/RegisterAgent?agentKey=a%0D%0AEvil:%201")->status, 400) << "no key at all";
+    EXPECT_EQ(Agents(store).size(), 6U);
+}
+
+TEST_F(Lab, EnrolmentAnswersWithWhatTheServerWasToldAtItsStart) {
+    ServerOptions options;
+    options.timeDiff = -90;
+    options.refusedKeys = {"K9"};
+    Start(options);
+    const httplib::Result refused = Get("/servlets/RegisterAgent?agentKey=K9&agentID=nine&osName=Debian%2012");
+    EXPECT_EQ(refused->status, 200);
+    EXPECT_EQ(refused->get_header_value("timeDiff"), "-90");
+    EXPECT_EQ(refused->get_header_value("AgentRun"), "0");
+    EXPECT_EQ(refused->get_header_value("SNMPTimeout"), "5");
+    EXPECT_EQ(Get("/servlets/RegisterAgent?agentKey=K8&agentID=eight")->get_header_value("AgentRun"), "1");
+    EXPECT_EQ(Agents(store).front().details.osName, "Debian 12");
+}
+
+TEST_F(Lab, AnUploadIsKeptOnceHoweverOftenItComes) {
+    EXPECT_EQ(Upload(*client, goodQuery, goodZip)->status, 200);
+    EXPECT_EQ(Upload(*client, goodQuery, goodZip)->status, 200);
+    const auto kept =
+        ElementsAre(R"(data/Agent_LAB1_2.txt { "a": "1" })", R"(data/Agent_LAB1_3.txt { "b": [ { "c": "ü" } ] })");
+    EXPECT_THAT(StoredRecords(store), kept) << "the repeat is accepted and not stored";
+    const Entries longer{{"data/Agent_LAB1_2.txt", WideBytes(R"({ "a": "1" })")}, {"data/more.txt", WideBytes("2")}};
+    EXPECT_EQ(Upload(*client, goodQuery, ZipOf(longer))->status, 200);
+    EXPECT_EQ(Upload(*client, goodQuery, ZipOf({longer[0]}))->status, 200);
+    EXPECT_EQ(Upload(*client, "AGENTKEY=LAB2&FILENAME=Agent_LAB1_1.zip", ZipOf({longer[0]}))->status, 200);
+    EXPECT_EQ(StoredRecords(store).size(), 6U) << "other content or another agent is another delivery";
+    EXPECT_EQ(CountAll(store).zips, 4);
+    EXPECT_EQ(Agents(store).size(), 2U) << "agents that never enrolled are known by their uploads";
+}
+
+TEST_F(Lab, AZipOfTheAgentsOwnWriterIsAccepted) {
+    platform::InstallBackend();
+    const std::filesystem::path source = folder / "record.txt";
+    std::ofstream(source) << WideBytes(R"({ "own": "writer" })");
+    ZipHandle zip = CreateZip((folder / "own.zip").u16string(), nullptr);
+    ASSERT_NE(zip, nullptr);
+    EXPECT_EQ(AddFileToZip(zip, u"data\\Agent_LAB1_9.txt", source.u16string()), zip_result::ok);
+    EXPECT_EQ(CloseZip(zip), zip_result::ok);
+    std::ifstream file(folder / "own.zip");
+    const std::string bytes(std::istreambuf_iterator<char>(file), {});
+    EXPECT_EQ(Upload(*client, goodQuery, bytes)->status, 200);
+    EXPECT_THAT(StoredRecords(store), ElementsAre(R"(data/Agent_LAB1_9.txt { "own": "writer" })"));
+}
+
+TEST_F(Lab, TextsThatAreNoJsonAreKeptAndMarked) {
+    struct Row {
+        const char* title;
+        std::string bytes;
+        std::string text;
+        bool isJson;
+    };
+    const Row rows[] = {
+        {"object", WideBytes("{ \"a\": \"\\/\" }\n"), "{ \"a\": \"\\/\" }\n", true},
+        {"number", WideBytes("17"), "17", true},
+        {"null", WideBytes("null"), "null", true},
+        {"text of a script", WideBytes("out of paper"), "out of paper", false},
+        {"empty", "", "", false},
+        {"two documents", WideBytes("{ } { }"), "{ } { }", false},
+        {"cut short", WideBytes("{ \"a\": "), "{ \"a\": ", false},
+        {"half a character", WideBytes("{ }") + "x", "{ }\uFFFD", false},
+        {"half a pair", std::string("\x3D\xD8", 2), "\uFFFD", false},
+        {"a NUL behind the document", WideBytes("{ }") + std::string(2, '\0'), std::string("{ }\0", 4), false},
+        {"too deep", WideBytes(std::string(maxJsonDepth + 1, '[')), std::string(maxJsonDepth + 1, '['), false},
+    };
+    Entries entries;
+    for (const Row& row : rows) entries.emplace_back(row.title, row.bytes);
+    EXPECT_EQ(Upload(*client, goodQuery, ZipOf(entries))->status, 200);
+    const std::vector<Record> records = RecordsAfter(store, {});
+    ASSERT_EQ(records.size(), std::size(rows));
+    for (std::size_t i = 0; i < records.size(); ++i) {
+        EXPECT_EQ(records[i].content.file, rows[i].title);
+        EXPECT_EQ(records[i].content.text, rows[i].text) << rows[i].title;
+        EXPECT_EQ(records[i].content.isJson, rows[i].isJson) << rows[i].title;
+    }
+    const std::string answer = Get("/api/records?after=1&limit=3")->body;
+    EXPECT_TRUE(ParseJson(answer).valid);
+    EXPECT_THAT(answer, HasSubstr(R"("number":2,"agent":"LAB1","zip":"Agent_LAB1_1.zip","file":"number")"));
+    EXPECT_THAT(answer, HasSubstr(R"("json":true,"values":17})"));
+    EXPECT_THAT(answer, HasSubstr(R"("json":true,"values":null})"));
+    EXPECT_THAT(answer, HasSubstr(R"("json":false,"values":"out of paper"})"));
+    EXPECT_THAT(answer, Not(HasSubstr(R"("number":5)")));
+    EXPECT_EQ(Get("/api/records?after=x")->status, 400);
+}
+
+TEST_F(Lab, WhatIsMalformedIsRefusedAndShown) {
+    std::string badCrc = goodZip;
+    badCrc[badCrc.find("Agent_LAB1_2.txt") + 20] ^= 1;
+    std::string otherLocalName = goodZip;
+    otherLocalName[otherLocalName.find("Agent_LAB1_3.txt")] = 'X';
+    struct Row {
+        const char* title;
+        const char* query;
+        std::string body;
+        const char* reason;
+    };
+    const Row rows[] = {
+        {"no agent", "FILENAME=a.zip", goodZip, "the parameter AGENTKEY is missing\n"},
+        {"no name", "AGENTKEY=LAB1", goodZip, "the parameter FILENAME is missing\n"},
+        {"empty name", "AGENTKEY=LAB1&FILENAME=", goodZip, "the parameter FILENAME is missing\n"},
+        {"a key with a blank", "AGENTKEY=a%20b&FILENAME=a.zip", goodZip, "the parameter AGENTKEY is no agent key\n"},
+        {"no body", goodQuery, "", "the body is empty\n"},
+        {"no zip", goodQuery, "this is no zip at all, only some text", "the body is not a good zip: "},
+        {"first half", goodQuery, goodZip.substr(0, goodZip.size() / 2), "the body is not a good zip: "},
+        {"last byte missing", goodQuery, goodZip.substr(0, goodZip.size() - 1), "the body is not a good zip: "},
+        {"directory and entry differ", goodQuery, otherLocalName, "the body is not a good zip: "},
+        {"a bit flipped in the data", goodQuery, badCrc, "the entry data/Agent_LAB1_2.txt cannot be read: "},
+        {"a bomb", goodQuery, ZipOf({{"ok.txt", WideBytes("1")}, {"bomb.txt", std::string(65 << 20, 'x')}}),
+         "the entry bomb.txt unpacks to too much\n"},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.title);
+        const httplib::Result answer = Upload(*client, row.query, row.body);
+        ASSERT_TRUE(answer);
+        EXPECT_EQ(answer->status, 400);
+        EXPECT_THAT(answer->body, ::testing::StartsWith(row.reason));
+        EXPECT_EQ(std::count(answer->body.begin(), answer->body.end(), '\n'), 1);
+        EXPECT_THAT(Page(), HasSubstr(Escape(answer->body.substr(0, answer->body.size() - 1))));
+    }
+    EXPECT_THAT(StoredRecords(store), IsEmpty()) << "nothing of a refused zip is kept, good entries neither";
+    EXPECT_EQ(
+        client->Post("/servlets/FileCollector?" + std::string(goodQuery), httplib::MultipartFormDataItems{})->status,
+        400);
+    EXPECT_EQ(Upload(*client, "AGENTKEY=LAB1", goodZip)->status, 400);
+    EXPECT_EQ(LatestRefusals(store, 1)[0].times, 3) << "the same refusal counts up";
+}
+
+TEST_F(Lab, StatusNoticesAndAnswersAreKept) {
+    EXPECT_EQ(Enrol("agentKey=K1&agentID=one"), "K1");
+    EXPECT_EQ(
+        Get("/servlets/StatusUpdateServlet?agentKey=K1&agentStatus=AGENT_DOWN&serviceName=Corvinel%20Monitoring%20"
+            "Agent")
+            ->status,
+        200);
+    EXPECT_THAT(Page(), HasSubstr("AGENT_DOWN"));
+    EXPECT_EQ(Enrol("agentKey=K1&agentID=one"), "K1");
+    EXPECT_THAT(Page(), Not(HasSubstr("AGENT_DOWN"))) << "it runs again";
+    EXPECT_EQ(Get("/servlets/StatusUpdateServlet?agentKey=K1")->status, 400);
+
+    const std::string servlet = "/servlets/DataAgentHandlerServlet?agentKey=K1";
+    EXPECT_EQ(Get(servlet)->body, "") << "no request is waiting";
+    EXPECT_EQ(Get(servlet + "&action=DELETE_REQUEST&requestId=17")->status, 200);
+    EXPECT_EQ(client->Post(servlet + "&action=WMI&requestId=18", WideBytes("{ \"ä\": 1 }"), "")->status, 200);
+    EXPECT_EQ(client->Post(servlet + "&action=WMI&requestId=19", "", "")->status, 400);
+    EXPECT_EQ(Get("/servlets/DataAgentHandlerServlet")->status, 400);
+    ASSERT_EQ(LatestActions(store, 10).size(), 1U);
+    EXPECT_EQ(LatestActions(store, 10)[0].requestId, "17");
+    ASSERT_EQ(LatestAnswers(store, 10).size(), 1U);
+    EXPECT_EQ(LatestAnswers(store, 10)[0].text, "{ \"ä\": 1 }");
+
+    EXPECT_EQ(Get("/servlets/Nothing")->status, 404);
+    EXPECT_EQ(Get("/nothing")->status, 404);
+    EXPECT_EQ(Get("/servlets/FileCollector?AGENTKEY=a&FILENAME=b")->status, 405);
+}
+
+TEST_F(Lab, FaultsInTheirOrder) {
+    struct Row {
+        const char* title;
+        Fault fault;
+        int status;              // -1: no answer, or not the whole of it
+        std::size_t stored;      // records once it was served
+        std::int64_t remaining;  // after it; 0: used up
+    };
+    const Row rows[] = {
+        {"a status", {0, "FileCollector", FaultKind::status, 503, 2}, 503, 0, 1},
+        {"a proxy's status", {0, "*", FaultKind::status, 407, 1}, 407, 0, 0},
+        {"a dropped connection", {0, "FileCollector", FaultKind::drop, 0, 1}, -1, 0, 0},
+        {"another servlet's", {0, "RegisterAgent", FaultKind::drop, 0, 5}, 200, 1, 5},
+        {"a delay", {0, "FileCollector", FaultKind::delay, 60, 1}, 200, 1, 0},
+        {"a body cut short", {0, "FileCollector", FaultKind::cut, 0, 1}, -1, 1, 0},
+    };
+    int number = 0;
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.title);
+        const std::size_t before = StoredRecords(store).size();
+        AddFault(store, row.fault);
+        EXPECT_THAT(Page(), HasSubstr(FaultText(row.fault)));
+        const auto start = std::chrono::steady_clock::now();
+        const httplib::Result answer =
+            Upload(*client, "AGENTKEY=LAB1&FILENAME=" + std::to_string(++number), ZipOf({{"a", WideBytes("1")}}));
+        const auto took = std::chrono::steady_clock::now() - start;
+        EXPECT_EQ(answer ? answer->status : -1, row.status);
+        EXPECT_EQ(StoredRecords(store).size() - before, row.stored);
+        if (row.fault.kind == FaultKind::delay) {
+            EXPECT_GE(took, std::chrono::milliseconds(row.fault.value));
+        }
+        const std::vector<Fault> left = Faults(store);
+        EXPECT_EQ(left.empty() ? 0 : left.front().remaining, row.remaining);
+        ClearFaults(store, 0, "");
+    }
+    AddFault(store, {0, "FileCollector", FaultKind::status, 500, 1});
+    AddFault(store, {0, "FileCollector", FaultKind::status, 501, 0});
+    for (const int status : {500, 501, 501}) EXPECT_EQ(Upload(*client, goodQuery, goodZip)->status, status);
+}
+
+TEST_F(Lab, ACutAnswerAnnouncesTheWholeAndSendsHalf) {
+    AddFault(store, {0, "RegisterAgent", FaultKind::cut, 0, 1});
+    std::string received;
+    std::string announced;
+    const httplib::Result answer = client->Get(
+        "/servlets/RegisterAgent?agentKey=bad%20key",
+        [&](const httplib::Response& response) {
+            announced = response.get_header_value("Content-Length");
+            return true;
+        },
+        [&](const char* data, std::size_t size) {
+            received.append(data, size);
+            return true;
+        });
+    const std::string whole = "the parameter agentKey is no agent key\n";
+    EXPECT_FALSE(answer);
+    EXPECT_EQ(announced, std::to_string(whole.size()));
+    EXPECT_EQ(received, whole.substr(0, whole.size() / 2));
+}
+
+TEST_F(Lab, AStoppedServerDoesNotWaitForItsDelays) {
+    AddFault(store, {0, "*", FaultKind::delay, 3600000, 1});
+    auto waiting =
+        std::async(std::launch::async, [this] { return static_cast<bool>(Upload(*client, goodQuery, goodZip)); });
+    while (!Faults(store).empty()) std::this_thread::yield();
+    server.reset();
+    EXPECT_FALSE(waiting.get());
+    EXPECT_THAT(StoredRecords(store), IsEmpty());
+}
+
+TEST_F(Lab, AgentsThatUploadAtOnceLoseNothing) {
+    constexpr int agents = 6;
+    constexpr int uploads = 5;
+    std::vector<std::thread> threads;
+    for (int agent = 0; agent < agents; ++agent) {
+        threads.emplace_back([this, agent] {
+            httplib::Client own("127.0.0.1", server->port());
+            for (int number = 0; number < uploads; ++number) {
+                const std::string text = std::to_string(agent * uploads + number);
+                const std::string query = "AGENTKEY=K" + std::to_string(agent) + "&FILENAME=" + text;
+                EXPECT_EQ(Upload(own, query, ZipOf({{text, WideBytes(text)}}))->status, 200);
+            }
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    const std::vector<std::string> records = StoredRecords(store);
+    EXPECT_EQ(std::set<std::string>(records.begin(), records.end()).size(), std::size_t{agents * uploads});
+    EXPECT_EQ(CountAll(store).records, agents * uploads);
+}
+
+TEST_F(Lab, ThePageShowsValuesAndLetsNoMarkupThrough) {
+    const std::string evil = "<i title=\"evil\">&'";
+    const std::string encoded = "%3Ci%20title=%22evil%22%3E%26'";
+    Enrol("agentKey=K1&agentID=" + encoded + "&agentDNS=" + encoded + "&osName=" + encoded +
+          "&customerName=" + encoded);
+    Get("/servlets/StatusUpdateServlet?agentKey=K1&agentStatus=" + encoded);
+    Get("/servlets/DataAgentHandlerServlet?agentKey=K1&action=" + encoded + "&requestId=" + encoded);
+    Upload(*client, "AGENTKEY=" + encoded + "&FILENAME=" + encoded, "no zip");
+    const std::string json =
+        R"({ "DATACOLLECTTIME": "1772701507", "ERRORMSG": "<i>", "<i>": [ { "<i>": "<i>", "n": 4711 },)"
+        R"( { "other": null } ], "list": [ "<i>", [ [ [ [ [ [ "<i>" ] ] ] ] ] ] ], "o": { "<i>": 1.5 } })";
+    std::string rows = "[";
+    for (int i = 0; i < 200; ++i)
+        rows += (i == 0 ? "{ \"r\": \"" : ", { \"r\": \"") + std::string("cell") + std::to_string(i) + "\" }";
+    EXPECT_EQ(Upload(*client, "AGENTKEY=K1&FILENAME=" + encoded,
+                     ZipOf({{evil, WideBytes(json)},
+                            {"script", WideBytes("<i>plain</i>")},
+                            {"rows", WideBytes(rows + "]")},
+                            {"large", WideBytes(std::string(100000, '<'))}}))
+                  ->status,
+              200);
+    const std::string page = Page();
+    EXPECT_THAT(page, Not(HasSubstr("<i")));
+    EXPECT_THAT(page, HasSubstr("&lt;i title=&quot;evil&quot;&gt;&amp;&#39;"));
+    EXPECT_THAT(page, HasSubstr("2026-03-05 09:05:07Z"));
+    EXPECT_THAT(page, HasSubstr("<tr><td>&lt;i&gt;</td><td>4711</td><td></td></tr>"));
+    EXPECT_THAT(page, HasSubstr("<pre>&lt;i&gt;plain&lt;/i&gt;</pre>"));
+    EXPECT_THAT(page, HasSubstr("all 100000 bytes"));
+    EXPECT_THAT(page, HasSubstr("cell24<"));
+    EXPECT_THAT(page, Not(HasSubstr("cell25<")));
+    EXPECT_THAT(page, HasSubstr("175 more"));
+    EXPECT_THAT(page, HasSubstr(Get("/fragment")->body));
+}
+
+TEST_F(Lab, AFileThatIsNoLabDatabaseIsLeftAlone) {
+    const std::string other = folder / "other.db";
+    ExecuteScript(OpenConnection(other).get(), "CREATE TABLE precious (id INTEGER)");
+    EXPECT_THROW(OpenStore(other), DatabaseError);
+    std::ofstream(folder / "text.db")
+        << "this is a text file, long enough to be looked at by SQLite as a database header";
+    EXPECT_THROW(OpenStore(folder / "text.db"), DatabaseError);
+    EXPECT_THROW(OpenStore(folder / "missing" / "lab.db"), DatabaseError);
+}
+
+}  // namespace
+
+}  // namespace kv::lab::test
