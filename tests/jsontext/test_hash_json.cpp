@@ -1,0 +1,171 @@
+// JSON text: what is read, what is refused and in which words, and how it is written.
+#include <vector>
+
+#include "foundation/file_utils.h"
+#include "jsontext/hash_json.h"
+#include "platform/utf.h"
+#include "tests/support/test_agent.h"
+
+namespace kv::test {
+namespace {
+
+struct Json : TestAgent {
+    /// The printed form of what was read, or the message.
+    static std::string Outcome(const JsonReadResult& read, const HashTablePtr& table) {
+        if (!read.ok) {
+            EXPECT_EQ(CountHashKeys(table.get()), 0);
+            return read.message;
+        }
+        return platform::Utf8FromWide(HashToJSONString(table.get())) + read.message;
+    }
+    static std::string Reread(std::u16string_view document) {
+        const HashTablePtr table = MakeHashTable();
+        const JsonReadResult read = JSONTextToHash(table.get(), document);
+        return Outcome(read, table);
+    }
+};
+
+TEST_F(Json, ReadsWhatTheParserTakesAndWritesItsOwnForm) {
+    struct Row {
+        const char* title;
+        std::u16string document;
+        const char* written;
+    };
+    for (const Row& row : std::vector<Row>{
+             {"members from last to first", u"{\"a\":1,\"b\":\"x\",\"c\":[]}", R"({ "c": [ ], "b": "x", "a": 1 })"},
+             {"nested", u"{\"a\":[1,{\"b\":[2,3],\"c\":{}}]}", R"({ "a": [ 1, { "c": { }, "b": [ 2, 3 ] } ] })"},
+             {"key given twice moves to the end", u"{\"a\":1,\"b\":2,\"a\":3}", R"({ "a": 3, "b": 2 })"},
+             {"key given thrice, last is null", u"{\"a\":1,\"b\":2,\"a\":3,\"a\":null}", R"({ "b": 2 })"},
+             {"key given twice, in single quotes", u"{'a':'1',\"b\":2,\"\\u0061\":'\"'}", R"({ "a": "\"", "b": 2 })"},
+             {"null is left out", u"{\"a\":null,\"b\":[null,1,NULL]}", R"({ "b": [ 1 ] })"},
+             {"words in any case", u"{\"a\":TRUE,\"b\":False}", R"({ "b": false, "a": true })"},
+             {"doubles are cut", u"{\"a\":1.5,\"b\":-2.99,\"c\":1e3}",
+              R"({ "c": 1000.000000, "b": -2.000000, "a": 1.000000 })"},
+             {"doubles beyond 32 bits", u"{\"a\":1e300,\"b\":-1e300,\"c\":NaN}",
+              R"({ "c": 0.000000, "b": -2147483648.000000, "a": 2147483647.000000 })"},
+             {"32-bit ends", u"{\"a\":2147483647,\"b\":-2147483648}", R"({ "b": -2147483648, "a": 2147483647 })"},
+             {"low half of 64 bits", u"{\"a\":4294967303,\"b\":9223372036854775808,\"c\":-4294967297}",
+              R"({ "c": -1, "b": 0, "a": 7 })"},
+             {"comments", u"/***/{/* \" */\"a\"//'\r\n:/**/1}// end", R"({ "a": 1 })"},
+             {"no comment in a text", u"{\"a\":\"/*b*/ //c\"}", R"({ "a": "\/*b*\/ \/\/c" })"},
+             {"escapes", u"{\"a\\t\":\"\\b\\n\\r\\t\\\"\\\\\\/\\f\\u001F\\u007f\\u0041\"}",
+              "{ \"a\\t\": \"\\b\\n\\r\\t\\\"\\\\\\/\\u000c\\u001f\x7f"
+              "A\" }"},
+             {"escaped backslash before u", u"{\"a\":\"\\\\u00e9\"}", R"({ "a": "\\u00e9" })"},
+             {"escape of E9 is two units", u"{\"a\":\"\\u00e9\"}", "{ \"a\": \"\u00C3\u00A9\" }"},
+             {"escape of 20AC is three units", u"{\"\\u20AC\":1}", "{ \"\u00E2\u0082\u00AC\": 1 }"},
+             {"escaped surrogates are not joined", u"{\"a\":\"\\uD83D\\uDE00\"}",
+              "{ \"a\": \"\u00ED\u00A0\u00BD\u00ED\u00B8\u0080\" }"},
+             {"non-ASCII goes out as it is", u"{\"\u00e9\u20ac\U0001F600\":\"\U0001F600\u20ac\u00e9\"}",
+              "{ \"\u00e9\u20ac\U0001F600\": \"\U0001F600\u20ac\u00e9\" }"},
+             {"text ends at a zero character", u"{\"a\":\"b\\u0000c\"}", R"({ "a": "b" })"},
+             {"trailing comma", u"{\"a\":[1,2,],}", R"({ "a": [ 1, 2 ] })"},
+             {"trailing blanks and zero", std::u16string(u"{} \r\n\0", 6), "{ }"},
+             {"text behind the end", u"{}\n x", "{ }what follows the document is passed over, at offset 4 (line 2)"},
+         }) {
+        SCOPED_TRACE(row.title);
+        EXPECT_EQ(Reread(row.document), row.written);
+    }
+    EXPECT_TRUE(Logged("a text with a zero character ends there: b"));
+}
+
+TEST_F(Json, UnpairedSurrogatesComeBackUnitForUnit) {
+    const std::u16string text = u"x\xDC00\xD800y\xD83D\xDE00";
+    const HashTablePtr table = MakeHashTable();
+    ASSERT_TRUE(JSONTextToHash(table.get(), u"{\"a\":\"" + text + u"\"}").ok);
+    EXPECT_EQ(GetHashText(table.get(), u"a"), text);
+    EXPECT_EQ(HashToJSONString(table.get()), u"{ \"a\": \"" + text + u"\" }");
+}
+
+TEST_F(Json, RefusesInTheParsersWords) {
+    const auto nested = [](std::size_t levels) {
+        return u"{\"a\":" + std::u16string(levels - 1, u'[') + u"1" + std::u16string(levels - 1, u']') + u"}";
+    };
+    struct Row {
+        std::u16string document;
+        const char* message;
+    };
+    for (const Row& row : std::vector<Row>{
+             {u"", "unexpected end of data at offset 0 (line 1)"},
+             {u"{\n\"\u20ac\": [1,\n", "unexpected end of data at offset 11 (line 3)"},
+             {u"{\"a\":\"\\u00e9", "unexpected end of data at offset 12 (line 1)"},
+             {std::u16string(u"{\"a\0\":1}", 8), "unexpected end of data at offset 4 (line 1)"},
+             {u"{/* no end", "unexpected end of data at offset 10 (line 1)"},
+             {u"x", "unexpected character at offset 0 (line 1)"},
+             {u"{\"\u20ac\":nil}", "null expected at offset 6 (line 1)"},
+             {u"{\"a\":tree}", "boolean expected at offset 7 (line 1)"},
+             {u"{\"a\":1.2.3}", "number expected at offset 8 (line 1)"},
+             {u"{\"a\":[1 2]}", "array value separator ',' expected at offset 8 (line 1)"},
+             {u"{a:1}", "quoted object property name expected at offset 1 (line 1)"},
+             {u"{\"a\" 1}", "object property name separator ':' expected at offset 5 (line 1)"},
+             {u"{\"a\":1 \"b\":2}", "object value separator ',' expected at offset 7 (line 1)"},
+             {u"{\"a\":\"\\u20ac\\u00g0\"}", "invalid string sequence at offset 16 (line 1)"},
+             {u"/x", "expected comment at offset 1 (line 1)"},
+             {u"[1]", "the top level is no object"},
+             {u"\"{}\"", "the top level is no object"},
+             {u"null", "the top level is no object"},
+             {nested(32), "nesting to deep at offset 36 (line 1)"},
+             {nested(100000), "nesting to deep at offset 36 (line 1)"},
+         }) {
+        SCOPED_TRACE(platform::Utf8FromWide(row.document).substr(0, 60));
+        EXPECT_EQ(Reread(row.document), row.message);
+    }
+    EXPECT_TRUE(Reread(nested(31)).starts_with("{ \"a\": [ [ "));
+}
+
+TEST_F(Json, WritesEveryTypeOfValue) {
+    const HashTablePtr table = MakeHashTable();
+    VectorPtr list = MakeVector();
+    const auto word = [](auto pointer) { return reinterpret_cast<Word>(pointer); };
+    for (const ValueType type : {ValueType::none, ValueType::boolean, ValueType::integer, ValueType::number,
+                                 ValueType::other, ValueType::text, ValueType::vector, ValueType::table})
+        EXPECT_EQ(AddValueToVector(list.get(), 0, type), 1);
+    AddValueToVector(list.get(), 0xFFFFFF00, ValueType::boolean);
+    AddValueToVector(list.get(), 0x100000001, ValueType::other);
+    {
+        const std::u16string text = u"/";
+        AddValueToVector(list.get(), word(text.c_str()), ValueType::text);
+    }
+    AddValueToVector(list.get(), word(MakeHashTable().release()), ValueType::table);
+    const char16_t* written = u"[ null, false, 0, 0.000000, 0, null, null, null, false, 1, \"\\/\", { } ]";
+    EXPECT_EQ(VectorToJSONString(list.get()), written);
+    PutHashValue(table.get(), u"a", word(list.release()), ValueType::vector);
+    EXPECT_EQ(HashToJSONString(table.get()), std::u16string(u"{ \"a\": ") + written + u" }");
+}
+
+TEST_F(Json, TellsTheEncodingOfAFile) {
+    const auto wide = [](std::u16string_view text) { return Utf16LittleEndianBytes(text); };
+    const std::u16string document = u"{\"a\":\"\u00e9\r\n\r\"}";
+    const std::string utf8 = platform::Utf8FromWide(document);
+    const char* written = "{ \"a\": \"\u00e9\\n\\r\" }";
+    struct Row {
+        const char* title;
+        std::string bytes;
+        std::string outcome;
+    };
+    for (const Row& row : std::vector<Row>{
+             {"UTF-16LE", wide(document), written},
+             {"UTF-16LE with mark", "\xFF\xFE" + wide(document), written},
+             {"odd last byte", wide(document) + "x", written},
+             {"UTF-8", utf8, written},
+             {"UTF-8 with mark", "\xEF\xBB\xBF" + utf8, written},
+             {"UTF-16, high byte first", "\xFE\xFF" + wide(document),
+              "f.txt: the file is UTF-16 with the high byte first; UTF-16LE or UTF-8 is expected"},
+             {"Latin-1", "{\"a\":\"\xE9\"}", "f.txt: the file is neither UTF-16LE nor UTF-8"},
+             {"empty", "", "f.txt: unexpected end of data at offset 0 (line 1)"},
+             {"mark only", "\xFF\xFE", "f.txt: unexpected end of data at offset 0 (line 1)"},
+             {"cut short", wide(document).substr(0, 10), "f.txt: unexpected end of data at offset 5 (line 1)"},
+         }) {
+        SCOPED_TRACE(row.title);
+        Write(bin / "f.txt", row.bytes);
+        const HashTablePtr table = MakeHashTable();
+        const JsonReadResult read = JSONFileToHash(table.get(), u"f.txt");
+        EXPECT_EQ(Outcome(read, table), row.outcome);
+    }
+    const HashTablePtr table = MakeHashTable();
+    EXPECT_EQ(JSONFileToHash(table.get(), u"..\\none.txt").message,
+              "..\\none.txt: The system cannot find the file specified. (error 2)");
+}
+
+}  // namespace
+}  // namespace kv::test
