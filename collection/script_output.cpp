@@ -36,6 +36,38 @@ void Append(ScriptOutputConverter& converter, std::u16string_view text, std::str
     utf16 += Utf16LittleEndianBytes(text);
 }
 
+/// Output is ASCII for the most part, and each such byte is a unit's low half as it stands.
+void AppendAscii(ScriptOutputConverter& converter, std::string_view ascii, std::string& utf16) {
+    if (ascii.empty()) return;
+    converter.atStart = false;
+    const std::size_t start = utf16.size();
+    utf16.resize(start + 2 * ascii.size());
+    char* low = utf16.data() + start;
+    for (const char character : ascii) {
+        *low = character;
+        low += 2;
+    }
+}
+
+/// Length of the run at the start of a text whose bytes are all ASCII, or all are not.
+std::size_t RunLength(std::string_view text, bool ascii) {
+    const char* const end = text.data() + text.size();
+    const char* at = text.data();
+    while (at != end && (static_cast<unsigned char>(*at) < 0x80) == ascii) ++at;
+    return static_cast<std::size_t>(at - text.data());
+}
+
+void AppendUtf8(ScriptOutputConverter& converter, std::string_view utf8, std::string& utf16) {
+    while (!utf8.empty()) {
+        const std::size_t ascii = RunLength(utf8, true);
+        AppendAscii(converter, utf8.substr(0, ascii), utf16);
+        utf8.remove_prefix(ascii);
+        const std::size_t others = RunLength(utf8, false);
+        Append(converter, platform::WideFromUtf8(utf8.substr(0, others)), utf16);
+        utf8.remove_prefix(others);
+    }
+}
+
 }  // namespace
 
 void FeedScriptOutput(ScriptOutputConverter& converter, std::string_view block, std::string& utf16) {
@@ -45,7 +77,11 @@ void FeedScriptOutput(ScriptOutputConverter& converter, std::string_view block, 
     const std::size_t whole = bytes.size() - (isUtf8 ? CutUtf8Bytes(bytes) : bytes.size() % 2);
     converter.pending = bytes.substr(whole);
     bytes.resize(whole);
-    Append(converter, isUtf8 ? platform::WideFromUtf8(bytes) : TextFromUtf16LittleEndian(bytes), utf16);
+    if (isUtf8) {
+        AppendUtf8(converter, bytes, utf16);
+    } else {
+        Append(converter, TextFromUtf16LittleEndian(bytes), utf16);
+    }
 }
 
 void FinishScriptOutput(ScriptOutputConverter& converter, std::string& utf16) {

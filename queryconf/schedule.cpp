@@ -16,40 +16,12 @@ namespace kv {
 
 namespace {
 
-/// gv_sortVec keeps no types, so whatever is not a workflow entry must be gone before it is merged.
-void DropWhatIsNoEntry(const char16_t* key, Vector* workflows) {
-    for (std::int32_t index = 0; index < workflows->count;) {
-        const VectorElement* element = ElementAt(workflows, index);
-        if (element->type == ValueType::table && element->value != 0) {
-            ++index;
-            continue;
-        }
-        Log1("\t scheduleQueryHashData :: %s holds something that is no workflow entry; it is left out \n", key);
-        DeleteElementAt(workflows, index);
-    }
-}
-
-void MergeAllWorkflows(HashTable* plan, Vector* merged) {
+/// Own workflows first, then each slave's: the order of the keys. The loader lets nothing but lists of entries in.
+void MergeAllWorkflows(const HashTable* plan, Vector* merged) {
     const std::unique_ptr<const char16_t*[]> keys = GetHashKeys(plan);
     for (std::size_t index = 0; keys[index]; ++index) {
-        Vector* workflows = GetHashVector(plan, keys[index]);
-        if (!workflows) {
-            Log1("\t scheduleQueryHashData :: the value of %s is no list of workflows; it is left out \n", keys[index]);
-            continue;
-        }
-        DropWhatIsNoEntry(keys[index], workflows);
-        MergeVector(merged, workflows);
+        if (Vector* workflows = GetHashVector(plan, keys[index])) MergeVector(merged, workflows);
     }
-}
-
-/// The interval in minutes as the entry holds it; 0 when it holds none or something that is no number.
-std::int32_t IntervalOf(const HashTable* entry) {
-    const HashEntry* interval = GetHashEntry(entry, u"interval");
-    if (!interval || interval->type == ValueType::text || interval->type == ValueType::vector ||
-        interval->type == ValueType::table) {
-        return 0;
-    }
-    return static_cast<std::int32_t>(interval->value);
 }
 
 }  // namespace
@@ -77,7 +49,7 @@ void scheduleQueryHashData() {
         if (LogsAtLeast(2)) {
             Log2("\t scheduleQueryHashData :: Inside for loop : queryInfo: %s\n", HashToJSONString(entry));
         }
-        AddSchedule(index, IntervalOf(entry));
+        AddSchedule(index, static_cast<std::int32_t>(GetHashValue(entry, u"interval")));
     }
 }
 

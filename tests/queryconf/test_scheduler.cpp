@@ -1,0 +1,189 @@
+// The timer and the schedule, in virtual time: what runs, when, in which order, and what a reload may rely on.
+#include <atomic>
+#include <future>
+#include <thread>
+#include <vector>
+
+#include "foundation/agent_state.h"
+#include "foundation/log.h"
+#include "jsontext/hash_json.h"
+#include "queryconf/schedule.h"
+#include "queryconf/timer.h"
+#include "tests/support/test_agent.h"
+#include "tests/support/virtual_clock.h"
+
+namespace kv::test {
+namespace {
+
+using Seconds = std::vector<std::int64_t>;
+
+class Scheduler : public TestAgent {
+  protected:
+    Scheduler() {
+        current = this;
+        logState.gv_logLevel = 2;
+        InitTimerManager();
+    }
+    ~Scheduler() override {
+        InitTimerManager();
+        FreeAllVector(agentState.gv_sortVec);
+        FreeAllHashTable(agentState.gv_queryConfHash);
+    }
+
+    /// Adds a job that notes the seconds at which it runs, counted from the start.
+    std::uint32_t Add(std::int32_t job, TimerInterval interval, std::int64_t delay = 0) {
+        auto* schedule = new TimerSchedule{1, interval};
+        const auto fireTime = static_cast<std::uint32_t>(clock.nowSeconds() + delay);
+        return AddTimerTask(std::nullopt, fireTime, Note, new std::int32_t(job), schedule, 0);
+    }
+
+    void RunFor(std::int64_t duration) {
+        clock.endMilliseconds = clock.nowMilliseconds() + duration * 1000;
+        EXPECT_THROW(TimerThread(nullptr), TimeIsUp);
+    }
+
+    std::size_t LinesWith(std::string_view text) const {
+        const std::string log = LogText();
+        std::size_t count = 0;
+        for (std::size_t at = log.find(text); at != log.npos; at = log.find(text, at + 1)) ++count;
+        return count;
+    }
+
+    /// Makes the text the plan and schedules it.
+    void Schedule(std::u16string_view plan) {
+        agentState.gv_queryConfHash = MakeHashTable().release();
+        ASSERT_TRUE(JSONTextToHash(agentState.gv_queryConfHash, plan).ok);
+        scheduleQueryHashData();
+    }
+
+    VirtualClock clock;
+    std::vector<std::int32_t> order;
+    Seconds seconds;
+    std::function<void()> whileRunning = [] {};
+
+  private:
+    static void Note(void* argument) {
+        current->order.push_back(*static_cast<std::int32_t*>(argument));
+        current->seconds.push_back(current->clock.nowSeconds() - VirtualClock::startMilliseconds / 1000);
+        current->whileRunning();
+    }
+    static inline Scheduler* current = nullptr;
+};
+
+TEST_F(Scheduler, ArmsAJobAgainFromTheStartOfThePass) {
+    struct Row {
+        const char* title;
+        TimerInterval interval;
+        std::int64_t takesSeconds;
+        std::int64_t runForSeconds;
+        Seconds expected;
+    };
+    const std::uint32_t most = UINT32_MAX;
+    for (const Row& row : std::vector<Row>{
+             {"seconds", {nullptr, 60, TimerUnit::seconds, -1}, 0, 181, {0, 60, 120, 180}},
+             {"minutes", {nullptr, 2, TimerUnit::minutes, -1}, 0, 361, {0, 120, 240, 360}},
+             {"hours", {nullptr, 1, TimerUnit::hours, -1}, 0, 7300, {0, 3600, 7200}},
+             {"once", {nullptr, 10, TimerUnit::seconds, 1}, 0, 100, {0}},
+             {"three times", {nullptr, 10, TimerUnit::seconds, 3}, 0, 100, {0, 10, 20}},
+             {"a period of 0 does not hold the pass", {nullptr, 0, TimerUnit::seconds, -1}, 0, 3, {0, 1, 2}},
+             {"a period beyond 32 bits is not a short one", {nullptr, most, TimerUnit::hours, -1}, 0, 100, {0}},
+             {"a run that outlasts its period", {nullptr, 60, TimerUnit::seconds, -1}, 90, 200, {0, 91, 182}},
+             {"a run of 2 seconds does not shift the next",
+              {nullptr, 60, TimerUnit::seconds, -1},
+              2,
+              121,
+              {0, 60, 120}},
+         }) {
+        SCOPED_TRACE(row.title);
+        DeleteTimerEntryByName(u"DEFAULT");
+        clock.advanceMilliseconds(VirtualClock::startMilliseconds - clock.nowMilliseconds());
+        seconds.clear();
+        whileRunning = [&] { clock.advanceMilliseconds(row.takesSeconds * 1000); };
+        Add(1, row.interval);
+        RunFor(row.runForSeconds);
+        EXPECT_EQ(seconds, row.expected);
+    }
+}
+
+TEST_F(Scheduler, RunsWhatIsDueByTimeAndThenInOrderOfAdding) {
+    const TimerInterval minute{nullptr, 60, TimerUnit::seconds, -1};
+    const std::uint32_t first = Add(1, minute, 5);
+    Add(2, minute);
+    Add(3, minute);
+    Add(4, minute, 3);
+    EXPECT_EQ(Add(5, minute), first + 4);
+    RunFor(62);
+    EXPECT_EQ(order, (std::vector<std::int32_t>{2, 3, 5, 4, 1, 2, 3, 5}));
+}
+
+TEST_F(Scheduler, DeletesTheEntriesOfATimerByName) {
+    Add(1, {});
+    EXPECT_EQ(DeleteTimerEntryByName(u"default"), 0);
+    EXPECT_EQ(DeleteTimerEntryByName(std::nullopt), 0);
+    RunFor(1);
+    EXPECT_EQ(order.size(), 1u);
+    EXPECT_EQ(DeleteTimerEntryByName(u"DEFAULT"), 1);
+    EXPECT_EQ(DeleteTimerEntryByName(u"DEFAULT"), 1);
+    RunFor(100);
+    EXPECT_EQ(order.size(), 1u);
+}
+
+TEST_F(Scheduler, DeletingWaitsForARunInProgress) {
+    std::promise<void> started, deleting;
+    std::atomic<bool> finished = false;
+    whileRunning = [&] {
+        started.set_value();
+        deleting.get_future().wait();
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        finished = true;
+    };
+    Add(1, {nullptr, 60, TimerUnit::seconds, -1});
+    std::thread pass(CheckTimers);
+    started.get_future().wait();
+    deleting.set_value();
+    DeleteTimerEntryByName(u"DEFAULT");
+    EXPECT_TRUE(finished);
+    pass.join();
+}
+
+TEST_F(Scheduler, SchedulesEveryWorkflowThatCanRun) {
+    Schedule(
+        uR"({"WorkFlows":[{"wfname":"five","interval":5,"recordSetName":[]},
+                               {"wfname":"one","interval":1,"recordSetName":[]}],
+                  "Version": 3,
+                  "WorkFlows_S":[{"interval":0,"recordSetName":[]}, {"wfname":"none"},
+                                 {"wfname":"for ever","interval":2147483647,"recordSetName":[]}]})");
+    RunFor(301);
+    EXPECT_EQ(agentState.gv_sortVec->count, 5);
+    EXPECT_EQ(LinesWith("CollectAndSaveData :: queryInfo: { \"recordSetName\": [ ], \"interval\": 5, "), 2u);
+    EXPECT_EQ(LinesWith("CollectAndSaveData :: queryInfo: { \"recordSetName\": [ ], \"interval\": 1, "), 6u);
+    EXPECT_EQ(LinesWith("CollectAndSaveData :: queryInfo"), 9u);
+    EXPECT_EQ(LinesWith("below 1: it is not scheduled"), 2u);
+}
+
+TEST_F(Scheduler, AReloadWhileCollectingIsSafe) {
+    std::atomic<bool> stop = false;
+    std::atomic<int> passes = 0;
+    clock.onSleep = [&](std::uint32_t milliseconds) {
+        if (milliseconds != 1000) return;
+        ++passes;
+        if (stop) throw TimeIsUp();
+    };
+    const auto waitForPass = [&] {
+        for (const int seen = passes; passes < seen + 2;) std::this_thread::yield();
+    };
+    Schedule(uR"({"WorkFlows":[{"interval":1,"recordSetName":[{}]},{"interval":2,"recordSetName":[{}]}]})");
+    std::thread timer([] { EXPECT_THROW(TimerThread(nullptr), TimeIsUp); });
+    for (int reload = 0; reload < 50; ++reload) {
+        DeleteTimerEntryByName(u"DEFAULT");
+        FreeAllVector(std::exchange(agentState.gv_sortVec, nullptr));
+        scheduleQueryHashData();
+        if (reload % 2 == 0) waitForPass();
+    }
+    stop = true;
+    timer.join();
+    EXPECT_GE(LinesWith("CollectAndSaveData :: queryInfo"), 50u);
+}
+
+}  // namespace
+}  // namespace kv::test
