@@ -5,8 +5,8 @@
 
 namespace kv {
 
-/// Reads server details, identity and intervals, in a fixed order that ends at the first required value that is missing:
-/// 13 then, with every later field at its default; 0 when all is read.
+/// Reads server details, identity and intervals, in a fixed order that ends at the first required value that is
+/// missing: 13 then, with every later field at its default; 0 when all is read.
 std::int32_t getCSDetails();
 
 void getProxyServerDetails();

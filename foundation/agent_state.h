@@ -1,6 +1,6 @@
-// The agent's whole configuration and identity: one structure of process-wide fields. InitAgentParams (agent/) gives the
-// defaults, getCSDetails and getProxyServerDetails fill it from the registry once at start, everyone reads it without a
-// lock. Fields that change while threads run are atomics or published texts; all others are constant by then.
+// The agent's whole configuration and identity: one structure of process-wide fields. InitAgentParams (agent/) gives
+// the defaults, getCSDetails and getProxyServerDetails fill it from the registry once at start, everyone reads it
+// without a lock. Fields that change while threads run are atomics or published texts; all others are constant by then.
 #pragma once
 
 #include <atomic>
@@ -35,34 +35,34 @@ struct AgentState {
     OptionalText gv_agentDNS;  // fully qualified name
     OptionalText gv_localIPAddress;
     OptionalText gv_kvAgentResourceID;
-    OptionalText gv_masterAgent;    // "YES" in any case: this agent serves slaves
-    PublishedText gv_SNMPTimeout;   // seconds, as text; the server may replace it
+    OptionalText gv_masterAgent;   // "YES" in any case: this agent serves slaves
+    PublishedText gv_SNMPTimeout;  // seconds, as text; the server may replace it
 
     // Intervals and limits.
-    std::int32_t gv_configInterval = 30;    // request poll, seconds
-    std::int32_t gv_writeInterval = 300;    // zip and upload, seconds
-    std::int32_t gv_MaxFilesInDir = 15;     // carried and logged, never acted on
-    std::int32_t gv_MaxFilestobeSend = 1;   // carried and logged, never acted on
-    std::int32_t gv_SysInfoInterval = 45;   // carried and logged, never acted on
-    std::int32_t gv_DataCollTmout = 360;    // minutes of lost contact before collection stops
+    std::int32_t gv_configInterval = 30;   // request poll, seconds
+    std::int32_t gv_writeInterval = 300;   // zip and upload, seconds
+    std::int32_t gv_MaxFilesInDir = 15;    // carried and logged, never acted on
+    std::int32_t gv_MaxFilestobeSend = 1;  // carried and logged, never acted on
+    std::int32_t gv_SysInfoInterval = 45;  // carried and logged, never acted on
+    std::int32_t gv_DataCollTmout = 360;   // minutes of lost contact before collection stops
 
     // Proxy.
-    OptionalText gv_proxyEnabled;        // "yes" in any case: in use
+    OptionalText gv_proxyEnabled;  // "yes" in any case: in use
     OptionalText gv_proxyServerName;
     OptionalText gv_proxyUserName;
     OptionalText gv_proxyPassword;       // clear text
     OptionalText gv_proxyExceptionAddr;  // bypass list
 
     // The plan.
-    HashTable* gv_queryConfHash = nullptr;       // merged configuration, owned
-    Vector* gv_sortVec = nullptr;                // all workflow entries in schedule order; refers, does not own
-    std::int32_t gv_loadqueryconf = 0;           // 1 once the files have been read
+    HashTable* gv_queryConfHash = nullptr;  // merged configuration, owned
+    Vector* gv_sortVec = nullptr;           // all workflow entries in schedule order; refers, does not own
+    std::int32_t gv_loadqueryconf = 0;      // 1 once the files have been read
 
     // What changes while the agent runs.
-    std::atomic<std::int32_t> gv_collectData{1};          // collection runs
-    std::atomic<std::int64_t> gv_CSContactLostTime{0};    // first failed upload of an outage, seconds since 1970; 0 none
-    std::atomic<std::int32_t> gv_timeDiff{0};             // server time minus ours, seconds
-    std::atomic<std::uint16_t> gv_agentRunFlag{1};        // go on after enrolment
+    std::atomic<std::int32_t> gv_collectData{1};        // collection runs
+    std::atomic<std::int64_t> gv_CSContactLostTime{0};  // first failed upload of an outage, seconds since 1970; 0 none
+    std::atomic<std::int32_t> gv_timeDiff{0};           // server time minus ours, seconds
+    std::atomic<std::uint16_t> gv_agentRunFlag{1};      // go on after enrolment
     std::atomic<std::uint32_t> gv_ocLastCreatedJSONNum{0};
     std::atomic<std::uint32_t> gv_ocLastCreatedZIPNum{0};
 };

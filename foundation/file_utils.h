@@ -10,8 +10,8 @@
 
 namespace kv {
 
-/// Removes a directory with everything in it; 1 when all went well, else 0. A directory that cannot be searched, such as
-/// a missing one, gives 1 with a log line and nothing removed.
+/// Removes a directory with everything in it; 1 when all went well, else 0. A directory that cannot be searched, such
+/// as a missing one, gives 1 with a log line and nothing removed.
 int DeleteDirectoryRecursively(std::u16string_view path);
 
 /// Whether anything matches a path, which may hold wildcards. A miss leaves a log line.
@@ -28,16 +28,17 @@ int GetZipFileCount(std::u16string_view pattern);
 /// Whether a file is still being written.
 enum class FileUse {
     free = -1,
-    inUse = 0,  // found after a pause of 250 milliseconds
-    unknown = 1 // some other error, which has been logged
+    inUse = 0,   // found after a pause of 250 milliseconds
+    unknown = 1  // some other error, which has been logged
 };
 FileUse IsFileisOpen(std::u16string_view path);
 
 /// The whole content of a file in bytes; 0, or the system's error.
 platform::Error ReadWholeFile(std::u16string_view path, std::string& content);
 
-/// Writes a file under a temporary name (temporaryPath) and renames it to path when it is complete and closed, replacing
-/// one of that name. After an error neither a partial file nor the temporary one is left. 0, or the system's error.
+/// Writes a file under a temporary name (temporaryPath) and renames it to path when it is complete and closed,
+/// replacing one of that name. After an error neither a partial file nor the temporary one is left. 0, or the system's
+/// error.
 platform::Error WriteCompleteFile(std::u16string_view path, std::u16string_view temporaryPath, std::string_view bytes);
 
 /// The bytes of a wide text in UTF-16LE, without a byte order mark.

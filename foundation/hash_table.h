@@ -1,9 +1,9 @@
-// The agent's dictionary: wide-text keys to typed values. A parsed configuration, a result row and an outgoing record are
-// each one table.
+// The agent's dictionary: wide-text keys to typed values. A parsed configuration, a result row and an outgoing record
+// are each one table.
 //
 // Every table of the agent is made with one bucket, so keys come back in the order of their first insertion; whatever
-// writes records out relies on that. Keys are compared exactly. A table has no lock: it belongs to one thread at a time,
-// or is no longer changed.
+// writes records out relies on that. Keys are compared exactly. A table has no lock: it belongs to one thread at a
+// time, or is no longer changed.
 #pragma once
 
 #include <cstdint>
@@ -30,8 +30,8 @@ struct HashTable {
 /// 1, or 0 when memory ran out. A size of 0 is taken as 1. The table is freed by one of the two free operations.
 int InitHashTable(HashTable* table, std::int32_t size);
 
-/// Stores a value under a key, new keys last; 1, or 0 when memory ran out. A value of ValueType::text is copied, and the
-/// table frees its copy; all others must outlive the table or be its own (lists and tables under FreeAllHashTable).
+/// Stores a value under a key, new keys last; 1, or 0 when memory ran out. A value of ValueType::text is copied, and
+/// the table frees its copy; all others must outlive the table or be its own (lists and tables under FreeAllHashTable).
 /// A replaced value is not released: that is intended.
 int PutHashValue(HashTable* table, std::u16string_view key, Word value, ValueType type);
 

@@ -2,19 +2,18 @@
 // agent/log_file.h.
 //
 // A log line names its level by the routine it is written with; a step that is switched off costs one comparison. The
-// format is printf's, the arguments are numbers, narrow texts (UTF-8) or wide texts; a text that is none prints "(null)".
-// Callable from any thread.
+// format is printf's, the arguments are numbers, narrow texts (UTF-8) or wide texts; a text that is none prints
+// "(null)". Callable from any thread.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
+#include <fmt/printf.h>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <type_traits>
-
-#include <fmt/printf.h>
 
 #include "foundation/published_text.h"
 #include "platform/files.h"
@@ -23,10 +22,10 @@
 namespace kv {
 
 struct LogState {
-    std::atomic<std::uint32_t> gv_logLevel{0};    // verbosity; 0 writes nothing
-    platform::FileHandle gv_logFile = 0;          // open for appending, or 0; guarded by streamMutex
-    std::u16string gv_logPath;                    // full path of the current log; empty for none
-    std::atomic<std::uint32_t> gv_logBytes{0};    // running size counter, in characters of the unexpanded formats
+    std::atomic<std::uint32_t> gv_logLevel{0};  // verbosity; 0 writes nothing
+    platform::FileHandle gv_logFile = 0;        // open for appending, or 0; guarded by streamMutex
+    std::u16string gv_logPath;                  // full path of the current log; empty for none
+    std::atomic<std::uint32_t> gv_logBytes{0};  // running size counter, in characters of the unexpanded formats
     std::atomic<std::uint32_t> gv_logMaxSize{1000000};
     std::atomic<std::uint32_t> gv_logMaxFiles{10};
     std::atomic<std::uint16_t> gv_logOpenFailed{0};

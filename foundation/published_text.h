@@ -10,9 +10,9 @@
 
 namespace kv {
 
-/// A text, or none, that is replaced as a whole. A reader holds either the old text or the new one; a text once published
-/// is never freed under a reader. Texts equal to an earlier one share it, so memory is bounded by the number of different
-/// texts. Reading takes no lock.
+/// A text, or none, that is replaced as a whole. A reader holds either the old text or the new one; a text once
+/// published is never freed under a reader. Texts equal to an earlier one share it, so memory is bounded by the number
+/// of different texts. Reading takes no lock.
 class PublishedText {
   public:
     PublishedText() = default;

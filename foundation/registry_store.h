@@ -1,8 +1,8 @@
 // The agent's settings and counters in the registry, under HKEY_LOCAL_MACHINE.
 //
 // Four generic operations and one accessor per value. Results are system error numbers, 0 for success. Text accessors
-// clear their output first, whatever happens next. Number accessors, and GetProxyEnabled, give a fixed fallback where the
-// value is absent and return 0 always. No locks: the writers touch different values.
+// clear their output first, whatever happens next. Number accessors, and GetProxyEnabled, give a fixed fallback where
+// the value is absent and return 0 always. No locks: the writers touch different values.
 #pragma once
 
 #include <cstdint>
@@ -23,8 +23,8 @@ platform::Error ReadRegSZ(platform::RootKey root, std::u16string_view subKey, st
                           OptionalText& outText);
 
 /// Reads a number; outNumber is written only on success. The stored type is not checked.
-platform::Error ReadDwordRegistryData(platform::RootKey root, std::u16string_view subKey,
-                                      std::u16string_view valueName, std::uint32_t& outNumber);
+platform::Error ReadDwordRegistryData(platform::RootKey root, std::u16string_view subKey, std::u16string_view valueName,
+                                      std::uint32_t& outNumber);
 
 /// Stores data, always given as text, as the type asked for; makes the key where it is missing. A name of "--" is the
 /// key's default value, data of "--" the empty text.
@@ -35,18 +35,18 @@ platform::Error addRegistryKey(platform::RootKey root, std::u16string_view subKe
 
 // Agent
 platform::Error GetKVAgentInstallDir(OptionalText& out);
-platform::Error GetAgentLogLevel(std::uint32_t& out);    // fallback 1
-platform::Error GetLoggerMaxSize(std::uint32_t& out);    // fallback 1000000
-platform::Error GetLoggerMaxFiles(std::uint32_t& out);   // fallback 10
+platform::Error GetAgentLogLevel(std::uint32_t& out);   // fallback 1
+platform::Error GetLoggerMaxSize(std::uint32_t& out);   // fallback 1000000
+platform::Error GetLoggerMaxFiles(std::uint32_t& out);  // fallback 10
 platform::Error GetCustomerName(OptionalText& out);
 platform::Error GetRemoteOfficeName(OptionalText& out);
 platform::Error GetEnableSendAgentStatus(OptionalText& out);
 platform::Error SetEnableSendAgentStatus(std::u16string_view text);
-platform::Error GetProxyEnabled(OptionalText& out);      // fallback "NO"
+platform::Error GetProxyEnabled(OptionalText& out);  // fallback "NO"
 platform::Error GetProxyServerName(OptionalText& out);
 platform::Error GetProxyUserName(OptionalText& out);
 platform::Error GetProxyByPass(OptionalText& out);
-platform::Error GetProxyPassword(OptionalText& out);     // Base64
+platform::Error GetProxyPassword(OptionalText& out);  // Base64
 
 // ServerInfo
 platform::Error GetKVServerName(OptionalText& out);
@@ -67,7 +67,7 @@ platform::Error GetRequestID(OptionalText& out);
 platform::Error SetRequestID(std::u16string_view id);
 platform::Error GetMALastCreatedJSONNum(std::uint32_t& out);  // fallback 1
 platform::Error SetMALastCreatedJSONNum(std::uint32_t number);
-platform::Error GetMALastCreatedZIPNum(std::uint32_t& out);   // fallback 1
+platform::Error GetMALastCreatedZIPNum(std::uint32_t& out);  // fallback 1
 platform::Error SetMALastCreatedZIPNum(std::uint32_t number);
 platform::Error GetConfigInterval(std::uint32_t& out);         // fallback 30, seconds
 platform::Error GetWriteInterval(std::uint32_t& out);          // fallback 300, seconds

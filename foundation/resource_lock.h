@@ -1,6 +1,6 @@
 // One process-wide table of locked addresses. To lock a thing is to enter its address; whoever finds the address there
-// yields and tries again until it is gone. A key has no owner and no re-entry: a thread that locks what it already holds
-// hangs, and any thread may release what another took.
+// yields and tries again until it is gone. A key has no owner and no re-entry: a thread that locks what it already
+// holds hangs, and any thread may release what another took.
 //
 // Order: a list's lock first, then the log's, never the other way.
 #pragma once
@@ -24,8 +24,8 @@ struct ResourceLockEntry {
     ResourceLockEntry* next;
 };
 
-/// Makes the mutex that guards the table. Called first of all in Main; a second call changes nothing. A lock that is taken
-/// earlier makes it too.
+/// Makes the mutex that guards the table. Called first of all in Main; a second call changes nothing. A lock that is
+/// taken earlier makes it too.
 void InitMutex();
 
 /// Empties the table.

@@ -37,8 +37,8 @@ std::u16string& ReplaceChar(std::u16string& text, char16_t from, char16_t to);
 /// the nearest end of that range; an empty text is 0.
 std::int32_t ParseDecimal(std::u16string_view text);
 
-/// Difference of the first unequal characters, ASCII letters folded to lower case. None sorts before anything; two nones
-/// are equal.
+/// Difference of the first unequal characters, ASCII letters folded to lower case. None sorts before anything; two
+/// nones are equal.
 int CompareIgnoreCase(std::optional<std::u16string_view> a, std::optional<std::u16string_view> b);
 
 /// How often a character stands in the first length positions, in 16 bits.

@@ -1,9 +1,9 @@
 // The agent's one general list: singly linked, with a tail and a count. Its elements carry a type tag, so that texts,
 // nested lists and nested tables can be released with everything below them by one call.
 //
-// Ownership: the caller allocates a Vector with `new Vector{}` and each element with `new VectorElement{}`. Adding hands
-// the node over; deleting frees the node and never its value; FreeAllVector frees nodes, owned values and the Vector
-// itself.
+// Ownership: the caller allocates a Vector with `new Vector{}` and each element with `new VectorElement{}`. Adding
+// hands the node over; deleting frees the node and never its value; FreeAllVector frees nodes, owned values and the
+// Vector itself.
 //
 // Operations marked locked hold the resource lock of the Vector's own address (foundation/resource_lock.h) while they
 // run and give it back on every path. The lock is not re-entrant. Indices are zero-based.
@@ -16,14 +16,14 @@ namespace kv {
 
 /// What a value is, and with it who owns it. Shared by VectorElement and HashEntry.
 enum class ValueType : std::int32_t {
-    none = 0,      // not owned
-    boolean = 1,   // in the low byte
-    integer = 2,   // 32 bits
-    number = 3,    // floating-point number, cut to a 32-bit integer
-    text = 4,      // owned, NUL-terminated char16_t text made by CopyText (foundation/text.h)
-    vector = 5,    // Vector, freed by the FreeAll operations
-    table = 6,     // HashTable, freed by the FreeAll operations
-    other = 7,     // 64-bit integer of which the low half is kept
+    none = 0,     // not owned
+    boolean = 1,  // in the low byte
+    integer = 2,  // 32 bits
+    number = 3,   // floating-point number, cut to a 32-bit integer
+    text = 4,     // owned, NUL-terminated char16_t text made by CopyText (foundation/text.h)
+    vector = 5,   // Vector, freed by the FreeAll operations
+    table = 6,    // HashTable, freed by the FreeAll operations
+    other = 7,    // 64-bit integer of which the low half is kept
 };
 
 /// One machine word: a pointer or a scalar.
@@ -63,8 +63,8 @@ int DeleteElementAt(Vector* vector, std::int32_t index);
 /// Locked. The element, or null when index is out of range. Linear.
 VectorElement* ElementAt(Vector* vector, std::int32_t index);
 
-/// The element n links after start, or null, also when n is outside 0..count-1. Takes no lock: the one walk that is safe
-/// inside it.
+/// The element n links after start, or null, also when n is outside 0..count-1. Takes no lock: the one walk that is
+/// safe inside it.
 VectorElement* GetNthElement(const Vector* vector, std::int32_t n, VectorElement* start);
 
 /// Appends every value of source to dest in nodes of type none: dest does not own what it shares. 1, or 99 when memory
