@@ -1,10 +1,10 @@
 // kvreg, the command-line tool of the agent's registry.
+#include <cerrno>
 #include <cstdio>
 #include <exception>
 #include <filesystem>
 #include <fmt/format.h>
 #include <fstream>
-#include <iterator>
 #include <map>
 #include <optional>
 #include <span>
@@ -53,7 +53,7 @@ Exit code: 0 success, 1 failure, 2 wrong command line, 3 the thing asked for doe
 
 constexpr std::uint32_t watchMilliseconds = 60'000;
 constexpr std::uint32_t watchMissingMilliseconds = 200;
-constexpr std::uintmax_t maximumRegFileBytes = 64U << 20;  // far above any registry of the agent's
+constexpr std::size_t maximumRegFileBytes = 64U << 20;  // far above any registry of the agent's
 
 /// Ends the program with one line on standard error.
 struct Quit {
@@ -255,15 +255,25 @@ void Export(const CommandLine& line) {
 
 std::string ReadFileWhole(const fs::path& path) {
     std::error_code failure;
-    if (!fs::exists(path, failure)) {
-        throw Quit{failure ? exitFailure : exitMissing, fmt::format("there is no file {}", path.string())};
+    const fs::file_status status = fs::status(path, failure);
+    if (status.type() == fs::file_type::not_found) {
+        throw Quit{exitMissing, fmt::format("there is no file {}", path.string())};
     }
-    if (fs::is_regular_file(path) && fs::file_size(path) > maximumRegFileBytes) {
+    if (fs::is_directory(status)) failure = std::make_error_code(std::errc::is_a_directory);
+    std::string bytes;
+    if (!failure) {
+        std::ifstream file(path, std::ios::binary);
+        if (!file) failure = {errno, std::generic_category()};
+        for (char buffer[65536]; file && bytes.size() <= maximumRegFileBytes;) {
+            file.read(buffer, sizeof buffer);
+            bytes.append(buffer, static_cast<std::size_t>(file.gcount()));
+        }
+        if (file.bad()) failure = std::make_error_code(std::errc::io_error);
+    }
+    if (failure) throw Quit{exitFailure, fmt::format("cannot read {}: {}", path.string(), failure.message())};
+    if (bytes.size() > maximumRegFileBytes) {
         throw Quit{exitFailure, fmt::format("{} is larger than 64 MB", path.string())};
     }
-    std::ifstream file(path, std::ios::binary);
-    std::string bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-    if (!file || fs::is_directory(path)) throw Quit{exitFailure, fmt::format("cannot read {}", path.string())};
     return bytes;
 }
 
@@ -336,7 +346,7 @@ int main(int argc, char** argv) {
         return kv::exitSuccess;
     } catch (const kv::Quit& quit) {
         std::fflush(stdout);
-        fmt::print(stderr, "kvreg: {}\n", quit.message);
+        fmt::print(stderr, "kvreg: {}\n", kv::InLine(quit.message));
         return quit.code;
     } catch (const std::exception& failure) {
         fmt::print(stderr, "kvreg: {}\n", failure.what());

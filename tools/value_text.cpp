@@ -50,25 +50,6 @@ std::string TextOf(const RegFileValue& value, std::string_view separator) {
     }
 }
 
-std::string InLine(std::string_view text) {
-    std::string line;
-    for (const char character : text) {
-        const auto byte = static_cast<unsigned char>(character);
-        if (character == '\n') {
-            line += "\\n";
-        } else if (character == '\r') {
-            line += "\\r";
-        } else if (character == '\t') {
-            line += "\\t";
-        } else if (byte < 0x20 || byte == 0x7F) {
-            line += fmt::format("\\x{:02x}", byte);
-        } else {
-            line += character;
-        }
-    }
-    return line;
-}
-
 }  // namespace
 
 std::string TypeName(RegistryType type) {
@@ -86,6 +67,25 @@ std::string TypeName(RegistryType type) {
                                             "REG_QWORD"};
     const auto number = static_cast<std::uint32_t>(type);
     return number < std::size(names) ? names[number] : fmt::format("REG_TYPE_{}", number);
+}
+
+std::string InLine(std::string_view text) {
+    std::string line;
+    for (const char character : text) {
+        const auto byte = static_cast<unsigned char>(character);
+        if (character == '\n') {
+            line += "\\n";
+        } else if (character == '\r') {
+            line += "\\r";
+        } else if (character == '\t') {
+            line += "\\t";
+        } else if (byte < 0x20 || byte == 0x7F) {
+            line += fmt::format("\\x{:02x}", byte);
+        } else {
+            line += character;
+        }
+    }
+    return line;
 }
 
 std::string PlainData(const RegFileValue& value) {

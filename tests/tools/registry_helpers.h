@@ -1,0 +1,67 @@
+// Short forms of registry calls for tests. What fails gives the error number.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/registry.h"
+
+namespace kv::test {
+
+using platform::Error;
+using platform::Registry;
+using platform::RegistryAccess;
+using platform::RegistryKey;
+using platform::RegistryOperations;
+using platform::RegistryType;
+using platform::RootKey;
+namespace error = platform::error;
+
+inline std::vector<std::byte> Bytes(std::string_view text) {
+    const auto* first = reinterpret_cast<const std::byte*>(text.data());
+    return {first, first + text.size()};
+}
+
+inline RegistryKey Open(std::u16string_view path, RegistryAccess access = RegistryAccess::allAccess,
+                        const RegistryOperations& registry = Registry()) {
+    RegistryKey key = 0;
+    registry.RegOpenKeyExW(RootKey::localMachine, path, access, key);
+    return key;
+}
+
+inline Error TryOpen(std::u16string_view path) {
+    RegistryKey key = 0;
+    const Error result = Registry().RegOpenKeyExW(RootKey::localMachine, path, RegistryAccess::queryValue, key);
+    if (key != 0) Registry().RegCloseKey(key);
+    return result;
+}
+
+/// Makes the key where it is missing.
+inline Error SetBytes(std::u16string_view path, std::u16string_view name, std::string_view data,
+                      RegistryType type = RegistryType::binary, const RegistryOperations& registry = Registry()) {
+    RegistryKey key = 0;
+    platform::RegistryDisposition disposition{};
+    Error result = registry.RegCreateKeyExW(RootKey::localMachine, path, RegistryAccess::allAccess, key, disposition);
+    if (result != error::success) return result;
+    const std::vector<std::byte> bytes = Bytes(data);
+    result = registry.RegSetValueExW(key, name, type, bytes.data(), bytes.size());
+    registry.RegCloseKey(key);
+    return result;
+}
+
+/// A value's bytes; "error N" when it cannot be read.
+inline std::string GetBytes(std::u16string_view path, std::u16string_view name) {
+    RegistryKey key = 0;
+    std::string data(4096, '\0');
+    std::size_t size = data.size();
+    Error result = Registry().RegOpenKeyExW(RootKey::localMachine, path, RegistryAccess::queryValue, key);
+    if (result == error::success) {
+        result = Registry().RegQueryValueExW(key, name, nullptr, reinterpret_cast<std::byte*>(data.data()), size);
+        Registry().RegCloseKey(key);
+    }
+    return result == error::success ? data.substr(0, size) : "error " + std::to_string(result);
+}
+
+}  // namespace kv::test

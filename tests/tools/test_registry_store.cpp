@@ -1,0 +1,205 @@
+// The agent's settings over the real registry: sizes, placeholders, fallbacks and log lines.
+#include <functional>
+
+#include "foundation/registry_store.h"
+#include "tests/support/test_agent.h"
+#include "tests/tools/registry_helpers.h"
+
+namespace kv::test {
+
+namespace {
+
+using platform::ScopedOperations;
+
+class RegistryStore : public TestAgent {};
+
+constexpr RootKey root = RootKey::localMachine;
+
+std::string RawText(std::u16string_view text, std::size_t terminatorBytes) {
+    std::string bytes(reinterpret_cast<const char*>(text.data()), text.size() * 2);
+    return bytes + std::string(terminatorBytes, '\0');
+}
+
+TEST_F(RegistryStore, WhatIsStoredForEachType) {
+    struct Row {
+        const char* title;
+        std::u16string_view data;
+        RegistryType type;
+        std::string bytes;
+    };
+    const Row rows[] = {
+        {"a text takes half of its terminator along", u"abc", RegistryType::text, RawText(u"abc", 1)},
+        {"an empty text is that half", u"", RegistryType::text, RawText(u"", 1)},
+        {"the placeholder is the empty text", u"--", RegistryType::text, RawText(u"", 1)},
+        {"more dashes are a text", u"---", RegistryType::expandableText, RawText(u"---", 1)},
+        {"binary like a text", u"ab", RegistryType::binary, RawText(u"ab", 1)},
+        {"a list takes thirteen bytes", u"ab", RegistryType::multiText, RawText(u"ab", 13)},
+        {"a number", u"300", RegistryType::dword, std::string("\x2C\x01\0\0", 4)},
+        {"the placeholder is 0", u"--", RegistryType::dword, std::string(4, '\0')},
+        {"a negative number", u"-2", RegistryType::dword, "\xFE\xFF\xFF\xFF"},
+        {"the largest number", u"4294967295", RegistryType::dword, "\xFF\xFF\xFF\xFF"},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.title);
+        EXPECT_EQ(writeValue(root, u"A\\New\\Path", u"Value", row.data, row.type), error::success);
+        EXPECT_EQ(GetBytes(u"A\\New\\Path", u"Value"), row.bytes);
+    }
+    EXPECT_TRUE(Logged("writeValue :: going to add the value data as 0 value \n"));
+    EXPECT_TRUE(Logged("\t Error code : 0, Error Message : "));
+    EXPECT_TRUE(Logged("addRegistryKey:  Create registry key function successfull: 0 \n"));
+    EXPECT_TRUE(Logged("addRegistryKey:  Opened already existing key! \n"));
+}
+
+TEST_F(RegistryStore, TheNamePlaceholderIsTheDefaultValue) {
+    EXPECT_EQ(writeValue(root, u"A", u"--", u"text", RegistryType::text), error::success);
+    EXPECT_EQ(GetBytes(u"A", u""), RawText(u"text", 1));
+    EXPECT_EQ(GetBytes(u"A", u"--"), "error 2");
+    EXPECT_TRUE(Logged("writeValue :: going to add the (default) value \n"));
+}
+
+TEST_F(RegistryStore, TextsWhateverTheirTerminator) {
+    const std::pair<std::string, std::u16string_view> rows[] = {
+        {RawText(u"abc", 2), u"abc"},
+        {RawText(u"abc", 1), u"abc"},
+        {RawText(u"abc", 0), u"abc"},
+        {RawText(u"abc", 13), u"abc"},
+        {RawText(std::u16string_view(u"ab\0cd", 5), 2), u"ab"},
+        {RawText(u"abc", 0) + "d", u"abcd"},
+        {"e", u"e"},
+        {std::string(1, '\0'), u""},
+        {std::string(2, '\0'), u""},
+        {RawText(std::u16string(1500, u'x'), 0), std::u16string_view()},
+    };
+    for (const auto& [bytes, expected] : rows) {
+        SCOPED_TRACE(bytes.size());
+        ASSERT_EQ(SetBytes(u"A", u"v", bytes, RegistryType::text), error::success);
+        OptionalText text;
+        EXPECT_EQ(ReadRegSZ(root, u"A", u"v", text), error::success);
+        EXPECT_EQ(text, bytes.size() == 3000 ? std::u16string(1500, u'x') : expected);
+    }
+    ASSERT_EQ(SetBytes(u"A", u"v", "", RegistryType::text), error::success);
+    OptionalText text = u"default";
+    EXPECT_EQ(ReadRegSZ(root, u"A", u"v", text), error::success) << "no bytes at all are a success";
+    EXPECT_EQ(text, std::nullopt);
+}
+
+TEST_F(RegistryStore, WhatIsMissingClearsATextAndKeepsANumber) {
+    ASSERT_EQ(SetBytes(u"A", u"text", RawText(u"a long text", 2), RegistryType::text), error::success);
+    ASSERT_EQ(SetBytes(u"A", u"short", "\x05", RegistryType::binary), error::success);
+    OptionalText text = u"default";
+    EXPECT_EQ(ReadRegSZ(root, u"A", u"missing", text), error::fileNotFound);
+    EXPECT_EQ(text, std::nullopt);
+    EXPECT_EQ(ReadRegSZ(root, u"B", u"missing", text), error::fileNotFound);
+    EXPECT_TRUE(Logged("ReadRegSZ: Error while opening registry key for serverName 2 \n"));
+
+    std::uint32_t number = 77;
+    EXPECT_EQ(ReadDwordRegistryData(root, u"A", u"missing", number), error::fileNotFound);
+    EXPECT_EQ(ReadDwordRegistryData(root, u"B", u"missing", number), error::fileNotFound);
+    EXPECT_EQ(ReadDwordRegistryData(root, u"A", u"text", number), error::moreData);
+    EXPECT_EQ(number, 77U);
+    EXPECT_TRUE(Logged("ReadDwordRegistryData: Error while reading DWORD value of missing : 2 \n"));
+    EXPECT_TRUE(Logged("ReadDwordRegistryData: Error while opening registry key for B,missing : 2 \n"));
+    EXPECT_EQ(ReadDwordRegistryData(root, u"A", u"short", number), error::success) << "the type is not checked";
+    EXPECT_EQ(number, 5U);
+}
+
+TEST_F(RegistryStore, FailuresSayWhatWasTried) {
+    platform::RegistryOperations failing = Registry();
+    failing.RegSetValueExW = [](auto&&...) { return error::diskFull; };
+    {
+        const ScopedOperations scoped(failing);
+        EXPECT_EQ(writeValue(root, u"A\\B", u"Name", u"Data", RegistryType::text), error::diskFull);
+    }
+    EXPECT_TRUE(Logged("\t writeValue:  Function WriteValue failure!:112\n"));
+    EXPECT_TRUE(Logged("\t writeValue:  Subkey: A\\B \n"));
+    EXPECT_TRUE(Logged("\t writeValue:  Valuename: Name \n"));
+    EXPECT_TRUE(Logged("\t writeValue:  Valuedata: Data \n"));
+    EXPECT_TRUE(Logged("\t writeValue:  Datatype: 1 \n"));
+    EXPECT_TRUE(Logged("\t Error code : 112, Error Message : "));
+    EXPECT_FALSE(Logged("\t Error code : 0, Error Message : "));
+
+    for (const std::u16string_view notANumber : {u"12a", u"4294967296", u"-2147483649", u"0x10", u" 1"}) {
+        EXPECT_EQ(writeValue(root, u"A", u"Number", notANumber, RegistryType::dword), error::invalidData);
+    }
+    EXPECT_EQ(GetBytes(u"A", u"Number"), "error 2") << "nothing was stored";
+
+    failing.RegOpenKeyExW = [](auto&&...) { return error::accessDenied; };
+    {
+        const ScopedOperations scoped(failing);
+        EXPECT_EQ(writeValue(root, u"A", u"Name", u"Data", RegistryType::text), error::accessDenied);
+    }
+    EXPECT_TRUE(Logged("writeValue:  Key open failure! 5 \n"));
+    EXPECT_EQ(writeValue(root, u"A\\", u"Name", u"Data", RegistryType::text), error::invalidName);
+    EXPECT_TRUE(Logged("addRegistryKey:  Create registry key \"A\\\" function failed: 123 \n"));
+    EXPECT_TRUE(Logged("writeValue:  WriteValue failure during key creation! 123 \n"));
+
+    failing = Registry();
+    failing.RegQueryValueExW = [](auto, auto, auto, std::byte* room, std::size_t& size) {
+        size = 8;
+        return room ? error::moreData : error::success;  // the value grows between the two queries
+    };
+    const ScopedOperations scoped(failing);
+    OptionalText text;
+    EXPECT_EQ(ReadRegSZ(root, u"A\\B", u"Name", text), error::moreData);
+    EXPECT_TRUE(Logged("ReadRegSZ: Error while reading DWORD value! 234 \n"));
+}
+
+TEST_F(RegistryStore, NumbersFallBackAndComeBack) {
+    struct Row {
+        Error (*get)(std::uint32_t& out);
+        std::u16string_view key;
+        std::u16string_view name;
+        std::uint32_t fallback;
+        const char* logLine;
+    };
+    const Row rows[] = {
+        {GetAgentLogLevel, agentKeyPath, u"AgentLogLevel", 1, ""},
+        {GetLoggerMaxSize, agentKeyPath, u"LoggerMaxSize", 1000000, ""},
+        {GetLoggerMaxFiles, agentKeyPath, u"LoggerMaxFiles", 10, ""},
+        {GetMALastCreatedJSONNum, monitoringKeyPath, u"MALastCreatedJSONNum", 1, ""},
+        {GetMALastCreatedZIPNum, monitoringKeyPath, u"MALastCreatedZIPNum", 1, ""},
+        {GetConfigInterval, monitoringKeyPath, u"configInterval", 30, "ConfigInterval"},
+        {GetWriteInterval, monitoringKeyPath, u"writeInterval", 300, "WriteInterval"},
+        {GetMaxFilesInDir, monitoringKeyPath, u"MaxFilesInDir", 1500, "MaxFilesInDir"},
+        {GetMaxFilestobeSend, monitoringKeyPath, u"MaxFilestobeSend", 1, "MaxFilestobeSend"},
+        {GetSysInfoInterval, monitoringKeyPath, u"SysInfoInterval", 55, "SysInfoInterval"},
+        {GetDataCollectionTimeout, monitoringKeyPath, u"DataCollectionTimeout", 360, "DataCollectionTimeout"},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.fallback);
+        std::uint32_t number = 99;
+        EXPECT_EQ(row.get(number), error::success);
+        EXPECT_EQ(number, row.fallback);
+        const std::string name = row.logLine;
+        EXPECT_TRUE(name.empty() || Logged("\t Get" + name + " :: Not able to fetch the " + name + ".\n"));
+        ASSERT_EQ(writeValue(root, row.key, row.name, u"4000000000", RegistryType::dword), error::success);
+        EXPECT_EQ(row.get(number), error::success);
+        EXPECT_EQ(number, 4000000000U);
+    }
+    std::uint32_t number = 0;
+    EXPECT_EQ(SetMALastCreatedZIPNum(4294967295U), error::success);
+    EXPECT_EQ(GetMALastCreatedZIPNum(number), error::success);
+    EXPECT_EQ(number, 4294967295U);
+}
+
+TEST_F(RegistryStore, TextsWithRulesOfTheirOwn) {
+    OptionalText text;
+    EXPECT_EQ(GetProxyEnabled(text), error::success);
+    EXPECT_EQ(text, u"NO");
+    EXPECT_EQ(GetKVServerSecIPAddress(text), error::fileNotFound);
+    const std::pair<std::u16string_view, OptionalText> rows[] = {
+        {u"1", std::nullopt}, {u"12", std::nullopt}, {u"1.2", u"1.2"}};
+    for (const auto& [stored, expected] : rows) {
+        ASSERT_EQ(writeValue(root, serverInfoKeyPath, u"KVServerSecIPAddress", stored, RegistryType::text),
+                  error::success);
+        EXPECT_EQ(GetKVServerSecIPAddress(text), error::success);
+        EXPECT_EQ(text, expected);
+    }
+    EXPECT_EQ(SetOCAgentKey(u"key \u00fc"), error::success);
+    EXPECT_EQ(GetOCAgentKey(text), error::success);
+    EXPECT_EQ(text, u"key \u00fc");
+}
+
+}  // namespace
+
+}  // namespace kv::test
