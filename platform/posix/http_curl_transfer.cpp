@@ -226,7 +226,7 @@ Error CurlTransfer::Send() {
 
 Error CurlTransfer::ReceiveHeaders() {
     const Error result = Run(receiveTimeout_, [this] { return headersComplete_; });
-    return result == error::success && !headersComplete_ ? error::winHttpInvalidServerResponse : result;
+    return result == error::success && !headersComplete_ ? error::winHttpConnectionError : result;
 }
 
 Error CurlTransfer::WaitForBody(std::size_t& available) {

@@ -1,0 +1,419 @@
+// Transactions over real connections: what goes over the wire, and what each kind of peer makes of them.
+#include <cstdlib>
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <httplib.h>
+#include <memory>
+#include <mutex>
+#include <openssl/evp.h>
+#include <openssl/x509.h>
+#include <thread>
+
+#include "exchange/http_transaction.h"
+#include "foundation/agent_state.h"
+#include "foundation/file_utils.h"
+#include "platform/http.h"
+#include "platform/utf.h"
+#include "tests/exchange/http_peers.h"
+#include "tests/support/test_agent.h"
+
+namespace kv::test {
+
+namespace {
+
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::Not;
+using testing::StartsWith;
+
+/// A server of cpp-httplib, on a thread of its own.
+struct RunningServer {
+    explicit RunningServer(std::unique_ptr<httplib::Server> made) : server(std::move(made)) {
+        server->Get("/echo", [this](const httplib::Request& request, httplib::Response& response) {
+            const std::lock_guard lock(mutex);
+            value = request.get_param_value("value");
+            response.set_content(Utf16LittleEndianBytes(u"täxt \U0001f600"), "text/plain");
+        });
+        server->Get("/size", [](const httplib::Request& request, httplib::Response& response) {
+            response.set_content(std::string(std::stoul(request.get_param_value("bytes")), 'z'), "x/y");
+        });
+        server->Get("/hop", [](const httplib::Request& request, httplib::Response& response) {
+            response.set_redirect(request.get_param_value("to"));
+        });
+        server->Post("/post", [this](const httplib::Request& request, httplib::Response& response) {
+            const std::lock_guard lock(mutex);
+            value = request.body;
+            response.set_content(Utf16LittleEndianBytes(u"thanks"), "text/plain");
+        });
+        port = server->bind_to_any_port("127.0.0.1");
+        thread = std::thread([this] { server->listen_after_bind(); });
+        while (!server->is_running()) std::this_thread::yield();
+    }
+    ~RunningServer() {
+        server->stop();
+        thread.join();
+    }
+
+    std::unique_ptr<httplib::Server> server;
+    std::mutex mutex;
+    std::string value;  // what the last request carried
+    int port = 0;
+    std::thread thread;
+};
+
+/// Signed by itself, for another name, and expired an hour ago.
+std::unique_ptr<httplib::Server> SecureServer() {
+    EVP_PKEY* key = EVP_EC_gen("P-256");
+    X509* certificate = X509_new();
+    X509_gmtime_adj(X509_getm_notBefore(certificate), -7200);
+    X509_gmtime_adj(X509_getm_notAfter(certificate), -3600);
+    X509_set_pubkey(certificate, key);
+    X509_NAME* name = X509_get_subject_name(certificate);
+    X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, reinterpret_cast<const unsigned char*>("other.example"), -1,
+                               -1, 0);
+    X509_set_issuer_name(certificate, name);
+    X509_sign(certificate, key, EVP_sha256());
+    auto server = std::make_unique<httplib::SSLServer>(certificate, key);
+    X509_free(certificate);
+    EVP_PKEY_free(key);
+    return server;
+}
+
+class HttpTransport : public TestAgent {
+  protected:
+    HttpTransport() {
+        setenv("http_proxy", "http://127.0.0.1:1", 1);  // must never be taken
+        setenv("ALL_PROXY", "http://127.0.0.1:1", 1);
+        agentState.gv_LastAccessName.publish(u"127.0.0.1");
+        agentState.gv_httpsEnabled = 0;
+    }
+    ~HttpTransport() override {
+        unsetenv("http_proxy");
+        unsetenv("ALL_PROXY");
+    }
+
+    static platform::Error Get(int port, std::u16string url, OptionalText* response = nullptr,
+                               RequestKind kind = RequestKind::REQUEST_GET) {
+        agentState.gv_ServerPort = port;
+        return AgentSendRequest({}, 0, url, {}, response, kind, 0, false);
+    }
+    static platform::Error Post(int port, std::u16string url, std::string_view body, OptionalText* response = nullptr) {
+        agentState.gv_ServerPort = port;
+        return AgentSendRequest({}, 0, url, {.body = body}, response, RequestKind::REQUEST_POST_BINARY, body.size(),
+                                false);
+    }
+    static void UseProxy(int port, std::u16string bypass, std::u16string password = u"pass") {
+        agentState.gv_proxyEnabled = u"YES";
+        agentState.gv_proxyServerName =
+            u"http=127.0.0.1:" + DecimalText(port) + u";https=http://127.0.0.1:" + DecimalText(port);
+        agentState.gv_proxyExceptionAddr = std::move(bypass);
+        agentState.gv_proxyUserName = u"üser";
+        agentState.gv_proxyPassword = std::move(password);
+    }
+
+    /// "üser:pass", as the proxy gets it.
+    const std::string credentials = "Basic w7xzZXI6cGFzcw==";
+};
+
+TEST_F(HttpTransport, SaysExactlyWhatItShouldOnTheWire) {
+    RawServer server(Says("HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n"));
+    const std::string host = "Host: 127.0.0.1:" + std::to_string(server.port) + "\r\n";
+    EXPECT_EQ(Get(server.port, u"\\a\\b?c=d"), 0u);
+    EXPECT_EQ(Post(server.port, u"/p", "12345"), 0u);
+    EXPECT_EQ(Post(server.port, u"/p", ""), 0u);
+    EXPECT_EQ(server.requests()[0],
+              "GET /a/b?c=d HTTP/1.1\r\n" + host +
+                  "User-Agent: TallowmereOnCallAgent\r\nAccept: */*\r\nCache-Control: no-cache\r\n"
+                  "Pragma: no-cache\r\nConnection: Closed\r\n\r\n");
+    EXPECT_THAT(server.requests()[1], StartsWith("POST /p HTTP/1.1\r\n"));
+    EXPECT_THAT(server.requests()[1], HasSubstr("Content-Length: 5\r\n"));
+    EXPECT_THAT(server.requests()[2], HasSubstr("Content-Length: 0\r\n"));
+    for (const char* unwanted : {"Accept:", "Expect:", "Content-Type:", "Accept-Encoding:"}) {
+        EXPECT_THAT(server.requests()[1], Not(HasSubstr(unwanted)));
+    }
+}
+
+TEST_F(HttpTransport, TheServerDecodesTheTextThatWasGiven) {
+    RunningServer server(std::make_unique<httplib::Server>());
+    const struct {
+        const char* title;
+        std::u16string given;
+        std::string decoded;
+    } rows[] = {
+        {"blanks", u"Corvinel Monitoring Agent", "Corvinel Monitoring Agent"},
+        {"beyond ASCII", u"Zürich \u6771\u4eac \U0001f600", "Zürich 東京 😀"},
+        {"escapes stay", u"a%20b%26c", "a b&c"},
+        {"a percent sign that begins no escape", u"100% or 5%zz", "100% or 5%zz"},
+        {"characters a request line cannot carry", u"\"<>^`{|}#\t\x7f", "\"<>^`{|}#\t\x7f"},
+        {"others", u"a:b@c;d/e[1]!$'()*,~", "a:b@c;d/e[1]!$'()*,~"},
+        {"half a surrogate pair", u"x\xd800y", "x\xef\xbf\xbdy"},
+        {"dots", u"/../.", "/../."},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.title);
+        OptionalText response;
+        EXPECT_EQ(Get(server.port, u"/echo?value=" + row.given, &response), 0u);
+        EXPECT_EQ(server.value, row.decoded);
+        EXPECT_EQ(response, u"täxt \U0001f600");
+    }
+}
+
+TEST_F(HttpTransport, BodiesOfEverySizeArriveWhole) {
+    RunningServer server(std::make_unique<httplib::Server>());
+    for (const std::size_t size : {1u, 2u, 49u, 50u, 51u, 16383u, 16385u, 100001u, 3000000u}) {
+        SCOPED_TRACE(size);
+        std::u16string url = u"/size?bytes=" + DecimalText(static_cast<std::int64_t>(size));
+        OptionalText response;
+        EXPECT_EQ(Get(server.port, url, &response), 0u);
+        EXPECT_EQ(response, std::u16string(size / 2, u'\x7a7a'));
+        EXPECT_EQ(InternetDownloadFile({}, 0, url, u"..\\got.bin", true), 0u);
+        EXPECT_EQ(Read(bin / ".." / "got.bin"), std::string(size, 'z'));
+        const std::string body(size, '\xfe');
+        Write(bin / "up.zip", body);
+        std::u16string post = u"/post";
+        EXPECT_EQ(InternetUploadBinaryFile({}, 0, post, u"up.zip"), 0u);
+        EXPECT_EQ(server.value, body);
+    }
+    OptionalText response;
+    EXPECT_EQ(Post(server.port, u"/post", "x", &response), 0u);
+    EXPECT_EQ(response, u"thanks");
+    EXPECT_EQ(Get(server.port, u"/size?bytes=0", &(response = std::nullopt)), 0u);
+    EXPECT_EQ(response, std::nullopt);
+    EXPECT_EQ(Get(server.port, u"/size?bytes=20"), 0u);  // nobody wants the body
+    EXPECT_EQ(Get(server.port, u"/missing", &response), 13u);
+    std::u16string missing = u"/post";
+    EXPECT_EQ(InternetUploadBinaryFile({}, 0, missing, u"no.zip"), 2u);
+    EXPECT_TRUE(Logged("InternetUploadBinaryFile: Error occured while reading the file 2"));
+}
+
+TEST_F(HttpTransport, FollowsRedirectsButNotOutOfASecureConnection) {
+    RunningServer plain(std::make_unique<httplib::Server>());
+    RunningServer secure(SecureServer());
+    const std::u16string toPlain = u"/hop?to=http://127.0.0.1:" + DecimalText(plain.port) + u"/echo";
+    const std::u16string toSecure = u"/hop?to=https://127.0.0.1:" + DecimalText(secure.port) + u"/echo";
+    EXPECT_EQ(Get(plain.port, u"/hop?to=echo%3Fvalue%3Dmoved"), 0u);
+    EXPECT_EQ(plain.value, "moved");
+    EXPECT_EQ(Get(plain.port, toSecure), 12175u);  // the target's certificate was not asked to be tolerated
+    EXPECT_EQ(Get(plain.port, u"/hop?to=ftp://127.0.0.1/x"), 13u);
+    RawServer circle(Says("HTTP/1.1 302 Found\r\nLocation: /again\r\nContent-Length: 0\r\n\r\n"));
+    EXPECT_EQ(Get(circle.port, u"/"), 12156u);
+    EXPECT_EQ(circle.requests().size(), 11u);
+    agentState.gv_httpsEnabled = 1;
+    EXPECT_EQ(Get(secure.port, toPlain), 13u);
+    EXPECT_EQ(Get(secure.port, toSecure), 0u);
+}
+
+/// The same limit on silence as ever, made short.
+platform::HttpOperations Impatient() {
+    platform::HttpOperations operations = platform::Http();
+    operations.WinHttpOpenRequest = [real = platform::Http()](platform::HttpHandle connection, std::u16string_view verb,
+                                                              std::u16string_view url, std::u16string_view types,
+                                                              std::uint32_t flags, platform::HttpHandle& request) {
+        const platform::Error failure = real.WinHttpOpenRequest(connection, verb, url, types, flags, request);
+        return failure ? failure : real.WinHttpSetOptionNumber(request, platform::HttpOption::receiveTimeout, 150);
+    };
+    return operations;
+}
+
+TEST_F(HttpTransport, EachFailureHasItsNumber) {
+    const platform::ScopedOperations<platform::HttpOperations> scoped(Impatient());
+    std::string manyHeaders;
+    for (int i = 0; i < 10000; ++i) manyHeaders += "X-Filler: of many, many lines\r\n";
+    const struct {
+        const char* title;
+        RawServer::Handler peer;
+        platform::Error expected;
+        std::string kept = {};  // of a download
+    } rows[] = {
+        {"hangs up at once", Says(""), 12030},
+        {"no HTTP at all", Says("220 mail ready\r\nwho are you?\r\n"), 12152},
+        {"half a header", Says("HTTP/1.1 200 OK\r\nContent-Le"), 12030},
+        {"headers without end", Says("HTTP/1.1 200 OK\r\n" + manyHeaders), 12182},
+        {"half a body", Says("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\n12345"), 12030, "12345"},
+        {"a chunk cut off", Says("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\n123"), 12030, "123"},
+        {"accepts and says nothing", SaysAndHolds(""), 12002},
+        {"falls silent in the body", SaysAndHolds("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\n12345"), 12002,
+         "12345"},
+        {"503", Says("HTTP/1.1 503 Busy\r\nContent-Length: 4\r\n\r\nbusy"), 13},
+        {"an interim answer first", Says("HTTP/1.1 103 Early\r\n\r\nHTTP/1.1 200 OK\r\n\r\nall"), 0, "all"},
+        {"lines that end in a line feed", Says("HTTP/1.1 200 OK\nContent-Length: 2\n\nok"), 0, "ok"},
+        {"an encoding nobody asked for", Says("HTTP/1.1 200 OK\r\nContent-Encoding: gzip\r\n\r\nraw"), 0, "raw"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.title);
+        RawServer server(row.peer);
+        agentState.gv_ServerPort = server.port;
+        std::u16string url = u"/x";
+        EXPECT_EQ(InternetDownloadFile({}, 0, url, u"part.bin", false), row.expected);
+        EXPECT_EQ(Read(bin / "part.bin"), row.kept);
+    }
+    RawServer cut(Says("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\nabcde"));
+    OptionalText response;
+    EXPECT_EQ(Get(cut.port, u"/x", &response), 0u);
+    EXPECT_EQ(response, u"\u6261\u6463");  // what came is kept, whole characters
+    EXPECT_TRUE(Logged("InternetGetRequestEx : Error 12030 in WinHttpReadData.\n") ||
+                Logged("InternetGetRequestEx : Error 12030 in WinHttpQueryDataAvailable.\n"));
+}
+
+TEST_F(HttpTransport, AddressesThatLeadNowhere) {
+    int closedPort = 0;
+    { closedPort = RawServer(Says("")).port; }
+    const struct {
+        const char* title;
+        std::u16string address;
+        platform::Error expected;
+    } rows[] = {
+        {"nobody listens", u"127.0.0.1", 12029},       {"no such name", u"no-such-host.invalid", 12007},
+        {"a path in the name", u"127.0.0.1/x", 12005}, {"a user in the name", u"user@127.0.0.1", 12005},
+        {"a blank in the name", u"two names", 12005},  {"a second port", u"127.0.0.1:80", 12005},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.title);
+        agentState.gv_LastAccessName.publish(row.address);
+        EXPECT_EQ(Get(closedPort, u"/"), row.expected);
+    }
+}
+
+TEST_F(HttpTransport, SecureRequestsTolerateWhatTheFlagsName) {
+    RunningServer server(SecureServer());
+    agentState.gv_httpsEnabled = 1;
+    OptionalText response;
+    EXPECT_EQ(Get(server.port, u"/echo?value=s", &response), 0u);
+    EXPECT_EQ(response, u"täxt \U0001f600");
+    EXPECT_EQ(Post(server.port, u"/post", "secret"), 0u);
+    EXPECT_EQ(server.value, "secret");
+    RawServer plain(Says("HTTP/1.1 200 OK\r\n\r\n"));
+    EXPECT_EQ(Get(plain.port, u"/"), 12157u);
+
+    const auto& http = platform::Http();
+    for (const auto& [flags, expected] :
+         {std::pair{0x0u, 12175u}, {0x100u, 12175u}, {0x1000u, 12175u}, {0x1100u, 0u}}) {
+        SCOPED_TRACE(flags);
+        platform::HttpHandle session = 0;
+        platform::HttpHandle connection = 0;
+        platform::HttpHandle request = 0;
+        http.WinHttpOpen(u"t", platform::HttpProxyAccess::noProxy, {}, {}, session);
+        http.WinHttpConnect(session, u"127.0.0.1", static_cast<std::uint16_t>(server.port), connection);
+        http.WinHttpOpenRequest(connection, u"GET", u"/echo", u"", platform::httpFlagSecure, request);
+        http.WinHttpSetOptionNumber(request, platform::HttpOption::securityFlags, flags);
+        EXPECT_EQ(http.WinHttpSendRequest(request, nullptr, 0), expected);
+        for (const auto handle : {request, connection, session}) EXPECT_EQ(http.WinHttpCloseHandle(handle), 0u);
+    }
+}
+
+TEST_F(HttpTransport, GoesThroughTheProxyWithItsCredentials) {
+    RawServer proxy(Forwards(credentials));
+    RunningServer plain(std::make_unique<httplib::Server>());
+    RunningServer secure(SecureServer());
+    for (RunningServer* server : {&plain, &secure}) {
+        SCOPED_TRACE(server == &secure);
+        agentState.gv_httpsEnabled = server == &secure;
+        UseProxy(proxy.port, u"<local>");
+        const std::size_t before = proxy.requests().size();
+        EXPECT_EQ(Get(server->port, u"/echo?value=via proxy"), 0u);
+        EXPECT_EQ(server->value, "via proxy");
+        EXPECT_EQ(Post(server->port, u"/post", "via proxy too"), 0u);
+        EXPECT_EQ(server->value, "via proxy too");
+        EXPECT_EQ(proxy.requests().size(), before + 2);
+        UseProxy(proxy.port, u"<local>", u"wrong");
+        EXPECT_EQ(Get(server->port, u"/echo"), 407u);
+        EXPECT_EQ(Post(server->port, u"/post", "x"), 407u);
+        UseProxy(proxy.port, u"<local>");
+        EXPECT_EQ(Get(server->port, u"/missing"), 13u);
+        EXPECT_EQ(Get(1, u"/echo"), 13u);  // the proxy's 502
+    }
+    EXPECT_THAT(proxy.requests().front(), StartsWith("GET http://127.0.0.1:"));
+    EXPECT_THAT(proxy.requests().back(), Not(HasSubstr("Connection: Closed")));  // that header is the server's
+    EXPECT_FALSE(Logged("X-Proxy: here"));  // nor are the tunnel's headers the server's
+}
+
+TEST_F(HttpTransport, TheBypassListDecidesWhoIsReachedDirectly) {
+    RawServer server(Says("HTTP/1.1 200 OK\r\n\r\n"));
+    const std::u16string port = DecimalText(server.port);
+    const struct {
+        std::u16string list;
+        std::u16string address;
+        bool direct;
+    } rows[] = {
+        {u"", u"127.0.0.1", false},
+        {u"<local>", u"localhost", true},
+        {u"<local>", u"127.0.0.1", false},
+        {u"10.*; 127.0.0.1", u"127.0.0.1", true},
+        {u"10.* LocalHost", u"LOCALhost", true},
+        {u"127.*", u"127.0.0.1", true},
+        {u"*.0.*.1", u"127.0.0.1", true},
+        {u"27.0.0.1;127.0.0", u"127.0.0.1", false},
+        {u"*", u"127.0.0.1", true},
+        {u"http://127.*", u"127.0.0.1", true},
+        {u"https://127.*", u"127.0.0.1", false},
+        {u"127.0.0.1:" + port, u"127.0.0.1", true},
+        {u"127.0.0.1:1", u"127.0.0.1", false},
+        {u";;<>;://;[;:", u"127.0.0.1", false},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(platform::Utf8FromWide(row.list));
+        UseProxy(1, row.list);  // where nobody listens
+        agentState.gv_LastAccessName.publish(row.address);
+        EXPECT_EQ(Get(server.port, u"/"), row.direct ? 0u : 12029u);
+    }
+    UseProxy(1, u"");
+    agentState.gv_proxyServerName = u"https=127.0.0.1:1";  // there is none for plain requests
+    EXPECT_EQ(Get(server.port, u"/"), 0u);
+    agentState.gv_proxyServerName = u"";
+    EXPECT_EQ(Get(server.port, u"/"), 87u);
+}
+
+TEST_F(HttpTransport, AddressesOfTheSixthVersion) {
+    httplib::Server server;
+    server.Get("/x", [](const httplib::Request&, httplib::Response& response) { response.status = 200; });
+    const int port = server.bind_to_any_port("::1");
+    if (port <= 0) GTEST_SKIP() << "no IPv6 here";
+    std::thread thread([&] { server.listen_after_bind(); });
+    while (!server.is_running()) std::this_thread::yield();
+    for (const char16_t* address : {u"::1", u"[::1]"}) {
+        agentState.gv_LastAccessName.publish(address);
+        EXPECT_EQ(Get(port, u"/x"), 0u);
+        UseProxy(1, u"[::1]");
+        EXPECT_EQ(Get(port, u"/x"), 0u);
+    }
+    server.stop();
+    thread.join();
+}
+
+TEST_F(HttpTransport, HandlesAreCheckedAndARequestCanBeSentAgain) {
+    std::atomic<int> calls{0};
+    RawServer server([&](int connection, const std::string&) {
+        if (++calls == 2) SendText(connection, "HTTP/1.1 200 OK\r\n\r\n" + std::string(10'000'000, 'b'));
+    });
+    const auto& http = platform::Http();
+    platform::HttpHandle session = 0;
+    platform::HttpHandle connection = 0;
+    platform::HttpHandle request = 0;
+    std::uint32_t number = 0;
+    ASSERT_EQ(http.WinHttpOpen(u"t", platform::HttpProxyAccess::noProxy, {}, {}, session), 0u);
+    ASSERT_EQ(http.WinHttpConnect(session, u"127.0.0.1", static_cast<std::uint16_t>(server.port), connection), 0u);
+    EXPECT_EQ(http.WinHttpOpenRequest(connection, u"PUT", u"/", u"", 0, request), 87u);
+    ASSERT_EQ(http.WinHttpOpenRequest(connection, u"GET", u"x", u"", 0, request), 0u);
+    EXPECT_EQ(http.WinHttpAddRequestHeaders(request, u"Two: a\r\nLines: b"), 87u);
+    EXPECT_EQ(http.WinHttpSetOptionText(request, platform::HttpOption::securityFlags, u"1"), 12009u);
+    EXPECT_EQ(http.WinHttpSendRequest(session, nullptr, 0), 12018u);
+    EXPECT_EQ(http.WinHttpReceiveResponse(request), 12019u);
+    EXPECT_EQ(http.WinHttpSendRequest(request, nullptr, 0), 0u);
+    EXPECT_EQ(http.WinHttpReceiveResponse(request), 12030u);
+    EXPECT_EQ(http.WinHttpQueryHeadersNumber(request, platform::HttpHeaderQuery::statusCodeNumber, number), 12019u);
+    EXPECT_EQ(http.WinHttpSendRequest(request, nullptr, 0), 0u);
+    EXPECT_EQ(http.WinHttpReceiveResponse(request), 0u);
+    EXPECT_EQ(http.WinHttpQueryHeadersNumber(request, platform::HttpHeaderQuery::statusCodeNumber, number), 0u);
+    EXPECT_EQ(number, 200u);
+    EXPECT_EQ(http.WinHttpQueryHeadersNumber(request, platform::HttpHeaderQuery::contentLengthNumber, number), 12150u);
+    std::size_t available = 0;
+    EXPECT_EQ(http.WinHttpQueryDataAvailable(request, available), 0u);
+    EXPECT_LE(available, 64u * 1024);  // of ten million that wait
+    for (const auto handle : {request, connection, session}) EXPECT_EQ(http.WinHttpCloseHandle(handle), 0u);
+    EXPECT_EQ(http.WinHttpCloseHandle(request), 6u);
+}
+
+}  // namespace
+
+}  // namespace kv::test
