@@ -1,7 +1,6 @@
 // Where the agent's paths and names end up on this system.
 #include <algorithm>
 #include <cctype>
-#include <clocale>
 #include <cstdlib>
 #include <cwctype>
 #include <filesystem>

@@ -4,7 +4,6 @@
 #include "platform/posix/process_tree.h"
 
 #include <algorithm>
-#include <cctype>
 #include <cerrno>
 #include <charconv>
 #include <csignal>
@@ -12,6 +11,7 @@
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <string_view>
 #include <time.h>
 #include <unordered_set>
 #include <vector>
@@ -23,7 +23,7 @@ namespace {
 namespace fs = std::filesystem;
 
 /// Bounds the hunt for a tree that will not hold still; a stop takes effect within a few milliseconds.
-constexpr int mostLooks = 500;
+constexpr int mostLooks = 100;
 constexpr long lookIntervalNanoseconds = 2'000'000;
 
 struct ProcessEntry {
