@@ -2,7 +2,7 @@
 // working directory.
 //
 // On Linux each backslash becomes a slash, and a path on drive "c:" lands in "drive_c/" of the state directory (other
-// letters likewise). Names are case-sensitive there, patterns are not.
+// letters likewise). Names are case-sensitive there, patterns with wildcards are not.
 //
 // Results are system error numbers, 0 for success, unless a routine says otherwise. Callable from any thread; a handle
 // belongs to one thread at a time.
@@ -21,7 +21,7 @@ namespace platform {
 
 struct FindData {
     std::u16string fileName;  // without directory
-    bool isDirectory = false;
+    bool isDirectory = false;  // a symbolic link counts as a file, whatever it leads to
 };
 
 /// A search in progress; ended with FindClose. 0 is none.

@@ -234,15 +234,18 @@ TEST_F(FilesTest, AFileIsInUseWhileSomeoneHasItOpenForWriting) {
 TEST_F(FilesTest, AskingForTheUseStateDisturbsNoWriter) {
     Put("f", "");
     std::atomic<bool> done{false};
-    std::thread asker([&] {
-        while (!done) {
-            const Error state = Files().GetFileUseState(u"f");
-            EXPECT_TRUE(state == error::success || state == error::sharingViolation) << state;
-        }
-    });
-    for (int round = 0; round < 3000; ++round) ASSERT_EQ(Write(u"f", "x", FileAccess::append), error::success);
+    std::vector<std::thread> askers;
+    for (int count = 0; count < 3; ++count) {
+        askers.emplace_back([&] {
+            while (!done) {
+                const Error state = Files().GetFileUseState(u"f");
+                EXPECT_TRUE(state == error::success || state == error::sharingViolation) << state;
+            }
+        });
+    }
+    for (int round = 0; round < 3000; ++round) EXPECT_EQ(Write(u"f", "x", FileAccess::append), error::success);
     done = true;
-    asker.join();
+    for (std::thread& asker : askers) asker.join();
     EXPECT_EQ(fs::file_size("f"), 3000U);
 }
 

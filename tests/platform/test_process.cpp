@@ -97,6 +97,7 @@ TEST_F(ProcessTest, ArgumentsReachTheScriptAsTheyAre) {
 }
 
 TEST_F(ProcessTest, ExitCodes) {
+    setenv("PATH", "/usr/bin:/bin", 1);
     Script("three.sh", "#!/bin/sh\nexit 3\n");
     Script("bare", "exit 4\n");
     Script("plain.sh", "exit 5\n", false);
