@@ -20,7 +20,7 @@
 namespace platform {
 
 struct FindData {
-    std::u16string fileName;  // without directory
+    std::u16string fileName;   // without directory
     bool isDirectory = false;  // a symbolic link counts as a file, whatever it leads to
 };
 
@@ -52,9 +52,9 @@ struct FileInformation {
 };
 
 struct FileOperations {
-    /// Starts a search for names that match a pattern with "*" and "?" in its last part, as Windows matches them: without
-    /// regard to case, "*.*" matches every name, "." and ".." come first when the pattern matches them. The rest come in
-    /// order of name. fileNotFound when nothing matches, pathNotFound when the directory does not exist.
+    /// Starts a search for names that match a pattern with "*" and "?" in its last part, as Windows matches them:
+    /// without regard to case, "*.*" matches every name, "." and ".." come first when the pattern matches them. The
+    /// rest come in order of name. fileNotFound when nothing matches, pathNotFound when the directory does not exist.
     std::function<Error(std::u16string_view pattern, FindData& first, FindHandle& search)> FindFirstFileW;
 
     /// noMoreFiles at the end.
@@ -68,7 +68,8 @@ struct FileOperations {
     /// Reads at most size bytes; read is 0 at the end of the file.
     std::function<Error(FileHandle file, void* buffer, std::size_t size, std::size_t& read)> ReadFile;
 
-    /// Writes all bytes or fails: diskFull and the like. With FileAccess::append each write goes to the end of the file.
+    /// Writes all bytes or fails: diskFull and the like. With FileAccess::append each write goes to the end of the
+    /// file.
     std::function<Error(FileHandle file, const void* data, std::size_t size)> WriteFile;
 
     /// Moves to an absolute offset in bytes.
