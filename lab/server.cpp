@@ -1,6 +1,7 @@
 #include "lab/server.h"
 
 #include <arpa/inet.h>
+#include <array>
 #include <charconv>
 #include <condition_variable>
 #include <cstdio>
@@ -9,6 +10,7 @@
 #include <httplib.h>
 #include <mutex>
 #include <netinet/in.h>
+#include <optional>
 #include <sys/socket.h>
 #include <thread>
 
@@ -26,16 +28,22 @@ constexpr time_t idleTimeout = 2;
 
 constexpr std::size_t serverThreads = 16;
 
-/// Reads a body of at most maxBodyBytes; false when there is more. The rest is read and dropped, so that the sender
-/// gets to see the answer.
-bool ReadBody(const httplib::ContentReader& reader, std::string& body) {
-    bool fits = true;
-    reader([&](const char* data, std::size_t size) {
-        fits = fits && body.size() + size <= maxBodyBytes;
-        if (fits) body.append(data, size);
+struct Body {
+    std::string bytes;
+    std::optional<BodyFault> fault;
+};
+
+/// Reads a body of at most maxBodyBytes. The rest of a larger one is read and dropped, so that the sender gets to see
+/// the answer.
+Body ReadBody(const httplib::ContentReader& reader) {
+    Body body;
+    const bool complete = reader([&](const char* data, std::size_t size) {
+        if (body.bytes.size() + size > maxBodyBytes) body.fault = BodyFault::tooLarge;
+        if (!body.fault) body.bytes.append(data, size);
         return true;
     });
-    return fits;
+    if (!complete && !body.fault) body.fault = BodyFault::incomplete;
+    return body;
 }
 
 /// Whether a socket leads to this address and port.
@@ -117,7 +125,7 @@ struct LabServer::Running {
     void MakeHttpServer();
     void SetRoutes();
     void Listen();
-    void HandleServlet(const httplib::Request& request, httplib::Response& response, const std::string* body);
+    void HandleServlet(const httplib::Request& request, httplib::Response& response, const Body& body);
     bool Delay(std::int64_t milliseconds);
 };
 
@@ -127,12 +135,10 @@ bool LabServer::Running::Delay(std::int64_t milliseconds) {
     return !wake.wait_for(lock, std::chrono::milliseconds(milliseconds), [this] { return stopping; });
 }
 
-/// Serves a request to a servlet, with the fault that is on order for it. No body stands for one that is too large.
-void LabServer::Running::HandleServlet(const httplib::Request& request, httplib::Response& response,
-                                       const std::string* body) {
+/// Serves a request to a servlet, with the fault that is on order for it.
+void LabServer::Running::HandleServlet(const httplib::Request& request, httplib::Response& response, const Body& body) {
     const std::string servlet = request.matches[1];
-    const ServletRequest call{request.method, request.params, body ? std::string_view(*body) : std::string_view(),
-                              request.remote_addr};
+    const ServletRequest call{request.method, request.params, body.bytes, request.remote_addr};
     Store store = OpenStore(options.database);
     const std::optional<Fault> fault = TakeFault(store, servlet);
     if (fault && fault->kind == FaultKind::drop) return DropConnection(request);
@@ -140,7 +146,7 @@ void LabServer::Running::HandleServlet(const httplib::Request& request, httplib:
     if (fault && fault->kind == FaultKind::status)
         return Send(response, TextAnswer(static_cast<int>(fault->value), "a fault is on order: " + FaultText(*fault)));
     const Enrolment enrolment{options.timeDiff, options.refusedKeys};
-    Answer answer = body ? Serve(store, enrolment, servlet, call) : RefuseLargeBody(store, servlet, call);
+    Answer answer = body.fault ? RefuseBody(store, *body.fault, servlet, call) : Serve(store, enrolment, servlet, call);
     if (fault && fault->kind == FaultKind::cut) return SendHalf(response, std::move(answer));
     Send(response, answer);
 }
@@ -159,16 +165,13 @@ void LabServer::Running::SetRoutes() {
         Send(response, ServeRecords(store, {request.method, request.params, {}, request.remote_addr}));
     });
     http->Get(R"(/servlets/(\w+))", [this](const httplib::Request& request, httplib::Response& response) {
-        const std::string none;
-        HandleServlet(request, response, &none);
+        HandleServlet(request, response, Body());
     });
     http->Post(R"(/servlets/(\w+))", [this](const httplib::Request& request, httplib::Response& response,
                                             const httplib::ContentReader& reader) {
         // The library would take a form apart, and has no reader for the whole of it.
         if (request.is_multipart_form_data()) return Send(response, TextAnswer(400, "the body may not be a form"));
-        std::string body;
-        const bool fits = ReadBody(reader, body);
-        HandleServlet(request, response, fits ? &body : nullptr);
+        HandleServlet(request, response, ReadBody(reader));
     });
 }
 

@@ -166,10 +166,12 @@ Answer Serve(Store& store, const Enrolment& enrolment, std::string_view servlet,
     }
 }
 
-Answer RefuseLargeBody(Store& store, std::string_view servlet, const ServletRequest& request) {
-    const std::string reason = "the body is larger than " + std::to_string(maxBodyBytes >> 20) + " MiB";
-    if (servlet == "FileCollector") return Refuse(store, request, 413, reason);
-    return TextAnswer(413, reason);
+Answer RefuseBody(Store& store, BodyFault fault, std::string_view servlet, const ServletRequest& request) {
+    const bool tooLarge = fault == BodyFault::tooLarge;
+    const int status = tooLarge ? 413 : 400;
+    const std::string reason = tooLarge ? "the body is larger than " + std::to_string(maxBodyBytes >> 20) + " MiB"
+                                        : "the body did not arrive whole";
+    return servlet == "FileCollector" ? Refuse(store, request, status, reason) : TextAnswer(status, reason);
 }
 
 Answer ServePage(Store& store) { return {200, Page(ReadOverview(store)), htmlType, {}}; }

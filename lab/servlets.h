@@ -40,8 +40,11 @@ struct Enrolment {
 /// Serves one of servletNames. A malformed request is answered with 400 and one line; DatabaseError passes through.
 Answer Serve(Store& store, const Enrolment& enrolment, std::string_view servlet, const ServletRequest& request);
 
-/// The answer to a body of more than maxBodyBytes; noted as refused when it was meant for the upload servlet.
-Answer RefuseLargeBody(Store& store, std::string_view servlet, const ServletRequest& request);
+/// Why a body is not served at all.
+enum class BodyFault { tooLarge, incomplete };
+
+/// The answer to such a body; noted as refused when it was meant for the upload servlet.
+Answer RefuseBody(Store& store, BodyFault fault, std::string_view servlet, const ServletRequest& request);
 
 /// The whole page, its changing part, and records for tools.
 Answer ServePage(Store& store);

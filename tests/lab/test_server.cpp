@@ -196,6 +196,19 @@ TEST_F(Lab, WhatIsMalformedIsRefusedAndShown) {
     EXPECT_EQ(LatestRefusals(store, 1)[0].times, 3) << "the same refusal counts up";
 }
 
+TEST_F(Lab, ABodyThatBreaksOffIsNotServed) {
+    for (const std::string path :
+         {"/servlets/DataAgentHandlerServlet?agentKey=K1", "/servlets/FileCollector?AGENTKEY=K1&FILENAME=a"}) {
+        const auto half = [](std::size_t offset, std::size_t, httplib::DataSink& sink) {
+            return offset == 0 && sink.write("{ }", 3);
+        };
+        EXPECT_FALSE(client->Post(path, 6, half, "application/octet-stream"));
+    }
+    while (LatestRefusals(store, 1).empty()) std::this_thread::yield();
+    EXPECT_EQ(LatestRefusals(store, 1)[0].reason, "the body did not arrive whole");
+    EXPECT_THAT(LatestAnswers(store, 1), IsEmpty());
+}
+
 TEST_F(Lab, StatusNoticesAndAnswersAreKept) {
     EXPECT_EQ(Enrol("agentKey=K1&agentID=one"), "K1");
     EXPECT_EQ(
