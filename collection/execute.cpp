@@ -22,7 +22,7 @@ constexpr std::uint32_t endMilliseconds = 1000;
 template <class... Arguments>
 void Remark(std::u16string& remarks, const char* format, const Arguments&... arguments) {
     Log1(format, arguments...);
-    remarks = platform::WideFromUtf8(fmt::sprintf(format, log_detail::Printable(arguments)...));
+    remarks = platform::WideFromUtf8(LogText(format, arguments...));
 }
 
 /// The working directory while this object lives; the former one is put back at its end.

@@ -1,5 +1,7 @@
 #include "foundation/log.h"
 
+#include <fmt/args.h>
+#include <fmt/printf.h>
 #include <iterator>
 
 #include "platform/clock.h"
@@ -9,15 +11,6 @@ namespace kv {
 LogState logState;
 
 namespace {
-
-/// Formats the line; one whose format does not fit its arguments keeps its format as the text.
-std::string Printed(const std::string& prefixed, fmt::basic_format_args<fmt::printf_context> arguments) {
-    try {
-        return fmt::vsprintf(fmt::string_view(prefixed), arguments);
-    } catch (const fmt::format_error&) {
-        return prefixed;
-    }
-}
 
 /// A failed write, such as one to a full disk, costs the line and nothing else.
 void Append(const std::string& line) {
@@ -46,10 +39,22 @@ std::string PrefixLogFormat(std::string_view format) {
     return prefixed;
 }
 
-void WriteLogLine(const char* format, fmt::basic_format_args<fmt::printf_context> arguments) noexcept {
+std::string PrintedLogText(const std::string& format, std::span<const LogArgument> arguments) {
+    fmt::dynamic_format_arg_store<fmt::printf_context> store;
+    for (const LogArgument& argument : arguments) {
+        std::visit([&store](const auto& value) { store.push_back(value); }, argument);
+    }
+    try {
+        return fmt::vsprintf(fmt::string_view(format), fmt::basic_format_args<fmt::printf_context>(store));
+    } catch (const fmt::format_error&) {
+        return format;
+    }
+}
+
+void WriteLogLine(const char* format, std::span<const LogArgument> arguments) noexcept {
     try {
         const std::string prefixed = PrefixLogFormat(format);
-        Append(Printed(prefixed, arguments));
+        Append(PrintedLogText(prefixed, arguments));
         const std::uint32_t bytes = Count(prefixed.size());
         if (bytes > logState.gv_logMaxSize.load(std::memory_order_relaxed) && logState.rotate) logState.rotate(bytes);
     } catch (...) {

@@ -6,14 +6,17 @@
 // "(null)". Callable from any thread.
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <fmt/printf.h>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <type_traits>
+#include <variant>
 
 #include "foundation/published_text.h"
 #include "platform/files.h"
@@ -43,14 +46,20 @@ extern LogState logState;
 /// Prefix of every line: newline, local date and time to the millisecond, one blank.
 std::string PrefixLogFormat(std::string_view format);
 
+/// One argument of a line. A text is UTF-8.
+using LogArgument = std::variant<std::int64_t, std::uint64_t, double, std::string>;
+
+/// The text of a format and its arguments; a format that does not fit its arguments comes back as it stands.
+std::string PrintedLogText(const std::string& format, std::span<const LogArgument> arguments);
+
 /// Prints one line to the log file, counts it and rotates when the counter has passed the limit. The level has been
-/// tested. A format that does not fit its arguments is printed as it stands. Never throws.
-void WriteLogLine(const char* format, fmt::basic_format_args<fmt::printf_context> arguments) noexcept;
+/// tested. Never throws.
+void WriteLogLine(const char* format, std::span<const LogArgument> arguments) noexcept;
 
 namespace log_detail {
 
 template <class T>
-auto Printable(const T& value) {
+LogArgument Printable(const T& value) {
     if constexpr (std::is_convertible_v<const T&, std::u16string_view> && !std::is_pointer_v<T>) {
         return platform::Utf8FromWide(value);
     } else if constexpr (std::is_same_v<T, const char16_t*> || std::is_same_v<T, char16_t*>) {
@@ -60,19 +69,33 @@ auto Printable(const T& value) {
     } else if constexpr (std::is_same_v<T, PublishedText>) {
         const std::u16string* text = value.get();
         return text ? platform::Utf8FromWide(*text) : std::string("(null)");
+    } else if constexpr (std::is_convertible_v<const T&, std::string_view>) {
+        return std::string(value);
     } else if constexpr (std::is_enum_v<T>) {
-        return static_cast<std::underlying_type_t<T>>(value);
+        return Printable(static_cast<std::underlying_type_t<T>>(value));
+    } else if constexpr (std::is_floating_point_v<T>) {
+        return static_cast<double>(value);
+    } else if constexpr (std::is_signed_v<T>) {
+        return static_cast<std::int64_t>(value);
     } else {
-        return value;
+        return static_cast<std::uint64_t>(value);
     }
 }
 
 template <class... Arguments>
-void Write(const char* format, const Arguments&... arguments) noexcept {
-    WriteLogLine(format, fmt::make_printf_args(arguments...));
+void Write(const char* format, const Arguments&... arguments) {
+    const std::array<LogArgument, sizeof...(Arguments)> printable{Printable(arguments)...};
+    WriteLogLine(format, printable);
 }
 
 }  // namespace log_detail
+
+/// What a line with this format and these arguments says, without writing it.
+template <class... Arguments>
+std::string LogText(const char* format, const Arguments&... arguments) {
+    const std::array<LogArgument, sizeof...(Arguments)> printable{log_detail::Printable(arguments)...};
+    return PrintedLogText(format, printable);
+}
 
 /// True when lines at level 1, 2 and 3 are written: the level is at least that. Level 4 lines are written at exactly 4.
 inline bool LogsAtLeast(std::uint32_t level) { return logState.gv_logLevel.load(std::memory_order_relaxed) >= level; }
@@ -81,25 +104,25 @@ inline bool LogsTrace() { return logState.gv_logLevel.load(std::memory_order_rel
 /// Failures, decisions, state changes.
 template <class... Arguments>
 inline void Log1(const char* format, const Arguments&... arguments) {
-    if (LogsAtLeast(1)) log_detail::Write(format, log_detail::Printable(arguments)...);
+    if (LogsAtLeast(1)) log_detail::Write(format, arguments...);
 }
 
 /// Configuration dumps, control notifications, progress.
 template <class... Arguments>
 inline void Log2(const char* format, const Arguments&... arguments) {
-    if (LogsAtLeast(2)) log_detail::Write(format, log_detail::Printable(arguments)...);
+    if (LogsAtLeast(2)) log_detail::Write(format, arguments...);
 }
 
 /// Flow of the ordinary routines.
 template <class... Arguments>
 inline void Log3(const char* format, const Arguments&... arguments) {
-    if (LogsAtLeast(3)) log_detail::Write(format, log_detail::Printable(arguments)...);
+    if (LogsAtLeast(3)) log_detail::Write(format, arguments...);
 }
 
 /// Trace of small helpers.
 template <class... Arguments>
 inline void Log4(const char* format, const Arguments&... arguments) {
-    if (LogsTrace()) log_detail::Write(format, log_detail::Printable(arguments)...);
+    if (LogsTrace()) log_detail::Write(format, arguments...);
 }
 
 }  // namespace kv
