@@ -1,4 +1,3 @@
-#include <algorithm>
 #include <array>
 #include <charconv>
 #include <utility>
@@ -17,12 +16,58 @@ struct JsonWriter {
     std::vector<const HashEntry*> members;  // of the tables being written, those of the outermost first
 };
 
+template <class Visit>
+void ForEachEntry(const HashTable* table, Visit visit) {
+    for (std::int32_t bucket = 0; bucket < table->size; ++bucket) {
+        for (const HashEntry* entry = table->buckets[bucket]; entry; entry = entry->next) {
+            if (entry->key) visit(entry);
+        }
+    }
+}
+
 void HashToJSONObject(JsonWriter& writer, const HashTable* table);
 void VectorToJSONArray(JsonWriter& writer, const Vector* vector);
 
-/// Whether a unit cannot stand in a text as it is. The slash needs no escape in JSON; readers of these texts expect
-/// one.
-constexpr bool NeedsEscape(char16_t unit) { return unit < 0x20 || unit == u'"' || unit == u'\\' || unit == u'/'; }
+/// Whether a unit ends a stretch that is copied as it stands: what is escaped, and the zero at the end. The slash needs
+/// no escape in JSON; readers of these texts expect one.
+constexpr std::array<bool, 128> MakeStops() {
+    std::array<bool, 128> stops{};
+    for (std::size_t unit = 0; unit < 0x20; ++unit) stops[unit] = true;
+    stops['"'] = stops['\\'] = stops['/'] = true;
+    return stops;
+}
+constexpr std::array<bool, 128> stops = MakeStops();
+
+const char16_t* EndOfPlainStretch(const char16_t* text) {
+    while (*text >= stops.size() || !stops[*text]) ++text;
+    return text;
+}
+
+/// The length of a value's text without its escapes, so that a long text is not moved as it grows.
+std::size_t RoughLength(Word value, ValueType type) {
+    constexpr std::size_t scalarLength = 12;
+    constexpr std::size_t frameLength = 4;  // brackets or marks, comma and blanks
+    std::size_t length = frameLength;
+    if (value == 0) return length;
+    if (type == ValueType::text) {
+        length += std::u16string_view(reinterpret_cast<const char16_t*>(value)).size();
+    } else if (type == ValueType::vector) {
+        const VectorElement* element = reinterpret_cast<const Vector*>(value)->head;
+        for (; element; element = element->next) length += RoughLength(element->value, element->type);
+    } else if (type == ValueType::table) {
+        ForEachEntry(reinterpret_cast<const HashTable*>(value), [&](const HashEntry* entry) {
+            length += std::u16string_view(entry->key).size() + frameLength + RoughLength(entry->value, entry->type);
+        });
+    } else {
+        length += scalarLength;
+    }
+    return length;
+}
+
+void Reserve(JsonWriter& writer, const void* value, ValueType type) {
+    const std::size_t length = RoughLength(reinterpret_cast<Word>(value), type);
+    writer.text.reserve(length + length / 8);  // an eighth for the escapes
+}
 
 void AppendEscape(std::u16string& text, char16_t unit) {
     constexpr std::u16string_view hexDigits = u"0123456789abcdef";
@@ -55,13 +100,13 @@ void AppendEscape(std::u16string& text, char16_t unit) {
 /// A text in quotation marks.
 void AppendText(std::u16string& text, const char16_t* value) {
     text += u'"';
-    for (std::u16string_view rest(value); !rest.empty();) {
-        const auto plainEnd = std::find_if(rest.begin(), rest.end(), NeedsEscape);
-        text.append(rest.begin(), plainEnd);
-        if (plainEnd == rest.end()) break;
-        AppendEscape(text, *plainEnd);
-        rest.remove_prefix(static_cast<std::size_t>(plainEnd - rest.begin()) + 1);
+    const char16_t* end = EndOfPlainStretch(value);
+    for (; *end; end = EndOfPlainStretch(value)) {
+        text.append(value, static_cast<std::size_t>(end - value));
+        AppendEscape(text, *end);
+        value = end + 1;
     }
+    text.append(value, static_cast<std::size_t>(end - value));
     text += u'"';
 }
 
@@ -112,11 +157,7 @@ void AppendMember(JsonWriter& writer, const HashEntry* member) {
 
 void HashToJSONObject(JsonWriter& writer, const HashTable* table) {
     const std::size_t first = writer.members.size();
-    for (std::int32_t bucket = 0; bucket < table->size; ++bucket) {
-        for (const HashEntry* entry = table->buckets[bucket]; entry; entry = entry->next) {
-            if (entry->key) writer.members.push_back(entry);
-        }
-    }
+    ForEachEntry(table, [&](const HashEntry* entry) { writer.members.push_back(entry); });
     writer.text += u'{';
     for (bool isFirst = true; writer.members.size() > first; isFirst = false) {
         const HashEntry* last = writer.members.back();
@@ -141,6 +182,7 @@ void VectorToJSONArray(JsonWriter& writer, const Vector* vector) {
 std::u16string HashToJSONString(const HashTable* table) {
     Log4("\t Inside HashToJSONString() \n");
     JsonWriter writer;
+    Reserve(writer, table, ValueType::table);
     HashToJSONObject(writer, table);
     return std::move(writer.text);
 }
@@ -148,6 +190,7 @@ std::u16string HashToJSONString(const HashTable* table) {
 std::u16string VectorToJSONString(const Vector* vector) {
     Log4("\t Inside VectorToJSONString() \n");
     JsonWriter writer;
+    Reserve(writer, vector, ValueType::vector);
     VectorToJSONArray(writer, vector);
     return std::move(writer.text);
 }
