@@ -24,6 +24,15 @@ void MergeAllWorkflows(const HashTable* plan, Vector* merged) {
     }
 }
 
+/// Null when memory ran out. A period beyond 32 bits of seconds becomes the longest there is.
+std::unique_ptr<TimerSchedule> RepeatEveryMinutes(std::int32_t minutes) {
+    std::unique_ptr<TimerSchedule> schedule(new (std::nothrow) TimerSchedule{});
+    const std::int64_t seconds = std::int64_t{minutes} * 60;
+    constexpr std::int64_t longest = std::numeric_limits<std::uint32_t>::max();
+    if (schedule) schedule->detail.interval = static_cast<std::uint32_t>(std::min(seconds, longest));
+    return schedule;
+}
+
 }  // namespace
 
 void initializeScheduler() {
@@ -59,12 +68,9 @@ int AddSchedule(std::int32_t index, std::int32_t interval) {
         Log1("\t AddSchedule :: the interval of index [%d] is [%d], below 1: it is not scheduled \n", index, interval);
         return -1;
     }
-    std::unique_ptr<TimerSchedule> schedule(new (std::nothrow) TimerSchedule{});
+    std::unique_ptr<TimerSchedule> schedule = RepeatEveryMinutes(interval);
     std::unique_ptr<std::int32_t> argument(new (std::nothrow) std::int32_t(index));
     if (!schedule || !argument) return -1;
-    const std::int64_t seconds = std::int64_t{interval} * 60;
-    schedule->detail.interval =
-        static_cast<std::uint32_t>(std::min<std::int64_t>(seconds, std::numeric_limits<std::uint32_t>::max()));
     const auto now = static_cast<std::uint32_t>(GetNowSeconds());
     Log2(" Adding Schedule for index [%d], interval [%d] \n", index, interval);
     if (AddTimerTask(std::nullopt, now, CollectAndSaveData, argument.get(), schedule.get(), 0) == 0) return -1;

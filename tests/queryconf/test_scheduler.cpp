@@ -32,7 +32,8 @@ class Scheduler : public TestAgent {
 
     /// Adds a job that notes the seconds at which it runs, counted from the start.
     std::uint32_t Add(std::int32_t job, TimerInterval interval, std::int64_t delay = 0) {
-        auto* schedule = new TimerSchedule{1, interval};
+        static auto& keptReachable = *new std::vector<TimerSchedule*>;  // deleting entries leaves their schedules
+        auto* schedule = keptReachable.emplace_back(new TimerSchedule{1, interval});
         const auto fireTime = static_cast<std::uint32_t>(clock.nowSeconds() + delay);
         return AddTimerTask(std::nullopt, fireTime, Note, new std::int32_t(job), schedule, 0);
     }
