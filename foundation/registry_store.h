@@ -27,7 +27,8 @@ platform::Error ReadDwordRegistryData(platform::RootKey root, std::u16string_vie
                                       std::uint32_t& outNumber);
 
 /// Stores data, always given as text, as the type asked for; makes the key where it is missing. A name of "--" is the
-/// key's default value, data of "--" the empty text.
+/// key's default value, data of "--" the empty text. For a number the text is decimal and fits 32 bits, signed or not;
+/// invalidData otherwise, and nothing is stored.
 platform::Error writeValue(platform::RootKey root, std::u16string_view subKey, std::u16string_view valueName,
                            std::u16string_view data, platform::RegistryType type);
 

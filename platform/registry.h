@@ -2,6 +2,10 @@
 // case. Many processes may use one registry at once; a write is seen by the others as soon as it has returned, and a
 // process that is killed in the middle of a write leaves either the old value or the new one.
 //
+// What may name a key or a value, and how large data may be, stands in platform/registry_names.h; what may not gives
+// invalidName or invalidParameter. A handle to a key that has been deleted gives keyDeleted. busy: another process kept
+// the registry locked for five seconds.
+//
 // Results are system error numbers, 0 for success. Callable from any thread.
 #pragma once
 
@@ -71,8 +75,9 @@ struct RegistryOperations {
     /// Deletes a key with all keys and values below it; fileNotFound when it does not exist.
     std::function<Error(RootKey root, std::u16string_view subKey)> RegDeleteTreeW;
 
-    /// Waits until something may have changed in the registry, in this process or another, or until the time is over:
-    /// waitTimeout then.
+    /// Waits until something may have changed in the registry, in this process or another, since the call before it on
+    /// this handle, or until the time is over: waitTimeout then. The first call on a handle returns at once, so nothing is
+    /// missed between reading and waiting.
     std::function<Error(RegistryKey key, std::uint32_t milliseconds)> RegNotifyChangeKeyValue;
 };
 

@@ -19,11 +19,6 @@ using platform::RegistryType;
 using platform::RootKey;
 namespace error = platform::error;
 
-inline std::vector<std::byte> Bytes(std::string_view text) {
-    const auto* first = reinterpret_cast<const std::byte*>(text.data());
-    return {first, first + text.size()};
-}
-
 inline RegistryKey Open(std::u16string_view path, RegistryAccess access = RegistryAccess::allAccess,
                         const RegistryOperations& registry = Registry()) {
     RegistryKey key = 0;
@@ -45,8 +40,7 @@ inline Error SetBytes(std::u16string_view path, std::u16string_view name, std::s
     platform::RegistryDisposition disposition{};
     Error result = registry.RegCreateKeyExW(RootKey::localMachine, path, RegistryAccess::allAccess, key, disposition);
     if (result != error::success) return result;
-    const std::vector<std::byte> bytes = Bytes(data);
-    result = registry.RegSetValueExW(key, name, type, bytes.data(), bytes.size());
+    result = registry.RegSetValueExW(key, name, type, reinterpret_cast<const std::byte*>(data.data()), data.size());
     registry.RegCloseKey(key);
     return result;
 }

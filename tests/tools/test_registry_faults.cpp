@@ -35,12 +35,6 @@ pid_t Fork(const std::function<int()>& work) {
     return child;
 }
 
-int ExitCodeOf(pid_t child) {
-    int status = 0;
-    waitpid(child, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
 int CountUp(std::u16string_view name, int times) {
     for (int i = 1; i <= times; ++i) {
         const std::string former = GetBytes(u"Counters", name);
@@ -52,14 +46,10 @@ int CountUp(std::u16string_view name, int times) {
 
 TEST_F(RegistryFaults, ProcessesThatWriteAtOnceLoseNothing) {
     // From nothing: the processes also compete for making the file.
-    std::vector<pid_t> children;
-    for (const std::u16string_view name : {u"first", u"second", u"third"}) {
-        children.push_back(Fork([name] { return CountUp(name, 100); }));
-    }
-    for (const pid_t child : children) EXPECT_EQ(ExitCodeOf(child), 0);
-    for (const std::u16string_view name : {u"first", u"second", u"third"}) {
-        EXPECT_EQ(GetBytes(u"Counters", name), "100");
-    }
+    const std::u16string_view names[] = {u"first", u"second", u"third"};
+    for (const std::u16string_view name : names) Fork([name] { return CountUp(name, 100); });
+    for (int status = 0; wait(&status) > 0;) EXPECT_EQ(status, 0);
+    for (const std::u16string_view name : names) EXPECT_EQ(GetBytes(u"Counters", name), "100");
 }
 
 /// Counts up for ever and tells each number that has been stored.
@@ -133,43 +123,38 @@ TEST_F(RegistryFaults, ALockIsWaitedForAndThenGivenUp) {
 TEST_F(RegistryFaults, FilesThatAreNoRegistryAreLeftAlone) {
     struct Row {
         const char* title;
-        std::function<void(const fs::path&)> make;
+        std::string bytes;
+        const char* sql;  // for a file that SQLite makes
         Error read;
         Error write;
     };
+    constexpr Error corrupt = error::databaseCorrupt;
     const Row rows[] = {
-        {"text", [](const fs::path& path) { Write(path, "just some text, long enough to be looked at\n"); },
-         error::databaseCorrupt, error::databaseCorrupt},
-        {"a whole page of zeros", [](const fs::path& path) { Write(path, std::string(4096, '\0')); },
-         error::databaseCorrupt, error::databaseCorrupt},
-        {"another program's database", [](const fs::path& path) { RunSql(path, "CREATE TABLE key (id)"); },
-         error::databaseCorrupt, error::databaseCorrupt},
-        {"a registry of a later version",
-         [](const fs::path& path) {
-             RunSql(path, "CREATE TABLE t (a); PRAGMA application_id = 0x4B565247; PRAGMA user_version = 2");
-         },
-         error::databaseCorrupt, error::databaseCorrupt},
-        {"a registry without its tables",
-         [](const fs::path& path) { RunSql(path, "PRAGMA application_id = 0x4B565247; PRAGMA user_version = 1"); },
-         error::databaseCorrupt, error::databaseCorrupt},
-        {"a directory", [](const fs::path& path) { fs::create_directory(path); }, error::accessDenied,
-         error::accessDenied},
-        {"a pipe", [](const fs::path& path) { ASSERT_EQ(mkfifo(path.c_str(), 0600), 0); }, error::accessDenied,
-         error::accessDenied},
-        {"an empty file, as a process leaves that is killed at once", [](const fs::path& path) { Write(path, ""); },
-         error::fileNotFound, error::success},
+        {"text", "just some text, long enough to be looked at\n", nullptr, corrupt, corrupt},
+        {"a whole page of zeros", std::string(4096, '\0'), nullptr, corrupt, corrupt},
+        {"another program's database", "", "CREATE TABLE key (id)", corrupt, corrupt},
+        {"a later version", "", "PRAGMA application_id = 0x4B565247; PRAGMA user_version = 2", corrupt, corrupt},
+        {"no tables", "", "PRAGMA application_id = 0x4B565247; PRAGMA user_version = 1", corrupt, corrupt},
+        {"empty, as a process leaves it that is killed at once", "", nullptr, error::fileNotFound, error::success},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.title);
         CloseRegistry();
-        fs::remove_all(file.parent_path());
-        fs::create_directory(file.parent_path());
-        row.make(file);
-        const std::string before = fs::is_regular_file(file) ? Read(file) : "";
+        for (const char* suffix : {"", "-wal", "-shm"}) fs::remove(file.string() + suffix);
+        Write(file, row.bytes);
+        if (row.sql) RunSql(file, row.sql);
+        const std::string before = Read(file);
         for (int twice = 0; twice < 2; ++twice) EXPECT_EQ(TryOpen(u"K"), row.read);
         EXPECT_EQ(SetBytes(u"K", u"v", "1"), row.write);
-        EXPECT_TRUE(before.empty() || Read(file) == before) << "the file was changed";
+        EXPECT_TRUE(row.write == error::success || Read(file) == before) << "the file was changed";
     }
+    CloseRegistry();
+    fs::remove_all(file.parent_path());
+    fs::create_directories(file);
+    EXPECT_EQ(SetBytes(u"K", u"v", "1"), error::accessDenied) << "a directory";
+    fs::remove(file);
+    ASSERT_EQ(mkfifo(file.c_str(), 0600), 0);
+    EXPECT_EQ(SetBytes(u"K", u"v", "1"), error::accessDenied) << "a pipe";
 }
 
 TEST_F(RegistryFaults, AFileWithoutPermissionIsDenied) {
