@@ -1,5 +1,6 @@
 // The log on real files: levels, size counter, rotation by numbers, faults, and threads that log while others rotate.
 #include <filesystem>
+#include <fmt/format.h>
 #include <map>
 #include <set>
 #include <sstream>
