@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <cmath>
 #include <json-c/json.h>
+#include <json-c/json_visit.h>
 #include <limits>
 #include <memory>
 #include <new>
@@ -22,6 +23,9 @@ constexpr int nestingLimit = 32;
 
 /// In 16-bit units. json-c counts bytes in an int, and no unit becomes more than 5 bytes on the way to it.
 constexpr std::size_t largestDocument = std::size_t{64} << 20;
+
+/// A table is searched from its first key to the last, so what grows with the square of its size has to stay small.
+constexpr int mostMembersOfAnObject = 10000;
 
 struct JsonObjectDeleter {
     void operator()(json_object* object) const { json_object_put(object); }
@@ -164,6 +168,13 @@ void JSONArrayToVector(Vector* vector, json_object* array) {
     }
 }
 
+int RefuseHugeObject(json_object* value, int /*flags*/, json_object* /*parent*/, const char* /*key*/,
+                     std::size_t* /*index*/, void* /*argument*/) {
+    const bool isHuge =
+        json_object_get_type(value) == json_type_object && json_object_object_length(value) > mostMembersOfAnObject;
+    return isHuge ? JSON_C_VISIT_RETURN_ERROR : JSON_C_VISIT_RETURN_CONTINUE;
+}
+
 const char* WordsOf(json_tokener_error error) {
     return error == json_tokener_error_depth ? "nesting to deep" : json_tokener_error_desc(error);
 }
@@ -214,6 +225,8 @@ JsonReadResult JSONTextToHash(HashTable* table, std::u16string_view text) {
     const json_tokener_error error = json_tokener_get_error(tokener.get());
     if (error != json_tokener_success) return Failure(std::string(WordsOf(error)) + " " + Place(text, end));
     if (json_object_get_type(top.get()) != json_type_object) return Failure("the top level is no object");
+    if (json_c_visit(top.get(), 0, RefuseHugeObject, nullptr) != 0)
+        return Failure("an object has more than " + std::to_string(mostMembersOfAnObject) + " members");
     JSONObjectToHash(table, top.get());
     return {.ok = true, .message = TextBehindTheEnd(text, narrow, end)};
 }

