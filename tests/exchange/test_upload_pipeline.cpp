@@ -256,17 +256,22 @@ TEST_F(UploadPipeline, AKilledPackingLeavesNoHalfZipAndOverwritesNoQueuedOne) {
     EXPECT_EQ(NamesInZip(Read(zipdata / "Agent_K7_2.zip")).size(), 2U);
 }
 
-TEST_F(UploadPipeline, ABusyRecordIsWaitedFor) {
+TEST_F(UploadPipeline, ABusyRecordIsWaitedForAndNoRecordGoesBeforeItsZipIsComplete) {
     WriteRecords(1, 2);
-    std::ofstream writer(data / "Agent_K7_1.txt");
-    int waits = 0;
+    std::ofstream writer(data / "Agent_K7_2.txt");
+    clock.endMilliseconds = clock.nowMilliseconds() + 20000;
+    EXPECT_THROW(PackRecordFiles(u"zipdata\\Agent_K7_"), TimeIsUp);  // ends here as if killed
+    EXPECT_TRUE(Logged("StripTxtFiles :: IsFileisOpen returned failure for [data\\Agent_K7_2.txt]"));
+    EXPECT_EQ(FilesIn(data).size(), 2U);
+    EXPECT_THAT(FilesIn(zipdata), ElementsAre("Agent_K7_1.tmp"));
+
+    clock.endMilliseconds = INT64_MAX;
     clock.onSleep = [&](std::uint32_t milliseconds) {
-        if (milliseconds == 5000 && ++waits == 3) writer.close();
+        if (milliseconds == 5000) writer.close();
     };
     PackRecordFiles(u"zipdata\\Agent_K7_");
-    EXPECT_EQ(waits, 3);
-    EXPECT_TRUE(Logged("StripTxtFiles :: IsFileisOpen returned failure for [data\\Agent_K7_1.txt]"));
-    EXPECT_EQ(NamesInZip(Read(zipdata / "Agent_K7_1.zip")).size(), 2U);
+    EXPECT_THAT(FilesIn(data), IsEmpty());
+    EXPECT_EQ(NamesInZip(Read(zipdata / "Agent_K7_2.zip")).size(), 2U);
 }
 
 TEST_F(UploadPipeline, FailuresWhilePackingAreLoggedAndLeaveNothingHalfDone) {
