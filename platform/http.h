@@ -37,7 +37,8 @@ enum class HttpOption : std::uint32_t {
     proxyPassword = 0x1003,
 };
 
-/// Bits of HttpOption::securityFlags.
+/// Bits of HttpOption::securityFlags: what is let pass in the server's certificate. On Linux a bad date or usage passes
+/// together with an unknown authority and not by itself.
 inline constexpr std::uint32_t ignoreUnknownAuthority = 0x100;
 inline constexpr std::uint32_t ignoreWrongUsage = 0x200;
 inline constexpr std::uint32_t ignoreInvalidCommonName = 0x1000;
@@ -60,9 +61,9 @@ struct HttpOperations {
     std::function<Error(HttpHandle session, std::u16string_view server, std::uint16_t port, HttpHandle& connection)>
         WinHttpConnect;
 
-    /// The URL is a path and query as it stands; what the transport must encode (blanks, other control characters and
-    /// everything beyond ASCII, as UTF-8) it encodes, and keeps all else, escapes included. acceptTypes is one media range
-    /// or empty.
+    /// The verb is GET or POST. The URL is a path and query as it stands; what a request line cannot carry the transport
+    /// percent-encodes as UTF-8: blanks, control characters, everything beyond ASCII, "<>\^`{|}, # and a % that begins no
+    /// escape. All else is kept, escapes included. acceptTypes is one media range or empty.
     std::function<Error(HttpHandle connection, std::u16string_view verb, std::u16string_view url,
                         std::u16string_view acceptTypes, std::uint32_t flags, HttpHandle& request)>
         WinHttpOpenRequest;
@@ -77,7 +78,8 @@ struct HttpOperations {
     /// Sends the request with its body, if any. The data must stay valid until WinHttpReceiveResponse has returned.
     std::function<Error(HttpHandle request, const std::byte* data, std::size_t size)> WinHttpSendRequest;
 
-    /// Waits for the answer's status and headers.
+    /// Waits for the answer's status and headers. Redirects are followed, ten at the most (12156 beyond them) and never
+    /// from a secure connection to a plain one; such a redirect is the answer. So is a proxy's refusal of a tunnel.
     std::function<Error(HttpHandle request)> WinHttpReceiveResponse;
 
     /// Raw headers: the size needed is given as text length; each line ends in CRLF, an empty line ends the whole.
@@ -88,7 +90,7 @@ struct HttpOperations {
     /// declared length is a winHttpConnectionError here or in WinHttpReadData, never a silent end.
     std::function<Error(HttpHandle request, std::size_t& available)> WinHttpQueryDataAvailable;
 
-    /// Reads at most size bytes; read is 0 at the end of the body.
+    /// Reads size bytes, or fewer where the body ends before; read is 0 at the end of the body.
     std::function<Error(HttpHandle request, std::byte* buffer, std::size_t size, std::size_t& read)> WinHttpReadData;
 
     std::function<Error(HttpHandle handle)> WinHttpCloseHandle;

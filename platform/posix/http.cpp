@@ -76,7 +76,7 @@ HttpHandle AddHandle(Node node) {
 }
 
 template <class T>
-Error FindHandle(HttpHandle handle, std::shared_ptr<T>& found) {
+Error Resolve(HttpHandle handle, std::shared_ptr<T>& found) {
     HandleTable& table = Handles();
     const std::lock_guard lock(table.mutex);
     const auto entry = table.nodes.find(handle);
@@ -109,7 +109,7 @@ Error Open(std::u16string_view userAgent, HttpProxyAccess access, const std::opt
 
 Error Connect(HttpHandle session, std::u16string_view server, std::uint16_t port, HttpHandle& connection) {
     std::shared_ptr<Session> owner;
-    if (const Error failure = FindHandle(session, owner)) return failure;
+    if (const Error failure = Resolve(session, owner)) return failure;
     if (!IsHostName(server)) return error::winHttpInvalidUrl;
     auto named = std::make_shared<Connection>();
     named->session = std::move(owner);
@@ -122,7 +122,7 @@ Error Connect(HttpHandle session, std::u16string_view server, std::uint16_t port
 Error OpenRequest(HttpHandle connection, std::u16string_view verb, std::u16string_view url,
                   std::u16string_view acceptTypes, std::uint32_t flags, HttpHandle& request) {
     std::shared_ptr<Connection> owner;
-    if (const Error failure = FindHandle(connection, owner)) return failure;
+    if (const Error failure = Resolve(connection, owner)) return failure;
     if (verb != u"GET" && verb != u"POST") return error::invalidParameter;
     auto target = MakeHttpTarget((flags & httpFlagSecure) != 0, owner->server, owner->port, url);
     if (!target) return error::winHttpInvalidUrl;
@@ -142,7 +142,7 @@ Error OpenRequest(HttpHandle connection, std::u16string_view verb, std::u16strin
 
 Error AddRequestHeaders(HttpHandle request, std::u16string_view header) {
     std::shared_ptr<Request> owner;
-    if (const Error failure = FindHandle(request, owner)) return failure;
+    if (const Error failure = Resolve(request, owner)) return failure;
     const std::size_t colon = header.find(u':');
     if (colon == 0 || colon == std::u16string_view::npos ||
         header.find_first_of(u"\r\n") != std::u16string_view::npos) {
@@ -170,7 +170,7 @@ std::uint32_t* NumberOption(Request& request, HttpOption option) {
 
 Error SetOptionNumber(HttpHandle request, HttpOption option, std::uint32_t value) {
     std::shared_ptr<Request> owner;
-    if (const Error failure = FindHandle(request, owner)) return failure;
+    if (const Error failure = Resolve(request, owner)) return failure;
     std::uint32_t* place = NumberOption(*owner, option);
     if (place == nullptr) return error::winHttpInvalidOption;
     *place = value;
@@ -179,7 +179,7 @@ Error SetOptionNumber(HttpHandle request, HttpOption option, std::uint32_t value
 
 Error QueryOption(HttpHandle request, HttpOption option, std::uint32_t& value) {
     std::shared_ptr<Request> owner;
-    if (const Error failure = FindHandle(request, owner)) return failure;
+    if (const Error failure = Resolve(request, owner)) return failure;
     const std::uint32_t* place = NumberOption(*owner, option);
     if (place == nullptr) return error::winHttpInvalidOption;
     value = *place;
@@ -188,7 +188,7 @@ Error QueryOption(HttpHandle request, HttpOption option, std::uint32_t& value) {
 
 Error SetOptionText(HttpHandle request, HttpOption option, std::u16string_view value) {
     std::shared_ptr<Request> owner;
-    if (const Error failure = FindHandle(request, owner)) return failure;
+    if (const Error failure = Resolve(request, owner)) return failure;
     if (option == HttpOption::proxyUserName) {
         owner->proxyUser = Utf8FromWide(value);
     } else if (option == HttpOption::proxyPassword) {
@@ -226,7 +226,7 @@ Error SendTo(Request& request, const HttpTarget& target, bool post) {
 
 Error SendRequest(HttpHandle request, const std::byte* data, std::size_t size) {
     std::shared_ptr<Request> owner;
-    if (const Error failure = FindHandle(request, owner)) return failure;
+    if (const Error failure = Resolve(request, owner)) return failure;
     owner->body = data;
     owner->bodySize = data == nullptr ? 0 : size;
     return SendTo(*owner, owner->target, owner->post);
@@ -257,7 +257,7 @@ Error ReceiveAnswer(Request& request) {
 
 Error ReceiveResponse(HttpHandle request) {
     std::shared_ptr<Request> owner;
-    if (const Error failure = FindHandle(request, owner)) return failure;
+    if (const Error failure = Resolve(request, owner)) return failure;
     if (!owner->transfer) return error::winHttpIncorrectHandleState;
     const Error result = ReceiveAnswer(*owner);
     if (result != error::success) owner->transfer.reset();
@@ -266,7 +266,7 @@ Error ReceiveResponse(HttpHandle request) {
 
 /// The answer of a request whose headers have come.
 Error FindAnswer(HttpHandle request, std::shared_ptr<Request>& owner) {
-    if (const Error failure = FindHandle(request, owner)) return failure;
+    if (const Error failure = Resolve(request, owner)) return failure;
     return owner->transfer && owner->transfer->hasHeaders() ? error::success : error::winHttpIncorrectHandleState;
 }
 

@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <array>
+#include <cstdint>
 #include <netinet/in.h>
 #include <poll.h>
 #include <stdexcept>

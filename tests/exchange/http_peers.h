@@ -1,7 +1,6 @@
 // Servers that a transaction meets in tests beside the well-behaved ones: one that says anything, and a proxy.
 #pragma once
 
-#include <atomic>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -20,7 +19,7 @@ class RawServer {
     explicit RawServer(Handler handler);
     ~RawServer();
 
-    /// Everything that was read of the requests, in the order of their coming.
+    /// The headers of all requests, in the order of their coming.
     std::vector<std::string> requests() const;
 
     int port = 0;
@@ -36,15 +35,12 @@ class RawServer {
     std::thread acceptor_;
 };
 
-/// Sends a text and no more: a handler.
-RawServer::Handler Says(std::string text);
-
-/// Sends a text and then nothing until the other side hangs up: a handler.
-RawServer::Handler SaysAndHolds(std::string text);
-
-/// A forwarding proxy, for tunnels and plain requests; answers 407 to those without the credentials it wants.
-RawServer::Handler Forwards(std::string wantedAuthorization = "");
-
 void SendText(int connection, std::string_view text);
+
+/// Handlers: send a text and hang up; send it and wait until the other side hangs up; forward tunnels and plain
+/// requests as a proxy that answers 407 to those without the credentials it wants.
+RawServer::Handler Says(std::string text);
+RawServer::Handler SaysAndHolds(std::string text);
+RawServer::Handler Forwards(std::string wantedAuthorization);
 
 }  // namespace kv::test
