@@ -9,7 +9,6 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
-#include <fmt/printf.h>
 #include <mutex>
 #include <optional>
 #include <span>

@@ -1,15 +1,14 @@
 #include "tests/end_to_end/installed_agent.h"
 
-#include <fcntl.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-
 #include <chrono>
 #include <cstdlib>
+#include <fcntl.h>
 #include <fstream>
+#include <signal.h>
+#include <spawn.h>
 #include <sstream>
 #include <stdexcept>
+#include <sys/wait.h>
 #include <thread>
 #include <vector>
 
@@ -62,6 +61,12 @@ void InstalledAgent::setText(std::u16string_view subKey, std::u16string_view nam
         throw std::runtime_error("the registry of the test cannot be written");
 }
 
+void InstalledAgent::setNumber(std::u16string_view subKey, std::u16string_view name, int value) const {
+    if (writeValue(platform::RootKey::localMachine, KeyOf(subKey), name, DecimalText(value),
+                   platform::RegistryType::dword) != 0)
+        throw std::runtime_error("the registry of the test cannot be written");
+}
+
 std::string InstalledAgent::text(std::u16string_view subKey, std::u16string_view name) const {
     OptionalText value;
     ReadRegSZ(platform::RootKey::localMachine, KeyOf(subKey), name, value);
@@ -74,14 +79,21 @@ void InstalledAgent::setServer(int port, std::u16string_view protocol) const {
 }
 
 void InstalledAgent::writePlan(std::string_view json) const {
-    std::ofstream(monitoring / "conf" / "queryconf.txt", std::ios::binary)
-        << Utf16LittleEndianBytes(platform::WideFromUtf8(json));
+    write(monitoring / "conf" / "queryconf.txt", Utf16LittleEndianBytes(platform::WideFromUtf8(json)));
 }
 
 void InstalledAgent::writeScript(std::string_view name, std::string_view body) const {
     const fs::path path = monitoring / "conf" / "scripts" / name;
-    std::ofstream(path) << "#!/bin/sh\n" << body << '\n';
+    write(path, "#!/bin/sh\n" + std::string(body) + "\n");
     fs::permissions(path, fs::perms::owner_all);
+}
+
+void InstalledAgent::makeCertificate(std::string& certificate, std::string& privateKey) const {
+    certificate = (folder / "certificate.pem").string();
+    privateKey = (folder / "key.pem").string();
+    const std::string command = "openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj /CN=lab -keyout '" +
+                                privateKey + "' -out '" + certificate + "' 2>/dev/null";
+    if (std::system(command.c_str()) != 0) throw std::runtime_error("no certificate could be made");
 }
 
 void InstalledAgent::start(std::initializer_list<const char*> arguments) {
@@ -132,6 +144,11 @@ std::string InstalledAgent::read(const fs::path& path) {
     std::ostringstream bytes;
     bytes << file.rdbuf();
     return bytes.str();
+}
+
+void InstalledAgent::write(const fs::path& path, std::string_view bytes) {
+    fs::create_directories(path.parent_path());
+    std::ofstream(path, std::ios::binary) << bytes;
 }
 
 }  // namespace kv::test

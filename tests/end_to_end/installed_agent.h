@@ -1,17 +1,16 @@
 // A real agent program in an install tree of its own.
 #pragma once
 
-#include <sys/types.h>
-
 #include <filesystem>
 #include <initializer_list>
 #include <string>
 #include <string_view>
+#include <sys/types.h>
 
 namespace kv::test {
 
-/// Makes an install tree and a state directory in a temporary folder, with every required setting pointing to a server on
-/// this machine's loopback. Kills what still runs and removes the folder at its end.
+/// Makes an install tree and a state directory in a temporary folder, with every required setting pointing to a server
+/// on this machine's loopback. Kills what still runs and removes the folder at its end.
 class InstalledAgent {
   public:
     InstalledAgent();
@@ -27,12 +26,16 @@ class InstalledAgent {
 
     /// Settings, by the last part of their key: "" for the agent's own, "\ServerInfo" and so on.
     void setText(std::u16string_view subKey, std::u16string_view name, std::u16string_view value) const;
+    void setNumber(std::u16string_view subKey, std::u16string_view name, int value) const;
     std::string text(std::u16string_view subKey, std::u16string_view name) const;
     void setServer(int port, std::u16string_view protocol) const;
 
     /// Writes the plan, given as UTF-8 JSON, and an executable script.
     void writePlan(std::string_view json) const;
     void writeScript(std::string_view name, std::string_view body) const;
+
+    /// A self-signed certificate and its key, as PEM files in the folder.
+    void makeCertificate(std::string& certificate, std::string& privateKey) const;
 
     /// Starts the program; its output is dropped.
     void start(std::initializer_list<const char*> arguments);
@@ -57,6 +60,7 @@ class InstalledAgent {
     static void pause(int milliseconds);
 
     static std::string read(const std::filesystem::path& path);
+    static void write(const std::filesystem::path& path, std::string_view bytes);
 
   private:
     int wait();

@@ -1,0 +1,134 @@
+// The real program against a real server: enrolment, collection, and what a kill leaves behind.
+#include <gtest/gtest.h>
+#include <map>
+#include <random>
+#include <set>
+
+#include "foundation/file_utils.h"
+#include "jsontext/hash_json.h"
+#include "lab/server.h"
+#include "platform/utf.h"
+#include "tests/end_to_end/installed_agent.h"
+
+namespace kv::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* onePlan =
+    R"({ "WorkFlows": [ { "wfname": "w", "interval": 1, "recordSetName": [)"
+    R"({ "script": "one.sh", "Name": "One", "params": "", "response_needed": "true" },)"
+    R"({ "script": "one.sh", "Name": "Two", "params": "", "response_needed": "true" } ] } ] })";
+constexpr const char* oneScript = R"(printf '{ "AGENTKEY": "%s", "%s": [ { "Value": "caf\303\251" } ] }' "$1" "$2")";
+
+std::set<fs::path> RecordFiles(const InstalledAgent& agent) {
+    std::set<fs::path> files;
+    if (!fs::exists(agent.data)) return files;
+    for (const auto& entry : fs::directory_iterator(agent.data)) {
+        if (entry.path().extension() == ".txt") files.insert(entry.path());
+    }
+    return files;
+}
+
+bool IsCompleteRecord(const std::string& bytes) {
+    const HashTablePtr table = MakeHashTable();
+    return JSONTextToHash(table.get(), TextFromUtf16LittleEndian(bytes)).ok;
+}
+
+TEST(AgentRun, EnrolsAndCollectsByThePlan) {
+    const InstalledAgent* installed = nullptr;
+    for (const char16_t* protocol : {u"http", u"HTTPS"}) {
+        SCOPED_TRACE(platform::Utf8FromWide(protocol));
+        InstalledAgent agent;
+        installed = &agent;
+        const bool secure = std::u16string_view(protocol) == u"HTTPS";
+        lab::ServerOptions options;
+        options.database = (agent.folder / "lab.db").string();
+        if (secure) agent.makeCertificate(options.certificate, options.privateKey);
+        const lab::LabServer server(options);
+        agent.setServer(server.port(), protocol);
+        agent.writePlan(onePlan);
+        agent.writeScript("one.sh", oneScript);
+        agent.start({"/t"});
+        ASSERT_TRUE(InstalledAgent::eventually([&] { return RecordFiles(*installed).size() == 2; })) << agent.log();
+        EXPECT_EQ(agent.text(u"\\Monitoring", u"MonitoringAgentKey"), "LAB1");
+        EXPECT_EQ(agent.text(u"", u"EnableSendAgentStatus"), "yes");
+        EXPECT_EQ(InstalledAgent::read(agent.data / "Agent_LAB1_2.txt"),
+                  Utf16LittleEndianBytes(u"{ \"AGENTKEY\": \"LAB1\", \"One\": [ { \"Value\": \"caf\u00e9\" } ] }"));
+    }
+}
+
+TEST(AgentRun, WithAKeyItCollectsWhileItsServerIsDown) {
+    InstalledAgent agent;
+    agent.setText(u"\\Monitoring", u"MonitoringAgentKey", u"K7");
+    agent.writePlan(onePlan);
+    agent.writeScript("one.sh", oneScript);
+    agent.start({"/t"});
+    ASSERT_TRUE(InstalledAgent::eventually([&] { return RecordFiles(agent).size() == 2; })) << agent.log();
+    EXPECT_NE(agent.log().find("Going on with the agent key of an earlier run"), std::string::npos);
+}
+
+TEST(AgentRun, ABrokenPlanLeavesItRunning) {
+    const struct {
+        const char* title;
+        const char* plan;
+    } cases[] = {
+        {"empty", ""},
+        {"truncated", R"({ "WorkFlows": [ { "interval": 1, )"},
+        {"no object", R"([ 1, 2 ])"},
+        {"an interval of 0", R"({ "WorkFlows": [ { "wfname": "w", "interval": 0, "recordSetName": [] } ] })"},
+    };
+    for (const auto& each : cases) {
+        SCOPED_TRACE(each.title);
+        InstalledAgent agent;
+        agent.setText(u"\\Monitoring", u"MonitoringAgentKey", u"K7");
+        agent.writePlan(each.plan);
+        agent.start({"/t"});
+        EXPECT_TRUE(InstalledAgent::eventually([&] {
+            return agent.log().find("queryconf.txt") != std::string::npos &&
+                   agent.log().find("sleeping for 1 minute") != std::string::npos;
+        })) << agent.log();
+        EXPECT_TRUE(agent.running());
+    }
+}
+
+TEST(AgentRun, ADataDirectoryThatCannotBeMadeIsLogged) {
+    InstalledAgent agent;
+    agent.setText(u"\\Monitoring", u"MonitoringAgentKey", u"K7");
+    agent.writePlan(onePlan);
+    agent.writeScript("one.sh", oneScript);
+    InstalledAgent::write(agent.data, "a file stands where the directory belongs");
+    agent.start({"/t"});
+    EXPECT_TRUE(InstalledAgent::eventually([&] {
+        return agent.log().find("Unable to create a output file") != std::string::npos;
+    })) << agent.log();
+    EXPECT_TRUE(agent.running());
+}
+
+TEST(AgentRun, KilledAtRandomMomentsItLosesNoCompleteRecord) {
+    InstalledAgent agent;
+    agent.setText(u"\\Monitoring", u"MonitoringAgentKey", u"K7");
+    agent.writePlan(onePlan);
+    agent.writeScript("one.sh", oneScript);
+    std::mt19937 random(20261124);
+    std::uniform_int_distribution<int> moment(1, 120);
+    std::map<fs::path, std::string> records;
+    for (int round = 0; round < 10; ++round) {
+        agent.start({"/t"});
+        const std::size_t before = records.size();
+        // Half of the rounds are killed while the agent starts, half while it writes.
+        if (round % 2 == 1) InstalledAgent::eventually([&] { return RecordFiles(agent).size() > before; }, 3000);
+        InstalledAgent::pause(moment(random));
+        agent.kill();
+        for (const auto& [path, bytes] : records) ASSERT_EQ(InstalledAgent::read(path), bytes) << path;
+        for (const fs::path& path : RecordFiles(agent)) {
+            const std::string bytes = InstalledAgent::read(path);
+            EXPECT_TRUE(IsCompleteRecord(bytes)) << path;
+            records[path] = bytes;
+        }
+    }
+    EXPECT_GE(records.size(), 5U);
+}
+
+}  // namespace
+}  // namespace kv::test

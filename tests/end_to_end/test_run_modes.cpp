@@ -1,0 +1,75 @@
+// The real program, one-shot: run modes, and what it does without the settings it needs.
+#include <gtest/gtest.h>
+#include <initializer_list>
+
+#include "tests/end_to_end/installed_agent.h"
+
+namespace kv::test {
+namespace {
+
+TEST(RunModes, OneShotModesEndWithTheirExitCodes) {
+    struct Case {
+        const char* title;
+        std::initializer_list<const char*> arguments;
+        int exitCode;
+        const char* logged;  // in agent.log
+    };
+    const Case cases[] = {
+        {"an unknown argument", {"-i"}, 0, "Invalid parameter -i\n"},
+        {"install, in capitals", {"/I"}, 1, "Going to install service\n"},
+        {"remove", {"/u"}, 1, "Calling UN-INSTALL option\n"},
+        {"by hand, without a service manager", {}, 0, "Error code : 1063, Error Message : "},
+    };
+    for (const Case& each : cases) {
+        SCOPED_TRACE(each.title);
+        InstalledAgent agent;
+        agent.setNumber(u"", u"AgentLogLevel", 3);
+        EXPECT_EQ(agent.run(each.arguments), each.exitCode);
+        EXPECT_NE(agent.log().find(each.logged), std::string::npos) << agent.log();
+    }
+}
+
+TEST(RunModes, ByHandLeavesItsNotesBesideTheLog) {
+    InstalledAgent agent;
+    EXPECT_EQ(agent.run({}), 0);
+    EXPECT_EQ(InstalledAgent::read(agent.state / "drive_c" / "test.txt"),
+              "Entered into StartServiceCtrlDispatcher!\n1063\n");
+}
+
+TEST(RunModes, MonitorPrintsTheConfigurationToItsOwnLog) {
+    InstalledAgent agent;
+    agent.setNumber(u"", u"AgentLogLevel", 2);
+    agent.setText(u"\\ServerInfo", u"KVServerSecIPAddress", u"1.2");
+    EXPECT_EQ(agent.run({"/MONITOR", "ignored"}), 1);
+    EXPECT_EQ(agent.run({"/monitor"}), 1);
+    const std::string log = agent.testMonitorLog();
+    EXPECT_NE(log.find("getCSDetails() :: CS name : localhost\n"), std::string::npos) << log;
+    EXPECT_NE(log.find("gv_DataCollTmout : 360\n"), std::string::npos);
+    EXPECT_NE(log.find("LOGGING STOPPED"), log.rfind("LOGGING STOPPED")) << "the second run appends";
+    EXPECT_TRUE(agent.log().empty());
+}
+
+TEST(RunModes, WithoutAPlaceToRunFromItSaysSo) {
+    const struct {
+        const char* title;
+        void (*spoil)(const InstalledAgent& agent);
+    } cases[] = {
+        {"no registry", [](const InstalledAgent& agent) { std::filesystem::remove_all(agent.state); }},
+        {"a registry that is no database",
+         [](const InstalledAgent& agent) {
+             std::filesystem::remove_all(agent.state);
+             InstalledAgent::write(agent.state / "registry.db", std::string(5000, 'x'));
+         }},
+    };
+    for (const auto& each : cases) {
+        SCOPED_TRACE(each.title);
+        InstalledAgent agent;
+        each.spoil(agent);
+        EXPECT_EQ(agent.run({"/t"}), 1);
+        EXPECT_EQ(InstalledAgent::read(agent.state / "drive_c" / "test.txt"),
+                  "Not able to fetch the KV Agent installation directory from the registry\n");
+    }
+}
+
+}  // namespace
+}  // namespace kv::test
