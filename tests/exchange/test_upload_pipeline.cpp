@@ -247,7 +247,7 @@ TEST_F(UploadPipeline, ALongOutageLosesNoRecord) {
 
 TEST_F(UploadPipeline, AKilledPackingLeavesNoHalfZipAndOverwritesNoQueuedOne) {
     WriteRecords(1, 2);
-    Write(zipdata / "Agent_K7_2.tmp", "half a zip");
+    Write(zipdata / "Agent_K7_9.tmp", "half a zip");
     QueueZips({"Agent_K7_1.zip"});
     server->status = 503;
     RunFor(61);
