@@ -66,7 +66,7 @@ Options ParseOptions(const Command& command, const std::vector<std::string>& wor
 
 bool Has(const Options& options, std::string_view name) { return options.find(name) != options.end(); }
 
-std::string Value(const Options& options, std::string_view name, std::string fallback = "") {
+std::string Value(const Options& options, std::string_view name, const std::string& fallback = "") {
     const auto found = options.find(name);
     return found == options.end() ? fallback : found->second.front();
 }
