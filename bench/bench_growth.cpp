@@ -71,7 +71,6 @@ struct InstallTree {
 };
 
 void StartAgent(const InstallTree& tree) {
-    platform::InstallBackend();
     kv::InitMutex();
     kv::InitResourceLockTable();
     kv::InitAgentParams();
@@ -103,8 +102,9 @@ void RunTimes(kv::test::VirtualClock& clock, std::uint32_t runs) {
 
 int main() {
     const InstallTree tree;
-    StartAgent(tree);
+    platform::InstallBackend();
     kv::test::VirtualClock clock;
+    StartAgent(tree);
     RunTimes(clock, warmUpRuns);
     const Memory before = MeasureMemory();
     RunTimes(clock, measuredRuns);
