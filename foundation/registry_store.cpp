@@ -1,6 +1,7 @@
 #include "foundation/registry_store.h"
 
 #include <cstring>
+#include <span>
 #include <vector>
 
 #include "foundation/log.h"
@@ -70,9 +71,9 @@ std::optional<std::vector<std::byte>> BytesOf(std::u16string_view data, Registry
         std::memcpy(bytes.data(), &*number, bytes.size());
         return bytes;
     }
-    const std::size_t textBytes = data.size() * sizeof(char16_t);
-    std::vector<std::byte> bytes(textBytes + (type == RegistryType::multiText ? 13 : 1));
-    std::memcpy(bytes.data(), data.data(), textBytes);
+    const std::span<const std::byte> text = std::as_bytes(std::span(data));
+    std::vector<std::byte> bytes(text.begin(), text.end());
+    bytes.resize(text.size() + (type == RegistryType::multiText ? 13 : 1));
     return bytes;
 }
 
