@@ -109,18 +109,18 @@ bool PackFile(const ZipInProgress& zip, const std::u16string& path) {
 bool FinishZip(ZipInProgress& zip, const std::u16string& path) {
     if (zip.zip == nullptr) return true;
     const ZipResult result = CloseZip(std::exchange(zip.zip, nullptr));
-    platform::Error error = platform::error::success;
     if (result != zip_result::ok) {
         zip.LogFailure("close", result);
-    } else {
-        error = platform::Files().MoveFileExW(zip.temporaryPath, path, false);
-        if (error == platform::error::success) return true;
-        Log1("\t StripTxtFiles :: Not able to rename [%s] to [%s]\n", zip.temporaryPath, path);
-        LogLastSystemError(error);
+        // Without its directory it is no archive: the server would refuse it on every pass, for ever.
+        platform::Files().DeleteFileW(zip.temporaryPath);
+        return true;
     }
-    // Without its directory it is no archive: the server would refuse it on every pass, for ever.
+    const platform::Error error = platform::Files().MoveFileExW(zip.temporaryPath, path, false);
+    if (error == platform::error::success) return true;
+    Log1("\t StripTxtFiles :: Not able to rename [%s] to [%s]\n", zip.temporaryPath, path);
+    LogLastSystemError(error);
     platform::Files().DeleteFileW(zip.temporaryPath);
-    return error == platform::error::success;
+    return false;
 }
 
 void DeletePackedFiles(const std::vector<std::u16string>& paths) {
