@@ -40,14 +40,15 @@ enum class RegistryDisposition : std::uint32_t { created = 1, opened = 2 };
 using RegistryKey = std::uintptr_t;
 
 struct RegistryOperations {
-    /// Opens an existing key. fileNotFound when it does not exist; databaseCorrupt or accessDenied when the store itself
-    /// cannot be read.
+    /// Opens an existing key. fileNotFound when it does not exist; databaseCorrupt or accessDenied when the store
+    /// itself cannot be read.
     std::function<Error(RootKey root, std::u16string_view subKey, RegistryAccess access, RegistryKey& key)>
         RegOpenKeyExW;
 
     /// Reads a value's type and bytes. With data null only the type and size are given. On the way in, size is the room
-    /// in data; on the way out the value's size in bytes. moreData when the room is too small (size then says how much is
-    /// needed, nothing is copied); fileNotFound when there is no such value. An empty name is the key's default value.
+    /// in data; on the way out the value's size in bytes. moreData when the room is too small (size then says how much
+    /// is needed, nothing is copied); fileNotFound when there is no such value. An empty name is the key's default
+    /// value.
     std::function<Error(RegistryKey key, std::u16string_view valueName, RegistryType* type, std::byte* data,
                         std::size_t& size)>
         RegQueryValueExW;
@@ -76,8 +77,8 @@ struct RegistryOperations {
     std::function<Error(RootKey root, std::u16string_view subKey)> RegDeleteTreeW;
 
     /// Waits until something may have changed in the registry, in this process or another, since the call before it on
-    /// this handle, or until the time is over: waitTimeout then. The first call on a handle returns at once, so nothing is
-    /// missed between reading and waiting.
+    /// this handle, or until the time is over: waitTimeout then. The first call on a handle returns at once, so nothing
+    /// is missed between reading and waiting.
     std::function<Error(RegistryKey key, std::uint32_t milliseconds)> RegNotifyChangeKeyValue;
 };
 
