@@ -113,7 +113,6 @@ bool TakeRestart(HttpAttempt& attempt) {
          attempt.target.server);
     attempt.restartUsed = true;
     attempt.request.Close();
-    attempt.result = error::success;
     if (attempt.restartReopensSession) {
         attempt.retired.push_back(std::exchange(attempt.connection, OwnedHttpHandle(attempt.routine)));
         attempt.retired.push_back(std::exchange(attempt.session, OwnedHttpHandle(attempt.routine)));

@@ -56,7 +56,7 @@ struct HttpAttempt {
     OwnedHttpHandle connection{routine};
     OwnedHttpHandle request{routine};
     bool restartUsed = false;
-    platform::Error result = platform::error::success;  // a resend round leaves its error here
+    platform::Error result = platform::error::success;  // a resend round leaves its error here, beyond a restart too
 };
 
 /// Opens session, connection and request, sends, and waits for the answer: up to five rounds, and at most one restart.

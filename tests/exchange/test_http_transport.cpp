@@ -118,11 +118,12 @@ class HttpTransport : public TestAgent {
 TEST_F(HttpTransport, SaysExactlyWhatItShouldOnTheWire) {
     RawServer server(Says("HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n"));
     const std::string host = "Host: 127.0.0.1:" + std::to_string(server.port) + "\r\n";
-    EXPECT_EQ(Get(server.port, u"\\a\\b?c=d"), 0u);
+    EXPECT_EQ(Get(server.port, u"\\a\\b?c=5% d%20e"), 0u);
     EXPECT_EQ(Post(server.port, u"/p", "12345"), 0u);
     EXPECT_EQ(Post(server.port, u"/p", ""), 0u);
+    ASSERT_EQ(server.requests().size(), 3u);
     EXPECT_EQ(server.requests()[0],
-              "GET /a/b?c=d HTTP/1.1\r\n" + host +
+              "GET /a/b?c=5%25%20d%20e HTTP/1.1\r\n" + host +
                   "User-Agent: TallowmereOnCallAgent\r\nAccept: */*\r\nCache-Control: no-cache\r\n"
                   "Pragma: no-cache\r\nConnection: Closed\r\n\r\n");
     EXPECT_THAT(server.requests()[1], StartsWith("POST /p HTTP/1.1\r\n"));
