@@ -7,6 +7,7 @@
 
 #include "foundation/agent_state.h"
 #include "foundation/log.h"
+#include "foundation/open_file.h"
 #include "foundation/registry_store.h"
 #include "foundation/resource_lock.h"
 #include "platform/files.h"
@@ -121,12 +122,10 @@ int OpenLogFile(std::u16string_view path) {
 }
 
 int CountLogFiles(std::u16string_view stem) {
-    platform::FindData found;
-    platform::FindHandle search = 0;
-    if (Files().FindFirstFileW(std::u16string(stem) + u"*.*", found, search) != error::success) return -1;
-    int count = 1;
-    while (Files().FindNextFileW(search, found) == error::success) ++count;
-    Files().FindClose(search);
+    FileSearch search(std::u16string(stem) + u"*.*");
+    if (!search.HasFile()) return -1;
+    int count = 0;
+    for (; search.HasFile(); search.Next()) ++count;
     return count;
 }
 

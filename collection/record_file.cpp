@@ -7,6 +7,7 @@
 #include "foundation/agent_state.h"
 #include "foundation/file_utils.h"
 #include "foundation/log.h"
+#include "foundation/open_file.h"
 #include "foundation/registry_store.h"
 #include "foundation/resource_lock.h"
 #include "foundation/system_error.h"
@@ -27,17 +28,13 @@ struct MatchingFiles {
 };
 
 MatchingFiles FindFiles(std::u16string_view pattern) {
-    const platform::FileOperations& files = platform::Files();
     MatchingFiles result;
-    platform::FindData found;
-    platform::FindHandle search = 0;
-    result.firstError = files.FindFirstFileW(pattern, found, search);
-    if (result.firstError != platform::error::success) return result;
-    do {
-        if (!found.isDirectory) result.names.push_back(found.fileName);
-        result.lastError = files.FindNextFileW(search, found);
-    } while (result.lastError == platform::error::success);
-    files.FindClose(search);
+    FileSearch search(pattern);
+    result.firstError = search.error;
+    for (; search.HasFile(); search.Next()) {
+        if (!search.file.isDirectory) result.names.push_back(search.file.fileName);
+    }
+    result.lastError = search.error;
     return result;
 }
 
@@ -93,19 +90,20 @@ std::u16string PrepareDataDirectory(const char* caller) {
     return directory;
 }
 
-std::u16string NextRecordName() {
-    Log4("\t@@@@@ Inside NextRecordName() @@@@@ \n");
+std::u16string NextRecordPath(std::u16string_view dataDirectory) {
+    Log4("\t@@@@@ Inside NextRecordPath() @@@@@ \n");
+    const std::u16string base = std::u16string(dataDirectory).append(u"\\Agent_").append(agentState.gv_agentKey.view());
     const ResourceLock lock(&agentState.gv_ocLastCreatedJSONNum);
-    const std::uint32_t number = ++agentState.gv_ocLastCreatedJSONNum;
-    std::u16string name = u"\\Agent_";
-    name += agentState.gv_agentKey.view();
-    name += u"_";
-    return name += DecimalText(number);
+    std::u16string path;
+    do {
+        path = base + u"_" + DecimalText(++agentState.gv_ocLastCreatedJSONNum);
+    } while (FileSearch(path + u".txt").HasFile());
+    return path;
 }
 
 std::optional<std::u16string> WriteRecordFile(std::u16string_view dataDirectory, std::u16string_view json) {
     Log3("\t Inside WriteRecordFile() \n");
-    const std::u16string path = ConcatStrings(dataDirectory, NextRecordName());
+    const std::u16string path = NextRecordPath(dataDirectory);
     const std::u16string record = path + u".txt";
     const platform::Error error = WriteCompleteFile(record, path + u".tmp", Utf16LittleEndianBytes(json));
     if (error == platform::error::success) return record;

@@ -12,9 +12,10 @@ namespace kv {
 /// Changes to gv_ocAgentBinPath, makes the data directory and returns its path; caller is the name in the log lines.
 std::u16string PrepareDataDirectory(const char* caller);
 
-/// Takes the next number, under its lock, and gives "\Agent_<key>_<number>" without extension. A number is used up
-/// whatever becomes of its file. Callable from any thread.
-std::u16string NextRecordName();
+/// Takes the next number, under its lock, and gives the path of that record file without extension. A number that a
+/// file in the directory still has is passed over: after a crash the numbers are rebuilt from file names, which goes
+/// wrong with an agent key that holds "_" or ".", and an unsent record must not be written over.
+std::u16string NextRecordPath(std::u16string_view dataDirectory);
 
 /// Writes a finished record text, in UTF-16LE without byte order mark, into the data directory under the next number,
 /// and gives the file's path. A file that cannot be written is logged with the system's reason; its record is lost and

@@ -10,6 +10,7 @@
 #include "foundation/agent_state.h"
 #include "foundation/file_utils.h"
 #include "foundation/log.h"
+#include "foundation/open_file.h"
 #include "foundation/system_error.h"
 #include "platform/files.h"
 #include "platform/process.h"
@@ -24,21 +25,6 @@ constexpr std::size_t blockSize = 64 * 1024;
 // The host's own limit is 120 seconds; it prints 16-bit text.
 constexpr std::u16string_view scriptHost = u"cscript.exe //T:120 //U //Nologo";
 constexpr std::array<std::u16string_view, 4> scriptHostExtensions = {u".js", u".vbe", u".vbs", u".wsf"};
-
-/// An open file; closed at the end.
-struct OpenFile {
-    platform::FileHandle handle = 0;
-
-    OpenFile() = default;
-    ~OpenFile() { Close(); }
-    OpenFile(const OpenFile&) = delete;
-    OpenFile& operator=(const OpenFile&) = delete;
-
-    platform::Error Close() {
-        if (handle == 0) return platform::error::success;
-        return platform::Files().CloseHandle(std::exchange(handle, 0));
-    }
-};
 
 /// The program that runs a script, by the script's extension; empty when it runs by itself.
 std::u16string_view ScriptHostOf(std::u16string_view fileName) {
@@ -93,9 +79,8 @@ platform::Error WriteConverted(platform::FileHandle output, const std::u16string
                                platform::ScriptOutputEncoding encoding) {
     const std::u16string temporary = path + u".tmp";
     OpenFile record;
-    platform::Error error =
-        platform::Files().CreateFileW(temporary, platform::FileAccess::write, platform::FileShare::none,
-                                      platform::FileDisposition::createAlways, record.handle);
+    platform::Error error = record.Open(temporary, platform::FileAccess::write, platform::FileShare::none,
+                                        platform::FileDisposition::createAlways);
     if (error != platform::error::success) return error;
     error = ConvertAll(output, record.handle, encoding);
     if (error == platform::error::success) error = platform::Files().FlushFileBuffers(record.handle);
@@ -112,8 +97,8 @@ void MakeRecordOfOutput(const std::u16string& path, platform::ScriptOutputEncodi
     const platform::FileOperations& files = platform::Files();
     const std::u16string outputPath = path + u".out";
     OpenFile output;
-    platform::Error error = files.CreateFileW(outputPath, platform::FileAccess::read, platform::FileShare::read,
-                                              platform::FileDisposition::openExisting, output.handle);
+    platform::Error error = output.Open(outputPath, platform::FileAccess::read, platform::FileShare::read,
+                                        platform::FileDisposition::openExisting);
     if (error == platform::error::fileNotFound || error == platform::error::pathNotFound) return;
     if (error == platform::error::success) error = WriteConverted(output.handle, path, encoding);
     if (error != platform::error::success) {
@@ -142,7 +127,7 @@ int ExecuteScript(std::u16string_view fileName, std::u16string_view commandLineP
     command.arguments = commandLineParam;
     OptionalText record;
     if (CompareIgnoreCase(viewOutput, u"true") == 0) {
-        record = PrepareDataDirectory("ExecuteScript") + NextRecordName();
+        record = NextRecordPath(PrepareDataDirectory("ExecuteScript"));
         command.outputPath = *record + u".out";
     }
     const std::u16string processString = platform::Processes().ComposeScriptLine(command);

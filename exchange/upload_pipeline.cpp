@@ -9,6 +9,7 @@
 #include "foundation/agent_state.h"
 #include "foundation/file_utils.h"
 #include "foundation/log.h"
+#include "foundation/open_file.h"
 #include "foundation/system_error.h"
 #include "foundation/text.h"
 #include "foundation/time_utils.h"
@@ -27,27 +28,6 @@ constexpr std::u16string_view unfinishedPattern = u"zipdata\\Agent_*.tmp";
 
 constexpr std::uint32_t firstWaitMilliseconds = 60000;
 constexpr std::uint32_t waitMilliseconds = 5000;
-
-/// A search for files, ended with its scope.
-struct FileSearch {
-    platform::FindData file;  // the present file, while error is 0
-    platform::FindHandle handle = 0;
-    platform::Error error;
-
-    explicit FileSearch(std::u16string_view pattern)
-        : error(platform::Files().FindFirstFileW(pattern, file, handle)), found_(error == platform::error::success) {}
-    FileSearch(const FileSearch&) = delete;
-    FileSearch& operator=(const FileSearch&) = delete;
-    ~FileSearch() {
-        if (found_) platform::Files().FindClose(handle);
-    }
-
-    bool HasFile() const { return error == platform::error::success; }
-    void Next() { error = platform::Files().FindNextFileW(handle, file); }
-
-  private:
-    bool found_;
-};
 
 std::string ZipMessage(ZipResult result) {
     std::array<char, 100> text{};
@@ -81,10 +61,7 @@ struct ZipInProgress {
 std::u16string NextZipPath(std::u16string_view nameBase) {
     for (;;) {
         const std::u16string path = ConcatStrings(nameBase, DecimalText(++agentState.gv_ocLastCreatedZIPNum));
-        platform::FindData found;
-        platform::FindHandle search = 0;
-        if (platform::Files().FindFirstFileW(path + u".zip", found, search) != platform::error::success) return path;
-        platform::Files().FindClose(search);
+        if (!FileSearch(path + u".zip").HasFile()) return path;
         Log1("\t StripTxtFiles :: [%s.zip] has not been sent yet. Taking the next number\n", path);
     }
 }

@@ -2,9 +2,9 @@
 
 #include <array>
 #include <exception>
-#include <utility>
 
 #include "foundation/log.h"
+#include "foundation/open_file.h"
 #include "platform/clock.h"
 #include "platform/files.h"
 
@@ -20,27 +20,6 @@ using platform::FileShare;
 namespace error = platform::error;
 
 constexpr std::uint32_t busyFilePause = 250;  // milliseconds
-
-/// An open file that is closed on every path.
-class OpenFile {
-  public:
-    OpenFile() = default;
-    ~OpenFile() { Close(); }
-    OpenFile(const OpenFile&) = delete;
-    OpenFile& operator=(const OpenFile&) = delete;
-
-    Error Open(std::u16string_view path, FileAccess access, FileShare share, FileDisposition disposition) {
-        return Files().CreateFileW(path, access, share, disposition, handle_);
-    }
-    Error Close() {
-        const platform::FileHandle closing = std::exchange(handle_, 0);
-        return closing == 0 ? error::success : Files().CloseHandle(closing);
-    }
-    platform::FileHandle handle() const { return handle_; }
-
-  private:
-    platform::FileHandle handle_ = 0;
-};
 
 /// Removes one entry of a directory; true when that went well.
 bool DeleteEntry(std::u16string_view directory, const platform::FindData& entry) {
@@ -66,8 +45,8 @@ Error WriteAndFlush(std::u16string_view path, std::string_view bytes) {
     OpenFile file;
     if (const Error result = file.Open(path, FileAccess::write, FileShare::none, FileDisposition::createAlways))
         return result;
-    if (const Error result = Files().WriteFile(file.handle(), bytes.data(), bytes.size())) return result;
-    if (const Error result = Files().FlushFileBuffers(file.handle())) return result;
+    if (const Error result = Files().WriteFile(file.handle, bytes.data(), bytes.size())) return result;
+    if (const Error result = Files().FlushFileBuffers(file.handle)) return result;
     return file.Close();
 }
 
@@ -75,32 +54,27 @@ Error WriteAndFlush(std::u16string_view path, std::string_view bytes) {
 
 int DeleteDirectoryRecursively(std::u16string_view path) {
     Log3("\t Inside DeleteDirectoryRecursively() \n");
-    platform::FindData entry;
-    platform::FindHandle search = 0;
-    if (Files().FindFirstFileW(std::u16string(path) + u"\\*", entry, search) != error::success) {
-        Log1("\t DeleteDirectoryRecursively :: Invalid File Handle, path : %s \n", path);
-        return 1;
-    }
     int result = 1;
-    // The first entry is the directory's own "." and is not looked at.
-    while (Files().FindNextFileW(search, entry) == error::success) {
-        if (!DeleteEntry(path, entry)) result = 0;
+    {
+        FileSearch search(std::u16string(path) + u"\\*");
+        if (!search.HasFile()) {
+            Log1("\t DeleteDirectoryRecursively :: Invalid File Handle, path : %s \n", path);
+            return 1;
+        }
+        // The first entry is the directory's own "." and is not looked at.
+        for (search.Next(); search.HasFile(); search.Next()) {
+            if (!DeleteEntry(path, search.file)) result = 0;
+        }
     }
-    Files().FindClose(search);
     if (Files().RemoveDirectoryW(path) != error::success) result = 0;
     return result;
 }
 
 bool CheckFileExists(std::u16string_view path) {
     Log4("\t Inside CheckFileExists() \n");
-    platform::FindData entry;
-    platform::FindHandle search = 0;
-    if (const Error result = Files().FindFirstFileW(path, entry, search)) {
-        Log1("CheckFileExists -> Invalid File Handle. %d \n", result);
-        return false;
-    }
-    Files().FindClose(search);
-    return true;
+    const FileSearch search(path);
+    if (!search.HasFile()) Log1("CheckFileExists -> Invalid File Handle. %d \n", search.error);
+    return search.HasFile();
 }
 
 bool IsDirectory(std::u16string_view path) { return Files().IsDirectory(path); }
@@ -118,17 +92,15 @@ int fileExists(std::u16string_view fileName) {
 
 int GetZipFileCount(std::u16string_view pattern) {
     Log3("\t Inside GetZipFileCount() \n");
-    platform::FindData entry;
-    platform::FindHandle search = 0;
-    if (const Error result = Files().FindFirstFileW(std::u16string(pattern) + u".zip", entry, search)) {
-        Log1("\t GetZipFileCount : Invalid File Handle. Error is %u", result);
+    FileSearch search(std::u16string(pattern) + u".zip");
+    if (!search.HasFile()) {
+        Log1("\t GetZipFileCount : Invalid File Handle. Error is %u", search.error);
         return 0;
     }
-    int count = 1;
-    Error result = error::success;
-    while ((result = Files().FindNextFileW(search, entry)) == error::success) ++count;
-    if (result != error::noMoreFiles) Log1("\t GetZipFileCount - FindNextFile Error. Error is %u \n", result);
-    Files().FindClose(search);
+    int count = 0;
+    for (; search.HasFile(); search.Next()) ++count;
+    if (search.error != error::noMoreFiles)
+        Log1("\t GetZipFileCount - FindNextFile Error. Error is %u \n", search.error);
     return count;
 }
 
@@ -151,7 +123,7 @@ Error ReadWholeFile(std::u16string_view path, std::string& content) {
     if (const Error result = file.Open(path, FileAccess::read, FileShare::read, FileDisposition::openExisting))
         return result;
     try {
-        return ReadToEnd(file.handle(), content);
+        return ReadToEnd(file.handle, content);
     } catch (const std::exception&) {  // larger than memory
         return error::notEnoughMemory;
     }

@@ -9,6 +9,7 @@
 #include "foundation/file_utils.h"
 #include "foundation/hash_table.h"
 #include "foundation/log.h"
+#include "foundation/open_file.h"
 #include "foundation/text.h"
 #include "jsontext/hash_json.h"
 #include "platform/files.h"
@@ -146,21 +147,17 @@ void CreateSlavesDirectory() {
 
 void LoadSlaves() {
     Log3("\t Inside LoadSlaves() \n");
-    platform::FindData entry;
-    platform::FindHandle search = 0;
-    if (Files().FindFirstFileW(ConcatStrings(slavesDirectory, u"*"), entry, search) != error::success) {
+    FileSearch search(ConcatStrings(slavesDirectory, u"*"));
+    if (!search.HasFile()) {
         CreateSlavesDirectory();
         return;
     }
     // The first two entries are the directory's own "." and "..".
-    Error result = error::success;
-    for (int position = 0; result == error::success; ++position) {
-        if (position >= 2) LoadSlave(entry.fileName);
-        result = Files().FindNextFileW(search, entry);
+    for (int position = 0; search.HasFile(); search.Next(), ++position) {
+        if (position >= 2) LoadSlave(search.file.fileName);
     }
-    if (result != error::noMoreFiles)
-        Log1("\t LoadConfFiles :: the search of the slaves directory ended early. Error is [%u] \n", result);
-    Files().FindClose(search);
+    if (search.error != error::noMoreFiles)
+        Log1("\t LoadConfFiles :: the search of the slaves directory ended early. Error is [%u] \n", search.error);
 }
 
 }  // namespace

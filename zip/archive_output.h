@@ -7,26 +7,14 @@
 #include <span>
 #include <vector>
 
-#include "platform/files.h"
+#include "foundation/open_file.h"
 #include "zip/zip_result.h"
 
 namespace kv {
 
-/// An open file, closed at the end of its life.
-struct OwnedFile {
-    platform::FileHandle handle = 0;
-
-    OwnedFile() = default;
-    OwnedFile(const OwnedFile&) = delete;
-    OwnedFile& operator=(const OwnedFile&) = delete;
-    ~OwnedFile() {
-        if (handle != 0) platform::Files().CloseHandle(handle);
-    }
-};
-
 /// What is at an offset below `written` is in the file, the `used` bytes from there on are in the buffer.
 struct ArchiveOutput {
-    OwnedFile file;
+    OpenFile file;
     std::uint64_t written = 0;
     std::size_t used = 0;
     std::vector<std::uint8_t> buffer;

@@ -19,7 +19,7 @@ inline constexpr std::size_t readSize = 16384;
 using ReadBuffer = std::array<std::uint8_t, readSize>;
 
 struct ZipSource {
-    OwnedFile file;                         // none for memory and folders
+    OpenFile file;                          // none for memory and folders
     std::span<const std::uint8_t> pending;  // not yet given out: memory, or the first read of a file
     std::optional<std::uint64_t> size;      // expected bytes, where known
     ZipTimes times;

@@ -261,7 +261,9 @@ TEST_F(Collection, NumbersGoOnBehindTheFilesOnDisk) {
     std::uint32_t stored = 0;
     GetMALastCreatedJSONNum(stored);
     EXPECT_EQ(stored, 7u);
-    EXPECT_EQ(NextRecordName(), u"\\Agent_K_8");
+    EXPECT_EQ(NextRecordPath(u"data"), u"data\\Agent_K_8");
+    agentState.gv_ocLastCreatedJSONNum = 6;
+    EXPECT_EQ(NextRecordPath(u"data"), u"data\\Agent_K_8") << "the unsent record 7 is not written over";
     EXPECT_EQ(DataFiles().size(), 8u);
     EXPECT_TRUE(Logged("Agent_K_9.out was left unfinished"));
 }
@@ -269,7 +271,7 @@ TEST_F(Collection, NumbersGoOnBehindTheFilesOnDisk) {
 TEST_F(Collection, TwoCollectorsNeverTakeOneNumber) {
     std::vector<std::u16string> names(1000);
     const auto take = [&names](std::size_t begin) {
-        for (std::size_t index = begin; index < begin + 500; ++index) names[index] = NextRecordName();
+        for (std::size_t index = begin; index < begin + 500; ++index) names[index] = NextRecordPath(u"data");
     };
     std::thread other(take, 500);
     take(0);
