@@ -34,10 +34,11 @@ struct OpenFile {
 /// After its last file error is noMoreFiles, or why the search ended early.
 struct FileSearch {
     platform::FindData file;  // the present one, while HasFile
-    platform::Error error;
+    platform::Error error = platform::error::success;
 
-    explicit FileSearch(std::u16string_view pattern)
-        : error(platform::Files().FindFirstFileW(pattern, file, handle_)) {}
+    explicit FileSearch(std::u16string_view pattern) {
+        error = platform::Files().FindFirstFileW(pattern, file, handle_);
+    }
     FileSearch(const FileSearch&) = delete;
     FileSearch& operator=(const FileSearch&) = delete;
     ~FileSearch() {
