@@ -1,5 +1,5 @@
-// The query configuration files: what to collect, and how often. They are merged into gv_queryConfHash, one key per agent:
-// "WorkFlows", and "WorkFlows_<agent>" for each slave.
+// The query configuration files: what to collect, and how often. They are merged into gv_queryConfHash, one key per
+// agent: "WorkFlows", and "WorkFlows_<agent>" for each slave.
 #pragma once
 
 #include <optional>
@@ -11,8 +11,11 @@ namespace kv {
 void LoadConfFiles();
 
 /// Reads one agent's file into the merged table, replacing that agent's key. agent is empty for this agent itself;
-/// fileName none means "..\conf\queryconf.txt". A file that is missing is restored from its backup first. A file that
-/// cannot be read or is malformed is logged, and the plan in use stays.
+/// fileName none means "..\conf\queryconf.txt". A file that is missing is restored from its backup first.
+///
+/// A file that cannot be read, is malformed or lacks that agent's key is logged, and the plan in use stays. Refused
+/// with a log line each, while the rest is taken: a member that is no array, one that belongs to another file, and a
+/// workflow that is no object, has no interval of 1 minute or more, or no array recordSetName.
 void LoadQueryConfig(std::u16string_view agent, std::optional<std::u16string_view> fileName);
 
 }  // namespace kv
