@@ -25,7 +25,7 @@ bool TextOfFile(std::string_view bytes, std::u16string& text, std::string& reaso
     }
     const bool marked = bytes.starts_with("\xEF\xBB\xBF"sv);
     // Every JSON document in UTF-16 has zero bytes, those of its braces at least.
-    if (!marked && bytes.find('\0') != bytes.npos) {
+    if (!marked && bytes.find('\0') != std::string_view::npos) {
         text = TextFromUtf16LittleEndian(bytes);
         return true;
     }
@@ -56,7 +56,8 @@ JsonReadResult JSONFileToHash(HashTable* table, std::u16string_view fileName) {
     std::string bytes;
     if (const platform::Error error = ReadWholeFile(fileName, bytes)) {
         const std::string words = platform::Utf8FromWide(platform::Messages().FormatMessageW(error).value_or(u""));
-        std::fprintf(stderr, "json_object_from_file: error reading file %s: %s\n", name.c_str(), words.c_str());
+        static_cast<void>(
+            std::fprintf(stderr, "json_object_from_file: error reading file %s: %s\n", name.c_str(), words.c_str()));
         return FileFailure(name + ": " + words + " (error " + std::to_string(error) + ")");
     }
     std::u16string text;

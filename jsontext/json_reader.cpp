@@ -190,7 +190,8 @@ JsonReadResult Failure(std::string message) { return {.ok = false, .message = st
 /// A message about what follows the document's end, or an empty one when only blanks do.
 std::string TextBehindTheEnd(std::u16string_view text, std::string_view narrow, std::size_t end) {
     const std::size_t rest = narrow.find_first_not_of(std::string_view(" \t\r\n\f\v\0", 7), end);
-    return rest == narrow.npos ? std::string() : "what follows the document is passed over, " + Place(text, rest);
+    return rest == std::string_view::npos ? std::string()
+                                          : "what follows the document is passed over, " + Place(text, rest);
 }
 
 }  // namespace

@@ -111,7 +111,7 @@ void AppendText(std::u16string& text, const char16_t* value) {
 }
 
 void AppendInteger(std::u16string& text, Word value) {
-    std::array<char, 12> digits;
+    std::array<char, 12> digits{};
     const auto result = std::to_chars(digits.data(), digits.data() + digits.size(), static_cast<std::int32_t>(value));
     text.append(digits.data(), result.ptr);
 }

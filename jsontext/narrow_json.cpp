@@ -39,7 +39,7 @@ void AppendTextCount(std::string& narrow, std::uint32_t count) {
 /// The value of a hexadecimal digit, or 16.
 std::uint32_t DigitValue(char16_t unit) {
     if (unit >= u'0' && unit <= u'9') return unit - std::uint32_t{u'0'};
-    const std::uint32_t lower = unit | 0x20u;
+    const std::uint32_t lower = unit | 0x20U;
     return lower >= u'a' && lower <= u'f' ? lower - u'a' + 10 : 16;
 }
 
@@ -77,8 +77,8 @@ bool SkipComment(Rewriting& rewriting) {
     const bool block = rest.starts_with(u"/*");
     if (!block && !rest.starts_with(u"//")) return false;
     std::size_t end = rest.find(block ? u"*/" : u"\n", 2);
-    if (end == rest.npos && block) return false;
-    end = end == rest.npos ? rest.size() : end + (block ? 2 : 1);
+    if (end == std::u16string_view::npos && block) return false;
+    end = end == std::u16string_view::npos ? rest.size() : end + (block ? 2 : 1);
     rewriting.narrow += ' ';
     rewriting.position += end;
     return true;
@@ -139,7 +139,7 @@ std::u16string WideTextFromNarrow(std::string_view narrow) {
     wide.reserve(narrow.size());
     for (std::size_t i = 0; i < narrow.size();) {
         const auto byteAt = [&](std::size_t at) {
-            return at < narrow.size() ? static_cast<unsigned char>(narrow[at]) & 0xFFu : 0u;
+            return at < narrow.size() ? static_cast<unsigned char>(narrow[at]) & 0xFFU : 0U;
         };
         const std::uint32_t first = byteAt(i);
         if (first < 0x80) {
