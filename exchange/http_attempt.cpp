@@ -32,8 +32,7 @@ Error OpenConnection(HttpAttempt& attempt) {
     const auto port = static_cast<std::uint16_t>(attempt.target.port);
     const Error failure =
         Http().WinHttpConnect(attempt.session.get(), attempt.target.server, port, attempt.connection.place());
-    // This line names the sending routine whichever one it comes from.
-    if (failure) LogFailedStep("%s :  Error in WinHttpConnect --> %d \n", "InternetSendRequestEx", failure);
+    if (failure) LogFailedStep("%s :  Error in WinHttpConnect --> %d \n", attempt.routine, failure);
     return failure;
 }
 
