@@ -45,6 +45,9 @@ std::u16string QueryValue(std::u16string_view text) {
             case u'#':
                 value += u"%23";
                 break;
+            case u'\\':
+                value += u"%5C";
+                break;
             default:
                 value += unit;
         }
@@ -76,6 +79,8 @@ std::u16string RegistrationUrl() {
 
 /// One exchange; true when the server has answered and the agent knows whether and with which key to run.
 bool Register() {
+    Log3("\t Inside Register() \n");
+    agentState.gv_agentRunFlag = 1;
     std::u16string url = RegistrationUrl();
     Log2("\t InitLicenseParams :: URL is %s\n", url);
     const platform::Error error = AgentSendRequest(agentState.gv_ServerName, agentState.gv_ServerPort, url, {}, nullptr,
@@ -91,9 +96,10 @@ bool Register() {
     return true;
 }
 
-/// True when the server has registered the agent; false when it goes on with the key it has.
+/// True when the server has registered the agent; false when it goes on with the key it has, or is told not to run.
 bool Enrol() {
     while (!Register()) {
+        if (agentState.gv_agentRunFlag != 1) return false;
         if (HasKey()) {
             Log1("\t InitLicenseParams :: Going on with the agent key of an earlier run\n");
             return false;
@@ -105,10 +111,20 @@ bool Enrol() {
     return true;
 }
 
+/// The settings may have ended ahead of the key; the key of an earlier run counts all the same.
+void TakeStoredKey() {
+    OptionalText key;
+    if (CompareIgnoreCase(agentState.gv_agentKey.view(), u"NULL") == 0 &&
+        GetOCAgentKey(key) == platform::error::success && key) {
+        agentState.gv_agentKey.publish(key);
+    }
+}
+
 }  // namespace
 
 void InitLicenseParams() {
     Log3("\t Inside InitLicenseParams() \n");
+    TakeStoredKey();
     if (CompareIgnoreCase(agentState.gv_agentKey.view(), u"HUBCENTER") == 0) {
         Log3("\t InitLicenseParams :: Going to delete slave dir...\n");
         DeleteDirectoryRecursively(agentState.gv_ocAgentBinPath.value_or(u"") + u"..\\conf\\slaves\\");

@@ -58,6 +58,14 @@ bool FindBinPath() {
     return true;
 }
 
+/// Opens the log; a person at the console learns where it should have been when that fails.
+void OpenLog(std::u16string_view name) {
+    RotateLogger(name);
+    if (logState.gv_logFile == 0)
+        std::fprintf(stderr, "MonitoringAgent: the log %s cannot be opened\n",
+                     platform::Utf8FromWide(logState.gv_logPath).c_str());
+}
+
 bool IsWin2kOS() {
     platform::SystemVersion version;
     return platform::SystemFacts().GetVersionExW(version) == platform::error::success &&
@@ -65,7 +73,7 @@ bool IsWin2kOS() {
 }
 
 int RunAsService() {
-    RotateLogger(agentLog);
+    OpenLog(agentLog);
     agentState.gv_isWin2k = IsWin2kOS();
     const platform::Error error = platform::ServiceHost().StartServiceCtrlDispatcherW(serviceName, ServiceMain);
     if (error == platform::error::success) return 0;
@@ -81,21 +89,21 @@ int RunAsService() {
 }
 
 int RunInstall() {
-    RotateLogger(agentLog);
+    OpenLog(agentLog);
     Log3("Going to install service\n");
     Install();
     return 1;
 }
 
 int RunUnInstall() {
-    RotateLogger(agentLog);
+    OpenLog(agentLog);
     Log3("Calling UN-INSTALL option\n");
     UnInstall();
     return 1;
 }
 
 [[noreturn]] void RunInConsole(std::u16string_view argument) {
-    RotateLogger(agentLog);
+    OpenLog(agentLog);
     Log3("Going to work in command line %s\n", argument);
     getCSDetails();
     getProxyServerDetails();
@@ -104,7 +112,7 @@ int RunUnInstall() {
 }
 
 int PrintConfiguration(std::u16string_view argument) {
-    RotateLogger(testMonitorLog);
+    OpenLog(testMonitorLog);
     Log3("Going to process test monitor %s\n", argument);
     getCSDetails();
     getProxyServerDetails();
@@ -114,7 +122,7 @@ int PrintConfiguration(std::u16string_view argument) {
 }
 
 int RefuseParameter(std::u16string_view argument) {
-    RotateLogger(agentLog);
+    OpenLog(agentLog);
     Log3("Invalid parameter %s\n", argument);
     agentState.gv_ocAgentBinPath.reset();
     return 0;

@@ -109,7 +109,7 @@ int RotateLogFile(std::uint32_t count) {
     RotationLock lock = RotationLock::released;
     try {
         lock = RotateWhileLocked(count);
-    } catch (const std::bad_alloc&) {
+    } catch (...) {
         // The rotation is tried again at the next line.
     }
     if (lock == RotationLock::released) UnsynchronizeResource_MSP(&logState.gv_logFile);

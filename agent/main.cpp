@@ -1,7 +1,13 @@
+#include <cstdio>
+#include <cstdlib>
+
 #include "agent/entry.h"
 #include "platform/backend.h"
 
 int main(int argc, char** argv) {
     platform::InstallBackend();
-    return kv::Main(argc, argv);
+    const int exitCode = kv::Main(argc, argv);
+    // Other threads work until the process ends around them, so nothing static is destroyed under them.
+    std::fflush(nullptr);
+    std::_Exit(exitCode);
 }

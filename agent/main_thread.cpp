@@ -7,6 +7,7 @@
 #include "exchange/request_polling.h"
 #include "exchange/upload_pipeline.h"
 #include "foundation/agent_state.h"
+#include "foundation/guarded.h"
 #include "foundation/log.h"
 #include "foundation/thread_pool.h"
 #include "foundation/time_utils.h"
@@ -26,6 +27,7 @@ std::u16string WorkingDirectory() {
 
 /// All relative paths of the agent rest on this. The agent runs on in whatever directory it started in when this fails.
 void EnterBinDirectory() {
+    Log4("\t Inside EnterBinDirectory() \n");
     constexpr const char* currentDirectory = "\t InvokeMainThread :: Current working directory %s \n";
     const std::u16string path = agentState.gv_ocAgentBinPath.value_or(u"");
     switch (platform::Files().wchdir(path)) {
@@ -48,10 +50,10 @@ void EnterBinDirectory() {
 
 std::uint32_t InvokeMainThread(void* /*ignored*/) {
     Log3("\tInside InvokeMainThread() %s %s \n", GetCurrDateString(), GetTimeString(1));
-    EnterBinDirectory();
-    InitLicenseParams();
+    RunGuarded("EnterBinDirectory", EnterBinDirectory);
+    RunGuarded("InitLicenseParams", InitLicenseParams);
     if (agentState.gv_agentRunFlag == 1) {
-        LoadConfFiles();
+        RunGuarded("LoadConfFiles", LoadConfFiles);
         CreateNewThread_MSP(RequestCentralServer, nullptr);
         CreateNewThread_MSP(StripTxtFiles, nullptr);
         WaitForever();

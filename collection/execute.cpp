@@ -105,7 +105,10 @@ int execute(const OptionalText& workingDirectory, std::u16string_view commandLin
     }
     Remark(remarks, "Terminating the Process for application %s as time is exceeded %d Minutes \n", commandLine,
            waitMinutes);
-    processes.TerminateProcess(process.handle);
+    if (const platform::Error failure = processes.TerminateProcess(process.handle)) {
+        Log1("execute : Unable to end all that %s has started \n", commandLine);
+        LogLastSystemError(failure);
+    }
     processes.WaitForSingleObject(process.handle, endMilliseconds);
     return 0;
 }

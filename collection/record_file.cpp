@@ -97,7 +97,7 @@ std::u16string NextRecordPath(std::u16string_view dataDirectory) {
     std::u16string path;
     do {
         path = base + u"_" + DecimalText(++agentState.gv_ocLastCreatedJSONNum);
-    } while (FileSearch(path + u".txt").HasFile());
+    } while (FileSearch(path + u".txt").HasFile() || FileSearch(path + u".out").HasFile());
     return path;
 }
 

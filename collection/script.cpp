@@ -22,6 +22,10 @@ namespace {
 constexpr std::uint32_t minuteLimit = 2;
 constexpr std::size_t blockSize = 64 * 1024;
 
+/// A record of more bytes than this cannot be meant; the limit is there for a script gone wrong. A zip is read into
+/// memory whole when it is sent.
+constexpr std::uint64_t longestOutput = 256 * 1024 * 1024;
+
 // The host's own limit is 120 seconds; it prints 16-bit text.
 constexpr std::u16string_view scriptHost = u"cscript.exe //T:120 //U //Nologo";
 constexpr std::array<std::u16string_view, 4> scriptHostExtensions = {u".js", u".vbe", u".vbs", u".wsf"};
@@ -51,17 +55,30 @@ bool StaysInScriptsDirectory(std::u16string_view fileName) {
     return true;
 }
 
+/// What the script has printed by now, and no more: a process that it left behind may print faster than this reads.
+platform::Error BytesToConvert(platform::FileHandle output, std::uint64_t& size) {
+    const platform::Error error = platform::Files().GetFileSizeEx(output, size);
+    if (size > longestOutput) {
+        Log1("ExecuteScript : the script printed %d bytes; its record is cut after %d \n", size, longestOutput);
+        size = longestOutput;
+    }
+    return error;
+}
+
 platform::Error ConvertAll(platform::FileHandle from, platform::FileHandle to,
                            platform::ScriptOutputEncoding encoding) {
     ScriptOutputConverter converter;
     converter.encoding = encoding;
     const platform::FileOperations& files = platform::Files();
+    std::uint64_t left = 0;
+    if (const platform::Error error = BytesToConvert(from, left)) return error;
     std::vector<char> block(blockSize);
     std::string converted;
     std::size_t read = 0;
     do {
-        platform::Error error = files.ReadFile(from, block.data(), block.size(), read);
+        platform::Error error = files.ReadFile(from, block.data(), std::min<std::uint64_t>(left, block.size()), read);
         if (error != platform::error::success) return error;
+        left -= read;
         converted.clear();
         if (read != 0) {
             FeedScriptOutput(converter, std::string_view(block.data(), read), converted);

@@ -8,6 +8,7 @@
 #include "exchange/http_transaction.h"
 #include "foundation/agent_state.h"
 #include "foundation/file_utils.h"
+#include "foundation/guarded.h"
 #include "foundation/log.h"
 #include "foundation/open_file.h"
 #include "foundation/system_error.h"
@@ -66,8 +67,9 @@ std::u16string NextZipPath(std::u16string_view nameBase) {
     }
 }
 
-/// Adds a record file to the zip; false when it vanished.
-bool PackFile(const ZipInProgress& zip, const std::u16string& path) {
+/// Adds a record file to the zip. False when it stays where it is: it vanished or cannot be read, or the zip has no
+/// room left for it. The first file of a zip goes in any case: one that no zip can take would come back in every pass.
+bool PackFile(const ZipInProgress& zip, const std::u16string& path, bool isFirst) {
     if (fileExists(path) == 0) return false;
     while (IsFileisOpen(path) == FileUse::inUse) {
         Log1("\t StripTxtFiles :: IsFileisOpen returned failure for [%s]\n", path);
@@ -78,17 +80,22 @@ bool PackFile(const ZipInProgress& zip, const std::u16string& path) {
         Log1("\t StripTxtFiles :: Not able to add [%s] to the zip. Error is [0x%x] [%s]\n", path, result,
              ZipMessage(result));
     }
-    return true;
+    return isFirst || zip.zip == nullptr || result != zip_result::badArguments;
 }
 
 /// Closes the zip and gives it its name. False when the records are still to be packed: the closed zip could not be
 /// renamed.
-bool FinishZip(ZipInProgress& zip, const std::u16string& path) {
+bool FinishZip(ZipInProgress& zip, const std::u16string& path, bool isEmpty) {
     if (zip.zip == nullptr) return true;
     const ZipResult result = CloseZip(std::exchange(zip.zip, nullptr));
     if (result != zip_result::ok) {
         zip.LogFailure("close", result);
         // Without its directory it is no archive: the server would refuse it on every pass, for ever.
+        platform::Files().DeleteFileW(zip.temporaryPath);
+        return true;
+    }
+    if (isEmpty) {
+        Log1("\t StripTxtFiles :: None of the files found in data can be read. There is nothing to send\n");
         platform::Files().DeleteFileW(zip.temporaryPath);
         return true;
     }
@@ -121,12 +128,12 @@ void PackBatch(FileSearch& search, std::u16string_view nameBase) {
     std::vector<std::u16string> packed;
     for (int count = 1;; ++count) {
         std::u16string source = u"data\\" + search.file.fileName;
-        if (PackFile(zip, source)) packed.push_back(std::move(source));
+        if (PackFile(zip, source, packed.empty())) packed.push_back(std::move(source));
         if (count == maxFilesInZip) break;
         search.Next();
         if (!search.HasFile()) break;
     }
-    if (FinishZip(zip, path + u".zip")) DeletePackedFiles(packed);
+    if (FinishZip(zip, path + u".zip", packed.empty())) DeletePackedFiles(packed);
     if (search.HasFile()) search.Next();
 }
 
@@ -246,8 +253,8 @@ std::uint32_t StripTxtFiles(void*) {
     const std::u16string nameBase = u"zipdata\\Agent_" + std::u16string(agentState.gv_agentKey.view()) + u"_";
     for (;;) {
         const std::int64_t passStart = GetNowSeconds();
-        PackRecordFiles(nameBase);
-        SendZips();
+        RunGuarded("PackRecordFiles", [&nameBase] { PackRecordFiles(nameBase); });
+        RunGuarded("SendZips", SendZips);
         WaitForNextPass(passStart);
     }
 }

@@ -68,6 +68,8 @@ LogArgument Printable(const T& value) {
     } else if constexpr (std::is_same_v<T, PublishedText>) {
         const std::u16string* text = value.get();
         return text ? platform::Utf8FromWide(*text) : std::string("(null)");
+    } else if constexpr (std::is_same_v<T, const char*> || std::is_same_v<T, char*>) {
+        return std::string(value ? value : "(null)");
     } else if constexpr (std::is_convertible_v<const T&, std::string_view>) {
         return std::string(value);
     } else if constexpr (std::is_enum_v<T>) {
@@ -81,10 +83,14 @@ LogArgument Printable(const T& value) {
     }
 }
 
+/// Logging never reports a failure to its caller: without memory for its arguments a line is lost.
 template <class... Arguments>
-void Write(const char* format, const Arguments&... arguments) {
-    const std::array<LogArgument, sizeof...(Arguments)> printable{Printable(arguments)...};
-    WriteLogLine(format, printable);
+void Write(const char* format, const Arguments&... arguments) noexcept {
+    try {
+        const std::array<LogArgument, sizeof...(Arguments)> printable{Printable(arguments)...};
+        WriteLogLine(format, printable);
+    } catch (...) {
+    }
 }
 
 }  // namespace log_detail

@@ -1,4 +1,5 @@
 #include <cstdio>
+#include <new>
 #include <string>
 #include <utility>
 
@@ -48,6 +49,16 @@ void EndLinesInLineFeeds(std::u16string& text) {
     text.resize(kept);
 }
 
+JsonReadResult DocumentOfFile(HashTable* table, const std::string& name, std::string_view bytes) {
+    std::u16string text;
+    std::string reason;
+    if (!TextOfFile(bytes, text, reason)) return FileFailure(name + ": " + reason);
+    EndLinesInLineFeeds(text);
+    JsonReadResult result = JSONTextToHash(table, text);
+    if (!result.message.empty()) result.message = name + ": " + result.message;
+    return result;
+}
+
 }  // namespace
 
 JsonReadResult JSONFileToHash(HashTable* table, std::u16string_view fileName) {
@@ -60,13 +71,11 @@ JsonReadResult JSONFileToHash(HashTable* table, std::u16string_view fileName) {
             std::fprintf(stderr, "json_object_from_file: error reading file %s: %s\n", name.c_str(), words.c_str()));
         return FileFailure(name + ": " + words + " (error " + std::to_string(error) + ")");
     }
-    std::u16string text;
-    std::string reason;
-    if (!TextOfFile(bytes, text, reason)) return FileFailure(name + ": " + reason);
-    EndLinesInLineFeeds(text);
-    JsonReadResult result = JSONTextToHash(table, text);
-    if (!result.message.empty()) result.message = name + ": " + result.message;
-    return result;
+    try {
+        return DocumentOfFile(table, name, bytes);
+    } catch (const std::bad_alloc&) {
+        return FileFailure(name + ": the document is too large for the memory");
+    }
 }
 
 }  // namespace kv

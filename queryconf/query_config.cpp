@@ -38,13 +38,12 @@ void RestoreFromBackup(std::u16string_view agent, std::u16string_view fileName) 
     std::u16string backup = UnderBinPath(backupDirectory);
     if (!agent.empty()) backup += std::u16string(agent) + u"\\";
     backup += u"queryconf.txt";
-    std::string content;
-    if (const Error result = ReadWholeFile(backup, content)) {
-        Log1("\t LoadQueryConfig :: %s cannot be read. Error is [%u] \n", backup, result);
-        return;
-    }
-    if (const Error result = WriteCompleteFile(fileName, ConcatStrings(fileName, u".restored"), content))
-        Log1("\t LoadQueryConfig :: %s cannot be restored from backup. Error is [%u] \n", fileName, result);
+    const std::u16string restored = ConcatStrings(fileName, u".restored");
+    Error result = Files().CopyFileW(backup, restored);
+    if (result == error::success) result = Files().MoveFileExW(restored, fileName, true);
+    if (result == error::success) return;
+    Log1("\t LoadQueryConfig :: %s cannot be restored from %s. Error is [%u] \n", fileName, backup, result);
+    Files().DeleteFileW(restored);
 }
 
 /// What keeps an element of a list of workflows from running, or null. A number with a fraction has been cut by now.
@@ -65,7 +64,7 @@ const char16_t* NameOf(const VectorElement* element) {
     return GetHashText(reinterpret_cast<const HashTable*>(element->value), u"wfname");
 }
 
-/// Moves the workflows that can run into a list of their own; the others stay and are logged.
+/// Moves the workflows that can run into a list of their own; the others stay and are logged. Null when memory ran out.
 VectorPtr TakeWorkflows(Vector* workflows, const char16_t* key, std::u16string_view fileName) {
     VectorPtr taken = MakeVector();
     std::int32_t index = 0;
@@ -76,14 +75,14 @@ VectorPtr TakeWorkflows(Vector* workflows, const char16_t* key, std::u16string_v
             continue;
         }
         auto* moved = new (std::nothrow) VectorElement{element->value, element->type, nullptr};
-        if (!moved) break;
+        if (!moved) return nullptr;
         AddElement(taken.get(), moved);
         element->type = ValueType::none;
     }
     return taken;
 }
 
-/// Moves the lists of workflows out of a document into a table of their own.
+/// Moves the lists of workflows out of a document into a table of their own. Null when memory ran out.
 HashTablePtr TakePlan(const HashTable* document, std::u16string_view fileName) {
     HashTablePtr plan = MakeHashTable();
     const std::unique_ptr<const char16_t*[]> keys = GetHashKeys(document);
@@ -94,8 +93,9 @@ HashTablePtr TakePlan(const HashTable* document, std::u16string_view fileName) {
             continue;
         }
         VectorPtr taken = TakeWorkflows(workflows, keys[i], fileName);
-        if (taken && PutHashValue(plan.get(), keys[i], reinterpret_cast<Word>(taken.get()), ValueType::vector))
-            static_cast<void>(taken.release());
+        if (!taken || !PutHashValue(plan.get(), keys[i], reinterpret_cast<Word>(taken.get()), ValueType::vector))
+            return nullptr;
+        static_cast<void>(taken.release());
     }
     return plan;
 }
@@ -108,17 +108,20 @@ void RemoveOldKey(const std::u16string& key) {
     Log2("\t Query conf key count after deleting : %d \n", CountHashKeys(agentState.gv_queryConfHash));
 }
 
-/// Frees a plan that has been merged, with those of its lists that the merged table did not take.
-void DropMergedPlan(HashTablePtr plan, std::u16string_view fileName) {
-    const std::unique_ptr<const char16_t*[]> keys = GetHashKeys(plan.get());
+/// Frees those lists of a merged plan that the merged table did not take.
+void FreeListsLeftOver(const HashTable* plan, std::u16string_view fileName) {
+    const std::unique_ptr<const char16_t*[]> keys = GetHashKeys(plan);
     for (std::size_t i = 0; keys[i]; ++i) {
-        Vector* workflows = GetHashVector(plan.get(), keys[i]);
+        Vector* workflows = GetHashVector(plan, keys[i]);
         if (GetHashVector(agentState.gv_queryConfHash, keys[i]) == workflows) continue;
         Log1("\t LoadQueryConfig :: %s :: %s belongs to another file and is left out \n", fileName, keys[i]);
         FreeAllVector(workflows);
     }
-    FreeHashTable(plan.release());
 }
+
+struct FreeHashTableDeleter {
+    void operator()(HashTable* table) const { FreeHashTable(table); }
+};
 
 void MergePlan(HashTablePtr plan, const std::u16string& key, std::u16string_view fileName) {
     const bool hasKey = ContainsHashKey(plan.get(), key) == 1;
@@ -129,9 +132,11 @@ void MergePlan(HashTablePtr plan, const std::u16string& key, std::u16string_view
     }
     // A file without its own key has nothing to put in the place of the plan in use, which stays.
     if (hasKey && ContainsHashKey(agentState.gv_queryConfHash, key)) RemoveOldKey(key);
-    MergeHashTable(plan.get(), agentState.gv_queryConfHash);
+    // From here on the lists belong to the merged table.
+    const std::unique_ptr<HashTable, FreeHashTableDeleter> merged(plan.release());
+    MergeHashTable(merged.get(), agentState.gv_queryConfHash);
     Log2("\t Query conf key count after merging : %d \n", CountHashKeys(agentState.gv_queryConfHash));
-    DropMergedPlan(std::move(plan), fileName);
+    FreeListsLeftOver(merged.get(), fileName);
 }
 
 void LoadSlave(const std::u16string& agent) {
@@ -188,7 +193,12 @@ void LoadQueryConfig(std::u16string_view agent, std::optional<std::u16string_vie
     if (!read.ok) return;
     std::u16string key = u"WorkFlows";
     if (!agent.empty()) key += ConcatStrings(u"_", agent);
-    if (HashTablePtr plan = TakePlan(document.get(), name)) MergePlan(std::move(plan), key, name);
+    HashTablePtr plan = TakePlan(document.get(), name);
+    if (!plan) {
+        Log1("\t LoadQueryConfig :: %s is too large for the memory; the plan in use stays \n", name);
+        return;
+    }
+    MergePlan(std::move(plan), key, name);
 }
 
 }  // namespace kv

@@ -47,14 +47,21 @@ void scheduleQueryHashData() {
         Log1("\t scheduleQueryHashData is NULL \n");
         return;
     }
-    // gv_sortVec is complete before the first timer exists that could read it.
+    // All timers are added between two passes: a pass in between would run the first of them, and the rest would wait
+    // for its scripts.
+    const TimerLock lock;
+    agentState.gv_sortVec = nullptr;
     VectorPtr merged = MakeVector();
+    if (!merged) {
+        Log1("\t scheduleQueryHashData :: out of memory, nothing is scheduled \n");
+        return;
+    }
     MergeAllWorkflows(agentState.gv_queryConfHash, merged.get());
     agentState.gv_sortVec = merged.release();
-    const std::int32_t size = agentState.gv_sortVec->count;
-    Log2("\t scheduleQueryHashData :: query conf - gv_sortVec size: [%d]\n", size);
-    for (std::int32_t index = 0; index < size; ++index) {
-        const auto* entry = reinterpret_cast<const HashTable*>(ElementAt(agentState.gv_sortVec, index)->value);
+    Log2("\t scheduleQueryHashData :: query conf - gv_sortVec size: [%d]\n", agentState.gv_sortVec->count);
+    std::int32_t index = 0;
+    for (const VectorElement* element = agentState.gv_sortVec->head; element; element = element->next, ++index) {
+        const auto* entry = reinterpret_cast<const HashTable*>(element->value);
         if (LogsAtLeast(2)) {
             Log2("\t scheduleQueryHashData :: Inside for loop : queryInfo: %s\n", HashToJSONString(entry));
         }

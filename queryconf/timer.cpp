@@ -5,6 +5,7 @@
 #include <memory>
 #include <new>
 
+#include "foundation/guarded.h"
 #include "foundation/log.h"
 #include "foundation/thread_pool.h"
 #include "foundation/time_utils.h"
@@ -17,15 +18,6 @@ TimerManager timerManager;
 namespace {
 
 constexpr std::u16string_view defaultTimer = u"DEFAULT";
-
-/// Holds gv_timerMutex for the life of this object.
-class TimerLock {
-  public:
-    TimerLock() { platform::Threads().WaitForMutex(timerManager.gv_timerMutex); }
-    ~TimerLock() { platform::Threads().ReleaseMutex(timerManager.gv_timerMutex); }
-    TimerLock(const TimerLock&) = delete;
-    TimerLock& operator=(const TimerLock&) = delete;
-};
 
 TimerList* TimerAt(std::int32_t index) {
     const VectorElement* element = ElementAt(&timerManager.gv_timerVec, index);
@@ -102,7 +94,7 @@ void RunDueEntries(TimerList& list) {
     const auto now = static_cast<std::uint32_t>(GetNowSeconds());
     while (list.head && list.head->fireTime <= now) {
         TimerEntry* entry = list.head;
-        entry->callback(entry->argument);
+        RunGuarded("CheckTimers", [entry] { entry->callback(entry->argument); });
         if (entry->schedule->detail.repeatCount == 1) {
             FreeJob(*entry);
         } else {
@@ -124,6 +116,10 @@ void RemoveAllEntries(TimerList& list) {
 }
 
 }  // namespace
+
+TimerLock::TimerLock() { platform::Threads().WaitForMutex(timerManager.gv_timerMutex); }
+
+TimerLock::~TimerLock() { platform::Threads().ReleaseMutex(timerManager.gv_timerMutex); }
 
 int InitTimerManager() {
     Log3("\t@@@@@ Inside InitTimerManager() @@@@@ \n");

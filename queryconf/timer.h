@@ -55,6 +55,15 @@ struct TimerManager {
 
 extern TimerManager timerManager;
 
+/// Holds gv_timerMutex for the life of this object. The thread that holds it may take it again.
+class TimerLock {
+  public:
+    TimerLock();
+    ~TimerLock();
+    TimerLock(const TimerLock&) = delete;
+    TimerLock& operator=(const TimerLock&) = delete;
+};
+
 /// Sets up the timer "DEFAULT"; 1. A second call, with no timer thread running, starts over with no jobs.
 int InitTimerManager();
 

@@ -42,6 +42,7 @@ std::string NativePathOf(std::u16string_view path) {
     std::replace(whole.begin(), whole.end(), u'\0', u'\uFFFD');
     std::string native = Utf8FromWide(whole);
     std::replace(native.begin(), native.end(), '\\', '/');
+    if (native.starts_with('/')) return fs::path(native).lexically_normal().string();
     if (!BeginsWithDrive(native)) return native;
     const char letter = static_cast<char>(std::tolower(static_cast<unsigned char>(native[0])));
     const fs::path belowRoot = fs::path("/" + native.substr(2)).lexically_normal();

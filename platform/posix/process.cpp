@@ -67,6 +67,7 @@ struct Launch {
     const char* directory = nullptr;  // none: stay
     const char* line = nullptr;
     int report = -1;  // a failed start is written here as an errno value
+    pid_t parent = getpid();
 };
 
 void RestoreSignals() {
@@ -90,8 +91,10 @@ bool ConnectStreamsToNothing() {
     RestoreSignals();
     setpgid(0, 0);
     prctl(PR_SET_CHILD_SUBREAPER, 1);
-    if (dup3(launch.report, reportDescriptor, O_CLOEXEC) >= 0 && ConnectStreamsToNothing() &&
-        (launch.directory == nullptr || chdir(launch.directory) == 0)) {
+    // Without this process nobody would end the child at its limit.
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != launch.parent || dup3(launch.report, reportDescriptor, O_CLOEXEC) < 0) _exit(127);
+    if (ConnectStreamsToNothing() && (launch.directory == nullptr || chdir(launch.directory) == 0)) {
         closefrom(reportDescriptor + 1);
         execl("/bin/sh", "sh", "-c", launch.line, static_cast<char*>(nullptr));
     }

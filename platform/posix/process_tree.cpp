@@ -51,7 +51,8 @@ std::vector<ProcessEntry> ReadProcessTable() {
         const auto [parsedTo, ok] = std::from_chars(name.data(), name.data() + name.size(), id);
         if (ok != std::errc() || parsedTo != name.data() + name.size()) continue;
         std::ifstream file("/proc/" + name + "/stat");
-        const std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+        std::string text;  // stays empty when the process has gone in the meantime
+        std::getline(file, text, '\0');
         table.push_back(ParseStat(id, text));
     }
     return table;

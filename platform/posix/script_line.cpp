@@ -26,8 +26,8 @@ std::u16string Quoted(std::u16string_view text) {
     return quoted + u"'";
 }
 
-/// Arguments as Windows programs see them: blanks and tabs separate, double quotes keep them together and go, \" is a
-/// quote of its own, and any other backslash stands for itself. Quotes around nothing make an empty argument.
+/// Blanks and tabs separate arguments, double quotes keep them together and go, \" is a quote of its own, and any other
+/// backslash stands for itself. Quotes around nothing make an empty argument.
 std::vector<std::u16string> SplitArguments(std::u16string_view text) {
     std::vector<std::u16string> arguments;
     std::u16string current;

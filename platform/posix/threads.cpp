@@ -32,14 +32,16 @@ std::recursive_mutex* MutexOf(MutexHandle mutex) { return reinterpret_cast<std::
 
 ThreadHandle CreateThread(ThreadStart start, void* argument) {
     const std::lock_guard hold(Started().lock);
-    ThreadRecord& record = Started().records.emplace_back();
+    std::deque<ThreadRecord>& records = Started().records;
+    const std::size_t before = records.size();
     try {
+        ThreadRecord& record = records.emplace_back();
         std::thread(start, argument).detach();
-    } catch (const std::system_error&) {
-        Started().records.pop_back();
+        return reinterpret_cast<ThreadHandle>(&record);
+    } catch (const std::exception&) {  // no thread, or no memory
+        if (records.size() > before) records.pop_back();
         return 0;
     }
-    return reinterpret_cast<ThreadHandle>(&record);
 }
 
 void SuspendThread(ThreadHandle self) {

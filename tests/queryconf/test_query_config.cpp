@@ -134,7 +134,10 @@ TEST_F(QueryConfig, AMissingFileIsRestoredFromItsBackup) {
 
     fs::remove(conf / "queryconf.txt");
     platform::FileOperations files = platform::Files();
-    files.WriteFile = [](platform::FileHandle, const void*, std::size_t) { return platform::error::diskFull; };
+    files.CopyFileW = [](std::u16string_view, std::u16string_view to) {
+        Write(platform::Files().NativePath(to).c_str(), "{ \"Wor");
+        return platform::error::diskFull;
+    };
     {
         const platform::ScopedOperations scoped(files);
         Reload(u"");
@@ -152,7 +155,7 @@ TEST_F(QueryConfig, AFileThatCannotBeTakenLeavesThePlanInUse) {
     const auto holding = [](std::string bytes) { return [bytes](const fs::path& path) { Write(path, bytes); }; };
     const auto wide = [](std::string text) { return [text](const fs::path& path) { WriteWide(path, text); }; };
     for (const Row& row : std::vector<Row>{
-             {"missing", [](const fs::path&) {}, "backup\\queryconf.txt cannot be read. Error is [3]"},
+             {"missing", [](const fs::path&) {}, "backup\\queryconf.txt. Error is [3]"},
              {"a directory", [](const fs::path& path) { fs::create_directory(path); },
               "queryconf.txt: Access is denied. (error 5)"},
              {"empty", holding(""), "queryconf.txt: unexpected end of data at offset 0"},
