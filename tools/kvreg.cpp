@@ -1,14 +1,22 @@
 // kvreg, the command-line tool of the agent's registry.
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
+#include <fcntl.h>
 #include <filesystem>
 #include <fmt/format.h>
 #include <fstream>
 #include <map>
 #include <optional>
+#include <poll.h>
 #include <span>
 #include <string>
+#include <string_view>
+#include <strings.h>
+#include <sys/stat.h>
+#include <system_error>
+#include <unistd.h>
 #include <utility>
 #include <vector>
 
@@ -46,13 +54,15 @@ constexpr const char* help =
 
 KEY is a path under HKEY_LOCAL_MACHINE, such as 'Software\Halvorine\Kestrova\KVAgent\ServerInfo'; a leading
 HKEY_LOCAL_MACHINE\ or HKLM\ is accepted. NAME '' is the default value of the key, and so is no NAME for get.
+After -- a word that looks like an option is an argument: kvreg set KEY NAME -- --dword stores the text --dword.
 The registry is the file registry.db in /var/lib/kvagent, or in the directory that KVAGENT_STATE_DIR names.
 
 Exit code: 0 success, 1 failure, 2 wrong command line, 3 the thing asked for does not exist.
 )";
 
-constexpr std::uint32_t watchMilliseconds = 60'000;
+constexpr std::uint32_t watchMilliseconds = 1000;  // until the next look whether anyone reads
 constexpr std::uint32_t watchMissingMilliseconds = 200;
+constexpr int maximumLinks = 40;                        // as many as the system follows
 constexpr std::size_t maximumRegFileBytes = 64U << 20;  // far above any registry of the agent's
 
 /// Ends the program with one line on standard error.
@@ -60,6 +70,18 @@ struct Quit {
     ExitCode code;
     std::string message;
 };
+
+/// Text that could not be printed is a failure too.
+void FlushOutput() {
+    if (std::fflush(stdout) != 0) throw Quit{exitFailure, "cannot write to standard output"};
+}
+
+/// What prints seldom would not notice otherwise that a pipe's reader has gone.
+void RequireReader() {
+    pollfd output{STDOUT_FILENO, 0, 0};
+    const bool gone = poll(&output, 1, 0) > 0 && (output.revents & POLLERR) != 0;
+    if (gone) throw Quit{exitFailure, "nobody reads standard output any more"};
+}
 
 [[noreturn]] void WrongUsage(const std::string& message) { throw Quit{exitUsage, message + " (see kvreg --help)"}; }
 
@@ -93,7 +115,7 @@ std::u16string KeyArgument(const std::string& argument) {
     std::u16string_view belowRoot;
     if (SplitRootName(path, belowRoot)) {
         path = belowRoot;
-    } else if (argument.starts_with("HKEY_")) {
+    } else if (strncasecmp(argument.c_str(), "HKEY_", 5) == 0) {
         WrongUsage(fmt::format("only HKEY_LOCAL_MACHINE exists here, not '{}'", argument));
     }
     if (path.ends_with(u'\\')) path.remove_suffix(1);
@@ -198,10 +220,10 @@ void PrintChanges(const Snapshot& before, const Snapshot& after) {
         if (after.contains(place)) continue;
         fmt::print("deleted  {}    {}\n", WholePath(place.first), NameInLine(value.name));
     }
-    std::fflush(stdout);
+    FlushOutput();
 }
 
-/// Until interrupted. A key that is deleted is waited for until it is there again.
+/// Until interrupted, or until nobody reads. A key that is deleted is waited for until it is there again.
 void Watch(const CommandLine& line) {
     const std::u16string path = KeyArgument(line.arguments[0]);
     platform::RegistryKey key = 0;
@@ -213,12 +235,14 @@ void Watch(const CommandLine& line) {
     Require(open(), what, "key " + WholePath(path));
     Snapshot before = TakeSnapshot(path);
     while (true) {
+        RequireReader();
         const Error result = key ? platform::Registry().RegNotifyChangeKeyValue(key, watchMilliseconds) : open();
+        if (result == error::waitTimeout) continue;
         if (IsGone(result)) {
             if (key) platform::Registry().RegCloseKey(key);
             key = 0;
             platform::Clock().Sleep(watchMissingMilliseconds);
-        } else if (result != error::waitTimeout) {
+        } else {
             Require(result, what, "");
         }
         Snapshot after = TakeSnapshot(path);
@@ -227,30 +251,68 @@ void Watch(const CommandLine& line) {
     }
 }
 
-/// Writes beside the file and renames, so that a failure leaves a former file whole. Only the owner may read it, since
-/// the proxy password is exported too.
-void WriteFileWhole(const fs::path& path, const std::string& bytes) {
-    const fs::path partial = path.string() + ".partial";
-    std::error_code failure;
-    {
-        std::ofstream file(partial, std::ios::binary | std::ios::trunc);
-        fs::permissions(partial, fs::perms::owner_read | fs::perms::owner_write, failure);
-        if (!failure) file << bytes;
-        file.close();
-        if (!file) failure = std::make_error_code(std::errc::io_error);
+/// 0, or the errno.
+int WriteAll(int file, std::string_view bytes) {
+    while (!bytes.empty()) {
+        const ssize_t written = write(file, bytes.data(), bytes.size());
+        if (written < 0 && errno != EINTR) return errno;
+        if (written > 0) bytes.remove_prefix(static_cast<std::size_t>(written));
     }
-    if (!failure) fs::rename(partial, path, failure);
-    if (!failure) return;
-    std::error_code ignored;
-    fs::remove(partial, ignored);
-    throw Quit{exitFailure, fmt::format("cannot write {}: {}", path.string(), failure.message())};
+    return 0;
+}
+
+/// Writes to a device, a pipe or the like. 0, or the errno.
+int WriteStraight(const fs::path& path, std::string_view bytes) {
+    const int file = open(path.c_str(), O_WRONLY | O_NOCTTY | O_CLOEXEC);
+    if (file < 0) return errno;
+    const int failure = WriteAll(file, bytes);
+    return close(file) != 0 && failure == 0 ? errno : failure;
+}
+
+/// Writes beside the file and renames, so that a failure leaves a former file whole. Only the owner may read it, since
+/// the proxy password is exported too. 0, or the errno.
+int ReplaceFile(const fs::path& path, std::string_view bytes) {
+    std::string partial = path.string() + ".XXXXXX";
+    const int file = mkostemp(partial.data(), O_CLOEXEC);  // a new file of mode 0600
+    if (file < 0) return errno;
+    int failure = WriteAll(file, bytes);
+    if (failure == 0 && fsync(file) != 0) failure = errno;
+    if (close(file) != 0 && failure == 0) failure = errno;
+    if (failure == 0 && std::rename(partial.c_str(), path.c_str()) != 0) failure = errno;
+    if (failure != 0) unlink(partial.c_str());
+    return failure;
+}
+
+/// What a link leads to in the end, whether that exists or not.
+fs::path BehindLinks(fs::path path) {
+    std::error_code noLink;
+    for (int links = 0; links < maximumLinks; ++links) {
+        const fs::path target = fs::read_symlink(path, noLink);
+        if (noLink) break;
+        path = path.parent_path() / target;
+    }
+    return path;
+}
+
+/// 0, or the errno.
+int WriteOutput(const fs::path& path, std::string_view bytes) {
+    struct stat target {};
+    if (stat(path.c_str(), &target) != 0) return errno == ENOENT ? ReplaceFile(BehindLinks(path), bytes) : errno;
+    struct stat output {};
+    const bool isOutput =
+        fstat(STDOUT_FILENO, &output) == 0 && output.st_dev == target.st_dev && output.st_ino == target.st_ino;
+    if (isOutput) return WriteAll(STDOUT_FILENO, bytes);  // appends where >> was asked for
+    return S_ISREG(target.st_mode) ? ReplaceFile(BehindLinks(path), bytes) : WriteStraight(path, bytes);
 }
 
 void Export(const CommandLine& line) {
     const std::u16string path = line.arguments.size() > 1 ? KeyArgument(line.arguments[1]) : u"";
     RegFile tree;
     Require(ReadTree(path, tree), "cannot read the key " + WholePath(path), "key " + WholePath(path));
-    WriteFileWhole(line.arguments[0], PrintRegFile(tree));
+    const std::string& file = line.arguments[0];
+    if (const int failure = WriteOutput(file, PrintRegFile(tree))) {
+        throw Quit{exitFailure, fmt::format("cannot write {}: {}", file, std::generic_category().message(failure))};
+    }
 }
 
 std::string ReadFileWhole(const fs::path& path) {
@@ -311,8 +373,11 @@ void Run(std::span<const std::string> words) {
         return;
     }
     CommandLine line;
+    bool optionsEnded = false;
     for (const std::string& word : words.subspan(1)) {
-        if (word == "--dword") {
+        if (!optionsEnded && word == "--") {
+            optionsEnded = true;
+        } else if (!optionsEnded && word == "--dword") {
             line.dword = true;
         } else {
             line.arguments.push_back(word);
@@ -326,11 +391,6 @@ void Run(std::span<const std::string> words) {
         return command.run(line);
     }
     WrongUsage(fmt::format("unknown command '{}'", words[0]));
-}
-
-/// Text that could not be printed is a failure too.
-void FlushOutput() {
-    if (std::fflush(stdout) != 0) throw Quit{exitFailure, "cannot write to standard output"};
 }
 
 }  // namespace
