@@ -171,12 +171,15 @@ Error OpenOrCreate(RegistryDatabase& database, Purpose purpose) {
 
 Error Connect(RegistryDatabase& database, Purpose purpose) {
     if (database.connection && HasMoved(database.connection.get())) Disconnect(database);
-    Error failure = database.connection ? error::success : OpenOrCreate(database, purpose);
+    const bool wasOpen = database.connection != nullptr;
+    Error failure = wasOpen ? error::success : OpenOrCreate(database, purpose);
     if (failure == error::success && purpose == Purpose::write && !database.preparedForWriting) {
         failure = PrepareForWriting(database);
         database.preparedForWriting = failure == error::success;
     }
-    if (failure != error::success) Disconnect(database);
+    // Open keys belong to their connection, so one that still reads outlives a write that could not begin.
+    const bool broken = failure == error::databaseCorrupt || failure == error::readFault;
+    if (broken || (failure != error::success && !wasOpen)) Disconnect(database);
     return failure;
 }
 

@@ -33,7 +33,8 @@ enum class Purpose { read, write };
 
 /// Sees to an open connection; the file is opened anew when it has been replaced. Waits 5 seconds at most for another
 /// process. fileNotFound when there is no registry yet and the purpose is to read; busy, accessDenied, databaseCorrupt
-/// and the system's errors otherwise, and then the next call tries from the start.
+/// and the system's errors otherwise. After a failure the next call tries again; a connection that was open before
+/// stays open, unless the file turned out to be broken.
 Error Connect(RegistryDatabase& database, Purpose purpose);
 
 void Disconnect(RegistryDatabase& database);
