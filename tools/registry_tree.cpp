@@ -26,16 +26,15 @@ struct KeyHandle {
     }
 };
 
-/// Asks for the size first; a value that grows in between is asked again.
+/// Tries again with more room for as long as the value does not fit, since it may grow in between.
 Error QueryValue(platform::RegistryKey key, std::u16string_view name, RegFileValue& value) {
     value.name = name;
     std::size_t size = 0;
-    Error result = platform::Registry().RegQueryValueExW(key, name, &value.type, nullptr, size);
-    while (result == error::success) {
-        value.data.resize(size);
+    Error result = error::moreData;
+    while (result == error::moreData) {
+        value.data.resize(size + 1);  // without any room only the size would be told
+        size = value.data.size();
         result = platform::Registry().RegQueryValueExW(key, name, &value.type, value.data.data(), size);
-        if (result != error::moreData) break;
-        result = error::success;
     }
     value.data.resize(result == error::success ? size : 0);
     return result;
