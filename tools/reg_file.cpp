@@ -16,6 +16,7 @@ namespace {
 using platform::RegistryType;
 
 constexpr std::u16string_view header = u"Windows Registry Editor Version 5.00";
+constexpr std::string_view olderHeader = "REGEDIT4";  // of a format in the code page of the system that wrote it
 constexpr std::u16string_view rootName = u"HKEY_LOCAL_MACHINE";
 constexpr std::u16string_view shortRootName = u"HKLM";
 constexpr std::size_t printedWidth = 78;  // of a line of hexadecimal bytes, before its backslash
@@ -383,6 +384,10 @@ void PrintValue(std::u16string& out, const RegFileValue& value) {
 
 bool ParseRegFile(std::string_view bytes, RegFile& file, RegFileError& error) {
     file.clear();
+    if (bytes.starts_with(olderHeader)) {
+        error = {1, "a REGEDIT4 file cannot be read; export it as \"Windows Registry Editor Version 5.00\""};
+        return false;
+    }
     std::u16string text;
     if (!Decode(bytes, text, error)) return false;
     Cursor at{text, 0, error};
