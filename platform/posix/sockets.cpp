@@ -16,7 +16,7 @@ namespace {
 using AddressList = std::unique_ptr<addrinfo, decltype(&freeaddrinfo)>;
 
 Error LookupError(int code) {
-    if (code == EAI_SYSTEM) return ErrorFromErrno(errno);
+    if (code == EAI_SYSTEM && errno != 0) return ErrorFromErrno(errno);
     return code == EAI_MEMORY ? error::notEnoughMemory : error::hostNotFound;
 }
 
