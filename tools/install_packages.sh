@@ -1,14 +1,16 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that building, trying and testing need; does nothing when all are there.
-# Usage: tools/install_packages.sh build|test
+# Installs the Debian packages that building and trying, testing, or fuzzing need; does nothing when all are there.
+# Usage: tools/install_packages.sh build|test|fuzz
 set -euo pipefail
 
 build=(g++ cmake ninja-build pkg-config ccache zlib1g-dev libjson-c-dev libcurl4-openssl-dev libsqlite3-dev libfmt-dev
        libutfcpp-dev libzip-dev libcpp-httplib-dev libssl-dev)
-test=(libgtest-dev libgmock-dev libbenchmark-dev clang clang-format libclang-rt-14-dev openssl unzip python3)
+test=(libgtest-dev libgmock-dev libbenchmark-dev clang-format openssl unzip python3)
+fuzz=(clang libclang-rt-14-dev)
 
 packages=("${build[@]}")
 [ "${1:-build}" = test ] && packages+=("${test[@]}")
+[ "${1:-build}" = fuzz ] && packages+=("${fuzz[@]}")
 
 missing=()
 for package in "${packages[@]}"; do
