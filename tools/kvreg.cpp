@@ -54,7 +54,8 @@ constexpr const char* help =
 
 KEY is a path under HKEY_LOCAL_MACHINE, such as 'Software\Halvorine\Kestrova\KVAgent\ServerInfo'; a leading
 HKEY_LOCAL_MACHINE\ or HKLM\ is accepted. NAME '' is the default value of the key, and so is no NAME for get.
-After -- a word that looks like an option is an argument: kvreg set KEY NAME -- --dword stores the text --dword.
+After -- a word that looks like an option is an argument: kvreg set KEY NAME -- --dword stores the text --dword. A --
+at the very end is an argument itself.
 The registry is the file registry.db in /var/lib/kvagent, or in the directory that KVAGENT_STATE_DIR names.
 
 Exit code: 0 success, 1 failure, 2 wrong command line, 3 the thing asked for does not exist.
@@ -111,12 +112,11 @@ std::u16string WideArgument(const std::string& argument) {
 
 std::u16string KeyArgument(const std::string& argument) {
     const std::u16string wide = WideArgument(argument);
-    std::u16string_view path = wide;
-    std::u16string_view belowRoot;
-    if (SplitRootName(path, belowRoot)) {
-        path = belowRoot;
-    } else if (strncasecmp(argument.c_str(), "HKEY_", 5) == 0) {
-        WrongUsage(fmt::format("only HKEY_LOCAL_MACHINE exists here, not '{}'", argument));
+    std::u16string_view path;
+    if (!SplitRootName(wide, path)) {
+        const bool otherRoot = strncasecmp(argument.c_str(), "HKEY_", 5) == 0;
+        if (otherRoot) WrongUsage(fmt::format("only HKEY_LOCAL_MACHINE exists here, not '{}'", argument));
+        path = wide;
     }
     if (path.ends_with(u'\\')) path.remove_suffix(1);
     if (!platform::IsRegistryKeyPath(path)) WrongUsage(fmt::format("'{}' is not the path of a key", argument));
@@ -375,7 +375,8 @@ void Run(std::span<const std::string> words) {
     CommandLine line;
     bool optionsEnded = false;
     for (const std::string& word : words.subspan(1)) {
-        if (!optionsEnded && word == "--") {
+        const bool last = &word == &words.back();  // -- is stored too, as the placeholder of an empty text
+        if (!optionsEnded && word == "--" && !last) {
             optionsEnded = true;
         } else if (!optionsEnded && word == "--dword") {
             line.dword = true;
@@ -405,7 +406,7 @@ int main(int argc, char** argv) {
         kv::FlushOutput();
         return kv::exitSuccess;
     } catch (const kv::Quit& quit) {
-        std::fflush(stdout);
+        static_cast<void>(std::fflush(stdout));
         fmt::print(stderr, "kvreg: {}\n", kv::InLine(quit.message));
         return quit.code;
     } catch (const std::exception& failure) {

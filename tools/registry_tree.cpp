@@ -14,11 +14,10 @@ namespace error = platform::error;
 /// An open key, closed at the end of the scope.
 struct KeyHandle {
     platform::RegistryKey key = 0;
-    Error failure = error::success;
+    Error failure;
 
-    KeyHandle(std::u16string_view path, RegistryAccess access) {
-        failure = platform::Registry().RegOpenKeyExW(RootKey::localMachine, path, access, key);
-    }
+    KeyHandle(std::u16string_view path, RegistryAccess access)
+        : failure(platform::Registry().RegOpenKeyExW(RootKey::localMachine, path, access, key)) {}
     KeyHandle(const KeyHandle&) = delete;
     KeyHandle& operator=(const KeyHandle&) = delete;
     ~KeyHandle() {
