@@ -11,32 +11,29 @@ namespace kv {
 namespace {
 
 namespace fs = std::filesystem;
+namespace error = platform::error;
 using FileHelpers = test::TestAgent;
 
 TEST_F(FileHelpers, DeletesATreeAndReportsWhatItCannotDelete) {
-    Write(bin / "tree" / "a.txt", "a");
-    Write(bin / "tree" / "deep" / "er" / "b.txt", "b");
-    EXPECT_EQ(DeleteDirectoryRecursively(u"tree"), 1);
-    EXPECT_FALSE(fs::exists(bin / "tree"));
     EXPECT_EQ(DeleteDirectoryRecursively(u"tree"), 1);
     EXPECT_TRUE(Logged("\t DeleteDirectoryRecursively :: Invalid File Handle, path : tree \n"));
-
-    Write(bin / "tree" / "a.txt", "a");
-    Write(bin / "tree" / "b.txt", "b");
+    for (const char* name : {"a.txt", "b.txt", "deep/er/c.txt"}) Write(bin / "tree" / name, "text");
     platform::FileOperations files = platform::Files();
     files.DeleteFileW = [real = files.DeleteFileW](std::u16string_view path) {
-        return path.ends_with(u"a.txt") ? platform::error::accessDenied : real(path);
+        return path.ends_with(u"a.txt") ? error::accessDenied : real(path);
     };
-    const platform::ScopedOperations scoped(files);
-    EXPECT_EQ(DeleteDirectoryRecursively(u"tree\\"), 0);
+    {
+        const platform::ScopedOperations scoped(files);
+        EXPECT_EQ(DeleteDirectoryRecursively(u"tree\\"), 0);
+    }
     EXPECT_TRUE(fs::exists(bin / "tree" / "a.txt"));
-    EXPECT_FALSE(fs::exists(bin / "tree" / "b.txt"));
+    EXPECT_FALSE(fs::exists(bin / "tree" / "b.txt") || fs::exists(bin / "tree" / "deep"));
+    EXPECT_EQ(DeleteDirectoryRecursively(u"tree"), 1);
+    EXPECT_FALSE(fs::exists(bin / "tree"));
 }
 
 TEST_F(FileHelpers, TellsFilesFromDirectoriesAndCountsZips) {
-    Write(bin / "zipdata" / "one.zip", "1");
-    Write(bin / "zipdata" / "two.ZIP", "2");
-    Write(bin / "zipdata" / "three.txt", "3");
+    for (const char* name : {"one.zip", "two.ZIP", "three.txt"}) Write(bin / "zipdata" / name, "");
     EXPECT_EQ(fileExists(u"zipdata\\one.zip"), 1);
     EXPECT_EQ(fileExists(u"zipdata\\none.zip"), 0);
     EXPECT_FALSE(Logged("Directory doesnot exists"));
@@ -53,63 +50,43 @@ TEST_F(FileHelpers, TellsFilesFromDirectoriesAndCountsZips) {
 TEST_F(FileHelpers, AFileInUseCostsAQuarterSecond) {
     test::VirtualClock clock;
     platform::FileOperations files = platform::Files();
-    platform::Error state = platform::error::sharingViolation;
+    platform::Error state = error::sharingViolation;
     files.GetFileUseState = [&state](std::u16string_view) { return state; };
     const platform::ScopedOperations scoped(files);
     EXPECT_EQ(IsFileisOpen(u"a.txt"), FileUse::inUse);
-    state = platform::error::accessDenied;
+    state = error::accessDenied;
     EXPECT_EQ(IsFileisOpen(u"a.txt"), FileUse::unknown);
     EXPECT_EQ(clock.nowMilliseconds() - test::VirtualClock::startMilliseconds, 250);
     EXPECT_TRUE(Logged(" IsFileisOpen :: Error Occured [5]\n"));
 }
 
 TEST_F(FileHelpers, WritesAFileCompletelyOrNotAtAll) {
-    using platform::Error;
-    const struct {
-        const char* title;
-        void (*fail)(platform::FileOperations&);
-        Error result;
-    } rows[] = {
-        {"no fault", [](platform::FileOperations&) {}, platform::error::success},
-        {"disk full while writing",
-         [](platform::FileOperations& files) {
-             files.WriteFile = [](auto, auto, auto) { return platform::error::diskFull; };
-         },
-         platform::error::diskFull},
-        {"disk full while flushing",
-         [](platform::FileOperations& files) {
-             files.FlushFileBuffers = [](auto) { return platform::error::diskFull; };
-         },
-         platform::error::diskFull},
-        {"rename denied",
-         [](platform::FileOperations& files) {
-             files.MoveFileExW = [](auto, auto, auto) { return platform::error::accessDenied; };
-         },
-         platform::error::accessDenied},
+    using platform::FileOperations;
+    void (*const faults[])(FileOperations&) = {
+        [](FileOperations& files) { files.WriteFile = [](auto&&...) { return error::diskFull; }; },
+        [](FileOperations& files) { files.FlushFileBuffers = [](auto&&...) { return error::diskFull; }; },
+        [](FileOperations& files) { files.MoveFileExW = [](auto&&...) { return error::diskFull; }; },
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.title);
-        Write(bin / "record.txt", "former");
-        platform::FileOperations files = platform::Files();
-        row.fail(files);
+    Write(bin / "record.txt", "former");
+    for (const auto fault : faults) {
+        FileOperations files = platform::Files();
+        fault(files);
         const platform::ScopedOperations scoped(files);
-        EXPECT_EQ(WriteCompleteFile(u"record.txt", u"record.tmp", "new"), row.result);
-        EXPECT_EQ(Read(bin / "record.txt"), row.result == 0 ? "new" : "former");
+        EXPECT_EQ(WriteCompleteFile(u"record.txt", u"record.tmp", "new"), error::diskFull);
+        EXPECT_EQ(Read(bin / "record.txt"), "former");
         EXPECT_FALSE(fs::exists(bin / "record.tmp"));
     }
-}
 
-TEST_F(FileHelpers, ReadsBackWhatWasWritten) {
     std::u16string text = u"\u00e4\U0001F600";
     for (int i = 0; i < 40000; ++i) text += static_cast<char16_t>(i);
     const std::string bytes = Utf16LittleEndianBytes(text);
     EXPECT_EQ(bytes.substr(0, 6), std::string("\xE4\x00\x3D\xD8\x00\xDE", 6));
-    ASSERT_EQ(WriteCompleteFile(u"wide.txt", u"wide.tmp", bytes), platform::error::success);
+    ASSERT_EQ(WriteCompleteFile(u"record.txt", u"record.tmp", bytes), error::success);
+    EXPECT_FALSE(fs::exists(bin / "record.tmp"));
     std::string content = "before";
-    ASSERT_EQ(ReadWholeFile(u"wide.txt", content), platform::error::success);
-    EXPECT_TRUE(TextFromUtf16LittleEndian(content) == text);
-    EXPECT_TRUE(TextFromUtf16LittleEndian(content + "x") == text);
-    EXPECT_EQ(ReadWholeFile(u"missing.txt", content), platform::error::fileNotFound);
+    ASSERT_EQ(ReadWholeFile(u"record.txt", content), error::success);
+    EXPECT_TRUE(TextFromUtf16LittleEndian(content + "x") == text) << "an odd last byte is dropped";
+    EXPECT_EQ(ReadWholeFile(u"missing.txt", content), error::fileNotFound);
     EXPECT_TRUE(content.empty());
 }
 

@@ -2,7 +2,6 @@
 #include <atomic>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "foundation/published_text.h"
 #include "foundation/resource_lock.h"
@@ -12,19 +11,16 @@
 namespace kv {
 namespace {
 
-class Locks : public test::TestAgent {
-  protected:
-    int one = 0;
-    int other = 0;
-};
+using Locks = test::TestAgent;
 
 TEST_F(Locks, KeysLockIndependentlyAndHaveNoOwner) {
+    int one = 0;
+    int other = 0;
     SynchronizeResource_MSP(&one);
     EXPECT_EQ(ResourceLockOp_MSP(&one, LockOperation::lock), lockBusy);
     EXPECT_EQ(ResourceLockOp_MSP(&other, LockOperation::lock), lockAcquired);
-    std::thread([this] { UnsynchronizeResource_MSP(&one); }).join();
+    std::thread([&one] { UnsynchronizeResource_MSP(&one); }).join();
     EXPECT_EQ(IsResourceLocked_MSP(&one), 2);
-    EXPECT_EQ(IsResourceLocked_MSP(&other), 1);
     EXPECT_FALSE(Logged("Alert!"));
     UnsynchronizeResource_MSP(&one);
     EXPECT_TRUE(Logged("Alert! something went wrong...\n"));
@@ -37,16 +33,16 @@ TEST_F(Locks, KeysLockIndependentlyAndHaveNoOwner) {
 
 TEST_F(Locks, ALockKeepsThreadsApart) {
     int counter = 0;  // plain: only the lock makes the sum right
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([&] {
-            for (int i = 0; i < 500; ++i) {
-                const ResourceLock lock(&counter);
-                ++counter;
-            }
-        });
-    }
-    for (std::thread& thread : threads) thread.join();
+    const auto count = [&] {
+        for (int i = 0; i < 1000; ++i) {
+            const ResourceLock lock(&counter);
+            ++counter;
+        }
+    };
+    std::thread first(count);
+    std::thread second(count);
+    first.join();
+    second.join();
     EXPECT_EQ(counter, 2000);
 }
 

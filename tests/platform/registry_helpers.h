@@ -4,7 +4,6 @@
 #include <cstddef>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "platform/registry.h"
 
@@ -19,18 +18,9 @@ using platform::RegistryType;
 using platform::RootKey;
 namespace error = platform::error;
 
-inline RegistryKey Open(std::u16string_view path, RegistryAccess access = RegistryAccess::allAccess,
-                        const RegistryOperations& registry = Registry()) {
-    RegistryKey key = 0;
-    registry.RegOpenKeyExW(RootKey::localMachine, path, access, key);
-    return key;
-}
-
-inline Error TryOpen(std::u16string_view path) {
-    RegistryKey key = 0;
-    const Error result = Registry().RegOpenKeyExW(RootKey::localMachine, path, RegistryAccess::queryValue, key);
-    if (key != 0) Registry().RegCloseKey(key);
-    return result;
+/// key is 0 when the opening failed.
+inline Error Open(std::u16string_view path, RegistryKey& key, RegistryAccess access = RegistryAccess::allAccess) {
+    return Registry().RegOpenKeyExW(RootKey::localMachine, path, access, key);
 }
 
 /// Makes the key where it is missing.
@@ -50,7 +40,7 @@ inline std::string GetBytes(std::u16string_view path, std::u16string_view name) 
     RegistryKey key = 0;
     std::string data(4096, '\0');
     std::size_t size = data.size();
-    Error result = Registry().RegOpenKeyExW(RootKey::localMachine, path, RegistryAccess::queryValue, key);
+    Error result = Open(path, key, RegistryAccess::queryValue);
     if (result == error::success) {
         result = Registry().RegQueryValueExW(key, name, nullptr, reinterpret_cast<std::byte*>(data.data()), size);
         Registry().RegCloseKey(key);
