@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <fstream>
 #include <iterator>
+#include <thread>
 #include <vector>
 
 #include "collection/collect.h"
@@ -243,6 +244,11 @@ TEST_F(Collection, NumbersGoOnBehindTheFilesOnDisk) {
     EXPECT_EQ(NextRecordPath(u"data"), u"data\\Agent_K_8");
     agentState.gv_ocLastCreatedJSONNum = 6;
     EXPECT_EQ(NextRecordPath(u"data"), u"data\\Agent_K_8") << "the unsent record 7 is not written over";
+    std::u16string theirs;
+    std::thread other([&theirs] { theirs = NextRecordPath(u"data"); });
+    const std::u16string ours = NextRecordPath(u"data");
+    other.join();
+    EXPECT_NE(ours, theirs) << "two threads never take one number";
     EXPECT_EQ(DataFiles(), 8);
     EXPECT_TRUE(Logged("Agent_K_9.out was left unfinished"));
 }

@@ -1,11 +1,12 @@
 // Which plan stands after loading: own and slave files, backups, reloads, and files that are not what they should be.
-#include <functional>
 #include <optional>
+#include <regex>
 #include <utility>
 #include <vector>
 
 #include "foundation/agent_state.h"
 #include "foundation/file_utils.h"
+#include "jsontext/hash_json.h"
 #include "platform/files.h"
 #include "platform/threads.h"
 #include "platform/utf.h"
@@ -17,15 +18,14 @@ namespace {
 
 namespace fs = std::filesystem;
 
-platform::ThreadOperations WithoutNewThreads() {
-    platform::ThreadOperations operations = platform::Threads();
-    operations.CreateThread = [](platform::ThreadStart, void*) { return platform::ThreadHandle{1}; };
-    return operations;
-}
-
 /// The timer thread is not started: these tests look at the plan, not at its runs.
 class QueryConfig : public TestAgent {
   protected:
+    QueryConfig() {
+        platform::ThreadOperations operations = platform::Threads();
+        operations.CreateThread = [](platform::ThreadStart, void*) { return platform::ThreadHandle{1}; };
+        threads_.emplace(operations);
+    }
     ~QueryConfig() override {
         for (Vector* list : replaced_) FreeAllVector(list);
         FreePlan();
@@ -49,20 +49,19 @@ class QueryConfig : public TestAgent {
         Write(path, "\xFF\xFE" + Utf16LittleEndianBytes(platform::WideFromUtf8(text)));
     }
 
-    /// "WorkFlows: a b; WorkFlows_S: c", or "none".
+    /// The plan's JSON text, its keys from the last to the first; workflows of WritePlan stand there by name only.
     static std::string Plan() {
+        static const std::regex workflow(R"re(\{ "recordSetName": \[ \], "interval": 5, "wfname": ("\w+") \})re");
         if (!agentState.gv_queryConfHash) return "none";
-        std::string plan;
-        const auto keys = GetHashKeys(agentState.gv_queryConfHash);
-        for (std::size_t i = 0; keys[i]; ++i) {
-            plan += (i > 0 ? "; " : "") + platform::Utf8FromWide(keys[i]) + ":";
-            Vector* workflows = GetHashVector(agentState.gv_queryConfHash, keys[i]);
-            for (std::int32_t j = 0; workflows && j < workflows->count; ++j) {
-                const auto* entry = reinterpret_cast<const HashTable*>(ElementAt(workflows, j)->value);
-                plan += " " + platform::Utf8FromWide(GetHashText(entry, u"wfname"));
-            }
-        }
-        return plan;
+        return std::regex_replace(platform::Utf8FromWide(HashToJSONString(agentState.gv_queryConfHash)), workflow,
+                                  "$1");
+    }
+    /// The names of the scheduled workflows, one after the other.
+    static std::string Scheduled() {
+        std::string names;
+        for (const VectorElement* each = agentState.gv_sortVec->head; each; each = each->next)
+            names += platform::Utf8FromWide(GetHashText(reinterpret_cast<const HashTable*>(each->value), u"wfname"));
+        return names;
     }
 
     /// Loads one agent's file; the list that it replaces, which the agent leaves alive, goes at the end of the test.
@@ -74,51 +73,47 @@ class QueryConfig : public TestAgent {
     }
 
   private:
-    platform::ScopedOperations<platform::ThreadOperations> threads_{WithoutNewThreads()};
+    std::optional<platform::ScopedOperations<platform::ThreadOperations>> threads_;
     std::vector<Vector*> replaced_;
 };
 
-TEST_F(QueryConfig, AMasterTakesItsSlavesFilesAfterItsOwn) {
+TEST_F(QueryConfig, AMasterTakesItsSlavesFilesAfterItsOwnAndAReloadReplacesOneKeyOnly) {
     WritePlan(conf / "queryconf.txt", "WorkFlows", {"a", "b"});
-    WritePlan(SlaveFile("S1"), "WorkFlows_S1", {"c"});
-    WritePlan(SlaveFile("S2"), "WorkFlows_S2", {"d"});
-    WritePlan(conf / "backup" / "S3" / "queryconf.txt", "WorkFlows_S3", {"e"});
-    fs::create_directories(conf / "slaves" / "S3");
-    fs::create_directories(SlaveFile("S4"));
-    Write(conf / "slaves" / "file.txt", "x");
-
-    agentState.gv_masterAgent = u"no";
-    LoadConfFiles();
-    EXPECT_EQ(Plan(), "WorkFlows: a b");
-    EXPECT_EQ(agentState.gv_loadqueryconf, 1);
-    EXPECT_EQ(agentState.gv_sortVec->count, 2);
-
-    FreePlan();
     agentState.gv_masterAgent = u"Yes";
-    LoadConfFiles();
-    EXPECT_EQ(Plan(), "WorkFlows: a b; WorkFlows_S1: c; WorkFlows_S2: d");
-    EXPECT_EQ(agentState.gv_sortVec->count, 4);
-    EXPECT_FALSE(fs::exists(SlaveFile("S3")));
-}
-
-TEST_F(QueryConfig, TheSlavesDirectoryIsCreatedAndItsFirstTwoEntriesArePassedOver) {
-    agentState.gv_masterAgent = u"YES";
     LoadConfFiles();
     EXPECT_TRUE(fs::is_directory(conf / "slaves"));
     EXPECT_TRUE(Logged("\t LoadConfFiles :: No query conf file exists under slaves directory.\n"));
 
-    for (const char* name : {"1", "2", "3"}) WritePlan(SlaveFile(name), std::string("WorkFlows_") + name, {name});
-    std::vector<std::u16string> names{u"3", u"2", u"1"};
-    platform::FileOperations files = platform::Files();
-    files.FindNextFileW = [&](platform::FindHandle, platform::FindData& entry) {
-        if (names.empty()) return platform::error::noMoreFiles;
-        entry.fileName = names.back();
-        names.pop_back();
-        return platform::error::success;
-    };
-    const platform::ScopedOperations scoped(files);
+    WritePlan(SlaveFile("S"), "WorkFlows_S", {"c"});
+    WritePlan(SlaveFile("T"), "WorkFlows_T", {"d"});
+    WritePlan(SlaveFile("."), "WorkFlows_.", {"the first two entries, . and .., are passed over"});
+    WritePlan(conf / "backup" / "U" / "queryconf.txt", "WorkFlows_U", {"only a file that was there is restored"});
+    fs::create_directories(SlaveFile("U").parent_path());
+    FreePlan();
     LoadConfFiles();
-    EXPECT_EQ(Plan(), "WorkFlows_2: 2; WorkFlows_3: 3");
+    EXPECT_EQ(Plan(), R"({ "WorkFlows_T": [ "d" ], "WorkFlows_S": [ "c" ], "WorkFlows": [ "a", "b" ] })");
+    EXPECT_EQ(agentState.gv_loadqueryconf, 1);
+    EXPECT_EQ(Scheduled(), "abcd");
+
+    const Vector* own = GetHashVector(agentState.gv_queryConfHash, u"WorkFlows");
+    WritePlan(SlaveFile("S"), "WorkFlows_S", {"e", "f"});
+    Reload(u"S", u"..\\conf\\slaves\\S\\queryconf.txt");
+    const std::string reloaded =
+        R"({ "WorkFlows_S": [ "e", "f" ], "WorkFlows_T": [ "d" ], "WorkFlows": [ "a", "b" ] })";
+    EXPECT_EQ(Plan(), reloaded);
+    EXPECT_EQ(GetHashVector(agentState.gv_queryConfHash, u"WorkFlows"), own);
+    EXPECT_TRUE(Logged("\t Key WorkFlows_S deleted from query conf \n"));
+    EXPECT_TRUE(Logged("\t Query conf key count after merging : 3 \n"));
+    EXPECT_EQ(Scheduled(), "abcd") << "what is scheduled stays alive";
+    WritePlan(SlaveFile("S"), "WorkFlows", {"x"});
+    Reload(u"S", u"..\\conf\\slaves\\S\\queryconf.txt");
+    EXPECT_EQ(Plan(), reloaded);
+    EXPECT_TRUE(Logged("WorkFlows belongs to another file and is left out"));
+
+    FreePlan();
+    agentState.gv_masterAgent = u"no";
+    LoadConfFiles();
+    EXPECT_EQ(Plan(), R"({ "WorkFlows": [ "a", "b" ] })");
 }
 
 TEST_F(QueryConfig, AMissingFileIsRestoredFromItsBackup) {
@@ -127,9 +122,8 @@ TEST_F(QueryConfig, AMissingFileIsRestoredFromItsBackup) {
     fs::create_directories(conf / "slaves" / "S");
     Reload(u"");
     Reload(u"S", u"..\\conf\\slaves\\S\\queryconf.txt");
-    EXPECT_EQ(Plan(), "WorkFlows: a; WorkFlows_S: b");
+    EXPECT_EQ(Plan(), R"({ "WorkFlows_S": [ "b" ], "WorkFlows": [ "a" ] })");
     EXPECT_TRUE(Logged("queryconf.txt file is not available...copy file from backup directory..\n"));
-    EXPECT_EQ(Read(conf / "queryconf.txt"), Read(conf / "backup" / "queryconf.txt"));
     EXPECT_EQ(Read(SlaveFile("S")), Read(conf / "backup" / "S" / "queryconf.txt"));
 
     fs::remove(conf / "queryconf.txt");
@@ -138,102 +132,64 @@ TEST_F(QueryConfig, AMissingFileIsRestoredFromItsBackup) {
         Write(platform::Files().NativePath(to).c_str(), "{ \"Wor");
         return platform::error::diskFull;
     };
-    {
-        const platform::ScopedOperations scoped(files);
-        Reload(u"");
-    }
+    const platform::ScopedOperations scoped(files);
+    Reload(u"");
     EXPECT_FALSE(fs::exists(conf / "queryconf.txt"));
-    EXPECT_EQ(Plan(), "WorkFlows: a; WorkFlows_S: b");
+    EXPECT_EQ(Plan(), R"({ "WorkFlows_S": [ "b" ], "WorkFlows": [ "a" ] })");
 }
 
 TEST_F(QueryConfig, AFileThatCannotBeTakenLeavesThePlanInUse) {
     struct Row {
         const char* title;
-        std::function<void(const fs::path&)> make;
+        std::optional<std::string> file;
         const char* logged;
     };
-    const auto holding = [](std::string bytes) { return [bytes](const fs::path& path) { Write(path, bytes); }; };
-    const auto wide = [](std::string text) { return [text](const fs::path& path) { WriteWide(path, text); }; };
     for (const Row& row : std::vector<Row>{
-             {"missing", [](const fs::path&) {}, "backup\\queryconf.txt. Error is [3]"},
-             {"a directory", [](const fs::path& path) { fs::create_directory(path); },
-              "queryconf.txt: Access is denied. (error 5)"},
-             {"empty", holding(""), "queryconf.txt: unexpected end of data at offset 0"},
-             {"cut short", wide("{\"WorkFlows\":[{\"wfname\""), "queryconf.txt: unexpected end of data at offset 23"},
-             {"malformed", wide("{\n\"WorkFlows\" []}"), "separator ':' expected at offset 14 (line 2)"},
-             {"no object", wide("[{\"interval\":5}]"), "queryconf.txt: the top level is no object"},
-             {"no text", holding("\x89PNG\r\n\x1A\n"), "queryconf.txt: the file is neither UTF-16LE nor UTF-8"},
-             {"without its list", wide("{}"), "queryconf.txt has no array WorkFlows"},
-             {"no list", wide("{\"WorkFlows\":{}}"), "the value of WorkFlows is no array: it is left out"},
+             {"missing", std::nullopt, "backup\\queryconf.txt. Error is [3]"},
+             {"empty", "", "queryconf.txt: unexpected end of data at offset 0"},
+             {"cut short", "{\"WorkFlows\":[{\"wfname\"", "queryconf.txt: unexpected end of data at offset 23"},
+             {"malformed", "{\n\"WorkFlows\" []}", "separator ':' expected at offset 14 (line 2)"},
+             {"no object", "[{\"interval\":5}]", "queryconf.txt: the top level is no object"},
+             {"without its list", "{}", "queryconf.txt has no array WorkFlows"},
+             {"no list", "{\"WorkFlows\":{}}", "the value of WorkFlows is no array: it is left out"},
          }) {
         SCOPED_TRACE(row.title);
         const auto loadBadFile = [&] {
             fs::remove(conf / "queryconf.txt");
-            row.make(conf / "queryconf.txt");
+            if (row.file) WriteWide(conf / "queryconf.txt", *row.file);
             Reload(u"");
             fs::remove(conf / "queryconf.txt");
             return Plan();
         };
         const std::string first = loadBadFile();
-        EXPECT_TRUE(first == "none" || first.empty());
+        EXPECT_TRUE(first == "none" || first == "{ }");
         EXPECT_TRUE(Logged(row.logged));
         WritePlan(conf / "queryconf.txt", "WorkFlows", {"a"});
         Reload(u"");
-        EXPECT_EQ(Plan(), "WorkFlows: a");
-        EXPECT_EQ(loadBadFile(), "WorkFlows: a");
+        EXPECT_EQ(loadBadFile(), R"({ "WorkFlows": [ "a" ] })");
         FreePlan();
     }
 }
 
-TEST_F(QueryConfig, AReloadReplacesOneKeyOnly) {
-    WritePlan(conf / "queryconf.txt", "WorkFlows", {"a"});
-    WritePlan(SlaveFile("S"), "WorkFlows_S", {"b"});
-    WritePlan(SlaveFile("T"), "WorkFlows_T", {"c"});
-    agentState.gv_masterAgent = u"YES";
-    LoadConfFiles();
-    const Vector* own = GetHashVector(agentState.gv_queryConfHash, u"WorkFlows");
-    WritePlan(SlaveFile("S"), "WorkFlows_S", {"d", "e"});
-    Reload(u"S", u"..\\conf\\slaves\\S\\queryconf.txt");
-    EXPECT_EQ(Plan(), "WorkFlows: a; WorkFlows_T: c; WorkFlows_S: d e");
-    EXPECT_EQ(GetHashVector(agentState.gv_queryConfHash, u"WorkFlows"), own);
-    EXPECT_TRUE(Logged("\t Key WorkFlows_S deleted from query conf \n"));
-    EXPECT_TRUE(Logged("\t Query conf key count after deleting : 2 \n"));
-    EXPECT_TRUE(Logged("\t Query conf key count after merging : 3 \n"));
-    const auto* before = reinterpret_cast<const HashTable*>(ElementAt(agentState.gv_sortVec, 1)->value);
-    EXPECT_STREQ(platform::Utf8FromWide(GetHashText(before, u"wfname")).c_str(), "b");
-
-    WritePlan(SlaveFile("S"), "WorkFlows", {"x"});
-    Reload(u"S", u"..\\conf\\slaves\\S\\queryconf.txt");
-    EXPECT_EQ(Plan(), "WorkFlows: a; WorkFlows_T: c; WorkFlows_S: d e");
-    EXPECT_TRUE(Logged("WorkFlows belongs to another file and is left out"));
-}
-
 TEST_F(QueryConfig, WorkflowsThatCannotRunAreLeftOutOneByOne) {
-    struct Row {
-        const char* workflow;
-        const char* fault;
-    };
-    const std::vector<Row> rows{
-        {R"("text")", "(null), is no object"},
-        {R"({"wfname":"none","recordSetName":[]})", "none, has no interval"},
-        {R"({"wfname":"zero","interval":0,"recordSetName":[]})", "zero, has an interval below 1"},
-        {R"({"wfname":"word","interval":"5","recordSetName":[]})", "word, has an interval that is no number"},
-        {R"({"wfname":"wide","interval":4294967301,"recordSetName":[]})", "wide, has an interval that is no number"},
-        {R"({"wfname":"bare","interval":5})", "bare, has no array recordSetName"},
-        {R"({"wfname":"lone","interval":5,"recordSetName":{}})", "lone, has no array recordSetName"},
-    };
-    std::string text = R"({"Version":7,"WorkFlows":[)";
-    for (const Row& row : rows) (text += row.workflow) += ",";
-    WriteWide(conf / "queryconf.txt", text + R"({"wfname":"cut","interval":1.5,"recordSetName":[{}]}]})");
+    WriteWide(conf / "queryconf.txt", R"({"Version":7,"WorkFlows":["text",
+        {"wfname":"none","recordSetName":[]},
+        {"wfname":"zero","interval":0,"recordSetName":[]},
+        {"wfname":"word","interval":"5","recordSetName":[]},
+        {"wfname":"wide","interval":4294967301,"recordSetName":[]},
+        {"wfname":"lone","interval":5,"recordSetName":{}},
+        {"wfname":"cut","interval":1.5,"recordSetName":[{}]}]})");
     LoadConfFiles();
-    EXPECT_EQ(Plan(), "WorkFlows: cut");
+    EXPECT_EQ(Plan(), R"({ "WorkFlows": [ { "recordSetName": [ { } ], "interval": 1.000000, "wfname": "cut" } ] })");
     const std::string head = "\t LoadQueryConfig :: ..\\conf\\queryconf.txt :: ";
     EXPECT_TRUE(Logged(head + "the value of Version is no array: it is left out"));
-    for (std::size_t i = 0; i < rows.size(); ++i)
-        EXPECT_TRUE(Logged(head + "workflow [" + std::to_string(i) + "] of WorkFlows, wfname " + rows[i].fault)) << i;
-    const auto* cut = reinterpret_cast<const HashTable*>(ElementAt(agentState.gv_sortVec, 0)->value);
-    EXPECT_EQ(GetHashEntry(cut, u"interval")->type, ValueType::number);
-    EXPECT_EQ(GetHashValue(cut, u"interval"), 1u);
+    std::string workflow = "workflow [0] of WorkFlows, wfname ";
+    for (const char* fault : {"(null), is no object", "none, has no interval", "zero, has an interval below 1",
+                              "word, has an interval that is no number", "wide, has an interval that is no number",
+                              "lone, has no array recordSetName"}) {
+        EXPECT_TRUE(Logged(head + workflow + fault)) << fault;
+        ++workflow[10];
+    }
 }
 
 }  // namespace
