@@ -1,9 +1,9 @@
 // The HTTP transport: the WinHTTP operations of one transaction. A session leads to a connection, a connection to a
 // request; each is closed with WinHttpCloseHandle, request first. Nothing is kept between sessions.
 //
-// Results are system error numbers, 0 for success; transport failures carry their WinHTTP numbers (12002 time-out, 12007
-// name not resolved, 12029 cannot connect, 12030 connection ended, 12152 invalid answer, 12175 security failure, and so
-// on). Different sessions may be used on different threads at once; one session belongs to one thread at a time.
+// Results are system error numbers, 0 for success; transport failures carry their WinHTTP numbers (12002 time-out,
+// 12007 name not resolved, 12029 cannot connect, 12030 connection ended, 12152 invalid answer, 12175 security failure,
+// and so on). Different sessions may be used on different threads at once; one session belongs to one thread at a time.
 #pragma once
 
 #include <cstddef>
@@ -28,10 +28,15 @@ inline constexpr std::uint32_t httpFlagBypassProxyCache = 0x100;
 inline constexpr std::uint32_t httpFlagSecure = 0x800000;
 
 /// Options of WinHttpSetOption and WinHttpQueryOption.
+///
+/// A limit on silence runs while an operation waits, and begins anew with each operation and with each sign of life.
+/// While the request goes out that is a byte given to the system or acknowledged by the other side; while the answer is
+/// waited for it is that too, a whole header line or a byte of the body. All end in 12002. On Linux two limits are
+/// fixed besides: 90 seconds from the last sign of the request to the last header, and 5 minutes for every kilobyte.
 enum class HttpOption : std::uint32_t {
     connectTimeout = 3,  // milliseconds; 60000 unless set
-    sendTimeout = 5,     // milliseconds without a byte gone out; 30000 unless set
-    receiveTimeout = 6,  // milliseconds without a byte come in; 30000 unless set
+    sendTimeout = 5,     // milliseconds of silence while the request goes out; 30000 unless set
+    receiveTimeout = 6,  // milliseconds of silence while the answer is waited for; 30000 unless set
     securityFlags = 31,  // SecurityFlag bits
     proxyUserName = 0x1002,
     proxyPassword = 0x1003,
@@ -57,13 +62,13 @@ struct HttpOperations {
                         const std::optional<std::u16string>& proxyBypass, HttpHandle& session)>
         WinHttpOpen;
 
-    /// Names the target; does not touch the network.
+    /// Names the target; does not touch the network. Port 0 is the default of the request's scheme.
     std::function<Error(HttpHandle session, std::u16string_view server, std::uint16_t port, HttpHandle& connection)>
         WinHttpConnect;
 
-    /// The verb is GET or POST. The URL is a path and query as it stands; what a request line cannot carry the transport
-    /// percent-encodes as UTF-8: blanks, control characters, everything beyond ASCII, "<>\^`{|}, # and a % that begins no
-    /// escape. All else is kept, escapes included. acceptTypes is one media range or empty.
+    /// The verb is GET or POST. The URL is a path and query as it stands; what a request line cannot carry the
+    /// transport percent-encodes as UTF-8: blanks, control characters, everything beyond ASCII, "<>\^`{|}, # and a %
+    /// that begins no escape. All else is kept, escapes included. acceptTypes is one media range or empty.
     std::function<Error(HttpHandle connection, std::u16string_view verb, std::u16string_view url,
                         std::u16string_view acceptTypes, std::uint32_t flags, HttpHandle& request)>
         WinHttpOpenRequest;
@@ -75,11 +80,12 @@ struct HttpOperations {
     std::function<Error(HttpHandle request, HttpOption option, std::u16string_view value)> WinHttpSetOptionText;
     std::function<Error(HttpHandle request, HttpOption option, std::uint32_t& value)> WinHttpQueryOption;
 
-    /// Sends the request with its body, if any. The data must stay valid until WinHttpReceiveResponse has returned.
+    /// Sends the request with its body, if any. The data must stay valid until the request is closed or sent again.
     std::function<Error(HttpHandle request, const std::byte* data, std::size_t size)> WinHttpSendRequest;
 
-    /// Waits for the answer's status and headers. Redirects are followed, ten at the most (12156 beyond them) and never
-    /// from a secure connection to a plain one; such a redirect is the answer. So is a proxy's refusal of a tunnel.
+    /// Waits for the answer's status and headers. Redirects are followed, ten at the most (12156 beyond them), but
+    /// never from a secure connection to a plain one, and for a POST only where the body is to be sent again (307,
+    /// 308); a redirect that is not followed is the answer. So is a proxy's refusal of a tunnel, which leads nowhere.
     std::function<Error(HttpHandle request)> WinHttpReceiveResponse;
 
     /// Raw headers: the size needed is given as text length; each line ends in CRLF, an empty line ends the whole.

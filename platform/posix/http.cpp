@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <charconv>
 #include <chrono>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -49,7 +50,7 @@ struct Request {
     std::optional<std::string> proxyUser;
     std::optional<std::string> proxyPassword;
 
-    const std::byte* body = nullptr;  // the caller's, valid until the answer's headers are there
+    const std::byte* body = nullptr;  // the caller's
     std::size_t bodySize = 0;
     std::unique_ptr<CurlTransfer> transfer;  // of the last sending; none before it and after a failure
 };
@@ -63,9 +64,10 @@ struct HandleTable {
     HttpHandle last = 0;
 };
 
+/// Never freed: a detached thread may be in a transaction while the process ends.
 HandleTable& Handles() {
-    static HandleTable table;
-    return table;
+    static auto* const table = new HandleTable;
+    return *table;
 }
 
 HttpHandle AddHandle(Node node) {
@@ -199,15 +201,15 @@ Error SetOptionText(HttpHandle request, HttpOption option, std::u16string_view v
     return error::success;
 }
 
-/// Sends the request to a target, with its body or, after a redirect that turns it into a GET, without.
-Error SendTo(Request& request, const HttpTarget& target, bool post) {
+/// Sends the request to a target: its own, or where a redirect has led.
+Error SendTo(Request& request, const HttpTarget& target) {
     const Session& session = *request.connection->session;
     const bool direct = session.proxyList.empty() || IsBypassed(session.bypassList, target);
     CurlTransferSettings settings{
         .url = target.url,
-        .post = post,
-        .body = post ? request.body : nullptr,
-        .bodySize = post ? request.bodySize : 0,
+        .post = request.post,
+        .body = request.body,
+        .bodySize = request.bodySize,
         .userAgent = session.userAgent,
         .headers = request.headers,
         .proxy = direct ? std::string() : ProxyFromList(session.proxyList, target),
@@ -229,29 +231,30 @@ Error SendRequest(HttpHandle request, const std::byte* data, std::size_t size) {
     if (const Error failure = Resolve(request, owner)) return failure;
     owner->body = data;
     owner->bodySize = data == nullptr ? 0 : size;
-    return SendTo(*owner, owner->target, owner->post);
+    return SendTo(*owner, owner->target);
 }
 
-/// Where the answer redirects to; none where it does not, or where going there would leave the secure connection.
-std::optional<HttpTarget> NextTarget(const CurlTransfer& answer, const HttpTarget& present) {
+/// Where the answer redirects to; none where it does not, or where going there would leave the secure connection. A
+/// POST goes on only where its body is asked for again: as a GET it would be answered, and its data nowhere. Nor may a
+/// proxy that refuses a tunnel say where to go instead.
+std::optional<HttpTarget> NextTarget(const CurlTransfer& answer, const HttpTarget& present, bool post) {
     static constexpr std::uint32_t redirects[] = {301, 302, 303, 307, 308};
     const auto location = answer.headerValue("Location");
     if (std::ranges::find(redirects, answer.status()) == std::end(redirects) || !location) return std::nullopt;
+    if (answer.tunnelRefused() || (post && answer.status() < 307)) return std::nullopt;
     auto next = RedirectedTarget(present, *location);
     return next && (next->secure || !present.secure) ? next : std::nullopt;
 }
 
 Error ReceiveAnswer(Request& request) {
     HttpTarget target = request.target;
-    bool post = request.post;
     for (int redirect = 0;; ++redirect) {
         if (const Error failure = request.transfer->ReceiveHeaders()) return failure;
-        auto next = NextTarget(*request.transfer, target);
+        auto next = NextTarget(*request.transfer, target, request.post);
         if (!next) return error::success;
         if (redirect == maxRedirects) return error::winHttpRedirectFailed;
-        post = post && request.transfer->status() >= 307;
         target = *std::move(next);
-        if (const Error failure = SendTo(request, target, post)) return failure;
+        if (const Error failure = SendTo(request, target)) return failure;
     }
 }
 

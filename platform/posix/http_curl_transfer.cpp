@@ -1,11 +1,13 @@
 #include "platform/posix/http_curl_transfer.h"
 
 #include <algorithm>
-#include <charconv>
 #include <cstring>
 #include <iterator>
+#include <linux/sockios.h>
 #include <new>
 #include <strings.h>
+#include <sys/ioctl.h>
+#include <sys/select.h>
 
 #include "platform/http.h"
 
@@ -18,11 +20,25 @@ using Clock = std::chrono::steady_clock;
 /// Headers of one answer at the most. Servers and proxies keep theirs well below 64 KiB.
 constexpr std::size_t maxHeaderBytes = 256 * 1024;
 
+/// From the last byte of the request to the last header of the answer. A server sends its headers in one go: after the
+/// longest silence allowed by default there is a minute for them, and no peer holds a thread with a line now and then.
+constexpr std::chrono::seconds headerLimit{90};
+
+/// Fewer bytes of the request or of the body than this within this time are no transfer any more. The slowest modem
+/// line carries a hundred times as much.
+constexpr curl_off_t slowestPaceBytes = 1024;
+constexpr std::chrono::minutes slowestPaceTime{5};
+
 constexpr std::chrono::milliseconds longestPoll{1000};
 
 long Milliseconds(std::chrono::milliseconds time) { return static_cast<long>(time.count()); }
 
-bool IsStatusLine(std::string_view line) { return line.starts_with("HTTP/"); }
+constexpr std::string_view emptyLine = "\r\n\r\n";  // and the end of the line before it
+
+Error ErrorFromMulti(CURLMcode code) {
+    if (code == CURLM_OK) return error::success;
+    return code == CURLM_OUT_OF_MEMORY ? error::notEnoughMemory : error::winHttpInternalError;
+}
 
 std::string_view WithoutBlanks(std::string_view text) {
     const std::size_t start = std::min(text.find_first_not_of(" \t"), text.size());
@@ -80,10 +96,12 @@ CurlTransfer::CurlTransfer(const CurlTransferSettings& settings)
       bodySize_(settings.bodySize),
       sendTimeout_(settings.sendTimeout),
       receiveTimeout_(settings.receiveTimeout),
-      lastTraffic_(Clock::now()) {
+      lastSent_(Clock::now()),
+      lastTraffic_(lastSent_),
+      paceStart_(lastSent_) {
     if (!multi_ || !easy_) throw std::bad_alloc();
     Configure(settings);
-    curl_multi_add_handle(multi_.get(), easy_.get());
+    if (const Error failure = ErrorFromMulti(curl_multi_add_handle(multi_.get(), easy_.get()))) end_ = failure;
 }
 
 CurlTransfer::~CurlTransfer() { curl_multi_remove_handle(multi_.get(), easy_.get()); }
@@ -95,6 +113,8 @@ void CurlTransfer::Configure(const CurlTransferSettings& settings) {
     curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
     curl_easy_setopt(easy, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
     curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+    // A name lookup that outlives the connect limit is left to end by itself; closing would wait for it.
+    curl_easy_setopt(easy, CURLOPT_QUICK_EXIT, 1L);
     curl_easy_setopt(easy, CURLOPT_USERAGENT, settings.userAgent.c_str());
     for (const std::string& line : settings.headers) {
         curl_slist* longer = curl_slist_append(headerList_.get(), line.c_str());
@@ -128,36 +148,54 @@ void CurlTransfer::Configure(const CurlTransferSettings& settings) {
     curl_easy_setopt(easy, CURLOPT_WRITEDATA, this);
 }
 
+/// libcurl is C: running out of memory must not pass through it. It breaks the transfer off when 0 is returned.
 std::size_t CurlTransfer::OnHeader(char* data, std::size_t size, std::size_t count, void* self) {
     auto& transfer = *static_cast<CurlTransfer*>(self);
-    const std::size_t bytes = size * count;
-    std::string_view line(data, bytes);
-    transfer.lastTraffic_ = Clock::now();
-    if (transfer.headersComplete_) return bytes;  // a trailer of a chunked body
-    if (IsStatusLine(line)) transfer.rawHeaders_.clear();
-    if (transfer.rawHeaders_.size() + bytes > maxHeaderBytes) {
-        transfer.end_ = error::winHttpHeaderSizeOverflow;
+    try {
+        return transfer.TakeHeader({data, size * count}) ? size * count : 0;
+    } catch (const std::bad_alloc&) {
+        transfer.end_ = error::notEnoughMemory;
         return 0;
     }
+}
+
+/// Takes a header line; false when there are too many.
+bool CurlTransfer::TakeHeader(std::string_view line) {
+    lastTraffic_ = Clock::now();
+    if (headersComplete_) return true;                          // a trailer of a chunked body
+    if (rawHeaders_.ends_with(emptyLine)) rawHeaders_.clear();  // of an interim answer or of a tunnel
+    if (rawHeaders_.size() + line.size() > maxHeaderBytes) {
+        end_ = error::winHttpHeaderSizeOverflow;
+        return false;
+    }
     line = line.substr(0, line.find_last_not_of("\r\n") + 1);
-    transfer.rawHeaders_.append(line).append("\r\n");
+    rawHeaders_.append(line).append("\r\n");
     // The code of an interim answer is below 200, and a proxy's answer to CONNECT leaves the code at 0.
     long code = 0;
-    curl_easy_getinfo(transfer.easy_.get(), CURLINFO_RESPONSE_CODE, &code);
-    transfer.headersComplete_ = line.empty() && code >= 200;
-    return bytes;
+    curl_easy_getinfo(easy_.get(), CURLINFO_RESPONSE_CODE, &code);
+    headersComplete_ = line.empty() && code >= 200;
+    return true;
 }
 
 std::size_t CurlTransfer::OnBody(char* data, std::size_t size, std::size_t count, void* self) {
     auto& transfer = *static_cast<CurlTransfer*>(self);
-    if (transfer.pieceTaken_ < transfer.piece_.size()) {
-        transfer.paused_ = true;
-        return CURL_WRITEFUNC_PAUSE;
+    try {
+        return transfer.TakeBody({data, size * count}) ? size * count : CURL_WRITEFUNC_PAUSE;
+    } catch (const std::bad_alloc&) {
+        transfer.end_ = error::notEnoughMemory;
+        return 0;
     }
-    transfer.lastTraffic_ = Clock::now();
-    transfer.piece_.assign(data, size * count);
-    transfer.pieceTaken_ = 0;
-    return size * count;
+}
+
+/// Takes a piece of the body; false, and the transfer is paused, while the former one is not fetched.
+bool CurlTransfer::TakeBody(std::string_view bytes) {
+    paused_ = pieceTaken_ < piece_.size();
+    if (paused_) return false;
+    lastTraffic_ = Clock::now();
+    piece_ = bytes;
+    pieceTaken_ = 0;
+    CountForPace(static_cast<curl_off_t>(bytes.size()));
+    return true;
 }
 
 void CurlTransfer::Perform() {
@@ -166,19 +204,54 @@ void CurlTransfer::Perform() {
         curl_easy_pause(easy_.get(), CURLPAUSE_CONT);  // may deliver a piece at once
     }
     int running = 0;
-    if (curl_multi_perform(multi_.get(), &running) != CURLM_OK) end_ = error::winHttpInternalError;
+    const Error failure = ErrorFromMulti(curl_multi_perform(multi_.get(), &running));
+    if (failure && !end_) end_ = failure;
     int left = 0;
     while (const CURLMsg* message = curl_multi_info_read(multi_.get(), &left)) {
-        if (message->msg == CURLMSG_DONE && !end_) end_ = ErrorFromCurl(message->data.result);
+        if (message->msg == CURLMSG_DONE && !end_) end_ = EndFrom(message->data.result);
     }
+    if (running == 0 && !end_) end_ = error::winHttpInternalError;
     NoteTraffic();
 }
 
+/// How a transfer ended. A header line that is too long for libcurl is out of memory to it.
+Error CurlTransfer::EndFrom(CURLcode code) const {
+    const bool inHeaders = !headersComplete_ && (IsConnected() || !rawHeaders_.empty());
+    return code == CURLE_OUT_OF_MEMORY && inHeaders ? error::winHttpHeaderSizeOverflow : ErrorFromCurl(code);
+}
+
+/// Sees what has gone out since the last call. Bytes count twice, into the socket and out of it: over a slow line the
+/// socket takes megabytes at once and then goes on sending them for minutes.
 void CurlTransfer::NoteTraffic() {
-    curl_off_t sent = 0;
-    curl_easy_getinfo(easy_.get(), CURLINFO_SIZE_UPLOAD_T, &sent);
-    if (sent != bytesSent_ || !IsConnected()) lastTraffic_ = Clock::now();
-    bytesSent_ = sent;
+    const curl_off_t formerlySent = bytesSent_;
+    const curl_off_t formerlyWaiting = waitingInSocket_;
+    curl_easy_getinfo(easy_.get(), CURLINFO_SIZE_UPLOAD_T, &bytesSent_);
+    waitingInSocket_ = WaitingInSocket();
+    const curl_off_t moved = std::max<curl_off_t>(bytesSent_ - formerlySent, 0) +
+                             std::max<curl_off_t>(formerlyWaiting - waitingInSocket_, 0);
+    const bool connected = IsConnected();
+    if (moved == 0 && connected) return;
+    lastSent_ = lastTraffic_ = Clock::now();
+    CountForPace(connected ? moved : slowestPaceBytes);  // the pace is measured from the connection on
+}
+
+void CurlTransfer::CountForPace(curl_off_t bytes) {
+    paceBytes_ += bytes;
+    if (paceBytes_ < slowestPaceBytes) return;
+    paceStart_ = Clock::now();
+    paceBytes_ = 0;
+}
+
+/// Bytes of the request that the other side has not acknowledged; what they were while they cannot be told.
+curl_off_t CurlTransfer::WaitingInSocket() const {
+    // CURLINFO_ACTIVESOCKET knows no socket while a transfer runs; a connected transfer waits on one only.
+    fd_set toRead{};
+    fd_set toWrite{};
+    fd_set toFail{};
+    int socket = -1;
+    int waiting = 0;
+    curl_multi_fdset(multi_.get(), &toRead, &toWrite, &toFail, &socket);
+    return socket >= 0 && ioctl(socket, SIOCOUTQ, &waiting) == 0 ? waiting : waitingInSocket_;
 }
 
 bool CurlTransfer::IsConnected() const {
@@ -187,27 +260,46 @@ bool CurlTransfer::IsConnected() const {
     return microseconds > 0;
 }
 
-bool CurlTransfer::IsSent() const {
-    return headersComplete_ || (IsConnected() && bytesSent_ >= static_cast<curl_off_t>(bodySize_));
+bool CurlTransfer::HasReached(Stage stage) const {
+    switch (stage) {
+        case Stage::send:
+            return headersComplete_ || (IsConnected() && bytesSent_ >= static_cast<curl_off_t>(bodySize_));
+        case Stage::headers:
+            return headersComplete_;
+        case Stage::body:
+            return pieceTaken_ < piece_.size();
+    }
+    return false;
+}
+
+/// Time until the first limit runs out, should nothing move any more; 0 or less when one has.
+std::chrono::milliseconds CurlTransfer::TimeLeft(Stage stage) const {
+    const auto left = [now = Clock::now()](TimePoint since, std::chrono::milliseconds limit) {
+        return std::chrono::ceil<std::chrono::milliseconds>(since + limit - now);
+    };
+    const auto pace = left(paceStart_, slowestPaceTime);
+    if (stage == Stage::send) return std::min(pace, left(lastSent_, sendTimeout_));
+    const auto answer = std::min(pace, left(lastTraffic_, receiveTimeout_));
+    return stage == Stage::headers ? std::min(answer, left(lastSent_, headerLimit)) : answer;
 }
 
 /// Lets the transfer go on until a point is reached or it is over. Until the connection stands its own limit holds,
-/// after that the time without traffic is limited.
-Error CurlTransfer::Run(std::chrono::milliseconds idleLimit, const std::function<bool()>& reached) {
-    lastTraffic_ = Clock::now();
-    while (!reached() && !end_) {
+/// after that those of TimeLeft.
+Error CurlTransfer::Run(Stage stage) {
+    lastSent_ = lastTraffic_ = Clock::now();
+    while (!HasReached(stage) && !end_) {
         Perform();
-        if (reached() || end_) break;
-        const auto idle = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - lastTraffic_);
-        if (idle >= idleLimit) {
+        if (HasReached(stage) || end_) break;
+        const auto wait = std::min(longestPoll, TimeLeft(stage));
+        if (wait.count() <= 0) {
             end_ = error::winHttpTimeout;
-            break;
+        } else if (const Error failure = ErrorFromMulti(
+                       curl_multi_poll(multi_.get(), nullptr, 0, static_cast<int>(wait.count()), nullptr))) {
+            end_ = failure;
         }
-        const auto wait = std::min(longestPoll, idleLimit - idle);
-        curl_multi_poll(multi_.get(), nullptr, 0, static_cast<int>(wait.count()), nullptr);
     }
     if (end_ && *end_ != error::success) AcceptTunnelRefusal();
-    return reached() ? error::success : end_.value_or(error::success);
+    return HasReached(stage) ? error::success : end_.value_or(error::success);
 }
 
 /// A tunnel that the proxy refused is a failed transfer for libcurl; here the proxy's answer is the answer.
@@ -215,22 +307,21 @@ void CurlTransfer::AcceptTunnelRefusal() {
     long code = 0;
     curl_easy_getinfo(easy_.get(), CURLINFO_HTTP_CONNECTCODE, &code);
     if (headersComplete_ || code < 300) return;
-    if (!rawHeaders_.ends_with("\r\n\r\n")) rawHeaders_ += "\r\n";
+    if (!rawHeaders_.ends_with(emptyLine)) rawHeaders_ += "\r\n";
     headersComplete_ = true;
+    tunnelRefused_ = true;
     end_ = error::success;
 }
 
-Error CurlTransfer::Send() {
-    return Run(sendTimeout_, [this] { return IsSent(); });
-}
+Error CurlTransfer::Send() { return Run(Stage::send); }
 
 Error CurlTransfer::ReceiveHeaders() {
-    const Error result = Run(receiveTimeout_, [this] { return headersComplete_; });
+    const Error result = Run(Stage::headers);
     return result == error::success && !headersComplete_ ? error::winHttpConnectionError : result;
 }
 
 Error CurlTransfer::WaitForBody(std::size_t& available) {
-    const Error result = Run(receiveTimeout_, [this] { return pieceTaken_ < piece_.size(); });
+    const Error result = Run(Stage::body);
     available = piece_.size() - pieceTaken_;
     return result;
 }
@@ -243,11 +334,9 @@ std::size_t CurlTransfer::Take(std::byte* buffer, std::size_t size) {
 }
 
 std::uint32_t CurlTransfer::status() const {
-    std::uint32_t status = 0;
-    const std::size_t blank = rawHeaders_.find(' ');
-    if (!headersComplete_ || blank == std::string::npos) return 0;
-    std::from_chars(rawHeaders_.data() + blank + 1, rawHeaders_.data() + rawHeaders_.size(), status);
-    return status;
+    long code = 0;
+    curl_easy_getinfo(easy_.get(), tunnelRefused_ ? CURLINFO_HTTP_CONNECTCODE : CURLINFO_RESPONSE_CODE, &code);
+    return headersComplete_ ? static_cast<std::uint32_t>(code) : 0;
 }
 
 std::optional<std::string> CurlTransfer::headerValue(std::string_view name) const {

@@ -9,7 +9,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <curl/curl.h>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -24,7 +23,7 @@ namespace platform {
 struct CurlTransferSettings {
     std::string url;
     bool post = false;
-    const std::byte* body = nullptr;  // of a POST; the caller's, valid until the headers of the answer are there
+    const std::byte* body = nullptr;  // of a POST; the caller's, valid as long as the transfer lives
     std::size_t bodySize = 0;
     std::string userAgent;
     std::vector<std::string> headers;      // whole lines; "Name:" suppresses one that libcurl adds by itself
@@ -33,8 +32,8 @@ struct CurlTransferSettings {
     std::optional<std::string> proxyPassword;
     std::uint32_t securityFlags = 0;           // platform/http.h
     std::chrono::milliseconds connectTimeout;  // lookup, connection, tunnel and handshake together
-    std::chrono::milliseconds sendTimeout;     // longest time without a byte gone out
-    std::chrono::milliseconds receiveTimeout;  // longest time without a byte come in
+    std::chrono::milliseconds sendTimeout;     // longest time without a byte gone out, while the request is sent
+    std::chrono::milliseconds receiveTimeout;  // longest time without a byte either way, while the answer is awaited
 };
 
 class CurlTransfer {
@@ -58,6 +57,9 @@ class CurlTransfer {
 
     bool hasHeaders() const { return headersComplete_; }
 
+    /// Whether the answer is a proxy's refusal of a tunnel, and not the server's.
+    bool tunnelRefused() const { return tunnelRefused_; }
+
     /// Status line and header lines of the answer, each ending in CRLF, with an empty line at the end.
     const std::string& rawHeaders() const { return rawHeaders_; }
 
@@ -68,6 +70,11 @@ class CurlTransfer {
     std::optional<std::string> headerValue(std::string_view name) const;
 
   private:
+    using TimePoint = std::chrono::steady_clock::time_point;
+
+    /// What is waited for.
+    enum class Stage { send, headers, body };
+
     template <auto Routine>
     struct Release {
         template <class T>
@@ -77,12 +84,18 @@ class CurlTransfer {
     };
 
     void Configure(const CurlTransferSettings& settings);
-    Error Run(std::chrono::milliseconds idleLimit, const std::function<bool()>& reached);
+    Error Run(Stage stage);
+    bool HasReached(Stage stage) const;
+    std::chrono::milliseconds TimeLeft(Stage stage) const;
     void Perform();
     void NoteTraffic();
+    void CountForPace(curl_off_t bytes);
+    curl_off_t WaitingInSocket() const;
     bool IsConnected() const;
-    bool IsSent() const;
+    Error EndFrom(CURLcode code) const;
     void AcceptTunnelRefusal();
+    bool TakeHeader(std::string_view line);
+    bool TakeBody(std::string_view bytes);
     static std::size_t OnHeader(char* data, std::size_t size, std::size_t count, void* self);
     static std::size_t OnBody(char* data, std::size_t size, std::size_t count, void* self);
 
@@ -96,12 +109,18 @@ class CurlTransfer {
 
     std::string rawHeaders_;
     bool headersComplete_ = false;
+    bool tunnelRefused_ = false;
     std::string piece_;           // of the body, come and not fetched
     std::size_t pieceTaken_ = 0;  // bytes of it that were fetched
     bool paused_ = false;
     std::optional<Error> end_;  // set once the transfer is over: success, or why it broke off
-    std::chrono::steady_clock::time_point lastTraffic_;
-    curl_off_t bytesSent_ = 0;
+
+    TimePoint lastSent_;              // a byte went out, to the socket or from it
+    TimePoint lastTraffic_;           // a byte went either way
+    TimePoint paceStart_;             // the present count of bytes began
+    curl_off_t paceBytes_ = 0;        // of the request and of the body, since then
+    curl_off_t bytesSent_ = 0;        // of the request's body, to the socket
+    curl_off_t waitingInSocket_ = 0;  // bytes that the other side has not acknowledged
 };
 
 /// The WinHTTP number of a libcurl result.

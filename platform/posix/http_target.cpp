@@ -5,6 +5,7 @@
 #include <charconv>
 #include <curl/curl.h>
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include "platform/utf.h"
@@ -150,6 +151,7 @@ std::optional<HttpTarget> MakeHttpTarget(bool secure, std::u16string_view server
                                          std::u16string_view path) {
     std::string host = Utf8FromWide(server);
     if (host.find(':') != std::string::npos && !host.starts_with('[')) host = "[" + host + "]";
+    if (port == 0) port = secure ? 443 : 80;
     std::string text = (secure ? "https://" : "http://") + host + ":" + std::to_string(port);
     if (!path.starts_with(u'/')) text += '/';
     text += EncodeUrlText(path);

@@ -27,7 +27,7 @@ std::string EncodeUrlText(std::u16string_view text);
 /// there.
 bool IsHostName(std::u16string_view server);
 
-/// The target of a path and query on a server; none when no URL can be made of it.
+/// The target of a path and query on a server; none when no URL can be made of it. Port 0 is the scheme's own.
 std::optional<HttpTarget> MakeHttpTarget(bool secure, std::u16string_view server, std::uint16_t port,
                                          std::u16string_view path);
 
