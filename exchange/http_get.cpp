@@ -1,6 +1,6 @@
 // One attempt of a GET: into a file, into memory, or with its body thrown away.
 #include <array>
-#include <cstring>
+#include <cstdint>
 #include <new>
 
 #include "exchange/http_answers.h"
@@ -23,6 +23,10 @@ constexpr char routine[] = "InternetGetRequestEx";
 /// A download moves this many bytes a round, through a buffer of this size.
 constexpr std::size_t downloadStep = 50;
 constexpr std::size_t downloadBuffer = 208;
+
+/// A download is stored up to this many bytes. Query configurations run to some megabytes; the limit keeps a server
+/// gone wrong from filling the disk.
+constexpr std::uint64_t maxDownloadBytes = std::uint64_t{1} << 30;
 
 /// The file that a download goes to. One that cannot be opened is no failure until the first byte is to be written.
 class DestinationFile {
@@ -55,7 +59,7 @@ class DestinationFile {
 };
 
 Error DownloadBody(const HttpAttempt& attempt, const DestinationFile& file) {
-    for (;;) {
+    for (std::uint64_t stored = 0;;) {
         std::array<std::byte, downloadBuffer> buffer{};
         std::size_t read = 0;
         if (const Error failure = Http().WinHttpReadData(attempt.request.get(), buffer.data(), downloadStep, read)) {
@@ -63,6 +67,12 @@ Error DownloadBody(const HttpAttempt& attempt, const DestinationFile& file) {
             return failure;
         }
         if (read == 0) return error::success;
+        stored += read;
+        if (stored > maxDownloadBytes) {
+            Log1("%s : The download from the server %s is given up, as it is longer than %d bytes\n", attempt.routine,
+                 attempt.target.server, maxDownloadBytes);
+            return error::winHttpInvalidServerResponse;
+        }
         if (const Error failure = file.Write(buffer.data(), read)) {
             LogFailedStep("%s :  Error in WriteFile --> %d \n", attempt.routine, failure);
             return failure;
@@ -93,28 +103,42 @@ bool ReadChunk(const HttpAttempt& attempt, std::string& body) {
     return failure == error::success && read > 0;
 }
 
-/// Reads the body as UTF-16LE text into the response, or throws it away where none is wanted. What came before a
-/// failure is kept. The number of bytes received.
-std::size_t ReceiveBody(const HttpAttempt& attempt, OptionalText* response) {
-    std::string body;
+/// Reads the body, or throws it away where it is not wanted. The number of bytes received.
+std::size_t ReadChunks(const HttpAttempt& attempt, bool wanted, std::string& body) {
     std::size_t received = 0;
-    try {
-        while (ReadChunk(attempt, body)) {
-            if (response == nullptr) {
-                received += body.size();
-                body.clear();
-            }
-            if (received + body.size() >= maxResponseBytes) {
-                Log1("InternetGetRequestEx : The answer of the server %s is cut after %d bytes\n",
-                     attempt.target.server, received + body.size());
-                break;
-            }
+    for (std::size_t former = 0; ReadChunk(attempt, body); former = body.size()) {
+        received += body.size() - former;
+        if (!wanted) body.clear();
+        if (received >= maxResponseBytes) {
+            Log1("InternetGetRequestEx : The answer of the server %s is cut after %d bytes\n", attempt.target.server,
+                 received);
+            break;
         }
-        if (!body.empty()) *response = TextFromUtf16LittleEndian(body);
+    }
+    return received;
+}
+
+/// Takes a step that may run out of memory; false when it did.
+template <class Step>
+bool HasMemoryFor(Step step) {
+    try {
+        step();
+        return true;
     } catch (const std::bad_alloc&) {
         Log1("InternetGetRequestEx :Out of memory\n");
+        return false;
     }
-    return received + body.size();
+}
+
+/// Reads the body as UTF-16LE text into the response, or throws it away where none is wanted. What came before a
+/// failure is kept. An answer without a body leaves the code of an earlier resend round standing.
+Error ReceiveBody(const HttpAttempt& attempt, OptionalText* response) {
+    std::string body;
+    std::size_t received = 0;
+    const bool whole = HasMemoryFor([&] { received = ReadChunks(attempt, response != nullptr, body); });
+    const bool kept = body.empty() || HasMemoryFor([&] { *response = TextFromUtf16LittleEndian(body); });
+    if (!kept || (!whole && body.empty())) return error::notEnoughMemory;
+    return received > 0 || !body.empty() ? error::success : attempt.result;
 }
 
 }  // namespace
@@ -156,7 +180,7 @@ Error InternetGetRequestEx(const TransactionTarget& target, std::u16string_view 
             url, target.server, *destinationFile);
         return error::success;
     }
-    return ReceiveBody(attempt, response) > 0 ? error::success : attempt.result;
+    return ReceiveBody(attempt, response);
 }
 
 }  // namespace kv

@@ -2,7 +2,6 @@
 #include <algorithm>
 #include <new>
 
-#include "exchange/http_answers.h"
 #include "exchange/http_attempt.h"
 #include "foundation/file_utils.h"
 #include "foundation/log.h"
@@ -28,7 +27,7 @@ std::size_t BytesToSend(std::string_view data, RequestKind kind, std::size_t dat
 }
 
 /// Reads the answer into one buffer, each read at its start, and takes it as wide text up to its end or the first zero.
-/// A failed read ends the answer like its end.
+/// A failed read ends the answer like its end, and so does an answer that is longer than can be wanted.
 Error ReceiveText(const HttpAttempt& attempt, OptionalText& response) {
     std::uint32_t length = 0;
     if (const Error failure = Http().WinHttpQueryHeadersNumber(
@@ -43,13 +42,17 @@ Error ReceiveText(const HttpAttempt& attempt, OptionalText& response) {
         return error::notEnoughMemory;
     }
     std::string buffer(length + std::size_t{6}, '\0');
-    bool received = false;
-    for (std::size_t read = 1; read > 0; received = received || read > 0) {
+    std::size_t received = 0;
+    for (std::size_t read = 1; read > 0 && received <= maxResponseBytes; received += read) {
         const Error failure = Http().WinHttpReadData(attempt.request.get(), reinterpret_cast<std::byte*>(buffer.data()),
                                                      length + std::size_t{2}, read);
         if (failure) read = 0;
     }
-    if (received) {
+    if (received > maxResponseBytes) {
+        Log1("InternetSendRequestEx : The answer of the server %s is cut after %d bytes\n", attempt.target.server,
+             received);
+    }
+    if (received > 0) {
         const std::u16string text = TextFromUtf16LittleEndian(buffer);
         response = text.substr(0, text.find(u'\0'));
     }
@@ -92,7 +95,13 @@ Error InternetSendRequestEx(const TransactionTarget& target, std::u16string_view
              target.server, status);
         return error::invalidData;
     }
-    return response == nullptr ? error::success : ReceiveText(attempt, *response);
+    if (response == nullptr) return error::success;
+    try {
+        return ReceiveText(attempt, *response);
+    } catch (const std::bad_alloc&) {
+        Log1("InternetSendRequestEx :Out of memory\n");
+        return error::notEnoughMemory;
+    }
 }
 
 }  // namespace kv

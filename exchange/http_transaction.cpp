@@ -1,5 +1,7 @@
 #include "exchange/http_transaction.h"
 
+#include <new>
+
 #include "exchange/http_answers.h"
 #include "foundation/agent_state.h"
 #include "foundation/file_utils.h"
@@ -78,7 +80,12 @@ Error AgentSendRequest(const OptionalText& /*serverName*/, std::int32_t /*server
     Log3("\t Inside AgentSendRequest() \n");
     ReplaceChar(url, u'\\', u'/');
     AddressedRequest request{url, data, response, kind, dataLength, keepAlive};
-    TryAddresses(request);
+    try {
+        TryAddresses(request);
+    } catch (const std::bad_alloc&) {
+        Log1("AgentSendRequest : Out of memory\n");
+        request.result = error::notEnoughMemory;
+    }
     Log2("AgentSendRequest : Last Access Address is %s \n", agentState.gv_LastAccessName);
     return request.result;
 }
