@@ -188,13 +188,18 @@ bool IsAgentKey(std::u16string_view word) {
 
 void TakeAgentKey(std::u16string_view headers) {
     const auto key = HeaderWord(headers, u"AgentKey: ");
-    if (!key || *key == agentState.gv_agentKey.view()) return;
+    if (!key) return;
     if (!IsAgentKey(*key)) {
         Log1("\t ParseHeader() :: [%s] cannot be an agent key. gv_agentKey is not updated\n", *key);
         return;
     }
-    agentState.gv_agentKey.publish(*key);
-    Log1("\t ParseHeader() :: gv_agentKey = [%s]\n", *key);
+    if (*key != agentState.gv_agentKey.view()) {
+        agentState.gv_agentKey.publish(*key);
+        Log1("\t ParseHeader() :: gv_agentKey = [%s]\n", *key);
+    }
+    // What counts is the stored key: an earlier answer's may have failed to be stored.
+    OptionalText stored;
+    if (GetOCAgentKey(stored) == platform::error::success && stored == *key) return;
     if (const platform::Error failure = SetOCAgentKey(*key)) {
         Log1("\t ParseHeader() :: Not able to store the agent key. Error code : %d\n", failure);
     }
@@ -215,6 +220,13 @@ void TakeSnmpTimeout(std::u16string_view headers) {
     const auto word = HeaderWord(headers, u"SNMPTimeout: ");
     if (!word) {
         Log1("\t WARNING!!!!!!!! ParseHeader() :: SubString returned NULL for SNMPTimeout\n");
+        return;
+    }
+    constexpr std::size_t mostDigits = 9;  // so that the number fits 32 bits
+    const auto isDigit = [](char16_t c) { return c >= u'0' && c <= u'9'; };
+    if (word->size() > mostDigits || !std::all_of(word->begin(), word->end(), isDigit)) {
+        Log1("\t ParseHeader() :: SNMPTimeout is [%s], not up to %d digits. gv_SNMPTimeout is not updated\n", *word,
+             mostDigits);
         return;
     }
     agentState.gv_SNMPTimeout.publish(*word);
