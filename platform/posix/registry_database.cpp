@@ -136,10 +136,12 @@ Error CheckFormat(sqlite3* connection) {
 }
 
 /// Switching needs the file alone for a moment, and SQLite does not always wait for that by itself.
-Error SwitchToWriteAheadLog(RegistryDatabase& database) {
-    for (int attempt = 0;; ++attempt) {
-        const Error failure = Statement(database.connection.get(), "PRAGMA journal_mode = WAL").Run();
-        if (failure != error::busy || !WaitForLock(&database, attempt)) return failure;
+Error SwitchToWriteAheadLog(sqlite3* connection) {
+    const std::uint64_t deadline = Clock().GetTickCount64() + lockPatienceMilliseconds;
+    while (true) {
+        const Error failure = Statement(connection, "PRAGMA journal_mode = WAL").Run();
+        if (failure != error::busy || Clock().GetTickCount64() >= deadline) return failure;
+        Clock().Sleep(lockPollMilliseconds);
     }
 }
 
@@ -154,7 +156,7 @@ Error CreateTables(sqlite3* connection) {
 Error PrepareForWriting(RegistryDatabase& database) {
     const Error format = CheckFormat(database.connection.get());
     if (format != error::success && format != error::fileNotFound) return format;
-    if (const Error failure = SwitchToWriteAheadLog(database)) return failure;
+    if (const Error failure = SwitchToWriteAheadLog(database.connection.get())) return failure;
     return format == error::fileNotFound ? CreateTables(database.connection.get()) : error::success;
 }
 
