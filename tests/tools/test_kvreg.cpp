@@ -74,7 +74,10 @@ TEST_F(Kvreg, CommandsInTheirOrder) {
          ""},
         {{"delete", "Software\\A", "v"}, 0, "", ""},
         {{"delete", "Software\\A", "v"}, 3, "", "there is no value v"},
-        {{"export", partial}, 1, "", "cannot write"},
+        {{"set", "Software\\A", "v", "--", "--dword"}, 0, "", ""},
+        {{"get", "Software\\A", "v"}, 0, "--dword\n", ""},
+        {{"export", partial}, 1, "", "No such file or directory"},
+        {{"export", "/dev/full"}, 1, "", "No space left on device"},
         {{"delete", "Software\\A"}, 0, "", ""},
         {{"import", partial}, 3, "", "there is no file"},
         {{"import", folder.string()}, 1, "", "cannot read"},
@@ -83,7 +86,7 @@ TEST_F(Kvreg, CommandsInTheirOrder) {
         {{"get"}, 2, "", "an argument is missing"},
         {{"get", "A", "b", "--dword"}, 2, "", "--dword goes with set only"},
         {{"set", "A", "b", "4294967296", "--dword"}, 2, "", "not a number from 0 to 4294967295"},
-        {{"get", "HKEY_CURRENT_USER\\A"}, 2, "", "only HKEY_LOCAL_MACHINE"},
+        {{"get", "hkey_users\\A"}, 2, "", "only HKEY_LOCAL_MACHINE"},
         {{"get", "A\\\\B"}, 2, "", "not the path of a key"},
         {{"set", "A", "b\nc", "d"}, 2, "", "cannot name a value"},
         {{"set", "A", "b", "\xFF"}, 2, "", "not UTF-8"},
@@ -133,7 +136,8 @@ TEST_F(Kvreg, WhatTheAgentAndTheToolStoreIsCarriedOver) {
     EXPECT_EQ(number, 45U);
     ASSERT_EQ(Run({"export", file.string()}).exitCode, 0);
     EXPECT_EQ(Read(file), whole);
-    ASSERT_EQ(Run({"export", file.string(), "A"}).exitCode, 0);
+    fs::create_symlink("file.reg", folder / "link");
+    ASSERT_EQ(Run({"export", folder / "link", "A"}).exitCode, 0);
     RegFile part;
     RegFile expected;
     RegFileError parseError;
