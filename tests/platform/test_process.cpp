@@ -72,9 +72,8 @@ TEST_F(ProcessTest, ArgumentsReachTheScriptAsTheyAre) {
         {"blanks and tabs separate", u"  a  b\tc ", "[a]\n[b]\n[c]\n"},
         {"double quotes keep together", u"c\"d e\"f \"\" a \"b c", "[cd ef]\n[]\n[a]\n[b c]\n"},
         {"backslashes escape quotes only", u"\\\"hi\\\" c:\\x\\\\y \\", "[\"hi\"]\n[c:\\x\\\\y]\n[\\]\n"},
-        {"nothing is for the shell", u"$(touch bad) `x` ;rm * >y | z & $HOME",
-         "[$(touch]\n[bad)]\n[`x`]\n[;rm]\n[*]\n[>y]\n[|]\n[z]\n[&]\n[$HOME]\n"},
-        {"single quotes and line ends", u"it's 'a\nb'", "[it's]\n['a\nb']\n"},
+        {"nothing is for the shell", u"$(touch bad) `x` ;rm * >y | & $HOME it's 'a\nb'",
+         "[$(touch]\n[bad)]\n[`x`]\n[;rm]\n[*]\n[>y]\n[|]\n[&]\n[$HOME]\n[it's]\n['a\nb']\n"},
         {"a number before the redirection", u"2", "[2]\n"},
         {"no arguments", u"", ""},
         {"beyond ASCII, and a zero", std::u16string_view(u"\u00E4\U0001F600 x\0y", 7),
@@ -123,12 +122,7 @@ TEST_F(ProcessTest, AChildInheritsNothing) {
     EXPECT_EQ(Read("state"),
               "0\n1\n2\n3\nSigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n" + bin.string() + "\n");
 
-    fs::create_directory("elsewhere");
     ProcessHandle process = 0;
-    ASSERT_EQ(Processes().CreateProcessW(u"pwd >here", u"elsewhere", process), error::success);
-    Processes().WaitForSingleObject(process, 20'000);
-    Processes().CloseProcess(process);
-    EXPECT_EQ(Read("elsewhere/here"), (bin / "elsewhere").string() + "\n");
     EXPECT_EQ(Processes().CreateProcessW(u"true", u"none", process), error::directoryName);
     EXPECT_EQ(Processes().CreateProcessW(std::u16string(200'000, u'x'), u"", process), error::fileNameTooLong);
     EXPECT_EQ(process, 0U);
@@ -140,7 +134,6 @@ TEST_F(ProcessTest, TerminationEndsTheWholeTree) {
         std::u16string line;  // writes the id of a process that must not survive to "id"
     } rows[] = {
         {"ignores the polite signals", u"trap '' TERM HUP INT; echo $$ >id; while :; do sleep 1; done"},
-        {"a session of its own", u"setsid sh -c 'echo $$ >id; sleep 100' & sleep 100"},
         {"an orphan in a session of its own without environment",
          u"(env -i setsid sh -c 'trap \"\" TERM; echo $$ >id; sleep 100' &) ; sleep 100"},
         {"an orphan's orphan", u"(setsid sh -c '(setsid sh -c \"echo \\$\\$ >id; sleep 100\" &)' &) ; sleep 100"},
