@@ -3,10 +3,8 @@
 #include <chrono>
 #include <cstdlib>
 #include <fcntl.h>
-#include <fstream>
 #include <signal.h>
 #include <spawn.h>
-#include <sstream>
 #include <stdexcept>
 #include <sys/wait.h>
 #include <thread>
@@ -16,6 +14,7 @@
 #include "foundation/registry_store.h"
 #include "platform/backend.h"
 #include "platform/utf.h"
+#include "tests/support/test_agent.h"
 
 namespace kv::test {
 
@@ -79,12 +78,12 @@ void InstalledAgent::setServer(int port, std::u16string_view protocol) const {
 }
 
 void InstalledAgent::writePlan(std::string_view json) const {
-    write(monitoring / "conf" / "queryconf.txt", Utf16LittleEndianBytes(platform::WideFromUtf8(json)));
+    TestAgent::Write(monitoring / "conf" / "queryconf.txt", Utf16LittleEndianBytes(platform::WideFromUtf8(json)));
 }
 
 void InstalledAgent::writeScript(std::string_view name, std::string_view body) const {
     const fs::path path = monitoring / "conf" / "scripts" / name;
-    write(path, "#!/bin/sh\n" + std::string(body) + "\n");
+    TestAgent::Write(path, "#!/bin/sh\n" + std::string(body) + "\n");
     fs::permissions(path, fs::perms::owner_all);
 }
 
@@ -133,22 +132,10 @@ void InstalledAgent::kill() {
     wait();
 }
 
-std::string InstalledAgent::log() const { return read(monitoring / "logs" / "agent.log"); }
+std::string InstalledAgent::log() const { return TestAgent::Read(monitoring / "logs" / "agent.log"); }
 
-std::string InstalledAgent::testMonitorLog() const { return read(monitoring / "logs" / "testmonitor.log"); }
+std::string InstalledAgent::testMonitorLog() const { return TestAgent::Read(monitoring / "logs" / "testmonitor.log"); }
 
 void InstalledAgent::pause(int milliseconds) { std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds)); }
-
-std::string InstalledAgent::read(const fs::path& path) {
-    std::ifstream file(path, std::ios::binary);
-    std::ostringstream bytes;
-    bytes << file.rdbuf();
-    return bytes.str();
-}
-
-void InstalledAgent::write(const fs::path& path, std::string_view bytes) {
-    fs::create_directories(path.parent_path());
-    std::ofstream(path, std::ios::binary) << bytes;
-}
 
 }  // namespace kv::test

@@ -59,9 +59,6 @@ class InstalledAgent {
     }
     static void pause(int milliseconds);
 
-    static std::string read(const std::filesystem::path& path);
-    static void write(const std::filesystem::path& path, std::string_view bytes);
-
   private:
     int wait();
     pid_t process_ = 0;

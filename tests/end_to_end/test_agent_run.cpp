@@ -9,6 +9,7 @@
 #include "lab/server.h"
 #include "platform/utf.h"
 #include "tests/end_to_end/installed_agent.h"
+#include "tests/support/test_agent.h"
 
 namespace kv::test {
 namespace {
@@ -35,12 +36,19 @@ bool IsCompleteRecord(const std::string& bytes) {
     return JSONTextToHash(table.get(), TextFromUtf16LittleEndian(bytes)).ok;
 }
 
+/// With a key of an earlier run, and no server.
+struct EnrolledAgent : InstalledAgent {
+    explicit EnrolledAgent(const char* plan = onePlan) {
+        setText(u"\\Monitoring", u"MonitoringAgentKey", u"K7");
+        writePlan(plan);
+        writeScript("one.sh", oneScript);
+    }
+};
+
 TEST(AgentRun, EnrolsAndCollectsByThePlan) {
-    const InstalledAgent* installed = nullptr;
     for (const char16_t* protocol : {u"http", u"HTTPS"}) {
         SCOPED_TRACE(platform::Utf8FromWide(protocol));
         InstalledAgent agent;
-        installed = &agent;
         const bool secure = std::u16string_view(protocol) == u"HTTPS";
         lab::ServerOptions options;
         options.database = (agent.folder / "lab.db").string();
@@ -50,39 +58,31 @@ TEST(AgentRun, EnrolsAndCollectsByThePlan) {
         agent.writePlan(onePlan);
         agent.writeScript("one.sh", oneScript);
         agent.start({"/t"});
-        ASSERT_TRUE(InstalledAgent::eventually([&] { return RecordFiles(*installed).size() == 2; })) << agent.log();
+        ASSERT_TRUE(InstalledAgent::eventually([&] { return RecordFiles(agent).size() == 2; })) << agent.log();
         EXPECT_EQ(agent.text(u"\\Monitoring", u"MonitoringAgentKey"), "LAB1");
         EXPECT_EQ(agent.text(u"", u"EnableSendAgentStatus"), "yes");
-        EXPECT_EQ(InstalledAgent::read(agent.data / "Agent_LAB1_2.txt"),
+        EXPECT_EQ(TestAgent::Read(agent.data / "Agent_LAB1_2.txt"),
                   Utf16LittleEndianBytes(u"{ \"AGENTKEY\": \"LAB1\", \"One\": [ { \"Value\": \"caf\u00e9\" } ] }"));
     }
 }
 
 TEST(AgentRun, WithAKeyItCollectsWhileItsServerIsDown) {
-    InstalledAgent agent;
-    agent.setText(u"\\Monitoring", u"MonitoringAgentKey", u"K7");
-    agent.writePlan(onePlan);
-    agent.writeScript("one.sh", oneScript);
+    EnrolledAgent agent;
     agent.start({"/t"});
     ASSERT_TRUE(InstalledAgent::eventually([&] { return RecordFiles(agent).size() == 2; })) << agent.log();
     EXPECT_NE(agent.log().find("Going on with the agent key of an earlier run"), std::string::npos);
 }
 
 TEST(AgentRun, ABrokenPlanLeavesItRunning) {
-    const struct {
-        const char* title;
-        const char* plan;
-    } cases[] = {
-        {"empty", ""},
-        {"truncated", R"({ "WorkFlows": [ { "interval": 1, )"},
-        {"no object", R"([ 1, 2 ])"},
-        {"an interval of 0", R"({ "WorkFlows": [ { "wfname": "w", "interval": 0, "recordSetName": [] } ] })"},
+    const char* plans[] = {
+        "",
+        R"({ "WorkFlows": [ { "interval": 1, )",
+        R"([ 1, 2 ])",
+        R"({ "WorkFlows": [ { "wfname": "w", "interval": 0, "recordSetName": [] } ] })",
     };
-    for (const auto& each : cases) {
-        SCOPED_TRACE(each.title);
-        InstalledAgent agent;
-        agent.setText(u"\\Monitoring", u"MonitoringAgentKey", u"K7");
-        agent.writePlan(each.plan);
+    for (const char* plan : plans) {
+        SCOPED_TRACE(plan);
+        EnrolledAgent agent(plan);
         agent.start({"/t"});
         EXPECT_TRUE(InstalledAgent::eventually([&] {
             return agent.log().find("queryconf.txt") != std::string::npos &&
@@ -93,11 +93,8 @@ TEST(AgentRun, ABrokenPlanLeavesItRunning) {
 }
 
 TEST(AgentRun, ADataDirectoryThatCannotBeMadeIsLogged) {
-    InstalledAgent agent;
-    agent.setText(u"\\Monitoring", u"MonitoringAgentKey", u"K7");
-    agent.writePlan(onePlan);
-    agent.writeScript("one.sh", oneScript);
-    InstalledAgent::write(agent.data, "a file stands where the directory belongs");
+    EnrolledAgent agent;
+    TestAgent::Write(agent.data, "a file stands where the directory belongs");
     agent.start({"/t"});
     EXPECT_TRUE(InstalledAgent::eventually([&] {
         return agent.log().find("Unable to create a output file") != std::string::npos;
@@ -106,10 +103,7 @@ TEST(AgentRun, ADataDirectoryThatCannotBeMadeIsLogged) {
 }
 
 TEST(AgentRun, KilledAtRandomMomentsItLosesNoCompleteRecord) {
-    InstalledAgent agent;
-    agent.setText(u"\\Monitoring", u"MonitoringAgentKey", u"K7");
-    agent.writePlan(onePlan);
-    agent.writeScript("one.sh", oneScript);
+    EnrolledAgent agent;
     std::mt19937 random(20261124);
     std::uniform_int_distribution<int> moment(1, 120);
     std::map<fs::path, std::string> records;
@@ -120,9 +114,9 @@ TEST(AgentRun, KilledAtRandomMomentsItLosesNoCompleteRecord) {
         if (round % 2 == 1) InstalledAgent::eventually([&] { return RecordFiles(agent).size() > before; }, 3000);
         InstalledAgent::pause(moment(random));
         agent.kill();
-        for (const auto& [path, bytes] : records) ASSERT_EQ(InstalledAgent::read(path), bytes) << path;
+        for (const auto& [path, bytes] : records) ASSERT_EQ(TestAgent::Read(path), bytes) << path;
         for (const fs::path& path : RecordFiles(agent)) {
-            const std::string bytes = InstalledAgent::read(path);
+            const std::string bytes = TestAgent::Read(path);
             EXPECT_TRUE(IsCompleteRecord(bytes)) << path;
             records[path] = bytes;
         }

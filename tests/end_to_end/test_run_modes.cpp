@@ -3,6 +3,7 @@
 #include <initializer_list>
 
 #include "tests/end_to_end/installed_agent.h"
+#include "tests/support/test_agent.h"
 
 namespace kv::test {
 namespace {
@@ -26,14 +27,9 @@ TEST(RunModes, OneShotModesEndWithTheirExitCodes) {
         agent.setNumber(u"", u"AgentLogLevel", 3);
         EXPECT_EQ(agent.run(each.arguments), each.exitCode);
         EXPECT_NE(agent.log().find(each.logged), std::string::npos) << agent.log();
+        const std::string notes = each.arguments.size() == 0 ? "Entered into StartServiceCtrlDispatcher!\n1063\n" : "";
+        EXPECT_EQ(TestAgent::Read(agent.state / "drive_c" / "test.txt"), notes);
     }
-}
-
-TEST(RunModes, ByHandLeavesItsNotesBesideTheLog) {
-    InstalledAgent agent;
-    EXPECT_EQ(agent.run({}), 0);
-    EXPECT_EQ(InstalledAgent::read(agent.state / "drive_c" / "test.txt"),
-              "Entered into StartServiceCtrlDispatcher!\n1063\n");
 }
 
 TEST(RunModes, MonitorPrintsTheConfigurationToItsOwnLog) {
@@ -50,23 +46,13 @@ TEST(RunModes, MonitorPrintsTheConfigurationToItsOwnLog) {
 }
 
 TEST(RunModes, WithoutAPlaceToRunFromItSaysSo) {
-    const struct {
-        const char* title;
-        void (*spoil)(const InstalledAgent& agent);
-    } cases[] = {
-        {"no registry", [](const InstalledAgent& agent) { std::filesystem::remove_all(agent.state); }},
-        {"a registry that is no database",
-         [](const InstalledAgent& agent) {
-             std::filesystem::remove_all(agent.state);
-             InstalledAgent::write(agent.state / "registry.db", std::string(5000, 'x'));
-         }},
-    };
-    for (const auto& each : cases) {
-        SCOPED_TRACE(each.title);
+    for (const char* registry : {"", "no database"}) {
+        SCOPED_TRACE(registry);
         InstalledAgent agent;
-        each.spoil(agent);
+        std::filesystem::remove_all(agent.state);
+        if (*registry != '\0') TestAgent::Write(agent.state / "registry.db", registry + std::string(5000, 'x'));
         EXPECT_EQ(agent.run({"/t"}), 1);
-        EXPECT_EQ(InstalledAgent::read(agent.state / "drive_c" / "test.txt"),
+        EXPECT_EQ(TestAgent::Read(agent.state / "drive_c" / "test.txt"),
                   "Not able to fetch the KV Agent installation directory from the registry\n");
     }
 }

@@ -1,46 +1,156 @@
-// Servers that a transaction meets in tests beside the well-behaved ones: one that says anything, and a proxy.
+// Servers that a transaction meets in tests: a well-behaved one, one that says anything, and a proxy.
 #pragma once
 
+#include <arpa/inet.h>
+#include <array>
+#include <cstdint>
 #include <functional>
+#include <httplib.h>
+#include <memory>
 #include <mutex>
+#include <netinet/in.h>
+#include <poll.h>
+#include <stdexcept>
 #include <string>
 #include <string_view>
+#include <sys/socket.h>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 namespace kv::test {
 
-/// Accepts connections on 127.0.0.1, reads a request's headers (or the first byte of a secure greeting) and hands the
-/// connection over; closes it afterwards.
+/// A server of cpp-httplib, on a free port and a thread of its own. Its routes are added before the first request.
+struct RunningServer {
+    explicit RunningServer(std::unique_ptr<httplib::Server> made = std::make_unique<httplib::Server>())
+        : server(std::move(made)), port(server->bind_to_any_port("127.0.0.1")) {
+        server->set_keep_alive_max_count(1);
+        thread = std::thread([this] { server->listen_after_bind(); });
+        while (!server->is_running()) std::this_thread::yield();
+    }
+    ~RunningServer() {
+        server->stop();
+        thread.join();
+    }
+
+    std::unique_ptr<httplib::Server> server;
+    int port;
+    std::thread thread;
+};
+
+inline sockaddr_in Loopback(int port) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<std::uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return address;
+}
+
+/// Takes one connection at a time on 127.0.0.1, reads a request's headers (or the first byte of a secure greeting),
+/// hands the connection over and closes it afterwards.
 class RawServer {
   public:
     using Handler = std::function<void(int connection, const std::string& request)>;
 
-    explicit RawServer(Handler handler);
-    ~RawServer();
+    explicit RawServer(Handler handler) : handler_(std::move(handler)), listener_(socket(AF_INET, SOCK_STREAM, 0)) {
+        sockaddr_in address = Loopback(0);
+        socklen_t size = sizeof address;
+        if (bind(listener_, reinterpret_cast<sockaddr*>(&address), size) != 0 || listen(listener_, 16) != 0 ||
+            getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &size) != 0) {
+            throw std::runtime_error("no port to listen on");
+        }
+        port = ntohs(address.sin_port);
+        thread_ = std::thread([this] {
+            for (int connection; (connection = accept(listener_, nullptr, nullptr)) >= 0;) Serve(connection);
+        });
+    }
+    ~RawServer() {
+        shutdown(listener_, SHUT_RDWR);
+        thread_.join();
+        close(listener_);
+    }
 
     /// The headers of all requests, in the order of their coming.
-    std::vector<std::string> requests() const;
+    std::vector<std::string> requests() const {
+        const std::lock_guard lock(mutex_);
+        return requests_;
+    }
 
     int port = 0;
 
   private:
-    void Serve(int connection);
+    void Serve(int connection) {
+        std::string request;
+        const auto complete = [&] { return request.ends_with("\r\n\r\n") || request.starts_with('\x16'); };
+        for (char c; !complete() && recv(connection, &c, 1, 0) == 1;) request += c;
+        {
+            const std::lock_guard lock(mutex_);
+            requests_.push_back(request);
+        }
+        handler_(connection, request);
+        close(connection);
+    }
 
     Handler handler_;
     int listener_;
     mutable std::mutex mutex_;
     std::vector<std::string> requests_;
-    std::vector<std::thread> connections_;
-    std::thread acceptor_;
+    std::thread thread_;
 };
 
-void SendText(int connection, std::string_view text);
+inline void SendText(int connection, std::string_view text) {
+    while (!text.empty()) {
+        const ssize_t count = send(connection, text.data(), text.size(), MSG_NOSIGNAL);
+        if (count <= 0) return;
+        text.remove_prefix(static_cast<std::size_t>(count));
+    }
+}
 
-/// Handlers: send a text and hang up; send it and wait until the other side hangs up; forward tunnels and plain
-/// requests as a proxy that answers 407 to those without the credentials it wants.
-RawServer::Handler Says(std::string text);
-RawServer::Handler SaysAndHolds(std::string text);
-RawServer::Handler Forwards(std::string wantedAuthorization);
+/// Sends a text and hangs up.
+inline RawServer::Handler Says(std::string text) {
+    return [text = std::move(text)](int connection, const std::string&) { SendText(connection, text); };
+}
+
+/// Sends a text and waits until the other side hangs up.
+inline RawServer::Handler SaysAndHolds(std::string text) {
+    return [text = std::move(text)](int connection, const std::string&) {
+        SendText(connection, text);
+        for (char c; recv(connection, &c, 1, 0) == 1;) continue;
+    };
+}
+
+/// Passes on what comes from either side until one hangs up.
+inline void Relay(int one, int other) {
+    std::array<pollfd, 2> sides{{{one, POLLIN, 0}, {other, POLLIN, 0}}};
+    std::array<char, 4096> bytes;
+    while (poll(sides.data(), sides.size(), -1) > 0) {
+        const bool first = sides[0].revents != 0;
+        const ssize_t count = recv(first ? one : other, bytes.data(), bytes.size(), 0);
+        if (count <= 0) return;
+        SendText(first ? other : one, {bytes.data(), static_cast<std::size_t>(count)});
+    }
+}
+
+/// A proxy that forwards tunnels and plain requests, and answers 407 to those without the credentials it wants.
+inline RawServer::Handler Forwards(std::string wantedAuthorization) {
+    return [wanted = std::move(wantedAuthorization)](int connection, const std::string& request) {
+        if (request.find("\r\nProxy-Authorization: " + wanted + "\r\n") == std::string::npos) {
+            SendText(connection, "HTTP/1.1 407 Proxy Authentication Required\r\nContent-Length: 2\r\n\r\nno");
+            return;
+        }
+        const bool tunnel = request.starts_with("CONNECT ");
+        const std::size_t authority = tunnel ? 8 : request.find("://") + 3;
+        const sockaddr_in address = Loopback(std::stoi(request.substr(request.find(':', authority) + 1)));
+        const int peer = socket(AF_INET, SOCK_STREAM, 0);
+        connect(peer, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+        if (tunnel) {
+            SendText(connection, "HTTP/1.1 200 Connection established\r\nX-Proxy: here\r\n\r\n");
+        } else {
+            SendText(peer, request.substr(0, request.find(' ') + 1) + request.substr(request.find('/', authority)));
+        }
+        Relay(connection, peer);
+        close(peer);
+    };
+}
 
 }  // namespace kv::test

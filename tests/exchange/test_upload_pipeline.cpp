@@ -2,19 +2,22 @@
 #include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <httplib.h>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <random>
 #include <set>
+#include <signal.h>
 #include <string>
-#include <thread>
+#include <sys/wait.h>
+#include <unistd.h>
 #include <vector>
 #include <zip.h>
 
 #include "exchange/upload_pipeline.h"
 #include "foundation/agent_state.h"
 #include "platform/files.h"
+#include "tests/exchange/http_peers.h"
 #include "tests/support/test_agent.h"
 #include "tests/support/virtual_clock.h"
 
@@ -23,50 +26,17 @@ namespace kv::test {
 namespace {
 
 using Names = std::vector<std::string>;
+using FileOverride = platform::ScopedOperations<platform::FileOperations>;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-/// What the central server, up or down, has been sent and has accepted.
-struct Uploads {
-    std::mutex mutex;
-    Names tried;                              // file names since the last look
-    std::map<std::string, std::string> zips;  // accepted, by file name
-};
-
-/// A central server that answers as it is told to.
-class FileCollector {
-  public:
-    explicit FileCollector(Uploads& uploads) {
-        server_.Post("/servlets/FileCollector", [&](const httplib::Request& request, httplib::Response& response) {
-            const std::lock_guard lock(uploads.mutex);
-            const std::string name = request.get_param_value("FILENAME");
-            uploads.tried.push_back(name);
-            response.status = request.get_param_value("AGENTKEY") == "K7" ? status.load() : 400;
-            if (response.status == 200) uploads.zips[name] = request.body;
-        });
-        port = server_.bind_to_any_port("127.0.0.1");
-        thread_ = std::thread([this] { server_.listen_after_bind(); });
-        while (!server_.is_running()) std::this_thread::yield();
-    }
-    ~FileCollector() {
-        server_.stop();
-        thread_.join();
-    }
-
-    std::atomic<int> status{200};
-    int port = 0;
-
-  private:
-    httplib::Server server_;
-    std::thread thread_;
-};
-
+/// Names in a zip that must be whole.
 std::multiset<std::string> NamesInZip(const std::string& bytes) {
     std::multiset<std::string> names;
-    zip_t* archive = zip_open_from_source(zip_source_buffer_create(bytes.data(), bytes.size(), 0, nullptr), 0, nullptr);
+    zip_source_t* source = zip_source_buffer_create(bytes.data(), bytes.size(), 0, nullptr);
+    zip_t* archive = zip_open_from_source(source, ZIP_CHECKCONS, nullptr);
     EXPECT_NE(archive, nullptr);
-    if (archive == nullptr) return names;
-    for (zip_int64_t i = 0; i < zip_get_num_entries(archive, 0); ++i) {
+    for (zip_int64_t i = 0; archive != nullptr && i < zip_get_num_entries(archive, 0); ++i) {
         names.insert(zip_get_name(archive, static_cast<zip_uint64_t>(i), 0));
     }
     zip_discard(archive);
@@ -85,22 +55,49 @@ class UploadPipeline : public TestAgent {
         StartServer();
     }
 
+    /// A central server that answers as it is told to.
     void StartServer() {
-        server = std::make_unique<FileCollector>(uploads);
+        server = std::make_unique<RunningServer>();
+        server->server->Post("/servlets/FileCollector",
+                             [&](const httplib::Request& request, httplib::Response& answer) {
+                                 const std::lock_guard lock(mutex);
+                                 const std::string name = request.get_param_value("FILENAME");
+                                 tried.push_back(name);
+                                 answer.status = request.get_param_value("AGENTKEY") == "K7" ? status.load() : 400;
+                                 if (answer.status == 200) accepted[name] = request.body;
+                             });
         agentState.gv_ServerPort = server->port;
     }
 
     /// Names of the uploads since the last call.
     Names Tried() {
-        const std::lock_guard lock(uploads.mutex);
-        return std::exchange(uploads.tried, {});
+        const std::lock_guard lock(mutex);
+        return std::exchange(tried, {});
     }
 
     void WriteRecords(int first, int last) {
-        for (int i = first; i <= last; ++i) Write(data / ("Agent_K7_" + std::to_string(i) + ".txt"), "{ }");
+        for (int i = first; i <= last; ++i) {
+            Write(data / ("Agent_K7_" + std::to_string(i) + ".txt"), std::string(4000, static_cast<char>(i)));
+        }
     }
     void QueueZips(const Names& names) {
         for (const std::string& name : names) Write(zipdata / name, "zip");
+    }
+
+    /// The records of the given numbers, and those that are in "data", in the queue or accepted.
+    static std::multiset<std::string> Records(int first, int last) {
+        std::multiset<std::string> names;
+        for (int i = first; i <= last; ++i) names.insert("data/Agent_K7_" + std::to_string(i) + ".txt");
+        return names;
+    }
+    std::multiset<std::string> KeptRecords() {
+        std::multiset<std::string> names;
+        for (const std::string& file : FilesIn(data)) names.insert("data/" + file);
+        for (const std::string& file : FilesIn(zipdata)) {
+            if (file.ends_with(".zip")) names.merge(NamesInZip(Read(zipdata / file)));
+        }
+        for (const auto& [name, bytes] : accepted) names.merge(NamesInZip(bytes));
+        return names;
     }
 
     /// Lets the thread run for some virtual time.
@@ -109,24 +106,12 @@ class UploadPipeline : public TestAgent {
         EXPECT_THROW(StripTxtFiles(nullptr), TimeIsUp);
     }
 
-    static Names FilesIn(const std::filesystem::path& directory) {
-        std::set<std::string> names;
-        for (const auto& entry : std::filesystem::directory_iterator(directory)) names.insert(entry.path().filename());
-        return {names.begin(), names.end()};
-    }
-
-    /// The seam with one file operation that fails.
-    template <class Operation>
-    static platform::ScopedOperations<platform::FileOperations> Failing(Operation platform::FileOperations::*operation,
-                                                                        platform::Error error) {
-        platform::FileOperations files = platform::Files();
-        files.*operation = [error](auto&&...) { return error; };
-        return platform::ScopedOperations<platform::FileOperations>(files);
-    }
-
     VirtualClock clock;
-    Uploads uploads;
-    std::unique_ptr<FileCollector> server;
+    std::mutex mutex;
+    Names tried;                                  // file names since the last look
+    std::map<std::string, std::string> accepted;  // zips by file name
+    std::atomic<int> status{200};
+    std::unique_ptr<RunningServer> server;
 };
 
 TEST_F(UploadPipeline, AZipHoldsAtMost2501Records) {
@@ -163,55 +148,40 @@ TEST_F(UploadPipeline, APassWithoutFilesSendsNothingAndThePeriodRunsFromItsStart
     EXPECT_THAT(Tried(), IsEmpty());
 }
 
-TEST_F(UploadPipeline, EveryZipIsTriedInEveryPassAndStaysUntilAccepted) {
+TEST_F(UploadPipeline, EveryZipIsTriedInEveryPassUntilAcceptedAndCollectionStopsOneSecondAfterTheLimit) {
     const Names queue{"Agent_K7_1.zip", "Agent_K7_2.zip", "Agent_K7_3.zip"};
     QueueZips(queue);
-    for (const int status : {503, 407}) {
-        server->status = status;
+    const auto pass = [&](int answer, std::int64_t secondsLater) {
+        status = answer;
+        clock.advanceMilliseconds(secondsLater * 1000);
         SendDetailstoCS(3);
         EXPECT_EQ(Tried(), queue);
-        EXPECT_EQ(FilesIn(zipdata), queue);
-    }
-    EXPECT_TRUE(Logged("Number of Zip files in ZipData directory is [2]"));
+        return agentState.gv_collectData.load();
+    };
+    EXPECT_EQ(pass(503, 0), 1);
     EXPECT_TRUE(Logged("something went wrong in InternetUploadBinaryFile. return value [13]"));
-    EXPECT_TRUE(Logged("something went wrong in InternetUploadBinaryFile. return value [407]"));
-    server->status = 200;
-    SendDetailstoCS(0);
-    EXPECT_EQ(Tried(), queue);
-    EXPECT_THAT(FilesIn(zipdata), IsEmpty());
-    EXPECT_EQ(uploads.zips["Agent_K7_2.zip"], "zip");
-}
-
-TEST_F(UploadPipeline, CollectionStopsOneSecondAfterTheLimitAndResumesWithAnAcceptedZip) {
-    QueueZips({"Agent_K7_1.zip"});
-    server.reset();
-    SendDetailstoCS(1);
     EXPECT_EQ(agentState.gv_CSContactLostTime, clock.nowSeconds());
-    clock.advanceMilliseconds(360 * 60 * 1000);
-    SendDetailstoCS(1);
-    EXPECT_EQ(agentState.gv_collectData, 1);
-    clock.advanceMilliseconds(1000);
-    SendDetailstoCS(1);
-    EXPECT_EQ(agentState.gv_collectData, 0);
+    EXPECT_EQ(pass(407, 360 * 60), 1);
+    EXPECT_TRUE(Logged("something went wrong in InternetUploadBinaryFile. return value [407]"));
+    EXPECT_EQ(pass(503, 1), 0);
     EXPECT_TRUE(Logged("stopping datacollection as connection is lost for 21600 sec"));
-
-    StartServer();
+    EXPECT_EQ(FilesIn(zipdata), queue);
     {
-        const auto undeletable = Failing(&platform::FileOperations::DeleteFileW, platform::error::accessDenied);
-        SendDetailstoCS(1);
+        const FileOverride undeletable(Failing(&platform::FileOperations::DeleteFileW, platform::error::accessDenied));
+        EXPECT_EQ(pass(200, 1), 1);
     }
-    EXPECT_EQ(agentState.gv_collectData, 1);
     EXPECT_EQ(agentState.gv_CSContactLostTime, 0);
     EXPECT_TRUE(Logged("Agent_K7_1.zip]. ErrorCode is [0], GetLastError is [5]"));
-    SendDetailstoCS(1);
-    EXPECT_THAT(Tried(), ElementsAre("Agent_K7_1.zip", "Agent_K7_1.zip"));
+    EXPECT_EQ(pass(200, 1), 1);
+    EXPECT_TRUE(Logged("Number of Zip files in ZipData directory is [2]"));
+    EXPECT_EQ(accepted["Agent_K7_2.zip"], "zip");
     EXPECT_THAT(FilesIn(zipdata), IsEmpty());
 }
 
 TEST_F(UploadPipeline, ASingleFailureStaysOnTheClockThroughLaterSuccesses) {
     QueueZips({"Agent_K7_1.zip"});
     for (int hour = 0; hour <= 24; ++hour) {
-        server->status = hour == 0 || hour == 24 ? 503 : 200;
+        status = hour == 0 || hour == 24 ? 503 : 200;
         EXPECT_EQ(agentState.gv_collectData, 1);
         SendDetailstoCS(1);
         QueueZips({"Agent_K7_1.zip"});
@@ -236,48 +206,54 @@ TEST_F(UploadPipeline, ALongOutageLosesNoRecord) {
     EXPECT_TRUE(stopped);
     EXPECT_EQ(agentState.gv_collectData, 1);
     EXPECT_THAT(FilesIn(zipdata), IsEmpty());
-    std::multiset<std::string> kept;
-    for (const auto& [name, bytes] : uploads.zips) kept.merge(NamesInZip(bytes));
-    for (const std::string& name : FilesIn(data)) kept.insert("data/" + name);
-    std::multiset<std::string> written;
-    for (int i = 1; i <= records; ++i) written.insert("data/Agent_K7_" + std::to_string(i) + ".txt");
     EXPECT_GT(records, 400);
-    EXPECT_EQ(kept, written);
+    EXPECT_EQ(KeptRecords(), Records(1, records));
 }
 
-TEST_F(UploadPipeline, AKilledPackingLeavesNoHalfZipAndOverwritesNoQueuedOne) {
-    WriteRecords(1, 2);
-    Write(zipdata / "Agent_K7_9.tmp", "half a zip");
-    QueueZips({"Agent_K7_1.zip"});
-    server->status = 503;
-    RunFor(61);
-    EXPECT_THAT(FilesIn(zipdata), ElementsAre("Agent_K7_1.zip", "Agent_K7_2.zip"));
-    EXPECT_EQ(Read(zipdata / "Agent_K7_1.zip"), "zip");
-    EXPECT_EQ(NamesInZip(Read(zipdata / "Agent_K7_2.zip")).size(), 2U);
+TEST_F(UploadPipeline, KilledWhilePackingItLosesNoRecord) {
+    constexpr int count = 600;
+    std::mt19937 random(7);
+    std::uniform_int_distribution<useconds_t> microseconds(500, 30000);
+    for (int round = 1; round <= 10; ++round) {
+        WriteRecords((round - 1) * count + 1, round * count);
+        const pid_t child = fork();
+        if (child == 0) {
+            PackRecordFiles(u"zipdata\\Agent_K7_");
+            _exit(0);
+        }
+        usleep(microseconds(random));
+        kill(child, SIGKILL);
+        waitpid(child, nullptr, 0);
+        // A record in both places will be sent twice, which is no loss.
+        const auto kept = KeptRecords(), written = Records(1, round * count);
+        ASSERT_EQ(std::set(kept.begin(), kept.end()), std::set(written.begin(), written.end())) << round;
+    }
 }
 
-TEST_F(UploadPipeline, ABusyRecordIsWaitedForAndNoRecordGoesBeforeItsZipIsComplete) {
+TEST_F(UploadPipeline, ABusyRecordIsWaitedForAndAKilledPackingLeavesNothingHalfDone) {
     WriteRecords(1, 2);
     std::ofstream writer(data / "Agent_K7_2.txt");
-    clock.endMilliseconds = clock.nowMilliseconds() + 20000;
-    EXPECT_THROW(PackRecordFiles(u"zipdata\\Agent_K7_"), TimeIsUp);  // ends here as if killed
+    RunFor(60 + 20);  // ends here as if killed
     EXPECT_TRUE(Logged("StripTxtFiles :: IsFileisOpen returned failure for [data\\Agent_K7_2.txt]"));
     EXPECT_EQ(FilesIn(data).size(), 2U);
     EXPECT_THAT(FilesIn(zipdata), ElementsAre("Agent_K7_1.tmp"));
 
-    clock.endMilliseconds = INT64_MAX;
+    QueueZips({"Agent_K7_2.zip"});  // of the next number
+    status = 503;
     clock.onSleep = [&](std::uint32_t milliseconds) {
         if (milliseconds == 5000) writer.close();
     };
-    PackRecordFiles(u"zipdata\\Agent_K7_");
+    RunFor(60 + 20);
     EXPECT_THAT(FilesIn(data), IsEmpty());
-    EXPECT_EQ(NamesInZip(Read(zipdata / "Agent_K7_2.zip")).size(), 2U);
+    EXPECT_THAT(FilesIn(zipdata), ElementsAre("Agent_K7_2.zip", "Agent_K7_3.zip"));
+    EXPECT_EQ(Read(zipdata / "Agent_K7_2.zip"), "zip");
+    EXPECT_EQ(NamesInZip(Read(zipdata / "Agent_K7_3.zip")), Records(1, 2));
 }
 
 TEST_F(UploadPipeline, FailuresWhilePackingAreLoggedAndLeaveNothingHalfDone) {
     const auto pack = [this](auto operation, platform::Error error) {
         WriteRecords(1, 1);
-        const auto failing = Failing(operation, error);
+        const FileOverride failing(Failing(operation, error));
         PackRecordFiles(u"zipdata\\Agent_K7_");
         EXPECT_THAT(FilesIn(zipdata), IsEmpty());
         return FilesIn(data).size();

@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <memory>
+#include <set>
 #include <sstream>
 
 #include "agent/entry.h"
@@ -66,6 +67,12 @@ std::string TestAgent::Read(const fs::path& path) {
     std::ostringstream bytes;
     bytes << file.rdbuf();
     return bytes.str();
+}
+
+std::vector<std::string> TestAgent::FilesIn(const fs::path& directory) {
+    std::set<std::string> names;
+    for (const auto& entry : fs::directory_iterator(directory)) names.insert(entry.path().filename());
+    return {names.begin(), names.end()};
 }
 
 }  // namespace kv::test

@@ -2,17 +2,25 @@
 #pragma once
 
 #include <filesystem>
+#include <gtest/gtest.h>
 #include <string>
 #include <string_view>
+#include <vector>
 
-#include <gtest/gtest.h>
+#include "platform/files.h"
 
 namespace kv::test {
 
-/// Makes a temporary folder with an install tree (monitoring/bin, conf, conf/scripts, logs) and a state directory, installs
-/// the real backend on it, changes to the bin directory, gives agentState its defaults and gv_ocAgentBinPath, and opens
-/// the log at level 4. All of it is undone and removed at the end.
+/// Makes a temporary folder with an install tree (monitoring/bin, conf, conf/scripts, logs) and a state directory,
+/// installs the real backend on it, changes to the bin directory, gives agentState its defaults and gv_ocAgentBinPath,
+/// and opens the log at level 4. All of it is undone and removed at the end.
 class TestAgent : public ::testing::Test {
+  public:
+    static void Write(const std::filesystem::path& path, std::string_view bytes);
+    static std::string Read(const std::filesystem::path& path);
+    /// Sorted file names.
+    static std::vector<std::string> FilesIn(const std::filesystem::path& directory);
+
   protected:
     TestAgent();
     ~TestAgent() override;
@@ -28,8 +36,13 @@ class TestAgent : public ::testing::Test {
     std::string LogText() const;
     bool Logged(std::string_view text) const { return LogText().find(text) != std::string::npos; }
 
-    static void Write(const std::filesystem::path& path, std::string_view bytes);
-    static std::string Read(const std::filesystem::path& path);
+    /// The current file operations, of which one fails.
+    template <class Operation>
+    static platform::FileOperations Failing(Operation platform::FileOperations::*operation, platform::Error error) {
+        platform::FileOperations files = platform::Files();
+        files.*operation = [error](auto&&...) { return error; };
+        return files;
+    }
 
   private:
     std::filesystem::path formerDirectory_;

@@ -10,8 +10,13 @@ platform::LocalTime UtcParts(std::int64_t milliseconds) {
     const std::time_t seconds = static_cast<std::time_t>(milliseconds / 1000);
     std::tm parts{};
     gmtime_r(&seconds, &parts);
-    return {parts.tm_year + 1900, parts.tm_mon + 1, parts.tm_mday, parts.tm_hour,
-            parts.tm_min,         parts.tm_sec,     static_cast<int>(milliseconds % 1000)};
+    return {parts.tm_year + 1900,
+            parts.tm_mon + 1,
+            parts.tm_mday,
+            parts.tm_hour,
+            parts.tm_min,
+            parts.tm_sec,
+            static_cast<int>(milliseconds % 1000)};
 }
 
 }  // namespace
