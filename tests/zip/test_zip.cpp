@@ -96,14 +96,6 @@ class Zip : public TestAgent {
         return files;
     }
 
-    /// The current operations, of which one fails.
-    template <class Operation>
-    static platform::FileOperations Failing(Operation platform::FileOperations::*operation, platform::Error error) {
-        platform::FileOperations files = platform::Files();
-        files.*operation = [error](auto&&...) { return error; };
-        return files;
-    }
-
     std::filesystem::path path = bin / "a.zip";
 };
 
@@ -159,19 +151,17 @@ TEST_F(Zip, TwoIndependentReadersFindWhatWasPacked) {
     }
     EXPECT_EQ(CloseZip(zip), zip_result::ok);
 
-    std::map<std::string, std::string> found;
-    for (const auto& [name, entry] : ReadArchive()) found[name] = entry.content;
-    EXPECT_TRUE(found == contents);
+    const auto found = ReadArchive();
+    EXPECT_EQ(found.size(), contents.size());
+    for (const auto& [name, entry] : found) EXPECT_TRUE(entry.content == contents[name]) << name;
     EXPECT_TRUE(Accepts("unzip -tqq a.zip"));
 }
 
 TEST_F(Zip, TheExtensionDecidesTheMethod) {
-    const std::map<std::u16string, int> methods{{u"a.Z", 0},      {u"a.zip", 0},    {u"a.zoo", 0}, {u"a.arc", 0},
-                                                {u"a.lzh", 0},    {u"a.arj", 0},    {u"a.gz", 0},  {u"a.tgz", 0},
-                                                {u"r.GZ", 0},     {u"r.gz.txt", 8}, {u"point", 8}, {u"r.gz\\name", 8},
-                                                {u"a.zipped", 8}, {u"a.", 8}};
-    for (const auto& [name, method] : methods)
-        EXPECT_EQ(PackOne("text", name).method, method) << platform::Utf8FromWide(name);
+    for (const char16_t* name : {u"a.Z", u"a.zip", u"a.zoo", u"a.arc", u"a.lzh", u"a.arj", u"a.gz", u"a.tgz", u"r.GZ"})
+        EXPECT_EQ(PackOne("text", name).method, 0) << platform::Utf8FromWide(name);
+    for (const char16_t* name : {u"r.gz.txt", u"point", u"r.gz\\name", u"a.zipped", u"a."})
+        EXPECT_EQ(PackOne("text", name).method, 8) << platform::Utf8FromWide(name);
 }
 
 TEST_F(Zip, AttributesAreTheFiles) {
@@ -219,13 +209,14 @@ TEST_F(Zip, FaultyCallsLeaveTheArchiveGood) {
     EXPECT_EQ(CreateZip(u"a.zip", "secret"), nullptr);
     EXPECT_EQ(LastZipWriterResult(), zip_result::badArguments);
     EXPECT_EQ(AddFileToZip(nullptr, u"n", u"one"), zip_result::badArguments);
-    EXPECT_EQ(AddFileToZip(&reader, u"n", u"one"), zip_result::wrongKind);
     EXPECT_EQ(CloseZip(&reader), zip_result::wrongKind);
     EXPECT_EQ(CloseZip(nullptr), zip_result::badArguments);
+    char text[100];
+    EXPECT_EQ(FormatZipMessage(1, text, 8), 24U);  // the last result, cut to the buffer
+    EXPECT_STREQ(text, "Caller:");
+    EXPECT_EQ(FormatZipMessage(0x123, nullptr, 0), 23U);  // "unknown zip result code"
 
     ZipHandle zip = CreateZip(u"a.zip", nullptr);
-    EXPECT_TRUE(IsZipHandleForWriting(zip));
-    EXPECT_FALSE(IsZipHandleForWriting(&reader) || IsZipHandleForWriting(nullptr));
     EXPECT_EQ(AddFileToZip(zip, u"", u"one"), zip_result::badArguments);
     EXPECT_EQ(AddFileToZip(zip, std::u16string(261, u'n'), u"one"), zip_result::badArguments);
     EXPECT_EQ(AddFileToZip(zip, u"n", u"missing"), zip_result::noFile);
@@ -271,16 +262,6 @@ TEST_F(Zip, AFailurePartWayThroughAnEntrySticks) {
     EXPECT_EQ(AddFileToZip(zip, u"1", u"one"), zip_result::ok);  // in the buffer still
     EXPECT_EQ(AddFileToZip(zip, u"2", u"one"), zip_result::writeFailed);
     EXPECT_EQ(CloseZip(zip), zip_result::writeFailed);
-}
-
-TEST_F(Zip, EachResultHasItsText) {
-    char text[100];
-    EXPECT_EQ(FormatZipMessage(zip_result::wrongKind, text, 8), 42U);
-    EXPECT_STREQ(text, "Caller:");
-    EXPECT_EQ(FormatZipMessage(0x123, nullptr, 0), 23U);  // "unknown zip result code"
-    CloseZip(nullptr);
-    FormatZipMessage(1, text, sizeof text);
-    EXPECT_STREQ(text, "Caller: faulty arguments");
 }
 
 }  // namespace kv::test
