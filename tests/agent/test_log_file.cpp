@@ -1,6 +1,6 @@
 // The log on real files: levels, size counter, rotation by numbers, faults, and threads that log while others rotate.
 #include <filesystem>
-#include <fmt/format.h>
+#include <fmt/ranges.h>
 #include <map>
 #include <set>
 #include <sstream>
@@ -24,11 +24,13 @@ class LogFile : public test::TestAgent {
   protected:
     LogFile() : logs(folder / "monitoring" / "logs") {}
 
-    /// Opens the log as at a start, over files of the contents given.
-    void Start(const std::map<std::string, std::string>& files) {
+    /// Opens the log as at a start, over files written as Files() gives them.
+    void Start(const std::string& files) {
         StopLogging();
         for (const auto& entry : fs::directory_iterator(logs)) fs::remove(entry);
-        for (const auto& [name, content] : files) Write(logs / name, content);
+        std::istringstream words(files);
+        for (std::string name, content; std::getline(words, name, '=') && words >> content; words >> std::ws)
+            Write(logs / name, content);
         RotateLogger(std::nullopt);
     }
 
@@ -38,12 +40,12 @@ class LogFile : public test::TestAgent {
             platform::error::success);
     }
 
-    /// File names in the logs directory, each with the first character of its content.
-    std::map<std::string, std::string> Files() const {
-        std::map<std::string, std::string> files;
+    /// "name=x" for each file, in order of the names; x is the first character of its content.
+    std::string Files() const {
+        std::set<std::string> files;
         for (const auto& entry : fs::directory_iterator(logs))
-            files[entry.path().filename().string()] = Read(entry.path()).substr(0, 1);
-        return files;
+            files.insert(entry.path().filename().string() + "=" + Read(entry.path()).substr(0, 1));
+        return fmt::format("{}", fmt::join(files, " "));
     }
 
     static bool RotationIsLocked() { return IsResourceLocked_MSP(&logState.gv_logFile) == 1; }
@@ -51,23 +53,16 @@ class LogFile : public test::TestAgent {
     fs::path logs;
 };
 
-using FileMap = std::map<std::string, std::string>;
-
-TEST_F(LogFile, RotatesBeforeTheFirstLineOnlyAboveTheDefaultSize) {
+TEST_F(LogFile, RotatesBeforeTheFirstLineAboveTheDefaultSizeAndThenByTheConfiguredLimits) {
     for (const auto& [size, before] : {std::pair{1000000U, false}, {1000001U, true}}) {
-        SCOPED_TRACE(size);
-        Start({{"agent.log", std::string(size, 'x')}});
-        EXPECT_EQ(Files(), (FileMap{{"agent.log", "\n"}, {"agent1.log", "x"}}));
-        EXPECT_EQ(fs::file_size(logs / "agent1.log") == size, before);
+        Start("agent.log=" + std::string(size, 'x'));
+        EXPECT_EQ(Files(), "agent.log=\n agent1.log=x");
+        EXPECT_EQ(fs::file_size(logs / "agent1.log") == size, before) << size;
         EXPECT_TRUE(Logged("STARTING MONITORING AGENT"));
     }
-}
-
-TEST_F(LogFile, ConfiguredLimitsHoldFromTheFirstLineOn) {
     SetRegistry(u"LoggerMaxSize", u"500");
     SetRegistry(u"LoggerMaxFiles", u"7");
-    Start({{"agent.log", std::string(900000, 'x')}});
-    EXPECT_EQ(Files(), (FileMap{{"agent.log", "\n"}, {"agent1.log", "x"}}));
+    Start("agent.log=" + std::string(900000, 'x'));
     EXPECT_NE(Read(logs / "agent1.log").find("STARTING MONITORING AGENT"), std::string::npos);
     EXPECT_TRUE(Logged("\tRotateLogger : LoggerMaxFiles 7\n"));
     EXPECT_TRUE(Logged("\tRotateLogger : LoggerMaxSize 500 bytes .\n"));
@@ -77,22 +72,15 @@ TEST_F(LogFile, ShiftsNumberedFiles) {
     const struct {
         const char* title;
         std::uint32_t maxFiles;
-        FileMap before, after;
+        const char* before;
+        const char* after;
     } rows[] = {
-        {"first rotation", 10, {{"agent.log", "0"}}, {{"agent.log", "\n"}, {"agent1.log", "0"}}},
-        {"the oldest goes",
-         2,
-         {{"agent.log", "0"}, {"agent1.log", "1"}, {"agent2.log", "2"}},
-         {{"agent.log", "\n"}, {"agent1.log", "0"}, {"agent2.log", "1"}}},
-        {"a stranger counts as one",
-         2,
-         {{"agent.log", "0"}, {"agent1.log", "1"}, {"agentnotes.txt", "n"}},
-         {{"agent.log", "\n"}, {"agent1.log", "0"}, {"agent2.log", "1"}, {"agentnotes.txt", "n"}}},
-        {"more files than the limit",
-         1,
-         {{"agent.log", "0"}, {"agent1.log", "1"}, {"agent2.log", "2"}},
-         {{"agent.log", "\n"}, {"agent1.log", "0"}}},
-        {"no numbered files wanted", 0, {{"agent.log", "0"}, {"agent1.log", "1"}}, {{"agent.log", "0"}}},
+        {"first rotation", 10, "agent.log=0", "agent.log=\n agent1.log=0"},
+        {"the oldest goes", 2, "agent.log=0 agent1.log=1 agent2.log=2", "agent.log=\n agent1.log=0 agent2.log=1"},
+        {"a stranger counts as one", 2, "agent.log=0 agent1.log=1 agentnotes.txt=n",
+         "agent.log=\n agent1.log=0 agent2.log=1 agentnotes.txt=n"},
+        {"more files than the limit", 1, "agent.log=0 agent1.log=1 agent2.log=2", "agent.log=\n agent1.log=0"},
+        {"no numbered files wanted", 0, "agent.log=0 agent1.log=1", "agent.log=0"},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.title);
@@ -109,7 +97,7 @@ TEST_F(LogFile, ShiftsNumberedFiles) {
 
 TEST_F(LogFile, PrintsArgumentsAndCountsFormats) {
     test::VirtualClock clock;
-    Start({});
+    Start("");
     const std::optional<std::u16string> none;
     const char16_t* null = nullptr;
     const std::uint32_t before = logState.gv_logBytes;
@@ -130,7 +118,7 @@ TEST_F(LogFile, LevelsAreThresholdsButTraceIsExact) {
                                                              {u"3", "123"}, {u"4", "1234"}, {u"9", "123"}};
     for (const auto& [level, lines] : rows) {
         SetRegistry(u"AgentLogLevel", level);
-        Start({});
+        Start("");
         Log1("line-1 ");
         Log2("line-2 ");
         Log3("line-3 ");
@@ -142,7 +130,7 @@ TEST_F(LogFile, LevelsAreThresholdsButTraceIsExact) {
 }
 
 TEST_F(LogFile, AFullDiskCostsLinesOnly) {
-    Start({{"agent.log", "0"}});
+    Start("agent.log=0");
     {
         platform::FileOperations files = platform::Files();
         files.WriteFile = [](auto, auto, auto) { return platform::error::diskFull; };
@@ -154,11 +142,11 @@ TEST_F(LogFile, AFullDiskCostsLinesOnly) {
     Log1("room again\n");
     EXPECT_FALSE(Logged("dropped"));
     EXPECT_TRUE(Logged("room again\n"));
-    EXPECT_EQ(Files(), (FileMap{{"agent.log", "\n"}, {"agent1.log", "0"}}));
+    EXPECT_EQ(Files(), "agent.log=\n agent1.log=0");
 }
 
 TEST_F(LogFile, KeepsTheRotationLockOnTwoWaysOut) {
-    Start({});
+    Start("");
     ASSERT_FALSE(RotationIsLocked());
     RotateLogFile(2000000);  // as a thread that waited while another rotated: the counter is small but not zero
     EXPECT_TRUE(RotationIsLocked());
@@ -177,7 +165,7 @@ TEST_F(LogFile, KeepsTheRotationLockOnTwoWaysOut) {
 TEST_F(LogFile, LosesNoLineWhileThreadsRotateOnEveryLine) {
     constexpr int threadCount = 4;
     constexpr int linesEach = 25;
-    Start({});
+    Start("");
     logState.gv_logMaxFiles = 1000;
     logState.gv_logMaxSize = 0;  // every line rotates, and the exit that keeps the lock cannot be taken
     std::vector<std::thread> threads;
@@ -189,16 +177,15 @@ TEST_F(LogFile, LosesNoLineWhileThreadsRotateOnEveryLine) {
     for (std::thread& thread : threads) thread.join();
     EXPECT_FALSE(RotationIsLocked());
     std::multiset<std::string> lines;
-    for (const auto& [name, first] : Files()) {
-        std::istringstream content(Read(logs / name));
+    for (const auto& entry : fs::directory_iterator(logs)) {
+        std::istringstream content(Read(entry.path()));
         for (std::string line; std::getline(content, line);) {
             if (const auto at = line.find("thread "); at != std::string::npos) lines.insert(line.substr(at));
         }
     }
     std::multiset<std::string> expected;
     for (int i = 0; i < threadCount * linesEach; ++i)
-        expected.insert(
-            fmt::format("thread {} line {} :: {}|end", i % threadCount, i / threadCount, std::string(300, 'x')));
+        expected.insert(fmt::format("thread {} line {} :: {:x<300}|end", i % threadCount, i / threadCount, ""));
     EXPECT_EQ(lines, expected);
 }
 
