@@ -82,7 +82,6 @@ TEST_F(Kvreg, CommandsInTheirOrder) {
         {{"import", partial}, 3, "", "there is no file"},
         {{}, 2, "", "a command is missing"},
         {{"put", "A"}, 2, "", "unknown command 'put'"},
-        {{"get"}, 2, "", "an argument is missing"},
         {{"get", "A", "b", "--dword"}, 2, "", "--dword goes with set only"},
         {{"set", "A", "b", "4294967296", "--dword"}, 2, "", "not a number from 0 to 4294967295"},
         {{"get", "hkey_users\\A"}, 2, "", "only HKEY_LOCAL_MACHINE"},
