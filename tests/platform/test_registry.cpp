@@ -58,17 +58,14 @@ TEST_F(Registry_, SizesOnTheWayInAndOut) {
     RegistryKey key = 0;
     Open(u"K", key);
     RegistryType type{};
-    std::size_t size = 0;
-    EXPECT_EQ(Registry().RegQueryValueExW(key, u"v", &type, nullptr, size), error::success);
-    EXPECT_EQ(size, 3U);
-    EXPECT_EQ(type, RegistryType::text);
     std::byte room[3] = {};
-    size = 2;
+    std::size_t size = 2;
     EXPECT_EQ(Registry().RegQueryValueExW(key, u"v", nullptr, room, size), error::moreData);
     EXPECT_EQ(size, 3U);
     EXPECT_EQ(room[0], std::byte{0}) << "nothing is copied";
-    EXPECT_EQ(Registry().RegQueryValueExW(key, u"v", nullptr, room, size), error::success);
+    EXPECT_EQ(Registry().RegQueryValueExW(key, u"v", &type, room, size), error::success);
     EXPECT_EQ(room[2], std::byte{'b'});
+    EXPECT_EQ(type, RegistryType::text);
     EXPECT_EQ(SetBytes(u"K", u"large", std::string(1024 * 1024, 'x')), error::success);
     EXPECT_EQ(SetBytes(u"K", u"large", std::string(1024 * 1024 + 1, 'x')), error::invalidParameter);
 }
