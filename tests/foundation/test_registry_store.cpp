@@ -112,13 +112,11 @@ TEST_F(RegistryStore, NumbersFallBackAndComeBack) {
         std::uint32_t fallback;
         const char* logLine;
     } rows[] = {
-        {GetAgentLogLevel, agentKeyPath, u"AgentLogLevel", 1, ""},
         {GetLoggerMaxSize, agentKeyPath, u"LoggerMaxSize", 1000000, ""},
         {GetLoggerMaxFiles, agentKeyPath, u"LoggerMaxFiles", 10, ""},
         {GetMALastCreatedJSONNum, monitoringKeyPath, u"MALastCreatedJSONNum", 1, ""},
         {GetMALastCreatedZIPNum, monitoringKeyPath, u"MALastCreatedZIPNum", 1, ""},
         {GetConfigInterval, monitoringKeyPath, u"configInterval", 30, "ConfigInterval"},
-        {GetWriteInterval, monitoringKeyPath, u"writeInterval", 300, "WriteInterval"},
         {GetMaxFilesInDir, monitoringKeyPath, u"MaxFilesInDir", 1500, "MaxFilesInDir"},
         {GetMaxFilestobeSend, monitoringKeyPath, u"MaxFilestobeSend", 1, "MaxFilestobeSend"},
         {GetSysInfoInterval, monitoringKeyPath, u"SysInfoInterval", 55, "SysInfoInterval"},
