@@ -1,5 +1,6 @@
 // The lab's server over real HTTP: what it accepts, refuses, keeps and shows.
 #include <chrono>
+#include <fmt/format.h>
 #include <fstream>
 #include <future>
 #include <gmock/gmock.h>
@@ -10,10 +11,8 @@
 #include "lab/page.h"
 #include "lab/record_text.h"
 #include "lab/server.h"
-#include "platform/backend.h"
 #include "platform/utf.h"
 #include "tests/lab/lab_helpers.h"
-#include "zip/zip_writer.h"
 
 namespace kv::lab::test {
 
@@ -69,20 +68,17 @@ TEST_F(Lab, EnrolmentGivesConfirmsAndRemembersKeys) {
     EXPECT_EQ(Get("/servlets/RegisterAgent?agentKey=NULL")->status, 400) << "no name to give a key to";
     EXPECT_EQ(Get("/servlets/RegisterAgent?agentKey=a%0D%0AEvil:%201")->status, 400) << "no key at all";
     EXPECT_EQ(Agents(store).size(), 6U);
-}
 
-TEST_F(Lab, EnrolmentAnswersWithWhatTheServerWasToldAtItsStart) {
     ServerOptions options;
     options.timeDiff = -90;
     options.refusedKeys = {"K9"};
     Start(options);
-    const httplib::Result refused = Get("/servlets/RegisterAgent?agentKey=K9&agentID=nine&osName=Debian%2012");
+    const httplib::Result refused = Get("/servlets/RegisterAgent?agentKey=K9&agentID=nine");
     EXPECT_EQ(refused->status, 200);
     EXPECT_EQ(refused->get_header_value("timeDiff"), "-90");
     EXPECT_EQ(refused->get_header_value("AgentRun"), "0");
     EXPECT_EQ(refused->get_header_value("SNMPTimeout"), "5");
     EXPECT_EQ(Get("/servlets/RegisterAgent?agentKey=K8&agentID=eight")->get_header_value("AgentRun"), "1");
-    EXPECT_EQ(Agents(store).front().details.osName, "Debian 12");
 }
 
 TEST_F(Lab, AnUploadIsKeptOnceHoweverOftenItComes) {
@@ -100,20 +96,6 @@ TEST_F(Lab, AnUploadIsKeptOnceHoweverOftenItComes) {
     EXPECT_EQ(Agents(store).size(), 2U) << "agents that never enrolled are known by their uploads";
 }
 
-TEST_F(Lab, AZipOfTheAgentsOwnWriterIsAccepted) {
-    platform::InstallBackend();
-    const std::filesystem::path source = folder / "record.txt";
-    std::ofstream(source) << WideBytes(R"({ "own": "writer" })");
-    ZipHandle zip = CreateZip((folder / "own.zip").u16string(), nullptr);
-    ASSERT_NE(zip, nullptr);
-    EXPECT_EQ(AddFileToZip(zip, u"data\\Agent_LAB1_9.txt", source.u16string()), zip_result::ok);
-    EXPECT_EQ(CloseZip(zip), zip_result::ok);
-    std::ifstream file(folder / "own.zip");
-    const std::string bytes(std::istreambuf_iterator<char>(file), {});
-    EXPECT_EQ(Upload(*client, goodQuery, bytes)->status, 200);
-    EXPECT_THAT(StoredRecords(store), ElementsAre(R"(data/Agent_LAB1_9.txt { "own": "writer" })"));
-}
-
 TEST_F(Lab, TextsThatAreNoJsonAreKeptAndMarked) {
     struct Row {
         const char* title;
@@ -124,13 +106,10 @@ TEST_F(Lab, TextsThatAreNoJsonAreKeptAndMarked) {
     const Row rows[] = {
         {"object", WideBytes("{ \"a\": \"\\/\" }\n"), "{ \"a\": \"\\/\" }\n", true},
         {"number", WideBytes("17"), "17", true},
-        {"null", WideBytes("null"), "null", true},
         {"text of a script", WideBytes("out of paper"), "out of paper", false},
         {"empty", "", "", false},
         {"two documents", WideBytes("{ } { }"), "{ } { }", false},
         {"cut short", WideBytes("{ \"a\": "), "{ \"a\": ", false},
-        {"half a character", WideBytes("{ }") + "x", "{ }\uFFFD", false},
-        {"half a pair", std::string("\x3D\xD8", 2), "\uFFFD", false},
         {"a NUL behind the document", WideBytes("{ }") + std::string(2, '\0'), std::string("{ }\0", 4), false},
         {"too deep", WideBytes(std::string(maxJsonDepth + 1, '[')), std::string(maxJsonDepth + 1, '['), false},
     };
@@ -148,7 +127,6 @@ TEST_F(Lab, TextsThatAreNoJsonAreKeptAndMarked) {
     EXPECT_TRUE(ParseJson(answer).valid);
     EXPECT_THAT(answer, HasSubstr(R"("number":2,"agent":"LAB1","zip":"Agent_LAB1_1.zip","file":"number")"));
     EXPECT_THAT(answer, HasSubstr(R"("json":true,"values":17})"));
-    EXPECT_THAT(answer, HasSubstr(R"("json":true,"values":null})"));
     EXPECT_THAT(answer, HasSubstr(R"("json":false,"values":"out of paper"})"));
     EXPECT_THAT(answer, Not(HasSubstr(R"("number":5)")));
     EXPECT_EQ(Get("/api/records?after=x")->status, 400);
@@ -167,11 +145,9 @@ TEST_F(Lab, WhatIsMalformedIsRefusedAndShown) {
     };
     const Row rows[] = {
         {"no agent", "FILENAME=a.zip", goodZip, "the parameter AGENTKEY is missing\n"},
-        {"no name", "AGENTKEY=LAB1", goodZip, "the parameter FILENAME is missing\n"},
         {"empty name", "AGENTKEY=LAB1&FILENAME=", goodZip, "the parameter FILENAME is missing\n"},
         {"a key with a blank", "AGENTKEY=a%20b&FILENAME=a.zip", goodZip, "the parameter AGENTKEY is no agent key\n"},
         {"no body", goodQuery, "", "the body is empty\n"},
-        {"no zip", goodQuery, "this is no zip at all, only some text", "the body is not a good zip: "},
         {"first half", goodQuery, goodZip.substr(0, goodZip.size() / 2), "the body is not a good zip: "},
         {"last byte missing", goodQuery, goodZip.substr(0, goodZip.size() - 1), "the body is not a good zip: "},
         {"directory and entry differ", goodQuery, otherLocalName, "the body is not a good zip: "},
@@ -189,11 +165,8 @@ TEST_F(Lab, WhatIsMalformedIsRefusedAndShown) {
         EXPECT_THAT(Page(), HasSubstr(Escape(answer->body.substr(0, answer->body.size() - 1))));
     }
     EXPECT_THAT(StoredRecords(store), IsEmpty()) << "nothing of a refused zip is kept, good entries neither";
-    EXPECT_EQ(
-        client->Post("/servlets/FileCollector?" + std::string(goodQuery), httplib::MultipartFormDataItems{})->status,
-        400);
-    EXPECT_EQ(Upload(*client, "AGENTKEY=LAB1", goodZip)->status, 400);
-    EXPECT_EQ(LatestRefusals(store, 1)[0].times, 3) << "the same refusal counts up";
+    EXPECT_EQ(Upload(*client, "FILENAME=a.zip", goodZip)->status, 400);
+    EXPECT_EQ(LatestRefusals(store, 1)[0].times, 2) << "the same refusal counts up";
 }
 
 TEST_F(Lab, ABodyThatBreaksOffIsNotServed) {
@@ -233,7 +206,6 @@ TEST_F(Lab, StatusNoticesAndAnswersAreKept) {
     EXPECT_EQ(LatestAnswers(store, 10)[0].text, "{ \"ä\": 1 }");
 
     EXPECT_EQ(Get("/servlets/Nothing")->status, 404);
-    EXPECT_EQ(Get("/nothing")->status, 404);
     EXPECT_EQ(Get("/servlets/FileCollector?AGENTKEY=a&FILENAME=b")->status, 405);
 }
 
@@ -247,7 +219,6 @@ TEST_F(Lab, FaultsInTheirOrder) {
     };
     const Row rows[] = {
         {"a status", {0, "FileCollector", FaultKind::status, 503, 2}, 503, 0, 1},
-        {"a proxy's status", {0, "*", FaultKind::status, 407, 1}, 407, 0, 0},
         {"a dropped connection", {0, "FileCollector", FaultKind::drop, 0, 1}, -1, 0, 0},
         {"another servlet's", {0, "RegisterAgent", FaultKind::drop, 0, 5}, 200, 1, 5},
         {"a delay", {0, "FileCollector", FaultKind::delay, 60, 1}, 200, 1, 0},
@@ -280,21 +251,12 @@ TEST_F(Lab, FaultsInTheirOrder) {
 TEST_F(Lab, ACutAnswerAnnouncesTheWholeAndSendsHalf) {
     AddFault(store, {0, "RegisterAgent", FaultKind::cut, 0, 1});
     std::string received;
-    std::string announced;
-    const httplib::Result answer = client->Get(
-        "/servlets/RegisterAgent?agentKey=bad%20key",
-        [&](const httplib::Response& response) {
-            announced = response.get_header_value("Content-Length");
-            return true;
-        },
-        [&](const char* data, std::size_t size) {
-            received.append(data, size);
-            return true;
-        });
-    const std::string whole = "the parameter agentKey is no agent key\n";
-    EXPECT_FALSE(answer);
-    EXPECT_EQ(announced, std::to_string(whole.size()));
-    EXPECT_EQ(received, whole.substr(0, whole.size() / 2));
+    const auto receive = [&](const char* data, std::size_t size) {
+        received.append(data, size);
+        return true;
+    };
+    EXPECT_FALSE(client->Get("/servlets/RegisterAgent?agentKey=bad%20key", receive));
+    EXPECT_EQ(received, "the parameter agent") << "of: the parameter agentKey is no agent key";
 }
 
 TEST_F(Lab, AStoppedServerDoesNotWaitForItsDelays) {
@@ -308,23 +270,23 @@ TEST_F(Lab, AStoppedServerDoesNotWaitForItsDelays) {
 }
 
 TEST_F(Lab, AgentsThatUploadAtOnceLoseNothing) {
-    constexpr int agents = 6;
-    constexpr int uploads = 5;
+    constexpr std::size_t agents = 6;
+    constexpr std::size_t uploads = 5;
     std::vector<std::thread> threads;
-    for (int agent = 0; agent < agents; ++agent) {
+    for (std::size_t agent = 0; agent < agents; ++agent) {
         threads.emplace_back([this, agent] {
             httplib::Client own("127.0.0.1", server->port());
-            for (int number = 0; number < uploads; ++number) {
-                const std::string text = std::to_string(agent * uploads + number);
-                const std::string query = "AGENTKEY=K" + std::to_string(agent) + "&FILENAME=" + text;
-                EXPECT_EQ(Upload(own, query, ZipOf({{text, WideBytes(text)}}))->status, 200);
+            for (std::size_t number = 0; number < uploads; ++number) {
+                const std::string name = fmt::format("{}-{}", agent, number);
+                const std::string query = fmt::format("AGENTKEY=K{}&FILENAME={}", agent, name);
+                EXPECT_EQ(Upload(own, query, ZipOf({{name, WideBytes(name)}}))->status, 200);
             }
         });
     }
     for (std::thread& thread : threads) thread.join();
     const std::vector<std::string> records = StoredRecords(store);
-    EXPECT_EQ(std::set<std::string>(records.begin(), records.end()).size(), std::size_t{agents * uploads});
-    EXPECT_EQ(CountAll(store).records, agents * uploads);
+    EXPECT_EQ(records.size(), agents * uploads);
+    EXPECT_EQ(std::set<std::string>(records.begin(), records.end()).size(), agents * uploads);
 }
 
 TEST_F(Lab, ThePageShowsValuesAndLetsNoMarkupThrough) {
@@ -338,9 +300,8 @@ TEST_F(Lab, ThePageShowsValuesAndLetsNoMarkupThrough) {
     const std::string json =
         R"({ "DATACOLLECTTIME": "1772701507", "ERRORMSG": "<i>", "<i>": [ { "<i>": "<i>", "n": 4711 },)"
         R"( { "other": null } ], "list": [ "<i>", [ [ [ [ [ [ "<i>" ] ] ] ] ] ] ], "o": { "<i>": 1.5 } })";
-    std::string rows = "[";
-    for (int i = 0; i < 200; ++i)
-        rows += (i == 0 ? "{ \"r\": \"" : ", { \"r\": \"") + std::string("cell") + std::to_string(i) + "\" }";
+    std::string rows = R"([ { "r": "cell0" })";
+    for (int i = 1; i < 200; ++i) rows += fmt::format(R"(, {{ "r": "cell{}" }})", i);
     EXPECT_EQ(Upload(*client, "AGENTKEY=K1&FILENAME=" + encoded,
                      ZipOf({{evil, WideBytes(json)},
                             {"script", WideBytes("<i>plain</i>")},
@@ -350,14 +311,11 @@ TEST_F(Lab, ThePageShowsValuesAndLetsNoMarkupThrough) {
               200);
     const std::string page = Page();
     EXPECT_THAT(page, Not(HasSubstr("<i")));
-    EXPECT_THAT(page, HasSubstr("&lt;i title=&quot;evil&quot;&gt;&amp;&#39;"));
-    EXPECT_THAT(page, HasSubstr("2026-03-05 09:05:07Z"));
-    EXPECT_THAT(page, HasSubstr("<tr><td>&lt;i&gt;</td><td>4711</td><td></td></tr>"));
-    EXPECT_THAT(page, HasSubstr("<pre>&lt;i&gt;plain&lt;/i&gt;</pre>"));
-    EXPECT_THAT(page, HasSubstr("all 100000 bytes"));
-    EXPECT_THAT(page, HasSubstr("cell24<"));
+    for (const char* text : {"&lt;i title=&quot;evil&quot;&gt;&amp;&#39;", "2026-03-05 09:05:07Z",
+                             "<tr><td>&lt;i&gt;</td><td>4711</td><td></td></tr>", "<pre>&lt;i&gt;plain&lt;/i&gt;</pre>",
+                             "all 100000 bytes", "cell24<", "175 more"})
+        EXPECT_THAT(page, HasSubstr(text));
     EXPECT_THAT(page, Not(HasSubstr("cell25<")));
-    EXPECT_THAT(page, HasSubstr("175 more"));
     EXPECT_THAT(page, HasSubstr(Get("/fragment")->body));
 }
 
