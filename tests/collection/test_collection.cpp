@@ -1,5 +1,6 @@
 // Collection from a workflow entry to record files, with real scripts run by the real command interpreter.
 #include <algorithm>
+#include <cstring>
 #include <fstream>
 #include <iterator>
 #include <thread>
@@ -120,6 +121,18 @@ TEST_F(Collection, AHundredMegabytesBecomeOneRecord) {
     std::ifstream record(data / "Agent_K_1.txt");
     record.seekg(-4, std::ios::end);
     EXPECT_EQ(std::string(std::istreambuf_iterator<char>(record), {}), std::string("x\0\xE9\0", 4));
+}
+
+TEST_F(Collection, OutputThatGrowsFasterThanItIsReadEndsWhereItStood) {
+    platform::FileOperations files = platform::Files();
+    files.ReadFile = [](platform::FileHandle, void* buffer, std::size_t size, std::size_t& read) {
+        std::memset(buffer, 'y', size);
+        return read = size, platform::error::success;
+    };
+    const platform::ScopedOperations<platform::FileOperations> scoped(files);
+    WriteScript("fast.sh", "printf yyy");
+    ExecuteScript(u"fast.sh", u"", u"true");
+    EXPECT_EQ(fs::file_size(data / "Agent_K_1.txt"), 6u);
 }
 
 TEST_F(Collection, AScriptThatIgnoresTheSignalsIsEndedAtTheLimit) {

@@ -92,6 +92,15 @@ TEST(AgentRun, ABrokenPlanLeavesItRunning) {
     }
 }
 
+TEST(AgentRun, AMissingBinDirectoryIsLoggedBesideIt) {
+    EnrolledAgent agent;
+    fs::remove(agent.monitoring / "bin");
+    agent.start({"/t"});
+    EXPECT_TRUE(InstalledAgent::eventually([&] {
+        return agent.log().find("Unable to locate the directory") != std::string::npos;
+    })) << agent.log();
+}
+
 TEST(AgentRun, ADataDirectoryThatCannotBeMadeIsLogged) {
     EnrolledAgent agent;
     TestAgent::Write(agent.data, "a file stands where the directory belongs");
