@@ -16,6 +16,7 @@
 #include "foundation/system_error.h"
 #include "foundation/thread_pool.h"
 #include "platform/files.h"
+#include "platform/messages.h"
 #include "platform/service_host.h"
 #include "platform/system_facts.h"
 
@@ -45,7 +46,11 @@ void AppendNote(std::u16string_view path, std::string_view text) {
 /// False when there is no memory for the path.
 bool FindBinPath() {
     OptionalText installDir;
-    if (GetKVAgentInstallDir(installDir) != platform::error::success || !installDir) {
+    const platform::Error error = GetKVAgentInstallDir(installDir);
+    if (error != platform::error::success || !installDir) {
+        const std::u16string reason = platform::Messages().FormatMessageW(error).value_or(u"");
+        std::fprintf(stderr, "MonitoringAgent: the setting KVAgentInstallDir cannot be read: %s (error %u)\n",
+                     platform::Utf8FromWide(reason).c_str(), error);
         AppendNote(registryNote, "Not able to fetch the KV Agent installation directory from the registry\n");
         return true;
     }
@@ -62,8 +67,8 @@ bool FindBinPath() {
 void OpenLog(std::u16string_view name) {
     RotateLogger(name);
     if (logState.gv_logFile == 0)
-        std::fprintf(stderr, "MonitoringAgent: the log %s cannot be opened\n",
-                     platform::Utf8FromWide(logState.gv_logPath).c_str());
+        std::fprintf(stderr, "MonitoringAgent: the log %s cannot be opened; going on without a log\n",
+                     platform::Utf8FromWide(platform::Files().NativePath(logState.gv_logPath)).c_str());
 }
 
 bool IsWin2kOS() {
@@ -124,6 +129,8 @@ int PrintConfiguration(std::u16string_view argument) {
 int RefuseParameter(std::u16string_view argument) {
     OpenLog(agentLog);
     Log3("Invalid parameter %s\n", argument);
+    std::fprintf(stderr, "MonitoringAgent: the first argument is /t, /monitor, /i, /u or none, not '%s'\n",
+                 platform::Utf8FromWide(argument).c_str());
     agentState.gv_ocAgentBinPath.reset();
     return 0;
 }
@@ -171,8 +178,6 @@ int Main(int argc, char** argv) {
 
     if (!agentState.gv_ocAgentBinPath) {
         // Every path of the agent hangs on this one, the log's too: without it there is nothing safe to do.
-        std::fprintf(stderr,
-                     "MonitoringAgent: no registry value KVAgentInstallDir, so there is no place to run from\n");
         return 1;
     }
     if (argc < 2) return RunAsService();

@@ -76,6 +76,13 @@ bool ReadServer() {
                    "\n");
 }
 
+/// Anything but "https" means plain HTTP; what is neither may be a slip, and is said.
+void TakeProtocol(const OptionalText& protocol) {
+    agentState.gv_httpsEnabled = CompareIgnoreCase(protocol, u"https") == 0 ? 1 : 0;
+    if (!agentState.gv_httpsEnabled && CompareIgnoreCase(protocol, u"http") != 0)
+        Log1("\t getCSDetails() :: KVServerProtocol is neither https nor http and counts as http : %s\n", protocol);
+}
+
 /// Protocol, key and master flag; each has a fallback.
 void ReadProtocolAndKey() {
     AgentState& state = agentState;
@@ -83,7 +90,7 @@ void ReadProtocolAndKey() {
     if (Fetched(GetKVServerProtocol(protocol),
                 "\t getCSDetails() :: Not able to fetch the KVServerProtocol. Protocol is set to default value -- "
                 "HTTPS \n"))
-        state.gv_httpsEnabled = CompareIgnoreCase(protocol, u"https") == 0 ? 1 : 0;
+        TakeProtocol(protocol);
     else
         state.gv_httpsEnabled = 1;
     // The line says NULL; the value is the sign, for the enrolment, that no key exists yet.

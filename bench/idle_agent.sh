@@ -30,7 +30,7 @@ PY
 
 "$bin/kvlab" serve --port 0 --database "$folder/lab.db" >"$folder/kvlab.out" &
 pids+=($!)
-until address=$(grep -om1 'http://[^ ]*' "$folder/kvlab.out"); do sleep 0.1; done
+until address=$(grep -som1 'http://[^ ]*' "$folder/kvlab.out"); do sleep 0.1; done
 port=${address##*:}
 
 key='Software\Halvorine\Kestrova\KVAgent'

@@ -13,11 +13,11 @@ constexpr std::u16string_view alphabet = u"ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijk
 constexpr std::u16string_view whiteSpace = u" \t\n\v\f\r";
 
 /// True when the container holds the key, or holds it now.
-bool EnsureKey(platform::CryptoContext context, platform::KeySpec spec) {
+bool EnsureKey(platform::CryptoContext context, platform::KeyKind kind) {
     const platform::CryptoOperations& crypto = platform::Crypto();
     platform::CryptoKey key = 0;
-    platform::Error result = crypto.CryptGetUserKey(context, spec, key);
-    if (result == platform::keyNotPresent) result = crypto.CryptGenKey(context, spec, key);
+    platform::Error result = crypto.CryptGetUserKey(context, kind, key);
+    if (result == platform::keyNotPresent) result = crypto.CryptGenKey(context, kind, key);
     if (result != platform::error::success) return false;
     crypto.CryptDestroyKey(key);
     return true;
@@ -54,7 +54,7 @@ int EnsureCryptoKeys() {
         crypto.CryptAcquireContextW(provider, true, context) != platform::error::success)
         return 0;
     const bool ensured =
-        EnsureKey(context, platform::KeySpec::signature) && EnsureKey(context, platform::KeySpec::keyExchange);
+        EnsureKey(context, platform::KeyKind::signature) && EnsureKey(context, platform::KeyKind::keyExchange);
     crypto.CryptReleaseContext(context);
     return ensured ? 1 : 0;
 }

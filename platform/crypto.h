@@ -14,15 +14,15 @@ namespace platform {
 using CryptoContext = std::uintptr_t;
 using CryptoKey = std::uintptr_t;
 
-enum class KeySpec : std::uint32_t { keyExchange = 1, signature = 2 };
+enum class KeyKind : std::uint32_t { keyExchange = 1, signature = 2 };
 
 inline constexpr Error keyNotPresent = 0x8009000D;  // NTE_NO_KEY
 
 struct CryptoOperations {
     /// The default key container of an RSA provider; newKeySet makes the container.
     std::function<Error(std::u16string_view provider, bool newKeySet, CryptoContext& context)> CryptAcquireContextW;
-    std::function<Error(CryptoContext context, KeySpec spec, CryptoKey& key)> CryptGetUserKey;
-    std::function<Error(CryptoContext context, KeySpec spec, CryptoKey& key)> CryptGenKey;
+    std::function<Error(CryptoContext context, KeyKind kind, CryptoKey& key)> CryptGetUserKey;
+    std::function<Error(CryptoContext context, KeyKind kind, CryptoKey& key)> CryptGenKey;
     std::function<void(CryptoKey key)> CryptDestroyKey;
     std::function<void(CryptoContext context)> CryptReleaseContext;
 };

@@ -13,7 +13,7 @@ Error CryptAcquireContextW(std::u16string_view, bool, CryptoContext& context) {
     return error::success;
 }
 
-Error GiveKey(CryptoContext, KeySpec, CryptoKey& key) {
+Error GiveKey(CryptoContext, KeyKind, CryptoKey& key) {
     key = theKey;
     return error::success;
 }
