@@ -10,6 +10,7 @@
 #include "foundation/agent_state.h"
 #include "foundation/registry_store.h"
 #include "platform/http.h"
+#include "platform/registry.h"
 #include "platform/utf.h"
 #include "tests/exchange/http_peers.h"
 #include "tests/support/test_agent.h"
@@ -295,6 +296,12 @@ TEST_F(HttpTransaction, HeadersFillTheState) {
         EXPECT_EQ(agentState.gv_agentRunFlag, 0);
         EXPECT_EQ(agentState.gv_SNMPTimeout.view(), u"9");
     };
+    {
+        platform::RegistryOperations full = platform::Registry();
+        full.RegSetValueExW = [](auto&&...) { return platform::error::diskFull; };
+        const platform::ScopedOperations<platform::RegistryOperations> without(full);
+        ParseHeader(u"AgentKey: K7\r\n");  // stored with the next answer
+    }
     ParseHeader(u"HTTP/1.1 200 OK\r\ntimeDiff: -90 more\r\nAgentKey: K7\r\nAgentRun: 0\r\nSNMPTimeout:   9\r\n");
     expectState(-90);
     OptionalText stored;
@@ -306,7 +313,7 @@ TEST_F(HttpTransaction, HeadersFillTheState) {
     EXPECT_TRUE(Logged("\t WARNING!!!!!!!! ParseHeader() :: SubString returned NULL for SNMPTimeout\n"));
     const std::map<std::u16string, int> words = {{u"12x", 0}, {u"+7", 7}, {u"", 0}, {u"99999999999", 0}};
     for (const auto& [word, number] : words) {
-        ParseHeader(u"timeDiff: " + word + u"\r\n");
+        ParseHeader(u"timeDiff: " + word + u"\r\nSNMPTimeout: 1234567890\r\n");
         expectState(number);
     }
 }

@@ -183,6 +183,23 @@ TEST_F(HttpTransport, FollowsRedirectsButNotOutOfASecureConnection) {
     EXPECT_EQ(Get(secure.port, toSecure), 0u);
 }
 
+TEST_F(HttpTransport, NoRedirectLosesAPostOrLeadsAroundAProxy) {
+    TestServer server;
+    server.server->Get("/post", [](const httplib::Request&, httplib::Response&) {});
+    server.server->Post("/moved/(\\d+)", [](const httplib::Request& request, httplib::Response& response) {
+        response.set_redirect("/post", std::stoi(request.matches[1]));
+    });
+    const std::map<int, std::string> arrived = {{301, ""}, {302, ""}, {303, ""}, {307, "zip"}, {308, "zip"}};
+    for (const auto& [status, body] : arrived) {
+        EXPECT_EQ(Post(server.port, u"/moved/" + DecimalText(status), "zip"), body.empty() ? 13u : 0u);
+        EXPECT_EQ(server.value, body);
+    }
+    RawServer proxy(Says("HTTP/1.1 302 Found\r\nLocation: https://elsewhere.invalid/\r\n\r\n"));
+    agentState.gv_httpsEnabled = 1;
+    UseProxy(proxy.port, u"");
+    EXPECT_EQ(Get(server.port, u"/echo"), 13u);
+}
+
 TEST_F(HttpTransport, EachFailureHasItsNumber) {
     // The same limit on silence as ever, made short.
     platform::HttpOperations impatient = platform::Http();
