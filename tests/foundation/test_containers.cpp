@@ -84,6 +84,7 @@ TEST_F(Containers, VectorThatRunsEmptyTakesElementsAgain) {
     EXPECT_EQ(DeleteElement(vector.get(), &stranger), 1) << "not found, nothing deleted";
     EXPECT_THAT(ValuesOf(vector.get()), ElementsAre(1, 5));
     for (int left = 2; left > 0; --left) EXPECT_EQ(DeleteElement(vector.get(), vector->tail), 1);
+    EXPECT_TRUE(ValuesOf(vector.get()).empty());
     EXPECT_EQ(DeleteElement(vector.get(), &stranger), 0);
     for (const Word value : {2U, 3U, 4U}) AddElement(vector.get(), NewElement(value));
     DeleteLCDVector(vector.get(), 4);
