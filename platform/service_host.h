@@ -12,8 +12,8 @@ namespace platform {
 using ServiceMainRoutine = void (*)();
 
 struct ServiceHostOperations {
-    /// Hands this thread to the service manager for the whole life of the service. serviceControllerConnect at once when
-    /// no service manager started this process.
+    /// Hands this thread to the service manager for the whole life of the service. serviceControllerConnect at once
+    /// when no service manager started this process.
     std::function<Error(std::u16string_view serviceName, ServiceMainRoutine serviceMain)> StartServiceCtrlDispatcherW;
 };
 

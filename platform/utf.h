@@ -1,5 +1,5 @@
-// Conversion between the agent's wide text (UTF-16) and UTF-8. Both directions accept anything: what is not valid in the
-// one form becomes U+FFFD in the other. Callable from any thread.
+// Conversion between the agent's wide text (UTF-16) and UTF-8. Both directions accept anything: what is not valid in
+// the one form becomes U+FFFD in the other. Callable from any thread.
 #pragma once
 
 #include <string>

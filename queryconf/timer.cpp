@@ -100,7 +100,7 @@ void RunDueEntries(TimerList& list) {
         } else {
             Rearm(list, *entry, now);
         }
-        RemoveTimerEntry(list.name, entry);
+        Unlink(list, entry);
         delete entry;
     }
 }
