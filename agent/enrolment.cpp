@@ -27,29 +27,17 @@ bool HasKey() {
     return !key.empty() && CompareIgnoreCase(key, u"HUBCENTER") != 0 && CompareIgnoreCase(key, u"NULL") != 0;
 }
 
-/// A value inside a query: the characters that would end it are escaped. The transport sees to blanks and to what is
-/// beyond ASCII.
+/// A value inside a query: the characters that would end or change it are escaped. The transport sees to blanks and to
+/// what is beyond ASCII.
 std::u16string QueryValue(std::u16string_view text) {
+    constexpr std::u16string_view escaped = u"%&+#\\";
+    constexpr std::u16string_view digits = u"0123456789ABCDEF";
     std::u16string value;
     for (const char16_t unit : text) {
-        switch (unit) {
-            case u'%':
-                value += u"%25";
-                break;
-            case u'&':
-                value += u"%26";
-                break;
-            case u'+':
-                value += u"%2B";
-                break;
-            case u'#':
-                value += u"%23";
-                break;
-            case u'\\':
-                value += u"%5C";
-                break;
-            default:
-                value += unit;
+        if (FindChar(escaped, unit) == escaped.npos) {
+            value += unit;
+        } else {
+            value += {u'%', digits[unit >> 4], digits[unit & 15]};
         }
     }
     return value;

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/medians.h"
 #include "foundation/hash_table.h"
 #include "jsontext/hash_json.h"
 #include "platform/backend.h"
@@ -54,30 +55,11 @@ void WidePrint(benchmark::State& state) {
 BENCHMARK(JsonCPrint)->Unit(benchmark::kMicrosecond)->Repetitions(9);
 BENCHMARK(WidePrint)->Unit(benchmark::kMicrosecond)->Repetitions(9);
 
-/// The usual table, from which the two medians are kept.
-class MedianReporter : public benchmark::ConsoleReporter {
-  public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        for (const Run& run : runs) {
-            if (run.aggregate_name != "median") continue;
-            (run.benchmark_name().starts_with("JsonCPrint") ? narrow : wide) = run.GetAdjustedCPUTime();
-        }
-        ConsoleReporter::ReportRuns(runs);
-    }
-    double narrow = 0;  // microseconds
-    double wide = 0;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
     constexpr double limit = 1.5;
-    std::vector<char*> arguments(argv, argv + argc);
-    std::string interleaved = "--benchmark_enable_random_interleaving=true";
-    std::string aggregates = "--benchmark_report_aggregates_only=true";
-    arguments.insert(arguments.begin() + 1, {interleaved.data(), aggregates.data()});
-    argc = static_cast<int>(arguments.size());
-    benchmark::Initialize(&argc, arguments.data());
+    kv::bench::InitializeInterleaved(argc, argv);
 
     platform::InstallBackend();
     result = MakeResult();
@@ -87,11 +69,11 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "the two printed forms differ\n");
         return 2;
     }
-    MedianReporter reporter;
+    kv::bench::MedianReporter reporter("JsonCPrint");
     benchmark::RunSpecifiedBenchmarks(&reporter);
     json_object_put(peer);
-    const double ratio = reporter.wide / reporter.narrow;
+    const double ratio = reporter.own / reporter.peer;
     std::printf("printing %d rows (%zu bytes in UTF-8): %.0f us, json-c %.0f us, ratio %.2f (limit %.1f)\n", rowCount,
-                text.size(), reporter.wide, reporter.narrow, ratio, limit);
+                text.size(), reporter.own, reporter.peer, ratio, limit);
     return ratio <= limit ? 0 : 1;
 }

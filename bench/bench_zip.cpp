@@ -13,6 +13,7 @@
 #include <vector>
 #include <zlib.h>
 
+#include "bench/medians.h"
 #include "foundation/file_utils.h"
 #include "platform/backend.h"
 #include "platform/utf.h"
@@ -88,44 +89,25 @@ void PackIntoZip(benchmark::State& state) {
 BENCHMARK(ReadAndDeflate)->Unit(benchmark::kMillisecond)->MeasureProcessCPUTime()->Iterations(1)->Repetitions(15);
 BENCHMARK(PackIntoZip)->Unit(benchmark::kMillisecond)->MeasureProcessCPUTime()->Iterations(1)->Repetitions(15);
 
-/// The usual table, from which the two medians are kept.
-class MedianReporter : public benchmark::ConsoleReporter {
-  public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        for (const Run& run : runs) {
-            if (run.aggregate_name != "median") continue;
-            (run.benchmark_name().starts_with("ReadAndDeflate") ? floor : packing) = run.GetAdjustedCPUTime();
-        }
-        ConsoleReporter::ReportRuns(runs);
-    }
-    double floor = 0;  // milliseconds
-    double packing = 0;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
     constexpr double limit = 1.25;
-    std::vector<char*> arguments(argv, argv + argc);
-    std::string interleaved = "--benchmark_enable_random_interleaving=true";
-    std::string aggregates = "--benchmark_report_aggregates_only=true";
-    arguments.insert(arguments.begin() + 1, {interleaved.data(), aggregates.data()});
-    argc = static_cast<int>(arguments.size());
-    benchmark::Initialize(&argc, arguments.data());
+    kv::bench::InitializeInterleaved(argc, argv);
 
     platform::InstallBackend();
     std::string folder = (fs::temp_directory_path() / "kvagent-bench-XXXXXX").string();
     if (mkdtemp(folder.data()) == nullptr) return 2;
     fs::current_path(folder);
     WriteRecords();
-    MedianReporter reporter;
+    kv::bench::MedianReporter reporter("ReadAndDeflate");
     benchmark::RunSpecifiedBenchmarks(&reporter);
     fs::current_path("/");
     fs::remove_all(folder);
 
-    const double ratio = reporter.packing / reporter.floor;
+    const double ratio = reporter.own / reporter.peer;
     std::printf(
         "packing %d records of %zu bytes: %.1f ms, reading and deflating alone %.1f ms, ratio %.3f (limit %.2f)\n",
-        recordCount, recordSize, reporter.packing, reporter.floor, ratio, limit);
+        recordCount, recordSize, reporter.own, reporter.peer, ratio, limit);
     return ratio <= limit ? 0 : 1;
 }
