@@ -40,21 +40,6 @@ std::u16string_view ScriptHostOf(std::u16string_view fileName) {
     return hosted ? scriptHost : std::u16string_view();
 }
 
-/// A plan names scripts below the scripts directory, and can name nothing outside it.
-bool StaysInScriptsDirectory(std::u16string_view fileName) {
-    constexpr std::u16string_view separators = u"\\/";
-    if (fileName.empty() || separators.find(fileName.front()) != separators.npos) return false;
-    if (fileName.size() > 1 && fileName[1] == u':') return false;
-    for (std::size_t start = 0; start < fileName.size();) {
-        const std::size_t end = std::min(fileName.find_first_of(separators, start), fileName.size());
-        // Windows takes dots and blanks at the end of a part away, so ".. " would climb as well.
-        const std::u16string_view part = fileName.substr(start, end - start);
-        if (part.size() > 1 && part.find_first_not_of(u". ") == part.npos) return false;
-        start = end + 1;
-    }
-    return true;
-}
-
 /// What the script has printed by now, and no more: a process that it left behind may print faster than this reads.
 platform::Error BytesToConvert(platform::FileHandle output, std::uint64_t& size) {
     const platform::Error error = platform::Files().GetFileSizeEx(output, size);
@@ -133,7 +118,7 @@ void MakeRecordOfOutput(const std::u16string& path, platform::ScriptOutputEncodi
 
 int ExecuteScript(std::u16string_view fileName, std::u16string_view commandLineParam, const OptionalText& viewOutput) {
     Log3("\t Inside ExecuteScript() \n");
-    if (!StaysInScriptsDirectory(fileName)) {
+    if (!StaysBelowDirectory(fileName)) {
         Log1("ExecuteScript : %s names nothing below the scripts directory and is not run \n", fileName);
         return 0;
     }

@@ -1,11 +1,13 @@
-// One-off requests from the server.
+// One-off requests from the server. The registry is the mailbox: its value RequestAvailable, written from outside the
+// agent, says that a list of requests waits at the server; RequestID names the request being served, so that one that
+// brought the agent down is dropped and not served again.
 #pragma once
 
 #include <cstdint>
 
 namespace kv {
 
-/// Thread body of the request poller. Not built yet: it says so in the log and ends.
+/// Thread body: looks every 30 seconds whether requests wait, fetches their list and serves it. Never returns.
 std::uint32_t RequestCentralServer(void* ignored);
 
 }  // namespace kv

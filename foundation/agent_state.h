@@ -54,9 +54,10 @@ struct AgentState {
     OptionalText gv_proxyExceptionAddr;  // bypass list
 
     // The plan.
-    HashTable* gv_queryConfHash = nullptr;  // merged configuration, owned
-    Vector* gv_sortVec = nullptr;           // all workflow entries in schedule order; refers, does not own
-    std::int32_t gv_loadqueryconf = 0;      // 1 once the files have been read
+    HashTable* gv_queryConfHash = nullptr;   // merged configuration, owned
+    Vector* gv_sortVec = nullptr;            // all workflow entries in schedule order; refers, does not own
+    std::int32_t gv_loadqueryconf = 0;       // 1 once the files have been read
+    bool gv_queryConfReloadPending = false;  // the request list at hand brought a plan; the polling thread's own
 
     // What changes while the agent runs.
     std::atomic<std::int32_t> gv_collectData{1};        // collection runs

@@ -1,5 +1,6 @@
 #include "foundation/file_utils.h"
 
+#include <algorithm>
 #include <array>
 #include <exception>
 
@@ -102,6 +103,24 @@ int GetZipFileCount(std::u16string_view pattern) {
     if (search.error != error::noMoreFiles)
         Log1("\t GetZipFileCount - FindNextFile Error. Error is %u \n", search.error);
     return count;
+}
+
+bool StaysBelowDirectory(std::u16string_view path) {
+    constexpr std::u16string_view separators = u"\\/";
+    if (path.empty() || separators.find(path.front()) != path.npos) return false;
+    if (path.size() > 1 && path[1] == u':') return false;
+    for (std::size_t start = 0; start < path.size();) {
+        const std::size_t end = std::min(path.find_first_of(separators, start), path.size());
+        // Windows takes dots and blanks at the end of a part away, so ".. " would climb as well.
+        const std::u16string_view part = path.substr(start, end - start);
+        if (part.size() > 1 && part.find_first_not_of(u". ") == part.npos) return false;
+        start = end + 1;
+    }
+    return true;
+}
+
+bool IsPlainFileName(std::u16string_view name) {
+    return name.find_first_of(u"\\/:") == name.npos && name.find_first_not_of(u". ") != name.npos;
 }
 
 FileUse IsFileisOpen(std::u16string_view path) {

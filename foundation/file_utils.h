@@ -25,6 +25,14 @@ int fileExists(std::u16string_view fileName);
 /// Number of entries that match the pattern with ".zip" behind it (such as "zipdata\*"); 0 when the search fails.
 int GetZipFileCount(std::u16string_view pattern);
 
+/// Whether a relative path, with separators of either kind, names something below the directory that it is joined to:
+/// none that begins with a separator or a drive, none with a part that climbs.
+bool StaysBelowDirectory(std::u16string_view path);
+
+/// Whether a text can be the name of one file or directory, in whichever directory: not empty, no separators, no colon,
+/// and more than dots and blanks.
+bool IsPlainFileName(std::u16string_view name);
+
 /// Whether a file is still being written.
 enum class FileUse {
     free = -1,

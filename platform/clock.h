@@ -30,6 +30,9 @@ struct ClockOperations {
     /// Local time of a moment given in milliseconds since 1970.
     std::function<LocalTime(std::int64_t millisecondsSince1970)> ToLocalTime;
 
+    /// Milliseconds since 1970 of a local time; of a time that the clocks pass twice, either.
+    std::function<std::int64_t(const LocalTime& time)> FromLocalTime;
+
     /// Gives up the processor for the time; 0 only yields.
     std::function<void(std::uint32_t milliseconds)> Sleep;
 };

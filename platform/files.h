@@ -43,8 +43,18 @@ enum class FileDisposition {
 using FileHandle = std::uintptr_t;
 
 /// Times are in the unit of Windows file times: 100 nanoseconds since 1601, UTC.
+/// FILE_ATTRIBUTE bits.
+namespace file_attribute {
+inline constexpr std::uint32_t readOnly = 0x1;
+inline constexpr std::uint32_t hidden = 0x2;
+inline constexpr std::uint32_t system = 0x4;
+inline constexpr std::uint32_t directory = 0x10;
+inline constexpr std::uint32_t archive = 0x20;
+inline constexpr std::uint32_t reparsePoint = 0x400;  // a link
+}  // namespace file_attribute
+
 struct FileInformation {
-    std::uint32_t attributes = 0;  // FILE_ATTRIBUTE bits: 1 read-only, 2 hidden, 4 system, 0x10 directory, 0x20 archive
+    std::uint32_t attributes = 0;
     std::uint64_t creationTime = 0;
     std::uint64_t lastAccessTime = 0;
     std::uint64_t lastWriteTime = 0;
@@ -78,6 +88,13 @@ struct FileOperations {
 
     std::function<Error(FileHandle file, std::uint64_t& size)> GetFileSizeEx;
     std::function<Error(FileHandle file, FileInformation& information)> GetFileInformationByHandle;
+
+    /// Sets attributes and times; the size is not looked at. Of the attributes Linux keeps read-only alone, and no
+    /// creation time.
+    std::function<Error(FileHandle file, const FileInformation& information)> SetFileInformationByHandle;
+
+    /// Attributes of what stands at the path: of a link itself, not of what it leads to. fileNotFound, pathNotFound.
+    std::function<Error(std::u16string_view path, std::uint32_t& attributes)> GetFileAttributesW;
 
     /// Brings what was written to the disk itself.
     std::function<Error(FileHandle file)> FlushFileBuffers;

@@ -18,4 +18,7 @@ void LoadConfFiles();
 /// workflow that is no object, has no interval of 1 minute or more, or no array recordSetName.
 void LoadQueryConfig(std::u16string_view agent, std::optional<std::u16string_view> fileName);
 
+/// Whether LoadQueryConfig would take a plan for this agent from this file. Why not is logged, at level 1.
+bool IsUsableQueryConfig(std::u16string_view agent, std::u16string_view fileName);
+
 }  // namespace kv

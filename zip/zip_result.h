@@ -37,6 +37,9 @@ namespace zip_result {
 #define KV_DECLARE_ZIP_RESULT(name, number, text) inline constexpr ZipResult name = number;
 KV_ZIP_RESULTS(KV_DECLARE_ZIP_RESULT)
 #undef KV_DECLARE_ZIP_RESULT
+
+/// From the reader alone; it has no text of its own.
+inline constexpr ZipResult wrongPassword = 0x1000;
 }  // namespace zip_result
 
 }  // namespace kv

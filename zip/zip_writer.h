@@ -9,20 +9,10 @@
 #include <cstddef>
 #include <string_view>
 
+#include "zip/zip_handle.h"
 #include "zip/zip_result.h"
 
 namespace kv {
-
-/// What a zip handle is for.
-enum class ZipKind { reader = 1, writer = 2 };
-
-struct ZipHandleRecord {
-    ZipKind kind;
-    void* object;
-};
-
-/// An archive being written; freed by CloseZip. Null is none.
-using ZipHandle = ZipHandleRecord*;
 
 /// Starts an archive in a file, always replacing it. Null when that fails; LastZipWriterResult tells why. Only archives
 /// without a password are written: any other password than null gives badArguments.

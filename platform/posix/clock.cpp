@@ -34,6 +34,18 @@ LocalTime ToLocalTime(std::int64_t millisecondsSince1970) {
             static_cast<int>((moment - wholeSeconds).count())};
 }
 
+std::int64_t FromLocalTime(const LocalTime& time) {
+    std::tm parts{};
+    parts.tm_year = time.year - 1900;
+    parts.tm_mon = time.month - 1;
+    parts.tm_mday = time.day;
+    parts.tm_hour = time.hour;
+    parts.tm_min = time.minute;
+    parts.tm_sec = time.second;
+    parts.tm_isdst = -1;
+    return std::int64_t{mktime(&parts)} * 1000 + time.millisecond;
+}
+
 void Sleep(std::uint32_t milliseconds) {
     if (milliseconds == 0) {
         sched_yield();
@@ -51,6 +63,7 @@ ClockOperations PosixClock() {
         .GetSystemTimeMilliseconds = GetSystemTimeMilliseconds,
         .GetTickCount64 = GetTickCount64,
         .ToLocalTime = ToLocalTime,
+        .FromLocalTime = FromLocalTime,
         .Sleep = Sleep,
     };
 }

@@ -141,18 +141,33 @@ Error GetFileSizeEx(FileHandle file, std::uint64_t& size) {
     return error::success;
 }
 
+constexpr std::int64_t secondsFrom1601To1970 = 11644473600;
+
 /// The unit of Windows file times: 100 nanoseconds since 1601.
 std::uint64_t FileTimeOf(const statx_timestamp& time) {
-    constexpr std::int64_t secondsFrom1601To1970 = 11644473600;
     return static_cast<std::uint64_t>(time.tv_sec + secondsFrom1601To1970) * 10'000'000 + time.tv_nsec / 100;
 }
 
+std::timespec TimeOf(std::uint64_t fileTime) {
+    return {static_cast<std::time_t>(fileTime / 10'000'000) - secondsFrom1601To1970,
+            static_cast<long>(fileTime % 10'000'000) * 100};
+}
+
+constexpr mode_t anyWriter = S_IWUSR | S_IWGRP | S_IWOTH;
+
 std::uint32_t AttributesOf(mode_t mode) {
-    constexpr std::uint32_t readOnly = 1;
-    constexpr std::uint32_t directory = 0x10;
-    constexpr std::uint32_t archive = 0x20;
-    const bool writable = (mode & (S_IWUSR | S_IWGRP | S_IWOTH)) != 0;
-    return (S_ISDIR(mode) ? directory : archive) | (writable ? 0 : readOnly);
+    if (S_ISLNK(mode)) return file_attribute::reparsePoint;
+    const bool writable = (mode & anyWriter) != 0;
+    return (S_ISDIR(mode) ? file_attribute::directory : file_attribute::archive) |
+           (writable ? 0 : file_attribute::readOnly);
+}
+
+Error GetFileAttributesW(std::u16string_view path, std::uint32_t& attributes) {
+    const std::string native = NativePathOf(path);
+    struct stat status {};
+    if (lstat(native.c_str(), &status) != 0) return LastPathError(native);
+    attributes = AttributesOf(status.st_mode);
+    return error::success;
 }
 
 Error GetFileInformationByHandle(FileHandle file, FileInformation& information) {
@@ -165,6 +180,19 @@ Error GetFileInformationByHandle(FileHandle file, FileInformation& information) 
     information.lastWriteTime = FileTimeOf(status.stx_mtime);
     information.size = status.stx_size;
     return error::success;
+}
+
+Error SetFileInformationByHandle(FileHandle file, const FileInformation& information) {
+    const int descriptor = DescriptorOf(file);
+    const std::timespec times[] = {TimeOf(information.lastAccessTime), TimeOf(information.lastWriteTime)};
+    if (futimens(descriptor, times) != 0) return LastError();
+    struct stat status {};
+    if (fstat(descriptor, &status) != 0) return LastError();
+    const bool readOnly = (information.attributes & file_attribute::readOnly) != 0;
+    if (readOnly == ((status.st_mode & anyWriter) == 0)) return error::success;
+    const mode_t permissions = status.st_mode & 07777;
+    return fchmod(descriptor, readOnly ? permissions & ~anyWriter : permissions | S_IWUSR) != 0 ? LastError()
+                                                                                                : error::success;
 }
 
 Error FlushFileBuffers(FileHandle file) { return fsync(DescriptorOf(file)) != 0 ? LastError() : error::success; }
@@ -308,6 +336,8 @@ FileOperations PosixFiles() {
         .GetFilePointer = GetFilePointer,
         .GetFileSizeEx = GetFileSizeEx,
         .GetFileInformationByHandle = GetFileInformationByHandle,
+        .SetFileInformationByHandle = SetFileInformationByHandle,
+        .GetFileAttributesW = GetFileAttributesW,
         .FlushFileBuffers = FlushFileBuffers,
         .CloseHandle = CloseHandle,
         .CopyFileW = CopyFileW,

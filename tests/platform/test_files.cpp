@@ -125,13 +125,25 @@ TEST_F(FilesTest, AnOpenFileIsReadWrittenAndDescribed) {
     EXPECT_EQ(Files().GetFilePointer(file, offset), error::success);
     EXPECT_EQ(offset, 12U);
 
-    const timespec times[] = {{1000000000, 0}, {1709629507, 250}};
-    ASSERT_EQ(utimensat(AT_FDCWD, "f", times, 0), 0);
-    fs::permissions("f", fs::perms::owner_read);
+    const FileInformation given{.attributes = file_attribute::readOnly,
+                                .lastAccessTime = 126444736000000000,
+                                .lastWriteTime = 133541031070000002};
+    EXPECT_EQ(Files().SetFileInformationByHandle(file, given), error::success);
+    struct stat status {};
+    ASSERT_EQ(stat("f", &status), 0);
+    EXPECT_EQ(status.st_mtim.tv_sec, 1709629507);
+    EXPECT_EQ(status.st_mode & 07777, 0444U);
     FileInformation information;
     EXPECT_EQ(Files().GetFileInformationByHandle(file, information), error::success);
     EXPECT_EQ(information.size, 12U);
-    EXPECT_EQ(information.attributes, 0x21U);
+    EXPECT_EQ(information.attributes, file_attribute::readOnly | file_attribute::archive);
+    fs::create_symlink("f", "link");
+    std::uint32_t attributes = 0;
+    EXPECT_EQ(Files().GetFileAttributesW(u"link", attributes), error::success);
+    EXPECT_EQ(attributes, file_attribute::reparsePoint);
+    EXPECT_EQ(Files().GetFileAttributesW(u".", attributes), error::success);
+    EXPECT_EQ(attributes, file_attribute::directory);
+    EXPECT_EQ(Files().GetFileAttributesW(u"none", attributes), error::fileNotFound);
     EXPECT_EQ(information.lastAccessTime, 126444736000000000U);
     EXPECT_EQ(information.lastWriteTime, 133541031070000002U);
     EXPECT_GT(information.creationTime, information.lastWriteTime);

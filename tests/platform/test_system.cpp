@@ -60,6 +60,7 @@ TEST_F(SystemTest, LocalTimeFollowsTheZone) {
     const LocalTime time = Clock().ToLocalTime(1772701507042);
     EXPECT_EQ(time.day * 1000000 + time.hour * 10000 + time.minute * 100 + time.second, 5143507);
     EXPECT_EQ(time.millisecond, 42);
+    EXPECT_EQ(Clock().FromLocalTime(time), 1772701507042);
     const LocalTime before1970 = Clock().ToLocalTime(-1);
     EXPECT_EQ(before1970.second * 1000 + before1970.millisecond, 59999);
     unsetenv("TZ");

@@ -1,0 +1,28 @@
+// A new plan from the server: fetched and unpacked into "..\conf\download\", put in the place of the plan in use, which
+// becomes the backup, and scheduled. Everything here runs on the thread that serves requests, while the timer thread
+// goes on collecting by the old plan until the schedule is built anew.
+#pragma once
+
+#include <string_view>
+
+#include "foundation/text.h"
+
+namespace kv {
+
+/// Makes the backup and download directories, then downloads the archive at the URL from the server and unpacks it into
+/// the download directory. None downloads nothing. A failed download is logged and leaves things as they are.
+void RequestingConfigDetailstoCS(const OptionalText& confFileDldURL);
+
+/// Installs the downloaded plan, if there is one, as that of an agent (gv_agentKey in any case: this agent's own, else
+/// a slave's) and merges it into gv_queryConfHash. At every moment the agent's file is the old plan or the new one,
+/// whole.
+///
+/// A new file that LoadQueryConfig would not take is logged and set aside as "queryconf.txt.refused"; the plan in use
+/// stays as it is. So does it, with a log line, when the key can name no directory or the new file cannot be put in
+/// place.
+void ReloadQueryConfDetails(std::u16string_view agentKey);
+
+/// Builds gv_sortVec and all timers anew, after the collection in progress has ended: every workflow runs at once.
+void ReloadAndScheduleQueryData();
+
+}  // namespace kv

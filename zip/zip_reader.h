@@ -1,0 +1,87 @@
+// Reads a zip archive from disk, from an open file or from memory. Format: PKWARE's APPNOTE, stored or deflated items,
+// with extended time stamps ("UT" extra field) and the traditional encryption; no 64-bit records and no parts on
+// several disks. The records are drawn in zip_records.cpp.
+//
+// Archives come from elsewhere, so nothing in them is believed: an item gives as many bytes as its header says, with
+// the CRC that it says, or it fails; what names and links could reach outside the base directory is not written.
+//
+// A handle belongs to one thread. No routine raises: each gives a code of zip_result.h.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "platform/files.h"
+#include "zip/zip_handle.h"
+#include "zip/zip_result.h"
+
+namespace kv {
+
+/// An item of an archive.
+struct ZipItem {
+    std::int32_t index = -1;  // position in the archive; the number of items in the answer for index -1
+    std::u16string name;      // cleansed, fewer than maxItemNameLength characters
+    std::uint32_t attr = 0;   // FILE_ATTRIBUTE bits: 1 read-only, 2 hidden, 4 system, 0x10 directory, 0x20 archive
+    std::uint64_t atime = 0;  // last access, in file times: 100 nanoseconds since 1601, UTC
+    std::uint64_t ctime = 0;  // creation
+    std::uint64_t mtime = 0;  // last write
+    std::uint32_t compressedSize = 0;    // bytes in the archive
+    std::uint32_t uncompressedSize = 0;  // bytes when unpacked
+};
+
+/// An item with a name of this many characters or more cannot be named in its entry, and is refused as corrupt.
+inline constexpr std::size_t maxItemNameLength = 260;
+
+/// Opens an archive. Null when that fails; LastZipReaderResult tells why. password may be null. An open file stays the
+/// caller's, and so does the block, which must outlive the handle.
+ZipHandle OpenZip(std::u16string_view path, const char* password);
+ZipHandle OpenZipHandle(platform::FileHandle file, const char* password);
+ZipHandle OpenZipMemory(const void* block, std::size_t size, const char* password);
+
+/// Sets the directory below which relative paths are unpacked; it gets a backslash behind it where it has none. Until
+/// then it is the working directory.
+ZipResult SetUnzipBaseDir(ZipHandle zip, std::u16string_view directory);
+
+/// Describes an item. Index -1 gives the number of items and empty other fields.
+ZipResult GetZipItem(ZipHandle zip, std::int32_t index, ZipItem& item);
+
+/// Looks a cleansed name up. notFound leaves index -1 and an empty item, also with index -1.
+ZipResult FindZipItem(ZipHandle zip, std::u16string_view name, bool ignoreCase, std::int32_t& index, ZipItem& item);
+
+/// Unpacks an item to a path, making the directories on the way: below the base directory, or where an absolute path
+/// says. What stands there is replaced, a link itself and not what it leads to. The file gets the item's attributes and
+/// times. A relative path that would leave the base directory, or that leads through a link below it, is refused with
+/// badArguments and a log line. After any failure nothing of the item is left. An index past the last item does
+/// nothing.
+///
+/// wrongPassword: an encrypted item and no password, or another one. flateFailed: the data is damaged, is longer or
+/// shorter than its header says, or its method is not known.
+ZipResult UnzipItem(ZipHandle zip, std::int32_t index, std::u16string_view path);
+
+/// Unpacks to an open file, from where it stands.
+ZipResult UnzipItemToHandle(ZipHandle zip, std::int32_t index, platform::FileHandle file);
+
+/// Unpacks to memory; moreData when the block is full and the item goes on: the next call with the same index continues
+/// it.
+ZipResult UnzipItemToMemory(ZipHandle zip, std::int32_t index, void* block, std::size_t size);
+
+/// Closes an item left open and the archive, and frees the handle.
+ZipResult CloseUnzip(ZipHandle zip);
+
+/// The result of the last call on the reader's side, in this process.
+ZipResult LastZipReaderResult();
+
+/// As the writer's form (zip_writer.h), in wide text; the code 1 stands for the last result of the reader's side.
+std::size_t FormatZipMessage(ZipResult code, char16_t* buffer, std::size_t size);
+
+/// An archive that would unpack to more than this is given up by UnzipFiles: no query configuration is near it, and the
+/// disk is not an archive's to fill.
+inline constexpr std::uint64_t maxUnpackedBytes = std::uint64_t{512} << 20;
+
+/// Unpacks a whole archive into a directory. An item that fails is logged at level 1 with its name and the reason, and
+/// the others go on; so is an archive that cannot be opened, which gives no files.
+void UnzipFiles(std::u16string_view zipPath, std::u16string_view directory);
+
+}  // namespace kv
