@@ -12,6 +12,7 @@
 #include "foundation/host_utils.h"
 #include "foundation/log.h"
 #include "foundation/registry_store.h"
+#include "foundation/text.h"
 #include "platform/clock.h"
 #include "platform/errors.h"
 
@@ -25,22 +26,6 @@ constexpr std::uint32_t retryMilliseconds = 60000;
 bool HasKey() {
     const std::u16string_view key = agentState.gv_agentKey.view();
     return !key.empty() && CompareIgnoreCase(key, u"HUBCENTER") != 0 && CompareIgnoreCase(key, u"NULL") != 0;
-}
-
-/// A value inside a query: the characters that would end or change it are escaped. The transport sees to blanks and to
-/// what is beyond ASCII.
-std::u16string QueryValue(std::u16string_view text) {
-    constexpr std::u16string_view escaped = u"%&+#\\";
-    constexpr std::u16string_view digits = u"0123456789ABCDEF";
-    std::u16string value;
-    for (const char16_t unit : text) {
-        if (FindChar(escaped, unit) == escaped.npos) {
-            value += unit;
-        } else {
-            value += {u'%', digits[unit >> 4], digits[unit & 15]};
-        }
-    }
-    return value;
 }
 
 std::u16string RegistrationUrl() {

@@ -1,7 +1,190 @@
 #include "exchange/request_dispatch.h"
 
+#include <utility>
+
+#include "exchange/http_transaction.h"
+#include "foundation/agent_state.h"
+#include "foundation/file_utils.h"
+#include "foundation/guarded.h"
+#include "foundation/hash_table.h"
+#include "foundation/log.h"
+#include "foundation/registry_store.h"
+#include "foundation/text.h"
+#include "jsontext/hash_json.h"
+#include "platform/files.h"
+#include "queryconf/config_reload.h"
+
 namespace kv {
 
-bool ParseRequestList(std::u16string_view /*fileName*/) { return true; }
+namespace {
+
+using platform::Error;
+using platform::Files;
+
+/// What the requests of one list leave for its end.
+struct ListResult {
+    std::u16string lastRequestId;  // of the last request that had an id
+    std::u16string confKeys;       // agents for which a plan was to be downloaded, separated by commas
+};
+
+using RequestHandler = void (*)(const HashTable* request, ListResult& result);
+
+/// The text that a request cannot do without; null with a log line when it is absent or no text.
+const char16_t* NeededText(const HashTable* request, std::u16string_view key) {
+    const char16_t* text = GetHashText(request, key);
+    if (text) return text;
+    Log1("\t ParseRequestList :: A %s request without the text %s is skipped. Request id : %s\n",
+         GetHashText(request, u"REQUEST_TYPE"), key, GetHashText(request, u"AGENT_REQUEST_ID"));
+    return nullptr;
+}
+
+void DownloadQueryConf(const HashTable* request, ListResult& result) {
+    Log3("\t Inside DownloadQueryConf() \n");
+    const char16_t* agentKey = NeededText(request, u"AGENT_KEY");
+    if (!agentKey) return;
+    OptionalText url;
+    if (ContainsHashKey(request, u"DOWNLOAD_URL")) {
+        const char16_t* text = NeededText(request, u"DOWNLOAD_URL");
+        if (!text) return;
+        url = text;
+    }
+    RequestingConfigDetailstoCS(url);
+    ReloadQueryConfDetails(agentKey);
+    agentState.gv_queryConfReloadPending = true;
+    if (!result.confKeys.empty()) result.confKeys += u',';
+    result.confKeys += QueryValue(agentKey);
+}
+
+/// Deletes a slave's plan. Its directory goes too unless it holds anything else.
+void DeleteSlave(const std::u16string& directory, const std::u16string& plan) {
+    if (const Error failure = Files().DeleteFileW(plan))
+        Log1("\t ParseRequestList :: %s cannot be deleted. Error is [%d]\n", plan, failure);
+    if (const Error failure = Files().RemoveDirectoryW(directory))
+        Log1("\t ParseRequestList :: %s cannot be removed. Error is [%d]\n", directory, failure);
+    ReloadAndScheduleQueryData();
+}
+
+void DeleteDevice(const HashTable* request, ListResult&) {
+    Log3("\t Inside DeleteDevice() \n");
+    const char16_t* device = NeededText(request, u"DEVICE_NAME");
+    if (!device) return;
+    Log2("\t ParseRequestList :: Device to delete : %s, agentKey : %s\n", device, agentState.gv_agentKey);
+    if (CompareIgnoreCase(device, agentState.gv_agentKey.view()) == 0) {
+        Log2("Dropping the DELETE_DEVICE request as agentKey points to MasterAgent");
+        return;
+    }
+    if (!IsPlainFileName(device)) {
+        Log1("\t ParseRequestList :: %s names no slave. The DELETE_DEVICE request is skipped\n", device);
+        return;
+    }
+    const std::u16string directory = ConcatStrings(u"..\\conf\\slaves\\", device);
+    const std::u16string plan = directory + u"\\queryconf.txt";
+    if (fileExists(plan)) DeleteSlave(directory, plan);
+}
+
+void ReportNotBuilt(const HashTable* request, ListResult&) {
+    Log1("\t ParseRequestList :: Requests of type %s are not built yet. Request id : %s\n",
+         GetHashText(request, u"REQUEST_TYPE"), GetHashText(request, u"AGENT_REQUEST_ID"));
+}
+
+constexpr std::pair<std::u16string_view, RequestHandler> handlers[] = {
+    {u"TEST_MONITOR", ReportNotBuilt},          {u"START_SERVICE", ReportNotBuilt},
+    {u"STOP_SERVICE", ReportNotBuilt},          {u"SNMP_TEST_MONITOR", ReportNotBuilt},
+    {u"GET_INSTANCE_DATA", ReportNotBuilt},     {u"DOWNLOAD_QUERYCONF", DownloadQueryConf},
+    {u"DISCOVER_SNMP_DEVICES", ReportNotBuilt}, {u"DELETE_DEVICE", DeleteDevice},
+};
+
+void Dispatch(const HashTable* request, ListResult& result) {
+    const char16_t* type = GetHashText(request, u"REQUEST_TYPE");
+    for (const auto& [name, handler] : handlers) {
+        if (type && name == type) return handler(request, result);
+    }
+    Log2("\t ParseRequestList :: Requests of type %s are unknown. Request id : %s\n", type,
+         GetHashText(request, u"AGENT_REQUEST_ID"));
+}
+
+/// Names in the registry the request that is being served: should it bring the agent down, the next start drops it.
+void MarkRequest(std::u16string_view id) {
+    if (const Error failure = SetRequestID(id))
+        Log1("\t ParseRequestList :: RequestID cannot be set to %s. Error is [%d]\n", id, failure);
+}
+
+void TakeRequestId(const HashTable* request, ListResult& result) {
+    const char16_t* id = GetHashText(request, u"AGENT_REQUEST_ID");
+    if (id) {
+        Log2("\t ParseRequestList :: Going to set request id : %s\n", id);
+        MarkRequest(id);
+        result.lastRequestId = id;
+    } else if (ContainsHashKey(request, u"AGENT_REQUEST_ID")) {
+        Log1("\t ParseRequestList :: AGENT_REQUEST_ID is no text. The request counts as one without id\n");
+    }
+}
+
+void ServeRequest(const VectorElement* element, ListResult& result) {
+    if (element->type != ValueType::table) {
+        Log1("\t ParseRequestList :: An element of RequestList is no object. It is skipped\n");
+        return;
+    }
+    const auto* request = reinterpret_cast<const HashTable*>(element->value);
+    RunGuarded("ParseRequestList", [&] {
+        TakeRequestId(request, result);
+        Dispatch(request, result);
+    });
+    MarkRequest(u"NONE");
+}
+
+/// Brings the plans that came with the list into the schedule, all at once, and tells the server.
+void FinishDownloads(const ListResult& result) {
+    Log3("\t Inside FinishDownloads() \n");
+    ReloadAndScheduleQueryData();
+    Log1("\t ParseRequestList :: got queryconf : %s\n", result.confKeys);
+    std::u16string url = RequestServletUrl();
+    url.append(u"&action=DOWNLOAD_QUERYCONF&status=success&requestId=").append(QueryValue(result.lastRequestId));
+    url.append(u"&moId=").append(result.confKeys);
+    Log1("\t Download query conf status :: URL : %s\n", url);
+    InternetGetRequest(agentState.gv_ServerName, agentState.gv_ServerPort, url, nullptr, false);
+}
+
+/// Loads the list; false when the file holds none. A missing file is an empty list.
+bool LoadRequestList(HashTable* list, std::u16string_view fileName) {
+    if (!fileExists(fileName)) {
+        Log1("\t ParseRequestList :: testconf.txt file is not available\n");
+        return true;
+    }
+    const JsonReadResult read = JSONFileToHash(list, fileName);
+    if (!read.message.empty()) Log1("\t ParseRequestList :: %s\n", read.message);
+    if (!read.ok) return false;
+    if (!ContainsHashKey(list, u"RequestList")) {
+        Log1("\t ParseRequestList :: %s has no RequestList\n", fileName);
+        return true;
+    }
+    const bool isArray = GetHashVector(list, u"RequestList") != nullptr;
+    if (!isArray) Log1("\t ParseRequestList :: The RequestList of %s is no array\n", fileName);
+    return isArray;
+}
+
+}  // namespace
+
+std::u16string RequestServletUrl() {
+    return u"/servlets/DataAgentHandlerServlet?agentKey=" + QueryValue(agentState.gv_agentKey.view());
+}
+
+bool ParseRequestList(std::u16string_view fileName) {
+    const HashTablePtr list = MakeHashTable();
+    if (!list) {
+        Log1("\t Initialise hash table is Failed\n");
+        return false;
+    }
+    Log1("\t Inside ParseRequestList -- fileName : %s", fileName);
+    if (!LoadRequestList(list.get(), fileName)) return false;
+    const Vector* requests = GetHashVector(list.get(), u"RequestList");
+    Log1("\t ParseRequestList :: query conf - sortVec size: [%d]\n", requests ? requests->count : 0);
+    ListResult result;
+    for (const VectorElement* element = requests ? requests->head : nullptr; element; element = element->next)
+        ServeRequest(element, result);
+    if (agentState.gv_queryConfReloadPending) RunGuarded("ParseRequestList", [&] { FinishDownloads(result); });
+    agentState.gv_queryConfReloadPending = false;
+    return true;
+}
 
 }  // namespace kv

@@ -1,12 +1,164 @@
 #include "exchange/request_polling.h"
 
+#include <string>
+#include <string_view>
+
+#include "exchange/http_transaction.h"
+#include "exchange/request_dispatch.h"
+#include "foundation/agent_state.h"
+#include "foundation/file_utils.h"
+#include "foundation/guarded.h"
 #include "foundation/log.h"
+#include "foundation/registry_store.h"
+#include "foundation/text.h"
+#include "foundation/time_utils.h"
+#include "platform/clock.h"
+#include "platform/files.h"
 
 namespace kv {
 
-std::uint32_t RequestCentralServer(void*) {
-    Log1("\t RequestCentralServer :: Request polling is not built yet\n");
-    return 0;
+namespace {
+
+using platform::Error;
+using platform::Files;
+namespace error = platform::error;
+
+constexpr std::uint32_t pollMilliseconds = 30000;
+
+/// The download directory, behind the bin path where that cannot be made the working directory.
+std::u16string DownloadDirectory() {
+    constexpr std::u16string_view relative = u"..\\conf\\download\\";
+    const std::u16string binPath = agentState.gv_ocAgentBinPath.value_or(u"");
+    switch (Files().wchdir(binPath)) {
+        case 0:
+            return std::u16string(relative);
+        case 2:
+            Log3("\t RequestCentralServer :: Change directory failed \n");
+            break;
+        case 22:
+            Log1("\t RequestCentralServer :: Invalid buffer \n");
+            break;
+        default:
+            Log1("\t RequestCentralServer :: Unknown error \n");
+    }
+    return ConcatStrings(binPath, relative);
+}
+
+void MakeDownloadDirectory(std::u16string_view directory) {
+    switch (const int failure = Files().wmkdir(directory)) {
+        case 0:
+            break;
+        case 2:
+            Log1("\t RequestCentralServer :: download directory not created. Path not found \n");
+            break;
+        case 17:
+            Log1("\t RequestCentralServer :: download directory not created. dirname already exists \n");
+            break;
+        default:
+            Log1("\t RequestCentralServer :: download directory not created. Error unknown [%d] \n", failure);
+    }
+}
+
+void WriteRequestAvailable(std::u16string_view text) {
+    if (const Error failure = SetRequestAvailable(text))
+        Log1("\t RequestCentralServer :: RequestAvailable cannot be set to %s. Error is [%d]\n", text, failure);
+}
+
+/// A request that is still marked brought the agent down, or was cut short by its stop: the server is told to drop it,
+/// and the rest of its list is asked for again.
+void DropInterruptedRequest() {
+    OptionalText id;
+    if (GetRequestID(id) != error::success || !id || id == u"NONE") return;
+    Log2("\t ParseRequestList :: Agent may be crashed while processing the request id %s, so ignoring the request...\n",
+         id);
+    std::u16string url = RequestServletUrl() + u"&action=DELETE_REQUEST&requestId=" + QueryValue(*id);
+    InternetGetRequest(agentState.gv_ServerName, agentState.gv_ServerPort, url, nullptr, false);
+    if (const Error failure = SetRequestID(u"NONE"))
+        Log1("\t RequestCentralServer :: RequestID cannot be set to NONE. Error is [%d]\n", failure);
+    WriteRequestAvailable(u"YES");
+}
+
+bool RequestsWait() {
+    OptionalText available;
+    if (GetRequestAvailable(available) != error::success) {
+        Log1("\t RequestCentralServer() :: Not able to fetch the RequestAvailable Flag. Assigning default value\n");
+        WriteRequestAvailable(u"NO");
+        return true;
+    }
+    if (available == u"NO") return false;
+    Log1("\t RequestCentralServer : RequestAvailable flag is true..so going to process request list...");
+    return true;
+}
+
+Error FetchRequestList(OptionalText& list) {
+    Log2("\t RequestCentralServer :: Going to sleep for [%d] seconds\n",
+         std::int64_t{agentState.gv_configInterval} * 100);
+    std::u16string url = RequestServletUrl();
+    const Error result = AgentSendRequest(agentState.gv_ServerName, agentState.gv_ServerPort, url, {}, &list,
+                                          RequestKind::REQUEST_GET, 0, false);
+    Log1("\t RequestCentralServer :: retVal of InternetDownloadFile is [%d] \n", result);
+    return result;
+}
+
+bool StoreRequestList(std::u16string_view list, const std::u16string& listPath) {
+    const Error failure = WriteCompleteFile(listPath, listPath + u".tmp", Utf16LittleEndianBytes(list));
+    if (failure == error::success) return true;
+    Log3("\tRequestCentralServer: file pointer is NULL\n");
+    Log1("\t RequestCentralServer :: %s cannot be written. Error is [%d]\n", listPath, failure);
+    return false;
+}
+
+/// False when the list could not be stored or read; none of its requests has been served then.
+bool StoreAndServe(std::u16string_view list, const std::u16string& listPath) {
+    Log3("\t Inside StoreAndServe() \n");
+    if (!StoreRequestList(list, listPath)) return false;
+    const std::int64_t start = GetNowSeconds();
+    const bool served = ParseRequestList(listPath);
+    Log2("\t RequestCentralServer :: Total Time taken for executing Request List - %d", GetNowSeconds() - start);
+    if (const Error failure = Files().DeleteFileW(listPath))
+        Log1("\t RequestCentralServer :: %s cannot be deleted. Error is [%d]\n", listPath, failure);
+    return served;
+}
+
+/// The flag is down before the list is served, so that a crash while serving cannot come back with every start. It goes
+/// up again for a list that was not served at all.
+void TakeRequestList(const OptionalText& answer, const std::u16string& listPath) {
+    WriteRequestAvailable(u"NO");
+    std::u16string_view list = answer ? std::u16string_view(*answer) : std::u16string_view();
+    list = list.substr(0, list.find(u'\0'));
+    if (list.empty()) {
+        Log2("\t RequestCentralServer :: File doesn\'t exist");
+        return;
+    }
+    bool served = false;
+    RunGuarded("RequestCentralServer", [&] { served = StoreAndServe(list, listPath); });
+    if (served) return;
+    Log1("\t RequestCentralServer :: The request list was not served. It is fetched again in the next round\n");
+    WriteRequestAvailable(u"YES");
+}
+
+void RunRound(const std::u16string& listPath) {
+    DropInterruptedRequest();
+    if (!RequestsWait()) return;
+    OptionalText list;
+    if (FetchRequestList(list) == error::success) TakeRequestList(list, listPath);
+    Log1(
+        "\t RequestCentralServer() :: Request list are processed sucessfully.. Going to set RequestAvailable flag as "
+        "NO.\n");
+}
+
+}  // namespace
+
+std::uint32_t RequestCentralServer(void* /*ignored*/) {
+    Log3("\t Inside RequestCentralServer() \n");
+    const std::u16string directory = DownloadDirectory();
+    MakeDownloadDirectory(directory);
+    const std::u16string listPath = directory + u"RequestList.txt";
+    for (;;) {
+        Log1("\t Inside RequestCentralServer :: Sleep for 30 seconds \n");
+        platform::Clock().Sleep(pollMilliseconds);
+        RunGuarded("RequestCentralServer", [&listPath] { RunRound(listPath); });
+    }
 }
 
 }  // namespace kv

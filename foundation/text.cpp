@@ -108,4 +108,18 @@ std::u16string DecimalText(std::int64_t number) {
     return std::u16string(digits.begin(), digits.end());
 }
 
+std::u16string QueryValue(std::u16string_view text) {
+    constexpr std::u16string_view escaped = u"%&+#\\";
+    constexpr std::u16string_view digits = u"0123456789ABCDEF";
+    std::u16string value;
+    for (const char16_t unit : text) {
+        if (FindChar(escaped, unit) == escaped.npos) {
+            value += unit;
+        } else {
+            value += {u'%', digits[unit >> 4], digits[unit & 15]};
+        }
+    }
+    return value;
+}
+
 }  // namespace kv

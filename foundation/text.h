@@ -50,4 +50,8 @@ std::size_t FindChar(std::u16string_view text, char16_t character);
 /// Decimal text of a number.
 std::u16string DecimalText(std::int64_t number);
 
+/// A text as a value in the query of a URL: the characters that would end or change it are escaped. The transport sees
+/// to blanks and to what is beyond ASCII.
+std::u16string QueryValue(std::u16string_view text);
+
 }  // namespace kv
