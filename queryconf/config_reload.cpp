@@ -1,9 +1,196 @@
 #include "queryconf/config_reload.h"
 
+#include <string>
+#include <utility>
+
+#include "exchange/http_transaction.h"
+#include "foundation/agent_state.h"
+#include "foundation/file_utils.h"
+#include "foundation/log.h"
+#include "foundation/open_file.h"
+#include "platform/files.h"
+#include "queryconf/query_config.h"
+#include "queryconf/schedule.h"
+#include "queryconf/timer.h"
+#include "zip/zip_reader.h"
+
 namespace kv {
 
-void RequestingConfigDetailstoCS(const OptionalText& /*confFileDldURL*/) {}
-void ReloadQueryConfDetails(std::u16string_view /*agentKey*/) {}
-void ReloadAndScheduleQueryData() {}
+namespace {
+
+using platform::Error;
+using platform::Files;
+namespace error = platform::error;
+
+constexpr std::u16string_view backupDirectory = u"..\\conf\\backup\\";
+constexpr std::u16string_view downloadDirectory = u"..\\conf\\download\\";
+constexpr std::u16string_view slavesDirectory = u"..\\conf\\slaves\\";
+constexpr std::u16string_view planName = u"queryconf.txt";
+constexpr std::u16string_view newPlan = u"..\\conf\\download\\queryconf.txt";
+constexpr std::u16string_view refusedPlan = u"..\\conf\\download\\queryconf.txt.refused";
+
+/// What stands before the relative paths of the configuration: nothing in the bin directory, else the way there.
+std::u16string EnterBinDirectory() {
+    const std::u16string binPath = agentState.gv_ocAgentBinPath.value_or(u"");
+    switch (Files().wchdir(binPath)) {
+        case 0:
+            return {};
+        case 2:
+            Log1("\t RequestingConfigDetailstoCS :: Change directory failer \n");
+            break;
+        case 22:
+            Log1("\t RequestingConfigDetailstoCS :: Invalid buffer \n");
+            break;
+        default:
+            Log1("\t RequestingConfigDetailstoCS :: Unknown error \n");
+    }
+    return binPath;
+}
+
+void MakeDirectory(const char* caller, std::u16string_view directory) {
+    switch (const int failure = Files().wmkdir(directory)) {
+        case 0:
+            break;
+        case 2:
+            Log1("\t %s :: %s not created. Path not found \n", caller, directory);
+            break;
+        case 17:
+            Log2("\t %s :: %s not created. dirname already exists \n", caller, directory);
+            break;
+        default:
+            Log1("\t %s :: %s not created. Error unknown [%d] \n", caller, directory, failure);
+    }
+}
+
+/// Where the files of one agent's plan stand.
+struct PlanFiles {
+    std::u16string agent;  // empty for this agent itself
+    std::u16string live;
+    std::u16string backup;
+};
+
+bool IsOwnKey(std::u16string_view agentKey) { return CompareIgnoreCase(agentKey, agentState.gv_agentKey.view()) == 0; }
+
+PlanFiles FilesOf(std::u16string_view agentKey) {
+    if (IsOwnKey(agentKey)) return {u"", u"..\\conf\\queryconf.txt", ConcatStrings(backupDirectory, planName)};
+    const std::u16string inDirectory = ConcatStrings(agentKey, u"\\").append(planName);
+    return {std::u16string(agentKey), ConcatStrings(slavesDirectory, inDirectory),
+            ConcatStrings(backupDirectory, inDirectory)};
+}
+
+void MakePlanDirectories(const PlanFiles& files) {
+    constexpr const char* caller = "ReloadQueryConfDetails";
+    MakeDirectory(caller, backupDirectory);
+    if (files.agent.empty()) return;
+    MakeDirectory(caller, slavesDirectory);
+    MakeDirectory(caller, ConcatStrings(slavesDirectory, files.agent));
+    MakeDirectory(caller, ConcatStrings(backupDirectory, files.agent));
+}
+
+bool IsMissing(Error failure) { return failure == error::fileNotFound || failure == error::pathNotFound; }
+
+/// False only when there certainly is no file: one that cannot be read is still someone's plan.
+bool MayExist(std::u16string_view path) {
+    std::uint32_t attributes = 0;
+    return !IsMissing(Files().GetFileAttributesW(path, attributes));
+}
+
+/// Moves a new plan that cannot be used out of the way of the next request, to where someone can look at it.
+void SetAside(const PlanFiles& files) {
+    Log1("\t ReloadQueryConfDetails :: %s is refused; %s stays in use \n", newPlan, files.live);
+    if (const Error failure = Files().MoveFileExW(newPlan, refusedPlan, true))
+        Log1("\t ReloadQueryConfDetails :: %s cannot be renamed to %s. Error is [%u] \n", newPlan, refusedPlan,
+             failure);
+}
+
+/// Copies the plan in use over its backup. The copy has the backup's name only once it is complete.
+void BackUp(const PlanFiles& files) {
+    const std::u16string copy = files.backup + u".new";
+    Error failure = Files().CopyFileW(files.live, copy);
+    if (failure == error::success) failure = Files().MoveFileExW(copy, files.backup, true);
+    if (failure == error::success) return;
+    Log1("\t ReloadQueryConfDetails :: %s cannot be copied to %s. Error is [%u] \n", files.live, files.backup, failure);
+    Files().DeleteFileW(copy);
+}
+
+/// A backup of an agent that had no plan in use is one from before, and would come back when the new plan is lost.
+void DropBackup(const PlanFiles& files) {
+    const Error failure = Files().DeleteFileW(files.backup);
+    if (failure != error::success && !IsMissing(failure))
+        Log1("\t ReloadQueryConfDetails :: %s cannot be deleted. Error is [%u] \n", files.backup, failure);
+}
+
+/// A file is renamed in one step, but its content reaches the disk when the system likes: a power cut in between would
+/// leave an empty plan behind. A file that is read-only is taken as it is.
+Error BringToDisk(std::u16string_view path) {
+    OpenFile file;
+    const Error opened = file.Open(path, platform::FileAccess::append, platform::FileShare::read,
+                                   platform::FileDisposition::openExisting);
+    if (opened != error::success) return opened == error::accessDenied ? error::success : opened;
+    if (const Error failure = Files().FlushFileBuffers(file.handle)) return failure;
+    return file.Close();
+}
+
+/// Puts the new plan in the place of the one in use; false when that one stays.
+bool Install(const PlanFiles& files) {
+    MakePlanDirectories(files);
+    const bool hadPlan = MayExist(files.live);
+    if (hadPlan) BackUp(files);
+    Error failure = BringToDisk(newPlan);
+    if (failure == error::success) failure = Files().MoveFileExW(newPlan, files.live, true);
+    if (failure != error::success) {
+        Log1("\t ReloadQueryConfDetails :: %s cannot be put in the place of %s, which stays. Error is [%u] \n", newPlan,
+             files.live, failure);
+        return false;
+    }
+    if (!hadPlan) DropBackup(files);
+    return true;
+}
+
+}  // namespace
+
+void RequestingConfigDetailstoCS(const OptionalText& confFileDldURL) {
+    Log3("\t Inside RequestingConfigDetailstoCS() \n");
+    constexpr const char* caller = "RequestingConfigDetailstoCS";
+    const std::u16string prefix = EnterBinDirectory();
+    const std::u16string directory = ConcatStrings(prefix, downloadDirectory);
+    MakeDirectory(caller, ConcatStrings(prefix, backupDirectory));
+    MakeDirectory(caller, directory);
+    if (!confFileDldURL) return;
+    const std::u16string archive = directory + u"queryconf.zip";
+    std::u16string url = *confFileDldURL;
+    const Error result = InternetDownloadFile(agentState.gv_ServerName, agentState.gv_ServerPort, url, archive, true);
+    if (result != error::success) {
+        Log1("\t RequestingConfigDetailstoCS :: Download Zip file is not successful. retVal is [%d] \n", result);
+        return;
+    }
+    Log1("\t RequestingConfigDetailstoCS :: Download Zip file is successful \n");
+    UnzipFiles(archive, u"..\\conf\\download");
+    if (const Error failure = Files().DeleteFileW(archive))
+        Log1("\t RequestingConfigDetailstoCS :: %s cannot be deleted. Error is [%u] \n", archive, failure);
+}
+
+void ReloadQueryConfDetails(std::u16string_view agentKey) {
+    Log3("\t Inside ReloadQueryConfDetails() \n");
+    if (!IsOwnKey(agentKey) && !IsPlainFileName(agentKey)) {
+        Log1("\t ReloadQueryConfDetails :: %s can name no directory: nothing is installed for it \n", agentKey);
+        return;
+    }
+    if (!fileExists(newPlan)) return;
+    const PlanFiles files = FilesOf(agentKey);
+    if (!IsUsableQueryConfig(files.agent, newPlan)) {
+        SetAside(files);
+        return;
+    }
+    if (Install(files)) LoadQueryConfig(files.agent, files.live);
+}
+
+void ReloadAndScheduleQueryData() {
+    Log3("\t Inside ReloadAndScheduleQueryData() \n");
+    DeleteTimerEntryByName(u"DEFAULT");
+    FreeAllVector(std::exchange(agentState.gv_sortVec, nullptr));
+    scheduleQueryHashData();
+    Log1("\t ReloadAndScheduleQueryData : Query conf reloaded and scheduled successfully... \n");
+}
 
 }  // namespace kv

@@ -27,6 +27,25 @@ constexpr std::u16string_view ownFile = u"..\\conf\\queryconf.txt";
 constexpr std::u16string_view slavesDirectory = u"..\\conf\\slaves\\";
 constexpr std::u16string_view backupDirectory = u"..\\conf\\backup\\";
 
+std::u16string KeyOf(std::u16string_view agent) {
+    std::u16string key = u"WorkFlows";
+    if (!agent.empty()) key += ConcatStrings(u"_", agent);
+    return key;
+}
+
+/// Reads a file; false when it holds no document. Why not, or what of it was passed over, is logged.
+bool ReadDocument(const char* caller, HashTable* document, std::u16string_view fileName) {
+    const JsonReadResult read = JSONFileToHash(document, fileName);
+    if (!read.message.empty()) Log1("\t %s :: %s \n", caller, read.message);
+    return read.ok;
+}
+
+bool HasWorkflows(const char* caller, const HashTable* table, const std::u16string& key, std::u16string_view fileName) {
+    if (GetHashVector(table, key)) return true;
+    Log1("\t %s :: %s has no array %s \n", caller, fileName, key);
+    return false;
+}
+
 std::u16string UnderBinPath(std::u16string_view path) {
     return ConcatStrings(agentState.gv_ocAgentBinPath.value_or(u""), path);
 }
@@ -124,8 +143,7 @@ struct FreeHashTableDeleter {
 };
 
 void MergePlan(HashTablePtr plan, const std::u16string& key, std::u16string_view fileName) {
-    const bool hasKey = ContainsHashKey(plan.get(), key) == 1;
-    if (!hasKey) Log1("\t LoadQueryConfig :: %s has no array %s \n", fileName, key);
+    const bool hasKey = HasWorkflows("LoadQueryConfig", plan.get(), key, fileName);
     if (!agentState.gv_queryConfHash) {
         agentState.gv_queryConfHash = plan.release();
         return;
@@ -188,17 +206,25 @@ void LoadQueryConfig(std::u16string_view agent, std::optional<std::u16string_vie
         Log1("queryconf.txt file is not available...copy file from backup directory..\n");
         RestoreFromBackup(agent, name);
     }
-    const JsonReadResult read = JSONFileToHash(document.get(), name);
-    if (!read.message.empty()) Log1("\t LoadQueryConfig :: %s \n", read.message);
-    if (!read.ok) return;
-    std::u16string key = u"WorkFlows";
-    if (!agent.empty()) key += ConcatStrings(u"_", agent);
+    if (!ReadDocument("LoadQueryConfig", document.get(), name)) return;
     HashTablePtr plan = TakePlan(document.get(), name);
     if (!plan) {
         Log1("\t LoadQueryConfig :: %s is too large for the memory; the plan in use stays \n", name);
         return;
     }
-    MergePlan(std::move(plan), key, name);
+    MergePlan(std::move(plan), KeyOf(agent), name);
+}
+
+bool IsUsableQueryConfig(std::u16string_view agent, std::u16string_view fileName) {
+    Log3("\t Inside IsUsableQueryConfig() \n");
+    constexpr const char* caller = "IsUsableQueryConfig";
+    const HashTablePtr document = MakeHashTable();
+    if (!document) {
+        Log1("Initialise hash table is Failed\n");
+        return false;
+    }
+    return ReadDocument(caller, document.get(), fileName) &&
+           HasWorkflows(caller, document.get(), KeyOf(agent), fileName);
 }
 
 }  // namespace kv
