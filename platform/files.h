@@ -37,6 +37,7 @@ enum class FileDisposition {
     openExisting,  // fileNotFound when missing
     openAlways,    // create when missing
     createAlways,  // create, or cut to length 0
+    createNew,     // alreadyExists when anything stands there; a link is not followed
 };
 
 /// An open file; closed with CloseHandle. 0 is none.

@@ -40,8 +40,8 @@ ZipHandle OpenZip(std::u16string_view path, const char* password);
 ZipHandle OpenZipHandle(platform::FileHandle file, const char* password);
 ZipHandle OpenZipMemory(const void* block, std::size_t size, const char* password);
 
-/// Sets the directory below which relative paths are unpacked; it gets a backslash behind it where it has none. Until
-/// then it is the working directory.
+/// Sets the directory below which relative paths are unpacked; it gets a backslash behind it where it has none, and is
+/// made by the first item where it does not exist. Until then it is the working directory. An empty one is refused.
 ZipResult SetUnzipBaseDir(ZipHandle zip, std::u16string_view directory);
 
 /// Describes an item. Index -1 gives the number of items and empty other fields.
@@ -50,21 +50,23 @@ ZipResult GetZipItem(ZipHandle zip, std::int32_t index, ZipItem& item);
 /// Looks a cleansed name up. notFound leaves index -1 and an empty item, also with index -1.
 ZipResult FindZipItem(ZipHandle zip, std::u16string_view name, bool ignoreCase, std::int32_t& index, ZipItem& item);
 
-/// Unpacks an item to a path, making the directories on the way: below the base directory, or where an absolute path
-/// says. What stands there is replaced, a link itself and not what it leads to. The file gets the item's attributes and
-/// times. A relative path that would leave the base directory, or that leads through a link below it, is refused with
-/// badArguments and a log line. After any failure nothing of the item is left. An index past the last item does
-/// nothing.
+/// Unpacks an item to a path, closing one left open and making the directories on the way: below the base directory, or
+/// where an absolute path says. A file or link that stands there is replaced, never what a link leads to. The file gets
+/// the item's attributes and times. A relative path that would leave the base directory, or that leads through a link
+/// below it, is refused with badArguments and a log line. After any failure nothing of the item is left. An index past
+/// the last item does nothing.
 ///
 /// wrongPassword: an encrypted item and no password, or another one. flateFailed: the data is damaged, is longer or
-/// shorter than its header says, or its method is not known.
+/// shorter than its header says, or its method or encryption is not known. corrupt: the headers do not hold together.
+/// noFile: the file or a directory on its way cannot be made. writeFailed: the file cannot be written, as a full disk
+/// does it.
 ZipResult UnzipItem(ZipHandle zip, std::int32_t index, std::u16string_view path);
 
 /// Unpacks to an open file, from where it stands.
 ZipResult UnzipItemToHandle(ZipHandle zip, std::int32_t index, platform::FileHandle file);
 
-/// Unpacks to memory; moreData when the block is full and the item goes on: the next call with the same index continues
-/// it.
+/// Unpacks to memory, nothing behind the item's own size; moreData when the block is full and the item goes on: the
+/// next call with the same index continues it. What came before the last call can still turn out damaged.
 ZipResult UnzipItemToMemory(ZipHandle zip, std::int32_t index, void* block, std::size_t size);
 
 /// Closes an item left open and the archive, and frees the handle.
@@ -76,8 +78,8 @@ ZipResult LastZipReaderResult();
 /// As the writer's form (zip_writer.h), in wide text; the code 1 stands for the last result of the reader's side.
 std::size_t FormatZipMessage(ZipResult code, char16_t* buffer, std::size_t size);
 
-/// An archive that would unpack to more than this is given up by UnzipFiles: no query configuration is near it, and the
-/// disk is not an archive's to fill.
+/// UnzipFiles refuses an item that would bring the sizes of an archive's items above this: no query configuration is
+/// near it, and the disk is not an archive's to fill.
 inline constexpr std::uint64_t maxUnpackedBytes = std::uint64_t{512} << 20;
 
 /// Unpacks a whole archive into a directory. An item that fails is logged at level 1 with its name and the reason, and

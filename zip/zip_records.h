@@ -6,6 +6,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <span>
 #include <string>
 
 #include "platform/clock.h"
@@ -30,8 +31,14 @@ inline constexpr std::uint64_t maxArchiveSize = 0xFFFFFFFF;
 
 enum class ZipMethod : std::uint16_t { stored = 0, deflated = 8 };
 
+/// Flag bit 0: the data is encrypted.
+inline constexpr std::uint16_t flagEncrypted = 1;
+
 /// Flag bit 3: CRC and sizes are not in the local header but behind the data.
 inline constexpr std::uint16_t flagDataDescriptor = 8;
+
+/// Flag bits 6 and 13: encrypted in another way than the traditional one.
+inline constexpr std::uint16_t flagsStrongEncryption = 0x2040;
 
 /// Points of time in the unit of Windows file times: 100 nanoseconds since 1601.
 struct ZipTimes {
@@ -60,23 +67,70 @@ struct ZipDirectory {
 };
 
 /// Local header without the name and the extra field behind it.
-std::array<std::uint8_t, localHeaderSize> LocalHeader(const ZipEntry& entry);
-std::array<std::uint8_t, localExtraSize> LocalExtra(const ZipEntry& entry);
+std::array<std::uint8_t, localHeaderSize> BuildLocalHeader(const ZipEntry& entry);
+std::array<std::uint8_t, localExtraSize> BuildLocalExtra(const ZipEntry& entry);
 
 /// Follows the data of an entry whose local header could not be completed.
-std::array<std::uint8_t, dataDescriptorSize> DataDescriptor(const ZipEntry& entry);
+std::array<std::uint8_t, dataDescriptorSize> BuildDataDescriptor(const ZipEntry& entry);
 
 /// Central header without the name and the extra field behind it.
-std::array<std::uint8_t, centralHeaderSize> CentralHeader(const ZipEntry& entry);
-std::array<std::uint8_t, centralExtraSize> CentralExtra(const ZipEntry& entry);
+std::array<std::uint8_t, centralHeaderSize> BuildCentralHeader(const ZipEntry& entry);
+std::array<std::uint8_t, centralExtraSize> BuildCentralExtra(const ZipEntry& entry);
 
-std::array<std::uint8_t, endRecordSize> EndRecord(const ZipDirectory& directory);
+std::array<std::uint8_t, endRecordSize> BuildEndRecord(const ZipDirectory& directory);
+
+/// What a local header tells of an entry, and a central one too; as it stands there.
+struct ZipHeader {
+    std::uint16_t flags = 0;
+    std::uint16_t method = 0;
+    std::uint32_t dosTimestamp = 0;  // date in the high half, time in the low one
+    std::uint32_t crc = 0;
+    std::uint32_t compressedSize = 0;
+    std::uint32_t uncompressedSize = 0;
+    std::uint16_t nameLength = 0;   // bytes behind the header
+    std::uint16_t extraLength = 0;  // bytes behind the name
+};
+
+struct ZipCentralHeader {
+    ZipHeader header;
+    std::uint16_t versionMadeBy = 0;  // host in the high byte
+    std::uint16_t commentLength = 0;  // bytes behind the extra field
+    std::uint16_t disk = 0;
+    std::uint32_t externalAttributes = 0;
+    std::uint32_t localHeaderOffset = 0;
+};
+
+struct ZipEndRecord {
+    std::uint16_t disk = 0;
+    std::uint16_t directoryDisk = 0;
+    std::uint16_t entriesOnDisk = 0;
+    std::uint16_t commentLength = 0;  // bytes behind the record
+    ZipDirectory directory;
+};
+
+/// False where no such record stands.
+bool ParseLocalHeader(std::span<const std::uint8_t, localHeaderSize> bytes, ZipHeader& header);
+bool ParseCentralHeader(std::span<const std::uint8_t, centralHeaderSize> bytes, ZipCentralHeader& central);
+bool ParseEndRecord(std::span<const std::uint8_t, endRecordSize> bytes, ZipEndRecord& end);
+
+/// Whether the locator of a 64-bit end record stands there, which comes straight before the end record.
+inline constexpr std::size_t end64LocatorSize = 20;
+bool IsEnd64Locator(std::span<const std::uint8_t, end64LocatorSize> bytes);
+
+/// Takes the times that the "UT" field of a whole extra field holds; others stay.
+void ParseExtendedTimes(std::span<const std::uint8_t> extra, ZipTimes& times);
 
 /// DOS date in the high half, DOS time in the low one, of the time as it stands: no change to local time.
 std::uint32_t DosTimestamp(std::uint64_t fileTime);
 
+/// The local time that a DOS date and time stand for; parts out of range go to the nearest one within.
+platform::LocalTime LocalTimeOfDos(std::uint32_t dosTimestamp);
+
 /// Low 32 bits of the seconds since 1970.
 std::uint32_t UnixTime(std::uint64_t fileTime);
+
+/// The file time of a moment in milliseconds since 1970.
+std::uint64_t FileTimeOfMilliseconds(std::int64_t millisecondsSince1970);
 
 /// A clock reading written as a file time, as if it were UTC.
 std::uint64_t FileTimeOf(const platform::LocalTime& time);

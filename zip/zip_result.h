@@ -42,4 +42,7 @@ KV_ZIP_RESULTS(KV_DECLARE_ZIP_RESULT)
 inline constexpr ZipResult wrongPassword = 0x1000;
 }  // namespace zip_result
 
+/// The text of a code, or that it is not known.
+const char* ZipResultText(ZipResult code);
+
 }  // namespace kv

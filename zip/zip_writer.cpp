@@ -99,9 +99,9 @@ bool HasRoomFor(const ZipWriter& writer, const ZipEntry& entry, std::uint64_t so
 }
 
 ZipResult AppendLocalHeader(ArchiveOutput& output, const ZipEntry& entry) {
-    ZipResult result = Append(output, LocalHeader(entry));
+    ZipResult result = Append(output, BuildLocalHeader(entry));
     if (result == zip_result::ok) result = Append(output, BytesOf(entry.name));
-    if (result == zip_result::ok) result = Append(output, LocalExtra(entry));
+    if (result == zip_result::ok) result = Append(output, BuildLocalExtra(entry));
     return result;
 }
 
@@ -160,10 +160,10 @@ ZipResult AppendData(ZipWriter& writer, ZipSource& source, ZipEntry& entry) {
 ZipResult CompleteEntry(ZipWriter& writer, ZipEntry& entry, std::uint32_t announcedSize) {
     if (writer.canSeek) {
         entry.flags &= static_cast<std::uint16_t>(~flagDataDescriptor);
-        return Rewrite(writer.output, entry.localHeaderOffset, LocalHeader(entry));
+        return Rewrite(writer.output, entry.localHeaderOffset, BuildLocalHeader(entry));
     }
     if (entry.method == ZipMethod::stored && entry.compressedSize != announcedSize) return zip_result::changedMind;
-    return Append(writer.output, DataDescriptor(entry));
+    return Append(writer.output, BuildDataDescriptor(entry));
 }
 
 ZipResult WriteEntry(ZipWriter& writer, ZipSource& source, ZipEntry& entry) {
@@ -216,15 +216,15 @@ ZipResult AddEntry(ZipHandle zip, std::u16string_view nameInZip, bool isFolder, 
 ZipResult AppendDirectory(ZipWriter& writer) {
     const std::uint64_t start = writer.output.position();
     for (const ZipEntry& entry : writer.entries) {
-        ZipResult result = Append(writer.output, CentralHeader(entry));
+        ZipResult result = Append(writer.output, BuildCentralHeader(entry));
         if (result == zip_result::ok) result = Append(writer.output, BytesOf(entry.name));
-        if (result == zip_result::ok) result = Append(writer.output, CentralExtra(entry));
+        if (result == zip_result::ok) result = Append(writer.output, BuildCentralExtra(entry));
         if (result != zip_result::ok) return result;
     }
     const ZipDirectory directory{.entries = static_cast<std::uint16_t>(writer.entries.size()),
                                  .size = static_cast<std::uint32_t>(writer.output.position() - start),
                                  .offset = static_cast<std::uint32_t>(start)};
-    return Append(writer.output, EndRecord(directory));
+    return Append(writer.output, BuildEndRecord(directory));
 }
 
 /// Writes the central directory and brings the whole archive to the disk. After a failed write the file holds less than
@@ -257,17 +257,6 @@ ZipHandle Create(std::u16string_view path, const char* password, ZipResult& resu
     writer.release();  // the handle owns it now
     result = zip_result::ok;
     return handle;
-}
-
-const char* MessageFor(ZipResult code) {
-    switch (code) {
-#define KV_ZIP_RESULT_TEXT(name, number, text) \
-    case number:                               \
-        return text;
-        KV_ZIP_RESULTS(KV_ZIP_RESULT_TEXT)
-#undef KV_ZIP_RESULT_TEXT
-    }
-    return "unknown zip result code";
 }
 
 }  // namespace
@@ -326,7 +315,7 @@ ZipResult LastZipWriterResult() { return lastWriterResult; }
 
 std::size_t FormatZipMessage(ZipResult code, char* buffer, std::size_t size) {
     constexpr ZipResult lastResult = 1;
-    const std::string_view text = MessageFor(code == lastResult ? LastZipWriterResult() : code);
+    const std::string_view text = ZipResultText(code == lastResult ? LastZipWriterResult() : code);
     if (buffer != nullptr && size > 0) {
         const std::size_t copied = std::min(text.size(), size - 1);
         std::memcpy(buffer, text.data(), copied);

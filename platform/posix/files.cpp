@@ -82,6 +82,7 @@ int OpenFlags(FileAccess access, FileDisposition disposition) {
     if (access == FileAccess::append) flags = O_WRONLY | O_APPEND;
     if (disposition != FileDisposition::openExisting) flags |= O_CREAT;
     if (disposition == FileDisposition::createAlways) flags |= O_TRUNC;
+    if (disposition == FileDisposition::createNew) flags |= O_EXCL;
     return flags;
 }
 

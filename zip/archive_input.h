@@ -1,0 +1,43 @@
+// The archive that is read: a file or a block of memory. Reads are by position, and go through windows, so that
+// thousands of small items cost few system calls.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string_view>
+#include <vector>
+
+#include "foundation/open_file.h"
+#include "zip/zip_result.h"
+
+namespace kv {
+
+struct ArchiveInput {
+    OpenFile ownFile;                      // when opened by path
+    platform::FileHandle file = 0;         // what is read; none for memory
+    std::span<const std::uint8_t> memory;  // the caller's
+    std::uint64_t size = 0;                // bytes
+};
+
+/// Bytes that a window can show at once: the longest name or extra field, and the stretch that the end record is in.
+inline constexpr std::size_t windowSize = std::size_t{66} << 10;
+
+/// The part of a file that was read last. There is one for each place that is read from in turn.
+struct ArchiveWindow {
+    std::vector<std::uint8_t> buffer;  // made at first use
+    std::uint64_t start = 0;           // offset in the file
+    std::size_t used = 0;              // bytes
+};
+
+/// noFile when the file cannot be opened, unseekable when it has no positions, readFailed when it does not tell its
+/// size; the system's error is in the log.
+ZipResult OpenArchivePath(std::u16string_view path, ArchiveInput& input);
+ZipResult OpenArchiveHandle(platform::FileHandle file, ArchiveInput& input);
+
+/// Shows what lies from an offset on: what is at hand, and atLeast bytes (at most windowSize) in any case. It holds
+/// until the window's next use. corrupt when the archive ends before that, readFailed when the file cannot be read.
+ZipResult ViewArchive(const ArchiveInput& input, ArchiveWindow& window, std::uint64_t offset, std::size_t atLeast,
+                      std::span<const std::uint8_t>& bytes);
+
+}  // namespace kv

@@ -1,0 +1,57 @@
+// The data of one item, read from front to end: decrypted, inflated, and checked against what the headers say. One
+// stream serves all items of an archive in turn.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+#include <zlib.h>
+
+#include "zip/archive_input.h"
+#include "zip/zip_cipher.h"
+#include "zip/zip_directory.h"
+#include "zip/zip_result.h"
+
+namespace kv {
+
+/// One raw inflate stream, made by the first item that needs it and reset for each further one.
+struct Inflater {
+    z_stream stream{};
+    bool made = false;
+    bool ended = false;  // has met the end of the item's data
+
+    Inflater() = default;
+    Inflater(const Inflater&) = delete;
+    Inflater& operator=(const Inflater&) = delete;
+    ~Inflater() {
+        if (made) inflateEnd(&stream);
+    }
+};
+
+struct ItemStream {
+    const ArchiveInput* input = nullptr;
+    ArchiveWindow window;                // of the local headers and the data
+    ZipHeader header;                    // of the directory
+    std::uint64_t inputOffset = 0;       // of what has not been taken yet
+    std::uint64_t inputLeft = 0;         // bytes
+    std::uint32_t outputLeft = 0;        // bytes that the item still has to give
+    std::uint32_t crc = 0;               // of those given
+    std::vector<std::uint8_t> readable;  // of an encrypted item: decrypted, of which the last `pending` are to be taken
+    std::size_t pending = 0;
+    ZipCipher cipher;
+    Inflater inflater;
+};
+
+/// Starts at the item's first byte. wrongPassword when it is encrypted and the password is none or another one,
+/// flateFailed when its method or encryption is not known; both leave a log line.
+ZipResult StartItem(ItemStream& stream, const ZipCentralEntry& entry, const ZipLocalEntry& local,
+                    const std::optional<std::string>& password);
+
+/// Fills the buffer as far as the item goes; with the item's last byte comes the verdict on the whole. flateFailed when
+/// the data is damaged, or is not as long as the headers say.
+ZipResult ReadItem(ItemStream& stream, std::span<std::uint8_t> buffer, std::size_t& count);
+
+}  // namespace kv

@@ -1,0 +1,25 @@
+// The traditional encryption of zip archives (PKWARE's APPNOTE, section 6.1). It keeps nobody out; archives made with
+// it are read all the same.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string_view>
+
+namespace kv {
+
+/// Encrypted bytes in front of an item's data, the last of which tells a wrong password.
+inline constexpr std::size_t cipherHeaderSize = 12;
+
+struct ZipCipher {
+    std::array<std::uint32_t, 3> keys{};
+};
+
+void StartCipher(ZipCipher& cipher, std::string_view password);
+
+/// Decrypts in place the bytes that follow those of the last call.
+void Decrypt(ZipCipher& cipher, std::span<std::uint8_t> bytes);
+
+}  // namespace kv
