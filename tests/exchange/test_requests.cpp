@@ -88,9 +88,9 @@ TEST_F(Requests, EachRoundAsksForWhatWaitsAndLeavesTheMailboxRight) {
         {"cut", u"NONE", u"YES", cut, "NONE YES", "The request list was not served"},
         {"no array", u"NONE", u"YES", R"({"RequestList": {}})", "NONE YES", "is no array"},
         {"no list", u"NONE", u"YES", "{}", "NONE NO", "RequestList.txt has no RequestList"},
-        {"odd", u"NONE", u"YES", odd, "NONE NO", "DOWNLOAD_QUERYCONF request without the text AGENT_KEY is skipped"},
         {"three", u"NONE", u"YES", three, "NONE NO", "GET_INSTANCE_DATA are not built", notice + "3&moId=K1 ", 1},
         {"two", u"NONE", u"YES", two, "NONE NO", "AGENT_REQUEST_ID is no text", notice + "4&moId=K1,K2 ", 1},
+        {"odd", u"NONE", u"YES", odd, "NONE NO", "DOWNLOAD_QUERYCONF request without the text AGENT_KEY is skipped"},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.title);
