@@ -14,6 +14,7 @@
 #include <zlib.h>
 
 #include "bench/medians.h"
+#include "bench/record_text.h"
 #include "foundation/file_utils.h"
 #include "platform/backend.h"
 #include "platform/utf.h"
@@ -23,25 +24,11 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr int recordCount = 2501;
-constexpr std::size_t recordSize = 4096;  // bytes
+using kv::bench::recordCount;
+using kv::bench::recordSize;
 
 std::vector<std::string> paths;           // as the system knows them
 std::vector<std::u16string> recordNames;  // as the agent does
-
-/// A record as a script or a query leaves it: rows of a process list, no two the same.
-std::u16string RecordText(std::mt19937& random) {
-    static constexpr std::array names{"systemd", "kworker/u8:2-events_unbound", "sshd", "postgres", "nginx", "cron"};
-    std::string text = R"({ "MSPCUSTOMERID": "ACME", "AGENTKEY": "7301", "DATACOLLECTTIME": ")" +
-                       std::to_string(1772701507 + random() % 86400) + R"(", "ERRORMSG": "NO ERROR", "Processes": [)";
-    while (text.size() < recordSize / 2) {
-        text += R"( { "Name": ")" + std::string(names[random() % names.size()]) + R"(", "ProcessId": ")" +
-                std::to_string(random() % 65536) + R"(", "WorkingSetSize": ")" + std::to_string(random() % 900000000) +
-                R"(", "PercentProcessorTime": ")" + std::to_string(random() % 100) + R"(" },)";
-    }
-    text.resize(recordSize / 2);
-    return platform::WideFromUtf8(text);
-}
 
 void WriteRecords() {
     std::mt19937 random(1);
@@ -50,7 +37,7 @@ void WriteRecords() {
         const std::string name = "Agent_7301_" + std::to_string(i) + ".txt";
         paths.push_back("data/" + name);
         recordNames.push_back(u"data\\" + platform::WideFromUtf8(name));
-        std::ofstream(paths.back(), std::ios::binary) << kv::Utf16LittleEndianBytes(RecordText(random));
+        std::ofstream(paths.back(), std::ios::binary) << kv::Utf16LittleEndianBytes(kv::bench::RecordText(random));
     }
 }
 

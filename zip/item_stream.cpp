@@ -12,6 +12,10 @@ using Bytes = std::span<const std::uint8_t>;
 
 constexpr std::size_t decryptSize = 16384;  // bytes at a time
 
+bool IsStored(const ItemStream& stream) {
+    return stream.header.method == static_cast<std::uint16_t>(ZipMethod::stored);
+}
+
 bool IsEncrypted(const ItemStream& stream) { return (stream.header.flags & flagEncrypted) != 0; }
 
 /// Decrypts the next bytes where all that were decrypted have been taken.
@@ -76,32 +80,34 @@ ZipResult InflateSome(ItemStream& stream, std::span<std::uint8_t> buffer, std::s
     zlib.avail_in = input;
     zlib.next_out = buffer.data();
     zlib.avail_out = output;
-    const int code = inflate(&zlib, Z_NO_FLUSH);
+    // With Z_FINISH an item that fits into the buffer is not copied into a window first; for any other the code is that
+    // of a buffer too small.
+    const int code = inflate(&zlib, Z_FINISH);
     if (code == Z_MEM_ERROR) return zip_result::noMemory;
-    if (code != Z_OK && code != Z_STREAM_END) return zip_result::flateFailed;
+    if (code != Z_BUF_ERROR && code != Z_STREAM_END) return zip_result::flateFailed;
     TakeInput(stream, input - zlib.avail_in);
     count = output - zlib.avail_out;
+    if (code == Z_BUF_ERROR && count == 0 && zlib.avail_in == input) return zip_result::flateFailed;
     stream.inflater.ended = code == Z_STREAM_END;
     return zip_result::ok;
 }
 
-ZipResult Fill(ItemStream& stream, std::span<std::uint8_t> buffer, std::size_t& count) {
-    const bool isStored = stream.header.method == static_cast<std::uint16_t>(ZipMethod::stored);
-    while (count < buffer.size()) {
+/// Fills `wanted` bytes of the buffer, which the item still has. Behind them inflate may show that it has more.
+ZipResult Fill(ItemStream& stream, std::span<std::uint8_t> buffer, std::size_t wanted, std::size_t& count) {
+    while (count < wanted) {
         if (stream.inflater.ended) return zip_result::flateFailed;
         std::size_t more = 0;
-        const auto room = buffer.subspan(count);
-        const ZipResult result = isStored ? CopySome(stream, room, more) : InflateSome(stream, room, more);
+        const ZipResult result = IsStored(stream) ? CopySome(stream, buffer.subspan(count, wanted - count), more)
+                                                  : InflateSome(stream, buffer.subspan(count), more);
         if (result != zip_result::ok) return result;
         count += more;
     }
-    return zip_result::ok;
+    return count == wanted ? zip_result::ok : zip_result::flateFailed;
 }
 
 /// All bytes have been given: the data must end here too, and be what the headers say.
 ZipResult CheckEnd(ItemStream& stream) {
-    const bool isStored = stream.header.method == static_cast<std::uint16_t>(ZipMethod::stored);
-    while (!isStored && !stream.inflater.ended) {
+    while (!IsStored(stream) && !stream.inflater.ended) {
         std::uint8_t tooMuch = 0;
         std::size_t count = 0;
         const ZipResult result = InflateSome(stream, {&tooMuch, 1}, count);
@@ -162,8 +168,8 @@ ZipResult StartItem(ItemStream& stream, const ZipCentralEntry& entry, const ZipL
 
 ZipResult ReadItem(ItemStream& stream, std::span<std::uint8_t> buffer, std::size_t& count) {
     count = 0;
-    buffer = buffer.first(std::min<std::size_t>(buffer.size(), stream.outputLeft));
-    const ZipResult result = Fill(stream, buffer, count);
+    const std::size_t wanted = std::min<std::size_t>(buffer.size(), stream.outputLeft);
+    const ZipResult result = Fill(stream, buffer, wanted, count);
     if (result != zip_result::ok) return result;
     // crc32 takes no bytes at all for a new start.
     if (count > 0) stream.crc = static_cast<std::uint32_t>(crc32_z(stream.crc, buffer.data(), count));

@@ -209,8 +209,9 @@ ZipResult UnpackToMemory(ZipReader& reader, std::int32_t index, std::span<std::u
     if (index != reader.openIndex || index < 0) {
         if (const ZipResult result = OpenItem(reader, index); result != zip_result::ok) return result;
     }
+    const std::size_t size = std::min<std::size_t>(block.size(), reader.stream.outputLeft);
     std::size_t count = 0;
-    const ZipResult result = ReadItem(reader.stream, block, count);
+    const ZipResult result = ReadItem(reader.stream, block.first(size), count);
     if (result == zip_result::ok && reader.stream.outputLeft > 0) return zip_result::moreData;
     reader.openIndex = none;
     return result;

@@ -94,8 +94,10 @@ Error CreateFileW(std::u16string_view path, FileAccess access, FileShare, FileDi
     Descriptor opened(OpenDescriptor(native, OpenFlags(access, disposition)));
     if (opened.number() < 0) return LastPathError(native);
     struct stat status {};
-    if (fstat(opened.number(), &status) != 0) return LastError();
-    if (S_ISDIR(status.st_mode)) return error::accessDenied;
+    if (access == FileAccess::read) {  // no directory can be opened for writing
+        if (fstat(opened.number(), &status) != 0) return LastError();
+        if (S_ISDIR(status.st_mode)) return error::accessDenied;
+    }
     file = HandleOf(opened.Release());
     return error::success;
 }

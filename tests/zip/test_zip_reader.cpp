@@ -1,0 +1,465 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+#include <zip.h>
+#include <zlib.h>
+
+#include "platform/clock.h"
+#include "platform/files.h"
+#include "platform/utf.h"
+#include "tests/support/test_agent.h"
+#include "tests/support/virtual_clock.h"
+#include "zip/zip_item_name.h"
+#include "zip/zip_reader.h"
+#include "zip/zip_writer.h"
+
+namespace kv::test {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::uint64_t fileTimeOf1970 = 116444736000000000;
+constexpr std::uint64_t second = 10000000;  // in file times
+
+std::string Number(std::uint64_t number, std::size_t bytes) {
+    std::string text;
+    for (; bytes > 0; --bytes, number >>= 8) text += static_cast<char>(number & 0xFF);
+    return text;
+}
+
+std::string TimeField(std::uint64_t size, std::uint64_t flags, const std::string& times) {
+    return "UT" + Number(size, 2) + Number(flags, 1) + times;
+}
+
+/// An entry for an archive built byte by byte, good as long as nothing is changed.
+struct Built {
+    explicit Built(std::string itsName, const std::string& content = "content")
+        : name(itsName), localName(itsName), data(content), size(content.size()) {
+        crc = crc32(0, reinterpret_cast<const Bytef*>(content.data()), static_cast<uInt>(content.size()));
+    }
+    std::string name, localName, data, localExtra, centralExtra;
+    std::uint64_t size, crc, method = 0, flags = 0, madeBy = 0, attributes = 0;
+    std::optional<std::uint64_t> localOffset;  // of a header that is there already
+    std::uint64_t dosTime = 0x5C6548AE;        // 2026-03-05 09:05:28
+};
+
+std::string CommonFields(const Built& entry, const std::string& extra) {
+    return Number(entry.flags, 2) + Number(entry.method, 2) + Number(entry.dosTime, 4) + Number(entry.crc, 4) +
+           Number(entry.data.size(), 4) + Number(entry.size, 4) + Number(entry.name.size(), 2) +
+           Number(extra.size(), 2);
+}
+
+std::string LocalRecord(const Built& entry) {
+    return "PK\3\4" + Number(20, 2) + CommonFields(entry, entry.localExtra) + entry.localName + entry.localExtra +
+           entry.data;
+}
+
+/// `between` stands before the end record.
+std::string Archive(const std::vector<Built>& entries, const std::string& between = "",
+                    const std::string& disks = Number(0, 4)) {
+    std::string bytes, directory;
+    for (const Built& entry : entries) {
+        const std::size_t own = bytes.size();
+        if (!entry.localOffset) bytes += LocalRecord(entry);
+        directory += "PK\1\2" + Number(entry.madeBy, 2) + Number(20, 2) + CommonFields(entry, entry.centralExtra) +
+                     std::string(6, '\0') + Number(entry.attributes, 4) + Number(entry.localOffset.value_or(own), 4) +
+                     entry.name + entry.centralExtra;
+    }
+    return bytes + directory + between + "PK\5\6" + disks + Number(entries.size(), 2) + Number(entries.size(), 2) +
+           Number(directory.size(), 4) + Number(bytes.size(), 4) + Number(0, 2);
+}
+
+std::string Deflated(const std::string& content) {
+    std::string bytes(compressBound(content.size()), '\0');
+    uLongf size = bytes.size();
+    compress(reinterpret_cast<Bytef*>(bytes.data()), &size, reinterpret_cast<const Bytef*>(content.data()),
+             content.size());
+    return bytes.substr(2, size - 6);  // without zlib's own header and checksum
+}
+
+ZipHandle OpenBytes(const std::string& bytes, const char* password = nullptr) {
+    return OpenZipMemory(bytes.data(), bytes.size(), password);
+}
+
+/// Unpacks an item to memory, in blocks of some size.
+ZipResult ReadItem(ZipHandle zip, std::int32_t index, std::string& content, std::size_t blockSize = 1000) {
+    ZipItem item;
+    ZipResult result = GetZipItem(zip, index, item);
+    if (result != zip_result::ok) return result;
+    content.clear();
+    do {
+        std::string block(std::min<std::size_t>(blockSize, item.uncompressedSize - content.size()), '\0');
+        result = UnzipItemToMemory(zip, index, block.data(), block.size());
+        GetZipItem(zip, 0, item = {}), GetZipItem(zip, index, item);  // a look at another does not disturb
+        content += block;
+    } while (result == zip_result::moreData);
+    return result;
+}
+
+std::string Packed(const std::map<std::string, std::string>& contents, const char* password, const fs::path& path) {
+    zip_t* archive = zip_open(path.c_str(), ZIP_CREATE | ZIP_TRUNCATE, nullptr);
+    for (const auto& [name, content] : contents) {
+        zip_source_t* source = zip_source_buffer(archive, content.data(), content.size(), 0);
+        const auto index = static_cast<zip_uint64_t>(zip_file_add(archive, name.c_str(), source, 0));
+        if (password != nullptr) zip_file_set_encryption(archive, index, ZIP_EM_TRAD_PKWARE, password);
+    }
+    EXPECT_EQ(zip_close(archive), 0);
+    return TestAgent::Read(path);
+}
+
+}  // namespace
+
+class ZipReading : public TestAgent {
+  protected:
+    /// Everything below a directory, by path.
+    static std::map<std::string, std::string> Tree(const fs::path& directory) {
+        std::map<std::string, std::string> files;
+        for (const auto& entry : fs::recursive_directory_iterator(directory)) {
+            if (entry.is_regular_file()) files[entry.path().lexically_relative(directory)] = Read(entry.path());
+        }
+        return files;
+    }
+
+    std::map<std::string, std::string> contents{{"empty", ""},
+                                                {"d/e/small", "small"},
+                                                {"d/\xC3\xBC.txt", std::string(200000, 'x')},
+                                                {"d/noise.gz", std::string(70000, '\x5A')}};
+    fs::path download = conf / "download";
+};
+
+TEST_F(ZipReading, NamesAreCleansedExactlySo) {
+    const struct {
+        std::string name;
+        std::u16string cleansed;
+    } rows[] = {{"C:\\conf\\x.txt", u"conf\\x.txt"},
+                {"a/../b.txt", u"b.txt"},
+                {"\\\\..\\\\x", u"x"},
+                {"../x", u"../x"},
+                {"\\..\\x", u"..\\x"},
+                {"a:b:c", u"c"},
+                {"::x", u"x"},
+                {"/\\//C:/x", u"x"},
+                {"a\\..\\b", u"b"},
+                {"a\\../b", u"b"},
+                {"a/..\\b", u"b"},
+                {"a/../b/../c:/x", u"x"},
+                {"a/b..", u"a/b.."},
+                {"a/..", u"a/.."},
+                {"C:", u""},
+                {std::string("cut\0off", 7), u"cut"},
+                {"\xC3\xBC\xFF", u"\u00FC\uFFFD"},
+                {std::string(259, 'n'), std::u16string(259, u'n')}};
+    for (const auto& row : rows) {
+        const std::string bytes = Archive({Built(row.name)});
+        ZipHandle zip = OpenBytes(bytes);
+        ZipItem item;
+        EXPECT_EQ(GetZipItem(zip, 0, item), zip_result::ok) << row.name;
+        EXPECT_EQ(item.name, row.cleansed) << row.name;
+        CloseUnzip(zip);
+    }
+}
+
+TEST_F(ZipReading, AttributesAndTimesAreTheItems) {
+    const VirtualClock clock;  // local time is UTC
+    const std::string times = Number(1000, 4) + Number(0xFFFFFFFE, 4) + Number(3000, 4);
+    const std::uint64_t dos = fileTimeOf1970 + 1772701528 * second, last = fileTimeOf1970 + 1000 * second,
+                        access = fileTimeOf1970 + 0xFFFFFFFE * second, creation = fileTimeOf1970 + 3000 * second;
+    const struct {
+        const char* title;
+        std::uint64_t madeBy, external;
+        std::string localExtra, centralExtra;
+        std::uint32_t attributes;
+        std::uint64_t mtime, atime, ctime;
+    } rows[] = {{"DOS, no times", 0x0014, 0xFFFFFFFF, "", "", 0x37, dos, dos, dos},
+                {"NTFS, all times", 0x0B17, 0x81800021, TimeField(13, 7, times), "", 0x21, last, access, creation},
+                {"Unix, writable; central time", 3 << 8, 0x81A40001, "", TimeField(5, 7, Number(1000, 4)), 0x20, last,
+                 dos, dos},
+                {"Unix, read-only; field not as long as its flags", 3 << 8, 0x81240000,
+                 TimeField(9, 7, times.substr(0, 8)), "", 0x21, last, access, dos},
+                {"Unix directory; times two and three behind another field", 3 << 8, 0x41ED0000,
+                 "xx" + Number(1, 3) + TimeField(9, 6, times.substr(4)), "", 0x30, dos, access, creation},
+                {"field cut by the end", 14 << 8, 2, "UT\xFF", "UT", 2, dos, dos, dos}};
+    for (const auto& row : rows) {
+        Built entry("n");
+        entry.madeBy = row.madeBy, entry.attributes = row.external;
+        entry.localExtra = row.localExtra, entry.centralExtra = row.centralExtra;
+        const std::string bytes = Archive({entry});
+        ZipHandle zip = OpenBytes(bytes);
+        ZipItem item;
+        EXPECT_EQ(GetZipItem(zip, 0, item), zip_result::ok) << row.title;
+        EXPECT_EQ(item.attr, row.attributes) << row.title;
+        EXPECT_EQ((std::vector{item.mtime, item.atime, item.ctime}), (std::vector{row.mtime, row.atime, row.ctime}))
+            << row.title;
+        CloseUnzip(zip);
+    }
+}
+
+TEST_F(ZipReading, WhatAnIndependentWriterPackedComesOutInEveryForm) {
+    const std::string bytes = Packed(contents, nullptr, bin / "a.zip");
+    UnzipFiles(u"a.zip", u"..\\conf\\download");
+    EXPECT_EQ(Tree(download), contents);
+
+    platform::FileHandle file = 0;
+    platform::Files().CreateFileW(u"a.zip", platform::FileAccess::read, platform::FileShare::read,
+                                  platform::FileDisposition::openExisting, file);
+    const std::string selfExtracting = std::string(5000, 'P') + bytes + "behind it";
+    for (ZipHandle zip : {OpenZipHandle(file, nullptr), OpenBytes(selfExtracting)}) {
+        for (const auto& [name, content] : contents) {
+            ZipItem item;
+            std::int32_t index = 7;
+            std::string found;
+            EXPECT_EQ(FindZipItem(zip, platform::WideFromUtf8(name), false, index, item), zip_result::ok) << name;
+            for (const std::size_t size : {999UL, 250000UL}) {
+                EXPECT_EQ(ReadItem(zip, index, found, size), zip_result::ok);
+                EXPECT_TRUE(found == content) << name;
+            }
+        }
+        CloseUnzip(zip);
+    }
+    platform::Files().CloseHandle(file);
+}
+
+TEST_F(ZipReading, OurOwnArchivesComeBackWithAttributesAndTimes) {
+    Write(bin / "one", "one");
+    fs::last_write_time(bin / "one", fs::last_write_time(bin / "one") - std::chrono::hours(50000));
+    fs::permissions(bin / "one", fs::perms::owner_read);
+    ZipHandle zip = CreateZip(u"a.zip", nullptr);
+    AddFileToZip(zip, u"d\\one", u"one");
+    AddFolderToZip(zip, u"e\\f");
+    CloseZip(zip);
+    UnzipFiles(u"a.zip", u"..\\conf\\download");
+    EXPECT_EQ(Tree(download), (std::map<std::string, std::string>{{"d/one", "one"}}));
+    EXPECT_TRUE(fs::is_directory(download / "e/f"));
+    const auto whole = [](const fs::path& path) {
+        return std::chrono::floor<std::chrono::seconds>(fs::last_write_time(path));
+    };
+    EXPECT_EQ(whole(download / "d/one"), whole(bin / "one"));
+    EXPECT_EQ(fs::status(download / "d/one").permissions() & fs::perms::owner_write, fs::perms::none);
+
+    zip = OpenZip(u"a.zip", nullptr);  // an absolute path of the caller's own, also over a read-only file
+    const std::u16string target = platform::WideFromUtf8((folder / "x/y").string());
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(UnzipItem(zip, 0, target), zip_result::ok);
+    EXPECT_EQ(Read(folder / "x/y"), "one");
+    CloseUnzip(zip);
+}
+
+TEST_F(ZipReading, NothingIsWrittenOutsideTheBase) {
+    const fs::path outside = folder / "outside";
+    Write(outside / "file", "kept");
+    fs::create_directory_symlink(outside, download);  // the base itself may be a link
+    const fs::path inside = outside / "in";
+    fs::create_directories(inside / "directory/full");
+    fs::create_directory_symlink(outside, inside / "link");
+    fs::create_symlink(outside / "file", inside / "filelink");
+    fs::create_symlink(outside / "new", inside / "dangling");
+    Write(inside / "plain", "plain");
+    std::vector<Built> entries;
+    for (const char* name : {"../x", "..\\x", "a/../../x", ".. /x", ".../x", "in/link/x", "in\\link\\file",
+                             "in/link/d/", "in/plain/x", "in/directory", "", "a/.."}) {
+        entries.emplace_back(name, *name != '\0' && std::string(name).back() == '/' ? "" : "bad");
+    }
+    for (const char* name : {"in/filelink", "in/dangling", "/abs/x", "C:y", "in//z"})
+        entries.emplace_back(name, "good");
+    Write(bin / "a.zip", Archive(entries));
+    UnzipFiles(u"a.zip", u"..\\conf\\download");
+    EXPECT_EQ(Tree(folder / "outside"), (std::map<std::string, std::string>{{"abs/x", "good"},
+                                                                            {"file", "kept"},
+                                                                            {"in/dangling", "good"},
+                                                                            {"in/filelink", "good"},
+                                                                            {"in/plain", "plain"},
+                                                                            {"in/z", "good"},
+                                                                            {"y", "good"}}));
+    EXPECT_FALSE(fs::exists(conf / "x") || fs::exists(outside / "d") || fs::is_symlink(inside / "filelink"));
+    for (const Built& entry : entries) {
+        const std::string name = platform::Utf8FromWide(CleansedName(entry.name));
+        EXPECT_EQ(Logged("Not able to unpack [" + name + "] of [a.zip]"), entry.data != "good") << name;
+    }
+}
+
+TEST_F(ZipReading, NoCutAndNoFlippedBitGivesWrongContent) {
+    Built deflated("d/deflated", std::string(300, 'a') + "b");
+    deflated.data = Deflated(std::string(300, 'a') + "b"), deflated.method = 8;
+    const std::string good = Archive({Built("stored", "as it is"), deflated, Built("d/", "")});
+    const std::map<std::string, std::string> all{
+        {"stored", "as it is"}, {"d/deflated", std::string(300, 'a') + "b"}, {"d/", ""}};
+    const auto rightItems = [&](const std::string& bytes) {
+        int right = 0;
+        ZipHandle zip = OpenBytes(bytes);
+        ZipItem count, item;
+        GetZipItem(zip, -1, count);
+        for (std::int32_t i = 0; i < count.index; ++i) {
+            std::string content;
+            if (ReadItem(zip, i, content) != zip_result::ok) continue;
+            GetZipItem(zip, i, item);
+            const auto found = all.find(platform::Utf8FromWide(item.name));
+            EXPECT_TRUE(found != all.end() && found->second == content) << platform::Utf8FromWide(item.name);
+            ++right;
+        }
+        CloseUnzip(zip);
+        return right;
+    };
+    EXPECT_EQ(rightItems(good), 3);
+    for (std::size_t size = 0; size < good.size(); ++size) EXPECT_EQ(rightItems(good.substr(0, size)), 0) << size;
+    int stillGood = 0;
+    for (std::size_t bit = 0; bit < good.size() * 8; ++bit) {
+        std::string bytes = good;
+        bytes[bit / 8] = static_cast<char>(bytes[bit / 8] ^ 1 << bit % 8);
+        stillGood += rightItems(bytes) == 3;
+    }
+    // Versions, times, attributes and flags without a meaning here: no more than their share.
+    EXPECT_LT(stillGood, 750);
+}
+
+TEST_F(ZipReading, EveryLieIsRefusedAndLeavesNothing) {
+    const auto changed = [](auto change) {
+        Built entry("n");
+        change(entry);
+        return entry;
+    };
+    const std::string bomb = Deflated(std::string(10000000, '\0'));
+    const Built inner("m");
+    Built nested("m");
+    nested.localOffset = 31;
+    Built same("n");
+    same.localOffset = 0;
+    const struct {
+        const char* title;
+        std::vector<Built> entries;
+        ZipResult result;
+        const char* logged;
+        std::string between = "", disks = Number(0, 4);
+    } rows[] = {
+        {"bomb, declared empty",
+         {changed([&](Built& e) { e.data = bomb, e.method = 8, e.size = 0; })},
+         zip_result::flateFailed,
+         "[0x5000000] [Zip-bug: an internal error during flation]"},
+        {"bomb, declared small",
+         {changed([&](Built& e) { e.data = bomb, e.method = 8, e.size = 100000; })},
+         zip_result::flateFailed,
+         ""},
+        {"4 GB declared",
+         {changed([](Built& e) { e.size = 0xFFFFFFFF; })},
+         zip_result::flateFailed,
+         "[n] would have 4294967295 bytes, more than the archive may still unpack to"},
+        {"shorter than its size", {changed([](Built& e) { e.size = 8; })}, zip_result::flateFailed, ""},
+        {"longer than its size", {changed([](Built& e) { e.size = 6; })}, zip_result::flateFailed, ""},
+        {"another CRC", {changed([](Built& e) { e.crc ^= 1; })}, zip_result::flateFailed, ""},
+        {"two names", {changed([](Built& e) { e.localName = "m"; })}, zip_result::corrupt, "[Zipfile is corrupt"},
+        {"header outside", {changed([](Built& e) { e.localOffset = 0xFFFFFFF0; })}, zip_result::corrupt, ""},
+        {"an item within an item", {Built("n", LocalRecord(inner)), nested}, zip_result::corrupt, ""},
+        {"one header for two", {Built("n"), same}, zip_result::corrupt, ""},
+        {"name too long", {Built(std::string(260, 'n'))}, zip_result::corrupt, ""},
+        {"method 12", {changed([](Built& e) { e.method = 12; })}, zip_result::flateFailed, "method 12 is not known"},
+        {"strong encryption",
+         {changed([](Built& e) { e.flags = 0x41; })},
+         zip_result::flateFailed,
+         "another kind than the traditional one"},
+        {"no room for encryption", {changed([](Built& e) { e.flags = 1; })}, zip_result::corrupt, ""},
+        {"64-bit records", {Built("n")}, zip_result::corrupt, "64-bit records are not read", "PK\6\7" + Number(0, 16)},
+        {"second disk", {Built("n")}, zip_result::corrupt, "several disks are not read", "", Number(1, 4)},
+        {"cut directory", {Built("n")}, zip_result::corrupt, "The central directory is damaged", "between"}};
+    for (const auto& row : rows) {
+        std::vector<Built> entries = row.entries;
+        entries.emplace_back("z");
+        const std::string bytes = Archive(entries, row.between, row.disks);
+        ZipHandle zip = OpenBytes(bytes);
+        EXPECT_EQ(zip != nullptr ? UnzipItem(zip, 0, u"n") : LastZipReaderResult(), row.result) << row.title;
+        EXPECT_FALSE(fs::exists(bin / "n")) << row.title;
+
+        fs::remove_all(download);
+        Write(bin / "a.zip", bytes);
+        UnzipFiles(u"a.zip", u"..\\conf\\download");
+        EXPECT_EQ(fs::exists(download / "z"), zip != nullptr) << row.title;  // the others go on
+        EXPECT_FALSE(fs::exists(download / "n")) << row.title;
+        EXPECT_TRUE(Logged(row.logged)) << row.title;
+        CloseUnzip(zip);
+    }
+}
+
+TEST_F(ZipReading, EncryptedItemsNeedTheirPassword) {
+    const std::string bytes = Packed(contents, "secret", bin / "a.zip");
+    for (const char* password : {"secret", "Secret", ""}) {
+        ZipHandle zip = OpenBytes(bytes, *password == '\0' ? nullptr : password);
+        std::int32_t index = 0;
+        for (const auto& [name, content] : contents) {
+            std::string found;
+            const ZipResult result = ReadItem(zip, index++, found);
+            if (password == std::string("secret")) {
+                EXPECT_EQ(result, zip_result::ok) << name;
+                EXPECT_TRUE(found == content) << name;
+            } else if (!content.empty()) {  // one password in 256 passes the check, and fails at the data
+                EXPECT_THAT(result, testing::AnyOf(zip_result::wrongPassword, zip_result::flateFailed)) << name;
+            }
+        }
+        CloseUnzip(zip);
+    }
+    UnzipFiles(u"a.zip", u"..\\conf\\download");
+    EXPECT_TRUE(Logged("[d/e/small] of [a.zip]. Error is [0x1000] [unknown zip result code]"));
+}
+
+TEST_F(ZipReading, AFileThatCannotBeWrittenIsDeletedAndAnArchiveThatCannotBeReadIsSaid) {
+    Packed(contents, nullptr, bin / "a.zip");
+    using Operations = platform::FileOperations;
+    const struct {
+        const char* title;
+        Operations files;
+        ZipResult result;
+        const char* logged;
+    } rows[] = {{"disk full", Failing(&Operations::WriteFile, platform::error::diskFull), zip_result::writeFailed, ""},
+                {"close", Failing(&Operations::CloseHandle, platform::error::writeFault), zip_result::writeFailed, ""},
+                {"read", Failing(&Operations::ReadFile, platform::error::readFault), zip_result::readFailed, ""},
+                {"create", Failing(&Operations::CreateFileW, platform::error::accessDenied), zip_result::noFile,
+                 "Error code : 5"},
+                {"times", Failing(&Operations::SetFileInformationByHandle, platform::error::accessDenied),
+                 zip_result::ok, "times of [new] cannot be set"}};
+    for (const auto& row : rows) {
+        ZipHandle zip = OpenZip(u"a.zip", nullptr);
+        {
+            const platform::ScopedOperations<Operations> failing(row.files);
+            EXPECT_EQ(UnzipItem(zip, 1, u"new"), row.result) << row.title;
+        }
+        EXPECT_EQ(fs::exists(bin / "new"), row.result == zip_result::ok) << row.title;
+        EXPECT_TRUE(Logged(row.logged)) << row.title;
+        CloseUnzip(zip);
+    }
+}
+
+TEST_F(ZipReading, FaultyCallsAreAnswered) {
+    ZipHandleRecord writer{ZipKind::writer, nullptr};
+    ZipItem item;
+    std::int32_t index = 3;
+    EXPECT_EQ(OpenZip(u"missing", nullptr), nullptr);
+    EXPECT_EQ(LastZipReaderResult(), zip_result::noFile);
+    EXPECT_EQ(OpenZipMemory(nullptr, 5, nullptr), nullptr);
+    EXPECT_EQ(UnzipItem(nullptr, 0, u"n"), zip_result::badArguments);
+    EXPECT_EQ(CloseUnzip(&writer), zip_result::wrongKind);
+    char16_t text[100];
+    EXPECT_EQ(FormatZipMessage(1, text, 8), 42U);
+    EXPECT_EQ(std::u16string(text), u"Caller:");
+
+    const std::string bytes = Archive({Built("N")});
+    ZipHandle zip = OpenBytes(bytes);
+    EXPECT_EQ(FindZipItem(zip, u"n", false, index, item), zip_result::notFound);
+    EXPECT_EQ(std::pair(index, item.index), std::pair(-1, -1));
+    EXPECT_EQ(FindZipItem(zip, u"n", true, index, item), zip_result::ok);
+    EXPECT_EQ(std::pair(index, item.index), std::pair(0, 0));
+    EXPECT_EQ(GetZipItem(zip, -1, item), zip_result::ok);
+    EXPECT_EQ(std::pair(item.index, item.name), std::pair(1, std::u16string()));
+    EXPECT_EQ(GetZipItem(zip, 1, item), zip_result::badArguments);
+    EXPECT_EQ(UnzipItem(zip, 1, u"n"), zip_result::ok);  // does nothing
+    EXPECT_EQ(UnzipItem(zip, -1, u"n"), zip_result::badArguments);
+    EXPECT_EQ(SetUnzipBaseDir(zip, u""), zip_result::badArguments);
+    EXPECT_FALSE(fs::exists(bin / "n"));
+    CloseUnzip(zip);
+
+    const platform::ScopedOperations<platform::FileOperations> pipe(
+        Failing(&platform::FileOperations::GetFilePointer, platform::error::invalidFunction));
+    EXPECT_EQ(OpenZipHandle(5, nullptr), nullptr);
+    EXPECT_EQ(LastZipReaderResult(), zip_result::unseekable);
+}
+
+}  // namespace kv::test
