@@ -80,15 +80,15 @@ Error DownloadBody(const HttpAttempt& attempt, const DestinationFile& file) {
     }
 }
 
-/// Reads one chunk of the body behind what has come; false at the end, whichever way it came.
-bool ReadChunk(const HttpAttempt& attempt, std::string& body) {
+/// Reads one chunk of the body behind what has come. 0 when there is no more.
+Error ReadChunk(const HttpAttempt& attempt, std::string& body) {
     std::size_t available = 0;
     if (const Error failure = Http().WinHttpQueryDataAvailable(attempt.request.get(), available)) {
         Log1("InternetGetRequestEx : Error %u in WinHttpQueryDataAvailable.\n", failure);
         HttpGetLastError(failure);
-        return false;
+        return failure;
     }
-    if (available == 0) return false;
+    if (available == 0) return error::success;
     const std::size_t former = body.size();
     const std::size_t wanted = available + available % 2;  // whole 16-bit characters
     body.resize(former + wanted);
@@ -100,22 +100,30 @@ bool ReadChunk(const HttpAttempt& attempt, std::string& body) {
         Log1("InternetGetRequestEx : Error %u in WinHttpReadData.\n", failure);
         HttpGetLastError(failure);
     }
-    return failure == error::success && read > 0;
+    return failure;
 }
 
-/// Reads the body, or throws it away where it is not wanted. The number of bytes received.
-std::size_t ReadChunks(const HttpAttempt& attempt, bool wanted, std::string& body) {
+/// What came of a body: the bytes received, and the failure that ended it early.
+struct BodyEnd {
     std::size_t received = 0;
-    for (std::size_t former = 0; ReadChunk(attempt, body); former = body.size()) {
-        received += body.size() - former;
+    Error failure = error::success;
+};
+
+/// Reads the body, or throws it away where it is not wanted.
+void ReadChunks(const HttpAttempt& attempt, bool wanted, std::string& body, BodyEnd& end) {
+    for (;;) {
+        const std::size_t former = body.size();
+        end.failure = ReadChunk(attempt, body);
+        const std::size_t chunk = body.size() - former;
+        if (chunk == 0) return;
+        end.received += chunk;
         if (!wanted) body.clear();
-        if (received >= maxResponseBytes) {
+        if (end.received >= maxResponseBytes) {
             Log1("InternetGetRequestEx : The answer of the server %s is cut after %d bytes\n", attempt.target.server,
-                 received);
-            break;
+                 end.received);
+            return;
         }
     }
-    return received;
 }
 
 /// Takes a step that may run out of memory; false when it did.
@@ -131,14 +139,16 @@ bool HasMemoryFor(Step step) {
 }
 
 /// Reads the body as UTF-16LE text into the response, or throws it away where none is wanted. What came before a
-/// failure is kept. An answer without a body leaves the code of an earlier resend round standing.
+/// failure is kept and counts as the answer; a failure before any of it is the result, as nothing tells such a body
+/// from an empty one otherwise. An answer without a body leaves the code of an earlier resend round standing.
 Error ReceiveBody(const HttpAttempt& attempt, OptionalText* response) {
     std::string body;
-    std::size_t received = 0;
-    const bool whole = HasMemoryFor([&] { received = ReadChunks(attempt, response != nullptr, body); });
+    BodyEnd end;
+    const bool whole = HasMemoryFor([&] { ReadChunks(attempt, response != nullptr, body, end); });
     const bool kept = body.empty() || HasMemoryFor([&] { *response = TextFromUtf16LittleEndian(body); });
     if (!kept || (!whole && body.empty())) return error::notEnoughMemory;
-    return received > 0 || !body.empty() ? error::success : attempt.result;
+    if (end.received > 0 || !body.empty()) return error::success;
+    return end.failure != error::success ? end.failure : attempt.result;
 }
 
 }  // namespace

@@ -241,6 +241,8 @@ TEST_F(HttpTransport, EachFailureHasItsNumber) {
     EXPECT_EQ(Get(cut.port, u"/x", &response), 0u);
     EXPECT_EQ(response, u"\u6261\u6463");  // what came is kept, whole characters
     EXPECT_TRUE(Logged("InternetGetRequestEx : Error 12030 in WinHttp"));
+    RawServer gone(Says("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\n"));
+    EXPECT_EQ(Get(gone.port, u"/x", &response), 12030u) << "no empty answer";
 }
 
 TEST_F(HttpTransport, AddressesThatLeadNowhere) {
