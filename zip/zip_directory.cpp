@@ -95,6 +95,12 @@ std::uint64_t LimitOf(const ZipDirectoryIndex& directory, std::uint32_t localOff
     return next == directory.localOffsets.end() ? directory.directoryStart : directory.archiveStart + *next;
 }
 
+/// Whether the sizes stand in a 64-bit record of the extra field.
+bool Has64BitSizes(const ZipHeader& header) {
+    constexpr std::uint32_t elsewhere = 0xFFFFFFFF;
+    return header.compressedSize == elsewhere || header.uncompressedSize == elsewhere;
+}
+
 /// A header whose CRC and sizes follow the data may leave them out.
 bool TellsTheSame(const ZipHeader& local, const ZipHeader& central) {
     return local.method == central.method && local.nameLength == central.nameLength &&
@@ -143,10 +149,12 @@ ZipResult ReadLocalEntry(const ArchiveInput& input, ArchiveWindow& window, const
     Bytes bytes;
     ZipResult result = ViewArchive(input, window, offset, localHeaderSize, bytes);
     if (result != zip_result::ok) return result;
-    if (!ParseLocalHeader(bytes.first<localHeaderSize>(), local.header) ||
-        !TellsTheSame(local.header, central.header)) {
+    if (!ParseLocalHeader(bytes.first<localHeaderSize>(), local.header)) return zip_result::corrupt;
+    if (Has64BitSizes(local.header) || Has64BitSizes(central.header)) {
+        Log1("\t GetZipItem :: An item with 64-bit sizes is not read\n");
         return zip_result::corrupt;
     }
+    if (!TellsTheSame(local.header, central.header)) return zip_result::corrupt;
     const std::uint64_t extraOffset = offset + localHeaderSize + local.header.nameLength;
     local.dataOffset = extraOffset + local.header.extraLength;
     if (local.dataOffset + central.header.compressedSize > LimitOf(directory, central.localHeaderOffset)) {

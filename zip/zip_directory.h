@@ -43,8 +43,8 @@ ZipResult ReadDirectory(const ArchiveInput& input, ArchiveWindow& window, ZipDir
 ZipResult ReadCentralEntry(const ArchiveInput& input, ArchiveWindow& window, const ZipDirectoryIndex& directory,
                            std::size_t index, ZipCentralEntry& entry);
 
-/// Reads the local header that belongs to a central one. corrupt when the two do not tell the same, or when header and
-/// data reach into what is another's.
+/// Reads the local header that belongs to a central one. corrupt when the two do not tell the same, when header and
+/// data reach into what is another's, and, with a log line, when the sizes are 64-bit ones.
 ZipResult ReadLocalEntry(const ArchiveInput& input, ArchiveWindow& window, const ZipDirectoryIndex& directory,
                          const ZipCentralEntry& entry, ZipLocalEntry& local);
 

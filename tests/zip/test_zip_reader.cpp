@@ -2,12 +2,13 @@
 #include <gtest/gtest.h>
 #include <map>
 #include <optional>
+#include <random>
 #include <string>
 #include <vector>
 #include <zip.h>
 #include <zlib.h>
 
-#include "platform/clock.h"
+#include "foundation/open_file.h"
 #include "platform/files.h"
 #include "platform/utf.h"
 #include "tests/support/test_agent.h"
@@ -22,6 +23,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
+using Files = std::map<std::string, std::string>;  // contents by path
+
 constexpr std::uint64_t fileTimeOf1970 = 116444736000000000;
 constexpr std::uint64_t second = 10000000;  // in file times
 
@@ -29,6 +32,13 @@ std::string Number(std::uint64_t number, std::size_t bytes) {
     std::string text;
     for (; bytes > 0; --bytes, number >>= 8) text += static_cast<char>(number & 0xFF);
     return text;
+}
+
+std::string Noise(std::size_t size) {
+    std::mt19937 random(1);
+    std::string bytes(size, '\0');
+    for (char& byte : bytes) byte = static_cast<char>(random());
+    return bytes;
 }
 
 std::string TimeField(std::uint64_t size, std::uint64_t flags, const std::string& times) {
@@ -85,6 +95,15 @@ ZipHandle OpenBytes(const std::string& bytes, const char* password = nullptr) {
     return OpenZipMemory(bytes.data(), bytes.size(), password);
 }
 
+ZipItem Described(const Built& entry) {
+    const std::string bytes = Archive({entry});
+    ZipHandle zip = OpenBytes(bytes);
+    ZipItem item;
+    EXPECT_EQ(GetZipItem(zip, 0, item), zip_result::ok) << entry.name;
+    CloseUnzip(zip);
+    return item;
+}
+
 /// Unpacks an item to memory, in blocks of some size.
 ZipResult ReadItem(ZipHandle zip, std::int32_t index, std::string& content, std::size_t blockSize = 1000) {
     ZipItem item;
@@ -100,7 +119,7 @@ ZipResult ReadItem(ZipHandle zip, std::int32_t index, std::string& content, std:
     return result;
 }
 
-std::string Packed(const std::map<std::string, std::string>& contents, const char* password, const fs::path& path) {
+std::string Packed(const Files& contents, const char* password, const fs::path& path) {
     zip_t* archive = zip_open(path.c_str(), ZIP_CREATE | ZIP_TRUNCATE, nullptr);
     for (const auto& [name, content] : contents) {
         zip_source_t* source = zip_source_buffer(archive, content.data(), content.size(), 0);
@@ -116,51 +135,36 @@ std::string Packed(const std::map<std::string, std::string>& contents, const cha
 class ZipReading : public TestAgent {
   protected:
     /// Everything below a directory, by path.
-    static std::map<std::string, std::string> Tree(const fs::path& directory) {
-        std::map<std::string, std::string> files;
+    static Files Tree(const fs::path& directory) {
+        Files files;
         for (const auto& entry : fs::recursive_directory_iterator(directory)) {
             if (entry.is_regular_file()) files[entry.path().lexically_relative(directory)] = Read(entry.path());
         }
         return files;
     }
 
-    std::map<std::string, std::string> contents{{"empty", ""},
-                                                {"d/e/small", "small"},
-                                                {"d/\xC3\xBC.txt", std::string(200000, 'x')},
-                                                {"d/noise.gz", std::string(70000, '\x5A')}};
+    Files contents{{"empty", ""},
+                   {"d/e/small", "small"},
+                   {"d/\xC3\xBC.txt", std::string(200000, 'x')},
+                   {"d/noise", Noise(200000)}};
     fs::path download = conf / "download";
 };
 
 TEST_F(ZipReading, NamesAreCleansedExactlySo) {
+    // clang-format off
     const struct {
         std::string name;
         std::u16string cleansed;
-    } rows[] = {{"C:\\conf\\x.txt", u"conf\\x.txt"},
-                {"a/../b.txt", u"b.txt"},
-                {"\\\\..\\\\x", u"x"},
-                {"../x", u"../x"},
-                {"\\..\\x", u"..\\x"},
-                {"a:b:c", u"c"},
-                {"::x", u"x"},
-                {"/\\//C:/x", u"x"},
-                {"a\\..\\b", u"b"},
-                {"a\\../b", u"b"},
-                {"a/..\\b", u"b"},
-                {"a/../b/../c:/x", u"x"},
-                {"a/b..", u"a/b.."},
-                {"a/..", u"a/.."},
-                {"C:", u""},
-                {std::string("cut\0off", 7), u"cut"},
-                {"\xC3\xBC\xFF", u"\u00FC\uFFFD"},
-                {std::string(259, 'n'), std::u16string(259, u'n')}};
-    for (const auto& row : rows) {
-        const std::string bytes = Archive({Built(row.name)});
-        ZipHandle zip = OpenBytes(bytes);
-        ZipItem item;
-        EXPECT_EQ(GetZipItem(zip, 0, item), zip_result::ok) << row.name;
-        EXPECT_EQ(item.name, row.cleansed) << row.name;
-        CloseUnzip(zip);
-    }
+    } rows[] = {
+        {"C:\\conf\\x.txt", u"conf\\x.txt"}, {"a/../b.txt", u"b.txt"},  {"\\\\..\\\\x", u"x"},
+        {"../x", u"../x"},                  {"\\..\\x", u"..\\x"},   {"/../x", u"../x"},
+        {"a:b:c", u"c"},                    {"::x", u"x"},            {"/\\//C:/x", u"x"},
+        {"a\\..\\b", u"b"},                 {"a\\../b", u"b"},       {"a/..\\b", u"b"},
+        {"a/../b/../c:/x", u"x"},           {"a/b..", u"a/b.."},      {"a/..", u"a/.."},
+        {"C:", u""},                        {"\xC3\xBC\xFF", u"\u00FC\uFFFD"},
+        {std::string("cut\0off", 7), u"cut"}, {std::string(259, 'n'), std::u16string(259, u'n')}};
+    // clang-format on
+    for (const auto& row : rows) EXPECT_EQ(Described(Built(row.name)).name, row.cleansed) << row.name;
 }
 
 TEST_F(ZipReading, AttributesAndTimesAreTheItems) {
@@ -187,14 +191,10 @@ TEST_F(ZipReading, AttributesAndTimesAreTheItems) {
         Built entry("n");
         entry.madeBy = row.madeBy, entry.attributes = row.external;
         entry.localExtra = row.localExtra, entry.centralExtra = row.centralExtra;
-        const std::string bytes = Archive({entry});
-        ZipHandle zip = OpenBytes(bytes);
-        ZipItem item;
-        EXPECT_EQ(GetZipItem(zip, 0, item), zip_result::ok) << row.title;
+        const ZipItem item = Described(entry);
         EXPECT_EQ(item.attr, row.attributes) << row.title;
         EXPECT_EQ((std::vector{item.mtime, item.atime, item.ctime}), (std::vector{row.mtime, row.atime, row.ctime}))
             << row.title;
-        CloseUnzip(zip);
     }
 }
 
@@ -203,24 +203,20 @@ TEST_F(ZipReading, WhatAnIndependentWriterPackedComesOutInEveryForm) {
     UnzipFiles(u"a.zip", u"..\\conf\\download");
     EXPECT_EQ(Tree(download), contents);
 
-    platform::FileHandle file = 0;
-    platform::Files().CreateFileW(u"a.zip", platform::FileAccess::read, platform::FileShare::read,
-                                  platform::FileDisposition::openExisting, file);
+    OpenFile file;
+    file.Open(u"a.zip", platform::FileAccess::read, platform::FileShare::read, platform::FileDisposition::openExisting);
     const std::string selfExtracting = std::string(5000, 'P') + bytes + "behind it";
-    for (ZipHandle zip : {OpenZipHandle(file, nullptr), OpenBytes(selfExtracting)}) {
+    for (ZipHandle zip : {OpenZipHandle(file.handle, nullptr), OpenBytes(selfExtracting)}) {
         for (const auto& [name, content] : contents) {
             ZipItem item;
             std::int32_t index = 7;
             std::string found;
             EXPECT_EQ(FindZipItem(zip, platform::WideFromUtf8(name), false, index, item), zip_result::ok) << name;
-            for (const std::size_t size : {999UL, 250000UL}) {
-                EXPECT_EQ(ReadItem(zip, index, found, size), zip_result::ok);
-                EXPECT_TRUE(found == content) << name;
-            }
+            for (const std::size_t size : {999UL, 250000UL})
+                EXPECT_TRUE(ReadItem(zip, index, found, size) == zip_result::ok && found == content) << name;
         }
         CloseUnzip(zip);
     }
-    platform::Files().CloseHandle(file);
 }
 
 TEST_F(ZipReading, OurOwnArchivesComeBackWithAttributesAndTimes) {
@@ -232,12 +228,10 @@ TEST_F(ZipReading, OurOwnArchivesComeBackWithAttributesAndTimes) {
     AddFolderToZip(zip, u"e\\f");
     CloseZip(zip);
     UnzipFiles(u"a.zip", u"..\\conf\\download");
-    EXPECT_EQ(Tree(download), (std::map<std::string, std::string>{{"d/one", "one"}}));
+    EXPECT_EQ(Tree(download), (Files{{"d/one", "one"}}));
     EXPECT_TRUE(fs::is_directory(download / "e/f"));
-    const auto whole = [](const fs::path& path) {
-        return std::chrono::floor<std::chrono::seconds>(fs::last_write_time(path));
-    };
-    EXPECT_EQ(whole(download / "d/one"), whole(bin / "one"));
+    EXPECT_EQ(std::chrono::floor<std::chrono::seconds>(fs::last_write_time(bin / "one")),
+              fs::last_write_time(download / "d/one"));
     EXPECT_EQ(fs::status(download / "d/one").permissions() & fs::perms::owner_write, fs::perms::none);
 
     zip = OpenZip(u"a.zip", nullptr);  // an absolute path of the caller's own, also over a read-only file
@@ -266,13 +260,13 @@ TEST_F(ZipReading, NothingIsWrittenOutsideTheBase) {
         entries.emplace_back(name, "good");
     Write(bin / "a.zip", Archive(entries));
     UnzipFiles(u"a.zip", u"..\\conf\\download");
-    EXPECT_EQ(Tree(folder / "outside"), (std::map<std::string, std::string>{{"abs/x", "good"},
-                                                                            {"file", "kept"},
-                                                                            {"in/dangling", "good"},
-                                                                            {"in/filelink", "good"},
-                                                                            {"in/plain", "plain"},
-                                                                            {"in/z", "good"},
-                                                                            {"y", "good"}}));
+    EXPECT_EQ(Tree(folder / "outside"), (Files{{"abs/x", "good"},
+                                               {"file", "kept"},
+                                               {"in/dangling", "good"},
+                                               {"in/filelink", "good"},
+                                               {"in/plain", "plain"},
+                                               {"in/z", "good"},
+                                               {"y", "good"}}));
     EXPECT_FALSE(fs::exists(conf / "x") || fs::exists(outside / "d") || fs::is_symlink(inside / "filelink"));
     for (const Built& entry : entries) {
         const std::string name = platform::Utf8FromWide(CleansedName(entry.name));
@@ -281,11 +275,10 @@ TEST_F(ZipReading, NothingIsWrittenOutsideTheBase) {
 }
 
 TEST_F(ZipReading, NoCutAndNoFlippedBitGivesWrongContent) {
-    Built deflated("d/deflated", std::string(300, 'a') + "b");
-    deflated.data = Deflated(std::string(300, 'a') + "b"), deflated.method = 8;
+    const Files all{{"d/", ""}, {"d/deflated", std::string(300, 'a') + "b"}, {"stored", "as it is"}};
+    Built deflated("d/deflated", all.at("d/deflated"));
+    deflated.data = Deflated(all.at("d/deflated")), deflated.method = 8;
     const std::string good = Archive({Built("stored", "as it is"), deflated, Built("d/", "")});
-    const std::map<std::string, std::string> all{
-        {"stored", "as it is"}, {"d/deflated", std::string(300, 'a') + "b"}, {"d/", ""}};
     const auto rightItems = [&](const std::string& bytes) {
         int right = 0;
         ZipHandle zip = OpenBytes(bytes);
@@ -295,8 +288,7 @@ TEST_F(ZipReading, NoCutAndNoFlippedBitGivesWrongContent) {
             std::string content;
             if (ReadItem(zip, i, content) != zip_result::ok) continue;
             GetZipItem(zip, i, item);
-            const auto found = all.find(platform::Utf8FromWide(item.name));
-            EXPECT_TRUE(found != all.end() && found->second == content) << platform::Utf8FromWide(item.name);
+            EXPECT_THAT(all, testing::Contains(testing::Pair(platform::Utf8FromWide(item.name), content)));
             ++right;
         }
         CloseUnzip(zip);
@@ -310,22 +302,26 @@ TEST_F(ZipReading, NoCutAndNoFlippedBitGivesWrongContent) {
         bytes[bit / 8] = static_cast<char>(bytes[bit / 8] ^ 1 << bit % 8);
         stillGood += rightItems(bytes) == 3;
     }
-    // Versions, times, attributes and flags without a meaning here: no more than their share.
-    EXPECT_LT(stillGood, 750);
+    EXPECT_LT(stillGood, 600);  // the share of versions, times, attributes and flags without a meaning here
 }
 
 TEST_F(ZipReading, EveryLieIsRefusedAndLeavesNothing) {
-    const auto changed = [](auto change) {
+    const auto with = [](std::uint64_t Built::*field, std::uint64_t value) {
         Built entry("n");
-        change(entry);
+        entry.*field = value;
         return entry;
     };
-    const std::string bomb = Deflated(std::string(10000000, '\0'));
-    const Built inner("m");
-    Built nested("m");
+    const auto bomb = [&](std::uint64_t size) {
+        Built entry = with(&Built::size, size);
+        entry.data = Deflated(std::string(10000000, '\0')), entry.method = 8;
+        return entry;
+    };
+    Built twoNames("n"), nested("m"), same("n"), outside("n");
+    twoNames.localName = "m";
     nested.localOffset = 31;
-    Built same("n");
     same.localOffset = 0;
+    outside.localOffset = 0xFFFFFFF0;
+    using namespace zip_result;
     const struct {
         const char* title;
         std::vector<Built> entries;
@@ -333,35 +329,24 @@ TEST_F(ZipReading, EveryLieIsRefusedAndLeavesNothing) {
         const char* logged;
         std::string between = "", disks = Number(0, 4);
     } rows[] = {
-        {"bomb, declared empty",
-         {changed([&](Built& e) { e.data = bomb, e.method = 8, e.size = 0; })},
-         zip_result::flateFailed,
-         "[0x5000000] [Zip-bug: an internal error during flation]"},
-        {"bomb, declared small",
-         {changed([&](Built& e) { e.data = bomb, e.method = 8, e.size = 100000; })},
-         zip_result::flateFailed,
-         ""},
-        {"4 GB declared",
-         {changed([](Built& e) { e.size = 0xFFFFFFFF; })},
-         zip_result::flateFailed,
-         "[n] would have 4294967295 bytes, more than the archive may still unpack to"},
-        {"shorter than its size", {changed([](Built& e) { e.size = 8; })}, zip_result::flateFailed, ""},
-        {"longer than its size", {changed([](Built& e) { e.size = 6; })}, zip_result::flateFailed, ""},
-        {"another CRC", {changed([](Built& e) { e.crc ^= 1; })}, zip_result::flateFailed, ""},
-        {"two names", {changed([](Built& e) { e.localName = "m"; })}, zip_result::corrupt, "[Zipfile is corrupt"},
-        {"header outside", {changed([](Built& e) { e.localOffset = 0xFFFFFFF0; })}, zip_result::corrupt, ""},
-        {"an item within an item", {Built("n", LocalRecord(inner)), nested}, zip_result::corrupt, ""},
-        {"one header for two", {Built("n"), same}, zip_result::corrupt, ""},
-        {"name too long", {Built(std::string(260, 'n'))}, zip_result::corrupt, ""},
-        {"method 12", {changed([](Built& e) { e.method = 12; })}, zip_result::flateFailed, "method 12 is not known"},
-        {"strong encryption",
-         {changed([](Built& e) { e.flags = 0x41; })},
-         zip_result::flateFailed,
-         "another kind than the traditional one"},
-        {"no room for encryption", {changed([](Built& e) { e.flags = 1; })}, zip_result::corrupt, ""},
-        {"64-bit records", {Built("n")}, zip_result::corrupt, "64-bit records are not read", "PK\6\7" + Number(0, 16)},
-        {"second disk", {Built("n")}, zip_result::corrupt, "several disks are not read", "", Number(1, 4)},
-        {"cut directory", {Built("n")}, zip_result::corrupt, "The central directory is damaged", "between"}};
+        {"bomb, declared empty", {bomb(0)}, flateFailed, "[0x5000000] [Zip-bug: an internal error during flation]"},
+        {"bomb, declared small", {bomb(100000)}, flateFailed, ""},
+        {"4 GB declared", {with(&Built::size, 0xFFFFFFFE)}, flateFailed, "[n] would have 4294967294 bytes, more than"},
+        {"64-bit sizes", {with(&Built::size, 0xFFFFFFFF)}, corrupt, "64-bit sizes"},
+        {"shorter than its size", {with(&Built::size, 8)}, flateFailed, ""},
+        {"longer than its size", {with(&Built::size, 6)}, flateFailed, ""},
+        {"another CRC", {with(&Built::crc, 1)}, flateFailed, ""},
+        {"two names", {twoNames}, corrupt, "[Zipfile is corrupt"},
+        {"header outside", {outside}, corrupt, ""},
+        {"an item within an item", {Built("n", LocalRecord(Built("m"))), nested}, corrupt, ""},
+        {"one header for two", {Built("n"), same}, corrupt, ""},
+        {"name too long", {Built(std::string(260, 'n'))}, corrupt, ""},
+        {"method 12", {with(&Built::method, 12)}, flateFailed, "method 12 is not known"},
+        {"strong encryption", {with(&Built::flags, 0x41)}, flateFailed, "another kind than the traditional one"},
+        {"no room for encryption", {with(&Built::flags, 1)}, corrupt, ""},
+        {"64-bit records", {Built("n")}, corrupt, "64-bit records are not read", "PK\6\7" + Number(0, 16)},
+        {"second disk", {Built("n")}, corrupt, "several disks are not read", "", Number(1, 4)},
+        {"cut directory", {Built("n")}, corrupt, "The central directory is damaged", "between"}};
     for (const auto& row : rows) {
         std::vector<Built> entries = row.entries;
         entries.emplace_back("z");
@@ -388,10 +373,10 @@ TEST_F(ZipReading, EncryptedItemsNeedTheirPassword) {
         for (const auto& [name, content] : contents) {
             std::string found;
             const ZipResult result = ReadItem(zip, index++, found);
-            if (password == std::string("secret")) {
-                EXPECT_EQ(result, zip_result::ok) << name;
-                EXPECT_TRUE(found == content) << name;
-            } else if (!content.empty()) {  // one password in 256 passes the check, and fails at the data
+            // One wrong password in 256 passes the check, and fails at the data.
+            if (password == std::string("secret") || content.empty()) {
+                EXPECT_TRUE(result == zip_result::ok && found == content) << name;
+            } else {
                 EXPECT_THAT(result, testing::AnyOf(zip_result::wrongPassword, zip_result::flateFailed)) << name;
             }
         }
@@ -415,7 +400,7 @@ TEST_F(ZipReading, AFileThatCannotBeWrittenIsDeletedAndAnArchiveThatCannotBeRead
                 {"create", Failing(&Operations::CreateFileW, platform::error::accessDenied), zip_result::noFile,
                  "Error code : 5"},
                 {"times", Failing(&Operations::SetFileInformationByHandle, platform::error::accessDenied),
-                 zip_result::ok, "times of [new] cannot be set"}};
+                 zip_result::ok, "new] cannot be set"}};
     for (const auto& row : rows) {
         ZipHandle zip = OpenZip(u"a.zip", nullptr);
         {
@@ -434,7 +419,6 @@ TEST_F(ZipReading, FaultyCallsAreAnswered) {
     std::int32_t index = 3;
     EXPECT_EQ(OpenZip(u"missing", nullptr), nullptr);
     EXPECT_EQ(LastZipReaderResult(), zip_result::noFile);
-    EXPECT_EQ(OpenZipMemory(nullptr, 5, nullptr), nullptr);
     EXPECT_EQ(UnzipItem(nullptr, 0, u"n"), zip_result::badArguments);
     EXPECT_EQ(CloseUnzip(&writer), zip_result::wrongKind);
     char16_t text[100];
@@ -448,7 +432,7 @@ TEST_F(ZipReading, FaultyCallsAreAnswered) {
     EXPECT_EQ(FindZipItem(zip, u"n", true, index, item), zip_result::ok);
     EXPECT_EQ(std::pair(index, item.index), std::pair(0, 0));
     EXPECT_EQ(GetZipItem(zip, -1, item), zip_result::ok);
-    EXPECT_EQ(std::pair(item.index, item.name), std::pair(1, std::u16string()));
+    EXPECT_TRUE(item.index == 1 && item.name.empty());
     EXPECT_EQ(GetZipItem(zip, 1, item), zip_result::badArguments);
     EXPECT_EQ(UnzipItem(zip, 1, u"n"), zip_result::ok);  // does nothing
     EXPECT_EQ(UnzipItem(zip, -1, u"n"), zip_result::badArguments);
