@@ -44,6 +44,25 @@ void ReadEntry(zip_t* archive, zip_uint64_t index, const std::string& name, std:
     }
 }
 
+struct SourceReleaser {
+    void operator()(zip_source_t* source) const { zip_source_free(source); }
+};
+using Source = std::unique_ptr<zip_source_t, SourceReleaser>;
+
+void Require(bool success) {
+    if (!success) throw std::runtime_error("libzip cannot make a zip");
+}
+
+std::string ContentOf(zip_source_t* source) {
+    zip_stat_t facts;
+    Require(zip_source_stat(source, &facts) == 0 && zip_source_open(source) == 0);
+    std::string bytes(facts.size, '\0');
+    const zip_int64_t size = zip_source_read(source, bytes.data(), bytes.size());
+    zip_source_close(source);
+    Require(size == static_cast<zip_int64_t>(bytes.size()));
+    return bytes;
+}
+
 }  // namespace
 
 void ReadArchive(std::string_view bytes, const EntrySink& sink) {
@@ -59,6 +78,21 @@ void ReadArchive(std::string_view bytes, const EntrySink& sink) {
         left -= content.size();
         if (!name.ends_with('/')) sink(name, content);
     }
+}
+
+std::string MakeArchive(const std::string& name, std::string_view content) {
+    const Source target(zip_source_buffer_create(nullptr, 0, 0, nullptr));
+    Require(target != nullptr);
+    Archive archive(zip_open_from_source(target.get(), ZIP_TRUNCATE, nullptr));
+    Require(archive != nullptr);
+    zip_source_keep(target.get());  // the archive has taken ours
+    zip_source_t* entry = zip_source_buffer(archive.get(), content.data(), content.size(), 0);
+    Require(entry != nullptr);
+    const bool added = zip_file_add(archive.get(), name.c_str(), entry, ZIP_FL_ENC_UTF_8) >= 0;
+    if (!added) zip_source_free(entry);
+    Require(added && zip_close(archive.get()) == 0);
+    static_cast<void>(archive.release());
+    return ContentOf(target.get());
 }
 
 }  // namespace kv::lab

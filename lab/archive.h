@@ -1,4 +1,4 @@
-// Reads an uploaded zip with libzip, which is independent of the agent's own writer.
+// Reads and makes zips with libzip, which is independent of the agent's own reader and writer.
 #pragma once
 
 #include <cstddef>
@@ -25,5 +25,8 @@ using EntrySink = std::function<void(const std::string& name, std::string_view c
 /// Checks an archive's consistency and reads every entry to its end, so that each CRC is verified, handing the entries
 /// over in order. MalformedArchive at the first fault, or when a bound above is passed.
 void ReadArchive(std::string_view bytes, const EntrySink& sink);
+
+/// A zip of one file.
+std::string MakeArchive(const std::string& name, std::string_view content);
 
 }  // namespace kv::lab

@@ -39,6 +39,11 @@ void Statement::Bind(std::string_view text) {
           sqlite3_bind_text64(statement_.get(), ++bound_, data, text.size(), SQLITE_TRANSIENT, SQLITE_UTF8));
 }
 
+void Statement::Bind(Bytes bytes) {
+    const char* data = bytes.content.empty() ? "" : bytes.content.data();
+    Check(connection_, sqlite3_bind_blob64(statement_.get(), ++bound_, data, bytes.content.size(), SQLITE_TRANSIENT));
+}
+
 void Statement::Bind(std::int64_t number) {
     Check(connection_, sqlite3_bind_int64(statement_.get(), ++bound_, number));
 }

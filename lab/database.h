@@ -27,7 +27,12 @@ Connection OpenConnection(const std::string& path);
 /// Runs statements that give no rows and take no arguments.
 void ExecuteScript(sqlite3* connection, const char* sql);
 
-/// One statement with its arguments bound in order: texts (UTF-8, may hold NUL) and 64-bit integers.
+/// An argument that is no text.
+struct Bytes {
+    std::string_view content;
+};
+
+/// One statement with its arguments bound in order: texts (UTF-8, may hold NUL), bytes and 64-bit integers.
 class Statement {
   public:
     template <class... Arguments>
@@ -39,7 +44,7 @@ class Statement {
     /// Moves to the next row; false at the end.
     bool Step();
 
-    /// Column of the present row.
+    /// Column of the present row; Text gives bytes too.
     std::int64_t Number(int column) const { return sqlite3_column_int64(statement_.get(), column); }
     std::string Text(int column) const;
 
@@ -50,6 +55,7 @@ class Statement {
 
     void Prepare(std::string_view sql);
     void Bind(std::string_view text);
+    void Bind(Bytes bytes);
     void Bind(std::int64_t number);
 
     sqlite3* connection_;
@@ -63,6 +69,13 @@ void Execute(sqlite3* connection, std::string_view sql, const Arguments&... argu
     Statement statement(connection, sql, arguments...);
     while (statement.Step()) {
     }
+}
+
+/// First number of a statement's first row; 0 when there is no row.
+template <class... Arguments>
+std::int64_t NumberOf(sqlite3* connection, std::string_view sql, const Arguments&... arguments) {
+    Statement statement(connection, sql, arguments...);
+    return statement.Step() ? statement.Number(0) : 0;
 }
 
 /// A transaction that holds the write lock from its start; undone unless committed.

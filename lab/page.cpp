@@ -281,6 +281,25 @@ void AddRefusals(std::string& html, const std::vector<Refusal>& refusals) {
     AddTable(html, "Refused uploads", {"Last time", "Agent", "Zip", "Reason", "From", "Times"}, rows);
 }
 
+std::string StateCell(const std::string& state) {
+    std::string_view look = "soft";
+    if (state == "answered" || state == "done") look = "good";
+    if (state == "dropped" || state == "unanswered") look = "bad";
+    return fmt::format("<span class={}>{}</span>", look, Escape(state));
+}
+
+void AddRequests(std::string& html, const std::vector<Request>& requests) {
+    std::vector<std::vector<std::string>> rows;
+    for (const Request& request : requests) {
+        std::string members;
+        const ParsedJson parsed = ParseJson(request.members);
+        if (parsed.valid) AddValue(members, parsed.value.get(), 0);
+        rows.push_back({UtcText(request.added), Escape(request.agent), Escape(request.id), Escape(request.type),
+                        members, StateCell(request.state)});
+    }
+    AddTable(html, "Requests", {"Time", "Agent", "Request", "Type", "Members", "State"}, rows);
+}
+
 void AddReports(std::string& html, std::string_view title, const std::vector<Report>& reports) {
     std::vector<std::vector<std::string>> rows;
     for (const Report& report : reports) {
@@ -300,6 +319,7 @@ Overview ReadOverview(Store& store) {
             Agents(store),
             Faults(store),
             LatestRefusals(store, pageReports),
+            LatestRequests(store, pageRequests),
             LatestActions(store, pageReports),
             LatestAnswers(store, pageReports),
             LatestRecords(store, pageRecords, maxPageTextBytes, previewCharacters)};
@@ -342,11 +362,12 @@ std::string Fragment(const Overview& overview) {
     AddAgents(html, overview.agents, overview.time);
     AddFaults(html, overview.faults);
     AddRefusals(html, overview.refusals);
+    AddRequests(html, overview.requests);
+    AddReports(html, "Answers to requests", overview.answers);
+    AddReports(html, "Notices", overview.actions);
     html += "<h2>Latest records</h2>\n";
     if (overview.records.empty()) html += "<p class=soft>No record has arrived yet.</p>\n";
     for (const Record& record : overview.records) AddRecord(html, record);
-    AddReports(html, "Answers to requests", overview.answers);
-    AddReports(html, "Notices", overview.actions);
     return html;
 }
 

@@ -1,5 +1,6 @@
-// The server's page, made from what the store gives: agents, faults on order, refused uploads, what agents reported,
-// and the latest records with their values. Pure text; all that comes from outside is escaped.
+// The server's page, made from what the store gives: agents, faults on order, refused uploads, requests and
+// what agents reported of them, and the latest records with their values. Pure text; all that comes from outside is
+// escaped.
 #pragma once
 
 #include <cstdint>
@@ -7,12 +8,14 @@
 #include <string_view>
 #include <vector>
 
+#include "lab/requests.h"
 #include "lab/store.h"
 
 namespace kv::lab {
 
 /// What the page shows. Larger texts are cut to a preview, so that the page stays light.
 inline constexpr std::int64_t pageRecords = 40;
+inline constexpr std::int64_t pageRequests = 15;
 inline constexpr std::int64_t pageReports = 15;
 inline constexpr std::int64_t maxPageTextBytes = 32768;
 inline constexpr std::int64_t previewCharacters = 2000;
@@ -26,6 +29,7 @@ struct Overview {
     std::vector<Agent> agents;
     std::vector<Fault> faults;
     std::vector<Refusal> refusals;
+    std::vector<Request> requests;
     std::vector<Report> actions;
     std::vector<Report> answers;
     std::vector<Record> records;

@@ -17,13 +17,6 @@ struct TokenerReleaser {
     void operator()(json_tokener* tokener) const { json_tokener_free(tokener); }
 };
 
-json_object* JsonText(std::string_view text) {
-    return json_object_new_string_len(text.data(), static_cast<int>(text.size()));
-}
-
-/// Print without blanks, slashes as they stand.
-constexpr int plainJson = JSON_C_TO_STRING_PLAIN | JSON_C_TO_STRING_NOSLASHESCAPE;
-
 }  // namespace
 
 ParsedJson ParseJson(std::string_view text) {
@@ -38,6 +31,14 @@ ParsedJson ParseJson(std::string_view text) {
                           json_tokener_get_parse_end(tokener.get()) == document.size();
     if (!complete) return {};
     return {true, std::move(value)};
+}
+
+json_object* JsonText(std::string_view text) {
+    return json_object_new_string_len(text.data(), static_cast<int>(text.size()));
+}
+
+std::string PlainJson(json_object* document) {
+    return json_object_to_json_string_ext(document, JSON_C_TO_STRING_PLAIN | JSON_C_TO_STRING_NOSLASHESCAPE);
 }
 
 RecordText DecodeRecord(const std::string& file, std::string_view bytes) {
@@ -73,7 +74,7 @@ std::string RecordLine(const Record& record) {
     std::string values = record.content.text;
     if (record.content.isJson) {
         const ParsedJson parsed = ParseJson(values);
-        if (parsed.valid) values = json_object_to_json_string_ext(parsed.value.get(), plainJson);
+        if (parsed.valid) values = PlainJson(parsed.value.get());
     }
     return fmt::format("{}\t{}\t{}\t{}\t{}\t{}", record.number, OneLine(record.agent), OneLine(record.zip),
                        OneLine(BaseName(record.content.file)), UtcText(record.time), OneLine(values));
@@ -95,7 +96,7 @@ std::string RecordsJson(const std::vector<Record>& records) {
         json_object_object_add(item, "values", parsed.valid ? parsed.value.release() : JsonText(record.content.text));
         json_object_array_add(list, item);
     }
-    return json_object_to_json_string_ext(document.get(), plainJson);
+    return PlainJson(document.get());
 }
 
 }  // namespace kv::lab

@@ -29,6 +29,12 @@ inline constexpr int maxJsonDepth = 100;
 /// Parses one document by the strict rules, white space around it allowed.
 ParsedJson ParseJson(std::string_view text);
 
+/// A text as a JSON value, owned by the caller.
+json_object* JsonText(std::string_view text);
+
+/// A document without blanks, slashes as they stand.
+std::string PlainJson(json_object* document);
+
 /// A record file's bytes (UTF-16LE) as UTF-8; what is no valid text becomes U+FFFD. Says whether it is JSON.
 RecordText DecodeRecord(const std::string& file, std::string_view bytes);
 

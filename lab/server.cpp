@@ -135,19 +135,20 @@ bool LabServer::Running::Delay(std::int64_t milliseconds) {
     return !wake.wait_for(lock, std::chrono::milliseconds(milliseconds), [this] { return stopping; });
 }
 
-/// Serves a request to a servlet, with the fault that is on order for it.
+/// Serves a request to one of servletNames, with the fault that is on order for it.
 void LabServer::Running::HandleServlet(const httplib::Request& request, httplib::Response& response, const Body& body) {
     const std::string servlet = request.matches[1];
-    const ServletRequest call{request.method, request.params, body.bytes, request.remote_addr};
     Store store = OpenStore(options.database);
     const std::optional<Fault> fault = TakeFault(store, servlet);
+    const bool cut = fault && fault->kind == FaultKind::cut;
+    const ServletRequest call{request.method, request.path, request.params, body.bytes, request.remote_addr, cut};
     if (fault && fault->kind == FaultKind::drop) return DropConnection(request);
     if (fault && fault->kind == FaultKind::delay && !Delay(fault->value)) return DropConnection(request);
     if (fault && fault->kind == FaultKind::status)
         return Send(response, TextAnswer(static_cast<int>(fault->value), "a fault is on order: " + FaultText(*fault)));
     const Enrolment enrolment{options.timeDiff, options.refusedKeys};
     Answer answer = body.fault ? RefuseBody(store, *body.fault, servlet, call) : Serve(store, enrolment, servlet, call);
-    if (fault && fault->kind == FaultKind::cut) return SendHalf(response, std::move(answer));
+    if (cut) return SendHalf(response, std::move(answer));
     Send(response, answer);
 }
 
@@ -162,11 +163,13 @@ void LabServer::Running::SetRoutes() {
     });
     http->Get("/api/records", [this](const httplib::Request& request, httplib::Response& response) {
         Store store = OpenStore(options.database);
-        Send(response, ServeRecords(store, {request.method, request.params, {}, request.remote_addr}));
+        Send(response, ServeRecords(store, {request.method, request.path, request.params, {}, request.remote_addr}));
     });
-    http->Get(R"(/servlets/(\w+))", [this](const httplib::Request& request, httplib::Response& response) {
-        HandleServlet(request, response, Body());
-    });
+    for (const char* path : {R"(/servlets/(\w+))", R"(/(conf)/\d+/queryconf\.zip)"}) {
+        http->Get(path, [this](const httplib::Request& request, httplib::Response& response) {
+            HandleServlet(request, response, Body());
+        });
+    }
     http->Post(R"(/servlets/(\w+))", [this](const httplib::Request& request, httplib::Response& response,
                                             const httplib::ContentReader& reader) {
         // The library would take a form apart, and has no reader for the whole of it.

@@ -4,8 +4,10 @@
 //   GET  /servlets/RegisterAgent            agentKey, agentID, agentDNS, ipAddress, customerName, remoteOffice, osName
 //   POST /servlets/FileCollector            AGENTKEY, FILENAME; the body is a zip
 //   GET  /servlets/StatusUpdateServlet      agentKey, agentStatus, serviceName
-//   GET  /servlets/DataAgentHandlerServlet  agentKey; action and requestId for a notice, neither for the request list
+//   GET  /servlets/DataAgentHandlerServlet  agentKey; neither action nor requestId: the request list, UTF-16LE JSON
+//   GET  /servlets/DataAgentHandlerServlet  agentKey, action, requestId: a notice; status and moId for a download
 //   POST /servlets/DataAgentHandlerServlet  agentKey, action, requestId; the body is UTF-16LE text
+//   GET  /conf/N/queryconf.zip              a configuration
 //   GET  /  /fragment  /api/records?after=N&agent=KEY&limit=N
 //
 // A request that is malformed gets status 400 and one line that says why; when the database fails, 500.

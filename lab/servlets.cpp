@@ -8,6 +8,7 @@
 #include "lab/archive.h"
 #include "lab/page.h"
 #include "lab/record_text.h"
+#include "lab/requests.h"
 
 namespace kv::lab {
 
@@ -22,6 +23,7 @@ constexpr std::int64_t maxApiRecords = 1000;
 constexpr std::size_t maxKeyLength = 100;
 
 constexpr const char* htmlType = "text/html; charset=utf-8";
+constexpr const char* listType = "text/plain; charset=utf-16le";
 
 /// What is wrong with a request, in one line.
 struct BadRequest : std::runtime_error {
@@ -117,20 +119,29 @@ Answer UpdateStatus(Store& store, const Enrolment&, const ServletRequest& reques
     return {};
 }
 
-/// A posted document, a notice of what was done, or the question for the list of requests, which is empty here.
+/// A posted document, a notice of what was done, or the question for the list of requests.
 Answer HandleRequests(Store& store, const Enrolment&, const ServletRequest& request) {
     const std::string key = KeyParameter(request, "agentKey");
-    const Report report{key, Parameter(request, "action"), Parameter(request, "requestId"),
-                        DecodeRecord("", request.body).text, 0};
+    Report report{key, Parameter(request, "action"), Parameter(request, "requestId"),
+                  DecodeRecord("", request.body).text, 0};
     const bool posted = request.method == "POST";
     if (posted && request.body.empty()) throw BadRequest("the body is empty");
     NoteContact(store, key, request.address);
     if (posted) {
-        StoreAnswer(store, report);
-    } else if (!report.action.empty()) {
-        NoteAction(store, {key, report.action, report.requestId, Parameter(request, "status"), 0});
+        TakeAnswer(store, report);
+        return {};
     }
+    if (report.action.empty()) return {200, TakeRequestList(store, key, !request.cut), listType, {}};
+    report.text = Parameter(request, "status");
+    TakeNotice(store, report, Parameter(request, "moId"));
     return {};
+}
+
+/// A configuration that an agent was told to download.
+Answer ServeConfiguration(Store& store, const Enrolment&, const ServletRequest& request) {
+    std::optional<std::string> zip = Configuration(store, request.path);
+    if (!zip) return TextAnswer(404, "there is no such configuration");
+    return {200, std::move(*zip), "application/zip", {}};
 }
 
 struct Servlet {
@@ -142,7 +153,8 @@ struct Servlet {
 constexpr std::array<Servlet, servletNames.size()> servlets{{{servletNames[0], "GET", Register},
                                                              {servletNames[1], "POST", Upload},
                                                              {servletNames[2], "GET", UpdateStatus},
-                                                             {servletNames[3], "GET POST", HandleRequests}}};
+                                                             {servletNames[3], "GET POST", HandleRequests},
+                                                             {servletNames[4], "GET", ServeConfiguration}}};
 
 }  // namespace
 

@@ -16,9 +16,11 @@ namespace kv::lab {
 
 struct ServletRequest {
     std::string method;                             // "GET" or "POST"
+    std::string path;                               // without the query
     std::multimap<std::string, std::string> query;  // decoded
     std::string_view body;
     std::string address;  // of the sender
+    bool cut = false;     // only half of the answer will be sent
 };
 
 struct Answer {

@@ -2,65 +2,11 @@
 
 #include <chrono>
 
+#include "lab/schema.h"
+
 namespace kv::lab {
 
 namespace {
-
-/// Marks the file as ours: "KVLB".
-constexpr std::int64_t applicationId = 0x4B564C42;
-constexpr std::int64_t schemaVersion = 1;
-
-constexpr const char* schema = R"(
-PRAGMA application_id = 1263946818;
-PRAGMA user_version = 1;
-CREATE TABLE agent (
-    key TEXT PRIMARY KEY, id TEXT NOT NULL DEFAULT '', dns TEXT NOT NULL DEFAULT '', address TEXT NOT NULL DEFAULT '',
-    customer TEXT NOT NULL DEFAULT '', office TEXT NOT NULL DEFAULT '', os TEXT NOT NULL DEFAULT '',
-    first_contact INTEGER NOT NULL, last_contact INTEGER NOT NULL,
-    status TEXT NOT NULL DEFAULT '', status_time INTEGER NOT NULL DEFAULT 0);
-CREATE TABLE delivery (
-    number INTEGER PRIMARY KEY AUTOINCREMENT, agent TEXT NOT NULL, zip TEXT NOT NULL, time INTEGER NOT NULL);
-CREATE INDEX delivery_by_zip ON delivery (agent, zip);
-CREATE TABLE record (
-    number INTEGER PRIMARY KEY AUTOINCREMENT, delivery INTEGER NOT NULL REFERENCES delivery, position INTEGER NOT NULL,
-    file TEXT NOT NULL, text TEXT NOT NULL, bytes INTEGER NOT NULL, is_json INTEGER NOT NULL,
-    UNIQUE (delivery, position));
-CREATE TABLE refused (
-    number INTEGER PRIMARY KEY, agent TEXT NOT NULL, zip TEXT NOT NULL, reason TEXT NOT NULL, address TEXT NOT NULL,
-    time INTEGER NOT NULL, times INTEGER NOT NULL, UNIQUE (agent, zip, reason));
-CREATE TABLE notice (
-    number INTEGER PRIMARY KEY, agent TEXT NOT NULL, action TEXT NOT NULL, request_id TEXT NOT NULL, text TEXT NOT NULL,
-    time INTEGER NOT NULL);
-CREATE TABLE answer (
-    number INTEGER PRIMARY KEY, agent TEXT NOT NULL, action TEXT NOT NULL, request_id TEXT NOT NULL, text TEXT NOT NULL,
-    time INTEGER NOT NULL);
-CREATE TABLE fault (
-    number INTEGER PRIMARY KEY AUTOINCREMENT, servlet TEXT NOT NULL, kind INTEGER NOT NULL, value INTEGER NOT NULL,
-    remaining INTEGER NOT NULL);
-)";
-
-std::int64_t NumberOf(sqlite3* connection, std::string_view sql) {
-    Statement statement(connection, sql);
-    return statement.Step() ? statement.Number(0) : 0;
-}
-
-/// False when the file is new and holds nothing.
-bool IsLabDatabase(sqlite3* connection, const std::string& path) {
-    const std::int64_t id = NumberOf(connection, "PRAGMA application_id");
-    const std::int64_t version = NumberOf(connection, "PRAGMA user_version");
-    if (id == applicationId && version == schemaVersion) return true;
-    if (id == applicationId) throw DatabaseError(path + " was made by another version of kvlab");
-    if (NumberOf(connection, "SELECT count(*) FROM sqlite_master") != 0)
-        throw DatabaseError(path + " is not a lab's database");
-    return false;
-}
-
-void MakeSchema(sqlite3* connection, const std::string& path) {
-    ExecuteScript(connection, "PRAGMA journal_mode = WAL");
-    Transaction transaction(connection);
-    if (!IsLabDatabase(connection, path)) ExecuteScript(connection, schema);
-    transaction.Commit();
-}
 
 std::string NewKey(sqlite3* connection, const AgentDetails& details) {
     Statement known(connection, "SELECT key FROM agent WHERE id = ? AND dns = ? ORDER BY last_contact DESC", details.id,
@@ -137,7 +83,7 @@ std::int64_t Now() {
 
 Store OpenStore(const std::string& path) {
     Store store{OpenConnection(path)};
-    if (!IsLabDatabase(store.connection.get(), path)) MakeSchema(store.connection.get(), path);
+    SettleSchema(store.connection.get(), path);
     return store;
 }
 

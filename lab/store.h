@@ -7,6 +7,7 @@
 //   notice    actions that agents reported in a query, with the request that they belong to
 //   answer    documents that agents posted, with the request that they belong to
 //   fault     faults on order, the oldest that fits first
+//   request, conf  what agents are asked to do, see lab/requests.h
 //
 // Times are milliseconds since 1970, texts are UTF-8. All routines raise DatabaseError when the database fails. Each
 // thread opens its own Store.
@@ -28,7 +29,8 @@ struct Store {
     Connection connection;
 };
 
-/// Opens a lab's database, making it when it is missing; DatabaseError also when the file is something else.
+/// Opens a lab's database, making it when it is missing and upgrading one of an older version; DatabaseError also when
+/// the file is something else.
 Store OpenStore(const std::string& path);
 
 /// Milliseconds since 1970.
@@ -139,9 +141,9 @@ std::vector<Report> LatestAnswers(Store& store, std::int64_t limit);
 
 // --- Faults
 
-/// The servlets that faults can be ordered for; "*" stands for all of them.
-inline constexpr std::array<std::string_view, 4> servletNames{"RegisterAgent", "FileCollector", "StatusUpdateServlet",
-                                                              "DataAgentHandlerServlet"};
+/// What faults can be ordered for: the servlets, and "conf" for the download of configurations. "*" stands for all.
+inline constexpr std::array<std::string_view, 5> servletNames{"RegisterAgent", "FileCollector", "StatusUpdateServlet",
+                                                              "DataAgentHandlerServlet", "conf"};
 
 enum class FaultKind {
     status = 0,  // value: the HTTP status that is answered; nothing is stored

@@ -1,0 +1,99 @@
+// kvlab conf push.
+#include <algorithm>
+#include <array>
+#include <filesystem>
+#include <fmt/format.h>
+#include <fstream>
+#include <iterator>
+#include <optional>
+
+#include "foundation/file_utils.h"
+#include "lab/archive.h"
+#include "lab/command_line.h"
+#include "lab/record_text.h"
+#include "lab/request_queue.h"
+#include "lab/requests.h"
+#include "platform/utf.h"
+
+namespace kv::lab {
+
+namespace {
+
+std::string ReadPlanFile(const std::string& path) {
+    if (!std::filesystem::exists(path)) throw NotFoundError("there is no file " + path);
+    std::ifstream file(path, std::ios::binary);
+    std::string bytes(std::istreambuf_iterator<char>(file), {});
+    if (!file.is_open() || file.bad() || std::filesystem::is_directory(path))
+        throw std::runtime_error("cannot read " + path);
+    if (bytes.size() > maxEntryBytes) throw std::runtime_error(path + " is too large for a plan");
+    return bytes;
+}
+
+/// The text of UTF-8 or UTF-16LE, with or without a byte order mark; none when it is neither.
+std::optional<std::u16string> TextOf(std::string_view bytes) {
+    using namespace std::string_view_literals;
+    const bool marked = bytes.starts_with("\xFF\xFE"sv);
+    // In UTF-16 the braces and quotes of a plan have zero bytes.
+    if (marked || bytes.find('\0') != std::string_view::npos) {
+        if (bytes.size() % 2 != 0) return std::nullopt;
+        return TextFromUtf16LittleEndian(bytes.substr(marked ? 2 : 0));
+    }
+    if (bytes.starts_with("\xEF\xBB\xBF"sv)) bytes.remove_prefix(3);
+    if (!platform::IsValidUtf8(bytes)) return std::nullopt;
+    return platform::WideFromUtf8(bytes);
+}
+
+bool EqualIgnoringCase(std::string_view a, std::string_view b) {
+    const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? c + 32 : c; };
+    return std::equal(a.begin(), a.end(), b.begin(), b.end(), [&](char x, char y) { return lower(x) == lower(y); });
+}
+
+/// What is wrong with a plan whose workflows have to stand under this name; empty when nothing is.
+std::string FaultOf(const std::optional<std::u16string>& text, const std::string& name) {
+    if (!text) return "is neither UTF-8 nor UTF-16LE";
+    const ParsedJson plan = ParseJson(platform::Utf8FromWide(*text));
+    if (!plan.valid) return "is not JSON";
+    json_object* workflows = nullptr;
+    const bool found = json_object_is_type(plan.value.get(), json_type_object) &&
+                       json_object_object_get_ex(plan.value.get(), name.c_str(), &workflows);
+    return found && json_object_is_type(workflows, json_type_array) ? "" : "has no array " + name;
+}
+
+void RunConfPush(const Options& options) {
+    const std::string key = NeededValue(options, "KEY");
+    const std::string agent = Value(options, "--agent", key);
+    const std::string path = NeededValue(options, "FILE");
+    const std::string bytes = ReadPlanFile(path);
+    const std::optional<std::u16string> text = TextOf(bytes);
+    const std::string fault = FaultOf(text, EqualIgnoringCase(key, agent) ? "WorkFlows" : "WorkFlows_" + key);
+    if (!fault.empty() && !Has(options, "--force"))
+        throw std::runtime_error(fmt::format("{} {}; --force sends it all the same", path, fault));
+    const std::string zip = MakeArchive("queryconf.txt", text ? Utf16LittleEndianBytes(*text) : bytes);
+    QueueForAgent(options, agent, [&](Store& store) { return AddConfiguration(store, agent, key, zip); });
+}
+
+}  // namespace
+
+std::span<const Command> ConfigurationCommands() {
+    static const std::array<Command, 1> commands{{
+        {"conf push",
+         {{"--database", 1}, {"--agent", 1}, {"--state", 1}, {"--no-flag", 0}, {"--force", 0}},
+         {"KEY", "FILE"},
+         RunConfPush,
+         R"(usage: kvlab conf push --database FILE [options] KEY FILE
+
+Gives an agent a new plan: stores the file as a zip to download, queues the request DOWNLOAD_QUERYCONF, and tells the agent
+that requests wait. Prints the request's id.
+
+  KEY           the agent whose plan it is
+  FILE          the plan, JSON in UTF-8 or UTF-16LE; its workflows stand under WorkFlows, a slave's under WorkFlows_KEY
+  --agent KEY   the agent that fetches it, where KEY is one of its slaves
+  --state DIR   the fetching agent's state directory, as for request add
+  --no-flag     only queue, as for request add
+  --force       send a file that is not such a plan too, to see what the agent makes of it
+)"},
+    }};
+    return commands;
+}
+
+}  // namespace kv::lab

@@ -1,0 +1,95 @@
+// kvlab request add and list.
+#include <array>
+#include <fmt/format.h>
+
+#include "lab/command_line.h"
+#include "lab/record_text.h"
+#include "lab/request_queue.h"
+#include "lab/requests.h"
+#include "platform/utf.h"
+
+namespace kv::lab {
+
+namespace {
+
+/// NAME=VALUE.
+std::pair<std::string, std::string> MemberOf(const std::string& text) {
+    const std::size_t end = text.find('=');
+    if (end == 0 || end == std::string::npos) throw UsageError("--set takes NAME=VALUE, not '" + text + "'");
+    if (!platform::IsValidUtf8(text)) throw UsageError("--set takes UTF-8, not '" + text + "'");
+    std::string name = text.substr(0, end);
+    if (name == "AGENT_REQUEST_ID") throw UsageError("AGENT_REQUEST_ID is given with --id");
+    if (name == "REQUEST_TYPE") throw UsageError("REQUEST_TYPE is given with --type");
+    return {std::move(name), text.substr(end + 1)};
+}
+
+void RunRequestAdd(const Options& options) {
+    NewRequest request{NeededValue(options, "--agent"), NeededValue(options, "--type"), Value(options, "--id"), {}};
+    for (const std::string& text : Values(options, "--set")) request.members.push_back(MemberOf(text));
+    for (const std::string& text : {request.type, request.id})
+        if (!platform::IsValidUtf8(text)) throw UsageError("'" + text + "' is no UTF-8");
+    QueueForAgent(options, request.agent, [&](Store& store) { return AddRequest(store, request); });
+}
+
+std::string TimeText(std::int64_t time) { return time == 0 ? "" : UtcText(time); }
+
+void RunRequestList(const Options& options) {
+    Store store = OpenExisting(options);
+    const std::string agent = Value(options, "--agent");
+    const std::vector<Request> requests = Requests(store, agent);
+    if (requests.empty() && !agent.empty() && !AgentExists(store, agent))
+        throw NotFoundError("there is no agent with the key " + agent);
+    for (const Request& request : requests)
+        PrintLine(fmt::format("{}\t{}\t{}\t{}\t{}\t{}\t{}\t{}\t{}\t{}", request.number, OneLine(request.agent),
+                              OneLine(request.id), OneLine(request.type), request.state, TimeText(request.added),
+                              TimeText(request.listed), TimeText(request.ended), request.listings,
+                              OneLine(request.members)));
+    Flush();
+}
+
+}  // namespace
+
+std::span<const Command> RequestCommands() {
+    static const std::array<Command, 2> commands{{
+        {"request add",
+         {{"--database", 1},
+          {"--agent", 1},
+          {"--type", 1},
+          {"--id", 1},
+          {"--set", 1},
+          {"--state", 1},
+          {"--no-flag", 0}},
+         {},
+         RunRequestAdd,
+         R"(usage: kvlab request add --database FILE --agent KEY --type TYPE [options]
+
+Queues a request of any type with any members, unchecked, and tells the agent that requests wait, which it sees within 30
+seconds. Prints the request's id.
+
+  --agent KEY       the agent that fetches it
+  --type TYPE       REQUEST_TYPE, such as TEST_MONITOR
+  --id ID           AGENT_REQUEST_ID; a number by default
+  --set NAME=VALUE  another member; may be given several times
+  --state DIR       the agent's state directory, by default KVAGENT_STATE_DIR, else the usual one; RequestAvailable is
+                    set to YES in the registry there, which has to be that of the agent
+  --no-flag         only queue: for an agent on another machine, or one that this server has not heard of yet
+)"},
+        {"request list",
+         {{"--database", 1}, {"--agent", 1}},
+         {},
+         RunRequestList,
+         R"(usage: kvlab request list --database FILE [--agent KEY]
+
+Prints the requests, one a line, with tabs between: number, agent, id, type, state, times of adding, last listing and end,
+number of listings, members.
+
+States: waiting (not fetched yet), listed (fetched, not ended), answered, dropped (the agent went down while serving it),
+done (of a kind that gets no answer), unanswered (listed three times).
+
+  --agent KEY  only this agent's
+)"},
+    }};
+    return commands;
+}
+
+}  // namespace kv::lab

@@ -1,0 +1,183 @@
+#include "lab/requests.h"
+
+#include <algorithm>
+#include <array>
+
+#include "foundation/file_utils.h"
+#include "lab/record_text.h"
+#include "platform/utf.h"
+
+namespace kv::lab {
+
+namespace {
+
+constexpr std::string_view downloadType = "DOWNLOAD_QUERYCONF";
+
+/// Whether an agent sends nothing about such a request, however it goes.
+bool IsSilent(std::string_view type, json_object* members) {
+    constexpr std::array<std::string_view, 4> alwaysAnswered{downloadType, "SNMP_TEST_MONITOR", "GET_INSTANCE_DATA",
+                                                             "DISCOVER_SNMP_DEVICES"};
+    constexpr std::array<std::string_view, 3> answeredOnDemand{"TEST_MONITOR", "START_SERVICE", "STOP_SERVICE"};
+    if (std::count(alwaysAnswered.begin(), alwaysAnswered.end(), type) != 0) return false;
+    if (std::count(answeredOnDemand.begin(), answeredOnDemand.end(), type) == 0) return true;
+    json_object* needed = nullptr;
+    return !json_object_object_get_ex(members, "RESPONSE_NEEDED", &needed) ||
+           std::string_view(json_object_get_string(needed)) != "YES";
+}
+
+std::string NewId(sqlite3* connection) {
+    for (std::int64_t number = 1 + NumberOf(connection, "SELECT max(number) FROM request");; ++number) {
+        std::string id = std::to_string(number);
+        if (!Statement(connection, "SELECT 1 FROM request WHERE id = ?", id).Step()) return id;
+    }
+}
+
+/// Within a transaction of the caller's.
+std::string InsertRequest(sqlite3* connection, const NewRequest& request) {
+    const std::string id = request.id.empty() ? NewId(connection) : request.id;
+    if (Statement(connection, "SELECT 1 FROM request WHERE id = ?", id).Step())
+        throw RequestExists("there is a request with the id " + id);
+    const Json members(json_object_new_object());
+    for (const auto& [name, value] : request.members)
+        json_object_object_add(members.get(), name.c_str(), JsonText(value));
+    Execute(connection, "INSERT INTO request (agent, id, type, members, silent, added) VALUES (?, ?, ?, ?, ?, ?)",
+            request.agent, id, request.type, PlainJson(members.get()),
+            static_cast<std::int64_t>(IsSilent(request.type, members.get())), Now());
+    return id;
+}
+
+constexpr std::string_view requestColumns =
+    "SELECT number, agent, id, type, members, state, added, listed, ended, listings FROM request ";
+
+std::vector<Request> ReadRequests(Statement& rows) {
+    std::vector<Request> requests;
+    while (rows.Step())
+        requests.push_back({rows.Number(0), rows.Text(1), rows.Text(2), rows.Text(3), rows.Text(4), rows.Text(5),
+                            rows.Number(6), rows.Number(7), rows.Number(8), rows.Number(9)});
+    return requests;
+}
+
+std::string ListDocument(const std::vector<Request>& requests) {
+    const Json document(json_object_new_object());
+    json_object* list = json_object_new_array();
+    json_object_object_add(document.get(), "RequestList", list);
+    for (const Request& request : requests) {
+        json_object* item = json_object_new_object();
+        json_object_object_add(item, "AGENT_REQUEST_ID", JsonText(request.id));
+        json_object_object_add(item, "REQUEST_TYPE", JsonText(request.type));
+        const ParsedJson members = ParseJson(request.members);
+        json_object_object_foreach(members.value.get(), name, value) {
+            json_object_object_add(item, name, json_object_get(value));
+        }
+        json_object_array_add(list, item);
+    }
+    return Utf16LittleEndianBytes(platform::WideFromUtf8(PlainJson(document.get())));
+}
+
+/// Ends the silent requests that the agent must be past when it reports about this one: those in front of it in the
+/// same list. A notice comes when the whole list is served, and ends a silent one that it names as well.
+void EndSilentRequests(sqlite3* connection, const Report& report, bool includingItself) {
+    Execute(connection,
+            "UPDATE request SET state = 'done', ended = ?3 FROM "
+            "(SELECT number AS reached, listed AS at FROM request WHERE agent = ?1 AND id = ?2) "
+            "WHERE agent = ?1 AND state = 'listed' AND silent AND listed <= at AND number < reached + ?4",
+            report.agent, report.requestId, Now(), static_cast<std::int64_t>(includingItself));
+}
+
+/// Ends a request that has not come to an end, or to none but that of having been forgotten.
+void EndRequest(sqlite3* connection, const Report& report, std::string_view state) {
+    Execute(connection,
+            "UPDATE request SET state = ?3, ended = ?4 "
+            "WHERE agent = ?1 AND id = ?2 AND state IN ('waiting', 'listed', 'unanswered')",
+            report.agent, report.requestId, state, Now());
+}
+
+void EndDownloads(sqlite3* connection, std::string_view agent, std::string_view planKeys) {
+    Execute(connection,
+            "UPDATE request SET state = 'answered', ended = ?4 WHERE agent = ?1 AND type = ?2 AND state = 'listed' "
+            "AND instr(',' || ?3 || ',', ',' || json_extract(members, '$.AGENT_KEY') || ',') > 0",
+            agent, downloadType, planKeys, Now());
+}
+
+}  // namespace
+
+std::string AddRequest(Store& store, const NewRequest& request) {
+    Transaction transaction(store.connection.get());
+    std::string id = InsertRequest(store.connection.get(), request);
+    transaction.Commit();
+    return id;
+}
+
+std::string AddConfiguration(Store& store, std::string_view agent, std::string_view planKey, std::string_view zip) {
+    sqlite3* connection = store.connection.get();
+    Transaction transaction(connection);
+    Execute(connection, "INSERT INTO conf (agent, zip, time) VALUES (?, ?, ?)", planKey, Bytes{zip}, Now());
+    const std::string path = "/conf/" + std::to_string(sqlite3_last_insert_rowid(connection)) + "/queryconf.zip";
+    std::string id = InsertRequest(connection, {std::string(agent),
+                                                std::string(downloadType),
+                                                "",
+                                                {{"AGENT_KEY", std::string(planKey)}, {"DOWNLOAD_URL", path}}});
+    transaction.Commit();
+    return id;
+}
+
+std::optional<std::string> Configuration(Store& store, std::string_view path) {
+    Statement row(store.connection.get(), "SELECT zip FROM conf WHERE '/conf/' || number || '/queryconf.zip' = ?",
+                  path);
+    if (!row.Step()) return std::nullopt;
+    return row.Text(0);
+}
+
+std::string TakeRequestList(Store& store, std::string_view agent, bool arrives) {
+    sqlite3* connection = store.connection.get();
+    Transaction transaction(connection);
+    Execute(connection,
+            "UPDATE request SET state = iif(silent, 'done', 'unanswered'), ended = ?3 "
+            "WHERE agent = ?1 AND state = 'listed' AND listings >= ?2",
+            agent, maxListings, Now());
+    Execute(connection,
+            "UPDATE request SET state = 'listed', listed = ?2, listings = listings + 1 "
+            "WHERE agent = ?1 AND state IN ('waiting', 'listed')",
+            agent, Now());
+    std::vector<Request> requests;
+    {
+        Statement rows(connection, std::string(requestColumns) + "WHERE agent = ? AND state = 'listed' ORDER BY number",
+                       agent);
+        requests = ReadRequests(rows);
+    }
+    if (arrives) transaction.Commit();
+    return requests.empty() ? "" : ListDocument(requests);
+}
+
+void TakeAnswer(Store& store, const Report& report) {
+    sqlite3* connection = store.connection.get();
+    Transaction transaction(connection);
+    StoreAnswer(store, report);
+    EndRequest(connection, report, "answered");
+    EndSilentRequests(connection, report, false);
+    transaction.Commit();
+}
+
+void TakeNotice(Store& store, const Report& report, std::string_view planKeys) {
+    sqlite3* connection = store.connection.get();
+    Transaction transaction(connection);
+    NoteAction(store, report);
+    const bool downloaded = report.action == downloadType;
+    if (report.action == "DELETE_REQUEST") EndRequest(connection, report, "dropped");
+    if (downloaded) EndDownloads(connection, report.agent, planKeys);
+    EndSilentRequests(connection, report, downloaded);
+    transaction.Commit();
+}
+
+std::vector<Request> Requests(Store& store, std::string_view agent) {
+    Statement rows(store.connection.get(), std::string(requestColumns) + "WHERE ?1 = '' OR agent = ?1 ORDER BY number",
+                   agent);
+    return ReadRequests(rows);
+}
+
+std::vector<Request> LatestRequests(Store& store, std::int64_t limit) {
+    Statement rows(store.connection.get(), std::string(requestColumns) + "ORDER BY number DESC LIMIT ?", limit);
+    return ReadRequests(rows);
+}
+
+}  // namespace kv::lab

@@ -1,0 +1,14 @@
+// The tables of a lab's database. user_version counts their versions; applicationId marks the file as a lab's.
+#pragma once
+
+#include <sqlite3.h>
+#include <string>
+
+namespace kv::lab {
+
+/// Makes the tables in an empty database and adds those that one of an older version lacks; what it holds stays.
+/// DatabaseError, with nothing changed, when the database is of a newer version or something else; path is for the
+/// message.
+void SettleSchema(sqlite3* connection, const std::string& path);
+
+}  // namespace kv::lab
