@@ -28,15 +28,26 @@ std::string PlaceOf(const std::string& stateDirectory) {
     return configured && *configured ? configured : "the usual state directory";
 }
 
+[[noreturn]] void FailToRead(const std::string& place, platform::Error failure) {
+    throw std::runtime_error(fmt::format("the registry in {} cannot be read: {}", place, ErrorText(failure)));
+}
+
 void RequireAgentSettings(const std::string& place) {
     platform::RegistryKey key = 0;
     const platform::Error failure = platform::Registry().RegOpenKeyExW(platform::RootKey::localMachine, agentKeyPath,
                                                                        platform::RegistryAccess::queryValue, key);
     if (failure == platform::error::fileNotFound)
         throw NotFoundError(fmt::format("there is no agent's registry in {}; {}", place, noFlagHint));
-    if (failure != platform::error::success)
-        throw std::runtime_error(fmt::format("the registry in {} cannot be read: {}", place, ErrorText(failure)));
+    if (failure != platform::error::success) FailToRead(place, failure);
     platform::Registry().RegCloseKey(key);
+}
+
+/// The key that the registry's agent has; empty when it has none yet.
+std::string RegistryAgentKey(const std::string& place) {
+    OptionalText key;
+    const platform::Error failure = GetOCAgentKey(key);
+    if (failure != platform::error::success && failure != platform::error::fileNotFound) FailToRead(place, failure);
+    return platform::Utf8FromWide(key.value_or(u""));
 }
 
 /// Makes the registry that the options name the current one, which has to be that of the agent.
@@ -46,19 +57,17 @@ void OpenAgentRegistry(const Options& options, const std::string& agent) {
     platform::InstallBackend();
     const std::string place = PlaceOf(stateDirectory);
     RequireAgentSettings(place);
-    OptionalText text;
-    if (GetOCAgentKey(text) != platform::error::success || !text)
-        throw std::runtime_error(fmt::format("the agent of the registry in {} has no key yet; {}", place, noFlagHint));
-    const std::string found = platform::Utf8FromWide(*text);
-    if (found != agent)
-        throw std::runtime_error(
-            fmt::format("the registry in {} is that of the agent {}; {}", place, found, noFlagHint));
+    const std::string found = RegistryAgentKey(place);
+    if (found == agent) return;
+    const std::string owner = found.empty() ? "an agent without a key" : "the agent " + found;
+    throw std::runtime_error(fmt::format("the registry in {} is that of {}; {}", place, owner, noFlagHint));
 }
 
-void RaiseRequestFlag() {
-    if (const platform::Error failure = SetRequestAvailable(u"YES"))
-        throw std::runtime_error("the request is queued, but RequestAvailable cannot be set in the agent's registry: " +
-                                 ErrorText(failure));
+void RaiseRequestFlag(const std::string& id) {
+    const platform::Error failure = SetRequestAvailable(u"YES");
+    if (failure == platform::error::success) return;
+    throw std::runtime_error(
+        fmt::format("request {} is queued, but RequestAvailable cannot be set: {}", id, ErrorText(failure)));
 }
 
 }  // namespace
@@ -69,9 +78,10 @@ void QueueForAgent(const Options& options, const std::string& agent, const std::
     if (flag && !AgentExists(store, agent))
         throw NotFoundError(fmt::format("there is no agent with the key {}; {}", agent, noFlagHint));
     if (flag) OpenAgentRegistry(options, agent);
-    PrintLine(add(store));
+    const std::string id = add(store);
+    if (flag) RaiseRequestFlag(id);
+    PrintLine(id);
     Flush();
-    if (flag) RaiseRequestFlag();
 }
 
 }  // namespace kv::lab

@@ -1,10 +1,6 @@
 // kvlab, run as its users run it.
-#include <cstdio>
-#include <fstream>
 #include <gmock/gmock.h>
 #include <signal.h>
-#include <sys/wait.h>
-#include <utility>
 
 #include "tests/lab/lab_helpers.h"
 
@@ -15,55 +11,11 @@ namespace {
 using ::testing::HasSubstr;
 using ::testing::MatchesRegex;
 
-/// The program, started by a shell that says its number first; killed at the end of its life if it is still running.
-class Program {
-  public:
-    explicit Program(const std::string& words)
-        : output_(popen(("echo $$; exec '" KVLAB_PROGRAM "' " + words).c_str(), "r")), pid_(std::stoi(Line())) {}
-    Program(const Program&) = delete;
-    Program& operator=(const Program&) = delete;
-    ~Program() {
-        if (!output_) return;
-        Signal(SIGKILL);
-        ExitCode();
-    }
-
-    std::string Line() { return Read('\n'); }
-    std::string Output() { return Read(EOF); }
-    void Signal(int number) const { kill(pid_, number); }
-    int ExitCode() {
-        const int status = pclose(std::exchange(output_, nullptr));
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-
-  private:
-    std::string Read(int end) {
-        std::string text;
-        for (int c = fgetc(output_); c != EOF && c != end; c = fgetc(output_)) text += static_cast<char>(c);
-        return text;
-    }
-
-    FILE* output_;
-    pid_t pid_;
-};
-
-class Kvlab : public LabFolder {
-  protected:
-    Program Run(const std::string& words) const { return Program(words + " 2>'" + errors + "'"); }
-    Program RunOnDatabase(const std::string& words) const { return Run(words + " --database '" + database + "'"); }
-    std::string Errors() const {
-        std::ifstream file(errors);
-        return {std::istreambuf_iterator<char>(file), {}};
-    }
-
-    void UploadRecord(const std::string& name, const std::string& text) const {
-        Store store = OpenStore(database);
-        NoteContact(store, "K1", "127.0.0.1");
-        StoreDelivery(store, "K1", name + ".zip", [&](const RecordSink& sink) { sink({"data/" + name, text, true}); });
-    }
-
-    std::string errors = folder / "errors";
-};
+void UploadRecord(const std::string& database, const std::string& name, const std::string& text) {
+    Store store = OpenStore(database);
+    NoteContact(store, "K1", "127.0.0.1");
+    StoreDelivery(store, "K1", name + ".zip", [&](const RecordSink& sink) { sink({"data/" + name, text, true}); });
+}
 
 TEST_F(Kvlab, ExitCodesAndWords) {
     const Store store = OpenStore(database);
@@ -79,6 +31,14 @@ TEST_F(Kvlab, ExitCodesAndWords) {
         {"fault clear" + on, 0, ""},
         {"", 2, "a command is missing"},
         {"fault", 2, "fault needs set, clear or list"},
+        {"request --help", 0, "usage: kvlab request list"},
+        {"request add --agent K1 --type T --set =x" + on, 2, "NAME=VALUE"},
+        {"request add --agent K1 --type T --set REQUEST_TYPE=x" + on, 2, "--type"},
+        {"request add --agent K9 --type T" + on, 3, "K9"},
+        {"request list --agent K9" + on, 3, "K9"},
+        {"conf push K1" + on, 2, "FILE is missing"},
+        {"conf push K1 a b" + on, 2, "'b'"},
+        {"conf push K1 " + std::string(folder / "absent.json") + on, 3, "absent.json"},
         {"records --all" + on, 2, "unknown option '--all'"},
         {"agents K1" + on, 2, "unknown option 'K1'"},
         {"records --database", 2, "--database needs a value"},
@@ -131,10 +91,10 @@ TEST_F(Kvlab, AServerAndTheCommandsBesideIt) {
 }
 
 TEST_F(Kvlab, RecordsAreFollowed) {
-    UploadRecord("first", "1");
+    UploadRecord(database, "first", "1");
     Program follow = RunOnDatabase("records --follow");
     EXPECT_THAT(follow.Line(), HasSubstr("\tfirst\t"));
-    UploadRecord("second", "\"\x1b[31m\u009B\"");
+    UploadRecord(database, "second", "\"\x1b[31m\u009B\"");
     const std::string line = follow.Line();
     EXPECT_THAT(line, HasSubstr("\tsecond\t"));
     EXPECT_EQ(line.find_first_of("\x1b\xC2"), std::string::npos) << "nothing steers the terminal";
