@@ -18,7 +18,8 @@ inline void InitializeInterleaved(int argc, char** argv) {
     benchmark::Initialize(&count, arguments.data());
 }
 
-/// The usual table, from which two medians of processor time are kept, in the benchmarks' own unit.
+/// The usual table, from which two medians are kept, in the benchmarks' own unit: of processor time, or of the time
+/// that they measure themselves.
 class MedianReporter : public benchmark::ConsoleReporter {
   public:
     /// The name of the measurement that the other one is held against.
@@ -27,7 +28,9 @@ class MedianReporter : public benchmark::ConsoleReporter {
     void ReportRuns(const std::vector<Run>& runs) override {
         for (const Run& run : runs) {
             if (run.aggregate_name != "median") continue;
-            (run.benchmark_name().starts_with(peerName_) ? peer : own) = run.GetAdjustedCPUTime();
+            const bool isManual = run.run_name.time_type == "manual_time";
+            const double time = isManual ? run.GetAdjustedRealTime() : run.GetAdjustedCPUTime();
+            (run.benchmark_name().starts_with(peerName_) ? peer : own) = time;
         }
         ConsoleReporter::ReportRuns(runs);
     }

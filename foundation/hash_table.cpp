@@ -11,7 +11,15 @@ namespace {
 
 HashEntry* FirstEntry(const HashTable* table, std::u16string_view key) { return table->buckets[HashOfKey(table, key)]; }
 
-bool HasKey(const HashEntry* entry, std::u16string_view key) { return entry->key && key == entry->key; }
+/// Without measuring the entry's key first: most searches part at its first characters.
+bool HasKey(const HashEntry* entry, std::u16string_view key) {
+    const char16_t* other = entry->key;
+    if (!other) return false;
+    for (const char16_t character : key) {
+        if (*other == u'\0' || *other++ != character) return false;
+    }
+    return *other == u'\0';
+}
 
 /// The word to store: a copy for a text, the value itself for all else. False when memory ran out.
 bool StoredValue(Word& value, ValueType type) {
@@ -67,6 +75,7 @@ void FreeValueOf(Word value, ValueType type) {
 }  // namespace
 
 std::int32_t HashOfKey(const HashTable* table, std::u16string_view key) {
+    if (table->size == 1) return 0;
     std::int64_t hash = 0;
     for (const char16_t character : key) hash = (hash * 26 + character) % table->size;
     return static_cast<std::int32_t>(hash);

@@ -19,6 +19,13 @@ VectorElement** LinkAt(Vector* vector, std::int32_t index) {
     return link;
 }
 
+/// Links a chain of elements behind those of the list; the chain must not be empty.
+void Append(Vector* vector, const Vector& chain) {
+    (vector->head ? vector->tail->next : vector->head) = chain.head;
+    vector->tail = chain.tail;
+    vector->count += chain.count;
+}
+
 /// Unlinks and frees the element behind a link; previous is the element before it, or null.
 void Unlink(Vector* vector, VectorElement** link, VectorElement* previous) {
     VectorElement* element = *link;
@@ -67,12 +74,7 @@ void InitVector(Vector* vector, const VectorComparator* compareRef) {
 int AddElement(Vector* vector, VectorElement* element) {
     const ResourceLock lock(vector);
     element->next = nullptr;
-    if (!vector->head)
-        vector->head = element;
-    else
-        vector->tail->next = element;
-    vector->tail = element;
-    ++vector->count;
+    Append(vector, Vector{element, 1, element, nullptr});
     return 1;
 }
 
@@ -125,15 +127,19 @@ VectorElement* GetNthElement(const Vector* vector, std::int32_t n, VectorElement
 
 int MergeVector(Vector* dest, Vector* source) {
     Log3("\t@@@@@ Inside MergeVector() @@@@@ \n");
-    const std::int32_t count = source->count;  // taken once: a list may be merged into itself
-    for (std::int32_t i = 0; i < count; ++i) {
-        const VectorElement* element = ElementAt(source, i);
-        if (!element) break;
-        VectorElement* shared = new (std::nothrow) VectorElement{element->value, ValueType::none, nullptr};
-        if (!shared) return 99;
-        AddElement(dest, shared);
+    Vector chain{};  // filled before dest is touched: a list may be merged into itself
+    bool complete = true;
+    {
+        const ResourceLock lock(source);
+        for (const VectorElement* element = source->head; element && complete; element = element->next) {
+            auto* shared = new (std::nothrow) VectorElement{element->value, ValueType::none, nullptr};
+            complete = shared != nullptr;
+            if (complete) Append(&chain, Vector{shared, 1, shared, nullptr});
+        }
     }
-    return 1;
+    const ResourceLock lock(dest);
+    if (chain.count > 0) Append(dest, chain);
+    return complete ? 1 : 99;
 }
 
 void DeleteLCDVector(Vector* vector, Word value) {

@@ -67,8 +67,8 @@ VectorElement* ElementAt(Vector* vector, std::int32_t index);
 /// safe inside it.
 VectorElement* GetNthElement(const Vector* vector, std::int32_t n, VectorElement* start);
 
-/// Appends every value of source to dest in nodes of type none: dest does not own what it shares. 1, or 99 when memory
-/// ran out; what was merged by then stays.
+/// Locked, source and then dest. Appends every value of source to dest in nodes of type none: dest does not own what it
+/// shares. 1, or 99 when memory ran out; what was merged by then stays.
 int MergeVector(Vector* dest, Vector* source);
 
 /// Deletes the first element whose value is the given word.

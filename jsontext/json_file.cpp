@@ -44,7 +44,8 @@ JsonReadResult FileFailure(std::string message) { return {.ok = false, .message 
 void EndLinesInLineFeeds(std::u16string& text) {
     std::size_t kept = 0;
     for (std::size_t at = 0; at < text.size(); ++at) {
-        if (!std::u16string_view(text).substr(at).starts_with(u"\r\n")) text[kept++] = text[at];
+        const bool isPairsFirst = text[at] == u'\r' && at + 1 < text.size() && text[at + 1] == u'\n';
+        if (!isPairsFirst) text[kept++] = text[at];
     }
     text.resize(kept);
 }

@@ -1,12 +1,10 @@
 #include <algorithm>
 #include <cmath>
 #include <json-c/json.h>
-#include <json-c/json_visit.h>
 #include <limits>
 #include <memory>
 #include <new>
 #include <string>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -38,8 +36,9 @@ struct JsonTokenerDeleter {
 using JsonTokenerPtr = std::unique_ptr<json_tokener, JsonTokenerDeleter>;
 
 struct JsonMember {
-    std::u16string key;
-    json_object* value;  // null for JSON's null
+    std::string_view key;  // narrow
+    json_object* value;    // null for JSON's null
+    bool isGivenAgain;     // the key comes once more behind this member
 };
 
 void JSONObjectToHash(HashTable* table, json_object* object);
@@ -130,30 +129,37 @@ void StoreValue(StoredValue& stored, json_object* value) {
     }
 }
 
-/// The members in document order. No two narrow keys are equal, so none is missing; wide keys may repeat.
+/// Marks all members of equal keys but the last.
+void MarkRepeated(std::vector<JsonMember>& members) {
+    std::vector<std::pair<std::string_view, JsonMember*>> byKey;
+    byKey.reserve(members.size());
+    for (JsonMember& member : members) byKey.emplace_back(WithoutTextCount(member.key), &member);
+    std::sort(byKey.begin(), byKey.end());
+    for (std::size_t at = 1; at < byKey.size(); ++at)
+        byKey[at - 1].second->isGivenAgain = byKey[at - 1].first == byKey[at].first;
+}
+
+/// The members in document order. json-c sees no two equal keys, so none is missing.
 std::vector<JsonMember> MembersOf(json_object* object) {
     std::vector<JsonMember> members;
+    members.reserve(static_cast<std::size_t>(json_object_object_length(object)));
     const json_object_iterator end = json_object_iter_end(object);
     for (json_object_iterator member = json_object_iter_begin(object); !json_object_iter_equal(&member, &end);
          json_object_iter_next(&member)) {
-        const std::u16string key = WideTextFromNarrow(json_object_iter_peek_name(&member));
-        members.push_back({key, json_object_iter_peek_value(&member)});
+        members.push_back({json_object_iter_peek_name(&member), json_object_iter_peek_value(&member), false});
     }
+    MarkRepeated(members);
     return members;
 }
 
 void JSONObjectToHash(HashTable* table, json_object* object) {
     Log4("\t Inside JSONObjectToHash() \n");
-    const std::vector<JsonMember> members = MembersOf(object);
-    std::unordered_map<std::u16string_view, std::size_t> lastIndex;
-    for (std::size_t index = 0; index < members.size(); ++index) lastIndex[members[index].key] = index;
-    for (std::size_t index = 0; index < members.size(); ++index) {
-        const JsonMember& member = members[index];
-        if (lastIndex[member.key] != index) continue;
+    for (const JsonMember& member : MembersOf(object)) {
+        if (member.isGivenAgain) continue;
         StoredValue stored;
         StoreValue(stored, member.value);
         if (stored.type == ValueType::none) continue;
-        if (PutHashValue(table, member.key, stored.value, stored.type)) stored.HandOver();
+        if (PutHashValue(table, WideTextFromNarrow(member.key), stored.value, stored.type)) stored.HandOver();
     }
 }
 
@@ -168,11 +174,22 @@ void JSONArrayToVector(Vector* vector, json_object* array) {
     }
 }
 
-int RefuseHugeObject(json_object* value, int /*flags*/, json_object* /*parent*/, const char* /*key*/,
-                     std::size_t* /*index*/, void* /*argument*/) {
-    const bool isHuge =
-        json_object_get_type(value) == json_type_object && json_object_object_length(value) > mostMembersOfAnObject;
-    return isHuge ? JSON_C_VISIT_RETURN_ERROR : JSON_C_VISIT_RETURN_CONTINUE;
+/// Whether a value or one below it is an object of more members than are taken.
+bool HoldsHugeObject(json_object* value) {
+    if (json_object_get_type(value) == json_type_array) {
+        const std::size_t length = json_object_array_length(value);
+        for (std::size_t index = 0; index < length; ++index) {
+            if (HoldsHugeObject(json_object_array_get_idx(value, index))) return true;
+        }
+    } else if (json_object_get_type(value) == json_type_object) {
+        if (json_object_object_length(value) > mostMembersOfAnObject) return true;
+        const json_object_iterator end = json_object_iter_end(value);
+        for (json_object_iterator member = json_object_iter_begin(value); !json_object_iter_equal(&member, &end);
+             json_object_iter_next(&member)) {
+            if (HoldsHugeObject(json_object_iter_peek_value(&member))) return true;
+        }
+    }
+    return false;
 }
 
 const char* WordsOf(json_tokener_error error) {
@@ -226,7 +243,7 @@ JsonReadResult JSONTextToHash(HashTable* table, std::u16string_view text) {
     const json_tokener_error error = json_tokener_get_error(tokener.get());
     if (error != json_tokener_success) return Failure(std::string(WordsOf(error)) + " " + Place(text, end));
     if (json_object_get_type(top.get()) != json_type_object) return Failure("the top level is no object");
-    if (json_c_visit(top.get(), 0, RefuseHugeObject, nullptr) != 0)
+    if (HoldsHugeObject(top.get()))
         return Failure("an object has more than " + std::to_string(mostMembersOfAnObject) + " members");
     JSONObjectToHash(table, top.get());
     return {.ok = true, .message = TextBehindTheEnd(text, narrow, end)};

@@ -32,6 +32,26 @@ void AppendUnit(std::string& narrow, std::uint32_t unit) {
     }
 }
 
+/// Whether a unit becomes the one byte of its number, and what follows it is rewritten as before.
+bool IsPlain(const Rewriting& rewriting, char16_t unit) {
+    if (unit >= 0x80) return false;
+    return rewriting.quote != 0 ? unit != rewriting.quote && unit != u'\\'
+                                : unit != u'"' && unit != u'\'' && unit != u'/';
+}
+
+/// Most of a document is plain, and goes over in long runs.
+void RewritePlainRun(Rewriting& rewriting) {
+    const std::u16string_view document = rewriting.document;
+    const std::size_t start = rewriting.position;
+    std::size_t end = start;
+    while (end < document.size() && IsPlain(rewriting, document[end])) ++end;
+    const std::size_t written = rewriting.narrow.size();
+    rewriting.narrow.resize(written + end - start);
+    char* to = rewriting.narrow.data() + written;
+    for (std::size_t at = start; at < end; ++at) *to++ = static_cast<char>(document[at]);
+    rewriting.position = end;
+}
+
 void AppendTextCount(std::string& narrow, std::uint32_t count) {
     for (std::size_t digit = countLength; digit-- > 0;) narrow += hexDigits[count >> (4 * digit) & 0xF];
 }
@@ -118,7 +138,10 @@ std::string NarrowJson(std::u16string_view document) {
     Rewriting rewriting;
     rewriting.document = document;
     rewriting.narrow.reserve(document.size() * 2);
-    while (rewriting.position < document.size()) RewriteNext(rewriting);
+    while (rewriting.position < document.size()) {
+        RewritePlainRun(rewriting);
+        if (rewriting.position < document.size()) RewriteNext(rewriting);
+    }
     return std::move(rewriting.narrow);
 }
 
@@ -133,26 +156,32 @@ std::size_t WideOffset(std::u16string_view document, std::size_t narrowOffset) {
     return document.size();
 }
 
+std::string_view WithoutTextCount(std::string_view narrow) {
+    return narrow.substr(narrow.size() < countLength ? narrow.size() : countLength);
+}
+
 std::u16string WideTextFromNarrow(std::string_view narrow) {
-    narrow.remove_prefix(narrow.size() < countLength ? narrow.size() : countLength);
-    std::u16string wide;
-    wide.reserve(narrow.size());
+    narrow = WithoutTextCount(narrow);
+    std::u16string wide(narrow.size(), u'\0');  // no unit takes less than a byte
+    std::size_t length = 0;
     for (std::size_t i = 0; i < narrow.size();) {
         const auto byteAt = [&](std::size_t at) {
             return at < narrow.size() ? static_cast<unsigned char>(narrow[at]) & 0xFFU : 0U;
         };
         const std::uint32_t first = byteAt(i);
+        std::uint32_t unit = first;
         if (first < 0x80) {
-            wide += static_cast<char16_t>(first);
             i += 1;
         } else if (first < 0xE0) {
-            wide += static_cast<char16_t>((first & 0x1F) << 6 | (byteAt(i + 1) & 0x3F));
+            unit = (first & 0x1F) << 6 | (byteAt(i + 1) & 0x3F);
             i += 2;
         } else {
-            wide += static_cast<char16_t>((first & 0x0F) << 12 | (byteAt(i + 1) & 0x3F) << 6 | (byteAt(i + 2) & 0x3F));
+            unit = (first & 0x0F) << 12 | (byteAt(i + 1) & 0x3F) << 6 | (byteAt(i + 2) & 0x3F);
             i += 3;
         }
+        wide[length++] = static_cast<char16_t>(unit);
     }
+    wide.resize(length);
     return wide;
 }
 

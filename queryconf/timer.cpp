@@ -33,6 +33,7 @@ TimerList* FindTimer(std::u16string_view name) {
 }
 
 void Unlink(TimerList& list, TimerEntry* entry) {
+    if (entry == list.tail) list.tail = entry->prev;
     if (entry == list.head) {
         list.head = entry->next;
         if (list.head) list.head->prev = nullptr;
@@ -48,16 +49,14 @@ void Unlink(TimerList& list, TimerEntry* entry) {
 }
 
 void Link(TimerList& list, TimerEntry* entry) {
-    TimerEntry* before = nullptr;
-    TimerEntry* after = list.head;
-    while (after && after->fireTime <= entry->fireTime) {
-        before = after;
-        after = after->next;
-    }
+    // From the end: a plan is scheduled in one second, and most jobs are due again behind all others.
+    TimerEntry* before = list.tail;
+    while (before && before->fireTime > entry->fireTime) before = before->prev;
+    TimerEntry* after = before ? before->next : list.head;
     entry->prev = before;
     entry->next = after;
     (before ? before->next : list.head) = entry;
-    if (after) after->prev = entry;
+    (after ? after->prev : list.tail) = entry;
 }
 
 std::uint32_t PeriodSeconds(const TimerInterval& interval) {

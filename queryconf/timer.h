@@ -43,6 +43,7 @@ struct TimerList {
     std::u16string name;
     std::int16_t priority = 1;  // never read
     TimerEntry* head = nullptr;
+    TimerEntry* tail = nullptr;
     std::uint32_t nextId = 1;
 };
 
