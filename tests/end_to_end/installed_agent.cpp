@@ -96,13 +96,13 @@ void InstalledAgent::makeCertificate(std::string& certificate, std::string& priv
 }
 
 void InstalledAgent::start(std::initializer_list<const char*> arguments) {
-    std::vector<char*> argv{const_cast<char*>(KV_AGENT_PROGRAM)};
+    std::vector<char*> argv{const_cast<char*>(program)};
     for (const char* argument : arguments) argv.push_back(const_cast<char*>(argument));
     argv.push_back(nullptr);
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     for (const int stream : {1, 2}) posix_spawn_file_actions_addopen(&actions, stream, "/dev/null", O_WRONLY, 0);
-    const int error = posix_spawn(&process_, KV_AGENT_PROGRAM, &actions, nullptr, argv.data(), environ);
+    const int error = posix_spawn(&process_, program, &actions, nullptr, argv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
     if (error != 0) throw std::runtime_error("the agent program cannot be started");
 }

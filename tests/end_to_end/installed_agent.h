@@ -37,6 +37,9 @@ class InstalledAgent {
     /// A self-signed certificate and its key, as PEM files in the folder.
     void makeCertificate(std::string& certificate, std::string& privateKey) const;
 
+    /// What start starts.
+    const char* program = KV_AGENT_PROGRAM;
+
     /// Starts the program; its output is dropped.
     void start(std::initializer_list<const char*> arguments);
     /// Starts it and waits for its end: the exit code, or 128 and the signal.

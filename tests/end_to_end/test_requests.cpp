@@ -1,0 +1,198 @@
+// One-off requests and new plans, from the command that orders them to what the agent does: the agent's program, a real
+// server and kvlab.
+#include <array>
+#include <cstdio>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <map>
+#include <optional>
+
+#include "lab/server.h"
+#include "lab/store.h"
+#include "platform/utf.h"
+#include "tests/end_to_end/installed_agent.h"
+#include "tests/support/test_agent.h"
+
+namespace kv::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+/// The agent K7, a master, with a server that it has an account with. Its scripts note their runs in a file.
+struct ServedAgent : InstalledAgent {
+    ServedAgent() {
+        program = KV_HASTY_AGENT_PROGRAM;
+        startServer();
+        setText(u"\\Monitoring", u"MonitoringAgentKey", u"K7");
+        setText(u"\\Monitoring", u"MasterAgent", u"YES");
+        setNumber(u"\\Monitoring", u"writeInterval", 1);
+        const std::string record = R"(printf '{ "Name": "%s" }' "$2"; echo "$2" >> )" + runs.string();
+        writeScript("quick.sh", record);
+        writeScript("slow.sh", "sleep 0.7; " + record);
+        writePlan(Plan("WorkFlows", "quick.sh", "Own"));
+        for (const char* slave : {"S1", "S2"}) {
+            fs::create_directories(slaves / slave);
+            TestAgent::Write(slaves / slave / "queryconf.txt",
+                             Plan("WorkFlows_" + std::string(slave), "quick.sh", slave));
+        }
+    }
+
+    void startServer(int port = 0) {
+        lab::ServerOptions options;
+        options.database = database;
+        options.port = port;
+        server.emplace(options);
+        setServer(server->port(), u"http");
+    }
+
+    static std::string Plan(const std::string& member, const std::string& script, const std::string& name) {
+        return R"({ ")" + member + R"(": [ { "wfname": "w", "interval": 60, "recordSetName": [ { "script": ")" +
+               script + R"(", "Name": ")" + name + R"(", "params": "", "response_needed": "true" } ] } ] })";
+    }
+
+    /// What a kvlab command prints, without the last line end; none when it fails.
+    std::optional<std::string> kvlab(const std::string& arguments) const {
+        const std::string command = std::string(KV_LAB_PROGRAM) + " " + arguments + " --database " + database;
+        FILE* pipe = popen(command.c_str(), "r");
+        std::string output;
+        std::array<char, 4096> buffer;
+        while (const std::size_t size = std::fread(buffer.data(), 1, buffer.size(), pipe))
+            output.append(buffer.data(), size);
+        if (pclose(pipe) != 0) return std::nullopt;
+        while (output.ends_with('\n')) output.pop_back();
+        return output;
+    }
+
+    /// Orders a new plan for an agent; the request's id.
+    std::string pushPlan(const std::string& key, const std::string& plan, const std::string& options = "") const {
+        TestAgent::Write(folder / "new.json", plan);
+        return kvlab("conf push --agent K7 " + options + " " + key + " " + (folder / "new.json").string())
+            .value_or("failed");
+    }
+
+    std::string request(const std::string& options) const {
+        return kvlab("request add --agent K7 " + options).value_or("failed");
+    }
+
+    /// The states of all requests so far, in order, each with a blank behind it.
+    std::string states() const {
+        std::string text;
+        const lab::Store store = lab::OpenStore(database);
+        lab::Statement rows(store.connection.get(), "SELECT state FROM request ORDER BY number");
+        while (rows.Step()) text += rows.Text(0) + " ";
+        return text;
+    }
+
+    int timesRun(const std::string& name) const {
+        std::ifstream file(runs);
+        int count = 0;
+        for (std::string line; std::getline(file, line);) count += line == name ? 1 : 0;
+        return count;
+    }
+
+    bool enrolled() const { return kvlab("agents")->starts_with("K7"); }
+    bool serves(const std::string& id) const { return text(u"\\Monitoring", u"RequestID") == id; }
+    /// The list is through, the notice at its end too.
+    bool idle() const {
+        return serves("NONE") && text(u"\\Monitoring", u"RequestAvailable") == "NO" &&
+               !fs::exists(monitoring / "conf" / "download" / "RequestList.txt");
+    }
+
+    std::string database = (folder / "lab.db").string();
+    std::optional<lab::LabServer> server;
+    fs::path slaves = monitoring / "conf" / "slaves";
+    fs::path runs = folder / "runs.txt";
+};
+
+TEST(Requests, APushedPlanTakesOverWhileACollectionRunsAndNothingIsLost) {
+    ServedAgent agent;
+    agent.writePlan(ServedAgent::Plan("WorkFlows", "slow.sh", "Slow"));
+    agent.start({"/t"});
+    const auto collecting = [&] { return fs::exists(agent.data) && !fs::is_empty(agent.data); };
+    ASSERT_TRUE(InstalledAgent::eventually([&] { return collecting() && agent.enrolled(); })) << agent.log();
+    ASSERT_EQ(agent.timesRun("Slow"), 0) << "the collection has ended already";
+    ASSERT_NE(agent.pushPlan("K7", ServedAgent::Plan("WorkFlows", "quick.sh", "New")), "failed");
+    ASSERT_TRUE(InstalledAgent::eventually([&] {
+        return agent.log().find("Query conf reloaded and scheduled successfully") != std::string::npos;
+    })) << agent.log();
+    EXPECT_TRUE(InstalledAgent::eventually([&] { return agent.timesRun("New") == 1; }, 1000));
+    EXPECT_TRUE(InstalledAgent::eventually([&] { return agent.states() == "answered "; })) << agent.states();
+    EXPECT_EQ(agent.timesRun("Slow"), 1);
+    EXPECT_NE(TestAgent::Read(agent.monitoring / "conf" / "backup" / "queryconf.txt").find('S'), std::string::npos);
+    // Own plan, S1 and S2 before the change; new plan, S1 and S2 after it.
+    lab::Store store = lab::OpenStore(agent.database);
+    ASSERT_TRUE(InstalledAgent::eventually([&] { return lab::CountAll(store).records == 6; }))
+        << lab::CountAll(store).records;
+    std::map<std::string, int> accepted;
+    for (const lab::Record& record : lab::RecordsAfter(store, {})) ++accepted[record.content.text];
+    const std::map<std::string, int> expected{{R"({ "Name": "Slow" })", 1},
+                                              {R"({ "Name": "New" })", 1},
+                                              {R"({ "Name": "S1" })", 2},
+                                              {R"({ "Name": "S2" })", 2}};
+    EXPECT_EQ(accepted, expected);
+}
+
+TEST(Requests, AMasterAgentGetsASlavesPlanAndLosesASlave) {
+    ServedAgent agent;
+    agent.start({"/t"});
+    ASSERT_TRUE(InstalledAgent::eventually([&] { return agent.timesRun("S2") == 1 && agent.enrolled(); }))
+        << agent.log();
+    agent.pushPlan("S1", ServedAgent::Plan("WorkFlows_S1", "quick.sh", "S1new"), "--no-flag");
+    agent.pushPlan("S1", R"({ "WorkFlows_S1": [ { "interval": )", "--force --no-flag");
+    agent.request("--type DELETE_DEVICE --set DEVICE_NAME=k7 --no-flag");
+    agent.request("--type DELETE_DEVICE --set DEVICE_NAME=S2");
+    EXPECT_TRUE(InstalledAgent::eventually([&] { return !fs::exists(agent.slaves / "S2"); })) << agent.log();
+    EXPECT_TRUE(InstalledAgent::eventually([&] { return agent.timesRun("S1new") >= 1; })) << agent.log();
+    EXPECT_TRUE(InstalledAgent::eventually([&] { return agent.states() == "answered answered done done "; }))
+        << agent.states();
+    EXPECT_EQ(agent.timesRun("S1"), 1) << "only before the change";
+    EXPECT_GT(agent.timesRun("S2"), 1) << "a lost slave's workflows run until the restart";
+    EXPECT_TRUE(fs::exists(agent.monitoring / "conf" / "queryconf.txt")) << "the master's own plan stays";
+    EXPECT_TRUE(fs::exists(agent.monitoring / "conf" / "download" / "queryconf.txt.refused"));
+    agent.kill();
+    const int before = agent.timesRun("S2"), newBefore = agent.timesRun("S1new");
+    agent.start({"/t"});
+    EXPECT_TRUE(InstalledAgent::eventually([&] { return agent.timesRun("S1new") > newBefore; })) << agent.log();
+    InstalledAgent::pause(200);  // S2 would come next
+    EXPECT_EQ(agent.timesRun("S2"), before);
+}
+
+TEST(Requests, KilledWhileServingOneItDropsThatOneAndServesTheRest) {
+    ServedAgent agent;
+    agent.start({"/t"});
+    ASSERT_TRUE(InstalledAgent::eventually([&] { return agent.enrolled(); })) << agent.log();
+    ASSERT_TRUE(agent.kvlab("fault set --servlet conf --delay 60000"));
+    agent.request("--type DELETE_DEVICE --set DEVICE_NAME=S1 --no-flag");
+    const std::string hanging = agent.pushPlan("K7", ServedAgent::Plan("WorkFlows", "quick.sh", "New"), "--no-flag");
+    agent.request("--type DELETE_DEVICE --set DEVICE_NAME=S2");
+    ASSERT_TRUE(InstalledAgent::eventually([&] { return agent.serves(hanging); })) << agent.log();
+    agent.kill();
+    EXPECT_FALSE(fs::exists(agent.slaves / "S1"));
+    EXPECT_TRUE(fs::exists(agent.slaves / "S2"));
+    agent.start({"/t"});
+    EXPECT_TRUE(InstalledAgent::eventually([&] { return !fs::exists(agent.slaves / "S2") && agent.idle(); }))
+        << agent.log();
+    EXPECT_TRUE(agent.states().starts_with("done dropped ")) << agent.states();
+    EXPECT_EQ(agent.timesRun("New"), 0);
+}
+
+TEST(Requests, AServerThatGoesAwayInTheMiddleOfAListCostsNothing) {
+    ServedAgent agent;
+    agent.start({"/t"});
+    ASSERT_TRUE(InstalledAgent::eventually([&] { return agent.enrolled(); })) << agent.log();
+    ASSERT_TRUE(agent.kvlab("fault set --servlet conf --delay 60000"));
+    const std::string hanging = agent.pushPlan("K7", ServedAgent::Plan("WorkFlows", "quick.sh", "New"), "--no-flag");
+    agent.request("--type DELETE_DEVICE --set DEVICE_NAME=S2");
+    ASSERT_TRUE(InstalledAgent::eventually([&] { return agent.serves(hanging); })) << agent.log();
+    const int port = agent.server->port();
+    agent.server.reset();
+    EXPECT_TRUE(InstalledAgent::eventually([&] { return !fs::exists(agent.slaves / "S2") && agent.idle(); }))
+        << agent.log();
+    EXPECT_TRUE(agent.running());
+    agent.startServer(port);
+    agent.request("--type NOTHING_KNOWN");
+    EXPECT_TRUE(InstalledAgent::eventually([&] { return agent.timesRun("New") == 1; })) << agent.log();
+}
+
+}  // namespace
+}  // namespace kv::test
