@@ -68,12 +68,13 @@ std::span<const Command> FaultCommands() {
 Orders a fault, which a running server has from its next request on, and prints its number. Of several faults for one
 servlet the oldest applies until it is used up.
 
-  --servlet NAME  RegisterAgent, FileCollector, StatusUpdateServlet, DataAgentHandlerServlet, conf (the
-                  download of configurations), or * for all
+  --servlet NAME  RegisterAgent, FileCollector, StatusUpdateServlet, DataAgentHandlerServlet, conf for the download of
+                  plans, or * for all
   --status CODE   answer with this status, 200 to 599; nothing is stored
   --delay MS      wait so many milliseconds before the work
   --drop          close the connection without an answer; nothing is stored
-  --cut           do the work, then send half of the answer's body
+  --cut           do the work, then send half of the answer's body; the requests of a list that is cut do not count as
+                  fetched
   --count N       for the next N requests, 0 until it is cleared; the default is 1
 )"},
         {"fault clear",
