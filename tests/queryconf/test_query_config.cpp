@@ -1,53 +1,26 @@
 // Which plan stands after loading: own and slave files, backups, reloads, and files that are not what they should be.
 #include <optional>
 #include <regex>
-#include <utility>
 #include <vector>
 
-#include "foundation/agent_state.h"
-#include "foundation/file_utils.h"
 #include "jsontext/hash_json.h"
 #include "platform/files.h"
-#include "platform/threads.h"
-#include "platform/utf.h"
 #include "queryconf/query_config.h"
-#include "tests/support/test_agent.h"
+#include "tests/queryconf/plan_test.h"
 
 namespace kv::test {
 namespace {
 
 namespace fs = std::filesystem;
 
-/// The timer thread is not started: these tests look at the plan, not at its runs.
-class QueryConfig : public TestAgent {
+class QueryConfig : public PlanTest {
   protected:
-    QueryConfig() {
-        platform::ThreadOperations operations = platform::Threads();
-        operations.CreateThread = [](platform::ThreadStart, void*) { return platform::ThreadHandle{1}; };
-        threads_.emplace(operations);
-    }
-    ~QueryConfig() override {
-        for (Vector* list : replaced_) FreeAllVector(list);
-        FreePlan();
-    }
-
-    static void FreePlan() {
-        FreeAllVector(std::exchange(agentState.gv_sortVec, nullptr));
-        FreeAllHashTable(std::exchange(agentState.gv_queryConfHash, nullptr));
-    }
-
     fs::path SlaveFile(const std::string& agent) const { return conf / "slaves" / agent / "queryconf.txt"; }
 
-    /// A file with one list of workflows of the given names.
     static void WritePlan(const fs::path& path, const std::string& key, const std::vector<std::string>& names) {
-        std::string text = "{\"" + key + "\":[";
-        for (const std::string& name : names)
-            text += "{\"wfname\":\"" + name + "\",\"interval\":5,\"recordSetName\":[]},";
-        WriteWide(path, text + "]}");
+        WriteWide(path, PlanText(key, names));
     }
-    static void WriteWide(const fs::path& path, std::string_view text) {
-        Write(path, "\xFF\xFE" + Utf16LittleEndianBytes(platform::WideFromUtf8(text)));
-    }
+    static void WriteWide(const fs::path& path, std::string_view text) { Write(path, WideBytes(text)); }
 
     /// The plan's JSON text, its keys from the last to the first; workflows of WritePlan stand there by name only.
     static std::string Plan() {
@@ -64,17 +37,10 @@ class QueryConfig : public TestAgent {
         return names;
     }
 
-    /// Loads one agent's file; the list that it replaces, which the agent leaves alive, goes at the end of the test.
     void Reload(std::u16string_view agent, std::optional<std::u16string_view> file = std::nullopt) {
-        const std::u16string key = agent.empty() ? u"WorkFlows" : u"WorkFlows_" + std::u16string(agent);
-        Vector* old = agentState.gv_queryConfHash ? GetHashVector(agentState.gv_queryConfHash, key) : nullptr;
-        LoadQueryConfig(agent, file);
-        if (old && GetHashVector(agentState.gv_queryConfHash, key) != old) replaced_.push_back(old);
+        Replacing(agent.empty() ? u"WorkFlows" : u"WorkFlows_" + std::u16string(agent),
+                  [&] { LoadQueryConfig(agent, file); });
     }
-
-  private:
-    std::optional<platform::ScopedOperations<platform::ThreadOperations>> threads_;
-    std::vector<Vector*> replaced_;
 };
 
 TEST_F(QueryConfig, AMasterTakesItsSlavesFilesAfterItsOwnAndAReloadReplacesOneKeyOnly) {

@@ -6,6 +6,8 @@
 #include "foundation/agent_state.h"
 #include "foundation/log.h"
 #include "jsontext/hash_json.h"
+#include "platform/process.h"
+#include "queryconf/config_reload.h"
 #include "queryconf/schedule.h"
 #include "queryconf/timer.h"
 #include "tests/support/test_agent.h"
@@ -128,23 +130,46 @@ TEST_F(Scheduler, SchedulesEveryWorkflowThatCanRun) {
     EXPECT_EQ(LinesWith("below 1: it is not scheduled"), 1u);
 }
 
-TEST_F(Scheduler, AReloadWhileCollectingIsSafe) {
+TEST_F(Scheduler, AThousandReloadsWhileCollectingAreSafe) {
+    std::atomic<int> ran = 0;
+    platform::ProcessOperations processes = platform::Processes();
+    processes.CreateProcessW = [&](std::u16string_view, std::u16string_view, platform::ProcessHandle& process) {
+        ++ran;
+        process = 1;
+        return platform::error::success;
+    };
+    processes.WaitForSingleObject = [](auto...) { return platform::error::success; };
+    processes.GetExitCodeProcess = [](auto, std::uint32_t& exitCode) { return exitCode = 0, platform::error::success; };
+    processes.CloseProcess = [](auto) {};
+    const platform::ScopedOperations scopedProcesses(processes);
     std::atomic<bool> stop = false;
     clock.onSleep = [&](std::uint32_t) {
         if (stop) throw TimeIsUp();
     };
-    Schedule(uR"({"WorkFlows":[{"interval":1,"recordSetName":[{}]},{"interval":2,"recordSetName":[{}]}]})");
+    logState.gv_logLevel = 1;
+    agentState.gv_agentKey.publish(u"Own");
+    std::vector<VectorPtr> replaced;  // the agent leaves them alive
     std::thread timer([] { EXPECT_THROW(TimerThread(nullptr), TimeIsUp); });
-    for (int reload = 0; reload < 50; ++reload) {
-        DeleteTimerEntryByName(u"DEFAULT");
-        FreeAllVector(std::exchange(agentState.gv_sortVec, nullptr));
-        scheduleQueryHashData();
-        const std::int64_t seen = clock.nowSeconds();
-        while (reload % 2 == 0 && clock.nowSeconds() < seen + 2) std::this_thread::yield();
+    std::int32_t workflows = 0;
+    for (int reload = 0; reload < 1000; ++reload) {
+        workflows = 1 + reload % 3;
+        std::string plan = "{\"WorkFlows\":[";
+        for (int i = 0; i < workflows; ++i)
+            plan += "{\"interval\":" + std::to_string(1000 + i) + ",\"recordSetName\":[{\"script\":\"s.sh\"}]},";
+        Write(conf / "download" / "queryconf.txt", plan + "]}");
+        if (agentState.gv_queryConfHash)
+            replaced.emplace_back(GetHashVector(agentState.gv_queryConfHash, u"WorkFlows"));
+        ReloadQueryConfDetails(u"own");
+        const int before = ran;
+        ReloadAndScheduleQueryData();
+        while (reload % 2 == 0 && ran == before) std::this_thread::yield();
     }
     stop = true;
     timer.join();
-    EXPECT_GE(LinesWith("CollectAndSaveData :: queryInfo"), 50u);
+    EXPECT_GE(ran, 500);
+    EXPECT_EQ(agentState.gv_sortVec->count, workflows);
+    EXPECT_EQ(LinesWith("no workflow stands at index"), 0u);
+    EXPECT_EQ(LinesWith("scheduled successfully..."), 1000u);
 }
 
 }  // namespace

@@ -1,0 +1,65 @@
+// What tests of loading and replacing plans share.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "foundation/agent_state.h"
+#include "foundation/file_utils.h"
+#include "foundation/hash_table.h"
+#include "platform/threads.h"
+#include "platform/utf.h"
+#include "tests/support/test_agent.h"
+
+namespace kv::test {
+
+/// UTF-16LE bytes with a byte order mark.
+inline std::string WideBytes(std::string_view text) {
+    return "\xFF\xFE" + Utf16LittleEndianBytes(platform::WideFromUtf8(text));
+}
+
+/// The text of a plan with one list of workflows of the given names.
+inline std::string PlanText(const std::string& key, const std::vector<std::string>& names) {
+    std::string text = "{\"" + key + "\":[";
+    for (const std::string& name : names) text += "{\"wfname\":\"" + name + "\",\"interval\":5,\"recordSetName\":[]},";
+    return text + "]}";
+}
+
+/// The timer thread is not started: such tests look at the plan, not at its runs.
+class PlanTest : public TestAgent {
+  protected:
+    PlanTest() {
+        platform::ThreadOperations operations = platform::Threads();
+        operations.CreateThread = [](platform::ThreadStart, void*) { return platform::ThreadHandle{1}; };
+        threads_.emplace(operations);
+    }
+    ~PlanTest() override {
+        for (Vector* list : replaced_) FreeAllVector(list);
+        FreePlan();
+    }
+
+    static void FreePlan() {
+        FreeAllVector(std::exchange(agentState.gv_sortVec, nullptr));
+        FreeAllHashTable(std::exchange(agentState.gv_queryConfHash, nullptr));
+    }
+
+    /// Does what may replace the list under a key; the old one, which the agent leaves alive, goes at the end of the
+    /// test.
+    template <class Action>
+    void Replacing(std::u16string_view key, Action action) {
+        const auto list = [key] {
+            return agentState.gv_queryConfHash ? GetHashVector(agentState.gv_queryConfHash, key) : nullptr;
+        };
+        Vector* old = list();
+        action();
+        if (old && list() != old) replaced_.push_back(old);
+    }
+
+  private:
+    std::optional<platform::ScopedOperations<platform::ThreadOperations>> threads_;
+    std::vector<Vector*> replaced_;
+};
+
+}  // namespace kv::test

@@ -1,0 +1,199 @@
+// A plan from the server: what stands in the files and in the table after it was fetched and installed, also when steps
+// fail or the agent is killed among them.
+#include <functional>
+#include <regex>
+
+#include "foundation/log.h"
+#include "platform/files.h"
+#include "queryconf/config_reload.h"
+#include "queryconf/query_config.h"
+#include "tests/exchange/http_peers.h"
+#include "tests/queryconf/plan_test.h"
+#include "zip/zip_writer.h"
+
+namespace kv::test {
+namespace {
+
+namespace fs = std::filesystem;
+using Files = platform::FileOperations;
+using platform::error::accessDenied;
+using platform::error::diskFull;
+
+/// An agent "Own" with a plan "live" and a backup "old", that serves a slave "S" likewise.
+class ConfigReload : public PlanTest {
+  protected:
+    ConfigReload() { agentState.gv_agentKey.publish(u"Own"); }
+
+    /// Puts the new plan's text, or none, into the download directory.
+    void SetUpFiles(const char* newText) {
+        fs::remove_all(conf);
+        for (const fs::path& part : {fs::path(), fs::path("S")}) {
+            const std::string key = part.empty() ? "WorkFlows" : "WorkFlows_S";
+            Write(LivePath(part), WideBytes(PlanText(key, {"live"})));
+            Write(conf / "backup" / part / "queryconf.txt", WideBytes(PlanText(key, {"old"})));
+        }
+        fs::create_directories(download);
+        if (newText) Write(download / "queryconf.txt", WideBytes(newText));
+        FreePlan();
+        LoadQueryConfig(u"", std::nullopt);
+    }
+    fs::path LivePath(const fs::path& slave) const {
+        return slave.empty() ? conf / "queryconf.txt" : conf / "slaves" / slave / "queryconf.txt";
+    }
+    void Reload(const std::string& agentKey) {
+        const std::u16string key = platform::WideFromUtf8(agentKey);
+        Replacing(u"WorkFlows", [&] { ReloadQueryConfDetails(key); });
+    }
+
+    /// The workflow of a plan's file; "-" without a file, the text itself when it is no whole plan of PlanText.
+    static std::string PlanIn(const fs::path& path) {
+        static const std::regex plan(R"re(\{"\w+":\[\{"wfname":"(\w+)","interval":5,"recordSetName":\[\]\},\]\})re");
+        if (!fs::exists(path)) return "-";
+        const std::string bytes = Read(path);
+        const std::string text = platform::Utf8FromWide(TextFromUtf16LittleEndian(std::string_view(bytes).substr(2)));
+        return std::regex_replace(text, plan, "$1");
+    }
+    /// The first workflow of the table's list for a slave, or for the agent itself; "-" without one.
+    static std::string Loaded(const std::string& slave) {
+        const std::u16string key = platform::WideFromUtf8(slave.empty() ? "WorkFlows" : "WorkFlows_" + slave);
+        const Vector* list = GetHashVector(agentState.gv_queryConfHash, key);
+        if (!list || !list->head) return "-";
+        return platform::Utf8FromWide(GetHashText(reinterpret_cast<const HashTable*>(list->head->value), u"wfname"));
+    }
+
+    fs::path download = conf / "download";
+};
+
+TEST_F(ConfigReload, TheFilesAndTheTableAfterEachOutcome) {
+    constexpr const char* own = R"({"WorkFlows":[{"wfname":"new","interval":5,"recordSetName":[]},]})";
+    constexpr const char* ofS = R"({"WorkFlows_S":[{"wfname":"new","interval":5,"recordSetName":[]},]})";
+    constexpr const char* ofT = R"({"WorkFlows_T":[{"wfname":"new","interval":5,"recordSetName":[]},]})";
+    const std::string waits = "queryconf.txt", refused = "queryconf.txt.refused", gone;
+    const Files sound = platform::Files();
+    struct Row {
+        const char* title;
+        const char* agentKey;
+        const char* newText;
+        Files operations;
+        std::string slave, live, backup, downloads, loaded;
+        const char* logged = "";
+        std::function<void()> before = [] {};
+    };
+    for (const Row& row : std::vector<Row>{
+             {"own", "Own", own, sound, "", "new", "live", gone, "new"},
+             {"own, in another case", "oWN", own, sound, "", "new", "live", gone, "new"},
+             {"a slave's", "S", ofS, sound, "S", "new", "live", gone, "new"},
+             {"the first slave's", "T", ofT, sound, "T", "new", "-", gone, "new", "",
+              [this] { fs::remove_all(conf / "slaves"), fs::remove_all(conf / "backup"); }},
+             {"a slave's that had lost its file", "S", ofS, sound, "S", "new", "-", gone, "new", "",
+              [this] { fs::remove(LivePath("S")); }},
+             {"none", "Own", nullptr, sound, "", "live", "old", gone, "live"},
+             {"malformed", "Own", "{\"WorkFlows\":[", sound, "", "live", "old", refused, "live",
+              "\t IsUsableQueryConfig :: ..\\conf\\download\\queryconf.txt: unexpected end of data at offset 14"},
+             {"another agent's", "Own", ofS, sound, "", "live", "old", refused, "live",
+              "queryconf.txt has no array WorkFlows"},
+             {"own key no list", "Own", "{\"WorkFlows\":{}}", sound, "", "live", "old", refused, "live"},
+             {"for a key that climbs", "..\\..\\S", ofS, sound, "", "live", "old", waits, "live",
+              "..\\..\\S can name no directory"},
+             {"for an empty key", "", own, sound, "", "live", "old", waits, "live", "can name no directory"},
+             {"no backup can be made", "Own", own, Failing(&Files::CopyFileW, diskFull), "", "new", "old", gone, "new",
+              "cannot be copied to ..\\conf\\backup\\queryconf.txt. Error is [112]"},
+             {"nothing can be renamed", "Own", own, Failing(&Files::MoveFileExW, accessDenied), "", "live", "old",
+              waits, "live", "..\\conf\\queryconf.txt, which stays. Error is [5]"},
+             {"the disk is full", "Own", own, Failing(&Files::FlushFileBuffers, diskFull), "", "live", "live", waits,
+              "live", "which stays. Error is [112]"},
+         }) {
+        SCOPED_TRACE(row.title);
+        SetUpFiles(row.newText);
+        if (row.slave == "S") LoadQueryConfig(u"S", u"..\\conf\\slaves\\S\\queryconf.txt");
+        row.before();
+        const platform::ScopedOperations scoped(row.operations);
+        row.slave == "S" ? Replacing(u"WorkFlows_S", [] { ReloadQueryConfDetails(u"S"); }) : Reload(row.agentKey);
+        EXPECT_EQ(PlanIn(LivePath(row.slave)), row.live);
+        EXPECT_EQ(PlanIn(conf / "backup" / row.slave / "queryconf.txt"), row.backup);
+        EXPECT_EQ(FilesIn(download), row.downloads.empty() ? std::vector<std::string>{} : std::vector{row.downloads});
+        EXPECT_EQ(Loaded(row.slave), row.loaded);
+        EXPECT_TRUE(Logged(row.logged));
+    }
+}
+
+struct Killed {};
+
+/// The current operations, of which the n-th call ends the process as a kill does; a copy is half done by then.
+Files KilledAtCall(int n) {
+    const auto left = std::make_shared<int>(n);
+    Files files = platform::Files();
+    const auto step = [left] {
+        if (--*left == 0) throw Killed();
+    };
+    const auto dying = [step](auto& operation) {
+        operation = [step, next = operation](auto&&... arguments) {
+            step();
+            return next(std::forward<decltype(arguments)>(arguments)...);
+        };
+    };
+    dying(files.CreateFileW), dying(files.ReadFile), dying(files.FlushFileBuffers), dying(files.MoveFileExW);
+    dying(files.DeleteFileW), dying(files.wmkdir), dying(files.GetFileAttributesW);
+    files.CopyFileW = [step, next = files.CopyFileW](std::u16string_view from, std::u16string_view to) {
+        TestAgent::Write(platform::Files().NativePath(to), "half");
+        step();
+        return next(from, to);
+    };
+    return files;
+}
+
+TEST_F(ConfigReload, AKillAtAnyCallLeavesWholePlansAndTheNextReloadFinishes) {
+    logState.gv_logLevel = 0;  // the log's own file is not the one to die in
+    int call = 1;
+    for (bool killed = true; killed; ++call) {
+        SCOPED_TRACE(call);
+        SetUpFiles(PlanText("WorkFlows", {"new"}).c_str());
+        killed = false;
+        try {
+            const platform::ScopedOperations scoped(KilledAtCall(call));
+            Reload("Own");
+        } catch (const Killed&) {
+            killed = true;
+        }
+        const std::string live = PlanIn(LivePath(""));
+        const std::string backup = PlanIn(conf / "backup" / "queryconf.txt");
+        EXPECT_TRUE(live == "new" ? backup == "live" : live == "live" && (backup == "live" || backup == "old"));
+        Reload("Own");
+        EXPECT_EQ(PlanIn(LivePath("")), "new");
+        EXPECT_EQ(PlanIn(conf / "backup" / "queryconf.txt"), "live");
+    }
+    EXPECT_GT(call, 10);
+}
+
+TEST_F(ConfigReload, FetchesAndUnpacksTheArchive) {
+    RunningServer server;
+    std::string connection;
+    server.server->Get("/conf/own.zip", [&](const httplib::Request& request, httplib::Response& response) {
+        connection = request.get_header_value("Connection");
+        response.set_content(Read(bin / "made.zip"), "application/zip");
+    });
+    ZipHandle zip = CreateZip(u"made.zip", nullptr);
+    AddMemoryToZip(zip, u"queryconf.txt", "a plan", 6);
+    CloseZip(zip);
+    agentState.gv_LastAccessName.publish(u"127.0.0.1");
+    agentState.gv_httpsEnabled = 0;
+    agentState.gv_ServerPort = server.port;
+
+    RequestingConfigDetailstoCS(std::nullopt);
+    EXPECT_TRUE(fs::is_directory(conf / "backup") && fs::is_empty(download));
+    RequestingConfigDetailstoCS(u"/conf/none.zip");
+    EXPECT_TRUE(Logged("Download Zip file is not successful. retVal is [13] \n"));
+    EXPECT_FALSE(fs::exists(download / "queryconf.txt"));
+    RequestingConfigDetailstoCS(u"\\conf\\own.zip");
+    EXPECT_TRUE(Logged("Download Zip file is successful \n"));
+    EXPECT_EQ(connection, "keep-active");
+    EXPECT_EQ(Read(download / "queryconf.txt"), "a plan");
+    EXPECT_EQ(FilesIn(download), std::vector<std::string>{"queryconf.txt"}) << "the archive goes";
+
+    agentState.gv_ocAgentBinPath = u"none\\";
+    RequestingConfigDetailstoCS(std::nullopt);
+    EXPECT_TRUE(Logged("Change directory failer \n") && Logged("none\\..\\conf\\download\\ not created. Path not"));
+}
+
+}  // namespace
+}  // namespace kv::test
