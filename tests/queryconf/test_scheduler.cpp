@@ -132,17 +132,21 @@ TEST_F(Scheduler, SchedulesEveryWorkflowThatCanRun) {
 
 TEST_F(Scheduler, AThousandReloadsWhileCollectingAreSafe) {
     std::atomic<int> ran = 0;
+    std::atomic<bool> stop = false;
+    std::atomic<bool> reloading = false;
     platform::ProcessOperations processes = platform::Processes();
     processes.CreateProcessW = [&](std::u16string_view, std::u16string_view, platform::ProcessHandle& process) {
         ++ran;
         process = 1;
         return platform::error::success;
     };
-    processes.WaitForSingleObject = [](auto...) { return platform::error::success; };
+    processes.WaitForSingleObject = [&](auto...) {  // a script lasts until a reload wants its thread to be done
+        while (!reloading && !stop) std::this_thread::yield();
+        return platform::error::success;
+    };
     processes.GetExitCodeProcess = [](auto, std::uint32_t& exitCode) { return exitCode = 0, platform::error::success; };
     processes.CloseProcess = [](auto) {};
     const platform::ScopedOperations scopedProcesses(processes);
-    std::atomic<bool> stop = false;
     clock.onSleep = [&](std::uint32_t) {
         if (stop) throw TimeIsUp();
     };
@@ -160,8 +164,10 @@ TEST_F(Scheduler, AThousandReloadsWhileCollectingAreSafe) {
         if (agentState.gv_queryConfHash)
             replaced.emplace_back(GetHashVector(agentState.gv_queryConfHash, u"WorkFlows"));
         ReloadQueryConfDetails(u"own");
+        reloading = true;
         const int before = ran;
         ReloadAndScheduleQueryData();
+        reloading = false;
         while (reload % 2 == 0 && ran == before) std::this_thread::yield();
     }
     stop = true;
