@@ -48,11 +48,16 @@ void DownloadQueryConf(const HashTable* request, ListResult& result) {
         if (!text) return;
         url = text;
     }
-    RequestingConfigDetailstoCS(url);
-    ReloadQueryConfDetails(agentKey);
+    if (!IsOwnAgentKey(agentKey) && !IsSlaveKey(agentKey)) {
+        Log1("\t ParseRequestList :: %s names no agent. The DOWNLOAD_QUERYCONF request is skipped\n", agentKey);
+        return;
+    }
+    // Noted first: whatever stops the two calls on their way, what they have changed by then is scheduled.
     agentState.gv_queryConfReloadPending = true;
     if (!result.confKeys.empty()) result.confKeys += u',';
-    result.confKeys += QueryValue(agentKey);
+    result.confKeys += agentKey;
+    RequestingConfigDetailstoCS(url);
+    ReloadQueryConfDetails(agentKey);
 }
 
 /// Deletes a slave's plan. Its directory goes too unless it holds anything else.
@@ -69,11 +74,11 @@ void DeleteDevice(const HashTable* request, ListResult&) {
     const char16_t* device = NeededText(request, u"DEVICE_NAME");
     if (!device) return;
     Log2("\t ParseRequestList :: Device to delete : %s, agentKey : %s\n", device, agentState.gv_agentKey);
-    if (CompareIgnoreCase(device, agentState.gv_agentKey.view()) == 0) {
+    if (IsOwnAgentKey(device)) {
         Log2("Dropping the DELETE_DEVICE request as agentKey points to MasterAgent");
         return;
     }
-    if (!IsPlainFileName(device)) {
+    if (!IsSlaveKey(device)) {
         Log1("\t ParseRequestList :: %s names no slave. The DELETE_DEVICE request is skipped\n", device);
         return;
     }
@@ -140,16 +145,16 @@ void FinishDownloads(const ListResult& result) {
     Log1("\t ParseRequestList :: got queryconf : %s\n", result.confKeys);
     std::u16string url = RequestServletUrl();
     url.append(u"&action=DOWNLOAD_QUERYCONF&status=success&requestId=").append(QueryValue(result.lastRequestId));
-    url.append(u"&moId=").append(result.confKeys);
+    url.append(u"&moId=").append(QueryValue(result.confKeys));
     Log1("\t Download query conf status :: URL : %s\n", url);
     InternetGetRequest(agentState.gv_ServerName, agentState.gv_ServerPort, url, nullptr, false);
 }
 
-/// Loads the list; false when the file holds none. A missing file is an empty list.
+/// Loads the list; false when it cannot be read. A list that lacks RequestList has no requests.
 bool LoadRequestList(HashTable* list, std::u16string_view fileName) {
     if (!fileExists(fileName)) {
         Log1("\t ParseRequestList :: testconf.txt file is not available\n");
-        return true;
+        return false;
     }
     const JsonReadResult read = JSONFileToHash(list, fileName);
     if (!read.message.empty()) Log1("\t ParseRequestList :: %s\n", read.message);
@@ -166,7 +171,7 @@ bool LoadRequestList(HashTable* list, std::u16string_view fileName) {
 }  // namespace
 
 std::u16string RequestServletUrl() {
-    return u"/servlets/DataAgentHandlerServlet?agentKey=" + QueryValue(agentState.gv_agentKey.view());
+    return ConcatStrings(u"/servlets/DataAgentHandlerServlet?agentKey=", agentState.gv_agentKey.view());
 }
 
 bool ParseRequestList(std::u16string_view fileName) {
@@ -176,7 +181,7 @@ bool ParseRequestList(std::u16string_view fileName) {
         return false;
     }
     Log1("\t Inside ParseRequestList -- fileName : %s", fileName);
-    if (!LoadRequestList(list.get(), fileName)) return false;
+    const bool readable = LoadRequestList(list.get(), fileName);
     const Vector* requests = GetHashVector(list.get(), u"RequestList");
     Log1("\t ParseRequestList :: query conf - sortVec size: [%d]\n", requests ? requests->count : 0);
     ListResult result;
@@ -184,7 +189,7 @@ bool ParseRequestList(std::u16string_view fileName) {
         ServeRequest(element, result);
     if (agentState.gv_queryConfReloadPending) RunGuarded("ParseRequestList", [&] { FinishDownloads(result); });
     agentState.gv_queryConfReloadPending = false;
-    return true;
+    return readable;
 }
 
 }  // namespace kv

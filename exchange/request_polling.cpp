@@ -25,6 +25,11 @@ namespace error = platform::error;
 
 constexpr std::uint32_t pollMilliseconds = 30000;
 
+struct RequestListPaths {
+    std::u16string directory;  // with a backslash behind it
+    std::u16string list;       // the file in it that holds the list while it is served
+};
+
 /// The download directory, behind the bin path where that cannot be made the working directory.
 std::u16string DownloadDirectory() {
     constexpr std::u16string_view relative = u"..\\conf\\download\\";
@@ -59,9 +64,11 @@ void MakeDownloadDirectory(std::u16string_view directory) {
     }
 }
 
-void WriteRequestAvailable(std::u16string_view text) {
-    if (const Error failure = SetRequestAvailable(text))
+bool WriteRequestAvailable(std::u16string_view text) {
+    const Error failure = SetRequestAvailable(text);
+    if (failure != error::success)
         Log1("\t RequestCentralServer :: RequestAvailable cannot be set to %s. Error is [%d]\n", text, failure);
+    return failure == error::success;
 }
 
 /// A request that is still marked brought the agent down, or was cut short by its stop: the server is told to drop it,
@@ -100,30 +107,35 @@ Error FetchRequestList(OptionalText& list) {
     return result;
 }
 
-bool StoreRequestList(std::u16string_view list, const std::u16string& listPath) {
-    const Error failure = WriteCompleteFile(listPath, listPath + u".tmp", Utf16LittleEndianBytes(list));
+/// What an archive has put in the way goes, and a directory that someone has removed comes back: no request would be
+/// served for as long as they stay otherwise.
+bool StoreRequestList(std::u16string_view list, const RequestListPaths& paths) {
+    const std::u16string temporaryPath = paths.list + u".tmp";
+    if (!Files().IsDirectory(paths.directory)) MakeDownloadDirectory(paths.directory);
+    ClearDirectoryFromPath(temporaryPath);
+    ClearDirectoryFromPath(paths.list);
+    const Error failure = WriteCompleteFile(paths.list, temporaryPath, Utf16LittleEndianBytes(list));
     if (failure == error::success) return true;
     Log3("\tRequestCentralServer: file pointer is NULL\n");
-    Log1("\t RequestCentralServer :: %s cannot be written. Error is [%d]\n", listPath, failure);
+    Log1("\t RequestCentralServer :: %s cannot be written. Error is [%d]\n", paths.list, failure);
     return false;
 }
 
-/// False when the list could not be stored or read; none of its requests has been served then.
-bool StoreAndServe(std::u16string_view list, const std::u16string& listPath) {
+/// served stays false when the list could not be stored or read; none of its requests has been served then.
+void StoreAndServe(std::u16string_view list, const RequestListPaths& paths, bool& served) {
     Log3("\t Inside StoreAndServe() \n");
-    if (!StoreRequestList(list, listPath)) return false;
+    if (!StoreRequestList(list, paths)) return;
     const std::int64_t start = GetNowSeconds();
-    const bool served = ParseRequestList(listPath);
+    served = ParseRequestList(paths.list);
     Log2("\t RequestCentralServer :: Total Time taken for executing Request List - %d", GetNowSeconds() - start);
-    if (const Error failure = Files().DeleteFileW(listPath))
-        Log1("\t RequestCentralServer :: %s cannot be deleted. Error is [%d]\n", listPath, failure);
-    return served;
+    if (const Error failure = Files().DeleteFileW(paths.list))
+        Log1("\t RequestCentralServer :: %s cannot be deleted. Error is [%d]\n", paths.list, failure);
 }
 
-/// The flag is down before the list is served, so that a crash while serving cannot come back with every start. It goes
-/// up again for a list that was not served at all.
-void TakeRequestList(const OptionalText& answer, const std::u16string& listPath) {
-    WriteRequestAvailable(u"NO");
+/// The flag is down before the list is served, so that a crash while serving cannot come back with every start; while
+/// it cannot be taken down nothing is served. It goes up again for a list that was not served at all.
+void TakeRequestList(const OptionalText& answer, const RequestListPaths& paths) {
+    if (!WriteRequestAvailable(u"NO")) return;
     std::u16string_view list = answer ? std::u16string_view(*answer) : std::u16string_view();
     list = list.substr(0, list.find(u'\0'));
     if (list.empty()) {
@@ -131,17 +143,17 @@ void TakeRequestList(const OptionalText& answer, const std::u16string& listPath)
         return;
     }
     bool served = false;
-    RunGuarded("RequestCentralServer", [&] { served = StoreAndServe(list, listPath); });
+    RunGuarded("RequestCentralServer", [&] { StoreAndServe(list, paths, served); });
     if (served) return;
     Log1("\t RequestCentralServer :: The request list was not served. It is fetched again in the next round\n");
     WriteRequestAvailable(u"YES");
 }
 
-void RunRound(const std::u16string& listPath) {
+void RunRound(const RequestListPaths& paths) {
     DropInterruptedRequest();
     if (!RequestsWait()) return;
     OptionalText list;
-    if (FetchRequestList(list) == error::success) TakeRequestList(list, listPath);
+    if (FetchRequestList(list) == error::success) TakeRequestList(list, paths);
     Log1(
         "\t RequestCentralServer() :: Request list are processed sucessfully.. Going to set RequestAvailable flag as "
         "NO.\n");
@@ -151,13 +163,14 @@ void RunRound(const std::u16string& listPath) {
 
 std::uint32_t RequestCentralServer(void* /*ignored*/) {
     Log3("\t Inside RequestCentralServer() \n");
-    const std::u16string directory = DownloadDirectory();
-    MakeDownloadDirectory(directory);
-    const std::u16string listPath = directory + u"RequestList.txt";
+    RequestListPaths paths;
+    paths.directory = DownloadDirectory();
+    paths.list = paths.directory + u"RequestList.txt";
+    MakeDownloadDirectory(paths.directory);
     for (;;) {
         Log1("\t Inside RequestCentralServer :: Sleep for 30 seconds \n");
         platform::Clock().Sleep(pollMilliseconds);
-        RunGuarded("RequestCentralServer", [&listPath] { RunRound(listPath); });
+        RunGuarded("RequestCentralServer", [&paths] { RunRound(paths); });
     }
 }
 

@@ -71,6 +71,12 @@ int DeleteDirectoryRecursively(std::u16string_view path) {
     return result;
 }
 
+void ClearDirectoryFromPath(std::u16string_view path) {
+    if (!Files().IsDirectory(path)) return;
+    const int deleted = DeleteDirectoryRecursively(path);
+    Log1("\t ClearDirectoryFromPath :: [%s] is a directory where a file belongs. Deleted [%d]\n", path, deleted);
+}
+
 bool CheckFileExists(std::u16string_view path) {
     Log4("\t Inside CheckFileExists() \n");
     const FileSearch search(path);

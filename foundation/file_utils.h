@@ -14,6 +14,9 @@ namespace kv {
 /// as a missing one, gives 1 with a log line and nothing removed.
 int DeleteDirectoryRecursively(std::u16string_view path);
 
+/// Deletes a directory, with everything in it, that stands where a file of the agent's belongs. It leaves a log line.
+void ClearDirectoryFromPath(std::u16string_view path);
+
 /// Whether anything matches a path, which may hold wildcards. A miss leaves a log line.
 bool CheckFileExists(std::u16string_view path);
 

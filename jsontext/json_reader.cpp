@@ -22,6 +22,11 @@ constexpr int nestingLimit = 32;
 /// In 16-bit units. json-c counts bytes in an int, and no unit becomes more than 5 bytes on the way to it.
 constexpr std::size_t largestDocument = std::size_t{64} << 20;
 
+/// An empty object costs a kilobyte on its way in, another value a tenth of that. Counted wherever they stand, in texts
+/// too, which is quick and never too few.
+constexpr std::ptrdiff_t mostOpeningBrackets = 250'000;
+constexpr std::ptrdiff_t mostCommas = 2'000'000;
+
 /// A table is searched from its first key to the last, so what grows with the square of its size has to stay small.
 constexpr int mostMembersOfAnObject = 10000;
 
@@ -192,6 +197,11 @@ bool HoldsHugeObject(json_object* value) {
     return false;
 }
 
+bool HasTooManyValues(std::u16string_view text) {
+    const auto count = [text](char16_t unit) { return std::count(text.begin(), text.end(), unit); };
+    return count(u'{') + count(u'[') > mostOpeningBrackets || count(u',') > mostCommas;
+}
+
 const char* WordsOf(json_tokener_error error) {
     return error == json_tokener_error_depth ? "nesting to deep" : json_tokener_error_desc(error);
 }
@@ -234,6 +244,7 @@ int AddValueToVector(Vector* vector, Word value, ValueType type) {
 JsonReadResult JSONTextToHash(HashTable* table, std::u16string_view text) {
     Log4("\t Inside JSONTextToHash() \n");
     if (text.size() > largestDocument) return Failure("the document is larger than 64 million characters");
+    if (HasTooManyValues(text)) return Failure("the document has too many values for the memory");
     const JsonTokenerPtr tokener(json_tokener_new_ex(nestingLimit));
     if (!tokener) return Failure("not enough memory");
     const std::string narrow = NarrowJson(text);

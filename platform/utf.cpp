@@ -1,5 +1,6 @@
 #include "platform/utf.h"
 
+#include <algorithm>
 #include <iterator>
 #include <utf8.h>
 
@@ -8,6 +9,12 @@ namespace platform {
 namespace {
 
 constexpr char16_t replacement = u'\uFFFD';
+
+/// Most texts are, and go through character by character.
+template <class Text>
+bool IsAscii(Text text) {
+    return std::all_of(text.begin(), text.end(), [](auto unit) { return unit >= 0 && unit < 0x80; });
+}
 
 bool IsLead(char16_t unit) { return unit >= 0xD800 && unit <= 0xDBFF; }
 bool IsTrail(char16_t unit) { return unit >= 0xDC00 && unit <= 0xDFFF; }
@@ -19,6 +26,7 @@ char32_t CombinedSurrogates(char16_t lead, char16_t trail) {
 }  // namespace
 
 std::string Utf8FromWide(std::u16string_view wide) {
+    if (IsAscii(wide)) return {wide.begin(), wide.end()};
     std::string utf8;
     utf8.reserve(wide.size());
     for (std::size_t at = 0; at < wide.size(); ++at) {
@@ -35,6 +43,7 @@ std::string Utf8FromWide(std::u16string_view wide) {
 }
 
 std::u16string WideFromUtf8(std::string_view utf8) {
+    if (IsAscii(utf8)) return {utf8.begin(), utf8.end()};
     std::string repaired;
     if (!IsValidUtf8(utf8)) {
         utf8::replace_invalid(utf8.begin(), utf8.end(), std::back_inserter(repaired), replacement);

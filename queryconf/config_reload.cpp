@@ -69,10 +69,8 @@ struct PlanFiles {
     std::u16string backup;
 };
 
-bool IsOwnKey(std::u16string_view agentKey) { return CompareIgnoreCase(agentKey, agentState.gv_agentKey.view()) == 0; }
-
 PlanFiles FilesOf(std::u16string_view agentKey) {
-    if (IsOwnKey(agentKey)) return {u"", u"..\\conf\\queryconf.txt", ConcatStrings(backupDirectory, planName)};
+    if (IsOwnAgentKey(agentKey)) return {u"", u"..\\conf\\queryconf.txt", ConcatStrings(backupDirectory, planName)};
     const std::u16string inDirectory = ConcatStrings(agentKey, u"\\").append(planName);
     return {std::u16string(agentKey), ConcatStrings(slavesDirectory, inDirectory),
             ConcatStrings(backupDirectory, inDirectory)};
@@ -98,6 +96,7 @@ bool MayExist(std::u16string_view path) {
 /// Moves a new plan that cannot be used out of the way of the next request, to where someone can look at it.
 void SetAside(const PlanFiles& files) {
     Log1("\t ReloadQueryConfDetails :: %s is refused; %s stays in use \n", newPlan, files.live);
+    ClearDirectoryFromPath(refusedPlan);
     if (const Error failure = Files().MoveFileExW(newPlan, refusedPlan, true))
         Log1("\t ReloadQueryConfDetails :: %s cannot be renamed to %s. Error is [%u] \n", newPlan, refusedPlan,
              failure);
@@ -149,6 +148,12 @@ bool Install(const PlanFiles& files) {
 
 }  // namespace
 
+bool IsOwnAgentKey(std::u16string_view key) { return CompareIgnoreCase(key, agentState.gv_agentKey.view()) == 0; }
+
+bool IsSlaveKey(std::u16string_view key) {
+    return IsPlainFileName(key) && CompareIgnoreCase(key.substr(0, planName.size()), planName) != 0;
+}
+
 void RequestingConfigDetailstoCS(const OptionalText& confFileDldURL) {
     Log3("\t Inside RequestingConfigDetailstoCS() \n");
     constexpr const char* caller = "RequestingConfigDetailstoCS";
@@ -165,6 +170,7 @@ void RequestingConfigDetailstoCS(const OptionalText& confFileDldURL) {
         return;
     }
     Log1("\t RequestingConfigDetailstoCS :: Download Zip file is successful \n");
+    ClearDirectoryFromPath(newPlan);
     UnzipFiles(archive, u"..\\conf\\download");
     if (const Error failure = Files().DeleteFileW(archive))
         Log1("\t RequestingConfigDetailstoCS :: %s cannot be deleted. Error is [%u] \n", archive, failure);
@@ -172,7 +178,7 @@ void RequestingConfigDetailstoCS(const OptionalText& confFileDldURL) {
 
 void ReloadQueryConfDetails(std::u16string_view agentKey) {
     Log3("\t Inside ReloadQueryConfDetails() \n");
-    if (!IsOwnKey(agentKey) && !IsPlainFileName(agentKey)) {
+    if (!IsOwnAgentKey(agentKey) && !IsSlaveKey(agentKey)) {
         Log1("\t ReloadQueryConfDetails :: %s can name no directory: nothing is installed for it \n", agentKey);
         return;
     }
@@ -189,6 +195,7 @@ void ReloadAndScheduleQueryData() {
     Log3("\t Inside ReloadAndScheduleQueryData() \n");
     DeleteTimerEntryByName(u"DEFAULT");
     FreeAllVector(std::exchange(agentState.gv_sortVec, nullptr));
+    FreeReplacedPlans();
     scheduleQueryHashData();
     Log1("\t ReloadAndScheduleQueryData : Query conf reloaded and scheduled successfully... \n");
 }

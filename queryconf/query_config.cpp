@@ -4,6 +4,7 @@
 #include <new>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "foundation/agent_state.h"
 #include "foundation/file_utils.h"
@@ -78,6 +79,16 @@ const char* FaultOf(const VectorElement* element) {
     return nullptr;
 }
 
+/// A list without workflows is a plan to collect nothing; one in which nothing can run is a mistake.
+bool HasRunnableWorkflow(const Vector* workflows, const std::u16string& key, std::u16string_view fileName) {
+    const char* fault = nullptr;
+    for (const VectorElement* element = workflows->head; element; element = element->next) {
+        if (!(fault = FaultOf(element))) return true;
+    }
+    if (fault) Log1("\t IsUsableQueryConfig :: %s :: no workflow of %s can run: the last %s \n", fileName, key, fault);
+    return !fault;
+}
+
 const char16_t* NameOf(const VectorElement* element) {
     if (element->type != ValueType::table) return nullptr;
     return GetHashText(reinterpret_cast<const HashTable*>(element->value), u"wfname");
@@ -119,9 +130,13 @@ HashTablePtr TakePlan(const HashTable* document, std::u16string_view fileName) {
     return plan;
 }
 
-/// Makes room for a new list. The old one is not freed: gv_sortVec and running timers refer to its entries until
+/// Lists that are no longer in the merged table, but may be in use.
+std::vector<VectorPtr> replacedPlans;
+
+/// Makes room for a new list. The old one is not freed yet: gv_sortVec and running timers refer to its entries until
 /// the schedule is built anew.
 void RemoveOldKey(const std::u16string& key) {
+    replacedPlans.emplace_back(GetHashVector(agentState.gv_queryConfHash, key));
     RemoveHashKey(agentState.gv_queryConfHash, key);
     Log2("\t Key %s deleted from query conf \n", key);
     Log2("\t Query conf key count after deleting : %d \n", CountHashKeys(agentState.gv_queryConfHash));
@@ -215,6 +230,8 @@ void LoadQueryConfig(std::u16string_view agent, std::optional<std::u16string_vie
     MergePlan(std::move(plan), KeyOf(agent), name);
 }
 
+void FreeReplacedPlans() { replacedPlans.clear(); }
+
 bool IsUsableQueryConfig(std::u16string_view agent, std::u16string_view fileName) {
     Log3("\t Inside IsUsableQueryConfig() \n");
     constexpr const char* caller = "IsUsableQueryConfig";
@@ -223,8 +240,9 @@ bool IsUsableQueryConfig(std::u16string_view agent, std::u16string_view fileName
         Log1("Initialise hash table is Failed\n");
         return false;
     }
-    return ReadDocument(caller, document.get(), fileName) &&
-           HasWorkflows(caller, document.get(), KeyOf(agent), fileName);
+    const std::u16string key = KeyOf(agent);
+    return ReadDocument(caller, document.get(), fileName) && HasWorkflows(caller, document.get(), key, fileName) &&
+           HasRunnableWorkflow(GetHashVector(document.get(), key), key, fileName);
 }
 
 }  // namespace kv

@@ -18,6 +18,10 @@ void LoadConfFiles();
 /// workflow that is no object, has no interval of 1 minute or more, or no array recordSetName.
 void LoadQueryConfig(std::u16string_view agent, std::optional<std::u16string_view> fileName);
 
+/// Frees the lists that LoadQueryConfig has replaced since the last call. No timer and no gv_sortVec may refer to them
+/// any more.
+void FreeReplacedPlans();
+
 /// Whether LoadQueryConfig would take a plan for this agent from this file. Why not is logged, at level 1.
 bool IsUsableQueryConfig(std::u16string_view agent, std::u16string_view fileName);
 

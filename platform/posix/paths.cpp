@@ -38,9 +38,13 @@ void ReadStateDirectory() {
 }
 
 std::string NativePathOf(std::u16string_view path) {
-    std::u16string whole(path);
-    std::replace(whole.begin(), whole.end(), u'\0', u'\uFFFD');
-    std::string native = Utf8FromWide(whole);
+    std::string native;
+    for (std::size_t start = 0; start <= path.size();) {
+        const std::size_t end = std::min(path.find(u'\0', start), path.size());
+        if (start > 0) native += "\uFFFD";
+        native += Utf8FromWide(path.substr(start, end - start));
+        start = end + 1;
+    }
     std::replace(native.begin(), native.end(), '\\', '/');
     if (native.starts_with('/')) return fs::path(native).lexically_normal().string();
     if (!BeginsWithDrive(native)) return native;

@@ -7,6 +7,7 @@
 #include <map>
 #include <optional>
 
+#include "foundation/file_utils.h"
 #include "lab/server.h"
 #include "lab/store.h"
 #include "platform/utf.h"
@@ -118,7 +119,8 @@ TEST(Requests, APushedPlanTakesOverWhileACollectionRunsAndNothingIsLost) {
     EXPECT_TRUE(InstalledAgent::eventually([&] { return agent.timesRun("New") == 1; }, 1000));
     EXPECT_TRUE(InstalledAgent::eventually([&] { return agent.states() == "answered "; })) << agent.states();
     EXPECT_EQ(agent.timesRun("Slow"), 1);
-    EXPECT_NE(TestAgent::Read(agent.monitoring / "conf" / "backup" / "queryconf.txt").find('S'), std::string::npos);
+    const std::string backup = TestAgent::Read(agent.monitoring / "conf" / "backup" / "queryconf.txt");
+    EXPECT_NE(backup.find(Utf16LittleEndianBytes(u"Slow")), std::string::npos);
     // Own plan, S1 and S2 before the change; new plan, S1 and S2 after it.
     lab::Store store = lab::OpenStore(agent.database);
     ASSERT_TRUE(InstalledAgent::eventually([&] { return lab::CountAll(store).records == 6; }))

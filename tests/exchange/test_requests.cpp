@@ -64,6 +64,7 @@ class Requests : public TestAgent {
 TEST_F(Requests, EachRoundAsksForWhatWaitsAndLeavesTheMailboxRight) {
     constexpr char empty[] = R"({"RequestList": []})", cut[] = R"({"RequestList": [{"AGENT_REQUEST_ID": "1"}, {"AG)";
     constexpr char odd[] = R"({"RequestList": [7, {}, {"REQUEST_TYPE": 5}, {"REQUEST_TYPE": "DOWNLOAD_QUERYCONF"},
+        {"REQUEST_TYPE": "DOWNLOAD_QUERYCONF", "AGENT_KEY": "..", "DOWNLOAD_URL": "/x"},
         {"REQUEST_TYPE": "DOWNLOAD_QUERYCONF", "AGENT_KEY": "K7", "DOWNLOAD_URL": 5}]})";
     constexpr char three[] = R"({"RequestList": [{"REQUEST_TYPE": "GET_INSTANCE_DATA", "AGENT_REQUEST_ID": "1"},
         {"REQUEST_TYPE": "DOWNLOAD_QUERYCONF", "AGENT_REQUEST_ID": "2", "AGENT_KEY": "K1", "DOWNLOAD_URL": "/none"},
@@ -102,11 +103,21 @@ TEST_F(Requests, EachRoundAsksForWhatWaitsAndLeavesTheMailboxRight) {
         EXPECT_EQ(Reloads(), row.reloads);
         EXPECT_FALSE(std::filesystem::exists(conf / "download" / "RequestList.txt"));
     }
+    SetRequestAvailable(u"YES");
+    {
+        const platform::ScopedOperations full(
+            Failing(&platform::FileOperations::MoveFileExW, platform::error::diskFull));
+        RunRound(empty);
+    }
+    EXPECT_EQ(Registry(), "NONE YES");
+    EXPECT_EQ(CountInRound("file pointer is NULL"), 1);
+    std::filesystem::remove_all(conf / "download");
+    RunRound(empty);
+    EXPECT_EQ(Registry(), "NONE NO") << "the directory is made again";
     Write(conf / "download" / "RequestList.txt" / "in the way", "");
     SetRequestAvailable(u"YES");
     RunRound(empty);
-    EXPECT_EQ(Registry(), "NONE YES");
-    EXPECT_EQ(CountInRound("file pointer is NULL"), 1);
+    EXPECT_EQ(Registry(), "NONE NO") << "what stands in the way goes";
 }
 
 TEST_F(Requests, OneThatFailsCostsNoOtherAndOnlySlavesAreDeleted) {

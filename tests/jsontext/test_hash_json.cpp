@@ -96,6 +96,8 @@ TEST_F(Json, RefusesInTheParsersWords) {
              {u"{\"a\":\"\\u20ac\\u00g0\"}", "invalid string sequence at offset 16 (line 1)"},
              {u"[1]", "the top level is no object"},
              {huge + u"}}", "an object has more than 10000 members"},
+             {u"[" + std::u16string(250'000, u'{'), "the document has too many values for the memory"},
+             {u"{\"a\":\"" + std::u16string(2'000'001, u','), "the document has too many values for the memory"},
              {nested(32), "nesting to deep at offset 36 (line 1)"},
              {nested(100000), "nesting to deep at offset 36 (line 1)"},
          }) {

@@ -11,6 +11,7 @@
 #include "foundation/hash_table.h"
 #include "platform/threads.h"
 #include "platform/utf.h"
+#include "queryconf/query_config.h"
 #include "tests/support/test_agent.h"
 
 namespace kv::test {
@@ -35,31 +36,16 @@ class PlanTest : public TestAgent {
         operations.CreateThread = [](platform::ThreadStart, void*) { return platform::ThreadHandle{1}; };
         threads_.emplace(operations);
     }
-    ~PlanTest() override {
-        for (Vector* list : replaced_) FreeAllVector(list);
-        FreePlan();
-    }
+    ~PlanTest() override { FreePlan(); }
 
     static void FreePlan() {
         FreeAllVector(std::exchange(agentState.gv_sortVec, nullptr));
+        FreeReplacedPlans();
         FreeAllHashTable(std::exchange(agentState.gv_queryConfHash, nullptr));
-    }
-
-    /// Does what may replace the list under a key; the old one, which the agent leaves alive, goes at the end of the
-    /// test.
-    template <class Action>
-    void Replacing(std::u16string_view key, Action action) {
-        const auto list = [key] {
-            return agentState.gv_queryConfHash ? GetHashVector(agentState.gv_queryConfHash, key) : nullptr;
-        };
-        Vector* old = list();
-        action();
-        if (old && list() != old) replaced_.push_back(old);
     }
 
   private:
     std::optional<platform::ScopedOperations<platform::ThreadOperations>> threads_;
-    std::vector<Vector*> replaced_;
 };
 
 }  // namespace kv::test

@@ -40,10 +40,7 @@ class ConfigReload : public PlanTest {
     fs::path LivePath(const fs::path& slave) const {
         return slave.empty() ? conf / "queryconf.txt" : conf / "slaves" / slave / "queryconf.txt";
     }
-    void Reload(const std::string& agentKey) {
-        const std::u16string key = platform::WideFromUtf8(agentKey);
-        Replacing(u"WorkFlows", [&] { ReloadQueryConfDetails(key); });
-    }
+    static void Reload(const std::string& agentKey) { ReloadQueryConfDetails(platform::WideFromUtf8(agentKey)); }
 
     /// The workflow of a plan's file; "-" without a file, the text itself when it is no whole plan of PlanText.
     static std::string PlanIn(const fs::path& path) {
@@ -93,6 +90,11 @@ TEST_F(ConfigReload, TheFilesAndTheTableAfterEachOutcome) {
              {"another agent's", "Own", ofS, sound, "", "live", "old", refused, "live",
               "queryconf.txt has no array WorkFlows"},
              {"own key no list", "Own", "{\"WorkFlows\":{}}", sound, "", "live", "old", refused, "live"},
+             {"nothing that can run", "Own", R"({"WorkFlows":[{"interval":"5","recordSetName":[]}]})", sound, "",
+              "live", "old", refused, "live",
+              "no workflow of WorkFlows can run: the last has an interval that is no number"},
+             {"for a key that is a file's name", "queryconf.txt.new", own, sound, "", "live", "old", waits, "live",
+              "can name no directory"},
              {"for a key that climbs", "..\\..\\S", ofS, sound, "", "live", "old", waits, "live",
               "..\\..\\S can name no directory"},
              {"for an empty key", "", own, sound, "", "live", "old", waits, "live", "can name no directory"},
@@ -108,7 +110,7 @@ TEST_F(ConfigReload, TheFilesAndTheTableAfterEachOutcome) {
         if (row.slave == "S") LoadQueryConfig(u"S", u"..\\conf\\slaves\\S\\queryconf.txt");
         row.before();
         const platform::ScopedOperations scoped(row.operations);
-        row.slave == "S" ? Replacing(u"WorkFlows_S", [] { ReloadQueryConfDetails(u"S"); }) : Reload(row.agentKey);
+        Reload(row.agentKey);
         EXPECT_EQ(PlanIn(LivePath(row.slave)), row.live);
         EXPECT_EQ(PlanIn(conf / "backup" / row.slave / "queryconf.txt"), row.backup);
         EXPECT_EQ(FilesIn(download), row.downloads.empty() ? std::vector<std::string>{} : std::vector{row.downloads});

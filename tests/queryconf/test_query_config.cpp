@@ -38,8 +38,7 @@ class QueryConfig : public PlanTest {
     }
 
     void Reload(std::u16string_view agent, std::optional<std::u16string_view> file = std::nullopt) {
-        Replacing(agent.empty() ? u"WorkFlows" : u"WorkFlows_" + std::u16string(agent),
-                  [&] { LoadQueryConfig(agent, file); });
+        LoadQueryConfig(agent, file);
     }
 };
 

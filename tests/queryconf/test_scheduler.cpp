@@ -152,7 +152,6 @@ TEST_F(Scheduler, AThousandReloadsWhileCollectingAreSafe) {
     };
     logState.gv_logLevel = 1;
     agentState.gv_agentKey.publish(u"Own");
-    std::vector<VectorPtr> replaced;  // the agent leaves them alive
     std::thread timer([] { EXPECT_THROW(TimerThread(nullptr), TimeIsUp); });
     std::int32_t workflows = 0;
     for (int reload = 0; reload < 1000; ++reload) {
@@ -161,8 +160,6 @@ TEST_F(Scheduler, AThousandReloadsWhileCollectingAreSafe) {
         for (int i = 0; i < workflows; ++i)
             plan += "{\"interval\":" + std::to_string(1000 + i) + ",\"recordSetName\":[{\"script\":\"s.sh\"}]},";
         Write(conf / "download" / "queryconf.txt", plan + "]}");
-        if (agentState.gv_queryConfHash)
-            replaced.emplace_back(GetHashVector(agentState.gv_queryConfHash, u"WorkFlows"));
         ReloadQueryConfDetails(u"own");
         reloading = true;
         const int before = ran;
