@@ -17,7 +17,7 @@
 
 namespace kv {
 
-/// One raw inflate stream, made by the first item that needs it and reset for each further one.
+/// One raw inflate stream, made by the first item and reset for each further one.
 struct Inflater {
     z_stream stream{};
     bool made = false;

@@ -2,6 +2,7 @@
 
 #include "foundation/log.h"
 #include "foundation/system_error.h"
+#include "zip/zip_item_name.h"
 
 namespace kv {
 
@@ -27,25 +28,27 @@ ZipResult ForEachDirectory(std::u16string_view path, const Use& use) {
     return zip_result::ok;
 }
 
+/// failure is the C error number of the last try.
+ZipResult CannotMake(std::u16string_view path, int failure) {
+    Log1("\t UnzipItem :: The directory [%s] cannot be made. errno is [%d]\n", PrintableName(path), failure);
+    return zip_result::noFile;
+}
+
 /// A directory below the base that is there or gets made.
 ZipResult EnterDirectory(std::u16string_view path) {
     std::uint32_t attributes = 0;
-    Error result = Files().GetFileAttributesW(path, attributes);
-    if (result != error::success) {
-        if (Files().wmkdir(path) == 0) return zip_result::ok;
-        result = Files().GetFileAttributesW(path, attributes);  // someone else may have been faster
-    }
-    if (result != error::success) {
-        Log1("\t UnzipItem :: The directory [%s] cannot be made\n", path);
-        LogLastSystemError(result);
-        return zip_result::noFile;
+    if (Files().GetFileAttributesW(path, attributes) != error::success) {
+        const int failure = Files().wmkdir(path);
+        if (failure == 0) return zip_result::ok;
+        // Someone else may have been faster.
+        if (Files().GetFileAttributesW(path, attributes) != error::success) return CannotMake(path, failure);
     }
     if ((attributes & attribute::reparsePoint) != 0) {
-        Log1("\t UnzipItem :: [%s] is a link, and is not followed\n", path);
+        Log1("\t UnzipItem :: [%s] is a link, and is not followed\n", PrintableName(path));
         return zip_result::badArguments;
     }
     if ((attributes & attribute::directory) != 0) return zip_result::ok;
-    Log1("\t UnzipItem :: [%s] is a file where a directory should be\n", path);
+    Log1("\t UnzipItem :: [%s] is a file where a directory should be\n", PrintableName(path));
     return zip_result::noFile;
 }
 
@@ -59,7 +62,7 @@ Error DeleteOld(std::u16string_view path) {
     std::uint32_t attributes = 0;
     const Error result = Files().GetFileAttributesW(path, attributes);
     if (result == error::success && (attributes & attribute::directory) != 0) {
-        Log1("\t UnzipItem :: [%s] is a directory where a file should be\n", path);
+        Log1("\t UnzipItem :: [%s] is a directory where a file should be\n", PrintableName(path));
         return error::accessDenied;
     }
     return Files().DeleteFileW(path);
@@ -80,13 +83,12 @@ bool IsAbsoluteTarget(std::u16string_view path) {
 
 ZipResult MakeDirectories(std::u16string_view path) {
     if (path.empty() || Files().IsDirectory(path)) return zip_result::ok;
-    ForEachDirectory(path, [](std::u16string_view directory) {
-        if (!Files().IsDirectory(directory)) Files().wmkdir(directory);
+    int failure = 0;
+    ForEachDirectory(path, [&failure](std::u16string_view directory) {
+        if (!Files().IsDirectory(directory)) failure = Files().wmkdir(directory);
         return zip_result::ok;
     });
-    if (Files().IsDirectory(path)) return zip_result::ok;
-    Log1("\t UnzipItem :: The directory [%s] cannot be made\n", path);
-    return zip_result::noFile;
+    return Files().IsDirectory(path) ? zip_result::ok : CannotMake(path, failure);
 }
 
 ZipResult MakeDirectoriesBelow(std::u16string_view base, std::u16string_view path) {
@@ -119,7 +121,7 @@ ZipResult CompleteTarget(UnzipTarget& target, const ZipItem& item) {
         .attributes = item.attr, .creationTime = item.ctime, .lastAccessTime = item.atime, .lastWriteTime = item.mtime};
     Error result = Files().SetFileInformationByHandle(target.file.handle, information);
     if (result != error::success) {
-        Log1("\t UnzipItem :: Attributes and times of [%s] cannot be set\n", target.path);
+        Log1("\t UnzipItem :: Attributes and times of [%s] cannot be set\n", PrintableName(target.path));
         LogLastSystemError(result);
     }
     result = target.file.Close();

@@ -13,6 +13,9 @@ using Bytes = std::span<const std::uint8_t>;
 
 constexpr std::size_t maxCommentSize = 0xFFFF;
 
+/// The size stands in a 64-bit record of the extra field.
+constexpr std::uint32_t sizeElsewhere = 0xFFFFFFFF;
+
 ZipResult Refuse(const char* reason) {
     Log1("\t OpenZip :: %s\n", reason);
     return zip_result::corrupt;
@@ -95,19 +98,20 @@ std::uint64_t LimitOf(const ZipDirectoryIndex& directory, std::uint32_t localOff
     return next == directory.localOffsets.end() ? directory.directoryStart : directory.archiveStart + *next;
 }
 
-/// Whether the sizes stand in a 64-bit record of the extra field.
 bool Has64BitSizes(const ZipHeader& header) {
-    constexpr std::uint32_t elsewhere = 0xFFFFFFFF;
-    return header.compressedSize == elsewhere || header.uncompressedSize == elsewhere;
+    return header.compressedSize == sizeElsewhere || header.uncompressedSize == sizeElsewhere;
 }
+
+/// Streaming writers put a 64-bit record into the local header before they know that the size is a small one.
+bool IsSize(std::uint32_t local, std::uint32_t central) { return local == central || local == sizeElsewhere; }
 
 /// A header whose CRC and sizes follow the data may leave them out.
 bool TellsTheSame(const ZipHeader& local, const ZipHeader& central) {
     return local.method == central.method && local.nameLength == central.nameLength &&
            ((local.flags ^ central.flags) & flagEncrypted) == 0 &&
            ((local.flags & flagDataDescriptor) != 0 ||
-            (local.crc == central.crc && local.compressedSize == central.compressedSize &&
-             local.uncompressedSize == central.uncompressedSize));
+            (local.crc == central.crc && IsSize(local.compressedSize, central.compressedSize) &&
+             IsSize(local.uncompressedSize, central.uncompressedSize)));
 }
 
 std::string_view TextOf(Bytes bytes) { return {reinterpret_cast<const char*>(bytes.data()), bytes.size()}; }
@@ -150,7 +154,7 @@ ZipResult ReadLocalEntry(const ArchiveInput& input, ArchiveWindow& window, const
     ZipResult result = ViewArchive(input, window, offset, localHeaderSize, bytes);
     if (result != zip_result::ok) return result;
     if (!ParseLocalHeader(bytes.first<localHeaderSize>(), local.header)) return zip_result::corrupt;
-    if (Has64BitSizes(local.header) || Has64BitSizes(central.header)) {
+    if (Has64BitSizes(central.header)) {
         Log1("\t GetZipItem :: An item with 64-bit sizes is not read\n");
         return zip_result::corrupt;
     }

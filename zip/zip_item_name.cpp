@@ -1,5 +1,8 @@
 #include "zip/zip_item_name.h"
 
+#include <algorithm>
+#include <array>
+
 #include "platform/utf.h"
 
 namespace kv {
@@ -16,8 +19,18 @@ void SkipOne(std::u16string_view& name, char16_t separator) {
     SkipDrives(name);
 }
 
-void SkipBehind(std::u16string_view& name, std::u16string_view climb) {
-    if (const std::size_t at = name.find(climb); at != name.npos) name.remove_prefix(at + climb.size());
+/// A part that climbs out of its directory. What a name does not hold it will not hold further on either: without that
+/// a name of 65,535 slashes would take seconds.
+struct Climb {
+    std::u16string_view text;
+    bool isGone = false;
+};
+
+void SkipBehind(std::u16string_view& name, Climb& climb) {
+    if (climb.isGone) return;
+    const std::size_t at = name.find(climb.text);
+    climb.isGone = at == name.npos;
+    if (!climb.isGone) name.remove_prefix(at + climb.text.size());
 }
 
 }  // namespace
@@ -25,6 +38,7 @@ void SkipBehind(std::u16string_view& name, std::u16string_view climb) {
 std::u16string CleansedName(std::string_view utf8) {
     const std::u16string whole = platform::WideFromUtf8(utf8.substr(0, utf8.find('\0')));
     std::u16string_view name = whole;
+    std::array<Climb, 4> climbs{{{u"\\..\\"}, {u"\\../"}, {u"/../"}, {u"/..\\"}}};
     std::size_t before = 0;
     // At most one separator of each kind goes before the climbs are looked for, so that "\\..\\x" becomes "x".
     do {
@@ -32,9 +46,16 @@ std::u16string CleansedName(std::string_view utf8) {
         SkipDrives(name);
         SkipOne(name, u'\\');
         SkipOne(name, u'/');
-        for (const std::u16string_view climb : {u"\\..\\", u"\\../", u"/../", u"/..\\"}) SkipBehind(name, climb);
+        for (Climb& climb : climbs) SkipBehind(name, climb);
     } while (name.size() < before);
     return std::u16string(name);
+}
+
+std::u16string PrintableName(std::u16string_view name) {
+    std::u16string printable(name);
+    std::replace_if(
+        printable.begin(), printable.end(), [](char16_t unit) { return unit < u' ' || unit == 0x7F; }, u'?');
+    return printable;
 }
 
 }  // namespace kv

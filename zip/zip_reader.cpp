@@ -189,7 +189,7 @@ ZipResult Unpack(ZipReader& reader, std::int32_t index, std::u16string_view path
     if (const ZipResult result = GetToKnow(reader, index); result != zip_result::ok) return result;
     const bool isAbsolute = IsAbsoluteTarget(path);
     if (!isAbsolute && !StaysBelowDirectory(path)) {
-        Log1("\t UnzipItem :: [%s] would leave the base directory\n", path);
+        Log1("\t UnzipItem :: [%s] would leave the base directory\n", PrintableName(path));
         return zip_result::badArguments;
     }
     return IsDirectoryItem(reader.known.item, path) ? PrepareDirectories(reader, path, isAbsolute)
@@ -205,7 +205,10 @@ ZipResult UnpackToHandle(ZipReader& reader, std::int32_t index, platform::FileHa
 }
 
 ZipResult UnpackToMemory(ZipReader& reader, std::int32_t index, std::span<std::uint8_t> block) {
-    if (index >= CountOf(reader)) return zip_result::ok;
+    if (index >= CountOf(reader)) {
+        reader.openIndex = none;
+        return zip_result::ok;
+    }
     if (index != reader.openIndex || index < 0) {
         if (const ZipResult result = OpenItem(reader, index); result != zip_result::ok) return result;
     }

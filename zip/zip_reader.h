@@ -58,8 +58,8 @@ ZipResult FindZipItem(ZipHandle zip, std::u16string_view name, bool ignoreCase, 
 ///
 /// wrongPassword: an encrypted item and no password, or another one. flateFailed: the data is damaged, is longer or
 /// shorter than its header says, or its method or encryption is not known. corrupt: the headers do not hold together.
-/// noFile: the file or a directory on its way cannot be made. writeFailed: the file cannot be written, as a full disk
-/// does it.
+/// readFailed: the archive cannot be read. noFile: the file or a directory on its way cannot be made. writeFailed: the
+/// file cannot be written, as a full disk does it. badArguments: also a negative index.
 ZipResult UnzipItem(ZipHandle zip, std::int32_t index, std::u16string_view path);
 
 /// Unpacks to an open file, from where it stands.
@@ -78,12 +78,15 @@ ZipResult LastZipReaderResult();
 /// As the writer's form (zip_writer.h), in wide text; the code 1 stands for the last result of the reader's side.
 std::size_t FormatZipMessage(ZipResult code, char16_t* buffer, std::size_t size);
 
-/// UnzipFiles refuses an item that would bring the sizes of an archive's items above this: no query configuration is
-/// near it, and the disk is not an archive's to fill.
+/// UnzipFiles refuses an item that would bring the sizes of an archive's items above this, each item and each directory
+/// on its way counting as 4 KB more: no query configuration is near it, and the disk is not an archive's to fill.
 inline constexpr std::uint64_t maxUnpackedBytes = std::uint64_t{512} << 20;
 
-/// Unpacks a whole archive into a directory. An item that fails is logged at level 1 with its name and the reason, and
-/// the others go on; so is an archive that cannot be opened, which gives no files.
+/// UnzipFiles gives an archive up after this many items that failed, so that it cannot fill the log.
+inline constexpr int maxFailedItems = 100;
+
+/// Unpacks a whole archive into a directory. An item that fails is logged at level 1 with its index, its name and the
+/// reason, and the others go on; so is an archive that cannot be opened, which gives no files.
 void UnzipFiles(std::u16string_view zipPath, std::u16string_view directory);
 
 }  // namespace kv

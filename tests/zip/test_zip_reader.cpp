@@ -99,7 +99,7 @@ ZipItem Described(const Built& entry) {
     const std::string bytes = Archive({entry});
     ZipHandle zip = OpenBytes(bytes);
     ZipItem item;
-    EXPECT_EQ(GetZipItem(zip, 0, item), zip_result::ok) << entry.name;
+    EXPECT_EQ(GetZipItem(zip, 0, item), zip_result::ok) << entry.name.substr(0, 40);
     CloseUnzip(zip);
     return item;
 }
@@ -161,10 +161,12 @@ TEST_F(ZipReading, NamesAreCleansedExactlySo) {
         {"a:b:c", u"c"},                    {"::x", u"x"},            {"/\\//C:/x", u"x"},
         {"a\\..\\b", u"b"},                 {"a\\../b", u"b"},       {"a/..\\b", u"b"},
         {"a/../b/../c:/x", u"x"},           {"a/b..", u"a/b.."},      {"a/..", u"a/.."},
+        {"/\\..\\x", u"x"},                {"\\/../x", u"../x"},       {"\\C:/../x", u"../x"},
+        {"a/..\\../b", u"b"},              {std::string(65534, '/') + "x", u"x"},
         {"C:", u""},                        {"\xC3\xBC\xFF", u"\u00FC\uFFFD"},
         {std::string("cut\0off", 7), u"cut"}, {std::string(259, 'n'), std::u16string(259, u'n')}};
     // clang-format on
-    for (const auto& row : rows) EXPECT_EQ(Described(Built(row.name)).name, row.cleansed) << row.name;
+    for (const auto& row : rows) EXPECT_EQ(Described(Built(row.name)).name, row.cleansed) << row.name.substr(0, 40);
 }
 
 TEST_F(ZipReading, AttributesAndTimesAreTheItems) {
@@ -268,10 +270,8 @@ TEST_F(ZipReading, NothingIsWrittenOutsideTheBase) {
                                                {"in/z", "good"},
                                                {"y", "good"}}));
     EXPECT_FALSE(fs::exists(conf / "x") || fs::exists(outside / "d") || fs::is_symlink(inside / "filelink"));
-    for (const Built& entry : entries) {
-        const std::string name = platform::Utf8FromWide(CleansedName(entry.name));
-        EXPECT_EQ(Logged("Not able to unpack [" + name + "] of [a.zip]"), entry.data != "good") << name;
-    }
+    for (std::size_t i = 0; i < entries.size(); ++i)
+        EXPECT_EQ(Logged("Not able to unpack item [" + std::to_string(i) + "] ["), entries[i].data != "good") << i;
 }
 
 TEST_F(ZipReading, NoCutAndNoFlippedBitGivesWrongContent) {
@@ -331,7 +331,11 @@ TEST_F(ZipReading, EveryLieIsRefusedAndLeavesNothing) {
     } rows[] = {
         {"bomb, declared empty", {bomb(0)}, flateFailed, "[0x5000000] [Zip-bug: an internal error during flation]"},
         {"bomb, declared small", {bomb(100000)}, flateFailed, ""},
-        {"4 GB declared", {with(&Built::size, 0xFFFFFFFE)}, flateFailed, "[n] would have 4294967294 bytes, more than"},
+        {"4 GB declared", {with(&Built::size, 0xFFFFFFFE)}, flateFailed, "An item of 4294967294 bytes is more than"},
+        {"a sum beyond the bound",
+         {with(&Built::size, 0x1FF00000), with(&Built::size, 0x200000)},
+         flateFailed,
+         "An item of 2097152 bytes is more than the archive may still unpack to: 1044480"},
         {"64-bit sizes", {with(&Built::size, 0xFFFFFFFF)}, corrupt, "64-bit sizes"},
         {"shorter than its size", {with(&Built::size, 8)}, flateFailed, ""},
         {"longer than its size", {with(&Built::size, 6)}, flateFailed, ""},
