@@ -78,6 +78,7 @@ void DropInterruptedRequest() {
     if (GetRequestID(id) != error::success || !id || id == u"NONE") return;
     Log2("\t ParseRequestList :: Agent may be crashed while processing the request id %s, so ignoring the request...\n",
          id);
+    Log1("\t RequestCentralServer :: The agent ended while it served the request %s, which is dropped\n", id);
     std::u16string url = RequestServletUrl() + u"&action=DELETE_REQUEST&requestId=" + QueryValue(*id);
     InternetGetRequest(agentState.gv_ServerName, agentState.gv_ServerPort, url, nullptr, false);
     if (const Error failure = SetRequestID(u"NONE"))

@@ -18,7 +18,8 @@ Options ParseOptions(const Command& command, const std::vector<std::string>& wor
         }
         const auto known = std::find_if(command.options.begin(), command.options.end(),
                                         [&](const Option& option) { return option.name == words[at]; });
-        if (known == command.options.end()) throw UsageError("unknown option '" + words[at] + "'");
+        if (known == command.options.end())
+            throw UsageError((words[at].starts_with("-") ? "unknown option '" : "unexpected '") + words[at] + "'");
         if (words.size() - at - 1 < known->values)
             throw UsageError(fmt::format("{} needs {}", words[at], known->values == 1 ? "a value" : "two values"));
         const auto first = words.begin() + static_cast<std::ptrdiff_t>(at) + 1;

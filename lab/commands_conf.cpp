@@ -22,9 +22,9 @@ namespace {
 std::string ReadPlanFile(const std::string& path) {
     if (!std::filesystem::exists(path)) throw NotFoundError("there is no file " + path);
     std::ifstream file(path, std::ios::binary);
+    if (!file.is_open() || std::filesystem::is_directory(path)) throw std::runtime_error("cannot read " + path);
     std::string bytes(std::istreambuf_iterator<char>(file), {});
-    if (!file.is_open() || file.bad() || std::filesystem::is_directory(path))
-        throw std::runtime_error("cannot read " + path);
+    if (file.bad()) throw std::runtime_error("cannot read " + path);
     if (bytes.size() > maxEntryBytes) throw std::runtime_error(path + " is too large for a plan");
     return bytes;
 }

@@ -36,9 +36,10 @@ h2 { font-size: 1.05rem; margin: 1.8rem 0 .5rem; }
 table { border-collapse: collapse; font-size: .9rem; }
 .card > table { width: 100%; }
 th { text-align: left; font-weight: 600; color: var(--soft); white-space: nowrap; }
+td { overflow-wrap: anywhere; }
 th, td { padding: .28rem .8rem .28rem 0; border-bottom: 1px solid var(--line); vertical-align: top; }
 .card > table th:first-child, .card > table td:first-child { padding-left: .8rem; }
-tr:last-child > td { border-bottom: 0; }
+tr:last-child > th, tr:last-child > td { border-bottom: 0; }
 .rows h3 { font-size: .95rem; margin: .5rem 0 0; }
 .record table { margin-top: .25rem; }
 td table { margin: 0; }

@@ -25,7 +25,7 @@ std::string ErrorText(platform::Error failure) {
 std::string PlaceOf(const std::string& stateDirectory) {
     if (!stateDirectory.empty()) return stateDirectory;
     const char* configured = std::getenv(stateVariable);
-    return configured && *configured ? configured : "the usual state directory";
+    return configured && *configured ? configured : "/var/lib/kvagent";
 }
 
 [[noreturn]] void FailToRead(const std::string& place, platform::Error failure) {
@@ -37,7 +37,8 @@ void RequireAgentSettings(const std::string& place) {
     const platform::Error failure = platform::Registry().RegOpenKeyExW(platform::RootKey::localMachine, agentKeyPath,
                                                                        platform::RegistryAccess::queryValue, key);
     if (failure == platform::error::fileNotFound)
-        throw NotFoundError(fmt::format("there is no agent's registry in {}; {}", place, noFlagHint));
+        throw NotFoundError(fmt::format(
+            "there is no agent's registry in {}; --state names the agent's state directory, {}", place, noFlagHint));
     if (failure != platform::error::success) FailToRead(place, failure);
     platform::Registry().RegCloseKey(key);
 }

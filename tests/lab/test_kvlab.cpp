@@ -40,7 +40,7 @@ TEST_F(Kvlab, ExitCodesAndWords) {
         {"conf push K1 a b" + on, 2, "'b'"},
         {"conf push K1 " + std::string(folder / "absent.json") + on, 3, "absent.json"},
         {"records --all" + on, 2, "unknown option '--all'"},
-        {"agents K1" + on, 2, "unknown option 'K1'"},
+        {"agents K1" + on, 2, "unexpected 'K1'"},
         {"records --database", 2, "--database needs a value"},
         {"agents", 2, "--database is missing"},
         {"serve --port 65536" + on, 2, "'65536'"},
