@@ -12,6 +12,7 @@
 #include "foundation/text.h"
 #include "jsontext/hash_json.h"
 #include "platform/files.h"
+#include "queryconf/conf_paths.h"
 #include "queryconf/config_reload.h"
 
 namespace kv {
@@ -82,8 +83,8 @@ void DeleteDevice(const HashTable* request, ListResult&) {
         Log1("\t ParseRequestList :: %s names no slave. The DELETE_DEVICE request is skipped\n", device);
         return;
     }
-    const std::u16string directory = ConcatStrings(u"..\\conf\\slaves\\", device);
-    const std::u16string plan = directory + u"\\queryconf.txt";
+    const std::u16string directory = ConcatStrings(conf_path::slavesDirectory, device);
+    const std::u16string plan = ConcatStrings(directory, u"\\").append(conf_path::planName);
     if (fileExists(plan)) DeleteSlave(directory, plan);
 }
 

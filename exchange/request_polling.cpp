@@ -14,6 +14,7 @@
 #include "foundation/time_utils.h"
 #include "platform/clock.h"
 #include "platform/files.h"
+#include "queryconf/conf_paths.h"
 
 namespace kv {
 
@@ -32,11 +33,10 @@ struct RequestListPaths {
 
 /// The download directory, behind the bin path where that cannot be made the working directory.
 std::u16string DownloadDirectory() {
-    constexpr std::u16string_view relative = u"..\\conf\\download\\";
     const std::u16string binPath = agentState.gv_ocAgentBinPath.value_or(u"");
     switch (Files().wchdir(binPath)) {
         case 0:
-            return std::u16string(relative);
+            return std::u16string(conf_path::downloadDirectory);
         case 2:
             Log3("\t RequestCentralServer :: Change directory failed \n");
             break;
@@ -46,7 +46,7 @@ std::u16string DownloadDirectory() {
         default:
             Log1("\t RequestCentralServer :: Unknown error \n");
     }
-    return ConcatStrings(binPath, relative);
+    return ConcatStrings(binPath, conf_path::downloadDirectory);
 }
 
 void MakeDownloadDirectory(std::u16string_view directory) {

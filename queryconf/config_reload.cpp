@@ -9,6 +9,7 @@
 #include "foundation/log.h"
 #include "foundation/open_file.h"
 #include "platform/files.h"
+#include "queryconf/conf_paths.h"
 #include "queryconf/query_config.h"
 #include "queryconf/schedule.h"
 #include "queryconf/timer.h"
@@ -22,10 +23,6 @@ using platform::Error;
 using platform::Files;
 namespace error = platform::error;
 
-constexpr std::u16string_view backupDirectory = u"..\\conf\\backup\\";
-constexpr std::u16string_view downloadDirectory = u"..\\conf\\download\\";
-constexpr std::u16string_view slavesDirectory = u"..\\conf\\slaves\\";
-constexpr std::u16string_view planName = u"queryconf.txt";
 constexpr std::u16string_view newPlan = u"..\\conf\\download\\queryconf.txt";
 constexpr std::u16string_view refusedPlan = u"..\\conf\\download\\queryconf.txt.refused";
 
@@ -70,19 +67,21 @@ struct PlanFiles {
 };
 
 PlanFiles FilesOf(std::u16string_view agentKey) {
-    if (IsOwnAgentKey(agentKey)) return {u"", u"..\\conf\\queryconf.txt", ConcatStrings(backupDirectory, planName)};
-    const std::u16string inDirectory = ConcatStrings(agentKey, u"\\").append(planName);
-    return {std::u16string(agentKey), ConcatStrings(slavesDirectory, inDirectory),
-            ConcatStrings(backupDirectory, inDirectory)};
+    if (IsOwnAgentKey(agentKey))
+        return {u"", std::u16string(conf_path::ownPlan),
+                ConcatStrings(conf_path::backupDirectory, conf_path::planName)};
+    const std::u16string inDirectory = ConcatStrings(agentKey, u"\\").append(conf_path::planName);
+    return {std::u16string(agentKey), ConcatStrings(conf_path::slavesDirectory, inDirectory),
+            ConcatStrings(conf_path::backupDirectory, inDirectory)};
 }
 
 void MakePlanDirectories(const PlanFiles& files) {
     constexpr const char* caller = "ReloadQueryConfDetails";
-    MakeDirectory(caller, backupDirectory);
+    MakeDirectory(caller, conf_path::backupDirectory);
     if (files.agent.empty()) return;
-    MakeDirectory(caller, slavesDirectory);
-    MakeDirectory(caller, ConcatStrings(slavesDirectory, files.agent));
-    MakeDirectory(caller, ConcatStrings(backupDirectory, files.agent));
+    MakeDirectory(caller, conf_path::slavesDirectory);
+    MakeDirectory(caller, ConcatStrings(conf_path::slavesDirectory, files.agent));
+    MakeDirectory(caller, ConcatStrings(conf_path::backupDirectory, files.agent));
 }
 
 bool IsMissing(Error failure) { return failure == error::fileNotFound || failure == error::pathNotFound; }
@@ -151,15 +150,16 @@ bool Install(const PlanFiles& files) {
 bool IsOwnAgentKey(std::u16string_view key) { return CompareIgnoreCase(key, agentState.gv_agentKey.view()) == 0; }
 
 bool IsSlaveKey(std::u16string_view key) {
-    return IsPlainFileName(key) && CompareIgnoreCase(key.substr(0, planName.size()), planName) != 0;
+    return IsPlainFileName(key) &&
+           CompareIgnoreCase(key.substr(0, conf_path::planName.size()), conf_path::planName) != 0;
 }
 
 void RequestingConfigDetailstoCS(const OptionalText& confFileDldURL) {
     Log3("\t Inside RequestingConfigDetailstoCS() \n");
     constexpr const char* caller = "RequestingConfigDetailstoCS";
     const std::u16string prefix = EnterBinDirectory();
-    const std::u16string directory = ConcatStrings(prefix, downloadDirectory);
-    MakeDirectory(caller, ConcatStrings(prefix, backupDirectory));
+    const std::u16string directory = ConcatStrings(prefix, conf_path::downloadDirectory);
+    MakeDirectory(caller, ConcatStrings(prefix, conf_path::backupDirectory));
     MakeDirectory(caller, directory);
     if (!confFileDldURL) return;
     const std::u16string archive = directory + u"queryconf.zip";

@@ -14,6 +14,7 @@
 #include "foundation/text.h"
 #include "jsontext/hash_json.h"
 #include "platform/files.h"
+#include "queryconf/conf_paths.h"
 #include "queryconf/schedule.h"
 
 namespace kv {
@@ -23,10 +24,6 @@ namespace {
 using platform::Error;
 using platform::Files;
 namespace error = platform::error;
-
-constexpr std::u16string_view ownFile = u"..\\conf\\queryconf.txt";
-constexpr std::u16string_view slavesDirectory = u"..\\conf\\slaves\\";
-constexpr std::u16string_view backupDirectory = u"..\\conf\\backup\\";
 
 std::u16string KeyOf(std::u16string_view agent) {
     std::u16string key = u"WorkFlows";
@@ -55,9 +52,9 @@ std::u16string UnderBinPath(std::u16string_view path) {
 /// or a kill in between cannot leave half a plan where the next start would take it for the plan.
 void RestoreFromBackup(std::u16string_view agent, std::u16string_view fileName) {
     Log3("\t Inside RestoreFromBackup() \n");
-    std::u16string backup = UnderBinPath(backupDirectory);
+    std::u16string backup = UnderBinPath(conf_path::backupDirectory);
     if (!agent.empty()) backup += std::u16string(agent) + u"\\";
-    backup += u"queryconf.txt";
+    backup += conf_path::planName;
     const std::u16string restored = ConcatStrings(fileName, u".restored");
     Error result = Files().CopyFileW(backup, restored);
     if (result == error::success) result = Files().MoveFileExW(restored, fileName, true);
@@ -173,19 +170,19 @@ void MergePlan(HashTablePtr plan, const std::u16string& key, std::u16string_view
 }
 
 void LoadSlave(const std::u16string& agent) {
-    const std::u16string fileName = ConcatStrings(slavesDirectory, agent) + u"\\queryconf.txt";
+    const std::u16string fileName = ConcatStrings(conf_path::slavesDirectory, agent) + u"\\queryconf.txt";
     if (fileExists(fileName)) LoadQueryConfig(agent, fileName);
 }
 
 void CreateSlavesDirectory() {
     Log1("\t LoadConfFiles :: No query conf file exists under slaves directory.\n");
-    if (const int result = Files().wmkdir(slavesDirectory))
-        Log1("\t LoadConfFiles :: %s cannot be created. errno is [%d] \n", slavesDirectory, result);
+    if (const int result = Files().wmkdir(conf_path::slavesDirectory))
+        Log1("\t LoadConfFiles :: %s cannot be created. errno is [%d] \n", conf_path::slavesDirectory, result);
 }
 
 void LoadSlaves() {
     Log3("\t Inside LoadSlaves() \n");
-    FileSearch search(ConcatStrings(slavesDirectory, u"*"));
+    FileSearch search(ConcatStrings(conf_path::slavesDirectory, u"*"));
     if (!search.HasFile()) {
         CreateSlavesDirectory();
         return;
@@ -202,7 +199,7 @@ void LoadSlaves() {
 
 void LoadConfFiles() {
     Log3("\t Inside LoadConfFiles() \n");
-    LoadQueryConfig(u"", ownFile);
+    LoadQueryConfig(u"", conf_path::ownPlan);
     if (CompareIgnoreCase(agentState.gv_masterAgent, u"YES") == 0) LoadSlaves();
     agentState.gv_loadqueryconf = 1;
     initializeScheduler();
@@ -216,7 +213,7 @@ void LoadQueryConfig(std::u16string_view agent, std::optional<std::u16string_vie
         Log1("Initialise hash table is Failed\n");
         return;
     }
-    const std::u16string_view name = fileName.value_or(ownFile);
+    const std::u16string_view name = fileName.value_or(conf_path::ownPlan);
     if (!fileExists(UnderBinPath(name))) {
         Log1("queryconf.txt file is not available...copy file from backup directory..\n");
         RestoreFromBackup(agent, name);

@@ -1,0 +1,17 @@
+// Where plans and what belongs to them stand, relative to the bin directory. A slave's plan and its backup stand in a
+// directory with the slave's key as its name.
+#pragma once
+
+#include <string_view>
+
+namespace kv::conf_path {
+
+inline constexpr std::u16string_view ownPlan = u"..\\conf\\queryconf.txt";
+inline constexpr std::u16string_view slavesDirectory = u"..\\conf\\slaves\\";
+inline constexpr std::u16string_view backupDirectory = u"..\\conf\\backup\\";
+inline constexpr std::u16string_view downloadDirectory = u"..\\conf\\download\\";
+
+/// The name of a plan's file in the last three.
+inline constexpr std::u16string_view planName = u"queryconf.txt";
+
+}  // namespace kv::conf_path
