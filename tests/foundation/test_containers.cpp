@@ -128,18 +128,6 @@ TEST_F(Containers, TableKeepsTheOrderOfFirstInsertion) {
     }
 }
 
-TEST_F(Containers, MergeKeepsWhatDestHasAndReplacesZero) {
-    const HashTablePtr source = MakeHashTable();
-    const HashTablePtr dest = MakeHashTable();
-    for (const char16_t* key : {u"both", u"zero", u"new"}) PutHashText(source.get(), key, u"source");
-    PutHashText(dest.get(), u"both", u"dest");
-    PutHashValue(dest.get(), u"zero", 0, ValueType::integer);
-    EXPECT_EQ(MergeHashTable(source.get(), dest.get()), 1);
-    EXPECT_THAT(KeysOf(dest.get()), ElementsAre(u"both", u"zero", u"new"));
-    EXPECT_EQ(std::u16string(GetHashText(dest.get(), u"both")), u"dest");
-    EXPECT_EQ(std::u16string(GetHashText(dest.get(), u"zero")), u"source");
-}
-
 TEST_F(Containers, FreeAllTakesTheWholeTree) {
     const HashTablePtr table = MakeHashTable();
     VectorPtr list = MakeVector();

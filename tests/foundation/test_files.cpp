@@ -5,7 +5,6 @@
 #include "foundation/file_utils.h"
 #include "platform/files.h"
 #include "tests/support/test_agent.h"
-#include "tests/support/virtual_clock.h"
 
 namespace kv {
 namespace {
@@ -13,52 +12,6 @@ namespace {
 namespace fs = std::filesystem;
 namespace error = platform::error;
 using FileHelpers = test::TestAgent;
-
-TEST_F(FileHelpers, DeletesATreeAndReportsWhatItCannotDelete) {
-    EXPECT_EQ(DeleteDirectoryRecursively(u"tree"), 1);
-    EXPECT_TRUE(Logged("\t DeleteDirectoryRecursively :: Invalid File Handle, path : tree \n"));
-    for (const char* name : {"a.txt", "b.txt", "deep/er/c.txt"}) Write(bin / "tree" / name, "text");
-    platform::FileOperations files = platform::Files();
-    files.DeleteFileW = [real = files.DeleteFileW](std::u16string_view path) {
-        return path.ends_with(u"a.txt") ? error::accessDenied : real(path);
-    };
-    {
-        const platform::ScopedOperations scoped(files);
-        EXPECT_EQ(DeleteDirectoryRecursively(u"tree\\"), 0);
-    }
-    EXPECT_TRUE(fs::exists(bin / "tree" / "a.txt"));
-    EXPECT_FALSE(fs::exists(bin / "tree" / "b.txt") || fs::exists(bin / "tree" / "deep"));
-    EXPECT_EQ(DeleteDirectoryRecursively(u"tree"), 1);
-    EXPECT_FALSE(fs::exists(bin / "tree"));
-}
-
-TEST_F(FileHelpers, TellsFilesFromDirectoriesAndCountsZips) {
-    for (const char* name : {"one.zip", "two.ZIP", "three.txt"}) Write(bin / "zipdata" / name, "");
-    EXPECT_EQ(fileExists(u"zipdata\\one.zip"), 1);
-    EXPECT_EQ(fileExists(u"zipdata\\none.zip"), 0);
-    EXPECT_FALSE(Logged("Directory doesnot exists"));
-    EXPECT_EQ(fileExists(u"zipdata"), 0);
-    EXPECT_TRUE(Logged("\t fileExists() :: Directory doesnot exists\n"));
-    EXPECT_TRUE(CheckFileExists(u"zipdata\\t*.txt"));
-    EXPECT_FALSE(CheckFileExists(u"zipdata\\x*"));
-    EXPECT_TRUE(Logged("CheckFileExists -> Invalid File Handle. 2 \n"));
-    EXPECT_EQ(GetZipFileCount(u"zipdata\\*"), 2);
-    EXPECT_EQ(GetZipFileCount(u"data\\*"), 0);
-    EXPECT_TRUE(Logged("\t GetZipFileCount : Invalid File Handle. Error is 3"));
-}
-
-TEST_F(FileHelpers, AFileInUseCostsAQuarterSecond) {
-    test::VirtualClock clock;
-    platform::FileOperations files = platform::Files();
-    platform::Error state = error::sharingViolation;
-    files.GetFileUseState = [&state](std::u16string_view) { return state; };
-    const platform::ScopedOperations scoped(files);
-    EXPECT_EQ(IsFileisOpen(u"a.txt"), FileUse::inUse);
-    state = error::accessDenied;
-    EXPECT_EQ(IsFileisOpen(u"a.txt"), FileUse::unknown);
-    EXPECT_EQ(clock.nowMilliseconds() - test::VirtualClock::startMilliseconds, 250);
-    EXPECT_TRUE(Logged(" IsFileisOpen :: Error Occured [5]\n"));
-}
 
 TEST_F(FileHelpers, WritesAFileCompletelyOrNotAtAll) {
     using platform::FileOperations;

@@ -1,11 +1,10 @@
-// The table of locked addresses, the pool record, and texts that are replaced under their readers.
+// The table of locked addresses, and texts that are replaced under their readers.
 #include <atomic>
 #include <string>
 #include <thread>
 
 #include "foundation/published_text.h"
 #include "foundation/resource_lock.h"
-#include "foundation/thread_pool.h"
 #include "tests/support/test_agent.h"
 
 namespace kv {
@@ -44,19 +43,6 @@ TEST_F(Locks, ALockKeepsThreadsApart) {
     first.join();
     second.join();
     EXPECT_EQ(counter, 2000);
-}
-
-TEST_F(Locks, PoolReusesStartsOrIsFull) {
-    ThreadInfo pool[3];
-    for (ThreadInfo& info : pool) info.state = PooledThreadState::busy;
-    int index = -1;
-    EXPECT_EQ(CheckThreadPool_MSP(pool, 0, &index, 3), poolStart);
-    EXPECT_EQ(CheckThreadPool_MSP(pool, 2, &index, 3), poolStart);
-    EXPECT_EQ(CheckThreadPool_MSP(pool, 3, &index, 3), poolFull);
-    pool[1].state = PooledThreadState::idle;
-    pool[2].state = PooledThreadState::idle;
-    EXPECT_EQ(CheckThreadPool_MSP(pool, 3, &index, 3), poolReuse);
-    EXPECT_EQ(index, 1);
 }
 
 TEST(PublishedTexts, ReadersHoldWholeTexts) {

@@ -1,10 +1,9 @@
-// Requests to agents and plans for them: ordered by kvlab, fetched and reported over real HTTP.
+// Requests to agents: ordered by kvlab, fetched and reported over real HTTP.
 #include <cstdlib>
 #include <gmock/gmock.h>
 #include <sstream>
 
 #include "foundation/registry_store.h"
-#include "lab/archive.h"
 #include "lab/record_text.h"
 #include "lab/requests.h"
 #include "lab/server.h"
@@ -46,11 +45,6 @@ class Requests : public Kvlab {
         setenv("KVAGENT_STATE_DIR", (folder / key).c_str(), 1);
         platform::InstallBackend();
         ASSERT_EQ(SetOCAgentKey(std::u16string(key.begin(), key.end())), 0U);
-    }
-
-    std::string Write(const std::string& name, const std::string& bytes) const {
-        std::ofstream(folder / name, std::ios::binary) << bytes;
-        return folder / name;
     }
 
     Store store = OpenStore(database);
@@ -139,53 +133,14 @@ TEST_F(Requests, TheListHoldsWhatWasAskedForInOrder) {
     EXPECT_EQ(States(), "done answered waiting ");
 }
 
-TEST_F(Requests, APushedPlanIsDownloadedAsItIs) {
-    const std::string own = R"({ "WorkFlows": [ "ä" ] })";
-    const std::string slaves = R"({ "WorkFlows_S1": [] })";
-    struct Row {
-        std::string bytes;
-        const char* words;
-        int exitCode;
-        std::string sent;
-    };
-    const Row rows[] = {
-        {own, "K1", 0, WideBytes(own)},
-        {"\xFF\xFE" + WideBytes(own), "k1 --agent K1", 0, WideBytes(own)},
-        {slaves, "S1 --agent K1", 0, WideBytes(slaves)},
-        {own, "S1 --agent K1", 1, ""},
-        {R"({ "WorkFlows": 1 })", "K1", 1, ""},
-        {"{ \"WorkFlows\": [ ", "K1 --force", 0, WideBytes("{ \"WorkFlows\": [ ")},
-        {"\xE4", "K1 --force", 0, "\xE4"},
-    };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.bytes);
-        Program push = RunOnDatabase("conf push --no-flag " + std::string(row.words) + " " + Write("plan", row.bytes));
-        EXPECT_EQ(push.ExitCode(), row.exitCode) << Errors();
-        if (row.exitCode != 0) continue;
-        const Request request = lab::Requests(store, "K1").back();
-        const ParsedJson members = ParseJson(request.members);
-        const std::string path = json_object_get_string(json_object_object_get(members.value.get(), "DOWNLOAD_URL"));
-        AddFault(store, {0, "conf", FaultKind::cut, 0, 1});
-        EXPECT_EQ(Get(path), "broken off");
-        Entries entries;
-        ReadArchive(Get(path),
-                    [&](const std::string& name, std::string_view content) { entries.emplace_back(name, content); });
-        EXPECT_EQ(entries, (Entries{{"queryconf.txt", row.sent}}));
-    }
-}
-
 TEST_F(Requests, ADatabaseOfTheFirstVersionIsUpgradedInPlace) {
     const std::string old = folder / "old.db";
     const auto script = [&](const char* sql) { ExecuteScript(OpenConnection(old).get(), sql); };
     script(R"(
         PRAGMA application_id = 1263946818;
         PRAGMA user_version = 1;
-        CREATE TABLE agent (
-            key TEXT PRIMARY KEY, id TEXT NOT NULL DEFAULT '', dns TEXT NOT NULL DEFAULT '',
-            address TEXT NOT NULL DEFAULT '', customer TEXT NOT NULL DEFAULT '', office TEXT NOT NULL DEFAULT '',
-            os TEXT NOT NULL DEFAULT '', first_contact INTEGER NOT NULL, last_contact INTEGER NOT NULL,
-            status TEXT NOT NULL DEFAULT '', status_time INTEGER NOT NULL DEFAULT 0);
-        INSERT INTO agent (key, first_contact, last_contact) VALUES ('K5', 1, 2);)");
+        CREATE TABLE agent (key TEXT PRIMARY KEY);
+        INSERT INTO agent VALUES ('K5');)");
     for (const char* id : {"1", "2"}) {
         Store upgraded = OpenStore(old);
         EXPECT_TRUE(AgentExists(upgraded, "K5"));

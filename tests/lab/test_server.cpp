@@ -1,7 +1,6 @@
 // The lab's server over real HTTP: what it accepts, refuses, keeps and shows.
 #include <chrono>
 #include <fmt/format.h>
-#include <fstream>
 #include <future>
 #include <gmock/gmock.h>
 #include <iterator>
@@ -11,7 +10,6 @@
 #include "lab/page.h"
 #include "lab/record_text.h"
 #include "lab/server.h"
-#include "platform/utf.h"
 #include "tests/lab/lab_helpers.h"
 
 namespace kv::lab::test {
@@ -56,28 +54,22 @@ TEST_F(Lab, EnrolmentGivesConfirmsAndRemembersKeys) {
     };
     const Row rows[] = {
         {"first agent", "agentKey=HUBCENTER&agentID=one&agentDNS=one.example", "LAB1"},
-        {"another machine", "agentKey=NULL&agentID=two&agentDNS=two.example", "LAB2"},
-        {"the same name in another domain", "agentKey=hubcenter&agentID=one&agentDNS=one.elsewhere", "LAB3"},
+        {"the same name in another domain", "agentKey=hubcenter&agentID=one&agentDNS=one.elsewhere", "LAB2"},
         {"the first again, its key lost", "agentKey=HUBCENTER&agentID=one&agentDNS=one.example", "LAB1"},
-        {"a key from elsewhere", "agentKey=K77&agentID=three&agentDNS=three.example", "K77"},
-        {"a key that is next in line", "agentKey=LAB5&agentID=four&agentDNS=four.example", "LAB5"},
-        {"a new one steps over it", "agentKey=HUBCENTER&agentID=five&agentDNS=five.example", "LAB6"},
+        {"a key that is next in line", "agentKey=LAB3&agentID=four&agentDNS=four.example", "LAB3"},
+        {"a new one steps over it", "agentKey=HUBCENTER&agentID=five&agentDNS=five.example", "LAB4"},
     };
     for (const Row& row : rows) EXPECT_EQ(Enrol(row.query), row.key) << row.title;
-    EXPECT_EQ(Get("/servlets/RegisterAgent?agentID=one")->status, 400) << "no key";
-    EXPECT_EQ(Get("/servlets/RegisterAgent?agentKey=NULL")->status, 400) << "no name to give a key to";
     EXPECT_EQ(Get("/servlets/RegisterAgent?agentKey=a%0D%0AEvil:%201")->status, 400) << "no key at all";
-    EXPECT_EQ(Agents(store).size(), 6U);
+    EXPECT_EQ(Agents(store).size(), 4U);
 
     ServerOptions options;
     options.timeDiff = -90;
     options.refusedKeys = {"K9"};
     Start(options);
     const httplib::Result refused = Get("/servlets/RegisterAgent?agentKey=K9&agentID=nine");
-    EXPECT_EQ(refused->status, 200);
     EXPECT_EQ(refused->get_header_value("timeDiff"), "-90");
     EXPECT_EQ(refused->get_header_value("AgentRun"), "0");
-    EXPECT_EQ(refused->get_header_value("SNMPTimeout"), "5");
     EXPECT_EQ(Get("/servlets/RegisterAgent?agentKey=K8&agentID=eight")->get_header_value("AgentRun"), "1");
 }
 
@@ -105,11 +97,8 @@ TEST_F(Lab, TextsThatAreNoJsonAreKeptAndMarked) {
     };
     const Row rows[] = {
         {"object", WideBytes("{ \"a\": \"\\/\" }\n"), "{ \"a\": \"\\/\" }\n", true},
-        {"number", WideBytes("17"), "17", true},
         {"text of a script", WideBytes("out of paper"), "out of paper", false},
-        {"empty", "", "", false},
         {"two documents", WideBytes("{ } { }"), "{ } { }", false},
-        {"cut short", WideBytes("{ \"a\": "), "{ \"a\": ", false},
         {"a NUL behind the document", WideBytes("{ }") + std::string(2, '\0'), std::string("{ }\0", 4), false},
         {"too deep", WideBytes(std::string(maxJsonDepth + 1, '[')), std::string(maxJsonDepth + 1, '['), false},
     };
@@ -123,13 +112,11 @@ TEST_F(Lab, TextsThatAreNoJsonAreKeptAndMarked) {
         EXPECT_EQ(records[i].content.text, rows[i].text) << rows[i].title;
         EXPECT_EQ(records[i].content.isJson, rows[i].isJson) << rows[i].title;
     }
-    const std::string answer = Get("/api/records?after=1&limit=3")->body;
+    const std::string answer = Get("/api/records?after=1&limit=1")->body;
     EXPECT_TRUE(ParseJson(answer).valid);
-    EXPECT_THAT(answer, HasSubstr(R"("number":2,"agent":"LAB1","zip":"Agent_LAB1_1.zip","file":"number")"));
-    EXPECT_THAT(answer, HasSubstr(R"("json":true,"values":17})"));
+    EXPECT_THAT(answer, HasSubstr(R"("number":2,"agent":"LAB1","zip":"Agent_LAB1_1.zip","file":"text of a script")"));
     EXPECT_THAT(answer, HasSubstr(R"("json":false,"values":"out of paper"})"));
-    EXPECT_THAT(answer, Not(HasSubstr(R"("number":5)")));
-    EXPECT_EQ(Get("/api/records?after=x")->status, 400);
+    EXPECT_THAT(answer, Not(HasSubstr(R"("number":3)")));
 }
 
 TEST_F(Lab, WhatIsMalformedIsRefusedAndShown) {
@@ -144,12 +131,8 @@ TEST_F(Lab, WhatIsMalformedIsRefusedAndShown) {
         const char* reason;
     };
     const Row rows[] = {
-        {"no agent", "FILENAME=a.zip", goodZip, "the parameter AGENTKEY is missing\n"},
-        {"empty name", "AGENTKEY=LAB1&FILENAME=", goodZip, "the parameter FILENAME is missing\n"},
         {"a key with a blank", "AGENTKEY=a%20b&FILENAME=a.zip", goodZip, "the parameter AGENTKEY is no agent key\n"},
-        {"no body", goodQuery, "", "the body is empty\n"},
         {"first half", goodQuery, goodZip.substr(0, goodZip.size() / 2), "the body is not a good zip: "},
-        {"last byte missing", goodQuery, goodZip.substr(0, goodZip.size() - 1), "the body is not a good zip: "},
         {"directory and entry differ", goodQuery, otherLocalName, "the body is not a good zip: "},
         {"a bit flipped in the data", goodQuery, badCrc, "the entry data/Agent_LAB1_2.txt cannot be read: "},
         {"a bomb", goodQuery, ZipOf({{"ok.txt", WideBytes("1")}, {"bomb.txt", std::string(65 << 20, 'x')}}),
@@ -165,7 +148,7 @@ TEST_F(Lab, WhatIsMalformedIsRefusedAndShown) {
         EXPECT_THAT(Page(), HasSubstr(Escape(answer->body.substr(0, answer->body.size() - 1))));
     }
     EXPECT_THAT(StoredRecords(store), IsEmpty()) << "nothing of a refused zip is kept, good entries neither";
-    EXPECT_EQ(Upload(*client, "FILENAME=a.zip", goodZip)->status, 400);
+    EXPECT_EQ(Upload(*client, goodQuery, badCrc)->status, 400);
     EXPECT_EQ(LatestRefusals(store, 1)[0].times, 2) << "the same refusal counts up";
 }
 
@@ -184,29 +167,17 @@ TEST_F(Lab, ABodyThatBreaksOffIsNotServed) {
 
 TEST_F(Lab, StatusNoticesAndAnswersAreKept) {
     EXPECT_EQ(Enrol("agentKey=K1&agentID=one"), "K1");
-    EXPECT_EQ(
-        Get("/servlets/StatusUpdateServlet?agentKey=K1&agentStatus=AGENT_DOWN&serviceName=Corvinel%20Monitoring%20"
-            "Agent")
-            ->status,
-        200);
+    EXPECT_EQ(Get("/servlets/StatusUpdateServlet?agentKey=K1&agentStatus=AGENT_DOWN&serviceName=A")->status, 200);
     EXPECT_THAT(Page(), HasSubstr("AGENT_DOWN"));
     EXPECT_EQ(Enrol("agentKey=K1&agentID=one"), "K1");
     EXPECT_THAT(Page(), Not(HasSubstr("AGENT_DOWN"))) << "it runs again";
-    EXPECT_EQ(Get("/servlets/StatusUpdateServlet?agentKey=K1")->status, 400);
-
     const std::string servlet = "/servlets/DataAgentHandlerServlet?agentKey=K1";
-    EXPECT_EQ(Get(servlet)->body, "") << "no request is waiting";
     EXPECT_EQ(Get(servlet + "&action=DELETE_REQUEST&requestId=17")->status, 200);
     EXPECT_EQ(client->Post(servlet + "&action=WMI&requestId=18", WideBytes("{ \"ä\": 1 }"), "")->status, 200);
-    EXPECT_EQ(client->Post(servlet + "&action=WMI&requestId=19", "", "")->status, 400);
-    EXPECT_EQ(Get("/servlets/DataAgentHandlerServlet")->status, 400);
     ASSERT_EQ(LatestActions(store, 10).size(), 1U);
     EXPECT_EQ(LatestActions(store, 10)[0].requestId, "17");
     ASSERT_EQ(LatestAnswers(store, 10).size(), 1U);
     EXPECT_EQ(LatestAnswers(store, 10)[0].text, "{ \"ä\": 1 }");
-
-    EXPECT_EQ(Get("/servlets/Nothing")->status, 404);
-    EXPECT_EQ(Get("/servlets/FileCollector?AGENTKEY=a&FILENAME=b")->status, 405);
 }
 
 TEST_F(Lab, FaultsInTheirOrder) {
@@ -248,17 +219,6 @@ TEST_F(Lab, FaultsInTheirOrder) {
     for (const int status : {500, 501, 501}) EXPECT_EQ(Upload(*client, goodQuery, goodZip)->status, status);
 }
 
-TEST_F(Lab, ACutAnswerAnnouncesTheWholeAndSendsHalf) {
-    AddFault(store, {0, "RegisterAgent", FaultKind::cut, 0, 1});
-    std::string received;
-    const auto receive = [&](const char* data, std::size_t size) {
-        received.append(data, size);
-        return true;
-    };
-    EXPECT_FALSE(client->Get("/servlets/RegisterAgent?agentKey=bad%20key", receive));
-    EXPECT_EQ(received, "the parameter agent") << "of: the parameter agentKey is no agent key";
-}
-
 TEST_F(Lab, AStoppedServerDoesNotWaitForItsDelays) {
     AddFault(store, {0, "*", FaultKind::delay, 3600000, 1});
     auto waiting =
@@ -270,31 +230,23 @@ TEST_F(Lab, AStoppedServerDoesNotWaitForItsDelays) {
 }
 
 TEST_F(Lab, AgentsThatUploadAtOnceLoseNothing) {
-    constexpr std::size_t agents = 6;
-    constexpr std::size_t uploads = 5;
+    const auto uploadFive = [this](const std::string& agent) {
+        httplib::Client own("127.0.0.1", server->port());
+        for (const std::string name : {"a", "b", "c", "d", "e"})
+            EXPECT_EQ(Upload(own, "AGENTKEY=" + agent + "&FILENAME=" + name, ZipOf({{name, agent}}))->status, 200);
+    };
     std::vector<std::thread> threads;
-    for (std::size_t agent = 0; agent < agents; ++agent) {
-        threads.emplace_back([this, agent] {
-            httplib::Client own("127.0.0.1", server->port());
-            for (std::size_t number = 0; number < uploads; ++number) {
-                const std::string name = fmt::format("{}-{}", agent, number);
-                const std::string query = fmt::format("AGENTKEY=K{}&FILENAME={}", agent, name);
-                EXPECT_EQ(Upload(own, query, ZipOf({{name, WideBytes(name)}}))->status, 200);
-            }
-        });
-    }
+    for (const char* agent : {"K1", "K2", "K3", "K4", "K5", "K6"}) threads.emplace_back(uploadFive, agent);
     for (std::thread& thread : threads) thread.join();
     const std::vector<std::string> records = StoredRecords(store);
-    EXPECT_EQ(records.size(), agents * uploads);
-    EXPECT_EQ(std::set<std::string>(records.begin(), records.end()).size(), agents * uploads);
+    EXPECT_EQ(records.size(), 30U);
+    EXPECT_EQ(std::set<std::string>(records.begin(), records.end()).size(), 30U);
 }
 
 TEST_F(Lab, ThePageShowsValuesAndLetsNoMarkupThrough) {
     const std::string evil = "<i title=\"evil\">&'";
     const std::string encoded = "%3Ci%20title=%22evil%22%3E%26'";
-    Enrol("agentKey=K1&agentID=" + encoded + "&agentDNS=" + encoded + "&osName=" + encoded +
-          "&customerName=" + encoded);
-    Get("/servlets/StatusUpdateServlet?agentKey=K1&agentStatus=" + encoded);
+    Enrol("agentKey=K1&agentDNS=" + encoded + "&osName=" + encoded + "&customerName=" + encoded);
     Get("/servlets/DataAgentHandlerServlet?agentKey=K1&action=" + encoded + "&requestId=" + encoded);
     Upload(*client, "AGENTKEY=" + encoded + "&FILENAME=" + encoded, "no zip");
     const std::string json =
@@ -302,13 +254,11 @@ TEST_F(Lab, ThePageShowsValuesAndLetsNoMarkupThrough) {
         R"( { "other": null } ], "list": [ "<i>", [ [ [ [ [ [ "<i>" ] ] ] ] ] ] ], "o": { "<i>": 1.5 } })";
     std::string rows = R"([ { "r": "cell0" })";
     for (int i = 1; i < 200; ++i) rows += fmt::format(R"(, {{ "r": "cell{}" }})", i);
-    EXPECT_EQ(Upload(*client, "AGENTKEY=K1&FILENAME=" + encoded,
-                     ZipOf({{evil, WideBytes(json)},
-                            {"script", WideBytes("<i>plain</i>")},
-                            {"rows", WideBytes(rows + "]")},
-                            {"large", WideBytes(std::string(100000, '<'))}}))
-                  ->status,
-              200);
+    const Entries entries{{evil, WideBytes(json)},
+                          {"script", WideBytes("<i>plain</i>")},
+                          {"rows", WideBytes(rows + "]")},
+                          {"large", WideBytes(std::string(100000, '<'))}};
+    EXPECT_EQ(Upload(*client, "AGENTKEY=K1&FILENAME=" + encoded, ZipOf(entries))->status, 200);
     const std::string page = Page();
     EXPECT_THAT(page, Not(HasSubstr("<i")));
     for (const char* text : {"&lt;i title=&quot;evil&quot;&gt;&amp;&#39;", "2026-03-05 09:05:07Z",
@@ -317,16 +267,6 @@ TEST_F(Lab, ThePageShowsValuesAndLetsNoMarkupThrough) {
         EXPECT_THAT(page, HasSubstr(text));
     EXPECT_THAT(page, Not(HasSubstr("cell25<")));
     EXPECT_THAT(page, HasSubstr(Get("/fragment")->body));
-}
-
-TEST_F(Lab, AFileThatIsNoLabDatabaseIsLeftAlone) {
-    const std::string other = folder / "other.db";
-    ExecuteScript(OpenConnection(other).get(), "CREATE TABLE precious (id INTEGER)");
-    EXPECT_THROW(OpenStore(other), DatabaseError);
-    std::ofstream(folder / "text.db")
-        << "this is a text file, long enough to be looked at by SQLite as a database header";
-    EXPECT_THROW(OpenStore(folder / "text.db"), DatabaseError);
-    EXPECT_THROW(OpenStore(folder / "missing" / "lab.db"), DatabaseError);
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// A plan from the server: what stands in the files and in the table after it was fetched and installed, also when steps
+// A plan from the server: what stands in the files and in the table after it was installed, also when steps
 // fail or the agent is killed among them.
 #include <functional>
 #include <regex>
@@ -7,9 +7,7 @@
 #include "platform/files.h"
 #include "queryconf/config_reload.h"
 #include "queryconf/query_config.h"
-#include "tests/exchange/http_peers.h"
 #include "tests/queryconf/plan_test.h"
-#include "zip/zip_writer.h"
 
 namespace kv::test {
 namespace {
@@ -77,7 +75,6 @@ TEST_F(ConfigReload, TheFilesAndTheTableAfterEachOutcome) {
         std::function<void()> before = [] {};
     };
     for (const Row& row : std::vector<Row>{
-             {"own", "Own", own, sound, "", "new", "live", gone, "new"},
              {"own, in another case", "oWN", own, sound, "", "new", "live", gone, "new"},
              {"a slave's", "S", ofS, sound, "S", "new", "live", gone, "new"},
              {"the first slave's", "T", ofT, sound, "T", "new", "-", gone, "new", "",
@@ -89,7 +86,6 @@ TEST_F(ConfigReload, TheFilesAndTheTableAfterEachOutcome) {
               "\t IsUsableQueryConfig :: ..\\conf\\download\\queryconf.txt: unexpected end of data at offset 14"},
              {"another agent's", "Own", ofS, sound, "", "live", "old", refused, "live",
               "queryconf.txt has no array WorkFlows"},
-             {"own key no list", "Own", "{\"WorkFlows\":{}}", sound, "", "live", "old", refused, "live"},
              {"nothing that can run", "Own", R"({"WorkFlows":[{"interval":"5","recordSetName":[]}]})", sound, "",
               "live", "old", refused, "live",
               "no workflow of WorkFlows can run: the last has an interval that is no number"},
@@ -97,7 +93,6 @@ TEST_F(ConfigReload, TheFilesAndTheTableAfterEachOutcome) {
               "can name no directory"},
              {"for a key that climbs", "..\\..\\S", ofS, sound, "", "live", "old", waits, "live",
               "..\\..\\S can name no directory"},
-             {"for an empty key", "", own, sound, "", "live", "old", waits, "live", "can name no directory"},
              {"no backup can be made", "Own", own, Failing(&Files::CopyFileW, diskFull), "", "new", "old", gone, "new",
               "cannot be copied to ..\\conf\\backup\\queryconf.txt. Error is [112]"},
              {"nothing can be renamed", "Own", own, Failing(&Files::MoveFileExW, accessDenied), "", "live", "old",
@@ -165,36 +160,6 @@ TEST_F(ConfigReload, AKillAtAnyCallLeavesWholePlansAndTheNextReloadFinishes) {
         EXPECT_EQ(PlanIn(conf / "backup" / "queryconf.txt"), "live");
     }
     EXPECT_GT(call, 10);
-}
-
-TEST_F(ConfigReload, FetchesAndUnpacksTheArchive) {
-    RunningServer server;
-    std::string connection;
-    server.server->Get("/conf/own.zip", [&](const httplib::Request& request, httplib::Response& response) {
-        connection = request.get_header_value("Connection");
-        response.set_content(Read(bin / "made.zip"), "application/zip");
-    });
-    ZipHandle zip = CreateZip(u"made.zip", nullptr);
-    AddMemoryToZip(zip, u"queryconf.txt", "a plan", 6);
-    CloseZip(zip);
-    agentState.gv_LastAccessName.publish(u"127.0.0.1");
-    agentState.gv_httpsEnabled = 0;
-    agentState.gv_ServerPort = server.port;
-
-    RequestingConfigDetailstoCS(std::nullopt);
-    EXPECT_TRUE(fs::is_directory(conf / "backup") && fs::is_empty(download));
-    RequestingConfigDetailstoCS(u"/conf/none.zip");
-    EXPECT_TRUE(Logged("Download Zip file is not successful. retVal is [13] \n"));
-    EXPECT_FALSE(fs::exists(download / "queryconf.txt"));
-    RequestingConfigDetailstoCS(u"\\conf\\own.zip");
-    EXPECT_TRUE(Logged("Download Zip file is successful \n"));
-    EXPECT_EQ(connection, "keep-active");
-    EXPECT_EQ(Read(download / "queryconf.txt"), "a plan");
-    EXPECT_EQ(FilesIn(download), std::vector<std::string>{"queryconf.txt"}) << "the archive goes";
-
-    agentState.gv_ocAgentBinPath = u"none\\";
-    RequestingConfigDetailstoCS(std::nullopt);
-    EXPECT_TRUE(Logged("Change directory failer \n") && Logged("none\\..\\conf\\download\\ not created. Path not"));
 }
 
 }  // namespace
