@@ -90,8 +90,8 @@ struct FileOperations {
     std::function<Error(FileHandle file, std::uint64_t& size)> GetFileSizeEx;
     std::function<Error(FileHandle file, FileInformation& information)> GetFileInformationByHandle;
 
-    /// Sets attributes and times; the size is not looked at. Of the attributes Linux keeps read-only alone, and no
-    /// creation time.
+    /// Sets attributes and times; the size is not looked at. Linux sets read-only where it is asked for, no other
+    /// attribute and no creation time.
     std::function<Error(FileHandle file, const FileInformation& information)> SetFileInformationByHandle;
 
     /// Attributes of what stands at the path: of a link itself, not of what it leads to. fileNotFound, pathNotFound.

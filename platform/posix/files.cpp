@@ -189,13 +189,10 @@ Error SetFileInformationByHandle(FileHandle file, const FileInformation& informa
     const int descriptor = DescriptorOf(file);
     const std::timespec times[] = {TimeOf(information.lastAccessTime), TimeOf(information.lastWriteTime)};
     if (futimens(descriptor, times) != 0) return LastError();
+    if ((information.attributes & file_attribute::readOnly) == 0) return error::success;
     struct stat status {};
     if (fstat(descriptor, &status) != 0) return LastError();
-    const bool readOnly = (information.attributes & file_attribute::readOnly) != 0;
-    if (readOnly == ((status.st_mode & anyWriter) == 0)) return error::success;
-    const mode_t permissions = status.st_mode & 07777;
-    return fchmod(descriptor, readOnly ? permissions & ~anyWriter : permissions | S_IWUSR) != 0 ? LastError()
-                                                                                                : error::success;
+    return fchmod(descriptor, status.st_mode & 07777 & ~anyWriter) != 0 ? LastError() : error::success;
 }
 
 Error FlushFileBuffers(FileHandle file) { return fsync(DescriptorOf(file)) != 0 ? LastError() : error::success; }
