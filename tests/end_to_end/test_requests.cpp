@@ -29,7 +29,7 @@ struct ServedAgent : InstalledAgent {
         setNumber(u"\\Monitoring", u"writeInterval", 1);
         const std::string record = R"(printf '{ "Name": "%s" }' "$2"; echo "$2" >> )" + runs.string();
         writeScript("quick.sh", record);
-        writeScript("slow.sh", "sleep 0.7; " + record);
+        writeScript("slow.sh", "until [ -e " + (folder / "go").string() + " ]; do sleep 0.02; done; " + record);
         writePlan(Plan("WorkFlows", "quick.sh", "Own"));
         for (const char* slave : {"S1", "S2"}) {
             fs::create_directories(slaves / slave);
@@ -111,16 +111,21 @@ TEST(Requests, APushedPlanTakesOverWhileACollectionRunsAndNothingIsLost) {
     agent.start({"/t"});
     const auto collecting = [&] { return fs::exists(agent.data) && !fs::is_empty(agent.data); };
     ASSERT_TRUE(InstalledAgent::eventually([&] { return collecting() && agent.enrolled(); })) << agent.log();
-    ASSERT_EQ(agent.timesRun("Slow"), 0) << "the collection has ended already";
     ASSERT_NE(agent.pushPlan("K7", ServedAgent::Plan("WorkFlows", "quick.sh", "New")), "failed");
+    const auto planHolds = [&](const char* directory, std::u16string_view name) {
+        const std::string plan = TestAgent::Read(agent.monitoring / "conf" / directory / "queryconf.txt");
+        return plan.find(Utf16LittleEndianBytes(name)) != std::string::npos;
+    };
+    ASSERT_TRUE(InstalledAgent::eventually([&] { return planHolds("", u"New"); })) << agent.log();
+    EXPECT_EQ(agent.log().find("reloaded and scheduled"), std::string::npos) << "it waits for the collection";
+    TestAgent::Write(agent.folder / "go", "");
     ASSERT_TRUE(InstalledAgent::eventually([&] {
         return agent.log().find("Query conf reloaded and scheduled successfully") != std::string::npos;
     })) << agent.log();
     EXPECT_TRUE(InstalledAgent::eventually([&] { return agent.timesRun("New") == 1; }, 1000));
     EXPECT_TRUE(InstalledAgent::eventually([&] { return agent.states() == "answered "; })) << agent.states();
     EXPECT_EQ(agent.timesRun("Slow"), 1);
-    const std::string backup = TestAgent::Read(agent.monitoring / "conf" / "backup" / "queryconf.txt");
-    EXPECT_NE(backup.find(Utf16LittleEndianBytes(u"Slow")), std::string::npos);
+    EXPECT_TRUE(planHolds("backup", u"Slow"));
     // Own plan, S1 and S2 before the change; new plan, S1 and S2 after it.
     lab::Store store = lab::OpenStore(agent.database);
     ASSERT_TRUE(InstalledAgent::eventually([&] { return lab::CountAll(store).records == 6; }))
@@ -191,6 +196,7 @@ TEST(Requests, AServerThatGoesAwayInTheMiddleOfAListCostsNothing) {
     EXPECT_TRUE(InstalledAgent::eventually([&] { return !fs::exists(agent.slaves / "S2") && agent.idle(); }))
         << agent.log();
     EXPECT_TRUE(agent.running());
+    EXPECT_TRUE(agent.kvlab("fault clear"));  // the download may not even have reached it
     agent.startServer(port);
     agent.request("--type NOTHING_KNOWN");
     EXPECT_TRUE(InstalledAgent::eventually([&] { return agent.timesRun("New") == 1; })) << agent.log();
