@@ -112,8 +112,6 @@ TEST_F(Requests, EachRoundAsksForWhatWaitsAndLeavesTheMailboxRight) {
     EXPECT_EQ(Registry(), "NONE YES");
     EXPECT_EQ(CountInRound("file pointer is NULL"), 1);
     std::filesystem::remove_all(conf / "download");
-    RunRound(empty);
-    EXPECT_EQ(Registry(), "NONE NO") << "the directory is made again";
     Write(conf / "download" / "RequestList.txt" / "in the way", "");
     SetRequestAvailable(u"YES");
     RunRound(empty);
