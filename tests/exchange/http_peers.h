@@ -44,8 +44,7 @@ inline sockaddr_in Loopback(int port) {
     return address;
 }
 
-/// Takes one connection at a time on 127.0.0.1, reads a request's headers (or the first byte of a secure greeting),
-/// hands the connection over and closes it afterwards.
+/// Takes one connection at a time on 127.0.0.1, reads a request's headers, hands the connection over and closes it.
 class RawServer {
   public:
     using Handler = std::function<void(int connection, const std::string& request)>;
@@ -79,8 +78,7 @@ class RawServer {
   private:
     void Serve(int connection) {
         std::string request;
-        const auto complete = [&] { return request.ends_with("\r\n\r\n") || request.starts_with('\x16'); };
-        for (char c; !complete() && recv(connection, &c, 1, 0) == 1;) request += c;
+        for (char c; !request.ends_with("\r\n\r\n") && recv(connection, &c, 1, 0) == 1;) request += c;
         {
             const std::lock_guard lock(mutex_);
             requests_.push_back(request);
