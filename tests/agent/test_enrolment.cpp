@@ -67,6 +67,7 @@ TEST_F(Enrolment, WithAKeyItGoesOnAfterOneFailedAttempt) {
     Write(data / "Agent_K7_10.tmp", "half");
     InitLicenseParams();
     EXPECT_EQ(clock_.nowMilliseconds(), VirtualClock::startMilliseconds);
+    EXPECT_EQ(agentState.gv_agentKey.view(), u"K7");
     EXPECT_EQ(agentState.gv_ocLastCreatedJSONNum, 9U);
     EXPECT_FALSE(std::filesystem::exists(data / "Agent_K7_10.tmp"));
     OptionalText enabled;
@@ -77,6 +78,7 @@ TEST_F(Enrolment, ARefusedAgentDoesNotRun) {
     agentState.gv_agentKey.publish(u"BANNED");
     InitLicenseParams();
     EXPECT_EQ(agentState.gv_agentRunFlag, 0);
+    EXPECT_TRUE(Logged("StopService"));
 }
 
 }  // namespace

@@ -50,15 +50,18 @@ class LogFile : public test::TestAgent {
     fs::path logs;
 };
 
-TEST_F(LogFile, RotatesBeforeTheFirstLineAboveTheDefaultSizeAndThenByTheConfiguredLimit) {
+TEST_F(LogFile, RotatesBeforeTheFirstLineAboveTheDefaultSizeAndThenByTheConfiguredLimits) {
     for (const auto& [size, before] : {std::pair{1000000U, false}, {1000001U, true}}) {
         Start("agent.log=" + std::string(size, 'x'));
         EXPECT_EQ(Files(), "agent.log=\n agent1.log=x");
         EXPECT_EQ(fs::file_size(logs / "agent1.log") == size, before) << size;
+        EXPECT_TRUE(Logged("STARTING MONITORING AGENT"));
     }
     SetRegistry(u"LoggerMaxSize", u"500");
+    SetRegistry(u"LoggerMaxFiles", u"7");
     Start("agent.log=" + std::string(900000, 'x'));
     EXPECT_NE(Read(logs / "agent1.log").find("STARTING MONITORING AGENT"), std::string::npos);
+    EXPECT_EQ(logState.gv_logMaxFiles, 7U);
 }
 
 TEST_F(LogFile, ShiftsNumberedFiles) {
@@ -119,6 +122,22 @@ TEST_F(LogFile, LevelsAreThresholdsButTraceIsExact) {
     }
 }
 
+TEST_F(LogFile, AFullDiskCostsLinesOnly) {
+    Start("agent.log=0");
+    {
+        platform::FileOperations files = platform::Files();
+        files.WriteFile = [](auto, auto, auto) { return platform::error::diskFull; };
+        const platform::ScopedOperations scoped(files);
+        logState.gv_logMaxSize = logState.gv_logBytes + 1;
+        Log1("dropped, counted, rotates\n");
+        EXPECT_EQ(logState.gv_logBytes, 0U);
+    }
+    Log1("room again\n");
+    EXPECT_FALSE(Logged("dropped"));
+    EXPECT_TRUE(Logged("room again\n"));
+    EXPECT_EQ(Files(), "agent.log=\n agent1.log=0");
+}
+
 TEST_F(LogFile, LosesNoLineWhileThreadsRotateOnEveryLine) {
     constexpr int threadCount = 4;
     constexpr int linesEach = 25;
@@ -132,14 +151,17 @@ TEST_F(LogFile, LosesNoLineWhileThreadsRotateOnEveryLine) {
         });
     }
     for (std::thread& thread : threads) thread.join();
-    std::set<std::string> lines;
-    for (const std::string& file : FilesIn(logs)) {
-        std::istringstream content(Read(logs / file));
+    std::multiset<std::string> lines;
+    for (const auto& entry : fs::directory_iterator(logs)) {
+        std::istringstream content(Read(entry.path()));
         for (std::string line; std::getline(content, line);) {
-            if (line.ends_with(std::string(300, 'x') + "|end")) lines.insert(line.substr(line.find("thread ")));
+            if (const auto at = line.find("thread "); at != std::string::npos) lines.insert(line.substr(at));
         }
     }
-    EXPECT_EQ(lines.size(), std::size_t{threadCount} * linesEach);
+    std::multiset<std::string> expected;
+    for (int i = 0; i < threadCount * linesEach; ++i)
+        expected.insert(fmt::format("thread {} line {} :: {:x<300}|end", i % threadCount, i / threadCount, ""));
+    EXPECT_EQ(lines, expected);
 }
 
 }  // namespace

@@ -74,19 +74,30 @@ TEST_F(ServerDetails, AMissingValueStopsOrFallsBack) {
 }
 
 TEST_F(ServerDetails, ReadsTheProxyOnlyWhenItIsOn) {
+    const struct {
+        const char* title;
+        std::optional<std::u16string_view> enabled;
+        std::optional<std::u16string_view> bypass;
+        std::optional<std::u16string> server, exceptions, password;
+    } rows[] = {
+        {"no value", std::nullopt, std::nullopt, std::nullopt, u"<local>", std::nullopt},
+        {"on, without a bypass list", u"YES", std::nullopt, u"proxy", std::nullopt, u"abc"},
+        {"neither yes nor no", u"true", u"list", std::nullopt, u"<local>", std::nullopt},
+        {"on", u"yes", u"list", u"proxy", u"list", u"abc"},
+    };
     Set({agentKeyPath, u"ProxyServerName", u"proxy"});
     Set({agentKeyPath, u"ProxyPassword", u" YWJj "});
-    for (const auto& [enabled, on] : {std::pair{u"", false}, {u"true", false}, {u"yes", true}}) {
-        SCOPED_TRACE(platform::Utf8FromWide(enabled));
-        if (*enabled != 0) Set({agentKeyPath, u"ProxyEnabled", enabled});
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.title);
+        test::ResetAgentState();
+        if (row.enabled) Set({agentKeyPath, u"ProxyEnabled", *row.enabled});
+        if (row.bypass) Set({agentKeyPath, u"ProxyByPass", *row.bypass});
         getProxyServerDetails();
-        EXPECT_EQ(agentState.gv_proxyServerName.has_value(), on);
-        EXPECT_EQ(agentState.gv_proxyPassword, on ? OptionalText(u"abc") : std::nullopt);
-        EXPECT_EQ(agentState.gv_proxyExceptionAddr, on ? std::nullopt : OptionalText(u"<local>"));
+        EXPECT_EQ(agentState.gv_proxyEnabled, row.enabled.value_or(u"NO"));
+        EXPECT_EQ(agentState.gv_proxyServerName, row.server);
+        EXPECT_EQ(agentState.gv_proxyExceptionAddr, row.exceptions);
+        EXPECT_EQ(agentState.gv_proxyPassword, row.password);
     }
-    Set({agentKeyPath, u"ProxyByPass", u"list"});
-    getProxyServerDetails();
-    EXPECT_EQ(agentState.gv_proxyExceptionAddr, u"list");
     EXPECT_FALSE(Logged("abc"));
 }
 

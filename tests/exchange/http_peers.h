@@ -2,12 +2,14 @@
 #pragma once
 
 #include <arpa/inet.h>
+#include <array>
 #include <cstdint>
 #include <functional>
 #include <httplib.h>
 #include <memory>
 #include <mutex>
 #include <netinet/in.h>
+#include <poll.h>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -44,7 +46,8 @@ inline sockaddr_in Loopback(int port) {
     return address;
 }
 
-/// Takes one connection at a time on 127.0.0.1, reads a request's headers, hands the connection over and closes it.
+/// Takes one connection at a time on 127.0.0.1, reads a request's headers (or the first byte of a secure greeting),
+/// hands the connection over and closes it afterwards.
 class RawServer {
   public:
     using Handler = std::function<void(int connection, const std::string& request)>;
@@ -78,7 +81,8 @@ class RawServer {
   private:
     void Serve(int connection) {
         std::string request;
-        for (char c; !request.ends_with("\r\n\r\n") && recv(connection, &c, 1, 0) == 1;) request += c;
+        const auto complete = [&] { return request.ends_with("\r\n\r\n") || request.starts_with('\x16'); };
+        for (char c; !complete() && recv(connection, &c, 1, 0) == 1;) request += c;
         {
             const std::lock_guard lock(mutex_);
             requests_.push_back(request);
@@ -115,13 +119,37 @@ inline RawServer::Handler SaysAndHolds(std::string text) {
     };
 }
 
-/// A proxy that ends at itself: it answers plain requests in the place of their servers, lets tunnels lead nowhere, and
-/// says 407 to those without the credentials it wants.
-inline RawServer::Handler Proxies(std::string wantedAuthorization) {
+/// Passes on what comes from either side until one hangs up.
+inline void Relay(int one, int other) {
+    std::array<pollfd, 2> sides{{{one, POLLIN, 0}, {other, POLLIN, 0}}};
+    std::array<char, 4096> bytes;
+    while (poll(sides.data(), sides.size(), -1) > 0) {
+        const bool first = sides[0].revents != 0;
+        const ssize_t count = recv(first ? one : other, bytes.data(), bytes.size(), 0);
+        if (count <= 0) return;
+        SendText(first ? other : one, {bytes.data(), static_cast<std::size_t>(count)});
+    }
+}
+
+/// A proxy that forwards tunnels and plain requests, and answers 407 to those without the credentials it wants.
+inline RawServer::Handler Forwards(std::string wantedAuthorization) {
     return [wanted = std::move(wantedAuthorization)](int connection, const std::string& request) {
-        const bool known = request.find("\r\nProxy-Authorization: " + wanted + "\r\n") != std::string::npos;
-        SendText(connection, known ? "HTTP/1.1 200 OK\r\nX-Proxy: here\r\n\r\n"
-                                   : "HTTP/1.1 407 Proxy Authentication Required\r\nContent-Length: 2\r\n\r\nno");
+        if (request.find("\r\nProxy-Authorization: " + wanted + "\r\n") == std::string::npos) {
+            SendText(connection, "HTTP/1.1 407 Proxy Authentication Required\r\nContent-Length: 2\r\n\r\nno");
+            return;
+        }
+        const bool tunnel = request.starts_with("CONNECT ");
+        const std::size_t authority = tunnel ? 8 : request.find("://") + 3;
+        const sockaddr_in address = Loopback(std::stoi(request.substr(request.find(':', authority) + 1)));
+        const int peer = socket(AF_INET, SOCK_STREAM, 0);
+        connect(peer, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+        if (tunnel) {
+            SendText(connection, "HTTP/1.1 200 Connection established\r\nX-Proxy: here\r\n\r\n");
+        } else {
+            SendText(peer, request.substr(0, request.find(' ') + 1) + request.substr(request.find('/', authority)));
+        }
+        Relay(connection, peer);
+        close(peer);
     };
 }
 

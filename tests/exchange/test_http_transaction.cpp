@@ -201,6 +201,8 @@ TEST_F(HttpTransaction, PostsSendWhatTheirKindCounts) {
     EXPECT_THAT(sent, ElementsAre(wide, wide.substr(0, 6), wide.substr(0, 4), wide, wide.substr(0, 4)));
     Restart("o");
     std::u16string url = u"/x";
+    EXPECT_EQ(InternetSendRequest({}, 0, url, std::nullopt, nullptr, false), 13u);
+    EXPECT_EQ(opened, "");
     OptionalText response;
     EXPECT_EQ(InternetSendRequest({}, 0, url, wide, &response, false), 0u);
     EXPECT_EQ(response, u"\u6b6f");

@@ -90,6 +90,9 @@ class HttpTransport : public TestAgent {
         agentState.gv_proxyUserName = u"üser";
         agentState.gv_proxyPassword = std::move(password);
     }
+
+    /// "üser:pass", as the proxy gets it.
+    const std::string credentials = "Basic w7xzZXI6cGFzcw==";
 };
 
 TEST_F(HttpTransport, SaysExactlyWhatItShouldOnTheWire) {
@@ -156,6 +159,9 @@ TEST_F(HttpTransport, FollowsRedirectsButNotOutOfASecureConnection) {
     EXPECT_EQ(Get(plain.port, u"/hop?to=echo%3Fvalue%3Dmoved"), 0u);
     EXPECT_EQ(plain.value, "moved");
     EXPECT_EQ(Get(plain.port, toSecure), 12175u);  // the target's certificate was not asked to be tolerated
+    RawServer circle(Says("HTTP/1.1 302 Found\r\nLocation: /again\r\nContent-Length: 0\r\n\r\n"));
+    EXPECT_EQ(Get(circle.port, u"/"), 12156u);
+    EXPECT_EQ(circle.requests().size(), 11u);
     agentState.gv_httpsEnabled = 1;
     EXPECT_EQ(Get(secure.port, toPlain), 13u);
     EXPECT_EQ(Get(secure.port, toSecure), 0u);
@@ -214,32 +220,41 @@ TEST_F(HttpTransport, EachFailureHasItsNumber) {
     EXPECT_EQ(response, u"\u6261\u6463");  // what came is kept, whole characters
     RawServer gone(Says("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\n"));
     EXPECT_EQ(Get(gone.port, u"/x", &response), 12030u) << "no empty answer";
-    EXPECT_EQ(Get(1, u"/x"), 12029u) << "where nobody listens";
-    agentState.gv_LastAccessName.publish(u"no-such-host.invalid");
-    EXPECT_EQ(Get(1, u"/x"), 12007u);
+    agentState.gv_httpsEnabled = 1;
+    EXPECT_EQ(Get(gone.port, u"/x"), 12157u);
+}
+
+TEST_F(HttpTransport, AddressesThatLeadNowhere) {
+    const int closedPort = RawServer(Says("")).port;
+    for (const auto& [address, expected] : {std::pair{u"127.0.0.1", 12029u},
+                                            {u"::1", 12029u},
+                                            {u"no-such-host.invalid", 12007u},
+                                            {u"127.0.0.1:80", 12005u}}) {
+        agentState.gv_LastAccessName.publish(address);
+        EXPECT_EQ(Get(closedPort, u"/"), expected) << platform::Utf8FromWide(address);
+    }
 }
 
 TEST_F(HttpTransport, GoesThroughTheProxyWithItsCredentials) {
-    RawServer proxy(Proxies("Basic w7xzZXI6cGFzcw=="));  // "üser:pass"
-    const struct {
-        int secure;
-        std::u16string password;
-        platform::Error result;
-        std::string asked;
-    } rows[] = {
-        {0, u"pass", 0, "GET http://127.0.0.1:1/x HTTP/1.1\r\n"},
-        {0, u"wrong", 407, "GET http://127.0.0.1:1/x HTTP/1.1\r\n"},
-        {1, u"pass", 12157, "CONNECT 127.0.0.1:1 HTTP/1.1\r\n"},  // nobody speaks TLS behind it
-        {1, u"wrong", 407, "CONNECT 127.0.0.1:1 HTTP/1.1\r\n"},
-    };
-    for (const auto& row : rows) {
-        agentState.gv_httpsEnabled = row.secure;
-        UseProxy(proxy.port, u"<local>", row.password);
-        EXPECT_EQ(Get(1, u"/x"), row.result) << row.asked;
-        EXPECT_THAT(proxy.requests().back(), StartsWith(row.asked));
-        EXPECT_EQ(Post(1, u"/x", "body"), row.result) << row.asked;
+    RawServer proxy(Forwards(credentials));
+    TestServer plain;
+    TestServer secure(SecureServer());
+    for (TestServer* server : {&plain, &secure}) {
+        SCOPED_TRACE(server == &secure);
+        agentState.gv_httpsEnabled = server == &secure;
+        UseProxy(proxy.port, u"<local>");
+        const std::size_t before = proxy.requests().size();
+        EXPECT_EQ(Get(server->port, u"/echo?value=via proxy"), 0u);
+        EXPECT_EQ(server->value, "via proxy");
+        EXPECT_EQ(Post(server->port, u"/post", "via proxy too"), 0u);
+        EXPECT_EQ(server->value, "via proxy too");
+        EXPECT_EQ(proxy.requests().size(), before + 2);
+        UseProxy(proxy.port, u"<local>", u"wrong");
+        EXPECT_EQ(Get(server->port, u"/echo"), 407u);
+        EXPECT_EQ(Post(server->port, u"/post", "x"), 407u);
     }
     EXPECT_THAT(proxy.requests().back(), Not(HasSubstr("Connection: Closed")));  // that header is the server's
+    EXPECT_FALSE(Logged("X-Proxy: here"));  // nor are the tunnel's headers the server's
 }
 
 TEST_F(HttpTransport, TheBypassListDecidesWhoIsReachedDirectly) {

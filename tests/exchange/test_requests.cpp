@@ -24,6 +24,10 @@ class Requests : public TestAgent {
         agentState.gv_httpsEnabled = 0;
         agentState.gv_ServerPort = server.port;
         InitTimerManager();
+        server.server->Get("/none", [this](const httplib::Request& request, httplib::Response& answer) {
+            downloadConnection = request.get_header_value("Connection");
+            answer.status = 404;
+        });
         server.server->Get("/servlets/.*", [this](const httplib::Request& request, httplib::Response& answer) {
             const std::string said = request.target.substr(request.target.find("agentKey=K7") + 11);
             asked += (said.empty() ? "LIST" : said) + " ";
@@ -57,6 +61,7 @@ class Requests : public TestAgent {
     VirtualClock clock;
     std::string asked;  // in the round, behind the agent's key, each with a blank after it
     const char* list = nullptr;
+    std::string downloadConnection;
     std::size_t logBefore = 0;
     RunningServer server;
 };
@@ -103,6 +108,7 @@ TEST_F(Requests, EachRoundAsksForWhatWaitsAndLeavesTheMailboxRight) {
         EXPECT_EQ(Reloads(), row.reloads);
         EXPECT_FALSE(std::filesystem::exists(conf / "download" / "RequestList.txt"));
     }
+    EXPECT_EQ(downloadConnection, "keep-active") << "of a plan's download alone";
     SetRequestAvailable(u"YES");
     {
         const platform::ScopedOperations full(
@@ -112,8 +118,6 @@ TEST_F(Requests, EachRoundAsksForWhatWaitsAndLeavesTheMailboxRight) {
     EXPECT_EQ(Registry(), "NONE YES");
     EXPECT_EQ(CountInRound("file pointer is NULL"), 1);
     std::filesystem::remove_all(conf / "download");
-    RunRound(empty);
-    EXPECT_EQ(Registry(), "NONE NO") << "the directory is made again";
     Write(conf / "download" / "RequestList.txt" / "in the way", "");
     SetRequestAvailable(u"YES");
     RunRound(empty);

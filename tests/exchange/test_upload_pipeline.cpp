@@ -135,10 +135,15 @@ TEST_F(UploadPipeline, EveryZipIsTriedInEveryPassUntilAcceptedAndCollectionStops
     EXPECT_EQ(pass(503, 0), 1);
     EXPECT_EQ(agentState.gv_CSContactLostTime, clock.nowSeconds());
     EXPECT_EQ(pass(407, 360 * 60), 1);
+    EXPECT_TRUE(Logged("something went wrong in InternetUploadBinaryFile. return value [407]"));
     EXPECT_EQ(pass(503, 1), 0);
     EXPECT_EQ(FilesIn(zipdata), queue);
-    EXPECT_EQ(pass(200, 1), 1);
+    {
+        const FileOverride undeletable(Failing(&platform::FileOperations::DeleteFileW, platform::error::accessDenied));
+        EXPECT_EQ(pass(200, 1), 1);
+    }
     EXPECT_EQ(agentState.gv_CSContactLostTime, 0);
+    EXPECT_EQ(pass(200, 1), 1);
     EXPECT_EQ(accepted["Agent_K7_2.zip"], "zip");
     EXPECT_THAT(FilesIn(zipdata), IsEmpty());
 }
@@ -226,6 +231,10 @@ TEST_F(UploadPipeline, FailuresWhilePackingAreLoggedAndLeaveNothingHalfDone) {
     EXPECT_EQ(pack(&Operations::FlushFileBuffers, platform::error::diskFull), 0U);
     EXPECT_TRUE(Logged("Error code : 112"));
     EXPECT_EQ(pack(&Operations::MoveFileExW, platform::error::accessDenied), 1U);  // to be packed again
+    Write(zipdata / "Agent_K7_3.tmp" / "in the way", "");
+    PackRecordFiles(u"zipdata\\Agent_K7_");
+    EXPECT_THAT(FilesIn(data), IsEmpty());
+    EXPECT_TRUE(Logged("Not able to create [zipdata\\Agent_K7_3.tmp]. Error is [0x200] [Couldn't create/open file]"));
 }
 
 }  // namespace kv::test
