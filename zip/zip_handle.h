@@ -1,6 +1,8 @@
 // What the writer and the reader of zip archives hand out.
 #pragma once
 
+#include "zip/zip_result.h"
+
 namespace kv {
 
 /// What a zip handle is for.
@@ -13,5 +15,12 @@ struct ZipHandleRecord {
 
 /// An archive being written or read; freed by CloseZip or CloseUnzip. Null is none.
 using ZipHandle = ZipHandleRecord*;
+
+/// The object behind a handle of one kind, or null with the reason.
+template <class Object>
+Object* ObjectOf(ZipHandle zip, ZipKind kind, ZipResult& result) {
+    result = zip == nullptr ? zip_result::badArguments : zip->kind != kind ? zip_result::wrongKind : zip_result::ok;
+    return result == zip_result::ok ? static_cast<Object*>(zip->object) : nullptr;
+}
 
 }  // namespace kv

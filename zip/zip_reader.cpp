@@ -56,12 +56,7 @@ ZipResult Remember(ZipResult result) {
 }
 
 /// The reader behind a handle, or null with the reason.
-ZipReader* ReaderOf(ZipHandle zip, ZipResult& result) {
-    result = zip == nullptr                 ? zip_result::badArguments
-             : zip->kind != ZipKind::reader ? zip_result::wrongKind
-                                            : zip_result::ok;
-    return result == zip_result::ok ? static_cast<ZipReader*>(zip->object) : nullptr;
-}
+ZipReader* ReaderOf(ZipHandle zip, ZipResult& result) { return ObjectOf<ZipReader>(zip, ZipKind::reader, result); }
 
 /// Runs the steps of a public routine on the reader behind a handle.
 template <class Steps>

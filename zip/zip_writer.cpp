@@ -57,12 +57,7 @@ ZipResult Remember(ZipResult result) {
 }
 
 /// The writer behind a handle, or null with the reason.
-ZipWriter* WriterOf(ZipHandle zip, ZipResult& result) {
-    result = zip == nullptr                 ? zip_result::badArguments
-             : zip->kind != ZipKind::writer ? zip_result::wrongKind
-                                            : zip_result::ok;
-    return result == zip_result::ok ? static_cast<ZipWriter*>(zip->object) : nullptr;
-}
+ZipWriter* WriterOf(ZipHandle zip, ZipResult& result) { return ObjectOf<ZipWriter>(zip, ZipKind::writer, result); }
 
 std::span<const std::uint8_t> BytesOf(std::string_view text) {
     return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};

@@ -216,6 +216,11 @@ TEST_F(ZipReading, WhatAnIndependentWriterPackedComesOutInEveryForm) {
             EXPECT_EQ(FindZipItem(zip, platform::WideFromUtf8(name), false, index, item), zip_result::ok) << name;
             for (const std::size_t size : {999UL, 250000UL})
                 EXPECT_TRUE(ReadItem(zip, index, found, size) == zip_result::ok && found == content) << name;
+            OpenFile out;
+            out.Open(u"out", platform::FileAccess::write, platform::FileShare::none,
+                     platform::FileDisposition::createAlways);
+            EXPECT_EQ(UnzipItemToHandle(zip, index, out.handle), zip_result::ok) << name;
+            EXPECT_EQ(Read(bin / "out"), content) << name;
         }
         CloseUnzip(zip);
     }
