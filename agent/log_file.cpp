@@ -89,6 +89,10 @@ RotationLock RotateWhileLocked(std::uint32_t count) {
     // on the normal way out: this is how the agent behaves, and its price is that the next rotation waits for ever.
     if (bytes != 0 && maxSize != 0 && bytes < maxSize) return RotationLock::kept;
     if (logState.gv_logPath.empty()) return RotationLock::released;
+    if (logState.isToolkitLog) {
+        logState.gv_logBytes = 0;
+        return RotationLock::released;
+    }
     if (count == 0) {
         if (MeasureLog(count) != error::success) return RotationLock::kept;
         logState.gv_logBytes = count;

@@ -12,12 +12,6 @@ LogState logState;
 
 namespace {
 
-/// A failed write, such as one to a full disk, costs the line and nothing else.
-void Append(const std::string& line) {
-    const std::lock_guard stream(logState.streamMutex);
-    if (logState.gv_logFile != 0) platform::Files().WriteFile(logState.gv_logFile, line.data(), line.size());
-}
-
 /// Counts the unexpanded format, not what was printed: the limit is one of formats. Two threads may lose an addition
 /// here; the counter is a threshold, not an account.
 std::uint32_t Count(std::size_t characters) {
@@ -51,10 +45,19 @@ std::string PrintedLogText(const std::string& format, std::span<const LogArgumen
     }
 }
 
+void AppendToLog(std::string_view text) noexcept {
+    try {
+        const std::lock_guard stream(logState.streamMutex);
+        if (logState.gv_logFile != 0) platform::Files().WriteFile(logState.gv_logFile, text.data(), text.size());
+    } catch (...) {
+        // A failed write, such as one to a full disk, costs the line and nothing else.
+    }
+}
+
 void WriteLogLine(const char* format, std::span<const LogArgument> arguments) noexcept {
     try {
         const std::string prefixed = PrefixLogFormat(format);
-        Append(PrintedLogText(prefixed, arguments));
+        AppendToLog(PrintedLogText(prefixed, arguments));
         const std::uint32_t bytes = Count(prefixed.size());
         if (bytes > logState.gv_logMaxSize.load(std::memory_order_relaxed) && logState.rotate) logState.rotate(bytes);
     } catch (...) {

@@ -32,6 +32,10 @@ struct LogState {
     std::atomic<std::uint32_t> gv_logMaxFiles{10};
     std::atomic<std::uint16_t> gv_logOpenFailed{0};
 
+    /// The SNMP engine has put a log of its own in this one's place (snmp/toolkit_log.h): lines go there, and there is
+    /// no name to rotate by.
+    std::atomic<bool> isToolkitLog{false};
+
     /// Keeps the stream open between a line's test and its write; held for one line, or while the stream changes files.
     /// Nobody takes the rotation's resource lock while holding it.
     std::mutex streamMutex;
@@ -54,6 +58,9 @@ std::string PrintedLogText(const std::string& format, std::span<const LogArgumen
 /// Prints one line to the log file, counts it and rotates when the counter has passed the limit. The level has been
 /// tested. Never throws.
 void WriteLogLine(const char* format, std::span<const LogArgument> arguments) noexcept;
+
+/// Writes a text as it stands, without prefix; it does not count towards the rotation. Never throws.
+void AppendToLog(std::string_view text) noexcept;
 
 namespace log_detail {
 

@@ -1,6 +1,10 @@
-// Host names and IPv4 addresses. Errors are system error numbers; hostNotFound when a name or address is unknown.
+// Host names, IPv4 addresses and datagrams. Errors are system error numbers; hostNotFound when a name or address is
+// unknown.
 #pragma once
 
+#include <array>
+#include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -16,6 +20,15 @@ struct HostEntry {
     std::string address;  // first IPv4 address, dotted
 };
 
+/// A datagram socket, or 0. Its low byte is never 0, 99 or 255: to the SNMP engine these are results of an open.
+using SocketHandle = std::uint32_t;
+
+/// Where a datagram goes or comes from.
+struct SocketAddress {
+    std::array<std::uint8_t, 4> address{};  // in dotted order; 0.0.0.0 is any
+    std::uint16_t port = 0;                 // 0: of the system's choice
+};
+
 struct SocketOperations {
     /// Brings up the socket library where the system has one to bring up; each call is paired with WSACleanup.
     std::function<Error(int majorVersion, int minorVersion)> WSAStartup;
@@ -28,6 +41,30 @@ struct SocketOperations {
 
     /// Looks a dotted IPv4 address up; invalidParameter when the text is none.
     std::function<Error(std::string_view dottedAddress, HostEntry& host)> gethostbyaddr;
+
+    /// The four bytes of a dotted address; false when the text is none.
+    std::function<bool(std::string_view dottedAddress, std::array<std::uint8_t, 4>& address)> inet_addr;
+    std::function<std::string(const std::array<std::uint8_t, 4>& address)> inet_ntoa;
+
+    /// A new datagram socket; released with closesocket.
+    std::function<Error(SocketHandle& socket)> socket;
+    std::function<Error(SocketHandle socket, const SocketAddress& local)> bind;
+
+    /// Waits until a datagram is there to be received, for microseconds at most; 0 or less only looks. success with
+    /// ready false when the time is over. The wait goes on after an interruption.
+    std::function<Error(SocketHandle socket, std::int64_t microseconds, bool& ready)> select;
+
+    /// Sends one datagram; sent is how much of it went.
+    std::function<Error(SocketHandle socket, const void* bytes, std::size_t length, const SocketAddress& peer,
+                        std::size_t& sent)>
+        sendto;
+
+    /// Receives one datagram, waiting for it if need be. What does not fit into capacity is lost.
+    std::function<Error(SocketHandle socket, void* buffer, std::size_t capacity, SocketAddress& peer,
+                        std::size_t& received)>
+        recvfrom;
+
+    std::function<Error(SocketHandle socket)> closesocket;
 };
 
 inline const SocketOperations& Sockets() { return CurrentOperations<SocketOperations>(); }

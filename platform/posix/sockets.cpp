@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "platform/posix/datagrams.h"
 #include "platform/posix/posix.h"
 
 namespace platform {
@@ -72,6 +73,14 @@ SocketOperations PosixSockets() {
         .gethostname = OwnHostName,
         .gethostbyname = HostByName,
         .gethostbyaddr = HostByAddress,
+        .inet_addr = AddressFromText,
+        .inet_ntoa = TextFromAddress,
+        .socket = OpenDatagramSocket,
+        .bind = BindSocket,
+        .select = WaitForDatagram,
+        .sendto = SendDatagram,
+        .recvfrom = ReceiveDatagram,
+        .closesocket = CloseSocket,
     };
 }
 

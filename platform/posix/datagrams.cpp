@@ -1,0 +1,116 @@
+#include "platform/posix/datagrams.h"
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "platform/posix/posix.h"
+
+namespace platform {
+
+namespace {
+
+// A handle is four times the descriptor and one, so that its low byte is none of 0, 99 and 255.
+SocketHandle HandleOf(int descriptor) { return static_cast<SocketHandle>(descriptor) * 4 + 1; }
+int DescriptorOf(SocketHandle handle) { return handle % 4 == 1 ? static_cast<int>(handle / 4) : -1; }
+
+sockaddr_in SystemAddressOf(const SocketAddress& address) {
+    sockaddr_in system{};
+    system.sin_family = AF_INET;
+    system.sin_port = htons(address.port);
+    std::memcpy(&system.sin_addr, address.address.data(), address.address.size());
+    return system;
+}
+
+SocketAddress AddressOf(const sockaddr_in& system) {
+    SocketAddress address;
+    address.port = ntohs(system.sin_port);
+    std::memcpy(address.address.data(), &system.sin_addr, address.address.size());
+    return address;
+}
+
+timespec TimeOf(std::chrono::microseconds time) {
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(time);
+    return {.tv_sec = seconds.count(), .tv_nsec = std::chrono::nanoseconds(time - seconds).count()};
+}
+
+}  // namespace
+
+bool AddressFromText(std::string_view dottedAddress, std::array<std::uint8_t, 4>& address) {
+    return inet_pton(AF_INET, std::string(dottedAddress).c_str(), address.data()) == 1;
+}
+
+std::string TextFromAddress(const std::array<std::uint8_t, 4>& address) {
+    std::array<char, INET_ADDRSTRLEN> text{};
+    inet_ntop(AF_INET, address.data(), text.data(), text.size());
+    return text.data();
+}
+
+Error OpenDatagramSocket(SocketHandle& socket) {
+    socket = 0;
+    const int descriptor = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (descriptor < 0) return ErrorFromErrno(errno);
+    socket = HandleOf(descriptor);
+    return error::success;
+}
+
+Error BindSocket(SocketHandle socket, const SocketAddress& local) {
+    const sockaddr_in system = SystemAddressOf(local);
+    const auto* generic = reinterpret_cast<const sockaddr*>(&system);
+    return ::bind(DescriptorOf(socket), generic, sizeof system) == 0 ? error::success : ErrorFromErrno(errno);
+}
+
+Error WaitForDatagram(SocketHandle socket, std::int64_t microseconds, bool& ready) {
+    ready = false;
+    // A negative descriptor would be passed over, not refused.
+    if (DescriptorOf(socket) < 0) return error::invalidHandle;
+    using Clock = std::chrono::steady_clock;
+    const auto end = Clock::now() + std::chrono::microseconds(std::max<std::int64_t>(microseconds, 0));
+    for (;;) {
+        const auto left = std::chrono::ceil<std::chrono::microseconds>(end - Clock::now());
+        const timespec time = TimeOf(std::max(left, std::chrono::microseconds::zero()));
+        pollfd wanted{.fd = DescriptorOf(socket), .events = POLLIN, .revents = 0};
+        const int count = ppoll(&wanted, 1, &time, nullptr);
+        if (count < 0 && errno == EINTR) continue;
+        if (count < 0) return ErrorFromErrno(errno);
+        if (wanted.revents & POLLNVAL) return error::invalidHandle;
+        ready = count > 0;
+        return error::success;
+    }
+}
+
+Error SendDatagram(SocketHandle socket, const void* bytes, std::size_t length, const SocketAddress& peer,
+                   std::size_t& sent) {
+    sent = 0;
+    const sockaddr_in system = SystemAddressOf(peer);
+    const auto* generic = reinterpret_cast<const sockaddr*>(&system);
+    const ssize_t result = ::sendto(DescriptorOf(socket), bytes, length, 0, generic, sizeof system);
+    if (result < 0) return ErrorFromErrno(errno);
+    sent = static_cast<std::size_t>(result);
+    return error::success;
+}
+
+Error ReceiveDatagram(SocketHandle socket, void* buffer, std::size_t capacity, SocketAddress& peer,
+                      std::size_t& received) {
+    received = 0;
+    sockaddr_in system{};
+    socklen_t size = sizeof system;
+    auto* generic = reinterpret_cast<sockaddr*>(&system);
+    const ssize_t result = ::recvfrom(DescriptorOf(socket), buffer, capacity, 0, generic, &size);
+    if (result < 0) return ErrorFromErrno(errno);
+    peer = AddressOf(system);
+    received = static_cast<std::size_t>(result);
+    return error::success;
+}
+
+Error CloseSocket(SocketHandle socket) {
+    return ::close(DescriptorOf(socket)) == 0 ? error::success : ErrorFromErrno(errno);
+}
+
+}  // namespace platform

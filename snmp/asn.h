@@ -1,0 +1,121 @@
+// The part of the Basic Encoding Rules that SNMP uses, on flat byte buffers. Source of the format: ITU-T X.690, as
+// narrowed by RFC 1157 and RFC 3416. Nothing here allocates, and nothing but the two routines at the end knows SNMP.
+//
+// All routines have one shape. A parser takes the read position and the count of bytes left, and gives the position
+// after the item, or null. A builder takes the write position and the count of bytes left, and gives the position after
+// what it wrote, or null. The count shrinks by what was consumed; only AsnParseHeader replaces it, by the length of the
+// content. A failure is final: nothing is repaired, the tag may be set, the count stays as it was at that moment.
+// Unless it is called silent, a failure leaves an engine line at level 1.
+//
+// A few parsers look at the bytes of a length, or at one byte of content, before they know that these are there. So a
+// buffer that is parsed has asnReadAhead readable bytes behind its end; what they hold decides nothing but the value of
+// an integer without content.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace kv::snmp {
+
+/// Bytes that must be readable behind the end of what is parsed. Six are the longest look ahead (tag, length byte, four
+/// more); a message's own header adds six, since the count of bytes left takes no account of it.
+inline constexpr std::size_t asnReadAhead = 16;
+
+/// The longest object identifier that a builder encodes, in sub-identifiers.
+inline constexpr std::int32_t asnMaxBuildSubIds = 132;
+
+/// Whole identifier octets. Those of messages are in snmp/pdu.h.
+namespace tag {
+inline constexpr std::uint8_t integer = 0x02;
+inline constexpr std::uint8_t bitString = 0x03;
+inline constexpr std::uint8_t octetString = 0x04;
+inline constexpr std::uint8_t null = 0x05;
+inline constexpr std::uint8_t objectId = 0x06;
+inline constexpr std::uint8_t sequence = 0x30;
+inline constexpr std::uint8_t ipAddress = 0x40;
+inline constexpr std::uint8_t counter32 = 0x41;
+inline constexpr std::uint8_t gauge32 = 0x42;
+inline constexpr std::uint8_t timeTicks = 0x43;
+inline constexpr std::uint8_t opaque = 0x44;
+inline constexpr std::uint8_t nsapAddress = 0x45;
+inline constexpr std::uint8_t counter64 = 0x46;
+inline constexpr std::uint8_t uInteger32 = 0x47;
+inline constexpr std::uint8_t noSuchObject = 0x80;
+inline constexpr std::uint8_t noSuchInstance = 0x81;
+inline constexpr std::uint8_t endOfMibView = 0x82;
+}  // namespace tag
+
+// Lengths and headers.
+
+/// Short form, or one to four length bytes.
+const std::uint8_t* AsnParseLength(const std::uint8_t* position, std::uint32_t* length);
+
+/// The shortest of one, two and three bytes; of a length above 65,535 the high bits are lost.
+std::uint8_t* AsnBuildLength(std::uint8_t* position, std::int32_t* remaining, std::uint32_t length);
+
+/// Steps to the content. The tag is set before anything else is tested, and remaining becomes the content's length.
+const std::uint8_t* AsnParseHeader(const std::uint8_t* position, std::int32_t* remaining, std::uint8_t* tag);
+
+std::uint8_t* AsnBuildHeader(std::uint8_t* position, std::int32_t* remaining, std::uint8_t tag, std::uint32_t length);
+
+/// Always four bytes: tag, 82 and the length in two bytes. A constructed item is begun with length 0, and this is
+/// written over it when its length is known.
+std::uint8_t* AsnBuildSequence(std::uint8_t* position, std::int32_t* remaining, std::uint8_t tag, std::uint32_t length);
+
+/// Steps over a header that has been parsed before.
+const std::uint8_t* AsnSkipHeader(const std::uint8_t* position);
+
+// Values. The tag is given out as found and written as given; size is the value's size in bytes on both ways, and
+// where it goes in and out: capacity in, length out.
+
+const std::uint8_t* AsnParseInteger(const std::uint8_t* position, std::int32_t* remaining, std::uint8_t* tag,
+                                    std::int32_t* value, std::size_t size);
+const std::uint8_t* AsnParseUnsigned(const std::uint8_t* position, std::int32_t* remaining, std::uint8_t* tag,
+                                     std::uint32_t* value, std::size_t size);
+std::uint8_t* AsnBuildInteger(std::uint8_t* position, std::int32_t* remaining, std::uint8_t tag,
+                              const std::int32_t* value, std::size_t size);
+std::uint8_t* AsnBuildUnsigned(std::uint8_t* position, std::int32_t* remaining, std::uint8_t tag,
+                               const std::uint32_t* value, std::size_t size);
+
+/// words: the high 32 bits, then the low ones.
+std::uint8_t* AsnBuildCounter64(std::uint8_t* position, std::int32_t* remaining, std::uint8_t tag,
+                                const std::uint32_t* words, std::size_t size);
+
+const std::uint8_t* AsnParseString(const std::uint8_t* position, std::int32_t* remaining, std::uint8_t* tag,
+                                   std::uint8_t* bytes, std::size_t* size);
+std::uint8_t* AsnBuildString(std::uint8_t* position, std::int32_t* remaining, std::uint8_t tag,
+                             const std::uint8_t* bytes, std::size_t size);
+
+/// The first byte of a bit string counts the unused bits of its last and belongs to the value.
+const std::uint8_t* AsnParseBitString(const std::uint8_t* position, std::int32_t* remaining, std::uint8_t* tag,
+                                      std::uint8_t* bytes, std::size_t* size);
+std::uint8_t* AsnBuildBitString(std::uint8_t* position, std::int32_t* remaining, std::uint8_t tag,
+                                const std::uint8_t* bytes, std::size_t size);
+
+const std::uint8_t* AsnParseNull(const std::uint8_t* position, std::int32_t* remaining, std::uint8_t* tag);
+std::uint8_t* AsnBuildNull(std::uint8_t* position, std::int32_t* remaining, std::uint8_t tag);
+
+/// count: room in subIds, at least 2, going in; how many there are, coming out. An encoding that holds more than fit is
+/// no failure: the rest is left, and the position given stands inside the content. Sub-identifiers wrap at 32 bits.
+const std::uint8_t* AsnParseObjectId(const std::uint8_t* position, std::int32_t* remaining, std::uint8_t* tag,
+                                     std::uint32_t* subIds, std::int32_t* count);
+
+/// Of an object identifier of one sub-identifier only a zero byte is written. One of more than asnMaxBuildSubIds is
+/// refused.
+std::uint8_t* AsnBuildObjectId(std::uint8_t* position, std::int32_t* remaining, std::uint8_t tag,
+                               const std::uint32_t* subIds, std::int32_t count);
+
+// One variable: SEQUENCE { name OBJECT IDENTIFIER, value }.
+
+/// Takes the name apart and finds the value: valuePosition points at its tag, valueLength is that of its content, which
+/// is not looked at. remaining is that of the whole list.
+const std::uint8_t* SnmpParseVarBind(const std::uint8_t* position, std::uint32_t* oid, std::int32_t* oidCount,
+                                     std::uint8_t* valueTag, std::int32_t* valueLength,
+                                     const std::uint8_t** valuePosition, std::int32_t* remaining);
+
+/// value has the form that its tag asks of the builders above; valueLength is its size in bytes.
+std::uint8_t* SnmpBuildVarBind(std::uint8_t* position, const std::uint32_t* oid, const std::int32_t* oidCount,
+                               std::uint8_t valueTag, std::int32_t valueLength, const void* value,
+                               std::int32_t* remaining);
+
+}  // namespace kv::snmp

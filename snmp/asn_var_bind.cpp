@@ -1,0 +1,1 @@
+#include "snmp/asn.h"

@@ -1,0 +1,1 @@
+#include "snmp/snmp_manager.h"

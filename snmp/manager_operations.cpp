@@ -1,0 +1,1 @@
+#include "snmp/manager_operations.h"

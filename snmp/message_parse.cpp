@@ -1,0 +1,1 @@
+#include "snmp/message.h"

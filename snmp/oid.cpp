@@ -1,0 +1,1 @@
+#include "snmp/oid.h"

@@ -1,0 +1,1 @@
+#include "snmp/pdu.h"

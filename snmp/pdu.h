@@ -1,0 +1,68 @@
+// A request or an answer on its way through the engine.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+#include "snmp/tk_vector.h"
+
+namespace kv::snmp {
+
+/// Identifier octets of the message types.
+namespace command {
+inline constexpr std::uint8_t get = 0xA0;
+inline constexpr std::uint8_t getNext = 0xA1;
+inline constexpr std::uint8_t response = 0xA2;
+inline constexpr std::uint8_t set = 0xA3;
+inline constexpr std::uint8_t trapV1 = 0xA4;
+inline constexpr std::uint8_t getBulk = 0xA5;
+inline constexpr std::uint8_t inform = 0xA6;
+inline constexpr std::uint8_t trapV2 = 0xA7;
+}  // namespace command
+
+/// Version codes, as messages carry them.
+inline constexpr std::int32_t versionV1 = 0;
+inline constexpr std::int32_t versionV2c = 1;
+inline constexpr std::int32_t versionV3 = 3;
+
+/// The longest community of a request, in bytes; a longer one makes no PDU.
+inline constexpr std::size_t maxRequestCommunity = 254;
+
+struct SnmpPdu {
+    std::int32_t version;
+    char* community;  // owned, terminated
+    std::int32_t communityLength;
+    std::uint8_t command;
+    std::uint8_t receivedCommand;
+    std::int32_t requestId;
+    std::int32_t errorStatus;
+    std::int32_t errorIndex;
+    std::int32_t timeoutSeconds;
+    TkVector varBinds;          // owns its variables
+    TkVector* otherVarBinds;    // in use instead for trapV1, inform and trapV2; owned, or null
+    std::int32_t varBindCount;  // of a parsed message
+};
+
+/// Zeroed; null with an engine line when memory ran out.
+SnmpPdu* AllocateAndInitSnmpPdu();
+
+/// A PDU that takes over the variables of a list; the list keeps its nodes, which its holder frees. Null when memory
+/// ran out, when the variables are freed too, or for a community that is too long, when they are not.
+SnmpPdu* CreateSnmpPdu(std::int32_t version, const char* community, std::uint8_t command, std::int32_t requestId,
+                       std::int32_t errorStatus, std::int32_t errorIndex, TkVector* vector);
+
+/// Frees everything. Null is allowed.
+void FreeSnmpPdu(SnmpPdu* pdu);
+
+/// Frees the community and the record, and no variables.
+void FreeSnmpPduShell(SnmpPdu* pdu);
+
+/// Trace lines.
+void DisplaySnmpPduInfo(const SnmpPdu* pdu);
+
+struct FreeSnmpPduDeleter {
+    void operator()(SnmpPdu* pdu) const { FreeSnmpPdu(pdu); }
+};
+using SnmpPduPtr = std::unique_ptr<SnmpPdu, FreeSnmpPduDeleter>;
+
+}  // namespace kv::snmp

@@ -1,0 +1,1 @@
+#include "snmp/tk_vector.h"

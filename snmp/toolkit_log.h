@@ -1,0 +1,43 @@
+// The engine's log lines. They go to the agent's log as they are, without date and time, and do not count towards its
+// rotation. They have a level of their own: errors from 1 on, traces from 2 on, the finest traces at 3.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <string_view>
+
+#include "foundation/log.h"
+
+namespace kv::snmp {
+
+extern std::atomic<std::int32_t> toolkitLogLevel;  // 0 to 3; set anew by every request
+
+inline bool TkLogsAtLeast(std::int32_t level) { return toolkitLogLevel.load(std::memory_order_relaxed) >= level; }
+
+/// Agent levels 3 gives 2, 4 and 5 give 3, all others 0.
+void SetToolkitLogLevel(std::int32_t agentLogLevel);
+
+/// Appends one text to the log, after a look at the log's size. Never throws.
+void WriteToolkitLine(std::string_view text) noexcept;
+
+/// One engine line; a format is printf's, the arguments are those of foundation/log.h.
+template <class... Arguments>
+void TKLOG(std::int32_t level, const char* format, const Arguments&... arguments) {
+    if (!TkLogsAtLeast(level)) return;
+    try {
+        WriteToolkitLine(LogText(format, arguments...));
+    } catch (...) {
+        // Out of memory: the line is lost.
+    }
+}
+
+/// Puts a log of the engine's own in the place of the agent's: a new, empty file under the base directory (or under the
+/// name as it is, when it holds a colon) takes all further lines, the agent's too. The agent's file stays open, and its
+/// rotation has no name to go by from then on. False, with a line on standard output, when it cannot be opened.
+bool OpenToolkitLog(std::string_view name);
+
+/// Empties the engine's own log when it would pass 5 MiB with this text. Does nothing while the agent's log is in
+/// place.
+void CheckToolkitLogSize(std::string_view text);
+
+}  // namespace kv::snmp

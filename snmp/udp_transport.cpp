@@ -1,0 +1,1 @@
+#include "snmp/udp_transport.h"

@@ -1,0 +1,74 @@
+// One message to a device and one back, on a UDP socket that lives for that exchange alone. Nothing is sent twice, and
+// whatever reaches the socket first is the answer, whoever sent it.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string_view>
+
+#include "platform/sockets.h"
+
+namespace kv::snmp {
+
+/// Room for a device's name or address with its terminator; the longest name of the domain name system fits.
+inline constexpr std::size_t remoteHostRoom = 256;
+
+struct TransportDomainAddress {
+    std::uint16_t localPort;            // told in log lines; a socket is always bound to a port of the system's choice
+    std::array<char, 20> localAddress;  // empty: any
+    std::uint16_t remotePort;
+    std::array<char, remoteHostRoom> remoteHost;  // address or name; after an answer, its sender's address
+    platform::SocketHandle socket;                // a copy that the wait uses
+    platform::SocketAddress* peer;                // owned, or null
+};
+
+struct TransportDomainInfo {
+    platform::SocketHandle socket;
+    TransportDomainAddress* address;  // owned
+};
+
+/// Port of the engine's own session.
+inline constexpr std::uint16_t ownPort = 8001;
+
+/// Brings up the socket library for the life of the process.
+void InitTransportDomain();
+
+/// Null when memory ran out, or when the host has remoteHostRoom characters or more; each with an engine line.
+TransportDomainInfo* CreateTransportDomainInfo(std::uint16_t localPort, std::uint16_t remotePort,
+                                               std::string_view host);
+
+/// Frees the record; its session is closed by CloseSnmpSession before. Null is allowed.
+void FreeTransportDomainInfo(TransportDomainInfo* info);
+
+struct FreeTransportDomainInfoDeleter {
+    void operator()(TransportDomainInfo* info) const { FreeTransportDomainInfo(info); }
+};
+using TransportDomainInfoPtr = std::unique_ptr<TransportDomainInfo, FreeTransportDomainInfoDeleter>;
+
+/// Opens the socket and gives its value; 0 when it cannot be opened or bound, or memory ran out. Callers read the low
+/// byte as a status; the platform gives no socket a value that could be taken for one.
+platform::SocketHandle OpenSnmpSession(TransportDomainInfo* info);
+void CloseSnmpSession(TransportDomainInfo* info);
+
+/// 1 sent, 0 not: the host cannot be resolved, or three attempts failed.
+int SendSnmpTrapMessage(TransportDomainInfo* info, const std::uint8_t* bytes, std::size_t length);
+
+/// Waits for an answer, for microseconds at most; 0 only looks. 1 it is there, 0 not.
+int WaitForTdInfoResp(TransportDomainInfo* info, std::int64_t microseconds);
+
+/// Receives into a buffer of messageBufferSize bytes; 1, or 0 with length 0.
+int ReadSnmpMessage(TransportDomainInfo* info, std::uint8_t* buffer, std::int32_t* length);
+
+/// Lets all sends and receives of the process go one after the other from now on.
+void InitSocketMutex();
+
+/// Records the engine's own session's socket in its address record.
+void UpdateAgentTransportDomainInfo(TransportDomainInfo* info);
+
+/// This computer's first address, dotted; 127.0.0.1 when it cannot be told. Empty, with an engine line, when there is
+/// no socket library.
+std::string GetLocalHostAddress();
+
+}  // namespace kv::snmp

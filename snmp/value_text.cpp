@@ -1,0 +1,1 @@
+#include "snmp/value_text.h"

@@ -1,0 +1,73 @@
+// One variable of a request or an answer: its name and its value.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+#include "snmp/tk_vector.h"
+
+namespace kv::snmp {
+
+/// The form of a value by its type: integer: int32; the counters, gauge, ticks and unsigned integer: uint32; counter64:
+/// two uint32, high and low; object identifier: an array of sub-identifiers, counted by valueLength; address: dotted
+/// text; all else: the bytes. Texts and bytes have a terminator that valueLength does not count.
+struct VarBind {
+    std::uint32_t* oid;  // owned
+    std::int32_t oidLength;
+    std::uint8_t type;  // a tag
+    void* value;        // made by NewValue; or null
+    std::int32_t valueLength;
+    std::uint8_t ownsValue;
+    std::uint32_t reserved;  // carried along by copies
+    std::int32_t position;   // in the received list, from 1
+    std::uint8_t received;   // 1 on the way in
+};
+
+/// A zeroed buffer for a value, aligned for any of its forms, or null with an engine line when memory ran out. A size
+/// below 0 counts as 0; there is always one byte more.
+void* NewValue(std::int32_t size);
+
+/// Frees a variable with its name and, if it owns it, its value. Null is allowed.
+void FreeVarBind(VarBind* varBind);
+
+struct FreeVarBindDeleter {
+    void operator()(VarBind* varBind) const { FreeVarBind(varBind); }
+};
+using VarBindPtr = std::unique_ptr<VarBind, FreeVarBindDeleter>;
+
+/// A variable with copies of the name and, if there is one, of the value; null when memory ran out.
+VarBind* CreateAVarBind(const std::uint32_t* oid, std::int32_t oidLength, std::uint8_t type, const void* value,
+                        std::int32_t valueLength);
+
+/// Appends a deep copy of the variable at a number, counted from 1; nothing when there is none.
+void CopyVarBind(TkVector* target, TkVector* source, std::int32_t number);
+
+/// Appends deep copies of that variable and of all that follow it.
+void CopyVarBinds(TkVector* target, TkVector* source, std::int32_t number);
+
+/// Frees the variables of a list, and its nodes. The list itself stays.
+void FreeVarBindList(TkVector* vector);
+
+/// A list on the heap that owns its variables.
+struct FreeVarBindListDeleter {
+    void operator()(TkVector* vector) const {
+        FreeVarBindList(vector);
+        delete vector;
+    }
+};
+using VarBindListPtr = std::unique_ptr<TkVector, FreeVarBindListDeleter>;
+
+/// A new, empty list, or null when memory ran out.
+VarBindListPtr MakeVarBindList();
+
+/// Trace lines.
+void PrintVarBind(const VarBind* varBind);
+
+/// Makes a value of its content bytes. The length goes in as that of the content and comes out as valueLength has it.
+/// Null when memory ran out, and for a broken object identifier. The caller owns the value and releases it with
+/// FreeValue.
+void* DecodeAsnSyntaxValue(std::uint8_t tag, const std::uint8_t* bytes, std::int32_t* length);
+
+void FreeValue(void* value);
+
+}  // namespace kv::snmp

@@ -1,0 +1,1 @@
+#include "snmp/var_bind.h"

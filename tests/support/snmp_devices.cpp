@@ -1,0 +1,1 @@
+#include "tests/support/snmp_devices.h"
