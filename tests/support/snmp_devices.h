@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
@@ -13,7 +14,16 @@
 
 namespace kv::test {
 
-/// A child process that answers SNMP at 127.0.0.1; ended at the end of its object.
+/// How a device is started and known to be ready.
+struct DeviceProgram {
+    std::vector<std::string> commandLine;       // begins with a whole path
+    std::vector<std::string> environment = {};  // "NAME=value", beside this process's own
+    std::string community;                      // answers a getnext under it once it is ready
+    std::chrono::seconds patience{10};
+    bool asNobody = false;  // where this process is root; the folder then belongs to nobody, too
+};
+
+/// A child process that answers SNMP at 127.0.0.1; ended at the end of its object, and with the thread that made it.
 class SnmpProcess {
   public:
     SnmpProcess(const SnmpProcess&) = delete;
@@ -21,7 +31,7 @@ class SnmpProcess {
 
     std::uint16_t port() const { return port_; }
 
-    /// Lets the device fall silent, and go on.
+    /// Lets the device fall silent, and go on; what has come meanwhile is then answered.
     void Pause() const;
     void Continue() const;
 
@@ -30,10 +40,9 @@ class SnmpProcess {
     SnmpProcess();
     ~SnmpProcess();
 
-    /// Starts the program and returns when it answers a getnext under the community; throws std::runtime_error with
-    /// what it has printed when it does not.
-    void Start(const std::vector<std::string>& commandLine, const std::map<std::string, std::string>& environment,
-               const std::string& community);
+    /// Returns when the program answers; throws std::runtime_error with what it has printed when it does not. What it
+    /// prints goes to "output" in its folder.
+    void Start(const DeviceProgram& program);
 
     std::filesystem::path folder_;
 
@@ -49,7 +58,8 @@ class SnmpDaemon : public SnmpProcess {
     explicit SnmpDaemon(const std::string& configuration = "");
 };
 
-/// Debian's snmpsimd: communities and what is found under them, as .snmprec text (OID|TAG|VALUE lines, ascending).
+/// Debian's snmpsimd: communities and what is found under them, as .snmprec text
+/// (OID|TAG|VALUE lines, ascending).
 class SnmpSimulator : public SnmpProcess {
   public:
     explicit SnmpSimulator(const std::map<std::string, std::string>& communities);
@@ -82,19 +92,20 @@ class ScriptedDevice {
     std::thread thread_;
 };
 
-/// The bytes of "30 82 00 1a ..."; blanks and line ends between them do not count.
+/// The bytes of "30 82 00 1a ..."; blanks and line ends do not count. Throws std::invalid_argument for other texts.
 std::string FromHex(std::string_view hex);
 
 /// One BER item of any length.
 std::string Item(std::uint8_t tag, std::string_view content);
 
-/// A message as a device sends it, in the shortest lengths. variables: whole items, as Item(0x30, name + value) makes
-/// them.
+/// A message as a device sends it, with the request number 1, in the shortest lengths. variables: whole items, as
+/// Item(0x30, name + value) makes them.
 struct DeviceAnswer {
     std::uint8_t version = 1;
     std::string community = "public";
     std::uint8_t command = 0xA2;
     std::uint8_t errorStatus = 0;
+    std::uint8_t errorIndex = 0;
     std::vector<std::string> variables = {};
 };
 std::string MessageOf(const DeviceAnswer& answer);
