@@ -1,1 +1,234 @@
 #include "snmp/manager_operations.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <string_view>
+#include <vector>
+
+#include "snmp/asn.h"
+#include "snmp/oid.h"
+#include "snmp/toolkit_log.h"
+
+namespace kv::snmp {
+
+namespace {
+
+// Of every request.
+constexpr std::int32_t requestId = 1;
+constexpr std::int32_t requestErrorStatus = 0;
+constexpr std::int32_t requestErrorIndex = 1;
+
+std::int32_t VersionCode(std::string_view version) {
+    if (version == "v2c") return versionV2c;
+    if (version == "v3") return versionV3;
+    return versionV1;
+}
+
+bool IsException(std::uint8_t type) { return type >= tag::noSuchObject && type <= tag::endOfMibView; }
+
+/// Appends a variable without a value; false when memory ran out.
+bool AddRequestVarBind(TkVector* vector, const std::uint32_t* oid, std::int32_t oidLength) {
+    VarBindPtr varBind(CreateAVarBind(oid, oidLength, tag::octetString, nullptr, 0));
+    if (!varBind) return false;
+    AddElement(vector, new TkVectorNode{varBind.get(), nullptr});
+    static_cast<void>(varBind.release());
+    return true;
+}
+
+/// A request that takes over the variables of the list.
+SnmpPduPtr MakeRequestPdu(const ManagerRequest& request, std::uint8_t command, VarBindListPtr vector) {
+    if (std::strlen(request.community) > maxRequestCommunity) {
+        TKLOG(1, "The community is longer than %d bytes\n", maxRequestCommunity);
+        return nullptr;
+    }
+    SnmpPduPtr pdu(CreateSnmpPdu(VersionCode(request.version), request.community, command, requestId,
+                                 requestErrorStatus, requestErrorIndex, vector.get()));
+    FreeVector(vector.get());
+    if (pdu) pdu->timeoutSeconds = request.timeoutSeconds;
+    return pdu;
+}
+
+/// The variables of a get; null when an OID is malformed.
+VarBindListPtr MakeGetVector(const ManagerRequest& request) {
+    VarBindListPtr vector = MakeVarBindList();
+    if (!vector) TKLOG(2, "Unable to allocate memory\n");
+    for (std::int32_t i = 0; vector && i < request.oidCount; ++i) {
+        SubIds oid;
+        const std::int32_t length = ConvertToOidOrIpFromString(oid, request.oids[i], false);
+        if (length == -1) {
+            std::printf("Invalid OID Format\n");
+            return nullptr;
+        }
+        if (!AddRequestVarBind(vector.get(), oid.get(), length)) {
+            TKLOG(1, "Error while creating Varbind \n");
+            std::printf("Error while creating Varbind \n");
+            return nullptr;
+        }
+    }
+    return vector;
+}
+
+SnmpPduPtr MakeGetPdu(const ManagerRequest& request, VarBindListPtr vector) {
+    SnmpPduPtr pdu;
+    if (request.requestType == snmpGet) pdu = MakeRequestPdu(request, command::get, std::move(vector));
+    if (request.requestType == snmpGetNext) pdu = MakeRequestPdu(request, command::getNext, std::move(vector));
+    if (!pdu) TKLOG(1, "Unable to create the SnmpPdu!!!\n");
+    return pdu;
+}
+
+/// One list for each variable of the answer, up to the first exception.
+void TakeGetAnswer(const ManagerRequest& request, TkVector* answer, VarBindListPtr* results) {
+    if (answer->count > request.oidCount)
+        Log1("\t SnmpGetOperation :: %s sent %d values for %d OIDs. The rest is left \n", request.host, answer->count,
+             request.oidCount);
+    const std::int32_t count = std::min(answer->count, request.oidCount);
+    const TkVectorNode* node = answer->head;
+    for (std::int32_t i = 0; i < count && node; ++i, node = node->next) {
+        results[i] = MakeVarBindList();
+        if (!results[i]) return;
+        CopyVarBind(results[i].get(), answer, i + 1);
+        if (IsException(static_cast<const VarBind*>(node->data)->type)) return;
+    }
+}
+
+/// Where a walk of one OID stands.
+struct Walk {
+    const ManagerRequest& request;
+    SubIds root;
+    std::int32_t rootLength;
+    std::vector<std::uint32_t> current;  // the OID to ask from
+
+    // A device whose OIDs run in a circle comes back to an OID that was asked from before. One of those is kept, and
+    // replaced after 1, 2, 4, 8 ... answers, so that in the end one inside the circle is kept for all its length.
+    std::vector<std::uint32_t> landmark = {};
+    std::int64_t answersToNext = 1;
+    std::int64_t answersOfThis = 1;
+};
+
+enum class WalkStep { next, finished, failed };
+
+SnmpPduPtr AskNext(const Walk& walk) {
+    VarBindListPtr vector = MakeVarBindList();
+    if (!vector) {
+        TKLOG(2, "Unable to allocate memory\n");
+        return nullptr;
+    }
+    if (!AddRequestVarBind(vector.get(), walk.current.data(), static_cast<std::int32_t>(walk.current.size()))) {
+        TKLOG(1, "Error while creating Varbind \n");
+        std::printf("Error while creating Varbind MIB\n");
+        return nullptr;
+    }
+    const SnmpPduPtr request = MakeRequestPdu(walk.request, command::getNext, std::move(vector));
+    if (!request) {
+        TKLOG(1, "Unable to create the SnmpPdu!!!\n");
+        std::printf("Unable to create the SnmpPdu!!!\n");
+        return nullptr;
+    }
+    std::uint8_t status = 0;
+    return SendAndReceiveSnmpPdu(request.get(), walk.request.host, walk.request.port, &status);
+}
+
+/// Moves to the last OID of an answer, unless the answer leaves the subtree.
+WalkStep MoveOn(Walk& walk, const TkVector& answer) {
+    const TkVectorNode* node = answer.head;
+    for (std::int32_t i = 0; i < answer.count; ++i, node = node->next) {
+        if (!node || !node->data) {
+            TKLOG(1, "nodePtr value is NULL\n");
+            return WalkStep::failed;
+        }
+        const VarBind& varBind = *static_cast<const VarBind*>(node->data);
+        if (varBind.type == tag::endOfMibView) return WalkStep::finished;
+        if (!IsOidInSubtree(walk.root.get(), walk.rootLength, varBind.oid, varBind.oidLength))
+            return WalkStep::finished;
+        walk.current.assign(varBind.oid, varBind.oid + varBind.oidLength);
+    }
+    return WalkStep::next;
+}
+
+bool IsBackAtLandmark(Walk& walk) {
+    if (walk.current == walk.landmark) return true;
+    if (--walk.answersToNext == 0) {
+        walk.landmark = walk.current;
+        walk.answersOfThis *= 2;
+        walk.answersToNext = walk.answersOfThis;
+    }
+    return false;
+}
+
+/// Takes one answer into the values.
+WalkStep TakeWalkAnswer(Walk& walk, TkVector* answer, TkVector* values) {
+    if (answer->count == 0) return WalkStep::finished;
+    const std::vector<std::uint32_t> asked = walk.current;
+    const WalkStep step = MoveOn(walk, *answer);
+    if (step != WalkStep::next) return step;
+    if (walk.current == asked) {
+        Log1("\t SnmpWalkOperation :: %s gives back the OID that it was asked from. The walk ends with %d values \n",
+             walk.request.host, values->count);
+        return WalkStep::finished;
+    }
+    CopyVarBinds(values, answer, 1);
+    if (IsBackAtLandmark(walk)) {
+        Log1("\t SnmpWalkOperation :: The OIDs of %s run in a circle. The walk ends with %d values \n",
+             walk.request.host, values->count);
+        return WalkStep::finished;
+    }
+    if (values->count >= maxWalkValues) {
+        Log1("\t SnmpWalkOperation :: %s goes on and on. The walk ends with %d values \n", walk.request.host,
+             values->count);
+        return WalkStep::finished;
+    }
+    return WalkStep::next;
+}
+
+/// Collects the values of one OID; false when it is malformed or the device fell silent.
+bool WalkOid(const ManagerRequest& request, const char* text, TkVector* values) {
+    Walk walk{.request = request, .root = nullptr, .rootLength = 0, .current = {}};
+    walk.rootLength = ConvertToOidOrIpFromString(walk.root, text, false);
+    if (walk.rootLength == -1) {
+        std::printf("Invalid OID Format\n");
+        return false;
+    }
+    walk.current.assign(walk.root.get(), walk.root.get() + walk.rootLength);
+    WalkStep step = WalkStep::next;
+    while (step == WalkStep::next) {
+        const SnmpPduPtr response = AskNext(walk);
+        step = response ? TakeWalkAnswer(walk, &response->varBinds, values) : WalkStep::failed;
+    }
+    return step == WalkStep::finished;
+}
+
+ResultVectors MakeResultVectors(const ManagerRequest& request) {
+    return ResultVectors(new VarBindListPtr[static_cast<std::size_t>(request.oidCount)]);
+}
+
+}  // namespace
+
+ResultVectors SnmpGetOperation(const ManagerRequest& request) {
+    VarBindListPtr vector = MakeGetVector(request);
+    if (!vector) return nullptr;
+    const SnmpPduPtr pdu = MakeGetPdu(request, std::move(vector));
+    if (!pdu) return nullptr;
+    ResultVectors results = MakeResultVectors(request);
+    std::uint8_t status = 0;
+    const SnmpPduPtr response = SendAndReceiveSnmpPdu(pdu.get(), request.host, request.port, &status);
+    if (response) TakeGetAnswer(request, &response->varBinds, results.get());
+    return results;
+}
+
+ResultVectors SnmpWalkOperation(const ManagerRequest& request) {
+    ResultVectors results = MakeResultVectors(request);
+    VarBindListPtr* values = results.get();
+    for (std::int32_t i = 0; i < request.oidCount; ++i, ++values) {
+        *values = MakeVarBindList();
+        if (!*values || !WalkOid(request, request.oids[i], values->get())) return nullptr;
+    }
+    return results;
+}
+
+bool IsOidInSubtree(const std::uint32_t* root, std::int32_t rootLength, const std::uint32_t* oid,
+                    std::int32_t oidLength) {
+    return oid && rootLength < oidLength && std::equal(root, root + rootLength, oid);
+}
+
+}  // namespace kv::snmp

@@ -38,10 +38,9 @@ ResultVectors SnmpWalkOperation(const ManagerRequest& request);
 bool IsOidInSubtree(const std::uint32_t* root, std::int32_t rootLength, const std::uint32_t* oid,
                     std::int32_t oidLength);
 
-/// Null when memory ran out.
+/// The answer that a manager request gives; the caller's, released with FreeResponseData.
 SnmpResponseData* ConstructResponseData(const char* const* oids, std::int32_t oidCount,
-                                        const VarBindListPtr* resultVectors, const SnmpResponseData* fallback,
-                                        std::int32_t requestType);
+                                        const VarBindListPtr* resultVectors, std::int32_t requestType);
 
 /// How an exchange ended; any other value is the error status of the reply.
 namespace exchange_status {

@@ -1,1 +1,140 @@
+#include <array>
+#include <cstdio>
+#include <cstring>
+
+#include "snmp/asn.h"
 #include "snmp/manager_operations.h"
+#include "snmp/oid.h"
+#include "snmp/toolkit_log.h"
+#include "snmp/value_text.h"
+
+namespace kv::snmp {
+
+namespace {
+
+constexpr std::size_t typeTextRoom = 20;
+
+NarrowText CopyBytes(const void* bytes, std::int32_t length) {
+    const auto size = static_cast<std::size_t>(length);
+    NarrowText text(new char[size + 1]);
+    std::memcpy(text.get(), bytes, size);
+    text[size] = '\0';
+    return text;
+}
+
+NarrowText OidText(const std::uint32_t* subIds, std::int32_t count, std::int32_t* result) {
+    NarrowText text(new char[OidTextRoom(count)]);
+    *result = ConvertToStringFromOid(subIds, count, text.get());
+    return text;
+}
+
+/// The text of a value that is there, and its length as the record has it.
+NarrowText ValueText(const VarBind& varBind, std::int32_t* length) {
+    switch (varBind.type) {
+        case tag::integer:
+            return ConvertToStringFromInteger(static_cast<const std::int32_t*>(varBind.value), length);
+        case tag::counter32:
+        case tag::gauge32:
+        case tag::timeTicks:
+        case tag::uInteger32:
+            return ConvertToStringFromUnsignedInteger(static_cast<const std::uint32_t*>(varBind.value), length);
+        case tag::counter64:
+            return ConvertToStringFromCounter64(static_cast<const std::uint32_t*>(varBind.value));
+        case tag::objectId:
+            return OidText(static_cast<const std::uint32_t*>(varBind.value), varBind.valueLength, length);
+        case tag::ipAddress: {
+            const auto* address = static_cast<const char*>(varBind.value);
+            *length = varBind.valueLength;
+            return CopyBytes(address, static_cast<std::int32_t>(std::strlen(address)));
+        }
+        default:
+            *length = varBind.valueLength;
+            return CopyBytes(varBind.value, varBind.valueLength);
+    }
+}
+
+NarrowText TypeText(std::uint8_t type) {
+    NarrowText text(new char[typeTextRoom]);
+    std::snprintf(text.get(), typeTextRoom, "%d", type);
+    return text;
+}
+
+void FillValue(SnmpValue& value, const VarBind& varBind) {
+    value.oid = OidText(varBind.oid, varBind.oidLength, &value.oidLength).release();
+    if (varBind.valueLength > 0 && varBind.value) value.value = ValueText(varBind, &value.valueLength).release();
+    value.type = TypeText(varBind.type).release();
+}
+
+/// The values of one list; the list grows value by value, so that what is there can be freed at any moment.
+void FillVarList(SnmpVarList& list, const TkVector& vector) {
+    list.values = new SnmpValue*[static_cast<std::size_t>(vector.count)];
+    for (const TkVectorNode* node = vector.head; node; node = node->next) {
+        list.values[list.valueCount++] = new SnmpValue{};
+        FillValue(*list.values[list.valueCount - 1], *static_cast<const VarBind*>(node->data));
+    }
+}
+
+SnmpResponsePtr MakeResponse(const char* const* oids, std::int32_t oidCount, std::int32_t requestType) {
+    const auto count = static_cast<std::size_t>(oidCount);
+    SnmpResponsePtr response(new SnmpResponseData{});
+    response->requestType = requestType;
+    response->oids = new char* [count] {};
+    response->results = new SnmpVarList* [count] {};
+    for (; response->oidCount < oidCount; ++response->oidCount) {
+        const char* oid = oids[response->oidCount];
+        response->oids[response->oidCount] = CopyBytes(oid, static_cast<std::int32_t>(std::strlen(oid))).release();
+    }
+    return response;
+}
+
+std::uint8_t LastType(const TkVector& vector) { return static_cast<const VarBind*>(vector.tail->data)->type; }
+
+void FreeVarList(SnmpVarList* list) {
+    if (!list) return;
+    for (std::int32_t i = 0; i < list->valueCount; ++i) {
+        delete[] list->values[i]->oid;
+        delete[] list->values[i]->type;
+        delete[] list->values[i]->value;
+        delete list->values[i];
+    }
+    delete[] list->values;
+    delete list;
+}
+
+}  // namespace
+
+SnmpResponseData* ConstructResponseData(const char* const* oids, std::int32_t oidCount,
+                                        const VarBindListPtr* resultVectors, std::int32_t requestType) {
+    SnmpResponsePtr response = MakeResponse(oids, oidCount, requestType);
+    std::uint8_t last = 0;
+    for (std::int32_t i = 0; i < oidCount; ++i) {
+        const TkVector* vector = resultVectors[i].get();
+        if (!vector || vector->count == 0) {
+            if (vector) TKLOG(1, "nodePtr value is NULL\n");
+            response->status = 0;
+            return response.release();
+        }
+        response->results[i] = new SnmpVarList{};
+        FillVarList(*response->results[i], *vector);
+        last = LastType(*vector);
+    }
+    response->status = last >= tag::noSuchObject && last <= tag::endOfMibView ? last : 1;
+    return response.release();
+}
+
+}  // namespace kv::snmp
+
+namespace kv {
+
+void FreeResponseData(SnmpResponseData* response) {
+    if (!response) return;
+    for (std::int32_t i = 0; i < response->oidCount; ++i) {
+        delete[] response->oids[i];
+        snmp::FreeVarList(response->results[i]);
+    }
+    delete[] response->oids;
+    delete[] response->results;
+    delete response;
+}
+
+}  // namespace kv

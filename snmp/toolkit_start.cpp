@@ -1,1 +1,74 @@
+#include <cstdio>
+#include <mutex>
+
+#include "foundation/agent_state.h"
 #include "snmp/manager_operations.h"
+#include "snmp/toolkit_log.h"
+#include "snmp/udp_transport.h"
+
+namespace kv::snmp {
+
+namespace {
+
+constexpr const char* banner = "Sablewire Agent Toolkit 6.4.0";
+constexpr const char* ownLogName = "logs\\SNMP_agent.log";
+
+struct CloseSession {
+    void operator()(TransportDomainInfo* info) const {
+        CloseSnmpSession(info);
+        FreeTransportDomainInfo(info);
+    }
+};
+using OwnSession = std::unique_ptr<TransportDomainInfo, CloseSession>;
+
+/// The engine's own session: open for the life of the process, and nothing reads or writes it.
+OwnSession ownSession;
+
+// The flag is one word that the agent and the engine share; the engine's half is its low byte.
+bool IsStarted() { return (agentState.gv_agentRunFlag & 0xFF) == 1; }
+void SetStarted() {
+    agentState.gv_agentRunFlag = static_cast<std::uint16_t>((agentState.gv_agentRunFlag & 0xFF00) | 1);
+}
+
+bool OpenOwnLog() {
+    if (OpenToolkitLog(ownLogName)) return true;
+    std::printf("Unable to start manager, due to invalid inputs !!!\n");
+    return false;
+}
+
+/// Opens the engine's own session; false without a word when memory ran out.
+bool StartSNMPService() {
+    // Before a new one, so that starts that fail again and again use up no sockets.
+    ownSession.reset();
+    OwnSession session(CreateTransportDomainInfo(ownPort, 0, ""));
+    if (!session) return false;
+    const auto opened = static_cast<std::uint8_t>(OpenSnmpSession(session.get()));
+    if (opened == 99) return false;
+    if (opened == 0 || opened == 255) {
+        std::printf("Unable to open the snmpsession at %d\n", ownPort);
+        TKLOG(1, "Unable to start SNMP Service !!!\n");
+        return false;
+    }
+    UpdateAgentTransportDomainInfo(session.get());
+    ownSession = std::move(session);
+    return true;
+}
+
+}  // namespace
+
+bool StartToolkit(std::int32_t agentLogLevel) {
+    if (IsStarted()) return true;
+    static std::mutex starting;
+    const std::lock_guard guard(starting);
+    if (IsStarted()) return true;
+    if (!OpenOwnLog()) return false;
+    SetToolkitLogLevel(agentLogLevel);
+    InitSocketMutex();
+    TKLOG(2, "%s \n", banner);
+    InitTransportDomain();
+    if (!StartSNMPService()) return false;
+    SetStarted();
+    return true;
+}
+
+}  // namespace kv::snmp
