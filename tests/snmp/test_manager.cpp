@@ -1,1 +1,316 @@
+// The manager through its one door, against Debian's snmpd and snmpsim and against devices that misbehave.
+#include <fmt/format.h>
+#include <gmock/gmock.h>
+#include <latch>
+#include <set>
+#include <thread>
+
+#include "foundation/agent_state.h"
+#include "foundation/log.h"
 #include "snmp/snmp_manager.h"
+#include "snmp/toolkit_log.h"
+#include "tests/support/snmp_devices.h"
+#include "tests/support/test_agent.h"
+
+namespace kv::test {
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+constexpr const char* system = ".1.3.6.1.2.1.1";
+constexpr const char* sysDescr = ".1.3.6.1.2.1.1.1.0";
+constexpr const char* sysName = ".1.3.6.1.2.1.1.5.0";
+constexpr const char* unknown = ".1.3.6.1.2.1.1.77.0";
+
+/// One request; what is not said is a get of nothing from nobody.
+struct Ask {
+    std::uint16_t port = 0;
+    std::int32_t type = snmpGet;
+    std::vector<const char*> oids = {};
+    const char* version = "v2c";
+    std::string community = "public";
+    std::string host = "127.0.0.1";
+    std::int32_t timeout = 1;
+    SnmpResponseData* fallback = nullptr;
+};
+
+SnmpResponseData* Send(const Ask& ask) {
+    return SnmpManagerRequest(ask.host.c_str(), ask.port, ask.timeout, ask.community.c_str(), ask.type, ask.version,
+                              ask.oids.data(), static_cast<std::int32_t>(ask.oids.size()),
+                              static_cast<std::int32_t>(logState.gv_logLevel.load()), ask.fallback);
+}
+
+std::string Shown(const SnmpValue& value) {
+    return fmt::format("{} {}:{}", value.oid, value.type, value.value ? value.value : "(none)");
+}
+
+/// "1: .1.3.6.1.2.1.1.5.0 4:name | (none)": the status, then each OID's values.
+std::string Shown(const SnmpResponseData* response) {
+    if (!response) return "nothing";
+    std::string text = fmt::format("{}:", response->status);
+    for (std::int32_t i = 0; i < response->oidCount; ++i) {
+        text += i > 0 ? " | " : " ";
+        const SnmpVarList* list = response->results[i];
+        if (!list) text += "(none)";
+        for (std::int32_t k = 0; list && k < list->valueCount; ++k)
+            text += (k > 0 ? ", " : "") + Shown(*list->values[k]);
+    }
+    return text;
+}
+
+std::string Answer(const Ask& ask) {
+    const SnmpResponsePtr response(Send(ask));
+    return Shown(response.get());
+}
+
+/// A variable whose name is .1.3.6.1.9.LAST.
+std::string Variable(char last, std::uint8_t tag, std::string_view content) {
+    return Item(0x30, Item(0x06, FromHex("2b 06 01 09") + last) + Item(tag, content));
+}
+
+class SnmpManager : public TestAgent {
+  protected:
+    SnmpManager() { logState.gv_logLevel = 1; }
+
+    /// All waits end at once, without an answer.
+    static platform::SocketOperations Unanswered() {
+        platform::SocketOperations sockets = platform::Sockets();
+        sockets.select = [](auto&&...) { return platform::error::success; };
+        return sockets;
+    }
+};
+
+TEST_F(SnmpManager, ReadsSnmpdInBothVersions) {
+    const SnmpDaemon device("sysName tower\nsysDescr a box");
+    const std::string both = "1: .1.3.6.1.2.1.1.1.0 4:a box | .1.3.6.1.2.1.1.5.0 4:tower";
+    struct Row {
+        const char* title;
+        Ask ask;
+        std::string expected;
+    };
+    for (const Row& row : std::vector<Row>{
+             {"v2c", {.oids = {sysDescr, sysName}}, both},
+             {"v1", {.oids = {sysDescr, sysName}, .version = "v1"}, both},
+             {"another text counts as v1", {.oids = {sysDescr, sysName}, .version = "2"}, both},
+             {"a name for a host", {.oids = {sysDescr, sysName}, .host = "localhost"}, both},
+             {"getnext", {.type = snmpGetNext, .oids = {".1.3.6.1.2.1.1.4.0"}}, "1: .1.3.6.1.2.1.1.5.0 4:tower"},
+             {"exception in first place", {.oids = {unknown, sysName}}, "0: .1.3.6.1.2.1.1.77.0 128:(none) | (none)"},
+             {"exception in last place",
+              {.oids = {sysName, unknown}},
+              "128: .1.3.6.1.2.1.1.5.0 4:tower | .1.3.6.1.2.1.1.77.0 128:(none)"},
+             {"v1 knows no exception", {.oids = {unknown}, .version = "v1"}, "1: .1.3.6.1.2.1.1.77.0 4:(none)"},
+             {"wrong community", {.oids = {sysName}, .community = "wrong"}, "0: (none)"},
+             {"walk of a leaf", {.type = snmpWalk, .oids = {sysName}}, "0: (none)"},
+             {"malformed OID", {.oids = {"1.3.6.1"}}, "nothing"},
+             {"unknown request type", {.type = 3, .oids = {sysName}}, "nothing"},
+             {"no such request either", {.type = -1, .oids = {sysName}}, "nothing"},
+             {"unresolvable host", {.oids = {sysName}, .host = "no.such.host.invalid"}, "0: (none)"},
+             {"over-long host", {.oids = {sysName}, .host = std::string(300, 'h')}, "0: (none)"},
+             {"over-long community", {.oids = {sysName}, .community = std::string(255, 'c')}, "nothing"},
+             {"longest community", {.oids = {sysName}, .community = std::string(254, 'c'), .timeout = 0}, "0: (none)"},
+         }) {
+        SCOPED_TRACE(row.title);
+        Ask ask = row.ask;
+        ask.port = device.port();
+        EXPECT_EQ(Answer(ask), row.expected);
+    }
+}
+
+TEST_F(SnmpManager, TakesEveryTypeFromTheSimulator) {
+    const SnmpSimulator device({{"types",
+                                 "1.3.6.1.9.1|2|-2147483648\n"
+                                 "1.3.6.1.9.2|4|two words\n"
+                                 "1.3.6.1.9.3|4x|00ff80\n"
+                                 "1.3.6.1.9.4|4|\n"
+                                 "1.3.6.1.9.5|6|1.3.6.1.4.1.8072.2147483647\n"
+                                 "1.3.6.1.9.6|64|10.0.0.255\n"
+                                 "1.3.6.1.9.7|65|4294967295\n"
+                                 "1.3.6.1.9.8|66|2147483648\n"
+                                 "1.3.6.1.9.9|67|0\n"
+                                 "1.3.6.1.9.10|68x|9f78\n"
+                                 "1.3.6.1.9.11|70|9223372036854775807\n"
+                                 "1.3.6.1.9.12|70|9223372036854775808\n"
+                                 "1.3.6.1.9.13|70|18446744073709551615\n"}});
+    const Ask walk{.port = device.port(), .type = snmpWalk, .oids = {".1.3.6.1.9"}, .community = "types"};
+    const SnmpResponsePtr response(Send(walk));
+    ASSERT_EQ(Shown(response.get()),
+              std::string_view("1: .1.3.6.1.9.1 2:-2147483648, .1.3.6.1.9.2 4:two words, .1.3.6.1.9.3 4:, "
+                               ".1.3.6.1.9.4 4:(none), .1.3.6.1.9.5 6:.1.3.6.1.4.1.8072.2147483647, "
+                               ".1.3.6.1.9.6 64:10.0.0.255, .1.3.6.1.9.7 65:4294967295, .1.3.6.1.9.8 66:2147483648, "
+                               ".1.3.6.1.9.9 67:0, .1.3.6.1.9.10 68:\x9Fx, .1.3.6.1.9.11 70:9223372036854775807, "
+                               ".1.3.6.1.9.12 70:-9223372036854775808, .1.3.6.1.9.13 70:-1"));
+    std::string lengths;
+    for (std::int32_t i = 0; i < response->results[0]->valueCount; ++i)
+        lengths += std::to_string(response->results[0]->values[i]->valueLength) + " ";
+    EXPECT_EQ(lengths, "11 9 3 0 1 10 10 10 1 2 0 0 0 ");
+    EXPECT_EQ(std::string_view(response->results[0]->values[2]->value, 3), std::string_view("\0\xff\x80", 3));
+}
+
+TEST_F(SnmpManager, WalksATableOfFiveThousandRows) {
+    const SnmpDaemon device("extend rows /bin/seq 1 5000");
+    const Ask walk{.port = device.port(), .type = snmpWalk, .oids = {".1.3.6.1.4.1.8072.1.3.2.4.1.2", system}};
+    const SnmpResponsePtr response(Send(walk));
+    ASSERT_EQ(Shown(response.get()).substr(0, 59), "1: .1.3.6.1.4.1.8072.1.3.2.4.1.2.4.114.111.119.115.1 4:1, .");
+    ASSERT_EQ(response->results[0]->valueCount, 5000);
+    EXPECT_STREQ(response->results[0]->values[4999]->value, "5000");
+    EXPECT_GT(response->results[1]->valueCount, 10);
+}
+
+/// Answers each getnext with the variables of the answers in turn, the last again and again.
+ScriptedDevice::Answer Turns(std::vector<DeviceAnswer> answers) {
+    return [answers, turn = std::size_t{0}](std::string_view) mutable {
+        const std::size_t now = std::min(turn++, answers.size() - 1);
+        return std::vector<std::string>{MessageOf(answers[now])};
+    };
+}
+
+TEST_F(SnmpManager, EndsTheWalkOfADeviceThatHasNoEnd) {
+    const auto value = [](char last) { return DeviceAnswer{.variables = {Variable(last, 0x04, "v")}}; };
+    const DeviceAnswer refused{.version = 0, .errorStatus = 2, .errorIndex = 1, .variables = {Variable(2, 0x04, "")}};
+    struct Row {
+        const char* title;
+        std::vector<DeviceAnswer> answers;
+        std::string expected;
+        const char* logged;
+    };
+    for (const Row& row : std::vector<Row>{
+             {"the end of a v1 tree",
+              {value(1), value(2), refused},
+              "1: .1.3.6.1.9.1 4:v, .1.3.6.1.9.2 4:v",
+              "gives back the OID that it was asked from. The walk ends with 2 values"},
+             {"the end of a v2c tree", {value(1), {.variables = {Variable(1, 0x82, "")}}}, "1: .1.3.6.1.9.1 4:v", ""},
+             {"no variables", {value(1), {}}, "1: .1.3.6.1.9.1 4:v", ""},
+             {"out of the subtree",
+              {value(1), {.variables = {Item(0x30, FromHex("06 01 2c 05 00"))}}},
+              "1: .1.3.6.1.9.1 4:v",
+              ""},
+             {"a missing value amid others",
+              {value(1), {.variables = {Variable(2, 0x81, "")}}, value(3), {}},
+              "1: .1.3.6.1.9.1 4:v, .1.3.6.1.9.2 129:(none), .1.3.6.1.9.3 4:v",
+              ""},
+         }) {
+        SCOPED_TRACE(row.title);
+        const ScriptedDevice device(Turns(row.answers));
+        EXPECT_EQ(Answer({.port = device.port(), .type = snmpWalk, .oids = {".1.3.6.1.9"}}), row.expected);
+        EXPECT_TRUE(Logged(row.logged));
+    }
+    for (const int circle : {2, 3, 100}) {
+        char last = 0;
+        const ScriptedDevice device([&last, circle](std::string_view) {
+            last = static_cast<char>(last % circle + 1);
+            return std::vector<std::string>{MessageOf({.variables = {Variable(last, 0x04, "v")}})};
+        });
+        const SnmpResponsePtr response(Send({.port = device.port(), .type = snmpWalk, .oids = {".1.3.6.1.9"}}));
+        ASSERT_NE(response, nullptr);
+        std::set<std::string> seen;
+        for (std::int32_t i = 0; i < response->results[0]->valueCount; ++i)
+            seen.insert(response->results[0]->values[i]->oid);
+        EXPECT_EQ(seen.size(), static_cast<std::size_t>(circle));
+        EXPECT_LE(device.requests(), 4 * circle);
+    }
+    EXPECT_TRUE(Logged("run in a circle"));
+}
+
+TEST_F(SnmpManager, GivesTheFallbackWhenAWalkFallsSilent) {
+    SnmpResponseData fallback{};
+    int turn = 0;
+    const ScriptedDevice device([&turn](std::string_view) -> std::vector<std::string> {
+        if (++turn == 3) return {};
+        return {MessageOf({.variables = {Variable(static_cast<char>(turn), 0x04, "v")}})};
+    });
+    const Ask walk{.port = device.port(), .type = snmpWalk, .oids = {".1.3.6.1.9"}, .fallback = &fallback};
+    EXPECT_EQ(Send(walk), &fallback);
+    EXPECT_EQ(device.requests(), 3) << "nothing is sent twice";
+    const platform::ScopedOperations unanswered(Unanswered());
+    EXPECT_EQ(Send(walk), &fallback);
+    EXPECT_EQ(Answer({.port = device.port(), .oids = {sysName, sysDescr}, .fallback = &fallback}),
+              "0: (none) | (none)");
+    EXPECT_EQ(Answer({.port = device.port(), .oids = {sysName}, .version = "v3"}), "0: (none)");
+}
+
+TEST_F(SnmpManager, TakesWhatReachesItsSocketFirst) {
+    const std::string answer = MessageOf({.variables = {Variable(1, 0x04, "v")}});
+    const std::string other = MessageOf({.variables = {Variable(2, 0x04, "w")}});
+    const auto sized = [](std::size_t length) {
+        const std::size_t rest = MessageOf({.variables = {Variable(1, 0x04, std::string(7000, 'x'))}}).size() - 7000;
+        return MessageOf({.variables = {Variable(1, 0x04, std::string(length - rest, 'x'))}});
+    };
+    const std::string v = "1: .1.3.6.1.9.1 4:v | (none)";
+    struct Row {
+        const char* title;
+        std::vector<std::string> datagrams;
+        std::string expected;
+        SentFrom from = SentFrom::ownPort;
+    };
+    for (const Row& row : std::vector<Row>{
+             {"twice the same", {answer, answer}, "0: .1.3.6.1.9.1 4:v | (none)"},
+             {"two different ones", {other, answer}, "0: .1.3.6.1.9.2 4:w | (none)"},
+             {"from another port", {answer}, "0: .1.3.6.1.9.1 4:v | (none)", SentFrom::anotherPort},
+             {"more values than asked for",
+              {MessageOf({.variables = {Variable(1, 2, "\x01"), Variable(2, 2, "\x02"), Variable(3, 2, "\x03")}})},
+              "1: .1.3.6.1.9.1 2:1 | .1.3.6.1.9.2 2:2"},
+             {"not one byte", {""}, "0: (none) | (none)"},
+             {"half a message", {answer.substr(0, answer.size() / 2)}, "0: (none) | (none)"},
+             {"version 2", {MessageOf({.version = 2, .variables = {Variable(1, 4, "v")}})}, "0: (none) | (none)"},
+             {"a trap", {MessageOf({.command = 0xA7, .variables = {Variable(1, 4, "v")}})}, "0: (none) | (none)"},
+             {"longest message", {sized(7989)}, "0: .1.3.6.1.9.1 4:xxxxxxxxxxxxxxxxxxxxxxx"},
+             {"too long by one", {sized(7990)}, "0: (none) | (none)"},
+             {"longer than the buffer", {sized(9000)}, "0: (none) | (none)"},
+         }) {
+        SCOPED_TRACE(row.title);
+        const ScriptedDevice device([&row](std::string_view) { return row.datagrams; }, row.from);
+        const Ask ask{.port = device.port(), .oids = {".1.3.6.1.9.1", ".1.3.6.1.9.2"}};
+        EXPECT_THAT(Answer(ask), StartsWith(row.expected));
+        EXPECT_EQ(Answer(ask), Answer(ask)) << "the next exchange has a socket of its own";
+    }
+}
+
+TEST_F(SnmpManager, ServesSeveralThreadsAtOnce) {
+    const SnmpDaemon device("sysName tower\nextend rows /bin/seq 1 50");
+    std::latch start(4);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([&device, &start, i] {
+            start.arrive_and_wait();
+            const bool walks = i % 2 == 0;
+            const char* oid = walks ? ".1.3.6.1.4.1.8072.1.3.2.4.1.2" : sysName;
+            for (int k = 0; k < 3; ++k)
+                EXPECT_THAT(Answer({.port = device.port(), .type = walks ? snmpWalk : snmpGet, .oids = {oid}}),
+                            HasSubstr(walks ? "4:50" : "4:tower"));
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+}
+
+TEST_F(SnmpManager, StartsItselfWhenTheServerHasClearedTheFlag) {
+    const SnmpDaemon device("sysName tower");
+    const Ask ask{.port = device.port(), .oids = {sysName}};
+    EXPECT_EQ(Answer(ask), "1: .1.3.6.1.2.1.1.5.0 4:tower");
+    EXPECT_FALSE(std::filesystem::exists(folder / "logs" / "SNMP_agent.log")) << "a running agent's flag is set";
+
+    agentState.gv_agentRunFlag = 0x0100;
+    std::filesystem::create_directory(folder / "logs" / "SNMP_agent.log");
+    EXPECT_EQ(Answer(ask), "nothing") << "a log that cannot be opened";
+    EXPECT_EQ(agentState.gv_agentRunFlag, 0x0100);
+    std::filesystem::remove(folder / "logs" / "SNMP_agent.log");
+    Log1("before");
+    logState.gv_logLevel = 3;
+    EXPECT_EQ(Answer(ask), "1: .1.3.6.1.2.1.1.5.0 4:tower");
+    EXPECT_EQ(agentState.gv_agentRunFlag, 0x0101);
+    logState.gv_logMaxSize = 1;
+    Log1("after");
+    const std::string log = Read(folder / "logs" / "SNMP_agent.log");
+    EXPECT_THAT(log, StartsWith("Sablewire Agent Toolkit 6.4.0 \n"));
+    EXPECT_THAT(log, HasSubstr("Sending PDU to : 127.0.0.1 at"));
+    EXPECT_THAT(log, HasSubstr(" after"));
+    EXPECT_TRUE(Logged("before"));
+    EXPECT_FALSE(Logged("after")) << "the agent's lines go to the engine's log, and no rotation takes it away";
+
+    snmp::WriteToolkitLine(std::string(5'242'879 - log.size(), '.'));
+    snmp::WriteToolkitLine("over");
+    EXPECT_EQ(Read(folder / "logs" / "SNMP_agent.log"), "over") << "begun anew at its limit";
+}
+
+}  // namespace
+}  // namespace kv::test

@@ -169,7 +169,7 @@ SnmpSimulator::SnmpSimulator(const std::map<std::string, std::string>& communiti
            .asNobody = true});
 }
 
-ScriptedDevice::ScriptedDevice(Answer answer) : answer_(std::move(answer)) {
+ScriptedDevice::ScriptedDevice(Answer answer, SentFrom from) : answer_(std::move(answer)), from_(from) {
     Socket made(0);
     port_ = BindToFreePort(made);
     socket_ = dup(made.number);
@@ -186,6 +186,8 @@ ScriptedDevice::~ScriptedDevice() {
 
 void ScriptedDevice::Serve() {
     std::string request(65536, '\0');
+    const Socket another(0);
+    const int sender = from_ == SentFrom::ownPort ? socket_ : another.number;
     while (true) {
         sockaddr_in address{};
         socklen_t size = sizeof address;
@@ -196,7 +198,7 @@ void ScriptedDevice::Serve() {
         ++requests_;
         for (const std::string& datagram :
              answer_(std::string_view(request).substr(0, static_cast<std::size_t>(length))))
-            sendto(socket_, datagram.data(), datagram.size(), 0, peer, size);
+            sendto(sender, datagram.data(), datagram.size(), 0, peer, size);
     }
 }
 

@@ -65,13 +65,16 @@ class SnmpSimulator : public SnmpProcess {
     explicit SnmpSimulator(const std::map<std::string, std::string>& communities);
 };
 
+/// Where a scripted device's datagrams come from.
+enum class SentFrom { ownPort, anotherPort };
+
 /// A socket at 127.0.0.1 with a thread behind it, which sends back what a function makes of each datagram: none, one,
 /// or several.
 class ScriptedDevice {
   public:
     using Answer = std::function<std::vector<std::string>(std::string_view request)>;
 
-    explicit ScriptedDevice(Answer answer);
+    explicit ScriptedDevice(Answer answer, SentFrom from = SentFrom::ownPort);
     ~ScriptedDevice();
     ScriptedDevice(const ScriptedDevice&) = delete;
     ScriptedDevice& operator=(const ScriptedDevice&) = delete;
@@ -85,6 +88,7 @@ class ScriptedDevice {
     void Serve();
 
     Answer answer_;
+    SentFrom from_;
     int socket_ = -1;
     std::uint16_t port_ = 0;
     std::atomic<bool> stop_{false};
