@@ -1,1 +1,223 @@
 #include "snmp/udp_transport.h"
+
+#include <algorithm>
+#include <atomic>
+#include <mutex>
+#include <new>
+#include <string>
+
+#include "platform/clock.h"
+#include "snmp/message.h"
+#include "snmp/toolkit_log.h"
+#include "snmp/value_text.h"
+
+namespace kv::snmp {
+
+namespace {
+
+using platform::Sockets;
+namespace error = platform::error;
+
+constexpr int sendAttempts = 3;
+
+/// How often a wait that the system refuses is tried again before its time is over.
+constexpr int maxSelectRepeats = 1000;
+
+constexpr const char* fallbackAddress = "127.0.0.1";
+
+std::atomic<bool> hasSocketMutex{false};
+std::mutex socketMutex;
+
+/// Holds the socket mutex once there is one.
+std::unique_lock<std::mutex> LockSockets() {
+    std::unique_lock lock(socketMutex, std::defer_lock);
+    if (hasSocketMutex) lock.lock();
+    return lock;
+}
+
+void StoreHost(TransportDomainAddress& address, std::string_view host) {
+    address.remoteHost.fill('\0');
+    host.copy(address.remoteHost.data(), remoteHostRoom - 1);
+}
+
+void InitUdpSocket() {
+    if (Sockets().WSAStartup(1, 1) != error::success) TKLOG(2, "Can't Initialize Socket in Dos\n");
+}
+
+/// 0 when the socket cannot be opened or bound.
+platform::SocketHandle OpenUdpSocket(TransportDomainAddress& address) {
+    address.localAddress.fill('\0');
+    // A socket that cannot be opened is 0, which cannot be bound either.
+    platform::SocketHandle socket = 0;
+    Sockets().socket(socket);
+    if (Sockets().bind(socket, {}) != error::success) {
+        TKLOG(2, "Bind Failed,Unable to start session at : udp port %d\n", address.localPort);
+        if (socket != 0) Sockets().closesocket(socket);
+        return 0;
+    }
+    TKLOG(2, "\n\t@@@@@ Binding To port [%d] @@@@@\n", address.localPort);
+    TKLOG(2, "\n\t @@@@@ Binding To Address [%s] @@@@@\n", address.localAddress.data());
+    TKLOG(2, "Socket is opened successfuly on the port %d !!! \n", address.localPort);
+    return socket;
+}
+
+bool ResolveHost(std::string_view host, std::array<std::uint8_t, 4>& address) {
+    if (Sockets().inet_addr(host, address)) return true;
+    platform::HostEntry entry;
+    return Sockets().gethostbyname(host, entry) == error::success && Sockets().inet_addr(entry.address, address);
+}
+
+/// Looks the remote host up and makes it the peer.
+bool SetUdpSocketProperties(TransportDomainAddress& address) {
+    std::unique_ptr<platform::SocketAddress> peer(new (std::nothrow) platform::SocketAddress{});
+    if (peer == nullptr) {
+        TKLOG(1, "Unable to allocate buffer !!! \n");
+        return false;
+    }
+    if (!ResolveHost(address.remoteHost.data(), peer->address)) {
+        TKLOG(1, "Unable to find the address of the host %s\n", address.remoteHost.data());
+        return false;
+    }
+    peer->port = address.remotePort;
+    const auto lock = LockSockets();
+    delete address.peer;
+    address.peer = peer.release();
+    return true;
+}
+
+int SendUdpPacket(const TransportDomainAddress& address, platform::SocketHandle socket, const std::uint8_t* bytes,
+                  std::size_t length) {
+    const auto lock = LockSockets();
+    if (TkLogsAtLeast(2)) {
+        TKLOG(2, "Sending PDU to : %s at %d\n", address.remoteHost.data(), address.remotePort);
+        TKLOG(2, "The number of bytes to send is %d\n\n", length);
+        PrintStream(bytes, static_cast<std::int32_t>(length), "0x%02x\t");
+    }
+    for (int attempt = 0; attempt < sendAttempts; ++attempt) {
+        std::size_t sent = 0;
+        if (Sockets().sendto(socket, bytes, length, *address.peer, sent) == error::success) return 1;
+        TKLOG(1, "Error while sending the SNMP messge !!!!\n");
+    }
+    return 0;
+}
+
+int SendSnmpMessage(TransportDomainInfo& info, const std::uint8_t* bytes, std::size_t length) {
+    return SendUdpPacket(*info.address, info.socket, bytes, length);
+}
+
+/// A wait that fails is repeated at once, within the time of the first.
+int WaitForSocketData(const TransportDomainAddress& address, std::int64_t microseconds) {
+    const std::uint64_t start = platform::Clock().GetTickCount64();
+    std::int64_t left = microseconds;
+    for (int repeat = 0; repeat <= maxSelectRepeats; ++repeat) {
+        bool ready = false;
+        if (Sockets().select(address.socket, left, ready) == error::success) {
+            if (ready) TKLOG(3, "Data is available from sub agent .....\n");
+            return ready ? 1 : 0;
+        }
+        if (repeat == 0) TKLOG(1, "Error in select \n");
+        left = microseconds - static_cast<std::int64_t>(platform::Clock().GetTickCount64() - start) * 1000;
+        if (left <= 0) break;
+    }
+    return 0;
+}
+
+int ReadUdpPacket(TransportDomainAddress& address, platform::SocketHandle socket, std::uint8_t* buffer,
+                  std::int32_t* length) {
+    const auto lock = LockSockets();
+    std::size_t received = 0;
+    if (Sockets().recvfrom(socket, buffer, messageBufferSize, *address.peer, received) != error::success) {
+        TKLOG(1, "Error while receiving a SNMP messge !!!!\n");
+        return 0;
+    }
+    *length = static_cast<std::int32_t>(received);
+    const std::string sender = Sockets().inet_ntoa(address.peer->address);
+    if (TkLogsAtLeast(2)) {
+        TKLOG(2, "Received Packet from [%s] at [%d]\n", sender, address.peer->port);
+        TKLOG(2, "\nNumber of bytes received : %d\n\n", received);
+        PrintStream(buffer, *length, "%02x\t");
+    }
+    StoreHost(address, sender);
+    address.remotePort = address.peer->port;
+    return 1;
+}
+
+std::string FirstOwnAddress() {
+    std::string name;
+    platform::HostEntry host;
+    if (Sockets().gethostname(name) != error::success) return fallbackAddress;
+    return Sockets().gethostbyname(name, host) == error::success ? host.address : fallbackAddress;
+}
+
+}  // namespace
+
+void InitTransportDomain() { InitUdpSocket(); }
+
+void InitSocketMutex() { hasSocketMutex = true; }
+
+TransportDomainInfo* CreateTransportDomainInfo(std::uint16_t localPort, std::uint16_t remotePort,
+                                               std::string_view host) {
+    if (host.size() >= remoteHostRoom) {
+        TKLOG(1, "The host name is too long : %s\n", host);
+        return nullptr;
+    }
+    TransportDomainInfoPtr info(new (std::nothrow) TransportDomainInfo{});
+    if (info != nullptr) info->address = new (std::nothrow) TransportDomainAddress{};
+    if (info == nullptr || info->address == nullptr) {
+        TKLOG(1, "Unable to allocate buffer !!! \n");
+        return nullptr;
+    }
+    info->address->localPort = localPort;
+    info->address->remotePort = remotePort;
+    StoreHost(*info->address, host);
+    return info.release();
+}
+
+void FreeTransportDomainInfo(TransportDomainInfo* info) {
+    if (info == nullptr) return;
+    if (info->address != nullptr) delete info->address->peer;
+    delete info->address;
+    delete info;
+}
+
+platform::SocketHandle OpenSnmpSession(TransportDomainInfo* info) {
+    auto* peer = new (std::nothrow) platform::SocketAddress{};
+    if (peer == nullptr) return 0;
+    delete info->address->peer;
+    info->address->peer = peer;
+    info->socket = OpenUdpSocket(*info->address);
+    return info->socket;
+}
+
+void CloseSnmpSession(TransportDomainInfo* info) {
+    if (info->socket != 0) Sockets().closesocket(info->socket);
+    info->socket = 0;
+}
+
+int SendSnmpTrapMessage(TransportDomainInfo* info, const std::uint8_t* bytes, std::size_t length) {
+    return SetUdpSocketProperties(*info->address) ? SendSnmpMessage(*info, bytes, length) : 0;
+}
+
+int WaitForTdInfoResp(TransportDomainInfo* info, std::int64_t microseconds) {
+    info->address->socket = info->socket;
+    return WaitForSocketData(*info->address, microseconds);
+}
+
+int ReadSnmpMessage(TransportDomainInfo* info, std::uint8_t* buffer, std::int32_t* length) {
+    *length = 0;
+    return ReadUdpPacket(*info->address, info->socket, buffer, length);
+}
+
+void UpdateAgentTransportDomainInfo(TransportDomainInfo* info) { info->address->socket = info->socket; }
+
+std::string GetLocalHostAddress() {
+    if (Sockets().WSAStartup(1, 1) != error::success) {
+        TKLOG(1, "Can't Initialize Socket \n");
+        return {};
+    }
+    std::string address = FirstOwnAddress();
+    Sockets().WSACleanup();
+    return address;
+}
+
+}  // namespace kv::snmp
