@@ -53,7 +53,8 @@ const std::uint8_t* AsnParseLength(const std::uint8_t* position, std::uint32_t* 
 /// The shortest of one, two and three bytes; of a length above 65,535 the high bits are lost.
 std::uint8_t* AsnBuildLength(std::uint8_t* position, std::int32_t* remaining, std::uint32_t length);
 
-/// Steps to the content. The tag is set before anything else is tested, and remaining becomes the content's length.
+/// Steps to the content, which lies within remaining; remaining becomes the content's length. A tag whose low five bits
+/// are all ones is refused and not given out; any other is, also when something is wrong behind it.
 const std::uint8_t* AsnParseHeader(const std::uint8_t* position, std::int32_t* remaining, std::uint8_t* tag);
 
 std::uint8_t* AsnBuildHeader(std::uint8_t* position, std::int32_t* remaining, std::uint8_t tag, std::uint32_t length);
@@ -95,8 +96,9 @@ std::uint8_t* AsnBuildBitString(std::uint8_t* position, std::int32_t* remaining,
 const std::uint8_t* AsnParseNull(const std::uint8_t* position, std::int32_t* remaining, std::uint8_t* tag);
 std::uint8_t* AsnBuildNull(std::uint8_t* position, std::int32_t* remaining, std::uint8_t tag);
 
-/// count: room in subIds, at least 2, going in; how many there are, coming out. An encoding that holds more than fit is
-/// no failure: the rest is left, and the position given stands inside the content. Sub-identifiers wrap at 32 bits.
+/// count: room in subIds going in, refused below 2; how many there are, coming out. An encoding that holds more than
+/// fit is no failure: the rest is left, and the position given stands inside the content. Sub-identifiers wrap at 32
+/// bits.
 const std::uint8_t* AsnParseObjectId(const std::uint8_t* position, std::int32_t* remaining, std::uint8_t* tag,
                                      std::uint32_t* subIds, std::int32_t* count);
 
