@@ -1,1 +1,112 @@
 #include "snmp/pdu.h"
+
+#include <new>
+#include <string_view>
+
+#include "snmp/toolkit_log.h"
+#include "snmp/var_bind.h"
+
+namespace kv::snmp {
+
+namespace {
+
+constexpr std::size_t communityRoom = maxRequestCommunity + 1;
+
+/// The commands that have a list of their own, on the heap.
+bool UsesOtherList(std::uint8_t command) {
+    return command == command::trapV1 || command == command::inform || command == command::trapV2;
+}
+
+/// The list that is to hold the variables, or null when memory ran out.
+TkVector* PrepareList(SnmpPdu& pdu) {
+    if (!UsesOtherList(pdu.command)) {
+        InitVector(&pdu.varBinds, nullptr);
+        return &pdu.varBinds;
+    }
+    pdu.otherVarBinds = MakeVarBindList().release();
+    return pdu.otherVarBinds;
+}
+
+/// Nodes for all variables of a list. False when memory ran out.
+bool AddAll(TkVector* target, const TkVector* vector) {
+    for (const TkVectorNode* source = vector->head; source; source = source->next) {
+        auto* node = new (std::nothrow) TkVectorNode{source->data, nullptr};
+        if (!node) return false;
+        AddElement(target, node);
+    }
+    return true;
+}
+
+bool StoreCommunity(SnmpPdu& pdu, std::string_view community) {
+    pdu.community = new (std::nothrow) char[communityRoom]{};
+    if (!pdu.community) return false;
+    community.copy(pdu.community, community.size());
+    pdu.communityLength = static_cast<std::int32_t>(community.size());
+    return true;
+}
+
+}  // namespace
+
+SnmpPdu* AllocateAndInitSnmpPdu() {
+    auto* pdu = new (std::nothrow) SnmpPdu{};
+    if (!pdu) TKLOG(1, "Unable to allocate buffer !!! \n");
+    return pdu;
+}
+
+SnmpPdu* CreateSnmpPdu(std::int32_t version, const char* community, std::uint8_t command, std::int32_t requestId,
+                       std::int32_t errorStatus, std::int32_t errorIndex, TkVector* vector) {
+    const std::string_view name = community ? community : "";
+    if (name.size() > maxRequestCommunity) {
+        TKLOG(1, "The community has %d bytes, and %d are the most !!!\n", name.size(), maxRequestCommunity);
+        return nullptr;
+    }
+    SnmpPdu* pdu = AllocateAndInitSnmpPdu();
+    if (!pdu || !StoreCommunity(*pdu, name)) {
+        TKLOG(2, "Unable to allocate memory\n");
+        FreeSnmpPduShell(pdu);
+        return nullptr;
+    }
+    pdu->version = version;
+    pdu->command = command;
+    pdu->requestId = requestId;
+    pdu->errorStatus = errorStatus;
+    pdu->errorIndex = errorIndex;
+    TkVector* target = PrepareList(*pdu);
+    if (!target || !AddAll(target, vector)) {
+        TKLOG(2, "Unable to allocate memory\n");
+        // The variables stay with the list that was passed in, as they do on every failure.
+        if (target) FreeVector(target);
+        FreeSnmpPdu(pdu);
+        return nullptr;
+    }
+    return pdu;
+}
+
+void FreeSnmpPdu(SnmpPdu* pdu) {
+    if (!pdu) return;
+    VarBindListPtr(pdu->otherVarBinds).reset();
+    if (!UsesOtherList(pdu->command)) FreeVarBindList(&pdu->varBinds);
+    FreeSnmpPduShell(pdu);
+}
+
+void FreeSnmpPduShell(SnmpPdu* pdu) {
+    if (!pdu) return;
+    delete[] pdu->community;
+    delete pdu;
+}
+
+void DisplaySnmpPduInfo(const SnmpPdu* pdu) {
+    if (!TkLogsAtLeast(2)) return;
+    TKLOG(2, "Message : \n\n");
+    TKLOG(2, "Request Id\t\t\t= %ld\n", pdu->requestId);
+    TKLOG(2, "Error Index\t\t\t= %ld\n", pdu->errorIndex);
+    TKLOG(2, "Error Status\t\t\t= %ld\n", pdu->errorStatus);
+    // Of a received response nothing follows: it has no other list.
+    const bool usesOther =
+        pdu->command == command::response || pdu->command == command::trapV1 || pdu->command == command::trapV2;
+    const TkVector* list = usesOther ? pdu->otherVarBinds : &pdu->varBinds;
+    for (const TkVectorNode* node = list ? list->head : nullptr; node; node = node->next)
+        PrintVarBind(static_cast<const VarBind*>(node->data));
+}
+
+}  // namespace kv::snmp

@@ -47,7 +47,7 @@ struct SnmpPdu {
 SnmpPdu* AllocateAndInitSnmpPdu();
 
 /// A PDU that takes over the variables of a list; the list keeps its nodes, which its holder frees. Null when memory
-/// ran out, when the variables are freed too, or for a community that is too long, when they are not.
+/// ran out and for a community that is too long, each with an engine line: the variables then stay the list's.
 SnmpPdu* CreateSnmpPdu(std::int32_t version, const char* community, std::uint8_t command, std::int32_t requestId,
                        std::int32_t errorStatus, std::int32_t errorIndex, TkVector* vector);
 

@@ -1,1 +1,232 @@
 #include "snmp/var_bind.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <new>
+
+#include "snmp/asn.h"
+#include "snmp/oid.h"
+#include "snmp/toolkit_log.h"
+#include "snmp/value_text.h"
+
+namespace kv::snmp {
+
+namespace {
+
+constexpr const char* byteFormat = "0x%02x\t";
+constexpr const char* outOfMemory = "Unable to allocate buffer !!! \n";
+constexpr const char* missingNode = "nodePtr value is NULL\n";
+
+constexpr std::int32_t addressBytes = 4;
+constexpr std::int32_t addressRoom = 19;  // characters of an address's text
+
+const std::uint32_t* WordsOf(const void* value) { return static_cast<const std::uint32_t*>(value); }
+const std::uint8_t* BytesOf(const void* value) { return static_cast<const std::uint8_t*>(value); }
+
+std::int64_t SizeOfValue(std::uint8_t type, std::int32_t valueLength) {
+    const std::int64_t size = std::max(valueLength, 0);
+    return type == tag::objectId ? size * std::int64_t{sizeof(std::uint32_t)} : size;
+}
+
+/// A variable with a copy of the name, or null.
+VarBindPtr MakeNamed(const std::uint32_t* oid, std::int32_t oidLength) {
+    VarBindPtr varBind(new (std::nothrow) VarBind{});
+    if (!varBind) return nullptr;
+    varBind->oidLength = std::max(oidLength, 0);
+    varBind->oid = new (std::nothrow) std::uint32_t[static_cast<std::size_t>(varBind->oidLength)];
+    if (!varBind->oid) return nullptr;
+    CopyOid(varBind->oid, oid, varBind->oidLength);
+    return varBind;
+}
+
+/// A deep copy, or null.
+VarBindPtr CopyOf(const VarBind& source) {
+    VarBindPtr copy = MakeNamed(source.oid, source.oidLength);
+    if (!copy) return nullptr;
+    copy->type = source.type;
+    copy->reserved = source.reserved;
+    copy->position = source.position;
+    if (!source.value || source.valueLength <= 0) return copy;
+    const std::int64_t size = SizeOfValue(source.type, source.valueLength);
+    copy->value = NewValue(size);
+    if (!copy->value) return nullptr;
+    std::memcpy(copy->value, source.value, static_cast<std::size_t>(size));
+    copy->valueLength = source.valueLength;
+    copy->ownsValue = 1;
+    return copy;
+}
+
+/// False when memory ran out.
+bool AppendCopy(TkVector* target, const TkVectorNode* sourceNode) {
+    VarBindPtr copy = CopyOf(*static_cast<const VarBind*>(sourceNode->data));
+    TkVectorNode* node = copy ? new (std::nothrow) TkVectorNode{} : nullptr;
+    if (!node) {
+        TKLOG(1, outOfMemory);
+        return false;
+    }
+    node->data = copy.release();
+    AddElement(target, node);
+    return true;
+}
+
+/// The node at a number counted from 1, if the arguments allow one; null with a line when it is missing.
+const TkVectorNode* SourceNode(TkVector* source, std::int32_t number) {
+    if (number <= 0 || !source || number - 1 > source->count) return nullptr;
+    const TkVectorNode* node = ElementAt(source, number - 1);
+    if (!node) TKLOG(1, missingNode);
+    return node;
+}
+
+/// A value of one or two words, or null.
+std::uint32_t* NewWords(std::int32_t count, std::int32_t* length) {
+    *length = count * static_cast<std::int32_t>(sizeof(std::uint32_t));
+    return static_cast<std::uint32_t*>(NewValue(*length));
+}
+
+/// The length counts the text only for a whole address. Of a longer value it counts all the bytes, so these have room.
+void* DecodeAddress(const std::uint8_t* bytes, std::int32_t* length) {
+    void* value = NewValue(std::max(*length, addressRoom));
+    if (!value) return nullptr;
+    std::array<std::uint32_t, addressBytes> parts{};
+    const std::int32_t count = std::clamp(*length, 0, addressBytes);
+    std::copy_n(bytes, count, parts.begin());
+    char* text = static_cast<char*>(value);
+    ConvertToIpAddressFromOid(text, parts.data(), 0, count);
+    if (*length == addressBytes) *length = static_cast<std::int32_t>(std::strlen(text));
+    return value;
+}
+
+void* DecodeBytes(const std::uint8_t* bytes, std::int32_t length) {
+    void* value = NewValue(length);
+    if (value && length > 0) std::memcpy(value, bytes, static_cast<std::size_t>(length));
+    return value;
+}
+
+void PrintValue(const VarBind& varBind) {
+    switch (varBind.type) {
+        case tag::integer:
+            return TKLOG(2, "VarBind Value\t\t\t= %d\n", *static_cast<const std::int32_t*>(varBind.value));
+        case tag::counter32:
+        case tag::gauge32:
+        case tag::timeTicks:
+        case tag::uInteger32:
+            return TKLOG(2, "VarBind Value\t\t\t= %u\n", *WordsOf(varBind.value));
+        case tag::counter64: {
+            const std::uint32_t* words = WordsOf(varBind.value);
+            return TKLOG(2, "VarBind Value\t\t\t= %llu\n", ConvertToULongLongFromCounter64(words[0], words[1]));
+        }
+        case tag::ipAddress:
+            return TKLOG(2, "VarBind Value\t\t\t= %s\n", static_cast<const char*>(varBind.value));
+        case tag::objectId:
+            TKLOG(2, "VarBind Value\t\t\t=");
+            return PrintOid(WordsOf(varBind.value), varBind.valueLength);
+        default:
+            TKLOG(2, "VarBind Value\t\t\t=");
+            PrintStream(BytesOf(varBind.value), varBind.valueLength, byteFormat);
+            return TKLOG(2, "\n");
+    }
+}
+
+}  // namespace
+
+// Made of words, as the array of an object identifier is, so that FreeValue fits both.
+void* NewValue(std::int64_t size) {
+    const auto words = static_cast<std::size_t>(std::max<std::int64_t>(size, 0)) / sizeof(std::uint32_t) + 1;
+    return new (std::nothrow) std::uint32_t[words]{};
+}
+
+void FreeValue(void* value) { delete[] static_cast<std::uint32_t*>(value); }
+
+void FreeVarBind(VarBind* varBind) {
+    if (!varBind) return;
+    delete[] varBind->oid;
+    if (varBind->ownsValue == 1) FreeValue(varBind->value);
+    delete varBind;
+}
+
+VarBind* CreateAVarBind(const std::uint32_t* oid, std::int32_t oidLength, std::uint8_t type, const void* value,
+                        std::int32_t valueLength) {
+    VarBindPtr varBind = MakeNamed(oid, oidLength);
+    // An object identifier, too, is given in bytes; a copy of the variable looks at as many words.
+    if (varBind) varBind->value = NewValue(SizeOfValue(type, valueLength));
+    if (!varBind || !varBind->value) {
+        TKLOG(1, outOfMemory);
+        return nullptr;
+    }
+    varBind->ownsValue = 1;
+    varBind->type = type;
+    PrintOid(varBind->oid, varBind->oidLength);
+    if (value && valueLength > 0) {
+        std::memcpy(varBind->value, value, static_cast<std::size_t>(valueLength));
+        varBind->valueLength = valueLength;
+        PrintStream(BytesOf(varBind->value), valueLength, byteFormat);
+    }
+    return varBind.release();
+}
+
+void CopyVarBind(TkVector* target, TkVector* source, std::int32_t number) {
+    if (const TkVectorNode* node = SourceNode(source, number)) AppendCopy(target, node);
+}
+
+void CopyVarBinds(TkVector* target, TkVector* source, std::int32_t number) {
+    const TkVectorNode* node = SourceNode(source, number);
+    while (node && AppendCopy(target, node)) node = node->next;
+}
+
+void FreeVarBindList(TkVector* vector) {
+    const TkVectorNode* node = vector->head;
+    for (std::int32_t i = 0; i < vector->count; ++i, node = node->next) {
+        if (!node) {
+            TKLOG(1, missingNode);
+            break;
+        }
+        FreeVarBind(static_cast<VarBind*>(node->data));
+    }
+    FreeVector(vector);
+}
+
+VarBindListPtr MakeVarBindList() { return VarBindListPtr(new (std::nothrow) TkVector{}); }
+
+void PrintVarBind(const VarBind* varBind) {
+    if (!TkLogsAtLeast(2)) return;
+    TKLOG(2, "VarBind Number\t\t= %d\n", varBind->position);
+    TKLOG(2, "VarBind Type\t\t\t= %d\n", varBind->type);
+    TKLOG(2, "VarBind OID\t\t\t=");
+    PrintOid(varBind->oid, varBind->oidLength);
+    if (varBind->value && varBind->valueLength > 0) PrintValue(*varBind);
+}
+
+void* DecodeAsnSyntaxValue(std::uint8_t tag, const std::uint8_t* bytes, std::int32_t* length) {
+    const std::int32_t contentLength = *length;
+    void* value = nullptr;
+    switch (tag) {
+        case tag::integer:
+            value = NewWords(1, length);
+            if (value) *static_cast<std::int32_t*>(value) = ConvertToInteger(bytes, contentLength);
+            break;
+        case tag::objectId:
+            return DecodeOID(bytes, contentLength, length).release();
+        case tag::ipAddress:
+            value = DecodeAddress(bytes, length);
+            break;
+        case tag::counter32:
+        case tag::gauge32:
+        case tag::timeTicks:
+        case tag::uInteger32:
+            value = NewWords(1, length);
+            if (value) *static_cast<std::uint32_t*>(value) = ConvertToUnsignedInteger(bytes, contentLength);
+            break;
+        case tag::counter64:
+            value = NewWords(2, length);
+            if (value) ConvertToCounter64(static_cast<std::uint32_t*>(value), bytes, contentLength);
+            break;
+        default:
+            value = DecodeBytes(bytes, contentLength);
+            break;
+    }
+    if (!value) TKLOG(2, outOfMemory);
+    return value;
+}
+
+}  // namespace kv::snmp

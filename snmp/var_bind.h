@@ -23,9 +23,9 @@ struct VarBind {
     std::uint8_t received;   // 1 on the way in
 };
 
-/// A zeroed buffer for a value, aligned for any of its forms, or null with an engine line when memory ran out. A size
-/// below 0 counts as 0; there is always one byte more.
-void* NewValue(std::int32_t size);
+/// A zeroed buffer for a value, aligned for any of its forms, or null when memory ran out. A size below 0 counts as 0;
+/// there is always one byte more. Released with FreeValue.
+void* NewValue(std::int64_t size);
 
 /// Frees a variable with its name and, if it owns it, its value. Null is allowed.
 void FreeVarBind(VarBind* varBind);
@@ -35,7 +35,8 @@ struct FreeVarBindDeleter {
 };
 using VarBindPtr = std::unique_ptr<VarBind, FreeVarBindDeleter>;
 
-/// A variable with copies of the name and, if there is one, of the value; null when memory ran out.
+/// A variable with copies of the name and, if there is one, of the value; null when memory ran out. valueLength is in
+/// bytes, also for an object identifier, as a builder takes it.
 VarBind* CreateAVarBind(const std::uint32_t* oid, std::int32_t oidLength, std::uint8_t type, const void* value,
                         std::int32_t valueLength);
 
