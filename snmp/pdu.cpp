@@ -27,11 +27,14 @@ TkVector* PrepareList(SnmpPdu& pdu) {
     return pdu.otherVarBinds;
 }
 
-/// Nodes for all variables of a list. False when memory ran out.
+/// Nodes for all variables of a list. False, and none at all, when memory ran out.
 bool AddAll(TkVector* target, const TkVector* vector) {
     for (const TkVectorNode* source = vector->head; source; source = source->next) {
         auto* node = new (std::nothrow) TkVectorNode{source->data, nullptr};
-        if (!node) return false;
+        if (!node) {
+            FreeVector(target);
+            return false;
+        }
         AddElement(target, node);
     }
     return true;
@@ -43,6 +46,11 @@ bool StoreCommunity(SnmpPdu& pdu, std::string_view community) {
     community.copy(pdu.community, community.size());
     pdu.communityLength = static_cast<std::int32_t>(community.size());
     return true;
+}
+
+bool TakeOver(SnmpPdu& pdu, const TkVector* vector) {
+    TkVector* target = PrepareList(pdu);
+    return target && AddAll(target, vector);
 }
 
 }  // namespace
@@ -58,28 +66,23 @@ SnmpPdu* CreateSnmpPdu(std::int32_t version, const char* community, std::uint8_t
     const std::string_view name = community ? community : "";
     if (name.size() > maxRequestCommunity) {
         TKLOG(1, "The community has %d bytes, and %d are the most !!!\n", name.size(), maxRequestCommunity);
+        FreeVarBindList(vector);
         return nullptr;
     }
-    SnmpPdu* pdu = AllocateAndInitSnmpPdu();
-    if (!pdu || !StoreCommunity(*pdu, name)) {
+    SnmpPduPtr pdu(AllocateAndInitSnmpPdu());
+    if (pdu) {
+        pdu->version = version;
+        pdu->command = command;
+        pdu->requestId = requestId;
+        pdu->errorStatus = errorStatus;
+        pdu->errorIndex = errorIndex;
+    }
+    if (!pdu || !StoreCommunity(*pdu, name) || !TakeOver(*pdu, vector)) {
         TKLOG(2, "Unable to allocate memory\n");
-        FreeSnmpPduShell(pdu);
+        FreeVarBindList(vector);
         return nullptr;
     }
-    pdu->version = version;
-    pdu->command = command;
-    pdu->requestId = requestId;
-    pdu->errorStatus = errorStatus;
-    pdu->errorIndex = errorIndex;
-    TkVector* target = PrepareList(*pdu);
-    if (!target || !AddAll(target, vector)) {
-        TKLOG(2, "Unable to allocate memory\n");
-        // The variables stay with the list that was passed in, as they do on every failure.
-        if (target) FreeVector(target);
-        FreeSnmpPdu(pdu);
-        return nullptr;
-    }
-    return pdu;
+    return pdu.release();
 }
 
 void FreeSnmpPdu(SnmpPdu* pdu) {

@@ -47,7 +47,7 @@ struct SnmpPdu {
 SnmpPdu* AllocateAndInitSnmpPdu();
 
 /// A PDU that takes over the variables of a list; the list keeps its nodes, which its holder frees. Null when memory
-/// ran out and for a community that is too long, each with an engine line: the variables then stay the list's.
+/// ran out and for a community that is too long, each with an engine line: variables and nodes are then freed.
 SnmpPdu* CreateSnmpPdu(std::int32_t version, const char* community, std::uint8_t command, std::int32_t requestId,
                        std::int32_t errorStatus, std::int32_t errorIndex, TkVector* vector);
 
