@@ -1,20 +1,13 @@
 #include "lab/page.h"
 
-#include <algorithm>
 #include <fmt/format.h>
-#include <iterator>
 
+#include "lab/record_html.h"
 #include "lab/record_text.h"
 
 namespace kv::lab {
 
 namespace {
-
-/// Bounds on how much of one record's values is shown.
-constexpr std::size_t maxRows = 25;
-constexpr std::size_t maxColumns = 20;
-constexpr std::size_t maxValueBytes = 400;
-constexpr int maxDepth = 6;
 
 constexpr std::string_view style = R"(
 :root { --line: #d9dee3; --soft: #5d6b78; --bad: #b3261e; --good: #1b6e3c; }
@@ -40,7 +33,7 @@ td { overflow-wrap: anywhere; }
 th, td { padding: .28rem .8rem .28rem 0; border-bottom: 1px solid var(--line); vertical-align: top; }
 .card > table th:first-child, .card > table td:first-child { padding-left: .8rem; }
 tr:last-child > th, tr:last-child > td { border-bottom: 0; }
-.rows h3 { font-size: .95rem; margin: .5rem 0 0; }
+h3 { font-size: .95rem; margin: .5rem 0 0; }
 .record table { margin-top: .25rem; }
 td table { margin: 0; }
 pre { margin: .4rem 0 0; white-space: pre-wrap; overflow-wrap: anywhere; font: 13px/1.4 ui-monospace, monospace; }
@@ -66,11 +59,6 @@ async function refresh() {
 refresh();
 )";
 
-template <class... Arguments>
-void Add(std::string& html, fmt::format_string<Arguments...> format, Arguments&&... arguments) {
-    fmt::format_to(std::back_inserter(html), format, std::forward<Arguments>(arguments)...);
-}
-
 /// A table in a card; nothing when there are no rows.
 void AddTable(std::string& html, std::string_view title, const std::vector<std::string_view>& columns,
               const std::vector<std::vector<std::string>>& rows) {
@@ -84,141 +72,6 @@ void AddTable(std::string& html, std::string_view title, const std::vector<std::
         html += "</tr>\n";
     }
     html += "</table></div>\n";
-}
-
-std::string_view StartOfText(std::string_view text, std::size_t maxBytes) {
-    if (text.size() <= maxBytes) return text;
-    // Not between the bytes of one character.
-    while (maxBytes > 0 && (static_cast<unsigned char>(text[maxBytes]) & 0xC0) == 0x80) --maxBytes;
-    return text.substr(0, maxBytes);
-}
-
-void AddText(std::string& html, std::string_view text) {
-    const std::string_view start = StartOfText(text, maxValueBytes);
-    html += Escape(start);
-    if (start.size() < text.size()) Add(html, "<span class=soft> … {} more bytes</span>", text.size() - start.size());
-}
-
-std::string_view StringOf(json_object* value) {
-    return {json_object_get_string(value), static_cast<std::size_t>(json_object_get_string_len(value))};
-}
-
-bool IsNested(json_object* value) {
-    return json_object_is_type(value, json_type_array) || json_object_is_type(value, json_type_object);
-}
-
-void AddValue(std::string& html, json_object* value, int depth);
-
-/// Names of the members of all rows, in order of appearance.
-std::vector<std::string> ColumnsOf(json_object* rows, std::size_t count) {
-    std::vector<std::string> columns;
-    for (std::size_t at = 0; at < count; ++at) {
-        json_object_object_foreach(json_object_array_get_idx(rows, at), name, value) {
-            static_cast<void>(value);
-            if (columns.size() < maxColumns && std::find(columns.begin(), columns.end(), name) == columns.end())
-                columns.emplace_back(name);
-        }
-    }
-    return columns;
-}
-
-void AddRowTable(std::string& html, json_object* rows, std::size_t count, int depth) {
-    const std::vector<std::string> columns = ColumnsOf(rows, count);
-    html += "<table><tr>";
-    for (const std::string& column : columns) Add(html, "<th>{}</th>", Escape(column));
-    html += "</tr>\n";
-    for (std::size_t at = 0; at < count; ++at) {
-        html += "<tr>";
-        for (const std::string& column : columns) {
-            json_object* value = nullptr;
-            html += "<td>";
-            if (json_object_object_get_ex(json_object_array_get_idx(rows, at), column.c_str(), &value))
-                AddValue(html, value, depth + 1);
-            html += "</td>";
-        }
-        html += "</tr>\n";
-    }
-    html += "</table>";
-}
-
-void AddArray(std::string& html, json_object* array, int depth) {
-    const std::size_t size = json_object_array_length(array);
-    const std::size_t shown = std::min(size, maxRows);
-    bool allObjects = size > 0;
-    for (std::size_t at = 0; at < shown; ++at)
-        allObjects = allObjects && json_object_is_type(json_object_array_get_idx(array, at), json_type_object);
-    if (allObjects) {
-        AddRowTable(html, array, shown, depth);
-    } else {
-        for (std::size_t at = 0; at < shown; ++at) {
-            if (at > 0) html += ", ";
-            AddValue(html, json_object_array_get_idx(array, at), depth + 1);
-        }
-    }
-    if (size == 0) html += "<span class=soft>no rows</span>";
-    if (shown < size) Add(html, "<div class=soft>… {} more</div>", size - shown);
-}
-
-void AddObject(std::string& html, json_object* object, int depth) {
-    html += "<table>";
-    json_object_object_foreach(object, name, value) {
-        Add(html, "<tr><th>{}</th><td>", Escape(name));
-        AddValue(html, value, depth + 1);
-        html += "</td></tr>\n";
-    }
-    html += "</table>";
-}
-
-void AddValue(std::string& html, json_object* value, int depth) {
-    if (IsNested(value) && depth >= maxDepth) {
-        AddText(html, json_object_to_json_string(value));
-    } else if (json_object_is_type(value, json_type_array)) {
-        AddArray(html, value, depth);
-    } else if (json_object_is_type(value, json_type_object)) {
-        AddObject(html, value, depth);
-    } else if (json_object_is_type(value, json_type_string)) {
-        AddText(html, StringOf(value));
-    } else {
-        html += Escape(json_object_to_json_string(value));
-    }
-}
-
-/// A moment in seconds since 1970, readable.
-std::string CollectTime(json_object* value) {
-    const std::string text(StringOf(value));
-    const bool isNumber = !text.empty() && text.size() <= 11 && text.find_first_not_of("0123456789") == text.npos;
-    return isNumber ? UtcText(std::stoll(text) * 1000) : Escape(text);
-}
-
-/// One plain member of a record on the line of such members.
-void AddField(std::string& html, std::string_view name, json_object* value) {
-    const bool isText = json_object_is_type(value, json_type_string);
-    Add(html, "<span><span>{}</span> ", Escape(name));
-    if (name == "DATACOLLECTTIME" && isText) {
-        html += CollectTime(value);
-    } else if (name == "ERRORMSG" && isText && StringOf(value) != "NO ERROR") {
-        html += "<span class=bad>";
-        AddText(html, StringOf(value));
-        html += "</span>";
-    } else {
-        AddValue(html, value, 1);
-    }
-    html += "</span>\n";
-}
-
-/// The record's members: plain ones on a line, the others each below its name.
-void AddMembers(std::string& html, json_object* document) {
-    html += "<div class=fields>\n";
-    json_object_object_foreach(document, name, value) {
-        if (!IsNested(value)) AddField(html, name, value);
-    }
-    html += "</div>\n";
-    json_object_object_foreach(document, nestedName, nested) {
-        if (!IsNested(nested)) continue;
-        Add(html, "<div class=rows><h3>{}</h3>", Escape(nestedName));
-        AddValue(html, nested, 1);
-        html += "</div>\n";
-    }
 }
 
 void AddRecord(std::string& html, const Record& record) {
@@ -301,13 +154,23 @@ void AddRequests(std::string& html, const std::vector<Request>& requests) {
     AddTable(html, "Requests", {"Time", "Agent", "Request", "Type", "Members", "State"}, rows);
 }
 
+std::string ReportCell(const std::string& text) {
+    std::string html;
+    const bool isLarge = static_cast<std::int64_t>(text.size()) > maxPageTextBytes;
+    const ParsedJson parsed = isLarge ? ParsedJson() : ParseJson(text);
+    if (parsed.valid && json_object_is_type(parsed.value.get(), json_type_object)) {
+        AddMembers(html, parsed.value.get());
+    } else {
+        AddText(html, text);
+    }
+    return html;
+}
+
 void AddReports(std::string& html, std::string_view title, const std::vector<Report>& reports) {
     std::vector<std::vector<std::string>> rows;
     for (const Report& report : reports) {
-        std::string text;
-        AddText(text, report.text);
-        rows.push_back(
-            {UtcText(report.time), Escape(report.agent), Escape(report.action), Escape(report.requestId), text});
+        rows.push_back({UtcText(report.time), Escape(report.agent), Escape(report.action), Escape(report.requestId),
+                        ReportCell(report.text)});
     }
     AddTable(html, title, {"Time", "Agent", "Action", "Request", "Text"}, rows);
 }
@@ -324,35 +187,6 @@ Overview ReadOverview(Store& store) {
             LatestActions(store, pageReports),
             LatestAnswers(store, pageReports),
             LatestRecords(store, pageRecords, maxPageTextBytes, previewCharacters)};
-}
-
-std::string Escape(std::string_view text) {
-    std::string html;
-    for (const char character : text) {
-        switch (character) {
-            case '&':
-                html += "&amp;";
-                break;
-            case '<':
-                html += "&lt;";
-                break;
-            case '>':
-                html += "&gt;";
-                break;
-            case '"':
-                html += "&quot;";
-                break;
-            case '\'':
-                html += "&#39;";
-                break;
-            case '\0':
-                html += "\xEF\xBF\xBD";
-                break;  // NUL may not stand in HTML
-            default:
-                html += character;
-        }
-    }
-    return html;
 }
 
 std::string Fragment(const Overview& overview) {

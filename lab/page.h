@@ -5,7 +5,6 @@
 
 #include <cstdint>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "lab/requests.h"
@@ -35,9 +34,6 @@ struct Overview {
     std::vector<Record> records;
 };
 Overview ReadOverview(Store& store);
-
-/// Text with the characters that HTML gives a meaning to replaced.
-std::string Escape(std::string_view text);
 
 /// The changing part of the page.
 std::string Fragment(const Overview& overview);

@@ -7,7 +7,7 @@
 #include <optional>
 #include <thread>
 
-#include "lab/page.h"
+#include "lab/record_html.h"
 #include "lab/record_text.h"
 #include "lab/server.h"
 #include "tests/lab/lab_helpers.h"
@@ -267,6 +267,24 @@ TEST_F(Lab, ThePageShowsValuesAndLetsNoMarkupThrough) {
         EXPECT_THAT(page, HasSubstr(text));
     EXPECT_THAT(page, Not(HasSubstr("cell25<")));
     EXPECT_THAT(page, HasSubstr(Get("/fragment")->body));
+}
+
+TEST_F(Lab, ThePageShowsSnmpValuesInTheOrderOfTheDevice) {
+    const std::string json =
+        R"({ "POLICY_NAME": "Net", "STATUS": "FAILURE", ".1.2": {}, ".1.1": { ".1.1.2": "<b>", ".1.1.1": "lo" },)"
+        R"( "TYPE": "4", "OID": ".1.1,.1.2,.1.3" })";
+    EXPECT_EQ(Upload(*client, goodQuery, ZipOf({{"a", WideBytes(json)}}))->status, 200);
+    client->Post("/servlets/DataAgentHandlerServlet?agentKey=K1&requestId=1", WideBytes(json), "");
+    const std::string heading =
+        "<h3>Net <span class=bad>FAILURE</span></h3>\n<div class=fields>\n"
+        "<span><span>TYPE</span> 4</span>\n<span><span>OID</span> .1.1,.1.2,.1.3</span>\n</div>\n";
+    const std::string values =
+        "<table><tr><th>OID</th><th>Value</th></tr>\n<tr><td>.1.1.1</td><td>lo</td></tr>\n"
+        "<tr><td>.1.1.2</td><td>&lt;b&gt;</td></tr>\n"
+        "<tr><td>.1.2</td><td class=soft>no value</td></tr>\n"
+        "<tr><td>.1.3</td><td class=bad>no answer</td></tr>\n</table>\n";
+    EXPECT_THAT(Page(), HasSubstr(heading + values + "</div>\n")) << "the record";
+    EXPECT_THAT(Page(), HasSubstr(heading + values + "</td>")) << "the answer";
 }
 
 }  // namespace
