@@ -1,16 +1,15 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that building and trying, testing, or fuzzing need; does nothing when all are there.
-# Usage: tools/install_packages.sh build|test|fuzz
+# Installs the Debian packages that building and trying, or testing and fuzzing need; does nothing when all are there.
+# Usage: tools/install_packages.sh build|test
 set -euo pipefail
 
 build=(ca-certificates g++ cmake ninja-build pkg-config ccache zlib1g-dev libjson-c-dev libcurl4-openssl-dev
        libsqlite3-dev libfmt-dev libutfcpp-dev libzip-dev libcpp-httplib-dev libssl-dev)
-test=(git libgtest-dev libgmock-dev libbenchmark-dev clang-format clang-tidy openssl unzip python3)
-fuzz=(clang libclang-rt-14-dev)
+test=(git libgtest-dev libgmock-dev libbenchmark-dev clang-format clang-tidy openssl unzip python3
+      clang libclang-rt-14-dev snmpd snmp snmpsim)
 
 packages=("${build[@]}")
 [ "${1:-build}" = test ] && packages+=("${test[@]}")
-[ "${1:-build}" = fuzz ] && packages+=("${fuzz[@]}")
 
 missing=()
 for package in "${packages[@]}"; do
@@ -23,6 +22,15 @@ if [ "$(id -u)" -ne 0 ]; then
     command -v sudo >/dev/null || { echo "install_packages: run as root, or install: ${missing[*]}" >&2; exit 1; }
     as_root=(sudo)
 fi
+# The tests start a snmpd of their own. To keep that of the package from being started as a service, for the time of the
+# install the programs that would start it do nothing.
+stubs=$(mktemp -d)
+trap 'rm -rf "$stubs"' EXIT
+chmod 755 "$stubs"
+ln -s /bin/true "$stubs/invoke-rc.d"
+ln -s /bin/true "$stubs/deb-systemd-invoke"
+
 echo "Installing ${missing[*]}"
 "${as_root[@]}" apt-get update -qq
-"${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+"${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends \
+    -o "DPkg::Path=$stubs:/usr/sbin:/usr/bin:/sbin:/bin" "${missing[@]}" >/dev/null
