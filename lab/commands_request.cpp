@@ -67,12 +67,19 @@ Queues a request of any type with any members, unchecked, and tells the agent th
 seconds. Prints the request's id.
 
   --agent KEY       the agent that fetches it
-  --type TYPE       REQUEST_TYPE, such as TEST_MONITOR
+  --type TYPE       REQUEST_TYPE, such as SNMP_TEST_MONITOR
   --id ID           AGENT_REQUEST_ID; a number by default
   --set NAME=VALUE  another member; may be given several times
   --state DIR       the agent's state directory, by default KVAGENT_STATE_DIR, else the usual one; RequestAvailable is
                     set to YES in the registry there, which has to be that of the agent
   --no-flag         only queue: for an agent on another machine, or one that this server has not heard of yet
+
+Types about SNMP devices, and their members:
+
+  SNMP_TEST_MONITOR, GET_INSTANCE_DATA
+                         as the SNMP record of a plan: PROTOCOL, DEVICE_NAME, SNMP_PORT, SNMP_VERSION, COMMUNITY, OID,
+                         POLL_ID, AGENT_KEY, POLICY_NAME, IS_MULTIPLE_POLLED_DATA
+  DISCOVER_SNMP_DEVICES  DEVICE_NAME, SNMP_PORT, SNMP_TIMEOUT (seconds), COMMUNITY ("public" by default)
 )"},
         {"request list",
          {{"--database", 1}, {"--agent", 1}},
