@@ -1,5 +1,5 @@
 // Host names, IPv4 addresses and datagrams. Errors are system error numbers; hostNotFound when a name or address is
-// unknown.
+// unknown, invalidHandle for a socket that is closed or 0.
 #pragma once
 
 #include <array>
@@ -59,7 +59,8 @@ struct SocketOperations {
                         std::size_t& sent)>
         sendto;
 
-    /// Receives one datagram, waiting for it if need be. What does not fit into capacity is lost.
+    /// Receives one datagram; busy when there is none. This may be so right after select has told of one: the system
+    /// may have found it damaged since. What does not fit into capacity is lost, which is an error on some systems.
     std::function<Error(SocketHandle socket, void* buffer, std::size_t capacity, SocketAddress& peer,
                         std::size_t& received)>
         recvfrom;

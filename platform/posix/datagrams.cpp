@@ -102,7 +102,7 @@ Error ReceiveDatagram(SocketHandle socket, void* buffer, std::size_t capacity, S
     sockaddr_in system{};
     socklen_t size = sizeof system;
     auto* generic = reinterpret_cast<sockaddr*>(&system);
-    const ssize_t result = ::recvfrom(DescriptorOf(socket), buffer, capacity, 0, generic, &size);
+    const ssize_t result = ::recvfrom(DescriptorOf(socket), buffer, capacity, MSG_DONTWAIT, generic, &size);
     if (result < 0) return ErrorFromErrno(errno);
     peer = AddressOf(system);
     received = static_cast<std::size_t>(result);
