@@ -152,6 +152,7 @@ void RotateLogger(std::optional<std::u16string_view> name) {
     logState.gv_logMaxSize = defaultMaxSize;
     logState.gv_logPath = binPath + std::u16string(name.value_or(u"..\\logs\\agent.log"));
     logState.rotate = RotateLogFile;
+    logState.isToolkitLog = false;
     RotateLogFile(0);
     // The configured limits hold from here on; the rotation at start goes by the defaults.
     std::uint32_t maxSize = defaultMaxSize;

@@ -19,7 +19,8 @@ constexpr std::uint32_t lostLockAge = 300;  // seconds after which the purge tak
 
 std::once_flag mutexMade;
 platform::MutexHandle gv_lockTableMutex = 0;
-ResourceLockEntry* lockTable = nullptr;  // new entries at the tail
+ResourceLockEntry* lockTable = nullptr;     // new entries at the tail
+ResourceLockEntry* spareEntries = nullptr;  // for the next locks; as many as were ever held at once
 std::atomic<int> lockBackoff{0};
 
 /// Holds gv_lockTableMutex; nothing else is called while it is held.
@@ -44,7 +45,16 @@ ResourceLockEntry** FindLink(const void* resource) {
 void RemoveAt(ResourceLockEntry** link) {
     ResourceLockEntry* entry = *link;
     *link = entry->next;
-    delete entry;
+    entry->next = spareEntries;
+    spareEntries = entry;
+}
+
+/// Null when memory ran out.
+ResourceLockEntry* TakeEntry() {
+    ResourceLockEntry* entry = spareEntries;
+    if (!entry) return new (std::nothrow) ResourceLockEntry{};
+    spareEntries = entry->next;
+    return entry;
 }
 
 std::uint32_t UpTimeNow() { return static_cast<std::uint32_t>(GetUpTimeSeconds(0)); }
@@ -52,8 +62,10 @@ std::uint32_t UpTimeNow() { return static_cast<std::uint32_t>(GetUpTimeSeconds(0
 int TryLock(const void* resource) {
     ResourceLockEntry** link = FindLink(resource);
     if (*link) return lockBusy;
-    *link = new (std::nothrow) ResourceLockEntry{resource, 0, UpTimeNow(), nullptr};
-    return *link ? lockAcquired : lockBusy;
+    *link = TakeEntry();
+    if (!*link) return lockBusy;
+    **link = {resource, 0, UpTimeNow(), nullptr};
+    return lockAcquired;
 }
 
 int Release(const void* resource) {

@@ -7,6 +7,7 @@
 
 #include "foundation/agent_state.h"
 #include "foundation/log.h"
+#include "platform/sockets.h"
 #include "snmp/snmp_manager.h"
 #include "snmp/toolkit_log.h"
 #include "tests/support/snmp_devices.h"
@@ -118,24 +119,25 @@ TEST_F(SnmpManager, ReadsSnmpdInBothVersions) {
 }
 
 TEST_F(SnmpManager, TakesEveryTypeFromTheSimulator) {
-    const SnmpSimulator device({{"types",
-                                 "1.3.6.1.9.1|2|-2147483648\n"
-                                 "1.3.6.1.9.2|4|two words\n"
-                                 "1.3.6.1.9.3|4x|00ff80\n"
-                                 "1.3.6.1.9.4|4|\n"
-                                 "1.3.6.1.9.5|6|1.3.6.1.4.1.8072.2147483647\n"
-                                 "1.3.6.1.9.6|64|10.0.0.255\n"
-                                 "1.3.6.1.9.7|65|4294967295\n"
-                                 "1.3.6.1.9.8|66|2147483648\n"
-                                 "1.3.6.1.9.9|67|0\n"
-                                 "1.3.6.1.9.10|68x|9f78\n"
-                                 "1.3.6.1.9.11|70|9223372036854775807\n"
-                                 "1.3.6.1.9.12|70|9223372036854775808\n"
-                                 "1.3.6.1.9.13|70|18446744073709551615\n"}});
+    const std::map<std::string, std::string> types{{"types",
+                                                    "1.3.6.1.9.1|2|-2147483647\n"
+                                                    "1.3.6.1.9.2|4|two words\n"
+                                                    "1.3.6.1.9.3|4x|00ff80\n"
+                                                    "1.3.6.1.9.4|4|\n"
+                                                    "1.3.6.1.9.5|6|1.3.6.1.4.1.8072.2147483647\n"
+                                                    "1.3.6.1.9.6|64|10.0.0.255\n"
+                                                    "1.3.6.1.9.7|65|4294967295\n"
+                                                    "1.3.6.1.9.8|66|2147483648\n"
+                                                    "1.3.6.1.9.9|67|0\n"
+                                                    "1.3.6.1.9.10|68x|9f78\n"
+                                                    "1.3.6.1.9.11|70|9223372036854775807\n"
+                                                    "1.3.6.1.9.12|70|9223372036854775808\n"
+                                                    "1.3.6.1.9.13|70|18446744073709551615\n"}};
+    const SnmpSimulator device(types);
     const Ask walk{.port = device.port(), .type = snmpWalk, .oids = {".1.3.6.1.9"}, .community = "types"};
     const SnmpResponsePtr response(Send(walk));
     ASSERT_EQ(Shown(response.get()),
-              std::string_view("1: .1.3.6.1.9.1 2:-2147483648, .1.3.6.1.9.2 4:two words, .1.3.6.1.9.3 4:, "
+              std::string_view("1: .1.3.6.1.9.1 2:-2147483647, .1.3.6.1.9.2 4:two words, .1.3.6.1.9.3 4:, "
                                ".1.3.6.1.9.4 4:(none), .1.3.6.1.9.5 6:.1.3.6.1.4.1.8072.2147483647, "
                                ".1.3.6.1.9.6 64:10.0.0.255, .1.3.6.1.9.7 65:4294967295, .1.3.6.1.9.8 66:2147483648, "
                                ".1.3.6.1.9.9 67:0, .1.3.6.1.9.10 68:\x9Fx, .1.3.6.1.9.11 70:9223372036854775807, "
@@ -285,22 +287,23 @@ TEST_F(SnmpManager, ServesSeveralThreadsAtOnce) {
 
 TEST_F(SnmpManager, StartsItselfWhenTheServerHasClearedTheFlag) {
     const SnmpDaemon device("sysName tower");
+    const std::filesystem::path ownLog = folder / "monitoring" / "logs" / "SNMP_agent.log";
     const Ask ask{.port = device.port(), .oids = {sysName}};
     EXPECT_EQ(Answer(ask), "1: .1.3.6.1.2.1.1.5.0 4:tower");
-    EXPECT_FALSE(std::filesystem::exists(folder / "logs" / "SNMP_agent.log")) << "a running agent's flag is set";
+    EXPECT_FALSE(std::filesystem::exists(ownLog)) << "a running agent's flag is set";
 
     agentState.gv_agentRunFlag = 0x0100;
-    std::filesystem::create_directory(folder / "logs" / "SNMP_agent.log");
+    std::filesystem::create_directory(ownLog);
     EXPECT_EQ(Answer(ask), "nothing") << "a log that cannot be opened";
     EXPECT_EQ(agentState.gv_agentRunFlag, 0x0100);
-    std::filesystem::remove(folder / "logs" / "SNMP_agent.log");
+    std::filesystem::remove(ownLog);
     Log1("before");
     logState.gv_logLevel = 3;
     EXPECT_EQ(Answer(ask), "1: .1.3.6.1.2.1.1.5.0 4:tower");
     EXPECT_EQ(agentState.gv_agentRunFlag, 0x0101);
     logState.gv_logMaxSize = 1;
     Log1("after");
-    const std::string log = Read(folder / "logs" / "SNMP_agent.log");
+    const std::string log = Read(ownLog);
     EXPECT_THAT(log, StartsWith("Sablewire Agent Toolkit 6.4.0 \n"));
     EXPECT_THAT(log, HasSubstr("Sending PDU to : 127.0.0.1 at"));
     EXPECT_THAT(log, HasSubstr(" after"));
@@ -309,7 +312,7 @@ TEST_F(SnmpManager, StartsItselfWhenTheServerHasClearedTheFlag) {
 
     snmp::WriteToolkitLine(std::string(5'242'879 - log.size(), '.'));
     snmp::WriteToolkitLine("over");
-    EXPECT_EQ(Read(folder / "logs" / "SNMP_agent.log"), "over") << "begun anew at its limit";
+    EXPECT_EQ(Read(ownLog), "over") << "begun anew at its limit";
 }
 
 }  // namespace
