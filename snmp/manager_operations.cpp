@@ -146,8 +146,13 @@ WalkStep MoveOn(Walk& walk, const TkVector& answer) {
     return WalkStep::next;
 }
 
+bool IsSameOid(const std::vector<std::uint32_t>& a, const std::vector<std::uint32_t>& b) {
+    return CompareOid(a.data(), static_cast<std::int32_t>(a.size()), b.data(), static_cast<std::int32_t>(b.size())) ==
+           0;
+}
+
 bool IsBackAtLandmark(Walk& walk) {
-    if (walk.current == walk.landmark) return true;
+    if (IsSameOid(walk.current, walk.landmark)) return true;
     if (--walk.answersToNext == 0) {
         walk.landmark = walk.current;
         walk.answersOfThis *= 2;
@@ -162,7 +167,7 @@ WalkStep TakeWalkAnswer(Walk& walk, TkVector* answer, TkVector* values) {
     const std::vector<std::uint32_t> asked = walk.current;
     const WalkStep step = MoveOn(walk, *answer);
     if (step != WalkStep::next) return step;
-    if (walk.current == asked) {
+    if (IsSameOid(walk.current, asked)) {
         Log1("\t SnmpWalkOperation :: %s gives back the OID that it was asked from. The walk ends with %d values \n",
              walk.request.host, values->count);
         return WalkStep::finished;

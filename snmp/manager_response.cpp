@@ -1,6 +1,6 @@
-#include <array>
 #include <cstdio>
 #include <cstring>
+#include <new>
 
 #include "snmp/asn.h"
 #include "snmp/manager_operations.h"
@@ -20,6 +20,12 @@ NarrowText CopyBytes(const void* bytes, std::int32_t length) {
     std::memcpy(text.get(), bytes, size);
     text[size] = '\0';
     return text;
+}
+
+NarrowText CopyText(const char* text) {
+    NarrowText copy;
+    if (AllocateAndCopyString(copy, text) == 99) throw std::bad_alloc();
+    return copy;
 }
 
 NarrowText OidText(const std::uint32_t* subIds, std::int32_t count, std::int32_t* result) {
@@ -45,7 +51,7 @@ NarrowText ValueText(const VarBind& varBind, std::int32_t* length) {
         case tag::ipAddress: {
             const auto* address = static_cast<const char*>(varBind.value);
             *length = varBind.valueLength;
-            return CopyBytes(address, static_cast<std::int32_t>(std::strlen(address)));
+            return CopyText(address);
         }
         default:
             *length = varBind.valueLength;
@@ -80,10 +86,8 @@ SnmpResponsePtr MakeResponse(const char* const* oids, std::int32_t oidCount, std
     response->requestType = requestType;
     response->oids = new char* [count] {};
     response->results = new SnmpVarList* [count] {};
-    for (; response->oidCount < oidCount; ++response->oidCount) {
-        const char* oid = oids[response->oidCount];
-        response->oids[response->oidCount] = CopyBytes(oid, static_cast<std::int32_t>(std::strlen(oid))).release();
-    }
+    for (; response->oidCount < oidCount; ++response->oidCount)
+        response->oids[response->oidCount] = CopyText(oids[response->oidCount]).release();
     return response;
 }
 
