@@ -1,1 +1,224 @@
+// The codec: every form read, cut at every length and written again; what is refused, and in which words.
+#include <algorithm>
+#include <memory>
+
 #include "snmp/asn.h"
+#include "snmp/toolkit_log.h"
+#include "tests/support/snmp_devices.h"
+#include "tests/support/test_agent.h"
+
+namespace kv::snmp {
+namespace {
+
+using test::FromHex;
+using Position = const std::uint8_t*;
+using SubIds = std::vector<std::uint32_t>;
+
+enum class K { integer, word, string, bits, null, oid, varBind };
+
+std::string Repeated(const char* hex, int times) {
+    std::string all;
+    while (times-- > 0) all += hex;
+    return all;
+}
+
+std::string Dotted(const SubIds& subIds, std::int32_t count) {
+    std::string text;
+    for (std::int32_t i = 0; i < count; ++i) text += "." + std::to_string(subIds[static_cast<std::size_t>(i)]);
+    return text;
+}
+
+/// The value's part of a variable named 1.3, built in ever more room until it fits; empty when it never does.
+std::string Written(std::uint8_t tag, const void* value, std::size_t length, std::int32_t room = 0) {
+    const SubIds name{1, 3};
+    for (const std::int32_t count = 2; room < 300; ++room) {
+        std::vector<std::uint8_t> buffer(static_cast<std::size_t>(room));
+        std::int32_t left = room;
+        const Position end =
+            SnmpBuildVarBind(buffer.data(), name.data(), &count, tag, static_cast<std::int32_t>(length), value, &left);
+        if (!end) continue;
+        EXPECT_EQ(end + left, buffer.data() + room);
+        const std::string bytes(buffer.begin(), buffer.end() - left);
+        EXPECT_EQ(bytes.substr(0, 7), FromHex("30 82 00") + static_cast<char>(bytes.size() - 4) + FromHex("06 01 2b"));
+        return bytes.substr(7);
+    }
+    return "";
+}
+
+/// What a parser made of an item: its values as text, and the item written again.
+struct Outcome {
+    std::string values = {};
+    Position next = nullptr;
+    std::int32_t remaining = 0;
+    std::string rewritten = {};
+};
+
+Outcome Parsed(K kind, Position item, std::int32_t left) {
+    std::uint8_t tag = 0;
+    std::int32_t number = 0, count = 7;
+    std::uint32_t word = 0;
+    std::size_t size = 130;
+    const auto bytes = std::make_unique<std::uint8_t[]>(size);
+    SubIds subIds(7, 99);
+    Position next = nullptr, value = nullptr;
+    const auto done = [&](const std::string& values, const void* from, std::size_t length) {
+        return next ? Outcome{std::to_string(tag) + ": " + values, next, left, Written(tag, from, length)} : Outcome{};
+    };
+    switch (kind) {
+        case K::integer:
+            next = AsnParseInteger(item, &left, &tag, &number, 4);
+            return done(std::to_string(number), &number, 4);
+        case K::word:
+            next = AsnParseUnsigned(item, &left, &tag, &word, 4);
+            return done(std::to_string(word), &word, 4);
+        case K::string:
+        case K::bits:
+            next = (kind == K::bits ? AsnParseBitString : AsnParseString)(item, &left, &tag, bytes.get(), &size);
+            return done(std::to_string(size), bytes.get(), size);
+        case K::null:
+            next = AsnParseNull(item, &left, &tag);
+            return done("", nullptr, 0);
+        case K::oid:
+            next = AsnParseObjectId(item, &left, &tag, subIds.data(), &count);
+            return done(Dotted(subIds, count), subIds.data(), 4 * static_cast<std::size_t>(count));
+        default:
+            next = SnmpParseVarBind(item, subIds.data(), &count, &tag, &number, &value, &left);
+            return done(Dotted(subIds, count), next ? AsnSkipHeader(value) : nullptr, static_cast<std::size_t>(number));
+    }
+}
+
+struct Row {
+    const char* title;
+    K kind;
+    std::string hex;
+    const char* outcome;              // tag and values; of a refused item, the lines logged
+    const char* rewritten = nullptr;  // hex; null for the same bytes, empty for none
+    int behind = 0;                   // the bytes behind the end
+};
+
+struct Asn : test::TestAgent {
+    Asn() { toolkitLogLevel = 1; }
+    ~Asn() override { toolkitLogLevel = 0; }
+
+    /// Offers a row's first bytes, in a buffer that ends where a parser may look no further.
+    static void Offer(const Row& row, std::int32_t size, int behind, bool succeeds) {
+        const auto held = static_cast<std::size_t>(std::max(size, 0));
+        std::vector<std::uint8_t> buffer(held + asnReadAhead, static_cast<std::uint8_t>(behind));
+        const std::string bytes = FromHex(row.hex);
+        std::copy_n(bytes.begin(), held, buffer.begin());
+        const Outcome outcome = Parsed(row.kind, buffer.data(), size);
+        EXPECT_EQ(outcome.values, succeeds ? row.outcome : "") << size << " bytes, then " << behind;
+        EXPECT_EQ(outcome.next, succeeds ? buffer.data() + held : nullptr);
+        EXPECT_EQ(outcome.remaining, 0);
+        EXPECT_EQ(outcome.rewritten, !succeeds ? "" : row.rewritten ? FromHex(row.rewritten) : bytes);
+    }
+};
+
+TEST_F(Asn, ReadsEveryFormWholeOnlyAndWritesTheShortest) {
+    toolkitLogLevel = 0;
+    for (const Row& row : std::vector<Row>{
+             {"-1 is one byte", K::integer, "02 01 ff", "2: -1"},
+             {"128 needs a sign byte", K::integer, "02 02 00 80", "2: 128"},
+             {"128 in four bytes", K::integer, "02 04 00 00 00 80", "2: 128", "02 02 00 80"},
+             {"-129", K::integer, "02 02 ff 7f", "2: -129"},
+             {"least", K::integer, "02 84 00 00 00 04 80 00 00 00", "2: -2147483648", "02 04 80 00 00 00"},
+             {"a tag of more bytes goes unnoticed", K::integer, "1f 01 05", "31: 5", ""},
+             {"no content, 7f behind", K::integer, "02 00", "2: 0", "02 01 00", 0x7f},
+             {"no content, 80 behind", K::integer, "02 00", "2: -1", "02 01 ff", 0x80},
+             {"bit 31", K::word, "42 05 00 80 00 00 00", "66: 2147483648"},
+             {"bit 31 without the 00", K::word, "41 04 80 00 00 00", "65: 2147483648", "41 05 00 80 00 00 00"},
+             {"the sign is extended", K::word, "43 01 80", "67: 4294967168", "43 05 00 ff ff ff 80"},
+             {"seven bytes, length 81", K::string, "04 81 04 61 62 63 64", "4: 4", "04 04 61 62 63 64"},
+             {"longest with a short length", K::string, "44 7f" + Repeated("61", 127), "68: 127"},
+             {"shortest with a long length", K::string, "40 81 80" + Repeated("61", 128), "64: 128"},
+             {"seven bits unused", K::bits, "03 02 07 80", "3: 2"},
+             {"exception, four length bytes", K::null, "82 84 00 00 00 00", "130: ", "82 00"},
+             {"1.3.6.1", K::oid, "06 03 2b 06 01", "6: .1.3.6.1"},
+             {"first is 3", K::oid, "06 01 78", "6: .3.0"},
+             {"largest of each size", K::oid, "06 10 77 7f ff7f ffff7f ffffff7f 8fffffff7f",
+              "6: .2.39.127.16383.2097151.268435455.4294967295"},
+             {"least of each size", K::oid, "06 0f 27 8100 818000 81808000 8180808000",
+              "6: .0.39.128.16384.2097152.268435456"},
+             {"padded, wrapped, broken off", K::oid, "06 0a 2b 8005 9fffffff7f 8182", "6: .1.3.5.4294967295.130",
+              "06 09 2b 05 8fffffff7f 8102"},
+             {"no sub-identifier", K::oid, "06 00", "6: .0", "06 01 00"},
+             {"variable", K::varBind, "30 82 00 0a 06 03 2b 06 01 04 03 61 62 63", "4: .1.3.6.1", "04 03 61 62 63"},
+         }) {
+        SCOPED_TRACE(row.title);
+        const auto size = static_cast<std::int32_t>(FromHex(row.hex).size());
+        Offer(row, size, row.behind, true);
+        for (std::int32_t cut = -1; cut < size; ++cut) {
+            for (const int behind : {0x00, 0xff, 0x84}) Offer(row, cut, behind, false);
+        }
+    }
+}
+
+TEST_F(Asn, SaysWhatItRefuses) {
+    for (const Row& row : std::vector<Row>{
+             {"five length bytes", K::string, "04 85 00 00 00 00 00", "we can't support data lengths that long"},
+             {"length that wraps", K::varBind, "30 84 ff ff ff fd 00 00", "asn length too longNo header for variable"},
+             {"length is negative", K::string, "04 84 80 00 00 00 00", "overflow of message"},
+             {"indefinite integer", K::word, "41 80", "We don't support indefinite lengthsbad length"},
+             {"five bytes", K::integer, "02 05 00 80 00 00 00", "I don't support such large integers"},
+             {"five bytes without 00", K::word, "41 05 01 00 00 00 00", "I don't support such large integers"},
+             {"long string", K::string, "04 81 83" + Repeated("61", 131), "I don't support such long strings"},
+             {"long bit string", K::bits, "03 81 83" + Repeated("0", 262), "I don't support such long bitstrings"},
+             {"eight bits unused", K::bits, "03 02 08 00", "Invalid bitstring"},
+             {"null with content", K::null, "05 01 00", "Malformed NULL"},
+             {"no header", K::varBind, "3f 00", "can't process ID >= 30No header for variable"},
+             {"name is a string", K::varBind, "30 07 04 03 2b 06 01 05 00", ""},
+             {"name is too long", K::varBind, "30 07 06 06 2b 06 01 05 00", "overflow of messageNo OID for variable"},
+             {"value goes on behind it", K::varBind, "30 07 06 03 2b 06 01 04 01 61", "No header for value"},
+         }) {
+        SCOPED_TRACE(row.title);
+        const std::size_t logged = LogText().size();
+        Offer(row, static_cast<std::int32_t>(FromHex(row.hex).size()), 0, false);
+        EXPECT_EQ(LogText().substr(logged), row.outcome);
+    }
+}
+
+TEST_F(Asn, LeavesSubIdentifiersThatHaveNoRoom) {
+    const std::string bytes = FromHex("06 81 80" + Repeated("01", 128)) + std::string(asnReadAhead, '\0');
+    const auto* begin = reinterpret_cast<const std::uint8_t*>(bytes.data());
+    SubIds subIds(128);
+    std::int32_t remaining = 131, count = 128;
+    std::uint8_t tag = 0;
+    EXPECT_EQ(AsnParseObjectId(begin, &remaining, &tag, subIds.data(), &count), begin + 3 + 127);
+    EXPECT_EQ(remaining, 0);
+    EXPECT_EQ(Dotted(subIds, count), ".0" + Repeated(".1", 127));
+}
+
+TEST_F(Asn, WritesValuesByTheirTag) {
+    const std::string refused = "Can't build value";
+    const struct {
+        std::uint8_t tag;
+        SubIds value;
+        std::size_t length;
+        std::string outcome;  // hex, or the lines logged
+    } rows[]{{0x02, {1, 1}, 8, refused},
+             {0x02, {}, 4, refused},
+             {0x03, {0x08080808}, 2, "Building invalid bitstring" + refused},
+             {0x04, {}, 0, "04 00"},
+             {0x04, {0}, SIZE_MAX, refused},
+             {0x06, {7}, 4, "06 01 00"},
+             {0x06, SubIds(132, 1), 528, "06 81 83 29" + Repeated("01", 130)},
+             {0x06, SubIds(133, 1), 532, "can't build an OID of 133 sub-identifiers, 132 are the most" + refused},
+             {0x46, {0xffffffff, 0xfffffffe}, 8, "46 09 00 ff ff ff ff ff ff ff fe"},
+             {0x46, {0x7fffff, 1}, 8, "46 07 7f ff ff 00 00 00 01"},
+             {0x46, {0, 0}, 8, "46 01 00"},
+             {0x48, {0}, 4, "wrong type"}};
+    for (const auto& row : rows) {
+        const std::size_t logged = LogText().size();
+        const std::string bytes = Written(row.tag, row.value.empty() ? nullptr : row.value.data(), row.length, 299);
+        const std::string lines = LogText().substr(logged);
+        EXPECT_TRUE(lines.empty() ? bytes == FromHex(row.outcome) : lines == row.outcome) << lines << row.outcome;
+    }
+    for (const auto& [length, header] : {std::pair(255u, "04 81 ff"), {256u, "04 82 01 00"}, {65537u, "04 82 00 01"}}) {
+        std::uint8_t buffer[4];
+        std::int32_t left = 4;
+        EXPECT_EQ(std::string(buffer, AsnBuildHeader(buffer, &left, 0x04, length)), FromHex(header));
+    }
+}
+
+}  // namespace
+}  // namespace kv::snmp
