@@ -1,13 +1,27 @@
 #include "foundation/hash_table.h"
 
 #include <algorithm>
+#include <memory>
 #include <new>
+#include <unordered_map>
+#include <utility>
 
 #include "foundation/text.h"
 
 namespace kv {
 
+/// The entries of a table's one bucket by their keys, whose characters are the entries' own. Only what changes the
+/// table makes and changes it, so several threads may search a table that is no longer changed.
+struct KeyIndex {
+    std::unordered_map<std::u16string_view, HashEntry*> entries;
+    HashEntry* last = nullptr;
+    bool hasEqualKeys = false;  // a key has been put with a zero character in it, before which it is another's equal
+};
+
 namespace {
+
+/// Up to so many keys are searched one by one.
+constexpr std::int32_t fewKeys = 64;
 
 HashEntry* FirstEntry(const HashTable* table, std::u16string_view key) { return table->buckets[HashOfKey(table, key)]; }
 
@@ -47,6 +61,53 @@ bool FillEntry(HashEntry* entry, std::u16string_view key, Word value, ValueType 
     return true;
 }
 
+void DropIndex(HashTable* table) { delete std::exchange(table->index, nullptr); }
+
+void AddToIndex(KeyIndex& index, HashEntry* entry) {
+    // Of equal keys the first counts, as in a search.
+    if (!index.entries.emplace(entry->key, entry).second) index.hasEqualKeys = true;
+    index.last = entry;
+}
+
+/// Makes the index of a table, or adds a new entry to it. Without memory for it the table goes on without.
+void IndexEntry(HashTable* table, HashEntry* added) {
+    try {
+        if (table->index) return AddToIndex(*table->index, added);
+        auto index = std::make_unique<KeyIndex>();
+        for (HashEntry* entry = table->buckets[0]; entry; entry = entry->next) AddToIndex(*index, entry);
+        table->index = index.release();
+    } catch (const std::bad_alloc&) {
+        DropIndex(table);
+    }
+}
+
+/// Takes an entry that has one before or behind it out of the index; a later one of an equal key takes its place.
+void RemoveFromIndex(KeyIndex& index, HashEntry* entry, HashEntry* previous) {
+    auto node = index.entries.extract(entry->key);
+    if (index.last == entry) index.last = previous;
+    if (!index.hasEqualKeys) return;
+    for (HashEntry* later = entry->next; later; later = later->next) {
+        if (!HasKey(later, node.key())) continue;
+        node.key() = later->key;
+        node.mapped() = later;
+        index.entries.insert(std::move(node));
+        return;
+    }
+}
+
+/// Puts a new entry behind the last of its bucket, which is not empty.
+void LinkLast(HashTable* table, HashEntry* added) {
+    if (table->index) {
+        table->index->last->next = added;
+        return IndexEntry(table, added);
+    }
+    HashEntry* last = FirstEntry(table, added->key);
+    std::int32_t count = 2;
+    for (; last->next; last = last->next) ++count;
+    last->next = added;
+    if (count > fewKeys && table->size == 1) IndexEntry(table, added);
+}
+
 /// Frees every entry of a table and the table; releaseValue gets each value with its type.
 template <class Release>
 void FreeTable(HashTable* table, Release releaseValue) {
@@ -59,6 +120,7 @@ void FreeTable(HashTable* table, Release releaseValue) {
             entry = next;
         }
     }
+    DropIndex(table);
     delete[] table->buckets;
     delete table;
 }
@@ -83,6 +145,7 @@ std::int32_t HashOfKey(const HashTable* table, std::u16string_view key) {
 
 int InitHashTable(HashTable* table, std::int32_t size) {
     table->size = std::max(size, 1);
+    table->index = nullptr;
     table->buckets = new (std::nothrow) HashEntry* [static_cast<std::size_t>(table->size)] {};
     if (!table->buckets) return 0;
     for (std::int32_t i = 0; i < table->size; ++i) {
@@ -97,23 +160,22 @@ int InitHashTable(HashTable* table, std::int32_t size) {
 }
 
 int PutHashValue(HashTable* table, std::u16string_view key, Word value, ValueType type) {
-    HashEntry* entry = FirstEntry(table, key);
-    if (!entry->key) return FillEntry(entry, key, value, type) ? 1 : 0;
-    while (!HasKey(entry, key) && entry->next) entry = entry->next;
-    if (HasKey(entry, key)) {
+    if (HashEntry* entry = GetHashEntry(table, key)) {
         if (!StoredValue(value, type)) return 0;
         // The replaced value is not released: callers keep pointers to values that they have read.
         entry->value = value;
         entry->type = type;
         return 1;
     }
+    HashEntry* first = FirstEntry(table, key);
+    if (!first->key) return FillEntry(first, key, value, type) ? 1 : 0;
     HashEntry* added = new (std::nothrow) HashEntry{};
     if (!added) return 0;
     if (!FillEntry(added, key, value, type)) {
         delete added;
         return 0;
     }
-    entry->next = added;
+    LinkLast(table, added);
     return 1;
 }
 
@@ -123,6 +185,10 @@ int PutHashText(HashTable* table, std::u16string_view key, std::u16string_view t
 }
 
 HashEntry* GetHashEntry(const HashTable* table, std::u16string_view key) {
+    if (table->index) {
+        const auto found = table->index->entries.find(key);
+        return found == table->index->entries.end() ? nullptr : found->second;
+    }
     for (HashEntry* entry = FirstEntry(table, key); entry; entry = entry->next) {
         if (HasKey(entry, key)) return entry;
     }
@@ -148,25 +214,26 @@ int ContainsHashKey(const HashTable* table, std::u16string_view key) { return Ge
 
 int RemoveHashKey(HashTable* table, std::u16string_view key) {
     HashEntry*& first = table->buckets[HashOfKey(table, key)];
-    if (HasKey(first, key)) {
-        if (first->next) {
-            // The old head and its key are not freed: whoever holds a key of this table may be holding this one.
-            first = first->next;
-        } else {
-            FreeText(first->key);
-            *first = HashEntry{};
-        }
-        return 1;
-    }
-    for (HashEntry* previous = first; previous->next; previous = previous->next) {
-        HashEntry* entry = previous->next;
-        if (!HasKey(entry, key)) continue;
-        previous->next = entry->next;
+    HashEntry* previous = nullptr;
+    HashEntry* entry = first;
+    while (entry && !HasKey(entry, key)) previous = std::exchange(entry, entry->next);
+    if (!entry) return 0;
+    if (!previous && !entry->next) {
+        DropIndex(table);
         FreeText(entry->key);
-        delete entry;
+        *entry = HashEntry{};
         return 1;
     }
-    return 0;
+    if (table->index) RemoveFromIndex(*table->index, entry, previous);
+    if (!previous) {
+        // The old head and its key are not freed: whoever holds a key of this table may be holding this one.
+        first = entry->next;
+        return 1;
+    }
+    previous->next = entry->next;
+    FreeText(entry->key);
+    delete entry;
+    return 1;
 }
 
 std::int32_t CountHashKeys(const HashTable* table) {

@@ -4,6 +4,8 @@
 // Every table of the agent is made with one bucket, so keys come back in the order of their first insertion; whatever
 // writes records out relies on that. Keys are compared exactly. A table has no lock: it belongs to one thread at a
 // time, or is no longer changed.
+//
+// A table of many keys keeps an index beside its bucket, so that finding a key does not take longer as it grows.
 #pragma once
 
 #include <cstdint>
@@ -22,9 +24,12 @@ struct HashEntry {
     HashEntry* next;
 };
 
+struct KeyIndex;
+
 struct HashTable {
     HashEntry** buckets;  // each starts with a head entry, which has no key while the bucket is empty
     std::int32_t size;    // buckets, at least 1
+    KeyIndex* index;      // owned; null while there are few keys or several buckets
 };
 
 /// 1, or 0 when memory ran out. A size of 0 is taken as 1. The table is freed by one of the two free operations.
