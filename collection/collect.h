@@ -15,7 +15,8 @@ void CollectAndSaveData(void* argument);
 /// Runs one WMI query and writes its record file.
 void ExecuteWMIQuery(const OptionalText& nameSpace, std::u16string_view wmiQuery, std::u16string_view name);
 
-/// Polls one SNMP record. Not built yet: it says so in the log.
+/// Polls one SNMP record and writes its record file, also when the poll failed. With isTest "true" (any case) the
+/// record is a request, and the result is posted to the server in place of a file.
 void CollectSNMPData(const HashTable* record, std::u16string_view isTest);
 
 /// Runs a script of "..\conf\scripts\"; with viewOutput "true" (any case) its output becomes a record file. 0 always.

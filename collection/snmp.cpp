@@ -1,12 +1,54 @@
 #include "collection/collect.h"
+#include "collection/record_file.h"
+#include "collection/snmp_query.h"
+#include "exchange/request_servlet.h"
+#include "foundation/agent_state.h"
 #include "foundation/log.h"
+#include "foundation/time_utils.h"
+#include "jsontext/hash_json.h"
 
 namespace kv {
 
-void CollectSNMPData(const HashTable* record, std::u16string_view /*isTest*/) {
+namespace {
+
+void PutMemberIfPresent(HashTable* table, std::u16string_view key, const HashTable* record,
+                        std::u16string_view recordKey) {
+    if (const OptionalText text = SnmpMember(record, recordKey)) PutHashText(table, key, *text);
+}
+
+/// The members behind the values, in their order.
+void PutRecordMembers(HashTable* table, const HashTable* record) {
+    PutHashText(table, u"DATACOLLECTTIME", DecimalText(GetNowSeconds() + agentState.gv_timeDiff));
+    PutHashText(table, u"ID", SnmpMemberOr(record, u"POLL_ID", u""));
+    PutHashText(table, u"MSPCUSTOMERID", agentState.gv_custID.value_or(u""));
+    PutHashText(table, u"PROTOCOL", SnmpMemberOr(record, u"PROTOCOL", u""));
+    PutMemberIfPresent(table, u"AGENTKEY", record, u"AGENT_KEY");
+    PutMemberIfPresent(table, u"IS_MULTIPLE_POLLED_DATA", record, u"IS_MULTIPLE_POLLED_DATA");
+    PutMemberIfPresent(table, u"POLICY_NAME", record, u"POLICY_NAME");
+}
+
+void SendAnswer(HashTable* table, const HashTable* request) {
+    const std::u16string id = SnmpMemberOr(request, u"AGENT_REQUEST_ID", u"");
+    PutHashText(table, u"AGENT_REQUEST_ID", id);
+    PostRequestAnswer(SnmpMemberOr(request, u"REQUEST_TYPE", u""), id, HashToJSONString(table));
+}
+
+}  // namespace
+
+void CollectSNMPData(const HashTable* record, std::u16string_view isTest) {
     Log3("\t Inside CollectSNMPData() \n");
-    Log1("\t CollectSNMPData :: SNMP collection is not built yet: device %s is not polled \n",
-         GetHashText(record, u"DEVICE_NAME"));
+    const std::u16string dataDirectory = PrepareDataDirectory("CollectSNMPData");
+    const HashTablePtr table = MakeHashTable();
+    if (!table) {
+        Log1("\tInit Failed -- SystemInfo\n");
+        return;
+    }
+    const std::u16string status = ExecuteSNMPQuery(record, table.get());
+    PutHashText(table.get(), u"STATUS", status);
+    PutRecordMembers(table.get(), record);
+    if (CompareIgnoreCase(isTest, u"true") == 0) return SendAnswer(table.get(), record);
+    const std::u16string json = HashToJSONString(table.get());
+    if (WriteRecordFile(dataDirectory, json)) Log2("CollectSNMPData :: Snmp query output - %s\n", json);
 }
 
 }  // namespace kv

@@ -2,7 +2,10 @@
 
 #include <utility>
 
+#include "collection/collect.h"
 #include "exchange/http_transaction.h"
+#include "exchange/request_servlet.h"
+#include "exchange/snmp_discovery.h"
 #include "foundation/agent_state.h"
 #include "foundation/file_utils.h"
 #include "foundation/guarded.h"
@@ -88,6 +91,10 @@ void DeleteDevice(const HashTable* request, ListResult&) {
     if (fileExists(plan)) DeleteSlave(directory, plan);
 }
 
+void ReadSnmpData(const HashTable* request, ListResult&) { CollectSNMPData(request, u"true"); }
+
+void DiscoverDevice(const HashTable* request, ListResult&) { DiscoverSNMPDevices(request); }
+
 void ReportNotBuilt(const HashTable* request, ListResult&) {
     Log1("\t ParseRequestList :: Requests of type %s are not built yet. Request id : %s\n",
          GetHashText(request, u"REQUEST_TYPE"), GetHashText(request, u"AGENT_REQUEST_ID"));
@@ -95,9 +102,9 @@ void ReportNotBuilt(const HashTable* request, ListResult&) {
 
 constexpr std::pair<std::u16string_view, RequestHandler> handlers[] = {
     {u"TEST_MONITOR", ReportNotBuilt},          {u"START_SERVICE", ReportNotBuilt},
-    {u"STOP_SERVICE", ReportNotBuilt},          {u"SNMP_TEST_MONITOR", ReportNotBuilt},
-    {u"GET_INSTANCE_DATA", ReportNotBuilt},     {u"DOWNLOAD_QUERYCONF", DownloadQueryConf},
-    {u"DISCOVER_SNMP_DEVICES", ReportNotBuilt}, {u"DELETE_DEVICE", DeleteDevice},
+    {u"STOP_SERVICE", ReportNotBuilt},          {u"SNMP_TEST_MONITOR", ReadSnmpData},
+    {u"GET_INSTANCE_DATA", ReadSnmpData},       {u"DOWNLOAD_QUERYCONF", DownloadQueryConf},
+    {u"DISCOVER_SNMP_DEVICES", DiscoverDevice}, {u"DELETE_DEVICE", DeleteDevice},
 };
 
 void Dispatch(const HashTable* request, ListResult& result) {
@@ -170,10 +177,6 @@ bool LoadRequestList(HashTable* list, std::u16string_view fileName) {
 }
 
 }  // namespace
-
-std::u16string RequestServletUrl() {
-    return ConcatStrings(u"/servlets/DataAgentHandlerServlet?agentKey=", agentState.gv_agentKey.view());
-}
 
 bool ParseRequestList(std::u16string_view fileName) {
     const HashTablePtr list = MakeHashTable();

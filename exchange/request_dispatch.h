@@ -1,14 +1,9 @@
 // Serves a list of one-off requests, one after the other, by their REQUEST_TYPE.
 #pragma once
 
-#include <string>
 #include <string_view>
 
 namespace kv {
-
-/// Path and query of the server's side of all requests, up to this agent's key: what else is said follows as
-/// "&name=value".
-std::u16string RequestServletUrl();
 
 /// Serves the list in a file: JSON text in UTF-16LE, whose member "RequestList" is an array of objects, each a request.
 /// Each request with an AGENT_REQUEST_ID is marked by it in the registry value RequestID while it is served. One

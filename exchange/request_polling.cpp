@@ -5,6 +5,7 @@
 
 #include "exchange/http_transaction.h"
 #include "exchange/request_dispatch.h"
+#include "exchange/request_servlet.h"
 #include "foundation/agent_state.h"
 #include "foundation/file_utils.h"
 #include "foundation/guarded.h"

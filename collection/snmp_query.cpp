@@ -1,0 +1,171 @@
+#include "collection/snmp_query.h"
+
+#include <algorithm>
+#include <utility>
+#include <vector>
+
+#include "foundation/agent_state.h"
+#include "foundation/log.h"
+
+namespace kv {
+
+namespace {
+
+/// What a record asks of its device.
+struct SnmpQuery {
+    std::string host;
+    std::int32_t port = 0;
+    std::int32_t timeoutSeconds = 0;
+    std::string community;
+    std::int32_t requestType = snmpGet;
+    std::string version;
+    std::vector<std::string> oids;
+    bool retriesLeft = false;
+};
+
+/// How much of what was asked for an attempt has brought.
+enum class Answer { none, empty, cut, complete };
+
+/// The parts of a text between commas, those without characters left out.
+std::vector<std::string> Split(std::string_view text) {
+    std::vector<std::string> parts;
+    while (!text.empty()) {
+        const std::string_view part = text.substr(0, text.find(','));
+        if (!part.empty()) parts.emplace_back(part);
+        text.remove_prefix(std::min(part.size() + 1, text.size()));
+    }
+    return parts;
+}
+
+/// Reads a member that the query goes out with; false with a log line when it cannot be had in narrow text.
+bool ReadNarrow(const HashTable* record, std::u16string_view key, std::u16string_view fallback, std::string& text) {
+    if (ChangeWideToUtf8Str(SnmpMemberOr(record, key, fallback), text)) return true;
+    Log1("\t ExecuteSNMPQuery :: %s of a record of device %s is no text that can be sent \n", key,
+         SnmpMember(record, u"DEVICE_NAME"));
+    return false;
+}
+
+/// False with a log line when there is nothing to send.
+bool ReadQuery(const HashTable* record, SnmpQuery& query) {
+    const bool isWalk = CompareIgnoreCase(SnmpMember(record, u"IS_MULTIPLE_POLLED_DATA"), u"true") == 0;
+    query.requestType = isWalk ? snmpWalk : snmpGet;
+    query.retriesLeft = CompareIgnoreCase(SnmpMember(record, u"PROTOCOL"), u"SPOLL") == 0;
+    std::string oids;
+    if (!ReadNarrow(record, u"OID", u"", oids) || !ReadNarrow(record, u"DEVICE_NAME", u"", query.host) ||
+        !ReadNarrow(record, u"SNMP_VERSION", u"", query.version) ||
+        !ReadNarrow(record, u"COMMUNITY", u"public", query.community)) {
+        return false;
+    }
+    query.oids = Split(oids);
+    if (query.host.empty() || query.oids.empty()) {
+        Log1("\t ExecuteSNMPQuery :: a record without %s is not polled \n", query.host.empty() ? "device" : "OID");
+        return false;
+    }
+    query.port = SnmpPort(record);
+    query.timeoutSeconds = SnmpTimeout(record, std::u16string(agentState.gv_SNMPTimeout.view()));
+    return true;
+}
+
+/// Asks the device. A response that comes in place of the present one replaces it.
+Answer Ask(const SnmpQuery& query, SnmpResponsePtr& response) {
+    std::vector<const char*> oids;
+    for (const std::string& oid : query.oids) oids.push_back(oid.c_str());
+    SnmpResponseData* answer = SnmpManagerRequest(
+        query.host.c_str(), query.port, query.timeoutSeconds, query.community.c_str(), query.requestType,
+        query.version.c_str(), oids.data(), static_cast<std::int32_t>(oids.size()),
+        static_cast<std::int32_t>(logState.gv_logLevel.load()), response.get());
+    if (answer != response.get()) response.reset(answer);
+    if (!response) return Answer::none;
+    return response->results ? Answer::complete : Answer::empty;
+}
+
+/// Puts a text or a table and releases what it replaces, which nobody else holds: a device may give an OID twice, and
+/// a second attempt gives all again.
+bool PutInPlaceOf(HashTable* table, std::u16string_view key, Word value, ValueType type) {
+    if (HashEntry* former = GetHashEntry(table, key)) {
+        const Word released = std::exchange(former->value, 0);
+        if (former->type == ValueType::text) FreeText(reinterpret_cast<char16_t*>(released));
+        if (former->type == ValueType::table) FreeAllHashTable(reinterpret_cast<HashTable*>(released));
+    }
+    return PutHashValue(table, key, value, type) == 1;
+}
+
+/// Puts one OID's values into a table of theirs, and "TYPE" into the record's when it still lacks one.
+void StoreValues(const SnmpVarList& list, HashTable* values, HashTable* table, bool& noValueYet) {
+    for (std::int32_t i = 0; i < list.valueCount; ++i) {
+        const SnmpValue* value = list.values[i];
+        std::u16string oid, type;
+        if (!value || !value->value || !ChangeUtf8ToWideStr(value->oid, oid)) {
+            Log3("\t ExecuteSNMPQuery: Var value is null .... \n");
+            continue;
+        }
+        if (noValueYet && ChangeUtf8ToWideStr(value->type, type)) PutHashText(table, u"TYPE", type);
+        noValueYet = false;
+        const std::u16string text = SnmpValueText(*value);
+        PutInPlaceOf(values, oid, reinterpret_cast<Word>(text.c_str()), ValueType::text);
+    }
+}
+
+/// Puts a table for each OID, up to the first that has no list.
+Answer StoreLists(const SnmpQuery& query, const SnmpResponseData& response, HashTable* table, bool& noValueYet) {
+    for (std::size_t i = 0; i < query.oids.size(); ++i) {
+        const SnmpVarList* list = std::cmp_less(i, response.oidCount) ? response.results[i] : nullptr;
+        if (!list) return Answer::cut;
+        HashTablePtr values = MakeHashTable();
+        if (!values) {
+            Log1("ExecuteSNMPQuery :: InitHashTable Failed\n");
+            return Answer::cut;
+        }
+        StoreValues(*list, values.get(), table, noValueYet);
+        std::u16string oid;
+        ChangeUtf8ToWideStr(query.oids[i].c_str(), oid);
+        if (PutInPlaceOf(table, oid, reinterpret_cast<Word>(values.get()), ValueType::table))
+            static_cast<void>(values.release());
+    }
+    return Answer::complete;
+}
+
+/// Logs what an attempt lacks and says whether there is to be another.
+bool TakeRetry(Answer answer, SnmpQuery& query) {
+    const bool retries = std::exchange(query.retriesLeft, false);
+    if (answer == Answer::none) {
+        Log1(retries ? "No response from SNMP Agent. Going to retry!!!"
+                     : "No response from SNMP Agent. Hence, quiting!!!");
+    } else if (answer == Answer::empty) {
+        Log1("Empty response from SNMP Agent. Hence, quiting!!!");
+        if (retries) Log1("No response from SNMP Agent. Going to retry1");
+    } else {
+        Log1("No response from SNMP Agent. Hence, quiting!!!");
+        if (retries) Log1("No response from SNMP Agent. Going to retry2");
+    }
+    return retries;
+}
+
+/// Asks until the answer is complete or there are no attempts left; true when every OID has its list and there was a
+/// value.
+bool Poll(SnmpQuery& query, HashTable* table) {
+    bool noValueYet = true;
+    SnmpResponsePtr response;
+    Answer answer = Answer::none;
+    do {
+        answer = Ask(query, response);
+        if (answer == Answer::complete) answer = StoreLists(query, *response, table, noValueYet);
+    } while (answer != Answer::complete && TakeRetry(answer, query));
+    if (answer == Answer::none || answer == Answer::empty) return false;
+    if (noValueYet) Log1("Empty response from SNMP Agent. Updating returnMessage as FAILURE !!!");
+    return answer == Answer::complete && !noValueYet;
+}
+
+}  // namespace
+
+std::u16string ExecuteSNMPQuery(const HashTable* record, HashTable* table) {
+    Log3("\t Inside ExecuteSNMPQuery() \n");
+    PutHashText(table, u"OID", SnmpMember(record, u"OID").value_or(u""));
+    SnmpQuery query;
+    if (ReadQuery(record, query) && Poll(query, table)) return u"SUCCESS";
+    Log1("\t ExecuteSNMPQuery :: The poll of device %s for %s failed \n", SnmpMember(record, u"DEVICE_NAME"),
+         SnmpMember(record, u"OID"));
+    return u"FAILURE";
+}
+
+}  // namespace kv

@@ -1,0 +1,17 @@
+// The server's side of one-off requests: its address and the answers that go there.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace kv {
+
+/// Path and query of the server's side of all requests, up to this agent's key: what else is said follows as
+/// "&name=value".
+std::u16string RequestServletUrl();
+
+/// Posts the answer to a request, JSON text in UTF-16LE. One that the server does not take is lost, with a log line;
+/// action and requestId say to what it is the answer.
+void PostRequestAnswer(std::u16string_view action, std::u16string_view requestId, std::u16string_view json);
+
+}  // namespace kv

@@ -1,0 +1,123 @@
+#include "exchange/snmp_discovery.h"
+
+#include <array>
+#include <utility>
+
+#include "collection/snmp_query.h"
+#include "exchange/request_servlet.h"
+#include "foundation/agent_state.h"
+#include "foundation/host_utils.h"
+#include "foundation/log.h"
+#include "jsontext/hash_json.h"
+#include "platform/utf.h"
+
+namespace kv {
+
+namespace {
+
+constexpr std::array<const char*, 3> identityOids = {
+    ".1.3.6.1.2.1.1.2.0",  // sysObjectID
+    ".1.3.6.1.2.1.1.1.0",  // sysDescr
+    ".1.3.6.1.2.1.1.5.0",  // sysName
+};
+constexpr std::int32_t identityCount = identityOids.size();
+
+/// What is found out about a device.
+struct Discovery {
+    std::u16string address;
+    std::u16string name;
+    std::u16string community;
+    std::array<std::u16string, identityOids.size()> identity;  // as identityOids
+    std::u16string version;
+};
+
+bool HasFirstEntry(const SnmpResponsePtr& response) {
+    return response && response->results && response->oidCount > 0 && response->results[0];
+}
+
+/// Asks in SNMPv2c, and once more in SNMPv1 when that brings nothing.
+SnmpResponsePtr AskForIdentity(const HashTable* request, Discovery& discovery) {
+    const std::string host = platform::Utf8FromWide(discovery.address);
+    const std::string community = platform::Utf8FromWide(discovery.community);
+    const std::int32_t port = SnmpPort(request);
+    const std::int32_t timeout = SnmpTimeout(request, SnmpMember(request, u"SNMP_TIMEOUT"));
+    const auto ask = [&](const char* version) {
+        return SnmpResponsePtr(SnmpManagerRequest(host.c_str(), port, timeout, community.c_str(), snmpGet, version,
+                                                  identityOids.data(), identityCount,
+                                                  static_cast<std::int32_t>(logState.gv_logLevel.load()), nullptr));
+    };
+    discovery.version = u"v2";
+    SnmpResponsePtr response = ask("v2c");
+    if (HasFirstEntry(response)) return response;
+    discovery.version = u"v1";
+    response.reset();
+    return ask("v1");
+}
+
+/// The values up to the first that is missing; an entry that is missing takes those before it along.
+void TakeIdentity(const SnmpResponseData* response, Discovery& discovery) {
+    discovery.identity.fill(u"NO RESPONSE");
+    for (std::size_t i = 0; i < identityOids.size(); ++i) {
+        const bool hasEntries = response && response->results && std::cmp_less(i, response->oidCount);
+        const SnmpVarList* entry = hasEntries ? response->results[i] : nullptr;
+        if (!entry) {
+            Log1("No response from SNMP Agent. Hence, quiting!!!");
+            discovery.identity.fill(u"NO RESPONSE");
+            return;
+        }
+        const SnmpValue* value = entry->valueCount > 0 ? entry->values[0] : nullptr;
+        if (!value || !value->value) return;
+        discovery.identity[i] = SnmpValueText(*value);
+    }
+}
+
+Discovery Discover(const HashTable* request) {
+    Discovery discovery;
+    const std::u16string device = SnmpMemberOr(request, u"DEVICE_NAME", u"");
+    discovery.community = SnmpMemberOr(request, u"COMMUNITY", u"public");
+    OptionalText name, address;
+    if (device.empty() || !GetRemoteHostDetails(device, name, address)) {
+        Log1("Error in getting the IPAddress of the Device. Hence, quiting!!!");
+        discovery.address = discovery.name = device;
+        discovery.identity.fill(u"INVALID IPADDRESS");
+        discovery.version = u"INVALID IPADDRESS";
+        return discovery;
+    }
+    discovery.address = address.value_or(device);
+    discovery.name = name.value_or(device);
+    TakeIdentity(AskForIdentity(request, discovery).get(), discovery);
+    return discovery;
+}
+
+void PutReplyMembers(HashTable* table, const HashTable* request, const std::u16string& id) {
+    const Discovery found = Discover(request);
+    PutHashText(table, u"AGENTKEY", agentState.gv_agentKey.view());
+    PutHashText(table, u"AGENT_REQUEST_ID", id);
+    PutHashText(table, u"MSPCUSTOMERID", agentState.gv_custID.value_or(u""));
+    PutHashText(table, u"RemoteOffice", agentState.gv_remoteOfficeName.value_or(u""));
+    PutHashText(table, u"IPAddress", found.address);
+    PutHashText(table, u"DNSName", found.name);
+    PutHashText(table, u"Community", found.community);
+    PutHashText(table, u"SNMPPort", SnmpMember(request, u"SNMP_PORT").value_or(u""));
+    PutHashText(table, u"SYSOID", found.identity[0]);
+    PutHashText(table, u"SYSNAME", found.identity[2]);
+    PutHashText(table, u"SYSDESC", found.identity[1]);
+    PutHashText(table, u"SNMPVersion", found.version);
+}
+
+}  // namespace
+
+void DiscoverSNMPDevices(const HashTable* request) {
+    Log3("\t Inside DiscoverSNMPDevices() \n");
+    const HashTablePtr table = MakeHashTable();
+    if (!table) {
+        Log1("\tDiscoverSNMPDevices: Init Failed -- SystemInfo\n");
+        return;
+    }
+    const std::u16string id = SnmpMemberOr(request, u"AGENT_REQUEST_ID", u"");
+    PutReplyMembers(table.get(), request, id);
+    PostRequestAnswer(u"DISCOVER_SNMP_DEVICES", id, HashToJSONString(table.get()));
+    Log3("DiscoverSNMPDevices : Successfully executed the command \n");
+}
+
+}  // namespace kv
