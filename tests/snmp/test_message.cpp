@@ -1,1 +1,270 @@
+// Messages byte for byte, and the datagrams that carry them to a device and back.
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/clock.h"
 #include "snmp/message.h"
+#include "snmp/toolkit_log.h"
+#include "snmp/udp_transport.h"
+#include "snmp/var_bind.h"
+#include "tests/support/snmp_devices.h"
+#include "tests/support/test_agent.h"
+
+namespace kv::snmp::test {
+
+namespace {
+
+using kv::test::FromHex;
+using kv::test::Item;
+using kv::test::MessageOf;
+
+class SnmpMessage : public kv::test::TestAgent {
+  protected:
+    SnmpMessage() { SetToolkitLogLevel(4); }
+    ~SnmpMessage() override { SetToolkitLogLevel(0); }
+};
+
+struct Variable {
+    std::vector<std::uint32_t> name;
+    std::uint8_t type = tag::octetString;
+    std::string value = {};
+};
+
+SnmpPduPtr PduOf(std::int32_t version, std::uint8_t command, const std::vector<Variable>& variables) {
+    TkVector list{};
+    for (const Variable& one : variables) {
+        auto* varBind = CreateAVarBind(one.name.data(), static_cast<std::int32_t>(one.name.size()), one.type,
+                                       one.value.data(), static_cast<std::int32_t>(one.value.size()));
+        AddElement(&list, new TkVectorNode{varBind, nullptr});
+    }
+    SnmpPduPtr pdu(CreateSnmpPdu(version, "public", command, 1, 0, 1, &list));
+    FreeVector(&list);
+    return pdu;
+}
+
+/// Parses from a block of exactly the size that a parser may look at.
+std::uint8_t Parsed(std::string_view message, SnmpPdu* pdu) {
+    const auto block = std::make_unique<std::uint8_t[]>(message.size() + asnReadAhead);
+    std::copy(message.begin(), message.end(), block.get());
+    return ParseSnmpMessageForPdu(block.get(), static_cast<std::int32_t>(message.size()), pdu);
+}
+
+/// "1.3.6=2/4 " for each variable: name, type, length of the value.
+std::string Described(const SnmpPdu& pdu) {
+    std::string text;
+    for (TkVectorNode* node = pdu.varBinds.head; node != nullptr; node = node->next) {
+        const auto& one = *static_cast<const VarBind*>(node->data);
+        for (std::int32_t i = 0; i < one.oidLength; ++i) text += (i > 0 ? "." : "") + std::to_string(one.oid[i]);
+        text += '=' + std::to_string(one.type) + '/' + std::to_string(one.valueLength) + ' ';
+    }
+    return text;
+}
+
+const std::string shortName = FromHex("06 03 2b 06 01");
+
+}  // namespace
+
+TEST_F(SnmpMessage, RequestsAreTheseBytes) {
+    const std::vector<Variable> description{{{1, 3, 6, 1, 2, 1, 1, 1, 0}}};
+    const std::vector<Variable> two{{{1, 3, 300}}, {{2, 100, 1}}};
+    const std::vector<Variable> address{{{1, 3, 1}, tag::ipAddress, "10.0.0.1"}};
+    const std::string fields = " 020101 020100 020101 ";
+    const std::string variable = fields + "30820010 3082000c 06082b06010201010100 0400";
+    const struct {
+        const char* title;
+        std::int32_t version;
+        std::uint8_t command;
+        std::vector<Variable> variables;
+        std::string hex;
+        const char* line = "";
+        std::int32_t room = messageBufferSize;
+    } rows[] = {
+        {"get v1", 0, 0xA0, description, "3082002c 020100 04067075626c6963 a082001d" + variable},
+        {"getnext v2c", 1, 0xA1, description, "3082002c 020101 04067075626c6963 a182001d" + variable},
+        {"two names", 1, 0xA0, two,
+         "30820032 020101 04067075626c6963 a0820023" + fields +
+             "30820016 30820007 06032b822c 0400 30820007 0603813401 0400"},
+        {"an address goes as four bytes", 1, 0xA3, address,
+         "3082002a 020101 04067075626c6963 a382001b" + fields + "3082000e 3082000a 06022b01 40040a000001"},
+        {"version 3 has no envelope, and a length of four too many", 3, 0xA0, description, "30820021" + variable},
+        {"version 2", 2, 0xA0, description, "", "Supported SNMP versions are V1, V2c and V3.\n"},
+        {"a trap", 0, 0xA4, description, "", "Unable to encode a trap of SNMPv1.\n"},
+        {"no room for a variable", 1, 0xA0, description, "", "\n 1. Too big respone PDU\n", 47},
+        {"no room for the list", 1, 0xA0, description, "", "not enough space in output packet", 31},
+        {"no room for the community", 1, 0xA0, description, "", "Unable to encode snmp_auth\n", 14},
+    };
+    for (const auto& row : rows) {
+        const SnmpPduPtr pdu = PduOf(row.version, row.command, row.variables);
+        std::string buffer(static_cast<std::size_t>(row.room), '\0');
+        std::int32_t size = row.room;
+        CreateSnmpMsgForPdu(reinterpret_cast<std::uint8_t*>(buffer.data()), &size, pdu.get());
+        EXPECT_EQ(size == row.room ? "" : buffer.substr(0, static_cast<std::size_t>(size)), FromHex(row.hex))
+            << row.title;
+        EXPECT_TRUE(Logged(row.line)) << row.title;
+    }
+    std::string mapped;
+    for (std::int32_t status = 0; status < 20; ++status) mapped += std::to_string(MapToSNMPv1Error(status));
+    EXPECT_EQ(mapped, "01234523333235222225");
+}
+
+TEST_F(SnmpMessage, AnswersAreTakenAsTheyCome) {
+    const auto variable = [](std::uint8_t type, const std::string& content) {
+        return Item(0x30, shortName + Item(type, content));
+    };
+    const auto answer = [](std::uint8_t command, const std::string& variables, std::uint8_t version = 1) {
+        return MessageOf({.version = version, .command = command, .variables = {variables}});
+    };
+    const auto withPdu = [](const std::string& hex) {
+        return Item(0x30, FromHex("020101 04067075626c6963") + FromHex(hex));
+    };
+    const auto withName = [](std::size_t size) { return Item(0x30, Item(0x06, std::string(size, 1)) + "\4\1x"); };
+    const auto withCommunity = [](std::size_t size) { return MessageOf({.community = std::string(size, 'c')}); };
+    const auto ofSize = [&](std::size_t size) { return answer(0xA2, variable(0x04, std::string(size - 45, 'x'))); };
+    const std::string one = variable(0x02, "\5");
+    const std::string good = "1.3.6.1=2/4 ";
+    std::string every;
+    constexpr std::uint8_t types[]{2, 4, 5, 6, 64, 65, 66, 67, 68, 70, 71, 128, 129, 130};
+    for (const std::uint8_t type : types) every += variable(type, type == 5 || type >= 128 ? "" : "\x2b\1\2\3");
+    std::string longest = "0.1";
+    for (int i = 2; i < 128; ++i) longest += ".1";
+    const struct {
+        const char* title;
+        std::string message;
+        int result;
+        std::string variables = {};
+        const char* line = "";
+    } rows[] = {
+        {"every type", answer(0xA2, every), 1,
+         "1.3.6.1=2/4 1.3.6.1=4/4 1.3.6.1=5/0 1.3.6.1=6/5 1.3.6.1=64/8 1.3.6.1=65/4 1.3.6.1=66/4 1.3.6.1=67/4 "
+         "1.3.6.1=68/4 1.3.6.1=70/8 1.3.6.1=71/4 1.3.6.1=128/0 1.3.6.1=129/0 1.3.6.1=130/0 ",
+         "\tGET-RESPONSE\n"},
+        {"get", answer(0xA0, one), 1, good, "\n Message Type\t\t=\tGET-REQ\n"},
+        {"getnext of version 1", answer(0xA1, one, 0), 1, good, "SNMP_V1\nCommunity Name\t\t=\tpublic\n"},
+        {"set", answer(0xA3, one), 1, good, "SET-REQ\n"},
+        {"getbulk", answer(0xA5, one), 1, good, "GET-BULK-REQ\n"},
+        {"trap of version 1", answer(0xA4, one), 0, "",
+         "\n\nSince trap message has been received packet is dropped.\n"},
+        {"inform", answer(0xA6, one), 0, "", "Invalid Command Type"},
+        {"trap", answer(0xA7, one), 0},
+        {"version 2", answer(0xA2, one, 2), 0, "", "Version is not a SNMP_V1 or SNMP_V2C\nPACKET DROPPED !!! \n"},
+        {"no list", withPdu("a20d 020101 020100 020100 04023132"), 1, "", "not enough space for varlist"},
+        {"nothing in the place of the list", withPdu("a209 020101 020100 020100"), 0},
+        {"a byte behind the list", withPdu("a216 020101 020100 020100 300a 3008 06032b0601 020105 00"), 1},
+        {"a broken second variable", answer(0xA2, one + "\x30\3\6\1+"), 1, "", "Unable to parse the varbind #2\n"},
+        {"a broken value drops all", answer(0xA2, one + variable(0x06, "+\x86")), 0},
+        {"128 sub-identifiers", answer(0xA2, withName(127)), 1, longest + "=4/1 "},
+        {"of 129 sub-identifiers, the last is taken for the value", answer(0xA2, withName(128)), 1},
+        {"community of 256 bytes", withCommunity(256), 1},
+        {"community of 257 bytes", withCommunity(257), 0, "", "Unable to decode community \n"},
+        {"long lengths",
+         FromHex("30840000002b 02810101 0484000000067075626c6963 a2820017 02810101 020100 020100"
+                 "30810a 30820006 060100 020105"),
+         1, "0.0=2/4 "},
+        {"a request id that is none", withPdu("a20b 040101 020100 020100 3000"), 0, "", "decode reqid\n"},
+        {"no error index", withPdu("a206 020101 020100"), 0, "", "Unable to decode errstatus\n"},
+        {"a header of more than there is", FromHex("30 05 02 01 01"), 0, "", "Unable to decode auth header type\n"},
+        {"7989 bytes", ofSize(7989), 1, "1.3.6.1=4/7944 "},
+        {"7990 bytes", ofSize(7990), 0, "", "Received too big snmp message ...\n"},
+    };
+    for (const auto& row : rows) {
+        const SnmpPduPtr pdu(AllocateAndInitSnmpPdu());
+        EXPECT_EQ(Parsed(row.message, pdu.get()), row.result) << row.title;
+        EXPECT_EQ(Described(*pdu), row.variables) << row.title;
+        EXPECT_TRUE(Logged(row.line)) << row.title;
+    }
+    for (std::size_t cut = 0; cut < rows[0].message.size(); ++cut) {
+        const SnmpPduPtr pdu(AllocateAndInitSnmpPdu());
+        EXPECT_EQ(Parsed(rows[0].message.substr(0, cut), pdu.get()), 0) << cut;
+    }
+    EXPECT_EQ(rows[std::size(rows) - 2].message.size(), 7989U);
+}
+
+TEST_F(SnmpMessage, OneExchange) {
+    std::string request;
+    const std::string answer = MessageOf({.variables = {Item(0x30, shortName + Item(0x02, "\1"))}});
+    kv::test::ScriptedDevice device(
+        [&](std::string_view bytes) {
+            request = bytes;
+            return std::vector{answer};
+        },
+        kv::test::SentFrom::anotherPort);
+    InitSocketMutex();
+    for (const bool isTrap : {false, true}) {
+        const TransportDomainInfoPtr info(CreateTransportDomainInfo(0, device.port(), "localhost"));
+        ASSERT_NE(OpenSnmpSession(info.get()), 0U);
+        EXPECT_EQ(WaitForTdInfoResp(info.get(), 0), 0) << "nothing was asked yet";
+        EXPECT_EQ(SendSnmpPdu(info.get(), PduOf(1, isTrap ? 0xA4 : 0xA0, {{{1, 3, 6, 1}}}).get()), 1);
+        ASSERT_EQ(WaitForTdInfoResp(info.get(), 5000000), 1);
+        const SnmpPduPtr pdu(AllocateAndInitSnmpPdu());
+        EXPECT_EQ(ReadAndParseSnmpMessage(info.get(), pdu.get()), parse_result::done);
+        EXPECT_EQ(Described(*pdu), "1.3.6.1=2/4 ");
+        EXPECT_STREQ(info->address->remoteHost.data(), "127.0.0.1") << "the sender's";
+        EXPECT_NE(info->address->remotePort, device.port());
+        EXPECT_EQ(ReadAndParseSnmpMessage(info.get(), pdu.get()), parse_result::dropped) << "and no other datagram";
+        CloseSnmpSession(info.get());
+        EXPECT_EQ(request.size(), isTrap ? 8000U : 43U)
+            << "a message that cannot be built goes out as the whole buffer";
+    }
+    EXPECT_EQ(request.find_last_not_of('\0'), 16U) << "which holds nothing but what was built";
+}
+
+TEST_F(SnmpMessage, WhatCanFailOnTheWay) {
+    EXPECT_EQ(CreateTransportDomainInfo(0, 161, std::string(256, 'h')), nullptr);
+    EXPECT_TRUE(Logged("The host name is too long : hhh"));
+    const TransportDomainInfoPtr unknown(CreateTransportDomainInfo(0, 161, std::string(255, 'h')));
+    OpenSnmpSession(unknown.get());
+    EXPECT_EQ(SendSnmpPdu(unknown.get(), PduOf(1, 0xA0, {}).get()), 0);
+    EXPECT_TRUE(Logged("Unable to find the address of the host hhh"));
+    CloseSnmpSession(unknown.get());
+
+    const TransportDomainInfoPtr info(CreateTransportDomainInfo(0, 161, "127.0.0.1"));
+    OpenSnmpSession(info.get());
+    platform::SocketOperations sockets = platform::Sockets();
+    platform::ClockOperations clock = platform::Clock();
+    int failures = 0;
+    int calls = 0;
+    const auto result = [&] { return ++calls > failures ? platform::error::success : platform::error::generalFailure; };
+    sockets.sendto = [&](auto&&...) { return result(); };
+    sockets.select = [&](auto, auto, bool& ready) { return ready = true, result(); };
+    sockets.gethostbyname = [](auto&&...) { return platform::error::hostNotFound; };
+    std::uint64_t now = 0;
+    std::uint64_t tick = 0;
+    clock.GetTickCount64 = [&] { return now += tick; };
+    const platform::ScopedOperations scopedSockets(sockets);
+    const platform::ScopedOperations scopedClock(clock);
+    const auto send = [&] { return SendSnmpTrapMessage(info.get(), nullptr, 0); };
+    const auto wait = [&] { return WaitForTdInfoResp(info.get(), 2000000); };
+    /// What it comes to, and how often the system was asked, when the first times fail.
+    const auto outcome = [&](const auto& step, int failing) {
+        failures = failing;
+        calls = 0;
+        const int value = step();
+        return std::pair(value, calls);
+    };
+    EXPECT_EQ(outcome(send, 2), std::pair(1, 3));
+    EXPECT_EQ(outcome(send, 3), std::pair(0, 3));
+    EXPECT_EQ(outcome(wait, 1000), std::pair(1, 1001));
+    EXPECT_EQ(outcome(wait, 1001), std::pair(0, 1001)) << "time stands still";
+    tick = 500;
+    EXPECT_EQ(outcome(wait, 1001), std::pair(0, 4)) << "time goes by";
+    EXPECT_EQ(GetLocalHostAddress(), "127.0.0.1");
+    CloseSnmpSession(info.get());
+}
+
+TEST_F(SnmpMessage, ASessionThatCannotBeOpenedLeavesNoSocket) {
+    platform::SocketOperations sockets = platform::Sockets();
+    int open = 0;
+    sockets.socket = [&](auto& socket) { return ++open, socket = 1, platform::error::success; };
+    sockets.closesocket = [&](auto) { return --open, platform::error::success; };
+    sockets.bind = [](auto&&...) { return platform::error::accessDenied; };
+    const platform::ScopedOperations scoped(sockets);
+    const TransportDomainInfoPtr info(CreateTransportDomainInfo(8001, 161, "127.0.0.1"));
+    EXPECT_EQ(OpenSnmpSession(info.get()), 0U);
+    EXPECT_EQ(open, 0);
+    EXPECT_EQ(SendSnmpPdu(info.get(), PduOf(1, 0xA0, {}).get()), 0);
+    EXPECT_TRUE(Logged("Bind Failed,Unable to start session at : udp port 8001\n"));
+}
+
+}  // namespace kv::snmp::test
