@@ -127,7 +127,7 @@ std::uint8_t* BuildNull(std::uint8_t* position, std::int32_t* remaining, std::ui
     return AsnBuildNull(position, remaining, tag);
 }
 
-Words RoomForOid(const Input& input) { return Words(2 + input.room % (asnMaxBuildSubIds - 1)); }
+Words RoomForOid(const Input& input) { return Words(2u + input.room % (asnMaxBuildSubIds - 1u)); }
 
 void Header(const Input& input) {
     std::int32_t remaining = input.size;
