@@ -67,9 +67,9 @@ int SendSnmpPdu(TransportDomainInfo* info, SnmpPdu* pdu);
 /// Receives one message and parses it into a fresh PDU.
 std::uint8_t ReadAndParseSnmpMessage(TransportDomainInfo* info, SnmpPdu* pdu);
 
-/// Parses a whole message into a fresh PDU: done, dropped or out of memory. A broken list of variables counts as done,
-/// with no variables. The PDU stays the caller's on every path. The buffer goes on for asnReadAhead bytes behind
-/// length.
+/// Parses a whole message into a fresh PDU: done or dropped. A list of variables that is broken, or too much for the
+/// memory, counts as done, with no variables. The PDU stays the caller's on every path. The buffer goes on for
+/// asnReadAhead bytes behind length.
 std::uint8_t ParseSnmpMessageForPdu(const std::uint8_t* buffer, std::int32_t length, SnmpPdu* pdu);
 
 /// Version and community.

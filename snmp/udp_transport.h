@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <string_view>
 
 #include "platform/sockets.h"
@@ -55,13 +56,15 @@ void CloseSnmpSession(TransportDomainInfo* info);
 /// 1 sent, 0 not: the host cannot be resolved, or three attempts failed.
 int SendSnmpTrapMessage(TransportDomainInfo* info, const std::uint8_t* bytes, std::size_t length);
 
-/// Waits for an answer, for microseconds at most; 0 only looks. 1 it is there, 0 not.
+/// Waits for an answer, for microseconds at most; 0 only looks. 1 it is there, 0 not. A wait that the system refuses is
+/// tried again at once while the time lasts, and 1000 times at most.
 int WaitForTdInfoResp(TransportDomainInfo* info, std::int64_t microseconds);
 
 /// Receives into a buffer of messageBufferSize bytes; 1, or 0 with length 0.
 int ReadSnmpMessage(TransportDomainInfo* info, std::uint8_t* buffer, std::int32_t* length);
 
-/// Lets all sends and receives of the process go one after the other from now on.
+/// Lets all sends and receives of the process go one after the other from now on. Before, nothing holds them up: each
+/// exchange has a socket of its own.
 void InitSocketMutex();
 
 /// Records the engine's own session's socket in its address record.
