@@ -165,6 +165,7 @@ TEST_F(SnmpMessage, AnswersAreTakenAsTheyCome) {
         {"a request id that is none", withPdu("a20b 040101 020100 020100 3000"), 0, "", "decode reqid\n"},
         {"no error index", withPdu("a206 020101 020100"), 0, "", "Unable to decode errstatus\n"},
         {"a header of more than there is", FromHex("30 05 02 01 01"), 0, "", "Unable to decode auth header type\n"},
+        {"an envelope that tells less than there is", "\x30\5" + answer(0xA2, one).substr(2), 1, good},
         {"7989 bytes", ofSize(7989), 1, "1.3.6.1=4/7944 "},
         {"7990 bytes", ofSize(7990), 0, "", "Received too big snmp message ...\n"},
     };
