@@ -91,7 +91,7 @@ TEST_F(SnmpMessage, RequestsAreTheseBytes) {
         {"version 3 has no envelope, and a length of four too many", 3, 0xA0, description, "30820021" + variable},
         {"version 2", 2, 0xA0, description, "", "Supported SNMP versions are V1, V2c and V3.\n"},
         {"a trap", 0, 0xA4, description, "", "Unable to encode a trap of SNMPv1.\n"},
-        {"no room for a variable", 1, 0xA0, description, "", "\n 1. Too big respone PDU\n", 47},
+        {"no room for a second variable", 1, 0xA0, two, "", "\n 1. Too big respone PDU\n", 45},
         {"no room for the list", 1, 0xA0, description, "", "not enough space in output packet", 31},
         {"no room for the community", 1, 0xA0, description, "", "Unable to encode snmp_auth\n", 14},
     };
