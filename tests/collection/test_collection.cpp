@@ -226,10 +226,11 @@ TEST_F(Collection, AWorkflowRunsItsRecordsInOrderByKind) {
               "{ \"MSPCUSTOMERID\": \"Acme\", \"AGENTKEY\": \"K\", \"DATACOLLECTTIME\": \"1772705107\", "
               "\"ERRORMSG\": \"WMI queries are not built yet on this system\", \"Disks\": [ ] }");
     EXPECT_EQ(Record(2), "K,N,1772705107,3600,p\n");
-    EXPECT_EQ(DataFiles(), 2);
+    EXPECT_NE(Record(3).find("\"STATUS\": \"FAILURE\""), std::string::npos);
+    EXPECT_EQ(DataFiles(), 3);
     for (const char* line : {"a WMI record without the text wmiQuery", "a WMI record without the text Name",
                              "a script record without the text script", "something in recordSetName is no record",
-                             "device router is not polled", "workflow v has no list recordSetName",
+                             "a record without OID is not polled", "workflow v has no list recordSetName",
                              "no workflow stands at index [2]", "Data not collected as connection to CS is lost"}) {
         EXPECT_TRUE(Logged(line)) << line;
     }
