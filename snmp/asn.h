@@ -110,12 +110,15 @@ std::uint8_t* AsnBuildObjectId(std::uint8_t* position, std::int32_t* remaining, 
 // One variable: SEQUENCE { name OBJECT IDENTIFIER, value }.
 
 /// Takes the name apart and finds the value: valuePosition points at its tag, valueLength is that of its content, which
-/// is not looked at. remaining is that of the whole list.
+/// is not looked at. remaining is that of the whole list. Of a name that holds more than oid has room for, the rest is
+/// taken for the value.
 const std::uint8_t* SnmpParseVarBind(const std::uint8_t* position, std::uint32_t* oid, std::int32_t* oidCount,
                                      std::uint8_t* valueTag, std::int32_t* valueLength,
                                      const std::uint8_t** valuePosition, std::int32_t* remaining);
 
-/// value has the form that its tag asks of the builders above; valueLength is its size in bytes.
+/// value has the form that its tag asks of the builders above; valueLength is its size in bytes. Both do not count
+/// where the tag is that of a null value; anywhere else a value without bytes may be null, and a negative length is
+/// refused.
 std::uint8_t* SnmpBuildVarBind(std::uint8_t* position, const std::uint32_t* oid, const std::int32_t* oidCount,
                                std::uint8_t valueTag, std::int32_t valueLength, const void* value,
                                std::int32_t* remaining);
