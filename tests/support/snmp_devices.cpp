@@ -203,17 +203,13 @@ void ScriptedDevice::Serve() {
 }
 
 std::string FromHex(std::string_view hex) {
+    std::string digits(hex);
+    std::erase_if(digits, [](char character) { return character == ' ' || character == '\n'; });
+    const bool isHex = digits.find_first_not_of("0123456789abcdefABCDEF") == digits.npos;
+    if (!isHex || digits.size() % 2 != 0) throw std::invalid_argument(digits);
     std::string bytes;
-    std::string digits;
-    for (const char character : hex) {
-        if (character == ' ' || character == '\n') continue;
-        digits += character;
-        if (digits.size() < 2) continue;
-        if (digits.find_first_not_of("0123456789abcdefABCDEF") != digits.npos) throw std::invalid_argument(digits);
-        bytes += static_cast<char>(std::stoi(digits, nullptr, 16));
-        digits.clear();
-    }
-    if (!digits.empty()) throw std::invalid_argument("half a byte at the end");
+    for (std::size_t at = 0; at < digits.size(); at += 2)
+        bytes += static_cast<char>(std::stoi(digits.substr(at, 2), nullptr, 16));
     return bytes;
 }
 
