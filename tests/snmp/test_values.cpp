@@ -220,6 +220,9 @@ TEST_F(SnmpValues, CopiesBeginAtANumber) {
         texts += std::to_string(copy.position) + TextOf(copy) + " ";
     }
     EXPECT_EQ(texts, "2va 3val 1v ");
+    FreeVarBindList(target.get());
+    CopyVarBind(target.get(), source.get(), 1);  // its tail was a node of before
+    EXPECT_EQ(At(target.get(), 0).position, 1);
 }
 
 TEST_F(SnmpValues, APduTakesOverTheVariablesInEveryCase) {
@@ -237,10 +240,10 @@ TEST_F(SnmpValues, APduTakesOverTheVariablesInEveryCase) {
         const std::string community(row.communityLength, 'c');
         const SnmpPduPtr pdu(CreateSnmpPdu(versionV2c, community.c_str(), row.command, 1, 0, 1, list.get()));
         ASSERT_EQ(pdu != nullptr, row.isMade);
+        EXPECT_EQ(list->count, row.isMade ? 1 : 0);
         if (!pdu) continue;
         EXPECT_EQ(pdu->community, community);
-        EXPECT_EQ((pdu->otherVarBinds ? pdu->otherVarBinds : &pdu->varBinds)->count, 1);
-        EXPECT_EQ(list->count, 1);
+        EXPECT_EQ((row.command == command::inform ? pdu->otherVarBinds : &pdu->varBinds)->count, 1);
         FreeVector(list.get());
         DisplaySnmpPduInfo(pdu.get());
     }
