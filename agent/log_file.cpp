@@ -60,6 +60,7 @@ int OpenStream(std::u16string_view path) {
 /// Moves the current log away and opens a new one; lines wait that long, so that none of them is lost.
 void StartNewLog(std::u16string_view target) {
     const std::lock_guard stream(logState.streamMutex);
+    if (logState.isToolkitLog) return;
     CloseStream();
     Files().MoveFileExW(logState.gv_logPath, target, false);
     OpenStream(logState.gv_logPath);
@@ -102,7 +103,7 @@ RotationLock RotateWhileLocked(std::uint32_t count) {
         logState.gv_logBytes = 0;
     }
     const std::lock_guard stream(logState.streamMutex);
-    if (logState.gv_logFile == 0) OpenStream(logState.gv_logPath);
+    if (logState.gv_logFile == 0 && !logState.isToolkitLog) OpenStream(logState.gv_logPath);
     return RotationLock::released;
 }
 

@@ -11,15 +11,15 @@ namespace {
 
 const char* TextOrEmpty(const char* text) { return text ? text : ""; }
 
-SnmpResponseData* Perform(const snmp::ManagerRequest& request, SnmpResponseData* fallback) {
-    if (request.requestType > snmpWalk) return nullptr;
-    const snmp::ResultVectors results =
-        request.requestType == snmpWalk ? snmp::SnmpWalkOperation(request) : snmp::SnmpGetOperation(request);
-    if (!results) {
-        std::printf("GetSNMP Response returns NULL\n");
-        return fallback;
+/// Null when the request cannot be made, when a walk stays unanswered, and when memory ran out.
+snmp::ResultVectors Operate(const snmp::ManagerRequest& request) try {
+    if (!request.oids || request.oidCount < 1) {
+        Log1("\t SnmpManagerRequest :: a request without OIDs is not sent to %s \n", request.host);
+        return nullptr;
     }
-    return snmp::ConstructResponseData(request.oids, request.oidCount, results.get(), request.requestType);
+    return request.requestType == snmpWalk ? snmp::SnmpWalkOperation(request) : snmp::SnmpGetOperation(request);
+} catch (const std::bad_alloc&) {
+    return nullptr;
 }
 
 }  // namespace
@@ -29,22 +29,21 @@ SnmpResponseData* SnmpManagerRequest(const char* host, std::int32_t port, std::i
                                      const char* const* oids, std::int32_t oidCount, std::int32_t agentLogLevel,
                                      SnmpResponseData* fallback) try {
     snmp::SetToolkitLogLevel(agentLogLevel);
-    if (!snmp::StartToolkit(agentLogLevel)) return nullptr;
-    if (oidCount < 1) {
-        snmp::TKLOG(1, "A request without OIDs is not sent\n");
+    if (!snmp::StartToolkit() || requestType > snmpWalk) return nullptr;
+    const snmp::ResultVectors results = Operate({.host = TextOrEmpty(host),
+                                                 .port = port,
+                                                 .timeoutSeconds = timeoutSeconds,
+                                                 .community = TextOrEmpty(community),
+                                                 .requestType = requestType,
+                                                 .version = TextOrEmpty(version),
+                                                 .oids = oids,
+                                                 .oidCount = oidCount});
+    if (!results) {
+        std::printf("GetSNMP Response returns NULL\n");
         return fallback;
     }
-    return Perform({.host = TextOrEmpty(host),
-                    .port = port,
-                    .timeoutSeconds = timeoutSeconds,
-                    .community = TextOrEmpty(community),
-                    .requestType = requestType,
-                    .version = TextOrEmpty(version),
-                    .oids = oids,
-                    .oidCount = oidCount},
-                   fallback);
+    return snmp::ConstructResponseData(oids, oidCount, results.get(), requestType);
 } catch (const std::bad_alloc&) {
-    snmp::TKLOG(1, "Unable to allocate memory\n");
     return nullptr;
 }
 

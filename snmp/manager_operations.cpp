@@ -2,10 +2,10 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstring>
 #include <string_view>
 #include <vector>
 
+#include "platform/clock.h"
 #include "snmp/asn.h"
 #include "snmp/oid.h"
 #include "snmp/toolkit_log.h"
@@ -38,15 +38,23 @@ bool AddRequestVarBind(TkVector* vector, const std::uint32_t* oid, std::int32_t 
 
 /// A request that takes over the variables of the list.
 SnmpPduPtr MakeRequestPdu(const ManagerRequest& request, std::uint8_t command, VarBindListPtr vector) {
-    if (std::strlen(request.community) > maxRequestCommunity) {
-        TKLOG(1, "The community is longer than %d bytes\n", maxRequestCommunity);
-        return nullptr;
-    }
     SnmpPduPtr pdu(CreateSnmpPdu(VersionCode(request.version), request.community, command, requestId,
                                  requestErrorStatus, requestErrorIndex, vector.get()));
     FreeVector(vector.get());
     if (pdu) pdu->timeoutSeconds = request.timeoutSeconds;
     return pdu;
+}
+
+/// The sub-identifiers of the OID at an index, or -1 when it is malformed.
+std::int32_t ParseRequestedOid(const ManagerRequest& request, std::int32_t index, SubIds& oid) {
+    const char* text = request.oids[index] ? request.oids[index] : "";
+    const std::int32_t length = ConvertToOidOrIpFromString(oid, text, false);
+    if (length == -1) {
+        std::printf("Invalid OID Format\n");
+        Log1("\t SnmpManagerRequest :: \"%s\" is no OID, which begins with a dot. %s is not asked \n", text,
+             request.host);
+    }
+    return length;
 }
 
 /// The variables of a get; null when an OID is malformed.
@@ -55,11 +63,8 @@ VarBindListPtr MakeGetVector(const ManagerRequest& request) {
     if (!vector) TKLOG(2, "Unable to allocate memory\n");
     for (std::int32_t i = 0; vector && i < request.oidCount; ++i) {
         SubIds oid;
-        const std::int32_t length = ConvertToOidOrIpFromString(oid, request.oids[i], false);
-        if (length == -1) {
-            std::printf("Invalid OID Format\n");
-            return nullptr;
-        }
+        const std::int32_t length = ParseRequestedOid(request, i, oid);
+        if (length == -1) return nullptr;
         if (!AddRequestVarBind(vector.get(), oid.get(), length)) {
             TKLOG(1, "Error while creating Varbind \n");
             std::printf("Error while creating Varbind \n");
@@ -92,12 +97,19 @@ void TakeGetAnswer(const ManagerRequest& request, TkVector* answer, VarBindListP
     }
 }
 
+/// What the walks of one request may still take.
+struct WalkBudget {
+    std::int64_t bytes = maxWalkBytes;
+    std::uint64_t endTick = platform::Clock().GetTickCount64() + maxWalkMilliseconds;
+};
+
 /// Where a walk of one OID stands.
 struct Walk {
     const ManagerRequest& request;
-    SubIds root;
-    std::int32_t rootLength;
-    std::vector<std::uint32_t> current;  // the OID to ask from
+    WalkBudget& budget;
+    SubIds root = nullptr;
+    std::int32_t rootLength = 0;
+    std::vector<std::uint32_t> current = {};  // the OID to ask from
 
     // A device whose OIDs run in a circle comes back to an OID that was asked from before. One of those is kept, and
     // replaced after 1, 2, 4, 8 ... answers, so that in the end one inside the circle is kept for all its length.
@@ -108,7 +120,14 @@ struct Walk {
 
 enum class WalkStep { next, finished, failed };
 
-SnmpPduPtr AskNext(const Walk& walk) {
+/// Ends a walk that could go on, with what it has.
+WalkStep EndEarly(const Walk& walk, const TkVector& values, const char* reason) {
+    Log1("\t SnmpWalkOperation :: %s %s. The walk ends with %d values \n", walk.request.host, reason, values.count);
+    return WalkStep::finished;
+}
+
+/// Null when the request cannot be made or brings no answer.
+SnmpPduPtr AskNext(const Walk& walk, std::uint8_t& status) {
     VarBindListPtr vector = MakeVarBindList();
     if (!vector) {
         TKLOG(2, "Unable to allocate memory\n");
@@ -125,7 +144,6 @@ SnmpPduPtr AskNext(const Walk& walk) {
         std::printf("Unable to create the SnmpPdu!!!\n");
         return nullptr;
     }
-    std::uint8_t status = 0;
     return SendAndReceiveSnmpPdu(request.get(), walk.request.host, walk.request.port, &status);
 }
 
@@ -161,45 +179,49 @@ bool IsBackAtLandmark(Walk& walk) {
     return false;
 }
 
+/// Appends the variables of an answer; false when memory ran out.
+bool TakeValues(Walk& walk, TkVector* answer, TkVector* values) {
+    const std::int64_t count = std::int64_t{values->count} + answer->count;
+    CopyVarBinds(values, answer, 1);
+    for (const TkVectorNode* node = answer->head; node; node = node->next) {
+        const VarBind& varBind = *static_cast<const VarBind*>(node->data);
+        walk.budget.bytes -= std::int64_t{varBind.oidLength} * 4 + varBind.valueLength;
+    }
+    return values->count == count;
+}
+
 /// Takes one answer into the values.
 WalkStep TakeWalkAnswer(Walk& walk, TkVector* answer, TkVector* values) {
     if (answer->count == 0) return WalkStep::finished;
     const std::vector<std::uint32_t> asked = walk.current;
     const WalkStep step = MoveOn(walk, *answer);
     if (step != WalkStep::next) return step;
-    if (IsSameOid(walk.current, asked)) {
-        Log1("\t SnmpWalkOperation :: %s gives back the OID that it was asked from. The walk ends with %d values \n",
-             walk.request.host, values->count);
-        return WalkStep::finished;
-    }
-    CopyVarBinds(values, answer, 1);
-    if (IsBackAtLandmark(walk)) {
-        Log1("\t SnmpWalkOperation :: The OIDs of %s run in a circle. The walk ends with %d values \n",
-             walk.request.host, values->count);
-        return WalkStep::finished;
-    }
-    if (values->count >= maxWalkValues) {
-        Log1("\t SnmpWalkOperation :: %s goes on and on. The walk ends with %d values \n", walk.request.host,
-             values->count);
-        return WalkStep::finished;
-    }
+    if (IsSameOid(walk.current, asked)) return EndEarly(walk, *values, "gives back the OID that it was asked from");
+    if (!TakeValues(walk, answer, values)) return WalkStep::failed;
+    if (IsBackAtLandmark(walk)) return EndEarly(walk, *values, "sends OIDs that run in a circle");
+    if (values->count >= maxWalkValues) return EndEarly(walk, *values, "goes on and on");
+    if (walk.budget.bytes <= 0) return EndEarly(walk, *values, "sends more than a request may bring");
+    if (platform::Clock().GetTickCount64() >= walk.budget.endTick)
+        return EndEarly(walk, *values, "takes longer than a request may last");
     return WalkStep::next;
 }
 
+WalkStep TakeWalkStep(Walk& walk, TkVector* values) {
+    std::uint8_t status = exchange_status::done;
+    const SnmpPduPtr response = AskNext(walk, status);
+    if (!response) return WalkStep::failed;
+    if (status == exchange_status::undecodable) return EndEarly(walk, *values, "sends what cannot be read");
+    return TakeWalkAnswer(walk, &response->varBinds, values);
+}
+
 /// Collects the values of one OID; false when it is malformed or the device fell silent.
-bool WalkOid(const ManagerRequest& request, const char* text, TkVector* values) {
-    Walk walk{.request = request, .root = nullptr, .rootLength = 0, .current = {}};
-    walk.rootLength = ConvertToOidOrIpFromString(walk.root, text, false);
-    if (walk.rootLength == -1) {
-        std::printf("Invalid OID Format\n");
-        return false;
-    }
+bool WalkOid(const ManagerRequest& request, std::int32_t index, WalkBudget& budget, TkVector* values) {
+    Walk walk{.request = request, .budget = budget};
+    walk.rootLength = ParseRequestedOid(request, index, walk.root);
+    if (walk.rootLength == -1) return false;
     walk.current.assign(walk.root.get(), walk.root.get() + walk.rootLength);
     WalkStep step = WalkStep::next;
-    while (step == WalkStep::next) {
-        const SnmpPduPtr response = AskNext(walk);
-        step = response ? TakeWalkAnswer(walk, &response->varBinds, values) : WalkStep::failed;
-    }
+    while (step == WalkStep::next) step = TakeWalkStep(walk, values);
     return step == WalkStep::finished;
 }
 
@@ -224,9 +246,10 @@ ResultVectors SnmpGetOperation(const ManagerRequest& request) {
 ResultVectors SnmpWalkOperation(const ManagerRequest& request) {
     ResultVectors results = MakeResultVectors(request);
     VarBindListPtr* values = results.get();
+    WalkBudget budget;
     for (std::int32_t i = 0; i < request.oidCount; ++i, ++values) {
         *values = MakeVarBindList();
-        if (!*values || !WalkOid(request, request.oids[i], values->get())) return nullptr;
+        if (!*values || !WalkOid(request, i, budget, values->get())) return nullptr;
     }
     return results;
 }

@@ -13,7 +13,7 @@ namespace kv::snmp {
 /// A list of values for each OID of a request, or null where there is none.
 using ResultVectors = std::unique_ptr<VarBindListPtr[]>;
 
-/// The arguments of one request, as SnmpManagerRequest has them.
+/// The arguments of one request, as SnmpManagerRequest has them; no text is null but an OID's.
 struct ManagerRequest {
     const char* host;
     std::int32_t port;
@@ -25,8 +25,11 @@ struct ManagerRequest {
     std::int32_t oidCount;
 };
 
-/// Values of one walk before it ends with what it has: a device that makes up values for ever would fill the memory.
-inline constexpr std::int32_t maxWalkValues = 1'000'000;
+// Where a walk ends with what it has. A device that makes up values for ever would fill the memory, and one that is
+// slow with each would hold up all other collection.
+inline constexpr std::int32_t maxWalkValues = 1'000'000;              // of one OID
+inline constexpr std::int64_t maxWalkBytes = 64 * 1024 * 1024;        // of the names and values of a request
+inline constexpr std::uint64_t maxWalkMilliseconds = 60 * 60 * 1000;  // of a request
 
 /// All OIDs in one datagram. Null when the request cannot be made.
 ResultVectors SnmpGetOperation(const ManagerRequest& request);
@@ -56,6 +59,6 @@ SnmpPduPtr SendAndReceiveSnmpPdu(SnmpPdu* request, const char* host, std::int32_
 
 /// Starts the engine unless the low byte of gv_agentRunFlag says that it is started: a log of its own, a socket of its
 /// own, and the flag set. False when a step failed; the next request tries again.
-bool StartToolkit(std::int32_t agentLogLevel);
+bool StartToolkit();
 
 }  // namespace kv::snmp

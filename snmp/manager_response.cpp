@@ -49,14 +49,21 @@ NarrowText ValueText(const VarBind& varBind, std::int32_t* length) {
         case tag::objectId:
             return OidText(static_cast<const std::uint32_t*>(varBind.value), varBind.valueLength, length);
         case tag::ipAddress: {
-            const auto* address = static_cast<const char*>(varBind.value);
-            *length = varBind.valueLength;
-            return CopyText(address);
+            NarrowText text = CopyText(static_cast<const char*>(varBind.value));
+            *length = static_cast<std::int32_t>(std::strlen(text.get()));
+            return text;
         }
         default:
             *length = varBind.valueLength;
             return CopyBytes(varBind.value, varBind.valueLength);
     }
+}
+
+bool IsException(std::uint8_t type) { return type >= tag::noSuchObject && type <= tag::endOfMibView; }
+
+/// Whatever a device sends with them, NULL and the exceptions have no value.
+bool HasValue(const VarBind& varBind) {
+    return varBind.valueLength > 0 && varBind.value && varBind.type != tag::null && !IsException(varBind.type);
 }
 
 NarrowText TypeText(std::uint8_t type) {
@@ -67,7 +74,7 @@ NarrowText TypeText(std::uint8_t type) {
 
 void FillValue(SnmpValue& value, const VarBind& varBind) {
     value.oid = OidText(varBind.oid, varBind.oidLength, &value.oidLength).release();
-    if (varBind.valueLength > 0 && varBind.value) value.value = ValueText(varBind, &value.valueLength).release();
+    if (HasValue(varBind)) value.value = ValueText(varBind, &value.valueLength).release();
     value.type = TypeText(varBind.type).release();
 }
 
@@ -122,7 +129,7 @@ SnmpResponseData* ConstructResponseData(const char* const* oids, std::int32_t oi
         FillVarList(*response->results[i], *vector);
         last = LastType(*vector);
     }
-    response->status = last >= tag::noSuchObject && last <= tag::endOfMibView ? last : 1;
+    response->status = IsException(last) ? last : 1;
     return response.release();
 }
 

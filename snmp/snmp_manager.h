@@ -36,15 +36,19 @@ struct SnmpResponseData {
     SnmpVarList** results;  // one for each OID; null where nothing arrived for it or for one ahead of it
 };
 
-/// Asks one device. Blocks for up to timeoutSeconds for each datagram: one for a get, one for each value of a walk.
-/// Callable from several threads at once.
+/// Asks one device. Blocks for up to timeoutSeconds for each datagram that it waits for: one for a get, one for each
+/// answer of a walk; a host's name is looked up before each. A walk ends with what it has after an hour, and at the
+/// bounds of snmp/manager_operations.h. Callable from several threads at once.
 ///
-/// host: address or name. port: its low 16 bits count. community: 254 bytes at most. version: "v1" or "v2c"; "v3" is
-/// known and unreadable for any device, and any other text counts as "v1". oids: each begins with a dot; at least one.
+/// host: address or name, 255 characters at most. port: its low 16 bits count. timeoutSeconds: 0 or less only looks.
+/// community: 254 bytes at most. version: "v1" or "v2c"; "v3" is known and unreadable for any device, and any other
+/// text counts as "v1". oids: each begins with a dot; at least one. A text that is null counts as empty.
 ///
 /// Gives a new response, also when a get stays unanswered: its first result is null then and its status 0. Gives
-/// fallback as it is when a walk stays unanswered or an OID is malformed. Null when the engine cannot be started or the
-/// request type is unknown. What is new is the caller's, to be released with FreeResponseData.
+/// fallback as it is when a walk stays unanswered, and when the request cannot be made: a malformed OID, a community
+/// that is too long, a negative request type, no memory. Null when the engine cannot be started, the request type is
+/// above snmpWalk, or there is no memory for the response. What is new is the caller's, to be released with
+/// FreeResponseData.
 SnmpResponseData* SnmpManagerRequest(const char* host, std::int32_t port, std::int32_t timeoutSeconds,
                                      const char* community, std::int32_t requestType, const char* version,
                                      const char* const* oids, std::int32_t oidCount, std::int32_t agentLogLevel,

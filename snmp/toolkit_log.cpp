@@ -1,9 +1,9 @@
 #include "snmp/toolkit_log.h"
 
-#include <algorithm>
 #include <cstdio>
 #include <mutex>
 #include <string>
+#include <utility>
 
 #include "platform/files.h"
 #include "platform/utf.h"
@@ -16,32 +16,39 @@ namespace {
 
 constexpr std::uint64_t maxLogSize = 5'242'879;  // bytes
 
-/// Guards the name, and lets one thread at a time look at the size.
-std::mutex logSizeMutex;
+std::u16string ownLogPath;  // guarded by streamMutex; empty while the agent's log is in place
 
-std::u16string ownLogPath;  // empty while the agent's log is in place
-
-/// Where a name leads from the agent's binary directory.
+/// Where a name leads from the working directory, which is that of the agent's program.
 std::u16string PathOf(std::string_view name) {
     const std::string_view base = name.find(':') == name.npos ? "..\\" : "";
     return platform::WideFromUtf8(std::string(base).append(name));
 }
 
-/// Opens an empty file, or gives 0.
-platform::FileHandle OpenEmpty(std::u16string_view path) {
+/// Begins the engine's log anew, empty; called with streamMutex held. One of its own is closed first; the agent's file
+/// is not closed, and stays in place when the engine's cannot be opened.
+bool BeginOwnLog(const std::u16string& path) {
+    if (logState.isToolkitLog) {
+        const platform::FileHandle former = std::exchange(logState.gv_logFile, 0);
+        if (former != 0) platform::Files().CloseHandle(former);
+    }
     platform::FileHandle file = 0;
-    if (platform::Files().CreateFileW(path, platform::FileAccess::write, platform::FileShare::read,
-                                      platform::FileDisposition::createAlways, file) != platform::error::success)
-        return 0;
-    return file;
+    const platform::Error result = platform::Files().CreateFileW(
+        path, platform::FileAccess::write, platform::FileShare::read, platform::FileDisposition::createAlways, file);
+    logState.gv_logOpenFailed = result == platform::error::success ? 0 : 1;
+    if (result != platform::error::success) return false;
+    logState.gv_logFile = file;
+    logState.isToolkitLog = true;
+    ownLogPath = path;
+    return true;
 }
 
-/// Takes the stream over. The agent's own file stays open: the last line of a thread that has seen it may be on its
-/// way. One of the engine's own is closed.
-void ReplaceStream(platform::FileHandle file) {
-    const std::lock_guard stream(logState.streamMutex);
-    if (logState.isToolkitLog.exchange(true)) platform::Files().CloseHandle(logState.gv_logFile);
-    logState.gv_logFile = file;
+/// True when the engine's log has no room for a text, or could not be opened the last time. Called with streamMutex
+/// held.
+bool IsOwnLogFull(std::string_view text) {
+    std::uint64_t size = 0;
+    if (logState.gv_logFile == 0) return true;
+    return platform::Files().GetFileSizeEx(logState.gv_logFile, size) == platform::error::success &&
+           size + text.size() > maxLogSize;
 }
 
 }  // namespace
@@ -53,27 +60,20 @@ void SetToolkitLogLevel(std::int32_t agentLogLevel) {
 
 bool OpenToolkitLog(std::string_view name) {
     const std::u16string path = PathOf(name);
-    const platform::FileHandle file = OpenEmpty(path);
-    logState.gv_logOpenFailed = file == 0 ? 1 : 0;
-    if (file == 0) {
-        std::printf("Unable to open the file %s\n", platform::Utf8FromWide(path).c_str());
-        return false;
-    }
-    ReplaceStream(file);
-    const std::lock_guard guard(logSizeMutex);
-    ownLogPath = path;
-    return true;
+    const std::lock_guard stream(logState.streamMutex);
+    if (BeginOwnLog(path)) return true;
+    std::printf("Unable to open the file %s\n", platform::Utf8FromWide(path).c_str());
+    return false;
 }
 
 void CheckToolkitLogSize(std::string_view text) {
     if (!logState.isToolkitLog) return;
-    const std::lock_guard guard(logSizeMutex);
     const std::lock_guard stream(logState.streamMutex);
-    std::uint64_t size = 0;
-    if (platform::Files().GetFileSizeEx(logState.gv_logFile, size) != platform::error::success) return;
-    if (size + text.size() <= maxLogSize) return;
-    if (logState.gv_logFile != 0) platform::Files().CloseHandle(logState.gv_logFile);
-    logState.gv_logFile = OpenEmpty(ownLogPath);
+    if (!IsOwnLogFull(text)) return;
+    const bool failedBefore = logState.gv_logFile == 0;
+    const std::u16string path = ownLogPath;
+    if (!BeginOwnLog(path) && !failedBefore)
+        std::printf("Unable to open the file %s\n", platform::Utf8FromWide(path).c_str());
 }
 
 void WriteToolkitLine(std::string_view text) noexcept {

@@ -14,7 +14,7 @@ extern std::atomic<std::int32_t> toolkitLogLevel;  // 0 to 3; set anew by every 
 
 inline bool TkLogsAtLeast(std::int32_t level) { return toolkitLogLevel.load(std::memory_order_relaxed) >= level; }
 
-/// Agent levels 3 gives 2, 4 and 5 give 3, all others 0.
+/// Agent level 3 gives 2, 4 and 5 give 3, all others 0.
 void SetToolkitLogLevel(std::int32_t agentLogLevel);
 
 /// Appends one text to the log, after a look at the log's size. Never throws.
@@ -32,12 +32,13 @@ void TKLOG(std::int32_t level, const char* format, const Arguments&... arguments
 }
 
 /// Puts a log of the engine's own in the place of the agent's: a new, empty file under the base directory (or under the
-/// name as it is, when it holds a colon) takes all further lines, the agent's too. The agent's file stays open, and its
-/// rotation has no name to go by from then on. False, with a line on standard output, when it cannot be opened.
+/// name as it is, when it holds a colon) takes all further lines, the agent's too. The agent's file stays open, and a
+/// mark keeps its rotation away from then on. False, with a line on standard output, when it cannot
+/// be opened; the agent's log then stays in place.
 bool OpenToolkitLog(std::string_view name);
 
-/// Empties the engine's own log when it would pass 5 MiB with this text. Does nothing while the agent's log is in
-/// place.
+/// Begins the engine's own log anew when it would pass 5 MiB with this text. Where that fails no line is written until
+/// a later one opens it. Does nothing while the agent's log is in place.
 void CheckToolkitLogSize(std::string_view text);
 
 }  // namespace kv::snmp

@@ -13,16 +13,16 @@ namespace {
 constexpr const char* banner = "Sablewire Agent Toolkit 6.4.0";
 constexpr const char* ownLogName = "logs\\SNMP_agent.log";
 
-struct CloseSession {
-    void operator()(TransportDomainInfo* info) const {
-        CloseSnmpSession(info);
-        FreeTransportDomainInfo(info);
-    }
-};
-using OwnSession = std::unique_ptr<TransportDomainInfo, CloseSession>;
+/// The engine's own session, or null: open for the life of the process, and nothing reads or writes it. Never freed at
+/// the end, when there may be no socket operations any more to close it with.
+TransportDomainInfo* ownSession = nullptr;
 
-/// The engine's own session: open for the life of the process, and nothing reads or writes it.
-OwnSession ownSession;
+/// A start that follows one that failed, or that the server asked for again, opens a new one.
+void CloseOwnSession() {
+    if (ownSession) CloseSnmpSession(ownSession);
+    FreeTransportDomainInfo(ownSession);
+    ownSession = nullptr;
+}
 
 // The flag is one word that the agent and the engine share; the engine's half is its low byte.
 bool IsStarted() { return (agentState.gv_agentRunFlag & 0xFF) == 1; }
@@ -38,31 +38,28 @@ bool OpenOwnLog() {
 
 /// Opens the engine's own session; false without a word when memory ran out.
 bool StartSNMPService() {
-    // Before a new one, so that starts that fail again and again use up no sockets.
-    ownSession.reset();
-    OwnSession session(CreateTransportDomainInfo(ownPort, 0, ""));
-    if (!session) return false;
-    const auto opened = static_cast<std::uint8_t>(OpenSnmpSession(session.get()));
+    CloseOwnSession();
+    ownSession = CreateTransportDomainInfo(ownPort, 0, "");
+    if (!ownSession) return false;
+    const auto opened = static_cast<std::uint8_t>(OpenSnmpSession(ownSession));
     if (opened == 99) return false;
     if (opened == 0 || opened == 255) {
         std::printf("Unable to open the snmpsession at %d\n", ownPort);
         TKLOG(1, "Unable to start SNMP Service !!!\n");
         return false;
     }
-    UpdateAgentTransportDomainInfo(session.get());
-    ownSession = std::move(session);
+    UpdateAgentTransportDomainInfo(ownSession);
     return true;
 }
 
 }  // namespace
 
-bool StartToolkit(std::int32_t agentLogLevel) {
+bool StartToolkit() {
     if (IsStarted()) return true;
     static std::mutex starting;
     const std::lock_guard guard(starting);
     if (IsStarted()) return true;
     if (!OpenOwnLog()) return false;
-    SetToolkitLogLevel(agentLogLevel);
     InitSocketMutex();
     TKLOG(2, "%s \n", banner);
     InitTransportDomain();
