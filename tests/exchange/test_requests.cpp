@@ -38,7 +38,8 @@ class Requests : public TestAgent {
             if (list && said.empty()) answer.body = Utf16LittleEndianBytes(platform::WideFromUtf8(list));
         });
         server.server->Post("/servlets/.*", [this](const httplib::Request& request, httplib::Response&) {
-            posted += request.target + "\n" + platform::Utf8FromWide(TextFromUtf16LittleEndian(request.body));
+            const std::string answer = platform::Utf8FromWide(TextFromUtf16LittleEndian(request.body));
+            posted += request.target.substr(request.target.find("agentKey=K7") + 11) + " " + answer;
         });
     }
 
@@ -51,7 +52,6 @@ class Requests : public TestAgent {
     /// One round, in which the server answers with a list, or 503 for null.
     void RunRound(const char* answer) {
         asked.clear();
-        posted.clear();
         list = answer;
         logBefore = LogText().size();
         clock.endMilliseconds = clock.nowMilliseconds() + 60000;
@@ -63,11 +63,30 @@ class Requests : public TestAgent {
         for (std::size_t at = logBefore; (at = log.find(text, at)) != log.npos; ++at) ++count;
         return count;
     }
+
+    /// How many SNMP exchanges an SNMP request to 127.0.0.1 led to, and the answer that went to the server. The first
+    /// ones end without a wait, before an answer comes.
+    std::string Ask(std::string_view type, int port, std::string_view members, int silent = 0) {
+        int exchanges = 0;
+        platform::SocketOperations sockets = platform::Sockets();
+        sockets.select = [&, next = sockets.select](auto socket, auto microseconds, bool& ready) {
+            return ++exchanges <= silent ? platform::error::success : next(socket, microseconds, ready);
+        };
+        const platform::ScopedOperations scoped(sockets);
+        posted.clear();
+        SetRequestAvailable(u"YES");
+        RunRound(fmt::format(R"({{"RequestList": [{{"REQUEST_TYPE": "{}", "AGENT_REQUEST_ID": "I 1", "DEVICE_NAME":
+            "127.0.0.1", "SNMP_PORT": {}, "SNMP_VERSION": "v2c", "SNMP_TIMEOUT": "1" {}}}]}})",
+                             type, port, members)
+                     .c_str());
+        return fmt::format("{} {}", exchanges, posted);
+    }
+
     int Reloads() const { return CountInRound("Query conf reloaded and scheduled successfully"); }
 
     VirtualClock clock;
     std::string asked;   // in the round, behind the agent's key, each with a blank after it
-    std::string posted;  // in the round: address, line end, answer
+    std::string posted;  // addresses behind the agent's key, each with a blank and what was posted there
     const char* list = nullptr;
     std::string downloadConnection;
     std::size_t logBefore = 0;
@@ -155,73 +174,94 @@ TEST_F(Requests, OneThatFailsCostsNoOtherAndOnlySlavesAreDeleted) {
         EXPECT_EQ(CountInRound(line), 1) << line;
 }
 
-TEST_F(Requests, SnmpAnswersGoToTheServer) {
-    agentState.gv_custID = u"Acme";
-    agentState.gv_remoteOfficeName = u"Branch";
+/// A variable of a device, by the end of its name behind .1.3.
+std::string Variable(char last, std::uint8_t tag, const char* hex) {
+    return Item(0x30, Item(0x06, std::string("\x2b") + last) + Item(tag, FromHex(hex)));
+}
+
+TEST_F(Requests, SnmpValuesGoToTheServer) {
+    const SnmpDaemon agent("sysName tower\nsysDescr a box\nextend n /usr/bin/seq 1 2");
+    EXPECT_EQ(Ask("GET_INSTANCE_DATA", agent.port(), R"(, "OID": ".1.3.6.1.2.1.1.5.0,,.1.3.6.1.2.1.1.1.0",
+                  "PROTOCOL": "POLL", "POLL_ID": 7, "AGENT_KEY": "S1", "POLICY_NAME": "p")"),
+              R"(1 &action=GET_INSTANCE_DATA&requestId=I%201 { "AGENT_REQUEST_ID": "I 1", )"
+              R"("POLICY_NAME": "p", "AGENTKEY": "S1", "PROTOCOL": "POLL", "MSPCUSTOMERID": "", "ID": "7", )"
+              R"("DATACOLLECTTIME": "1772701537", "STATUS": "SUCCESS", ".1.3.6.1.2.1.1.1.0": )"
+              R"({ ".1.3.6.1.2.1.1.1.0": "a box" }, ".1.3.6.1.2.1.1.5.0": { ".1.3.6.1.2.1.1.5.0": "tower" }, )"
+              R"("TYPE": "4", "OID": ".1.3.6.1.2.1.1.5.0,,.1.3.6.1.2.1.1.1.0" })");
+    EXPECT_TRUE(FilesIn(data).empty());
+    agentState.gv_SNMPTimeout.publish(u"2148");
+    const std::string one = Variable(1, 0x02, "07"), two = Variable(2, 0x04, "78"), nulls = Variable(1, 0x05, "");
+    const std::string ofOne = R"(".1.3.1": { ".1.3.1": "7" }, "TYPE": "2", )";
+    const struct {
+        const char *title, *members;
+        int silent;             // attempts without an answer
+        std::string variables;  // of the answers after these
+        std::string result;     // attempts, status and values
+    } rows[] = {
+        {"at last", R"("PROTOCOL": "spoll")", 1, one + two, R"(2 "SUCCESS", ".1.3.2": { ".1.3.2": "x" }, )" + ofOne},
+        {"no second attempt", R"("PROTOCOL": "POLL")", 1, one + two, R"(1 "FAILURE", )"},
+        {"one of two", R"("PROTOCOL": "SPOLL")", 0, one, R"(2 "FAILURE", )" + ofOne},
+        {"exception", R"("x": 0)", 0, one + Variable(2, 0x81, ""), R"(1 "SUCCESS", ".1.3.2": { }, )" + ofOne},
+        {"nulls", R"("PROTOCOL": "SPOLL")", 0, nulls + nulls, R"(1 "FAILURE", ".1.3.2": { }, ".1.3.1": { }, )"},
+        {"bytes", R"("x": 0)", 0, Variable(1, 0x04, "ff 00 41 00") + Variable(2, 0x04, "c3 a9 00"),
+         R"(1 "SUCCESS", ".1.3.2": { ".1.3.2": "é" }, ".1.3.1": { ".1.3.1": "ÿ�A" }, "TYPE": "4", )"},
+        {"walk", R"("PROTOCOL": "SPOLL", "IS_MULTIPLE_POLLED_DATA": "TRUE")", 2, "", R"(2 "FAILURE", )"},
+        {"no device", R"("DEVICE_NAME": "")", 0, one + two, R"(0 "FAILURE", )"},
+        {"odd port", R"("SNMP_PORT": "70000")", 1, "", R"(1 "FAILURE", )"},
+    };
+    for (const auto& row : rows) {
+        const ScriptedDevice device([&row, silent = row.silent](std::string_view) mutable {
+            return silent-- > 0 ? std::vector<std::string>() : std::vector{MessageOf({.variables = {row.variables}})};
+        });
+        const std::string members = fmt::format(R"(, "OID": ".1.3.1,.1.3.2", {})", row.members);
+        std::string result = Ask("SNMP_TEST_MONITOR", device.port(), members, row.silent);
+        result.resize(result.rfind("\"OID\""));
+        EXPECT_EQ(result.erase(2, result.find("\"STATUS\": ") + 8), row.result) << row.title;
+    }
+    for (const char* line :
+         {"Going to retry!!!", "Going to retry2", "Var value is null", "a record without device is not polled",
+          "The port 70000 is no number from 1 to 65535, 161 is taken", "The timeout 2148 is no number from 1 to 2147"})
+        EXPECT_TRUE(Logged(line)) << line;
+    const std::string walk = R"(, "IS_MULTIPLE_POLLED_DATA": "TRUE", "OID": ".1.3.6.1.4.1.8072.1.3.2.4.1.2.1.110")";
+    const std::string got = Ask("SNMP_TEST_MONITOR", agent.port(), walk);
+    EXPECT_NE(got.find(R"(110.2": "2", ".1.3.6.1.4.1.8072.1.3.2.4.1.2.1.110.1": "1" })"), got.npos) << got;
+    const std::string refused = Ask("SNMP_TEST_MONITOR", agent.port(), walk + R"(, "COMMUNITY": "wrong")", 1);
+    EXPECT_NE(refused.find(R"("STATUS": "FAILURE", "OID")"), refused.npos) << refused;
+}
+
+TEST_F(Requests, SnmpDevicesAreDiscovered) {
     const SnmpDaemon agent("sysName tower\nsysDescr a box\nsysObjectID .1.3.6.1.4.1.9");
-    const std::string sysOid = Item(0x06, FromHex("2b 06 01 02 01 01 02 00")), oid = Item(0x06, FromHex("2b 06 09"));
-    const std::string none = Item(0x30, sysOid + Item(0x80, ""));
+    const std::string value = Variable(1, 0x06, "2b 01"), none = Variable(1, 0x80, "");
     std::string versions;
     const ScriptedDevice old([&](std::string_view request) {
         versions += std::to_string(request.at(6));
-        const std::vector<std::string> variables(3, Item(0x30, sysOid + oid));
-        const std::string answer = MessageOf({.version = 0, .variables = variables});
-        return versions.ends_with('0') ? std::vector{answer} : std::vector<std::string>();
+        const std::string answer = MessageOf({.version = 0, .variables = {value, value, value}});
+        return request[6] == 0 ? std::vector{answer} : std::vector<std::string>();
     });
-    const ScriptedDevice nameless([&](std::string_view) {
-        return std::vector{MessageOf({.variables = {Item(0x30, sysOid + oid), none, none}})};
-    });
-    constexpr char discover[] = R"("REQUEST_TYPE": "DISCOVER_SNMP_DEVICES", "SNMP_TIMEOUT": "1", )";
-    constexpr char gone[] = "NO RESPONSE", invalid[] = "INVALID IPADDRESS";
+    const ScriptedDevice plain([&](auto) { return std::vector{MessageOf({.variables = {value, none, none}})}; });
     const struct {
-        const char *title, *device;
+        const char* device;
         int port;
         int silent;  // exchanges without an answer
-        const char *version, *description, *name, *oid;
+        const char *exchanges, *version, *description, *name, *object, *address;
     } rows[] = {
-        {"v2c", "localhost", agent.port(), 0, "v2", "a box", "tower", ".1.3.6.1.4.1.9"},
-        {"v1 only", "localhost", old.port(), 1, "v1", ".1.3.6.9", ".1.3.6.9", ".1.3.6.9"},
-        {"sysObjectID only", "localhost", nameless.port(), 0, "v2", gone, gone, ".1.3.6.9"},
-        {"nobody there", "localhost", 9, 2, "v1", gone, gone, gone},
-        {"unresolvable", "no.such.host.invalid", 9, 0, invalid, invalid, invalid, invalid},
+        {"localhost", agent.port(), 0, "1", "v2", "a box", "tower", ".1.3.6.1.4.1.9", "127.0.0.1"},
+        {"localhost", old.port(), 1, "2", "v1", ".1.3.1", ".1.3.1", ".1.3.1", "127.0.0.1"},
+        {"localhost", plain.port(), 0, "1", "v2", "NO RESPONSE", "NO RESPONSE", ".1.3.1", "127.0.0.1"},
+        {"no.invalid", 9, 0, "0", "INVALID IPADDRESS", "INVALID IPADDRESS", "INVALID IPADDRESS", "INVALID IPADDRESS",
+         "no.invalid"},
     };
-    int silent = 0, exchanges = 0;
-    platform::SocketOperations sockets = platform::Sockets();
-    sockets.select = [&, next = sockets.select](auto socket, auto microseconds, bool& ready) {
-        ++exchanges;
-        return silent-- > 0 ? platform::error::success : next(socket, microseconds, ready);
-    };
-    const platform::ScopedOperations scoped(sockets);
-    const auto serve = [this](const std::string& request) {
-        SetRequestAvailable(u"YES");
-        RunRound((R"({"RequestList": [{)" + request + "}]}").c_str());
-    };
-    const std::string url = "/servlets/DataAgentHandlerServlet?agentKey=K7&action=";
     for (const auto& row : rows) {
-        SCOPED_TRACE(row.title);
-        silent = row.silent;
-        exchanges = 0;
-        serve(fmt::format(R"({}"AGENT_REQUEST_ID": "D 1", "DEVICE_NAME": "{}", "SNMP_PORT": "{}")", discover,
-                          row.device, row.port));
-        const char* address = row.version == invalid ? row.device : "127.0.0.1";
-        EXPECT_EQ(posted,
-                  fmt::format(R"({}DISCOVER_SNMP_DEVICES&requestId=D%201
-{{ "SNMPVersion": "{}", "SYSDESC": "{}", "SYSNAME": "{}", "SYSOID": "{}", "SNMPPort": "{}", "Community": "public", )"
-                              R"("DNSName": "{}", "IPAddress": "{}", "RemoteOffice": "Branch", )"
-                              R"("MSPCUSTOMERID": "Acme", "AGENT_REQUEST_ID": "D 1", "AGENTKEY": "K7" }})",
-                              url, row.version, row.description, row.name, row.oid, row.port, row.device, address));
-        EXPECT_EQ(exchanges, row.version == invalid ? 0 : row.version[1] == '1' ? 2 : 1);
+        EXPECT_EQ(
+            Ask("DISCOVER_SNMP_DEVICES", row.port, fmt::format(R"(, "DEVICE_NAME": "{}")", row.device), row.silent),
+            fmt::format(R"({} &action=DISCOVER_SNMP_DEVICES&requestId=I%201 {{ "SNMPVersion": "{}", "SYSDESC": )"
+                        R"("{}", "SYSNAME": "{}", "SYSOID": "{}", "SNMPPort": "{}", "Community": "public", )"
+                        R"("DNSName": "{}", "IPAddress": "{}", "RemoteOffice": "", "MSPCUSTOMERID": "", )"
+                        R"("AGENT_REQUEST_ID": "I 1", "AGENTKEY": "K7" }})",
+                        row.exchanges, row.version, row.description, row.name, row.object, row.port, row.device,
+                        row.address));
     }
     EXPECT_EQ(versions, "10");
-    serve(fmt::format(R"("REQUEST_TYPE": "SNMP_TEST_MONITOR", "AGENT_REQUEST_ID": "T1", "DEVICE_NAME": "127.0.0.1",
-        "SNMP_PORT": {}, "OID": ".1.3.6.1.2.1.1.5.0", "PROTOCOL": "SPOLL", "POLL_ID": "3")",
-                      agent.port()));
-    EXPECT_EQ(posted, fmt::format(R"({}SNMP_TEST_MONITOR&requestId=T1
-{{ "AGENT_REQUEST_ID": "T1", "PROTOCOL": "SPOLL", "MSPCUSTOMERID": "Acme", "ID": "3", "DATACOLLECTTIME": "{}", )"
-                                  R"("STATUS": "SUCCESS", ".1.3.6.1.2.1.1.5.0": {{ ".1.3.6.1.2.1.1.5.0": "tower" }}, )"
-                                  R"("TYPE": "4", "OID": ".1.3.6.1.2.1.1.5.0" }})",
-                                  url, clock.nowSeconds() - 30));
-    EXPECT_TRUE(FilesIn(data).empty());
 }
 
 }  // namespace kv::test
