@@ -24,6 +24,13 @@ constexpr std::int32_t addressRoom = 19;  // characters of an address's text
 const std::uint32_t* WordsOf(const void* value) { return static_cast<const std::uint32_t*>(value); }
 const std::uint8_t* BytesOf(const void* value) { return static_cast<const std::uint8_t*>(value); }
 
+/// Zeroed, with one byte more than the size, or null. Made of words, as the array of an object identifier is, so that
+/// FreeValue fits both.
+void* NewValue(std::int64_t size) {
+    const auto words = static_cast<std::size_t>(std::max<std::int64_t>(size, 0)) / sizeof(std::uint32_t) + 1;
+    return new (std::nothrow) std::uint32_t[words]{};
+}
+
 std::int64_t SizeOfValue(std::uint8_t type, std::int32_t valueLength) {
     const std::int64_t size = std::max(valueLength, 0);
     return type == tag::objectId ? size * std::int64_t{sizeof(std::uint32_t)} : size;
@@ -129,12 +136,6 @@ void PrintValue(const VarBind& varBind) {
 }
 
 }  // namespace
-
-// Made of words, as the array of an object identifier is, so that FreeValue fits both.
-void* NewValue(std::int64_t size) {
-    const auto words = static_cast<std::size_t>(std::max<std::int64_t>(size, 0)) / sizeof(std::uint32_t) + 1;
-    return new (std::nothrow) std::uint32_t[words]{};
-}
 
 void FreeValue(void* value) { delete[] static_cast<std::uint32_t*>(value); }
 

@@ -15,17 +15,13 @@ struct VarBind {
     std::uint32_t* oid;  // owned
     std::int32_t oidLength;
     std::uint8_t type;  // a tag
-    void* value;        // made by NewValue; or null
+    void* value;        // as DecodeAsnSyntaxValue makes it; or null
     std::int32_t valueLength;
     std::uint8_t ownsValue;
     std::uint32_t reserved;  // carried along by copies
     std::int32_t position;   // in the received list, from 1
     std::uint8_t received;   // 1 on the way in
 };
-
-/// A zeroed buffer for a value, aligned for any of its forms, or null when memory ran out. A size below 0 counts as 0;
-/// there is always one byte more. Released with FreeValue.
-void* NewValue(std::int64_t size);
 
 /// Frees a variable with its name and, if it owns it, its value. Null is allowed.
 void FreeVarBind(VarBind* varBind);
