@@ -2,6 +2,7 @@
 //
 // An OID that was read, written and read again is the same, unless it holds a sub-identifier that is not written. A
 // value keeps its text when its variable is copied.
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -38,7 +39,7 @@ void ReadOidText(std::string_view text) {
     SubIds subIds;
     const std::int32_t count = ConvertToOidOrIpFromString(subIds, text, false);
     if (count <= 0) return;
-    Require(count == GetOidLength(text, text.size()), "not as many sub-identifiers as dots");
+    Require(count == std::count(text.begin(), text.end(), '.'), "not as many sub-identifiers as dots");
     const std::string written = OidText(subIds.get(), count);
     SubIds again;
     const std::int32_t countAgain = ConvertToOidOrIpFromString(again, written, false);

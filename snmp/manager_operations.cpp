@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -9,6 +10,7 @@
 #include "snmp/asn.h"
 #include "snmp/oid.h"
 #include "snmp/toolkit_log.h"
+#include "snmp/udp_transport.h"
 
 namespace kv::snmp {
 
@@ -97,16 +99,17 @@ void TakeGetAnswer(const ManagerRequest& request, TkVector* answer, VarBindListP
     }
 }
 
-/// What the walks of one request may still take.
-struct WalkBudget {
-    std::int64_t bytes = maxWalkBytes;
+/// What the walks of one request share.
+struct WalkShare {
+    std::string address;  // the host's, looked up once and not for each value
+    std::int64_t bytesLeft = maxWalkBytes;
     std::uint64_t endTick = platform::Clock().GetTickCount64() + maxWalkMilliseconds;
 };
 
 /// Where a walk of one OID stands.
 struct Walk {
     const ManagerRequest& request;
-    WalkBudget& budget;
+    WalkShare& share;
     SubIds root = nullptr;
     std::int32_t rootLength = 0;
     std::vector<std::uint32_t> current = {};  // the OID to ask from
@@ -144,7 +147,7 @@ SnmpPduPtr AskNext(const Walk& walk, std::uint8_t& status) {
         std::printf("Unable to create the SnmpPdu!!!\n");
         return nullptr;
     }
-    return SendAndReceiveSnmpPdu(request.get(), walk.request.host, walk.request.port, &status);
+    return SendAndReceiveSnmpPdu(request.get(), walk.share.address.c_str(), walk.request.port, &status);
 }
 
 /// Moves to the last OID of an answer, unless the answer leaves the subtree.
@@ -185,7 +188,7 @@ bool TakeValues(Walk& walk, TkVector* answer, TkVector* values) {
     CopyVarBinds(values, answer, 1);
     for (const TkVectorNode* node = answer->head; node; node = node->next) {
         const VarBind& varBind = *static_cast<const VarBind*>(node->data);
-        walk.budget.bytes -= std::int64_t{varBind.oidLength} * 4 + varBind.valueLength;
+        walk.share.bytesLeft -= std::int64_t{varBind.oidLength} * 4 + varBind.valueLength;
     }
     return values->count == count;
 }
@@ -200,8 +203,8 @@ WalkStep TakeWalkAnswer(Walk& walk, TkVector* answer, TkVector* values) {
     if (!TakeValues(walk, answer, values)) return WalkStep::failed;
     if (IsBackAtLandmark(walk)) return EndEarly(walk, *values, "sends OIDs that run in a circle");
     if (values->count >= maxWalkValues) return EndEarly(walk, *values, "goes on and on");
-    if (walk.budget.bytes <= 0) return EndEarly(walk, *values, "sends more than a request may bring");
-    if (platform::Clock().GetTickCount64() >= walk.budget.endTick)
+    if (walk.share.bytesLeft <= 0) return EndEarly(walk, *values, "sends more than a request may bring");
+    if (platform::Clock().GetTickCount64() >= walk.share.endTick)
         return EndEarly(walk, *values, "takes longer than a request may last");
     return WalkStep::next;
 }
@@ -215,8 +218,8 @@ WalkStep TakeWalkStep(Walk& walk, TkVector* values) {
 }
 
 /// Collects the values of one OID; false when it is malformed or the device fell silent.
-bool WalkOid(const ManagerRequest& request, std::int32_t index, WalkBudget& budget, TkVector* values) {
-    Walk walk{.request = request, .budget = budget};
+bool WalkOid(const ManagerRequest& request, std::int32_t index, WalkShare& share, TkVector* values) {
+    Walk walk{.request = request, .share = share};
     walk.rootLength = ParseRequestedOid(request, index, walk.root);
     if (walk.rootLength == -1) return false;
     walk.current.assign(walk.root.get(), walk.root.get() + walk.rootLength);
@@ -246,10 +249,10 @@ ResultVectors SnmpGetOperation(const ManagerRequest& request) {
 ResultVectors SnmpWalkOperation(const ManagerRequest& request) {
     ResultVectors results = MakeResultVectors(request);
     VarBindListPtr* values = results.get();
-    WalkBudget budget;
+    WalkShare share{.address = AddressOrHost(request.host)};
     for (std::int32_t i = 0; i < request.oidCount; ++i, ++values) {
         *values = MakeVarBindList();
-        if (!*values || !WalkOid(request, i, budget, values->get())) return nullptr;
+        if (!*values || !WalkOid(request, i, share, values->get())) return nullptr;
     }
     return results;
 }

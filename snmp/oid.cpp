@@ -88,11 +88,6 @@ std::int32_t ConvertToStringFromOid(const std::uint32_t* subIds, std::int32_t co
     return 1;
 }
 
-std::uint16_t GetOidLength(std::string_view text, std::size_t length) {
-    const std::string_view counted = text.substr(0, length);
-    return static_cast<std::uint16_t>(std::count(counted.begin(), counted.end(), '.'));
-}
-
 std::int8_t CompareOid(const std::uint32_t* a, std::int32_t countA, const std::uint32_t* b, std::int32_t countB) {
     const std::span<const std::uint32_t> left = SubIdsOf(a, countA);
     const std::span<const std::uint32_t> right = SubIdsOf(b, countB);

@@ -65,7 +65,8 @@ SnmpPdu* CreateSnmpPdu(std::int32_t version, const char* community, std::uint8_t
                        std::int32_t errorStatus, std::int32_t errorIndex, TkVector* vector) {
     const std::string_view name = community ? community : "";
     if (name.size() > maxRequestCommunity) {
-        TKLOG(1, "The community has %d bytes, and %d are the most !!!\n", name.size(), maxRequestCommunity);
+        Log1("\t CreateSnmpPdu :: the community has %d bytes, and %d are the most \n", name.size(),
+             maxRequestCommunity);
         FreeVarBindList(vector);
         return nullptr;
     }

@@ -23,8 +23,6 @@ constexpr int sendAttempts = 3;
 /// How often a wait that the system refuses is tried again before its time is over.
 constexpr int maxSelectRepeats = 1000;
 
-constexpr const char* fallbackAddress = "127.0.0.1";
-
 std::atomic<bool> hasSocketMutex{false};
 std::mutex socketMutex;
 
@@ -75,7 +73,7 @@ bool SetUdpSocketProperties(TransportDomainAddress& address) {
         return false;
     }
     if (!ResolveHost(address.remoteHost.data(), peer->address)) {
-        TKLOG(1, "Unable to find the address of the host %s\n", address.remoteHost.data());
+        Log1("\t SetUdpSocketProperties :: the address of %s cannot be found \n", address.remoteHost.data());
         return false;
     }
     peer->port = address.remotePort;
@@ -142,13 +140,6 @@ int ReadUdpPacket(TransportDomainAddress& address, platform::SocketHandle socket
     return 1;
 }
 
-std::string FirstOwnAddress() {
-    std::string name;
-    platform::HostEntry host;
-    if (Sockets().gethostname(name) != error::success) return fallbackAddress;
-    return Sockets().gethostbyname(name, host) == error::success ? host.address : fallbackAddress;
-}
-
 }  // namespace
 
 void InitTransportDomain() { InitUdpSocket(); }
@@ -158,7 +149,8 @@ void InitSocketMutex() { hasSocketMutex = true; }
 TransportDomainInfo* CreateTransportDomainInfo(std::uint16_t localPort, std::uint16_t remotePort,
                                                std::string_view host) {
     if (host.size() >= remoteHostRoom) {
-        TKLOG(1, "The host name is too long : %s\n", host);
+        Log1("\t CreateTransportDomainInfo :: the host name %s is longer than %d characters \n", host,
+             remoteHostRoom - 1);
         return nullptr;
     }
     TransportDomainInfoPtr info(new (std::nothrow) TransportDomainInfo{});
@@ -208,16 +200,11 @@ int ReadSnmpMessage(TransportDomainInfo* info, std::uint8_t* buffer, std::int32_
     return ReadUdpPacket(*info->address, info->socket, buffer, length);
 }
 
-void UpdateAgentTransportDomainInfo(TransportDomainInfo* info) { info->address->socket = info->socket; }
-
-std::string GetLocalHostAddress() {
-    if (Sockets().WSAStartup(1, 1) != error::success) {
-        TKLOG(1, "Can't Initialize Socket \n");
-        return {};
-    }
-    std::string address = FirstOwnAddress();
-    Sockets().WSACleanup();
-    return address;
+std::string AddressOrHost(std::string_view host) {
+    std::array<std::uint8_t, 4> address{};
+    return ResolveHost(host, address) ? Sockets().inet_ntoa(address) : std::string(host);
 }
+
+void UpdateAgentTransportDomainInfo(TransportDomainInfo* info) { info->address->socket = info->socket; }
 
 }  // namespace kv::snmp

@@ -70,8 +70,7 @@ void InitSocketMutex();
 /// Records the engine's own session's socket in its address record.
 void UpdateAgentTransportDomainInfo(TransportDomainInfo* info);
 
-/// This computer's first address, dotted; 127.0.0.1 when it cannot be told. Empty, with an engine line, when there is
-/// no socket library.
-std::string GetLocalHostAddress();
+/// The dotted address of a host, or the host as it stands when it cannot be found.
+std::string AddressOrHost(std::string_view host);
 
 }  // namespace kv::snmp

@@ -213,11 +213,11 @@ TEST_F(SnmpMessage, OneExchange) {
 
 TEST_F(SnmpMessage, WhatCanFailOnTheWay) {
     EXPECT_EQ(CreateTransportDomainInfo(0, 161, std::string(256, 'h')), nullptr);
-    EXPECT_TRUE(Logged("The host name is too long : hhh"));
+    EXPECT_TRUE(Logged("hhh is longer than 255 characters"));
     const TransportDomainInfoPtr unknown(CreateTransportDomainInfo(0, 161, std::string(255, 'h')));
     OpenSnmpSession(unknown.get());
     EXPECT_EQ(SendSnmpPdu(unknown.get(), PduOf(1, 0xA0, {}).get()), 0);
-    EXPECT_TRUE(Logged("Unable to find the address of the host hhh"));
+    EXPECT_TRUE(Logged("the address of hhh"));
     CloseSnmpSession(unknown.get());
 
     const TransportDomainInfoPtr info(CreateTransportDomainInfo(0, 161, "127.0.0.1"));
@@ -229,7 +229,6 @@ TEST_F(SnmpMessage, WhatCanFailOnTheWay) {
     const auto result = [&] { return ++calls > failures ? platform::error::success : platform::error::generalFailure; };
     sockets.sendto = [&](auto&&...) { return result(); };
     sockets.select = [&](auto, auto, bool& ready) { return ready = true, result(); };
-    sockets.gethostbyname = [](auto&&...) { return platform::error::hostNotFound; };
     std::uint64_t now = 0;
     std::uint64_t tick = 0;
     clock.GetTickCount64 = [&] { return now += tick; };
@@ -250,7 +249,6 @@ TEST_F(SnmpMessage, WhatCanFailOnTheWay) {
     EXPECT_EQ(outcome(wait, 1001), std::pair(0, 1001)) << "time stands still";
     tick = 500;
     EXPECT_EQ(outcome(wait, 1001), std::pair(0, 4)) << "time goes by";
-    EXPECT_EQ(GetLocalHostAddress(), "127.0.0.1");
     CloseSnmpSession(info.get());
 }
 

@@ -95,7 +95,6 @@ TEST_F(SnmpValues, TextsOfOidsAndAddresses) {
     }
     EXPECT_TRUE(Logged("Incorrect format of OID\n"));
     EXPECT_TRUE(Logged("Incorrect format of IpAddress\n"));
-    EXPECT_EQ(GetOidLength(".1.3.6", 3), 2);
     Bytes bytes(4, 9);
     EXPECT_EQ(ConvertToIpAddFromString(bytes.data(), "10.0.256.1, and more", 10), 4);
     EXPECT_EQ(ConvertToIpAddFromString(bytes.data(), "1.2.3", 5), 3);
@@ -247,7 +246,7 @@ TEST_F(SnmpValues, APduTakesOverTheVariablesInEveryCase) {
         FreeVector(list.get());
         DisplaySnmpPduInfo(pdu.get());
     }
-    EXPECT_TRUE(Logged("The community has 255 bytes"));
+    EXPECT_TRUE(Logged("the community has 255 bytes"));
     EXPECT_TRUE(Logged("VarBind OID\t\t\t=.1.3.4711\n"));
 }
 
