@@ -230,21 +230,23 @@ TEST_F(SnmpManager, EndsAWalkWhereItCannotGoOn) {
 TEST_F(SnmpManager, GivesTheFallbackWhenAWalkFallsSilent) {
     SnmpResponseData fallback{};
     std::vector<std::string> requests;
-    const ScriptedDevice device([&requests](std::string_view request) -> std::vector<std::string> {
-        requests.emplace_back(request);
-        if (requests.size() == 3) return {};
-        return {MessageOf({.variables = {Variable(static_cast<char>(requests.size()), 0x04, "v")}})};
-    });
-    const Ask walk{.port = device.port(), .type = snmpWalk, .oids = {".1.3.6.1.9"}, .fallback = &fallback};
-    EXPECT_EQ(Send(walk), &fallback);
+    Ask walk{.type = snmpWalk, .oids = {".1.3.6.1.9"}, .fallback = &fallback};
+    {
+        const ScriptedDevice device([&requests](std::string_view request) -> std::vector<std::string> {
+            requests.emplace_back(request);
+            if (requests.size() == 3) return {};
+            return {MessageOf({.variables = {Variable(static_cast<char>(requests.size()), 0x04, "v")}})};
+        });
+        walk.port = device.port();
+        EXPECT_EQ(Send(walk), &fallback);
+    }
     ASSERT_EQ(requests.size(), 3u) << "nothing is sent twice";
     EXPECT_EQ(requests[1], FromHex("30 82 00 29 02 01 01 04 06 70 75 62 6c 69 63 a1 82 00 1a 02 01 01 02 01 00"
                                    "02 01 01 30 82 00 0d 30 82 00 09 06 05 2b 06 01 09 01 04 00"));
     const platform::ScopedOperations unanswered(Unanswered());
     EXPECT_EQ(Send(walk), &fallback);
-    EXPECT_EQ(Answer({.port = device.port(), .oids = {sysName, sysDescr}, .fallback = &fallback}),
-              "0: (none) | (none)");
-    EXPECT_EQ(Answer({.port = device.port(), .oids = {sysName}, .version = "v3"}), "0: (none)");
+    EXPECT_EQ(Answer({.port = walk.port, .oids = {sysName, sysDescr}, .fallback = &fallback}), "0: (none) | (none)");
+    EXPECT_EQ(Answer({.port = walk.port, .oids = {sysName}, .version = "v3"}), "0: (none)");
     EXPECT_EQ(Send({.oids = {nullptr}, .fallback = &fallback}), &fallback);
     EXPECT_EQ(Send({.fallback = &fallback}), &fallback);
     EXPECT_EQ(Send({.type = 3, .fallback = &fallback}), nullptr);
