@@ -95,17 +95,16 @@ void RemoveFromIndex(KeyIndex& index, HashEntry* entry, HashEntry* previous) {
     }
 }
 
-/// Puts a new entry behind the last of its bucket, which is not empty.
-void LinkLast(HashTable* table, HashEntry* added) {
+/// The entry of a key, or when there is none the last of its bucket; passed counts the entries before it that had to be
+/// looked at.
+HashEntry* FindOrLast(const HashTable* table, std::u16string_view key, std::int32_t& passed) {
     if (table->index) {
-        table->index->last->next = added;
-        return IndexEntry(table, added);
+        const auto found = table->index->entries.find(key);
+        return found == table->index->entries.end() ? table->index->last : found->second;
     }
-    HashEntry* last = FirstEntry(table, added->key);
-    std::int32_t count = 2;
-    for (; last->next; last = last->next) ++count;
-    last->next = added;
-    if (count > fewKeys && table->size == 1) IndexEntry(table, added);
+    HashEntry* entry = FirstEntry(table, key);
+    for (; !HasKey(entry, key) && entry->next; entry = entry->next) ++passed;
+    return entry;
 }
 
 /// Frees every entry of a table and the table; releaseValue gets each value with its type.
@@ -160,22 +159,24 @@ int InitHashTable(HashTable* table, std::int32_t size) {
 }
 
 int PutHashValue(HashTable* table, std::u16string_view key, Word value, ValueType type) {
-    if (HashEntry* entry = GetHashEntry(table, key)) {
+    std::int32_t passed = 0;
+    HashEntry* entry = FindOrLast(table, key, passed);
+    if (!entry->key) return FillEntry(entry, key, value, type) ? 1 : 0;
+    if (HasKey(entry, key)) {
         if (!StoredValue(value, type)) return 0;
         // The replaced value is not released: callers keep pointers to values that they have read.
         entry->value = value;
         entry->type = type;
         return 1;
     }
-    HashEntry* first = FirstEntry(table, key);
-    if (!first->key) return FillEntry(first, key, value, type) ? 1 : 0;
     HashEntry* added = new (std::nothrow) HashEntry{};
     if (!added) return 0;
     if (!FillEntry(added, key, value, type)) {
         delete added;
         return 0;
     }
-    LinkLast(table, added);
+    entry->next = added;
+    if (table->index || (passed >= fewKeys && table->size == 1)) IndexEntry(table, added);
     return 1;
 }
 
@@ -185,14 +186,9 @@ int PutHashText(HashTable* table, std::u16string_view key, std::u16string_view t
 }
 
 HashEntry* GetHashEntry(const HashTable* table, std::u16string_view key) {
-    if (table->index) {
-        const auto found = table->index->entries.find(key);
-        return found == table->index->entries.end() ? nullptr : found->second;
-    }
-    for (HashEntry* entry = FirstEntry(table, key); entry; entry = entry->next) {
-        if (HasKey(entry, key)) return entry;
-    }
-    return nullptr;
+    std::int32_t passed = 0;
+    HashEntry* entry = FindOrLast(table, key, passed);
+    return HasKey(entry, key) ? entry : nullptr;
 }
 
 Word GetHashValue(const HashTable* table, std::u16string_view key) {
