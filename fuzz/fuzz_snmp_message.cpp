@@ -92,6 +92,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (pdu == nullptr || !CanBeBuilt(*pdu)) return 0;
     if (pdu->command != command::get) pdu->command = command::getNext;
     pdu->errorStatus = 0;
+    pdu->receivedCommand = 0;  // of a bulk request as many variables as fit would do
     std::array<std::uint8_t, messageBufferSize> message;
     std::int32_t length = messageBufferSize;
     if (CreateSnmpMsgForPdu(message.data(), &length, pdu.get()) == 0) std::abort();

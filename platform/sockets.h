@@ -30,7 +30,9 @@ struct SocketAddress {
 };
 
 struct SocketOperations {
-    /// Brings up the socket library where the system has one to bring up; each call is paired with WSACleanup.
+    /// Brings up the socket library where the system has one to bring up; paired with WSACleanup, or kept for the life
+    /// of the process. A backend with such a library has it up from InstallBackend on: not everyone who opens a socket
+    /// starts it.
     std::function<Error(int majorVersion, int minorVersion)> WSAStartup;
     std::function<void()> WSACleanup;
 
@@ -42,11 +44,12 @@ struct SocketOperations {
     /// Looks a dotted IPv4 address up; invalidParameter when the text is none.
     std::function<Error(std::string_view dottedAddress, HostEntry& host)> gethostbyaddr;
 
-    /// The four bytes of a dotted address; false when the text is none.
+    /// The four bytes of a dotted address, which ends at a blank; false when the text is none.
     std::function<bool(std::string_view dottedAddress, std::array<std::uint8_t, 4>& address)> inet_addr;
     std::function<std::string(const std::array<std::uint8_t, 4>& address)> inet_ntoa;
 
-    /// A new datagram socket; released with closesocket.
+    /// A new datagram socket that never waits in recvfrom and that child processes do not get; released with
+    /// closesocket.
     std::function<Error(SocketHandle& socket)> socket;
     std::function<Error(SocketHandle socket, const SocketAddress& local)> bind;
 

@@ -5,7 +5,8 @@
 // after the item, or null. A builder takes the write position and the count of bytes left, and gives the position after
 // what it wrote, or null. The count shrinks by what was consumed; only AsnParseHeader replaces it, by the length of the
 // content. A failure is final: nothing is repaired, the tag may be set, the count stays as it was at that moment.
-// Unless it is called silent, a failure leaves an engine line at level 1.
+// Most failures leave an engine line at level 1; a lack of room and a wrong tag leave none, and those of
+// AsnBuildInteger are at level 3.
 //
 // A few parsers look at the bytes of a length, or at one byte of content, before they know that these are there. So a
 // buffer that is parsed has asnReadAhead readable bytes behind its end; what they hold decides nothing but the value of

@@ -1,8 +1,8 @@
 #include <bit>
 
+#include "foundation/log.h"
 #include "snmp/asn.h"
 #include "snmp/asn_content.h"
-#include "snmp/toolkit_log.h"
 
 namespace kv::snmp {
 
@@ -62,7 +62,8 @@ const std::uint8_t* AsnParseObjectId(const std::uint8_t* position, std::int32_t*
 std::uint8_t* AsnBuildObjectId(std::uint8_t* position, std::int32_t* remaining, std::uint8_t tag,
                                const std::uint32_t* subIds, std::int32_t count) {
     if (count > asnMaxBuildSubIds) {
-        TKLOG(1, "can't build an OID of %d sub-identifiers, %d are the most", count, asnMaxBuildSubIds);
+        Log1("\t AsnBuildObjectId :: an OID of %d sub-identifiers is not sent, %d are the most \n", count,
+             asnMaxBuildSubIds);
         return nullptr;
     }
     const std::uint32_t first = count < 2 ? 0 : subIds[0] * firstArcFactor + subIds[1];

@@ -49,10 +49,12 @@ std::uint8_t* AsnBuildBitString(std::uint8_t* position, std::int32_t* remaining,
 }
 
 const std::uint8_t* AsnParseNull(const std::uint8_t* position, std::int32_t* remaining, std::uint8_t* tag) {
+    *tag = position[0];
     std::uint32_t length = 0;
-    const std::uint8_t* content = AsnParseContent(position, *remaining, tag, &length);
+    const std::uint8_t* content = AsnParseLength(position + 1, &length);
     if (!content) return nullptr;
     if (length != 0) return AsnFailure("Malformed NULL");
+    if (AsnIsCutOff(position, content, length, *remaining)) return AsnFailure("overflow of message");
     return AsnPassItem(position, content, length, remaining);
 }
 

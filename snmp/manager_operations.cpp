@@ -27,8 +27,6 @@ std::int32_t VersionCode(std::string_view version) {
     return versionV1;
 }
 
-bool IsException(std::uint8_t type) { return type >= tag::noSuchObject && type <= tag::endOfMibView; }
-
 /// Appends a variable without a value; false when memory ran out.
 bool AddRequestVarBind(TkVector* vector, const std::uint32_t* oid, std::int32_t oidLength) {
     VarBindPtr varBind(CreateAVarBind(oid, oidLength, tag::octetString, nullptr, 0));

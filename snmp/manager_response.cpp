@@ -59,8 +59,6 @@ NarrowText ValueText(const VarBind& varBind, std::int32_t* length) {
     }
 }
 
-bool IsException(std::uint8_t type) { return type >= tag::noSuchObject && type <= tag::endOfMibView; }
-
 /// Whatever a device sends with them, NULL and the exceptions have no value.
 bool HasValue(const VarBind& varBind) {
     return varBind.valueLength > 0 && varBind.value && varBind.type != tag::null && !IsException(varBind.type);

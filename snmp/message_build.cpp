@@ -206,6 +206,9 @@ int SendSnmpPdu(TransportDomainInfo* info, SnmpPdu* pdu) {
     }
     std::int32_t size = messageBufferSize;
     CreateSnmpMsgForPdu(buffer.get(), &size, pdu);
+    if (size == messageBufferSize)
+        Log1("\t SendSnmpPdu :: the request to %s cannot be built or does not fit. The buffer goes out as it is \n",
+             info->address->remoteHost.data());
     return SendSnmpTrapMessage(info, buffer.get(), static_cast<std::size_t>(size));
 }
 

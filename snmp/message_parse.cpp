@@ -22,7 +22,7 @@ std::uint8_t OutOfMemory() {
     return parse_result::outOfMemory;
 }
 
-/// Name of a message type in the log: empty for a trap, null for what is no message to a manager.
+/// Name of a message type in the log: empty for a trap, null for what is refused.
 const char* CommandName(std::uint8_t command) {
     switch (command) {
         case command::get:

@@ -33,21 +33,21 @@ struct SnmpPdu {
     char* community;  // owned, terminated
     std::int32_t communityLength;
     std::uint8_t command;
-    std::uint8_t receivedCommand;
+    std::uint8_t receivedCommand;  // command of a parsed message; 0 in a request
     std::int32_t requestId;
-    std::int32_t errorStatus;
-    std::int32_t errorIndex;
-    std::int32_t timeoutSeconds;
-    TkVector varBinds;          // owns its variables
-    TkVector* otherVarBinds;    // in use instead for trapV1, inform and trapV2; owned, or null
-    std::int32_t varBindCount;  // of a parsed message
+    std::int32_t errorStatus;     // 0 none; of a reply, what the device reports
+    std::int32_t errorIndex;      // the variable that the status is about, from 1
+    std::int32_t timeoutSeconds;  // of a request: how long its answer is waited for
+    TkVector varBinds;            // owns its variables
+    TkVector* otherVarBinds;      // in use instead for trapV1, inform and trapV2; owned, or null
+    std::int32_t varBindCount;    // of a parsed message
 };
 
 /// Zeroed; null with an engine line when memory ran out.
 SnmpPdu* AllocateAndInitSnmpPdu();
 
 /// A PDU that takes over the variables of a list; the list keeps its nodes, which its holder frees. Null when memory
-/// ran out and for a community that is too long, each with an engine line: variables and nodes are then freed.
+/// ran out and for a community that is too long, each with a log line: variables and nodes are then freed.
 SnmpPdu* CreateSnmpPdu(std::int32_t version, const char* community, std::uint8_t command, std::int32_t requestId,
                        std::int32_t errorStatus, std::int32_t errorIndex, TkVector* vector);
 

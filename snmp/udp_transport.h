@@ -36,7 +36,7 @@ inline constexpr std::uint16_t ownPort = 8001;
 /// Brings up the socket library for the life of the process.
 void InitTransportDomain();
 
-/// Null when memory ran out, or when the host has remoteHostRoom characters or more; each with an engine line.
+/// Null when memory ran out, or when the host has remoteHostRoom characters or more; each with a log line.
 TransportDomainInfo* CreateTransportDomainInfo(std::uint16_t localPort, std::uint16_t remotePort,
                                                std::string_view host);
 

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <memory>
 
+#include "snmp/asn.h"
 #include "snmp/tk_vector.h"
 
 namespace kv::snmp {
@@ -14,9 +15,9 @@ namespace kv::snmp {
 struct VarBind {
     std::uint32_t* oid;  // owned
     std::int32_t oidLength;
-    std::uint8_t type;  // a tag
-    void* value;        // as DecodeAsnSyntaxValue makes it; or null
-    std::int32_t valueLength;
+    std::uint8_t type;         // a tag
+    void* value;               // as DecodeAsnSyntaxValue makes it; or null
+    std::int32_t valueLength;  // see above; bytes in a variable made by CreateAVarBind
     std::uint8_t ownsValue;
     std::uint32_t reserved;  // carried along by copies
     std::int32_t position;   // in the received list, from 1
@@ -53,6 +54,9 @@ struct FreeVarBindListDeleter {
     }
 };
 using VarBindListPtr = std::unique_ptr<TkVector, FreeVarBindListDeleter>;
+
+/// True for noSuchObject, noSuchInstance and endOfMibView.
+inline bool IsException(std::uint8_t type) { return type >= tag::noSuchObject && type <= tag::endOfMibView; }
 
 /// A new, empty list, or null when memory ran out.
 VarBindListPtr MakeVarBindList();

@@ -16,6 +16,8 @@ namespace platform {
 
 namespace {
 
+using namespace std::chrono_literals;
+
 // A handle is four times the descriptor and one, so that its low byte is none of 0, 99 and 255.
 SocketHandle HandleOf(int descriptor) { return static_cast<SocketHandle>(descriptor) * 4 + 1; }
 int DescriptorOf(SocketHandle handle) { return handle % 4 == 1 ? static_cast<int>(handle / 4) : -1; }
@@ -43,7 +45,8 @@ timespec TimeOf(std::chrono::microseconds time) {
 }  // namespace
 
 bool AddressFromText(std::string_view dottedAddress, std::array<std::uint8_t, 4>& address) {
-    return inet_pton(AF_INET, std::string(dottedAddress).c_str(), address.data()) == 1;
+    const std::string text(dottedAddress.substr(0, dottedAddress.find(' ')));
+    return inet_pton(AF_INET, text.c_str(), address.data()) == 1;
 }
 
 std::string TextFromAddress(const std::array<std::uint8_t, 4>& address) {
@@ -71,7 +74,8 @@ Error WaitForDatagram(SocketHandle socket, std::int64_t microseconds, bool& read
     // A negative descriptor would be passed over, not refused.
     if (DescriptorOf(socket) < 0) return error::invalidHandle;
     using Clock = std::chrono::steady_clock;
-    const auto end = Clock::now() + std::chrono::microseconds(std::max<std::int64_t>(microseconds, 0));
+    constexpr std::chrono::microseconds longest = std::chrono::hours(24 * 365);
+    const auto end = Clock::now() + std::clamp(std::chrono::microseconds(microseconds), 0us, longest);
     for (;;) {
         const auto left = std::chrono::ceil<std::chrono::microseconds>(end - Clock::now());
         const timespec time = TimeOf(std::max(left, std::chrono::microseconds::zero()));

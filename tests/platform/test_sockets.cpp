@@ -40,7 +40,9 @@ TEST_F(SocketTest, DatagramsGoThereAndBack) {
         EXPECT_EQ(length, size);
         ASSERT_EQ(Sockets().select(device, 2500000, ready), error::success);
         ASSERT_TRUE(ready);
-        ASSERT_EQ(Sockets().recvfrom(device, buffer.data(), buffer.size(), peer, length), error::success);
+        const Error received = Sockets().recvfrom(device, buffer.data(), buffer.size(), peer, length);
+        if (size > buffer.size() && received != error::success) continue;  // a cut is an error on some systems
+        ASSERT_EQ(received, error::success);
         EXPECT_EQ(length, std::min(size, buffer.size())) << "what is too long is cut";
         EXPECT_TRUE(std::equal(buffer.begin(), buffer.begin() + length, bytes.begin()));
         EXPECT_EQ(peer.address, loopback);

@@ -96,17 +96,15 @@ TEST_F(SnmpMessage, RequestsAreTheseBytes) {
         {"no room for the community", 1, 0xA0, description, "", "Unable to encode snmp_auth\n", 14},
     };
     for (const auto& row : rows) {
+        const std::size_t logged = LogText().size();
         const SnmpPduPtr pdu = PduOf(row.version, row.command, row.variables);
         std::string buffer(static_cast<std::size_t>(row.room), '\0');
         std::int32_t size = row.room;
         CreateSnmpMsgForPdu(reinterpret_cast<std::uint8_t*>(buffer.data()), &size, pdu.get());
         EXPECT_EQ(size == row.room ? "" : buffer.substr(0, static_cast<std::size_t>(size)), FromHex(row.hex))
             << row.title;
-        EXPECT_TRUE(Logged(row.line)) << row.title;
+        EXPECT_NE(LogText().find(row.line, logged), std::string::npos) << row.title;
     }
-    std::string mapped;
-    for (std::int32_t status = 0; status < 20; ++status) mapped += std::to_string(MapToSNMPv1Error(status));
-    EXPECT_EQ(mapped, "01234523333235222225");
 }
 
 TEST_F(SnmpMessage, AnswersAreTakenAsTheyCome) {
@@ -121,7 +119,7 @@ TEST_F(SnmpMessage, AnswersAreTakenAsTheyCome) {
     };
     const auto withName = [](std::size_t size) { return Item(0x30, Item(0x06, std::string(size, 1)) + "\4\1x"); };
     const auto withCommunity = [](std::size_t size) { return MessageOf({.community = std::string(size, 'c')}); };
-    const auto ofSize = [&](std::size_t size) { return answer(0xA2, variable(0x04, std::string(size - 45, 'x'))); };
+    const auto withTag = [](std::string message, std::size_t at, char tag) { return message[at] = tag, message; };
     const std::string one = variable(0x02, "\5");
     const std::string good = "1.3.6.1=2/4 ";
     std::string every;
@@ -166,20 +164,16 @@ TEST_F(SnmpMessage, AnswersAreTakenAsTheyCome) {
         {"no error index", withPdu("a206 020101 020100"), 0, "", "Unable to decode errstatus\n"},
         {"a header of more than there is", FromHex("30 05 02 01 01"), 0, "", "Unable to decode auth header type\n"},
         {"an envelope that tells less than there is", "\x30\5" + answer(0xA2, one).substr(2), 1, good},
-        {"7989 bytes", ofSize(7989), 1, "1.3.6.1=4/7944 "},
-        {"7990 bytes", ofSize(7990), 0, "", "Received too big snmp message ...\n"},
+        {"an outer item of another kind", withTag(answer(0xA2, one), 0, 0x31), 0, "", "decode auth header type\n"},
+        {"a community of another kind", withTag(answer(0xA2, one), 5, 5), 0, "", "Unable to decode community \n"},
     };
     for (const auto& row : rows) {
+        const std::size_t logged = LogText().size();
         const SnmpPduPtr pdu(AllocateAndInitSnmpPdu());
         EXPECT_EQ(Parsed(row.message, pdu.get()), row.result) << row.title;
         EXPECT_EQ(Described(*pdu), row.variables) << row.title;
-        EXPECT_TRUE(Logged(row.line)) << row.title;
+        EXPECT_NE(LogText().find(row.line, logged), std::string::npos) << row.title;
     }
-    for (std::size_t cut = 0; cut < rows[0].message.size(); ++cut) {
-        const SnmpPduPtr pdu(AllocateAndInitSnmpPdu());
-        EXPECT_EQ(Parsed(rows[0].message.substr(0, cut), pdu.get()), 0) << cut;
-    }
-    EXPECT_EQ(rows[std::size(rows) - 2].message.size(), 7989U);
 }
 
 TEST_F(SnmpMessage, OneExchange) {
@@ -191,35 +185,24 @@ TEST_F(SnmpMessage, OneExchange) {
             return std::vector{answer};
         },
         kv::test::SentFrom::anotherPort);
-    InitSocketMutex();
-    for (const bool isTrap : {false, true}) {
-        const TransportDomainInfoPtr info(CreateTransportDomainInfo(0, device.port(), "localhost"));
-        ASSERT_NE(OpenSnmpSession(info.get()), 0U);
-        EXPECT_EQ(WaitForTdInfoResp(info.get(), 0), 0) << "nothing was asked yet";
-        EXPECT_EQ(SendSnmpPdu(info.get(), PduOf(1, isTrap ? 0xA4 : 0xA0, {{{1, 3, 6, 1}}}).get()), 1);
-        ASSERT_EQ(WaitForTdInfoResp(info.get(), 5000000), 1);
-        const SnmpPduPtr pdu(AllocateAndInitSnmpPdu());
-        EXPECT_EQ(ReadAndParseSnmpMessage(info.get(), pdu.get()), parse_result::done);
-        EXPECT_EQ(Described(*pdu), "1.3.6.1=2/4 ");
-        EXPECT_STREQ(info->address->remoteHost.data(), "127.0.0.1") << "the sender's";
-        EXPECT_NE(info->address->remotePort, device.port());
-        EXPECT_EQ(ReadAndParseSnmpMessage(info.get(), pdu.get()), parse_result::dropped) << "and no other datagram";
-        CloseSnmpSession(info.get());
-        EXPECT_EQ(request.size(), isTrap ? 8000U : 43U)
-            << "a message that cannot be built goes out as the whole buffer";
-    }
+    const TransportDomainInfoPtr info(CreateTransportDomainInfo(0, device.port(), "localhost"));
+    ASSERT_NE(OpenSnmpSession(info.get()), 0U);
+    EXPECT_EQ(WaitForTdInfoResp(info.get(), 0), 0) << "nothing was asked yet";
+    EXPECT_EQ(SendSnmpPdu(info.get(), PduOf(1, 0xA4, {{{1, 3, 6, 1}}}).get()), 1);
+    ASSERT_EQ(WaitForTdInfoResp(info.get(), 5000000), 1);
+    SnmpPduPtr pdu(AllocateAndInitSnmpPdu());
+    EXPECT_EQ(ReadAndParseSnmpMessage(info.get(), pdu.get()), parse_result::done);
+    EXPECT_EQ(Described(*pdu), "1.3.6.1=2/4 ");
+    EXPECT_STREQ(info->address->remoteHost.data(), "127.0.0.1") << "the sender's";
+    EXPECT_NE(info->address->remotePort, device.port());
+    pdu.reset(AllocateAndInitSnmpPdu());
+    EXPECT_EQ(ReadAndParseSnmpMessage(info.get(), pdu.get()), parse_result::dropped) << "and no other datagram";
+    CloseSnmpSession(info.get());
+    EXPECT_EQ(request.size(), 8000U) << "a message that cannot be built goes out as the whole buffer";
     EXPECT_EQ(request.find_last_not_of('\0'), 16U) << "which holds nothing but what was built";
 }
 
 TEST_F(SnmpMessage, WhatCanFailOnTheWay) {
-    EXPECT_EQ(CreateTransportDomainInfo(0, 161, std::string(256, 'h')), nullptr);
-    EXPECT_TRUE(Logged("hhh is longer than 255 characters"));
-    const TransportDomainInfoPtr unknown(CreateTransportDomainInfo(0, 161, std::string(255, 'h')));
-    OpenSnmpSession(unknown.get());
-    EXPECT_EQ(SendSnmpPdu(unknown.get(), PduOf(1, 0xA0, {}).get()), 0);
-    EXPECT_TRUE(Logged("the address of hhh"));
-    CloseSnmpSession(unknown.get());
-
     const TransportDomainInfoPtr info(CreateTransportDomainInfo(0, 161, "127.0.0.1"));
     OpenSnmpSession(info.get());
     platform::SocketOperations sockets = platform::Sockets();
@@ -252,18 +235,23 @@ TEST_F(SnmpMessage, WhatCanFailOnTheWay) {
     CloseSnmpSession(info.get());
 }
 
-TEST_F(SnmpMessage, ASessionThatCannotBeOpenedLeavesNoSocket) {
+TEST_F(SnmpMessage, ASessionLeavesNoSocket) {
     platform::SocketOperations sockets = platform::Sockets();
+    platform::Error bound = platform::error::accessDenied;
     int open = 0;
     sockets.socket = [&](auto& socket) { return ++open, socket = 1, platform::error::success; };
     sockets.closesocket = [&](auto) { return --open, platform::error::success; };
-    sockets.bind = [](auto&&...) { return platform::error::accessDenied; };
+    sockets.bind = [&](auto&&...) { return bound; };
     const platform::ScopedOperations scoped(sockets);
     const TransportDomainInfoPtr info(CreateTransportDomainInfo(8001, 161, "127.0.0.1"));
     EXPECT_EQ(OpenSnmpSession(info.get()), 0U);
     EXPECT_EQ(open, 0);
     EXPECT_EQ(SendSnmpPdu(info.get(), PduOf(1, 0xA0, {}).get()), 0);
     EXPECT_TRUE(Logged("Bind Failed,Unable to start session at : udp port 8001\n"));
+    bound = platform::error::success;
+    EXPECT_EQ(OpenSnmpSession(info.get()), 1U);
+    CloseSnmpSession(info.get());
+    EXPECT_EQ(open, 0);
 }
 
 }  // namespace kv::snmp::test
