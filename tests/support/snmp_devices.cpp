@@ -1,18 +1,15 @@
 #include "tests/support/snmp_devices.h"
 
-#include <array>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
-#include <fcntl.h>
+#include <fmt/format.h>
 #include <fstream>
 #include <iterator>
 #include <netinet/in.h>
-#include <poll.h>
-#include <pwd.h>
+#include <spawn.h>
 #include <stdexcept>
-#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <system_error>
@@ -22,8 +19,7 @@ namespace kv::test {
 
 namespace {
 
-using std::chrono::milliseconds;
-using std::chrono::steady_clock;
+constexpr std::chrono::seconds patience{20};
 
 struct Socket {
     explicit Socket(std::uint16_t port) : number(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
@@ -56,44 +52,6 @@ std::uint16_t FreePort() {
     return BindToFreePort(socket);
 }
 
-/// The texts with a null at the end, for execve.
-std::vector<char*> Pointers(std::vector<std::string>& texts) {
-    std::vector<char*> pointers;
-    for (std::string& text : texts) pointers.push_back(text.data());
-    pointers.push_back(nullptr);
-    return pointers;
-}
-
-/// Whether one getnext is answered within 50 ms; waits as long when the port is still closed.
-bool Answers(std::uint16_t port, const std::string& community) {
-    const std::string name = Item(0x06, FromHex("2b 06 01"));
-    const std::string getNext =
-        MessageOf({.community = community, .command = 0xA1, .variables = {Item(0x30, name + Item(0x05, ""))}});
-    Socket socket(port);
-    std::array<char, 65536> answer;
-    if (connect(socket.number, socket.where(), socket.size) == 0 &&
-        send(socket.number, getNext.data(), getNext.size(), 0) > 0) {
-        pollfd waiting{socket.number, POLLIN, 0};
-        if (poll(&waiting, 1, 50) > 0 && recv(socket.number, answer.data(), answer.size(), 0) > 0) return true;
-        if ((waiting.revents & POLLERR) != 0) std::this_thread::sleep_for(milliseconds(50));
-    }
-    return false;
-}
-
-/// In the child, before it becomes the device. A change of user would take back the wish to end with the parent, so it
-/// comes first. Calls nothing that could wait for a lock of the parent's.
-void BecomeDevice(pid_t parent, const passwd* user, const char* output, char* const* arguments,
-                  char* const* variables) {
-    if (user != nullptr && (setgid(user->pw_gid) != 0 || setuid(user->pw_uid) != 0)) _exit(126);
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (getppid() != parent) _exit(126);
-    const int file = open(output, O_WRONLY | O_CREAT | O_APPEND, 0644);
-    dup2(file, STDOUT_FILENO);
-    dup2(file, STDERR_FILENO);
-    execve(arguments[0], arguments, variables);
-    _exit(127);
-}
-
 void Write(const std::filesystem::path& path, const std::string& text) { std::ofstream(path) << text; }
 
 }  // namespace
@@ -113,60 +71,40 @@ SnmpProcess::~SnmpProcess() {
     std::filesystem::remove_all(folder_, ignored);
 }
 
-void SnmpProcess::Start(const DeviceProgram& program) {
-    std::vector<std::string> commandLine = program.commandLine;
-    std::vector<std::string> environment = program.environment;
-    for (char** variable = environ; *variable != nullptr; ++variable) environment.emplace_back(*variable);
-    const std::vector<char*> arguments = Pointers(commandLine);
-    const std::vector<char*> variables = Pointers(environment);
-    const std::string output = folder_ / "output";
-    const passwd* user = program.asNobody && geteuid() == 0 ? getpwnam("nobody") : nullptr;
-    if (user != nullptr && chown(folder_.c_str(), user->pw_uid, user->pw_gid) != 0) {
-        throw std::system_error(errno, std::generic_category(), folder_);
-    }
+void SnmpProcess::Start(const std::string& commandLine, const std::string& community) {
+    const std::string shellLine =
+        fmt::format("cd '{}' && exec setpriv --pdeathsig KILL {} >>output 2>&1", folder_.string(), commandLine);
+    const char* const arguments[]{"sh", "-c", shellLine.c_str(), nullptr};
+    if (posix_spawn(&pid_, "/bin/sh", nullptr, nullptr, const_cast<char* const*>(arguments), environ) != 0)
+        throw std::runtime_error("no shell for " + commandLine);
 
-    const pid_t parent = getpid();
-    pid_ = fork();
-    if (pid_ < 0) throw std::system_error(errno, std::generic_category(), "fork");
-    if (pid_ == 0) BecomeDevice(parent, user, output.c_str(), arguments.data(), variables.data());
-
-    const auto end = steady_clock::now() + program.patience;
-    while (steady_clock::now() < end && pid_ > 0) {
-        if (Answers(port_, program.community)) return;
+    const std::string getNext =
+        fmt::format("MIBS= snmpgetnext -v2c -c '{}' -t 0.05 -r 0 127.0.0.1:{} 1.3 >/dev/null 2>&1", community, port_);
+    const auto end = std::chrono::steady_clock::now() + patience;
+    while (std::chrono::steady_clock::now() < end && pid_ > 0) {
+        if (std::system(getNext.c_str()) == 0) return;
         if (waitpid(pid_, nullptr, WNOHANG) != 0) pid_ = 0;
     }
-    std::ifstream printed(output);
-    throw std::runtime_error(commandLine[0] + " does not answer. It has printed: " +
-                             std::string(std::istreambuf_iterator<char>(printed), {}));
+    std::ifstream printed(folder_ / "output");
+    throw std::runtime_error(fmt::format("{} does not answer. It has printed: {}", commandLine,
+                                         std::string(std::istreambuf_iterator<char>(printed), {})));
 }
-
-void SnmpProcess::Pause() const {
-    kill(pid_, SIGSTOP);
-    waitpid(pid_, nullptr, WUNTRACED);
-}
-
-void SnmpProcess::Continue() const { kill(pid_, SIGCONT); }
 
 SnmpDaemon::SnmpDaemon(const std::string& configuration) {
-    const std::string path = folder_ / "snmpd.conf";
-    Write(path,
-          "agentaddress udp:127.0.0.1:" + std::to_string(port()) + "\nrocommunity public\n" + configuration + "\n");
-    Start({.commandLine = {"/usr/sbin/snmpd", "-f", "-Lf", folder_ / "output", "-C", "-c", path, "-p", folder_ / "pid"},
-           .environment = {"MIBS=", "SNMP_PERSISTENT_DIR=" + folder_.string()},
-           .community = "public"});
+    Write(folder_ / "snmpd.conf",
+          fmt::format("agentaddress udp:127.0.0.1:{}\nrocommunity public\n{}\n", port(), configuration));
+    Start("env MIBS= SNMP_PERSISTENT_DIR=$PWD /usr/sbin/snmpd -f -Lo -C -c snmpd.conf -p pid", "public");
 }
 
-SnmpSimulator::SnmpSimulator(const std::map<std::string, std::string>& communities) {
-    if (communities.empty()) throw std::invalid_argument("a simulator without communities answers nothing");
-    const std::filesystem::path data = folder_ / "data";
-    std::filesystem::create_directory(data);
-    for (const auto& [community, records] : communities) Write(data / (community + ".snmprec"), records);
-    Start({.commandLine = {"/usr/bin/snmpsimd", "--logging-method=null", "--data-dir=" + data.string(),
-                           "--cache-dir=" + (folder_ / "cache").string(),
-                           "--agent-udpv4-endpoint=127.0.0.1:" + std::to_string(port())},
-           .community = communities.begin()->first,
-           .patience = std::chrono::seconds(20),
-           .asNobody = true});
+SnmpSimulator::SnmpSimulator(const std::string& community, const std::string& records) {
+    std::filesystem::create_directory(folder_ / "data");
+    Write(folder_ / "data" / (community + ".snmprec"), records);
+    std::filesystem::permissions(folder_, std::filesystem::perms::all);
+    const char* user = geteuid() == 0 ? "--reuid nobody --regid nogroup --clear-groups" : "";  // not as root
+    Start(fmt::format("{} /usr/bin/snmpsimd --logging-method=null --data-dir=data --cache-dir=cache "
+                      "--agent-udpv4-endpoint=127.0.0.1:{}",
+                      user, port()),
+          community);
 }
 
 ScriptedDevice::ScriptedDevice(Answer answer, SentFrom from) : answer_(std::move(answer)), from_(from) {
@@ -195,7 +133,6 @@ void ScriptedDevice::Serve() {
         const ssize_t length = recvfrom(socket_, request.data(), request.size(), 0, peer, &size);
         if (stop_) return;
         if (length < 0) continue;
-        ++requests_;
         for (const std::string& datagram :
              answer_(std::string_view(request).substr(0, static_cast<std::size_t>(length))))
             sendto(sender, datagram.data(), datagram.size(), 0, peer, size);

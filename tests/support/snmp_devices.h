@@ -2,26 +2,15 @@
 #pragma once
 
 #include <atomic>
-#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
-#include <map>
 #include <string>
 #include <string_view>
 #include <thread>
 #include <vector>
 
 namespace kv::test {
-
-/// How a device is started and known to be ready.
-struct DeviceProgram {
-    std::vector<std::string> commandLine;       // begins with a whole path
-    std::vector<std::string> environment = {};  // "NAME=value", beside this process's own
-    std::string community;                      // answers a getnext under it once it is ready
-    std::chrono::seconds patience{10};
-    bool asNobody = false;  // where this process is root; the folder then belongs to nobody, too
-};
 
 /// A child process that answers SNMP at 127.0.0.1; ended at the end of its object, and with the thread that made it.
 class SnmpProcess {
@@ -31,18 +20,14 @@ class SnmpProcess {
 
     std::uint16_t port() const { return port_; }
 
-    /// Lets the device fall silent, and go on; what has come meanwhile is then answered.
-    void Pause() const;
-    void Continue() const;
-
   protected:
     /// A folder of its own, removed at the end, and a port that is free.
     SnmpProcess();
     ~SnmpProcess();
 
-    /// Returns when the program answers; throws std::runtime_error with what it has printed when it does not. What it
-    /// prints goes to "output" in its folder.
-    void Start(const DeviceProgram& program);
+    /// Runs a shell's command line in the folder, and returns when a getnext under the community is answered; throws
+    /// std::runtime_error with what was printed when it is not.
+    void Start(const std::string& commandLine, const std::string& community);
 
     std::filesystem::path folder_;
 
@@ -58,11 +43,10 @@ class SnmpDaemon : public SnmpProcess {
     explicit SnmpDaemon(const std::string& configuration = "");
 };
 
-/// Debian's snmpsimd: communities and what is found under them, as .snmprec text
-/// (OID|TAG|VALUE lines, ascending).
+/// Debian's snmpsimd: a community and what is found under it, as .snmprec text (OID|TAG|VALUE lines, ascending).
 class SnmpSimulator : public SnmpProcess {
   public:
-    explicit SnmpSimulator(const std::map<std::string, std::string>& communities);
+    SnmpSimulator(const std::string& community, const std::string& records);
 };
 
 /// Where a scripted device's datagrams come from.
@@ -81,9 +65,6 @@ class ScriptedDevice {
 
     std::uint16_t port() const { return port_; }
 
-    /// How many datagrams have come.
-    int requests() const { return requests_; }
-
   private:
     void Serve();
 
@@ -92,7 +73,6 @@ class ScriptedDevice {
     int socket_ = -1;
     std::uint16_t port_ = 0;
     std::atomic<bool> stop_{false};
-    std::atomic<int> requests_{0};
     std::thread thread_;
 };
 
