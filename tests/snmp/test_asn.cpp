@@ -1,5 +1,6 @@
 // The codec: every form read, cut at every length and written again; what is refused, and in which words.
 #include <algorithm>
+#include <fmt/format.h>
 #include <memory>
 
 #include "snmp/asn.h"
@@ -16,16 +17,8 @@ using SubIds = std::vector<std::uint32_t>;
 
 enum class K { integer, word, string, bits, null, oid, varBind };
 
-std::string Repeated(const char* hex, int times) {
-    std::string all;
-    while (times-- > 0) all += hex;
-    return all;
-}
-
 std::string Dotted(const SubIds& subIds, std::int32_t count) {
-    std::string text;
-    for (std::int32_t i = 0; i < count; ++i) text += "." + std::to_string(subIds[static_cast<std::size_t>(i)]);
-    return text;
+    return fmt::format(".{}", fmt::join(subIds.begin(), subIds.begin() + count, "."));
 }
 
 /// The value's part of a variable named 1.3, built in ever more room until it fits; empty when it never does.
@@ -130,8 +123,8 @@ TEST_F(Asn, ReadsEveryFormWholeOnlyAndWritesTheShortest) {
              {"bit 31 without the 00", K::word, "41 04 80 00 00 00", "65: 2147483648", "41 05 00 80 00 00 00"},
              {"the sign is extended", K::word, "47 01 80", "71: 4294967168", "47 05 00 ff ff ff 80"},
              {"seven bytes, length 81", K::string, "45 81 04 61 62 63 64", "69: 4", "45 04 61 62 63 64"},
-             {"longest with a short length", K::string, "44 7f" + Repeated("61", 127), "68: 127"},
-             {"shortest with a long length", K::string, "40 81 80" + Repeated("61", 128), "64: 128"},
+             {"longest with a short length", K::string, "44 7f" + std::string(254, '6'), "68: 127"},
+             {"shortest with a long length", K::string, "40 81 80" + std::string(256, '6'), "64: 128"},
              {"seven bits unused", K::bits, "03 02 07 80", "3: 2"},
              {"null", K::null, "05 00", "5: "},
              {"exception", K::null, "80 00", "128: "},
@@ -166,8 +159,8 @@ TEST_F(Asn, SaysWhatItRefuses) {
              {"indefinite integer", K::word, "41 80", "We don't support indefinite lengthsbad length"},
              {"five bytes", K::integer, "02 05 00 80 00 00 00", "I don't support such large integers"},
              {"five bytes without 00", K::word, "41 05 01 00 00 00 00", "I don't support such large integers"},
-             {"long string", K::string, "04 81 83" + Repeated("61", 131), "I don't support such long strings"},
-             {"long bit string", K::bits, "03 81 83" + Repeated("0", 262), "I don't support such long bitstrings"},
+             {"long string", K::string, "04 81 83" + std::string(262, '6'), "I don't support such long strings"},
+             {"long bit string", K::bits, "03 81 83" + std::string(262, '0'), "I don't support such long bitstrings"},
              {"empty bit string", K::bits, "03 00", "Invalid bitstring"},
              {"eight bits unused", K::bits, "03 02 08 00", "Invalid bitstring"},
              {"null with content", K::null, "05 01 00", "Malformed NULL"},
@@ -198,7 +191,7 @@ TEST_F(Asn, WritesValuesByTheirTag) {
              {0x03, {}, SIZE_MAX, refused},
              {0x03, {}, 0, "Building invalid bitstring" + refused},
              {0x06, {7}, 4, "06 01 00"},
-             {0x06, SubIds(132, 1), 528, "06 81 83 29" + Repeated("01", 130)},
+             {0x06, SubIds(132, 0x11), 528, "06 81 84 85 39" + std::string(260, '1')},
              {0x06, SubIds(133, 1), 532, refused},
              {0x46, {0xffffffff, 0xfffffffe}, 8, "46 09 00 ff ff ff ff ff ff ff fe"},
              {0x46, {0x7fffff, 1}, 8, "46 07 7f ff ff 00 00 00 01"},

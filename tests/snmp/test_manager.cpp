@@ -71,16 +71,8 @@ std::string Variable(char last, std::uint8_t tag, std::string_view content) {
     return Item(0x30, Item(0x06, FromHex("2b 06 01 09") + last) + Item(tag, content));
 }
 
-class SnmpManager : public TestAgent {
-  protected:
+struct SnmpManager : TestAgent {
     SnmpManager() { logState.gv_logLevel = 1; }
-
-    /// All waits end at once, without an answer.
-    static platform::SocketOperations Unanswered() {
-        platform::SocketOperations sockets = platform::Sockets();
-        sockets.select = [](auto&&...) { return platform::error::success; };
-        return sockets;
-    }
 };
 
 TEST_F(SnmpManager, ReadsSnmpdInBothVersions) {
@@ -141,6 +133,7 @@ TEST_F(SnmpManager, TakesEveryTypeFromTheSimulator) {
     const SnmpSimulator device("types", records);
     const SnmpResponsePtr response(
         Send({.port = device.port(), .type = snmpWalk, .oids = {".1.3.6.1.9"}, .community = "types"}));
+    ASSERT_THAT(Shown(response.get()), StartsWith("1: "));
     ASSERT_EQ(response->results[0]->valueCount, std::ssize(rows));
     for (std::size_t i = 0; i < std::size(rows); ++i) {
         const SnmpValue& value = *response->results[0]->values[i];
@@ -230,6 +223,8 @@ TEST_F(SnmpManager, EndsAWalkWhereItCannotGoOn) {
 TEST_F(SnmpManager, GivesTheFallbackWhenAWalkFallsSilent) {
     SnmpResponseData fallback{};
     std::vector<std::string> requests;
+    std::string tooLong;
+    for (int i = 0; i < 133; ++i) tooLong += ".1";
     Ask walk{.type = snmpWalk, .oids = {".1.3.6.1.9"}, .fallback = &fallback};
     {
         const ScriptedDevice device([&requests](std::string_view request) -> std::vector<std::string> {
@@ -239,11 +234,18 @@ TEST_F(SnmpManager, GivesTheFallbackWhenAWalkFallsSilent) {
         });
         walk.port = device.port();
         EXPECT_EQ(Send(walk), &fallback);
+        Answer({.port = device.port(), .oids = {tooLong.c_str()}});
     }
-    ASSERT_EQ(requests.size(), 3u) << "nothing is sent twice";
+    ASSERT_EQ(requests.size(), 4u) << "nothing is sent twice";
     EXPECT_EQ(requests[1], FromHex("30 82 00 29 02 01 01 04 06 70 75 62 6c 69 63 a1 82 00 1a 02 01 01 02 01 00"
                                    "02 01 01 30 82 00 0d 30 82 00 09 06 05 2b 06 01 09 01 04 00"));
-    const platform::ScopedOperations unanswered(Unanswered());
+    EXPECT_EQ(requests[3].size(), 8000u) << "a message that cannot be built goes out as the whole buffer";
+    EXPECT_EQ(requests[3].find_last_not_of('\0'), 33u) << "which holds nothing but what was built";
+    EXPECT_TRUE(Logged("an OID of 133 sub-identifiers is not sent"));
+    EXPECT_TRUE(Logged("cannot be built or does not fit"));
+    platform::SocketOperations sockets = platform::Sockets();
+    sockets.select = [](auto&&...) { return platform::error::success; };
+    const platform::ScopedOperations unanswered(sockets);
     EXPECT_EQ(Send(walk), &fallback);
     EXPECT_EQ(Answer({.port = walk.port, .oids = {sysName, sysDescr}, .fallback = &fallback}), "0: (none) | (none)");
     EXPECT_EQ(Answer({.port = walk.port, .oids = {sysName}, .version = "v3"}), "0: (none)");
@@ -259,7 +261,9 @@ TEST_F(SnmpManager, TakesWhatReachesItsSocketFirst) {
         const std::size_t rest = MessageOf({.variables = {Variable(1, 0x04, std::string(7000, 'x'))}}).size() - 7000;
         return MessageOf({.variables = {Variable(1, 0x04, std::string(length - rest, 'x'))}});
     };
-    const std::string v = "1: .1.3.6.1.9.1 4:v | (none)";
+    const auto holding = [](std::uint8_t tag, const char* hex) {
+        return std::vector{MessageOf({.variables = {Variable(1, tag, FromHex(hex))}})};
+    };
     struct Row {
         const char* title;
         std::vector<std::string> datagrams;
@@ -275,11 +279,20 @@ TEST_F(SnmpManager, TakesWhatReachesItsSocketFirst) {
               "1: .1.3.6.1.9.1 2:1 | .1.3.6.1.9.2 2:2"},
              {"not one byte", {""}, "0: (none) | (none)"},
              {"half a message", {answer.substr(0, answer.size() / 2)}, "0: (none) | (none)"},
-             {"version 2", {MessageOf({.version = 2, .variables = {Variable(1, 4, "v")}})}, "0: (none) | (none)"},
-             {"a trap", {MessageOf({.command = 0xA7, .variables = {Variable(1, 4, "v")}})}, "0: (none) | (none)"},
              {"longest message", {sized(7989)}, "0: .1.3.6.1.9.1 4:xxxxxxxxxxxxxxxxxxxxxxx"},
              {"too long by one", {sized(7990)}, "0: (none) | (none)"},
              {"longer than the buffer", {sized(9000)}, "0: (none) | (none)"},
+             {"integer", holding(0x02, "ff 7f"), "0: .1.3.6.1.9.1 2:-129 | (none)"},
+             {"integer of five bytes", holding(0x02, "00 00 00 00 07"), "0: .1.3.6.1.9.1 2:-1 | (none)"},
+             {"counter of six bytes", holding(0x41, "01 02 00 00 01 00"), "0: .1.3.6.1.9.1 65:256 | (none)"},
+             {"64 bits in nine bytes", holding(0x46, "09 00 00 00 01 00 00 00 02"), "0: .1.3.6.1.9.1 70:4294967298 |"},
+             {"address of three bytes", holding(0x40, "01 02 03"), "0: .1.3.6.1.9.1 64:1.2 | (none)"},
+             {"address of 24 bytes",
+              {MessageOf({.variables = {Variable(1, 0x40, std::string(24, 7))}})},
+              "0: .1.3.6.1.9.1 64:7.7.7.7 | (none)"},
+             {"OID", holding(0x06, "2b 06 81 80 00 05"), "0: .1.3.6.1.9.1 6:.1.3.6.16384.5 | (none)"},
+             {"OID that loses its first byte", holding(0x06, "2a 06 01"), "0: .1.3.6.1.9.1 6:.6.1.0.0 | (none)"},
+             {"OID that wraps", holding(0x06, "2b 87 ff ff ff 7f"), "0: .1.3.6.1.9.1 6:.1.3.2147483647 | (none)"},
          }) {
         SCOPED_TRACE(row.title);
         const ScriptedDevice device([&row](std::string_view) { return row.datagrams; }, row.from);
@@ -292,7 +305,7 @@ TEST_F(SnmpManager, TakesWhatReachesItsSocketFirst) {
 TEST_F(SnmpManager, ServesSeveralThreadsAtOnce) {
     const SnmpDaemon device("sysName tower\nextend rows /bin/seq 1 50");
     std::latch start(4);
-    std::vector<std::thread> threads;
+    std::vector<std::jthread> threads;
     for (int i = 0; i < 4; ++i) {
         threads.emplace_back([&device, &start, i] {
             start.arrive_and_wait();
@@ -303,7 +316,6 @@ TEST_F(SnmpManager, ServesSeveralThreadsAtOnce) {
                             HasSubstr(walks ? "4:50" : "4:tower"));
         });
     }
-    for (std::thread& thread : threads) thread.join();
 }
 
 TEST_F(SnmpManager, StartsItselfWhenTheServerHasClearedTheFlag) {

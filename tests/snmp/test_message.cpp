@@ -1,4 +1,5 @@
-// Messages byte for byte, and the datagrams that carry them to a device and back.
+// Messages byte for byte, and what can fail on their way.
+#include <fmt/format.h>
 #include <memory>
 #include <string>
 #include <utility>
@@ -20,8 +21,7 @@ using kv::test::FromHex;
 using kv::test::Item;
 using kv::test::MessageOf;
 
-class SnmpMessage : public kv::test::TestAgent {
-  protected:
+struct SnmpMessage : kv::test::TestAgent {
     SnmpMessage() { SetToolkitLogLevel(4); }
     ~SnmpMessage() override { SetToolkitLogLevel(0); }
 };
@@ -56,8 +56,7 @@ std::string Described(const SnmpPdu& pdu) {
     std::string text;
     for (TkVectorNode* node = pdu.varBinds.head; node != nullptr; node = node->next) {
         const auto& one = *static_cast<const VarBind*>(node->data);
-        for (std::int32_t i = 0; i < one.oidLength; ++i) text += (i > 0 ? "." : "") + std::to_string(one.oid[i]);
-        text += '=' + std::to_string(one.type) + '/' + std::to_string(one.valueLength) + ' ';
+        text += fmt::format("{}={}/{} ", fmt::join(one.oid, one.oid + one.oidLength, "."), one.type, one.valueLength);
     }
     return text;
 }
@@ -134,11 +133,14 @@ TEST_F(SnmpMessage, AnswersAreTakenAsTheyCome) {
         std::string variables = {};
         const char* line = "";
     } rows[] = {
-        {"every type", answer(0xA2, every), 1,
+        {"every type", answer(0xA0, every), 1,
          "1.3.6.1=2/4 1.3.6.1=4/4 1.3.6.1=5/0 1.3.6.1=6/5 1.3.6.1=64/8 1.3.6.1=65/4 1.3.6.1=66/4 1.3.6.1=67/4 "
-         "1.3.6.1=68/4 1.3.6.1=70/8 1.3.6.1=71/4 1.3.6.1=128/0 1.3.6.1=129/0 1.3.6.1=130/0 ",
-         "\tGET-RESPONSE\n"},
+         "1.3.6.1=68/4 1.3.6.1=70/8 1.3.6.1=71/4 1.3.6.1=128/0 1.3.6.1=129/0 1.3.6.1=130/0 "},
+        {"response", answer(0xA2, one), 1, good, "\tGET-RESPONSE\n"},
         {"get", answer(0xA0, one), 1, good, "\n Message Type\t\t=\tGET-REQ\n"},
+        {"whose integer is shown", answer(0xA0, one), 1, good, "VarBind Value\t\t\t= 5\n"},
+        {"whose OID is shown", answer(0xA0, variable(6, "+\6")), 1, "1.3.6.1=6/3 ",
+         "VarBind OID\t\t\t=.1.3.6.1\nVarBind Value\t\t\t=.1.3.6\n"},
         {"getnext of version 1", answer(0xA1, one, 0), 1, good, "SNMP_V1\nCommunity Name\t\t=\tpublic\n"},
         {"set", answer(0xA3, one), 1, good, "SET-REQ\n"},
         {"getbulk", answer(0xA5, one), 1, good, "GET-BULK-REQ\n"},
@@ -172,84 +174,55 @@ TEST_F(SnmpMessage, AnswersAreTakenAsTheyCome) {
         const SnmpPduPtr pdu(AllocateAndInitSnmpPdu());
         EXPECT_EQ(Parsed(row.message, pdu.get()), row.result) << row.title;
         EXPECT_EQ(Described(*pdu), row.variables) << row.title;
+        DisplaySnmpPduInfo(pdu.get());
         EXPECT_NE(LogText().find(row.line, logged), std::string::npos) << row.title;
     }
 }
 
-TEST_F(SnmpMessage, OneExchange) {
-    std::string request;
-    const std::string answer = MessageOf({.variables = {Item(0x30, shortName + Item(0x02, "\1"))}});
-    kv::test::ScriptedDevice device(
-        [&](std::string_view bytes) {
-            request = bytes;
-            return std::vector{answer};
-        },
-        kv::test::SentFrom::anotherPort);
-    const TransportDomainInfoPtr info(CreateTransportDomainInfo(0, device.port(), "localhost"));
-    ASSERT_NE(OpenSnmpSession(info.get()), 0U);
-    EXPECT_EQ(WaitForTdInfoResp(info.get(), 0), 0) << "nothing was asked yet";
-    EXPECT_EQ(SendSnmpPdu(info.get(), PduOf(1, 0xA4, {{{1, 3, 6, 1}}}).get()), 1);
-    ASSERT_EQ(WaitForTdInfoResp(info.get(), 5000000), 1);
-    SnmpPduPtr pdu(AllocateAndInitSnmpPdu());
-    EXPECT_EQ(ReadAndParseSnmpMessage(info.get(), pdu.get()), parse_result::done);
-    EXPECT_EQ(Described(*pdu), "1.3.6.1=2/4 ");
-    EXPECT_STREQ(info->address->remoteHost.data(), "127.0.0.1") << "the sender's";
-    EXPECT_NE(info->address->remotePort, device.port());
-    pdu.reset(AllocateAndInitSnmpPdu());
-    EXPECT_EQ(ReadAndParseSnmpMessage(info.get(), pdu.get()), parse_result::dropped) << "and no other datagram";
-    CloseSnmpSession(info.get());
-    EXPECT_EQ(request.size(), 8000U) << "a message that cannot be built goes out as the whole buffer";
-    EXPECT_EQ(request.find_last_not_of('\0'), 16U) << "which holds nothing but what was built";
-}
-
 TEST_F(SnmpMessage, WhatCanFailOnTheWay) {
-    const TransportDomainInfoPtr info(CreateTransportDomainInfo(0, 161, "127.0.0.1"));
-    OpenSnmpSession(info.get());
-    platform::SocketOperations sockets = platform::Sockets();
-    platform::ClockOperations clock = platform::Clock();
-    int failures = 0;
-    int calls = 0;
+    int failures = 0, calls = 0, open = 0;
+    std::uint64_t now = 0, tick = 0;
     const auto result = [&] { return ++calls > failures ? platform::error::success : platform::error::generalFailure; };
+    platform::SocketOperations sockets = platform::Sockets();
+    sockets.socket = [&](auto& socket) { return ++open, socket = 1, platform::error::success; };
+    sockets.closesocket = [&](auto) { return --open, platform::error::success; };
+    sockets.bind = [&](auto&&...) { return result(); };
     sockets.sendto = [&](auto&&...) { return result(); };
     sockets.select = [&](auto, auto, bool& ready) { return ready = true, result(); };
-    std::uint64_t now = 0;
-    std::uint64_t tick = 0;
+    sockets.recvfrom = [&](auto, auto, auto, auto& peer, auto&) { return peer = {{10, 0, 0, 7}, 99}, result(); };
+    platform::ClockOperations clock = platform::Clock();
     clock.GetTickCount64 = [&] { return now += tick; };
     const platform::ScopedOperations scopedSockets(sockets);
     const platform::ScopedOperations scopedClock(clock);
-    const auto send = [&] { return SendSnmpTrapMessage(info.get(), nullptr, 0); };
+
+    const TransportDomainInfoPtr info(CreateTransportDomainInfo(8001, 161, "127.0.0.1"));
+    const SnmpPduPtr pdu = PduOf(1, 0xA0, {});
+    const auto start = [&] { return OpenSnmpSession(info.get()); };
+    const auto send = [&] { return SendSnmpPdu(info.get(), pdu.get()); };
     const auto wait = [&] { return WaitForTdInfoResp(info.get(), 2000000); };
+    const auto read = [&] { return ReadAndParseSnmpMessage(info.get(), pdu.get()); };
     /// What it comes to, and how often the system was asked, when the first times fail.
     const auto outcome = [&](const auto& step, int failing) {
         failures = failing;
         calls = 0;
-        const int value = step();
+        const auto value = static_cast<int>(step());
         return std::pair(value, calls);
     };
+    EXPECT_EQ(outcome(start, 1), std::pair(0, 1));
+    EXPECT_TRUE(Logged("Bind Failed,Unable to start session at : udp port 8001\n"));
+    EXPECT_EQ(open, 0);
+    EXPECT_EQ(outcome(start, 0), std::pair(1, 1));
     EXPECT_EQ(outcome(send, 2), std::pair(1, 3));
     EXPECT_EQ(outcome(send, 3), std::pair(0, 3));
     EXPECT_EQ(outcome(wait, 1000), std::pair(1, 1001));
     EXPECT_EQ(outcome(wait, 1001), std::pair(0, 1001)) << "time stands still";
     tick = 500;
     EXPECT_EQ(outcome(wait, 1001), std::pair(0, 4)) << "time goes by";
-    CloseSnmpSession(info.get());
-}
-
-TEST_F(SnmpMessage, ASessionLeavesNoSocket) {
-    platform::SocketOperations sockets = platform::Sockets();
-    platform::Error bound = platform::error::accessDenied;
-    int open = 0;
-    sockets.socket = [&](auto& socket) { return ++open, socket = 1, platform::error::success; };
-    sockets.closesocket = [&](auto) { return --open, platform::error::success; };
-    sockets.bind = [&](auto&&...) { return bound; };
-    const platform::ScopedOperations scoped(sockets);
-    const TransportDomainInfoPtr info(CreateTransportDomainInfo(8001, 161, "127.0.0.1"));
-    EXPECT_EQ(OpenSnmpSession(info.get()), 0U);
-    EXPECT_EQ(open, 0);
-    EXPECT_EQ(SendSnmpPdu(info.get(), PduOf(1, 0xA0, {}).get()), 0);
-    EXPECT_TRUE(Logged("Bind Failed,Unable to start session at : udp port 8001\n"));
-    bound = platform::error::success;
-    EXPECT_EQ(OpenSnmpSession(info.get()), 1U);
+    EXPECT_EQ(outcome(read, 1), std::pair(0, 1));
+    EXPECT_STREQ(info->address->remoteHost.data(), "127.0.0.1");
+    EXPECT_EQ(outcome(read, 0), std::pair(0, 1)) << "no byte came";
+    EXPECT_STREQ(info->address->remoteHost.data(), "10.0.0.7") << "the sender's";
+    EXPECT_EQ(info->address->remotePort, 99);
     CloseSnmpSession(info.get());
     EXPECT_EQ(open, 0);
 }
