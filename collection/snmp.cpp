@@ -19,18 +19,18 @@ void PutMemberIfPresent(HashTable* table, std::u16string_view key, const HashTab
 /// The members behind the values, in their order.
 void PutRecordMembers(HashTable* table, const HashTable* record) {
     PutHashText(table, u"DATACOLLECTTIME", DecimalText(GetNowSeconds() + agentState.gv_timeDiff));
-    PutHashText(table, u"ID", SnmpMemberOr(record, u"POLL_ID", u""));
+    PutHashText(table, u"ID", SnmpMember(record, u"POLL_ID").value_or(u""));
     PutHashText(table, u"MSPCUSTOMERID", agentState.gv_custID.value_or(u""));
-    PutHashText(table, u"PROTOCOL", SnmpMemberOr(record, u"PROTOCOL", u""));
+    PutHashText(table, u"PROTOCOL", SnmpMember(record, u"PROTOCOL").value_or(u""));
     PutMemberIfPresent(table, u"AGENTKEY", record, u"AGENT_KEY");
     PutMemberIfPresent(table, u"IS_MULTIPLE_POLLED_DATA", record, u"IS_MULTIPLE_POLLED_DATA");
     PutMemberIfPresent(table, u"POLICY_NAME", record, u"POLICY_NAME");
 }
 
 void SendAnswer(HashTable* table, const HashTable* request) {
-    const std::u16string id = SnmpMemberOr(request, u"AGENT_REQUEST_ID", u"");
+    const std::u16string id = RequestText(request, u"AGENT_REQUEST_ID");
     PutHashText(table, u"AGENT_REQUEST_ID", id);
-    PostRequestAnswer(SnmpMemberOr(request, u"REQUEST_TYPE", u""), id, HashToJSONString(table));
+    PostRequestAnswer(RequestText(request, u"REQUEST_TYPE"), id, HashToJSONString(table));
 }
 
 }  // namespace

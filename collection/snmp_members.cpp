@@ -13,21 +13,10 @@ constexpr std::int32_t defaultPort = 161;
 constexpr std::int32_t defaultTimeout = 5;
 constexpr std::int32_t longestTimeout = 2147;  // its microseconds fit 32 bits
 
-/// How a record is told from others in log lines.
-std::u16string RecordName(const HashTable* record) {
-    OptionalText id = SnmpMember(record, u"POLL_ID");
-    if (!id) id = SnmpMember(record, u"AGENT_REQUEST_ID");
-    return id.value_or(u"(without id)");
-}
-
-/// A number from 1 to a highest one, or with a log line what stands for any other text.
-std::int32_t NumberOr(const HashTable* record, const OptionalText& text, const char* name, std::int32_t highest,
-                      std::int32_t fallback) {
+/// A number from 1 to a highest one, or 0.
+std::int32_t NumberUpTo(std::int32_t highest, const OptionalText& text) {
     const std::int32_t number = text ? ParseDecimal(*text) : 0;
-    if (number >= 1 && number <= highest) return number;
-    Log1("\t SNMP record %s of device %s :: The %s %s is no number from 1 to %d, %d is taken \n", RecordName(record),
-         SnmpMember(record, u"DEVICE_NAME"), name, text, highest, fallback);
-    return fallback;
+    return number >= 1 && number <= highest ? number : 0;
 }
 
 }  // namespace
@@ -41,19 +30,36 @@ OptionalText SnmpMember(const HashTable* record, std::u16string_view key) {
     return text ? OptionalText(text) : std::nullopt;
 }
 
-std::u16string SnmpMemberOr(const HashTable* record, std::u16string_view key, std::u16string_view fallback) {
-    if (OptionalText text = SnmpMember(record, key)) return *std::move(text);
-    Log1("\t SNMP record %s of device %s :: %s is absent or no text, \"%s\" is taken \n", RecordName(record),
-         SnmpMember(record, u"DEVICE_NAME"), key, fallback);
-    return std::u16string(fallback);
+std::u16string SnmpCommunity(const HashTable* record) {
+    if (OptionalText text = SnmpMember(record, u"COMMUNITY")) return *std::move(text);
+    Log1("\t %s :: COMMUNITY is absent, public is taken \n", SnmpRecordName(record));
+    return u"public";
 }
 
-std::int32_t SnmpPort(const HashTable* record) {
-    return NumberOr(record, SnmpMember(record, u"SNMP_PORT"), "port", 65535, defaultPort);
+std::u16string SnmpRecordName(const HashTable* record) {
+    const auto part = [&](std::u16string_view before, std::u16string_view key, std::u16string_view after) {
+        const OptionalText text = SnmpMember(record, key);
+        return text ? std::u16string(before) + *text + std::u16string(after) : std::u16string();
+    };
+    return u"device" + part(u" ", u"DEVICE_NAME", part(u":", u"SNMP_PORT", u"")) +
+           part(u", agent ", u"AGENT_KEY", u"") + part(u", poll ", u"POLL_ID", u"") +
+           part(u", request ", u"AGENT_REQUEST_ID", u"");
+}
+
+bool SnmpPort(const HashTable* record, std::int32_t& port) {
+    if (!ContainsHashKey(record, u"SNMP_PORT"))
+        Log1("\t %s :: SNMP_PORT is absent, %d is taken \n", SnmpRecordName(record), defaultPort);
+    port = ContainsHashKey(record, u"SNMP_PORT") ? NumberUpTo(65535, SnmpMember(record, u"SNMP_PORT")) : defaultPort;
+    if (port == 0)
+        Log1("\t %s :: SNMP_PORT is no number from 1 to 65535. The device is not asked \n", SnmpRecordName(record));
+    return port != 0;
 }
 
 std::int32_t SnmpTimeout(const HashTable* record, const OptionalText& seconds) {
-    return NumberOr(record, seconds, "timeout", longestTimeout, defaultTimeout);
+    if (const std::int32_t timeout = NumberUpTo(longestTimeout, seconds)) return timeout;
+    Log1("\t %s :: The timeout \"%s\" is no number from 1 to %d, %d is taken \n", SnmpRecordName(record),
+         seconds.value_or(u""), longestTimeout, defaultTimeout);
+    return defaultTimeout;
 }
 
 std::u16string SnmpValueText(const SnmpValue& value) {

@@ -26,6 +26,12 @@ struct SnmpQuery {
 /// How much of what was asked for an attempt has brought.
 enum class Answer { none, empty, cut, complete };
 
+/// What came of a poll: the answer to the last attempt, and why it is no success.
+struct Outcome {
+    bool succeeded = false;
+    std::string reason;
+};
+
 /// The parts of a text between commas, those without characters left out.
 std::vector<std::string> Split(std::string_view text) {
     std::vector<std::string> parts;
@@ -37,11 +43,10 @@ std::vector<std::string> Split(std::string_view text) {
     return parts;
 }
 
-/// Reads a member that the query goes out with; false with a log line when it cannot be had in narrow text.
-bool ReadNarrow(const HashTable* record, std::u16string_view key, std::u16string_view fallback, std::string& text) {
-    if (ChangeWideToUtf8Str(SnmpMemberOr(record, key, fallback), text)) return true;
-    Log1("\t ExecuteSNMPQuery :: %s of a record of device %s is no text that can be sent \n", key,
-         SnmpMember(record, u"DEVICE_NAME"));
+/// The narrow form of a member; false with a log line when it has none.
+bool ReadNarrow(const HashTable* record, const char* key, const OptionalText& member, std::string& text) {
+    if (ChangeWideToUtf8Str(member.value_or(u""), text)) return true;
+    Log1("\t %s :: %s is no text that can be sent \n", SnmpRecordName(record), key);
     return false;
 }
 
@@ -51,17 +56,22 @@ bool ReadQuery(const HashTable* record, SnmpQuery& query) {
     query.requestType = isWalk ? snmpWalk : snmpGet;
     query.retriesLeft = CompareIgnoreCase(SnmpMember(record, u"PROTOCOL"), u"SPOLL") == 0;
     std::string oids;
-    if (!ReadNarrow(record, u"OID", u"", oids) || !ReadNarrow(record, u"DEVICE_NAME", u"", query.host) ||
-        !ReadNarrow(record, u"SNMP_VERSION", u"", query.version) ||
-        !ReadNarrow(record, u"COMMUNITY", u"public", query.community)) {
+    if (!ReadNarrow(record, "OID", SnmpMember(record, u"OID"), oids) ||
+        !ReadNarrow(record, "DEVICE_NAME", SnmpMember(record, u"DEVICE_NAME"), query.host) ||
+        !ReadNarrow(record, "SNMP_VERSION", SnmpMember(record, u"SNMP_VERSION"), query.version) ||
+        !ReadNarrow(record, "COMMUNITY", SnmpCommunity(record), query.community)) {
         return false;
     }
     query.oids = Split(oids);
     if (query.host.empty() || query.oids.empty()) {
-        Log1("\t ExecuteSNMPQuery :: a record without %s is not polled \n", query.host.empty() ? "device" : "OID");
+        Log1("\t %s :: Without %s nothing is asked \n", SnmpRecordName(record),
+             query.host.empty() ? "DEVICE_NAME" : "OID");
         return false;
     }
-    query.port = SnmpPort(record);
+    if (!SnmpPort(record, query.port)) return false;
+    if (query.version != "v1" && query.version != "v2c")
+        Log1("\t %s :: SNMP_VERSION \"%s\" is neither v1 nor v2c: %s \n", SnmpRecordName(record), query.version,
+             query.version == "v3" ? "no device will answer" : "v1 is taken");
     query.timeoutSeconds = SnmpTimeout(record, std::u16string(agentState.gv_SNMPTimeout.view()));
     return true;
 }
@@ -82,12 +92,12 @@ Answer Ask(const SnmpQuery& query, SnmpResponsePtr& response) {
 /// Puts a text or a table and releases what it replaces, which nobody else holds: a device may give an OID twice, and
 /// a second attempt gives all again.
 bool PutInPlaceOf(HashTable* table, std::u16string_view key, Word value, ValueType type) {
-    if (HashEntry* former = GetHashEntry(table, key)) {
-        const Word released = std::exchange(former->value, 0);
-        if (former->type == ValueType::text) FreeText(reinterpret_cast<char16_t*>(released));
-        if (former->type == ValueType::table) FreeAllHashTable(reinterpret_cast<HashTable*>(released));
-    }
-    return PutHashValue(table, key, value, type) == 1;
+    const HashEntry* entry = GetHashEntry(table, key);
+    const HashEntry former = entry ? *entry : HashEntry{};
+    if (PutHashValue(table, key, value, type) != 1) return false;
+    if (former.type == ValueType::text) FreeText(reinterpret_cast<char16_t*>(former.value));
+    if (former.type == ValueType::table) FreeAllHashTable(reinterpret_cast<HashTable*>(former.value));
+    return true;
 }
 
 /// Puts one OID's values into a table of theirs, and "TYPE" into the record's when it still lacks one.
@@ -106,10 +116,12 @@ void StoreValues(const SnmpVarList& list, HashTable* values, HashTable* table, b
     }
 }
 
-/// Puts a table for each OID, up to the first that has no list.
-Answer StoreLists(const SnmpQuery& query, const SnmpResponseData& response, HashTable* table, bool& noValueYet) {
+/// Puts a table for each OID, up to the first that has no list: missing is then its index.
+Answer StoreLists(const SnmpQuery& query, const SnmpResponseData& response, HashTable* table, bool& noValueYet,
+                  std::size_t& missing) {
     for (std::size_t i = 0; i < query.oids.size(); ++i) {
         const SnmpVarList* list = std::cmp_less(i, response.oidCount) ? response.results[i] : nullptr;
+        missing = i;
         if (!list) return Answer::cut;
         HashTablePtr values = MakeHashTable();
         if (!values) {
@@ -141,19 +153,30 @@ bool TakeRetry(Answer answer, SnmpQuery& query) {
     return retries;
 }
 
-/// Asks until the answer is complete or there are no attempts left; true when every OID has its list and there was a
-/// value.
-bool Poll(SnmpQuery& query, HashTable* table) {
+/// Why a poll whose last attempt came to this failed. What a get lacks at its first OID it lacks at all.
+std::string ReasonOf(Answer answer, const SnmpQuery& query, std::size_t missing) {
+    if (answer == Answer::complete) return "none of the OIDs has a value";
+    if (answer == Answer::none || answer == Answer::empty) return "it was not asked or gave no answer";
+    if (query.requestType == snmpWalk) return "no values below " + query.oids[missing];
+    if (missing == 0) return "no answer";
+    return "no value for " + query.oids[missing - 1] + ", behind which nothing is taken";
+}
+
+/// Asks until the answer is complete or there are no attempts left. It succeeds when every OID has its list and there
+/// was a value.
+Outcome Poll(SnmpQuery& query, HashTable* table) {
     bool noValueYet = true;
+    std::size_t missing = 0;
     SnmpResponsePtr response;
     Answer answer = Answer::none;
     do {
         answer = Ask(query, response);
-        if (answer == Answer::complete) answer = StoreLists(query, *response, table, noValueYet);
+        if (answer == Answer::complete) answer = StoreLists(query, *response, table, noValueYet, missing);
     } while (answer != Answer::complete && TakeRetry(answer, query));
-    if (answer == Answer::none || answer == Answer::empty) return false;
-    if (noValueYet) Log1("Empty response from SNMP Agent. Updating returnMessage as FAILURE !!!");
-    return answer == Answer::complete && !noValueYet;
+    if (noValueYet && (answer == Answer::cut || answer == Answer::complete))
+        Log1("Empty response from SNMP Agent. Updating returnMessage as FAILURE !!!");
+    if (answer == Answer::complete && !noValueYet) return {.succeeded = true, .reason = ""};
+    return {.succeeded = false, .reason = ReasonOf(answer, query, missing)};
 }
 
 }  // namespace
@@ -162,9 +185,11 @@ std::u16string ExecuteSNMPQuery(const HashTable* record, HashTable* table) {
     Log3("\t Inside ExecuteSNMPQuery() \n");
     PutHashText(table, u"OID", SnmpMember(record, u"OID").value_or(u""));
     SnmpQuery query;
-    if (ReadQuery(record, query) && Poll(query, table)) return u"SUCCESS";
-    Log1("\t ExecuteSNMPQuery :: The poll of device %s for %s failed \n", SnmpMember(record, u"DEVICE_NAME"),
-         SnmpMember(record, u"OID"));
+    if (!ReadQuery(record, query)) return u"FAILURE";
+    const Outcome outcome = Poll(query, table);
+    if (outcome.succeeded) return u"SUCCESS";
+    Log1("\t ExecuteSNMPQuery :: The poll of %s for %s failed: %s \n", SnmpRecordName(record),
+         SnmpMember(record, u"OID"), outcome.reason);
     return u"FAILURE";
 }
 

@@ -20,11 +20,15 @@ std::u16string ExecuteSNMPQuery(const HashTable* record, HashTable* table);
 /// is absent or anything else.
 OptionalText SnmpMember(const HashTable* record, std::u16string_view key);
 
-/// SnmpMember, or with a log line that names the device and the record what stands for a missing one.
-std::u16string SnmpMemberOr(const HashTable* record, std::u16string_view key, std::u16string_view fallback);
+/// The record's COMMUNITY; "public" with a log line when it is absent.
+std::u16string SnmpCommunity(const HashTable* record);
 
-/// The record's SNMP_PORT. 161 with a log line when it is no number from 1 to 65535.
-std::int32_t SnmpPort(const HashTable* record);
+/// The record's SNMP_PORT; 161 with a log line when it is absent. False with a log line when it is no number from 1 to
+/// 65535: another device may be found at another port.
+bool SnmpPort(const HashTable* record, std::int32_t& port);
+
+/// How a log line tells a record or a request, and the device that it is about, from others.
+std::u16string SnmpRecordName(const HashTable* record);
 
 /// A number of seconds for a record's polls. 5 with a log line when the text is no number from 1 to 2147.
 std::int32_t SnmpTimeout(const HashTable* record, const OptionalText& seconds);

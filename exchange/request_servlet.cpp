@@ -12,6 +12,11 @@ std::u16string RequestServletUrl() {
     return ConcatStrings(u"/servlets/DataAgentHandlerServlet?agentKey=", agentState.gv_agentKey.view());
 }
 
+std::u16string RequestText(const HashTable* request, std::u16string_view key) {
+    const char16_t* text = GetHashText(request, key);
+    return text ? text : u"";
+}
+
 void PostRequestAnswer(std::u16string_view action, std::u16string_view requestId, std::u16string_view json) {
     Log3("\t Inside PostRequestAnswer() \n");
     std::u16string url = RequestServletUrl();

@@ -4,11 +4,16 @@
 #include <string>
 #include <string_view>
 
+#include "foundation/hash_table.h"
+
 namespace kv {
 
 /// Path and query of the server's side of all requests, up to this agent's key: what else is said follows as
 /// "&name=value".
 std::u16string RequestServletUrl();
+
+/// A text of a request, or an empty one where there is none.
+std::u16string RequestText(const HashTable* request, std::u16string_view key);
 
 /// Posts the answer to a request, JSON text in UTF-16LE. One that the server does not take is lost, with a log line;
 /// action and requestId say to what it is the answer.

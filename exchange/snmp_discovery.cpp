@@ -20,6 +20,7 @@ constexpr std::array<const char*, 3> identityOids = {
     ".1.3.6.1.2.1.1.1.0",  // sysDescr
     ".1.3.6.1.2.1.1.5.0",  // sysName
 };
+constexpr std::u16string_view noResponse = u"NO RESPONSE";
 constexpr std::int32_t identityCount = identityOids.size();
 
 /// What is found out about a device.
@@ -39,14 +40,15 @@ bool HasFirstEntry(const SnmpResponsePtr& response) {
 SnmpResponsePtr AskForIdentity(const HashTable* request, Discovery& discovery) {
     const std::string host = platform::Utf8FromWide(discovery.address);
     const std::string community = platform::Utf8FromWide(discovery.community);
-    const std::int32_t port = SnmpPort(request);
+    discovery.version = u"v2";
+    std::int32_t port = 0;
+    if (!SnmpPort(request, port)) return nullptr;
     const std::int32_t timeout = SnmpTimeout(request, SnmpMember(request, u"SNMP_TIMEOUT"));
     const auto ask = [&](const char* version) {
         return SnmpResponsePtr(SnmpManagerRequest(host.c_str(), port, timeout, community.c_str(), snmpGet, version,
                                                   identityOids.data(), identityCount,
                                                   static_cast<std::int32_t>(logState.gv_logLevel.load()), nullptr));
     };
-    discovery.version = u"v2";
     SnmpResponsePtr response = ask("v2c");
     if (HasFirstEntry(response)) return response;
     discovery.version = u"v1";
@@ -56,13 +58,13 @@ SnmpResponsePtr AskForIdentity(const HashTable* request, Discovery& discovery) {
 
 /// The values up to the first that is missing; an entry that is missing takes those before it along.
 void TakeIdentity(const SnmpResponseData* response, Discovery& discovery) {
-    discovery.identity.fill(u"NO RESPONSE");
+    discovery.identity.fill(std::u16string(noResponse));
     for (std::size_t i = 0; i < identityOids.size(); ++i) {
         const bool hasEntries = response && response->results && std::cmp_less(i, response->oidCount);
         const SnmpVarList* entry = hasEntries ? response->results[i] : nullptr;
         if (!entry) {
             Log1("No response from SNMP Agent. Hence, quiting!!!");
-            discovery.identity.fill(u"NO RESPONSE");
+            discovery.identity.fill(std::u16string(noResponse));
             return;
         }
         const SnmpValue* value = entry->valueCount > 0 ? entry->values[0] : nullptr;
@@ -73,11 +75,12 @@ void TakeIdentity(const SnmpResponseData* response, Discovery& discovery) {
 
 Discovery Discover(const HashTable* request) {
     Discovery discovery;
-    const std::u16string device = SnmpMemberOr(request, u"DEVICE_NAME", u"");
-    discovery.community = SnmpMemberOr(request, u"COMMUNITY", u"public");
+    const std::u16string device = SnmpMember(request, u"DEVICE_NAME").value_or(u"");
+    discovery.community = SnmpCommunity(request);
     OptionalText name, address;
     if (device.empty() || !GetRemoteHostDetails(device, name, address)) {
         Log1("Error in getting the IPAddress of the Device. Hence, quiting!!!");
+        Log1("\t DiscoverSNMPDevices :: no IPv4 address is found for %s \n", SnmpRecordName(request));
         discovery.address = discovery.name = device;
         discovery.identity.fill(u"INVALID IPADDRESS");
         discovery.version = u"INVALID IPADDRESS";
@@ -86,6 +89,8 @@ Discovery Discover(const HashTable* request) {
     discovery.address = address.value_or(device);
     discovery.name = name.value_or(device);
     TakeIdentity(AskForIdentity(request, discovery).get(), discovery);
+    if (discovery.identity[0] == noResponse)
+        Log1("\t DiscoverSNMPDevices :: %s does not tell what it is \n", SnmpRecordName(request));
     return discovery;
 }
 
@@ -114,7 +119,7 @@ void DiscoverSNMPDevices(const HashTable* request) {
         Log1("\tDiscoverSNMPDevices: Init Failed -- SystemInfo\n");
         return;
     }
-    const std::u16string id = SnmpMemberOr(request, u"AGENT_REQUEST_ID", u"");
+    const std::u16string id = RequestText(request, u"AGENT_REQUEST_ID");
     PutReplyMembers(table.get(), request, id);
     PostRequestAnswer(u"DISCOVER_SNMP_DEVICES", id, HashToJSONString(table.get()));
     Log3("DiscoverSNMPDevices : Successfully executed the command \n");

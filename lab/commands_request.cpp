@@ -90,8 +90,9 @@ Types about SNMP devices, and their members:
 Prints the requests, one a line, with tabs between: number, agent, id, type, state, times of adding, last listing and end,
 number of listings, members.
 
-States: waiting (not fetched yet), listed (fetched; it may be served already, where its kind gets no answer), answered, dropped (the agent went down while serving it),
-done (of a kind that gets no answer), unanswered (listed three times).
+States: waiting (not fetched yet), listed (fetched; it may be served already, where its kind gets no answer),
+answered, dropped (the agent went down while serving it), done (of a kind that gets no answer), unanswered (listed
+three times).
 
   --agent KEY  only this agent's
 )"},

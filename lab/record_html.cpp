@@ -19,6 +19,12 @@ std::string_view StringOf(json_object* value) {
     return {json_object_get_string(value), static_cast<std::size_t>(json_object_get_string_len(value))};
 }
 
+/// A control character that may not stand in HTML; a MAC address is full of them.
+bool IsUnprintable(char character) {
+    const auto byte = static_cast<unsigned char>(character);
+    return byte < 0x20 && character != '\t' && character != '\n' && character != '\r';
+}
+
 bool IsNested(json_object* value) {
     return json_object_is_type(value, json_type_array) || json_object_is_type(value, json_type_object);
 }
@@ -201,7 +207,11 @@ std::string Escape(std::string_view text) {
                 html += "\xEF\xBF\xBD";
                 break;  // NUL may not stand in HTML
             default:
-                html += character;
+                if (IsUnprintable(character)) {
+                    html += {'\xE2', '\x90', static_cast<char>(0x80 + character)};  // U+2400 and on: its picture
+                } else {
+                    html += character;
+                }
         }
     }
     return html;

@@ -1,7 +1,9 @@
 #include "snmp/manager_operations.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cstdio>
+#include <limits>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -45,14 +47,26 @@ SnmpPduPtr MakeRequestPdu(const ManagerRequest& request, std::uint8_t command, V
     return pdu;
 }
 
+/// True when a part wraps, as ConvertTextToInteger has it.
+bool HasPartBeyond32Bits(std::string_view text) {
+    for (std::size_t dot = text.find('.'); dot != text.npos; dot = text.find('.', dot + 1)) {
+        std::uint64_t number = 0;
+        std::from_chars(text.data() + dot + 1, text.data() + text.size(), number);
+        if (number > std::numeric_limits<std::uint32_t>::max()) return true;
+    }
+    return false;
+}
+
 /// The sub-identifiers of the OID at an index, or -1 when it is malformed.
 std::int32_t ParseRequestedOid(const ManagerRequest& request, std::int32_t index, SubIds& oid) {
     const char* text = request.oids[index] ? request.oids[index] : "";
     const std::int32_t length = ConvertToOidOrIpFromString(oid, text, false);
     if (length == -1) {
         std::printf("Invalid OID Format\n");
-        Log1("\t SnmpManagerRequest :: \"%s\" is no OID, which begins with a dot. %s is not asked \n", text,
-             request.host);
+        Log1("\t SnmpManagerRequest :: \"%s\" is no OID: numbers, a dot ahead of each, no blanks. %s is not asked \n",
+             text, request.host);
+    } else if (HasPartBeyond32Bits(text)) {
+        Log1("\t SnmpManagerRequest :: a number of \"%s\" does not fit 32 bits: another OID is asked for \n", text);
     }
     return length;
 }
@@ -240,7 +254,11 @@ ResultVectors SnmpGetOperation(const ManagerRequest& request) {
     ResultVectors results = MakeResultVectors(request);
     std::uint8_t status = 0;
     const SnmpPduPtr response = SendAndReceiveSnmpPdu(pdu.get(), request.host, request.port, &status);
-    if (response) TakeGetAnswer(request, &response->varBinds, results.get());
+    if (!response) return results;
+    if (response->errorStatus != 0)
+        Log1("\t SnmpGetOperation :: %s reports the error status %d at value %d \n", request.host,
+             response->errorStatus, response->errorIndex);
+    TakeGetAnswer(request, &response->varBinds, results.get());
     return results;
 }
 

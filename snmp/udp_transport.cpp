@@ -73,7 +73,7 @@ bool SetUdpSocketProperties(TransportDomainAddress& address) {
         return false;
     }
     if (!ResolveHost(address.remoteHost.data(), peer->address)) {
-        Log1("\t SetUdpSocketProperties :: the address of %s cannot be found \n", address.remoteHost.data());
+        Log1("\t SetUdpSocketProperties :: no IPv4 address is found for %s \n", address.remoteHost.data());
         return false;
     }
     peer->port = address.remotePort;

@@ -232,7 +232,7 @@ TEST_F(Collection, AWorkflowRunsItsRecordsInOrderByKind) {
     EXPECT_EQ(DataFiles(), 3);
     for (const char* line : {"a WMI record without the text wmiQuery", "a WMI record without the text Name",
                              "a script record without the text script", "something in recordSetName is no record",
-                             "a record without OID is not polled", "workflow v has no list recordSetName",
+                             "Without OID nothing is asked", "workflow v has no list recordSetName",
                              "no workflow stands at index [2]", "Data not collected as connection to CS is lost"}) {
         EXPECT_TRUE(Logged(line)) << line;
     }

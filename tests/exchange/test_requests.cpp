@@ -64,13 +64,24 @@ class Requests : public TestAgent {
         return count;
     }
 
-    /// How many SNMP exchanges an SNMP request to 127.0.0.1 led to, and the answer that went to the server. The first
-    /// ones end without a wait, before an answer comes.
+    /// What an SNMP request to 127.0.0.1 led to: the exchanges, version, community and wait of the last, and the answer
+    /// that went to the server. The first exchanges end without a wait before an answer comes, or, for a negative
+    /// number, all but the first.
     std::string Ask(std::string_view type, int port, std::string_view members, int silent = 0) {
         int exchanges = 0;
+        std::string last;
         platform::SocketOperations sockets = platform::Sockets();
+        sockets.sendto = [&, next = sockets.sendto](auto socket, const void* bytes, auto... rest) {
+            const auto* message = static_cast<const char*>(bytes);
+            last =
+                fmt::format("{:d} {}", message[6], std::string_view(message + 9, static_cast<std::size_t>(message[8])));
+            return next(socket, bytes, rest...);
+        };
         sockets.select = [&, next = sockets.select](auto socket, auto microseconds, bool& ready) {
-            return ++exchanges <= silent ? platform::error::success : next(socket, microseconds, ready);
+            last += fmt::format(" {}s", microseconds / 1000000);
+            ++exchanges;
+            const bool isSilent = silent < 0 ? exchanges > -silent : exchanges <= silent;
+            return isSilent ? platform::error::success : next(socket, microseconds, ready);
         };
         const platform::ScopedOperations scoped(sockets);
         posted.clear();
@@ -79,7 +90,7 @@ class Requests : public TestAgent {
             "127.0.0.1", "SNMP_PORT": {}, "SNMP_VERSION": "v2c", "SNMP_TIMEOUT": "1" {}}}]}})",
                              type, port, members)
                      .c_str());
-        return fmt::format("{} {}", exchanges, posted);
+        return fmt::format("{} {} {}", exchanges, last, posted);
     }
 
     int Reloads() const { return CountInRound("Query conf reloaded and scheduled successfully"); }
@@ -181,87 +192,98 @@ std::string Variable(char last, std::uint8_t tag, const char* hex) {
 
 TEST_F(Requests, SnmpValuesGoToTheServer) {
     const SnmpDaemon agent("sysName tower\nsysDescr a box\nextend n /usr/bin/seq 1 2");
+    agentState.gv_SNMPTimeout.publish(u"3");
     EXPECT_EQ(Ask("GET_INSTANCE_DATA", agent.port(), R"(, "OID": ".1.3.6.1.2.1.1.5.0,,.1.3.6.1.2.1.1.1.0",
                   "PROTOCOL": "POLL", "POLL_ID": 7, "AGENT_KEY": "S1", "POLICY_NAME": "p")"),
-              R"(1 &action=GET_INSTANCE_DATA&requestId=I%201 { "AGENT_REQUEST_ID": "I 1", )"
+              R"(1 1 public 3s &action=GET_INSTANCE_DATA&requestId=I%201 { "AGENT_REQUEST_ID": "I 1", )"
               R"("POLICY_NAME": "p", "AGENTKEY": "S1", "PROTOCOL": "POLL", "MSPCUSTOMERID": "", "ID": "7", )"
               R"("DATACOLLECTTIME": "1772701537", "STATUS": "SUCCESS", ".1.3.6.1.2.1.1.1.0": )"
               R"({ ".1.3.6.1.2.1.1.1.0": "a box" }, ".1.3.6.1.2.1.1.5.0": { ".1.3.6.1.2.1.1.5.0": "tower" }, )"
               R"("TYPE": "4", "OID": ".1.3.6.1.2.1.1.5.0,,.1.3.6.1.2.1.1.1.0" })");
     EXPECT_TRUE(FilesIn(data).empty());
+    const std::string walk = R"(, "IS_MULTIPLE_POLLED_DATA": true, "OID": ".1.3.6.1.4.1.8072.1.3.2.4.1.2.1.110")";
+    const std::string got = Ask("SNMP_TEST_MONITOR", agent.port(), walk);
+    EXPECT_NE(got.find(R"("IS_MULTIPLE_POLLED_DATA": "true", )"), got.npos) << got;
+    EXPECT_NE(got.find(R"(110.2": "2", ".1.3.6.1.4.1.8072.1.3.2.4.1.2.1.110.1": "1" })"), got.npos) << got;
     agentState.gv_SNMPTimeout.publish(u"2148");
     const std::string one = Variable(1, 0x02, "07"), two = Variable(2, 0x04, "78"), nulls = Variable(1, 0x05, "");
+    const std::string below = Item(0x30, FromHex("06 03 2b 01 07 02 01 07"));
     const std::string ofOne = R"(".1.3.1": { ".1.3.1": "7" }, "TYPE": "2", )";
     const struct {
         const char *title, *members;
-        int silent;             // attempts without an answer
-        std::string variables;  // of the answers after these
-        std::string result;     // attempts, status and values
+        int silent;
+        std::string variables;  // of each answer
+        std::string result;     // exchanges and the last of them, status and values
     } rows[] = {
-        {"at last", R"("PROTOCOL": "spoll")", 1, one + two, R"(2 "SUCCESS", ".1.3.2": { ".1.3.2": "x" }, )" + ofOne},
-        {"no second attempt", R"("PROTOCOL": "POLL")", 1, one + two, R"(1 "FAILURE", )"},
-        {"one of two", R"("PROTOCOL": "SPOLL")", 0, one, R"(2 "FAILURE", )" + ofOne},
-        {"exception", R"("x": 0)", 0, one + Variable(2, 0x81, ""), R"(1 "SUCCESS", ".1.3.2": { }, )" + ofOne},
-        {"nulls", R"("PROTOCOL": "SPOLL")", 0, nulls + nulls, R"(1 "FAILURE", ".1.3.2": { }, ".1.3.1": { }, )"},
+        {"at last", R"("PROTOCOL": "spoll")", 1, one + two,
+         R"(2 1 public 5s "SUCCESS", ".1.3.2": { ".1.3.2": "x" }, )" + ofOne},
+        {"no second attempt", R"("PROTOCOL": "POLL", "SNMP_VERSION": "v1", "COMMUNITY": "c0")", 1, one + two,
+         R"(1 0 c0 5s "FAILURE", )"},
+        {"one of two", R"("PROTOCOL": "SPOLL")", 0, one, R"(2 1 public 5s "FAILURE", )" + ofOne},
+        {"exception", R"("x": 0)", 0, one + Variable(2, 0x81, ""),
+         R"(1 1 public 5s "SUCCESS", ".1.3.2": { }, )" + ofOne},
+        {"nulls", R"("PROTOCOL": "SPOLL")", 0, nulls + nulls,
+         R"(1 1 public 5s "FAILURE", ".1.3.2": { }, ".1.3.1": { }, )"},
         {"bytes", R"("x": 0)", 0, Variable(1, 0x04, "ff 00 41 00") + Variable(2, 0x04, "c3 a9 00"),
-         R"(1 "SUCCESS", ".1.3.2": { ".1.3.2": "é" }, ".1.3.1": { ".1.3.1": "ÿ�A" }, "TYPE": "4", )"},
-        {"walk", R"("PROTOCOL": "SPOLL", "IS_MULTIPLE_POLLED_DATA": "TRUE")", 2, "", R"(2 "FAILURE", )"},
-        {"no device", R"("DEVICE_NAME": "")", 0, one + two, R"(0 "FAILURE", )"},
-        {"odd port", R"("SNMP_PORT": "70000")", 1, "", R"(1 "FAILURE", )"},
+         R"(1 1 public 5s "SUCCESS", ".1.3.2": { ".1.3.2": "é" }, ".1.3.1": { ".1.3.1": "ÿ�A" }, "TYPE": "4", )"},
+        {"walk", R"("PROTOCOL": "SPOLL", "IS_MULTIPLE_POLLED_DATA": "TRUE")", 2, "", R"(2 1 public 5s "FAILURE", )"},
+        {"walk that is silent the second time", R"("PROTOCOL": "SPOLL", "IS_MULTIPLE_POLLED_DATA": "TRUE")", -3, below,
+         R"(4 1 public 5s "FAILURE", ".1.3.1": { ".1.3.1.7": "7" }, "TYPE": "2", )"},
+        {"no device", R"("DEVICE_NAME": "")", 0, one + two, R"(0  "FAILURE", )"},
+        {"odd port", R"("SNMP_PORT": "70000")", 0, one + two, R"(0  "FAILURE", )"},
     };
     for (const auto& row : rows) {
-        const ScriptedDevice device([&row, silent = row.silent](std::string_view) mutable {
-            return silent-- > 0 ? std::vector<std::string>() : std::vector{MessageOf({.variables = {row.variables}})};
-        });
+        const ScriptedDevice device([&row](auto) { return std::vector{MessageOf({.variables = {row.variables}})}; });
         const std::string members = fmt::format(R"(, "OID": ".1.3.1,.1.3.2", {})", row.members);
         std::string result = Ask("SNMP_TEST_MONITOR", device.port(), members, row.silent);
         result.resize(result.rfind("\"OID\""));
-        EXPECT_EQ(result.erase(2, result.find("\"STATUS\": ") + 8), row.result) << row.title;
+        const std::size_t answer = result.find('&');
+        EXPECT_EQ(result.erase(answer, result.find("\"STATUS\": ") + 10 - answer), row.result) << row.title;
     }
     for (const char* line :
-         {"Going to retry!!!", "Going to retry2", "Var value is null", "a record without device is not polled",
-          "The port 70000 is no number from 1 to 65535, 161 is taken", "The timeout 2148 is no number from 1 to 2147"})
+         {"Going to retry!!!", "Going to retry2", "Var value is null", "Without DEVICE_NAME nothing is asked",
+          "SNMP_PORT is no number from 1 to 65535", "\"2148\" is no number from 1 to 2147",
+          "no value for .1.3.1, behind which nothing is taken", "no values below .1.3.2",
+          "none of the OIDs has a value"})
         EXPECT_TRUE(Logged(line)) << line;
-    const std::string walk = R"(, "IS_MULTIPLE_POLLED_DATA": "TRUE", "OID": ".1.3.6.1.4.1.8072.1.3.2.4.1.2.1.110")";
-    const std::string got = Ask("SNMP_TEST_MONITOR", agent.port(), walk);
-    EXPECT_NE(got.find(R"(110.2": "2", ".1.3.6.1.4.1.8072.1.3.2.4.1.2.1.110.1": "1" })"), got.npos) << got;
-    const std::string refused = Ask("SNMP_TEST_MONITOR", agent.port(), walk + R"(, "COMMUNITY": "wrong")", 1);
-    EXPECT_NE(refused.find(R"("STATUS": "FAILURE", "OID")"), refused.npos) << refused;
 }
 
 TEST_F(Requests, SnmpDevicesAreDiscovered) {
     const SnmpDaemon agent("sysName tower\nsysDescr a box\nsysObjectID .1.3.6.1.4.1.9");
     const std::string value = Variable(1, 0x06, "2b 01"), none = Variable(1, 0x80, "");
-    std::string versions;
-    const ScriptedDevice old([&](std::string_view request) {
-        versions += std::to_string(request.at(6));
-        const std::string answer = MessageOf({.version = 0, .variables = {value, value, value}});
-        return request[6] == 0 ? std::vector{answer} : std::vector<std::string>();
-    });
-    const ScriptedDevice plain([&](auto) { return std::vector{MessageOf({.variables = {value, none, none}})}; });
+    const auto answering = [](std::vector<std::string> variables) {
+        return [variables](auto) { return std::vector{MessageOf({.variables = variables})}; };
+    };
+    const ScriptedDevice whole(answering({value, value, value})), plain(answering({value, none, none})),
+        nameless(answering({value, value, none})), shortOne(answering({value}));
+    constexpr const char *no = "NO RESPONSE", *invalid = "INVALID IPADDRESS";
     const struct {
         const char* device;
         int port;
-        int silent;  // exchanges without an answer
-        const char *exchanges, *version, *description, *name, *object, *address;
+        int silent;
+        const char *community, *exchanges, *version, *description, *name, *object, *address;
     } rows[] = {
-        {"localhost", agent.port(), 0, "1", "v2", "a box", "tower", ".1.3.6.1.4.1.9", "127.0.0.1"},
-        {"localhost", old.port(), 1, "2", "v1", ".1.3.1", ".1.3.1", ".1.3.1", "127.0.0.1"},
-        {"localhost", plain.port(), 0, "1", "v2", "NO RESPONSE", "NO RESPONSE", ".1.3.1", "127.0.0.1"},
-        {"no.invalid", 9, 0, "0", "INVALID IPADDRESS", "INVALID IPADDRESS", "INVALID IPADDRESS", "INVALID IPADDRESS",
-         "no.invalid"},
+        {"localhost", agent.port(), 0, "public", "1 1 public 1s", "v2", "a box", "tower", ".1.3.6.1.4.1.9",
+         "127.0.0.1"},
+        {"localhost", whole.port(), 1, "c0", "2 0 c0 1s", "v1", ".1.3.1", ".1.3.1", ".1.3.1", "127.0.0.1"},
+        {"localhost", plain.port(), 0, "c0", "1 1 c0 1s", "v2", no, no, ".1.3.1", "127.0.0.1"},
+        {"localhost", nameless.port(), 0, "c0", "1 1 c0 1s", "v2", ".1.3.1", no, ".1.3.1", "127.0.0.1"},
+        {"localhost", shortOne.port(), 0, "c0", "1 1 c0 1s", "v2", no, no, no, "127.0.0.1"},
+        {"localhost", whole.port(), 2, "c0", "2 0 c0 1s", "v1", no, no, no, "127.0.0.1"},
+        {"no.invalid", 9, 0, "public", "0 ", invalid, invalid, invalid, invalid, "no.invalid"},
     };
     for (const auto& row : rows) {
-        EXPECT_EQ(
-            Ask("DISCOVER_SNMP_DEVICES", row.port, fmt::format(R"(, "DEVICE_NAME": "{}")", row.device), row.silent),
-            fmt::format(R"({} &action=DISCOVER_SNMP_DEVICES&requestId=I%201 {{ "SNMPVersion": "{}", "SYSDESC": )"
-                        R"("{}", "SYSNAME": "{}", "SYSOID": "{}", "SNMPPort": "{}", "Community": "public", )"
-                        R"("DNSName": "{}", "IPAddress": "{}", "RemoteOffice": "", "MSPCUSTOMERID": "", )"
-                        R"("AGENT_REQUEST_ID": "I 1", "AGENTKEY": "K7" }})",
-                        row.exchanges, row.version, row.description, row.name, row.object, row.port, row.device,
-                        row.address));
+        const bool isPublic = row.community == std::string_view("public");
+        const std::string members = fmt::format(R"(, "DEVICE_NAME": "{}", "{}": "{}")", row.device,
+                                                isPublic ? "x" : "COMMUNITY", row.community);
+        EXPECT_EQ(Ask("DISCOVER_SNMP_DEVICES", row.port, members, row.silent),
+                  fmt::format(R"({} &action=DISCOVER_SNMP_DEVICES&requestId=I%201 {{ "SNMPVersion": "{}", "SYSDESC": )"
+                              R"("{}", "SYSNAME": "{}", "SYSOID": "{}", "SNMPPort": "{}", "Community": "{}", )"
+                              R"("DNSName": "{}", "IPAddress": "{}", "RemoteOffice": "", "MSPCUSTOMERID": "", )"
+                              R"("AGENT_REQUEST_ID": "I 1", "AGENTKEY": "K7" }})",
+                              row.exchanges, row.version, row.description, row.name, row.object, row.port,
+                              row.community, row.device, row.address));
     }
-    EXPECT_EQ(versions, "10");
 }
 
 }  // namespace kv::test
