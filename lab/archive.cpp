@@ -80,17 +80,18 @@ void ReadArchive(std::string_view bytes, const EntrySink& sink) {
     }
 }
 
-std::string MakeArchive(const std::string& name, std::string_view content) {
+std::string MakeArchive(const ArchiveFiles& files) {
     const Source target(zip_source_buffer_create(nullptr, 0, 0, nullptr));
     Require(target != nullptr);
     Archive archive(zip_open_from_source(target.get(), ZIP_TRUNCATE, nullptr));
     Require(archive != nullptr);
     zip_source_keep(target.get());  // the archive has taken ours
-    zip_source_t* entry = zip_source_buffer(archive.get(), content.data(), content.size(), 0);
-    Require(entry != nullptr);
-    const bool added = zip_file_add(archive.get(), name.c_str(), entry, ZIP_FL_ENC_UTF_8) >= 0;
-    if (!added) zip_source_free(entry);
-    Require(added && zip_close(archive.get()) == 0);
+    for (const auto& [name, content] : files) {
+        Source entry(zip_source_buffer(archive.get(), content.data(), content.size(), 0));
+        Require(entry != nullptr && zip_file_add(archive.get(), name.c_str(), entry.get(), ZIP_FL_ENC_UTF_8) >= 0);
+        static_cast<void>(entry.release());
+    }
+    Require(zip_close(archive.get()) == 0);
     static_cast<void>(archive.release());
     return ContentOf(target.get());
 }

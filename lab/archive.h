@@ -6,6 +6,8 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 namespace kv::lab {
 
@@ -26,7 +28,10 @@ using EntrySink = std::function<void(const std::string& name, std::string_view c
 /// over in order. MalformedArchive at the first fault, or when a bound above is passed.
 void ReadArchive(std::string_view bytes, const EntrySink& sink);
 
-/// A zip of one file.
-std::string MakeArchive(const std::string& name, std::string_view content);
+/// Names and contents.
+using ArchiveFiles = std::vector<std::pair<std::string, std::string>>;
+
+/// A zip of these files.
+std::string MakeArchive(const ArchiveFiles& files);
 
 }  // namespace kv::lab

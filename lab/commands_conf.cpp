@@ -68,7 +68,7 @@ void RunConfPush(const Options& options) {
     const std::string fault = FaultOf(text, EqualIgnoringCase(key, agent) ? "WorkFlows" : "WorkFlows_" + key);
     if (!fault.empty() && !Has(options, "--force"))
         throw std::runtime_error(fmt::format("{} {}; --force sends it all the same", path, fault));
-    const std::string zip = MakeArchive("queryconf.txt", text ? Utf16LittleEndianBytes(*text) : bytes);
+    const std::string zip = MakeArchive({{"queryconf.txt", text ? Utf16LittleEndianBytes(*text) : bytes}});
     QueueForAgent(options, agent, [&](Store& store) { return AddConfiguration(store, agent, key, zip); });
 }
 
