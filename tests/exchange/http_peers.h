@@ -1,4 +1,5 @@
-// Servers that a transaction meets in tests: a well-behaved one, one that says anything, and a proxy.
+// Transactions in tests, and the servers that they meet: a well-behaved one, one that says anything, and a proxy.
+// What their threads note is read once the transaction has ended.
 #pragma once
 
 #include <arpa/inet.h>
@@ -7,7 +8,6 @@
 #include <functional>
 #include <httplib.h>
 #include <memory>
-#include <mutex>
 #include <netinet/in.h>
 #include <poll.h>
 #include <stdexcept>
@@ -17,6 +17,10 @@
 #include <thread>
 #include <unistd.h>
 #include <vector>
+
+#include "exchange/http_transaction.h"
+#include "foundation/agent_state.h"
+#include "tests/support/test_agent.h"
 
 namespace kv::test {
 
@@ -70,31 +74,21 @@ class RawServer {
         close(listener_);
     }
 
-    /// The headers of all requests, in the order of their coming.
-    std::vector<std::string> requests() const {
-        const std::lock_guard lock(mutex_);
-        return requests_;
-    }
-
     int port = 0;
+    std::vector<std::string> requests;  // the headers of all, in the order of their coming
 
   private:
     void Serve(int connection) {
         std::string request;
         const auto complete = [&] { return request.ends_with("\r\n\r\n") || request.starts_with('\x16'); };
         for (char c; !complete() && recv(connection, &c, 1, 0) == 1;) request += c;
-        {
-            const std::lock_guard lock(mutex_);
-            requests_.push_back(request);
-        }
+        requests.push_back(request);
         handler_(connection, request);
         close(connection);
     }
 
     Handler handler_;
     int listener_;
-    mutable std::mutex mutex_;
-    std::vector<std::string> requests_;
     std::thread thread_;
 };
 
@@ -106,16 +100,11 @@ inline void SendText(int connection, std::string_view text) {
     }
 }
 
-/// Sends a text and hangs up.
-inline RawServer::Handler Says(std::string text) {
-    return [text = std::move(text)](int connection, const std::string&) { SendText(connection, text); };
-}
-
-/// Sends a text and waits until the other side hangs up.
-inline RawServer::Handler SaysAndHolds(std::string text) {
-    return [text = std::move(text)](int connection, const std::string&) {
+/// Sends a text and hangs up, or waits until the other side does.
+inline RawServer::Handler Says(std::string text, bool holds = false) {
+    return [text = std::move(text), holds](int connection, const std::string&) {
         SendText(connection, text);
-        for (char c; recv(connection, &c, 1, 0) == 1;) continue;
+        for (char c; holds && recv(connection, &c, 1, 0) == 1;) continue;
     };
 }
 
@@ -152,5 +141,25 @@ inline RawServer::Handler Forwards(std::string wantedAuthorization) {
         close(peer);
     };
 }
+
+/// An agent whose server is on this computer and speaks plain HTTP.
+class HttpTest : public TestAgent {
+  protected:
+    HttpTest() {
+        agentState.gv_LastAccessName.publish(u"127.0.0.1");
+        agentState.gv_httpsEnabled = 0;
+    }
+
+    static platform::Error Get(int port, std::u16string url, OptionalText* response = nullptr,
+                               RequestKind kind = RequestKind::REQUEST_GET) {
+        agentState.gv_ServerPort = port;
+        return AgentSendRequest({}, 0, url, {}, response, kind, 0, false);
+    }
+    static platform::Error Post(int port, std::u16string url, std::string_view body, std::size_t length,
+                                RequestKind kind = RequestKind::REQUEST_POST_BINARY) {
+        agentState.gv_ServerPort = port;
+        return AgentSendRequest({}, 0, url, {.body = body}, nullptr, kind, length, false);
+    }
+};
 
 }  // namespace kv::test

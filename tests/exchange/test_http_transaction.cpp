@@ -5,14 +5,11 @@
 #include <vector>
 
 #include "exchange/http_answers.h"
-#include "exchange/http_transaction.h"
-#include "foundation/agent_state.h"
 #include "foundation/registry_store.h"
 #include "platform/http.h"
 #include "platform/registry.h"
 #include "platform/utf.h"
 #include "tests/exchange/http_peers.h"
-#include "tests/support/test_agent.h"
 #include "tests/support/virtual_clock.h"
 
 namespace kv::test {
@@ -38,12 +35,10 @@ const std::map<char, Meeting> meetings = {
     {'n', {12007}},           {'t', {0, 12002}}, {'x', {0, 12030}},  {'R', {0, 12032}},  {'L', {0, 12015}},
     {'C', {0, 12017}},        {'l', {12015}},    {'c', {12017}}};
 
-class HttpTransaction : public TestAgent {
+class HttpTransaction : public HttpTest {
   protected:
     HttpTransaction() {
         agentState.gv_LastAccessName.publish(u"host");
-        agentState.gv_httpsEnabled = 0;
-        agentState.gv_ServerPort = 0x20000 + server.port;
         const auto answer = [this](const httplib::Request& request, httplib::Response& response) {
             sent.push_back(request.body);
             response.status = current.status;
@@ -52,16 +47,6 @@ class HttpTransaction : public TestAgent {
         };
         server.server->Get("/x", answer);
         server.server->Post("/x", answer);
-        ScriptOperations();
-    }
-
-    static Error Get(RequestKind kind = RequestKind::REQUEST_GET) {
-        std::u16string url = u"/x";
-        return AgentSendRequest({}, 0, url, {}, nullptr, kind, 0, false);
-    }
-    static Error Post(std::string_view body, std::size_t length, RequestKind kind = RequestKind::REQUEST_POST_BINARY) {
-        std::u16string url = u"/x";
-        return AgentSendRequest({}, 0, url, {.body = body}, nullptr, kind, length, false);
     }
 
     /// Begins a row: each sending takes the next letter; at the end of the script each is an 'e'.
@@ -73,7 +58,8 @@ class HttpTransaction : public TestAgent {
         closed = 0;
     }
 
-    void ScriptOperations();
+    /// Real operations, all addresses led to the server, and each sending to its letter.
+    platform::HttpOperations Scripted();
 
     std::string script;
     std::string addresses;   // in the order of the attempts
@@ -83,13 +69,14 @@ class HttpTransaction : public TestAgent {
     int sendings = 0;
     Meeting current;
     VirtualClock clock;
-    RunningServer server;  // stands for every address
-    platform::HttpOperations operations = platform::Http();
-    std::optional<platform::ScopedOperations<platform::HttpOperations>> scoped;
+    RunningServer server;                        // stands for every address
+    const int somePort = 0x20000 + server.port;  // of which 16 bits count
+    platform::ScopedOperations<platform::HttpOperations> scoped{Scripted()};
 };
 
-void HttpTransaction::ScriptOperations() {
-    const platform::HttpOperations real = operations;
+platform::HttpOperations HttpTransaction::Scripted() {
+    const platform::HttpOperations real = platform::Http();
+    platform::HttpOperations operations = real;
     operations.WinHttpOpen = [=, this](auto&&... arguments) {
         opened += "s";
         return real.WinHttpOpen(arguments...);
@@ -118,7 +105,7 @@ void HttpTransaction::ScriptOperations() {
         closed += failure == 0 ? 1 : 0;
         return failure;
     };
-    scoped.emplace(operations);
+    return operations;
 }
 
 TEST_F(HttpTransaction, TriesTheAddressesInTheirOrder) {
@@ -154,7 +141,7 @@ TEST_F(HttpTransaction, TriesTheAddressesInTheirOrder) {
         agentState.gv_ServerSecIPAddress = given(2, u"second");
         agentState.gv_ServerName = given(3, u"name");
         agentState.gv_ServerFlatName = given(4, u"flat");
-        EXPECT_EQ(Get(), row.result);
+        EXPECT_EQ(Get(somePort, u"/x"), row.result);
         EXPECT_EQ(addresses, row.tried);
         EXPECT_EQ(platform::Utf8FromWide(agentState.gv_LastAccessName.view()), row.remembered);
     }
@@ -185,7 +172,8 @@ TEST_F(HttpTransaction, ResendsInRoundsAndRestartsOnce) {
             SCOPED_TRACE(row.title + std::string(post ? " POST" : " GET"));
             Restart(row.script);
             const std::int64_t start = clock.nowSeconds();
-            EXPECT_EQ(post ? Post("abcd", 4) : Get(), post ? row.postResult : row.getResult);
+            EXPECT_EQ(post ? Post(somePort, u"/x", "abcd", 4) : Get(somePort, u"/x"),
+                      post ? row.postResult : row.getResult);
             EXPECT_EQ(sendings, row.sendings);
             EXPECT_EQ(clock.nowSeconds() - start, row.seconds);
             EXPECT_EQ(opened, !row.restarted ? "scr" : post ? "scrr" : "scrscr");
@@ -196,8 +184,8 @@ TEST_F(HttpTransaction, ResendsInRoundsAndRestartsOnce) {
 
 TEST_F(HttpTransaction, PostsSendWhatTheirKindCounts) {
     const std::string wide("h\0a\0l\0f\0", 8);
-    for (const std::size_t length : {8u, 6u, 0u, 99u}) EXPECT_EQ(Post(wide, length), 0u);
-    EXPECT_EQ(Post(wide, 8, RequestKind::REQUEST_POST_TIMED), 0u);
+    for (const std::size_t length : {8u, 6u, 0u, 99u}) EXPECT_EQ(Post(somePort, u"/x", wide, length), 0u);
+    EXPECT_EQ(Post(somePort, u"/x", wide, 8, RequestKind::REQUEST_POST_TIMED), 0u);
     EXPECT_THAT(sent, ElementsAre(wide, wide.substr(0, 6), wide.substr(0, 4), wide, wide.substr(0, 4)));
     Restart("o");
     std::u16string url = u"/x";
@@ -209,9 +197,9 @@ TEST_F(HttpTransaction, PostsSendWhatTheirKindCounts) {
 }
 
 TEST_F(HttpTransaction, HeadersFillTheState) {
-    EXPECT_EQ(Get(), 0u);
+    EXPECT_EQ(Get(somePort, u"/x"), 0u);
     EXPECT_EQ(agentState.gv_timeDiff, 0);
-    EXPECT_EQ(Get(RequestKind::REQUEST_GET_HEADERS), 0u);
+    EXPECT_EQ(Get(somePort, u"/x", nullptr, RequestKind::REQUEST_GET_HEADERS), 0u);
     EXPECT_EQ(agentState.gv_timeDiff, 77);
     {
         platform::RegistryOperations full = platform::Registry();

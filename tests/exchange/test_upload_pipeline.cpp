@@ -1,10 +1,8 @@
-#include <atomic>
 #include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <random>
 #include <set>
 #include <signal.h>
@@ -12,13 +10,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
-#include <zip.h>
 
 #include "exchange/upload_pipeline.h"
-#include "foundation/agent_state.h"
+#include "lab/archive.h"
 #include "platform/files.h"
 #include "tests/exchange/http_peers.h"
-#include "tests/support/test_agent.h"
 #include "tests/support/virtual_clock.h"
 
 namespace kv::test {
@@ -33,24 +29,16 @@ using testing::IsEmpty;
 /// Names in a zip that must be whole.
 std::multiset<std::string> NamesInZip(const std::string& bytes) {
     std::multiset<std::string> names;
-    zip_source_t* source = zip_source_buffer_create(bytes.data(), bytes.size(), 0, nullptr);
-    zip_t* archive = zip_open_from_source(source, ZIP_CHECKCONS, nullptr);
-    EXPECT_NE(archive, nullptr);
-    for (zip_int64_t i = 0; archive != nullptr && i < zip_get_num_entries(archive, 0); ++i) {
-        names.insert(zip_get_name(archive, static_cast<zip_uint64_t>(i), 0));
-    }
-    zip_discard(archive);
+    lab::ReadArchive(bytes, [&](const std::string& name, std::string_view) { names.insert(name); });
     return names;
 }
 
 }  // namespace
 
-class UploadPipeline : public TestAgent {
+class UploadPipeline : public HttpTest {
   protected:
     UploadPipeline() {
         agentState.gv_agentKey.publish(u"K7");
-        agentState.gv_LastAccessName.publish(u"127.0.0.1");
-        agentState.gv_httpsEnabled = 0;
         std::filesystem::create_directories(zipdata);
         StartServer();
     }
@@ -60,20 +48,16 @@ class UploadPipeline : public TestAgent {
         server = std::make_unique<RunningServer>();
         server->server->Post("/servlets/FileCollector",
                              [&](const httplib::Request& request, httplib::Response& answer) {
-                                 const std::lock_guard lock(mutex);
                                  const std::string name = request.get_param_value("FILENAME");
                                  tried.push_back(name);
-                                 answer.status = request.get_param_value("AGENTKEY") == "K7" ? status.load() : 400;
+                                 answer.status = request.get_param_value("AGENTKEY") == "K7" ? status : 400;
                                  if (answer.status == 200) accepted[name] = request.body;
                              });
         agentState.gv_ServerPort = server->port;
     }
 
     /// Names of the uploads since the last call.
-    Names Tried() {
-        const std::lock_guard lock(mutex);
-        return std::exchange(tried, {});
-    }
+    Names Tried() { return std::exchange(tried, {}); }
 
     void WriteRecords(int first, int last) {
         for (int i = first; i <= last; ++i) {
@@ -107,10 +91,9 @@ class UploadPipeline : public TestAgent {
     }
 
     VirtualClock clock;
-    std::mutex mutex;
     Names tried;                                  // file names since the last look
     std::map<std::string, std::string> accepted;  // zips by file name
-    std::atomic<int> status{200};
+    int status = 200;
     std::unique_ptr<RunningServer> server;
 };
 
