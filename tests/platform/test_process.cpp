@@ -1,5 +1,6 @@
 #include <csignal>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -16,6 +17,7 @@ namespace fs = std::filesystem;
 
 class ProcessTest : public kv::test::TestAgent {
   protected:
+    ProcessTest() { mkfifo("id", 0600); }
     ~ProcessTest() override { EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a child was not reaped"; }
 
     void Script(const std::string& name, std::string_view text, bool executable = true) {
@@ -39,25 +41,16 @@ class ProcessTest : public kv::test::TestAgent {
         return ended ? static_cast<int>(code) : -1;
     }
 
-    /// The number in a file that a child writes, once it is there.
-    static pid_t AwaitNumber(const fs::path& path) {
-        for (int look = 0; look < 1000; ++look, Clock().Sleep(10)) {
-            const std::string text = Read(path);
-            if (text.ends_with('\n')) return std::stoi(text);
-        }
-        ADD_FAILURE() << path << " was not written";
-        return 0;
-    }
+    /// The number that a child writes into the pipe "id".
+    static pid_t AwaitId() { return std::stoi(Read("id")); }
 
     /// A zombie that nobody has collected yet is gone as well.
-    static bool Runs(pid_t id) {
-        const std::string status = Read("/proc/" + std::to_string(id) + "/status");
-        return !status.empty() && status.find("State:\tZ") == std::string::npos;
-    }
-
     static bool EndsSoon(pid_t id) {
-        for (int look = 0; look < 100 && Runs(id); ++look) Clock().Sleep(10);
-        return !Runs(id);
+        for (int look = 0; look < 100; ++look, Clock().Sleep(10)) {
+            const std::string status = Read("/proc/" + std::to_string(id) + "/status");
+            if (status.empty() || status.find("State:\tZ") != std::string::npos) return true;
+        }
+        return false;
     }
 };
 
@@ -110,7 +103,7 @@ TEST_F(ProcessTest, AChildInheritsNothing) {
 TEST_F(ProcessTest, TerminationEndsTheWholeTree) {
     const struct {
         const char* title;
-        std::u16string line;  // writes the id of a process that must not survive to "id"
+        std::u16string line;  // writes the id of a process that must not survive
     } rows[] = {
         {"ignores the polite signals", u"trap '' TERM HUP INT; echo $$ >id; while :; do sleep 1; done"},
         {"an orphan in a session of its own without environment",
@@ -123,7 +116,7 @@ TEST_F(ProcessTest, TerminationEndsTheWholeTree) {
     for (const auto& row : rows) {
         ProcessHandle process = 0;
         ASSERT_EQ(Processes().CreateProcessW(row.line, u"", process), error::success) << row.title;
-        const pid_t survivor = AwaitNumber("id");
+        const pid_t survivor = AwaitId();
         std::uint32_t code = 0;
         EXPECT_EQ(Processes().WaitForSingleObject(process, 20), error::waitTimeout) << row.title;
         EXPECT_EQ(Processes().GetExitCodeProcess(process, code), error::busy) << row.title;
@@ -132,7 +125,6 @@ TEST_F(ProcessTest, TerminationEndsTheWholeTree) {
         EXPECT_EQ(Processes().GetExitCodeProcess(process, code), error::success) << row.title;
         EXPECT_EQ(code, 137U) << row.title;
         Processes().CloseProcess(process);
-        fs::remove("id");
     }
     EXPECT_EQ(Run(u"for at in /proc/[0-9]*; do case ${at#/proc/} in $$|$PPID) continue; esac; "
                   u"[ \"$(readlink $at/cwd)\" = \"$PWD\" ] && exit 1; done; exit 0"),
@@ -143,17 +135,16 @@ TEST_F(ProcessTest, TerminationEndsTheWholeTree) {
 TEST_F(ProcessTest, AScriptThatLeavesAChildBehindHasEnded) {
     ProcessHandle process = 0;
     ASSERT_EQ(Processes().CreateProcessW(u"sleep 100 & echo $! >id", u"", process), error::success);
+    const pid_t child = AwaitId();
     EXPECT_EQ(Processes().WaitForSingleObject(process, 20'000), error::success);
     Processes().CloseProcess(process);
-    const pid_t child = AwaitNumber("id");
-    EXPECT_TRUE(Runs(child));
-    kill(child, SIGKILL);
+    EXPECT_EQ(kill(child, SIGKILL), 0);
     EXPECT_TRUE(EndsSoon(child));
 
     // Not waited for at all: reaped when the next one starts.
-    ASSERT_EQ(Processes().CreateProcessW(u"echo $$ >own", u"", process), error::success);
+    ASSERT_EQ(Processes().CreateProcessW(u"echo $$ >id", u"", process), error::success);
     Processes().CloseProcess(process);
-    EXPECT_TRUE(EndsSoon(AwaitNumber("own")));
+    EXPECT_TRUE(EndsSoon(AwaitId()));
     EXPECT_EQ(Run(u"true"), 0);
 }
 
