@@ -20,7 +20,7 @@
 namespace {
 
 constexpr int rows = 5000;
-constexpr int rounds = 15;
+constexpr int rounds = 41;
 constexpr const char* table = ".1.3.6.1.4.1.8072.1.3.2.4.1.2";
 
 /// Milliseconds of one walk.

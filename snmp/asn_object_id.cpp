@@ -26,6 +26,7 @@ const std::uint8_t* ReadSubId(const std::uint8_t* position, const std::uint8_t* 
 }
 
 std::int32_t SubIdSize(std::uint32_t value) {
+    if (value <= groupBits) return 1;
     const auto bits = static_cast<std::int32_t>(std::bit_width(value | 1));
     return (bits + bitsOfGroup - 1) / bitsOfGroup;
 }

@@ -38,11 +38,23 @@ bool AddRequestVarBind(TkVector* vector, const std::uint32_t* oid, std::int32_t 
     return true;
 }
 
-/// A request that takes over the variables of the list.
-SnmpPduPtr MakeRequestPdu(const ManagerRequest& request, std::uint8_t command, VarBindListPtr vector) {
+/// The variables of a request, until its PDU takes them over.
+struct RequestVarBinds {
+    RequestVarBinds() = default;
+    ~RequestVarBinds() {
+        if (list.count > 0) FreeVarBindList(&list);
+    }
+    RequestVarBinds(const RequestVarBinds&) = delete;
+    RequestVarBinds& operator=(const RequestVarBinds&) = delete;
+
+    TkVector list{};
+};
+
+/// A request that takes over the variables.
+SnmpPduPtr MakeRequestPdu(const ManagerRequest& request, std::uint8_t command, RequestVarBinds& varBinds) {
     SnmpPduPtr pdu(CreateSnmpPdu(VersionCode(request.version), request.community, command, requestId,
-                                 requestErrorStatus, requestErrorIndex, vector.get()));
-    FreeVector(vector.get());
+                                 requestErrorStatus, requestErrorIndex, &varBinds.list));
+    FreeVector(&varBinds.list);
     if (pdu) pdu->timeoutSeconds = request.timeoutSeconds;
     return pdu;
 }
@@ -71,27 +83,25 @@ std::int32_t ParseRequestedOid(const ManagerRequest& request, std::int32_t index
     return length;
 }
 
-/// The variables of a get; null when an OID is malformed.
-VarBindListPtr MakeGetVector(const ManagerRequest& request) {
-    VarBindListPtr vector = MakeVarBindList();
-    if (!vector) TKLOG(2, "Unable to allocate memory\n");
-    for (std::int32_t i = 0; vector && i < request.oidCount; ++i) {
+/// Fills in the variables of a get; false when an OID is malformed.
+bool AddGetVarBinds(const ManagerRequest& request, RequestVarBinds& varBinds) {
+    for (std::int32_t i = 0; i < request.oidCount; ++i) {
         SubIds oid;
         const std::int32_t length = ParseRequestedOid(request, i, oid);
-        if (length == -1) return nullptr;
-        if (!AddRequestVarBind(vector.get(), oid.get(), length)) {
+        if (length == -1) return false;
+        if (!AddRequestVarBind(&varBinds.list, oid.get(), length)) {
             TKLOG(1, "Error while creating Varbind \n");
             std::printf("Error while creating Varbind \n");
-            return nullptr;
+            return false;
         }
     }
-    return vector;
+    return true;
 }
 
-SnmpPduPtr MakeGetPdu(const ManagerRequest& request, VarBindListPtr vector) {
+SnmpPduPtr MakeGetPdu(const ManagerRequest& request, RequestVarBinds& varBinds) {
     SnmpPduPtr pdu;
-    if (request.requestType == snmpGet) pdu = MakeRequestPdu(request, command::get, std::move(vector));
-    if (request.requestType == snmpGetNext) pdu = MakeRequestPdu(request, command::getNext, std::move(vector));
+    if (request.requestType == snmpGet) pdu = MakeRequestPdu(request, command::get, varBinds);
+    if (request.requestType == snmpGetNext) pdu = MakeRequestPdu(request, command::getNext, varBinds);
     if (!pdu) TKLOG(1, "Unable to create the SnmpPdu!!!\n");
     return pdu;
 }
@@ -125,6 +135,7 @@ struct Walk {
     SubIds root = nullptr;
     std::int32_t rootLength = 0;
     std::vector<std::uint32_t> current = {};  // the OID to ask from
+    std::vector<std::uint32_t> asked = {};    // the OID that the last request asked from
 
     // A device whose OIDs run in a circle comes back to an OID that was asked from before. One of those is kept, and
     // replaced after 1, 2, 4, 8 ... answers, so that in the end one inside the circle is kept for all its length.
@@ -143,17 +154,13 @@ WalkStep EndEarly(const Walk& walk, const TkVector& values, const char* reason) 
 
 /// Null when the request cannot be made or brings no answer.
 SnmpPduPtr AskNext(const Walk& walk, std::uint8_t& status) {
-    VarBindListPtr vector = MakeVarBindList();
-    if (!vector) {
-        TKLOG(2, "Unable to allocate memory\n");
-        return nullptr;
-    }
-    if (!AddRequestVarBind(vector.get(), walk.current.data(), static_cast<std::int32_t>(walk.current.size()))) {
+    RequestVarBinds varBinds;
+    if (!AddRequestVarBind(&varBinds.list, walk.current.data(), static_cast<std::int32_t>(walk.current.size()))) {
         TKLOG(1, "Error while creating Varbind \n");
         std::printf("Error while creating Varbind MIB\n");
         return nullptr;
     }
-    const SnmpPduPtr request = MakeRequestPdu(walk.request, command::getNext, std::move(vector));
+    const SnmpPduPtr request = MakeRequestPdu(walk.request, command::getNext, varBinds);
     if (!request) {
         TKLOG(1, "Unable to create the SnmpPdu!!!\n");
         std::printf("Unable to create the SnmpPdu!!!\n");
@@ -179,9 +186,11 @@ WalkStep MoveOn(Walk& walk, const TkVector& answer) {
     return WalkStep::next;
 }
 
+/// Looks at the ends first, where the OIDs of a walk differ.
 bool IsSameOid(const std::vector<std::uint32_t>& a, const std::vector<std::uint32_t>& b) {
-    return CompareOid(a.data(), static_cast<std::int32_t>(a.size()), b.data(), static_cast<std::int32_t>(b.size())) ==
-           0;
+    const auto count = static_cast<std::int32_t>(a.size());
+    return a.size() == b.size() && (a.empty() || a.back() == b.back()) &&
+           CompareOid(a.data(), count, b.data(), count) == 0;
 }
 
 bool IsBackAtLandmark(Walk& walk) {
@@ -194,25 +203,24 @@ bool IsBackAtLandmark(Walk& walk) {
     return false;
 }
 
-/// Appends the variables of an answer; false when memory ran out.
-bool TakeValues(Walk& walk, TkVector* answer, TkVector* values) {
-    const std::int64_t count = std::int64_t{values->count} + answer->count;
-    CopyVarBinds(values, answer, 1);
+/// Takes the variables over from an answer, which has no more use for them.
+void TakeValues(Walk& walk, TkVector* answer, TkVector* values) {
     for (const TkVectorNode* node = answer->head; node; node = node->next) {
         const VarBind& varBind = *static_cast<const VarBind*>(node->data);
         walk.share.bytesLeft -= std::int64_t{varBind.oidLength} * 4 + varBind.valueLength;
     }
-    return values->count == count;
+    TakeVarBinds(values, answer);
 }
 
 /// Takes one answer into the values.
 WalkStep TakeWalkAnswer(Walk& walk, TkVector* answer, TkVector* values) {
     if (answer->count == 0) return WalkStep::finished;
-    const std::vector<std::uint32_t> asked = walk.current;
+    walk.asked = walk.current;
     const WalkStep step = MoveOn(walk, *answer);
     if (step != WalkStep::next) return step;
-    if (IsSameOid(walk.current, asked)) return EndEarly(walk, *values, "gives back the OID that it was asked from");
-    if (!TakeValues(walk, answer, values)) return WalkStep::failed;
+    if (IsSameOid(walk.current, walk.asked))
+        return EndEarly(walk, *values, "gives back the OID that it was asked from");
+    TakeValues(walk, answer, values);
     if (IsBackAtLandmark(walk)) return EndEarly(walk, *values, "sends OIDs that run in a circle");
     if (values->count >= maxWalkValues) return EndEarly(walk, *values, "goes on and on");
     if (walk.share.bytesLeft <= 0) return EndEarly(walk, *values, "sends more than a request may bring");
@@ -247,9 +255,9 @@ ResultVectors MakeResultVectors(const ManagerRequest& request) {
 }  // namespace
 
 ResultVectors SnmpGetOperation(const ManagerRequest& request) {
-    VarBindListPtr vector = MakeGetVector(request);
-    if (!vector) return nullptr;
-    const SnmpPduPtr pdu = MakeGetPdu(request, std::move(vector));
+    RequestVarBinds varBinds;
+    if (!AddGetVarBinds(request, varBinds)) return nullptr;
+    const SnmpPduPtr pdu = MakeGetPdu(request, varBinds);
     if (!pdu) return nullptr;
     ResultVectors results = MakeResultVectors(request);
     std::uint8_t status = 0;

@@ -1,4 +1,4 @@
-#include <cstdio>
+#include <charconv>
 #include <cstring>
 #include <new>
 
@@ -64,24 +64,24 @@ bool HasValue(const VarBind& varBind) {
     return varBind.valueLength > 0 && varBind.value && varBind.type != tag::null && !IsException(varBind.type);
 }
 
-NarrowText TypeText(std::uint8_t type) {
-    NarrowText text(new char[typeTextRoom]);
-    std::snprintf(text.get(), typeTextRoom, "%d", type);
-    return text;
-}
-
+/// The texts of OID and type stand in one piece of memory, which is the OID's.
 void FillValue(SnmpValue& value, const VarBind& varBind) {
-    value.oid = OidText(varBind.oid, varBind.oidLength, &value.oidLength).release();
+    const std::size_t oidRoom = OidTextRoom(varBind.oidLength);
+    value.oid = new char[oidRoom + typeTextRoom];
+    value.oidLength = ConvertToStringFromOid(varBind.oid, varBind.oidLength, value.oid);
     if (HasValue(varBind)) value.value = ValueText(varBind, &value.valueLength).release();
-    value.type = TypeText(varBind.type).release();
+    value.type = value.oid + oidRoom;
+    *std::to_chars(value.type, value.type + typeTextRoom - 1, varBind.type).ptr = '\0';
 }
 
-/// The values of one list; the list grows value by value, so that what is there can be freed at any moment.
+/// The values of one list, all records of which stand in one piece of memory.
 void FillVarList(SnmpVarList& list, const TkVector& vector) {
-    list.values = new SnmpValue*[static_cast<std::size_t>(vector.count)];
-    for (const TkVectorNode* node = vector.head; node; node = node->next) {
-        list.values[list.valueCount++] = new SnmpValue{};
-        FillValue(*list.values[list.valueCount - 1], *static_cast<const VarBind*>(node->data));
+    const auto count = static_cast<std::size_t>(vector.count);
+    list.values = new SnmpValue* [count] {};
+    SnmpValue* value = new SnmpValue[count]{};
+    for (const TkVectorNode* node = vector.head; node; node = node->next, ++value) {
+        list.values[list.valueCount++] = value;
+        FillValue(*value, *static_cast<const VarBind*>(node->data));
     }
 }
 
@@ -102,10 +102,9 @@ void FreeVarList(SnmpVarList* list) {
     if (!list) return;
     for (std::int32_t i = 0; i < list->valueCount; ++i) {
         delete[] list->values[i]->oid;
-        delete[] list->values[i]->type;
         delete[] list->values[i]->value;
-        delete list->values[i];
     }
+    if (list->valueCount > 0) delete[] list->values[0];
     delete[] list->values;
     delete list;
 }

@@ -17,7 +17,7 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <memory>
+#include <optional>
 
 #include "snmp/asn.h"
 #include "snmp/pdu.h"
@@ -55,11 +55,11 @@ struct MessagePositions {
 };
 
 /// Writes a message. size: that of the buffer going in, the message's coming out; it stays what it was when the
-/// variables do not fit and on null. Null when the message cannot be built. Version 3 gives bytes that no engine can
-/// read.
-std::unique_ptr<MessagePositions> BuildSnmpMsg(std::uint8_t* buffer, std::int32_t* size, SnmpPdu* pdu);
+/// variables do not fit, and when the message cannot be built, which gives none. Version 3 gives bytes that no engine
+/// can read.
+std::optional<MessagePositions> BuildSnmpMsg(std::uint8_t* buffer, std::int32_t* size, SnmpPdu* pdu);
 
-/// 1, or 0 when BuildSnmpMsg gave null.
+/// 1, or 0 when the message cannot be built.
 int CreateSnmpMsgForPdu(std::uint8_t* buffer, std::int32_t* size, SnmpPdu* pdu);
 
 /// Builds a PDU's message and sends it; 1 sent, 0 not. What a failed build left in the buffer is sent all the same.

@@ -1,6 +1,6 @@
+#include <algorithm>
 #include <array>
 #include <cstddef>
-#include <new>
 #include <string_view>
 
 #include "snmp/message.h"
@@ -161,55 +161,50 @@ std::int32_t MapToSNMPv1Error(std::int32_t status) {
     }
 }
 
-std::unique_ptr<MessagePositions> BuildSnmpMsg(std::uint8_t* buffer, std::int32_t* size, SnmpPdu* pdu) {
-    std::unique_ptr<MessagePositions> at(new (std::nothrow) MessagePositions{});
-    if (at == nullptr) return nullptr;
+std::optional<MessagePositions> BuildSnmpMsg(std::uint8_t* buffer, std::int32_t* size, SnmpPdu* pdu) {
+    MessagePositions at{};
     Writer out{.position = buffer, .remaining = *size};
     // Version 3 has no envelope: the message and its content both begin where the PDU does, and the message's header
     // will be written over the PDU's.
-    at->message = at->messageHeaderEnd = buffer;
-    if (pdu->version != versionV3 && !BuildEnvelope(out, *at, *pdu)) return nullptr;
-    if (!OpenItem(out, pdu->command, at->pdu, at->pduHeaderEnd)) {
+    at.message = at.messageHeaderEnd = buffer;
+    if (pdu->version != versionV3 && !BuildEnvelope(out, at, *pdu)) return std::nullopt;
+    if (!OpenItem(out, pdu->command, at.pdu, at.pduHeaderEnd)) {
         TKLOG(1, "Unable to encode response PDU with reqId\n");
-        return nullptr;
+        return std::nullopt;
     }
     if (pdu->command == command::trapV1) {
         TKLOG(1, "Unable to encode a trap of SNMPv1.\n");
-        return nullptr;
+        return std::nullopt;
     }
-    if (!BuildFields(out, *pdu)) return nullptr;
-    if (!OpenItem(out, tag::sequence, at->list, at->listHeaderEnd)) {
+    if (!BuildFields(out, *pdu)) return std::nullopt;
+    if (!OpenItem(out, tag::sequence, at.list, at.listHeaderEnd)) {
         TKLOG(1, "not enough space in output packet");
-        return nullptr;
+        return std::nullopt;
     }
-    if (!BuildVariables(out, *at, *pdu)) return nullptr;
-    at->end = out.position;
+    if (!BuildVariables(out, at, *pdu)) return std::nullopt;
+    at.end = out.position;
     if (pdu->errorStatus != 0) return at;
-    if (!CloseMessage(*at, pdu->command)) return nullptr;
-    *size = static_cast<std::int32_t>(at->end - at->message);
+    if (!CloseMessage(at, pdu->command)) return std::nullopt;
+    *size = static_cast<std::int32_t>(at.end - at.message);
     return at;
 }
 
 int CreateSnmpMsgForPdu(std::uint8_t* buffer, std::int32_t* size, SnmpPdu* pdu) {
-    return BuildSnmpMsg(buffer, size, pdu) != nullptr ? 1 : 0;
+    return BuildSnmpMsg(buffer, size, pdu) ? 1 : 0;
 }
 
 int SendSnmpPdu(TransportDomainInfo* info, SnmpPdu* pdu) {
-    // Zeroed: after a failed build the whole buffer is sent, and nothing of this process's memory may go with it.
-    const std::unique_ptr<std::uint8_t[]> buffer(new (std::nothrow) std::uint8_t[messageBufferSize]{});
-    if (buffer == nullptr) {
-        TKLOG(1, "Unable to allocate buffer !!! \n");
-        TKLOG(1, "PACKET DROPPED !!! \n");
-        FreeVarBindList(&pdu->varBinds);
-        if (pdu->otherVarBinds != nullptr) FreeVarBindList(pdu->otherVarBinds);
-        return 0;
-    }
+    // Zero between two messages: after a failed build all of it is sent, and nothing of this process's memory may go
+    // with it.
+    static thread_local std::array<std::uint8_t, messageBufferSize> buffer{};
     std::int32_t size = messageBufferSize;
-    CreateSnmpMsgForPdu(buffer.get(), &size, pdu);
+    CreateSnmpMsgForPdu(buffer.data(), &size, pdu);
     if (size == messageBufferSize)
         Log1("\t SendSnmpPdu :: the request to %s cannot be built or does not fit. The buffer goes out as it is \n",
              info->address->remoteHost.data());
-    return SendSnmpTrapMessage(info, buffer.get(), static_cast<std::size_t>(size));
+    const int sent = SendSnmpTrapMessage(info, buffer.data(), static_cast<std::size_t>(size));
+    std::fill_n(buffer.begin(), size, std::uint8_t{0});
+    return sent;
 }
 
 }  // namespace kv::snmp

@@ -12,7 +12,7 @@ inline constexpr std::int32_t snmpGet = 0;
 inline constexpr std::int32_t snmpGetNext = 1;
 inline constexpr std::int32_t snmpWalk = 2;
 
-/// One value. All texts are owned.
+/// One value. Its texts are owned; that of its type stands behind that of its OID.
 struct SnmpValue {
     char* oid;                 // ".1.3.6..."
     std::int32_t oidLength;    // always 1
@@ -23,7 +23,7 @@ struct SnmpValue {
 
 /// The values of one requested OID: one of a get, all below it of a walk.
 struct SnmpVarList {
-    SnmpValue** values;  // owned
+    SnmpValue** values;  // owned; the records stand one behind the other
     std::int32_t valueCount;
 };
 

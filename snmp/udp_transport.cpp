@@ -67,19 +67,15 @@ bool ResolveHost(std::string_view host, std::array<std::uint8_t, 4>& address) {
 
 /// Looks the remote host up and makes it the peer.
 bool SetUdpSocketProperties(TransportDomainAddress& address) {
-    std::unique_ptr<platform::SocketAddress> peer(new (std::nothrow) platform::SocketAddress{});
-    if (peer == nullptr) {
-        TKLOG(1, "Unable to allocate buffer !!! \n");
-        return false;
-    }
-    if (!ResolveHost(address.remoteHost.data(), peer->address)) {
+    platform::SocketAddress peer;
+    if (address.peer == nullptr) return false;  // the open ran out of memory
+    if (!ResolveHost(address.remoteHost.data(), peer.address)) {
         Log1("\t SetUdpSocketProperties :: no IPv4 address is found for %s \n", address.remoteHost.data());
         return false;
     }
-    peer->port = address.remotePort;
+    peer.port = address.remotePort;
     const auto lock = LockSockets();
-    delete address.peer;
-    address.peer = peer.release();
+    *address.peer = peer;
     return true;
 }
 

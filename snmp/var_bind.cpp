@@ -170,12 +170,18 @@ void CopyVarBind(TkVector* target, TkVector* source, std::int32_t number) {
     if (const TkVectorNode* node = SourceNode(source, number)) AppendCopy(target, node);
 }
 
-void CopyVarBinds(TkVector* target, TkVector* source, std::int32_t number) {
-    const TkVectorNode* node = SourceNode(source, number);
-    while (node && AppendCopy(target, node)) node = node->next;
+void TakeVarBinds(TkVector* target, TkVector* source) {
+    TkVectorNode* node = source->head;
+    InitVector(source, source->compare);
+    while (node) {
+        TkVectorNode* next = node->next;
+        AddElement(target, node);
+        node = next;
+    }
 }
 
 void FreeVarBindList(TkVector* vector) {
+    if (!vector->head) return;
     const TkVectorNode* node = vector->head;
     for (std::int32_t i = 0; i < vector->count; ++i, node = node->next) {
         if (!node) {

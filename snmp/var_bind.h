@@ -40,8 +40,8 @@ VarBind* CreateAVarBind(const std::uint32_t* oid, std::int32_t oidLength, std::u
 /// Appends a deep copy of the variable at a number, counted from 1; nothing when there is none.
 void CopyVarBind(TkVector* target, TkVector* source, std::int32_t number);
 
-/// Appends deep copies of that variable and of all that follow it.
-void CopyVarBinds(TkVector* target, TkVector* source, std::int32_t number);
+/// Appends the variables of a list, which is empty afterwards: they are not copied, but change hands.
+void TakeVarBinds(TkVector* target, TkVector* source);
 
 /// Frees the variables of a list, and its nodes. The list itself stays.
 void FreeVarBindList(TkVector* vector);

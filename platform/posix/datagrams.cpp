@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
+#include <charconv>
 #include <chrono>
 #include <cstring>
 #include <netinet/in.h>
@@ -50,9 +51,13 @@ bool AddressFromText(std::string_view dottedAddress, std::array<std::uint8_t, 4>
 }
 
 std::string TextFromAddress(const std::array<std::uint8_t, 4>& address) {
-    std::array<char, INET_ADDRSTRLEN> text{};
-    inet_ntop(AF_INET, address.data(), text.data(), text.size());
-    return text.data();
+    std::array<char, 4 * 4 + 1> text;  // each part has three digits and a dot
+    char* end = text.data();
+    for (const std::uint8_t byte : address) {
+        end = std::to_chars(end, end + 3, byte).ptr;
+        *end++ = '.';
+    }
+    return {text.data(), end - 1};
 }
 
 Error OpenDatagramSocket(SocketHandle& socket) {

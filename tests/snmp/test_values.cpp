@@ -98,10 +98,10 @@ TEST_F(SnmpValues, WithoutContentThereIsAValueToo) {
     EXPECT_EQ(count, 0);
 }
 
-TEST_F(SnmpValues, CopiesBeginAtANumber) {
+TEST_F(SnmpValues, VariablesAreCopiedOrChangeHands) {
     const VarBindListPtr source = MakeVarBindList();
     const VarBindListPtr target = MakeVarBindList();
-    CopyVarBinds(target.get(), source.get(), 1);
+    CopyVarBind(target.get(), source.get(), 1);
     EXPECT_TRUE(Logged("nodePtr value is NULL\n"));
     for (std::uint32_t i = 1; i <= 3; ++i) {
         Append(source.get(), CreateAVarBind(&i, 1, tag::octetString, "value", static_cast<std::int32_t>(i - 1)));
@@ -110,11 +110,10 @@ TEST_F(SnmpValues, CopiesBeginAtANumber) {
         last->reserved = 77;
         last->received = 1;
     }
-    for (const int number : {0, -1, 4, 5}) CopyVarBinds(target.get(), source.get(), number);
+    for (const int number : {0, -1, 4, 5}) CopyVarBind(target.get(), source.get(), number);
     CopyVarBind(target.get(), nullptr, 1);
     EXPECT_EQ(target->count, 0);
-    CopyVarBinds(target.get(), source.get(), 2);
-    CopyVarBind(target.get(), source.get(), 1);
+    for (const int number : {2, 3, 1}) CopyVarBind(target.get(), source.get(), number);
     std::string texts;
     for (std::int32_t i = 0; i < target->count; ++i) {
         const VarBind& copy = At(target.get(), i);
@@ -129,6 +128,10 @@ TEST_F(SnmpValues, CopiesBeginAtANumber) {
     EXPECT_EQ(ElementAt(target.get(), 0), nullptr);
     CopyVarBind(target.get(), source.get(), 1);  // its tail was a node of before
     EXPECT_EQ(At(target.get(), 0).position, 1);
+    TakeVarBinds(target.get(), source.get());
+    EXPECT_EQ(source->count, 0);
+    EXPECT_EQ(target->count, 4);
+    EXPECT_EQ(At(target.get(), 3).received, 1);
 }
 
 TEST_F(SnmpValues, APduTakesOverTheVariablesInEveryCase) {
