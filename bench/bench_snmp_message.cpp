@@ -109,8 +109,8 @@ BENCHMARK(Decode);
 }  // namespace
 
 int main(int argc, char** argv) {
-    // A message has a record of positions on the way out, and a record and a community on the way in.
-    constexpr double encodeLimit = 1;
+    // A message has nothing of its own on the way out, and a record and a community on the way in.
+    constexpr double encodeLimit = 0;
     constexpr double decodeLimit = 2 + 4 * variables;
     platform::InstallBackend();
     benchmark::Initialize(&argc, argv);

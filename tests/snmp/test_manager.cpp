@@ -76,7 +76,8 @@ struct SnmpManager : TestAgent {
 };
 
 TEST_F(SnmpManager, ReadsSnmpdInBothVersions) {
-    const SnmpDaemon device("sysName tower\nsysDescr a box");
+    const SnmpDaemon device(
+        "sysName tower\nsysDescr a box\nview small included .1.3.6.1.2.1.1.5\nrocommunity small default -V small");
     const std::string both = "1: .1.3.6.1.2.1.1.1.0 4:a box | .1.3.6.1.2.1.1.5.0 4:tower";
     struct Row {
         const char* title;
@@ -96,6 +97,9 @@ TEST_F(SnmpManager, ReadsSnmpdInBothVersions) {
              {"v1 knows no exception", {.oids = {unknown}, .version = "v1"}, "1: .1.3.6.1.2.1.1.77.0 4:(none)"},
              {"wrong community", {.oids = {sysName}, .community = "wrong"}, "0: (none)"},
              {"walk of a leaf", {.type = snmpWalk, .oids = {sysName}}, "0: (none)"},
+             {"walk to the end of a v1 tree",
+              {.type = snmpWalk, .oids = {system}, .version = "v1", .community = "small"},
+              "1: .1.3.6.1.2.1.1.5.0 4:tower"},
              {"malformed OID", {.oids = {"1.3.6.1"}}, "nothing"},
              {"unknown request type", {.type = 3, .oids = {sysName}}, "nothing"},
              {"no such request either", {.type = -1, .oids = {sysName}}, "nothing"},
@@ -109,6 +113,7 @@ TEST_F(SnmpManager, ReadsSnmpdInBothVersions) {
         ask.port = device.port();
         EXPECT_EQ(Answer(ask), row.expected);
     }
+    EXPECT_TRUE(Logged("gives back the OID that it was asked from. The walk ends with 1 values"));
 }
 
 TEST_F(SnmpManager, TakesEveryTypeFromTheSimulator) {
