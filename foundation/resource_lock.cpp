@@ -5,7 +5,6 @@
 #include <new>
 
 #include "foundation/log.h"
-#include "foundation/time_utils.h"
 #include "platform/clock.h"
 #include "platform/threads.h"
 
@@ -57,7 +56,7 @@ ResourceLockEntry* TakeEntry() {
     return entry;
 }
 
-std::uint32_t UpTimeNow() { return static_cast<std::uint32_t>(GetUpTimeSeconds(0)); }
+std::uint32_t UpTimeNow() { return static_cast<std::uint32_t>(platform::Clock().GetTickCount64() / 1000); }
 
 int TryLock(const void* resource) {
     ResourceLockEntry** link = FindLink(resource);

@@ -20,7 +20,7 @@ enum class LockOperation { lock = 1, release = 2, purge = 3 };
 struct ResourceLockEntry {
     const void* resource;
     std::uintptr_t reserved;  // always 0
-    std::uint32_t lockTime;   // GetUpTimeSeconds at locking
+    std::uint32_t lockTime;   // tick count at locking, in seconds
     ResourceLockEntry* next;
 };
 

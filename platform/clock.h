@@ -24,7 +24,7 @@ struct ClockOperations {
     /// Milliseconds since 1970, UTC.
     std::function<std::int64_t()> GetSystemTimeMilliseconds;
 
-    /// Milliseconds since some fixed moment; never goes back.
+    /// Milliseconds since some fixed moment, with a resolution of 16 or better; never goes back.
     std::function<std::uint64_t()> GetTickCount64;
 
     /// Local time of a moment given in milliseconds since 1970.

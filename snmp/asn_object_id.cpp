@@ -15,6 +15,10 @@ constexpr std::uint32_t firstArcFactor = 40;  // the first two sub-identifiers a
 
 /// One encoded value, which the end cuts short. It wraps at 32 bits.
 const std::uint8_t* ReadSubId(const std::uint8_t* position, const std::uint8_t* end, std::uint32_t* value) {
+    if (*position < moreBytes) {
+        *value = *position;
+        return position + 1;
+    }
     std::uint32_t sum = 0;
     std::uint8_t byte = moreBytes;
     while ((byte & moreBytes) != 0 && position < end) {

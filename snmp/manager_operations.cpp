@@ -6,6 +6,7 @@
 #include <limits>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "platform/clock.h"
@@ -136,6 +137,7 @@ struct Walk {
     std::int32_t rootLength = 0;
     std::vector<std::uint32_t> current = {};  // the OID to ask from
     std::vector<std::uint32_t> asked = {};    // the OID that the last request asked from
+    SnmpPduPtr pdu = nullptr;                 // the request, once it has been made
 
     // A device whose OIDs run in a circle comes back to an OID that was asked from before. One of those is kept, and
     // replaced after 1, 2, 4, 8 ... answers, so that in the end one inside the circle is kept for all its length.
@@ -152,21 +154,45 @@ WalkStep EndEarly(const Walk& walk, const TkVector& values, const char* reason) 
     return WalkStep::finished;
 }
 
-/// Null when the request cannot be made or brings no answer.
-SnmpPduPtr AskNext(const Walk& walk, std::uint8_t& status) {
+/// A getnext from an OID; null with a word on it when memory ran out or the community is too long.
+SnmpPduPtr MakeWalkPdu(const ManagerRequest& request, const std::vector<std::uint32_t>& oid) {
     RequestVarBinds varBinds;
-    if (!AddRequestVarBind(&varBinds.list, walk.current.data(), static_cast<std::int32_t>(walk.current.size()))) {
+    if (!AddRequestVarBind(&varBinds.list, oid.data(), static_cast<std::int32_t>(oid.size()))) {
         TKLOG(1, "Error while creating Varbind \n");
         std::printf("Error while creating Varbind MIB\n");
         return nullptr;
     }
-    const SnmpPduPtr request = MakeRequestPdu(walk.request, command::getNext, varBinds);
-    if (!request) {
+    SnmpPduPtr pdu = MakeRequestPdu(request, command::getNext, varBinds);
+    if (!pdu) {
         TKLOG(1, "Unable to create the SnmpPdu!!!\n");
         std::printf("Unable to create the SnmpPdu!!!\n");
-        return nullptr;
     }
-    return SendAndReceiveSnmpPdu(request.get(), walk.share.address.c_str(), walk.request.port, &status);
+    return pdu;
+}
+
+/// Makes a request that has been sent ask from another OID; what a failed build has left in it goes.
+void AskFrom(SnmpPdu& pdu, const std::vector<std::uint32_t>& oid) {
+    pdu.errorStatus = requestErrorStatus;
+    pdu.errorIndex = requestErrorIndex;
+    VarBind& varBind = *static_cast<VarBind*>(pdu.varBinds.head->data);
+    const auto length = static_cast<std::int32_t>(oid.size());
+    if (varBind.oidLength != length) {
+        delete[] std::exchange(varBind.oid, new std::uint32_t[oid.size()]);
+        varBind.oidLength = length;
+    }
+    CopyOid(varBind.oid, oid.data(), length);
+}
+
+/// Null when the request cannot be made or brings no answer. All requests of a walk are one, with an OID of its own
+/// each.
+SnmpPduPtr AskNext(Walk& walk, std::uint8_t& status) {
+    if (walk.pdu) {
+        AskFrom(*walk.pdu, walk.current);
+    } else {
+        walk.pdu = MakeWalkPdu(walk.request, walk.current);
+    }
+    if (!walk.pdu) return nullptr;
+    return SendAndReceiveSnmpPdu(walk.pdu.get(), walk.share.address.c_str(), walk.request.port, &status);
 }
 
 /// Moves to the last OID of an answer, unless the answer leaves the subtree.

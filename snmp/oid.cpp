@@ -82,7 +82,11 @@ std::int32_t ConvertToStringFromOid(const std::uint32_t* subIds, std::int32_t co
     constexpr std::ptrdiff_t maxDigits = 10;
     for (const std::uint32_t subId : SubIdsOf(subIds, count)) {
         *text++ = '.';
-        if (subId <= maxWritten) text = std::to_chars(text, text + maxDigits, subId).ptr;
+        if (subId < 10) {
+            *text++ = static_cast<char>('0' + subId);
+        } else if (subId <= maxWritten) {
+            text = std::to_chars(text, text + maxDigits, subId).ptr;
+        }
     }
     *text = '\0';
     return 1;

@@ -23,6 +23,13 @@ constexpr int sendAttempts = 3;
 /// How often a wait that the system refuses is tried again before its time is over.
 constexpr int maxSelectRepeats = 1000;
 
+/// The records of one exchange, in one piece of memory.
+struct Exchange {
+    TransportDomainInfo info;
+    TransportDomainAddress address;
+    platform::SocketAddress peer;
+};
+
 std::atomic<bool> hasSocketMutex{false};
 std::mutex socketMutex;
 
@@ -68,7 +75,6 @@ bool ResolveHost(std::string_view host, std::array<std::uint8_t, 4>& address) {
 /// Looks the remote host up and makes it the peer.
 bool SetUdpSocketProperties(TransportDomainAddress& address) {
     platform::SocketAddress peer;
-    if (address.peer == nullptr) return false;  // the open ran out of memory
     if (!ResolveHost(address.remoteHost.data(), peer.address)) {
         Log1("\t SetUdpSocketProperties :: no IPv4 address is found for %s \n", address.remoteHost.data());
         return false;
@@ -149,30 +155,24 @@ TransportDomainInfo* CreateTransportDomainInfo(std::uint16_t localPort, std::uin
              remoteHostRoom - 1);
         return nullptr;
     }
-    TransportDomainInfoPtr info(new (std::nothrow) TransportDomainInfo{});
-    if (info != nullptr) info->address = new (std::nothrow) TransportDomainAddress{};
-    if (info == nullptr || info->address == nullptr) {
+    auto* exchange = new (std::nothrow) Exchange{};
+    if (exchange == nullptr) {
         TKLOG(1, "Unable to allocate buffer !!! \n");
         return nullptr;
     }
-    info->address->localPort = localPort;
-    info->address->remotePort = remotePort;
-    StoreHost(*info->address, host);
-    return info.release();
+    exchange->info.address = &exchange->address;
+    exchange->address.peer = &exchange->peer;
+    exchange->address.localPort = localPort;
+    exchange->address.remotePort = remotePort;
+    StoreHost(exchange->address, host);
+    return &exchange->info;
 }
 
 void FreeTransportDomainInfo(TransportDomainInfo* info) {
-    if (info == nullptr) return;
-    if (info->address != nullptr) delete info->address->peer;
-    delete info->address;
-    delete info;
+    delete reinterpret_cast<Exchange*>(info);  // its first member, or null
 }
 
 platform::SocketHandle OpenSnmpSession(TransportDomainInfo* info) {
-    auto* peer = new (std::nothrow) platform::SocketAddress{};
-    if (peer == nullptr) return 0;
-    delete info->address->peer;
-    info->address->peer = peer;
     info->socket = OpenUdpSocket(*info->address);
     return info->socket;
 }

@@ -22,12 +22,12 @@ struct TransportDomainAddress {
     std::uint16_t remotePort;
     std::array<char, remoteHostRoom> remoteHost;  // address or name; after an answer, its sender's address
     platform::SocketHandle socket;                // a copy that the wait uses
-    platform::SocketAddress* peer;                // owned, or null
+    platform::SocketAddress* peer;                // where to send, then who has answered
 };
 
 struct TransportDomainInfo {
     platform::SocketHandle socket;
-    TransportDomainAddress* address;  // owned
+    TransportDomainAddress* address;  // released with this record
 };
 
 /// Port of the engine's own session.

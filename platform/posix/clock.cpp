@@ -15,8 +15,10 @@ std::int64_t GetSystemTimeMilliseconds() {
 }
 
 std::uint64_t GetTickCount64() {
-    const auto sinceStart = std::chrono::steady_clock::now().time_since_epoch();
-    return static_cast<std::uint64_t>(std::chrono::floor<std::chrono::milliseconds>(sinceStart).count());
+    // To within a few milliseconds, as elsewhere, and four times as quick as the exact time.
+    timespec time{};
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &time);
+    return static_cast<std::uint64_t>(time.tv_sec) * 1000 + static_cast<std::uint64_t>(time.tv_nsec) / 1'000'000;
 }
 
 LocalTime ToLocalTime(std::int64_t millisecondsSince1970) {

@@ -4,8 +4,8 @@
 #include <arpa/inet.h>
 #include <cerrno>
 #include <charconv>
-#include <chrono>
 #include <cstring>
+#include <ctime>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -16,8 +16,6 @@
 namespace platform {
 
 namespace {
-
-using namespace std::chrono_literals;
 
 // A handle is four times the descriptor and one, so that its low byte is none of 0, 99 and 255.
 SocketHandle HandleOf(int descriptor) { return static_cast<SocketHandle>(descriptor) * 4 + 1; }
@@ -38,9 +36,13 @@ SocketAddress AddressOf(const sockaddr_in& system) {
     return address;
 }
 
-timespec TimeOf(std::chrono::microseconds time) {
-    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(time);
-    return {.tv_sec = seconds.count(), .tv_nsec = std::chrono::nanoseconds(time - seconds).count()};
+constexpr std::int64_t longestWait = std::int64_t{365} * 24 * 60 * 60 * 1'000'000;  // microseconds
+
+/// To within a few milliseconds, which is as close as a wait that was interrupted needs to be.
+std::int64_t MicrosecondsNow() {
+    timespec time{};
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &time);
+    return std::int64_t{time.tv_sec} * 1'000'000 + time.tv_nsec / 1000;
 }
 
 }  // namespace
@@ -78,12 +80,10 @@ Error WaitForDatagram(SocketHandle socket, std::int64_t microseconds, bool& read
     ready = false;
     // A negative descriptor would be passed over, not refused.
     if (DescriptorOf(socket) < 0) return error::invalidHandle;
-    using Clock = std::chrono::steady_clock;
-    constexpr std::chrono::microseconds longest = std::chrono::hours(24 * 365);
-    const auto end = Clock::now() + std::clamp(std::chrono::microseconds(microseconds), 0us, longest);
-    for (;;) {
-        const auto left = std::chrono::ceil<std::chrono::microseconds>(end - Clock::now());
-        const timespec time = TimeOf(std::max(left, std::chrono::microseconds::zero()));
+    const std::int64_t wait = std::clamp<std::int64_t>(microseconds, 0, longestWait);
+    const std::int64_t end = MicrosecondsNow() + wait;
+    for (std::int64_t left = wait;; left = std::max<std::int64_t>(end - MicrosecondsNow(), 0)) {
+        const timespec time{.tv_sec = left / 1'000'000, .tv_nsec = left % 1'000'000 * 1000};
         pollfd wanted{.fd = DescriptorOf(socket), .events = POLLIN, .revents = 0};
         const int count = ppoll(&wanted, 1, &time, nullptr);
         if (count < 0 && errno == EINTR) continue;
