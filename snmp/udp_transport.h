@@ -40,7 +40,7 @@ void InitTransportDomain();
 TransportDomainInfo* CreateTransportDomainInfo(std::uint16_t localPort, std::uint16_t remotePort,
                                                std::string_view host);
 
-/// Frees the record; its session is closed by CloseSnmpSession before. Null is allowed.
+/// Frees a record of CreateTransportDomainInfo; its session is closed by CloseSnmpSession before. Null is allowed.
 void FreeTransportDomainInfo(TransportDomainInfo* info);
 
 struct FreeTransportDomainInfoDeleter {
@@ -48,8 +48,8 @@ struct FreeTransportDomainInfoDeleter {
 };
 using TransportDomainInfoPtr = std::unique_ptr<TransportDomainInfo, FreeTransportDomainInfoDeleter>;
 
-/// Opens the socket and gives its value; 0 when it cannot be opened or bound, or memory ran out. Callers read the low
-/// byte as a status; the platform gives no socket a value that could be taken for one.
+/// Opens the socket and gives its value; 0 when it cannot be opened or bound. Callers read the low byte as a status;
+/// the platform gives no socket a value that could be taken for one.
 platform::SocketHandle OpenSnmpSession(TransportDomainInfo* info);
 void CloseSnmpSession(TransportDomainInfo* info);
 
