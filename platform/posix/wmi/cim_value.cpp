@@ -1,0 +1,1 @@
+#include "platform/posix/wmi/cim_value.h"

@@ -1,0 +1,88 @@
+// Types and values of a class's properties, and their form in the agent's hands.
+#pragma once
+
+#include <concepts>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <variant>
+
+#include "platform/utf.h"
+#include "platform/wmi.h"
+
+namespace platform::wmi {
+
+/// The type a property is declared with, by its number in the Common Information Model. An array has arrayFlag too.
+enum class CimType : std::uint16_t {
+    sint16 = 2,
+    sint32 = 3,
+    real32 = 4,
+    real64 = 5,
+    string = 8,
+    boolean = 11,
+    sint8 = 16,
+    uint8 = 17,
+    uint16 = 18,
+    uint32 = 19,
+    sint64 = 20,
+    uint64 = 21,
+    datetime = 101,
+    arrayFlag = 0x2000,
+};
+
+constexpr CimType ArrayOf(CimType element) {
+    return static_cast<CimType>(static_cast<unsigned>(element) | static_cast<unsigned>(CimType::arrayFlag));
+}
+constexpr bool IsArray(CimType type) {
+    return (static_cast<unsigned>(type) & static_cast<unsigned>(CimType::arrayFlag)) != 0;
+}
+
+/// An array's place: its elements never leave the provider, so they are not kept.
+struct CimArray {
+    std::size_t count = 0;
+};
+
+/// A value, or NULL. Whole numbers keep their sign: of the two kinds the signed one is held whenever it fits. Text is
+/// UTF-16; a datetime is its DMTF text.
+struct CimValue {
+    std::variant<std::monostate, bool, std::int64_t, std::uint64_t, double, std::u16string, CimArray> held;
+
+    CimValue() = default;
+    CimValue(bool value) : held(value) {}
+    template <std::integral Number>
+    CimValue(Number value) {
+        if (std::in_range<std::int64_t>(value)) {
+            held = static_cast<std::int64_t>(value);
+        } else {
+            held = static_cast<std::uint64_t>(value);
+        }
+    }
+    CimValue(double value) : held(value) {}
+    CimValue(std::u16string value) : held(std::move(value)) {}
+    CimValue(std::u16string_view value) : held(std::u16string(value)) {}
+    CimValue(const char16_t* value) : held(std::u16string(value)) {}
+    CimValue(std::string_view utf8) : held(WideFromUtf8(utf8)) {}
+    CimValue(const std::string& utf8) : held(WideFromUtf8(utf8)) {}
+    CimValue(const char* utf8) : held(WideFromUtf8(utf8)) {}
+    CimValue(CimArray value) : held(value) {}
+    template <class Value>
+    CimValue(const std::optional<Value>& value) {
+        if (value) *this = CimValue(*value);
+    }
+
+    bool isNull() const { return held.index() == 0; }
+};
+
+/// The value as the agent gets it, by the rules of Windows: 64-bit numbers and datetimes as text, unsigned 32-bit ones
+/// as signed, unsigned 16-bit ones as 32-bit. A number that its declared type cannot hold is cut to it.
+Variant VariantOf(CimType type, const CimValue& value);
+
+/// The DMTF text of a moment in local time, "yyyymmddHHMMSS.mmmmmm+UUU" with the offset to UTC in minutes.
+std::u16string DmtfTime(std::int64_t microsecondsSince1970);
+
+/// The moment of a DMTF text of full length, in microseconds since 1970; none for another text.
+std::optional<std::int64_t> MicrosecondsOfDmtf(std::u16string_view text);
+
+}  // namespace platform::wmi

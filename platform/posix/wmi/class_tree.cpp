@@ -1,0 +1,69 @@
+#include "platform/posix/wmi/class_tree.h"
+
+#include <algorithm>
+
+#include "platform/posix/posix.h"
+#include "platform/posix/wmi_classes/families.h"
+
+namespace platform::wmi {
+
+namespace {
+
+using Family = std::span<const ClassInfo> (*)();
+
+constexpr Family families[] = {
+    AbstractClasses,      AccountClasses,        ComputerSystemClasses,  DiskDriveClasses,
+    FileSystemClasses,    NetworkAdapterClasses, OperatingSystemClasses, PhysicalMemoryClasses,
+    ProcessClasses,       ProcessorClasses,      ServiceClasses,         TimeClasses,
+    PerfDiskClasses,      PerfMemoryClasses,     PerfNetworkClasses,     PerfProcessClasses,
+    PerfProcessorClasses, PerfSystemClasses,
+};
+
+std::vector<const ClassInfo*> CollectClasses() {
+    std::vector<const ClassInfo*> classes;
+    for (const Family family : families) {
+        for (const ClassInfo& member : family()) classes.push_back(&member);
+    }
+    return classes;
+}
+
+}  // namespace
+
+const std::vector<const ClassInfo*>& AllClasses() {
+    static const std::vector<const ClassInfo*> classes = CollectClasses();
+    return classes;
+}
+
+int CompareNames(std::u16string_view left, std::u16string_view right) {
+    const std::size_t common = std::min(left.size(), right.size());
+    for (std::size_t at = 0; at < common; ++at) {
+        const int difference = UpperCaseOf(left[at]) - UpperCaseOf(right[at]);
+        if (difference != 0) return difference;
+    }
+    return left.size() == right.size() ? 0 : left.size() < right.size() ? -1 : 1;
+}
+
+const ClassInfo* FindClass(std::u16string_view name) {
+    for (const ClassInfo* candidate : AllClasses()) {
+        if (CompareNames(candidate->name, name) == 0) return candidate;
+    }
+    return nullptr;
+}
+
+const PropertyInfo* FindProperty(const ClassInfo& classInfo, std::u16string_view name) {
+    const auto found = std::lower_bound(classInfo.properties.begin(), classInfo.properties.end(), name,
+                                        [](const PropertyInfo& property, std::u16string_view wanted) {
+                                            return CompareNames(property.name, wanted) < 0;
+                                        });
+    return found != classInfo.properties.end() && CompareNames(found->name, name) == 0 ? &*found : nullptr;
+}
+
+bool IsA(const ClassInfo& classInfo, std::u16string_view name) {
+    const ClassInfo* at = &classInfo;
+    while (at != nullptr && CompareNames(at->name, name) != 0) {
+        at = at->superclass.empty() ? nullptr : FindClass(at->superclass);
+    }
+    return at != nullptr;
+}
+
+}  // namespace platform::wmi

@@ -1,0 +1,49 @@
+// A WHERE condition bound to a class: properties looked up, literals brought to the properties' types.
+//
+// A comparison with a property that is NULL is neither true nor false, and NOT leaves it so; only IS NULL, = NULL and
+// their opposites tell NULL apart. An object is taken when the whole is true. Texts compare without regard to case,
+// datetimes as moments.
+#pragma once
+
+#include <vector>
+
+#include "platform/posix/wmi/wmi_class.h"
+#include "platform/posix/wmi/wql_query.h"
+
+namespace platform::wmi {
+
+struct BoundComparison {
+    const PropertyInfo* property = nullptr;  // none: the class itself, for __THIS ISA and __CLASS
+    ComparisonOperator compare = ComparisonOperator::equal;
+    CimValue value;         // NULL, or a value by which the property's can be compared
+    bool constant = false;  // the result where it does not depend on the object (property none)
+};
+
+struct BoundCondition {
+    enum class Form { comparison, negation, conjunction, disjunction };
+    Form form = Form::comparison;
+    BoundComparison comparison;
+    std::vector<BoundCondition> operands;
+};
+
+/// Binds to a class. invalidQuery when the class lacks a property, or a literal cannot be brought to its property's
+/// type: text that is no number for a number (a number in quotes is one), anything but a DMTF text for a datetime, LIKE
+/// on another type than text, and any comparison of an array but with NULL. TRUE and FALSE are numbers other than 0 and
+/// 0, or the words in quotes. A number is text for a property that holds text. __CLASS compares with the class's name.
+WmiStatus BindCondition(const Condition& condition, const ClassInfo& classInfo, BoundCondition& bound);
+
+/// Whether an object's row record matches.
+bool Matches(const BoundCondition& condition, const void* row);
+
+/// Adds the needs of all properties in the condition.
+std::uint32_t NeedsOf(const BoundCondition& condition);
+
+/// What the condition lets each property be: the values of an equality; of AND those of either side, of OR those of
+/// both together where both restrict the property.
+std::vector<Restriction> RestrictionsOf(const BoundCondition& condition);
+
+/// Whether a text matches a LIKE pattern, without regard to case: % for any characters, _ for one, [abc], [a-z] and
+/// [^abc] for one of a set. A [ that is never closed stands for itself.
+bool IsLike(std::u16string_view text, std::u16string_view pattern);
+
+}  // namespace platform::wmi

@@ -1,0 +1,84 @@
+#include "platform/posix/wmi/system_text.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace platform::wmi {
+
+namespace {
+
+constexpr std::size_t maxFileBytes = 16 * 1024 * 1024;
+constexpr std::string_view blanks = " \t\r\n";
+
+struct Descriptor {
+    int number;
+    ~Descriptor() {
+        if (number >= 0) close(number);
+    }
+};
+
+}  // namespace
+
+std::optional<std::string> ReadSystemFile(const std::string& path) {
+    const Descriptor file{open(path.c_str(), O_RDONLY | O_CLOEXEC)};
+    if (file.number < 0) return std::nullopt;
+    std::string text;
+    constexpr std::size_t firstBlock = 4096;
+    for (std::size_t room = firstBlock; text.size() < maxFileBytes; room *= 2) {
+        const std::size_t length = text.size();
+        text.resize(length + room);
+        ssize_t got = 0;
+        do {
+            got = read(file.number, text.data() + length, room);
+        } while (got < 0 && errno == EINTR);
+        text.resize(length + static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
+        if (got < 0) return std::nullopt;
+        if (got == 0) break;
+    }
+    return text;
+}
+
+std::optional<std::string> ReadSystemLine(const std::string& path) {
+    const std::optional<std::string> text = ReadSystemFile(path);
+    if (!text || Trimmed(*text).empty()) return std::nullopt;
+    return std::string(Trimmed(*text));
+}
+
+std::optional<std::uint64_t> ReadSystemNumber(const std::string& path) {
+    const std::optional<std::string> line = ReadSystemLine(path);
+    return line ? NumberOf(*line) : std::nullopt;
+}
+
+std::string_view Trimmed(std::string_view text) {
+    const std::size_t first = text.find_first_not_of(blanks);
+    if (first == text.npos) return {};
+    return text.substr(first, text.find_last_not_of(blanks) - first + 1);
+}
+
+bool TakeLine(std::string_view& text, std::string_view& line) {
+    if (text.empty()) return false;
+    const std::size_t end = std::min(text.find('\n'), text.size());
+    line = text.substr(0, end);
+    text.remove_prefix(std::min(end + 1, text.size()));
+    return true;
+}
+
+std::string_view TakeField(std::string_view& line) {
+    line.remove_prefix(std::min(line.find_first_not_of(" \t"), line.size()));
+    const std::size_t end = std::min(line.find_first_of(" \t"), line.size());
+    const std::string_view field = line.substr(0, end);
+    line.remove_prefix(end);
+    return field;
+}
+
+std::optional<std::uint64_t> NumberOf(std::string_view text) {
+    std::uint64_t number = 0;
+    const auto [end, failure] = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (failure != std::errc() || end != text.data() + text.size()) return std::nullopt;
+    return number;
+}
+
+}  // namespace platform::wmi

@@ -1,0 +1,71 @@
+// A WQL data query as it is written, and its parser.
+//
+//     query      = SELECT ( "*" | property { "," property } ) FROM class [ WHERE condition ]
+//     condition  = conjunction { OR conjunction }
+//     conjunction = negation { AND negation }
+//     negation   = NOT negation | "(" condition ")" | comparison
+//     comparison = property operator literal | literal operator property | property [ NOT ] LIKE string
+//                | property IS [ NOT ] NULL | ( property | __THIS ) ISA string
+//     operator   = "=" | "<>" | "!=" | "<" | ">" | "<=" | ">="
+//     literal    = string | number | TRUE | FALSE | NULL
+//
+// Key words and names are read without regard to case. A string stands in either kind of quotes; a backslash in it
+// takes a quote or a backslash as it is, and nothing else may follow one. With NULL only = and <> mean something.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+#include "platform/wmi_status.h"
+
+namespace platform::wmi {
+
+struct NullLiteral {};
+/// A whole number too large for 64 bits is a real one.
+using Literal = std::variant<NullLiteral, bool, std::int64_t, std::uint64_t, double, std::u16string>;
+
+enum class ComparisonOperator { equal, notEqual, less, greater, lessOrEqual, greaterOrEqual, like, isA };
+
+/// property IS NULL is the comparison equal to NULL, IS NOT NULL the comparison notEqual to it; a comparison with the
+/// literal on the left is turned round; NOT LIKE is a negation around a LIKE.
+struct Comparison {
+    std::u16string property;
+    ComparisonOperator compare = ComparisonOperator::equal;
+    Literal literal;
+};
+
+struct Condition;
+using ConditionPtr = std::unique_ptr<Condition>;
+struct Negation {
+    ConditionPtr operand;
+};
+/// Two or more operands, in the order of the text.
+struct Conjunction {
+    std::vector<ConditionPtr> operands;
+};
+struct Disjunction {
+    std::vector<ConditionPtr> operands;
+};
+struct Condition {
+    std::variant<Comparison, Negation, Conjunction, Disjunction> form;
+};
+
+struct WqlQuery {
+    std::vector<std::u16string> properties;  // empty: all
+    std::u16string className;
+    ConditionPtr where;  // none: every object
+};
+
+/// Bounds of a query's text: characters, and how deep parentheses and negations may nest.
+inline constexpr std::size_t maxQueryLength = 64 * 1024;
+inline constexpr int maxQueryDepth = 200;
+
+/// ok; invalidQuery for a text that is no data query; notSupported for the other kinds of WQL (ASSOCIATORS OF,
+/// REFERENCES OF); quotaViolation beyond the bounds.
+WmiStatus ParseWql(std::u16string_view text, WqlQuery& query);
+
+}  // namespace platform::wmi

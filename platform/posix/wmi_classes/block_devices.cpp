@@ -1,0 +1,1 @@
+#include "platform/posix/wmi_classes/block_devices.h"

@@ -1,0 +1,33 @@
+// Block devices, of /proc/diskstats and /sys/block.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace platform::wmi {
+
+/// One line of /proc/diskstats, counted since the system's start. Sectors are of 512 bytes whatever the device.
+struct DiskCounters {
+    std::uint32_t major = 0;
+    std::uint32_t minor = 0;
+    std::string name;  // such as "sda" or "sda1"
+    std::uint64_t reads = 0;
+    std::uint64_t sectorsRead = 0;
+    std::uint64_t readMilliseconds = 0;
+    std::uint64_t writes = 0;
+    std::uint64_t sectorsWritten = 0;
+    std::uint64_t writeMilliseconds = 0;
+    std::uint64_t inFlight = 0;  // now
+    std::uint64_t busyMilliseconds = 0;
+    std::uint64_t queueMilliseconds = 0;  // each operation's time added up
+};
+
+std::vector<DiskCounters> ParseDiskStats(std::string_view text);
+
+/// Names of the disks that stand for hardware (a real one or a virtual machine's), sorted: no partitions, loop devices,
+/// memory disks, or devices made of others.
+std::vector<std::string> ListPhysicalDisks();
+
+}  // namespace platform::wmi

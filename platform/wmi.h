@@ -1,0 +1,84 @@
+// Queries in WQL about this computer: the COM operations of one query, in the order in which they are called. A locator
+// leads to the services of a namespace, these to an enumerator, and that to one object after the other; each is given
+// back with Release, the last one obtained first.
+//
+// Results are WMI status codes (platform/wmi_status.h). Different queries may run on different threads at once; what
+// one query obtains belongs to one thread at a time.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/seam.h"
+#include "platform/wmi_status.h"
+
+namespace platform {
+
+/// A locator, services, an enumerator or an object; 0 is none.
+using WmiHandle = std::uintptr_t;
+
+/// Types of a property's value, by their numbers in Windows. An array has arrayFlag and the type of its elements.
+enum class VariantType : std::uint16_t {
+    empty = 0,
+    null = 1,
+    i2 = 2,
+    i4 = 3,
+    r4 = 4,
+    r8 = 5,
+    date = 7,
+    bstr = 8,
+    boolean = 11,
+    ui1 = 17,
+    arrayFlag = 0x2000,
+};
+
+/// One property's value. The elements of an array are not carried.
+struct Variant {
+    VariantType type = VariantType::empty;
+    std::int32_t integer = 0;  // i2, i4, ui1, and boolean: 0 is false
+    double real = 0;           // r4, r8
+    std::u16string text;       // bstr
+};
+
+struct WmiOperations {
+    /// Brings COM up on the calling thread; after a success CoUninitialize is due.
+    std::function<WmiStatus()> CoInitializeEx;
+    std::function<void()> CoUninitialize;
+
+    /// Settles the security of the process, anew with each query.
+    std::function<WmiStatus()> CoInitializeSecurity;
+
+    /// Makes an IWbemLocator.
+    std::function<WmiStatus(WmiHandle& locator)> CoCreateInstance;
+
+    std::function<WmiStatus(WmiHandle locator, std::u16string_view nameSpace, WmiHandle& services)> ConnectServer;
+    std::function<WmiStatus(WmiHandle services)> CoSetProxyBlanket;
+
+    /// Starts a query, forward only, and returns at once. A query that is wrong may be refused here or at Next.
+    std::function<WmiStatus(WmiHandle services, std::u16string_view query, WmiHandle& enumerator)> ExecQuery;
+
+    /// The next object: ok and count 1, or else no object. Waits as long as it takes, which every backend bounds for
+    /// itself.
+    std::function<WmiStatus(WmiHandle enumerator, WmiHandle& object, std::uint32_t& count)> Next;
+
+    /// Starts over the properties of an object, the system's own left out.
+    std::function<WmiStatus(WmiHandle object)> BeginEnumeration;
+
+    /// The next property: ok, or anything else at the end.
+    std::function<WmiStatus(WmiHandle object, std::u16string& name, Variant& value)> NextProperty;
+    std::function<WmiStatus(WmiHandle object)> EndEnumeration;
+
+    std::function<void(WmiHandle handle)> Release;
+
+    /// What should stand in the log about a query so far, such as a part of the system that was left out since it does
+    /// not answer; each text is given once.
+    std::function<std::vector<std::u16string>(WmiHandle enumerator)> TakeNotices;
+};
+
+inline const WmiOperations& Wmi() { return CurrentOperations<WmiOperations>(); }
+
+}  // namespace platform

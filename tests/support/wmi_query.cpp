@@ -1,0 +1,83 @@
+#include "tests/support/wmi_query.h"
+
+#include <fmt/format.h>
+
+#include "platform/utf.h"
+
+namespace kv::test {
+
+namespace {
+
+using namespace platform;
+
+std::string TextOfValue(const Variant& value) {
+    switch (value.type) {
+        case VariantType::null:
+            return "NULL";
+        case VariantType::i2:
+        case VariantType::i4:
+        case VariantType::ui1:
+            return std::to_string(value.integer);
+        case VariantType::r4:
+        case VariantType::r8:
+            return fmt::format("{}", value.real);
+        case VariantType::bstr:
+            return Utf8FromWide(value.text);
+        case VariantType::boolean:
+            return value.integer != 0 ? "true" : "false";
+        default:
+            return "array";
+    }
+}
+
+void ReadRow(WmiHandle object, WmiResult& result) {
+    const bool isFirst = result.rows.empty();
+    WmiRow& row = result.rows.emplace_back();
+    if (IsFailure(Wmi().BeginEnumeration(object))) return;
+    std::u16string name;
+    Variant value;
+    while (Wmi().NextProperty(object, name, value) == wmi_status::ok) {
+        if (isFirst) result.names.push_back(Utf8FromWide(name));
+        row[Utf8FromWide(name)] = {value.type, TextOfValue(value)};
+    }
+    Wmi().EndEnumeration(object);
+}
+
+void ReadRows(WmiHandle enumerator, WmiResult& result) {
+    WmiHandle object = 0;
+    std::uint32_t count = 0;
+    WmiStatus status = Wmi().Next(enumerator, object, count);
+    for (; status == wmi_status::ok && count == 1; status = Wmi().Next(enumerator, object, count)) {
+        ReadRow(object, result);
+        Wmi().Release(object);
+    }
+    if (IsFailure(status)) result.status = status;
+    for (const std::u16string& notice : Wmi().TakeNotices(enumerator)) result.notices.push_back(Utf8FromWide(notice));
+}
+
+}  // namespace
+
+WmiResult RunWmiQuery(std::string_view query, std::u16string_view nameSpace) {
+    WmiResult result;
+    result.status = Wmi().CoInitializeEx();
+    if (IsFailure(result.status)) return result;
+    WmiHandle locator = 0;
+    WmiHandle services = 0;
+    WmiHandle enumerator = 0;
+    result.status = Wmi().CoCreateInstance(locator);
+    if (!IsFailure(result.status)) result.status = Wmi().ConnectServer(locator, nameSpace, services);
+    if (!IsFailure(result.status)) result.status = Wmi().ExecQuery(services, WideFromUtf8(query), enumerator);
+    if (!IsFailure(result.status)) ReadRows(enumerator, result);
+    for (const WmiHandle handle : {enumerator, services, locator}) {
+        if (handle != 0) Wmi().Release(handle);
+    }
+    Wmi().CoUninitialize();
+    return result;
+}
+
+std::string TextOf(const WmiRow& row, const std::string& name) {
+    const auto found = row.find(name);
+    return found == row.end() ? "(none)" : found->second.text;
+}
+
+}  // namespace kv::test
