@@ -25,6 +25,7 @@ using WmiStatus = std::uint32_t;
     X(shuttingDown,       0x80041033, "Shutting down")                                        \
     X(serverTooBusy,      0x80041045, "The server is too busy")                               \
     X(quotaViolation,     0x8004106C, "Quota violation")                                      \
+    X(serverUnavailable,  0x800706BA, "The RPC server is unavailable")                        \
     X(timedOut,           0x80043001, "The operation timed out")
 // clang-format on
 

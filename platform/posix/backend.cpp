@@ -32,6 +32,7 @@ void InstallBackend() {
     CurrentOperations<SocketOperations>() = PosixSockets();
     CurrentOperations<SystemFactOperations>() = PosixSystemFacts();
     CurrentOperations<ThreadOperations>() = PosixThreads();
+    CurrentOperations<WmiOperations>() = PosixWmi();
 }
 
 }  // namespace platform

@@ -19,6 +19,7 @@
 #include "platform/sockets.h"
 #include "platform/system_facts.h"
 #include "platform/threads.h"
+#include "platform/wmi.h"
 
 namespace platform {
 
@@ -34,6 +35,7 @@ ServiceHostOperations PosixServiceHost();
 SocketOperations PosixSockets();
 SystemFactOperations PosixSystemFacts();
 ThreadOperations PosixThreads();
+WmiOperations PosixWmi();
 
 /// The directory that holds registry.db and the drives: KVAGENT_STATE_DIR, else /var/lib/kvagent; absolute, without a
 /// slash at the end. The environment is read by InstallBackend, and only then. Nothing creates the directory here.

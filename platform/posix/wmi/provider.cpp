@@ -1,0 +1,162 @@
+// The operations of platform/wmi.h over the classes of this folder. There is no COM to bring up and one namespace,
+// ROOT\CIMV2 of this computer.
+#include <memory>
+#include <new>
+#include <utility>
+#include <variant>
+
+#include "platform/posix/posix.h"
+#include "platform/posix/wmi/bounded_run.h"
+#include "platform/posix/wmi/class_tree.h"
+#include "platform/posix/wmi/query.h"
+
+namespace platform {
+
+namespace {
+
+using namespace wmi;
+
+/// How long a query may take. Even ten thousand processes are read in a fraction of it.
+constexpr std::chrono::seconds queryLimit{30};
+
+struct Locator {};
+struct Services {};
+struct Enumerator {
+    BoundedRunPtr run;
+};
+struct Object {
+    ResultObject properties;
+    std::size_t next = 0;
+};
+/// What a handle points to.
+using Thing = std::variant<Locator, Services, Enumerator, Object>;
+
+template <class Kind>
+WmiHandle HandleOf(Kind thing) {
+    return reinterpret_cast<WmiHandle>(new Thing(std::move(thing)));
+}
+
+/// None when the handle is none, or leads to another kind of thing.
+template <class Kind>
+Kind* ThingOf(WmiHandle handle) {
+    return handle == 0 ? nullptr : std::get_if<Kind>(reinterpret_cast<Thing*>(handle));
+}
+
+/// A path of a namespace without the computer's name before it; none when that is another computer's.
+std::optional<std::u16string_view> WithoutServer(std::u16string_view path) {
+    if (!path.starts_with(u"\\\\")) return path;
+    path.remove_prefix(2);
+    const std::u16string_view server = path.substr(0, path.find(u'\\'));
+    path.remove_prefix(std::min(server.size() + 1, path.size()));
+    if (server == u"." || CompareNames(server, u"localhost") == 0) return path;
+    std::u16string ownName;
+    if (SystemFacts().GetComputerNameExW(ownName) != error::success) return std::nullopt;
+    const bool isOwn =
+        CompareNames(server, ownName) == 0 || CompareNames(server, ownName.substr(0, ownName.find(u'.'))) == 0;
+    return isOwn ? std::optional(path) : std::nullopt;
+}
+
+WmiStatus CoCreateInstance(WmiHandle& locator) {
+    locator = HandleOf(Locator{});
+    return wmi_status::ok;
+}
+
+WmiStatus ConnectServer(WmiHandle locator, std::u16string_view nameSpace, WmiHandle& services) {
+    if (ThingOf<Locator>(locator) == nullptr || nameSpace.empty()) return wmi_status::invalidParameter;
+    std::u16string path(nameSpace);
+    std::replace(path.begin(), path.end(), u'/', u'\\');
+    const std::optional<std::u16string_view> local = WithoutServer(path);
+    if (!local) return wmi_status::serverUnavailable;
+    if (CompareNames(*local, u"ROOT\\CIMV2") != 0) return wmi_status::invalidNamespace;
+    services = HandleOf(Services{});
+    return wmi_status::ok;
+}
+
+WmiStatus ExecQuery(WmiHandle services, std::u16string_view text, WmiHandle& enumerator) {
+    if (ThingOf<Services>(services) == nullptr) return wmi_status::invalidParameter;
+    auto query = std::make_shared<BoundQuery>();
+    WmiStatus status = PrepareQuery(text, *query);
+    if (IsFailure(status)) return status;
+    Enumerator result;
+    status = StartBoundedRun(
+        query->className, queryLimit, [query](const ResultSink& sink) { return RunQuery(*query, sink); }, result.run);
+    if (!IsFailure(status)) enumerator = HandleOf(std::move(result));
+    return status;
+}
+
+WmiStatus Next(WmiHandle handle, WmiHandle& object, std::uint32_t& count) {
+    count = 0;
+    Enumerator* enumerator = ThingOf<Enumerator>(handle);
+    if (enumerator == nullptr) return wmi_status::invalidParameter;
+    Object result;
+    const WmiStatus status = NextObject(*enumerator->run, result.properties);
+    if (status != wmi_status::ok) return status;
+    object = HandleOf(std::move(result));
+    count = 1;
+    return wmi_status::ok;
+}
+
+WmiStatus BeginEnumeration(WmiHandle handle) {
+    Object* object = ThingOf<Object>(handle);
+    if (object == nullptr) return wmi_status::invalidParameter;
+    object->next = 0;
+    return wmi_status::ok;
+}
+
+WmiStatus NextProperty(WmiHandle handle, std::u16string& name, Variant& value) {
+    Object* object = ThingOf<Object>(handle);
+    if (object == nullptr) return wmi_status::invalidParameter;
+    if (object->next == object->properties.size()) return wmi_status::noMoreData;
+    ResultProperty& property = object->properties[object->next++];
+    name = property.name;
+    value = property.value;
+    return wmi_status::ok;
+}
+
+WmiStatus EndEnumeration(WmiHandle handle) {
+    return ThingOf<Object>(handle) != nullptr ? wmi_status::ok : wmi_status::invalidParameter;
+}
+
+void Release(WmiHandle handle) {
+    if (const Enumerator* enumerator = ThingOf<Enumerator>(handle)) AbandonRun(*enumerator->run);
+    delete reinterpret_cast<Thing*>(handle);
+}
+
+std::vector<std::u16string> TakeQueryNotices(WmiHandle handle) {
+    const Enumerator* enumerator = ThingOf<Enumerator>(handle);
+    return enumerator != nullptr ? TakeNotices(*enumerator->run) : std::vector<std::u16string>();
+}
+
+/// The same operation, with memory that runs out told as a status.
+template <class... Arguments>
+std::function<WmiStatus(Arguments...)> Guarded(WmiStatus (*operation)(Arguments...)) {
+    return [operation](Arguments... arguments) -> WmiStatus {
+        try {
+            return operation(std::forward<Arguments>(arguments)...);
+        } catch (const std::bad_alloc&) {
+            return wmi_status::outOfMemory;
+        }
+    };
+}
+
+}  // namespace
+
+WmiOperations PosixWmi() {
+    return {
+        .CoInitializeEx = [] { return wmi_status::ok; },
+        .CoUninitialize = [] {},
+        .CoInitializeSecurity = [] { return wmi_status::ok; },
+        .CoCreateInstance = Guarded(CoCreateInstance),
+        .ConnectServer = Guarded(ConnectServer),
+        .CoSetProxyBlanket = [](WmiHandle) { return wmi_status::ok; },
+        .ExecQuery = Guarded(ExecQuery),
+        .Next = Guarded(Next),
+        .BeginEnumeration = BeginEnumeration,
+        .NextProperty = Guarded(NextProperty),
+        .EndEnumeration = EndEnumeration,
+        .Release = Release,
+        .TakeNotices = TakeQueryNotices,
+    };
+}
+
+}  // namespace platform

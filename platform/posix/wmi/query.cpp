@@ -1,0 +1,104 @@
+#include "platform/posix/wmi/query.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "platform/posix/wmi/class_tree.h"
+
+namespace platform::wmi {
+
+namespace {
+
+bool IsSystemProperty(std::u16string_view name) { return name.starts_with(u"__"); }
+
+/// The properties of a class that a SELECT names, or all of them. invalidQuery when the class lacks one.
+WmiStatus SelectProperties(const WqlQuery& query, const ClassInfo& classInfo,
+                           std::vector<const PropertyInfo*>& properties) {
+    if (query.properties.empty()) {
+        for (const PropertyInfo& property : classInfo.properties) properties.push_back(&property);
+        return wmi_status::ok;
+    }
+    for (const std::u16string& name : query.properties) {
+        if (IsSystemProperty(name)) continue;
+        const PropertyInfo* property = FindProperty(classInfo, name);
+        if (property == nullptr) return wmi_status::invalidQuery;
+        properties.push_back(property);
+    }
+    std::sort(properties.begin(), properties.end());
+    properties.erase(std::unique(properties.begin(), properties.end()), properties.end());
+    return wmi_status::ok;
+}
+
+WmiStatus BindClass(const WqlQuery& query, const ClassInfo& classInfo, ClassQuery& bound) {
+    bound.classInfo = &classInfo;
+    const WmiStatus status = SelectProperties(query, classInfo, bound.properties);
+    if (IsFailure(status) || !query.where) return status;
+    return BindCondition(*query.where, classInfo, bound.where.emplace());
+}
+
+std::uint32_t NeedsOf(const ClassQuery& query) {
+    std::uint32_t needs = query.where ? NeedsOf(*query.where) : 0;
+    for (const PropertyInfo* property : query.properties) needs |= property->needs;
+    return needs;
+}
+
+ResultObject ObjectOf(const ClassQuery& query, const void* row) {
+    ResultObject object;
+    object.reserve(query.properties.size());
+    for (const PropertyInfo* property : query.properties) {
+        const CimValue value = property->read != nullptr ? property->read(row, *property) : CimValue();
+        object.push_back({property->name, VariantOf(property->type, value)});
+    }
+    return object;
+}
+
+/// Runs one class's gather; wantsMore is cleared when the sink has had enough.
+WmiStatus GatherClass(const ClassQuery& query, const ResultSink& sink, bool& wantsMore) {
+    Gathering gathering;
+    gathering.needs = NeedsOf(query);
+    if (query.where) gathering.restrictions = RestrictionsOf(*query.where);
+    gathering.notice = sink.notice;
+    gathering.row = [&](const void* row) {
+        if (!query.where || Matches(*query.where, row)) wantsMore = sink.object(ObjectOf(query, row));
+        return wantsMore;
+    };
+    return query.classInfo->gather(gathering);
+}
+
+}  // namespace
+
+const std::vector<CimValue>* Gathering::valuesOf(std::u16string_view property) const {
+    for (const Restriction& restriction : restrictions) {
+        if (CompareNames(restriction.property, property) == 0) return &restriction.values;
+    }
+    return nullptr;
+}
+
+WmiStatus PrepareQuery(std::u16string_view text, BoundQuery& query) {
+    WqlQuery parsed;
+    WmiStatus status = ParseWql(text, parsed);
+    if (IsFailure(status)) return status;
+    const ClassInfo* named = FindClass(parsed.className);
+    if (named == nullptr) return wmi_status::invalidClass;
+    query.className = named->name;
+    ClassQuery asNamed;
+    status = BindClass(parsed, *named, asNamed);
+    if (IsFailure(status)) return status;
+    for (const ClassInfo* candidate : AllClasses()) {
+        if (candidate->gather == nullptr || !IsA(*candidate, named->name)) continue;
+        status = BindClass(parsed, *candidate, query.parts.emplace_back());
+        if (IsFailure(status)) return status;
+    }
+    return wmi_status::ok;
+}
+
+WmiStatus RunQuery(const BoundQuery& query, const ResultSink& sink) {
+    bool wantsMore = true;
+    WmiStatus status = wmi_status::ok;
+    for (auto part = query.parts.begin(); part != query.parts.end() && wantsMore && !IsFailure(status); ++part) {
+        status = GatherClass(*part, sink, wantsMore);
+    }
+    return status;
+}
+
+}  // namespace platform::wmi
