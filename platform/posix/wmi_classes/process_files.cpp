@@ -1,1 +1,292 @@
 #include "platform/posix/wmi_classes/process_files.h"
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <charconv>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <dirent.h>
+#include <fcntl.h>
+#include <memory>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "platform/posix/wmi/system_text.h"
+
+namespace platform::wmi {
+
+namespace {
+
+constexpr std::size_t firstRead = 4096;
+constexpr std::size_t maxFileBytes = 1024 * 1024;
+constexpr std::size_t maxCommandLine = 32767;
+constexpr std::size_t cutNameLength = 15;
+
+// Fields of /proc/<id>/stat by their numbers in proc(5); numbers begin with the fourth.
+enum StatField : std::size_t {
+    parent = 4,
+    session = 6,
+    minorFault = 10,
+    majorFault = 12,
+    userTime = 14,
+    systemTime = 15,
+    priority = 18,
+    niceValue = 19,
+    threadCount = 20,
+    startTime = 22,
+    virtualSize = 23,
+    resident = 24,
+    exitSignal = 38,
+};
+
+using StatNumbers = std::array<std::uint64_t, StatField::exitSignal + 1>;
+
+/// Takes a blank and a number off a line; a negative number gives its two's complement.
+bool TakeNumber(std::string_view& line, std::uint64_t& number) {
+    if (line.size() < 2 || line.front() != ' ') return false;
+    const char* const begin = line.data() + 1;
+    const char* const end = line.data() + line.size();
+    std::from_chars_result result{};
+    if (*begin == '-') {
+        std::int64_t negative = 0;
+        result = std::from_chars(begin, end, negative);
+        number = static_cast<std::uint64_t>(negative);
+    } else {
+        result = std::from_chars(begin, end, number);
+    }
+    line.remove_prefix(static_cast<std::size_t>(result.ptr - line.data()));
+    return result.ec == std::errc();
+}
+
+bool TakeNumbers(std::string_view line, StatNumbers& numbers) {
+    for (std::size_t field = StatField::parent; field <= StatField::exitSignal; ++field) {
+        if (!TakeNumber(line, numbers[field])) return false;
+    }
+    return true;
+}
+
+void SetNumbers(const StatNumbers& numbers, ProcessStat& stat) {
+    stat.parentId = static_cast<std::uint32_t>(numbers[StatField::parent]);
+    stat.sessionId = static_cast<std::uint32_t>(numbers[StatField::session]);
+    stat.minorFaults = numbers[StatField::minorFault];
+    stat.majorFaults = numbers[StatField::majorFault];
+    stat.userTicks = numbers[StatField::userTime];
+    stat.kernelTicks = numbers[StatField::systemTime];
+    stat.priority = static_cast<std::int64_t>(numbers[StatField::priority]);
+    stat.nice = static_cast<std::int64_t>(numbers[StatField::niceValue]);
+    stat.threads = numbers[StatField::threadCount];
+    stat.startTicks = numbers[StatField::startTime];
+    stat.virtualBytes = numbers[StatField::virtualSize];
+    stat.residentPages = numbers[StatField::resident];
+    stat.isProcess = static_cast<std::int64_t>(numbers[StatField::exitSignal]) >= 0;  // a thread's end signals no one
+}
+
+/// The number behind a key such as "VmPeak:" at the start of a line.
+std::optional<std::uint64_t> NumberBehind(std::string_view line, std::string_view key) {
+    if (!line.starts_with(key)) return std::nullopt;
+    line.remove_prefix(key.size());
+    return NumberOf(TakeField(line));
+}
+
+/// "<id>/<file>", relative to /proc.
+struct ProcessPath {
+    std::array<char, 64> text{};
+
+    ProcessPath(std::uint32_t id, std::string_view file) {
+        char* at = std::to_chars(text.begin(), text.end(), id).ptr;
+        *at++ = '/';
+        std::copy_n(file.begin(), std::min<std::size_t>(file.size(), static_cast<std::size_t>(text.end() - at) - 1),
+                    at);
+    }
+};
+
+ssize_t ReadOnce(int file, char* to, std::size_t room) {
+    ssize_t got = 0;
+    do {
+        got = read(file, to, room);
+    } while (got < 0 && errno == EINTR);
+    return got;
+}
+
+struct CloseDirectory {
+    void operator()(DIR* directory) const { closedir(directory); }
+};
+using Directory = std::unique_ptr<DIR, CloseDirectory>;
+
+}  // namespace
+
+std::optional<ProcessStat> ParseProcessStat(std::string_view text) {
+    const std::size_t open = text.find(" (");
+    const std::size_t close = text.rfind(") ");
+    if (open == text.npos || close == text.npos || close < open + 2 || close + 3 > text.size()) return std::nullopt;
+    const std::optional<std::uint64_t> id = NumberOf(text.substr(0, open));
+    StatNumbers numbers{};
+    if (!id || *id > UINT32_MAX || !TakeNumbers(text.substr(close + 3), numbers)) return std::nullopt;
+    ProcessStat stat;
+    stat.id = static_cast<std::uint32_t>(*id);
+    stat.name = text.substr(open + 2, close - open - 2);
+    stat.state = text[close + 2];
+    SetNumbers(numbers, stat);
+    return stat;
+}
+
+std::optional<ProcessIo> ParseProcessIo(std::string_view text) {
+    ProcessIo io;
+    const struct {
+        std::string_view key;
+        std::uint64_t& number;
+    } keys[] = {
+        {"rchar:", io.readBytes},
+        {"wchar:", io.writtenBytes},
+        {"syscr:", io.readOperations},
+        {"syscw:", io.writeOperations},
+    };
+    std::size_t found = 0;
+    for (std::string_view line; TakeLine(text, line);) {
+        for (const auto& key : keys) {
+            const std::optional<std::uint64_t> number = NumberBehind(line, key.key);
+            if (!number) continue;
+            key.number = *number;
+            ++found;
+        }
+    }
+    if (found != std::size(keys)) return std::nullopt;
+    return io;
+}
+
+ProcessMemory ParseProcessStatus(std::string_view text) {
+    constexpr std::uint64_t bytesOfUnit = 1024;
+    ProcessMemory memory;
+    const struct {
+        std::string_view key;
+        std::uint64_t& bytes;
+    } keys[] = {
+        {"VmPeak:", memory.peakVirtual},
+        {"VmHWM:", memory.peakResident},
+        {"RssAnon:", memory.anonymous},
+        {"VmSwap:", memory.swapped},
+    };
+    for (std::string_view line; TakeLine(text, line);) {
+        for (const auto& key : keys) {
+            if (const auto number = NumberBehind(line, key.key)) key.bytes = *number * bytesOfUnit;
+        }
+    }
+    return memory;
+}
+
+std::string CommandLineOf(std::string_view text) {
+    while (!text.empty() && text.back() == '\0') text.remove_suffix(1);
+    std::string line(text.substr(0, maxCommandLine));
+    std::replace(line.begin(), line.end(), '\0', ' ');
+    return line;
+}
+
+bool MayBeCut(const ProcessStat& stat) { return stat.name.size() == cutNameLength; }
+
+std::string_view ExecutableNameOf(const ProcessStat& stat, std::string_view commandLine) {
+    std::string_view file = commandLine.substr(0, commandLine.find('\0'));
+    file.remove_prefix(file.rfind('/') + 1);  // npos + 1 is 0
+    return MayBeCut(stat) && file.starts_with(stat.name) ? file : std::string_view(stat.name);
+}
+
+std::uint32_t BasePriorityOf(const ProcessStat& stat) {
+    constexpr std::uint32_t realTime = 24;
+    constexpr std::uint32_t high = 13;
+    constexpr std::uint32_t aboveNormal = 10;
+    constexpr std::uint32_t normal = 8;
+    constexpr std::uint32_t belowNormal = 6;
+    constexpr std::uint32_t idle = 4;
+    constexpr std::int64_t farFromNormal = 10;
+    if (stat.priority < 0) return realTime;
+    if (stat.nice < 0) return stat.nice < -farFromNormal ? high : aboveNormal;
+    if (stat.nice > 0) return stat.nice > farFromNormal ? idle : belowNormal;
+    return normal;
+}
+
+ProcessFiles::ProcessFiles() : directory_(open("/proc", O_PATH | O_DIRECTORY | O_CLOEXEC)), buffer_(firstRead, '\0') {}
+
+ProcessFiles::~ProcessFiles() {
+    if (directory_ >= 0) close(directory_);
+}
+
+std::optional<std::string_view> ProcessFiles::Read(std::uint32_t processId, const char* file) {
+    const ProcessPath path(processId, file);
+    const int opened = openat(directory_, path.text.data(), O_RDONLY | O_CLOEXEC);
+    if (opened < 0) return std::nullopt;
+    std::size_t length = 0;
+    ssize_t got = 0;
+    for (;;) {
+        got = ReadOnce(opened, buffer_.data() + length, buffer_.size() - length);
+        if (got > 0) length += static_cast<std::size_t>(got);
+        if (got < 0 || length < buffer_.size() || length >= maxFileBytes) break;  // these files read short at their end
+        buffer_.resize(buffer_.size() * 2);
+    }
+    close(opened);
+    if (got < 0) return std::nullopt;
+    return std::string_view(buffer_.data(), length);
+}
+
+std::optional<std::string> ProcessFiles::ReadLink(std::uint32_t processId, const char* link) {
+    const ProcessPath path(processId, link);
+    const ssize_t length = readlinkat(directory_, path.text.data(), buffer_.data(), buffer_.size());
+    if (length <= 0) return std::nullopt;
+    return buffer_.substr(0, static_cast<std::size_t>(length));
+}
+
+std::optional<std::uint64_t> ProcessFiles::CountOpenFiles(std::uint32_t processId) {
+    const ProcessPath path(processId, "fd");
+    struct stat facts {};
+    if (fstatat(directory_, path.text.data(), &facts, 0) != 0) return std::nullopt;
+    if (facts.st_size > 0) return static_cast<std::uint64_t>(facts.st_size);  // the count, on newer kernels
+    const int opened = openat(directory_, path.text.data(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (opened < 0) return std::nullopt;
+    const Directory directory(fdopendir(opened));
+    if (!directory) return std::nullopt;
+    std::uint64_t count = 0;
+    while (const dirent* entry = readdir(directory.get())) {
+        if (entry->d_name[0] != '.') ++count;
+    }
+    return count;
+}
+
+std::vector<std::uint32_t> ListProcessIds() {
+    std::vector<std::uint32_t> ids;
+    const Directory directory(opendir("/proc"));
+    if (!directory) return ids;
+    while (const dirent* entry = readdir(directory.get())) {
+        const std::optional<std::uint64_t> id = NumberOf(entry->d_name);
+        if (id && *id <= UINT32_MAX) ids.push_back(static_cast<std::uint32_t>(*id));
+    }
+    std::sort(ids.begin(), ids.end());
+    return ids;
+}
+
+std::uint64_t ClockTicksPerSecond() {
+    static const auto ticks = static_cast<std::uint64_t>(sysconf(_SC_CLK_TCK));
+    return ticks;
+}
+
+std::uint64_t PageSize() {
+    static const auto size = static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
+    return size;
+}
+
+std::int64_t SystemStartMilliseconds() {
+    constexpr std::int64_t sameStart = 500;  // the clock is steered by less, and set by more
+    static std::atomic<std::int64_t> known = 0;
+    const auto read = [](clockid_t clock) {
+        timespec now{};
+        clock_gettime(clock, &now);
+        return static_cast<std::int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1'000'000;
+    };
+    const std::int64_t start = read(CLOCK_REALTIME) - read(CLOCK_BOOTTIME);
+    const std::int64_t before = known;
+    if (before != 0 && std::abs(start - before) < sameStart) return before;
+    known = start;
+    return start;
+}
+
+}  // namespace platform::wmi

@@ -1,4 +1,4 @@
-// What /proc tells of processes (proc(5)): fetching is one line at the caller, taking apart is here.
+// What /proc tells of processes (proc(5)): fetching a file is one routine, and each file has one that takes it apart.
 #pragma once
 
 #include <cstdint>
@@ -20,12 +20,13 @@ struct ProcessStat {
     std::uint64_t majorFaults = 0;
     std::uint64_t userTicks = 0;
     std::uint64_t kernelTicks = 0;
-    std::int64_t priority = 0;
+    std::int64_t priority = 0;  // below 0: real time
     std::int64_t nice = 0;
     std::uint64_t threads = 0;
     std::uint64_t startTicks = 0;  // since the system's start
     std::uint64_t virtualBytes = 0;
     std::uint64_t residentPages = 0;
+    bool isProcess = true;  // false: a further thread of one, which /proc holds too but does not list
 };
 
 /// None for a text that is none of this form.
@@ -39,18 +40,64 @@ struct ProcessIo {
     std::uint64_t writeOperations = 0;  // syscw
 };
 
+/// None for a text that lacks one of the four.
 std::optional<ProcessIo> ParseProcessIo(std::string_view text);
+
+/// The memory lines of /proc/<id>/status, in bytes; 0 for what is not there, as with threads of the kernel.
+struct ProcessMemory {
+    std::uint64_t peakVirtual = 0;   // VmPeak
+    std::uint64_t peakResident = 0;  // VmHWM
+    std::uint64_t anonymous = 0;     // RssAnon: resident and of no file
+    std::uint64_t swapped = 0;       // VmSwap
+};
+
+ProcessMemory ParseProcessStatus(std::string_view text);
+
+/// /proc/<id>/cmdline as one line: the arguments with a blank between. Cut to the 32767 bytes that a command line may
+/// have on Windows.
+std::string CommandLineOf(std::string_view text);
+
+/// The name of a process's executable: the kernel's, or where that may be cut and the command line (as
+/// /proc/<id>/cmdline has it) goes on, the whole one.
+std::string_view ExecutableNameOf(const ProcessStat& stat, std::string_view commandLine);
+
+/// Whether a name may be cut, so that the command line is worth a look.
+bool MayBeCut(const ProcessStat& stat);
+
+/// The base priority that Windows would give: 24 for real time, 13 high, 10, 8 normal, 6, 4 idle.
+std::uint32_t BasePriorityOf(const ProcessStat& stat);
+
+/// Reads the files of one process after the other, with a single open, read and close for each that is short.
+class ProcessFiles {
+  public:
+    ProcessFiles();
+    ~ProcessFiles();
+    ProcessFiles(const ProcessFiles&) = delete;
+    ProcessFiles& operator=(const ProcessFiles&) = delete;
+
+    /// A file such as "stat", at most 1 MB of it, in memory that the next call uses again; none when the process is
+    /// gone or not one's own.
+    std::optional<std::string_view> Read(std::uint32_t processId, const char* file);
+
+    /// What a link such as "exe" leads to; none as above, and where there is none.
+    std::optional<std::string> ReadLink(std::uint32_t processId, const char* link);
+
+    /// Files that a process holds open; none when it is gone or not one's own.
+    std::optional<std::uint64_t> CountOpenFiles(std::uint32_t processId);
+
+  private:
+    int directory_;
+    std::string buffer_;
+};
 
 /// Ids of all processes, ascending.
 std::vector<std::uint32_t> ListProcessIds();
 
-/// Files that a process holds open; none when it is gone or not one's own.
-std::optional<std::uint64_t> CountOpenFiles(std::uint32_t processId);
-
 std::uint64_t ClockTicksPerSecond();
 std::uint64_t PageSize();  // bytes
 
-/// When the system was started, in milliseconds since 1970: the wall clock less the time since (CLOCK_BOOTTIME).
+/// When the system was started, in milliseconds since 1970: the wall clock less the time since (CLOCK_BOOTTIME). Stays
+/// the same from call to call until the clock is set.
 std::int64_t SystemStartMilliseconds();
 
 }  // namespace platform::wmi
