@@ -1,0 +1,53 @@
+#include "platform/posix/wmi_classes/host_names.h"
+
+#include <algorithm>
+#include <sys/utsname.h>
+
+#include "platform/posix/wmi/system_text.h"
+#include "platform/utf.h"
+
+namespace platform::wmi {
+
+namespace {
+
+std::string NodeName() {
+    utsname names{};
+    return uname(&names) == 0 ? names.nodename : "";
+}
+
+std::string_view HostPart(std::string_view name) { return name.substr(0, name.find('.')); }
+
+std::string_view DomainPart(std::string_view name) {
+    const std::size_t host = HostPart(name).size();
+    return name.substr(std::min(host + 1, name.size()));
+}
+
+/// Whether the fields of a line, separated by blanks, have a name among them.
+bool HasField(std::string_view line, std::string_view name) {
+    std::string_view field = TakeField(line);
+    while (!field.empty() && field != name) field = TakeField(line);
+    return !field.empty();
+}
+
+}  // namespace
+
+std::u16string HostName() { return WideFromUtf8(HostPart(NodeName())); }
+
+std::string DomainName() {
+    const std::string name = NodeName();
+    if (!DomainPart(name).empty()) return std::string(DomainPart(name));
+    return DomainInHosts(ReadSystemFile("/etc/hosts").value_or(""), name);
+}
+
+std::string DomainInHosts(std::string_view text, std::string_view hostName) {
+    for (std::string_view line; TakeLine(text, line);) {
+        line = line.substr(0, line.find('#'));
+        TakeField(line);  // the address
+        if (!HasField(line, hostName)) continue;
+        const std::string_view canonical = TakeField(line);
+        if (!DomainPart(canonical).empty()) return std::string(DomainPart(canonical));
+    }
+    return {};
+}
+
+}  // namespace platform::wmi

@@ -1,0 +1,18 @@
+// The names of this computer, without asking a resolver, which may not answer.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace platform::wmi {
+
+/// The computer's name, without the domain where the host name carries one; what Windows calls SystemName and CSName.
+std::u16string HostName();
+
+/// The domain that the host name carries, else the one that /etc/hosts has for it; UTF-8, empty where there is none.
+std::string DomainName();
+
+/// The domain of the first canonical name in a hosts(5) text whose line names the host and that has one; or empty.
+std::string DomainInHosts(std::string_view text, std::string_view hostName);
+
+}  // namespace platform::wmi
