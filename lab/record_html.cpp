@@ -12,6 +12,7 @@ namespace {
 /// Bounds on how much of one record's values is shown.
 constexpr std::size_t maxRows = 25;
 constexpr std::size_t maxColumns = 20;
+constexpr std::size_t maxNames = 200;  // of columns before they are cut to those that are shown
 constexpr std::size_t maxValueBytes = 400;
 constexpr int maxDepth = 6;
 
@@ -35,15 +36,15 @@ std::vector<std::string> ColumnsOf(json_object* rows, std::size_t count) {
     for (std::size_t at = 0; at < count; ++at) {
         json_object_object_foreach(json_object_array_get_idx(rows, at), name, value) {
             static_cast<void>(value);
-            if (columns.size() < maxColumns && std::find(columns.begin(), columns.end(), name) == columns.end())
+            if (columns.size() < maxNames && std::find(columns.begin(), columns.end(), name) == columns.end())
                 columns.emplace_back(name);
         }
     }
     return columns;
 }
 
-void AddRowTable(std::string& html, json_object* rows, std::size_t count, int depth) {
-    const std::vector<std::string> columns = ColumnsOf(rows, count);
+void AddRowTable(std::string& html, json_object* rows, std::size_t count, int depth,
+                 const std::vector<std::string>& columns) {
     html += "<table><tr>";
     for (const std::string& column : columns) Add(html, "<th>{}</th>", Escape(column));
     html += "</tr>\n";
@@ -61,14 +62,23 @@ void AddRowTable(std::string& html, json_object* rows, std::size_t count, int de
     html += "</table>";
 }
 
+/// Whether an array holds objects, as far as it is shown.
+bool IsRowList(json_object* array) {
+    if (!json_object_is_type(array, json_type_array)) return false;
+    const std::size_t shown = std::min(json_object_array_length(array), maxRows);
+    bool allObjects = shown > 0;
+    for (std::size_t at = 0; at < shown; ++at)
+        allObjects = allObjects && json_object_is_type(json_object_array_get_idx(array, at), json_type_object);
+    return allObjects;
+}
+
 void AddArray(std::string& html, json_object* array, int depth) {
     const std::size_t size = json_object_array_length(array);
     const std::size_t shown = std::min(size, maxRows);
-    bool allObjects = size > 0;
-    for (std::size_t at = 0; at < shown; ++at)
-        allObjects = allObjects && json_object_is_type(json_object_array_get_idx(array, at), json_type_object);
-    if (allObjects) {
-        AddRowTable(html, array, shown, depth);
+    if (IsRowList(array)) {
+        std::vector<std::string> columns = ColumnsOf(array, shown);
+        columns.resize(std::min(columns.size(), maxColumns));
+        AddRowTable(html, array, shown, depth, columns);
     } else {
         for (std::size_t at = 0; at < shown; ++at) {
             if (at > 0) html += ", ";
@@ -182,6 +192,31 @@ void AddSnmpValues(std::string& html, json_object* document, const SnmpResult& s
     html += "</table>\n";
 }
 
+/// The one object of a query's result, a line for each property.
+void AddWmiObject(std::string& html, json_object* object) {
+    html += "<table><tr><th>Property</th><th>Value</th></tr>\n";
+    for (const lh_entry* entry = json_object_get_object(object)->tail; entry != nullptr; entry = entry->prev) {
+        Add(html, "<tr><td>{}</td><td>", Escape(static_cast<const char*>(lh_entry_k(entry))));
+        AddValue(html, static_cast<json_object*>(const_cast<void*>(lh_entry_v(entry))), 2);
+        html += "</td></tr>\n";
+    }
+    html += "</table>\n";
+}
+
+/// A query's result, properties in the order of their class: an agent writes its tables last member first.
+void AddWmiRows(std::string& html, json_object* rows) {
+    const std::size_t size = json_object_array_length(rows);
+    if (size == 1) return AddWmiObject(html, json_object_array_get_idx(rows, 0));
+    const std::size_t shown = std::min(size, maxRows);
+    std::vector<std::string> columns = ColumnsOf(rows, shown);
+    std::reverse(columns.begin(), columns.end());
+    const std::size_t left = columns.size() - std::min(columns.size(), maxColumns);
+    columns.resize(columns.size() - left);
+    AddRowTable(html, rows, shown, 1, columns);
+    if (shown < size) Add(html, "<div class=soft>… {} more</div>", size - shown);
+    if (left > 0) Add(html, "<div class=soft>… {} more properties</div>", left);
+}
+
 }  // namespace
 
 std::string Escape(std::string_view text) {
@@ -245,6 +280,7 @@ void AddValue(std::string& html, json_object* value, int depth) {
 }
 
 void AddMembers(std::string& html, json_object* document) {
+    const bool isWmi = !TextMember(document, "ERRORMSG").empty();
     const SnmpResult snmp = SnmpResultOf(document);
     AddSnmpHeading(html, snmp);
     html += "<div class=fields>\n";
@@ -256,7 +292,11 @@ void AddMembers(std::string& html, json_object* document) {
     json_object_object_foreach(document, nestedName, nested) {
         if (!IsNested(nested) || snmp.IsShownApart(nestedName)) continue;
         Add(html, "<div class=rows><h3>{}</h3>", Escape(nestedName));
-        AddValue(html, nested, 1);
+        if (isWmi && IsRowList(nested)) {
+            AddWmiRows(html, nested);
+        } else {
+            AddValue(html, nested, 1);
+        }
         html += "</div>\n";
     }
 }

@@ -229,7 +229,7 @@ TEST_F(LabServing, ThePageShowsValuesAndLetsNoMarkupThrough) {
     const std::string page = Page();
     EXPECT_THAT(page, Not(HasSubstr("<i")));
     for (const char* text : {"&lt;i title=&quot;evil&quot;&gt;&amp;&#39;", "2026-03-05 09:05:07Z",
-                             "<tr><td>&lt;i&gt;</td><td>4711</td><td></td></tr>", "<pre>&lt;i&gt;plain&lt;/i&gt;</pre>",
+                             "<tr><td></td><td>4711</td><td>&lt;i&gt;</td></tr>", "<pre>&lt;i&gt;plain&lt;/i&gt;</pre>",
                              "all 100000 bytes", "cell24<", "175 more"})
         EXPECT_THAT(page, HasSubstr(text));
     EXPECT_THAT(page, Not(HasSubstr("cell25<")));
@@ -249,6 +249,13 @@ TEST_F(LabServing, ThePageShowsSnmpValuesInTheOrderOfTheDevice) {
         "<tr><td>.1.3</td><td class=bad>no answer</td></tr>\n</table>\n";
     EXPECT_THAT(Page(), HasSubstr(values + "</div>\n")) << "the record";
     EXPECT_THAT(Page(), HasSubstr(values + "</td>")) << "the answer";
+}
+
+TEST_F(LabServing, ThePageShowsTheOneObjectOfAQueryPropertyByProperty) {
+    const std::string json = R"({ "ERRORMSG": "NO ERROR", "System": [ { "Version": "<6>", "Caption": "Linux" } ] })";
+    EXPECT_EQ(Upload(client, goodQuery, MakeArchive({{"a", WideBytes(json)}}))->status, 200);
+    EXPECT_THAT(Page(), HasSubstr("<h3>System</h3><table><tr><th>Property</th><th>Value</th></tr>\n<tr><td>Caption</td>"
+                                  "<td>Linux</td></tr>\n<tr><td>Version</td><td>&lt;6&gt;</td></tr>\n</table>"));
 }
 
 }  // namespace
