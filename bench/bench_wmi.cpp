@@ -1,0 +1,156 @@
+// What a query costs, from its text to the rows of a record.
+//
+// All of Win32_OperatingSystem takes under a millisecond. Three properties of every process take at most the processor
+// time of the ps command that prints the same, with the processes of this machine and with a thousand more. A WHERE on
+// ProcessId reads that process alone: beside a query without it, it takes no more files than one process has.
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <fcntl.h>
+#include <spawn.h>
+#include <string>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+#include "collection/wmi_query.h"
+#include "foundation/vector.h"
+#include "platform/backend.h"
+
+namespace {
+
+constexpr int rounds = 201;
+constexpr std::size_t moreProcesses = 1000;
+constexpr double systemLimit = 1.0;   // milliseconds
+constexpr double processLimit = 1.0;  // of what ps takes
+constexpr const char16_t* processQuery = u"SELECT Name, ProcessId, WorkingSetSize FROM Win32_Process";
+
+double MillisecondsOf(const rusage& used) {
+    const auto milliseconds = [](const timeval& time) {
+        return static_cast<double>(time.tv_sec) * 1e3 + static_cast<double>(time.tv_usec) / 1e3;
+    };
+    return milliseconds(used.ru_utime) + milliseconds(used.ru_stime);
+}
+
+/// Rows of a query, or -1 when it fails.
+std::int32_t CountRows(std::u16string_view query) {
+    const kv::VectorPtr rows = kv::MakeVector();
+    const std::u16string message = kv::WMIFunction(std::nullopt, std::u16string(query), rows.get());
+    return message == u"NO ERROR" ? kv::GetVectorSize(rows.get()) : -1;
+}
+
+/// Processor time of all threads of this process, milliseconds.
+double ProcessorTime() {
+    timespec time{};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
+    return static_cast<double>(time.tv_sec) * 1e3 + static_cast<double>(time.tv_nsec) / 1e6;
+}
+
+double ProcessorTimeOfPs() {
+    const std::array<const char*, 4> line{"ps", "-eo", "comm,pid,rss", nullptr};
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+    pid_t pid = 0;
+    const int spawned = posix_spawnp(&pid, line[0], &actions, nullptr, const_cast<char* const*>(line.data()), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    int status = 0;
+    rusage used{};
+    if (spawned != 0 || wait4(pid, &status, 0, &used) != pid || status != 0) return 0;
+    return MillisecondsOf(used);
+}
+
+/// Calls of read that this process has made.
+long Reads() {
+    std::FILE* file = std::fopen("/proc/self/io", "r");
+    long reads = 0;
+    char name[32];
+    long value = 0;
+    while (file != nullptr && std::fscanf(file, "%31[^:]: %ld\n", name, &value) == 2) {
+        if (std::string(name) == "syscr") reads = value;
+    }
+    if (file != nullptr) std::fclose(file);
+    return reads;
+}
+
+bool Within(const char* what, double figure, double limit) {
+    std::printf("%-60s %8.3f (limit %.3f)\n", what, figure, limit);
+    return figure <= limit;
+}
+
+bool MeasureOperatingSystem() {
+    std::vector<double> times;
+    for (int i = 0; i < rounds; ++i) {
+        const auto start = std::chrono::steady_clock::now();
+        if (CountRows(u"SELECT * FROM Win32_OperatingSystem") != 1) return false;
+        times.push_back(std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count());
+    }
+    std::nth_element(times.begin(), times.begin() + rounds / 2, times.end());
+    return Within("SELECT * FROM Win32_OperatingSystem, ms", times[rounds / 2], systemLimit);
+}
+
+/// The kernel tells a command's time by sampling, so these are means.
+bool MeasureProcesses(const char* what) {
+    double own = 0;
+    double peer = 0;
+    std::int32_t rows = 0;
+    for (int i = 0; i < rounds; ++i) {
+        const double start = ProcessorTime();
+        rows = CountRows(processQuery);
+        own += (ProcessorTime() - start) / rounds;
+        peer += ProcessorTimeOfPs() / rounds;
+    }
+    if (rows < 1 || peer <= 0) return false;
+    std::printf("%s: %d processes, %.3f ms of processor time; ps -eo comm,pid,rss %.3f ms\n", what, rows, own, peer);
+    return Within("  ratio", own / peer, processLimit);
+}
+
+bool MeasureOneProcess() {
+    const std::u16string query = std::u16string(processQuery) + u" WHERE ProcessId = 1";
+    const long before = Reads();
+    const std::int32_t all = CountRows(processQuery);
+    const long between = Reads();
+    if (CountRows(query) != 1) return false;
+    const long after = Reads();
+    const long counting = Reads() - after;  // what the look at the count costs itself
+    std::printf("reads: %ld for %d processes, %ld for one\n", between - before - counting, all,
+                after - between - counting);
+    return Within("WHERE ProcessId = 1, reads", static_cast<double>(after - between - counting), 3);
+}
+
+std::vector<pid_t> StartSleepers() {
+    std::vector<pid_t> sleepers;
+    const pid_t parent = getpid();
+    for (std::size_t i = 0; i < moreProcesses; ++i) {
+        const pid_t child = fork();
+        if (child == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            while (getppid() == parent) pause();
+            _exit(0);
+        }
+        if (child > 0) sleepers.push_back(child);
+    }
+    return sleepers;
+}
+
+void EndSleepers(const std::vector<pid_t>& sleepers) {
+    for (const pid_t child : sleepers) kill(child, SIGKILL);
+    for (const pid_t child : sleepers) waitpid(child, nullptr, 0);
+}
+
+}  // namespace
+
+int main() {
+    platform::InstallBackend();
+    bool good = MeasureOperatingSystem();
+    good = MeasureProcesses("the processes of this machine") && good;
+    const std::vector<pid_t> sleepers = StartSleepers();
+    good = MeasureProcesses("a thousand more") && good;
+    good = MeasureOneProcess() && good;
+    EndSleepers(sleepers);
+    return good ? 0 : 1;
+}

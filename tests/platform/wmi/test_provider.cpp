@@ -1,0 +1,117 @@
+// The provider as a whole: what it refuses and how, and that nobody waits for it without end.
+#include <chrono>
+#include <gtest/gtest.h>
+#include <semaphore>
+
+#include "platform/backend.h"
+#include "platform/posix/wmi/bounded_run.h"
+#include "platform/posix/wmi/class_tree.h"
+#include "tests/support/wmi_query.h"
+
+namespace kv::test {
+namespace {
+
+using namespace platform;
+using namespace platform::wmi;
+
+class WmiProvider : public ::testing::Test {
+  protected:
+    WmiProvider() { InstallBackend(); }
+};
+
+TEST_F(WmiProvider, RefusesWhatItCannotAnswer) {
+    struct Row {
+        const char* title;
+        const char16_t* nameSpace;
+        const char* query;
+        WmiStatus status;
+    };
+    const Row rows[] = {
+        {"as a plan has it", u"ROOT\\CIMV2", "SELECT Name FROM Win32_OperatingSystem", wmi_status::ok},
+        {"other slashes and letters", u"root/cimv2", "select name from win32_operatingsystem", wmi_status::ok},
+        {"this computer by a dot", u"\\\\.\\root\\cimv2", "SELECT Name FROM Win32_LocalTime", wmi_status::invalidQuery},
+        {"another computer", u"\\\\elsewhere.example\\root\\cimv2", "SELECT * FROM X", wmi_status::serverUnavailable},
+        {"another namespace", u"ROOT\\WMI", "SELECT * FROM X", wmi_status::invalidNamespace},
+        {"a namespace cut short", u"ROOT", "SELECT * FROM X", wmi_status::invalidNamespace},
+        {"no namespace", u"", "SELECT * FROM X", wmi_status::invalidParameter},
+        {"an unknown class", u"ROOT\\CIMV2", "SELECT * FROM Win32_Nothing", wmi_status::invalidClass},
+        {"an unknown property", u"ROOT\\CIMV2", "SELECT Nothing FROM Win32_Process", wmi_status::invalidQuery},
+        {"an unknown property to compare", u"ROOT\\CIMV2", "SELECT * FROM Win32_Process WHERE Nothing = 1",
+         wmi_status::invalidQuery},
+        {"no query", u"ROOT\\CIMV2", "DELETE FROM Win32_Process", wmi_status::invalidQuery},
+    };
+    for (const Row& row : rows) {
+        const WmiResult result = RunWmiQuery(row.query, row.nameSpace);
+        EXPECT_EQ(result.status, row.status) << row.title;
+        EXPECT_EQ(result.rows.size(), row.status == wmi_status::ok ? 1u : 0u) << row.title;
+    }
+    WmiHandle object = 0;
+    std::uint32_t count = 1;
+    EXPECT_EQ(Wmi().Next(0, object, count), wmi_status::invalidParameter);
+    EXPECT_EQ(count, 0u);
+}
+
+TEST_F(WmiProvider, AnAbstractClassStandsForItsSubclasses) {
+    const WmiResult systems = RunWmiQuery("SELECT Name, Status FROM CIM_OperatingSystem");
+    ASSERT_EQ(systems.rows.size(), 1u);
+    EXPECT_EQ(systems.names, (std::vector<std::string>{"Name", "Status"}));
+    const WmiResult timeOnly = RunWmiQuery("SELECT * FROM CIM_Setting WHERE __CLASS = 'Win32_TimeZone'");
+    ASSERT_EQ(timeOnly.rows.size(), 1u);
+    EXPECT_NE(TextOf(timeOnly.rows[0], "Bias"), "(none)");
+    const WmiResult drives = RunWmiQuery("SELECT DeviceID FROM CIM_LogicalDevice WHERE __THIS ISA 'CIM_LogicalDisk'");
+    EXPECT_EQ(drives.rows.size(), RunWmiQuery("SELECT DeviceID FROM Win32_LogicalDisk").rows.size());
+}
+
+/// Reads every class in full, as a plan with SELECT * does.
+TEST_F(WmiProvider, EveryClassAnswers) {
+    for (const ClassInfo* classInfo : AllClasses()) {
+        if (classInfo->gather == nullptr) continue;
+        const std::string name = Utf8FromWide(classInfo->name);
+        const WmiResult result = RunWmiQuery("SELECT * FROM " + name);
+        EXPECT_EQ(result.status, wmi_status::ok) << name;
+        if (!result.rows.empty()) EXPECT_EQ(result.names.size(), classInfo->properties.size()) << name;
+    }
+}
+
+TEST_F(WmiProvider, WorkThatNeverEndsIsGivenUp) {
+    using namespace std::chrono_literals;
+    std::binary_semaphore release(0);
+    std::binary_semaphore ended(0);
+    const auto work = [&](const ResultSink& sink) {
+        sink.object({{u"Name", Variant{}}});
+        release.acquire();
+        const bool wanted = sink.object({});
+        ended.release();
+        return wanted ? wmi_status::failed : wmi_status::ok;
+    };
+    BoundedRunPtr run;
+    BoundedRunPtr second;
+    ResultObject object;
+    ASSERT_EQ(StartBoundedRun(u"Stuck", 100ms, work, run), wmi_status::ok);
+    EXPECT_EQ(NextObject(*run, object), wmi_status::ok) << "what came in time counts";
+    EXPECT_EQ(object.size(), 1u);
+    EXPECT_EQ(NextObject(*run, object), wmi_status::timedOut);
+    EXPECT_EQ(NextObject(*run, object), wmi_status::timedOut);
+    EXPECT_EQ(TakeNotices(*run).size(), 1u);
+    EXPECT_EQ(StartBoundedRun(u"Stuck", 100ms, work, second), wmi_status::serverTooBusy);
+    AbandonRun(*run);
+    release.release();
+    ended.acquire();
+    while (StartBoundedRun(
+               u"Stuck", 10s, [](const ResultSink&) { return wmi_status::failed; }, second) != wmi_status::ok) {
+        Clock().Sleep(1);
+    }
+    EXPECT_EQ(NextObject(*second, object), wmi_status::failed) << "the first has ended, so the name is free";
+}
+
+TEST_F(WmiProvider, AnExceptionInTheWorkIsAFailure) {
+    BoundedRunPtr run;
+    ResultObject object;
+    const auto work = [](const ResultSink&) -> WmiStatus { throw std::runtime_error("broken file"); };
+    ASSERT_EQ(StartBoundedRun(u"Throws", std::chrono::seconds(10), work, run), wmi_status::ok);
+    EXPECT_EQ(NextObject(*run, object), wmi_status::failed);
+    EXPECT_EQ(TakeNotices(*run), std::vector<std::u16string>{u"broken file"});
+}
+
+}  // namespace
+}  // namespace kv::test
