@@ -1,1 +1,68 @@
 #include "platform/posix/wmi_classes/block_devices.h"
+
+#include <algorithm>
+#include <filesystem>
+
+#include "platform/posix/wmi/system_text.h"
+
+namespace platform::wmi {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+/// Drives of other media, flash chips, and the small partitions of a memory card that are disks to the kernel.
+bool IsOfAnotherKind(std::string_view name) {
+    constexpr std::string_view otherKinds[] = {"sr", "fd", "mtdblock"};
+    const auto leads = [&](std::string_view kind) { return name.starts_with(kind); };
+    const bool isPartOfCard = name.starts_with("mmcblk") && (name.find("boot") != name.npos || name.ends_with("rpmb"));
+    return isPartOfCard || std::any_of(std::begin(otherKinds), std::end(otherKinds), leads);
+}
+
+/// Only what a driver of hardware has made refers to a device. A disk with several paths to it shows each as hidden.
+bool IsPhysicalDisk(const std::string& name) {
+    std::error_code failure;
+    const std::string folder = "/sys/block/" + name;
+    return !IsOfAnotherKind(name) && fs::exists(folder + "/device", failure) &&
+           ReadSystemNumber(folder + "/hidden").value_or(0) == 0;
+}
+
+}  // namespace
+
+std::vector<DiskCounters> ParseDiskStats(std::string_view text) {
+    std::vector<DiskCounters> disks;
+    for (std::string_view line; TakeLine(text, line);) {
+        DiskCounters disk;
+        const std::optional<std::uint64_t> major = NumberOf(TakeField(line));
+        const std::optional<std::uint64_t> minor = NumberOf(TakeField(line));
+        disk.name = TakeField(line);
+        std::uint64_t readsMerged = 0;
+        std::uint64_t writesMerged = 0;
+        bool isWhole = major && minor;
+        for (std::uint64_t* figure : {&disk.reads, &readsMerged, &disk.sectorsRead, &disk.readMilliseconds,
+                                      &disk.writes, &writesMerged, &disk.sectorsWritten, &disk.writeMilliseconds,
+                                      &disk.inFlight, &disk.busyMilliseconds, &disk.queueMilliseconds}) {
+            const std::optional<std::uint64_t> number = NumberOf(TakeField(line));
+            isWhole = isWhole && number;
+            *figure = number.value_or(0);
+        }
+        if (!isWhole) continue;
+        disk.major = static_cast<std::uint32_t>(*major);
+        disk.minor = static_cast<std::uint32_t>(*minor);
+        disks.push_back(std::move(disk));
+    }
+    return disks;
+}
+
+std::vector<std::string> ListPhysicalDisks() {
+    std::vector<std::string> names;
+    std::error_code failure;
+    for (fs::directory_iterator at("/sys/block", failure), end; !failure && at != end; at.increment(failure)) {
+        std::string name = at->path().filename().string();
+        if (IsPhysicalDisk(name)) names.push_back(std::move(name));
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+}  // namespace platform::wmi

@@ -1,0 +1,175 @@
+#include "platform/posix/wmi_classes/mount_space.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <condition_variable>
+#include <fmt/format.h>
+#include <limits>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <sys/statvfs.h>
+#include <system_error>
+#include <thread>
+
+#include "platform/posix/wmi/system_text.h"
+
+namespace platform::wmi {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr std::chrono::seconds answerBound{2};
+
+/// A question that was put, shared by those who wait for it and the thread that is at it.
+struct OpenQuestion {
+    Clock::time_point askedAt = Clock::now();
+    std::mutex mutex;
+    std::condition_variable answered;
+    std::optional<SpaceAnswer> answer;
+
+    bool isAnswered() {
+        const std::lock_guard lock(mutex);
+        return answer.has_value();
+    }
+
+    std::optional<SpaceAnswer> waitUntil(Clock::time_point end) {
+        std::unique_lock lock(mutex);
+        answered.wait_until(lock, end, [this] { return answer.has_value(); });
+        return answer;
+    }
+};
+
+using OpenQuestionPtr = std::shared_ptr<OpenQuestion>;
+
+/// The questions that have no answer yet, by mount. What is mounted anew at the same place is another mount.
+struct OpenQuestions {
+    std::mutex mutex;
+    std::map<std::string, OpenQuestionPtr> byMount;
+};
+
+OpenQuestions& TheOpenQuestions() {
+    static OpenQuestions questions;
+    return questions;
+}
+
+void Start(const OpenQuestionPtr& open, const SpaceQuestion& question, const std::string& mountPoint) {
+    std::thread([open, question, mountPoint] {
+        const SpaceAnswer answer = question(mountPoint);
+        const std::lock_guard lock(open->mutex);
+        open->answer = answer;
+        open->answered.notify_all();
+    }).detach();
+}
+
+/// The open question to a mount, else a new one. Throws std::system_error when no thread can be had.
+OpenQuestionPtr Put(const Mount& mount, const SpaceQuestion& question) {
+    OpenQuestions& questions = TheOpenQuestions();
+    const std::lock_guard lock(questions.mutex);
+    std::erase_if(questions.byMount, [](const auto& entry) { return entry.second->isAnswered(); });
+    const std::string key = mount.device + ' ' + mount.mountPoint;
+    const auto found = questions.byMount.find(key);
+    if (found != questions.byMount.end()) return found->second;
+    auto open = std::make_shared<OpenQuestion>();
+    Start(open, question, mount.mountPoint);
+    questions.byMount.emplace(key, open);
+    return open;
+}
+
+std::string NameOf(const Mount& mount) {
+    return fmt::format("{} ({} {})", mount.mountPoint, mount.fileSystem, mount.source);
+}
+
+std::string TextOfSilence(const Mount& mount, const OpenQuestion& open) {
+    const auto waited = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - open.askedAt);
+    return fmt::format("{} is left out: no answer to the question for its space for {:.1f} seconds", NameOf(mount),
+                       static_cast<double>(waited.count()) / 1000);
+}
+
+std::uint64_t BytesOf(std::uint64_t blocks, std::uint64_t blockSize) {
+    constexpr std::uint64_t most = std::numeric_limits<std::uint64_t>::max();
+    return blockSize != 0 && blocks > most / blockSize ? most : blocks * blockSize;
+}
+
+/// Whether the way to a disk leads through mounts that may not answer, its own included.
+bool MayHangOnTheWay(const Mount& disk, const std::vector<Mount>& mounts) {
+    return std::any_of(mounts.begin(), mounts.end(), [&](const Mount& mount) {
+        return MayHang(mount) && (mount.mountPoint == disk.mountPoint || IsBelow(disk.mountPoint, mount.mountPoint));
+    });
+}
+
+/// An answer's space. Refusals and mounts that are just going are part of normal life; other errors are told of.
+std::optional<FileSystemSpace> SpaceOf(const Mount& mount, const SpaceAnswer& answer,
+                                       const std::function<void(std::string)>& notice) {
+    const int error = answer.error;
+    if (error != 0 && error != EACCES && error != EPERM && error != ENOENT) {
+        notice(fmt::format("{} does not tell its space: {}", NameOf(mount), std::generic_category().message(error)));
+    }
+    if (error != 0 || answer.space.size == 0) return std::nullopt;
+    return answer.space;
+}
+
+std::vector<Mount> MayHangAmong(const std::vector<Mount>& disks, const std::vector<Mount>& mounts) {
+    std::vector<Mount> doubtful;
+    std::copy_if(disks.begin(), disks.end(), std::back_inserter(doubtful),
+                 [&](const Mount& disk) { return MayHangOnTheWay(disk, mounts); });
+    return doubtful;
+}
+
+}  // namespace
+
+SpaceAnswer AskFileSystem(const std::string& mountPoint) {
+    struct statvfs figures {};
+    if (statvfs(mountPoint.c_str(), &figures) != 0) return {errno, {}};
+    const std::uint64_t unit = figures.f_frsize;
+    return {0,
+            {BytesOf(figures.f_blocks, unit), BytesOf(figures.f_bfree, unit), BytesOf(figures.f_bavail, unit),
+             figures.f_files, figures.f_ffree, unit, figures.f_namemax}};
+}
+
+std::vector<std::optional<SpaceAnswer>> AskMounts(const std::vector<Mount>& mounts, const SpaceQuestion& question,
+                                                  std::chrono::milliseconds bound,
+                                                  const std::function<void(std::string)>& notice) {
+    std::vector<OpenQuestionPtr> open;
+    for (const Mount& mount : mounts) {
+        try {
+            open.push_back(Put(mount, question));
+        } catch (const std::system_error& failure) {
+            open.push_back(nullptr);
+            notice(fmt::format("{} is left out: no thread to ask it: {}", NameOf(mount), failure.what()));
+        }
+    }
+    std::vector<std::optional<SpaceAnswer>> answers(mounts.size());
+    for (std::size_t at = 0; at < mounts.size(); ++at) {
+        if (open[at] == nullptr) continue;
+        answers[at] = open[at]->waitUntil(open[at]->askedAt + bound);
+        if (!answers[at]) notice(TextOfSilence(mounts[at], *open[at]));
+    }
+    return answers;
+}
+
+std::vector<DiskSpace> ReadDisks(bool wantsSpace, const std::function<void(std::string)>& notice,
+                                 const std::function<bool(const Mount&)>& isWanted) {
+    const std::vector<Mount> mounts = ParseMountInfo(ReadSystemFile("/proc/self/mountinfo").value_or(std::string()));
+    std::vector<Mount> disks = DisksAmong(mounts);
+    if (isWanted) std::erase_if(disks, [&](const Mount& disk) { return !isWanted(disk); });
+    const std::vector<Mount> doubtful = wantsSpace ? MayHangAmong(disks, mounts) : std::vector<Mount>();
+    const std::vector<std::optional<SpaceAnswer>> answers = AskMounts(doubtful, AskFileSystem, answerBound, notice);
+    std::vector<DiskSpace> result;
+    std::size_t asked = 0;
+    for (Mount& disk : disks) {
+        std::optional<SpaceAnswer> answer = SpaceAnswer();
+        if (asked < doubtful.size() && doubtful[asked].id == disk.id) {
+            answer = answers[asked++];
+        } else if (wantsSpace) {
+            answer = AskFileSystem(disk.mountPoint);
+        }
+        if (!answer) continue;
+        const std::optional<FileSystemSpace> space = SpaceOf(disk, *answer, notice);
+        result.push_back({std::move(disk), space});
+    }
+    return result;
+}
+
+}  // namespace platform::wmi
