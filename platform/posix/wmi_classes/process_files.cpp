@@ -229,11 +229,14 @@ std::optional<std::string_view> ProcessFiles::Read(std::uint32_t processId, cons
     return std::string_view(buffer_.data(), length);
 }
 
-std::optional<std::string> ProcessFiles::ReadLink(std::uint32_t processId, const char* link) {
-    const ProcessPath path(processId, link);
-    const ssize_t length = readlinkat(directory_, path.text.data(), buffer_.data(), buffer_.size());
+std::optional<std::string> ProcessFiles::ReadExecutablePath(std::uint32_t processId) {
+    constexpr std::string_view deletedMark = " (deleted)";
+    const ProcessPath link(processId, "exe");
+    const ssize_t length = readlinkat(directory_, link.text.data(), buffer_.data(), buffer_.size());
     if (length <= 0) return std::nullopt;
-    return buffer_.substr(0, static_cast<std::size_t>(length));
+    std::string_view path(buffer_.data(), static_cast<std::size_t>(length));
+    if (path.ends_with(deletedMark)) path.remove_suffix(deletedMark.size());
+    return std::string(path);
 }
 
 std::optional<std::uint64_t> ProcessFiles::CountOpenFiles(std::uint32_t processId) {

@@ -79,8 +79,9 @@ class ProcessFiles {
     /// gone or not one's own.
     std::optional<std::string_view> Read(std::uint32_t processId, const char* file);
 
-    /// What a link such as "exe" leads to; none as above, and where there is none.
-    std::optional<std::string> ReadLink(std::uint32_t processId, const char* link);
+    /// The file that a process runs, also one that has been deleted or replaced since; none as above, and for threads
+    /// of the kernel.
+    std::optional<std::string> ReadExecutablePath(std::uint32_t processId);
 
     /// Files that a process holds open; none when it is gone or not one's own.
     std::optional<std::uint64_t> CountOpenFiles(std::uint32_t processId);

@@ -1,7 +1,226 @@
+// Win32_Process: the processes as /proc tells of them, the threads of the kernel among them, as ps lists them.
+#include <algorithm>
+#include <cmath>
+
+#include "platform/posix/wmi/system_text.h"
 #include "platform/posix/wmi_classes/families.h"
+#include "platform/posix/wmi_classes/host_names.h"
+#include "platform/posix/wmi_classes/process_files.h"
 
 namespace platform::wmi {
 
-std::span<const ClassInfo> ProcessClasses() { return {}; }
+namespace {
+
+using enum CimType;
+
+struct Need {
+    enum Bits : std::uint32_t {
+        stat = 1,
+        name = 2,
+        commandLine = 4,
+        executable = 8,
+        memory = 16,
+        io = 32,
+        handles = 64,
+        host = 128,
+        systemStart = 256,
+    };
+};
+
+struct Row {
+    ProcessStat stat;
+    std::string arguments;  // as /proc/<id>/cmdline has them
+    std::optional<std::string> executable;
+    std::optional<ProcessMemory> memory;
+    std::optional<ProcessIo> io;
+    std::optional<std::uint64_t> handles;
+
+    // the same for all
+    std::u16string host;
+    std::int64_t systemStart = 0;  // milliseconds since 1970
+};
+
+CimValue CommandLineIn(const Row& row) {
+    const std::string line = CommandLineOf(row.arguments);
+    return line.empty() ? CimValue() : CimValue(line);
+}
+
+std::u16string CreationDateIn(const Row& row) {
+    constexpr std::int64_t microsecondsOfMillisecond = 1000;
+    constexpr std::uint64_t microsecondsOfSecond = 1'000'000;
+    const std::uint64_t sinceStart = row.stat.startTicks * (microsecondsOfSecond / ClockTicksPerSecond());
+    return DmtfTime(row.systemStart * microsecondsOfMillisecond + static_cast<std::int64_t>(sinceStart));
+}
+
+/// In units of 100 ns.
+std::uint64_t TimeOf(std::uint64_t ticks) {
+    constexpr std::uint64_t unitsOfSecond = 10'000'000;
+    return ticks * (unitsOfSecond / ClockTicksPerSecond());
+}
+
+/// In the numbers of CIM_Process.
+std::uint16_t ExecutionStateOf(char state) {
+    constexpr struct {
+        std::string_view states;
+        std::uint16_t number;
+    } meanings[] = {
+        {"R", 3},    // running
+        {"SDI", 4},  // blocked
+        {"ZX", 7},   // terminated
+        {"Tt", 8},   // stopped
+    };
+    for (const auto& meaning : meanings) {
+        if (meaning.states.find(state) != std::string_view::npos) return meaning.number;
+    }
+    return 1;  // other
+}
+
+/// What a process has of memory for itself alone, in bytes.
+std::optional<std::uint64_t> PrivateBytesIn(const Row& row) {
+    if (!row.memory) return std::nullopt;
+    return row.memory->anonymous + row.memory->swapped;
+}
+
+std::optional<std::uint64_t> KilobytesOf(std::optional<std::uint64_t> bytes) {
+    constexpr std::uint64_t kilobyte = 1024;
+    if (!bytes) return std::nullopt;
+    return *bytes / kilobyte;
+}
+
+template <class Record>
+std::optional<std::uint64_t> NumberIn(const std::optional<Record>& record, std::uint64_t Record::*number) {
+    if (!record) return std::nullopt;
+    return (*record).*number;
+}
+
+constexpr auto nameIn = [](const Row& row) { return ExecutableNameOf(row.stat, row.arguments); };
+
+// clang-format off
+constexpr PropertyInfo properties[] = {
+    {u"Caption", string, Need::name, "as Name", nameIn},
+    {u"CommandLine", string, Need::commandLine, "arguments with a blank between, at most 32767 bytes; none of the kernel's threads",
+        [](const Row& row) { return CommandLineIn(row); }},
+    {u"CreationClassName", string, 0, "this class", [](const Row&) { return u"Win32_Process"; }},
+    {u"CreationDate", datetime, Need::systemStart, "start time of stat, to 10 ms", [](const Row& row) { return CreationDateIn(row); }},
+    {u"CSCreationClassName", string, 0, "the computer's class", [](const Row&) { return u"Win32_ComputerSystem"; }},
+    {u"CSName", string, Need::host, "the computer's name", [](const Row& row) { return row.host; }},
+    {u"Description", string, Need::name, "as Name", nameIn},
+    {u"ExecutablePath", string, Need::executable, "where the link exe leads", [](const Row& row) { return row.executable; }},
+    {u"ExecutionState", uint16, 0, "3 running, 4 waiting, 7 ended but not yet reaped, 8 stopped, 1 other",
+        [](const Row& row) { return ExecutionStateOf(row.stat.state); }},
+    {u"Handle", string, 0, "as ProcessId", [](const Row& row) { return std::to_string(row.stat.id); }},
+    {u"HandleCount", uint32, Need::handles, "open files", [](const Row& row) { return row.handles; }},
+    {u"InstallDate", datetime},
+    {u"KernelModeTime", uint64, 0, "100 ns, stime of stat", [](const Row& row) { return TimeOf(row.stat.kernelTicks); }},
+    {u"MaximumWorkingSetSize", uint32},
+    {u"MinimumWorkingSetSize", uint32},
+    {u"Name", string, Need::name, "of the executable", nameIn},
+    {u"OSCreationClassName", string, 0, "the system's class", [](const Row&) { return u"Win32_OperatingSystem"; }},
+    {u"OSName", string},
+    {u"OtherOperationCount", uint64},
+    {u"OtherTransferCount", uint64},
+    {u"PageFaults", uint32, 0, "major and minor ones, of stat",
+        [](const Row& row) { return row.stat.minorFaults + row.stat.majorFaults; }},
+    {u"PageFileUsage", uint32, Need::memory, "KB, as PrivatePageCount", [](const Row& row) { return KilobytesOf(PrivateBytesIn(row)); }},
+    {u"ParentProcessId", uint32, 0, "of stat", [](const Row& row) { return row.stat.parentId; }},
+    {u"PeakPageFileUsage", uint32},
+    {u"PeakVirtualSize", uint64, Need::memory, "bytes, VmPeak of status",
+        [](const Row& row) { return NumberIn(row.memory, &ProcessMemory::peakVirtual); }},
+    {u"PeakWorkingSetSize", uint32, Need::memory, "KB, VmHWM of status",
+        [](const Row& row) { return KilobytesOf(NumberIn(row.memory, &ProcessMemory::peakResident)); }},
+    {u"Priority", uint32, 0, "24 real time, 13, 10, 8 normal, 6, 4, by the nice value",
+        [](const Row& row) { return BasePriorityOf(row.stat); }},
+    {u"PrivatePageCount", uint64, Need::memory, "bytes of no file, resident or swapped out; RssAnon and VmSwap of status",
+        [](const Row& row) { return PrivateBytesIn(row); }},
+    {u"ProcessId", uint32, 0, "of stat", [](const Row& row) { return row.stat.id; }},
+    {u"QuotaNonPagedPoolUsage", uint32},
+    {u"QuotaPagedPoolUsage", uint32},
+    {u"QuotaPeakNonPagedPoolUsage", uint32},
+    {u"QuotaPeakPagedPoolUsage", uint32},
+    {u"ReadOperationCount", uint64, Need::io, "syscr of io", [](const Row& row) { return NumberIn(row.io, &ProcessIo::readOperations); }},
+    {u"ReadTransferCount", uint64, Need::io, "bytes, rchar of io", [](const Row& row) { return NumberIn(row.io, &ProcessIo::readBytes); }},
+    {u"SessionId", uint32, 0, "of stat: the id of the session's first process", [](const Row& row) { return row.stat.sessionId; }},
+    {u"Status", string},
+    {u"TerminationDate", datetime},
+    {u"ThreadCount", uint32, 0, "of stat", [](const Row& row) { return row.stat.threads; }},
+    {u"UserModeTime", uint64, 0, "100 ns, utime of stat", [](const Row& row) { return TimeOf(row.stat.userTicks); }},
+    {u"VirtualSize", uint64, 0, "bytes, vsize of stat", [](const Row& row) { return row.stat.virtualBytes; }},
+    {u"WindowsVersion", string},
+    {u"WorkingSetSize", uint64, 0, "bytes resident, rss of stat", [](const Row& row) { return row.stat.residentPages * PageSize(); }},
+    {u"WriteOperationCount", uint64, Need::io, "syscw of io", [](const Row& row) { return NumberIn(row.io, &ProcessIo::writeOperations); }},
+    {u"WriteTransferCount", uint64, Need::io, "bytes, wchar of io", [](const Row& row) { return NumberIn(row.io, &ProcessIo::writtenBytes); }},
+};
+// clang-format on
+
+std::optional<std::uint32_t> ProcessIdOf(const CimValue& value) {
+    std::optional<std::uint64_t> id;
+    if (const auto* number = std::get_if<std::int64_t>(&value.held); number != nullptr && *number >= 0) {
+        id = static_cast<std::uint64_t>(*number);
+    } else if (const auto* text = std::get_if<std::u16string>(&value.held); text != nullptr) {
+        id = NumberOf(Utf8FromWide(*text));
+    }
+    return id && *id <= UINT32_MAX ? std::optional(static_cast<std::uint32_t>(*id)) : std::nullopt;
+}
+
+/// The processes that can match, ascending: those that WHERE names, else all.
+std::vector<std::uint32_t> ProcessesToRead(const Gathering& gathering) {
+    const std::vector<CimValue>* values = gathering.valuesOf(u"ProcessId");
+    if (values == nullptr) values = gathering.valuesOf(u"Handle");
+    if (values == nullptr) return ListProcessIds();
+    std::vector<std::uint32_t> ids;
+    for (const CimValue& value : *values) {
+        if (const std::optional<std::uint32_t> id = ProcessIdOf(value)) ids.push_back(*id);
+    }
+    std::sort(ids.begin(), ids.end());
+    ids.erase(std::unique(ids.begin(), ids.end()), ids.end());
+    return ids;
+}
+
+/// False when there is no such process, or no longer.
+bool ReadStat(ProcessFiles& files, std::uint32_t id, ProcessStat& stat) {
+    const std::optional<std::string_view> text = files.Read(id, "stat");
+    std::optional<ProcessStat> parsed = text ? ParseProcessStat(*text) : std::nullopt;
+    if (!parsed || !parsed->isProcess) return false;
+    stat = std::move(*parsed);
+    return true;
+}
+
+std::optional<ProcessMemory> ReadMemory(ProcessFiles& files, std::uint32_t id) {
+    const std::optional<std::string_view> text = files.Read(id, "status");
+    if (!text) return std::nullopt;
+    return ParseProcessStatus(*text);
+}
+
+/// What a process has besides its stat; a part that may not be read, or no longer, stays empty.
+void ReadParts(ProcessFiles& files, const Gathering& gathering, Row& row) {
+    const std::uint32_t id = row.stat.id;
+    row.arguments.clear();
+    if (gathering.asksFor(Need::commandLine) || (gathering.asksFor(Need::name) && MayBeCut(row.stat))) {
+        row.arguments = files.Read(id, "cmdline").value_or("");
+    }
+    if (gathering.asksFor(Need::executable)) row.executable = files.ReadExecutablePath(id);
+    if (gathering.asksFor(Need::memory)) row.memory = ReadMemory(files, id);
+    if (gathering.asksFor(Need::io)) row.io = ParseProcessIo(files.Read(id, "io").value_or(""));
+    if (gathering.asksFor(Need::handles)) row.handles = files.CountOpenFiles(id);
+}
+
+WmiStatus GatherProcesses(const Gathering& gathering) {
+    ProcessFiles files;
+    Row row;
+    if (gathering.asksFor(Need::host)) row.host = HostName();
+    if (gathering.asksFor(Need::systemStart)) row.systemStart = SystemStartMilliseconds();
+    for (const std::uint32_t id : ProcessesToRead(gathering)) {
+        if (!ReadStat(files, id, row.stat)) continue;
+        ReadParts(files, gathering, row);
+        if (!gathering.row(&row)) break;
+    }
+    return wmi_status::ok;
+}
+
+constexpr ClassInfo classes[] = {{u"Win32_Process", u"CIM_Process", properties, GatherProcesses}};
+
+}  // namespace
+
+std::span<const ClassInfo> ProcessClasses() { return classes; }
 
 }  // namespace platform::wmi

@@ -1,7 +1,225 @@
+#include "platform/posix/wmi_classes/services.h"
+
+#include <system_error>
+
 #include "platform/posix/wmi_classes/families.h"
+#include "platform/posix/wmi_classes/host_names.h"
 
 namespace platform::wmi {
 
-std::span<const ClassInfo> ServiceClasses() { return {}; }
+namespace {
+
+using enum CimType;
+
+struct Need {
+    enum Bits : std::uint32_t {
+        description = 1,
+        process = 2,
+        canStop = 4,
+        ending = 8,
+        user = 16,
+        command = 32,
+        host = 64,
+    };
+};
+
+struct Row {
+    ServiceUnit unit;
+    std::uint32_t process = 0;
+    bool canStop = false;
+    std::uint32_t exitCode = 0;
+    std::uint32_t endingStatus = 0;
+    std::optional<std::string> user;
+    std::optional<std::string> command;
+    std::u16string host;
+};
+
+constexpr std::string_view serviceSuffix = ".service";
+constexpr std::chrono::milliseconds usualPatience{5000};
+
+bool IsStarted(const ServiceUnit& unit) { return StateOf(unit) == u"Running"; }
+bool IsStopped(const ServiceUnit& unit) { return StateOf(unit) == u"Stopped"; }
+bool HasFailed(const ServiceUnit& unit) { return unit.activeState == "failed"; }
+
+std::string_view NameOf(const ServiceUnit& unit) {
+    std::string_view name = unit.id;
+    if (name.ends_with(serviceSuffix)) name.remove_suffix(serviceSuffix.size());
+    return name;
+}
+
+/// The unit's own text, or its name where it has none.
+std::string_view DisplayNameOf(const ServiceUnit& unit) {
+    return unit.description.empty() ? NameOf(unit) : std::string_view(unit.description);
+}
+
+constexpr auto displayNameIn = [](const Row& row) { return DisplayNameOf(row.unit); };
+
+// clang-format off
+constexpr PropertyInfo properties[] = {
+    {u"AcceptPause", boolean, 0, "never: units cannot pause", [](const Row&) { return false; }},
+    {u"AcceptStop", boolean, Need::canStop, "whether it runs, and may be stopped by hand", [](const Row& row) { return row.canStop; }},
+    {u"Caption", string, Need::description, "as DisplayName", displayNameIn},
+    {u"CheckPoint", uint32},
+    {u"CreationClassName", string, 0, "this class", [](const Row&) { return u"Win32_Service"; }},
+    {u"DelayedAutoStart", boolean},
+    {u"Description", string, Need::description, "as DisplayName", displayNameIn},
+    {u"DesktopInteract", boolean, 0, "never", [](const Row&) { return false; }},
+    {u"DisplayName", string, Need::description, "Description of the unit", displayNameIn},
+    {u"ErrorControl", string},
+    {u"ExitCode", uint32, Need::ending, "of a failed one: its exit status, or 1067; else 0", [](const Row& row) { return row.exitCode; }},
+    {u"InstallDate", datetime},
+    {u"Name", string, 0, "of the unit, without .service", [](const Row& row) { return NameOf(row.unit); }},
+    {u"PathName", string, Need::command, "the first ExecStart command", [](const Row& row) { return row.command; }},
+    {u"ProcessId", uint32, Need::process, "the main process; 0 where there is none", [](const Row& row) { return row.process; }},
+    {u"ServiceSpecificExitCode", uint32, Need::ending, "of a failed one: its exit status or signal; else 0",
+        [](const Row& row) { return row.endingStatus; }},
+    {u"ServiceType", string, 0, "always a process of its own", [](const Row&) { return u"Own Process"; }},
+    {u"Started", boolean, 0, "whether State is Running", [](const Row& row) { return IsStarted(row.unit); }},
+    {u"StartMode", string, 0, "Auto: enabled; Disabled: masked; else Manual", [](const Row& row) { return StartModeOf(row.unit); }},
+    {u"StartName", string, Need::user, "the user that it runs as", [](const Row& row) { return row.user; }},
+    {u"State", string, 0, "Running, Stopped, Start Pending, Stop Pending", [](const Row& row) { return StateOf(row.unit); }},
+    {u"Status", string, 0, "OK; Error after a failure; Degraded between restarts", [](const Row& row) { return HealthOf(row.unit); }},
+    {u"SystemCreationClassName", string, 0, "the computer's class", [](const Row&) { return u"Win32_ComputerSystem"; }},
+    {u"SystemName", string, Need::host, "the computer's name", [](const Row& row) { return row.host; }},
+    {u"TagId", uint32},
+    {u"WaitHint", uint32},
+};
+// clang-format on
+
+struct Meaning {
+    std::string_view word;
+    std::u16string_view text;
+};
+
+template <std::size_t count>
+std::u16string_view MeaningOf(std::string_view word, const Meaning (&meanings)[count], std::u16string_view otherwise) {
+    for (const Meaning& meaning : meanings) {
+        if (meaning.word == word) return meaning.text;
+    }
+    return otherwise;
+}
+
+/// Patterns of the services that can match.
+std::vector<std::string> PatternsOf(const Gathering& gathering) {
+    const std::vector<CimValue>* names = gathering.valuesOf(u"Name");
+    if (names == nullptr) return {"*.service"};
+    std::vector<std::string> patterns;
+    for (const CimValue& value : *names) {
+        const auto* name = std::get_if<std::u16string>(&value.held);
+        if (name != nullptr) patterns.push_back(PatternOfName(Utf8FromWide(*name)));
+    }
+    return patterns;
+}
+
+int ListServices(ServiceManager& manager, const Gathering& gathering, std::vector<ServiceUnit>& units) {
+    const std::vector<std::string> patterns = PatternsOf(gathering);
+    if (patterns.empty()) return 0;  // which would find all
+    std::vector<ServiceUnit> loaded;
+    std::vector<UnitFile> files;
+    int result = manager.ListLoaded(patterns, loaded);
+    if (result >= 0) result = manager.ListFiles(patterns, files);
+    if (result < 0) return result;
+    units = WithUnitFiles(std::move(loaded), files);
+    return gathering.asksFor(Need::description) ? manager.Describe(units) : 0;
+}
+
+int ReadEnding(ServiceManager& manager, Row& row) {
+    ServiceEnding ending;
+    const int result = manager.LastEnding(row.unit, ending);
+    row.exitCode = ExitCodeOf(ending);
+    row.endingStatus = ending.status;
+    return result;
+}
+
+/// A property that the manager does not give stays empty.
+int ReadText(ServiceManager& manager, int (ServiceManager::*read)(const ServiceUnit&, std::string&),
+             const ServiceUnit& unit, std::optional<std::string>& text) {
+    std::string given;
+    const int result = (manager.*read)(unit, given);
+    if (result >= 0) text = std::move(given);
+    return result;
+}
+
+/// Asks for the properties of one service that the query needs, and that are not known by its state. Below 0 only when
+/// the manager no longer answers.
+int ReadDetails(ServiceManager& manager, const Gathering& gathering, Row& row) {
+    int result = 0;
+    const auto isDue = [&](std::uint32_t need, bool applies) {
+        return !IsLost(result) && applies && gathering.asksFor(need);
+    };
+    const ServiceUnit& unit = row.unit;
+    if (isDue(Need::process, !IsStopped(unit))) result = manager.MainProcess(unit, row.process);
+    if (isDue(Need::canStop, IsStarted(unit))) result = manager.CanStop(unit, row.canStop);
+    if (isDue(Need::ending, HasFailed(unit))) result = ReadEnding(manager, row);
+    if (isDue(Need::user, true)) result = ReadText(manager, &ServiceManager::User, unit, row.user);
+    if (isDue(Need::command, true)) result = ReadText(manager, &ServiceManager::StartCommand, unit, row.command);
+    if (row.user && row.user->empty()) row.user = "root";
+    return IsLost(result) ? result : 0;
+}
+
+int GatherFrom(ServiceManager& manager, const Gathering& gathering) {
+    std::vector<ServiceUnit> units;
+    int result = ListServices(manager, gathering, units);
+    if (result < 0) return result;
+    const std::u16string host = HostName();
+    for (ServiceUnit& unit : units) {
+        Row row;
+        row.host = host;
+        row.unit = std::move(unit);
+        result = ReadDetails(manager, gathering, row);
+        if (result < 0 || !gathering.row(&row)) return result;
+    }
+    return 0;
+}
+
+constexpr ClassInfo classes[] = {
+    {u"Win32_Service", u"Win32_BaseService", properties,
+     [](const Gathering& gathering) { return GatherServices(gathering, usualPatience); }},
+};
+
+}  // namespace
+
+std::u16string_view StateOf(const ServiceUnit& unit) {
+    constexpr Meaning meanings[] = {
+        {"active", u"Running"},           {"reloading", u"Running"},
+        {"refreshing", u"Running"},       {"inactive", u"Stopped"},
+        {"failed", u"Stopped"},           {"maintenance", u"Stopped"},
+        {"activating", u"Start Pending"}, {"deactivating", u"Stop Pending"},
+    };
+    return MeaningOf(unit.activeState, meanings, u"Unknown");
+}
+
+std::u16string_view HealthOf(const ServiceUnit& unit) {
+    if (HasFailed(unit)) return u"Error";
+    return unit.subState == "auto-restart" ? u"Degraded" : u"OK";
+}
+
+std::u16string_view StartModeOf(const ServiceUnit& unit) {
+    constexpr Meaning meanings[] = {
+        {"enabled", u"Auto"},
+        {"enabled-runtime", u"Auto"},
+        {"masked", u"Disabled"},
+        {"masked-runtime", u"Disabled"},
+    };
+    return MeaningOf(unit.fileState, meanings, unit.loadState == "masked" ? u"Disabled" : u"Manual");
+}
+
+std::uint32_t ExitCodeOf(const ServiceEnding& ending) {
+    constexpr std::uint32_t processAborted = 1067;
+    return ending.exited && ending.status != 0 ? ending.status : processAborted;
+}
+
+WmiStatus GatherServices(const Gathering& gathering, std::chrono::milliseconds patience) {
+    ServiceManager manager;
+    int result = manager.Connect(patience);
+    if (result >= 0) result = GatherFrom(manager, gathering);
+    if (result < 0 && !IsAbsent(result)) {
+        gathering.notice(std::string("Services were left out, as the service manager does not answer: ") +
+                         std::generic_category().message(-result));
+    }
+    return wmi_status::ok;
+}
+
+std::span<const ClassInfo> ServiceClasses() { return classes; }
 
 }  // namespace platform::wmi

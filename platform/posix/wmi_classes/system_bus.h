@@ -1,0 +1,24 @@
+// The system's message bus (D-Bus), through sd-bus.
+//
+// Results are those of sd-bus: below 0, a negated errno value.
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <systemd/sd-bus.h>
+
+namespace platform::wmi {
+
+struct CloseBus {
+    void operator()(sd_bus* bus) const { sd_bus_close_unref(bus); }
+};
+
+/// One connection; belongs to one thread at a time.
+using BusConnection = std::unique_ptr<sd_bus, CloseBus>;
+
+/// Connects to the bus of DBUS_SYSTEM_BUS_ADDRESS, or where that is not set, the usual one. Waits for the bus no longer
+/// than the patience, and lets no call on the connection wait longer for its answer, unless it has its own timeout.
+/// -ENOENT or -ECONNREFUSED where there is no bus, -ETIMEDOUT when it does not answer.
+int OpenSystemBus(std::chrono::milliseconds patience, BusConnection& bus);
+
+}  // namespace platform::wmi

@@ -1,0 +1,75 @@
+// Service units as the service manager, systemd, tells of them on the system's bus (org.freedesktop.systemd1(5)).
+//
+// Results are those of sd-bus: below 0, a negated errno value.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/posix/wmi_classes/system_bus.h"
+
+namespace platform::wmi {
+
+/// States are the manager's words: "loaded", "active", "running", "enabled" and the like.
+struct ServiceUnit {
+    std::string id;  // "ssh.service"
+    std::string description;
+    std::string loadState;
+    std::string activeState;
+    std::string subState;
+    std::string fileState;  // of its unit file; empty where it has none
+};
+
+/// How a service's main process ended.
+struct ServiceEnding {
+    bool exited = false;       // false: by a signal, or there was none
+    std::uint32_t status = 0;  // exit status, or the signal
+};
+
+struct UnitFile {
+    std::string id;  // the file's name
+    std::string state;
+};
+
+/// The units as one list: those that are loaded and really there, and for each unit file without one an inactive unit.
+/// Templates (their names end in "@") are no units, and an alias is another name of one that is there already.
+std::vector<ServiceUnit> WithUnitFiles(std::vector<ServiceUnit> loaded, const std::vector<UnitFile>& files);
+
+/// A pattern that finds the service of a name without regard to case, and no other.
+std::string PatternOfName(std::string_view name);
+
+/// Whether a result says that no manager is there: no bus, or no one of that name on it.
+bool IsAbsent(int result);
+
+/// Whether a result says that the manager or the bus stopped answering, so that more questions make no sense.
+bool IsLost(int result);
+
+/// The manager at the other end of a connection.
+class ServiceManager {
+  public:
+    int Connect(std::chrono::milliseconds patience) { return OpenSystemBus(patience, bus_); }
+
+    /// Services that are loaded and match one of the patterns, as in a shell.
+    int ListLoaded(const std::vector<std::string>& patterns, std::vector<ServiceUnit>& units);
+    int ListFiles(const std::vector<std::string>& patterns, std::vector<UnitFile>& files);
+
+    /// Fills in the descriptions of units that are not loaded.
+    int Describe(std::vector<ServiceUnit>& units);
+
+    /// Properties of one service. One that is not loaded is loaded by the manager for the time being.
+    int MainProcess(const ServiceUnit& unit, std::uint32_t& processId);  // 0: none
+    int CanStop(const ServiceUnit& unit, bool& canStop);
+    int LastEnding(const ServiceUnit& unit, ServiceEnding& ending);
+    int User(const ServiceUnit& unit, std::string& user);  // empty: the superuser
+
+    /// The first command that starts it, with a blank between the arguments; empty where there is none.
+    int StartCommand(const ServiceUnit& unit, std::string& command);
+
+  private:
+    BusConnection bus_;
+};
+
+}  // namespace platform::wmi
