@@ -1,9 +1,14 @@
 #include "platform/posix/posix.h"
 #include "platform/utf.h"
+#include "platform/wmi_status.h"
 
 namespace platform {
 
 namespace {
+
+/// The one library there is: WMI's texts are this program's own.
+constexpr ModuleHandle wmiTexts = 1;
+constexpr std::u16string_view wmiTextsName = u"wmiutils.dll";
 
 std::optional<std::u16string> FormatMessageW(Error code) {
     switch (code) {
@@ -17,8 +22,30 @@ std::optional<std::u16string> FormatMessageW(Error code) {
     }
 }
 
+Error LoadLibraryW(std::u16string_view name, ModuleHandle& module) {
+    if (name != wmiTextsName) return error::fileNotFound;
+    module = wmiTexts;
+    return error::success;
+}
+
+std::optional<std::u16string> FormatModuleMessageW(ModuleHandle module, Error code) {
+    if (module != wmiTexts) return std::nullopt;
+    switch (code) {
+#define KV_GIVE_LINE(name, number, text) \
+    case number:                         \
+        return WideFromUtf8(text "\r\n");
+        KV_WMI_STATUSES(KV_GIVE_LINE)
+#undef KV_GIVE_LINE
+        default:
+            return std::nullopt;
+    }
+}
+
 }  // namespace
 
-MessageOperations PosixMessages() { return {.FormatMessageW = FormatMessageW}; }
+MessageOperations PosixMessages() {
+    return {
+        .FormatMessageW = FormatMessageW, .LoadLibraryW = LoadLibraryW, .FormatModuleMessageW = FormatModuleMessageW};
+}
 
 }  // namespace platform
