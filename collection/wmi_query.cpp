@@ -1,0 +1,171 @@
+#include "collection/wmi_query.h"
+
+#include <memory>
+#include <string_view>
+
+#include "collection/wmi_text.h"
+#include "foundation/hash_table.h"
+#include "foundation/log.h"
+#include "platform/wmi.h"
+
+namespace kv {
+
+namespace {
+
+using platform::Wmi;
+using platform::WmiHandle;
+using platform::WmiStatus;
+namespace wmi_status = platform::wmi_status;
+
+/// COM on this thread, once it is up.
+struct ComUse {
+    bool isUp = false;
+
+    ComUse() = default;
+    ComUse(const ComUse&) = delete;
+    ComUse& operator=(const ComUse&) = delete;
+    ~ComUse() {
+        if (isUp) Wmi().CoUninitialize();
+    }
+};
+
+/// What a step obtained, if it did.
+struct Obtained {
+    WmiHandle handle = 0;
+
+    Obtained() = default;
+    Obtained(const Obtained&) = delete;
+    Obtained& operator=(const Obtained&) = delete;
+    ~Obtained() {
+        if (handle != 0) Wmi().Release(handle);
+    }
+};
+
+/// Ends the enumeration of an object's properties.
+struct EnumerationEnd {
+    WmiHandle object;
+
+    explicit EnumerationEnd(WmiHandle enumerated) : object(enumerated) {}
+    EnumerationEnd(const EnumerationEnd&) = delete;
+    EnumerationEnd& operator=(const EnumerationEnd&) = delete;
+    ~EnumerationEnd() { Wmi().EndEnumeration(object); }
+};
+
+/// One query and what it holds of the system, given back from the last member to the first.
+struct Query {
+    std::u16string_view nameSpace;
+    std::u16string_view text;
+    ComUse com = {};
+    Obtained locator = {};
+    Obtained services = {};
+    Obtained enumerator = {};
+};
+
+/// How a query ended: the status, and of a failure what FormatWMIError is to say about it.
+struct Outcome {
+    WmiStatus status = wmi_status::ok;
+    std::u16string_view text = {};
+};
+
+struct ConnectStep {
+    const char16_t* failure;
+    WmiStatus (*run)(Query& query);
+};
+
+constexpr ConnectStep connectSteps[] = {
+    {u"Failed to initialize COM library",
+     [](Query& query) {
+         const WmiStatus status = Wmi().CoInitializeEx();
+         query.com.isUp = !platform::IsFailure(status);
+         return status;
+     }},
+    {u"Failed to initialize security", [](Query&) { return Wmi().CoInitializeSecurity(); }},
+    {u"Failed to create IWbemLocator object",
+     [](Query& query) { return Wmi().CoCreateInstance(query.locator.handle); }},
+    {u"Could not connect to nameSpace",
+     [](Query& query) { return Wmi().ConnectServer(query.locator.handle, query.nameSpace, query.services.handle); }},
+    {u"Could not set proxy blanket", [](Query& query) { return Wmi().CoSetProxyBlanket(query.services.handle); }},
+};
+
+Outcome Connect(Query& query) {
+    for (const ConnectStep& step : connectSteps) {
+        const WmiStatus status = step.run(query);
+        if (!platform::IsFailure(status)) continue;
+        Log1("\t WMIFunction :: %s [%x]\n", step.failure, status);
+        return {status, step.failure};
+    }
+    return {};
+}
+
+Outcome Start(Query& query) {
+    const WmiStatus status = Wmi().ExecQuery(query.services.handle, query.text, query.enumerator.handle);
+    if (!platform::IsFailure(status)) return {};
+    Log1("\t WMIFunction ::ExecQuery Failed for %s. Last Error code is [%x] \n", query.text, status);
+    return {status, query.text};
+}
+
+void PutProperties(WmiHandle object, HashTable* row) {
+    std::u16string name;
+    platform::Variant value;
+    WmiStatus status = Wmi().NextProperty(object, name, value);
+    for (; status == wmi_status::ok; status = Wmi().NextProperty(object, name, value)) {
+        if (PutHashText(row, name, VariantToString(value)) != 1)
+            Log1("\t WMIFunction :: No memory for the property %s, it is left out\n", name);
+    }
+    if (platform::IsFailure(status)) Log1("\t WMIFunction :: A row ends at a property that failed [%x]\n", status);
+}
+
+void AppendRow(WmiHandle object, Vector* rows) {
+    HashTablePtr row = MakeHashTable();
+    if (!row) {
+        Log1("\tWMIFunction :: InitHashTable Failed\n");
+        return;
+    }
+    const WmiStatus status = Wmi().BeginEnumeration(object);
+    if (platform::IsFailure(status)) {
+        Log1("\t WMIFunction :: BeginEnumeration failed, its row is left out [%x]\n", status);
+        return;
+    }
+    const EnumerationEnd end(object);
+    PutProperties(object, row.get());
+    auto element =
+        std::make_unique<VectorElement>(VectorElement{reinterpret_cast<Word>(row.get()), ValueType::table, nullptr});
+    AddElement(rows, element.get());
+    static_cast<void>(element.release());
+    static_cast<void>(row.release());
+}
+
+/// Takes objects until there are none left, or no more can be had: the status says which.
+WmiStatus AppendRows(WmiHandle enumerator, Vector* rows) {
+    while (true) {
+        Obtained object;
+        std::uint32_t count = 0;
+        const WmiStatus status = Wmi().Next(enumerator, object.handle, count);
+        if (status != wmi_status::ok || count != 1) return status;
+        AppendRow(object.handle, rows);
+    }
+}
+
+Outcome Run(std::u16string_view nameSpace, std::u16string_view text, Vector* rows) {
+    Query query{.nameSpace = nameSpace, .text = text};
+    Outcome outcome = Connect(query);
+    if (!platform::IsFailure(outcome.status)) outcome = Start(query);
+    if (platform::IsFailure(outcome.status)) return outcome;
+    const WmiStatus status = AppendRows(query.enumerator.handle, rows);
+    for (const std::u16string& notice : Wmi().TakeNotices(query.enumerator.handle))
+        Log1("\t WMIFunction :: %s \n", notice);
+    if (platform::IsFailure(status)) Log1("\t WMIFunction :: Next failed after %d rows [%x]\n", rows->count, status);
+    return {status, u"ERROR"};
+}
+
+}  // namespace
+
+std::u16string WMIFunction(const OptionalText& nameSpace, const OptionalText& wmiQuery, Vector* rows) {
+    Log3("\t Inside WMIFunction() \n");
+    if (!wmiQuery) return u"wmiQuery is NULL";
+    // What failed is named only when everything has been given back.
+    const Outcome outcome = Run(nameSpace ? *nameSpace : std::u16string_view(u"ROOT\\CIMV2"), *wmiQuery, rows);
+    return platform::IsFailure(outcome.status) ? FormatWMIError(outcome.status, outcome.text) : u"NO ERROR";
+}
+
+}  // namespace kv
