@@ -222,9 +222,10 @@ TEST_F(Collection, AWorkflowRunsItsRecordsInOrderByKind) {
     std::int32_t first = 0;
     CollectAndSaveData(&first);
     FreeAllHashTable(plan);
-    EXPECT_EQ(Record(1),
-              "{ \"MSPCUSTOMERID\": \"Acme\", \"AGENTKEY\": \"K\", \"DATACOLLECTTIME\": \"1772705107\", "
-              "\"ERRORMSG\": \"WMI queries are not built yet on this system\", \"Disks\": [ ] }");
+    EXPECT_EQ(
+        Record(1),
+        "{ \"MSPCUSTOMERID\": \"Acme\", \"AGENTKEY\": \"K\", \"DATACOLLECTTIME\": \"1772705107\", "
+        "\"ERRORMSG\": \"FAILED:SELECT * FROM D ERRORCODE:80041010 MESSAGE:Invalid class\\r\\n\", \"Disks\": [ ] }");
     EXPECT_EQ(Record(2), "K,N,1772705107,3600,p\n");
     EXPECT_EQ(Record(3),
               "{ \"PROTOCOL\": \"SPOLL\", \"MSPCUSTOMERID\": \"Acme\", \"ID\": \"\", "

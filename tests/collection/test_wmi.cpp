@@ -1,0 +1,153 @@
+// One WMI query of the agent on scripted operations, step by step, and how values and failures read in a record.
+#include <cmath>
+#include <new>
+#include <tuple>
+#include <vector>
+
+#include "collection/collect.h"
+#include "collection/wmi_query.h"
+#include "collection/wmi_text.h"
+#include "foundation/agent_state.h"
+#include "foundation/file_utils.h"
+#include "platform/utf.h"
+#include "tests/support/test_agent.h"
+
+namespace kv::test {
+namespace {
+
+using platform::Variant;
+using enum platform::VariantType;
+
+/// Answers a query with the objects 4 and 5 of two properties each; one call, by its text, fails or throws.
+class WmiQuery : public TestAgent {
+  protected:
+    using Handle = platform::WmiHandle;
+
+    platform::WmiStatus Call(const std::string& call, Handle number = 0, Handle* handle = nullptr) {
+        calls += call + ' ';
+        if (call == failing && failure == platform::wmi_status::ok) throw std::bad_alloc();
+        if (call == failing) return failure;
+        if (handle) *handle = number;
+        return platform::wmi_status::ok;
+    }
+
+    platform::WmiOperations Scripted() {
+        return {
+            .CoInitializeEx = [this] { return Call("up"); },
+            .CoUninitialize = [this] { Call("down"); },
+            .CoInitializeSecurity = [this] { return Call("security"); },
+            .CoCreateInstance = [this](Handle& to) { return Call("create", 1, &to); },
+            .ConnectServer = [this](Handle, auto in, Handle& to) { return Call(platform::Utf8FromWide(in), 2, &to); },
+            .CoSetProxyBlanket = [this](Handle) { return Call("blanket"); },
+            .ExecQuery = [this](Handle, auto, Handle& to) { return Call("query", 3, &to); },
+            .Next =
+                [this](Handle, auto& object, auto& count) {
+                    count = ++last <= 5 ? 1 : 0;
+                    return Call("next" + std::to_string(last), last, count == 1 ? &object : nullptr);
+                },
+            .BeginEnumeration = [this](Handle object) { return property = 0, Call("begin" + std::to_string(object)); },
+            .NextProperty =
+                [this](Handle object, auto& name, auto& value) {
+                    name = property == 0 ? u"First" : u"Second";
+                    value = {i4, static_cast<std::int32_t>(object), 0, u""};
+                    return ++property > 2 ? platform::wmi_status::noMoreData : Call("property");
+                },
+            .EndEnumeration = [this](Handle) { return Call("end"); },
+            .Release = [this](Handle handle) { Call("-" + std::to_string(handle)); },
+            .TakeNotices = [](Handle) { return std::vector<std::u16string>{u"C: was left out"}; },
+        };
+    }
+
+    std::string failing, calls;
+    platform::WmiStatus failure = platform::wmi_status::notFound;
+    Handle last = 3;
+    int property = 0;
+    const platform::ScopedOperations<platform::WmiOperations> scoped{Scripted()};
+};
+
+TEST_F(WmiQuery, GivesEverythingBackInReverseOrderWhereverItEnds) {
+    const std::string started = "up security create ROOT\\CIMV2 blanket query ", end = "-3 -2 -1 down ";
+    const std::string row4 = "next4 begin4 property property end -4 ", row5 = "next5 begin5 property property end -5 ";
+    struct Row {
+        std::string failing, result;  // the text of a failure, or "NO ERROR", or "" for an exception
+        std::string calls;
+        int rows = 0;
+    };
+    for (const Row& row : std::vector<Row>{
+             {"up", "Failed to initialize COM library", "up "},
+             {"security", "Failed to initialize security", "up security down "},
+             {"create", "Failed to create IWbemLocator object", "up security create down "},
+             {"ROOT\\CIMV2", "Could not connect to nameSpace", "up security create ROOT\\CIMV2 -1 down "},
+             {"blanket", "Could not set proxy blanket", "up security create ROOT\\CIMV2 blanket -2 -1 down "},
+             {"query", "SELECT", started + "-2 -1 down "},
+             {"begin4", "NO ERROR", started + "next4 begin4 -4 " + row5 + "next6 " + end, 1},
+             {"property", "", started + "next4 begin4 property end -4 " + end},
+             {"next6", "ERROR", started + row4 + row5 + "next6 " + end, 2},
+             {"nothing", "NO ERROR", started + row4 + row5 + "next6 " + end, 2},
+         }) {
+        failing = row.failing;
+        failure = row.result.empty() ? platform::wmi_status::ok : platform::wmi_status::notFound;
+        last = 3;
+        calls.clear();
+        const VectorPtr rows = MakeVector();
+        std::u16string result;
+        try {
+            result = WMIFunction(std::nullopt, u"SELECT", rows.get());
+        } catch (const std::bad_alloc&) {
+        }
+        const bool ended = row.result.empty() || row.result == "NO ERROR";
+        EXPECT_EQ(platform::Utf8FromWide(result),
+                  ended ? row.result : "FAILED:" + row.result + " ERRORCODE:80041002 MESSAGE:Not found\r\n");
+        EXPECT_EQ(calls, row.calls);
+        EXPECT_EQ(rows->count, row.rows) << failing;
+    }
+    EXPECT_EQ(WMIFunction(std::nullopt, std::nullopt, nullptr), u"wmiQuery is NULL");
+    for (const char* line : {"\t WMIFunction :: Failed to initialize COM library [80041002]\n",
+                             "\t WMIFunction ::ExecQuery Failed for SELECT. Last Error code is [80041002] \n"})
+        EXPECT_TRUE(Logged(line)) << line;
+}
+
+TEST_F(WmiQuery, LeavesItsRowsInTheRecordBesideTheError) {
+    agentState.gv_agentKey.publish(u"K");
+    failing = "next6";
+    ExecuteWMIQuery(u"ROOT\\X", u"SELECT", u"Disks");
+    EXPECT_NE(TextFromUtf16LittleEndian(Read(data / "Agent_K_1.txt"))
+                  .find(uR"(MESSAGE:Not found\r\n", "Disks": [ { "Second": "4", "First": "4" }, { "Second": "5", )"),
+              std::u16string::npos);
+    EXPECT_NE(calls.find("ROOT\\X"), calls.npos);
+    EXPECT_TRUE(Logged("\t WMIFunction :: C: was left out \n"));
+}
+
+TEST_F(WmiQuery, ItsFailureIsExplainedByTheSystemOrByWmi) {
+    EXPECT_EQ(FormatWMIError(5, u"t"), u"FAILED:t ERRORCODE:5 MESSAGE:Access is denied.");
+    EXPECT_EQ(FormatWMIError(0x80041010, u"t"), u"FAILED:t ERRORCODE:80041010 MESSAGE:Invalid class\r\n");
+    EXPECT_EQ(FormatWMIError(0x8FFFFFFF, u""), u"FAILED: ERRORCODE:8fffffff MESSAGE:");
+    EXPECT_TRUE(Logged("\tFormatted errorMess :: FAILED:t ERRORCODE:5 MESSAGE:Access is denied."));
+}
+
+TEST(WmiText, OfEveryTypeOfValue) {
+    const std::u16string longText(100000, u'x');
+    for (const auto& [title, value, text] : std::vector<std::tuple<const char*, Variant, std::u16string_view>>{
+             {"NULL", {null, 0, 0, u""}, u"-"},
+             {"16 bits are unsigned", {i2, -2, 0, u""}, u"65534"},
+             {"32 bits are signed", {i4, INT32_MIN, 0, u""}, u"-2147483648"},
+             {"real to ten places", {r8, 0, 3.5, u""}, u"    3.5000"},
+             {"short real, widened", {r4, 0, 16777217, u""}, u"16777216.0000"},
+             {"real of 31 characters", {r8, 0, 1e25, u""}, u"10000000000000000905969664.0000"},
+             {"longer real is cut", {r8, 0, -1e25, u""}, u"-10000000000000000905969664.000"},
+             {"no number", {r8, 0, -INFINITY, u""}, u"      -inf"},
+             {"text as long as it is", {bstr, 0, 0, longText}, longText},
+             {"false", {boolean, 0, 0, u""}, u"False"},
+             {"true", {boolean, -1, 0, u""}, u"True"},
+             {"byte below a blank", {ui1, 0x1F, 0, u""}, u"31"},
+             {"byte from a blank on", {ui1, 0x20, 0, u""}, u"' '"},
+             {"date", {date, 0, 0, u""}, u"<conversion error>"},
+             {"nothing", {empty, 0, 0, u""}, u"<conversion error>"},
+             {"array of texts", {platform::VariantType{0x2008}, 0, 0, u"x"}, u"<conversion error>"},
+         }) {
+        EXPECT_EQ(VariantToString(value), text) << title;
+    }
+}
+
+}  // namespace
+}  // namespace kv::test
