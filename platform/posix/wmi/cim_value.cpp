@@ -1,1 +1,215 @@
 #include "platform/posix/wmi/cim_value.h"
+
+#include <array>
+#include <charconv>
+#include <cmath>
+#include <limits>
+#include <system_error>
+
+#include "platform/posix/wmi/class_tree.h"
+
+namespace platform::wmi {
+
+namespace {
+
+/// Wide enough for every number that a value holds, so that they compare as what they are.
+using Number = long double;
+static_assert(std::numeric_limits<Number>::digits >= std::numeric_limits<std::uint64_t>::digits);
+
+bool IsDigit(char character) { return character >= '0' && character <= '9'; }
+
+template <class Value, class... Format>
+std::optional<Value> ReadWhole(std::string_view text, Format... format) {
+    Value value{};
+    const char* const end = text.data() + text.size();
+    const auto [stopped, failure] = std::from_chars(text.data(), end, value, format...);
+    if (failure != std::errc() || stopped != end) return std::nullopt;
+    return value;
+}
+
+CimValue Signed(std::uint64_t magnitude, bool isNegative) {
+    constexpr std::uint64_t lowest = std::uint64_t{1} << 63;
+    if (!isNegative) return magnitude;
+    if (magnitude <= lowest) return static_cast<std::int64_t>(0 - magnitude);
+    return -static_cast<double>(magnitude);
+}
+
+/// Whether the digits around the point are there, without which a real number is readable too.
+bool HasDigitsAroundPoint(std::string_view text) {
+    const std::size_t point = text.find('.');
+    return IsDigit(text.front()) && (point == text.npos || (point + 1 < text.size() && IsDigit(text[point + 1])));
+}
+
+CimValue HexNumber(std::string_view digits, bool isNegative) {
+    if (digits.find_first_not_of("0123456789abcdefABCDEF") != digits.npos) return {};
+    if (const auto whole = ReadWhole<std::uint64_t>(digits, 16)) return Signed(*whole, isNegative);
+    const auto real = ReadWhole<double>(digits, std::chars_format::hex);
+    return real && isNegative ? -*real : CimValue(real);
+}
+
+CimValue DecimalNumber(std::string_view text, bool isNegative) {
+    if (text.empty() || !HasDigitsAroundPoint(text)) return {};
+    if (const auto whole = ReadWhole<std::uint64_t>(text, 10)) return Signed(*whole, isNegative);
+    const auto real = ReadWhole<double>(text, std::chars_format::general);
+    return real && isNegative ? -*real : CimValue(real);
+}
+
+/// The value as a number, whole or real; NULL when it is none.
+CimValue AsNumber(const CimValue& value) {
+    if (const auto* truth = std::get_if<bool>(&value.held)) return std::int64_t{*truth};
+    if (const auto* text = std::get_if<std::u16string>(&value.held)) return NumberOfText(*text);
+    return value;
+}
+
+Number WorthOf(const CimValue& value) {
+    if (const auto* truth = std::get_if<bool>(&value.held)) return *truth ? 1 : 0;
+    if (const auto* whole = std::get_if<std::int64_t>(&value.held)) return static_cast<Number>(*whole);
+    if (const auto* large = std::get_if<std::uint64_t>(&value.held)) return static_cast<Number>(*large);
+    const auto* real = std::get_if<double>(&value.held);
+    return real != nullptr ? *real : std::numeric_limits<Number>::quiet_NaN();
+}
+
+template <std::integral Whole>
+CimValue CutReal(double real) {
+    using Limits = std::numeric_limits<Whole>;
+    if (std::isnan(real)) return {};
+    if (real <= static_cast<double>(Limits::min())) return Limits::min();
+    if (real >= static_cast<double>(Limits::max())) return Limits::max();
+    return static_cast<Whole>(real);
+}
+
+template <std::integral Whole>
+CimValue Cut(const CimValue& number) {
+    if (const auto* real = std::get_if<double>(&number.held)) return CutReal<Whole>(*real);
+    if (const auto* large = std::get_if<std::uint64_t>(&number.held)) return static_cast<Whole>(*large);
+    return static_cast<Whole>(std::get<std::int64_t>(number.held));
+}
+
+CimValue AsText(CimValue value) {
+    if (const auto* truth = std::get_if<bool>(&value.held)) return *truth ? u"True" : u"False";
+    if (const auto* whole = std::get_if<std::int64_t>(&value.held)) return std::to_string(*whole);
+    if (const auto* large = std::get_if<std::uint64_t>(&value.held)) return std::to_string(*large);
+    const auto* real = std::get_if<double>(&value.held);
+    if (real == nullptr) return value;
+    std::array<char, 32> text{};
+    return std::string(text.data(), std::to_chars(text.data(), text.data() + text.size(), *real).ptr);
+}
+
+CimValue AsTruth(const CimValue& value) {
+    if (const auto* text = std::get_if<std::u16string>(&value.held)) {
+        if (CompareNames(*text, u"TRUE") == 0) return true;
+        if (CompareNames(*text, u"FALSE") == 0) return false;
+    }
+    const CimValue number = AsNumber(value);
+    return number.isNull() ? number : CimValue(WorthOf(number) != 0);
+}
+
+CimValue AsDatetime(CimValue value) {
+    if (std::holds_alternative<std::u16string>(value.held)) return value;
+    const CimValue microseconds = Cut<std::int64_t>(AsNumber(value));
+    return microseconds.isNull() ? CimValue() : CimValue(DmtfTime(std::get<std::int64_t>(microseconds.held)));
+}
+
+/// A number as one of a numeric type.
+CimValue AsNumberOf(CimType type, const CimValue& number) {
+    switch (type) {
+        case CimType::sint8:
+            return Cut<std::int8_t>(number);
+        case CimType::uint8:
+            return Cut<std::uint8_t>(number);
+        case CimType::sint16:
+            return Cut<std::int16_t>(number);
+        case CimType::uint16:
+            return Cut<std::uint16_t>(number);
+        case CimType::sint32:
+            return Cut<std::int32_t>(number);
+        case CimType::uint32:
+            return Cut<std::uint32_t>(number);
+        case CimType::sint64:
+            return Cut<std::int64_t>(number);
+        case CimType::uint64:
+            return Cut<std::uint64_t>(number);
+        case CimType::real32:
+            return double{static_cast<float>(WorthOf(number))};
+        case CimType::real64:
+            return static_cast<double>(WorthOf(number));
+        default:
+            return {};
+    }
+}
+
+VariantType VariantTypeOf(CimType type) {
+    const auto arrayFlag = static_cast<unsigned>(CimType::arrayFlag);
+    if (IsArray(type)) {
+        const VariantType element = VariantTypeOf(static_cast<CimType>(static_cast<unsigned>(type) & ~arrayFlag));
+        return static_cast<VariantType>(static_cast<unsigned>(element) | static_cast<unsigned>(VariantType::arrayFlag));
+    }
+    switch (type) {
+        case CimType::sint8:
+        case CimType::sint16:
+            return VariantType::i2;
+        case CimType::uint8:
+            return VariantType::ui1;
+        case CimType::uint16:
+        case CimType::sint32:
+        case CimType::uint32:
+            return VariantType::i4;
+        case CimType::real32:
+            return VariantType::r4;
+        case CimType::real64:
+            return VariantType::r8;
+        case CimType::boolean:
+            return VariantType::boolean;
+        default:
+            return VariantType::bstr;
+    }
+}
+
+}  // namespace
+
+CimValue BroughtTo(CimType type, CimValue value) {
+    const bool isArray = std::holds_alternative<CimArray>(value.held);
+    if (value.isNull() || (isArray && IsArray(type))) return value;
+    if (IsArray(type)) return CimArray{1};
+    if (isArray) return {};
+    if (type == CimType::string) return AsText(std::move(value));
+    if (type == CimType::boolean) return AsTruth(value);
+    if (type == CimType::datetime) return AsDatetime(std::move(value));
+    const CimValue number = AsNumber(value);
+    return number.isNull() ? number : AsNumberOf(type, number);
+}
+
+Variant VariantOf(CimType type, const CimValue& value) {
+    CimValue brought = BroughtTo(type, value);
+    Variant variant;
+    variant.type = brought.isNull() ? VariantType::null : VariantTypeOf(type);
+    if (brought.isNull() || IsArray(type)) return variant;
+    if (const auto* real = std::get_if<double>(&brought.held)) {
+        variant.real = *real;
+    } else if (const auto* truth = std::get_if<bool>(&brought.held)) {
+        variant.integer = *truth ? -1 : 0;
+    } else if (variant.type == VariantType::bstr) {
+        variant.text = std::get<std::u16string>(AsText(std::move(brought)).held);
+    } else {
+        variant.integer = static_cast<std::int32_t>(std::get<std::int64_t>(brought.held));
+    }
+    return variant;
+}
+
+std::partial_ordering CompareValues(const CimValue& left, const CimValue& right) {
+    const auto* leftText = std::get_if<std::u16string>(&left.held);
+    const auto* rightText = std::get_if<std::u16string>(&right.held);
+    if (leftText != nullptr && rightText != nullptr) return CompareNames(*leftText, *rightText) <=> 0;
+    return WorthOf(left) <=> WorthOf(right);
+}
+
+CimValue NumberOfText(std::u16string_view text) {
+    const std::string narrow = Utf8FromWide(text);
+    std::string_view digits = narrow;
+    const bool isNegative = digits.starts_with('-');
+    if (isNegative || digits.starts_with('+')) digits.remove_prefix(1);
+    const bool isHex = digits.starts_with("0x") || digits.starts_with("0X");
+    return isHex ? HexNumber(digits.substr(2), isNegative) : DecimalNumber(digits, isNegative);
+}
+
+}  // namespace platform::wmi

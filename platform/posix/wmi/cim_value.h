@@ -1,12 +1,14 @@
 // Types and values of a class's properties, and their form in the agent's hands.
 #pragma once
 
+#include <compare>
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <variant>
 
 #include "platform/utf.h"
@@ -75,11 +77,26 @@ struct CimValue {
     bool isNull() const { return held.index() == 0; }
 };
 
-/// The value as the agent gets it, by the rules of Windows: 64-bit numbers and datetimes as text, unsigned 32-bit ones
-/// as signed, unsigned 16-bit ones as 32-bit. A number that its declared type cannot hold is cut to it.
+/// The value as its declared type holds it. A whole number too large for the type loses its upper bits, as a counter
+/// does that wraps; a real one loses its fraction, and ends at the type's limits. Texts are read as numbers and numbers
+/// written as texts, a number is a datetime by its microseconds since 1970. NULL where nothing of this is possible.
+CimValue BroughtTo(CimType type, CimValue value);
+
+/// The value as the agent gets it once brought to its type, by the rules of Windows: 64-bit numbers and datetimes as
+/// text, unsigned 32-bit ones as signed, unsigned 16-bit ones as 32-bit.
 Variant VariantOf(CimType type, const CimValue& value);
 
-/// The DMTF text of a moment in local time, "yyyymmddHHMMSS.mmmmmm+UUU" with the offset to UTC in minutes.
+/// Texts without regard to case, numbers and truth values by what they are worth, exactly. Unordered where one is NULL
+/// or an array, where one is text and the other not, and where one is no number.
+std::partial_ordering CompareValues(const CimValue& left, const CimValue& right);
+
+/// The number that a whole text is: a sign or none, then decimal digits with or without fraction and exponent, or 0x
+/// and hexadecimal digits. A whole number too large for 64 bits is a real one. NULL for any other text, and for a
+/// number too large or too small for a real one.
+CimValue NumberOfText(std::u16string_view text);
+
+/// The DMTF text of a moment in local time, "yyyymmddHHMMSS.mmmmmm+UUU" with the offset to UTC in minutes. Moments
+/// outside the years 1 to 9999 are moved to their ends.
 std::u16string DmtfTime(std::int64_t microsecondsSince1970);
 
 /// The moment of a DMTF text of full length, in microseconds since 1970; none for another text.

@@ -1,0 +1,212 @@
+#include "platform/posix/wmi/condition.h"
+
+#include <compare>
+#include <utility>
+
+#include "platform/posix/wmi/class_tree.h"
+
+namespace platform::wmi {
+
+namespace {
+
+bool Holds(ComparisonOperator compare, std::partial_ordering order) {
+    switch (compare) {
+        case ComparisonOperator::equal:
+            return order == 0;
+        case ComparisonOperator::notEqual:
+            return order != 0;
+        case ComparisonOperator::less:
+            return order < 0;
+        case ComparisonOperator::greater:
+            return order > 0;
+        case ComparisonOperator::lessOrEqual:
+            return order <= 0;
+        default:
+            return order >= 0;
+    }
+}
+
+/// The result for a value of the declared type.
+Truth Compare(CimType type, const CimValue& value, const BoundComparison& comparison) {
+    if (comparison.value.isNull()) return value.isNull() == (comparison.compare == ComparisonOperator::equal);
+    if (value.isNull()) return std::nullopt;
+    if (comparison.compare == ComparisonOperator::like) {
+        return IsLike(std::get<std::u16string>(value.held), std::get<std::u16string>(comparison.value.held));
+    }
+    const std::partial_ordering order =
+        type == CimType::datetime
+            ? CompareValues(MicrosecondsOfDmtf(std::get<std::u16string>(value.held)), comparison.value)
+            : CompareValues(value, comparison.value);
+    if (order == std::partial_ordering::unordered) return std::nullopt;
+    return Holds(comparison.compare, order);
+}
+
+CimValue ValueOf(const Literal& literal) {
+    return std::visit(
+        [](const auto& value) {
+            if constexpr (std::is_same_v<std::decay_t<decltype(value)>, NullLiteral>) {
+                return CimValue();
+            } else {
+                return CimValue(value);
+            }
+        },
+        literal);
+}
+
+/// Not cut to the property's type: what that cannot hold is compared as what it is.
+CimValue BoundNumber(CimType type, const CimValue& value) {
+    if (type == CimType::real32) return BroughtTo(type, value);
+    if (std::holds_alternative<bool>(value.held)) return BroughtTo(CimType::sint64, value);
+    const auto* text = std::get_if<std::u16string>(&value.held);
+    return text != nullptr ? NumberOfText(*text) : value;
+}
+
+CimValue BoundMoment(const CimValue& value) {
+    const auto* text = std::get_if<std::u16string>(&value.held);
+    return text != nullptr ? MicrosecondsOfDmtf(*text) : CimValue();
+}
+
+/// A literal that is not NULL as a value to compare with; NULL when it is none for such a property.
+CimValue BoundValue(CimType type, const Literal& literal) {
+    if (IsArray(type)) return {};
+    const CimValue value = ValueOf(literal);
+    if (type == CimType::datetime) return BoundMoment(value);
+    if (type == CimType::string || type == CimType::boolean) return BroughtTo(type, value);
+    return BoundNumber(type, value);
+}
+
+WmiStatus BindLiteral(const Comparison& comparison, CimType type, BoundComparison& bound) {
+    bound.compare = comparison.compare;
+    if (std::holds_alternative<NullLiteral>(comparison.literal)) return wmi_status::ok;
+    if (comparison.compare == ComparisonOperator::like && type != CimType::string) return wmi_status::invalidQuery;
+    bound.value = BoundValue(type, comparison.literal);
+    return bound.value.isNull() ? wmi_status::invalidQuery : wmi_status::ok;
+}
+
+std::u16string_view FirstAbove(const ClassInfo& classInfo) {
+    const ClassInfo* at = &classInfo;
+    while (!at->superclass.empty()) {
+        const ClassInfo* above = FindClass(at->superclass);
+        if (above == nullptr) return at->superclass;
+        at = above;
+    }
+    return at->name;
+}
+
+WmiStatus BindConstant(const Comparison& comparison, const CimValue& ofClass, BoundComparison& bound) {
+    const WmiStatus status = BindLiteral(comparison, CimType::string, bound);
+    if (!IsFailure(status)) bound.constant = Compare(CimType::string, ofClass, bound);
+    return status;
+}
+
+/// For the properties of the system itself, which are the class's.
+WmiStatus BindSystemProperty(const Comparison& comparison, const ClassInfo& classInfo, BoundComparison& bound) {
+    const auto isNamed = [&comparison](std::u16string_view name) {
+        return CompareNames(comparison.property, name) == 0;
+    };
+    if (comparison.compare == ComparisonOperator::isA) {
+        bound.constant = IsA(classInfo, std::get<std::u16string>(comparison.literal));
+        return isNamed(u"__THIS") ? wmi_status::ok : wmi_status::invalidQuery;
+    }
+    if (isNamed(u"__CLASS")) return BindConstant(comparison, classInfo.name, bound);
+    if (isNamed(u"__DYNASTY")) return BindConstant(comparison, FirstAbove(classInfo), bound);
+    if (!isNamed(u"__SUPERCLASS")) return wmi_status::invalidQuery;
+    const bool hasSuperclass = !classInfo.superclass.empty();
+    return BindConstant(comparison, hasSuperclass ? CimValue(classInfo.superclass) : CimValue(), bound);
+}
+
+WmiStatus BindComparison(const Comparison& comparison, const ClassInfo& classInfo, BoundComparison& bound) {
+    if (comparison.property.starts_with(u"__")) return BindSystemProperty(comparison, classInfo, bound);
+    bound.property = FindProperty(classInfo, comparison.property);
+    if (bound.property == nullptr || comparison.compare == ComparisonOperator::isA) return wmi_status::invalidQuery;
+    return BindLiteral(comparison, bound.property->type, bound);
+}
+
+WmiStatus BindOperands(const std::vector<ConditionPtr>& operands, const ClassInfo& classInfo, BoundCondition& bound) {
+    WmiStatus status = wmi_status::ok;
+    bound.operands.reserve(operands.size());
+    for (auto operand = operands.begin(); operand != operands.end() && !IsFailure(status); ++operand) {
+        status = BindCondition(**operand, classInfo, bound.operands.emplace_back());
+    }
+    return status;
+}
+
+/// An object's row record, with the property that was read last: often the next comparison is with it too.
+struct RowReader {
+    const void* row;
+    const PropertyInfo* property = nullptr;
+    CimValue value;
+};
+
+const CimValue& ValueOf(RowReader& reader, const PropertyInfo& property) {
+    if (reader.property != &property) {
+        reader.value =
+            property.read == nullptr ? CimValue() : BroughtTo(property.type, property.read(reader.row, property));
+        reader.property = &property;
+    }
+    return reader.value;
+}
+
+Truth Evaluate(const BoundCondition& condition, RowReader& reader);
+
+Truth Evaluate(const BoundComparison& comparison, RowReader& reader) {
+    if (comparison.property == nullptr) return comparison.constant;
+    return Compare(comparison.property->type, ValueOf(reader, *comparison.property), comparison);
+}
+
+/// An operand that is the decisive truth decides; otherwise one that is neither leaves the whole so.
+Truth EvaluateOperands(const BoundCondition& condition, bool decisive, RowReader& reader) {
+    Truth result = !decisive;
+    for (const BoundCondition& operand : condition.operands) {
+        const Truth truth = Evaluate(operand, reader);
+        if (truth == decisive) return decisive;
+        if (!truth) result = std::nullopt;
+    }
+    return result;
+}
+
+Truth Evaluate(const BoundCondition& condition, RowReader& reader) {
+    switch (condition.form) {
+        case BoundCondition::Form::comparison:
+            return Evaluate(condition.comparison, reader);
+        case BoundCondition::Form::conjunction:
+            return EvaluateOperands(condition, false, reader);
+        case BoundCondition::Form::disjunction:
+            return EvaluateOperands(condition, true, reader);
+        default:
+            break;
+    }
+    const Truth truth = Evaluate(condition.operands.front(), reader);
+    return truth ? !*truth : truth;
+}
+
+}  // namespace
+
+WmiStatus BindCondition(const Condition& condition, const ClassInfo& classInfo, BoundCondition& bound) {
+    if (const auto* comparison = std::get_if<Comparison>(&condition.form)) {
+        return BindComparison(*comparison, classInfo, bound.comparison);
+    }
+    if (const auto* negation = std::get_if<Negation>(&condition.form)) {
+        bound.form = BoundCondition::Form::negation;
+        return BindCondition(*negation->operand, classInfo, bound.operands.emplace_back());
+    }
+    if (const auto* conjunction = std::get_if<Conjunction>(&condition.form)) {
+        bound.form = BoundCondition::Form::conjunction;
+        return BindOperands(conjunction->operands, classInfo, bound);
+    }
+    bound.form = BoundCondition::Form::disjunction;
+    return BindOperands(std::get<Disjunction>(condition.form).operands, classInfo, bound);
+}
+
+bool Matches(const BoundCondition& condition, const void* row) {
+    RowReader reader{.row = row, .value = {}};
+    return Evaluate(condition, reader) == true;
+}
+
+std::uint32_t NeedsOf(const BoundCondition& condition) {
+    std::uint32_t needs = condition.comparison.property != nullptr ? condition.comparison.property->needs : 0;
+    for (const BoundCondition& operand : condition.operands) needs |= NeedsOf(operand);
+    return needs;
+}
+
+}  // namespace platform::wmi

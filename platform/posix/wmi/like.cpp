@@ -1,0 +1,78 @@
+#include <algorithm>
+
+#include "platform/posix/posix.h"
+#include "platform/posix/wmi/condition.h"
+
+namespace platform::wmi {
+
+namespace {
+
+bool AreSame(char16_t left, char16_t right) { return UpperCaseOf(left) == UpperCaseOf(right); }
+
+bool IsBetween(char16_t unit, char16_t first, char16_t last) {
+    const char16_t upper = UpperCaseOf(unit);
+    return UpperCaseOf(first) <= upper && upper <= UpperCaseOf(last);
+}
+
+/// What stands between the brackets, without the ^.
+bool IsInSet(char16_t unit, std::u16string_view set) {
+    while (!set.empty()) {
+        const bool isRange = set.size() >= 3 && set[1] == u'-';
+        if (isRange ? IsBetween(unit, set[0], set[2]) : AreSame(unit, set[0])) return true;
+        set.remove_prefix(isRange ? 3 : 1);
+    }
+    return false;
+}
+
+struct Pattern {
+    std::u16string_view text;
+    std::size_t lastBracket;  // where the last ] stands, or npos: behind it no set is looked for
+};
+
+/// Where the ] of the set that begins at a place stands; npos when it is never closed.
+std::size_t EndOfSet(const Pattern& pattern, std::size_t begin) {
+    const std::size_t first = begin + (pattern.text.substr(begin + 1).starts_with(u'^') ? 3 : 2);
+    const bool isClosed = pattern.lastBracket != pattern.text.npos && first <= pattern.lastBracket;
+    return isClosed ? pattern.text.find(u']', first) : pattern.text.npos;
+}
+
+/// Whether a character matches the part of the pattern at a place, which is moved behind that part if so.
+bool MatchesOne(char16_t unit, const Pattern& pattern, std::size_t& at) {
+    const std::size_t end = pattern.text[at] == u'[' ? EndOfSet(pattern, at) : pattern.text.npos;
+    if (end == pattern.text.npos) {
+        if (pattern.text[at] != u'_' && !AreSame(unit, pattern.text[at])) return false;
+        ++at;
+        return true;
+    }
+    const bool isNegated = pattern.text[at + 1] == u'^';
+    const std::size_t first = at + (isNegated ? 2 : 1);
+    if (IsInSet(unit, pattern.text.substr(first, end - first)) == isNegated) return false;
+    at = end + 1;
+    return true;
+}
+
+}  // namespace
+
+// On a mismatch only the last % takes one character more: what an earlier one could still give up, that one has tried.
+bool IsLike(std::u16string_view text, std::u16string_view pattern) {
+    const Pattern parts{pattern, pattern.rfind(u']')};
+    std::size_t at = 0;
+    std::size_t behindPercent = pattern.npos;
+    std::size_t retry = 0;
+    for (std::size_t next = 0; next < text.size();) {
+        if (at < pattern.size() && pattern[at] == u'%') {
+            behindPercent = ++at;
+            retry = next;
+        } else if (at < pattern.size() && MatchesOne(text[next], parts, at)) {
+            ++next;
+        } else if (behindPercent != pattern.npos) {
+            at = behindPercent;
+            next = ++retry;
+        } else {
+            return false;
+        }
+    }
+    return pattern.find_first_not_of(u'%', at) == pattern.npos;
+}
+
+}  // namespace platform::wmi

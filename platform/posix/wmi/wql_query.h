@@ -9,8 +9,10 @@
 //     operator   = "=" | "<>" | "!=" | "<" | ">" | "<=" | ">="
 //     literal    = string | number | TRUE | FALSE | NULL
 //
-// Key words and names are read without regard to case. A string stands in either kind of quotes; a backslash in it
-// takes a quote or a backslash as it is, and nothing else may follow one. With NULL only = and <> mean something.
+// Key words and names are read without regard to case. The key words above are no names; a name begins with a letter or
+// an underscore, and digits may follow. A string stands in either kind of quotes; a backslash in it takes a quote or a
+// backslash as it is, and nothing else may follow one. Numbers are those of NumberOfText (cim_value.h). With NULL only
+// = and <> mean something. A zero character stands nowhere.
 #pragma once
 
 #include <cstdint>

@@ -1,0 +1,76 @@
+// Moments as DMTF texts and back.
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cstdio>
+#include <ctime>
+
+#include "platform/posix/wmi/cim_value.h"
+
+namespace platform::wmi {
+
+namespace {
+
+using namespace std::chrono;
+using Moment = sys_time<microseconds>;
+
+/// A day inside the years that four digits can hold, so that local time is inside as well.
+constexpr Moment earliest = sys_days(year(1) / 1 / 2);
+constexpr Moment latest = sys_days(year(9999) / 12 / 31) - microseconds(1);
+
+constexpr std::u16string_view form = u"dddddddddddddd.dddddd+ddd";
+
+bool HasForm(std::u16string_view text) {
+    return std::equal(text.begin(), text.end(), form.begin(), form.end(), [](char16_t unit, char16_t wanted) {
+        if (wanted == u'd') return unit >= u'0' && unit <= u'9';
+        return unit == wanted || (wanted == u'+' && unit == u'-');
+    });
+}
+
+/// Digits that are known to be ones.
+unsigned NumberAt(std::u16string_view text, std::size_t at, std::size_t count) {
+    unsigned number = 0;
+    for (const char16_t digit : text.substr(at, count)) number = number * 10 + (digit - u'0');
+    return number;
+}
+
+/// Of local time to UTC. Without the seconds that the offsets of old have, so that text and moment agree.
+minutes OffsetAt(Moment moment) {
+    const std::time_t seconds = system_clock::to_time_t(moment);
+    std::tm local{};
+    if (localtime_r(&seconds, &local) == nullptr) return minutes(0);
+    return minutes(local.tm_gmtoff / 60);
+}
+
+}  // namespace
+
+std::u16string DmtfTime(std::int64_t microsecondsSince1970) {
+    const Moment moment = std::clamp(Moment(microseconds(microsecondsSince1970)), earliest, latest);
+    const minutes offset = OffsetAt(moment);
+    const Moment local = moment + offset;
+    const sys_days day = floor<days>(local);
+    const year_month_day date(day);
+    const hh_mm_ss time(local - day);
+    std::array<char, 128> text{};
+    std::snprintf(text.data(), text.size(), "%04d%02u%02u%02d%02d%02d.%06d%+04d", static_cast<int>(date.year()),
+                  static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()),
+                  static_cast<int>(time.hours().count()), static_cast<int>(time.minutes().count()),
+                  static_cast<int>(time.seconds().count()), static_cast<int>(time.subseconds().count()),
+                  static_cast<int>(offset.count()));
+    return WideFromUtf8(text.data());
+}
+
+std::optional<std::int64_t> MicrosecondsOfDmtf(std::u16string_view text) {
+    if (!HasForm(text)) return std::nullopt;
+    const year_month_day date(year(static_cast<int>(NumberAt(text, 0, 4))), month(NumberAt(text, 4, 2)),
+                              day(NumberAt(text, 6, 2)));
+    const hours hour(NumberAt(text, 8, 2));
+    const minutes minute(NumberAt(text, 10, 2));
+    const seconds second(NumberAt(text, 12, 2));
+    if (!date.ok() || hour >= days(1) || minute >= hours(1) || second >= minutes(1)) return std::nullopt;
+    const minutes distance(NumberAt(text, 22, 3));
+    const Moment local = sys_days(date) + hour + minute + second + microseconds(NumberAt(text, 15, 6));
+    return (text[21] == u'-' ? local + distance : local - distance).time_since_epoch().count();
+}
+
+}  // namespace platform::wmi

@@ -1,0 +1,28 @@
+// The words, literals and signs of a WQL text.
+#pragma once
+
+#include <string_view>
+
+#include "platform/posix/wmi/wql_query.h"
+
+namespace platform::wmi {
+
+enum class TokenKind {
+    end,
+    word,        // a key word or a name
+    sign,        // an operator, a comma, a parenthesis or the asterisk
+    string,      // the literal is its text, without quotes and escapes
+    number,      // the literal is a whole or a real number
+    unreadable,  // nothing of the language
+};
+
+struct Token {
+    TokenKind kind = TokenKind::end;
+    std::u16string_view spelling;  // a part of the query's text
+    Literal literal;
+};
+
+/// Takes the next token off a text, with the blanks before it. Behind an unreadable one there is nothing to be read.
+Token TakeToken(std::u16string_view& text);
+
+}  // namespace platform::wmi
