@@ -1,0 +1,37 @@
+// What the kernel counts for the whole computer: memory of /proc/meminfo, processor time of /proc/stat (proc(5)).
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string_view>
+#include <vector>
+
+namespace platform::wmi {
+
+/// A line of /proc/meminfo, such as "MemTotal", in KB (or without a unit as it stands); none when it is not there.
+std::optional<std::uint64_t> MemoryFigure(std::string_view memInfo, std::string_view key);
+
+/// What programs can still get without swapping, in KB: MemAvailable, or on a kernel without it what is free and what
+/// caches could give back.
+std::optional<std::uint64_t> AvailableMemory(std::string_view memInfo);
+
+/// Time of one logical processor since the system's start, in ticks of ClockTicksPerSecond.
+struct ProcessorTimes {
+    std::uint32_t number = 0;
+    std::uint64_t user = 0;  // a virtual machine's included
+    std::uint64_t nice = 0;  // user time of lower priority
+    std::uint64_t kernel = 0;
+    std::uint64_t idle = 0;
+    std::uint64_t ioWait = 0;  // idle too, but something waits for a disk
+    std::uint64_t interrupts = 0;
+    std::uint64_t softInterrupts = 0;
+    std::uint64_t stolen = 0;  // had by other virtual machines
+
+    std::uint64_t busyTicks() const { return user + nice + kernel + interrupts + softInterrupts + stolen; }
+    std::uint64_t allTicks() const { return busyTicks() + idle + ioWait; }
+};
+
+/// The lines "cpu<number>" of /proc/stat; the sum over all is left out.
+std::vector<ProcessorTimes> ParseProcessorTimes(std::string_view stat);
+
+}  // namespace platform::wmi
