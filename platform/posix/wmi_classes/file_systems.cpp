@@ -1,7 +1,294 @@
+// Win32_LogicalDisk and Win32_Volume: the mounted disks. Where Windows has a drive letter, here stands the mount point.
+//
+// Size and Capacity are what is used and what ordinary users may use still, without the superuser's reserve: so the
+// figures that are commonly made of Size and FreeSpace, the bytes used and the percentage, are those of df.
+#include <algorithm>
+#include <array>
+#include <fmt/format.h>
+
+#include "platform/posix/wmi/class_tree.h"
 #include "platform/posix/wmi_classes/families.h"
+#include "platform/posix/wmi_classes/host_names.h"
+#include "platform/posix/wmi_classes/volume_facts.h"
 
 namespace platform::wmi {
 
-std::span<const ClassInfo> FileSystemClasses() { return {}; }
+namespace {
+
+using enum CimType;
+
+struct Need {
+    enum Bits : std::uint32_t { space = 1, kind = 2, label = 4, serial = 8, host = 16, bootFolder = 32 };
+};
+
+struct Row {
+    DiskSpace disk;
+    DriveType kind = DriveType::fixed;
+    std::optional<std::string> label;  // empty: it has none; none: not known
+    std::optional<std::uint32_t> serial;
+    bool holdsBootFolder = false;
+    std::u16string host;
+
+    const Mount& mount() const { return disk.mount; }
+};
+
+template <class Number>
+std::optional<std::uint64_t> SpaceIn(const Row& row, Number number) {
+    if (!row.disk.space) return std::nullopt;
+    return std::invoke(number, *row.disk.space);
+}
+
+std::optional<std::uint64_t> BlocksIn(const Row& row) {
+    const std::optional<FileSystemSpace>& space = row.disk.space;
+    if (!space || space->blockSize == 0) return std::nullopt;
+    return space->usableSize() / space->blockSize;
+}
+
+std::u16string_view DescriptionOf(DriveType kind) {
+    switch (kind) {
+        case DriveType::removable:
+            return u"Removable Disk";
+        case DriveType::network:
+            return u"Network Connection";
+        case DriveType::compactDisc:
+            return u"CD-ROM Disc";
+        case DriveType::memory:
+            return u"RAM Disk";
+        default:
+            return u"Local Fixed Disk";
+    }
+}
+
+/// By its number in Windows.
+std::uint32_t MediaTypeOf(DriveType kind) {
+    constexpr std::uint32_t unknown = 0;
+    constexpr std::uint32_t removable = 11;
+    constexpr std::uint32_t fixed = 12;
+    if (kind == DriveType::fixed) return fixed;
+    return kind == DriveType::removable || kind == DriveType::compactDisc ? removable : unknown;
+}
+
+bool CompressesFiles(const Row& row) {
+    constexpr std::string_view kinds[] = {"bcachefs", "btrfs", "f2fs", "ntfs", "ntfs3"};
+    return std::find(std::begin(kinds), std::end(kinds), row.mount().fileSystem) != std::end(kinds);
+}
+
+bool IsCompressedWhole(const Row& row) {
+    return row.mount().fileSystem == "squashfs" || row.mount().fileSystem == "cramfs";
+}
+
+std::optional<std::string> SerialTextOf(const Row& row) {
+    if (!row.serial) return std::nullopt;
+    return fmt::format("{:08X}", *row.serial);
+}
+
+constexpr auto mountPointIn = [](const Row& row) { return row.mount().mountPoint; };
+constexpr auto accessIn = [](const Row& row) { return row.mount().isReadOnly ? 1 : 3; };
+constexpr auto blockSizeIn = [](const Row& row) { return SpaceIn(row, &FileSystemSpace::blockSize); };
+constexpr auto blocksIn = [](const Row& row) { return BlocksIn(row); };
+constexpr auto sizeIn = [](const Row& row) { return SpaceIn(row, &FileSystemSpace::usableSize); };
+constexpr auto freeIn = [](const Row& row) { return SpaceIn(row, &FileSystemSpace::available); };
+constexpr auto longestNameIn = [](const Row& row) { return SpaceIn(row, &FileSystemSpace::maxNameLength); };
+constexpr auto kindIn = [](const Row& row) { return static_cast<std::uint32_t>(row.kind); };
+constexpr auto fileSystemIn = [](const Row& row) { return row.mount().fileSystem; };
+constexpr auto labelIn = [](const Row& row) { return row.label; };
+constexpr auto hostIn = [](const Row& row) { return row.host; };
+
+// clang-format off
+constexpr PropertyInfo logicalDiskProperties[] = {
+    {u"Access", uint16, 0, "1 mounted read-only, 3 for reading and writing", accessIn},
+    {u"Availability", uint16},
+    {u"BlockSize", uint64, Need::space, "bytes, f_frsize of statvfs", blockSizeIn},
+    {u"Caption", string, 0, "the mount point", mountPointIn},
+    {u"Compressed", boolean, 0, "TRUE for the images that are compressed as a whole",
+        [](const Row& row) { return IsCompressedWhole(row); }},
+    {u"ConfigManagerErrorCode", uint32},
+    {u"ConfigManagerUserConfig", boolean},
+    {u"CreationClassName", string, 0, "this class", [](const Row&) { return u"Win32_LogicalDisk"; }},
+    {u"Description", string, Need::kind, "DriveType in words", [](const Row& row) { return DescriptionOf(row.kind); }},
+    {u"DeviceID", string, 0, "the mount point", mountPointIn},
+    {u"DriveType", uint32, Need::kind, "2 removable, 3 fixed, 4 network or the host of a guest, 5 read-only by its nature, 6 memory",
+        kindIn},
+    {u"ErrorCleared", boolean},
+    {u"ErrorDescription", string},
+    {u"ErrorMethodology", string},
+    {u"FileSystem", string, 0, "such as ext4", fileSystemIn},
+    {u"FreeSpace", uint64, Need::space, "bytes that ordinary users may use, f_bavail of statvfs", freeIn},
+    {u"InstallDate", datetime},
+    {u"LastErrorCode", uint32},
+    {u"MaximumComponentLength", uint32, Need::space, "bytes of a file's name, f_namemax of statvfs", longestNameIn},
+    {u"MediaType", uint32, Need::kind, "12 fixed, 11 removable or read-only by its nature, 0 other",
+        [](const Row& row) { return MediaTypeOf(row.kind); }},
+    {u"Name", string, 0, "the mount point", mountPointIn},
+    {u"NumberOfBlocks", uint64, Need::space, "Size in blocks of BlockSize", blocksIn},
+    {u"PNPDeviceID", string},
+    {u"PowerManagementCapabilities", ArrayOf(uint16)},
+    {u"PowerManagementSupported", boolean},
+    {u"ProviderName", string, Need::kind, "what is mounted, such as server:/path; of network drives only",
+        [](const Row& row) { return row.kind == DriveType::network ? CimValue(row.mount().source) : CimValue(); }},
+    {u"Purpose", string},
+    {u"QuotasDisabled", boolean},
+    {u"QuotasIncomplete", boolean},
+    {u"QuotasRebuilding", boolean},
+    {u"Size", uint64, Need::space, "bytes used and available to ordinary users, the base of df's percentage", sizeIn},
+    {u"Status", string, 0, "OK, as it is mounted", [](const Row&) { return u"OK"; }},
+    {u"StatusInfo", uint16},
+    {u"SupportsDiskQuotas", boolean},
+    {u"SupportsFileBasedCompression", boolean, 0, "whether the file system can compress single files",
+        [](const Row& row) { return CompressesFiles(row); }},
+    {u"SystemCreationClassName", string, 0, "the computer's class", [](const Row&) { return u"Win32_ComputerSystem"; }},
+    {u"SystemName", string, Need::host, "the computer's name", hostIn},
+    {u"VolumeDirty", boolean},
+    {u"VolumeName", string, Need::label, "the label, of /dev/disk/by-label; empty where there is none", labelIn},
+    {u"VolumeSerialNumber", string, Need::serial, "the last 8 digits of the UUID, of /dev/disk/by-uuid",
+        [](const Row& row) { return SerialTextOf(row); }},
+};
+
+constexpr PropertyInfo volumeProperties[] = {
+    {u"Access", uint16, 0, "1 mounted read-only, 3 for reading and writing", accessIn},
+    {u"Automount", boolean},
+    {u"Availability", uint16},
+    {u"BlockSize", uint64, Need::space, "bytes, f_frsize of statvfs", blockSizeIn},
+    {u"BootVolume", boolean, 0, "whether it is the root, where the operating system lies",
+        [](const Row& row) { return row.mount().mountPoint == "/"; }},
+    {u"Capacity", uint64, Need::space, "bytes used and available to ordinary users, the base of df's percentage", sizeIn},
+    {u"Caption", string, 0, "the mount point", mountPointIn},
+    {u"Compressed", boolean, 0, "TRUE for the images that are compressed as a whole",
+        [](const Row& row) { return IsCompressedWhole(row); }},
+    {u"ConfigManagerErrorCode", uint32},
+    {u"ConfigManagerUserConfig", boolean},
+    {u"CreationClassName", string, 0, "this class", [](const Row&) { return u"Win32_Volume"; }},
+    {u"Description", string, Need::kind, "DriveType in words", [](const Row& row) { return DescriptionOf(row.kind); }},
+    {u"DeviceID", string, 0, "the mount point", mountPointIn},
+    {u"DirtyBitSet", boolean},
+    {u"DriveLetter", string, 0, "the mount point", mountPointIn},
+    {u"DriveType", uint32, Need::kind, "2 removable, 3 fixed, 4 network or the host of a guest, 5 read-only by its nature, 6 memory",
+        kindIn},
+    {u"ErrorCleared", boolean},
+    {u"ErrorDescription", string},
+    {u"ErrorMethodology", string},
+    {u"FileSystem", string, 0, "such as ext4", fileSystemIn},
+    {u"FreeSpace", uint64, Need::space, "bytes that ordinary users may use, f_bavail of statvfs", freeIn},
+    {u"IndexingEnabled", boolean},
+    {u"InstallDate", datetime},
+    {u"Label", string, Need::label, "of /dev/disk/by-label; empty where there is none", labelIn},
+    {u"LastErrorCode", uint32},
+    {u"MaximumFileNameLength", uint32, Need::space, "bytes, f_namemax of statvfs", longestNameIn},
+    {u"Name", string, 0, "the mount point", mountPointIn},
+    {u"NumberOfBlocks", uint64, Need::space, "Capacity in blocks of BlockSize", blocksIn},
+    {u"PageFilePresent", boolean},
+    {u"PNPDeviceID", string},
+    {u"PowerManagementCapabilities", ArrayOf(uint16)},
+    {u"PowerManagementSupported", boolean},
+    {u"Purpose", string},
+    {u"QuotasEnabled", boolean},
+    {u"QuotasIncomplete", boolean},
+    {u"QuotasRebuilding", boolean},
+    {u"SerialNumber", uint32, Need::serial, "the last 32 bits of the UUID, of /dev/disk/by-uuid",
+        [](const Row& row) { return row.serial; }},
+    {u"Status", string, 0, "OK, as it is mounted", [](const Row&) { return u"OK"; }},
+    {u"StatusInfo", uint16},
+    {u"SupportsDiskQuotas", boolean},
+    {u"SupportsFileBasedCompression", boolean, 0, "whether the file system can compress single files",
+        [](const Row& row) { return CompressesFiles(row); }},
+    {u"SystemCreationClassName", string, 0, "the computer's class", [](const Row&) { return u"Win32_ComputerSystem"; }},
+    {u"SystemName", string, Need::host, "the computer's name", hostIn},
+    {u"SystemVolume", boolean, Need::bootFolder, "whether it holds /boot, where the kernel is loaded from",
+        [](const Row& row) { return row.holdsBootFolder; }},
+};
+// clang-format on
+
+/// Whether a WHERE leaves a property the value; it does where it does not restrict the property.
+template <class Value>
+bool Allows(const Gathering& gathering, std::u16string_view property, const Value& value,
+            bool (*matches)(const CimValue&, const Value&)) {
+    const std::vector<CimValue>* values = gathering.valuesOf(property);
+    return values == nullptr ||
+           std::any_of(values->begin(), values->end(), [&](const CimValue& wanted) { return matches(wanted, value); });
+}
+
+bool IsText(const CimValue& wanted, const std::u16string& value) {
+    const auto* text = std::get_if<std::u16string>(&wanted.held);
+    return text == nullptr || CompareNames(*text, value) == 0;
+}
+
+bool IsNumber(const CimValue& wanted, const std::int64_t& value) {
+    const auto* number = std::get_if<std::int64_t>(&wanted.held);
+    return number == nullptr || *number == value;
+}
+
+/// Whether a disk can match, by what is known of it without a question to its file system: so that a mount that does
+/// not answer costs a query for others no time.
+bool CanMatch(const Gathering& gathering, const Mount& mount) {
+    constexpr std::u16string_view names[] = {u"Caption", u"DeviceID", u"DriveLetter", u"Name"};
+    const std::u16string mountPoint = WideFromUtf8(mount.mountPoint);
+    const bool hasName = std::all_of(std::begin(names), std::end(names), [&](std::u16string_view property) {
+        return Allows(gathering, property, mountPoint, IsText);
+    });
+    return hasName && Allows(gathering, u"FileSystem", WideFromUtf8(mount.fileSystem), IsText) &&
+           (gathering.valuesOf(u"DriveType") == nullptr ||
+            Allows(gathering, u"DriveType", static_cast<std::int64_t>(DriveTypeOf(mount)), IsNumber));
+}
+
+/// What the rows of one query share.
+struct Names {
+    std::u16string host;
+    std::optional<NamesByDevice> labels;
+    std::optional<NamesByDevice> uuids;
+    std::string bootDisk;  // the mount point of the disk that holds /boot
+};
+
+std::string FindBootDisk() {
+    std::vector<Mount> mounts;
+    for (DiskSpace& disk : ReadDisks(false, {})) mounts.push_back(std::move(disk.mount));
+    const Mount* holder = DiskHolding("/boot", mounts);
+    return holder != nullptr ? holder->mountPoint : std::string();
+}
+
+Names ReadNames(const Gathering& gathering) {
+    Names names;
+    if (gathering.asksFor(Need::host)) names.host = HostName();
+    if (gathering.asksFor(Need::label)) names.labels = ReadDiskNames("by-label");
+    if (gathering.asksFor(Need::serial)) names.uuids = ReadDiskNames("by-uuid");
+    if (gathering.asksFor(Need::bootFolder)) names.bootDisk = FindBootDisk();
+    return names;
+}
+
+std::optional<std::string> NameOf(const std::string& blockDevice, const std::optional<NamesByDevice>& names) {
+    if (!names || blockDevice.empty()) return std::nullopt;
+    const auto found = names->find(blockDevice);
+    return found != names->end() ? found->second : std::string();
+}
+
+void FillRow(const Gathering& gathering, const Names& names, Row& row) {
+    row.host = names.host;
+    row.holdsBootFolder = row.mount().mountPoint == names.bootDisk;
+    if (gathering.asksFor(Need::kind)) row.kind = DriveTypeOf(row.mount());
+    if (!gathering.asksFor(Need::label | Need::serial)) return;
+    const std::string blockDevice = BlockDeviceOf(row.mount());
+    row.label = NameOf(blockDevice, names.labels);
+    row.serial = SerialNumberOf(NameOf(blockDevice, names.uuids).value_or(std::string()));
+}
+
+WmiStatus GatherDisks(const Gathering& gathering) {
+    const Names names = ReadNames(gathering);
+    const auto isWanted = [&](const Mount& mount) { return CanMatch(gathering, mount); };
+    for (DiskSpace& disk : ReadDisks(gathering.asksFor(Need::space), gathering.notice, isWanted)) {
+        Row row;
+        row.disk = std::move(disk);
+        FillRow(gathering, names, row);
+        if (!gathering.row(&row)) break;
+    }
+    return wmi_status::ok;
+}
+
+constexpr ClassInfo classes[] = {
+    {u"Win32_LogicalDisk", u"CIM_LogicalDisk", logicalDiskProperties, GatherDisks},
+    {u"Win32_Volume", u"CIM_StorageVolume", volumeProperties, GatherDisks},
+};
+
+}  // namespace
+
+std::span<const ClassInfo> FileSystemClasses() { return classes; }
 
 }  // namespace platform::wmi

@@ -1,0 +1,97 @@
+#include "platform/posix/wmi_classes/volume_facts.h"
+
+#include <algorithm>
+#include <cctype>
+#include <charconv>
+#include <filesystem>
+
+#include "platform/posix/wmi/system_text.h"
+
+namespace platform::wmi {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+bool IsReadOnlyByNature(std::string_view fileSystem) {
+    constexpr std::string_view kinds[] = {"cramfs", "erofs", "iso9660", "romfs", "squashfs", "udf"};
+    return std::find(std::begin(kinds), std::end(kinds), fileSystem) != std::end(kinds);
+}
+
+/// A partition's folder lies in that of its disk, which alone tells.
+bool IsRemovable(const std::string& blockDevice) {
+    const std::string folder = "/sys/class/block/" + blockDevice;
+    std::optional<std::uint64_t> removable = ReadSystemNumber(folder + "/removable");
+    if (!removable) removable = ReadSystemNumber(folder + "/../removable");
+    return removable.value_or(0) != 0;
+}
+
+bool IsHexDigit(char letter) { return std::isxdigit(static_cast<unsigned char>(letter)) != 0; }
+
+}  // namespace
+
+DriveType DriveTypeOf(const Mount& mount) {
+    if (IsOnNetwork(mount)) return DriveType::network;
+    if (mount.fileSystem == "tmpfs" || mount.fileSystem == "ramfs") return DriveType::memory;
+    if (IsReadOnlyByNature(mount.fileSystem)) return DriveType::compactDisc;
+    const std::string blockDevice = BlockDeviceOf(mount);
+    return !blockDevice.empty() && IsRemovable(blockDevice) ? DriveType::removable : DriveType::fixed;
+}
+
+std::string BlockDeviceOf(const Mount& mount) {
+    std::error_code failure;
+    const fs::path byNumber = fs::canonical("/sys/dev/block/" + mount.device, failure);
+    if (!failure) return byNumber.filename().string();
+    if (!mount.source.starts_with("/dev/")) return {};
+    const fs::path bySource = fs::canonical(mount.source, failure);  // a file system over several devices has no number
+    return failure ? std::string() : bySource.filename().string();
+}
+
+std::optional<NamesByDevice> ReadDiskNames(const std::string& kind) {
+    std::error_code failure;
+    if (!fs::exists("/dev/disk", failure)) return std::nullopt;
+    NamesByDevice names;
+    for (fs::directory_iterator at("/dev/disk/" + kind, failure), end; !failure && at != end; at.increment(failure)) {
+        std::error_code unreadable;
+        const fs::path target = fs::read_symlink(at->path(), unreadable);
+        if (!unreadable) names[target.filename().string()] = PlainDiskName(at->path().filename().string());
+    }
+    return names;
+}
+
+std::string PlainDiskName(std::string_view name) {
+    constexpr int hexadecimal = 16;
+    constexpr std::size_t escapeLength = 4;
+    std::string plain;
+    while (!name.empty()) {
+        unsigned char byte = 0;
+        const std::string_view digits = name.starts_with("\\x") ? name.substr(2, 2) : std::string_view();
+        const auto [end, bad] = std::from_chars(digits.data(), digits.data() + digits.size(), byte, hexadecimal);
+        const bool isEscape = bad == std::errc() && digits.size() == 2 && end == digits.data() + 2;
+        plain += isEscape ? static_cast<char>(byte) : name[0];
+        name.remove_prefix(isEscape ? escapeLength : 1);
+    }
+    return plain;
+}
+
+std::optional<std::uint32_t> SerialNumberOf(std::string_view uuid) {
+    constexpr int hexadecimal = 16;
+    constexpr std::size_t digitsOfSerial = 8;
+    std::string digits;
+    std::copy_if(uuid.begin(), uuid.end(), std::back_inserter(digits), IsHexDigit);
+    if (digits.size() < digitsOfSerial) return std::nullopt;
+    std::uint32_t number = 0;
+    std::from_chars(digits.data() + digits.size() - digitsOfSerial, digits.data() + digits.size(), number, hexadecimal);
+    return number;
+}
+
+const Mount* DiskHolding(std::string_view path, const std::vector<Mount>& disks) {
+    const Mount* holder = nullptr;
+    for (const Mount& disk : disks) {
+        const bool holds = disk.mountPoint == path || IsBelow(path, disk.mountPoint);
+        if (holds && (holder == nullptr || disk.mountPoint.size() > holder->mountPoint.size())) holder = &disk;
+    }
+    return holder;
+}
+
+}  // namespace platform::wmi
