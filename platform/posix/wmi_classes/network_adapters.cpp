@@ -1,7 +1,307 @@
+// Win32_NetworkAdapter and Win32_NetworkAdapterConfiguration: the network interfaces, all but the loopback ones, which
+// Windows does not count among adapters either.
+#include <algorithm>
+#include <chrono>
+#include <net/if_arp.h>
+
+#include "platform/posix/wmi/system_text.h"
 #include "platform/posix/wmi_classes/families.h"
+#include "platform/posix/wmi_classes/host_names.h"
+#include "platform/posix/wmi_classes/network_addresses.h"
+#include "platform/posix/wmi_classes/network_devices.h"
 
 namespace platform::wmi {
 
-std::span<const ClassInfo> NetworkAdapterClasses() { return {}; }
+namespace {
+
+using enum CimType;
+
+struct Need {
+    enum Bits : std::uint32_t {
+        device = 1,
+        macAddress = 2,
+        connection = 4,
+        speed = 8,
+        mtu = 16,
+        addresses = 32,
+        gateways = 64,
+        resolver = 128,
+        host = 256,
+    };
+};
+
+/// What the rows of one query share.
+struct Surroundings {
+    std::u16string host;
+    ResolverSettings resolver;
+    std::vector<InterfaceAddress> addresses;
+    std::vector<std::string> defaultRoutes;  // their interfaces
+};
+
+struct Row {
+    NetworkInterface interface;
+    InterfaceDevice device;
+    std::optional<std::string> macAddress;
+    bool hasConnection = false;
+    std::optional<std::uint64_t> speed;  // bits per second
+    std::optional<std::uint64_t> mtu;    // bytes
+    std::size_t addresses = 0;
+    std::size_t gateways = 0;
+    std::optional<std::uint32_t> leaseSeconds;  // left of an IPv4 address that does not stay
+    const Surroundings* surroundings = nullptr;
+
+    bool usesIp() const { return interface.isUp && addresses != 0; }
+};
+
+std::optional<std::string> KnownText(const std::string& text) {
+    return text.empty() ? std::nullopt : std::optional(text);
+}
+
+std::string ProductOf(const Row& row) { return row.device.product.empty() ? row.interface.name : row.device.product; }
+
+struct AdapterKind {
+    std::uint32_t linkType;
+    std::uint16_t number;
+    std::u16string_view text;
+};
+
+/// Radio networks are Ethernet to the drivers of either system.
+constexpr AdapterKind adapterKinds[] = {
+    {ARPHRD_ETHER, 0, u"Ethernet 802.3"},
+    {ARPHRD_IEEE802_TR, 1, u"Token Ring 802.5"},
+    {ARPHRD_FDDI, 2, u"Fiber Distributed Data Interface (FDDI)"},
+    {ARPHRD_PPP, 3, u"Wide Area Network (WAN)"},
+    {ARPHRD_IEEE1394, 13, u"1394"},
+};
+
+const AdapterKind* KindOf(const Row& row) {
+    const auto* found = std::find_if(std::begin(adapterKinds), std::end(adapterKinds),
+                                     [&](const AdapterKind& kind) { return kind.linkType == row.interface.linkType; });
+    return found != std::end(adapterKinds) ? found : nullptr;
+}
+
+CimValue AdapterTypeOf(const Row& row) {
+    const AdapterKind* kind = KindOf(row);
+    return kind != nullptr ? CimValue(kind->text) : CimValue();
+}
+
+CimValue AdapterTypeIdOf(const Row& row) {
+    const AdapterKind* kind = KindOf(row);
+    return kind != nullptr ? CimValue(kind->number) : CimValue();
+}
+
+/// By its number in Windows.
+std::uint16_t ConnectionStatusOf(const Row& row) {
+    constexpr std::uint16_t disconnected = 0;
+    constexpr std::uint16_t connected = 2;
+    constexpr std::uint16_t mediaDisconnected = 7;
+    if (!row.interface.isUp) return disconnected;
+    return row.hasConnection ? connected : mediaDisconnected;
+}
+
+/// An array, or NULL in place of one without elements.
+CimValue ArrayOrNull(std::size_t count) { return count != 0 ? CimValue(CimArray{count}) : CimValue(); }
+
+/// The resolver serves all interfaces that take part in IP.
+CimValue ResolverArray(const Row& row, std::size_t count) { return row.usesIp() ? ArrayOrNull(count) : CimValue(); }
+
+CimValue DomainIn(const Row& row) {
+    const std::vector<std::string>& domains = row.surroundings->resolver.domains;
+    return row.usesIp() && !domains.empty() ? CimValue(domains.front()) : CimValue();
+}
+
+CimValue LeaseEndIn(const Row& row) {
+    if (!row.leaseSeconds) return {};
+    const auto end = std::chrono::system_clock::now() + std::chrono::seconds(*row.leaseSeconds);
+    return DmtfTime(std::chrono::duration_cast<std::chrono::microseconds>(end.time_since_epoch()).count());
+}
+
+constexpr auto productIn = [](const Row& row) { return ProductOf(row); };
+constexpr auto indexIn = [](const Row& row) { return row.interface.index; };
+constexpr auto nameIn = [](const Row& row) { return row.interface.name; };
+constexpr auto macAddressIn = [](const Row& row) { return row.macAddress; };
+constexpr auto driverIn = [](const Row& row) { return KnownText(row.device.driver); };
+constexpr auto isUpIn = [](const Row& row) { return row.interface.isUp; };
+
+// clang-format off
+constexpr PropertyInfo adapterProperties[] = {
+    {u"AdapterType", string, 0, "AdapterTypeID in words", [](const Row& row) { return AdapterTypeOf(row); }},
+    {u"AdapterTypeID", uint16, 0, "0 Ethernet and radio networks, 1 Token Ring, 2 FDDI, 3 PPP, 13 FireWire",
+        [](const Row& row) { return AdapterTypeIdOf(row); }},
+    {u"AutoSense", boolean},
+    {u"Availability", uint16, 0, "3 switched on, 8 off", [](const Row& row) { return row.interface.isUp ? 3 : 8; }},
+    {u"Caption", string, Need::device, "as Description", productIn},
+    {u"ConfigManagerErrorCode", uint32, 0, "0 switched on, 22 off", [](const Row& row) { return row.interface.isUp ? 0 : 22; }},
+    {u"ConfigManagerUserConfig", boolean},
+    {u"CreationClassName", string, 0, "this class", [](const Row&) { return u"Win32_NetworkAdapter"; }},
+    {u"Description", string, Need::device, "the product, else the driver, else the kind of interface, else its name", productIn},
+    {u"DeviceID", string, 0, "as Index", [](const Row& row) { return std::to_string(row.interface.index); }},
+    {u"ErrorCleared", boolean},
+    {u"ErrorDescription", string},
+    {u"GUID", string},
+    {u"Index", uint32, 0, "the kernel's number of the interface", indexIn},
+    {u"InstallDate", datetime},
+    {u"Installed", boolean, 0, "TRUE, as it is there", [](const Row&) { return true; }},
+    {u"InterfaceIndex", uint32, 0, "as Index", indexIn},
+    {u"LastErrorCode", uint32},
+    {u"MACAddress", string, Need::macAddress, "of Ethernet, such as 00:1A:2B:3C:4D:5E", macAddressIn},
+    {u"Manufacturer", string, Need::device, "of the hardware database", [](const Row& row) { return KnownText(row.device.vendor); }},
+    {u"MaxNumberControlled", uint32},
+    {u"MaxSpeed", uint64},
+    {u"Name", string, 0, "the interface, such as eth0", nameIn},
+    {u"NetConnectionID", string, 0, "as Name", nameIn},
+    {u"NetConnectionStatus", uint16, Need::connection, "2 connected, 7 nothing at the other end, 0 switched off",
+        [](const Row& row) { return ConnectionStatusOf(row); }},
+    {u"NetEnabled", boolean, 0, "whether it is switched on", isUpIn},
+    {u"NetworkAddresses", ArrayOf(string)},
+    {u"PermanentAddress", string},
+    {u"PhysicalAdapter", boolean, Need::device, "whether there is hardware behind it, a real one or a virtual machine's",
+        [](const Row& row) { return !row.device.place.empty(); }},
+    {u"PNPDeviceID", string, Need::device, "the hardware's path below /sys/devices", [](const Row& row) { return KnownText(row.device.place); }},
+    {u"PowerManagementCapabilities", ArrayOf(uint16)},
+    {u"PowerManagementSupported", boolean},
+    {u"ProductName", string, Need::device, "as Description", productIn},
+    {u"ServiceName", string, Need::device, "the driver", driverIn},
+    {u"Speed", uint64, Need::speed, "bits per second, where the driver tells it", [](const Row& row) { return row.speed; }},
+    {u"Status", string, 0, "OK, as it is there", [](const Row&) { return u"OK"; }},
+    {u"StatusInfo", uint16, 0, "3 switched on, 4 off", [](const Row& row) { return row.interface.isUp ? 3 : 4; }},
+    {u"SystemCreationClassName", string, 0, "the computer's class", [](const Row&) { return u"Win32_ComputerSystem"; }},
+    {u"SystemName", string, Need::host, "the computer's name", [](const Row& row) { return row.surroundings->host; }},
+    {u"TimeOfLastReset", datetime},
+};
+
+constexpr PropertyInfo configurationProperties[] = {
+    {u"ArpAlwaysSourceRoute", boolean},
+    {u"ArpUseEtherSNAP", boolean},
+    {u"Caption", string, Need::device, "as Description", productIn},
+    {u"DatabasePath", string},
+    {u"DeadGWDetectEnabled", boolean},
+    {u"DefaultIPGateway", ArrayOf(string), Need::gateways, "of its default routes, IPv4 and IPv6",
+        [](const Row& row) { return ArrayOrNull(row.gateways); }},
+    {u"DefaultTOS", uint8},
+    {u"DefaultTTL", uint8},
+    {u"Description", string, Need::device, "the product, else the driver, else the kind of interface, else its name", productIn},
+    {u"DHCPEnabled", boolean, Need::addresses, "whether it has an IPv4 address for a limited time, as leases give them",
+        [](const Row& row) { return row.leaseSeconds.has_value(); }},
+    {u"DHCPLeaseExpires", datetime, Need::addresses, "when that address is no longer valid", [](const Row& row) { return LeaseEndIn(row); }},
+    {u"DHCPLeaseObtained", datetime},
+    {u"DHCPServer", string},
+    {u"DNSDomain", string, Need::addresses | Need::resolver, "the first domain of resolv.conf, where IPEnabled",
+        [](const Row& row) { return DomainIn(row); }},
+    {u"DNSDomainSuffixSearchOrder", ArrayOf(string), Need::addresses | Need::resolver, "domains of resolv.conf, where IPEnabled",
+        [](const Row& row) { return ResolverArray(row, row.surroundings->resolver.domains.size()); }},
+    {u"DNSEnabledForWINSResolution", boolean},
+    {u"DNSHostName", string, Need::addresses | Need::host, "the computer's name, where IPEnabled",
+        [](const Row& row) { return row.usesIp() ? CimValue(row.surroundings->host) : CimValue(); }},
+    {u"DNSServerSearchOrder", ArrayOf(string), Need::addresses | Need::resolver, "name servers of resolv.conf, where IPEnabled",
+        [](const Row& row) { return ResolverArray(row, row.surroundings->resolver.servers); }},
+    {u"DomainDNSRegistrationEnabled", boolean},
+    {u"ForwardBufferMemory", uint32},
+    {u"FullDNSRegistrationEnabled", boolean},
+    {u"GatewayCostMetric", ArrayOf(uint16), Need::gateways, "one for each of DefaultIPGateway",
+        [](const Row& row) { return ArrayOrNull(row.gateways); }},
+    {u"IGMPLevel", uint8},
+    {u"Index", uint32, 0, "the kernel's number of the interface", indexIn},
+    {u"InterfaceIndex", uint32, 0, "as Index", indexIn},
+    {u"IPAddress", ArrayOf(string), Need::addresses, "IPv4 and IPv6", [](const Row& row) { return ArrayOrNull(row.addresses); }},
+    {u"IPConnectionMetric", uint32},
+    {u"IPEnabled", boolean, Need::addresses, "whether it is switched on and has an address", [](const Row& row) { return row.usesIp(); }},
+    {u"IPFilterSecurityEnabled", boolean},
+    {u"IPPortSecurityEnabled", boolean},
+    {u"IPSecPermitIPProtocols", ArrayOf(string)},
+    {u"IPSecPermitTCPPorts", ArrayOf(string)},
+    {u"IPSecPermitUDPPorts", ArrayOf(string)},
+    {u"IPSubnet", ArrayOf(string), Need::addresses, "one for each of IPAddress", [](const Row& row) { return ArrayOrNull(row.addresses); }},
+    {u"IPUseZeroBroadcast", boolean},
+    {u"IPXAddress", string},
+    {u"IPXEnabled", boolean},
+    {u"IPXFrameType", ArrayOf(uint32)},
+    {u"IPXMediaType", uint32},
+    {u"IPXNetworkNumber", ArrayOf(string)},
+    {u"IPXVirtualNetNumber", string},
+    {u"KeepAliveInterval", uint32},
+    {u"KeepAliveTime", uint32},
+    {u"MACAddress", string, Need::macAddress, "of Ethernet, such as 00:1A:2B:3C:4D:5E", macAddressIn},
+    {u"MTU", uint32, Need::mtu, "bytes", [](const Row& row) { return row.mtu; }},
+    {u"NumForwardPackets", uint32},
+    {u"PMTUBHDetectEnabled", boolean},
+    {u"PMTUDiscoveryEnabled", boolean},
+    {u"ServiceName", string, Need::device, "the driver", driverIn},
+    {u"SettingID", string, 0, "the interface, such as eth0", nameIn},
+    {u"TcpipNetbiosOptions", uint32},
+    {u"TcpMaxConnectRetransmissions", uint32},
+    {u"TcpMaxDataRetransmissions", uint32},
+    {u"TcpNumConnections", uint32},
+    {u"TcpUseRFC1122UrgentPointer", boolean},
+    {u"TcpWindowSize", uint16},
+    {u"WINSEnableLMHostsLookup", boolean},
+    {u"WINSHostLookupFile", string},
+    {u"WINSPrimaryServer", string},
+    {u"WINSScopeID", string},
+    {u"WINSSecondaryServer", string},
+};
+// clang-format on
+
+Surroundings ReadSurroundings(const Gathering& gathering) {
+    Surroundings surroundings;
+    if (gathering.asksFor(Need::host)) surroundings.host = HostName();
+    if (gathering.asksFor(Need::addresses)) surroundings.addresses = ReadInterfaceAddresses();
+    if (gathering.asksFor(Need::resolver)) {
+        surroundings.resolver = ParseResolverSettings(ReadSystemFile("/etc/resolv.conf").value_or(std::string()));
+    }
+    if (gathering.asksFor(Need::gateways)) {
+        surroundings.defaultRoutes = ParseDefaultRoutes(ReadSystemFile("/proc/net/route").value_or(std::string()));
+        const std::vector<std::string> routes6 =
+            ParseDefaultRoutes6(ReadSystemFile("/proc/net/ipv6_route").value_or(std::string()));
+        surroundings.defaultRoutes.insert(surroundings.defaultRoutes.end(), routes6.begin(), routes6.end());
+    }
+    return surroundings;
+}
+
+std::optional<std::string> ReadMacAddress(const NetworkInterface& interface) {
+    if (interface.linkType != ARPHRD_ETHER) return std::nullopt;
+    std::optional<std::string> address = ReadSystemLine("/sys/class/net/" + interface.name + "/address");
+    if (!address) return std::nullopt;
+    for (char& digit : *address) digit = digit >= 'a' && digit <= 'f' ? static_cast<char>(digit - 'a' + 'A') : digit;
+    return address;
+}
+
+void FillRow(const Gathering& gathering, Row& row) {
+    const NetworkInterface& interface = row.interface;
+    const std::string folder = "/sys/class/net/" + interface.name;
+    if (gathering.asksFor(Need::device)) row.device = ReadInterfaceDevice(interface);
+    if (gathering.asksFor(Need::macAddress)) row.macAddress = ReadMacAddress(interface);
+    if (gathering.asksFor(Need::connection)) row.hasConnection = ReadSystemNumber(folder + "/carrier").value_or(0) != 0;
+    if (gathering.asksFor(Need::speed)) row.speed = InterfaceSpeed(interface.name);
+    if (gathering.asksFor(Need::mtu)) row.mtu = ReadSystemNumber(folder + "/mtu");
+    const std::vector<std::string>& routes = row.surroundings->defaultRoutes;
+    row.gateways = static_cast<std::size_t>(std::count(routes.begin(), routes.end(), interface.name));
+    for (const InterfaceAddress& address : row.surroundings->addresses) {
+        if (address.interfaceIndex != interface.index) continue;
+        ++row.addresses;
+        if (address.isVersion4 && address.secondsLeft) row.leaseSeconds = address.secondsLeft;
+    }
+}
+
+WmiStatus GatherAdapters(const Gathering& gathering) {
+    const Surroundings surroundings = ReadSurroundings(gathering);
+    for (NetworkInterface& interface : ListNetworkInterfaces()) {
+        Row row;
+        row.interface = std::move(interface);
+        row.surroundings = &surroundings;
+        FillRow(gathering, row);
+        if (!gathering.row(&row)) break;
+    }
+    return wmi_status::ok;
+}
+
+constexpr ClassInfo classes[] = {
+    {u"Win32_NetworkAdapter", u"CIM_NetworkAdapter", adapterProperties, GatherAdapters},
+    {u"Win32_NetworkAdapterConfiguration", u"CIM_Setting", configurationProperties, GatherAdapters},
+};
+
+}  // namespace
+
+std::span<const ClassInfo> NetworkAdapterClasses() { return classes; }
 
 }  // namespace platform::wmi

@@ -1,10 +1,42 @@
 #include "platform/posix/wmi_classes/network_devices.h"
 
 #include <algorithm>
+#include <charconv>
+#include <filesystem>
+#include <net/if.h>
+#include <net/if_arp.h>
 
 #include "platform/posix/wmi/system_text.h"
 
 namespace platform::wmi {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+/// A number such as "0x1003"; 0 for another text.
+std::uint32_t HexadecimalNumberOf(std::string_view text) {
+    constexpr int hexadecimal = 16;
+    std::uint32_t number = 0;
+    if (!text.starts_with("0x")) return number;
+    std::from_chars(text.data() + 2, text.data() + text.size(), number, hexadecimal);
+    return number;
+}
+
+std::string FolderOf(const std::string& name) { return "/sys/class/net/" + name; }
+
+/// None for what is no interface, or no longer.
+std::optional<NetworkInterface> ReadInterface(std::string name) {
+    const std::string folder = FolderOf(name);
+    const std::optional<std::uint64_t> index = ReadSystemNumber(folder + "/ifindex");
+    const std::optional<std::uint64_t> linkType = ReadSystemNumber(folder + "/type");
+    if (!index || !linkType) return std::nullopt;
+    const std::uint32_t flags = HexadecimalNumberOf(ReadSystemLine(folder + "/flags").value_or(std::string()));
+    return NetworkInterface{std::move(name), static_cast<std::uint32_t>(*index), static_cast<std::uint32_t>(*linkType),
+                            (flags & IFF_UP) != 0};
+}
+
+}  // namespace
 
 std::vector<InterfaceCounters> ParseNetDev(std::string_view text) {
     std::vector<InterfaceCounters> interfaces;
@@ -29,9 +61,47 @@ std::vector<InterfaceCounters> ParseNetDev(std::string_view text) {
     return interfaces;
 }
 
+std::vector<NetworkInterface> ListNetworkInterfaces() {
+    std::vector<NetworkInterface> interfaces;
+    std::error_code failure;
+    for (fs::directory_iterator at("/sys/class/net", failure), end; !failure && at != end; at.increment(failure)) {
+        std::optional<NetworkInterface> interface = ReadInterface(at->path().filename().string());
+        if (interface && interface->linkType != ARPHRD_LOOPBACK) interfaces.push_back(std::move(*interface));
+    }
+    std::sort(interfaces.begin(), interfaces.end(),
+              [](const NetworkInterface& left, const NetworkInterface& right) { return left.index < right.index; });
+    return interfaces;
+}
+
+InterfaceDevice ReadInterfaceDevice(const NetworkInterface& interface) {
+    constexpr std::string_view root = "/sys/devices/";
+    const std::string folder = FolderOf(interface.name);
+    std::error_code failure;
+    InterfaceDevice device;
+    const std::string place = fs::canonical(folder + "/device", failure).string();
+    if (place.starts_with(root)) device.place = place.substr(root.size());
+    device.driver = fs::read_symlink(folder + "/device/driver", failure).filename().string();
+    const std::string known =
+        ReadSystemFile("/run/udev/data/n" + std::to_string(interface.index)).value_or(std::string());
+    device.vendor = ValueAfter("E:ID_VENDOR_FROM_DATABASE=", known);
+    device.product = ValueAfter("E:ID_MODEL_FROM_DATABASE=", known);
+    if (device.product.empty()) device.product = device.driver;
+    if (device.product.empty()) {
+        device.product = ValueAfter("DEVTYPE=", ReadSystemFile(folder + "/uevent").value_or(std::string()));
+    }
+    return device;
+}
+
+std::string_view ValueAfter(std::string_view key, std::string_view text) {
+    for (std::string_view line; TakeLine(text, line);) {
+        if (line.starts_with(key)) return line.substr(key.size());
+    }
+    return {};
+}
+
 std::optional<std::uint64_t> InterfaceSpeed(const std::string& name) {
     constexpr std::uint64_t bitsOfMegabit = 1'000'000;
-    const std::optional<std::uint64_t> megabits = ReadSystemNumber("/sys/class/net/" + name + "/speed");
+    const std::optional<std::uint64_t> megabits = ReadSystemNumber(FolderOf(name) + "/speed");
     if (!megabits || *megabits == 0) return std::nullopt;
     return *megabits * bitsOfMegabit;
 }

@@ -25,6 +25,30 @@ struct InterfaceCounters {
 
 std::vector<InterfaceCounters> ParseNetDev(std::string_view text);
 
+/// One of /sys/class/net.
+struct NetworkInterface {
+    std::string name;
+    std::uint32_t index = 0;     // the kernel's number of it
+    std::uint32_t linkType = 0;  // ARPHRD_ETHER and so on
+    bool isUp = false;           // switched on, with or without a connection
+};
+
+/// All interfaces but the loopback ones, in the order of their indexes.
+std::vector<NetworkInterface> ListNetworkInterfaces();
+
+/// What stands behind an interface; empty texts for what is not known.
+struct InterfaceDevice {
+    std::string driver;
+    std::string place;    // of the hardware's device below /sys/devices; empty for an interface without hardware
+    std::string vendor;   // where the hardware database has it
+    std::string product;  // the same, else the driver, else the kind of interface such as "bridge"
+};
+
+InterfaceDevice ReadInterfaceDevice(const NetworkInterface& interface);
+
+/// What stands after a key in the first line that begins with it; empty when there is none.
+std::string_view ValueAfter(std::string_view key, std::string_view text);
+
 /// Bits per second of an interface as its driver tells it; none for one that has no speed or is down.
 std::optional<std::uint64_t> InterfaceSpeed(const std::string& name);
 
