@@ -33,6 +33,11 @@ bool HasField(std::string_view line, std::string_view name) {
 
 std::u16string HostName() { return WideFromUtf8(HostPart(NodeName())); }
 
+std::string MachineName() {
+    utsname names{};
+    return uname(&names) == 0 ? names.machine : "";
+}
+
 std::string DomainName() {
     const std::string name = NodeName();
     if (!DomainPart(name).empty()) return std::string(DomainPart(name));

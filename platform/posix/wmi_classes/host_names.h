@@ -9,6 +9,9 @@ namespace platform::wmi {
 /// The computer's name, without the domain where the host name carries one; what Windows calls SystemName and CSName.
 std::u16string HostName();
 
+/// The kind of machine as uname(2) names it, such as "x86_64"; UTF-8.
+std::string MachineName();
+
 /// The domain that the host name carries, else the one that /etc/hosts has for it; UTF-8, empty where there is none.
 std::string DomainName();
 

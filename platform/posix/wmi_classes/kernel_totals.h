@@ -28,7 +28,7 @@ struct ProcessorTimes {
     std::uint64_t stolen = 0;  // had by other virtual machines
 
     std::uint64_t busyTicks() const { return user + nice + kernel + interrupts + softInterrupts + stolen; }
-    std::uint64_t allTicks() const { return busyTicks() + idle + ioWait; }
+    std::uint64_t idleTicks() const { return idle + ioWait; }
 };
 
 /// The lines "cpu<number>" of /proc/stat; the sum over all is left out.

@@ -1,7 +1,129 @@
+// Win32_PhysicalMemory: the memory devices of the firmware's tables (SMBIOS type 17) that are there; none where the
+// computer has no such tables.
 #include "platform/posix/wmi_classes/families.h"
+#include "platform/posix/wmi_classes/smbios.h"
 
 namespace platform::wmi {
 
-std::span<const ClassInfo> PhysicalMemoryClasses() { return {}; }
+namespace {
+
+using enum CimType;
+
+constexpr std::uint8_t memoryDevice = 17;
+
+struct Row {
+    SmbiosStructure device;
+    std::uint32_t number = 0;  // among those that are there
+};
+
+/// A width in bits, of which 0xFFFF stands for unknown.
+std::optional<std::uint32_t> WidthAt(const Row& row, std::size_t offset) {
+    constexpr std::uint16_t unknown = 0xFFFF;
+    const std::uint16_t bits = row.device.wordAt(offset);
+    return KnownNumber(bits == unknown ? 0 : bits);
+}
+
+/// Bytes of a device; none when the firmware does not know, 0 for an empty socket.
+std::optional<std::uint64_t> CapacityOf(const SmbiosStructure& device) {
+    constexpr std::size_t sizeOffset = 0x0C;
+    constexpr std::size_t extendedOffset = 0x1C;
+    constexpr std::uint16_t unknown = 0xFFFF;
+    constexpr std::uint16_t seeExtended = 0x7FFF;
+    constexpr std::uint16_t inKilobytes = 0x8000;
+    constexpr std::uint64_t kilobyte = 1024;
+    const std::uint16_t size = device.wordAt(sizeOffset);
+    if (size == unknown) return std::nullopt;
+    if (size == seeExtended) return (device.doubleWordAt(extendedOffset) & 0x7FFFFFFF) * kilobyte * kilobyte;
+    if ((size & inKilobytes) != 0) return (size - inKilobytes) * kilobyte;
+    return size * kilobyte * kilobyte;
+}
+
+/// Megatransfers in a second; what does not fit into its word stands at another offset.
+std::optional<std::uint32_t> SpeedAt(const Row& row, std::size_t offset, std::size_t extendedOffset) {
+    constexpr std::uint16_t seeExtended = 0xFFFF;
+    const std::uint16_t speed = row.device.wordAt(offset);
+    return KnownNumber(speed == seeExtended ? row.device.doubleWordAt(extendedOffset) & 0x7FFFFFFF : speed);
+}
+
+/// A form factor in the numbers of CIM_Chip.
+std::uint16_t FormFactorOf(std::uint8_t smbios) {
+    constexpr std::uint8_t numbers[] = {
+        0, 1, 0, 7, 2,  1,  3,  4,  // other, unknown, SIMM, SIP, chip, DIP, ZIP
+        6, 8, 9, 1, 11, 12, 13, 8,  // proprietary, DIMM, TSOP, row of chips, RIMM, SODIMM, SRIMM, FB-DIMM
+    };
+    return smbios < std::size(numbers) ? numbers[smbios] : 1;
+}
+
+/// A memory type in the numbers of CIM_PhysicalMemory, which know none newer than DDR4; 0 is unknown.
+std::uint16_t MemoryTypeOf(std::uint8_t smbios) {
+    constexpr std::uint8_t numbers[] = {
+        0,  1,  0,  2,  6,  7,  8,
+        9,  10, 11, 12, 13, 14, 15,  // other, unknown, DRAM, EDRAM, VRAM, SRAM, RAM, ..., CDRAM
+        16, 17, 18, 19, 20, 21, 22,
+        0,  0,  0,  24, 25, 26,  // 3DRAM, SDRAM, SGRAM, RDRAM, DDR, DDR2, ..., DDR3, FBD2, DDR4
+    };
+    return smbios < std::size(numbers) ? numbers[smbios] : 0;
+}
+
+// clang-format off
+constexpr PropertyInfo properties[] = {
+    {u"Attributes", uint32, 0, "ranks", [](const Row& row) { return KnownNumber(row.device.byteAt(0x1B) & 0x0F); }},
+    {u"BankLabel", string, 0, "bank locator", [](const Row& row) { return row.device.stringAt(0x11); }},
+    {u"Capacity", uint64, 0, "bytes", [](const Row& row) { return CapacityOf(row.device); }},
+    {u"Caption", string, 0, "of every device", [](const Row&) { return u"Physical Memory"; }},
+    {u"ConfiguredClockSpeed", uint32, 0, "MT/s", [](const Row& row) { return SpeedAt(row, 0x20, 0x58); }},
+    {u"ConfiguredVoltage", uint32, 0, "mV", [](const Row& row) { return KnownNumber(row.device.wordAt(0x26)); }},
+    {u"CreationClassName", string, 0, "this class", [](const Row&) { return u"Win32_PhysicalMemory"; }},
+    {u"DataWidth", uint16, 0, "bits", [](const Row& row) { return WidthAt(row, 0x0A); }},
+    {u"Description", string, 0, "of every device", [](const Row&) { return u"Physical Memory"; }},
+    {u"DeviceLocator", string, 0, "the socket's label", [](const Row& row) { return row.device.stringAt(0x10); }},
+    {u"FormFactor", uint16, 0, "8 DIMM, 12 SODIMM, ...", [](const Row& row) { return FormFactorOf(row.device.byteAt(0x0E)); }},
+    {u"HotSwappable", boolean},
+    {u"InstallDate", datetime},
+    {u"InterleaveDataDepth", uint16},
+    {u"InterleavePosition", uint32},
+    {u"Manufacturer", string, 0, "", [](const Row& row) { return row.device.stringAt(0x17); }},
+    {u"MaxVoltage", uint32, 0, "mV", [](const Row& row) { return KnownNumber(row.device.wordAt(0x24)); }},
+    {u"MemoryType", uint16, 0, "24 DDR3, 26 DDR4, ...", [](const Row& row) { return MemoryTypeOf(row.device.byteAt(0x12)); }},
+    {u"MinVoltage", uint32, 0, "mV", [](const Row& row) { return KnownNumber(row.device.wordAt(0x22)); }},
+    {u"Model", string},
+    {u"Name", string, 0, "of every device", [](const Row&) { return u"Physical Memory"; }},
+    {u"OtherIdentifyingInfo", string},
+    {u"PartNumber", string, 0, "", [](const Row& row) { return row.device.stringAt(0x1A); }},
+    {u"PositionInRow", uint32},
+    {u"PoweredOn", boolean},
+    {u"Removable", boolean},
+    {u"Replaceable", boolean},
+    {u"SerialNumber", string, 0, "", [](const Row& row) { return row.device.stringAt(0x18); }},
+    {u"SKU", string},
+    {u"SMBIOSMemoryType", uint32, 0, "26 DDR4, 34 DDR5, ...", [](const Row& row) { return row.device.byteAt(0x12); }},
+    {u"Speed", uint32, 0, "MT/s, the most that the device is made for", [](const Row& row) { return SpeedAt(row, 0x15, 0x54); }},
+    {u"Status", string},
+    {u"Tag", string, 0, "the device's number among those that are there", [](const Row& row) { return "Physical Memory " + std::to_string(row.number); }},
+    {u"TotalWidth", uint16, 0, "bits, those for error correction included", [](const Row& row) { return WidthAt(row, 0x08); }},
+    {u"TypeDetail", uint16, 0, "bits of SMBIOS", [](const Row& row) { return row.device.wordAt(0x13); }},
+    {u"Version", string},
+};
+// clang-format on
+
+WmiStatus GatherMemoryDevices(const Gathering& gathering) {
+    const std::string table = ReadSmbiosTable();
+    Row row;
+    for (SmbiosStructure& structure : ParseSmbios(table)) {
+        if (structure.type != memoryDevice || CapacityOf(structure) == 0) continue;
+        row.device = std::move(structure);
+        if (!gathering.row(&row)) break;
+        ++row.number;
+    }
+    return wmi_status::ok;
+}
+
+constexpr ClassInfo classes[] = {
+    {u"Win32_PhysicalMemory", u"CIM_PhysicalMemory", properties, GatherMemoryDevices},
+};
+
+}  // namespace
+
+std::span<const ClassInfo> PhysicalMemoryClasses() { return classes; }
 
 }  // namespace platform::wmi

@@ -1,7 +1,254 @@
+// Win32_Processor: a row for each socket, of /proc/cpuinfo, /sys/devices/system/cpu and the firmware's tables (SMBIOS
+// type 4), the last of which many virtual machines lack.
+#include <algorithm>
+#include <chrono>
+#include <fmt/format.h>
+#include <iterator>
+#if defined(__x86_64__) || defined(__i386__)
+#include <cpuid.h>
+#endif
+
+#include "platform/posix/wmi/system_text.h"
+#include "platform/posix/wmi_classes/cpu_info.h"
 #include "platform/posix/wmi_classes/families.h"
+#include "platform/posix/wmi_classes/host_names.h"
+#include "platform/posix/wmi_classes/processor_identity.h"
+#include "platform/posix/wmi_classes/processor_load.h"
+#include "platform/posix/wmi_classes/smbios.h"
 
 namespace platform::wmi {
 
-std::span<const ClassInfo> ProcessorClasses() { return {}; }
+namespace {
+
+using enum CimType;
+
+struct Need {
+    enum Bits : std::uint32_t {
+        host = 1,
+        machine = 2,
+        firmware = 4,
+        load = 8,
+        caches = 16,
+        maxClock = 32,
+        currentClock = 64,
+    };
+};
+
+struct Row {
+    Socket socket;
+    std::size_t number = 0;
+    SmbiosStructure firmware;  // without anything in it where the firmware tells nothing
+    std::u16string host;
+    std::string machine;
+    std::uint16_t load = 0;
+    std::optional<std::uint64_t> secondLevelCache;  // KB
+    std::optional<std::uint64_t> thirdLevelCache;   // KB
+    std::optional<std::uint64_t> maxClock;          // MHz
+    std::optional<std::uint64_t> currentClock;      // MHz
+
+    const CpuBlock& first() const { return socket.processors.front(); }
+};
+
+constexpr std::uint8_t isVoltageInUse = 0x80;  // otherwise bits tell what the socket can give
+
+/// In tenths of a volt.
+std::optional<std::uint32_t> VoltageOf(const SmbiosStructure& firmware) {
+    const std::uint8_t voltage = firmware.byteAt(0x11);
+    return KnownNumber((voltage & isVoltageInUse) != 0 ? voltage - isVoltageInUse : 0U);
+}
+
+std::optional<std::uint32_t> VoltageCapsOf(const SmbiosStructure& firmware) {
+    const std::uint8_t voltage = firmware.byteAt(0x11);
+    return KnownNumber((voltage & isVoltageInUse) == 0 ? voltage : 0);
+}
+
+std::uint16_t FamilyOf(const SmbiosStructure& firmware) {
+    constexpr std::uint8_t seeWord = 0xFE;
+    constexpr std::uint16_t unknown = 2;
+    const std::uint8_t family = firmware.byteAt(0x06);
+    if (family == seeWord) return firmware.wordAt(0x28);
+    return family == 0 ? unknown : family;
+}
+
+/// Features and signature, the first leaf of the CPUID instruction, as the firmware or else the processor tells them.
+std::optional<std::string> ProcessorIdOf(const SmbiosStructure& firmware) {
+    std::uint32_t signature = firmware.doubleWordAt(0x08);
+    std::uint32_t features = firmware.doubleWordAt(0x0C);
+#if defined(__x86_64__) || defined(__i386__)
+    std::uint32_t unused = 0;
+    if (signature == 0) __get_cpuid(1, &signature, &unused, &unused, &features);
+#endif
+    if (signature == 0) return std::nullopt;
+    return fmt::format("{:08X}{:08X}", features, signature);
+}
+
+std::optional<bool> CanHostMachines(const Row& row) {
+    const std::optional<bool> intel = row.first().hasFlag("vmx");
+    return intel ? std::optional(*intel || *row.first().hasFlag("svm")) : std::nullopt;
+}
+
+std::optional<bool> HasNestedPaging(const Row& row) {
+    const std::optional<bool> intel = row.first().hasFlag("ept");
+    return intel ? std::optional(*intel || *row.first().hasFlag("npt")) : std::nullopt;
+}
+
+/// The processor's own name for itself, which one of ARM lacks, else the firmware's.
+std::optional<std::string> NameOf(const Row& row) {
+    const std::optional<std::string> firmwareName = row.firmware.stringAt(0x10);
+    return row.first().field("model name").empty() && firmwareName ? firmwareName : ModelNameOf(row.first());
+}
+
+std::string DeviceIdOf(const Row& row) { return fmt::format("CPU{}", row.number); }
+
+std::uint16_t WidthOf(const Row& row) {
+    constexpr std::uint16_t wide = 64;
+    constexpr std::uint16_t narrow = 32;
+    return WordWidthOf(row.machine) == "64-bit" ? wide : narrow;
+}
+
+std::uint8_t StatusOf(const SmbiosStructure& firmware) {
+    constexpr std::uint8_t statusBits = 7;
+    constexpr std::uint8_t enabled = 1;
+    return firmware.formatted.empty() ? enabled : firmware.byteAt(0x18) & statusBits;
+}
+
+// clang-format off
+constexpr PropertyInfo properties[] = {
+    {u"AddressWidth", uint16, Need::machine, "bits, of the running kernel", [](const Row& row) { return WidthOf(row); }},
+    {u"Architecture", uint16, Need::machine, "9 x64, 12 ARM64, 0 x86, 5 ARM", [](const Row& row) { return ArchitectureOf(row.machine); }},
+    {u"AssetTag", string, Need::firmware, "", [](const Row& row) { return row.firmware.stringAt(0x21); }},
+    {u"Availability", uint16, 0, "3: running", [](const Row&) { return 3; }},
+    {u"Caption", string, 0, "as Description", [](const Row& row) { return DescriptionOf(row.first()); }},
+    {u"Characteristics", uint32, Need::firmware, "bits of SMBIOS", [](const Row& row) { return KnownNumber(row.firmware.wordAt(0x26)); }},
+    {u"ConfigManagerErrorCode", uint32},
+    {u"ConfigManagerUserConfig", boolean},
+    {u"CpuStatus", uint16, Need::firmware, "1 enabled, 4 idle", [](const Row& row) { return StatusOf(row.firmware); }},
+    {u"CreationClassName", string, 0, "this class", [](const Row&) { return u"Win32_Processor"; }},
+    {u"CurrentClockSpeed", uint32, Need::currentClock, "MHz, mean of the logical processors", [](const Row& row) { return row.currentClock; }},
+    {u"CurrentVoltage", uint16, Need::firmware, "tenths of a volt", [](const Row& row) { return VoltageOf(row.firmware); }},
+    {u"DataWidth", uint16, Need::machine, "as AddressWidth", [](const Row& row) { return WidthOf(row); }},
+    {u"Description", string, 0, "family, model and stepping", [](const Row& row) { return DescriptionOf(row.first()); }},
+    {u"DeviceID", string, 0, "CPU0 and so on", [](const Row& row) { return DeviceIdOf(row); }},
+    {u"ErrorCleared", boolean},
+    {u"ErrorDescription", string},
+    {u"ExtClock", uint32, Need::firmware, "MHz", [](const Row& row) { return KnownNumber(row.firmware.wordAt(0x12)); }},
+    {u"Family", uint16, Need::firmware, "by the list of SMBIOS, 2 unknown", [](const Row& row) { return FamilyOf(row.firmware); }},
+    {u"InstallDate", datetime},
+    {u"L2CacheSize", uint32, Need::caches, "KB, all of the socket's together", [](const Row& row) { return row.secondLevelCache; }},
+    {u"L2CacheSpeed", uint32},
+    {u"L3CacheSize", uint32, Need::caches, "KB, all of the socket's together", [](const Row& row) { return row.thirdLevelCache; }},
+    {u"L3CacheSpeed", uint32},
+    {u"LastErrorCode", uint32},
+    {u"Level", uint16, 0, "family; on ARM the architecture's version", [](const Row& row) { return LevelOf(row.first()); }},
+    {u"LoadPercentage", uint16, Need::load, "busy share since the previous query of it, of /proc/stat", [](const Row& row) { return row.load; }},
+    {u"Manufacturer", string, 0, "vendor_id or implementer", [](const Row& row) { return ManufacturerOf(row.first()); }},
+    {u"MaxClockSpeed", uint32, Need::maxClock | Need::firmware, "MHz", [](const Row& row) { return row.maxClock; }},
+    {u"Name", string, Need::firmware, "model name", [](const Row& row) { return NameOf(row); }},
+    {u"NumberOfCores", uint32, 0, "online", [](const Row& row) { return row.socket.cores; }},
+    {u"NumberOfEnabledCore", uint32, 0, "online", [](const Row& row) { return row.socket.cores; }},
+    {u"NumberOfLogicalProcessors", uint32, 0, "online", [](const Row& row) { return row.socket.processors.size(); }},
+    {u"OtherFamilyDescription", string},
+    {u"PartNumber", string, Need::firmware, "", [](const Row& row) { return row.firmware.stringAt(0x22); }},
+    {u"PNPDeviceID", string},
+    {u"PowerManagementCapabilities", ArrayOf(uint16)},
+    {u"PowerManagementSupported", boolean},
+    {u"ProcessorId", string, Need::firmware, "CPUID's features and signature", [](const Row& row) { return ProcessorIdOf(row.firmware); }},
+    {u"ProcessorType", uint16, 0, "3: central processor", [](const Row&) { return 3; }},
+    {u"Revision", uint16, 0, "model and stepping, a byte each", [](const Row& row) { return RevisionOf(row.first()); }},
+    {u"Role", string, 0, "central processor", [](const Row&) { return u"CPU"; }},
+    {u"SecondLevelAddressTranslationExtensions", boolean, 0, "flags ept, npt", [](const Row& row) { return HasNestedPaging(row); }},
+    {u"SerialNumber", string, Need::firmware, "", [](const Row& row) { return row.firmware.stringAt(0x20); }},
+    {u"SocketDesignation", string, Need::firmware, "the socket's label, else as DeviceID",
+        [](const Row& row) { return row.firmware.stringAt(0x04).value_or(DeviceIdOf(row)); }},
+    {u"Status", string, 0, "it runs", [](const Row&) { return u"OK"; }},
+    {u"StatusInfo", uint16, 0, "3: enabled", [](const Row&) { return 3; }},
+    {u"Stepping", string, 0, "stepping; none on ARM", [](const Row& row) { return row.first().numberIn("stepping") ? CimValue(row.first().field("stepping")) : CimValue(); }},
+    {u"SystemCreationClassName", string, 0, "the computer's class", [](const Row&) { return u"Win32_ComputerSystem"; }},
+    {u"SystemName", string, Need::host, "the computer's name", [](const Row& row) { return row.host; }},
+    {u"ThreadCount", uint32, 0, "as NumberOfLogicalProcessors", [](const Row& row) { return row.socket.processors.size(); }},
+    {u"UniqueId", string},
+    {u"UpgradeMethod", uint16, Need::firmware, "by the list of SMBIOS", [](const Row& row) { return KnownNumber(row.firmware.byteAt(0x19)); }},
+    {u"Version", string},
+    {u"VirtualizationFirmwareEnabled", boolean, 0, "as VMMonitorModeExtensions: the flags go where the firmware forbids it", [](const Row& row) { return CanHostMachines(row); }},
+    {u"VMMonitorModeExtensions", boolean, 0, "flags vmx, svm", [](const Row& row) { return CanHostMachines(row); }},
+    {u"VoltageCaps", uint32, Need::firmware, "bits for 5, 3.3 and 2.9 V", [](const Row& row) { return VoltageCapsOf(row.firmware); }},
+};
+// clang-format on
+
+TimesByProcessor ReadTimes() {
+    TimesByProcessor all;
+    const std::string stat = ReadSystemFile("/proc/stat").value_or("");
+    for (const ProcessorTimes& times : ParseProcessorTimes(stat)) {
+        all[times.number] = times;
+    }
+    return all;
+}
+
+/// The sample of this query, and the one it is compared with.
+struct LoadSamples {
+    TimesByProcessor from;
+    TimesByProcessor to;
+};
+
+LoadSamples TakeLoadSamples() {
+    static LoadHistory history;
+    LoadSamples samples;
+    samples.to = ReadTimes();
+    samples.from = history.exchange(samples.to, std::chrono::steady_clock::now());
+    return samples;
+}
+
+/// What the firmware tells of the processors that are in their sockets, in its order.
+std::vector<SmbiosStructure> ProcessorsIn(const std::vector<SmbiosStructure>& structures) {
+    constexpr std::uint8_t processor = 4;
+    constexpr std::uint8_t isThere = 0x40;
+    std::vector<SmbiosStructure> processors;
+    std::ranges::copy_if(structures, std::back_inserter(processors), [](const SmbiosStructure& structure) {
+        return structure.type == processor && (structure.byteAt(0x18) & isThere) != 0;
+    });
+    return processors;
+}
+
+/// MHz by the system, else as the firmware set it, else as it is now.
+std::optional<std::uint64_t> MaxClockOf(const Row& row) {
+    if (const std::optional<std::uint64_t> clock = ReadMaxClock(row.socket)) return clock;
+    const std::uint16_t byFirmware = row.firmware.wordAt(0x16);
+    return byFirmware != 0 ? byFirmware : ReadClock(row.socket);
+}
+
+/// What is read of each socket.
+void ReadParts(const Gathering& gathering, Row& row) {
+    if (gathering.asksFor(Need::caches)) {
+        row.secondLevelCache = ReadCacheSize(row.socket, 2);
+        row.thirdLevelCache = ReadCacheSize(row.socket, 3);
+    }
+    if (gathering.asksFor(Need::maxClock)) row.maxClock = MaxClockOf(row);
+    if (gathering.asksFor(Need::currentClock)) row.currentClock = ReadClock(row.socket);
+}
+
+WmiStatus GatherProcessors(const Gathering& gathering) {
+    const std::string cpuInfo = ReadCpuInfo();
+    const std::string table = gathering.asksFor(Need::firmware) ? ReadSmbiosTable() : "";
+    const std::vector<SmbiosStructure> firmware = ProcessorsIn(ParseSmbios(table));
+    const LoadSamples samples = gathering.asksFor(Need::load) ? TakeLoadSamples() : LoadSamples();
+    Row row;
+    if (gathering.asksFor(Need::host)) row.host = HostName();
+    if (gathering.asksFor(Need::machine)) row.machine = MachineName();
+    for (Socket& socket : SocketsOf(ParseCpuInfo(cpuInfo))) {
+        row.socket = std::move(socket);
+        row.firmware = row.number < firmware.size() ? firmware[row.number] : SmbiosStructure();
+        row.load = BusyPercent(row.socket.processors, samples.from, samples.to);
+        ReadParts(gathering, row);
+        if (!gathering.row(&row)) break;
+        ++row.number;
+    }
+    return wmi_status::ok;
+}
+
+constexpr ClassInfo classes[] = {{u"Win32_Processor", u"CIM_Processor", properties, GatherProcessors}};
+
+}  // namespace
+
+std::span<const ClassInfo> ProcessorClasses() { return classes; }
 
 }  // namespace platform::wmi

@@ -2,7 +2,9 @@
 // /sys/firmware/dmi/tables/DMI. They are readable for the superuser only, and absent on many virtual machines.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -21,11 +23,22 @@ struct SmbiosStructure {
     std::uint16_t wordAt(std::size_t offset) const;
     std::uint32_t doubleWordAt(std::size_t offset) const;
 
-    /// The string whose number stands at an offset, without blanks at its ends; empty where there is none.
-    std::string stringAt(std::size_t offset) const;
+    /// The string whose number stands at an offset, without blanks at its ends; none where there is none, or it is
+    /// empty.
+    std::optional<std::string> stringAt(std::size_t offset) const;
 };
 
-/// All whole structures of a table, in its order; stops at the first that is malformed. The result refers to the bytes.
+/// All whole structures of a table, in its order, up to the one that marks its end; stops at the first that is
+/// malformed. The result refers to the bytes.
 std::vector<SmbiosStructure> ParseSmbios(std::string_view table);
+
+/// The first structure of a type; none when there is none.
+const SmbiosStructure* FirstOfType(const std::vector<SmbiosStructure>& structures, std::uint8_t type);
+
+/// None for 0, which stands for unknown in many of a structure's numbers.
+std::optional<std::uint32_t> KnownNumber(std::uint32_t number);
+
+/// This computer's table; empty where there is none, or it may not be read.
+std::string ReadSmbiosTable();
 
 }  // namespace platform::wmi

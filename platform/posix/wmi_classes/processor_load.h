@@ -1,0 +1,40 @@
+// How busy processors were since the last time someone asked.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <vector>
+
+#include "platform/posix/wmi_classes/cpu_info.h"
+#include "platform/posix/wmi_classes/kernel_totals.h"
+
+namespace platform::wmi {
+
+using TimesByProcessor = std::map<std::uint32_t, ProcessorTimes>;
+
+/// The samples taken so far, as far as they may still serve. Callable from any thread.
+class LoadHistory {
+  public:
+    /// Takes a sample, and gives the one to compare it with: the last that is at least a second older; none (an empty
+    /// one: the system's start) where there is no such sample.
+    TimesByProcessor exchange(const TimesByProcessor& sample, std::chrono::steady_clock::time_point now);
+
+  private:
+    struct Sample {
+        TimesByProcessor times;
+        std::chrono::steady_clock::time_point taken;
+    };
+
+    std::mutex mutex_;
+    Sample last_;
+    Sample beforeLast_;
+};
+
+/// The share that some processors together were not idle of the time between two samples, in percent; what a sample
+/// lacks counts from the system's start. 0 when no time has passed.
+std::uint16_t BusyPercent(const std::vector<CpuBlock>& processors, const TimesByProcessor& from,
+                          const TimesByProcessor& to);
+
+}  // namespace platform::wmi
