@@ -40,7 +40,7 @@ double MillisecondsOf(const rusage& used) {
 std::int32_t CountRows(std::u16string_view query) {
     const kv::VectorPtr rows = kv::MakeVector();
     const std::u16string message = kv::WMIFunction(std::nullopt, std::u16string(query), rows.get());
-    return message == u"NO ERROR" ? kv::GetVectorSize(rows.get()) : -1;
+    return message == u"NO ERROR" ? rows->count : -1;
 }
 
 /// Processor time of all threads of this process, milliseconds.
