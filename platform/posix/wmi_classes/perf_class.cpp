@@ -1,1 +1,355 @@
 #include "platform/posix/wmi_classes/perf_class.h"
+
+#include <algorithm>
+#include <cmath>
+#include <ctime>
+#include <numeric>
+#include <unordered_set>
+
+#include "platform/posix/wmi/class_tree.h"
+#include "platform/posix/wmi_classes/process_files.h"
+
+namespace platform::wmi {
+
+namespace {
+
+using enum CimType;
+
+constexpr std::uint64_t second = 10'000'000;
+
+/// Where the agent's epoch lies in that of Windows, 1601.
+constexpr std::uint64_t unixEpoch = 116'444'736'000'000'000;
+
+constexpr double wholePercent = 100;
+
+bool IsAverage(CounterKind kind) {
+    return kind == CounterKind::fraction || kind == CounterKind::averageTime || kind == CounterKind::averageAmount;
+}
+
+/// Whether a percentage is one of something that all objects have alike.
+bool IsPercentOfTime(CounterKind kind) {
+    return kind == CounterKind::percentOfTime || kind == CounterKind::percentOfTimestamp ||
+           kind == CounterKind::percentOfTimeLeft;
+}
+
+std::optional<CimType> BaseTypeOf(CounterKind kind) {
+    if (kind == CounterKind::percentOfTimestamp) return uint64;
+    if (IsAverage(kind)) return uint32;
+    return std::nullopt;
+}
+
+double Difference(std::uint64_t later, std::uint64_t earlier) {
+    return static_cast<double>(later) - static_cast<double>(earlier);
+}
+
+/// From where the growth of a counter counts.
+CounterState StartOf(CounterKind kind, const CounterState* before, const CounterState& now, std::uint64_t birth) {
+    if (before != nullptr && before->base <= now.base) {
+        if (before->value <= now.value) return *before;
+        const bool isStill = IsPercentOfTime(kind) && before->value - now.value <= second;
+        if (isStill) return {before->time, now.value, now.base};
+    }
+    return {std::min(birth, now.time - std::min(now.time, second))};
+}
+
+}  // namespace
+
+Quotient QuotientBetween(CounterKind kind, const CounterState* before, const CounterState& now, std::uint64_t birth) {
+    const CounterState start = StartOf(kind, before, now, birth);
+    const double time = Difference(now.time, start.time);
+    const double growth = Difference(now.value, start.value);
+    const double baseGrowth = Difference(now.base, start.base);
+    switch (kind) {
+        case CounterKind::rate:
+            return {growth * second, time};
+        case CounterKind::percentOfTime:
+        case CounterKind::percentOfTimestamp:
+        case CounterKind::percentOfProcessors:
+            return {growth * wholePercent, time};
+        case CounterKind::percentOfTimeLeft:
+            return {(time - growth) * wholePercent, time};
+        case CounterKind::fraction:
+            return {static_cast<double>(now.value) * wholePercent, static_cast<double>(now.base)};
+        case CounterKind::averageTime:
+            return {growth / second, baseGrowth};
+        case CounterKind::averageAmount:
+            return {growth, baseGrowth};
+        case CounterKind::queueLength:
+            return {growth, time};
+        case CounterKind::elapsedTime:
+            return {Difference(std::max(now.time, now.value), now.value), second};
+        default:
+            return {static_cast<double>(now.value), 1};
+    }
+}
+
+double FigureOf(CounterKind kind, const Quotient& quotient, unsigned processors) {
+    const double figure = quotient.per > 0 ? quotient.amount / quotient.per : 0;
+    if (IsPercentOfTime(kind)) return std::clamp(figure, 0.0, wholePercent);
+    if (kind == CounterKind::percentOfProcessors) return std::min(figure, wholePercent * processors);
+    return figure;
+}
+
+double TotalOf(CounterKind kind, const std::vector<Quotient>& quotients, unsigned processors) {
+    if (kind == CounterKind::label || quotients.empty()) return 0;
+    if (IsAverage(kind)) {
+        const auto add = [](Quotient sum, const Quotient& part) {
+            return Quotient{sum.amount + part.amount, sum.per + part.per};
+        };
+        return FigureOf(kind, std::accumulate(quotients.begin(), quotients.end(), Quotient{}, add), processors);
+    }
+    double sum = 0;
+    for (const Quotient& quotient : quotients) sum += FigureOf(kind, quotient, processors);
+    if (IsPercentOfTime(kind)) return sum / static_cast<double>(quotients.size());
+    return FigureOf(kind, {sum, 1}, processors);
+}
+
+std::optional<CounterState> Readings::stateOf(std::size_t counter) const {
+    if (values[counter] == unread) return std::nullopt;
+    return CounterState{time, values[counter], bases.empty() ? 0 : bases[counter]};
+}
+
+namespace {
+
+bool Covers(const Readings& readings, std::uint32_t needs) { return (needs & ~readings.needs) == 0; }
+
+/// Whether one of the samples that are newer holds all that this one does.
+bool IsOutdone(const ReadingsPtr& sample, const std::vector<ReadingsPtr>& newestFirst) {
+    for (const ReadingsPtr& other : newestFirst) {
+        if (other == sample) return false;
+        if (Covers(*other, sample->needs)) return true;
+    }
+    return false;
+}
+
+}  // namespace
+
+std::vector<ReadingsPtr> TakeBases(std::vector<ReadingsPtr>& samples, const ReadingsPtr& newest) {
+    std::vector<ReadingsPtr> bases;
+    bool isNeeded = true;
+    for (auto at = samples.rbegin(); at != samples.rend(); ++at) {
+        const bool isOldEnough = (*at)->time + second <= newest->time;
+        if (isOldEnough) bases.push_back(*at);
+        if (!isOldEnough && Covers(**at, newest->needs)) isNeeded = false;
+    }
+    std::erase_if(samples, [&](const ReadingsPtr& sample) { return IsOutdone(sample, bases); });
+    if (isNeeded) {
+        const auto isEarlier = [](const ReadingsPtr& left, const ReadingsPtr& right) {
+            return left->time < right->time;
+        };
+        samples.insert(std::upper_bound(samples.begin(), samples.end(), newest, isEarlier), newest);
+    }
+    return bases;
+}
+
+void PerfSampling::add(PerfRow object, const void* row, std::uint64_t time) {
+    const auto readings = std::make_shared<Readings>();
+    readings->time = time;
+    readings->needs = needs;
+    readings->values.reserve(perfClass.counters.size());
+    for (const CounterInfo& counter : perfClass.counters) {
+        const bool isAsked = counter.value != nullptr && (counter.needs & ~needs) == 0;
+        readings->values.push_back(isAsked ? counter.value(row).value_or(Readings::unread) : Readings::unread);
+        if (counter.base == nullptr) continue;
+        readings->bases.resize(perfClass.counters.size());
+        if (isAsked) readings->bases[readings->values.size() - 1] = counter.base(row).value_or(0);
+    }
+    object.sampling = this;
+    object.now = readings;
+    rows.push_back(std::move(object));
+}
+
+void PerfHistory::exchange(PerfSampling& sampling) {
+    const std::lock_guard lock(mutex);
+    std::unordered_set<std::string_view> keys;
+    for (PerfRow& row : sampling.rows) {
+        keys.insert(row.key);
+        Object& object = objects[row.key];
+        if (object.generation != row.generation) object = {row.generation, {}};
+        row.bases = TakeBases(object.samples, row.now);
+    }
+    if (sampling.isWhole) std::erase_if(objects, [&](const auto& object) { return !keys.contains(object.first); });
+    for (const std::string& key : sampling.absentKeys) objects.erase(key);
+}
+
+std::uint64_t TimeSinceStart() {
+    constexpr std::uint64_t nanosecondsOfUnit = 100;
+    timespec time{};
+    clock_gettime(CLOCK_BOOTTIME, &time);
+    return static_cast<std::uint64_t>(time.tv_sec) * second +
+           static_cast<std::uint64_t>(time.tv_nsec) / nanosecondsOfUnit;
+}
+
+namespace {
+
+const PerfRow& PerfRowAt(const void* row) { return *static_cast<const PerfRow*>(row); }
+
+const CounterInfo& CounterOf(const PerfRow& row, const PropertyInfo& property) {
+    return row.sampling->perfClass.counters[property.index];
+}
+
+std::optional<Quotient> QuotientIn(const PerfRow& row, std::size_t counter) {
+    const std::optional<CounterState> now = row.now->stateOf(counter);
+    if (!now) return std::nullopt;
+    std::optional<CounterState> before;
+    for (auto base = row.bases.begin(); base != row.bases.end() && !before; ++base) before = (*base)->stateOf(counter);
+    const CounterKind kind = row.sampling->perfClass.counters[counter].kind;
+    return QuotientBetween(kind, before ? &*before : nullptr, *now, row.birth);
+}
+
+/// Rounded, and no more than the type holds.
+CimValue WholeFigure(CimType type, double figure) {
+    constexpr std::uint64_t most = UINT64_MAX;
+    const std::uint64_t limit = type == uint32 ? UINT32_MAX : most;
+    const double rounded = std::round(figure);
+    return rounded < static_cast<double>(limit) ? static_cast<std::uint64_t>(rounded) : limit;
+}
+
+CimValue ReadFigure(const void* record, const PropertyInfo& property) {
+    const PerfRow& row = PerfRowAt(record);
+    const CounterKind kind = CounterOf(row, property).kind;
+    std::vector<Quotient> quotients;
+    for (const PerfRow& part : row.isTotal ? std::span<const PerfRow>(row.sampling->rows) : std::span(&row, 1)) {
+        if (const std::optional<Quotient> quotient = QuotientIn(part, property.index)) quotients.push_back(*quotient);
+    }
+    if (quotients.empty() || (row.isTotal && kind == CounterKind::elapsedTime)) return {};
+    const unsigned processors = row.sampling->processors;
+    const double figure =
+        row.isTotal ? TotalOf(kind, quotients, processors) : FigureOf(kind, quotients.front(), processors);
+    return WholeFigure(property.type, figure);
+}
+
+/// A counter as it stands; of all objects the sum, or for percentages of time the mean.
+std::optional<CounterState> RawStateIn(const PerfRow& row, std::size_t counter) {
+    if (!row.isTotal) return row.now->stateOf(counter);
+    const CounterKind kind = row.sampling->perfClass.counters[counter].kind;
+    CounterState total;
+    std::uint64_t count = 0;
+    for (const PerfRow& part : row.sampling->rows) {
+        const std::optional<CounterState> state = part.now->stateOf(counter);
+        if (!state) continue;
+        total.value += state->value;
+        total.base += state->base;
+        ++count;
+    }
+    if (count == 0 || kind == CounterKind::elapsedTime) return std::nullopt;
+    if (kind == CounterKind::label) total.value = 0;
+    if (IsPercentOfTime(kind)) total.value /= count;
+    return total;
+}
+
+CimValue ReadRaw(const void* record, const PropertyInfo& property) {
+    const PerfRow& row = PerfRowAt(record);
+    const std::optional<CounterState> state = RawStateIn(row, property.index);
+    if (!state) return {};
+    const bool isMoment = CounterOf(row, property).kind == CounterKind::elapsedTime;
+    return state->value + (isMoment ? row.sampling->systemStart : 0);
+}
+
+std::uint64_t WallTimeOf(const PerfRow& row) { return row.sampling->systemStart + row.now->time; }
+
+CimValue ReadRawBase(const void* record, const PropertyInfo& property) {
+    const PerfRow& row = PerfRowAt(record);
+    const std::optional<CounterState> state = RawStateIn(row, property.index);
+    if (!state) return {};
+    return CounterOf(row, property).kind == CounterKind::percentOfTimestamp ? WallTimeOf(row) : state->base;
+}
+
+CimValue ReadName(const void* record, const PropertyInfo&) { return PerfRowAt(record).name; }
+CimValue ReadFrequency(const void*, const PropertyInfo&) { return second; }
+CimValue ReadTimeSinceStart(const void* record, const PropertyInfo&) { return PerfRowAt(record).now->time; }
+CimValue ReadWallTime(const void* record, const PropertyInfo&) { return WallTimeOf(PerfRowAt(record)); }
+
+using PropertyRead = CimValue (*)(const void* row, const PropertyInfo& property);
+
+void AddProperty(std::vector<PropertyInfo>& table, std::u16string_view name, CimType type, PropertyRead read,
+                 std::string_view meaning, std::uint32_t needs = 0, std::size_t index = 0) {
+    PropertyInfo& property = table.emplace_back(name, type);
+    property.read = read;
+    property.meaning = meaning;
+    property.needs = needs;
+    property.index = index;
+}
+
+/// The inherited properties. Times are told in the raw class, where figures are made of them.
+void AddInherited(std::vector<PropertyInfo>& table, const PerfClass& perfClass, bool isRaw) {
+    table.emplace_back(u"Caption", string);
+    table.emplace_back(u"Description", string);
+    const PropertyRead readName = perfClass.isSingle ? nullptr : ReadName;
+    AddProperty(table, u"Name", string, readName, perfClass.isSingle ? "" : "the object's", perfClass.nameNeeds);
+    const struct {
+        std::u16string_view name;
+        PropertyRead read;
+        std::string_view meaning;
+    } times[] = {
+        {u"Frequency_Object", ReadFrequency, "units of Timestamp_Object in a second"},
+        {u"Frequency_PerfTime", ReadFrequency, "units of Timestamp_PerfTime in a second"},
+        {u"Frequency_Sys100NS", ReadFrequency, "units of Timestamp_Sys100NS in a second"},
+        {u"Timestamp_Object", ReadWallTime, "100 ns since 1601"},
+        {u"Timestamp_PerfTime", ReadTimeSinceStart, "100 ns since the system's start"},
+        {u"Timestamp_Sys100NS", ReadWallTime, "100 ns since 1601"},
+    };
+    for (const auto& time : times) {
+        AddProperty(table, time.name, uint64, isRaw ? time.read : nullptr, isRaw ? time.meaning : "");
+    }
+}
+
+void AddCounter(std::vector<PropertyInfo>& table, std::u16string_view name, CimType type, PropertyRead read,
+                const CounterInfo& counter, std::size_t index) {
+    AddProperty(table, name, type, counter.value != nullptr ? read : nullptr, counter.meaning, counter.needs, index);
+}
+
+}  // namespace
+
+namespace detail {
+
+std::span<const PropertyInfo> PerfDeclaration::addTable(const PerfClass& perfClass, bool isRaw) {
+    std::vector<PropertyInfo>& table = tables.emplace_back();
+    AddInherited(table, perfClass, isRaw);
+    for (std::size_t index = 0; index < perfClass.counters.size(); ++index) {
+        const CounterInfo& counter = perfClass.counters[index];
+        AddCounter(table, counter.name, counter.type, isRaw ? ReadRaw : ReadFigure, counter, index);
+        const std::optional<CimType> baseType = BaseTypeOf(counter.kind);
+        if (!isRaw || !baseType) continue;
+        names.push_back(std::u16string(counter.name) + u"_Base");
+        AddCounter(table, names.back(), *baseType, ReadRawBase, counter, index);
+    }
+    std::sort(table.begin(), table.end(), [](const PropertyInfo& left, const PropertyInfo& right) {
+        return CompareNames(left.name, right.name) < 0;
+    });
+    return table;
+}
+
+void PerfDeclaration::add(const PerfClass& perfClass, GatherRoutine raw, GatherRoutine formatted) {
+    for (const bool isRaw : {true, false}) {
+        const std::u16string_view superclass = isRaw ? u"Win32_PerfRawData" : u"Win32_PerfFormattedData";
+        names.push_back(std::u16string(superclass) + u'_' + std::u16string(perfClass.name));
+        const std::u16string& name = names.back();
+        classes.push_back({name, superclass, addTable(perfClass, isRaw), isRaw ? raw : formatted});
+    }
+}
+
+WmiStatus GatherPerformance(const PerfClass& perfClass, PerfHistory* history, const Gathering& gathering) {
+    constexpr std::uint64_t unitsOfMillisecond = 10'000;
+    PerfSampling sampling(perfClass);
+    sampling.needs = gathering.needs;
+    sampling.systemStart = unixEpoch + static_cast<std::uint64_t>(SystemStartMilliseconds()) * unitsOfMillisecond;
+    const WmiStatus status = perfClass.read(gathering, sampling);
+    if (IsFailure(status)) return status;
+    if (history != nullptr) history->exchange(sampling);
+    for (const PerfRow& row : sampling.rows) {
+        if (!gathering.row(&row)) return status;
+    }
+    if (!perfClass.hasTotal || !sampling.isWhole || sampling.rows.empty()) return status;
+    PerfRow total;
+    total.sampling = &sampling;
+    total.name = "_Total";
+    total.now = sampling.rows.back().now;
+    total.isTotal = true;
+    gathering.row(&total);
+    return status;
+}
+
+}  // namespace detail
+
+}  // namespace platform::wmi

@@ -1,46 +1,228 @@
 // Performance classes. One table of counters gives two classes: Win32_PerfRawData_<name> with the counters as they
-// stand, and Win32_PerfFormattedData_<name> with what they come to over the time since the class's previous sample.
+// stand, and Win32_PerfFormattedData_<name> with what they come to over the time since an earlier sample.
 //
-// A class keeps its samples itself: each query of the formatted class takes one, and the one before is the base of its
-// figures. A sample less than a second old is no base, as too little has happened since; then the one before it serves.
-// Where there is no base, for the first query of all or an object that was not there, the figures are those since the
-// object came to be: the system's start, or the process's.
+// A class keeps its samples itself: each query of the formatted class takes one, and the newest that is at least a
+// second older is the base of its figures. Less is too short to tell anything; so a query within a second of the last
+// sample leaves none behind. Where there is no base, for the first query of all, an object that was not there, or a
+// counter that went back, the figure is that since the object came to be: the system's start, or the process's. Of what
+// is no longer there the samples are dropped.
+//
+// An object's figures come from what its own samples hold. Those of _Total come from the objects' figures and not from
+// a sum of counters, which would jump whenever a disk appears or a process ends.
 #pragma once
 
 #include <cstdint>
-#include <functional>
-#include <map>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
+#include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "platform/posix/wmi/wmi_class.h"
 
 namespace platform::wmi {
 
-/// What a counter holds, and how its formatted figure comes of it. In times, units are 100 ns.
+/// What a counter holds, and how its formatted figure comes of it. Times are in units of 100 ns.
 enum class CounterKind {
-    value,              // the figure as it stands
-    rate,               // growth in a second
-    percentOfTime,      // growth, a time, in percent of the time gone by
-    percentOfTimeLeft,  // what percentOfTime leaves of 100
-    fraction,           // percent that the value is of the base
-    averageTime,        // growth, a time, for each growth of the base by one, in seconds
-    averageAmount,      // growth for each growth of the base by one
-    queueLength,        // growth, a time added up over all that waited, in parts of the time gone by
-    elapsedTime,        // the value is a moment; seconds since
+    value,                // the figure as it stands
+    label,                // the same, but one that does not add up: 0 in _Total
+    rate,                 // growth in a second
+    percentOfTime,        // growth, a time, in percent of the time gone by, at most 100
+    percentOfTimestamp,   // the same; in the raw class with that time as its base
+    percentOfTimeLeft,    // what percentOfTime leaves of 100
+    percentOfProcessors,  // as percentOfTime, at most 100 for each processor
+    fraction,             // percent that the value is of the base
+    averageTime,          // growth, a time, for each growth of the base by one, in seconds
+    averageAmount,        // growth for each growth of the base by one
+    queueLength,          // growth, a time added up over all that waited, in parts of the time gone by
+    elapsedTime,          // the value is a moment since the system's start; seconds since. None in _Total
 };
 
+using CounterRead = std::optional<std::uint64_t> (*)(const void* row);
+
+/// A row of the table of counters, which may be in any order.
 struct CounterInfo {
     std::u16string_view name;
     CimType type = CimType::uint64;  // in both classes
     CounterKind kind = CounterKind::value;
-    std::uint32_t needs = 0;   // as those of a property
-    std::string_view meaning;  // unit and source
-    std::uint64_t (*value)(const void* row) = nullptr;
-    std::uint64_t (*base)(const void* row) = nullptr;  // fraction and averages only; in the raw class <name>_Base
-    CimType baseType = CimType::uint32;
+    std::uint32_t needs = 0;      // as those of a property
+    std::string_view meaning;     // unit and source; empty where nothing here gives a value
+    CounterRead value = nullptr;  // none: always NULL
+    CounterRead base = nullptr;   // for fraction and the averages; <name>_Base in the raw class
+
+    /// A counter without a counterpart on this system. Its kind tells whether it has a base.
+    constexpr CounterInfo(std::u16string_view counterName, CimType counterType,
+                          CounterKind counterKind = CounterKind::value)
+        : name(counterName), type(counterType), kind(counterKind) {}
+
+    /// A counter whose value a stateless routine takes from the row record.
+    template <class Read>
+    constexpr CounterInfo(std::u16string_view counterName, CimType counterType, CounterKind counterKind,
+                          std::uint32_t needed, std::string_view whatItMeans, Read read)
+        : name(counterName),
+          type(counterType),
+          kind(counterKind),
+          needs(needed),
+          meaning(whatItMeans),
+          value(ReadBy(read)) {}
+
+    template <class Read, class ReadBase>
+    constexpr CounterInfo(std::u16string_view counterName, CimType counterType, CounterKind counterKind,
+                          std::uint32_t needed, std::string_view whatItMeans, Read read, ReadBase readBase)
+        : CounterInfo(counterName, counterType, counterKind, needed, whatItMeans, read) {
+        base = ReadBy(readBase);
+    }
+
+  private:
+    template <class Read>
+    static constexpr CounterRead ReadBy(Read) {
+        using Row = typename detail::RowOfRoutine<decltype(&Read::operator())>::Type;
+        return [](const void* row) { return std::optional<std::uint64_t>(Read{}(*static_cast<const Row*>(row))); };
+    }
 };
+
+/// One counter of one object at one moment.
+struct CounterState {
+    std::uint64_t time = 0;  // since the system's start
+    std::uint64_t value = 0;
+    std::uint64_t base = 0;
+};
+
+/// What a figure comes of: so much for each. Those of averages can be added up to that of the whole.
+struct Quotient {
+    double amount = 0;
+    double per = 0;
+};
+
+/// What has come to pass between two moments. Without an earlier one, or when value or base have gone back, it is what
+/// has since the birth, a moment since the system's start, taken as a second at least. Times that go back a little, as
+/// the kernel's idle times do, stand still.
+Quotient QuotientBetween(CounterKind kind, const CounterState* before, const CounterState& now, std::uint64_t birth);
+
+/// The figure of one object; 0 where there is nothing to divide by. Percentages of time end at 100, or at 100 for each
+/// of the processors.
+double FigureOf(CounterKind kind, const Quotient& quotient, unsigned processors);
+
+/// The figure of all objects together: the sum, the mean of percentages of time but those of processors, or for
+/// fractions and averages the one figure of all that is in them.
+double TotalOf(CounterKind kind, const std::vector<Quotient>& quotients, unsigned processors);
+
+/// All counters of one object at one moment, in the order of the table.
+struct Readings {
+    std::uint64_t time = 0;   // since the system's start, in units of 100 ns
+    std::uint32_t needs = 0;  // of the query that they were read for
+    std::vector<std::uint64_t> values;
+    std::vector<std::uint64_t> bases;  // none in a class whose counters have none
+
+    static constexpr std::uint64_t unread = UINT64_MAX;
+
+    /// None when it was not asked for, or could not be read.
+    std::optional<CounterState> stateOf(std::size_t counter) const;
+};
+using ReadingsPtr = std::shared_ptr<const Readings>;
+
+/// The samples that can be the base of figures at the moment of the new one, newest first; the new one is added, and
+/// those are dropped that no later query can need.
+std::vector<ReadingsPtr> TakeBases(std::vector<ReadingsPtr>& samples, const ReadingsPtr& newest);
+
+struct PerfSampling;
+
+/// One object in the hands of a query.
+struct PerfRow {
+    const PerfSampling* sampling = nullptr;
+    std::string name;              // UTF-8
+    std::string key;               // what tells the objects of the class apart
+    std::uint64_t generation = 0;  // what tells apart objects that have the same key one after the other
+    std::uint64_t birth = 0;       // when it began to count, since the system's start
+    ReadingsPtr now;
+    std::vector<ReadingsPtr> bases;  // newest first
+    bool isTotal = false;
+};
+
+struct PerfClass;
+
+/// One reading of a class's objects; the class's routine fills it.
+struct PerfSampling {
+    const PerfClass& perfClass;
+    std::uint32_t needs = 0;
+    std::uint64_t systemStart = 0;  // in units of 100 ns since 1601
+    unsigned processors = 1;        // for percentOfProcessors
+    bool isWhole = true;            // false: only objects that WHERE names were read, so that there is no _Total
+    std::vector<PerfRow> rows;
+    std::vector<std::string> absentKeys;  // of objects that WHERE names and that are not there
+
+    explicit PerfSampling(const PerfClass& sampledClass) : perfClass(sampledClass) {}
+
+    /// Reads the counters that are asked for from a row record. The object's now, sampling and bases are filled in.
+    void add(PerfRow object, const void* row, std::uint64_t time);
+};
+
+struct PerfClass {
+    std::u16string_view name;  // what follows Win32_PerfRawData_
+    std::span<const CounterInfo> counters;
+    WmiStatus (*read)(const Gathering& gathering, PerfSampling& sampling) = nullptr;
+    bool isSingle = false;        // one object without a name
+    bool hasTotal = false;        // the objects are followed by _Total
+    std::uint32_t nameNeeds = 0;  // what Name is taken from
+};
+
+/// A class's samples.
+struct PerfHistory {
+    struct Object {
+        std::uint64_t generation = 0;
+        std::vector<ReadingsPtr> samples;  // oldest first
+    };
+    std::mutex mutex;
+    std::unordered_map<std::string, Object> objects;
+
+    /// Gives each row its bases, adds the rows' samples, and drops those of what is no longer there.
+    void exchange(PerfSampling& sampling);
+};
+
+/// The time since the system's start, asleep or not, in units of 100 ns.
+std::uint64_t TimeSinceStart();
+
+namespace detail {
+
+WmiStatus GatherPerformance(const PerfClass& perfClass, PerfHistory* history, const Gathering& gathering);
+
+template <const PerfClass& perfClass>
+WmiStatus GatherRaw(const Gathering& gathering) {
+    return GatherPerformance(perfClass, nullptr, gathering);
+}
+
+template <const PerfClass& perfClass>
+WmiStatus GatherFormatted(const Gathering& gathering) {
+    static PerfHistory history;
+    return GatherPerformance(perfClass, &history, gathering);
+}
+
+/// The classes of a family, with what they refer to.
+struct PerfDeclaration {
+    std::vector<ClassInfo> classes;
+    std::deque<std::u16string> names;
+    std::deque<std::vector<PropertyInfo>> tables;
+
+    void add(const PerfClass& perfClass, GatherRoutine raw, GatherRoutine formatted);
+    std::span<const PropertyInfo> addTable(const PerfClass& perfClass, bool isRaw);
+};
+
+}  // namespace detail
+
+/// Both classes of each, made at the first call.
+template <const PerfClass&... perfClasses>
+std::span<const ClassInfo> DeclarePerfClasses() {
+    static const detail::PerfDeclaration declaration = [] {
+        detail::PerfDeclaration made;
+        (made.add(perfClasses, detail::GatherRaw<perfClasses>, detail::GatherFormatted<perfClasses>), ...);
+        return made;
+    }();
+    return declaration.classes;
+}
 
 }  // namespace platform::wmi

@@ -1,7 +1,77 @@
+// Tcpip_NetworkInterface, of /proc/net/dev. The interface for talk within the computer is left out, as on Windows.
+#include <algorithm>
+
+#include "platform/posix/wmi/system_text.h"
 #include "platform/posix/wmi_classes/families.h"
+#include "platform/posix/wmi_classes/network_devices.h"
+#include "platform/posix/wmi_classes/perf_class.h"
 
 namespace platform::wmi {
 
-std::span<const ClassInfo> PerfNetworkClasses() { return {}; }
+namespace {
+
+using enum CimType;
+using enum CounterKind;
+
+struct Need {
+    enum Bits : std::uint32_t { counters = 1, speed = 2 };
+};
+
+struct Row {
+    InterfaceCounters counters;
+    std::optional<std::uint64_t> speed;
+};
+
+// clang-format off
+constexpr CounterInfo counters[] = {
+    {u"BytesReceivedPersec", uint64, rate, Need::counters, "bytes", [](const Row& row) { return row.counters.receivedBytes; }},
+    {u"BytesSentPersec", uint64, rate, Need::counters, "bytes", [](const Row& row) { return row.counters.sentBytes; }},
+    {u"BytesTotalPersec", uint64, rate, Need::counters, "bytes",
+        [](const Row& row) { return row.counters.receivedBytes + row.counters.sentBytes; }},
+    {u"CurrentBandwidth", uint64, value, Need::speed, "bits per second, of the interface's speed", [](const Row& row) { return row.speed; }},
+    {u"OffloadedConnections", uint64},
+    {u"OutputQueueLength", uint64},
+    {u"PacketsOutboundDiscarded", uint64, value, Need::counters, "drop", [](const Row& row) { return row.counters.sendDropped; }},
+    {u"PacketsOutboundErrors", uint64, value, Need::counters, "errs", [](const Row& row) { return row.counters.sendErrors; }},
+    {u"PacketsPersec", uint64, rate, Need::counters, "packets",
+        [](const Row& row) { return row.counters.receivedPackets + row.counters.sentPackets; }},
+    {u"PacketsReceivedDiscarded", uint64, value, Need::counters, "drop", [](const Row& row) { return row.counters.receiveDropped; }},
+    {u"PacketsReceivedErrors", uint64, value, Need::counters, "errs", [](const Row& row) { return row.counters.receiveErrors; }},
+    {u"PacketsReceivedNonUnicastPersec", uint64, rate, Need::counters, "multicast", [](const Row& row) { return row.counters.receivedMulticast; }},
+    {u"PacketsReceivedPersec", uint64, rate, Need::counters, "packets", [](const Row& row) { return row.counters.receivedPackets; }},
+    {u"PacketsReceivedUnicastPersec", uint64, rate, Need::counters, "packets less multicast",
+        [](const Row& row) { return row.counters.receivedPackets - std::min(row.counters.receivedPackets, row.counters.receivedMulticast); }},
+    {u"PacketsReceivedUnknown", uint64},
+    {u"PacketsSentNonUnicastPersec", uint64, rate},
+    {u"PacketsSentPersec", uint64, rate, Need::counters, "packets", [](const Row& row) { return row.counters.sentPackets; }},
+    {u"PacketsSentUnicastPersec", uint64, rate},
+    {u"TCPActiveRSCConnections", uint64},
+    {u"TCPRSCAveragePacketSize", uint64, averageAmount},
+    {u"TCPRSCCoalescedPacketsPersec", uint64, rate},
+    {u"TCPRSCExceptionsPersec", uint64, rate},
+};
+// clang-format on
+
+WmiStatus ReadInterfaces(const Gathering& gathering, PerfSampling& sampling) {
+    const std::optional<std::string> text = ReadSystemFile("/proc/net/dev");
+    if (!text) return wmi_status::providerFailure;
+    const std::uint64_t now = TimeSinceStart();
+    for (const InterfaceCounters& counted : ParseNetDev(*text)) {
+        if (counted.name == "lo") continue;
+        Row row{counted, {}};
+        if (gathering.asksFor(Need::speed)) row.speed = InterfaceSpeed(counted.name);
+        PerfRow object;
+        object.name = counted.name;
+        object.key = counted.name;
+        sampling.add(std::move(object), &row, now);
+    }
+    return wmi_status::ok;
+}
+
+constexpr PerfClass interfaces{u"Tcpip_NetworkInterface", counters, ReadInterfaces};
+
+}  // namespace
+
+std::span<const ClassInfo> PerfNetworkClasses() { return DeclarePerfClasses<interfaces>(); }
 
 }  // namespace platform::wmi

@@ -1,7 +1,176 @@
+// PerfProc_Process, of the files of /proc/<id>. Objects are named as Windows names them: the second of a name is
+// "name#1". A process that WHERE names by its id is read alone, and so has no such number.
+//
+// The kernel adds what a process has read and written to that of its parent once the parent has waited for it, so that
+// a parent's figures can leap, and those of _Total with it.
+#include <algorithm>
+#include <unistd.h>
+
+#include "platform/posix/wmi/system_text.h"
 #include "platform/posix/wmi_classes/families.h"
+#include "platform/posix/wmi_classes/perf_class.h"
+#include "platform/posix/wmi_classes/process_files.h"
 
 namespace platform::wmi {
 
-std::span<const ClassInfo> PerfProcessClasses() { return {}; }
+namespace {
+
+using enum CimType;
+using enum CounterKind;
+
+struct Need {
+    enum Bits : std::uint32_t { name = 1, memory = 2, io = 4, handles = 8 };
+};
+
+struct Row {
+    ProcessStat stat;
+    std::optional<ProcessMemory> memory;
+    std::optional<ProcessIo> io;
+    std::optional<std::uint64_t> handles;
+};
+
+using Number = std::optional<std::uint64_t>;
+
+/// In units of 100 ns.
+std::uint64_t TimeOf(std::uint64_t ticks) {
+    constexpr std::uint64_t unitsOfSecond = 10'000'000;
+    return ticks * (unitsOfSecond / ClockTicksPerSecond());
+}
+
+template <class Figure>
+Number Io(const Row& row, Figure figure) {
+    if (!row.io) return std::nullopt;
+    return figure(*row.io);
+}
+
+template <class Figure>
+Number Memory(const Row& row, Figure figure) {
+    if (!row.memory) return std::nullopt;
+    return figure(*row.memory);
+}
+
+constexpr auto privateBytesIn = [](const Row& row) {
+    return Memory(row, [](const auto& memory) { return memory.anonymous + memory.swapped; });
+};
+
+// clang-format off
+constexpr CounterInfo counters[] = {
+    {u"CreatingProcessID", uint32, label, 0, "the parent's id", [](const Row& row) { return row.stat.parentId; }},
+    {u"ElapsedTime", uint64, elapsedTime, 0, "seconds since the process's start", [](const Row& row) { return TimeOf(row.stat.startTicks); }},
+    {u"HandleCount", uint32, value, Need::handles, "open files", [](const Row& row) { return row.handles; }},
+    {u"IDProcess", uint32, label, 0, "the id", [](const Row& row) { return row.stat.id; }},
+    {u"IODataBytesPersec", uint64, rate, Need::io, "bytes, rchar and wchar",
+        [](const Row& row) { return Io(row, [](const auto& io) { return io.readBytes + io.writtenBytes; }); }},
+    {u"IODataOperationsPersec", uint64, rate, Need::io, "syscr and syscw",
+        [](const Row& row) { return Io(row, [](const auto& io) { return io.readOperations + io.writeOperations; }); }},
+    {u"IOOtherBytesPersec", uint64, rate},
+    {u"IOOtherOperationsPersec", uint64, rate},
+    {u"IOReadBytesPersec", uint64, rate, Need::io, "bytes, rchar", [](const Row& row) { return Io(row, [](const auto& io) { return io.readBytes; }); }},
+    {u"IOReadOperationsPersec", uint64, rate, Need::io, "syscr", [](const Row& row) { return Io(row, [](const auto& io) { return io.readOperations; }); }},
+    {u"IOWriteBytesPersec", uint64, rate, Need::io, "bytes, wchar", [](const Row& row) { return Io(row, [](const auto& io) { return io.writtenBytes; }); }},
+    {u"IOWriteOperationsPersec", uint64, rate, Need::io, "syscw", [](const Row& row) { return Io(row, [](const auto& io) { return io.writeOperations; }); }},
+    {u"PageFaultsPersec", uint32, rate, 0, "minor and major ones", [](const Row& row) { return row.stat.minorFaults + row.stat.majorFaults; }},
+    {u"PageFileBytes", uint64, value, Need::memory, "bytes, as PrivateBytes", privateBytesIn},
+    {u"PageFileBytesPeak", uint64},
+    {u"PercentPrivilegedTime", uint64, percentOfProcessors, 0, "stime", [](const Row& row) { return TimeOf(row.stat.kernelTicks); }},
+    {u"PercentProcessorTime", uint64, percentOfProcessors, 0, "utime and stime, of one processor",
+        [](const Row& row) { return TimeOf(row.stat.userTicks + row.stat.kernelTicks); }},
+    {u"PercentUserTime", uint64, percentOfProcessors, 0, "utime", [](const Row& row) { return TimeOf(row.stat.userTicks); }},
+    {u"PoolNonpagedBytes", uint32},
+    {u"PoolPagedBytes", uint32},
+    {u"PriorityBase", uint32, label, 0, "24 real time, 13, 10, 8 normal, 6, 4, by the nice value", [](const Row& row) { return BasePriorityOf(row.stat); }},
+    {u"PrivateBytes", uint64, value, Need::memory, "bytes of no file, resident or swapped out; RssAnon and VmSwap", privateBytesIn},
+    {u"ThreadCount", uint32, value, 0, "threads", [](const Row& row) { return row.stat.threads; }},
+    {u"VirtualBytes", uint64, value, 0, "bytes", [](const Row& row) { return row.stat.virtualBytes; }},
+    {u"VirtualBytesPeak", uint64, value, Need::memory, "bytes, VmPeak",
+        [](const Row& row) { return Memory(row, [](const auto& memory) { return memory.peakVirtual; }); }},
+    {u"WorkingSet", uint64, value, 0, "bytes resident", [](const Row& row) { return row.stat.residentPages * PageSize(); }},
+    {u"WorkingSetPeak", uint64, value, Need::memory, "bytes, VmHWM",
+        [](const Row& row) { return Memory(row, [](const auto& memory) { return memory.peakResident; }); }},
+    {u"WorkingSetPrivate", uint64, value, Need::memory, "bytes resident of no file, RssAnon",
+        [](const Row& row) { return Memory(row, [](const auto& memory) { return memory.anonymous; }); }},
+};
+// clang-format on
+
+/// The processes that can match, ascending; those that WHERE names need not exist.
+std::vector<std::uint32_t> ProcessesToRead(const Gathering& gathering, bool& areAll) {
+    const std::vector<CimValue>* values = gathering.valuesOf(u"IDProcess");
+    const auto idOf = [](const CimValue& value) {
+        const auto* number = std::get_if<std::int64_t>(&value.held);
+        return number != nullptr ? *number : -1;
+    };
+    // _Total has the id 0.
+    areAll = values == nullptr ||
+             std::any_of(values->begin(), values->end(), [&](const auto& value) { return idOf(value) == 0; });
+    if (areAll) return ListProcessIds();
+    std::vector<std::uint32_t> ids;
+    for (const CimValue& value : *values) {
+        const std::int64_t id = idOf(value);
+        if (id > 0 && id <= INT32_MAX) ids.push_back(static_cast<std::uint32_t>(id));
+    }
+    std::sort(ids.begin(), ids.end());
+    ids.erase(std::unique(ids.begin(), ids.end()), ids.end());
+    return ids;
+}
+
+void ReadParts(ProcessFiles& files, const Gathering& gathering, Row& row) {
+    const std::uint32_t id = row.stat.id;
+    row.memory.reset();
+    if (gathering.asksFor(Need::memory)) {
+        if (const auto text = files.Read(id, "status")) row.memory = ParseProcessStatus(*text);
+    }
+    if (gathering.asksFor(Need::io)) row.io = ParseProcessIo(files.Read(id, "io").value_or(""));
+    if (gathering.asksFor(Need::handles)) row.handles = files.CountOpenFiles(id);
+}
+
+/// How often each name was given.
+using NameCounts = std::unordered_map<std::string, std::size_t>;
+
+std::string NumberedName(NameCounts& counts, std::string name) {
+    const std::size_t earlier = counts[name]++;
+    if (earlier > 0) name += '#' + std::to_string(earlier);
+    return name;
+}
+
+std::string NameOf(ProcessFiles& files, const ProcessStat& stat) {
+    const std::string_view commandLine = MayBeCut(stat) ? files.Read(stat.id, "cmdline").value_or("") : "";
+    return std::string(ExecutableNameOf(stat, commandLine));
+}
+
+unsigned ProcessorsOnline() {
+    const long count = sysconf(_SC_NPROCESSORS_ONLN);
+    return static_cast<unsigned>(std::max(count, 1L));
+}
+
+WmiStatus ReadProcesses(const Gathering& gathering, PerfSampling& sampling) {
+    ProcessFiles files;
+    NameCounts names;
+    Row row;
+    sampling.processors = ProcessorsOnline();
+    for (const std::uint32_t id : ProcessesToRead(gathering, sampling.isWhole)) {
+        const std::optional<std::string_view> text = files.Read(id, "stat");
+        const std::uint64_t now = TimeSinceStart();
+        std::optional<ProcessStat> stat = text ? ParseProcessStat(*text) : std::nullopt;
+        if (!stat || !stat->isProcess) {
+            sampling.absentKeys.push_back(std::to_string(id));
+            continue;
+        }
+        row.stat = std::move(*stat);
+        ReadParts(files, gathering, row);
+        PerfRow object;
+        if (gathering.asksFor(Need::name)) object.name = NumberedName(names, NameOf(files, row.stat));
+        object.key = std::to_string(id);
+        object.generation = row.stat.startTicks;
+        object.birth = TimeOf(row.stat.startTicks);
+        sampling.add(std::move(object), &row, now);
+    }
+    return wmi_status::ok;
+}
+
+constexpr PerfClass processes{u"PerfProc_Process", counters, ReadProcesses, false, true, Need::name};
+
+}  // namespace
+
+std::span<const ClassInfo> PerfProcessClasses() { return DeclarePerfClasses<processes>(); }
 
 }  // namespace platform::wmi

@@ -1,7 +1,92 @@
+// PerfOS_Processor, of /proc/stat, /proc/interrupts and /proc/softirqs.
+#include "platform/posix/wmi/system_text.h"
 #include "platform/posix/wmi_classes/families.h"
+#include "platform/posix/wmi_classes/kernel_totals.h"
+#include "platform/posix/wmi_classes/perf_class.h"
+#include "platform/posix/wmi_classes/perf_texts.h"
+#include "platform/posix/wmi_classes/process_files.h"
 
 namespace platform::wmi {
 
-std::span<const ClassInfo> PerfProcessorClasses() { return {}; }
+namespace {
+
+using enum CimType;
+using enum CounterKind;
+
+struct Need {
+    enum Bits : std::uint32_t { times = 1, interrupts = 2, softInterrupts = 4 };
+};
+
+struct Row {
+    ProcessorTimes times;  // in ticks
+    std::optional<std::uint64_t> interrupts;
+    std::optional<std::uint64_t> softInterrupts;
+};
+
+/// In units of 100 ns.
+std::uint64_t TimeOf(std::uint64_t ticks) {
+    constexpr std::uint64_t unitsOfSecond = 10'000'000;
+    return ticks * (unitsOfSecond / ClockTicksPerSecond());
+}
+
+constexpr auto idleTimeIn = [](const Row& row) { return TimeOf(row.times.idleTicks()); };
+
+// clang-format off
+constexpr CounterInfo counters[] = {
+    {u"C1TransitionsPersec", uint64, rate},
+    {u"C2TransitionsPersec", uint64, rate},
+    {u"C3TransitionsPersec", uint64, rate},
+    {u"DPCRate", uint32},
+    {u"DPCsQueuedPersec", uint32, rate, Need::softInterrupts, "softirqs run, of /proc/softirqs",
+        [](const Row& row) { return row.softInterrupts; }},
+    {u"InterruptsPersec", uint32, rate, Need::interrupts, "of /proc/interrupts", [](const Row& row) { return row.interrupts; }},
+    {u"PercentC1Time", uint64, percentOfTime},
+    {u"PercentC2Time", uint64, percentOfTime},
+    {u"PercentC3Time", uint64, percentOfTime},
+    {u"PercentDPCTime", uint64, percentOfTime, Need::times, "softirq", [](const Row& row) { return TimeOf(row.times.softInterrupts); }},
+    {u"PercentIdleTime", uint64, percentOfTime, Need::times, "idle and iowait", idleTimeIn},
+    {u"PercentInterruptTime", uint64, percentOfTime, Need::times, "irq", [](const Row& row) { return TimeOf(row.times.interrupts); }},
+    {u"PercentPrivilegedTime", uint64, percentOfTime, Need::times, "system, irq and softirq",
+        [](const Row& row) { return TimeOf(row.times.kernel + row.times.interrupts + row.times.softInterrupts); }},
+    {u"PercentProcessorTime", uint64, percentOfTimeLeft, Need::times, "not idle; the raw counter is the idle time", idleTimeIn},
+    {u"PercentUserTime", uint64, percentOfTime, Need::times, "user and nice, guests among them",
+        [](const Row& row) { return TimeOf(row.times.user + row.times.nice); }},
+};
+// clang-format on
+
+using Sums = std::map<std::uint32_t, std::uint64_t>;
+
+Sums ReadSums(const char* path) { return SumByProcessor(ReadSystemFile(path).value_or("")); }
+
+std::optional<std::uint64_t> SumOf(const Sums& sums, std::uint32_t processor) {
+    const auto found = sums.find(processor);
+    return found != sums.end() ? std::optional(found->second) : std::nullopt;
+}
+
+WmiStatus ReadProcessors(const Gathering& gathering, PerfSampling& sampling) {
+    const std::optional<std::string> text = ReadSystemFile("/proc/stat");
+    if (!text) return wmi_status::providerFailure;
+    const std::uint64_t now = TimeSinceStart();
+    Sums interrupts;
+    Sums softInterrupts;
+    if (gathering.asksFor(Need::interrupts)) interrupts = ReadSums("/proc/interrupts");
+    if (gathering.asksFor(Need::softInterrupts)) softInterrupts = ReadSums("/proc/softirqs");
+    for (const ProcessorTimes& times : ParseProcessorTimes(*text)) {
+        PerfRow object;
+        object.name = std::to_string(times.number);
+        object.key = object.name;
+        // A processor that was added, or switched off and on, has been counted for as long as its times add up to.
+        object.birth = now - std::min(now, TimeOf(times.busyTicks() + times.idleTicks()));
+        const Row row{times, SumOf(interrupts, times.number), SumOf(softInterrupts, times.number)};
+        sampling.add(std::move(object), &row, now);
+    }
+    return wmi_status::ok;
+}
+
+constexpr PerfClass processors{u"PerfOS_Processor", counters, ReadProcessors, false, true};
+
+}  // namespace
+
+std::span<const ClassInfo> PerfProcessorClasses() { return DeclarePerfClasses<processors>(); }
 
 }  // namespace platform::wmi

@@ -1,7 +1,74 @@
+// PerfOS_System, of /proc/stat, /proc/loadavg and the list of processes.
+#include <algorithm>
+
+#include "platform/posix/wmi/system_text.h"
 #include "platform/posix/wmi_classes/families.h"
+#include "platform/posix/wmi_classes/kernel_totals.h"
+#include "platform/posix/wmi_classes/perf_class.h"
+#include "platform/posix/wmi_classes/perf_texts.h"
+#include "platform/posix/wmi_classes/process_files.h"
 
 namespace platform::wmi {
 
-std::span<const ClassInfo> PerfSystemClasses() { return {}; }
+namespace {
+
+using enum CimType;
+using enum CounterKind;
+
+struct Need {
+    enum Bits : std::uint32_t { stat = 1, processes = 2, threads = 4 };
+};
+
+struct Row {
+    std::string stat;
+    std::uint64_t processes = 0;
+    std::optional<std::uint64_t> threads;
+};
+
+/// Threads that wait for a processor: those beyond one for each.
+std::optional<std::uint64_t> QueueLengthIn(const Row& row) {
+    const std::optional<std::uint64_t> runnable = NumberUnder(row.stat, "procs_running");
+    if (!runnable) return std::nullopt;
+    return *runnable - std::min<std::uint64_t>(*runnable, ParseProcessorTimes(row.stat).size());
+}
+
+// clang-format off
+constexpr CounterInfo counters[] = {
+    {u"AlignmentFixupsPersec", uint32, rate},
+    {u"ContextSwitchesPersec", uint32, rate, Need::stat, "ctxt of stat", [](const Row& row) { return NumberUnder(row.stat, "ctxt"); }},
+    {u"ExceptionDispatchesPersec", uint32, rate},
+    {u"FileControlBytesPersec", uint64, rate},
+    {u"FileControlOperationsPersec", uint32, rate},
+    {u"FileDataOperationsPersec", uint32, rate},
+    {u"FileReadBytesPersec", uint64, rate},
+    {u"FileReadOperationsPersec", uint32, rate},
+    {u"FileWriteBytesPersec", uint64, rate},
+    {u"FileWriteOperationsPersec", uint32, rate},
+    {u"FloatingEmulationsPersec", uint32, rate},
+    {u"PercentRegistryQuotaInUse", uint32, fraction},
+    {u"Processes", uint32, value, Need::processes, "listed in /proc", [](const Row& row) { return row.processes; }},
+    {u"ProcessorQueueLength", uint32, value, Need::stat, "procs_running of stat beyond one for each processor",
+        [](const Row& row) { return QueueLengthIn(row); }},
+    {u"SystemCallsPersec", uint32, rate},
+    {u"SystemUpTime", uint64, elapsedTime, 0, "seconds since the system's start", [](const Row&) { return std::uint64_t{0}; }},
+    {u"Threads", uint32, value, Need::threads, "of loadavg", [](const Row& row) { return row.threads; }},
+};
+// clang-format on
+
+WmiStatus ReadSystem(const Gathering& gathering, PerfSampling& sampling) {
+    Row row;
+    if (gathering.asksFor(Need::stat)) row.stat = ReadSystemFile("/proc/stat").value_or("");
+    const std::uint64_t now = TimeSinceStart();
+    if (gathering.asksFor(Need::processes)) row.processes = ListProcessIds().size();
+    if (gathering.asksFor(Need::threads)) row.threads = ParseThreadCount(ReadSystemFile("/proc/loadavg").value_or(""));
+    sampling.add({}, &row, now);
+    return wmi_status::ok;
+}
+
+constexpr PerfClass systemClass{u"PerfOS_System", counters, ReadSystem, true};
+
+}  // namespace
+
+std::span<const ClassInfo> PerfSystemClasses() { return DeclarePerfClasses<systemClass>(); }
 
 }  // namespace platform::wmi

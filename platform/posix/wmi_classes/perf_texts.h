@@ -1,0 +1,21 @@
+// The kernel's counts of events for the system as a whole (proc(5)), taken apart.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string_view>
+
+namespace platform::wmi {
+
+/// The number that follows a name at the start of a line, as in /proc/stat and /proc/vmstat.
+std::optional<std::uint64_t> NumberUnder(std::string_view text, std::string_view name);
+
+/// Sums of the columns of /proc/interrupts or /proc/softirqs by the processors' numbers. Lines with fewer columns,
+/// which count for the computer as a whole, are left out.
+std::map<std::uint32_t, std::uint64_t> SumByProcessor(std::string_view text);
+
+/// Threads of all processes, of /proc/loadavg.
+std::optional<std::uint64_t> ParseThreadCount(std::string_view text);
+
+}  // namespace platform::wmi
