@@ -28,15 +28,17 @@ struct OpenQuestion {
     std::mutex mutex;
     std::condition_variable answered;
     std::optional<SpaceAnswer> answer;
+    bool isSilent = false;  // someone has waited in vain; no one waits again
 
     bool isAnswered() {
         const std::lock_guard lock(mutex);
         return answer.has_value();
     }
 
-    std::optional<SpaceAnswer> waitUntil(Clock::time_point end) {
+    std::optional<SpaceAnswer> waitFor(std::chrono::milliseconds bound) {
         std::unique_lock lock(mutex);
-        answered.wait_until(lock, end, [this] { return answer.has_value(); });
+        answered.wait_until(lock, askedAt + bound, [this] { return answer || isSilent; });
+        isSilent = !answer;
         return answer;
     }
 };
@@ -49,9 +51,10 @@ struct OpenQuestions {
     std::map<std::string, OpenQuestionPtr> byMount;
 };
 
+/// They are never destroyed, as queries may still run when the process ends.
 OpenQuestions& TheOpenQuestions() {
-    static OpenQuestions questions;
-    return questions;
+    static auto* const questions = new OpenQuestions;
+    return *questions;
 }
 
 void Start(const OpenQuestionPtr& open, const SpaceQuestion& question, const std::string& mountPoint) {
@@ -143,7 +146,7 @@ std::vector<std::optional<SpaceAnswer>> AskMounts(const std::vector<Mount>& moun
     std::vector<std::optional<SpaceAnswer>> answers(mounts.size());
     for (std::size_t at = 0; at < mounts.size(); ++at) {
         if (open[at] == nullptr) continue;
-        answers[at] = open[at]->waitUntil(open[at]->askedAt + bound);
+        answers[at] = open[at]->waitFor(bound);
         if (!answers[at]) notice(TextOfSilence(mounts[at], *open[at]));
     }
     return answers;

@@ -1,0 +1,372 @@
+// Disks and network interfaces: the kernel's texts taken apart, mounts that do not answer, and this machine as df,
+// lsblk and ip see it. What needs mounts or interfaces of its own runs once more in namespaces, where nothing outlives
+// it.
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
+#include <fmt/format.h>
+#include <gmock/gmock.h>
+#include <linux/rtnetlink.h>
+#include <memory>
+#include <semaphore>
+#include <sstream>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "platform/backend.h"
+#include "platform/posix/wmi/cim_value.h"
+#include "platform/posix/wmi/system_text.h"
+#include "platform/posix/wmi_classes/block_devices.h"
+#include "platform/posix/wmi_classes/mount_space.h"
+#include "platform/posix/wmi_classes/network_addresses.h"
+#include "platform/posix/wmi_classes/network_devices.h"
+#include "platform/posix/wmi_classes/volume_facts.h"
+#include "tests/support/wmi_query.h"
+
+namespace kv::test {
+namespace {
+
+using namespace platform::wmi;
+using namespace std::chrono_literals;
+using std::chrono::steady_clock;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+
+struct WmiStorage : ::testing::Test {
+    WmiStorage() { platform::InstallBackend(); }
+};
+using WmiNetwork = WmiStorage;
+
+/// A command's output, and its exit status.
+std::string OutputOf(const std::string& command, int& status) {
+    std::string output;
+    const auto closePipe = [&](FILE* pipe) { status = pclose(pipe); };
+    const std::unique_ptr<FILE, decltype(closePipe)> pipe(popen(command.c_str(), "r"), closePipe);
+    for (int byte = std::fgetc(pipe.get()); byte != EOF; byte = std::fgetc(pipe.get())) {
+        output += static_cast<char>(byte);
+    }
+    return output;
+}
+
+/// A command's lines by their first fields.
+std::map<std::string, std::vector<std::string>> TableOf(const std::string& command) {
+    std::map<std::string, std::vector<std::string>> table;
+    int status = 0;
+    std::istringstream output(OutputOf(command, status));
+    for (std::string line; std::getline(output, line);) {
+        std::istringstream fields(line);
+        std::string key;
+        fields >> key;
+        table[key] = {std::istream_iterator<std::string>(fields), {}};
+    }
+    return table;
+}
+
+bool IsInNamespaces() { return std::getenv("KV_IN_NAMESPACES") != nullptr; }
+
+/// Runs the current test once more in namespaces of its own, after a line for the shell.
+void RunInNamespaces(const std::string& flags, const std::string& preparation) {
+    const auto* test = ::testing::UnitTest::GetInstance()->current_test_info();
+    int status = 0;
+    const std::string output =
+        OutputOf(fmt::format("(unshare {0} true || exit 77; export KV_IN_NAMESPACES=1; "
+                             "unshare {0} sh -c '({1}) || exit 77; exec {2} --gtest_filter={3}.{4}') 2>&1",
+                             flags, preparation, std::filesystem::read_symlink("/proc/self/exe").string(),
+                             test->test_suite_name(), test->name()),
+                 status);
+    constexpr int cannot = 77;
+    if (WEXITSTATUS(status) == cannot) GTEST_SKIP() << "not allowed here, or not possible: " << output;
+    EXPECT_EQ(status, 0) << output;
+}
+
+TEST(WmiMounts, DisksAreWhatAUserTakesForDisks) {
+    const struct {
+        const char* title;
+        std::string mountInfo;  // beside the root
+        std::string disks;      // beside the root, device@mount point
+    } rows[] = {
+        {"the kernel's own file systems and triggers are none",
+         "21 20 0:5 / /proc rw - proc proc rw\n22 20 0:6 / /sys/fs/cgroup rw - tmpfs tmpfs rw\n"
+         "23 20 0:7 / /net rw - autofs systemd-1 rw\n24 20 0:8 / /run rw shared:3 master:1 - tmpfs tmpfs rw\n",
+         " 0:8@/run"},
+        {"escapes, and a source without a name", "21 20 0:5 / /a\\040b\\134c\\9 rw - tmpfs  rw\n", " 0:5@/a b\\c\\9"},
+        {"a device once, at its shortest point",
+         "21 20 8:2 / /data/long rw - xfs /dev/sdb rw\n22 20 8:2 /sub /x rw - xfs /dev/sdb rw\n", " 8:2@/x"},
+        {"two folders of one server are two disks",
+         "21 20 0:5 / /a rw - nfs4 nas:/a rw\n22 20 0:5 / /b rw - nfs4 nas:/b rw\n", " 0:5@/a 0:5@/b"},
+        {"of two on one point the upper one",
+         "21 20 8:2 / /m rw - ext4 /dev/sdb rw\n22 21 8:3 / /m rw - ext4 /dev/sdc rw\n", " 8:3@/m"},
+        {"a mount over the way to others hides them, and what lies on them",
+         "21 20 8:2 / /m/a rw - ext4 /dev/sdb rw\n22 21 8:3 / /m/a/b rw - ext4 /dev/sdc rw\n"
+         "23 20 8:4 / /m rw - ext4 /dev/sdd rw\n24 20 8:5 / /my rw - ext4 /dev/sde rw\n",
+         " 8:4@/m 8:5@/my"},
+        {"layers upon other file systems are none", "21 20 0:5 / /var/c1 rw - overlay overlay rw\n", ""},
+        {"the first root, which is its own parent, is hidden", "1 1 0:2 / / rw - ext4 none rw\n", ""},
+        {"lines of another form are left out", "21\n\n21 20 8:2 / /m rw\n21 x 8:2 / /m rw - ext4 a rw\n- - - -\n", ""},
+    };
+    for (const auto& row : rows) {
+        std::string disks;
+        for (const Mount& disk : DisksAmong(ParseMountInfo(row.mountInfo + "20 1 8:1 / / rw - ext4 /dev/sda rw"))) {
+            disks += fmt::format(" {}@{}", disk.device, disk.mountPoint);
+        }
+        EXPECT_EQ(disks, " 8:1@/" + row.disks) << row.title;
+    }
+    const std::vector<Mount> mounts = ParseMountInfo(
+        "1 0 8:1 / /a ro,nosuid - ext4 /dev/a rw\n2 0 8:2 / /b rw - ext4 /dev/b ro,errors=x\n3 0 8:3 / /c rw - ext4 x "
+        "rw");
+    EXPECT_TRUE(mounts[0].isReadOnly && mounts[1].isReadOnly && !mounts[2].isReadOnly);
+    EXPECT_EQ(DiskHolding("/boot", mounts), nullptr);
+    EXPECT_EQ(DiskHolding("/a/boot", mounts), &mounts[0]);
+}
+
+TEST(WmiMounts, KindsOfDrives) {
+    const struct {
+        const char* fileSystem;
+        const char* source;
+        bool mayHang;
+        DriveType kind;
+    } rows[] = {
+        {"ext4", "/dev/none", false, DriveType::fixed},
+        {"zfs", "tank:data", false, DriveType::fixed},
+        {"nfs4", "nas:/x", true, DriveType::network},
+        {"cifs", "//nas/x", true, DriveType::network},
+        {"fuse.sshfs", "me@nas:", true, DriveType::network},
+        {"fuse.rclone", "cloud", true, DriveType::network},
+        {"fuse.other", "nas:/x", true, DriveType::network},
+        {"fuseblk", "/dev/none", true, DriveType::fixed},
+        {"unheard-of", "x", true, DriveType::fixed},
+        {"tmpfs", "tmpfs", false, DriveType::memory},
+        {"squashfs", "/dev/none", false, DriveType::compactDisc},
+    };
+    for (const auto& row : rows) {
+        Mount mount;
+        mount.fileSystem = row.fileSystem;
+        mount.source = row.source;
+        EXPECT_EQ(MayHang(mount), row.mayHang) << row.fileSystem;
+        EXPECT_EQ(DriveTypeOf(mount), row.kind) << row.fileSystem;
+    }
+    EXPECT_EQ(PlainDiskName("my\\x20disk\\x2f\\x4"), "my disk/\\x4");
+    EXPECT_EQ(SerialNumberOf("0A1B-C3d4"), 0x0A1BC3D4u) << "FAT";
+    EXPECT_EQ(SerialNumberOf("01D2A3B4C5D6E7F8"), 0xC5D6E7F8u) << "NTFS";
+    EXPECT_EQ(SerialNumberOf("2024-01"), std::nullopt);
+}
+
+TEST(WmiMounts, NoMountIsWaitedForTwice) {
+    std::vector<Mount> mounts(2);
+    mounts[0].mountPoint = "/dead";
+    mounts[1].mountPoint = "/alive";
+    const auto released = std::make_shared<std::counting_semaphore<>>(0);
+    const auto asked = std::make_shared<std::atomic<int>>(0);
+    const SpaceQuestion question = [=](const std::string& mountPoint) {
+        if (mountPoint == "/dead") {
+            ++*asked;
+            released->acquire();
+        }
+        return SpaceAnswer();
+    };
+    std::vector<std::string> notices;
+    const auto ask = [&](std::chrono::milliseconds bound) {
+        notices.clear();
+        return AskMounts(mounts, question, bound, [&](const std::string& text) { notices.push_back(text); });
+    };
+    EXPECT_FALSE(ask(100ms)[0].has_value());
+    EXPECT_THAT(notices, ElementsAre(HasSubstr("/dead")));
+    const auto start = steady_clock::now();
+    const auto again = ask(100s);
+    EXPECT_LT(steady_clock::now() - start, 50s) << "known as silent: skipped at once";
+    EXPECT_FALSE(again[0].has_value());
+    EXPECT_TRUE(again[1].has_value());
+    EXPECT_EQ(notices.size(), 1u);
+    EXPECT_EQ(*asked, 1) << "one stuck thread at most";
+    mounts[0].device = "0:99";
+    EXPECT_FALSE(ask(50ms)[0].has_value());
+    EXPECT_EQ(*asked, 2) << "mounted anew: another mount";
+    released->release(3);
+    std::vector<std::optional<SpaceAnswer>> answers;
+    const auto end = steady_clock::now() + 10s;
+    do answers = ask(10s);
+    while (!answers[0] && steady_clock::now() < end);
+    EXPECT_TRUE(answers[0]) << "back, and no longer left out";
+    EXPECT_TRUE(notices.empty());
+}
+
+TEST_F(WmiStorage, ADeadMountCostsOthersNothing) {
+    if (!IsInNamespaces()) return RunInNamespaces("--mount", "test -w /dev/fuse");
+    std::string folder = (std::filesystem::temp_directory_path() / "dead.XXXXXX").string();
+    ASSERT_NE(mkdtemp(folder.data()), nullptr);
+    const int device = open("/dev/fuse", O_RDWR | O_CLOEXEC);  // no one will ever answer what comes by it
+    const std::string options = fmt::format("fd={},rootmode=40000,user_id=0,group_id=0", device);
+    const int mounted = mount("nas.example:/data", folder.c_str(), "fuse.sshfs", 0, options.c_str());
+    ASSERT_EQ(mounted, 0) << std::generic_category().message(errno);
+
+    const std::string bySpace = "SELECT DeviceID, FreeSpace FROM Win32_LogicalDisk";
+    const std::string byName = fmt::format(" WHERE DeviceID = '{}'", folder);
+    const WmiResult nameOnly = RunWmiQuery("SELECT DriveType, ProviderName FROM Win32_LogicalDisk" + byName);
+    ASSERT_EQ(nameOnly.rows.size(), 1u);
+    EXPECT_EQ(TextOf(nameOnly.rows[0], "DriveType"), "4");
+    EXPECT_EQ(TextOf(nameOnly.rows[0], "ProviderName"), "nas.example:/data");
+
+    std::vector<Mount> disks = DisksAmong(ParseMountInfo(ReadSystemFile("/proc/self/mountinfo").value_or("")));
+    std::erase_if(disks, [&](const Mount& disk) { return disk.mountPoint != folder; });
+    EXPECT_FALSE(AskMounts(disks, AskFileSystem, 100ms, [](const std::string&) {})[0].has_value());
+
+    const struct {
+        std::string title, where;
+        std::size_t notices;
+    } rows[] = {
+        {"all", "", 1},
+        {"itself", byName, 1},
+        {"the root", " WHERE DeviceID = '/'", 0},
+        {"fixed disks", " WHERE DriveType = 3 AND FreeSpace > 0", 0},
+    };
+    for (const auto& row : rows) {
+        const auto start = steady_clock::now();
+        const WmiResult result = RunWmiQuery(bySpace + row.where);
+        EXPECT_LT(steady_clock::now() - start, 1s) << row.title;
+        EXPECT_EQ(result.status, 0u) << row.title;
+        EXPECT_EQ(result.rows.empty(), row.title == "itself") << row.title;
+        EXPECT_EQ(result.notices.size(), row.notices) << row.title;
+        for (const std::string& notice : result.notices) EXPECT_THAT(notice, HasSubstr(folder)) << row.title;
+    }
+
+    close(device);  // the kernel gives up on it, and the thread comes back
+    WmiResult gone;
+    for (const auto end = steady_clock::now() + 5s; gone.rows.empty() && steady_clock::now() < end;) {
+        gone = RunWmiQuery(bySpace + byName);
+    }
+    ASSERT_EQ(gone.rows.size(), 1u);
+    EXPECT_EQ(TextOf(gone.rows[0], "FreeSpace"), "NULL");
+    EXPECT_THAT(gone.notices, ElementsAre(HasSubstr(std::generic_category().message(ENOTCONN))));
+    umount2(folder.c_str(), MNT_DETACH);
+    std::filesystem::remove(folder);
+}
+
+TEST_F(WmiStorage, SpaceIsThatOfDf) {
+    const std::string command = "df -B1 --output=target,used,avail -x devtmpfs -x overlay -x efivarfs 2>&1";
+    const auto before = TableOf(command);
+    const WmiResult disks = RunWmiQuery("SELECT * FROM Win32_LogicalDisk");
+    const WmiResult volumes = RunWmiQuery("SELECT * FROM Win32_Volume");
+    auto after = TableOf(command);
+    after.erase("Mounted");
+    std::map<std::string, const WmiRow*> rowOf;
+    for (const WmiRow& row : disks.rows) rowOf[TextOf(row, "DeviceID")] = &row;
+    constexpr long long tolerance = 256 << 20;  // others write meanwhile
+    for (const auto& [target, figures] : after) {
+        if (!before.contains(target) || target.starts_with("/sys/") || target.starts_with("/proc/")) continue;
+        ASSERT_TRUE(rowOf.contains(target)) << target;
+        const long long size = std::stoll(TextOf(*rowOf[target], "Size"));
+        const long long free = std::stoll(TextOf(*rowOf[target], "FreeSpace"));
+        EXPECT_NEAR(static_cast<double>(size - free), std::stod(figures.at(0)), tolerance) << target;
+        EXPECT_NEAR(static_cast<double>(free), std::stod(figures.at(1)), tolerance) << target;
+    }
+    const auto isRoot = [](const WmiRow& row) { return TextOf(row, "DriveLetter") == "/"; };
+    const auto root = std::find_if(volumes.rows.begin(), volumes.rows.end(), isRoot);
+    ASSERT_NE(root, volumes.rows.end());
+    EXPECT_EQ(TextOf(*root, "BootVolume"), "true");
+    EXPECT_EQ(volumes.rows.size(), disks.rows.size());
+}
+
+TEST_F(WmiStorage, DiskDrivesAreThoseOfLsblk) {
+    auto devices = TableOf("lsblk -bnro NAME,TYPE,SIZE,LOG-SEC,PKNAME");
+    for (const WmiRow& row : RunWmiQuery("SELECT * FROM Win32_DiskDrive").rows) {
+        const std::string name = TextOf(row, "DeviceID").substr(5);  // without "/dev/"
+        ASSERT_TRUE(devices.contains(name)) << name;
+        const auto partitions = std::count_if(devices.begin(), devices.end(), [&](const auto& device) {
+            return device.second.at(0) == "part" && device.second.back() == name;
+        });
+        EXPECT_THAT(devices[name], ElementsAre("disk", TextOf(row, "Size"), TextOf(row, "BytesPerSector")));
+        EXPECT_EQ(TextOf(row, "Partitions"), std::to_string(partitions)) << name;
+        devices.erase(name);
+    }
+    for (const auto& [name, facts] : devices) {
+        const bool isMadeBySoftware = name.starts_with("zram") || name.starts_with("nbd") || name.starts_with("ram");
+        EXPECT_TRUE(facts.at(0) != "disk" || isMadeBySoftware || name.starts_with("mmcblk")) << name;
+    }
+}
+
+TEST(WmiKernelTexts, CountersAndRoutes) {
+    const auto disks = ParseDiskStats("   8  0 sda 1 2 3 4 5 6 7 8 9 10 11 12 13\n 8 1 sda1 1 2 3 4\n\nx 8 sdb\n");
+    ASSERT_EQ(disks.size(), 1u) << "short lines are left out";
+    EXPECT_EQ(disks[0].name, "sda");
+    EXPECT_EQ(disks[0].sectorsWritten * 100 + disks[0].queueMilliseconds, 711u);
+    const auto interfaces =
+        ParseNetDev("Inter-| Receive\n face |bytes packets\n  eth0:1 2 3 4 5 6 7 8 9 10 11 12 13\nx: 1\n");
+    ASSERT_EQ(interfaces.size(), 1u);
+    EXPECT_EQ(interfaces[0].name, "eth0");
+    EXPECT_EQ(interfaces[0].receivedMulticast * 100 + interfaces[0].sendDropped, 812u);
+    EXPECT_THAT(
+        ParseDefaultRoutes("Iface Destination Gateway Flags RefCnt Use Metric Mask\n"
+                           "eth0 00000000 010200C0 0003 0 0 0 00000000\neth1 000200C0 010200C0 0003 0 0 0 00FFFFFF\n"
+                           "ppp0 00000000 00000000 0001 0 0 0 00000000\nlo 00000000 00000000 0202 0 0 0 00000000\n"),
+        ElementsAre("eth0"));
+    const std::string zero(32, '0');
+    EXPECT_THAT(ParseDefaultRoutes6(zero + " 00 " + zero + " 00 fe80 00000400 0 0 00000003 eth0\n" + zero + " 40 " +
+                                    zero + " 00 fe80 00000400 0 0 00000003 eth1\n" + zero + " 00 " + zero + " 00 " +
+                                    zero + " ffffffff 0 0 00200200 lo\n"),
+                ElementsAre("eth0"));
+    const ResolverSettings resolver = ParseResolverSettings(
+        "# nameserver 9.9.9.9\nnameserver 192.0.2.1\n nameserver 192.0.2.2\nnameserver\ndomain old.example\nsearch "
+        "a.example b.example");
+    EXPECT_EQ(resolver.servers, 2u);
+    EXPECT_THAT(resolver.domains, ElementsAre("a.example", "b.example"));
+    EXPECT_EQ(ValueAfter("KEY=", "XKEY=1\nKEY=two words\nKEY=3"), "two words");
+    struct {
+        nlmsghdr header{sizeof(nlmsghdr) + sizeof(ifaddrmsg) + sizeof(rtattr), RTM_NEWADDR, 0, 0, 0};
+        ifaddrmsg message{AF_INET, 24, 0, 0, 7};
+        rtattr attribute{0, IFA_CACHEINFO};  // a length that leads nowhere
+    } answer;
+    const std::string bytes(reinterpret_cast<const char*>(&answer), sizeof(answer));
+    EXPECT_EQ(ParseAddressMessages(bytes + bytes).size(), 2u);
+    EXPECT_EQ(ParseAddressMessages(bytes + bytes.substr(0, bytes.size() - 1)).size(), 1u);
+}
+
+TEST_F(WmiNetwork, AdaptersAndTheirConfigurations) {
+    if (!IsInNamespaces()) {
+        return RunInNamespaces(
+            "--mount --net",
+            "mount -t sysfs sysfs /sys && ip link set lo up && ip link add kv0 address 02:00:00:00:0a:0b mtu 1400 type "
+            "veth peer name kv1 && ip link set kv0 up && ip link set kv1 up && ip tuntap add kv2 mode tap && ip link "
+            "set "
+            "kv2 up && ip link add kv3 type bridge && ip address add 192.0.2.77/24 dev kv0 valid_lft 600 preferred_lft "
+            "600 && ip address add 198.51.100.1/24 dev kv1 && ip route add default via 192.0.2.1");
+    }
+    const struct {
+        std::string name, connection, isUp, usesIp, isLeased;
+    } rows[] = {
+        {"kv0", "2", "true", "true", "true"},
+        {"kv1", "2", "true", "true", "false"},
+        {"kv2", "7", "true", "false", "false"},
+        {"kv3", "0", "false", "false", "false"},
+    };
+    EXPECT_EQ(RunWmiQuery("SELECT Name FROM Win32_NetworkAdapter").rows.size(), std::size(rows)) << "no loopback";
+    for (const auto& row : rows) {
+        const auto one = [&](const std::string& query) {
+            const WmiResult result = RunWmiQuery(query + " = '" + row.name + "'");
+            return result.rows.empty() ? WmiRow() : result.rows.front();
+        };
+        const WmiRow adapter = one("SELECT * FROM Win32_NetworkAdapter WHERE NetConnectionID");
+        EXPECT_EQ(TextOf(adapter, "NetConnectionStatus"), row.connection) << row.name;
+        EXPECT_EQ(TextOf(adapter, "NetEnabled"), row.isUp) << row.name;
+        EXPECT_EQ(TextOf(adapter, "PhysicalAdapter"), "false") << row.name;
+        const WmiRow configuration = one("SELECT * FROM Win32_NetworkAdapterConfiguration WHERE SettingID");
+        EXPECT_EQ(TextOf(configuration, "IPEnabled"), row.usesIp) << row.name;
+        EXPECT_EQ(TextOf(configuration, "DHCPEnabled"), row.isLeased) << row.name;
+        EXPECT_EQ(TextOf(configuration, "IPAddress"), row.usesIp == "true" ? "array" : "NULL") << row.name;
+        EXPECT_EQ(TextOf(configuration, "DefaultIPGateway"), row.name == "kv0" ? "array" : "NULL") << row.name;
+        EXPECT_EQ(TextOf(configuration, "Index"), TextOf(adapter, "Index")) << row.name;
+        if (row.name != "kv0") continue;
+        EXPECT_EQ(TextOf(adapter, "MACAddress"), "02:00:00:00:0A:0B");
+        EXPECT_EQ(TextOf(adapter, "Speed"), "10000000000") << "what a pair of virtual interfaces says of itself";
+        EXPECT_EQ(TextOf(configuration, "MTU"), "1400");
+        const auto end = MicrosecondsOfDmtf(platform::WideFromUtf8(TextOf(configuration, "DHCPLeaseExpires")));
+        const auto now = std::chrono::system_clock::now().time_since_epoch() / 1us;
+        EXPECT_NEAR(static_cast<double>(end.value_or(0) - now), 600e6, 30e6);
+    }
+}
+
+}  // namespace
+}  // namespace kv::test
