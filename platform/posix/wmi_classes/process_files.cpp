@@ -189,7 +189,8 @@ bool MayBeCut(const ProcessStat& stat) { return stat.name.size() == cutNameLengt
 std::string_view ExecutableNameOf(const ProcessStat& stat, std::string_view commandLine) {
     std::string_view file = commandLine.substr(0, commandLine.find('\0'));
     file.remove_prefix(file.rfind('/') + 1);  // npos + 1 is 0
-    return MayBeCut(stat) && file.starts_with(stat.name) ? file : std::string_view(stat.name);
+    if (!MayBeCut(stat) || !file.starts_with(stat.name)) return stat.name;
+    return file.substr(0, file.find_first_of(" :", cutNameLength));  // a title may have been set in its place
 }
 
 std::uint32_t BasePriorityOf(const ProcessStat& stat) {

@@ -1,8 +1,9 @@
 // Win32_Process: the processes as /proc tells of them, the threads of the kernel among them, as ps lists them.
 #include <algorithm>
-#include <cmath>
+#include <sys/utsname.h>
 
 #include "platform/posix/wmi/system_text.h"
+#include "platform/posix/wmi_classes/distribution.h"
 #include "platform/posix/wmi_classes/families.h"
 #include "platform/posix/wmi_classes/host_names.h"
 #include "platform/posix/wmi_classes/process_files.h"
@@ -24,6 +25,7 @@ struct Need {
         handles = 64,
         host = 128,
         systemStart = 256,
+        system = 512,
     };
 };
 
@@ -37,6 +39,8 @@ struct Row {
 
     // the same for all
     std::u16string host;
+    std::string systemName;
+    std::string systemVersion;
     std::int64_t systemStart = 0;  // milliseconds since 1970
 };
 
@@ -116,7 +120,7 @@ constexpr PropertyInfo properties[] = {
     {u"MinimumWorkingSetSize", uint32},
     {u"Name", string, Need::name, "of the executable", nameIn},
     {u"OSCreationClassName", string, 0, "the system's class", [](const Row&) { return u"Win32_OperatingSystem"; }},
-    {u"OSName", string},
+    {u"OSName", string, Need::system, "as Name of the system", [](const Row& row) { return row.systemName; }},
     {u"OtherOperationCount", uint64},
     {u"OtherTransferCount", uint64},
     {u"PageFaults", uint32, 0, "major and minor ones, of stat",
@@ -145,7 +149,7 @@ constexpr PropertyInfo properties[] = {
     {u"ThreadCount", uint32, 0, "of stat", [](const Row& row) { return row.stat.threads; }},
     {u"UserModeTime", uint64, 0, "100 ns, utime of stat", [](const Row& row) { return TimeOf(row.stat.userTicks); }},
     {u"VirtualSize", uint64, 0, "bytes, vsize of stat", [](const Row& row) { return row.stat.virtualBytes; }},
-    {u"WindowsVersion", string},
+    {u"WindowsVersion", string, Need::system, "release of the kernel", [](const Row& row) { return row.systemVersion; }},
     {u"WorkingSetSize", uint64, 0, "bytes resident, rss of stat", [](const Row& row) { return row.stat.residentPages * PageSize(); }},
     {u"WriteOperationCount", uint64, Need::io, "syscw of io", [](const Row& row) { return NumberIn(row.io, &ProcessIo::writeOperations); }},
     {u"WriteTransferCount", uint64, Need::io, "bytes, wchar of io", [](const Row& row) { return NumberIn(row.io, &ProcessIo::writtenBytes); }},
@@ -204,11 +208,20 @@ void ReadParts(ProcessFiles& files, const Gathering& gathering, Row& row) {
     if (gathering.asksFor(Need::handles)) row.handles = files.CountOpenFiles(id);
 }
 
+void ReadSystem(Row& row) {
+    utsname kernel{};
+    uname(&kernel);
+    row.systemVersion = kernel.release;
+    const std::optional<std::string> distribution = AssignedValue(ReadOsRelease(), "PRETTY_NAME");
+    row.systemName = distribution ? *distribution : std::string(kernel.sysname) + " " + kernel.release;
+}
+
 WmiStatus GatherProcesses(const Gathering& gathering) {
     ProcessFiles files;
     Row row;
     if (gathering.asksFor(Need::host)) row.host = HostName();
     if (gathering.asksFor(Need::systemStart)) row.systemStart = SystemStartMilliseconds();
+    if (gathering.asksFor(Need::system)) ReadSystem(row);
     for (const std::uint32_t id : ProcessesToRead(gathering)) {
         if (!ReadStat(files, id, row.stat)) continue;
         ReadParts(files, gathering, row);

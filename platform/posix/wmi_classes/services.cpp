@@ -19,7 +19,8 @@ struct Need {
         ending = 8,
         user = 16,
         command = 32,
-        host = 64,
+        fileState = 64,
+        host = 128,
     };
 };
 
@@ -47,9 +48,10 @@ std::string_view NameOf(const ServiceUnit& unit) {
     return name;
 }
 
-/// The unit's own text, or its name where it has none.
+/// The unit's own text, or its name where it has none; the manager then gives its id.
 std::string_view DisplayNameOf(const ServiceUnit& unit) {
-    return unit.description.empty() ? NameOf(unit) : std::string_view(unit.description);
+    const bool hasNone = unit.description.empty() || unit.description == unit.id;
+    return hasNone ? NameOf(unit) : std::string_view(unit.description);
 }
 
 constexpr auto displayNameIn = [](const Row& row) { return DisplayNameOf(row.unit); };
@@ -75,7 +77,7 @@ constexpr PropertyInfo properties[] = {
         [](const Row& row) { return row.endingStatus; }},
     {u"ServiceType", string, 0, "always a process of its own", [](const Row&) { return u"Own Process"; }},
     {u"Started", boolean, 0, "whether State is Running", [](const Row& row) { return IsStarted(row.unit); }},
-    {u"StartMode", string, 0, "Auto: enabled; Disabled: masked; else Manual", [](const Row& row) { return StartModeOf(row.unit); }},
+    {u"StartMode", string, Need::fileState, "Auto: enabled; Disabled: masked; else Manual", [](const Row& row) { return StartModeOf(row.unit); }},
     {u"StartName", string, Need::user, "the user that it runs as", [](const Row& row) { return row.user; }},
     {u"State", string, 0, "Running, Stopped, Start Pending, Stop Pending", [](const Row& row) { return StateOf(row.unit); }},
     {u"Status", string, 0, "OK; Error after a failure; Degraded between restarts", [](const Row& row) { return HealthOf(row.unit); }},
@@ -131,12 +133,18 @@ int ReadEnding(ServiceManager& manager, Row& row) {
     return result;
 }
 
-/// A property that the manager does not give stays empty.
+/// A text that is empty or that the manager does not give is none.
 int ReadText(ServiceManager& manager, int (ServiceManager::*read)(const ServiceUnit&, std::string&),
              const ServiceUnit& unit, std::optional<std::string>& text) {
     std::string given;
     const int result = (manager.*read)(unit, given);
-    if (result >= 0) text = std::move(given);
+    if (!given.empty()) text = std::move(given);
+    return result;
+}
+
+int ReadUser(ServiceManager& manager, Row& row) {
+    const int result = ReadText(manager, &ServiceManager::User, row.unit, row.user);
+    if (result >= 0 && !row.user) row.user = "root";
     return result;
 }
 
@@ -147,13 +155,13 @@ int ReadDetails(ServiceManager& manager, const Gathering& gathering, Row& row) {
     const auto isDue = [&](std::uint32_t need, bool applies) {
         return !IsLost(result) && applies && gathering.asksFor(need);
     };
-    const ServiceUnit& unit = row.unit;
+    ServiceUnit& unit = row.unit;
+    if (isDue(Need::fileState, unit.fileState.empty())) result = manager.FileState(unit, unit.fileState);
     if (isDue(Need::process, !IsStopped(unit))) result = manager.MainProcess(unit, row.process);
     if (isDue(Need::canStop, IsStarted(unit))) result = manager.CanStop(unit, row.canStop);
     if (isDue(Need::ending, HasFailed(unit))) result = ReadEnding(manager, row);
-    if (isDue(Need::user, true)) result = ReadText(manager, &ServiceManager::User, unit, row.user);
+    if (isDue(Need::user, true)) result = ReadUser(manager, row);
     if (isDue(Need::command, true)) result = ReadText(manager, &ServiceManager::StartCommand, unit, row.command);
-    if (row.user && row.user->empty()) row.user = "root";
     return IsLost(result) ? result : 0;
 }
 
@@ -214,7 +222,7 @@ WmiStatus GatherServices(const Gathering& gathering, std::chrono::milliseconds p
     int result = manager.Connect(patience);
     if (result >= 0) result = GatherFrom(manager, gathering);
     if (result < 0 && !IsAbsent(result)) {
-        gathering.notice(std::string("Services were left out, as the service manager does not answer: ") +
+        gathering.notice(std::string("Services were left out; asking the service manager failed: ") +
                          std::generic_category().message(-result));
     }
     return wmi_status::ok;

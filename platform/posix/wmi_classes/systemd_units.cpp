@@ -90,6 +90,15 @@ int GetPlain(sd_bus* bus, const ServiceUnit& unit, const char* interface, const 
     return sd_bus_get_property_trivial(bus, managerName, path.get(), interface, property, nullptr, type, &value);
 }
 
+int GetText(sd_bus* bus, const ServiceUnit& unit, const char* interface, const char* property, std::string& value) {
+    char* text = nullptr;
+    const int result =
+        sd_bus_get_property_string(bus, managerName, PathOf(unit).get(), interface, property, nullptr, &text);
+    const CText owned(text);
+    if (result >= 0) value = text;
+    return result;
+}
+
 /// The first command of an "a(sasbttttuii)", whose structures begin with the program and its arguments.
 int ReadFirstCommand(sd_bus_message* message, std::string& line) {
     if (sd_bus_message_enter_container(message, 'a', "(sasbttttuii)") <= 0) return -EBADMSG;
@@ -212,13 +221,12 @@ int ServiceManager::LastEnding(const ServiceUnit& unit, ServiceEnding& ending) {
     return result;
 }
 
+int ServiceManager::FileState(const ServiceUnit& unit, std::string& state) {
+    return GetText(bus_.get(), unit, unitInterface, "UnitFileState", state);
+}
+
 int ServiceManager::User(const ServiceUnit& unit, std::string& user) {
-    char* text = nullptr;
-    const int result = sd_bus_get_property_string(bus_.get(), managerName, PathOf(unit).get(), serviceInterface, "User",
-                                                  nullptr, &text);
-    const CText owned(text);
-    if (result >= 0) user = text;
-    return result;
+    return GetText(bus_.get(), unit, serviceInterface, "User", user);
 }
 
 int ServiceManager::StartCommand(const ServiceUnit& unit, std::string& command) {

@@ -63,7 +63,8 @@ class ServiceManager {
     int MainProcess(const ServiceUnit& unit, std::uint32_t& processId);  // 0: none
     int CanStop(const ServiceUnit& unit, bool& canStop);
     int LastEnding(const ServiceUnit& unit, ServiceEnding& ending);
-    int User(const ServiceUnit& unit, std::string& user);  // empty: the superuser
+    int FileState(const ServiceUnit& unit, std::string& state);  // empty: it has no unit file
+    int User(const ServiceUnit& unit, std::string& user);        // empty: the superuser
 
     /// The first command that starts it, with a blank between the arguments; empty where there is none.
     int StartCommand(const ServiceUnit& unit, std::string& command);

@@ -1,0 +1,321 @@
+// Win32_Process against ps and this process's own doings, Win32_Service against a manager at the other end of a socket.
+#include <csignal>
+#include <fcntl.h>
+#include <filesystem>
+#include <fmt/format.h>
+#include <fnmatch.h>
+#include <gtest/gtest.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <thread>
+#include <tuple>
+#include <unistd.h>
+
+#include "platform/backend.h"
+#include "platform/posix/wmi/class_tree.h"
+#include "platform/posix/wmi_classes/process_files.h"
+#include "platform/posix/wmi_classes/services.h"
+#include "tests/support/wmi_query.h"
+
+namespace platform::wmi {
+namespace {
+
+using kv::test::RunWmiQuery;
+using kv::test::TextOf;
+using kv::test::WmiResult;
+using kv::test::WmiRow;
+using namespace std::string_literals;
+
+const std::string fieldsOfStat =
+    " 1 40 39 34816 40 4194304 11 12 13 14 15 16 17 18 20 -5 7 0 77 1000 9 18446744073709551615 1 1 0 0 0 0 0 0 0 0 0 "
+    "17";
+
+TEST(ProcessTexts, StatIsReadWhateverTheNameHolds) {
+    const std::pair<const char*, std::string> names[] = {
+        {"plain", "sshd"},
+        {"blanks and parentheses", ") S (x) R 2 ("},
+        {"a line end, and bytes that are no text", "a\n\xff"},
+        {"none", ""},
+        {"a thread of the kernel", "kworker/u8:2-events_unbound"},
+    };
+    for (const auto& [title, name] : names) {
+        const auto stat = ParseProcessStat("42 (" + name + ") S" + fieldsOfStat + " 0 0\n");
+        ASSERT_TRUE(stat) << title;
+        EXPECT_EQ(stat->name, name) << title;
+        EXPECT_EQ(fmt::format("{} {} {} {} {} {} {} {} {} {} {} {} {} {}", stat->id, stat->state, stat->parentId,
+                              stat->sessionId, stat->minorFaults, stat->majorFaults, stat->userTicks, stat->kernelTicks,
+                              stat->priority, stat->nice, stat->threads, stat->startTicks, stat->virtualBytes,
+                              stat->residentPages),
+                  "42 S 1 39 11 13 15 16 20 -5 7 77 1000 9")
+            << title;
+    }
+    const std::string whole = "42 (a) S" + fieldsOfStat;
+    for (std::size_t length = 0; length < whole.size() - 1; ++length) {
+        EXPECT_FALSE(ParseProcessStat(whole.substr(0, length))) << length;
+    }
+    EXPECT_FALSE(ParseProcessStat("4294967338 (a) S" + fieldsOfStat)) << "an id beyond 32 bits";
+}
+
+TEST(ProcessTexts, OtherFiles) {
+    const auto io = ParseProcessIo("rchar: 1\nwchar: 2\nsyscr: 3\nsyscw: 4\nread_bytes: 5\nwrite_bytes: 6\n");
+    ASSERT_TRUE(io);
+    EXPECT_EQ(fmt::format("{} {} {} {}", io->readBytes, io->writtenBytes, io->readOperations, io->writeOperations),
+              "1 2 3 4");
+    EXPECT_FALSE(ParseProcessIo("rchar: 1\nwchar: 2\nsyscr: 3\nsyscw: x\n"));
+    const ProcessMemory memory = ParseProcessStatus("Name:\tVmSwap:\nVmPeak:\t 8 kB\nVmHWM:\t 4 kB\nRssAnon:\t 2 kB\n");
+    EXPECT_EQ(fmt::format("{} {} {} {}", memory.peakVirtual, memory.peakResident, memory.anonymous, memory.swapped),
+              "8192 4096 2048 0");
+    EXPECT_EQ(CommandLineOf("a\0b c\0\0\xff\0\0"s), "a b c  \xff");
+    EXPECT_EQ(CommandLineOf(std::string(99999, 'x')).size(), 32767u);
+    const std::tuple<const char*, const char*, std::string, const char*> rows[] = {
+        {"a name that was cut", "systemd-journal", "/lib/systemd/systemd-journald\0-x"s, "systemd-journald"},
+        {"a short one is whole", "systemd", "/lib/systemd/systemd-journald"s, "systemd"},
+        {"that of a script", "fifteen-letters", "/bin/sh\0fifteen-letters-more"s, "fifteen-letters"},
+        {"a title in place of arguments", "systemd-userwor", "systemd-userwork: waiting..."s, "systemd-userwork"},
+    };
+    for (const auto& [title, kernelName, arguments, name] : rows) {
+        ProcessStat stat;
+        stat.name = kernelName;
+        EXPECT_EQ(ExecutableNameOf(stat, arguments), name) << title;
+    }
+}
+
+/// A child that holds some memory and waits, or has ended and waits to be reaped.
+class Child {
+  public:
+    explicit Child(bool ended) : id(fork()) {
+        if (id == 0) {
+            prctl(PR_SET_NAME, "odd) S (na me");
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            const std::string held(32 << 20, 'x');
+            raise(held.back() == 'x' && ended ? SIGKILL : SIGSTOP);
+        }
+        siginfo_t info;
+        waitid(P_PID, static_cast<id_t>(id), &info, WEXITED | WSTOPPED | WNOWAIT);
+    }
+    ~Child() {
+        kill(id, SIGKILL);
+        waitpid(id, nullptr, 0);
+    }
+    pid_t id;
+};
+
+std::string OutputOf(const std::string& command) {
+    std::FILE* pipe = popen(command.c_str(), "r");
+    std::string text(4096, '\0');
+    text.resize(std::fread(text.data(), 1, text.size(), pipe));
+    pclose(pipe);
+    return text;
+}
+
+WmiRow RowOf(pid_t id) {
+    InstallBackend();
+    const WmiResult result = RunWmiQuery(fmt::format("SELECT * FROM Win32_Process WHERE ProcessId = {}", id));
+    EXPECT_EQ(result.rows.size(), 1u);
+    return result.rows.empty() ? WmiRow() : result.rows[0];
+}
+
+TEST(WmiProcesses, AreThoseOfPs) {
+    const Child waiting(false);
+    const Child ended(true);
+    for (const Child* child : {&waiting, &ended}) {
+        const WmiRow row = RowOf(child->id);
+        const bool isEnded = child == &ended;
+        const std::string ps = "ps -o pid=,ppid=,comm= -p {} | tr -s ' ' | sed 's/^ //; s/ <defunct>//'";
+        EXPECT_EQ(OutputOf(fmt::format(fmt::runtime(ps), child->id)),
+                  TextOf(row, "Handle") + " " + TextOf(row, "ParentProcessId") + " " + TextOf(row, "Name") + "\n");
+        const double kilobytes = std::stod(OutputOf(fmt::format("ps -o rss= -p {}", child->id)));
+        EXPECT_NEAR(std::stod(TextOf(row, "WorkingSetSize")) / 1024, kilobytes, 2048);
+        EXPECT_EQ(TextOf(row, "ExecutionState"), isEnded ? "7" : "8");
+        EXPECT_EQ(TextOf(row, "CommandLine") == "NULL", isEnded);
+        EXPECT_GE(std::stol(TextOf(row, "PrivatePageCount")), isEnded ? 0 : 32 << 20);
+        EXPECT_LE(std::stol(TextOf(row, "PageFileUsage")), kilobytes + 2048);
+        const auto created = MicrosecondsOfDmtf(WideFromUtf8(TextOf(row, "CreationDate")));
+        EXPECT_NEAR(static_cast<double>(created.value_or(0)) / 1e6, static_cast<double>(time(nullptr)), 10);
+    }
+}
+
+TEST(WmiProcesses, FiguresFollowWhatAProcessDoes) {
+    const WmiRow before = RowOf(getpid());
+    const int file = open("/dev/null", O_WRONLY);
+    const std::string bytes(1 << 20, 'x');
+    EXPECT_EQ(write(file, bytes.data(), bytes.size()), 1 << 20);
+    const WmiRow after = RowOf(getpid());
+    close(file);
+    const auto growth = [&](const char* name) {
+        return std::stol(TextOf(after, name)) - std::stol(TextOf(before, name));
+    };
+    EXPECT_EQ(growth("HandleCount"), 1);
+    EXPECT_EQ(growth("WriteTransferCount"), 1 << 20);
+    EXPECT_EQ(growth("WriteOperationCount"), 1);
+    EXPECT_EQ(TextOf(after, "CreationDate"), TextOf(before, "CreationDate"));
+    EXPECT_EQ(TextOf(after, "ExecutablePath"), std::filesystem::read_symlink("/proc/self/exe"));
+}
+
+/// What the class hands over by itself, before the rows that do not match are dropped.
+TEST(WmiProcesses, ARestrictionReadsThoseProcessesAlone) {
+    pid_t threadId = 0;
+    std::jthread thread([&](const std::stop_token& stop) {
+        threadId = gettid();
+        while (!stop.stop_requested()) std::this_thread::yield();
+    });
+    while (__atomic_load_n(&threadId, __ATOMIC_ACQUIRE) == 0) std::this_thread::yield();
+    const std::int64_t own = getpid();
+    const std::tuple<const char*, std::u16string_view, std::vector<CimValue>, int> rows[] = {
+        {"its id, twice", u"ProcessId", {own, own}, 1},
+        {"and one more", u"ProcessId", {own, std::int64_t{getppid()}}, 2},
+        {"its id as text", u"Handle", {std::to_string(own)}, 1},
+        {"no ids at all", u"ProcessId", {std::int64_t{-1}, std::int64_t{1} << 40, UINT64_MAX, CimValue()}, 0},
+        {"text that is no id", u"Handle", {"self", "", "../1", "-1", std::to_string(own) + "x"}, 0},
+        {"a thread of a process", u"ProcessId", {std::int64_t{threadId}}, 0},
+    };
+    for (const auto& [title, property, values, count] : rows) {
+        int found = 0;
+        Gathering gathering;
+        gathering.restrictions = {{property, values}};
+        gathering.row = [&](const void*) { return ++found > 0; };
+        EXPECT_EQ(FindClass(u"Win32_Process")->gather(gathering), wmi_status::ok);
+        EXPECT_EQ(found, count) << title;
+    }
+}
+
+TEST(ServiceUnits, ReadAsServices) {
+    const struct {
+        const char *active, *sub, *file;
+        std::u16string expected;
+    } rows[] = {
+        {"active", "running", "enabled", u"Running OK Auto"},
+        {"inactive", "dead", "masked", u"Stopped OK Disabled"},
+        {"failed", "failed", "disabled", u"Stopped Error Manual"},
+        {"activating", "auto-restart", "linked", u"Start Pending Degraded Manual"},
+        {"deactivating", "stop-sigterm", "indirect", u"Stop Pending OK Manual"},
+        {"of a later version", "", "", u"Unknown OK Manual"},
+    };
+    for (const auto& row : rows) {
+        const ServiceUnit unit{"x.service", "", "loaded", row.active, row.sub, row.file};
+        const auto text = std::u16string(StateOf(unit)) + u" " + std::u16string(HealthOf(unit)) + u" ";
+        EXPECT_EQ(text + std::u16string(StartModeOf(unit)), row.expected) << row.active << row.sub;
+    }
+    EXPECT_EQ(ExitCodeOf({true, 3}), 3u);
+    EXPECT_EQ(ExitCodeOf({false, SIGSEGV}), 1067u);
+    EXPECT_EQ(ExitCodeOf({true, 0}), 1067u) << "failed although its process did not, as when it is not ready in time";
+    for (const std::string_view name : {"ssh", "a[b]*?", "dev\\x2d1@x!"}) {
+        EXPECT_EQ(fnmatch(PatternOfName(name).c_str(), (std::string(name) + ".service").c_str(), FNM_NOESCAPE), 0);
+        EXPECT_NE(fnmatch(PatternOfName(name).c_str(), "asb.service", FNM_NOESCAPE), 0);
+    }
+    EXPECT_EQ(fnmatch(PatternOfName("SsH").c_str(), "ssh.service", FNM_NOESCAPE), 0);
+}
+
+/// A manager for one connection: a bus and a systemd in one, at a socket of its own; mute from some member on.
+class Manager {
+  public:
+    explicit Manager(std::string muteAt) : muteAt_(std::move(muteAt)) {
+        const std::string name = fmt::format("kv_test_bus_{}", getpid());
+        sockaddr_un address{AF_UNIX, {}};
+        name.copy(address.sun_path + 1, name.size());  // no file, but a name of the kernel's
+        listener_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        const std::size_t length = offsetof(sockaddr_un, sun_path) + 1 + name.size();
+        bind(listener_, reinterpret_cast<const sockaddr*>(&address), static_cast<socklen_t>(length));
+        listen(listener_, 1);
+        setenv("DBUS_SYSTEM_BUS_ADDRESS", ("unix:abstract=" + name).c_str(), 1);
+        if (muteAt_ != "accept") thread_ = std::thread([this] { Serve(); });
+    }
+    ~Manager() {
+        shutdown(listener_, SHUT_RDWR);
+        if (thread_.joinable()) thread_.join();
+        close(listener_);
+        unsetenv("DBUS_SYSTEM_BUS_ADDRESS");
+    }
+
+  private:
+    static int Answer(sd_bus_message* call, void* self, sd_bus_error*) {
+        const std::string member = sd_bus_message_get_member(call);
+        const char *interface = nullptr, *name = "";
+        if (member == "Get") sd_bus_message_read(call, "ss", &interface, &name);
+        const std::string key = member + name;
+        if (key == static_cast<Manager*>(self)->muteAt_) return 1;
+        const char* units = "a(ssssssouso)";
+        const auto reply = [call](auto... values) { return sd_bus_reply_method_return(call, values...); };
+        if (member == "ListUnitFilesByPatterns") {
+            return reply("a(ss)", 3, "/lib/a.service", "enabled", "/etc/b.service", "static", "/c@.service", "static");
+        }
+        if (member == "ListUnitsByPatterns") {
+            return reply(units, 2, "a.service", "An A", "loaded", "failed", "failed", "", "/a", 0, "", "/",
+                         "gone.service", "", "not-found", "inactive", "dead", "", "/g", 0, "", "/");
+        }
+        if (member == "ListUnitsByNames") {
+            return reply(units, 1, "b.service", "A B", "loaded", "inactive", "dead", "", "/b", 0, "", "/");
+        }
+        if (member == "Hello") return reply("s", ":1.1");
+        if (key == "GetExecMainCode") return reply("v", "i", CLD_EXITED);
+        if (key == "GetExecMainStatus") return reply("v", "i", 4);
+        if (key == "GetUser") return reply("v", "s", "");
+        if (key != "GetExecStart") return sd_bus_reply_method_errorf(call, SD_BUS_ERROR_UNKNOWN_METHOD, "no");
+        return reply("v", "a(sasbttttuii)", 1, "/bin/x", 3, "x", "-v", "1", 0, 0ul, 0ul, 0ul, 0ul, 0u, 0, 0);
+    }
+
+    void Serve() {
+        const int peer = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+        sd_bus* bus = nullptr;
+        if (peer < 0 || sd_bus_new(&bus) < 0) return;
+        sd_bus_set_fd(bus, peer, peer);
+        sd_bus_set_server(bus, 1, {});
+        sd_bus_set_trusted(bus, 1);
+        sd_bus_add_filter(bus, nullptr, Answer, this);
+        sd_bus_start(bus);
+        for (int result = 0; result >= 0;) {
+            result = sd_bus_process(bus, nullptr);
+            if (result == 0) result = sd_bus_wait(bus, UINT64_MAX);
+        }
+        sd_bus_close_unref(bus);
+    }
+
+    std::string muteAt_;
+    int listener_ = -1;
+    std::thread thread_;
+};
+
+TEST(WmiServices, AreThoseOfTheManager) {
+    InstallBackend();
+    const Manager manager("");
+    const WmiResult result = RunWmiQuery(
+        "SELECT Name, Caption, State, StartMode, ExitCode, PathName, StartName, ProcessId FROM Win32_Service");
+    ASSERT_EQ(result.rows.size(), 2u);
+    std::string text;
+    for (const WmiRow& row : result.rows) {
+        for (const auto& [name, value] : row) text += value.text + "|";
+    }
+    EXPECT_EQ(text, "An A|4|a|/bin/x -v 1|0|Auto|root|Stopped|A B|0|b|/bin/x -v 1|0|Manual|root|Stopped|");
+    EXPECT_EQ(result.notices.size(), 0u);
+}
+
+TEST(WmiServices, AManagerThatFallsSilentIsNotWaitedFor) {
+    const std::tuple<const char*, const char*, std::size_t, std::size_t> rows[] = {
+        {"no bus", nullptr, 0, 0},
+        {"a bus that accepts, and no more", "accept", 0, 1},
+        {"no greeting", "Hello", 0, 1},
+        {"no list", "ListUnitsByPatterns", 0, 1},
+        {"in the middle of a service", "GetExecMainStatus", 0, 1},
+        {"where nobody asks", "GetMainPID", 2, 0},
+    };
+    for (const auto& [title, muteAt, rowCount, noticeCount] : rows) {
+        setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent", 1);
+        const auto manager = muteAt != nullptr ? std::make_unique<Manager>(muteAt) : nullptr;
+        std::size_t found = 0;
+        std::vector<std::string> notices;
+        Gathering gathering;
+        gathering.needs = FindProperty(*FindClass(u"Win32_Service"), u"ExitCode")->needs;
+        gathering.row = [&](const void*) { return ++found > 0; };
+        gathering.notice = [&](std::string notice) { notices.push_back(std::move(notice)); };
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_EQ(GatherServices(gathering, std::chrono::milliseconds(100)), wmi_status::ok);
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2)) << title;
+        EXPECT_EQ(found, rowCount) << title;
+        EXPECT_EQ(notices.size(), noticeCount) << title;
+    }
+}
+
+}  // namespace
+}  // namespace platform::wmi
