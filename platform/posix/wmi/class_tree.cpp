@@ -12,11 +12,11 @@ namespace {
 using Family = std::span<const ClassInfo> (*)();
 
 constexpr Family families[] = {
-    AbstractClasses,      AccountClasses,        ComputerSystemClasses,  DiskDriveClasses,
-    FileSystemClasses,    NetworkAdapterClasses, OperatingSystemClasses, PhysicalMemoryClasses,
-    ProcessClasses,       ProcessorClasses,      ServiceClasses,         TimeClasses,
-    PerfDiskClasses,      PerfMemoryClasses,     PerfNetworkClasses,     PerfProcessClasses,
-    PerfProcessorClasses, PerfSystemClasses,
+    AbstractClasses,       AccountClasses,       ComputerSystemClasses, DiskDriveClasses,
+    FileSystemClasses,     FirmwareClasses,      NetworkAdapterClasses, OperatingSystemClasses,
+    PhysicalMemoryClasses, ProcessClasses,       ProcessorClasses,      ServiceClasses,
+    TimeClasses,           PerfDiskClasses,      PerfMemoryClasses,     PerfNetworkClasses,
+    PerfProcessClasses,    PerfProcessorClasses, PerfSystemClasses,
 };
 
 std::vector<const ClassInfo*> CollectClasses() {

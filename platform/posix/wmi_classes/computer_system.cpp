@@ -1,7 +1,226 @@
+// Win32_ComputerSystem: the computer as a whole.
+#include <unistd.h>
+
+#include "platform/posix/wmi/system_text.h"
+#include "platform/posix/wmi_classes/computer_facts.h"
+#include "platform/posix/wmi_classes/cpu_info.h"
+#include "platform/posix/wmi_classes/distribution.h"
 #include "platform/posix/wmi_classes/families.h"
+#include "platform/posix/wmi_classes/host_names.h"
+#include "platform/posix/wmi_classes/kernel_totals.h"
+#include "platform/posix/wmi_classes/local_time.h"
+#include "platform/posix/wmi_classes/processor_identity.h"
+#include "platform/posix/wmi_classes/product.h"
+#include "platform/posix/wmi_classes/sessions.h"
+#include "platform/posix/wmi_classes/smbios.h"
+#include "platform/utf.h"
 
 namespace platform::wmi {
 
-std::span<const ClassInfo> ComputerSystemClasses() { return {}; }
+namespace {
+
+using enum CimType;
+
+struct Need {
+    enum Bits : std::uint32_t {
+        host = 1,
+        domain = 2,
+        membership = 4,
+        product = 8,
+        chassis = 16,
+        firmware = 32,
+        processors = 64,
+        hypervisor = 128,
+        memory = 256,
+        machine = 512,
+        commandLine = 1024,
+        sessions = 2048,
+        time = 4096,
+        role = 8192,
+    };
+};
+
+struct Row {
+    std::u16string host;
+    std::string domain;  // empty: none
+    bool isMember = false;
+    bool isWorkstation = false;
+    Product product;
+    std::uint64_t chassis = 0;
+    SmbiosStructure system;     // without anything in it where the firmware tells nothing
+    SmbiosStructure enclosure;  // the same
+    SmbiosStructure security;   // the same
+    std::size_t processors = 0;
+    std::size_t sockets = 0;
+    bool hasHypervisor = false;
+    std::optional<std::uint64_t> memory;  // KB
+    std::string machine;
+    std::string commandLine;
+    std::optional<std::string> user;
+    CalendarTime time;
+};
+
+/// Two bits of the settings of passwords and buttons, in which 3 is unknown; none where the firmware has no settings.
+std::optional<std::uint8_t> SettingAt(const Row& row, unsigned shift) {
+    constexpr std::uint8_t twoBits = 3;
+    if (row.security.formatted.empty()) return std::nullopt;
+    return static_cast<std::uint8_t>(row.security.byteAt(0x04) >> shift & twoBits);
+}
+
+/// What follows the list of the enclosure's parts.
+std::optional<std::string> ChassisStockNumberOf(const Row& row) {
+    const std::size_t partsLength = std::size_t{row.enclosure.byteAt(0x13)} * row.enclosure.byteAt(0x14);
+    return row.enclosure.stringAt(0x15 + partsLength);
+}
+
+std::uint16_t DomainRoleOf(const Row& row) {
+    constexpr std::uint16_t server = 2;
+    return static_cast<std::uint16_t>((row.isWorkstation ? 0 : server) + (row.isMember ? 1 : 0));
+}
+
+std::optional<std::u16string> UserNameOf(const Row& row) {
+    return row.user ? std::optional(row.host + u"\\" + WideFromUtf8(*row.user)) : std::nullopt;
+}
+
+std::optional<std::uint64_t> BytesOf(std::optional<std::uint64_t> kilobytes) {
+    constexpr std::uint64_t kilobyte = 1024;
+    return kilobytes ? std::optional(*kilobytes * kilobyte) : std::nullopt;
+}
+
+constexpr auto hostIn = [](const Row& row) { return row.host; };
+
+// clang-format off
+constexpr PropertyInfo properties[] = {
+    {u"AdminPasswordStatus", uint16, Need::firmware, "0 disabled, 1 enabled, 2 not there, 3 unknown", [](const Row& row) { return SettingAt(row, 2); }},
+    {u"AutomaticManagedPagefile", boolean},
+    {u"AutomaticResetBootOption", boolean},
+    {u"AutomaticResetCapability", boolean},
+    {u"BootOptionOnLimit", uint16},
+    {u"BootOptionOnWatchDog", uint16},
+    {u"BootROMSupported", boolean},
+    {u"BootStatus", ArrayOf(uint16)},
+    {u"BootupState", string, Need::commandLine, "by the kernel's command line", [](const Row& row) { return BootupStateOf(row.commandLine); }},
+    {u"Caption", string, Need::host, "as Name", hostIn},
+    {u"ChassisBootupState", uint16, Need::firmware, "3 safe, 4 warning, 5 critical", [](const Row& row) { return KnownNumber(row.enclosure.byteAt(0x09)); }},
+    {u"ChassisSKUNumber", string, Need::firmware, "", [](const Row& row) { return ChassisStockNumberOf(row); }},
+    {u"CreationClassName", string, 0, "this class", [](const Row&) { return u"Win32_ComputerSystem"; }},
+    {u"CurrentTimeZone", sint16, Need::time, "minutes east of UTC, daylight saving included", [](const Row& row) { return row.time.minutesEast; }},
+    {u"DaylightInEffect", boolean, Need::time, "now", [](const Row& row) { return row.time.parts.tm_isdst > 0; }},
+    {u"Description", string, Need::machine, "as SystemType", [](const Row& row) { return SystemTypeOf(row.machine); }},
+    {u"DNSHostName", string, Need::host, "as Name", hostIn},
+    {u"Domain", string, Need::domain, "of the host name, else of /etc/hosts", [](const Row& row) { return row.domain.empty() ? CimValue() : CimValue(row.domain); }},
+    {u"DomainRole", uint16, Need::role | Need::membership, "0 workstation, 2 server, 1 more in a domain", [](const Row& row) { return DomainRoleOf(row); }},
+    {u"EnableDaylightSavingsTime", boolean, 0, "as the time zone says, always", [](const Row&) { return true; }},
+    {u"FrontPanelResetStatus", uint16, Need::firmware, "as AdminPasswordStatus", [](const Row& row) { return SettingAt(row, 0); }},
+    {u"HypervisorPresent", boolean, Need::hypervisor, "this is a virtual machine", [](const Row& row) { return row.hasHypervisor; }},
+    {u"InfraredSupported", boolean},
+    {u"InitialLoadInfo", ArrayOf(string)},
+    {u"InstallDate", datetime},
+    {u"KeyboardPasswordStatus", uint16, Need::firmware, "as AdminPasswordStatus", [](const Row& row) { return SettingAt(row, 4); }},
+    {u"LastLoadInfo", string},
+    {u"Manufacturer", string, Need::product, "", [](const Row& row) { return row.product.vendor; }},
+    {u"Model", string, Need::product, "", [](const Row& row) { return row.product.name; }},
+    {u"Name", string, Need::host, "host name without its domain", hostIn},
+    {u"NameFormat", string},
+    {u"NetworkServerModeEnabled", boolean},
+    {u"NumberOfLogicalProcessors", uint32, Need::processors, "online", [](const Row& row) { return row.processors; }},
+    {u"NumberOfProcessors", uint32, Need::processors, "sockets", [](const Row& row) { return row.sockets; }},
+    {u"OEMLogoBitmap", ArrayOf(uint8)},
+    {u"OEMStringArray", ArrayOf(string)},
+    {u"PartOfDomain", boolean, Need::membership, "it has a key in a realm", [](const Row& row) { return row.isMember; }},
+    {u"PauseAfterReset", sint64},
+    {u"PCSystemType", uint16, Need::chassis, "1 desktop, 2 mobile, 4 server, 0 unknown", [](const Row& row) { return SystemTypeOfChassis(row.chassis); }},
+    {u"PCSystemTypeEx", uint16, Need::chassis, "as PCSystemType", [](const Row& row) { return SystemTypeOfChassis(row.chassis); }},
+    {u"PowerManagementCapabilities", ArrayOf(uint16)},
+    {u"PowerManagementSupported", boolean},
+    {u"PowerOnPasswordStatus", uint16, Need::firmware, "as AdminPasswordStatus", [](const Row& row) { return SettingAt(row, 6); }},
+    {u"PowerState", uint16},
+    {u"PowerSupplyState", uint16, Need::firmware, "as ChassisBootupState", [](const Row& row) { return KnownNumber(row.enclosure.byteAt(0x0A)); }},
+    {u"PrimaryOwnerContact", string},
+    {u"PrimaryOwnerName", string},
+    {u"ResetCapability", uint16},
+    {u"ResetCount", sint16},
+    {u"ResetLimit", sint16},
+    {u"Roles", ArrayOf(string)},
+    {u"Status", string, 0, "it runs", [](const Row&) { return u"OK"; }},
+    {u"SupportContactDescription", ArrayOf(string)},
+    {u"SystemFamily", string, Need::product, "", [](const Row& row) { return row.product.family; }},
+    {u"SystemSKUNumber", string, Need::product, "", [](const Row& row) { return row.product.stockNumber; }},
+    {u"SystemStartupDelay", uint16},
+    {u"SystemStartupOptions", ArrayOf(string)},
+    {u"SystemStartupSetting", uint8},
+    {u"SystemType", string, Need::machine, "such as x64-based PC", [](const Row& row) { return SystemTypeOf(row.machine); }},
+    {u"ThermalState", uint16, Need::firmware, "as ChassisBootupState", [](const Row& row) { return KnownNumber(row.enclosure.byteAt(0x0B)); }},
+    {u"TotalPhysicalMemory", uint64, Need::memory, "bytes, MemTotal", [](const Row& row) { return BytesOf(row.memory); }},
+    {u"UserName", string, Need::sessions | Need::host, "computer\\user at the console", [](const Row& row) { return UserNameOf(row); }},
+    {u"WakeUpType", uint16, Need::firmware, "6 the power button, ...", [](const Row& row) { return KnownNumber(row.system.byteAt(0x18)); }},
+    {u"Workgroup", string},
+};
+// clang-format on
+
+/// Whether the processor says that it is a virtual one, or the system that it runs under another.
+bool HasHypervisor(const std::vector<CpuBlock>& processors) {
+    if (!processors.empty() && processors.front().hasFlag("hypervisor").value_or(false)) return true;
+    return access("/sys/hypervisor/type", F_OK) == 0 || access("/proc/device-tree/hypervisor", F_OK) == 0;
+}
+
+void ReadProcessorParts(const Gathering& gathering, Row& row) {
+    if (!gathering.asksFor(Need::processors | Need::hypervisor)) return;
+    const std::string text = ReadCpuInfo();
+    const std::vector<CpuBlock> processors = ParseCpuInfo(text);
+    row.processors = processors.size();
+    if (gathering.asksFor(Need::processors)) row.sockets = SocketsOf(processors).size();
+    if (gathering.asksFor(Need::hypervisor)) row.hasHypervisor = HasHypervisor(processors);
+}
+
+/// The parts refer to the table.
+void ReadFirmwareParts(std::string_view table, Row& row) {
+    constexpr std::uint8_t systemType = 1;
+    constexpr std::uint8_t enclosureType = 3;
+    constexpr std::uint8_t securityType = 24;
+    const std::vector<SmbiosStructure> structures = ParseSmbios(table);
+    row.system = FirstOfType(structures, systemType);
+    row.enclosure = FirstOfType(structures, enclosureType);
+    row.security = FirstOfType(structures, securityType);
+}
+
+void ReadNames(const Gathering& gathering, Row& row) {
+    constexpr const char* keysOfRealm = "/etc/krb5.keytab";  // what joining a domain leaves behind
+    if (gathering.asksFor(Need::host)) row.host = HostName();
+    if (gathering.asksFor(Need::domain)) row.domain = DomainName();
+    if (gathering.asksFor(Need::membership)) row.isMember = access(keysOfRealm, F_OK) == 0;
+    if (gathering.asksFor(Need::role)) row.isWorkstation = IsWorkstation();
+    if (gathering.asksFor(Need::machine)) row.machine = MachineName();
+    if (gathering.asksFor(Need::product)) row.product = ReadProduct();
+    if (gathering.asksFor(Need::chassis)) row.chassis = NumberOf(ReadDmi("chassis_type").value_or("")).value_or(0);
+}
+
+void ReadRunningParts(const Gathering& gathering, Row& row) {
+    if (gathering.asksFor(Need::commandLine)) row.commandLine = ReadSystemFile("/proc/cmdline").value_or("");
+    if (gathering.asksFor(Need::time)) row.time = LocalTimeOf(MicrosecondsNow());
+    if (gathering.asksFor(Need::sessions)) row.user = ConsoleUserOf(ReadSessions().value_or(std::vector<Session>()));
+    if (gathering.asksFor(Need::memory)) {
+        row.memory = MemoryFigure(ReadSystemFile("/proc/meminfo").value_or(""), "MemTotal");
+    }
+}
+
+WmiStatus GatherComputerSystem(const Gathering& gathering) {
+    const std::string table = gathering.asksFor(Need::firmware) ? ReadSmbiosTable() : "";
+    Row row;
+    ReadFirmwareParts(table, row);
+    ReadProcessorParts(gathering, row);
+    ReadNames(gathering, row);
+    ReadRunningParts(gathering, row);
+    gathering.row(&row);
+    return wmi_status::ok;
+}
+
+constexpr ClassInfo classes[] = {
+    {u"Win32_ComputerSystem", u"CIM_UnitaryComputerSystem", properties, GatherComputerSystem},
+};
+
+}  // namespace
+
+std::span<const ClassInfo> ComputerSystemClasses() { return classes; }
 
 }  // namespace platform::wmi

@@ -10,16 +10,17 @@ namespace platform::wmi {
 
 std::span<const ClassInfo> AbstractClasses();         // the CIM_ classes and others without objects of their own
 std::span<const ClassInfo> AccountClasses();          // Win32_UserAccount, Win32_Group
-std::span<const ClassInfo> ComputerSystemClasses();   // Win32_ComputerSystem, Win32_ComputerSystemProduct, Win32_BIOS
+std::span<const ClassInfo> ComputerSystemClasses();   // Win32_ComputerSystem
 std::span<const ClassInfo> DiskDriveClasses();        // Win32_DiskDrive
 std::span<const ClassInfo> FileSystemClasses();       // Win32_LogicalDisk, Win32_Volume
+std::span<const ClassInfo> FirmwareClasses();         // Win32_ComputerSystemProduct, Win32_BIOS
 std::span<const ClassInfo> NetworkAdapterClasses();   // Win32_NetworkAdapter, Win32_NetworkAdapterConfiguration
 std::span<const ClassInfo> OperatingSystemClasses();  // Win32_OperatingSystem
 std::span<const ClassInfo> PhysicalMemoryClasses();   // Win32_PhysicalMemory
 std::span<const ClassInfo> ProcessClasses();          // Win32_Process
 std::span<const ClassInfo> ProcessorClasses();        // Win32_Processor
 std::span<const ClassInfo> ServiceClasses();          // Win32_Service
-std::span<const ClassInfo> TimeClasses();             // Win32_TimeZone, Win32_LocalTime
+std::span<const ClassInfo> TimeClasses();             // Win32_TimeZone, Win32_LocalTime, Win32_UTCTime
 
 // Win32_PerfFormattedData_ and Win32_PerfRawData_ of each
 std::span<const ClassInfo> PerfDiskClasses();       // PerfDisk_LogicalDisk, PerfDisk_PhysicalDisk

@@ -1,7 +1,233 @@
+// Win32_OperatingSystem: the kernel and the distribution.
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <sys/utsname.h>
+#include <systemd/sd-id128.h>
+#include <time.h>
+
+#include "platform/posix/wmi/system_text.h"
+#include "platform/posix/wmi_classes/distribution.h"
 #include "platform/posix/wmi_classes/families.h"
+#include "platform/posix/wmi_classes/host_names.h"
+#include "platform/posix/wmi_classes/kernel_totals.h"
+#include "platform/posix/wmi_classes/local_time.h"
+#include "platform/posix/wmi_classes/process_files.h"
+#include "platform/posix/wmi_classes/processor_identity.h"
+#include "platform/posix/wmi_classes/sessions.h"
 
 namespace platform::wmi {
 
-std::span<const ClassInfo> OperatingSystemClasses() { return {}; }
+namespace {
+
+using enum CimType;
+
+struct Need {
+    enum Bits : std::uint32_t {
+        kernel = 1,
+        release = 2,
+        memory = 4,
+        processes = 8,
+        sessions = 16,
+        locale = 32,
+        country = 64,
+        identity = 128,
+        time = 256,
+        start = 512,
+        installation = 1024,
+        host = 2048,
+        prettyName = 4096,
+        processLimit = 8192,
+        role = 16384,
+    };
+};
+
+struct Row {
+    utsname kernel{};
+    std::string release;  // os-release
+    std::string memory;   // /proc/meminfo
+    std::uint64_t processes = 0;
+    std::optional<std::uint64_t> sessions;
+    std::string locale;
+    std::optional<std::string> countryCode;
+    std::optional<std::string> identity;
+    std::int64_t now = 0;                      // microseconds since 1970
+    std::int64_t start = 0;                    // milliseconds since 1970
+    std::optional<std::int64_t> installation;  // seconds since 1970
+    std::u16string host;
+    std::optional<std::string> prettyName;
+    std::optional<std::uint64_t> processLimit;
+    bool isWorkstation = false;
+};
+
+constexpr std::int64_t microsecondsOfSecond = 1'000'000;
+constexpr std::int64_t microsecondsOfMillisecond = 1000;
+
+/// The distribution's name with its version, or the kernel's.
+std::string CaptionOf(const Row& row) {
+    const std::string kernel = fmt::format("{} {}", row.kernel.sysname, row.kernel.release);
+    return AssignedValue(row.release, "PRETTY_NAME").value_or(kernel);
+}
+
+std::optional<std::string> ManufacturerOf(const Row& row) {
+    const std::optional<std::string> vendor = AssignedValue(row.release, "VENDOR_NAME");
+    return vendor ? vendor : AssignedValue(row.release, "NAME");
+}
+
+/// "35" of "#35~22.04.1-Ubuntu SMP PREEMPT_DYNAMIC ...".
+std::optional<std::string> BuildNumberOf(std::string_view version) {
+    if (!version.starts_with('#')) return std::nullopt;
+    const std::string_view number = version.substr(1, version.find_first_not_of("0123456789", 1) - 1);
+    return number.empty() ? std::nullopt : std::optional<std::string>(number);
+}
+
+std::optional<std::uint64_t> SumOf(std::optional<std::uint64_t> left, std::optional<std::uint64_t> right) {
+    return left && right ? std::optional(*left + *right) : std::nullopt;
+}
+
+constexpr auto captionIn = [](const Row& row) { return CaptionOf(row); };
+constexpr auto swapSizeIn = [](const Row& row) { return MemoryFigure(row.memory, "SwapTotal"); };
+constexpr auto rootIn = [](const Row&) { return u"/"; };
+
+// clang-format off
+constexpr PropertyInfo properties[] = {
+    {u"BootDevice", string},
+    {u"BuildNumber", string, Need::kernel, "of the kernel, as its builder counts", [](const Row& row) { return BuildNumberOf(row.kernel.version); }},
+    {u"BuildType", string},
+    {u"Caption", string, Need::release | Need::kernel, "PRETTY_NAME of os-release", captionIn},
+    {u"CodeSet", string, Need::locale, "code page of the system's locale, \"65001\" for UTF-8",
+        [](const Row& row) { const auto page = CodePageOf(row.locale); return page ? CimValue(std::to_string(*page)) : CimValue(); }},
+    {u"CountryCode", string, Need::country, "telephone code of the locale's country", [](const Row& row) { return row.countryCode; }},
+    {u"CreationClassName", string, 0, "this class", [](const Row&) { return u"Win32_OperatingSystem"; }},
+    {u"CSCreationClassName", string, 0, "the computer's class", [](const Row&) { return u"Win32_ComputerSystem"; }},
+    {u"CSDVersion", string},
+    {u"CSName", string, Need::host, "the computer's name", [](const Row& row) { return row.host; }},
+    {u"CurrentTimeZone", sint16, Need::time, "minutes east of UTC, daylight saving included", [](const Row& row) { return LocalTimeOf(row.now).minutesEast; }},
+    {u"DataExecutionPrevention_32BitApplications", boolean},
+    {u"DataExecutionPrevention_Available", boolean},
+    {u"DataExecutionPrevention_Drivers", boolean},
+    {u"DataExecutionPrevention_SupportPolicy", uint8},
+    {u"Debug", boolean},
+    {u"Description", string, Need::prettyName, "PRETTY_HOSTNAME of machine-info", [](const Row& row) { return row.prettyName.value_or(""); }},
+    {u"Distributed", boolean, 0, "one computer only", [](const Row&) { return false; }},
+    {u"EncryptionLevel", uint32},
+    {u"ForegroundApplicationBoost", uint8},
+    {u"FreePhysicalMemory", uint64, Need::memory, "KB that programs can still get without swapping", [](const Row& row) { return AvailableMemory(row.memory); }},
+    {u"FreeSpaceInPagingFiles", uint64, Need::memory, "KB, SwapFree", [](const Row& row) { return MemoryFigure(row.memory, "SwapFree"); }},
+    {u"FreeVirtualMemory", uint64, Need::memory, "KB, FreePhysicalMemory and free swap",
+        [](const Row& row) { return SumOf(AvailableMemory(row.memory), MemoryFigure(row.memory, "SwapFree")); }},
+    {u"InstallDate", datetime, Need::installation, "birth of the root file system, else the time of machine-id",
+        [](const Row& row) { return row.installation ? CimValue(DmtfTime(*row.installation * microsecondsOfSecond)) : CimValue(); }},
+    {u"LargeSystemCache", uint32},
+    {u"LastBootUpTime", datetime, Need::start, "start of the kernel", [](const Row& row) { return DmtfTime(row.start * microsecondsOfMillisecond); }},
+    {u"LocalDateTime", datetime, Need::time, "now", [](const Row& row) { return DmtfTime(row.now); }},
+    {u"Locale", string, Need::locale, "Windows' number of the locale in hexadecimal; 007F for \"C\"",
+        [](const Row& row) { const auto number = LanguageNumberOf(row.locale); return number ? CimValue(fmt::format("{:04x}", *number)) : CimValue(); }},
+    {u"Manufacturer", string, Need::release, "VENDOR_NAME or NAME of os-release", [](const Row& row) { return ManufacturerOf(row); }},
+    {u"MaxNumberOfProcesses", uint32, Need::processLimit, "pid_max", [](const Row& row) { return row.processLimit; }},
+    {u"MaxProcessMemorySize", uint64},
+    {u"MUILanguages", ArrayOf(string)},
+    {u"Name", string, Need::release | Need::kernel, "as Caption", captionIn},
+    {u"NumberOfLicensedUsers", uint32, 0, "0: without a limit", [](const Row&) { return 0; }},
+    {u"NumberOfProcesses", uint32, Need::processes, "directories of /proc", [](const Row& row) { return row.processes; }},
+    {u"NumberOfUsers", uint32, Need::sessions, "sessions in utmp; none where the system keeps no such file", [](const Row& row) { return row.sessions; }},
+    {u"OperatingSystemSKU", uint32},
+    {u"Organization", string},
+    {u"OSArchitecture", string, Need::kernel, "64-bit or 32-bit, of the kernel", [](const Row& row) { return WordWidthOf(row.kernel.machine); }},
+    {u"OSLanguage", uint32, Need::locale, "Windows' number of the locale", [](const Row& row) { return LanguageNumberOf(row.locale); }},
+    {u"OSProductSuite", uint32},
+    {u"OSType", uint16, 0, "36: Linux", [](const Row&) { return 36; }},
+    {u"OtherTypeDescription", string},
+    {u"PAEEnabled", boolean},
+    {u"PlusProductID", string},
+    {u"PlusVersionNumber", string},
+    {u"PortableOperatingSystem", boolean},
+    {u"Primary", boolean, 0, "this is the one that runs", [](const Row&) { return true; }},
+    {u"ProductType", uint32, Need::role, "1 with a display manager, else 3, server", [](const Row& row) { return row.isWorkstation ? 1 : 3; }},
+    {u"RegisteredUser", string},
+    {u"SerialNumber", string, Need::identity, "made of machine-id, which is not to be shown itself", [](const Row& row) { return row.identity; }},
+    {u"ServicePackMajorVersion", uint16, 0, "none", [](const Row&) { return 0; }},
+    {u"ServicePackMinorVersion", uint16, 0, "none", [](const Row&) { return 0; }},
+    {u"SizeStoredInPagingFiles", uint64, Need::memory, "KB, SwapTotal", swapSizeIn},
+    {u"Status", string, 0, "it runs", [](const Row&) { return u"OK"; }},
+    {u"SuiteMask", uint32},
+    {u"SystemDevice", string},
+    {u"SystemDirectory", string, 0, "as SystemDrive", rootIn},
+    {u"SystemDrive", string, 0, "the Win32_LogicalDisk that the system is on", rootIn},
+    {u"TotalSwapSpaceSize", uint64, Need::memory, "KB, SwapTotal", swapSizeIn},
+    {u"TotalVirtualMemorySize", uint64, Need::memory, "KB, MemTotal and SwapTotal",
+        [](const Row& row) { return SumOf(MemoryFigure(row.memory, "MemTotal"), MemoryFigure(row.memory, "SwapTotal")); }},
+    {u"TotalVisibleMemorySize", uint64, Need::memory, "KB, MemTotal", [](const Row& row) { return MemoryFigure(row.memory, "MemTotal"); }},
+    {u"Version", string, Need::kernel, "release of the kernel", [](const Row& row) { return row.kernel.release; }},
+    {u"WindowsDirectory", string, 0, "as SystemDrive", rootIn},
+};
+// clang-format on
+
+/// Seconds since 1970, where a file system notes when a file came to be.
+std::optional<std::int64_t> ReadBirth(const char* path) {
+    struct statx facts {};
+    const bool isKnown = statx(AT_FDCWD, path, 0, STATX_BTIME, &facts) == 0 && (facts.stx_mask & STATX_BTIME) != 0;
+    return isKnown && facts.stx_btime.tv_sec > 0 ? std::optional(facts.stx_btime.tv_sec) : std::nullopt;
+}
+
+std::optional<std::int64_t> ReadChange(const char* path) {
+    struct stat facts {};
+    return stat(path, &facts) == 0 ? std::optional<std::int64_t>(facts.st_mtim.tv_sec) : std::nullopt;
+}
+
+std::optional<std::int64_t> ReadInstallation() {
+    const std::optional<std::int64_t> birth = ReadBirth("/");
+    return birth ? birth : ReadChange("/etc/machine-id");  // which the first start has written
+}
+
+/// A number that is this installation's own, and from which its machine-id cannot be told.
+std::optional<std::string> ReadIdentity() {
+    constexpr sd_id128_t purpose = {
+        {0x5c, 0x0e, 0x1d, 0xa6, 0x61, 0x3f, 0x4a, 0x52, 0x9b, 0x7e, 0x40, 0xc8, 0xd4, 0x5b, 0x91, 0x23}};
+    sd_id128_t identity{};
+    if (sd_id128_get_machine_app_specific(purpose, &identity) < 0) return std::nullopt;
+    char text[SD_ID128_STRING_MAX];
+    return std::string(sd_id128_to_string(identity, text));
+}
+
+void ReadKernelParts(const Gathering& gathering, Row& row) {
+    if (gathering.asksFor(Need::kernel)) uname(&row.kernel);
+    if (gathering.asksFor(Need::memory)) row.memory = ReadSystemFile("/proc/meminfo").value_or("");
+    if (gathering.asksFor(Need::processes)) row.processes = ListProcessIds().size();
+    if (gathering.asksFor(Need::processLimit)) row.processLimit = ReadSystemNumber("/proc/sys/kernel/pid_max");
+    if (gathering.asksFor(Need::time)) row.now = MicrosecondsNow();
+    if (gathering.asksFor(Need::start)) row.start = SystemStartMilliseconds();
+}
+
+void ReadDistributionParts(const Gathering& gathering, Row& row) {
+    if (gathering.asksFor(Need::release)) row.release = ReadOsRelease();
+    if (gathering.asksFor(Need::locale)) row.locale = ReadLocaleName();
+    if (gathering.asksFor(Need::country)) row.countryCode = ReadCountryCode(ReadLocaleName());
+    if (gathering.asksFor(Need::identity)) row.identity = ReadIdentity();
+    if (gathering.asksFor(Need::installation)) row.installation = ReadInstallation();
+    if (gathering.asksFor(Need::host)) row.host = HostName();
+    if (gathering.asksFor(Need::prettyName)) row.prettyName = ReadPrettyHostName();
+    if (gathering.asksFor(Need::role)) row.isWorkstation = IsWorkstation();
+}
+
+WmiStatus GatherOperatingSystem(const Gathering& gathering) {
+    Row row;
+    ReadKernelParts(gathering, row);
+    ReadDistributionParts(gathering, row);
+    if (gathering.asksFor(Need::sessions)) {
+        const std::optional<std::vector<Session>> sessions = ReadSessions();
+        if (sessions) row.sessions = sessions->size();
+    }
+    gathering.row(&row);
+    return wmi_status::ok;
+}
+
+constexpr ClassInfo classes[] = {
+    {u"Win32_OperatingSystem", u"CIM_OperatingSystem", properties, GatherOperatingSystem},
+};
+
+}  // namespace
+
+std::span<const ClassInfo> OperatingSystemClasses() { return classes; }
 
 }  // namespace platform::wmi

@@ -76,11 +76,11 @@ std::vector<SmbiosStructure> ParseSmbios(std::string_view table) {
     return structures;
 }
 
-const SmbiosStructure* FirstOfType(const std::vector<SmbiosStructure>& structures, std::uint8_t type) {
+SmbiosStructure FirstOfType(const std::vector<SmbiosStructure>& structures, std::uint8_t type) {
     for (const SmbiosStructure& structure : structures) {
-        if (structure.type == type) return &structure;
+        if (structure.type == type) return structure;
     }
-    return nullptr;
+    return {};
 }
 
 std::optional<std::uint32_t> KnownNumber(std::uint32_t number) {
@@ -88,5 +88,14 @@ std::optional<std::uint32_t> KnownNumber(std::uint32_t number) {
 }
 
 std::string ReadSmbiosTable() { return ReadSystemFile("/sys/firmware/dmi/tables/DMI").value_or(""); }
+
+std::optional<std::string> ReadDmi(std::string_view name) {
+    return ReadSystemLine("/sys/class/dmi/id/" + std::string(name));
+}
+
+std::optional<std::string> ReadDeviceTree(std::string_view name) {
+    const std::optional<std::string> texts = ReadSystemLine("/proc/device-tree/" + std::string(name));
+    return texts ? std::optional(texts->substr(0, texts->find('\0'))) : std::nullopt;
+}
 
 }  // namespace platform::wmi

@@ -32,13 +32,20 @@ struct SmbiosStructure {
 /// malformed. The result refers to the bytes.
 std::vector<SmbiosStructure> ParseSmbios(std::string_view table);
 
-/// The first structure of a type; none when there is none.
-const SmbiosStructure* FirstOfType(const std::vector<SmbiosStructure>& structures, std::uint8_t type);
+/// The first structure of a type; one without anything in it when there is none.
+SmbiosStructure FirstOfType(const std::vector<SmbiosStructure>& structures, std::uint8_t type);
 
 /// None for 0, which stands for unknown in many of a structure's numbers.
 std::optional<std::uint32_t> KnownNumber(std::uint32_t number);
 
 /// This computer's table; empty where there is none, or it may not be read.
 std::string ReadSmbiosTable();
+
+/// A text of the tables that the kernel hands out by itself, such as "sys_vendor"; none where there is none, or it may
+/// not be read.
+std::optional<std::string> ReadDmi(std::string_view name);
+
+/// A text of the device tree, which other computers have instead of the tables, such as "model"; of several the first.
+std::optional<std::string> ReadDeviceTree(std::string_view name);
 
 }  // namespace platform::wmi

@@ -1,0 +1,37 @@
+// What the distribution has set down about itself: os-release(5), machine-info(5), the system's locale, and whether
+// people sit in front of it.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace platform::wmi {
+
+/// The value of an assignment in a file of shell assignments, without quotes and escapes; none when there is none, or
+/// it is empty.
+std::optional<std::string> AssignedValue(std::string_view text, std::string_view key);
+
+/// The text of os-release; empty where there is none.
+std::string ReadOsRelease();
+
+/// The name that an administrator has given to the computer for people to read.
+std::optional<std::string> ReadPrettyHostName();
+
+/// The name of the locale that the system is set to, such as "en_US.UTF-8"; "C" where none is set.
+std::string ReadLocaleName();
+
+/// Windows' number for the language and country of a locale, 127 for "C"; none for one that is not listed.
+std::optional<std::uint16_t> LanguageNumberOf(std::string_view localeName);
+
+/// Windows' number for the code set of a locale; none for one of East Asia.
+std::optional<std::uint32_t> CodePageOf(std::string_view localeName);
+
+/// The number by which to telephone to the country of a locale; none where the locale is not installed.
+std::optional<std::string> ReadCountryCode(const std::string& localeName);
+
+/// Whether a display manager is set up for people to log in at; a server has none.
+bool IsWorkstation();
+
+}  // namespace platform::wmi

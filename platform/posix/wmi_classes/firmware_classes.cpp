@@ -1,0 +1,138 @@
+// Win32_ComputerSystemProduct and Win32_BIOS, of what the firmware tells; none where it tells nothing, as on some
+// virtual machines.
+#include "platform/posix/wmi/system_text.h"
+#include "platform/posix/wmi_classes/computer_facts.h"
+#include "platform/posix/wmi_classes/families.h"
+#include "platform/posix/wmi_classes/product.h"
+#include "platform/posix/wmi_classes/smbios.h"
+
+namespace platform::wmi {
+
+namespace {
+
+using enum CimType;
+
+struct Need {
+    enum Bits : std::uint32_t { smbiosVersion = 1, languages = 2, maker = 4, releases = 8 };
+};
+
+struct BiosRow {
+    std::optional<std::string> vendor;
+    std::optional<std::string> version;
+    std::optional<std::string> date;  // mm/dd/yyyy
+    std::optional<std::string> serialNumber;
+    std::optional<VersionPair> release;
+    std::optional<VersionPair> controllerRelease;
+    std::optional<VersionPair> smbiosVersion;
+    SmbiosStructure languages;  // without anything in it where the firmware tells nothing
+};
+
+std::optional<std::u16string> ReleaseDateOf(const BiosRow& row) {
+    return row.date ? FirmwareDate(*row.date) : std::nullopt;
+}
+
+std::optional<std::uint64_t> MajorOf(const std::optional<VersionPair>& version) {
+    return version ? std::optional(version->major) : std::nullopt;
+}
+
+std::optional<std::uint64_t> MinorOf(const std::optional<VersionPair>& version) {
+    return version ? std::optional(version->minor) : std::nullopt;
+}
+
+constexpr auto productCaption = [](const Product&) { return u"Computer System Product"; };
+constexpr auto biosVersion = [](const BiosRow& row) { return row.version; };
+
+// clang-format off
+constexpr PropertyInfo productProperties[] = {
+    {u"Caption", string, 0, "of all", productCaption},
+    {u"Description", string, 0, "of all", productCaption},
+    {u"IdentifyingNumber", string, 0, "serial number; for the superuser only", [](const Product& row) { return row.serialNumber; }},
+    {u"Name", string, 0, "model", [](const Product& row) { return row.name; }},
+    {u"SKUNumber", string, 0, "", [](const Product& row) { return row.stockNumber; }},
+    {u"UUID", string, 0, "for the superuser only", [](const Product& row) { return row.uuid; }},
+    {u"Vendor", string, 0, "", [](const Product& row) { return row.vendor; }},
+    {u"Version", string, 0, "", [](const Product& row) { return row.version; }},
+};
+
+constexpr PropertyInfo biosProperties[] = {
+    {u"BiosCharacteristics", ArrayOf(uint16)},
+    {u"BIOSVersion", ArrayOf(string)},
+    {u"BuildNumber", string},
+    {u"Caption", string, 0, "as Version", biosVersion},
+    {u"CodeSet", string},
+    {u"CurrentLanguage", string, Need::languages, "of its screens", [](const BiosRow& row) { return row.languages.stringAt(0x15); }},
+    {u"Description", string, 0, "as Version", biosVersion},
+    {u"EmbeddedControllerMajorVersion", uint8, Need::releases, "", [](const BiosRow& row) { return MajorOf(row.controllerRelease); }},
+    {u"EmbeddedControllerMinorVersion", uint8, Need::releases, "", [](const BiosRow& row) { return MinorOf(row.controllerRelease); }},
+    {u"IdentificationCode", string},
+    {u"InstallableLanguages", uint16, Need::languages, "how many", [](const BiosRow& row) { return KnownNumber(row.languages.byteAt(0x04)); }},
+    {u"InstallDate", datetime},
+    {u"LanguageEdition", string},
+    {u"ListOfLanguages", ArrayOf(string)},
+    {u"Manufacturer", string, Need::maker, "", [](const BiosRow& row) { return row.vendor; }},
+    {u"Name", string, 0, "as Version", biosVersion},
+    {u"OtherTargetOS", string},
+    {u"PrimaryBIOS", boolean, 0, "the computer's own", [](const BiosRow&) { return true; }},
+    {u"ReleaseDate", datetime, Need::maker, "", [](const BiosRow& row) { return ReleaseDateOf(row); }},
+    {u"SerialNumber", string, 0, "the computer's; for the superuser only", [](const BiosRow& row) { return row.serialNumber; }},
+    {u"SMBIOSBIOSVersion", string, 0, "as Version", biosVersion},
+    {u"SMBIOSMajorVersion", uint16, Need::smbiosVersion, "", [](const BiosRow& row) { return MajorOf(row.smbiosVersion); }},
+    {u"SMBIOSMinorVersion", uint16, Need::smbiosVersion, "", [](const BiosRow& row) { return MinorOf(row.smbiosVersion); }},
+    {u"SMBIOSPresent", boolean, 0, "not where there is a device tree instead", [](const BiosRow& row) { return row.version.has_value(); }},
+    {u"SoftwareElementID", string, 0, "as Version", biosVersion},
+    {u"SoftwareElementState", uint16, 0, "3: running", [](const BiosRow&) { return 3; }},
+    {u"Status", string, 0, "it runs", [](const BiosRow&) { return u"OK"; }},
+    {u"SystemBiosMajorVersion", uint8, Need::releases, "", [](const BiosRow& row) { return MajorOf(row.release); }},
+    {u"SystemBiosMinorVersion", uint8, Need::releases, "", [](const BiosRow& row) { return MinorOf(row.release); }},
+    {u"TargetOperatingSystem", uint16, 0, "0: any", [](const BiosRow&) { return 0; }},
+    {u"Version", string, 0, "", biosVersion},
+};
+// clang-format on
+
+std::optional<VersionPair> ReadVersionPair(std::string_view name) {
+    const std::optional<std::string> text = ReadDmi(name);
+    return text ? VersionPairOf(*text) : std::nullopt;
+}
+
+WmiStatus GatherProduct(const Gathering& gathering) {
+    const Product product = ReadProduct();
+    if (product.isKnown()) gathering.row(&product);
+    return wmi_status::ok;
+}
+
+void ReadBiosParts(const Gathering& gathering, BiosRow& row) {
+    if (gathering.asksFor(Need::maker)) {
+        row.vendor = ReadDmi("bios_vendor");
+        row.date = ReadDmi("bios_date");
+    }
+    if (gathering.asksFor(Need::releases)) {
+        row.release = ReadVersionPair("bios_release");
+        row.controllerRelease = ReadVersionPair("ec_firmware_release");
+    }
+    if (gathering.asksFor(Need::smbiosVersion)) {
+        row.smbiosVersion = SmbiosVersionOf(ReadSystemFile("/sys/firmware/dmi/tables/smbios_entry_point").value_or(""));
+    }
+}
+
+WmiStatus GatherBios(const Gathering& gathering) {
+    constexpr std::uint8_t languagesType = 13;
+    const std::string table = gathering.asksFor(Need::languages) ? ReadSmbiosTable() : "";
+    BiosRow row;
+    row.version = ReadDmi("bios_version");
+    row.serialNumber = ReadProduct().serialNumber;
+    row.languages = FirstOfType(ParseSmbios(table), languagesType);
+    ReadBiosParts(gathering, row);
+    if (row.version || row.serialNumber) gathering.row(&row);
+    return wmi_status::ok;
+}
+
+constexpr ClassInfo classes[] = {
+    {u"Win32_ComputerSystemProduct", u"CIM_Product", productProperties, GatherProduct},
+    {u"Win32_BIOS", u"CIM_BIOSElement", biosProperties, GatherBios},
+};
+
+}  // namespace
+
+std::span<const ClassInfo> FirmwareClasses() { return classes; }
+
+}  // namespace platform::wmi

@@ -1,0 +1,27 @@
+// Who is logged in, of utmp(5).
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace platform::wmi {
+
+/// A user's session.
+struct Session {
+    std::string user;
+    std::string line;  // the terminal, such as "tty1", "pts/0" or ":0"
+};
+
+/// Those of a utmp file; a part of a record at its end is left out.
+std::vector<Session> ParseSessions(std::string_view utmp);
+
+/// The sessions; none where the system keeps no such file.
+std::optional<std::vector<Session>> ReadSessions();
+
+/// The user at the computer's own screen and keyboard; none when nobody is.
+std::optional<std::string> ConsoleUserOf(const std::vector<Session>& sessions);
+
+}  // namespace platform::wmi

@@ -1,0 +1,162 @@
+#include "platform/posix/wmi_classes/zone_rules.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <utility>
+
+#include "platform/posix/wmi/system_text.h"
+
+namespace platform::wmi {
+
+namespace {
+
+constexpr std::int32_t secondsOfMinute = 60;
+constexpr std::int32_t secondsOfHour = 3600;
+constexpr std::int32_t secondsOfDay = 86400;
+constexpr std::string_view digits = "0123456789";
+constexpr std::string_view zoneDirectory = "/usr/share/zoneinfo/";
+
+/// Takes a character off a text, if it is there.
+bool Take(std::string_view& text, char character) {
+    if (!text.starts_with(character)) return false;
+    text.remove_prefix(1);
+    return true;
+}
+
+/// Takes a number of at most three digits.
+std::optional<std::int32_t> TakeNumber(std::string_view& text) {
+    constexpr std::size_t mostDigits = 3;
+    const std::size_t length = std::min(text.find_first_not_of(digits), text.size());
+    if (length == 0 || length > mostDigits) return std::nullopt;
+    const std::optional<std::uint64_t> number = NumberOf(text.substr(0, length));
+    text.remove_prefix(length);
+    return static_cast<std::int32_t>(*number);
+}
+
+/// Takes a name: letters, or anything between < and >.
+std::optional<std::string> TakeName(std::string_view& text) {
+    const bool isQuoted = Take(text, '<');
+    const std::size_t end = std::min(text.find_first_of(isQuoted ? ">" : "0123456789+-,"), text.size());
+    std::string name(text.substr(0, end));
+    text.remove_prefix(end);
+    if (name.empty() || (isQuoted && !Take(text, '>'))) return std::nullopt;
+    return name;
+}
+
+/// Takes a time "[+|-]hh[:mm[:ss]]", in seconds.
+std::optional<std::int32_t> TakeTime(std::string_view& text) {
+    const bool isNegative = Take(text, '-');
+    if (!isNegative) Take(text, '+');
+    std::optional<std::int32_t> seconds = TakeNumber(text);
+    if (!seconds) return std::nullopt;
+    *seconds *= secondsOfHour;
+    for (std::int32_t unit = secondsOfMinute; unit > 0 && Take(text, ':'); unit /= secondsOfMinute) {
+        const std::optional<std::int32_t> part = TakeNumber(text);
+        if (!part) return std::nullopt;
+        *seconds += *part * unit;
+    }
+    return isNegative ? -*seconds : *seconds;
+}
+
+/// The change at some seconds after the start of its day.
+ClockChange At(ClockChange day, std::int32_t seconds) {
+    constexpr std::int32_t daysOfWeek = 7;
+    const std::int32_t days = seconds / secondsOfDay - (seconds % secondsOfDay < 0 ? 1 : 0);
+    const std::int32_t ofDay = seconds - days * secondsOfDay;
+    day.dayOfWeek = static_cast<std::uint8_t>(((day.dayOfWeek + days) % daysOfWeek + daysOfWeek) % daysOfWeek);
+    day.hour = static_cast<std::uint32_t>(ofDay / secondsOfHour);
+    day.minute = static_cast<std::uint32_t>(ofDay % secondsOfHour / secondsOfMinute);
+    day.second = static_cast<std::uint32_t>(ofDay % secondsOfMinute);
+    return day;
+}
+
+/// Takes ",Mmonth.week.day[/time]".
+std::optional<ClockChange> TakeChange(std::string_view& text) {
+    constexpr std::int32_t usualTime = 2 * secondsOfHour;
+    if (!Take(text, ',') || !Take(text, 'M')) return std::nullopt;
+    const std::optional<std::int32_t> month = TakeNumber(text);
+    const std::optional<std::int32_t> week = Take(text, '.') ? TakeNumber(text) : std::nullopt;
+    const std::optional<std::int32_t> day = Take(text, '.') ? TakeNumber(text) : std::nullopt;
+    const std::optional<std::int32_t> time = Take(text, '/') ? TakeTime(text) : usualTime;
+    if (!month || !week || !day || !time || *day > 6) return std::nullopt;
+    return At({.month = static_cast<std::uint32_t>(*month),
+               .week = static_cast<std::uint32_t>(*week),
+               .dayOfWeek = static_cast<std::uint8_t>(*day)},
+              *time);
+}
+
+/// Takes a name and the seconds west of UTC; these are a default for a name alone.
+bool TakeClock(std::string_view& text, std::string& name, std::int32_t& secondsWest) {
+    const std::optional<std::string> found = TakeName(text);
+    const bool hasTime = !text.empty() && text.front() != ',';
+    const std::optional<std::int32_t> time = hasTime ? TakeTime(text) : secondsWest;
+    if (!found || !time) return false;
+    name = *found;
+    secondsWest = *time;
+    return true;
+}
+
+/// Makes winter time the rule, where it is declared as the exception.
+void PutSummerLast(ZoneRules& zone) {
+    DaylightSaving& daylight = *zone.daylight;
+    if (daylight.minutesEast > zone.minutesEast) return;
+    std::swap(zone.name, daylight.name);
+    std::swap(zone.minutesEast, daylight.minutesEast);
+    std::swap(daylight.start, daylight.end);
+}
+
+/// "Europe/Berlin" of the path to its file, else what /etc/timezone holds.
+std::string ReadZoneName() {
+    std::error_code failure;
+    const std::string target = std::filesystem::read_symlink("/etc/localtime", failure).string();
+    constexpr std::string_view directory = "zoneinfo/";
+    const std::size_t at = target.find(directory);
+    if (at != target.npos) return target.substr(at + directory.size());
+    return ReadSystemLine("/etc/timezone").value_or("");
+}
+
+/// The last line of a time zone file.
+std::string_view LastLineOf(std::string_view file) {
+    file = Trimmed(file);
+    return file.substr(file.rfind('\n') + 1);
+}
+
+Zone ReadSystemZone() {
+    return {ReadZoneName(), ParseZoneRules(LastLineOf(ReadSystemFile("/etc/localtime").value_or("")))};
+}
+
+}  // namespace
+
+std::optional<ZoneRules> ParseZoneRules(std::string_view text) {
+    ZoneRules zone;
+    std::int32_t secondsWest = 0;
+    if (!TakeClock(text, zone.name, secondsWest)) return std::nullopt;
+    zone.minutesEast = -secondsWest / secondsOfMinute;
+    if (text.empty()) return zone;
+    DaylightSaving& daylight = zone.daylight.emplace();
+    secondsWest -= secondsOfHour;
+    if (!TakeClock(text, daylight.name, secondsWest)) return std::nullopt;
+    daylight.minutesEast = -secondsWest / secondsOfMinute;
+    const std::optional<ClockChange> start = TakeChange(text);
+    const std::optional<ClockChange> end = TakeChange(text);
+    if (!start || !end) {
+        zone.daylight.reset();
+        return zone;
+    }
+    daylight.start = *start;
+    daylight.end = *end;
+    PutSummerLast(zone);
+    return zone;
+}
+
+Zone ReadZone() {
+    const char* variable = std::getenv("TZ");
+    std::string name = variable != nullptr ? variable : "";
+    if (name.starts_with(':')) name.erase(0, 1);
+    if (name.empty()) return ReadSystemZone();
+    const std::optional<std::string> file = ReadSystemFile(std::string(zoneDirectory) + name);
+    return file ? Zone{name, ParseZoneRules(LastLineOf(*file))} : Zone{"", ParseZoneRules(name)};
+}
+
+}  // namespace platform::wmi
