@@ -113,13 +113,11 @@ namespace {
 
 bool Covers(const Readings& readings, std::uint32_t needs) { return (needs & ~readings.needs) == 0; }
 
-/// Whether one of the samples that are newer holds all that this one does.
-bool IsOutdone(const ReadingsPtr& sample, const std::vector<ReadingsPtr>& newestFirst) {
-    for (const ReadingsPtr& other : newestFirst) {
-        if (other == sample) return false;
-        if (Covers(*other, sample->needs)) return true;
-    }
-    return false;
+/// Whether one of the bases is newer and holds all that a sample does.
+bool IsOutdone(const Readings& sample, const std::vector<ReadingsPtr>& bases) {
+    return std::any_of(bases.begin(), bases.end(), [&](const ReadingsPtr& base) {
+        return base->time > sample.time && Covers(*base, sample.needs);
+    });
 }
 
 }  // namespace
@@ -132,7 +130,7 @@ std::vector<ReadingsPtr> TakeBases(std::vector<ReadingsPtr>& samples, const Read
         if (isOldEnough) bases.push_back(*at);
         if (!isOldEnough && Covers(**at, newest->needs)) isNeeded = false;
     }
-    std::erase_if(samples, [&](const ReadingsPtr& sample) { return IsOutdone(sample, bases); });
+    std::erase_if(samples, [&](const ReadingsPtr& sample) { return IsOutdone(*sample, bases); });
     if (isNeeded) {
         const auto isEarlier = [](const ReadingsPtr& left, const ReadingsPtr& right) {
             return left->time < right->time;
