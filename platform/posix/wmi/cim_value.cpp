@@ -41,7 +41,7 @@ bool HasDigitsAroundPoint(std::string_view text) {
 }
 
 CimValue HexNumber(std::string_view digits, bool isNegative) {
-    if (digits.find_first_not_of("0123456789abcdefABCDEF") != digits.npos) return {};
+    if (digits.find('.') != digits.npos) return {};
     if (const auto whole = ReadWhole<std::uint64_t>(digits, 16)) return Signed(*whole, isNegative);
     const auto real = ReadWhole<double>(digits, std::chars_format::hex);
     return real && isNegative ? -*real : CimValue(real);
@@ -204,7 +204,8 @@ std::partial_ordering CompareValues(const CimValue& left, const CimValue& right)
 }
 
 CimValue NumberOfText(std::u16string_view text) {
-    const std::string narrow = Utf8FromWide(text);
+    if (text.find_first_not_of(u"0123456789abcdefABCDEFxX+-.") != text.npos) return {};
+    const std::string narrow(text.begin(), text.end());
     std::string_view digits = narrow;
     const bool isNegative = digits.starts_with('-');
     if (isNegative || digits.starts_with('+')) digits.remove_prefix(1);

@@ -133,7 +133,7 @@ WmiStatus BindOperands(const std::vector<ConditionPtr>& operands, const ClassInf
 
 /// An object's row record, with the property that was read last: often the next comparison is with it too.
 struct RowReader {
-    const void* row;
+    const void* row = nullptr;
     const PropertyInfo* property = nullptr;
     CimValue value;
 };

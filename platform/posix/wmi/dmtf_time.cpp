@@ -36,9 +36,9 @@ unsigned NumberAt(std::u16string_view text, std::size_t at, std::size_t count) {
 
 /// Of local time to UTC. Without the seconds that the offsets of old have, so that text and moment agree.
 minutes OffsetAt(Moment moment) {
-    const std::time_t seconds = system_clock::to_time_t(moment);
+    const std::time_t sinceEpoch = floor<seconds>(moment).time_since_epoch().count();
     std::tm local{};
-    if (localtime_r(&seconds, &local) == nullptr) return minutes(0);
+    if (localtime_r(&sinceEpoch, &local) == nullptr) return minutes(0);
     return minutes(local.tm_gmtoff / 60);
 }
 

@@ -63,7 +63,7 @@ struct WqlQuery {
 };
 
 /// Bounds of a query's text: characters, and how deep parentheses and negations may nest.
-inline constexpr std::size_t maxQueryLength = 64 * 1024;
+inline constexpr std::size_t maxQueryLength = 65536;
 inline constexpr int maxQueryDepth = 200;
 
 /// ok; invalidQuery for a text that is no data query; notSupported for the other kinds of WQL (ASSOCIATORS OF,

@@ -1,0 +1,267 @@
+// The query language over a class with a property of each type, and values on their way to the agent.
+#include <cstdlib>
+#include <ctime>
+#include <fmt/format.h>
+#include <gmock/gmock.h>
+#include <limits>
+#include <string>
+
+#include "platform/posix/wmi/condition.h"
+#include "platform/posix/wmi/wql_query.h"
+
+namespace platform::wmi {
+namespace {
+
+struct Row {
+    CimValue boolean, sint8, sint16, sint32, sint64, real32, real64, string, datetime, uint8, uint16, uint32, uint64;
+};
+
+// clang-format off
+constexpr PropertyInfo properties[] = {
+    {u"A", ArrayOf(CimType::uint16), 1, "", [](const Row& row) { return row.boolean.isNull() ? CimValue() : CimArray{2}; }},
+    {u"B", CimType::boolean, 2, "", [](const Row& row) { return row.boolean; }},
+    {u"I1", CimType::sint8, 4, "", [](const Row& row) { return row.sint8; }},
+    {u"I2", CimType::sint16, 4, "", [](const Row& row) { return row.sint16; }},
+    {u"I4", CimType::sint32, 4, "", [](const Row& row) { return row.sint32; }},
+    {u"I8", CimType::sint64, 8, "", [](const Row& row) { return row.sint64; }},
+    {u"N", CimType::string},
+    {u"R4", CimType::real32, 16, "", [](const Row& row) { return row.real32; }},
+    {u"R8", CimType::real64, 16, "", [](const Row& row) { return row.real64; }},
+    {u"S", CimType::string, 32, "", [](const Row& row) { return row.string; }},
+    {u"T", CimType::datetime, 64, "", [](const Row& row) { return row.datetime; }},
+    {u"U1", CimType::uint8, 4, "", [](const Row& row) { return row.uint8; }},
+    {u"U2", CimType::uint16, 4, "", [](const Row& row) { return row.uint16; }},
+    {u"U4", CimType::uint32, 4, "", [](const Row& row) { return row.uint32; }},
+    {u"U8", CimType::uint64, 8, "", [](const Row& row) { return row.uint64; }},
+};
+
+/// By their numbers from 1 on; the third has nothing but NULL.
+const Row objects[] = {
+    {true, -1, -300, -70000, -5000000000, 0.1, 0.1, u"Alpha", u"20240229120000.000000+060", 200, 60000, 4000000000,
+     std::numeric_limits<std::uint64_t>::max()},
+    {false, 5, 5, 5, 5, 5.0, 5.0, u"C:\\it's \"x\"", u"20240229110000.000001+000", 5, 5, 5, 5},
+    {},
+    {false, 0, 0, 0, 0, 0.0, std::numeric_limits<double>::quiet_NaN(), u"", u"19700101000000.000000-300", 0, 0, 0,
+     9007199254740993},
+};
+// clang-format on
+
+constexpr ClassInfo testClass{.name = u"KV_Sample", .superclass = u"CIM_LogicalElement", .properties = properties};
+
+std::string TextOf(WmiStatus status) {
+    return status == wmi_status::invalidQuery     ? "invalid"
+           : status == wmi_status::notSupported   ? "not supported"
+           : status == wmi_status::quotaViolation ? "too much"
+                                                  : fmt::format("{:X}", status);
+}
+
+struct Case {
+    const char* title;
+    std::string text;
+    const char* outcome;
+};
+
+WmiStatus Bind(const std::string& where, BoundCondition& condition) {
+    WqlQuery query;
+    const WmiStatus status = ParseWql(WideFromUtf8("SELECT * FROM KV_Sample WHERE " + where), query);
+    return IsFailure(status) ? status : BindCondition(*query.where, testClass, condition);
+}
+
+/// The numbers of the objects that match.
+std::string MatchedBy(const std::string& where) {
+    BoundCondition condition;
+    const WmiStatus status = Bind(where, condition);
+    if (IsFailure(status)) return TextOf(status);
+    std::string numbers;
+    for (const Row& row : objects) {
+        if (Matches(condition, &row)) numbers += std::to_string(&row - objects + 1);
+    }
+    return numbers;
+}
+
+std::string TextOf(const Variant& value) {
+    if (value.type == VariantType::null) return "NULL";
+    if (value.type == VariantType::bstr) return Utf8FromWide(value.text);
+    const bool isReal = value.type == VariantType::r4 || value.type == VariantType::r8;
+    return isReal ? fmt::format("{}", value.real) : std::to_string(value.integer);
+}
+
+std::string RestrictionsBy(const std::string& where) {
+    BoundCondition condition;
+    if (IsFailure(Bind(where, condition))) return "invalid";
+    std::string text;
+    for (const Restriction& restriction : RestrictionsOf(condition)) {
+        text += Utf8FromWide(restriction.property) + ":";
+        for (const CimValue& value : restriction.values) text += TextOf(VariantOf(CimType::string, value)) + ",";
+    }
+    return text;
+}
+
+TEST(Wql, TextsOfQueries) {
+    // outcome: properties, class, and whether there is a condition
+    const Case cases[] = {
+        {"everything", "SELECT * FROM Win32_Process", "/Win32_Process/-"},
+        {"no matter how it is written", "\n select Name,\t__PATH , _x9 from C Where a=1 ", "Name,__PATH,_x9/C/where"},
+        {"nothing", "", "invalid"},
+        {"no condition", "SELECT * FROM C WHERE", "invalid"},
+        {"key words are no names", "SELECT * FROM Where", "invalid"},
+        {"text at the end", "SELECT * FROM C;", "invalid"},
+        {"all and one more", "SELECT *,a FROM C", "invalid"},
+        {"a count", "SELECT count(*) FROM C", "invalid"},
+        {"events", "SELECT * FROM C WITHIN 5 WHERE a=1", "invalid"},
+        {"groups", "SELECT * FROM C WHERE a=1 GROUP BY a HAVING b>1", "invalid"},
+        {"a zero character", std::string("SELECT * FROM C WHERE a='\0'", 27), "invalid"},
+        {"another kind of query", "associators of {Win32_Process.Handle='1'} WHERE ClassDefsOnly", "not supported"},
+        {"too long", "SELECT * FROM C" + std::string(maxQueryLength, ' '), "too much"},
+        {"as deep as it goes",
+         "SELECT * FROM C WHERE " + std::string(200, '(') + "a=1" + std::string(200, ')') + "OR NOT(a=1)", "/C/where"},
+        {"too deep", "SELECT * FROM C WHERE NOT " + std::string(200, '(') + "a=1" + std::string(200, ')'), "too much"},
+    };
+    for (const Case& row : cases) {
+        WqlQuery query;
+        const WmiStatus status = ParseWql(WideFromUtf8(row.text), query);
+        std::string outcome;
+        for (const auto& name : query.properties) outcome += (outcome.empty() ? "" : ",") + Utf8FromWide(name);
+        outcome += "/" + Utf8FromWide(query.className) + (query.where ? "/where" : "/-");
+        EXPECT_EQ(IsFailure(status) ? TextOf(status) : outcome, row.outcome) << row.title;
+    }
+}
+
+TEST(Wql, ConditionsMatchObjects) {
+    const Case cases[] = {
+        {"numbers of each type",
+         "I1=-1 AND I2=-300 AND I4=-70000 AND I8=-5000000000 AND U1=200 AND U2=60000 AND U4=4000000000 AND R4=0.1 AND "
+         "R8=1e-1 AND U8=18446744073709551615",
+         "1"},
+        {"hexadecimal and signs", "I1>-0x1 AND U1<=+0xC8 AND I1!=0", "2"},
+        {"in quotes", "U8='18446744073709551615' OR I1=\"5\"", "12"},
+        {"exactly", "U8>9007199254740992 AND U8<9007199254740994", "4"},
+        {"beyond the type", "U1<18446744073709551616 AND U1>-1.5 AND U1<>2.61e+2", "124"},
+        {"with a fraction", "U1<5.5 AND 4.5<U1", "2"},
+        {"no number has no order", "R8<1 OR NOT R8<1", "12"},
+        {"the literal on the left", "200<=U1 OR 0>=U1", "14"},
+        {"truth values", "B=TRUE OR 'false'=B AND I1=5", "12"},
+        {"numbers as truth values", "B<>0", "1"},
+        {"text without regard to case", "S='ALPHA' OR S>'c:' AND S<\"C:\\\\j\"", "12"},
+        {"escapes and quotes", R"(S='C:\\it\'s "x"' AND S="C:\\it's \"x\"")", "2"},
+        {"moments in other zones", "T='20240229060000.000000-300'", "1"},
+        {"their order", "T>'20240229110000.000000+000' OR T<'19700101000001.000000-300'", "24"},
+        {"NOT binds first, then AND", "NOT I1=5 AND I1=0 OR I1=5 AND NOT NOT I1=5 OR I1=5 AND I1=0", "24"},
+        {"NULL is not unequal", "S<>'x'", "124"},
+        {"nor is it under NOT", "NOT S='x' AND NOT S LIKE 'x'", "124"},
+        {"neither or true", "N='a' OR I1=5", "2"},
+        {"neither and false", "NOT(N='a' AND I1=5)", "14"},
+        {"told apart", "S IS NULL OR NULL<>U4 AND U4=5", "23"},
+        {"told apart the other way", "S=NULL OR NOT A IS NOT NULL", "3"},
+        {"patterns", "S LIKE 'al[o-q]%' OR S NOT LIKE '_%'", "14"},
+        {"the class", "__CLASS='kv_sample' AND __THIS ISA 'KV_SAMPLE' AND __SUPERCLASS LIKE '%ELEMENT' AND I1=5", "2"},
+        {"the first class above", "__DYNASTY='CIM_ManagedSystemElement' AND NOT __THIS ISA 'KV_Other' AND I1=5", "2"},
+        {"a property that is not there", "X=1", "invalid"},
+        {"another of the system's", "__PATH='x'", "invalid"},
+        {"ISA with a property", "S ISA 'x'", "invalid"},
+        {"no number", "U1='+-5'", "invalid"},
+        {"no number either", "U1=5x", "invalid"},
+        {"an endless number", "R8<1e999", "invalid"},
+        {"no truth value", "B='maybe'", "invalid"},
+        {"no moment", "T>'2024-02-29'", "invalid"},
+        {"no day of that month", "T>'20230229000000.000000+000'", "invalid"},
+        {"a pattern for a number", "I1 LIKE '5'", "invalid"},
+        {"an array", "A=1", "invalid"},
+        {"NULL in order", "S<NULL", "invalid"},
+        {"two properties", "I1=I2", "invalid"},
+        {"an escape of nothing", R"(S='C:\a')", "invalid"},
+        {"an open text", "S='a", "invalid"},
+    };
+    for (const Case& row : cases) EXPECT_EQ(MatchedBy(row.text), row.outcome) << row.title;
+    BoundCondition condition;
+    ASSERT_EQ(Bind("NOT(S='x' OR N=NULL)AND __CLASS='x' AND T IS NULL", condition), wmi_status::ok);
+    EXPECT_EQ(NeedsOf(condition), 96u);
+}
+
+TEST(Wql, RestrictionsHoldWhatCanMatch) {
+    const std::pair<std::string, const char*> cases[] = {
+        {"U4=0x10 AND S='b' AND I1>3", "U4:16,S:b,"},
+        {"(U4=7 OR U4='5' OR 7.0=U4)", "U4:5,7,"},
+        {"S='b' OR S='B'", "S:b,"},
+        {"(S='a' OR S='b')AND S='c' AND(S='d' OR S='e')", "S:c,"},
+        {"U4=1 AND S='a' OR S='b' AND U4=2 AND B=TRUE", "U4:1,2,S:a,b,"},
+        {"U4=1 OR S='a'", ""},
+        {"U4=1 OR U4=NULL", ""},
+        {"NOT U4=1 AND T='20240229060000.000000-300'", ""},
+        {"U1=300 AND I1=1.5", "U1:I1:"},
+        {"U1=300 OR U1=3", "U1:3,"},
+    };
+    for (const auto& [where, restrictions] : cases) EXPECT_EQ(RestrictionsBy(where), restrictions) << where;
+}
+
+TEST(Wql, TextsMatchPatterns) {
+    const std::tuple<std::u16string, std::u16string, bool> cases[] = {
+        {u"", u"", true},        {u"", u"%%", true},        {u"a", u"", false},        {u"aXbXc", u"a%X_", true},
+        {u"abc", u"A_C", true},  {u"abc", u"a_", false},    {u"b", u"[A-C]", true},    {u"d", u"[a-c]", false},
+        {u"d", u"[^a-c]", true}, {u"%", u"[%]", true},      {u"a", u"[%]", false},     {u"]", u"[]]", true},
+        {u"[a", u"[a", true},    {u"-", u"[a-]", true},     {u"^", u"[a^]", true},     {u"a", u"[^]a]", false},
+        {u"ÄÖ", u"%ö", true},    {u"x.exe", u"%.e%", true}, {u"a]b", u"a[^b]b", true}, {u"", u"_", false},
+    };
+    for (const auto& [text, pattern, isLike] : cases) {
+        EXPECT_EQ(IsLike(text, pattern), isLike) << Utf8FromWide(text) << " like " << Utf8FromWide(pattern);
+    }
+    std::u16string stars;
+    for (int i = 0; i < 1000; ++i) stars += u"%a";
+    EXPECT_FALSE(IsLike(std::u16string(3000, u'a'), stars + u"b"));
+}
+
+TEST(WmiValues, GoOutByTheirDeclaredTypes) {
+    struct ValueCase {
+        const char* title;
+        CimType type;
+        CimValue value;
+        VariantType expected;
+        const char* text;
+    };
+    constexpr auto uint16Array = static_cast<VariantType>(0x2003);
+    const ValueCase cases[] = {
+        {"sint8", CimType::sint8, -128, VariantType::i2, "-128"},
+        {"uint8", CimType::uint8, 255, VariantType::ui1, "255"},
+        {"uint16", CimType::uint16, 65535, VariantType::i4, "65535"},
+        {"uint32 is signed", CimType::uint32, 4294967295, VariantType::i4, "-1"},
+        {"uint64 is text", CimType::uint64, ~0ULL, VariantType::bstr, "18446744073709551615"},
+        {"real32", CimType::real32, 0.1, VariantType::r4, "0.10000000149011612"},
+        {"boolean", CimType::boolean, true, VariantType::boolean, "-1"},
+        {"datetime", CimType::datetime, u"20240229060000.000000-300", VariantType::bstr, "20240229060000.000000-300"},
+        {"array", ArrayOf(CimType::uint16), CimArray{3}, uint16Array, "0"},
+        {"NULL", CimType::uint32, {}, VariantType::null, "NULL"},
+        {"a counter wraps", CimType::uint32, 4294967301, VariantType::i4, "5"},
+        {"a real number ends at the limits", CimType::sint16, -1e9, VariantType::i2, "-32768"},
+        {"its fraction goes", CimType::uint64, 99.9, VariantType::bstr, "99"},
+        {"no number", CimType::uint64, std::numeric_limits<double>::quiet_NaN(), VariantType::null, "NULL"},
+        {"text for a number", CimType::uint8, u"0x1F", VariantType::ui1, "31"},
+        {"no number at all", CimType::uint8, u"full", VariantType::null, "NULL"},
+        {"a number for text", CimType::string, 0.5, VariantType::bstr, "0.5"},
+        {"text for a truth value", CimType::boolean, u"true", VariantType::boolean, "-1"},
+        {"an array for a number", CimType::uint16, CimArray{1}, VariantType::null, "NULL"},
+    };
+    for (const ValueCase& row : cases) {
+        const Variant value = VariantOf(row.type, row.value);
+        EXPECT_EQ(value.type, row.expected) << row.title;
+        EXPECT_EQ(TextOf(value), row.text) << row.title;
+    }
+}
+
+TEST(WmiValues, MomentsAreLocal) {
+    setenv("TZ", "<-0330>3:30", 1);
+    tzset();
+    constexpr std::int64_t farthest = std::numeric_limits<std::int64_t>::max();
+    EXPECT_EQ(DmtfTime(1'700'000'000'000'001), u"20231114184320.000001-210");
+    EXPECT_EQ(DmtfTime(-1), u"19691231202959.999999-210");
+    EXPECT_EQ(DmtfTime(32'503'680'000'000'000), u"29991231203000.000000-210");
+    EXPECT_EQ(DmtfTime(farthest), u"99991230202959.999999-210");
+    EXPECT_EQ(DmtfTime(-farthest), u"00010101203000.000000-210");
+    EXPECT_EQ(MicrosecondsOfDmtf(u"20231114184320.000001-210"), 1'700'000'000'000'001);
+    for (const auto* text : {u"20231114184320.000001-21", u"20231114184320,000001-210", u"20231114240000.000000+000",
+                             u"00000007000000.000000:000", u"20231114******.******+***"}) {
+        EXPECT_EQ(MicrosecondsOfDmtf(text), std::nullopt) << Utf8FromWide(text);
+    }
+}
+
+}  // namespace
+}  // namespace platform::wmi
