@@ -21,7 +21,7 @@ namespace platform::wmi {
 namespace {
 
 constexpr std::size_t firstRead = 4096;
-constexpr std::size_t maxFileBytes = 1024 * 1024;
+constexpr std::size_t maxFileBytes = 256 * firstRead;
 constexpr std::size_t maxCommandLine = 32767;
 constexpr std::size_t cutNameLength = 15;
 
@@ -121,7 +121,9 @@ using Directory = std::unique_ptr<DIR, CloseDirectory>;
 std::optional<ProcessStat> ParseProcessStat(std::string_view text) {
     const std::size_t open = text.find(" (");
     const std::size_t close = text.rfind(") ");
-    if (open == text.npos || close == text.npos || close < open + 2 || close + 3 > text.size()) return std::nullopt;
+    if (open == std::string_view::npos || close == std::string_view::npos || close < open + 2 ||
+        close + 3 > text.size())
+        return std::nullopt;
     const std::optional<std::uint64_t> id = NumberOf(text.substr(0, open));
     StatNumbers numbers{};
     if (!id || *id > UINT32_MAX || !TakeNumbers(text.substr(close + 3), numbers)) return std::nullopt;
@@ -240,7 +242,7 @@ std::optional<std::string> ProcessFiles::ReadExecutablePath(std::uint32_t proces
     return std::string(path);
 }
 
-std::optional<std::uint64_t> ProcessFiles::CountOpenFiles(std::uint32_t processId) {
+std::optional<std::uint64_t> ProcessFiles::CountOpenFiles(std::uint32_t processId) const {
     const ProcessPath path(processId, "fd");
     struct stat facts {};
     if (fstatat(directory_, path.text.data(), &facts, 0) != 0) return std::nullopt;

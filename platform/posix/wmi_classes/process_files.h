@@ -84,7 +84,7 @@ class ProcessFiles {
     std::optional<std::string> ReadExecutablePath(std::uint32_t processId);
 
     /// Files that a process holds open; none when it is gone or not one's own.
-    std::optional<std::uint64_t> CountOpenFiles(std::uint32_t processId);
+    std::optional<std::uint64_t> CountOpenFiles(std::uint32_t processId) const;
 
   private:
     int directory_;

@@ -1,6 +1,7 @@
 #include "platform/posix/wmi_classes/systemd_units.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -45,7 +46,7 @@ int CallManager(sd_bus* bus, const char* method, std::initializer_list<const std
     if (result < 0) return result;
     const Message call(made);
     sd_bus_message_set_auto_start(made, 0);
-    for (auto list = arguments.begin(); list != arguments.end() && result >= 0; ++list) {
+    for (const auto* list = arguments.begin(); list != arguments.end() && result >= 0; ++list) {
         result = AppendTexts(made, **list);
     }
     if (result < 0) return result;
@@ -66,8 +67,8 @@ int ReadArray(sd_bus_message* message, const char* element, Read read) {
 
 int ReadUnits(sd_bus_message* message, std::vector<ServiceUnit>& units) {
     return ReadArray(message, "(ssssssouso)", [&] {
-        const char *id = "", *description = "", *load = "", *active = "", *sub = "";
-        const char *followed = "", *path = "", *jobType = "", *jobPath = "";
+        std::array<const char*, 9> text{};
+        auto& [id, description, load, active, sub, followed, path, jobType, jobPath] = text;
         std::uint32_t job = 0;
         const int result = sd_bus_message_read(message, "(ssssssouso)", &id, &description, &load, &active, &sub,
                                                &followed, &path, &job, &jobType, &jobPath);
@@ -174,7 +175,8 @@ int ServiceManager::ListFiles(const std::vector<std::string>& patterns, std::vec
     const int result = CallManager(bus_.get(), "ListUnitFilesByPatterns", {&anyState, &patterns}, reply);
     if (result < 0) return result;
     return ReadArray(reply.get(), "(ss)", [&] {
-        const char *path = "", *state = "";
+        const char* path = "";
+        const char* state = "";
         const int read = sd_bus_message_read(reply.get(), "(ss)", &path, &state);
         const std::string_view file(path);
         if (read > 0) files.push_back({std::string(file.substr(file.rfind('/') + 1)), state});
