@@ -41,7 +41,7 @@ bool HasDigitsAroundPoint(std::string_view text) {
 }
 
 CimValue HexNumber(std::string_view digits, bool isNegative) {
-    if (digits.find('.') != digits.npos) return {};
+    if (digits.find_first_of("+-.") != digits.npos) return {};
     if (const auto whole = ReadWhole<std::uint64_t>(digits, 16)) return Signed(*whole, isNegative);
     const auto real = ReadWhole<double>(digits, std::chars_format::hex);
     return real && isNegative ? -*real : CimValue(real);

@@ -160,6 +160,7 @@ TEST(Wql, ConditionsMatchObjects) {
         {"another of the system's", "__PATH='x'", "invalid"},
         {"ISA with a property", "S ISA 'x'", "invalid"},
         {"no number", "U1='+-5'", "invalid"},
+        {"no hexadecimal number", "U1='0x-5'", "invalid"},
         {"no number either", "U1=5x", "invalid"},
         {"an endless number", "R8<1e999", "invalid"},
         {"no truth value", "B='maybe'", "invalid"},
