@@ -7,10 +7,11 @@
 // counter that went back, the figure is that since the object came to be: the system's start, or the process's. Of what
 // is no longer there the samples are dropped.
 //
-// An object's figures come from what its own samples hold. Those of _Total come from the objects' figures and not from
-// a sum of counters, which would jump whenever a disk appears or a process ends.
+// The figures of _Total come from those of the objects and not from a sum of counters, which would jump whenever a disk
+// appears or a process ends.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <memory>
@@ -60,25 +61,21 @@ struct CounterInfo {
                           CounterKind counterKind = CounterKind::value)
         : name(counterName), type(counterType), kind(counterKind) {}
 
-    /// A counter whose value a stateless routine takes from the row record.
-    template <class Read>
+    /// A counter whose value, and base where its kind has one, stateless routines take from the row record.
+    template <class Read, class ReadBase = std::nullptr_t>
     constexpr CounterInfo(std::u16string_view counterName, CimType counterType, CounterKind counterKind,
-                          std::uint32_t needed, std::string_view whatItMeans, Read read)
+                          std::uint32_t needed, std::string_view whatItMeans, Read read, ReadBase readBase = {})
         : name(counterName),
           type(counterType),
           kind(counterKind),
           needs(needed),
           meaning(whatItMeans),
-          value(ReadBy(read)) {}
-
-    template <class Read, class ReadBase>
-    constexpr CounterInfo(std::u16string_view counterName, CimType counterType, CounterKind counterKind,
-                          std::uint32_t needed, std::string_view whatItMeans, Read read, ReadBase readBase)
-        : CounterInfo(counterName, counterType, counterKind, needed, whatItMeans, read) {
-        base = ReadBy(readBase);
-    }
+          value(ReadBy(read)),
+          base(ReadBy(readBase)) {}
 
   private:
+    static constexpr CounterRead ReadBy(std::nullptr_t) { return nullptr; }
+
     template <class Read>
     static constexpr CounterRead ReadBy(Read) {
         using Row = typename detail::RowOfRoutine<decltype(&Read::operator())>::Type;
