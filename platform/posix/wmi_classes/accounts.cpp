@@ -98,10 +98,10 @@ constexpr PropertyInfo userProperties[] = {
     {u"InstallDate", datetime},
     {u"LocalAccount", boolean, 0, "all that are read", [](const UserRow&) { return true; }},
     {u"Lockout", boolean, Need::password, "its password was put out of use", [](const UserRow& row) { return FactOf(row, &PasswordEntry::isLocked); }},
-    {u"Name", string, 0, "", [](const UserRow& row) { return row.user.name; }},
+    {u"Name", string, 0, "as the file has it", [](const UserRow& row) { return row.user.name; }},
     {u"PasswordChangeable", boolean, Need::password, "by its owner", [](const UserRow& row) { return FactOf(row, &PasswordEntry::mayBeChanged); }},
-    {u"PasswordExpires", boolean, Need::password, "", [](const UserRow& row) { return FactOf(row, &PasswordEntry::expires); }},
-    {u"PasswordRequired", boolean, Need::password, "", [](const UserRow& row) { return FactOf(row, &PasswordEntry::isRequired); }},
+    {u"PasswordExpires", boolean, Need::password, "there is a greatest age", [](const UserRow& row) { return FactOf(row, &PasswordEntry::expires); }},
+    {u"PasswordRequired", boolean, Need::password, "the field is not empty", [](const UserRow& row) { return FactOf(row, &PasswordEntry::isRequired); }},
     {u"SID", string, 0, "S-1-22-1 and the user's number", [](const UserRow& row) { return fmt::format("S-1-22-1-{}", row.user.id); }},
     {u"SIDType", uint8, 0, "1: a user", [](const UserRow&) { return 1; }},
     {u"Status", string, Need::password, "Degraded when disabled", [](const UserRow& row) { return StatusOf(row); }},
@@ -113,10 +113,10 @@ constexpr PropertyInfo groupProperties[] = {
     {u"Domain", string, Need::host, "the computer's name", [](const GroupRow& row) { return row.host; }},
     {u"InstallDate", datetime},
     {u"LocalAccount", boolean, 0, "all that are read", [](const GroupRow&) { return true; }},
-    {u"Name", string, 0, "", [](const GroupRow& row) { return row.group.name; }},
+    {u"Name", string, 0, "as the file has it", [](const GroupRow& row) { return row.group.name; }},
     {u"SID", string, 0, "S-1-22-2 and the group's number", [](const GroupRow& row) { return fmt::format("S-1-22-2-{}", row.group.id); }},
     {u"SIDType", uint8, 0, "4: an alias, as Windows calls a local group", [](const GroupRow&) { return 4; }},
-    {u"Status", string, 0, "", [](const GroupRow&) { return u"OK"; }},
+    {u"Status", string, 0, "nothing is known to be wrong", [](const GroupRow&) { return u"OK"; }},
 };
 // clang-format on
 

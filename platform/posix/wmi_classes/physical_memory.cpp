@@ -1,5 +1,5 @@
-// Win32_PhysicalMemory: the memory devices of the firmware's tables (SMBIOS type 17) that are there; none where the
-// computer has no such tables.
+#include "platform/posix/wmi_classes/physical_memory.h"
+
 #include "platform/posix/wmi_classes/families.h"
 #include "platform/posix/wmi_classes/smbios.h"
 
@@ -8,8 +8,6 @@ namespace platform::wmi {
 namespace {
 
 using enum CimType;
-
-constexpr std::uint8_t memoryDevice = 17;
 
 struct Row {
     SmbiosStructure device;
@@ -82,19 +80,19 @@ constexpr PropertyInfo properties[] = {
     {u"InstallDate", datetime},
     {u"InterleaveDataDepth", uint16},
     {u"InterleavePosition", uint32},
-    {u"Manufacturer", string, 0, "", [](const Row& row) { return row.device.stringAt(0x17); }},
+    {u"Manufacturer", string, 0, "of the device", [](const Row& row) { return row.device.stringAt(0x17); }},
     {u"MaxVoltage", uint32, 0, "mV", [](const Row& row) { return KnownNumber(row.device.wordAt(0x24)); }},
     {u"MemoryType", uint16, 0, "24 DDR3, 26 DDR4, ...", [](const Row& row) { return MemoryTypeOf(row.device.byteAt(0x12)); }},
     {u"MinVoltage", uint32, 0, "mV", [](const Row& row) { return KnownNumber(row.device.wordAt(0x22)); }},
     {u"Model", string},
     {u"Name", string, 0, "of every device", [](const Row&) { return u"Physical Memory"; }},
     {u"OtherIdentifyingInfo", string},
-    {u"PartNumber", string, 0, "", [](const Row& row) { return row.device.stringAt(0x1A); }},
+    {u"PartNumber", string, 0, "of the manufacturer", [](const Row& row) { return row.device.stringAt(0x1A); }},
     {u"PositionInRow", uint32},
     {u"PoweredOn", boolean},
     {u"Removable", boolean},
     {u"Replaceable", boolean},
-    {u"SerialNumber", string, 0, "", [](const Row& row) { return row.device.stringAt(0x18); }},
+    {u"SerialNumber", string, 0, "of the device", [](const Row& row) { return row.device.stringAt(0x18); }},
     {u"SKU", string},
     {u"SMBIOSMemoryType", uint32, 0, "26 DDR4, 34 DDR5, ...", [](const Row& row) { return row.device.byteAt(0x12); }},
     {u"Speed", uint32, 0, "MT/s, the most that the device is made for", [](const Row& row) { return SpeedAt(row, 0x15, 0x54); }},
@@ -106,8 +104,16 @@ constexpr PropertyInfo properties[] = {
 };
 // clang-format on
 
-WmiStatus GatherMemoryDevices(const Gathering& gathering) {
-    const std::string table = ReadSmbiosTable();
+WmiStatus GatherOfThisComputer(const Gathering& gathering) { return GatherMemoryDevices(gathering, ReadSmbiosTable()); }
+
+constexpr ClassInfo classes[] = {
+    {u"Win32_PhysicalMemory", u"CIM_PhysicalMemory", properties, GatherOfThisComputer},
+};
+
+}  // namespace
+
+WmiStatus GatherMemoryDevices(const Gathering& gathering, std::string_view table) {
+    constexpr std::uint8_t memoryDevice = 17;
     Row row;
     for (SmbiosStructure& structure : ParseSmbios(table)) {
         if (structure.type != memoryDevice || CapacityOf(structure) == 0) continue;
@@ -117,12 +123,6 @@ WmiStatus GatherMemoryDevices(const Gathering& gathering) {
     }
     return wmi_status::ok;
 }
-
-constexpr ClassInfo classes[] = {
-    {u"Win32_PhysicalMemory", u"CIM_PhysicalMemory", properties, GatherMemoryDevices},
-};
-
-}  // namespace
 
 std::span<const ClassInfo> PhysicalMemoryClasses() { return classes; }
 

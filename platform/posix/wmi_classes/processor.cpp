@@ -1,5 +1,5 @@
-// Win32_Processor: a row for each socket, of /proc/cpuinfo, /sys/devices/system/cpu and the firmware's tables (SMBIOS
-// type 4), the last of which many virtual machines lack.
+#include "platform/posix/wmi_classes/processor.h"
+
 #include <algorithm>
 #include <chrono>
 #include <fmt/format.h>
@@ -116,7 +116,7 @@ std::uint8_t StatusOf(const SmbiosStructure& firmware) {
 constexpr PropertyInfo properties[] = {
     {u"AddressWidth", uint16, Need::machine, "bits, of the running kernel", [](const Row& row) { return WidthOf(row); }},
     {u"Architecture", uint16, Need::machine, "9 x64, 12 ARM64, 0 x86, 5 ARM", [](const Row& row) { return ArchitectureOf(row.machine); }},
-    {u"AssetTag", string, Need::firmware, "", [](const Row& row) { return row.firmware.stringAt(0x21); }},
+    {u"AssetTag", string, Need::firmware, "of the firmware", [](const Row& row) { return row.firmware.stringAt(0x21); }},
     {u"Availability", uint16, 0, "3: running", [](const Row&) { return 3; }},
     {u"Caption", string, 0, "as Description", [](const Row& row) { return DescriptionOf(row.first()); }},
     {u"Characteristics", uint32, Need::firmware, "bits of SMBIOS", [](const Row& row) { return KnownNumber(row.firmware.wordAt(0x26)); }},
@@ -148,7 +148,7 @@ constexpr PropertyInfo properties[] = {
     {u"NumberOfEnabledCore", uint32, 0, "online", [](const Row& row) { return row.socket.cores; }},
     {u"NumberOfLogicalProcessors", uint32, 0, "online", [](const Row& row) { return row.socket.processors.size(); }},
     {u"OtherFamilyDescription", string},
-    {u"PartNumber", string, Need::firmware, "", [](const Row& row) { return row.firmware.stringAt(0x22); }},
+    {u"PartNumber", string, Need::firmware, "of the firmware", [](const Row& row) { return row.firmware.stringAt(0x22); }},
     {u"PNPDeviceID", string},
     {u"PowerManagementCapabilities", ArrayOf(uint16)},
     {u"PowerManagementSupported", boolean},
@@ -157,7 +157,7 @@ constexpr PropertyInfo properties[] = {
     {u"Revision", uint16, 0, "model and stepping, a byte each", [](const Row& row) { return RevisionOf(row.first()); }},
     {u"Role", string, 0, "central processor", [](const Row&) { return u"CPU"; }},
     {u"SecondLevelAddressTranslationExtensions", boolean, 0, "flags ept, npt", [](const Row& row) { return HasNestedPaging(row); }},
-    {u"SerialNumber", string, Need::firmware, "", [](const Row& row) { return row.firmware.stringAt(0x20); }},
+    {u"SerialNumber", string, Need::firmware, "of the firmware", [](const Row& row) { return row.firmware.stringAt(0x20); }},
     {u"SocketDesignation", string, Need::firmware, "the socket's label, else as DeviceID",
         [](const Row& row) { return row.firmware.stringAt(0x04).value_or(DeviceIdOf(row)); }},
     {u"Status", string, 0, "it runs", [](const Row&) { return u"OK"; }},
@@ -226,15 +226,24 @@ void ReadParts(const Gathering& gathering, Row& row) {
     if (gathering.asksFor(Need::currentClock)) row.currentClock = ReadClock(row.socket);
 }
 
-WmiStatus GatherProcessors(const Gathering& gathering) {
+WmiStatus GatherOfThisComputer(const Gathering& gathering) {
     const std::string cpuInfo = ReadCpuInfo();
-    const std::string table = gathering.asksFor(Need::firmware) ? ReadSmbiosTable() : "";
-    const std::vector<SmbiosStructure> firmware = ProcessorsIn(ParseSmbios(table));
+    const std::string firmware = gathering.asksFor(Need::firmware) ? ReadSmbiosTable() : "";
+    const std::string machine = gathering.asksFor(Need::machine) ? MachineName() : "";
+    return GatherProcessors(gathering, {cpuInfo, firmware, machine});
+}
+
+constexpr ClassInfo classes[] = {{u"Win32_Processor", u"CIM_Processor", properties, GatherOfThisComputer}};
+
+}  // namespace
+
+WmiStatus GatherProcessors(const Gathering& gathering, const ProcessorTexts& texts) {
+    const std::vector<SmbiosStructure> firmware = ProcessorsIn(ParseSmbios(texts.firmware));
     const LoadSamples samples = gathering.asksFor(Need::load) ? TakeLoadSamples() : LoadSamples();
     Row row;
+    row.machine = texts.machine;
     if (gathering.asksFor(Need::host)) row.host = HostName();
-    if (gathering.asksFor(Need::machine)) row.machine = MachineName();
-    for (Socket& socket : SocketsOf(ParseCpuInfo(cpuInfo))) {
+    for (Socket& socket : SocketsOf(ParseCpuInfo(texts.cpuInfo))) {
         row.socket = std::move(socket);
         row.firmware = row.number < firmware.size() ? firmware[row.number] : SmbiosStructure();
         row.load = BusyPercent(row.socket.processors, samples.from, samples.to);
@@ -244,10 +253,6 @@ WmiStatus GatherProcessors(const Gathering& gathering) {
     }
     return wmi_status::ok;
 }
-
-constexpr ClassInfo classes[] = {{u"Win32_Processor", u"CIM_Processor", properties, GatherProcessors}};
-
-}  // namespace
 
 std::span<const ClassInfo> ProcessorClasses() { return classes; }
 

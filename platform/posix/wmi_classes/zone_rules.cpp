@@ -1,6 +1,7 @@
 #include "platform/posix/wmi_classes/zone_rules.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cstdlib>
 #include <filesystem>
 #include <utility>
@@ -37,9 +38,9 @@ std::optional<std::int32_t> TakeNumber(std::string_view& text) {
 /// Takes a name: letters, or anything between < and >.
 std::optional<std::string> TakeName(std::string_view& text) {
     const bool isQuoted = Take(text, '<');
-    const std::size_t end = std::min(text.find_first_of(isQuoted ? ">" : "0123456789+-,"), text.size());
-    std::string name(text.substr(0, end));
-    text.remove_prefix(end);
+    const auto isPart = [&](unsigned char byte) { return isQuoted ? byte != '>' : std::isalpha(byte) != 0; };
+    std::string name(text.begin(), std::ranges::find_if_not(text, isPart));
+    text.remove_prefix(name.size());
     if (name.empty() || (isQuoted && !Take(text, '>'))) return std::nullopt;
     return name;
 }

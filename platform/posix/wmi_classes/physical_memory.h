@@ -1,0 +1,13 @@
+// Win32_PhysicalMemory, of the firmware's tables.
+#pragma once
+
+#include <string_view>
+
+#include "platform/posix/wmi/wmi_class.h"
+
+namespace platform::wmi {
+
+/// Gathers the memory devices (SMBIOS type 17) of a table that are there.
+WmiStatus GatherMemoryDevices(const Gathering& gathering, std::string_view table);
+
+}  // namespace platform::wmi

@@ -1,0 +1,639 @@
+// The classes of the system itself: all tables as such, the texts of kernel, firmware and files taken apart, and this
+// machine as uname, lscpu, free, getent and date see it.
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <fmt/format.h>
+#include <gmock/gmock.h>
+#include <map>
+#include <memory>
+#include <utmp.h>
+
+#include "platform/backend.h"
+#include "platform/posix/wmi/class_tree.h"
+#include "platform/posix/wmi/query.h"
+#include "platform/posix/wmi/system_text.h"
+#include "platform/posix/wmi_classes/accounts.h"
+#include "platform/posix/wmi_classes/computer_facts.h"
+#include "platform/posix/wmi_classes/distribution.h"
+#include "platform/posix/wmi_classes/host_names.h"
+#include "platform/posix/wmi_classes/local_time.h"
+#include "platform/posix/wmi_classes/physical_memory.h"
+#include "platform/posix/wmi_classes/processor.h"
+#include "platform/posix/wmi_classes/processor_load.h"
+#include "platform/posix/wmi_classes/sessions.h"
+#include "platform/posix/wmi_classes/smbios.h"
+#include "platform/posix/wmi_classes/zone_rules.h"
+#include "tests/support/wmi_query.h"
+
+namespace kv::test {
+namespace {
+
+using namespace platform::wmi;
+using namespace std::chrono_literals;
+using platform::Utf8FromWide;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+// All tables
+
+TEST(WmiClasses, TablesAreInOrderAndHaveWhatTheirSuperclassesHave) {
+    for (const ClassInfo* classInfo : AllClasses()) {
+        const std::string name = Utf8FromWide(classInfo->name);
+        EXPECT_EQ(FindClass(classInfo->name), classInfo) << name << ": there is another of that name";
+        for (std::size_t at = 1; at < classInfo->properties.size(); ++at) {
+            EXPECT_LT(CompareNames(classInfo->properties[at - 1].name, classInfo->properties[at].name), 0)
+                << name << "." << Utf8FromWide(classInfo->properties[at].name);
+        }
+        for (const PropertyInfo& property : classInfo->properties) {
+            EXPECT_EQ(property.read == nullptr, property.meaning.empty())
+                << name << "." << Utf8FromWide(property.name) << ": what is read has a meaning";
+        }
+        if (classInfo->superclass.empty()) continue;
+        const ClassInfo* superclass = FindClass(classInfo->superclass);
+        ASSERT_NE(superclass, nullptr) << name;
+        for (const PropertyInfo& inherited : superclass->properties) {
+            const PropertyInfo* own = FindProperty(*classInfo, inherited.name);
+            EXPECT_TRUE(own != nullptr && own->type == inherited.type)
+                << name << "." << Utf8FromWide(inherited.name) << " of " << Utf8FromWide(superclass->name);
+        }
+    }
+}
+
+// Tables of the firmware
+
+struct Field {
+    std::size_t offset;
+    std::size_t count;  // bytes
+    std::uint32_t value;
+};
+
+std::string Structure(char type, std::size_t length, const std::vector<Field>& fields,
+                      const std::vector<std::string>& strings) {
+    std::string bytes(length, '\0');
+    bytes[0] = type;
+    bytes[1] = static_cast<char>(length);
+    for (const Field& field : fields) {
+        for (std::size_t at = 0; at < field.count; ++at) {
+            bytes[field.offset + at] = static_cast<char>(field.value >> (8 * at));
+        }
+    }
+    for (const std::string& text : strings) bytes += text + '\0';
+    return bytes + (strings.empty() ? std::string(2, '\0') : std::string(1, '\0'));
+}
+
+std::string SocketStructure(std::uint32_t status) {
+    return Structure(4, 0x30,
+                     {{0x04, 1, 1},
+                      {0x06, 1, 0xFE},
+                      {0x08, 4, 0x50657},
+                      {0x0C, 4, 0xBFEBFBFF},
+                      {0x10, 1, 2},
+                      {0x11, 1, 0x8A},
+                      {0x12, 2, 100},
+                      {0x16, 2, 2900},
+                      {0x18, 1, status},
+                      {0x19, 1, 0x35},
+                      {0x20, 1, 3},
+                      {0x26, 2, 0xFC},
+                      {0x28, 2, 0x1B3}},
+                     {"LGA3647-0", "Firmware's name", " 0123 "});
+}
+
+std::string MemoryTable() {
+    const std::vector<std::string> strings = {"DIMM_A1", "Bank 0", "Maker", "00AB", "PART-1  "};
+    return Structure(0, 0x18, {}, {"vendor"}) +
+           Structure(17, 0x5C,
+                     {{0x08, 2, 72},
+                      {0x0A, 2, 64},
+                      {0x0C, 2, 0x7FFF},
+                      {0x0E, 1, 9},
+                      {0x10, 1, 1},
+                      {0x11, 1, 2},
+                      {0x12, 1, 0x22},
+                      {0x13, 2, 0x2080},
+                      {0x15, 2, 0xFFFF},
+                      {0x17, 1, 3},
+                      {0x18, 1, 4},
+                      {0x1A, 1, 5},
+                      {0x1B, 1, 2},
+                      {0x1C, 4, 0x8000},
+                      {0x20, 2, 4800},
+                      {0x22, 2, 1100},
+                      {0x26, 2, 1100},
+                      {0x54, 4, 70000}},
+                     strings) +
+           Structure(17, 0x22, {{0x10, 1, 1}}, {"empty socket"}) +
+           Structure(17, 0x15, {{0x0A, 2, 0xFFFF}, {0x0C, 2, 0x8200}, {0x0E, 1, 3}, {0x12, 1, 3}, {0x10, 1, 9}}, {}) +
+           Structure(17, 0x1B, {{0x0C, 2, 0xFFFF}, {0x0E, 1, 0x20}, {0x12, 1, 0x1A}}, {}) + Structure(127, 4, {}, {});
+}
+
+TEST(WmiFirmware, ATableCutAnywhereGivesItsWholeStructures) {
+    const std::string table = MemoryTable();
+    const std::vector<SmbiosStructure> whole = ParseSmbios(table);
+    ASSERT_EQ(whole.size(), 6U);
+    const auto startOf = [&](std::size_t number) {
+        return static_cast<std::size_t>(whole[number].formatted.data() - table.data());
+    };
+    std::size_t expected = 0;
+    for (std::size_t length = 0; length < table.size(); ++length) {
+        const std::string cut(table, 0, length);  // a piece of memory of its own, for the sanitizer
+        if (expected + 1 < whole.size() && startOf(expected + 1) == length) ++expected;
+        const std::vector<SmbiosStructure> structures = ParseSmbios(cut);
+        ASSERT_EQ(structures.size(), expected) << length;
+        for (std::size_t at = 0; at < expected; ++at) EXPECT_EQ(structures[at].strings, whole[at].strings) << length;
+    }
+    EXPECT_EQ(ParseSmbios(table + table).size(), whole.size()) << "nothing is read after its end";
+    EXPECT_THAT(ParseSmbios(std::string("\x11\x03\x00\x00\x00\x00", 6)), IsEmpty()) << "shorter than its header";
+}
+
+/// The properties that have a value, with a class's objects gathered by another routine than its own.
+std::vector<std::string> ObjectsOf(std::u16string_view className, std::string_view names, GatherRoutine gather) {
+    ClassInfo classInfo = *FindClass(className);
+    classInfo.gather = gather;
+    ClassQuery query{.classInfo = &classInfo, .properties = {}, .where = std::nullopt};
+    for (std::string_view name = TakeField(names); !name.empty(); name = TakeField(names)) {
+        query.properties.push_back(FindProperty(classInfo, platform::WideFromUtf8(name)));
+    }
+    std::vector<std::string> objects;
+    const auto add = [&](const ResultObject& object) {
+        std::string& texts = objects.emplace_back();
+        for (const auto& [name, value] : object) {
+            const bool isText = value.type == platform::VariantType::bstr;
+            const std::string text = isText ? Utf8FromWide(value.text) : std::to_string(value.integer);
+            texts += (value.type == platform::VariantType::null ? "NULL" : text) + "|";
+        }
+        return true;
+    };
+    EXPECT_EQ(RunQuery({classInfo.name, {query}}, {add, nullptr}), 0U);
+    return objects;
+}
+
+TEST(WmiFirmware, MemoryDevicesThatAreThere) {
+    const auto gather = [](const Gathering& gathering) { return GatherMemoryDevices(gathering, MemoryTable()); };
+    EXPECT_THAT(
+        ObjectsOf(u"Win32_PhysicalMemory",
+                  "Tag Capacity DeviceLocator BankLabel Manufacturer SerialNumber PartNumber FormFactor MemoryType "
+                  "SMBIOSMemoryType TypeDetail Speed ConfiguredClockSpeed ConfiguredVoltage MaxVoltage DataWidth "
+                  "TotalWidth Attributes",
+                  gather),
+        ElementsAre("Physical Memory 0|34359738368|DIMM_A1|Bank 0|Maker|00AB|PART-1|8|0|34|8320|70000|4800|1100|NULL|"
+                    "64|72|2|",
+                    "Physical Memory 1|524288|NULL|NULL|NULL|NULL|NULL|7|2|3|0|NULL|NULL|NULL|NULL|NULL|NULL|NULL|",
+                    "Physical Memory 2|NULL|NULL|NULL|NULL|NULL|NULL|1|26|26|0|NULL|NULL|NULL|NULL|NULL|NULL|NULL|"));
+}
+
+// Processors
+
+constexpr const char* processorNames =
+    "DeviceID Name Manufacturer Description Architecture AddressWidth Level Revision Stepping Family ProcessorId "
+    "SocketDesignation SerialNumber CurrentVoltage ExtClock CpuStatus UpgradeMethod Characteristics "
+    "VMMonitorModeExtensions";
+
+TEST(WmiProcessors, AreDescribedByTheirArchitecturesOwnLines) {
+    constexpr const char* block =
+        "processor\t: {}\nvendor_id\t: GenuineIntel\ncpu family\t: 6\nmodel\t\t: 85\nmodel name\t: Intel(R) Xeon(R) "
+        "Gold "
+        "6226R CPU @ 2.90GHz\nstepping\t: 7\nphysical id\t: {}\ncore id\t\t: {}\nflags\t\t: fpu vmx lm ept\n\n";
+    static const std::string xeon =
+        fmt::format("{}{}{}{}", fmt::format(fmt::runtime(block), 0, 0, 0), fmt::format(fmt::runtime(block), 1, 3, 0),
+                    fmt::format(fmt::runtime(block), 2, 0, 0), fmt::format(fmt::runtime(block), 3, 3, 1));
+    static const std::string firmware = SocketStructure(0x41) + SocketStructure(0x00) + SocketStructure(0x44);
+    const auto gatherXeons = [](const Gathering& gathering) {
+        return GatherProcessors(gathering, {xeon, firmware, "x86_64"});
+    };
+    const std::string identity =
+        "Intel(R) Xeon(R) Gold 6226R CPU @ 2.90GHz|GenuineIntel|Intel64 Family 6 Model 85 "
+        "Stepping 7|9|64|6|21767|7|435|BFEBFBFF00050657|LGA3647-0|0123|10|100|";
+    EXPECT_THAT(ObjectsOf(u"Win32_Processor", processorNames, gatherXeons),
+                ElementsAre("CPU0|" + identity + "1|53|252|-1|", "CPU1|" + identity + "4|53|252|-1|"));
+    EXPECT_THAT(ObjectsOf(u"Win32_Processor", "NumberOfCores NumberOfLogicalProcessors", gatherXeons),
+                ElementsAre("1|2|", "2|2|"));
+
+    static const std::string arm =
+        "processor\t: 0\nBogoMIPS\t: 50.00\nFeatures\t: fp asimd\nCPU implementer\t: 0x41\nCPU architecture: 8\nCPU "
+        "variant\t: 0x3\nCPU part\t: 0xd0c\nCPU revision\t: 1\n\nHardware\t: BCM2835\nSerial\t\t: 10\n";
+    const auto gatherArm = [](const Gathering& gathering) { return GatherProcessors(gathering, {arm, "", "aarch64"}); };
+    EXPECT_THAT(ObjectsOf(u"Win32_Processor",
+                          "DeviceID Name Manufacturer Description Architecture AddressWidth Level Revision Stepping "
+                          "Family SocketDesignation CpuStatus VMMonitorModeExtensions",
+                          gatherArm),
+                ElementsAre("CPU0|ARM part 0xd0c|ARM|ARMv8 (64-bit) Family 8 Model D0C Revision 301|12|64|8|769|NULL|2|"
+                            "CPU0|1|NULL|"));
+    const auto gatherNothing = [](const Gathering& gathering) {
+        return GatherProcessors(gathering, {"processor\t: 0\n\nprocessor: x\n:\n\n\n", "", "vax"});
+    };
+    EXPECT_THAT(ObjectsOf(u"Win32_Processor", "DeviceID Name Description Architecture Level", gatherNothing),
+                ElementsAre("CPU0|NULL|NULL|NULL|NULL|"));
+}
+
+TEST(WmiProcessors, SocketsAndCoresByTheirPlaces) {
+    const std::vector<CpuBlock> blocks = ParseCpuInfo("processor: 0\n\nprocessor: 1\n\nprocessor: 2\n\nprocessor: 3\n");
+    const std::vector<Socket> sockets = SocketsOf(blocks, [](const CpuBlock& block) {
+        return CpuPlace{block.number == 2 ? 7U : 5U, block.number / 3};
+    });
+    ASSERT_EQ(sockets.size(), 2U);
+    EXPECT_EQ(sockets[0].cores, 2U);
+    EXPECT_EQ(sockets[0].processors.size(), 3U);
+    EXPECT_EQ(sockets[1].processors.front().number, 2U);
+}
+
+TEST(WmiProcessors, LoadIsThatSinceASampleAtLeastASecondOld) {
+    LoadHistory history;
+    const std::vector<CpuBlock> blocks = ParseCpuInfo("processor: 0\n\nprocessor: 1\n");
+    const struct {
+        const char* title;
+        std::chrono::milliseconds at;
+        const char* stat;
+        unsigned percent;
+    } rows[] = {
+        {"since the start", 0ms, "cpu 9 9\ncpu0 10 10 10 50 10 5 5 0 0\ncpu1 10 10 10 60 0 0 0 10\nintr 7\n", 40},
+        {"too young a sample: since the start", 999ms, "cpu0 40 10 10 50 10 5 5 0\ncpu1 10 10 10 60 0 0 0 10\n", 48},
+        {"since the first", 1000ms, "cpu0 60 10 10 100 10 5 5 0\ncpu1 10 10 10 60 0 0 0 10\n", 50},
+        {"too young again: still since the first", 1500ms, "cpu0 60 10 10 150 10 5 5 0\ncpu1 10 10 10 60 0 0 0 10\n",
+         33},
+        {"since the second, a counter went back, one processor is gone", 2500ms, "cpu0 60 10 10 400 9 5 5 0\n", 0},
+        {"what was not there counts from the start", 4000ms, "cpu0 60 10 10 400 9 5 5 0\ncpu1 30 0 0 10\n", 75},
+        {"no time has passed", 9000ms, "cpu0 60 10 10 400 9 5 5 0\ncpu1 30 0 0 10\n", 0},
+    };
+    for (const auto& row : rows) {
+        TimesByProcessor sample;
+        for (const ProcessorTimes& times : ParseProcessorTimes(row.stat)) sample[times.number] = times;
+        const TimesByProcessor base = history.exchange(sample, std::chrono::steady_clock::time_point(row.at));
+        EXPECT_EQ(BusyPercent(blocks, base, sample), row.percent) << row.title;
+    }
+}
+
+// Texts of the kernel and of files
+
+/// The text of a value, or "none".
+template <class Value>
+std::string Shown(const std::optional<Value>& value) {
+    return value ? fmt::format("{}", *value) : "none";
+}
+
+TEST(WmiSystemTexts, ReadAsTheyAreMeant) {
+    constexpr std::string_view memory =
+        "MemTotal:  100 kB\nMemFree: 10 kB\nBuffers: 2 kB\nCached: 3 kB\nHugePages_Total: x\n";
+    constexpr std::string_view release = "#NAME=no\nNAMES=no\n NAME=\"De\\\"bi'an\"\nEMPTY=\nSINGLE='a\\b' \n";
+    constexpr std::string_view hosts =
+        "127.0.0.1 localhost\n# 1.1.1.1 h.comment h\n10.0.0.1 h\n10.0.0.2\th.example.org  h # x\n10.0.0.3 x.y hh\n";
+    const std::vector<Session> sessions = {{"far", "pts/0"}, {"near", "tty2"}};
+    const auto week = [](int day, int dayOfWeek) {
+        std::tm date{};
+        date.tm_mday = day;
+        date.tm_wday = dayOfWeek;
+        return fmt::format("{}", WeekInMonthOf(date));
+    };
+    const auto version = [](const std::optional<VersionPair>& pair) {
+        return pair ? fmt::format("{}.{}", pair->major, pair->minor) : "none";
+    };
+    const auto date = [](std::string_view text) {
+        const std::optional<std::u16string> moment = FirmwareDate(text);
+        return moment ? Utf8FromWide(*moment) : "none";
+    };
+    const struct {
+        const char* title;
+        std::string got;
+        std::string wanted;
+    } rows[] = {
+        {"memory, a line", Shown(MemoryFigure(memory, "Buffers")), "2"},
+        {"memory, the start of a key", Shown(MemoryFigure(memory, "Mem")), "none"},
+        {"memory, no number", Shown(MemoryFigure(memory, "HugePages_Total")), "none"},
+        {"memory available, on an old kernel", Shown(AvailableMemory(memory)), "15"},
+        {"memory available", Shown(AvailableMemory("MemFree: 1 kB\nMemAvailable: 7 kB\n")), "7"},
+        {"an assignment in quotes", Shown(AssignedValue(release, "NAME")), "De\"bi'an"},
+        {"an assignment in single quotes", Shown(AssignedValue(release, "SINGLE")), "a\\b"},
+        {"an assignment of nothing", Shown(AssignedValue(release, "EMPTY")), "none"},
+        {"a domain of hosts", DomainInHosts(hosts, "h"), "example.org"},
+        {"no domain of hosts", DomainInHosts(hosts, "localhost"), ""},
+        {"a locale's number", Shown(LanguageNumberOf("de_AT.UTF-8")), "3079"},
+        {"C is no language", Shown(LanguageNumberOf("C.UTF-8")), "127"},
+        {"a locale that is not listed", Shown(LanguageNumberOf("de")), "none"},
+        {"code page of UTF-8", Shown(CodePageOf("de_DE.utf8@euro")), "65001"},
+        {"code page of Latin 9", Shown(CodePageOf("de_DE.ISO-8859-15@euro")), "28605"},
+        {"code page of C", Shown(CodePageOf("C")), "20127"},
+        {"code page of another", Shown(CodePageOf("ja_JP.EUC-JP")), "none"},
+        {"a code set that overflows", Shown(CodePageOf("de_DE.ISO-8859-4294967296")), "none"},
+        {"user at the console", Shown(ConsoleUserOf(sessions)), "near"},
+        {"the first of a month on Saturday", week(1, 6), "1"},
+        {"the second then on Sunday", week(2, 0), "2"},
+        {"the last of the longest such month", week(31, 1), "6"},
+        {"a rescue shell", Utf8FromWide(BootupStateOf("quiet root=/dev/sda1 single\n")), "Fail-safe boot"},
+        {"a word within another", Utf8FromWide(BootupStateOf("singles a=single 1x\n")), "Normal boot"},
+        {"a version", version(VersionPairOf("5.13")), "5.13"},
+        {"half a version", version(VersionPairOf("5.")), "none"},
+        {"an entry point of 64 bits", version(SmbiosVersionOf(std::string("_SM3_\0\0\3\7\0", 10))), "3.7"},
+        {"an entry point of 32 bits", version(SmbiosVersionOf(std::string("_SM_\0\0\2\10", 8))), "2.8"},
+        {"an entry point cut short", version(SmbiosVersionOf("_SM_\1\1\2")), "none"},
+        {"a date of the firmware", date("03/29/2023"), "20230329000000.000000+000"},
+        {"a day that is none", date("02/30/2023"), "none"},
+        {"a date of another form", date("29.03.2023"), "none"},
+        {"a date of two digits", date("03/29/23"), "none"},
+    };
+    for (const auto& row : rows) EXPECT_EQ(row.got, row.wanted) << row.title;
+}
+
+TEST(WmiSystemTexts, SessionsAreTheUsersOfUtmp) {
+    struct utmp records[3] = {};
+    records[0].ut_type = BOOT_TIME;
+    records[1].ut_type = USER_PROCESS;
+    std::memset(records[1].ut_user, 'u', sizeof records[1].ut_user);  // without a zero at its end
+    std::memcpy(records[1].ut_line, "pts/3", 5);
+    records[2].ut_type = USER_PROCESS;
+    std::string file(sizeof records, '\0');
+    std::memcpy(file.data(), static_cast<const void*>(records), sizeof records);
+    file.pop_back();
+    const std::vector<Session> sessions = ParseSessions(file);
+    ASSERT_EQ(sessions.size(), 1U);
+    EXPECT_EQ(sessions[0].user, std::string(sizeof records[1].ut_user, 'u'));
+    EXPECT_EQ(sessions[0].line, "pts/3");
+}
+
+TEST(WmiAccounts, MalformedLinesAreLeftOut) {
+    std::string users;
+    for (const UserEntry& user :
+         ParsePasswd("root:x:0:0:Super User,Room 1:/root:/bin/sh\n\n+::::::\n:x:1:1:::\nshort:x:2\n"
+                     "big:x:4294967296:1:::\nneg:x:-1:1:::\nlast:x:4294967295:1:::")) {
+        users += fmt::format("{} {} '{}'\n", user.name, user.id, user.fullName);
+    }
+    EXPECT_EQ(users, "root 0 'Super User'\nlast 4294967295 ''\n");
+    std::string groups;
+    for (const GroupEntry& group : ParseGroups("adm:x:4:a,b\nbad:x:y:\nshort:x:4\n:x:5:\nlong:x:6::\n")) {
+        groups += fmt::format("{} {}\n", group.name, group.id);
+    }
+    EXPECT_EQ(groups, "adm 4\n");
+    const struct {
+        const char* line;
+        const char* facts;  // required, opens nothing, locked, expires, may be changed, expiry of the account
+    } rows[] = {
+        {"u:$6$hash:19000:0:99999:7:::", "true false false false true none"},
+        {"u:!$6$hash:19000:0:90:7::20000:", "true true true true true 20000"},
+        {"u:!!:19000::::::", "true true false false true none"},
+        {"u:*:19000:10:5:7:::", "true true false true false none"},
+        {"u::19000:0:99999:7:::", "false false false false true none"},
+        {"u:short", "no entry"},
+    };
+    for (const auto& row : rows) {
+        std::string facts = "no entry";
+        for (const auto& [name, entry] : ParseShadow(row.line)) {
+            facts = fmt::format("{} {} {} {} {} {}", entry.isRequired, entry.opensNothing, entry.isLocked,
+                                entry.expires, entry.mayBeChanged, Shown(entry.accountExpiry));
+        }
+        EXPECT_EQ(facts, row.facts) << row.line;
+    }
+}
+
+// Time zones
+
+std::string ShownRules(std::string_view text) {
+    const std::optional<ZoneRules> zone = ParseZoneRules(text);
+    if (!zone) return "none";
+    std::string shown = fmt::format("{} {}", zone->name, zone->minutesEast);
+    if (!zone->daylight) return shown;
+    shown += fmt::format(" {} {}", zone->daylight->name, zone->daylight->minutesEast);
+    for (const ClockChange& change : {zone->daylight->start, zone->daylight->end}) {
+        shown += fmt::format(" {}.{}.{}/{}:{}:{}", change.month, change.week, change.dayOfWeek, change.hour,
+                             change.minute, change.second);
+    }
+    return shown;
+}
+
+TEST(WmiTimeZones, RulesOfPosix) {
+    const struct {
+        const char* text;
+        const char* rules;
+    } rows[] = {
+        {"UTC0", "UTC 0"},
+        {"<+0530>-5:30", "+0530 330"},
+        {"CET-1CEST,M3.5.0,M10.5.0/3", "CET 60 CEST 120 3.5.0/2:0:0 10.5.0/3:0:0"},
+        {"<+1030>-10:30<+11>-11,M10.1.0,M4.1.0", "+1030 630 +11 660 10.1.0/2:0:0 4.1.0/2:0:0"},
+        {"IST-1GMT0,M10.5.0,M3.5.0/1", "GMT 0 IST 60 3.5.0/1:0:0 10.5.0/2:0:0"},
+        {"<-02>2<-01>,M3.5.0/-1,M10.5.0/-0:30:15", "-02 -120 -01 -60 3.5.6/23:0:0 10.5.6/23:29:45"},
+        {"IST-2IDT,M3.4.4/26,M10.5.0/24", "IST 120 IDT 180 3.4.5/2:0:0 10.5.1/0:0:0"},
+        {"EST5EDT,0/0,J365/25", "EST -300"},
+        {"EST5EDT", "EST -300"},
+        {"CET-1CEST,M3.5.7,M10.5.0", "CET 60"},
+        {"", "none"},
+        {"<+05", "none"},
+        {"CET", "CET 0"},
+        {"CET-x", "none"},
+        {"No/Such", "none"},
+        {"CET-99999999999", "none"},
+    };
+    for (const auto& row : rows) EXPECT_EQ(ShownRules(row.text), row.rules) << row.text;
+}
+
+/// Sets the time zone of this process while it lives.
+struct ZoneSetting {
+    explicit ZoneSetting(const std::string& name) {
+        setenv("TZ", name.c_str(), 1);
+        tzset();
+    }
+    ~ZoneSetting() {
+        unsetenv("TZ");
+        tzset();
+    }
+};
+
+/// Minutes east of UTC in the middle of each month of a year that no table of transitions reaches, by the C library.
+std::vector<std::int32_t> OffsetsOfMonths() {
+    std::vector<std::int32_t> offsets;
+    for (int month = 0; month < 12; ++month) {
+        std::tm date{};
+        date.tm_mday = 15;
+        date.tm_mon = month;
+        date.tm_year = 300;
+        const std::time_t moment = timegm(&date);
+        localtime_r(&moment, &date);
+        offsets.push_back(static_cast<std::int32_t>(date.tm_gmtoff / 60));
+    }
+    return offsets;
+}
+
+TEST(WmiTimeZones, AreThoseOfTheCLibrary) {
+    std::size_t changing = 0;
+    const std::string table = ReadSystemFile("/usr/share/zoneinfo/zone1970.tab").value_or("");
+    std::string_view rest = table;
+    for (std::string_view line; TakeLine(rest, line);) {
+        if (line.starts_with('#')) continue;
+        TakeField(line);
+        TakeField(line);
+        const ZoneSetting setting{std::string(TakeField(line))};
+        const Zone zone = ReadZone();
+        ASSERT_TRUE(zone.rules.has_value()) << zone.name;
+        const std::vector<std::int32_t> offsets = OffsetsOfMonths();
+        const auto [least, most] = std::ranges::minmax(offsets);
+        EXPECT_EQ(zone.rules->minutesEast, least) << zone.name;
+        EXPECT_EQ(zone.rules->daylight ? zone.rules->daylight->minutesEast : least, most) << zone.name;
+        if (!zone.rules->daylight) continue;
+        ++changing;
+        const std::size_t afterStart = zone.rules->daylight->start.month % 12;  // the month after it
+        const std::size_t afterEnd = zone.rules->daylight->end.month % 12;
+        EXPECT_EQ(offsets[afterStart], most) << zone.name;
+        EXPECT_EQ(offsets[afterEnd], least) << zone.name;
+    }
+    if (table.empty()) GTEST_SKIP() << "no list of time zones here";
+    EXPECT_GT(changing, 50U);
+}
+
+// This machine
+
+struct WmiThisMachine : ::testing::Test {
+    WmiThisMachine() { platform::InstallBackend(); }
+};
+
+/// What a command prints, without blanks at its ends.
+std::string OutputOf(const std::string& command) {
+    const std::unique_ptr<FILE, decltype(&pclose)> pipe(popen(command.c_str(), "r"), pclose);
+    std::string output;
+    for (int byte = std::fgetc(pipe.get()); byte != EOF; byte = std::fgetc(pipe.get())) {
+        output += static_cast<char>(byte);
+    }
+    return std::string(Trimmed(output));
+}
+
+TEST_F(WmiThisMachine, IsAsItsOwnToolsSeeIt) {
+    const struct {
+        const char* className;
+        const char* property;
+        const char* command;
+    } rows[] = {
+        {"Win32_OperatingSystem", "Version", "uname -r"},
+        {"Win32_OperatingSystem", "CSName", "hostname -s"},
+        {"Win32_OperatingSystem", "Caption", ". /etc/os-release; echo $PRETTY_NAME"},
+        {"Win32_OperatingSystem", "BuildNumber", "uname -v | sed 's/^#\\([0-9]*\\).*/\\1/'"},
+        {"Win32_OperatingSystem", "OSArchitecture", "echo $(getconf LONG_BIT)-bit"},
+        {"Win32_OperatingSystem", "TotalVisibleMemorySize", "free -k | awk '/^Mem/ {print $2}'"},
+        {"Win32_OperatingSystem", "SizeStoredInPagingFiles", "free -k | awk '/^Swap/ {print $2}'"},
+        {"Win32_OperatingSystem", "TotalVirtualMemorySize", "free -kt | awk '/^Total/ {print $2}'"},
+        {"Win32_OperatingSystem", "CurrentTimeZone", "date +%:::z | awk -F: '{print $1 * 60 + ($1 < 0 ? -$2 : $2)}'"},
+        {"Win32_OperatingSystem", "MaxNumberOfProcesses", "sysctl -n kernel.pid_max"},
+        {"Win32_ComputerSystem", "Name", "hostname -s"},
+        {"Win32_ComputerSystem", "TotalPhysicalMemory", "free -b | awk '/^Mem/ {print $2}'"},
+        {"Win32_ComputerSystem", "NumberOfLogicalProcessors", "getconf _NPROCESSORS_ONLN"},
+        {"Win32_ComputerSystem", "NumberOfProcessors", "lscpu -p=SOCKET | grep -v '^#' | sort -u | wc -l"},
+        {"Win32_ComputerSystem", "HypervisorPresent",
+         "lscpu | grep -q '^Hypervisor vendor' && echo true || echo false"},
+        {"Win32_Processor", "Name", "uname -m | grep -q x86 && lscpu | sed -n 's/^Model name: *//p'"},
+        {"Win32_Processor", "NumberOfCores", "lscpu -p=CORE,SOCKET | grep ',0$' | sort -u | wc -l"},
+        {"Win32_Processor", "NumberOfLogicalProcessors", "lscpu -p=CPU,SOCKET | grep -c ',0$'"},
+        {"Win32_Processor", "Level", "uname -m | grep -q x86 && lscpu | sed -n 's/^CPU family: *//p'"},
+    };
+    for (const auto& row : rows) {
+        const std::string expected = OutputOf(row.command);
+        if (expected.empty()) continue;  // no such line on this kind of machine
+        const WmiResult result = RunWmiQuery(fmt::format("SELECT {} FROM {}", row.property, row.className));
+        ASSERT_FALSE(result.rows.empty()) << row.className << ": " << result.status;
+        EXPECT_EQ(TextOf(result.rows.front(), row.property), expected) << row.className << "." << row.property;
+    }
+}
+
+/// The sum of a number over all objects.
+double SumOf(const WmiResult& result, const char* property) {
+    double sum = 0;
+    for (const WmiRow& row : result.rows) sum += std::strtod(TextOf(row, property).c_str(), nullptr);
+    return sum;
+}
+
+TEST_F(WmiThisMachine, WhatChangesIsNearWhatItsToolsSee) {
+    const struct {
+        const char* className;
+        const char* property;
+        double factor;  // to the command's unit
+        const char* command;
+        double tolerance;
+    } rows[] = {
+        {"Win32_OperatingSystem", "FreePhysicalMemory", 1, "free -k | awk '/^Mem/ {print $7}'", 1 << 20},
+        {"Win32_OperatingSystem", "FreeVirtualMemory", 1, "free -k | awk '/^Mem/ {m = $7} /^Swap/ {print m + $4}'",
+         1 << 20},
+        {"Win32_OperatingSystem", "NumberOfProcesses", 1, "ps -e --no-headers | wc -l", 50},
+        {"Win32_Processor", "L2CacheSize", 1024, "lscpu -BC=NAME,ALL-SIZE | awk '/^L2/ {print $2}'", 0},
+        {"Win32_Processor", "L3CacheSize", 1024, "lscpu -BC=NAME,ALL-SIZE | awk '/^L3/ {print $2}'", 0},
+    };
+    for (const auto& row : rows) {
+        const WmiResult result = RunWmiQuery(fmt::format("SELECT {} FROM {}", row.property, row.className));
+        const double expected = std::strtod(OutputOf(row.command).c_str(), nullptr);
+        EXPECT_NEAR(SumOf(result, row.property) * row.factor, expected, row.tolerance) << row.property;
+    }
+    const WmiResult load = RunWmiQuery("SELECT LoadPercentage FROM Win32_Processor");  // the first one
+    const std::string sinceStart = OutputOf(
+        "awk '/^cpu / {idle = $5 + $6; print 100 - 100 * idle / (idle + $2 + $3 + $4 + $7 + $8 + $9)}' /proc/stat");
+    EXPECT_NEAR(SumOf(load, "LoadPercentage") / static_cast<double>(load.rows.size()),
+                std::strtod(sinceStart.c_str(), nullptr), 2);
+}
+
+TEST_F(WmiThisMachine, TimesAreThoseOfTheClock) {
+    const ZoneSetting setting("<+0545>-5:45");
+    const auto moment = [](const char* className, std::time_t (*seconds)(std::tm*)) {
+        const WmiResult result = RunWmiQuery(fmt::format("SELECT * FROM {}", className));
+        const auto part = [&](const char* name) { return static_cast<int>(SumOf(result, name)); };
+        std::tm parts{};
+        parts.tm_year = part("Year") - 1900;
+        parts.tm_mon = part("Month") - 1;
+        parts.tm_mday = part("Day");
+        parts.tm_hour = part("Hour");
+        parts.tm_min = part("Minute");
+        parts.tm_sec = part("Second");
+        const std::time_t found = seconds(&parts);
+        EXPECT_EQ(parts.tm_wday, part("DayOfWeek")) << className;
+        EXPECT_EQ(parts.tm_mon / 3 + 1, part("Quarter")) << className;
+        EXPECT_LT(part("Milliseconds"), 1000) << className;
+        return found;
+    };
+    constexpr double tolerance = 2;
+    const auto now = static_cast<double>(std::time(nullptr));
+    EXPECT_NEAR(static_cast<double>(moment("Win32_LocalTime", std::mktime)), now, tolerance);
+    EXPECT_NEAR(static_cast<double>(moment("Win32_UTCTime", timegm)), now, tolerance);
+    const WmiResult system =
+        RunWmiQuery("SELECT LocalDateTime, LastBootUpTime, CurrentTimeZone FROM Win32_OperatingSystem");
+    ASSERT_EQ(system.rows.size(), 1U);
+    EXPECT_EQ(TextOf(system.rows.front(), "CurrentTimeZone"), "345");
+    const auto secondsOf = [&](const char* property) {
+        const std::u16string text = platform::WideFromUtf8(TextOf(system.rows.front(), property));
+        return static_cast<double>(MicrosecondsOfDmtf(text).value_or(0)) / 1e6;
+    };
+    EXPECT_NEAR(secondsOf("LocalDateTime"), now, tolerance);
+    const double upTime = std::strtod(OutputOf("cut -d' ' -f1 /proc/uptime").c_str(), nullptr);
+    EXPECT_NEAR(secondsOf("LastBootUpTime"), static_cast<double>(std::time(nullptr)) - upTime, tolerance);
+}
+
+TEST_F(WmiThisMachine, HasTheTimeZoneThatIsSet) {
+    const ZoneSetting setting("America/St_Johns");
+    if (!ReadZone().rules) GTEST_SKIP() << "no time zones here";
+    const WmiResult result = RunWmiQuery("SELECT * FROM CIM_Setting WHERE SettingID = 'America/St_Johns'");
+    ASSERT_EQ(result.rows.size(), 1U);
+    std::string shown;
+    for (const char* name : {"Caption", "Bias", "DaylightBias", "DaylightName", "DaylightMonth", "DaylightDay",
+                             "DaylightDayOfWeek", "DaylightHour", "StandardName", "StandardMonth", "StandardDay"}) {
+        shown += TextOf(result.rows.front(), name) + "|";
+    }
+    EXPECT_EQ(shown, "(UTC-03:30) America/St_Johns|-210|-60|NDT|3|2|0|2|NST|11|1|");
+}
+
+TEST_F(WmiThisMachine, HasTheLocalAccounts) {
+    const struct {
+        const char* className;
+        const char* command;
+    } rows[] = {
+        {"Win32_UserAccount", "getent -s files passwd | awk -F: '{print $1, \"S-1-22-1-\" $3}'"},
+        {"Win32_Group", "getent -s files group | awk -F: '{print $1, \"S-1-22-2-\" $3}'"},
+    };
+    for (const auto& row : rows) {
+        std::string accounts;
+        for (const WmiRow& account : RunWmiQuery(fmt::format("SELECT Name, SID FROM {}", row.className)).rows) {
+            accounts += TextOf(account, "Name") + " " + TextOf(account, "SID") + "\n";
+        }
+        EXPECT_EQ(Trimmed(accounts), OutputOf(row.command)) << row.className;
+    }
+    const WmiResult root = RunWmiQuery("SELECT Caption, LocalAccount FROM Win32_Account WHERE SID = 'S-1-22-1-0'");
+    ASSERT_EQ(root.rows.size(), 1U);
+    EXPECT_EQ(TextOf(root.rows.front(), "Caption"), OutputOf("hostname -s") + "\\root");
+    EXPECT_EQ(TextOf(root.rows.front(), "LocalAccount"), "true");
+}
+
+}  // namespace
+}  // namespace kv::test
