@@ -14,6 +14,7 @@ namespace {
 
 constexpr std::int32_t secondsOfMinute = 60;
 constexpr std::int32_t secondsOfHour = 3600;
+constexpr std::int32_t daysOfWeek = 7;
 constexpr std::int32_t secondsOfDay = 86400;
 constexpr std::string_view digits = "0123456789";
 constexpr std::string_view zoneDirectory = "/usr/share/zoneinfo/";
@@ -62,7 +63,6 @@ std::optional<std::int32_t> TakeTime(std::string_view& text) {
 
 /// The change at some seconds after the start of its day.
 ClockChange At(ClockChange day, std::int32_t seconds) {
-    constexpr std::int32_t daysOfWeek = 7;
     const std::int32_t days = seconds / secondsOfDay - (seconds % secondsOfDay < 0 ? 1 : 0);
     const std::int32_t ofDay = seconds - days * secondsOfDay;
     day.dayOfWeek = static_cast<std::uint8_t>(((day.dayOfWeek + days) % daysOfWeek + daysOfWeek) % daysOfWeek);
@@ -78,12 +78,12 @@ std::optional<ClockChange> TakeChange(std::string_view& text) {
     if (!Take(text, ',') || !Take(text, 'M')) return std::nullopt;
     const std::optional<std::int32_t> month = TakeNumber(text);
     const std::optional<std::int32_t> week = Take(text, '.') ? TakeNumber(text) : std::nullopt;
-    const std::optional<std::int32_t> day = Take(text, '.') ? TakeNumber(text) : std::nullopt;
+    const std::int32_t day = Take(text, '.') ? TakeNumber(text).value_or(daysOfWeek) : daysOfWeek;
     const std::optional<std::int32_t> time = Take(text, '/') ? TakeTime(text) : usualTime;
-    if (!month || !week || !day || !time || *day > 6) return std::nullopt;
+    if (!month || !week || !time || day < 0 || day >= daysOfWeek) return std::nullopt;
     return At({.month = static_cast<std::uint32_t>(*month),
                .week = static_cast<std::uint32_t>(*week),
-               .dayOfWeek = static_cast<std::uint8_t>(*day)},
+               .dayOfWeek = static_cast<std::uint8_t>(day)},
               *time);
 }
 
