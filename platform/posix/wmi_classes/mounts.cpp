@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <map>
 #include <span>
+#include <tuple>
 
 #include "platform/posix/wmi/system_text.h"
 
@@ -124,6 +125,15 @@ std::string IdentityOf(const Mount& mount) {
     return IsOnNetwork(mount) ? mount.device + ' ' + mount.source : mount.device;
 }
 
+/// Of two places of one device, whether the left one is where a user looks for it: the root, else where more of the
+/// file system is seen, else the shorter one.
+bool IsMainPlace(const Mount& left, const Mount& right) {
+    const auto rank = [](const Mount& mount) {
+        return std::tuple(mount.mountPoint != "/", mount.root.size(), mount.mountPoint.size());
+    };
+    return rank(left) < rank(right);
+}
+
 }  // namespace
 
 std::vector<Mount> ParseMountInfo(std::string_view text) {
@@ -150,14 +160,14 @@ bool IsOnNetwork(const Mount& mount) {
 std::vector<Mount> DisksAmong(const std::vector<Mount>& mounts) {
     MountsById byId;
     for (const Mount& mount : mounts) byId.emplace(mount.id, &mount);
-    std::map<std::string, const Mount*> shortest;
+    std::map<std::string, const Mount*> mainPlaces;
     for (const Mount& mount : mounts) {
         if (!IsDiskByItself(mount) || IsHidden(mount, mounts, byId)) continue;
-        const Mount*& best = shortest[IdentityOf(mount)];
-        if (best == nullptr || mount.mountPoint.size() < best->mountPoint.size()) best = &mount;
+        const Mount*& best = mainPlaces[IdentityOf(mount)];
+        if (best == nullptr || IsMainPlace(mount, *best)) best = &mount;
     }
     std::vector<Mount> disks;
-    for (const auto& [identity, mount] : shortest) disks.push_back(*mount);
+    for (const auto& [identity, mount] : mainPlaces) disks.push_back(*mount);
     std::sort(disks.begin(), disks.end(),
               [](const Mount& left, const Mount& right) { return left.mountPoint < right.mountPoint; });
     return disks;

@@ -36,8 +36,8 @@ bool IsOnNetwork(const Mount& mount);
 
 /// Those that a user takes for disks, sorted by mount point: much as df lists them, but no file systems of the kernel's
 /// own (proc, devtmpfs, ...) nor anything below /proc and /sys, nothing of size zero by its nature, no automounter's
-/// triggers, no layers on other file systems except a root; a device once, at its shortest mount point, and nothing
-/// that a later mount hides.
+/// triggers, no layers on other file systems except a root; a device once, at the root or where most of it is mounted,
+/// and nothing that a later mount hides.
 std::vector<Mount> DisksAmong(const std::vector<Mount>& mounts);
 
 /// statvfs(3), in bytes.

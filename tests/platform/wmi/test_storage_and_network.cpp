@@ -94,8 +94,11 @@ TEST(WmiMounts, DisksAreWhatAUserTakesForDisks) {
          "23 20 0:7 / /net rw - autofs systemd-1 rw\n24 20 0:8 / /run rw shared:3 master:1 - tmpfs tmpfs rw\n",
          " 0:8@/run"},
         {"escapes, and a source without a name", "21 20 0:5 / /a\\040b\\134c\\9 rw - tmpfs  rw\n", " 0:5@/a b\\c\\9"},
-        {"a device once, at its shortest point",
-         "21 20 8:2 / /data/long rw - xfs /dev/sdb rw\n22 20 8:2 /sub /x rw - xfs /dev/sdb rw\n", " 8:2@/x"},
+        {"a device once, where all of it is, at the shortest point",
+         "21 20 8:2 /sub /x rw - xfs /dev/sdb rw\n22 20 8:2 / /a/data rw - xfs /dev/sdb rw\n"
+         "23 20 8:2 / /srv rw - xfs /dev/sdb rw\n24 20 8:2 / /mnt/top rw - xfs /dev/sdb rw\n",
+         " 8:2@/srv"},
+        {"the root, though more of it is elsewhere", "21 20 8:1 / /top rw - btrfs /dev/sda rw\n", ""},
         {"two folders of one server are two disks",
          "21 20 0:5 / /a rw - nfs4 nas:/a rw\n22 20 0:5 / /b rw - nfs4 nas:/b rw\n", " 0:5@/a 0:5@/b"},
         {"of two on one point the upper one",
@@ -110,7 +113,7 @@ TEST(WmiMounts, DisksAreWhatAUserTakesForDisks) {
     };
     for (const auto& row : rows) {
         std::string disks;
-        for (const Mount& disk : DisksAmong(ParseMountInfo(row.mountInfo + "20 1 8:1 / / rw - ext4 /dev/sda rw"))) {
+        for (const Mount& disk : DisksAmong(ParseMountInfo(row.mountInfo + "20 1 8:1 /@ / rw - btrfs /dev/sda rw"))) {
             disks += fmt::format(" {}@{}", disk.device, disk.mountPoint);
         }
         EXPECT_EQ(disks, " 8:1@/" + row.disks) << row.title;
