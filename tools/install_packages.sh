@@ -6,7 +6,7 @@ set -euo pipefail
 build=(ca-certificates g++ cmake ninja-build pkg-config ccache zlib1g-dev libjson-c-dev libcurl4-openssl-dev
        libsqlite3-dev libsystemd-dev libfmt-dev libutfcpp-dev libzip-dev libcpp-httplib-dev libssl-dev)
 test=(git libgtest-dev libgmock-dev libbenchmark-dev clang-format clang-tidy openssl unzip python3
-      clang libclang-rt-14-dev snmpd snmp snmpsim)
+      clang libclang-rt-14-dev snmpd snmp snmpsim procps iproute2)
 
 packages=("${build[@]}")
 [ "${1:-build}" = test ] && packages+=("${test[@]}")
