@@ -179,8 +179,8 @@ TEST(WmiMounts, NoMountIsWaitedForTwice) {
     EXPECT_FALSE(ask(100ms)[0].has_value());
     EXPECT_THAT(notices, ElementsAre(HasSubstr("/dead")));
     const auto start = steady_clock::now();
-    const auto again = ask(100s);
-    EXPECT_LT(steady_clock::now() - start, 50s) << "known as silent: skipped at once";
+    const auto again = ask(10s);
+    EXPECT_LT(steady_clock::now() - start, 5s) << "known as silent: skipped at once";
     EXPECT_FALSE(again[0].has_value());
     EXPECT_TRUE(again[1].has_value());
     EXPECT_EQ(notices.size(), 1u);
@@ -188,12 +188,15 @@ TEST(WmiMounts, NoMountIsWaitedForTwice) {
     mounts[0].device = "0:99";
     EXPECT_FALSE(ask(50ms)[0].has_value());
     EXPECT_EQ(*asked, 2) << "mounted anew: another mount";
-    released->release(3);
+    released->release(100);
     std::vector<std::optional<SpaceAnswer>> answers;
     const auto end = steady_clock::now() + 10s;
     do answers = ask(10s);
     while (!answers[0] && steady_clock::now() < end);
     EXPECT_TRUE(answers[0]) << "back, and no longer left out";
+    const int before = *asked;
+    ask(10s);
+    EXPECT_EQ(*asked, before + 1) << "asked anew each time";
     EXPECT_TRUE(notices.empty());
 }
 
@@ -331,11 +334,12 @@ TEST_F(WmiNetwork, AdaptersAndTheirConfigurations) {
     if (!IsInNamespaces()) {
         return RunInNamespaces(
             "--mount --net",
-            "mount -t sysfs sysfs /sys && ip link set lo up && ip link add kv0 address 02:00:00:00:0a:0b mtu 1400 type "
-            "veth peer name kv1 && ip link set kv0 up && ip link set kv1 up && ip tuntap add kv2 mode tap && ip link "
-            "set "
-            "kv2 up && ip link add kv3 type bridge && ip address add 192.0.2.77/24 dev kv0 valid_lft 600 preferred_lft "
-            "600 && ip address add 198.51.100.1/24 dev kv1 && ip route add default via 192.0.2.1");
+            "mount -t sysfs sysfs /sys && ip link set lo up && ip link add kv0 address 02:00:00:00:0a:0b mtu 1400 "
+            "type veth peer name kv1 && ip link set kv0 up && ip link set kv1 up && ip tuntap add kv2 mode tap && "
+            "ip link set kv2 up && ip link add kv3 type bridge && "
+            "ip address add 192.0.2.77/24 dev kv0 valid_lft 600 preferred_lft 600 && "
+            "ip address add 198.51.100.1/24 dev kv1 && ip route add default via 192.0.2.1 && "
+            "(ip address add 2001:db8::7/64 dev kv1 valid_lft 600 preferred_lft 600 || true)");
     }
     const struct {
         std::string name, connection, isUp, usesIp, isLeased;
