@@ -34,7 +34,7 @@ struct GroupRow {
 /// Splits at colons.
 std::vector<std::string_view> FieldsOf(std::string_view line) {
     std::vector<std::string_view> fields;
-    for (std::size_t end = line.find(':'); end != line.npos; end = line.find(':')) {
+    for (std::size_t end = line.find(':'); end != std::string_view::npos; end = line.find(':')) {
         fields.push_back(line.substr(0, end));
         line.remove_prefix(end + 1);
     }
@@ -56,7 +56,7 @@ PasswordEntry PasswordOf(const std::vector<std::string_view>& fields) {
     PasswordEntry entry;
     entry.isRequired = !password.empty();
     entry.opensNothing = password.starts_with('!') || password.starts_with('*');
-    entry.isLocked = password.starts_with('!') && password.find_first_not_of("!*") != password.npos;
+    entry.isLocked = password.starts_with('!') && password.find_first_not_of("!*") != std::string_view::npos;
     entry.expires = mostDays < never;
     entry.mayBeChanged = leastDays <= mostDays;
     if (expiry) entry.accountExpiry = static_cast<std::int64_t>(*expiry);

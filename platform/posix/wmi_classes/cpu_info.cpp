@@ -69,7 +69,8 @@ std::string_view CpuBlock::field(std::string_view name) const {
     std::string_view rest = text;
     for (std::string_view line; TakeLine(rest, line);) {
         const std::size_t colon = line.find(':');
-        if (colon != line.npos && Trimmed(line.substr(0, colon)) == name) return Trimmed(line.substr(colon + 1));
+        if (colon != std::string_view::npos && Trimmed(line.substr(0, colon)) == name)
+            return Trimmed(line.substr(colon + 1));
     }
     return {};
 }
@@ -121,6 +122,7 @@ std::vector<Socket> SocketsOf(const std::vector<CpuBlock>& blocks, CpuPlace (*lo
         socket.processors.push_back(block);
     }
     std::vector<Socket> sorted;
+    sorted.reserve(sockets.size());
     for (auto& [package, socket] : sockets) sorted.push_back(std::move(socket));
     return sorted;
 }

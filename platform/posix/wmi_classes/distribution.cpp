@@ -52,7 +52,7 @@ std::string WithoutShellQuotes(std::string_view quoted) {
 /// "utf8" of "en_US.UTF-8@euro": in small letters, without hyphens.
 std::string CodeSetOf(std::string_view localeName) {
     const std::size_t point = localeName.find('.');
-    if (point == localeName.npos) return {};
+    if (point == std::string_view::npos) return {};
     std::string codeSet;
     for (const char character : localeName.substr(point + 1, localeName.find('@') - point - 1)) {
         if (character != '-') codeSet.push_back(static_cast<char>(std::tolower(static_cast<unsigned char>(character))));
@@ -119,10 +119,11 @@ std::optional<std::string> ReadCountryCode(const std::string& localeName) {
 }
 
 bool IsWorkstation() {
-    for (const char* path : {"/etc/systemd/system/display-manager.service", "/etc/X11/default-display-manager"}) {
-        if (access(path, F_OK) == 0) return true;
-    }
-    return false;
+    constexpr const char* displayManagers[] = {
+        "/etc/systemd/system/display-manager.service",
+        "/etc/X11/default-display-manager",
+    };
+    return std::ranges::any_of(displayManagers, [](const char* path) { return access(path, F_OK) == 0; });
 }
 
 }  // namespace platform::wmi

@@ -64,7 +64,7 @@ std::optional<std::uint16_t> ArchitectureOf(std::string_view machine) {
 }
 
 std::string_view WordWidthOf(std::string_view machine) {
-    const bool isWide = machine.find("64") != machine.npos || machine == "s390x" || machine == "alpha";
+    const bool isWide = machine.find("64") != std::string_view::npos || machine == "s390x" || machine == "alpha";
     return isWide ? "64-bit" : "32-bit";
 }
 

@@ -20,7 +20,7 @@ std::uint64_t LittleEndian(std::string_view bytes, std::size_t offset, std::size
 /// Takes the strings that follow a formatted part off a table: each ends with a zero, and so does the list; without
 /// any there are two zeros. False when the table ends before that.
 bool TakeStrings(std::string_view& table, std::vector<std::string_view>& strings) {
-    for (std::size_t end = table.find('\0'); end != table.npos; end = table.find('\0')) {
+    for (std::size_t end = table.find('\0'); end != std::string_view::npos; end = table.find('\0')) {
         const std::string_view text = table.substr(0, end);
         table.remove_prefix(end + 1);
         if (!text.empty()) {

@@ -113,7 +113,7 @@ std::string ReadZoneName() {
     const std::string target = std::filesystem::read_symlink("/etc/localtime", failure).string();
     constexpr std::string_view directory = "zoneinfo/";
     const std::size_t at = target.find(directory);
-    if (at != target.npos) return target.substr(at + directory.size());
+    if (at != std::string_view::npos) return target.substr(at + directory.size());
     return ReadSystemLine("/etc/timezone").value_or("");
 }
 
