@@ -250,6 +250,7 @@ std::optional<std::uint64_t> ProcessFiles::CountOpenFiles(std::uint32_t processI
     const int opened = openat(directory_, path.text.data(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (opened < 0) return std::nullopt;
     const Directory directory(fdopendir(opened));
+    if (!directory) close(opened);
     if (!directory) return std::nullopt;
     std::uint64_t count = 0;
     while (const dirent* entry = readdir(directory.get())) {

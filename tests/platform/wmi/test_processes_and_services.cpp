@@ -1,4 +1,5 @@
 // Win32_Process against ps and this process's own doings, Win32_Service against a manager at the other end of a socket.
+#include <atomic>
 #include <csignal>
 #include <fcntl.h>
 #include <filesystem>
@@ -156,12 +157,12 @@ TEST(WmiProcesses, FiguresFollowWhatAProcessDoes) {
 
 /// What the class hands over by itself, before the rows that do not match are dropped.
 TEST(WmiProcesses, ARestrictionReadsThoseProcessesAlone) {
-    pid_t threadId = 0;
+    std::atomic<pid_t> threadId = 0;
     std::jthread thread([&](const std::stop_token& stop) {
         threadId = gettid();
         while (!stop.stop_requested()) std::this_thread::yield();
     });
-    while (__atomic_load_n(&threadId, __ATOMIC_ACQUIRE) == 0) std::this_thread::yield();
+    while (threadId == 0) std::this_thread::yield();
     const std::int64_t own = getpid();
     const std::tuple<const char*, std::u16string_view, std::vector<CimValue>, int> rows[] = {
         {"its id, twice", u"ProcessId", {own, own}, 1},
@@ -169,7 +170,7 @@ TEST(WmiProcesses, ARestrictionReadsThoseProcessesAlone) {
         {"its id as text", u"Handle", {std::to_string(own)}, 1},
         {"no ids at all", u"ProcessId", {std::int64_t{-1}, std::int64_t{1} << 40, UINT64_MAX, CimValue()}, 0},
         {"text that is no id", u"Handle", {"self", "", "../1", "-1", std::to_string(own) + "x"}, 0},
-        {"a thread of a process", u"ProcessId", {std::int64_t{threadId}}, 0},
+        {"a thread of a process", u"ProcessId", {std::int64_t{threadId.load()}}, 0},
     };
     for (const auto& [title, property, values, count] : rows) {
         int found = 0;
