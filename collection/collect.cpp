@@ -4,6 +4,7 @@
 #include <string>
 
 #include "foundation/agent_state.h"
+#include "foundation/guarded.h"
 #include "foundation/log.h"
 #include "foundation/time_utils.h"
 #include "jsontext/hash_json.h"
@@ -23,11 +24,20 @@ OptionalText TextOf(const HashTable* record, std::u16string_view key) {
     return text ? OptionalText(text) : std::nullopt;
 }
 
+/// Rows under such a name would be lost.
+bool IsMemberOfEveryRecord(std::u16string_view name) {
+    return name == u"ERRORMSG" || name == u"DATACOLLECTTIME" || name == u"AGENTKEY" || name == u"MSPCUSTOMERID";
+}
+
 void CollectWMI(const HashTable* record) {
     const OptionalText query = TextOf(record, u"wmiQuery");
     const OptionalText name = TextOf(record, u"Name");
     if (!query || !name) {
         Log1("\t CollectAndSaveData :: a WMI record without the text %s is skipped \n", query ? "Name" : "wmiQuery");
+        return;
+    }
+    if (IsMemberOfEveryRecord(*name)) {
+        Log1("\t CollectAndSaveData :: a WMI record is skipped, for %s is another member of it \n", *name);
         return;
     }
     ExecuteWMIQuery(TextOf(record, u"nameSpace"), *query, *name);
@@ -87,7 +97,7 @@ void CollectAndSaveData(void* argument) {
     // The plan no longer changes once it is scheduled, so the list is walked without its lock.
     for (const VectorElement* element = records->head; element; element = element->next) {
         if (element->type == ValueType::table) {
-            CollectRecord(reinterpret_cast<const HashTable*>(element->value));
+            RunGuarded("CollectRecord", [&] { CollectRecord(reinterpret_cast<const HashTable*>(element->value)); });
         } else {
             Log1("\t CollectAndSaveData :: something in recordSetName is no record and is skipped \n");
         }

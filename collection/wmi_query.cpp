@@ -1,6 +1,7 @@
 #include "collection/wmi_query.h"
 
 #include <memory>
+#include <new>
 #include <string_view>
 
 #include "collection/wmi_text.h"
@@ -164,7 +165,13 @@ std::u16string WMIFunction(const OptionalText& nameSpace, const OptionalText& wm
     Log3("\t Inside WMIFunction() \n");
     if (!wmiQuery) return u"wmiQuery is NULL";
     // What failed is named only when everything has been given back.
-    const Outcome outcome = Run(nameSpace ? *nameSpace : std::u16string_view(u"ROOT\\CIMV2"), *wmiQuery, rows);
+    Outcome outcome;
+    try {
+        outcome = Run(nameSpace ? *nameSpace : std::u16string_view(u"ROOT\\CIMV2"), *wmiQuery, rows);
+    } catch (const std::bad_alloc&) {
+        Log1("\t WMIFunction :: No memory for all of the rows [%x]\n", wmi_status::outOfMemory);
+        outcome = {wmi_status::outOfMemory, u"ERROR"};
+    }
     return platform::IsFailure(outcome.status) ? FormatWMIError(outcome.status, outcome.text) : u"NO ERROR";
 }
 

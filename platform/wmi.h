@@ -6,7 +6,6 @@
 // one query obtains belongs to one thread at a time.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <string>

@@ -14,7 +14,6 @@ using WmiStatus = std::uint32_t;
 #define KV_WMI_STATUSES(X)                                                                    \
     X(failed,             0x80041001, "Generic failure")                                      \
     X(notFound,           0x80041002, "Not found")                                            \
-    X(accessDenied,       0x80041003, "Access denied")                                        \
     X(providerFailure,    0x80041004, "Provider failure")                                     \
     X(outOfMemory,        0x80041006, "Out of memory")                                        \
     X(invalidParameter,   0x80041008, "Invalid parameter")                                    \
@@ -22,11 +21,10 @@ using WmiStatus = std::uint32_t;
     X(invalidNamespace,   0x8004100E, "Invalid namespace")                                    \
     X(invalidClass,       0x80041010, "Invalid class")                                        \
     X(invalidQuery,       0x80041017, "Invalid query")                                        \
-    X(shuttingDown,       0x80041033, "Shutting down")                                        \
     X(serverTooBusy,      0x80041045, "The server is too busy")                               \
     X(quotaViolation,     0x8004106C, "Quota violation")                                      \
-    X(serverUnavailable,  0x800706BA, "The RPC server is unavailable")                        \
-    X(timedOut,           0x80043001, "The operation timed out")
+    X(serverUnavailable,  0x800706BA, "The RPC server is unavailable.")                       \
+    X(timedOut,           0x80041069, "The operation timed out")
 // clang-format on
 
 namespace wmi_status {

@@ -50,7 +50,8 @@ class WmiQuery : public TestAgent {
                 [this](Handle object, auto& name, auto& value) {
                     name = property == 0 ? u"First" : u"Second";
                     value = {i4, static_cast<std::int32_t>(object), 0, u""};
-                    return ++property > 2 ? platform::wmi_status::noMoreData : Call("property");
+                    return ++property > 2 ? platform::wmi_status::noMoreData
+                                          : Call("property" + std::to_string(object));
                 },
             .EndEnumeration = [this](Handle) { return Call("end"); },
             .Release = [this](Handle handle) { Call("-" + std::to_string(handle)); },
@@ -67,9 +68,10 @@ class WmiQuery : public TestAgent {
 
 TEST_F(WmiQuery, GivesEverythingBackInReverseOrderWhereverItEnds) {
     const std::string started = "up security create ROOT\\CIMV2 blanket query ", end = "-3 -2 -1 down ";
-    const std::string row4 = "next4 begin4 property property end -4 ", row5 = "next5 begin5 property property end -5 ";
+    const std::string row4 = "next4 begin4 property4 property4 end -4 ";
+    const std::string row5 = "next5 begin5 property5 property5 end -5 ";
     struct Row {
-        std::string failing, result;  // the text of a failure, or "NO ERROR", or "" for an exception
+        std::string failing, result;  // the text of a failure, or "NO ERROR"
         std::string calls;
         int rows = 0;
     };
@@ -81,23 +83,22 @@ TEST_F(WmiQuery, GivesEverythingBackInReverseOrderWhereverItEnds) {
              {"blanket", "Could not set proxy blanket", "up security create ROOT\\CIMV2 blanket -2 -1 down "},
              {"query", "SELECT", started + "-2 -1 down "},
              {"begin4", "NO ERROR", started + "next4 begin4 -4 " + row5 + "next6 " + end, 1},
-             {"property", "", started + "next4 begin4 property end -4 " + end},
+             {"property5", "ERROR", started + row4 + "next5 begin5 property5 end -5 " + end, 1},
              {"next6", "ERROR", started + row4 + row5 + "next6 " + end, 2},
              {"nothing", "NO ERROR", started + row4 + row5 + "next6 " + end, 2},
          }) {
         failing = row.failing;
-        failure = row.result.empty() ? platform::wmi_status::ok : platform::wmi_status::notFound;
+        const bool throws = row.failing == "property5";
+        failure = throws ? platform::wmi_status::ok : platform::wmi_status::notFound;
         last = 3;
         calls.clear();
         const VectorPtr rows = MakeVector();
-        std::u16string result;
-        try {
-            result = WMIFunction(std::nullopt, u"SELECT", rows.get());
-        } catch (const std::bad_alloc&) {
-        }
-        const bool ended = row.result.empty() || row.result == "NO ERROR";
-        EXPECT_EQ(platform::Utf8FromWide(result),
-                  ended ? row.result : "FAILED:" + row.result + " ERRORCODE:80041002 MESSAGE:Not found\r\n");
+        const std::u16string result = WMIFunction(std::nullopt, u"SELECT", rows.get());
+        EXPECT_EQ(platform::Utf8FromWide(result), row.result == "NO ERROR"
+                                                      ? row.result
+                                                      : "FAILED:" + row.result +
+                                                            (throws ? " ERRORCODE:80041006 MESSAGE:Out of memory\r\n"
+                                                                    : " ERRORCODE:80041002 MESSAGE:Not found\r\n"));
         EXPECT_EQ(calls, row.calls);
         EXPECT_EQ(rows->count, row.rows) << failing;
     }

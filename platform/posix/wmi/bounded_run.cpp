@@ -47,9 +47,9 @@ bool IsStuck(std::u16string_view name) {
 }
 
 void SetStuck(BoundedRun& run) {
-    run.isStuck = true;
     const std::lock_guard lock(Stuck().mutex);
     Stuck().names.insert(run.name);
+    run.isStuck = true;
 }
 
 void ClearStuck(BoundedRun& run) {
@@ -63,12 +63,15 @@ void AddNotice(BoundedRun& run, std::string_view text) {
     run.notices.push_back(WideFromUtf8(text));
 }
 
-bool AddObject(BoundedRun& run, ResultObject object) {
+void AddObject(BoundedRun& run, ResultObject object) {
     const std::lock_guard lock(run.mutex);
-    if (run.isAbandoned) return false;
     run.objects.push_back(std::move(object));
     run.news.notify_one();
-    return true;
+}
+
+bool IsWanted(BoundedRun& run) {
+    const std::lock_guard lock(run.mutex);
+    return !run.isAbandoned;
 }
 
 void Finish(BoundedRun& run, WmiStatus status) {
@@ -81,13 +84,23 @@ void Finish(BoundedRun& run, WmiStatus status) {
 
 WmiStatus Work(BoundedRun& run, const std::function<WmiStatus(const ResultSink&)>& work) {
     try {
-        return work({.object = [&run](ResultObject object) { return AddObject(run, std::move(object)); },
+        return work({.object = [&run](ResultObject object) { AddObject(run, std::move(object)); },
+                     .wantsMore = [&run] { return IsWanted(run); },
                      .notice = [&run](const std::string& text) { AddNotice(run, text); }});
     } catch (const std::bad_alloc&) {
-        return wmi_status::outOfMemory;
+        throw;
     } catch (const std::exception& failure) {
         AddNotice(run, failure.what());
         return wmi_status::failed;
+    }
+}
+
+/// Nothing may leave a thread's function.
+WmiStatus GuardedWork(BoundedRun& run, const std::function<WmiStatus(const ResultSink&)>& work) noexcept {
+    try {
+        return Work(run, work);
+    } catch (...) {
+        return wmi_status::outOfMemory;
     }
 }
 
@@ -101,7 +114,7 @@ WmiStatus StartBoundedRun(std::u16string_view name, std::chrono::milliseconds li
     run->limit = limit;
     run->end = std::chrono::steady_clock::now() + limit;
     try {
-        std::thread([run = run, work = std::move(work)] { Finish(*run, Work(*run, work)); }).detach();
+        std::thread([run = run, work = std::move(work)] { Finish(*run, GuardedWork(*run, work)); }).detach();
     } catch (const std::system_error&) {
         run.reset();
         return wmi_status::serverTooBusy;

@@ -2,7 +2,7 @@
 //
 // What is read of the system may never answer: a file of a process that hangs, a device that has died. Such a thread
 // cannot be ended; it is left to itself, keeps what it refers to, and ends when the system lets it. While it is stuck
-// no second one is started for the same name, so that there is never more than a handful.
+// no further one is started under the same name, so that a class has one or two such threads at the most.
 #pragma once
 
 #include <chrono>

@@ -99,7 +99,8 @@ CimValue NumberOfText(std::u16string_view text);
 /// outside the years 1 to 9999 are moved to their ends.
 std::u16string DmtfTime(std::int64_t microsecondsSince1970);
 
-/// The moment of a DMTF text of full length, in microseconds since 1970; none for another text.
+/// The moment of a DMTF text of full length, in microseconds since 1970; none for another text. "+***" in the place of
+/// the offset is local time.
 std::optional<std::int64_t> MicrosecondsOfDmtf(std::u16string_view text);
 
 }  // namespace platform::wmi

@@ -1,5 +1,6 @@
 #include "platform/posix/wmi/condition.h"
 
+#include <algorithm>
 #include <compare>
 #include <utility>
 
@@ -201,6 +202,22 @@ WmiStatus BindCondition(const Condition& condition, const ClassInfo& classInfo, 
 bool Matches(const BoundCondition& condition, const void* row) {
     RowReader reader{.row = row, .value = {}};
     return Evaluate(condition, reader) == true;
+}
+
+bool CanMatch(const BoundCondition& condition) {
+    switch (condition.form) {
+        case BoundCondition::Form::comparison:
+            return condition.comparison.property != nullptr || condition.comparison.constant == true;
+        case BoundCondition::Form::conjunction:
+            return std::all_of(condition.operands.begin(), condition.operands.end(), CanMatch);
+        case BoundCondition::Form::disjunction:
+            return std::any_of(condition.operands.begin(), condition.operands.end(), CanMatch);
+        default:
+            break;
+    }
+    const BoundCondition& negated = condition.operands.front();
+    const bool isConstant = negated.form == BoundCondition::Form::comparison && negated.comparison.property == nullptr;
+    return !isConstant || negated.comparison.constant == false;
 }
 
 std::uint32_t NeedsOf(const BoundCondition& condition) {

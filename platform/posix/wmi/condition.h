@@ -42,7 +42,10 @@ WmiStatus BindCondition(const Condition& condition, const ClassInfo& classInfo, 
 /// Whether an object's row record matches.
 bool Matches(const BoundCondition& condition, const void* row);
 
-/// Adds the needs of all properties in the condition.
+/// False when no object of the class can match, whatever its properties are: the condition asks for another class.
+bool CanMatch(const BoundCondition& condition);
+
+/// The needs of all properties in the condition.
 std::uint32_t NeedsOf(const BoundCondition& condition);
 
 /// What the condition lets each property be: the values of an equality; of AND those of either side, of OR those of

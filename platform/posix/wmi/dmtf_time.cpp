@@ -18,9 +18,10 @@ using Moment = sys_time<microseconds>;
 constexpr Moment earliest = sys_days(year(1) / 1 / 2);
 constexpr Moment latest = sys_days(year(9999) / 12 / 31) - microseconds(1);
 
-constexpr std::u16string_view form = u"dddddddddddddd.dddddd+ddd";
+constexpr std::u16string_view offsetForm = u"dddddddddddddd.dddddd+ddd";
+constexpr std::u16string_view formOfLocalTime = u"dddddddddddddd.dddddd+***";
 
-bool HasForm(std::u16string_view text) {
+bool HasForm(std::u16string_view text, std::u16string_view form) {
     return std::equal(text.begin(), text.end(), form.begin(), form.end(), [](char16_t unit, char16_t wanted) {
         if (wanted == u'd') return unit >= u'0' && unit <= u'9';
         return unit == wanted || (wanted == u'+' && unit == u'-');
@@ -61,15 +62,17 @@ std::u16string DmtfTime(std::int64_t microsecondsSince1970) {
 }
 
 std::optional<std::int64_t> MicrosecondsOfDmtf(std::u16string_view text) {
-    if (!HasForm(text)) return std::nullopt;
+    const bool isLocalTime = HasForm(text, formOfLocalTime);
+    if (!isLocalTime && !HasForm(text, offsetForm)) return std::nullopt;
     const year_month_day date(year(static_cast<int>(NumberAt(text, 0, 4))), month(NumberAt(text, 4, 2)),
                               day(NumberAt(text, 6, 2)));
     const hours hour(NumberAt(text, 8, 2));
     const minutes minute(NumberAt(text, 10, 2));
     const seconds second(NumberAt(text, 12, 2));
     if (!date.ok() || hour >= days(1) || minute >= hours(1) || second >= minutes(1)) return std::nullopt;
-    const minutes distance(NumberAt(text, 22, 3));
     const Moment local = sys_days(date) + hour + minute + second + microseconds(NumberAt(text, 15, 6));
+    if (isLocalTime) return (local - OffsetAt(local - OffsetAt(local))).time_since_epoch().count();
+    const minutes distance(NumberAt(text, 22, 3));
     return (text[21] == u'-' ? local + distance : local - distance).time_since_epoch().count();
 }
 

@@ -1,7 +1,10 @@
 // The operations of platform/wmi.h over the classes of this folder. There is no COM to bring up and one namespace,
 // ROOT\CIMV2 of this computer.
+#include <algorithm>
+#include <chrono>
 #include <memory>
 #include <new>
+#include <optional>
 #include <utility>
 #include <variant>
 
@@ -9,6 +12,7 @@
 #include "platform/posix/wmi/bounded_run.h"
 #include "platform/posix/wmi/class_tree.h"
 #include "platform/posix/wmi/query.h"
+#include "platform/posix/wmi_classes/host_names.h"
 
 namespace platform {
 
@@ -42,18 +46,20 @@ Kind* ThingOf(WmiHandle handle) {
     return handle == 0 ? nullptr : std::get_if<Kind>(reinterpret_cast<Thing*>(handle));
 }
 
-/// A path of a namespace without the computer's name before it; none when that is another computer's.
+/// A path of a namespace without the computer's name before it; none when that is another computer's. No resolver is
+/// asked: it may not answer.
 std::optional<std::u16string_view> WithoutServer(std::u16string_view path) {
     if (!path.starts_with(u"\\\\")) return path;
     path.remove_prefix(2);
     const std::u16string_view server = path.substr(0, path.find(u'\\'));
     path.remove_prefix(std::min(server.size() + 1, path.size()));
-    if (server == u"." || CompareNames(server, u"localhost") == 0) return path;
-    std::u16string ownName;
-    if (SystemFacts().GetComputerNameExW(ownName) != error::success) return std::nullopt;
-    const bool isOwn =
-        CompareNames(server, ownName) == 0 || CompareNames(server, ownName.substr(0, ownName.find(u'.'))) == 0;
-    return isOwn ? std::optional(path) : std::nullopt;
+    const std::u16string ownName = HostName();
+    for (const std::u16string_view own :
+         {std::u16string_view(u"."), std::u16string_view(u"localhost"), std::u16string_view(u"127.0.0.1"),
+          std::u16string_view(u"::1"), std::u16string_view(ownName)}) {
+        if (CompareNames(server, own) == 0) return path;
+    }
+    return std::nullopt;
 }
 
 WmiStatus CoCreateInstance(WmiHandle& locator) {

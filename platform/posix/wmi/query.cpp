@@ -1,6 +1,7 @@
 #include "platform/posix/wmi/query.h"
 
 #include <algorithm>
+#include <ctime>
 #include <utility>
 
 #include "platform/posix/wmi/class_tree.h"
@@ -52,15 +53,14 @@ ResultObject ObjectOf(const ClassQuery& query, const void* row) {
     return object;
 }
 
-/// Runs one class's gather; wantsMore is cleared when the sink has had enough.
-WmiStatus GatherClass(const ClassQuery& query, const ResultSink& sink, bool& wantsMore) {
+WmiStatus GatherClass(const ClassQuery& query, const ResultSink& sink) {
     Gathering gathering;
     gathering.needs = NeedsOf(query);
     if (query.where) gathering.restrictions = RestrictionsOf(*query.where);
     gathering.notice = sink.notice;
     gathering.row = [&](const void* row) {
-        if (!query.where || Matches(*query.where, row)) wantsMore = sink.object(ObjectOf(query, row));
-        return wantsMore;
+        if (!query.where || Matches(*query.where, row)) sink.object(ObjectOf(query, row));
+        return sink.wantsMore();
     };
     return query.classInfo->gather(gathering);
 }
@@ -86,19 +86,21 @@ WmiStatus PrepareQuery(std::u16string_view text, BoundQuery& query) {
     if (IsFailure(status)) return status;
     for (const ClassInfo* candidate : AllClasses()) {
         if (candidate->gather == nullptr || !IsA(*candidate, named->name)) continue;
-        status = BindClass(parsed, *candidate, query.parts.emplace_back());
+        ClassQuery part;
+        status = BindClass(parsed, *candidate, part);
         if (IsFailure(status)) return status;
+        if (!part.where || CanMatch(*part.where)) query.parts.push_back(std::move(part));
     }
     return wmi_status::ok;
 }
 
 WmiStatus RunQuery(const BoundQuery& query, const ResultSink& sink) {
-    bool wantsMore = true;
-    WmiStatus status = wmi_status::ok;
-    for (auto part = query.parts.begin(); part != query.parts.end() && wantsMore && !IsFailure(status); ++part) {
-        status = GatherClass(*part, sink, wantsMore);
+    tzset();  // the computer may have another time zone by now
+    for (const ClassQuery& part : query.parts) {
+        const WmiStatus status = GatherClass(part, sink);
+        if (IsFailure(status) || !sink.wantsMore()) return status;
     }
-    return status;
+    return wmi_status::ok;
 }
 
 }  // namespace platform::wmi

@@ -36,8 +36,9 @@ struct ResultProperty {
 using ResultObject = std::vector<ResultProperty>;
 
 struct ResultSink {
-    std::function<bool(ResultObject object)> object;  // false: no further objects are wanted
-    std::function<void(std::string text)> notice;     // UTF-8
+    std::function<void(ResultObject object)> object;
+    std::function<bool()> wantsMore;               // false: nobody waits for further objects
+    std::function<void(std::string text)> notice;  // UTF-8
 };
 
 /// Parses and binds. The failures of ParseWql and BindCondition; invalidClass for a class that is not there,

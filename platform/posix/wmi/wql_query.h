@@ -5,7 +5,7 @@
 //     conjunction = negation { AND negation }
 //     negation   = NOT negation | "(" condition ")" | comparison
 //     comparison = property operator literal | literal operator property | property [ NOT ] LIKE string
-//                | property IS [ NOT ] NULL | ( property | __THIS ) ISA string
+//                | property IS [ NOT ] NULL | __THIS ISA string
 //     operator   = "=" | "<>" | "!=" | "<" | ">" | "<=" | ">="
 //     literal    = string | number | TRUE | FALSE | NULL
 //

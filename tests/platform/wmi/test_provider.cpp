@@ -32,6 +32,8 @@ TEST_F(WmiProvider, RefusesWhatItCannotAnswer) {
         {"as a plan has it", u"ROOT\\CIMV2", "SELECT Name FROM Win32_OperatingSystem", wmi_status::ok},
         {"other slashes and letters", u"root/cimv2", "select name from win32_operatingsystem", wmi_status::ok},
         {"this computer by a dot", u"\\\\.\\root\\cimv2", "SELECT Name FROM Win32_LocalTime", wmi_status::invalidQuery},
+        {"this computer by its address", u"\\\\127.0.0.1\\ROOT\\cimv2", "SELECT Year FROM Win32_LocalTime",
+         wmi_status::ok},
         {"another computer", u"\\\\elsewhere.example\\root\\cimv2", "SELECT * FROM X", wmi_status::serverUnavailable},
         {"another namespace", u"ROOT\\WMI", "SELECT * FROM X", wmi_status::invalidNamespace},
         {"a namespace cut short", u"ROOT", "SELECT * FROM X", wmi_status::invalidNamespace},
@@ -60,7 +62,13 @@ TEST_F(WmiProvider, AnAbstractClassStandsForItsSubclasses) {
     const WmiResult timeOnly = RunWmiQuery("SELECT * FROM CIM_Setting WHERE __CLASS = 'Win32_TimeZone'");
     ASSERT_EQ(timeOnly.rows.size(), 1u);
     EXPECT_NE(TextOf(timeOnly.rows[0], "Bias"), "(none)");
-    const WmiResult drives = RunWmiQuery("SELECT DeviceID FROM CIM_LogicalDevice WHERE __THIS ISA 'CIM_LogicalDisk'");
+    BoundQuery bound;
+    const char16_t* disksOnly =
+        u"SELECT DeviceID FROM CIM_LogicalDevice WHERE Name <> '' AND NOT (__THIS ISA 'CIM_Chip')"
+        u" AND (__THIS ISA 'CIM_LogicalDisk' OR __CLASS = 'X')";
+    ASSERT_EQ(PrepareQuery(disksOnly, bound), wmi_status::ok);
+    EXPECT_EQ(bound.parts.size(), 1u) << "other classes are not read at all";
+    const WmiResult drives = RunWmiQuery(Utf8FromWide(disksOnly));
     EXPECT_EQ(drives.rows.size(), RunWmiQuery("SELECT DeviceID FROM Win32_LogicalDisk").rows.size());
 }
 
@@ -83,7 +91,7 @@ TEST_F(WmiProvider, WorkThatNeverEndsIsGivenUp) {
     const auto work = [&](const ResultSink& sink) {
         sink.object({{u"Name", Variant{}}});
         release.acquire();
-        const bool wanted = sink.object({});
+        const bool wanted = sink.wantsMore();
         ended.release();
         return wanted ? wmi_status::failed : wmi_status::ok;
     };
