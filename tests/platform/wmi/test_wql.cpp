@@ -257,7 +257,9 @@ TEST(WmiValues, MomentsAreLocal) {
     EXPECT_EQ(DmtfTime(32'503'680'000'000'000), u"29991231203000.000000-210");
     EXPECT_EQ(DmtfTime(farthest), u"99991230202959.999999-210");
     EXPECT_EQ(DmtfTime(-farthest), u"00010101203000.000000-210");
-    EXPECT_EQ(MicrosecondsOfDmtf(u"20231114184320.000001-210"), 1'700'000'000'000'001);
+    for (const auto* text : {u"20231114184320.000001-210", u"20231114184320.000001+***"}) {
+        EXPECT_EQ(MicrosecondsOfDmtf(text), 1'700'000'000'000'001) << Utf8FromWide(text);
+    }
     for (const auto* text : {u"20231114184320.000001-21", u"20231114184320,000001-210", u"20231114240000.000000+000",
                              u"00000007000000.000000:000", u"20231114******.******+***"}) {
         EXPECT_EQ(MicrosecondsOfDmtf(text), std::nullopt) << Utf8FromWide(text);
