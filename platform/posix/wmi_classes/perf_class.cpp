@@ -15,8 +15,6 @@ namespace {
 
 using enum CimType;
 
-constexpr std::uint64_t second = 10'000'000;
-
 /// Where the agent's epoch lies in that of Windows, 1601.
 constexpr std::uint64_t unixEpoch = 116'444'736'000'000'000;
 
@@ -29,11 +27,18 @@ bool IsAverage(CounterKind kind) {
 /// Whether a percentage is one of something that all objects have alike.
 bool IsPercentOfTime(CounterKind kind) {
     return kind == CounterKind::percentOfTime || kind == CounterKind::percentOfTimestamp ||
-           kind == CounterKind::percentOfTimeLeft;
+           kind == CounterKind::percentOfTimeLeft || kind == CounterKind::percentOfTimestampLeft ||
+           kind == CounterKind::percentOfOperations;
+}
+
+/// Whether raw percentages are to be divided by the growth of the wall clock.
+bool HasTimestamp(CounterKind kind) {
+    return kind == CounterKind::percentOfTimestamp || kind == CounterKind::percentOfTimestampLeft ||
+           kind == CounterKind::percentOfOperations;
 }
 
 std::optional<CimType> BaseTypeOf(CounterKind kind) {
-    if (kind == CounterKind::percentOfTimestamp) return uint64;
+    if (HasTimestamp(kind)) return uint64;
     if (IsAverage(kind)) return uint32;
     return std::nullopt;
 }
@@ -42,42 +47,54 @@ double Difference(std::uint64_t later, std::uint64_t earlier) {
     return static_cast<double>(later) - static_cast<double>(earlier);
 }
 
+/// The growth of a value, which may have begun anew at its period.
+std::uint64_t GrowthOf(std::uint64_t before, std::uint64_t now, std::uint64_t period) {
+    return now >= before || period == 0 ? now - before : period - (before - now) % period;
+}
+
 /// From where the growth of a counter counts.
-CounterState StartOf(CounterKind kind, const CounterState* before, const CounterState& now, std::uint64_t birth) {
+CounterState StartOf(CounterKind kind, const CounterState* before, const CounterState& now, std::uint64_t birth,
+                     std::uint64_t period) {
     if (before != nullptr && before->base <= now.base) {
-        if (before->value <= now.value) return *before;
-        const bool isStill = IsPercentOfTime(kind) && before->value - now.value <= second;
-        if (isStill) return {before->time, now.value, now.base};
+        const bool hasGrown = before->value <= now.value || GrowthOf(before->value, now.value, period) < period / 2;
+        if (hasGrown) return *before;
+        const bool isStill = IsPercentOfTime(kind) && before->value - now.value <= unitsOfSecond;
+        if (isStill) return {before->time, now.value, before->base};
     }
-    return {std::min(birth, now.time - std::min(now.time, second))};
+    return {std::min(birth, now.time - std::min(now.time, unitsOfSecond))};
 }
 
 }  // namespace
 
-Quotient QuotientBetween(CounterKind kind, const CounterState* before, const CounterState& now, std::uint64_t birth) {
-    const CounterState start = StartOf(kind, before, now, birth);
+Quotient QuotientBetween(CounterKind kind, const CounterState* before, const CounterState& now, std::uint64_t birth,
+                         std::uint64_t period) {
+    const CounterState start = StartOf(kind, before, now, birth, period);
     const double time = Difference(now.time, start.time);
-    const double growth = Difference(now.value, start.value);
+    const auto growth = static_cast<double>(GrowthOf(start.value, now.value, period));
     const double baseGrowth = Difference(now.base, start.base);
     switch (kind) {
         case CounterKind::rate:
-            return {growth * second, time};
+            return {growth * unitsOfSecond, time};
         case CounterKind::percentOfTime:
+            return {growth * wholePercent, baseGrowth};
+        case CounterKind::percentOfTimeLeft:
+            return {(baseGrowth - growth) * wholePercent, baseGrowth};
         case CounterKind::percentOfTimestamp:
+        case CounterKind::percentOfOperations:
         case CounterKind::percentOfProcessors:
             return {growth * wholePercent, time};
-        case CounterKind::percentOfTimeLeft:
+        case CounterKind::percentOfTimestampLeft:
             return {(time - growth) * wholePercent, time};
         case CounterKind::fraction:
             return {static_cast<double>(now.value) * wholePercent, static_cast<double>(now.base)};
         case CounterKind::averageTime:
-            return {growth / second, baseGrowth};
+            return {growth / unitsOfSecond, baseGrowth};
         case CounterKind::averageAmount:
             return {growth, baseGrowth};
         case CounterKind::queueLength:
             return {growth, time};
         case CounterKind::elapsedTime:
-            return {Difference(std::max(now.time, now.value), now.value), second};
+            return {Difference(std::max(now.time, now.value), now.value), unitsOfSecond};
         default:
             return {static_cast<double>(now.value), 1};
     }
@@ -85,6 +102,7 @@ Quotient QuotientBetween(CounterKind kind, const CounterState* before, const Cou
 
 double FigureOf(CounterKind kind, const Quotient& quotient, unsigned processors) {
     const double figure = quotient.per > 0 ? quotient.amount / quotient.per : 0;
+    if (kind == CounterKind::percentOfOperations) return figure;
     if (IsPercentOfTime(kind)) return std::clamp(figure, 0.0, wholePercent);
     if (kind == CounterKind::percentOfProcessors) return std::min(figure, wholePercent * processors);
     return figure;
@@ -126,7 +144,7 @@ std::vector<ReadingsPtr> TakeBases(std::vector<ReadingsPtr>& samples, const Read
     std::vector<ReadingsPtr> bases;
     bool isNeeded = true;
     for (auto at = samples.rbegin(); at != samples.rend(); ++at) {
-        const bool isOldEnough = (*at)->time + second <= newest->time;
+        const bool isOldEnough = (*at)->time + unitsOfSecond <= newest->time;
         if (isOldEnough) bases.push_back(*at);
         if (!isOldEnough && Covers(**at, newest->needs)) isNeeded = false;
     }
@@ -140,41 +158,45 @@ std::vector<ReadingsPtr> TakeBases(std::vector<ReadingsPtr>& samples, const Read
     return bases;
 }
 
-void PerfSampling::add(PerfRow object, const void* row, std::uint64_t time) {
+void PerfSampling::add(PerfObject object, const void* row, std::uint64_t time) {
     const auto readings = std::make_shared<Readings>();
     readings->time = time;
     readings->needs = needs;
     readings->values.reserve(perfClass.counters.size());
     for (const CounterInfo& counter : perfClass.counters) {
-        const bool isAsked = counter.value != nullptr && (counter.needs & ~needs) == 0;
-        readings->values.push_back(isAsked ? counter.value(row).value_or(Readings::unread) : Readings::unread);
+        const bool isRead = counter.value != nullptr && (counter.needs & ~needs) == 0;
+        readings->values.push_back(isRead ? counter.value(row).value_or(Readings::unread) : Readings::unread);
         if (counter.base == nullptr) continue;
         readings->bases.resize(perfClass.counters.size());
-        if (isAsked) readings->bases[readings->values.size() - 1] = counter.base(row).value_or(0);
+        if (isRead) readings->bases[readings->values.size() - 1] = counter.base(row).value_or(0);
     }
-    object.sampling = this;
-    object.now = readings;
-    rows.push_back(std::move(object));
+    PerfRow& added = rows.emplace_back();
+    added.sampling = this;
+    added.object = std::move(object);
+    added.now = readings;
 }
 
 void PerfHistory::exchange(PerfSampling& sampling) {
     const std::lock_guard lock(mutex);
     std::unordered_set<std::string_view> keys;
     for (PerfRow& row : sampling.rows) {
-        keys.insert(row.key);
-        Object& object = objects[row.key];
-        if (object.generation != row.generation) object = {row.generation, {}};
+        keys.insert(row.object.key);
+        Object& object = objects[row.object.key];
+        if (object.generation != row.object.generation) object = {row.object.generation, {}};
         row.bases = TakeBases(object.samples, row.now);
     }
-    if (sampling.isWhole) std::erase_if(objects, [&](const auto& object) { return !keys.contains(object.first); });
-    for (const std::string& key : sampling.absentKeys) objects.erase(key);
+    std::erase_if(objects, [&](const auto& object) {
+        return !keys.contains(object.first) && (!sampling.isAsked || sampling.isAsked(object.first));
+    });
 }
+
+std::uint64_t TimeOfTicks(std::uint64_t ticks) { return ticks * (unitsOfSecond / ClockTicksPerSecond()); }
 
 std::uint64_t TimeSinceStart() {
     constexpr std::uint64_t nanosecondsOfUnit = 100;
     timespec time{};
     clock_gettime(CLOCK_BOOTTIME, &time);
-    return static_cast<std::uint64_t>(time.tv_sec) * second +
+    return static_cast<std::uint64_t>(time.tv_sec) * unitsOfSecond +
            static_cast<std::uint64_t>(time.tv_nsec) / nanosecondsOfUnit;
 }
 
@@ -191,8 +213,8 @@ std::optional<Quotient> QuotientIn(const PerfRow& row, std::size_t counter) {
     if (!now) return std::nullopt;
     std::optional<CounterState> before;
     for (auto base = row.bases.begin(); base != row.bases.end() && !before; ++base) before = (*base)->stateOf(counter);
-    const CounterKind kind = row.sampling->perfClass.counters[counter].kind;
-    return QuotientBetween(kind, before ? &*before : nullptr, *now, row.birth);
+    const CounterInfo& info = row.sampling->perfClass.counters[counter];
+    return QuotientBetween(info.kind, before ? &*before : nullptr, *now, row.object.birth, info.period);
 }
 
 /// Rounded, and no more than the type holds.
@@ -217,14 +239,22 @@ CimValue ReadFigure(const void* record, const PropertyInfo& property) {
     return WholeFigure(property.type, figure);
 }
 
-/// A counter as it stands; of all objects the sum, or for percentages of time the mean.
+/// A counter of one object as it stands.
+std::optional<CounterState> RawStateOf(const Readings& readings, std::size_t counter, CounterKind kind) {
+    std::optional<CounterState> state = readings.stateOf(counter);
+    if (state && kind == CounterKind::percentOfTimestampLeft)
+        state->value = state->time - std::min(state->time, state->value);
+    return state;
+}
+
+/// The same; of all objects the sum, or for percentages of time the mean.
 std::optional<CounterState> RawStateIn(const PerfRow& row, std::size_t counter) {
-    if (!row.isTotal) return row.now->stateOf(counter);
     const CounterKind kind = row.sampling->perfClass.counters[counter].kind;
+    if (!row.isTotal) return RawStateOf(*row.now, counter, kind);
     CounterState total;
     std::uint64_t count = 0;
     for (const PerfRow& part : row.sampling->rows) {
-        const std::optional<CounterState> state = part.now->stateOf(counter);
+        const std::optional<CounterState> state = RawStateOf(*part.now, counter, kind);
         if (!state) continue;
         total.value += state->value;
         total.base += state->base;
@@ -250,11 +280,11 @@ CimValue ReadRawBase(const void* record, const PropertyInfo& property) {
     const PerfRow& row = PerfRowAt(record);
     const std::optional<CounterState> state = RawStateIn(row, property.index);
     if (!state) return {};
-    return CounterOf(row, property).kind == CounterKind::percentOfTimestamp ? WallTimeOf(row) : state->base;
+    return HasTimestamp(CounterOf(row, property).kind) ? WallTimeOf(row) : state->base;
 }
 
-CimValue ReadName(const void* record, const PropertyInfo&) { return PerfRowAt(record).name; }
-CimValue ReadFrequency(const void*, const PropertyInfo&) { return second; }
+CimValue ReadName(const void* record, const PropertyInfo&) { return PerfRowAt(record).object.name; }
+CimValue ReadFrequency(const void*, const PropertyInfo&) { return unitsOfSecond; }
 CimValue ReadTimeSinceStart(const void* record, const PropertyInfo&) { return PerfRowAt(record).now->time; }
 CimValue ReadWallTime(const void* record, const PropertyInfo&) { return WallTimeOf(PerfRowAt(record)); }
 
@@ -328,7 +358,6 @@ void PerfDeclaration::add(const PerfClass& perfClass, GatherRoutine raw, GatherR
 }
 
 WmiStatus GatherPerformance(const PerfClass& perfClass, PerfHistory* history, const Gathering& gathering) {
-    constexpr std::uint64_t unitsOfMillisecond = 10'000;
     PerfSampling sampling(perfClass);
     sampling.needs = gathering.needs;
     sampling.systemStart = unixEpoch + static_cast<std::uint64_t>(SystemStartMilliseconds()) * unitsOfMillisecond;
@@ -338,10 +367,10 @@ WmiStatus GatherPerformance(const PerfClass& perfClass, PerfHistory* history, co
     for (const PerfRow& row : sampling.rows) {
         if (!gathering.row(&row)) return status;
     }
-    if (!perfClass.hasTotal || !sampling.isWhole || sampling.rows.empty()) return status;
+    if (!perfClass.hasTotal || sampling.isAsked || sampling.rows.empty()) return status;
     PerfRow total;
     total.sampling = &sampling;
-    total.name = "_Total";
+    total.object.name = "_Total";
     total.now = sampling.rows.back().now;
     total.isTotal = true;
     gathering.row(&total);

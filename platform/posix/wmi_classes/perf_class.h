@@ -3,9 +3,12 @@
 //
 // A class keeps its samples itself: each query of the formatted class takes one, and the newest that is at least a
 // second older is the base of its figures. Less is too short to tell anything; so a query within a second of the last
-// sample leaves none behind. Where there is no base, for the first query of all, an object that was not there, or a
-// counter that went back, the figure is that since the object came to be: the system's start, or the process's. Of what
-// is no longer there the samples are dropped.
+// sample leaves none behind, unless it reads what that one did not. Where there is no base, for the first query of all,
+// an object that was not there, or a counter that went back, the figure is that since the object came to be: the
+// system's start, or the process's. Of what a query asks for and does not find the samples are dropped.
+//
+// Some of the kernel's counters begin anew at 32 bits. From one sample to the next they are followed past that; since
+// the system's start they are not, nor in the raw class.
 //
 // The figures of _Total come from those of the objects and not from a sum of counters, which would jump whenever a disk
 // appears or a process ends.
@@ -14,6 +17,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -28,20 +32,29 @@
 
 namespace platform::wmi {
 
-/// What a counter holds, and how its formatted figure comes of it. Times are in units of 100 ns.
+/// Times are in units of 100 ns.
+inline constexpr std::uint64_t unitsOfSecond = 10'000'000;
+inline constexpr std::uint64_t unitsOfMillisecond = 10'000;
+
+/// Of the kernel's ticks.
+std::uint64_t TimeOfTicks(std::uint64_t ticks);
+
+/// What a counter holds, and how its formatted figure comes of it.
 enum class CounterKind {
-    value,                // the figure as it stands
-    label,                // the same, but one that does not add up: 0 in _Total
-    rate,                 // growth in a second
-    percentOfTime,        // growth, a time, in percent of the time gone by, at most 100
-    percentOfTimestamp,   // the same; in the raw class with that time as its base
-    percentOfTimeLeft,    // what percentOfTime leaves of 100
-    percentOfProcessors,  // as percentOfTime, at most 100 for each processor
-    fraction,             // percent that the value is of the base
-    averageTime,          // growth, a time, for each growth of the base by one, in seconds
-    averageAmount,        // growth for each growth of the base by one
-    queueLength,          // growth, a time added up over all that waited, in parts of the time gone by
-    elapsedTime,          // the value is a moment since the system's start; seconds since. None in _Total
+    value,                   // the figure as it stands
+    label,                   // the same, but one that does not add up: 0 in _Total
+    rate,                    // growth in a second
+    percentOfTime,           // growth, a time, in percent of that of the base, at most 100
+    percentOfTimeLeft,       // what percentOfTime leaves of 100
+    percentOfTimestamp,      // growth, a time, in percent of the time gone by, at most 100
+    percentOfTimestampLeft,  // what percentOfTimestamp leaves of 100; in the raw class the time that is left
+    percentOfOperations,     // as percentOfTimestamp, of a time added up over all that waited, without an end at 100
+    percentOfProcessors,     // growth, a time, in percent of the time gone by, at most 100 for each processor
+    fraction,                // percent that the value is of the base
+    averageTime,             // growth, a time, for each growth of the base by one, in seconds
+    averageAmount,           // growth for each growth of the base by one
+    queueLength,             // growth, a time added up over all that waited, in parts of the time gone by
+    elapsedTime,             // the value is a moment since the system's start; seconds since. None in _Total
 };
 
 using CounterRead = std::optional<std::uint64_t> (*)(const void* row);
@@ -54,7 +67,8 @@ struct CounterInfo {
     std::uint32_t needs = 0;      // as those of a property
     std::string_view meaning;     // unit and source; empty where nothing here gives a value
     CounterRead value = nullptr;  // none: always NULL
-    CounterRead base = nullptr;   // for fraction and the averages; <name>_Base in the raw class
+    CounterRead base = nullptr;   // for percentages of a base's time, fraction and averages; of these <name>_Base
+    std::uint64_t period = 0;     // where the value begins at 0 again; 0: nowhere
 
     /// A counter without a counterpart on this system. Its kind tells whether it has a base.
     constexpr CounterInfo(std::u16string_view counterName, CimType counterType,
@@ -64,14 +78,16 @@ struct CounterInfo {
     /// A counter whose value, and base where its kind has one, stateless routines take from the row record.
     template <class Read, class ReadBase = std::nullptr_t>
     constexpr CounterInfo(std::u16string_view counterName, CimType counterType, CounterKind counterKind,
-                          std::uint32_t needed, std::string_view whatItMeans, Read read, ReadBase readBase = {})
+                          std::uint32_t needed, std::string_view whatItMeans, Read read, ReadBase readBase = {},
+                          std::uint64_t wholePeriod = 0)
         : name(counterName),
           type(counterType),
           kind(counterKind),
           needs(needed),
           meaning(whatItMeans),
           value(ReadBy(read)),
-          base(ReadBy(readBase)) {}
+          base(ReadBy(readBase)),
+          period(wholePeriod) {}
 
   private:
     static constexpr CounterRead ReadBy(std::nullptr_t) { return nullptr; }
@@ -98,8 +114,10 @@ struct Quotient {
 
 /// What has come to pass between two moments. Without an earlier one, or when value or base have gone back, it is what
 /// has since the birth, a moment since the system's start, taken as a second at least. Times that go back a little, as
-/// the kernel's idle times do, stand still.
-Quotient QuotientBetween(CounterKind kind, const CounterState* before, const CounterState& now, std::uint64_t birth);
+/// the kernel's idle times do, stand still. A value that began anew at its period has grown on, by less than half of
+/// it.
+Quotient QuotientBetween(CounterKind kind, const CounterState* before, const CounterState& now, std::uint64_t birth,
+                         std::uint64_t period = 0);
 
 /// The figure of one object; 0 where there is nothing to divide by. Percentages of time end at 100, or at 100 for each
 /// of the processors.
@@ -127,15 +145,20 @@ using ReadingsPtr = std::shared_ptr<const Readings>;
 /// those are dropped that no later query can need.
 std::vector<ReadingsPtr> TakeBases(std::vector<ReadingsPtr>& samples, const ReadingsPtr& newest);
 
+/// An object that has counters.
+struct PerfObject {
+    std::string name;              // UTF-8
+    std::string key;               // what tells the objects of the class apart
+    std::uint64_t generation = 0;  // what tells apart objects that have the same key one after the other
+    std::uint64_t birth = 0;       // when it began to count, since the system's start
+};
+
 struct PerfSampling;
 
 /// One object in the hands of a query.
 struct PerfRow {
     const PerfSampling* sampling = nullptr;
-    std::string name;              // UTF-8
-    std::string key;               // what tells the objects of the class apart
-    std::uint64_t generation = 0;  // what tells apart objects that have the same key one after the other
-    std::uint64_t birth = 0;       // when it began to count, since the system's start
+    PerfObject object;
     ReadingsPtr now;
     std::vector<ReadingsPtr> bases;  // newest first
     bool isTotal = false;
@@ -149,14 +172,15 @@ struct PerfSampling {
     std::uint32_t needs = 0;
     std::uint64_t systemStart = 0;  // in units of 100 ns since 1601
     unsigned processors = 1;        // for percentOfProcessors
-    bool isWhole = true;            // false: only objects that WHERE names were read, so that there is no _Total
     std::vector<PerfRow> rows;
-    std::vector<std::string> absentKeys;  // of objects that WHERE names and that are not there
+
+    /// Set where only objects that WHERE names are read, so that there is no _Total: whether an object is one of them.
+    std::function<bool(const std::string& key)> isAsked;
 
     explicit PerfSampling(const PerfClass& sampledClass) : perfClass(sampledClass) {}
 
-    /// Reads the counters that are asked for from a row record. The object's now, sampling and bases are filled in.
-    void add(PerfRow object, const void* row, std::uint64_t time);
+    /// Reads the counters that are asked for from a row record.
+    void add(PerfObject object, const void* row, std::uint64_t time);
 };
 
 struct PerfClass {
@@ -177,7 +201,7 @@ struct PerfHistory {
     std::mutex mutex;
     std::unordered_map<std::string, Object> objects;
 
-    /// Gives each row its bases, adds the rows' samples, and drops those of what is no longer there.
+    /// Gives each row its bases, adds the rows' samples, and drops those of what was asked for and is not there.
     void exchange(PerfSampling& sampling);
 };
 

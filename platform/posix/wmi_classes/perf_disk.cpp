@@ -1,9 +1,12 @@
 // PerfDisk_LogicalDisk and PerfDisk_PhysicalDisk, of /proc/diskstats and the mounts' space.
 //
 // The time a disk is busy is known as such, so that PercentDiskTime is that and not, as elsewhere, the time of all
-// operations added up. Of reading and of writing alone only those sums are known.
+// operations added up. Of reading and of writing alone only those sums are known, which go above 100.
 #include <algorithm>
+#include <array>
+#include <functional>
 #include <unordered_map>
+#include <utility>
 
 #include "platform/posix/wmi/class_tree.h"
 #include "platform/posix/wmi/system_text.h"
@@ -26,12 +29,13 @@ struct Need {
 struct Row {
     std::optional<DiskCounters> io;  // none: not asked for, or the file system lies on no block device
     std::optional<FileSystemSpace> space;
-    std::uint64_t time = 0;  // of the reading, since the system's start, in units of 100 ns
 };
 
 using Number = std::optional<std::uint64_t>;
 
-constexpr std::uint64_t unitsOfMillisecond = 10'000;
+/// Where the kernel's times of operations begin anew: they are 32 bits of milliseconds.
+constexpr std::uint64_t timePeriod = (std::uint64_t{1} << 32) * unitsOfMillisecond;
+
 constexpr std::uint64_t sectorSize = 512;
 
 template <class Figure>
@@ -66,44 +70,35 @@ constexpr auto operationTimeIn = [](const Row& row) {
 constexpr auto busyTimeIn = [](const Row& row) {
     return Io(row, [](const auto& io) { return io.busyMilliseconds * unitsOfMillisecond; });
 };
-constexpr auto idleTimeIn = [](const Row& row) {
-    return Io(row,
-              [&](const auto& io) { return row.time - std::min(row.time, io.busyMilliseconds * unitsOfMillisecond); });
-};
 
-/// A number of bytes in the smallest unit in which the whole fits into the 32 bits of a raw counter.
-Number Scaled(std::uint64_t bytes, std::uint64_t whole) {
-    constexpr std::uint64_t step = 1024;
-    for (; whole > UINT32_MAX; whole /= step) bytes /= step;
-    return bytes;
-}
+constexpr std::uint64_t megabyte = std::uint64_t{1024} * 1024;
 
-Number FreeSpaceIn(const Row& row) {
-    return row.space ? Scaled(row.space->available, row.space->usableSize()) : std::nullopt;
+Number FreeMegabytesIn(const Row& row) { return row.space ? Number(row.space->available / megabyte) : std::nullopt; }
+Number WholeMegabytesIn(const Row& row) {
+    return row.space ? Number(row.space->usableSize() / megabyte) : std::nullopt;
 }
-Number WholeSpaceIn(const Row& row) {
-    return row.space ? Scaled(row.space->usableSize(), row.space->usableSize()) : std::nullopt;
-}
-Number FreeMegabytesIn(const Row& row) {
-    constexpr std::uint64_t megabyte = std::uint64_t{1024} * 1024;
-    return row.space ? Number(row.space->available / megabyte) : std::nullopt;
+/// None where there is no megabyte to be free: such a file system is not full.
+Number FreeShareIn(const Row& row) {
+    return WholeMegabytesIn(row).value_or(0) > 0 ? FreeMegabytesIn(row) : std::nullopt;
 }
 
 // clang-format off
-constexpr CounterInfo counters[] = {
+constexpr CounterInfo spaceCounters[] = {
     {u"FreeMegabytes", uint32, value, Need::space, "MB that ordinary users may use", [](const Row& row) { return FreeMegabytesIn(row); }},
-    {u"PercentFreeSpace", uint32, fraction, Need::space, "what ordinary users may use, of that and what is used",
-        [](const Row& row) { return FreeSpaceIn(row); }, [](const Row& row) { return WholeSpaceIn(row); }},
+    {u"PercentFreeSpace", uint32, fraction, Need::space, "MB that ordinary users may use, of these and those used",
+        [](const Row& row) { return FreeShareIn(row); }, [](const Row& row) { return WholeMegabytesIn(row); }},
+};
 
+constexpr CounterInfo ioCounters[] = {
     {u"AvgDiskBytesPerRead", uint64, averageAmount, Need::io, "bytes", bytesReadIn, readsIn},
     {u"AvgDiskBytesPerTransfer", uint64, averageAmount, Need::io, "bytes", bytesIn, transfersIn},
     {u"AvgDiskBytesPerWrite", uint64, averageAmount, Need::io, "bytes", bytesWrittenIn, writesIn},
-    {u"AvgDiskQueueLength", uint64, queueLength, Need::io, "reads and writes under way, the mean", operationTimeIn},
-    {u"AvgDiskReadQueueLength", uint64, queueLength, Need::io, "reads under way, the mean", readTimeIn},
-    {u"AvgDisksecPerRead", uint32, averageTime, Need::io, "seconds; the raw counter in 100 ns", readTimeIn, readsIn},
-    {u"AvgDisksecPerTransfer", uint32, averageTime, Need::io, "seconds; the raw counter in 100 ns", operationTimeIn, transfersIn},
-    {u"AvgDisksecPerWrite", uint32, averageTime, Need::io, "seconds; the raw counter in 100 ns", writeTimeIn, writesIn},
-    {u"AvgDiskWriteQueueLength", uint64, queueLength, Need::io, "writes under way, the mean", writeTimeIn},
+    {u"AvgDiskQueueLength", uint64, queueLength, Need::io, "reads and writes under way, the mean", operationTimeIn, nullptr, timePeriod},
+    {u"AvgDiskReadQueueLength", uint64, queueLength, Need::io, "reads under way, the mean", readTimeIn, nullptr, timePeriod},
+    {u"AvgDisksecPerRead", uint32, averageTime, Need::io, "seconds; the raw counter in 100 ns", readTimeIn, readsIn, timePeriod},
+    {u"AvgDisksecPerTransfer", uint32, averageTime, Need::io, "seconds; the raw counter in 100 ns", operationTimeIn, transfersIn, timePeriod},
+    {u"AvgDisksecPerWrite", uint32, averageTime, Need::io, "seconds; the raw counter in 100 ns", writeTimeIn, writesIn, timePeriod},
+    {u"AvgDiskWriteQueueLength", uint64, queueLength, Need::io, "writes under way, the mean", writeTimeIn, nullptr, timePeriod},
     {u"CurrentDiskQueueLength", uint32, value, Need::io, "operations under way now",
         [](const Row& row) { return Io(row, [](const auto& io) { return io.inFlight; }); }},
     {u"DiskBytesPersec", uint64, rate, Need::io, "bytes", bytesIn},
@@ -112,24 +107,33 @@ constexpr CounterInfo counters[] = {
     {u"DiskTransfersPersec", uint32, rate, Need::io, "reads and writes done", transfersIn},
     {u"DiskWriteBytesPersec", uint64, rate, Need::io, "bytes", bytesWrittenIn},
     {u"DiskWritesPersec", uint32, rate, Need::io, "writes done", writesIn},
-    {u"PercentDiskReadTime", uint64, percentOfTimestamp, Need::io, "time of all reads", readTimeIn},
-    {u"PercentDiskTime", uint64, percentOfTimestamp, Need::io, "time with any operation under way", busyTimeIn},
-    {u"PercentDiskWriteTime", uint64, percentOfTimestamp, Need::io, "time of all writes", writeTimeIn},
-    {u"PercentIdleTime", uint64, percentOfTimestamp, Need::io, "time with no operation under way", idleTimeIn},
+    {u"PercentDiskReadTime", uint64, percentOfOperations, Need::io, "time of all reads", readTimeIn, nullptr, timePeriod},
+    {u"PercentDiskTime", uint64, percentOfTimestamp, Need::io, "time with any operation under way", busyTimeIn, nullptr, timePeriod},
+    {u"PercentDiskWriteTime", uint64, percentOfOperations, Need::io, "time of all writes", writeTimeIn, nullptr, timePeriod},
+    {u"PercentIdleTime", uint64, percentOfTimestampLeft, Need::io, "time with no operation under way", busyTimeIn, nullptr, timePeriod},
     {u"SplitIOPerSec", uint32, rate},
 };
 // clang-format on
 
-constexpr std::size_t spaceCounters = 2;
+template <std::size_t firstCount, std::size_t secondCount>
+constexpr auto Joined(const CounterInfo (&first)[firstCount], const CounterInfo (&second)[secondCount]) {
+    return [&]<std::size_t... i, std::size_t... j>(std::index_sequence<i...>, std::index_sequence<j...>) {
+        return std::array{first[i]..., second[j]...};
+    }
+    (std::make_index_sequence<firstCount>(), std::make_index_sequence<secondCount>());
+}
+
+constexpr auto allCounters = Joined(spaceCounters, ioCounters);
 
 using CountersByName = std::unordered_map<std::string, DiskCounters>;
 
-CountersByName ReadDiskCounters(const Gathering& gathering) {
+/// Nothing when not asked for; none when they cannot be read.
+std::optional<CountersByName> ReadDiskCounters(const Gathering& gathering) {
     CountersByName byName;
     if (!gathering.asksFor(Need::io)) return byName;
-    for (DiskCounters& disk : ParseDiskStats(ReadSystemFile("/proc/diskstats").value_or(""))) {
-        byName[disk.name] = disk;
-    }
+    const std::optional<std::string> text = ReadSystemFile("/proc/diskstats");
+    if (!text) return std::nullopt;
+    for (DiskCounters& disk : ParseDiskStats(*text)) byName[disk.name] = disk;
     return byName;
 }
 
@@ -148,41 +152,45 @@ bool IsNamed(const std::vector<CimValue>& values, std::string_view name) {
 /// Mounts are asked for their space before the counters are read, as some may keep the query waiting.
 WmiStatus ReadLogicalDisks(const Gathering& gathering, PerfSampling& sampling) {
     const std::vector<CimValue>* names = gathering.valuesOf(u"Name");
-    sampling.isWhole = names == nullptr || IsNamed(*names, "_Total");
-    const auto isWanted = [&](const Mount& mount) { return sampling.isWhole || IsNamed(*names, mount.mountPoint); };
+    if (names != nullptr && !IsNamed(*names, "_Total")) {
+        sampling.isAsked = [names](const std::string& key) { return IsNamed(*names, key); };
+    }
+    const auto isWanted = [&](const Mount& mount) { return !sampling.isAsked || sampling.isAsked(mount.mountPoint); };
     const std::vector<DiskSpace> disks = ReadDisks(gathering.asksFor(Need::space), gathering.notice, isWanted);
-    const CountersByName byName = ReadDiskCounters(gathering);
-    Row row;
-    row.time = TimeSinceStart();
+    const std::optional<CountersByName> byName = ReadDiskCounters(gathering);
+    const bool areKnown = !disks.empty() || ReadSystemFile("/proc/self/mountinfo");
+    if (!byName || !areKnown) return wmi_status::providerFailure;
+    const std::uint64_t now = TimeSinceStart();
     for (const DiskSpace& disk : disks) {
-        if (!byName.empty()) row.io = CountersOf(byName, BlockDeviceOf(disk.mount));
+        Row row;
+        if (!byName->empty()) row.io = CountersOf(*byName, BlockDeviceOf(disk.mount));
         row.space = disk.space;
-        PerfRow object;
+        PerfObject object;
         object.name = disk.mount.mountPoint;
-        object.key = disk.mount.device + ' ' + disk.mount.mountPoint;
-        sampling.add(std::move(object), &row, row.time);
+        object.key = disk.mount.mountPoint;
+        object.generation = std::hash<std::string>()(disk.mount.device);
+        sampling.add(std::move(object), &row, now);
     }
     return wmi_status::ok;
 }
 
 WmiStatus ReadPhysicalDisks(const Gathering& gathering, PerfSampling& sampling) {
-    const CountersByName byName = ReadDiskCounters(gathering);
-    Row row;
-    row.time = TimeSinceStart();
+    const std::optional<CountersByName> byName = ReadDiskCounters(gathering);
+    if (!byName) return wmi_status::providerFailure;
+    const std::uint64_t now = TimeSinceStart();
     std::size_t index = 0;
     for (const std::string& name : ListPhysicalDisks()) {
-        row.io = CountersOf(byName, name);
-        PerfRow object;
+        const Row row{CountersOf(*byName, name), {}};
+        PerfObject object;
         object.name = std::to_string(index++) + ' ' + name;
         object.key = name;
-        sampling.add(std::move(object), &row, row.time);
+        sampling.add(std::move(object), &row, now);
     }
     return wmi_status::ok;
 }
 
-constexpr PerfClass logicalDisks{u"PerfDisk_LogicalDisk", counters, ReadLogicalDisks, false, true};
-constexpr PerfClass physicalDisks{u"PerfDisk_PhysicalDisk", std::span(counters).subspan(spaceCounters),
-                                  ReadPhysicalDisks, false, true};
+constexpr PerfClass logicalDisks{u"PerfDisk_LogicalDisk", allCounters, ReadLogicalDisks, false, true};
+constexpr PerfClass physicalDisks{u"PerfDisk_PhysicalDisk", ioCounters, ReadPhysicalDisks, false, true};
 
 }  // namespace
 

@@ -14,29 +14,28 @@ using enum CimType;
 using enum CounterKind;
 
 struct Need {
-    enum Bits : std::uint32_t { memory = 1, events = 2 };
+    enum Bits : std::uint32_t { memory = 1, events = 2, limit = 4 };
 };
 
 struct Row {
-    std::string memory;  // meminfo
-    std::string events;  // vmstat
+    std::string memory;     // meminfo
+    std::string events;     // vmstat
+    bool isStrict = false;  // the kernel promises no more memory than CommitLimit
 };
 
 using Number = std::optional<std::uint64_t>;
 
 constexpr std::uint64_t kilobyte = 1024;
 
-Number Times(Number number, std::uint64_t factor) { return number ? Number(*number * factor) : std::nullopt; }
-Number In(Number number, std::uint64_t unit) { return number ? Number(*number / unit) : std::nullopt; }
+Number Multiplied(Number number, std::uint64_t factor) { return number ? Number(*number * factor) : std::nullopt; }
+Number Divided(Number number, std::uint64_t divisor) { return number ? Number(*number / divisor) : std::nullopt; }
 
 /// In bytes.
-Number MemoryIn(const Row& row, std::string_view key) { return Times(MemoryFigure(row.memory, key), kilobyte); }
-
-Number PagesIn(const Row& row, std::string_view key) { return In(MemoryIn(row, key), PageSize()); }
+Number MemoryIn(const Row& row, std::string_view key) { return Multiplied(MemoryFigure(row.memory, key), kilobyte); }
 
 /// Pages that were moved between memory and disks, of an event that counts kilobytes.
 Number MovedIn(const Row& row, std::string_view event) {
-    return In(Times(NumberUnder(row.events, event), kilobyte), PageSize());
+    return Divided(Multiplied(NumberUnder(row.events, event), kilobyte), PageSize());
 }
 
 Number SumOf(std::initializer_list<Number> parts) {
@@ -51,17 +50,23 @@ Number SumOf(std::initializer_list<Number> parts) {
 /// What the cache of files holds, with what programs share as files in memory.
 Number FileCacheIn(const Row& row) { return SumOf({MemoryIn(row, "Cached"), MemoryIn(row, "Buffers")}); }
 
+/// Where programs are promised more than there is, what there is: CommitLimit is half of it then and binds nothing.
+Number CommitLimitIn(const Row& row) {
+    if (row.isStrict) return MemoryIn(row, "CommitLimit");
+    return SumOf({MemoryIn(row, "MemTotal"), MemoryIn(row, "SwapTotal")});
+}
+
 // clang-format off
 constexpr CounterInfo counters[] = {
-    {u"AvailableBytes", uint64, value, Need::memory, "MemAvailable", [](const Row& row) { return Times(AvailableMemory(row.memory), kilobyte); }},
+    {u"AvailableBytes", uint64, value, Need::memory, "MemAvailable", [](const Row& row) { return Multiplied(AvailableMemory(row.memory), kilobyte); }},
     {u"AvailableKBytes", uint64, value, Need::memory, "MemAvailable", [](const Row& row) { return AvailableMemory(row.memory); }},
-    {u"AvailableMBytes", uint64, value, Need::memory, "MemAvailable", [](const Row& row) { return In(AvailableMemory(row.memory), kilobyte); }},
+    {u"AvailableMBytes", uint64, value, Need::memory, "MemAvailable", [](const Row& row) { return Divided(AvailableMemory(row.memory), kilobyte); }},
     {u"CacheBytes", uint64, value, Need::memory, "Cached, Buffers and SReclaimable",
         [](const Row& row) { return SumOf({FileCacheIn(row), MemoryIn(row, "SReclaimable")}); }},
     {u"CacheBytesPeak", uint64},
     {u"CacheFaultsPersec", uint32, rate},
-    {u"CommitLimit", uint64, value, Need::memory, "CommitLimit, which binds only where the kernel is set not to overcommit",
-        [](const Row& row) { return MemoryIn(row, "CommitLimit"); }},
+    {u"CommitLimit", uint64, value, Need::memory | Need::limit, "MemTotal and SwapTotal, or CommitLimit where it binds",
+        [](const Row& row) { return CommitLimitIn(row); }},
     {u"CommittedBytes", uint64, value, Need::memory, "Committed_AS", [](const Row& row) { return MemoryIn(row, "Committed_AS"); }},
     {u"DemandZeroFaultsPersec", uint32, rate},
     {u"FreeAndZeroPageListBytes", uint64, value, Need::memory, "MemFree", [](const Row& row) { return MemoryIn(row, "MemFree"); }},
@@ -76,9 +81,9 @@ constexpr CounterInfo counters[] = {
     {u"PagesPersec", uint32, rate, Need::events, "pgpgin and pgpgout",
         [](const Row& row) { return SumOf({MovedIn(row, "pgpgin"), MovedIn(row, "pgpgout")}); }},
     {u"PageWritesPersec", uint32, rate},
-    {u"PercentCommittedBytesInUse", uint32, fraction, Need::memory, "Committed_AS of CommitLimit, in pages",
-        [](const Row& row) { return PagesIn(row, "Committed_AS"); },
-        [](const Row& row) { return PagesIn(row, "CommitLimit"); }},
+    {u"PercentCommittedBytesInUse", uint32, fraction, Need::memory | Need::limit, "Committed_AS of CommitLimit, in pages; above 100 where more is promised",
+        [](const Row& row) { return Divided(MemoryIn(row, "Committed_AS"), PageSize()); },
+        [](const Row& row) { return Divided(CommitLimitIn(row), PageSize()); }},
     {u"PoolNonpagedAllocs", uint32},
     {u"PoolNonpagedBytes", uint64, value, Need::memory, "SUnreclaim: of the kernel, and stays", [](const Row& row) { return MemoryIn(row, "SUnreclaim"); }},
     {u"PoolPagedAllocs", uint32},
@@ -100,9 +105,14 @@ constexpr CounterInfo counters[] = {
 // clang-format on
 
 WmiStatus ReadMemory(const Gathering& gathering, PerfSampling& sampling) {
-    Row row;
-    if (gathering.asksFor(Need::memory)) row.memory = ReadSystemFile("/proc/meminfo").value_or("");
-    if (gathering.asksFor(Need::events)) row.events = ReadSystemFile("/proc/vmstat").value_or("");
+    constexpr std::uint64_t strictly = 2;
+    std::optional<std::string> memory = "";
+    std::optional<std::string> events = "";
+    if (gathering.asksFor(Need::memory)) memory = ReadSystemFile("/proc/meminfo");
+    if (gathering.asksFor(Need::events)) events = ReadSystemFile("/proc/vmstat");
+    if (!memory || !events) return wmi_status::providerFailure;
+    Row row{std::move(*memory), std::move(*events)};
+    if (gathering.asksFor(Need::limit)) row.isStrict = ReadSystemNumber("/proc/sys/vm/overcommit_memory") == strictly;
     sampling.add({}, &row, TimeSinceStart());
     return wmi_status::ok;
 }

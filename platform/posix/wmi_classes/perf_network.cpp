@@ -60,7 +60,7 @@ WmiStatus ReadInterfaces(const Gathering& gathering, PerfSampling& sampling) {
         if (counted.name == "lo") continue;
         Row row{counted, {}};
         if (gathering.asksFor(Need::speed)) row.speed = InterfaceSpeed(counted.name);
-        PerfRow object;
+        PerfObject object;
         object.name = counted.name;
         object.key = counted.name;
         sampling.add(std::move(object), &row, now);

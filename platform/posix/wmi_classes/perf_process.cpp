@@ -31,12 +31,6 @@ struct Row {
 
 using Number = std::optional<std::uint64_t>;
 
-/// In units of 100 ns.
-std::uint64_t TimeOf(std::uint64_t ticks) {
-    constexpr std::uint64_t unitsOfSecond = 10'000'000;
-    return ticks * (unitsOfSecond / ClockTicksPerSecond());
-}
-
 template <class Figure>
 Number Io(const Row& row, Figure figure) {
     if (!row.io) return std::nullopt;
@@ -56,7 +50,7 @@ constexpr auto privateBytesIn = [](const Row& row) {
 // clang-format off
 constexpr CounterInfo counters[] = {
     {u"CreatingProcessID", uint32, label, 0, "the parent's id", [](const Row& row) { return row.stat.parentId; }},
-    {u"ElapsedTime", uint64, elapsedTime, 0, "seconds since the process's start", [](const Row& row) { return TimeOf(row.stat.startTicks); }},
+    {u"ElapsedTime", uint64, elapsedTime, 0, "seconds since the process's start", [](const Row& row) { return TimeOfTicks(row.stat.startTicks); }},
     {u"HandleCount", uint32, value, Need::handles, "open files", [](const Row& row) { return row.handles; }},
     {u"IDProcess", uint32, label, 0, "the id", [](const Row& row) { return row.stat.id; }},
     {u"IODataBytesPersec", uint64, rate, Need::io, "bytes, rchar and wchar",
@@ -72,10 +66,10 @@ constexpr CounterInfo counters[] = {
     {u"PageFaultsPersec", uint32, rate, 0, "minor and major ones", [](const Row& row) { return row.stat.minorFaults + row.stat.majorFaults; }},
     {u"PageFileBytes", uint64, value, Need::memory, "bytes, as PrivateBytes", privateBytesIn},
     {u"PageFileBytesPeak", uint64},
-    {u"PercentPrivilegedTime", uint64, percentOfProcessors, 0, "stime", [](const Row& row) { return TimeOf(row.stat.kernelTicks); }},
+    {u"PercentPrivilegedTime", uint64, percentOfProcessors, 0, "stime", [](const Row& row) { return TimeOfTicks(row.stat.kernelTicks); }},
     {u"PercentProcessorTime", uint64, percentOfProcessors, 0, "utime and stime, of one processor",
-        [](const Row& row) { return TimeOf(row.stat.userTicks + row.stat.kernelTicks); }},
-    {u"PercentUserTime", uint64, percentOfProcessors, 0, "utime", [](const Row& row) { return TimeOf(row.stat.userTicks); }},
+        [](const Row& row) { return TimeOfTicks(row.stat.userTicks + row.stat.kernelTicks); }},
+    {u"PercentUserTime", uint64, percentOfProcessors, 0, "utime", [](const Row& row) { return TimeOfTicks(row.stat.userTicks); }},
     {u"PoolNonpagedBytes", uint32},
     {u"PoolPagedBytes", uint32},
     {u"PriorityBase", uint32, label, 0, "24 real time, 13, 10, 8 normal, 6, 4, by the nice value", [](const Row& row) { return BasePriorityOf(row.stat); }},
@@ -93,16 +87,17 @@ constexpr CounterInfo counters[] = {
 // clang-format on
 
 /// The processes that can match, ascending; those that WHERE names need not exist.
-std::vector<std::uint32_t> ProcessesToRead(const Gathering& gathering, bool& areAll) {
+std::vector<std::uint32_t> ProcessesToRead(const Gathering& gathering, PerfSampling& sampling) {
     const std::vector<CimValue>* values = gathering.valuesOf(u"IDProcess");
     const auto idOf = [](const CimValue& value) {
         const auto* number = std::get_if<std::int64_t>(&value.held);
         return number != nullptr ? *number : -1;
     };
     // _Total has the id 0.
-    areAll = values == nullptr ||
-             std::any_of(values->begin(), values->end(), [&](const auto& value) { return idOf(value) == 0; });
-    if (areAll) return ListProcessIds();
+    if (values == nullptr ||
+        std::any_of(values->begin(), values->end(), [&](const auto& value) { return idOf(value) == 0; })) {
+        return ListProcessIds();
+    }
     std::vector<std::uint32_t> ids;
     for (const CimValue& value : *values) {
         const std::int64_t id = idOf(value);
@@ -110,6 +105,9 @@ std::vector<std::uint32_t> ProcessesToRead(const Gathering& gathering, bool& are
     }
     std::sort(ids.begin(), ids.end());
     ids.erase(std::unique(ids.begin(), ids.end()), ids.end());
+    sampling.isAsked = [ids](const std::string& key) {
+        return std::binary_search(ids.begin(), ids.end(), NumberOf(key).value_or(0));
+    };
     return ids;
 }
 
@@ -123,13 +121,17 @@ void ReadParts(ProcessFiles& files, const Gathering& gathering, Row& row) {
     if (gathering.asksFor(Need::handles)) row.handles = files.CountOpenFiles(id);
 }
 
-/// How often each name was given.
+/// How often each name was asked for.
 using NameCounts = std::unordered_map<std::string, std::size_t>;
 
-std::string NumberedName(NameCounts& counts, std::string name) {
-    const std::size_t earlier = counts[name]++;
-    if (earlier > 0) name += '#' + std::to_string(earlier);
-    return name;
+/// A process may be called as the numbered name of another.
+std::string NumberedName(NameCounts& counts, const std::string& name) {
+    for (;;) {
+        const std::size_t earlier = counts[name]++;
+        if (earlier == 0) return name;
+        std::string numbered = name + '#' + std::to_string(earlier);
+        if (counts.emplace(numbered, 1).second) return numbered;
+    }
 }
 
 std::string NameOf(ProcessFiles& files, const ProcessStat& stat) {
@@ -144,27 +146,26 @@ unsigned ProcessorsOnline() {
 
 WmiStatus ReadProcesses(const Gathering& gathering, PerfSampling& sampling) {
     ProcessFiles files;
-    NameCounts names;
+    NameCounts names{{"_Total", 1}};
     Row row;
     sampling.processors = ProcessorsOnline();
-    for (const std::uint32_t id : ProcessesToRead(gathering, sampling.isWhole)) {
+    for (const std::uint32_t id : ProcessesToRead(gathering, sampling)) {
         const std::optional<std::string_view> text = files.Read(id, "stat");
         const std::uint64_t now = TimeSinceStart();
         std::optional<ProcessStat> stat = text ? ParseProcessStat(*text) : std::nullopt;
-        if (!stat || !stat->isProcess) {
-            sampling.absentKeys.push_back(std::to_string(id));
-            continue;
-        }
+        if (!stat || !stat->isProcess) continue;
         row.stat = std::move(*stat);
         ReadParts(files, gathering, row);
-        PerfRow object;
+        PerfObject object;
         if (gathering.asksFor(Need::name)) object.name = NumberedName(names, NameOf(files, row.stat));
         object.key = std::to_string(id);
         object.generation = row.stat.startTicks;
-        object.birth = TimeOf(row.stat.startTicks);
+        object.birth = TimeOfTicks(row.stat.startTicks);
         sampling.add(std::move(object), &row, now);
     }
-    return wmi_status::ok;
+    // Where one cannot read of oneself, that others are not found tells nothing.
+    const bool canRead = !sampling.rows.empty() || ReadSystemFile("/proc/self/stat");
+    return canRead ? wmi_status::ok : wmi_status::providerFailure;
 }
 
 constexpr PerfClass processes{u"PerfProc_Process", counters, ReadProcesses, false, true, Need::name};

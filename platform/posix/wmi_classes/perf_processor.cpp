@@ -23,13 +23,13 @@ struct Row {
     std::optional<std::uint64_t> softInterrupts;
 };
 
-/// In units of 100 ns.
-std::uint64_t TimeOf(std::uint64_t ticks) {
-    constexpr std::uint64_t unitsOfSecond = 10'000'000;
-    return ticks * (unitsOfSecond / ClockTicksPerSecond());
-}
+constexpr auto idleTimeIn = [](const Row& row) { return TimeOfTicks(row.times.idleTicks()); };
 
-constexpr auto idleTimeIn = [](const Row& row) { return TimeOf(row.times.idleTicks()); };
+/// The time that percentages are of: what was counted, which is nothing while the computer sleeps.
+constexpr auto wholeTimeIn = [](const Row& row) { return TimeOfTicks(row.times.busyTicks() + row.times.idleTicks()); };
+
+/// Where the kernel's counts of interrupts begin anew.
+constexpr std::uint64_t countPeriod = std::uint64_t{1} << 32;
 
 // clang-format off
 constexpr CounterInfo counters[] = {
@@ -38,19 +38,20 @@ constexpr CounterInfo counters[] = {
     {u"C3TransitionsPersec", uint64, rate},
     {u"DPCRate", uint32},
     {u"DPCsQueuedPersec", uint32, rate, Need::softInterrupts, "softirqs run, of /proc/softirqs",
-        [](const Row& row) { return row.softInterrupts; }},
-    {u"InterruptsPersec", uint32, rate, Need::interrupts, "of /proc/interrupts", [](const Row& row) { return row.interrupts; }},
+        [](const Row& row) { return row.softInterrupts; }, nullptr, countPeriod},
+    {u"InterruptsPersec", uint32, rate, Need::interrupts, "of /proc/interrupts", [](const Row& row) { return row.interrupts; },
+        nullptr, countPeriod},
     {u"PercentC1Time", uint64, percentOfTime},
     {u"PercentC2Time", uint64, percentOfTime},
     {u"PercentC3Time", uint64, percentOfTime},
-    {u"PercentDPCTime", uint64, percentOfTime, Need::times, "softirq", [](const Row& row) { return TimeOf(row.times.softInterrupts); }},
-    {u"PercentIdleTime", uint64, percentOfTime, Need::times, "idle and iowait", idleTimeIn},
-    {u"PercentInterruptTime", uint64, percentOfTime, Need::times, "irq", [](const Row& row) { return TimeOf(row.times.interrupts); }},
+    {u"PercentDPCTime", uint64, percentOfTime, Need::times, "softirq", [](const Row& row) { return TimeOfTicks(row.times.softInterrupts); }, wholeTimeIn},
+    {u"PercentIdleTime", uint64, percentOfTime, Need::times, "idle and iowait", idleTimeIn, wholeTimeIn},
+    {u"PercentInterruptTime", uint64, percentOfTime, Need::times, "irq", [](const Row& row) { return TimeOfTicks(row.times.interrupts); }, wholeTimeIn},
     {u"PercentPrivilegedTime", uint64, percentOfTime, Need::times, "system, irq and softirq",
-        [](const Row& row) { return TimeOf(row.times.kernel + row.times.interrupts + row.times.softInterrupts); }},
-    {u"PercentProcessorTime", uint64, percentOfTimeLeft, Need::times, "not idle; the raw counter is the idle time", idleTimeIn},
+        [](const Row& row) { return TimeOfTicks(row.times.kernel + row.times.interrupts + row.times.softInterrupts); }, wholeTimeIn},
+    {u"PercentProcessorTime", uint64, percentOfTimeLeft, Need::times, "not idle; the raw counter is the idle time", idleTimeIn, wholeTimeIn},
     {u"PercentUserTime", uint64, percentOfTime, Need::times, "user and nice, guests among them",
-        [](const Row& row) { return TimeOf(row.times.user + row.times.nice); }},
+        [](const Row& row) { return TimeOfTicks(row.times.user + row.times.nice); }, wholeTimeIn},
 };
 // clang-format on
 
@@ -72,11 +73,11 @@ WmiStatus ReadProcessors(const Gathering& gathering, PerfSampling& sampling) {
     if (gathering.asksFor(Need::interrupts)) interrupts = ReadSums("/proc/interrupts");
     if (gathering.asksFor(Need::softInterrupts)) softInterrupts = ReadSums("/proc/softirqs");
     for (const ProcessorTimes& times : ParseProcessorTimes(*text)) {
-        PerfRow object;
+        PerfObject object;
         object.name = std::to_string(times.number);
         object.key = object.name;
         // A processor that was added, or switched off and on, has been counted for as long as its times add up to.
-        object.birth = now - std::min(now, TimeOf(times.busyTicks() + times.idleTicks()));
+        object.birth = now - std::min(now, TimeOfTicks(times.busyTicks() + times.idleTicks()));
         const Row row{times, SumOf(interrupts, times.number), SumOf(softInterrupts, times.number)};
         sampling.add(std::move(object), &row, now);
     }

@@ -56,11 +56,17 @@ constexpr CounterInfo counters[] = {
 // clang-format on
 
 WmiStatus ReadSystem(const Gathering& gathering, PerfSampling& sampling) {
-    Row row;
-    if (gathering.asksFor(Need::stat)) row.stat = ReadSystemFile("/proc/stat").value_or("");
+    std::optional<std::string> stat = "";
+    std::optional<std::string> load = "";
+    if (gathering.asksFor(Need::stat)) stat = ReadSystemFile("/proc/stat");
     const std::uint64_t now = TimeSinceStart();
-    if (gathering.asksFor(Need::processes)) row.processes = ListProcessIds().size();
-    if (gathering.asksFor(Need::threads)) row.threads = ParseThreadCount(ReadSystemFile("/proc/loadavg").value_or(""));
+    if (gathering.asksFor(Need::threads)) load = ReadSystemFile("/proc/loadavg");
+    if (!stat || !load) return wmi_status::providerFailure;
+    Row row{std::move(*stat), 0, ParseThreadCount(*load)};
+    if (gathering.asksFor(Need::processes)) {
+        row.processes = ListProcessIds().size();
+        if (row.processes == 0) return wmi_status::providerFailure;
+    }
     sampling.add({}, &row, now);
     return wmi_status::ok;
 }

@@ -12,7 +12,7 @@ namespace platform::wmi {
 std::optional<std::uint64_t> NumberUnder(std::string_view text, std::string_view name);
 
 /// Sums of the columns of /proc/interrupts or /proc/softirqs by the processors' numbers. Lines with fewer columns,
-/// which count for the computer as a whole, are left out.
+/// which count errors of the computer as a whole, are left out, but for a single processor are not told apart.
 std::map<std::uint32_t, std::uint64_t> SumByProcessor(std::string_view text);
 
 /// Threads of all processes, of /proc/loadavg.

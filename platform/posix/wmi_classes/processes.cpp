@@ -222,12 +222,16 @@ WmiStatus GatherProcesses(const Gathering& gathering) {
     if (gathering.asksFor(Need::host)) row.host = HostName();
     if (gathering.asksFor(Need::systemStart)) row.systemStart = SystemStartMilliseconds();
     if (gathering.asksFor(Need::system)) ReadSystem(row);
+    bool canRead = false;
     for (const std::uint32_t id : ProcessesToRead(gathering)) {
         if (!ReadStat(files, id, row.stat)) continue;
+        canRead = true;
         ReadParts(files, gathering, row);
         if (!gathering.row(&row)) break;
     }
-    return wmi_status::ok;
+    // Where one cannot read of oneself, that others are not found tells nothing.
+    canRead = canRead || ReadSystemFile("/proc/self/stat");
+    return canRead ? wmi_status::ok : wmi_status::providerFailure;
 }
 
 constexpr ClassInfo classes[] = {{u"Win32_Process", u"CIM_Process", properties, GatherProcesses}};

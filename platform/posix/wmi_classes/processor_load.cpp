@@ -1,18 +1,17 @@
 #include "platform/posix/wmi_classes/processor_load.h"
 
+#include <cmath>
 #include <utility>
+
+#include "platform/posix/wmi_classes/perf_class.h"
 
 namespace platform::wmi {
 
 namespace {
 
-ProcessorTimes TimesOf(const TimesByProcessor& sample, std::uint32_t number) {
-    const auto found = sample.find(number);
-    return found == sample.end() ? ProcessorTimes() : found->second;
+CounterState StateOf(const ProcessorTimes& times) {
+    return {0, TimeOfTicks(times.idleTicks()), TimeOfTicks(times.busyTicks() + times.idleTicks())};
 }
-
-/// Growth of a counter; one that was set back has none.
-std::uint64_t Growth(std::uint64_t from, std::uint64_t to) { return to > from ? to - from : 0; }
 
 }  // namespace
 
@@ -26,17 +25,16 @@ TimesByProcessor LoadHistory::exchange(const TimesByProcessor& sample, std::chro
 
 std::uint16_t BusyPercent(const std::vector<CpuBlock>& processors, const TimesByProcessor& from,
                           const TimesByProcessor& to) {
-    constexpr std::uint64_t hundred = 100;
-    std::uint64_t busy = 0;
-    std::uint64_t idle = 0;
+    std::vector<Quotient> loads;
     for (const CpuBlock& processor : processors) {
-        const ProcessorTimes before = TimesOf(from, processor.number);
-        const ProcessorTimes after = TimesOf(to, processor.number);
-        busy += Growth(before.busyTicks(), after.busyTicks());
-        idle += Growth(before.idleTicks(), after.idleTicks());
+        const auto now = to.find(processor.number);
+        if (now == to.end()) continue;
+        const auto earlier = from.find(processor.number);
+        const CounterState before = earlier != from.end() ? StateOf(earlier->second) : CounterState();
+        loads.push_back(QuotientBetween(CounterKind::percentOfTimeLeft, &before, StateOf(now->second), 0));
     }
-    const std::uint64_t all = busy + idle;
-    return all == 0 ? std::uint16_t{0} : static_cast<std::uint16_t>((busy * hundred + all / 2) / all);
+    // Together they are one figure, in which a processor counts for as long as it ran.
+    return static_cast<std::uint16_t>(std::lround(TotalOf(CounterKind::fraction, loads, 1)));
 }
 
 }  // namespace platform::wmi

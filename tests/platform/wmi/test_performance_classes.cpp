@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <map>
 #include <set>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <thread>
@@ -37,19 +38,27 @@ TEST(PerformanceFigures, ComeOfTwoMomentsByTheirKind) {
         CounterState now;
         double figure;
         std::uint64_t birth = 0;
+        std::uint64_t period = 0;
     } rows[] = {
         {"as it stands", value, Before({9 * s, 3}), {10 * s, 7}, 7},
         {"growth in a second", rate, Before({10 * s, 100}), {12 * s, 300}, 100},
         {"since the birth", rate, {}, {20 * s, 100}, 10, 10 * s},
         {"born just now", rate, {}, {10 * s, 50}, 50, 10 * s - 1},
         {"gone back", rate, Before({10 * s, 100}), {20 * s, 60}, 6, 10 * s},
-        {"part of the time", percentOfTime, Before({10 * s, s}), {14 * s, 2 * s}, 25},
+        {"began anew at its period", rate, Before({10 * s, 990}), {12 * s, 10}, 10, 0, 1000},
+        {"set back, not begun anew", rate, Before({10 * s, 400}), {20 * s, 60}, 6, 10 * s, 1000},
+        {"two that began anew", averageAmount, Before({s, 1990, 4}), {2 * s, 20, 7}, 10, 0, 1000},
+        {"part of the time", percentOfTimestamp, Before({10 * s, s}), {14 * s, 2 * s}, 25},
         {"more than the time", percentOfTimestamp, Before({10 * s, 0}), {11 * s, 3 * s}, 100},
-        {"a time that went back a little", percentOfTime, Before({10 * s, 5 * s}), {12 * s, 4 * s}, 0},
-        {"a time that began anew", percentOfTime, Before({10 * s, 5 * s}), {12 * s, s}, 50, 10 * s},
-        {"busy is what is not idle", percentOfTimeLeft, Before({10 * s, s}), {14 * s, 2 * s}, 75},
-        {"idle time that went back a little", percentOfTimeLeft, Before({10 * s, 5 * s}), {12 * s, 4 * s}, 100},
-        {"more idle than the time", percentOfTimeLeft, Before({10 * s, 0}), {11 * s, 2 * s}, 0},
+        {"of all operations", percentOfOperations, Before({10 * s, 0}), {11 * s, 3 * s}, 300},
+        {"a time that went back a little", percentOfTimestamp, Before({10 * s, 5 * s}), {12 * s, 4 * s}, 0},
+        {"a time that began anew", percentOfTimestamp, Before({10 * s, 5 * s}), {12 * s, s}, 50, 10 * s},
+        {"idle is what is not busy", percentOfTimestampLeft, Before({10 * s, 9 * s}), {14 * s, s}, 50, 0, 10 * s},
+        {"of the time counted", percentOfTime, Before({10 * s, s, 4 * s}), {90 * s, 2 * s, 8 * s}, 25},
+        {"busy is what is not idle", percentOfTimeLeft, Before({10 * s, s, 4 * s}), {90 * s, 2 * s, 8 * s}, 75},
+        {"idle time that went back a little", percentOfTimeLeft, Before({0, 5 * s, 9 * s}), {s, 4 * s, 10 * s}, 100},
+        {"more idle than the time", percentOfTimeLeft, Before({0, 0, s}), {s, 2 * s, 2 * s}, 0},
+        {"of no time counted", percentOfTimeLeft, Before({0, s, 4 * s}), {9 * s, s, 4 * s}, 0},
         {"on one and a half processors", percentOfProcessors, Before({10 * s, 0}), {12 * s, 3 * s}, 150},
         {"on more than there are", percentOfProcessors, Before({10 * s, 0}), {11 * s, 9 * s}, 200},
         {"a fraction", fraction, {}, {s, 25, 200}, 12.5},
@@ -63,7 +72,8 @@ TEST(PerformanceFigures, ComeOfTwoMomentsByTheirKind) {
         {"at the very start", rate, {}, {0, 5}, 0},
     };
     for (const auto& row : rows) {
-        const Quotient quotient = QuotientBetween(row.kind, row.before ? &*row.before : nullptr, row.now, row.birth);
+        const Quotient quotient =
+            QuotientBetween(row.kind, row.before ? &*row.before : nullptr, row.now, row.birth, row.period);
         EXPECT_DOUBLE_EQ(FigureOf(row.kind, quotient, 2), row.figure) << row.title;
     }
 }
@@ -77,6 +87,7 @@ TEST(PerformanceFigures, OfAllObjectsTogether) {
     } rows[] = {
         {"rates add up", rate, {{10, 1}, {30, 2}}, 25},
         {"percentages have a mean, each within its bounds", percentOfTime, {{900, 1}, {0, 1}}, 50},
+        {"those of operations have one beyond the bounds", percentOfOperations, {{900, 1}, {0, 1}}, 450},
         {"those of processors add up, within the bounds", percentOfProcessors, {{150, 1}, {90, 1}}, 200},
         {"averages are of all that was done", averageTime, {{8, 1}, {1, 2}, {0, 0}}, 3},
         {"labels have none", label, {{8, 1}, {1, 1}}, 0},
@@ -126,19 +137,24 @@ struct Fake {
     std::uint64_t base = 1;
 };
 std::vector<Fake> fakes;
-bool fakesAreAll = true;
+std::optional<std::string> askedKey;  // none: all are asked for
 
 constexpr auto fakeValue = [](const Fake& fake) { return fake.value; };
 constexpr CounterInfo fakeCounters[] = {
+    {u"Age", CimType::uint64, elapsedTime, 1, "", fakeValue},
+    {u"Busy", CimType::uint64, percentOfTimestamp, 1, "", fakeValue},
+    {u"Idle", CimType::uint64, percentOfTimestampLeft, 1, "", fakeValue},
+    {u"Number", CimType::uint32, label, 1, "", fakeValue},
+    {u"Rising", CimType::uint32, rate, 1, "", fakeValue, nullptr, 1000},
     {u"Speed", CimType::uint32, rate, 1, "", fakeValue},
     {u"Part", CimType::uint32, fraction, 1, "", fakeValue, [](const Fake& fake) { return fake.base; }},
     {u"Nothing", CimType::uint32, fraction},
 };
 
 WmiStatus ReadFakes(const Gathering&, PerfSampling& sampling) {
-    sampling.isWhole = fakesAreAll;
+    if (askedKey) sampling.isAsked = [](const std::string& key) { return key == *askedKey; };
     for (const Fake& fake : fakes) {
-        PerfRow object;
+        PerfObject object;
         object.name = object.key = fake.key;
         object.generation = fake.generation;
         sampling.add(std::move(object), &fake, fake.seconds * second);
@@ -173,30 +189,53 @@ TEST(PerformanceSamples, OfEachObjectAreItsOwn) {
     const struct {
         const char* title;
         std::vector<Fake> found;
-        bool areAll;
+        std::optional<std::string> asked;
         const char* speeds;
     } steps[] = {
-        {"the first", {{"a", 1, 10, 100}}, true, "a=10 _Total=10"},
-        {"a new one", {{"a", 1, 20, 300}, {"b", 1, 20, 2000}}, true, "a=20 b=100 _Total=120"},
-        {"one alone", {{"b", 1, 24, 2040}}, false, "b=10"},
-        {"each from its own last", {{"a", 1, 30, 400}, {"b", 1, 26, 2080}}, true, "a=10 b=20 _Total=30"},
-        {"another in its place", {{"a", 2, 40, 4000}, {"b", 1, 36, 2080}}, true, "a=100 b=0 _Total=100"},
-        {"one that is gone", {{"a", 2, 50, 4010}}, true, "a=1 _Total=1"},
-        {"and came back", {{"a", 2, 60, {}}, {"b", 1, 60, 6000}}, true, "a=NULL b=100 _Total=100"},
-        {"from the last that was known", {{"a", 2, 70, 4410}, {"b", 1, 70, 6000}}, true, "a=20 b=0 _Total=20"},
-        {"more than the type holds", {{"a", 2, 72, 1'000'000'000'000}}, true, "a=4294967295 _Total=4294967295"},
-        {"none at all", {}, true, ""},
+        {"the first", {{"a", 1, 10, 100}}, {}, "a=10 _Total=10"},
+        {"a new one", {{"a", 1, 20, 300}, {"b", 1, 20, 2000}}, {}, "a=20 b=100 _Total=120"},
+        {"one alone", {{"b", 1, 24, 2040}}, "b", "b=10"},
+        {"each from its own last", {{"a", 1, 30, 400}, {"b", 1, 26, 2080}}, {}, "a=10 b=20 _Total=30"},
+        {"another in its place", {{"a", 2, 40, 4000}, {"b", 1, 36, 2080}}, {}, "a=100 b=0 _Total=100"},
+        {"one that is gone", {{"a", 2, 50, 4010}}, {}, "a=1 _Total=1"},
+        {"and came back", {{"a", 2, 60, {}}, {"b", 1, 60, 6000}}, {}, "a=NULL b=100 _Total=100"},
+        {"from the last that was known", {{"a", 2, 70, 4410}, {"b", 1, 70, 6000}}, {}, "a=20 b=0 _Total=20"},
+        {"asked for and not found", {}, "b", ""},
+        {"so that it is new", {{"b", 1, 80, 8000}}, "b", "b=100"},
+        {"more than the type holds", {{"a", 2, 82, 1ULL << 40}}, {}, "a=4294967295 _Total=4294967295"},
+        {"none at all", {}, {}, ""},
     };
     for (const auto& step : steps) {
         fakes = step.found;
-        fakesAreAll = step.areAll;
+        askedKey = step.asked;
         EXPECT_EQ(Ask(rawAndFormatted[1], u"Speed"), step.speeds) << step.title;
     }
-    fakes = {{"a", 2, 80, 0x1'0000'0005, 10}, {"b", 1, 80, {}, 90}, {"c", 1, 80, 10, 30}};
-    EXPECT_EQ(Ask(rawAndFormatted[0], u"Speed"), "a=5 b=NULL c=10 _Total=15") << "raw counters wrap";
-    EXPECT_EQ(Ask(rawAndFormatted[0], u"Part_Base"), "a=10 b=NULL c=30 _Total=40");
-    EXPECT_EQ(Ask(rawAndFormatted[0], u"Nothing_Base"), "a=NULL b=NULL c=NULL _Total=NULL");
-    EXPECT_EQ(Ask(rawAndFormatted[0], u"Timestamp_PerfTime"), "a=800000000 b=800000000 c=800000000 _Total=800000000");
+    fakes = {{"a", 2, 800, 0x1'0000'0005, 10}, {"b", 1, 800, {}, 90}, {"c", 1, 800, 11, 30}};
+    const struct {
+        std::size_t kind;
+        const char16_t* property;
+        const char* values;
+    } rows[] = {
+        {0, u"Speed", "a=5 b=NULL c=11 _Total=16"},
+        {0, u"Part_Base", "a=10 b=NULL c=30 _Total=40"},
+        {0, u"Nothing_Base", "a=NULL b=NULL c=NULL _Total=NULL"},
+        {0, u"Timestamp_PerfTime", "a=8000000000 b=8000000000 c=8000000000 _Total=8000000000"},
+        {0, u"Busy", "a=4294967301 b=NULL c=11 _Total=2147483656"},
+        {0, u"Idle", "a=3705032699 b=NULL c=7999999989 _Total=5852516344"},
+        {0, u"Number", "a=5 b=NULL c=11 _Total=0"},
+        {1, u"Number", "a=4294967295 b=NULL c=11 _Total=0"},
+        {1, u"Busy", "a=54 b=NULL c=0 _Total=27"},
+        {1, u"Idle", "a=46 b=NULL c=100 _Total=73"},
+        {1, u"Age", "a=371 b=NULL c=800 _Total=NULL"},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(Ask(rawAndFormatted[row.kind], row.property), row.values) << Utf8FromWide(row.property);
+    }
+    fakes = {{"a", 2, 810, 5}, {"c", 1, 810, 990}};
+    EXPECT_EQ(Ask(rawAndFormatted[0], u"Busy_Base"), Ask(rawAndFormatted[0], u"Timestamp_Sys100NS"));
+    Ask(rawAndFormatted[1], u"Rising");
+    fakes = {{"c", 1, 812, 10}};
+    EXPECT_EQ(Ask(rawAndFormatted[1], u"Rising"), "c=10 _Total=10") << "began anew at its period";
 }
 
 TEST(PerformanceTexts, OfTheKernel) {
@@ -223,54 +262,117 @@ class PerformanceOfThisMachine : public ::testing::Test {
     }
     static double numberIn(const WmiRow& row, const std::string& name) { return std::atof(TextOf(row, name).c_str()); }
 
-    /// The first number that a command prints.
-    static double numberOf(const std::string& command) {
-        double number = 0;
-        FILE* pipe = popen(command.c_str(), "r");
-        EXPECT_EQ(std::fscanf(pipe, "%lf", &number), 1) << command;
-        pclose(pipe);
-        return number;
+    /// Names with numbers, of a shell's lines such as "Name 5". There f is awk.
+    static std::map<std::string, std::string> numbersOf(const std::string& commands) {
+        const std::string awk =
+            "f() { awk -v tick=$((10000000 / $(getconf CLK_TCK))) -v page=$(getconf PAGESIZE) "
+            "-v OFMT=%.0f -v CONVFMT=%.0f \"$@\"; }; ";
+        std::map<std::string, std::string> numbers;
+        FILE* const pipe = popen((awk + commands).c_str(), "r");
+        if (pipe == nullptr) return numbers;
+        for (char name[64], number[32]; std::fscanf(pipe, "%63s %31s", name, number) == 2;) numbers[name] = number;
+        EXPECT_EQ(pclose(pipe), 0) << commands;
+        return numbers;
+    }
+
+    /// Whether a property lies between two numbers, by the width of its type.
+    static bool liesBetween(const WmiProperty& property, const std::string& before, const std::string& after) {
+        if (property.text == "NULL") return before == "NULL";
+        const std::uint64_t mask = property.type == VariantType::i4 ? UINT32_MAX : UINT64_MAX;
+        const auto numberOf = [](const std::string& text) { return std::strtoull(text.c_str(), nullptr, 10); };
+        const std::uint64_t least = std::min(numberOf(before), numberOf(after));
+        const std::uint64_t most = std::max(numberOf(before), numberOf(after));
+        return ((numberOf(property.text) - least) & mask) <= ((most - least) & mask);
+    }
+
+    /// Compares an object with what commands print before and after; anew for what goes up and down between.
+    static void expectBetween(const std::string& from, const std::string& commands) {
+        std::map<std::string, std::string> open = numbersOf(commands);
+        EXPECT_FALSE(open.empty()) << commands;
+        for (int attempt = 0; attempt < 40 && !open.empty(); ++attempt) {
+            std::map<std::string, std::string> before = numbersOf(commands);
+            WmiRow found = rowsOf("SELECT * FROM Win32_Perf" + from)[0];
+            std::map<std::string, std::string> after = numbersOf(commands);
+            std::erase_if(open, [&](const auto& row) {
+                return liesBetween(found[row.first], before[row.first], after[row.first]);
+            });
+            for (auto& [name, seen] : open) seen = before[name] + " <= " + found[name].text + " <= " + after[name];
+        }
+        for (const auto& [name, numbers] : open) ADD_FAILURE() << from << ": " << name << ": " << numbers;
     }
 };
 
-TEST_F(PerformanceOfThisMachine, IsWhatOtherProgramsTell) {
-    const struct {
-        const char* from;
-        const char* property;
-        const char* command;
-        double tolerance;
-    } rows[] = {
-        {"FormattedData_PerfOS_System", "SystemUpTime", "cat /proc/uptime", 1.5},
-        {"FormattedData_PerfOS_System", "Threads", "ps -eLf --no-headers | wc -l", 30},
-        {"RawData_PerfOS_System", "ContextSwitchesPersec", "vmstat -s | grep 'context switches'", 2e4},
-        {"RawData_PerfOS_Memory", "PagesInputPersec",
-         "vmstat -s | awk -v page=$(getconf PAGESIZE) '/K paged in/ {printf \"%.0f\", $1 * 1024 / page}'", 2e4},
-        {"FormattedData_PerfOS_Memory", "AvailableMBytes", "free -m | awk '/^Mem/ {print $7}'", 500},
-        {"FormattedData_PerfOS_Memory", "CacheBytes", "free -b | awk '/^Mem/ {print $6}'", 3e8},
-        {"FormattedData_PerfDisk_LogicalDisk WHERE Name = '/'", "PercentFreeSpace",
-         "df / | awk 'NR == 2 {print 100 - $5}'", 1.5},
-        {"RawData_PerfOS_Processor WHERE Name = '0'", "PercentIdleTime",
-         "awk -v unit=$(getconf CLK_TCK) '/^cpu0/ {printf \"%.0f\", ($5 + $6) * 1e7 / unit}' /proc/stat", 1e7},
+TEST_F(PerformanceOfThisMachine, IsWhatItsFilesTell) {
+    const std::pair<const char*, const char*> rows[] = {
+        {"FormattedData_PerfOS_System", R"(f '{print "SystemUpTime", int($1 + 0.5)}' /proc/uptime
+            f -F '[ /]' '{print "Threads", $5 - 2}' /proc/loadavg; set -- /proc/[0-9]*; echo Processes $(($# - 1)))"},
+        {"RawData_PerfOS_System", R"(f '/^ctxt/ {print "ContextSwitchesPersec", $2}' /proc/stat)"},
+        {"RawData_PerfOS_Memory", R"(f '/^pgfault / {print "PageFaultsPersec", $2}
+            /^pgmajfault / {print "PageReadsPersec", $2} /^pgpgin / {print "PagesInputPersec", int($2 * 1024 / page)}
+            /^pgpgout / {print "PagesOutputPersec", int($2 * 1024 / page)}' /proc/vmstat)"},
+        {"FormattedData_PerfOS_Memory", R"(f '{v[$1] = $2 * 1024} NF == 1 {strict = $1 == 2} END {
+            a = v["MemAvailable:"]; print "AvailableBytes", a; print "AvailableKBytes", a / 1024
+            print "AvailableMBytes", int(a / 1048576); print "CommittedBytes", v["Committed_AS:"]
+            print "CacheBytes", v["Cached:"] + v["Buffers:"] + v["SReclaimable:"]
+            print "FreeAndZeroPageListBytes", v["MemFree:"]; print "PoolNonpagedBytes", v["SUnreclaim:"]
+            print "PoolPagedBytes", v["SReclaimable:"]; print "ModifiedPageListBytes", v["Dirty:"] + v["Writeback:"]
+            print "CommitLimit", strict ? v["CommitLimit:"] : v["MemTotal:"] + v["SwapTotal:"]
+            }' /proc/meminfo /proc/sys/vm/overcommit_memory)"},
+        {"RawData_PerfOS_Processor WHERE Name = '0'", R"(f '/^cpu0 / {print "PercentIdleTime", ($5 + $6) * tick
+            print "PercentProcessorTime", ($5 + $6) * tick; print "PercentPrivilegedTime", ($4 + $7 + $8) * tick
+            print "PercentInterruptTime", $7 * tick; print "PercentDPCTime", $8 * tick
+            print "PercentUserTime", ($2 + $3) * tick}' /proc/stat
+            f 'NR == 1 {n = NF} NR > 1 && NF > n {s += $2} END {print "InterruptsPersec", s}' /proc/interrupts
+            f 'NR == 1 {n = NF} NR > 1 && NF > n {s += $2} END {print "DPCsQueuedPersec", s}' /proc/softirqs)"},
+        {"RawData_PerfDisk_LogicalDisk WHERE Name = '/'", R"(df -B1 / | f 'NR == 2 {m = 1048576
+            print "FreeMegabytes", int($4 / m); print "PercentFreeSpace", int($4 / m)
+            print "PercentFreeSpace_Base", int(($3 + $4) / m)}')"},
     };
-    for (const auto& row : rows) {
-        const WmiRow first = rowsOf(std::string("SELECT * FROM Win32_Perf") + row.from)[0];
-        EXPECT_NEAR(numberIn(first, row.property), numberOf(row.command), row.tolerance) << row.property;
+    for (const auto& [from, commands] : rows) expectBetween(from, commands);
+    for (const WmiRow& row : rowsOf("SELECT * FROM Win32_PerfFormattedData_PerfOS_Processor")) {
+        EXPECT_NEAR(numberIn(row, "PercentProcessorTime") + numberIn(row, "PercentIdleTime"), 100, 1);
     }
-    std::set<std::string> names;
-    for (const WmiRow& row : rowsOf("SELECT * FROM Win32_PerfRawData_Tcpip_NetworkInterface")) {
-        const std::string command = "cat /sys/class/net/" + TextOf(row, "Name") + "/statistics/rx_bytes";
-        EXPECT_NEAR(numberIn(row, "BytesReceivedPersec"), numberOf(command), 1e6) << command;
-        names.insert(TextOf(row, "Name"));
-    }
-    EXPECT_FALSE(names.contains("lo"));
-    EXPECT_EQ(rowsOf("SELECT Name FROM Win32_PerfFormattedData_PerfOS_Processor").size(),
-              numberOf("getconf _NPROCESSORS_ONLN") + 1);
 }
 
-/// A process that writes a thousand bytes after the other to nowhere, or none.
-pid_t StartChild(bool writes) {
+TEST_F(PerformanceOfThisMachine, OfDisksAndInterfacesIsWhatTheirFilesTell) {
+    for (const WmiRow& row : RunWmiQuery("SELECT * FROM Win32_PerfRawData_PerfDisk_PhysicalDisk").rows) {
+        const std::string name = TextOf(row, "Name");
+        if (name == "_Total") continue;
+        EXPECT_EQ(numberIn(row, "PercentIdleTime") + numberIn(row, "PercentDiskTime"),
+                  numberIn(row, "Timestamp_PerfTime"));
+        expectBetween("RawData_PerfDisk_PhysicalDisk WHERE Name = '" + name + "'",
+                      "f -v name=" + name.substr(name.find(' ') + 1) + R"( '$3 == name {print "DiskReadsPersec", $4
+            print "DiskReadBytesPersec", $6 * 512; print "PercentDiskReadTime", $7 * 10000
+            print "DiskWritesPersec", $8; print "DiskWriteBytesPersec", $10 * 512
+            print "PercentDiskWriteTime", $11 * 10000; print "CurrentDiskQueueLength", $12
+            print "PercentDiskTime", $13 * 10000; print "DiskTransfersPersec", $4 + $8
+            print "DiskBytesPersec", ($6 + $10) * 512; print "AvgDiskBytesPerRead_Base", $4
+            print "AvgDisksecPerTransfer", ($7 + $11) * 10000; print "AvgDisksecPerWrite_Base", $8}' /proc/diskstats)");
+    }
+    const WmiResult interfaces = RunWmiQuery("SELECT * FROM Win32_PerfRawData_Tcpip_NetworkInterface");
+    EXPECT_EQ(interfaces.status, wmi_status::ok);
+    EXPECT_EQ(std::to_string(interfaces.rows.size()),
+              numbersOf("f 'NR > 2 && !/^ *lo:/ {++n} END {print \"rows\", n + 0}' /proc/net/dev")["rows"]);
+    for (const WmiRow& row : interfaces.rows) {
+        const std::string name = TextOf(row, "Name");
+        expectBetween("RawData_Tcpip_NetworkInterface WHERE Name = '" + name + "'", "n='" + name + R"('
+            f -v name="$n" -F '[: ]+' 'sub(/^ */, "") && $1 == name {print "BytesReceivedPersec", $2
+            print "PacketsReceivedPersec", $3; print "PacketsReceivedErrors", $4; print "PacketsReceivedDiscarded", $5
+            print "PacketsReceivedNonUnicastPersec", $9; print "PacketsReceivedUnicastPersec", $3 - $9
+            print "BytesSentPersec", $10; print "PacketsSentPersec", $11; print "PacketsOutboundErrors", $12
+            print "PacketsOutboundDiscarded", $13; print "BytesTotalPersec", $2 + $10
+            print "PacketsPersec", $3 + $11}' /proc/net/dev
+            (cat /sys/class/net/$n/speed 2>/dev/null || echo -1) |
+                f '{print "CurrentBandwidth", $1 > 0 ? $1 * 1000000 : "NULL"}')");
+    }
+}
+
+/// A process of the given name that writes a thousand bytes after the other to nowhere, or none, for a while at most.
+pid_t StartChild(bool writes, const char* name) {
     const pid_t child = fork();
     if (child != 0) return child;
+    alarm(30);
+    prctl(PR_SET_NAME, name);
     const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
     const char block[1000] = {};
     while (writes && write(nowhere, block, sizeof block) > 0) continue;
@@ -278,57 +380,105 @@ pid_t StartChild(bool writes) {
     _exit(0);
 }
 
-/// Ends a child; its processor time in seconds.
-double EndChild(pid_t child) {
-    rusage usage{};
-    kill(child, SIGKILL);
-    wait4(child, nullptr, 0, &usage);
-    return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
-           static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
-}
+struct EndChild {
+    pid_t id;
+    ~EndChild() {
+        kill(id, SIGKILL);
+        waitpid(id, nullptr, 0);
+    }
+};
 
 TEST_F(PerformanceOfThisMachine, ABusyProcessTellsFromAnIdleOne) {
     const auto ask = [](const char* kind, pid_t id) {
         return rowsOf(fmt::format("SELECT * FROM Win32_Perf{}_PerfProc_Process WHERE IDProcess = {}", kind, id))[0];
     };
-    const pid_t busy = StartChild(true);
-    const pid_t idle = StartChild(false);
-    const WmiRow before = ask("RawData", busy);
-    EXPECT_EQ(numberIn(ask("FormattedData", busy), "CreatingProcessID"), getpid());
+    const EndChild busy{StartChild(true, "busy")};
+    const EndChild idle{StartChild(false, "idle")};
+    const WmiRow earliest = ask("RawData", busy.id);
+    EXPECT_EQ(numberIn(ask("FormattedData", busy.id), "CreatingProcessID"), getpid());
+    const WmiRow early = ask("RawData", busy.id);
     std::this_thread::sleep_for(std::chrono::seconds(1));
-    const WmiRow figures = ask("FormattedData", busy);
-    const WmiRow after = ask("RawData", busy);
-    const auto growthOf = [&](const char* name) { return numberIn(after, name) - numberIn(before, name); };
-    const double time = growthOf("Timestamp_Sys100NS");
-    const double operations = growthOf("IOWriteOperationsPersec") * second / time;
-    EXPECT_NEAR(numberIn(figures, "PercentProcessorTime"), growthOf("PercentProcessorTime") * 100 / time, 15);
-    EXPECT_NEAR(numberIn(figures, "IOWriteOperationsPersec"), operations, operations / 4);
-    EXPECT_NEAR(growthOf("IOWriteBytesPersec"), growthOf("IOWriteOperationsPersec") * 1000, 2000);
-    EXPECT_NEAR(numberIn(after, "PercentProcessorTime") / second, EndChild(busy), 0.2);
-    EXPECT_LE(numberIn(ask("FormattedData", idle), "PercentProcessorTime"), 2);
-    EndChild(idle);
+    const WmiRow late = ask("RawData", busy.id);
+    const WmiRow figures = ask("FormattedData", busy.id);
+    const WmiRow latest = ask("RawData", busy.id);
+    const auto growth = [](const WmiRow& from, const WmiRow& to, const char* name) {
+        return numberIn(to, name) - numberIn(from, name);
+    };
+    const double shortest = growth(early, late, "Timestamp_Sys100NS");
+    const double longest = growth(earliest, latest, "Timestamp_Sys100NS");
+    for (const char* name :
+         {"PercentProcessorTime", "PercentUserTime", "PercentPrivilegedTime", "PageFaultsPersec",
+          "IOWriteOperationsPersec", "IOWriteBytesPersec", "IODataBytesPersec", "IOReadBytesPersec"}) {
+        const double factor = name[0] == 'P' && name[1] == 'e' ? 100 : second;
+        EXPECT_GE(numberIn(figures, name) + 0.5, growth(early, late, name) * factor / longest) << name;
+        EXPECT_LE(numberIn(figures, name) - 0.5, growth(earliest, latest, name) * factor / shortest) << name;
+    }
+    EXPECT_LE(numberIn(ask("FormattedData", idle.id), "PercentUserTime"), numberIn(figures, "PercentProcessorTime"));
+    kill(busy.id, SIGSTOP);
+    const std::string id = std::to_string(busy.id);
+    expectBetween("RawData_PerfProc_Process WHERE IDProcess = " + id, "cd /proc/" + id + R"(
+        f '{print "IDProcess", $1; print "CreatingProcessID", $4; print "PageFaultsPersec", $10 + $12
+        print "PercentUserTime", $14 * tick; print "PercentPrivilegedTime", $15 * tick; print "ThreadCount", $20
+        print "PercentProcessorTime", ($14 + $15) * tick; print "VirtualBytes", $23
+        print "WorkingSet", $24 * page}' stat
+        f '{v[$1] = $2 * 1024} END {print "VirtualBytesPeak", v["VmPeak:"]; print "WorkingSetPeak", v["VmHWM:"]
+        print "WorkingSetPrivate", v["RssAnon:"]; print "PrivateBytes", v["RssAnon:"] + v["VmSwap:"]}' status
+        f '{v[$1] = $2} END {print "IOReadBytesPersec", v["rchar:"]; print "IOWriteBytesPersec", v["wchar:"]
+        print "IOReadOperationsPersec", v["syscr:"]; print "IOWriteOperationsPersec", v["syscw:"]}' io
+        set -- fd/*; echo HandleCount $#)");
 }
 
 TEST_F(PerformanceOfThisMachine, TotalsAreLastAndNamesAreUnique) {
+    const EndChild children[] = {
+        {StartChild(false, "_Total")}, {StartChild(false, "_Total#1")}, {StartChild(false, "_Total")}};
     const std::string classes[] = {"PerfProc_Process", "PerfOS_Processor", "PerfDisk_LogicalDisk",
                                    "PerfDisk_PhysicalDisk"};
+    const std::string sums[] = {"ThreadCount", "InterruptsPersec", "FreeMegabytes", "CurrentDiskQueueLength"};
     std::vector<std::thread> askers;
-    for (const std::string& name : classes) {
-        askers.emplace_back([query = "SELECT * FROM Win32_PerfFormattedData_" + name] {
-            for (int round = 0; round < 5; ++round) rowsOf(query);
+    for (std::size_t at = 0; at < std::size(classes); ++at) {
+        const std::string query = "SELECT * FROM Win32_PerfFormattedData_" + classes[at];
+        askers.emplace_back([query] {
+            for (int round = 0; round < 5; ++round) EXPECT_EQ(RunWmiQuery(query).status, wmi_status::ok) << query;
         });
-        const std::vector<WmiRow> rows = rowsOf("SELECT * FROM Win32_PerfFormattedData_" + name);
+        const std::vector<WmiRow> rows = RunWmiQuery(query).rows;
         std::set<std::string> names;
-        double threads = 0;
+        double sum = 0;
         for (const WmiRow& row : rows) {
             names.insert(TextOf(row, "Name"));
-            threads += TextOf(row, "Name") == "_Total" ? 0 : numberIn(row, "ThreadCount");
+            sum += TextOf(row, "Name") == "_Total" ? 0 : numberIn(row, sums[at]);
         }
-        EXPECT_EQ(names.size(), rows.size()) << name;
-        EXPECT_EQ(TextOf(rows.back(), "Name"), "_Total") << name;
-        EXPECT_EQ(numberIn(rows.back(), "ThreadCount"), threads) << name;
+        EXPECT_EQ(names.size(), rows.size()) << query;
+        EXPECT_EQ(names.contains("_Total#1"), at == 0) << query;
+        if (rows.empty()) continue;
+        EXPECT_EQ(TextOf(rows.back(), "Name"), "_Total") << query;
+        EXPECT_NEAR(numberIn(rows.back(), sums[at]), sum, at == 1 ? static_cast<double>(rows.size()) : 0) << query;
     }
     for (std::thread& asker : askers) asker.join();
+}
+
+TEST_F(PerformanceOfThisMachine, ThatCannotBeReadFails) {
+    const std::string classes[] = {"Perf{}_PerfProc_Process",
+                                   "Perf{}_PerfProc_Process WHERE IDProcess = 1",
+                                   "Perf{}_PerfOS_System",
+                                   "Perf{}_PerfOS_Memory",
+                                   "Perf{}_PerfOS_Processor",
+                                   "Perf{}_PerfDisk_LogicalDisk",
+                                   "Perf{}_PerfDisk_PhysicalDisk",
+                                   "Perf{}_Tcpip_NetworkInterface",
+                                   "Process"};
+    rlimit limits{};
+    getrlimit(RLIMIT_NOFILE, &limits);
+    const rlimit noFiles{0, limits.rlim_max};
+    for (const std::string& name : classes) {
+        for (const char* kind : {"RawData", "FormattedData"}) {
+            const std::string query = "SELECT * FROM Win32_" + fmt::format(fmt::runtime(name), kind);
+            setrlimit(RLIMIT_NOFILE, &noFiles);
+            const WmiResult result = RunWmiQuery(query);
+            setrlimit(RLIMIT_NOFILE, &limits);
+            EXPECT_EQ(result.status, wmi_status::providerFailure) << query;
+            EXPECT_EQ(RunWmiQuery(query).status, wmi_status::ok) << query;
+        }
+    }
 }
 
 }  // namespace
