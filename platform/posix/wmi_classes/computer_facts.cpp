@@ -43,6 +43,16 @@ std::uint16_t SystemTypeOfChassis(std::uint64_t chassis) {
     return 0;
 }
 
+bool IsVirtualMachine(std::string_view vendor, std::string_view model) {
+    constexpr std::string_view vendors[] = {"QEMU", "VMware", "Xen", "Parallels", "innotek", "Bochs"};
+    constexpr std::string_view models[] = {
+        "Virtual Machine", "KVM", "Google Compute Engine", "OpenStack", "VirtualBox", "Apple Virtualization",
+    };
+    if (vendor == "Amazon EC2") return !model.ends_with(".metal");
+    return std::ranges::any_of(vendors, [&](std::string_view start) { return vendor.starts_with(start); }) ||
+           std::ranges::any_of(models, [&](std::string_view start) { return model.starts_with(start); });
+}
+
 std::optional<std::u16string> FirmwareDate(std::string_view text) {
     constexpr std::size_t length = 10;  // of "mm/dd/yyyy"
     constexpr std::size_t dayAt = 3;

@@ -14,6 +14,9 @@ std::u16string_view BootupStateOf(std::string_view commandLine);
 /// PCSystemType of a kind of chassis, by its number in the firmware: 1 desktop, 2 mobile, 4 server, 0 anything else.
 std::uint16_t SystemTypeOfChassis(std::uint64_t chassis);
 
+/// Whether maker and model, as the firmware names them, are those of a virtual machine.
+bool IsVirtualMachine(std::string_view vendor, std::string_view model);
+
 /// The DMTF text of a date of the firmware such as "03/29/2023"; none for another text.
 std::optional<std::u16string> FirmwareDate(std::string_view text);
 

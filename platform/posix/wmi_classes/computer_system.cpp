@@ -8,6 +8,7 @@
 #include "platform/posix/wmi_classes/families.h"
 #include "platform/posix/wmi_classes/host_names.h"
 #include "platform/posix/wmi_classes/kernel_totals.h"
+#include "platform/posix/wmi_classes/known_text.h"
 #include "platform/posix/wmi_classes/local_time.h"
 #include "platform/posix/wmi_classes/processor_identity.h"
 #include "platform/posix/wmi_classes/product.h"
@@ -26,7 +27,7 @@ struct Need {
         host = 1,
         domain = 2,
         membership = 4,
-        product = 8,
+        vendor = 8,
         chassis = 16,
         firmware = 32,
         processors = 64,
@@ -37,6 +38,9 @@ struct Need {
         sessions = 2048,
         time = 4096,
         role = 8192,
+        model = 16384,
+        family = 32768,
+        stockNumber = 65536,
     };
 };
 
@@ -45,7 +49,10 @@ struct Row {
     std::string domain;  // empty: none
     bool isMember = false;
     bool isWorkstation = false;
-    Product product;
+    std::optional<std::string> vendor;
+    std::optional<std::string> model;
+    std::optional<std::string> family;
+    std::optional<std::string> stockNumber;
     std::uint64_t chassis = 0;
     SmbiosStructure system;     // without anything in it where the firmware tells nothing
     SmbiosStructure enclosure;  // the same
@@ -108,7 +115,7 @@ constexpr PropertyInfo properties[] = {
     {u"DaylightInEffect", boolean, Need::time, "now", [](const Row& row) { return row.time.parts.tm_isdst > 0; }},
     {u"Description", string, Need::machine, "as SystemType", [](const Row& row) { return SystemTypeOf(row.machine); }},
     {u"DNSHostName", string, Need::host, "as Name", hostIn},
-    {u"Domain", string, Need::domain, "of the host name, else of /etc/hosts", [](const Row& row) { return row.domain.empty() ? CimValue() : CimValue(row.domain); }},
+    {u"Domain", string, Need::domain, "of the host name, else of /etc/hosts", [](const Row& row) { return KnownText(row.domain); }},
     {u"DomainRole", uint16, Need::role | Need::membership, "0 workstation, 2 server, 1 more in a domain", [](const Row& row) { return DomainRoleOf(row); }},
     {u"EnableDaylightSavingsTime", boolean, 0, "as the time zone says, always", [](const Row&) { return true; }},
     {u"FrontPanelResetStatus", uint16, Need::firmware, "as AdminPasswordStatus", [](const Row& row) { return SettingAt(row, 0); }},
@@ -118,8 +125,8 @@ constexpr PropertyInfo properties[] = {
     {u"InstallDate", datetime},
     {u"KeyboardPasswordStatus", uint16, Need::firmware, "as AdminPasswordStatus", [](const Row& row) { return SettingAt(row, 4); }},
     {u"LastLoadInfo", string},
-    {u"Manufacturer", string, Need::product, "sys_vendor, or the device tree's", [](const Row& row) { return row.product.vendor; }},
-    {u"Model", string, Need::product, "product_name, or the device tree's", [](const Row& row) { return row.product.name; }},
+    {u"Manufacturer", string, Need::vendor, "sys_vendor, or the device tree's", [](const Row& row) { return row.vendor; }},
+    {u"Model", string, Need::model, "product_name, or the device tree's", [](const Row& row) { return row.model; }},
     {u"Name", string, Need::host, "host name without its domain", hostIn},
     {u"NameFormat", string},
     {u"NetworkServerModeEnabled", boolean},
@@ -144,8 +151,8 @@ constexpr PropertyInfo properties[] = {
     {u"Roles", ArrayOf(string)},
     {u"Status", string, 0, "it runs", [](const Row&) { return u"OK"; }},
     {u"SupportContactDescription", ArrayOf(string)},
-    {u"SystemFamily", string, Need::product, "product_family", [](const Row& row) { return row.product.family; }},
-    {u"SystemSKUNumber", string, Need::product, "product_sku", [](const Row& row) { return row.product.stockNumber; }},
+    {u"SystemFamily", string, Need::family, "product_family", [](const Row& row) { return row.family; }},
+    {u"SystemSKUNumber", string, Need::stockNumber, "product_sku", [](const Row& row) { return row.stockNumber; }},
     {u"SystemStartupDelay", uint16},
     {u"SystemStartupOptions", ArrayOf(string)},
     {u"SystemStartupSetting", uint8},
@@ -158,10 +165,13 @@ constexpr PropertyInfo properties[] = {
 };
 // clang-format on
 
-/// Whether the processor says that it is a virtual one, or the system that it runs under another.
+/// Whether the processor says that it is a virtual one, or the system that it runs under another. What the firmware is
+/// called decides only where processors do not say.
 bool HasHypervisor(const std::vector<CpuBlock>& processors) {
-    if (!processors.empty() && processors.front().hasFlag("hypervisor").value_or(false)) return true;
-    return access("/sys/hypervisor/type", F_OK) == 0 || access("/proc/device-tree/hypervisor", F_OK) == 0;
+    const std::optional<bool> flag = processors.empty() ? std::nullopt : processors.front().hasFlag("hypervisor");
+    if (flag.value_or(false)) return true;
+    if (access("/sys/hypervisor/type", F_OK) == 0 || access("/proc/device-tree/hypervisor", F_OK) == 0) return true;
+    return !flag && IsVirtualMachine(ReadDmi("sys_vendor").value_or(""), ReadDmi("product_name").value_or(""));
 }
 
 void ReadProcessorParts(const Gathering& gathering, Row& row) {
@@ -169,7 +179,7 @@ void ReadProcessorParts(const Gathering& gathering, Row& row) {
     const std::string text = ReadCpuInfo();
     const std::vector<CpuBlock> processors = ParseCpuInfo(text);
     row.processors = processors.size();
-    if (gathering.asksFor(Need::processors)) row.sockets = SocketsOf(processors).size();
+    if (gathering.asksFor(Need::processors)) row.sockets = SocketsOf(processors, ReadCpuFile).size();
     if (gathering.asksFor(Need::hypervisor)) row.hasHypervisor = HasHypervisor(processors);
 }
 
@@ -191,7 +201,13 @@ void ReadNames(const Gathering& gathering, Row& row) {
     if (gathering.asksFor(Need::membership)) row.isMember = access(keysOfRealm, F_OK) == 0;
     if (gathering.asksFor(Need::role)) row.isWorkstation = IsWorkstation();
     if (gathering.asksFor(Need::machine)) row.machine = MachineName();
-    if (gathering.asksFor(Need::product)) row.product = ReadProduct();
+}
+
+void ReadMakersNames(const Gathering& gathering, Row& row) {
+    if (gathering.asksFor(Need::vendor)) row.vendor = ReadVendor();
+    if (gathering.asksFor(Need::model)) row.model = ReadModel();
+    if (gathering.asksFor(Need::family)) row.family = ReadDmi("product_family");
+    if (gathering.asksFor(Need::stockNumber)) row.stockNumber = ReadDmi("product_sku");
     if (gathering.asksFor(Need::chassis)) row.chassis = NumberOf(ReadDmi("chassis_type").value_or("")).value_or(0);
 }
 
@@ -210,6 +226,7 @@ WmiStatus GatherComputerSystem(const Gathering& gathering) {
     ReadFirmwareParts(table, row);
     ReadProcessorParts(gathering, row);
     ReadNames(gathering, row);
+    ReadMakersNames(gathering, row);
     ReadRunningParts(gathering, row);
     gathering.row(&row);
     return wmi_status::ok;

@@ -21,46 +21,51 @@ std::string_view TakeBlock(std::string_view& text) {
     return block;
 }
 
-std::string CpuFile(std::uint32_t number, std::string_view name) {
-    return fmt::format("/sys/devices/system/cpu/cpu{}/{}", number, name);
+std::optional<std::uint64_t> NumberIn(const CpuFiles& files, std::uint32_t number, std::string_view name) {
+    const std::optional<std::string> text = files(number, name);
+    return text ? NumberOf(*text) : std::nullopt;
 }
 
 /// Of a file that tells kHz.
-std::optional<std::uint64_t> ReadMegahertz(std::uint32_t number, std::string_view name) {
+std::optional<std::uint64_t> MegahertzIn(const CpuFiles& files, std::uint32_t number, std::string_view name) {
     constexpr std::uint64_t kilohertzOfMegahertz = 1000;
-    const std::optional<std::uint64_t> kilohertz = ReadSystemNumber(CpuFile(number, name));
+    const std::optional<std::uint64_t> kilohertz = NumberIn(files, number, name);
     return kilohertz ? std::optional(*kilohertz / kilohertzOfMegahertz) : std::nullopt;
 }
 
-std::optional<std::uint64_t> ReadClockOf(const CpuBlock& processor) {
+std::optional<std::uint64_t> ClockOfOne(const CpuBlock& processor, const CpuFiles& files) {
     const std::string_view megahertz = processor.field("cpu MHz");
-    if (megahertz.empty()) return ReadMegahertz(processor.number, "cpufreq/scaling_cur_freq");
+    if (megahertz.empty()) return MegahertzIn(files, processor.number, "cpufreq/scaling_cur_freq");
     return NumberOf(megahertz.substr(0, megahertz.find('.')));
 }
 
-struct CpuCache {
-    std::uint64_t level = 0;
-    std::uint64_t size = 0;         // KB
-    std::uint64_t firstSharer = 0;  // of the logical processors that share it
-};
-
-/// None where a processor has no cache of that index.
-std::optional<CpuCache> ReadCache(std::uint32_t number, unsigned index) {
-    const auto read = [&](const char* name) {
-        return ReadSystemLine(CpuFile(number, fmt::format("cache/index{}/{}", index, name)));
-    };
-    const std::optional<std::string> level = read("level");
-    if (!level) return std::nullopt;
-    const std::string sharers = read("shared_cpu_list").value_or("");
-    return CpuCache{NumberOf(*level).value_or(0), CacheSizeOf(read("size").value_or("")).value_or(0),
-                    NumberOf(sharers.substr(0, sharers.find_first_of(",-"))).value_or(number)};
+std::uint64_t PackageOf(const CpuBlock& block, const CpuFiles& files) {
+    const std::optional<std::uint64_t> told = block.numberIn("physical id");
+    return told ? *told : NumberIn(files, block.number, "topology/physical_package_id").value_or(0);
 }
 
-std::optional<CpuPlace> PlaceIn(const CpuBlock& block) {
-    const std::optional<std::uint64_t> package = block.numberIn("physical id");
-    const std::optional<std::uint64_t> core = block.numberIn("core id");
-    if (!package || !core) return std::nullopt;
-    return CpuPlace{*package, *core};
+/// The first of a list such as "0,4" or "0-3".
+std::optional<std::uint64_t> FirstOf(std::string_view list) {
+    return NumberOf(list.substr(0, list.find_first_of(",-")));
+}
+
+/// The first of the processors that share something with one, which alone is told when no list tells the others.
+std::uint64_t FirstSharer(const CpuFiles& files, std::uint32_t number, std::string_view list) {
+    return FirstOf(files(number, list).value_or("")).value_or(number);
+}
+
+/// Adds the caches of levels 2 and 3 that a processor is the first sharer of.
+void AddCaches(const CpuFiles& files, std::uint32_t number, CacheSizes& sizes) {
+    for (unsigned index = 0;; ++index) {
+        const std::string directory = fmt::format("cache/index{}/", index);
+        const std::optional<std::string> level = files(number, directory + "level");
+        if (!level) return;
+        if (*level != "2" && *level != "3") continue;
+        if (FirstSharer(files, number, directory + "shared_cpu_list") != number) continue;
+        const std::optional<std::uint64_t> size = CacheSizeOf(files(number, directory + "size").value_or(""));
+        std::optional<std::uint64_t>& sum = *level == "2" ? sizes.secondLevel : sizes.thirdLevel;
+        if (size) sum = sum.value_or(0) + *size;
+    }
 }
 
 }  // namespace
@@ -97,7 +102,8 @@ std::vector<CpuBlock> ParseCpuInfo(std::string_view text) {
     std::vector<CpuBlock> blocks;
     while (!text.empty()) {
         CpuBlock block{0, TakeBlock(text)};
-        const std::optional<std::uint64_t> number = block.numberIn("processor");
+        std::optional<std::uint64_t> number = block.numberIn("processor");
+        if (!number) number = block.numberIn("cpu number");  // what s390x calls it
         if (!number) continue;
         block.number = static_cast<std::uint32_t>(*number);
         blocks.push_back(block);
@@ -105,20 +111,18 @@ std::vector<CpuBlock> ParseCpuInfo(std::string_view text) {
     return blocks;
 }
 
-CpuPlace ReadCpuPlace(const CpuBlock& block) {
-    return {ReadSystemNumber(CpuFile(block.number, "topology/physical_package_id")).value_or(0),
-            ReadSystemNumber(CpuFile(block.number, "topology/core_id")).value_or(block.number)};
+std::optional<std::string> ReadCpuFile(std::uint32_t number, std::string_view name) {
+    return ReadSystemLine(fmt::format("/sys/devices/system/cpu/cpu{}/{}", number, name));
 }
 
-std::vector<Socket> SocketsOf(const std::vector<CpuBlock>& blocks, CpuPlace (*lookUp)(const CpuBlock&)) {
+std::string ReadCpuInfo() { return ReadSystemFile("/proc/cpuinfo").value_or(""); }
+
+std::vector<Socket> SocketsOf(const std::vector<CpuBlock>& blocks, const CpuFiles& files) {
     std::map<std::uint64_t, Socket> sockets;
-    std::set<std::pair<std::uint64_t, std::uint64_t>> cores;
     for (const CpuBlock& block : blocks) {
-        const std::optional<CpuPlace> known = PlaceIn(block);
-        const CpuPlace place = known ? *known : lookUp(block);
-        Socket& socket = sockets[place.package];
-        socket.package = place.package;
-        if (cores.insert({place.package, place.core}).second) ++socket.cores;
+        const std::uint64_t package = PackageOf(block, files);
+        Socket& socket = sockets[package];
+        socket.package = package;
         socket.processors.push_back(block);
     }
     std::vector<Socket> sorted;
@@ -127,7 +131,13 @@ std::vector<Socket> SocketsOf(const std::vector<CpuBlock>& blocks, CpuPlace (*lo
     return sorted;
 }
 
-std::string ReadCpuInfo() { return ReadSystemFile("/proc/cpuinfo").value_or(""); }
+std::uint32_t CoresOf(const Socket& socket, const CpuFiles& files) {
+    std::set<std::uint64_t> cores;
+    for (const CpuBlock& processor : socket.processors) {
+        cores.insert(FirstSharer(files, processor.number, "topology/thread_siblings_list"));
+    }
+    return static_cast<std::uint32_t>(cores.size());
+}
 
 std::optional<std::uint64_t> CacheSizeOf(std::string_view text) {
     constexpr std::uint64_t kilobytesOfMegabyte = 1024;
@@ -137,23 +147,17 @@ std::optional<std::uint64_t> CacheSizeOf(std::string_view text) {
     return size && isMegabytes ? *size * kilobytesOfMegabyte : size;
 }
 
-std::optional<std::uint64_t> ReadCacheSize(const Socket& socket, std::uint64_t level) {
-    std::optional<std::uint64_t> sum;
-    for (const CpuBlock& processor : socket.processors) {
-        for (unsigned index = 0;; ++index) {
-            const std::optional<CpuCache> cache = ReadCache(processor.number, index);
-            if (!cache) break;
-            if (cache->level == level && cache->firstSharer == processor.number) sum = sum.value_or(0) + cache->size;
-        }
-    }
-    return sum;
+CacheSizes CachesOf(const Socket& socket, const CpuFiles& files) {
+    CacheSizes sizes;
+    for (const CpuBlock& processor : socket.processors) AddCaches(files, processor.number, sizes);
+    return sizes;
 }
 
-std::optional<std::uint64_t> ReadClock(const Socket& socket) {
+std::optional<std::uint64_t> ClockOf(const Socket& socket, const CpuFiles& files) {
     std::uint64_t sum = 0;
     std::uint64_t count = 0;
     for (const CpuBlock& processor : socket.processors) {
-        if (const std::optional<std::uint64_t> clock = ReadClockOf(processor)) {
+        if (const std::optional<std::uint64_t> clock = ClockOfOne(processor, files)) {
             sum += *clock;
             ++count;
         }
@@ -161,10 +165,12 @@ std::optional<std::uint64_t> ReadClock(const Socket& socket) {
     return count == 0 ? std::nullopt : std::optional(sum / count);
 }
 
-std::optional<std::uint64_t> ReadMaxClock(const Socket& socket) {
+std::optional<std::uint64_t> MaxClockOf(const Socket& socket, const CpuFiles& files) {
     std::optional<std::uint64_t> highest;
     for (const CpuBlock& processor : socket.processors) {
-        highest = std::max(highest, ReadMegahertz(processor.number, "cpufreq/cpuinfo_max_freq"));
+        std::optional<std::uint64_t> clock = MegahertzIn(files, processor.number, "cpufreq/base_frequency");
+        if (!clock) clock = MegahertzIn(files, processor.number, "cpufreq/cpuinfo_max_freq");
+        highest = std::max(highest, clock);
     }
     return highest;
 }

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -28,38 +29,44 @@ struct CpuBlock {
 /// The blocks of processors, in order; they refer to the text.
 std::vector<CpuBlock> ParseCpuInfo(std::string_view text);
 
-/// Where a logical processor sits.
-struct CpuPlace {
-    std::uint64_t package = 0;
-    std::uint64_t core = 0;  // within the package
-};
+/// Gives the text of a file about a logical processor, such as "topology/core_id"; none where there is no such file.
+using CpuFiles = std::function<std::optional<std::string>(std::uint32_t number, std::string_view name)>;
 
-/// The place that /sys tells of; where it tells of none, a core of its own in package 0.
-CpuPlace ReadCpuPlace(const CpuBlock& block);
-
-/// A physical processor.
-struct Socket {
-    std::uint64_t package = 0;  // the system's number of it
-    std::uint32_t cores = 0;
-    std::vector<CpuBlock> processors;  // at least one
-};
-
-/// The sockets, in ascending order of their packages. A block that does not tell its place is looked up.
-std::vector<Socket> SocketsOf(const std::vector<CpuBlock>& blocks, CpuPlace (*lookUp)(const CpuBlock&) = ReadCpuPlace);
+/// The CpuFiles of this computer, below /sys/devices/system/cpu.
+std::optional<std::string> ReadCpuFile(std::uint32_t number, std::string_view name);
 
 /// /proc/cpuinfo; empty when it cannot be read.
 std::string ReadCpuInfo();
 
+/// A physical processor.
+struct Socket {
+    std::uint64_t package = 0;         // the system's number of it
+    std::vector<CpuBlock> processors;  // at least one
+};
+
+/// The sockets, in ascending order of their packages. The files are asked about blocks that do not tell of theirs.
+std::vector<Socket> SocketsOf(const std::vector<CpuBlock>& blocks, const CpuFiles& files);
+
+/// How many cores a socket's processors are. They are told apart by the processors that share them, as some systems
+/// number the cores of each cluster anew.
+std::uint32_t CoresOf(const Socket& socket, const CpuFiles& files);
+
 /// A level of cache, "1024K" or "32M" as /sys writes it, in KB; none for another text.
 std::optional<std::uint64_t> CacheSizeOf(std::string_view text);
 
-/// KB of all of a socket's caches of a level, each counted once; none where /sys tells of none.
-std::optional<std::uint64_t> ReadCacheSize(const Socket& socket, std::uint64_t level);
+/// KB of all of a socket's caches of a level, each counted once; none where there is none, or the system does not tell.
+struct CacheSizes {
+    std::optional<std::uint64_t> secondLevel;
+    std::optional<std::uint64_t> thirdLevel;
+};
+
+CacheSizes CachesOf(const Socket& socket, const CpuFiles& files);
 
 /// MHz at which a socket's processors run now, their mean; none where the system does not tell.
-std::optional<std::uint64_t> ReadClock(const Socket& socket);
+std::optional<std::uint64_t> ClockOf(const Socket& socket, const CpuFiles& files);
 
-/// MHz that any of a socket's processors can reach; none where the system does not tell.
-std::optional<std::uint64_t> ReadMaxClock(const Socket& socket);
+/// MHz at which the fastest of a socket's processors runs without a boost, or where only that is known, with it; none
+/// where the system tells neither.
+std::optional<std::uint64_t> MaxClockOf(const Socket& socket, const CpuFiles& files);
 
 }  // namespace platform::wmi

@@ -13,7 +13,25 @@ namespace {
 using enum CimType;
 
 struct Need {
-    enum Bits : std::uint32_t { smbiosVersion = 1, languages = 2, maker = 4, releases = 8 };
+    enum Bits : std::uint32_t {
+        smbiosVersion = 1,
+        languages = 2,
+        maker = 4,
+        releases = 8,
+        serial = 16,
+        uuid = 32,
+        stockNumber = 64,
+        version = 128,
+    };
+};
+
+struct ProductRow {
+    std::optional<std::string> vendor;
+    std::optional<std::string> model;
+    std::optional<std::string> version;
+    std::optional<std::string> serialNumber;
+    std::optional<std::string> uuid;
+    std::optional<std::string> stockNumber;
 };
 
 struct BiosRow {
@@ -39,19 +57,19 @@ std::optional<std::uint64_t> MinorOf(const std::optional<VersionPair>& version) 
     return version ? std::optional(version->minor) : std::nullopt;
 }
 
-constexpr auto productCaption = [](const Product&) { return u"Computer System Product"; };
+constexpr auto productCaption = [](const ProductRow&) { return u"Computer System Product"; };
 constexpr auto biosVersion = [](const BiosRow& row) { return row.version; };
 
 // clang-format off
 constexpr PropertyInfo productProperties[] = {
     {u"Caption", string, 0, "of all", productCaption},
     {u"Description", string, 0, "of all", productCaption},
-    {u"IdentifyingNumber", string, 0, "serial number; for the superuser only", [](const Product& row) { return row.serialNumber; }},
-    {u"Name", string, 0, "model", [](const Product& row) { return row.name; }},
-    {u"SKUNumber", string, 0, "product_sku", [](const Product& row) { return row.stockNumber; }},
-    {u"UUID", string, 0, "for the superuser only", [](const Product& row) { return row.uuid; }},
-    {u"Vendor", string, 0, "sys_vendor, or the device tree's", [](const Product& row) { return row.vendor; }},
-    {u"Version", string, 0, "product_version", [](const Product& row) { return row.version; }},
+    {u"IdentifyingNumber", string, Need::serial, "serial number; for the superuser only", [](const ProductRow& row) { return row.serialNumber; }},
+    {u"Name", string, 0, "model", [](const ProductRow& row) { return row.model; }},
+    {u"SKUNumber", string, Need::stockNumber, "product_sku", [](const ProductRow& row) { return row.stockNumber; }},
+    {u"UUID", string, Need::uuid, "for the superuser only", [](const ProductRow& row) { return row.uuid; }},
+    {u"Vendor", string, 0, "sys_vendor, or the device tree's", [](const ProductRow& row) { return row.vendor; }},
+    {u"Version", string, Need::version, "product_version", [](const ProductRow& row) { return row.version; }},
 };
 
 constexpr PropertyInfo biosProperties[] = {
@@ -74,7 +92,7 @@ constexpr PropertyInfo biosProperties[] = {
     {u"OtherTargetOS", string},
     {u"PrimaryBIOS", boolean, 0, "the computer's own", [](const BiosRow&) { return true; }},
     {u"ReleaseDate", datetime, Need::maker, "bios_date", [](const BiosRow& row) { return ReleaseDateOf(row); }},
-    {u"SerialNumber", string, 0, "the computer's; for the superuser only", [](const BiosRow& row) { return row.serialNumber; }},
+    {u"SerialNumber", string, Need::serial, "the computer's; for the superuser only", [](const BiosRow& row) { return row.serialNumber; }},
     {u"SMBIOSBIOSVersion", string, 0, "as Version", biosVersion},
     {u"SMBIOSMajorVersion", uint16, Need::smbiosVersion, "of smbios_entry_point", [](const BiosRow& row) { return MajorOf(row.smbiosVersion); }},
     {u"SMBIOSMinorVersion", uint16, Need::smbiosVersion, "of smbios_entry_point", [](const BiosRow& row) { return MinorOf(row.smbiosVersion); }},
@@ -84,7 +102,7 @@ constexpr PropertyInfo biosProperties[] = {
     {u"Status", string, 0, "it runs", [](const BiosRow&) { return u"OK"; }},
     {u"SystemBiosMajorVersion", uint8, Need::releases, "of bios_release", [](const BiosRow& row) { return MajorOf(row.release); }},
     {u"SystemBiosMinorVersion", uint8, Need::releases, "of bios_release", [](const BiosRow& row) { return MinorOf(row.release); }},
-    {u"TargetOperatingSystem", uint16, 0, "0: any", [](const BiosRow&) { return 0; }},
+    {u"TargetOperatingSystem", uint16, 0, "0: unknown", [](const BiosRow&) { return 0; }},
     {u"Version", string, 0, "bios_version", biosVersion},
 };
 // clang-format on
@@ -95,8 +113,16 @@ std::optional<VersionPair> ReadVersionPair(std::string_view name) {
 }
 
 WmiStatus GatherProduct(const Gathering& gathering) {
-    const Product product = ReadProduct();
-    if (product.isKnown()) gathering.row(&product);
+    ProductRow row;
+    row.vendor = ReadVendor();
+    row.model = ReadModel();
+    const bool isNamed = row.vendor || row.model;
+    if (!isNamed || gathering.asksFor(Need::serial)) row.serialNumber = ReadSerialNumber();
+    if (!isNamed && !row.serialNumber) return wmi_status::ok;
+    if (gathering.asksFor(Need::version)) row.version = ReadDmi("product_version");
+    if (gathering.asksFor(Need::uuid)) row.uuid = ReadUuid();
+    if (gathering.asksFor(Need::stockNumber)) row.stockNumber = ReadDmi("product_sku");
+    gathering.row(&row);
     return wmi_status::ok;
 }
 
@@ -116,13 +142,14 @@ void ReadBiosParts(const Gathering& gathering, BiosRow& row) {
 
 WmiStatus GatherBios(const Gathering& gathering) {
     constexpr std::uint8_t languagesType = 13;
-    const std::string table = gathering.asksFor(Need::languages) ? ReadSmbiosTable() : "";
     BiosRow row;
     row.version = ReadDmi("bios_version");
-    row.serialNumber = ReadProduct().serialNumber;
+    if (!row.version || gathering.asksFor(Need::serial)) row.serialNumber = ReadSerialNumber();
+    if (!row.version && !row.serialNumber) return wmi_status::ok;
+    const std::string table = gathering.asksFor(Need::languages) ? ReadSmbiosTable() : "";
     row.languages = FirstOfType(ParseSmbios(table), languagesType);
     ReadBiosParts(gathering, row);
-    if (row.version || row.serialNumber) gathering.row(&row);
+    gathering.row(&row);
     return wmi_status::ok;
 }
 

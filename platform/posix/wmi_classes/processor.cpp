@@ -9,11 +9,9 @@
 #endif
 
 #include "platform/posix/wmi/system_text.h"
-#include "platform/posix/wmi_classes/cpu_info.h"
 #include "platform/posix/wmi_classes/families.h"
 #include "platform/posix/wmi_classes/host_names.h"
 #include "platform/posix/wmi_classes/processor_identity.h"
-#include "platform/posix/wmi_classes/processor_load.h"
 #include "platform/posix/wmi_classes/smbios.h"
 
 namespace platform::wmi {
@@ -31,6 +29,7 @@ struct Need {
         caches = 16,
         maxClock = 32,
         currentClock = 64,
+        cores = 128,
     };
 };
 
@@ -41,10 +40,10 @@ struct Row {
     std::u16string host;
     std::string machine;
     std::uint16_t load = 0;
-    std::optional<std::uint64_t> secondLevelCache;  // KB
-    std::optional<std::uint64_t> thirdLevelCache;   // KB
-    std::optional<std::uint64_t> maxClock;          // MHz
-    std::optional<std::uint64_t> currentClock;      // MHz
+    std::uint32_t cores = 0;
+    CacheSizes caches;
+    std::optional<std::uint64_t> maxClock;      // MHz
+    std::optional<std::uint64_t> currentClock;  // MHz
 
     const CpuBlock& first() const { return socket.processors.front(); }
 };
@@ -134,18 +133,18 @@ constexpr PropertyInfo properties[] = {
     {u"ExtClock", uint32, Need::firmware, "MHz", [](const Row& row) { return KnownNumber(row.firmware.wordAt(0x12)); }},
     {u"Family", uint16, Need::firmware, "by the list of SMBIOS, 2 unknown", [](const Row& row) { return FamilyOf(row.firmware); }},
     {u"InstallDate", datetime},
-    {u"L2CacheSize", uint32, Need::caches, "KB, all of the socket's together", [](const Row& row) { return row.secondLevelCache; }},
+    {u"L2CacheSize", uint32, Need::caches, "KB, all of the socket's together", [](const Row& row) { return row.caches.secondLevel; }},
     {u"L2CacheSpeed", uint32},
-    {u"L3CacheSize", uint32, Need::caches, "KB, all of the socket's together", [](const Row& row) { return row.thirdLevelCache; }},
+    {u"L3CacheSize", uint32, Need::caches, "KB, all of the socket's together", [](const Row& row) { return row.caches.thirdLevel; }},
     {u"L3CacheSpeed", uint32},
     {u"LastErrorCode", uint32},
     {u"Level", uint16, 0, "family; on ARM the architecture's version", [](const Row& row) { return LevelOf(row.first()); }},
     {u"LoadPercentage", uint16, Need::load, "busy share since the previous query of it, of /proc/stat", [](const Row& row) { return row.load; }},
     {u"Manufacturer", string, 0, "vendor_id or implementer", [](const Row& row) { return ManufacturerOf(row.first()); }},
-    {u"MaxClockSpeed", uint32, Need::maxClock | Need::firmware, "MHz", [](const Row& row) { return row.maxClock; }},
+    {u"MaxClockSpeed", uint32, Need::maxClock | Need::firmware, "MHz without a boost, where the system knows that", [](const Row& row) { return row.maxClock; }},
     {u"Name", string, Need::firmware, "model name", [](const Row& row) { return NameOf(row); }},
-    {u"NumberOfCores", uint32, 0, "online", [](const Row& row) { return row.socket.cores; }},
-    {u"NumberOfEnabledCore", uint32, 0, "online", [](const Row& row) { return row.socket.cores; }},
+    {u"NumberOfCores", uint32, Need::cores, "online", [](const Row& row) { return row.cores; }},
+    {u"NumberOfEnabledCore", uint32, Need::cores, "online", [](const Row& row) { return row.cores; }},
     {u"NumberOfLogicalProcessors", uint32, 0, "online", [](const Row& row) { return row.socket.processors.size(); }},
     {u"OtherFamilyDescription", string},
     {u"PartNumber", string, Need::firmware, "of the firmware", [](const Row& row) { return row.firmware.stringAt(0x22); }},
@@ -184,18 +183,10 @@ TimesByProcessor ReadTimes() {
     return all;
 }
 
-/// The sample of this query, and the one it is compared with.
-struct LoadSamples {
-    TimesByProcessor from;
-    TimesByProcessor to;
-};
-
-LoadSamples TakeLoadSamples() {
+void TakeLoadSamples(ProcessorSources& sources) {
     static LoadHistory history;
-    LoadSamples samples;
-    samples.to = ReadTimes();
-    samples.from = history.exchange(samples.to, std::chrono::steady_clock::now());
-    return samples;
+    sources.loadTo = ReadTimes();
+    sources.loadFrom = history.exchange(sources.loadTo, std::chrono::steady_clock::now());
 }
 
 /// What the firmware tells of the processors that are in their sockets, in its order.
@@ -209,45 +200,43 @@ std::vector<SmbiosStructure> ProcessorsIn(const std::vector<SmbiosStructure>& st
     return processors;
 }
 
-/// MHz by the system, else as the firmware set it, else as it is now.
-std::optional<std::uint64_t> MaxClockOf(const Row& row) {
-    if (const std::optional<std::uint64_t> clock = ReadMaxClock(row.socket)) return clock;
+/// By the system, else as the firmware set it, else as it is now.
+std::optional<std::uint64_t> MaxClockOf(const Row& row, const CpuFiles& files) {
+    if (const std::optional<std::uint64_t> clock = MaxClockOf(row.socket, files)) return clock;
     const std::uint16_t byFirmware = row.firmware.wordAt(0x16);
-    return byFirmware != 0 ? byFirmware : ReadClock(row.socket);
+    return byFirmware != 0 ? byFirmware : ClockOf(row.socket, files);
 }
 
-/// What is read of each socket.
-void ReadParts(const Gathering& gathering, Row& row) {
-    if (gathering.asksFor(Need::caches)) {
-        row.secondLevelCache = ReadCacheSize(row.socket, 2);
-        row.thirdLevelCache = ReadCacheSize(row.socket, 3);
-    }
-    if (gathering.asksFor(Need::maxClock)) row.maxClock = MaxClockOf(row);
-    if (gathering.asksFor(Need::currentClock)) row.currentClock = ReadClock(row.socket);
+void FillParts(const Gathering& gathering, const CpuFiles& files, Row& row) {
+    if (gathering.asksFor(Need::cores)) row.cores = CoresOf(row.socket, files);
+    if (gathering.asksFor(Need::caches)) row.caches = CachesOf(row.socket, files);
+    if (gathering.asksFor(Need::maxClock)) row.maxClock = MaxClockOf(row, files);
+    if (gathering.asksFor(Need::currentClock)) row.currentClock = ClockOf(row.socket, files);
 }
 
 WmiStatus GatherOfThisComputer(const Gathering& gathering) {
     const std::string cpuInfo = ReadCpuInfo();
     const std::string firmware = gathering.asksFor(Need::firmware) ? ReadSmbiosTable() : "";
     const std::string machine = gathering.asksFor(Need::machine) ? MachineName() : "";
-    return GatherProcessors(gathering, {cpuInfo, firmware, machine});
+    ProcessorSources sources{cpuInfo, firmware, machine, ReadCpuFile, {}, {}};
+    if (gathering.asksFor(Need::load)) TakeLoadSamples(sources);
+    return GatherProcessors(gathering, sources);
 }
 
 constexpr ClassInfo classes[] = {{u"Win32_Processor", u"CIM_Processor", properties, GatherOfThisComputer}};
 
 }  // namespace
 
-WmiStatus GatherProcessors(const Gathering& gathering, const ProcessorTexts& texts) {
-    const std::vector<SmbiosStructure> firmware = ProcessorsIn(ParseSmbios(texts.firmware));
-    const LoadSamples samples = gathering.asksFor(Need::load) ? TakeLoadSamples() : LoadSamples();
+WmiStatus GatherProcessors(const Gathering& gathering, const ProcessorSources& sources) {
+    const std::vector<SmbiosStructure> firmware = ProcessorsIn(ParseSmbios(sources.firmware));
     Row row;
-    row.machine = texts.machine;
+    row.machine = sources.machine;
     if (gathering.asksFor(Need::host)) row.host = HostName();
-    for (Socket& socket : SocketsOf(ParseCpuInfo(texts.cpuInfo))) {
+    for (Socket& socket : SocketsOf(ParseCpuInfo(sources.cpuInfo), sources.files)) {
         row.socket = std::move(socket);
         row.firmware = row.number < firmware.size() ? firmware[row.number] : SmbiosStructure();
-        row.load = BusyPercent(row.socket.processors, samples.from, samples.to);
-        ReadParts(gathering, row);
+        row.load = BusyPercent(row.socket.processors, sources.loadFrom, sources.loadTo);
+        FillParts(gathering, sources.files, row);
         if (!gathering.row(&row)) break;
         ++row.number;
     }

@@ -5,17 +5,22 @@
 #include <string_view>
 
 #include "platform/posix/wmi/wmi_class.h"
+#include "platform/posix/wmi_classes/cpu_info.h"
+#include "platform/posix/wmi_classes/processor_load.h"
 
 namespace platform::wmi {
 
 /// What processors are described by.
-struct ProcessorTexts {
+struct ProcessorSources {
     std::string_view cpuInfo;   // /proc/cpuinfo
     std::string_view firmware;  // a table of SMBIOS
     std::string_view machine;   // as uname(2) names it
+    CpuFiles files;             // asked only for what a query needs
+    TimesByProcessor loadFrom;
+    TimesByProcessor loadTo;
 };
 
-/// Gathers the processors of such texts; what is to be read of /sys and of /proc/stat is read by their numbers.
-WmiStatus GatherProcessors(const Gathering& gathering, const ProcessorTexts& texts);
+/// Gathers the processors that are described.
+WmiStatus GatherProcessors(const Gathering& gathering, const ProcessorSources& sources);
 
 }  // namespace platform::wmi

@@ -7,12 +7,20 @@
 
 namespace platform::wmi {
 
-namespace {
-
-/// The maker in "raspberrypi,4-model-b".
-std::optional<std::string> ReadDeviceTreeVendor() {
-    const std::optional<std::string> compatible = ReadDeviceTree("compatible");
+std::optional<std::string> ReadVendor() {
+    if (std::optional<std::string> vendor = ReadDmi("sys_vendor")) return vendor;
+    const std::optional<std::string> compatible = ReadDeviceTree("compatible");  // such as "raspberrypi,4-model-b"
     return compatible ? std::optional(compatible->substr(0, compatible->find(','))) : std::nullopt;
+}
+
+std::optional<std::string> ReadModel() {
+    std::optional<std::string> model = ReadDmi("product_name");
+    return model ? model : ReadDeviceTree("model");
+}
+
+std::optional<std::string> ReadSerialNumber() {
+    std::optional<std::string> number = ReadDmi("product_serial");
+    return number ? number : ReadDeviceTree("serial-number");
 }
 
 std::optional<std::string> ReadUuid() {
@@ -20,23 +28,6 @@ std::optional<std::string> ReadUuid() {
     if (!uuid) return std::nullopt;
     std::ranges::transform(*uuid, uuid->begin(), [](unsigned char letter) { return std::toupper(letter); });
     return uuid;
-}
-
-}  // namespace
-
-Product ReadProduct() {
-    Product product{.vendor = ReadDmi("sys_vendor"),
-                    .name = ReadDmi("product_name"),
-                    .version = ReadDmi("product_version"),
-                    .serialNumber = ReadDmi("product_serial"),
-                    .uuid = ReadUuid(),
-                    .stockNumber = ReadDmi("product_sku"),
-                    .family = ReadDmi("product_family")};
-    if (product.isKnown()) return product;
-    product.vendor = ReadDeviceTreeVendor();
-    product.name = ReadDeviceTree("model");
-    product.serialNumber = ReadDeviceTree("serial-number");
-    return product;
 }
 
 }  // namespace platform::wmi

@@ -1,4 +1,5 @@
-// How the maker names the computer: of the firmware's tables, or of the device tree that many computers have instead.
+// How the maker names the computer: in the firmware's tables, or in the device tree that many computers have instead.
+// All is UTF-8, and none where the maker tells nothing, as on some virtual machines.
 #pragma once
 
 #include <optional>
@@ -6,20 +7,14 @@
 
 namespace platform::wmi {
 
-/// UTF-8. Serial number and UUID are for the superuser only.
-struct Product {
-    std::optional<std::string> vendor;
-    std::optional<std::string> name;
-    std::optional<std::string> version;
-    std::optional<std::string> serialNumber;
-    std::optional<std::string> uuid;  // in capital letters
-    std::optional<std::string> stockNumber;
-    std::optional<std::string> family;
+std::optional<std::string> ReadVendor();
 
-    /// False on a virtual machine that tells nothing.
-    bool isKnown() const { return vendor || name || serialNumber; }
-};
+std::optional<std::string> ReadModel();
 
-Product ReadProduct();
+/// For the superuser only, except of a device tree.
+std::optional<std::string> ReadSerialNumber();
+
+/// In capital letters; for the superuser only.
+std::optional<std::string> ReadUuid();
 
 }  // namespace platform::wmi

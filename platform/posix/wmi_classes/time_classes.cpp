@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include "platform/posix/wmi_classes/families.h"
+#include "platform/posix/wmi_classes/known_text.h"
 #include "platform/posix/wmi_classes/local_time.h"
 #include "platform/posix/wmi_classes/zone_rules.h"
 
@@ -48,8 +49,6 @@ std::int32_t DaylightBiasOf(const ZoneRow& row) {
     return row.rules.daylight ? row.rules.minutesEast - row.daylight.minutesEast : 0;
 }
 
-std::optional<std::string> TextOf(const std::string& text) { return text.empty() ? std::nullopt : std::optional(text); }
-
 constexpr auto captionIn = [](const ZoneRow& row) { return CaptionOf(row); };
 constexpr auto zero = [](const ZoneRow&) { return 0; };
 
@@ -64,11 +63,11 @@ constexpr PropertyInfo zoneProperties[] = {
     {u"DaylightMillisecond", uint32, 0, "none", zero},
     {u"DaylightMinute", uint32, 0, "of the clock before the change", [](const ZoneRow& row) { return row.daylight.start.minute; }},
     {u"DaylightMonth", uint32, 0, "0 without daylight saving", [](const ZoneRow& row) { return row.daylight.start.month; }},
-    {u"DaylightName", string, 0, "such as CEST", [](const ZoneRow& row) { return TextOf(row.daylight.name); }},
+    {u"DaylightName", string, 0, "such as CEST", [](const ZoneRow& row) { return KnownText(row.daylight.name); }},
     {u"DaylightSecond", uint32, 0, "of the clock before the change", [](const ZoneRow& row) { return row.daylight.start.second; }},
     {u"DaylightYear", uint32, 0, "0: every year", zero},
     {u"Description", string, 0, "as Caption", captionIn},
-    {u"SettingID", string, 0, "name of the zone", [](const ZoneRow& row) { return TextOf(row.name); }},
+    {u"SettingID", string, 0, "name of the zone", [](const ZoneRow& row) { return KnownText(row.name); }},
     {u"StandardBias", uint32, 0, "none", zero},
     {u"StandardDay", uint32, 0, "which StandardDayOfWeek of the month, 5 the last", [](const ZoneRow& row) { return row.daylight.end.week; }},
     {u"StandardDayOfWeek", uint8, 0, "0 Sunday", [](const ZoneRow& row) { return row.daylight.end.dayOfWeek; }},
