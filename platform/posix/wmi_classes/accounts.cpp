@@ -63,16 +63,11 @@ PasswordEntry PasswordOf(const std::vector<std::string_view>& fields) {
     return entry;
 }
 
-bool IsDisabled(const UserRow& row) {
-    const std::optional<std::int64_t>& expiry = row.password->accountExpiry;
-    return row.password->opensNothing || (expiry && *expiry <= row.today);
-}
-
 std::optional<bool> DisabledIn(const UserRow& row) {
-    return row.password ? std::optional(IsDisabled(row)) : std::nullopt;
+    return row.password ? std::optional(IsDisabled(row.user, *row.password, row.today)) : std::nullopt;
 }
 
-std::u16string_view StatusOf(const UserRow& row) { return row.password && IsDisabled(row) ? u"Degraded" : u"OK"; }
+std::u16string_view StatusOf(const UserRow& row) { return DisabledIn(row).value_or(false) ? u"Degraded" : u"OK"; }
 
 /// One of the facts of a password.
 std::optional<bool> FactOf(const UserRow& row, bool PasswordEntry::*fact) {
@@ -92,7 +87,7 @@ constexpr PropertyInfo userProperties[] = {
     {u"AccountType", uint32, 0, "512: a normal account", [](const UserRow&) { return 512; }},
     {u"Caption", string, Need::host, "computer\\name", userCaption},
     {u"Description", string, 0, "as FullName", [](const UserRow& row) { return row.user.fullName; }},
-    {u"Disabled", boolean, Need::password, "no password opens it, or it has expired", [](const UserRow& row) { return DisabledIn(row); }},
+    {u"Disabled", boolean, Need::password, "it has expired, or has neither a password nor a shell", [](const UserRow& row) { return DisabledIn(row); }},
     {u"Domain", string, Need::host, "the computer's name", [](const UserRow& row) { return row.host; }},
     {u"FullName", string, 0, "of GECOS", [](const UserRow& row) { return row.user.fullName; }},
     {u"InstallDate", datetime},
@@ -166,7 +161,8 @@ std::vector<UserEntry> ParsePasswd(std::string_view text) {
         const std::optional<std::uint32_t> id = IdOf(fields[2]);
         const std::string_view gecos = fields[4];
         if (!id) continue;
-        users.push_back({std::string(fields[0]), *id, std::string(gecos.substr(0, gecos.find(',')))});
+        users.push_back(
+            {std::string(fields[0]), *id, std::string(gecos.substr(0, gecos.find(','))), std::string(fields[6])});
     }
     return users;
 }
@@ -191,6 +187,12 @@ std::map<std::string, PasswordEntry> ParseShadow(std::string_view text) {
         if (fields.size() == fieldCount) entries.emplace(fields[0], PasswordOf(fields));
     }
     return entries;
+}
+
+bool IsDisabled(const UserEntry& user, const PasswordEntry& password, std::int64_t daysSince1970) {
+    const bool hasShell = !user.shell.ends_with("/nologin") && !user.shell.ends_with("/false");
+    const bool hasExpired = password.accountExpiry && *password.accountExpiry <= daysSince1970;
+    return hasExpired || (password.opensNothing && !hasShell);
 }
 
 std::span<const ClassInfo> AccountClasses() { return classes; }

@@ -16,6 +16,7 @@ struct UserEntry {
     std::string name;
     std::uint32_t id = 0;
     std::string fullName;  // what GECOS holds up to its first comma
+    std::string shell;     // a path
 };
 
 /// Lines without a name, a number or one of the seven fields are left out.
@@ -41,5 +42,9 @@ struct PasswordEntry {
 
 /// By the users' names.
 std::map<std::string, PasswordEntry> ParseShadow(std::string_view text);
+
+/// Whether nobody can use an account: it has expired, or neither a password nor a shell is open to anyone. Without a
+/// password alone its owner may still log in by a key.
+bool IsDisabled(const UserEntry& user, const PasswordEntry& password, std::int64_t daysSince1970);
 
 }  // namespace platform::wmi

@@ -4,6 +4,7 @@
 #include <cctype>
 #include <cstdlib>
 #include <filesystem>
+#include <fmt/format.h>
 #include <utility>
 
 #include "platform/posix/wmi/system_text.h"
@@ -17,7 +18,7 @@ constexpr std::int32_t secondsOfHour = 3600;
 constexpr std::int32_t daysOfWeek = 7;
 constexpr std::int32_t secondsOfDay = 86400;
 constexpr std::string_view digits = "0123456789";
-constexpr std::string_view zoneDirectory = "/usr/share/zoneinfo/";
+constexpr const char* systemZone = "/etc/localtime";
 
 /// Takes a character off a text, if it is there.
 bool Take(std::string_view& text, char character) {
@@ -75,12 +76,15 @@ ClockChange At(ClockChange day, std::int32_t seconds) {
 /// Takes ",Mmonth.week.day[/time]".
 std::optional<ClockChange> TakeChange(std::string_view& text) {
     constexpr std::int32_t usualTime = 2 * secondsOfHour;
+    constexpr std::int32_t months = 12;
+    constexpr std::int32_t weeks = 5;
     if (!Take(text, ',') || !Take(text, 'M')) return std::nullopt;
     const std::optional<std::int32_t> month = TakeNumber(text);
     const std::optional<std::int32_t> week = Take(text, '.') ? TakeNumber(text) : std::nullopt;
     const std::int32_t day = Take(text, '.') ? TakeNumber(text).value_or(daysOfWeek) : daysOfWeek;
     const std::optional<std::int32_t> time = Take(text, '/') ? TakeTime(text) : usualTime;
-    if (!month || !week || !time || day < 0 || day >= daysOfWeek) return std::nullopt;
+    if (!month || *month < 1 || *month > months || !week || *week < 1 || *week > weeks) return std::nullopt;
+    if (!time || day >= daysOfWeek) return std::nullopt;
     return At({.month = static_cast<std::uint32_t>(*month),
                .week = static_cast<std::uint32_t>(*week),
                .dayOfWeek = static_cast<std::uint8_t>(day)},
@@ -107,14 +111,20 @@ void PutSummerLast(ZoneRules& zone) {
     std::swap(daylight.start, daylight.end);
 }
 
-/// "Europe/Berlin" of the path to its file, else what /etc/timezone holds.
-std::string ReadZoneName() {
-    std::error_code failure;
-    const std::string target = std::filesystem::read_symlink("/etc/localtime", failure).string();
+/// "Europe/Berlin" of a path to its file; empty for a file that is kept elsewhere.
+std::string NameInPath(const std::string& path) {
     constexpr std::string_view directory = "zoneinfo/";
-    const std::size_t at = target.find(directory);
-    if (at != std::string_view::npos) return target.substr(at + directory.size());
-    return ReadSystemLine("/etc/timezone").value_or("");
+    const std::size_t at = path.find(directory);
+    return at == std::string::npos ? "" : path.substr(at + directory.size());
+}
+
+/// By a file's path, else by the one that it links to, else for the system's zone what /etc/timezone holds.
+std::string ReadZoneName(const std::string& path) {
+    std::error_code failure;
+    std::string name = NameInPath(path);
+    if (name.empty()) name = NameInPath(std::filesystem::read_symlink(path, failure).string());
+    if (name.empty() && path == systemZone) name = ReadSystemLine("/etc/timezone").value_or("");
+    return name;
 }
 
 /// The last line of a time zone file.
@@ -123,8 +133,10 @@ std::string_view LastLineOf(std::string_view file) {
     return file.substr(file.rfind('\n') + 1);
 }
 
-Zone ReadSystemZone() {
-    return {ReadZoneName(), ParseZoneRules(LastLineOf(ReadSystemFile("/etc/localtime").value_or("")))};
+/// None where there is no such file.
+std::optional<Zone> ReadZoneFile(const std::string& path) {
+    const std::optional<std::string> file = ReadSystemFile(path);
+    return file ? std::optional(Zone{ReadZoneName(path), ParseZoneRules(LastLineOf(*file))}) : std::nullopt;
 }
 
 }  // namespace
@@ -153,11 +165,13 @@ std::optional<ZoneRules> ParseZoneRules(std::string_view text) {
 
 Zone ReadZone() {
     const char* variable = std::getenv("TZ");
-    std::string name = variable != nullptr ? variable : "";
-    if (name.starts_with(':')) name.erase(0, 1);
-    if (name.empty()) return ReadSystemZone();
-    const std::optional<std::string> file = ReadSystemFile(std::string(zoneDirectory) + name);
-    return file ? Zone{name, ParseZoneRules(LastLineOf(*file))} : Zone{"", ParseZoneRules(name)};
+    if (variable == nullptr) return ReadZoneFile(systemZone).value_or(Zone());
+    std::string_view name = variable;
+    Take(name, ':');
+    if (name.empty()) return {"UTC", ParseZoneRules("UTC0")};
+    const std::optional<Zone> zone =
+        ReadZoneFile(name.starts_with('/') ? std::string(name) : fmt::format("/usr/share/zoneinfo/{}", name));
+    return zone ? *zone : Zone{"", ParseZoneRules(name)};
 }
 
 }  // namespace platform::wmi

@@ -34,7 +34,7 @@ struct ZoneRules {
 
 /// Parses such as "CET-1CEST,M3.5.0,M10.5.0/3". A winter time that is declared as the exception comes out as the rule.
 /// A change outside of its day is moved to the next or previous one. Days counted by the year, which no zone changes
-/// its clocks on, count as no change. None for a text that is none of this form.
+/// its clocks on, and months and weeks that are none, count as no change. None for a text that is none of this form.
 std::optional<ZoneRules> ParseZoneRules(std::string_view text);
 
 /// The zone that the computer is set to.
@@ -43,7 +43,7 @@ struct Zone {
     std::optional<ZoneRules> rules;
 };
 
-/// That of the variable TZ, else of /etc/localtime.
+/// That of the variable TZ, which is read as tzset(3) does, else of /etc/localtime.
 Zone ReadZone();
 
 }  // namespace platform::wmi
