@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <fmt/format.h>
 #include <langinfo.h>
 #include <locale.h>
 #include <memory>
@@ -76,6 +77,11 @@ std::string ReadOsRelease() {
     std::optional<std::string> text = ReadSystemFile("/etc/os-release");
     if (!text) text = ReadSystemFile("/usr/lib/os-release");
     return text.value_or("");
+}
+
+std::string SystemNameOf(std::string_view osRelease, const utsname& kernel) {
+    const std::string kernelName = fmt::format("{} {}", kernel.sysname, kernel.release);
+    return AssignedValue(osRelease, "PRETTY_NAME").value_or(kernelName);
 }
 
 std::optional<std::string> ReadPrettyHostName() {

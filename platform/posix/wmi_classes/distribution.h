@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <sys/utsname.h>
 
 namespace platform::wmi {
 
@@ -15,6 +16,9 @@ std::optional<std::string> AssignedValue(std::string_view text, std::string_view
 
 /// The text of os-release; empty where there is none.
 std::string ReadOsRelease();
+
+/// The distribution's name with its version, of the text of os-release, else the kernel's.
+std::string SystemNameOf(std::string_view osRelease, const utsname& kernel);
 
 /// The name that an administrator has given to the computer for people to read.
 std::optional<std::string> ReadPrettyHostName();

@@ -63,12 +63,6 @@ struct Row {
 constexpr std::int64_t microsecondsOfSecond = 1'000'000;
 constexpr std::int64_t microsecondsOfMillisecond = 1000;
 
-/// The distribution's name with its version, or the kernel's.
-std::string CaptionOf(const Row& row) {
-    const std::string kernel = fmt::format("{} {}", row.kernel.sysname, row.kernel.release);
-    return AssignedValue(row.release, "PRETTY_NAME").value_or(kernel);
-}
-
 std::optional<std::string> ManufacturerOf(const Row& row) {
     const std::optional<std::string> vendor = AssignedValue(row.release, "VENDOR_NAME");
     return vendor ? vendor : AssignedValue(row.release, "NAME");
@@ -85,7 +79,7 @@ std::optional<std::uint64_t> SumOf(std::optional<std::uint64_t> left, std::optio
     return left && right ? std::optional(*left + *right) : std::nullopt;
 }
 
-constexpr auto captionIn = [](const Row& row) { return CaptionOf(row); };
+constexpr auto captionIn = [](const Row& row) { return SystemNameOf(row.release, row.kernel); };
 constexpr auto swapSizeIn = [](const Row& row) { return MemoryFigure(row.memory, "SwapTotal"); };
 constexpr auto rootIn = [](const Row&) { return u"/"; };
 
@@ -130,7 +124,7 @@ constexpr PropertyInfo properties[] = {
     {u"Name", string, Need::release | Need::kernel, "as Caption", captionIn},
     {u"NumberOfLicensedUsers", uint32, 0, "0: without a limit", [](const Row&) { return 0; }},
     {u"NumberOfProcesses", uint32, Need::processes, "directories of /proc", [](const Row& row) { return row.processes; }},
-    {u"NumberOfUsers", uint32, Need::sessions, "sessions in utmp; none where the system keeps no such file", [](const Row& row) { return row.sessions; }},
+    {u"NumberOfUsers", uint32, Need::sessions, "sessions of utmp or the login manager", [](const Row& row) { return row.sessions; }},
     {u"OperatingSystemSKU", uint32},
     {u"Organization", string},
     {u"OSArchitecture", string, Need::kernel, "64-bit or 32-bit, of the kernel", [](const Row& row) { return WordWidthOf(row.kernel.machine); }},

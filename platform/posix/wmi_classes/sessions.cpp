@@ -1,9 +1,15 @@
 #include "platform/posix/wmi_classes/sessions.h"
 
+#include <cstdlib>
 #include <cstring>
+#include <fmt/format.h>
+#include <memory>
+#include <systemd/sd-login.h>
+#include <unistd.h>
 #include <utmp.h>
 
 #include "platform/posix/wmi/system_text.h"
+#include "platform/posix/wmi_classes/accounts.h"
 
 namespace platform::wmi {
 
@@ -12,6 +18,46 @@ namespace {
 template <std::size_t Size>
 std::string TextOf(const char (&field)[Size]) {
     return std::string(field, strnlen(field, Size));
+}
+
+using OwnedText = std::unique_ptr<char, decltype(&std::free)>;
+
+/// What a routine of sd-login tells of a session; empty when nothing.
+std::string AskOf(const char* session, int (*ask)(const char*, char**)) {
+    char* text = nullptr;
+    if (ask(session, &text) < 0) return {};
+    const OwnedText owned(text, std::free);
+    return text;
+}
+
+std::string NameOfUser(std::uint32_t id) {
+    for (UserEntry& user : ParsePasswd(ReadSystemFile("/etc/passwd").value_or(""))) {
+        if (user.id == id) return std::move(user.name);
+    }
+    return fmt::format("{}", id);  // a user of a directory service, which may not answer
+}
+
+/// None for a session that is no user's, such as that of a login screen, and for one that is over but for what its
+/// user has left running.
+std::optional<Session> ReadSession(const char* id) {
+    uid_t user = 0;
+    const bool isOfUser = AskOf(id, sd_session_get_class).starts_with("user");
+    if (!isOfUser || AskOf(id, sd_session_get_state) == "closing" || sd_session_get_uid(id, &user) < 0) return {};
+    const std::string terminal = AskOf(id, sd_session_get_tty);
+    return Session{NameOfUser(user), terminal.empty() ? AskOf(id, sd_session_get_display) : terminal};
+}
+
+/// Those of systemd's login manager, of the files that it keeps; none where it does not run.
+std::optional<std::vector<Session>> ReadManagedSessions() {
+    char** ids = nullptr;
+    if (access("/run/systemd/sessions", F_OK) != 0 || sd_get_sessions(&ids) < 0) return std::nullopt;
+    const std::unique_ptr<char*, decltype(&std::free)> owned(ids, std::free);
+    std::vector<Session> sessions;
+    for (; ids != nullptr && *ids != nullptr; ++ids) {
+        const OwnedText id(*ids, std::free);
+        if (std::optional<Session> session = ReadSession(id.get())) sessions.push_back(std::move(*session));
+    }
+    return sessions;
 }
 
 }  // namespace
@@ -28,7 +74,7 @@ std::vector<Session> ParseSessions(std::string_view utmp) {
 
 std::optional<std::vector<Session>> ReadSessions() {
     const std::optional<std::string> file = ReadSystemFile(_PATH_UTMP);
-    return file ? std::optional(ParseSessions(*file)) : std::nullopt;
+    return file ? std::optional(ParseSessions(*file)) : ReadManagedSessions();
 }
 
 std::optional<std::string> ConsoleUserOf(const std::vector<Session>& sessions) {

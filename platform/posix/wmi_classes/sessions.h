@@ -1,4 +1,4 @@
-// Who is logged in, of utmp(5).
+// Who is logged in, of utmp(5), or of systemd's login manager where the system keeps no such file.
 #pragma once
 
 #include <cstddef>
@@ -18,7 +18,7 @@ struct Session {
 /// Those of a utmp file; a part of a record at its end is left out.
 std::vector<Session> ParseSessions(std::string_view utmp);
 
-/// The sessions; none where the system keeps no such file.
+/// The sessions; none where the system keeps no account of them.
 std::optional<std::vector<Session>> ReadSessions();
 
 /// The user at the computer's own screen and keyboard; none when nobody is.
