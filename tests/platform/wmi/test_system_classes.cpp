@@ -10,6 +10,8 @@
 #include <gmock/gmock.h>
 #include <map>
 #include <memory>
+#include <sys/utsname.h>
+#include <unistd.h>
 #include <utmp.h>
 
 #include "platform/backend.h"
@@ -85,51 +87,27 @@ std::string Structure(char type, std::size_t length, const std::vector<Field>& f
     return bytes + (strings.empty() ? std::string(2, '\0') : std::string(1, '\0'));
 }
 
+// clang-format off
 std::string SocketStructure(std::uint32_t status) {
     return Structure(4, 0x30,
-                     {{0x04, 1, 1},
-                      {0x06, 1, 0xFE},
-                      {0x08, 4, 0x50657},
-                      {0x0C, 4, 0xBFEBFBFF},
-                      {0x10, 1, 2},
-                      {0x11, 1, 0x8A},
-                      {0x12, 2, 100},
-                      {0x16, 2, 2900},
-                      {0x18, 1, status},
-                      {0x19, 1, 0x35},
-                      {0x20, 1, 3},
-                      {0x26, 2, 0xFC},
-                      {0x28, 2, 0x1B3}},
-                     {"LGA3647-0", "Firmware's name", " 0123 "});
+        {{0x04, 1, 1}, {0x06, 1, 0xFE}, {0x08, 4, 0x50657}, {0x0C, 4, 0xBFEBFBFF}, {0x10, 1, 2}, {0x11, 1, 0x8A},
+         {0x12, 2, 100}, {0x16, 2, 2900}, {0x18, 1, status}, {0x19, 1, 0x35}, {0x20, 1, 3}, {0x26, 2, 0xFC},
+         {0x28, 2, 0x1B3}},
+        {"LGA3647-0", "Firmware's name", " 0123 "});
 }
 
 std::string MemoryTable() {
-    const std::vector<std::string> strings = {"DIMM_A1", "Bank 0", "Maker", "00AB", "PART-1  "};
     return Structure(0, 0x18, {}, {"vendor"}) +
            Structure(17, 0x5C,
-                     {{0x08, 2, 72},
-                      {0x0A, 2, 64},
-                      {0x0C, 2, 0x7FFF},
-                      {0x0E, 1, 9},
-                      {0x10, 1, 1},
-                      {0x11, 1, 2},
-                      {0x12, 1, 0x22},
-                      {0x13, 2, 0x2080},
-                      {0x15, 2, 0xFFFF},
-                      {0x17, 1, 3},
-                      {0x18, 1, 4},
-                      {0x1A, 1, 5},
-                      {0x1B, 1, 2},
-                      {0x1C, 4, 0x8000},
-                      {0x20, 2, 4800},
-                      {0x22, 2, 1100},
-                      {0x26, 2, 1100},
-                      {0x54, 4, 70000}},
-                     strings) +
+               {{0x08, 2, 72}, {0x0A, 2, 64}, {0x0C, 2, 0x7FFF}, {0x0E, 1, 9}, {0x10, 1, 1}, {0x11, 1, 2},
+                {0x12, 1, 0x22}, {0x13, 2, 0x2080}, {0x15, 2, 0xFFFF}, {0x17, 1, 3}, {0x18, 1, 4}, {0x1A, 1, 5},
+                {0x1B, 1, 2}, {0x1C, 4, 0x8000}, {0x20, 2, 4800}, {0x22, 2, 1100}, {0x26, 2, 1100}, {0x54, 4, 70000}},
+               {"DIMM_A1", "Bank 0", "Maker", "00AB", "PART-1  "}) +
            Structure(17, 0x22, {{0x10, 1, 1}}, {"empty socket"}) +
            Structure(17, 0x15, {{0x0A, 2, 0xFFFF}, {0x0C, 2, 0x8200}, {0x0E, 1, 3}, {0x12, 1, 3}, {0x10, 1, 9}}, {}) +
            Structure(17, 0x1B, {{0x0C, 2, 0xFFFF}, {0x0E, 1, 0x20}, {0x12, 1, 0x1A}}, {}) + Structure(127, 4, {}, {});
 }
+// clang-format on
 
 TEST(WmiFirmware, ATableCutAnywhereGivesItsWholeStructures) {
     const std::string table = MemoryTable();
@@ -168,7 +146,7 @@ std::vector<std::string> ObjectsOf(std::u16string_view className, std::string_vi
         }
         return true;
     };
-    EXPECT_EQ(RunQuery({classInfo.name, {query}}, {add, nullptr}), 0U);
+    EXPECT_EQ(RunQuery({classInfo.name, {query}}, {add, [] { return true; }, nullptr}), 0U);
     return objects;
 }
 
@@ -188,58 +166,64 @@ TEST(WmiFirmware, MemoryDevicesThatAreThere) {
 
 // Processors
 
-constexpr const char* processorNames =
-    "DeviceID Name Manufacturer Description Architecture AddressWidth Level Revision Stepping Family ProcessorId "
-    "SocketDesignation SerialNumber CurrentVoltage ExtClock CpuStatus UpgradeMethod Characteristics "
-    "VMMonitorModeExtensions";
-
+// clang-format off
 TEST(WmiProcessors, AreDescribedByTheirArchitecturesOwnLines) {
-    constexpr const char* block =
-        "processor\t: {}\nvendor_id\t: GenuineIntel\ncpu family\t: 6\nmodel\t\t: 85\nmodel name\t: Intel(R) Xeon(R) "
-        "Gold "
-        "6226R CPU @ 2.90GHz\nstepping\t: 7\nphysical id\t: {}\ncore id\t\t: {}\nflags\t\t: fpu vmx lm ept\n\n";
-    static const std::string xeon =
-        fmt::format("{}{}{}{}", fmt::format(fmt::runtime(block), 0, 0, 0), fmt::format(fmt::runtime(block), 1, 3, 0),
-                    fmt::format(fmt::runtime(block), 2, 0, 0), fmt::format(fmt::runtime(block), 3, 3, 1));
-    static const std::string firmware = SocketStructure(0x41) + SocketStructure(0x00) + SocketStructure(0x44);
-    const auto gatherXeons = [](const Gathering& gathering) {
-        return GatherProcessors(gathering, {xeon, firmware, "x86_64"});
-    };
-    const std::string identity =
-        "Intel(R) Xeon(R) Gold 6226R CPU @ 2.90GHz|GenuineIntel|Intel64 Family 6 Model 85 "
-        "Stepping 7|9|64|6|21767|7|435|BFEBFBFF00050657|LGA3647-0|0123|10|100|";
-    EXPECT_THAT(ObjectsOf(u"Win32_Processor", processorNames, gatherXeons),
-                ElementsAre("CPU0|" + identity + "1|53|252|-1|", "CPU1|" + identity + "4|53|252|-1|"));
-    EXPECT_THAT(ObjectsOf(u"Win32_Processor", "NumberOfCores NumberOfLogicalProcessors", gatherXeons),
-                ElementsAre("1|2|", "2|2|"));
-
-    static const std::string arm =
-        "processor\t: 0\nBogoMIPS\t: 50.00\nFeatures\t: fp asimd\nCPU implementer\t: 0x41\nCPU architecture: 8\nCPU "
+    constexpr const char* intel = "processor: {}\nvendor_id\t: GenuineIntel\ncpu family\t: 6\nmodel\t\t: 85\nmodel name\t: "
+        "Xeon Gold 6226R\nstepping\t: 7\nphysical id\t: {}\nflags\t\t: fpu vmx lm ept\n\n";
+    const auto block = [](int number, int package) { return fmt::format(fmt::runtime(intel), number, package); };
+    const std::string xeons = block(0, 0) + block(1, 3) + block(2, 0) + block(3, 3);
+    const std::string firmware = SocketStructure(0x41) + SocketStructure(0x00) + SocketStructure(0x44);
+    constexpr const char* arm = "processor\t: 0\nFeatures\t: fp asimd\nCPU implementer\t: 0x41\nCPU architecture: 8\nCPU "
         "variant\t: 0x3\nCPU part\t: 0xd0c\nCPU revision\t: 1\n\nHardware\t: BCM2835\nSerial\t\t: 10\n";
-    const auto gatherArm = [](const Gathering& gathering) { return GatherProcessors(gathering, {arm, "", "aarch64"}); };
-    EXPECT_THAT(ObjectsOf(u"Win32_Processor",
-                          "DeviceID Name Manufacturer Description Architecture AddressWidth Level Revision Stepping "
-                          "Family SocketDesignation CpuStatus VMMonitorModeExtensions",
-                          gatherArm),
-                ElementsAre("CPU0|ARM part 0xd0c|ARM|ARMv8 (64-bit) Family 8 Model D0C Revision 301|12|64|8|769|NULL|2|"
-                            "CPU0|1|NULL|"));
-    const auto gatherNothing = [](const Gathering& gathering) {
-        return GatherProcessors(gathering, {"processor\t: 0\n\nprocessor: x\n:\n\n\n", "", "vax"});
+    constexpr const char* identity = "DeviceID Name Manufacturer Description Architecture AddressWidth Level Revision Stepping "
+        "Family SocketDesignation CpuStatus VMMonitorModeExtensions";
+    constexpr const char* three = "processor: 0\n\nprocessor: 1\n\nprocessor: 2\n";
+    constexpr const char* places = "NumberOfCores NumberOfLogicalProcessors";
+    const struct {
+        const char* title;
+        std::string_view cpuInfo, firmware, machine;
+        std::string_view files;  // each named by the processor's number and its path
+        const char* properties;
+        std::vector<std::string> objects;
+    } rows[] = {
+        {"x86", xeons, firmware, "x86_64", "", identity,
+         {"CPU0|Xeon Gold 6226R|GenuineIntel|Intel64 Family 6 Model 85 Stepping 7|9|64|6|21767|7|435|LGA3647-0|1|-1|",
+          "CPU1|Xeon Gold 6226R|GenuineIntel|Intel64 Family 6 Model 85 Stepping 7|9|64|6|21767|7|435|LGA3647-0|4|-1|"}},
+        {"of the firmware", xeons, firmware, "", "",
+         "ProcessorId SerialNumber CurrentVoltage ExtClock MaxClockSpeed UpgradeMethod Characteristics",
+         {"BFEBFBFF00050657|0123|10|100|2900|53|252|", "BFEBFBFF00050657|0123|10|100|2900|53|252|"}},
+        {"caches that are shared and that are not, and clocks", xeons, "", "",
+         "0/topology/thread_siblings_list=0,2\n2/topology/thread_siblings_list=0,2\n"
+         "0/cache/index0/level=1\n0/cache/index0/size=32K\n0/cache/index1/level=3\n0/cache/index1/size=32M\n"
+         "2/cache/index0/level=3\n2/cache/index0/size=32M\n2/cache/index0/shared_cpu_list=0-2\n"
+         "1/cache/index0/level=2\n1/cache/index0/size=512K\n3/cache/index0/level=2\n3/cache/index0/size=512K\n"
+         "0/cpufreq/cpuinfo_max_freq=3900000\n0/cpufreq/base_frequency=2900000\n1/cpufreq/cpuinfo_max_freq=3900000\n"
+         "1/cpufreq/scaling_cur_freq=800000\n3/cpufreq/scaling_cur_freq=1000000\n",
+         "NumberOfCores NumberOfLogicalProcessors L2CacheSize L3CacheSize MaxClockSpeed CurrentClockSpeed",
+         {"1|2|NULL|32768|2900|NULL|", "2|2|1024|NULL|3900|900|"}},
+        {"ARM", arm, "", "aarch64", "", identity,
+         {"CPU0|ARM part 0xd0c|ARM|ARMv8 (64-bit) Family 8 Model D0C Revision 301|12|64|8|769|NULL|2|CPU0|1|NULL|"}},
+        {"malformed", "processor\t: 0\n\nprocessor: x\n:\n\n\n", "", "vax", "",
+         "DeviceID Name Description Architecture Level L2CacheSize", {"CPU0|NULL|NULL|NULL|NULL|NULL|"}},
+        {"packages", three, "", "", "0/topology/physical_package_id=7\n1/topology/physical_package_id=5\n"
+         "2/topology/physical_package_id=7\n", places, {"1|1|", "2|2|"}},
+        {"a core that is shared", three, "", "", "0/topology/thread_siblings_list=0-1\n1/topology/thread_siblings_list=0-1\n",
+         places, {"2|3|"}},
+        {"clusters with like numbers of cores", "processor: 0\ncore id: 0\n\nprocessor: 1\ncore id: 0\n", "", "",
+         "0/topology/core_id=0\n1/topology/core_id=0\n", places, {"2|2|"}},
+        {"by another name", "vendor_id: IBM/S390\nprocessor 0: version = FF\n\ncpu number: 4\n", "", "", "", places, {"1|1|"}},
     };
-    EXPECT_THAT(ObjectsOf(u"Win32_Processor", "DeviceID Name Description Architecture Level", gatherNothing),
-                ElementsAre("CPU0|NULL|NULL|NULL|NULL|"));
+    static ProcessorSources sources;
+    for (const auto& row : rows) {
+        const CpuFiles files = [&](std::uint32_t number, std::string_view name) {
+            return AssignedValue(row.files, fmt::format("{}/{}", number, name));
+        };
+        sources = {row.cpuInfo, row.firmware, row.machine, files, {}, {}};
+        const auto gather = [](const Gathering& gathering) { return GatherProcessors(gathering, sources); };
+        EXPECT_EQ(ObjectsOf(u"Win32_Processor", row.properties, gather), row.objects) << row.title;
+    }
 }
-
-TEST(WmiProcessors, SocketsAndCoresByTheirPlaces) {
-    const std::vector<CpuBlock> blocks = ParseCpuInfo("processor: 0\n\nprocessor: 1\n\nprocessor: 2\n\nprocessor: 3\n");
-    const std::vector<Socket> sockets = SocketsOf(blocks, [](const CpuBlock& block) {
-        return CpuPlace{block.number == 2 ? 7U : 5U, block.number / 3};
-    });
-    ASSERT_EQ(sockets.size(), 2U);
-    EXPECT_EQ(sockets[0].cores, 2U);
-    EXPECT_EQ(sockets[0].processors.size(), 3U);
-    EXPECT_EQ(sockets[1].processors.front().number, 2U);
-}
+// clang-format on
 
 TEST(WmiProcessors, LoadIsThatSinceASampleAtLeastASecondOld) {
     LoadHistory history;
@@ -274,6 +258,7 @@ template <class Value>
 std::string Shown(const std::optional<Value>& value) {
     return value ? fmt::format("{}", *value) : "none";
 }
+std::string Shown(bool value) { return value ? "true" : "false"; }
 
 TEST(WmiSystemTexts, ReadAsTheyAreMeant) {
     constexpr std::string_view memory =
@@ -282,6 +267,7 @@ TEST(WmiSystemTexts, ReadAsTheyAreMeant) {
     constexpr std::string_view hosts =
         "127.0.0.1 localhost\n# 1.1.1.1 h.comment h\n10.0.0.1 h\n10.0.0.2\th.example.org  h # x\n10.0.0.3 x.y hh\n";
     const std::vector<Session> sessions = {{"far", "pts/0"}, {"near", "tty2"}};
+    const utsname kernel{"Linux", "", "6.1", "", "", ""};
     const auto week = [](int day, int dayOfWeek) {
         std::tm date{};
         date.tm_mday = day;
@@ -308,6 +294,8 @@ TEST(WmiSystemTexts, ReadAsTheyAreMeant) {
         {"an assignment in quotes", Shown(AssignedValue(release, "NAME")), "De\"bi'an"},
         {"an assignment in single quotes", Shown(AssignedValue(release, "SINGLE")), "a\\b"},
         {"an assignment of nothing", Shown(AssignedValue(release, "EMPTY")), "none"},
+        {"a distribution", SystemNameOf("PRETTY_NAME='Some 7'", kernel), "Some 7"},
+        {"a distribution without a name", SystemNameOf(release, kernel), "Linux 6.1"},
         {"a domain of hosts", DomainInHosts(hosts, "h"), "example.org"},
         {"no domain of hosts", DomainInHosts(hosts, "localhost"), ""},
         {"a locale's number", Shown(LanguageNumberOf("de_AT.UTF-8")), "3079"},
@@ -324,6 +312,11 @@ TEST(WmiSystemTexts, ReadAsTheyAreMeant) {
         {"the last of the longest such month", week(31, 1), "6"},
         {"a rescue shell", Utf8FromWide(BootupStateOf("quiet root=/dev/sda1 single\n")), "Fail-safe boot"},
         {"a word within another", Utf8FromWide(BootupStateOf("singles a=single 1x\n")), "Normal boot"},
+        {"a virtual machine of a maker", Shown(IsVirtualMachine("VMware, Inc.", "VMware20,1")), "true"},
+        {"a virtual machine by its model", Shown(IsVirtualMachine("Microsoft Corporation", "Virtual Machine")), "true"},
+        {"a computer of the same maker", Shown(IsVirtualMachine("Microsoft Corporation", "Surface Pro X")), "false"},
+        {"a part of a computer", Shown(IsVirtualMachine("Amazon EC2", "m6g.large")), "true"},
+        {"the whole computer", Shown(IsVirtualMachine("Amazon EC2", "m6g.metal")), "false"},
         {"a version", version(VersionPairOf("5.13")), "5.13"},
         {"half a version", version(VersionPairOf("5.")), "none"},
         {"an entry point of 64 bits", version(SmbiosVersionOf(std::string("_SM3_\0\0\3\7\0", 10))), "3.7"},
@@ -358,9 +351,9 @@ TEST(WmiAccounts, MalformedLinesAreLeftOut) {
     for (const UserEntry& user :
          ParsePasswd("root:x:0:0:Super User,Room 1:/root:/bin/sh\n\n+::::::\n:x:1:1:::\nshort:x:2\n"
                      "big:x:4294967296:1:::\nneg:x:-1:1:::\nlast:x:4294967295:1:::")) {
-        users += fmt::format("{} {} '{}'\n", user.name, user.id, user.fullName);
+        users += fmt::format("{} {} '{}' {}\n", user.name, user.id, user.fullName, user.shell);
     }
-    EXPECT_EQ(users, "root 0 'Super User'\nlast 4294967295 ''\n");
+    EXPECT_EQ(users, "root 0 'Super User' /bin/sh\nlast 4294967295 '' \n");
     std::string groups;
     for (const GroupEntry& group : ParseGroups("adm:x:4:a,b\nbad:x:y:\nshort:x:4\n:x:5:\nlong:x:6::\n")) {
         groups += fmt::format("{} {}\n", group.name, group.id);
@@ -368,20 +361,22 @@ TEST(WmiAccounts, MalformedLinesAreLeftOut) {
     EXPECT_EQ(groups, "adm 4\n");
     const struct {
         const char* line;
-        const char* facts;  // required, opens nothing, locked, expires, may be changed, expiry of the account
+        const char* facts;  // required, locked, expires, may be changed, expiry; disabled with and without a shell
     } rows[] = {
-        {"u:$6$hash:19000:0:99999:7:::", "true false false false true none"},
-        {"u:!$6$hash:19000:0:90:7::20000:", "true true true true true 20000"},
-        {"u:!!:19000::::::", "true true false false true none"},
-        {"u:*:19000:10:5:7:::", "true true false true false none"},
-        {"u::19000:0:99999:7:::", "false false false false true none"},
+        {"u:$6$hash:19000:0:99999:7:::", "true false false true none; false false"},
+        {"u:!$6$hash:19000:0:90:7::20001:", "true true true true 20001; false true"},
+        {"u:!!:19000::::::", "true false false true none; false true"},
+        {"u:*:19000:10:5:7:::", "true false true false none; false true"},
+        {"u::19000:0:99999:7::20000:", "false false false true 20000; true true"},
         {"u:short", "no entry"},
     };
     for (const auto& row : rows) {
         std::string facts = "no entry";
         for (const auto& [name, entry] : ParseShadow(row.line)) {
-            facts = fmt::format("{} {} {} {} {} {}", entry.isRequired, entry.opensNothing, entry.isLocked,
-                                entry.expires, entry.mayBeChanged, Shown(entry.accountExpiry));
+            facts = fmt::format("{} {} {} {} {}; {} {}", entry.isRequired, entry.isLocked, entry.expires,
+                                entry.mayBeChanged, Shown(entry.accountExpiry),
+                                IsDisabled({"u", 1, "", "/bin/sh"}, entry, 20000),
+                                IsDisabled({"u", 1, "", "/sbin/nologin"}, entry, 20000));
         }
         EXPECT_EQ(facts, row.facts) << row.line;
     }
@@ -417,6 +412,10 @@ TEST(WmiTimeZones, RulesOfPosix) {
         {"EST5EDT,0/0,J365/25", "EST -300"},
         {"EST5EDT", "EST -300"},
         {"CET-1CEST,M3.5.7,M10.5.0", "CET 60"},
+        {"CET-1CEST,M0.5.0,M10.5.0", "CET 60"},
+        {"CET-1CEST,M13.5.0,M10.5.0", "CET 60"},
+        {"CET-1CEST,M3.5.0,M10.0.0", "CET 60"},
+        {"CET-1CEST,M3.6.0,M10.5.0", "CET 60"},
         {"", "none"},
         {"<+05", "none"},
         {"CET", "CET 0"},
@@ -571,13 +570,17 @@ TEST_F(WmiThisMachine, TimesAreThoseOfTheClock) {
     const auto moment = [](const char* className, std::time_t (*seconds)(std::tm*)) {
         const WmiResult result = RunWmiQuery(fmt::format("SELECT * FROM {}", className));
         const auto part = [&](const char* name) { return static_cast<int>(SumOf(result, name)); };
-        std::tm parts{};
-        parts.tm_year = part("Year") - 1900;
-        parts.tm_mon = part("Month") - 1;
-        parts.tm_mday = part("Day");
-        parts.tm_hour = part("Hour");
-        parts.tm_min = part("Minute");
-        parts.tm_sec = part("Second");
+        std::tm parts{part("Second"),
+                      part("Minute"),
+                      part("Hour"),
+                      part("Day"),
+                      part("Month") - 1,
+                      part("Year") - 1900,
+                      0,
+                      0,
+                      0,
+                      0,
+                      nullptr};
         const std::time_t found = seconds(&parts);
         EXPECT_EQ(parts.tm_wday, part("DayOfWeek")) << className;
         EXPECT_EQ(parts.tm_mon / 3 + 1, part("Quarter")) << className;
@@ -602,16 +605,32 @@ TEST_F(WmiThisMachine, TimesAreThoseOfTheClock) {
 }
 
 TEST_F(WmiThisMachine, HasTheTimeZoneThatIsSet) {
-    const ZoneSetting setting("America/St_Johns");
-    if (!ReadZone().rules) GTEST_SKIP() << "no time zones here";
-    const WmiResult result = RunWmiQuery("SELECT * FROM CIM_Setting WHERE SettingID = 'America/St_Johns'");
-    ASSERT_EQ(result.rows.size(), 1U);
-    std::string shown;
-    for (const char* name : {"Caption", "Bias", "DaylightBias", "DaylightName", "DaylightMonth", "DaylightDay",
-                             "DaylightDayOfWeek", "DaylightHour", "StandardName", "StandardMonth", "StandardDay"}) {
-        shown += TextOf(result.rows.front(), name) + "|";
+    const std::string own = ReadZone().name;
+    constexpr const char* rules =
+        "Caption Bias DaylightBias DaylightName DaylightMonth DaylightDay DaylightDayOfWeek "
+        "DaylightHour StandardName StandardMonth StandardDay SettingID";
+    constexpr const char* newfoundland = "(UTC-03:30) America/St_Johns|-210|-60|NDT|3|2|0|2|NST|11|1|America/St_Johns|";
+    const struct {
+        const char* setting;
+        std::string_view properties;
+        std::string shown;
+    } rows[] = {
+        {"America/St_Johns", rules, newfoundland},
+        {":/usr/share/zoneinfo/America/St_Johns", rules, newfoundland},
+        {"/etc/localtime", "SettingID", own.empty() ? "NULL|" : own + "|"},
+        {"", "Caption Bias", "(UTC) UTC|0|"},
+    };
+    if (access("/usr/share/zoneinfo/America/St_Johns", F_OK) != 0) GTEST_SKIP() << "no time zones here";
+    for (const auto& row : rows) {
+        const ZoneSetting setting(row.setting);
+        const WmiResult result = RunWmiQuery("SELECT * FROM Win32_TimeZone");
+        ASSERT_EQ(result.rows.size(), 1U);
+        std::string shown;
+        for (std::string_view rest = row.properties; !rest.empty();) {
+            shown += TextOf(result.rows.front(), std::string(TakeField(rest))) + "|";
+        }
+        EXPECT_EQ(shown, row.shown) << row.setting;
     }
-    EXPECT_EQ(shown, "(UTC-03:30) America/St_Johns|-210|-60|NDT|3|2|0|2|NST|11|1|");
 }
 
 TEST_F(WmiThisMachine, HasTheLocalAccounts) {
