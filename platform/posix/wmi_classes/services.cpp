@@ -1,5 +1,8 @@
 #include "platform/posix/wmi_classes/services.h"
 
+#include <algorithm>
+#include <cerrno>
+#include <fmt/format.h>
 #include <system_error>
 
 #include "platform/posix/wmi_classes/families.h"
@@ -19,7 +22,7 @@ struct Need {
         ending = 8,
         user = 16,
         command = 32,
-        fileState = 64,
+        startMode = 64,
         host = 128,
     };
 };
@@ -28,6 +31,7 @@ struct Row {
     ServiceUnit unit;
     std::uint32_t process = 0;
     bool canStop = false;
+    ServiceStart start;
     std::uint32_t exitCode = 0;
     std::uint32_t endingStatus = 0;
     std::optional<std::string> user;
@@ -77,7 +81,8 @@ constexpr PropertyInfo properties[] = {
         [](const Row& row) { return row.endingStatus; }},
     {u"ServiceType", string, 0, "always a process of its own", [](const Row&) { return u"Own Process"; }},
     {u"Started", boolean, 0, "whether State is Running", [](const Row& row) { return IsStarted(row.unit); }},
-    {u"StartMode", string, Need::fileState, "Auto: enabled; Disabled: masked; else Manual", [](const Row& row) { return StartModeOf(row.unit); }},
+    {u"StartMode", string, Need::startMode, "Disabled: masked; Auto: enabled, unless inactive for a good reason; else Manual",
+        [](const Row& row) { return StartModeOf(row.unit, row.start); }},
     {u"StartName", string, Need::user, "the user that it runs as", [](const Row& row) { return row.user; }},
     {u"State", string, 0, "Running, Stopped, Start Pending, Stop Pending", [](const Row& row) { return StateOf(row.unit); }},
     {u"Status", string, 0, "OK; Error after a failure; Degraded between restarts", [](const Row& row) { return HealthOf(row.unit); }},
@@ -101,6 +106,22 @@ std::u16string_view MeaningOf(std::string_view word, const Meaning (&meanings)[c
     return otherwise;
 }
 
+/// How the unit's file says that it is to be started. Init scripts come in generated ones.
+std::u16string_view FileModeOf(const ServiceUnit& unit) {
+    constexpr Meaning meanings[] = {
+        {"enabled", u"Auto"},    {"enabled-runtime", u"Auto"},    {"generated", u"Auto"},
+        {"masked", u"Disabled"}, {"masked-runtime", u"Disabled"},
+    };
+    return MeaningOf(unit.fileState, meanings, unit.loadState == "masked" ? u"Disabled" : u"Manual");
+}
+
+bool MayBeAtRest(const ServiceUnit& unit) { return unit.activeState == "inactive" && FileModeOf(unit) == u"Auto"; }
+
+bool IsAtRest(const ServiceUnit& unit, const ServiceStart& start) {
+    if (start.isOneShot) return true;
+    return start.wasTried ? !start.conditionsMet : unit.fileState == "generated";
+}
+
 /// Patterns of the services that can match.
 std::vector<std::string> PatternsOf(const Gathering& gathering) {
     const std::vector<CimValue>* names = gathering.valuesOf(u"Name");
@@ -113,16 +134,24 @@ std::vector<std::string> PatternsOf(const Gathering& gathering) {
     return patterns;
 }
 
-int ListServices(ServiceManager& manager, const Gathering& gathering, std::vector<ServiceUnit>& units) {
-    const std::vector<std::string> patterns = PatternsOf(gathering);
-    if (patterns.empty()) return 0;  // which would find all
-    std::vector<ServiceUnit> loaded;
+void TellOf(int failure, std::string_view loss, const Gathering& gathering) {
+    gathering.notice(
+        fmt::format("{}; asking the service manager failed: {}", loss, std::generic_category().message(-failure)));
+}
+
+/// Adds to the loaded units what else is known of services. Below 0 only when the manager no longer answers.
+int Complete(ServiceManager& manager, const std::vector<std::string>& patterns, const Gathering& gathering,
+             std::vector<ServiceUnit>& units) {
     std::vector<UnitFile> files;
-    int result = manager.ListLoaded(patterns, loaded);
-    if (result >= 0) result = manager.ListFiles(patterns, files);
-    if (result < 0) return result;
-    units = WithUnitFiles(std::move(loaded), files);
-    return gathering.asksFor(Need::description) ? manager.Describe(units) : 0;
+    int result = manager.ListFiles(patterns, files);
+    if (IsLost(result)) return result;
+    if (result < 0) TellOf(result, "Services that are not loaded were left out", gathering);
+    units = WithUnitFiles(std::move(units), files);
+    if (!gathering.asksFor(Need::description)) return 0;
+    result = manager.Describe(units);
+    if (IsLost(result)) return result;
+    if (result < 0) TellOf(result, "Descriptions of services that are not loaded were left out", gathering);
+    return 0;
 }
 
 int ReadEnding(ServiceManager& manager, Row& row) {
@@ -156,7 +185,8 @@ int ReadDetails(ServiceManager& manager, const Gathering& gathering, Row& row) {
         return !IsLost(result) && applies && gathering.asksFor(need);
     };
     ServiceUnit& unit = row.unit;
-    if (isDue(Need::fileState, unit.fileState.empty())) result = manager.FileState(unit, unit.fileState);
+    if (isDue(Need::startMode, unit.fileState.empty())) result = manager.FileState(unit, unit.fileState);
+    if (isDue(Need::startMode, MayBeAtRest(unit))) result = manager.LastStart(unit, row.start);
     if (isDue(Need::process, !IsStopped(unit))) result = manager.MainProcess(unit, row.process);
     if (isDue(Need::canStop, IsStarted(unit))) result = manager.CanStop(unit, row.canStop);
     if (isDue(Need::ending, HasFailed(unit))) result = ReadEnding(manager, row);
@@ -165,16 +195,13 @@ int ReadDetails(ServiceManager& manager, const Gathering& gathering, Row& row) {
     return IsLost(result) ? result : 0;
 }
 
-int GatherFrom(ServiceManager& manager, const Gathering& gathering) {
-    std::vector<ServiceUnit> units;
-    int result = ListServices(manager, gathering, units);
-    if (result < 0) return result;
-    const std::u16string host = HostName();
+int HandOver(ServiceManager& manager, const Gathering& gathering, std::vector<ServiceUnit>& units) {
+    const std::u16string host = gathering.asksFor(Need::host) ? HostName() : std::u16string();
     for (ServiceUnit& unit : units) {
         Row row;
         row.host = host;
         row.unit = std::move(unit);
-        result = ReadDetails(manager, gathering, row);
+        const int result = ReadDetails(manager, gathering, row);
         if (result < 0 || !gathering.row(&row)) return result;
     }
     return 0;
@@ -202,14 +229,9 @@ std::u16string_view HealthOf(const ServiceUnit& unit) {
     return unit.subState == "auto-restart" ? u"Degraded" : u"OK";
 }
 
-std::u16string_view StartModeOf(const ServiceUnit& unit) {
-    constexpr Meaning meanings[] = {
-        {"enabled", u"Auto"},
-        {"enabled-runtime", u"Auto"},
-        {"masked", u"Disabled"},
-        {"masked-runtime", u"Disabled"},
-    };
-    return MeaningOf(unit.fileState, meanings, unit.loadState == "masked" ? u"Disabled" : u"Manual");
+std::u16string_view StartModeOf(const ServiceUnit& unit, const ServiceStart& start) {
+    if (MayBeAtRest(unit) && IsAtRest(unit, start)) return u"Manual";
+    return FileModeOf(unit);
 }
 
 std::uint32_t ExitCodeOf(const ServiceEnding& ending) {
@@ -218,14 +240,18 @@ std::uint32_t ExitCodeOf(const ServiceEnding& ending) {
 }
 
 WmiStatus GatherServices(const Gathering& gathering, std::chrono::milliseconds patience) {
+    const std::vector<std::string> patterns = PatternsOf(gathering);
+    if (patterns.empty()) return wmi_status::ok;  // which would find all
     ServiceManager manager;
+    std::vector<ServiceUnit> units;
     int result = manager.Connect(patience);
-    if (result >= 0) result = GatherFrom(manager, gathering);
-    if (result < 0 && !IsAbsent(result)) {
-        gathering.notice(std::string("Services were left out; asking the service manager failed: ") +
-                         std::generic_category().message(-result));
-    }
-    return wmi_status::ok;
+    if (result >= 0) result = manager.ListLoaded(patterns, units);
+    if (IsAbsent(result)) return wmi_status::ok;
+    if (result >= 0) result = Complete(manager, patterns, gathering, units);
+    if (result >= 0) result = HandOver(manager, gathering, units);
+    if (result >= 0) return wmi_status::ok;
+    TellOf(result, "Services were left out", gathering);
+    return result == -ETIMEDOUT ? wmi_status::timedOut : wmi_status::failed;
 }
 
 std::span<const ClassInfo> ServiceClasses() { return classes; }

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <filesystem>
 #include <map>
 
 namespace platform::wmi {
@@ -83,6 +84,15 @@ CText PathOf(const ServiceUnit& unit) {
     return CText(path);
 }
 
+std::string_view FileNameOf(std::string_view path) { return path.substr(path.rfind('/') + 1); }  // npos + 1 is 0
+
+/// A link to a template is an instance of it, and one to /dev/null a mask.
+bool IsAlias(const UnitFile& file) {
+    const std::string_view target = FileNameOf(file.target);
+    return file.state == "alias" ||
+           (target.ends_with(serviceSuffix) && !target.ends_with(templateSuffix) && target != file.id);
+}
+
 /// A number or truth value of the type's size.
 template <class Value>
 int GetPlain(sd_bus* bus, const ServiceUnit& unit, const char* interface, const char* property, char type,
@@ -120,18 +130,18 @@ int ReadFirstCommand(sd_bus_message* message, std::string& line) {
 }  // namespace
 
 std::vector<ServiceUnit> WithUnitFiles(std::vector<ServiceUnit> loaded, const std::vector<UnitFile>& files) {
-    std::map<std::string_view, std::string_view> states;
-    for (const UnitFile& file : files) states.emplace(file.id, file.state);
+    std::map<std::string_view, const UnitFile*> fileOf;
+    for (const UnitFile& file : files) fileOf.emplace(file.id, &file);
     std::erase_if(loaded, [](const ServiceUnit& unit) { return unit.loadState == "not-found"; });
     for (ServiceUnit& unit : loaded) {
-        const auto file = states.find(unit.id);
-        if (file == states.end()) continue;
-        unit.fileState = file->second;
-        states.erase(file);
+        const auto file = fileOf.find(unit.id);
+        if (file == fileOf.end()) continue;
+        unit.fileState = file->second->state;
+        fileOf.erase(file);
     }
-    for (const auto& [id, state] : states) {
-        if (id.ends_with(templateSuffix) || state == "alias") continue;
-        loaded.push_back({std::string(id), "", "", "inactive", "dead", std::string(state)});
+    for (const auto& [id, file] : fileOf) {
+        if (id.ends_with(templateSuffix) || IsAlias(*file)) continue;
+        loaded.push_back({file->id, "", "", "inactive", "dead", file->state});
     }
     return loaded;
 }
@@ -159,7 +169,8 @@ bool IsAbsent(int result) {
 }
 
 bool IsLost(int result) {
-    return result == -ETIMEDOUT || result == -ENOTCONN || result == -ECONNRESET || result == -EPIPE;
+    return result == -ETIMEDOUT || result == -ENOTCONN || result == -ECONNRESET || result == -EPIPE ||
+           result == -EHOSTUNREACH || result == -ENXIO;
 }
 
 int ServiceManager::ListLoaded(const std::vector<std::string>& patterns, std::vector<ServiceUnit>& units) {
@@ -178,8 +189,9 @@ int ServiceManager::ListFiles(const std::vector<std::string>& patterns, std::vec
         const char* path = "";
         const char* state = "";
         const int read = sd_bus_message_read(reply.get(), "(ss)", &path, &state);
-        const std::string_view file(path);
-        if (read > 0) files.push_back({std::string(file.substr(file.rfind('/') + 1)), state});
+        std::error_code isNoLink;
+        const std::string target = std::filesystem::read_symlink(path, isNoLink).string();
+        if (read > 0) files.push_back({std::string(FileNameOf(path)), state, target});
         return read;
     });
 }
@@ -211,6 +223,17 @@ int ServiceManager::CanStop(const ServiceUnit& unit, bool& canStop) {
     int truth = 0;
     const int result = GetPlain(bus_.get(), unit, unitInterface, "CanStop", 'b', truth);
     canStop = truth != 0;
+    return result;
+}
+
+int ServiceManager::LastStart(const ServiceUnit& unit, ServiceStart& start) {
+    std::string type;
+    std::uint64_t triedAt = 0;
+    int conditionsMet = 0;
+    int result = GetText(bus_.get(), unit, serviceInterface, "Type", type);
+    if (result >= 0) result = GetPlain(bus_.get(), unit, unitInterface, "ConditionTimestamp", 't', triedAt);
+    if (result >= 0) result = GetPlain(bus_.get(), unit, unitInterface, "ConditionResult", 'b', conditionsMet);
+    start = {type == "oneshot", triedAt != 0, conditionsMet != 0};
     return result;
 }
 

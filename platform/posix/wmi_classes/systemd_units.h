@@ -29,13 +29,22 @@ struct ServiceEnding {
     std::uint32_t status = 0;  // exit status, or the signal
 };
 
+/// What the manager knows of a service's last start.
+struct ServiceStart {
+    bool isOneShot = false;      // a job, and not something that stays
+    bool wasTried = false;       // since the manager has it loaded
+    bool conditionsMet = false;  // at that try
+};
+
 struct UnitFile {
     std::string id;  // the file's name
     std::string state;
+    std::string target;  // where it leads when it is a symbolic link
 };
 
 /// The units as one list: those that are loaded and really there, and for each unit file without one an inactive unit.
-/// Templates (their names end in "@") are no units, and an alias is another name of one that is there already.
+/// Templates (their names end in "@") are no units, and an alias is another name of one that is there already; systemd
+/// before 246 gives an alias the state of that one.
 std::vector<ServiceUnit> WithUnitFiles(std::vector<ServiceUnit> loaded, const std::vector<UnitFile>& files);
 
 /// A pattern that finds the service of a name without regard to case, and no other.
@@ -62,6 +71,7 @@ class ServiceManager {
     /// Properties of one service. One that is not loaded is loaded by the manager for the time being.
     int MainProcess(const ServiceUnit& unit, std::uint32_t& processId);  // 0: none
     int CanStop(const ServiceUnit& unit, bool& canStop);
+    int LastStart(const ServiceUnit& unit, ServiceStart& start);
     int LastEnding(const ServiceUnit& unit, ServiceEnding& ending);
     int FileState(const ServiceUnit& unit, std::string& state);  // empty: it has no unit file
     int User(const ServiceUnit& unit, std::string& user);        // empty: the superuser

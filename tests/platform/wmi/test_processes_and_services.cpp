@@ -186,8 +186,17 @@ TEST(ServiceUnits, ReadAsServices) {
     const struct {
         const char *active, *sub, *file;
         std::u16string expected;
+        bool isOneShot = false, wasTried = true, conditionsMet = true;
     } rows[] = {
         {"active", "running", "enabled", u"Running OK Auto"},
+        {"active", "exited", "generated", u"Running OK Auto", true},
+        {"inactive", "dead", "enabled-runtime", u"Stopped OK Auto"},
+        {"inactive", "dead", "enabled", u"Stopped OK Auto", false, false, false},
+        {"inactive", "dead", "enabled", u"Stopped OK Manual", true},
+        {"inactive", "dead", "enabled", u"Stopped OK Manual", false, true, false},
+        {"inactive", "dead", "generated", u"Stopped OK Auto"},
+        {"inactive", "dead", "generated", u"Stopped OK Manual", false, false},
+        {"failed", "failed", "enabled", u"Stopped Error Auto", true, true, false},
         {"inactive", "dead", "masked", u"Stopped OK Disabled"},
         {"failed", "failed", "disabled", u"Stopped Error Manual"},
         {"activating", "auto-restart", "linked", u"Start Pending Degraded Manual"},
@@ -196,9 +205,18 @@ TEST(ServiceUnits, ReadAsServices) {
     };
     for (const auto& row : rows) {
         const ServiceUnit unit{"x.service", "", "loaded", row.active, row.sub, row.file};
+        const ServiceStart start{row.isOneShot, row.wasTried, row.conditionsMet};
         const auto text = std::u16string(StateOf(unit)) + u" " + std::u16string(HealthOf(unit)) + u" ";
-        EXPECT_EQ(text + std::u16string(StartModeOf(unit)), row.expected) << row.active << row.sub;
+        EXPECT_EQ(text + std::u16string(StartModeOf(unit, start)), row.expected) << row.active << row.sub << row.file;
     }
+    const std::vector<UnitFile> files = {{"a.service", "enabled", ""},
+                                         {"of-a.service", "enabled", "/lib/a.service"},
+                                         {"b.service", "masked", "/dev/null"},
+                                         {"c@1.service", "enabled", "c@.service"},
+                                         {"d.service", "linked", "/opt/d.service"}};
+    std::string ids;
+    for (const ServiceUnit& unit : WithUnitFiles({}, files)) ids += unit.id + " ";
+    EXPECT_EQ(ids, "a.service b.service c@1.service d.service ");
     EXPECT_EQ(ExitCodeOf({true, 3}), 3u);
     EXPECT_EQ(ExitCodeOf({false, SIGSEGV}), 1067u);
     EXPECT_EQ(ExitCodeOf({true, 0}), 1067u) << "failed although its process did not, as when it is not ready in time";
@@ -209,7 +227,8 @@ TEST(ServiceUnits, ReadAsServices) {
     EXPECT_EQ(fnmatch(PatternOfName("SsH").c_str(), "ssh.service", FNM_NOESCAPE), 0);
 }
 
-/// A manager for one connection: a bus and a systemd in one, at a socket of its own; mute from some member on.
+/// A manager for one connection: a bus and a systemd in one, at a socket of its own; mute from some member on, or one
+/// that refuses what is marked with "!".
 class Manager {
   public:
     explicit Manager(std::string muteAt) : muteAt_(std::move(muteAt)) {
@@ -236,7 +255,9 @@ class Manager {
         const char *interface = nullptr, *name = "";
         if (member == "Get") sd_bus_message_read(call, "ss", &interface, &name);
         const std::string key = member + name;
-        if (key == static_cast<Manager*>(self)->muteAt_) return 1;
+        const std::string& muteAt = static_cast<Manager*>(self)->muteAt_;
+        if (key == muteAt) return 1;
+        if ("!" + key == muteAt) return sd_bus_reply_method_errorf(call, SD_BUS_ERROR_ACCESS_DENIED, "no");
         const char* units = "a(ssssssouso)";
         const auto reply = [call](auto... values) { return sd_bus_reply_method_return(call, values...); };
         if (member == "ListUnitFilesByPatterns") {
@@ -293,25 +314,30 @@ TEST(WmiServices, AreThoseOfTheManager) {
 }
 
 TEST(WmiServices, AManagerThatFallsSilentIsNotWaitedFor) {
-    const std::tuple<const char*, const char*, std::size_t, std::size_t> rows[] = {
-        {"no bus", nullptr, 0, 0},
-        {"a bus that accepts, and no more", "accept", 0, 1},
-        {"no greeting", "Hello", 0, 1},
-        {"no list", "ListUnitsByPatterns", 0, 1},
-        {"in the middle of a service", "GetExecMainStatus", 0, 1},
-        {"where nobody asks", "GetMainPID", 2, 0},
+    const std::tuple<const char*, const char*, std::size_t, std::size_t, WmiStatus> rows[] = {
+        {"no bus", nullptr, 0, 0, wmi_status::ok},
+        {"a bus that accepts, and no more", "accept", 0, 1, wmi_status::timedOut},
+        {"no greeting", "Hello", 0, 1, wmi_status::timedOut},
+        {"no list", "ListUnitsByPatterns", 0, 1, wmi_status::timedOut},
+        {"the list is refused", "!ListUnitsByPatterns", 0, 1, wmi_status::failed},
+        {"no files are told of", "!ListUnitFilesByPatterns", 1, 1, wmi_status::ok},
+        {"one cannot be described", "!ListUnitsByNames", 2, 1, wmi_status::ok},
+        {"in the middle of a service", "GetExecMainStatus", 0, 1, wmi_status::timedOut},
+        {"where nobody asks", "GetMainPID", 2, 0, wmi_status::ok},
     };
-    for (const auto& [title, muteAt, rowCount, noticeCount] : rows) {
+    for (const auto& [title, muteAt, rowCount, noticeCount, status] : rows) {
         setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent", 1);
         const auto manager = muteAt != nullptr ? std::make_unique<Manager>(muteAt) : nullptr;
         std::size_t found = 0;
         std::vector<std::string> notices;
         Gathering gathering;
-        gathering.needs = FindProperty(*FindClass(u"Win32_Service"), u"ExitCode")->needs;
+        for (const char16_t* property : {u"ExitCode", u"Caption"}) {
+            gathering.needs |= FindProperty(*FindClass(u"Win32_Service"), property)->needs;
+        }
         gathering.row = [&](const void*) { return ++found > 0; };
         gathering.notice = [&](std::string notice) { notices.push_back(std::move(notice)); };
         const auto start = std::chrono::steady_clock::now();
-        EXPECT_EQ(GatherServices(gathering, std::chrono::milliseconds(100)), wmi_status::ok);
+        EXPECT_EQ(GatherServices(gathering, std::chrono::milliseconds(100)), status) << title;
         EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2)) << title;
         EXPECT_EQ(found, rowCount) << title;
         EXPECT_EQ(notices.size(), noticeCount) << title;
