@@ -1,10 +1,11 @@
 // Win32_LogicalDisk and Win32_Volume: the mounted disks. Where Windows has a drive letter, here stands the mount point.
 //
-// Size and Capacity are what is used and what ordinary users may use still, without the superuser's reserve: so the
-// figures that are commonly made of Size and FreeSpace, the bytes used and the percentage, are those of df.
+// Size and Capacity are those of the whole file system, FreeSpace is what ordinary users may use: the superuser's
+// reserve is neither free nor used by files.
 #include <algorithm>
 #include <array>
 #include <fmt/format.h>
+#include <map>
 
 #include "platform/posix/wmi/class_tree.h"
 #include "platform/posix/wmi_classes/families.h"
@@ -18,7 +19,7 @@ namespace {
 using enum CimType;
 
 struct Need {
-    enum Bits : std::uint32_t { space = 1, kind = 2, label = 4, serial = 8, host = 16, bootFolder = 32 };
+    enum Bits : std::uint32_t { space = 1, kind = 2, label = 4, serial = 8, host = 16 };
 };
 
 struct Row {
@@ -41,7 +42,7 @@ std::optional<std::uint64_t> SpaceIn(const Row& row, Number number) {
 std::optional<std::uint64_t> BlocksIn(const Row& row) {
     const std::optional<FileSystemSpace>& space = row.disk.space;
     if (!space || space->blockSize == 0) return std::nullopt;
-    return space->usableSize() / space->blockSize;
+    return space->size / space->blockSize;
 }
 
 std::u16string_view DescriptionOf(DriveType kind) {
@@ -86,7 +87,7 @@ constexpr auto mountPointIn = [](const Row& row) { return row.mount().mountPoint
 constexpr auto accessIn = [](const Row& row) { return row.mount().isReadOnly ? 1 : 3; };
 constexpr auto blockSizeIn = [](const Row& row) { return SpaceIn(row, &FileSystemSpace::blockSize); };
 constexpr auto blocksIn = [](const Row& row) { return BlocksIn(row); };
-constexpr auto sizeIn = [](const Row& row) { return SpaceIn(row, &FileSystemSpace::usableSize); };
+constexpr auto sizeIn = [](const Row& row) { return SpaceIn(row, &FileSystemSpace::size); };
 constexpr auto freeIn = [](const Row& row) { return SpaceIn(row, &FileSystemSpace::available); };
 constexpr auto longestNameIn = [](const Row& row) { return SpaceIn(row, &FileSystemSpace::maxNameLength); };
 constexpr auto kindIn = [](const Row& row) { return static_cast<std::uint32_t>(row.kind); };
@@ -130,7 +131,7 @@ constexpr PropertyInfo logicalDiskProperties[] = {
     {u"QuotasDisabled", boolean},
     {u"QuotasIncomplete", boolean},
     {u"QuotasRebuilding", boolean},
-    {u"Size", uint64, Need::space, "bytes used and available to ordinary users, the base of df's percentage", sizeIn},
+    {u"Size", uint64, Need::space, "bytes, used and free ones and the superuser's reserve, f_blocks of statvfs", sizeIn},
     {u"Status", string, 0, "OK, as it is mounted", [](const Row&) { return u"OK"; }},
     {u"StatusInfo", uint16},
     {u"SupportsDiskQuotas", boolean},
@@ -151,7 +152,7 @@ constexpr PropertyInfo volumeProperties[] = {
     {u"BlockSize", uint64, Need::space, "bytes, f_frsize of statvfs", blockSizeIn},
     {u"BootVolume", boolean, 0, "whether it is the root, where the operating system lies",
         [](const Row& row) { return row.mount().mountPoint == "/"; }},
-    {u"Capacity", uint64, Need::space, "bytes used and available to ordinary users, the base of df's percentage", sizeIn},
+    {u"Capacity", uint64, Need::space, "bytes, used and free ones and the superuser's reserve, f_blocks of statvfs", sizeIn},
     {u"Caption", string, 0, "the mount point", mountPointIn},
     {u"Compressed", boolean, 0, "TRUE for the images that are compressed as a whole",
         [](const Row& row) { return IsCompressedWhole(row); }},
@@ -193,7 +194,7 @@ constexpr PropertyInfo volumeProperties[] = {
         [](const Row& row) { return CompressesFiles(row); }},
     {u"SystemCreationClassName", string, 0, "the computer's class", [](const Row&) { return u"Win32_ComputerSystem"; }},
     {u"SystemName", string, Need::host, "the computer's name", hostIn},
-    {u"SystemVolume", boolean, Need::bootFolder, "whether it holds /boot, where the kernel is loaded from",
+    {u"SystemVolume", boolean, 0, "whether it holds /boot, where the kernel is loaded from",
         [](const Row& row) { return row.holdsBootFolder; }},
 };
 // clang-format on
@@ -217,17 +218,41 @@ bool IsNumber(const CimValue& wanted, const std::int64_t& value) {
     return number == nullptr || *number == value;
 }
 
-/// Whether a disk can match, by what is known of it without a question to its file system: so that a mount that does
-/// not answer costs a query for others no time.
+/// What is found out of a mount beside its file system's answer.
+struct MountFacts {
+    std::string blockDevice;
+    DriveType kind = DriveType::fixed;
+};
+
+MountFacts ReadMountFacts(const Gathering& gathering, const Mount& mount) {
+    MountFacts facts;
+    if (gathering.asksFor(Need::kind | Need::label | Need::serial)) facts.blockDevice = BlockDeviceOf(mount);
+    if (gathering.asksFor(Need::kind)) facts.kind = DriveTypeOf(mount, facts.blockDevice);
+    return facts;
+}
+
 bool CanMatch(const Gathering& gathering, const Mount& mount) {
     constexpr std::u16string_view names[] = {u"Caption", u"DeviceID", u"DriveLetter", u"Name"};
     const std::u16string mountPoint = WideFromUtf8(mount.mountPoint);
     const bool hasName = std::all_of(std::begin(names), std::end(names), [&](std::u16string_view property) {
         return Allows(gathering, property, mountPoint, IsText);
     });
-    return hasName && Allows(gathering, u"FileSystem", WideFromUtf8(mount.fileSystem), IsText) &&
-           (gathering.valuesOf(u"DriveType") == nullptr ||
-            Allows(gathering, u"DriveType", static_cast<std::int64_t>(DriveTypeOf(mount)), IsNumber));
+    return hasName && Allows(gathering, u"FileSystem", WideFromUtf8(mount.fileSystem), IsText);
+}
+
+/// The disks of one query while they are picked.
+struct Selection {
+    std::vector<Mount> all;
+    std::map<std::uint64_t, MountFacts> factsOf;  // of the wanted ones, by the mount's id
+};
+
+/// Whether a disk can match, by what is known of it without a question to its file system: so that a mount that does
+/// not answer costs a query for others no time.
+bool IsWanted(const Gathering& gathering, const Mount& mount, Selection& selection) {
+    selection.all.push_back(mount);
+    if (!CanMatch(gathering, mount)) return false;
+    const MountFacts& facts = selection.factsOf[mount.id] = ReadMountFacts(gathering, mount);
+    return Allows(gathering, u"DriveType", static_cast<std::int64_t>(facts.kind), IsNumber);
 }
 
 /// What the rows of one query share.
@@ -235,22 +260,13 @@ struct Names {
     std::u16string host;
     std::optional<NamesByDevice> labels;
     std::optional<NamesByDevice> uuids;
-    std::string bootDisk;  // the mount point of the disk that holds /boot
 };
-
-std::string FindBootDisk() {
-    std::vector<Mount> mounts;
-    for (DiskSpace& disk : ReadDisks(false, {})) mounts.push_back(std::move(disk.mount));
-    const Mount* holder = DiskHolding("/boot", mounts);
-    return holder != nullptr ? holder->mountPoint : std::string();
-}
 
 Names ReadNames(const Gathering& gathering) {
     Names names;
     if (gathering.asksFor(Need::host)) names.host = HostName();
     if (gathering.asksFor(Need::label)) names.labels = ReadDiskNames("by-label");
     if (gathering.asksFor(Need::serial)) names.uuids = ReadDiskNames("by-uuid");
-    if (gathering.asksFor(Need::bootFolder)) names.bootDisk = FindBootDisk();
     return names;
 }
 
@@ -260,23 +276,24 @@ std::optional<std::string> NameOf(const std::string& blockDevice, const std::opt
     return found != names->end() ? found->second : std::string();
 }
 
-void FillRow(const Gathering& gathering, const Names& names, Row& row) {
+void FillRow(const MountFacts& facts, const Names& names, Row& row) {
     row.host = names.host;
-    row.holdsBootFolder = row.mount().mountPoint == names.bootDisk;
-    if (gathering.asksFor(Need::kind)) row.kind = DriveTypeOf(row.mount());
-    if (!gathering.asksFor(Need::label | Need::serial)) return;
-    const std::string blockDevice = BlockDeviceOf(row.mount());
-    row.label = NameOf(blockDevice, names.labels);
-    row.serial = SerialNumberOf(NameOf(blockDevice, names.uuids).value_or(std::string()));
+    row.kind = facts.kind;
+    row.label = NameOf(facts.blockDevice, names.labels);
+    row.serial = SerialNumberOf(NameOf(facts.blockDevice, names.uuids).value_or(std::string()));
 }
 
 WmiStatus GatherDisks(const Gathering& gathering) {
     const Names names = ReadNames(gathering);
-    const auto isWanted = [&](const Mount& mount) { return CanMatch(gathering, mount); };
-    for (DiskSpace& disk : ReadDisks(gathering.asksFor(Need::space), gathering.notice, isWanted)) {
+    Selection selection;
+    const auto isWanted = [&](const Mount& mount) { return IsWanted(gathering, mount, selection); };
+    std::vector<DiskSpace> disks = ReadDisks(gathering.asksFor(Need::space), gathering.notice, isWanted);
+    const Mount* bootDisk = DiskHolding("/boot", selection.all);
+    for (DiskSpace& disk : disks) {
         Row row;
         row.disk = std::move(disk);
-        FillRow(gathering, names, row);
+        row.holdsBootFolder = bootDisk != nullptr && bootDisk->id == row.mount().id;
+        FillRow(selection.factsOf[row.mount().id], names, row);
         if (!gathering.row(&row)) break;
     }
     return wmi_status::ok;

@@ -109,8 +109,7 @@ std::optional<FileSystemSpace> SpaceOf(const Mount& mount, const SpaceAnswer& an
     if (error != 0 && error != EACCES && error != EPERM && error != ENOENT) {
         notice(fmt::format("{} does not tell its space: {}", NameOf(mount), std::generic_category().message(error)));
     }
-    if (error != 0 || answer.space.size == 0) return std::nullopt;
-    return answer.space;
+    return error == 0 ? std::optional(answer.space) : std::nullopt;
 }
 
 std::vector<Mount> MayHangAmong(const std::vector<Mount>& disks, const std::vector<Mount>& mounts) {
@@ -162,14 +161,14 @@ std::vector<DiskSpace> ReadDisks(bool wantsSpace, const std::function<void(std::
     std::vector<DiskSpace> result;
     std::size_t asked = 0;
     for (Mount& disk : disks) {
-        std::optional<SpaceAnswer> answer = SpaceAnswer();
-        if (asked < doubtful.size() && doubtful[asked].id == disk.id) {
-            answer = answers[asked++];
-        } else if (wantsSpace) {
-            answer = AskFileSystem(disk.mountPoint);
+        std::optional<FileSystemSpace> space;
+        if (wantsSpace) {
+            const bool isDoubtful = asked < doubtful.size() && doubtful[asked].id == disk.id;
+            const std::optional<SpaceAnswer> answer = isDoubtful ? answers[asked++] : AskFileSystem(disk.mountPoint);
+            if (!answer) continue;
+            space = SpaceOf(disk, *answer, notice);
+            if (space && space->size == 0) continue;
         }
-        if (!answer) continue;
-        const std::optional<FileSystemSpace> space = SpaceOf(disk, *answer, notice);
         result.push_back({std::move(disk), space});
     }
     return result;

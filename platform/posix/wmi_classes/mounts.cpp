@@ -37,8 +37,8 @@ constexpr std::string_view noDisks[] = {
     "apparmorfs", "autofs",      "bdev",    "binder",    "binfmt_misc", "bpf",        "cgroup",
     "cgroup2",    "configfs",    "debugfs", "devpts",    "devtmpfs",    "efivarfs",   "fuse.gvfsd-fuse",
     "fuse.lxcfs", "fuse.portal", "fusectl", "hugetlbfs", "mqueue",      "nfsd",       "nsfs",
-    "proc",       "pstore",      "resctrl", "rootfs",    "rpc_pipefs",  "securityfs", "selinuxfs",
-    "smackfs",    "sysfs",       "tracefs",
+    "proc",       "pstore",      "ramfs",   "resctrl",   "rootfs",      "rpc_pipefs", "securityfs",
+    "selinuxfs",  "smackfs",     "sysfs",   "tracefs",
 };
 
 bool IsAmong(Names names, std::string_view name) { return std::find(names.begin(), names.end(), name) != names.end(); }
@@ -67,6 +67,16 @@ std::string Unescaped(std::string_view text) {
 
 bool IsReadOnlyBy(std::string_view options) { return options == "ro" || options.starts_with("ro,"); }
 
+/// The value of an option such as "subvol=/@home"; empty where there is none.
+std::string_view OptionIn(std::string_view options, std::string_view key) {
+    while (!options.empty()) {
+        const std::size_t end = std::min(options.find(','), options.size());
+        if (options.starts_with(key)) return options.substr(key.size(), end - key.size());
+        options.remove_prefix(std::min(end + 1, options.size()));
+    }
+    return {};
+}
+
 std::optional<Mount> ParseMount(std::string_view line) {
     const std::optional<std::uint64_t> id = NumberOf(TakeMountField(line));
     const std::optional<std::uint64_t> parentId = NumberOf(TakeMountField(line));
@@ -83,6 +93,7 @@ std::optional<Mount> ParseMount(std::string_view line) {
     mount.fileSystem = Unescaped(TakeMountField(line));
     mount.source = Unescaped(TakeMountField(line));
     mount.isReadOnly = IsReadOnlyBy(options) || IsReadOnlyBy(line);
+    if (mount.fileSystem == "btrfs") mount.subvolume = OptionIn(line, "subvol=");
     if (mount.fileSystem.empty() || !mount.mountPoint.starts_with('/')) return std::nullopt;
     return mount;
 }
@@ -120,9 +131,9 @@ bool IsDiskByItself(const Mount& mount) {
     return !IsBelow(mount.mountPoint, "/proc") && !IsBelow(mount.mountPoint, "/sys");
 }
 
-/// Different folders of one server may share a device; a user sees them as different disks.
+/// Different folders of one server may share a device, and subvolumes always do; a user sees them as different disks.
 std::string IdentityOf(const Mount& mount) {
-    return IsOnNetwork(mount) ? mount.device + ' ' + mount.source : mount.device;
+    return mount.device + ' ' + (IsOnNetwork(mount) ? mount.source : mount.subvolume);
 }
 
 /// Of two places of one device, whether the left one is where a user looks for it: the root, else where more of the

@@ -20,6 +20,7 @@ struct Mount {
     std::string fileSystem;  // its type, such as "ext4"
     std::string source;      // such as "/dev/sda1" or "server:/path"
     bool isReadOnly = false;
+    std::string subvolume;  // of btrfs; empty for others
 };
 
 /// Lines that are none of this form are left out.
@@ -35,9 +36,9 @@ bool MayHang(const Mount& mount);
 bool IsOnNetwork(const Mount& mount);
 
 /// Those that a user takes for disks, sorted by mount point: much as df lists them, but no file systems of the kernel's
-/// own (proc, devtmpfs, ...) nor anything below /proc and /sys, nothing of size zero by its nature, no automounter's
-/// triggers, no layers on other file systems except a root; a device once, at the root or where most of it is mounted,
-/// and nothing that a later mount hides.
+/// own (proc, devtmpfs, ...) nor anything below /proc and /sys, no ramfs, which has no size, no automounter's triggers,
+/// no layers on other file systems except a root; a device, or each subvolume on it, once, at the root or where most of
+/// it is mounted, and nothing that a later mount hides.
 std::vector<Mount> DisksAmong(const std::vector<Mount>& mounts);
 
 /// statvfs(3), in bytes.
@@ -50,7 +51,8 @@ struct FileSystemSpace {
     std::uint64_t blockSize = 0;
     std::uint64_t maxNameLength = 0;
 
-    /// What is used and what is available to ordinary users: the whole of which df gives the percentage.
+    /// What is used and what is available to ordinary users, without the superuser's reserve: the whole of which df
+    /// gives the percentage.
     std::uint64_t usableSize() const { return (size > free ? size - free : 0) + available; }
 };
 
@@ -59,9 +61,10 @@ struct DiskSpace {
     std::optional<FileSystemSpace> space;  // none: not asked for, or refused
 };
 
-/// The disks of this computer, or the wanted ones of them. With the space wanted, mounts that may hang, or that are
-/// reached through one that may, are asked on threads of their own, all at once and for two seconds at most; one that
-/// does not answer keeps its thread, and is left out with a notice, at once the next time, until the thread is back.
+/// The disks of this computer, or the wanted ones of them. With the space wanted, those of size zero are left out, and
+/// mounts that may hang, or that are reached through one that may, are asked on threads of their own, all at once and
+/// for two seconds at most; one that does not answer keeps its thread, and is left out with a notice, at once the next
+/// time, until the thread is back.
 std::vector<DiskSpace> ReadDisks(bool wantsSpace, const std::function<void(std::string)>& notice,
                                  const std::function<bool(const Mount&)>& isWanted = {});
 

@@ -1,6 +1,5 @@
 #include "platform/posix/wmi_classes/services.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <fmt/format.h>
 #include <system_error>

@@ -30,11 +30,10 @@ bool IsHexDigit(char letter) { return std::isxdigit(static_cast<unsigned char>(l
 
 }  // namespace
 
-DriveType DriveTypeOf(const Mount& mount) {
+DriveType DriveTypeOf(const Mount& mount, const std::string& blockDevice) {
     if (IsOnNetwork(mount)) return DriveType::network;
-    if (mount.fileSystem == "tmpfs" || mount.fileSystem == "ramfs") return DriveType::memory;
+    if (mount.fileSystem == "tmpfs") return DriveType::memory;
     if (IsReadOnlyByNature(mount.fileSystem)) return DriveType::compactDisc;
-    const std::string blockDevice = BlockDeviceOf(mount);
     return !blockDevice.empty() && IsRemovable(blockDevice) ? DriveType::removable : DriveType::fixed;
 }
 

@@ -14,12 +14,13 @@ namespace platform::wmi {
 /// Kinds of drives by their numbers in Windows.
 enum class DriveType : std::uint32_t { removable = 2, fixed = 3, network = 4, compactDisc = 5, memory = 6 };
 
-/// The kind, without a question to the file system. What is read-only by its nature, such as an image mounted with all
-/// its files, is a compact disc: a fixed disk that is always full would alarm whoever watches those.
-DriveType DriveTypeOf(const Mount& mount);
-
 /// The kernel's name of the block device a file system lies on, such as "sda1" or "dm-0"; empty when there is none.
 std::string BlockDeviceOf(const Mount& mount);
+
+/// The kind, by the mount and its block device, without a question to the file system. What is read-only by its nature,
+/// such as an image mounted with all its files, is a compact disc: a fixed disk that is always full would alarm whoever
+/// watches those.
+DriveType DriveTypeOf(const Mount& mount, const std::string& blockDevice);
 
 /// Links of a folder below /dev/disk by the block devices to which they lead: names of the one kind, such as labels.
 using NamesByDevice = std::map<std::string, std::string>;
@@ -34,7 +35,7 @@ std::string PlainDiskName(std::string_view name);
 /// digits of NTFS. None for a text with less than eight hexadecimal digits.
 std::optional<std::uint32_t> SerialNumberOf(std::string_view uuid);
 
-/// The disk whose file system holds a path.
+/// The disk whose file system holds a path; none where there is none.
 const Mount* DiskHolding(std::string_view path, const std::vector<Mount>& disks);
 
 }  // namespace platform::wmi

@@ -91,7 +91,8 @@ TEST(WmiMounts, DisksAreWhatAUserTakesForDisks) {
     } rows[] = {
         {"the kernel's own file systems and triggers are none",
          "21 20 0:5 / /proc rw - proc proc rw\n22 20 0:6 / /sys/fs/cgroup rw - tmpfs tmpfs rw\n"
-         "23 20 0:7 / /net rw - autofs systemd-1 rw\n24 20 0:8 / /run rw shared:3 master:1 - tmpfs tmpfs rw\n",
+         "23 20 0:7 / /net rw - autofs systemd-1 rw\n25 20 0:9 / /r rw - ramfs none rw\n24 20 0:8 / /run rw shared:3 "
+         "master:1 - tmpfs tmpfs rw\n",
          " 0:8@/run"},
         {"escapes, and a source without a name", "21 20 0:5 / /a\\040b\\134c\\9 rw - tmpfs  rw\n", " 0:5@/a b\\c\\9"},
         {"a device once, where all of it is, at the shortest point",
@@ -99,6 +100,10 @@ TEST(WmiMounts, DisksAreWhatAUserTakesForDisks) {
          "23 20 8:2 / /srv rw - xfs /dev/sdb rw\n24 20 8:2 / /mnt/top rw - xfs /dev/sdb rw\n",
          " 8:2@/srv"},
         {"the root, though more of it is elsewhere", "21 20 8:1 / /top rw - btrfs /dev/sda rw\n", ""},
+        {"subvolumes are disks, folders of them are none",
+         "21 20 0:9 /@h /home rw - btrfs /dev/sdb rw,subvolid=1,subvol=/@h\n22 20 0:9 /@v /var rw - btrfs /dev/sdb "
+         "rw,subvol=/@v\n23 20 0:9 /@v/www /srv/www rw - btrfs /dev/sdb rw,subvol=/@v\n",
+         " 0:9@/home 0:9@/var"},
         {"two folders of one server are two disks",
          "21 20 0:5 / /a rw - nfs4 nas:/a rw\n22 20 0:5 / /b rw - nfs4 nas:/b rw\n", " 0:5@/a 0:5@/b"},
         {"of two on one point the upper one",
@@ -150,7 +155,7 @@ TEST(WmiMounts, KindsOfDrives) {
         mount.fileSystem = row.fileSystem;
         mount.source = row.source;
         EXPECT_EQ(MayHang(mount), row.mayHang) << row.fileSystem;
-        EXPECT_EQ(DriveTypeOf(mount), row.kind) << row.fileSystem;
+        EXPECT_EQ(DriveTypeOf(mount, ""), row.kind) << row.fileSystem;
     }
     EXPECT_EQ(PlainDiskName("my\\x20disk\\x2f\\x4"), "my disk/\\x4");
     EXPECT_EQ(SerialNumberOf("0A1B-C3d4"), 0x0A1BC3D4u) << "FAT";
@@ -252,7 +257,7 @@ TEST_F(WmiStorage, ADeadMountCostsOthersNothing) {
 }
 
 TEST_F(WmiStorage, SpaceIsThatOfDf) {
-    const std::string command = "df -B1 --output=target,used,avail -x devtmpfs -x overlay -x efivarfs 2>&1";
+    const std::string command = "df -B1 --output=target,size,avail -x devtmpfs -x overlay -x efivarfs 2>&1";
     const auto before = TableOf(command);
     const WmiResult disks = RunWmiQuery("SELECT * FROM Win32_LogicalDisk");
     const WmiResult volumes = RunWmiQuery("SELECT * FROM Win32_Volume");
@@ -260,14 +265,12 @@ TEST_F(WmiStorage, SpaceIsThatOfDf) {
     after.erase("Mounted");
     std::map<std::string, const WmiRow*> rowOf;
     for (const WmiRow& row : disks.rows) rowOf[TextOf(row, "DeviceID")] = &row;
-    constexpr long long tolerance = 256 << 20;  // others write meanwhile
+    constexpr double tolerance = 256 << 20;  // others write meanwhile
     for (const auto& [target, figures] : after) {
         if (!before.contains(target) || target.starts_with("/sys/") || target.starts_with("/proc/")) continue;
         ASSERT_TRUE(rowOf.contains(target)) << target;
-        const long long size = std::stoll(TextOf(*rowOf[target], "Size"));
-        const long long free = std::stoll(TextOf(*rowOf[target], "FreeSpace"));
-        EXPECT_NEAR(static_cast<double>(size - free), std::stod(figures.at(0)), tolerance) << target;
-        EXPECT_NEAR(static_cast<double>(free), std::stod(figures.at(1)), tolerance) << target;
+        EXPECT_EQ(TextOf(*rowOf[target], "Size"), figures.at(0)) << target;
+        EXPECT_NEAR(std::stod(TextOf(*rowOf[target], "FreeSpace")), std::stod(figures.at(1)), tolerance) << target;
     }
     const auto isRoot = [](const WmiRow& row) { return TextOf(row, "DriveLetter") == "/"; };
     const auto root = std::find_if(volumes.rows.begin(), volumes.rows.end(), isRoot);
