@@ -13,18 +13,22 @@ namespace {
 constexpr std::size_t maxFileBytes = 16 * 1024 * 1024;
 constexpr std::string_view blanks = " \t\r\n";
 
-struct Descriptor {
-    int number;
-    ~Descriptor() {
-        if (number >= 0) close(number);
-    }
-};
+std::optional<std::uint64_t> WholeNumber(std::string_view text, int base) {
+    std::uint64_t number = 0;
+    const auto [end, failure] = std::from_chars(text.data(), text.data() + text.size(), number, base);
+    if (failure != std::errc() || end != text.data() + text.size()) return std::nullopt;
+    return number;
+}
 
 }  // namespace
 
+Descriptor::~Descriptor() {
+    if (isOpen()) close(number_);
+}
+
 std::optional<std::string> ReadSystemFile(const std::string& path) {
-    const Descriptor file{open(path.c_str(), O_RDONLY | O_CLOEXEC)};
-    if (file.number < 0) return std::nullopt;
+    const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!file.isOpen()) return std::nullopt;
     std::string text;
     constexpr std::size_t firstBlock = 4096;
     for (std::size_t room = firstBlock; text.size() < maxFileBytes; room *= 2) {
@@ -32,7 +36,7 @@ std::optional<std::string> ReadSystemFile(const std::string& path) {
         text.resize(length + room);
         ssize_t got = 0;
         do {
-            got = read(file.number, text.data() + length, room);
+            got = read(file.number(), text.data() + length, room);
         } while (got < 0 && errno == EINTR);
         text.resize(length + static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
         if (got < 0) return std::nullopt;
@@ -75,10 +79,18 @@ std::string_view TakeField(std::string_view& line) {
 }
 
 std::optional<std::uint64_t> NumberOf(std::string_view text) {
-    std::uint64_t number = 0;
-    const auto [end, failure] = std::from_chars(text.data(), text.data() + text.size(), number);
-    if (failure != std::errc() || end != text.data() + text.size()) return std::nullopt;
-    return number;
+    constexpr int decimal = 10;
+    return WholeNumber(text, decimal);
+}
+
+std::optional<std::uint64_t> HexNumberOf(std::string_view text) {
+    constexpr int hexadecimal = 16;
+    constexpr std::string_view mark = "0x";
+    return WholeNumber(text.substr(text.starts_with(mark) ? mark.size() : 0), hexadecimal);
+}
+
+std::optional<std::string> KnownText(const std::string& text) {
+    return text.empty() ? std::nullopt : std::optional(text);
 }
 
 }  // namespace platform::wmi

@@ -8,6 +8,21 @@
 
 namespace platform::wmi {
 
+/// A file or socket, closed at the end; below 0: none.
+class Descriptor {
+  public:
+    explicit Descriptor(int number) : number_(number) {}
+    ~Descriptor();
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+
+    int number() const { return number_; }
+    bool isOpen() const { return number_ >= 0; }
+
+  private:
+    int number_;
+};
+
 /// A whole file such as those below /proc and /sys; none when it cannot be read. Reads at most 16 MB.
 std::optional<std::string> ReadSystemFile(const std::string& path);
 
@@ -28,5 +43,11 @@ std::string_view TakeField(std::string_view& line);
 
 /// A whole decimal number; none for any other text, and for one too large.
 std::optional<std::uint64_t> NumberOf(std::string_view text);
+
+/// A whole hexadecimal number, after "0x" or without it; none as above.
+std::optional<std::uint64_t> HexNumberOf(std::string_view text);
+
+/// A text that stands for a fact; an empty one says that it is not known.
+std::optional<std::string> KnownText(const std::string& text);
 
 }  // namespace platform::wmi

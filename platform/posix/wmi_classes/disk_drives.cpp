@@ -48,10 +48,6 @@ struct Row {
 
 std::string DevicePathOf(const Row& row) { return "/dev/" + row.name; }
 
-std::optional<std::string> KnownText(const std::string& text) {
-    return text.empty() ? std::nullopt : std::optional(text);
-}
-
 bool IsOnUsb(const Row& row) { return row.place.find("/usb") != row.place.npos; }
 
 std::u16string_view InterfaceTypeOf(const Row& row) {

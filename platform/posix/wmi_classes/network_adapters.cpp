@@ -1,12 +1,12 @@
 // Win32_NetworkAdapter and Win32_NetworkAdapterConfiguration: the network interfaces, all but the loopback ones, which
 // Windows does not count among adapters either.
 #include <algorithm>
-#include <chrono>
 #include <net/if_arp.h>
 
 #include "platform/posix/wmi/system_text.h"
 #include "platform/posix/wmi_classes/families.h"
 #include "platform/posix/wmi_classes/host_names.h"
+#include "platform/posix/wmi_classes/local_time.h"
 #include "platform/posix/wmi_classes/network_addresses.h"
 #include "platform/posix/wmi_classes/network_devices.h"
 
@@ -53,10 +53,6 @@ struct Row {
     bool usesIp() const { return interface.isUp && addresses != 0; }
 };
 
-std::optional<std::string> KnownText(const std::string& text) {
-    return text.empty() ? std::nullopt : std::optional(text);
-}
-
 std::string ProductOf(const Row& row) { return row.device.product.empty() ? row.interface.name : row.device.product; }
 
 struct AdapterKind {
@@ -90,10 +86,11 @@ CimValue AdapterTypeIdOf(const Row& row) {
     return kind != nullptr ? CimValue(kind->number) : CimValue();
 }
 
-/// By its number in Windows.
+// By their numbers in Windows.
+constexpr std::uint16_t connected = 2;
+
 std::uint16_t ConnectionStatusOf(const Row& row) {
     constexpr std::uint16_t disconnected = 0;
-    constexpr std::uint16_t connected = 2;
     constexpr std::uint16_t mediaDisconnected = 7;
     if (!row.interface.isUp) return disconnected;
     return row.hasConnection ? connected : mediaDisconnected;
@@ -112,8 +109,8 @@ CimValue DomainIn(const Row& row) {
 
 CimValue LeaseEndIn(const Row& row) {
     if (!row.leaseSeconds) return {};
-    const auto end = std::chrono::system_clock::now() + std::chrono::seconds(*row.leaseSeconds);
-    return DmtfTime(std::chrono::duration_cast<std::chrono::microseconds>(end.time_since_epoch()).count());
+    constexpr std::int64_t microsecondsOfSecond = 1'000'000;
+    return DmtfTime(MicrosecondsNow() + *row.leaseSeconds * microsecondsOfSecond);
 }
 
 constexpr auto productIn = [](const Row& row) { return ProductOf(row); };
@@ -121,7 +118,6 @@ constexpr auto indexIn = [](const Row& row) { return row.interface.index; };
 constexpr auto nameIn = [](const Row& row) { return row.interface.name; };
 constexpr auto macAddressIn = [](const Row& row) { return row.macAddress; };
 constexpr auto driverIn = [](const Row& row) { return KnownText(row.device.driver); };
-constexpr auto isUpIn = [](const Row& row) { return row.interface.isUp; };
 
 // clang-format off
 constexpr PropertyInfo adapterProperties[] = {
@@ -138,7 +134,7 @@ constexpr PropertyInfo adapterProperties[] = {
     {u"DeviceID", string, 0, "as Index", [](const Row& row) { return std::to_string(row.interface.index); }},
     {u"ErrorCleared", boolean},
     {u"ErrorDescription", string},
-    {u"GUID", string},
+    {u"GUID", string, 0, "the interface, such as eth0, by which its configuration's SettingID names it", nameIn},
     {u"Index", uint32, 0, "the kernel's number of the interface", indexIn},
     {u"InstallDate", datetime},
     {u"Installed", boolean, 0, "TRUE, as it is there", [](const Row&) { return true; }},
@@ -152,7 +148,7 @@ constexpr PropertyInfo adapterProperties[] = {
     {u"NetConnectionID", string, 0, "as Name", nameIn},
     {u"NetConnectionStatus", uint16, Need::connection, "2 connected, 7 nothing at the other end, 0 switched off",
         [](const Row& row) { return ConnectionStatusOf(row); }},
-    {u"NetEnabled", boolean, 0, "whether it is switched on", isUpIn},
+    {u"NetEnabled", boolean, Need::connection, "whether it is connected", [](const Row& row) { return ConnectionStatusOf(row) == connected; }},
     {u"NetworkAddresses", ArrayOf(string)},
     {u"PermanentAddress", string},
     {u"PhysicalAdapter", boolean, Need::device, "whether there is hardware behind it, a real one or a virtual machine's",
@@ -227,7 +223,7 @@ constexpr PropertyInfo configurationProperties[] = {
     {u"PMTUBHDetectEnabled", boolean},
     {u"PMTUDiscoveryEnabled", boolean},
     {u"ServiceName", string, Need::device, "the driver", driverIn},
-    {u"SettingID", string, 0, "the interface, such as eth0", nameIn},
+    {u"SettingID", string, 0, "the interface, such as eth0; as GUID of the adapter", nameIn},
     {u"TcpipNetbiosOptions", uint32},
     {u"TcpMaxConnectRetransmissions", uint32},
     {u"TcpMaxDataRetransmissions", uint32},

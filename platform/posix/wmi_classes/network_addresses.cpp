@@ -3,12 +3,10 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <charconv>
 #include <cstring>
 #include <limits>
 #include <linux/rtnetlink.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include "platform/posix/wmi/system_text.h"
 
@@ -53,13 +51,6 @@ std::optional<InterfaceAddress> AddressIn(std::string_view content) {
     return address;
 }
 
-struct Socket {
-    int number;
-    ~Socket() {
-        if (number >= 0) close(number);
-    }
-};
-
 bool RequestAddresses(int socket) {
     struct {
         nlmsghdr header;
@@ -86,12 +77,12 @@ bool IsLast(std::string_view datagram) {
 
 std::string ReceiveAddressMessages() {
     std::string answer;
-    const Socket netlink{socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE)};
-    if (netlink.number < 0 || !RequestAddresses(netlink.number)) return answer;
+    const Descriptor netlink(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
+    if (!netlink.isOpen() || !RequestAddresses(netlink.number())) return answer;
     constexpr std::size_t largestDatagram = 64 * 1024;
     std::vector<char> datagram(largestDatagram);
     for (;;) {
-        const ssize_t got = recv(netlink.number, datagram.data(), datagram.size(), 0);
+        const ssize_t got = recv(netlink.number(), datagram.data(), datagram.size(), 0);
         if (got < 0 && errno == EINTR) continue;
         if (got <= 0) return answer;
         const std::string_view part(datagram.data(), static_cast<std::size_t>(got));
@@ -100,19 +91,15 @@ std::string ReceiveAddressMessages() {
     }
 }
 
-std::uint32_t FlagsOf(std::string_view text) {
-    constexpr int hexadecimal = 16;
-    std::uint32_t flags = 0;
-    std::from_chars(text.data(), text.data() + text.size(), flags, hexadecimal);
-    return flags;
-}
-
 bool IsZero(std::string_view hexadecimal) { return hexadecimal.find_first_not_of('0') == hexadecimal.npos; }
 
-constexpr std::uint32_t viaGateway = 2;   // RTF_GATEWAY
-constexpr std::uint32_t refused = 0x200;  // RTF_REJECT
+constexpr std::uint64_t viaGateway = 2;   // RTF_GATEWAY
+constexpr std::uint64_t refused = 0x200;  // RTF_REJECT
 
-bool LeadsOut(std::uint32_t flags) { return (flags & viaGateway) != 0 && (flags & refused) == 0; }
+bool LeadsOut(std::string_view flagsText) {
+    const std::uint64_t flags = HexNumberOf(flagsText).value_or(0);
+    return (flags & viaGateway) != 0 && (flags & refused) == 0;
+}
 
 }  // namespace
 
@@ -138,7 +125,7 @@ std::vector<std::string> ParseDefaultRoutes(std::string_view route) {
         std::array<std::string_view, 8> fields;  // interface, destination, gateway, flags, three others, mask
         for (std::string_view& field : fields) field = TakeField(line);
         const bool isDefault = !fields[7].empty() && IsZero(fields[1]) && IsZero(fields[7]);
-        if (isDefault && LeadsOut(FlagsOf(fields[3]))) interfaces.emplace_back(fields[0]);
+        if (isDefault && LeadsOut(fields[3])) interfaces.emplace_back(fields[0]);
     }
     return interfaces;
 }
@@ -149,7 +136,7 @@ std::vector<std::string> ParseDefaultRoutes6(std::string_view route) {
         std::array<std::string_view, 10> fields;  // destination and length, five others, ..., flags, interface
         for (std::string_view& field : fields) field = TakeField(line);
         const bool isDefault = !fields[9].empty() && IsZero(fields[0]) && IsZero(fields[1]);
-        if (isDefault && LeadsOut(FlagsOf(fields[8]))) interfaces.emplace_back(fields[9]);
+        if (isDefault && LeadsOut(fields[8])) interfaces.emplace_back(fields[9]);
     }
     return interfaces;
 }

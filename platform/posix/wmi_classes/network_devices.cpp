@@ -1,7 +1,6 @@
 #include "platform/posix/wmi_classes/network_devices.h"
 
 #include <algorithm>
-#include <charconv>
 #include <filesystem>
 #include <net/if.h>
 #include <net/if_arp.h>
@@ -14,15 +13,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/// A number such as "0x1003"; 0 for another text.
-std::uint32_t HexadecimalNumberOf(std::string_view text) {
-    constexpr int hexadecimal = 16;
-    std::uint32_t number = 0;
-    if (!text.starts_with("0x")) return number;
-    std::from_chars(text.data() + 2, text.data() + text.size(), number, hexadecimal);
-    return number;
-}
-
 std::string FolderOf(const std::string& name) { return "/sys/class/net/" + name; }
 
 /// None for what is no interface, or no longer.
@@ -31,7 +21,7 @@ std::optional<NetworkInterface> ReadInterface(std::string name) {
     const std::optional<std::uint64_t> index = ReadSystemNumber(folder + "/ifindex");
     const std::optional<std::uint64_t> linkType = ReadSystemNumber(folder + "/type");
     if (!index || !linkType) return std::nullopt;
-    const std::uint32_t flags = HexadecimalNumberOf(ReadSystemLine(folder + "/flags").value_or(std::string()));
+    const std::uint64_t flags = HexNumberOf(ReadSystemLine(folder + "/flags").value_or("0")).value_or(0);
     return NetworkInterface{std::move(name), static_cast<std::uint32_t>(*index), static_cast<std::uint32_t>(*linkType),
                             (flags & IFF_UP) != 0};
 }
@@ -101,8 +91,9 @@ std::string_view ValueAfter(std::string_view key, std::string_view text) {
 
 std::optional<std::uint64_t> InterfaceSpeed(const std::string& name) {
     constexpr std::uint64_t bitsOfMegabit = 1'000'000;
+    constexpr std::uint64_t unknown = UINT32_MAX;  // to older kernels, which write -1 without its sign
     const std::optional<std::uint64_t> megabits = ReadSystemNumber(FolderOf(name) + "/speed");
-    if (!megabits || *megabits == 0) return std::nullopt;
+    if (!megabits || *megabits == 0 || *megabits == unknown) return std::nullopt;
     return *megabits * bitsOfMegabit;
 }
 

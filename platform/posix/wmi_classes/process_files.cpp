@@ -189,10 +189,16 @@ std::string CommandLineOf(std::string_view text) {
 bool MayBeCut(const ProcessStat& stat) { return stat.name.size() == cutNameLength; }
 
 std::string_view ExecutableNameOf(const ProcessStat& stat, std::string_view commandLine) {
-    std::string_view file = commandLine.substr(0, commandLine.find('\0'));
-    file.remove_prefix(file.rfind('/') + 1);  // npos + 1 is 0
-    if (!MayBeCut(stat) || !file.starts_with(stat.name)) return stat.name;
-    return file.substr(0, file.find_first_of(" :", cutNameLength));  // a title may have been set in its place
+    if (!MayBeCut(stat)) return stat.name;
+    constexpr int places = 3;  // an interpreter, an option, a script
+    for (int place = 0; place < places; ++place) {
+        std::string_view file = commandLine.substr(0, commandLine.find('\0'));
+        commandLine.remove_prefix(std::min(file.size() + 1, commandLine.size()));
+        file.remove_prefix(file.rfind('/') + 1);  // npos + 1 is 0
+        if (!file.starts_with(stat.name)) continue;
+        return file.substr(0, file.find_first_of(" :", cutNameLength));  // a title may have been set in its place
+    }
+    return stat.name;
 }
 
 std::uint32_t BasePriorityOf(const ProcessStat& stat) {
@@ -211,23 +217,18 @@ std::uint32_t BasePriorityOf(const ProcessStat& stat) {
 
 ProcessFiles::ProcessFiles() : directory_(open("/proc", O_PATH | O_DIRECTORY | O_CLOEXEC)), buffer_(firstRead, '\0') {}
 
-ProcessFiles::~ProcessFiles() {
-    if (directory_ >= 0) close(directory_);
-}
-
 std::optional<std::string_view> ProcessFiles::Read(std::uint32_t processId, const char* file) {
     const ProcessPath path(processId, file);
-    const int opened = openat(directory_, path.text.data(), O_RDONLY | O_CLOEXEC);
-    if (opened < 0) return std::nullopt;
+    const Descriptor opened(openat(directory_.number(), path.text.data(), O_RDONLY | O_CLOEXEC));
+    if (!opened.isOpen()) return std::nullopt;
     std::size_t length = 0;
     ssize_t got = 0;
     for (;;) {
-        got = ReadOnce(opened, buffer_.data() + length, buffer_.size() - length);
+        got = ReadOnce(opened.number(), buffer_.data() + length, buffer_.size() - length);
         if (got > 0) length += static_cast<std::size_t>(got);
         if (got < 0 || length < buffer_.size() || length >= maxFileBytes) break;  // these files read short at their end
         buffer_.resize(buffer_.size() * 2);
     }
-    close(opened);
     if (got < 0) return std::nullopt;
     return std::string_view(buffer_.data(), length);
 }
@@ -235,7 +236,7 @@ std::optional<std::string_view> ProcessFiles::Read(std::uint32_t processId, cons
 std::optional<std::string> ProcessFiles::ReadExecutablePath(std::uint32_t processId) {
     constexpr std::string_view deletedMark = " (deleted)";
     const ProcessPath link(processId, "exe");
-    const ssize_t length = readlinkat(directory_, link.text.data(), buffer_.data(), buffer_.size());
+    const ssize_t length = readlinkat(directory_.number(), link.text.data(), buffer_.data(), buffer_.size());
     if (length <= 0) return std::nullopt;
     std::string_view path(buffer_.data(), static_cast<std::size_t>(length));
     if (path.ends_with(deletedMark)) path.remove_suffix(deletedMark.size());
@@ -245,12 +246,9 @@ std::optional<std::string> ProcessFiles::ReadExecutablePath(std::uint32_t proces
 std::optional<std::uint64_t> ProcessFiles::CountOpenFiles(std::uint32_t processId) const {
     const ProcessPath path(processId, "fd");
     struct stat facts {};
-    if (fstatat(directory_, path.text.data(), &facts, 0) != 0) return std::nullopt;
+    if (fstatat(directory_.number(), path.text.data(), &facts, 0) != 0) return std::nullopt;
     if (facts.st_size > 0) return static_cast<std::uint64_t>(facts.st_size);  // the count, on newer kernels
-    const int opened = openat(directory_, path.text.data(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (opened < 0) return std::nullopt;
-    const Directory directory(fdopendir(opened));
-    if (!directory) close(opened);
+    const Directory directory(opendir((std::string("/proc/") + path.text.data()).c_str()));
     if (!directory) return std::nullopt;
     std::uint64_t count = 0;
     while (const dirent* entry = readdir(directory.get())) {

@@ -7,12 +7,15 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/posix/wmi/system_text.h"
+
 namespace platform::wmi {
 
 /// /proc/<id>/stat. Times are in ticks of ClockTicksPerSecond, memory in the units named.
 struct ProcessStat {
     std::uint32_t id = 0;
-    std::string name;  // of the executable, cut by the kernel to 15 bytes; may hold anything
+    std::string name;  // of the executable, cut by the kernel to 15 bytes, or what a thread of the kernel is called by
+                       // in full; may hold anything
     char state = '?';
     std::uint32_t parentId = 0;
     std::uint32_t sessionId = 0;
@@ -58,7 +61,7 @@ ProcessMemory ParseProcessStatus(std::string_view text);
 std::string CommandLineOf(std::string_view text);
 
 /// The name of a process's executable: the kernel's, or where that may be cut and the command line (as
-/// /proc/<id>/cmdline has it) goes on, the whole one.
+/// /proc/<id>/cmdline has it) goes on, the whole one. That of a script stands behind its interpreter and one option.
 std::string_view ExecutableNameOf(const ProcessStat& stat, std::string_view commandLine);
 
 /// Whether a name may be cut, so that the command line is worth a look.
@@ -71,9 +74,6 @@ std::uint32_t BasePriorityOf(const ProcessStat& stat);
 class ProcessFiles {
   public:
     ProcessFiles();
-    ~ProcessFiles();
-    ProcessFiles(const ProcessFiles&) = delete;
-    ProcessFiles& operator=(const ProcessFiles&) = delete;
 
     /// A file such as "stat", at most 1 MB of it, in memory that the next call uses again; none when the process is
     /// gone or not one's own.
@@ -87,7 +87,7 @@ class ProcessFiles {
     std::optional<std::uint64_t> CountOpenFiles(std::uint32_t processId) const;
 
   private:
-    int directory_;
+    Descriptor directory_;
     std::string buffer_;
 };
 

@@ -74,14 +74,11 @@ std::string PlainDiskName(std::string_view name) {
 }
 
 std::optional<std::uint32_t> SerialNumberOf(std::string_view uuid) {
-    constexpr int hexadecimal = 16;
     constexpr std::size_t digitsOfSerial = 8;
     std::string digits;
     std::copy_if(uuid.begin(), uuid.end(), std::back_inserter(digits), IsHexDigit);
     if (digits.size() < digitsOfSerial) return std::nullopt;
-    std::uint32_t number = 0;
-    std::from_chars(digits.data() + digits.size() - digitsOfSerial, digits.data() + digits.size(), number, hexadecimal);
-    return number;
+    return static_cast<std::uint32_t>(*HexNumberOf(digits.substr(digits.size() - digitsOfSerial)));
 }
 
 const Mount* DiskHolding(std::string_view path, const std::vector<Mount>& disks) {

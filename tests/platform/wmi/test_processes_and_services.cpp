@@ -73,7 +73,9 @@ TEST(ProcessTexts, OtherFiles) {
     const std::tuple<const char*, const char*, std::string, const char*> rows[] = {
         {"a name that was cut", "systemd-journal", "/lib/systemd/systemd-journald\0-x"s, "systemd-journald"},
         {"a short one is whole", "systemd", "/lib/systemd/systemd-journald"s, "systemd"},
-        {"that of a script", "fifteen-letters", "/bin/sh\0fifteen-letters-more"s, "fifteen-letters"},
+        {"that of a script", "fifteen-letters", "/bin/sh\0/bin/fifteen-letters-more\0-x"s, "fifteen-letters-more"},
+        {"behind an option", "fifteen-letters", "/bin/sh\0-e\0fifteen-letters-more"s, "fifteen-letters-more"},
+        {"an argument further on", "fifteen-letters", "x\0y\0z\0fifteen-letters-more"s, "fifteen-letters"},
         {"a title in place of arguments", "systemd-userwor", "systemd-userwork: waiting..."s, "systemd-userwork"},
     };
     for (const auto& [title, kernelName, arguments, name] : rows) {

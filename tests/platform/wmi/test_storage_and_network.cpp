@@ -345,11 +345,11 @@ TEST_F(WmiNetwork, AdaptersAndTheirConfigurations) {
             "(ip address add 2001:db8::7/64 dev kv1 valid_lft 600 preferred_lft 600 || true)");
     }
     const struct {
-        std::string name, connection, isUp, usesIp, isLeased;
+        std::string name, connection, isConnected, usesIp, isLeased;
     } rows[] = {
         {"kv0", "2", "true", "true", "true"},
         {"kv1", "2", "true", "true", "false"},
-        {"kv2", "7", "true", "false", "false"},
+        {"kv2", "7", "false", "false", "false"},
         {"kv3", "0", "false", "false", "false"},
     };
     EXPECT_EQ(RunWmiQuery("SELECT Name FROM Win32_NetworkAdapter").rows.size(), std::size(rows)) << "no loopback";
@@ -360,7 +360,7 @@ TEST_F(WmiNetwork, AdaptersAndTheirConfigurations) {
         };
         const WmiRow adapter = one("SELECT * FROM Win32_NetworkAdapter WHERE NetConnectionID");
         EXPECT_EQ(TextOf(adapter, "NetConnectionStatus"), row.connection) << row.name;
-        EXPECT_EQ(TextOf(adapter, "NetEnabled"), row.isUp) << row.name;
+        EXPECT_EQ(TextOf(adapter, "NetEnabled"), row.isConnected) << row.name;
         EXPECT_EQ(TextOf(adapter, "PhysicalAdapter"), "false") << row.name;
         const WmiRow configuration = one("SELECT * FROM Win32_NetworkAdapterConfiguration WHERE SettingID");
         EXPECT_EQ(TextOf(configuration, "IPEnabled"), row.usesIp) << row.name;
