@@ -212,8 +212,7 @@ void ReadSystem(Row& row) {
     utsname kernel{};
     uname(&kernel);
     row.systemVersion = kernel.release;
-    const std::optional<std::string> distribution = AssignedValue(ReadOsRelease(), "PRETTY_NAME");
-    row.systemName = distribution ? *distribution : std::string(kernel.sysname) + " " + kernel.release;
+    row.systemName = SystemNameOf(ReadOsRelease(), kernel);
 }
 
 WmiStatus GatherProcesses(const Gathering& gathering) {
