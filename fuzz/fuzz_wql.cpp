@@ -115,6 +115,7 @@ void RunQuery(std::u16string_view text) {
     for (const Row& row : rows) {
         const bool isMatch = Matches(condition, &row);
         Require(isMatch == Matches(again, &row), "parentheses changed what matches");
+        Require(!isMatch || CanMatch(condition), "an object matches that cannot");
         Require(!isMatch || !Matches(opposite, &row), "an object matches a condition and its opposite");
     }
 }

@@ -8,7 +8,6 @@
 #include "platform/posix/wmi_classes/families.h"
 #include "platform/posix/wmi_classes/host_names.h"
 #include "platform/posix/wmi_classes/kernel_totals.h"
-#include "platform/posix/wmi_classes/known_text.h"
 #include "platform/posix/wmi_classes/local_time.h"
 #include "platform/posix/wmi_classes/processor_identity.h"
 #include "platform/posix/wmi_classes/product.h"

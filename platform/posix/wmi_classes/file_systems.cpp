@@ -8,6 +8,7 @@
 #include <map>
 
 #include "platform/posix/wmi/class_tree.h"
+#include "platform/posix/wmi/system_text.h"
 #include "platform/posix/wmi_classes/families.h"
 #include "platform/posix/wmi_classes/host_names.h"
 #include "platform/posix/wmi_classes/volume_facts.h"
@@ -288,6 +289,7 @@ WmiStatus GatherDisks(const Gathering& gathering) {
     Selection selection;
     const auto isWanted = [&](const Mount& mount) { return IsWanted(gathering, mount, selection); };
     std::vector<DiskSpace> disks = ReadDisks(gathering.asksFor(Need::space), gathering.notice, isWanted);
+    if (disks.empty() && !ReadSystemFile("/proc/self/mountinfo")) return wmi_status::providerFailure;
     const Mount* bootDisk = DiskHolding("/boot", selection.all);
     for (DiskSpace& disk : disks) {
         Row row;

@@ -2,8 +2,8 @@
 #include <cstdlib>
 #include <fmt/format.h>
 
+#include "platform/posix/wmi/system_text.h"
 #include "platform/posix/wmi_classes/families.h"
-#include "platform/posix/wmi_classes/known_text.h"
 #include "platform/posix/wmi_classes/local_time.h"
 #include "platform/posix/wmi_classes/zone_rules.h"
 
