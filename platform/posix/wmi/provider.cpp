@@ -8,11 +8,11 @@
 #include <utility>
 #include <variant>
 
+#include "platform/posix/facts/host_names.h"
 #include "platform/posix/posix.h"
 #include "platform/posix/wmi/bounded_run.h"
 #include "platform/posix/wmi/class_tree.h"
 #include "platform/posix/wmi/query.h"
-#include "platform/posix/wmi_classes/host_names.h"
 
 namespace platform {
 

@@ -4,9 +4,9 @@
 #include <chrono>
 #include <fmt/format.h>
 
-#include "platform/posix/wmi/system_text.h"
+#include "platform/posix/facts/host_names.h"
+#include "platform/posix/facts/system_text.h"
 #include "platform/posix/wmi_classes/families.h"
-#include "platform/posix/wmi_classes/host_names.h"
 #include "platform/utf.h"
 
 namespace platform::wmi {

@@ -1,18 +1,18 @@
 // Win32_ComputerSystem: the computer as a whole.
 #include <unistd.h>
 
-#include "platform/posix/wmi/system_text.h"
-#include "platform/posix/wmi_classes/computer_facts.h"
-#include "platform/posix/wmi_classes/cpu_info.h"
-#include "platform/posix/wmi_classes/distribution.h"
+#include "platform/posix/facts/computer_facts.h"
+#include "platform/posix/facts/cpu_info.h"
+#include "platform/posix/facts/distribution.h"
+#include "platform/posix/facts/host_names.h"
+#include "platform/posix/facts/kernel_totals.h"
+#include "platform/posix/facts/local_time.h"
+#include "platform/posix/facts/processor_identity.h"
+#include "platform/posix/facts/product.h"
+#include "platform/posix/facts/sessions.h"
+#include "platform/posix/facts/smbios.h"
+#include "platform/posix/facts/system_text.h"
 #include "platform/posix/wmi_classes/families.h"
-#include "platform/posix/wmi_classes/host_names.h"
-#include "platform/posix/wmi_classes/kernel_totals.h"
-#include "platform/posix/wmi_classes/local_time.h"
-#include "platform/posix/wmi_classes/processor_identity.h"
-#include "platform/posix/wmi_classes/product.h"
-#include "platform/posix/wmi_classes/sessions.h"
-#include "platform/posix/wmi_classes/smbios.h"
 #include "platform/utf.h"
 
 namespace platform::wmi {

@@ -3,10 +3,10 @@
 #include <array>
 #include <filesystem>
 
-#include "platform/posix/wmi/system_text.h"
-#include "platform/posix/wmi_classes/block_devices.h"
+#include "platform/posix/facts/block_devices.h"
+#include "platform/posix/facts/host_names.h"
+#include "platform/posix/facts/system_text.h"
 #include "platform/posix/wmi_classes/families.h"
-#include "platform/posix/wmi_classes/host_names.h"
 
 namespace platform::wmi {
 

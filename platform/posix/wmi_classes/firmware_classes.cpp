@@ -1,10 +1,10 @@
 // Win32_ComputerSystemProduct and Win32_BIOS, of what the firmware tells; none where it tells nothing, as on some
 // virtual machines.
-#include "platform/posix/wmi/system_text.h"
-#include "platform/posix/wmi_classes/computer_facts.h"
+#include "platform/posix/facts/computer_facts.h"
+#include "platform/posix/facts/product.h"
+#include "platform/posix/facts/smbios.h"
+#include "platform/posix/facts/system_text.h"
 #include "platform/posix/wmi_classes/families.h"
-#include "platform/posix/wmi_classes/product.h"
-#include "platform/posix/wmi_classes/smbios.h"
 
 namespace platform::wmi {
 

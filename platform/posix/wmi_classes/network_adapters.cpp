@@ -3,12 +3,12 @@
 #include <algorithm>
 #include <net/if_arp.h>
 
-#include "platform/posix/wmi/system_text.h"
+#include "platform/posix/facts/host_names.h"
+#include "platform/posix/facts/local_time.h"
+#include "platform/posix/facts/network_addresses.h"
+#include "platform/posix/facts/network_devices.h"
+#include "platform/posix/facts/system_text.h"
 #include "platform/posix/wmi_classes/families.h"
-#include "platform/posix/wmi_classes/host_names.h"
-#include "platform/posix/wmi_classes/local_time.h"
-#include "platform/posix/wmi_classes/network_addresses.h"
-#include "platform/posix/wmi_classes/network_devices.h"
 
 namespace platform::wmi {
 

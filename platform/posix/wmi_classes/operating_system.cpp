@@ -6,15 +6,15 @@
 #include <systemd/sd-id128.h>
 #include <time.h>
 
-#include "platform/posix/wmi/system_text.h"
-#include "platform/posix/wmi_classes/distribution.h"
+#include "platform/posix/facts/distribution.h"
+#include "platform/posix/facts/host_names.h"
+#include "platform/posix/facts/kernel_totals.h"
+#include "platform/posix/facts/local_time.h"
+#include "platform/posix/facts/process_files.h"
+#include "platform/posix/facts/processor_identity.h"
+#include "platform/posix/facts/sessions.h"
+#include "platform/posix/facts/system_text.h"
 #include "platform/posix/wmi_classes/families.h"
-#include "platform/posix/wmi_classes/host_names.h"
-#include "platform/posix/wmi_classes/kernel_totals.h"
-#include "platform/posix/wmi_classes/local_time.h"
-#include "platform/posix/wmi_classes/process_files.h"
-#include "platform/posix/wmi_classes/processor_identity.h"
-#include "platform/posix/wmi_classes/sessions.h"
 
 namespace platform::wmi {
 

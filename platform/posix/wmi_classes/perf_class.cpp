@@ -6,8 +6,8 @@
 #include <numeric>
 #include <unordered_set>
 
+#include "platform/posix/facts/process_files.h"
 #include "platform/posix/wmi/class_tree.h"
-#include "platform/posix/wmi_classes/process_files.h"
 
 namespace platform::wmi {
 

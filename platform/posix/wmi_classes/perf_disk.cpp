@@ -8,12 +8,12 @@
 #include <unordered_map>
 #include <utility>
 
+#include "platform/posix/facts/block_devices.h"
+#include "platform/posix/facts/system_text.h"
+#include "platform/posix/facts/volume_facts.h"
 #include "platform/posix/wmi/class_tree.h"
-#include "platform/posix/wmi/system_text.h"
-#include "platform/posix/wmi_classes/block_devices.h"
 #include "platform/posix/wmi_classes/families.h"
 #include "platform/posix/wmi_classes/perf_class.h"
-#include "platform/posix/wmi_classes/volume_facts.h"
 
 namespace platform::wmi {
 

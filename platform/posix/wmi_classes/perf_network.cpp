@@ -1,9 +1,9 @@
 // Tcpip_NetworkInterface, of /proc/net/dev. The interface for talk within the computer is left out, as on Windows.
 #include <algorithm>
 
-#include "platform/posix/wmi/system_text.h"
+#include "platform/posix/facts/network_devices.h"
+#include "platform/posix/facts/system_text.h"
 #include "platform/posix/wmi_classes/families.h"
-#include "platform/posix/wmi_classes/network_devices.h"
 #include "platform/posix/wmi_classes/perf_class.h"
 
 namespace platform::wmi {

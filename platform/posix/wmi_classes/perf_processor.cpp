@@ -1,10 +1,10 @@
 // PerfOS_Processor, of /proc/stat, /proc/interrupts and /proc/softirqs.
-#include "platform/posix/wmi/system_text.h"
+#include "platform/posix/facts/kernel_totals.h"
+#include "platform/posix/facts/process_files.h"
+#include "platform/posix/facts/system_text.h"
 #include "platform/posix/wmi_classes/families.h"
-#include "platform/posix/wmi_classes/kernel_totals.h"
 #include "platform/posix/wmi_classes/perf_class.h"
 #include "platform/posix/wmi_classes/perf_texts.h"
-#include "platform/posix/wmi_classes/process_files.h"
 
 namespace platform::wmi {
 

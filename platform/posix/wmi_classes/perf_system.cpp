@@ -1,12 +1,12 @@
 // PerfOS_System, of /proc/stat, /proc/loadavg and the list of processes.
 #include <algorithm>
 
-#include "platform/posix/wmi/system_text.h"
+#include "platform/posix/facts/kernel_totals.h"
+#include "platform/posix/facts/process_files.h"
+#include "platform/posix/facts/system_text.h"
 #include "platform/posix/wmi_classes/families.h"
-#include "platform/posix/wmi_classes/kernel_totals.h"
 #include "platform/posix/wmi_classes/perf_class.h"
 #include "platform/posix/wmi_classes/perf_texts.h"
-#include "platform/posix/wmi_classes/process_files.h"
 
 namespace platform::wmi {
 

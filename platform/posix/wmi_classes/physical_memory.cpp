@@ -1,7 +1,7 @@
 #include "platform/posix/wmi_classes/physical_memory.h"
 
+#include "platform/posix/facts/smbios.h"
 #include "platform/posix/wmi_classes/families.h"
-#include "platform/posix/wmi_classes/smbios.h"
 
 namespace platform::wmi {
 

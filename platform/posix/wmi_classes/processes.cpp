@@ -2,11 +2,11 @@
 #include <algorithm>
 #include <sys/utsname.h>
 
-#include "platform/posix/wmi/system_text.h"
-#include "platform/posix/wmi_classes/distribution.h"
+#include "platform/posix/facts/distribution.h"
+#include "platform/posix/facts/host_names.h"
+#include "platform/posix/facts/process_files.h"
+#include "platform/posix/facts/system_text.h"
 #include "platform/posix/wmi_classes/families.h"
-#include "platform/posix/wmi_classes/host_names.h"
-#include "platform/posix/wmi_classes/process_files.h"
 
 namespace platform::wmi {
 

@@ -8,11 +8,11 @@
 #include <cpuid.h>
 #endif
 
-#include "platform/posix/wmi/system_text.h"
+#include "platform/posix/facts/host_names.h"
+#include "platform/posix/facts/processor_identity.h"
+#include "platform/posix/facts/smbios.h"
+#include "platform/posix/facts/system_text.h"
 #include "platform/posix/wmi_classes/families.h"
-#include "platform/posix/wmi_classes/host_names.h"
-#include "platform/posix/wmi_classes/processor_identity.h"
-#include "platform/posix/wmi_classes/smbios.h"
 
 namespace platform::wmi {
 

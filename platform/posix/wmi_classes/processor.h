@@ -4,8 +4,8 @@
 
 #include <string_view>
 
+#include "platform/posix/facts/cpu_info.h"
 #include "platform/posix/wmi/wmi_class.h"
-#include "platform/posix/wmi_classes/cpu_info.h"
 #include "platform/posix/wmi_classes/processor_load.h"
 
 namespace platform::wmi {

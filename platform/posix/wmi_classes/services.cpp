@@ -4,8 +4,8 @@
 #include <fmt/format.h>
 #include <system_error>
 
+#include "platform/posix/facts/host_names.h"
 #include "platform/posix/wmi_classes/families.h"
-#include "platform/posix/wmi_classes/host_names.h"
 
 namespace platform::wmi {
 

@@ -4,8 +4,8 @@
 #include <chrono>
 #include <string_view>
 
+#include "platform/posix/facts/systemd_units.h"
 #include "platform/posix/wmi/wmi_class.h"
-#include "platform/posix/wmi_classes/systemd_units.h"
 
 namespace platform::wmi {
 

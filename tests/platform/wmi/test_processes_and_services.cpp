@@ -15,8 +15,8 @@
 #include <unistd.h>
 
 #include "platform/backend.h"
+#include "platform/posix/facts/process_files.h"
 #include "platform/posix/wmi/class_tree.h"
-#include "platform/posix/wmi_classes/process_files.h"
 #include "platform/posix/wmi_classes/services.h"
 #include "tests/support/wmi_query.h"
 

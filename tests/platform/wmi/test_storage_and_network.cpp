@@ -18,13 +18,13 @@
 #include <unistd.h>
 
 #include "platform/backend.h"
+#include "platform/posix/facts/block_devices.h"
+#include "platform/posix/facts/mount_space.h"
+#include "platform/posix/facts/network_addresses.h"
+#include "platform/posix/facts/network_devices.h"
+#include "platform/posix/facts/system_text.h"
+#include "platform/posix/facts/volume_facts.h"
 #include "platform/posix/wmi/cim_value.h"
-#include "platform/posix/wmi/system_text.h"
-#include "platform/posix/wmi_classes/block_devices.h"
-#include "platform/posix/wmi_classes/mount_space.h"
-#include "platform/posix/wmi_classes/network_addresses.h"
-#include "platform/posix/wmi_classes/network_devices.h"
-#include "platform/posix/wmi_classes/volume_facts.h"
 #include "tests/support/wmi_query.h"
 
 namespace kv::test {

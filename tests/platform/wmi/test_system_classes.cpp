@@ -15,20 +15,20 @@
 #include <utmp.h>
 
 #include "platform/backend.h"
+#include "platform/posix/facts/computer_facts.h"
+#include "platform/posix/facts/distribution.h"
+#include "platform/posix/facts/host_names.h"
+#include "platform/posix/facts/local_time.h"
+#include "platform/posix/facts/sessions.h"
+#include "platform/posix/facts/smbios.h"
+#include "platform/posix/facts/system_text.h"
+#include "platform/posix/facts/zone_rules.h"
 #include "platform/posix/wmi/class_tree.h"
 #include "platform/posix/wmi/query.h"
-#include "platform/posix/wmi/system_text.h"
 #include "platform/posix/wmi_classes/accounts.h"
-#include "platform/posix/wmi_classes/computer_facts.h"
-#include "platform/posix/wmi_classes/distribution.h"
-#include "platform/posix/wmi_classes/host_names.h"
-#include "platform/posix/wmi_classes/local_time.h"
 #include "platform/posix/wmi_classes/physical_memory.h"
 #include "platform/posix/wmi_classes/processor.h"
 #include "platform/posix/wmi_classes/processor_load.h"
-#include "platform/posix/wmi_classes/sessions.h"
-#include "platform/posix/wmi_classes/smbios.h"
-#include "platform/posix/wmi_classes/zone_rules.h"
 #include "tests/support/wmi_query.h"
 
 namespace kv::test {

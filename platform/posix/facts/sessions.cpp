@@ -1,4 +1,4 @@
-#include "platform/posix/wmi_classes/sessions.h"
+#include "platform/posix/facts/sessions.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -8,7 +8,7 @@
 #include <unistd.h>
 #include <utmp.h>
 
-#include "platform/posix/wmi/system_text.h"
+#include "platform/posix/facts/system_text.h"
 #include "platform/posix/wmi_classes/accounts.h"
 
 namespace platform::wmi {

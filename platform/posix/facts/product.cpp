@@ -1,9 +1,9 @@
-#include "platform/posix/wmi_classes/product.h"
+#include "platform/posix/facts/product.h"
 
 #include <algorithm>
 #include <cctype>
 
-#include "platform/posix/wmi_classes/smbios.h"
+#include "platform/posix/facts/smbios.h"
 
 namespace platform::wmi {
 

@@ -1,9 +1,9 @@
-#include "platform/posix/wmi_classes/block_devices.h"
+#include "platform/posix/facts/block_devices.h"
 
 #include <algorithm>
 #include <filesystem>
 
-#include "platform/posix/wmi/system_text.h"
+#include "platform/posix/facts/system_text.h"
 
 namespace platform::wmi {
 

@@ -1,11 +1,11 @@
-#include "platform/posix/wmi_classes/mounts.h"
+#include "platform/posix/facts/mounts.h"
 
 #include <algorithm>
 #include <map>
 #include <span>
 #include <tuple>
 
-#include "platform/posix/wmi/system_text.h"
+#include "platform/posix/facts/system_text.h"
 
 namespace platform::wmi {
 

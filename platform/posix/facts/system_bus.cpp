@@ -1,4 +1,4 @@
-#include "platform/posix/wmi_classes/system_bus.h"
+#include "platform/posix/facts/system_bus.h"
 
 #include <cerrno>
 

@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/posix/wmi_classes/mounts.h"
+#include "platform/posix/facts/mounts.h"
 
 namespace platform::wmi {
 

@@ -1,9 +1,9 @@
-#include "platform/posix/wmi_classes/host_names.h"
+#include "platform/posix/facts/host_names.h"
 
 #include <algorithm>
 #include <sys/utsname.h>
 
-#include "platform/posix/wmi/system_text.h"
+#include "platform/posix/facts/system_text.h"
 #include "platform/utf.h"
 
 namespace platform::wmi {

@@ -1,4 +1,4 @@
-#include "platform/posix/wmi_classes/processor_identity.h"
+#include "platform/posix/facts/processor_identity.h"
 
 #include <fmt/format.h>
 

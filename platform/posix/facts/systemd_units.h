@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/posix/wmi_classes/system_bus.h"
+#include "platform/posix/facts/system_bus.h"
 
 namespace platform::wmi {
 

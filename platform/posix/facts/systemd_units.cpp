@@ -1,4 +1,4 @@
-#include "platform/posix/wmi_classes/systemd_units.h"
+#include "platform/posix/facts/systemd_units.h"
 
 #include <algorithm>
 #include <array>

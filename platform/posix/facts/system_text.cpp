@@ -1,4 +1,4 @@
-#include "platform/posix/wmi/system_text.h"
+#include "platform/posix/facts/system_text.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -1,6 +1,6 @@
-#include "platform/posix/wmi_classes/smbios.h"
+#include "platform/posix/facts/smbios.h"
 
-#include "platform/posix/wmi/system_text.h"
+#include "platform/posix/facts/system_text.h"
 
 namespace platform::wmi {
 

@@ -1,4 +1,4 @@
-#include "platform/posix/wmi_classes/cpu_info.h"
+#include "platform/posix/facts/cpu_info.h"
 
 #include <algorithm>
 #include <charconv>
@@ -6,7 +6,7 @@
 #include <map>
 #include <set>
 
-#include "platform/posix/wmi/system_text.h"
+#include "platform/posix/facts/system_text.h"
 
 namespace platform::wmi {
 

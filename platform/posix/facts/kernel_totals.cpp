@@ -1,6 +1,6 @@
-#include "platform/posix/wmi_classes/kernel_totals.h"
+#include "platform/posix/facts/kernel_totals.h"
 
-#include "platform/posix/wmi/system_text.h"
+#include "platform/posix/facts/system_text.h"
 
 namespace platform::wmi {
 

@@ -1,4 +1,4 @@
-#include "platform/posix/wmi_classes/local_time.h"
+#include "platform/posix/facts/local_time.h"
 
 #include <chrono>
 

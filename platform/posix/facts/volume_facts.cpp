@@ -1,11 +1,11 @@
-#include "platform/posix/wmi_classes/volume_facts.h"
+#include "platform/posix/facts/volume_facts.h"
 
 #include <algorithm>
 #include <cctype>
 #include <charconv>
 #include <filesystem>
 
-#include "platform/posix/wmi/system_text.h"
+#include "platform/posix/facts/system_text.h"
 
 namespace platform::wmi {
 
