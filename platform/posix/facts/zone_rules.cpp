@@ -78,15 +78,16 @@ std::optional<ClockChange> TakeChange(std::string_view& text) {
     constexpr std::int32_t usualTime = 2 * secondsOfHour;
     constexpr std::int32_t months = 12;
     constexpr std::int32_t weeks = 5;
+    constexpr std::int32_t none = -1;
     if (!Take(text, ',') || !Take(text, 'M')) return std::nullopt;
-    const std::optional<std::int32_t> month = TakeNumber(text);
-    const std::optional<std::int32_t> week = Take(text, '.') ? TakeNumber(text) : std::nullopt;
-    const std::int32_t day = Take(text, '.') ? TakeNumber(text).value_or(daysOfWeek) : daysOfWeek;
+    const std::int32_t month = TakeNumber(text).value_or(none);
+    const std::int32_t week = Take(text, '.') ? TakeNumber(text).value_or(none) : none;
+    const std::int32_t day = Take(text, '.') ? TakeNumber(text).value_or(none) : none;
     const std::optional<std::int32_t> time = Take(text, '/') ? TakeTime(text) : usualTime;
-    if (!month || *month < 1 || *month > months || !week || *week < 1 || *week > weeks) return std::nullopt;
-    if (!time || day >= daysOfWeek) return std::nullopt;
-    return At({.month = static_cast<std::uint32_t>(*month),
-               .week = static_cast<std::uint32_t>(*week),
+    if (month < 1 || month > months || week < 1 || week > weeks || day < 0 || day >= daysOfWeek) return std::nullopt;
+    if (!time) return std::nullopt;
+    return At({.month = static_cast<std::uint32_t>(month),
+               .week = static_cast<std::uint32_t>(week),
                .dayOfWeek = static_cast<std::uint8_t>(day)},
               *time);
 }
