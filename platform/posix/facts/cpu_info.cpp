@@ -1,7 +1,6 @@
 #include "platform/posix/facts/cpu_info.h"
 
 #include <algorithm>
-#include <charconv>
 #include <fmt/format.h>
 #include <map>
 #include <set>
@@ -81,13 +80,8 @@ std::string_view CpuBlock::field(std::string_view name) const {
 }
 
 std::optional<std::uint64_t> CpuBlock::numberIn(std::string_view name) const {
-    constexpr int sixteen = 16;
     const std::string_view value = field(name);
-    if (!value.starts_with("0x")) return NumberOf(value);
-    std::uint64_t found = 0;
-    const auto [end, failure] = std::from_chars(value.data() + 2, value.data() + value.size(), found, sixteen);
-    if (failure != std::errc() || end != value.data() + value.size()) return std::nullopt;
-    return found;
+    return value.starts_with("0x") ? HexNumberOf(value) : NumberOf(value);
 }
 
 std::optional<bool> CpuBlock::hasFlag(std::string_view flag) const {

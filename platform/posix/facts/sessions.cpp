@@ -8,8 +8,8 @@
 #include <unistd.h>
 #include <utmp.h>
 
+#include "platform/posix/facts/account_files.h"
 #include "platform/posix/facts/system_text.h"
-#include "platform/posix/wmi_classes/accounts.h"
 
 namespace platform::wmi {
 

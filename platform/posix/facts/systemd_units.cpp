@@ -18,7 +18,6 @@ constexpr const char* managerInterface = "org.freedesktop.systemd1.Manager";
 constexpr const char* unitInterface = "org.freedesktop.systemd1.Unit";
 constexpr const char* serviceInterface = "org.freedesktop.systemd1.Service";
 constexpr const char* unitPath = "/org/freedesktop/systemd1/unit";
-constexpr std::string_view serviceSuffix = ".service";
 constexpr std::string_view templateSuffix = "@.service";
 
 struct DropMessage {
@@ -189,9 +188,10 @@ int ServiceManager::ListFiles(const std::vector<std::string>& patterns, std::vec
         const char* path = "";
         const char* state = "";
         const int read = sd_bus_message_read(reply.get(), "(ss)", &path, &state);
+        if (read <= 0) return read;
         std::error_code isNoLink;
         const std::string target = std::filesystem::read_symlink(path, isNoLink).string();
-        if (read > 0) files.push_back({std::string(FileNameOf(path)), state, target});
+        files.push_back({std::string(FileNameOf(path)), state, target});
         return read;
     });
 }

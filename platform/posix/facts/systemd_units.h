@@ -13,6 +13,9 @@
 
 namespace platform::wmi {
 
+/// What the names of units that are services end in.
+inline constexpr std::string_view serviceSuffix = ".service";
+
 /// States are the manager's words: "loaded", "active", "running", "enabled" and the like.
 struct ServiceUnit {
     std::string id;  // "ssh.service"

@@ -19,7 +19,8 @@ struct BoundedRun;
 using BoundedRunPtr = std::shared_ptr<BoundedRun>;
 
 /// Starts work under a name; its results are fetched with NextObject for up to the limit from now. serverTooBusy when a
-/// run of that name is stuck, or when the system gives no thread. The run is given up when the last pointer goes.
+/// run of that name is stuck, or when the system gives no thread. The run goes on to its end unless AbandonRun is
+/// called.
 WmiStatus StartBoundedRun(std::u16string_view name, std::chrono::milliseconds limit,
                           std::function<WmiStatus(const ResultSink& sink)> work, BoundedRunPtr& run);
 

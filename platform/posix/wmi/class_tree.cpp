@@ -30,7 +30,7 @@ std::vector<const ClassInfo*> CollectClasses() {
 }  // namespace
 
 const std::vector<const ClassInfo*>& AllClasses() {
-    static const std::vector<const ClassInfo*> classes = CollectClasses();
+    static const auto& classes = *new std::vector<const ClassInfo*>(CollectClasses());
     return classes;
 }
 

@@ -219,7 +219,7 @@ WmiStatus GatherRaw(const Gathering& gathering) {
 
 template <const PerfClass& perfClass>
 WmiStatus GatherFormatted(const Gathering& gathering) {
-    static PerfHistory history;
+    static PerfHistory& history = *new PerfHistory;  // a query that is stuck may outlive the program's statics
     return GatherPerformance(perfClass, &history, gathering);
 }
 
@@ -238,9 +238,9 @@ struct PerfDeclaration {
 /// Both classes of each, made at the first call.
 template <const PerfClass&... perfClasses>
 std::span<const ClassInfo> DeclarePerfClasses() {
-    static const detail::PerfDeclaration declaration = [] {
-        detail::PerfDeclaration made;
-        (made.add(perfClasses, detail::GatherRaw<perfClasses>, detail::GatherFormatted<perfClasses>), ...);
+    static const detail::PerfDeclaration& declaration = *[] {
+        auto* made = new detail::PerfDeclaration;
+        (made->add(perfClasses, detail::GatherRaw<perfClasses>, detail::GatherFormatted<perfClasses>), ...);
         return made;
     }();
     return declaration.classes;

@@ -184,7 +184,7 @@ TimesByProcessor ReadTimes() {
 }
 
 void TakeLoadSamples(ProcessorSources& sources) {
-    static LoadHistory history;
+    static LoadHistory& history = *new LoadHistory;  // a query that is stuck may outlive the program's statics
     sources.loadTo = ReadTimes();
     sources.loadFrom = history.exchange(sources.loadTo, std::chrono::steady_clock::now());
 }

@@ -38,7 +38,6 @@ struct Row {
     std::u16string host;
 };
 
-constexpr std::string_view serviceSuffix = ".service";
 constexpr std::chrono::milliseconds usualPatience{5000};
 
 bool IsStarted(const ServiceUnit& unit) { return StateOf(unit) == u"Running"; }

@@ -15,6 +15,7 @@
 #include <utmp.h>
 
 #include "platform/backend.h"
+#include "platform/posix/facts/account_files.h"
 #include "platform/posix/facts/computer_facts.h"
 #include "platform/posix/facts/distribution.h"
 #include "platform/posix/facts/host_names.h"
@@ -25,7 +26,6 @@
 #include "platform/posix/facts/zone_rules.h"
 #include "platform/posix/wmi/class_tree.h"
 #include "platform/posix/wmi/query.h"
-#include "platform/posix/wmi_classes/accounts.h"
 #include "platform/posix/wmi_classes/physical_memory.h"
 #include "platform/posix/wmi_classes/processor.h"
 #include "platform/posix/wmi_classes/processor_load.h"
