@@ -60,7 +60,7 @@ class WmiQuery : public TestAgent {
     }
 
     std::string failing, calls;
-    platform::WmiStatus failure = platform::wmi_status::notFound;
+    platform::WmiStatus failure = platform::wmi_status::failed;
     Handle last = 3;
     int property = 0;
     const platform::ScopedOperations<platform::WmiOperations> scoped{Scripted()};
@@ -89,22 +89,22 @@ TEST_F(WmiQuery, GivesEverythingBackInReverseOrderWhereverItEnds) {
          }) {
         failing = row.failing;
         const bool throws = row.failing == "property5";
-        failure = throws ? platform::wmi_status::ok : platform::wmi_status::notFound;
+        failure = throws ? platform::wmi_status::ok : platform::wmi_status::failed;
         last = 3;
         calls.clear();
         const VectorPtr rows = MakeVector();
         const std::u16string result = WMIFunction(std::nullopt, u"SELECT", rows.get());
-        EXPECT_EQ(platform::Utf8FromWide(result), row.result == "NO ERROR"
-                                                      ? row.result
-                                                      : "FAILED:" + row.result +
-                                                            (throws ? " ERRORCODE:80041006 MESSAGE:Out of memory\r\n"
-                                                                    : " ERRORCODE:80041002 MESSAGE:Not found\r\n"));
+        EXPECT_EQ(platform::Utf8FromWide(result),
+                  row.result == "NO ERROR" ? row.result
+                                           : "FAILED:" + row.result +
+                                                 (throws ? " ERRORCODE:80041006 MESSAGE:Out of memory\r\n"
+                                                         : " ERRORCODE:80041001 MESSAGE:Generic failure\r\n"));
         EXPECT_EQ(calls, row.calls);
         EXPECT_EQ(rows->count, row.rows) << failing;
     }
     EXPECT_EQ(WMIFunction(std::nullopt, std::nullopt, nullptr), u"wmiQuery is NULL");
-    for (const char* line : {"\t WMIFunction :: Failed to initialize COM library [80041002]\n",
-                             "\t WMIFunction ::ExecQuery Failed for SELECT. Last Error code is [80041002] \n"})
+    for (const char* line : {"\t WMIFunction :: Failed to initialize COM library [80041001]\n",
+                             "\t WMIFunction ::ExecQuery Failed for SELECT. Last Error code is [80041001] \n"})
         EXPECT_TRUE(Logged(line)) << line;
 }
 
@@ -112,9 +112,10 @@ TEST_F(WmiQuery, LeavesItsRowsInTheRecordBesideTheError) {
     agentState.gv_agentKey.publish(u"K");
     failing = "next6";
     ExecuteWMIQuery(u"ROOT\\X", u"SELECT", u"Disks");
-    EXPECT_NE(TextFromUtf16LittleEndian(Read(data / "Agent_K_1.txt"))
-                  .find(uR"(MESSAGE:Not found\r\n", "Disks": [ { "Second": "4", "First": "4" }, { "Second": "5", )"),
-              std::u16string::npos);
+    EXPECT_NE(
+        TextFromUtf16LittleEndian(Read(data / "Agent_K_1.txt"))
+            .find(uR"(MESSAGE:Generic failure\r\n", "Disks": [ { "Second": "4", "First": "4" }, { "Second": "5", )"),
+        std::u16string::npos);
     EXPECT_NE(calls.find("ROOT\\X"), calls.npos);
     EXPECT_TRUE(Logged("\t WMIFunction :: C: was left out \n"));
 }

@@ -103,14 +103,6 @@ struct ProcessPath {
     }
 };
 
-ssize_t ReadOnce(int file, char* to, std::size_t room) {
-    ssize_t got = 0;
-    do {
-        got = read(file, to, room);
-    } while (got < 0 && errno == EINTR);
-    return got;
-}
-
 struct CloseDirectory {
     void operator()(DIR* directory) const { closedir(directory); }
 };
@@ -272,6 +264,11 @@ std::vector<std::uint32_t> ListProcessIds() {
 std::uint64_t ClockTicksPerSecond() {
     static const auto ticks = static_cast<std::uint64_t>(sysconf(_SC_CLK_TCK));
     return ticks;
+}
+
+std::uint64_t TimeOfTicks(std::uint64_t ticks) {
+    constexpr std::uint64_t unitsOfSecond = 10'000'000;
+    return ticks * (unitsOfSecond / ClockTicksPerSecond());
 }
 
 std::uint64_t PageSize() {

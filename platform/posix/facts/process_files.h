@@ -95,7 +95,8 @@ class ProcessFiles {
 std::vector<std::uint32_t> ListProcessIds();
 
 std::uint64_t ClockTicksPerSecond();
-std::uint64_t PageSize();  // bytes
+std::uint64_t TimeOfTicks(std::uint64_t ticks);  // in units of 100 ns
+std::uint64_t PageSize();                        // bytes
 
 /// When the system was started, in milliseconds since 1970: the wall clock less the time since (CLOCK_BOOTTIME). Stays
 /// the same from call to call until the clock is set.

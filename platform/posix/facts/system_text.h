@@ -1,10 +1,12 @@
 // Reading the small texts in which the kernel tells of itself: fetching one, and taking it apart.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <sys/types.h>
 
 namespace platform::wmi {
 
@@ -22,6 +24,9 @@ class Descriptor {
   private:
     int number_;
 };
+
+/// read(2), again when it was interrupted.
+ssize_t ReadOnce(int file, char* to, std::size_t room);
 
 /// A whole file such as those below /proc and /sys; none when it cannot be read. Reads at most 16 MB.
 std::optional<std::string> ReadSystemFile(const std::string& path);

@@ -1,4 +1,3 @@
-
 #include "platform/posix/posix.h"
 #include "platform/posix/wmi/condition.h"
 

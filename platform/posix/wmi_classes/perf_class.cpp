@@ -190,8 +190,6 @@ void PerfHistory::exchange(PerfSampling& sampling) {
     });
 }
 
-std::uint64_t TimeOfTicks(std::uint64_t ticks) { return ticks * (unitsOfSecond / ClockTicksPerSecond()); }
-
 std::uint64_t TimeSinceStart() {
     constexpr std::uint64_t nanosecondsOfUnit = 100;
     timespec time{};

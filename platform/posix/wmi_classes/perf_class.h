@@ -36,9 +36,6 @@ namespace platform::wmi {
 inline constexpr std::uint64_t unitsOfSecond = 10'000'000;
 inline constexpr std::uint64_t unitsOfMillisecond = 10'000;
 
-/// Of the kernel's ticks.
-std::uint64_t TimeOfTicks(std::uint64_t ticks);
-
 /// What a counter holds, and how its formatted figure comes of it.
 enum class CounterKind {
     value,                   // the figure as it stands

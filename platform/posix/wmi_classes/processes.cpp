@@ -56,12 +56,6 @@ std::u16string CreationDateIn(const Row& row) {
     return DmtfTime(row.systemStart * microsecondsOfMillisecond + static_cast<std::int64_t>(sinceStart));
 }
 
-/// In units of 100 ns.
-std::uint64_t TimeOf(std::uint64_t ticks) {
-    constexpr std::uint64_t unitsOfSecond = 10'000'000;
-    return ticks * (unitsOfSecond / ClockTicksPerSecond());
-}
-
 /// In the numbers of CIM_Process.
 std::uint16_t ExecutionStateOf(char state) {
     constexpr struct {
@@ -115,7 +109,7 @@ constexpr PropertyInfo properties[] = {
     {u"Handle", string, 0, "as ProcessId", [](const Row& row) { return std::to_string(row.stat.id); }},
     {u"HandleCount", uint32, Need::handles, "open files", [](const Row& row) { return row.handles; }},
     {u"InstallDate", datetime},
-    {u"KernelModeTime", uint64, 0, "100 ns, stime of stat", [](const Row& row) { return TimeOf(row.stat.kernelTicks); }},
+    {u"KernelModeTime", uint64, 0, "100 ns, stime of stat", [](const Row& row) { return TimeOfTicks(row.stat.kernelTicks); }},
     {u"MaximumWorkingSetSize", uint32},
     {u"MinimumWorkingSetSize", uint32},
     {u"Name", string, Need::name, "of the executable", nameIn},
@@ -147,7 +141,7 @@ constexpr PropertyInfo properties[] = {
     {u"Status", string},
     {u"TerminationDate", datetime},
     {u"ThreadCount", uint32, 0, "of stat", [](const Row& row) { return row.stat.threads; }},
-    {u"UserModeTime", uint64, 0, "100 ns, utime of stat", [](const Row& row) { return TimeOf(row.stat.userTicks); }},
+    {u"UserModeTime", uint64, 0, "100 ns, utime of stat", [](const Row& row) { return TimeOfTicks(row.stat.userTicks); }},
     {u"VirtualSize", uint64, 0, "bytes, vsize of stat", [](const Row& row) { return row.stat.virtualBytes; }},
     {u"WindowsVersion", string, Need::system, "release of the kernel", [](const Row& row) { return row.systemVersion; }},
     {u"WorkingSetSize", uint64, 0, "bytes resident, rss of stat", [](const Row& row) { return row.stat.residentPages * PageSize(); }},

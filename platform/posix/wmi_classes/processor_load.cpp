@@ -3,6 +3,7 @@
 #include <cmath>
 #include <utility>
 
+#include "platform/posix/facts/process_files.h"
 #include "platform/posix/wmi_classes/perf_class.h"
 
 namespace platform::wmi {
