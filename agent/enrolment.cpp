@@ -4,7 +4,7 @@
 #include <string>
 #include <string_view>
 
-#include "agent/service.h"
+#include "agent/service_admin.h"
 #include "collection/record_file.h"
 #include "exchange/http_transaction.h"
 #include "foundation/agent_state.h"

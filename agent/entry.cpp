@@ -9,6 +9,7 @@
 #include "agent/main_thread.h"
 #include "agent/server_details.h"
 #include "agent/service.h"
+#include "agent/service_admin.h"
 #include "foundation/agent_state.h"
 #include "foundation/log.h"
 #include "foundation/registry_store.h"
@@ -18,7 +19,6 @@
 #include "platform/files.h"
 #include "platform/messages.h"
 #include "platform/service_host.h"
-#include "platform/system_facts.h"
 
 namespace kv {
 
@@ -69,12 +69,6 @@ void OpenLog(std::u16string_view name) {
     if (logState.gv_logFile == 0)
         std::fprintf(stderr, "MonitoringAgent: the log %s cannot be opened; going on without a log\n",
                      platform::Utf8FromWide(platform::Files().NativePath(logState.gv_logPath)).c_str());
-}
-
-bool IsWin2kOS() {
-    platform::SystemVersion version;
-    return platform::SystemFacts().GetVersionExW(version) == platform::error::success &&
-           version.family == platform::SystemFamily::nt && version.major == 5 && version.minor == 0;
 }
 
 int RunAsService() {

@@ -3,7 +3,7 @@
 #include <string>
 
 #include "agent/enrolment.h"
-#include "agent/service.h"
+#include "agent/service_admin.h"
 #include "exchange/request_polling.h"
 #include "exchange/upload_pipeline.h"
 #include "foundation/agent_state.h"

@@ -9,13 +9,17 @@
 #include "foundation/hash_table.h"
 #include "foundation/published_text.h"
 #include "foundation/text.h"
+#include "platform/service_host.h"
+#include "platform/threads.h"
 
 namespace kv {
+
+/// The agent's name at the service manager, and towards its server.
+inline constexpr std::u16string_view serviceName = u"Corvinel Monitoring Agent";
 
 struct AgentState {
     // Where the agent lives.
     OptionalText gv_ocAgentBinPath;  // install directory + "monitoring\bin\"; ends in a backslash when set
-    bool gv_isWin2k = false;
 
     // The central server.
     OptionalText gv_ServerName;
@@ -58,6 +62,15 @@ struct AgentState {
     Vector* gv_sortVec = nullptr;            // all workflow entries in schedule order; refers, does not own
     std::int32_t gv_loadqueryconf = 0;       // 1 once the files have been read
     bool gv_queryConfReloadPending = false;  // the request list at hand brought a plan; the polling thread's own
+
+    // The agent as a service.
+    bool gv_isWin2k = false;       // the system offers no session-change control
+    PublishedText gv_agentStatus;  // "AGENT_DOWN" or "DEVICE_DOWN", once the end has begun
+    platform::EventHandle gv_stopEvent = 0;
+    platform::ServiceStatusHandle gv_serviceStatusHandle = 0;
+
+    /// InvokeMainThread has been started: from then on other threads read the fields above, until the process ends.
+    std::atomic<bool> gv_isMainThreadStarted{false};
 
     // What changes while the agent runs.
     std::atomic<std::int32_t> gv_collectData{1};        // collection runs

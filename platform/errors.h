@@ -31,6 +31,7 @@ using Error = std::uint32_t;
     X(readFault,               30, "The system cannot read from the specified device.")              \
     X(generalFailure,          31, "A device attached to the system is not functioning.")            \
     X(sharingViolation,        32, "The process cannot access the file because it is being used by another process.") \
+    X(notSupported,            50, "The request is not supported.")                                  \
     X(fileExists,              80, "The file exists.")                                               \
     X(invalidParameter,        87, "The parameter is incorrect.")                                    \
     X(diskFull,               112, "There is not enough space on the disk.")                         \
@@ -46,7 +47,21 @@ using Error = std::uint32_t;
     X(directoryName,          267, "The directory name is invalid.")                                 \
     X(databaseCorrupt,       1015, "The registry is corrupted.")                                     \
     X(keyDeleted,            1018, "Illegal operation attempted on a registry key that has been marked for deletion.") \
+    X(dependentServicesRunning, 1051, "A stop control has been sent to a service that other running services are dependent on.") \
+    X(invalidServiceControl,   1052, "The requested control is not valid for this service.")         \
+    X(serviceRequestTimeout,   1053, "The service did not respond to the start or control request in a timely fashion.") \
+    X(serviceAlreadyRunning,   1056, "An instance of the service is already running.")               \
+    X(serviceDisabled,         1058, "The service cannot be started, either because it is disabled or because it has no enabled devices associated with it.") \
+    X(serviceDoesNotExist,     1060, "The specified service does not exist as an installed service.") \
+    X(serviceCannotAcceptControl, 1061, "The service cannot accept control messages at this time.")  \
+    X(serviceNotActive,        1062, "The service has not been started.")                            \
     X(serviceControllerConnect, 1063, "The service process could not connect to the service controller.") \
+    X(serviceSpecificError,    1066, "The service has returned a service-specific error code.")      \
+    X(processAborted,          1067, "The process terminated unexpectedly.")                         \
+    X(serviceDependencyFailed, 1068, "The dependency service or group failed to start.")             \
+    X(serviceExists,           1073, "The specified service already exists.")                        \
+    X(serviceDependencyDeleted, 1075, "The dependency service does not exist or has been marked for deletion.") \
+    X(rpcServerUnavailable,    1722, "The RPC server is unavailable.")                               \
     X(hostNotFound,         11001, "No such host is known.")                                         \
     X(winHttpTimeout,       12002, "The operation timed out.")                                       \
     X(winHttpInternalError, 12004, "An internal error occurred in the HTTP transport.")              \

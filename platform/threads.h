@@ -1,4 +1,4 @@
-// Threads and mutexes.
+// Threads, mutexes and events.
 #pragma once
 
 #include <cstdint>
@@ -18,6 +18,12 @@ using ThreadHandle = std::uintptr_t;
 /// A mutex that its owning thread may enter again, or 0.
 using MutexHandle = std::uintptr_t;
 
+/// An event that stays set once it is set, or 0.
+using EventHandle = std::uintptr_t;
+
+/// A wait without end, in place of a number of milliseconds.
+inline constexpr std::uint32_t infinite = 0xFFFFFFFF;
+
 struct ThreadOperations {
     /// Starts a thread at once, detached, with the default stack. 0 when it cannot be started.
     std::function<ThreadHandle(ThreadStart start, void* argument)> CreateThread;
@@ -26,11 +32,21 @@ struct ThreadOperations {
     std::function<void(ThreadHandle self)> SuspendThread;
     std::function<void(ThreadHandle thread)> ResumeThread;
 
+    /// Waits until the thread has ended; waitTimeout when it has not in the time, invalidHandle for 0.
+    std::function<Error(ThreadHandle thread, std::uint32_t milliseconds)> WaitForThread;
+
     /// A new mutex that no one owns; lives until CloseMutex.
     std::function<MutexHandle()> CreateMutexW;
     std::function<void(MutexHandle mutex)> WaitForMutex;
     std::function<void(MutexHandle mutex)> ReleaseMutex;
     std::function<void(MutexHandle mutex)> CloseMutex;
+
+    /// A new event that is not set; lives until CloseEvent, when nobody waits for it or sets it any more.
+    std::function<Error(EventHandle& event)> CreateEventW;
+    std::function<void(EventHandle event)> SetEvent;
+    /// Waits until the event is set; waitTimeout when it has not been in the time.
+    std::function<Error(EventHandle event, std::uint32_t milliseconds)> WaitForEvent;
+    std::function<void(EventHandle event)> CloseEvent;
 };
 
 inline const ThreadOperations& Threads() { return CurrentOperations<ThreadOperations>(); }

@@ -29,6 +29,7 @@ void InstallBackend() {
     CurrentOperations<ProcessOperations>() = PosixProcesses();
     CurrentOperations<RegistryOperations>() = PosixRegistry();
     CurrentOperations<ServiceHostOperations>() = PosixServiceHost();
+    CurrentOperations<ServiceManagerOperations>() = PosixServiceManager();
     CurrentOperations<SocketOperations>() = PosixSockets();
     CurrentOperations<SystemFactOperations>() = PosixSystemFacts();
     CurrentOperations<ThreadOperations>() = PosixThreads();

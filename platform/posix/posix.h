@@ -16,6 +16,7 @@
 #include "platform/process.h"
 #include "platform/registry.h"
 #include "platform/service_host.h"
+#include "platform/service_manager.h"
 #include "platform/sockets.h"
 #include "platform/system_facts.h"
 #include "platform/threads.h"
@@ -32,6 +33,7 @@ MessageOperations PosixMessages();
 ProcessOperations PosixProcesses();
 RegistryOperations PosixRegistry();
 ServiceHostOperations PosixServiceHost();
+ServiceManagerOperations PosixServiceManager();
 SocketOperations PosixSockets();
 SystemFactOperations PosixSystemFacts();
 ThreadOperations PosixThreads();

@@ -64,10 +64,15 @@ ThreadOperations PosixThreads() {
         .CreateThread = CreateThread,
         .SuspendThread = SuspendThread,
         .ResumeThread = ResumeThread,
+        .WaitForThread = {},
         .CreateMutexW = [] { return reinterpret_cast<MutexHandle>(new std::recursive_mutex); },
         .WaitForMutex = [](MutexHandle mutex) { MutexOf(mutex)->lock(); },
         .ReleaseMutex = [](MutexHandle mutex) { MutexOf(mutex)->unlock(); },
         .CloseMutex = [](MutexHandle mutex) { delete MutexOf(mutex); },
+        .CreateEventW = {},
+        .SetEvent = {},
+        .WaitForEvent = {},
+        .CloseEvent = {},
     };
 }
 

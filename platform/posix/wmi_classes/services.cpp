@@ -12,6 +12,7 @@ namespace platform::wmi {
 namespace {
 
 using enum CimType;
+using namespace systemd;
 
 struct Need {
     enum Bits : std::uint32_t {
@@ -138,7 +139,7 @@ void TellOf(int failure, std::string_view loss, const Gathering& gathering) {
 }
 
 /// Adds to the loaded units what else is known of services. Below 0 only when the manager no longer answers.
-int Complete(ServiceManager& manager, const std::vector<std::string>& patterns, const Gathering& gathering,
+int Complete(UnitManager& manager, const std::vector<std::string>& patterns, const Gathering& gathering,
              std::vector<ServiceUnit>& units) {
     std::vector<UnitFile> files;
     int result = manager.ListFiles(patterns, files);
@@ -152,7 +153,7 @@ int Complete(ServiceManager& manager, const std::vector<std::string>& patterns, 
     return 0;
 }
 
-int ReadEnding(ServiceManager& manager, Row& row) {
+int ReadEnding(UnitManager& manager, Row& row) {
     ServiceEnding ending;
     const int result = manager.LastEnding(row.unit, ending);
     row.exitCode = ExitCodeOf(ending);
@@ -161,7 +162,7 @@ int ReadEnding(ServiceManager& manager, Row& row) {
 }
 
 /// A text that is empty or that the manager does not give is none.
-int ReadText(ServiceManager& manager, int (ServiceManager::*read)(const ServiceUnit&, std::string&),
+int ReadText(UnitManager& manager, int (UnitManager::*read)(const ServiceUnit&, std::string&),
              const ServiceUnit& unit, std::optional<std::string>& text) {
     std::string given;
     const int result = (manager.*read)(unit, given);
@@ -169,15 +170,15 @@ int ReadText(ServiceManager& manager, int (ServiceManager::*read)(const ServiceU
     return result;
 }
 
-int ReadUser(ServiceManager& manager, Row& row) {
-    const int result = ReadText(manager, &ServiceManager::User, row.unit, row.user);
+int ReadUser(UnitManager& manager, Row& row) {
+    const int result = ReadText(manager, &UnitManager::User, row.unit, row.user);
     if (result >= 0 && !row.user) row.user = "root";
     return result;
 }
 
 /// Asks for the properties of one service that the query needs, and that are not known by its state. Below 0 only when
 /// the manager no longer answers.
-int ReadDetails(ServiceManager& manager, const Gathering& gathering, Row& row) {
+int ReadDetails(UnitManager& manager, const Gathering& gathering, Row& row) {
     int result = 0;
     const auto isDue = [&](std::uint32_t need, bool applies) {
         return !IsLost(result) && applies && gathering.asksFor(need);
@@ -189,11 +190,11 @@ int ReadDetails(ServiceManager& manager, const Gathering& gathering, Row& row) {
     if (isDue(Need::canStop, IsStarted(unit))) result = manager.CanStop(unit, row.canStop);
     if (isDue(Need::ending, HasFailed(unit))) result = ReadEnding(manager, row);
     if (isDue(Need::user, true)) result = ReadUser(manager, row);
-    if (isDue(Need::command, true)) result = ReadText(manager, &ServiceManager::StartCommand, unit, row.command);
+    if (isDue(Need::command, true)) result = ReadText(manager, &UnitManager::StartCommand, unit, row.command);
     return IsLost(result) ? result : 0;
 }
 
-int HandOver(ServiceManager& manager, const Gathering& gathering, std::vector<ServiceUnit>& units) {
+int HandOver(UnitManager& manager, const Gathering& gathering, std::vector<ServiceUnit>& units) {
     const std::u16string host = gathering.asksFor(Need::host) ? HostName() : std::u16string();
     for (ServiceUnit& unit : units) {
         Row row;
@@ -240,7 +241,7 @@ std::uint32_t ExitCodeOf(const ServiceEnding& ending) {
 WmiStatus GatherServices(const Gathering& gathering, std::chrono::milliseconds patience) {
     const std::vector<std::string> patterns = PatternsOf(gathering);
     if (patterns.empty()) return wmi_status::ok;  // which would find all
-    ServiceManager manager;
+    UnitManager manager;
     std::vector<ServiceUnit> units;
     int result = manager.Connect(patience);
     if (result >= 0) result = manager.ListLoaded(patterns, units);

@@ -23,6 +23,7 @@
 namespace platform::wmi {
 namespace {
 
+using namespace systemd;
 using kv::test::RunWmiQuery;
 using kv::test::TextOf;
 using kv::test::WmiResult;

@@ -7,7 +7,7 @@
 #include <memory>
 #include <systemd/sd-bus.h>
 
-namespace platform::wmi {
+namespace platform::systemd {
 
 struct CloseBus {
     void operator()(sd_bus* bus) const { sd_bus_close_unref(bus); }
@@ -21,4 +21,4 @@ using BusConnection = std::unique_ptr<sd_bus, CloseBus>;
 /// -ENOENT or -ECONNREFUSED where there is no bus, -ETIMEDOUT when it does not answer.
 int OpenSystemBus(std::chrono::milliseconds patience, BusConnection& bus);
 
-}  // namespace platform::wmi
+}  // namespace platform::systemd

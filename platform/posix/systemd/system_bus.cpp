@@ -1,8 +1,8 @@
-#include "platform/posix/facts/system_bus.h"
+#include "platform/posix/systemd/system_bus.h"
 
 #include <cerrno>
 
-namespace platform::wmi {
+namespace platform::systemd {
 
 namespace {
 
@@ -39,4 +39,4 @@ int OpenSystemBus(std::chrono::milliseconds patience, BusConnection& bus) {
     return WaitUntilReady(opened, deadline);
 }
 
-}  // namespace platform::wmi
+}  // namespace platform::systemd

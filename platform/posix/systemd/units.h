@@ -9,12 +9,10 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/posix/facts/system_bus.h"
+#include "platform/posix/systemd/system_bus.h"
+#include "platform/posix/systemd/unit_name.h"
 
-namespace platform::wmi {
-
-/// What the names of units that are services end in.
-inline constexpr std::string_view serviceSuffix = ".service";
+namespace platform::systemd {
 
 /// States are the manager's words: "loaded", "active", "running", "enabled" and the like.
 struct ServiceUnit {
@@ -50,9 +48,6 @@ struct UnitFile {
 /// before 246 gives an alias the state of that one.
 std::vector<ServiceUnit> WithUnitFiles(std::vector<ServiceUnit> loaded, const std::vector<UnitFile>& files);
 
-/// A pattern that finds the service of a name without regard to case, and no other.
-std::string PatternOfName(std::string_view name);
-
 /// Whether a result says that no manager is there: no bus, or no one of that name on it.
 bool IsAbsent(int result);
 
@@ -60,7 +55,7 @@ bool IsAbsent(int result);
 bool IsLost(int result);
 
 /// The manager at the other end of a connection.
-class ServiceManager {
+class UnitManager {
   public:
     int Connect(std::chrono::milliseconds patience) { return OpenSystemBus(patience, bus_); }
 
@@ -86,4 +81,4 @@ class ServiceManager {
     BusConnection bus_;
 };
 
-}  // namespace platform::wmi
+}  // namespace platform::systemd

@@ -1,0 +1,7 @@
+#include "exchange/agent_status.h"
+
+namespace kv {
+
+void SendAgentStatus() {}
+
+}  // namespace kv

@@ -1,0 +1,7 @@
+#include "exchange/local_requests.h"
+
+namespace kv {
+
+void ExecWMIQuery(const HashTable*) {}
+
+}  // namespace kv

@@ -1,0 +1,14 @@
+// Requests that act on this computer at once: one query (TEST_MONITOR), one service to start or stop (START_SERVICE,
+// STOP_SERVICE).
+#pragma once
+
+#include "foundation/hash_table.h"
+
+namespace kv {
+
+/// Serves one request of these three types, which stays the caller's. The answer is posted only where the request has
+/// RESPONSE_NEEDED "YES"; a failure is told in it, under ERRORMSG. Blocks for the length of the query, or until the
+/// service has changed its state.
+void ExecWMIQuery(const HashTable* request);
+
+}  // namespace kv

@@ -1,0 +1,3 @@
+#include "exchange/service_control.h"
+
+namespace kv {}

@@ -1,0 +1,29 @@
+// A handle of the service manager that ends with its scope. Belongs to one thread.
+#pragma once
+
+#include <string_view>
+
+#include "platform/service_manager.h"
+
+namespace kv {
+
+/// The manager or a service, closed at the end of its life.
+struct OwnedServiceHandle {
+    platform::ServiceHandle handle = 0;
+
+    OwnedServiceHandle() = default;
+    OwnedServiceHandle(const OwnedServiceHandle&) = delete;
+    OwnedServiceHandle& operator=(const OwnedServiceHandle&) = delete;
+    ~OwnedServiceHandle() {
+        if (handle != 0) platform::ServiceManager().CloseServiceHandle(handle);
+    }
+
+    platform::Error OpenManager(std::uint32_t rights) {
+        return platform::ServiceManager().OpenSCManagerW(rights, handle);
+    }
+    platform::Error OpenService(const OwnedServiceHandle& manager, std::u16string_view name, std::uint32_t rights) {
+        return platform::ServiceManager().OpenServiceW(manager.handle, name, rights, handle);
+    }
+};
+
+}  // namespace kv

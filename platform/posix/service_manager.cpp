@@ -1,0 +1,7 @@
+#include "platform/posix/posix.h"
+
+namespace platform {
+
+ServiceManagerOperations PosixServiceManager() { return {}; }
+
+}  // namespace platform

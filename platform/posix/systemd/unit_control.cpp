@@ -1,0 +1,3 @@
+#include "platform/posix/systemd/unit_control.h"
+
+namespace platform::systemd {}

@@ -1,0 +1,25 @@
+// The text of a unit file (systemd.unit(5), systemd.service(5)).
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/service_manager.h"
+
+namespace platform::systemd {
+
+/// A service as its unit file tells of it. All texts are UTF-8, and none is escaped yet.
+struct UnitDescription {
+    std::string description;
+    std::string program;                    // absolute path
+    std::vector<std::string> dependencies;  // units that have to run first
+    std::vector<std::pair<std::string, std::string>> environment;
+    std::optional<ServiceFailureActions> failureActions;  // none: never started again
+};
+
+/// A failed service is started again after the first step's delay, as often as there are restarts among the steps; a
+/// clean stop sets that count back.
+std::string UnitFileText(const UnitDescription& unit);
+
+}  // namespace platform::systemd

@@ -1,0 +1,116 @@
+// The service manager: what installs, removes, asks, starts and stops the services of this computer.
+//
+// Handles are opened by the caller and closed with CloseServiceHandle (foundation/service_handle.h holds one). A handle
+// belongs to one thread at a time. No operation waits for a service to change its state: that is for the caller, who
+// asks again and again. Names are compared without regard to case.
+//
+// Errors that every operation may give: accessDenied; rpcServerUnavailable where there is no service manager;
+// serviceRequestTimeout where it does not answer; invalidHandle for a handle of 0.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/errors.h"
+#include "platform/seam.h"
+#include "platform/service_status.h"
+
+namespace platform {
+
+/// The manager or one service, or 0.
+using ServiceHandle = std::uintptr_t;
+
+namespace manager_right {
+inline constexpr std::uint32_t createService = 0x2;
+inline constexpr std::uint32_t all = 0xF003F;
+}  // namespace manager_right
+
+namespace service_right {
+inline constexpr std::uint32_t queryStatus = 0x4;
+inline constexpr std::uint32_t enumerateDependents = 0x8;
+inline constexpr std::uint32_t start = 0x10;
+inline constexpr std::uint32_t stop = 0x20;
+inline constexpr std::uint32_t pauseAndContinue = 0x40;
+inline constexpr std::uint32_t all = 0xF01FF;
+}  // namespace service_right
+
+enum class ServiceStartType : std::uint32_t { automatic = 2, onDemand = 3, disabled = 4 };
+enum class ServiceErrorControl : std::uint32_t { ignore = 0, normal = 1 };
+
+/// A service to be made; it runs as the system's own account.
+struct ServiceDefinition {
+    std::u16string name;
+    std::u16string displayName;
+    std::uint32_t type = service_type::ownProcess;
+    ServiceStartType start = ServiceStartType::onDemand;
+    ServiceErrorControl errorControl = ServiceErrorControl::normal;
+    std::u16string binaryPath;                 // the program as the seam writes paths, in double quotes; no arguments
+    std::vector<std::u16string> dependencies;  // services that have to run first
+};
+
+enum class RecoveryAction : std::uint32_t { none = 0, restart = 1 };
+struct RecoveryStep {
+    RecoveryAction action = RecoveryAction::none;
+    std::uint32_t delayMilliseconds = 0;
+};
+
+/// What the manager does when the service ends without having been told to. The first failure takes the first step, the
+/// second the second, and all that follow the last one.
+struct ServiceFailureActions {
+    std::uint32_t resetPeriodSeconds = 0;  // without failure, after which the count begins anew; neverReset: never
+    std::vector<RecoveryStep> steps;
+};
+inline constexpr std::uint32_t neverReset = 0xFFFFFFFF;
+
+struct DependentService {
+    std::u16string name;
+    ServiceStatus status;
+};
+
+struct ServiceManagerOperations {
+    std::function<Error(std::uint32_t rights, ServiceHandle& manager)> OpenSCManagerW;
+
+    /// serviceDoesNotExist, or invalidName for what cannot be the name of a service.
+    std::function<Error(ServiceHandle manager, std::u16string_view name, std::uint32_t rights, ServiceHandle& service)>
+        OpenServiceW;
+
+    /// Makes a service, started automatically or not, without starting it now. serviceExists. fileNotFound where the
+    /// system looks for the program at once and does not find it.
+    std::function<Error(ServiceHandle manager, const ServiceDefinition& definition, ServiceHandle& service)>
+        CreateServiceW;
+
+    /// Sets what follows a failure, of a service that this handle has made.
+    std::function<Error(ServiceHandle service, const ServiceFailureActions& actions)> ChangeServiceConfig2W;
+
+    /// Takes the service from the system's list. One that runs goes on until it is stopped. accessDenied for a service
+    /// that another installer owns.
+    std::function<Error(ServiceHandle service)> DeleteService;
+
+    /// Asks for a start; the service is pending then, or beyond. serviceAlreadyRunning where the system tells so,
+    /// serviceDisabled.
+    std::function<Error(ServiceHandle service)> StartServiceW;
+
+    /// Sends a control and gives the status that follows from it. dependentServicesRunning for a stop while others that
+    /// run depend on the service, serviceNotActive for one that is stopped, invalidServiceControl for a control that it
+    /// cannot take, serviceCannotAcceptControl while another one is pending.
+    std::function<Error(ServiceHandle service, std::uint32_t control, ServiceStatus& status)> ControlService;
+
+    std::function<Error(ServiceHandle service, ServiceStatus& status)> QueryServiceStatusEx;
+
+    /// The services that depend on this one, directly or through others, and are not stopped, in the order in which
+    /// they can be stopped. With a buffer size, in bytes, below what all of them need: moreData with the size in
+    /// bytesNeeded, and services left empty. None at all fit into a buffer of 0.
+    std::function<Error(ServiceHandle service, std::size_t bufferSize, std::vector<DependentService>& services,
+                        std::size_t& bytesNeeded)>
+        EnumDependentServicesW;
+
+    std::function<void(ServiceHandle handle)> CloseServiceHandle;
+};
+
+inline const ServiceManagerOperations& ServiceManager() { return CurrentOperations<ServiceManagerOperations>(); }
+
+}  // namespace platform
