@@ -21,6 +21,7 @@ usage: kvlab serve   --database FILE [--port N] [--listen ADDRESS] [--tls CERT K
        kvlab agents  --database FILE
        kvlab request add  --database FILE --agent KEY --type TYPE [--set NAME=VALUE] ...
        kvlab request list --database FILE [--agent KEY]
+       kvlab request answers --database FILE [--agent KEY] [--id ID]
        kvlab conf push    --database FILE [--agent MASTER] ... KEY FILE
        kvlab fault set|clear|list --database FILE ...
 

@@ -1,4 +1,5 @@
-// kvlab request add and list.
+// kvlab request add, list and answers.
+#include <algorithm>
 #include <array>
 #include <fmt/format.h>
 
@@ -47,10 +48,28 @@ void RunRequestList(const Options& options) {
     Flush();
 }
 
+constexpr std::int64_t maxAnswers = 1000;
+
+void RunRequestAnswers(const Options& options) {
+    Store store = OpenExisting(options);
+    const std::string agent = Value(options, "--agent");
+    const std::string id = Value(options, "--id");
+    std::vector<Report> answers = LatestAnswers(store, maxAnswers);
+    std::erase_if(answers, [&](const Report& answer) {
+        return (!agent.empty() && answer.agent != agent) || (!id.empty() && answer.requestId != id);
+    });
+    if (answers.empty() && !id.empty()) throw NotFoundError("there is no answer to the request " + id);
+    std::reverse(answers.begin(), answers.end());
+    for (const Report& answer : answers)
+        PrintLine(fmt::format("{}\t{}\t{}\t{}\t{}", UtcText(answer.time), OneLine(answer.agent),
+                              OneLine(answer.requestId), OneLine(answer.action), OneLine(answer.text)));
+    Flush();
+}
+
 }  // namespace
 
 std::span<const Command> RequestCommands() {
-    static const std::array<Command, 2> commands{{
+    static const std::array<Command, 3> commands{{
         {"request add",
          {{"--database", 1},
           {"--agent", 1},
@@ -74,7 +93,11 @@ seconds. Prints the request's id.
                     set to YES in the registry there, which has to be that of the agent
   --no-flag         only queue: for an agent on another machine, or one that this server has not heard of yet
 
-Types about SNMP devices, and their members:
+Types and their members; with RESPONSE_NEEDED=YES the first three are answered:
+
+  TEST_MONITOR           WMIQUERY, NAME_SPACE (ROOT\CIMV2 by default), MONITOR_NAME: one query about this computer
+  START_SERVICE, STOP_SERVICE
+                         SERVICE_NAME, MONITOR_NAME: a service of this computer
 
   SNMP_TEST_MONITOR, GET_INSTANCE_DATA
                          as the SNMP record of a plan: PROTOCOL, DEVICE_NAME, SNMP_PORT, SNMP_VERSION, COMMUNITY, OID,
@@ -95,6 +118,18 @@ answered, dropped (the agent went down while serving it), done (of a kind that g
 three times).
 
   --agent KEY  only this agent's
+)"},
+        {"request answers",
+         {{"--database", 1}, {"--agent", 1}, {"--id", 1}},
+         {},
+         RunRequestAnswers,
+         R"(usage: kvlab request answers --database FILE [--agent KEY] [--id ID]
+
+Prints what agents have answered, one answer a line, the oldest of the last 1000 first, with tabs between: time, agent,
+id of the request, its type, the answer as JSON text.
+
+  --agent KEY  only this agent's
+  --id ID      only those to this request; exit code 3 when there is none
 )"},
     }};
     return commands;

@@ -225,6 +225,8 @@ TEST_F(Requests, TheListHoldsWhatWasAskedForInOrder) {
     EXPECT_THAT(RunOnDatabase("request list --agent K1").Output(),
                 MatchesRegex("1\tK1\t2\tB\tdone\t.*Z\t.*Z\t.*Z\t1\t.*\n2\tK1\t3\tA\tanswered\t.*\\{\\}\n"));
     EXPECT_THAT(Get("/"), HasSubstr("<span class=good>answered</span>"));
+    EXPECT_THAT(RunOnDatabase("request answers --agent K1 --id 3").Output(), MatchesRegex(".*Z\tK1\t3\tX\t\\{\\}\n"));
+    EXPECT_EQ(RunOnDatabase("request answers --id 2").ExitCode(), 3);
 
     ASSERT_EQ(SetOCAgentKey(u"K3"), 0U);
     EXPECT_EQ(RunOnDatabase("request add --agent K1 --type D").ExitCode(), 1) << "another agent's";
