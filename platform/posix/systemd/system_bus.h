@@ -1,4 +1,4 @@
-// The system's message bus (D-Bus), through sd-bus.
+// The system's message bus (D-Bus), and the service manager's own socket, through sd-bus.
 //
 // Results are those of sd-bus: below 0, a negated errno value.
 #pragma once
@@ -20,5 +20,10 @@ using BusConnection = std::unique_ptr<sd_bus, CloseBus>;
 /// than the patience, and lets no call on the connection wait longer for its answer, unless it has its own timeout.
 /// -ENOENT or -ECONNREFUSED where there is no bus, -ETIMEDOUT when it does not answer.
 int OpenSystemBus(std::chrono::milliseconds patience, BusConnection& bus);
+
+/// Connects to the service manager: the superuser directly, where the manager has its own socket and no other bus was
+/// named by DBUS_SYSTEM_BUS_ADDRESS, since that works without a bus and until the very end of the system; all others
+/// through the system's bus. As for OpenSystemBus otherwise.
+int OpenManagerBus(std::chrono::milliseconds patience, BusConnection& bus);
 
 }  // namespace platform::systemd
