@@ -74,8 +74,33 @@ TEST_F(SystemTest, AResumeIsNeverLost) {
     for (int woken = 0; woken < 3; ++woken) {
         timesWoken.wait(woken);
         EXPECT_EQ(timesWoken, woken + 1);
+        if (woken < 2) {
+            EXPECT_EQ(Threads().WaitForThread(thread, 1), error::waitTimeout);
+        }
         Threads().ResumeThread(thread);
     }
+    EXPECT_EQ(Threads().WaitForThread(thread, infinite), error::success);
+    EXPECT_EQ(Threads().WaitForThread(thread, 0), error::success) << "once more";
+    EXPECT_EQ(Threads().WaitForThread(0, 0), error::invalidHandle);
+}
+
+TEST_F(SystemTest, AnEventStaysSetAndIsClosedAsSoonAsItIsSeen) {
+    for (int round = 0; round < 50; ++round) {
+        EventHandle event = 0;
+        ASSERT_EQ(Threads().CreateEventW(event), error::success);
+        EXPECT_EQ(Threads().WaitForEvent(event, 0), error::waitTimeout);
+        const ThreadHandle setter = Threads().CreateThread(
+            [](void* argument) -> std::uint32_t {
+                Threads().SetEvent(*static_cast<EventHandle*>(argument));
+                return 0;
+            },
+            &event);
+        EXPECT_EQ(Threads().WaitForEvent(event, round % 2 == 0 ? infinite : 60000), error::success);
+        EXPECT_EQ(Threads().WaitForEvent(event, 0), error::success);
+        Threads().CloseEvent(event);
+        EXPECT_EQ(Threads().WaitForThread(setter, infinite), error::success);
+    }
+    EXPECT_EQ(Threads().WaitForEvent(0, 0), error::invalidHandle);
 }
 
 TEST_F(SystemTest, HostsAndFactsAreTheSystemsOwn) {
