@@ -1,6 +1,8 @@
 #include "tests/end_to_end/installed_agent.h"
 
+#include <array>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
 #include <signal.h>
@@ -22,9 +24,23 @@ namespace fs = std::filesystem;
 
 namespace {
 
+int ExitCodeOf(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status); }
+
 std::u16string KeyOf(std::u16string_view subKey) { return std::u16string(agentKeyPath) + std::u16string(subKey); }
 
 }  // namespace
+
+ShellOutcome RunShell(const std::string& commandLine) {
+    FILE* pipe = popen(commandLine.c_str(), "re");
+    if (pipe == nullptr) throw std::runtime_error("no shell can be started");
+    ShellOutcome outcome;
+    std::array<char, 4096> buffer;
+    while (const std::size_t size = std::fread(buffer.data(), 1, buffer.size(), pipe))
+        outcome.output.append(buffer.data(), size);
+    while (outcome.output.ends_with('\n')) outcome.output.pop_back();
+    outcome.exitCode = ExitCodeOf(pclose(pipe));
+    return outcome;
+}
 
 InstalledAgent::InstalledAgent() {
     std::string pattern = (fs::temp_directory_path() / "kvagent-e2e-XXXXXX").string();
@@ -33,6 +49,7 @@ InstalledAgent::InstalledAgent() {
     data = monitoring / "bin" / "data";
     zipdata = monitoring / "bin" / "zipdata";
     state = folder / "state";
+    database = folder / "lab.db";
     fs::create_directories(monitoring / "bin");
     fs::create_directories(monitoring / "conf" / "scripts");
     fs::create_directories(state);
@@ -87,6 +104,11 @@ void InstalledAgent::writeScript(std::string_view name, std::string_view body) c
     fs::permissions(path, fs::perms::owner_all);
 }
 
+std::optional<std::string> InstalledAgent::kvlab(const std::string& arguments) const {
+    const ShellOutcome outcome = RunShell(std::string(KV_LAB_PROGRAM) + " " + arguments + " --database " + database);
+    return outcome.exitCode == 0 ? std::optional(outcome.output) : std::nullopt;
+}
+
 void InstalledAgent::makeCertificate(std::string& certificate, std::string& privateKey) const {
     certificate = (folder / "certificate.pem").string();
     privateKey = (folder / "key.pem").string();
@@ -116,7 +138,7 @@ int InstalledAgent::wait() {
     int status = 0;
     waitpid(process_, &status, 0);
     process_ = 0;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return ExitCodeOf(status);
 }
 
 bool InstalledAgent::running() {

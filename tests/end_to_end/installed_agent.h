@@ -3,11 +3,20 @@
 
 #include <filesystem>
 #include <initializer_list>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <sys/types.h>
 
 namespace kv::test {
+
+struct ShellOutcome {
+    int exitCode = 0;    // 128 and more: a signal
+    std::string output;  // without the last line ends
+};
+
+/// Runs a command line, and takes what it prints on its standard output.
+ShellOutcome RunShell(const std::string& commandLine);
 
 /// Makes an install tree and a state directory in a temporary folder, with every required setting pointing to a server
 /// on this machine's loopback. Kills what still runs and removes the folder at its end.
@@ -23,6 +32,7 @@ class InstalledAgent {
     std::filesystem::path data;        // record files
     std::filesystem::path zipdata;     // waiting zips
     std::filesystem::path state;       // registry.db and drive_c
+    std::string database;              // of the lab, where there is one
 
     /// Settings, by the last part of their key: "" for the agent's own, "\ServerInfo" and so on.
     void setText(std::u16string_view subKey, std::u16string_view name, std::u16string_view value) const;
@@ -33,6 +43,9 @@ class InstalledAgent {
     /// Writes the plan, given as UTF-8 JSON, and an executable script.
     void writePlan(std::string_view json) const;
     void writeScript(std::string_view name, std::string_view body) const;
+
+    /// What a kvlab command about the database prints; none when it fails.
+    std::optional<std::string> kvlab(const std::string& arguments) const;
 
     /// A self-signed certificate and its key, as PEM files in the folder.
     void makeCertificate(std::string& certificate, std::string& privateKey) const;

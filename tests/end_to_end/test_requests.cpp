@@ -1,7 +1,5 @@
 // One-off requests and new plans, from the command that orders them to what the agent does: the agent's program, a real
 // server and kvlab.
-#include <array>
-#include <cstdio>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <map>
@@ -51,19 +49,6 @@ struct ServedAgent : InstalledAgent {
                script + R"(", "Name": ")" + name + R"(", "params": "", "response_needed": "true" } ] } ] })";
     }
 
-    /// What a kvlab command prints, without the last line end; none when it fails.
-    std::optional<std::string> kvlab(const std::string& arguments) const {
-        const std::string command = std::string(KV_LAB_PROGRAM) + " " + arguments + " --database " + database;
-        FILE* pipe = popen(command.c_str(), "r");
-        std::string output;
-        std::array<char, 4096> buffer;
-        while (const std::size_t size = std::fread(buffer.data(), 1, buffer.size(), pipe))
-            output.append(buffer.data(), size);
-        if (pclose(pipe) != 0) return std::nullopt;
-        while (output.ends_with('\n')) output.pop_back();
-        return output;
-    }
-
     /// Orders a new plan for an agent; the request's id.
     std::string pushPlan(const std::string& key, const std::string& plan, const std::string& options = "") const {
         TestAgent::Write(folder / "new.json", plan);
@@ -99,7 +84,6 @@ struct ServedAgent : InstalledAgent {
                !fs::exists(monitoring / "conf" / "download" / "RequestList.txt");
     }
 
-    std::string database = (folder / "lab.db").string();
     std::optional<lab::LabServer> server;
     fs::path slaves = monitoring / "conf" / "slaves";
     fs::path runs = folder / "runs.txt";
