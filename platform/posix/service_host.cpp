@@ -1,13 +1,249 @@
+// The service manager is systemd. It starts the service as a unit of Type=notify, hears of its states by sd_notify(3),
+// and gives its controls by signals:
+//
+//     SIGTERM, SIGINT    shutdown when the machine goes down, else stop
+//     SIGUSR1            pause
+//     SIGUSR2            continue
+//     SIGHUP             nothing; the settings are read at the start, and it is not to end the service
+//
+// They are held back from every thread and read on the dispatcher's, where the handler may do whatever it likes. One
+// that comes before the first report stays with the kernel until then; one that comes after the service has said that
+// it stops is never read, and dropped at the end.
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <ctime>
+#include <mutex>
+#include <poll.h>
+#include <string>
+#include <sys/eventfd.h>
+#include <sys/signalfd.h>
+#include <systemd/sd-daemon.h>
+#include <thread>
+#include <unistd.h>
+
+#include "platform/posix/facts/system_text.h"
 #include "platform/posix/posix.h"
+#include "platform/posix/systemd/machine_state.h"
 
 namespace platform {
 
+namespace {
+
+constexpr std::array controlSignals{SIGTERM, SIGINT, SIGUSR1, SIGUSR2, SIGHUP};
+
+/// For each question about the machine's state, so that a stop does not hang on a manager that hangs.
+constexpr std::chrono::milliseconds managerPatience{2000};
+
+constexpr ServiceStatusHandle theService = 1;
+
+/// How far the service has come; it never goes back.
+enum class Phase { starting, takingControls, stopping, ended };
+
+/// The service as the dispatcher, the main routine and the threads that report share it. The lock is held over a whole
+/// report, so that what was reported last is what the manager was told last.
+struct HostedService {
+    std::mutex lock;
+    std::u16string name;
+    int wake = -1;  // an eventfd that tells the dispatcher of a new phase; below 0: no dispatcher runs
+    Phase phase = Phase::starting;
+    ServiceHandlerRoutine handler = nullptr;
+    void* context = nullptr;
+    std::uint32_t controlsAccepted = 0;
+};
+
+/// Never released: a thread may report as long as the process lives.
+HostedService& Hosted() {
+    static auto* const hosted = new HostedService;
+    return *hosted;
+}
+
+/// Whether the manager started this very process; one further down inherits the socket, but is not the one it means.
+bool IsStartedByManager() {
+    const char* const socket = std::getenv("NOTIFY_SOCKET");
+    const char* const process = std::getenv("SYSTEMD_EXEC_PID");
+    return socket != nullptr && *socket != 0 && (process == nullptr || process == std::to_string(getpid()));
+}
+
+/// The control signals, held back from this thread and from those that it starts for as long as this object lives.
+class HeldSignals {
+  public:
+    HeldSignals() {
+        sigemptyset(&held_);
+        for (const int signal : controlSignals) sigaddset(&held_, signal);
+        pthread_sigmask(SIG_BLOCK, &held_, &former_);
+    }
+    ~HeldSignals() {
+        const std::timespec noTime{};
+        while (sigtimedwait(&held_, nullptr, &noTime) > 0) {
+        }
+        pthread_sigmask(SIG_SETMASK, &former_, nullptr);
+    }
+    HeldSignals(const HeldSignals&) = delete;
+    HeldSignals& operator=(const HeldSignals&) = delete;
+
+    const sigset_t& set() const { return held_; }
+
+  private:
+    sigset_t held_;
+    sigset_t former_;
+};
+
+/// Fills the record of the service for as long as its dispatcher runs.
+class Hosting {
+  public:
+    Hosting(std::u16string_view name, int wake) {
+        const std::lock_guard hold(Hosted().lock);
+        Hosted().name = name;
+        Hosted().wake = wake;
+        Hosted().phase = Phase::starting;
+    }
+    ~Hosting() {
+        const std::lock_guard hold(Hosted().lock);
+        Hosted().wake = -1;
+        Hosted().handler = nullptr;
+    }
+    Hosting(const Hosting&) = delete;
+    Hosting& operator=(const Hosting&) = delete;
+};
+
+/// The caller holds the lock.
+void EnterPhase(HostedService& service, Phase phase) {
+    if (phase <= service.phase) return;
+    service.phase = phase;
+    eventfd_write(service.wake, 1);
+}
+
+Phase CurrentPhase() {
+    const std::lock_guard hold(Hosted().lock);
+    return Hosted().phase;
+}
+
+/// An exception out of the main routine ends the program, as out of any thread.
+void RunServiceMain(ServiceMainRoutine serviceMain) noexcept {
+    serviceMain();
+    const std::lock_guard hold(Hosted().lock);
+    EnterPhase(Hosted(), Phase::ended);
+}
+
+std::uint32_t ControlsAccepted() {
+    const std::lock_guard hold(Hosted().lock);
+    return Hosted().phase == Phase::takingControls ? Hosted().controlsAccepted : 0;
+}
+
+std::uint32_t StopControlOf(std::uint32_t accepted) {
+    const bool takesShutdown = (accepted & service_accepts::shutdown) != 0;
+    if (takesShutdown && systemd::IsMachineGoingDown(managerPatience)) return service_control::shutdown;
+    return (accepted & service_accepts::stop) != 0 ? service_control::stop : 0;
+}
+
+/// The control that a signal stands for; 0 where it stands for none, or for one that is not accepted.
+std::uint32_t ControlOf(int signal, std::uint32_t accepted) {
+    const bool takesPause = (accepted & service_accepts::pauseAndContinue) != 0;
+    switch (signal) {
+        case SIGTERM:
+        case SIGINT:
+            return StopControlOf(accepted);
+        case SIGUSR1:
+            return takesPause ? service_control::pause : 0;
+        case SIGUSR2:
+            return takesPause ? service_control::resume : 0;
+        default:
+            return 0;
+    }
+}
+
+/// Takes one signal and calls the handler where that follows from it.
+void DeliverSignal(int signals) {
+    signalfd_siginfo taken{};
+    if (read(signals, &taken, sizeof taken) != sizeof taken) return;
+    const std::uint32_t control = ControlOf(static_cast<int>(taken.ssi_signo), ControlsAccepted());
+    if (control != 0) Hosted().handler(control, 0, nullptr, Hosted().context);
+}
+
+/// The dispatcher's life: one control after another until the main routine has returned. An exception out of the
+/// handler ends the program.
+void DeliverControls(int signals, int wake) noexcept {
+    for (Phase phase = CurrentPhase(); phase != Phase::ended; phase = CurrentPhase()) {
+        const int watchedSignals = phase == Phase::takingControls ? signals : -1;  // below 0: not watched
+        std::array<pollfd, 2> watched{{{wake, POLLIN, 0}, {watchedSignals, POLLIN, 0}}};
+        poll(watched.data(), watched.size(), -1);
+        eventfd_t count = 0;
+        if (watched[0].revents != 0) eventfd_read(wake, &count);
+        if (watched[1].revents != 0) DeliverSignal(signals);
+    }
+}
+
+Error StartServiceCtrlDispatcherW(std::u16string_view serviceName, ServiceMainRoutine serviceMain) try {
+    if (!IsStartedByManager()) return error::serviceControllerConnect;
+    const HeldSignals held;
+    const wmi::Descriptor signals(signalfd(-1, &held.set(), SFD_CLOEXEC | SFD_NONBLOCK));
+    if (!signals.isOpen()) return ErrorFromErrno(errno);
+    const wmi::Descriptor wake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!wake.isOpen()) return ErrorFromErrno(errno);
+    const Hosting hosting(serviceName, wake.number());
+    std::thread mainThread(RunServiceMain, serviceMain);
+    DeliverControls(signals.number(), wake.number());
+    mainThread.join();
+    return error::success;
+} catch (const std::exception&) {  // no thread, or no memory
+    return error::notEnoughMemory;
+}
+
+Error RegisterServiceCtrlHandlerExW(std::u16string_view serviceName, ServiceHandlerRoutine handler, void* context,
+                                    ServiceStatusHandle& handle) {
+    handle = 0;
+    HostedService& service = Hosted();
+    const std::lock_guard hold(service.lock);
+    if (service.wake < 0 || service.name != serviceName) return error::serviceDoesNotExist;
+    service.handler = handler;
+    service.context = context;
+    handle = theService;
+    return error::success;
+}
+
+/// What the manager is told of a state; none for what is no state.
+const char* NoticeOf(ServiceState state) {
+    switch (state) {
+        case ServiceState::startPending:
+            return "STATUS=Starting";
+        case ServiceState::running:
+            return "READY=1\nSTATUS=Running";
+        case ServiceState::pausePending:
+            return "STATUS=Pausing";
+        case ServiceState::paused:
+            return "STATUS=Paused: collection goes on";
+        case ServiceState::continuePending:
+            return "STATUS=Continuing";
+        case ServiceState::stopPending:
+            return "STOPPING=1\nSTATUS=Stopping";
+        case ServiceState::stopped:
+            return "STATUS=Stopped";
+    }
+    return nullptr;
+}
+
+Error SetServiceStatus(ServiceStatusHandle handle, const ServiceStatus& status) {
+    const ServiceState state = status.dwCurrentState;
+    HostedService& service = Hosted();
+    const std::lock_guard hold(service.lock);
+    if (handle != theService || service.handler == nullptr) return error::invalidHandle;
+    const char* const notice = NoticeOf(state);
+    if (notice == nullptr) return error::invalidData;
+    if (const int told = sd_notify(0, notice); told < 0) return ErrorFromErrno(-told);
+    service.controlsAccepted = status.dwControlsAccepted;
+    const bool stops = state == ServiceState::stopPending || state == ServiceState::stopped;
+    EnterPhase(service, stops ? Phase::stopping : Phase::takingControls);
+    return error::success;
+}
+
+}  // namespace
+
 ServiceHostOperations PosixServiceHost() {
-    // Being started by the service manager is not built yet: the program is always told that none started it.
-    return {.StartServiceCtrlDispatcherW = [](std::u16string_view,
-                                              ServiceMainRoutine) { return error::serviceControllerConnect; },
-            .RegisterServiceCtrlHandlerExW = {},
-            .SetServiceStatus = {}};
+    return {.StartServiceCtrlDispatcherW = StartServiceCtrlDispatcherW,
+            .RegisterServiceCtrlHandlerExW = RegisterServiceCtrlHandlerExW,
+            .SetServiceStatus = SetServiceStatus};
 }
 
 }  // namespace platform

@@ -1,7 +1,57 @@
 #include "platform/posix/systemd/machine_state.h"
 
+#include <cstring>
+
+#include "platform/posix/systemd/bus_message.h"
+#include "platform/posix/systemd/system_bus.h"
+
 namespace platform::systemd {
 
-bool IsMachineGoingDown(std::chrono::milliseconds) { return false; }
+namespace {
+
+constexpr const char* loginName = "org.freedesktop.login1";
+constexpr const char* loginPath = "/org/freedesktop/login1";
+constexpr const char* loginInterface = "org.freedesktop.login1.Manager";
+
+/// Asks for a property whose basic type is known, and starts nobody for it. Texts live as long as the answer.
+int GetProperty(sd_bus* bus, const char* name, const char* path, const char* interface, const char* property,
+                const char* type, Message& answer, void* value) {
+    sd_bus_message* made = nullptr;
+    int result = sd_bus_message_new_method_call(bus, &made, name, path, "org.freedesktop.DBus.Properties", "Get");
+    const Message call(made);
+    if (result >= 0) result = sd_bus_message_set_auto_start(made, 0);
+    if (result >= 0) result = sd_bus_message_append(made, "ss", interface, property);
+    if (result >= 0) result = Send(bus, call, answer);
+    if (result >= 0) result = sd_bus_message_enter_container(answer.get(), SD_BUS_TYPE_VARIANT, type);
+    return result < 0 ? result : sd_bus_message_read_basic(answer.get(), *type, value);
+}
+
+int AskManager(sd_bus* bus, bool& isGoingDown) {
+    Message answer;
+    const char* state = nullptr;
+    const int result = GetProperty(bus, managerName, managerPath, managerInterface, "SystemState", "s", answer, &state);
+    if (result >= 0) isGoingDown = std::strcmp(state, "stopping") == 0;
+    return result;
+}
+
+int AskLogin(sd_bus* bus, bool& isGoingDown) {
+    Message answer;
+    int prepares = 0;
+    const int result =
+        GetProperty(bus, loginName, loginPath, loginInterface, "PreparingForShutdown", "b", answer, &prepares);
+    if (result >= 0) isGoingDown = prepares != 0;
+    return result;
+}
+
+}  // namespace
+
+bool IsMachineGoingDown(std::chrono::milliseconds patience) {
+    bool isGoingDown = false;
+    BusConnection bus;
+    if (OpenManagerBus(patience, bus) >= 0 && AskManager(bus.get(), isGoingDown) >= 0) return isGoingDown;
+    if (OpenSystemBus(patience, bus) < 0) return false;
+    if (AskManager(bus.get(), isGoingDown) < 0) AskLogin(bus.get(), isGoingDown);
+    return isGoingDown;
+}
 
 }  // namespace platform::systemd
