@@ -15,9 +15,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr const char* stateVariable = "KVAGENT_STATE_DIR";
-constexpr const char* usualStateDirectory = "/var/lib/kvagent";
-
 std::string stateDirectory = usualStateDirectory;
 
 bool BeginsWithDrive(const std::string& path) {
@@ -29,7 +26,7 @@ bool BeginsWithDrive(const std::string& path) {
 const std::string& StateDirectory() { return stateDirectory; }
 
 void ReadStateDirectory() {
-    const char* configured = std::getenv(stateVariable);
+    const char* configured = std::getenv(stateDirectoryVariable);
     const fs::path named = configured != nullptr && *configured != '\0' ? configured : usualStateDirectory;
     std::error_code unknownWorkingDirectory;
     const fs::path absolute = fs::absolute(named, unknownWorkingDirectory);

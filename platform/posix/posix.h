@@ -4,6 +4,7 @@
 // Private to platform/posix/. Everything is callable from any thread.
 #pragma once
 
+#include <chrono>
 #include <string>
 #include <string_view>
 
@@ -24,6 +25,12 @@
 
 namespace platform {
 
+/// Where services are made, and how long an answer of the service manager is waited for.
+struct ServiceManagerPlace {
+    std::string unitDirectory = "/etc/systemd/system";  // that of this computer's administrator
+    std::chrono::milliseconds patience{5000};
+};
+
 /// Makers of the records; InstallBackend calls each once.
 ClockOperations PosixClock();
 CryptoOperations PosixCrypto();
@@ -33,7 +40,7 @@ MessageOperations PosixMessages();
 ProcessOperations PosixProcesses();
 RegistryOperations PosixRegistry();
 ServiceHostOperations PosixServiceHost();
-ServiceManagerOperations PosixServiceManager();
+ServiceManagerOperations PosixServiceManager(const ServiceManagerPlace& place = {});
 SocketOperations PosixSockets();
 SystemFactOperations PosixSystemFacts();
 ThreadOperations PosixThreads();
@@ -42,6 +49,8 @@ WmiOperations PosixWmi();
 /// The directory that holds registry.db and the drives: KVAGENT_STATE_DIR, else /var/lib/kvagent; absolute, without a
 /// slash at the end. The environment is read by InstallBackend, and only then. Nothing creates the directory here.
 const std::string& StateDirectory();
+inline constexpr const char* usualStateDirectory = "/var/lib/kvagent";
+inline constexpr const char* stateDirectoryVariable = "KVAGENT_STATE_DIR";
 
 /// Reads the state directory from the environment. Called by InstallBackend, before any other thread runs.
 void ReadStateDirectory();

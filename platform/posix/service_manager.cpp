@@ -1,7 +1,284 @@
+// The service manager is systemd. A manager's handle is a connection to it; the handles of services share the one that
+// they were opened with. A connection that broke off, as when systemd executes itself anew, is replaced at the next
+// operation.
+#include <cerrno>
+#include <chrono>
+#include <exception>
+#include <linux/magic.h>
+#include <memory>
+#include <new>
+#include <optional>
+#include <sys/vfs.h>
+#include <systemd/sd-login.h>
+
 #include "platform/posix/posix.h"
+#include "platform/posix/systemd/bus_message.h"
+#include "platform/posix/systemd/unit_install.h"
+#include "platform/posix/systemd/unit_search.h"
+#include "platform/posix/systemd/unit_status.h"
+#include "platform/utf.h"
 
 namespace platform {
 
-ServiceManagerOperations PosixServiceManager() { return {}; }
+namespace {
+
+using namespace systemd;
+using enum ServiceState;
+
+struct Connection {
+    ServiceManagerPlace place;
+    UnitManager manager;
+
+    sd_bus* Bus() const { return manager.Bus(); }
+};
+
+struct OpenHandle {
+    std::shared_ptr<Connection> connection;
+    std::uint32_t rights = 0;
+    std::string unit;  // empty: the manager itself
+    SeenPending seen;
+    std::optional<UnitDescription> description;  // of one that this handle has made
+};
+
+OpenHandle& OpenOf(ServiceHandle handle) { return *reinterpret_cast<OpenHandle*>(handle); }
+
+ServiceHandle NewHandle(OpenHandle open) {
+    return reinterpret_cast<ServiceHandle>(std::make_unique<OpenHandle>(std::move(open)).release());
+}
+
+std::uint64_t NowMicroseconds() {
+    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    return static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(now).count());
+}
+
+Error Connect(Connection& connection) {
+    if (connection.Bus() != nullptr && sd_bus_is_open(connection.Bus()) > 0) return error::success;
+    const int result = connection.manager.Connect(connection.place.patience);
+    return IsAbsent(result) ? error::rpcServerUnavailable : ErrorOfManager(result);
+}
+
+/// Checks a handle and what it was opened for, and sees to its connection.
+Error Use(ServiceHandle handle, bool isService, std::uint32_t rights) {
+    if (handle == 0 || OpenOf(handle).unit.empty() == isService) return error::invalidHandle;
+    if ((OpenOf(handle).rights & rights) != rights) return error::accessDenied;
+    return Connect(*OpenOf(handle).connection);
+}
+
+/// One that waits for itself to go on would wait for ever.
+bool IsOwnUnit(const std::string& unit) {
+    char* name = nullptr;
+    const int result = sd_pid_get_unit(0, &name);
+    const CText owned(name);
+    return result >= 0 && unit == name;
+}
+
+/// Only the second version of control groups can freeze each of them.
+bool CanPause(const UnitCondition& condition) {
+    struct statfs facts {};
+    return !condition.freezerState.empty() && statfs("/sys/fs/cgroup", &facts) == 0 &&
+           facts.f_type == CGROUP2_SUPER_MAGIC && !IsOwnUnit(condition.id);
+}
+
+Error Look(OpenHandle& service, UnitCondition& condition, ServiceStatus& status) {
+    const int result = ReadCondition(service.connection->Bus(), service.unit, condition);
+    if (result < 0) return ErrorOfManager(result);
+    if (!Exists(condition)) return error::serviceDoesNotExist;
+    status = StatusOf(condition, CanPause(condition), NowMicroseconds(), service.seen);
+    return error::success;
+}
+
+Error OpenSCManagerW(const ServiceManagerPlace& place, std::uint32_t rights, ServiceHandle& manager) {
+    manager = 0;
+    OpenHandle open{std::make_shared<Connection>(Connection{place, {}}), rights, {}, {}, {}};
+    if (const Error failure = Connect(*open.connection); failure != 0) return failure;
+    manager = NewHandle(std::move(open));
+    return error::success;
+}
+
+Error OpenServiceW(ServiceHandle manager, std::u16string_view name, std::uint32_t rights, ServiceHandle& service) {
+    service = 0;
+    if (const Error failure = Use(manager, false, 0); failure != 0) return failure;
+    const auto& connection = OpenOf(manager).connection;
+    UnitCondition condition;
+    if (const Error failure = FindUnit(connection->manager, name, condition); failure != 0) return failure;
+    service = NewHandle({connection, rights, condition.id, {}, {}});
+    return error::success;
+}
+
+/// One that is deleted, but runs on, is no hindrance to a new one.
+Error CheckIsNew(UnitManager& manager, std::u16string_view name) {
+    UnitCondition condition;
+    const Error failure = FindUnit(manager, name, condition);
+    if (failure == error::serviceDoesNotExist) return error::success;
+    if (failure != error::success) return failure;
+    return condition.loadState == "not-found" ? error::success : error::serviceExists;
+}
+
+Error CreateServiceW(ServiceHandle manager, const ServiceDefinition& definition, ServiceHandle& service) {
+    service = 0;
+    if (const Error failure = Use(manager, false, manager_right::createService); failure != 0) return failure;
+    // A file could not say so; it would have to be a mask, and then there is no service.
+    if (definition.start == ServiceStartType::disabled) return error::notSupported;
+    const auto& connection = OpenOf(manager).connection;
+    if (const Error failure = CheckIsNew(connection->manager, definition.name); failure != 0) return failure;
+    OpenHandle made{connection, service_right::all, UnitNameOf(Utf8FromWide(definition.name)), {}, UnitDescription()};
+    Error failure = DescribeService(connection->manager, definition, *made.description);
+    if (failure != 0) return failure;
+    failure = InstallUnit(connection->Bus(), connection->place.unitDirectory, made.unit, *made.description,
+                          definition.start == ServiceStartType::automatic);
+    if (failure == 0) service = NewHandle(std::move(made));
+    return failure;
+}
+
+Error ChangeServiceConfig2W(ServiceHandle service, const ServiceFailureActions& actions) {
+    if (const Error failure = Use(service, true, service_right::all); failure != 0) return failure;
+    OpenHandle& open = OpenOf(service);
+    if (!open.description) return error::notSupported;
+    open.description->failureActions = actions;
+    return RewriteUnit(open.connection->Bus(), open.connection->place.unitDirectory, open.unit, *open.description);
+}
+
+Error DeleteService(ServiceHandle service) {
+    if (const Error failure = Use(service, true, service_right::all); failure != 0) return failure;
+    OpenHandle& open = OpenOf(service);
+    UnitCondition condition;
+    ServiceStatus status;
+    if (const Error failure = Look(open, condition, status); failure != 0) return failure;
+    const Error failure = RemoveUnit(open.connection->Bus(), open.connection->place.unitDirectory, condition);
+    if (failure == 0) open.description.reset();
+    return failure;
+}
+
+/// What is missing or masked for a unit that is there itself is one that it depends on.
+Error StartServiceW(ServiceHandle service) {
+    if (const Error failure = Use(service, true, service_right::start); failure != 0) return failure;
+    OpenHandle& open = OpenOf(service);
+    UnitCondition condition;
+    ServiceStatus status;
+    if (const Error failure = Look(open, condition, status); failure != 0) return failure;
+    if (condition.loadState == "masked") return error::serviceDisabled;
+    const int result = StartUnit(open.connection->Bus(), open.unit);
+    if (result == -ENOENT) return error::serviceDependencyDeleted;
+    return result == -ERFKILL ? error::serviceDependencyFailed : ErrorOfManager(result);
+}
+
+Error QueryServiceStatusEx(ServiceHandle service, ServiceStatus& status) {
+    if (const Error failure = Use(service, true, service_right::queryStatus); failure != 0) return failure;
+    UnitCondition condition;
+    return Look(OpenOf(service), condition, status);
+}
+
+Error Stop(sd_bus* bus, const UnitCondition& condition, ServiceState state) {
+    if (state == stopPending || state == pausePending || state == continuePending) {
+        return error::serviceCannotAcceptControl;
+    }
+    std::vector<std::string> dependents;
+    const int listed = ListActiveDependents(bus, condition.id, dependents);
+    if (!dependents.empty()) return error::dependentServicesRunning;
+    return ErrorOfManager(listed < 0 ? listed : StopUnit(bus, condition.id));
+}
+
+Error SetPaused(sd_bus* bus, const UnitCondition& condition, ServiceState state, bool paused_) {
+    if (IsOwnUnit(condition.id)) return error::invalidServiceControl;
+    if (state != running && state != paused) return error::serviceCannotAcceptControl;
+    return ErrorOfManager(paused_ ? FreezeUnit(bus, condition.id) : ThawUnit(bus, condition.id));
+}
+
+std::uint32_t RightFor(std::uint32_t control) {
+    switch (control) {
+        case service_control::stop:
+            return service_right::stop;
+        case service_control::pause:
+        case service_control::resume:
+            return service_right::pauseAndContinue;
+        default:
+            return 0;
+    }
+}
+
+Error Tell(sd_bus* bus, const UnitCondition& condition, ServiceState state, std::uint32_t control) {
+    switch (control) {
+        case service_control::stop:
+            return Stop(bus, condition, state);
+        case service_control::pause:
+        case service_control::resume:
+            return SetPaused(bus, condition, state, control == service_control::pause);
+        case service_control::interrogate:
+            return error::success;
+        default:
+            return error::invalidServiceControl;
+    }
+}
+
+Error ControlService(ServiceHandle service, std::uint32_t control, ServiceStatus& status) {
+    if (const Error failure = Use(service, true, RightFor(control)); failure != 0) return failure;
+    OpenHandle& open = OpenOf(service);
+    UnitCondition condition;
+    if (const Error failure = Look(open, condition, status); failure != 0) return failure;
+    if (status.dwCurrentState == stopped) return error::serviceNotActive;
+    const Error failure = Tell(open.connection->Bus(), condition, status.dwCurrentState, control);
+    return failure != 0 ? failure : Look(open, condition, status);
+}
+
+Error EnumDependentServicesW(ServiceHandle service, std::size_t bufferSize, std::vector<DependentService>& services,
+                             std::size_t& bytesNeeded) {
+    services.clear();
+    bytesNeeded = 0;
+    if (const Error failure = Use(service, true, service_right::enumerateDependents); failure != 0) return failure;
+    const OpenHandle& open = OpenOf(service);
+    std::vector<std::string> units;
+    const int listed = ListActiveDependents(open.connection->Bus(), open.unit, units);
+    if (listed < 0) return ErrorOfManager(listed);
+    std::vector<DependentService> found;
+    for (const std::string& unit : units) {
+        OpenHandle dependent{open.connection, 0, unit, {}, {}};
+        ServiceStatus status;
+        UnitCondition condition;
+        const Error failure = Look(dependent, condition, status);
+        if (failure == error::serviceDoesNotExist) continue;
+        if (failure != 0) return failure;
+        const std::u16string name = WideFromUtf8(unit.substr(0, unit.size() - serviceSuffix.size()));
+        bytesNeeded += sizeof(DependentService) + (name.size() + 1) * sizeof(char16_t);
+        found.push_back({name, status});
+    }
+    if (bytesNeeded > bufferSize) return error::moreData;
+    services = std::move(found);
+    return error::success;
+}
+
+void CloseServiceHandle(ServiceHandle handle) {
+    if (handle != 0) delete &OpenOf(handle);
+}
+
+/// An operation from which nothing is thrown.
+template <class... Parameters>
+auto Guarded(Error (*operation)(Parameters...)) {
+    return [operation](Parameters... parameters) noexcept -> Error {
+        try {
+            return operation(parameters...);
+        } catch (const std::bad_alloc&) {
+            return error::notEnoughMemory;
+        } catch (const std::exception&) {
+            return error::generalFailure;
+        }
+    };
+}
+
+}  // namespace
+
+ServiceManagerOperations PosixServiceManager(const ServiceManagerPlace& place) {
+    return {
+        .OpenSCManagerW = [place](std::uint32_t rights,
+                                  ServiceHandle& manager) { return Guarded(OpenSCManagerW)(place, rights, manager); },
+        .OpenServiceW = Guarded(OpenServiceW),
+        .CreateServiceW = Guarded(CreateServiceW),
+        .ChangeServiceConfig2W = Guarded(ChangeServiceConfig2W),
+        .DeleteService = Guarded(DeleteService),
+        .StartServiceW = Guarded(StartServiceW),
+        .ControlService = Guarded(ControlService),
+        .QueryServiceStatusEx = Guarded(QueryServiceStatusEx),
+        .EnumDependentServicesW = Guarded(EnumDependentServicesW),
+        .CloseServiceHandle = CloseServiceHandle};
+}
 
 }  // namespace platform

@@ -2,6 +2,17 @@
 
 namespace platform::systemd {
 
+namespace {
+
+struct FreeTexts {
+    void operator()(char** texts) const {
+        for (char** text = texts; *text != nullptr; ++text) std::free(*text);
+        std::free(texts);
+    }
+};
+
+}  // namespace
+
 CText UnitPathOf(const std::string& unit) {
     char* path = nullptr;
     sd_bus_path_encode("/org/freedesktop/systemd1/unit", unit.c_str(), &path);
@@ -24,9 +35,11 @@ int AppendTexts(sd_bus_message* message, const std::vector<std::string>& texts) 
     return result < 0 ? result : sd_bus_message_close_container(message);
 }
 
-int Send(sd_bus* bus, const Message& call, Message& answer) {
+int Send(sd_bus* bus, const Message& call, Message& answer, unsigned patience) {
+    std::uint64_t microseconds = 0;
+    sd_bus_get_method_call_timeout(bus, &microseconds);
     sd_bus_message* received = nullptr;
-    const int result = sd_bus_call(bus, call.get(), 0, nullptr, &received);
+    const int result = sd_bus_call(bus, call.get(), microseconds * patience, nullptr, &received);
     answer.reset(received);
     return result;
 }
@@ -47,6 +60,16 @@ int GetText(sd_bus* bus, const std::string& unit, const char* interface, const c
         sd_bus_get_property_string(bus, managerName, UnitPathOf(unit).get(), interface, property, nullptr, &text);
     const CText owned(text);
     if (result >= 0) value = text;
+    return result;
+}
+
+int GetTexts(sd_bus* bus, const std::string& unit, const char* interface, const char* property,
+             std::vector<std::string>& values) {
+    char** texts = nullptr;
+    const int result =
+        sd_bus_get_property_strv(bus, managerName, UnitPathOf(unit).get(), interface, property, nullptr, &texts);
+    const std::unique_ptr<char*, FreeTexts> owned(texts);
+    for (char** text = texts; text != nullptr && *text != nullptr; ++text) values.emplace_back(*text);
     return result;
 }
 

@@ -37,8 +37,8 @@ int MakeManagerCall(sd_bus* bus, const char* method, Message& call);
 /// Appends a list of texts.
 int AppendTexts(sd_bus_message* message, const std::vector<std::string>& texts);
 
-/// Sends a call and waits for its answer.
-int Send(sd_bus* bus, const Message& call, Message& answer);
+/// Sends a call and waits for its answer, as long as the connection's calls wait, or so many times as long.
+int Send(sd_bus* bus, const Message& call, Message& answer, unsigned patience = 1);
 
 /// Calls a method of the manager with lists of texts.
 int CallManager(sd_bus* bus, const char* method, std::initializer_list<const std::vector<std::string>*> arguments,
@@ -62,5 +62,9 @@ int GetPlain(sd_bus* bus, const std::string& unit, const char* interface, const 
 }
 
 int GetText(sd_bus* bus, const std::string& unit, const char* interface, const char* property, std::string& value);
+
+/// Adds a list of texts, such as the names of other units, to values.
+int GetTexts(sd_bus* bus, const std::string& unit, const char* interface, const char* property,
+             std::vector<std::string>& values);
 
 }  // namespace platform::systemd

@@ -1,46 +1,58 @@
 // One unit of systemd: what it is doing, and telling it to start and stop (org.freedesktop.systemd1(5)).
 //
-// Results are those of sd-bus: below 0, a negated errno value. Names of units are whole: "ssh.service".
+// Results are those of sd-bus: below 0, a negated errno value, which ErrorOfManager turns into one of the seam's. Names
+// of units are whole: "ssh.service".
 #pragma once
 
 #include <cstdint>
 #include <string>
 #include <vector>
 
+#include "platform/errors.h"
 #include "platform/posix/systemd/system_bus.h"
 
 namespace platform::systemd {
 
+/// The seam's number for a result: the manager's refusals as those of services, a manager that is away as
+/// rpcServerUnavailable, one that does not answer as serviceRequestTimeout. Success for results from 0 on.
+Error ErrorOfManager(int result);
+
 /// What the manager knows of a unit; words are its own.
 struct UnitCondition {
-    std::string id;           // its chief name, where the one that was asked for is an alias
-    std::string loadState;    // "loaded", "not-found", "masked", ...
-    std::string activeState;  // "active", "activating", "deactivating", "inactive", "failed", ...
-    std::string subState;
-    std::string freezerState;       // "running", "freezing", "frozen", "thawing"; empty where systemd knows no freezing
-    std::string pendingJob;         // "start", "stop", "restart", ...: what waits to be done; empty for nothing
-    std::string fragmentPath;       // its unit file; empty for none
-    std::uint64_t changedAt = 0;    // microseconds of the monotonic clock at which the sub-state was entered; 0 never
-    std::int32_t mainExitCode = 0;  // how its main process ended (CLD_EXITED, ...), 0 for not at all
+    std::string id;            // its chief name, where the one that was asked for is an alias
+    std::string loadState;     // "loaded", "not-found", "masked", ...
+    std::string activeState;   // "active", "activating", "deactivating", "inactive", "failed", ...
+    std::string freezerState;  // "running", "freezing", "frozen", "thawing"; empty where systemd knows no freezing
+    std::string pendingJob;    // "start", "stop", "restart", ...: what waits to be done; empty for nothing
+    std::string fragmentPath;  // its unit file; empty for none
+    std::uint64_t changedAt =
+        0;  // microseconds of the monotonic clock at which its state, or a step within it, began; 0 never
+    std::int32_t mainExitCode = 0;    // how its main process ended (CLD_EXITED, ...), 0 for not at all
     std::int32_t mainExitStatus = 0;  // its exit status, or the signal
 };
 
 /// Asks for one unit. One that does not exist is a success with loadState "not-found".
 int ReadCondition(sd_bus* bus, const std::string& unit, UnitCondition& condition);
 
+/// Whether there is such a unit: it has a file, or still runs without one.
+bool Exists(const UnitCondition& condition);
+
+/// Whether it neither runs nor is on its way to it or from it.
+bool IsAtRest(const UnitCondition& condition);
+
 /// Ask the manager for a start or a stop, in place of what else is pending for the unit; neither waits for its end.
 int StartUnit(sd_bus* bus, const std::string& unit);
 int StopUnit(sd_bus* bus, const std::string& unit);
 
-/// Hold all processes of a unit, and let them go on. Each waits until that is done.
+/// Hold all processes of a unit, and let them go on. Each waits until that is done, five times as long as other calls.
 int FreezeUnit(sd_bus* bus, const std::string& unit);
 int ThawUnit(sd_bus* bus, const std::string& unit);
 
-/// Services that are not inactive and need the unit to run, directly or through units of any kind: those first on which
-/// none that follow depend.
+/// Services that are not at rest and need the unit to run, directly or through units of any kind, each before those
+/// that it needs itself. Units that need each other come in some order.
 int ListActiveDependents(sd_bus* bus, const std::string& unit, std::vector<std::string>& dependents);
 
-/// Read all unit files anew, after one was written or deleted.
+/// Read all unit files anew, after one was written or deleted. Waits five times as long as other calls.
 int ReloadManager(sd_bus* bus);
 
 /// Have a unit started with the system, or not any more.

@@ -18,8 +18,8 @@ struct UnitDescription {
     std::optional<ServiceFailureActions> failureActions;  // none: never started again
 };
 
-/// A failed service is started again after the first step's delay, as often as there are restarts among the steps; a
-/// clean stop sets that count back.
+/// A failed service is started again after the first step's delay, as often as the steps begin with restarts, and
+/// without end when all of them are; a stop that was asked for sets that count back.
 std::string UnitFileText(const UnitDescription& unit);
 
 }  // namespace platform::systemd

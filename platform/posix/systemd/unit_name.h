@@ -11,7 +11,8 @@ inline constexpr std::string_view serviceSuffix = ".service";
 
 /// The unit of a service's name, both UTF-8: "ssh" is ssh.service, and "ssh.service" too. Of a name that no unit can
 /// have, such as "Some Agent - Host", the letters become small and each run of other characters one hyphen:
-/// "some-agent-host.service". Empty for a name without a letter or digit and for one that is too long for a unit.
+/// "some-agent-host.service". Empty for a name without a letter or digit, for a template's, and for one that is too
+/// long.
 std::string UnitNameOf(std::string_view serviceName);
 
 /// A pattern that finds the service of a name without regard to case, and no other; the name comes without suffix.

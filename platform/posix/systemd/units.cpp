@@ -23,7 +23,7 @@ int ReadUnits(sd_bus_message* message, std::vector<ServiceUnit>& units) {
         std::uint32_t job = 0;
         const int result = sd_bus_message_read(message, "(ssssssouso)", &id, &description, &load, &active, &sub,
                                                &followed, &path, &job, &jobType, &jobPath);
-        if (result > 0) units.push_back({id, description, load, active, sub, ""});
+        if (result > 0) units.push_back({id, description, load, active, sub, "", jobType});
         return result;
     });
 }
@@ -83,6 +83,12 @@ bool IsLost(int result) {
            result == -EHOSTUNREACH || result == -ENXIO;
 }
 
+int ListByNames(sd_bus* bus, const std::vector<std::string>& names, std::vector<ServiceUnit>& units) {
+    Message reply;
+    const int result = CallManager(bus, "ListUnitsByNames", {&names}, reply);
+    return result < 0 ? result : ReadUnits(reply.get(), units);
+}
+
 int UnitManager::ListLoaded(const std::vector<std::string>& patterns, std::vector<ServiceUnit>& units) {
     const std::vector<std::string> anyState;
     Message reply;
@@ -113,10 +119,8 @@ int UnitManager::Describe(std::vector<ServiceUnit>& units) {
         if (unit.loadState.empty()) ids.push_back(unit.id);
     }
     if (ids.empty()) return 0;
-    Message reply;
-    int result = CallManager(bus_.get(), "ListUnitsByNames", {&ids}, reply);
     std::vector<ServiceUnit> described;
-    if (result >= 0) result = ReadUnits(reply.get(), described);
+    const int result = ListByNames(bus_.get(), ids, described);
     std::map<std::string_view, std::string_view> descriptions;
     for (const ServiceUnit& unit : described) descriptions.emplace(unit.id, unit.description);
     for (ServiceUnit& unit : units) {

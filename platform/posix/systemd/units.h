@@ -21,7 +21,8 @@ struct ServiceUnit {
     std::string loadState;
     std::string activeState;
     std::string subState;
-    std::string fileState;  // of its unit file; empty where it has none
+    std::string fileState;        // of its unit file; empty where it has none
+    std::string pendingJob = {};  // "start", "stop", ...: what waits to be done; empty for nothing
 };
 
 /// How a service's main process ended.
@@ -54,10 +55,17 @@ bool IsAbsent(int result);
 /// Whether a result says that the manager or the bus stopped answering, so that more questions make no sense.
 bool IsLost(int result);
 
+/// Units of any kind by their whole names, loaded or not; one that does not exist has the load state "not-found". What
+/// cannot be a unit's name is left out.
+int ListByNames(sd_bus* bus, const std::vector<std::string>& names, std::vector<ServiceUnit>& units);
+
 /// The manager at the other end of a connection.
 class UnitManager {
   public:
-    int Connect(std::chrono::milliseconds patience) { return OpenSystemBus(patience, bus_); }
+    int Connect(std::chrono::milliseconds patience) { return OpenManagerBus(patience, bus_); }
+
+    /// The connection, or nullptr before the first one.
+    sd_bus* Bus() const { return bus_.get(); }
 
     /// Services that are loaded and match one of the patterns, as in a shell.
     int ListLoaded(const std::vector<std::string>& patterns, std::vector<ServiceUnit>& units);

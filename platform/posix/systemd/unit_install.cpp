@@ -1,0 +1,103 @@
+#include "platform/posix/systemd/unit_install.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "platform/posix/facts/system_text.h"
+#include "platform/posix/posix.h"
+#include "platform/posix/systemd/units.h"
+
+namespace platform::systemd {
+
+namespace {
+
+using wmi::Descriptor;
+
+constexpr mode_t unitFileMode = 0644;
+
+/// A file under a name of its own that is gone at the end.
+class NewFile {
+  public:
+    explicit NewFile(const std::string& directory)
+        : path_(directory + "/.unit-XXXXXX"), file_(mkostemp(path_.data(), O_CLOEXEC)) {}
+    ~NewFile() {
+        if (file_.isOpen()) unlink(path_.c_str());
+    }
+    NewFile(const NewFile&) = delete;
+    NewFile& operator=(const NewFile&) = delete;
+
+    const char* path() const { return path_.c_str(); }
+
+    /// False with errno set.
+    bool Write(std::string_view text) {
+        if (!file_.isOpen() || fchmod(file_.number(), unitFileMode) != 0) return false;
+        while (!text.empty()) {
+            const ssize_t count = write(file_.number(), text.data(), text.size());
+            if (count < 0 && errno != EINTR) return false;
+            if (count > 0) text.remove_prefix(static_cast<std::size_t>(count));
+        }
+        return fsync(file_.number()) == 0;
+    }
+
+  private:
+    std::string path_;
+    Descriptor file_;
+};
+
+/// How a complete file gets its name: link(2) for one that must be new, or rename(2).
+using NameFile = int (*)(const char* from, const char* to);
+
+Error WriteUnitFile(const std::string& directory, const std::string& unit, const UnitDescription& description,
+                    NameFile nameFile) {
+    NewFile file(directory);
+    const std::string path = directory + "/" + unit;
+    if (!file.Write(UnitFileText(description)) || nameFile(file.path(), path.c_str()) != 0) {
+        return errno == EEXIST ? error::serviceExists : ErrorFromErrno(errno);
+    }
+    const Descriptor opened(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    fsync(opened.number());  // the name as well; without it nothing is lost but this after a power failure
+    return error::success;
+}
+
+void TakeBack(sd_bus* bus, const std::string& path, const std::string& unit) {
+    const int disabled = DisableUnit(bus, unit);
+    unlink(path.c_str());
+    if (!IsLost(disabled)) ReloadManager(bus);
+}
+
+/// Not a link to a file elsewhere, which belongs to someone else.
+bool IsOwnFile(const std::string& path) {
+    struct stat facts {};
+    return lstat(path.c_str(), &facts) == 0 && S_ISREG(facts.st_mode);
+}
+
+}  // namespace
+
+Error InstallUnit(sd_bus* bus, const std::string& directory, const std::string& unit,
+                  const UnitDescription& description, bool startsWithSystem) {
+    if (const Error failure = WriteUnitFile(directory, unit, description, link); failure != 0) return failure;
+    int result = startsWithSystem ? EnableUnit(bus, unit) : 0;
+    if (result >= 0) result = ReloadManager(bus);
+    if (result < 0) TakeBack(bus, directory + "/" + unit, unit);
+    return ErrorOfManager(result);
+}
+
+Error RewriteUnit(sd_bus* bus, const std::string& directory, const std::string& unit,
+                  const UnitDescription& description) {
+    const Error failure = WriteUnitFile(directory, unit, description, rename);
+    return failure != 0 ? failure : ErrorOfManager(ReloadManager(bus));
+}
+
+Error RemoveUnit(sd_bus* bus, const std::string& directory, const UnitCondition& condition) {
+    const std::string path = directory + "/" + condition.id;
+    if (condition.fragmentPath != path || !IsOwnFile(path)) return error::accessDenied;
+    if (const int result = DisableUnit(bus, condition.id); result < 0) return ErrorOfManager(result);
+    if (unlink(path.c_str()) != 0) return ErrorFromErrno(errno);
+    return ErrorOfManager(ReloadManager(bus));
+}
+
+}  // namespace platform::systemd

@@ -1,0 +1,76 @@
+#include "platform/posix/systemd/unit_status.h"
+
+#include <algorithm>
+#include <csignal>
+
+#include "platform/errors.h"
+
+namespace platform::systemd {
+
+namespace {
+
+using enum ServiceState;
+
+/// When to look again. Half a second costs little, and is soon enough for whoever waits.
+constexpr std::uint32_t pendingWaitHint = 500;
+
+/// How long a change counts as making progress.
+constexpr std::uint64_t longestProgressSeconds = 30;
+
+bool IsOneOf(std::string_view word, std::initializer_list<std::string_view> words) {
+    return std::find(words.begin(), words.end(), word) != words.end();
+}
+
+/// The freezer's words may have an end that tells through whom: "frozen-by-parent".
+ServiceState StateOfRunning(std::string_view freezer) {
+    if (freezer.starts_with("frozen")) return paused;
+    if (freezer.starts_with("freezing")) return pausePending;
+    return freezer == "thawing" ? continuePending : running;
+}
+
+bool IsPending(ServiceState state) { return state != stopped && state != running && state != paused; }
+
+std::uint32_t CheckPointOf(const UnitCondition& condition, ServiceState state, std::uint64_t now, SeenPending& seen) {
+    if (seen.state != state) seen = {state, now};
+    const bool hasBegun = IsOneOf(condition.activeState, {"activating", "deactivating"});
+    const std::uint64_t since = hasBegun ? condition.changedAt : seen.since;
+    const std::uint64_t seconds = (now - std::min(since, now)) / 1'000'000;
+    return static_cast<std::uint32_t>(1 + std::min(seconds, longestProgressSeconds));
+}
+
+void TellEnding(const UnitCondition& condition, ServiceStatus& status) {
+    if (condition.activeState != "failed") return;
+    const bool failedByItself = condition.mainExitCode == CLD_EXITED && condition.mainExitStatus != 0;
+    status.dwWin32ExitCode = failedByItself ? error::serviceSpecificError : error::processAborted;
+    if (failedByItself) status.dwServiceSpecificExitCode = static_cast<std::uint32_t>(condition.mainExitStatus);
+}
+
+}  // namespace
+
+ServiceState StateOf(const UnitCondition& condition) {
+    if (condition.activeState == "activating") return startPending;
+    if (condition.activeState == "deactivating") return stopPending;
+    if (IsOneOf(condition.activeState, {"active", "reloading", "refreshing"})) {
+        const bool isToStop = IsOneOf(condition.pendingJob, {"stop", "restart", "try-restart"});
+        return isToStop ? stopPending : StateOfRunning(condition.freezerState);
+    }
+    return IsOneOf(condition.pendingJob, {"start", "restart", "reload-or-start"}) ? startPending : stopped;
+}
+
+ServiceStatus StatusOf(const UnitCondition& condition, bool canPause, std::uint64_t now, SeenPending& seen) {
+    ServiceStatus status{.dwServiceType = service_type::ownProcess, .dwCurrentState = StateOf(condition)};
+    if (IsPending(status.dwCurrentState)) {
+        status.dwWaitHint = pendingWaitHint;
+        status.dwCheckPoint = CheckPointOf(condition, status.dwCurrentState, now, seen);
+        return status;
+    }
+    seen = {};
+    if (status.dwCurrentState == stopped) {
+        TellEnding(condition, status);
+    } else {
+        status.dwControlsAccepted = service_accepts::stop | (canPause ? service_accepts::pauseAndContinue : 0);
+    }
+    return status;
+}
+
+}  // namespace platform::systemd

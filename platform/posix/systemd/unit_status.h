@@ -1,0 +1,25 @@
+// What the condition of a unit means for a service.
+#pragma once
+
+#include <cstdint>
+
+#include "platform/posix/systemd/unit_control.h"
+#include "platform/service_status.h"
+
+namespace platform::systemd {
+
+/// A state that a service is about to leave, as one observer has seen it last.
+struct SeenPending {
+    ServiceState state = ServiceState::stopped;
+    std::uint64_t since = 0;  // microseconds of the monotonic clock
+};
+
+/// The state; a job that waits to be done counts as begun.
+ServiceState StateOf(const UnitCondition& condition);
+
+/// The whole status. Systemd tells of no progress: a change counts as making some for 30 seconds after the unit's last
+/// step. For a change without such a step, as when a job still waits for others, the time is taken at which this
+/// observer has seen it first.
+ServiceStatus StatusOf(const UnitCondition& condition, bool canPause, std::uint64_t now, SeenPending& seen);
+
+}  // namespace platform::systemd
