@@ -4,6 +4,7 @@
 
 #include "collection/collect.h"
 #include "exchange/http_transaction.h"
+#include "exchange/local_requests.h"
 #include "exchange/request_servlet.h"
 #include "exchange/snmp_discovery.h"
 #include "foundation/agent_state.h"
@@ -95,14 +96,11 @@ void ReadSnmpData(const HashTable* request, ListResult&) { CollectSNMPData(reque
 
 void DiscoverDevice(const HashTable* request, ListResult&) { DiscoverSNMPDevices(request); }
 
-void ReportNotBuilt(const HashTable* request, ListResult&) {
-    Log1("\t ParseRequestList :: Requests of type %s are not built yet. Request id : %s\n",
-         GetHashText(request, u"REQUEST_TYPE"), GetHashText(request, u"AGENT_REQUEST_ID"));
-}
+void ActOnThisComputer(const HashTable* request, ListResult&) { ExecWMIQuery(request); }
 
 constexpr std::pair<std::u16string_view, RequestHandler> handlers[] = {
-    {u"TEST_MONITOR", ReportNotBuilt},          {u"START_SERVICE", ReportNotBuilt},
-    {u"STOP_SERVICE", ReportNotBuilt},          {u"SNMP_TEST_MONITOR", ReadSnmpData},
+    {u"TEST_MONITOR", ActOnThisComputer},       {u"START_SERVICE", ActOnThisComputer},
+    {u"STOP_SERVICE", ActOnThisComputer},       {u"SNMP_TEST_MONITOR", ReadSnmpData},
     {u"GET_INSTANCE_DATA", ReadSnmpData},       {u"DOWNLOAD_QUERYCONF", DownloadQueryConf},
     {u"DISCOVER_SNMP_DEVICES", DiscoverDevice}, {u"DELETE_DEVICE", DeleteDevice},
 };

@@ -34,4 +34,7 @@ bool StopDependentServices(platform::ServiceHandle service, platform::ServiceHan
 /// left.
 bool WaitWhilePending(platform::ServiceHandle service, platform::ServiceState pending, platform::ServiceStatus& status);
 
+/// Sleeps for the status's wait hint as it stands, or a tenth of a second where it has none, and asks again.
+platform::Error QueryAfterWaitHint(platform::ServiceHandle service, platform::ServiceStatus& status);
+
 }  // namespace kv

@@ -132,7 +132,7 @@ TEST_F(Requests, EachRoundAsksForWhatWaitsAndLeavesTheMailboxRight) {
         {"cut", u"NONE", u"YES", cut, "NONE YES", "The request list was not served"},
         {"no array", u"NONE", u"YES", R"({"RequestList": {}})", "NONE YES", "is no array"},
         {"no list", u"NONE", u"YES", "{}", "NONE NO", "RequestList.txt has no RequestList"},
-        {"three", u"NONE", u"YES", three, "NONE NO", "START_SERVICE are not built", notice + "3&moId=K1 ", 1},
+        {"three", u"NONE", u"YES", three, "NONE NO", "START_SERVICE request without the text SERVICE_NAME", notice + "3&moId=K1 ", 1},
         {"two", u"NONE", u"YES", two, "NONE NO", "AGENT_REQUEST_ID is no text", notice + "4&moId=K1,K2 ", 1},
         {"odd", u"NONE", u"YES", odd, "NONE NO", "DOWNLOAD_QUERYCONF request without the text AGENT_KEY is skipped"},
     };
