@@ -51,8 +51,15 @@ std::uint64_t NowMicroseconds() {
     return static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(now).count());
 }
 
+/// Takes in what has come meanwhile; the other side's hanging up is among it.
+bool IsUsable(sd_bus* bus) {
+    int result = bus != nullptr ? 1 : -ENOTCONN;
+    while (result > 0) result = sd_bus_process(bus, nullptr);
+    return result == 0 && sd_bus_is_open(bus) > 0;
+}
+
 Error Connect(Connection& connection) {
-    if (connection.Bus() != nullptr && sd_bus_is_open(connection.Bus()) > 0) return error::success;
+    if (IsUsable(connection.Bus())) return error::success;
     const int result = connection.manager.Connect(connection.place.patience);
     return IsAbsent(result) ? error::rpcServerUnavailable : ErrorOfManager(result);
 }
@@ -144,6 +151,7 @@ Error DeleteService(ServiceHandle service) {
     UnitCondition condition;
     ServiceStatus status;
     if (const Error failure = Look(open, condition, status); failure != 0) return failure;
+    if (condition.loadState == "not-found") return error::serviceDoesNotExist;
     const Error failure = RemoveUnit(open.connection->Bus(), open.connection->place.unitDirectory, condition);
     if (failure == 0) open.description.reset();
     return failure;
@@ -156,6 +164,7 @@ Error StartServiceW(ServiceHandle service) {
     UnitCondition condition;
     ServiceStatus status;
     if (const Error failure = Look(open, condition, status); failure != 0) return failure;
+    if (condition.loadState == "not-found") return error::serviceDoesNotExist;
     if (condition.loadState == "masked") return error::serviceDisabled;
     const int result = StartUnit(open.connection->Bus(), open.unit);
     if (result == -ENOENT) return error::serviceDependencyDeleted;

@@ -33,7 +33,8 @@ bool IsPending(ServiceState state) { return state != stopped && state != running
 std::uint32_t CheckPointOf(const UnitCondition& condition, ServiceState state, std::uint64_t now, SeenPending& seen) {
     if (seen.state != state) seen = {state, now};
     const bool hasBegun = IsOneOf(condition.activeState, {"activating", "deactivating"});
-    const std::uint64_t since = hasBegun ? condition.changedAt : seen.since;
+    // A unit that has just ended may have been forgotten meanwhile, and its times with it.
+    const std::uint64_t since = hasBegun && condition.changedAt != 0 ? condition.changedAt : seen.since;
     const std::uint64_t seconds = (now - std::min(since, now)) / 1'000'000;
     return static_cast<std::uint32_t>(1 + std::min(seconds, longestProgressSeconds));
 }
