@@ -1,16 +1,14 @@
 #!/usr/bin/env bash
-# Builds the Debian packages out of the tracked files as they are in the working tree. They come into build/package/.
+# Builds the Debian packages out of the tracked files, as they are in the working tree. They come into build/package/.
 # Needs what `tools/install_packages.sh test` installs.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-root=$PWD
-full_version=$(dpkg-parsechangelog -l packaging/debian/changelog -S Version)
-version=${full_version%-*}
+version=$(dpkg-parsechangelog -l packaging/debian/changelog -S Version)
 grep -q "^project(kvagent VERSION $version " CMakeLists.txt ||
-    { echo "build_package: packaging/debian/changelog says $version, CMakeLists.txt another version" >&2; exit 1; }
+    { echo "build_package: packaging/debian/changelog says $version, CMakeLists.txt says otherwise" >&2; exit 1; }
 
-output=$root/build/package
+output=$PWD/build/package
 tree=$output/kvagent-$version
 rm -rf "$output"
 mkdir -p "$tree"
@@ -18,8 +16,12 @@ git ls-files -z | while IFS= read -rd '' file; do [ ! -e "$file" ] || printf '%s
     tar --create --null --files-from=- | tar --extract --directory="$tree"
 cp -r "$tree/packaging/debian" "$tree/debian"
 
-# debhelper gives the build another home directory; the cache is still the one of all builds.
-command -v ccache >/dev/null && CCACHE_DIR=$(ccache --get-config=cache_dir) && export CCACHE_DIR CCACHE_BASEDIR="$tree"
+# debhelper gives the build a home directory of its own; the compiler's cache stays the one of all builds.
+if command -v ccache >/dev/null; then
+    CCACHE_DIR=$(ccache --get-config=cache_dir)
+    export CCACHE_DIR CCACHE_BASEDIR=$tree
+fi
+export DEB_BUILD_OPTIONS="terse ${DEB_BUILD_OPTIONS:-}"
 cd "$tree"
 if ! dpkg-buildpackage --unsigned-source --unsigned-changes --build=binary >"$output/build.log" 2>&1; then
     tail -n 60 "$output/build.log" >&2
@@ -27,4 +29,4 @@ if ! dpkg-buildpackage --unsigned-source --unsigned-changes --build=binary >"$ou
     exit 1
 fi
 cd "$output"
-ls ./*.deb
+ls -- *.deb

@@ -1,12 +1,13 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that building and trying, or testing and fuzzing need; does nothing when all are there.
+# Installs the Debian packages that building and trying, or testing, fuzzing and packaging need; does nothing when all are
+# there.
 # Usage: tools/install_packages.sh build|test
 set -euo pipefail
 
 build=(ca-certificates g++ cmake ninja-build pkg-config ccache zlib1g-dev libjson-c-dev libcurl4-openssl-dev
        libsqlite3-dev libsystemd-dev libfmt-dev libutfcpp-dev libzip-dev libcpp-httplib-dev libssl-dev)
 test=(git libgtest-dev libgmock-dev libbenchmark-dev clang-format clang-tidy openssl unzip python3
-      clang libclang-rt-14-dev snmpd snmp snmpsim procps iproute2)
+      clang libclang-rt-14-dev snmpd snmp snmpsim procps iproute2 debhelper lintian systemd systemd-container dbus)
 
 packages=("${build[@]}")
 [ "${1:-build}" = test ] && packages+=("${test[@]}")

@@ -1,0 +1,96 @@
+#!/usr/bin/env bash
+# Checks the packages in build/package without installing them: what lintian says of them, which files are in them, that
+# the programs run, that the manual pages tell of all commands and options, and that systemd understands the unit.
+# Nothing outside of build/package is changed.
+set -euo pipefail
+cd "$(dirname "$0")/../build/package"
+
+fail() { echo "check_package: $*" >&2; exit 1; }
+
+root=$PWD/root
+rm -rf "$root"
+export KVAGENT_STATE_DIR=$root/var/lib/kvagent
+export PATH=$root/usr/sbin:$root/usr/bin:$PATH
+key='Software\Halvorine\Kestrova\KVAgent'
+
+# check_files PACKAGE: the files outside of /usr/share/doc are those of standard input, with mode and owner.
+check_files() {
+    diff <(LC_ALL=C sort -k3) <(dpkg-deb --contents "$1"_[0-9]*.deb | awk '!/^d/ && !/\/usr\/share\/doc\// { print $1, $2, $6 }' |
+        LC_ALL=C sort -k3) || fail "$1 has other files (>) than it should (<)"
+}
+
+# check_told PAGE HELP: the manual page tells of the commands and options that the help text has.
+check_told() {
+    local page=$1 text words word
+    text=$(MANWIDTH=1000 man --local-file --encoding=UTF-8 "$root/usr/share/man/$page.gz" | col -b)
+    mapfile -t words < <(
+        sed -nE -e 's/^usage: (kvlab [a-z ]*[a-z]) .*/\1/p' -e 's/^  (kvreg [a-z]+ [A-Z]+).*/\1/p' <<<"$2"
+        grep -oP '(?<![\w/])(--|/)[a-z][a-z-]*' <<<"$2"
+    )
+    [ "${#words[@]}" -gt 0 ] || fail "there is nothing to look for in $page"
+    for word in "${words[@]}"; do grep -qwF -e "$word" <<<"$text" || fail "$page does not tell of $word"; done
+}
+
+check_pages() {
+    local page topic
+    for page in "$root"/usr/share/man/*/*; do
+        [ -z "$(MANROFFSEQ='' MANWIDTH=80 man --warnings --local-file -Tutf8 -Z "$page" 2>&1 >/dev/null)" ] ||
+            fail "$page cannot be set without warnings"
+    done
+    check_told man8/MonitoringAgent.8 "$(MonitoringAgent /nonsense 2>&1 | sed 's/, not .*//')"
+    check_told man1/kvreg.1 "$(kvreg --help)"
+    for topic in serve records agents request conf fault; do
+        check_told man1/kvlab.1 "$(kvlab "$topic" --help)"
+    done
+}
+
+# The documents that manual pages and documents name are there.
+check_named_documents() {
+    local file
+    while IFS= read -r file; do [ -e "$root$file" ] || fail "there is no $file"; done < <(
+        zcat -f "$root"/usr/share/man/*/* "$root"/usr/share/doc/*/README* | tr -d '\\' |
+            grep -oE '/usr/share/doc/[^ ,]*[a-zA-Z]')
+}
+
+check_programs() {
+    mkdir -p "$root"/var/lib/kvagent/monitoring/{bin,logs}
+    kvreg set "$key" KVAgentInstallDir "$root/var/lib/kvagent/"
+    kvreg set "$key" AgentLogLevel 2 --dword
+    [ "$(kvreg get "$key" AgentLogLevel)" = 2 ] || fail 'kvreg does not give what it was given'
+    local answer
+    answer=$(MonitoringAgent /nonsense 2>&1)
+    [[ $answer = *"not '/nonsense'"* ]] || fail "MonitoringAgent answers a wrong argument with: $answer"
+    MonitoringAgent /monitor || true
+    grep -q 'Not able to fetch the KVServerName' "$root/var/lib/kvagent/monitoring/logs/testmonitor.log" ||
+        fail 'MonitoringAgent does not say which setting it misses'
+}
+
+check_unit() {
+    local complaints
+    cp -rn /lib/systemd/system "$root/lib/systemd/"
+    install -D /bin/true "$root/bin/sh"
+    complaints=$(systemd-analyze verify --root="$root" --man=no corvinel-monitoring-agent.service 2>&1) || true
+    [ -z "$complaints" ] || fail "$complaints"
+}
+
+lintian --allow-root --fail-on error,warning --pedantic ./*.changes
+
+check_files kvagent <<'FILES'
+-rw-r--r-- root/root ./lib/systemd/system/corvinel-monitoring-agent.service
+-rw-r--r-- root/root ./usr/share/man/man1/kvreg.1.gz
+-rw-r--r-- root/root ./usr/share/man/man8/MonitoringAgent.8.gz
+-rwxr-xr-x root/root ./usr/bin/kvreg
+-rwxr-xr-x root/root ./usr/sbin/MonitoringAgent
+FILES
+check_files kvagent-lab <<'FILES'
+-rw-r--r-- root/root ./usr/share/man/man1/kvlab.1.gz
+-rwxr-xr-x root/root ./usr/bin/kvlab
+FILES
+
+for package in kvagent kvagent-lab; do dpkg-deb --extract "$package"_[0-9]*.deb "$root"; done
+check_programs
+check_pages
+check_named_documents
+check_unit
+rm -rf "$root"
+echo 'The packages are as they should be.'
