@@ -1,16 +1,28 @@
-// The agent's program as it is, but for its sleeps, which take a thirtieth of their time: a look at the server's
-// requests comes every second. Clocks run as they do, so each workflow is collected once per schedule.
+// The agent's program as it is, but for its sleeps and its waits for threads, which take a thirtieth of their time: a
+// look at the server's requests comes every second, and an end waits for the server two thirds of a second. Clocks run
+// as they do, so each workflow is collected once per schedule.
 #include <cstdio>
 #include <cstdlib>
 
 #include "agent/entry.h"
 #include "platform/backend.h"
 #include "platform/clock.h"
+#include "platform/threads.h"
+
+namespace {
+
+constexpr std::uint32_t haste = 30;
+
+}  // namespace
 
 int main(int argc, char** argv) {
     platform::InstallBackend();
     platform::ClockOperations& clock = platform::CurrentOperations<platform::ClockOperations>();
-    clock.Sleep = [sleep = clock.Sleep](std::uint32_t milliseconds) { sleep(milliseconds / 30); };
+    clock.Sleep = [sleep = clock.Sleep](std::uint32_t milliseconds) { sleep(milliseconds / haste); };
+    platform::ThreadOperations& threads = platform::CurrentOperations<platform::ThreadOperations>();
+    threads.WaitForThread = [wait = threads.WaitForThread](platform::ThreadHandle thread, std::uint32_t milliseconds) {
+        return wait(thread, milliseconds / haste);
+    };
     const int exitCode = kv::Main(argc, argv);
     std::fflush(nullptr);
     std::_Exit(exitCode);
