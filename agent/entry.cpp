@@ -106,6 +106,7 @@ int RunUnInstall() {
     Log3("Going to work in command line %s\n", argument);
     getCSDetails();
     getProxyServerDetails();
+    agentState.gv_isMainThreadStarted = true;
     CreateNewThread_MSP(InvokeMainThread, nullptr);
     WaitForever();
 }

@@ -44,6 +44,9 @@ platform::Error MeasureLog(std::uint32_t& size) {
     return result;
 }
 
+/// False where the log in place is not to be moved away or opened anew.
+bool MayChangeLog() { return !logState.isToolkitLog && !logState.isStopped; }
+
 /// Called with streamMutex held, as OpenStream is.
 void CloseStream() {
     if (const platform::FileHandle file = std::exchange(logState.gv_logFile, 0)) Files().CloseHandle(file);
@@ -60,7 +63,7 @@ int OpenStream(std::u16string_view path) {
 /// Moves the current log away and opens a new one; lines wait that long, so that none of them is lost.
 void StartNewLog(std::u16string_view target) {
     const std::lock_guard stream(logState.streamMutex);
-    if (logState.isToolkitLog) return;
+    if (!MayChangeLog()) return;
     CloseStream();
     Files().MoveFileExW(logState.gv_logPath, target, false);
     OpenStream(logState.gv_logPath);
@@ -90,7 +93,7 @@ RotationLock RotateWhileLocked(std::uint32_t count) {
     // on the normal way out: this is how the agent behaves, and its price is that the next rotation waits for ever.
     if (bytes != 0 && maxSize != 0 && bytes < maxSize) return RotationLock::kept;
     if (logState.gv_logPath.empty()) return RotationLock::released;
-    if (logState.isToolkitLog) {
+    if (!MayChangeLog()) {
         logState.gv_logBytes = 0;
         return RotationLock::released;
     }
@@ -103,13 +106,14 @@ RotationLock RotateWhileLocked(std::uint32_t count) {
         logState.gv_logBytes = 0;
     }
     const std::lock_guard stream(logState.streamMutex);
-    if (logState.gv_logFile == 0 && !logState.isToolkitLog) OpenStream(logState.gv_logPath);
+    if (logState.gv_logFile == 0 && MayChangeLog()) OpenStream(logState.gv_logPath);
     return RotationLock::released;
 }
 
 }  // namespace
 
 int RotateLogFile(std::uint32_t count) {
+    if (logState.isStopped) return 0;  // without waiting: the end of the service writes lines, too
     SynchronizeResource_MSP(&logState.gv_logFile);
     RotationLock lock = RotationLock::released;
     try {
@@ -154,6 +158,7 @@ void RotateLogger(std::optional<std::u16string_view> name) {
     logState.gv_logPath = binPath + std::u16string(name.value_or(u"..\\logs\\agent.log"));
     logState.rotate = RotateLogFile;
     logState.isToolkitLog = false;
+    logState.isStopped = false;
     RotateLogFile(0);
     // The configured limits hold from here on; the rotation at start goes by the defaults.
     std::uint32_t maxSize = defaultMaxSize;
@@ -172,7 +177,7 @@ void RotateLogger(std::optional<std::u16string_view> name) {
 void StopLogging() {
     {
         const std::lock_guard stream(logState.streamMutex);
-        if (logState.gv_logFile == 0) return;
+        if (logState.isStopped.exchange(true) || logState.gv_logFile == 0) return;
     }
     Log1(
         "=============================================LOGGING "

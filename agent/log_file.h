@@ -17,6 +17,8 @@ void ReadLogLevel();
 /// Rotates when the counter has passed the limit, and opens the log when it is not open; 0.
 int RotateLogFile(std::uint32_t count);
 
+/// Closes the log, with a last line, and for good: later lines are dropped. Called again, at the same time even, it
+/// does nothing.
 void StopLogging();
 
 /// Opens a log for appending; 1. A failure only sets gv_logOpenFailed: lines are then dropped, the counter still grows.

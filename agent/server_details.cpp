@@ -1,5 +1,7 @@
 #include "agent/server_details.h"
 
+#include <utility>
+
 #include "agent/log_file.h"
 #include "foundation/agent_state.h"
 #include "foundation/host_utils.h"
@@ -202,10 +204,12 @@ void getProxyServerDetails() {
 
 void FreeAllResources() {
     Log1("\t Inside FreeAllResources() \n");
-    FreeCSDetails();
-    FreeProxyDetails();
-    FreeAllHashTable(agentState.gv_queryConfHash);
-    agentState.gv_queryConfHash = nullptr;
+    // Once other threads work nothing tells when they have read their last: all is left to the end of the process.
+    if (!agentState.gv_isMainThreadStarted) {
+        FreeCSDetails();
+        FreeProxyDetails();
+        FreeAllHashTable(std::exchange(agentState.gv_queryConfHash, nullptr));
+    }
     StopLogging();
 }
 

@@ -11,7 +11,9 @@ std::int32_t getCSDetails();
 
 void getProxyServerDetails();
 
-/// Releases the state at the end of a run and closes the log.
+/// Closes the log at the end of a run, after releasing the state if no other thread reads it: with
+/// gv_isMainThreadStarted every field stays as it is until the process ends. A second call, at the same time even, does
+/// no harm then.
 void FreeAllResources();
 void FreeCSDetails();
 void FreeProxyDetails();

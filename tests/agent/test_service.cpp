@@ -1,0 +1,248 @@
+// The service between a manager that the tests play and a real server: states, controls, and the way down.
+#include <atomic>
+#include <functional>
+#include <optional>
+#include <semaphore>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "agent/log_file.h"
+#include "agent/main_thread.h"
+#include "agent/service.h"
+#include "foundation/log.h"
+#include "foundation/registry_store.h"
+#include "platform/http.h"
+#include "tests/exchange/http_peers.h"
+
+namespace kv {
+namespace {
+
+using platform::Error;
+namespace control = platform::service_control;
+namespace error = platform::error;
+
+/// Plays the service manager, and in the main thread's place runs one that reads the state and logs, as workers do.
+class Service : public test::HttpTest {
+  protected:
+    ~Service() override { End(); }
+
+    /// From the start to a stop; other threads go on.
+    void Run(std::uint32_t controlOnceItRuns) {
+        End();
+        control_ = controlOnceItRuns;
+        StopLogging();
+        Write(folder / "monitoring" / "logs" / "agent.log", "");
+        RotateLogger(std::nullopt);
+        logState.gv_logLevel = 4;
+        agentState.gv_isMainThreadStarted = false;
+        agentState.gv_custID = u"customer";
+        steps_ = 0;
+        reports.clear();
+        ServiceMain();
+    }
+
+    void End() {
+        works_ = false;
+        for (const platform::ThreadHandle thread : threads) real_.WaitForThread(thread, platform::infinite);
+        threads.clear();
+        works_ = true;
+        if (const auto event = std::exchange(agentState.gv_stopEvent, 0)) real_.CloseEvent(event);
+    }
+
+    std::string reports;  // the states' digits
+    platform::ServiceStatus lastReport;
+    int failingStep = -1;  // of the start: the event, the handler, the reports
+    bool hasWorkers = true;
+    std::vector<platform::ThreadHandle> threads;
+    std::function<Error(platform::ThreadHandle, std::uint32_t)> waitForThread = platform::Threads().WaitForThread;
+
+  private:
+    static std::uint32_t Work(void* self) {
+        while (static_cast<Service*>(self)->works_) Log1("%s works\n", agentState.gv_custID);
+        return 0;
+    }
+
+    Error Step() { return steps_++ == failingStep ? error::accessDenied : error::success; }
+
+    platform::ServiceHostOperations Host() {
+        return {.StartServiceCtrlDispatcherW = {},
+                .RegisterServiceCtrlHandlerExW =
+                    [this](auto name, auto handler, void*, auto& handle) {
+                        handle = 77;
+                        const bool known = name == u"Corvinel Monitoring Agent" && handler == HandlerEx;
+                        return known ? Step() : error::invalidName;
+                    },
+                .SetServiceStatus =
+                    [this](auto handle, const platform::ServiceStatus& status) {
+                        const Error failure = handle == 77 ? Step() : error::invalidHandle;
+                        if (!failure) reports += std::to_string(static_cast<int>(status.dwCurrentState));
+                        lastReport = status;
+                        return failure;
+                    }};
+    }
+
+    platform::ThreadOperations Threads() {
+        platform::ThreadOperations operations = real_;
+        operations.CreateEventW = [this](auto& event) {
+            const Error failure = Step();
+            return failure ? failure : real_.CreateEventW(event);
+        };
+        operations.CreateThread = [this](auto start, void* argument) {
+            if (start == InvokeMainThread) return threads.emplace_back(real_.CreateThread(Work, this));
+            return hasWorkers ? threads.emplace_back(real_.CreateThread(start, argument)) : platform::ThreadHandle{0};
+        };
+        operations.WaitForThread = [this](auto thread, auto time) { return waitForThread(thread, time); };
+        operations.WaitForEvent = [this](auto event, auto) {
+            HandlerEx(control_, 0, nullptr, nullptr);
+            EXPECT_EQ(real_.WaitForEvent(event, 0), error::success) << "the handler sets it";
+            return error::success;
+        };
+        return operations;
+    }
+
+    std::uint32_t control_ = 0;
+    int steps_ = 0;
+    std::atomic<bool> works_{true};
+    platform::ThreadOperations real_ = platform::Threads();
+    platform::ScopedOperations<platform::ServiceHostOperations> host_{Host()};
+    platform::ScopedOperations<platform::ThreadOperations> threads_{Threads()};
+};
+
+TEST_F(Service, ControlsAreAnsweredWithAState) {
+    const std::pair<std::uint32_t, const char*> rows[] = {{control::pause, "7"},        {control::interrogate, "4"},
+                                                          {control::resume, "4"},       {128, "4"},
+                                                          {control::sessionChange, ""}, {200, "4"}};
+    agentState.gv_serviceStatusHandle = 77;
+    for (const auto& [code, report] : rows) {
+        reports.clear();
+        EXPECT_EQ(HandlerEx(code, 0, nullptr, nullptr), 0U);
+        EXPECT_EQ(reports, report) << code;
+    }
+    EXPECT_TRUE(Logged(" HandlerEx : Service Control Pause notification is received \n"));
+    EXPECT_EQ(lastReport.dwServiceType, 48U);
+    EXPECT_EQ(lastReport.dwControlsAccepted, 135U);
+    agentState.gv_isWin2k = true;
+    EXPECT_TRUE(ChangeServiceStatus(platform::ServiceState::paused));
+    EXPECT_EQ(lastReport.dwControlsAccepted, 7U);
+}
+
+TEST_F(Service, AStartThatFailsEndsAtOnce) {
+    const struct {
+        const char* logged;
+        const char* reports;
+        std::size_t threads;
+        bool freed;
+    } rows[] = {
+        {"Create event failed due to the following error !! \n", "", 0, true},
+        {"RegisterServiceCtrlHandlerEx failed to register the callback due to the following error !! \n", "", 0, true},
+        {"ChangeServiceStatus : SetServiceStatus is failed due to following error !! \n", "", 0, false},
+        {"ChangeServiceStatus : SetServiceStatus is failed due to following error !! \n", "2", 1, false},
+    };
+    for (const auto& row : rows) {
+        ++failingStep;
+        Run(control::stop);
+        EXPECT_TRUE(Logged(row.logged)) << failingStep;
+        EXPECT_EQ(reports, row.reports);
+        EXPECT_EQ(threads.size(), row.threads);
+        EXPECT_EQ(agentState.gv_custID == std::nullopt, row.freed);
+        EXPECT_EQ(agentState.gv_stopEvent == 0, row.freed);
+    }
+}
+
+TEST_F(Service, OnTheWayDownItTellsTheServerAndSavesTheCounters) {
+    const struct {
+        std::optional<std::u16string_view> enabled;
+        std::uint32_t control;
+        int answer;
+        std::string told;
+        const char* logged;
+    } rows[] = {
+        {std::nullopt, control::stop, 200, "", "Service Control Stop notification is received \n"},
+        {u"no", control::shutdown, 200, "", "Service Control Machine shutdown notification is received \n"},
+        {u"YES", control::stop, 200, "AGENT_DOWN", "\t SendAgentStatus :: Data Posted Successfully\n"},
+        {u"yes", control::shutdown, 503, "DEVICE_DOWN",
+         "\t SendAgentStatus :: Failed to post the data to server with error code [13]\n"},
+    };
+    test::RunningServer peer;
+    std::string query;
+    int answer = 0;
+    peer.server->Get("/servlets/StatusUpdateServlet",
+                     [&](const httplib::Request& request, httplib::Response& response) {
+                         query = request.target.substr(request.path.size());
+                         response.status = answer;
+                     });
+    agentState.gv_ServerPort = peer.port;
+    agentState.gv_agentKey.publish(u"K7");
+    SetMALastCreatedZIPNum(40);
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.logged);
+        query.clear();
+        answer = row.answer;
+        if (row.enabled) SetEnableSendAgentStatus(*row.enabled);
+        ++agentState.gv_ocLastCreatedJSONNum;
+        Run(row.control);
+        EXPECT_EQ(reports, "2431");
+        const std::string told = "?agentKey=K7&agentStatus=" + row.told + "&serviceName=Corvinel%20Monitoring%20Agent";
+        EXPECT_EQ(query, row.told.empty() ? "" : told);
+        for (const char* line : {row.logged, "getCSDetails returned ERROR_INVALID_DATA\n", "LOGGING STOPPED",
+                                 "ServiceMain : Tallowmere OnCall Agent Service is started successfully \n"})
+            EXPECT_TRUE(Logged(line)) << line;
+        std::uint32_t stored = 0;
+        GetMALastCreatedJSONNum(stored);
+        EXPECT_EQ(stored, agentState.gv_ocLastCreatedJSONNum);
+        GetMALastCreatedZIPNum(stored);
+        EXPECT_EQ(stored, 40U) << "a number that was never settled is not saved";
+    }
+    hasWorkers = false;
+    Run(control::stop);
+    EXPECT_EQ(reports, "2431") << "it stops without a worker, too";
+}
+
+TEST_F(Service, AServerThatNeverAnswersAndASecondStopHoldUpNothing) {
+    std::counting_semaphore<> asked{0}, hangUp{0};
+    std::vector<std::uint32_t> waits;
+    test::RawServer server([&](int, const std::string&) {
+        asked.release();
+        hangUp.acquire();
+    });
+    agentState.gv_ServerPort = server.port;
+    SetEnableSendAgentStatus(u"yes");
+    waitForThread = [&](auto, std::uint32_t milliseconds) {
+        waits.push_back(milliseconds);
+        if (waits.size() > 1) return error::waitTimeout;
+        asked.acquire();
+        HandlerEx(control::shutdown, 0, nullptr, nullptr);
+        return error::waitTimeout;
+    };
+    Run(control::stop);
+    EXPECT_EQ(reports, "24331");
+    EXPECT_EQ(waits, std::vector<std::uint32_t>(2, 20000));
+    hangUp.release(2);
+    End();
+    EXPECT_EQ(agentState.gv_custID, u"customer") << "other threads read on";
+    logState.gv_logMaxSize = 1;
+    Log1("late\n");
+    const std::string log = LogText();
+    EXPECT_EQ(log.find("LOGGING STOPPED"), log.rfind("LOGGING STOPPED"));
+    EXPECT_EQ(log.find("late\n"), log.npos);
+    EXPECT_EQ(FilesIn(folder / "monitoring" / "logs"), std::vector<std::string>{"agent.log"});
+}
+
+TEST_F(Service, NoStepOfTheWayDownKeepsTheOthersFromTheirs) {
+    SetEnableSendAgentStatus(u"yes");
+    agentState.gv_ocLastCreatedJSONNum = 5;
+    platform::HttpOperations http = platform::Http();
+    http.WinHttpOpen = [](auto&&...) -> Error { throw std::runtime_error("no transport"); };
+    platform::RegistryOperations registry = platform::Registry();
+    registry.RegSetValueExW = [](auto&&...) { return error::diskFull; };
+    const platform::ScopedOperations scopedHttp(http);
+    const platform::ScopedOperations scopedRegistry(registry);
+    EXPECT_EQ(AgentShutdownWorker(nullptr), 1U);
+    for (const char* line : {"SendAgentStatus :: ended early : no transport", "LOGGING STOPPED",
+                             "MALastCreatedJSONNum 5 cannot be stored. Error is [112]\n"})
+        EXPECT_TRUE(Logged(line)) << line;
+}
+
+}  // namespace
+}  // namespace kv
