@@ -1,6 +1,7 @@
 // Rounds of the poller against a real server and a real registry: what is asked, what is done, what is left.
 #include <fmt/format.h>
 #include <gtest/gtest.h>
+#include <regex>
 #include <stdexcept>
 
 #include "exchange/request_polling.h"
@@ -11,9 +12,11 @@
 #include "platform/utf.h"
 #include "queryconf/timer.h"
 #include "tests/exchange/http_peers.h"
+#include "tests/support/fake_services.h"
 #include "tests/support/snmp_devices.h"
 #include "tests/support/test_agent.h"
 #include "tests/support/virtual_clock.h"
+#include "tests/support/wmi_query.h"
 
 namespace kv::test {
 
@@ -132,7 +135,8 @@ TEST_F(Requests, EachRoundAsksForWhatWaitsAndLeavesTheMailboxRight) {
         {"cut", u"NONE", u"YES", cut, "NONE YES", "The request list was not served"},
         {"no array", u"NONE", u"YES", R"({"RequestList": {}})", "NONE YES", "is no array"},
         {"no list", u"NONE", u"YES", "{}", "NONE NO", "RequestList.txt has no RequestList"},
-        {"three", u"NONE", u"YES", three, "NONE NO", "START_SERVICE request without the text SERVICE_NAME", notice + "3&moId=K1 ", 1},
+        {"three", u"NONE", u"YES", three, "NONE NO", "START_SERVICE request without the text SERVICE_NAME",
+         notice + "3&moId=K1 ", 1},
         {"two", u"NONE", u"YES", two, "NONE NO", "AGENT_REQUEST_ID is no text", notice + "4&moId=K1,K2 ", 1},
         {"odd", u"NONE", u"YES", odd, "NONE NO", "DOWNLOAD_QUERYCONF request without the text AGENT_KEY is skipped"},
     };
@@ -284,6 +288,46 @@ TEST_F(Requests, SnmpDevicesAreDiscovered) {
                               row.exchanges, row.version, row.description, row.name, row.object, row.port,
                               row.community, row.device, row.address));
     }
+}
+
+TEST_F(Requests, QueriesAndServicesAreTriedHere) {
+    using enum platform::ServiceState;
+    FakeServices fake;
+    fake.services = {{u"A", {.state = stopped}}, {u"B", {.state = running}}, {u"C", {.state = running}}};
+    agentState.gv_timeDiff = 30;  // as long as the poller sleeps behind a list
+    const std::string name = TextOf(RunWmiQuery("SELECT Name FROM Win32_OperatingSystem").rows.at(0), "Name");
+    const std::string row = R"([ { "Name": ")" + std::regex_replace(name, std::regex("/"), "\\/") + R"(" } ])";
+    const struct {
+        const char *type, *wanted, *members;
+        std::string answer;  // from the value of ERRORMSG on; empty: none
+    } rows[] = {
+        {"START", "YES", R"("SERVICE_NAME": "A", "MONITOR_NAME": "m")", R"("NO ERROR", "I 1": [ { "m": "STARTED" } ])"},
+        {"START", "YES", R"("SERVICE_NAME": "A")", R"("Unable to start Service", "I 1": [ { "": "FAILED" } ])"},
+        {"START", "YES", R"("MONITOR_NAME": "m")", R"("Unable to start Service", "I 1": [ { "m": "FAILED" } ])"},
+        {"STOP", "YES", R"("SERVICE_NAME": "B", "MONITOR_NAME": "m")", R"("NO ERROR", "I 1": [ { "m": "STOPPED" } ])"},
+        {"STOP", "YES", R"("SERVICE_NAME": "B")", R"("Unable to stop Service", "I 1": [ { "": "FAILED" } ])"},
+        {"STOP", "yes", R"("SERVICE_NAME": "C")", ""},
+        {"TEST", "YES", R"("MONITOR_NAME": "m", "WMIQUERY": "SELECT Name FROM Win32_OperatingSystem")",
+         R"("NO ERROR", "m": )" + row},
+        {"TEST", "YES", R"("WMIQUERY": "x", "NAME_SPACE": "y")",
+         R"("FAILED:Could not connect to nameSpace ERRORCODE)"
+         R"(:8004100e MESSAGE:Invalid namespace\r\n", "": [ ])"},
+        {"TEST", "YES", R"("MONITOR_NAME": "m")", "null"},
+        {"TEST", "YES", R"("MONITOR_NAME": "AGENTKEY")", ""},
+    };
+    for (const auto& each : rows) {
+        const std::string type = each.type + std::string(*each.type == 'T' ? "_MONITOR" : "_SERVICE");
+        posted.clear();
+        SetRequestAvailable(u"YES");
+        RunRound(fmt::format(R"({{"RequestList": [{{"REQUEST_TYPE": "{}", "AGENT_REQUEST_ID": "I 1",
+                                "RESPONSE_NEEDED": "{}", {}}}]}})",
+                             type, each.wanted, each.members)
+                     .c_str());
+        constexpr auto answer = R"(&action={}&requestId=I%201 {{ "MSPCUSTOMERID": "", "AGENT_REQUEST_ID": "I 1", )"
+                                R"("AGENTKEY": "K7", "DATACOLLECTTIME": "{}", "ERRORMSG": {} }})";
+        EXPECT_EQ(posted, each.answer.empty() ? "" : fmt::format(answer, type, clock.nowSeconds(), each.answer));
+    }
+    EXPECT_EQ(fake.services[u"C"].state, stopped) << "without an answer";
 }
 
 }  // namespace kv::test
