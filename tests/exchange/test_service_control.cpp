@@ -34,6 +34,7 @@ TEST(ServiceControl, WaitsAsTheServiceSaysAndEndsWithTheFirstFailure) {
         {"hint 200000", start, {.pending = stopPending, .waitHint = 200000}, "false 1x10000 1x200000"},
         {"no progress", start, {.pending = stopPending, .takes = ever, .waitHint = 5000}, "false 6x1000"},
         {"progress", start, {stopped, stopPending, 12000, 5000, 4000}, "true 12x1000 3x5000"},
+        {"progress that ends", start, {stopped, stopPending, ever, 5000, 4000}, "false 14x1000"},
         {"stop", stop, {.state = running}, "true 3x1000"},
         {"stop that never ends", stop, {.state = running, .takes = ever}, "false 31x1000"},
         {"stop of a stopped one", stop, {}, "false"},

@@ -1,5 +1,6 @@
 #include "tests/support/fake_services.h"
 
+#include <algorithm>
 #include <gtest/gtest.h>
 
 #include "platform/clock.h"
@@ -13,7 +14,7 @@ using platform::error::success;
 static ServiceStatus StatusOf(const FakeService& service) {
     const std::uint64_t passed = Clock().GetTickCount64() - service.since;
     if (service.since == 0 || passed >= service.takes) return {.dwCurrentState = service.state};
-    const auto checkPoint = static_cast<std::uint32_t>(passed / service.checkPointEvery);
+    const auto checkPoint = static_cast<std::uint32_t>(std::min<std::uint64_t>(passed / service.checkPointEvery, 2));
     return {.dwCurrentState = service.pending, .dwCheckPoint = checkPoint, .dwWaitHint = service.waitHint};
 }
 

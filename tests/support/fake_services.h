@@ -12,7 +12,7 @@ namespace kv::test {
 struct FakeService {
     platform::ServiceState state = platform::ServiceState::stopped;             // what it comes to
     platform::ServiceState pending = {};                                        // until then
-    std::uint32_t takes = 3000, waitHint = 1000, checkPointEvery = UINT32_MAX;  // milliseconds
+    std::uint32_t takes = 3000, waitHint = 1000, checkPointEvery = UINT32_MAX;  // milliseconds; two points
     std::vector<std::u16string> dependents = {};
     std::uint64_t since = 0;  // tick count of the change; 0 for none
 };
