@@ -145,10 +145,12 @@ Error OpenWithAllRights(const char* operation, std::u16string_view name, OwnedSe
 /// Starts an opened service and waits while that makes progress. The error of the query, when there is no status.
 Error StartAndWait(ServiceHandle service, ServiceStatus& status) {
     // Each of these two lines belongs to the other case; those who read the log know them so.
-    if (ServiceManager().StartServiceW(service) != success)
+    if (const Error failure = ServiceManager().StartServiceW(service)) {
         Log2("StartingService : Service Started Successfully .\n");
-    else
+        Log1("StartingService : StartServiceW failed (%d)\n", failure);
+    } else {
         Log3("StartingService : Service start pending.\n");
+    }
     if (const Error failure = ServiceManager().QueryServiceStatusEx(service, status)) {
         Log1("StartingService : QueryServiceStatusEx failed (%d)\n", failure);
         return failure;

@@ -57,6 +57,7 @@ TEST_F(ServiceAdmin, ServesItsOwnServiceAndSaysSo) {
         {start, idle, none, "StartingService : Service start pending."},
         {start, idle, none, "StartingService : StartService SUCCESS."},
         {start, idle, 2, "StartingService : Service Started Successfully .", 1},
+        {start, runs, none, "StartingService : StartServiceW failed (1056)"},
         {start, {.takes = UINT32_MAX}, none, "StartingService : Current State: 2", 2},
         {start, {.state = ServiceState{1066}}, none, "StartingService : Service Specific Exit Code: 0", 0},
         {start, idle, 0, "StartingService : Failed to open the ServiceControl Manager of This Computer :5 ", 5},
