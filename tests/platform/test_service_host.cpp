@@ -1,0 +1,107 @@
+// This process as a service: a socket in the manager's place hears its notices, and real signals tell it what to do.
+#include <csignal>
+#include <cstdlib>
+#include <gtest/gtest.h>
+#include <mutex>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include "platform/backend.h"
+#include "platform/posix/facts/system_text.h"
+#include "platform/service_host.h"
+
+namespace platform::test {
+namespace {
+
+struct Scene {
+    const char* title;
+    std::vector<int> early;  // signals before the handler is registered
+    std::vector<int> later;  // and after the first report, taken in the order of their numbers
+    std::string expected;    // notices and controls in turn
+    std::uint32_t accepts = 7;
+};
+
+const Scene* scene = nullptr;
+ServiceStatusHandle handle = 0;
+int managerSocket = -1;
+std::mutex traceLock;
+std::string trace;
+
+std::string Traced(const std::string& text = "") {
+    const std::lock_guard hold(traceLock);
+    return text.empty() ? trace : trace += text + "|";
+}
+
+void Send(const std::vector<int>& signals) {
+    for (const int signal : signals) kill(getpid(), signal);
+}
+
+void Report(ServiceState state) {
+    const ServiceStatus status{.dwCurrentState = state, .dwControlsAccepted = scene->accepts};
+    const std::lock_guard hold(traceLock);  // before a control that follows from it
+    EXPECT_EQ(ServiceHost().SetServiceStatus(handle, status), error::success);
+    std::string notice(200, '\0');
+    const ssize_t size = recv(managerSocket, notice.data(), notice.size(), MSG_DONTWAIT);
+    trace += notice.substr(0, static_cast<std::size_t>(std::max<ssize_t>(size, 0))) + "|";
+}
+
+std::uint32_t Handle(std::uint32_t control, std::uint32_t, void*, void*) {
+    Traced(std::to_string(control));
+    if (control == service_control::stop) {
+        Report(ServiceState::stopPending);
+        if (Traced().size() < 1000) Send({SIGTERM, SIGUSR1, SIGHUP});  // too late for all of them
+    }
+    // Also after a stop, as a start does that the stop has overtaken.
+    Report(control == service_control::pause ? ServiceState::paused : ServiceState::running);
+    return 0;
+}
+
+void Main() {
+    Send(scene->early);
+    usleep(5000);  // in which they are not to be taken
+    EXPECT_EQ(ServiceHost().RegisterServiceCtrlHandlerExW(u"b", Handle, nullptr, handle), error::serviceDoesNotExist);
+    EXPECT_EQ(ServiceHost().RegisterServiceCtrlHandlerExW(u"a", Handle, nullptr, handle), error::success);
+    Report(scene->early.empty() ? ServiceState::running : ServiceState::startPending);
+    Send(scene->later);
+    for (int tries = 0; tries < 500 && Traced() != scene->expected; ++tries) usleep(1000);
+    usleep(20000);  // in which nothing more may come
+    Report(ServiceState::stopped);
+}
+
+TEST(ServiceHost, SignalsBecomeTheControlsThatAreAccepted) {
+    InstallBackend();
+    const wmi::Descriptor manager(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    managerSocket = manager.number();
+    sockaddr_un address{AF_UNIX, {}};
+    const std::string name = "kv_test_notices_" + std::to_string(getpid());
+    name.copy(address.sun_path + 1, name.size());  // no file, but a name of the kernel's
+    const std::size_t length = offsetof(sockaddr_un, sun_path) + 1 + name.size();
+    ASSERT_EQ(bind(managerSocket, reinterpret_cast<const sockaddr*>(&address), static_cast<socklen_t>(length)), 0);
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent", 1);
+    setenv("NOTIFY_SOCKET", ("@" + name).c_str(), 1);
+    setenv("SYSTEMD_EXEC_PID", "1", 1);
+    EXPECT_EQ(ServiceHost().StartServiceCtrlDispatcherW(u"a", Main), error::serviceControllerConnect) << "inherited";
+    setenv("SYSTEMD_EXEC_PID", std::to_string(getpid()).c_str(), 1);
+    const std::string running = "READY=1\nSTATUS=Running|", paused = "STATUS=Paused: collection goes on|";
+    const std::string stopping = "1|STOPPING=1\nSTATUS=Stopping|" + running;
+    const Scene scenes[] = {
+        {"a stop, and again meanwhile", {}, {SIGTERM}, running + stopping},
+        {"a stop from a keyboard", {}, {SIGINT}, running + stopping},
+        {"before the handler is there", {SIGTERM}, {}, "STATUS=Starting|" + stopping},
+        {"a hang-up, pause, continue", {}, {SIGHUP, SIGUSR1, SIGUSR2}, running + "2|" + paused + "3|" + running},
+        {"pause is not accepted", {}, {SIGUSR1, SIGUSR2, SIGTERM}, running + stopping, service_accepts::stop},
+        {"stop is not accepted", {}, {SIGTERM, SIGUSR1}, running + "2|" + paused, service_accepts::pauseAndContinue},
+    };
+    for (const Scene& each : scenes) {
+        scene = &each;
+        trace.clear();
+        EXPECT_EQ(ServiceHost().StartServiceCtrlDispatcherW(u"a", Main), error::success) << each.title;
+        EXPECT_EQ(trace, each.expected + "STATUS=Stopped|") << each.title;
+    }
+    unsetenv("NOTIFY_SOCKET");
+    EXPECT_EQ(ServiceHost().StartServiceCtrlDispatcherW(u"a", Main), error::serviceControllerConnect) << "no socket";
+}
+
+}  // namespace
+}  // namespace platform::test
