@@ -86,8 +86,8 @@ class HeldSignals {
     const sigset_t& set() const { return held_; }
 
   private:
-    sigset_t held_;
-    sigset_t former_;
+    sigset_t held_{};
+    sigset_t former_{};
 };
 
 /// Fills the record of the service for as long as its dispatcher runs.
