@@ -9,6 +9,7 @@
 #include "foundation/log.h"
 #include "foundation/service_handle.h"
 #include "foundation/system_error.h"
+#include "foundation/time_utils.h"
 #include "platform/clock.h"
 #include "platform/messages.h"
 #include "platform/system_facts.h"
@@ -276,7 +277,7 @@ bool IsWin2kOS() {
         return true;
     }
     const bool isWin2k = version.major == 5 && version.minor == 0;
-    if (isWin2k) Log3("\t %s IsWin2kOS : Windows 2000 Operating system. \n", serviceName);
+    if (isWin2k) Log3("\t %s IsWin2kOS : Windows 2000 Operating system. \n", GetTimeString(1));
     return isWin2k;
 }
 
