@@ -74,7 +74,7 @@ TEST_F(ServiceAdmin, ServesItsOwnServiceAndSaysSo) {
         {stop, runs, 3, "StopService: ControlService failed (5)"},
         {stop, runs, 4, "StopService: QueryServiceStatusEx failed (5)"},
         {[] { return RestartService(), 0U; }, runs, none, "StartingService : StartService SUCCESS."},
-        {IsOld<nt, 5, 0>, runs, none, "\t Corvinel Monitoring Agent IsWin2kOS : Windows 2000 Operating system. ", 1},
+        {IsOld<nt, 5, 0>, runs, none, "IsWin2kOS : Windows 2000 Operating system. ", 1},
         {IsOld<nt, 10, 0>, runs, none, "\tbOsVersionInfoEx value is 1 "},
         {IsOld<nt, 4, 0>, runs, none, isUnknown, 1},
         {IsOld<other, 6, 1>, runs, none, isUnknown, 1},
