@@ -27,9 +27,6 @@ int ReadDetails(sd_bus* bus, UnitCondition& condition) {
     // Older managers know no freezing and have no such property.
     int result = GetText(bus, unit, unitInterface, "FreezerState", condition.freezerState);
     if (!IsLost(result)) result = GetText(bus, unit, unitInterface, "FragmentPath", condition.fragmentPath);
-    if (result >= 0) {
-        result = GetPlain(bus, unit, unitInterface, "StateChangeTimestampMonotonic", 't', condition.changedAt);
-    }
     if (result >= 0) result = GetPlain(bus, unit, serviceInterface, "ExecMainCode", 'i', condition.mainExitCode);
     if (result >= 0) result = GetPlain(bus, unit, serviceInterface, "ExecMainStatus", 'i', condition.mainExitStatus);
     return result;

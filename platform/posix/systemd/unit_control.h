@@ -19,15 +19,13 @@ Error ErrorOfManager(int result);
 
 /// What the manager knows of a unit; words are its own.
 struct UnitCondition {
-    std::string id;            // its chief name, where the one that was asked for is an alias
-    std::string loadState;     // "loaded", "not-found", "masked", ...
-    std::string activeState;   // "active", "activating", "deactivating", "inactive", "failed", ...
-    std::string freezerState;  // "running", "freezing", "frozen", "thawing"; empty where systemd knows no freezing
-    std::string pendingJob;    // "start", "stop", "restart", ...: what waits to be done; empty for nothing
-    std::string fragmentPath;  // its unit file; empty for none
-    std::uint64_t changedAt =
-        0;  // microseconds of the monotonic clock at which its state, or a step within it, began; 0 never
-    std::int32_t mainExitCode = 0;    // how its main process ended (CLD_EXITED, ...), 0 for not at all
+    std::string id;                 // its chief name, where the one that was asked for is an alias
+    std::string loadState;          // "loaded", "not-found", "masked", ...
+    std::string activeState;        // "active", "activating", "deactivating", "inactive", "failed", ...
+    std::string freezerState;       // "running", "freezing", "frozen", "thawing"; empty where systemd knows no freezing
+    std::string pendingJob;         // "start", "stop", "restart", ...: what waits to be done; empty for nothing
+    std::string fragmentPath;       // its unit file; empty for none
+    std::int32_t mainExitCode = 0;  // how its main process ended (CLD_EXITED, ...), 0 for not at all
     std::int32_t mainExitStatus = 0;  // its exit status, or the signal
 };
 

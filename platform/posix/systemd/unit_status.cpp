@@ -14,8 +14,9 @@ using enum ServiceState;
 /// When to look again. Half a second costs little, and is soon enough for whoever waits.
 constexpr std::uint32_t pendingWaitHint = 500;
 
-/// How long a change counts as making progress.
-constexpr std::uint64_t longestProgressSeconds = 30;
+/// How long a change counts as making progress, and the time of one step of it.
+constexpr std::uint64_t progressSteps = 300;
+constexpr std::uint64_t progressStepMicroseconds = 100'000;
 
 bool IsOneOf(std::string_view word, std::initializer_list<std::string_view> words) {
     return std::find(words.begin(), words.end(), word) != words.end();
@@ -30,13 +31,10 @@ ServiceState StateOfRunning(std::string_view freezer) {
 
 bool IsPending(ServiceState state) { return state != stopped && state != running && state != paused; }
 
-std::uint32_t CheckPointOf(const UnitCondition& condition, ServiceState state, std::uint64_t now, SeenPending& seen) {
+std::uint32_t CheckPointOf(ServiceState state, std::uint64_t now, SeenPending& seen) {
     if (seen.state != state) seen = {state, now};
-    const bool hasBegun = IsOneOf(condition.activeState, {"activating", "deactivating"});
-    // A unit that has just ended may have been forgotten meanwhile, and its times with it.
-    const std::uint64_t since = hasBegun && condition.changedAt != 0 ? condition.changedAt : seen.since;
-    const std::uint64_t seconds = (now - std::min(since, now)) / 1'000'000;
-    return static_cast<std::uint32_t>(1 + std::min(seconds, longestProgressSeconds));
+    const std::uint64_t steps = (now - seen.since) / progressStepMicroseconds;
+    return static_cast<std::uint32_t>(1 + std::min(steps, progressSteps));
 }
 
 void TellEnding(const UnitCondition& condition, ServiceStatus& status) {
@@ -62,7 +60,7 @@ ServiceStatus StatusOf(const UnitCondition& condition, bool canPause, std::uint6
     ServiceStatus status{.dwServiceType = service_type::ownProcess, .dwCurrentState = StateOf(condition)};
     if (IsPending(status.dwCurrentState)) {
         status.dwWaitHint = pendingWaitHint;
-        status.dwCheckPoint = CheckPointOf(condition, status.dwCurrentState, now, seen);
+        status.dwCheckPoint = CheckPointOf(status.dwCurrentState, now, seen);
         return status;
     }
     seen = {};

@@ -17,9 +17,8 @@ struct SeenPending {
 /// The state; a job that waits to be done counts as begun.
 ServiceState StateOf(const UnitCondition& condition);
 
-/// The whole status. Systemd tells of no progress: a change counts as making some for 30 seconds after the unit's last
-/// step. For a change without such a step, as when a job still waits for others, the time is taken at which this
-/// observer has seen it first.
+/// The whole status. Systemd tells of no progress: a change counts as making some, ten steps a second, for the 30
+/// seconds after this observer has seen it first.
 ServiceStatus StatusOf(const UnitCondition& condition, bool canPause, std::uint64_t now, SeenPending& seen);
 
 }  // namespace platform::systemd

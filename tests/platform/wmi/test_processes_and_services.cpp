@@ -1,4 +1,4 @@
-// Win32_Process against ps and this process's own doings, Win32_Service against a manager at the other end of a socket.
+// Win32_Process against ps and this process's own doings, Win32_Service against a fake manager.
 #include <atomic>
 #include <csignal>
 #include <fcntl.h>
@@ -7,8 +7,6 @@
 #include <fnmatch.h>
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <thread>
 #include <tuple>
@@ -18,12 +16,16 @@
 #include "platform/posix/facts/process_files.h"
 #include "platform/posix/wmi/class_tree.h"
 #include "platform/posix/wmi_classes/services.h"
+#include "tests/support/fake_systemd.h"
 #include "tests/support/wmi_query.h"
 
 namespace platform::wmi {
 namespace {
 
 using namespace systemd;
+using kv::test::BusFault;
+using kv::test::FakeSystemd;
+using kv::test::FakeUnit;
 using kv::test::RunWmiQuery;
 using kv::test::TextOf;
 using kv::test::WmiResult;
@@ -225,80 +227,24 @@ TEST(ServiceUnits, ReadAsServices) {
     EXPECT_EQ(fnmatch(PatternOfName("SsH").c_str(), "ssh.service", FNM_NOESCAPE), 0);
 }
 
-/// A bus and a systemd in one, at a socket of its own; mute from some member on, or refusing it where marked with "!".
-class Manager {
-  public:
-    explicit Manager(std::string muteAt) : muteAt_(std::move(muteAt)) {
-        const std::string name = fmt::format("kv_test_bus_{}", getpid());
-        sockaddr_un address{AF_UNIX, {}};
-        name.copy(address.sun_path + 1, name.size());  // no file, but a name of the kernel's
-        listener_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        const std::size_t length = offsetof(sockaddr_un, sun_path) + 1 + name.size();
-        bind(listener_, reinterpret_cast<const sockaddr*>(&address), static_cast<socklen_t>(length));
-        listen(listener_, 1);
-        setenv("DBUS_SYSTEM_BUS_ADDRESS", ("unix:abstract=" + name).c_str(), 1);
-        if (muteAt_ != "accept") thread_ = std::thread([this] { Serve(); });
-    }
-    ~Manager() {
-        shutdown(listener_, SHUT_RDWR);
-        if (thread_.joinable()) thread_.join();
-        close(listener_);
-        unsetenv("DBUS_SYSTEM_BUS_ADDRESS");
-    }
-
-  private:
-    static int Answer(sd_bus_message* call, void* self, sd_bus_error*) {
-        const std::string member = sd_bus_message_get_member(call);
-        const char *interface = nullptr, *name = "";
-        if (member == "Get") sd_bus_message_read(call, "ss", &interface, &name);
-        const std::string key = member + name;
-        if (key == static_cast<Manager*>(self)->muteAt_) return 1;
-        if ("!" + key == static_cast<Manager*>(self)->muteAt_)
-            return sd_bus_reply_method_errorf(call, SD_BUS_ERROR_ACCESS_DENIED, "no");
-        const char* units = "a(ssssssouso)";
-        const auto reply = [call](auto... values) { return sd_bus_reply_method_return(call, values...); };
-        if (member == "ListUnitFilesByPatterns") {
-            return reply("a(ss)", 3, "/lib/a.service", "enabled", "/etc/b.service", "static", "/c@.service", "static");
-        }
-        if (member == "ListUnitsByPatterns") {
-            return reply(units, 2, "a.service", "An A", "loaded", "failed", "failed", "", "/a", 0, "", "/",
-                         "gone.service", "", "not-found", "inactive", "dead", "", "/g", 0, "", "/");
-        }
-        if (member == "ListUnitsByNames") {
-            return reply(units, 1, "b.service", "A B", "loaded", "inactive", "dead", "", "/b", 0, "", "/");
-        }
-        if (member == "Hello") return reply("s", ":1.1");
-        if (key == "GetExecMainCode") return reply("v", "i", CLD_EXITED);
-        if (key == "GetExecMainStatus") return reply("v", "i", 4);
-        if (key == "GetUser") return reply("v", "s", "");
-        if (key != "GetExecStart") return sd_bus_reply_method_errorf(call, SD_BUS_ERROR_UNKNOWN_METHOD, "no");
-        return reply("v", "a(sasbttttuii)", 1, "/bin/x", 3, "x", "-v", "1", 0, 0ul, 0ul, 0ul, 0ul, 0u, 0, 0);
-    }
-
-    void Serve() {
-        const int peer = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-        sd_bus* bus = nullptr;
-        if (peer < 0 || sd_bus_new(&bus) < 0) return;
-        sd_bus_set_fd(bus, peer, peer);
-        sd_bus_set_server(bus, 1, {});
-        sd_bus_set_trusted(bus, 1);
-        sd_bus_add_filter(bus, nullptr, Answer, this);
-        sd_bus_start(bus);
-        for (int result = 0; result >= 0;) {
-            result = sd_bus_process(bus, nullptr);
-            if (result == 0) result = sd_bus_wait(bus, UINT64_MAX);
-        }
-        sd_bus_close_unref(bus);
-    }
-
-    std::string muteAt_;
-    int listener_ = -1;
-    std::thread thread_;
+const std::vector<FakeUnit> someUnits{
+    {.id = "a.service",
+     .active = "failed",
+     .file = "/lib/a.service",
+     .fileState = "enabled",
+     .properties = {{"Description", "An A"}, {"ExecMainCode", "1"}, {"ExecMainStatus", "4"}}},
+    {.id = "gone.service", .load = "not-found"},
+    {.id = "b.service",
+     .load = "",
+     .file = "/etc/b.service",
+     .fileState = "static",
+     .properties = {{"Description", "A B"}}},
+    {.id = "c@.service", .load = "", .file = "/c@.service", .fileState = "static"},
 };
 
 TEST(WmiServices, AreThoseOfTheManager) {
     InstallBackend();
-    const Manager manager("");
+    const FakeSystemd manager(someUnits);
     const WmiResult result = RunWmiQuery(
         "SELECT Name, Caption, State, StartMode, ExitCode, PathName, StartName, ProcessId FROM Win32_Service");
     ASSERT_EQ(result.rows.size(), 2u);
@@ -311,20 +257,20 @@ TEST(WmiServices, AreThoseOfTheManager) {
 }
 
 TEST(WmiServices, AManagerThatFallsSilentIsNotWaitedFor) {
-    const std::tuple<const char*, const char*, std::size_t, std::size_t, WmiStatus> rows[] = {
-        {"no bus", nullptr, 0, 0, wmi_status::ok},
-        {"a bus that accepts, and no more", "accept", 0, 1, wmi_status::timedOut},
-        {"no list", "ListUnitsByPatterns", 0, 1, wmi_status::timedOut},
-        {"the list is refused", "!ListUnitsByPatterns", 0, 1, wmi_status::failed},
-        {"no files are told of", "!ListUnitFilesByPatterns", 1, 1, wmi_status::ok},
-        {"one cannot be described", "!ListUnitsByNames", 2, 1, wmi_status::ok},
-        {"in the middle of a service", "GetExecMainStatus", 0, 1, wmi_status::timedOut},
-        {"where nobody asks", "GetMainPID", 2, 0, wmi_status::ok},
+    const std::tuple<const char*, BusFault, std::size_t, std::size_t, WmiStatus> rows[] = {
+        {"no bus", {"bus", ""}, 0, 0, wmi_status::ok},
+        {"a bus that accepts, and no more", {"accept", ""}, 0, 1, wmi_status::timedOut},
+        {"no list", {"ListUnitsByPatterns", ""}, 0, 1, wmi_status::timedOut},
+        {"the list is refused", {"ListUnitsByPatterns", SD_BUS_ERROR_ACCESS_DENIED}, 0, 1, wmi_status::failed},
+        {"no files are told of", {"ListUnitFilesByPatterns", SD_BUS_ERROR_ACCESS_DENIED}, 1, 1, wmi_status::ok},
+        {"one cannot be described", {"ListUnitsByNames", SD_BUS_ERROR_ACCESS_DENIED}, 2, 1, wmi_status::ok},
+        {"in the middle of a service", {"GetExecMainStatus", ""}, 0, 1, wmi_status::timedOut},
+        {"where nobody asks", {"GetMainPID", ""}, 2, 0, wmi_status::ok},
     };
     const ClassInfo& service = *FindClass(u"Win32_Service");
-    for (const auto& [title, muteAt, rowCount, noticeCount, status] : rows) {
+    for (const auto& [title, fault, rowCount, noticeCount, status] : rows) {
         setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent", 1);
-        const auto manager = muteAt != nullptr ? std::make_unique<Manager>(muteAt) : nullptr;
+        const auto manager = fault.at != "bus" ? std::make_unique<FakeSystemd>(someUnits, fault) : nullptr;
         std::size_t found = 0, notices = 0;
         Gathering gathering;
         for (const auto* name : {u"ExitCode", u"Caption"}) gathering.needs |= FindProperty(service, name)->needs;
