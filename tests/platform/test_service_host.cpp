@@ -10,6 +10,7 @@
 #include "platform/backend.h"
 #include "platform/posix/facts/system_text.h"
 #include "platform/service_host.h"
+#include "tests/support/fake_systemd.h"
 
 namespace platform::test {
 namespace {
@@ -20,6 +21,7 @@ struct Scene {
     std::vector<int> later;  // and after the first report, taken in the order of their numbers
     std::string expected;    // notices and controls in turn
     std::uint32_t accepts = 7;
+    const char* system = "running";
 };
 
 const Scene* scene = nullptr;
@@ -48,7 +50,7 @@ void Report(ServiceState state) {
 
 std::uint32_t Handle(std::uint32_t control, std::uint32_t, void*, void*) {
     Traced(std::to_string(control));
-    if (control == service_control::stop) {
+    if (control == service_control::stop || control == service_control::shutdown) {
         Report(ServiceState::stopPending);
         if (Traced().size() < 1000) Send({SIGTERM, SIGUSR1, SIGHUP});  // too late for all of them
     }
@@ -58,6 +60,7 @@ std::uint32_t Handle(std::uint32_t control, std::uint32_t, void*, void*) {
 }
 
 void Main() {
+    const kv::test::FakeSystemd manager({{.id = "", .properties = {{"SystemState", scene->system}}}});
     Send(scene->early);
     usleep(5000);  // in which they are not to be taken
     EXPECT_EQ(ServiceHost().RegisterServiceCtrlHandlerExW(u"b", Handle, nullptr, handle), error::serviceDoesNotExist);
@@ -78,19 +81,19 @@ TEST(ServiceHost, SignalsBecomeTheControlsThatAreAccepted) {
     name.copy(address.sun_path + 1, name.size());  // no file, but a name of the kernel's
     const std::size_t length = offsetof(sockaddr_un, sun_path) + 1 + name.size();
     ASSERT_EQ(bind(managerSocket, reinterpret_cast<const sockaddr*>(&address), static_cast<socklen_t>(length)), 0);
-    setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent", 1);
     setenv("NOTIFY_SOCKET", ("@" + name).c_str(), 1);
     setenv("SYSTEMD_EXEC_PID", "1", 1);
     EXPECT_EQ(ServiceHost().StartServiceCtrlDispatcherW(u"a", Main), error::serviceControllerConnect) << "inherited";
     setenv("SYSTEMD_EXEC_PID", std::to_string(getpid()).c_str(), 1);
     const std::string running = "READY=1\nSTATUS=Running|", paused = "STATUS=Paused: collection goes on|";
-    const std::string stopping = "1|STOPPING=1\nSTATUS=Stopping|" + running;
+    const std::string stopping = "STOPPING=1\nSTATUS=Stopping|" + running;
     const Scene scenes[] = {
-        {"a stop, and again meanwhile", {}, {SIGTERM}, running + stopping},
-        {"a stop from a keyboard", {}, {SIGINT}, running + stopping},
-        {"before the handler is there", {SIGTERM}, {}, "STATUS=Starting|" + stopping},
+        {"a stop, and again meanwhile", {}, {SIGTERM}, running + "1|" + stopping},
+        {"a stop from a keyboard", {}, {SIGINT}, running + "1|" + stopping},
+        {"before the handler is there", {SIGTERM}, {}, "STATUS=Starting|1|" + stopping},
+        {"the machine goes down", {}, {SIGTERM}, running + "5|" + stopping, 7, "stopping"},
         {"a hang-up, pause, continue", {}, {SIGHUP, SIGUSR1, SIGUSR2}, running + "2|" + paused + "3|" + running},
-        {"pause is not accepted", {}, {SIGUSR1, SIGUSR2, SIGTERM}, running + stopping, service_accepts::stop},
+        {"pause is not accepted", {}, {SIGUSR1, SIGUSR2, SIGTERM}, running + "1|" + stopping, service_accepts::stop},
         {"stop is not accepted", {}, {SIGTERM, SIGUSR1}, running + "2|" + paused, service_accepts::pauseAndContinue},
     };
     for (const Scene& each : scenes) {

@@ -144,7 +144,7 @@ int FakeSystemd::Answer(sd_bus_message* call, void* self, sd_bus_error*) {
     if (member != "Get") return member.starts_with("List") ? fake.List(call, member) : fake.Do(call, member);
     char* id = nullptr;
     sd_bus_path_decode(sd_bus_message_get_path(call), "/org/freedesktop/systemd1/unit", &id);
-    const FakeUnit unit = fake.UnitOf(id);
+    const FakeUnit unit = fake.UnitOf(id == nullptr ? "" : id);
     std::free(id);
     return ReplyProperty(call, unit, property);
 }

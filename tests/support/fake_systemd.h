@@ -13,7 +13,7 @@ namespace kv::test {
 
 /// Words are systemd's. Starting and stopping leave a job that waits; freezing and thawing are done at once.
 struct FakeUnit {
-    std::string id;
+    std::string id;  // "": the manager itself, for its properties
     std::string active = "inactive";
     std::string load = "loaded";                         // "": not until it is asked for
     std::string job = {};                                // what waits to be done
