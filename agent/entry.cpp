@@ -81,9 +81,12 @@ int RunAsService() {
     LogSystemError(error);
     agentState.gv_ocAgentBinPath.reset();
     AppendNote(registryNote, "Entered into StartServiceCtrlDispatcher!\n" + std::to_string(error) + "\n");
-    std::fprintf(stderr,
-                 "MonitoringAgent: no service manager started this process (error %u); \"/t\" runs the agent here\n",
-                 error);
+    if (error == platform::error::serviceControllerConnect)
+        std::fprintf(
+            stderr, "MonitoringAgent: no service manager started this process (error %u); \"/t\" runs the agent here\n",
+            error);
+    else
+        std::fprintf(stderr, "MonitoringAgent: the service cannot be run (error %u)\n", error);
     return 0;
 }
 

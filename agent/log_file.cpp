@@ -45,7 +45,7 @@ platform::Error MeasureLog(std::uint32_t& size) {
 }
 
 /// False where the log in place is not to be moved away or opened anew.
-bool MayChangeLog() { return !logState.isToolkitLog && !logState.isStopped; }
+bool MayChangeLog() { return !logState.isToolkitLog && !logState.isRotationOver; }
 
 /// Called with streamMutex held, as OpenStream is.
 void CloseStream() {
@@ -113,7 +113,7 @@ RotationLock RotateWhileLocked(std::uint32_t count) {
 }  // namespace
 
 int RotateLogFile(std::uint32_t count) {
-    if (logState.isStopped) return 0;  // without waiting: the end of the service writes lines, too
+    if (logState.isRotationOver) return 0;  // without waiting
     SynchronizeResource_MSP(&logState.gv_logFile);
     RotationLock lock = RotationLock::released;
     try {
@@ -158,7 +158,7 @@ void RotateLogger(std::optional<std::u16string_view> name) {
     logState.gv_logPath = binPath + std::u16string(name.value_or(u"..\\logs\\agent.log"));
     logState.rotate = RotateLogFile;
     logState.isToolkitLog = false;
-    logState.isStopped = false;
+    logState.isRotationOver = false;
     RotateLogFile(0);
     // The configured limits hold from here on; the rotation at start goes by the defaults.
     std::uint32_t maxSize = defaultMaxSize;
@@ -174,15 +174,21 @@ void RotateLogger(std::optional<std::u16string_view> name) {
     Log1("\tRotateLogger : LoggerMaxSize %ld bytes .\n", maxSize);
 }
 
+void EndLogRotation() { logState.isRotationOver = true; }
+
 void StopLogging() {
-    {
-        const std::lock_guard stream(logState.streamMutex);
-        if (logState.isStopped.exchange(true) || logState.gv_logFile == 0) return;
-    }
-    Log1(
-        "=============================================LOGGING "
-        "STOPPED==============================================\n");
+    EndLogRotation();
     const std::lock_guard stream(logState.streamMutex);
+    if (logState.gv_logFile == 0) return;
+    try {
+        // Not by the log step, after which other lines could follow.
+        const std::string line = PrefixLogFormat(
+            "=============================================LOGGING "
+            "STOPPED==============================================\n");
+        if (LogsAtLeast(1)) Files().WriteFile(logState.gv_logFile, line.data(), line.size());
+    } catch (...) {
+        // Without memory this line is lost, as any other.
+    }
     CloseStream();
 }
 

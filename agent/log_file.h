@@ -19,6 +19,11 @@ int RotateLogFile(std::uint32_t count);
 
 /// Closes the log, with a last line, and for good: later lines are dropped. Called again, at the same time even, it
 /// does nothing.
+/// From now on nothing moves the log or opens it anew, and no line waits for a rotation, which may wait for ever. The
+/// first act of a stop.
+void EndLogRotation();
+
+/// Writes the last line and closes the log for good: what other threads still log is lost. Once it is closed, nothing.
 void StopLogging();
 
 /// Opens a log for appending; 1. A failure only sets gv_logOpenFailed: lines are then dropped, the counter still grows.

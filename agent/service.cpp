@@ -3,6 +3,7 @@
 #include <string_view>
 #include <utility>
 
+#include "agent/log_file.h"
 #include "agent/main_thread.h"
 #include "agent/server_details.h"
 #include "exchange/agent_status.h"
@@ -90,17 +91,17 @@ void ReportEndWhereWanted() {
 }
 
 void SaveCounter(const char* name, std::uint32_t number, Error (*store)(std::uint32_t)) {
-    // Until VerifyLastFileNum has read the stored number, the last step of enrolling, the counter is 0 and not worth
-    // saving.
+    // Before VerifyLastFileNum, the last step of enrolling, has begun, the counter is 0 and not worth saving.
     if (number == 0) return;
     if (const Error failure = store(number))
         Log1("\t AgentShutdownWorker :: %s %u cannot be stored. Error is [%d]\n", name, number, failure);
 }
 
-void SaveCounters() {
+void SaveJsonCounter() {
     SaveCounter("MALastCreatedJSONNum", agentState.gv_ocLastCreatedJSONNum, SetMALastCreatedJSONNum);
-    SaveCounter("MALastCreatedZIPNum", agentState.gv_ocLastCreatedZIPNum, SetMALastCreatedZIPNum);
 }
+
+void SaveZipCounter() { SaveCounter("MALastCreatedZIPNum", agentState.gv_ocLastCreatedZIPNum, SetMALastCreatedZIPNum); }
 
 }  // namespace
 
@@ -118,6 +119,7 @@ void ServiceMain() {
 
 std::uint32_t HandlerEx(std::uint32_t control, std::uint32_t /*eventType*/, void* /*eventData*/, void* /*context*/) {
     namespace service_control = platform::service_control;
+    if (control == service_control::stop || control == service_control::shutdown) EndLogRotation();
     Log3("HandlerEx : Inside HandlerEx Method \n");
     switch (control) {
         case service_control::stop:
@@ -160,7 +162,8 @@ bool ChangeServiceStatus(ServiceState state) {
 std::uint32_t AgentShutdownWorker(void* /*ignored*/) {
     Log3("\t Inside AgentShutdownWorker() \n");
     RunGuarded("SendAgentStatus", ReportEndWhereWanted);
-    RunGuarded("SaveCounters", SaveCounters);
+    RunGuarded("SaveJsonCounter", SaveJsonCounter);
+    RunGuarded("SaveZipCounter", SaveZipCounter);
     RunGuarded("FreeAllResources", FreeAllResources);
     return 1;
 }

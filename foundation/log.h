@@ -36,9 +36,8 @@ struct LogState {
     /// no name to rotate by.
     std::atomic<bool> isToolkitLog{false};
 
-    /// Set by StopLogging: threads that work to the end of the process lose their lines from then on, and none of them
-    /// opens or moves the log again.
-    std::atomic<bool> isStopped{false};
+    /// Set by EndLogRotation: nothing opens or moves the log any more.
+    std::atomic<bool> isRotationOver{false};
 
     /// Keeps the stream open between a line's test and its write; held for one line, or while the stream changes files.
     /// Nobody takes the rotation's resource lock while holding it.

@@ -25,8 +25,9 @@ std::u16string PathOf(std::string_view name) {
 }
 
 /// Begins the engine's log anew, empty; called with streamMutex held. One of its own is closed first; the agent's file
-/// is not closed, and stays in place when the engine's cannot be opened.
+/// is not closed, and stays in place when the engine's cannot be opened. At the end of the agent no log is begun.
 bool BeginOwnLog(const std::u16string& path) {
+    if (logState.isRotationOver) return false;
     if (logState.isToolkitLog) {
         const platform::FileHandle former = std::exchange(logState.gv_logFile, 0);
         if (former != 0) platform::Files().CloseHandle(former);

@@ -1,5 +1,5 @@
-// The service manager is systemd. It starts the service as a unit of Type=notify, hears of its states by sd_notify(3),
-// and gives its controls by signals:
+// The service manager is systemd. It starts the service as a unit of Type=notify, hears of its states by the protocol
+// of sd_notify(3), and gives its controls by signals:
 //
 //     SIGTERM, SIGINT    shutdown when the machine goes down, else stop
 //     SIGUSR1            pause
@@ -7,8 +7,8 @@
 //     SIGHUP             nothing; the settings are read at the start, and it is not to end the service
 //
 // They are held back from every thread and read on the dispatcher's, where the handler may do whatever it likes. One
-// that comes before the first report stays with the kernel until then; one that comes after the service has said that
-// it stops is never read, and dropped at the end.
+// that comes before the handler is there ends the process when it asks for a stop, since nothing has begun; one that
+// comes after the service has said that it stops is never read, and dropped at the end.
 #include <array>
 #include <cerrno>
 #include <csignal>
@@ -19,7 +19,8 @@
 #include <string>
 #include <sys/eventfd.h>
 #include <sys/signalfd.h>
-#include <systemd/sd-daemon.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <thread>
 #include <unistd.h>
 
@@ -33,8 +34,10 @@ namespace {
 
 constexpr std::array controlSignals{SIGTERM, SIGINT, SIGUSR1, SIGUSR2, SIGHUP};
 
-/// For each question about the machine's state, so that a stop does not hang on a manager that hangs.
+/// For the question about the machine's state, and for a notice to be taken, so that a stop does not hang on a manager
+/// that hangs.
 constexpr std::chrono::milliseconds managerPatience{2000};
+constexpr timeval noticePatience{0, 500000};
 
 constexpr ServiceStatusHandle theService = 1;
 
@@ -45,6 +48,7 @@ enum class Phase { starting, takingControls, stopping, ended };
 /// report, so that what was reported last is what the manager was told last.
 struct HostedService {
     std::mutex lock;
+    unsigned run = 0;  // counts the dispatchers, so that the main routine of one that was given up meets no other
     std::u16string name;
     int wake = -1;  // an eventfd that tells the dispatcher of a new phase; below 0: no dispatcher runs
     Phase phase = Phase::starting;
@@ -95,6 +99,7 @@ class Hosting {
   public:
     Hosting(std::u16string_view name, int wake) {
         const std::lock_guard hold(Hosted().lock);
+        run_ = ++Hosted().run;
         Hosted().name = name;
         Hosted().wake = wake;
         Hosted().phase = Phase::starting;
@@ -106,6 +111,11 @@ class Hosting {
     }
     Hosting(const Hosting&) = delete;
     Hosting& operator=(const Hosting&) = delete;
+
+    unsigned run() const { return run_; }
+
+  private:
+    unsigned run_;
 };
 
 /// The caller holds the lock.
@@ -121,16 +131,13 @@ Phase CurrentPhase() {
 }
 
 /// An exception out of the main routine ends the program, as out of any thread.
-void RunServiceMain(ServiceMainRoutine serviceMain) noexcept {
+void RunServiceMain(ServiceMainRoutine serviceMain, unsigned run) noexcept {
     serviceMain();
     const std::lock_guard hold(Hosted().lock);
-    EnterPhase(Hosted(), Phase::ended);
+    if (Hosted().run == run) EnterPhase(Hosted(), Phase::ended);
 }
 
-std::uint32_t ControlsAccepted() {
-    const std::lock_guard hold(Hosted().lock);
-    return Hosted().phase == Phase::takingControls ? Hosted().controlsAccepted : 0;
-}
+bool AsksForStop(int signal) { return signal == SIGTERM || signal == SIGINT; }
 
 std::uint32_t StopControlOf(std::uint32_t accepted) {
     const bool takesShutdown = (accepted & service_accepts::shutdown) != 0;
@@ -140,11 +147,9 @@ std::uint32_t StopControlOf(std::uint32_t accepted) {
 
 /// The control that a signal stands for; 0 where it stands for none, or for one that is not accepted.
 std::uint32_t ControlOf(int signal, std::uint32_t accepted) {
+    if (AsksForStop(signal)) return StopControlOf(accepted);
     const bool takesPause = (accepted & service_accepts::pauseAndContinue) != 0;
     switch (signal) {
-        case SIGTERM:
-        case SIGINT:
-            return StopControlOf(accepted);
         case SIGUSR1:
             return takesPause ? service_control::pause : 0;
         case SIGUSR2:
@@ -154,25 +159,35 @@ std::uint32_t ControlOf(int signal, std::uint32_t accepted) {
     }
 }
 
-/// Takes one signal and calls the handler where that follows from it.
-void DeliverSignal(int signals) {
+/// Takes one signal and calls the handler where that follows from it; false when it asks for a stop before anything has
+/// been reported.
+bool DeliverSignal(int signals) {
     signalfd_siginfo taken{};
-    if (read(signals, &taken, sizeof taken) != sizeof taken) return;
-    const std::uint32_t control = ControlOf(static_cast<int>(taken.ssi_signo), ControlsAccepted());
+    if (read(signals, &taken, sizeof taken) != sizeof taken) return true;
+    const int signal = static_cast<int>(taken.ssi_signo);
+    std::uint32_t accepted = 0;
+    {
+        const std::lock_guard hold(Hosted().lock);
+        if (Hosted().phase == Phase::starting) return !AsksForStop(signal);
+        if (Hosted().phase == Phase::takingControls) accepted = Hosted().controlsAccepted;
+    }
+    const std::uint32_t control = ControlOf(signal, accepted);
     if (control != 0) Hosted().handler(control, 0, nullptr, Hosted().context);
+    return true;
 }
 
-/// The dispatcher's life: one control after another until the main routine has returned. An exception out of the
-/// handler ends the program.
-void DeliverControls(int signals, int wake) noexcept {
+/// The dispatcher's life: one control after another until the main routine has returned; false when the start is given
+/// up, and the main routine still runs. An exception out of the handler ends the program.
+bool DeliverControls(int signals, int wake) noexcept {
     for (Phase phase = CurrentPhase(); phase != Phase::ended; phase = CurrentPhase()) {
-        const int watchedSignals = phase == Phase::takingControls ? signals : -1;  // below 0: not watched
+        const int watchedSignals = phase <= Phase::takingControls ? signals : -1;  // below 0: not watched
         std::array<pollfd, 2> watched{{{wake, POLLIN, 0}, {watchedSignals, POLLIN, 0}}};
         poll(watched.data(), watched.size(), -1);
         eventfd_t count = 0;
         if (watched[0].revents != 0) eventfd_read(wake, &count);
-        if (watched[1].revents != 0) DeliverSignal(signals);
+        if (watched[1].revents != 0 && !DeliverSignal(signals)) return false;
     }
+    return true;
 }
 
 Error StartServiceCtrlDispatcherW(std::u16string_view serviceName, ServiceMainRoutine serviceMain) try {
@@ -183,9 +198,12 @@ Error StartServiceCtrlDispatcherW(std::u16string_view serviceName, ServiceMainRo
     const wmi::Descriptor wake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     if (!wake.isOpen()) return ErrorFromErrno(errno);
     const Hosting hosting(serviceName, wake.number());
-    std::thread mainThread(RunServiceMain, serviceMain);
-    DeliverControls(signals.number(), wake.number());
-    mainThread.join();
+    std::thread mainThread(RunServiceMain, serviceMain, hosting.run());
+    if (DeliverControls(signals.number(), wake.number())) {
+        mainThread.join();
+    } else {
+        mainThread.detach();  // it may read its settings for long yet, and the process ends now
+    }
     return error::success;
 } catch (const std::exception&) {  // no thread, or no memory
     return error::notEnoughMemory;
@@ -224,6 +242,31 @@ const char* NoticeOf(ServiceState state) {
     return nullptr;
 }
 
+/// Where the manager listens; the length is 0 for no address of a kind that is known. "@" is a name of the kernel's.
+socklen_t ManagerAddress(sockaddr_un& address) {
+    const char* const socket = std::getenv("NOTIFY_SOCKET");
+    const std::string_view name = socket != nullptr ? socket : "";
+    if (name.size() < 2 || name.size() >= sizeof address.sun_path || (name[0] != '/' && name[0] != '@')) return 0;
+    address = {AF_UNIX, {}};
+    name.copy(address.sun_path, name.size());
+    if (name[0] == '@') address.sun_path[0] = '\0';
+    return static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size());
+}
+
+/// Tells the manager something by its protocol, as sd_notify(3) does, which would wait for ever for one that does not
+/// read.
+Error Notify(std::string_view notice) {
+    sockaddr_un address{};
+    const socklen_t length = ManagerAddress(address);
+    if (length == 0) return error::serviceControllerConnect;
+    const wmi::Descriptor sender(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (!sender.isOpen()) return ErrorFromErrno(errno);
+    setsockopt(sender.number(), SOL_SOCKET, SO_SNDTIMEO, &noticePatience, sizeof noticePatience);
+    const auto* const to = reinterpret_cast<const sockaddr*>(&address);
+    if (sendto(sender.number(), notice.data(), notice.size(), MSG_NOSIGNAL, to, length) >= 0) return error::success;
+    return errno == EAGAIN ? error::serviceRequestTimeout : ErrorFromErrno(errno);
+}
+
 Error SetServiceStatus(ServiceStatusHandle handle, const ServiceStatus& status) {
     const ServiceState state = status.dwCurrentState;
     HostedService& service = Hosted();
@@ -231,11 +274,11 @@ Error SetServiceStatus(ServiceStatusHandle handle, const ServiceStatus& status) 
     if (handle != theService || service.handler == nullptr) return error::invalidHandle;
     const char* const notice = NoticeOf(state);
     if (notice == nullptr) return error::invalidData;
-    if (const int told = sd_notify(0, notice); told < 0) return ErrorFromErrno(-told);
+    // What was reported counts, whether the manager hears of it or not.
     service.controlsAccepted = status.dwControlsAccepted;
     const bool stops = state == ServiceState::stopPending || state == ServiceState::stopped;
     EnterPhase(service, stops ? Phase::stopping : Phase::takingControls);
-    return error::success;
+    return Notify(notice);
 }
 
 }  // namespace

@@ -1,7 +1,10 @@
 // This process as a service: a socket in the manager's place hears its notices, and real signals tell it what to do.
+#include <atomic>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <gtest/gtest.h>
+#include <latch>
 #include <mutex>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -9,6 +12,7 @@
 
 #include "platform/backend.h"
 #include "platform/posix/facts/system_text.h"
+#include "platform/posix/systemd/machine_state.h"
 #include "platform/service_host.h"
 #include "tests/support/fake_systemd.h"
 
@@ -17,7 +21,7 @@ namespace {
 
 struct Scene {
     const char* title;
-    std::vector<int> early;  // signals before the handler is registered
+    std::vector<int> early;  // signals before the handler is registered, which are dropped
     std::vector<int> later;  // and after the first report, taken in the order of their numbers
     std::string expected;    // notices and controls in turn
     std::uint32_t accepts = 7;
@@ -62,7 +66,7 @@ std::uint32_t Handle(std::uint32_t control, std::uint32_t, void*, void*) {
 void Main() {
     const kv::test::FakeSystemd manager({{.id = "", .properties = {{"SystemState", scene->system}}}});
     Send(scene->early);
-    usleep(5000);  // in which they are not to be taken
+    usleep(5000);
     EXPECT_EQ(ServiceHost().RegisterServiceCtrlHandlerExW(u"b", Handle, nullptr, handle), error::serviceDoesNotExist);
     EXPECT_EQ(ServiceHost().RegisterServiceCtrlHandlerExW(u"a", Handle, nullptr, handle), error::success);
     Report(scene->early.empty() ? ServiceState::running : ServiceState::startPending);
@@ -70,6 +74,49 @@ void Main() {
     for (int tries = 0; tries < 500 && Traced() != scene->expected; ++tries) usleep(1000);
     usleep(20000);  // in which nothing more may come
     Report(ServiceState::stopped);
+}
+
+std::latch mayGoOn(1), isOver(1);
+
+void StoppedBeforeItReports() {
+    Send({SIGTERM});
+    mayGoOn.wait();
+    EXPECT_EQ(ServiceHost().RegisterServiceCtrlHandlerExW(u"a", Handle, nullptr, handle), error::serviceDoesNotExist);
+    isOver.count_down();
+}
+
+/// So that the next notice finds no room.
+void Fill(int socket) {
+    sockaddr_un address{};
+    socklen_t length = sizeof address;
+    getsockname(socket, reinterpret_cast<sockaddr*>(&address), &length);
+    while (sendto(socket, "", 0, MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&address), length) >= 0) continue;
+}
+
+/// The manager does not read: what is reported counts all the same, and a second stop is none.
+void UnheardMain() {
+    static std::atomic<int> stops = 0;
+    ServiceHost().RegisterServiceCtrlHandlerExW(
+        u"a",
+        [](std::uint32_t, std::uint32_t, void*, void*) {
+            ServiceHost().SetServiceStatus(handle, {.dwCurrentState = ServiceState::stopPending});
+            Send({SIGTERM});
+            return static_cast<std::uint32_t>(++stops);
+        },
+        nullptr, handle);
+    const ServiceStatus running{.dwCurrentState = ServiceState::running, .dwControlsAccepted = 1};
+    EXPECT_EQ(ServiceHost().SetServiceStatus(handle, running), error::serviceRequestTimeout);
+    Send({SIGTERM});
+    while (stops == 0) usleep(1000);
+    usleep(20000);
+    EXPECT_EQ(stops, 1);
+}
+
+TEST(ServiceHost, AManagerThatSaysNothingHoldsUpNoStop) {
+    const kv::test::FakeSystemd silent({}, {"accept", ""});
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(systemd::IsMachineGoingDown(std::chrono::milliseconds(100)));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
 }
 
 TEST(ServiceHost, SignalsBecomeTheControlsThatAreAccepted) {
@@ -90,7 +137,7 @@ TEST(ServiceHost, SignalsBecomeTheControlsThatAreAccepted) {
     const Scene scenes[] = {
         {"a stop, and again meanwhile", {}, {SIGTERM}, running + "1|" + stopping},
         {"a stop from a keyboard", {}, {SIGINT}, running + "1|" + stopping},
-        {"before the handler is there", {SIGTERM}, {}, "STATUS=Starting|1|" + stopping},
+        {"a pause before the handler is there", {SIGUSR1}, {SIGTERM}, "STATUS=Starting|1|" + stopping},
         {"the machine goes down", {}, {SIGTERM}, running + "5|" + stopping, 7, "stopping"},
         {"a hang-up, pause, continue", {}, {SIGHUP, SIGUSR1, SIGUSR2}, running + "2|" + paused + "3|" + running},
         {"pause is not accepted", {}, {SIGUSR1, SIGUSR2, SIGTERM}, running + "1|" + stopping, service_accepts::stop},
@@ -102,6 +149,11 @@ TEST(ServiceHost, SignalsBecomeTheControlsThatAreAccepted) {
         EXPECT_EQ(ServiceHost().StartServiceCtrlDispatcherW(u"a", Main), error::success) << each.title;
         EXPECT_EQ(trace, each.expected + "STATUS=Stopped|") << each.title;
     }
+    EXPECT_EQ(ServiceHost().StartServiceCtrlDispatcherW(u"a", StoppedBeforeItReports), error::success);
+    mayGoOn.count_down();
+    isOver.wait();
+    Fill(managerSocket);
+    EXPECT_EQ(ServiceHost().StartServiceCtrlDispatcherW(u"a", UnheardMain), error::success);
     unsetenv("NOTIFY_SOCKET");
     EXPECT_EQ(ServiceHost().StartServiceCtrlDispatcherW(u"a", Main), error::serviceControllerConnect) << "no socket";
 }

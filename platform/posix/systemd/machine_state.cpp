@@ -1,5 +1,6 @@
 #include "platform/posix/systemd/machine_state.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "platform/posix/systemd/bus_message.h"
@@ -8,6 +9,8 @@
 namespace platform::systemd {
 
 namespace {
+
+using Clock = std::chrono::steady_clock;
 
 constexpr const char* loginName = "org.freedesktop.login1";
 constexpr const char* loginPath = "/org/freedesktop/login1";
@@ -24,6 +27,12 @@ int GetProperty(sd_bus* bus, const char* name, const char* path, const char* int
     if (result >= 0) result = Send(bus, call, answer);
     if (result >= 0) result = sd_bus_message_enter_container(answer.get(), SD_BUS_TYPE_VARIANT, type);
     return result < 0 ? result : sd_bus_message_read_basic(answer.get(), *type, value);
+}
+
+/// What is left until a moment; at least a millisecond, in which an answer that is there already counts.
+std::chrono::milliseconds LeftUntil(Clock::time_point end) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now());
+    return std::max(left, std::chrono::milliseconds(1));
 }
 
 int AskManager(sd_bus* bus, bool& isGoingDown) {
@@ -43,14 +52,26 @@ int AskLogin(sd_bus* bus, bool& isGoingDown) {
     return result;
 }
 
+using Open = int (*)(std::chrono::milliseconds patience, BusConnection& bus);
+using Ask = int (*)(sd_bus* bus, bool& isGoingDown);
+
+/// True when there was an answer before the end.
+bool GetAnswer(Open open, Ask ask, Clock::time_point end, bool& isGoingDown) {
+    BusConnection bus;
+    if (open(LeftUntil(end), bus) < 0) return false;
+    const std::chrono::microseconds left = LeftUntil(end);
+    sd_bus_set_method_call_timeout(bus.get(), static_cast<std::uint64_t>(left.count()));
+    return ask(bus.get(), isGoingDown) >= 0;
+}
+
 }  // namespace
 
 bool IsMachineGoingDown(std::chrono::milliseconds patience) {
+    const Clock::time_point start = Clock::now();
     bool isGoingDown = false;
-    BusConnection bus;
-    if (OpenManagerBus(patience, bus) >= 0 && AskManager(bus.get(), isGoingDown) >= 0) return isGoingDown;
-    if (OpenSystemBus(patience, bus) < 0) return false;
-    if (AskManager(bus.get(), isGoingDown) < 0) AskLogin(bus.get(), isGoingDown);
+    // Half of the time is for whoever is asked last.
+    static_cast<void>(GetAnswer(OpenManagerBus, AskManager, start + patience / 2, isGoingDown) ||
+                      GetAnswer(OpenSystemBus, AskLogin, start + patience, isGoingDown));
     return isGoingDown;
 }
 

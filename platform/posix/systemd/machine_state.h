@@ -5,8 +5,8 @@
 
 namespace platform::systemd {
 
-/// Asks the service manager on its own socket, then on the system's bus, then logind; each waits no longer than the
-/// patience. False where nobody can tell.
+/// Asks the service manager, and where it gives no answer in half of the patience, logind in what is left. False where
+/// nobody can tell.
 bool IsMachineGoingDown(std::chrono::milliseconds patience);
 
 }  // namespace platform::systemd

@@ -162,8 +162,8 @@ int ReadEnding(UnitManager& manager, Row& row) {
 }
 
 /// A text that is empty or that the manager does not give is none.
-int ReadText(UnitManager& manager, int (UnitManager::*read)(const ServiceUnit&, std::string&),
-             const ServiceUnit& unit, std::optional<std::string>& text) {
+int ReadText(UnitManager& manager, int (UnitManager::*read)(const ServiceUnit&, std::string&), const ServiceUnit& unit,
+             std::optional<std::string>& text) {
     std::string given;
     const int result = (manager.*read)(unit, given);
     if (!given.empty()) text = std::move(given);
