@@ -63,10 +63,12 @@ Error WriteUnitFile(const std::string& directory, const std::string& unit, const
     return error::success;
 }
 
-void TakeBack(sd_bus* bus, const std::string& path, const std::string& unit) {
+/// A manager that did not answer is not waited for once more: what it was asked is still to be done, with the file
+/// gone.
+void TakeBack(sd_bus* bus, const std::string& path, const std::string& unit, int failure) {
     const int disabled = DisableUnit(bus, unit);
     unlink(path.c_str());
-    if (!IsLost(disabled)) ReloadManager(bus);
+    if (!IsLost(failure) && !IsLost(disabled)) ReloadManager(bus);
 }
 
 /// Not a link to a file elsewhere, which belongs to someone else.
@@ -82,7 +84,7 @@ Error InstallUnit(sd_bus* bus, const std::string& directory, const std::string& 
     if (const Error failure = WriteUnitFile(directory, unit, description, link); failure != 0) return failure;
     int result = startsWithSystem ? EnableUnit(bus, unit) : 0;
     if (result >= 0) result = ReloadManager(bus);
-    if (result < 0) TakeBack(bus, directory + "/" + unit, unit);
+    if (result < 0) TakeBack(bus, directory + "/" + unit, unit, result);
     return ErrorOfManager(result);
 }
 
