@@ -1,8 +1,8 @@
 // The service manager: what installs, removes, asks, starts and stops the services of this computer.
 //
 // Handles are opened by the caller and closed with CloseServiceHandle (foundation/service_handle.h holds one). A handle
-// belongs to one thread at a time. No operation waits for a service to change its state: that is for the caller, who
-// asks again and again. Names are compared without regard to case.
+// belongs to one thread at a time, together with those opened through it. No operation waits for a service to change
+// its state: that is for the caller, who asks again and again. Names are compared without regard to case.
 //
 // Errors that every operation may give: accessDenied; rpcServerUnavailable where there is no service manager;
 // serviceRequestTimeout where it does not answer; invalidHandle for a handle of 0.
