@@ -51,7 +51,7 @@ TEST_F(ServiceManagerTest, UnitsAreServicesThatTakeControls) {
         std::u16string_view name;
         FakeUnit unit;
         std::uint32_t control;
-        std::string expected;  // errors of open and control, state, exit code, service's own, check point, hint, deeds
+        std::string expected;  // errors of open and control, state, exit code, own one, has a check point, hint, deeds
         BusFault fault = {};
     } rows[] = {
         {"in another letter case", u"A.service", running, ask, "0 0 4 0 0 0 0 "},
@@ -115,8 +115,8 @@ TEST_F(ServiceManagerTest, UnitsAreServicesThatTakeControls) {
             const Error failure = row.control == begin ? services.StartServiceW(service)
                                                        : services.ControlService(service, row.control, status);
             EXPECT_EQ(services.QueryServiceStatusEx(service, status), 0u) << row.title;
-            text += fmt::format(" {} {} {} {} {} {} {}", failure, static_cast<int>(status.dwCurrentState),
-                                status.dwWin32ExitCode, status.dwServiceSpecificExitCode, status.dwCheckPoint,
+            text += fmt::format(" {} {} {} {} {:d} {} {}", failure, static_cast<int>(status.dwCurrentState),
+                                status.dwWin32ExitCode, status.dwServiceSpecificExitCode, status.dwCheckPoint != 0,
                                 status.dwWaitHint, systemd->Deeds());
         }
         EXPECT_EQ(text, row.expected) << row.title;
