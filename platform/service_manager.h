@@ -91,7 +91,7 @@ struct ServiceManagerOperations {
     std::function<Error(ServiceHandle service)> DeleteService;
 
     /// Asks for a start; the service is pending then, or beyond. serviceAlreadyRunning where the system tells so,
-    /// serviceDisabled.
+    /// serviceDisabled, badFormat for one that is described wrongly.
     std::function<Error(ServiceHandle service)> StartServiceW;
 
     /// Sends a control and gives the status that follows from it. dependentServicesRunning for a stop while others that

@@ -55,7 +55,7 @@ std::uint64_t NowMicroseconds() {
 bool IsUsable(sd_bus* bus) {
     int result = bus != nullptr ? 1 : -ENOTCONN;
     while (result > 0) result = sd_bus_process(bus, nullptr);
-    return result == 0 && sd_bus_is_open(bus) > 0;
+    return result == 0 && sd_bus_is_ready(bus) > 0;
 }
 
 Error Connect(Connection& connection) {
@@ -63,6 +63,8 @@ Error Connect(Connection& connection) {
     const int result = connection.manager.Connect(connection.place.patience);
     return IsAbsent(result) ? error::rpcServerUnavailable : ErrorOfManager(result);
 }
+
+bool IsHungUp(int result) { return result == -ECONNRESET || result == -ENOTCONN || result == -EPIPE; }
 
 /// Checks a handle and what it was opened for, and sees to its connection.
 Error Use(ServiceHandle handle, bool isService, std::uint32_t rights) {
@@ -86,10 +88,14 @@ bool CanPause(const UnitCondition& condition) {
            facts.f_type == CGROUP2_SUPER_MAGIC && !IsOwnUnit(condition.id);
 }
 
+/// A unit that is gone since it was opened, as one without a file is once it has ended, is a stopped one.
 Error Look(OpenHandle& service, UnitCondition& condition, ServiceStatus& status) {
-    const int result = ReadCondition(service.connection->Bus(), service.unit, condition);
+    int result = ReadCondition(service.connection->Bus(), service.unit, condition);
+    // Asking once more does no harm, and systemd hangs up whenever it executes itself anew.
+    if (IsHungUp(result) && Connect(*service.connection) == error::success) {
+        result = ReadCondition(service.connection->Bus(), service.unit, condition);
+    }
     if (result < 0) return ErrorOfManager(result);
-    if (!Exists(condition)) return error::serviceDoesNotExist;
     status = StatusOf(condition, CanPause(condition), NowMicroseconds(), service.seen);
     return error::success;
 }
@@ -244,8 +250,8 @@ Error EnumDependentServicesW(ServiceHandle service, std::size_t bufferSize, std:
         ServiceStatus status;
         UnitCondition condition;
         const Error failure = Look(dependent, condition, status);
-        if (failure == error::serviceDoesNotExist) continue;
         if (failure != 0) return failure;
+        if (status.dwCurrentState == stopped) continue;
         const std::u16string name = WideFromUtf8(unit.substr(0, unit.size() - serviceSuffix.size()));
         bytesNeeded += sizeof(DependentService) + (name.size() + 1) * sizeof(char16_t);
         found.push_back({name, status});

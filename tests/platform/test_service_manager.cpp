@@ -3,6 +3,7 @@
 #include <optional>
 
 #include "platform/posix/posix.h"
+#include "platform/posix/systemd/unit_file.h"
 #include "platform/posix/systemd/unit_status.h"
 #include "platform/utf.h"
 #include "tests/support/fake_systemd.h"
@@ -57,10 +58,12 @@ TEST_F(ServiceManagerTest, UnitsAreServicesThatTakeControls) {
         {"in another letter case", u"A.service", running, ask, "0 0 4 0 0 0 0 "},
         {"the same, and there is just its file", u"A", onDisk, ask, "0 1062 1 0 0 0 0 "},
         {"by an alias", u"a", {"b.service", "active", "loaded", "", "a.service"}, ask, "0 0 4 0 0 0 0 "},
-        {"by what no unit can be called", u"A  - B\u00E4", {"a-b.service", "active"}, ask, "0 0 4 0 0 0 0 "},
+        {"by what no unit can be called", u"A  - B", {"a-b.service", "active"}, ask, "0 0 4 0 0 0 0 "},
         {"by escapes", u"a\\x2dB@c", {"a\\x2dB@c.service", "active"}, ask, "0 0 4 0 0 0 0 "},
         {"none of that name", u"a", {"ab.service", "active"}, ask, "1060"},
         {"no name at all", u" -_ ", running, ask, "123"},
+        {"little is left of it", u"a;", running, ask, "123"},
+        {"little is left of it", u"\u65E5-a", running, ask, "123"},
         {"that of a template", u"a@", {"a@.service"}, ask, "123"},
         {"being frozen", u"a", A("active", {{"FreezerState", "freezing"}}), stop, "0 1061 6 0 0 1 500 "},
         {"being thawed", u"a", A("active", {{"FreezerState", "thawing"}}), ask, "0 0 5 0 0 1 500 "},
@@ -139,13 +142,35 @@ TEST(UnitStatus, AChangeMakesProgressForHalfAMinute) {
     EXPECT_EQ(checkPoint("active", 99'000'000), 0u);
 }
 
+TEST_F(ServiceManagerTest, WhatIsGoneMeanwhile) {
+    ServiceStatus status;
+    {
+        const FakeSystemd systemd({A("active")});
+        ASSERT_EQ(Open(u"a"), 0u);
+    }
+    {
+        const FakeSystemd systemd({A("inactive", {}, "", "not-found")});
+        EXPECT_EQ(services.QueryServiceStatusEx(service, status), error::success) << "another manager is there";
+        EXPECT_EQ(status.dwCurrentState, ServiceState::stopped) << "the unit";
+        EXPECT_EQ(services.StartServiceW(service), error::serviceDoesNotExist);
+    }
+    const FakeSystemd silent({}, {"accept", ""});
+    const auto start = std::chrono::steady_clock::now();
+    for (int times = 0; times < 2; ++times) {
+        EXPECT_EQ(services.QueryServiceStatusEx(service, status), error::serviceRequestTimeout);
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+}
+
 TEST_F(ServiceManagerTest, DependentsComeInTheOrderOfTheirStops) {
-    const FakeSystemd systemd({A("active", {{"RequiredBy", "b.service d.service t.target"}}),
-                               {.id = "b.service", .active = "active", .properties = {{"RequisiteOf", "c.service"}}},
-                               {.id = "c.service", .active = "activating", .properties = {{"RequiredBy", "a.service"}}},
-                               {.id = "d.service", .active = "failed", .properties = {{"BoundBy", "e.service"}}},
-                               {.id = "e.service", .active = "deactivating"},
-                               {.id = "t.target", .properties = {{"BoundBy", "c.service"}}}});
+    const FakeSystemd systemd(
+        {A("active", {{"RequiredBy", "b.service d.service t.target"}}),
+         {.id = "b.service", .active = "active", .properties = {{"RequisiteOf", "c.service"}}},
+         {.id = "c.service", .active = "activating", .properties = {{"RequiredBy", "a.service"}}},
+         {.id = "d.service", .active = "failed", .properties = {{"BoundBy", "e.service f.service"}}},
+         {.id = "f.service", .active = "inactive", .job = "start"},
+         {.id = "e.service", .active = "deactivating"},
+         {.id = "t.target", .properties = {{"BoundBy", "c.service"}}}});
     ASSERT_EQ(Open(u"a"), 0u);
     std::vector<DependentService> found;
     std::size_t size = 0;
@@ -155,7 +180,7 @@ TEST_F(ServiceManagerTest, DependentsComeInTheOrderOfTheirStops) {
             std::to_string(services.EnumDependentServicesW(service, size - std::min(missing, size), found, size)) + " ";
         for (const auto& dependent : found) text += Utf8FromWide(dependent.name) + " ";
     }
-    EXPECT_EQ(text, "234 234 0 c e b ");
+    EXPECT_EQ(text, "234 234 0 c f e b ");
 }
 
 TEST_F(ServiceManagerTest, MakesAndRemovesUnits) {
@@ -171,6 +196,7 @@ TEST_F(ServiceManagerTest, MakesAndRemovesUnits) {
         {"not answered", {"Reload", ""}, 1053, [](auto&) {}},
         {"a service of that name", {}, 1073, [](auto& made) { made.name = u"A"; }},
         {"no name", {}, 123, [](auto& made) { made.name = u"-"; }},
+        {"a program that systemd does not take", {}, 123, [](auto& made) { made.binaryPath.insert(3, u"'"); }},
         {"no program", {}, 2, [](auto& made) { made.binaryPath.insert(3, u"x"); }},
         {"a directory", {}, 2, [](auto& made) { made.binaryPath = u"\"/tmp\""; }},
         {"a program without quotes", {}, 87, [](auto& made) { made.binaryPath.pop_back(); }},
@@ -205,30 +231,32 @@ TEST_F(ServiceManagerTest, MakesAndRemovesUnits) {
         EXPECT_EQ(systemd.Deeds(), "Reload, ") << title;
         EXPECT_EQ(Read(units / unit),
                   fmt::format(
-                      "[Unit]\nDescription=100%% \\ \nRequires=a.service\nAfter=a.service\n"
+                      "{}\n[Unit]\nDescription=100%% \\ \nRequires=a.service\nAfter=a.service\n"
                       "Requires=other-agent.service\nAfter=other-agent.service\nAfter=network.target dbus.service\n{}\n"
                       "[Service]\nType=notify\nNotifyAccess=main\nExecStart=:\"{}/a $b %%c\"\n"
                       "Environment=\"KVAGENT_STATE_DIR={}\"\nKillMode=mixed\nTimeoutStopSec=30\n{}\n"
                       "[Install]\nWantedBy=multi-user.target\n",
-                      limits, bin.string(), StateDirectory(), restarts))
+                      systemd::unitFileMark, limits, bin.string(), StateDirectory(), restarts))
             << title;
     }
     EXPECT_EQ(Open(u"", &good), error::serviceExists) << "the manager has not read the file yet";
 }
 
 TEST_F(ServiceManagerTest, RemovesNoUnitOfOthers) {
-    Write(units / "a.service", "");
+    Write(units / "a.service", systemd::unitFileMark);
+    Write(units / "d.service", "[Unit]\n");
     std::filesystem::create_symlink("a.service", units / "b.service");
     FakeSystemd systemd({{.id = "a.service", .file = units / "a.service"},
                          {.id = "b.service", .file = units / "b.service"},
-                         {.id = "c.service", .file = "/lib/c.service"}});
-    for (const std::u16string_view name : {u"b", u"c", u"a"}) {
+                         {.id = "c.service", .file = "/lib/c.service"},
+                         {.id = "d.service", .file = units / "d.service"}});
+    for (const std::u16string_view name : {u"b", u"c", u"d", u"a"}) {
         ASSERT_EQ(Open(name), 0u);
         EXPECT_EQ(services.ChangeServiceConfig2W(service, {}), error::notSupported);
         EXPECT_EQ(services.DeleteService(service), name == u"a" ? 0u : error::accessDenied);
     }
     EXPECT_EQ(systemd.Deeds(), "DisableUnitFiles a.service, Reload, ");
-    EXPECT_EQ(FilesIn(units), std::vector<std::string>{"b.service"});
+    EXPECT_EQ(FilesIn(units), (std::vector<std::string>{"b.service", "d.service"}));
 }
 
 }  // namespace

@@ -8,7 +8,7 @@
 # input ends, so that no box outlives the one who started it. FOLDER is shared, under the same path. Where no box can be
 # had it exits with 1, after telling why on standard error. NAME is that of no other box at the time.
 #
-# Needs root and Debian's packages systemd, systemd-sysv, systemd-container, dbus and procps.
+# Needs root and Debian's packages systemd, systemd-container, dbus and procps.
 set -euo pipefail
 name=$1 folder=$2
 

@@ -36,7 +36,10 @@ int WaitUntilReady(sd_bus* bus, Clock::time_point deadline) {
 int MakeReady(sd_bus* opened, std::chrono::milliseconds patience, Clock::time_point deadline, BusConnection& bus) {
     bus.reset(opened);
     sd_bus_set_method_call_timeout(opened, Microseconds(patience));
-    return WaitUntilReady(opened, deadline);
+    const int result = WaitUntilReady(opened, deadline);
+    // One that is still to be greeted would let the next call wait for that as long as sd-bus likes.
+    if (result < 0) bus.reset();
+    return result;
 }
 
 bool ReachesManagerDirectly() {

@@ -156,7 +156,8 @@ int ListActiveDependents(sd_bus* bus, const std::string& unit, std::vector<std::
     std::vector<ServiceUnit> services;
     const int listed = ListByNames(bus, needing, services);
     for (const ServiceUnit& service : services) {
-        if (!IsAtRest(service.activeState)) dependents.push_back(service.id);
+        const bool isToStart = service.pendingJob == "start" || service.pendingJob == "restart";
+        if (!IsAtRest(service.activeState) || isToStart) dependents.push_back(service.id);
     }
     return listed;
 }

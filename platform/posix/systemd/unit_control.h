@@ -46,8 +46,8 @@ int StopUnit(sd_bus* bus, const std::string& unit);
 int FreezeUnit(sd_bus* bus, const std::string& unit);
 int ThawUnit(sd_bus* bus, const std::string& unit);
 
-/// Services that are not at rest and need the unit to run, directly or through units of any kind, each before those
-/// that it needs itself. Units that need each other come in some order.
+/// Services that are not at rest, or are to be started, and need the unit to run, directly or through units of any
+/// kind, each before those that it needs itself. Units that need each other come in some order.
 int ListActiveDependents(sd_bus* bus, const std::string& unit, std::vector<std::string>& dependents);
 
 /// Read all unit files anew, after one was written or deleted. Waits five times as long as other calls.

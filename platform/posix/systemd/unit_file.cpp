@@ -61,7 +61,7 @@ Recovery RecoveryOf(const ServiceFailureActions& actions) {
 
 std::string UnitFileText(const UnitDescription& unit) {
     const Recovery recovery = unit.failureActions ? RecoveryOf(*unit.failureActions) : Recovery();
-    std::string text = fmt::format("[Unit]\nDescription={}\n", LineOf(unit.description));
+    std::string text = fmt::format("{}\n[Unit]\nDescription={}\n", unitFileMark, LineOf(unit.description));
     for (const std::string& name : unit.dependencies) text += fmt::format("Requires={0}\nAfter={0}\n", name);
     text += "After=network.target dbus.service\n" + recovery.ofUnit;
     text += "\n[Service]\nType=notify\nNotifyAccess=main\n";

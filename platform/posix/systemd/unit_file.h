@@ -3,6 +3,7 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "platform/service_manager.h"
@@ -17,6 +18,10 @@ struct UnitDescription {
     std::vector<std::pair<std::string, std::string>> environment;
     std::optional<ServiceFailureActions> failureActions;  // none: never started again
 };
+
+/// How such a text begins.
+inline constexpr std::string_view unitFileMark =
+    "# Written by the service that it describes, which removes it again only where it begins with this line.\n";
 
 /// A failed service is started again after the first step's delay, as often as the steps begin with restarts, and
 /// without end when all of them are; a stop that was asked for sets that count back.

@@ -56,7 +56,8 @@ Error WriteUnitFile(const std::string& directory, const std::string& unit, const
     NewFile file(directory);
     const std::string path = directory + "/" + unit;
     if (!file.Write(UnitFileText(description)) || nameFile(file.path(), path.c_str()) != 0) {
-        return errno == EEXIST ? error::serviceExists : ErrorFromErrno(errno);
+        if (errno == EEXIST) return error::serviceExists;
+        return errno == ENOENT ? error::pathNotFound : ErrorFromErrno(errno);
     }
     const Descriptor opened(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     fsync(opened.number());  // the name as well; without it nothing is lost but this after a power failure
@@ -71,10 +72,12 @@ void TakeBack(sd_bus* bus, const std::string& path, const std::string& unit, int
     if (!IsLost(failure) && !IsLost(disabled)) ReloadManager(bus);
 }
 
-/// Not a link to a file elsewhere, which belongs to someone else.
+/// Whether it was written here. Not a link to a file elsewhere, nor one that an administrator has made.
 bool IsOwnFile(const std::string& path) {
     struct stat facts {};
-    return lstat(path.c_str(), &facts) == 0 && S_ISREG(facts.st_mode);
+    if (lstat(path.c_str(), &facts) != 0 || !S_ISREG(facts.st_mode)) return false;
+    const auto text = wmi::ReadSystemFile(path);
+    return text && text->starts_with(unitFileMark);
 }
 
 }  // namespace

@@ -19,7 +19,17 @@ bool MayStandInUnitName(char character) {
     return IsLetterOrDigit(character) || std::string_view(":-_.\\@").find(character) != std::string_view::npos;
 }
 
+bool HasServiceSuffix(std::string_view name) {
+    if (name.size() < serviceSuffix.size()) return false;
+    const std::string_view end = name.substr(name.size() - serviceSuffix.size());
+    return std::equal(end.begin(), end.end(), serviceSuffix.begin(),
+                      [](char own, char small) { return (IsUpper(own) ? own | caseBit : own) == small; });
+}
+
+/// Empty for a name in which nothing lies between letters or digits, or that is not all ASCII: with what is left of it
+/// another service could be meant.
 std::string Hyphenated(std::string_view name) {
+    if (std::any_of(name.begin(), name.end(), [](char character) { return (character & 0x80) != 0; })) return {};
     std::string unit;
     for (const char character : name) {
         if (IsLetterOrDigit(character)) {
@@ -29,17 +39,17 @@ std::string Hyphenated(std::string_view name) {
         }
     }
     if (unit.ends_with('-')) unit.pop_back();
-    return unit;
+    return unit.find('-') == std::string::npos ? std::string() : unit;
 }
 
 }  // namespace
 
 std::string UnitNameOf(std::string_view serviceName) {
-    if (serviceName.ends_with(serviceSuffix)) serviceName.remove_suffix(serviceSuffix.size());
+    if (HasServiceSuffix(serviceName)) serviceName.remove_suffix(serviceSuffix.size());
     if (std::none_of(serviceName.begin(), serviceName.end(), IsLetterOrDigit)) return {};
     const bool isPlain = std::all_of(serviceName.begin(), serviceName.end(), MayStandInUnitName);
     std::string unit = isPlain ? std::string(serviceName) : Hyphenated(serviceName);
-    if (unit.starts_with('@') || unit.ends_with('@')) return {};  // a template is no unit yet
+    if (unit.empty() || unit.starts_with('@') || unit.ends_with('@')) return {};  // a template is no unit yet
     unit += serviceSuffix;
     return unit.size() <= longestUnitName ? unit : std::string();
 }

@@ -43,11 +43,18 @@ std::string WithoutForeignSuffix(std::string path) {
     return path;
 }
 
+/// The manager takes no program with such a character in its path, however it is quoted.
+bool IsRefusedInProgram(char character) {
+    return static_cast<unsigned char>(character) < ' ' ||
+           std::string_view("'\"\\\x7f").find(character) != std::string_view::npos;
+}
+
 Error ReadProgram(std::u16string_view quoted, std::string& program) {
     if (quoted.size() < 2 || quoted.front() != u'"' || quoted.find(u'"', 1) != quoted.size() - 1) {
         return error::invalidParameter;
     }
     program = WithoutForeignSuffix(NativePathOf(quoted.substr(1, quoted.size() - 2)));
+    if (std::any_of(program.begin(), program.end(), IsRefusedInProgram)) return error::invalidName;
     return IsProgram(program) ? error::success : error::fileNotFound;
 }
 
