@@ -9,6 +9,7 @@
 #include <unistd.h>
 #include <utility>
 
+#include "platform/posix/descriptor.h"
 #include "platform/posix/file_search.h"
 #include "platform/posix/posix.h"
 #include "platform/utf.h"
@@ -21,22 +22,6 @@ namespace fs = std::filesystem;
 
 constexpr mode_t newFileMode = 0644;
 constexpr mode_t newDirectoryMode = 0755;
-
-/// A file descriptor, closed at the end.
-class Descriptor {
-  public:
-    explicit Descriptor(int number) : number_(number) {}
-    ~Descriptor() {
-        if (number_ >= 0) close(number_);
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int number() const { return number_; }
-    int Release() { return std::exchange(number_, -1); }
-
-  private:
-    int number_;
-};
 
 /// Descriptor 0 is a good one and handle 0 is none, so a handle is one more than its descriptor.
 FileHandle HandleOf(int descriptor) { return static_cast<FileHandle>(descriptor) + 1; }
@@ -92,7 +77,7 @@ Error CreateFileW(std::u16string_view path, FileAccess access, FileShare, FileDi
     const bool mayCreate = disposition != FileDisposition::openExisting;
     const std::string native = mayCreate ? NewPathOf(path) : NativePathOf(path);
     Descriptor opened(OpenDescriptor(native, OpenFlags(access, disposition)));
-    if (opened.number() < 0) return LastPathError(native);
+    if (!opened.isOpen()) return LastPathError(native);
     struct stat status {};
     if (access == FileAccess::read) {  // no directory can be opened for writing
         if (fstat(opened.number(), &status) != 0) return LastError();

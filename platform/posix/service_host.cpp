@@ -24,7 +24,7 @@
 #include <thread>
 #include <unistd.h>
 
-#include "platform/posix/facts/system_text.h"
+#include "platform/posix/descriptor.h"
 #include "platform/posix/posix.h"
 #include "platform/posix/systemd/machine_state.h"
 
@@ -193,9 +193,9 @@ bool DeliverControls(int signals, int wake) noexcept {
 Error StartServiceCtrlDispatcherW(std::u16string_view serviceName, ServiceMainRoutine serviceMain) try {
     if (!IsStartedByManager()) return error::serviceControllerConnect;
     const HeldSignals held;
-    const wmi::Descriptor signals(signalfd(-1, &held.set(), SFD_CLOEXEC | SFD_NONBLOCK));
+    const Descriptor signals(signalfd(-1, &held.set(), SFD_CLOEXEC | SFD_NONBLOCK));
     if (!signals.isOpen()) return ErrorFromErrno(errno);
-    const wmi::Descriptor wake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    const Descriptor wake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     if (!wake.isOpen()) return ErrorFromErrno(errno);
     const Hosting hosting(serviceName, wake.number());
     std::thread mainThread(RunServiceMain, serviceMain, hosting.run());
@@ -259,7 +259,7 @@ Error Notify(std::string_view notice) {
     sockaddr_un address{};
     const socklen_t length = ManagerAddress(address);
     if (length == 0) return error::serviceControllerConnect;
-    const wmi::Descriptor sender(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const Descriptor sender(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     if (!sender.isOpen()) return ErrorFromErrno(errno);
     setsockopt(sender.number(), SOL_SOCKET, SO_SNDTIMEO, &noticePatience, sizeof noticePatience);
     const auto* const to = reinterpret_cast<const sockaddr*>(&address);

@@ -11,7 +11,7 @@
 #include <unistd.h>
 
 #include "platform/backend.h"
-#include "platform/posix/facts/system_text.h"
+#include "platform/posix/descriptor.h"
 #include "platform/posix/systemd/machine_state.h"
 #include "platform/service_host.h"
 #include "tests/support/fake_systemd.h"
@@ -121,7 +121,7 @@ TEST(ServiceHost, AManagerThatSaysNothingHoldsUpNoStop) {
 
 TEST(ServiceHost, SignalsBecomeTheControlsThatAreAccepted) {
     InstallBackend();
-    const wmi::Descriptor manager(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const Descriptor manager(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     managerSocket = manager.number();
     sockaddr_un address{AF_UNIX, {}};
     const std::string name = "kv_test_notices_" + std::to_string(getpid());

@@ -22,10 +22,6 @@ std::optional<std::uint64_t> WholeNumber(std::string_view text, int base) {
 
 }  // namespace
 
-Descriptor::~Descriptor() {
-    if (isOpen()) close(number_);
-}
-
 ssize_t ReadOnce(int file, char* to, std::size_t room) {
     ssize_t got = 0;
     do {

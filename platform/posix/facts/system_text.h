@@ -8,22 +8,9 @@
 #include <string_view>
 #include <sys/types.h>
 
+#include "platform/posix/descriptor.h"
+
 namespace platform::wmi {
-
-/// A file or socket, closed at the end; below 0: none.
-class Descriptor {
-  public:
-    explicit Descriptor(int number) : number_(number) {}
-    ~Descriptor();
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-
-    int number() const { return number_; }
-    bool isOpen() const { return number_ >= 0; }
-
-  private:
-    int number_;
-};
 
 /// read(2), again when it was interrupted.
 ssize_t ReadOnce(int file, char* to, std::size_t room);

@@ -15,8 +15,6 @@ namespace platform::systemd {
 
 namespace {
 
-using wmi::Descriptor;
-
 constexpr mode_t unitFileMode = 0644;
 
 /// A file under a name of its own that is gone at the end.

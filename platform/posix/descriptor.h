@@ -1,0 +1,28 @@
+// A file descriptor that ends with its scope.
+#pragma once
+
+#include <unistd.h>
+#include <utility>
+
+namespace platform {
+
+/// A file or socket, closed at the end; below 0: none.
+class Descriptor {
+  public:
+    explicit Descriptor(int number) : number_(number) {}
+    ~Descriptor() {
+        if (number_ >= 0) close(number_);
+    }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+
+    int number() const { return number_; }
+    /// Hands it over to the caller.
+    int Release() { return std::exchange(number_, -1); }
+    bool isOpen() const { return number_ >= 0; }
+
+  private:
+    int number_;
+};
+
+}  // namespace platform
