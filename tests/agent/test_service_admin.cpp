@@ -34,6 +34,7 @@ TEST_F(ServiceAdmin, ServesItsOwnServiceAndSaysSo) {
     constexpr auto stop = [] { return StopService(), 0U; };
     constexpr auto install = [] { return Install(), 0U; };
     constexpr auto remove = [] { return UnInstall(), 0U; };
+    constexpr auto restart = [] { return RestartService(), 0U; };
     constexpr auto none = SIZE_MAX;
     constexpr auto isUnknown = "\t IsWin2kOS : Problem in identifying the operating system !!!";
     const FakeService idle{.waitHint = 5000}, runs{.state = running, .waitHint = 5000};
@@ -73,8 +74,12 @@ TEST_F(ServiceAdmin, ServesItsOwnServiceAndSaysSo) {
         {stop, runs, 2, "StopService: QueryServiceStatusEx failed (5)"},
         {stop, runs, 3, "StopService: ControlService failed (5)"},
         {stop, runs, 4, "StopService: QueryServiceStatusEx failed (5)"},
-        {[] { return RestartService(), 0U; }, runs, none, "StartingService : StartService SUCCESS."},
+        {restart, runs, none, "Restart Service: About to stop service"},
+        {restart, runs, none, "StopService: Service stopped successfully"},
+        {restart, runs, none, "Restart Service: About to restart service"},
+        {restart, runs, none, "StartingService : StartService SUCCESS."},
         {IsOld<nt, 5, 0>, runs, none, "IsWin2kOS : Windows 2000 Operating system. ", 1},
+        {IsOld<nt, 5, 1>, runs, none, "\tbOsVersionInfoEx value is 1 "},
         {IsOld<nt, 10, 0>, runs, none, "\tbOsVersionInfoEx value is 1 "},
         {IsOld<nt, 4, 0>, runs, none, isUnknown, 1},
         {IsOld<other, 6, 1>, runs, none, isUnknown, 1},
@@ -87,7 +92,11 @@ TEST_F(ServiceAdmin, ServesItsOwnServiceAndSaysSo) {
         if (service.pending == stopPending) service.since = Clock().GetTickCount64();
         fake.calls.clear();
         fake.failingCall = row.failingCall;
+        const std::int64_t began = clock.nowMilliseconds();
         EXPECT_EQ(row.operation(), row.result);
+        if (std::string_view(row.logged).find("timed out") != std::string_view::npos) {
+            EXPECT_EQ(clock.nowMilliseconds() - began, 61000) << "the first look after a minute";
+        }
         const std::string log = LogText().substr(before);
         EXPECT_NE(log.find(" " + std::string(row.logged) + "\n"), log.npos) << log;
         EXPECT_EQ(log.find("StopService: ") == log.npos,

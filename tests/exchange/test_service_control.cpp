@@ -25,6 +25,7 @@ TEST(ServiceControl, WaitsAsTheServiceSaysAndEndsWithTheFirstFailure) {
         {"start with dependents", start, {.dependents = five}, "false"},
         {"five dependents", stop, {.state = running, .dependents = five}, "true 13x1000"},
         {"start", start, {}, "true 3x1000"},
+        {"start that fails", start, {.startsTo = stopped}, "false 3x1000"},
         {"start that takes too long", start, {.takes = 30500}, "false 31x1000"},
         {"start that never ends", start, {.takes = ever}, "false 31x1000"},
         {"start without a hint", start, {.takes = ever, .waitHint = 0}, "false 301x100"},
@@ -42,6 +43,7 @@ TEST(ServiceControl, WaitsAsTheServiceSaysAndEndsWithTheFirstFailure) {
         {"one stuck", stop, {.state = running, .dependents = five}, "false 31x1000", ever},
         {"pause", PauseServiceAndWait, {.state = running}, "true 3x1000"},
         {"pause of a paused one", PauseServiceAndWait, {.state = paused}, "false"},
+        {"continue", ContinueServiceAndWait, {.state = paused}, "true 3x1000"},
         {"continue that never ends", ContinueServiceAndWait, {.state = paused, .takes = ever}, "false 31x1000"},
     };
     VirtualClock clock;

@@ -23,8 +23,8 @@ static bool IsStopped(const FakeService& service) { return StatusOf(service).dwC
 /// Starts a service, for the control 0, or does what a control says.
 static Error Change(FakeService& service, std::uint32_t control) {
     using enum ServiceState;
-    constexpr std::pair<ServiceState, ServiceState> changes[] = {
-        {running, startPending}, {stopped, stopPending}, {paused, pausePending}, {running, continuePending}};
+    const std::pair<ServiceState, ServiceState> changes[] = {
+        {service.startsTo, startPending}, {stopped, stopPending}, {paused, pausePending}, {running, continuePending}};
     std::tie(service.state, service.pending) = changes[control];
     return service.since = Clock().GetTickCount64(), success;
 }

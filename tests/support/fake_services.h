@@ -14,6 +14,7 @@ struct FakeService {
     platform::ServiceState pending = {};                                        // until then
     std::uint32_t takes = 3000, waitHint = 1000, checkPointEvery = UINT32_MAX;  // milliseconds; two points
     std::vector<std::u16string> dependents = {};
+    platform::ServiceState startsTo = platform::ServiceState::running;
     std::uint64_t since = 0;  // tick count of the change; 0 for none
 };
 
