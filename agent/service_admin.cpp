@@ -108,6 +108,9 @@ Error InstallService() {
     }
     const Creation creation = CreateAgentService(manager);
     if (creation.failure == success) Log1("Install: errorCode for OC Agent is %d\n", creation.recoveryFailure);
+    if (creation.recoveryFailure != success)
+        std::fprintf(stderr, "MonitoringAgent: it is not started again after a failure (error %u)\n",
+                     creation.recoveryFailure);
     return creation.failure;
 }
 
@@ -213,7 +216,12 @@ void StopOpened(StopWait& wait) {
         Log1("StopService: ControlService failed (%d)\n", failure);
         return;
     }
-    while (GoesOn(wait, "StopService: Service stopped successfully\n", "StopService: Wait timed out\n")) continue;
+    constexpr const char* stopped = "StopService: Service stopped successfully\n";
+    if (wait.status.dwCurrentState == ServiceState::stopped) {
+        Log2(stopped);
+        return;
+    }
+    while (GoesOn(wait, stopped, "StopService: Wait timed out\n")) continue;
 }
 
 }  // namespace

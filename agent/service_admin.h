@@ -17,7 +17,7 @@ void UnInstall();
 /// opened, or the number of the state it stays in.
 std::uint32_t StartingService(std::u16string_view name);
 
-/// Stops this agent's own service, this process that is, and waits up to a minute for its end.
+/// Stops the service of this agent, which is this process when it runs as one, and waits about a minute for its end.
 void StopService();
 
 void RestartService();

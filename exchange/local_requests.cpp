@@ -138,8 +138,7 @@ void SendReply(const Exchange& exchange) {
     PutHashText(reply, u"MSPCUSTOMERID", agentState.gv_custID.value_or(u""));
     const std::u16string json = HashToJSONString(reply);
     Log2("\t About to send response to CS - %s\n", json);
-    Log2("\t ExecWMIQuery :: URL is %s&action=%s&requestId=%s\n", RequestServletUrl(), QueryValue(exchange.type),
-         QueryValue(exchange.id));
+    Log2("\t ExecWMIQuery :: URL is %s\n", RequestAnswerUrl(exchange.type, exchange.id));
     PostRequestAnswer(exchange.type, exchange.id, json);
 }
 

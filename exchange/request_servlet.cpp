@@ -17,10 +17,14 @@ std::u16string RequestText(const HashTable* request, std::u16string_view key) {
     return text ? text : u"";
 }
 
+std::u16string RequestAnswerUrl(std::u16string_view action, std::u16string_view requestId) {
+    std::u16string url = RequestServletUrl();
+    return url.append(u"&action=").append(QueryValue(action)).append(u"&requestId=").append(QueryValue(requestId));
+}
+
 void PostRequestAnswer(std::u16string_view action, std::u16string_view requestId, std::u16string_view json) {
     Log3("\t Inside PostRequestAnswer() \n");
-    std::u16string url = RequestServletUrl();
-    url.append(u"&action=").append(QueryValue(action)).append(u"&requestId=").append(QueryValue(requestId));
+    std::u16string url = RequestAnswerUrl(action, requestId);
     Log3("\t PostRequestAnswer :: URL is %s, the answer is %s\n", url, json);
     const std::string bytes = Utf16LittleEndianBytes(json);
     const platform::Error result =

@@ -57,8 +57,8 @@ bool Open(const Task& task, std::uint32_t rights, OpenedService& opened) {
 
 /// An operation ends for the state that the service is in.
 bool RefuseState(const Task& task, const ServiceStatus& status) {
-    Log1("\t %s :: The service %s is in the state %d. Nothing more is done\n", task.operation, task.service,
-         status.dwCurrentState);
+    Log1("\t %s :: The service %s is in the state %d, its exit codes are %d and %d. Nothing more is done\n",
+         task.operation, task.service, status.dwCurrentState, status.dwWin32ExitCode, status.dwServiceSpecificExitCode);
     return false;
 }
 
@@ -132,14 +132,15 @@ bool ForEachDependent(const char* operation, ServiceHandle service, Serve serve)
            });
 }
 
-/// It is the service depended on that is started, so this goes well for one dependent at the most.
+/// It is the service depended on that is started: where the manager refuses to start one that runs, this goes well for
+/// one dependent at the most.
 bool StartForDependent(const Task& task, ServiceHandle service, ServiceHandle manager, std::uint64_t since) {
     OwnedServiceHandle dependent;
     constexpr std::uint32_t rights = service_right::queryStatus | service_right::start;
     ServiceStatus status;
     return Succeeds(task, "OpenServiceW",
                     ServiceManager().OpenServiceW(manager, task.service, rights, dependent.handle)) &&
-           Succeeds(task, "StartServiceW", ServiceManager().StartServiceW(service)) &&
+           Succeeds(task, "StartServiceW of the service depended on", ServiceManager().StartServiceW(service)) &&
            Succeeds(task, "QueryServiceStatusEx", ServiceManager().QueryServiceStatusEx(dependent.handle, status)) &&
            PollUntil(task, dependent.handle, ServiceState::running, since, status);
 }
@@ -217,7 +218,10 @@ bool WaitWhilePending(ServiceHandle service, ServiceState pending, ServiceStatus
     while (status.dwCurrentState == pending) {
         platform::Clock().Sleep(std::clamp(status.dwWaitHint / 10, 1000U, 10000U));
         ServiceStatus now;
-        if (ServiceManager().QueryServiceStatusEx(service, now) != platform::error::success) return false;
+        if (const Error failure = ServiceManager().QueryServiceStatusEx(service, now)) {
+            Log1("\t WaitWhilePending :: QueryServiceStatusEx failed (%d)\n", failure);
+            return false;
+        }
         status = now;
         if (status.dwCheckPoint > checkPoint) {
             since = TickCount();

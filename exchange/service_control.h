@@ -1,7 +1,8 @@
 // Starting, stopping, pausing and continuing any service of this computer, and waiting until it is done.
 //
 // Each operation blocks its thread, asking the service manager again and again, and says whether the service has
-// reached the state in time. Handles are opened and closed within.
+// reached the state in time. Handles are opened and closed within. A limit is looked at after each sleep, which is as
+// long as the service's wait hint says, however long that is.
 #pragma once
 
 #include <string_view>
@@ -11,7 +12,8 @@
 namespace kv {
 
 /// True when the service was stopped and runs now, its active dependents seen to before. A service that is stopping is
-/// waited for first. 30 seconds at most for the dependents, and again for the service itself.
+/// waited for first, as long as it makes progress. 30 seconds at most for the dependents, and again for the service
+/// itself.
 bool StartServiceAndWait(std::u16string_view name);
 
 /// True when the service is stopped now, after all that depend on it; false for one that was stopped or stopping
