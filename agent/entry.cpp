@@ -168,7 +168,7 @@ void InitAgentParams() {
 
 void ProcessTestMonitor() {}
 
-int Main(int argc, char** argv) {
+int Main(const std::vector<std::string>& words) {
     agentState.gv_ocAgentBinPath.reset();
     InitMutex();
     if (!FindBinPath()) return 0;
@@ -178,10 +178,10 @@ int Main(int argc, char** argv) {
         // Every path of the agent hangs on this one, the log's too: without it there is nothing safe to do.
         return 1;
     }
-    if (argc < 2) return RunAsService();
+    if (words.size() < 2) return RunAsService();
 
     std::u16string argument;
-    ChangeUtf8ToWideStr(argv[1], argument);
+    ChangeUtf8ToWideStr(words[1].c_str(), argument);
     if (CompareIgnoreCase(argument, u"/i") == 0) return RunInstall();
     if (CompareIgnoreCase(argument, u"/u") == 0) return RunUnInstall();
     if (CompareIgnoreCase(argument, u"/t") == 0) RunInConsole(argument);

@@ -1,10 +1,14 @@
 // The program's entry: finds the install directory, sets every default and takes the run mode from the first argument.
 #pragma once
 
+#include <string>
+#include <vector>
+
 namespace kv {
 
-/// The process exit code. "/t" does not return.
-int Main(int argc, char** argv);
+/// Takes the words of the command line, the program's own name first, in UTF-8. The process exit code; "/t" does not
+/// return.
+int Main(const std::vector<std::string>& words);
 
 /// Every default of the agent state.
 void InitAgentParams();

@@ -6,7 +6,7 @@
 
 int main(int argc, char** argv) {
     platform::InstallBackend();
-    const int exitCode = kv::Main(argc, argv);
+    const int exitCode = kv::Main(platform::CommandLineWords(argc, argv));
     // Other threads work until the process ends around them, so nothing static is destroyed under them.
     std::fflush(nullptr);
     std::_Exit(exitCode);

@@ -5,6 +5,9 @@ target_compile_options(kv_flags INTERFACE
   -Wimplicit-fallthrough -Werror=return-type
   # GCC 12 sees an overlap in every short literal assigned to a string, once it has inlined the library.
   $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict>)
+if(WIN32)
+  target_compile_definitions(kv_flags INTERFACE UNICODE _UNICODE NOMINMAX WIN32_LEAN_AND_MEAN _WIN32_WINNT=0x0601)
+endif()
 target_include_directories(kv_flags INTERFACE ${CMAKE_SOURCE_DIR})
 
 # kv_library(NAME SOURCES... DEPENDS...): a folder's target, included from the root of the tree.

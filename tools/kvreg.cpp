@@ -401,8 +401,8 @@ void Run(std::span<const std::string> words) {
 int main(int argc, char** argv) {
     try {
         platform::InstallBackend();
-        const std::vector<std::string> words(argv + (argc > 0), argv + argc);
-        kv::Run(words);
+        const std::vector<std::string> words = platform::CommandLineWords(argc, argv);
+        kv::Run(std::span(words).subspan(words.empty() ? 0 : 1));
         kv::FlushOutput();
         return kv::exitSuccess;
     } catch (const kv::Quit& quit) {

@@ -36,4 +36,6 @@ void InstallBackend() {
     CurrentOperations<WmiOperations>() = PosixWmi();
 }
 
+std::vector<std::string> CommandLineWords(int argc, char** argv) { return {argv, argv + argc}; }
+
 }  // namespace platform

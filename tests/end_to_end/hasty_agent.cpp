@@ -23,7 +23,7 @@ int main(int argc, char** argv) {
     threads.WaitForThread = [wait = threads.WaitForThread](platform::ThreadHandle thread, std::uint32_t milliseconds) {
         return wait(thread, milliseconds / haste);
     };
-    const int exitCode = kv::Main(argc, argv);
+    const int exitCode = kv::Main(platform::CommandLineWords(argc, argv));
     std::fflush(nullptr);
     std::_Exit(exitCode);
 }

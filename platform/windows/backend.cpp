@@ -1,0 +1,51 @@
+#include "platform/backend.h"
+
+#include <cstdio>
+#include <memory>
+
+#include "platform/utf.h"
+#include "platform/windows/win32.h"
+
+// After the system's main header, which it needs.
+#include <shellapi.h>
+
+namespace platform {
+
+namespace {
+
+/// No box waits for somebody to press a button on a computer that nobody sits at; the agent's texts are UTF-8.
+void SettleProcess() {
+    ::SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOGPFAULTERRORBOX | SEM_NOOPENFILEERRORBOX);
+    ::SetConsoleOutputCP(CP_UTF8);
+}
+
+}  // namespace
+
+void InstallBackend() {
+    SettleProcess();
+    CurrentOperations<ClockOperations>() = WindowsClock();
+    CurrentOperations<CryptoOperations>() = WindowsCrypto();
+    CurrentOperations<FileOperations>() = WindowsFiles();
+    CurrentOperations<HttpOperations>() = WindowsHttp();
+    CurrentOperations<MessageOperations>() = WindowsMessages();
+    CurrentOperations<ProcessOperations>() = WindowsProcesses();
+    CurrentOperations<RegistryOperations>() = WindowsRegistry();
+    CurrentOperations<ServiceHostOperations>() = WindowsServiceHost();
+    CurrentOperations<ServiceManagerOperations>() = WindowsServiceManager();
+    CurrentOperations<SocketOperations>() = WindowsSockets();
+    CurrentOperations<SystemFactOperations>() = WindowsSystemFacts();
+    CurrentOperations<ThreadOperations>() = WindowsThreads();
+    CurrentOperations<WmiOperations>() = WindowsWmi();
+}
+
+/// The narrow arguments that a program gets here have lost what the system's code page does not hold.
+std::vector<std::string> CommandLineWords(int, char**) {
+    int count = 0;
+    const std::unique_ptr<wchar_t*, decltype(&::LocalFree)> words(::CommandLineToArgvW(::GetCommandLineW(), &count),
+                                                                  ::LocalFree);
+    std::vector<std::string> utf8;
+    for (int at = 0; words && at < count; ++at) utf8.push_back(Utf8FromWide(TextOf(words.get()[at])));
+    return utf8;
+}
+
+}  // namespace platform

@@ -1,0 +1,7 @@
+#include "platform/windows/win32.h"
+
+namespace platform {
+
+ServiceHostOperations WindowsServiceHost() { return {}; }
+
+}  // namespace platform
