@@ -1,6 +1,5 @@
 #include "tests/support/test_agent.h"
 
-#include <cstdlib>
 #include <fstream>
 #include <memory>
 #include <set>
@@ -13,6 +12,7 @@
 #include "foundation/resource_lock.h"
 #include "platform/backend.h"
 #include "platform/utf.h"
+#include "tests/support/isolation.h"
 
 namespace kv::test {
 
@@ -25,8 +25,7 @@ void ResetAgentState() {
 }
 
 TestAgent::TestAgent() : formerDirectory_(fs::current_path()) {
-    std::string pattern = (fs::temp_directory_path() / "kvagent-test-XXXXXX").string();
-    folder = mkdtemp(pattern.data());
+    folder = MakeTemporaryFolder();
     bin = folder / "monitoring" / "bin";
     conf = folder / "monitoring" / "conf";
     data = bin / "data";
@@ -35,7 +34,7 @@ TestAgent::TestAgent() : formerDirectory_(fs::current_path()) {
     fs::create_directories(conf / "scripts");
     fs::create_directories(folder / "monitoring" / "logs");
     fs::create_directories(folder / "state");
-    setenv("KVAGENT_STATE_DIR", (folder / "state").c_str(), 1);
+    IsolateRegistry(folder / "state");
     platform::InstallBackend();
     fs::current_path(bin);
     InitMutex();
@@ -71,7 +70,7 @@ std::string TestAgent::Read(const fs::path& path) {
 
 std::vector<std::string> TestAgent::FilesIn(const fs::path& directory) {
     std::set<std::string> names;
-    for (const auto& entry : fs::directory_iterator(directory)) names.insert(entry.path().filename());
+    for (const auto& entry : fs::directory_iterator(directory)) names.insert(entry.path().filename().string());
     return {names.begin(), names.end()};
 }
 

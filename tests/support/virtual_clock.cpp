@@ -1,33 +1,31 @@
 #include "tests/support/virtual_clock.h"
 
-#include <ctime>
+#include <chrono>
 
 namespace kv::test {
 
 namespace {
 
 platform::LocalTime UtcParts(std::int64_t milliseconds) {
-    const std::time_t seconds = static_cast<std::time_t>(milliseconds / 1000);
-    std::tm parts{};
-    gmtime_r(&seconds, &parts);
-    return {parts.tm_year + 1900,
-            parts.tm_mon + 1,
-            parts.tm_mday,
-            parts.tm_hour,
-            parts.tm_min,
-            parts.tm_sec,
-            static_cast<int>(milliseconds % 1000)};
+    const std::chrono::sys_time<std::chrono::milliseconds> moment{std::chrono::milliseconds(milliseconds)};
+    const auto midnight = std::chrono::floor<std::chrono::days>(moment);
+    const std::chrono::year_month_day date(midnight);
+    const std::chrono::hh_mm_ss time(moment - midnight);
+    return {int{date.year()},
+            static_cast<int>(unsigned{date.month()}),
+            static_cast<int>(unsigned{date.day()}),
+            static_cast<int>(time.hours().count()),
+            static_cast<int>(time.minutes().count()),
+            static_cast<int>(time.seconds().count()),
+            static_cast<int>(time.subseconds().count())};
 }
 
 std::int64_t MillisecondsOf(const platform::LocalTime& time) {
-    std::tm parts{};
-    parts.tm_year = time.year - 1900;
-    parts.tm_mon = time.month - 1;
-    parts.tm_mday = time.day;
-    parts.tm_hour = time.hour;
-    parts.tm_min = time.minute;
-    parts.tm_sec = time.second;
-    return std::int64_t{timegm(&parts)} * 1000 + time.millisecond;
+    const std::chrono::sys_days midnight(std::chrono::year(time.year) / time.month / time.day);
+    const std::chrono::milliseconds moment = midnight.time_since_epoch() + std::chrono::hours(time.hour) +
+                                             std::chrono::minutes(time.minute) + std::chrono::seconds(time.second) +
+                                             std::chrono::milliseconds(time.millisecond);
+    return moment.count();
 }
 
 }  // namespace

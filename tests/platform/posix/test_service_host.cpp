@@ -14,7 +14,7 @@
 #include "platform/posix/descriptor.h"
 #include "platform/posix/systemd/machine_state.h"
 #include "platform/service_host.h"
-#include "tests/support/fake_systemd.h"
+#include "tests/support/posix/fake_systemd.h"
 
 namespace platform::test {
 namespace {

@@ -16,7 +16,7 @@
 #include "platform/posix/facts/process_files.h"
 #include "platform/posix/wmi/class_tree.h"
 #include "platform/posix/wmi_classes/services.h"
-#include "tests/support/fake_systemd.h"
+#include "tests/support/posix/fake_systemd.h"
 #include "tests/support/wmi_query.h"
 
 namespace platform::wmi {

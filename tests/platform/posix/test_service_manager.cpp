@@ -6,7 +6,7 @@
 #include "platform/posix/systemd/unit_file.h"
 #include "platform/posix/systemd/unit_status.h"
 #include "platform/utf.h"
-#include "tests/support/fake_systemd.h"
+#include "tests/support/posix/fake_systemd.h"
 #include "tests/support/test_agent.h"
 
 namespace platform::test {

@@ -1,0 +1,15 @@
+// What keeps a test apart from the computer it runs on, by the means of its system.
+#pragma once
+
+#include <filesystem>
+
+namespace kv::test {
+
+/// A new empty folder below the system's folder for temporary files; the caller removes it.
+std::filesystem::path MakeTemporaryFolder();
+
+/// Gives this process, from the next InstallBackend on, a registry of its own, empty at first. Where the system keeps
+/// one in files it lies in the folder.
+void IsolateRegistry(const std::filesystem::path& folder);
+
+}  // namespace kv::test

@@ -1,0 +1,43 @@
+#include "tests/support/isolation.h"
+
+#include <atomic>
+#include <cstdlib>
+#include <stdexcept>
+#include <string>
+#include <windows.h>
+
+namespace kv::test {
+
+namespace {
+
+/// Below the key of the user, where anyone may write; one key for each process.
+std::wstring PrivateKeyPath() { return L"Software\\kvagent-test-" + std::to_wstring(::GetCurrentProcessId()); }
+
+void RemovePrivateKey() {
+    ::RegOverridePredefKey(HKEY_LOCAL_MACHINE, nullptr);
+    ::RegDeleteTreeW(HKEY_CURRENT_USER, PrivateKeyPath().c_str());
+}
+
+}  // namespace
+
+std::filesystem::path MakeTemporaryFolder() {
+    static std::atomic<int> made{0};
+    const std::string name = "kvagent-test-" + std::to_string(::GetCurrentProcessId()) + "-" + std::to_string(++made);
+    const std::filesystem::path folder = std::filesystem::temp_directory_path() / name;
+    if (!std::filesystem::create_directory(folder)) throw std::runtime_error("no temporary folder");
+    return folder;
+}
+
+void IsolateRegistry(const std::filesystem::path&) {
+    static const int removedAtEnd = std::atexit(RemovePrivateKey);
+    RemovePrivateKey();
+    HKEY key = nullptr;
+    if (removedAtEnd != 0 ||
+        ::RegCreateKeyExW(HKEY_CURRENT_USER, PrivateKeyPath().c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key,
+                          nullptr) != ERROR_SUCCESS ||
+        ::RegOverridePredefKey(HKEY_LOCAL_MACHINE, key) != ERROR_SUCCESS)
+        throw std::runtime_error("no registry of its own");
+    ::RegCloseKey(key);
+}
+
+}  // namespace kv::test
