@@ -109,7 +109,7 @@ std::optional<std::string> InstalledAgent::kvlab(const std::string& arguments) c
     return outcome.exitCode == 0 ? std::optional(outcome.output) : std::nullopt;
 }
 
-void InstalledAgent::makeCertificate(std::string& certificate, std::string& privateKey) const {
+void MakeCertificate(const fs::path& folder, std::string& certificate, std::string& privateKey) {
     certificate = (folder / "certificate.pem").string();
     privateKey = (folder / "key.pem").string();
     const std::string command = "openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj /CN=lab -keyout '" +

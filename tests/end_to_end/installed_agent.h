@@ -18,6 +18,9 @@ struct ShellOutcome {
 /// Runs a command line, and takes what it prints on its standard output.
 ShellOutcome RunShell(const std::string& commandLine);
 
+/// A self-signed certificate and its key, as PEM files in the folder.
+void MakeCertificate(const std::filesystem::path& folder, std::string& certificate, std::string& privateKey);
+
 /// Makes an install tree and a state directory in a temporary folder, with every required setting pointing to a server
 /// on this machine's loopback. Kills what still runs and removes the folder at its end.
 class InstalledAgent {
@@ -46,9 +49,6 @@ class InstalledAgent {
 
     /// What a kvlab command about the database prints; none when it fails.
     std::optional<std::string> kvlab(const std::string& arguments) const;
-
-    /// A self-signed certificate and its key, as PEM files in the folder.
-    void makeCertificate(std::string& certificate, std::string& privateKey) const;
 
     /// What start starts.
     const char* program = KV_AGENT_PROGRAM;

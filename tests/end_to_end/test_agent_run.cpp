@@ -52,7 +52,7 @@ TEST(AgentRun, EnrolsAndCollectsByThePlan) {
         const bool secure = std::u16string_view(protocol) == u"HTTPS";
         lab::ServerOptions options;
         options.database = (agent.folder / "lab.db").string();
-        if (secure) agent.makeCertificate(options.certificate, options.privateKey);
+        if (secure) MakeCertificate(agent.folder, options.certificate, options.privateKey);
         const lab::LabServer server(options);
         agent.setServer(server.port(), protocol);
         agent.writePlan(onePlan);
