@@ -1,16 +1,21 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that building and trying, or testing, fuzzing and packaging need; does nothing when all are
-# there.
-# Usage: tools/install_packages.sh build|test
+# Installs the Debian packages that building and trying need; with "test" those for testing, fuzzing and packaging, too, and
+# with "windows" those for building and running the Windows programs. Does nothing when all are there.
+# Usage: tools/install_packages.sh build|test|windows
 set -euo pipefail
 
 build=(ca-certificates g++ cmake ninja-build pkg-config ccache zlib1g-dev libjson-c-dev libcurl4-openssl-dev
        libsqlite3-dev libsystemd-dev libfmt-dev libutfcpp-dev libzip-dev libcpp-httplib-dev libssl-dev)
 test=(git libgtest-dev libgmock-dev libbenchmark-dev clang-format clang-tidy openssl unzip python3
       clang libclang-rt-14-dev snmpd snmp snmpsim procps iproute2 debhelper lintian systemd systemd-container dbus)
+windows=(git dpkg-dev xz-utils libgtest-dev libgmock-dev openssl unzip snmpd snmp snmpsim g++-mingw-w64-x86-64-posix
+         libz-mingw-w64-dev wine wine64 libgnutls30)
 
 packages=("${build[@]}")
-[ "${1:-build}" = test ] && packages+=("${test[@]}")
+case ${1:-build} in
+    test) packages+=("${test[@]}") ;;
+    windows) packages+=("${windows[@]}") ;;
+esac
 
 missing=()
 for package in "${packages[@]}"; do
