@@ -21,6 +21,12 @@ done
 for text in running plans systems; do sed 's/$/\r/' "docs/$text.md" >"$tree/docs/$text.md"; done
 sed 's/$/\r/' packaging/debian/copyright >"$tree/copyright.txt"
 
+# What is linked into the programs comes with its licences.
+cp -r build/windows-deps/licences "$tree/licences"
+for library in libz-mingw-w64-dev libutfcpp-dev mingw-w64-x86-64-dev gcc-mingw-w64-base; do
+    cp "/usr/share/doc/$library/copyright" "$tree/licences/$library.txt"
+done
+
 # A program that needs a library which no Windows has would not start there.
 needed=$(x86_64-w64-mingw32-objdump -p "$tree"/*.exe | sed -n 's/^\tDLL Name: //p' | tr '[:upper:]' '[:lower:]' | sort -u)
 own='^(advapi32|crypt32|kernel32|msvcrt|ole32|oleaut32|shell32|winhttp|ws2_32)\.dll$'

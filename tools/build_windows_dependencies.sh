@@ -53,5 +53,8 @@ log=$prefix/build.log
     fetch cpp-httplib
     cp "$work/cpp-httplib/httplib.h" "$prefix/include/"
     cp -rL /usr/include/utf8.h /usr/include/utf8 "$prefix/include/"
+    mkdir -p "$prefix/licences"
+    cp "$work/json-c/COPYING" "$prefix/licences/json-c.txt"
+    cp "$work/fmtlib/LICENSE.rst" "$prefix/licences/fmt.txt"
 } >"$log" 2>&1 || { tail -n 40 "$log" >&2; echo "build_windows_dependencies: failed; the whole log is $log" >&2; exit 1; }
 echo "$recipe" >"$stamp"
