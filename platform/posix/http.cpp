@@ -2,18 +2,15 @@
 // of its own (platform/posix/http_curl_transfer.h), so a request can be sent again after a failure.
 #include "platform/http.h"
 
-#include <algorithm>
 #include <charconv>
 #include <chrono>
-#include <iterator>
-#include <map>
 #include <memory>
-#include <mutex>
-#include <new>
 #include <utility>
 #include <variant>
 #include <vector>
 
+#include "platform/http_handles.h"
+#include "platform/http_rules.h"
 #include "platform/posix/http_curl_transfer.h"
 #include "platform/posix/http_target.h"
 #include "platform/posix/posix.h"
@@ -22,9 +19,6 @@
 namespace platform {
 
 namespace {
-
-/// Redirects that one request follows, as WinHTTP does by default.
-constexpr int maxRedirects = 10;
 
 struct Session {
     std::string userAgent;
@@ -55,38 +49,12 @@ struct Request {
     std::unique_ptr<CurlTransfer> transfer;  // of the last sending; none before it and after a failure
 };
 
-using Node = std::variant<std::shared_ptr<Session>, std::shared_ptr<Connection>, std::shared_ptr<Request>>;
-
-/// Numbers in place of addresses: a handle that was closed, or never was one, is an error and no accident.
-struct HandleTable {
-    std::mutex mutex;
-    std::map<HttpHandle, Node> nodes;
-    HttpHandle last = 0;
-};
+using Handles = HttpHandles<Session, Connection, Request>;
 
 /// Never freed: a detached thread may be in a transaction while the process ends.
-HandleTable& Handles() {
-    static auto* const table = new HandleTable;
-    return *table;
-}
-
-HttpHandle AddHandle(Node node) {
-    HandleTable& table = Handles();
-    const std::lock_guard lock(table.mutex);
-    table.nodes.emplace(++table.last, std::move(node));
-    return table.last;
-}
-
-template <class T>
-Error Resolve(HttpHandle handle, std::shared_ptr<T>& found) {
-    HandleTable& table = Handles();
-    const std::lock_guard lock(table.mutex);
-    const auto entry = table.nodes.find(handle);
-    if (entry == table.nodes.end()) return error::invalidHandle;
-    const auto* node = std::get_if<std::shared_ptr<T>>(&entry->second);
-    if (node == nullptr) return error::winHttpIncorrectHandleType;
-    found = *node;
-    return error::success;
+Handles& AllHandles() {
+    static auto* const handles = new Handles;
+    return *handles;
 }
 
 /// libcurl's own state, made by the first session. Its initialisation brings OpenSSL's along.
@@ -105,26 +73,26 @@ Error Open(std::u16string_view userAgent, HttpProxyAccess access, const std::opt
         if (opened->proxyList.empty()) return error::invalidParameter;
     }
     if (!CurlIsReady()) return error::winHttpInternalError;
-    session = AddHandle(std::move(opened));
+    session = AllHandles().Add(std::move(opened));
     return error::success;
 }
 
 Error Connect(HttpHandle session, std::u16string_view server, std::uint16_t port, HttpHandle& connection) {
     std::shared_ptr<Session> owner;
-    if (const Error failure = Resolve(session, owner)) return failure;
+    if (const Error failure = AllHandles().Find(session, owner)) return failure;
     if (!IsHostName(server)) return error::winHttpInvalidUrl;
     auto named = std::make_shared<Connection>();
     named->session = std::move(owner);
     named->server = server;
     named->port = port;
-    connection = AddHandle(std::move(named));
+    connection = AllHandles().Add(std::move(named));
     return error::success;
 }
 
 Error OpenRequest(HttpHandle connection, std::u16string_view verb, std::u16string_view url,
                   std::u16string_view acceptTypes, std::uint32_t flags, HttpHandle& request) {
     std::shared_ptr<Connection> owner;
-    if (const Error failure = Resolve(connection, owner)) return failure;
+    if (const Error failure = AllHandles().Find(connection, owner)) return failure;
     if (verb != u"GET" && verb != u"POST") return error::invalidParameter;
     auto target = MakeHttpTarget((flags & httpFlagSecure) != 0, owner->server, owner->port, url);
     if (!target) return error::winHttpInvalidUrl;
@@ -138,13 +106,13 @@ Error OpenRequest(HttpHandle connection, std::u16string_view verb, std::u16strin
     if ((flags & httpFlagBypassProxyCache) != 0) {
         opened->headers.insert(opened->headers.end(), {"Cache-Control: no-cache", "Pragma: no-cache"});
     }
-    request = AddHandle(std::move(opened));
+    request = AllHandles().Add(std::move(opened));
     return error::success;
 }
 
 Error AddRequestHeaders(HttpHandle request, std::u16string_view header) {
     std::shared_ptr<Request> owner;
-    if (const Error failure = Resolve(request, owner)) return failure;
+    if (const Error failure = AllHandles().Find(request, owner)) return failure;
     const std::size_t colon = header.find(u':');
     if (colon == 0 || colon == std::u16string_view::npos ||
         header.find_first_of(u"\r\n") != std::u16string_view::npos) {
@@ -172,7 +140,7 @@ std::uint32_t* NumberOption(Request& request, HttpOption option) {
 
 Error SetOptionNumber(HttpHandle request, HttpOption option, std::uint32_t value) {
     std::shared_ptr<Request> owner;
-    if (const Error failure = Resolve(request, owner)) return failure;
+    if (const Error failure = AllHandles().Find(request, owner)) return failure;
     std::uint32_t* place = NumberOption(*owner, option);
     if (place == nullptr) return error::winHttpInvalidOption;
     *place = value;
@@ -181,7 +149,7 @@ Error SetOptionNumber(HttpHandle request, HttpOption option, std::uint32_t value
 
 Error QueryOption(HttpHandle request, HttpOption option, std::uint32_t& value) {
     std::shared_ptr<Request> owner;
-    if (const Error failure = Resolve(request, owner)) return failure;
+    if (const Error failure = AllHandles().Find(request, owner)) return failure;
     const std::uint32_t* place = NumberOption(*owner, option);
     if (place == nullptr) return error::winHttpInvalidOption;
     value = *place;
@@ -190,7 +158,7 @@ Error QueryOption(HttpHandle request, HttpOption option, std::uint32_t& value) {
 
 Error SetOptionText(HttpHandle request, HttpOption option, std::u16string_view value) {
     std::shared_ptr<Request> owner;
-    if (const Error failure = Resolve(request, owner)) return failure;
+    if (const Error failure = AllHandles().Find(request, owner)) return failure;
     if (option == HttpOption::proxyUserName) {
         owner->proxyUser = Utf8FromWide(value);
     } else if (option == HttpOption::proxyPassword) {
@@ -228,20 +196,17 @@ Error SendTo(Request& request, const HttpTarget& target) {
 
 Error SendRequest(HttpHandle request, const std::byte* data, std::size_t size) {
     std::shared_ptr<Request> owner;
-    if (const Error failure = Resolve(request, owner)) return failure;
+    if (const Error failure = AllHandles().Find(request, owner)) return failure;
     owner->body = data;
     owner->bodySize = data == nullptr ? 0 : size;
     return SendTo(*owner, owner->target);
 }
 
-/// Where the answer redirects to; none where it does not, or where going there would leave the secure connection. A
-/// POST goes on only where its body is asked for again: as a GET it would be answered, and its data nowhere. Nor may a
-/// proxy that refuses a tunnel say where to go instead.
+/// Where the answer redirects to; none where it does not, or where going there would leave the secure connection. Nor
+/// may a proxy that refuses a tunnel say where to go instead.
 std::optional<HttpTarget> NextTarget(const CurlTransfer& answer, const HttpTarget& present, bool post) {
-    static constexpr std::uint32_t redirects[] = {301, 302, 303, 307, 308};
     const auto location = answer.headerValue("Location");
-    if (std::ranges::find(redirects, answer.status()) == std::end(redirects) || !location) return std::nullopt;
-    if (answer.tunnelRefused() || (post && answer.status() < 307)) return std::nullopt;
+    if (!IsFollowedRedirect(answer.status(), post) || !location || answer.tunnelRefused()) return std::nullopt;
     auto next = RedirectedTarget(present, *location);
     return next && (next->secure || !present.secure) ? next : std::nullopt;
 }
@@ -260,7 +225,7 @@ Error ReceiveAnswer(Request& request) {
 
 Error ReceiveResponse(HttpHandle request) {
     std::shared_ptr<Request> owner;
-    if (const Error failure = Resolve(request, owner)) return failure;
+    if (const Error failure = AllHandles().Find(request, owner)) return failure;
     if (!owner->transfer) return error::winHttpIncorrectHandleState;
     const Error result = ReceiveAnswer(*owner);
     if (result != error::success) owner->transfer.reset();
@@ -269,7 +234,7 @@ Error ReceiveResponse(HttpHandle request) {
 
 /// The answer of a request whose headers have come.
 Error FindAnswer(HttpHandle request, std::shared_ptr<Request>& owner) {
-    if (const Error failure = Resolve(request, owner)) return failure;
+    if (const Error failure = AllHandles().Find(request, owner)) return failure;
     return owner->transfer && owner->transfer->hasHeaders() ? error::success : error::winHttpIncorrectHandleState;
 }
 
@@ -317,25 +282,10 @@ Error ReadData(HttpHandle request, std::byte* buffer, std::size_t size, std::siz
 }
 
 Error CloseHandle(HttpHandle handle) {
-    HandleTable& table = Handles();
-    std::unique_lock lock(table.mutex);
-    const auto node = table.nodes.extract(handle);
-    lock.unlock();
-    if (node.empty()) return error::invalidHandle;
-    if (std::holds_alternative<std::shared_ptr<Session>>(node.mapped())) TrimResidentLibraryPages();
+    Handles::Node node;
+    if (const Error failure = AllHandles().Take(handle, node)) return failure;
+    if (std::holds_alternative<std::shared_ptr<Session>>(node)) TrimResidentLibraryPages();
     return error::success;
-}
-
-/// Running out of memory is a result here, as every other failure.
-template <class... Parameters>
-auto Guarded(Error (*operation)(Parameters...)) {
-    return [operation](Parameters... parameters) -> Error {
-        try {
-            return operation(std::forward<Parameters>(parameters)...);
-        } catch (const std::bad_alloc&) {
-            return error::notEnoughMemory;
-        }
-    };
 }
 
 }  // namespace

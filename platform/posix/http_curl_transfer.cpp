@@ -10,6 +10,7 @@
 #include <sys/select.h>
 
 #include "platform/http.h"
+#include "platform/http_rules.h"
 
 namespace platform {
 
@@ -19,15 +20,6 @@ using Clock = std::chrono::steady_clock;
 
 /// Headers of one answer at the most. Servers and proxies keep theirs well below 64 KiB.
 constexpr std::size_t maxHeaderBytes = 256 * 1024;
-
-/// From the last byte of the request to the last header of the answer. A server sends its headers in one go: after the
-/// longest silence allowed by default there is a minute for them, and no peer holds a thread with a line now and then.
-constexpr std::chrono::seconds headerLimit{90};
-
-/// Fewer bytes of the request or of the body than this within this time are no transfer any more. The slowest modem
-/// line carries a hundred times as much.
-constexpr curl_off_t slowestPaceBytes = 1024;
-constexpr std::chrono::minutes slowestPaceTime{5};
 
 constexpr std::chrono::milliseconds longestPoll{1000};
 
@@ -280,7 +272,7 @@ std::chrono::milliseconds CurlTransfer::TimeLeft(Stage stage) const {
     const auto pace = left(paceStart_, slowestPaceTime);
     if (stage == Stage::send) return std::min(pace, left(lastSent_, sendTimeout_));
     const auto answer = std::min(pace, left(lastTraffic_, receiveTimeout_));
-    return stage == Stage::headers ? std::min(answer, left(lastSent_, headerLimit)) : answer;
+    return stage == Stage::headers ? std::min(answer, left(lastSent_, httpHeaderLimit)) : answer;
 }
 
 /// Lets the transfer go on until a point is reached or it is over. Until the connection stands its own limit holds,

@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/http_rules.h"
 #include "platform/utf.h"
 
 namespace platform {
@@ -44,16 +45,6 @@ std::optional<HttpTarget> TargetOf(CURLU* url) {
     const auto parsed = std::from_chars(port.data(), port.data() + port.size(), target.port);
     if ((!target.secure && scheme != "http") || target.host.empty() || parsed.ec != std::errc()) return std::nullopt;
     return target;
-}
-
-bool NeedsEncoding(unsigned char c) {
-    return c <= ' ' || c >= 0x7f ||
-           std::string_view("\"#<>\\^`{|}").find(static_cast<char>(c)) != std::string_view::npos;
-}
-
-bool IsEscape(std::string_view text, std::size_t at) {
-    return at + 2 < text.size() && std::isxdigit(static_cast<unsigned char>(text[at + 1])) &&
-           std::isxdigit(static_cast<unsigned char>(text[at + 2]));
 }
 
 /// Whether a text matches a pattern in which "*" stands for any text. Goes back to the last star only, so its time is
@@ -125,27 +116,6 @@ bool EntryMatches(std::string_view entry, const HttpTarget& target) {
 }
 
 }  // namespace
-
-std::string EncodeUrlText(std::u16string_view text) {
-    constexpr char digits[] = "0123456789ABCDEF";
-    const std::string utf8 = Utf8FromWide(text);
-    std::string encoded;
-    for (std::size_t i = 0; i < utf8.size(); ++i) {
-        const auto c = static_cast<unsigned char>(utf8[i]);
-        if (NeedsEncoding(c) || (c == '%' && !IsEscape(utf8, i))) {
-            encoded += {'%', digits[c >> 4], digits[c & 15]};
-        } else {
-            encoded += utf8[i];
-        }
-    }
-    return encoded;
-}
-
-bool IsHostName(std::u16string_view server) {
-    return !server.empty() && std::none_of(server.begin(), server.end(), [](char16_t c) {
-        return c <= u' ' || c == 0x7f || std::u16string_view(u"/\\?#@\"<>").find(c) != std::u16string_view::npos;
-    });
-}
 
 std::optional<HttpTarget> MakeHttpTarget(bool secure, std::u16string_view server, std::uint16_t port,
                                          std::u16string_view path) {

@@ -18,15 +18,6 @@ struct HttpTarget {
     bool secure = false;
 };
 
-/// Percent-encodes, as UTF-8, what a request line cannot carry: blanks, control characters, everything beyond ASCII,
-/// the characters "<>\^`{|} and #, and a "%" that begins no escape. All else stays, escapes included, so that the
-/// server decodes to the text that was given.
-std::string EncodeUrlText(std::u16string_view text);
-
-/// Whether a text can be the host of a URL: a name or an address, without any of the characters that would end it
-/// there.
-bool IsHostName(std::u16string_view server);
-
 /// The target of a path and query on a server; none when no URL can be made of it. Port 0 is the scheme's own.
 std::optional<HttpTarget> MakeHttpTarget(bool secure, std::u16string_view server, std::uint16_t port,
                                          std::u16string_view path);

@@ -1,0 +1,37 @@
+// What both backends of the HTTP transport go by: the text of a URL, which redirects are followed, and the limits that
+// no option changes. Private to platform/; callable from any thread.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace platform {
+
+/// Percent-encodes, as UTF-8, what a request line cannot carry: blanks, control characters, everything beyond ASCII,
+/// the characters "<>\^`{|} and #, and a "%" that begins no escape. All else stays, escapes included, so that the
+/// server decodes to the text that was given.
+std::string EncodeUrlText(std::u16string_view text);
+
+/// Whether a text can be the host of a URL: a name or an address, without any of the characters that would end it
+/// there.
+bool IsHostName(std::u16string_view server);
+
+/// Whether an answer with this status is a redirect that is followed. A POST goes on only where its body is asked for
+/// again: as a GET it would be answered, and its data nowhere.
+bool IsFollowedRedirect(std::uint32_t status, bool post);
+
+/// Redirects that one request follows, as WinHTTP does by default.
+inline constexpr int maxRedirects = 10;
+
+/// From the last byte of the request to the last header of the answer. A server sends its headers in one go: after the
+/// longest silence allowed by default there is a minute for them, and no peer holds a thread with a line now and then.
+inline constexpr std::chrono::seconds httpHeaderLimit{90};
+
+/// Fewer bytes than this within this time are no transfer any more. The slowest modem line carries a hundred times as
+/// much.
+inline constexpr std::int64_t slowestPaceBytes = 1024;
+inline constexpr std::chrono::minutes slowestPaceTime{5};
+
+}  // namespace platform

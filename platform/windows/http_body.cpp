@@ -1,0 +1,115 @@
+#include "platform/windows/http_body.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cwchar>
+
+#include "platform/http_rules.h"
+
+namespace platform {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr DWORD statusNoContent = 204;
+constexpr DWORD statusNotModified = 304;
+
+/// The length that the body has; none where a header does not tell: the body comes in chunks, which WinHTTP takes apart
+/// itself, or lasts until the server hangs up.
+std::optional<std::uint64_t> DeclaredLength(HINTERNET request) {
+    DWORD status = 0;
+    if (QueryStatus(request, status) == error::success && (status == statusNoContent || status == statusNotModified)) {
+        return 0;
+    }
+    std::wstring encoding;
+    std::uint64_t length = 0;
+    if (QueryHeaderText(request, WINHTTP_QUERY_TRANSFER_ENCODING, encoding) == error::success) return std::nullopt;
+    if (QueryContentLength(request, length) != error::success) return std::nullopt;
+    return length;
+}
+
+}  // namespace
+
+Error QueryHeaderText(HINTERNET request, DWORD query, std::wstring& text) {
+    DWORD bytes = 0;
+    ::WinHttpQueryHeaders(request, query, WINHTTP_HEADER_NAME_BY_INDEX, nullptr, &bytes, WINHTTP_NO_HEADER_INDEX);
+    const Error failure = LastError();
+    if (failure != error::insufficientBuffer) return failure;
+    text.resize(bytes / sizeof(wchar_t) + 1);
+    bytes = static_cast<DWORD>(text.size() * sizeof(wchar_t));
+    if (!::WinHttpQueryHeaders(request, query, WINHTTP_HEADER_NAME_BY_INDEX, text.data(), &bytes,
+                               WINHTTP_NO_HEADER_INDEX)) {
+        return LastError();
+    }
+    text.resize(bytes / sizeof(wchar_t));
+    return error::success;
+}
+
+Error QueryContentLength(HINTERNET request, std::uint64_t& length) {
+    std::wstring text;
+    if (const Error failure = QueryHeaderText(request, WINHTTP_QUERY_CONTENT_LENGTH, text)) return failure;
+    errno = 0;
+    wchar_t* end = nullptr;
+    length = std::wcstoull(text.c_str(), &end, 10);
+    return end == text.c_str() || text.starts_with(L'-') || errno != 0 ? error::winHttpInvalidServerResponse
+                                                                       : error::success;
+}
+
+Error QueryStatus(HINTERNET request, DWORD& status) {
+    DWORD size = sizeof status;
+    return ResultOf(::WinHttpQueryHeaders(request, WINHTTP_QUERY_STATUS_CODE | WINHTTP_QUERY_FLAG_NUMBER,
+                                          WINHTTP_HEADER_NAME_BY_INDEX, &status, &size, WINHTTP_NO_HEADER_INDEX));
+}
+
+HttpBody::HttpBody(HINTERNET request)
+    : request_(request), declared_(DeclaredLength(request)), paceStart_(Clock::now()) {}
+
+/// How the body has ended, now that WinHTTP has no more of it.
+Error HttpBody::End() const {
+    return declared_ && received_ < *declared_ ? error::winHttpConnectionError : error::success;
+}
+
+Error HttpBody::Ask(DWORD& available) const {
+    if (paceBytes_ < slowestPaceBytes && Clock::now() - paceStart_ > slowestPaceTime) return error::winHttpTimeout;
+    return ResultOf(::WinHttpQueryDataAvailable(request_, &available));
+}
+
+Error HttpBody::Wait(std::size_t& available) {
+    DWORD count = 0;
+    if (!end_) {
+        const Error failure = Ask(count);
+        if (failure != error::success || count == 0) end_ = failure != error::success ? failure : End();
+    }
+    available = end_ ? 0 : count;
+    return end_.value_or(error::success);
+}
+
+/// Takes bytes that are there.
+Error HttpBody::Take(std::byte* buffer, DWORD size, DWORD& taken) {
+    if (!::WinHttpReadData(request_, buffer, size, &taken)) return LastError();
+    received_ += taken;
+    paceBytes_ += taken;
+    if (paceBytes_ >= slowestPaceBytes) {
+        paceStart_ = Clock::now();
+        paceBytes_ = 0;
+    }
+    return taken == 0 ? End() : error::success;
+}
+
+Error HttpBody::Read(std::byte* buffer, std::size_t size, std::size_t& read) {
+    read = 0;
+    while (read < size) {
+        std::size_t available = 0;
+        const Error failure = Wait(available);
+        if (failure != error::success && read == 0) return failure;
+        if (available == 0) break;
+        DWORD taken = 0;
+        const Error broken = Take(buffer + read, static_cast<DWORD>(std::min(available, size - read)), taken);
+        if (broken != error::success || taken == 0) end_ = broken;
+        read += taken;
+    }
+    return error::success;
+}
+
+}  // namespace platform

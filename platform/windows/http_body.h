@@ -1,0 +1,54 @@
+// The body of one answer. WinHTTP may let a body that breaks off look like one that is whole, so its bytes are counted
+// here against the length that the server has declared.
+//
+// Belongs to the thread that reads it.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+
+#include "platform/windows/win32.h"
+
+// After the system's main header, which it needs.
+#include <winhttp.h>
+
+namespace platform {
+
+class HttpBody {
+  public:
+    /// Of the request's answer, whose headers have come. The request stays the caller's and open.
+    explicit HttpBody(HINTERNET request);
+
+    /// Waits until bytes are there, and says how many; 0 at the end. The first failure stays.
+    Error Wait(std::size_t& available);
+
+    /// Fills the buffer unless the body ends before. A failure after some bytes shows at the next call.
+    Error Read(std::byte* buffer, std::size_t size, std::size_t& read);
+
+  private:
+    using TimePoint = std::chrono::steady_clock::time_point;
+
+    Error Ask(DWORD& available) const;
+    Error Take(std::byte* buffer, DWORD size, DWORD& taken);
+    Error End() const;
+
+    HINTERNET request_;
+    std::optional<std::uint64_t> declared_;  // none where the end shows otherwise
+    std::uint64_t received_ = 0;
+    std::optional<Error> end_;  // set once the body is over: success, or why it broke off
+    TimePoint paceStart_;       // the present count of bytes began
+    std::int64_t paceBytes_ = 0;
+};
+
+/// The text of a header of the request's answer; winHttpHeaderNotFound where it has none. The query is WinHTTP's.
+Error QueryHeaderText(HINTERNET request, DWORD query, std::wstring& text);
+
+/// The length that the answer declares for its body.
+Error QueryContentLength(HINTERNET request, std::uint64_t& length);
+
+/// The answer's status.
+Error QueryStatus(HINTERNET request, DWORD& status);
+
+}  // namespace platform

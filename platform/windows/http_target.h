@@ -1,0 +1,35 @@
+// Where a request goes, in the form that WinHTTP takes.
+//
+// Texts in, texts out; nothing here touches the network. Callable from any thread.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "platform/windows/win32.h"
+
+// After the system's main header, which it needs.
+#include <winhttp.h>
+
+namespace platform {
+
+/// The parts of a URL that decide its road.
+struct HttpTarget {
+    bool secure = false;
+    std::wstring host;       // an IPv6 literal in brackets
+    INTERNET_PORT port = 0;  // 0 is the scheme's own
+    std::wstring path;       // with the query, all of it printable ASCII
+};
+
+/// The host of a URL for a server's name or address; none where it can be neither.
+std::optional<std::wstring> HostFor(std::u16string_view server);
+
+/// The path and query that a request line carries, from such text as it stands.
+std::wstring PathFor(std::u16string_view path);
+
+/// The target that a Location header leads to, from the present one; none for what is neither http nor https, and for
+/// one that would leave a secure connection.
+std::optional<HttpTarget> RedirectedTarget(const HttpTarget& from, const std::wstring& location);
+
+}  // namespace platform
