@@ -16,13 +16,15 @@ namespace platform {
 using ModuleHandle = std::uintptr_t;
 
 struct MessageOperations {
-    /// The system's text for an error number, or none where the system knows no such number.
+    /// The system's text for an error number, or none where the system knows no such number. A line end that the system
+    /// has behind it, as Windows mostly does, is a part of it.
     std::function<std::optional<std::u16string>(Error code)> FormatMessageW;
 
-    /// Loads a library for its texts. It stays loaded as long as the process runs; loading it again gives it again.
+    /// Loads one of the system's own libraries for its texts. It stays loaded as long as the process runs; loading it
+    /// again gives it again.
     std::function<Error(std::u16string_view name, ModuleHandle& module)> LoadLibraryW;
 
-    /// FormatMessageW with a library's texts in place of the system's.
+    /// FormatMessageW with a library's texts before the system's.
     std::function<std::optional<std::u16string>(ModuleHandle module, Error code)> FormatModuleMessageW;
 };
 

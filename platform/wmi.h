@@ -20,7 +20,8 @@ namespace platform {
 /// A locator, services, an enumerator or an object; 0 is none.
 using WmiHandle = std::uintptr_t;
 
-/// Types of a property's value, by their numbers in Windows. An array has arrayFlag and the type of its elements.
+/// Types of a property's value, by their numbers in Windows. An array has arrayFlag and the type of its elements; a
+/// type that has no name here, such as that of an object, has its number.
 enum class VariantType : std::uint16_t {
     empty = 0,
     null = 1,

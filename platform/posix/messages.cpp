@@ -37,7 +37,7 @@ std::optional<std::u16string> FormatModuleMessageW(ModuleHandle module, Error co
         KV_WMI_STATUSES(KV_GIVE_LINE)
 #undef KV_GIVE_LINE
         default:
-            return std::nullopt;
+            return FormatMessageW(code);
     }
 }
 
