@@ -9,14 +9,32 @@
 #include "collection/wmi_text.h"
 #include "foundation/agent_state.h"
 #include "foundation/file_utils.h"
+#include "platform/messages.h"
 #include "platform/utf.h"
 #include "tests/support/test_agent.h"
 
 namespace kv::test {
 namespace {
 
+using namespace std::string_literals;
 using platform::Variant;
 using enum platform::VariantType;
+
+/// The system knows number 5, and WMI's library its own.
+const platform::MessageOperations messageTexts{
+    .FormatMessageW = [](auto code) { return code == 5 ? std::optional(u"Access is denied.\r\n"s) : std::nullopt; },
+    .LoadLibraryW =
+        [](auto name, auto& module) {
+            module = name == u"wmiutils.dll" ? 7 : 0;
+            return module == 7 ? platform::error::success : platform::error::fileNotFound;
+        },
+    .FormatModuleMessageW =
+        [](auto module, auto code) {
+            if (module != 7 || code == 0x8FFFFFFF) return std::optional<std::u16string>();
+            return std::optional(code == platform::wmi_status::outOfMemory ? u"Out of memory\r\n"s
+                                                                           : u"Generic failure\r\n"s);
+        },
+};
 
 /// Answers a query with the objects 4 and 5 of two properties each; one call, by its text, fails or throws.
 class WmiQuery : public TestAgent {
@@ -64,6 +82,7 @@ class WmiQuery : public TestAgent {
     Handle last = 3;
     int property = 0;
     const platform::ScopedOperations<platform::WmiOperations> scoped{Scripted()};
+    const platform::ScopedOperations<platform::MessageOperations> scopedTexts{messageTexts};
 };
 
 TEST_F(WmiQuery, GivesEverythingBackInReverseOrderWhereverItEnds) {
@@ -121,8 +140,8 @@ TEST_F(WmiQuery, LeavesItsRowsInTheRecordBesideTheError) {
 }
 
 TEST_F(WmiQuery, ItsFailureIsExplainedByTheSystemOrByWmi) {
-    EXPECT_EQ(FormatWMIError(5, u"t"), u"FAILED:t ERRORCODE:5 MESSAGE:Access is denied.");
-    EXPECT_EQ(FormatWMIError(0x80041010, u"t"), u"FAILED:t ERRORCODE:80041010 MESSAGE:Invalid class\r\n");
+    EXPECT_EQ(FormatWMIError(5, u"t"), u"FAILED:t ERRORCODE:5 MESSAGE:Access is denied.\r\n");
+    EXPECT_EQ(FormatWMIError(0x80041001, u"t"), u"FAILED:t ERRORCODE:80041001 MESSAGE:Generic failure\r\n");
     EXPECT_EQ(FormatWMIError(0x8FFFFFFF, u""), u"FAILED: ERRORCODE:8fffffff MESSAGE:");
     EXPECT_TRUE(Logged("\tFormatted errorMess :: FAILED:t ERRORCODE:5 MESSAGE:Access is denied."));
 }

@@ -64,8 +64,10 @@ WmiResult RunWmiQuery(std::string_view query, std::u16string_view nameSpace) {
     WmiHandle locator = 0;
     WmiHandle services = 0;
     WmiHandle enumerator = 0;
-    result.status = Wmi().CoCreateInstance(locator);
+    result.status = Wmi().CoInitializeSecurity();
+    if (!IsFailure(result.status)) result.status = Wmi().CoCreateInstance(locator);
     if (!IsFailure(result.status)) result.status = Wmi().ConnectServer(locator, nameSpace, services);
+    if (!IsFailure(result.status)) result.status = Wmi().CoSetProxyBlanket(services);
     if (!IsFailure(result.status)) result.status = Wmi().ExecQuery(services, WideFromUtf8(query), enumerator);
     if (!IsFailure(result.status)) ReadRows(enumerator, result);
     for (const WmiHandle handle : {enumerator, services, locator}) {

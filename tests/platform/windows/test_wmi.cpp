@@ -1,0 +1,227 @@
+// WMI by COM: every step on doubles of COM's interfaces, which take down what they are asked, and a few queries to the
+// system's own WMI.
+
+// The interfaces as tables of functions: a double has no more than those that are called.
+#define CINTERFACE
+#include "platform/windows/com_variant.h"
+#include "platform/windows/wmi_source.h"
+
+// After the system's main header, which they need.
+#include <atomic>
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+#include <thread>
+#include <utility>
+#include <vector>
+#include <wbemcli.h>
+
+#include "collection/wmi_query.h"
+#include "jsontext/hash_json.h"
+#include "platform/backend.h"
+#include "platform/utf.h"
+#include "tests/support/wmi_query.h"
+
+namespace platform::test {
+
+namespace {
+
+/// What happens in a query, which gives two objects: a call, by its first word, may give something else than success.
+struct Script {
+    std::string special, calls;
+    HRESULT result = S_OK;
+    std::vector<std::pair<std::wstring, VARIANT>> properties = {};
+    std::size_t property = 0;
+    long objects = 0, references = 0;
+
+    HRESULT Call(const std::string& call) {
+        calls += call + '\n';
+        return call.substr(0, call.find(' ')) == special ? result : S_OK;
+    }
+};
+Script script;
+
+std::string Narrow(const wchar_t* text) { return text ? Utf8FromWide(TextOf(text)) : "-"; }
+
+template <class Interface, class Table>
+struct Double : Interface {
+    Table table{};
+
+    explicit Double(void (*fill)(Table&)) {
+        this->lpVtbl = &table;
+        table.QueryInterface = [](Interface*, REFIID, void**) -> HRESULT { return E_NOINTERFACE; };
+        table.AddRef = [](Interface*) -> ULONG { return static_cast<ULONG>(++script.references); };
+        table.Release = [](Interface*) -> ULONG { return static_cast<ULONG>(--script.references); };
+        fill(table);
+    }
+    /// One more reference for the caller, when the call is a success.
+    HRESULT GiveTo(Interface** to, HRESULT result) {
+        if (SUCCEEDED(result)) *to = this;
+        if (SUCCEEDED(result)) ++script.references;
+        return result;
+    }
+};
+
+Double<IWbemClassObject, IWbemClassObjectVtbl> object([](auto& table) {
+    table.BeginEnumeration = [](IWbemClassObject*, LONG flags) {
+        script.property = 0;
+        return script.Call(fmt::format("begin {:x}", flags));
+    };
+    table.Next = [](IWbemClassObject*, LONG flags, BSTR* name, VARIANT* value, CIMTYPE*, LONG*) -> HRESULT {
+        if (script.property == script.properties.size()) return WBEM_S_NO_MORE_DATA;
+        auto& [text, content] = script.properties[script.property++];
+        *name = ::SysAllocString(text.c_str());
+        ::VariantCopy(value, &content);
+        return script.Call(fmt::format("property {}", flags));
+    };
+    table.EndEnumeration = [](IWbemClassObject*) { return script.Call("end"); };
+});
+
+Double<IEnumWbemClassObject, IEnumWbemClassObjectVtbl> enumerator([](auto& table) {
+    table.Next = [](IEnumWbemClassObject*, LONG limit, ULONG many, IWbemClassObject** to, ULONG* count) {
+        const HRESULT result = script.Call(fmt::format("next{} {} {}", ++script.objects, limit, many));
+        if (result != S_OK || script.objects > 2) return result == S_OK ? HRESULT{WBEM_S_FALSE} : result;
+        *count = 1;
+        return object.GiveTo(to, S_OK);
+    };
+});
+
+Double<IClientSecurity, IClientSecurityVtbl> security([](auto& table) {
+    table.SetBlanket = [](IClientSecurity*, IUnknown*, DWORD authentication, DWORD authorization, OLECHAR* principal,
+                          DWORD level, DWORD impersonation, void* identity, DWORD capabilities) {
+        return script.Call(fmt::format("blanket {} {} {} {} {} {} {}", authentication, authorization, Narrow(principal),
+                                       level, impersonation, identity == nullptr, capabilities));
+    };
+});
+
+Double<IWbemServices, IWbemServicesVtbl> services([](auto& table) {
+    table.QueryInterface = [](IWbemServices*, REFIID wanted, void** to) -> HRESULT {
+        if (wanted != IID_IClientSecurity) return E_NOINTERFACE;
+        return security.GiveTo(reinterpret_cast<IClientSecurity**>(to), S_OK);
+    };
+    table.ExecQuery = [](IWbemServices*, const BSTR language, const BSTR text, LONG flags, IWbemContext* context,
+                         IEnumWbemClassObject** to) {
+        return enumerator.GiveTo(to, script.Call(fmt::format("query {} {} {:x} {}", Narrow(language), Narrow(text),
+                                                             flags, context == nullptr)));
+    };
+});
+
+Double<IWbemLocator, IWbemLocatorVtbl> locator([](auto& table) {
+    table.ConnectServer = [](IWbemLocator*, const BSTR name, const BSTR user, const BSTR password, const BSTR locale,
+                             LONG flags, const BSTR authority, IWbemContext* context, IWbemServices** to) {
+        return services.GiveTo(
+            to, script.Call(fmt::format("connect {} {}{}{}{} {} {}", Narrow(name), Narrow(user), Narrow(password),
+                                        Narrow(locale), Narrow(authority), flags, context == nullptr)));
+    };
+});
+
+const WmiSource doubles{.initializeSecurity = [] { return script.Call("security"); },
+                        .createLocator = [](auto to) { return locator.GiveTo(to, script.Call("create")); },
+                        .objectLimit = std::chrono::milliseconds(70)};
+
+VARIANT ValueOf(VARTYPE type, auto VARIANT::*member, auto content) {
+    VARIANT value{};
+    value.*member = content;
+    value.vt = type;
+    return value;
+}
+
+class WindowsWmiTest : public ::testing::Test {
+  protected:
+    WindowsWmiTest() { InstallBackend(); }
+
+    /// The result of a query to the doubles, its code included, and its rows.
+    static std::string Ask(const Script& start) {
+        const ScopedOperations<WmiOperations> scoped{WmiFrom(doubles)};
+        script = start;
+        const kv::VectorPtr rows = kv::MakeVector();
+        const std::string result = Utf8FromWide(kv::WMIFunction(std::nullopt, u"SELECT", rows.get()));
+        return result.substr(0, result.find(" MESSAGE")) + ' ' + Utf8FromWide(kv::VectorToJSONString(rows.get()));
+    }
+};
+
+TEST_F(WindowsWmiTest, EachStepIsTakenAndGivenBackWhereverAQueryEnds) {
+    const std::vector<std::pair<std::wstring, VARIANT>> one{{L"P", ValueOf(VT_I4, &VARIANT::lVal, 7)}};
+    const std::string whole = R"([ { "P": "7" }, { "P": "7" } ])";
+    for (const auto& [special, result, expected] : std::vector<std::tuple<std::string, HRESULT, std::string>>{
+             {"none", S_OK, "NO ERROR " + whole},
+             {"security", RPC_E_TOO_LATE, "FAILED:Failed to initialize security ERRORCODE:80010119 [ ]"},
+             {"create", REGDB_E_CLASSNOTREG, "FAILED:Failed to create IWbemLocator object ERRORCODE:80040154 [ ]"},
+             {"connect", WBEM_E_INVALID_NAMESPACE, "FAILED:Could not connect to nameSpace ERRORCODE:8004100e [ ]"},
+             {"blanket", E_ACCESSDENIED, "FAILED:Could not set proxy blanket ERRORCODE:80070005 [ ]"},
+             {"query", WBEM_E_INVALID_QUERY, "FAILED:SELECT ERRORCODE:80041017 [ ]"},
+             {"next2", WBEM_E_INVALID_CLASS, R"(FAILED:ERROR ERRORCODE:80041010 [ { "P": "7" } ])"},
+             {"next2", WBEM_S_TIMEDOUT, R"(FAILED:ERROR ERRORCODE:80041069 [ { "P": "7" } ])"},
+             {"begin", E_FAIL, "NO ERROR [ ]"},
+             {"property", E_FAIL, "NO ERROR [ { }, { } ]"},
+         }) {
+        EXPECT_EQ(Ask({special, "", result, one}), expected) << special;
+        EXPECT_EQ(script.references, 0) << special;
+        APTTYPE apartment{};
+        APTTYPEQUALIFIER qualifier{};
+        EXPECT_EQ(::CoGetApartmentType(&apartment, &qualifier), CO_E_NOTINITIALIZED) << special;
+    }
+    Ask({"", "", S_OK, one});
+    EXPECT_EQ(script.calls,
+              "security\ncreate\nconnect ROOT\\CIMV2 ---- 0 true\nblanket 10 0 - 3 3 true 0\nquery WQL SELECT 30 true\n"
+              "next1 70 1\nbegin 40\nproperty 0\nend\nnext2 70 1\nbegin 40\nproperty 0\nend\nnext3 70 1\n");
+}
+
+TEST_F(WindowsWmiTest, AThreadThatUsesComOtherwiseIsRefused) {
+    ASSERT_EQ(::CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED), S_OK);
+    EXPECT_EQ(Ask({}), "FAILED:Failed to initialize COM library ERRORCODE:80010106 [ ]");
+    ::CoUninitialize();
+}
+
+TEST_F(WindowsWmiTest, EveryValueIsCopiedAndClearedByItsType) {
+    const SystemText text(::SysAllocString(L"x"));
+    const auto unknown = reinterpret_cast<IUnknown*>(&object);
+    EXPECT_EQ(Ask({"next2",
+                   "",
+                   WBEM_S_FALSE,
+                   {{L"null", ValueOf(VT_NULL, &VARIANT::lVal, 0)},
+                    {L"i2", ValueOf(VT_I2, &VARIANT::iVal, SHORT{-2})},
+                    {L"r4", ValueOf(VT_R4, &VARIANT::fltVal, 0.5F)},
+                    {L"r8", ValueOf(VT_R8, &VARIANT::dblVal, 3.5)},
+                    {L"date", ValueOf(VT_DATE, &VARIANT::date, 3.5)},
+                    {L"bool", ValueOf(VT_BOOL, &VARIANT::boolVal, VARIANT_TRUE)},
+                    {L"ui1", ValueOf(VT_UI1, &VARIANT::bVal, BYTE{0x41})},
+                    {L"ui4", ValueOf(VT_UI4, &VARIANT::lVal, 9)},
+                    {L"none", ValueOf(VT_BSTR, &VARIANT::bstrVal, BSTR{nullptr})},
+                    {L"text", ValueOf(VT_BSTR, &VARIANT::bstrVal, text.get())},
+                    {L"object", ValueOf(VT_UNKNOWN, &VARIANT::punkVal, unknown)}}}),
+              R"(NO ERROR [ { "object": "<conversion error>", "text": "x", "none": "", "ui4": "<conversion error>", )"
+              R"("ui1": "'A'", "bool": "True", "date": "<conversion error>", "r8": "    3.5000", "r4": "    0.5000", )"
+              R"("i2": "65534", "null": "-" } ])");
+    EXPECT_EQ(script.references, 0);
+}
+
+TEST_F(WindowsWmiTest, QueriesOfTwoThreadsTakeTurns) {
+    std::atomic<int> inside{0}, most{0};
+    WmiSource slow = doubles;
+    slow.initializeSecurity = [&] {
+        most = std::max<int>(most, ++inside);
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        --inside;
+        return E_FAIL;
+    };
+    const ScopedOperations<WmiOperations> scoped{WmiFrom(slow)};
+    std::thread other([] { kv::WMIFunction(std::nullopt, u"SELECT", nullptr); });
+    kv::WMIFunction(std::nullopt, u"SELECT", nullptr);
+    other.join();
+    EXPECT_EQ(most, 1);
+}
+
+TEST_F(WindowsWmiTest, TheSystemsOwnAnswers) {
+    for (int round = 0; round < 2; ++round) {
+        const kv::test::WmiResult system = kv::test::RunWmiQuery("SELECT Caption FROM Win32_OperatingSystem");
+        EXPECT_EQ(system.status, wmi_status::ok);
+        ASSERT_EQ(system.rows.size(), 1U);
+        EXPECT_NE(kv::test::TextOf(system.rows[0], "Caption").find("Windows"), std::string::npos);
+    }
+    EXPECT_EQ(kv::test::RunWmiQuery("SELECT * FROM X", u"ROOT\\NOWHERE").status, wmi_status::invalidNamespace);
+    EXPECT_EQ(kv::test::RunWmiQuery("SELECT FROM WHERE").status, wmi_status::invalidQuery);
+}
+
+}  // namespace
+
+}  // namespace platform::test
