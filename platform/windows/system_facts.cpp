@@ -2,6 +2,7 @@
 #include <fmt/format.h>
 
 #include "platform/utf.h"
+#include "platform/windows/computer_name.h"
 #include "platform/windows/win32.h"
 
 namespace platform {
@@ -75,11 +76,13 @@ Error GetVersionExW(SystemVersion& version) {
     return error::success;
 }
 
-Error GetComputerNameExW(std::u16string& name) {
+}  // namespace
+
+Error ComputerName(COMPUTER_NAME_FORMAT form, std::u16string& name) {
     std::wstring buffer(256, L'\0');
     while (true) {
         auto size = static_cast<DWORD>(buffer.size());
-        if (::GetComputerNameExW(ComputerNameDnsFullyQualified, buffer.data(), &size)) {
+        if (::GetComputerNameExW(form, buffer.data(), &size)) {
             name = TextOf(std::wstring_view(buffer).substr(0, size));
             return error::success;
         }
@@ -88,10 +91,11 @@ Error GetComputerNameExW(std::u16string& name) {
     }
 }
 
-}  // namespace
-
 SystemFactOperations WindowsSystemFacts() {
-    return {.GetVersionExW = GetVersionExW, .GetComputerNameExW = GetComputerNameExW};
+    return {
+        .GetVersionExW = GetVersionExW,
+        .GetComputerNameExW = [](std::u16string& name) { return ComputerName(ComputerNameDnsFullyQualified, name); },
+    };
 }
 
 }  // namespace platform
