@@ -15,6 +15,7 @@
 #include "platform/http_handles.h"
 #include "platform/http_rules.h"
 #include "platform/windows/http_body.h"
+#include "platform/windows/http_calls.h"
 #include "platform/windows/http_target.h"
 #include "platform/windows/win32.h"
 
@@ -24,29 +25,6 @@
 namespace platform {
 
 namespace {
-
-/// Owns a session, connection or request of WinHTTP, or none.
-class InternetHandle {
-  public:
-    InternetHandle() = default;
-    explicit InternetHandle(HINTERNET handle) : handle_(handle) {}
-    InternetHandle(InternetHandle&& other) noexcept : handle_(std::exchange(other.handle_, nullptr)) {}
-    InternetHandle& operator=(InternetHandle&& other) noexcept {
-        std::swap(handle_, other.handle_);
-        return *this;
-    }
-    ~InternetHandle() { Close(); }
-
-    explicit operator bool() const { return handle_ != nullptr; }
-    HINTERNET Get() const { return handle_; }
-    Error Close() {
-        HINTERNET closed = std::exchange(handle_, nullptr);
-        return closed == nullptr ? error::success : ResultOf(::WinHttpCloseHandle(closed));
-    }
-
-  private:
-    HINTERNET handle_ = nullptr;
-};
 
 struct Session {
     InternetHandle handle;
@@ -89,14 +67,6 @@ Handles& AllHandles() {
     return *handles;
 }
 
-Error SetNumber(HINTERNET handle, DWORD option, DWORD value) {
-    return ResultOf(::WinHttpSetOption(handle, option, &value, sizeof value));
-}
-
-Error SetText(HINTERNET handle, DWORD option, std::wstring text) {
-    return ResultOf(::WinHttpSetOption(handle, option, text.data(), static_cast<DWORD>(text.size())));
-}
-
 /// Secure connections of today: by default the oldest systems offer none of these. A system that does not know the
 /// newest refuses the set that it is in; one that knows neither keeps its default.
 void OfferPresentProtocols(HINTERNET session) {
@@ -116,7 +86,7 @@ Error Open(std::u16string_view userAgent, HttpProxyAccess access, const std::opt
     InternetHandle handle(::WinHttpOpen(WideOf(userAgent).c_str(), static_cast<DWORD>(access),
                                         proxied ? name.c_str() : WINHTTP_NO_PROXY_NAME,
                                         proxied && !bypass.empty() ? bypass.c_str() : WINHTTP_NO_PROXY_BYPASS, 0));
-    if (!handle) return LastError();
+    if (!handle) return LastHttpError();
     OfferPresentProtocols(handle.Get());
     session = AllHandles().Add(std::make_shared<Session>(Session{std::move(handle)}));
     return error::success;
@@ -128,7 +98,7 @@ Error Connect(HttpHandle session, std::u16string_view server, std::uint16_t port
     const auto host = HostFor(server);
     if (!host) return error::winHttpInvalidUrl;
     InternetHandle handle(::WinHttpConnect(owner->handle.Get(), host->c_str(), port, 0));
-    if (!handle) return LastError();
+    if (!handle) return LastHttpError();
     connection =
         AllHandles().Add(std::make_shared<Connection>(Connection{std::move(owner), *host, port, std::move(handle)}));
     return error::success;
@@ -162,12 +132,12 @@ Error OpenAt(Request& request, HINTERNET connection, const HttpTarget& target) {
         ::WinHttpOpenRequest(connection, request.post ? L"POST" : L"GET", target.path.c_str(), nullptr,
                              WINHTTP_NO_REFERER, request.acceptType.empty() ? nullptr : acceptTypes.data(),
                              (request.flags & ~DWORD{WINHTTP_FLAG_SECURE}) | secure | WINHTTP_FLAG_ESCAPE_DISABLE));
-    if (!request.handle) return LastError();
+    if (!request.handle) return LastHttpError();
     request.stage = Request::Stage::opened;
     // A server that would like to know a certificate of ours learns that there is none, and goes on or does not.
     if (target.secure && !::WinHttpSetOption(request.handle.Get(), WINHTTP_OPTION_CLIENT_CERT_CONTEXT,
                                              WINHTTP_NO_CLIENT_CERT_CONTEXT, 0)) {
-        return LastError();
+        return LastHttpError();
     }
     return SetOwnOptions(request.handle.Get());
 }
@@ -189,7 +159,7 @@ Error OpenRequest(HttpHandle connection, std::u16string_view verb, std::u16strin
 }
 
 Error AddHeader(HINTERNET request, const std::wstring& header) {
-    return ResultOf(
+    return HttpResultOf(
         ::WinHttpAddRequestHeaders(request, header.c_str(), static_cast<DWORD>(-1), WINHTTP_ADDREQ_FLAG_ADD));
 }
 
@@ -231,7 +201,8 @@ Error QueryOption(HttpHandle request, HttpOption option, std::uint32_t& value) {
     if (IsText(option)) return error::winHttpInvalidOption;
     DWORD found = 0;
     DWORD size = sizeof found;
-    const Error result = ResultOf(::WinHttpQueryOption(owner->handle.Get(), static_cast<DWORD>(option), &found, &size));
+    const Error result =
+        HttpResultOf(::WinHttpQueryOption(owner->handle.Get(), static_cast<DWORD>(option), &found, &size));
     value = found;
     return result;
 }
@@ -245,14 +216,14 @@ Error SetOptionText(HttpHandle request, HttpOption option, std::u16string_view v
     return error::success;
 }
 
-/// Has the proxy's credentials sent along with the first request; those of the options alone wait to be asked for.
+/// Has the proxy's credentials offered with the request; those of the options alone wait to be asked for.
 Error OfferProxyCredentials(const Request& request) {
     const auto user = request.texts.find(HttpOption::proxyUserName);
     if (user == request.texts.end()) return error::success;
     const auto password = request.texts.find(HttpOption::proxyPassword);
-    return ResultOf(::WinHttpSetCredentials(request.handle.Get(), WINHTTP_AUTH_TARGET_PROXY, WINHTTP_AUTH_SCHEME_BASIC,
-                                            user->second.c_str(),
-                                            password == request.texts.end() ? L"" : password->second.c_str(), nullptr));
+    return HttpResultOf(::WinHttpSetCredentials(
+        request.handle.Get(), WINHTTP_AUTH_TARGET_PROXY, WINHTTP_AUTH_SCHEME_BASIC, user->second.c_str(),
+        password == request.texts.end() ? L"" : password->second.c_str(), nullptr));
 }
 
 /// Sends the request to where it is open.
@@ -263,7 +234,7 @@ Error Send(Request& request) {
     const auto size = static_cast<DWORD>(request.bodySize);
     void* body = size == 0 ? WINHTTP_NO_REQUEST_DATA : const_cast<std::byte*>(request.body);
     if (!::WinHttpSendRequest(request.handle.Get(), WINHTTP_NO_ADDITIONAL_HEADERS, 0, body, size, size, 0)) {
-        return LastError();
+        return LastHttpError();
     }
     request.stage = Request::Stage::sent;
     return error::success;
@@ -326,7 +297,7 @@ std::optional<HttpTarget> NextTarget(const Request& request, const HttpTarget& p
 Error FollowTo(Request& request, const HttpTarget& target) {
     InternetHandle connection(
         ::WinHttpConnect(request.connection->session->handle.Get(), target.host.c_str(), target.port, 0));
-    if (!connection) return LastError();
+    if (!connection) return LastHttpError();
     if (const Error failure = OpenAt(request, connection.Get(), target)) return failure;
     request.redirectedConnection = std::move(connection);
     if (const Error failure = TellAgain(request)) return failure;
@@ -336,7 +307,7 @@ Error FollowTo(Request& request, const HttpTarget& target) {
 Error ReceiveAnswer(Request& request) {
     HttpTarget target = request.target;
     for (int redirect = 0;; ++redirect) {
-        if (!::WinHttpReceiveResponse(request.handle.Get(), nullptr)) return LastError();
+        if (!::WinHttpReceiveResponse(request.handle.Get(), nullptr)) return LastHttpError();
         auto next = NextTarget(request, target);
         if (!next) return error::success;
         if (redirect == maxRedirects) return error::winHttpRedirectFailed;

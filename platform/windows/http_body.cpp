@@ -1,8 +1,6 @@
 #include "platform/windows/http_body.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <cwchar>
 
 #include "platform/http_rules.h"
 
@@ -31,37 +29,6 @@ std::optional<std::uint64_t> DeclaredLength(HINTERNET request) {
 
 }  // namespace
 
-Error QueryHeaderText(HINTERNET request, DWORD query, std::wstring& text) {
-    DWORD bytes = 0;
-    ::WinHttpQueryHeaders(request, query, WINHTTP_HEADER_NAME_BY_INDEX, nullptr, &bytes, WINHTTP_NO_HEADER_INDEX);
-    const Error failure = LastError();
-    if (failure != error::insufficientBuffer) return failure;
-    text.resize(bytes / sizeof(wchar_t) + 1);
-    bytes = static_cast<DWORD>(text.size() * sizeof(wchar_t));
-    if (!::WinHttpQueryHeaders(request, query, WINHTTP_HEADER_NAME_BY_INDEX, text.data(), &bytes,
-                               WINHTTP_NO_HEADER_INDEX)) {
-        return LastError();
-    }
-    text.resize(bytes / sizeof(wchar_t));
-    return error::success;
-}
-
-Error QueryContentLength(HINTERNET request, std::uint64_t& length) {
-    std::wstring text;
-    if (const Error failure = QueryHeaderText(request, WINHTTP_QUERY_CONTENT_LENGTH, text)) return failure;
-    errno = 0;
-    wchar_t* end = nullptr;
-    length = std::wcstoull(text.c_str(), &end, 10);
-    return end == text.c_str() || text.starts_with(L'-') || errno != 0 ? error::winHttpInvalidServerResponse
-                                                                       : error::success;
-}
-
-Error QueryStatus(HINTERNET request, DWORD& status) {
-    DWORD size = sizeof status;
-    return ResultOf(::WinHttpQueryHeaders(request, WINHTTP_QUERY_STATUS_CODE | WINHTTP_QUERY_FLAG_NUMBER,
-                                          WINHTTP_HEADER_NAME_BY_INDEX, &status, &size, WINHTTP_NO_HEADER_INDEX));
-}
-
 HttpBody::HttpBody(HINTERNET request)
     : request_(request), declared_(DeclaredLength(request)), paceStart_(Clock::now()) {}
 
@@ -72,7 +39,7 @@ Error HttpBody::End() const {
 
 Error HttpBody::Ask(DWORD& available) const {
     if (paceBytes_ < slowestPaceBytes && Clock::now() - paceStart_ > slowestPaceTime) return error::winHttpTimeout;
-    return ResultOf(::WinHttpQueryDataAvailable(request_, &available));
+    return HttpResultOf(::WinHttpQueryDataAvailable(request_, &available));
 }
 
 Error HttpBody::Wait(std::size_t& available) {
@@ -87,7 +54,7 @@ Error HttpBody::Wait(std::size_t& available) {
 
 /// Takes bytes that are there.
 Error HttpBody::Take(std::byte* buffer, DWORD size, DWORD& taken) {
-    if (!::WinHttpReadData(request_, buffer, size, &taken)) return LastError();
+    if (!::WinHttpReadData(request_, buffer, size, &taken)) return LastHttpError();
     received_ += taken;
     paceBytes_ += taken;
     if (paceBytes_ >= slowestPaceBytes) {

@@ -9,10 +9,7 @@
 #include <cstdint>
 #include <optional>
 
-#include "platform/windows/win32.h"
-
-// After the system's main header, which it needs.
-#include <winhttp.h>
+#include "platform/windows/http_calls.h"
 
 namespace platform {
 
@@ -41,14 +38,5 @@ class HttpBody {
     TimePoint paceStart_;       // the present count of bytes began
     std::int64_t paceBytes_ = 0;
 };
-
-/// The text of a header of the request's answer; winHttpHeaderNotFound where it has none. The query is WinHTTP's.
-Error QueryHeaderText(HINTERNET request, DWORD query, std::wstring& text);
-
-/// The length that the answer declares for its body.
-Error QueryContentLength(HINTERNET request, std::uint64_t& length);
-
-/// The answer's status.
-Error QueryStatus(HINTERNET request, DWORD& status);
 
 }  // namespace platform

@@ -1,0 +1,96 @@
+// Transactions that need more than one system's tests can show: secure peers, tunnels, and peers that keep silent.
+#include <cstdlib>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <memory>
+#include <openssl/evp.h>
+#include <openssl/x509.h>
+
+#include "platform/http.h"
+#include "tests/exchange/http_peers.h"
+
+namespace kv::test {
+
+namespace {
+
+using testing::HasSubstr;
+using testing::Not;
+
+/// Signed by itself, without a name, and expired an hour ago.
+std::unique_ptr<httplib::Server> SecureServer() {
+    EVP_PKEY* key = EVP_EC_gen("P-256");
+    X509* certificate = X509_new();
+    X509_gmtime_adj(X509_getm_notBefore(certificate), -7200);
+    X509_gmtime_adj(X509_getm_notAfter(certificate), -3600);
+    X509_set_pubkey(certificate, key);
+    X509_sign(certificate, key, EVP_sha256());
+    auto server = std::make_unique<httplib::SSLServer>(certificate, key);
+    X509_free(certificate);
+    EVP_PKEY_free(key);
+    return server;
+}
+
+class HttpSecure : public HttpTest {
+  protected:
+    HttpSecure() {
+        setenv("http_proxy", "http://127.0.0.1:1", 1);  // must never be taken
+        setenv("ALL_PROXY", "http://127.0.0.1:1", 1);
+    }
+
+    static std::u16string ProxyList(int port) { return u"http=" + At(port) + u";https=http://" + At(port); }
+};
+
+TEST_F(HttpSecure, NoRedirectLeadsOutOfASecureConnection) {
+    TestServer plain;
+    TestServer secure(SecureServer());
+    const std::u16string toPlain = u"/hop?to=http://127.0.0.1:" + DecimalText(plain.port) + u"/echo";
+    const std::u16string toSecure = u"/hop?to=https://127.0.0.1:" + DecimalText(secure.port) + u"/echo";
+    EXPECT_EQ(Get(plain.port, toSecure), 12175u);  // the target's certificate was not asked to be tolerated
+    agentState.gv_httpsEnabled = 1;
+    EXPECT_EQ(Get(secure.port, toPlain), 13u);
+    EXPECT_EQ(Get(secure.port, toSecure), 0u);
+    RawServer proxy(Says("HTTP/1.1 302 Found\r\nLocation: https://elsewhere.invalid/\r\n\r\n"));
+    UseProxy(ProxyList(proxy.port), u"");
+    EXPECT_EQ(Get(secure.port, u"/echo"), 13u);
+}
+
+TEST_F(HttpSecure, GoesThroughTheProxyWithItsCredentials) {
+    RawServer proxy(Forwards(basicCredentials));
+    TestServer plain;
+    TestServer secure(SecureServer());
+    for (TestServer* server : {&plain, &secure}) {
+        SCOPED_TRACE(server == &secure);
+        agentState.gv_httpsEnabled = server == &secure;
+        UseProxy(ProxyList(proxy.port), u"<local>");
+        const std::size_t before = proxy.requests.size();
+        EXPECT_EQ(Get(server->port, u"/echo?value=via proxy"), 0u);
+        EXPECT_EQ(server->value, "via proxy");
+        EXPECT_EQ(Post(server->port, u"/post", "via proxy too", 13), 0u);
+        EXPECT_EQ(server->value, "via proxy too");
+        EXPECT_EQ(proxy.requests.size(), before + 2) << "offered without being asked";
+        UseProxy(ProxyList(proxy.port), u"<local>", u"wrong");
+        EXPECT_EQ(Get(server->port, u"/echo"), 407u);
+        EXPECT_EQ(Post(server->port, u"/post", "x", 1), 407u);
+    }
+    EXPECT_THAT(proxy.requests.back(), Not(HasSubstr("Connection: Closed")));  // that header is the server's
+    EXPECT_FALSE(Logged("X-Proxy: here"));  // nor are the tunnel's headers the server's
+    UseProxy(At(1), u"http://127.*.1");     // a pattern, for plain requests
+    EXPECT_EQ(Get(secure.port, u"/echo"), 12029u);
+    agentState.gv_httpsEnabled = 0;
+    EXPECT_EQ(Get(plain.port, u"/echo"), 0u);
+}
+
+TEST_F(HttpSecure, PeersThatSayNothing) {
+    RawServer gone(Says(""));
+    EXPECT_EQ(Get(gone.port, u"/x"), 12030u);
+    agentState.gv_httpsEnabled = 1;
+    EXPECT_EQ(Get(gone.port, u"/x"), 12157u);
+    agentState.gv_httpsEnabled = 0;
+    RawServer cut(Says("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\n123"));
+    std::u16string url = u"/x";
+    EXPECT_EQ(InternetDownloadFile({}, 0, url, u"part.bin", false), 12030u);
+}
+
+}  // namespace
+
+}  // namespace kv::test

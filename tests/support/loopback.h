@@ -1,0 +1,34 @@
+// Plain TCP connections on 127.0.0.1, by the means of the system: what a test's servers and proxies stand on.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+
+namespace kv::test {
+
+/// A socket of the system's; noSocket is none.
+using Socket = std::intptr_t;
+inline constexpr Socket noSocket = -1;
+
+/// Listens on a free port, which it tells. Throws where there is none.
+Socket ListenOnLoopback(int& port);
+
+/// The next connection, or none when listening has failed.
+Socket AcceptConnection(Socket listener);
+
+/// A connection to a port, or none where nobody listens.
+Socket ConnectToLoopback(int port);
+
+/// Bytes received, at least one; 0 once the other side is gone.
+std::size_t ReceiveBytes(Socket connection, char* buffer, std::size_t size);
+
+/// Sends a whole text, or as much as the other side takes.
+void SendText(Socket connection, std::string_view text);
+
+/// Passes on what comes from either side until one hangs up.
+void Relay(Socket one, Socket other);
+
+void CloseSocket(Socket socket);
+
+}  // namespace kv::test
