@@ -1,3 +1,6 @@
+#include <algorithm>
+#include <chrono>
+
 #include "platform/windows/win32.h"
 
 namespace platform {
@@ -25,21 +28,46 @@ std::int64_t GetSystemTimeMilliseconds() {
     return MillisecondsOf(now);
 }
 
-/// The rules of the year in question, not of today's, where the time zone has changed its rules.
+/// The system takes moments apart from the first of these years on; the last is the agent's, and far enough.
+constexpr std::int64_t firstYear = 1601;
+constexpr std::int64_t lastYear = 9999;
+
+std::int64_t WithinRange(std::int64_t milliseconds) {
+    constexpr std::int64_t endOfLastYear = 253'402'300'799'999;
+    return std::clamp(milliseconds, -ticksTo1970 / ticksInMillisecond, endOfLastYear);
+}
+
+SYSTEMTIME PartsOf(std::int64_t millisecondsSince1970) {
+    const FILETIME time = FileTimeOf(WithinRange(millisecondsSince1970));
+    SYSTEMTIME parts{};
+    ::FileTimeToSystemTime(&time, &parts);
+    return parts;
+}
+
+/// Daylight saving is that of the moment in question, not today's.
 LocalTime ToLocalTime(std::int64_t millisecondsSince1970) {
-    const FILETIME time = FileTimeOf(millisecondsSince1970);
-    SYSTEMTIME utc;
+    const SYSTEMTIME utc = PartsOf(millisecondsSince1970);
     SYSTEMTIME local;
-    if (!::FileTimeToSystemTime(&time, &utc)) return {};
     if (!::SystemTimeToTzSpecificLocalTime(nullptr, &utc, &local)) local = utc;
     return {local.wYear, local.wMonth, local.wDay, local.wHour, local.wMinute, local.wSecond, local.wMilliseconds};
 }
 
+/// The moment at which a clock of UTC would show the time. Parts beyond their range, as archives have them, go over
+/// into the next larger; the system's own routine would refuse them.
+std::int64_t AsUtc(const LocalTime& time) {
+    const std::int64_t months =
+        std::clamp(std::int64_t{time.year} * 12 + time.month - 1, firstYear * 12, (lastYear + 1) * 12 - 1);
+    const std::chrono::year year(static_cast<int>(months / 12));
+    const std::chrono::sys_days firstOfMonth(year / static_cast<int>(months % 12 + 1) / 1);
+    const std::chrono::milliseconds moment = firstOfMonth.time_since_epoch() + std::chrono::days(time.day - 1) +
+                                             std::chrono::hours(time.hour) + std::chrono::minutes(time.minute) +
+                                             std::chrono::seconds(time.second) +
+                                             std::chrono::milliseconds(time.millisecond);
+    return moment.count();
+}
+
 std::int64_t FromLocalTime(const LocalTime& time) {
-    const auto word = [](int part) { return static_cast<WORD>(part); };
-    const SYSTEMTIME local{word(time.year),   word(time.month),      0,
-                           word(time.day),    word(time.hour),       word(time.minute),
-                           word(time.second), word(time.millisecond)};
+    const SYSTEMTIME local = PartsOf(AsUtc(time));
     SYSTEMTIME utc;
     if (!::TzSpecificLocalTimeToSystemTime(nullptr, &local, &utc)) utc = local;
     FILETIME moment{};

@@ -1,0 +1,59 @@
+// What this backend's smaller lists of operations have of their own.
+#include <atomic>
+#include <cstdlib>
+#include <fstream>
+#include <thread>
+
+#include "platform/posix/posix.h"
+#include "platform/utf.h"
+#include "tests/support/test_agent.h"
+
+namespace platform::test {
+
+namespace {
+
+using SystemTest = kv::test::TestAgent;
+
+TEST_F(SystemTest, LocalTimeFollowsTheZone) {
+    setenv("TZ", "XYZ-5:30", 1);
+    tzset();
+    const LocalTime time = Clock().ToLocalTime(1772701507042);
+    EXPECT_EQ(time.day * 1000000 + time.hour * 10000 + time.minute * 100 + time.second, 5143507);
+    EXPECT_EQ(time.millisecond, 42);
+    EXPECT_EQ(Clock().FromLocalTime(time), 1772701507042);
+    unsetenv("TZ");
+    tzset();
+}
+
+TEST_F(SystemTest, TheSystemsNameIsThatOfItsDistribution) {
+    SystemVersion version;
+    ASSERT_EQ(SystemFacts().GetVersionExW(version), error::success);
+    const std::string release = Read("/etc/os-release");
+    EXPECT_NE(release.find("PRETTY_NAME=\"" + Utf8FromWide(version.plainName) + "\""), release.npos) << release;
+    HostEntry host;
+    EXPECT_EQ(Sockets().gethostbyaddr("127.0.0.1", host), error::success);
+    EXPECT_EQ(host.name.substr(0, 9), "localhost");
+}
+
+/// Pages of files, such as libraries, in this process's memory.
+long ResidentFilePages() {
+    long total = 0, resident = 0, shared = 0;
+    std::ifstream("/proc/self/statm") >> total >> resident >> shared;
+    return shared;
+}
+
+TEST_F(SystemTest, LibraryPagesAreGivenBackUnderRunningThreads) {
+    std::atomic<bool> done{false};
+    std::thread busy([&] {
+        for (int number = 0; !done; ++number) EXPECT_EQ(std::stoi(std::to_string(number)), number);
+    });
+    const long before = ResidentFilePages();
+    for (int round = 0; round < 50; ++round) TrimResidentLibraryPages();
+    EXPECT_LT(ResidentFilePages(), before * 3 / 4);
+    done = true;
+    busy.join();
+}
+
+}  // namespace
+
+}  // namespace platform::test
