@@ -1,17 +1,20 @@
 // The contract of the datagram operations.
 #include <algorithm>
 #include <array>
+#include <gtest/gtest.h>
 #include <set>
 #include <vector>
 
+#include "platform/backend.h"
 #include "platform/sockets.h"
-#include "tests/support/test_agent.h"
 
 namespace platform::test {
 
 namespace {
 
-using SocketTest = kv::test::TestAgent;
+struct SocketTest : ::testing::Test {
+    SocketTest() { InstallBackend(); }
+};
 
 SocketHandle OpenSocket() {
     SocketHandle socket = 0;

@@ -1,19 +1,22 @@
 // The smaller lists of operations, and the text conversions beside them.
 #include <array>
 #include <atomic>
+#include <gtest/gtest.h>
 
+#include "platform/backend.h"
 #include "platform/clock.h"
 #include "platform/sockets.h"
 #include "platform/system_facts.h"
 #include "platform/threads.h"
 #include "platform/utf.h"
-#include "tests/support/test_agent.h"
 
 namespace platform::test {
 
 namespace {
 
-using SystemTest = kv::test::TestAgent;
+struct SystemTest : ::testing::Test {
+    SystemTest() { InstallBackend(); }
+};
 
 TEST(Utf, BothDirectionsTakeAnything) {
     using namespace std::string_literals;
