@@ -31,8 +31,9 @@ inline constexpr std::uint32_t httpFlagSecure = 0x800000;
 ///
 /// A limit on silence runs while an operation waits, and begins anew with each operation and with each sign of life.
 /// While the request goes out that is a byte given to the system or acknowledged by the other side; while the answer is
-/// waited for it is that too, a whole header line or a byte of the body. All end in 12002. On Linux two limits are
-/// fixed besides: 90 seconds from the last sign of the request to the last header, and 5 minutes for every kilobyte.
+/// waited for it is that too, a whole header line or a byte of the body. All end in 12002. Two limits are fixed
+/// besides: 90 seconds from the last sign of the request to the last header, and 5 minutes for every kilobyte, on
+/// Windows of the answer's body only.
 enum class HttpOption : std::uint32_t {
     connectTimeout = 3,  // milliseconds; 60000 unless set
     sendTimeout = 5,     // milliseconds of silence while the request goes out; 30000 unless set
@@ -81,6 +82,7 @@ struct HttpOperations {
     std::function<Error(HttpHandle request, HttpOption option, std::uint32_t& value)> WinHttpQueryOption;
 
     /// Sends the request with its body, if any. The data must stay valid until the request is closed or sent again.
+    /// Windows refuses a body of 4 GB and more (invalidParameter).
     std::function<Error(HttpHandle request, const std::byte* data, std::size_t size)> WinHttpSendRequest;
 
     /// Waits for the answer's status and headers. Redirects are followed, ten at the most (12156 beyond them), but

@@ -85,7 +85,7 @@ TEST_F(HttpTransport, FollowsRedirects) {
     TestServer other;
     EXPECT_EQ(Get(server.port, u"/hop?to=echo%3Fvalue%3Dmoved%23part"), 0u);
     EXPECT_EQ(server.value, "moved");
-    EXPECT_EQ(Get(server.port, u"/hop?to=http://127.0.0.1:" + DecimalText(other.port) + u"/echo?value=away"), 0u);
+    EXPECT_EQ(Get(server.port, u"/hop?to=http://127.0.0.1:" + DecimalText(other.port) + u"/echo%3Fvalue%3Daway"), 0u);
     EXPECT_EQ(other.value, "away");
     EXPECT_EQ(Get(server.port, u"/hop?to=ftp://127.0.0.1/echo"), 13u);
     RawServer circle(Says("HTTP/1.1 302 Found\r\nLocation: /again\r\nContent-Length: 0\r\n\r\n"));
@@ -142,6 +142,32 @@ TEST_F(HttpTransport, EachFailureHasItsNumber) {
     EXPECT_EQ(Get(gone.port, u"/x", &response), 12030u) << "no empty answer";
 }
 
+TEST_F(HttpTransport, WhatCannotBeAskedForIsRefused) {
+    const platform::HttpOperations& http = platform::Http();
+    platform::HttpHandle session = 0, connection = 0, request = 0, none = 0;
+    RawServer server(Says("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n"));
+    const auto port = static_cast<std::uint16_t>(server.port);
+    EXPECT_EQ(http.WinHttpOpen(u"x", platform::HttpProxyAccess::namedProxy, u"", std::nullopt, none), 87u);
+    ASSERT_EQ(http.WinHttpOpen(u"x", platform::HttpProxyAccess::noProxy, std::nullopt, std::nullopt, session), 0u);
+    ASSERT_EQ(http.WinHttpConnect(session, u"127.0.0.1", port, connection), 0u);
+    EXPECT_EQ(http.WinHttpOpenRequest(session, u"GET", u"/", u"", 0, none), 12018u);
+    EXPECT_EQ(http.WinHttpOpenRequest(connection, u"HEAD", u"/", u"", 0, none), 87u);
+    ASSERT_EQ(http.WinHttpOpenRequest(connection, u"GET", u"/", u"", 0, request), 0u);
+    EXPECT_EQ(http.WinHttpCloseHandle(session), 0u);  // what was opened from it goes on
+    EXPECT_EQ(http.WinHttpCloseHandle(session), 6u);
+    EXPECT_EQ(http.WinHttpAddRequestHeaders(request, u"Name: a\r\nOther: b"), 87u);
+    EXPECT_EQ(http.WinHttpSetOptionNumber(request, platform::HttpOption::proxyPassword, 1), 12009u);
+    EXPECT_EQ(http.WinHttpSetOptionText(request, platform::HttpOption::sendTimeout, u"1"), 12009u);
+    std::uint32_t number = 0;
+    EXPECT_EQ(http.WinHttpReceiveResponse(request), 12019u);
+    EXPECT_EQ(http.WinHttpQueryHeadersNumber(request, platform::HttpHeaderQuery::statusCodeNumber, number), 12019u);
+    EXPECT_EQ(http.WinHttpSendRequest(request, nullptr, 0), 0u);
+    EXPECT_EQ(http.WinHttpReceiveResponse(request), 0u);
+    EXPECT_EQ(http.WinHttpQueryHeadersNumber(request, platform::HttpHeaderQuery::contentLengthNumber, number), 12150u);
+    EXPECT_EQ(http.WinHttpCloseHandle(connection), 0u);
+    EXPECT_EQ(http.WinHttpCloseHandle(request), 0u);
+}
+
 TEST_F(HttpTransport, AddressesThatLeadNowhere) {
     const int closedPort = RawServer(Says("")).port;
     for (const auto& [address, expected] : {std::pair{u"127.0.0.1", 12029u},
@@ -156,10 +182,11 @@ TEST_F(HttpTransport, AddressesThatLeadNowhere) {
 TEST_F(HttpTransport, GoesThroughTheProxyWithItsCredentials) {
     RawServer proxy(Forwards(basicCredentials));
     TestServer server;
+    agentState.gv_LastAccessName.publish(u"server.invalid");  // a name that only the proxy knows
     UseProxy(At(proxy.port), u"<local>");
     EXPECT_EQ(Get(server.port, u"/echo?value=via proxy"), 0u);
     EXPECT_EQ(server.value, "via proxy");
-    EXPECT_THAT(proxy.requests.back(), HasSubstr("GET http://127.0.0.1:"));
+    EXPECT_THAT(proxy.requests.back(), HasSubstr("GET http://server.invalid:"));
     UseProxy(At(proxy.port), u"<local>", u"wrong");
     EXPECT_EQ(Get(server.port, u"/echo"), 407u);
     EXPECT_EQ(Post(server.port, u"/post", "x", 1), 407u);
