@@ -1,141 +1,67 @@
 #include "tests/support/snmp_devices.h"
 
-#include <cerrno>
-#include <chrono>
-#include <csignal>
-#include <cstdlib>
-#include <fmt/format.h>
-#include <fstream>
-#include <iterator>
-#include <netinet/in.h>
-#include <spawn.h>
+#include <algorithm>
+#include <random>
 #include <stdexcept>
-#include <sys/socket.h>
-#include <sys/wait.h>
-#include <system_error>
-#include <unistd.h>
+#include <utility>
 
 namespace kv::test {
 
 namespace {
 
-constexpr std::chrono::seconds patience{20};
+using platform::SocketAddress;
+using platform::SocketHandle;
 
-struct Socket {
-    explicit Socket(std::uint16_t port) : number(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
-        address.sin_family = AF_INET;
-        address.sin_port = htons(port);
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        if (number < 0) throw std::system_error(errno, std::generic_category(), "no socket");
-    }
-    ~Socket() { close(number); }
-    Socket(const Socket&) = delete;
-    Socket& operator=(const Socket&) = delete;
+constexpr std::array<std::uint8_t, 4> loopback{127, 0, 0, 1};
+constexpr std::int64_t aDay = std::int64_t{24} * 60 * 60 * 1'000'000;  // microseconds
 
-    sockaddr* where() { return reinterpret_cast<sockaddr*>(&address); }
-
-    int number;
-    sockaddr_in address{};
-    socklen_t size = sizeof address;
-};
-
-std::uint16_t BindToFreePort(Socket& socket) {
-    if (bind(socket.number, socket.where(), socket.size) != 0 ||
-        getsockname(socket.number, socket.where(), &socket.size) != 0) {
-        throw std::system_error(errno, std::generic_category(), "no port to bind to");
-    }
-    return ntohs(socket.address.sin_port);
+SocketHandle OpenSocket(const platform::SocketOperations& sockets) {
+    SocketHandle socket = 0;
+    if (sockets.socket(socket) != platform::error::success) throw std::runtime_error("no socket");
+    return socket;
 }
 
-std::uint16_t FreePort() {
-    Socket socket(0);
-    return BindToFreePort(socket);
+/// By trying: the system's choice of a port would not be told.
+std::uint16_t BindToFreePort(const platform::SocketOperations& sockets, SocketHandle socket) {
+    std::random_device random;
+    for (int attempt = 0; attempt < 1000; ++attempt) {
+        const auto port = static_cast<std::uint16_t>(20000 + random() % 10000);
+        if (sockets.bind(socket, {loopback, port}) == platform::error::success) return port;
+    }
+    throw std::runtime_error("no port to bind to");
 }
-
-void Write(const std::filesystem::path& path, const std::string& text) { std::ofstream(path) << text; }
 
 }  // namespace
 
-SnmpProcess::SnmpProcess() : port_(FreePort()) {
-    std::string pattern = (std::filesystem::temp_directory_path() / "snmp-device-XXXXXX").string();
-    if (mkdtemp(pattern.data()) == nullptr) throw std::system_error(errno, std::generic_category(), pattern);
-    folder_ = pattern;
-}
-
-SnmpProcess::~SnmpProcess() {
-    if (pid_ > 0) {
-        kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
-    }
-    std::error_code ignored;
-    std::filesystem::remove_all(folder_, ignored);
-}
-
-void SnmpProcess::Start(const std::string& commandLine, const std::string& community) {
-    const std::string shellLine =
-        fmt::format("cd '{}' && exec setpriv --pdeathsig KILL {} >>output 2>&1", folder_.string(), commandLine);
-    const char* const arguments[]{"sh", "-c", shellLine.c_str(), nullptr};
-    if (posix_spawn(&pid_, "/bin/sh", nullptr, nullptr, const_cast<char* const*>(arguments), environ) != 0)
-        throw std::runtime_error("no shell for " + commandLine);
-
-    const std::string getNext =
-        fmt::format("MIBS= snmpgetnext -v2c -c '{}' -t 0.05 -r 0 127.0.0.1:{} 1.3 >/dev/null 2>&1", community, port_);
-    const auto end = std::chrono::steady_clock::now() + patience;
-    while (std::chrono::steady_clock::now() < end && pid_ > 0) {
-        if (std::system(getNext.c_str()) == 0) return;
-        if (waitpid(pid_, nullptr, WNOHANG) != 0) pid_ = 0;
-    }
-    std::ifstream printed(folder_ / "output");
-    throw std::runtime_error(fmt::format("{} does not answer. It has printed: {}", commandLine,
-                                         std::string(std::istreambuf_iterator<char>(printed), {})));
-}
-
-SnmpDaemon::SnmpDaemon(const std::string& configuration) {
-    Write(folder_ / "snmpd.conf",
-          fmt::format("agentaddress udp:127.0.0.1:{}\nrocommunity public\n{}\n", port(), configuration));
-    Start("env MIBS= SNMP_PERSISTENT_DIR=$PWD /usr/sbin/snmpd -f -Lo -C -c snmpd.conf -p pid", "public");
-}
-
-SnmpSimulator::SnmpSimulator(const std::string& community, const std::string& records) {
-    std::filesystem::create_directory(folder_ / "data");
-    Write(folder_ / "data" / (community + ".snmprec"), records);
-    std::filesystem::permissions(folder_, std::filesystem::perms::all);
-    const char* user = geteuid() == 0 ? "--reuid nobody --regid nogroup --clear-groups" : "";  // not as root
-    Start(fmt::format("{} /usr/bin/snmpsimd --logging-method=null --data-dir=data --cache-dir=cache "
-                      "--agent-udpv4-endpoint=127.0.0.1:{}",
-                      user, port()),
-          community);
-}
-
-ScriptedDevice::ScriptedDevice(Answer answer, SentFrom from) : answer_(std::move(answer)), from_(from) {
-    Socket made(0);
-    port_ = BindToFreePort(made);
-    socket_ = dup(made.number);
-    thread_ = std::thread([this] { Serve(); });
-}
+ScriptedDevice::ScriptedDevice(Answer answer, SentFrom from)
+    : sockets_(platform::Sockets()),
+      answer_(std::move(answer)),
+      socket_(OpenSocket(sockets_)),
+      another_(OpenSocket(sockets_)),
+      sender_(from == SentFrom::ownPort ? socket_ : another_),
+      port_(BindToFreePort(sockets_, socket_)),
+      thread_([this] { Serve(); }) {}
 
 ScriptedDevice::~ScriptedDevice() {
     stop_ = true;
-    Socket bell(port_);
-    sendto(bell.number, "", 0, 0, bell.where(), bell.size);
+    std::size_t sent = 0;
+    sockets_.sendto(another_, "", 0, {loopback, port_}, sent);
     thread_.join();
-    close(socket_);
+    for (const SocketHandle socket : {socket_, another_}) sockets_.closesocket(socket);
 }
 
 void ScriptedDevice::Serve() {
     std::string request(65536, '\0');
-    const Socket another(0);
-    const int sender = from_ == SentFrom::ownPort ? socket_ : another.number;
     while (true) {
-        sockaddr_in address{};
-        socklen_t size = sizeof address;
-        auto* const peer = reinterpret_cast<sockaddr*>(&address);
-        const ssize_t length = recvfrom(socket_, request.data(), request.size(), 0, peer, &size);
+        bool isReady = false;
+        sockets_.select(socket_, aDay, isReady);
         if (stop_) return;
-        if (length < 0) continue;
-        for (const std::string& datagram :
-             answer_(std::string_view(request).substr(0, static_cast<std::size_t>(length))))
-            sendto(sender, datagram.data(), datagram.size(), 0, peer, size);
+        SocketAddress peer;
+        std::size_t length = 0;
+        if (sockets_.recvfrom(socket_, request.data(), request.size(), peer, length) != platform::error::success)
+            continue;
+        for (const std::string& datagram : answer_(std::string_view(request).substr(0, length)))
+            sockets_.sendto(sender_, datagram.data(), datagram.size(), peer, length);
     }
 }
 

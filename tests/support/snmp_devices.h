@@ -1,4 +1,5 @@
-// Devices to poll: real agents as child processes on loopback ports of their own, and one that says what a test wants.
+// Devices to poll: one that says what a test wants, and real agents as child processes on loopback ports of their own,
+// on Linux only.
 #pragma once
 
 #include <atomic>
@@ -9,6 +10,8 @@
 #include <string_view>
 #include <thread>
 #include <vector>
+
+#include "platform/sockets.h"
 
 namespace kv::test {
 
@@ -68,10 +71,12 @@ class ScriptedDevice {
   private:
     void Serve();
 
+    const platform::SocketOperations sockets_;  // which no test replaces any more
     Answer answer_;
-    SentFrom from_;
-    int socket_ = -1;
-    std::uint16_t port_ = 0;
+    platform::SocketHandle socket_;
+    platform::SocketHandle another_;
+    platform::SocketHandle sender_;
+    std::uint16_t port_;
     std::atomic<bool> stop_{false};
     std::thread thread_;
 };
