@@ -1,4 +1,5 @@
-// Transactions that need more than one system's tests can show: secure peers, tunnels, and peers that keep silent.
+// Secure peers, for which the test's server needs OpenSSL, and what Wine does not show as Windows does it: lists of
+// proxies, patterns to be reached directly, credentials offered unasked, peers that hang up, chunks that are cut.
 #include <cstdlib>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
