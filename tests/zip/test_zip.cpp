@@ -1,17 +1,15 @@
 #include <algorithm>
-#include <cstdlib>
 #include <gtest/gtest.h>
-#include <map>
 #include <random>
 #include <string>
 
 #include "foundation/text.h"
-#include "lab/archive.h"
 #include "platform/files.h"
 #include "platform/utf.h"
 #include "tests/support/snmp_devices.h"
 #include "tests/support/test_agent.h"
 #include "tests/support/virtual_clock.h"
+#include "tests/zip/zip_peer.h"
 #include "zip/zip_writer.h"
 
 namespace kv::test {
@@ -33,12 +31,8 @@ std::string Noise(std::size_t size) {
 
 class Zip : public TestAgent {
   protected:
-    /// What an independent reader finds in the archive, its local headers checked against its directory.
-    std::map<std::string, std::string> ReadArchive() const {
-        std::map<std::string, std::string> files;
-        lab::ReadArchive(Read(path), [&](const std::string& name, std::string_view content) { files[name] = content; });
-        return files;
-    }
+    /// What another reader finds in the archive.
+    Files ReadArchive() const { return UnpackedByPeer(Read(path)); }
 
     /// Packs one file of this content, which a reader finds again.
     void PackOne(const std::string& content, std::u16string_view name = u"name") {
@@ -106,8 +100,8 @@ TEST_F(Zip, EveryByteOfTheRecordsIsAsTheFormatSays) {
     EXPECT_EQ(Read(path), FromHex(expected));
 }
 
-TEST_F(Zip, TwoIndependentReadersFindWhatWasPacked) {
-    std::map<std::string, std::string> contents{{"data/empty.txt", ""}, {"data/\xC3\xBC \xE2\x82\xAC.txt", "x"}};
+TEST_F(Zip, AnotherReaderFindsWhatWasPacked) {
+    Files contents{{"data/empty.txt", ""}, {"data/\xC3\xBC \xE2\x82\xAC.txt", "x"}};
     for (const std::size_t size : {16383UL, 16384UL, 16385UL, 65536UL, 300000UL}) {
         contents["data/" + std::to_string(size)] = Noise(size);  // too large to be completed in the buffer
         contents["data/" + std::to_string(size) + ".zoo"] = Noise(size);
@@ -123,7 +117,6 @@ TEST_F(Zip, TwoIndependentReadersFindWhatWasPacked) {
     EXPECT_EQ(CloseZip(zip), zip_result::ok);
 
     EXPECT_TRUE(ReadArchive() == contents);
-    EXPECT_EQ(std::system("unzip -tqq a.zip"), 0);
 }
 
 TEST_F(Zip, TheExtensionDecidesTheMethod) {

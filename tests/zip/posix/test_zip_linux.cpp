@@ -1,0 +1,54 @@
+// What the agent's zips are to Debian's unzip, and what encrypted ones and links are to the agent.
+#include <cstdlib>
+
+#include "tests/zip/zip_reading.h"
+#include "zip/zip_writer.h"
+
+namespace kv::test {
+
+TEST_F(ZipReading, UnzipTakesWhatWasPacked) {
+    Write(bin / "one", Noise(300000));
+    ZipHandle zip = CreateZip(u"a.zip", nullptr);
+    for (const char16_t* name : {u"stored.gz", u"d\\deflated"})
+        EXPECT_EQ(AddFileToZip(zip, name, u"one"), zip_result::ok);
+    EXPECT_EQ(CloseZip(zip), zip_result::ok);
+    EXPECT_EQ(std::system("unzip -tqq a.zip"), 0);
+}
+
+TEST_F(ZipReading, NoLinkLeadsOutsideTheBase) {
+    const fs::path outside = folder / "outside";
+    Write(outside / "file", "kept");
+    fs::create_directory_symlink(outside, download);  // the base itself may be a link
+    const fs::path inside = outside / "in";
+    fs::create_directory(inside);
+    fs::create_directory_symlink(outside, inside / "link");
+    fs::create_symlink(outside / "file", inside / "filelink");
+    fs::create_symlink(outside / "new", inside / "dangling");
+    std::vector<Built> entries{Built("in/link/d/", "")};
+    for (const char* name : {"in/link/x", "in\\link\\file"}) entries.emplace_back(name, "bad");
+    for (const char* name : {"in/filelink", "in/dangling"}) entries.emplace_back(name, "good");
+    Write(bin / "a.zip", Archive(entries));
+    UnzipFiles(u"a.zip", u"..\\conf\\download");
+    EXPECT_EQ(Tree(outside), (Files{{"file", "kept"}, {"in/dangling", "good"}, {"in/filelink", "good"}}));
+    EXPECT_FALSE(fs::exists(outside / "d") || fs::is_symlink(inside / "filelink"));
+    for (std::size_t i = 0; i < entries.size(); ++i)
+        EXPECT_EQ(Logged("Not able to unpack item [" + std::to_string(i) + "] ["), entries[i].data != "good") << i;
+}
+
+TEST_F(ZipReading, EncryptedItemsNeedTheirPassword) {
+    const std::string bytes = PackedByPeer(contents, bin / "a.zip", "secret");
+    for (const std::string password : {"secret", "Secret"}) {
+        ZipHandle zip = OpenBytes(bytes, password.c_str());
+        std::int32_t index = 0;
+        for (const auto& [name, content] : contents) {
+            std::string found;
+            const bool right = ReadItem(zip, index++, found) == zip_result::ok && found == content;
+            EXPECT_EQ(right, password == "secret") << name;
+        }
+        CloseUnzip(zip);
+    }
+    UnzipFiles(u"a.zip", u"..\\conf\\download");
+    EXPECT_TRUE(Logged("[d/e/small] of [a.zip]. Error is [0x1000] [unknown zip result code]"));
+}
+
+}  // namespace kv::test

@@ -1,0 +1,28 @@
+#include "tests/zip/zip_peer.h"
+
+#include <zip.h>
+
+#include "lab/archive.h"
+#include "tests/support/test_agent.h"
+
+namespace kv::test {
+
+/// The local headers are checked against the directory.
+Files UnpackedByPeer(const std::string& bytes) {
+    Files files;
+    lab::ReadArchive(bytes, [&](const std::string& name, std::string_view content) { files[name] = content; });
+    return files;
+}
+
+std::string PackedByPeer(const Files& contents, const std::filesystem::path& path, const char* password) {
+    zip_t* archive = zip_open(path.c_str(), ZIP_CREATE | ZIP_TRUNCATE, nullptr);
+    for (const auto& [name, content] : contents) {
+        zip_source_t* source = zip_source_buffer(archive, content.data(), content.size(), 0);
+        const auto index = static_cast<zip_uint64_t>(zip_file_add(archive, name.c_str(), source, 0));
+        if (password != nullptr) zip_file_set_encryption(archive, index, ZIP_EM_TRAD_PKWARE, password);
+    }
+    EXPECT_EQ(zip_close(archive), 0);
+    return TestAgent::Read(path);
+}
+
+}  // namespace kv::test

@@ -1,0 +1,19 @@
+// Another implementation of the format, which tells whether the agent's own keeps to it: on Linux libzip. The tests of
+// Windows have none, and there the agent's reader and writer are each other's.
+#pragma once
+
+#include <filesystem>
+#include <map>
+#include <string>
+
+namespace kv::test {
+
+using Files = std::map<std::string, std::string>;  // contents by path
+
+/// Every file of an archive. Throws, or fails the test, where the archive is at fault.
+Files UnpackedByPeer(const std::string& bytes);
+
+/// Makes an archive, and gives its bytes. With a password on Linux only.
+std::string PackedByPeer(const Files& contents, const std::filesystem::path& path, const char* password = nullptr);
+
+}  // namespace kv::test
