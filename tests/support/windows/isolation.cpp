@@ -22,10 +22,12 @@ void RemovePrivateKey() {
 
 std::filesystem::path MakeTemporaryFolder() {
     static std::atomic<int> made{0};
-    const std::string name = "kvagent-test-" + std::to_string(::GetCurrentProcessId()) + "-" + std::to_string(++made);
-    const std::filesystem::path folder = std::filesystem::temp_directory_path() / name;
-    if (!std::filesystem::create_directory(folder)) throw std::runtime_error("no temporary folder");
-    return folder;
+    const std::string start = "kvagent-test-" + std::to_string(::GetCurrentProcessId()) + "-";
+    // A process of the same number that was ended may have left its folder.
+    while (true) {
+        const std::filesystem::path folder = std::filesystem::temp_directory_path() / (start + std::to_string(++made));
+        if (std::filesystem::create_directory(folder)) return folder;
+    }
 }
 
 void IsolateRegistry(const std::filesystem::path&) {
