@@ -48,9 +48,8 @@ bool FindBinPath() {
     OptionalText installDir;
     const platform::Error error = GetKVAgentInstallDir(installDir);
     if (error != platform::error::success || !installDir) {
-        const std::u16string reason = platform::Messages().FormatMessageW(error).value_or(u"");
         std::fprintf(stderr, "MonitoringAgent: the setting KVAgentInstallDir cannot be read: %s (error %u)\n",
-                     platform::Utf8FromWide(reason).c_str(), error);
+                     platform::MessageInLine(error).c_str(), error);
         AppendNote(registryNote, "Not able to fetch the KV Agent installation directory from the registry\n");
         return true;
     }

@@ -67,7 +67,7 @@ JsonReadResult JSONFileToHash(HashTable* table, std::u16string_view fileName) {
     const std::string name = platform::Utf8FromWide(fileName);
     std::string bytes;
     if (const platform::Error error = ReadWholeFile(fileName, bytes)) {
-        const std::string words = platform::Utf8FromWide(platform::Messages().FormatMessageW(error).value_or(u""));
+        const std::string words = platform::MessageInLine(error);
         static_cast<void>(
             std::fprintf(stderr, "json_object_from_file: error reading file %s: %s\n", name.c_str(), words.c_str()));
         return FileFailure(name + ": " + words + " (error " + std::to_string(error) + ")");

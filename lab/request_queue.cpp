@@ -17,8 +17,7 @@ constexpr const char* stateVariable = "KVAGENT_STATE_DIR";
 constexpr const char* noFlagHint = "--no-flag only queues, for an agent elsewhere or unheard of";
 
 std::string ErrorText(platform::Error failure) {
-    const auto words = platform::Messages().FormatMessageW(failure);
-    return fmt::format("{} (error {})", platform::Utf8FromWide(words.value_or(u"")), failure);
+    return fmt::format("{} (error {})", platform::MessageInLine(failure), failure);
 }
 
 /// For a message.

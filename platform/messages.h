@@ -30,4 +30,7 @@ struct MessageOperations {
 
 inline const MessageOperations& Messages() { return CurrentOperations<MessageOperations>(); }
 
+/// The system's text for an error number in UTF-8, without the line end that it may have; empty where there is none.
+std::string MessageInLine(Error code);
+
 }  // namespace platform
