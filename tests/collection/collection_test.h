@@ -1,0 +1,46 @@
+// What tests of collection share.
+#pragma once
+
+#include <filesystem>
+#include <iterator>
+#include <string>
+#include <string_view>
+
+#include "collection/collect.h"
+#include "foundation/agent_state.h"
+#include "foundation/file_utils.h"
+#include "platform/utf.h"
+#include "tests/collection/scripts.h"
+#include "tests/support/test_agent.h"
+
+namespace kv::test {
+
+namespace fs = std::filesystem;
+class Collection : public TestAgent {
+  protected:
+    Collection() {
+        agentState.gv_agentKey.publish(u"K");
+        agentState.gv_custID = u"Acme";
+    }
+
+    void WriteScript(const std::string& name, const std::string& body) {
+        Write(conf / "scripts" / name, ScriptText(body));
+        fs::permissions(conf / "scripts" / name, fs::perms::owner_all);
+    }
+
+    /// Runs a new script with its output wanted and gives its record's text in UTF-8, or "(none)".
+    std::string RunScript(const std::string& body, std::u16string_view parameters = u"") {
+        WriteScript("script.bat", body);
+        EXPECT_EQ(ExecuteScript(u"script.bat", parameters, u"TRUE"), 0);
+        return Record(agentState.gv_ocLastCreatedJSONNum);
+    }
+
+    std::string Record(std::uint32_t number) const {
+        const fs::path path = data / ("Agent_K_" + std::to_string(number) + ".txt");
+        return fs::exists(path) ? platform::Utf8FromWide(TextFromUtf16LittleEndian(Read(path))) : "(none)";
+    }
+
+    std::ptrdiff_t DataFiles() const { return std::distance(fs::directory_iterator(data), {}); }
+};
+
+}  // namespace kv::test

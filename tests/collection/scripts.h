@@ -1,0 +1,15 @@
+// Scripts for the system's own command interpreter. Lines such as "echo text" and "exit 3" are the same in both.
+#pragma once
+
+#include <string>
+
+namespace kv::test {
+
+/// A script of these lines, to be run under a name that ends with ".bat".
+std::string ScriptText(const std::string& lines);
+
+extern const std::string lineEnd;         // of what echo prints
+extern const std::string printArguments;  // a line that prints five arguments with commas between them
+extern const std::string printFile;       // a command that prints the file whose name follows
+
+}  // namespace kv::test

@@ -1,0 +1,11 @@
+#include "tests/collection/scripts.h"
+
+namespace kv::test {
+
+std::string ScriptText(const std::string& lines) { return "@echo off\n" + lines + "\n"; }
+
+const std::string lineEnd = "\r\n";
+const std::string printArguments = "echo %~1,%~2,%~3,%~4,%~5";
+const std::string printFile = "type ";
+
+}  // namespace kv::test
