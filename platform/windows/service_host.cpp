@@ -1,7 +1,89 @@
+#include <atomic>
+
 #include "platform/windows/win32.h"
 
 namespace platform {
 
-ServiceHostOperations WindowsServiceHost() { return {}; }
+namespace {
+
+/// The system's main routine gets no context of the caller's, so the service's stands here. There is one of each in a
+/// process.
+struct Service {
+    ServiceMainRoutine main = nullptr;
+    ServiceHandlerRoutine handler = nullptr;
+    std::atomic<std::uint32_t> accepted{0};  // of the last report
+    std::atomic<bool> stopping{false};       // reported
+};
+
+Service& TheService() {
+    static Service service;
+    return service;
+}
+
+void WINAPI RunServiceMain(DWORD, LPWSTR*) { TheService().main(); }
+
+/// True when the service has said that it takes the control; an interrogation and controls of its own need no saying.
+bool Accepts(std::uint32_t accepted, DWORD control) {
+    switch (control) {
+        case SERVICE_CONTROL_STOP:
+            return (accepted & service_accepts::stop) != 0;
+        case SERVICE_CONTROL_PAUSE:
+        case SERVICE_CONTROL_CONTINUE:
+            return (accepted & service_accepts::pauseAndContinue) != 0;
+        case SERVICE_CONTROL_SHUTDOWN:
+            return (accepted & service_accepts::shutdown) != 0;
+        case SERVICE_CONTROL_SESSIONCHANGE:
+            return (accepted & service_accepts::sessionChange) != 0;
+        default:
+            return true;
+    }
+}
+
+/// The manager lets nothing through that is not accepted, but for what was on its way when the status changed.
+DWORD WINAPI HandleControl(DWORD control, DWORD eventType, void* eventData, void* context) {
+    const Service& service = TheService();
+    if (service.stopping || !Accepts(service.accepted, control)) {
+        return control == SERVICE_CONTROL_INTERROGATE ? NO_ERROR : DWORD{ERROR_SERVICE_CANNOT_ACCEPT_CTRL};
+    }
+    return service.handler(control, eventType, eventData, context);
+}
+
+Error StartServiceCtrlDispatcherW(std::u16string_view serviceName, ServiceMainRoutine serviceMain) {
+    TheService().main = serviceMain;
+    std::wstring name = WideOf(serviceName);
+    const SERVICE_TABLE_ENTRYW services[] = {{name.data(), RunServiceMain}, {nullptr, nullptr}};
+    return ResultOf(::StartServiceCtrlDispatcherW(services));
+}
+
+Error RegisterServiceCtrlHandlerExW(std::u16string_view serviceName, ServiceHandlerRoutine handler, void* context,
+                                    ServiceStatusHandle& handle) {
+    TheService().handler = handler;
+    handle = reinterpret_cast<ServiceStatusHandle>(
+        ::RegisterServiceCtrlHandlerExW(WideOf(serviceName).c_str(), HandleControl, context));
+    return ResultOf(handle != 0);
+}
+
+Error SetServiceStatus(ServiceStatusHandle handle, const ServiceStatus& status) {
+    Service& service = TheService();
+    service.accepted = status.dwControlsAccepted;
+    if (status.dwCurrentState == ServiceState::stopPending || status.dwCurrentState == ServiceState::stopped)
+        service.stopping = true;
+    SERVICE_STATUS report{.dwServiceType = status.dwServiceType,
+                          .dwCurrentState = static_cast<DWORD>(status.dwCurrentState),
+                          .dwControlsAccepted = status.dwControlsAccepted,
+                          .dwWin32ExitCode = status.dwWin32ExitCode,
+                          .dwServiceSpecificExitCode = status.dwServiceSpecificExitCode,
+                          .dwCheckPoint = status.dwCheckPoint,
+                          .dwWaitHint = status.dwWaitHint};
+    return ResultOf(::SetServiceStatus(reinterpret_cast<SERVICE_STATUS_HANDLE>(handle), &report));
+}
+
+}  // namespace
+
+ServiceHostOperations WindowsServiceHost() {
+    return {.StartServiceCtrlDispatcherW = StartServiceCtrlDispatcherW,
+            .RegisterServiceCtrlHandlerExW = RegisterServiceCtrlHandlerExW,
+            .SetServiceStatus = SetServiceStatus};
+}
 
 }  // namespace platform

@@ -1,7 +1,117 @@
+#include <algorithm>
+#include <cstddef>
+#include <memory>
+
 #include "platform/windows/win32.h"
 
 namespace platform {
 
-ServiceManagerOperations WindowsServiceManager() { return {}; }
+namespace {
+
+SC_HANDLE HandleOf(ServiceHandle handle) { return reinterpret_cast<SC_HANDLE>(handle); }
+
+/// The handle that a call gave, or why it gave none.
+Error Take(SC_HANDLE given, ServiceHandle& handle) {
+    handle = reinterpret_cast<ServiceHandle>(given);
+    return ResultOf(given != nullptr);
+}
+
+template <class SystemStatus>
+ServiceStatus StatusOf(const SystemStatus& status) {
+    return {.dwServiceType = status.dwServiceType,
+            .dwCurrentState = static_cast<ServiceState>(status.dwCurrentState),
+            .dwControlsAccepted = status.dwControlsAccepted,
+            .dwWin32ExitCode = status.dwWin32ExitCode,
+            .dwServiceSpecificExitCode = status.dwServiceSpecificExitCode,
+            .dwCheckPoint = status.dwCheckPoint,
+            .dwWaitHint = status.dwWaitHint};
+}
+
+Error OpenSCManagerW(std::uint32_t rights, ServiceHandle& manager) {
+    return Take(::OpenSCManagerW(nullptr, SERVICES_ACTIVE_DATABASEW, rights), manager);
+}
+
+Error OpenServiceW(ServiceHandle manager, std::u16string_view name, std::uint32_t rights, ServiceHandle& service) {
+    return Take(::OpenServiceW(HandleOf(manager), WideOf(name).c_str(), rights), service);
+}
+
+/// Texts one after the other, each with a zero behind it, and one more at the end.
+std::wstring TextListOf(const std::vector<std::u16string>& texts) {
+    std::wstring list;
+    for (const std::u16string& text : texts) list += WideOf(text) + L'\0';
+    return list + L'\0';
+}
+
+Error CreateServiceW(ServiceHandle manager, const ServiceDefinition& definition, ServiceHandle& service) {
+    return Take(
+        ::CreateServiceW(HandleOf(manager), WideOf(definition.name).c_str(), WideOf(definition.displayName).c_str(),
+                         SERVICE_ALL_ACCESS, definition.type, static_cast<DWORD>(definition.start),
+                         static_cast<DWORD>(definition.errorControl), WideOf(definition.binaryPath).c_str(), nullptr,
+                         nullptr, TextListOf(definition.dependencies).c_str(), nullptr, nullptr),
+        service);
+}
+
+Error ChangeServiceConfig2W(ServiceHandle service, const ServiceFailureActions& actions) {
+    std::vector<SC_ACTION> steps;
+    for (const RecoveryStep& step : actions.steps)
+        steps.push_back({static_cast<SC_ACTION_TYPE>(step.action), step.delayMilliseconds});
+    wchar_t nothing[] = L"";
+    SERVICE_FAILURE_ACTIONSW recovery{.dwResetPeriod = actions.resetPeriodSeconds,
+                                      .lpRebootMsg = nothing,
+                                      .lpCommand = nullptr,
+                                      .cActions = static_cast<DWORD>(steps.size()),
+                                      .lpsaActions = steps.data()};
+    return ResultOf(::ChangeServiceConfig2W(HandleOf(service), SERVICE_CONFIG_FAILURE_ACTIONS, &recovery));
+}
+
+Error ControlService(ServiceHandle service, std::uint32_t control, ServiceStatus& status) {
+    SERVICE_STATUS given{};
+    const Error result = ResultOf(::ControlService(HandleOf(service), control, &given));
+    status = StatusOf(given);
+    return result;
+}
+
+Error QueryServiceStatusEx(ServiceHandle service, ServiceStatus& status) {
+    SERVICE_STATUS_PROCESS given{};
+    DWORD needed = 0;
+    const Error result = ResultOf(::QueryServiceStatusEx(HandleOf(service), SC_STATUS_PROCESS_INFO,
+                                                         reinterpret_cast<BYTE*>(&given), sizeof given, &needed));
+    if (result == error::success) status = StatusOf(given);
+    return result;
+}
+
+Error EnumDependentServicesW(ServiceHandle service, std::size_t bufferSize, std::vector<DependentService>& services,
+                             std::size_t& bytesNeeded) {
+    services.clear();
+    bufferSize = std::min<std::size_t>(bufferSize, MAXDWORD);
+    // The records are followed by the texts that they point to, so there is room for both.
+    const auto buffer = std::make_unique<std::max_align_t[]>(bufferSize / sizeof(std::max_align_t) + 1);
+    auto* const found = reinterpret_cast<ENUM_SERVICE_STATUSW*>(buffer.get());
+    DWORD needed = 0;
+    DWORD count = 0;
+    const Error result = ResultOf(::EnumDependentServicesW(HandleOf(service), SERVICE_ACTIVE, found,
+                                                           static_cast<DWORD>(bufferSize), &needed, &count));
+    bytesNeeded = needed;
+    for (DWORD at = 0; result == error::success && at < count; ++at)
+        services.push_back({TextOf(found[at].lpServiceName), StatusOf(found[at].ServiceStatus)});
+    return result;
+}
+
+}  // namespace
+
+ServiceManagerOperations WindowsServiceManager() {
+    return {
+        .OpenSCManagerW = OpenSCManagerW,
+        .OpenServiceW = OpenServiceW,
+        .CreateServiceW = CreateServiceW,
+        .ChangeServiceConfig2W = ChangeServiceConfig2W,
+        .DeleteService = [](ServiceHandle service) { return ResultOf(::DeleteService(HandleOf(service))); },
+        .StartServiceW = [](ServiceHandle service) { return ResultOf(::StartServiceW(HandleOf(service), 0, nullptr)); },
+        .ControlService = ControlService,
+        .QueryServiceStatusEx = QueryServiceStatusEx,
+        .EnumDependentServicesW = EnumDependentServicesW,
+        .CloseServiceHandle = [](ServiceHandle handle) { ::CloseServiceHandle(HandleOf(handle)); },
+    };
+}
 
 }  // namespace platform
