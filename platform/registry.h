@@ -23,7 +23,8 @@ namespace platform {
 
 enum class RootKey : std::uint32_t { localMachine = 0x80000002 };
 
-enum class RegistryAccess { queryValue, allAccess };
+/// queryValue reads values by their names; read lists names and waits for changes, too.
+enum class RegistryAccess { queryValue, read, allAccess };
 
 enum class RegistryType : std::uint32_t {
     none = 0,

@@ -78,7 +78,7 @@ Error ApplyKey(const RegFileKey& key) {
 }  // namespace
 
 Error ReadKey(std::u16string_view path, KeyContents& contents) {
-    const KeyHandle handle(path, RegistryAccess::queryValue);
+    const KeyHandle handle(path, RegistryAccess::read);
     if (handle.failure != error::success) return handle.failure;
     std::vector<std::u16string> names;
     Error result = platform::Registry().RegEnumValueW(handle.key, names);
@@ -92,7 +92,7 @@ Error ReadKey(std::u16string_view path, KeyContents& contents) {
 }
 
 Error ReadValue(std::u16string_view path, std::u16string_view name, RegFileValue& value) {
-    const KeyHandle handle(path, RegistryAccess::queryValue);
+    const KeyHandle handle(path, RegistryAccess::read);
     return handle.failure != error::success ? handle.failure : QueryValue(handle.key, name, value);
 }
 

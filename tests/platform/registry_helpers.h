@@ -12,6 +12,7 @@ namespace kv::test {
 using platform::Error;
 using platform::Registry;
 using platform::RegistryAccess;
+using platform::RegistryDisposition;
 using platform::RegistryKey;
 using platform::RegistryOperations;
 using platform::RegistryType;
@@ -27,7 +28,7 @@ inline Error Open(std::u16string_view path, RegistryKey& key, RegistryAccess acc
 inline Error SetBytes(std::u16string_view path, std::u16string_view name, std::string_view data,
                       RegistryType type = RegistryType::binary, const RegistryOperations& registry = Registry()) {
     RegistryKey key = 0;
-    platform::RegistryDisposition disposition{};
+    RegistryDisposition disposition{};
     Error result = registry.RegCreateKeyExW(RootKey::localMachine, path, RegistryAccess::allAccess, key, disposition);
     if (result != error::success) return result;
     result = registry.RegSetValueExW(key, name, type, reinterpret_cast<const std::byte*>(data.data()), data.size());

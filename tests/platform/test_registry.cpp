@@ -1,34 +1,31 @@
-// The registry in its file: keys, values, handles, changes; among many processes, killed ones among them; and over
-// files that are not what they should be.
-#include <filesystem>
-#include <functional>
+// The registry: names, values, handles and changes.
 #include <gmock/gmock.h>
-#include <signal.h>
-#include <sqlite3.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
+#include <thread>
 
 #include "platform/backend.h"
-#include "platform/posix/posix.h"
 #include "tests/platform/registry_helpers.h"
-#include "tests/support/test_agent.h"
-#include "tests/support/virtual_clock.h"
+#include "tests/support/isolation.h"
 
 namespace kv::test {
 
 namespace {
 
-namespace fs = std::filesystem;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-class Registry_ : public TestAgent {
+class Registry_ : public ::testing::Test {
   protected:
-    /// Ends this process's connection; the next call opens another.
-    static void CloseRegistry() { platform::InstallBackend(); }
+    Registry_() {
+        IsolateRegistry(folder_);
+        platform::InstallBackend();
+    }
+    ~Registry_() override {
+        std::error_code ignored;
+        std::filesystem::remove_all(folder_, ignored);
+    }
 
-    fs::path file = folder / "state" / "registry.db";
+  private:
+    std::filesystem::path folder_ = MakeTemporaryFolder();
 };
 
 using Names = std::vector<std::u16string>;
@@ -39,16 +36,6 @@ Names NamesIn(const decltype(RegistryOperations::RegEnumKeyExW)& list, std::u16s
     Open(path, key);
     EXPECT_EQ(list(key, names), error::success);
     return names;
-}
-
-TEST_F(Registry_, ReadingLeavesNoFileBehindAndAWriteMakesOneForItsOwnerOnly) {
-    EXPECT_EQ(GetBytes(u"Software", u"name"), "error 2");
-    EXPECT_EQ(Registry().RegDeleteTreeW(RootKey::localMachine, u"Software"), error::fileNotFound);
-    EXPECT_TRUE(fs::is_empty(folder / "state"));
-    EXPECT_EQ(SetBytes(u"Software\\A", u"name", "data"), error::success);
-    for (const char* name : {"registry.db", "registry.db-wal", "registry.db-shm"}) {
-        EXPECT_EQ(fs::status(folder / "state" / name).permissions(), fs::perms::owner_read | fs::perms::owner_write);
-    }
 }
 
 TEST_F(Registry_, NamesIgnoreCaseAndKeepTheirFirstForm) {
@@ -84,159 +71,66 @@ TEST_F(Registry_, AKeyDeletedUnderAnOpenHandleStaysDeletedWhenAnotherIsMadeInIts
     Open(u"K", key, RegistryAccess::queryValue);
     EXPECT_EQ(Registry().RegSetValueExW(key, u"v", RegistryType::binary, nullptr, 0), error::accessDenied);
     EXPECT_EQ(Registry().RegDeleteTreeW(RootKey::localMachine, u""), error::accessDenied) << "the root stays";
-
-    for (const char* suffix : {"", "-wal", "-shm"}) fs::remove(file.string() + suffix);
-    EXPECT_EQ(Registry().RegEnumValueW(key, names), error::fileNotFound);
-    EXPECT_EQ(SetBytes(u"K", u"v", "present"), error::success) << "a file that is gone is made anew";
-    EXPECT_EQ(Registry().RegEnumValueW(key, names), error::keyDeleted);
-    EXPECT_EQ(GetBytes(u"K", u"v"), "present");
 }
 
-TEST_F(Registry_, AChangeIsSeenOnceWhoeverMadeIt) {
-    ASSERT_EQ(SetBytes(u"K", u"v", "1"), error::success);
-    const RegistryOperations other = platform::PosixRegistry();  // a second connection, as another process has
-    VirtualClock clock;
+TEST_F(Registry_, AKeyIsMadeWithAllLevelsAboveIt) {
+    std::u16string path = u"K";
+    for (int level = 1; level < 100; ++level) path += u"\\level";
     RegistryKey key = 0;
-    Open(u"K", key);
-    EXPECT_EQ(Registry().RegNotifyChangeKeyValue(key, 0), error::success) << "what happened before the first call";
-    const std::int64_t start = clock.nowMilliseconds();
-    EXPECT_EQ(Registry().RegNotifyChangeKeyValue(key, 1500), error::waitTimeout);
-    EXPECT_EQ(clock.nowMilliseconds() - start, 1500);
+    for (const RegistryDisposition expected : {RegistryDisposition::created, RegistryDisposition::opened}) {
+        RegistryDisposition disposition{};
+        EXPECT_EQ(Registry().RegCreateKeyExW(RootKey::localMachine, path, RegistryAccess::read, key, disposition),
+                  error::success);
+        EXPECT_EQ(disposition, expected);
+    }
+    EXPECT_EQ(Registry().RegSetValueExW(key, u"v", RegistryType::binary, nullptr, 0), error::accessDenied);
+    EXPECT_EQ(Open(path + u"\\level", key), error::fileNotFound);
+    EXPECT_EQ(key, 0U);
+}
 
-    clock.onSleep = [&](std::uint32_t) {
-        if (clock.nowMilliseconds() - start > 3000) SetBytes(u"K", u"v", "2", RegistryType::binary, other);
+TEST_F(Registry_, RoomForAValueIsToldAndNothingIsCopiedWithoutIt) {
+    ASSERT_EQ(SetBytes(u"K", u"v", "12345", RegistryType::multiText), error::success);
+    RegistryKey key = 0;
+    Open(u"K", key, RegistryAccess::queryValue);
+    const std::tuple<std::size_t, Error, std::string> rows[] = {
+        {0, error::moreData, "....."}, {4, error::moreData, "....."}, {5, error::success, "12345"}};
+    for (const auto& [room, result, expected] : rows) {
+        std::string data(5, '.');
+        std::size_t size = room;
+        RegistryType type{};
+        EXPECT_EQ(Registry().RegQueryValueExW(key, u"V", &type, reinterpret_cast<std::byte*>(data.data()), size),
+                  result);
+        EXPECT_EQ(size, 5U);
+        EXPECT_EQ(data, expected);
+        EXPECT_EQ(type, RegistryType::multiText);
+    }
+    EXPECT_EQ(SetBytes(u"K", u"v", std::string((1 << 20) + 1, 'x')), error::invalidParameter);
+    EXPECT_EQ(GetBytes(u"K", u"v"), "12345");
+    EXPECT_EQ(GetBytes(u"K", {u"v\0", 2}), "error 2");
+}
+
+TEST_F(Registry_, AChangeInAKeyOrBelowItIsToldOnce) {
+    ASSERT_EQ(SetBytes(u"K\\Sub", u"v", "1"), error::success);
+    RegistryKey key = 0;
+    Open(u"K", key, RegistryAccess::read);
+    const auto wait = [&key](std::uint32_t milliseconds) {
+        return Registry().RegNotifyChangeKeyValue(key, milliseconds);
     };
-    EXPECT_EQ(Registry().RegNotifyChangeKeyValue(key, 60'000), error::success);
-    EXPECT_LE(clock.nowMilliseconds() - start, 3400);
-    clock.onSleep = nullptr;
-    ASSERT_EQ(SetBytes(u"K", u"v", "3"), error::success);
-    EXPECT_EQ(Registry().RegNotifyChangeKeyValue(key, 0), error::success) << "this process's own write";
-    EXPECT_EQ(Registry().RegNotifyChangeKeyValue(key, 0), error::waitTimeout);
-    other.RegDeleteTreeW(RootKey::localMachine, u"K");
-    EXPECT_EQ(Registry().RegNotifyChangeKeyValue(key, 0), error::keyDeleted);
-}
-
-/// A child process that runs work and ends with its result. The registry must not be open in this process.
-pid_t Fork(const std::function<int()>& work) {
-    const pid_t child = fork();
-    if (child == 0) _exit(work());
-    return child;
-}
-
-int CountTo100(std::u16string_view name) {
-    for (int i = 1; i <= 100; ++i) {
-        const std::string former = GetBytes(u"Counters", name);
-        if (former != (i == 1 ? "error 2" : std::to_string(i - 1))) return 1;
-        if (SetBytes(u"Counters", name, std::to_string(i)) != error::success) return 2;
+    EXPECT_EQ(wait(0), error::success) << "what happened before the first call";
+    EXPECT_EQ(wait(50), error::waitTimeout);
+    for (const char16_t* path : {u"K", u"K\\Sub", u"K\\New"}) {
+        ASSERT_EQ(SetBytes(path, u"v", "2"), error::success);
+        EXPECT_EQ(wait(0), error::success);
+        EXPECT_EQ(wait(0), error::waitTimeout);
     }
-    return 0;
-}
-
-TEST_F(Registry_, ProcessesThatWriteAtOnceLoseNothing) {
-    // From nothing: the processes also compete for making the file.
-    const std::u16string_view names[] = {u"first", u"second", u"third"};
-    for (const std::u16string_view name : names) Fork([name] { return CountTo100(name); });
-    for (int status = 0; wait(&status) > 0;) EXPECT_EQ(status, 0);
-    for (const std::u16string_view name : names) EXPECT_EQ(GetBytes(u"Counters", name), "100");
-}
-
-TEST_F(Registry_, AWriterKilledAtAnyMomentLosesNothingItHasBeenToldIsStored) {
-    int stored = 0;
-    for (int round = 0; round < 12; ++round) {
-        int ends[2] = {};
-        ASSERT_EQ(pipe(ends), 0);
-        const pid_t child = Fork([&] {
-            for (int number = stored + 1;; ++number) {
-                if (SetBytes(u"Counters\\Deep", u"number", std::to_string(number)) != error::success) return 1;
-                if (write(ends[1], &number, sizeof number) != sizeof number) return 2;
-            }
-        });
-        close(ends[1]);
-        const int enough = stored + 1 + round;
-        while (stored < enough && read(ends[0], &stored, sizeof stored) == sizeof stored) {
-        }
-        usleep(static_cast<useconds_t>(round * 700));  // so that the end comes at different steps of a write
-        kill(child, SIGKILL);
-        waitpid(child, nullptr, 0);
-        while (read(ends[0], &stored, sizeof stored) == sizeof stored) {
-        }
-        close(ends[0]);
-        const int found = std::stoi(GetBytes(u"Counters\\Deep", u"number"));
-        CloseRegistry();
-        EXPECT_TRUE(found == stored || found == stored + 1) << "told " << stored << ", found " << found;
-        stored = found;
-    }
-}
-
-TEST_F(Registry_, ALockIsWaitedForAndThenGivenUp) {
-    const struct {
-        const char* title;
-        const char* lock;
-        Error read;
-    } rows[] = {
-        {"everything", "PRAGMA locking_mode = EXCLUSIVE; BEGIN EXCLUSIVE", error::busy},
-        // A file without its log must be switched before a write, which a reader prevents.
-        {"the switch to the log", "PRAGMA journal_mode = DELETE; BEGIN; SELECT * FROM key", error::success},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.title);
-        ASSERT_EQ(SetBytes(u"K", u"v", "1"), error::success);
-        CloseRegistry();
-        sqlite3* holder = nullptr;
-        ASSERT_EQ(sqlite3_open(file.c_str(), &holder), SQLITE_OK);
-        ASSERT_EQ(sqlite3_exec(holder, row.lock, nullptr, nullptr, nullptr), SQLITE_OK);
-        VirtualClock clock;
-        RegistryKey key = 0;
-        std::vector<std::u16string> names;
-        std::int64_t start = clock.nowMilliseconds();
-        EXPECT_EQ(Open(u"K", key, RegistryAccess::queryValue), row.read);
-        EXPECT_EQ(clock.nowMilliseconds() - start >= 5000, row.read == error::busy);
-        start = clock.nowMilliseconds();
-        EXPECT_EQ(SetBytes(u"K", u"v", "2"), error::busy);
-        EXPECT_GE(clock.nowMilliseconds() - start, 5000);
-        EXPECT_LE(clock.nowMilliseconds() - start, 5200);
-        EXPECT_EQ(key != 0 ? Registry().RegEnumValueW(key, names) : row.read, row.read) << "an open key stays open";
-        clock.onSleep = [&](std::uint32_t) {
-            if (clock.nowMilliseconds() - start > 6000) sqlite3_close(std::exchange(holder, nullptr));
-        };
-        EXPECT_EQ(SetBytes(u"K", u"v", "3"), error::success) << "once the other has let go";
-        EXPECT_EQ(GetBytes(u"K", u"v"), "3");
-    }
-}
-
-TEST_F(Registry_, FilesThatAreNoRegistryAreLeftAlone) {
-    constexpr Error corrupt = error::databaseCorrupt;
-    const std::string refused = "error " + std::to_string(corrupt);
-    const struct {
-        const char* title;
-        std::string bytes;
-        const char* sql;  // run on the file by SQLite itself
-        std::string read;
-        Error write;
-    } rows[] = {
-        {"text", "just some text, long enough to be looked at\n", "", refused, corrupt},
-        {"another program's database", "", "CREATE TABLE key (id)", refused, corrupt},
-        {"a later version", "", "PRAGMA application_id = 0x4B565247; PRAGMA user_version = 2", refused, corrupt},
-        {"empty, as a process leaves it that is killed at once", "", "", "error 2", error::success},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.title);
-        CloseRegistry();
-        for (const char* suffix : {"-wal", "-shm"}) fs::remove(file.string() + suffix);
-        Write(file, row.bytes);
-        sqlite3* database = nullptr;
-        ASSERT_EQ(sqlite3_open(file.c_str(), &database), SQLITE_OK);
-        EXPECT_EQ(sqlite3_exec(database, row.sql, nullptr, nullptr, nullptr), SQLITE_OK) << sqlite3_errmsg(database);
-        sqlite3_close(database);
-        const std::string before = Read(file);
-        for (int twice = 0; twice < 2; ++twice) EXPECT_EQ(GetBytes(u"K", u"v"), row.read);
-        EXPECT_EQ(SetBytes(u"K", u"v", "1"), row.write);
-        EXPECT_TRUE(row.write == error::success || Read(file) == before) << "the file was changed";
-    }
-    CloseRegistry();
-    fs::remove(file);
-    ASSERT_EQ(mkfifo(file.c_str(), 0600), 0);
-    EXPECT_EQ(SetBytes(u"K", u"v", "1"), error::accessDenied) << "a pipe";
+    std::thread waiting([&wait] { EXPECT_EQ(wait(20'000), error::success); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    SetBytes(u"K\\Sub", u"v", "3");
+    waiting.join();
+    EXPECT_EQ(SetBytes(u"K", u"v", "4"), error::success);
+    EXPECT_EQ(wait(0), error::success) << "although the thread that waited before has ended";
+    Registry().RegDeleteTreeW(RootKey::localMachine, u"K");
+    EXPECT_EQ(wait(0), error::keyDeleted);
 }
 
 }  // namespace
