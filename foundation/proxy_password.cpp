@@ -1,6 +1,8 @@
 #include "foundation/proxy_password.h"
 
 #include <cstdint>
+#include <span>
+#include <utility>
 
 #include "foundation/log.h"
 #include "platform/crypto.h"
@@ -12,6 +14,8 @@ namespace {
 constexpr std::u16string_view alphabet = u"ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 constexpr std::u16string_view whiteSpace = u" \t\n\v\f\r";
 
+constexpr std::size_t longestCipherText = 31;  // characters; what was written for others to read is no longer
+
 /// True when the container holds the key, or holds it now.
 bool EnsureKey(platform::CryptoContext context, platform::KeyKind kind) {
     const platform::CryptoOperations& crypto = platform::Crypto();
@@ -22,6 +26,51 @@ bool EnsureKey(platform::CryptoContext context, platform::KeyKind kind) {
     crypto.CryptDestroyKey(key);
     return true;
 }
+
+/// What one use of a passphrase takes of the service, given back at its end.
+struct PassphraseKey {
+    platform::CryptoContext context = 0;
+    platform::CryptoHash hash = 0;
+    platform::CryptoKey key = 0;
+
+    PassphraseKey() = default;
+    PassphraseKey(const PassphraseKey&) = delete;
+    PassphraseKey& operator=(const PassphraseKey&) = delete;
+    ~PassphraseKey() {
+        const platform::CryptoOperations& crypto = platform::Crypto();
+        if (key != 0) crypto.CryptDestroyKey(key);
+        if (hash != 0) crypto.CryptDestroyHash(hash);
+        if (context != 0) crypto.CryptReleaseContext(context);
+    }
+};
+
+/// The default container of the default provider.
+bool AcquireContext(PassphraseKey& made) {
+    return platform::Crypto().CryptAcquireContextW(u"", false, made.context) == platform::error::success;
+}
+
+/// Derives the key for a text of so many characters. False when the service refuses a step.
+bool DeriveKey(PassphraseKey& made, std::u16string_view passphrase, std::size_t length) {
+    const platform::CryptoOperations& crypto = platform::Crypto();
+    std::u16string hashed(passphrase.substr(0, length));
+    hashed.resize(length);
+    return crypto.CryptCreateHash(made.context, platform::CryptoAlgorithm::md5, made.hash) ==
+               platform::error::success &&
+           crypto.CryptHashData(made.hash, std::as_bytes(std::span(hashed)).data(), hashed.size() * sizeof(char16_t)) ==
+               platform::error::success &&
+           crypto.CryptDeriveKey(made.context, platform::CryptoAlgorithm::rc4, made.hash, made.key) ==
+               platform::error::success;
+}
+
+/// Runs CryptEncrypt or CryptDecrypt over a text in place.
+bool Transform(const decltype(platform::CryptoOperations::CryptEncrypt)& operation, const PassphraseKey& made,
+               std::u16string& text) {
+    const std::span<std::byte> bytes = std::as_writable_bytes(std::span(text));
+    return operation(made.key, bytes.data(), bytes.size()) == platform::error::success;
+}
+
+/// Up to the first zero character.
+std::u16string_view ClosedText(std::u16string_view text) { return text.substr(0, text.find(u'\0')); }
 
 std::u16string_view Trimmed(std::u16string_view text) {
     const std::size_t first = text.find_first_not_of(whiteSpace);
@@ -57,6 +106,25 @@ int EnsureCryptoKeys() {
         EnsureKey(context, platform::KeyKind::signature) && EnsureKey(context, platform::KeyKind::keyExchange);
     crypto.CryptReleaseContext(context);
     return ensured ? 1 : 0;
+}
+
+int EncryptWithPassphrase(std::u16string_view plain, std::u16string& out, std::u16string_view passphrase) {
+    Log3("\t Inside EncryptWithPassphrase() \n");
+    PassphraseKey made;
+    if (!AcquireContext(made)) return 1;
+    std::u16string text(plain);
+    if (!DeriveKey(made, passphrase, text.size()) || !Transform(platform::Crypto().CryptEncrypt, made, text)) return 0;
+    out = std::move(text);
+    return 1;
+}
+
+void DecryptWithPassphrase(std::u16string_view cipher, std::u16string& out, std::u16string_view passphrase) {
+    Log3("\t Inside DecryptWithPassphrase() \n");
+    std::u16string text(ClosedText(cipher));
+    if (text.size() > longestCipherText) return;
+    PassphraseKey made;
+    if (!AcquireContext(made) || !DeriveKey(made, passphrase, text.size())) return;
+    if (Transform(platform::Crypto().CryptDecrypt, made, text)) out = ClosedText(text);
 }
 
 std::u16string DecodeBase64(std::u16string_view text) {

@@ -1,7 +1,13 @@
-// The key container of the system's cryptographic service. A system without one reports success: nothing that the agent
-// keeps is encrypted with these keys.
+// The key container of the system's cryptographic service, and the keys that are made of a passphrase.
+//
+// A system without such a service reports success for the container: nothing that the agent keeps is encrypted with its
+// keys. It encrypts and decrypts nothing, and says so: CryptCreateHash and all that follows give notSupported there.
+//
+// Results are system error numbers, 0 for success. What an operation makes is the caller's, who gives it back with the
+// Destroy or Release of its kind. Callable from any thread; a handle belongs to one thread at a time.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <string_view>
@@ -13,18 +19,37 @@ namespace platform {
 
 using CryptoContext = std::uintptr_t;
 using CryptoKey = std::uintptr_t;
+using CryptoHash = std::uintptr_t;
 
 enum class KeyKind : std::uint32_t { keyExchange = 1, signature = 2 };
+
+/// ALG_ID numbers.
+enum class CryptoAlgorithm : std::uint32_t { md5 = 0x8003, rc4 = 0x6801 };
 
 inline constexpr Error keyNotPresent = 0x8009000D;  // NTE_NO_KEY
 
 struct CryptoOperations {
-    /// The default key container of an RSA provider; newKeySet makes the container.
+    /// The default key container of an RSA provider: that of the user whom the process runs as. No provider's name
+    /// stands for the system's default one. newKeySet makes the container.
     std::function<Error(std::u16string_view provider, bool newKeySet, CryptoContext& context)> CryptAcquireContextW;
     std::function<Error(CryptoContext context, KeyKind kind, CryptoKey& key)> CryptGetUserKey;
     std::function<Error(CryptoContext context, KeyKind kind, CryptoKey& key)> CryptGenKey;
     std::function<void(CryptoKey key)> CryptDestroyKey;
     std::function<void(CryptoContext context)> CryptReleaseContext;
+
+    /// A hash of nothing so far; CryptHashData adds to it.
+    std::function<Error(CryptoContext context, CryptoAlgorithm algorithm, CryptoHash& hash)> CryptCreateHash;
+    std::function<Error(CryptoHash hash, const std::byte* data, std::size_t size)> CryptHashData;
+    std::function<void(CryptoHash hash)> CryptDestroyHash;
+
+    /// An exportable key, of the provider's own length for the algorithm, out of the hash, which takes nothing more
+    /// from then on.
+    std::function<Error(CryptoContext context, CryptoAlgorithm algorithm, CryptoHash hash, CryptoKey& key)>
+        CryptDeriveKey;
+
+    /// Encrypts or decrypts in place by a stream cipher, which keeps the size. The bytes are the last ones.
+    std::function<Error(CryptoKey key, std::byte* data, std::size_t size)> CryptEncrypt;
+    std::function<Error(CryptoKey key, std::byte* data, std::size_t size)> CryptDecrypt;
 };
 
 inline const CryptoOperations& Crypto() { return CurrentOperations<CryptoOperations>(); }

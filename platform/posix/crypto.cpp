@@ -18,6 +18,8 @@ Error GiveKey(CryptoContext, KeyKind, CryptoKey& key) {
     return error::success;
 }
 
+constexpr auto refuse = [](auto&&...) { return error::notSupported; };
+
 }  // namespace
 
 CryptoOperations PosixCrypto() {
@@ -27,6 +29,12 @@ CryptoOperations PosixCrypto() {
         .CryptGenKey = GiveKey,
         .CryptDestroyKey = [](CryptoKey) {},
         .CryptReleaseContext = [](CryptoContext) {},
+        .CryptCreateHash = refuse,
+        .CryptHashData = refuse,
+        .CryptDestroyHash = [](CryptoHash) {},
+        .CryptDeriveKey = refuse,
+        .CryptEncrypt = refuse,
+        .CryptDecrypt = refuse,
     };
 }
 
