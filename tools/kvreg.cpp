@@ -1,27 +1,23 @@
 // kvreg, the command-line tool of the agent's registry.
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
-#include <fcntl.h>
 #include <filesystem>
 #include <fmt/format.h>
 #include <fstream>
 #include <map>
-#include <optional>
-#include <poll.h>
 #include <span>
 #include <string>
 #include <string_view>
-#include <strings.h>
-#include <sys/stat.h>
 #include <system_error>
-#include <unistd.h>
 #include <utility>
 #include <vector>
 
 #include "platform/backend.h"
 #include "platform/clock.h"
+#include "platform/console_tool.h"
 #include "platform/messages.h"
 #include "platform/registry_names.h"
 #include "platform/utf.h"
@@ -40,7 +36,8 @@ namespace fs = std::filesystem;
 
 enum ExitCode { exitSuccess = 0, exitFailure = 1, exitUsage = 2, exitMissing = 3 };
 
-constexpr const char* help =
+/// With a place for the sentence that tells where the registry is.
+constexpr std::string_view help =
     R"(kvreg reads and changes the agent's registry.
 
   kvreg get KEY [NAME]              prints the data of a value
@@ -56,14 +53,13 @@ KEY is a path under HKEY_LOCAL_MACHINE, such as 'Software\Halvorine\Kestrova\KVA
 HKEY_LOCAL_MACHINE\ or HKLM\ is accepted. NAME '' is the default value of the key, and so is no NAME for get.
 After -- a word that looks like an option is an argument: kvreg set KEY NAME -- --dword stores the text --dword. A --
 at the very end is an argument itself.
-The registry is the file registry.db in /var/lib/kvagent, or in the directory that KVAGENT_STATE_DIR names.
+{}
 
 Exit code: 0 success, 1 failure, 2 wrong command line, 3 the thing asked for does not exist.
 )";
 
 constexpr std::uint32_t watchMilliseconds = 1000;  // until the next look whether anyone reads
 constexpr std::uint32_t watchMissingMilliseconds = 200;
-constexpr int maximumLinks = 40;                        // as many as the system follows
 constexpr std::size_t maximumRegFileBytes = 64U << 20;  // far above any registry of the agent's
 
 /// Ends the program with one line on standard error.
@@ -79,9 +75,7 @@ void FlushOutput() {
 
 /// What prints seldom would not notice otherwise that a pipe's reader has gone.
 void RequireReader() {
-    pollfd output{STDOUT_FILENO, 0, 0};
-    const bool gone = poll(&output, 1, 0) > 0 && (output.revents & POLLERR) != 0;
-    if (gone) throw Quit{exitFailure, "nobody reads standard output any more"};
+    if (!platform::OutputHasReader()) throw Quit{exitFailure, "nobody reads standard output any more"};
 }
 
 [[noreturn]] void WrongUsage(const std::string& message) { throw Quit{exitUsage, message + " (see kvreg --help)"}; }
@@ -91,9 +85,8 @@ std::string WholePath(std::u16string_view path) {
 }
 
 std::string SystemText(Error failure) {
-    const std::optional<std::u16string> text = platform::Messages().FormatMessageW(failure);
-    return text ? fmt::format("{} (error {})", platform::Utf8FromWide(*text), failure)
-                : fmt::format("error {}", failure);
+    const std::string text = platform::MessageInLine(failure);
+    return text.empty() ? fmt::format("error {}", failure) : fmt::format("{} (error {})", text, failure);
 }
 
 bool IsGone(Error failure) { return failure == error::fileNotFound || failure == error::keyDeleted; }
@@ -110,12 +103,21 @@ std::u16string WideArgument(const std::string& argument) {
     return platform::WideFromUtf8(argument);
 }
 
+/// Of a path that does not begin with the one root that there is.
+bool NamesAnotherRoot(std::string_view path) {
+    constexpr std::string_view beginning = "hkey_";
+    return path.size() >= beginning.size() &&
+           std::equal(beginning.begin(), beginning.end(), path.begin(), [](char expected, char given) {
+               return given == expected || (given >= 'A' && given <= 'Z' && given - 'A' + 'a' == expected);
+           });
+}
+
 std::u16string KeyArgument(const std::string& argument) {
     const std::u16string wide = WideArgument(argument);
     std::u16string_view path;
     if (!SplitRootName(wide, path)) {
-        const bool otherRoot = strncasecmp(argument.c_str(), "HKEY_", 5) == 0;
-        if (otherRoot) WrongUsage(fmt::format("only HKEY_LOCAL_MACHINE exists here, not '{}'", argument));
+        if (NamesAnotherRoot(argument))
+            WrongUsage(fmt::format("only HKEY_LOCAL_MACHINE exists here, not '{}'", argument));
         path = wide;
     }
     if (path.ends_with(u'\\')) path.remove_suffix(1);
@@ -228,8 +230,8 @@ void Watch(const CommandLine& line) {
     const std::u16string path = KeyArgument(line.arguments[0]);
     platform::RegistryKey key = 0;
     const auto open = [&] {
-        return platform::Registry().RegOpenKeyExW(platform::RootKey::localMachine, path,
-                                                  platform::RegistryAccess::queryValue, key);
+        return platform::Registry().RegOpenKeyExW(platform::RootKey::localMachine, path, platform::RegistryAccess::read,
+                                                  key);
     };
     const std::string what = "cannot watch the key " + WholePath(path);
     Require(open(), what, "key " + WholePath(path));
@@ -251,76 +253,21 @@ void Watch(const CommandLine& line) {
     }
 }
 
-/// 0, or the errno.
-int WriteAll(int file, std::string_view bytes) {
-    while (!bytes.empty()) {
-        const ssize_t written = write(file, bytes.data(), bytes.size());
-        if (written < 0 && errno != EINTR) return errno;
-        if (written > 0) bytes.remove_prefix(static_cast<std::size_t>(written));
-    }
-    return 0;
-}
-
-/// Writes to a device, a pipe or the like. 0, or the errno.
-int WriteStraight(const fs::path& path, std::string_view bytes) {
-    const int file = open(path.c_str(), O_WRONLY | O_NOCTTY | O_CLOEXEC);
-    if (file < 0) return errno;
-    const int failure = WriteAll(file, bytes);
-    return close(file) != 0 && failure == 0 ? errno : failure;
-}
-
-/// Writes beside the file and renames, so that a failure leaves a former file whole. Only the owner may read it, since
-/// the proxy password is exported too. 0, or the errno.
-int ReplaceFile(const fs::path& path, std::string_view bytes) {
-    std::string partial = path.string() + ".XXXXXX";
-    const int file = mkostemp(partial.data(), O_CLOEXEC);  // a new file of mode 0600
-    if (file < 0) return errno;
-    int failure = WriteAll(file, bytes);
-    if (failure == 0 && fsync(file) != 0) failure = errno;
-    if (close(file) != 0 && failure == 0) failure = errno;
-    if (failure == 0 && std::rename(partial.c_str(), path.c_str()) != 0) failure = errno;
-    if (failure != 0) unlink(partial.c_str());
-    return failure;
-}
-
-/// What a link leads to in the end, whether that exists or not.
-fs::path BehindLinks(fs::path path) {
-    std::error_code noLink;
-    for (int links = 0; links < maximumLinks; ++links) {
-        const fs::path target = fs::read_symlink(path, noLink);
-        if (noLink) break;
-        path = path.parent_path() / target;
-    }
-    return path;
-}
-
-/// 0, or the errno.
-int WriteOutput(const fs::path& path, std::string_view bytes) {
-    struct stat target {};
-    if (stat(path.c_str(), &target) != 0) return errno == ENOENT ? ReplaceFile(BehindLinks(path), bytes) : errno;
-    struct stat output {};
-    const bool isOutput =
-        fstat(STDOUT_FILENO, &output) == 0 && output.st_dev == target.st_dev && output.st_ino == target.st_ino;
-    if (isOutput) return WriteAll(STDOUT_FILENO, bytes);  // appends where >> was asked for
-    return S_ISREG(target.st_mode) ? ReplaceFile(BehindLinks(path), bytes) : WriteStraight(path, bytes);
-}
-
 void Export(const CommandLine& line) {
     const std::u16string path = line.arguments.size() > 1 ? KeyArgument(line.arguments[1]) : u"";
     RegFile tree;
     Require(ReadTree(path, tree), "cannot read the key " + WholePath(path), "key " + WholePath(path));
     const std::string& file = line.arguments[0];
-    if (const int failure = WriteOutput(file, PrintRegFile(tree))) {
-        throw Quit{exitFailure, fmt::format("cannot write {}: {}", file, std::generic_category().message(failure))};
-    }
+    const std::string failure = platform::WriteFileWhole(file, PrintRegFile(tree));
+    if (!failure.empty()) throw Quit{exitFailure, fmt::format("cannot write {}: {}", file, failure)};
 }
 
-std::string ReadFileWhole(const fs::path& path) {
+std::string ReadFileWhole(const std::string& name) {
+    const fs::path path(std::u8string(name.begin(), name.end()));
+    std::error_code ignored;  // what cannot be asked cannot be opened either
+    const fs::file_status status = fs::status(path, ignored);
+    if (status.type() == fs::file_type::not_found) throw Quit{exitMissing, fmt::format("there is no file {}", name)};
     std::error_code failure;
-    const fs::file_status status = fs::status(path, failure);
-    if (status.type() == fs::file_type::not_found) {
-        throw Quit{exitMissing, fmt::format("there is no file {}", path.string())};
-    }
     if (fs::is_directory(status)) failure = std::make_error_code(std::errc::is_a_directory);
     std::string bytes;
     if (!failure) {
@@ -332,10 +279,8 @@ std::string ReadFileWhole(const fs::path& path) {
         }
         if (file.bad()) failure = std::make_error_code(std::errc::io_error);
     }
-    if (failure) throw Quit{exitFailure, fmt::format("cannot read {}: {}", path.string(), failure.message())};
-    if (bytes.size() > maximumRegFileBytes) {
-        throw Quit{exitFailure, fmt::format("{} is larger than 64 MB", path.string())};
-    }
+    if (failure) throw Quit{exitFailure, fmt::format("cannot read {}: {}", name, failure.message())};
+    if (bytes.size() > maximumRegFileBytes) throw Quit{exitFailure, fmt::format("{} is larger than 64 MB", name)};
     return bytes;
 }
 
@@ -369,7 +314,7 @@ bool AsksForHelp(std::string_view argument) { return argument == "--help" || arg
 void Run(std::span<const std::string> words) {
     if (words.empty()) WrongUsage("a command is missing");
     if (AsksForHelp(words[0]) || (words.size() == 2 && AsksForHelp(words[1]))) {
-        fmt::print("{}", help);
+        fmt::print(help, platform::RegistryPlace());
         return;
     }
     CommandLine line;

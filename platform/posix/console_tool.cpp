@@ -1,0 +1,91 @@
+#include "platform/console_tool.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
+#include <poll.h>
+#include <sys/stat.h>
+#include <system_error>
+#include <unistd.h>
+
+namespace platform {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr int maximumLinks = 40;  // as many as the system follows
+
+/// 0, or the errno.
+int WriteAll(int file, std::string_view bytes) {
+    while (!bytes.empty()) {
+        const ssize_t written = write(file, bytes.data(), bytes.size());
+        if (written < 0 && errno != EINTR) return errno;
+        if (written > 0) bytes.remove_prefix(static_cast<std::size_t>(written));
+    }
+    return 0;
+}
+
+/// Writes to a device, a pipe or the like. 0, or the errno.
+int WriteStraight(const fs::path& path, std::string_view bytes) {
+    const int file = open(path.c_str(), O_WRONLY | O_NOCTTY | O_CLOEXEC);
+    if (file < 0) return errno;
+    const int failure = WriteAll(file, bytes);
+    return close(file) != 0 && failure == 0 ? errno : failure;
+}
+
+/// Writes beside the file and renames. 0, or the errno.
+int ReplaceFile(const fs::path& path, std::string_view bytes) {
+    std::string partial = path.string() + ".XXXXXX";
+    const int file = mkostemp(partial.data(), O_CLOEXEC);  // a new file of mode 0600
+    if (file < 0) return errno;
+    int failure = WriteAll(file, bytes);
+    if (failure == 0 && fsync(file) != 0) failure = errno;
+    if (close(file) != 0 && failure == 0) failure = errno;
+    if (failure == 0 && std::rename(partial.c_str(), path.c_str()) != 0) failure = errno;
+    if (failure != 0) unlink(partial.c_str());
+    return failure;
+}
+
+/// What a link leads to in the end, whether that exists or not.
+fs::path BehindLinks(fs::path path) {
+    std::error_code noLink;
+    for (int links = 0; links < maximumLinks; ++links) {
+        const fs::path target = fs::read_symlink(path, noLink);
+        if (noLink) break;
+        path = path.parent_path() / target;
+    }
+    return path;
+}
+
+/// 0, or the errno.
+int WriteOutput(const fs::path& path, std::string_view bytes) {
+    struct stat target {};
+    if (stat(path.c_str(), &target) != 0) return errno == ENOENT ? ReplaceFile(BehindLinks(path), bytes) : errno;
+    struct stat output {};
+    const bool isOutput =
+        fstat(STDOUT_FILENO, &output) == 0 && output.st_dev == target.st_dev && output.st_ino == target.st_ino;
+    if (isOutput) return WriteAll(STDOUT_FILENO, bytes);  // appends where >> was asked for
+    return S_ISREG(target.st_mode) ? ReplaceFile(BehindLinks(path), bytes) : WriteStraight(path, bytes);
+}
+
+}  // namespace
+
+std::string_view RegistryPlace() {
+    return "The registry is the file registry.db in /var/lib/kvagent, or in the directory that KVAGENT_STATE_DIR "
+           "names.";
+}
+
+bool OutputHasReader() {
+    pollfd output{STDOUT_FILENO, 0, 0};
+    return poll(&output, 1, 0) <= 0 || (output.revents & POLLERR) == 0;
+}
+
+std::string WriteFileWhole(const std::string& name, std::string_view bytes) {
+    const int failure = WriteOutput(name, bytes);
+    return failure == 0 ? std::string() : std::generic_category().message(failure);
+}
+
+}  // namespace platform

@@ -1,0 +1,111 @@
+#include "platform/console_tool.h"
+
+#include <algorithm>
+#include <memory>
+
+#include "platform/utf.h"
+#include "platform/windows/owned_handle.h"
+#include "platform/windows/win32.h"
+
+// After the system's main header, which it needs.
+#include <sddl.h>
+#include <winternl.h>
+
+namespace platform {
+
+namespace {
+
+/// Full access for the owner, for administrators and for the system; nothing comes down from the folder.
+constexpr const wchar_t* privateAccess = L"D:P(A;;FA;;;OW)(A;;FA;;;BA)(A;;FA;;;SY)";
+
+constexpr ULONG pipeIsClosing = 4;        // FILE_PIPE_CLOSING_STATE
+constexpr DWORD largestWrite = 1U << 20;  // bytes; a console takes no large ones
+constexpr int maximumNames = 1000;        // tried for the file beside the one to be replaced
+
+Error WriteAll(HANDLE file, std::string_view bytes) {
+    while (!bytes.empty()) {
+        const DWORD size = static_cast<DWORD>(std::min<std::size_t>(bytes.size(), largestWrite));
+        DWORD written = 0;
+        if (!::WriteFile(file, bytes.data(), size, &written, nullptr)) return LastError();
+        bytes.remove_prefix(written);
+    }
+    return error::success;
+}
+
+/// A new file beside the one of that name, of a name that no other has.
+Error MakePartialFile(const std::wstring& path, std::wstring& partial, OwnedHandle& file) {
+    PSECURITY_DESCRIPTOR descriptor = nullptr;
+    if (!::ConvertStringSecurityDescriptorToSecurityDescriptorW(privateAccess, SDDL_REVISION_1, &descriptor, nullptr))
+        return LastError();
+    const std::unique_ptr<void, decltype(&::LocalFree)> owner(descriptor, ::LocalFree);
+    SECURITY_ATTRIBUTES attributes{sizeof attributes, descriptor, FALSE};
+    Error failure = error::fileExists;
+    for (int tried = 0; failure == error::fileExists && tried < maximumNames; ++tried) {
+        partial = path + L"." + std::to_wstring(::GetCurrentProcessId()) + L"-" + std::to_wstring(tried);
+        file = OwnedHandle(
+            ::CreateFileW(partial.c_str(), GENERIC_WRITE, 0, &attributes, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr));
+        failure = file ? error::success : LastError();
+    }
+    return failure;
+}
+
+/// Writes beside the file and renames.
+Error ReplaceFile(const std::wstring& path, std::string_view bytes) {
+    std::wstring partial;
+    OwnedHandle file;
+    if (const Error failure = MakePartialFile(path, partial, file)) return failure;
+    Error failure = WriteAll(file.Get(), bytes);
+    if (failure == error::success) failure = ResultOf(::FlushFileBuffers(file.Get()));
+    file = OwnedHandle();
+    constexpr DWORD flags = MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH;
+    if (failure == error::success) failure = ResultOf(::MoveFileExW(partial.c_str(), path.c_str(), flags));
+    if (failure != error::success) ::DeleteFileW(partial.c_str());
+    return failure;
+}
+
+/// The whole name of what a name has led to; none where the system tells none.
+std::wstring FinalName(HANDLE file) {
+    std::wstring name(::GetFinalPathNameByHandleW(file, nullptr, 0, FILE_NAME_NORMALIZED), L'\0');
+    const DWORD size = static_cast<DWORD>(name.size());
+    const DWORD length = ::GetFinalPathNameByHandleW(file, name.data(), size, FILE_NAME_NORMALIZED);
+    name.resize(length < size ? length : 0);
+    return name;
+}
+
+Error WriteOutput(const std::wstring& path, std::string_view bytes) {
+    OwnedHandle there(::CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                    nullptr, OPEN_EXISTING, 0, nullptr));
+    const Error failure = there ? error::success : LastError();
+    if (failure == error::fileNotFound) return ReplaceFile(path, bytes);
+    if (failure != error::success) return failure;
+    if (::GetFileType(there.Get()) != FILE_TYPE_DISK) return WriteAll(there.Get(), bytes);
+    const std::wstring whole = FinalName(there.Get());
+    there = OwnedHandle();  // a file that is open is not replaced
+    return ReplaceFile(whole.empty() ? path : whole, bytes);
+}
+
+}  // namespace
+
+std::string_view RegistryPlace() {
+    return "The registry is the computer's own; to change it takes the rights of an administrator.";
+}
+
+/// The other end of a pipe is asked for without touching it. Whoever made the pipe may not have given the right to ask;
+/// the next line that is printed tells then.
+bool OutputHasReader() {
+    const HANDLE output = ::GetStdHandle(STD_OUTPUT_HANDLE);
+    if (::GetFileType(output) != FILE_TYPE_PIPE) return true;
+    FILE_PIPE_LOCAL_INFORMATION pipe{};
+    IO_STATUS_BLOCK status{};
+    const NTSTATUS result = ::NtQueryInformationFile(output, &status, &pipe, sizeof pipe, FilePipeLocalInformation);
+    return !NT_SUCCESS(result) || pipe.NamedPipeState != pipeIsClosing;
+}
+
+std::string WriteFileWhole(const std::string& name, std::string_view bytes) {
+    const Error failure = WriteOutput(NativePathOf(WideFromUtf8(name)), bytes);
+    if (failure == error::success) return {};
+    const std::string text = MessageInLine(failure);
+    return text.empty() ? "error " + std::to_string(failure) : text;
+}
+
+}  // namespace platform
