@@ -1,0 +1,54 @@
+// Texts encrypted with a passphrase by the system itself. The cipher texts were computed apart: RC4 with the MD5 of the
+// passphrase's UTF-16 as its key of 128 bits.
+#include <gtest/gtest.h>
+
+#include "foundation/proxy_password.h"
+#include "platform/backend.h"
+
+namespace kv::test {
+
+namespace {
+
+TEST(Crypto, KnownTextsThereAndBack) {
+    platform::InstallBackend();
+    EXPECT_EQ(EnsureCryptoKeys(), 1) << "made";
+    EXPECT_EQ(EnsureCryptoKeys(), 1) << "found";
+    const struct {
+        const char* title;
+        std::u16string plain;
+        std::u16string passphrase;
+        std::u16string cipher;
+    } rows[] = {
+        {"as long as the passphrase", u"secret", u"passph", u"\x27B0\x584B\xB510\xBD86\x37DD\xBEF0"},
+        {"only so much of it counts", u"secret", u"passphrase", u"\x27B0\x584B\xB510\xBD86\x37DD\xBEF0"},
+        {"a shorter one goes on with zeros", u"gr\u00fcn\u20ac", u"key", u"\xFAA6\x54B7\x52C6\xCDF8\x491E"},
+        {"nothing", u"", u"key", u""},
+        {"the longest", std::u16string(31, u'x'), u"correct horse battery staple and more",
+         u"\xB47C\x78B1\xD5D6\x491D\x1DCD\xE4B9\x6C55\x7394\x724A\xD12A\x8446\x259A\xA68C\xB83E\x9217\xE87D"
+         u"\x9536\x656C\xFF86\xACC4\x155D\xCDCE\x7515\x79C5\xA997\xFE26\xABA0\xB5BB\x1636\xBEEE\xFE3E"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.title);
+        std::u16string out = u"before";
+        EXPECT_EQ(EncryptWithPassphrase(row.plain, out, row.passphrase), 1);
+        EXPECT_TRUE(out == row.cipher);
+        out = u"before";
+        DecryptWithPassphrase(row.cipher, out, row.passphrase);
+        EXPECT_TRUE(out == row.plain);
+    }
+}
+
+TEST(Crypto, WhatCannotBeDecryptedRight) {
+    platform::InstallBackend();
+    std::u16string cipher;
+    ASSERT_EQ(EncryptWithPassphrase(std::u16string(32, u'x'), cipher, u"key"), 1);
+    std::u16string out = u"before";
+    DecryptWithPassphrase(cipher, out, u"key");
+    EXPECT_EQ(out, u"before") << "32 characters";
+    DecryptWithPassphrase(u"\x27B0\x584B\xB510\xBD86\x37DD", out, u"passph");
+    EXPECT_NE(out, u"secre") << "another length, another key";
+}
+
+}  // namespace
+
+}  // namespace kv::test
