@@ -1,0 +1,110 @@
+// The service manager, and a process as its service.
+#include <cstdlib>
+#include <gtest/gtest.h>
+#include <utility>
+#include <vector>
+#include <windows.h>
+
+#include "foundation/service_handle.h"
+#include "platform/backend.h"
+#include "platform/clock.h"
+#include "platform/service_manager.h"
+#include "platform/utf.h"
+
+namespace platform::test {
+namespace {
+
+/// A service that is not there before the test, nor after it.
+class ServiceTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        InstallBackend();
+        ASSERT_EQ(manager.OpenManager(manager_right::all), error::success);
+        ASSERT_EQ(ServiceManager().CreateServiceW(manager.handle, Definition(), service.handle), error::success);
+    }
+    void TearDown() override {
+        ServiceStatus status;
+        ServiceManager().ControlService(service.handle, service_control::stop, status);
+        ServiceManager().DeleteService(service.handle);
+    }
+
+    ServiceDefinition Definition() const {
+        return {.name = name,
+                .displayName = u"A test of kvagent",
+                .binaryPath = u"\"" + WideFromUtf8(KV_STAND_IN_SERVICE) + u"\" " + name,
+                .dependencies = {}};
+    }
+
+    Error Control(std::uint32_t control) {
+        ServiceStatus status;
+        return ServiceManager().ControlService(service.handle, control, status);
+    }
+
+    /// Waits for a state and a hint; the last that was seen.
+    std::pair<ServiceState, std::uint32_t> Await(ServiceState state, std::uint32_t hint) {
+        ServiceStatus status;
+        for (int look = 0; look < 500; ++look, Clock().Sleep(10)) {
+            EXPECT_EQ(ServiceManager().QueryServiceStatusEx(service.handle, status), error::success);
+            if (status.dwCurrentState == state && status.dwWaitHint == hint) break;
+        }
+        return {status.dwCurrentState, status.dwWaitHint};
+    }
+
+    const std::u16string name = u"kvagent-test-" + WideFromUtf8(std::to_string(::GetCurrentProcessId()));
+    kv::OwnedServiceHandle manager;
+    kv::OwnedServiceHandle service;
+};
+
+using Seen = std::pair<ServiceState, std::uint32_t>;
+
+TEST_F(ServiceTest, GoesThroughItsStates) {
+    EXPECT_EQ(Await(ServiceState::stopped, 0), Seen(ServiceState::stopped, 0));
+    EXPECT_EQ(Control(service_control::stop), error::serviceNotActive);
+    ASSERT_EQ(ServiceManager().StartServiceW(service.handle), error::success);
+    EXPECT_EQ(ServiceManager().StartServiceW(service.handle), error::serviceAlreadyRunning);
+    EXPECT_EQ(Await(ServiceState::startPending, 2000), Seen(ServiceState::startPending, 2000));
+    EXPECT_EQ(Await(ServiceState::running, 0), Seen(ServiceState::running, 0));
+    const struct {
+        const char* title;
+        std::uint32_t control;
+        Error result;
+        Seen after;
+    } rows[] = {
+        {"a control of its own", 130, error::success, {ServiceState::running, 130}},
+        {"pause", service_control::pause, error::success, {ServiceState::paused, 130}},
+        {"asked", service_control::interrogate, error::success, {ServiceState::paused, 130}},
+        {"continued", service_control::resume, error::success, {ServiceState::running, 130}},
+        {"takes no more pause", 131, error::success, {ServiceState::running, 131}},
+        {"which it is not told", service_control::pause, error::invalidServiceControl, {ServiceState::running, 131}},
+        {"stop", service_control::stop, error::success, {ServiceState::stopped, 0}},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(Control(row.control), row.result) << row.title;
+        EXPECT_EQ(Await(row.after.first, row.after.second), row.after) << row.title;
+    }
+}
+
+TEST_F(ServiceTest, IsMadeFoundAndRemovedOnce) {
+    {
+        kv::OwnedServiceHandle second;
+        EXPECT_EQ(ServiceManager().CreateServiceW(manager.handle, Definition(), second.handle), error::serviceExists);
+        EXPECT_EQ(second.OpenService(manager, u"KVAGENT" + name.substr(7), service_right::queryStatus), error::success);
+        ServiceStatus status;
+        EXPECT_EQ(ServiceManager().ControlService(second.handle, service_control::stop, status), error::accessDenied);
+    }
+    // What is stored of them is not to be seen everywhere.
+    EXPECT_EQ(ServiceManager().ChangeServiceConfig2W(service.handle, {neverReset, {{RecoveryAction::restart, 10000}}}),
+              error::success);
+    std::vector<DependentService> dependents;
+    std::size_t needed = 0;
+    EXPECT_EQ(ServiceManager().EnumDependentServicesW(service.handle, 0, dependents, needed), error::success);
+    EXPECT_TRUE(dependents.empty());
+
+    EXPECT_EQ(ServiceManager().DeleteService(service.handle), error::success);
+    ServiceManager().CloseServiceHandle(std::exchange(service.handle, 0));
+    EXPECT_EQ(service.OpenService(manager, name, service_right::all), error::serviceDoesNotExist);
+    EXPECT_EQ(std::system("\"" KV_STAND_IN_SERVICE "\""), 1063) << "started by hand";
+}
+
+}  // namespace
+}  // namespace platform::test
