@@ -99,7 +99,8 @@ void MakeRecordOfOutput(const std::u16string& path, platform::ScriptOutputEncodi
     const platform::FileOperations& files = platform::Files();
     const std::u16string outputPath = path + u".out";
     OpenFile output;
-    platform::Error error = output.Open(outputPath, platform::FileAccess::read, platform::FileShare::read,
+    // A process that the script left behind may still have it open for writing.
+    platform::Error error = output.Open(outputPath, platform::FileAccess::read, platform::FileShare::readWrite,
                                         platform::FileDisposition::openExisting);
     if (error == platform::error::fileNotFound || error == platform::error::pathNotFound) return;
     if (error == platform::error::success) error = WriteConverted(output.handle, path, encoding);
@@ -111,7 +112,8 @@ void MakeRecordOfOutput(const std::u16string& path, platform::ScriptOutputEncodi
              path);
     }
     output.Close();
-    files.DeleteFileW(outputPath);
+    if (files.DeleteFileW(outputPath) != platform::error::success)
+        Log1("ExecuteScript : the output %s is still in use and stays \n", outputPath);
 }
 
 }  // namespace

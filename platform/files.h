@@ -31,7 +31,7 @@ enum class FileAccess { read, write, readWrite, append };
 
 /// What others may do with the file while this handle is open. Kept by Windows; on Linux, where nothing enforces it,
 /// GetFileUseState answers the one question that rests on it.
-enum class FileShare { none, read };
+enum class FileShare { none, read, readWrite };
 
 enum class FileDisposition {
     openExisting,  // fileNotFound when missing

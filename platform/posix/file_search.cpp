@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 #include <vector>
 
+#include "platform/name_pattern.h"
 #include "platform/posix/posix.h"
 #include "platform/utf.h"
 
@@ -22,82 +23,6 @@ struct FileSearch {
     std::vector<FindData> found;
     std::size_t next = 0;
 };
-
-std::u16string UpperCase(std::u16string_view text) {
-    std::u16string upper(text);
-    std::transform(upper.begin(), upper.end(), upper.begin(), UpperCaseOf);
-    return upper;
-}
-
-/// Matches an upper-case name against an upper-case pattern. "*" stands for any characters, "?" for one character or,
-/// at a dot or the end of the name, for none. A dot followed by a wildcard is also matched by the end of the name, so
-/// that "A*.*" finds "ABC". Only the last "*" seen needs to be tried again: every other step has one outcome.
-bool MatchesUpperCase(std::u16string_view pattern, std::u16string_view name) {
-    constexpr std::size_t none = std::u16string_view::npos;
-    std::size_t inPattern = 0;
-    std::size_t inName = 0;
-    std::size_t afterStar = none;
-    std::size_t starTo = 0;
-    while (inPattern < pattern.size() || inName < name.size()) {
-        const char16_t wanted = inPattern < pattern.size() ? pattern[inPattern] : u'\0';
-        const bool nameEnds = inName == name.size();
-        if (wanted == u'*') {
-            afterStar = ++inPattern;
-            starTo = inName;
-        } else if (wanted == u'?' && (nameEnds || name[inName] == u'.')) {
-            ++inPattern;
-        } else if (wanted != u'\0' && !nameEnds && (wanted == u'?' || wanted == name[inName])) {
-            ++inPattern;
-            ++inName;
-        } else if (wanted == u'.' && nameEnds && pattern.find_first_of(u"*?", inPattern) == inPattern + 1) {
-            ++inPattern;
-        } else if (afterStar != none && starTo < name.size()) {
-            inPattern = afterStar;
-            inName = ++starTo;
-        } else {
-            return false;
-        }
-    }
-    return true;
-}
-
-/// A pattern with the two readings that whole patterns have: "*.*" finds every name, "X*." only names without a dot.
-class NamePattern {
-  public:
-    explicit NamePattern(std::u16string_view pattern) : upper_(UpperCase(pattern == u"*.*" ? u"*" : pattern)) {
-        if (upper_.ends_with(u"*.")) {
-            upper_.pop_back();
-            refusesDots_ = true;
-        }
-    }
-
-    bool Matches(std::u16string_view name) const {
-        if (refusesDots_ && name.find(u'.') != std::u16string_view::npos) return false;
-        return MatchesUpperCase(upper_, UpperCase(name));
-    }
-
-  private:
-    std::u16string upper_;
-    bool refusesDots_ = false;
-};
-
-/// Order of name without regard to case; names that differ in case only stand in order of their characters.
-bool ComesBefore(const FindData& left, const FindData& right) {
-    const std::u16string& a = left.fileName;
-    const std::u16string& b = right.fileName;
-    const auto [inA, inB] = std::mismatch(a.begin(), a.end(), b.begin(), b.end(),
-                                          [](char16_t x, char16_t y) { return UpperCaseOf(x) == UpperCaseOf(y); });
-    if (inA == a.end() && inB == b.end()) return a < b;
-    if (inA == a.end() || inB == b.end()) return inA == a.end();
-    return UpperCaseOf(*inA) < UpperCaseOf(*inB);
-}
-
-/// Length of a pattern's directory part with the separator at its end; 0 when there is none.
-std::size_t DirectoryLength(std::u16string_view pattern) {
-    const std::size_t separator = pattern.find_last_of(u"\\/");
-    if (separator != std::u16string_view::npos) return separator + 1;
-    return pattern.size() >= 2 && pattern[1] == u':' ? 2 : 0;
-}
 
 /// All entries of a directory that match. A symbolic link counts as a file, whatever it leads to, so that nothing that
 /// walks and deletes a tree leaves the tree by it.

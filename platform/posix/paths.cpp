@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <locale.h>
 
+#include "platform/name_pattern.h"
 #include "platform/posix/posix.h"
 #include "platform/utf.h"
 

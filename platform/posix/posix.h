@@ -62,9 +62,6 @@ std::string NativePathOf(std::u16string_view path);
 /// The number for an errno value; generalFailure for one that has no counterpart.
 Error ErrorFromErrno(int code);
 
-/// The upper-case form of a character, by which names are compared without regard to case.
-char16_t UpperCaseOf(char16_t character);
-
 /// Drops the pages of code and constants of all loaded libraries from this process's memory. They are clean and backed
 /// by their files, so whatever is needed again is read in again at its next use; other threads may run meanwhile.
 /// Called after work that touches much library code once in a while, such as an HTTP transaction.

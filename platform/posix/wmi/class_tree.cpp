@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "platform/name_pattern.h"
 #include "platform/posix/posix.h"
 #include "platform/posix/wmi_classes/families.h"
 

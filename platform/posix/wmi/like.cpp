@@ -1,3 +1,4 @@
+#include "platform/name_pattern.h"
 #include "platform/posix/posix.h"
 #include "platform/posix/wmi/condition.h"
 

@@ -1,0 +1,83 @@
+// A search reads its directory once, at its start, and walks the names it found then. Names are matched and put in
+// order here: the system would find a file by its short name too ("*.zip" then finds "a.zipped"), and its order is the
+// disk's.
+#include "platform/windows/file_search.h"
+
+#include <algorithm>
+#include <memory>
+#include <vector>
+
+#include "platform/name_pattern.h"
+#include "platform/windows/win32.h"
+
+namespace platform {
+
+namespace {
+
+struct FileSearch {
+    std::vector<FindData> found;
+    std::size_t next = 0;
+};
+
+/// A running search of the system's.
+using SystemSearch = std::unique_ptr<void, decltype(&::FindClose)>;
+
+FindData DataOf(const WIN32_FIND_DATAW& entry) {
+    constexpr DWORD kinds = FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT;
+    return {TextOf(entry.cFileName), (entry.dwFileAttributes & kinds) == FILE_ATTRIBUTE_DIRECTORY};
+}
+
+bool IsItself(const FindData& entry) { return entry.fileName == u"." || entry.fileName == u".."; }
+
+/// Everything that the system finds by a path and that the pattern matches.
+Error ListMatches(const std::wstring& path, const NamePattern& pattern, std::vector<FindData>& found) {
+    WIN32_FIND_DATAW entry;
+    const HANDLE handle = ::FindFirstFileW(path.c_str(), &entry);
+    if (handle == INVALID_HANDLE_VALUE) return LastError();
+    const SystemSearch search(handle, ::FindClose);
+    do {
+        FindData data = DataOf(entry);
+        if (pattern.Matches(data.fileName)) found.push_back(std::move(data));
+    } while (::FindNextFileW(search.get(), &entry));
+    if (const Error end = LastError(); end != error::noMoreFiles) return end;
+    const auto others = std::stable_partition(found.begin(), found.end(), IsItself);
+    std::sort(others, found.end(), ComesBefore);
+    return error::success;
+}
+
+}  // namespace
+
+Error FindFirstMatch(std::u16string_view pattern, FindData& first, FindHandle& search) {
+    search = 0;
+    const std::size_t split = DirectoryLength(pattern);
+    const std::u16string_view name = pattern.substr(split);
+    if (name.empty()) return error::fileNotFound;
+    const bool hasWildcard = name.find_first_of(u"*?") != name.npos;
+    const std::wstring path = hasWildcard ? NativePathOf(pattern.substr(0, split)) + L"*" : NativePathOf(pattern);
+    auto started = std::make_unique<FileSearch>();
+    // A name without wildcards may well be a short one.
+    if (const Error failure = ListMatches(path, NamePattern(hasWildcard ? name : u"*"), started->found)) return failure;
+    if (started->found.empty()) return error::fileNotFound;
+    first = started->found[started->next++];
+    search = reinterpret_cast<FindHandle>(started.release());
+    return error::success;
+}
+
+Error FindNextMatch(FindHandle search, FindData& next) {
+    if (search == 0) return error::invalidHandle;
+    auto* running = reinterpret_cast<FileSearch*>(search);
+    if (running->next == running->found.size()) return error::noMoreFiles;
+    next = running->found[running->next++];
+    return error::success;
+}
+
+void EndSearch(FindHandle search) { delete reinterpret_cast<FileSearch*>(search); }
+
+char16_t UpperCaseOf(char16_t character) {
+    const wchar_t given = character;
+    wchar_t upper = given;
+    ::LCMapStringW(LOCALE_INVARIANT, LCMAP_UPPERCASE, &given, 1, &upper, 1);
+    return upper;
+}
+
+}  // namespace platform
