@@ -241,6 +241,13 @@ Error AskForNextChange(OpenKey& open) {
     return failure;
 }
 
+/// The end of the key itself sets no event everywhere: keyDeleted then, else the answer given.
+Error StillThere(HKEY key, Error answer) {
+    std::uint64_t ignored = 0;
+    const Error failure = LastWriteTime(key, ignored);
+    return failure == error::success ? answer : failure;
+}
+
 /// The next request is made before this one's answer is given, so that nothing is missed while the caller reads.
 Error WaitForChange(Store& store, RegistryKey key, std::uint32_t milliseconds) {
     return WithKey(store, key, [milliseconds](OpenKey& open) -> Error {
@@ -250,7 +257,7 @@ Error WaitForChange(Store& store, RegistryKey key, std::uint32_t milliseconds) {
             case WAIT_OBJECT_0:
                 return AskForNextChange(open);
             case WAIT_TIMEOUT:
-                return error::waitTimeout;
+                return StillThere(open.key.get(), error::waitTimeout);
             default:
                 return LastError();
         }

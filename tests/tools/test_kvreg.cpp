@@ -1,78 +1,56 @@
-// kvreg, run as its users run it.
+// kvreg, run as its users run it, on keys below one of its own.
+#include <chrono>
 #include <filesystem>
 #include <gmock/gmock.h>
-#include <sys/wait.h>
+#include <thread>
 
 #include "foundation/file_utils.h"
 #include "foundation/registry_store.h"
+#include "platform/backend.h"
 #include "platform/utf.h"
-#include "tests/support/test_agent.h"
+#include "tests/tools/kvreg_fixture.h"
 
 namespace kv::test {
 
 namespace {
 
-namespace fs = std::filesystem;
-using ::testing::HasSubstr;
-using Words = std::vector<std::string>;
-
-class Kvreg : public TestAgent {
-  protected:
-    struct Outcome {
-        int exitCode = -1;
-        std::string output;
-        std::string errors;
-    };
-
-    Outcome Run(const Words& words) const {
-        std::string command = KVREG_PROGRAM;
-        for (const std::string& word : words) command += " '" + word + "'";  // no test uses a quote in a word
-        const std::string output = folder / "output";
-        const std::string errors = folder / "errors";
-        const int status = std::system((command + " >" + output + " 2>" + errors).c_str());
-        return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, Read(output), Read(errors)};
-    }
-
-    const std::string header = "Windows Registry Editor Version 5.00\n";
-    const fs::path file = folder / "file.reg";
-
-    std::string Get(const std::string& key, const std::string& name) const { return Run({"get", key, name}).output; }
-};
+using ::testing::AllOf;
+using ::testing::EndsWith;
+using ::testing::StartsWith;
 
 TEST_F(Kvreg, CommandsInTheirOrder) {
-    const std::string partial = (folder / "missing" / "x.reg").string();
+    const std::string missing = Utf8(folder / "missing" / "x.reg");
     const struct {
         Words words;
         int exitCode;
         const char* output;
         const char* errors;  // a part of it
     } rows[] = {
-        {{"get", "Software\\A", "v"}, 3, "", "there is no value v in HKEY_LOCAL_MACHINE\\Software\\A"},
-        {{"set", "Software\\A", "v", "some text"}, 0, "", ""},
-        {{"get", "HKLM\\software\\a\\", "V"}, 0, "some text\n", ""},
-        {{"set", "HKEY_LOCAL_MACHINE\\Software\\A", "n", "30", "--dword"}, 0, "", ""},
-        {{"set", "Software\\A", "", "--", "--"}, 0, "", ""},  // the first ends the options
-        {{"set", "Software\\A", "lines", "one\ntwo"}, 0, "", ""},
-        {{"set", "Software\\A\\Sub", "x", "y"}, 0, "", ""},
-        {{"get", "Software\\A"}, 0, "--\n", ""},
-        {{"get", "Software\\A", "lines"}, 0, "one\ntwo\n", ""},
-        {{"list", "Software\\A"},
+        {{"get", "Software\\KvregTest", "v"}, 3, "", "there is no value v in HKEY_LOCAL_MACHINE\\Software\\KvregTest"},
+        {{"set", "Software\\KvregTest", "v", "some text"}, 0, "", ""},
+        {{"get", "HKLM\\software\\kvregtest\\", "V"}, 0, "some text\n", ""},
+        {{"set", "HKEY_LOCAL_MACHINE\\Software\\KvregTest", "n", "30", "--dword"}, 0, "", ""},
+        {{"set", "Software\\KvregTest", "", "--", "--"}, 0, "", ""},  // the first ends the options
+        {{"set", "Software\\KvregTest", "lines", "one\ntwo"}, 0, "", ""},
+        {{"set", "Software\\KvregTest\\Sub", "x", "y"}, 0, "", ""},
+        {{"get", "Software\\KvregTest"}, 0, "--\n", ""},
+        {{"get", "Software\\KvregTest", "lines"}, 0, "one\ntwo\n", ""},
+        {{"list", "Software\\KvregTest"},
          0,
-         "HKEY_LOCAL_MACHINE\\Software\\A\n"
+         "HKEY_LOCAL_MACHINE\\Software\\KvregTest\n"
          "    (Default)    REG_SZ    --\n"
          "    lines    REG_SZ    one\\ntwo\n"
          "    n    REG_DWORD    0x1e (30)\n"
          "    v    REG_SZ    some text\n"
-         "HKEY_LOCAL_MACHINE\\Software\\A\\Sub\n",
+         "HKEY_LOCAL_MACHINE\\Software\\KvregTest\\Sub\n",
          ""},
-        {{"delete", "Software\\A", "v"}, 0, "", ""},
-        {{"delete", "Software\\A", "v"}, 3, "", "there is no value v"},
-        {{"set", "Software\\A", "v", "--", "--dword"}, 0, "", ""},
-        {{"get", "Software\\A", "v"}, 0, "--dword\n", ""},
-        {{"export", partial}, 1, "", "No such file or directory"},
-        {{"export", "/dev/full"}, 1, "", "No space left on device"},
-        {{"delete", "Software\\A"}, 0, "", ""},
-        {{"import", partial}, 3, "", "there is no file"},
+        {{"delete", "Software\\KvregTest", "v"}, 0, "", ""},
+        {{"delete", "Software\\KvregTest", "v"}, 3, "", "there is no value v"},
+        {{"set", "Software\\KvregTest", "v", "--", "--dword"}, 0, "", ""},
+        {{"get", "Software\\KvregTest", "v"}, 0, "--dword\n", ""},
+        {{"export", missing, "Software\\KvregTest"}, 1, "", "cannot write"},
+        {{"delete", "Software\\KvregTest"}, 0, "", ""},
+        {{"import", missing}, 3, "", "there is no file"},
         {{}, 2, "", "a command is missing"},
         {{"put", "A"}, 2, "", "unknown command 'put'"},
         {{"get", "A", "b", "--dword"}, 2, "", "--dword goes with set only"},
@@ -80,7 +58,6 @@ TEST_F(Kvreg, CommandsInTheirOrder) {
         {{"get", "hkey_users\\A"}, 2, "", "only HKEY_LOCAL_MACHINE"},
         {{"get", "A\\\\B"}, 2, "", "not the path of a key"},
         {{"set", "A", "b\nc", "d"}, 2, "", "cannot name a value"},
-        {{"set", "A", "b", "\xFF"}, 2, "", "not UTF-8"},
         {{"delete", "HKLM"}, 2, "", "root itself"},
     };
     for (const auto& row : rows) {
@@ -95,63 +72,82 @@ TEST_F(Kvreg, CommandsInTheirOrder) {
 }
 
 TEST_F(Kvreg, WhatTheAgentAndTheToolStoreIsCarriedOver) {
-    ASSERT_EQ(SetOCAgentKey(u"K\u00fc \"1\"\\"), 0U);
-    ASSERT_EQ(SetMALastCreatedJSONNum(4000000000U), 0U);
-    EXPECT_EQ(Get("Software\\Halvorine\\Kestrova\\KVAgent\\Monitoring", "MALastCreatedJSONNum"), "4000000000\n");
+    constexpr platform::RootKey root = platform::RootKey::localMachine;
+    const std::u16string agentKey = u"Software\\KvregTest\\Agent";
+    ASSERT_EQ(writeValue(root, agentKey, u"key", u"K\u00fc \"1\"\\", platform::RegistryType::text), 0U);
+    ASSERT_EQ(writeValue(root, agentKey, u"number", u"4000000000", platform::RegistryType::dword), 0U);
+    EXPECT_EQ(Get("Software\\KvregTest\\Agent", "number"), "4000000000\n");
     const std::string others =
-        "\n[HKEY_LOCAL_MACHINE\\A]\n\"list\"=hex(7):61,00,00,00,62,00,00,00,00,00\n"
-        "\n[HKEY_LOCAL_MACHINE\\A\\B]\n\"bytes\"=hex:00,01,ff\n\"none\"=hex(0):\n\n";
+        "\n[HKEY_LOCAL_MACHINE\\Software\\KvregTest\\A]\n\"list\"=hex(7):61,00,00,00,62,00,00,00,00,00\n"
+        "\n[HKEY_LOCAL_MACHINE\\Software\\KvregTest\\A\\B]\n\"bytes\"=hex:00,01,ff\n\"none\"=hex(0):\n\n";
     Write(file, header + others);
-    ASSERT_EQ(Run({"import", file.string()}).exitCode, 0);
-    EXPECT_EQ(Get("A", "list"), "a\nb\n");
+    ASSERT_EQ(Run({"import", file}).exitCode, 0);
+    EXPECT_EQ(Get("Software\\KvregTest\\A", "list"), "a\nb\n");
 
     fs::remove(file);
-    ASSERT_EQ(Run({"export", file.string()}).exitCode, 0);
+    ASSERT_EQ(Run({"export", file, "Software\\KvregTest"}).exitCode, 0);
     const std::string whole = Read(file);
-    EXPECT_EQ(fs::status(file).permissions(), fs::perms::owner_read | fs::perms::owner_write);
-    for (const char* key : {"Software", "A"}) ASSERT_EQ(Run({"delete", key}).exitCode, 0);
-    ASSERT_EQ(Run({"import", file.string()}).exitCode, 0);
+    ASSERT_EQ(Run({"delete", "Software\\KvregTest"}).exitCode, 0);
+    ASSERT_EQ(Run({"import", file}).exitCode, 0);
     OptionalText key;
-    EXPECT_EQ(GetOCAgentKey(key), 0U);
+    EXPECT_EQ(ReadRegSZ(root, agentKey, u"key", key), 0U);
     EXPECT_EQ(key, u"K\u00fc \"1\"\\");
-    ASSERT_EQ(Run({"export", file.string()}).exitCode, 0);
+    ASSERT_EQ(Run({"export", file, "Software\\KvregTest"}).exitCode, 0);
     EXPECT_EQ(Read(file), whole);
-    fs::create_symlink("file.reg", folder / "link");
-    ASSERT_EQ(Run({"export", folder / "link", "A"}).exitCode, 0);
-    std::string part = platform::Utf8FromWide(TextFromUtf16LittleEndian(Read(file).substr(2)));
+    EXPECT_EQ(FilesIn(folder), (std::vector<std::string>{"errors", "file.reg", "output", "state"}))
+        << "nothing else is left";
+    const fs::path other = folder / u8"f\u00fcr.reg";
+    ASSERT_EQ(Run({"export", Utf8(other), "Software\\KvregTest\\A"}).exitCode, 0);
+    std::string part = platform::Utf8FromWide(TextFromUtf16LittleEndian(Read(other).substr(2)));
     std::erase(part, '\r');
     EXPECT_EQ(part, header + others);
 }
 
 TEST_F(Kvreg, AnImportIsCarriedOutWholeOrRefused) {
-    Write(file, header + "[HKLM\\A]\n\"one\"=\"1\"\n\"two\"=dword:2\n[HKLM\\B\\C]\n@=hex(2):25,00,00,00\n");
-    ASSERT_EQ(Run({"import", file.string()}).exitCode, 0);
-    Write(file, header + "[HKLM\\A]\n\"one\"=-\n\"never there\"=-\n[-HKLM\\B]\n[-HKLM\\Never]\n");
-    ASSERT_EQ(Run({"import", file.string()}).exitCode, 0);
-    EXPECT_EQ(Run({"get", "A", "one"}).exitCode, 3);
-    EXPECT_EQ(Run({"list", "B"}).exitCode, 3);
-    Write(file, header + "[HKLM\\A]\n\"two\"=dword:3\n[HKEY_USERS\\X]\n");
-    const Outcome refused = Run({"import", file.string()});
+    Write(file, header +
+                    "[HKLM\\Software\\KvregTest\\A]\n\"one\"=\"1\"\n\"two\"=dword:2\n[HKLM\\Software\\KvregTest\\B\\C]"
+                    "\n@=hex(2):25,00,00,00\n");
+    ASSERT_EQ(Run({"import", file}).exitCode, 0);
+    Write(file, header +
+                    "[HKLM\\Software\\KvregTest\\A]\n\"one\"=-\n\"never "
+                    "there\"=-\n[-HKLM\\Software\\KvregTest\\B]\n[-HKLM\\Software\\KvregTest\\Never]\n");
+    ASSERT_EQ(Run({"import", file}).exitCode, 0);
+    EXPECT_EQ(Run({"get", "Software\\KvregTest\\A", "one"}).exitCode, 3);
+    EXPECT_EQ(Run({"list", "Software\\KvregTest\\B"}).exitCode, 3);
+    Write(file, header + "[HKLM\\Software\\KvregTest\\A]\n\"two\"=dword:3\n[HKEY_USERS\\X]\n");
+    const Outcome refused = Run({"import", file});
     EXPECT_EQ(refused.exitCode, 1);
     EXPECT_THAT(refused.errors, HasSubstr("file.reg:4: only HKEY_LOCAL_MACHINE can be imported, not 'HKEY_USERS'"));
-    EXPECT_EQ(Get("A", "two"), "2\n");
+    EXPECT_EQ(Get("Software\\KvregTest\\A", "two"), "2\n");
 }
 
-TEST_F(Kvreg, WatchTellsOfEachChange) {
-    Write("./watching.sh", R"(
-        "$1" set 'A\B' v 0
-        timeout 20 "$1" watch A >told &
-        until [ -s told ]; do "$1" set 'A\B' v $((number += 1)); sleep 0.1; done  # until it has begun to watch
-        "$1" delete A
-        until grep -q deleted told; do sleep 0.05; done
-        "$1" set A new t
-        until grep -q new told; do sleep 0.05; done
-        kill $!)");
-    EXPECT_EQ(std::system("timeout 20 sh watching.sh '" KVREG_PROGRAM "'"), 0);
-    EXPECT_THAT(Read("told"),
-                ::testing::MatchesRegex("(set      HKEY_LOCAL_MACHINE\\\\A\\\\B    v    REG_SZ    [0-9]+\n)+"
-                                        "deleted  HKEY_LOCAL_MACHINE\\\\A\\\\B    v\n"
-                                        "set      HKEY_LOCAL_MACHINE\\\\A    new    REG_SZ    t\n"));
+TEST_F(Kvreg, WatchTellsOfEachChangeForAsLongAsSomebodyReads) {
+    const fs::path told = folder / "told";
+    const auto tellsUntil = [&told](const char* text, auto&& meanwhile) {
+        for (int tries = 0; tries < 400 && Read(told).find(text) == std::string::npos; ++tries) {
+            meanwhile();
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        }
+    };
+    int number = 0;
+    const auto write = [&] { Run({"set", "Software\\KvregTest\\B", "v", std::to_string(number++)}); };
+    write();
+    {
+        const ToolProcess watch({"watch", "Software\\KvregTest"}, told, folder / "watch errors");
+        tellsUntil("set", write);  // it has begun to watch then
+        Run({"delete", "Software\\KvregTest"});
+        tellsUntil("deleted", [] {});
+        Run({"set", "Software\\KvregTest", "new", "t"});
+        tellsUntil("new", [] {});
+    }
+    EXPECT_THAT(Printed(told),
+                AllOf(StartsWith("set      HKEY_LOCAL_MACHINE\\Software\\KvregTest\\B    v    REG_SZ    "),
+                      EndsWith("\ndeleted  HKEY_LOCAL_MACHINE\\Software\\KvregTest\\B    v\n"
+                               "set      HKEY_LOCAL_MACHINE\\Software\\KvregTest    new    REG_SZ    t\n")));
+
+    ToolProcess unread({"watch", "Software\\KvregTest"}, {}, folder / "errors");
+    EXPECT_EQ(unread.ExitCode(), 1);
+    EXPECT_THAT(Read(folder / "errors"), HasSubstr("nobody reads"));
 }
 
 }  // namespace

@@ -1,0 +1,69 @@
+// A folder and a key of the registry's for tests of kvreg; both are removed at the end.
+#pragma once
+
+#include <filesystem>
+#include <gmock/gmock.h>
+#include <string>
+#include <vector>
+
+#include "platform/backend.h"
+#include "tests/support/isolation.h"
+#include "tests/support/test_agent.h"
+#include "tests/tools/tool_process.h"
+
+namespace kv::test {
+
+namespace fs = std::filesystem;
+using ::testing::HasSubstr;
+using Words = std::vector<std::string>;
+
+/// The key is Software\KvregTest, which the tests leave only downwards.
+class Kvreg : public ::testing::Test {
+  protected:
+    struct Outcome {
+        int exitCode = -1;
+        std::string output;
+        std::string errors;
+    };
+
+    Kvreg() {
+        fs::create_directory(folder / "state");
+        ShareRegistry(folder / "state");
+        platform::InstallBackend();
+        Run({"delete", "Software\\KvregTest"});
+    }
+    ~Kvreg() override {
+        Run({"delete", "Software\\KvregTest"});
+        std::error_code ignored;
+        fs::remove_all(folder, ignored);
+    }
+
+    static constexpr auto Write = TestAgent::Write;
+    static constexpr auto Read = TestAgent::Read;
+    static constexpr auto FilesIn = TestAgent::FilesIn;
+
+    static std::string Utf8(const fs::path& path) {
+        const std::u8string name = path.u8string();
+        return {name.begin(), name.end()};
+    }
+
+    /// A file of text with the line ends of any system.
+    static std::string Printed(const fs::path& path) {
+        std::string text = Read(path);
+        std::erase(text, '\r');
+        return text;
+    }
+
+    Outcome Run(const Words& words) const {
+        const int exitCode = ToolProcess(words, folder / "output", folder / "errors").ExitCode();
+        return {exitCode, Printed(folder / "output"), Printed(folder / "errors")};
+    }
+
+    std::string Get(const std::string& key, const std::string& name) const { return Run({"get", key, name}).output; }
+
+    const fs::path folder = MakeTemporaryFolder();
+    const std::string header = "Windows Registry Editor Version 5.00\n";
+    const std::string file = Utf8(folder / "file.reg");
+};
+
+}  // namespace kv::test

@@ -1,0 +1,28 @@
+// What kvreg does with files as Linux has them.
+#include "tests/tools/kvreg_fixture.h"
+
+namespace kv::test {
+
+namespace {
+
+TEST_F(Kvreg, AnExportIsItsOwnersAndLinksAreFollowed) {
+    ASSERT_EQ(Run({"set", "Software\\KvregTest", "a", "b"}).exitCode, 0);
+    fs::create_symlink(fs::path(file).filename(), folder / "link");
+    ASSERT_EQ(Run({"export", folder / "link"}).exitCode, 0) << "a link to nothing so far";
+    EXPECT_EQ(fs::status(file).permissions(), fs::perms::owner_read | fs::perms::owner_write);
+    const std::string whole = Read(file);
+    ASSERT_EQ(Run({"export", folder / "link", "Software\\KvregTest"}).exitCode, 0);
+    EXPECT_LT(Read(file).size(), whole.size());
+    EXPECT_TRUE(fs::is_symlink(folder / "link"));
+    ASSERT_EQ(Run({"export", "/dev/stdout"}).exitCode, 0);
+    EXPECT_EQ(Read(folder / "output"), whole);
+    const Outcome full = Run({"export", "/dev/full"});
+    EXPECT_EQ(full.exitCode, 1);
+    EXPECT_THAT(full.errors, HasSubstr("No space left on device"));
+    EXPECT_THAT(Run({"export", folder / "missing" / "x"}).errors, HasSubstr("No such file or directory"));
+    EXPECT_THAT(Run({"set", "A", "b", "\xFF"}).errors, HasSubstr("not UTF-8"));
+}
+
+}  // namespace
+
+}  // namespace kv::test
