@@ -74,12 +74,13 @@ struct RegistryOperations {
     /// Deletes a value; fileNotFound when there is none.
     std::function<Error(RegistryKey key, std::u16string_view valueName)> RegDeleteValueW;
 
-    /// Deletes a key with all keys and values below it; fileNotFound when it does not exist.
+    /// Deletes a key with all keys and values below it; fileNotFound when it does not exist. On Windows one key after
+    /// the other: after a failure some of them may be gone.
     std::function<Error(RootKey root, std::u16string_view subKey)> RegDeleteTreeW;
 
     /// Waits until something may have changed in the registry, in this process or another, since the call before it on
     /// this handle, or until the time is over: waitTimeout then. The first call on a handle returns at once, so nothing
-    /// is missed between reading and waiting.
+    /// is missed between reading and waiting. One thread at a time waits on a handle; a wait may end early.
     std::function<Error(RegistryKey key, std::uint32_t milliseconds)> RegNotifyChangeKeyValue;
 };
 

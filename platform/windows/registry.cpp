@@ -155,13 +155,17 @@ Error QueryValue(Store& store, RegistryKey key, std::u16string_view name, Regist
     });
 }
 
+/// The system looks behind a text without a terminator, and stores what looks like one there, too. So that the bytes
+/// are kept as they are, something else stands behind them.
 Error SetValue(Store& store, RegistryKey key, std::u16string_view name, RegistryType type, const std::byte* data,
                std::size_t size) {
     if (!IsRegistryValueName(name)) return error::invalidName;
     if (size > maximumValueBytes) return error::invalidParameter;
+    std::vector<std::byte> guarded(data, data + size);
+    guarded.resize(size + sizeof(wchar_t), std::byte{0xFF});
     return WithKey(store, key, [&](OpenKey& open) {
         return ErrorOf(::RegSetValueExW(open.key.get(), WideOf(name).c_str(), 0, static_cast<DWORD>(type),
-                                        reinterpret_cast<const BYTE*>(data), static_cast<DWORD>(size)));
+                                        reinterpret_cast<const BYTE*>(guarded.data()), static_cast<DWORD>(size)));
     });
 }
 
