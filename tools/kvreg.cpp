@@ -202,8 +202,9 @@ using Snapshot = std::map<std::pair<std::u16string, std::u16string>, RegFileValu
 /// The tree's state; empty when the key does not exist.
 Snapshot TakeSnapshot(const std::u16string& path) {
     RegFile tree;
-    const Error result = ReadTree(path, tree);
-    if (!IsGone(result)) Require(result, "cannot read the key " + WholePath(path), "");
+    std::u16string failedAt;
+    const Error result = ReadTree(path, tree, failedAt);
+    if (!IsGone(result)) Require(result, "cannot read the key " + WholePath(failedAt), "");
     Snapshot snapshot;
     for (RegFileKey& key : tree) {
         for (RegFileValue& value : key.values) snapshot[{key.path, value.name}] = std::move(value);
@@ -256,7 +257,9 @@ void Watch(const CommandLine& line) {
 void Export(const CommandLine& line) {
     const std::u16string path = line.arguments.size() > 1 ? KeyArgument(line.arguments[1]) : u"";
     RegFile tree;
-    Require(ReadTree(path, tree), "cannot read the key " + WholePath(path), "key " + WholePath(path));
+    std::u16string failedAt;
+    const Error result = ReadTree(path, tree, failedAt);
+    Require(result, "cannot read the key " + WholePath(failedAt), "key " + WholePath(path));
     const std::string& file = line.arguments[0];
     const std::string failure = platform::WriteFileWhole(file, PrintRegFile(tree));
     if (!failure.empty()) throw Quit{exitFailure, fmt::format("cannot write {}: {}", file, failure)};

@@ -41,12 +41,15 @@ Error QueryValue(platform::RegistryKey key, std::u16string_view name, RegFileVal
 
 bool IsGone(Error result) { return result == error::fileNotFound || result == error::keyDeleted; }
 
-Error ReadSubtree(const std::u16string& path, RegFile& tree) {
+Error ReadSubtree(const std::u16string& path, RegFile& tree, std::u16string& failedAt) {
     KeyContents contents;
-    if (const Error failure = ReadKey(path, contents)) return failure;
+    if (const Error failure = ReadKey(path, contents)) {
+        failedAt = path;
+        return failure;
+    }
     tree.push_back({path, false, std::move(contents.values)});
     for (const std::u16string& name : contents.subkeys) {
-        const Error failure = ReadSubtree(path.empty() ? name : path + u'\\' + name, tree);
+        const Error failure = ReadSubtree(path.empty() ? name : path + u'\\' + name, tree, failedAt);
         if (failure != error::success && !IsGone(failure)) return failure;
     }
     return error::success;
@@ -96,9 +99,9 @@ Error ReadValue(std::u16string_view path, std::u16string_view name, RegFileValue
     return handle.failure != error::success ? handle.failure : QueryValue(handle.key, name, value);
 }
 
-Error ReadTree(std::u16string_view path, RegFile& tree) {
+Error ReadTree(std::u16string_view path, RegFile& tree, std::u16string& failedAt) {
     tree.clear();
-    return ReadSubtree(std::u16string(path), tree);
+    return ReadSubtree(std::u16string(path), tree, failedAt);
 }
 
 Error WriteValue(std::u16string_view path, const RegFileValue& value) {
