@@ -22,8 +22,8 @@ platform::Error ReadKey(std::u16string_view path, KeyContents& contents);
 /// One value's type and bytes; fileNotFound when the key or the value is missing.
 platform::Error ReadValue(std::u16string_view path, std::u16string_view name, RegFileValue& value);
 
-/// A key and all below it, parents first; fileNotFound when it does not exist. Stops at the first failure; failedAt then
-/// holds the path of the key that could not be read.
+/// A key and all below it, parents first; fileNotFound when it does not exist. Stops at the first failure; failedAt
+/// then holds the path of the key that could not be read.
 platform::Error ReadTree(std::u16string_view path, RegFile& tree, std::u16string& failedAt);
 
 platform::Error WriteValue(std::u16string_view path, const RegFileValue& value);
