@@ -1,7 +1,109 @@
+// A child is put into a job before its first instruction, so that whatever it starts is in that job too and can be
+// ended with it. The job ends with this process, too: without it nobody would end the child at its limit.
+#include <memory>
+
+#include "platform/windows/owned_handle.h"
+#include "platform/windows/script_line.h"
 #include "platform/windows/win32.h"
 
 namespace platform {
 
-ProcessOperations WindowsProcesses() { return {}; }
+namespace {
+
+/// The longest line that the command interpreter takes, in characters.
+constexpr std::size_t longestLine = 8191;
+
+/// How long TerminateProcess waits for a process that it has ended to be gone.
+constexpr DWORD goneWithin = 1000;  // milliseconds
+
+struct Child {
+    OwnedHandle process;
+    OwnedHandle job;  // none where this process is in a job that lets nothing out, on systems without nested jobs
+};
+
+Child& ChildOf(ProcessHandle process) { return *reinterpret_cast<Child*>(process); }
+
+/// Says whether the processes of a job end when its last handle is closed.
+bool EndWithJob(HANDLE job, bool end) {
+    JOBOBJECT_EXTENDED_LIMIT_INFORMATION limits{};
+    if (end) limits.BasicLimitInformation.LimitFlags = JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE;
+    return ::SetInformationJobObject(job, JobObjectExtendedLimitInformation, &limits, sizeof limits) != FALSE;
+}
+
+OwnedHandle JobOf(HANDLE process) {
+    OwnedHandle job(::CreateJobObjectW(nullptr, nullptr));
+    if (!job || !EndWithJob(job.Get(), true) || !::AssignProcessToJobObject(job.Get(), process)) return {};
+    return job;
+}
+
+Error CreateProcessW(std::u16string_view commandLine, std::u16string_view workingDirectory, ProcessHandle& process) {
+    process = 0;
+    if (commandLine.size() > longestLine) return error::fileNameTooLong;
+    std::wstring line = WideOf(commandLine);
+    const std::wstring directory = NativePathOf(workingDirectory);
+    STARTUPINFOW startup{};
+    startup.cb = sizeof startup;
+    PROCESS_INFORMATION started{};
+    constexpr DWORD flags = CREATE_NO_WINDOW | CREATE_DEFAULT_ERROR_MODE | CREATE_SUSPENDED;
+    auto child = std::make_unique<Child>();
+    if (!::CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, flags, nullptr,
+                          directory.empty() ? nullptr : directory.c_str(), &startup, &started))
+        return LastError();
+    child->process = OwnedHandle(started.hProcess);
+    const OwnedHandle thread(started.hThread);
+    child->job = JobOf(child->process.Get());
+    ::ResumeThread(thread.Get());
+    process = reinterpret_cast<ProcessHandle>(child.release());
+    return error::success;
+}
+
+Error WaitForSingleObject(ProcessHandle process, std::uint32_t milliseconds) {
+    switch (::WaitForSingleObject(ChildOf(process).process.Get(), milliseconds)) {
+        case WAIT_OBJECT_0:
+            return error::success;
+        case WAIT_TIMEOUT:
+            return error::waitTimeout;
+        default:
+            return LastError();
+    }
+}
+
+Error GetExitCodeProcess(ProcessHandle process, std::uint32_t& exitCode) {
+    const Error ended = WaitForSingleObject(process, 0);
+    if (ended != error::success) return ended == error::waitTimeout ? error::busy : ended;
+    DWORD code = 0;
+    const Error result = ResultOf(::GetExitCodeProcess(ChildOf(process).process.Get(), &code));
+    exitCode = code;
+    return result;
+}
+
+Error TerminateProcess(ProcessHandle process) {
+    const Child& child = ChildOf(process);
+    const Error result =
+        ResultOf(child.job ? ::TerminateJobObject(child.job.Get(), 0) : ::TerminateProcess(child.process.Get(), 0));
+    WaitForSingleObject(process, goneWithin);
+    return result;
+}
+
+/// What a script has left running behind it goes on.
+void CloseProcess(ProcessHandle process) {
+    if (process == 0) return;
+    const std::unique_ptr<Child> child(&ChildOf(process));
+    if (child->job) EndWithJob(child->job.Get(), false);
+}
+
+}  // namespace
+
+ProcessOperations WindowsProcesses() {
+    return {
+        .ComposeScriptLine = ComposeScriptLine,
+        .GetScriptOutputEncoding = GetScriptOutputEncoding,
+        .CreateProcessW = CreateProcessW,
+        .WaitForSingleObject = WaitForSingleObject,
+        .GetExitCodeProcess = GetExitCodeProcess,
+        .TerminateProcess = TerminateProcess,
+        .CloseProcess = CloseProcess,
+    };
+}
 
 }  // namespace platform
