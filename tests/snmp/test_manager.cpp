@@ -1,6 +1,7 @@
 // The manager through its one door, against devices that misbehave.
 #include <set>
 
+#include "platform/files.h"
 #include "platform/sockets.h"
 #include "snmp/toolkit_log.h"
 #include "tests/snmp/manager_test.h"
@@ -178,6 +179,7 @@ TEST_F(SnmpManager, StartsItselfWhenTheServerHasClearedTheFlag) {
     EXPECT_EQ(Answer(ask), "nothing") << "a log that cannot be opened";
     EXPECT_EQ(agentState.gv_agentRunFlag, 0x0100);
     std::filesystem::remove(ownLog);
+    const platform::FileHandle agentsLog = logState.gv_logFile;
     Log1("before");
     logState.gv_logLevel = 3;
     EXPECT_EQ(Answer(ask), "1: .1.3.6.1.2.1.1.5.0 4:tower");
@@ -194,6 +196,7 @@ TEST_F(SnmpManager, StartsItselfWhenTheServerHasClearedTheFlag) {
     snmp::WriteToolkitLine(std::string(5'242'879 - std::filesystem::file_size(ownLog), '.'));
     snmp::WriteToolkitLine("over");
     EXPECT_EQ(Read(ownLog), "over") << "begun anew at its limit";
+    platform::Files().CloseHandle(agentsLog);  // which stays open else, and its folder cannot be removed
 }
 
 }  // namespace
