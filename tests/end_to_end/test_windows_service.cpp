@@ -34,9 +34,10 @@ std::string Required(const char* variable) {
 class WindowsService : public ::testing::Test {
   protected:
     WindowsService() {
+        removeAll();  // what a run that was ended has left
         for (const char* below : {"bin", "conf/scripts", "logs"}) fs::create_directories(monitoring / below);
         for (const char* program : {"MonitoringAgent.exe", "kvreg.exe"})
-            fs::copy_file(fs::path(Required("KV_WINDOWS_PROGRAMS")) / program, monitoring / "bin" / program);
+            fs::copy_file(programs / program, monitoring / "bin" / program);
         startServer();
         set("", "KVAgentInstallDir", "'C:\\kvagent\\'");
         set("", "CustomerName", "'Test customer'");
@@ -51,10 +52,12 @@ class WindowsService : public ::testing::Test {
         set("\\ServerInfo", "KVLastAccessName", "127.0.0.1");
         set("\\Monitoring", "writeInterval", "5 --dword");
     }
-    ~WindowsService() override {
+    ~WindowsService() override { removeAll(); }
+
+    void removeAll() const {
         windows("net.exe stop '" + std::string(service) + "'");
-        windows("MonitoringAgent.exe /u");
-        windows("kvreg.exe delete 'Software\\Halvorine'");
+        windows((programs / "MonitoringAgent.exe").string() + " /u");
+        windows((programs / "kvreg.exe").string() + " delete 'Software\\Halvorine'");
         fs::remove_all(folder);
     }
 
@@ -67,8 +70,8 @@ class WindowsService : public ::testing::Test {
 
     /// Runs a program of the agent's or of the system's.
     ShellOutcome windows(const std::string& commandLine) const {
-        return RunShell("cd '" + (monitoring / "bin").string() + "' && timeout -k 5 60 wine64 " + commandLine +
-                        " </dev/null 2>&1");
+        return RunShell("cd '" + (monitoring / "bin").string() + "' 2>/dev/null; timeout -k 5 60 wine64 " +
+                        commandLine + " </dev/null 2>&1");
     }
 
     void set(const std::string& subKey, const std::string& name, const std::string& data) const {
@@ -134,6 +137,7 @@ class WindowsService : public ::testing::Test {
     /// Milliseconds. The agent fetches requests every 30 seconds, and uploads a minute after its start first.
     static constexpr int patience = 120000;
     const std::string key = "Software\\Halvorine\\Kestrova\\KVAgent";
+    const fs::path programs = Required("KV_WINDOWS_PROGRAMS");
     const fs::path folder = fs::path(Required("WINEPREFIX")) / "drive_c" / "kvagent";
     const fs::path monitoring = folder / "monitoring";
     std::optional<lab::LabServer> server;
@@ -141,7 +145,7 @@ class WindowsService : public ::testing::Test {
 
 TEST_F(WindowsService, IsInstalledCollectsServesStopsAndIsRemoved) {
     const SnmpDaemon device("sysName polled-device");
-    writeScript("one.bat", "@echo off\r\necho {\"system\":\"%OS%\",\"word\":\"%~2\"}\r\n");
+    writeScript("one.bat", "@echo off\r\necho {\"system\":\"%OS%\",\"word\":\"%~5\"}\r\n");
     writePlan(plan(R"({ "script": "one.bat", "Name": "Script", "params": "\"two words\"", "response_needed": "true" },)"
                    R"({ "wmiQuery": "SELECT Name, Caption FROM Win32_OperatingSystem", "Name": "Query" },)"
                    R"({ "PROTOCOL": "SPOLL", "DEVICE_NAME": "127.0.0.1", "SNMP_PORT": ")" +
