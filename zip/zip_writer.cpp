@@ -85,10 +85,16 @@ ZipMethod MethodFor(std::u16string_view name) {
 
 std::uint64_t CentralSize(const ZipEntry& entry) { return centralHeaderSize + entry.name.size() + centralExtraSize; }
 
+/// How long deflate can make so many bytes at the most. Asked for in parts, as zlib counts in 32 bits on some systems.
+std::uint64_t DeflatedSizeAtMost(std::uint64_t size) {
+    constexpr uLong part = 1UL << 30;
+    return size / part * deflateBound(nullptr, part) + deflateBound(nullptr, static_cast<uLong>(size % part));
+}
+
 /// Whether the archive can still be finished within 16-bit counts and 32-bit offsets once the entry is in it.
 bool HasRoomFor(const ZipWriter& writer, const ZipEntry& entry, std::uint64_t sourceSize) {
     if (writer.entries.size() >= maxEntries || sourceSize > maxArchiveSize) return false;
-    const std::uint64_t data = deflateBound(nullptr, static_cast<uLong>(sourceSize)) + dataDescriptorSize;
+    const std::uint64_t data = DeflatedSizeAtMost(sourceSize) + dataDescriptorSize;
     const std::uint64_t headers = localHeaderSize + entry.name.size() + localExtraSize + CentralSize(entry);
     return writer.output.position() + headers + data + writer.directorySize + endRecordSize <= maxArchiveSize;
 }

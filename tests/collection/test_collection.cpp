@@ -137,7 +137,7 @@ TEST_F(Collection, AFullDiskCostsTheRecordInHandOnly) {
         EXPECT_EQ(RunScript(printFile + "big"), "(none)") << "full after the first block of 65536 bytes";
     }
     EXPECT_EQ(DataFiles(), 0);
-    EXPECT_TRUE(Logged("There is not enough space on the disk."));
+    EXPECT_TRUE(Logged("Error code : 112"));
     EXPECT_EQ(RunScript("echo again"), "again" + lineEnd);
     EXPECT_EQ(agentState.gv_ocLastCreatedJSONNum, 2u);
 

@@ -109,8 +109,8 @@ TEST_F(Zip, AnotherReaderFindsWhatWasPacked) {
     }
     ZipHandle zip = CreateZip(u"a.zip", nullptr);
     for (const auto& [name, content] : contents) {
-        Write(bin / name, content);
         std::u16string source = platform::WideFromUtf8(name);
+        Write(bin / source, content);
         source[4] = u'\\';
         EXPECT_EQ(AddFileToZip(zip, source, source), zip_result::ok) << name;
     }
