@@ -1,0 +1,49 @@
+// Collection by batch files.
+#include <algorithm>
+#include <chrono>
+#include <thread>
+#include <vector>
+
+#include "platform/process.h"
+#include "tests/collection/collection_test.h"
+
+namespace kv::test {
+namespace {
+
+constexpr const char* aSecond = "ping -n 2 127.0.0.1 >nul";
+
+TEST_F(Collection, WhatABatchFilePrintsBecomesARecordWhateverTheEnd) {
+    Write(bin / "bytes", "a\xC3(\xFFz");
+    struct Row {
+        const char* title;
+        std::string body;
+        std::string record;
+        const char* logged;
+    };
+    for (const Row& row : std::vector<Row>{
+             {"bytes that are no UTF-8", printFile + "bytes", "a\uFFFD(\uFFFDz", "Error Code : 0 "},
+             {"UTF-8", "echo \xC3\xBC", "\u00FC\r\n", "Error Code : 0 "},
+             {"a child left behind", "start /b cmd /c \"" + std::string(aSecond) + " & echo late\"\necho done",
+              "done\r\n", "left behind goes on writing"},
+         }) {
+        SCOPED_TRACE(row.title);
+        EXPECT_EQ(RunScript(row.body), row.record);
+        EXPECT_TRUE(Logged(row.logged));
+    }
+}
+
+TEST_F(Collection, ABatchFileIsEndedWithItsChildrenAtTheLimit) {
+    platform::ProcessOperations hasty = platform::Processes();
+    hasty.WaitForSingleObject = [real = hasty.WaitForSingleObject](auto process, std::uint32_t milliseconds) {
+        return real(process, std::min(milliseconds, 700u));
+    };
+    const platform::ScopedOperations<platform::ProcessOperations> scoped(hasty);
+    const std::string inner = std::string(aSecond) + " & echo late >late";
+    EXPECT_EQ(RunScript("echo begun\ncmd /c \"" + inner + "\""), "begun\r\n");
+    EXPECT_TRUE(Logged("as time is exceeded 2 Minutes"));
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    EXPECT_FALSE(fs::exists(bin / "late"));
+}
+
+}  // namespace
+}  // namespace kv::test
