@@ -33,4 +33,7 @@ trap leave EXIT
 trap 'exit 130' INT
 trap 'exit 143' TERM
 
+# Ends when the services are up. Had the command to start them, they would hold its output open for as long as they run.
+timeout 120 wine64 cmd.exe /c exit >/dev/null 2>&1 </dev/null 3<&-
+
 "$@" 3<&-

@@ -29,11 +29,17 @@ FindData DataOf(const WIN32_FIND_DATAW& entry) {
 
 bool IsItself(const FindData& entry) { return entry.fileName == u"." || entry.fileName == u".."; }
 
+/// Why nothing is found. A directory that is a file, or has a name that none can have, does not exist.
+Error SearchError() {
+    const Error failure = LastError();
+    return failure == error::directoryName || failure == error::invalidName ? error::pathNotFound : failure;
+}
+
 /// Everything that the system finds by a path and that the pattern matches.
 Error ListMatches(const std::wstring& path, const NamePattern& pattern, std::vector<FindData>& found) {
     WIN32_FIND_DATAW entry;
     const HANDLE handle = ::FindFirstFileW(path.c_str(), &entry);
-    if (handle == INVALID_HANDLE_VALUE) return LastError();
+    if (handle == INVALID_HANDLE_VALUE) return SearchError();
     const SystemSearch search(handle, ::FindClose);
     do {
         FindData data = DataOf(entry);

@@ -1,0 +1,95 @@
+// Files as Linux has them.
+#include <atomic>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <thread>
+#include <vector>
+
+#include "platform/process.h"
+#include "tests/platform/files_test.h"
+
+namespace platform::test {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+TEST_F(FilesTest, NamesAreToldApartByCaseAndLinksAreFiles) {
+    for (const char* name : {"a.txt", "A.txt", "\u00E4rger.zip"}) Write(fs::path("d") / name, "");
+    fs::create_directory_symlink(folder, "d/link");
+    EXPECT_EQ(Found(u"d\\*"), "./ ../ A.txt a.txt link \u00E4rger.zip ");
+    EXPECT_EQ(Found(u"d\\a.TXT"), "2");
+}
+
+TEST_F(FilesTest, OpeningNeverWaits) {
+    mkfifo("pipe", 0600);
+    const std::pair<std::u16string, Error> rows[] = {
+        {std::u16string(300, u'x'), error::fileNameTooLong},
+        {u"pipe", error::success},  // without a wait for its writer
+    };
+    for (const auto& [path, expected] : rows) {
+        FileHandle file = 0;
+        EXPECT_EQ(Files().CreateFileW(path, FileAccess::read, FileShare::none, FileDisposition::openExisting, file),
+                  expected);
+        EXPECT_EQ(file != 0, expected == error::success) << Utf8FromWide(path);
+        Files().CloseHandle(file);
+    }
+}
+
+TEST_F(FilesTest, AFullDiskIsAnErrorAndNeverHalfACopy) {
+    Write("./big", std::string(100'000, 'b'));
+    Write("./target", "as it was");
+    rlimit former{};  // no file grows beyond the limit: the next best thing to a full disk
+    getrlimit(RLIMIT_FSIZE, &former);
+    const rlimit limit{4096, former.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &limit);
+    const Error written = Put(u"new", std::string(10'000, 'n'));
+    const Error copied = Files().CopyFileW(u"big", u"target");
+    setrlimit(RLIMIT_FSIZE, &former);
+    EXPECT_EQ(written, error::diskFull);
+    EXPECT_EQ(copied, error::diskFull);
+    EXPECT_EQ(Read("target"), "as it was");
+    EXPECT_EQ(Found(u"*"), "./ ../ big new target ");
+    EXPECT_EQ(Files().CopyFileW(u"big", u"target"), error::success);
+    EXPECT_EQ(Read("target"), Read("big"));
+    EXPECT_EQ(fs::last_write_time("target"), fs::last_write_time("big"));
+}
+
+TEST_F(FilesTest, DriveCIsInTheStateDirectory) {
+    fs::remove_all(folder / "state");  // it is made with the drive
+    EXPECT_EQ(Put(u"C:\\test.txt", "note"), error::success);
+    EXPECT_EQ(Read(folder / "state/drive_c/test.txt"), "note");
+    EXPECT_EQ(Put(u"c:\\made\\..\\..\\..\\up.txt", "up"), error::success);
+    EXPECT_EQ(Found(u"c:*.txt"), "test.txt up.txt ");
+    EXPECT_EQ(Put(u"d:\\x", ""), error::pathNotFound);
+}
+
+TEST_F(FilesTest, AFileIsInUseWhileAnotherProcessHasItOpenForWriting) {
+    Write("./f", "");
+    mkfifo("go-on", 0600);
+    ProcessHandle writer = 0;
+    ASSERT_EQ(Processes().CreateProcessW(u"exec >>f; echo open >go-on; read end <go-on", u"", writer), error::success);
+    EXPECT_EQ(Read("go-on"), "open\n");
+    EXPECT_EQ(Files().GetFileUseState(u"f"), error::sharingViolation);
+    Write("./go-on", "end\n");
+    EXPECT_EQ(Processes().WaitForSingleObject(writer, 10'000), error::success);
+    EXPECT_EQ(Files().GetFileUseState(u"f"), error::success);
+    Processes().CloseProcess(writer);
+}
+
+TEST_F(FilesTest, AskingForTheUseStateDisturbsNoWriter) {
+    std::atomic<bool> done{false};
+    std::vector<std::jthread> askers(3);
+    for (std::jthread& asker : askers) {
+        asker = std::jthread([&] {
+            while (!done) Files().GetFileUseState(u"f");
+        });
+    }
+    for (int round = 0; round < 3000; ++round) EXPECT_EQ(Put(u"f", "x"), error::success);
+    done = true;
+    EXPECT_EQ(fs::file_size("f"), 3000U);
+}
+
+}  // namespace
+
+}  // namespace platform::test
