@@ -22,9 +22,15 @@ struct FileSearch {
 /// A running search of the system's.
 using SystemSearch = std::unique_ptr<void, decltype(&::FindClose)>;
 
+/// Not every reparse point is a link: what is kept elsewhere and fetched when it is read is one too.
+bool IsLink(const WIN32_FIND_DATAW& entry) {
+    const bool isReparsePoint = (entry.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
+    return isReparsePoint && IsReparseTagNameSurrogate(entry.dwReserved0);
+}
+
 FindData DataOf(const WIN32_FIND_DATAW& entry) {
-    constexpr DWORD kinds = FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT;
-    return {TextOf(entry.cFileName), (entry.dwFileAttributes & kinds) == FILE_ATTRIBUTE_DIRECTORY};
+    const bool isDirectory = (entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+    return {TextOf(entry.cFileName), isDirectory && !IsLink(entry)};
 }
 
 bool IsItself(const FindData& entry) { return entry.fileName == u"." || entry.fileName == u".."; }
@@ -79,7 +85,10 @@ Error FindNextMatch(FindHandle search, FindData& next) {
 
 void EndSearch(FindHandle search) { delete reinterpret_cast<FileSearch*>(search); }
 
+/// Most names are ASCII, and a sort asks often.
 char16_t UpperCaseOf(char16_t character) {
+    if (character < 0x80)
+        return character >= u'a' && character <= u'z' ? static_cast<char16_t>(character - 32) : character;
     const wchar_t given = character;
     wchar_t upper = given;
     ::LCMapStringW(LOCALE_INVARIANT, LCMAP_UPPERCASE, &given, 1, &upper, 1);

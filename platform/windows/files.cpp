@@ -2,6 +2,8 @@
 #include <cerrno>
 #include <cstdlib>
 #include <memory>
+#include <mutex>
+#include <shared_mutex>
 
 #include "platform/windows/file_search.h"
 #include "platform/windows/owned_handle.h"
@@ -63,15 +65,34 @@ DWORD DispositionOf(FileDisposition disposition) {
     return 0;
 }
 
+/// Keeps this process's own opens for writing apart from GetFileUseState, which would have them refused. Many may be
+/// under way at a time.
+struct OpensForWriting {
+    SRWLOCK held = SRWLOCK_INIT;
+
+    void lock() { ::AcquireSRWLockExclusive(&held); }
+    void unlock() { ::ReleaseSRWLockExclusive(&held); }
+    void lock_shared() { ::AcquireSRWLockShared(&held); }
+    void unlock_shared() { ::ReleaseSRWLockShared(&held); }
+};
+
+OpensForWriting opensForWriting;
+
+/// What is no file, as "NUL" or "COM1" in any directory, has no place in what the agent is told to open.
 Error CreateFileW(std::u16string_view path, FileAccess access, FileShare share, FileDisposition disposition,
                   FileHandle& file) {
     file = 0;
-    OwnedHandle opened(::CreateFileW(NativePathOf(path).c_str(), AccessOf(access), SharingOf(share), nullptr,
-                                     DispositionOf(disposition), FILE_ATTRIBUTE_NORMAL, nullptr));
+    const std::wstring native = NativePathOf(path);
+    const bool isNew = disposition == FileDisposition::createNew;
+    std::shared_lock writing(opensForWriting, std::defer_lock);
+    if (access != FileAccess::read) writing.lock();
+    OwnedHandle opened(::CreateFileW(native.c_str(), AccessOf(access), SharingOf(share), nullptr,
+                                     DispositionOf(disposition), isNew ? FILE_FLAG_OPEN_REPARSE_POINT : 0, nullptr));
     if (!opened) {
         const Error failure = LastError();
         return failure == error::fileExists ? error::alreadyExists : failure;
     }
+    if (::GetFileType(opened.Get()) != FILE_TYPE_DISK) return error::invalidName;
     file = reinterpret_cast<FileHandle>(opened.Release());
     return error::success;
 }
@@ -161,43 +182,67 @@ Error GetFileAttributesW(std::u16string_view path, std::uint32_t& attributes) {
     return error::success;
 }
 
-/// A file that is read-only, hidden or the system's would not be replaced or deleted.
-void MakeReplaceable(const std::wstring& path) {
-    constexpr DWORD inTheWay = FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM;
-    const DWORD attributes = ::GetFileAttributesW(path.c_str());
-    if (attributes == INVALID_FILE_ATTRIBUTES || (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0) return;
-    if ((attributes & inTheWay) != 0) ::SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL);
+/// Calls again while another looks at the file. To a call that replaces a file the system says then that
+/// access is denied.
+template <class Call>
+Error PastOthers(const Call& call, bool replaces = false) {
+    Error result = ResultOf(call());
+    for (int look = 0; look < looksOfOthers; ++look) {
+        if (result != error::sharingViolation && !(replaces && result == error::accessDenied)) break;
+        ::Sleep(lookOfAnother);
+        result = ResultOf(call());
+    }
+    return result;
 }
 
-/// Calls again while another program looks at the file.
+/// Makes a call that replaces or deletes the file at a path, also where it is read-only, hidden or the system's. One
+/// that stays keeps these attributes.
 template <class Call>
-Error PastOthers(Call call) {
-    for (int look = 0; look < looksOfOthers; ++look, ::Sleep(lookOfAnother)) {
-        const Error result = ResultOf(call());
-        if (result != error::sharingViolation) return result;
-    }
-    return ResultOf(call());
+Error Replace(const std::wstring& path, const Call& call) {
+    if (call()) return error::success;
+    const Error refusal = LastError();
+    const DWORD attributes = ::GetFileAttributesW(path.c_str());
+    const bool exists = attributes != INVALID_FILE_ATTRIBUTES;
+    if (exists && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0) return refusal;
+    const bool mayBeProtected = exists && refusal == error::accessDenied;
+    if (mayBeProtected) ::SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL);
+    const Error result = PastOthers(call, exists);
+    if (mayBeProtected && result != error::success) ::SetFileAttributesW(path.c_str(), attributes);
+    return result;
+}
+
+/// A copy is on its way to the disk when the system calls it made. One that is read-only is left at that.
+void BringToDisk(const std::wstring& path) {
+    const OwnedHandle file(::CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_DELETE, nullptr,
+                                         OPEN_EXISTING, 0, nullptr));
+    if (file) ::FlushFileBuffers(file.Get());
 }
 
 Error CopyFileW(std::u16string_view from, std::u16string_view to) {
     const std::wstring source = NativePathOf(from);
     const std::wstring target = NativePathOf(to);
-    MakeReplaceable(target);
-    return PastOthers([&] { return ::CopyFileW(source.c_str(), target.c_str(), FALSE); });
+    const Error result = Replace(target, [&] { return ::CopyFileW(source.c_str(), target.c_str(), FALSE); });
+    if (result == error::success) BringToDisk(target);
+    return result;
 }
 
 Error MoveFileExW(std::u16string_view from, std::u16string_view to, bool replaceExisting) {
     const std::wstring source = NativePathOf(from);
     const std::wstring target = NativePathOf(to);
-    if (replaceExisting) MakeReplaceable(target);
     const DWORD flags = MOVEFILE_WRITE_THROUGH | (replaceExisting ? DWORD{MOVEFILE_REPLACE_EXISTING} : 0);
-    return PastOthers([&] { return ::MoveFileExW(source.c_str(), target.c_str(), flags); });
+    const auto move = [&] { return ::MoveFileExW(source.c_str(), target.c_str(), flags); };
+    return replaceExisting ? Replace(target, move) : PastOthers(move);
 }
 
+/// A link that leads to a directory is a file to the agent and a directory to the system, which takes the link alone.
 Error DeleteFileW(std::u16string_view path) {
+    constexpr DWORD linked = FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT;
     const std::wstring native = NativePathOf(path);
-    MakeReplaceable(native);
-    return PastOthers([&] { return ::DeleteFileW(native.c_str()); });
+    const DWORD attributes = ::GetFileAttributesW(native.c_str());
+    if (attributes != INVALID_FILE_ATTRIBUTES && (attributes & linked) == linked) {
+        return PastOthers([&] { return ::RemoveDirectoryW(native.c_str()); });
+    }
+    return Replace(native, [&] { return ::DeleteFileW(native.c_str()); });
 }
 
 bool IsDirectory(std::u16string_view path) {
@@ -216,10 +261,11 @@ int GetWorkingDirectory(std::u16string& path) {
     return 0;
 }
 
-/// Whoever writes does not share what this asks for: to read with other readers only.
+/// Refused while anyone has the file open for writing, as this does not share that.
 Error GetFileUseState(std::u16string_view path) {
-    const OwnedHandle file(::CreateFileW(NativePathOf(path).c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
-                                         OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+    const std::lock_guard apart(opensForWriting);
+    const OwnedHandle file(::CreateFileW(NativePathOf(path).c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_DELETE,
+                                         nullptr, OPEN_EXISTING, 0, nullptr));
     return file ? error::success : LastError();
 }
 

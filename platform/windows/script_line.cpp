@@ -42,8 +42,9 @@ std::u16string ComposeScriptLine(const ScriptCommand& command) {
     std::u16string line = SystemDirectory() + u"\\cmd.exe /C \"";
     if (!command.scriptHost.empty()) line += command.scriptHost + u" ";
     line += Quoted(command.path) + u" " + Escaped(command.arguments);
-    // Right behind a number the signs would redirect the stream of that number.
-    if (command.outputPath) line += u" >>" + Quoted(*command.outputPath);
+    // Right behind a digit the signs would redirect the stream of that number.
+    if (command.outputPath && line.back() >= u'0' && line.back() <= u'9') line += u' ';
+    if (command.outputPath) line += u">>" + Quoted(*command.outputPath);
     return line + u"\"";
 }
 

@@ -1,0 +1,80 @@
+// Files as Windows has them.
+#include <thread>
+#include <windows.h>
+
+#include "platform/clock.h"
+#include "tests/platform/files_test.h"
+
+namespace platform::test {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+TEST_F(FilesTest, DevicesAreNoFiles) {
+    FileHandle file = 0;
+    for (const FileDisposition disposition : {FileDisposition::openExisting, FileDisposition::createAlways}) {
+        EXPECT_EQ(Files().CreateFileW(u"nul", FileAccess::write, FileShare::none, disposition, file),
+                  error::invalidName);
+        EXPECT_EQ(file, 0U);
+    }
+}
+
+TEST_F(FilesTest, WhatIsProtectedIsReplacedAndKeepsItsProtectionWhereItStays) {
+    for (const DWORD protection :
+         {DWORD{FILE_ATTRIBUTE_READONLY}, DWORD{FILE_ATTRIBUTE_HIDDEN}, DWORD{FILE_ATTRIBUTE_SYSTEM}}) {
+        for (const char* name : {"./new", "./copied", "./moved"}) Write(name, name);
+        for (const wchar_t* name : {L"copied", L"moved"}) ::SetFileAttributesW(name, protection);
+        EXPECT_EQ(Files().MoveFileExW(u"none", u"moved", true), error::fileNotFound);
+        EXPECT_EQ(::GetFileAttributesW(L"moved") & protection, protection);
+        EXPECT_EQ(Files().CopyFileW(u"new", u"copied"), error::success);
+        EXPECT_EQ(Files().MoveFileExW(u"new", u"moved", true), error::success);
+        EXPECT_EQ(Read("copied") + Read("moved"), "./new./new");
+        ::SetFileAttributesW(L"moved", protection);
+        EXPECT_EQ(Files().DeleteFileW(u"moved"), error::success);
+        EXPECT_EQ(Found(u"*"), "./ ../ copied ");
+    }
+}
+
+TEST_F(FilesTest, AnOpenFileIsRenamedAndDeleted) {
+    Write("./first", "1");
+    FileHandle file = 0;
+    ASSERT_EQ(Files().CreateFileW(u"first", FileAccess::append, FileShare::none, FileDisposition::openExisting, file),
+              error::success);
+    EXPECT_EQ(Files().MoveFileExW(u"first", u"second", false), error::success);
+    EXPECT_EQ(Files().WriteFile(file, "2", 1), error::success);
+    Files().CloseHandle(file);
+    EXPECT_EQ(Read("second"), "12");
+    ASSERT_EQ(Files().CreateFileW(u"second", FileAccess::read, FileShare::read, FileDisposition::openExisting, file),
+              error::success);
+    EXPECT_EQ(Files().DeleteFileW(u"second"), error::success);
+    Files().CloseHandle(file);
+    EXPECT_EQ(Found(u"*"), "./ ../ ");
+}
+
+TEST_F(FilesTest, AMomentaryLookOfAnotherProgramIsWaitedFor) {
+    Write("./target", "old");
+    for (const bool targetExists : {true, false}) {
+        Write("./new", "new");
+        const HANDLE look = ::CreateFileW(L"new", GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
+        const std::jthread end([look] {
+            Clock().Sleep(50);
+            ::CloseHandle(look);
+        });
+        EXPECT_EQ(Files().MoveFileExW(u"new", u"target", true), error::success) << targetExists;
+        EXPECT_EQ(Read("target"), "new");
+        EXPECT_EQ(Files().DeleteFileW(u"target"), error::success);
+    }
+}
+
+TEST_F(FilesTest, AskingForTheUseStateDisturbsNoWriter) {
+    std::jthread asker([](const std::stop_token& stop) {
+        while (!stop.stop_requested()) Files().GetFileUseState(u"f");
+    });
+    for (int round = 0; round < 200; ++round) EXPECT_EQ(Put(u"f", "x"), error::success);
+    EXPECT_EQ(fs::file_size("f"), 200U);
+}
+
+}  // namespace
+
+}  // namespace platform::test
