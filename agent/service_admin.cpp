@@ -39,9 +39,8 @@ void TellOutcome(const char* deed, Error failure) {
         std::printf("MonitoringAgent: the service %s is %s\n", name.c_str(), deed);
         return;
     }
-    const std::string reason = platform::Utf8FromWide(platform::Messages().FormatMessageW(failure).value_or(u""));
     std::fprintf(stderr, "MonitoringAgent: the service %s cannot be %s: %s (error %u)\n", name.c_str(), deed,
-                 reason.c_str(), failure);
+                 platform::MessageInLine(failure).c_str(), failure);
 }
 
 /// None without memory for it.

@@ -1,5 +1,6 @@
 #include "foundation/log.h"
 
+#include <algorithm>
 #include <fmt/args.h>
 #include <fmt/printf.h>
 #include <iterator>
@@ -21,6 +22,21 @@ std::uint32_t Count(std::size_t characters) {
     return bytes;
 }
 
+/// "%ld" means 64 bits in every log text, and on Windows they are written "%lld".
+std::string WithWideLongs(std::string_view format) {
+    std::string wide;
+    for (std::size_t at = 0; at < format.size(); ++at) {
+        wide += format[at];
+        if (format[at] != '%') continue;
+        const std::size_t end = std::min(format.find_first_not_of("-+ #.*0123456789", at + 1), format.size());
+        wide += format.substr(at + 1, end - at - 1);
+        if (format.substr(end).starts_with('l') && !format.substr(end).starts_with("ll")) wide += 'l';
+        if (end < format.size()) wide += format[end];
+        at = end;
+    }
+    return wide;
+}
+
 }  // namespace
 
 std::string PrefixLogFormat(std::string_view format) {
@@ -39,7 +55,8 @@ std::string PrintedLogText(const std::string& format, std::span<const LogArgumen
         std::visit([&store](const auto& value) { store.push_back(value); }, argument);
     }
     try {
-        return fmt::vsprintf(fmt::string_view(format), fmt::basic_format_args<fmt::printf_context>(store));
+        return fmt::vsprintf(fmt::string_view(WithWideLongs(format)),
+                             fmt::basic_format_args<fmt::printf_context>(store));
     } catch (const fmt::format_error&) {
         return format;
     }

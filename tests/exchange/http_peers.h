@@ -117,7 +117,7 @@ inline RawServer::Handler Forwards(std::string wantedAuthorization) {
         if (request.find("\r\nProxy-Authorization: " + wanted + "\r\n") == std::string::npos) {
             SendText(connection,
                      "HTTP/1.1 407 Proxy Authentication Required\r\nProxy-Authenticate: Basic realm=\"x\"\r\n"
-                     "Content-Length: 2\r\n\r\nno");
+                     "Connection: close\r\nContent-Length: 2\r\n\r\nno");
             return;
         }
         const bool tunnel = request.starts_with("CONNECT ");

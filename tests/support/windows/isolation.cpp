@@ -18,6 +18,24 @@ void RemovePrivateKey() {
     ::RegDeleteTreeW(HKEY_CURRENT_USER, PrivateKeyPath().c_str());
 }
 
+/// What the system itself reads in the process's registry: the computer's name, and where cryptographic services are.
+constexpr const wchar_t* systemKeys[] = {L"SYSTEM\\CurrentControlSet\\Control\\ComputerName",
+                                         L"SYSTEM\\CurrentControlSet\\Services\\Tcpip\\Parameters",
+                                         L"SOFTWARE\\Microsoft\\Cryptography"};
+
+void CopySystemKeys(HKEY privateKey) {
+    for (const wchar_t* path : systemKeys) {
+        HKEY copy = nullptr;
+        HKEY original = nullptr;
+        if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, path, 0, KEY_READ, &original) != ERROR_SUCCESS) continue;
+        if (::RegCreateKeyExW(privateKey, path, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &copy, nullptr) ==
+            ERROR_SUCCESS)
+            ::RegCopyTreeW(original, nullptr, copy);
+        ::RegCloseKey(copy);
+        ::RegCloseKey(original);
+    }
+}
+
 }  // namespace
 
 std::filesystem::path MakeTemporaryFolder() {
@@ -34,10 +52,11 @@ void IsolateRegistry(const std::filesystem::path&) {
     static const int removedAtEnd = std::atexit(RemovePrivateKey);
     RemovePrivateKey();
     HKEY key = nullptr;
-    if (removedAtEnd != 0 ||
-        ::RegCreateKeyExW(HKEY_CURRENT_USER, PrivateKeyPath().c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key,
-                          nullptr) != ERROR_SUCCESS ||
-        ::RegOverridePredefKey(HKEY_LOCAL_MACHINE, key) != ERROR_SUCCESS)
+    if (removedAtEnd != 0 || ::RegCreateKeyExW(HKEY_CURRENT_USER, PrivateKeyPath().c_str(), 0, nullptr, 0,
+                                               KEY_ALL_ACCESS, nullptr, &key, nullptr) != ERROR_SUCCESS)
+        throw std::runtime_error("no registry of its own");
+    CopySystemKeys(key);
+    if (::RegOverridePredefKey(HKEY_LOCAL_MACHINE, key) != ERROR_SUCCESS)
         throw std::runtime_error("no registry of its own");
     ::RegCloseKey(key);
 }
