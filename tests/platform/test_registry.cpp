@@ -19,10 +19,7 @@ class Registry_ : public ::testing::Test {
         IsolateRegistry(folder_);
         platform::InstallBackend();
     }
-    ~Registry_() override {
-        std::error_code ignored;
-        std::filesystem::remove_all(folder_, ignored);
-    }
+    ~Registry_() override { RemoveFolder(folder_); }
 
   private:
     std::filesystem::path folder_ = MakeTemporaryFolder();

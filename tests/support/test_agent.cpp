@@ -50,8 +50,7 @@ TestAgent::~TestAgent() {
     logState.gv_logLevel = 0;
     ResetAgentState();
     fs::current_path(formerDirectory_);
-    std::error_code ignored;
-    fs::remove_all(folder, ignored);
+    RemoveFolder(folder);
 }
 
 std::string TestAgent::LogText() const { return Read(folder / "monitoring" / "logs" / "agent.log"); }

@@ -34,8 +34,7 @@ class Kvreg : public ::testing::Test {
     }
     ~Kvreg() override {
         Run({"delete", "Software\\KvregTest"});
-        std::error_code ignored;
-        fs::remove_all(folder, ignored);
+        RemoveFolder(folder);
     }
 
     static constexpr auto Write = TestAgent::Write;

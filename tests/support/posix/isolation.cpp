@@ -11,6 +11,11 @@ std::filesystem::path MakeTemporaryFolder() {
     return pattern;
 }
 
+void RemoveFolder(const std::filesystem::path& folder) {
+    std::error_code ignored;
+    std::filesystem::remove_all(folder, ignored);
+}
+
 void IsolateRegistry(const std::filesystem::path& folder) { setenv("KVAGENT_STATE_DIR", folder.c_str(), 1); }
 
 }  // namespace kv::test

@@ -48,6 +48,20 @@ std::filesystem::path MakeTemporaryFolder() {
     }
 }
 
+/// remove_all of this library tries for ever to remove what is read-only or still open.
+void RemoveFolder(const std::filesystem::path& folder) {
+    std::error_code ignored;
+    for (const auto& entry : std::filesystem::directory_iterator(folder, ignored)) {
+        if (entry.is_directory(ignored)) {
+            RemoveFolder(entry.path());
+            continue;
+        }
+        ::SetFileAttributesW(entry.path().c_str(), FILE_ATTRIBUTE_NORMAL);
+        ::DeleteFileW(entry.path().c_str());
+    }
+    ::RemoveDirectoryW(folder.c_str());
+}
+
 void IsolateRegistry(const std::filesystem::path&) {
     static const int removedAtEnd = std::atexit(RemovePrivateKey);
     RemovePrivateKey();
