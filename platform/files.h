@@ -4,6 +4,11 @@
 // On Linux each backslash becomes a slash, and a path on drive "c:" lands in "drive_c/" of the state directory (other
 // letters likewise). Names are case-sensitive there, patterns with wildcards are not.
 //
+// On Windows a path has at most 259 characters, unless the computer's settings allow longer ones, and a longer one does
+// not exist; names that stand for devices, such as "NUL" and "COM1", are not opened (invalidName). What the agent has
+// open is renamed and deleted there as on Linux, but not replaced, nor is what others have open; a rename or delete
+// waits 200 milliseconds for them.
+//
 // Results are system error numbers, 0 for success, unless a routine says otherwise. Callable from any thread; a handle
 // belongs to one thread at a time.
 #pragma once
@@ -105,7 +110,8 @@ struct FileOperations {
     /// Copies a file over another, replacing it. The copy is complete or, after an error, may be partial.
     std::function<Error(std::u16string_view from, std::u16string_view to)> CopyFileW;
 
-    /// Renames a file in one step. With replaceExisting an existing target is replaced, else alreadyExists.
+    /// Renames a file in one step. With replaceExisting an existing target is replaced, also one that is read-only,
+    /// else alreadyExists.
     std::function<Error(std::u16string_view from, std::u16string_view to, bool replaceExisting)> MoveFileExW;
 
     std::function<Error(std::u16string_view path)> DeleteFileW;
@@ -122,7 +128,9 @@ struct FileOperations {
     std::function<int(std::u16string& path)> wgetcwd;
 
     /// Whether another open handle, in this process or any other, has the file open for writing: success when free,
-    /// sharingViolation when in use, else why that could not be found out.
+    /// sharingViolation when in use, else why that could not be found out. Nobody who writes or begins to is disturbed;
+    /// but on Windows a program of others that opens the file for writing in the very moment of the question is
+    /// refused.
     std::function<Error(std::u16string_view path)> GetFileUseState;
 
     /// The path in this system's own form, for a program that is told about the file.
