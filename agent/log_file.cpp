@@ -30,11 +30,12 @@ enum class RotationLock { released, kept };
 
 std::u16string_view StemOf(std::u16string_view path) { return path.substr(0, path.find(logExtension)); }
 
-/// The size of the log on the disk, made when missing; 4 GB and more count as just under 4 GB.
+/// The size of the log on the disk, made when missing; 4 GB and more count as just under 4 GB. Whoever else has the log
+/// open, to look at it or as another process of the agent's, does not keep it from being measured.
 platform::Error MeasureLog(std::uint32_t& size) {
     platform::FileHandle file = 0;
     platform::Error result =
-        Files().CreateFileW(logState.gv_logPath, platform::FileAccess::readWrite, platform::FileShare::none,
+        Files().CreateFileW(logState.gv_logPath, platform::FileAccess::readWrite, platform::FileShare::readWrite,
                             platform::FileDisposition::openAlways, file);
     if (result != error::success) return result;
     std::uint64_t bytes = 0;
@@ -54,8 +55,9 @@ void CloseStream() {
 
 int OpenStream(std::u16string_view path) {
     CloseStream();
-    const platform::Error result = Files().CreateFileW(path, platform::FileAccess::append, platform::FileShare::read,
-                                                       platform::FileDisposition::openAlways, logState.gv_logFile);
+    const platform::Error result =
+        Files().CreateFileW(path, platform::FileAccess::append, platform::FileShare::readWrite,
+                            platform::FileDisposition::openAlways, logState.gv_logFile);
     logState.gv_logOpenFailed = result == error::success ? 0 : 1;
     return result == error::notEnoughMemory ? 99 : 1;
 }

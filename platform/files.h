@@ -6,8 +6,8 @@
 //
 // On Windows a path has at most 259 characters, unless the computer's settings allow longer ones, and a longer one does
 // not exist; names that stand for devices, such as "NUL" and "COM1", are not opened (invalidName). What the agent has
-// open is renamed and deleted there as on Linux, but not replaced, nor is what others have open; a rename or delete
-// waits 200 milliseconds for them.
+// open is renamed and deleted there as on Linux, but not replaced, nor is what others have open; a rename, a delete
+// or an open for writing waits 200 milliseconds for them.
 //
 // Results are system error numbers, 0 for success, unless a routine says otherwise. Callable from any thread; a handle
 // belongs to one thread at a time.

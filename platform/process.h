@@ -27,7 +27,7 @@ enum class ScriptOutputEncoding { utf8, utf16LittleEndian };
 
 struct ProcessOperations {
     /// The command line that makes this system's command interpreter run the script. What means something to the
-    /// interpreter is data, but for names of variables between percent signs on Windows, for which it has no escape.
+    /// interpreter is data. The script has nothing to read: its standard input is at its end.
     std::function<std::u16string(const ScriptCommand& command)> ComposeScriptLine;
 
     /// What a script prints, by the host that runs it (ScriptCommand::scriptHost).

@@ -13,11 +13,8 @@ namespace platform {
 
 namespace {
 
-/// No box waits for somebody to press a button on a computer that nobody sits at; the agent's texts are UTF-8.
-void SettleProcess() {
-    ::SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOGPFAULTERRORBOX | SEM_NOOPENFILEERRORBOX);
-    ::SetConsoleOutputCP(CP_UTF8);
-}
+/// No box waits for somebody to press a button on a computer that nobody sits at.
+void SettleProcess() { ::SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOGPFAULTERRORBOX | SEM_NOOPENFILEERRORBOX); }
 
 }  // namespace
 

@@ -65,6 +65,19 @@ DWORD DispositionOf(FileDisposition disposition) {
     return 0;
 }
 
+/// Calls again while another looks at the file. To a call that replaces a file the system says then that
+/// access is denied.
+template <class Call>
+Error PastOthers(const Call& call, bool replaces = false) {
+    Error result = ResultOf(call());
+    for (int look = 0; look < looksOfOthers; ++look) {
+        if (result != error::sharingViolation && !(replaces && result == error::accessDenied)) break;
+        ::Sleep(lookOfAnother);
+        result = ResultOf(call());
+    }
+    return result;
+}
+
 /// Keeps this process's own opens for writing apart from GetFileUseState, which would have them refused. Many may be
 /// under way at a time.
 struct OpensForWriting {
@@ -84,14 +97,17 @@ Error CreateFileW(std::u16string_view path, FileAccess access, FileShare share, 
     file = 0;
     const std::wstring native = NativePathOf(path);
     const bool isNew = disposition == FileDisposition::createNew;
-    std::shared_lock writing(opensForWriting, std::defer_lock);
-    if (access != FileAccess::read) writing.lock();
-    OwnedHandle opened(::CreateFileW(native.c_str(), AccessOf(access), SharingOf(share), nullptr,
-                                     DispositionOf(disposition), isNew ? FILE_FLAG_OPEN_REPARSE_POINT : 0, nullptr));
-    if (!opened) {
-        const Error failure = LastError();
-        return failure == error::fileExists ? error::alreadyExists : failure;
-    }
+    OwnedHandle opened;
+    const auto open = [&]() -> BOOL {
+        std::shared_lock writing(opensForWriting, std::defer_lock);
+        if (access != FileAccess::read) writing.lock();
+        opened =
+            OwnedHandle(::CreateFileW(native.c_str(), AccessOf(access), SharingOf(share), nullptr,
+                                      DispositionOf(disposition), isNew ? FILE_FLAG_OPEN_REPARSE_POINT : 0, nullptr));
+        return static_cast<bool>(opened);
+    };
+    const Error failure = access == FileAccess::read ? ResultOf(open()) : PastOthers(open);
+    if (failure != error::success) return failure == error::fileExists ? error::alreadyExists : failure;
     if (::GetFileType(opened.Get()) != FILE_TYPE_DISK) return error::invalidName;
     file = reinterpret_cast<FileHandle>(opened.Release());
     return error::success;
@@ -182,19 +198,6 @@ Error GetFileAttributesW(std::u16string_view path, std::uint32_t& attributes) {
     return error::success;
 }
 
-/// Calls again while another looks at the file. To a call that replaces a file the system says then that
-/// access is denied.
-template <class Call>
-Error PastOthers(const Call& call, bool replaces = false) {
-    Error result = ResultOf(call());
-    for (int look = 0; look < looksOfOthers; ++look) {
-        if (result != error::sharingViolation && !(replaces && result == error::accessDenied)) break;
-        ::Sleep(lookOfAnother);
-        result = ResultOf(call());
-    }
-    return result;
-}
-
 /// Makes a call that replaces or deletes the file at a path, also where it is read-only, hidden or the system's. One
 /// that stays keeps these attributes.
 template <class Call>
@@ -212,18 +215,22 @@ Error Replace(const std::wstring& path, const Call& call) {
 }
 
 /// A copy is on its way to the disk when the system calls it made. One that is read-only is left at that.
-void BringToDisk(const std::wstring& path) {
-    const OwnedHandle file(::CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_DELETE, nullptr,
+Error BringToDisk(const std::wstring& path) {
+    OwnedHandle file;
+    const Error refusal = PastOthers([&]() -> BOOL {
+        file = OwnedHandle(::CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_DELETE, nullptr,
                                          OPEN_EXISTING, 0, nullptr));
-    if (file) ::FlushFileBuffers(file.Get());
+        return static_cast<bool>(file);
+    });
+    if (refusal != error::success) return refusal == error::accessDenied ? error::success : refusal;
+    return ResultOf(::FlushFileBuffers(file.Get()));
 }
 
 Error CopyFileW(std::u16string_view from, std::u16string_view to) {
     const std::wstring source = NativePathOf(from);
     const std::wstring target = NativePathOf(to);
     const Error result = Replace(target, [&] { return ::CopyFileW(source.c_str(), target.c_str(), FALSE); });
-    if (result == error::success) BringToDisk(target);
-    return result;
+    return result == error::success ? BringToDisk(target) : result;
 }
 
 Error MoveFileExW(std::u16string_view from, std::u16string_view to, bool replaceExisting) {

@@ -1,5 +1,7 @@
 #include "platform/windows/script_line.h"
 
+#include <algorithm>
+
 #include "platform/windows/win32.h"
 
 namespace platform {
@@ -12,28 +14,50 @@ std::u16string SystemDirectory() {
     return TextOf({directory, length < MAX_PATH ? length : 0});
 }
 
-/// No file has a quote in its name.
-std::u16string Quoted(std::u16string_view path) {
+/// A percent sign as the interpreter takes it for itself: followed by a variable that has nothing to give.
+constexpr std::u16string_view percent = u"%%cd:~,%";
+
+/// In double quotes, where nothing but these and percent signs means anything; those that are there go. No file has one
+/// in its name.
+std::u16string Quoted(std::u16string_view text) {
     std::u16string quoted = u"\"";
-    for (const wchar_t character : NativePathOf(path)) {
-        if (character != L'"') quoted += static_cast<char16_t>(character);
+    for (const wchar_t character : NativePathOf(text)) {
+        if (character == L'%') {
+            quoted += percent;
+        } else if (character != L'"') {
+            quoted += static_cast<char16_t>(character);
+        }
     }
     return quoted + u"\"";
 }
 
-/// Between double quotes nothing but these and percent signs means anything; a line end would end the command.
-std::u16string Escaped(std::u16string_view arguments) {
-    constexpr std::u16string_view signs = u"&|<>^()";
-    std::u16string escaped;
+/// Length of the first argument: up to a blank that is in no quotes.
+std::size_t ArgumentLength(std::u16string_view arguments) {
     bool inQuotes = false;
-    for (const char16_t character : arguments) {
-        if (character == u'"') inQuotes = !inQuotes;
-        if (!inQuotes && signs.find(character) != signs.npos) escaped += u'^';
-        escaped += character == u'\r' || character == u'\n' || character == u'\0' ? u' ' : character;
+    for (std::size_t at = 0; at < arguments.size(); ++at) {
+        if (arguments[at] == u'"') inQuotes = !inQuotes;
+        if (!inQuotes && arguments[at] == u' ') return at;
     }
-    // The redirection must not become a part of an argument.
-    if (inQuotes) escaped += u'"';
-    return escaped;
+    return arguments.size();
+}
+
+/// Each argument as it stands, or as a whole in quotes where it holds what the interpreter, or a batch file that is
+/// given it, would take for its own. A line end would end the command.
+std::u16string Protected(std::u16string_view arguments) {
+    std::u16string given(arguments);
+    std::replace_if(
+        given.begin(), given.end(), [](char16_t c) { return c < u' '; }, u' ');
+    std::u16string line;
+    for (std::u16string_view left = given; !left.empty();) {
+        const std::u16string_view argument = left.substr(0, ArgumentLength(left));
+        const bool isPlain = argument.find_first_of(u"&|<>^(),;=%\"") == argument.npos;
+        line += isPlain ? std::u16string(argument) : Quoted(argument);
+        left.remove_prefix(argument.size());
+        if (left.empty()) break;
+        line += u' ';
+        left.remove_prefix(1);
+    }
+    return line;
 }
 
 }  // namespace
@@ -41,10 +65,11 @@ std::u16string Escaped(std::u16string_view arguments) {
 std::u16string ComposeScriptLine(const ScriptCommand& command) {
     std::u16string line = SystemDirectory() + u"\\cmd.exe /C \"";
     if (!command.scriptHost.empty()) line += command.scriptHost + u" ";
-    line += Quoted(command.path) + u" " + Escaped(command.arguments);
-    // Right behind a digit the signs would redirect the stream of that number.
-    if (command.outputPath && line.back() >= u'0' && line.back() <= u'9') line += u' ';
-    if (command.outputPath) line += u">>" + Quoted(*command.outputPath);
+    line += Quoted(command.path) + u" " + Protected(command.arguments);
+    // A script that waits for somebody's input would wait out its limit. The blank keeps a number at the end an
+    // argument.
+    line += u" <nul";
+    if (command.outputPath) line += u" >>" + Quoted(*command.outputPath);
     return line + u"\"";
 }
 

@@ -12,7 +12,8 @@ struct Service {
     ServiceMainRoutine main = nullptr;
     ServiceHandlerRoutine handler = nullptr;
     std::atomic<std::uint32_t> accepted{0};  // of the last report
-    std::atomic<bool> stopping{false};       // reported
+    std::atomic<bool> stopping{false};       // reported, as the next is
+    std::atomic<bool> hasStopped{false};
 };
 
 Service& TheService() {
@@ -20,7 +21,12 @@ Service& TheService() {
     return service;
 }
 
-void WINAPI RunServiceMain(DWORD, LPWSTR*) { TheService().main(); }
+/// The system waits for a report of the end, not for the routine's: a service that has given up its start would stay
+/// for ever. When the process ends without the report, the manager takes it for a failure.
+void WINAPI RunServiceMain(DWORD, LPWSTR*) {
+    TheService().main();
+    if (!TheService().hasStopped) ::ExitProcess(0);
+}
 
 /// True when the service has said that it takes the control; an interrogation and controls of its own need no saying.
 bool Accepts(std::uint32_t accepted, DWORD control) {
@@ -68,6 +74,7 @@ Error SetServiceStatus(ServiceStatusHandle handle, const ServiceStatus& status) 
     service.accepted = status.dwControlsAccepted;
     if (status.dwCurrentState == ServiceState::stopPending || status.dwCurrentState == ServiceState::stopped)
         service.stopping = true;
+    if (status.dwCurrentState == ServiceState::stopped) service.hasStopped = true;
     SERVICE_STATUS report{.dwServiceType = status.dwServiceType,
                           .dwCurrentState = static_cast<DWORD>(status.dwCurrentState),
                           .dwControlsAccepted = status.dwControlsAccepted,

@@ -31,7 +31,12 @@ Error OpenSCManagerW(std::uint32_t rights, ServiceHandle& manager) {
     return Take(::OpenSCManagerW(nullptr, SERVICES_ACTIVE_DATABASEW, rights), manager);
 }
 
+/// The system would take what stands before the zero for the name.
+bool HoldsZero(std::u16string_view name) { return name.find(u'\0') != name.npos; }
+
 Error OpenServiceW(ServiceHandle manager, std::u16string_view name, std::uint32_t rights, ServiceHandle& service) {
+    service = 0;
+    if (HoldsZero(name)) return error::invalidName;
     return Take(::OpenServiceW(HandleOf(manager), WideOf(name).c_str(), rights), service);
 }
 
@@ -43,6 +48,8 @@ std::wstring TextListOf(const std::vector<std::u16string>& texts) {
 }
 
 Error CreateServiceW(ServiceHandle manager, const ServiceDefinition& definition, ServiceHandle& service) {
+    service = 0;
+    if (HoldsZero(definition.name)) return error::invalidName;
     return Take(
         ::CreateServiceW(HandleOf(manager), WideOf(definition.name).c_str(), WideOf(definition.displayName).c_str(),
                          SERVICE_ALL_ACCESS, definition.type, static_cast<DWORD>(definition.start),

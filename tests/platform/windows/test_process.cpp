@@ -56,6 +56,8 @@ TEST_F(ProcessTest, ArgumentsAreDataAndOutputIsAppended) {
         {"a number before the redirection", u"a b 2", "[a][b][2]\r\n"},
         {"quotes keep blanks together", u"\"a b\" c d", "[\"a b\"][c][d]\r\n"},
         {"quotes that are not closed", u"a b \"c", "[a][b][\"c\"]\r\n"},
+        {"signs that a batch file would run", u"a&b c^d|e <f>", "[\"a&b\"][\"c^d|e\"][\"<f>\"]\r\n"},
+        {"signs that would part an argument", u"a=b c,d;e (f)", "[\"a=b\"][\"c,d;e\"][\"(f)\"]\r\n"},
         {"signs of the interpreter in quotes", u"\"a&b|c\" \">d\" e", "[\"a&b|c\"][\">d\"][e]\r\n"},
         {"a line end", u"a\r\nb c", "[a][b][c]\r\n"},
     };
@@ -67,13 +69,13 @@ TEST_F(ProcessTest, ArgumentsAreDataAndOutputIsAppended) {
     Script("quotes.bat", "@echo \"%~1\" \"%~2\" \"%~3\" \"%~4\"\r\n");
     EXPECT_EQ(Run(Line(u"quotes.bat", u"more & exit 9")), 0U) << "no second command";
     EXPECT_EQ(Read("out & put"), "[a][b][c]\r\n\"more\" \"&\" \"exit\" \"9\"\r\n");
-    Script("fails.cmd", "@exit 3010\r\n");
+    Script("fails.cmd", "@set /p line=\r\n@exit 3010\r\n");
     EXPECT_EQ(Run(Line(u"fails.cmd", u"")), 3010U);
     EXPECT_NE(Run(Line(u"missing.bat", u"")), 0U);
     EXPECT_TRUE(Line(u"x", u"").find(u"system32\\cmd.exe /C \"") != std::u16string::npos);
     EXPECT_TRUE(Processes()
-                    .ComposeScriptLine({u"cscript.exe //T:120 //U //Nologo", u"x.vbs", u"a", {}})
-                    .ends_with(u"cmd.exe /C \"cscript.exe //T:120 //U //Nologo \"x.vbs\" a\""));
+                    .ComposeScriptLine({u"cscript.exe //T:120 //U //Nologo", u"x.vbs", u"50%", {}})
+                    .ends_with(u"cmd.exe /C \"cscript.exe //T:120 //U //Nologo \"x.vbs\" \"50%%cd:~,%\" <nul\""));
 }
 
 TEST_F(ProcessTest, WhatCannotBeStartedSaysWhy) {
