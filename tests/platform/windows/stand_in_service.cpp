@@ -1,6 +1,5 @@
 // A service that does nothing but report. Its name is its argument; its exit code is why no dispatcher took it.
-// It takes a second to start, and gives each control of its own back as its wait hint. A stop crosses with a late
-// report that it runs and takes everything.
+// It takes a second to start, and gives each control of its own back as its wait hint.
 #include <string>
 
 #include "platform/backend.h"
@@ -46,8 +45,6 @@ void Main() {
     Clock().Sleep(1000);
     Report(ServiceState::running, service_accepts::stop | service_accepts::pauseAndContinue);
     Threads().WaitForEvent(stopped, infinite);
-    Report(ServiceState::running, service_accepts::stop | service_accepts::pauseAndContinue);
-    Clock().Sleep(500);
     Report(ServiceState::stopped, 0);
 }
 
