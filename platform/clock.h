@@ -30,8 +30,8 @@ struct ClockOperations {
     /// Local time of a moment given in milliseconds since 1970.
     std::function<LocalTime(std::int64_t millisecondsSince1970)> ToLocalTime;
 
-    /// Milliseconds since 1970 of a local time; of a time that the clocks pass twice, either. Parts beyond their range go
-    /// over into the next larger: the 32nd of January is the 1st of February.
+    /// Milliseconds since 1970 of a local time; of a time that the clocks pass twice, either. Parts beyond their range
+    /// go over into the next larger: the 32nd of January is the 1st of February.
     std::function<std::int64_t(const LocalTime& time)> FromLocalTime;
 
     /// Gives up the processor for the time; 0 only yields.
