@@ -29,7 +29,7 @@ done
 
 # A program that needs a library which no Windows has would not start there.
 needed=$(x86_64-w64-mingw32-objdump -p "$tree"/*.exe | sed -n 's/^\tDLL Name: //p' | tr '[:upper:]' '[:lower:]' | sort -u)
-own='^(advapi32|crypt32|kernel32|msvcrt|ntdll|ole32|oleaut32|shell32|shlwapi|winhttp|ws2_32)\.dll$'
+own='^(advapi32|crypt32|kernel32|msvcrt|ntdll|ole32|oleaut32|shell32|winhttp|ws2_32)\.dll$'
 if foreign=$(grep -vE "$own" <<<"$needed"); then
     echo "build_windows_zip: the programs need libraries that do not come with Windows: ${foreign//$'\n'/ }" >&2
     exit 1

@@ -15,8 +15,8 @@ bool OutputHasReader();
 
 /// Writes a file whole or not at all: a former one stays as it is after a failure. A new one may be read by its owner
 /// alone, and on Windows by administrators and the system. A name that leads to another file is followed; what is no
-/// file, such as a device or a pipe, is written to, and so is what standard output leads to. Empty, or the system's
-/// text of what went wrong.
+/// file, such as a device or a pipe, is written to, and on Linux so is what standard output leads to. Empty, or the
+/// system's text of what went wrong.
 std::string WriteFileWhole(const std::string& name, std::string_view bytes);
 
 }  // namespace platform

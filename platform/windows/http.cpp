@@ -106,6 +106,8 @@ Error Connect(HttpHandle session, std::u16string_view server, std::uint16_t port
 
 /// The options of every request: the limits of platform/http.h, and what WinHTTP must not do by itself. Nobody's
 /// credentials but those of the proxy are sent anywhere.
+constexpr DWORD largestHeaders = 256 * 1024;  // bytes; four times the system's own limit
+
 Error SetOwnOptions(HINTERNET request) {
     constexpr std::pair<DWORD, DWORD> options[] = {
         {WINHTTP_OPTION_RESOLVE_TIMEOUT, 60000},
@@ -119,6 +121,9 @@ Error SetOwnOptions(HINTERNET request) {
     for (const auto& [option, value] : options) {
         if (const Error failure = SetNumber(request, option, value)) return failure;
     }
+    // A system that does not know it goes on with its own limit.
+    DWORD headers = largestHeaders;
+    ::WinHttpSetOption(request, WINHTTP_OPTION_MAX_RESPONSE_HEADER_SIZE, &headers, sizeof headers);
     return error::success;
 }
 

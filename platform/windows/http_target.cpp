@@ -3,20 +3,28 @@
 #include "platform/http_rules.h"
 
 // After the system's main header, which they need.
-#include <shlwapi.h>
 #include <ws2tcpip.h>
 
 namespace platform {
 
 namespace {
 
-/// The absolute form of a target.
-std::wstring UrlOf(const HttpTarget& target) {
-    const std::wstring port = target.port == 0 ? L"" : L":" + std::to_wstring(target.port);
-    return (target.secure ? L"https://" : L"http://") + target.host + port + target.path;
+/// The URL that a Location means at a target, whose folder it is relative to unless it says more. Dots in it are left
+/// to the server.
+std::wstring Resolve(const HttpTarget& base, const std::wstring& location) {
+    const std::wstring scheme = base.secure ? L"https:" : L"http:";
+    const std::wstring port = base.port == 0 ? L"" : L":" + std::to_wstring(base.port);
+    const std::wstring root = scheme + L"//" + base.host + port;
+    const std::wstring path = base.path.substr(0, base.path.find(L'?'));
+    if (location.find(L':') < location.find_first_of(L"/?#")) return location;
+    if (location.starts_with(L"//")) return scheme + location;
+    if (location.starts_with(L'/')) return root + location;
+    if (location.empty() || location.starts_with(L'#')) return root + base.path;
+    if (location.starts_with(L'?')) return root + path + location;
+    return root + path.substr(0, path.rfind(L'/') + 1) + location;
 }
 
-/// The parts of an absolute URL; none for what is neither http nor https.
+/// The parts of an absolute URL; none for what is neither http nor https, or has a host that can be none.
 std::optional<HttpTarget> SplitUrl(const std::wstring& url) {
     constexpr auto wanted = static_cast<DWORD>(-1);
     URL_COMPONENTS parts{};
@@ -26,8 +34,10 @@ std::optional<HttpTarget> SplitUrl(const std::wstring& url) {
     const std::wstring_view extra(parts.lpszExtraInfo, parts.dwExtraInfoLength);
     std::wstring path(parts.lpszUrlPath, parts.dwUrlPathLength);
     path += extra.substr(0, extra.find(L'#'));  // what follows is the client's own
+    const auto host = HostFor(TextOf({parts.lpszHostName, parts.dwHostNameLength}));
+    if (!host) return std::nullopt;
     return HttpTarget{.secure = parts.nScheme == INTERNET_SCHEME_HTTPS,
-                      .host = std::wstring(parts.lpszHostName, parts.dwHostNameLength),
+                      .host = *host,
                       .port = parts.nPort,
                       .path = PathFor(TextOf(path))};
 }
@@ -50,12 +60,7 @@ std::wstring PathFor(std::u16string_view path) {
 }
 
 std::optional<HttpTarget> RedirectedTarget(const HttpTarget& from, const std::wstring& location) {
-    const std::wstring base = UrlOf(from);
-    std::wstring url(base.size() + location.size() + 16, L'\0');  // each text once, a slash or two, and the end
-    auto length = static_cast<DWORD>(url.size());
-    if (FAILED(::UrlCombineW(base.c_str(), location.c_str(), url.data(), &length, 0))) return std::nullopt;
-    url.resize(length);
-    auto target = SplitUrl(url);
+    auto target = SplitUrl(Resolve(from, location));
     return target && (target->secure || !from.secure) ? target : std::nullopt;
 }
 

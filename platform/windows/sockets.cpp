@@ -115,6 +115,11 @@ Error OwnHostName(std::string& name) {
     return result;
 }
 
+/// That the asking itself failed is no more use to whoever asked.
+Error LookupErrorOf(int code) {
+    return code >= WSAHOST_NOT_FOUND && code <= WSANO_DATA ? error::hostNotFound : SocketErrorOf(code);
+}
+
 Error HostByName(std::string_view name, HostEntry& host) {
     if (name.empty()) return error::hostNotFound;  // to the system, this computer
     ADDRINFOW hints{};
@@ -123,7 +128,7 @@ Error HostByName(std::string_view name, HostEntry& host) {
     hints.ai_flags = AI_CANONNAME;
     ADDRINFOW* found = nullptr;
     const std::wstring asked = WideOf(WideFromUtf8(name));
-    if (const int code = ::GetAddrInfoW(asked.c_str(), nullptr, &hints, &found); code != 0) return SocketErrorOf(code);
+    if (const int code = ::GetAddrInfoW(asked.c_str(), nullptr, &hints, &found); code != 0) return LookupErrorOf(code);
     const AddressList list(found, ::FreeAddrInfoW);
     sockaddr_in address{};
     std::memcpy(&address, found->ai_addr, std::min(sizeof address, found->ai_addrlen));
@@ -138,7 +143,7 @@ Error HostByAddress(std::string_view dottedAddress, HostEntry& host) {
     const sockaddr_in system = SystemAddressOf(address);
     std::array<wchar_t, NI_MAXHOST> name{};
     const int code = ::GetNameInfoW(Generic(system), sizeof system, name.data(), name.size(), nullptr, 0, NI_NAMEREQD);
-    if (code != 0) return SocketErrorOf(code);
+    if (code != 0) return LookupErrorOf(code);
     host.name = Utf8FromWide(TextOf(name.data()));
     host.address = dottedAddress;
     return error::success;

@@ -18,7 +18,7 @@ namespace {
 
 using Microsoft::WRL::ComPtr;
 
-constexpr std::chrono::seconds systemObjectLimit{30};
+constexpr std::chrono::seconds systemObjectLimit{120};
 
 /// How long a query waits for one of another thread to end. One that hangs must not hang the next.
 constexpr DWORD turnLimit = 60000;
@@ -49,7 +49,7 @@ HANDLE Turn() {
 }
 
 WmiStatus CoInitializeEx() {
-    ::WaitForSingleObject(Turn(), turnLimit);
+    if (::WaitForSingleObject(Turn(), turnLimit) == WAIT_TIMEOUT) return wmi_status::serverTooBusy;
     const HRESULT result = ::CoInitializeEx(nullptr, COINIT_MULTITHREADED);
     if (FAILED(result)) ::ReleaseMutex(Turn());
     return StatusOf(result);
@@ -87,7 +87,8 @@ WmiStatus ConnectServer(WmiHandle handle, std::u16string_view nameSpace, WmiHand
     const SystemText name = SystemTextOf(nameSpace);
     ComPtr<IWbemServices> connected;
     const HRESULT result =
-        (*locator)->ConnectServer(name.get(), nullptr, nullptr, nullptr, 0, nullptr, nullptr, connected.GetAddressOf());
+        (*locator)->ConnectServer(name.get(), nullptr, nullptr, nullptr, WBEM_FLAG_CONNECT_USE_MAX_WAIT, nullptr,
+                                  nullptr, connected.GetAddressOf());
     if (connected) services = HandleOf(std::move(connected));
     return StatusOf(result);
 }

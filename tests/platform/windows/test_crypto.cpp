@@ -47,6 +47,7 @@ TEST(Crypto, WhatCannotBeDecryptedRight) {
     EXPECT_EQ(out, u"before") << "32 characters";
     DecryptWithPassphrase(u"\x27B0\x584B\xB510\xBD86\x37DD", out, u"passph");
     EXPECT_NE(out, u"secre") << "another length, another key";
+    EXPECT_NE(out, u"before");
 }
 
 }  // namespace
