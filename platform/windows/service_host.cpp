@@ -1,4 +1,6 @@
 #include <atomic>
+#include <cstdlib>
+#include <exception>
 
 #include "platform/windows/win32.h"
 
@@ -13,7 +15,7 @@ struct Service {
     ServiceHandlerRoutine handler = nullptr;
     std::atomic<std::uint32_t> accepted{0};  // of the last report
     std::atomic<bool> stopping{false};       // reported, as the next is
-    std::atomic<bool> hasStopped{false};
+    std::atomic<bool> hasStopped{false};     // and the manager knows it
 };
 
 Service& TheService() {
@@ -22,10 +24,11 @@ Service& TheService() {
 }
 
 /// The system waits for a report of the end, not for the routine's: a service that has given up its start would stay
-/// for ever. When the process ends without the report, the manager takes it for a failure.
-void WINAPI RunServiceMain(DWORD, LPWSTR*) {
+/// for ever. When the process ends without the report, the manager takes it for a failure. Other threads may still
+/// work, so nothing static is destroyed under them. An exception ends the program, as out of any thread.
+void WINAPI RunServiceMain(DWORD, LPWSTR*) noexcept {
     TheService().main();
-    if (!TheService().hasStopped) ::ExitProcess(0);
+    if (!TheService().hasStopped) std::_Exit(0);
 }
 
 /// True when the service has said that it takes the control; an interrogation and controls of its own need no saying.
@@ -45,8 +48,9 @@ bool Accepts(std::uint32_t accepted, DWORD control) {
     }
 }
 
-/// The manager lets nothing through that is not accepted, but for what was on its way when the status changed.
-DWORD WINAPI HandleControl(DWORD control, DWORD eventType, void* eventData, void* context) {
+/// The manager lets nothing through that is not accepted, but for what was on its way when the status changed. An
+/// exception must not meet the system's own frames: it ends the program.
+DWORD WINAPI HandleControl(DWORD control, DWORD eventType, void* eventData, void* context) noexcept {
     const Service& service = TheService();
     if (service.stopping || !Accepts(service.accepted, control)) {
         return control == SERVICE_CONTROL_INTERROGATE ? NO_ERROR : DWORD{ERROR_SERVICE_CANNOT_ACCEPT_CTRL};
@@ -54,19 +58,24 @@ DWORD WINAPI HandleControl(DWORD control, DWORD eventType, void* eventData, void
     return service.handler(control, eventType, eventData, context);
 }
 
-Error StartServiceCtrlDispatcherW(std::u16string_view serviceName, ServiceMainRoutine serviceMain) {
+Error StartServiceCtrlDispatcherW(std::u16string_view serviceName, ServiceMainRoutine serviceMain) try {
     TheService().main = serviceMain;
     std::wstring name = WideOf(serviceName);
     const SERVICE_TABLE_ENTRYW services[] = {{name.data(), RunServiceMain}, {nullptr, nullptr}};
     return ResultOf(::StartServiceCtrlDispatcherW(services));
+} catch (const std::exception&) {
+    return error::notEnoughMemory;
 }
 
 Error RegisterServiceCtrlHandlerExW(std::u16string_view serviceName, ServiceHandlerRoutine handler, void* context,
-                                    ServiceStatusHandle& handle) {
+                                    ServiceStatusHandle& handle) try {
+    handle = 0;
     TheService().handler = handler;
     handle = reinterpret_cast<ServiceStatusHandle>(
         ::RegisterServiceCtrlHandlerExW(WideOf(serviceName).c_str(), HandleControl, context));
     return ResultOf(handle != 0);
+} catch (const std::exception&) {
+    return error::notEnoughMemory;
 }
 
 Error SetServiceStatus(ServiceStatusHandle handle, const ServiceStatus& status) {
@@ -74,7 +83,6 @@ Error SetServiceStatus(ServiceStatusHandle handle, const ServiceStatus& status) 
     service.accepted = status.dwControlsAccepted;
     if (status.dwCurrentState == ServiceState::stopPending || status.dwCurrentState == ServiceState::stopped)
         service.stopping = true;
-    if (status.dwCurrentState == ServiceState::stopped) service.hasStopped = true;
     SERVICE_STATUS report{.dwServiceType = status.dwServiceType,
                           .dwCurrentState = static_cast<DWORD>(status.dwCurrentState),
                           .dwControlsAccepted = status.dwControlsAccepted,
@@ -82,7 +90,9 @@ Error SetServiceStatus(ServiceStatusHandle handle, const ServiceStatus& status) 
                           .dwServiceSpecificExitCode = status.dwServiceSpecificExitCode,
                           .dwCheckPoint = status.dwCheckPoint,
                           .dwWaitHint = status.dwWaitHint};
-    return ResultOf(::SetServiceStatus(reinterpret_cast<SERVICE_STATUS_HANDLE>(handle), &report));
+    const Error result = ResultOf(::SetServiceStatus(reinterpret_cast<SERVICE_STATUS_HANDLE>(handle), &report));
+    if (result == error::success && status.dwCurrentState == ServiceState::stopped) service.hasStopped = true;
+    return result;
 }
 
 }  // namespace

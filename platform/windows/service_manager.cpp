@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <cstddef>
+#include <exception>
 #include <memory>
 
 #include "platform/windows/win32.h"
@@ -7,6 +8,9 @@
 namespace platform {
 
 namespace {
+
+/// The system enumerates into no more bytes than these.
+constexpr std::size_t largestBuffer = 256 * 1024;
 
 SC_HANDLE HandleOf(ServiceHandle handle) { return reinterpret_cast<SC_HANDLE>(handle); }
 
@@ -31,7 +35,7 @@ Error OpenSCManagerW(std::uint32_t rights, ServiceHandle& manager) {
     return Take(::OpenSCManagerW(nullptr, SERVICES_ACTIVE_DATABASEW, rights), manager);
 }
 
-/// The system would take what stands before the zero for the name.
+/// The system would take what stands before the zero for the whole.
 bool HoldsZero(std::u16string_view name) { return name.find(u'\0') != name.npos; }
 
 Error OpenServiceW(ServiceHandle manager, std::u16string_view name, std::uint32_t rights, ServiceHandle& service) {
@@ -47,14 +51,19 @@ std::wstring TextListOf(const std::vector<std::u16string>& texts) {
     return list + L'\0';
 }
 
+/// An empty text would end the list before the others.
+bool IsListable(const std::u16string& text) { return !text.empty() && !HoldsZero(text); }
+
 Error CreateServiceW(ServiceHandle manager, const ServiceDefinition& definition, ServiceHandle& service) {
     service = 0;
     if (HoldsZero(definition.name)) return error::invalidName;
+    const auto& dependencies = definition.dependencies;
+    if (!std::all_of(dependencies.begin(), dependencies.end(), IsListable)) return error::invalidParameter;
     return Take(
         ::CreateServiceW(HandleOf(manager), WideOf(definition.name).c_str(), WideOf(definition.displayName).c_str(),
                          SERVICE_ALL_ACCESS, definition.type, static_cast<DWORD>(definition.start),
                          static_cast<DWORD>(definition.errorControl), WideOf(definition.binaryPath).c_str(), nullptr,
-                         nullptr, TextListOf(definition.dependencies).c_str(), nullptr, nullptr),
+                         nullptr, TextListOf(dependencies).c_str(), nullptr, nullptr),
         service);
 }
 
@@ -74,7 +83,8 @@ Error ChangeServiceConfig2W(ServiceHandle service, const ServiceFailureActions& 
 Error ControlService(ServiceHandle service, std::uint32_t control, ServiceStatus& status) {
     SERVICE_STATUS given{};
     const Error result = ResultOf(::ControlService(HandleOf(service), control, &given));
-    status = StatusOf(given);
+    // Some refusals tell the status, too; others leave the record as it was.
+    if (given.dwCurrentState != 0) status = StatusOf(given);
     return result;
 }
 
@@ -90,7 +100,7 @@ Error QueryServiceStatusEx(ServiceHandle service, ServiceStatus& status) {
 Error EnumDependentServicesW(ServiceHandle service, std::size_t bufferSize, std::vector<DependentService>& services,
                              std::size_t& bytesNeeded) {
     services.clear();
-    bufferSize = std::min<std::size_t>(bufferSize, MAXDWORD);
+    bufferSize = std::min(bufferSize, largestBuffer);
     // The records are followed by the texts that they point to, so there is room for both.
     const auto buffer = std::make_unique<std::max_align_t[]>(bufferSize / sizeof(std::max_align_t) + 1);
     auto* const found = reinterpret_cast<ENUM_SERVICE_STATUSW*>(buffer.get());
@@ -104,19 +114,31 @@ Error EnumDependentServicesW(ServiceHandle service, std::size_t bufferSize, std:
     return result;
 }
 
+/// An operation from which nothing is thrown.
+template <class... Parameters>
+auto Guarded(Error (*operation)(Parameters...)) {
+    return [operation](Parameters... parameters) noexcept -> Error {
+        try {
+            return operation(parameters...);
+        } catch (const std::exception&) {  // no memory
+            return error::notEnoughMemory;
+        }
+    };
+}
+
 }  // namespace
 
 ServiceManagerOperations WindowsServiceManager() {
     return {
         .OpenSCManagerW = OpenSCManagerW,
-        .OpenServiceW = OpenServiceW,
-        .CreateServiceW = CreateServiceW,
-        .ChangeServiceConfig2W = ChangeServiceConfig2W,
+        .OpenServiceW = Guarded(OpenServiceW),
+        .CreateServiceW = Guarded(CreateServiceW),
+        .ChangeServiceConfig2W = Guarded(ChangeServiceConfig2W),
         .DeleteService = [](ServiceHandle service) { return ResultOf(::DeleteService(HandleOf(service))); },
         .StartServiceW = [](ServiceHandle service) { return ResultOf(::StartServiceW(HandleOf(service), 0, nullptr)); },
         .ControlService = ControlService,
         .QueryServiceStatusEx = QueryServiceStatusEx,
-        .EnumDependentServicesW = EnumDependentServicesW,
+        .EnumDependentServicesW = Guarded(EnumDependentServicesW),
         .CloseServiceHandle = [](ServiceHandle handle) { ::CloseServiceHandle(HandleOf(handle)); },
     };
 }

@@ -1,8 +1,8 @@
 // The service between a manager that the tests play and a real server: states, controls, and the way down.
 #include <atomic>
 #include <functional>
+#include <future>
 #include <optional>
-#include <semaphore>
 #include <string>
 #include <utility>
 #include <vector>
@@ -201,25 +201,27 @@ TEST_F(Service, OnTheWayDownItTellsTheServerAndSavesTheCounters) {
 }
 
 TEST_F(Service, AServerThatNeverAnswersAndASecondStopHoldUpNothing) {
-    std::counting_semaphore<> asked{0}, hangUp{0};
+    std::promise<void> asked, hangUp;
+    std::atomic<int> connections{0};
+    const std::shared_future<void> mayHangUp = hangUp.get_future().share();
     std::vector<std::uint32_t> waits;
-    test::RawServer server([&](int, const std::string&) {
-        asked.release();
-        hangUp.acquire();
+    test::RawServer server([&](auto, const std::string&) {
+        if (++connections == 1) asked.set_value();
+        mayHangUp.wait();
     });
     agentState.gv_ServerPort = server.port;
     SetEnableSendAgentStatus(u"yes");
     waitForThread = [&](auto, std::uint32_t milliseconds) {
         waits.push_back(milliseconds);
         if (waits.size() > 1) return error::waitTimeout;
-        asked.acquire();
+        asked.get_future().wait();
         HandlerEx(control::shutdown, 0, nullptr, nullptr);
         return error::waitTimeout;
     };
     Run(control::stop);
     EXPECT_EQ(reports, "24331");
     EXPECT_EQ(waits, std::vector<std::uint32_t>(2, 20000));
-    hangUp.release(2);
+    hangUp.set_value();
     End();
     EXPECT_EQ(agentState.gv_custID, u"customer") << "other threads read on";
     logState.gv_logMaxSize = 1;

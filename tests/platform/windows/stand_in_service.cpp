@@ -1,5 +1,7 @@
 // A service that does nothing but report. Its name is its argument; its exit code is why no dispatcher took it.
-// It takes a second to start, and gives each control of its own back as its wait hint.
+// It takes a second to start, and gives each control of its own back as its wait hint. At the last of them, 255, it
+// leaves without a word.
+#include <atomic>
 #include <string>
 
 #include "platform/backend.h"
@@ -14,6 +16,7 @@ namespace {
 std::u16string name;
 ServiceStatusHandle handle = 0;
 EventHandle stopped = 0;
+std::atomic<bool> leaves{false};
 
 std::uint32_t Report(ServiceState state, std::uint32_t accepted, std::uint32_t hint = 0) {
     return ServiceHost().SetServiceStatus(handle, {.dwServiceType = service_type::ownProcess,
@@ -29,11 +32,13 @@ std::uint32_t Handle(std::uint32_t control, std::uint32_t, void*, void* context)
     if (control == service_control::pause) state = ServiceState::paused;
     if (control == service_control::resume) state = ServiceState::running;
     if (control >= 128) hint = control;
+    leaves = control == 255;
     if (control == service_control::stop) {
         Report(ServiceState::stopPending, 0, 5000);
         Threads().SetEvent(stopped);
         return 0;
     }
+    if (leaves) Threads().SetEvent(stopped);
     // An odd control of its own takes the pause away from what is accepted.
     const std::uint32_t pause = hint % 2 == 0 ? service_accepts::pauseAndContinue : 0;
     return Report(state, service_accepts::stop | pause, hint);
@@ -45,7 +50,7 @@ void Main() {
     Clock().Sleep(1000);
     Report(ServiceState::running, service_accepts::stop | service_accepts::pauseAndContinue);
     Threads().WaitForEvent(stopped, infinite);
-    Report(ServiceState::stopped, 0);
+    if (!leaves) Report(ServiceState::stopped, 0);
 }
 
 }  // namespace

@@ -84,6 +84,37 @@ TEST_F(ServiceTest, GoesThroughItsStates) {
     }
 }
 
+TEST_F(ServiceTest, OneThatLeavesWithoutAWordIsGone) {
+    ASSERT_EQ(ServiceManager().StartServiceW(service.handle), error::success);
+    EXPECT_EQ(Await(ServiceState::running, 0), Seen(ServiceState::running, 0));
+    Control(255);
+    Error asked = error::success;
+    for (int look = 0; asked == error::success && look < 500; ++look, Clock().Sleep(10))
+        asked = Control(service_control::interrogate);
+    EXPECT_NE(asked, error::success) << "its process would still answer";
+}
+
+TEST_F(ServiceTest, WhatIsNoServiceIsRefused) {
+    kv::OwnedServiceHandle made;
+    const std::pair<Error, void (*)(ServiceDefinition&)> rows[] = {
+        {error::invalidName, [](auto& definition) { definition.name.clear(); }},
+        {error::invalidName, [](auto& definition) { definition.name += u'\0'; }},
+        {error::invalidParameter,
+         [](auto& definition) {
+             definition.dependencies = {u"", u"Needed"};
+         }},
+    };
+    for (const auto& [result, change] : rows) {
+        ServiceDefinition definition = Definition();
+        change(definition);
+        EXPECT_EQ(ServiceManager().CreateServiceW(manager.handle, definition, made.handle), result);
+    }
+    ServiceStatus status{.dwCurrentState = ServiceState::paused};
+    EXPECT_EQ(ServiceManager().QueryServiceStatusEx(0, status), error::invalidHandle);
+    EXPECT_EQ(ServiceManager().ControlService(0, service_control::stop, status), error::invalidHandle);
+    EXPECT_EQ(status.dwCurrentState, ServiceState::paused) << "nobody has told another";
+}
+
 TEST_F(ServiceTest, IsMadeFoundAndRemovedOnce) {
     {
         kv::OwnedServiceHandle second;
