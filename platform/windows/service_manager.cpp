@@ -83,8 +83,8 @@ Error ChangeServiceConfig2W(ServiceHandle service, const ServiceFailureActions& 
 Error ControlService(ServiceHandle service, std::uint32_t control, ServiceStatus& status) {
     SERVICE_STATUS given{};
     const Error result = ResultOf(::ControlService(HandleOf(service), control, &given));
-    // Some refusals tell the status, too; others leave the record as it was.
-    if (given.dwCurrentState != 0) status = StatusOf(given);
+    // After a refusal there may be anything in the record.
+    if (result == error::success) status = StatusOf(given);
     return result;
 }
 

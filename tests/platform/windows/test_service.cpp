@@ -30,7 +30,7 @@ class ServiceTest : public ::testing::Test {
 
     ServiceDefinition Definition() const {
         return {.name = name,
-                .displayName = u"A test of kvagent",
+                .displayName = name,
                 .binaryPath = u"\"" + WideFromUtf8(KV_STAND_IN_SERVICE) + u"\" " + name,
                 .dependencies = {}};
     }
