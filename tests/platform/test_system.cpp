@@ -61,6 +61,8 @@ std::atomic<ThreadHandle> parked{0};
 std::atomic<int> timesWoken{0};
 
 TEST_F(SystemTest, AResumeIsNeverLost) {
+    parked = 0;
+    timesWoken = 0;
     const ThreadHandle thread = Threads().CreateThread(
         [](void*) -> std::uint32_t {
             while (parked == 0) Clock().Sleep(0);
