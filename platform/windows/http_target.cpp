@@ -46,7 +46,8 @@ std::optional<HttpTarget> SplitUrl(const std::wstring& url) {
 
 std::optional<std::wstring> HostFor(std::u16string_view server) {
     if (!IsHostName(server)) return std::nullopt;
-    if (server.find(u':') == std::u16string_view::npos) return WideOf(server);
+    const bool isLiteral = server.find(u':') != server.npos;
+    if (!isLiteral) return server.find_first_of(u"[]") == server.npos ? std::optional(WideOf(server)) : std::nullopt;
     if (server.starts_with(u'[') && server.ends_with(u']')) server = server.substr(1, server.size() - 2);
     const std::wstring literal = WideOf(server);
     IN6_ADDR address;
