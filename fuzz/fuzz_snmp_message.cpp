@@ -7,6 +7,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <string_view>
+#include <utility>
 
 #include "platform/backend.h"
 #include "snmp/message.h"
@@ -24,10 +26,10 @@ SnmpPduPtr Parsed(const std::uint8_t* data, std::size_t size) {
     return isDone ? std::move(pdu) : nullptr;
 }
 
-/// Of other than four bytes there is a text of another length, or of fewer numbers.
+/// Of fewer than four bytes the text has fewer numbers.
 bool IsWholeAddress(const VarBind& varBind) {
-    return varBind.valueLength >= 7 &&
-           std::strlen(static_cast<const char*>(varBind.value)) == static_cast<std::size_t>(varBind.valueLength);
+    const std::string_view text(static_cast<const char*>(varBind.value));
+    return std::cmp_equal(text.size(), varBind.valueLength) && std::count(text.begin(), text.end(), '.') == 3;
 }
 
 /// Size of a value in memory, in bytes; -1 for one that is not built as it was parsed.
@@ -38,7 +40,7 @@ std::int32_t SizeOf(const VarBind& varBind) {
         case tag::nsapAddress:
             return varBind.valueLength;
         case tag::ipAddress:
-            return IsWholeAddress(varBind) ? varBind.valueLength : -1;
+            return varBind.valueLength > 0 && IsWholeAddress(varBind) ? varBind.valueLength : -1;
         case tag::null:
         case tag::noSuchObject:
         case tag::noSuchInstance:

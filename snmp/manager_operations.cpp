@@ -78,6 +78,9 @@ std::int32_t ParseRequestedOid(const ManagerRequest& request, std::int32_t index
         std::printf("Invalid OID Format\n");
         Log1("\t SnmpManagerRequest :: \"%s\" is no OID: numbers, a dot ahead of each, no blanks. %s is not asked \n",
              text, request.host);
+    } else if (length == 0) {
+        Log1("\t SnmpManagerRequest :: the numbers of \"%s\" do not match its dots: %s is asked for an empty OID \n",
+             text, request.host);
     } else if (HasPartBeyond32Bits(text)) {
         Log1("\t SnmpManagerRequest :: a number of \"%s\" does not fit 32 bits: another OID is asked for \n", text);
     }

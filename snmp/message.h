@@ -12,6 +12,8 @@
 //                 06 nn ..       its name
 //                 04 00          no value
 //
+// A trap of SNMPv1 has its sender's OID and address, two kinds of trap and a time in the place of id, status and index.
+//
 // Every constructed item that is sent has a length of three bytes. Parsing takes any valid form.
 #pragma once
 
@@ -59,7 +61,7 @@ struct MessagePositions {
 /// can read.
 std::optional<MessagePositions> BuildSnmpMsg(std::uint8_t* buffer, std::int32_t* size, SnmpPdu* pdu);
 
-/// 1, or 0 when the message cannot be built.
+/// 1, or 0 when the message cannot be built, or the hook of a message of version 3 fails (snmp/processing_hooks.h).
 int CreateSnmpMsgForPdu(std::uint8_t* buffer, std::int32_t* size, SnmpPdu* pdu);
 
 /// Builds a PDU's message and sends it; 1 sent, 0 not. What a failed build left in the buffer is sent all the same.

@@ -4,6 +4,7 @@
 #include <string_view>
 
 #include "snmp/message.h"
+#include "snmp/processing_hooks.h"
 #include "snmp/toolkit_log.h"
 #include "snmp/udp_transport.h"
 #include "snmp/value_text.h"
@@ -68,6 +69,20 @@ bool BuildFields(Writer& out, SnmpPdu& pdu) {
     if (pdu.command == command::getBulk) pdu.errorStatus = 0;
     if (pdu.version == versionV1) pdu.errorStatus = MapToSNMPv1Error(pdu.errorStatus);
     return BuildField(out, pdu.errorIndex) || Failed("Unable to encode errindex\n");
+}
+
+/// What a trap of SNMPv1 has in their place.
+bool BuildTrapFields(Writer& out, const SnmpPdu& pdu) {
+    out.position =
+        AsnBuildObjectId(out.position, &out.remaining, tag::objectId, pdu.enterpriseOid, pdu.enterpriseOidLength);
+    if (out.position == nullptr) return Failed("Unable to encode enterprise of the manager.\n");
+    out.position =
+        AsnBuildString(out.position, &out.remaining, tag::ipAddress, pdu.agentAddress.data(), pdu.agentAddress.size());
+    if (out.position == nullptr) return Failed("Unable to encode  ip address.\n");
+    if (!BuildField(out, pdu.genericTrap)) return Failed("Unable to encode generic trap type.\n");
+    if (!BuildField(out, pdu.specificTrap)) return Failed("Unable to encode specific trap type.\n");
+    out.position = AsnBuildUnsigned(out.position, &out.remaining, tag::timeTicks, &pdu.timeStamp, sizeof pdu.timeStamp);
+    return out.position != nullptr || Failed("Unable to encode specific time stamp.\n");
 }
 
 const TkVector* ListInUse(const SnmpPdu& pdu) {
@@ -162,6 +177,7 @@ std::int32_t MapToSNMPv1Error(std::int32_t status) {
 }
 
 std::optional<MessagePositions> BuildSnmpMsg(std::uint8_t* buffer, std::int32_t* size, SnmpPdu* pdu) {
+    TKLOG(3, "\t Inside BuildSnmpMsg() \n");
     MessagePositions at{};
     Writer out{.position = buffer, .remaining = *size};
     // Version 3 has no envelope: the message and its content both begin where the PDU does, and the message's header
@@ -172,11 +188,7 @@ std::optional<MessagePositions> BuildSnmpMsg(std::uint8_t* buffer, std::int32_t*
         TKLOG(1, "Unable to encode response PDU with reqId\n");
         return std::nullopt;
     }
-    if (pdu->command == command::trapV1) {
-        TKLOG(1, "Unable to encode a trap of SNMPv1.\n");
-        return std::nullopt;
-    }
-    if (!BuildFields(out, *pdu)) return std::nullopt;
+    if (!(pdu->command == command::trapV1 ? BuildTrapFields(out, *pdu) : BuildFields(out, *pdu))) return std::nullopt;
     if (!OpenItem(out, tag::sequence, at.list, at.listHeaderEnd)) {
         TKLOG(1, "not enough space in output packet");
         return std::nullopt;
@@ -190,10 +202,13 @@ std::optional<MessagePositions> BuildSnmpMsg(std::uint8_t* buffer, std::int32_t*
 }
 
 int CreateSnmpMsgForPdu(std::uint8_t* buffer, std::int32_t* size, SnmpPdu* pdu) {
-    return BuildSnmpMsg(buffer, size, pdu) ? 1 : 0;
+    TKLOG(3, "\t Inside CreateSnmpMsgForPdu() \n");
+    if (!BuildSnmpMsg(buffer, size, pdu)) return 0;
+    return pdu->version == versionV3 && pdu->asksForHook != 0 ? PostProcessMessage(buffer, size, pdu) : 1;
 }
 
 int SendSnmpPdu(TransportDomainInfo* info, SnmpPdu* pdu) {
+    TKLOG(3, "\t Inside SendSnmpPdu() \n");
     // Zero between two messages: after a failed build all of it is sent, and nothing of this process's memory may go
     // with it.
     static thread_local std::array<std::uint8_t, messageBufferSize> buffer{};

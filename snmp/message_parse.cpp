@@ -22,25 +22,31 @@ std::uint8_t OutOfMemory() {
     return parse_result::outOfMemory;
 }
 
-/// Name of a message type in the log: empty for a trap, null for what is refused.
-const char* CommandName(std::uint8_t command) {
-    switch (command) {
-        case command::get:
-            return "GET-REQ\n";
-        case command::getNext:
-            return "GET-NEXT-REQ\n";
-        case command::response:
-            return "GET-RESPONSE\n";
-        case command::set:
-            return "SET-REQ\n";
-        case command::getBulk:
-            return "GET-BULK-REQ\n";
-        case command::trapV1:
-        case command::trapV2:
-            return "";
-        default:
-            return nullptr;
-    }
+enum class Taking { asAnswer, dropped, refused };
+
+/// How a message type is taken, whichever was asked for, and its name in the log.
+struct CommandRow {
+    std::uint8_t command;
+    Taking taking;
+    const char* name;
+};
+
+constexpr CommandRow commandRows[] = {
+    {command::get, Taking::asAnswer, "GET-REQ\n"},
+    {command::getNext, Taking::asAnswer, "GET-NEXT-REQ\n"},
+    {command::response, Taking::asAnswer, "GET-RESPONSE\n"},
+    {command::set, Taking::asAnswer, "SET-REQ\n"},
+    {command::trapV1, Taking::dropped, ""},
+    {command::getBulk, Taking::asAnswer, "GET-BULK-REQ\n"},
+    {command::inform, Taking::refused, "INFORM-REQ\n"},  // refused before its name could be logged
+    {command::trapV2, Taking::dropped, ""},
+};
+
+/// Null for what is refused.
+const CommandRow* RowOf(std::uint8_t command) {
+    for (const CommandRow& row : commandRows)
+        if (row.command == command && row.taking != Taking::refused) return &row;
+    return nullptr;
 }
 
 /// One of the numbers ahead of the list; false when there is none.
@@ -104,6 +110,7 @@ std::uint8_t AppendVariable(SnmpPdu* pdu, const ReceivedVariable& variable, std:
 }  // namespace
 
 std::uint8_t ParsePdu(SnmpPdu* pdu, const std::uint8_t* position, std::int32_t remaining) {
+    TKLOG(3, "\t Inside ParsePdu() \n");
     if (remaining == 0) return parse_result::dropped;
     std::uint8_t type = 0;
     std::int32_t listRemaining = remaining;
@@ -131,18 +138,17 @@ std::uint8_t ParsePdu(SnmpPdu* pdu, const std::uint8_t* position, std::int32_t r
 }
 
 std::uint8_t ParseSnmpMessage(const std::uint8_t** position, std::int32_t* remaining, SnmpPdu* pdu) {
+    TKLOG(3, "\t Inside ParseSnmpMessage() \n");
     if (*position == nullptr || *remaining == 0) return Dropped("Unable to decode header and community \n");
     *position = AsnParseHeader(*position, remaining, &pdu->command);
     if (*position == nullptr || *remaining == 0) return Dropped("Unable to decode header\n");
-    const char* name = CommandName(pdu->command);
-    if (name == nullptr) return Dropped("\n \t @@@@@@@@@@ Invalid Command Type @@@@@@@@ \n");
+    const CommandRow* row = RowOf(pdu->command);
+    if (row == nullptr) return Dropped("\n \t @@@@@@@@@@ Invalid Command Type @@@@@@@@ \n");
     pdu->receivedCommand = pdu->command;
     TKLOG(2, "\n Message Type\t\t=\t");
-    TKLOG(2, name);
+    TKLOG(2, row->name);
     TKLOG(3, "\n The VarBind length\t=\t%d \n", *remaining);
-    if (pdu->command == command::trapV1 || pdu->command == command::trapV2) {
-        return Dropped("\n\nSince trap message has been received packet is dropped.\n");
-    }
+    if (row->taking == Taking::dropped) return Dropped("\n\nSince trap message has been received packet is dropped.\n");
     if (ParseFields(position, remaining, pdu) != parse_result::done) return parse_result::dropped;
     TKLOG(2, "\n**************************************************\n");
     InitVector(&pdu->varBinds, nullptr);
@@ -152,6 +158,7 @@ std::uint8_t ParseSnmpMessage(const std::uint8_t** position, std::int32_t* remai
 }
 
 std::uint8_t ParseSnmpV1V2Message(const std::uint8_t** position, std::int32_t* remaining, SnmpPdu* pdu) {
+    TKLOG(3, "\t Inside ParseSnmpV1V2Message() \n");
     if (!ParseField(position, remaining, &pdu->version)) return Dropped("Unable to decode version\n");
     std::uint8_t type = 0;
     std::array<std::uint8_t, maxReceivedCommunity> community;
@@ -179,6 +186,7 @@ std::uint8_t ParseSnmpV1V2Message(const std::uint8_t** position, std::int32_t* r
 }
 
 std::uint8_t ParseSnmpMessageForPdu(const std::uint8_t* buffer, std::int32_t length, SnmpPdu* pdu) {
+    TKLOG(3, "\t Inside ParseSnmpMessageForPdu() \n");
     if (length >= maxReceivedMessage) return Dropped("Received too big snmp message ...\n");
     std::uint8_t type = 0;
     std::int32_t contentLength = length;
@@ -187,7 +195,7 @@ std::uint8_t ParseSnmpMessageForPdu(const std::uint8_t* buffer, std::int32_t len
     if (position == nullptr || type != tag::sequence) return Dropped("Unable to decode auth header type\n");
     // The datagram's length bounds what follows, not the content's: it is wider by the size of the header.
     std::int32_t remaining = length;
-    if (pdu->version != versionV3) {
+    if (pdu->version != versionV3) {  // nor is a fresh PDU: every message of the manager has an envelope
         const std::uint8_t result = ParseSnmpV1V2Message(&position, &remaining, pdu);
         if (result != parse_result::done) {
             TKLOG(1, "PACKET DROPPED !!! \n");
@@ -199,6 +207,7 @@ std::uint8_t ParseSnmpMessageForPdu(const std::uint8_t* buffer, std::int32_t len
 }
 
 std::uint8_t ReadAndParseSnmpMessage(TransportDomainInfo* info, SnmpPdu* pdu) {
+    TKLOG(3, "\t Inside ReadAndParseSnmpMessage() \n");
     std::array<std::uint8_t, messageBufferSize + asnReadAhead> buffer;
     std::int32_t length = 0;
     if (ReadSnmpMessage(info, buffer.data(), &length) == 0) {

@@ -55,6 +55,7 @@ bool DecodeSubIds(std::span<const std::uint8_t> bytes, std::uint32_t* subIds) {
 }  // namespace
 
 std::int32_t ConvertToOidOrIpFromString(SubIds& out, std::string_view text, bool isAddress) {
+    TKLOG(3, "\t Inside ConvertToOidOrIpFromString() \n");
     out.reset();
     const std::ptrdiff_t dots = std::count(text.begin(), text.end(), '.');
     if (dots < (isAddress ? 3 : 1)) return RefuseText(isAddress);
@@ -92,6 +93,10 @@ std::int32_t ConvertToStringFromOid(const std::uint32_t* subIds, std::int32_t co
     return 1;
 }
 
+std::uint16_t GetOidLength(const char* text, std::int32_t length) {
+    return static_cast<std::uint16_t>(CountDelimiters(text, length, '.'));
+}
+
 std::int8_t CompareOid(const std::uint32_t* a, std::int32_t countA, const std::uint32_t* b, std::int32_t countB) {
     const std::span<const std::uint32_t> left = SubIdsOf(a, countA);
     const std::span<const std::uint32_t> right = SubIdsOf(b, countB);
@@ -104,6 +109,7 @@ void CopyOid(std::uint32_t* target, const std::uint32_t* source, std::int32_t co
 }
 
 SubIds DecodeOID(const std::uint8_t* bytes, std::int32_t length, std::int32_t* count) {
+    TKLOG(3, "\t Inside DecodeOID() \n");
     *count = 0;
     const std::span<const std::uint8_t> content(bytes, static_cast<std::size_t>(std::max(length, 0)));
     const std::span<const std::uint8_t> rest = content.empty() ? content : content.subspan(1);

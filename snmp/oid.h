@@ -24,6 +24,9 @@ std::int32_t ConvertToOidOrIpFromString(SubIds& out, std::string_view text, bool
 /// Writes ".1.3.6" and a terminator. Always 1. Of a sub-identifier from 2147483648 upward only the dot is written.
 std::int32_t ConvertToStringFromOid(const std::uint32_t* subIds, std::int32_t count, char* text);
 
+/// How many dots a text has, in 16 bits. length is that of the text.
+std::uint16_t GetOidLength(const char* text, std::int32_t length);
+
 /// 1, 0 or -1. Sub-identifiers compare as unsigned numbers, a prefix comes first.
 std::int8_t CompareOid(const std::uint32_t* a, std::int32_t countA, const std::uint32_t* b, std::int32_t countB);
 

@@ -63,6 +63,7 @@ SnmpPdu* AllocateAndInitSnmpPdu() {
 
 SnmpPdu* CreateSnmpPdu(std::int32_t version, const char* community, std::uint8_t command, std::int32_t requestId,
                        std::int32_t errorStatus, std::int32_t errorIndex, TkVector* vector) {
+    TKLOG(3, "\t Inside CreateSnmpPdu() \n");
     const std::string_view name = community ? community : "";
     if (name.size() > maxRequestCommunity) {
         Log1("\t CreateSnmpPdu :: the community has %d bytes, and %d are the most \n", name.size(),
@@ -96,10 +97,12 @@ void FreeSnmpPdu(SnmpPdu* pdu) {
 void FreeSnmpPduShell(SnmpPdu* pdu) {
     if (!pdu) return;
     delete[] pdu->community;
+    delete[] pdu->enterpriseOid;
     delete pdu;
 }
 
 void DisplaySnmpPduInfo(const SnmpPdu* pdu) {
+    TKLOG(3, "\t Inside DisplaySnmpPduInfo() \n");
     if (!TkLogsAtLeast(2)) return;
     TKLOG(2, "Message : \n\n");
     TKLOG(2, "Request Id\t\t\t= %ld\n", pdu->requestId);

@@ -1,6 +1,7 @@
 // A request or an answer on its way through the engine.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <memory>
 
@@ -35,9 +36,19 @@ struct SnmpPdu {
     std::uint8_t command;
     std::uint8_t receivedCommand;  // command of a parsed message; 0 in a request
     std::int32_t requestId;
-    std::int32_t errorStatus;     // 0 none; of a reply, what the device reports
-    std::int32_t errorIndex;      // the variable that the status is about, from 1
+    std::int32_t errorStatus;  // 0 none; of a reply, what the device reports
+    std::int32_t errorIndex;   // the variable that the status is about, from 1
+
+    // Of a trap of SNMPv1 only, which the manager neither sends nor takes.
+    std::uint32_t* enterpriseOid;  // owned, or null
+    std::int32_t enterpriseOidLength;
+    std::array<std::uint8_t, 4> agentAddress;
+    std::int32_t genericTrap;
+    std::int32_t specificTrap;
+    std::uint32_t timeStamp;  // hundredths of a second for which the sender has run
+
     std::int32_t timeoutSeconds;  // of a request: how long its answer is waited for
+    std::uint8_t asksForHook;     // of version 3: its message goes through PostProcessMessage
     TkVector varBinds;            // owns its variables
     TkVector* otherVarBinds;      // in use instead for trapV1, inform and trapV2; owned, or null
     std::int32_t varBindCount;    // of a parsed message
@@ -54,7 +65,7 @@ SnmpPdu* CreateSnmpPdu(std::int32_t version, const char* community, std::uint8_t
 /// Frees everything. Null is allowed.
 void FreeSnmpPdu(SnmpPdu* pdu);
 
-/// Frees the community and the record, and no variables.
+/// Frees the community, the enterprise's OID and the record, and no variables.
 void FreeSnmpPduShell(SnmpPdu* pdu);
 
 /// Trace lines.

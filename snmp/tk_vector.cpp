@@ -1,8 +1,6 @@
 #include "snmp/tk_vector.h"
 
-#include "foundation/resource_lock.h"
-#include "platform/clock.h"
-#include "snmp/toolkit_log.h"
+#include "snmp/object_lock.h"
 
 namespace kv::snmp {
 
@@ -19,8 +17,31 @@ class VectorLock {
     const TkVector* vector_;
 };
 
-/// The tail of an empty list is no node.
-TkVectorNode** EndOf(TkVector* vector) { return vector->head ? &vector->tail->next : &vector->head; }
+/// Puts a node behind another, or at the head behind none. The tail of an empty list is no node.
+void LinkBehind(TkVector& vector, TkVectorNode* before, TkVectorNode* node) {
+    TkVectorNode*& link = before ? before->next : vector.head;
+    node->next = link;
+    link = node;
+    if (!node->next) vector.tail = node;
+    ++vector.count;
+}
+
+TkVectorNode* LastOf(const TkVector& vector) { return vector.head ? vector.tail : nullptr; }
+
+/// Finds the node that another is to stand behind, null for none; false when there is an equal one. Halves what is left
+/// to look at, and steps along the list to its middle.
+bool FindPlace(const TkVector& vector, const TkVectorNode* node, TkVectorNode*& before) {
+    before = nullptr;
+    for (std::int32_t left = vector.count; left > 0;) {
+        const std::int32_t half = left / 2;
+        TkVectorNode* middle = GetNthElement(&vector, half, before ? before->next : vector.head);
+        const std::int8_t order = vector.compare(node, middle);
+        if (order == 0) return false;
+        if (order > 0) before = middle;
+        left = order > 0 ? left - half - 1 : half;
+    }
+    return true;
+}
 
 }  // namespace
 
@@ -37,10 +58,9 @@ void FreeVector(TkVector* vector) {
 
 int AddElement(TkVector* vector, TkVectorNode* node) {
     const VectorLock lock(vector);
-    node->next = nullptr;
-    *EndOf(vector) = node;
-    vector->tail = node;
-    ++vector->count;
+    TkVectorNode* before = LastOf(*vector);
+    if (vector->compare && !FindPlace(*vector, node, before)) return 0;
+    LinkBehind(*vector, before, node);
     return 1;
 }
 
@@ -53,15 +73,6 @@ TkVectorNode* GetNthElement(const TkVector* vector, std::int32_t n, TkVectorNode
     if (n < 0 || n >= vector->count) return nullptr;
     for (; n > 0 && start; --n) start = start->next;
     return start;
-}
-
-void SynchronizeResource(const void* object) {
-    while (ResourceLockOp_MSP(object, LockOperation::lock) == lockBusy)
-        platform::Clock().Sleep(static_cast<std::uint32_t>(NextLockBackoff()));
-}
-
-void UnsynchronizeResource(const void* object) {
-    if (ResourceLockOp_MSP(object, LockOperation::release) == lockNotHeld) TKLOG(1, "Alert! something went wrong...\n");
 }
 
 }  // namespace kv::snmp

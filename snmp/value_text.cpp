@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <charconv>
-#include <cstring>
 #include <new>
 
 #include "snmp/toolkit_log.h"
@@ -120,19 +119,6 @@ std::int32_t ConvertToIpAddFromString(std::uint8_t* bytes, std::string_view text
 void PrintStream(const std::uint8_t* bytes, std::int32_t length, const char* format) {
     if (!TkLogsAtLeast(2)) return;
     for (std::int32_t i = 0; i < length; ++i) TKLOG(2, format, bytes[i]);
-}
-
-int AllocateAndCopyString(NarrowText& target, const char* text) {
-    target.reset();
-    if (!text) return 1;
-    const std::size_t size = std::strlen(text) + 1;
-    target.reset(new (std::nothrow) char[size]);
-    if (!target) {
-        TKLOG(1, "Memory allocation failed for *dest\n");
-        return 99;
-    }
-    std::memcpy(target.get(), text, size);
-    return 1;
 }
 
 }  // namespace kv::snmp

@@ -2,13 +2,13 @@
 // one that is null means that memory ran out, after an engine line at level 1.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <string_view>
 
-namespace kv::snmp {
+#include "snmp/narrow_text.h"
 
-using NarrowText = std::unique_ptr<char[]>;
+namespace kv::snmp {
 
 /// A number of digits with an optional sign, in 32 bits, wrapping; an empty text is 0, and any other text -1.
 std::int32_t ConvertTextToInteger(std::string_view text);
@@ -39,8 +39,5 @@ std::int32_t ConvertToIpAddFromString(std::uint8_t* bytes, std::string_view text
 
 /// Trace lines, one for each byte; format has one number to print, as "0x%02x\t".
 void PrintStream(const std::uint8_t* bytes, std::int32_t length, const char* format);
-
-/// A copy; 1, or 99 with a line at level 1 when memory ran out. A null text gives a null copy.
-int AllocateAndCopyString(NarrowText& target, const char* text);
 
 }  // namespace kv::snmp

@@ -91,16 +91,16 @@ std::uint32_t* NewWords(std::int32_t count, std::int32_t* length) {
     return static_cast<std::uint32_t*>(NewValue(*length));
 }
 
-/// The length counts the text only for a whole address. Of a longer value it counts all the bytes, so these have room.
+/// The text of an address, of its first four bytes at most, with its length.
 void* DecodeAddress(const std::uint8_t* bytes, std::int32_t* length) {
-    void* value = NewValue(std::max(*length, addressRoom));
+    void* value = NewValue(addressRoom);
     if (!value) return nullptr;
     std::array<std::uint32_t, addressBytes> parts{};
     const std::int32_t count = std::clamp(*length, 0, addressBytes);
     std::copy_n(bytes, count, parts.begin());
     char* text = static_cast<char*>(value);
     ConvertToIpAddressFromOid(text, parts.data(), 0, count);
-    if (*length == addressBytes) *length = static_cast<std::int32_t>(std::strlen(text));
+    *length = static_cast<std::int32_t>(std::strlen(text));
     return value;
 }
 
@@ -148,6 +148,7 @@ void FreeVarBind(VarBind* varBind) {
 
 VarBind* CreateAVarBind(const std::uint32_t* oid, std::int32_t oidLength, std::uint8_t type, const void* value,
                         std::int32_t valueLength) {
+    TKLOG(3, "\t Inside CreateAVarBind() \n");
     VarBindPtr varBind = MakeNamed(oid, oidLength);
     // An object identifier, too, is given in bytes; a copy of the variable looks at as many words.
     if (varBind) varBind->value = NewValue(SizeOfValue(type, valueLength));
@@ -167,7 +168,15 @@ VarBind* CreateAVarBind(const std::uint32_t* oid, std::int32_t oidLength, std::u
 }
 
 void CopyVarBind(TkVector* target, TkVector* source, std::int32_t number) {
+    TKLOG(3, "\t Inside CopyVarBind() \n");
     if (const TkVectorNode* node = SourceNode(source, number)) AppendCopy(target, node);
+}
+
+void CopyVarBinds(TkVector* target, TkVector* source, std::int32_t number) {
+    TKLOG(3, "\t Inside CopyVarBinds() \n");
+    const TkVectorNode* node = SourceNode(source, number);
+    const std::int32_t end = source ? source->count : 0;  // as it is now: source may be target, too
+    for (std::int32_t i = number; i <= end && node && AppendCopy(target, node); ++i) node = node->next;
 }
 
 void TakeVarBinds(TkVector* target, TkVector* source) {
@@ -181,7 +190,8 @@ void TakeVarBinds(TkVector* target, TkVector* source) {
 }
 
 void FreeVarBindList(TkVector* vector) {
-    if (!vector->head) return;
+    TKLOG(3, "\t Inside FreeVarBindList() \n");
+    if (!vector->head && vector->count == 0) return;
     const TkVectorNode* node = vector->head;
     for (std::int32_t i = 0; i < vector->count; ++i, node = node->next) {
         if (!node) {
@@ -205,6 +215,7 @@ void PrintVarBind(const VarBind* varBind) {
 }
 
 void* DecodeAsnSyntaxValue(std::uint8_t tag, const std::uint8_t* bytes, std::int32_t* length) {
+    TKLOG(3, "\t Inside DecodeAsnSyntaxValue() \n");
     const std::int32_t contentLength = *length;
     void* value = nullptr;
     switch (tag) {

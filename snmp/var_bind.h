@@ -40,6 +40,9 @@ VarBind* CreateAVarBind(const std::uint32_t* oid, std::int32_t oidLength, std::u
 /// Appends a deep copy of the variable at a number, counted from 1; nothing when there is none.
 void CopyVarBind(TkVector* target, TkVector* source, std::int32_t number);
 
+/// The same of that variable and all that follow it. What was copied stays when memory ran out, with a line.
+void CopyVarBinds(TkVector* target, TkVector* source, std::int32_t number);
+
 /// Appends the variables of a list, which is empty afterwards: they are not copied, but change hands.
 void TakeVarBinds(TkVector* target, TkVector* source);
 

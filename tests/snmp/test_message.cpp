@@ -2,11 +2,13 @@
 #include <fmt/format.h>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
 #include "platform/clock.h"
 #include "snmp/message.h"
+#include "snmp/processing_hooks.h"
 #include "snmp/toolkit_log.h"
 #include "snmp/udp_transport.h"
 #include "snmp/var_bind.h"
@@ -41,6 +43,12 @@ SnmpPduPtr PduOf(std::int32_t version, std::uint8_t command, const std::vector<V
     }
     SnmpPduPtr pdu(CreateSnmpPdu(version, "public", command, 1, 0, 1, &list));
     FreeVector(&list);
+    pdu->enterpriseOid = new std::uint32_t[]{1, 3, 6, 1, 4, 1, 8072};
+    pdu->enterpriseOidLength = 7;
+    pdu->agentAddress = {10, 0, 0, 7};
+    pdu->genericTrap = 6;
+    pdu->specificTrap = 17;
+    pdu->timeStamp = 4294967295;
     return pdu;
 }
 
@@ -89,10 +97,23 @@ TEST_F(SnmpMessage, RequestsAreTheseBytes) {
          "3082002a 020101 04067075626c6963 a382001b" + fields + "3082000e 3082000a 06022b01 40040a000001"},
         {"version 3 has no envelope, and a length of four too many", 3, 0xA0, description, "30820021" + variable},
         {"version 2", 2, 0xA0, description, "", "Supported SNMP versions are V1, V2c and V3.\n"},
-        {"a trap", 0, 0xA4, description, "", "Unable to encode a trap of SNMPv1.\n"},
+        {"inform", 1, 0xA6, description, "3082002c 020101 04067075626c6963 a682001d" + variable},
+        {"trap v1", 0, 0xA4, description,
+         "3082003f 020100 04067075626c6963 a4820030 06072b06010401bf08 40040a000007 020106 020111 430500ffffffff" +
+             variable.substr(fields.size())},
         {"no room for a second variable", 1, 0xA0, two, "", "\n 1. Too big respone PDU\n", 45},
-        {"no room for the list", 1, 0xA0, description, "", "not enough space in output packet", 31},
-        {"no room for the community", 1, 0xA0, description, "", "Unable to encode snmp_auth\n", 14},
+        {"for the list", 1, 0xA0, two, "", "not enough space in output packet", 31},
+        {"for the index", 1, 0xA0, two, "", "Unable to encode errindex\n", 27},
+        {"for the status", 1, 0xA0, two, "", "Unable to encode errstatus\n", 24},
+        {"for the id", 1, 0xA0, two, "", "Unable to encode reqid \n", 21},
+        {"for the time", 0, 0xA4, two, "", "Unable to encode specific time stamp.\n", 46},
+        {"for the specific kind", 0, 0xA4, two, "", "Unable to encode specific trap type.\n", 39},
+        {"for the generic kind", 0, 0xA4, two, "", "Unable to encode generic trap type.\n", 36},
+        {"for the address", 0, 0xA4, two, "", "Unable to encode  ip address.\n", 33},
+        {"for the enterprise", 0, 0xA4, two, "", "Unable to encode enterprise of the manager.\n", 27},
+        {"for the PDU", 1, 0xA0, two, "", "Unable to encode response PDU with reqId\n", 18},
+        {"for the community", 1, 0xA0, two, "", "Unable to encode snmp_auth\n", 14},
+        {"for anything", 1, 0xA0, two, "", "Unable to encode SNMP message length and sequnce type. !!!\n", 3},
     };
     for (const auto& row : rows) {
         const std::size_t logged = LogText().size();
@@ -103,6 +124,41 @@ TEST_F(SnmpMessage, RequestsAreTheseBytes) {
         EXPECT_EQ(size == row.room ? "" : buffer.substr(0, static_cast<std::size_t>(size)), FromHex(row.hex))
             << row.title;
         EXPECT_NE(LogText().find(row.line, logged), std::string::npos) << row.title;
+    }
+}
+
+TEST_F(SnmpMessage, WhatBuildingDoesBesideTheBytes) {
+    const int mapped[]{0, 1, 2, 3, 4, 5, 2, 3, 3, 3, 3, 2, 3, 5, 2, 2, 2, 2, 2, 5};
+    std::string buffer(100, '\0');
+    const auto build = [&buffer](SnmpPdu& pdu) {
+        std::int32_t size = 100;
+        return CreateSnmpMsgForPdu(reinterpret_cast<std::uint8_t*>(buffer.data()), &size, &pdu);
+    };
+    for (int status = 0; status < 20; ++status) {
+        for (const std::uint8_t command : {command::response, command::getBulk}) {
+            const SnmpPduPtr pdu = PduOf(0, command, {});
+            pdu->errorStatus = status;
+            EXPECT_EQ(build(*pdu), 1);
+            EXPECT_EQ(pdu->errorStatus, command == command::getBulk ? 0 : mapped[status]) << status;
+            EXPECT_EQ(buffer[24], status) << "written before it is mapped or cleared";
+        }
+    }
+    EXPECT_EQ(MapToSNMPv1Error(-1), 5);
+
+    processingHooks.message = [](auto, auto, SnmpPdu* pdu) { return static_cast<std::uint8_t>(pdu->requestId == 1); };
+    const SnmpPduPtr pdu = PduOf(3, command::get, {});
+    for (const auto& [asks, id, built] : {std::tuple(0, 2, 1), {1, 1, 1}, {1, 2, 0}}) {
+        pdu->asksForHook = static_cast<std::uint8_t>(asks);
+        pdu->requestId = id;
+        EXPECT_EQ(build(*pdu), built);
+    }
+    processingHooks = {};
+    EXPECT_EQ(build(*pdu), 1);
+
+    const int levels[]{0, 0, 0, 2, 3, 3, 0};  // of the engine, by the agent's
+    for (int level = -1; level < 7; ++level) {
+        SetToolkitLogLevel(level);
+        EXPECT_EQ(toolkitLogLevel, level < 0 ? 0 : levels[level]) << level;
     }
 }
 
@@ -164,6 +220,7 @@ TEST_F(SnmpMessage, AnswersAreTakenAsTheyCome) {
          1, "0.0=2/4 "},
         {"a request id that is none", withPdu("a20b 040101 020100 020100 3000"), 0, "", "decode reqid\n"},
         {"no error index", withPdu("a206 020101 020100"), 0, "", "Unable to decode errstatus\n"},
+        {"no number for an error index", withPdu("a20b 020101 020100 040100 3000"), 0, "", "decode errindex\n"},
         {"a header of more than there is", FromHex("30 05 02 01 01"), 0, "", "Unable to decode auth header type\n"},
         {"an envelope that tells less than there is", "\x30\5" + answer(0xA2, one).substr(2), 1, good},
         {"an outer item of another kind", withTag(answer(0xA2, one), 0, 0x31), 0, "", "decode auth header type\n"},

@@ -5,6 +5,8 @@
 #include <vector>
 
 #include "snmp/asn.h"
+#include "snmp/narrow_text.h"
+#include "snmp/object_lock.h"
 #include "snmp/oid.h"
 #include "snmp/pdu.h"
 #include "snmp/toolkit_log.h"
@@ -86,6 +88,8 @@ TEST_F(SnmpValues, OidsCompareAsUnsignedNumbersAndAPrefixComesFirst) {
     EXPECT_EQ(CompareOid(a, 3, a, 3), 0);
     EXPECT_EQ(CompareOid(b, 2, a, 3), 1);
     EXPECT_EQ(CompareOid(nullptr, 0, a, 3), -1);
+    EXPECT_EQ(GetOidLength(".1.3.6", 4), 2);
+    EXPECT_EQ(GetOidLength(std::string(65537, '.').c_str(), 65537), 1) << "16 bits";
 }
 
 TEST_F(SnmpValues, WithoutContentThereIsAValueToo) {
@@ -96,6 +100,47 @@ TEST_F(SnmpValues, WithoutContentThereIsAValueToo) {
     EXPECT_EQ(subIds[0], 0u);
     EXPECT_EQ(DecodeOID(Bytes{0x2B, 6, 0x81}.data(), 3, &count), nullptr);
     EXPECT_EQ(count, 0);
+}
+
+TEST_F(SnmpValues, ANullTextIsAllowedEverywhere) {
+    const struct {
+        const char *a, *b;
+        int order;
+    } orders[] = {{nullptr, nullptr, 0}, {nullptr, "", -1}, {"", nullptr, 1},    {"ab", "ab", 0},
+                  {"ab", "abc", -'c'},   {"b", "a", 1},     {"\x80", "\x7f", 1}, {"\x80", "", -128}};
+    for (const auto& row : orders) EXPECT_EQ(CompareText(row.a, row.b), row.order);
+    char buffer[] = "xyz";
+    CopyBytes(buffer, nullptr, 2);
+    EXPECT_EQ(CopyText(buffer, nullptr), nullptr);
+    EXPECT_STREQ(buffer, "xyz");
+    EXPECT_STREQ(CopyText(buffer, "ab"), "ab");
+    EXPECT_EQ(TextLength(buffer) + TextLength(nullptr), 2);
+    EXPECT_STREQ(FindCharacter("a.b.c", '.'), ".b.c");
+    EXPECT_EQ(FindCharacter(nullptr, '.'), nullptr);
+    NarrowText copy = std::make_unique<char[]>(1);
+    EXPECT_EQ(AllocateAndCopyString(copy, nullptr), 1);
+    EXPECT_EQ(copy, nullptr);
+
+    const struct {
+        const char* text;
+        std::int32_t length;
+        std::vector<std::string> tokens;
+        char blank;
+    } rows[] = {{"a,bc,,d", 7, {"a", "bc", "", "d"}, 0},
+                {"\ta, b,", 3, {"\ta", ""}, '\t'},
+                {"a\v \r,", 5, {"a\v \r", ""}, '\v'},
+                {"x\ny", 3, {"x\ny"}, 0},
+                {"", 0, {""}, 0},
+                {nullptr, 3, {}, 0}};
+    for (const auto& row : rows) {
+        std::int32_t count = -1;
+        std::unique_ptr<std::int32_t[]> lengths;
+        char** tokens = SplitString(row.text, row.length, ',', &count, lengths);
+        EXPECT_EQ(std::vector<std::string>(tokens, tokens + count), row.tokens);
+        for (std::int32_t i = 0; i < count; ++i) EXPECT_EQ(lengths.get()[i], TextLength(tokens[i]));
+        FreeStringArray(tokens, count);
+        EXPECT_EQ(ParseDelimiter(row.text, row.length), row.blank);
+    }
 }
 
 TEST_F(SnmpValues, VariablesAreCopiedOrChangeHands) {
@@ -128,10 +173,35 @@ TEST_F(SnmpValues, VariablesAreCopiedOrChangeHands) {
     EXPECT_EQ(ElementAt(target.get(), 0), nullptr);
     CopyVarBind(target.get(), source.get(), 1);  // its tail was a node of before
     EXPECT_EQ(At(target.get(), 0).position, 1);
+    for (const int number : {0, 2, 4}) CopyVarBinds(target.get(), source.get(), number);
+    CopyVarBinds(target.get(), target.get(), 3);
     TakeVarBinds(target.get(), source.get());
     EXPECT_EQ(source->count, 0);
-    EXPECT_EQ(target->count, 4);
-    EXPECT_EQ(At(target.get(), 3).received, 1);
+    ASSERT_EQ(target->count, 7);
+    texts.clear();
+    for (std::int32_t i = 0; i < 7; ++i) texts += std::to_string(At(target.get(), i).position);
+    EXPECT_EQ(texts, "1233123") << "that from 2 on, that from 3 on, all";
+    EXPECT_EQ(At(target.get(), 6).received, 1);
+}
+
+TEST_F(SnmpValues, AListWithAnOrderTakesEachElementOnceInItsPlace) {
+    const auto number = [](const TkVectorNode* node) { return *static_cast<const int*>(node->data); };
+    static const auto order = +[](const TkVectorNode* a, const TkVectorNode* b) {
+        const int left = *static_cast<const int*>(a->data), right = *static_cast<const int*>(b->data);
+        return static_cast<std::int8_t>(left < right ? -1 : left > right);
+    };
+    int numbers[50];
+    TkVector list{};
+    InitVector(&list, order);
+    for (int i = 0; i < 50; ++i) {
+        numbers[i] = i * 37 % 50;
+        ASSERT_EQ(AddElement(&list, new TkVectorNode{&numbers[i], nullptr}), 1);
+        TkVectorNode again{&numbers[i / 2], nullptr};
+        ASSERT_EQ(AddElement(&list, &again), 0);
+    }
+    for (std::int32_t i = 0; i < list.count; ++i) ASSERT_EQ(number(ElementAt(&list, i)), i);
+    EXPECT_EQ(number(list.tail), 49);
+    FreeVector(&list);
 }
 
 TEST_F(SnmpValues, APduTakesOverTheVariablesInEveryCase) {
@@ -180,6 +250,12 @@ TEST_F(SnmpValues, AWaiterSleepsLongerEachTime) {
     EXPECT_FALSE(Logged("Alert!"));
     UnsynchronizeResource(&list);
     EXPECT_TRUE(Logged("Alert! something went wrong...\n"));
+    SynchronizeResource(&list);
+    clock.advanceMilliseconds(301 * 1000);
+    EXPECT_EQ(HandleResource(nullptr, LockOperation::purge), 1);
+    EXPECT_EQ(HandleResource(&list, LockOperation::lock), 1) << "the lost lock is gone";
+    EXPECT_EQ(SynchronizeObject(&list), 2);
+    EXPECT_EQ(UnsynchronizeObject(&list), 4);
 }
 
 }  // namespace
