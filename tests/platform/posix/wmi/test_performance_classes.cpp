@@ -1,7 +1,7 @@
-// Performance classes: how figures come of counters, how samples are kept, and the figures of this machine.
+// Performance classes: how figures come of counters, how samples are kept, and the figures of this machine and its
+// processes, those of Win32_Process too.
 #include <chrono>
 #include <csignal>
-#include <cstdio>
 #include <fcntl.h>
 #include <filesystem>
 #include <fmt/format.h>
@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 #include <map>
 #include <set>
+#include <sstream>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -16,9 +17,11 @@
 #include <unistd.h>
 
 #include "platform/backend.h"
+#include "platform/posix/wmi/cim_value.h"
 #include "platform/posix/wmi/class_tree.h"
 #include "platform/posix/wmi_classes/perf_class.h"
 #include "platform/posix/wmi_classes/perf_texts.h"
+#include "tests/support/posix/command_output.h"
 #include "tests/support/wmi_query.h"
 
 namespace kv::test {
@@ -280,10 +283,10 @@ class PerformanceOfThisMachine : public ::testing::Test {
             "-v OFMT=%.0f -v CONVFMT=%.0f \"$@\"; }; cd " +
             folder.string() + ";";
         Texts numbers;
-        FILE* const pipe = popen((before + commands).c_str(), "r");
-        if (pipe == nullptr) return numbers;
-        for (char name[64], number[32]; std::fscanf(pipe, "%63s %31s", name, number) == 2;) numbers[name] = number;
-        EXPECT_EQ(pclose(pipe), 0) << commands;
+        int status = 0;
+        std::istringstream output(OutputOf(before + commands, &status));
+        for (std::string name, number; output >> name >> number;) numbers[name] = number;
+        EXPECT_EQ(status, 0) << commands;
         return numbers;
     }
 
@@ -303,7 +306,7 @@ class PerformanceOfThisMachine : public ::testing::Test {
         std::set<std::string> passed;
         for (int attempt = 0; attempt < 40 && !failures.empty(); ++attempt) {
             copy(files, folder / "before");
-            WmiRow found = firstOf("SELECT * FROM Win32_Perf" + from);
+            WmiRow found = firstOf("SELECT * FROM Win32_" + from);
             copy(files, folder / "after");
             Texts after = numbersOf(folder / "after", commands);
             if (!after.empty()) failures.clear();
@@ -324,14 +327,14 @@ TEST_F(PerformanceOfThisMachine, IsWhatItsFilesTell) {
         const char* commands;
     } rows[] = {
         // A query runs on a thread of its own.
-        {"FormattedData_PerfOS_System", {"/proc/uptime", "/proc/loadavg", "/proc"}, R"(
+        {"PerfFormattedData_PerfOS_System", {"/proc/uptime", "/proc/loadavg", "/proc"}, R"(
             f '{print "SystemUpTime", int($1 + 0.5)}' uptime; f -F '[ /]' '{print "Threads", $5 + 1}' loadavg
             f -F '/' '$3 ~ /^[0-9]/ {++n} END {print "Processes", n}' proc)"},
-        {"RawData_PerfOS_System", {"/proc/stat"}, R"(f '/^ctxt/ {print "ContextSwitchesPersec", $2}' stat)"},
-        {"RawData_PerfOS_Memory", {"/proc/vmstat"}, R"(f '/^pgfault / {print "PageFaultsPersec", $2}
+        {"PerfRawData_PerfOS_System", {"/proc/stat"}, R"(f '/^ctxt/ {print "ContextSwitchesPersec", $2}' stat)"},
+        {"PerfRawData_PerfOS_Memory", {"/proc/vmstat"}, R"(f '/^pgfault / {print "PageFaultsPersec", $2}
             /^pgmajfault / {print "PageReadsPersec", $2} /^pgpgin / {print "PagesInputPersec", int($2 * 1024 / page)}
             /^pgpgout / {print "PagesOutputPersec", int($2 * 1024 / page)}' vmstat)"},
-        {"FormattedData_PerfOS_Memory", {"/proc/meminfo", "/proc/sys/vm/overcommit_memory"}, R"(
+        {"PerfFormattedData_PerfOS_Memory", {"/proc/meminfo", "/proc/sys/vm/overcommit_memory"}, R"(
             f '{v[$1] = $2 * 1024} NF == 1 {strict = $1 == 2} END {
             a = v["MemAvailable:"]; print "AvailableBytes", a "\nAvailableKBytes", a / 1024
             print "AvailableMBytes", int(a / 1048576) "\nCommittedBytes", v["Committed_AS:"]
@@ -340,13 +343,13 @@ TEST_F(PerformanceOfThisMachine, IsWhatItsFilesTell) {
             print "PoolPagedBytes", v["SReclaimable:"] "\nModifiedPageListBytes", v["Dirty:"] + v["Writeback:"]
             print "CommitLimit", strict ? v["CommitLimit:"] : v["MemTotal:"] + v["SwapTotal:"]
             }' meminfo overcommit_memory)"},
-        {"RawData_PerfOS_Processor WHERE Name = '0'", {"/proc/stat", "/proc/interrupts", "/proc/softirqs"}, R"(
+        {"PerfRawData_PerfOS_Processor WHERE Name = '0'", {"/proc/stat", "/proc/interrupts", "/proc/softirqs"}, R"(
             f '/^cpu0 / {print "PercentIdleTime", ($5 + $6) * tick; print "PercentProcessorTime", ($5 + $6) * tick
             print "PercentPrivilegedTime", ($4 + $7 + $8) * tick; print "PercentInterruptTime", $7 * tick
             print "PercentDPCTime", $8 * tick; print "PercentUserTime", ($2 + $3) * tick}' stat
             f 'NR == 1 {n = NF} NR > 1 && NF > n {s += $2} END {print "InterruptsPersec", s}' interrupts
             f 'NR == 1 {n = NF} NR > 1 && NF > n {s += $2} END {print "DPCsQueuedPersec", s}' softirqs)"},
-        {"RawData_PerfDisk_LogicalDisk WHERE Name = '/'", {}, R"(f '{m = 1048576; print "FreeMegabytes", int($2 / m)
+        {"PerfRawData_PerfDisk_LogicalDisk WHERE Name = '/'", {}, R"(f '{m = 1048576; print "FreeMegabytes", int($2 / m)
             print "PercentFreeSpace", int($2 / m); print "PercentFreeSpace_Base", int(($1 + $2) / m)}' space)"},
     };
     for (const auto& row : rows) expectBetween(row.from, row.files, row.commands);
@@ -363,7 +366,7 @@ TEST_F(PerformanceOfThisMachine, OfDisksAndInterfacesIsWhatTheirFilesTell) {
         if (name == "_Total") continue;
         EXPECT_EQ(numberIn(row, "PercentIdleTime") + numberIn(row, "PercentDiskTime"),
                   numberIn(row, "Timestamp_PerfTime"));
-        expectBetween("RawData_PerfDisk_PhysicalDisk WHERE Name = '" + name + "'", {"/proc/diskstats"},
+        expectBetween("PerfRawData_PerfDisk_PhysicalDisk WHERE Name = '" + name + "'", {"/proc/diskstats"},
                       "f -v name=" + name.substr(name.find(' ') + 1) + R"( '$3 == name {print "DiskReadsPersec", $4
             print "DiskReadBytesPersec", $6 * 512; print "PercentDiskReadTime", $7 * 10000
             print "DiskWritesPersec", $8; print "DiskWriteBytesPersec", $10 * 512
@@ -378,7 +381,7 @@ TEST_F(PerformanceOfThisMachine, OfDisksAndInterfacesIsWhatTheirFilesTell) {
               numbersOf("/proc/net", "f 'NR > 2 && !/^ *lo:/ {++n} END {print \"rows\", n + 0}' dev")["rows"]);
     for (const WmiRow& row : interfaces.rows) {
         const std::string name = TextOf(row, "Name");
-        expectBetween("RawData_Tcpip_NetworkInterface WHERE Name = '" + name + "'",
+        expectBetween("PerfRawData_Tcpip_NetworkInterface WHERE Name = '" + name + "'",
                       {"/proc/net/dev", "/sys/class/net/" + name + "/speed"}, "n='" + name + R"('
             f -v name="$n" -F '[: ]+' 'sub(/^ */, "") && $1 == name {print "BytesReceivedPersec", $2
             print "PacketsReceivedPersec", $3 "\nPacketsReceivedErrors", $4 "\nPacketsReceivedDiscarded", $5
@@ -394,7 +397,7 @@ TEST_F(PerformanceOfThisMachine, OfDisksAndInterfacesIsWhatTheirFilesTell) {
 struct Child {
     pid_t id = 0;
 
-    Child(const char* name, bool writes) {
+    explicit Child(const char* name, bool writes = false) {
         char ownName[16] = {};
         prctl(PR_GET_NAME, ownName);
         prctl(PR_SET_NAME, name);  // for the child, from its first moment on
@@ -412,20 +415,26 @@ struct Child {
         kill(id, SIGKILL);
         waitpid(id, nullptr, 0);
     }
+    /// Stops or ends it, and does not reap it.
+    void signal(int number) const {
+        siginfo_t info;
+        kill(id, number);
+        waitid(P_PID, static_cast<id_t>(id), &info, WEXITED | WSTOPPED | WNOWAIT);
+    }
 };
 
 TEST_F(PerformanceOfThisMachine, OfABusyProcessIsWhatItDid) {
-    const auto ask = [](const char* kind, pid_t id) {
-        return firstOf(fmt::format("SELECT * FROM Win32_Perf{}_PerfProc_Process WHERE IDProcess = {}", kind, id));
-    };
     const Child busy("busy", true);
-    const WmiRow earliest = ask("RawData", busy.id);
-    EXPECT_EQ(numberIn(ask("FormattedData", busy.id), "CreatingProcessID"), getpid());
-    const WmiRow early = ask("RawData", busy.id);
+    const auto ask = [&busy](const char* kind) {
+        return firstOf(fmt::format("SELECT * FROM Win32_Perf{}_PerfProc_Process WHERE IDProcess = {}", kind, busy.id));
+    };
+    const WmiRow earliest = ask("RawData");
+    EXPECT_EQ(numberIn(ask("FormattedData"), "CreatingProcessID"), getpid());
+    const WmiRow early = ask("RawData");
     std::this_thread::sleep_for(std::chrono::seconds(1));
-    const WmiRow late = ask("RawData", busy.id);
-    const WmiRow figures = ask("FormattedData", busy.id);
-    const WmiRow latest = ask("RawData", busy.id);
+    const WmiRow late = ask("RawData");
+    const WmiRow figures = ask("FormattedData");
+    const WmiRow latest = ask("RawData");
     const auto growth = [](const WmiRow& from, const WmiRow& to, const char* name) {
         return numberIn(to, name) - numberIn(from, name);
     };
@@ -438,10 +447,10 @@ TEST_F(PerformanceOfThisMachine, OfABusyProcessIsWhatItDid) {
         EXPECT_GE(numberIn(figures, name) + 0.5, growth(early, late, name) * factor / longest) << name;
         EXPECT_LE(numberIn(figures, name) - 0.5, growth(earliest, latest, name) * factor / shortest) << name;
     }
-    kill(busy.id, SIGSTOP);
-    const std::string folder = "/proc/" + std::to_string(busy.id);
-    expectBetween(fmt::format("RawData_PerfProc_Process WHERE IDProcess = {}", busy.id),
-                  {folder + "/stat", folder + "/status", folder + "/io", folder + "/fd"}, R"(
+    busy.signal(SIGSTOP);
+    const std::string folder = fmt::format("/proc/{}/", busy.id);
+    const Paths files{folder + "stat", folder + "status", folder + "io", folder + "fd"};
+    expectBetween(fmt::format("PerfRawData_PerfProc_Process WHERE IDProcess = {}", busy.id), files, R"(
         f '{print "IDProcess", $1 "\nCreatingProcessID", $4 "\nPageFaultsPersec", $10 + $12
         print "PercentUserTime", $14 * tick; print "PercentPrivilegedTime", $15 * tick; print "ThreadCount", $20
         print "PercentProcessorTime", ($14 + $15) * tick "\nVirtualBytes", $23 "\nWorkingSet", $24 * page}' stat
@@ -450,10 +459,38 @@ TEST_F(PerformanceOfThisMachine, OfABusyProcessIsWhatItDid) {
         f '{v[$1] = $2} END {print "IOReadBytesPersec", v["rchar:"] "\nIOWriteBytesPersec", v["wchar:"]
         print "IOReadOperationsPersec", v["syscr:"] "\nIOWriteOperationsPersec", v["syscw:"]}' io
         f 'END {print "HandleCount", NR}' fd)");
+    expectBetween(fmt::format("Process WHERE ProcessId = {}", busy.id), files, R"(
+        f '{print "ProcessId", $1 "\nParentProcessId", $4 "\nSessionId", $6 "\nPageFaults", $10 + $12
+        print "UserModeTime", $14 * tick "\nKernelModeTime", $15 * tick "\nThreadCount", $20
+        print "VirtualSize", $23 "\nWorkingSetSize", $24 * page}' stat
+        f '{v[$1] = $2} END {print "PeakVirtualSize", v["VmPeak:"] * 1024 "\nPeakWorkingSetSize", v["VmHWM:"]
+        kb = v["RssAnon:"] + v["VmSwap:"]; print "PageFileUsage", kb "\nPrivatePageCount", kb * 1024}' status
+        f '{v[$1] = $2} END {print "ReadTransferCount", v["rchar:"] "\nWriteTransferCount", v["wchar:"]
+        print "ReadOperationCount", v["syscr:"] "\nWriteOperationCount", v["syscw:"]}' io
+        f 'END {print "HandleCount", NR}' fd)");
+}
+
+TEST_F(PerformanceOfThisMachine, HasTheProcessesOfPs) {
+    for (const int end : {SIGSTOP, SIGKILL}) {
+        const Child child("odd) S (na me");
+        child.signal(end);
+        const WmiRow row = firstOf(fmt::format("SELECT * FROM Win32_Process WHERE ProcessId = {}", child.id));
+        std::string texts;
+        for (const char* name : {"Handle", "ParentProcessId", "ExecutionState", "Name"})
+            texts += ' ' + TextOf(row, name);
+        const char* const ps =
+            "ps -o pid=,ppid=,state=,comm= -p {} | sed 's/ T / 8 /; s/ Z / 7 /; s/<.*//' | xargs echo ''";
+        EXPECT_EQ(texts + '\n', OutputOf(fmt::format(fmt::runtime(ps), child.id)));
+        EXPECT_EQ(TextOf(row, "CommandLine") == "NULL", end == SIGKILL);
+        EXPECT_EQ(TextOf(row, "ExecutablePath") + '\n',
+                  OutputOf(fmt::format("readlink /proc/{}/exe || echo NULL", child.id)));
+        const auto created = MicrosecondsOfDmtf(WideFromUtf8(TextOf(row, "CreationDate")));
+        EXPECT_NEAR(static_cast<double>(created.value_or(0)) / 1e6, static_cast<double>(time(nullptr)), 10);
+    }
 }
 
 TEST_F(PerformanceOfThisMachine, TotalsAreLastAndNamesAreUnique) {
-    const Child children[] = {{"_Total", false}, {"_Total#1", false}, {"_Total", false}};
+    const Child children[] = {Child("_Total"), Child("_Total#1"), Child("_Total")};
     const std::pair<const char*, const char*> sums[] = {{"PerfProc_Process", "ThreadCount"},
                                                         {"PerfDisk_LogicalDisk", "FreeMegabytes"},
                                                         {"PerfDisk_PhysicalDisk", "CurrentDiskQueueLength"}};

@@ -1,13 +1,9 @@
-// Win32_Process against ps and this process's own doings, Win32_Service against a fake manager.
+// What Win32_Process reads and how it takes that apart, and Win32_Service against a fake manager.
 #include <atomic>
 #include <csignal>
-#include <fcntl.h>
-#include <filesystem>
 #include <fmt/format.h>
 #include <fnmatch.h>
 #include <gtest/gtest.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
 #include <thread>
 #include <tuple>
 #include <unistd.h>
@@ -85,79 +81,6 @@ TEST(ProcessTexts, OtherFiles) {
         stat.name = kernelName;
         EXPECT_EQ(ExecutableNameOf(stat, arguments), name) << title;
     }
-}
-
-/// A child that holds some memory and waits, or has ended and waits to be reaped.
-class Child {
-  public:
-    explicit Child(bool ended) : id(fork()) {
-        if (id == 0) {
-            prctl(PR_SET_NAME, "odd) S (na me");
-            prctl(PR_SET_PDEATHSIG, SIGKILL);
-            const std::string held(32 << 20, 'x');
-            raise(held.back() == 'x' && ended ? SIGKILL : SIGSTOP);
-        }
-        siginfo_t info;
-        waitid(P_PID, static_cast<id_t>(id), &info, WEXITED | WSTOPPED | WNOWAIT);
-    }
-    ~Child() {
-        kill(id, SIGKILL);
-        waitpid(id, nullptr, 0);
-    }
-    pid_t id;
-};
-
-std::string OutputOf(const std::string& command) {
-    std::FILE* pipe = popen(command.c_str(), "r");
-    std::string text(4096, '\0');
-    text.resize(std::fread(text.data(), 1, text.size(), pipe));
-    pclose(pipe);
-    return text;
-}
-
-WmiRow RowOf(pid_t id) {
-    InstallBackend();
-    const WmiResult result = RunWmiQuery(fmt::format("SELECT * FROM Win32_Process WHERE ProcessId = {}", id));
-    EXPECT_EQ(result.rows.size(), 1u);
-    return result.rows.empty() ? WmiRow() : result.rows[0];
-}
-
-TEST(WmiProcesses, AreThoseOfPs) {
-    const Child waiting(false);
-    const Child ended(true);
-    for (const Child* child : {&waiting, &ended}) {
-        const WmiRow row = RowOf(child->id);
-        const bool isEnded = child == &ended;
-        const std::string ps = "ps -o pid=,ppid=,comm= -p {} | tr -s ' ' | sed 's/^ //; s/ <defunct>//'";
-        EXPECT_EQ(OutputOf(fmt::format(fmt::runtime(ps), child->id)),
-                  TextOf(row, "Handle") + " " + TextOf(row, "ParentProcessId") + " " + TextOf(row, "Name") + "\n");
-        const double kilobytes = std::stod(OutputOf(fmt::format("ps -o rss= -p {}", child->id)));
-        EXPECT_NEAR(std::stod(TextOf(row, "WorkingSetSize")) / 1024, kilobytes, 2048);
-        EXPECT_EQ(TextOf(row, "ExecutionState"), isEnded ? "7" : "8");
-        EXPECT_EQ(TextOf(row, "CommandLine") == "NULL", isEnded);
-        EXPECT_GE(std::stol(TextOf(row, "PrivatePageCount")), isEnded ? 0 : 32 << 20);
-        EXPECT_LE(std::stol(TextOf(row, "PageFileUsage")), kilobytes + 2048);
-        const auto created = MicrosecondsOfDmtf(WideFromUtf8(TextOf(row, "CreationDate")));
-        EXPECT_NEAR(static_cast<double>(created.value_or(0)) / 1e6, static_cast<double>(time(nullptr)), 10);
-    }
-}
-
-TEST(WmiProcesses, FiguresFollowWhatAProcessDoes) {
-    const WmiRow before = RowOf(getpid());
-    const int file = open("/dev/null", O_WRONLY);
-    const std::string bytes(1 << 20, 'x');
-    EXPECT_EQ(write(file, bytes.data(), bytes.size()), 1 << 20);
-    const WmiRow after = RowOf(getpid());
-    close(file);
-    const auto growth = [&](const char* name) {
-        return std::stol(TextOf(after, name)) - std::stol(TextOf(before, name));
-    };
-    EXPECT_EQ(growth("HandleCount"), 1);
-    // Sanitizers write a little of their own.
-    EXPECT_NEAR(static_cast<double>(growth("WriteTransferCount")), 1 << 20, 4096);
-    EXPECT_NEAR(static_cast<double>(growth("WriteOperationCount")), 1, 10);
-    EXPECT_EQ(TextOf(after, "CreationDate"), TextOf(before, "CreationDate"));
-    EXPECT_EQ(TextOf(after, "ExecutablePath"), std::filesystem::read_symlink("/proc/self/exe"));
 }
 
 /// What the class hands over by itself, before the rows that do not match are dropped.
