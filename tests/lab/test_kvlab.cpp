@@ -64,11 +64,7 @@ TEST_F(Kvlab, ExitCodesAndWords) {
     NoteContact(store, "K1", "");
     const std::string on = " --database '" + database + "'";
     Write(folder / "plan", "{ \"WorkFlows\": 1 }");
-    const struct {
-        std::string words;
-        int exitCode;
-        const char* text;
-    } rows[] = {
+    const std::tuple<std::string, int, const char*> rows[] = {
         {"--help", 0, "usage: kvlab serve"},
         {"fault clear" + on, 0, ""},
         {"request add --agent K1 --type T --set =x" + on, 2, "NAME=VALUE"},
@@ -85,14 +81,14 @@ TEST_F(Kvlab, ExitCodesAndWords) {
         {"serve --listen 192.0.2.1" + on, 1, "cannot listen on 192.0.2.1"},
         {"serve --tls no.pem no.key" + on, 1, "no.pem"},
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.words);
-        Program program = Run(row.words);
+    for (const auto& [words, exitCode, text] : rows) {
+        SCOPED_TRACE(words);
+        Program program = Run(words);
         const std::string output = program.Output();
-        EXPECT_EQ(program.ExitCode(), row.exitCode);
-        EXPECT_THAT(row.exitCode == 0 ? output : Errors(), HasSubstr(row.text));
+        EXPECT_EQ(program.ExitCode(), exitCode);
+        EXPECT_THAT(exitCode == 0 ? output : Errors(), HasSubstr(text));
         const std::string lines = Errors();
-        EXPECT_EQ(std::count(lines.begin(), lines.end(), '\n'), row.exitCode == 0 ? 0 : 1) << lines;
+        EXPECT_EQ(std::count(lines.begin(), lines.end(), '\n'), exitCode == 0 ? 0 : 1) << lines;
     }
     EXPECT_FALSE(std::filesystem::exists(folder / "absent.db"));
 }
@@ -165,11 +161,7 @@ TEST_F(Requests, LifeStories) {
         {"delete", {"K1", "DELETE_DEVICE", "", {}}},
         {"odd", {"K1", "NOTHING_KNOWN", "", {}}},
     };
-    const struct {
-        const char* title;
-        const char* steps;  // a kind to add, a list, or a report and the place of its request among the row's
-        const char* states;
-    } rows[] = {
+    const std::tuple<const char*, const char*, const char*> rows[] = {
         {"nothing is done before it is listed", "test delete", "waiting waiting "},
         {"past those in front, not those behind", "delete test odd list answer 2", "done answered listed "},
         {"not past those of another list", "delete list test answer 2", "listed answered "},
@@ -186,11 +178,12 @@ TEST_F(Requests, LifeStories) {
         {"a notice is no answer to a test", "plan test list notice 2", "answered listed "},
         {"an answer to nothing", "test test list answer 9", "listed listed "},
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.title);
+    // a step: a kind to add, a list, or a report and the place of its request among the row's
+    for (const auto& [title, story, states] : rows) {
+        SCOPED_TRACE(title);
         ExecuteScript(store.connection.get(), "DELETE FROM request");
         std::vector<std::string> ids;
-        std::istringstream steps(row.steps);
+        std::istringstream steps(story);
         for (std::string step; steps >> step;) {
             if (step == "cut") AddFault(store, {0, "DataAgentHandlerServlet", FaultKind::cut, 0, 1});
             if (step == "status") AddFault(store, {0, "*", FaultKind::status, 503, 1});
@@ -205,7 +198,7 @@ TEST_F(Requests, LifeStories) {
                 List();
             }
         }
-        EXPECT_EQ(States(), row.states);
+        EXPECT_EQ(States(), states);
     }
 }
 

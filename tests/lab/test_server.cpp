@@ -33,18 +33,14 @@ class LabServing : public Lab {
 };
 
 TEST_F(LabServing, EnrolmentGivesConfirmsAndRemembersKeys) {
-    const struct {
-        const char* title;
-        const char* query;
-        const char* key;
-    } rows[] = {
+    const std::tuple<const char*, const char*, const char*> rows[] = {
         {"first agent", "agentKey=HUBCENTER&agentID=one&agentDNS=one.example", "LAB1"},
         {"the same name in another domain", "agentKey=hubcenter&agentID=one&agentDNS=one.elsewhere", "LAB2"},
         {"the first again, its key lost", "agentKey=HUBCENTER&agentID=one&agentDNS=one.example", "LAB1"},
         {"a key that is next in line", "agentKey=LAB3&agentID=four&agentDNS=four.example", "LAB3"},
         {"a new one steps over it", "agentKey=HUBCENTER&agentID=five&agentDNS=five.example", "LAB4"},
     };
-    for (const auto& row : rows) EXPECT_EQ(Enrol(row.query), row.key) << row.title;
+    for (const auto& [title, query, key] : rows) EXPECT_EQ(Enrol(query), key) << title;
     EXPECT_EQ(Get("/servlets/RegisterAgent?agentKey=a%0D%0AEvil:%201")->status, 400) << "no key at all";
     EXPECT_EQ(Agents(store).size(), 4U);
 }
@@ -100,24 +96,19 @@ TEST_F(LabServing, WhatIsMalformedIsRefusedAndShown) {
     badCrc[badCrc.find("Agent_LAB1_2.txt") + 20] ^= 1;
     std::string otherLocalName = goodZip;
     otherLocalName[otherLocalName.find("Agent_LAB1_3.txt")] = 'X';
-    const struct {
-        const char* title;
-        const char* query;
-        std::string body;
-        const char* reason;
-    } rows[] = {
+    const std::tuple<const char*, const char*, std::string, const char*> rows[] = {
         {"a key with a blank", "AGENTKEY=a%20b&FILENAME=a.zip", goodZip, "the parameter AGENTKEY is no agent key\n"},
         {"directory and entry differ", goodQuery, otherLocalName, "the body is not a good zip: "},
         {"a bit flipped in the data", goodQuery, badCrc, "the entry data/Agent_LAB1_2.txt cannot be read: "},
         {"a bomb", goodQuery, MakeArchive({{"ok.txt", WideBytes("1")}, {"bomb.txt", std::string(65 << 20, 'x')}}),
          "the entry bomb.txt unpacks to too much\n"},
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.title);
-        const httplib::Result answer = Upload(client, row.query, row.body);
+    for (const auto& [title, query, body, reason] : rows) {
+        SCOPED_TRACE(title);
+        const httplib::Result answer = Upload(client, query, body);
         ASSERT_TRUE(answer);
         EXPECT_EQ(answer->status, 400);
-        EXPECT_THAT(answer->body, ::testing::StartsWith(row.reason));
+        EXPECT_THAT(answer->body, ::testing::StartsWith(reason));
         EXPECT_EQ(std::count(answer->body.begin(), answer->body.end(), '\n'), 1);
         EXPECT_THAT(Page(), HasSubstr(Escape(answer->body.substr(0, answer->body.size() - 1))));
     }

@@ -20,12 +20,7 @@ using ::testing::StartsWith;
 
 TEST_F(Kvreg, CommandsInTheirOrder) {
     const std::string missing = Utf8(folder / "missing" / "x.reg");
-    const struct {
-        Words words;
-        int exitCode;
-        const char* output;
-        const char* errors;  // a part of it
-    } rows[] = {
+    const std::tuple<Words, int, const char*, const char*> rows[] = {
         {{"get", "Software\\KvregTest", "v"}, 3, "", "there is no value v in HKEY_LOCAL_MACHINE\\Software\\KvregTest"},
         {{"set", "Software\\KvregTest", "v", "some text"}, 0, "", ""},
         {{"get", "HKLM\\software\\kvregtest\\", "V"}, 0, "some text\n", ""},
@@ -60,13 +55,13 @@ TEST_F(Kvreg, CommandsInTheirOrder) {
         {{"set", "A", "b\nc", "d"}, 2, "", "cannot name a value"},
         {{"delete", "HKLM"}, 2, "", "root itself"},
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(::testing::PrintToString(row.words));
-        const Outcome outcome = Run(row.words);
-        EXPECT_EQ(outcome.exitCode, row.exitCode);
-        EXPECT_EQ(outcome.output, row.output);
-        EXPECT_THAT(outcome.errors, HasSubstr(row.errors));
-        EXPECT_EQ(std::count(outcome.errors.begin(), outcome.errors.end(), '\n'), row.exitCode == 0 ? 0 : 1);
+    for (const auto& [words, exitCode, output, errors] : rows) {
+        SCOPED_TRACE(::testing::PrintToString(words));
+        const Outcome outcome = Run(words);
+        EXPECT_EQ(outcome.exitCode, exitCode);
+        EXPECT_EQ(outcome.output, output);
+        EXPECT_THAT(outcome.errors, HasSubstr(errors));
+        EXPECT_EQ(std::count(outcome.errors.begin(), outcome.errors.end(), '\n'), exitCode == 0 ? 0 : 1);
     }
     EXPECT_THAT(Run({"set", "--help"}).output, HasSubstr("kvreg set KEY NAME DATA --dword"));
 }

@@ -30,11 +30,7 @@ std::string Printed(const RegFile& file) {
 }
 
 TEST(RegFile, WhatIsReadIsWrittenAgain) {
-    const struct {
-        const char* title;
-        std::string line;
-        std::string printed;  // empty: as it was read
-    } rows[] = {
+    const std::tuple<const char*, std::string, std::string> rows[] = {
         {"default value", R"(@="data")", ""},
         {"escapes", R"("a\\b\"c"="d:\\e \"f\"")", ""},
         {"text over two lines", "\"a\"=\"b\nc\"", R"("a"=hex(1):62,00,0a,00,63,00,00,00)"},
@@ -54,10 +50,11 @@ TEST(RegFile, WhatIsReadIsWrittenAgain) {
          "\n[HKEY_LOCAL_MACHINE\\A]\n\n[-HKEY_LOCAL_MACHINE\\B\\C]\n\n[HKEY_LOCAL_MACHINE]\n"
          "\n[HKEY_LOCAL_MACHINE\\odd]name]"},
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.title);
-        const std::string text = header + "\n" + key + row.line + "\n\n";
-        const std::string printed = "\n" + key + (row.printed.empty() ? row.line : row.printed) + "\n\n";
+    // with an empty text the line is printed as it was read
+    for (const auto& [title, line, other] : rows) {
+        SCOPED_TRACE(title);
+        const std::string text = header + "\n" + key + line + "\n\n";
+        const std::string printed = "\n" + key + (other.empty() ? line : other) + "\n\n";
         RegFile file;
         RegFileError error;
         for (const std::string& form : {text, Utf16(text), BigEndian(Utf16(text)), "\xEF\xBB\xBF" + text}) {
@@ -68,12 +65,7 @@ TEST(RegFile, WhatIsReadIsWrittenAgain) {
 }
 
 TEST(RegFile, MalformedFilesAreRefusedWithTheirLine) {
-    const struct {
-        const char* title;
-        std::string bytes;
-        std::size_t line;
-        const char* message;  // a part of it
-    } rows[] = {
+    const std::tuple<const char*, std::string, std::size_t, const char*> rows[] = {
         {"no line of the format", header + key + "what?\n", 3, "a line must be"},
         {"value under a deleted key", header + "[-HKLM\\K]\n\"a\"=\"b\"\n", 3, "to be deleted"},
         {"another root", header + "\n\n[HKEY_CURRENT_USER\\Software]\n", 4, "not 'HKEY_CURRENT_USER'"},
@@ -92,13 +84,13 @@ TEST(RegFile, MalformedFilesAreRefusedWithTheirLine) {
         {"half a pair as a name", Utf16(header + key) + std::string("\"\0\0\xD8\"\0=\0-\0", 10), 3, ""},
         {"UTF-16 without its mark", Utf16(header).substr(2), 1, ""},
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.title);
+    for (const auto& [title, bytes, line, message] : rows) {
+        SCOPED_TRACE(title);
         RegFile file;
         RegFileError error;
-        EXPECT_FALSE(ParseRegFile(row.bytes, file, error));
-        EXPECT_EQ(error.line, row.line) << error.message;
-        EXPECT_NE(error.message.find(row.message), std::string::npos) << error.message;
+        EXPECT_FALSE(ParseRegFile(bytes, file, error));
+        EXPECT_EQ(error.line, line) << error.message;
+        EXPECT_NE(error.message.find(message), std::string::npos) << error.message;
         EXPECT_TRUE(file.empty());
     }
 }

@@ -128,33 +128,29 @@ TEST_F(RegistryFile, AWriterKilledAtAnyMomentLosesNothingItHasBeenToldIsStored) 
 }
 
 TEST_F(RegistryFile, ALockIsWaitedForAndThenGivenUp) {
-    const struct {
-        const char* title;
-        const char* lock;
-        Error read;
-    } rows[] = {
+    const std::tuple<const char*, const char*, Error> rows[] = {
         {"everything", "PRAGMA locking_mode = EXCLUSIVE; BEGIN EXCLUSIVE", error::busy},
         // A file without its log must be switched before a write, which a reader prevents.
         {"the switch to the log", "PRAGMA journal_mode = DELETE; BEGIN; SELECT * FROM key", error::success},
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.title);
+    for (const auto& [title, lock, read] : rows) {
+        SCOPED_TRACE(title);
         ASSERT_EQ(SetBytes(u"K", u"v", "1"), error::success);
         CloseRegistry();
         sqlite3* holder = nullptr;
         ASSERT_EQ(sqlite3_open(file.c_str(), &holder), SQLITE_OK);
-        ASSERT_EQ(sqlite3_exec(holder, row.lock, nullptr, nullptr, nullptr), SQLITE_OK);
+        ASSERT_EQ(sqlite3_exec(holder, lock, nullptr, nullptr, nullptr), SQLITE_OK);
         VirtualClock clock;
         RegistryKey key = 0;
         std::vector<std::u16string> names;
         std::int64_t start = clock.nowMilliseconds();
-        EXPECT_EQ(Open(u"K", key, RegistryAccess::queryValue), row.read);
-        EXPECT_EQ(clock.nowMilliseconds() - start >= 5000, row.read == error::busy);
+        EXPECT_EQ(Open(u"K", key, RegistryAccess::queryValue), read);
+        EXPECT_EQ(clock.nowMilliseconds() - start >= 5000, read == error::busy);
         start = clock.nowMilliseconds();
         EXPECT_EQ(SetBytes(u"K", u"v", "2"), error::busy);
         EXPECT_GE(clock.nowMilliseconds() - start, 5000);
         EXPECT_LE(clock.nowMilliseconds() - start, 5200);
-        EXPECT_EQ(key != 0 ? Registry().RegEnumValueW(key, names) : row.read, row.read) << "an open key stays open";
+        EXPECT_EQ(key != 0 ? Registry().RegEnumValueW(key, names) : read, read) << "an open key stays open";
         clock.onSleep = [&](std::uint32_t) {
             if (clock.nowMilliseconds() - start > 6000) sqlite3_close(std::exchange(holder, nullptr));
         };

@@ -13,12 +13,7 @@ TEST(Crypto, KnownTextsThereAndBack) {
     platform::InstallBackend();
     EXPECT_EQ(EnsureCryptoKeys(), 1) << "made";
     EXPECT_EQ(EnsureCryptoKeys(), 1) << "found";
-    const struct {
-        const char* title;
-        std::u16string plain;
-        std::u16string passphrase;
-        std::u16string cipher;
-    } rows[] = {
+    const std::tuple<const char*, std::u16string, std::u16string, std::u16string> rows[] = {
         {"as long as the passphrase", u"secret", u"passph", u"\x27B0\x584B\xB510\xBD86\x37DD\xBEF0"},
         {"only so much of it counts", u"secret", u"passphrase", u"\x27B0\x584B\xB510\xBD86\x37DD\xBEF0"},
         {"a shorter one goes on with zeros", u"gr\u00fcn\u20ac", u"key", u"\xFAA6\x54B7\x52C6\xCDF8\x491E"},
@@ -27,14 +22,14 @@ TEST(Crypto, KnownTextsThereAndBack) {
          u"\xB47C\x78B1\xD5D6\x491D\x1DCD\xE4B9\x6C55\x7394\x724A\xD12A\x8446\x259A\xA68C\xB83E\x9217\xE87D"
          u"\x9536\x656C\xFF86\xACC4\x155D\xCDCE\x7515\x79C5\xA997\xFE26\xABA0\xB5BB\x1636\xBEEE\xFE3E"},
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.title);
+    for (const auto& [title, plain, passphrase, cipher] : rows) {
+        SCOPED_TRACE(title);
         std::u16string out = u"before";
-        EXPECT_EQ(EncryptWithPassphrase(row.plain, out, row.passphrase), 1);
-        EXPECT_TRUE(out == row.cipher);
+        EXPECT_EQ(EncryptWithPassphrase(plain, out, passphrase), 1);
+        EXPECT_TRUE(out == cipher);
         out = u"before";
-        DecryptWithPassphrase(row.cipher, out, row.passphrase);
-        EXPECT_TRUE(out == row.plain);
+        DecryptWithPassphrase(cipher, out, passphrase);
+        EXPECT_TRUE(out == plain);
     }
 }
 

@@ -82,12 +82,7 @@ TEST(PerformanceFigures, ComeOfTwoMomentsByTheirKind) {
 }
 
 TEST(PerformanceFigures, OfAllObjectsTogether) {
-    const struct {
-        const char* title;
-        CounterKind kind;
-        std::vector<Quotient> quotients;
-        double total;
-    } rows[] = {
+    const std::tuple<const char*, CounterKind, std::vector<Quotient>, double> rows[] = {
         {"rates add up", rate, {{10, 1}, {30, 2}}, 25},
         {"percentages have a mean, each within its bounds", percentOfTime, {{900, 1}, {0, 1}}, 50},
         {"those of operations have one beyond the bounds", percentOfOperations, {{900, 1}, {0, 1}}, 450},
@@ -95,7 +90,8 @@ TEST(PerformanceFigures, OfAllObjectsTogether) {
         {"averages are of all that was done", averageTime, {{8, 1}, {1, 2}, {0, 0}}, 3},
         {"labels have none", label, {{8, 1}, {1, 1}}, 0},
     };
-    for (const auto& row : rows) EXPECT_DOUBLE_EQ(TotalOf(row.kind, row.quotients, 2), row.total) << row.title;
+    for (const auto& [title, kind, quotients, total] : rows)
+        EXPECT_DOUBLE_EQ(TotalOf(kind, quotients, 2), total) << title;
 }
 
 TEST(PerformanceSamples, AreKeptAsLongAsTheyCanBeABase) {
@@ -189,12 +185,7 @@ std::string Ask(const ClassInfo& classInfo, std::u16string_view property) {
 
 TEST(PerformanceSamples, OfEachObjectAreItsOwn) {
     const std::span<const ClassInfo> rawAndFormatted = DeclarePerfClasses<fakeClass>();
-    const struct {
-        const char* title;
-        std::vector<Fake> found;
-        std::optional<std::string> asked;
-        const char* speeds;
-    } steps[] = {
+    const std::tuple<const char*, std::vector<Fake>, std::optional<std::string>, const char*> steps[] = {
         {"the first", {{"a", 1, 10, 100}}, {}, "a=10 _Total=10"},
         {"a new one", {{"a", 1, 20, 300}, {"b", 1, 20, 2000}}, {}, "a=20 b=100 _Total=120"},
         {"one alone", {{"b", 1, 24, 2040}}, "b", "b=10"},
@@ -208,10 +199,10 @@ TEST(PerformanceSamples, OfEachObjectAreItsOwn) {
         {"more than the type holds", {{"a", 2, 82, 1ULL << 40}}, {}, "a=4294967295 _Total=4294967295"},
         {"none at all", {}, {}, ""},
     };
-    for (const auto& step : steps) {
-        fakes = step.found;
-        askedKey = step.asked;
-        EXPECT_EQ(Ask(rawAndFormatted[1], u"Speed"), step.speeds) << step.title;
+    for (const auto& [title, found, asked, speeds] : steps) {
+        fakes = found;
+        askedKey = asked;
+        EXPECT_EQ(Ask(rawAndFormatted[1], u"Speed"), speeds) << title;
     }
     fakes = {{"a", 2, 800, 0x1'0000'0005, 10}, {"b", 1, 800, {}, 90}, {"c", 1, 800, 11, 30}};
     const std::pair<const char16_t*, const char*> raw[] = {
@@ -321,11 +312,7 @@ class PerformanceOfThisMachine : public ::testing::Test {
 };
 
 TEST_F(PerformanceOfThisMachine, IsWhatItsFilesTell) {
-    const struct {
-        const char* from;
-        Paths files;
-        const char* commands;
-    } rows[] = {
+    const std::tuple<const char*, Paths, const char*> rows[] = {
         // A query runs on a thread of its own.
         {"PerfFormattedData_PerfOS_System", {"/proc/uptime", "/proc/loadavg", "/proc"}, R"(
             f '{print "SystemUpTime", int($1 + 0.5)}' uptime; f -F '[ /]' '{print "Threads", $5 + 1}' loadavg
@@ -352,7 +339,7 @@ TEST_F(PerformanceOfThisMachine, IsWhatItsFilesTell) {
         {"PerfRawData_PerfDisk_LogicalDisk WHERE Name = '/'", {}, R"(f '{m = 1048576; print "FreeMegabytes", int($2 / m)
             print "PercentFreeSpace", int($2 / m); print "PercentFreeSpace_Base", int(($1 + $2) / m)}' space)"},
     };
-    for (const auto& row : rows) expectBetween(row.from, row.files, row.commands);
+    for (const auto& [from, files, commands] : rows) expectBetween(from, files, commands);
     for (const WmiRow& row : RunWmiQuery("SELECT * FROM Win32_PerfFormattedData_PerfOS_Processor").rows) {
         const double busy = numberIn(row, "PercentProcessorTime");
         EXPECT_NEAR(busy + numberIn(row, "PercentIdleTime"), 100, 1);

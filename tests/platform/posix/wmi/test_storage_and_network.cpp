@@ -58,11 +58,7 @@ void RunInNamespaces(const std::string& flags, const std::string& preparation) {
 }
 
 TEST(WmiMounts, DisksAreWhatAUserTakesForDisks) {
-    const struct {
-        const char* title;
-        std::string mountInfo;  // beside the root
-        std::string disks;      // beside the root, device@mount point
-    } rows[] = {
+    const std::tuple<const char*, std::string, std::string> rows[] = {
         {"the kernel's own file systems and triggers are none",
          "21 20 0:5 / /proc rw - proc proc rw\n22 20 0:6 / /sys/fs/cgroup rw - tmpfs tmpfs rw\n"
          "23 20 0:7 / /n rw - autofs a rw\n25 20 0:9 / /r rw - ramfs a rw\n24 20 0:8 / /run rw s:3 m:1 - tmpfs a rw\n",
@@ -89,12 +85,13 @@ TEST(WmiMounts, DisksAreWhatAUserTakesForDisks) {
         {"the first root, which is its own parent, is hidden", "1 1 0:2 / / rw - ext4 none rw\n", ""},
         {"lines of another form are left out", "21\n\n21 20 8:2 / /m rw\n21 x 8:2 / /m rw - ext4 a rw\n- - - -\n", ""},
     };
-    for (const auto& row : rows) {
+    // what is mounted and which disks that are, both beside the root
+    for (const auto& [title, mountInfo, others] : rows) {
         std::string disks;
-        for (const Mount& disk : DisksAmong(ParseMountInfo(row.mountInfo + "20 1 8:1 /@ / rw - btrfs /dev/sda rw"))) {
+        for (const Mount& disk : DisksAmong(ParseMountInfo(mountInfo + "20 1 8:1 /@ / rw - btrfs /dev/sda rw"))) {
             disks += fmt::format(" {}@{}", disk.device, disk.mountPoint);
         }
-        EXPECT_EQ(disks, " 8:1@/" + row.disks) << row.title;
+        EXPECT_EQ(disks, " 8:1@/" + others) << title;
     }
     const std::vector<Mount> mounts = ParseMountInfo(
         "1 0 8:1 / /a ro,nosuid - ext4 /dev/a rw\n2 0 8:2 / /b rw - ext4 /dev/b ro,errors=x\n3 0 8:3 / /c rw - ext4 x "
@@ -105,12 +102,7 @@ TEST(WmiMounts, DisksAreWhatAUserTakesForDisks) {
 }
 
 TEST(WmiMounts, KindsOfDrives) {
-    const struct {
-        const char* fileSystem;
-        const char* source;
-        bool mayHang;
-        DriveType kind;
-    } rows[] = {
+    const std::tuple<const char*, const char*, bool, DriveType> rows[] = {
         {"ext4", "/dev/none", false, DriveType::fixed},
         {"zfs", "tank:data", false, DriveType::fixed},
         {"nfs4", "nas:/x", true, DriveType::network},
@@ -123,12 +115,12 @@ TEST(WmiMounts, KindsOfDrives) {
         {"tmpfs", "tmpfs", false, DriveType::memory},
         {"squashfs", "/dev/none", false, DriveType::compactDisc},
     };
-    for (const auto& row : rows) {
+    for (const auto& [fileSystem, source, mayHang, kind] : rows) {
         Mount mount;
-        mount.fileSystem = row.fileSystem;
-        mount.source = row.source;
-        EXPECT_EQ(MayHang(mount), row.mayHang) << row.fileSystem;
-        EXPECT_EQ(DriveTypeOf(mount, ""), row.kind) << row.fileSystem;
+        mount.fileSystem = fileSystem;
+        mount.source = source;
+        EXPECT_EQ(MayHang(mount), mayHang) << fileSystem;
+        EXPECT_EQ(DriveTypeOf(mount, ""), kind) << fileSystem;
     }
     EXPECT_EQ(PlainDiskName("my\\x20disk\\x2f\\x4"), "my disk/\\x4");
     EXPECT_EQ(SerialNumberOf("0A1B-C3d4"), 0x0A1BC3D4u) << "FAT";

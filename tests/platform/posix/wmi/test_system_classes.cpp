@@ -222,12 +222,7 @@ TEST(WmiProcessors, AreDescribedByTheirArchitecturesOwnLines) {
 TEST(WmiProcessors, LoadIsThatSinceASampleAtLeastASecondOld) {
     LoadHistory history;
     const std::vector<CpuBlock> blocks = ParseCpuInfo("processor: 0\n\nprocessor: 1\n");
-    const struct {
-        const char* title;
-        std::chrono::milliseconds at;
-        const char* stat;
-        unsigned percent;
-    } rows[] = {
+    const std::tuple<const char*, std::chrono::milliseconds, const char*, unsigned> rows[] = {
         {"since the start", 0ms, "cpu 9 9\ncpu0 10 10 10 50 10 5 5 0 0\ncpu1 10 10 10 60 0 0 0 10\nintr 7\n", 40},
         {"too young a sample: since the start", 999ms, "cpu0 40 10 10 50 10 5 5 0\ncpu1 10 10 10 60 0 0 0 10\n", 48},
         {"since the first", 1000ms, "cpu0 60 10 10 100 10 5 5 0\ncpu1 10 10 10 60 0 0 0 10\n", 50},
@@ -237,11 +232,11 @@ TEST(WmiProcessors, LoadIsThatSinceASampleAtLeastASecondOld) {
         {"what was not there counts from the start", 4000ms, "cpu0 60 10 10 400 9 5 5 0\ncpu1 30 0 0 10\n", 75},
         {"no time has passed", 9000ms, "cpu0 60 10 10 400 9 5 5 0\ncpu1 30 0 0 10\n", 0},
     };
-    for (const auto& row : rows) {
+    for (const auto& [title, at, stat, percent] : rows) {
         TimesByProcessor sample;
-        for (const ProcessorTimes& times : ParseProcessorTimes(row.stat)) sample[times.number] = times;
-        const TimesByProcessor base = history.exchange(sample, std::chrono::steady_clock::time_point(row.at));
-        EXPECT_EQ(BusyPercent(blocks, base, sample), row.percent) << row.title;
+        for (const ProcessorTimes& times : ParseProcessorTimes(stat)) sample[times.number] = times;
+        const TimesByProcessor base = history.exchange(sample, std::chrono::steady_clock::time_point(at));
+        EXPECT_EQ(BusyPercent(blocks, base, sample), percent) << title;
     }
 }
 
@@ -272,11 +267,7 @@ TEST(WmiSystemTexts, ReadAsTheyAreMeant) {
         const std::optional<std::u16string> moment = FirmwareDate(text);
         return moment ? Utf8FromWide(*moment) : "none";
     };
-    const struct {
-        const char* title;
-        std::string got;
-        std::string wanted;
-    } rows[] = {
+    const std::tuple<const char*, std::string, std::string> rows[] = {
         {"memory, a line", Shown(MemoryFigure(memory, "Buffers")), "2"},
         {"memory, the start of a key", Shown(MemoryFigure(memory, "Mem")), "none"},
         {"memory, no number", Shown(MemoryFigure(memory, "HugePages_Total")), "none"},
@@ -318,7 +309,7 @@ TEST(WmiSystemTexts, ReadAsTheyAreMeant) {
         {"a date of another form", date("29.03.2023"), "none"},
         {"a date of two digits", date("03/29/23"), "none"},
     };
-    for (const auto& row : rows) EXPECT_EQ(row.got, row.wanted) << row.title;
+    for (const auto& [title, got, wanted] : rows) EXPECT_EQ(got, wanted) << title;
 }
 
 TEST(WmiSystemTexts, SessionsAreTheUsersOfUtmp) {
@@ -350,10 +341,7 @@ TEST(WmiAccounts, MalformedLinesAreLeftOut) {
         groups += fmt::format("{} {}\n", group.name, group.id);
     }
     EXPECT_EQ(groups, "adm 4\n");
-    const struct {
-        const char* line;
-        const char* facts;  // required, locked, expires, may be changed, expiry; disabled with and without a shell
-    } rows[] = {
+    const std::pair<const char*, const char*> rows[] = {
         {"u:$6$hash:19000:0:99999:7:::", "true false false true none; false false"},
         {"u:!$6$hash:19000:0:90:7::20001:", "true true true true 20001; false true"},
         {"u:!!:19000::::::", "true false false true none; false true"},
@@ -361,15 +349,16 @@ TEST(WmiAccounts, MalformedLinesAreLeftOut) {
         {"u::19000:0:99999:7::20000:", "false false false true 20000; true true"},
         {"u:short", "no entry"},
     };
-    for (const auto& row : rows) {
+    // required, locked, expires, may be changed, expiry; disabled with and without a shell
+    for (const auto& [line, wanted] : rows) {
         std::string facts = "no entry";
-        for (const auto& [name, entry] : ParseShadow(row.line)) {
+        for (const auto& [name, entry] : ParseShadow(line)) {
             facts = fmt::format("{} {} {} {} {}; {} {}", entry.isRequired, entry.isLocked, entry.expires,
                                 entry.mayBeChanged, Shown(entry.accountExpiry),
                                 IsDisabled({"u", 1, "", "/bin/sh"}, entry, 20000),
                                 IsDisabled({"u", 1, "", "/sbin/nologin"}, entry, 20000));
         }
-        EXPECT_EQ(facts, row.facts) << row.line;
+        EXPECT_EQ(facts, wanted) << line;
     }
 }
 
@@ -389,10 +378,7 @@ std::string ShownRules(std::string_view text) {
 }
 
 TEST(WmiTimeZones, RulesOfPosix) {
-    const struct {
-        const char* text;
-        const char* rules;
-    } rows[] = {
+    const std::pair<const char*, const char*> rows[] = {
         {"UTC0", "UTC 0"},
         {"<+0530>-5:30", "+0530 330"},
         {"CET-1CEST,M3.5.0,M10.5.0/3", "CET 60 CEST 120 3.5.0/2:0:0 10.5.0/3:0:0"},
@@ -404,7 +390,7 @@ TEST(WmiTimeZones, RulesOfPosix) {
         {"EST5EDT,0/0,J365/25", "EST -300"},
         {"EST5EDT", "EST -300"},
     };
-    for (const auto& row : rows) EXPECT_EQ(ShownRules(row.text), row.rules) << row.text;
+    for (const auto& [text, rules] : rows) EXPECT_EQ(ShownRules(text), rules) << text;
     for (const char* changes :
          {"M3.5.7,M10.5.0", "M0.5.0,M10.5.0", "M13.5.0,M10.5.0", "M3.5.0,M10.0.0", "M3.6.0,M10.5.0"})
         EXPECT_EQ(ShownRules(std::string("CET-1CEST,") + changes), "CET 60") << changes;
@@ -583,22 +569,18 @@ TEST_F(WmiThisMachine, HasTheTimeZoneThatIsSet) {
         "Caption,Bias,DaylightBias,DaylightName,DaylightMonth,DaylightDay,DaylightDayOfWeek,DaylightHour,StandardName,"
         "StandardMonth,StandardDay,SettingID";
     constexpr const char* newfoundland = "(UTC-03:30) America/St_Johns -210 -60 NDT 3 2 0 2 NST 11 1 America/St_Johns";
-    const struct {
-        const char* setting;
-        const char* properties;
-        std::string shown;
-    } rows[] = {
+    const std::tuple<const char*, const char*, std::string> rows[] = {
         {"America/St_Johns", rules, newfoundland},
         {":/usr/share/zoneinfo/America/St_Johns", rules, newfoundland},
         {"/etc/localtime", "SettingID", own.empty() ? "NULL" : own},
         {"", "Caption,Bias", "(UTC) UTC 0"},
     };
     if (access("/usr/share/zoneinfo/America/St_Johns", F_OK) != 0) GTEST_SKIP() << "no time zones here";
-    for (const auto& row : rows) {
-        const ZoneSetting setting(row.setting);
+    for (const auto& [zone, properties, shown] : rows) {
+        const ZoneSetting setting(zone);
         const WmiResult result = RunWmiQuery("SELECT * FROM Win32_TimeZone");
         ASSERT_EQ(result.rows.size(), 1U);
-        EXPECT_EQ(TextsOf(result.rows.front(), row.properties), row.shown) << row.setting;
+        EXPECT_EQ(TextsOf(result.rows.front(), properties), shown) << zone;
     }
 }
 
