@@ -4,6 +4,7 @@
 #include <limits>
 #include <memory>
 #include <new>
+#include <utility>
 
 #include "foundation/guarded.h"
 #include "foundation/log.h"
@@ -72,6 +73,24 @@ std::uint32_t MomentAfter(std::uint32_t now, std::uint32_t period) {
     return now + std::min(period, std::numeric_limits<std::uint32_t>::max() - now);
 }
 
+std::uint32_t NowInSeconds() { return static_cast<std::uint32_t>(GetNowSeconds()); }
+
+/// Keeps the order: what would be due before 1970 is due at once.
+void MoveFireTimes(TimerList& list, std::uint32_t seconds) {
+    for (TimerEntry* entry = list.head; entry; entry = entry->next)
+        entry->fireTime -= std::min(entry->fireTime, seconds);
+}
+
+/// A clock that has jumped ahead and comes back is such a case, too: what ran meanwhile was armed far in the future.
+void FollowClockSetBack(std::uint32_t now) {
+    const std::uint32_t lastPass = std::exchange(timerManager.lastPass, now);
+    if (now >= lastPass) return;
+    Log1("\t CheckTimers :: the clock was set back by %u seconds: all fire times move with it \n", lastPass - now);
+    for (std::int32_t index = 0; index < timerManager.gv_timerVec.count; ++index) {
+        if (TimerList* list = TimerAt(index)) MoveFireTimes(*list, lastPass - now);
+    }
+}
+
 void FreeJob(const TimerEntry& entry) {
     delete entry.schedule;
     delete entry.argument;
@@ -89,9 +108,17 @@ void Rearm(const TimerList& list, const TimerEntry& entry, std::uint32_t now) {
     }
 }
 
+/// How many entries are due, all at the head of the list.
+std::size_t CountDueEntries(const TimerList& list, std::uint32_t now) {
+    std::size_t due = 0;
+    for (const TimerEntry* entry = list.head; entry && entry->fireTime <= now; entry = entry->next) ++due;
+    return due;
+}
+
 void RunDueEntries(TimerList& list) {
-    const auto now = static_cast<std::uint32_t>(GetNowSeconds());
-    while (list.head && list.head->fireTime <= now) {
+    const std::uint32_t now = NowInSeconds();
+    // Counted before the first runs: in the last second of 32 bits what is armed again is due at once, behind these.
+    for (std::size_t due = CountDueEntries(list, now); due > 0 && list.head; --due) {
         TimerEntry* entry = list.head;
         RunGuarded("CheckTimers", [entry] { entry->callback(entry->argument); });
         if (entry->schedule->detail.repeatCount == 1) {
@@ -130,6 +157,7 @@ int InitTimerManager() {
     InitVector(&timerManager.gv_timerVec, nullptr);
     CreateTimer(defaultTimer, 1);
     timerManager.gv_timerExpireHook = nullptr;
+    timerManager.lastPass = 0;
     if (timerManager.gv_timerMutex == 0) timerManager.gv_timerMutex = platform::Threads().CreateMutexW();
     return 1;
 }
@@ -201,6 +229,7 @@ void CheckTimers() {
     Log4("\t@@@@@ Inside CheckTimers() @@@@@ \n");
     if (timerManager.gv_timerVec.count == 0) return;
     const TimerLock lock;
+    FollowClockSetBack(NowInSeconds());
     for (std::int32_t index = 0; index < timerManager.gv_timerVec.count; ++index) {
         if (TimerList* list = TimerAt(index)) RunDueEntries(*list);
     }

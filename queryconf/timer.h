@@ -52,6 +52,7 @@ struct TimerManager {
     Vector gv_timerVec{};                     // of TimerList, set up once; the lists change under gv_timerMutex only
     platform::MutexHandle gv_timerMutex = 0;  // held for a whole pass, callbacks included
     void (*gv_timerExpireHook)(void*) = nullptr;  // a slot that nothing fills
+    std::uint32_t lastPass = 0;                   // when the last pass began, seconds since 1970; 0 before the first
 };
 
 extern TimerManager timerManager;
@@ -94,7 +95,11 @@ void RemoveTimerEntry(std::u16string_view timerName, TimerEntry* entry);
 int DeleteTimerEntryByName(const OptionalText& timerName);
 
 /// One pass: runs every entry that is due, in order of due time, and arms it again from the time the pass began. A
-/// period of 0 counts as one second.
+/// period of 0 counts as one second. What is armed in a pass does not run in it, so a pass ends whatever the clock
+/// says.
+///
+/// When the clock stands before the last pass, as one that was set back does, all fire times move by the difference,
+/// with a log line: nothing waits for the former time to come again.
 void CheckTimers();
 
 }  // namespace kv

@@ -1,5 +1,6 @@
 // The timer and the schedule, in virtual time: what runs, when, in which order, and what a reload may rely on.
 #include <atomic>
+#include <map>
 #include <thread>
 #include <vector>
 
@@ -95,6 +96,37 @@ TEST_F(Scheduler, ArmsAJobAgainFromTheStartOfThePass) {
     }
 }
 
+TEST_F(Scheduler, AClockThatIsSetCostsNoRun) {
+    constexpr std::int64_t years = 10 * 365 * 86400;
+    constexpr std::int64_t lastSecond = UINT32_MAX - VirtualClock::startMilliseconds / 1000;
+    struct Row {
+        const char* title;
+        std::map<std::int64_t, std::int64_t> steps;  // of the clock in seconds, by the seconds that have passed
+        Seconds expected;                            // what had passed at each run
+    };
+    for (const Row& row : std::vector<Row>{
+             {"back by a day", {{30, -86400}}, {0, 61, 121}},
+             {"ahead by ten years, and back", {{30, years}, {40, -years}}, {0, 30, 91}},
+             {"past the last second of 32 bits", {{60, lastSecond - 60}}, {0, 60, 61, 121}},
+         }) {
+        SCOPED_TRACE(row.title);
+        InitTimerManager();
+        clock.advanceMilliseconds(VirtualClock::startMilliseconds - clock.nowMilliseconds());
+        std::int64_t passed = 0;
+        Seconds ran;
+        whileRunning = [&] { ran.size() < 100 ? ran.push_back(passed) : throw TimeIsUp(); };
+        clock.onSleep = [&](std::uint32_t) {
+            const auto step = row.steps.find(++passed);
+            if (step != row.steps.end()) clock.advanceMilliseconds(step->second * 1000);
+            if (passed > 130) throw TimeIsUp();
+        };
+        Add(1, {nullptr, 60, TimerUnit::seconds, -1});
+        EXPECT_THROW(TimerThread(nullptr), TimeIsUp);
+        EXPECT_EQ(ran, row.expected);
+    }
+    EXPECT_TRUE(Logged("the clock was set back by 86399 seconds"));
+}
+
 TEST_F(Scheduler, RunsWhatIsDueByTimeAndThenInOrderOfAddingUntilDeleted) {
     const TimerInterval minute{nullptr, 60, TimerUnit::seconds, -1};
     const std::uint32_t first = Add(1, minute, 5);
@@ -103,9 +135,17 @@ TEST_F(Scheduler, RunsWhatIsDueByTimeAndThenInOrderOfAddingUntilDeleted) {
     EXPECT_EQ(Add(4, minute), first + 3);
     RunFor(62);
     EXPECT_EQ(order, (std::vector<std::int32_t>{2, 4, 3, 1, 2, 4}));
+    EXPECT_EQ(DeleteTimerEntryByName(u"OTHER") + DeleteTimerEntryByName(std::nullopt), 0);
+    RunFor(60);
+    EXPECT_EQ(order.size(), 10u) << "an unknown timer's name changes nothing";
     EXPECT_EQ(DeleteTimerEntryByName(u"DEFAULT"), 1);
+    EXPECT_EQ(DeleteTimerEntryByName(u"DEFAULT"), 1) << "also when it has no entries";
+    TimerEntry entry{};
+    EXPECT_EQ(AddTimerTask(u"OTHER", 0, nullptr, nullptr, nullptr, 0) + AddTimerEntry(u"OTHER", &entry), 0U);
+    EXPECT_EQ(AddTimerEntry(u"DEFAULT", &entry), first + 4);
+    RemoveTimerEntry(u"DEFAULT", &entry);
     RunFor(100);
-    EXPECT_EQ(order.size(), 6u);
+    EXPECT_EQ(order.size(), 10u);
 }
 
 TEST_F(Scheduler, SchedulesEveryWorkflowThatCanRun) {
@@ -121,6 +161,12 @@ TEST_F(Scheduler, SchedulesEveryWorkflowThatCanRun) {
     EXPECT_EQ(LinesWith(run + "1 "), 6u);
     EXPECT_EQ(LinesWith(run), 9u);
     EXPECT_EQ(LinesWith("below 1: it is not scheduled"), 1u);
+    FreeAllHashTable(std::exchange(agentState.gv_queryConfHash, MakeHashTable().release()));
+    ASSERT_TRUE(JSONTextToHash(agentState.gv_queryConfHash, u"{\"WorkFlows\":[]}").ok);
+    ReloadAndScheduleQueryData();
+    EXPECT_EQ(agentState.gv_sortVec->count, 0);
+    RunFor(301);
+    EXPECT_EQ(LinesWith(run), 9u);
 }
 
 TEST_F(Scheduler, AThousandReloadsWhileCollectingAreSafe) {
