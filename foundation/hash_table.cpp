@@ -15,13 +15,15 @@ namespace kv {
 struct KeyIndex {
     std::unordered_map<std::u16string_view, HashEntry*> entries;
     HashEntry* last = nullptr;
-    bool hasEqualKeys = false;  // a key has been put with a zero character in it, before which it is another's equal
 };
 
 namespace {
 
 /// Up to so many keys are searched one by one.
 constexpr std::int32_t fewKeys = 64;
+
+/// A key ends at its first zero character.
+std::u16string_view ClosedKey(std::u16string_view key) { return key.substr(0, key.find(u'\0')); }
 
 HashEntry* FirstEntry(const HashTable* table, std::u16string_view key) { return table->buckets[HashOfKey(table, key)]; }
 
@@ -64,8 +66,7 @@ bool FillEntry(HashEntry* entry, std::u16string_view key, Word value, ValueType 
 void DropIndex(HashTable* table) { delete std::exchange(table->index, nullptr); }
 
 void AddToIndex(KeyIndex& index, HashEntry* entry) {
-    // Of equal keys the first counts, as in a search.
-    if (!index.entries.emplace(entry->key, entry).second) index.hasEqualKeys = true;
+    index.entries.emplace(entry->key, entry);
     index.last = entry;
 }
 
@@ -81,18 +82,10 @@ void IndexEntry(HashTable* table, HashEntry* added) {
     }
 }
 
-/// Takes an entry that has one before or behind it out of the index; a later one of an equal key takes its place.
+/// Takes an entry that has one before or behind it out of the index.
 void RemoveFromIndex(KeyIndex& index, HashEntry* entry, HashEntry* previous) {
-    auto node = index.entries.extract(entry->key);
+    index.entries.erase(entry->key);
     if (index.last == entry) index.last = previous;
-    if (!index.hasEqualKeys) return;
-    for (HashEntry* later = entry->next; later; later = later->next) {
-        if (!HasKey(later, node.key())) continue;
-        node.key() = later->key;
-        node.mapped() = later;
-        index.entries.insert(std::move(node));
-        return;
-    }
 }
 
 /// The entry of a key, or when there is none the last of its bucket; passed counts the entries before it that had to be
@@ -138,7 +131,7 @@ void FreeValueOf(Word value, ValueType type) {
 std::int32_t HashOfKey(const HashTable* table, std::u16string_view key) {
     if (table->size == 1) return 0;
     std::int64_t hash = 0;
-    for (const char16_t character : key) hash = (hash * 26 + character) % table->size;
+    for (const char16_t character : ClosedKey(key)) hash = (hash * 26 + character) % table->size;
     return static_cast<std::int32_t>(hash);
 }
 
@@ -159,6 +152,7 @@ int InitHashTable(HashTable* table, std::int32_t size) {
 }
 
 int PutHashValue(HashTable* table, std::u16string_view key, Word value, ValueType type) {
+    key = ClosedKey(key);
     std::int32_t passed = 0;
     HashEntry* entry = FindOrLast(table, key, passed);
     if (!entry->key) return FillEntry(entry, key, value, type) ? 1 : 0;
@@ -186,6 +180,7 @@ int PutHashText(HashTable* table, std::u16string_view key, std::u16string_view t
 }
 
 HashEntry* GetHashEntry(const HashTable* table, std::u16string_view key) {
+    key = ClosedKey(key);
     std::int32_t passed = 0;
     HashEntry* entry = FindOrLast(table, key, passed);
     return HasKey(entry, key) ? entry : nullptr;
@@ -209,6 +204,7 @@ Vector* GetHashVector(const HashTable* table, std::u16string_view key) {
 int ContainsHashKey(const HashTable* table, std::u16string_view key) { return GetHashEntry(table, key) ? 1 : 0; }
 
 int RemoveHashKey(HashTable* table, std::u16string_view key) {
+    key = ClosedKey(key);
     HashEntry*& first = table->buckets[HashOfKey(table, key)];
     HashEntry* previous = nullptr;
     HashEntry* entry = first;

@@ -2,8 +2,8 @@
 // are each one table.
 //
 // Every table of the agent is made with one bucket, so keys come back in the order of their first insertion; whatever
-// writes records out relies on that. Keys are compared exactly. A table has no lock: it belongs to one thread at a
-// time, or is no longer changed.
+// writes records out relies on that. Keys end at their first zero character and are compared exactly. A table has no
+// lock: it belongs to one thread at a time, or is no longer changed.
 //
 // A table of many keys keeps an index beside its bucket, so that finding a key does not take longer as it grows.
 #pragma once

@@ -35,7 +35,11 @@ struct KeyHandle {
     }
 };
 
-/// Reads size bytes into a zeroed buffer with room to spare; the text ends at the first zero character.
+/// How often a value that keeps growing between the two questions is asked for.
+constexpr int mostQueries = 10;
+
+/// Reads size bytes into a zeroed buffer with room to spare; the text ends at the first zero character. moreData when
+/// the value has grown.
 Error QueryText(platform::RegistryKey key, std::u16string_view valueName, std::size_t size, OptionalText& outText) {
     std::u16string text((size + spareBytes) / sizeof(char16_t), u'\0');
     const Error result =
@@ -125,10 +129,13 @@ Error ReadRegSZ(RootKey root, std::u16string_view subKey, std::u16string_view va
         Log1("ReadRegSZ: Error while opening registry key for serverName %d \n", opened);
         return opened;
     }
-    std::size_t size = 0;
-    Error result = platform::Registry().RegQueryValueExW(handle.key, valueName, nullptr, nullptr, size);
-    if (result != error::success || size == 0) return result;
-    result = QueryText(handle.key, valueName, size, outText);
+    Error result = error::moreData;
+    for (int query = 0; query < mostQueries && result == error::moreData; ++query) {
+        std::size_t size = 0;
+        result = platform::Registry().RegQueryValueExW(handle.key, valueName, nullptr, nullptr, size);
+        if (result != error::success || size == 0) return result;
+        result = QueryText(handle.key, valueName, size, outText);
+    }
     if (result != error::success) Log1("ReadRegSZ: Error while reading DWORD value! %d \n", result);
     return result;
 }
