@@ -87,7 +87,7 @@ void DeleteDevice(const HashTable* request, ListResult&) {
         Log1("\t ParseRequestList :: %s names no slave. The DELETE_DEVICE request is skipped\n", device);
         return;
     }
-    const std::u16string directory = ConcatStrings(conf_path::slavesDirectory, device);
+    const std::u16string directory = ConcatStrings(conf_path::slavesDirectory, SlaveDirectoryName(device));
     const std::u16string plan = ConcatStrings(directory, u"\\").append(conf_path::planName);
     if (fileExists(plan)) DeleteSlave(directory, plan);
 }

@@ -6,6 +6,7 @@
 
 #include "foundation/log.h"
 #include "foundation/open_file.h"
+#include "foundation/text.h"
 #include "platform/clock.h"
 #include "platform/files.h"
 
@@ -30,16 +31,18 @@ bool DeleteEntry(std::u16string_view directory, const platform::FindData& entry)
     return Files().DeleteFileW(child) == error::success;
 }
 
-Error ReadToEnd(platform::FileHandle file, std::string& content) {
+Error ReadToEnd(platform::FileHandle file, std::string& content, std::uint64_t largest) {
     std::array<char, 16384> buffer;
     std::uint64_t size = 0;
-    if (Files().GetFileSizeEx(file, size) == error::success) content.reserve(size);
-    while (true) {
+    if (Files().GetFileSizeEx(file, size) == error::success && size <= largest) content.reserve(size);
+    while (size <= largest) {
         std::size_t read = 0;
         const Error result = Files().ReadFile(file, buffer.data(), buffer.size(), read);
         if (result != error::success || read == 0) return result;
         content.append(buffer.data(), read);
+        size = content.size();  // of a file that grows
     }
+    return error::moreData;
 }
 
 Error WriteAndFlush(std::u16string_view path, std::string_view bytes) {
@@ -93,8 +96,13 @@ int fileExists(std::u16string_view fileName) {
         return 0;
     }
     OpenFile file;
-    return file.Open(fileName, FileAccess::read, FileShare::read, FileDisposition::openExisting) == error::success ? 1
-                                                                                                                   : 0;
+    return file.Open(fileName, FileAccess::read, FileShare::readWrite, FileDisposition::openExisting) == error::success;
+}
+
+bool MayExist(std::u16string_view path) {
+    std::uint32_t attributes = 0;
+    const Error result = Files().GetFileAttributesW(path, attributes);
+    return result != error::fileNotFound && result != error::pathNotFound;
 }
 
 int GetZipFileCount(std::u16string_view pattern) {
@@ -126,7 +134,10 @@ bool StaysBelowDirectory(std::u16string_view path) {
 }
 
 bool IsPlainFileName(std::u16string_view name) {
-    return name.find_first_of(u"\\/:") == name.npos && name.find_first_not_of(u". ") != name.npos;
+    if (name.empty() || name.ends_with(u'.') || name.ends_with(u' ')) return false;
+    return std::none_of(name.begin(), name.end(), [](char16_t unit) {
+        return unit < u' ' || FindChar(u"\\/:*?\"<>|", unit) != std::u16string_view::npos;
+    });
 }
 
 FileUse IsFileisOpen(std::u16string_view path) {
@@ -141,14 +152,14 @@ FileUse IsFileisOpen(std::u16string_view path) {
     return FileUse::unknown;
 }
 
-Error ReadWholeFile(std::u16string_view path, std::string& content) {
+Error ReadWholeFile(std::u16string_view path, std::string& content, std::uint64_t largest) {
     Log4("\t Inside ReadWholeFile() \n");
     content.clear();
     OpenFile file;
-    if (const Error result = file.Open(path, FileAccess::read, FileShare::read, FileDisposition::openExisting))
+    if (const Error result = file.Open(path, FileAccess::read, FileShare::readWrite, FileDisposition::openExisting))
         return result;
     try {
-        return ReadToEnd(file.handle, content);
+        return ReadToEnd(file.handle, content, largest);
     } catch (const std::exception&) {  // larger than memory
         return error::notEnoughMemory;
     }

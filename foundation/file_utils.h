@@ -22,8 +22,11 @@ bool CheckFileExists(std::u16string_view path);
 
 bool IsDirectory(std::u16string_view path);
 
-/// 1 when the path is not a directory and can be opened for reading, else 0.
+/// 1 when the path is not a directory and can be opened for reading, also while others write to it, else 0.
 int fileExists(std::u16string_view fileName);
+
+/// False only when there certainly is nothing at the path: what cannot be opened or looked at is still someone's file.
+bool MayExist(std::u16string_view path);
 
 /// Number of entries that match the pattern with ".zip" behind it (such as "zipdata\*"); 0 when the search fails.
 int GetZipFileCount(std::u16string_view pattern);
@@ -32,8 +35,8 @@ int GetZipFileCount(std::u16string_view pattern);
 /// none that begins with a separator or a drive, none with a part that climbs.
 bool StaysBelowDirectory(std::u16string_view path);
 
-/// Whether a text can be the name of one file or directory, in whichever directory: not empty, no separators, no colon,
-/// and more than dots and blanks.
+/// Whether a text can be the name of one file or directory in whichever directory, on every system: not empty, none of
+/// \ / : * ? " < > | and no control character in it, no dot or blank at its end.
 bool IsPlainFileName(std::u16string_view name);
 
 /// Whether a file is still being written.
@@ -44,8 +47,9 @@ enum class FileUse {
 };
 FileUse IsFileisOpen(std::u16string_view path);
 
-/// The whole content of a file in bytes; 0, or the system's error.
-platform::Error ReadWholeFile(std::u16string_view path, std::string& content);
+/// The whole content of a file in bytes, read while others may write to it; 0, or the system's error. moreData when it
+/// has more than largest bytes, which is asked before any is read.
+platform::Error ReadWholeFile(std::u16string_view path, std::string& content, std::uint64_t largest = UINT64_MAX);
 
 /// Writes a file under a temporary name (temporaryPath) and renames it to path when it is complete and closed,
 /// replacing one of that name. After an error neither a partial file nor the temporary one is left. 0, or the system's

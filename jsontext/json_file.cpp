@@ -1,5 +1,7 @@
 #include <cstdio>
+#include <functional>
 #include <new>
+#include <numeric>
 #include <string>
 #include <utility>
 
@@ -12,6 +14,17 @@
 namespace kv {
 
 namespace {
+
+/// A character takes one or two bytes in most documents, and in UTF-16 always two.
+constexpr std::uint64_t largestFile = 2 * std::uint64_t{largestJsonDocument} + 2;
+
+constexpr const char* tooLarge = "the document is larger than 35 million characters";
+
+/// How many 16-bit units a UTF-8 text becomes.
+std::size_t UnitsOfUtf8(std::string_view bytes) {
+    const auto units = [](char byte) { return ((byte & 0xC0) == 0x80 ? 0 : 1) + ((byte & 0xF8) == 0xF0 ? 1 : 0); };
+    return std::transform_reduce(bytes.begin(), bytes.end(), std::size_t{0}, std::plus<>(), units);
+}
 
 /// The text of a file's bytes; false, with the reason, when they are in no form that is read.
 bool TextOfFile(std::string_view bytes, std::u16string& text, std::string& reason) {
@@ -31,6 +44,10 @@ bool TextOfFile(std::string_view bytes, std::u16string& text, std::string& reaso
         return true;
     }
     if (marked) bytes.remove_prefix(3);
+    if (UnitsOfUtf8(bytes) > largestJsonDocument) {
+        reason = tooLarge;
+        return false;
+    }
     if (!platform::IsValidUtf8(bytes)) {
         reason = "the file is neither UTF-16LE nor UTF-8";
         return false;
@@ -39,7 +56,9 @@ bool TextOfFile(std::string_view bytes, std::u16string& text, std::string& reaso
     return true;
 }
 
-JsonReadResult FileFailure(std::string message) { return {.ok = false, .message = std::move(message)}; }
+JsonReadResult FileFailure(std::string message, platform::Error error = platform::error::success) {
+    return {.ok = false, .message = std::move(message), .fileError = error};
+}
 
 void EndLinesInLineFeeds(std::u16string& text) {
     std::size_t kept = 0;
@@ -50,10 +69,11 @@ void EndLinesInLineFeeds(std::u16string& text) {
     text.resize(kept);
 }
 
-JsonReadResult DocumentOfFile(HashTable* table, const std::string& name, std::string_view bytes) {
+JsonReadResult DocumentOfFile(HashTable* table, const std::string& name, std::string bytes) {
     std::u16string text;
     std::string reason;
     if (!TextOfFile(bytes, text, reason)) return FileFailure(name + ": " + reason);
+    bytes = {};
     EndLinesInLineFeeds(text);
     JsonReadResult result = JSONTextToHash(table, text);
     if (!result.message.empty()) result.message = name + ": " + result.message;
@@ -66,14 +86,16 @@ JsonReadResult JSONFileToHash(HashTable* table, std::u16string_view fileName) {
     Log4("\t Inside JSONFileToHash() \n");
     const std::string name = platform::Utf8FromWide(fileName);
     std::string bytes;
-    if (const platform::Error error = ReadWholeFile(fileName, bytes)) {
+    const platform::Error error = ReadWholeFile(fileName, bytes, largestFile);
+    if (error == platform::error::moreData) return FileFailure(name + ": " + tooLarge);
+    if (error != platform::error::success) {
         const std::string words = platform::MessageInLine(error);
         static_cast<void>(
             std::fprintf(stderr, "json_object_from_file: error reading file %s: %s\n", name.c_str(), words.c_str()));
-        return FileFailure(name + ": " + words + " (error " + std::to_string(error) + ")");
+        return FileFailure(name + ": " + words + " (error " + std::to_string(error) + ")", error);
     }
     try {
-        return DocumentOfFile(table, name, bytes);
+        return DocumentOfFile(table, name, std::move(bytes));
     } catch (const std::bad_alloc&) {
         return FileFailure(name + ": the document is too large for the memory");
     }

@@ -1,5 +1,6 @@
 #include "jsontext/narrow_json.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <utility>
 
@@ -90,17 +91,22 @@ void RewriteEscape(Rewriting& rewriting) {
     rewriting.position += rest.size() < 2 ? rest.size() : 2;
 }
 
+/// 0 for what is not a comment, or one without an end.
+std::size_t LengthOfComment(std::u16string_view rest) {
+    const bool block = rest.starts_with(u"/*");
+    if (!block && !rest.starts_with(u"//")) return 0;
+    const std::size_t end = rest.find(block ? u"*/" : u"\n", 2);
+    if (end == std::u16string_view::npos) return block ? 0 : rest.size();
+    return end + (block ? 2 : 1);
+}
+
 /// json-c does not see the end of a comment such as "/***/", so comments are taken out here. One that has no end stays,
 /// for json-c to refuse.
 bool SkipComment(Rewriting& rewriting) {
-    const std::u16string_view rest = rewriting.document.substr(rewriting.position);
-    const bool block = rest.starts_with(u"/*");
-    if (!block && !rest.starts_with(u"//")) return false;
-    std::size_t end = rest.find(block ? u"*/" : u"\n", 2);
-    if (end == std::u16string_view::npos && block) return false;
-    end = end == std::u16string_view::npos ? rest.size() : end + (block ? 2 : 1);
+    const std::size_t length = LengthOfComment(rewriting.document.substr(rewriting.position));
+    if (length == 0) return false;
     rewriting.narrow += ' ';
-    rewriting.position += end;
+    rewriting.position += length;
     return true;
 }
 
@@ -154,6 +160,15 @@ std::size_t WideOffset(std::u16string_view document, std::size_t narrowOffset) {
         if (rewriting.narrow.size() > narrowOffset) return before;
     }
     return document.size();
+}
+
+std::size_t LengthOfTextOrComment(std::u16string_view rest) {
+    const char16_t quote = rest.front();
+    if (quote == u'/') return LengthOfComment(rest);
+    if (quote != u'"' && quote != u'\'') return 0;
+    std::size_t at = 1;
+    while (at < rest.size() && rest[at] != quote) at += rest[at] == u'\\' ? 2U : 1U;
+    return std::min(at + 1, rest.size());
 }
 
 std::string_view WithoutTextCount(std::string_view narrow) {

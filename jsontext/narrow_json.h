@@ -22,6 +22,10 @@ std::string NarrowJson(std::u16string_view document);
 /// Where in the wide document a byte of its narrow form stems from; the document's size for one behind the end.
 std::size_t WideOffset(std::u16string_view document, std::size_t narrowOffset);
 
+/// How many units a text in quotation marks or a comment has that begins the rest of a wide document, which is not
+/// empty; 0 when neither begins there.
+std::size_t LengthOfTextOrComment(std::u16string_view rest);
+
 /// A key or a text value as json-c has read it, without the count ahead of it. Two are equal where their wide texts
 /// are.
 std::string_view WithoutTextCount(std::string_view narrow);

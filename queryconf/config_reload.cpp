@@ -70,8 +70,9 @@ PlanFiles FilesOf(std::u16string_view agentKey) {
     if (IsOwnAgentKey(agentKey))
         return {u"", std::u16string(conf_path::ownPlan),
                 ConcatStrings(conf_path::backupDirectory, conf_path::planName)};
-    const std::u16string inDirectory = ConcatStrings(agentKey, u"\\").append(conf_path::planName);
-    return {std::u16string(agentKey), ConcatStrings(conf_path::slavesDirectory, inDirectory),
+    const std::u16string slave = SlaveDirectoryName(agentKey);
+    const std::u16string inDirectory = ConcatStrings(slave, u"\\").append(conf_path::planName);
+    return {slave, ConcatStrings(conf_path::slavesDirectory, inDirectory),
             ConcatStrings(conf_path::backupDirectory, inDirectory)};
 }
 
@@ -85,12 +86,6 @@ void MakePlanDirectories(const PlanFiles& files) {
 }
 
 bool IsMissing(Error failure) { return failure == error::fileNotFound || failure == error::pathNotFound; }
-
-/// False only when there certainly is no file: one that cannot be read is still someone's plan.
-bool MayExist(std::u16string_view path) {
-    std::uint32_t attributes = 0;
-    return !IsMissing(Files().GetFileAttributesW(path, attributes));
-}
 
 /// Moves a new plan that cannot be used out of the way of the next request, to where someone can look at it.
 void SetAside(const PlanFiles& files) {
@@ -154,6 +149,16 @@ bool IsSlaveKey(std::u16string_view key) {
            CompareIgnoreCase(key.substr(0, conf_path::planName.size()), conf_path::planName) != 0;
 }
 
+std::u16string SlaveDirectoryName(std::u16string_view key) {
+    std::u16string name(key);
+    for (FileSearch search(ConcatStrings(conf_path::slavesDirectory, u"*")); search.HasFile(); search.Next()) {
+        const std::u16string& found = search.file.fileName;
+        if (found == key) return found;
+        if (search.file.isDirectory && CompareIgnoreCase(found, key) == 0) name = found;
+    }
+    return name;
+}
+
 void RequestingConfigDetailstoCS(const OptionalText& confFileDldURL) {
     Log3("\t Inside RequestingConfigDetailstoCS() \n");
     constexpr const char* caller = "RequestingConfigDetailstoCS";
@@ -182,13 +187,18 @@ void ReloadQueryConfDetails(std::u16string_view agentKey) {
         Log1("\t ReloadQueryConfDetails :: %s can name no directory: nothing is installed for it \n", agentKey);
         return;
     }
-    if (!fileExists(newPlan)) return;
+    if (!MayExist(newPlan)) return;
     const PlanFiles files = FilesOf(agentKey);
-    if (!IsUsableQueryConfig(files.agent, newPlan)) {
-        SetAside(files);
-        return;
+    switch (JudgeQueryConfig(files.agent, newPlan)) {
+        case PlanJudgement::usable:
+            if (Install(files)) LoadQueryConfig(files.agent, files.live);
+            break;
+        case PlanJudgement::refused:
+            SetAside(files);
+            break;
+        case PlanJudgement::unread:
+            Log1("\t ReloadQueryConfDetails :: %s waits for the next call; %s stays in use \n", newPlan, files.live);
     }
-    if (Install(files)) LoadQueryConfig(files.agent, files.live);
 }
 
 void ReloadAndScheduleQueryData() {

@@ -12,8 +12,12 @@ namespace kv {
 /// Whether a key from the server is this agent's own, in any case.
 bool IsOwnAgentKey(std::u16string_view key);
 
-/// Whether a key can be that of a slave: the name of a directory, and none that a plan's files have beside it.
+/// Whether a key can be that of a slave: the name of a directory on every system, and none that a plan's files have
+/// beside it.
 bool IsSlaveKey(std::u16string_view key);
+
+/// The name of a slave's directory: as it stands below "..\conf\slaves\", in whatever case, or else the key itself.
+std::u16string SlaveDirectoryName(std::u16string_view key);
 
 /// Makes the backup and download directories, then downloads the archive at the URL from the server and unpacks it into
 /// the download directory. None downloads nothing. A failed download is logged and leaves things as they are.
@@ -25,7 +29,8 @@ void RequestingConfigDetailstoCS(const OptionalText& confFileDldURL);
 ///
 /// A new file that LoadQueryConfig would not take is logged and set aside as "queryconf.txt.refused"; the plan in use
 /// stays as it is. So does it, with a log line, when the key can name no directory or the new file cannot be put in
-/// place; the new file then waits in the download directory for the next call, whichever agent that is for.
+/// place, or not be read; the new file then waits in the download directory for the next call, whichever agent that is
+/// for.
 void ReloadQueryConfDetails(std::u16string_view agentKey);
 
 /// Builds gv_sortVec and all timers anew, after the collection in progress has ended: every workflow runs at once.

@@ -1,5 +1,6 @@
 #include "queryconf/query_config.h"
 
+#include <algorithm>
 #include <memory>
 #include <new>
 #include <string>
@@ -8,11 +9,13 @@
 
 #include "foundation/agent_state.h"
 #include "foundation/file_utils.h"
+#include "foundation/guarded.h"
 #include "foundation/hash_table.h"
 #include "foundation/log.h"
 #include "foundation/open_file.h"
 #include "foundation/text.h"
 #include "jsontext/hash_json.h"
+#include "platform/clock.h"
 #include "platform/files.h"
 #include "queryconf/conf_paths.h"
 #include "queryconf/schedule.h"
@@ -25,27 +28,48 @@ using platform::Error;
 using platform::Files;
 namespace error = platform::error;
 
+constexpr std::u16string_view ownKey = u"WorkFlows";
+constexpr std::u16string_view slavesKey = u"WorkFlows_";
+
+/// A plan that is held by someone for a moment gets this long: at a start there is no other one to go on with.
+constexpr int openAttempts = 8;
+constexpr std::uint32_t openPause = 250;  // milliseconds
+
 std::u16string KeyOf(std::u16string_view agent) {
-    std::u16string key = u"WorkFlows";
-    if (!agent.empty()) key += ConcatStrings(u"_", agent);
-    return key;
+    return agent.empty() ? std::u16string(ownKey) : ConcatStrings(slavesKey, agent);
 }
 
-/// Reads a file; false when it holds no document. Why not, or what of it was passed over, is logged.
-bool ReadDocument(const char* caller, HashTable* document, std::u16string_view fileName) {
-    const JsonReadResult read = JSONFileToHash(document, fileName);
-    if (!read.message.empty()) Log1("\t %s :: %s \n", caller, read.message);
-    return read.ok;
+/// Keys of slaves that differ in case only are one slave.
+bool IsKeyOf(std::u16string_view agent, std::u16string_view key) {
+    if (agent.empty()) return key == ownKey;
+    return key.starts_with(slavesKey) && CompareIgnoreCase(key.substr(slavesKey.size()), agent) == 0;
 }
 
-bool HasWorkflows(const char* caller, const HashTable* table, const std::u16string& key, std::u16string_view fileName) {
-    if (GetHashVector(table, key)) return true;
-    Log1("\t %s :: %s has no array %s \n", caller, fileName, key);
-    return false;
+/// The list of an agent, or null with a log line.
+Vector* WorkflowsOf(const char* caller, const HashTable* table, std::u16string_view agent,
+                    std::u16string_view fileName) {
+    const std::unique_ptr<const char16_t*[]> keys = GetHashKeys(table);
+    for (std::size_t i = 0; keys[i]; ++i) {
+        Vector* workflows = IsKeyOf(agent, keys[i]) ? GetHashVector(table, keys[i]) : nullptr;
+        if (workflows) return workflows;
+    }
+    Log1("\t %s :: %s has no array %s \n", caller, fileName, KeyOf(agent));
+    return nullptr;
 }
 
 std::u16string UnderBinPath(std::u16string_view path) {
     return ConcatStrings(agentState.gv_ocAgentBinPath.value_or(u""), path);
+}
+
+/// Whether a plan has to be read where it is, and not restored from its backup. What is there and cannot be opened is
+/// waited for.
+bool IsThere(std::u16string_view path) {
+    for (int attempt = 1; !fileExists(path); ++attempt) {
+        if (!MayExist(path)) return false;
+        if (attempt == openAttempts || IsDirectory(path)) break;
+        platform::Clock().Sleep(openPause);
+    }
+    return true;
 }
 
 /// Puts the backup in the place of a missing file. The file has its name only once it is complete, so that a full disk
@@ -77,13 +101,14 @@ const char* FaultOf(const VectorElement* element) {
 }
 
 /// A list without workflows is a plan to collect nothing; one in which nothing can run is a mistake.
-bool HasRunnableWorkflow(const Vector* workflows, const std::u16string& key, std::u16string_view fileName) {
+bool HasRunnableWorkflow(const Vector* workflows, std::u16string_view agent, std::u16string_view fileName) {
     const char* fault = nullptr;
     for (const VectorElement* element = workflows->head; element; element = element->next) {
         if (!(fault = FaultOf(element))) return true;
     }
-    if (fault) Log1("\t IsUsableQueryConfig :: %s :: no workflow of %s can run: the last %s \n", fileName, key, fault);
-    return !fault;
+    if (!fault) return true;
+    Log1("\t JudgeQueryConfig :: %s :: no workflow of %s can run: the last %s \n", fileName, KeyOf(agent), fault);
+    return false;
 }
 
 const char16_t* NameOf(const VectorElement* element) {
@@ -109,8 +134,8 @@ VectorPtr TakeWorkflows(Vector* workflows, const char16_t* key, std::u16string_v
     return taken;
 }
 
-/// Moves the lists of workflows out of a document into a table of their own. Null when memory ran out.
-HashTablePtr TakePlan(const HashTable* document, std::u16string_view fileName) {
+/// Moves the lists of workflows out of an agent's document into a table of their own. Null when memory ran out.
+HashTablePtr TakePlan(const HashTable* document, std::u16string_view agent, std::u16string_view fileName) {
     HashTablePtr plan = MakeHashTable();
     const std::unique_ptr<const char16_t*[]> keys = GetHashKeys(document);
     for (std::size_t i = 0; keys[i] && plan; ++i) {
@@ -119,8 +144,13 @@ HashTablePtr TakePlan(const HashTable* document, std::u16string_view fileName) {
             Log1("\t LoadQueryConfig :: %s :: the value of %s is no array: it is left out \n", fileName, keys[i]);
             continue;
         }
+        const std::u16string key = IsKeyOf(agent, keys[i]) ? KeyOf(agent) : keys[i];
+        if (ContainsHashKey(plan.get(), key)) {
+            Log1("\t LoadQueryConfig :: %s :: %s is %s given again: it is left out \n", fileName, keys[i], key);
+            continue;
+        }
         VectorPtr taken = TakeWorkflows(workflows, keys[i], fileName);
-        if (!taken || !PutHashValue(plan.get(), keys[i], reinterpret_cast<Word>(taken.get()), ValueType::vector))
+        if (!taken || !PutHashValue(plan.get(), key, reinterpret_cast<Word>(taken.get()), ValueType::vector))
             return nullptr;
         static_cast<void>(taken.release());
     }
@@ -131,7 +161,7 @@ HashTablePtr TakePlan(const HashTable* document, std::u16string_view fileName) {
 std::vector<VectorPtr> replacedPlans;
 
 /// Makes room for a new list. The old one is not freed yet: gv_sortVec and running timers refer to its entries until
-/// the schedule is built anew.
+/// the schedule is built again.
 void RemoveOldKey(const std::u16string& key) {
     replacedPlans.emplace_back(GetHashVector(agentState.gv_queryConfHash, key));
     RemoveHashKey(agentState.gv_queryConfHash, key);
@@ -154,14 +184,21 @@ struct FreeHashTableDeleter {
     void operator()(HashTable* table) const { FreeHashTable(table); }
 };
 
-void MergePlan(HashTablePtr plan, const std::u16string& key, std::u16string_view fileName) {
-    const bool hasKey = HasWorkflows("LoadQueryConfig", plan.get(), key, fileName);
+void RemoveOldKeysOf(std::u16string_view agent) {
+    const std::unique_ptr<const char16_t*[]> keys = GetHashKeys(agentState.gv_queryConfHash);
+    for (std::size_t i = 0; keys[i]; ++i) {
+        if (IsKeyOf(agent, keys[i])) RemoveOldKey(std::u16string(keys[i]));
+    }
+}
+
+void MergePlan(HashTablePtr plan, std::u16string_view agent, std::u16string_view fileName) {
+    const bool hasKey = WorkflowsOf("LoadQueryConfig", plan.get(), agent, fileName) != nullptr;
     if (!agentState.gv_queryConfHash) {
         agentState.gv_queryConfHash = plan.release();
         return;
     }
     // A file without its own key has nothing to put in the place of the plan in use, which stays.
-    if (hasKey && ContainsHashKey(agentState.gv_queryConfHash, key)) RemoveOldKey(key);
+    if (hasKey) RemoveOldKeysOf(agent);
     // From here on the lists belong to the merged table.
     const std::unique_ptr<HashTable, FreeHashTableDeleter> merged(plan.release());
     MergeHashTable(merged.get(), agentState.gv_queryConfHash);
@@ -171,7 +208,14 @@ void MergePlan(HashTablePtr plan, const std::u16string& key, std::u16string_view
 
 void LoadSlave(const std::u16string& agent) {
     const std::u16string fileName = ConcatStrings(conf_path::slavesDirectory, agent) + u"\\queryconf.txt";
-    if (fileExists(fileName)) LoadQueryConfig(agent, fileName);
+    // One that is there and cannot be opened is not passed over in silence.
+    if (!fileExists(fileName) && !MayExist(fileName)) return;
+    RunGuarded("LoadQueryConfig", [&] { LoadQueryConfig(agent, fileName); });
+}
+
+bool IsAmong(const std::vector<std::u16string>& names, std::u16string_view name) {
+    return std::any_of(names.begin(), names.end(),
+                       [name](const std::u16string& known) { return CompareIgnoreCase(known, name) == 0; });
 }
 
 void CreateSlavesDirectory() {
@@ -187,9 +231,17 @@ void LoadSlaves() {
         CreateSlavesDirectory();
         return;
     }
+    std::vector<std::u16string> slaves;
     // The first two entries are the directory's own "." and "..".
     for (int position = 0; search.HasFile(); search.Next(), ++position) {
-        if (position >= 2) LoadSlave(search.file.fileName);
+        if (position < 2) continue;
+        const std::u16string& name = search.file.fileName;
+        if (IsAmong(slaves, name)) {
+            Log1("\t LoadConfFiles :: slave %s differs from another in case only and is passed over \n", name);
+            continue;
+        }
+        slaves.push_back(name);
+        LoadSlave(name);
     }
     if (search.error != error::noMoreFiles)
         Log1("\t LoadConfFiles :: the search of the slaves directory ended early. Error is [%u] \n", search.error);
@@ -199,10 +251,11 @@ void LoadSlaves() {
 
 void LoadConfFiles() {
     Log3("\t Inside LoadConfFiles() \n");
-    LoadQueryConfig(u"", conf_path::ownPlan);
-    if (CompareIgnoreCase(agentState.gv_masterAgent, u"YES") == 0) LoadSlaves();
-    agentState.gv_loadqueryconf = 1;
+    // First of all: whatever ends the reading of a plan, the next plan finds a scheduler.
     initializeScheduler();
+    RunGuarded("LoadQueryConfig", [] { LoadQueryConfig(u"", conf_path::ownPlan); });
+    if (CompareIgnoreCase(agentState.gv_masterAgent, u"YES") == 0) RunGuarded("LoadSlaves", LoadSlaves);
+    agentState.gv_loadqueryconf = 1;
     scheduleQueryHashData();
 }
 
@@ -214,32 +267,39 @@ void LoadQueryConfig(std::u16string_view agent, std::optional<std::u16string_vie
         return;
     }
     const std::u16string_view name = fileName.value_or(conf_path::ownPlan);
-    if (!fileExists(UnderBinPath(name))) {
+    if (!IsThere(UnderBinPath(name))) {
         Log1("queryconf.txt file is not available...copy file from backup directory..\n");
         RestoreFromBackup(agent, name);
     }
-    if (!ReadDocument("LoadQueryConfig", document.get(), name)) return;
-    HashTablePtr plan = TakePlan(document.get(), name);
+    const JsonReadResult read = JSONFileToHash(document.get(), name);
+    if (!read.ok) {
+        Log1("\t LoadQueryConfig :: %s; the plan in use stays \n", read.message);
+        return;
+    }
+    if (!read.message.empty()) Log1("\t LoadQueryConfig :: %s \n", read.message);
+    HashTablePtr plan = TakePlan(document.get(), agent, name);
     if (!plan) {
         Log1("\t LoadQueryConfig :: %s is too large for the memory; the plan in use stays \n", name);
         return;
     }
-    MergePlan(std::move(plan), KeyOf(agent), name);
+    MergePlan(std::move(plan), agent, name);
 }
 
 void FreeReplacedPlans() { replacedPlans.clear(); }
 
-bool IsUsableQueryConfig(std::u16string_view agent, std::u16string_view fileName) {
-    Log3("\t Inside IsUsableQueryConfig() \n");
-    constexpr const char* caller = "IsUsableQueryConfig";
+PlanJudgement JudgeQueryConfig(std::u16string_view agent, std::u16string_view fileName) {
+    Log3("\t Inside JudgeQueryConfig() \n");
     const HashTablePtr document = MakeHashTable();
     if (!document) {
         Log1("Initialise hash table is Failed\n");
-        return false;
+        return PlanJudgement::unread;
     }
-    const std::u16string key = KeyOf(agent);
-    return ReadDocument(caller, document.get(), fileName) && HasWorkflows(caller, document.get(), key, fileName) &&
-           HasRunnableWorkflow(GetHashVector(document.get(), key), key, fileName);
+    const JsonReadResult read = JSONFileToHash(document.get(), fileName);
+    if (!read.message.empty()) Log1("\t JudgeQueryConfig :: %s \n", read.message);
+    if (read.fileError != error::success) return PlanJudgement::unread;
+    const Vector* workflows = read.ok ? WorkflowsOf("JudgeQueryConfig", document.get(), agent, fileName) : nullptr;
+    return workflows && HasRunnableWorkflow(workflows, agent, fileName) ? PlanJudgement::usable
+                                                                        : PlanJudgement::refused;
 }
 
 }  // namespace kv

@@ -78,7 +78,12 @@ TEST_F(Json, RefusesInTheParsersWords) {
         return u"{\"a\":" + std::u16string(levels - 1, u'[') + u"1" + std::u16string(levels - 1, u']') + u"}";
     };
     std::u16string huge = u"{\"a\":{";
-    for (char16_t key = 0x3000; key <= 0x3000 + 10000; ++key) (huge += u'"') += key + std::u16string(u"\":1,");
+    for (int member = 0; member <= 10000; ++member) huge += u"/*,*/\"a,\":[1,2],";
+    const auto repeated = [](std::u16string_view text, int times) {
+        std::u16string all = u"{\"a\":[";
+        while (times-- > 0) all += text;
+        return all + u"]";
+    };
     struct Row {
         std::u16string document;
         const char* message;
@@ -96,8 +101,10 @@ TEST_F(Json, RefusesInTheParsersWords) {
              {u"{\"a\":\"\\u20ac\\u00g0\"}", "invalid string sequence at offset 16 (line 1)"},
              {u"[1]", "the top level is no object"},
              {huge + u"}}", "an object has more than 10000 members"},
-             {u"[" + std::u16string(250'000, u'{'), "the document has too many values for the memory"},
-             {u"{\"a\":\"" + std::u16string(2'000'001, u','), "the document has too many values for the memory"},
+             {huge, "an object has more than 10000 members"},  // before the parser sees any of it
+             {repeated(u"{}", 249'999), "the document has too many values for the memory"},
+             {repeated(u",", 1'200'001), "the document has too many values for the memory"},
+             {std::u16string(largestJsonDocument + 1, u' '), "the document is larger than 35 million characters"},
              {nested(32), "nesting to deep at offset 36 (line 1)"},
              {nested(100000), "nesting to deep at offset 36 (line 1)"},
          }) {
@@ -105,6 +112,8 @@ TEST_F(Json, RefusesInTheParsersWords) {
         EXPECT_EQ(Reread(row.document), row.message);
     }
     EXPECT_TRUE(Reread(nested(31)).starts_with("{ \"a\": [ [ "));
+    huge.resize(huge.size() - std::u16string_view(u"/*,*/\"a,\":[1,2],").size());
+    EXPECT_EQ(Reread(huge.substr(0, huge.size() - 1) + u"}}"), R"({ "a": { "a,": [ 1, 2 ] } })");
 }
 
 TEST_F(Json, WritesEveryTypeOfValue) {
@@ -146,6 +155,10 @@ TEST_F(Json, TellsTheEncodingOfAFile) {
               "f.txt: the file is UTF-16 with the high byte first; UTF-16LE or UTF-8 is expected"},
              {"Latin-1", "{\"a\":\"\xE9\"}", "f.txt: the file is neither UTF-16LE nor UTF-8"},
              {"empty", "", "f.txt: unexpected end of data at offset 0 (line 1)"},
+             {"larger than is read", std::string(70'000'003, ' '),
+              "f.txt: the document is larger than 35 million characters"},
+             {"of more characters", std::string(35'000'001, ' '),
+              "f.txt: the document is larger than 35 million characters"},
              {"cut short", wide(document).substr(0, 10), "f.txt: unexpected end of data at offset 5 (line 1)"},
          }) {
         SCOPED_TRACE(row.title);

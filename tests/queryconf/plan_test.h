@@ -21,10 +21,13 @@ inline std::string WideBytes(std::string_view text) {
     return "\xFF\xFE" + Utf16LittleEndianBytes(platform::WideFromUtf8(text));
 }
 
-/// The text of a plan with one list of workflows of the given names.
+/// The text of a plan with one list of workflows of the given names. Their order says the contrary, and is ignored.
 inline std::string PlanText(const std::string& key, const std::vector<std::string>& names) {
     std::string text = "{\"" + key + "\":[";
-    for (const std::string& name : names) text += "{\"wfname\":\"" + name + "\",\"interval\":5,\"recordSetName\":[]},";
+    int order = 9;
+    for (const std::string& name : names)
+        text += "{\"wfname\":\"" + name + "\",\"order\":" + std::to_string(order--) +
+                ",\"interval\":5,\"recordSetName\":[]},";
     return text + "]}";
 }
 

@@ -16,6 +16,7 @@ namespace fs = std::filesystem;
 using Files = platform::FileOperations;
 using platform::error::accessDenied;
 using platform::error::diskFull;
+using platform::error::tooManyOpenFiles;
 
 /// An agent "Own" with a plan "live" and a backup "old", that serves a slave "S" likewise.
 class ConfigReload : public PlanTest {
@@ -42,7 +43,8 @@ class ConfigReload : public PlanTest {
 
     /// The workflow of a plan's file; "-" without a file, the text itself when it is no whole plan of PlanText.
     static std::string PlanIn(const fs::path& path) {
-        static const std::regex plan(R"re(\{"\w+":\[\{"wfname":"(\w+)","interval":5,"recordSetName":\[\]\},\]\})re");
+        static const std::regex plan(
+            R"re(\{"\w+":\[\{"wfname":"(\w+)","order":9,"interval":5,"recordSetName":\[\]\},\]\})re");
         if (!fs::exists(path)) return "-";
         const std::string bytes = Read(path);
         const std::string text = platform::Utf8FromWide(TextFromUtf16LittleEndian(std::string_view(bytes).substr(2)));
@@ -60,9 +62,9 @@ class ConfigReload : public PlanTest {
 };
 
 TEST_F(ConfigReload, TheFilesAndTheTableAfterEachOutcome) {
-    constexpr const char* own = R"({"WorkFlows":[{"wfname":"new","interval":5,"recordSetName":[]},]})";
-    constexpr const char* ofS = R"({"WorkFlows_S":[{"wfname":"new","interval":5,"recordSetName":[]},]})";
-    constexpr const char* ofT = R"({"WorkFlows_T":[{"wfname":"new","interval":5,"recordSetName":[]},]})";
+    constexpr const char* own = R"({"WorkFlows":[{"wfname":"new","order":9,"interval":5,"recordSetName":[]},]})";
+    constexpr const char* ofS = R"({"WorkFlows_S":[{"wfname":"new","order":9,"interval":5,"recordSetName":[]},]})";
+    constexpr const char* ofT = R"({"WorkFlows_T":[{"wfname":"new","order":9,"interval":5,"recordSetName":[]},]})";
     const std::string waits = "queryconf.txt", refused = "queryconf.txt.refused", gone;
     const Files sound = platform::Files();
     struct Row {
@@ -77,13 +79,17 @@ TEST_F(ConfigReload, TheFilesAndTheTableAfterEachOutcome) {
     for (const Row& row : std::vector<Row>{
              {"own, in another case", "oWN", own, sound, "", "new", "live", gone, "new"},
              {"a slave's", "S", ofS, sound, "S", "new", "live", gone, "new"},
+             {"a slave's, its key in another case", "s", ofS, sound, "S", "new", "live", gone, "new"},
+             {"an empty list", "Own", "{\"WorkFlows\":[]}", sound, "", "{\"WorkFlows\":[]}", "live", gone, "-"},
+             {"one that cannot be read now", "Own", own, Failing(&Files::CreateFileW, tooManyOpenFiles), "", "live",
+              "old", waits, "live", "queryconf.txt waits for the next call"},
              {"the first slave's", "T", ofT, sound, "T", "new", "-", gone, "new", "",
               [this] { fs::remove_all(conf / "slaves"), fs::remove_all(conf / "backup"); }},
              {"a slave's that had lost its file", "S", ofS, sound, "S", "new", "-", gone, "new", "",
               [this] { fs::remove(LivePath("S")); }},
              {"none", "Own", nullptr, sound, "", "live", "old", gone, "live"},
              {"malformed", "Own", "{\"WorkFlows\":[", sound, "", "live", "old", refused, "live",
-              "\t IsUsableQueryConfig :: ..\\conf\\download\\queryconf.txt: unexpected end of data at offset 14"},
+              "\t JudgeQueryConfig :: ..\\conf\\download\\queryconf.txt: unexpected end of data at offset 14"},
              {"another agent's", "Own", ofS, sound, "", "live", "old", refused, "live",
               "queryconf.txt has no array WorkFlows"},
              {"nothing that can run", "Own", R"({"WorkFlows":[{"interval":"5","recordSetName":[]}]})", sound, "",
@@ -93,6 +99,11 @@ TEST_F(ConfigReload, TheFilesAndTheTableAfterEachOutcome) {
               "can name no directory"},
              {"for a key that climbs", "..\\..\\S", ofS, sound, "", "live", "old", waits, "live",
               "..\\..\\S can name no directory"},
+             {"for a key that ends in a blank", "S ", ofS, sound, "", "live", "old", waits, "live",
+              "S  can name no directory"},
+             {"for a key of dots", "...", ofS, sound, "", "live", "old", waits, "live", "... can name no directory"},
+             {"for a key with a wildcard", "S*", ofS, sound, "", "live", "old", waits, "live",
+              "S* can name no directory"},
              {"no backup can be made", "Own", own, Failing(&Files::CopyFileW, diskFull), "", "new", "old", gone, "new",
               "cannot be copied to ..\\conf\\backup\\queryconf.txt. Error is [112]"},
              {"nothing can be renamed", "Own", own, Failing(&Files::MoveFileExW, accessDenied), "", "live", "old",

@@ -3,10 +3,13 @@
 #include <regex>
 #include <vector>
 
+#include "foundation/open_file.h"
 #include "jsontext/hash_json.h"
 #include "platform/files.h"
+#include "queryconf/config_reload.h"
 #include "queryconf/query_config.h"
 #include "tests/queryconf/plan_test.h"
+#include "tests/support/virtual_clock.h"
 
 namespace kv::test {
 namespace {
@@ -24,7 +27,8 @@ class QueryConfig : public PlanTest {
 
     /// The plan's JSON text, its keys from the last to the first; workflows of WritePlan stand there by name only.
     static std::string Plan() {
-        static const std::regex workflow(R"re(\{ "recordSetName": \[ \], "interval": 5, "wfname": ("\w+") \})re");
+        static const std::regex workflow(
+            R"re(\{ "recordSetName": \[ \], "interval": 5, "order": \d, "wfname": ("\w+") \})re");
         if (!agentState.gv_queryConfHash) return "none";
         return std::regex_replace(platform::Utf8FromWide(HashToJSONString(agentState.gv_queryConfHash)), workflow,
                                   "$1");
@@ -51,6 +55,8 @@ TEST_F(QueryConfig, AMasterTakesItsSlavesFilesAfterItsOwnAndAReloadReplacesOneKe
     WritePlan(SlaveFile("S"), "WorkFlows_S", {"c"});
     WritePlan(SlaveFile("T"), "WorkFlows_T", {"d"});
     WritePlan(SlaveFile("."), "WorkFlows_.", {"the first two entries, . and .., are passed over"});
+    const bool caseCounts = !fs::exists(SlaveFile("s"));
+    if (caseCounts) WritePlan(SlaveFile("s"), "WorkFlows_s", {"keys that differ in case only are one slave"});
     WritePlan(conf / "backup" / "U" / "queryconf.txt", "WorkFlows_U", {"only a file that was there is restored"});
     fs::create_directories(SlaveFile("U").parent_path());
     FreePlan();
@@ -58,9 +64,10 @@ TEST_F(QueryConfig, AMasterTakesItsSlavesFilesAfterItsOwnAndAReloadReplacesOneKe
     EXPECT_EQ(Plan(), R"({ "WorkFlows_T": [ "d" ], "WorkFlows_S": [ "c" ], "WorkFlows": [ "a", "b" ] })");
     EXPECT_EQ(agentState.gv_loadqueryconf, 1);
     EXPECT_EQ(Scheduled(), "abcd");
+    EXPECT_EQ(Logged("slave s differs from another in case only and is passed over"), caseCounts);
 
     const Vector* own = GetHashVector(agentState.gv_queryConfHash, u"WorkFlows");
-    WritePlan(SlaveFile("S"), "WorkFlows_S", {"e", "f"});
+    WritePlan(SlaveFile("S"), "WorkFlows_s", {"e", "f"});
     Reload(u"S", u"..\\conf\\slaves\\S\\queryconf.txt");
     const std::string reloaded =
         R"({ "WorkFlows_S": [ "e", "f" ], "WorkFlows_T": [ "d" ], "WorkFlows": [ "a", "b" ] })";
@@ -100,13 +107,18 @@ TEST_F(QueryConfig, AMissingFileIsRestoredFromItsBackup) {
 }
 
 TEST_F(QueryConfig, AFileThatCannotBeTakenLeavesThePlanInUse) {
+    VirtualClock clock;
     struct Row {
         const char* title;
         std::optional<std::string> file;
         const char* logged;
+        platform::Error opened = platform::error::success;
     };
     for (const Row& row : std::vector<Row>{
              {"missing", std::nullopt, "backup\\queryconf.txt. Error is [3]"},
+             {"too many open files", "new", "(error 4); the plan in use stays", platform::error::tooManyOpenFiles},
+             {"held by another", "new", "(error 32); the plan in use stays", platform::error::sharingViolation},
+             {"denied", "new", "(error 5); the plan in use stays", platform::error::accessDenied},
              {"malformed", "{\n\"WorkFlows\" []}", "separator ':' expected at offset 14 (line 2)"},
              {"no object", "[{\"interval\":5}]", "queryconf.txt: the top level is no object"},
              {"without its list", "{}", "queryconf.txt has no array WorkFlows"},
@@ -117,10 +129,45 @@ TEST_F(QueryConfig, AFileThatCannotBeTakenLeavesThePlanInUse) {
         Reload(u"");
         fs::remove(conf / "queryconf.txt");
         if (row.file) WriteWide(conf / "queryconf.txt", *row.file);
-        Reload(u"");
+        if (row.opened) WritePlan(conf / "backup" / "queryconf.txt", "WorkFlows", {"older"});
+        {
+            const platform::ScopedOperations scoped(
+                row.opened ? Failing(&platform::FileOperations::CreateFileW, row.opened) : platform::Files());
+            Reload(u"");
+        }
+        fs::remove_all(conf / "backup");
         EXPECT_TRUE(Logged(row.logged));
         EXPECT_EQ(Plan(), R"({ "WorkFlows": [ "a" ] })");
+        EXPECT_EQ(Read(conf / "queryconf.txt"), row.file ? WideBytes(*row.file) : "");
     }
+    WritePlan(conf / "queryconf.txt", "WorkFlows", {"b"});
+    OpenFile writing;
+    writing.Open(u"..\\conf\\queryconf.txt", platform::FileAccess::append, platform::FileShare::readWrite,
+                 platform::FileDisposition::openExisting);
+    Reload(u"");
+    EXPECT_EQ(Plan(), R"({ "WorkFlows": [ "b" ] })");
+}
+
+TEST_F(QueryConfig, AnExceptionAtTheStartLeavesASchedulerForTheNextPlan) {
+    VirtualClock clock;
+    agentState.gv_masterAgent = u"YES";
+    WritePlan(conf / "queryconf.txt", "WorkFlows", {"a"});
+    for (const char* slave : {"S", "T"}) WritePlan(SlaveFile(slave), std::string("WorkFlows_") + slave, {slave});
+    {
+        platform::FileOperations files = platform::Files();
+        files.CreateFileW = [next = files.CreateFileW](std::u16string_view path, auto&&... arguments) {
+            if (path.ends_with(u"..\\conf\\queryconf.txt")) throw std::bad_alloc();
+            return path.ends_with(u"S\\queryconf.txt") ? platform::error::accessDenied : next(path, arguments...);
+        };
+        const platform::ScopedOperations scoped(files);
+        LoadConfFiles();
+    }
+    EXPECT_EQ(Scheduled(), "T");
+    EXPECT_TRUE(Logged("LoadQueryConfig :: ended early"));
+    EXPECT_TRUE(Logged("slaves\\S\\queryconf.txt: ")) << "not passed over in silence";
+    Reload(u"");
+    ReloadAndScheduleQueryData();
+    EXPECT_EQ(Scheduled(), "Ta");
 }
 
 TEST_F(QueryConfig, WorkflowsThatCannotRunAreLeftOutOneByOne) {
