@@ -6,29 +6,20 @@
 
 namespace kv::test {
 
-namespace {
-
 using namespace platform;
 
-std::string TextOfValue(const Variant& value) {
-    switch (value.type) {
-        case VariantType::null:
-            return "NULL";
-        case VariantType::i2:
-        case VariantType::i4:
-        case VariantType::ui1:
-            return std::to_string(value.integer);
-        case VariantType::r4:
-        case VariantType::r8:
-            return fmt::format("{}", value.real);
-        case VariantType::bstr:
-            return Utf8FromWide(value.text);
-        case VariantType::boolean:
-            return value.integer != 0 ? "true" : "false";
-        default:
-            return "array";
-    }
+std::string TextOf(const Variant& value) {
+    const auto isOf = [&value](auto... types) { return ((value.type == types) || ...); };
+    if (isOf(VariantType::null)) return "NULL";
+    if (isOf(VariantType::bstr)) return Utf8FromWide(value.text);
+    if (isOf(VariantType::r4, VariantType::r8)) return fmt::format("{}", value.real);
+    if (isOf(VariantType::boolean) && value.integer >= -1 && value.integer <= 0)
+        return value.integer ? "true" : "false";
+    const bool isWhole = isOf(VariantType::i2, VariantType::i4, VariantType::ui1, VariantType::boolean);
+    return isWhole ? std::to_string(value.integer) : "array";
 }
+
+namespace {
 
 void ReadRow(WmiHandle object, WmiResult& result) {
     const bool isFirst = result.rows.empty();
@@ -38,7 +29,7 @@ void ReadRow(WmiHandle object, WmiResult& result) {
     Variant value;
     while (Wmi().NextProperty(object, name, value) == wmi_status::ok) {
         if (isFirst) result.names.push_back(Utf8FromWide(name));
-        row[Utf8FromWide(name)] = {value.type, TextOfValue(value)};
+        row[Utf8FromWide(name)] = {value.type, TextOf(value)};
     }
     Wmi().EndEnumeration(object);
 }

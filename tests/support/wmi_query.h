@@ -24,6 +24,9 @@ struct WmiResult {
     std::vector<std::string> notices;  // UTF-8
 };
 
+/// As WmiProperty tells it.
+std::string TextOf(const platform::Variant& value);
+
 WmiResult RunWmiQuery(std::string_view query, std::u16string_view nameSpace = u"ROOT\\CIMV2");
 
 /// The text of one property of a row; "(none)" where the row has no such property.

@@ -17,7 +17,7 @@ namespace fs = std::filesystem;
 using ::testing::HasSubstr;
 using Words = std::vector<std::string>;
 
-/// The key is Software\KvregTest, which the tests leave only downwards.
+/// The tests leave the key only downwards.
 class Kvreg : public ::testing::Test {
   protected:
     struct Outcome {
@@ -30,10 +30,10 @@ class Kvreg : public ::testing::Test {
         fs::create_directory(folder / "state");
         ShareRegistry(folder / "state");
         platform::InstallBackend();
-        Run({"delete", "Software\\KvregTest"});
+        Run({"delete", key});
     }
     ~Kvreg() override {
-        Run({"delete", "Software\\KvregTest"});
+        Run({"delete", key});
         RemoveFolder(folder);
     }
 
@@ -58,8 +58,9 @@ class Kvreg : public ::testing::Test {
         return {exitCode, Printed(folder / "output"), Printed(folder / "errors")};
     }
 
-    std::string Get(const std::string& key, const std::string& name) const { return Run({"get", key, name}).output; }
+    std::string Get(const std::string& path, const std::string& name) const { return Run({"get", path, name}).output; }
 
+    const std::string key = "Software\\KvregTest";
     const fs::path folder = MakeTemporaryFolder();
     const std::string header = "Windows Registry Editor Version 5.00\n";
     const std::string file = Utf8(folder / "file.reg");

@@ -20,31 +20,26 @@ using ::testing::StartsWith;
 
 TEST_F(Kvreg, CommandsInTheirOrder) {
     const std::string missing = Utf8(folder / "missing" / "x.reg");
+    const char* const listed =
+        "HKEY_LOCAL_MACHINE\\Software\\KvregTest\n    (Default)    REG_SZ    --\n    lines    REG_SZ    one\\ntwo\n"
+        "    n    REG_DWORD    0x1e (30)\n    v    REG_SZ    some text\nHKEY_LOCAL_MACHINE\\Software\\KvregTest\\Sub\n";
     const std::tuple<Words, int, const char*, const char*> rows[] = {
-        {{"get", "Software\\KvregTest", "v"}, 3, "", "there is no value v in HKEY_LOCAL_MACHINE\\Software\\KvregTest"},
-        {{"set", "Software\\KvregTest", "v", "some text"}, 0, "", ""},
+        {{"get", key, "v"}, 3, "", "there is no value v in HKEY_LOCAL_MACHINE\\Software\\KvregTest"},
+        {{"set", key, "v", "some text"}, 0, "", ""},
         {{"get", "HKLM\\software\\kvregtest\\", "V"}, 0, "some text\n", ""},
         {{"set", "HKEY_LOCAL_MACHINE\\Software\\KvregTest", "n", "30", "--dword"}, 0, "", ""},
-        {{"set", "Software\\KvregTest", "", "--", "--"}, 0, "", ""},  // the first ends the options
-        {{"set", "Software\\KvregTest", "lines", "one\ntwo"}, 0, "", ""},
+        {{"set", key, "", "--", "--"}, 0, "", ""},  // the first ends the options
+        {{"set", key, "lines", "one\ntwo"}, 0, "", ""},
         {{"set", "Software\\KvregTest\\Sub", "x", "y"}, 0, "", ""},
-        {{"get", "Software\\KvregTest"}, 0, "--\n", ""},
-        {{"get", "Software\\KvregTest", "lines"}, 0, "one\ntwo\n", ""},
-        {{"list", "Software\\KvregTest"},
-         0,
-         "HKEY_LOCAL_MACHINE\\Software\\KvregTest\n"
-         "    (Default)    REG_SZ    --\n"
-         "    lines    REG_SZ    one\\ntwo\n"
-         "    n    REG_DWORD    0x1e (30)\n"
-         "    v    REG_SZ    some text\n"
-         "HKEY_LOCAL_MACHINE\\Software\\KvregTest\\Sub\n",
-         ""},
-        {{"delete", "Software\\KvregTest", "v"}, 0, "", ""},
-        {{"delete", "Software\\KvregTest", "v"}, 3, "", "there is no value v"},
-        {{"set", "Software\\KvregTest", "v", "--", "--dword"}, 0, "", ""},
-        {{"get", "Software\\KvregTest", "v"}, 0, "--dword\n", ""},
-        {{"export", missing, "Software\\KvregTest"}, 1, "", "cannot write"},
-        {{"delete", "Software\\KvregTest"}, 0, "", ""},
+        {{"get", key}, 0, "--\n", ""},
+        {{"get", key, "lines"}, 0, "one\ntwo\n", ""},
+        {{"list", key}, 0, listed, ""},
+        {{"delete", key, "v"}, 0, "", ""},
+        {{"delete", key, "v"}, 3, "", "there is no value v"},
+        {{"set", key, "v", "--", "--dword"}, 0, "", ""},
+        {{"get", key, "v"}, 0, "--dword\n", ""},
+        {{"export", missing, key}, 1, "", "cannot write"},
+        {{"delete", key}, 0, "", ""},
         {{"import", missing}, 3, "", "there is no file"},
         {{}, 2, "", "a command is missing"},
         {{"put", "A"}, 2, "", "unknown command 'put'"},
@@ -80,14 +75,14 @@ TEST_F(Kvreg, WhatTheAgentAndTheToolStoreIsCarriedOver) {
     EXPECT_EQ(Get("Software\\KvregTest\\A", "list"), "a\nb\n");
 
     fs::remove(file);
-    ASSERT_EQ(Run({"export", file, "Software\\KvregTest"}).exitCode, 0);
+    ASSERT_EQ(Run({"export", file, key}).exitCode, 0);
     const std::string whole = Read(file);
-    ASSERT_EQ(Run({"delete", "Software\\KvregTest"}).exitCode, 0);
+    ASSERT_EQ(Run({"delete", key}).exitCode, 0);
     ASSERT_EQ(Run({"import", file}).exitCode, 0);
-    OptionalText key;
-    EXPECT_EQ(ReadRegSZ(root, agentKey, u"key", key), 0U);
-    EXPECT_EQ(key, u"K\u00fc \"1\"\\");
-    ASSERT_EQ(Run({"export", file, "Software\\KvregTest"}).exitCode, 0);
+    OptionalText carried;
+    EXPECT_EQ(ReadRegSZ(root, agentKey, u"key", carried), 0U);
+    EXPECT_EQ(carried, u"K\u00fc \"1\"\\");
+    ASSERT_EQ(Run({"export", file, key}).exitCode, 0);
     EXPECT_EQ(Read(file), whole);
     EXPECT_EQ(FilesIn(folder), (std::vector<std::string>{"errors", "file.reg", "output", "state"}))
         << "nothing else is left";
@@ -99,17 +94,16 @@ TEST_F(Kvreg, WhatTheAgentAndTheToolStoreIsCarriedOver) {
 }
 
 TEST_F(Kvreg, AnImportIsCarriedOutWholeOrRefused) {
-    Write(file, header +
-                    "[HKLM\\Software\\KvregTest\\A]\n\"one\"=\"1\"\n\"two\"=dword:2\n[HKLM\\Software\\KvregTest\\B\\C]"
-                    "\n@=hex(2):25,00,00,00\n");
+    const std::string inA = header + "[HKLM\\Software\\KvregTest\\A]\n";
+    Write(file, inA + "\"one\"=\"1\"\n\"two\"=dword:2\n[HKLM\\Software\\KvregTest\\B\\C]\n@=hex(2):25,00,00,00\n");
     ASSERT_EQ(Run({"import", file}).exitCode, 0);
-    Write(file, header +
-                    "[HKLM\\Software\\KvregTest\\A]\n\"one\"=-\n\"never "
-                    "there\"=-\n[-HKLM\\Software\\KvregTest\\B]\n[-HKLM\\Software\\KvregTest\\Never]\n");
+    Write(file, inA +
+                    "\"one\"=-\n\"never there\"=-\n[-HKLM\\Software\\KvregTest\\B]\n"
+                    "[-HKLM\\Software\\KvregTest\\Never]\n");
     ASSERT_EQ(Run({"import", file}).exitCode, 0);
     EXPECT_EQ(Run({"get", "Software\\KvregTest\\A", "one"}).exitCode, 3);
     EXPECT_EQ(Run({"list", "Software\\KvregTest\\B"}).exitCode, 3);
-    Write(file, header + "[HKLM\\Software\\KvregTest\\A]\n\"two\"=dword:3\n[HKEY_USERS\\X]\n");
+    Write(file, inA + "\"two\"=dword:3\n[HKEY_USERS\\X]\n");
     const Outcome refused = Run({"import", file});
     EXPECT_EQ(refused.exitCode, 1);
     EXPECT_THAT(refused.errors, HasSubstr("file.reg:4: only HKEY_LOCAL_MACHINE can be imported, not 'HKEY_USERS'"));
@@ -128,11 +122,11 @@ TEST_F(Kvreg, WatchTellsOfEachChangeForAsLongAsSomebodyReads) {
     const auto write = [&] { Run({"set", "Software\\KvregTest\\B", "v", std::to_string(number++)}); };
     write();
     {
-        const ToolProcess watch({"watch", "Software\\KvregTest"}, told, folder / "watch errors");
+        const ToolProcess watch({"watch", key}, told, folder / "watch errors");
         tellsUntil("set", write);  // it has begun to watch then
-        Run({"delete", "Software\\KvregTest"});
+        Run({"delete", key});
         tellsUntil("deleted", [] {});
-        Run({"set", "Software\\KvregTest", "new", "t"});
+        Run({"set", key, "new", "t"});
         tellsUntil("new", [] {});
     }
     EXPECT_THAT(Printed(told),
@@ -140,7 +134,7 @@ TEST_F(Kvreg, WatchTellsOfEachChangeForAsLongAsSomebodyReads) {
                       EndsWith("\ndeleted  HKEY_LOCAL_MACHINE\\Software\\KvregTest\\B    v\n"
                                "set      HKEY_LOCAL_MACHINE\\Software\\KvregTest    new    REG_SZ    t\n")));
 
-    ToolProcess unread({"watch", "Software\\KvregTest"}, {}, folder / "errors");
+    ToolProcess unread({"watch", key}, {}, folder / "errors");
     EXPECT_EQ(unread.ExitCode(), 1);
     EXPECT_THAT(Read(folder / "errors"), HasSubstr("nobody reads"));
 }

@@ -6,12 +6,12 @@ namespace kv::test {
 namespace {
 
 TEST_F(Kvreg, AnExportIsItsOwnersAndLinksAreFollowed) {
-    ASSERT_EQ(Run({"set", "Software\\KvregTest", "a", "b"}).exitCode, 0);
+    ASSERT_EQ(Run({"set", key, "a", "b"}).exitCode, 0);
     fs::create_symlink(fs::path(file).filename(), folder / "link");
     ASSERT_EQ(Run({"export", folder / "link"}).exitCode, 0) << "a link to nothing so far";
     EXPECT_EQ(fs::status(file).permissions(), fs::perms::owner_read | fs::perms::owner_write);
     const std::string whole = Read(file);
-    ASSERT_EQ(Run({"export", folder / "link", "Software\\KvregTest"}).exitCode, 0);
+    ASSERT_EQ(Run({"export", folder / "link", key}).exitCode, 0);
     EXPECT_LT(Read(file).size(), whole.size());
     EXPECT_TRUE(fs::is_symlink(folder / "link"));
     ASSERT_EQ(Run({"export", "/dev/stdout"}).exitCode, 0);

@@ -133,11 +133,7 @@ std::vector<std::string> ObjectsOf(std::u16string_view className, std::string_vi
     std::vector<std::string> objects;
     const auto add = [&](const ResultObject& object) {
         std::string& texts = objects.emplace_back();
-        for (const auto& [name, value] : object) {
-            const bool isText = value.type == platform::VariantType::bstr;
-            const std::string text = isText ? Utf8FromWide(value.text) : std::to_string(value.integer);
-            texts += (value.type == platform::VariantType::null ? "NULL" : text) + "|";
-        }
+        for (const auto& [name, value] : object) texts += TextOf(value) + "|";
     };
     EXPECT_EQ(RunQuery({classInfo.name, {query}}, {add, [] { return true; }, nullptr}), 0U);
     return objects;
@@ -180,8 +176,8 @@ TEST(WmiProcessors, AreDescribedByTheirArchitecturesOwnLines) {
         std::vector<std::string> objects;
     } rows[] = {
         {"x86", xeons, firmware, "x86_64", "", identity,
-         {"CPU0|Xeon Gold 6226R|GenuineIntel|Intel64 Family 6 Model 85 Stepping 7|9|64|6|21767|7|435|LGA3647-0|1|-1|",
-          "CPU1|Xeon Gold 6226R|GenuineIntel|Intel64 Family 6 Model 85 Stepping 7|9|64|6|21767|7|435|LGA3647-0|4|-1|"}},
+         {"CPU0|Xeon Gold 6226R|GenuineIntel|Intel64 Family 6 Model 85 Stepping 7|9|64|6|21767|7|435|LGA3647-0|1|true|",
+          "CPU1|Xeon Gold 6226R|GenuineIntel|Intel64 Family 6 Model 85 Stepping 7|9|64|6|21767|7|435|LGA3647-0|4|true|"}},
         {"of the firmware", xeons, firmware, "", "",
          "ProcessorId SerialNumber CurrentVoltage ExtClock MaxClockSpeed UpgradeMethod Characteristics",
          {"BFEBFBFF00050657|0123|10|100|2900|53|252|", "BFEBFBFF00050657|0123|10|100|2900|53|252|"}},
