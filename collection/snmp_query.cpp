@@ -26,10 +26,11 @@ struct SnmpQuery {
 /// How much of what was asked for an attempt has brought.
 enum class Answer { none, empty, cut, complete };
 
-/// What came of a poll: the answer to the last attempt, and why it is no success.
+/// What came of a poll: the answer to the last attempt, and why it is not a success.
 struct Outcome {
     bool succeeded = false;
     std::string reason;
+    std::int32_t replaced = 0;  // values whose place a later one with the same text of an OID has taken
 };
 
 /// The parts of a text between commas, those without characters left out.
@@ -90,9 +91,10 @@ Answer Ask(const SnmpQuery& query, SnmpResponsePtr& response) {
 }
 
 /// Puts a text or a table and releases what it replaces, which nobody else holds: a device may give an OID twice, and
-/// a second attempt gives all again.
-bool PutInPlaceOf(HashTable* table, std::u16string_view key, Word value, ValueType type) {
+/// a second attempt gives all again. replaced counts, where it is not null.
+bool PutInPlaceOf(HashTable* table, std::u16string_view key, Word value, ValueType type, std::int32_t* replaced) {
     const HashEntry* entry = GetHashEntry(table, key);
+    if (entry && replaced) ++*replaced;
     const HashEntry former = entry ? *entry : HashEntry{};
     if (PutHashValue(table, key, value, type) != 1) return false;
     if (former.type == ValueType::text) FreeText(reinterpret_cast<char16_t*>(former.value));
@@ -101,7 +103,8 @@ bool PutInPlaceOf(HashTable* table, std::u16string_view key, Word value, ValueTy
 }
 
 /// Puts one OID's values into a table of theirs, and "TYPE" into the record's when it still lacks one.
-void StoreValues(const SnmpVarList& list, HashTable* values, HashTable* table, bool& noValueYet) {
+void StoreValues(const SnmpVarList& list, HashTable* values, HashTable* table, bool& noValueYet,
+                 std::int32_t& replaced) {
     for (std::int32_t i = 0; i < list.valueCount; ++i) {
         const SnmpValue* value = list.values[i];
         std::u16string oid, type;
@@ -112,13 +115,14 @@ void StoreValues(const SnmpVarList& list, HashTable* values, HashTable* table, b
         if (noValueYet && ChangeUtf8ToWideStr(value->type, type)) PutHashText(table, u"TYPE", type);
         noValueYet = false;
         const std::u16string text = SnmpValueText(*value);
-        PutInPlaceOf(values, oid, reinterpret_cast<Word>(text.c_str()), ValueType::text);
+        PutInPlaceOf(values, oid, reinterpret_cast<Word>(text.c_str()), ValueType::text, &replaced);
     }
 }
 
 /// Puts a table for each OID, up to the first that has no list: missing is then its index.
 Answer StoreLists(const SnmpQuery& query, const SnmpResponseData& response, HashTable* table, bool& noValueYet,
-                  std::size_t& missing) {
+                  std::size_t& missing, std::int32_t& replaced) {
+    replaced = 0;
     for (std::size_t i = 0; i < query.oids.size(); ++i) {
         const SnmpVarList* list = std::cmp_less(i, response.oidCount) ? response.results[i] : nullptr;
         missing = i;
@@ -128,10 +132,10 @@ Answer StoreLists(const SnmpQuery& query, const SnmpResponseData& response, Hash
             Log1("ExecuteSNMPQuery :: InitHashTable Failed\n");
             return Answer::cut;
         }
-        StoreValues(*list, values.get(), table, noValueYet);
+        StoreValues(*list, values.get(), table, noValueYet, replaced);
         std::u16string oid;
         ChangeUtf8ToWideStr(query.oids[i].c_str(), oid);
-        if (PutInPlaceOf(table, oid, reinterpret_cast<Word>(values.get()), ValueType::table))
+        if (PutInPlaceOf(table, oid, reinterpret_cast<Word>(values.get()), ValueType::table, nullptr))
             static_cast<void>(values.release());
     }
     return Answer::complete;
@@ -153,12 +157,13 @@ bool TakeRetry(Answer answer, SnmpQuery& query) {
     return retries;
 }
 
-/// Why a poll whose last attempt came to this failed. What a get lacks at its first OID it lacks at all.
+/// Why a poll whose last attempt came to this failed. What a get lacks at its first OID it lacks at all; whether the
+/// device was asked, and how it answered, is said by the engine.
 std::string ReasonOf(Answer answer, const SnmpQuery& query, std::size_t missing) {
     if (answer == Answer::complete) return "none of the OIDs has a value";
-    if (answer == Answer::none || answer == Answer::empty) return "it was not asked or gave no answer";
+    if (answer == Answer::none || answer == Answer::empty) return "the request brought nothing";
     if (query.requestType == snmpWalk) return "no values below " + query.oids[missing];
-    if (missing == 0) return "no answer";
+    if (missing == 0) return "it gave no value";
     return "no value for " + query.oids[missing - 1] + ", behind which nothing is taken";
 }
 
@@ -167,16 +172,17 @@ std::string ReasonOf(Answer answer, const SnmpQuery& query, std::size_t missing)
 Outcome Poll(SnmpQuery& query, HashTable* table) {
     bool noValueYet = true;
     std::size_t missing = 0;
+    std::int32_t replaced = 0;
     SnmpResponsePtr response;
     Answer answer = Answer::none;
     do {
         answer = Ask(query, response);
-        if (answer == Answer::complete) answer = StoreLists(query, *response, table, noValueYet, missing);
+        if (answer == Answer::complete) answer = StoreLists(query, *response, table, noValueYet, missing, replaced);
     } while (answer != Answer::complete && TakeRetry(answer, query));
     if (noValueYet && (answer == Answer::cut || answer == Answer::complete))
         Log1("Empty response from SNMP Agent. Updating returnMessage as FAILURE !!!");
-    if (answer == Answer::complete && !noValueYet) return {.succeeded = true, .reason = ""};
-    return {.succeeded = false, .reason = ReasonOf(answer, query, missing)};
+    if (answer == Answer::complete && !noValueYet) return {.succeeded = true, .reason = "", .replaced = replaced};
+    return {.succeeded = false, .reason = ReasonOf(answer, query, missing), .replaced = replaced};
 }
 
 }  // namespace
@@ -187,6 +193,11 @@ std::u16string ExecuteSNMPQuery(const HashTable* record, HashTable* table) {
     SnmpQuery query;
     if (!ReadQuery(record, query)) return u"FAILURE";
     const Outcome outcome = Poll(query, table);
+    if (outcome.replaced > 0)
+        Log1(
+            "\t %s :: %d of the values are not in the record: a later one's OID has the same text, as a part from "
+            "2147483648 on is not written \n",
+            SnmpRecordName(record), outcome.replaced);
     if (outcome.succeeded) return u"SUCCESS";
     Log1("\t ExecuteSNMPQuery :: The poll of %s for %s failed: %s \n", SnmpRecordName(record),
          SnmpMember(record, u"OID"), outcome.reason);

@@ -29,6 +29,7 @@ SnmpResponseData* SnmpManagerRequest(const char* host, std::int32_t port, std::i
                                      const char* const* oids, std::int32_t oidCount, std::int32_t agentLogLevel,
                                      SnmpResponseData* fallback) try {
     snmp::SetToolkitLogLevel(agentLogLevel);
+    snmp::TKLOG(3, "\t Inside SnmpManagerRequest() \n");
     if (!snmp::StartToolkit() || requestType > snmpWalk) return nullptr;
     const snmp::ResultVectors results = Operate({.host = TextOrEmpty(host),
                                                  .port = port,
@@ -42,7 +43,7 @@ SnmpResponseData* SnmpManagerRequest(const char* host, std::int32_t port, std::i
         std::printf("GetSNMP Response returns NULL\n");
         return fallback;
     }
-    return snmp::ConstructResponseData(oids, oidCount, results.get(), requestType);
+    return snmp::ConstructResponseData(oids, oidCount, results.get(), fallback, requestType);
 } catch (const std::bad_alloc&) {
     return nullptr;
 }

@@ -30,7 +30,8 @@ class Session {
     std::uint8_t status_;
 };
 
-/// False when the session cannot be used, with the reason.
+/// False when the session cannot be used, with the reason. No socket of this system is read as one of these, and an
+/// open that fails gives 0, which fails at sending.
 bool IsOpen(const Session& session, std::uint8_t* status) {
     if (session.status() == openedOutOfMemory) {
         TKLOG(2, "Unable to allocate memory\n");
@@ -46,12 +47,16 @@ bool IsOpen(const Session& session, std::uint8_t* status) {
 }
 
 bool SendPduAndWaitForTdInfoResp(TransportDomainInfo* info, SnmpPdu* request) {
+    TKLOG(3, "\t Inside SendPduAndWaitForTdInfoResp() \n");
     if (SendSnmpPdu(info, request) != 1) {
         TKLOG(2, "Error while sending the packet to the master agent !!!\n");
         return false;
     }
     const std::int64_t seconds = std::max(request->timeoutSeconds, 0);
-    return WaitForTdInfoResp(info, seconds * 1'000'000) == 1;
+    if (WaitForTdInfoResp(info, seconds * 1'000'000) == 1) return true;
+    Log1("\t SendPduAndWaitForTdInfoResp :: no answer from %s port %d within %d s \n", info->address->remoteHost.data(),
+         info->address->remotePort, seconds);
+    return false;
 }
 
 /// The answer that waits at the socket.
@@ -81,6 +86,7 @@ SnmpPduPtr ReceivePdu(TransportDomainInfo* info, std::uint8_t* status) {
 }  // namespace
 
 SnmpPduPtr SendAndReceiveSnmpPdu(SnmpPdu* request, const char* host, std::int32_t port, std::uint8_t* status) {
+    TKLOG(3, "\t Inside SendAndReceiveSnmpPdu() \n");
     *status = exchange_status::noAnswer;
     const TransportDomainInfoPtr info(CreateTransportDomainInfo(0, static_cast<std::uint16_t>(port), host));
     if (!info) return nullptr;

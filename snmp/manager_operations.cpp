@@ -76,8 +76,10 @@ std::int32_t ParseRequestedOid(const ManagerRequest& request, std::int32_t index
     const std::int32_t length = ConvertToOidOrIpFromString(oid, text, false);
     if (length == -1) {
         std::printf("Invalid OID Format\n");
-        Log1("\t SnmpManagerRequest :: \"%s\" is no OID: numbers, a dot ahead of each, no blanks. %s is not asked \n",
-             text, request.host);
+        // Only a walk asks for one OID after the other.
+        const bool wasAsked = request.requestType == snmpWalk && index > 0;
+        Log1("\t SnmpManagerRequest :: \"%s\" is not an OID: numbers, a dot ahead of each, no blanks. %s %s \n", text,
+             request.host, wasAsked ? "is asked no further, and what it gave is dropped" : "is not asked");
     } else if (length == 0) {
         Log1("\t SnmpManagerRequest :: the numbers of \"%s\" do not match its dots: %s is asked for an empty OID \n",
              text, request.host);
@@ -128,8 +130,8 @@ void TakeGetAnswer(const ManagerRequest& request, TkVector* answer, VarBindListP
 /// What the walks of one request share.
 struct WalkShare {
     std::string address;  // the host's, looked up once and not for each value
-    std::int64_t bytesLeft = maxWalkBytes;
-    std::uint64_t endTick = platform::Clock().GetTickCount64() + maxWalkMilliseconds;
+    std::int64_t bytesLeft;
+    std::uint64_t endTick;
 };
 
 /// Where a walk of one OID stands.
@@ -151,10 +153,18 @@ struct Walk {
 
 enum class WalkStep { next, finished, failed };
 
-/// Ends a walk that could go on, with what it has.
-WalkStep EndEarly(const Walk& walk, const TkVector& values, const char* reason) {
-    Log1("\t SnmpWalkOperation :: %s %s. The walk ends with %d values \n", walk.request.host, reason, values.count);
+/// Ends a walk, with what it has, at an answer that says why.
+WalkStep EndEarly(const Walk& walk, const TkVector& values, const char* reason, const SnmpPdu& answer) {
+    std::string status;
+    if (answer.errorStatus != 0) status = LogText(", with the error status %d", answer.errorStatus);
+    Log1("\t SnmpWalkOperation :: %s %s%s. The walk ends with %d values \n", walk.request.host, reason, status,
+         values.count);
     return WalkStep::finished;
+}
+
+/// Ends a walk at an answer that leads no further; there is a line when that is an error.
+WalkStep End(const Walk& walk, const TkVector& values, const SnmpPdu& answer) {
+    return answer.errorStatus == 0 ? WalkStep::finished : EndEarly(walk, values, "goes no further", answer);
 }
 
 /// A getnext from an OID; null with a word on it when memory ran out or the community is too long.
@@ -232,38 +242,56 @@ bool IsBackAtLandmark(Walk& walk) {
     return false;
 }
 
+/// What a variable takes until its request is answered: its record, node, name and value, and what the response makes
+/// of them.
+std::int64_t HeldBytes(const VarBind& varBind) {
+    constexpr std::int64_t records =
+        sizeof(VarBind) + sizeof(TkVectorNode) + sizeof(SnmpValue) + sizeof(SnmpValue*) + typeTextRoom;
+    constexpr std::int64_t allocations = 6 * 16;  // what the system adds to each
+    constexpr std::int64_t subId = sizeof(std::uint32_t);
+    const bool isOid = varBind.type == tag::objectId;
+    const std::int64_t value = isOid ? varBind.valueLength * subId : varBind.valueLength;
+    const std::size_t valueText = isOid ? OidTextRoom(varBind.valueLength) : static_cast<std::size_t>(value) + 1;
+    return records + allocations + varBind.oidLength * subId + value +
+           static_cast<std::int64_t>(OidTextRoom(varBind.oidLength) + valueText);
+}
+
 /// Takes the variables over from an answer, which has no more use for them.
 void TakeValues(Walk& walk, TkVector* answer, TkVector* values) {
-    for (const TkVectorNode* node = answer->head; node; node = node->next) {
-        const VarBind& varBind = *static_cast<const VarBind*>(node->data);
-        walk.share.bytesLeft -= std::int64_t{varBind.oidLength} * 4 + varBind.valueLength;
-    }
+    for (const TkVectorNode* node = answer->head; node; node = node->next)
+        walk.share.bytesLeft -= HeldBytes(*static_cast<const VarBind*>(node->data));
     TakeVarBinds(values, answer);
 }
 
 /// Takes one answer into the values.
-WalkStep TakeWalkAnswer(Walk& walk, TkVector* answer, TkVector* values) {
-    if (answer->count == 0) return WalkStep::finished;
+WalkStep TakeWalkAnswer(Walk& walk, SnmpPdu& answer, TkVector* values) {
+    if (answer.varBinds.count == 0) return End(walk, *values, answer);
     walk.asked = walk.current;
-    const WalkStep step = MoveOn(walk, *answer);
-    if (step != WalkStep::next) return step;
+    const WalkStep step = MoveOn(walk, answer.varBinds);
+    if (step == WalkStep::finished) return End(walk, *values, answer);
+    if (step == WalkStep::failed) return step;
     if (IsSameOid(walk.current, walk.asked))
-        return EndEarly(walk, *values, "gives back the OID that it was asked from");
-    TakeValues(walk, answer, values);
-    if (IsBackAtLandmark(walk)) return EndEarly(walk, *values, "sends OIDs that run in a circle");
-    if (values->count >= maxWalkValues) return EndEarly(walk, *values, "goes on and on");
-    if (walk.share.bytesLeft <= 0) return EndEarly(walk, *values, "sends more than a request may bring");
+        return EndEarly(walk, *values, "gives back the OID that it was asked from", answer);
+    TakeValues(walk, &answer.varBinds, values);
+    if (IsBackAtLandmark(walk)) return EndEarly(walk, *values, "sends OIDs that run in a circle", answer);
+    if (values->count >= walk.request.bounds.values) return EndEarly(walk, *values, "goes on and on", answer);
+    if (walk.share.bytesLeft <= 0) return EndEarly(walk, *values, "sends more than a request may bring", answer);
     if (platform::Clock().GetTickCount64() >= walk.share.endTick)
-        return EndEarly(walk, *values, "takes longer than a request may last");
+        return EndEarly(walk, *values, "takes longer than a request may last", answer);
     return WalkStep::next;
+}
+
+/// An error status of a reply may be the number that stands for one that cannot be read.
+bool IsUnreadable(const SnmpPdu& answer, std::uint8_t status) {
+    return status == exchange_status::undecodable && answer.errorStatus == 0;
 }
 
 WalkStep TakeWalkStep(Walk& walk, TkVector* values) {
     std::uint8_t status = exchange_status::done;
     const SnmpPduPtr response = AskNext(walk, status);
     if (!response) return WalkStep::failed;
-    if (status == exchange_status::undecodable) return EndEarly(walk, *values, "sends what cannot be read");
-    return TakeWalkAnswer(walk, &response->varBinds, values);
+    if (IsUnreadable(*response, status)) return EndEarly(walk, *values, "sends what cannot be read", *response);
+    return TakeWalkAnswer(walk, *response, values);
 }
 
 /// Collects the values of one OID; false when it is malformed or the device fell silent.
@@ -284,6 +312,7 @@ ResultVectors MakeResultVectors(const ManagerRequest& request) {
 }  // namespace
 
 ResultVectors SnmpGetOperation(const ManagerRequest& request) {
+    TKLOG(3, "\t Inside SnmpGetOperation() \n");
     RequestVarBinds varBinds;
     if (!AddGetVarBinds(request, varBinds)) return nullptr;
     const SnmpPduPtr pdu = MakeGetPdu(request, varBinds);
@@ -292,6 +321,7 @@ ResultVectors SnmpGetOperation(const ManagerRequest& request) {
     std::uint8_t status = 0;
     const SnmpPduPtr response = SendAndReceiveSnmpPdu(pdu.get(), request.host, request.port, &status);
     if (!response) return results;
+    if (IsUnreadable(*response, status)) Log1("\t SnmpGetOperation :: %s sends what cannot be read \n", request.host);
     if (response->errorStatus != 0)
         Log1("\t SnmpGetOperation :: %s reports the error status %d at value %d \n", request.host,
              response->errorStatus, response->errorIndex);
@@ -300,9 +330,12 @@ ResultVectors SnmpGetOperation(const ManagerRequest& request) {
 }
 
 ResultVectors SnmpWalkOperation(const ManagerRequest& request) {
+    TKLOG(3, "\t Inside SnmpWalkOperation() \n");
     ResultVectors results = MakeResultVectors(request);
     VarBindListPtr* values = results.get();
-    WalkShare share{.address = AddressOrHost(request.host)};
+    WalkShare share{.address = AddressOrHost(request.host),
+                    .bytesLeft = request.bounds.bytes,
+                    .endTick = platform::Clock().GetTickCount64() + request.bounds.milliseconds};
     for (std::int32_t i = 0; i < request.oidCount; ++i, ++values) {
         *values = MakeVarBindList();
         if (!*values || !WalkOid(request, i, share, values->get())) return nullptr;

@@ -1,6 +1,7 @@
 // What a manager request is made of.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 
@@ -13,6 +14,17 @@ namespace kv::snmp {
 /// A list of values for each OID of a request, or null where there is none.
 using ResultVectors = std::unique_ptr<VarBindListPtr[]>;
 
+/// Room for the text of a value's type.
+inline constexpr std::size_t typeTextRoom = 20;
+
+/// Where a walk ends with what it has. A device that makes up values forever would fill the memory, and one that is
+/// slow with each would hold up all other collection.
+struct WalkBounds {
+    std::int32_t values = 1'000'000;         // of one OID
+    std::int64_t bytes = 256 * 1024 * 1024;  // that a request holds: its records, names and values, and their texts
+    std::uint64_t milliseconds = 60 * 60 * 1000;  // of a request
+};
+
 /// The arguments of one request, as SnmpManagerRequest has them; no text is null but an OID's.
 struct ManagerRequest {
     const char* host;
@@ -23,13 +35,8 @@ struct ManagerRequest {
     const char* version;
     const char* const* oids;
     std::int32_t oidCount;
+    WalkBounds bounds = {};
 };
-
-// Where a walk ends with what it has. A device that makes up values for ever would fill the memory, and one that is
-// slow with each would hold up all other collection.
-inline constexpr std::int32_t maxWalkValues = 1'000'000;              // of one OID
-inline constexpr std::int64_t maxWalkBytes = 64 * 1024 * 1024;        // of the names and values of a request
-inline constexpr std::uint64_t maxWalkMilliseconds = 60 * 60 * 1000;  // of a request
 
 /// All OIDs in one datagram. Null when the request cannot be made.
 ResultVectors SnmpGetOperation(const ManagerRequest& request);
@@ -41,11 +48,12 @@ ResultVectors SnmpWalkOperation(const ManagerRequest& request);
 bool IsOidInSubtree(const std::uint32_t* root, std::int32_t rootLength, const std::uint32_t* oid,
                     std::int32_t oidLength);
 
-/// The answer that a manager request gives; the caller's, released with FreeResponseData.
+/// The answer that a manager request gives; the caller's, released with FreeResponseData. fallback is not looked at.
 SnmpResponseData* ConstructResponseData(const char* const* oids, std::int32_t oidCount,
-                                        const VarBindListPtr* resultVectors, std::int32_t requestType);
+                                        const VarBindListPtr* resultVectors, const SnmpResponseData* fallback,
+                                        std::int32_t requestType);
 
-/// How an exchange ended; any other value is the error status of the reply.
+/// How an exchange ended; any other value is the error status of the reply, of which one may be as these are.
 namespace exchange_status {
 inline constexpr std::uint8_t done = 0;
 inline constexpr std::uint8_t outOfMemory = 99;
@@ -58,7 +66,8 @@ inline constexpr std::uint8_t undecodable = 103;
 SnmpPduPtr SendAndReceiveSnmpPdu(SnmpPdu* request, const char* host, std::int32_t port, std::uint8_t* status);
 
 /// Starts the engine unless the low byte of gv_agentRunFlag says that it is started: a log of its own, a socket of its
-/// own, and the flag set. False when a step failed; the next request tries again.
+/// own, and the flag set. Blocks for as long as the system looks this computer's own name up, twice. False when a step
+/// failed; the next request tries again.
 bool StartToolkit();
 
 }  // namespace kv::snmp

@@ -12,8 +12,6 @@ namespace kv::snmp {
 
 namespace {
 
-constexpr std::size_t typeTextRoom = 20;
-
 NarrowText CopyBytes(const void* bytes, std::int32_t length) {
     const auto size = static_cast<std::size_t>(length);
     NarrowText text(new char[size + 1]);
@@ -112,7 +110,9 @@ void FreeVarList(SnmpVarList* list) {
 }  // namespace
 
 SnmpResponseData* ConstructResponseData(const char* const* oids, std::int32_t oidCount,
-                                        const VarBindListPtr* resultVectors, std::int32_t requestType) {
+                                        const VarBindListPtr* resultVectors,
+                                        [[maybe_unused]] const SnmpResponseData* fallback, std::int32_t requestType) {
+    TKLOG(3, "\t Inside ConstructResponseData() \n");
     SnmpResponsePtr response = MakeResponse(oids, oidCount, requestType);
     std::uint8_t last = 0;
     for (std::int32_t i = 0; i < oidCount; ++i) {

@@ -3,6 +3,7 @@
 
 #include "foundation/agent_state.h"
 #include "snmp/manager_operations.h"
+#include "snmp/processing_hooks.h"
 #include "snmp/toolkit_log.h"
 #include "snmp/udp_transport.h"
 
@@ -13,15 +14,22 @@ namespace {
 constexpr const char* banner = "Sablewire Agent Toolkit 6.4.0";
 constexpr const char* ownLogName = "logs\\SNMP_agent.log";
 
-/// The engine's own session, or null: open for the life of the process, and nothing reads or writes it. Never freed at
-/// the end, when there may be no socket operations any more to close it with.
-TransportDomainInfo* ownSession = nullptr;
-
-/// A start that follows one that failed, or that the server asked for again, opens a new one.
+/// The engine's own session stays open for the life of the process. It is not freed at the end, when there may be no
+/// socket operations any more to close it with; a start that follows another opens a new one.
 void CloseOwnSession() {
-    if (ownSession) CloseSnmpSession(ownSession);
-    FreeTransportDomainInfo(ownSession);
-    ownSession = nullptr;
+    if (transportState.ownSession) CloseSnmpSession(transportState.ownSession);
+    FreeTransportDomainInfo(transportState.ownSession);
+    transportState.ownSession = nullptr;
+}
+
+/// False without a word when memory ran out.
+bool InitManagerGlobals() {
+    TKLOG(3, "\t Inside InitManagerGlobals() \n");
+    logState.gv_logOpenFailed = static_cast<std::uint16_t>(logState.gv_logOpenFailed & 0xFF00);
+    GetLocalHostAddress(transportState.localHostAddress);
+    CloseOwnSession();
+    transportState.ownSession = CreateTransportDomainInfo(ownPort, 0, "");
+    return transportState.ownSession != nullptr;
 }
 
 // The flag is one word that the agent and the engine share; the engine's half is its low byte.
@@ -38,18 +46,37 @@ bool OpenOwnLog() {
 
 /// Opens the engine's own session; false without a word when memory ran out.
 bool StartSNMPService() {
-    CloseOwnSession();
-    ownSession = CreateTransportDomainInfo(ownPort, 0, "");
-    if (!ownSession) return false;
-    const auto opened = static_cast<std::uint8_t>(OpenSnmpSession(ownSession));
+    TKLOG(3, "\t Inside StartSNMPService() \n");
+    const auto opened = static_cast<std::uint8_t>(OpenSnmpSession(transportState.ownSession));
     if (opened == 99) return false;
     if (opened == 0 || opened == 255) {
         std::printf("Unable to open the snmpsession at %d\n", ownPort);
         TKLOG(1, "Unable to start SNMP Service !!!\n");
         return false;
     }
-    UpdateAgentTransportDomainInfo(ownSession);
+    UpdateAgentTransportDomainInfo();
+    GetLocalHostAddress(transportState.localHostAddress);
     return true;
+}
+
+/// False with a line when the code of a stage fails.
+bool RunHook(std::int32_t stage, const char* failure) {
+    const std::uint8_t result = DoProcessingCode(stage);
+    if (result != 0 && result != 99) return true;
+    TKLOG(1, failure);
+    return false;
+}
+
+void InitSnmpParams() { InitTransportDomain(); }
+
+/// The steps of a start, of which the first that fails is the last.
+bool RunStartUpBlock() {
+    if (!InitManagerGlobals() || !OpenOwnLog()) return false;
+    InitMutex();
+    TKLOG(2, "%s \n", banner);
+    InitSnmpParams();
+    return RunHook(1, "Unable to process the code added prior to Service startup!!!\n") && StartSNMPService() &&
+           RunHook(2, "Unable to process the code added after service startup!!!\n");
 }
 
 }  // namespace
@@ -59,11 +86,7 @@ bool StartToolkit() {
     static std::mutex starting;
     const std::lock_guard guard(starting);
     if (IsStarted()) return true;
-    if (!OpenOwnLog()) return false;
-    InitSocketMutex();
-    TKLOG(2, "%s \n", banner);
-    InitTransportDomain();
-    if (!StartSNMPService()) return false;
+    if (!RunStartUpBlock()) return false;
     SetStarted();
     return true;
 }

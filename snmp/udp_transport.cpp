@@ -6,6 +6,7 @@
 #include <new>
 #include <string>
 
+#include "foundation/resource_lock.h"
 #include "platform/clock.h"
 #include "snmp/message.h"
 #include "snmp/toolkit_log.h"
@@ -13,12 +14,16 @@
 
 namespace kv::snmp {
 
+TransportState transportState;
+
 namespace {
 
 using platform::Sockets;
 namespace error = platform::error;
 
 constexpr int sendAttempts = 3;
+
+constexpr std::string_view fallbackAddress = "127.0.0.1";
 
 /// How often a wait that the system refuses is tried again before its time is over.
 constexpr int maxSelectRepeats = 1000;
@@ -46,18 +51,36 @@ void StoreHost(TransportDomainAddress& address, std::string_view host) {
 }
 
 void InitUdpSocket() {
+    TKLOG(3, "\t Inside InitUdpSocket() \n");
     if (Sockets().WSAStartup(1, 1) != error::success) TKLOG(2, "Can't Initialize Socket in Dos\n");
+}
+
+void CloseUdpSocket(platform::SocketHandle socket) {
+    if (socket != 0) Sockets().closesocket(socket);
+}
+
+/// Where a socket is bound: any port, and any address unless there is a text of one. A text that is no address stands
+/// for one that nothing can be bound to.
+platform::SocketAddress LocalEnd(const TransportDomainAddress& address) {
+    platform::SocketAddress local;
+    const std::string_view text = address.localAddress.data();
+    if (!text.empty() && !Sockets().inet_addr(text, local.address)) local.address.fill(255);
+    return local;
 }
 
 /// 0 when the socket cannot be opened or bound.
 platform::SocketHandle OpenUdpSocket(TransportDomainAddress& address) {
-    address.localAddress.fill('\0');
+    TKLOG(3, "\t Inside OpenUdpSocket() \n");
+    address.localAddress = transportState.localBindAddress;
     // A socket that cannot be opened is 0, which cannot be bound either.
     platform::SocketHandle socket = 0;
-    Sockets().socket(socket);
-    if (Sockets().bind(socket, {}) != error::success) {
+    const platform::Error opened = Sockets().socket(socket);
+    const platform::Error bound = Sockets().bind(socket, LocalEnd(address));
+    if (bound != error::success) {
         TKLOG(2, "Bind Failed,Unable to start session at : udp port %d\n", address.localPort);
-        if (socket != 0) Sockets().closesocket(socket);
+        Log1("\t OpenUdpSocket :: a socket to reach %s cannot be opened or bound, error %d \n",
+             address.remoteHost.data(), opened != error::success ? opened : bound);
+        CloseUdpSocket(socket);
         return 0;
     }
     TKLOG(2, "\n\t@@@@@ Binding To port [%d] @@@@@\n", address.localPort);
@@ -74,6 +97,7 @@ bool ResolveHost(std::string_view host, std::array<std::uint8_t, 4>& address) {
 
 /// Looks the remote host up and makes it the peer.
 bool SetUdpSocketProperties(TransportDomainAddress& address) {
+    TKLOG(3, "\t Inside SetUdpSocketProperties() \n");
     platform::SocketAddress peer;
     if (!ResolveHost(address.remoteHost.data(), peer.address)) {
         Log1("\t SetUdpSocketProperties :: no IPv4 address is found for %s \n", address.remoteHost.data());
@@ -87,17 +111,23 @@ bool SetUdpSocketProperties(TransportDomainAddress& address) {
 
 int SendUdpPacket(const TransportDomainAddress& address, platform::SocketHandle socket, const std::uint8_t* bytes,
                   std::size_t length) {
-    const auto lock = LockSockets();
+    TKLOG(3, "\t Inside SendUdpPacket() \n");
+    auto lock = LockSockets();
     if (TkLogsAtLeast(2)) {
         TKLOG(2, "Sending PDU to : %s at %d\n", address.remoteHost.data(), address.remotePort);
         TKLOG(2, "The number of bytes to send is %d\n\n", length);
         PrintStream(bytes, static_cast<std::int32_t>(length), "0x%02x\t");
     }
+    platform::Error result = error::success;
     for (int attempt = 0; attempt < sendAttempts; ++attempt) {
         std::size_t sent = 0;
-        if (Sockets().sendto(socket, bytes, length, *address.peer, sent) == error::success) return 1;
+        result = Sockets().sendto(socket, bytes, length, *address.peer, sent);
+        if (result == error::success) return 1;
         TKLOG(1, "Error while sending the SNMP messge !!!!\n");
     }
+    lock = {};
+    Log1("\t SendUdpPacket :: sending to %s port %d failed, error %d \n", address.remoteHost.data(), address.remotePort,
+         result);
     return 0;
 }
 
@@ -107,11 +137,15 @@ int SendSnmpMessage(TransportDomainInfo& info, const std::uint8_t* bytes, std::s
 
 /// A wait that fails is repeated at once, within the time of the first.
 int WaitForSocketData(const TransportDomainAddress& address, std::int64_t microseconds) {
+    TKLOG(3, "\t Inside WaitForSocketData() \n");
+    const TransportDomainAddress* const waiting = &address;
+    SockFds set;
+    SetSockFds(&set, &waiting, 1);
     const std::uint64_t start = platform::Clock().GetTickCount64();
     std::int64_t left = microseconds;
     for (int repeat = 0; repeat <= maxSelectRepeats; ++repeat) {
         bool ready = false;
-        if (Sockets().select(address.socket, left, ready) == error::success) {
+        if (Sockets().select(set.sockets[0], left, ready) == error::success) {
             if (ready) TKLOG(3, "Data is available from sub agent .....\n");
             return ready ? 1 : 0;
         }
@@ -124,10 +158,14 @@ int WaitForSocketData(const TransportDomainAddress& address, std::int64_t micros
 
 int ReadUdpPacket(TransportDomainAddress& address, platform::SocketHandle socket, std::uint8_t* buffer,
                   std::int32_t* length) {
-    const auto lock = LockSockets();
+    TKLOG(3, "\t Inside ReadUdpPacket() \n");
+    auto lock = LockSockets();
     std::size_t received = 0;
-    if (Sockets().recvfrom(socket, buffer, messageBufferSize, *address.peer, received) != error::success) {
+    const platform::Error result = Sockets().recvfrom(socket, buffer, messageBufferSize, *address.peer, received);
+    if (result != error::success) {
         TKLOG(1, "Error while receiving a SNMP messge !!!!\n");
+        lock = {};
+        Log1("\t ReadUdpPacket :: receiving the answer of %s failed, error %d \n", address.remoteHost.data(), result);
         return 0;
     }
     *length = static_cast<std::int32_t>(received);
@@ -146,10 +184,14 @@ int ReadUdpPacket(TransportDomainAddress& address, platform::SocketHandle socket
 
 void InitTransportDomain() { InitUdpSocket(); }
 
-void InitSocketMutex() { hasSocketMutex = true; }
+void InitMutex() {
+    kv::InitMutex();
+    hasSocketMutex = true;
+}
 
 TransportDomainInfo* CreateTransportDomainInfo(std::uint16_t localPort, std::uint16_t remotePort,
                                                std::string_view host) {
+    TKLOG(3, "\t Inside CreateTransportDomainInfo() \n");
     if (host.size() >= remoteHostRoom) {
         Log1("\t CreateTransportDomainInfo :: the host name %s is longer than %d characters \n", host,
              remoteHostRoom - 1);
@@ -178,7 +220,7 @@ platform::SocketHandle OpenSnmpSession(TransportDomainInfo* info) {
 }
 
 void CloseSnmpSession(TransportDomainInfo* info) {
-    if (info->socket != 0) Sockets().closesocket(info->socket);
+    CloseUdpSocket(info->socket);
     info->socket = 0;
 }
 
@@ -201,6 +243,35 @@ std::string AddressOrHost(std::string_view host) {
     return ResolveHost(host, address) ? Sockets().inet_ntoa(address) : std::string(host);
 }
 
-void UpdateAgentTransportDomainInfo(TransportDomainInfo* info) { info->address->socket = info->socket; }
+void SetSockFds(SockFds* set, const TransportDomainAddress* const* addresses, std::int32_t count) {
+    set->count = std::min(static_cast<std::size_t>(std::max(count, 0)), set->sockets.size());
+    for (std::size_t i = 0; i < set->count; ++i) set->sockets[i] = addresses[i]->socket;
+}
+
+void UpdateMaxSockFd(const TransportDomainAddress* const* addresses, std::int32_t count, platform::SocketHandle* max) {
+    for (std::int32_t i = 0; i < count; ++i) *max = std::max(*max, addresses[i]->socket);
+}
+
+void UpdateAgentTransportDomainInfo() {
+    const TransportDomainInfo* own = transportState.ownSession;
+    if (!own) return;
+    own->address->socket = own->socket;
+    UpdateMaxSockFd(&own->address, 1, &transportState.maxSocket);
+}
+
+void GetLocalHostAddress(std::array<char, localAddressRoom>& text) {
+    TKLOG(3, "\t Inside GetLocalHostAddress() \n");
+    if (Sockets().WSAStartup(1, 1) != error::success) {
+        TKLOG(1, "Can't Initialize Socket \n");
+        return;
+    }
+    std::string name;
+    platform::HostEntry host;
+    const bool isFound =
+        Sockets().gethostname(name) == error::success && Sockets().gethostbyname(name, host) == error::success;
+    text.fill('\0');
+    (isFound ? std::string_view(host.address) : fallbackAddress).copy(text.data(), text.size() - 1);
+    Sockets().WSACleanup();
+}
 
 }  // namespace kv::snmp

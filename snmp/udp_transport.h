@@ -16,9 +16,12 @@ namespace kv::snmp {
 /// Room for a device's name or address with its terminator; the longest name of the domain name system fits.
 inline constexpr std::size_t remoteHostRoom = 256;
 
+/// Room for a dotted address with its terminator.
+inline constexpr std::size_t localAddressRoom = 20;
+
 struct TransportDomainAddress {
-    std::uint16_t localPort;            // told in log lines; a socket is always bound to a port of the system's choice
-    std::array<char, 20> localAddress;  // empty: any
+    std::uint16_t localPort;  // told in log lines; a socket is always bound to a port of the system's choice
+    std::array<char, localAddressRoom> localAddress;  // empty: any
     std::uint16_t remotePort;
     std::array<char, remoteHostRoom> remoteHost;  // address or name; after an answer, its sender's address
     platform::SocketHandle socket;                // a copy that the wait uses
@@ -29,6 +32,15 @@ struct TransportDomainInfo {
     platform::SocketHandle socket;
     TransportDomainAddress* address;  // released with this record
 };
+
+/// What all exchanges of the process share.
+struct TransportState {
+    std::array<char, localAddressRoom> localBindAddress{};  // where sockets are bound; nothing sets it: at any address
+    std::array<char, localAddressRoom> localHostAddress{};  // as of the start; the manager has no use for it
+    TransportDomainInfo* ownSession = nullptr;  // the engine's own, from its start on; nothing goes through it
+    platform::SocketHandle maxSocket = 0;       // the highest that was recorded
+};
+extern TransportState transportState;
 
 /// Port of the engine's own session.
 inline constexpr std::uint16_t ownPort = 8001;
@@ -63,12 +75,28 @@ int WaitForTdInfoResp(TransportDomainInfo* info, std::int64_t microseconds);
 /// Receives into a buffer of messageBufferSize bytes; 1, or 0 with length 0.
 int ReadSnmpMessage(TransportDomainInfo* info, std::uint8_t* buffer, std::int32_t* length);
 
-/// Lets all sends and receives of the process go one after the other from now on. Before, nothing holds them up: each
-/// exchange has a socket of its own.
-void InitSocketMutex();
+/// Makes the mutex of the table of locks, unless the agent has, and lets all sends and receives of the process go one
+/// after the other from now on. Before, nothing holds them up: each exchange has a socket of its own.
+void InitMutex();
 
-/// Records the engine's own session's socket in its address record.
-void UpdateAgentTransportDomainInfo(TransportDomainInfo* info);
+/// Sockets to wait for.
+struct SockFds {
+    std::size_t count;
+    std::array<platform::SocketHandle, 64> sockets;
+};
+
+/// Makes a set of the sockets of some address records. Those beyond the room of a set are left out.
+void SetSockFds(SockFds* set, const TransportDomainAddress* const* addresses, std::int32_t count);
+
+/// Raises max to the highest socket of some address records.
+void UpdateMaxSockFd(const TransportDomainAddress* const* addresses, std::int32_t count, platform::SocketHandle* max);
+
+/// Records the socket of the engine's own session in its address record, and as the highest if it is.
+void UpdateAgentTransportDomainInfo();
+
+/// This computer's address, dotted: the first of its own name, or 127.0.0.1 when that cannot be found. Unchanged, with
+/// a line at level 1, when the socket library cannot be brought up. Blocks for as long as the system looks the name up.
+void GetLocalHostAddress(std::array<char, localAddressRoom>& text);
 
 /// The dotted address of a host, or the host as it stands when it cannot be found.
 std::string AddressOrHost(std::string_view host);

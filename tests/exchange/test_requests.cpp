@@ -233,6 +233,10 @@ TEST_F(Requests, SnmpValuesGoToTheServer) {
         {"walk", R"("PROTOCOL": "SPOLL", "IS_MULTIPLE_POLLED_DATA": "TRUE")", 2, "", R"(2 1 public 5s "FAILURE", )"},
         {"walk that is silent the second time", R"("PROTOCOL": "SPOLL", "IS_MULTIPLE_POLLED_DATA": "TRUE")", -3, below,
          R"(4 1 public 5s "FAILURE", ".1.3.1": { ".1.3.1.7": "7" }, "TYPE": "2", )"},
+        {"names of one text", R"("IS_MULTIPLE_POLLED_DATA": "TRUE")", 0,
+         Item(0x30, FromHex("06 07 2b 01 88 80 80 80 00 02 01 07")) +
+             Item(0x30, FromHex("06 07 2b 01 88 80 80 80 01 02 01 08")),
+         R"(3 1 public 5s "FAILURE", ".1.3.1": { ".1.3.1.": "8" }, "TYPE": "2", )"},
         {"no device", R"("DEVICE_NAME": "")", 0, one + two, R"(0  "FAILURE", )"},
         {"odd port", R"("SNMP_PORT": "70000")", 0, one + two, R"(0  "FAILURE", )"},
     };
@@ -248,7 +252,7 @@ TEST_F(Requests, SnmpValuesGoToTheServer) {
          {"Going to retry!!!", "Going to retry2", "Var value is null", "Without DEVICE_NAME nothing is asked",
           "SNMP_PORT is no number from 1 to 65535", "\"2148\" is no number from 1 to 2147",
           "no value for .1.3.1, behind which nothing is taken", "no values below .1.3.2",
-          "none of the OIDs has a value"})
+          "none of the OIDs has a value", "request I 1 :: 1 of the values are not"})
         EXPECT_TRUE(Logged(line)) << line;
 }
 

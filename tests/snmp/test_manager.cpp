@@ -1,9 +1,13 @@
 // The manager through its one door, against devices that misbehave.
+#include <algorithm>
 #include <set>
 
 #include "platform/files.h"
 #include "platform/sockets.h"
+#include "snmp/manager_operations.h"
+#include "snmp/processing_hooks.h"
 #include "snmp/toolkit_log.h"
+#include "snmp/udp_transport.h"
 #include "tests/snmp/manager_test.h"
 #include "tests/support/virtual_clock.h"
 
@@ -40,12 +44,17 @@ TEST_F(SnmpManager, EndsAWalkWhereItCannotGoOn) {
              {"the end of a v1 tree",
               {value(1), value(2), refused},
               one + ", .1.3.6.1.9.2 4:v",
-              "gives back the OID that it was asked from. The walk ends with 2 values"},
+              "gives back the OID that it was asked from, with the error status 2. The walk ends with 2 values"},
              {"the end of a v2c tree", {value(1), {.variables = {Variable(9, 0x82, "")}}}, one},
              {"no variables", {value(1), {}}, one},
              {"an address of three bytes, as in a get",
               {{.variables = {Variable(1, 0x40, "\1\2\3")}}, {}},
               "1: .1.3.6.1.9.1 64:1.2.3"},
+             {"an error", {value(1), {.errorStatus = 5}}, one, "goes no further, with the error status 5. The walk"},
+             {"its number is that of an unreadable answer",
+              {value(1), {.errorStatus = 103}},
+              one,
+              "goes no further, with the error status 103. The walk ends with 1 values"},
              {"a trap", {value(1), {.command = 0xA4}}, one, "sends what cannot be read. The walk ends with 1 values"},
              {"out of the subtree", {value(1), {.variables = {Item(0x30, FromHex("06 01 2c 05 00"))}}}, one},
              {"out of it, behind a value",
@@ -88,6 +97,38 @@ TEST_F(SnmpManager, EndsAWalkWhereItCannotGoOn) {
     EXPECT_TRUE(Logged("takes longer than a request may last. The walk ends with 3 values"));
 }
 
+TEST_F(SnmpManager, BoundsAWalkAndLooksItsHostUpOnce) {
+    platform::SocketOperations sockets = platform::Sockets();
+    int lookUps = 0;
+    sockets.gethostbyname = [&lookUps, real = sockets.gethostbyname](auto name, auto& host) {
+        return ++lookUps, real(name, host);
+    };
+    const platform::ScopedOperations counting(sockets);
+    struct Row {
+        std::size_t size;  // of a value
+        snmp::WalkBounds bounds;
+        int least, most;  // values
+        const char* line;
+    };
+    for (const Row& row : {Row{1, {.values = 7}, 7, 7, "goes on and on. The walk ends with 7 values"},
+                           Row{1, {.bytes = 10000}, 20, 40, "sends more than a request may bring"},
+                           Row{1000, {.bytes = 10000}, 4, 5, "sends more than a request may bring"}}) {
+        char last = 0;
+        const ScriptedDevice device([&](std::string_view) {
+            return std::vector{MessageOf({.variables = {Variable(++last, 4, std::string(row.size, 'v'))}})};
+        });
+        lookUps = 0;
+        const char* oid = ".1.3.6.1.9";
+        const snmp::ResultVectors results =
+            snmp::SnmpWalkOperation({"localhost", device.port(), 1, "public", snmpWalk, "v2c", &oid, 1, row.bounds});
+        ASSERT_NE(results, nullptr);
+        EXPECT_GE(results[0]->count, row.least);
+        EXPECT_LE(results[0]->count, row.most);
+        EXPECT_TRUE(Logged(row.line));
+        EXPECT_EQ(lookUps, 1);
+    }
+}
+
 TEST_F(SnmpManager, GivesTheFallbackWhenAWalkFallsSilent) {
     SnmpResponseData fallback{};
     std::vector<std::string> requests;
@@ -111,6 +152,13 @@ TEST_F(SnmpManager, GivesTheFallbackWhenAWalkFallsSilent) {
     EXPECT_EQ(requests[3].find_last_not_of('\0'), 33u) << "which holds nothing but what was built";
     EXPECT_TRUE(Logged("an OID of 133 sub-identifiers is not sent"));
     EXPECT_TRUE(Logged("cannot be built or does not fit"));
+    EXPECT_TRUE(Logged("no answer from 127.0.0.1 port"));
+    for (const auto& [type, line] : {std::pair(snmpGet, "is not asked"), {snmpWalk, "is asked no further"}}) {
+        const std::size_t before = LogText().size();
+        const ScriptedDevice device([](auto) { return std::vector{MessageOf({})}; });
+        EXPECT_EQ(Send({.port = device.port(), .type = type, .oids = {".1", "1"}, .fallback = &fallback}), &fallback);
+        EXPECT_THAT(LogText().substr(before), HasSubstr(line));
+    }
     platform::SocketOperations sockets = platform::Sockets();
     sockets.select = [](auto&&...) { return platform::error::success; };
     const platform::ScopedOperations unanswered(sockets);
@@ -118,6 +166,8 @@ TEST_F(SnmpManager, GivesTheFallbackWhenAWalkFallsSilent) {
     EXPECT_EQ(Answer({.port = walk.port, .oids = {sysName, sysDescr}, .fallback = &fallback}), "0: (none) | (none)");
     EXPECT_EQ(Answer({.port = walk.port, .oids = {sysName}, .version = "v3"}), "0: (none)");
     EXPECT_EQ(Send({.oids = {nullptr}, .fallback = &fallback}), &fallback);
+    Answer({.port = walk.port, .oids = {"x1.3"}});
+    EXPECT_TRUE(Logged("the numbers of \"x1.3\" do not match its dots"));
     EXPECT_EQ(Send({.fallback = &fallback}), &fallback);
     EXPECT_EQ(Send({.type = 3, .fallback = &fallback}), nullptr);
 }
@@ -137,6 +187,7 @@ TEST_F(SnmpManager, TakesWhatReachesItsSocketFirst) {
         std::vector<std::string> datagrams;
         std::string expected;
         SentFrom from = SentFrom::ownPort;
+        const char* line = "";
     };
     for (const Row& row : std::vector<Row>{
              {"twice the same", {answer, answer}, "0: .1.3.6.1.9.1 4:v | (none)"},
@@ -146,7 +197,16 @@ TEST_F(SnmpManager, TakesWhatReachesItsSocketFirst) {
               {MessageOf({.variables = {Variable(1, 2, "\x01"), Variable(2, 2, "\x02"), Variable(3, 2, "\x03")}})},
               "1: .1.3.6.1.9.1 2:1 | .1.3.6.1.9.2 2:2"},
              {"not one byte", {""}, "0: (none) | (none)"},
-             {"half a message", {answer.substr(0, answer.size() / 2)}, "0: (none) | (none)"},
+             {"half a message",
+              {answer.substr(0, answer.size() / 2)},
+              "0: (none) | (none)",
+              SentFrom::ownPort,
+              "SnmpGetOperation :: 127.0.0.1 sends what cannot be read"},
+             {"an error with the number of that",
+              {MessageOf({.errorStatus = 103})},
+              "0: (none) | (none)",
+              SentFrom::ownPort,
+              "127.0.0.1 reports the error status 103 at value 0"},
              {"longest message", {sized(7989)}, "0: .1.3.6.1.9.1 4:xxxxxxxxxxxxxxxxxxxxxxx"},
              {"too long by one", {sized(7990)}, "0: (none) | (none)"},
              {"longer than the buffer", {sized(9000)}, "0: (none) | (none)"},
@@ -164,7 +224,11 @@ TEST_F(SnmpManager, TakesWhatReachesItsSocketFirst) {
         SCOPED_TRACE(row.title);
         const ScriptedDevice device([&row](std::string_view) { return row.datagrams; }, row.from);
         const Ask ask{.port = device.port(), .oids = {".1.3.6.1.9.1", ".1.3.6.1.9.2"}};
+        const std::size_t before = LogText().size();
         EXPECT_THAT(Answer(ask), StartsWith(row.expected));
+        const std::string logged = LogText().substr(before);
+        EXPECT_THAT(logged, HasSubstr(row.line));
+        EXPECT_LE(std::count(logged.begin(), logged.end(), ':'), 6) << "one line and no other";
         EXPECT_THAT(Answer(ask), StartsWith(row.expected)) << "the next exchange has a socket of its own";
     }
 }
@@ -185,8 +249,28 @@ TEST_F(SnmpManager, StartsItselfWhenTheServerHasClearedTheFlag) {
     const platform::FileHandle agentsLog = logState.gv_logFile;
     Log1("before");
     logState.gv_logLevel = 3;
+    platform::SocketOperations sockets = platform::Sockets();
+    sockets.bind = [](auto&&...) { return platform::error::generalFailure; };
+    static std::vector<int> stages;
+    static int failing;
+    snmp::processingHooks.service = [](std::int32_t stage) {
+        stages.push_back(stage);
+        return static_cast<std::uint8_t>(stage == failing ? 99 : 1);
+    };
+    for (const char* line :
+         {"prior to Service startup!!!\n", "after service startup!!!\n", "start SNMP Service !!!\n"}) {
+        const platform::ScopedOperations unbound(++failing == 3 ? sockets : platform::Sockets());
+        EXPECT_EQ(Answer(ask), "nothing");
+        EXPECT_THAT(Read(ownLog), HasSubstr(line));
+    }
+    EXPECT_EQ(stages, (std::vector{1, 1, 2, 1}));
+    snmp::processingHooks = {};
     EXPECT_EQ(Answer(ask), "1: .1.3.6.1.2.1.1.5.0 4:tower");
     EXPECT_EQ(agentState.gv_agentRunFlag, 0x0101);
+    const snmp::TransportDomainInfo& own = *snmp::transportState.ownSession;
+    EXPECT_EQ(own.address->socket, own.socket);
+    EXPECT_GE(snmp::transportState.maxSocket, own.socket);
+    EXPECT_NE(snmp::transportState.localHostAddress[0], '\0');
     logState.gv_logMaxSize = 1;
     Log1("after");
     const std::string log = Read(ownLog);

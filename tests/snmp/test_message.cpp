@@ -1,4 +1,6 @@
 // Messages byte for byte, and what can fail on their way.
+#include <algorithm>
+#include <array>
 #include <fmt/format.h>
 #include <memory>
 #include <string>
@@ -8,6 +10,7 @@
 
 #include "platform/clock.h"
 #include "snmp/message.h"
+#include "snmp/narrow_text.h"
 #include "snmp/processing_hooks.h"
 #include "snmp/toolkit_log.h"
 #include "snmp/udp_transport.h"
@@ -243,7 +246,12 @@ TEST_F(SnmpMessage, WhatCanFailOnTheWay) {
     platform::SocketOperations sockets = platform::Sockets();
     sockets.socket = [&](auto& socket) { return ++open, socket = 1, platform::error::success; };
     sockets.closesocket = [&](auto) { return --open, platform::error::success; };
-    sockets.bind = [&](auto&&...) { return result(); };
+    platform::SocketAddress bound;
+    bool starts = false;
+    sockets.WSAStartup = [&](int, int) { return starts ? platform::error::success : platform::error::generalFailure; };
+    sockets.gethostname = [&](auto&) { return result(); };
+    sockets.gethostbyname = [&](auto, auto& host) { return host.address = "10.0.0.9", result(); };
+    sockets.bind = [&](auto, const auto& local) { return bound = local, result(); };
     sockets.sendto = [&](auto&&...) { return result(); };
     sockets.select = [&](auto, auto, bool& ready) { return ready = true, result(); };
     sockets.recvfrom = [&](auto, auto, auto, auto& peer, auto&) { return peer = {{10, 0, 0, 7}, 99}, result(); };
@@ -270,6 +278,7 @@ TEST_F(SnmpMessage, WhatCanFailOnTheWay) {
     EXPECT_EQ(open, 0);
     EXPECT_EQ(outcome(send, 2), std::pair(1, 3));
     EXPECT_EQ(outcome(send, 3), std::pair(0, 3));
+    EXPECT_TRUE(Logged("sending to 127.0.0.1 port 161 failed, error 31"));
     EXPECT_EQ(outcome(start, 0), std::pair(1, 1));
     EXPECT_EQ(outcome(wait, 1000), std::pair(1, 1001));
     EXPECT_EQ(outcome(wait, 1001), std::pair(0, 1001)) << "time stands still";
@@ -282,6 +291,36 @@ TEST_F(SnmpMessage, WhatCanFailOnTheWay) {
     EXPECT_EQ(info->address->remotePort, 99);
     CloseSnmpSession(info.get());
     EXPECT_EQ(open, 0);
+
+    for (const auto& [text, first] : {std::pair("127.0.0.9", 127), {"here", 255}, {"", 0}}) {
+        transportState.localBindAddress = {};
+        CopyText(transportState.localBindAddress.data(), text);
+        outcome(start, 1);
+        EXPECT_EQ(bound.address[0], first) << text;
+        EXPECT_STREQ(info->address->localAddress.data(), text);
+    }
+    std::array<char, localAddressRoom> own{'?'};
+    const auto look = [&] { return GetLocalHostAddress(own), own[0]; };
+    EXPECT_EQ(outcome(look, 0), std::pair(int{'?'}, 0));
+    EXPECT_TRUE(Logged("Can't Initialize Socket \n"));
+    InitTransportDomain();
+    EXPECT_TRUE(Logged("Can't Initialize Socket in Dos\n"));
+    starts = true;
+    EXPECT_EQ(outcome(look, 0), std::pair(int{'1'}, 2));
+    EXPECT_STREQ(own.data(), "10.0.0.9");
+    EXPECT_EQ(outcome(look, 1), std::pair(int{'1'}, 1));
+    EXPECT_STREQ(own.data(), "127.0.0.1");
+    SockFds set;
+    const std::vector<const TransportDomainAddress*> addresses(65, info->address);
+    info->address->socket = 13;
+    SetSockFds(&set, addresses.data(), 65);
+    EXPECT_EQ(set.count, 64u);
+    EXPECT_EQ(set.sockets[63], 13u);
+    for (const platform::SocketHandle before : {5u, 17u}) {
+        platform::SocketHandle max = before;
+        UpdateMaxSockFd(addresses.data(), 2, &max);
+        EXPECT_EQ(max, std::max(before, 13u));
+    }
 }
 
 }  // namespace kv::snmp::test

@@ -49,7 +49,7 @@ TEST_F(SnmpManager, ReadsSnmpdInBothVersions) {
         ask.port = device.port();
         EXPECT_EQ(Answer(ask), row.expected);
     }
-    EXPECT_TRUE(Logged("gives back the OID that it was asked from. The walk ends with 1 values"));
+    EXPECT_TRUE(Logged("gives back the OID that it was asked from, with the error status 2. The walk ends with 1"));
 }
 
 TEST_F(SnmpManager, TakesEveryTypeFromTheSimulator) {
