@@ -140,6 +140,17 @@ bool IsPlainFileName(std::u16string_view name) {
     });
 }
 
+bool HasRoomFor(std::u16string_view directory, std::uint64_t bytes, std::u16string_view what, std::string_view next) {
+    Log4("\t Inside HasRoomFor() \n");
+    std::uint64_t available = 0;
+    const Error result = Files().GetDiskFreeSpaceExW(directory, available);
+    if (result != error::success || available >= bytes) return true;
+    Log1(
+        "\t HasRoomFor :: No room for [%s] in [%s]. [%llu] bytes are needed, [%llu] are free, [%llu] are missing. %s\n",
+        what, directory, bytes, available, bytes - available, next);
+    return false;
+}
+
 FileUse IsFileisOpen(std::u16string_view path) {
     Log4("\t Inside IsFileisOpen() \n");
     const Error result = Files().GetFileUseState(path);

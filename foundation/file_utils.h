@@ -39,6 +39,10 @@ bool StaysBelowDirectory(std::u16string_view path);
 /// \ / : * ? " < > | and no control character in it, no dot or blank at its end.
 bool IsPlainFileName(std::u16string_view name);
 
+/// Whether a directory's disk has room for so many bytes more. Where it has not, one line at level 1 says what needs
+/// them, how many there are, how many are missing, and what happens next. True where the system does not say.
+bool HasRoomFor(std::u16string_view directory, std::uint64_t bytes, std::u16string_view what, std::string_view next);
+
 /// Whether a file is still being written.
 enum class FileUse {
     free = -1,

@@ -122,6 +122,10 @@ struct FileOperations {
     /// True when the path exists and is a directory.
     std::function<bool(std::u16string_view path)> IsDirectory;
 
+    /// Bytes that this user may still write into a directory; 0 also where the disk can hold no further file.
+    /// notSupported where the file system does not say.
+    std::function<Error(std::u16string_view directory, std::uint64_t& available)> GetDiskFreeSpaceExW;
+
     /// The three below give a C error number: 0 success, 2 no such path, 13 denied, 17 exists, 22 invalid.
     std::function<int(std::u16string_view path)> wmkdir;
     std::function<int(std::u16string_view path)> wchdir;

@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 #include <utility>
 
@@ -259,6 +260,18 @@ bool IsDirectory(std::u16string_view path) {
     return fs::is_directory(NativePathOf(path), ignored);
 }
 
+/// A file system that counts no files, or no blocks, says 0 of them in all.
+Error GetDiskFreeSpaceExW(std::u16string_view directory, std::uint64_t& available) {
+    struct statvfs status {};
+    if (statvfs(NativePathOf(directory).c_str(), &status) != 0) {
+        return errno == ENOENT ? error::pathNotFound : LastError();
+    }
+    if (status.f_blocks == 0) return error::notSupported;
+    const bool isOutOfFiles = status.f_files != 0 && status.f_favail == 0;
+    available = isOutOfFiles ? 0 : std::uint64_t{status.f_bavail} * status.f_frsize;
+    return error::success;
+}
+
 /// The C error number that the runtime library of Windows gives for the same failure.
 int RuntimeErrno(int code) {
     switch (code) {
@@ -330,6 +343,7 @@ FileOperations PosixFiles() {
         .DeleteFileW = DeleteFileW,
         .RemoveDirectoryW = RemoveDirectoryW,
         .IsDirectory = IsDirectory,
+        .GetDiskFreeSpaceExW = GetDiskFreeSpaceExW,
         .wmkdir = MakeDirectory,
         .wchdir = ChangeDirectory,
         .wgetcwd = GetWorkingDirectory,

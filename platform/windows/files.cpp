@@ -257,6 +257,13 @@ bool IsDirectory(std::u16string_view path) {
     return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
 }
 
+Error GetDiskFreeSpaceExW(std::u16string_view directory, std::uint64_t& available) {
+    ULARGE_INTEGER free{};
+    const BOOL known = ::GetDiskFreeSpaceExW(NativePathOf(directory).c_str(), &free, nullptr, nullptr);
+    available = free.QuadPart;
+    return ResultOf(known);
+}
+
 int MakeDirectory(std::u16string_view path) { return ::_wmkdir(NativePathOf(path).c_str()) == 0 ? 0 : errno; }
 
 int ChangeDirectory(std::u16string_view path) { return ::_wchdir(NativePathOf(path).c_str()) == 0 ? 0 : errno; }
@@ -300,6 +307,7 @@ FileOperations WindowsFiles() {
         .RemoveDirectoryW =
             [](std::u16string_view path) { return ResultOf(::RemoveDirectoryW(NativePathOf(path).c_str())); },
         .IsDirectory = IsDirectory,
+        .GetDiskFreeSpaceExW = GetDiskFreeSpaceExW,
         .wmkdir = MakeDirectory,
         .wchdir = ChangeDirectory,
         .wgetcwd = GetWorkingDirectory,

@@ -43,5 +43,22 @@ TEST_F(FileHelpers, WritesAFileCompletelyOrNotAtAll) {
     EXPECT_TRUE(content.empty());
 }
 
+TEST_F(FileHelpers, RoomThatCannotBeAskedForIsTakenAsThere) {
+    platform::FileOperations files = platform::Files();
+    platform::Error answer = error::success;
+    files.GetDiskFreeSpaceExW = [&answer](auto, std::uint64_t& available) {
+        available = 1000;
+        return answer;
+    };
+    const platform::ScopedOperations scoped(files);
+    EXPECT_TRUE(HasRoomFor(u"conf", 1000, u"plan.zip", "It stays"));
+    EXPECT_FALSE(HasRoomFor(u"conf", 6'000'000'000, u"plan.zip", "It stays"));
+    EXPECT_TRUE(
+        Logged("No room for [plan.zip] in [conf]. [6000000000] bytes are needed, [1000] are free, "
+               "[5999999000] are missing. It stays"));
+    answer = error::notSupported;
+    EXPECT_TRUE(HasRoomFor(u"conf", 6'000'000'000, u"plan.zip", "It stays"));
+}
+
 }  // namespace
 }  // namespace kv

@@ -71,6 +71,10 @@ TEST_F(FilesTest, DirectoriesAndNames) {
     Write("./b", "b");
     EXPECT_EQ(files.MoveFileExW(u"a", u"b", false), error::alreadyExists);
     EXPECT_EQ(files.DeleteFileW(u"one"), error::accessDenied);
+    std::uint64_t available = 0;
+    EXPECT_EQ(files.GetDiskFreeSpaceExW(u"one", available), error::success);
+    EXPECT_GT(available, 0U);
+    EXPECT_EQ(files.GetDiskFreeSpaceExW(u"missing", available), error::pathNotFound);
     EXPECT_EQ(files.wchdir(u"one\\..\\one"), 0);
     std::u16string directory;
     EXPECT_EQ(files.wgetcwd(directory), 0);

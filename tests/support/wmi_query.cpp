@@ -1,6 +1,7 @@
 #include "tests/support/wmi_query.h"
 
 #include <fmt/format.h>
+#include <sstream>
 
 #include "platform/utf.h"
 
@@ -71,6 +72,13 @@ WmiResult RunWmiQuery(std::string_view query, std::u16string_view nameSpace) {
 std::string TextOf(const WmiRow& row, const std::string& name) {
     const auto found = row.find(name);
     return found == row.end() ? "(none)" : found->second.text;
+}
+
+std::string TextsOf(const WmiRow& row, const std::string& names) {
+    std::istringstream list(names);
+    std::string texts;
+    for (std::string name; std::getline(list, name, ',');) texts += (texts.empty() ? "" : " ") + TextOf(row, name);
+    return texts;
 }
 
 }  // namespace kv::test

@@ -32,4 +32,7 @@ WmiResult RunWmiQuery(std::string_view query, std::u16string_view nameSpace = u"
 /// The text of one property of a row; "(none)" where the row has no such property.
 std::string TextOf(const WmiRow& row, const std::string& name);
 
+/// Those of several, which are named with commas between, with blanks between.
+std::string TextsOf(const WmiRow& row, const std::string& names);
+
 }  // namespace kv::test

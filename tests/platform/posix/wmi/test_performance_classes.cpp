@@ -101,13 +101,7 @@ TEST(PerformanceSamples, AreKeptAsLongAsTheyCanBeABase) {
         for (const ReadingsPtr& sample : samples) times.push_back(sample->time * 10 / second);
         return times;
     };
-    const struct {
-        const char* title;
-        std::uint64_t tenths;
-        std::uint32_t needs;
-        Times bases;  // newest first
-        Times kept;
-    } steps[] = {
+    const std::tuple<const char*, std::uint64_t, std::uint32_t, Times, Times> steps[] = {
         {"the first", 100, 1, {}, {100}},
         {"within a second", 105, 1, {}, {100}},
         {"after a second", 112, 1, {100}, {100, 112}},
@@ -118,12 +112,12 @@ TEST(PerformanceSamples, AreKeptAsLongAsTheyCanBeABase) {
         {"what others hold too is dropped", 200, 1, {135, 133, 130, 112}, {130, 133, 135, 200}},
     };
     std::vector<ReadingsPtr> samples;
-    for (const auto& step : steps) {
+    for (const auto& [title, tenths, needs, bases, kept] : steps) {  // the bases from the newest on
         const auto newest = std::make_shared<Readings>();
-        newest->time = step.tenths * (second / 10);
-        newest->needs = step.needs;
-        EXPECT_EQ(timesOf(TakeBases(samples, newest)), step.bases) << step.title;
-        EXPECT_EQ(timesOf(samples), step.kept) << step.title;
+        newest->time = tenths * (second / 10);
+        newest->needs = needs;
+        EXPECT_EQ(timesOf(TakeBases(samples, newest)), bases) << title;
+        EXPECT_EQ(timesOf(samples), kept) << title;
     }
 }
 
@@ -462,12 +456,9 @@ TEST_F(PerformanceOfThisMachine, HasTheProcessesOfPs) {
         const Child child("odd) S (na me");
         child.signal(end);
         const WmiRow row = firstOf(fmt::format("SELECT * FROM Win32_Process WHERE ProcessId = {}", child.id));
-        std::string texts;
-        for (const char* name : {"Handle", "ParentProcessId", "ExecutionState", "Name"})
-            texts += ' ' + TextOf(row, name);
-        const char* const ps =
-            "ps -o pid=,ppid=,state=,comm= -p {} | sed 's/ T / 8 /; s/ Z / 7 /; s/<.*//' | xargs echo ''";
-        EXPECT_EQ(texts + '\n', OutputOf(fmt::format(fmt::runtime(ps), child.id)));
+        const char* const ps = "ps -o pid=,ppid=,state=,comm= -p {} | sed 's/ T / 8 /; s/ Z / 7 /; s/<.*//' | xargs";
+        EXPECT_EQ(TextsOf(row, "Handle,ParentProcessId,ExecutionState,Name") + '\n',
+                  OutputOf(fmt::format(fmt::runtime(ps), child.id)));
         EXPECT_EQ(TextOf(row, "CommandLine") == "NULL", end == SIGKILL);
         EXPECT_EQ(TextOf(row, "ExecutablePath") + '\n',
                   OutputOf(fmt::format("readlink /proc/{}/exe || echo NULL", child.id)));

@@ -23,9 +23,8 @@ using kv::test::BusFault;
 using kv::test::FakeSystemd;
 using kv::test::FakeUnit;
 using kv::test::RunWmiQuery;
-using kv::test::TextOf;
+using kv::test::TextsOf;
 using kv::test::WmiResult;
-using kv::test::WmiRow;
 using namespace std::string_literals;
 
 const std::string fieldsOfStat =
@@ -168,14 +167,11 @@ const std::vector<FakeUnit> someUnits{
 TEST(WmiServices, AreThoseOfTheManager) {
     InstallBackend();
     const FakeSystemd manager(someUnits);
-    const WmiResult result = RunWmiQuery(
-        "SELECT Name, Caption, State, StartMode, ExitCode, PathName, StartName, ProcessId FROM Win32_Service");
+    const std::string properties = "Name,Caption,State,StartMode,ExitCode,PathName,StartName,ProcessId";
+    const WmiResult result = RunWmiQuery("SELECT " + properties + " FROM Win32_Service");
     ASSERT_EQ(result.rows.size(), 2u);
-    std::string text;
-    for (const WmiRow& row : result.rows) {
-        for (const auto& [name, value] : row) text += value.text + "|";
-    }
-    EXPECT_EQ(text, "An A|4|a|/bin/x -v 1|0|Auto|root|Stopped|A B|0|b|/bin/x -v 1|0|Manual|root|Stopped|");
+    EXPECT_EQ(TextsOf(result.rows[0], properties), "a An A Stopped Auto 4 /bin/x -v 1 root 0");
+    EXPECT_EQ(TextsOf(result.rows[1], properties), "b A B Stopped Manual 0 /bin/x -v 1 root 0");
     EXPECT_EQ(result.notices.size(), 0u);
 }
 

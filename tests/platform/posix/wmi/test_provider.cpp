@@ -16,19 +16,12 @@ namespace {
 using namespace platform;
 using namespace platform::wmi;
 
-class WmiProvider : public ::testing::Test {
-  protected:
+struct WmiProvider : ::testing::Test {
     WmiProvider() { InstallBackend(); }
 };
 
 TEST_F(WmiProvider, RefusesWhatItCannotAnswer) {
-    struct Row {
-        const char* title;
-        const char16_t* nameSpace;
-        const char* query;
-        WmiStatus status;
-    };
-    const Row rows[] = {
+    const std::tuple<const char*, const char16_t*, const char*, WmiStatus> rows[] = {
         {"as a plan has it", u"ROOT\\CIMV2", "SELECT Name FROM Win32_OperatingSystem", wmi_status::ok},
         {"other slashes and letters", u"root/cimv2", "select name from win32_operatingsystem", wmi_status::ok},
         {"this computer by a dot", u"\\\\.\\root\\cimv2", "SELECT Name FROM Win32_LocalTime", wmi_status::invalidQuery},
@@ -44,10 +37,10 @@ TEST_F(WmiProvider, RefusesWhatItCannotAnswer) {
          wmi_status::invalidQuery},
         {"no query", u"ROOT\\CIMV2", "DELETE FROM Win32_Process", wmi_status::invalidQuery},
     };
-    for (const Row& row : rows) {
-        const WmiResult result = RunWmiQuery(row.query, row.nameSpace);
-        EXPECT_EQ(result.status, row.status) << row.title;
-        EXPECT_EQ(result.rows.size(), row.status == wmi_status::ok ? 1u : 0u) << row.title;
+    for (const auto& [title, nameSpace, query, status] : rows) {
+        const WmiResult result = RunWmiQuery(query, nameSpace);
+        EXPECT_EQ(result.status, status) << title;
+        EXPECT_EQ(result.rows.size(), status == wmi_status::ok ? 1u : 0u) << title;
     }
     WmiHandle object = 0;
     std::uint32_t count = 1;

@@ -183,35 +183,31 @@ TEST_F(WmiStorage, ADeadMountCostsOthersNothing) {
     const std::string byName = fmt::format(" WHERE DeviceID = '{}'", folder);
     const WmiResult nameOnly = RunWmiQuery("SELECT DriveType, ProviderName FROM Win32_LogicalDisk" + byName);
     ASSERT_EQ(nameOnly.rows.size(), 1u);
-    EXPECT_EQ(TextOf(nameOnly.rows[0], "DriveType"), "4");
-    EXPECT_EQ(TextOf(nameOnly.rows[0], "ProviderName"), "nas.example:/data");
+    EXPECT_EQ(TextsOf(nameOnly.rows[0], "DriveType,ProviderName"), "4 nas.example:/data");
 
     std::vector<Mount> disks = DisksAmong(ParseMountInfo(ReadSystemFile("/proc/self/mountinfo").value_or("")));
     std::erase_if(disks, [&](const Mount& disk) { return disk.mountPoint != folder; });
     EXPECT_FALSE(AskMounts(disks, AskFileSystem, 100ms, [](const std::string&) {})[0].has_value());
 
-    const struct {
-        std::string title, where;
-        std::size_t notices;
-    } rows[] = {
+    const std::tuple<std::string, std::string, std::size_t> rows[] = {
         {"all", "", 1},
         {"itself", byName, 1},
         {"the root", " WHERE DeviceID = '/'", 0},
         {"fixed disks", " WHERE DriveType = 3 AND FreeSpace > 0", 0},
     };
-    for (const auto& row : rows) {
+    for (const auto& [title, where, notices] : rows) {
         const auto start = steady_clock::now();
-        const WmiResult result = RunWmiQuery(bySpace + row.where);
-        EXPECT_LT(steady_clock::now() - start, 1s) << row.title;
-        EXPECT_EQ(result.status, 0u) << row.title;
-        EXPECT_EQ(result.rows.empty(), row.title == "itself") << row.title;
-        EXPECT_EQ(result.notices.size(), row.notices) << row.title;
-        for (const std::string& notice : result.notices) EXPECT_THAT(notice, HasSubstr(folder)) << row.title;
+        const WmiResult result = RunWmiQuery(bySpace + where);
+        EXPECT_LT(steady_clock::now() - start, 2s) << title << ": as long as a mount is waited for";
+        EXPECT_EQ(result.status, 0u) << title;
+        EXPECT_EQ(result.rows.empty(), title == "itself") << title;
+        EXPECT_EQ(result.notices.size(), notices) << title;
+        for (const std::string& notice : result.notices) EXPECT_THAT(notice, HasSubstr(folder)) << title;
     }
 
     close(device);  // the kernel gives up on it, and the thread comes back
     WmiResult gone;
-    for (const auto end = steady_clock::now() + 5s; gone.rows.empty() && steady_clock::now() < end;) {
+    for (const auto end = steady_clock::now() + 30s; gone.rows.empty() && steady_clock::now() < end;) {
         gone = RunWmiQuery(bySpace + byName);
     }
     ASSERT_EQ(gone.rows.size(), 1u);
@@ -226,9 +222,8 @@ TEST_F(WmiStorage, SpaceIsThatOfDf) {
         OutputOf("df -B1 --output=target,size,avail -x devtmpfs -x overlay -x efivarfs 2>&1 |"
                  "awk '/^\\// && !/^.(sys|proc)\\//'"));
     constexpr double tolerance = 256 << 20;  // others write meanwhile
-    std::size_t count = 0;
     double available = 0;
-    for (std::string mount, size; mounts >> mount >> size >> available; ++count) {
+    for (std::string mount, size; mounts >> mount >> size >> available;) {
         const WmiResult disk = RunWmiQuery("SELECT * FROM Win32_LogicalDisk WHERE DeviceID = '" + mount + "'");
         ASSERT_EQ(disk.rows.size(), 1u) << mount;
         EXPECT_EQ(TextOf(disk.rows[0], "Size"), size) << mount;
@@ -288,33 +283,27 @@ TEST_F(WmiNetwork, AdaptersAndTheirConfigurations) {
             "ip address add 198.51.100.1/24 dev kv1 && ip route add default via 192.0.2.1 && "
             "(ip address add 2001:db8::7/64 dev kv1 valid_lft 600 preferred_lft 600 || true)");
     }
-    const struct {
-        std::string name, connection, isConnected, usesIp, isLeased;
-    } rows[] = {
-        {"kv0", "2", "true", "true", "true"},
-        {"kv1", "2", "true", "true", "false"},
-        {"kv2", "7", "false", "false", "false"},
-        {"kv3", "0", "false", "false", "false"},
+    // the adapter's NetConnectionStatus, NetEnabled, PhysicalAdapter; the configuration's IPEnabled and so on
+    const std::pair<std::string, const char*> rows[] = {
+        {"kv0", "2 true false; true true array array"},
+        {"kv1", "2 true false; true false array NULL"},
+        {"kv2", "7 false false; false false NULL NULL"},
+        {"kv3", "0 false false; false false NULL NULL"},
     };
     EXPECT_EQ(RunWmiQuery("SELECT Name FROM Win32_NetworkAdapter").rows.size(), std::size(rows)) << "no loopback";
-    for (const auto& row : rows) {
-        const auto one = [&](const std::string& query) {
-            const WmiResult result = RunWmiQuery(query + " = '" + row.name + "'");
-            return result.rows.empty() ? WmiRow() : result.rows.front();
-        };
-        const WmiRow adapter = one("SELECT * FROM Win32_NetworkAdapter WHERE GUID");
-        EXPECT_EQ(TextOf(adapter, "NetConnectionStatus"), row.connection) << row.name;
-        EXPECT_EQ(TextOf(adapter, "NetEnabled"), row.isConnected) << row.name;
-        EXPECT_EQ(TextOf(adapter, "PhysicalAdapter"), "false") << row.name;
-        const WmiRow configuration = one("SELECT * FROM Win32_NetworkAdapterConfiguration WHERE SettingID");
-        EXPECT_EQ(TextOf(configuration, "IPEnabled"), row.usesIp) << row.name;
-        EXPECT_EQ(TextOf(configuration, "DHCPEnabled"), row.isLeased) << row.name;
-        EXPECT_EQ(TextOf(configuration, "IPAddress"), row.usesIp == "true" ? "array" : "NULL") << row.name;
-        EXPECT_EQ(TextOf(configuration, "DefaultIPGateway"), row.name == "kv0" ? "array" : "NULL") << row.name;
-        EXPECT_EQ(TextOf(configuration, "Index"), TextOf(adapter, "Index")) << row.name;
-        if (row.name != "kv0") continue;
-        EXPECT_EQ(TextOf(adapter, "MACAddress"), "02:00:00:00:0A:0B");
-        EXPECT_EQ(TextOf(adapter, "Speed"), "10000000000") << "what a pair of virtual interfaces says of itself";
+    for (const auto& [name, facts] : rows) {
+        const WmiResult adapters = RunWmiQuery("SELECT * FROM Win32_NetworkAdapter WHERE GUID = '" + name + "'");
+        const WmiResult configurations =
+            RunWmiQuery("SELECT * FROM Win32_NetworkAdapterConfiguration WHERE SettingID = '" + name + "'");
+        ASSERT_EQ(adapters.rows.size() * configurations.rows.size(), 1u) << name;
+        const WmiRow &adapter = adapters.rows[0], &configuration = configurations.rows[0];
+        EXPECT_EQ(TextsOf(adapter, "NetConnectionStatus,NetEnabled,PhysicalAdapter") + "; " +
+                      TextsOf(configuration, "IPEnabled,DHCPEnabled,IPAddress,DefaultIPGateway"),
+                  facts)
+            << name;
+        EXPECT_EQ(TextOf(configuration, "Index"), TextOf(adapter, "Index")) << name;
+        if (name != "kv0") continue;
+        EXPECT_EQ(TextsOf(adapter, "MACAddress,Speed"), "02:00:00:00:0A:0B 10000000000") << "as all such pairs say";
         EXPECT_EQ(TextOf(configuration, "MTU"), "1400");
         const auto end = MicrosecondsOfDmtf(platform::WideFromUtf8(TextOf(configuration, "DHCPLeaseExpires")));
         const auto now = std::chrono::system_clock::now().time_since_epoch() / 1us;

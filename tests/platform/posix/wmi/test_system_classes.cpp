@@ -8,7 +8,6 @@
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <map>
-#include <sstream>
 #include <sys/utsname.h>
 #include <unistd.h>
 #include <utmp.h>
@@ -448,14 +447,6 @@ TEST(WmiTimeZones, AreThoseOfTheCLibrary) {
 struct WmiThisMachine : ::testing::Test {
     WmiThisMachine() { platform::InstallBackend(); }
 };
-
-/// The values of properties, which are named with commas between, with blanks between.
-std::string TextsOf(const WmiRow& row, const std::string& properties) {
-    std::istringstream names(properties);
-    std::string texts;
-    for (std::string name; std::getline(names, name, ',');) texts += (texts.empty() ? "" : " ") + TextOf(row, name);
-    return texts;
-}
 
 /// The sum of a number over all objects.
 double SumOf(const WmiResult& result, const std::string& property) {
