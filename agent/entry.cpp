@@ -19,6 +19,7 @@
 #include "platform/files.h"
 #include "platform/messages.h"
 #include "platform/service_host.h"
+#include "platform/utf.h"
 
 namespace kv {
 
@@ -39,7 +40,7 @@ void AppendNote(std::u16string_view path, std::string_view text) {
                           platform::FileDisposition::openAlways, note) != platform::error::success) {
         return;
     }
-    files.WriteFile(note, text.data(), text.size());
+    files.WriteText(note, text);
     files.CloseHandle(note);
 }
 

@@ -187,7 +187,7 @@ void StopLogging() {
         const std::string line = PrefixLogFormat(
             "=============================================LOGGING "
             "STOPPED==============================================\n");
-        if (LogsAtLeast(1)) Files().WriteFile(logState.gv_logFile, line.data(), line.size());
+        if (LogsAtLeast(1)) Files().WriteText(logState.gv_logFile, line);
     } catch (...) {
         // Without memory this line is lost, as any other.
     }

@@ -7,6 +7,7 @@
 #include "foundation/system_error.h"
 #include "platform/files.h"
 #include "platform/process.h"
+#include "platform/utf.h"
 
 namespace kv {
 

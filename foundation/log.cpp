@@ -1,9 +1,11 @@
 #include "foundation/log.h"
 
 #include <algorithm>
-#include <fmt/args.h>
-#include <fmt/printf.h>
+#include <charconv>
+#include <fmt/format.h>
 #include <iterator>
+#include <limits>
+#include <utf8.h>
 
 #include "platform/clock.h"
 
@@ -13,31 +15,153 @@ LogState logState;
 
 namespace {
 
-/// Counts the unexpanded format, not what was printed: the limit is one of formats. Two threads may lose an addition
-/// here; the counter is a threshold, not an account.
-std::uint32_t Count(std::size_t characters) {
-    const std::uint32_t bytes =
-        logState.gv_logBytes.load(std::memory_order_relaxed) + static_cast<std::uint32_t>(characters);
-    logState.gv_logBytes.store(bytes, std::memory_order_relaxed);
-    return bytes;
+constexpr char32_t replacement = 0xFFFD;
+
+bool IsControl(char32_t point) { return point < 0x20 || (point >= 0x7F && point < 0xA0); }
+
+void AppendPoint(std::string& line, char32_t point) {
+    if (IsControl(point)) {
+        constexpr std::string_view named = "\t\n\r";
+        const std::size_t at = named.find(static_cast<char>(point));
+        if (point < 0x80 && at != named.npos)
+            line.append(1, '\\').append(1, "tnr"[at]);
+        else
+            fmt::format_to(std::back_inserter(line), "\\x{:02X}", static_cast<unsigned>(point));
+    } else if (point == 0x2028 || point == 0x2029) {
+        fmt::format_to(std::back_inserter(line), "\\u{:04X}", static_cast<unsigned>(point));
+    } else {
+        utf8::unchecked::append(point, std::back_inserter(line));
+    }
 }
 
-/// "%ld" means 64 bits in every log text, and on Windows they are written "%lld".
-std::string WithWideLongs(std::string_view format) {
-    std::string wide;
-    for (std::size_t at = 0; at < format.size(); ++at) {
-        wide += format[at];
-        if (format[at] != '%') continue;
-        const std::size_t end = std::min(format.find_first_not_of("-+ #.*0123456789", at + 1), format.size());
-        wide += format.substr(at + 1, end - at - 1);
-        if (format.substr(end).starts_with('l') && !format.substr(end).starts_with("ll")) wide += 'l';
-        if (end < format.size()) wide += format[end];
-        at = end;
+/// Takes the next character off a text; what is not well-formed goes unit by unit, as U+FFFD.
+char32_t TakePoint(std::string_view& text) {
+    const char* next = text.data();
+    char32_t point = replacement;
+    try {
+        point = utf8::next(next, text.data() + text.size());
+    } catch (const utf8::exception&) {
+        ++next;
     }
-    return wide;
+    text.remove_prefix(static_cast<std::size_t>(next - text.data()));
+    return point;
+}
+
+char32_t TakePoint(std::u16string_view& text) {
+    const char32_t first = text[0];
+    const bool isPair = first >= 0xD800 && first < 0xDC00 && text.size() > 1 && text[1] >= 0xDC00 && text[1] < 0xE000;
+    const char32_t second = isPair ? text[1] : 0;
+    text.remove_prefix(isPair ? 2 : 1);
+    if (isPair) return 0x10000 + ((first - 0xD800) << 10) + (second - 0xDC00);
+    return first >= 0xD800 && first < 0xE000 ? replacement : first;
+}
+
+template <class Text>
+void AppendCleaned(std::string& line, Text text) {
+    while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.remove_suffix(1);
+    const auto isPlain = [](auto unit) { return unit >= 0x20 && unit < 0x7F; };
+    while (!text.empty()) {
+        const auto end = std::find_if_not(text.begin(), text.end(), isPlain);
+        line.append(text.begin(), end);
+        text.remove_prefix(static_cast<std::size_t>(end - text.begin()));
+        if (!text.empty()) AppendPoint(line, TakePoint(text));
+    }
+}
+
+/// One conversion of a format, such as "%04ld".
+struct Conversion {
+    bool hasZeros = false;
+    std::size_t width = 0;
+    bool isLong = false;  // 64 bits, on every system
+    char letter = 0;      // what the argument prints as; 0 when the format ends too early
+};
+
+/// Takes a conversion off the format, behind its percent sign.
+Conversion TakeConversion(std::string_view& format) {
+    constexpr std::size_t widest = 99;
+    Conversion taken;
+    for (; !format.empty(); format.remove_prefix(1)) {
+        const char sign = format.front();
+        if (sign == '0' && taken.width == 0) {
+            taken.hasZeros = true;
+        } else if (sign >= '0' && sign <= '9' && taken.width <= widest / 10) {
+            taken.width = taken.width * 10 + static_cast<std::size_t>(sign - '0');
+        } else if (sign == 'l') {
+            taken.isLong = true;
+        } else {
+            taken.letter = sign;
+            format.remove_prefix(1);
+            break;
+        }
+    }
+    return taken;
+}
+
+void AppendDigits(std::string& line, const Conversion& conversion, bool isNegative, std::uint64_t magnitude) {
+    char digits[std::numeric_limits<std::uint64_t>::digits10 + 1];
+    const auto end = std::to_chars(std::begin(digits), std::end(digits), magnitude, conversion.letter == 'x' ? 16 : 10);
+    const auto count = static_cast<std::size_t>(end.ptr - digits) + (isNegative ? 1 : 0);
+    const std::size_t padding = conversion.width - std::min(conversion.width, count);
+    if (!conversion.hasZeros) line.append(padding, ' ');
+    if (isNegative) line += '-';
+    if (conversion.hasZeros) line.append(padding, '0');
+    line.append(digits, end.ptr);
+}
+
+void AppendSigned(std::string& line, const Conversion& conversion, std::int64_t number) {
+    const auto magnitude = static_cast<std::uint64_t>(number);
+    AppendDigits(line, conversion, number < 0, number < 0 ? 0 - magnitude : magnitude);
+}
+
+/// A 32-bit number without an "l" prints as its 32 bits read in the conversion's way; all others as their value, so
+/// that no upper half is lost to a conversion that is too narrow.
+template <class Number>
+bool AppendNumber(std::string& line, const Conversion& conversion, Number number) {
+    const bool is32 = sizeof(number) == 4 && !conversion.isLong;
+    if (conversion.letter == 'd' && is32)
+        AppendSigned(line, conversion, static_cast<std::int32_t>(number));
+    else if ((conversion.letter == 'd' || conversion.letter == 's') && std::is_signed_v<Number>)
+        AppendSigned(line, conversion, static_cast<std::int64_t>(number));
+    else if (std::string_view("duxs").find(conversion.letter) != std::string_view::npos)
+        AppendDigits(line, conversion, false,
+                     is32 ? static_cast<std::uint32_t>(number) : static_cast<std::uint64_t>(number));
+    else
+        return false;
+    return true;
+}
+
+bool Append(std::string& line, const Conversion& conversion, const LogArgument& argument) {
+    return std::visit(
+        [&](auto value) {
+            if constexpr (std::is_integral_v<decltype(value)>) {
+                return AppendNumber(line, conversion, value);
+            } else {
+                if (conversion.letter == 's') AppendInLine(line, value);
+                return conversion.letter == 's';
+            }
+        },
+        argument);
+}
+
+/// Room for a line, so that printing it allocates once: three bytes for each wide character, 20 for a number.
+std::size_t RoomFor(std::string_view format, std::span<const LogArgument> arguments) {
+    std::size_t room = format.size();
+    for (const LogArgument& argument : arguments) {
+        if (const auto* narrow = std::get_if<std::string_view>(&argument))
+            room += narrow->size();
+        else if (const auto* wide = std::get_if<std::u16string_view>(&argument))
+            room += 3 * wide->size();
+        else
+            room += 20;
+    }
+    return room;
 }
 
 }  // namespace
+
+void AppendInLine(std::string& line, std::string_view utf8) { AppendCleaned(line, utf8); }
+
+void AppendInLine(std::string& line, std::u16string_view wide) { AppendCleaned(line, wide); }
 
 std::string PrefixLogFormat(std::string_view format) {
     const platform::ClockOperations& clock = platform::Clock();
@@ -49,23 +173,30 @@ std::string PrefixLogFormat(std::string_view format) {
     return prefixed;
 }
 
-std::string PrintedLogText(const std::string& format, std::span<const LogArgument> arguments) {
-    fmt::dynamic_format_arg_store<fmt::printf_context> store;
-    for (const LogArgument& argument : arguments) {
-        std::visit([&store](const auto& value) { store.push_back(value); }, argument);
+std::string PrintedLogText(std::string_view format, std::span<const LogArgument> arguments) {
+    std::string line;
+    line.reserve(RoomFor(format, arguments));
+    for (std::string_view rest = format; !rest.empty();) {
+        const std::size_t percent = std::min(rest.find('%'), rest.size());
+        line.append(rest.substr(0, percent));
+        rest.remove_prefix(percent);
+        if (rest.empty()) break;
+        rest.remove_prefix(1);
+        const Conversion conversion = TakeConversion(rest);
+        if (conversion.letter == '%') {
+            line += '%';
+            continue;
+        }
+        if (arguments.empty() || !Append(line, conversion, arguments.front())) return std::string(format);
+        arguments = arguments.subspan(1);
     }
-    try {
-        return fmt::vsprintf(fmt::string_view(WithWideLongs(format)),
-                             fmt::basic_format_args<fmt::printf_context>(store));
-    } catch (const fmt::format_error&) {
-        return format;
-    }
+    return line;
 }
 
 void AppendToLog(std::string_view text) noexcept {
     try {
         const std::lock_guard stream(logState.streamMutex);
-        if (logState.gv_logFile != 0) platform::Files().WriteFile(logState.gv_logFile, text.data(), text.size());
+        if (logState.gv_logFile != 0) platform::Files().WriteText(logState.gv_logFile, text);
     } catch (...) {
         // A failed write, such as one to a full disk, costs the line and nothing else.
     }
@@ -74,8 +205,12 @@ void AppendToLog(std::string_view text) noexcept {
 void WriteLogLine(const char* format, std::span<const LogArgument> arguments) noexcept {
     try {
         const std::string prefixed = PrefixLogFormat(format);
-        AppendToLog(PrintedLogText(prefixed, arguments));
-        const std::uint32_t bytes = Count(prefixed.size());
+        const std::string line = PrintedLogText(prefixed, arguments);
+        if (logState.isToolkitLog) logState.makeToolkitRoom(line);
+        AppendToLog(line);
+        // What counts is the unexpanded format, not what was printed: the limit is one of formats.
+        const auto length = static_cast<std::uint32_t>(prefixed.size());
+        const std::uint32_t bytes = logState.gv_logBytes.fetch_add(length, std::memory_order_relaxed) + length;
         if (bytes > logState.gv_logMaxSize.load(std::memory_order_relaxed) && logState.rotate) logState.rotate(bytes);
     } catch (...) {
         // Out of memory: logging never reports a failure to its caller, so this line is lost.

@@ -2,8 +2,9 @@
 // agent/log_file.h.
 //
 // A log line names its level by the routine it is written with; a step that is switched off costs one comparison. The
-// format is printf's, the arguments are numbers, narrow texts (UTF-8) or wide texts; a text that is none prints
-// "(null)". Callable from any thread.
+// format is printf's with %d, %u, %x (a width and zeros ahead, as in %04d, are known, and so is "l"), %s and %%; the
+// arguments are numbers, narrow texts (UTF-8) or wide texts; a null text prints "(null)". A text argument never leaves
+// its line: see AppendInLine. Callable from any thread.
 #pragma once
 
 #include <array>
@@ -19,7 +20,6 @@
 
 #include "foundation/published_text.h"
 #include "platform/files.h"
-#include "platform/utf.h"
 
 namespace kv {
 
@@ -39,6 +39,9 @@ struct LogState {
     /// Set by EndLogRotation: nothing opens or moves the log any more.
     std::atomic<bool> isRotationOver{false};
 
+    /// Called, while isToolkitLog, with each line of the agent's before it is written: bounds the engine's log.
+    void (*makeToolkitRoom)(std::string_view text) = nullptr;
+
     /// Keeps the stream open between a line's test and its write; held for one line, or while the stream changes files.
     /// Nobody takes the rotation's resource lock while holding it.
     std::mutex streamMutex;
@@ -52,55 +55,60 @@ extern LogState logState;
 /// Prefix of every line: newline, local date and time to the millisecond, one blank.
 std::string PrefixLogFormat(std::string_view format);
 
-/// One argument of a line. A text is UTF-8.
-using LogArgument = std::variant<std::int64_t, std::uint64_t, double, std::string>;
+/// One argument of a line. A number keeps its size: "%u" and "%x" of a negative one print as C prints them. A text is
+/// the caller's, and is not copied.
+using LogArgument =
+    std::variant<std::int32_t, std::uint32_t, std::int64_t, std::uint64_t, std::string_view, std::u16string_view>;
 
-/// The text of a format and its arguments; a format that does not fit its arguments comes back as it stands.
-std::string PrintedLogText(const std::string& format, std::span<const LogArgument> arguments);
+/// Adds a text to a line such that nobody outside writes lines or escapes of their own: control characters (those above
+/// 0x7F and Unicode's two line ends too) are shown as "\n" or "\x1B", what is not Unicode as U+FFFD. The line end
+/// behind a text, such as a system's message has, is left out.
+void AppendInLine(std::string& line, std::string_view utf8);
+void AppendInLine(std::string& line, std::u16string_view wide);
+
+/// The text of a format and its arguments; a format that does not fit its arguments comes back as it stands. "%d" and
+/// the like of a 32-bit number print 32 bits, as in C, all others the number's value.
+std::string PrintedLogText(std::string_view format, std::span<const LogArgument> arguments);
 
 /// Prints one line to the log file, counts it and rotates when the counter has passed the limit. The level has been
 /// tested. Never throws.
 void WriteLogLine(const char* format, std::span<const LogArgument> arguments) noexcept;
 
-/// Writes a text as it stands, without prefix; it does not count towards the rotation. Never throws.
+/// Writes a text without prefix, its line ends as the system's text files have them; it does not count towards the
+/// rotation. Never throws.
 void AppendToLog(std::string_view text) noexcept;
 
 namespace log_detail {
 
+constexpr std::string_view nullText = "(null)";
+
 template <class T>
 LogArgument Printable(const T& value) {
-    if constexpr (std::is_convertible_v<const T&, std::u16string_view> && !std::is_pointer_v<T>) {
-        return platform::Utf8FromWide(value);
-    } else if constexpr (std::is_same_v<T, const char16_t*> || std::is_same_v<T, char16_t*>) {
-        return value ? platform::Utf8FromWide(value) : std::string("(null)");
-    } else if constexpr (std::is_same_v<T, std::optional<std::u16string>>) {
-        return value ? platform::Utf8FromWide(*value) : std::string("(null)");
+    if constexpr (std::is_same_v<T, std::optional<std::u16string>>) {
+        return value ? LogArgument(std::u16string_view(*value)) : nullText;
     } else if constexpr (std::is_same_v<T, PublishedText>) {
         const std::u16string* text = value.get();
-        return text ? platform::Utf8FromWide(*text) : std::string("(null)");
-    } else if constexpr (std::is_same_v<T, const char*> || std::is_same_v<T, char*>) {
-        return std::string(value ? value : "(null)");
+        return text ? LogArgument(std::u16string_view(*text)) : nullText;
+    } else if constexpr (std::is_pointer_v<T>) {
+        using View = std::basic_string_view<std::remove_cv_t<std::remove_pointer_t<T>>>;
+        return value ? LogArgument(View(value)) : nullText;
+    } else if constexpr (std::is_convertible_v<const T&, std::u16string_view>) {
+        return std::u16string_view(value);
     } else if constexpr (std::is_convertible_v<const T&, std::string_view>) {
-        return std::string(value);
+        return std::string_view(value);
     } else if constexpr (std::is_enum_v<T>) {
         return Printable(static_cast<std::underlying_type_t<T>>(value));
-    } else if constexpr (std::is_floating_point_v<T>) {
-        return static_cast<double>(value);
     } else if constexpr (std::is_signed_v<T>) {
-        return static_cast<std::int64_t>(value);
+        return static_cast<std::conditional_t<sizeof(T) == 8, std::int64_t, std::int32_t>>(value);
     } else {
-        return static_cast<std::uint64_t>(value);
+        return static_cast<std::conditional_t<sizeof(T) == 8, std::uint64_t, std::uint32_t>>(value);
     }
 }
 
-/// Logging never reports a failure to its caller: without memory for its arguments a line is lost.
 template <class... Arguments>
 void Write(const char* format, const Arguments&... arguments) noexcept {
-    try {
-        const std::array<LogArgument, sizeof...(Arguments)> printable{Printable(arguments)...};
-        WriteLogLine(format, printable);
-    } catch (...) {
-    }
+    const std::array<LogArgument, sizeof...(Arguments)> printable{Printable(arguments)...};
+    WriteLogLine(format, printable);
 }
 
 }  // namespace log_detail

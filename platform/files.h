@@ -88,6 +88,10 @@ struct FileOperations {
     /// file.
     std::function<Error(FileHandle file, const void* data, std::size_t size)> WriteFile;
 
+    /// Writes a text with the line ends of the system's text files: each "\n" becomes CR LF on Windows. A long text may
+    /// go in several writes.
+    std::function<Error(FileHandle file, std::string_view text)> WriteText;
+
     /// Moves to an absolute offset in bytes.
     std::function<Error(FileHandle file, std::uint64_t offset)> SetFilePointerEx;
     std::function<Error(FileHandle file, std::uint64_t& offset)> GetFilePointer;

@@ -38,8 +38,9 @@ bool BeginOwnLog(const std::u16string& path) {
     logState.gv_logOpenFailed = result == platform::error::success ? 0 : 1;
     if (result != platform::error::success) return false;
     logState.gv_logFile = file;
-    logState.isToolkitLog = true;
     ownLogPath = path;
+    logState.makeToolkitRoom = CheckToolkitLogSize;
+    logState.isToolkitLog = true;
     return true;
 }
 

@@ -41,8 +41,8 @@ void UnpackAll(ZipHandle zip, std::u16string_view zipPath) {
         const ZipResult result = UnpackNext(zip, index, item, unpacked);
         if (result == zip_result::ok) continue;
         ++failed;
-        Log1("\t UnzipFiles :: Not able to unpack item [%d] [%s] of [%s]. Error is [0x%x] [%s]\n", index,
-             PrintableName(item.name), zipPath, result, ZipResultText(result));
+        Log1("\t UnzipFiles :: Not able to unpack item [%d] [%s] of [%s]. Error is [0x%x] [%s]\n", index, item.name,
+             zipPath, result, ZipResultText(result));
     }
     if (failed == maxFailedItems) Log1("\t UnzipFiles :: [%s] is given up after %d such items\n", zipPath, failed);
     if (count == 0) Log1("\t UnzipFiles :: [%s] holds no items\n", zipPath);

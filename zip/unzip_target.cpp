@@ -30,7 +30,7 @@ ZipResult ForEachDirectory(std::u16string_view path, const Use& use) {
 
 /// failure is the C error number of the last try.
 ZipResult CannotMake(std::u16string_view path, int failure) {
-    Log1("\t UnzipItem :: The directory [%s] cannot be made. errno is [%d]\n", PrintableName(path), failure);
+    Log1("\t UnzipItem :: The directory [%s] cannot be made. errno is [%d]\n", path, failure);
     return zip_result::noFile;
 }
 
@@ -44,11 +44,11 @@ ZipResult EnterDirectory(std::u16string_view path) {
         if (Files().GetFileAttributesW(path, attributes) != error::success) return CannotMake(path, failure);
     }
     if ((attributes & attribute::reparsePoint) != 0) {
-        Log1("\t UnzipItem :: [%s] is a link, and is not followed\n", PrintableName(path));
+        Log1("\t UnzipItem :: [%s] is a link, and is not followed\n", path);
         return zip_result::badArguments;
     }
     if ((attributes & attribute::directory) != 0) return zip_result::ok;
-    Log1("\t UnzipItem :: [%s] is a file where a directory should be\n", PrintableName(path));
+    Log1("\t UnzipItem :: [%s] is a file where a directory should be\n", path);
     return zip_result::noFile;
 }
 
@@ -62,7 +62,7 @@ Error DeleteOld(std::u16string_view path) {
     std::uint32_t attributes = 0;
     const Error result = Files().GetFileAttributesW(path, attributes);
     if (result == error::success && (attributes & attribute::directory) != 0) {
-        Log1("\t UnzipItem :: [%s] is a directory where a file should be\n", PrintableName(path));
+        Log1("\t UnzipItem :: [%s] is a directory where a file should be\n", path);
         return error::accessDenied;
     }
     return Files().DeleteFileW(path);
@@ -121,7 +121,7 @@ ZipResult CompleteTarget(UnzipTarget& target, const ZipItem& item) {
         .attributes = item.attr, .creationTime = item.ctime, .lastAccessTime = item.atime, .lastWriteTime = item.mtime};
     Error result = Files().SetFileInformationByHandle(target.file.handle, information);
     if (result != error::success) {
-        Log1("\t UnzipItem :: Attributes and times of [%s] cannot be set\n", PrintableName(target.path));
+        Log1("\t UnzipItem :: Attributes and times of [%s] cannot be set\n", target.path);
         LogLastSystemError(result);
     }
     result = target.file.Close();

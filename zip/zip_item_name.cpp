@@ -1,6 +1,5 @@
 #include "zip/zip_item_name.h"
 
-#include <algorithm>
 #include <array>
 
 #include "platform/utf.h"
@@ -49,13 +48,6 @@ std::u16string CleansedName(std::string_view utf8) {
         for (Climb& climb : climbs) SkipBehind(name, climb);
     } while (name.size() < before);
     return std::u16string(name);
-}
-
-std::u16string PrintableName(std::u16string_view name) {
-    std::u16string printable(name);
-    std::replace_if(
-        printable.begin(), printable.end(), [](char16_t unit) { return unit < u' ' || unit == 0x7F; }, u'?');
-    return printable;
 }
 
 }  // namespace kv

@@ -11,7 +11,4 @@ namespace kv {
 /// for the caller to judge (StaysBelowDirectory).
 std::u16string CleansedName(std::string_view utf8);
 
-/// A name, or a path with one, as it goes into the log: a line end in it would write lines of its own there.
-std::u16string PrintableName(std::u16string_view name);
-
 }  // namespace kv

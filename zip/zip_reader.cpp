@@ -184,7 +184,7 @@ ZipResult Unpack(ZipReader& reader, std::int32_t index, std::u16string_view path
     if (const ZipResult result = GetToKnow(reader, index); result != zip_result::ok) return result;
     const bool isAbsolute = IsAbsoluteTarget(path);
     if (!isAbsolute && !StaysBelowDirectory(path)) {
-        Log1("\t UnzipItem :: [%s] would leave the base directory\n", PrintableName(path));
+        Log1("\t UnzipItem :: [%s] would leave the base directory\n", path);
         return zip_result::badArguments;
     }
     return IsDirectoryItem(reader.known.item, path) ? PrepareDirectories(reader, path, isAbsolute)

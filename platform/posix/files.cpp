@@ -330,6 +330,7 @@ FileOperations PosixFiles() {
         .CreateFileW = CreateFileW,
         .ReadFile = ReadFile,
         .WriteFile = WriteFile,
+        .WriteText = [](FileHandle file, std::string_view text) { return WriteFile(file, text.data(), text.size()); },
         .SetFilePointerEx = SetFilePointerEx,
         .GetFilePointer = GetFilePointer,
         .GetFileSizeEx = GetFileSizeEx,

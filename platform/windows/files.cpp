@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <memory>
@@ -132,6 +133,20 @@ Error WriteFile(FileHandle file, const void* data, std::size_t size) {
         size -= count;
     }
     return error::success;
+}
+
+/// In pieces that need no memory: the log is written so when there is none.
+Error WriteText(FileHandle file, std::string_view text) {
+    std::array<char, 4096> piece;
+    std::size_t used = 0;
+    for (const char character : text) {
+        if (character == '\n') piece[used++] = '\r';
+        piece[used++] = character;
+        if (used < piece.size() - 1) continue;
+        if (const Error failure = WriteFile(file, piece.data(), used); failure != error::success) return failure;
+        used = 0;
+    }
+    return WriteFile(file, piece.data(), used);
 }
 
 Error MovePointer(FileHandle file, std::uint64_t distance, DWORD from, std::uint64_t& offset) {
@@ -293,6 +308,7 @@ FileOperations WindowsFiles() {
         .CreateFileW = CreateFileW,
         .ReadFile = ReadFile,
         .WriteFile = WriteFile,
+        .WriteText = WriteText,
         .SetFilePointerEx = SetFilePointerEx,
         .GetFilePointer = GetFilePointer,
         .GetFileSizeEx = GetFileSizeEx,
