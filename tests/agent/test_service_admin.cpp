@@ -104,7 +104,7 @@ TEST_F(ServiceAdmin, ServesItsOwnServiceAndSaysSo) {
         EXPECT_TRUE(fake.open.empty()) << "handles";
     }
     const auto& [name, display, type, when, errors, path, dependencies] = fake.definition;
-    std::string made = kv::LogText("%s, %s, %d %d %d, %s, %s, %d", name, display, type, when, errors, path,
+    std::string made = kv::LogText("%s, %s, %d %d %d, %s, %s, %u", name, display, type, when, errors, path,
                                    dependencies.at(0), fake.actions.resetPeriodSeconds);
     for (const auto& [action, delay] : fake.actions.steps) made += kv::LogText(" %d:%d", action, delay);
     EXPECT_EQ(made,

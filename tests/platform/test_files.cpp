@@ -2,6 +2,7 @@
 #include <utility>
 
 #include "tests/platform/files_test.h"
+#include "tests/support/isolation.h"
 
 namespace platform::test {
 
@@ -79,6 +80,17 @@ TEST_F(FilesTest, DirectoriesAndNames) {
     std::u16string directory;
     EXPECT_EQ(files.wgetcwd(directory), 0);
     EXPECT_EQ(Utf8FromWide(directory), (bin / "one").string());
+}
+
+TEST_F(FilesTest, ATextHasTheLineEndsOfTheSystem) {
+    FileHandle file = 0;
+    ASSERT_EQ(Files().CreateFileW(u"f", FileAccess::append, FileShare::read, FileDisposition::openAlways, file),
+              error::success);
+    const std::string longLine(4095, 'x');
+    EXPECT_EQ(Files().WriteText(file, longLine + "\n\nend"), error::success);
+    Files().CloseHandle(file);
+    const std::string end(kv::test::fileLineEnd);
+    EXPECT_EQ(Read("f"), longLine + end + end + "end");
 }
 
 TEST_F(FilesTest, WhatIsReadOnlyIsReplacedAndDeletedAllTheSame) {

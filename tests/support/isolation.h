@@ -2,8 +2,12 @@
 #pragma once
 
 #include <filesystem>
+#include <string_view>
 
 namespace kv::test {
+
+/// How a line of a text file ends on this system.
+extern const std::string_view fileLineEnd;
 
 /// A new empty folder below the system's folder for temporary files; the caller removes it.
 std::filesystem::path MakeTemporaryFolder();

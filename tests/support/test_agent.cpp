@@ -53,7 +53,14 @@ TestAgent::~TestAgent() {
     RemoveFolder(folder);
 }
 
-std::string TestAgent::LogText() const { return Read(folder / "monitoring" / "logs" / "agent.log"); }
+std::string TestAgent::LogText() const { return ReadText(folder / "monitoring" / "logs" / "agent.log"); }
+
+std::string TestAgent::ReadText(const fs::path& path) {
+    std::string text = Read(path);
+    for (std::size_t at = 0; (at = text.find(fileLineEnd, at)) != text.npos; ++at)
+        text.replace(at, fileLineEnd.size(), "\n");
+    return text;
+}
 
 void TestAgent::Write(const fs::path& path, std::string_view bytes) {
     fs::create_directories(path.parent_path());

@@ -17,6 +17,7 @@ namespace kv::test {
 class TestAgent : public ::testing::Test {
   public:
     static void Write(const std::filesystem::path& path, std::string_view bytes);
+    static std::string ReadText(const std::filesystem::path& path);  // with "\n" as its line ends
     static std::string Read(const std::filesystem::path& path);
     /// Sorted file names.
     static std::vector<std::string> FilesIn(const std::filesystem::path& directory);

@@ -5,6 +5,8 @@
 
 namespace kv::test {
 
+const std::string_view fileLineEnd = "\n";
+
 std::filesystem::path MakeTemporaryFolder() {
     std::string pattern = (std::filesystem::temp_directory_path() / "kvagent-test-XXXXXX").string();
     if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("no temporary folder");

@@ -8,6 +8,8 @@
 
 namespace kv::test {
 
+const std::string_view fileLineEnd = "\r\n";
+
 namespace {
 
 /// Below the key of the user, where anyone may write; one key for each process.
