@@ -1,7 +1,10 @@
 // The smaller lists of operations, and the text conversions beside them.
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <gtest/gtest.h>
+#include <set>
+#include <vector>
 
 #include "platform/backend.h"
 #include "platform/clock.h"
@@ -47,15 +50,12 @@ TEST_F(SystemTest, LocalTimeIsTakenApartAndPutTogether) {
     for (const auto moment : {1772701507042LL, 0LL, -1LL, -86400001LL, 4102444800999LL}) {
         EXPECT_EQ(Clock().FromLocalTime(Clock().ToLocalTime(moment)), moment);
     }
-    const struct {
-        const char* title;
-        LocalTime beyond, same;
-    } rows[] = {{"day 0 of month 0", {2026, 0, 0}, {2025, 11, 30}},
-                {"month 13", {2026, 13, 1}, {2027, 1, 1}},
-                {"what an archive's date and time may hold", {1980, 15, 31, 31, 63, 62}, {1981, 4, 1, 8, 4, 2}}};
-    for (const auto& row : rows) {
-        EXPECT_EQ(Clock().FromLocalTime(row.beyond), Clock().FromLocalTime(row.same)) << row.title;
-    }
+    const std::tuple<const char*, LocalTime, LocalTime> rows[] = {
+        {"day 0 of month 0", {2026, 0, 0}, {2025, 11, 30}},
+        {"month 13", {2026, 13, 1}, {2027, 1, 1}},
+        {"what an archive's date and time may hold", {1980, 15, 31, 31, 63, 62}, {1981, 4, 1, 8, 4, 2}}};
+    for (const auto& [title, beyond, same] : rows)
+        EXPECT_EQ(Clock().FromLocalTime(beyond), Clock().FromLocalTime(same)) << title;
 }
 
 // Looked at again and again: waiting on an atomic loses wake-ups where the library has to build it from a condition.
@@ -152,6 +152,70 @@ TEST_F(SystemTest, MessagesAreTheSystemsOrALibrarysOrNone) {
     EXPECT_EQ(Messages().FormatModuleMessageW(texts, error::accessDenied), denied);
     EXPECT_FALSE(Messages().FormatModuleMessageW(texts, 0x8FFFFFFF));
     EXPECT_FALSE(Messages().FormatModuleMessageW(none, error::accessDenied));
+}
+
+SocketHandle OpenSocket() {
+    SocketHandle socket = 0;
+    EXPECT_EQ(Sockets().socket(socket), error::success);
+    EXPECT_EQ(Sockets().bind(socket, {}), error::success);
+    return socket;
+}
+
+TEST_F(SystemTest, DatagramsGoThereAndBack) {
+    constexpr std::array<std::uint8_t, 4> loopback{127, 0, 0, 1};
+    const SocketHandle client = OpenSocket();
+    SocketHandle device = 0;
+    ASSERT_EQ(Sockets().socket(device), error::success);
+    std::uint16_t port = 20000;
+    while (port < 21000 && Sockets().bind(device, {loopback, port}) != error::success) ++port;
+    std::array<char, 100> buffer{};
+    SocketAddress peer;
+    std::size_t length = 0;
+    bool ready = true;
+    EXPECT_EQ(Sockets().select(device, 1000, ready), error::success);
+    EXPECT_FALSE(ready);
+    EXPECT_EQ(Sockets().recvfrom(device, buffer.data(), buffer.size(), peer, length), error::busy);
+    for (const std::size_t size : {std::size_t{0}, std::size_t{42}, std::size_t{1500}}) {
+        const std::vector<char> bytes(size, static_cast<char>(size));
+        EXPECT_EQ(Sockets().sendto(client, bytes.data(), size, {loopback, port}, length), error::success);
+        EXPECT_EQ(length, size);
+        ASSERT_EQ(Sockets().select(device, 2500000, ready), error::success);
+        ASSERT_TRUE(ready);
+        const Error received = Sockets().recvfrom(device, buffer.data(), buffer.size(), peer, length);
+        if (size > buffer.size() && received != error::success) continue;  // a cut is an error on some systems
+        ASSERT_EQ(received, error::success);
+        EXPECT_EQ(length, std::min(size, buffer.size())) << "what is too long is cut";
+        EXPECT_TRUE(std::equal(buffer.begin(), buffer.begin() + length, bytes.begin()));
+        EXPECT_EQ(peer.address, loopback);
+    }
+    EXPECT_EQ(Sockets().sendto(device, "x", 1, peer, length), error::success);
+    EXPECT_EQ(Sockets().select(client, 1000000, ready), error::success);
+    EXPECT_TRUE(ready) << "the answer finds the sender";
+    const std::vector<char> tooLong(70000);
+    EXPECT_NE(Sockets().sendto(client, tooLong.data(), tooLong.size(), peer, length), error::success);
+    for (const SocketHandle socket : {client, device}) EXPECT_EQ(Sockets().closesocket(socket), error::success);
+}
+
+TEST_F(SystemTest, AHandleIsNeverTakenForAStatus) {
+    std::set<SocketHandle> sockets;
+    while (sockets.size() < 300) {
+        const SocketHandle socket = OpenSocket();
+        ASSERT_TRUE(sockets.insert(socket).second);
+        for (const SocketHandle status : {0U, 99U, 255U}) EXPECT_NE(socket & 0xFF, status) << socket;
+    }
+    for (const SocketHandle socket : sockets) EXPECT_EQ(Sockets().closesocket(socket), error::success);
+    for (const SocketHandle socket : {SocketHandle{0}, *sockets.rbegin()}) {
+        char byte = 0;
+        SocketAddress peer;
+        std::size_t length = 0;
+        bool ready = true;
+        EXPECT_EQ(Sockets().bind(socket, {}), error::invalidHandle);
+        EXPECT_EQ(Sockets().select(socket, 0, ready), error::invalidHandle);
+        EXPECT_FALSE(ready);
+        EXPECT_EQ(Sockets().sendto(socket, &byte, 1, peer, length), error::invalidHandle);
+        EXPECT_EQ(Sockets().recvfrom(socket, &byte, 1, peer, length), error::invalidHandle);
+        EXPECT_EQ(Sockets().closesocket(socket), error::invalidHandle);
+    }
 }
 
 }  // namespace

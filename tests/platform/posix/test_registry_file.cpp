@@ -160,31 +160,25 @@ TEST_F(RegistryFile, ALockIsWaitedForAndThenGivenUp) {
 TEST_F(RegistryFile, FilesThatAreNoRegistryAreLeftAlone) {
     constexpr Error corrupt = error::databaseCorrupt;
     const std::string refused = "error " + std::to_string(corrupt);
-    const struct {
-        const char* title;
-        std::string bytes;
-        const char* sql;  // run on the file by SQLite itself
-        std::string read;
-        Error write;
-    } rows[] = {
+    const std::tuple<const char*, std::string, const char*, std::string, Error> rows[] = {
         {"text", "just some text, long enough to be looked at\n", "", refused, corrupt},
         {"another program's database", "", "CREATE TABLE key (id)", refused, corrupt},
         {"a later version", "", "PRAGMA application_id = 0x4B565247; PRAGMA user_version = 2", refused, corrupt},
         {"empty, as a process leaves it that is killed at once", "", "", "error 2", error::success},
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.title);
+    for (const auto& [title, bytes, sql, read, write] : rows) {  // the statement is run on the file by SQLite itself
+        SCOPED_TRACE(title);
         CloseRegistry();
         for (const char* suffix : {"-wal", "-shm"}) fs::remove(file.string() + suffix);
-        Write(file, row.bytes);
+        Write(file, bytes);
         sqlite3* database = nullptr;
         ASSERT_EQ(sqlite3_open(file.c_str(), &database), SQLITE_OK);
-        EXPECT_EQ(sqlite3_exec(database, row.sql, nullptr, nullptr, nullptr), SQLITE_OK) << sqlite3_errmsg(database);
+        EXPECT_EQ(sqlite3_exec(database, sql, nullptr, nullptr, nullptr), SQLITE_OK) << sqlite3_errmsg(database);
         sqlite3_close(database);
         const std::string before = Read(file);
-        for (int twice = 0; twice < 2; ++twice) EXPECT_EQ(GetBytes(u"K", u"v"), row.read);
-        EXPECT_EQ(SetBytes(u"K", u"v", "1"), row.write);
-        EXPECT_TRUE(row.write == error::success || Read(file) == before) << "the file was changed";
+        for (int twice = 0; twice < 2; ++twice) EXPECT_EQ(GetBytes(u"K", u"v"), read);
+        EXPECT_EQ(SetBytes(u"K", u"v", "1"), write);
+        EXPECT_TRUE(write == error::success || Read(file) == before) << "the file was changed";
     }
     CloseRegistry();
     fs::remove(file);
