@@ -17,6 +17,7 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Not;
+using namespace std::string_literals;
 
 constexpr const char* goodQuery = "AGENTKEY=LAB1&FILENAME=Agent_LAB1_1.zip";
 
@@ -62,12 +63,7 @@ TEST_F(LabServing, AnUploadIsKeptOnceHoweverOftenItComes) {
 }
 
 TEST_F(LabServing, TextsThatAreNoJsonAreKeptAndMarked) {
-    const struct {
-        const char* title;
-        std::string bytes;
-        std::string text;
-        bool isJson;
-    } rows[] = {
+    const std::tuple<const char*, std::string, std::string, bool> rows[] = {
         {"object", WideBytes("{ \"a\": \"\\/\" }\n"), "{ \"a\": \"\\/\" }\n", true},
         {"text of a script", WideBytes("out of paper"), "out of paper", false},
         {"two documents", WideBytes("{ } { }"), "{ } { }", false},
@@ -75,14 +71,14 @@ TEST_F(LabServing, TextsThatAreNoJsonAreKeptAndMarked) {
         {"too deep", WideBytes(std::string(maxJsonDepth + 1, '[')), std::string(maxJsonDepth + 1, '['), false},
     };
     ArchiveFiles entries;
-    for (const auto& row : rows) entries.emplace_back(row.title, row.bytes);
+    for (const auto& [title, bytes, text, isJson] : rows) entries.emplace_back(title, bytes);
     EXPECT_EQ(Upload(client, goodQuery, MakeArchive(entries))->status, 200);
     const std::vector<Record> records = RecordsAfter(store, {});
     ASSERT_EQ(records.size(), std::size(rows));
-    for (std::size_t i = 0; i < records.size(); ++i) {
-        EXPECT_EQ(records[i].content.file, rows[i].title);
-        EXPECT_EQ(records[i].content.text, rows[i].text) << rows[i].title;
-        EXPECT_EQ(records[i].content.isJson, rows[i].isJson) << rows[i].title;
+    for (auto at = records.begin(); const auto& [title, bytes, text, isJson] : rows) {
+        EXPECT_EQ(at->content.file, title);
+        EXPECT_EQ(at->content.text, text) << title;
+        EXPECT_EQ((at++)->content.isJson, isJson) << title;
     }
     const std::string answer = Get("/api/records?after=1&limit=1")->body;
     EXPECT_TRUE(ParseJson(answer).valid);
@@ -144,13 +140,8 @@ TEST_F(LabServing, StatusNoticesAndAnswersAreKept) {
 }
 
 TEST_F(LabServing, FaultsInTheirOrder) {
-    const struct {
-        const char* title;
-        Fault fault;
-        int status;              // -1: no answer, or not the whole of it
-        std::size_t stored;      // records once it was served
-        std::int64_t remaining;  // after it; 0: used up
-    } rows[] = {
+    // the status -1: no answer, or not the whole of it; records stored; how often the fault is left, 0: used up
+    const std::tuple<const char*, Fault, int, std::size_t, std::int64_t> rows[] = {
         {"a status", {0, "FileCollector", FaultKind::status, 503, 2}, 503, 0, 1},
         {"a dropped connection", {0, "FileCollector", FaultKind::drop, 0, 1}, -1, 0, 0},
         {"another servlet's", {0, "RegisterAgent", FaultKind::drop, 0, 5}, 200, 1, 5},
@@ -158,17 +149,17 @@ TEST_F(LabServing, FaultsInTheirOrder) {
         {"a body cut short", {0, "FileCollector", FaultKind::cut, 0, 1}, -1, 1, 0},
     };
     int number = 0;
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.title);
+    for (const auto& [title, fault, status, stored, remaining] : rows) {
+        SCOPED_TRACE(title);
         const std::size_t before = StoredRecords(store).size();
-        AddFault(store, row.fault);
-        EXPECT_THAT(Page(), HasSubstr(FaultText(row.fault)));
+        AddFault(store, fault);
+        EXPECT_THAT(Page(), HasSubstr(FaultText(fault)));
         const httplib::Result answer =
             Upload(client, "AGENTKEY=LAB1&FILENAME=" + std::to_string(++number), MakeArchive({{"a", WideBytes("1")}}));
-        EXPECT_EQ(answer ? answer->status : -1, row.status);
-        EXPECT_EQ(StoredRecords(store).size() - before, row.stored);
+        EXPECT_EQ(answer ? answer->status : -1, status);
+        EXPECT_EQ(StoredRecords(store).size() - before, stored);
         const std::vector<Fault> left = Faults(store);
-        EXPECT_EQ(left.empty() ? 0 : left.front().remaining, row.remaining);
+        EXPECT_EQ(left.empty() ? 0 : left.front().remaining, remaining);
         ClearFaults(store, 0, "");
     }
     AddFault(store, {0, "FileCollector", FaultKind::status, 500, 1});
@@ -227,26 +218,25 @@ TEST_F(LabServing, ThePageShowsValuesAndLetsNoMarkupThrough) {
     EXPECT_THAT(page, HasSubstr(Get("/fragment")->body));
 }
 
-TEST_F(LabServing, ThePageShowsSnmpValuesInTheOrderOfTheDevice) {
-    const std::string json =
+TEST_F(LabServing, ThePageShowsEachKindOfRecordInItsOwnTable) {
+    const std::string snmp =
         R"({ "POLICY_NAME": "Net", "STATUS": "FAILURE", ".1.2": {}, ".1.1": { ".1.1.2": "<b>", ".1.1.1": "lo" },)"
         R"( "TYPE": "4", "OID": ".1.1,.1.2,.1.3" })";
-    EXPECT_EQ(Upload(client, goodQuery, MakeArchive({{"a", WideBytes(json)}}))->status, 200);
-    client.Post("/servlets/DataAgentHandlerServlet?agentKey=K1&requestId=1", WideBytes(json), "");
-    const std::string values =
+    const std::string oneObject =
+        R"({ "ERRORMSG": "NO ERROR", "System": [ { "Version": "<6>", "Caption": "Linux" } ] })";
+    const ArchiveFiles records{{"a", WideBytes(snmp)}, {"b", WideBytes(oneObject)}};
+    EXPECT_EQ(Upload(client, goodQuery, MakeArchive(records))->status, 200);
+    client.Post("/servlets/DataAgentHandlerServlet?agentKey=K1&requestId=1", WideBytes(snmp), "");
+    const std::string inTheOrderOfTheDevice =
         "<table><tr><th>OID</th><th>Value</th></tr>\n<tr><td>.1.1.1</td><td>lo</td></tr>\n"
-        "<tr><td>.1.1.2</td><td>&lt;b&gt;</td></tr>\n"
-        "<tr><td>.1.2</td><td class=soft>no value</td></tr>\n"
+        "<tr><td>.1.1.2</td><td>&lt;b&gt;</td></tr>\n<tr><td>.1.2</td><td class=soft>no value</td></tr>\n"
         "<tr><td>.1.3</td><td class=bad>no answer</td></tr>\n</table>\n";
-    EXPECT_THAT(Page(), HasSubstr(values + "</div>\n")) << "the record";
-    EXPECT_THAT(Page(), HasSubstr(values + "</td>")) << "the answer";
-}
-
-TEST_F(LabServing, ThePageShowsTheOneObjectOfAQueryPropertyByProperty) {
-    const std::string json = R"({ "ERRORMSG": "NO ERROR", "System": [ { "Version": "<6>", "Caption": "Linux" } ] })";
-    EXPECT_EQ(Upload(client, goodQuery, MakeArchive({{"a", WideBytes(json)}}))->status, 200);
-    EXPECT_THAT(Page(), HasSubstr("<h3>System</h3><table><tr><th>Property</th><th>Value</th></tr>\n<tr><td>Caption</td>"
-                                  "<td>Linux</td></tr>\n<tr><td>Version</td><td>&lt;6&gt;</td></tr>\n</table>"));
+    for (const std::string& shown :
+         {inTheOrderOfTheDevice + "</div>\n",  // the record
+          inTheOrderOfTheDevice + "</td>",     // the answer
+          "<h3>System</h3><table><tr><th>Property</th><th>Value</th></tr>\n<tr><td>Caption</td><td>Linux</td></tr>\n"
+          "<tr><td>Version</td><td>&lt;6&gt;</td></tr>\n</table>"s})
+        EXPECT_THAT(Page(), HasSubstr(shown));
 }
 
 }  // namespace
