@@ -1,13 +1,19 @@
 #include "platform/posix/http_curl_transfer.h"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <iterator>
 #include <linux/sockios.h>
+#include <netinet/in.h>
 #include <new>
+#include <openssl/err.h>
+#include <openssl/ssl.h>
+#include <span>
 #include <strings.h>
 #include <sys/ioctl.h>
 #include <sys/select.h>
+#include <sys/socket.h>
 
 #include "platform/http.h"
 #include "platform/http_rules.h"
@@ -19,9 +25,12 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 /// Headers of one answer at the most. Servers and proxies keep theirs well below 64 KiB.
-constexpr std::size_t maxHeaderBytes = 256 * 1024;
+constexpr int maxHeaderBytes = 256 * 1024;
 
 constexpr std::chrono::milliseconds longestPoll{1000};
+
+/// An answer that is held back wakes no wait; a refusal among them is looked for this often.
+constexpr std::chrono::milliseconds longestPollWhileHeld{50};
 
 long Milliseconds(std::chrono::milliseconds time) { return static_cast<long>(time.count()); }
 
@@ -36,6 +45,42 @@ std::string_view WithoutBlanks(std::string_view text) {
     const std::size_t start = std::min(text.find_first_not_of(" \t"), text.size());
     text.remove_prefix(start);
     return text.substr(0, text.find_last_not_of(" \t\r\n") + 1);
+}
+
+/// Whether an answer, as far as it has come, ends the sending of the request: one of 300 and above does, and what is
+/// not HTTP. Interim answers are skipped.
+bool EndsSending(std::string_view answer) {
+    constexpr std::string_view protocol = "HTTP/1.";
+    constexpr std::size_t statusAt = std::string_view("HTTP/1.1 ").size();
+    if (!answer.starts_with(protocol.substr(0, answer.size()))) return true;
+    if (answer.size() <= statusAt) return false;
+    if (answer[statusAt] != '1') return answer[statusAt] >= '3';
+    const std::size_t end = answer.find(emptyLine);
+    return end != answer.npos && EndsSending(answer.substr(end + emptyLine.size()));
+}
+
+/// Lets a socket count as one that has something to read from this many bytes on, or when the other side hangs up.
+void SetLowWater(int socket, int bytes) { setsockopt(socket, SOL_SOCKET, SO_RCVLOWAT, &bytes, sizeof bytes); }
+
+int LocalPort(int socket) {
+    sockaddr_storage address{};
+    socklen_t size = sizeof address;
+    if (getsockname(socket, reinterpret_cast<sockaddr*>(&address), &size) != 0) return 0;
+    return ntohs(address.ss_family == AF_INET6 ? reinterpret_cast<const sockaddr_in6&>(address).sin6_port
+                                               : reinterpret_cast<const sockaddr_in&>(address).sin_port);
+}
+
+/// Looks at what a connection has to read and leaves it there; the number of bytes. A failure counts as nothing: the
+/// sending meets it, too.
+std::size_t Peek(int socket, std::span<char> buffer) {
+    const ssize_t count = recv(socket, buffer.data(), buffer.size(), MSG_PEEK | MSG_DONTWAIT);
+    return static_cast<std::size_t>(std::max<ssize_t>(count, 0));
+}
+
+std::size_t Peek(SSL* connection, std::span<char> buffer) {
+    const int count = SSL_peek(connection, buffer.data(), static_cast<int>(buffer.size()));
+    ERR_clear_error();  // libcurl's calls find none but their own
+    return static_cast<std::size_t>(std::max(count, 0));
 }
 
 }  // namespace
@@ -134,10 +179,36 @@ void CurlTransfer::Configure(const CurlTransferSettings& settings) {
     curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, (settings.securityFlags & ignoreUnknownAuthority) ? 0L : 1L);
     curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, (settings.securityFlags & ignoreInvalidCommonName) ? 0L : 2L);
     curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, Milliseconds(settings.connectTimeout));
+    if (settings.bodySize > 0) {
+        curl_easy_setopt(easy, CURLOPT_SOCKOPTFUNCTION, &CurlTransfer::OnSocket);
+        curl_easy_setopt(easy, CURLOPT_SOCKOPTDATA, this);
+        curl_easy_setopt(easy, CURLOPT_PREREQFUNCTION, &CurlTransfer::OnRequest);
+        curl_easy_setopt(easy, CURLOPT_PREREQDATA, this);
+    }
     curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, &CurlTransfer::OnHeader);
     curl_easy_setopt(easy, CURLOPT_HEADERDATA, this);
     curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &CurlTransfer::OnBody);
     curl_easy_setopt(easy, CURLOPT_WRITEDATA, this);
+}
+
+int CurlTransfer::OnSocket(void* self, curl_socket_t socket, curlsocktype) {
+    try {
+        static_cast<CurlTransfer*>(self)->sockets_.push_back(socket);
+        return CURL_SOCKOPT_OK;
+    } catch (const std::bad_alloc&) {
+        return CURL_SOCKOPT_ERROR;
+    }
+}
+
+/// The connection stands and the request is about to go out. To libcurl an answer that is complete ends the sending,
+/// whatever it says: until the body is out, the answer stays in the socket, where libcurl does not see it.
+int CurlTransfer::OnRequest(void* self, char*, char*, int, int ownPort) {
+    auto& transfer = *static_cast<CurlTransfer*>(self);
+    for (const int socket : transfer.sockets_) {
+        if (LocalPort(socket) == ownPort) SetLowWater(socket, maxHeaderBytes);
+    }
+    transfer.answerHeld_ = true;
+    return CURL_PREREQFUNC_OK;
 }
 
 /// libcurl is C: running out of memory must not pass through it. It breaks the transfer off when 0 is returned.
@@ -156,7 +227,7 @@ bool CurlTransfer::TakeHeader(std::string_view line) {
     lastTraffic_ = Clock::now();
     if (headersComplete_) return true;                          // a trailer of a chunked body
     if (rawHeaders_.ends_with(emptyLine)) rawHeaders_.clear();  // of an interim answer or of a tunnel
-    if (rawHeaders_.size() + line.size() > maxHeaderBytes) {
+    if (rawHeaders_.size() + line.size() > std::size_t{maxHeaderBytes}) {
         end_ = error::winHttpHeaderSizeOverflow;
         return false;
     }
@@ -190,7 +261,27 @@ bool CurlTransfer::TakeBody(std::string_view bytes) {
     return true;
 }
 
+/// Lets libcurl see the answer once the body is out, or when the server does not want the rest of it.
+void CurlTransfer::ReadAnswerWhenDue() {
+    if (!answerHeld_ || (!IsBodyOut() && !RefusalHasCome())) return;
+    answerHeld_ = false;
+    SetLowWater(CurrentSocket(), 1);
+    // The end of a pause has libcurl read without a look at the socket: what was peeked at may have left it.
+    curl_easy_pause(easy_.get(), CURLPAUSE_RECV);
+    paused_ = true;
+}
+
+bool CurlTransfer::RefusalHasCome() const {
+    std::array<char, 2048> buffer;
+    const curl_tlssessioninfo* tls = nullptr;
+    curl_easy_getinfo(easy_.get(), CURLINFO_TLS_SSL_PTR, &tls);
+    const bool secure = tls != nullptr && tls->backend == CURLSSLBACKEND_OPENSSL && tls->internals != nullptr;
+    return EndsSending(
+        {buffer.data(), secure ? Peek(static_cast<SSL*>(tls->internals), buffer) : Peek(CurrentSocket(), buffer)});
+}
+
 void CurlTransfer::Perform() {
+    ReadAnswerWhenDue();
     if (paused_) {
         paused_ = false;
         curl_easy_pause(easy_.get(), CURLPAUSE_CONT);  // may deliver a piece at once
@@ -234,15 +325,21 @@ void CurlTransfer::CountForPace(curl_off_t bytes) {
     paceBytes_ = 0;
 }
 
-/// Bytes of the request that the other side has not acknowledged; what they were while they cannot be told.
-curl_off_t CurlTransfer::WaitingInSocket() const {
+/// The connection's socket, or -1 while there is none.
+int CurlTransfer::CurrentSocket() const {
     // CURLINFO_ACTIVESOCKET knows no socket while a transfer runs; a connected transfer waits on one only.
     fd_set toRead{};
     fd_set toWrite{};
     fd_set toFail{};
     int socket = -1;
-    int waiting = 0;
     curl_multi_fdset(multi_.get(), &toRead, &toWrite, &toFail, &socket);
+    return socket;
+}
+
+/// Bytes of the request that the other side has not acknowledged; what they were while they cannot be told.
+curl_off_t CurlTransfer::WaitingInSocket() const {
+    const int socket = CurrentSocket();
+    int waiting = 0;
     return socket >= 0 && ioctl(socket, SIOCOUTQ, &waiting) == 0 ? waiting : waitingInSocket_;
 }
 
@@ -255,7 +352,7 @@ bool CurlTransfer::IsConnected() const {
 bool CurlTransfer::HasReached(Stage stage) const {
     switch (stage) {
         case Stage::send:
-            return headersComplete_ || (IsConnected() && bytesSent_ >= static_cast<curl_off_t>(bodySize_));
+            return (headersComplete_ && status() >= 300) || (IsConnected() && IsBodyOut());
         case Stage::headers:
             return headersComplete_;
         case Stage::body:
@@ -276,13 +373,14 @@ std::chrono::milliseconds CurlTransfer::TimeLeft(Stage stage) const {
 }
 
 /// Lets the transfer go on until a point is reached or it is over. Until the connection stands its own limit holds,
-/// after that those of TimeLeft.
+/// after that those of TimeLeft. A transfer that ends before the point, as with an answer of 200 to half a body, has
+/// lost its connection.
 Error CurlTransfer::Run(Stage stage) {
     lastSent_ = lastTraffic_ = Clock::now();
     while (!HasReached(stage) && !end_) {
         Perform();
         if (HasReached(stage) || end_) break;
-        const auto wait = std::min(longestPoll, TimeLeft(stage));
+        const auto wait = std::min(answerHeld_ ? longestPollWhileHeld : longestPoll, TimeLeft(stage));
         if (wait.count() <= 0) {
             end_ = error::winHttpTimeout;
         } else if (const Error failure = ErrorFromMulti(
@@ -291,7 +389,9 @@ Error CurlTransfer::Run(Stage stage) {
         }
     }
     if (end_ && *end_ != error::success) AcceptTunnelRefusal();
-    return HasReached(stage) ? error::success : end_.value_or(error::success);
+    if (HasReached(stage)) return error::success;
+    const Error end = end_.value_or(error::success);
+    return end == error::success && stage != Stage::body ? error::winHttpConnectionError : end;
 }
 
 /// A tunnel that the proxy refused is a failed transfer for libcurl; here the proxy's answer is the answer.
@@ -307,10 +407,7 @@ void CurlTransfer::AcceptTunnelRefusal() {
 
 Error CurlTransfer::Send() { return Run(Stage::send); }
 
-Error CurlTransfer::ReceiveHeaders() {
-    const Error result = Run(Stage::headers);
-    return result == error::success && !headersComplete_ ? error::winHttpConnectionError : result;
-}
+Error CurlTransfer::ReceiveHeaders() { return Run(Stage::headers); }
 
 Error CurlTransfer::WaitForBody(std::size_t& available) {
     const Error result = Run(Stage::body);

@@ -43,7 +43,8 @@ class CurlTransfer {
     CurlTransfer(const CurlTransfer&) = delete;
     CurlTransfer& operator=(const CurlTransfer&) = delete;
 
-    /// Connects and sends the whole request, or as much of it as the server wants before it answers.
+    /// Connects and sends the whole request. Only an answer of 300 and above ends it early; one that accepts what the
+    /// server has not got yet waits until the body is out.
     Error Send();
 
     /// Waits for the headers of the final answer. A proxy that refuses a tunnel has given the final answer.
@@ -88,14 +89,20 @@ class CurlTransfer {
     bool HasReached(Stage stage) const;
     std::chrono::milliseconds TimeLeft(Stage stage) const;
     void Perform();
+    void ReadAnswerWhenDue();
+    bool RefusalHasCome() const;
     void NoteTraffic();
     void CountForPace(curl_off_t bytes);
+    int CurrentSocket() const;
     curl_off_t WaitingInSocket() const;
+    bool IsBodyOut() const { return bytesSent_ >= static_cast<curl_off_t>(bodySize_); }
     bool IsConnected() const;
     Error EndFrom(CURLcode code) const;
     void AcceptTunnelRefusal();
     bool TakeHeader(std::string_view line);
     bool TakeBody(std::string_view bytes);
+    static int OnSocket(void* self, curl_socket_t socket, curlsocktype purpose);
+    static int OnRequest(void* self, char* peer, char* own, int peerPort, int ownPort);
     static std::size_t OnHeader(char* data, std::size_t size, std::size_t count, void* self);
     static std::size_t OnBody(char* data, std::size_t size, std::size_t count, void* self);
 
@@ -113,6 +120,8 @@ class CurlTransfer {
     std::string piece_;           // of the body, come and not fetched
     std::size_t pieceTaken_ = 0;  // bytes of it that were fetched
     bool paused_ = false;
+    std::vector<int> sockets_;  // that were made for the connection; all but one may be closed
+    bool answerHeld_ = false;   // left in the socket while the body goes out
     std::optional<Error> end_;  // set once the transfer is over: success, or why it broke off
 
     TimePoint lastSent_;              // a byte went out, to the socket or from it

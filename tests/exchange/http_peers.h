@@ -108,6 +108,17 @@ inline RawServer::Handler Says(std::string text, bool holds = false) {
     };
 }
 
+/// Answers before it has read a body, of which it then takes as much as it is told to, and counts it.
+inline RawServer::Handler ReadsOnAfter(std::string answer, std::size_t& got, std::size_t most = SIZE_MAX) {
+    return [answer = std::move(answer), &got, most](Socket connection, const std::string&) {
+        SendText(connection, answer);
+        std::vector<char> buffer(65536);
+        for (std::size_t read = 1; read > 0 && got < most; got += read) {
+            read = ReceiveBytes(connection, buffer.data(), buffer.size());
+        }
+    };
+}
+
 /// "üser:pass", as a proxy gets it.
 inline constexpr char basicCredentials[] = "Basic w7xzZXI6cGFzcw==";
 

@@ -80,6 +80,31 @@ TEST_F(HttpTransport, BodiesOfEverySizeArriveWhole) {
     EXPECT_LT(response->size(), 33'600'000u);
 }
 
+TEST_F(HttpTransport, NoAnswerThatComesEarlyLosesABody) {
+    const std::string body(12'000'000, 'z');  // more than the buffers of two sockets
+    const struct {
+        const char* title;
+        const char* answer;
+        std::size_t reads;  // bytes of the body, at most
+        platform::Error expected;
+    } rows[] = {
+        {"accepts and reads on", "HTTP/1.0 200 OK\r\nContent-Length: 0\r\n\r\n", body.size(), 0},
+        {"the same in chunks", "HTTP/1.1 200 OK\r\nConnection: close\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n",
+         body.size(), 0},
+        {"accepts and closes", "HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Length: 0\r\n\r\n", 70'000, 12030},
+        {"goes on and refuses", "HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 500 No\r\nContent-Length: 0\r\n\r\n",
+         body.size(), 13},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.title);
+        std::size_t got = 0;
+        auto server = std::make_unique<RawServer>(ReadsOnAfter(row.answer, got, row.reads));
+        EXPECT_EQ(Post(server->port, u"/x", body, body.size()), row.expected);
+        server.reset();  // has read what it will
+        EXPECT_TRUE(row.expected != 0 || got == body.size()) << got;
+    }
+}
+
 TEST_F(HttpTransport, FollowsRedirects) {
     TestServer server;
     TestServer other;

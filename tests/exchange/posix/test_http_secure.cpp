@@ -81,6 +81,22 @@ TEST_F(HttpSecure, GoesThroughTheProxyWithItsCredentials) {
     EXPECT_EQ(Get(plain.port, u"/echo"), 0u);
 }
 
+TEST_F(HttpSecure, ARefusalEndsAnUploadEarlyAndNothingElseDoes) {
+    const std::string body(12'000'000, 'z');
+    std::size_t got = 0;
+    {
+        RawServer refuses(ReadsOnAfter("HTTP/1.1 413 Too Large\r\n\r\n", got));
+        EXPECT_EQ(Post(refuses.port, u"/x", body, body.size()), 13u);
+    }
+    EXPECT_LT(got, body.size());
+    TestServer secure(SecureServer());
+    secure.server->Post("/unread", [](const httplib::Request&, httplib::Response&, const httplib::ContentReader&) {});
+    agentState.gv_httpsEnabled = 1;
+    EXPECT_EQ(Post(secure.port, u"/unread", body, body.size()), 12030u);
+    EXPECT_EQ(Post(secure.port, u"/post", body, body.size()), 0u);
+    EXPECT_EQ(secure.value.size(), body.size());
+}
+
 TEST_F(HttpSecure, PeersThatSayNothing) {
     RawServer gone(Says(""));
     EXPECT_EQ(Get(gone.port, u"/x"), 12030u);
