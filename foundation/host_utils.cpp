@@ -1,5 +1,7 @@
 #include "foundation/host_utils.h"
 
+#include <array>
+
 #include "foundation/log.h"
 #include "platform/sockets.h"
 #include "platform/system_facts.h"
@@ -132,7 +134,10 @@ bool GetRemoteHostDetails(std::u16string_view name, OptionalText& outName, Optio
         Log1("Can't Initialize Socket \n");
         return false;
     }
-    const std::string narrowName = platform::Utf8FromWide(name);
+    std::string narrowName = platform::Utf8FromWide(name);
+    std::array<std::uint8_t, 4> address{};
+    // An address ends at a blank, a name does not.
+    if (Sockets().inet_addr(narrowName, address)) narrowName = narrowName.substr(0, narrowName.find(' '));
     platform::HostEntry host;
     if (Sockets().gethostbyaddr(narrowName, host) == error::success) {
         TakeHost(host, outName, outAddress);

@@ -1,5 +1,7 @@
 #include "queryconf/config_reload.h"
 
+#include <algorithm>
+#include <iterator>
 #include <string>
 #include <utility>
 
@@ -25,6 +27,9 @@ namespace error = platform::error;
 
 constexpr std::u16string_view newPlan = u"..\\conf\\download\\queryconf.txt";
 constexpr std::u16string_view refusedPlan = u"..\\conf\\download\\queryconf.txt.refused";
+
+/// What stays in the download directory: new plans, and the list of requests that is being served.
+constexpr std::u16string_view keptDownloads[] = {conf_path::planName, u"queryconf.txt.refused", u"RequestList.txt"};
 
 /// What stands before the relative paths of the configuration: nothing in the bin directory, else the way there.
 std::u16string EnterBinDirectory() {
@@ -57,6 +62,23 @@ void MakeDirectory(const char* caller, std::u16string_view directory) {
         default:
             Log1("\t %s :: %s not created. Error unknown [%d] \n", caller, directory, failure);
     }
+}
+
+/// What an archive brings beside the plan goes at once; nothing else would ever take it away.
+void ClearDownloads(std::u16string_view directory) {
+    int failed = 0, deleted = 0;
+    for (FileSearch search(ConcatStrings(directory, u"*")); search.HasFile(); search.Next()) {
+        const std::u16string& name = search.file.fileName;
+        const auto isName = [&name](std::u16string_view kept) { return CompareIgnoreCase(name, kept) == 0; };
+        if (name == u"." || name == u".." || std::any_of(std::begin(keptDownloads), std::end(keptDownloads), isName))
+            continue;
+        const std::u16string path = ConcatStrings(directory, name);
+        const bool gone = search.file.isDirectory ? DeleteDirectoryRecursively(path) == 1
+                                                  : Files().DeleteFileW(path) == error::success;
+        ++(gone ? deleted : failed);
+    }
+    if (deleted > 0) Log1("\t RequestingConfigDetailstoCS :: %d entries beside the plan are deleted \n", deleted);
+    if (failed > 0) Log1("\t RequestingConfigDetailstoCS :: %d entries of %s cannot be deleted \n", failed, directory);
 }
 
 /// Where the files of one agent's plan stand.
@@ -179,6 +201,7 @@ void RequestingConfigDetailstoCS(const OptionalText& confFileDldURL) {
     UnzipFiles(archive, u"..\\conf\\download");
     if (const Error failure = Files().DeleteFileW(archive))
         Log1("\t RequestingConfigDetailstoCS :: %s cannot be deleted. Error is [%u] \n", archive, failure);
+    ClearDownloads(directory);
 }
 
 void ReloadQueryConfDetails(std::u16string_view agentKey) {

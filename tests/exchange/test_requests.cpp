@@ -17,6 +17,7 @@
 #include "tests/support/test_agent.h"
 #include "tests/support/virtual_clock.h"
 #include "tests/support/wmi_query.h"
+#include "zip/zip_writer.h"
 
 namespace kv::test {
 
@@ -192,6 +193,24 @@ TEST_F(Requests, OneThatFailsCostsNoOtherAndOnlySlavesAreDeleted) {
 /// A variable of a device, by the end of its name behind .1.3.
 std::string Variable(char last, std::uint8_t tag, const char* hex) {
     return Item(0x30, Item(0x06, std::string("\x2b") + last) + Item(tag, FromHex(hex)));
+}
+
+TEST_F(Requests, OfADownloadedArchiveOnlyThePlanStays) {
+    constexpr std::string_view plan = R"({"WorkFlows_S": [{"interval": 5, "recordSetName": []}]})";
+    const ZipHandle zip = CreateZip(u"plan.zip", nullptr);
+    for (const char16_t* name : {u"queryconf.txt", u"other.txt", u"a/deep/er.txt", u"RequestList.txt/x"})
+        AddMemoryToZip(zip, name, plan.data(), plan.size());
+    CloseZip(zip);
+    server.server->Get("/plan.zip", [bytes = Read(bin / "plan.zip")](const httplib::Request&, httplib::Response& got) {
+        got.body = bytes;
+    });
+    Write(conf / "download" / "queryconf.txt.refused", "an earlier one");
+    SetRequestAvailable(u"YES");
+    RunRound(R"({"RequestList": [{"REQUEST_TYPE": "DOWNLOAD_QUERYCONF", "AGENT_REQUEST_ID": "1", "AGENT_KEY": "S",
+        "DOWNLOAD_URL": "/plan.zip"}]})");
+    EXPECT_EQ(Read(conf / "slaves" / "S" / "queryconf.txt"), plan);
+    EXPECT_EQ(FilesIn(conf / "download"), Names{"queryconf.txt.refused"});
+    EXPECT_EQ(CountInRound("2 entries beside the plan are deleted"), 1);
 }
 
 TEST_F(Requests, SnmpValuesGoToTheServer) {

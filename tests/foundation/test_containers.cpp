@@ -151,6 +151,34 @@ TEST_F(Containers, ManyKeysAreKeptLikeFew) {
     EXPECT_THAT(KeysOf(other.get()), ElementsAre(u"new"));
 }
 
+TEST_F(Containers, TablesAreSortedByTheirOrder) {
+    const VectorPtr list = MakeVector();
+    for (const int order : {3, -1, 2, 1}) {
+        HashTablePtr row = MakeHashTable();
+        PutHashValue(row.get(), u"order", static_cast<std::uint32_t>(order), ValueType::integer);
+        AddElement(list.get(), NewElement(reinterpret_cast<Word>(row.release()), ValueType::table));
+    }
+    SortVectorByOrder(list.get());
+    std::vector<std::int32_t> sorted;
+    for (const Word row : ValuesOf(list.get()))
+        sorted.push_back(static_cast<std::int32_t>(GetHashValue(reinterpret_cast<HashTable*>(row), u"order")));
+    EXPECT_THAT(sorted, ElementsAre(-1, 1, 2, 3));
+}
+
+TEST_F(Containers, SeveralBucketsAreKeptLikeOne) {
+    auto *table = new HashTable{}, *one = new HashTable{};
+    EXPECT_EQ(InitHashTable(table, 37) + InitHashTable(one, 0), 2);
+    EXPECT_EQ(one->size, 1);
+    EXPECT_EQ(HashOfKey(table, u"az"), (97 % 37 * 26 + 122) % 37);
+    for (const char16_t* key : {u"a", u"az", u"b"}) PutHashText(table, key, key);
+    EXPECT_EQ(CountHashKeys(table) + CountHashKeys(one), 3);
+    EXPECT_EQ(GetHashText(table, u"az"), std::u16string(u"az"));
+    EXPECT_EQ(MergeHashTable(table, one) + MergeHashTable(nullptr, one) + MergeHashTable(table, nullptr), 1);
+    FreeHashTable(table);
+    EXPECT_EQ(CountHashKeys(one), 3);
+    FreeHashTable(one);
+}
+
 TEST_F(Containers, FreeAllTakesTheWholeTree) {
     const HashTablePtr table = MakeHashTable();
     VectorPtr list = MakeVector();

@@ -13,6 +13,28 @@ namespace fs = std::filesystem;
 namespace error = platform::error;
 using FileHelpers = test::TestAgent;
 
+TEST_F(FileHelpers, LookAtFilesAndDeleteTrees) {
+    Write(bin / "tree" / "sub" / "a.zip", "");
+    Write(bin / "tree" / "b.ZIP", "");
+    EXPECT_EQ(GetZipFileCount(u"tree\\*"), 1);
+    EXPECT_EQ(GetZipFileCount(u"none\\*"), 0);
+    EXPECT_TRUE(CheckFileExists(u"tree\\sub\\?.z*"));
+    EXPECT_FALSE(CheckFileExists(u"tree\\none"));
+    EXPECT_TRUE(IsDirectory(u"tree") && !IsDirectory(u"tree\\b.ZIP"));
+    EXPECT_EQ(fileExists(u"tree") + fileExists(u"tree\\none"), 0);
+    EXPECT_TRUE(MayExist(u"tree") && !MayExist(u"tree\\none") && !MayExist(u"none\\a"));
+    {
+        const platform::ScopedOperations scoped(Failing(&platform::FileOperations::DeleteFileW, error::accessDenied));
+        EXPECT_EQ(DeleteDirectoryRecursively(u"tree"), 0);
+    }
+    EXPECT_EQ(DeleteDirectoryRecursively(u"tree"), 1);
+    EXPECT_EQ(DeleteDirectoryRecursively(u"tree"), 1) << "there is nothing to delete";
+    EXPECT_FALSE(fs::exists(bin / "tree"));
+    for (const char16_t* name : {u"", u".", u"..", u"...", u"a.", u"a ", u"a/b", u"a\\b", u"a:b", u"a*", u"a\x1f"})
+        EXPECT_FALSE(IsPlainFileName(name));
+    EXPECT_TRUE(IsPlainFileName(u".a b.c"));
+}
+
 TEST_F(FileHelpers, WritesAFileCompletelyOrNotAtAll) {
     using platform::FileOperations;
     void (*const faults[])(FileOperations&) = {
@@ -39,6 +61,8 @@ TEST_F(FileHelpers, WritesAFileCompletelyOrNotAtAll) {
     std::string content = "before";
     ASSERT_EQ(ReadWholeFile(u"record.txt", content), error::success);
     EXPECT_TRUE(TextFromUtf16LittleEndian(content + "x") == text) << "an odd last byte is dropped";
+    EXPECT_EQ(ReadWholeFile(u"record.txt", content, bytes.size()), error::success);
+    EXPECT_EQ(ReadWholeFile(u"record.txt", content, bytes.size() - 1), error::moreData);
     EXPECT_EQ(ReadWholeFile(u"missing.txt", content), error::fileNotFound);
     EXPECT_TRUE(content.empty());
 }

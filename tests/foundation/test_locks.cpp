@@ -5,12 +5,15 @@
 
 #include "foundation/published_text.h"
 #include "foundation/resource_lock.h"
+#include "foundation/thread_pool.h"
 #include "tests/support/test_agent.h"
+#include "tests/support/virtual_clock.h"
 
 namespace kv {
 namespace {
 
 using Locks = test::TestAgent;
+using test::VirtualClock;
 
 TEST_F(Locks, KeysLockIndependentlyAndHaveNoOwner) {
     int one = 0;
@@ -28,6 +31,48 @@ TEST_F(Locks, KeysLockIndependentlyAndHaveNoOwner) {
     UnsynchronizeResource_MSP(&other);
     EXPECT_EQ(TimedSynchronizeResource_MSP(&other, 1), -1);
     UnsynchronizeResource_MSP(&other);
+}
+
+TEST_F(Locks, APurgeTakesWhatIsOlderThanFiveMinutes) {
+    VirtualClock clock;
+    int one = 0, other = 0;
+    SynchronizeResource_MSP(&one);
+    clock.advanceMilliseconds(1000);
+    SynchronizeResource_MSP(&other);
+    clock.advanceMilliseconds(300'000);
+    CleanResourceLockTable_MSP();
+    EXPECT_EQ(IsResourceLocked_MSP(&one), 2);
+    EXPECT_EQ(IsResourceLocked_MSP(&other), 1);
+    UnsynchronizeResource_MSP(&other);
+    while (NextLockBackoff() != 80) continue;
+    EXPECT_EQ(NextLockBackoff(), 90);
+    EXPECT_EQ(NextLockBackoff(), 10);
+    SleepMicroseconds(1999);
+    EXPECT_EQ(clock.nowMilliseconds(), VirtualClock::startMilliseconds + 301'001);
+}
+
+TEST_F(Locks, APooledThreadIsUsedAgainOnceItIsIdle) {
+    static std::atomic<int> rounds;
+    rounds = 0;
+    auto* const pool = new ThreadInfo[2];  // its thread may look at it until the process ends
+    int index = 7;
+    InitThreadInfo_MSP(pool);
+    EXPECT_EQ(CheckThreadPool_MSP(pool, 0, &index, 1), poolStart);
+    pool[1].handle = CreateNewThread_MSP(
+        [](void* info) {
+            for (; rounds < 3; ++rounds) SuspendSelf_MSP(static_cast<ThreadInfo*>(info));
+            return 0U;
+        },
+        &pool[1]);
+    for (int round = 1; round <= 3; ++round) {
+        while (CheckThreadPool_MSP(pool, 2, &index, 2) != poolReuse) std::this_thread::yield();
+        EXPECT_EQ(index, 1);
+        ResumeThreadInfo_MSP(&pool[index]);
+        while (rounds < round) std::this_thread::yield();
+    }
+    EXPECT_EQ(pool[1].state, PooledThreadState::busy);
+    EXPECT_EQ(CheckThreadPool_MSP(pool, 2, &index, 2), poolFull);
+    EXPECT_EQ(CheckThreadPool_MSP(pool, 2, &index, 3), poolStart);
 }
 
 TEST_F(Locks, ALockKeepsThreadsApart) {

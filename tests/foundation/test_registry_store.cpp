@@ -63,6 +63,60 @@ TEST_F(RegistryStore, TextsWhateverTheirTerminator) {
     EXPECT_EQ(text, u"key \u00fc");
 }
 
+TEST_F(RegistryStore, ATextThatGrowsBetweenTheTwoQuestionsIsAskedForAgain) {
+    ASSERT_EQ(SetBytes(u"A", u"v", RawText(u"a", 2), RegistryType::text), error::success);
+    platform::RegistryOperations registry = platform::Registry();
+    registry.RegQueryValueExW = [next = registry.RegQueryValueExW](auto key, auto name, auto* type, std::byte* out,
+                                                                   std::size_t& size) {
+        const platform::Error result = next(key, name, type, out, size);
+        if (!out && size < 100) SetBytes(u"A", u"v", RawText(std::u16string(60, u'b'), 2), RegistryType::text);
+        return result;
+    };
+    const platform::ScopedOperations scoped(registry);
+    OptionalText text;
+    EXPECT_EQ(ReadRegSZ(root, u"A", u"v", text), error::success);
+    EXPECT_EQ(text, std::u16string(60, u'b'));
+    EXPECT_EQ(ReadRegSZ(root, u"None", u"v", text), error::fileNotFound);
+    EXPECT_EQ(text, std::nullopt);
+    EXPECT_TRUE(Logged("ReadRegSZ: Error while opening registry key for serverName 2 \n"));
+    registry.RegQueryValueExW = [](auto, auto, auto, std::byte* out, std::size_t& size) {
+        return size = 2, out ? error::accessDenied : error::success;
+    };
+    const platform::ScopedOperations denied(registry);
+    EXPECT_EQ(ReadRegSZ(root, u"A", u"v", text), error::accessDenied);
+    EXPECT_TRUE(Logged("ReadRegSZ: Error while reading DWORD value! 5 \n"));
+}
+
+TEST_F(RegistryStore, NumbersHaveTheirFallbacks) {
+    const struct {
+        platform::Error (*get)(std::uint32_t&);
+        std::u16string_view key, name;
+        std::uint32_t fallback;
+        const char* logged = "";
+    } rows[] = {
+        {GetAgentLogLevel, agentKeyPath, u"AgentLogLevel", 1},
+        {GetLoggerMaxSize, agentKeyPath, u"LoggerMaxSize", 1000000},
+        {GetLoggerMaxFiles, agentKeyPath, u"LoggerMaxFiles", 10},
+        {GetMALastCreatedJSONNum, monitoringKeyPath, u"MALastCreatedJSONNum", 1},
+        {GetMALastCreatedZIPNum, monitoringKeyPath, u"MALastCreatedZIPNum", 1},
+        {GetConfigInterval, monitoringKeyPath, u"configInterval", 30, "ConfigInterval"},
+        {GetWriteInterval, monitoringKeyPath, u"writeInterval", 300, "WriteInterval"},
+        {GetMaxFilesInDir, monitoringKeyPath, u"MaxFilesInDir", 1500, "MaxFilesInDir"},
+        {GetMaxFilestobeSend, monitoringKeyPath, u"MaxFilestobeSend", 1, "MaxFilestobeSend"},
+        {GetSysInfoInterval, monitoringKeyPath, u"SysInfoInterval", 55, "SysInfoInterval"},
+        {GetDataCollectionTimeout, monitoringKeyPath, u"DataCollectionTimeout", 360, "DataCollectionTimeout"},
+    };
+    for (const auto& row : rows) {
+        std::uint32_t number = 77;
+        EXPECT_EQ(row.get(number), error::success);
+        EXPECT_EQ(number, row.fallback) << row.logged;
+        EXPECT_EQ(Logged(std::string("\t Get") + row.logged + " :: Not able to fetch the " + row.logged + ".\n"),
+                  *row.logged != '\0');
+        EXPECT_EQ(writeValue(root, row.key, row.name, u"4", RegistryType::dword), error::success);
+        EXPECT_EQ(row.get(number) + number, 4U);
+    }
+}
+
 TEST_F(RegistryStore, WhatIsMissingClearsATextAndKeepsANumber) {
     ASSERT_EQ(SetBytes(u"A", u"text", RawText(u"a long text", 2), RegistryType::text), error::success);
     ASSERT_EQ(SetBytes(u"A", u"short", "\x05", RegistryType::binary), error::success);

@@ -1,11 +1,15 @@
 // Text, time and Base64: pure helpers, driven by tables.
 #include <gtest/gtest.h>
 #include <string>
+#include <utility>
 
+#include "foundation/host_utils.h"
 #include "foundation/proxy_password.h"
+#include "foundation/system_error.h"
 #include "foundation/text.h"
 #include "foundation/time_utils.h"
 #include "platform/backend.h"
+#include "platform/system_facts.h"
 #include "tests/support/virtual_clock.h"
 
 namespace kv {
@@ -23,6 +27,101 @@ TEST(Time, PrintsTheClock) {
     clock.advanceMilliseconds(61500);
     EXPECT_EQ(GetUpTimeSeconds(0), 61);
     EXPECT_EQ(GetUpTimeSeconds(1), 6100);
+}
+
+TEST(Text, HelpersAnswerAtTheEdges) {
+    OptionalText copy;
+    EXPECT_EQ(AllocateAndDoStrcpy(copy, ConcatStrings(u"a", u"b")), 1);
+    EXPECT_EQ(copy, u"ab");
+    EXPECT_EQ(SubString(u"aBab", u"ab"), 2U);
+    EXPECT_EQ(SubString(u"ab", u"abc"), std::u16string::npos);
+    EXPECT_EQ(FindChar(u"ab", u'b'), 1U);
+    EXPECT_EQ(CountChar(u"aaba", 3, u'a'), 2);
+    EXPECT_EQ(ReplaceChar(*copy, u'a', u'b'), u"bb");
+    EXPECT_EQ(ChangeUtf8ToWideStr(nullptr, *copy) + ChangeUtf8ToWideStr("\xC3", *copy), 0);
+    EXPECT_EQ(copy, u"bb");
+    EXPECT_EQ(ChangeUtf8ToWideStr("\xC3\xA4", *copy), 1);
+    std::string narrow;
+    EXPECT_TRUE(ChangeWideToUtf8Str(*copy, narrow));
+    EXPECT_FALSE(ChangeWideToUtf8Str(u"\xD800", narrow));
+    EXPECT_EQ(narrow, "\xC3\xA4");
+    const std::pair<const char16_t*, std::int32_t> numbers[] = {
+        {u"-12", -12}, {u"12a", -1}, {u"+7", 7}, {u"", 0}, {u"9999999999", INT32_MAX}, {u"-9999999999", INT32_MIN}};
+    for (const auto& [text, number] : numbers) EXPECT_EQ(ParseDecimal(text), number);
+    EXPECT_EQ(CompareIgnoreCase(u"ABC", u"abc"), 0);
+    EXPECT_EQ(CompareIgnoreCase(u"aB", u"Ac"), u'b' - u'c');
+    EXPECT_EQ(CompareIgnoreCase(u"Z", u"["), u'z' - u'[') << "folded to lower case";
+    EXPECT_LT(CompareIgnoreCase(std::nullopt, u""), 0);
+    EXPECT_EQ(CompareIgnoreCase(std::nullopt, std::nullopt), 0);
+    EXPECT_STREQ(FormatTwoDigits(1907), "07");
+}
+
+TEST(SystemNames, FollowFamilyAndVersion) {
+    using enum platform::SystemFamily;
+    const struct {
+        platform::SystemFamily family;
+        std::uint32_t major, minor;
+        bool isWorkstation, isAmd64;
+        const char16_t* servicePack;
+        const char16_t* name;
+    } rows[] = {
+        {nt, 6, 1, true, false, u"", u"Windows 7"},
+        {nt, 6, 1, false, true, u"", u"Windows 2008 R2"},
+        {nt, 6, 0, true, true, u"", u"Windows Vista"},
+        {nt, 6, 0, false, false, u"", u"Windows 2008"},
+        {nt, 5, 2, true, true, u"", u"Windows XP"},
+        {nt, 5, 2, true, false, u"", u"Windows 2003"},
+        {nt, 5, 2, false, true, u"", u"Windows 2003"},
+        {nt, 5, 1, true, false, u"", u"Windows XP"},
+        {nt, 5, 0, true, false, u"", u"Windows 2000"},
+        {nt, 4, 0, true, false, u"", u"Windows NT"},
+        {win9x, 4, 0, true, false, u"", u"Windows 95"},
+        {win9x, 4, 10, true, false, u" A", u"Windows 98 SE"},
+        {win9x, 4, 10, true, false, u"", u"Windows 98"},
+        {win9x, 4, 90, true, false, u"", u"Windows Millennium Edition\n"},
+        {win32s, 3, 10, true, false, u"", u"Win32s\n"},
+        {nt, 10, 0, true, true, u"", u"its own name"},
+    };
+    for (const auto& row : rows) {
+        platform::SystemFactOperations facts;
+        facts.GetVersionExW = [&row](platform::SystemVersion& version) {
+            version = {row.family,        row.major,   row.minor,      row.servicePack,
+                       row.isWorkstation, row.isAmd64, u"its own name"};
+            return platform::error::success;
+        };
+        const platform::ScopedOperations scoped(facts);
+        EXPECT_EQ(GetOSName(), row.name);
+    }
+}
+
+TEST(Hosts, AnAddressEndsAtABlank) {
+    platform::InstallBackend();
+    OptionalText name, address;
+    EXPECT_TRUE(GetRemoteHostDetails(u"127.0.0.1 ", name, address));
+    EXPECT_EQ(address, u"127.0.0.1");
+}
+
+TEST(SystemErrors, HaveTheTextsThatTheSystemLacks) {
+    const std::pair<platform::Error, const char16_t*> rows[] = {
+        {17021, u"OfficeUpdateError: Creating temp folder."},
+        {17023, u"OfficeUpdateError: User cancelled installation."},
+        {17024, u"OfficeUpdateError: Creating folder failed."},
+        {17025, u"OfficeUpdateError: Patch already installed."},
+        {17026, u"OfficeUpdateError: Patch already installed to admin installation."},
+        {17027, u"OfficeUpdateError: Installation source requires full file update."},
+        {17028, u"OfficeUpdateError: No product installed for contained patch."},
+        {17029, u"OfficeUpdateError: Patch failed to install."},
+        {17030, u"OfficeUpdateError: Invalid CIF format."},
+        {17031, u"OfficeUpdateError: Invalid baseline."},
+        {17034, u"OfficeUpdateError: Required patch does not apply to the machine."},
+        {17301, u"OfficeUpdateError: General Detection error"},
+        {17302, u"OfficeUpdateError: Applying patch."},
+        {17303, u"OfficeUpdateError: Extracting file."},
+        {17022, u"Unknown Error. Code : 17022"},
+        {0xFFFFFFFF, u"Unknown Error. Code : -1"},
+    };
+    platform::InstallBackend();
+    for (const auto& [code, text] : rows) EXPECT_EQ(LogSystemError(code), text);
 }
 
 TEST(Base64, DecodesAndRefuses) {
