@@ -64,6 +64,20 @@ void MakeDirectory(const char* caller, std::u16string_view directory) {
     }
 }
 
+/// What an archive takes once it is unpacked, in bytes; 0 for one that cannot be opened, of which UnzipFiles tells.
+std::uint64_t UnpackedSize(std::u16string_view archive) {
+    constexpr std::uint64_t blockSize = 4096;  // of the disk; each item takes one more for itself
+    const ZipHandle zip = OpenZip(archive, nullptr);
+    if (!zip) return 0;
+    ZipItem item;
+    GetZipItem(zip, -1, item);
+    std::uint64_t size = 0;
+    for (std::int32_t index = 0, count = item.index; index < count; ++index)
+        if (GetZipItem(zip, index, item) == zip_result::ok) size += item.uncompressedSize + blockSize;
+    CloseUnzip(zip);
+    return std::min(size, maxUnpackedBytes);
+}
+
 /// What an archive brings beside the plan goes at once; nothing else would ever take it away.
 void ClearDownloads(std::u16string_view directory) {
     int failed = 0, deleted = 0;
@@ -198,7 +212,8 @@ void RequestingConfigDetailstoCS(const OptionalText& confFileDldURL) {
     }
     Log1("\t RequestingConfigDetailstoCS :: Download Zip file is successful \n");
     ClearDirectoryFromPath(newPlan);
-    UnzipFiles(archive, u"..\\conf\\download");
+    if (HasRoomFor(directory, UnpackedSize(archive), archive, "The plan in use stays until a new one is sent again"))
+        UnzipFiles(archive, u"..\\conf\\download");
     if (const Error failure = Files().DeleteFileW(archive))
         Log1("\t RequestingConfigDetailstoCS :: %s cannot be deleted. Error is [%u] \n", archive, failure);
     ClearDownloads(directory);

@@ -21,7 +21,8 @@ std::u16string SlaveDirectoryName(std::u16string_view key);
 
 /// Makes the backup and download directories, then downloads the archive at the URL from the server and unpacks it into
 /// the download directory, from which everything but plans and the list of requests is deleted then. None downloads
-/// nothing. A failed download is logged and leaves things as they are.
+/// nothing. A failed download is logged and leaves things as they are, and so does an archive for which the disk has no
+/// room.
 void RequestingConfigDetailstoCS(const OptionalText& confFileDldURL);
 
 /// Installs the downloaded plan, if there is one, as that of an agent (gv_agentKey in any case: this agent's own, else

@@ -205,9 +205,16 @@ TEST_F(Requests, OfADownloadedArchiveOnlyThePlanStays) {
         got.body = bytes;
     });
     Write(conf / "download" / "queryconf.txt.refused", "an earlier one");
-    SetRequestAvailable(u"YES");
-    RunRound(R"({"RequestList": [{"REQUEST_TYPE": "DOWNLOAD_QUERYCONF", "AGENT_REQUEST_ID": "1", "AGENT_KEY": "S",
-        "DOWNLOAD_URL": "/plan.zip"}]})");
+    for (const bool isFull : {true, false}) {
+        platform::FileOperations files = platform::Files();
+        if (isFull) files.GetDiskFreeSpaceExW = [](auto, auto& bytes) { return bytes = 500, platform::error::success; };
+        const platform::ScopedOperations scoped(files);
+        SetRequestAvailable(u"YES");
+        RunRound(R"({"RequestList": [{"REQUEST_TYPE": "DOWNLOAD_QUERYCONF", "AGENT_REQUEST_ID": "1", "AGENT_KEY": "S",
+            "DOWNLOAD_URL": "/plan.zip"}]})");
+        EXPECT_EQ(CountInRound("[500] are free"), isFull);
+        EXPECT_EQ(std::filesystem::exists(conf / "slaves" / "S"), !isFull);
+    }
     EXPECT_EQ(Read(conf / "slaves" / "S" / "queryconf.txt"), plan);
     EXPECT_EQ(FilesIn(conf / "download"), Names{"queryconf.txt.refused"});
     EXPECT_EQ(CountInRound("2 entries beside the plan are deleted"), 1);
