@@ -113,7 +113,7 @@ TEST_F(Kvreg, AnImportIsCarriedOutWholeOrRefused) {
 TEST_F(Kvreg, WatchTellsOfEachChangeForAsLongAsSomebodyReads) {
     const fs::path told = folder / "told";
     const auto tellsUntil = [&told](const char* text, auto&& meanwhile) {
-        for (int tries = 0; tries < 400 && Read(told).find(text) == std::string::npos; ++tries) {
+        for (int tries = 0; tries < 1000 && Read(told).find(text) == std::string::npos; ++tries) {
             meanwhile();
             std::this_thread::sleep_for(std::chrono::milliseconds(50));
         }

@@ -32,7 +32,7 @@ std::string Printed(const RegFile& file) {
 TEST(RegFile, WhatIsReadIsWrittenAgain) {
     const std::tuple<const char*, std::string, std::string> rows[] = {
         {"default value", R"(@="data")", ""},
-        {"escapes", R"("a\\b\"c"="d:\\e \"f\"")", ""},
+        {"escapes and a tab", "\"a\\\\b\\\"c\"=\"d:\\\\e \\\"f\\\"\tg\"", ""},
         {"text over two lines", "\"a\"=\"b\nc\"", R"("a"=hex(1):62,00,0a,00,63,00,00,00)"},
         {"text of no bytes", R"("a"=hex(1):)", ""},
         {"text with half a terminator", R"("a"=hex(1):41,00,00)", R"("a"="A")"},
@@ -68,6 +68,7 @@ TEST(RegFile, MalformedFilesAreRefusedWithTheirLine) {
     const std::tuple<const char*, std::string, std::size_t, const char*> rows[] = {
         {"no line of the format", header + key + "what?\n", 3, "a line must be"},
         {"value under a deleted key", header + "[-HKLM\\K]\n\"a\"=\"b\"\n", 3, "to be deleted"},
+        {"deletion of the root", header + "[-HKLM]\n", 2, "the root itself"},
         {"another root", header + "\n\n[HKEY_CURRENT_USER\\Software]\n", 4, "not 'HKEY_CURRENT_USER'"},
         {"open quote", header + key + "\"a\"=\"b\n\"c\"=\"d\"\n", 4, "after the data"},
         {"open quote to the end", header + key + "\r\n\"a\"=\"b\n\n", 4, "closing quote"},

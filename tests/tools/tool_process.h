@@ -18,7 +18,7 @@ class ToolProcess {
     ToolProcess& operator=(const ToolProcess&) = delete;
     ~ToolProcess();
 
-    /// Waits for its end; -1 when it did not come to one of its own within 20 seconds.
+    /// Waits for its end; -1 when it did not come to one of its own within a minute.
     int ExitCode();
 
   private:

@@ -32,7 +32,7 @@ ToolProcess::ToolProcess(std::vector<std::string> words, const std::filesystem::
     arguments.push_back(nullptr);
     process_ = fork();
     if (process_ != 0) return;
-    alarm(20);
+    alarm(60);
     if (dup2(output.empty() ? DeadPipe() : NewFile(output), STDOUT_FILENO) >= 0 &&
         dup2(NewFile(errors), STDERR_FILENO) >= 0)
         execv(arguments[0], arguments.data());

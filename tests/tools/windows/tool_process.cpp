@@ -64,7 +64,7 @@ ToolProcess::~ToolProcess() {
 int ToolProcess::ExitCode() {
     DWORD code = 0;
     const HANDLE process = reinterpret_cast<HANDLE>(process_);
-    const bool ended = ::WaitForSingleObject(process, 20'000) == WAIT_OBJECT_0 && ::GetExitCodeProcess(process, &code);
+    const bool ended = ::WaitForSingleObject(process, 60'000) == WAIT_OBJECT_0 && ::GetExitCodeProcess(process, &code);
     return ended ? static_cast<int>(code) : -1;
 }
 

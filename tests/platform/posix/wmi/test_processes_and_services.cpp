@@ -197,7 +197,7 @@ TEST(WmiServices, AManagerThatFallsSilentIsNotWaitedFor) {
         gathering.notice = [&](const std::string&) { ++notices; };
         const auto start = std::chrono::steady_clock::now();
         EXPECT_EQ(GatherServices(gathering, std::chrono::milliseconds(100)), status) << title;
-        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2)) << title;
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10)) << title;
         EXPECT_EQ(found, rowCount) << title;
         EXPECT_EQ(notices, noticeCount) << title;
     }

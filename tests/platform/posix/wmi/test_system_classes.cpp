@@ -533,7 +533,7 @@ TEST_F(WmiThisMachine, TimesAreThoseOfTheClock) {
         EXPECT_LT(part("Milliseconds"), 1000) << className;
         return found;
     };
-    constexpr double tolerance = 2;
+    constexpr double tolerance = 10;  // a zone that is wrong is so by minutes
     const auto now = static_cast<double>(std::time(nullptr));
     EXPECT_NEAR(static_cast<double>(moment("Win32_LocalTime", std::mktime)), now, tolerance);
     EXPECT_NEAR(static_cast<double>(moment("Win32_UTCTime", timegm)), now, tolerance);
