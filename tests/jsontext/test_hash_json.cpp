@@ -100,7 +100,7 @@ TEST_F(Json, RefusesInTheParsersWords) {
              {u"{\"a\":1 \"b\":2}", "object value separator ',' expected at offset 7 (line 1)"},
              {u"{\"a\":\"\\u20ac\\u00g0\"}", "invalid string sequence at offset 16 (line 1)"},
              {u"[1]", "the top level is no object"},
-             {huge + u"}}", "an object has more than 10000 members"},
+             {huge.substr(0, huge.size() - 1) + u"}}", "an object has more than 10000 members"},
              {huge, "an object has more than 10000 members"},  // before the parser sees any of it
              {repeated(u"{}", 249'999), "the document has too many values for the memory"},
              {repeated(u",", 1'200'001), "the document has too many values for the memory"},
