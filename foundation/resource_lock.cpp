@@ -9,7 +9,7 @@
 #include "platform/threads.h"
 
 // The routines that the log rotation goes through write no "Inside" line: a line may start a rotation, which would come
-// back here for ever.
+// back here forever.
 namespace kv {
 
 namespace {

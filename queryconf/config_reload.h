@@ -1,6 +1,6 @@
 // A new plan from the server: fetched and unpacked into "..\conf\download\", put in the place of the plan in use, which
 // becomes the backup, and scheduled. Everything here runs on the thread that serves requests, while the timer thread
-// goes on collecting by the old plan until the schedule is built anew.
+// goes on collecting by the old plan until the schedule is built again.
 #pragma once
 
 #include <string_view>
@@ -35,7 +35,7 @@ void RequestingConfigDetailstoCS(const OptionalText& confFileDldURL);
 /// for.
 void ReloadQueryConfDetails(std::u16string_view agentKey);
 
-/// Builds gv_sortVec and all timers anew, after the collection in progress has ended: every workflow runs at once.
+/// Builds gv_sortVec and all timers again, after the collection in progress has ended: every workflow runs at once.
 void ReloadAndScheduleQueryData();
 
 }  // namespace kv

@@ -20,7 +20,7 @@ struct TimerInterval {
     std::int32_t* endTime = nullptr;  // always none
     std::uint32_t interval = 0;       // in units
     TimerUnit unit = TimerUnit::seconds;
-    std::int32_t repeatCount = -1;  // -1 for ever, 1 this run is the last, more counts down
+    std::int32_t repeatCount = -1;  // -1 forever, 1 this run is the last, more counts down
 };
 
 struct TimerSchedule {
@@ -74,7 +74,7 @@ void CreateTimer(std::u16string_view name, std::int16_t priority);
 
 void StartTimerThread();
 
-/// The thread's body: a pass, a second's sleep, for ever.
+/// The thread's body: a pass, a second's sleep, forever.
 std::uint32_t TimerThread(void* ignored);
 
 /// Adds a job; none means "DEFAULT", an id of 0 asks for a new one. Its id, or 0 when no timer has that name or memory
