@@ -10,7 +10,7 @@ namespace kv {
 namespace {
 
 constexpr std::size_t bufferSize = 65536;
-constexpr std::size_t roomForEntry = bufferSize / 2;
+constexpr std::size_t roomForEntry = bufferSize / 2;  // what is free for a new one at least
 
 ZipResult WriteResult(platform::Error error) {
     if (error == platform::error::success) return zip_result::ok;
@@ -21,9 +21,8 @@ ZipResult WriteResult(platform::Error error) {
 }  // namespace
 
 ZipResult FlushOutput(ArchiveOutput& output) {
-    if (output.used == 0) return zip_result::ok;
-    const ZipResult result =
-        WriteResult(platform::Files().WriteFile(output.file.handle, output.buffer.data(), output.used));
+    if (output.used == 0 || output.isMemory()) return zip_result::ok;
+    const ZipResult result = WriteResult(platform::Files().WriteFile(output.file, output.buffer.data(), output.used));
     if (result != zip_result::ok) return result;
     output.written += output.used;
     output.used = 0;
@@ -32,26 +31,34 @@ ZipResult FlushOutput(ArchiveOutput& output) {
 
 ZipResult FlushToDisk(ArchiveOutput& output) {
     if (const ZipResult result = FlushOutput(output); result != zip_result::ok) return result;
-    return WriteResult(platform::Files().FlushFileBuffers(output.file.handle));
+    if (output.ownFile.handle == 0) return zip_result::ok;
+    return WriteResult(platform::Files().FlushFileBuffers(output.file));
 }
 
 ZipResult MakeRoomForEntry(ArchiveOutput& output) {
-    return output.used > bufferSize - roomForEntry ? FlushOutput(output) : zip_result::ok;
+    return output.used > roomForEntry ? FlushOutput(output) : zip_result::ok;
 }
 
 ZipResult FreeSpace(ArchiveOutput& output, std::span<std::uint8_t>& space) {
-    if (output.buffer.empty()) output.buffer.resize(bufferSize);
-    if (output.used == bufferSize) {
+    if (output.buffer.empty() && !output.isMemory()) {
+        output.owned = std::make_unique<std::uint8_t[]>(bufferSize);
+        output.buffer = {output.owned.get(), bufferSize};
+    }
+    if (output.used == output.buffer.size()) {
+        if (output.isMemory()) return zip_result::memoryTooSmall;
         if (const ZipResult result = FlushOutput(output); result != zip_result::ok) return result;
     }
     const std::uint64_t limit = maxArchiveSize - std::min(maxArchiveSize, output.position());
     if (limit == 0) return zip_result::writeFailed;
-    const std::size_t size = bufferSize - output.used;
-    space = std::span(output.buffer).subspan(output.used, std::min<std::uint64_t>(size, limit));
+    space = output.buffer.subspan(output.used);
+    space = space.first(static_cast<std::size_t>(std::min<std::uint64_t>(space.size(), limit)));
     return zip_result::ok;
 }
 
-void CommitSpace(ArchiveOutput& output, std::size_t size) { output.used += size; }
+void CommitSpace(ArchiveOutput& output, std::size_t size) {
+    if (output.cipher) Encrypt(*output.cipher, output.buffer.subspan(output.used, size));
+    output.used += size;
+}
 
 ZipResult Append(ArchiveOutput& output, std::span<const std::uint8_t> bytes) {
     while (!bytes.empty()) {
@@ -73,9 +80,9 @@ ZipResult Rewrite(ArchiveOutput& output, std::uint64_t offset, std::span<const s
     }
     if (const ZipResult result = FlushOutput(output); result != zip_result::ok) return result;
     const platform::FileOperations& files = platform::Files();
-    platform::Error error = files.SetFilePointerEx(output.file.handle, offset);
-    if (error == platform::error::success) error = files.WriteFile(output.file.handle, bytes.data(), bytes.size());
-    if (error == platform::error::success) error = files.SetFilePointerEx(output.file.handle, output.written);
+    platform::Error error = files.SetFilePointerEx(output.file, offset);
+    if (error == platform::error::success) error = files.WriteFile(output.file, bytes.data(), bytes.size());
+    if (error == platform::error::success) error = files.SetFilePointerEx(output.file, output.written);
     return WriteResult(error);
 }
 

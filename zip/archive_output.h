@@ -1,34 +1,41 @@
-// The file that an archive is written to: buffered, so that thousands of small entries cost few system calls, and able
-// to write again over what has been written.
+// What an archive is written to: a file, buffered, so that thousands of small entries cost few system calls; or a block
+// of memory. Both can be written again over what has been written.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
+#include <optional>
 #include <span>
-#include <vector>
 
 #include "foundation/open_file.h"
+#include "zip/zip_cipher.h"
 #include "zip/zip_result.h"
 
 namespace kv {
 
-/// What is at an offset below `written` is in the file, the `used` bytes from there on are in the buffer.
+/// What is at an offset below `written` is in the file, the `used` bytes from there on are in the buffer. Offsets are
+/// those of the file, in which the archive may begin anywhere. Memory is one buffer for the whole archive.
 struct ArchiveOutput {
-    OpenFile file;
-    std::uint64_t written = 0;
-    std::size_t used = 0;
-    std::vector<std::uint8_t> buffer;
+    OpenFile ownFile;                       // when made by path
+    platform::FileHandle file = 0;          // what is written; none for memory
+    std::uint64_t written = 0;              // at first where the archive begins
+    std::size_t used = 0;                   // bytes
+    std::span<std::uint8_t> buffer;         // of a file made at first use
+    std::unique_ptr<std::uint8_t[]> owned;  // what the buffer lies in, unless it is the caller's
+    std::optional<ZipCipher> cipher;        // what is appended from now on is encrypted with it
 
     std::uint64_t position() const { return written + used; }
+    bool isMemory() const { return file == 0; }
 };
 
 // The routines below give writeFailed when the file cannot be written, which leaves the system's error in the log, or
-// would outgrow the offsets of an archive.
+// would outgrow the offsets of an archive; memoryTooSmall when the memory is full.
 
 /// Writes out the buffer.
 ZipResult FlushOutput(ArchiveOutput& output);
 
-/// Writes out the buffer and brings the file to the disk itself.
+/// Writes out the buffer, and brings a file of its own to the disk itself.
 ZipResult FlushToDisk(ArchiveOutput& output);
 
 /// Writes out the buffer when it is so full that a small entry might not fit behind what is in it. An entry that stays

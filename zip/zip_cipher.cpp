@@ -18,6 +18,12 @@ void UpdateKeys(ZipCipher& cipher, std::uint8_t plain) {
     c = CrcStep(c, b >> 24);
 }
 
+/// What a byte is combined with.
+std::uint8_t NextMask(const ZipCipher& cipher) {
+    const std::uint32_t low = (cipher.keys[2] & 0xFFFF) | 2;
+    return static_cast<std::uint8_t>(low * (low ^ 1) >> 8);
+}
+
 }  // namespace
 
 void StartCipher(ZipCipher& cipher, std::string_view password) {
@@ -25,10 +31,17 @@ void StartCipher(ZipCipher& cipher, std::string_view password) {
     for (const char character : password) UpdateKeys(cipher, static_cast<std::uint8_t>(character));
 }
 
+void Encrypt(ZipCipher& cipher, std::span<std::uint8_t> bytes) {
+    for (std::uint8_t& byte : bytes) {
+        const std::uint8_t mask = NextMask(cipher);
+        UpdateKeys(cipher, byte);
+        byte ^= mask;
+    }
+}
+
 void Decrypt(ZipCipher& cipher, std::span<std::uint8_t> bytes) {
     for (std::uint8_t& byte : bytes) {
-        const std::uint32_t mask = (cipher.keys[2] & 0xFFFF) | 2;
-        byte = static_cast<std::uint8_t>(byte ^ mask * (mask ^ 1) >> 8);
+        byte ^= NextMask(cipher);
         UpdateKeys(cipher, byte);
     }
 }

@@ -1,5 +1,5 @@
-// The traditional encryption of zip archives (PKWARE's APPNOTE, section 6.1). It keeps nobody out; archives made with
-// it are read all the same.
+// The traditional encryption of zip archives (PKWARE's APPNOTE, section 6.1). It keeps nobody out; archives with it
+// are read and written all the same.
 #pragma once
 
 #include <array>
@@ -19,7 +19,8 @@ struct ZipCipher {
 
 void StartCipher(ZipCipher& cipher, std::string_view password);
 
-/// Decrypts in place the bytes that follow those of the last call.
+/// Decrypts or encrypts in place the bytes that follow those of the last call.
+void Encrypt(ZipCipher& cipher, std::span<std::uint8_t> bytes);
 void Decrypt(ZipCipher& cipher, std::span<std::uint8_t> bytes);
 
 }  // namespace kv

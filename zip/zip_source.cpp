@@ -35,9 +35,9 @@ std::optional<std::uint32_t> NumberAt(const ZipSource& source, std::uint64_t off
     const platform::FileOperations& files = platform::Files();
     std::array<std::uint8_t, 4> bytes{};
     std::size_t read = 0;
-    const bool good = files.SetFilePointerEx(source.file.handle, offset) == platform::error::success &&
-                      files.ReadFile(source.file.handle, bytes.data(), bytes.size(), read) == platform::error::success;
-    files.SetFilePointerEx(source.file.handle, first.size());
+    const bool good = files.SetFilePointerEx(source.file, offset) == platform::error::success &&
+                      files.ReadFile(source.file, bytes.data(), bytes.size(), read) == platform::error::success;
+    files.SetFilePointerEx(source.file, first.size());
     if (!good || read != bytes.size()) return std::nullopt;
     return Number(bytes);
 }
@@ -85,20 +85,14 @@ ZipResult ReadChunk(platform::FileHandle file, ReadBuffer& buffer, std::span<con
 
 }  // namespace
 
-ZipResult OpenFileSource(std::u16string_view path, bool fromFile, ReadBuffer& buffer, ZipSource& source) {
+ZipResult OpenHandleSource(platform::FileHandle file, bool fromFile, ReadBuffer& buffer, ZipSource& source) {
     const platform::FileOperations& files = platform::Files();
-    platform::Error error = files.CreateFileW(path, platform::FileAccess::read, platform::FileShare::read,
-                                              platform::FileDisposition::openExisting, source.file.handle);
-    if (error != platform::error::success) {
-        source.file.handle = 0;
-        return SourceFailure(error, zip_result::noFile);
-    }
+    source.file = file;
     platform::FileInformation information;
-    if (fromFile) error = files.GetFileInformationByHandle(source.file.handle, information);
+    platform::Error error = platform::error::success;
+    if (fromFile) error = files.GetFileInformationByHandle(file, information);
     if (error != platform::error::success) return SourceFailure(error, zip_result::noFile);
-    if (const ZipResult result = ReadChunk(source.file.handle, buffer, source.pending); result != zip_result::ok) {
-        return result;
-    }
+    if (const ZipResult result = ReadChunk(file, buffer, source.pending); result != zip_result::ok) return result;
     if (!fromFile) {
         source.times = LocalClockTimes();
         source.externalAttributes = modeFile;
@@ -108,6 +102,14 @@ ZipResult OpenFileSource(std::u16string_view path, bool fromFile, ReadBuffer& bu
     source.times = {information.lastWriteTime, information.lastAccessTime, information.creationTime};
     source.externalAttributes = FileAttributes(source, information.attributes);
     return zip_result::ok;
+}
+
+ZipResult OpenFileSource(std::u16string_view path, bool fromFile, ReadBuffer& buffer, ZipSource& source) {
+    const platform::Error error = source.ownFile.Open(path, platform::FileAccess::read, platform::FileShare::read,
+                                                      platform::FileDisposition::openExisting);
+    if (error == platform::error::success) return OpenHandleSource(source.ownFile.handle, fromFile, buffer, source);
+    source.ownFile.handle = 0;
+    return SourceFailure(error, zip_result::noFile);
 }
 
 void OpenMemorySource(std::span<const std::uint8_t> block, ZipSource& source) {
@@ -124,7 +126,7 @@ void OpenFolderSource(ZipSource& source) {
 }
 
 ZipResult ReadSource(ZipSource& source, ReadBuffer& buffer, std::span<const std::uint8_t>& bytes) {
-    if (source.pending.empty() && source.file.handle != 0) return ReadChunk(source.file.handle, buffer, bytes);
+    if (source.pending.empty() && source.file != 0) return ReadChunk(source.file, buffer, bytes);
     bytes = source.pending.first(std::min(source.pending.size(), readSize));
     source.pending = source.pending.subspan(bytes.size());
     return zip_result::ok;

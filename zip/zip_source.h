@@ -19,15 +19,19 @@ inline constexpr std::size_t readSize = 16384;
 using ReadBuffer = std::array<std::uint8_t, readSize>;
 
 struct ZipSource {
-    OpenFile file;                          // none for memory and folders
+    OpenFile ownFile;                       // when opened by path
+    platform::FileHandle file = 0;          // what is read; none for memory and folders
     std::span<const std::uint8_t> pending;  // not yet given out: memory, or the first read of a file
     std::optional<std::uint64_t> size;      // expected bytes, where known
     ZipTimes times;
     std::uint32_t externalAttributes = 0;
 };
 
-/// Opens a file and makes its first read into the buffer, which the source goes on using. With fromFile the size, times
-/// and attributes are the file's own, else the local clock is taken. noFile or readFailed.
+/// Takes an open file and makes its first read into the buffer, which the source goes on using. With fromFile the size,
+/// times and attributes are the file's own, else the local clock is taken. noFile or readFailed.
+ZipResult OpenHandleSource(platform::FileHandle file, bool fromFile, ReadBuffer& buffer, ZipSource& source);
+
+/// The same for a file by its path; noFile also when it cannot be opened.
 ZipResult OpenFileSource(std::u16string_view path, bool fromFile, ReadBuffer& buffer, ZipSource& source);
 
 void OpenMemorySource(std::span<const std::uint8_t> block, ZipSource& source);

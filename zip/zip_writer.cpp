@@ -6,6 +6,8 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <optional>
+#include <random>
 #include <span>
 #include <string>
 #include <vector>
@@ -13,9 +15,11 @@
 
 #include "foundation/system_error.h"
 #include "foundation/text.h"
+#include "platform/clock.h"
 #include "platform/files.h"
 #include "platform/utf.h"
 #include "zip/archive_output.h"
+#include "zip/zip_cipher.h"
 #include "zip/zip_records.h"
 #include "zip/zip_source.h"
 
@@ -41,8 +45,11 @@ struct Deflater {
 
 struct ZipWriter {
     ArchiveOutput output;
-    bool canSeek = false;              // the output tells its position
-    ZipResult error = zip_result::ok;  // sticky: set by a failure part-way through an entry
+    std::string password;               // none when empty
+    bool canSeek = false;               // the output can be written again over what has been written
+    bool fileTellsPosition = false;     // memory can seek and has no file
+    ZipResult error = zip_result::ok;   // sticky: set by a failure part-way through an entry
+    std::optional<ZipResult> finished;  // of the central directory, once it has been written
     std::vector<ZipEntry> entries;
     std::uint64_t directorySize = 0;  // bytes that the central headers of the entries will take
     Deflater deflater;
@@ -91,19 +98,43 @@ std::uint64_t DeflatedSizeAtMost(std::uint64_t size) {
     return size / part * deflateBound(nullptr, part) + deflateBound(nullptr, static_cast<uLong>(size % part));
 }
 
+/// What an entry takes with its two headers.
+std::uint64_t EntrySizeAtMost(std::size_t nameSize, std::uint64_t size) {
+    constexpr std::size_t headers =
+        localHeaderSize + localExtraSize + cipherHeaderSize + dataDescriptorSize + centralHeaderSize + centralExtraSize;
+    return headers + 2 * nameSize + DeflatedSizeAtMost(size);
+}
+
 /// Whether the archive can still be finished within 16-bit counts and 32-bit offsets once the entry is in it.
 bool HasRoomFor(const ZipWriter& writer, const ZipEntry& entry, std::uint64_t sourceSize) {
     if (writer.entries.size() >= maxEntries || sourceSize > maxArchiveSize) return false;
-    const std::uint64_t data = DeflatedSizeAtMost(sourceSize) + dataDescriptorSize;
-    const std::uint64_t headers = localHeaderSize + entry.name.size() + localExtraSize + CentralSize(entry);
-    return writer.output.position() + headers + data + writer.directorySize + endRecordSize <= maxArchiveSize;
+    return writer.output.position() + EntrySizeAtMost(entry.name.size(), sourceSize) + writer.directorySize +
+               endRecordSize <=
+           maxArchiveSize;
+}
+
+/// A record that does not fit into the memory is one that cannot be written.
+ZipResult RecordResult(ZipResult result) {
+    return result == zip_result::memoryTooSmall ? zip_result::writeFailed : result;
 }
 
 ZipResult AppendLocalHeader(ArchiveOutput& output, const ZipEntry& entry) {
     ZipResult result = Append(output, BuildLocalHeader(entry));
     if (result == zip_result::ok) result = Append(output, BytesOf(entry.name));
     if (result == zip_result::ok) result = Append(output, BuildLocalExtra(entry));
-    return result;
+    return RecordResult(result);
+}
+
+bool IsEncrypted(const ZipEntry& entry) { return (entry.flags & flagEncrypted) != 0; }
+
+/// Starts the encryption of an entry with its header: noise, and at last a byte that the local header has too.
+ZipResult AppendCipherHeader(ZipWriter& writer, const ZipEntry& entry) {
+    std::mt19937 noise(static_cast<std::uint32_t>(platform::Clock().GetTickCount64() + writer.output.position()));
+    std::array<std::uint8_t, cipherHeaderSize> header;
+    std::generate(header.begin(), header.end(), [&noise] { return static_cast<std::uint8_t>(noise()); });
+    header.back() = static_cast<std::uint8_t>(DosTimestamp(entry.times.lastWrite) >> 8);
+    StartCipher(writer.output.cipher.emplace(), writer.password);
+    return Append(writer.output, header);
 }
 
 /// Hands the source's bytes to `write` one read at a time, the last time none, and keeps CRC and count.
@@ -159,12 +190,12 @@ ZipResult AppendData(ZipWriter& writer, ZipSource& source, ZipEntry& entry) {
 
 /// Completes the local header, or puts what it could not say behind the data where the output cannot go back.
 ZipResult CompleteEntry(ZipWriter& writer, ZipEntry& entry, std::uint32_t announcedSize) {
-    if (writer.canSeek) {
+    if (writer.canSeek && !IsEncrypted(entry)) {
         entry.flags &= static_cast<std::uint16_t>(~flagDataDescriptor);
         return Rewrite(writer.output, entry.localHeaderOffset, BuildLocalHeader(entry));
     }
     if (entry.method == ZipMethod::stored && entry.compressedSize != announcedSize) return zip_result::changedMind;
-    return Append(writer.output, BuildDataDescriptor(entry));
+    return RecordResult(Append(writer.output, BuildDataDescriptor(entry)));
 }
 
 ZipResult WriteEntry(ZipWriter& writer, ZipSource& source, ZipEntry& entry) {
@@ -172,12 +203,16 @@ ZipResult WriteEntry(ZipWriter& writer, ZipSource& source, ZipEntry& entry) {
     if (result != zip_result::ok) return result;
     entry.localHeaderOffset = static_cast<std::uint32_t>(writer.output.position());
     entry.uncompressedSize = static_cast<std::uint32_t>(source.size.value_or(0));
-    entry.compressedSize = entry.method == ZipMethod::stored ? entry.uncompressedSize : 0;
+    const std::uint32_t storedSize =
+        entry.uncompressedSize + (IsEncrypted(entry) ? static_cast<std::uint32_t>(cipherHeaderSize) : 0);
+    entry.compressedSize = entry.method == ZipMethod::stored && source.size ? storedSize : 0;
     const std::uint32_t announcedSize = entry.compressedSize;
 
     result = AppendLocalHeader(writer.output, entry);
     const std::uint64_t dataOffset = writer.output.position();
+    if (result == zip_result::ok && IsEncrypted(entry)) result = AppendCipherHeader(writer, entry);
     if (result == zip_result::ok) result = AppendData(writer, source, entry);
+    writer.output.cipher.reset();
     if (result != zip_result::ok) return result;
     entry.compressedSize = static_cast<std::uint32_t>(writer.output.position() - dataOffset);
     result = CompleteEntry(writer, entry, announcedSize);
@@ -195,11 +230,13 @@ ZipResult AddEntry(ZipHandle zip, std::u16string_view nameInZip, bool isFolder, 
     ZipWriter* writer = WriterOf(zip, result);
     if (writer == nullptr) return result;
     if (writer->error != zip_result::ok) return zip_result::previousError;
+    if (writer->finished) return zip_result::alreadyEnded;
     try {
         ZipEntry entry;
         entry.name = ArchiveName(nameInZip, isFolder);
         if (entry.name.empty() || entry.name.size() > maxNameSize) return zip_result::badArguments;
         entry.method = isFolder ? ZipMethod::stored : MethodFor(nameInZip);
+        if (!isFolder && !writer->password.empty()) entry.flags |= flagEncrypted;
 
         ZipSource source;
         result = open(*writer, source);
@@ -209,6 +246,7 @@ ZipResult AddEntry(ZipHandle zip, std::u16string_view nameInZip, bool isFolder, 
         entry.externalAttributes = source.externalAttributes;
         writer->error = WriteEntry(*writer, source, entry);
     } catch (const std::bad_alloc&) {
+        writer->output.cipher.reset();
         writer->error = zip_result::noMemory;
     }
     return writer->error;
@@ -220,66 +258,122 @@ ZipResult AppendDirectory(ZipWriter& writer) {
         ZipResult result = Append(writer.output, BuildCentralHeader(entry));
         if (result == zip_result::ok) result = Append(writer.output, BytesOf(entry.name));
         if (result == zip_result::ok) result = Append(writer.output, BuildCentralExtra(entry));
-        if (result != zip_result::ok) return result;
+        if (result != zip_result::ok) return RecordResult(result);
     }
     const ZipDirectory directory{.entries = static_cast<std::uint16_t>(writer.entries.size()),
                                  .size = static_cast<std::uint32_t>(writer.output.position() - start),
                                  .offset = static_cast<std::uint32_t>(start)};
-    return Append(writer.output, BuildEndRecord(directory));
+    return RecordResult(Append(writer.output, BuildEndRecord(directory)));
 }
 
-/// Writes the central directory and brings the whole archive to the disk. After a failed write the file holds less than
-/// the offsets say, and no directory can mend that.
-ZipResult Finish(ZipWriter& writer) {
+ZipResult WriteDirectory(ZipWriter& writer) {
+    // The file holds less than the offsets say, and no directory can mend that.
     if (writer.error == zip_result::writeFailed) return zip_result::writeFailed;
-    const ZipResult result = AppendDirectory(writer);
-    return result == zip_result::ok ? FlushToDisk(writer.output) : result;
+    try {
+        const ZipResult result = AppendDirectory(writer);
+        return result == zip_result::ok ? FlushToDisk(writer.output) : result;
+    } catch (const std::bad_alloc&) {
+        return zip_result::noMemory;
+    }
 }
 
-ZipHandle Create(std::u16string_view path, const char* password, ZipResult& result) {
-    if (password != nullptr) {
-        result = zip_result::badArguments;
+/// Writes the central directory, the first time, and brings the whole archive to the disk.
+ZipResult Finish(ZipWriter& writer) {
+    if (!writer.finished) writer.finished = WriteDirectory(writer);
+    return *writer.finished;
+}
+
+/// Takes an open file as the output.
+void UseFile(ZipWriter& writer, platform::FileHandle file) {
+    writer.output.file = file;
+    writer.canSeek = platform::Files().GetFilePointer(file, writer.output.written) == platform::error::success;
+    if (!writer.canSeek) writer.output.written = 0;
+    writer.fileTellsPosition = writer.canSeek;
+}
+
+/// `open` makes the output ready.
+template <class Open>
+ZipHandle Create(const char* password, const Open& open) {
+    try {
+        auto writer = std::make_unique<ZipWriter>();
+        if (password != nullptr) writer->password = password;
+        const bool isGoodPassword = password == nullptr || !writer->password.empty();
+        if (Remember(isGoodPassword ? open(*writer) : zip_result::badArguments) != zip_result::ok) return nullptr;
+        auto* handle = new ZipHandleRecord{ZipKind::writer, writer.get()};
+        writer.release();  // the handle owns it now
+        return handle;
+    } catch (const std::bad_alloc&) {
+        Remember(zip_result::noMemory);
         return nullptr;
     }
-    auto writer = std::make_unique<ZipWriter>();
-    const platform::FileOperations& files = platform::Files();
-    platform::FileHandle& file = writer->output.file.handle;
-    const platform::Error error = files.CreateFileW(path, platform::FileAccess::write, platform::FileShare::none,
-                                                    platform::FileDisposition::createAlways, file);
-    if (error != platform::error::success) {
-        file = 0;
-        LogLastSystemError(error);
-        result = zip_result::noFile;
-        return nullptr;
-    }
-    std::uint64_t position = 0;
-    writer->canSeek = files.GetFilePointer(file, position) == platform::error::success;
-    auto* handle = new ZipHandleRecord{ZipKind::writer, writer.get()};
-    writer.release();  // the handle owns it now
-    result = zip_result::ok;
-    return handle;
+}
+
+/// Adds an open file; sizeToCome counts where the archive's own file does not tell its position.
+ZipResult AddOpenFile(ZipHandle zip, std::u16string_view nameInZip, platform::FileHandle file,
+                      std::optional<std::uint64_t> sizeToCome) {
+    return AddEntry(zip, nameInZip, false, [&](ZipWriter& writer, ZipSource& source) {
+        if (file == 0) return zip_result::badArguments;
+        const bool fromFile = writer.fileTellsPosition;
+        if (fromFile && platform::Files().SetFilePointerEx(file, 0) != platform::error::success) {
+            return zip_result::readFailed;
+        }
+        const ZipResult result = OpenHandleSource(file, fromFile, writer.readBuffer, source);
+        if (!fromFile) source.size = sizeToCome;
+        return result;
+    });
 }
 
 }  // namespace
 
 ZipHandle CreateZip(std::u16string_view path, const char* password) {
-    ZipResult result = zip_result::noMemory;
-    ZipHandle zip = nullptr;
-    try {
-        zip = Create(path, password, result);
-    } catch (const std::bad_alloc&) {
-        result = zip_result::noMemory;
-    }
-    Remember(result);
-    return zip;
+    return Create(password, [&](ZipWriter& writer) {
+        OpenFile& file = writer.output.ownFile;
+        const platform::Error error = file.Open(path, platform::FileAccess::write, platform::FileShare::none,
+                                                platform::FileDisposition::createAlways);
+        if (error != platform::error::success) {
+            file.handle = 0;
+            LogLastSystemError(error);
+            return zip_result::noFile;
+        }
+        UseFile(writer, file.handle);
+        return zip_result::ok;
+    });
+}
+
+ZipHandle CreateZipHandle(platform::FileHandle file, const char* password) {
+    return Create(password, [&](ZipWriter& writer) {
+        if (file == 0) return zip_result::badArguments;
+        UseFile(writer, file);
+        return zip_result::ok;
+    });
+}
+
+ZipHandle CreateZipMemory(void* block, std::size_t size, const char* password) {
+    return Create(password, [&](ZipWriter& writer) {
+        if (size == 0) return zip_result::memoryTooSmall;
+        ArchiveOutput& output = writer.output;
+        if (block == nullptr) output.owned = std::make_unique_for_overwrite<std::uint8_t[]>(size);
+        output.buffer = {block != nullptr ? static_cast<std::uint8_t*>(block) : output.owned.get(), size};
+        writer.canSeek = true;
+        return zip_result::ok;
+    });
 }
 
 ZipResult AddFileToZip(ZipHandle zip, std::u16string_view nameInZip, std::u16string_view path) {
     return Remember(AddEntry(zip, nameInZip, false, [&](ZipWriter& writer, ZipSource& source) {
         // Whether the source's own times and attributes are taken hangs on the output being able to seek. It has always
         // been so, and the server gets the same archives.
-        return OpenFileSource(path, writer.canSeek, writer.readBuffer, source);
+        return OpenFileSource(path, writer.fileTellsPosition, writer.readBuffer, source);
     }));
+}
+
+ZipResult AddHandleToZip(ZipHandle zip, std::u16string_view nameInZip, platform::FileHandle file) {
+    return Remember(AddOpenFile(zip, nameInZip, file, std::nullopt));
+}
+
+ZipResult AddHandleToZipSized(ZipHandle zip, std::u16string_view nameInZip, platform::FileHandle file,
+                              std::uint64_t size) {
+    return Remember(AddOpenFile(zip, nameInZip, file, size));
 }
 
 ZipResult AddMemoryToZip(ZipHandle zip, std::u16string_view nameInZip, const void* block, std::size_t size) {
@@ -297,17 +391,30 @@ ZipResult AddFolderToZip(ZipHandle zip, std::u16string_view nameInZip) {
     }));
 }
 
+ZipResult GetZipMemory(ZipHandle zip, const void*& block, std::size_t& size) {
+    block = nullptr;
+    size = 0;
+    ZipResult result = zip_result::ok;
+    ZipWriter* writer = WriterOf(zip, result);
+    if (writer == nullptr) return Remember(result);
+    result = Finish(*writer);
+    if (!writer->output.isMemory()) return Remember(zip_result::notMemory);
+    if (result != zip_result::ok) return Remember(result);
+    block = writer->output.buffer.data();
+    size = writer->output.used;
+    return Remember(result);
+}
+
 ZipResult CloseZip(ZipHandle zip) {
     ZipResult result = zip_result::ok;
     const std::unique_ptr<ZipWriter> writer(WriterOf(zip, result));
     if (writer == nullptr) return Remember(result);
     const std::unique_ptr<ZipHandleRecord> handle(zip);
-    try {
-        result = Finish(*writer);
-    } catch (const std::bad_alloc&) {
-        result = zip_result::noMemory;
-    }
-    return Remember(result);
+    return Remember(Finish(*writer));
+}
+
+std::uint64_t ZippedSizeAtMost(std::u16string_view nameInZip, std::uint64_t size) {
+    return EntrySizeAtMost(platform::Utf8FromWide(nameInZip).size(), size);
 }
 
 bool IsZipHandleForWriting(ZipHandle zip) { return zip != nullptr && zip->kind == ZipKind::writer; }

@@ -3,6 +3,7 @@
 #include <random>
 #include <string>
 
+#include "foundation/open_file.h"
 #include "foundation/text.h"
 #include "platform/files.h"
 #include "platform/utf.h"
@@ -172,7 +173,7 @@ TEST_F(Zip, AnOutputThatCannotSeekGetsDescriptorsAndTheLocalClock) {
 TEST_F(Zip, FaultyCallsLeaveTheArchiveGood) {
     Write(bin / "one", "one");
     ZipHandleRecord reader{ZipKind::reader, nullptr};
-    EXPECT_EQ(CreateZip(u"a.zip", "secret"), nullptr);
+    EXPECT_EQ(CreateZip(u"a.zip", ""), nullptr);
     char text[100];
     EXPECT_EQ(FormatZipMessage(1, text, 8), 24U);  // the last result, cut to the buffer
     EXPECT_STREQ(text, "Caller:");
@@ -195,6 +196,55 @@ TEST_F(Zip, FaultyCallsLeaveTheArchiveGood) {
     EXPECT_EQ(AddFileToZip(zip, std::u16string(260, u'n'), u"one"), zip_result::ok);
     EXPECT_EQ(CloseZip(zip), zip_result::ok);
     EXPECT_EQ(ReadArchive().size(), 1U);
+}
+
+TEST_F(Zip, MemoryAndOpenFilesServeAsWell) {
+    const Files expected{{"file", Noise(70000)}, {"memory", "hi"}, {"s.gz", Noise(70000)}};
+    Write(bin / "one", expected.at("file"));
+    OpenFile source, target;
+    source.Open(u"one", platform::FileAccess::read, platform::FileShare::read, platform::FileDisposition::openExisting);
+    const auto rewind = [&] { platform::Files().SetFilePointerEx(source.handle, 0); };
+    const auto fill = [&](ZipHandle zip) {
+        rewind();
+        EXPECT_EQ(AddHandleToZip(zip, u"file", source.handle), zip_result::ok);
+        EXPECT_EQ(AddMemoryToZip(zip, u"memory", "hi", 2), zip_result::ok);
+        rewind();
+        EXPECT_EQ(AddHandleToZipSized(zip, u"s.gz", source.handle, 70000), zip_result::ok);
+        EXPECT_EQ(AddHandleToZip(zip, u"none", 0), zip_result::badArguments);
+    };
+    std::string own(200000, '\0');
+    const void* block = nullptr;
+    std::size_t size = 0;
+    for (void* given : {static_cast<void*>(nullptr), static_cast<void*>(own.data())}) {
+        ZipHandle zip = CreateZipMemory(given, own.size(), nullptr);
+        fill(zip);
+        EXPECT_EQ(GetZipMemory(zip, block, size), zip_result::ok);
+        EXPECT_TRUE(given == nullptr || given == block);
+        EXPECT_TRUE(UnpackedByPeer(std::string(static_cast<const char*>(block), size)) == expected);
+        EXPECT_EQ(AddFolderToZip(zip, u"late"), zip_result::alreadyEnded);
+        EXPECT_EQ(CloseZip(zip), zip_result::ok);
+    }
+    EXPECT_EQ(CreateZipMemory(nullptr, 0, nullptr), nullptr);
+    EXPECT_EQ(LastZipWriterResult(), zip_result::memoryTooSmall);
+    for (const std::size_t small : {20UL, 1000UL}) {
+        ZipHandle zip = CreateZipMemory(nullptr, small, nullptr);
+        EXPECT_EQ(AddMemoryToZip(zip, u"n", expected.at("file").data(), 70000),
+                  small == 20 ? zip_result::writeFailed : zip_result::memoryTooSmall);
+        EXPECT_EQ(CloseZip(zip), zip_result::writeFailed);
+    }
+
+    Write(path, "front");
+    target.Open(u"a.zip", platform::FileAccess::readWrite, platform::FileShare::none,
+                platform::FileDisposition::openExisting);
+    platform::Files().SetFilePointerEx(target.handle, 5);
+    ZipHandle zip = CreateZipHandle(target.handle, nullptr);
+    fill(zip);
+    EXPECT_EQ(GetZipMemory(zip, block, size), zip_result::notMemory);
+    EXPECT_EQ(CloseZip(zip), zip_result::ok);
+    EXPECT_EQ(target.Close(), platform::error::success);
+    EXPECT_TRUE(Read(path).starts_with("frontPK"));
+    EXPECT_TRUE(ReadArchive() == expected);
+    EXPECT_EQ(CreateZipHandle(0, nullptr), nullptr);
 }
 
 TEST_F(Zip, TheEndRecordCountsFromNoneTo65535) {

@@ -1,6 +1,7 @@
 // What the agent's zips are to Debian's unzip, and what encrypted ones and links are to the agent.
 #include <cstdlib>
 
+#include "platform/utf.h"
 #include "tests/zip/zip_reading.h"
 #include "zip/zip_writer.h"
 
@@ -36,16 +37,26 @@ TEST_F(ZipReading, NoLinkLeadsOutsideTheBase) {
 }
 
 TEST_F(ZipReading, EncryptedItemsNeedTheirPassword) {
-    const std::string bytes = PackedByPeer(contents, bin / "a.zip", "secret");
-    for (const std::string password : {"secret", "Secret"}) {
-        ZipHandle zip = OpenBytes(bytes, password.c_str());
-        std::int32_t index = 0;
-        for (const auto& [name, content] : contents) {
-            std::string found;
-            const bool right = ReadItem(zip, index++, found) == zip_result::ok && found == content;
-            EXPECT_EQ(right, password == "secret") << name;
+    contents["stored.gz"] = "stored";
+    ZipHandle own = CreateZip(u"own.zip", "secret");
+    for (const auto& [name, content] : contents) {
+        const std::u16string wide = platform::WideFromUtf8(name);
+        EXPECT_EQ(AddMemoryToZip(own, wide, content.data(), content.size()), zip_result::ok);
+    }
+    EXPECT_EQ(CloseZip(own), zip_result::ok);
+    EXPECT_EQ(std::system("unzip -tqq -P secret own.zip"), 0);
+    EXPECT_NE(std::system("unzip -tqq -P other own.zip >other.log 2>&1"), 0);
+    for (const std::string& bytes : {PackedByPeer(contents, bin / "a.zip", "secret"), Read(bin / "own.zip")}) {
+        for (const std::string password : {"secret", "Secret"}) {
+            ZipHandle zip = OpenBytes(bytes, password.c_str());
+            std::int32_t index = 0;
+            for (const auto& [name, content] : contents) {
+                std::string found;
+                const bool right = ReadItem(zip, index++, found) == zip_result::ok && found == content;
+                EXPECT_EQ(right, password == "secret") << name;
+            }
+            CloseUnzip(zip);
         }
-        CloseUnzip(zip);
     }
     UnzipFiles(u"a.zip", u"..\\conf\\download");
     EXPECT_TRUE(Logged("[d/e/small] of [a.zip]. Error is [0x1000] [unknown zip result code]"));
