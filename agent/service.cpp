@@ -6,6 +6,7 @@
 #include "agent/log_file.h"
 #include "agent/main_thread.h"
 #include "agent/server_details.h"
+#include "collection/record_file.h"
 #include "exchange/agent_status.h"
 #include "foundation/agent_state.h"
 #include "foundation/guarded.h"
@@ -90,19 +91,6 @@ void ReportEndWhereWanted() {
         SendAgentStatus();
 }
 
-void SaveCounter(const char* name, std::uint32_t number, Error (*store)(std::uint32_t)) {
-    // Before VerifyLastFileNum, the last step of enrolling, has begun, the counter is 0 and not worth saving.
-    if (number == 0) return;
-    if (const Error failure = store(number))
-        Log1("\t AgentShutdownWorker :: %s %u cannot be stored. Error is [%d]\n", name, number, failure);
-}
-
-void SaveJsonCounter() {
-    SaveCounter("MALastCreatedJSONNum", agentState.gv_ocLastCreatedJSONNum, SetMALastCreatedJSONNum);
-}
-
-void SaveZipCounter() { SaveCounter("MALastCreatedZIPNum", agentState.gv_ocLastCreatedZIPNum, SetMALastCreatedZIPNum); }
-
 }  // namespace
 
 void ServiceMain() {
@@ -161,9 +149,10 @@ bool ChangeServiceStatus(ServiceState state) {
 
 std::uint32_t AgentShutdownWorker(void* /*ignored*/) {
     Log3("\t Inside AgentShutdownWorker() \n");
+    // Before the report, too: a server that keeps silent holds it up until the process ends.
+    RunGuarded("StoreLastFileNum", StoreLastFileNum);
     RunGuarded("SendAgentStatus", ReportEndWhereWanted);
-    RunGuarded("SaveJsonCounter", SaveJsonCounter);
-    RunGuarded("SaveZipCounter", SaveZipCounter);
+    RunGuarded("StoreLastFileNum", StoreLastFileNum);
     RunGuarded("FreeAllResources", FreeAllResources);
     return 1;
 }

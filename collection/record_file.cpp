@@ -1,5 +1,6 @@
 #include "collection/record_file.h"
 
+#include <algorithm>
 #include <atomic>
 #include <limits>
 #include <vector>
@@ -61,13 +62,34 @@ std::uint32_t LeadingNumber(std::u16string_view text) {
     return static_cast<std::uint32_t>(number);
 }
 
+/// The highest number among this agent's own files in a directory, whatever characters its key holds.
+std::uint32_t HighestOwnNumber(std::u16string_view directory, std::u16string_view extension) {
+    const std::u16string start = ConcatStrings(u"Agent_", agentState.gv_agentKey.view()) + u"_";
+    const std::u16string pattern = std::u16string(directory).append(u"\\").append(start).append(u"*").append(extension);
+    std::uint32_t highest = 0;
+    for (const std::u16string& name : FindFiles(pattern).names) {
+        const std::uint32_t number = LeadingNumber(std::u16string_view(name).substr(start.size()));
+        if (number != std::numeric_limits<std::uint32_t>::max()) highest = std::max(highest, number);
+    }
+    return highest;
+}
+
 /// Raises a last used number to what stands on the disk, and stores it then. Numbers are never lowered.
-void RaiseToFilesOnDisk(std::u16string_view pattern, std::atomic<std::uint32_t>& lastNumber,
-                        platform::Error (*store)(std::uint32_t)) {
-    const std::uint32_t highest = parseFiles(pattern);
+void RaiseToFilesOnDisk(std::u16string_view directory, std::u16string_view extension,
+                        std::atomic<std::uint32_t>& lastNumber, platform::Error (*store)(std::uint32_t)) {
+    const std::u16string pattern = std::u16string(directory).append(u"\\*").append(extension);
+    const std::uint32_t highest = std::max(parseFiles(pattern), HighestOwnNumber(directory, extension));
     if (highest == 0 || highest <= lastNumber) return;
     lastNumber = highest;
     store(highest);
+}
+
+void StoreNumber(const char* name, std::uint32_t number, platform::Error (*store)(std::uint32_t)) {
+    // Before VerifyLastFileNum, the last step of enrolling, has begun, the number is 0 and not worth storing.
+    if (number == 0) return;
+    if (const platform::Error failure = store(number)) {
+        Log1("\t StoreLastFileNum :: %s %u cannot be stored. Error is [%d]\n", name, number, failure);
+    }
 }
 
 }  // namespace
@@ -123,8 +145,14 @@ void VerifyLastFileNum() {
     GetMALastCreatedZIPNum(number);
     agentState.gv_ocLastCreatedZIPNum = number;
     Log1("\t VerifyLastFileNum :: Last created ZIP Number [%d]\n", number);
-    RaiseToFilesOnDisk(u"data\\*.txt", agentState.gv_ocLastCreatedJSONNum, SetMALastCreatedJSONNum);
-    RaiseToFilesOnDisk(u"zipdata\\*.zip", agentState.gv_ocLastCreatedZIPNum, SetMALastCreatedZIPNum);
+    RaiseToFilesOnDisk(u"data", u".txt", agentState.gv_ocLastCreatedJSONNum, SetMALastCreatedJSONNum);
+    RaiseToFilesOnDisk(u"zipdata", u".zip", agentState.gv_ocLastCreatedZIPNum, SetMALastCreatedZIPNum);
+}
+
+void StoreLastFileNum() {
+    Log3("\t Inside StoreLastFileNum() \n");
+    StoreNumber("MALastCreatedJSONNum", agentState.gv_ocLastCreatedJSONNum, SetMALastCreatedJSONNum);
+    StoreNumber("MALastCreatedZIPNum", agentState.gv_ocLastCreatedZIPNum, SetMALastCreatedZIPNum);
 }
 
 std::uint32_t parseFiles(std::u16string_view pattern) {

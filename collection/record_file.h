@@ -25,6 +25,10 @@ std::optional<std::u16string> WriteRecordFile(std::u16string_view dataDirectory,
 /// Settles the last used file numbers from the registry and from the files on disk. Called once before any collection.
 void VerifyLastFileNum();
 
+/// Stores the last used file numbers, so that no later run gives a name to other content. A number that cannot be
+/// stored leaves a line at level 1; one that was never settled is not stored.
+void StoreLastFileNum();
+
 /// The highest number among the files that match a pattern, 0 for none. The number is the third part of a name split at
 /// "_" and "."; one that is too big to be followed by another is passed over with a log line.
 std::uint32_t parseFiles(std::u16string_view pattern);

@@ -1,10 +1,16 @@
 #include "exchange/upload_pipeline.h"
 
+#include <algorithm>
 #include <array>
+#include <cstdlib>
+#include <limits>
+#include <optional>
+#include <span>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "collection/record_file.h"
 #include "exchange/http_transaction.h"
 #include "foundation/agent_state.h"
 #include "foundation/file_utils.h"
@@ -27,6 +33,9 @@ constexpr std::u16string_view recordPattern = u"data\\*.txt";
 constexpr std::u16string_view zipPattern = u"zipdata\\*.zip";
 constexpr std::u16string_view unfinishedPattern = u"zipdata\\Agent_*.tmp";
 
+/// Bytes that a zip takes beside its entries: its end, and what the file system rounds up.
+constexpr std::uint64_t zipOverhead = 8192;
+
 constexpr std::uint32_t firstWaitMilliseconds = 60000;
 constexpr std::uint32_t waitMilliseconds = 5000;
 
@@ -36,19 +45,21 @@ std::string ZipMessage(ZipResult result) {
     return text.data();
 }
 
-/// A zip that is being packed under a name that no upload looks for. Closed at the end of its life at the latest.
+/// A zip that is being packed under a name that no upload looks for. Unless it gets its own name, nothing is left of
+/// it.
 struct ZipInProgress {
     std::u16string temporaryPath;
-    ZipHandle zip;
+    ZipHandle zip = nullptr;
+    bool isGivenUp = false;  // what was written of it is of no use
+    std::vector<std::u16string> packed;
+    std::vector<std::u16string> lost;  // files that cannot be packed
 
-    explicit ZipInProgress(std::u16string path)
-        : temporaryPath(std::move(path)), zip(CreateZip(temporaryPath, nullptr)) {
-        if (zip == nullptr) LogFailure("create", LastZipWriterResult());
-    }
+    explicit ZipInProgress(std::u16string path) : temporaryPath(std::move(path)) {}
     ZipInProgress(const ZipInProgress&) = delete;
     ZipInProgress& operator=(const ZipInProgress&) = delete;
     ~ZipInProgress() {
         if (zip != nullptr) CloseZip(zip);
+        if (!temporaryPath.empty()) platform::Files().DeleteFileW(temporaryPath);
     }
 
     void LogFailure(const char* action, ZipResult result) const {
@@ -56,6 +67,69 @@ struct ZipInProgress {
              ZipMessage(result));
     }
 };
+
+/// A record file, and how many bytes it adds to a zip at most.
+struct RecordFile {
+    std::u16string path;
+    std::uint64_t zippedSize;
+};
+
+/// What a pass leaves in data: files that cannot be opened, and those that it finds no room for.
+struct LeftBehind {
+    int unreadable = 0;
+    int files = 0;
+    std::uint64_t zippedSize = 0;
+};
+
+/// How a batch went. Files that are not done with stay where they are.
+struct BatchResult {
+    std::size_t filesDone = 0;
+    bool mayFitSmaller = false;  // the disk did not take the zip: one of fewer files may have room
+};
+
+/// Nothing for what is no file, or cannot be opened: it takes no place in a zip.
+std::optional<RecordFile> ReadableRecord(const platform::FindData& found) {
+    if (found.isDirectory) return std::nullopt;
+    std::u16string path = u"data\\" + found.fileName;
+    OpenFile file;
+    std::uint64_t size = 0;
+    if (file.Open(path, platform::FileAccess::read, platform::FileShare::read,
+                  platform::FileDisposition::openExisting) != platform::error::success ||
+        platform::Files().GetFileSizeEx(file.handle, size) != platform::error::success) {
+        return std::nullopt;
+    }
+    const std::uint64_t zippedSize = ZippedSizeAtMost(path, size);
+    return RecordFile{std::move(path), zippedSize};
+}
+
+/// Bytes that a zip may take; without a bound where the system does not say.
+std::uint64_t RoomForZip() {
+    std::uint64_t available = 0;
+    const platform::Error error = platform::Files().GetDiskFreeSpaceExW(zipDirectory, available);
+    return error == platform::error::success ? available : std::numeric_limits<std::uint64_t>::max();
+}
+
+/// Fills a batch from the search, as far as its zip has room on the disk. What does not fit behind others is for the
+/// next batch: the files of this one are gone then. What does not fit even alone is left behind.
+void FillBatch(FileSearch& search, std::size_t most, std::vector<RecordFile>& batch, LeftBehind& left) {
+    const std::uint64_t room = RoomForZip();
+    std::uint64_t needed = zipOverhead;
+    for (const RecordFile& file : batch) needed += file.zippedSize;
+    for (; batch.size() < most && search.HasFile(); search.Next()) {
+        std::optional<RecordFile> file = ReadableRecord(search.file);
+        if (!file) {
+            ++left.unreadable;
+        } else if (needed + file->zippedSize <= room) {
+            needed += file->zippedSize;
+            batch.push_back(std::move(*file));
+        } else if (batch.empty()) {
+            ++left.files;
+            left.zippedSize += file->zippedSize;
+        } else {
+            break;
+        }
+    }
+}
 
 /// The path of the next zip, without extension. A number that a zip in the queue still has is passed over: after a
 /// crash the numbers are rebuilt from file names, which goes wrong with an agent key that holds "_" or ".".
@@ -67,47 +141,67 @@ std::u16string NextZipPath(std::u16string_view nameBase) {
     }
 }
 
-/// Adds a record file to the zip. False when it stays where it is: it vanished or cannot be read, or the zip has no
-/// room left for it. The first file of a zip goes in any case: one that no zip can take would come back in every pass.
-bool PackFile(const ZipInProgress& zip, const std::u16string& path, bool isFirst) {
-    if (fileExists(path) == 0) return false;
+/// False where nothing can be written under the zip's name. The batch is not begun then, as it would be lost.
+bool CanBeMade(const ZipInProgress& zip) {
+    OpenFile file;
+    const platform::Error error = file.Open(zip.temporaryPath, platform::FileAccess::write, platform::FileShare::none,
+                                            platform::FileDisposition::createAlways);
+    if (error == platform::error::success) return true;
+    Log1("\t StripTxtFiles :: [%s] cannot be made. The record files stay until the next pass\n", zip.temporaryPath);
+    LogLastSystemError(error);
+    platform::Files().wmkdir(zipDirectory);  // it may have been deleted meanwhile
+    return false;
+}
+
+bool IsFaultOfFile(ZipResult result) {
+    return result == zip_result::noFile || result == zip_result::readFailed || result == zip_result::sizeMismatch ||
+           result == zip_result::badArguments;
+}
+
+/// Adds a record file to the zip. False when the zip ends before it: it has no room left for it, takes nothing more
+/// since a source failed in its middle, or has to be given up. The first file of a zip is done with in any case: one
+/// that no zip can take would come back in every pass.
+bool PackFile(ZipInProgress& zip, const std::u16string& path) {
+    if (fileExists(path) == 0) return true;
     while (IsFileisOpen(path) == FileUse::inUse) {
         Log1("\t StripTxtFiles :: IsFileisOpen returned failure for [%s]\n", path);
         platform::Clock().Sleep(waitMilliseconds);
     }
     const ZipResult result = AddFileToZip(zip.zip, path, path);
-    if (result != zip_result::ok) {
-        Log1("\t StripTxtFiles :: Not able to add [%s] to the zip. Error is [0x%x] [%s]\n", path, result,
-             ZipMessage(result));
+    if (result == zip_result::ok) {
+        zip.packed.push_back(path);
+        return true;
     }
-    return isFirst || zip.zip == nullptr || result != zip_result::badArguments;
+    if (result == zip_result::previousError) return false;
+    Log1("\t StripTxtFiles :: Not able to add [%s] to the zip. Error is [0x%x] [%s]\n", path, result,
+         ZipMessage(result));
+    if (result == zip_result::badArguments && !zip.packed.empty()) return false;
+    zip.isGivenUp = !IsFaultOfFile(result);
+    if (zip.isGivenUp) return false;
+    zip.lost.push_back(path);
+    return true;
 }
 
-/// Closes the zip and gives it its name. False when the records are still to be packed: the closed zip could not be
-/// renamed.
-bool FinishZip(ZipInProgress& zip, const std::u16string& path, bool isEmpty) {
-    if (zip.zip == nullptr) return true;
+/// Closes the zip and gives it its name. False when its files are still to be packed.
+bool FinishZip(ZipInProgress& zip, const std::u16string& path) {
+    if (zip.isGivenUp) return false;
+    if (zip.zip == nullptr || zip.packed.empty()) return true;
     const ZipResult result = CloseZip(std::exchange(zip.zip, nullptr));
     if (result != zip_result::ok) {
         zip.LogFailure("close", result);
-        // Without its directory it is no archive: the server would refuse it on every pass, for ever.
-        platform::Files().DeleteFileW(zip.temporaryPath);
-        return true;
-    }
-    if (isEmpty) {
-        Log1("\t StripTxtFiles :: None of the files found in data can be read. There is nothing to send\n");
-        platform::Files().DeleteFileW(zip.temporaryPath);
-        return true;
+        return false;
     }
     const platform::Error error = platform::Files().MoveFileExW(zip.temporaryPath, path, false);
-    if (error == platform::error::success) return true;
+    if (error == platform::error::success) {
+        zip.temporaryPath.clear();
+        return true;
+    }
     Log1("\t StripTxtFiles :: Not able to rename [%s] to [%s]\n", zip.temporaryPath, path);
     LogLastSystemError(error);
-    platform::Files().DeleteFileW(zip.temporaryPath);
     return false;
 }
 
-void DeletePackedFiles(const std::vector<std::u16string>& paths) {
+void DeleteDoneFiles(const std::vector<std::u16string>& paths) {
     for (const std::u16string& path : paths) {
         const platform::Error error = platform::Files().DeleteFileW(path);
         if (error == platform::error::success) continue;
@@ -116,25 +210,31 @@ void DeletePackedFiles(const std::vector<std::u16string>& paths) {
     }
 }
 
-/// Packs the present file of the search and those behind it into one zip; the search then stands at the file after
-/// them.
+/// Packs files into one zip.
 ///
 /// The zip is written under a name that is not uploaded and renamed when closed, so that a killed agent leaves no half
 /// zip in the queue; and the sources go only once the zip is closed, on the disk and renamed, so that a killed agent
-/// loses no record. Packed or not, they do go: a file that cannot be packed would come back in every pass.
-void PackBatch(FileSearch& search, std::u16string_view nameBase) {
+/// loses no record. A source that cannot be packed goes, too: it would come back in every pass. Where the zip is at
+/// fault, or the disk, all stay.
+BatchResult PackBatch(std::span<const RecordFile> batch, std::u16string_view nameBase) {
     const std::u16string path = NextZipPath(nameBase);
+    // Before there is a zip of this number, or one of these records is gone: whatever happens from here on, no later
+    // run gives their names to other content.
+    StoreLastFileNum();
     ZipInProgress zip(path + u".tmp");
-    std::vector<std::u16string> packed;
-    for (int count = 1;; ++count) {
-        std::u16string source = u"data\\" + search.file.fileName;
-        if (PackFile(zip, source, packed.empty())) packed.push_back(std::move(source));
-        if (count == maxFilesInZip) break;
-        search.Next();
-        if (!search.HasFile()) break;
+    if (!CanBeMade(zip)) return {};
+    zip.zip = CreateZip(zip.temporaryPath, nullptr);
+    if (zip.zip == nullptr) zip.LogFailure("create", LastZipWriterResult());
+    std::size_t filesDone = 0;
+    while (filesDone < batch.size() && PackFile(zip, batch[filesDone].path)) ++filesDone;
+    if (!FinishZip(zip, path + u".zip")) {
+        Log1("\t StripTxtFiles :: [%s] is given up. Its record files stay\n", zip.temporaryPath);
+        return {.mayFitSmaller = true};
     }
-    if (FinishZip(zip, path + u".zip", packed.empty())) DeletePackedFiles(packed);
-    if (search.HasFile()) search.Next();
+    for (const std::u16string& lost : zip.lost) Log1("\t StripTxtFiles :: [%s] is lost\n", lost);
+    DeleteDoneFiles(zip.lost);
+    DeleteDoneFiles(zip.packed);
+    return {.filesDone = filesDone};
 }
 
 /// Deletes what a killed run was packing; its records are all in "data" still.
@@ -155,13 +255,17 @@ void SendZips() {
     SendDetailstoCS(zipCount);
 }
 
-/// The period runs from the start of the pass; a clock that was set back keeps the wait going.
+/// The period runs from the start of the pass. A clock that was set back keeps the wait going, but no longer than one
+/// period, as the waiting is counted too.
 void WaitForNextPass(std::int64_t passStart) {
+    const std::int64_t period = agentState.gv_writeInterval;
     std::int64_t now = 0;
+    std::int64_t waited = 0;
     do {
         now = GetNowSeconds();
         platform::Clock().Sleep(waitMilliseconds);
-    } while (now - passStart < agentState.gv_writeInterval);
+        waited += waitMilliseconds / 1000;
+    } while (now - passStart < period && waited <= period);
 }
 
 /// Names of all zips in the queue, in the order of the search.
@@ -203,8 +307,19 @@ void NoteContact() {
     agentState.gv_collectData = 1;
 }
 
+/// An outage is as long as it lasts: where the clock is set meanwhile, the time of its first failure goes along.
+void FollowClock(std::int64_t now) {
+    constexpr std::int64_t leastStep = 60;  // seconds; a clock that is merely kept right moves less
+    const std::int64_t lead = now - static_cast<std::int64_t>(platform::Clock().GetTickCount64() / 1000);
+    const std::int64_t step = lead - std::exchange(agentState.gv_clockLead, lead);
+    if (agentState.gv_CSContactLostTime == 0 || std::abs(step) < leastStep) return;
+    agentState.gv_CSContactLostTime += step;
+    Log1("The clock was set by %ld sec. gv_CSContactLostTime goes along\n", step);
+}
+
 void NoteContactLost() {
     const std::int64_t now = GetNowSeconds();
+    FollowClock(now);
     if (agentState.gv_CSContactLostTime == 0) {
         agentState.gv_CSContactLostTime = now;
         Log1("gv_CSContactLostTime set for firstTime at - %d\n", now);
@@ -266,8 +381,25 @@ void PackRecordFiles(std::u16string_view nameBase) {
         Log1("\t StripTxtFiles -- No txt files exist. Not able to get the File Handle hFirstFile %d \n", search.error);
         return;
     }
-    while (search.HasFile()) PackBatch(search, nameBase);
-    if (search.error != platform::error::noMoreFiles) {
+    std::vector<RecordFile> batch;
+    LeftBehind left;
+    std::size_t most = maxFilesInZip;
+    while (most > 0) {
+        FillBatch(search, most, batch, left);
+        if (batch.empty()) break;
+        const std::size_t size = std::min(most, batch.size());
+        const BatchResult result = PackBatch(std::span(batch).first(size), nameBase);
+        batch.erase(batch.begin(), batch.begin() + static_cast<std::ptrdiff_t>(result.filesDone));
+        if (result.filesDone == 0) most = result.mayFitSmaller ? size / 2 : 0;
+    }
+    if (left.unreadable > 0) {
+        Log1("\t StripTxtFiles :: [%d] of the files found in data cannot be read. They stay\n", left.unreadable);
+    }
+    if (left.files > 0) {
+        HasRoomFor(zipDirectory, left.zippedSize + zipOverhead, DecimalText(left.files) + u" record files",
+                   "They stay in data until there is room");
+    }
+    if (!search.HasFile() && search.error != platform::error::noMoreFiles) {
         Log1("\t StripTxtFiles :: Error in FindNextFiles. Error is [%s]\n", LogSystemError(search.error));
     }
 }

@@ -75,8 +75,9 @@ struct AgentState {
     // What changes while the agent runs.
     std::atomic<std::int32_t> gv_collectData{1};        // collection runs
     std::atomic<std::int64_t> gv_CSContactLostTime{0};  // first failed upload of an outage, seconds since 1970; 0 none
-    std::atomic<std::int32_t> gv_timeDiff{0};           // server time minus ours, seconds
-    std::atomic<std::uint16_t> gv_agentRunFlag{1};      // go on after enrolment
+    std::int64_t gv_clockLead = 0;  // what the clock was ahead of the tick count, seconds; of the upload thread alone
+    std::atomic<std::int32_t> gv_timeDiff{0};       // server time minus ours, seconds
+    std::atomic<std::uint16_t> gv_agentRunFlag{1};  // go on after enrolment
     std::atomic<std::uint32_t> gv_ocLastCreatedJSONNum{0};
     std::atomic<std::uint32_t> gv_ocLastCreatedZIPNum{0};
 };

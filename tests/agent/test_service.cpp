@@ -211,10 +211,17 @@ TEST_F(Service, AServerThatNeverAnswersAndASecondStopHoldUpNothing) {
     });
     agentState.gv_ServerPort = server.port;
     SetEnableSendAgentStatus(u"yes");
+    agentState.gv_ocLastCreatedJSONNum = 50;
+    agentState.gv_ocLastCreatedZIPNum = 60;
     waitForThread = [&](auto, std::uint32_t milliseconds) {
         waits.push_back(milliseconds);
         if (waits.size() > 1) return error::waitTimeout;
         asked.get_future().wait();
+        std::uint32_t stored = 0;
+        GetMALastCreatedJSONNum(stored);
+        EXPECT_EQ(stored, 50U) << "before the report";
+        GetMALastCreatedZIPNum(stored);
+        EXPECT_EQ(stored, 60U);
         HandlerEx(control::shutdown, 0, nullptr, nullptr);
         return error::waitTimeout;
     };

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "exchange/upload_pipeline.h"
+#include "foundation/registry_store.h"
 #include "lab/archive.h"
 #include "platform/files.h"
 #include "tests/exchange/http_peers.h"
@@ -186,11 +187,11 @@ TEST_F(UploadPipeline, KilledWhilePackingItLosesNoRecord) {
 TEST_F(UploadPipeline, ABusyRecordIsWaitedForAndAKilledPackingLeavesNothingHalfDone) {
     WriteRecords(1, 2);
     std::ofstream writer(data / "Agent_K7_2.txt");
-    RunFor(60 + 20);  // ends here as if killed
+    RunFor(60 + 20);  // ends here by an exception
     EXPECT_EQ(FilesIn(data).size(), 2U);
-    EXPECT_THAT(FilesIn(zipdata), ElementsAre("Agent_K7_1.tmp"));
+    EXPECT_THAT(FilesIn(zipdata), IsEmpty());
 
-    QueueZips({"Agent_K7_2.zip"});  // of the next number
+    QueueZips({"Agent_K7_1.tmp", "Agent_K7_2.zip"});  // of a killed run, and of the next number
     status = 503;
     clock.onSleep = [&](std::uint32_t milliseconds) {
         if (milliseconds == 5000) writer.close();
@@ -203,21 +204,138 @@ TEST_F(UploadPipeline, ABusyRecordIsWaitedForAndAKilledPackingLeavesNothingHalfD
 }
 
 TEST_F(UploadPipeline, FailuresWhilePackingAreLoggedAndLeaveNothingHalfDone) {
-    const auto pack = [this](auto operation, platform::Error error) {
-        WriteRecords(1, 1);
-        const FileOverride failing(Failing(operation, error));
-        PackRecordFiles(u"zipdata\\Agent_K7_");
-        EXPECT_THAT(FilesIn(zipdata), IsEmpty());
-        return FilesIn(data).size();
-    };
     using Operations = platform::FileOperations;
-    EXPECT_EQ(pack(&Operations::FlushFileBuffers, platform::error::diskFull), 0U);
-    EXPECT_TRUE(Logged("Error code : 112"));
-    EXPECT_EQ(pack(&Operations::MoveFileExW, platform::error::accessDenied), 1U);  // to be packed again
-    Write(zipdata / "Agent_K7_3.tmp" / "in the way", "");
+    int creations = 0;
+    Operations unmakable = platform::Files();
+    unmakable.CreateFileW = [&, real = unmakable.CreateFileW](auto path, auto access, auto share, auto disposition,
+                                                              auto& file) {
+        const bool isZip = disposition == platform::FileDisposition::createAlways;
+        return isZip && ++creations > 1 ? platform::error::accessDenied : real(path, access, share, disposition, file);
+    };
+    const struct {
+        Operations files;
+        std::size_t kept;
+        const char* logged;
+    } rows[] = {
+        {Failing(&Operations::FlushFileBuffers, platform::error::diskFull), 1, "K7_1.tmp] is given up. Its record"},
+        {Failing(&Operations::MoveFileExW, platform::error::accessDenied), 1, "Not able to rename"},
+        {Failing(&Operations::ReadFile, platform::error::readFault), 0, "[data\\Agent_K7_1.txt] is lost"},
+        {unmakable, 0, "Agent_K7_4.tmp]. Error is [0x200] [Couldn't create/open file]"},
+    };
+    for (const auto& row : rows) {
+        WriteRecords(1, 1);
+        EXPECT_FALSE(Logged(row.logged));
+        const FileOverride failing(row.files);
+        PackRecordFiles(u"zipdata\\Agent_K7_");
+        EXPECT_TRUE(Logged(row.logged)) << row.logged;
+        EXPECT_THAT(FilesIn(zipdata), IsEmpty()) << row.logged;
+        EXPECT_EQ(FilesIn(data).size(), row.kept) << row.logged;
+    }
+    std::filesystem::create_directories(data / "directory.txt");
+    PackRecordFiles(u"zipdata\\Agent_K7_");
+    EXPECT_TRUE(Logged("[1] of the files found in data cannot be read"));
+    EXPECT_EQ(agentState.gv_ocLastCreatedZIPNum, 4U) << "a directory takes no number";
+    Write(zipdata / "Agent_K7_5.tmp" / "in the way", "");
+    WriteRecords(1, 1);
+    PackRecordFiles(u"zipdata\\Agent_K7_");
+    EXPECT_TRUE(Logged("[zipdata\\Agent_K7_5.tmp] cannot be made"));
+    PackRecordFiles(u"zipdata\\Agent_K7_");
+    EXPECT_EQ(NamesInZip(Read(zipdata / "Agent_K7_6.zip")), Records(1, 1));
+}
+
+TEST_F(UploadPipeline, ASourceThatFailsInItsMiddleCostsNoOther) {
+    WriteRecords(1, 5);
+    platform::FileHandle bad = 0;
+    platform::FileOperations files = platform::Files();
+    files.CreateFileW = [&, real = files.CreateFileW](auto path, auto access, auto share, auto disposition,
+                                                      auto& file) {
+        std::uint32_t stored = 0;
+        GetMALastCreatedZIPNum(stored);
+        if (path.ends_with(u".tmp")) {
+            EXPECT_EQ(stored, agentState.gv_ocLastCreatedZIPNum) << "before it is used";
+        }
+        const platform::Error error = real(path, access, share, disposition, file);
+        if (path.ends_with(u"_3.txt")) bad = file;
+        return error;
+    };
+    files.ReadFile = [&, real = files.ReadFile](auto file, void* buffer, std::size_t size, std::size_t& read) {
+        const platform::Error error = real(file, buffer, size, read);
+        return file == bad && read == 0 ? platform::error::readFault : error;
+    };
+    files.CloseHandle = [&, real = files.CloseHandle](auto file) { return bad = file == bad ? 0 : bad, real(file); };
+    const FileOverride failing(files);
+    agentState.gv_ocLastCreatedJSONNum = 5;
     PackRecordFiles(u"zipdata\\Agent_K7_");
     EXPECT_THAT(FilesIn(data), IsEmpty());
-    EXPECT_TRUE(Logged("Not able to create [zipdata\\Agent_K7_3.tmp]. Error is [0x200] [Couldn't create/open file]"));
+    EXPECT_EQ(NamesInZip(Read(zipdata / "Agent_K7_1.zip")), Records(1, 2));
+    EXPECT_EQ(NamesInZip(Read(zipdata / "Agent_K7_2.zip")), Records(4, 5));
+    EXPECT_TRUE(Logged("[data\\Agent_K7_3.txt] is lost"));
+    std::uint32_t stored = 0;
+    GetMALastCreatedJSONNum(stored);
+    EXPECT_EQ(stored, 5U);
+}
+
+TEST_F(UploadPipeline, AFullDiskCostsNoRecord) {
+    std::uint64_t room = 0, written = 0, limit = UINT64_MAX;
+    platform::FileOperations files = platform::Files();
+    files.GetDiskFreeSpaceExW = [&](auto, std::uint64_t& available) {
+        available = room;
+        return platform::error::success;
+    };
+    platform::FileHandle zip = 0;
+    files.CreateFileW = [&, real = files.CreateFileW](auto path, auto access, auto share, auto disposition,
+                                                      auto& file) {
+        const platform::Error error = real(path, access, share, disposition, file);
+        if (disposition == platform::FileDisposition::createAlways) zip = file, written = 0;
+        return error;
+    };
+    files.WriteFile = [&, real = files.WriteFile](auto file, const void* bytes, std::size_t size) {
+        if (file == zip) written += size;
+        return file == zip && written > limit ? platform::error::diskFull : real(file, bytes, size);
+    };
+    const FileOverride full(files);
+    const auto pack = [&] { PackRecordFiles(u"zipdata\\Agent_K7_"); };
+    WriteRecords(1, 3);
+    pack();
+    EXPECT_EQ(FilesIn(data).size(), 3U);
+    EXPECT_TRUE(Logged("No room for [3 record files] in [zipdata]"));
+    EXPECT_EQ(LogText().find("No room for"), LogText().rfind("No room for")) << "once a pass";
+    room = 18500;  // for two
+    pack();
+    EXPECT_EQ(NamesInZip(Read(zipdata / "Agent_K7_1.zip")), Records(1, 2));
+    EXPECT_EQ(NamesInZip(Read(zipdata / "Agent_K7_2.zip")), Records(3, 3));
+
+    room = UINT64_MAX;
+    limit = 20'000;  // as another writer has it
+    WriteRecords(4, 200);
+    pack();
+    EXPECT_THAT(FilesIn(data), IsEmpty());
+    EXPECT_EQ(KeptRecords(), Records(1, 200));
+    EXPECT_FALSE(Logged("is lost"));
+}
+
+TEST_F(UploadPipeline, AClockThatIsSetHoldsUpNoPassAndNeitherHidesNorMakesAnOutage) {
+    std::int64_t shift = 0;
+    platform::ClockOperations shifted = platform::Clock();
+    shifted.GetSystemTimeMilliseconds = [&] { return clock.nowMilliseconds() + shift; };
+    const platform::ScopedOperations<platform::ClockOperations> scoped(shifted);
+    constexpr std::int64_t day = 86'400'000;
+    const std::pair<std::int64_t, std::int64_t> steps[] = {
+        {0, 0}, {100, -day}, {1000, 3650 * day}, {1500, 0}, {14400, -365 * day}};
+    std::int64_t elapsed = 0, stopped = 0;
+    clock.onSleep = [&](std::uint32_t) {
+        elapsed = (clock.nowMilliseconds() - VirtualClock::startMilliseconds) / 1000;
+        for (const auto& [from, by] : steps) shift = elapsed >= from ? by : shift;
+        if (stopped == 0 && agentState.gv_collectData == 0) stopped = elapsed;
+    };
+    QueueZips({"Agent_K7_1.zip"});
+    status = 503;
+    RunFor(59);
+    EXPECT_THAT(Tried(), IsEmpty()) << "the first minute";
+    clock.advanceMilliseconds(VirtualClock::startMilliseconds - clock.nowMilliseconds());
+    RunFor(60 + 305 * 80);
+    EXPECT_NEAR(static_cast<double>(tried.size()), 82, 2);
+    EXPECT_NEAR(static_cast<double>(stopped), 60 + 360 * 60, 310);
 }
 
 }  // namespace kv::test
