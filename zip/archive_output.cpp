@@ -18,8 +18,7 @@ ZipResult WriteResult(platform::Error error) {
     return zip_result::writeFailed;
 }
 
-}  // namespace
-
+/// Writes out the buffer.
 ZipResult FlushOutput(ArchiveOutput& output) {
     if (output.used == 0 || output.isMemory()) return zip_result::ok;
     const ZipResult result = WriteResult(platform::Files().WriteFile(output.file, output.buffer.data(), output.used));
@@ -28,6 +27,8 @@ ZipResult FlushOutput(ArchiveOutput& output) {
     output.used = 0;
     return zip_result::ok;
 }
+
+}  // namespace
 
 ZipResult FlushToDisk(ArchiveOutput& output) {
     if (const ZipResult result = FlushOutput(output); result != zip_result::ok) return result;

@@ -32,9 +32,6 @@ struct ArchiveOutput {
 // The routines below give writeFailed when the file cannot be written, which leaves the system's error in the log, or
 // would outgrow the offsets of an archive; memoryTooSmall when the memory is full.
 
-/// Writes out the buffer.
-ZipResult FlushOutput(ArchiveOutput& output);
-
 /// Writes out the buffer, and brings a file of its own to the disk itself.
 ZipResult FlushToDisk(ArchiveOutput& output);
 
