@@ -106,14 +106,17 @@ void ReadProtocolAndKey() {
         state.gv_masterAgent = u"NO";
 }
 
-/// False at the first name or address of this computer that is not to be had.
+/// False at the first name of this computer that cannot be obtained. A missing address costs itself alone: it may come
+/// with the network.
 bool ReadComputer() {
-    return Fetched(GetLocalComputerName(agentState.gv_agentID),
-                   "\t getCSDetails :: Not able to fetch the GetLocalComputerName and assign it to gv_agentID\n") &&
-           Fetched(GetComputerNameWithDNS(agentState.gv_agentDNS),
-                   "\t getCSDetails :: Not able to fetch the GetComputerNameWithDNS and assign it to gv_agentDNS\n") &&
-           Fetched(GetLocalIPAddr(agentState.gv_localIPAddress),
-                   "\t getCSDetails :: Not able to fetch the GetLocalIPAddress and assign it to gv_localIPAddress\n");
+    if (!Fetched(GetLocalComputerName(agentState.gv_agentID),
+                 "\t getCSDetails :: Not able to fetch the GetLocalComputerName and assign it to gv_agentID\n") ||
+        !Fetched(GetComputerNameWithDNS(agentState.gv_agentDNS),
+                 "\t getCSDetails :: Not able to fetch the GetComputerNameWithDNS and assign it to gv_agentDNS\n"))
+        return false;
+    Fetched(GetLocalIPAddr(agentState.gv_localIPAddress),
+            "\t getCSDetails :: Not able to fetch the GetLocalIPAddress and assign it to gv_localIPAddress\n");
+    return true;
 }
 
 /// A number accessor never fails; it has put its fallback there by itself.

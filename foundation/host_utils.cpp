@@ -1,8 +1,13 @@
 #include "foundation/host_utils.h"
 
 #include <array>
+#include <functional>
+#include <memory>
+#include <utility>
 
+#include "foundation/guarded.h"
 #include "foundation/log.h"
+#include "foundation/thread_pool.h"
 #include "platform/sockets.h"
 #include "platform/system_facts.h"
 #include "platform/utf.h"
@@ -39,6 +44,51 @@ Error LocalHostName(std::string& name) {
     if (result != error::success) Log1("GetLocalComputerName: Error while getting computername! %d \n", result);
     return result;
 }
+
+using LookupWork = std::function<Error(std::u16string& found)>;
+
+/// A lookup on a thread of its own, which lives as long as whoever asked or the thread needs it.
+struct Lookup {
+    LookupWork work;
+    std::u16string found = {};
+    Error result = error::generalFailure;
+};
+
+std::uint32_t RunLookup(void* argument) {
+    const std::unique_ptr<std::shared_ptr<Lookup>> lookup(static_cast<std::shared_ptr<Lookup>*>(argument));
+    RunGuarded("RunLookup", [&own = **lookup] { own.result = own.work(own.found); });
+    return 0;
+}
+
+/// Waits no longer than the patience for a lookup, which name servers that keep silent may hold up for a minute:
+/// waitTimeout then, and the lookup ends by itself some time.
+Error LookUpWithin(std::uint32_t patience, LookupWork work, std::u16string& found) {
+    if (patience == platform::infinite) return work(found);
+    const auto lookup = std::make_shared<Lookup>(Lookup{std::move(work)});
+    auto argument = std::make_unique<std::shared_ptr<Lookup>>(lookup);
+    const platform::ThreadHandle thread = CreateNewThread_MSP(RunLookup, argument.get());
+    if (thread == 0) return error::waitTimeout;
+    static_cast<void>(argument.release());
+    if (const Error waited = platform::Threads().WaitForThread(thread, patience)) return waited;
+    found = std::move(lookup->found);
+    return lookup->result;
+}
+
+/// What the computer's own name leads to.
+Error AddressOfName(const std::string& name, std::uint32_t patience, std::u16string& address) {
+    const auto resolve = [gethostbyname = Sockets().gethostbyname, name](std::u16string& found) {
+        platform::HostEntry host;
+        const Error result = gethostbyname(name, host);
+        found = platform::WideFromUtf8(host.address);
+        return result;
+    };
+    const Error result = LookUpWithin(patience, resolve, address);
+    if (result != error::success) Log1("\t GetLocalIPAddr:: gethostbyname returned error %d:\n", result);
+    return result;
+}
+
+/// True for an address that means another computer to everyone else.
+bool IsLoopback(std::u16string_view address) { return address.starts_with(u"127."); }
 
 void TakeHost(const platform::HostEntry& host, OptionalText& outName, OptionalText& outAddress) {
     outName = platform::WideFromUtf8(host.name);
@@ -91,11 +141,16 @@ bool GetLocalComputerName(OptionalText& out) {
     return true;
 }
 
-bool GetComputerNameWithDNS(OptionalText& out) {
+bool GetComputerNameWithDNS(OptionalText& out, std::uint32_t patience) {
     Log3("\t Inside GetComputerNameWithDNS() \n");
     out.reset();
     std::u16string name;
-    if (const Error result = platform::SystemFacts().GetComputerNameExW(name)) {
+    const Error result = LookUpWithin(patience, platform::SystemFacts().GetComputerNameExW, name);
+    if (result == error::waitTimeout) {
+        Log1("GetComputerNameWithDNS: no name server has answered in %u ms. The plain name is taken\n", patience);
+        return GetLocalComputerName(out);
+    }
+    if (result != error::success) {
         Log1("GetComputerNameWithDNS: Error while getting computername! %d \n", result);
         return false;
     }
@@ -103,7 +158,7 @@ bool GetComputerNameWithDNS(OptionalText& out) {
     return true;
 }
 
-bool GetLocalIPAddr(OptionalText& out) {
+bool GetLocalIPAddr(OptionalText& out, std::uint32_t patience) {
     Log3("\t Inside GetLocalIPAddr() \n");
     out.reset();
     const SocketLibrary library(1, 1);
@@ -116,13 +171,18 @@ bool GetLocalIPAddr(OptionalText& out) {
         Log1("\t GetLocalIPAddr:: Error while fetching local computer name %d:\n", result);
         return false;
     }
-    platform::HostEntry host;
-    if (const Error result = Sockets().gethostbyname(name, host)) {
-        Log1("\t GetLocalIPAddr:: gethostbyname returned error %d:\n", result);
-        return false;
+    std::u16string address;
+    const bool isFound = AddressOfName(name, patience, address) == error::success;
+    std::string routed;
+    if (isFound && !IsLoopback(address)) {
+        out = std::move(address);
+    } else if (Sockets().GetDefaultRouteAddress(routed) == error::success) {
+        Log1("\t GetLocalIPAddr:: the address of the interface with the default route is taken: %s\n", routed);
+        out = platform::WideFromUtf8(routed);
+    } else if (isFound) {
+        out = std::move(address);
     }
-    out = platform::WideFromUtf8(host.address);
-    return true;
+    return out.has_value();
 }
 
 bool GetRemoteHostDetails(std::u16string_view name, OptionalText& outName, OptionalText& outAddress) {

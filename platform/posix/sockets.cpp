@@ -1,6 +1,7 @@
 #include <arpa/inet.h>
 #include <array>
 #include <cerrno>
+#include <cstring>
 #include <memory>
 #include <netdb.h>
 #include <netinet/in.h>
@@ -8,6 +9,7 @@
 #include <unistd.h>
 
 #include "platform/posix/datagrams.h"
+#include "platform/posix/descriptor.h"
 #include "platform/posix/posix.h"
 
 namespace platform {
@@ -64,6 +66,26 @@ Error HostByAddress(std::string_view dottedAddress, HostEntry& host) {
     return error::success;
 }
 
+/// Connecting a datagram socket sends nothing: it makes the kernel choose the route, and with it the own address.
+Error DefaultRouteAddress(std::string& dottedAddress) {
+    const Descriptor probe(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (!probe.isOpen()) return ErrorFromErrno(errno);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(9);
+    address.sin_addr.s_addr = htonl(0xC6336401);  // 198.51.100.1, of documentation: any far address
+    auto* const generic = reinterpret_cast<sockaddr*>(&address);
+    socklen_t size = sizeof address;
+    if (connect(probe.number(), generic, size) != 0 || getsockname(probe.number(), generic, &size) != 0)
+        return error::hostNotFound;
+    const std::uint32_t own = ntohl(address.sin_addr.s_addr);
+    if (own == INADDR_ANY || own >> 24 == IN_LOOPBACKNET) return error::hostNotFound;
+    std::array<std::uint8_t, 4> bytes{};
+    std::memcpy(bytes.data(), &address.sin_addr, bytes.size());
+    dottedAddress = TextFromAddress(bytes);
+    return error::success;
+}
+
 }  // namespace
 
 SocketOperations PosixSockets() {
@@ -73,6 +95,7 @@ SocketOperations PosixSockets() {
         .gethostname = OwnHostName,
         .gethostbyname = HostByName,
         .gethostbyaddr = HostByAddress,
+        .GetDefaultRouteAddress = DefaultRouteAddress,
         .inet_addr = AddressFromText,
         .inet_ntoa = TextFromAddress,
         .socket = OpenDatagramSocket,

@@ -149,6 +149,21 @@ Error HostByAddress(std::string_view dottedAddress, HostEntry& host) {
     return error::success;
 }
 
+/// Connecting a datagram socket sends nothing: it makes the system choose the route, and with it the own address.
+Error DefaultRouteAddress(std::string& dottedAddress) {
+    const OwnedSocket probe(::WSASocketW(AF_INET, SOCK_DGRAM, IPPROTO_UDP, nullptr, 0, WSA_FLAG_OVERLAPPED));
+    if (probe.Get() == INVALID_SOCKET) return SocketErrorOf(::WSAGetLastError());
+    sockaddr_in system = SystemAddressOf({{198, 51, 100, 1}, 9});  // of documentation: any far address
+    auto* const generic = reinterpret_cast<sockaddr*>(&system);
+    int size = sizeof system;
+    if (::connect(probe.Get(), generic, size) != 0 || ::getsockname(probe.Get(), generic, &size) != 0)
+        return error::hostNotFound;
+    const SocketAddress own = AddressOf(system);
+    if (own.address[0] == 0 || own.address[0] == 127) return error::hostNotFound;
+    dottedAddress = TextFromAddress(own.address);
+    return error::success;
+}
+
 SOCKET NewSocket() {
     const auto make = [](DWORD flags) {
         return ::WSASocketW(AF_INET, SOCK_DGRAM, IPPROTO_UDP, nullptr, 0, WSA_FLAG_OVERLAPPED | flags);
@@ -239,6 +254,7 @@ SocketOperations WindowsSockets() {
         .gethostname = OwnHostName,
         .gethostbyname = HostByName,
         .gethostbyaddr = HostByAddress,
+        .GetDefaultRouteAddress = DefaultRouteAddress,
         .inet_addr = AddressFromText,
         .inet_ntoa = TextFromAddress,
         .socket = OpenDatagramSocket,

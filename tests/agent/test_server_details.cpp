@@ -1,11 +1,16 @@
 // Server and proxy details from a real registry.
+#include <future>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "agent/server_details.h"
 #include "foundation/agent_state.h"
 #include "foundation/registry_store.h"
 #include "platform/registry.h"
+#include "platform/sockets.h"
+#include "platform/system_facts.h"
+#include "platform/threads.h"
 #include "platform/utf.h"
 #include "tests/support/test_agent.h"
 
@@ -48,9 +53,12 @@ TEST_F(ServerDetails, AMissingValueStopsOrFallsBack) {
     for (const Setting& missing : requiredSettings) {
         EXPECT_EQ(getCSDetails(), 13) << platform::Utf8FromWide(missing.name);
         EXPECT_EQ(state.gv_agentID, std::nullopt) << "it stops there";
+        EXPECT_EQ(state.gv_MaxFilesInDir, 15);
         Set(missing);
     }
     EXPECT_EQ(getCSDetails(), 0);
+    EXPECT_EQ(state.gv_MaxFilesInDir, 1500);
+    EXPECT_EQ(state.gv_SysInfoInterval, 55);
     EXPECT_EQ(state.gv_ServerName, u"central");
     EXPECT_EQ(state.gv_ServerPort, 8443);
     EXPECT_EQ(state.gv_LastAccessName.view(), u"last");
@@ -71,6 +79,73 @@ TEST_F(ServerDetails, AMissingValueStopsOrFallsBack) {
     EXPECT_EQ(getCSDetails(), 0);
     EXPECT_EQ(state.gv_ServerSecIPAddress, std::nullopt) << "too short for an address";
     EXPECT_TRUE(Logged("KVServerSecurePort is no port number : 84x\n"));
+    const std::pair<std::u16string_view, int> protocols[] = {{u"HTTPS", 1}, {u"ftp", 0}};
+    for (const auto& [protocol, isSecure] : protocols) {
+        Set({server, u"KVServerProtocol", protocol});
+        EXPECT_EQ(getCSDetails(), 0);
+        EXPECT_EQ(state.gv_httpsEnabled, isSecure) << platform::Utf8FromWide(protocol);
+    }
+    EXPECT_TRUE(Logged("neither https nor http and counts as http : ftp\n"));
+}
+
+TEST_F(ServerDetails, TheOwnNameAndAddressHoldNothingUp) {
+    namespace error = platform::error;
+    const struct {
+        const char* title;
+        platform::Error lookup;  // waitTimeout: no answer
+        const char* address;     // that it gives
+        const char* routed;      // of the interface with the default route; null: no such route
+        std::optional<std::u16string_view> own;
+    } rows[] = {
+        {"an address of use", error::success, "10.1.2.3", "10.9.9.9", u"10.1.2.3"},
+        {"one that means another computer elsewhere", error::success, "127.0.1.1", "10.9.9.9", u"10.9.9.9"},
+        {"the same, alone", error::success, "127.0.1.1", nullptr, u"127.0.1.1"},
+        {"an unknown name", error::hostNotFound, "", "10.9.9.9", u"10.9.9.9"},
+        {"an unknown name, alone", error::hostNotFound, "", nullptr, std::nullopt},
+        {"silent name servers", error::waitTimeout, "", "10.9.9.9", u"10.9.9.9"},
+    };
+    for (const Setting& setting : requiredSettings) Set(setting);
+    std::promise<void> answer;
+    const std::shared_future<void> answered = answer.get_future().share();
+    std::vector<platform::ThreadHandle> lookups;
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.title);
+        const bool isSilent = row.lookup == error::waitTimeout;
+        std::uint32_t waited = 0;
+        platform::SystemFactOperations facts = platform::SystemFacts();
+        facts.GetComputerNameExW = [isSilent, answered](std::u16string& name) {
+            if (isSilent) answered.wait();
+            name = u"pc.example";
+            return error::success;
+        };
+        platform::SocketOperations sockets = platform::Sockets();
+        sockets.gethostbyname = [&row, isSilent, answered](std::string_view, platform::HostEntry& host) {
+            if (isSilent) answered.wait();
+            host.address = row.address;
+            return row.lookup;
+        };
+        sockets.GetDefaultRouteAddress = [&row](std::string& address) {
+            if (row.routed) address = row.routed;
+            return row.routed ? error::success : error::hostNotFound;
+        };
+        platform::ThreadOperations threads = platform::Threads();
+        threads.WaitForThread = [&, wait = threads.WaitForThread](platform::ThreadHandle lookup, std::uint32_t time) {
+            lookups.push_back(lookup);
+            waited += time;
+            return isSilent ? error::waitTimeout : wait(lookup, platform::infinite);
+        };
+        const platform::ScopedOperations scopedFacts(facts);
+        const platform::ScopedOperations scopedSockets(sockets);
+        const platform::ScopedOperations scopedThreads(threads);
+        test::ResetAgentState();
+        EXPECT_EQ(getCSDetails(), 0);
+        EXPECT_LE(waited, 600U) << "milliseconds, of a start that is to take less than a second";
+        EXPECT_EQ(agentState.gv_localIPAddress, row.own);
+        EXPECT_EQ(agentState.gv_agentDNS, isSilent ? agentState.gv_agentID : u"pc.example");
+        EXPECT_EQ(agentState.gv_MaxFilesInDir, 1500) << "what comes later is read";
+    }
+    answer.set_value();
+    for (const platform::ThreadHandle lookup : lookups) platform::Threads().WaitForThread(lookup, platform::infinite);
 }
 
 TEST_F(ServerDetails, ReadsTheProxyOnlyWhenItIsOn) {
