@@ -3,18 +3,24 @@
 #include <array>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "agent/service_admin.h"
 #include "collection/record_file.h"
 #include "exchange/http_transaction.h"
 #include "foundation/agent_state.h"
 #include "foundation/file_utils.h"
+#include "foundation/guarded.h"
 #include "foundation/host_utils.h"
 #include "foundation/log.h"
+#include "foundation/open_file.h"
 #include "foundation/registry_store.h"
 #include "foundation/text.h"
+#include "foundation/thread_pool.h"
 #include "platform/clock.h"
 #include "platform/errors.h"
+#include "platform/files.h"
+#include "queryconf/conf_paths.h"
 
 namespace kv {
 
@@ -22,18 +28,26 @@ namespace {
 
 constexpr std::uint32_t retryMilliseconds = 60000;
 
+/// How long the name servers may hold up an agent that goes on with its key, in milliseconds.
+constexpr std::uint32_t firstPatience = 5000;
+
 /// The text stored where the registry has no key yet, and the one from before the registry was read.
 bool HasKey() {
     const std::u16string_view key = agentState.gv_agentKey.view();
     return !key.empty() && CompareIgnoreCase(key, u"HUBCENTER") != 0 && CompareIgnoreCase(key, u"NULL") != 0;
 }
 
-std::u16string RegistrationUrl() {
+/// What is known of this computer now: at the start the network may not have been there yet.
+std::u16string RegistrationUrl(std::uint32_t patience) {
+    OptionalText dnsName;
+    OptionalText address;
+    if (!GetComputerNameWithDNS(dnsName, patience)) dnsName = agentState.gv_agentDNS;
+    if (!GetLocalIPAddr(address, patience)) address = agentState.gv_localIPAddress;
     const std::array<std::pair<std::u16string_view, std::u16string>, 7> parameters{{
         {u"agentKey", std::u16string(agentState.gv_agentKey.view())},
         {u"agentID", agentState.gv_agentID.value_or(u"")},
-        {u"agentDNS", agentState.gv_agentDNS.value_or(u"")},
-        {u"ipAddress", agentState.gv_localIPAddress.value_or(u"")},
+        {u"agentDNS", dnsName.value_or(u"")},
+        {u"ipAddress", address.value_or(u"")},
         {u"customerName", agentState.gv_custID.value_or(u"")},
         {u"remoteOffice", agentState.gv_remoteOfficeName.value_or(u"")},
         {u"osName", GetOSName()},
@@ -51,10 +65,9 @@ std::u16string RegistrationUrl() {
 }
 
 /// One exchange; true when the server has answered and the agent knows whether and with which key to run.
-bool Register() {
+bool Register(std::uint32_t patience) {
     Log3("\t Inside Register() \n");
-    agentState.gv_agentRunFlag = 1;
-    std::u16string url = RegistrationUrl();
+    std::u16string url = RegistrationUrl(patience);
     Log2("\t InitLicenseParams :: URL is %s\n", url);
     const platform::Error error = AgentSendRequest(agentState.gv_ServerName, agentState.gv_ServerPort, url, {}, nullptr,
                                                    RequestKind::REQUEST_GET_HEADERS, 0, false);
@@ -66,30 +79,87 @@ bool Register() {
         Log1("\t InitLicenseParams :: The server answered without an agent key\n");
         return false;
     }
-    return true;
-}
-
-/// True when the server has registered the agent; false when it goes on with the key it has, or is told not to run.
-bool Enrol() {
-    while (!Register()) {
-        if (agentState.gv_agentRunFlag != 1) return false;
-        if (HasKey()) {
-            Log1("\t InitLicenseParams :: Going on with the agent key of an earlier run\n");
-            return false;
-        }
-        Log1("\t InitLicenseParams :: Trying again in %d seconds\n", retryMilliseconds / 1000);
-        platform::Clock().Sleep(retryMilliseconds);
-    }
     Log1("\t InitLicenseParams :: Registered with agent key %s\n", agentState.gv_agentKey);
     return true;
 }
 
-/// The settings may have ended ahead of the key; the key of an earlier run counts all the same.
+void WaitForRetry() {
+    Log1("\t InitLicenseParams :: Trying again in %d seconds\n", retryMilliseconds / 1000);
+    platform::Clock().Sleep(retryMilliseconds);
+}
+
+/// True when the server has registered the agent; false when it goes on with the key it has, or is told not to run.
+bool Enrol() {
+    const bool hasKey = HasKey();
+    for (;;) {
+        agentState.gv_agentRunFlag = 1;
+        if (Register(hasKey ? firstPatience : platform::infinite)) return true;
+        if (agentState.gv_agentRunFlag != 1) return false;
+        if (HasKey()) break;
+        WaitForRetry();
+    }
+    Log1("\t InitLicenseParams :: Going on with the agent key of an earlier run\n");
+    return false;
+}
+
+/// From now on the agent tells its server of its end.
+void TakeRegistration() {
+    if (agentState.gv_agentRunFlag == 1)
+        SetEnableSendAgentStatus(u"yes");
+    else
+        Log1("\t InitLicenseParams :: The server wants this agent not to run, which counts from its next start on\n");
+}
+
+/// Thread body of an agent that works already: asks every minute until the server answers.
+std::uint32_t RegisterLater(void* /*ignored*/) {
+    bool isRegistered = false;
+    while (!isRegistered) {
+        WaitForRetry();
+        RunGuarded("RegisterLater", [&isRegistered] {
+            isRegistered = Register(platform::infinite);
+            if (isRegistered) TakeRegistration();
+        });
+    }
+    return 0;
+}
+
+/// The settings may have ended ahead of the key, or it could not be read; the key of an earlier run counts all the
+/// same. While nobody can say whether there is one, the agent does not ask for another: it would become a new agent to
+/// its server, and lose its slaves.
 void TakeStoredKey() {
-    OptionalText key;
-    if (CompareIgnoreCase(agentState.gv_agentKey.view(), u"NULL") == 0 &&
-        GetOCAgentKey(key) == platform::error::success && key) {
-        agentState.gv_agentKey.publish(key);
+    while (!HasKey()) {
+        OptionalText key;
+        const platform::Error error = GetOCAgentKey(key);
+        if (error == platform::error::success && key) agentState.gv_agentKey.publish(key);
+        if (error == platform::error::success || error == platform::error::fileNotFound) return;
+        Log1(
+            "\t InitLicenseParams :: The stored agent key cannot be read, and no new one is asked for. Error is [%d]\n",
+            error);
+        WaitForRetry();
+    }
+}
+
+/// A copy of a plan has the plan's own name only when it is complete; these are names of one in the making.
+void RemoveUnfinishedCopy(std::u16string_view directory, std::u16string_view suffix) {
+    for (const std::u16string_view prefix : {u"", u".copy-"}) {
+        const std::u16string path = ConcatStrings(directory, prefix).append(conf_path::planName).append(suffix);
+        if (platform::Files().DeleteFileW(path) == platform::error::success)
+            Log1("\t InitLicenseParams :: %s was left unfinished by an earlier run and is deleted\n", path);
+    }
+}
+
+void RemoveUnfinishedCopies() {
+    constexpr std::u16string_view restored = u".restored";
+    constexpr std::u16string_view backup = u".new";
+    RemoveUnfinishedCopy(u"..\\conf\\", restored);
+    RemoveUnfinishedCopy(conf_path::backupDirectory, backup);
+    const std::pair<std::u16string_view, std::u16string_view> slaves[] = {{conf_path::slavesDirectory, restored},
+                                                                          {conf_path::backupDirectory, backup}};
+    for (const auto& [directory, suffix] : slaves) {
+        for (FileSearch search(ConcatStrings(directory, u"*")); search.HasFile(); search.Next()) {
+            if (search.file.isDirectory && IsPlainFileName(search.file.fileName))
+                RemoveUnfinishedCopy(ConcatStrings(directory, search.file.fileName) + u"\\", suffix);
+        }
     }
 }
 
@@ -102,12 +172,16 @@ void InitLicenseParams() {
         Log3("\t InitLicenseParams :: Going to delete slave dir...\n");
         DeleteDirectoryRecursively(agentState.gv_ocAgentBinPath.value_or(u"") + u"..\\conf\\slaves\\");
     }
-    const bool registered = Enrol();
+    const bool isRegistered = Enrol();
     if (agentState.gv_agentRunFlag != 1) {
         StopService();
         return;
     }
-    if (registered) SetEnableSendAgentStatus(u"yes");
+    if (isRegistered)
+        TakeRegistration();
+    else
+        CreateNewThread_MSP(RegisterLater, nullptr);
+    RemoveUnfinishedCopies();
     RemoveUnfinishedRecordFiles();
     VerifyLastFileNum();
 }

@@ -181,7 +181,8 @@ void TakeTimeDifference(std::u16string_view headers) {
 /// The key becomes part of file names and URLs: only what can stand in both is taken.
 bool IsAgentKey(std::u16string_view word) {
     constexpr std::size_t longestKey = 64;
-    return !word.empty() && word.size() <= longestKey && std::all_of(word.begin(), word.end(), [](char16_t c) {
+    const bool isDotsOnly = word.find_first_not_of(u'.') == word.npos;  // the directory itself, or the one above
+    return !isDotsOnly && word.size() <= longestKey && std::all_of(word.begin(), word.end(), [](char16_t c) {
         return c > u' ' && c < 0x7f && std::u16string_view(u"\\/:*?\"<>|&#%+").find(c) == std::u16string_view::npos;
     });
 }

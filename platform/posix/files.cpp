@@ -209,14 +209,16 @@ Error CopyContents(int from, int to) {
     return error::success;
 }
 
-/// The copy grows under a name of its own beside the target, and takes the target's place when it is complete.
+/// The copy grows under another name beside the target, and takes the target's place when it is complete. The name is
+/// always the same for a target, so that the next copy takes over what a kill has left.
 Error CopyFileW(std::u16string_view from, std::u16string_view to) {
     const std::string source = NativePathOf(from);
     const std::string target = NewPathOf(to);
     const Descriptor input(OpenDescriptor(source, O_RDONLY));
     if (input.number() < 0) return LastPathError(source);
-    std::string growing = (fs::path(target).parent_path() / ".copy-XXXXXX").string();
-    const Descriptor output(mkostemp(growing.data(), O_CLOEXEC));
+    const fs::path targetPath(target);
+    const std::string growing = targetPath.parent_path() / (".copy-" + targetPath.filename().string());
+    const Descriptor output(open(growing.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (output.number() < 0) return LastPathError(target);
     Error failure = CopyContents(input.number(), output.number());
     if (failure == 0 && rename(growing.c_str(), target.c_str()) != 0) failure = LastPathError(target);

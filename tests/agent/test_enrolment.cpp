@@ -1,11 +1,15 @@
 // Enrolment against a real server, in virtual time.
+#include <functional>
 #include <gtest/gtest.h>
 
 #include "agent/enrolment.h"
+#include "agent/main_thread.h"
 #include "foundation/agent_state.h"
 #include "foundation/registry_store.h"
 #include "lab/server.h"
 #include "lab/store.h"
+#include "platform/registry.h"
+#include "platform/threads.h"
 #include "tests/support/test_agent.h"
 #include "tests/support/virtual_clock.h"
 
@@ -37,8 +41,26 @@ class Enrolment : public TestAgent {
         lab::AddFault(store, {0, "RegisterAgent", lab::FaultKind::status, status, count});
     }
 
+    /// Threads that would work beside the test are only noted.
+    static platform::ThreadOperations Threads(std::vector<platform::ThreadStart>& started) {
+        platform::ThreadOperations threads = platform::Threads();
+        threads.CreateThread = [&started, create = threads.CreateThread](auto start, void* argument) {
+            if (argument != nullptr) return create(start, argument);
+            started.push_back(start);
+            return platform::ThreadHandle{1};
+        };
+        return threads;
+    }
+
+    bool ReportsItsEnd() const {
+        OptionalText enabled;
+        return GetEnableSendAgentStatus(enabled) == 0 && enabled == u"yes";
+    }
+
     VirtualClock clock_;
     lab::LabServer server_;
+    std::vector<platform::ThreadStart> started;
+    platform::ScopedOperations<platform::ThreadOperations> threads_{Threads(started)};
 };
 
 TEST_F(Enrolment, WithoutAKeyItAsksEveryMinuteAndTakesWhatTheServerSays) {
@@ -60,9 +82,14 @@ TEST_F(Enrolment, WithoutAKeyItAsksEveryMinuteAndTakesWhatTheServerSays) {
     EXPECT_EQ(agents[0].details.customer, "M\u00fcller + S\u00f6hne #1 100%");
 }
 
-TEST_F(Enrolment, WithAKeyItGoesOnAfterOneFailedAttempt) {
+TEST_F(Enrolment, WithAKeyItGoesOnAndAsksAgainUntilItIsAnswered) {
     agentState.gv_agentKey.publish(u"K7");
-    orderFault(503, 1);
+    orderFault(503, 4);
+    const std::filesystem::path copies[] = {conf / "queryconf.txt.restored", conf / "backup" / "queryconf.txt.new",
+                                            conf / "slaves" / "S1" / "queryconf.txt.restored",
+                                            conf / "backup" / "S1" / ".copy-queryconf.txt.new"};
+    for (const std::filesystem::path& copy : copies) Write(copy, "half");
+    Write(conf / "queryconf.txt.new", "an administrator's");
     Write(data / "Agent_K7_9.txt", "{}");
     Write(data / "Agent_K7_10.tmp", "half");
     InitLicenseParams();
@@ -70,15 +97,68 @@ TEST_F(Enrolment, WithAKeyItGoesOnAfterOneFailedAttempt) {
     EXPECT_EQ(agentState.gv_agentKey.view(), u"K7");
     EXPECT_EQ(agentState.gv_ocLastCreatedJSONNum, 9U);
     EXPECT_FALSE(std::filesystem::exists(data / "Agent_K7_10.tmp"));
-    OptionalText enabled;
-    EXPECT_NE(GetEnableSendAgentStatus(enabled), 0U) << "only a server's answer allows status reports";
+    for (const std::filesystem::path& copy : copies) EXPECT_FALSE(std::filesystem::exists(copy)) << copy;
+    EXPECT_TRUE(std::filesystem::exists(conf / "queryconf.txt.new"));
+    EXPECT_FALSE(ReportsItsEnd()) << "only a server's answer allows it";
+    ASSERT_EQ(started.size(), 1U);
+    EXPECT_EQ(started[0](nullptr), 0U);
+    EXPECT_EQ(clock_.nowMilliseconds(), VirtualClock::startMilliseconds + 4 * 60000);
+    EXPECT_TRUE(ReportsItsEnd());
 }
 
-TEST_F(Enrolment, ARefusedAgentDoesNotRun) {
+TEST_F(Enrolment, RefusedWhenItWorksAlreadyItEndsWithTheNextStart) {
     agentState.gv_agentKey.publish(u"BANNED");
+    orderFault(503, 1);
     InitLicenseParams();
+    ASSERT_EQ(started.size(), 1U);
+    started[0](nullptr);
+    EXPECT_TRUE(Logged("not to run, which counts from its next start on"));
+    EXPECT_FALSE(Logged("StopService"));
+    EXPECT_FALSE(ReportsItsEnd());
+}
+
+TEST_F(Enrolment, ARefusedAgentHasNeitherPlanNorThreads) {
+    agentState.gv_agentKey.publish(u"BANNED");
+    EXPECT_EQ(InvokeMainThread(nullptr), 0U);
     EXPECT_EQ(agentState.gv_agentRunFlag, 0);
+    EXPECT_TRUE(Logged("gv_agentRunFlag is set to FALSE. Shutting the agent service \n"));
     EXPECT_TRUE(Logged("StopService"));
+    EXPECT_EQ(agentState.gv_loadqueryconf, 0);
+    EXPECT_TRUE(started.empty());
+}
+
+TEST_F(Enrolment, OnlyAKeyThatIsNotThereIsReplaced) {
+    const struct {
+        const char* title;
+        platform::Error failure;          // of the first two reads
+        std::u16string_view stored, key;  // and what comes of it
+        int minutes;
+        bool hasSlaves;
+    } rows[] = {
+        {"no key", platform::error::fileNotFound, u"", u"LAB1", 0, false},
+        {"in another case", platform::error::success, u"HubCenter", u"LAB1", 0, false},
+        {"a registry that is busy", platform::error::busy, u"K7", u"K7", 2, true},
+        {"one that may not be read", platform::error::accessDenied, u"K7", u"K7", 2, true},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.title);
+        Write(conf / "slaves" / "S1" / "queryconf.txt", "x");
+        if (!row.stored.empty()) SetOCAgentKey(row.stored);
+        agentState.gv_agentKey.publish(row.failure == 0 ? row.stored : u"HUBCENTER");
+        int reads = 0;
+        platform::RegistryOperations registry = platform::Registry();
+        registry.RegQueryValueExW = [&, query = registry.RegQueryValueExW](auto key, auto name, auto* type, auto* bytes,
+                                                                           std::size_t& size) {
+            const bool fails = name == u"MonitoringAgentKey" && ++reads <= 2 && row.failure != 0;
+            return fails ? row.failure : query(key, name, type, bytes, size);
+        };
+        const platform::ScopedOperations scoped(registry);
+        const std::int64_t before = clock_.nowMilliseconds();
+        InitLicenseParams();
+        EXPECT_EQ(clock_.nowMilliseconds() - before, row.minutes * 60000);
+        EXPECT_EQ(agentState.gv_agentKey.view(), row.key);
+        EXPECT_EQ(std::filesystem::exists(conf / "slaves" / "S1"), row.hasSlaves);
+    }
 }
 
 }  // namespace

@@ -212,6 +212,7 @@ TEST_F(HttpTransaction, HeadersFillTheState) {
     EXPECT_EQ(GetOCAgentKey(stored), 0u);
     EXPECT_EQ(stored, u"K7");
     ParseHeader(u"TIMEDIFF: 5\r\nAgentKey: ..\\up\r\nAgentRun: yes\r\n");  // nothing here that can be taken
+    for (const char16_t* dots : {u"AgentKey: .\r\n", u"AgentKey: ..\r\n", u"AgentKey: ...\r\n"}) ParseHeader(dots);
     EXPECT_EQ(agentState.gv_timeDiff, -90);
     EXPECT_EQ(agentState.gv_agentKey.view(), u"K7");
     EXPECT_EQ(agentState.gv_agentRunFlag, 0);

@@ -39,6 +39,7 @@ TEST_F(FilesTest, OpeningNeverWaits) {
 TEST_F(FilesTest, AFullDiskIsAnErrorAndNeverHalfACopy) {
     Write("./big", std::string(100'000, 'b'));
     Write("./target", "as it was");
+    Write("./.copy-target", std::string(200'000, 'k'));  // left by a copy that was killed
     rlimit former{};  // no file grows beyond the limit: the next best thing to a full disk
     getrlimit(RLIMIT_FSIZE, &former);
     const rlimit limit{4096, former.rlim_max};
