@@ -11,6 +11,7 @@
 #include "agent/service.h"
 #include "agent/service_admin.h"
 #include "foundation/agent_state.h"
+#include "foundation/guarded.h"
 #include "foundation/log.h"
 #include "foundation/registry_store.h"
 #include "foundation/resource_lock.h"
@@ -45,7 +46,7 @@ void AppendNote(std::u16string_view path, std::string_view text) {
 }
 
 /// False when there is no memory for the path.
-bool FindBinPath() {
+bool FindBinPath() try {
     OptionalText installDir;
     const platform::Error error = GetKVAgentInstallDir(installDir);
     if (error != platform::error::success || !installDir) {
@@ -54,13 +55,11 @@ bool FindBinPath() {
         AppendNote(registryNote, "Not able to fetch the KV Agent installation directory from the registry\n");
         return true;
     }
-    try {
-        agentState.gv_ocAgentBinPath = *installDir + u"monitoring\\bin\\";
-    } catch (const std::bad_alloc&) {
-        AppendNote(memoryNote, "Not able to allocate memory for gv_ocAgentBinPath\n");
-        return false;
-    }
+    agentState.gv_ocAgentBinPath = *installDir + u"monitoring\\bin\\";
     return true;
+} catch (const std::bad_alloc&) {
+    AppendNote(memoryNote, "Not able to allocate memory for gv_ocAgentBinPath\n");
+    return false;
 }
 
 /// Opens the log; a person at the console learns where it should have been when that fails.
@@ -104,11 +103,16 @@ int RunUnInstall() {
     return 1;
 }
 
+/// Neither mode is ended by what goes wrong here.
+void LoadDetails() {
+    RunGuarded("getCSDetails", getCSDetails);
+    RunGuarded("getProxyServerDetails", getProxyServerDetails);
+}
+
 [[noreturn]] void RunInConsole(std::u16string_view argument) {
     OpenLog(agentLog);
     Log3("Going to work in command line %s\n", argument);
-    getCSDetails();
-    getProxyServerDetails();
+    LoadDetails();
     agentState.gv_isMainThreadStarted = true;
     CreateNewThread_MSP(InvokeMainThread, nullptr);
     WaitForever();
@@ -117,8 +121,7 @@ int RunUnInstall() {
 int PrintConfiguration(std::u16string_view argument) {
     OpenLog(testMonitorLog);
     Log3("Going to process test monitor %s\n", argument);
-    getCSDetails();
-    getProxyServerDetails();
+    LoadDetails();
     ProcessTestMonitor();
     StopLogging();
     return 1;

@@ -37,8 +37,10 @@ void LogFailure(const char* line, Error failure) {
 }
 
 void LoadDetails() {
-    if (getCSDetails() != 0) Log1("\t ServiceMain() :: getCSDetails returned ERROR_INVALID_DATA\n");
-    getProxyServerDetails();
+    RunGuarded("getCSDetails", [] {
+        if (getCSDetails() != 0) Log1("\t ServiceMain() :: getCSDetails returned ERROR_INVALID_DATA\n");
+    });
+    RunGuarded("getProxyServerDetails", getProxyServerDetails);
 }
 
 /// Ends a start before anything else runs or is told of it.
@@ -96,7 +98,7 @@ void ReportEndWhereWanted() {
 void ServiceMain() {
     Log2("\t Inside ServiceMain() %s %s\n", GetCurrDateString(), GetTimeString(1));
     InitMutex();
-    RunGuarded("ServiceMain", LoadDetails);
+    LoadDetails();
     if (!SetUpService() || !StartWork()) return;
     Log1("\t %s ServiceMain : Tallowmere OnCall Agent Service is started successfully \n", GetTimeString(1));
     platform::Threads().WaitForEvent(agentState.gv_stopEvent, platform::infinite);

@@ -26,6 +26,9 @@ constexpr std::uint64_t waitLimit = 30000;  // milliseconds, beyond which a serv
 /// does not come to where it was sent would keep a processor and the service manager busy all the time.
 constexpr std::uint32_t pauseWithoutHint = 100;
 
+/// In milliseconds. No service names longer hints in earnest, and some say 0xFFFFFFFF, which is forever.
+constexpr std::uint32_t longestHint = 3600 * 1000;
+
 /// What is done, and to which service, for the log.
 struct Task {
     const char* operation;
@@ -226,7 +229,7 @@ bool WaitWhilePending(ServiceHandle service, ServiceState pending, ServiceStatus
         if (status.dwCheckPoint > checkPoint) {
             since = TickCount();
             checkPoint = status.dwCheckPoint;
-        } else if (TickCount() - since > status.dwWaitHint) {
+        } else if (TickCount() - since > std::min(status.dwWaitHint, longestHint)) {
             return status.dwCurrentState != pending;
         }
     }
@@ -235,7 +238,7 @@ bool WaitWhilePending(ServiceHandle service, ServiceState pending, ServiceStatus
 
 Error QueryAfterWaitHint(ServiceHandle service, ServiceStatus& status) {
     Log4("\t Inside QueryAfterWaitHint() \n");
-    platform::Clock().Sleep(status.dwWaitHint == 0 ? pauseWithoutHint : status.dwWaitHint);
+    platform::Clock().Sleep(status.dwWaitHint == 0 ? pauseWithoutHint : std::min(status.dwWaitHint, longestHint));
     return ServiceManager().QueryServiceStatusEx(service, status);
 }
 

@@ -2,7 +2,7 @@
 //
 // Each operation blocks its thread, asking the service manager again and again, and says whether the service has
 // reached the state in time. Handles are opened and closed within. A limit is looked at after each sleep, which is as
-// long as the service's wait hint says, however long that is.
+// long as the service's wait hint says, up to an hour.
 #pragma once
 
 #include <string_view>
@@ -32,11 +32,12 @@ bool StopDependentServices(platform::ServiceHandle service, platform::ServiceHan
 
 /// Waits as long as the service stays in a pending state and makes progress: status is the last one that could be had.
 /// It sleeps a tenth of the wait hint at a time, at least 1 and at most 10 seconds. A check point that has not grown
-/// for longer than the wait hint ends the wait, and so does a query that fails: false then, true when the state was
-/// left.
+/// for longer than the wait hint, or an hour, ends the wait, and so does a query that fails: false then, true when the
+/// state was left.
 bool WaitWhilePending(platform::ServiceHandle service, platform::ServiceState pending, platform::ServiceStatus& status);
 
-/// Sleeps for the status's wait hint as it stands, or a tenth of a second where it has none, and asks again.
+/// Sleeps for the status's wait hint as it stands, an hour at most, or a tenth of a second where it has none, and asks
+/// again.
 platform::Error QueryAfterWaitHint(platform::ServiceHandle service, platform::ServiceStatus& status);
 
 }  // namespace kv

@@ -34,7 +34,7 @@ struct ClockOperations {
     /// go over into the next larger: the 32nd of January is the 1st of February.
     std::function<std::int64_t(const LocalTime& time)> FromLocalTime;
 
-    /// Gives up the processor for the time; 0 only yields.
+    /// Gives up the processor for the time, which always ends; 0 only yields.
     std::function<void(std::uint32_t milliseconds)> Sleep;
 };
 

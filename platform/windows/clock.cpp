@@ -75,6 +75,9 @@ std::int64_t FromLocalTime(const LocalTime& time) {
     return MillisecondsOf(moment);
 }
 
+/// The system takes the greatest number for a sleep without end.
+void Sleep(std::uint32_t milliseconds) { ::Sleep(std::min<DWORD>(milliseconds, INFINITE - 1)); }
+
 }  // namespace
 
 ClockOperations WindowsClock() {
@@ -83,7 +86,7 @@ ClockOperations WindowsClock() {
         .GetTickCount64 = [] { return std::uint64_t{::GetTickCount64()}; },
         .ToLocalTime = ToLocalTime,
         .FromLocalTime = FromLocalTime,
-        .Sleep = [](std::uint32_t milliseconds) { ::Sleep(milliseconds); },
+        .Sleep = Sleep,
     };
 }
 

@@ -115,11 +115,14 @@ TEST_F(Service, ControlsAreAnsweredWithAState) {
                                                           {control::resume, "4"},       {128, "4"},
                                                           {control::sessionChange, ""}, {200, "4"}};
     agentState.gv_serviceStatusHandle = 77;
+    SetEnableSendAgentStatus(u"yes");
     for (const auto& [code, report] : rows) {
         reports.clear();
         EXPECT_EQ(HandlerEx(code, 0, nullptr, nullptr), 0U);
         EXPECT_EQ(reports, report) << code;
     }
+    EXPECT_TRUE(threads.empty()) << "nobody works on an end";
+    EXPECT_FALSE(Logged("SendAgentStatus"));
     EXPECT_TRUE(Logged(" HandlerEx : Service Control Pause notification is received \n"));
     EXPECT_EQ(lastReport.dwServiceType, 48U);
     EXPECT_EQ(lastReport.dwControlsAccepted, 135U);

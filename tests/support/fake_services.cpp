@@ -9,83 +9,110 @@
 namespace kv::test {
 
 using namespace platform;
+using enum ServiceState;
 using platform::error::success;
 
-static ServiceStatus StatusOf(const FakeService& service) {
+namespace {
+
+ServiceStatus StatusOf(const FakeService& service) {
     const std::uint64_t passed = Clock().GetTickCount64() - service.since;
     if (service.since == 0 || passed >= service.takes) return {.dwCurrentState = service.state};
     const auto checkPoint = static_cast<std::uint32_t>(std::min<std::uint64_t>(passed / service.checkPointEvery, 2));
     return {.dwCurrentState = service.pending, .dwCheckPoint = checkPoint, .dwWaitHint = service.waitHint};
 }
 
-static bool IsStopped(const FakeService& service) { return StatusOf(service).dwCurrentState == ServiceState::stopped; }
-
-/// Starts a service, for the control 0, or does what a control says.
-static Error Change(FakeService& service, std::uint32_t control) {
-    using enum ServiceState;
-    const std::pair<ServiceState, ServiceState> changes[] = {
-        {service.startsTo, startPending}, {stopped, stopPending}, {paused, pausePending}, {running, continuePending}};
-    std::tie(service.state, service.pending) = changes[control];
-    return service.since = Clock().GetTickCount64(), success;
+void Change(FakeService& service, ServiceState pending, ServiceState state) {
+    service.pending = pending;
+    service.state = state;
+    service.since = Clock().GetTickCount64();
 }
 
-FakeServices::FakeServices() : scoped({}) {
-    const auto call = [this](const char* name, ServiceHandle handle, std::uint32_t right, auto work) {
-        const auto [service, rights] = handle == 0 ? std::pair(std::u16string(), 0U) : open.at(handle);
-        calls.push_back(name + ("(" + Utf8FromWide(service)) + ")");
-        if (calls.size() - 1 == failingCall) return failure;
-        return (rights & right) == right ? work(services[service]) : error::accessDenied;
-    };
-    const auto enter = [this](std::u16string_view name, std::uint32_t rights, ServiceHandle& handle) {
-        handle = open.empty() ? 1 : open.rbegin()->first + 1;
-        return open[handle] = {std::u16string(name), rights}, success;
-    };
-    const auto list = [this](const FakeService& service, std::vector<DependentService>& found) {
-        for (const auto& name : service.dependents)
-            if (!IsStopped(services[name])) found.push_back({name, StatusOf(services[name])});
-        return found.empty() ? success : error::dependentServicesRunning;
-    };
+Error Start(FakeService& service) {
+    if (StatusOf(service).dwCurrentState != stopped) return error::serviceAlreadyRunning;
+    Change(service, startPending, service.startsTo);
+    return success;
+}
+
+}  // namespace
+
+Error FakeServices::Call(const char* operation, ServiceHandle handle, std::uint32_t right) {
+    const OpenHandle of = handle == 0 ? OpenHandle() : open_.at(handle);
+    const auto isFailing = [this](const std::string& call) { return !failing.empty() && call.starts_with(failing); };
+    const auto passed = std::count_if(calls.begin(), calls.end(), isFailing);
+    calls.push_back(std::string(operation) + "(" + Utf8FromWide(of.name) + ")");
+    if (isFailing(calls.back()) && passed == passing) return failure;
+    return (of.rights & right) == right ? success : error::accessDenied;
+}
+
+Error FakeServices::Open(std::u16string_view name, std::uint32_t rights, ServiceHandle& handle) {
+    handle = open_.empty() ? 1 : open_.rbegin()->first + 1;
+    open_[handle] = {std::u16string(name), rights};
+    return success;
+}
+
+std::vector<DependentService> FakeServices::ActiveDependents(const FakeService& service) {
+    std::vector<DependentService> active;
+    for (const std::u16string& name : service.dependents) {
+        const ServiceStatus status = StatusOf(services[name]);
+        if (status.dwCurrentState != stopped) active.push_back({name, status});
+    }
+    return active;
+}
+
+Error FakeServices::Control(FakeService& service, std::uint32_t control, ServiceStatus& status) {
+    if (!ActiveDependents(service).empty()) return error::dependentServicesRunning;
+    if (control == service_control::stop) Change(service, stopPending, stopped);
+    if (control == service_control::pause) Change(service, pausePending, paused);
+    if (control == service_control::resume) Change(service, continuePending, running);
+    status = StatusOf(service);
+    return success;
+}
+
+FakeServices::FakeServices() : scoped_({}) {
     auto& now = CurrentOperations<ServiceManagerOperations>();
-    now.OpenSCManagerW = [=](auto rights, auto& handle) {
-        return call("OpenSCManagerW", 0, 0, [&](auto&) { return enter(u"", rights, handle); });
+    now.OpenSCManagerW = [this](auto rights, auto& handle) {
+        const Error refused = Call("OpenSCManagerW", 0, 0);
+        return refused ? refused : Open(u"", rights, handle);
     };
-    now.OpenServiceW = [=](auto manager, auto name, auto rights, auto& handle) {
-        return call("OpenServiceW", manager, 0, [&](auto&) { return enter(name, rights, handle); });
+    now.OpenServiceW = [this](auto manager, auto name, auto rights, auto& handle) {
+        const Error refused = Call("OpenServiceW", manager, 0);
+        return refused ? refused : Open(name, rights, handle);
     };
-    now.CreateServiceW = [=, this](auto manager, auto& made, auto& handle) {
-        const auto create = [&](auto&) { return definition = made, enter(made.name, 0, handle); };
-        return call("CreateServiceW", manager, manager_right::createService, create);
+    now.CreateServiceW = [this](auto manager, auto& made, auto& handle) {
+        const Error refused = Call("CreateServiceW", manager, manager_right::createService);
+        if (!refused) definition = made;
+        return refused ? refused : Open(made.name, 0, handle);
     };
-    now.ChangeServiceConfig2W = [=, this](auto handle, auto& given) {
-        return call("ChangeServiceConfig2W", handle, 0, [&](auto&) { return actions = given, success; });
+    now.ChangeServiceConfig2W = [this](auto handle, auto& given) {
+        actions = given;
+        return Call("ChangeServiceConfig2W", handle, 0);
     };
-    now.DeleteService = [=](auto handle) {
-        return call("DeleteService", handle, service_right::all, [](auto&) { return success; });
+    now.DeleteService = [this](auto handle) { return Call("DeleteService", handle, service_right::all); };
+    now.StartServiceW = [this](auto handle) {
+        const Error refused = Call("StartServiceW", handle, service_right::start);
+        return refused ? refused : Start(ServiceOf(handle));
     };
-    now.StartServiceW = [=](auto handle) {
-        const auto start = [](auto& of) { return IsStopped(of) ? Change(of, 0) : error::serviceAlreadyRunning; };
-        return call("StartServiceW", handle, service_right::start, start);
+    now.ControlService = [this](auto handle, auto control, auto& status) {
+        const bool stops = control == service_control::stop;
+        const Error refused =
+            Call("ControlService", handle, stops ? service_right::stop : service_right::pauseAndContinue);
+        return refused ? refused : Control(ServiceOf(handle), control, status);
     };
-    now.ControlService = [=](auto handle, auto control, auto& status) {
-        const auto right = control == service_control::stop ? service_right::stop : service_right::pauseAndContinue;
-        return call("ControlService", handle, right, [&](FakeService& service) {
-            std::vector<DependentService> active;
-            const Error refused = list(service, active);
-            return refused ? refused : (Change(service, control), status = StatusOf(service), success);
-        });
+    now.QueryServiceStatusEx = [this](auto handle, auto& status) {
+        const Error refused = Call("QueryServiceStatusEx", handle, service_right::queryStatus);
+        if (!refused) status = StatusOf(ServiceOf(handle));
+        return refused;
     };
-    now.QueryServiceStatusEx = [=](auto handle, auto& status) {
-        const auto query = [&](auto& service) { return status = StatusOf(service), success; };
-        return call("QueryServiceStatusEx", handle, service_right::queryStatus, query);
+    now.EnumDependentServicesW = [this](auto handle, auto size, auto& found, auto& needed) {
+        const Error refused = Call("EnumDependentServicesW", handle, service_right::enumerateDependents);
+        if (refused) return refused;
+        found = ActiveDependents(ServiceOf(handle));
+        needed = found.size();
+        if (size >= needed) return success;
+        found.clear();
+        return error::moreData;
     };
-    now.EnumDependentServicesW = [=](auto handle, auto size, auto& found, auto& needed) {
-        return call("EnumDependentServicesW", handle, service_right::enumerateDependents, [&](auto& service) {
-            list(service, found);
-            needed = found.size();
-            return size >= needed ? success : (found.clear(), error::moreData);
-        });
-    };
-    now.CloseServiceHandle = [this](auto handle) { EXPECT_EQ(open.erase(handle), 1U) << "closed twice"; };
+    now.CloseServiceHandle = [this](auto handle) { EXPECT_EQ(open_.erase(handle), 1U) << "closed twice"; };
 }
 
 }  // namespace kv::test

@@ -19,17 +19,33 @@ struct FakeService {
 };
 
 /// The current manager for as long as it lives. What is called without the right to it is refused.
-struct FakeServices {
+class FakeServices {
+  public:
     FakeServices();
 
     std::map<std::u16string, FakeService> services;
-    std::vector<std::string> calls;      // such as "StartServiceW(A)"
-    std::size_t failingCall = SIZE_MAX;  // its index
+    std::vector<std::string> calls;  // such as "StartServiceW(A)"
+    std::string failing;             // how the call begins that fails, once as many of its kind as these have passed
+    std::ptrdiff_t passing = 0;
     platform::Error failure = platform::error::accessDenied;
     platform::ServiceDefinition definition;
     platform::ServiceFailureActions actions;
-    std::map<platform::ServiceHandle, std::pair<std::u16string, std::uint32_t>> open;  // name and rights
-    platform::ScopedOperations<platform::ServiceManagerOperations> scoped;
+    bool hasOpenHandles() const { return !open_.empty(); }
+
+  private:
+    struct OpenHandle {
+        std::u16string name;  // empty for the manager
+        std::uint32_t rights = 0;
+    };
+
+    platform::Error Call(const char* operation, platform::ServiceHandle handle, std::uint32_t right);
+    FakeService& ServiceOf(platform::ServiceHandle handle) { return services[open_.at(handle).name]; }
+    platform::Error Open(std::u16string_view name, std::uint32_t rights, platform::ServiceHandle& handle);
+    std::vector<platform::DependentService> ActiveDependents(const FakeService& service);
+    platform::Error Control(FakeService& service, std::uint32_t control, platform::ServiceStatus& status);
+
+    std::map<platform::ServiceHandle, OpenHandle> open_;
+    platform::ScopedOperations<platform::ServiceManagerOperations> scoped_;
 };
 
 }  // namespace kv::test
