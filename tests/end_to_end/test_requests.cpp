@@ -24,6 +24,7 @@ struct ServedAgent : InstalledAgent {
         startServer();
         setText(u"\\Monitoring", u"MonitoringAgentKey", u"K7");
         setText(u"\\Monitoring", u"MasterAgent", u"YES");
+        setText(u"\\Monitoring", u"RequestAvailable", u"NO");  // nothing is fetched before all requests are queued
         setNumber(u"\\Monitoring", u"writeInterval", 1);
         const std::string record = R"(printf '{ "Name": "%s" }' "$2"; echo "$2" >> )" + runs.string();
         writeScript("quick.sh", record);

@@ -28,6 +28,7 @@ class Service : public ::testing::Test {
         useProgram(KV_HASTY_AGENT_PROGRAM);
         agent.setServer(8080, u"http");
         agent.setNumber(u"\\Monitoring", u"writeInterval", 1);
+        agent.setText(u"\\Monitoring", u"RequestAvailable", u"NO");  // nothing is fetched before all is queued
         agent.writePlan(R"({ "WorkFlows": [ { "wfname": "w", "interval": 60, "recordSetName": [)"
                         R"({ "script": "one.sh", "params": "", "response_needed": "true", "Name": "One" } ] } ] })");
         agent.writeScript("one.sh", R"(printf "$2")");

@@ -63,13 +63,14 @@ std::string UnitFileText(const UnitDescription& unit) {
     const Recovery recovery = unit.failureActions ? RecoveryOf(*unit.failureActions) : Recovery();
     std::string text = fmt::format("{}\n[Unit]\nDescription={}\n", unitFileMark, LineOf(unit.description));
     for (const std::string& name : unit.dependencies) text += fmt::format("Requires={0}\nAfter={0}\n", name);
-    text += "After=network.target dbus.service\n" + recovery.ofUnit;
+    text += "Wants=network-online.target\nAfter=network-online.target dbus.service\n" + recovery.ofUnit;
     text += "\n[Service]\nType=notify\nNotifyAccess=main\n";
     // The colon keeps "$" as it is.
     text += fmt::format("ExecStart=:{}\n", Quoted(unit.program));
     for (const auto& [name, value] : unit.environment) text += "Environment=" + Quoted(name + "=" + value) + "\n";
-    // A stop is told to the program alone; what it has started ends with it.
-    text += "KillMode=mixed\nTimeoutStopSec=30\n" + recovery.ofService;
+    // A slow start is not ended: it would be taken for a failure. A stop is told to the program alone; what it has
+    // started ends with it.
+    text += "TimeoutStartSec=infinity\nKillMode=mixed\nTimeoutStopSec=30\n" + recovery.ofService;
     return text + "\n[Install]\nWantedBy=multi-user.target\n";
 }
 

@@ -230,13 +230,14 @@ TEST_F(ServiceManagerTest, MakesAndRemovesUnits) {
         EXPECT_EQ(services.ChangeServiceConfig2W(service, actions), 0u) << title;
         EXPECT_EQ(systemd.Deeds(), "Reload, ") << title;
         EXPECT_EQ(Read(units / unit),
-                  fmt::format(
-                      "{}\n[Unit]\nDescription=100%% \\ \nRequires=a.service\nAfter=a.service\n"
-                      "Requires=other-agent.service\nAfter=other-agent.service\nAfter=network.target dbus.service\n{}\n"
-                      "[Service]\nType=notify\nNotifyAccess=main\nExecStart=:\"{}/a $b %%c\"\n"
-                      "Environment=\"KVAGENT_STATE_DIR={}\"\nKillMode=mixed\nTimeoutStopSec=30\n{}\n"
-                      "[Install]\nWantedBy=multi-user.target\n",
-                      systemd::unitFileMark, limits, bin.string(), StateDirectory(), restarts))
+                  fmt::format("{}\n[Unit]\nDescription=100%% \\ \nRequires=a.service\nAfter=a.service\n"
+                              "Requires=other-agent.service\nAfter=other-agent.service\nWants=network-online."
+                              "target\nAfter=network-online.target dbus.service\n{}\n"
+                              "[Service]\nType=notify\nNotifyAccess=main\nExecStart=:\"{}/a $b %%c\"\n"
+                              "Environment=\"KVAGENT_STATE_DIR={}\"\nTimeoutStartSec=infinity\nKillMode="
+                              "mixed\nTimeoutStopSec=30\n{}\n"
+                              "[Install]\nWantedBy=multi-user.target\n",
+                              systemd::unitFileMark, limits, bin.string(), StateDirectory(), restarts))
             << title;
     }
     EXPECT_EQ(Open(u"", &good), error::serviceExists) << "the manager has not read the file yet";
