@@ -66,7 +66,7 @@ class InstalledAgent {
 
     /// Waits for a condition, asked every 10 milliseconds; false when it did not come true in the time.
     template <class Condition>
-    static bool eventually(Condition condition, int milliseconds = 10000) {
+    static bool eventually(Condition condition, int milliseconds = 60000) {
         for (int waited = 0; waited < milliseconds; waited += 10) {
             if (condition()) return true;
             pause(10);

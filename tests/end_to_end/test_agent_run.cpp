@@ -120,7 +120,7 @@ TEST(AgentRun, KilledAtRandomMomentsItLosesNoCompleteRecord) {
         agent.start({"/t"});
         const std::size_t before = records.size();
         // Half of the rounds are killed while the agent starts, half while it writes.
-        if (round % 2 == 1) InstalledAgent::eventually([&] { return RecordFiles(agent).size() > before; }, 3000);
+        if (round % 2 == 1) InstalledAgent::eventually([&] { return RecordFiles(agent).size() > before; });
         InstalledAgent::pause(moment(random));
         agent.kill();
         for (const auto& [path, bytes] : records) ASSERT_EQ(TestAgent::Read(path), bytes) << path;

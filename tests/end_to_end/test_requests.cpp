@@ -107,7 +107,7 @@ TEST(Requests, APushedPlanTakesOverWhileACollectionRunsAndNothingIsLost) {
     ASSERT_TRUE(InstalledAgent::eventually([&] {
         return agent.log().find("Query conf reloaded and scheduled successfully") != std::string::npos;
     })) << agent.log();
-    EXPECT_TRUE(InstalledAgent::eventually([&] { return agent.timesRun("New") == 1; }, 1000));
+    EXPECT_TRUE(InstalledAgent::eventually([&] { return agent.timesRun("New") == 1; }));
     EXPECT_TRUE(InstalledAgent::eventually([&] { return agent.states() == "answered "; })) << agent.states();
     EXPECT_EQ(agent.timesRun("Slow"), 1);
     EXPECT_TRUE(planHolds("backup", u"Slow"));

@@ -184,7 +184,7 @@ TEST_F(Service, AServerThatSaysNothingHoldsUpNoStop) {
     systemctl("stop");
     const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - start;
     EXPECT_GE(taken.count(), 20.0 / 30);
-    EXPECT_LT(taken.count(), 5);
+    EXPECT_LT(taken.count(), 30);
     EXPECT_EQ(shown("ActiveState"), "inactive");
     EXPECT_EQ(shown("Result"), "success");
     EXPECT_FALSE(logged("LOGGING STOPPED"));
@@ -256,7 +256,7 @@ TEST_F(Service, ServesRequestsThatActOnTheComputer) {
     for (std::size_t at = 0; at < ids.size(); ++at) {
         SCOPED_TRACE(cases[at].title);
         const auto answer = [&] { return agent.kvlab("request answers --id " + ids[at] + " 2>/dev/null"); };
-        ASSERT_TRUE(InstalledAgent::eventually([&] { return answer().has_value(); }, 30000)) << agent.log();
+        ASSERT_TRUE(InstalledAgent::eventually([&] { return answer().has_value(); })) << agent.log();
         EXPECT_THAT(*answer(), HasSubstr(cases[at].answer));
     }
     EXPECT_EQ(inBox("systemctl is-active hub s1 s2 s3 s4 s5"),

@@ -116,7 +116,7 @@ TEST(ServiceHost, AManagerThatSaysNothingHoldsUpNoStop) {
     const kv::test::FakeSystemd silent({}, {"accept", ""});
     const auto start = std::chrono::steady_clock::now();
     EXPECT_FALSE(systemd::IsMachineGoingDown(std::chrono::milliseconds(100)));
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
 }
 
 TEST(ServiceHost, SignalsBecomeTheControlsThatAreAccepted) {
