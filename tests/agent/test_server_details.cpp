@@ -1,11 +1,16 @@
 // Server and proxy details from a real registry.
 #include <future>
+#include <new>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "agent/entry.h"
+#include "agent/log_file.h"
 #include "agent/server_details.h"
 #include "foundation/agent_state.h"
+#include "foundation/file_utils.h"
 #include "foundation/registry_store.h"
 #include "platform/registry.h"
 #include "platform/sockets.h"
@@ -146,6 +151,35 @@ TEST_F(ServerDetails, TheOwnNameAndAddressHoldNothingUp) {
     }
     answer.set_value();
     for (const platform::ThreadHandle lookup : lookups) platform::Threads().WaitForThread(lookup, platform::infinite);
+}
+
+TEST_F(ServerDetails, WhatGoesWrongInASettingEndsNoMode) {
+    const auto failing = [](std::u16string_view name, auto fail) {
+        platform::RegistryOperations registry = platform::Registry();
+        registry.RegQueryValueExW = [=, query = registry.RegQueryValueExW](auto key, auto value, auto* type, auto* data,
+                                                                           std::size_t& size) {
+            if (value == name) fail();
+            return query(key, value, type, data, size);
+        };
+        return registry;
+    };
+    Set({agentKeyPath, u"KVAgentInstallDir", platform::WideFromUtf8(folder.string() + "/")});
+    StopLogging();
+    {
+        const platform::ScopedOperations scoped(
+            failing(u"KVServerName", [] { throw std::runtime_error("no such luck"); }));
+        EXPECT_EQ(Main({"MonitoringAgent", "/monitor"}), 1);
+    }
+    const std::string log = Read(folder / "monitoring" / "logs" / "testmonitor.log");
+    EXPECT_NE(log.find("getCSDetails :: ended early : no such luck"), log.npos) << log;
+    EXPECT_NE(log.find("LOGGING STOPPED"), log.npos);
+    constexpr std::u16string_view note = u"c:\\text.txt";
+    platform::Files().DeleteFileW(note);
+    const platform::ScopedOperations scoped(failing(u"KVAgentInstallDir", [] { throw std::bad_alloc(); }));
+    EXPECT_EQ(Main({"MonitoringAgent", "/monitor"}), 0);
+    std::string noted;
+    EXPECT_EQ(ReadWholeFile(note, noted), platform::error::success);
+    EXPECT_TRUE(noted.starts_with("Not able to allocate memory for gv_ocAgentBinPath"));
 }
 
 TEST_F(ServerDetails, ReadsTheProxyOnlyWhenItIsOn) {

@@ -12,27 +12,21 @@ using namespace platform;
 using enum ServiceState;
 using ServiceAdmin = TestAgent;
 
+static std::uint32_t Start() { return StartingService(serviceName); }
+
+template <void (*operation)()>
+std::uint32_t Run() {
+    operation();
+    return 0;
+}
+
 TEST_F(ServiceAdmin, ServesItsOwnServiceAndSaysSo) {
     VirtualClock clock;
     FakeServices fake;
     FakeService& service = fake.services[std::u16string(serviceName)];
-    const auto start = [] { return StartingService(serviceName); };
-    const auto stop = [] {
-        StopService();
-        return 0U;
-    };
-    const auto install = [] {
-        Install();
-        return 0U;
-    };
-    const auto remove = [] {
-        UnInstall();
-        return 0U;
-    };
-    const auto restart = [] {
-        RestartService();
-        return 0U;
-    };
+    constexpr auto start = Start;
+    constexpr auto stop = Run<StopService>, install = Run<Install>, remove = Run<UnInstall>,
+                   restart = Run<RestartService>;
     const FakeService idle{.waitHint = 5000}, runs{.state = running, .waitHint = 5000};
     const struct {
         std::uint32_t (*operation)();
