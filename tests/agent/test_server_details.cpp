@@ -156,13 +156,14 @@ TEST_F(ServerDetails, TheOwnNameAndAddressHoldNothingUp) {
 TEST_F(ServerDetails, WhatGoesWrongInASettingEndsNoMode) {
     const auto failing = [](std::u16string_view name, auto fail) {
         platform::RegistryOperations registry = platform::Registry();
-        registry.RegQueryValueExW = [=, query = registry.RegQueryValueExW](auto key, auto value, auto* type, auto* data,
-                                                                           std::size_t& size) {
+        registry.RegQueryValueExW = [=, query = registry.RegQueryValueExW](auto key, auto value, auto* type,
+                                                                           auto* bytes, std::size_t& size) {
             if (value == name) fail();
-            return query(key, value, type, data, size);
+            return query(key, value, type, bytes, size);
         };
         return registry;
     };
+    Set(requiredSettings[0]);
     Set({agentKeyPath, u"KVAgentInstallDir", platform::WideFromUtf8(folder.string() + "/")});
     StopLogging();
     {

@@ -15,7 +15,7 @@ using ServiceAdmin = TestAgent;
 static std::uint32_t Start() { return StartingService(serviceName); }
 
 template <void (*operation)()>
-std::uint32_t Run() {
+std::uint32_t Done() {
     operation();
     return 0;
 }
@@ -25,8 +25,8 @@ TEST_F(ServiceAdmin, ServesItsOwnServiceAndSaysSo) {
     FakeServices fake;
     FakeService& service = fake.services[std::u16string(serviceName)];
     constexpr auto start = Start;
-    constexpr auto stop = Run<StopService>, install = Run<Install>, remove = Run<UnInstall>,
-                   restart = Run<RestartService>;
+    constexpr auto stop = Done<StopService>, install = Done<Install>, remove = Done<UnInstall>,
+                   restart = Done<RestartService>;
     const FakeService idle{.waitHint = 5000}, runs{.state = running, .waitHint = 5000};
     const struct {
         std::uint32_t (*operation)();
