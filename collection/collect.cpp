@@ -3,6 +3,7 @@
 #include <optional>
 #include <string>
 
+#include "collection/record_member.h"
 #include "foundation/agent_state.h"
 #include "foundation/guarded.h"
 #include "foundation/log.h"
@@ -20,8 +21,10 @@ const HashTable* EntryAt(std::int32_t index) {
 }
 
 OptionalText TextOf(const HashTable* record, std::u16string_view key) {
-    const char16_t* text = GetHashText(record, key);
-    return text ? OptionalText(text) : std::nullopt;
+    OptionalText text = RecordMember(record, key);
+    if (!text && ContainsHashKey(record, key))
+        Log1("\t CollectAndSaveData :: %s is no text, whole number or truth value and is not used \n", key);
+    return text;
 }
 
 /// Rows under such a name would be lost.

@@ -2,6 +2,8 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
+#include <string>
 #include <string_view>
 
 #include "foundation/hash_table.h"
@@ -22,9 +24,16 @@ void CollectSNMPData(const HashTable* record, std::u16string_view isTest);
 /// Runs a script of "..\conf\scripts\"; with viewOutput "true" (any case) its output becomes a record file. 0 always.
 int ExecuteScript(std::u16string_view fileName, std::u16string_view commandLineParam, const OptionalText& viewOutput);
 
+/// The file that a process prints into, and how many bytes it may come to.
+struct OutputBound {
+    std::u16string path;
+    std::uint64_t bytes = 0;
+};
+
 /// Starts a command line made by the platform and waits for it; 1 when it ended in time with an exit code that counts
-/// as success (0, 1641, 3010), or was not to be waited for, else 0. workingDirectory may be none.
+/// as success (0, 1641, 3010), or was not to be waited for, else 0. workingDirectory may be none. While it is waited
+/// for it is ended, and the result is 0, when its output grows beyond a bound.
 int execute(const OptionalText& workingDirectory, std::u16string_view commandLine, std::u16string& remarks,
-            std::uint32_t waitMinutes, bool wait);
+            std::uint32_t waitMinutes, bool wait, const std::optional<OutputBound>& bound = std::nullopt);
 
 }  // namespace kv

@@ -4,6 +4,7 @@
 
 #include "collection/collect.h"
 #include "foundation/log.h"
+#include "foundation/open_file.h"
 #include "foundation/system_error.h"
 #include "platform/files.h"
 #include "platform/process.h"
@@ -15,6 +16,9 @@ namespace {
 
 constexpr std::uint64_t millisecondsPerMinute = 60000;
 constexpr std::size_t longestSavedDirectory = 260;
+
+/// How often the output of a running process is measured.
+constexpr std::uint32_t lookMilliseconds = 100;
 
 /// How long the system gets to end a process that has been told to.
 constexpr std::uint32_t endMilliseconds = 1000;
@@ -81,10 +85,40 @@ int ResultOfEndedProcess(platform::ProcessHandle process, std::u16string& remark
     return CountsAsSuccess(exitCode) ? 1 : 0;
 }
 
+bool IsExceeded(const OutputBound& bound) {
+    OpenFile output;
+    std::uint64_t size = 0;
+    return output.Open(bound.path, platform::FileAccess::read, platform::FileShare::readWrite,
+                       platform::FileDisposition::openExisting) == platform::error::success &&
+           platform::Files().GetFileSizeEx(output.handle, size) == platform::error::success && size > bound.bytes;
+}
+
+enum class Wait { ended, timeExceeded, outputExceeded };
+
+Wait AwaitEnd(platform::ProcessHandle process, std::uint32_t milliseconds, const std::optional<OutputBound>& bound) {
+    for (std::uint32_t left = milliseconds; left > 0;) {
+        const std::uint32_t step = bound ? std::min(left, lookMilliseconds) : left;
+        const platform::Error error = platform::Processes().WaitForSingleObject(process, step);
+        if (error == platform::error::success) return Wait::ended;
+        if (error != platform::error::waitTimeout) break;
+        if (bound && IsExceeded(*bound)) return Wait::outputExceeded;
+        left -= step;
+    }
+    return Wait::timeExceeded;
+}
+
+void EndProcess(platform::ProcessHandle process, std::u16string_view commandLine) {
+    if (const platform::Error failure = platform::Processes().TerminateProcess(process)) {
+        Log1("execute : Unable to end all that %s has started \n", commandLine);
+        LogLastSystemError(failure);
+    }
+    platform::Processes().WaitForSingleObject(process, endMilliseconds);
+}
+
 }  // namespace
 
 int execute(const OptionalText& workingDirectory, std::u16string_view commandLine, std::u16string& remarks,
-            std::uint32_t waitMinutes, bool wait) {
+            std::uint32_t waitMinutes, bool wait, const std::optional<OutputBound>& bound) {
     Log3("\t Inside execute() \n");
     const platform::ProcessOperations& processes = platform::Processes();
     WorkingDirectory directory;
@@ -101,16 +135,20 @@ int execute(const OptionalText& workingDirectory, std::u16string_view commandLin
 
     const std::uint64_t limit =
         std::min<std::uint64_t>(waitMinutes * millisecondsPerMinute, std::numeric_limits<std::int32_t>::max());
-    if (processes.WaitForSingleObject(process.handle, static_cast<std::uint32_t>(limit)) == platform::error::success) {
-        return ResultOfEndedProcess(process.handle, remarks);
+    switch (AwaitEnd(process.handle, static_cast<std::uint32_t>(limit), bound)) {
+        case Wait::ended:
+            return ResultOfEndedProcess(process.handle, remarks);
+        case Wait::timeExceeded:
+            Remark(remarks, "Terminating the Process for application %s as time is exceeded %d Minutes \n", commandLine,
+                   waitMinutes);
+            break;
+        case Wait::outputExceeded:
+            Remark(remarks,
+                   "Terminating the Process for application %s as it has printed more than %d bytes into %s \n",
+                   commandLine, bound->bytes, bound->path);
+            break;
     }
-    Remark(remarks, "Terminating the Process for application %s as time is exceeded %d Minutes \n", commandLine,
-           waitMinutes);
-    if (const platform::Error failure = processes.TerminateProcess(process.handle)) {
-        Log1("execute : Unable to end all that %s has started \n", commandLine);
-        LogLastSystemError(failure);
-    }
-    processes.WaitForSingleObject(process.handle, endMilliseconds);
+    EndProcess(process.handle, commandLine);
     return 0;
 }
 

@@ -22,8 +22,7 @@ namespace {
 constexpr std::uint32_t minuteLimit = 2;
 constexpr std::size_t blockSize = 64 * 1024;
 
-/// A record of more bytes than this cannot be meant; the limit is there for a script gone wrong. A zip is read into
-/// memory whole when it is sent.
+/// Bytes. More cannot be meant for a record; the limit is there for a script gone wrong.
 constexpr std::uint64_t longestOutput = 256 * 1024 * 1024;
 
 // The host's own limit is 120 seconds; it prints 16-bit text.
@@ -76,6 +75,14 @@ platform::Error ConvertAll(platform::FileHandle from, platform::FileHandle to,
     return platform::error::success;
 }
 
+/// Whether a record for which the disk has no room has a beginning that can go out.
+bool IsCut(platform::FileHandle record, const std::u16string& path) {
+    std::uint64_t size = 0;
+    if (platform::Files().GetFileSizeEx(record, size) != platform::error::success || size == 0) return false;
+    Log1("ExecuteScript : the disk is full; the record %s.txt is cut after %d bytes and goes out so \n", path, size);
+    return true;
+}
+
 /// Writes the record file of an open output file under a temporary name and renames it when it is complete.
 platform::Error WriteConverted(platform::FileHandle output, const std::u16string& path,
                                platform::ScriptOutputEncoding encoding) {
@@ -86,6 +93,7 @@ platform::Error WriteConverted(platform::FileHandle output, const std::u16string
     if (error != platform::error::success) return error;
     error = ConvertAll(output, record.handle, encoding);
     if (error == platform::error::success) error = platform::Files().FlushFileBuffers(record.handle);
+    if (error == platform::error::diskFull && IsCut(record.handle, path)) error = platform::error::success;
     const platform::Error closed = record.Close();
     if (error == platform::error::success) error = closed;
     if (error == platform::error::success) error = platform::Files().MoveFileExW(temporary, path + u".txt", true);
@@ -130,14 +138,16 @@ int ExecuteScript(std::u16string_view fileName, std::u16string_view commandLineP
     command.path += fileName;
     command.arguments = commandLineParam;
     OptionalText record;
+    std::optional<OutputBound> bound;
     if (CompareIgnoreCase(viewOutput, u"true") == 0) {
         record = NextRecordPath(PrepareDataDirectory("ExecuteScript"));
         command.outputPath = *record + u".out";
+        bound = OutputBound{*command.outputPath, longestOutput};
     }
     const std::u16string processString = platform::Processes().ComposeScriptLine(command);
     Log2("ExecuteScript : processString - %s\n", processString);
     std::u16string remarks;
-    const bool succeeded = execute(std::nullopt, processString, remarks, minuteLimit, true) == 1;
+    const bool succeeded = execute(std::nullopt, processString, remarks, minuteLimit, true, bound) == 1;
     if (!succeeded) {
         Log1("ExecuteScript : Unable to create a output file for the command %s and the remarks is %s \n",
              processString, remarks);

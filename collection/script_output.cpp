@@ -13,6 +13,12 @@ namespace {
 constexpr char16_t byteOrderMark = 0xFEFF;
 constexpr char16_t replacement = 0xFFFD;
 
+/// So many bytes at the start tell 16-bit output.
+constexpr std::size_t signatureSize = 4;
+
+/// A line that is longer is converted in pieces.
+constexpr std::size_t longestLine = 64 * 1024;
+
 /// Bytes of the UTF-8 sequence that a byte leads; 0 for a byte that leads none, 1 for a character by itself.
 std::size_t SequenceLength(unsigned char lead) {
     if (lead < 0x80) return 1;
@@ -68,24 +74,61 @@ void AppendUtf8(ScriptOutputConverter& converter, std::string_view utf8, std::st
     }
 }
 
+/// A line is in one encoding, but tools with different ones may print into one output.
+void AppendLines(ScriptOutputConverter& converter, std::string_view bytes, std::string& utf16) {
+    if (platform::IsValidUtf8(bytes)) return AppendUtf8(converter, bytes, utf16);
+    while (!bytes.empty()) {
+        const std::string_view line = bytes.substr(0, std::min(bytes.find('\n'), bytes.size() - 1) + 1);
+        if (platform::IsValidUtf8(line)) {
+            AppendUtf8(converter, line, utf16);
+        } else {
+            Append(converter, platform::Processes().WideFromConsoleBytes(line), utf16);
+        }
+        bytes.remove_prefix(line.size());
+    }
+}
+
+bool BeginsAsUtf16(std::string_view bytes) {
+    if (bytes.starts_with("\xFF\xFE")) return true;
+    return bytes.size() >= signatureSize && bytes[0] != 0 && bytes[1] == 0 && bytes[2] != 0 && bytes[3] == 0;
+}
+
+/// How many bytes can be converted before more have come: whole lines, or of a long one what ends behind a character
+/// that is no part of another in any code page.
+std::size_t WholeLines(std::string_view bytes) {
+    const std::size_t lines = bytes.rfind('\n') + 1;  // 0 without any
+    if (bytes.size() - lines <= longestLine) return lines;
+    const std::size_t piece = bytes.find_last_of(" ,\"") + 1;
+    return bytes.size() - piece <= longestLine ? piece : bytes.size() - CutUtf8Bytes(bytes);
+}
+
 }  // namespace
 
 void FeedScriptOutput(ScriptOutputConverter& converter, std::string_view block, std::string& utf16) {
-    const bool isUtf8 = converter.encoding == platform::ScriptOutputEncoding::utf8;
     std::string bytes = std::exchange(converter.pending, {});
     bytes += block;
-    const std::size_t whole = bytes.size() - (isUtf8 ? CutUtf8Bytes(bytes) : bytes.size() % 2);
+    if (!converter.isBegun && bytes.size() >= signatureSize) {
+        converter.isBegun = true;
+        if (BeginsAsUtf16(bytes)) converter.encoding = platform::ScriptOutputEncoding::utf16LittleEndian;
+    }
+    const bool isUtf16 = converter.encoding == platform::ScriptOutputEncoding::utf16LittleEndian;
+    std::size_t whole = 0;
+    if (converter.isBegun) whole = isUtf16 ? bytes.size() / 2 * 2 : WholeLines(bytes);
     converter.pending = bytes.substr(whole);
     bytes.resize(whole);
-    if (isUtf8) {
-        AppendUtf8(converter, bytes, utf16);
-    } else {
+    if (isUtf16) {
         Append(converter, TextFromUtf16LittleEndian(bytes), utf16);
+    } else {
+        AppendLines(converter, bytes, utf16);
     }
 }
 
 void FinishScriptOutput(ScriptOutputConverter& converter, std::string& utf16) {
-    if (!std::exchange(converter.pending, {}).empty()) Append(converter, std::u16string_view(&replacement, 1), utf16);
+    const std::string rest = std::exchange(converter.pending, {});
+    const bool isUtf8 = converter.encoding == platform::ScriptOutputEncoding::utf8;
+    if (isUtf8 && (converter.isBegun || !BeginsAsUtf16(rest))) return AppendLines(converter, rest, utf16);
+    Append(converter, TextFromUtf16LittleEndian(rest), utf16);
+    if (rest.size() % 2 != 0) Append(converter, std::u16string_view(&replacement, 1), utf16);
 }
 
 }  // namespace kv

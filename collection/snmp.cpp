@@ -1,5 +1,6 @@
 #include "collection/collect.h"
 #include "collection/record_file.h"
+#include "collection/record_member.h"
 #include "collection/snmp_query.h"
 #include "exchange/request_servlet.h"
 #include "foundation/agent_state.h"
@@ -13,15 +14,15 @@ namespace {
 
 void PutMemberIfPresent(HashTable* table, std::u16string_view key, const HashTable* record,
                         std::u16string_view recordKey) {
-    if (const OptionalText text = SnmpMember(record, recordKey)) PutHashText(table, key, *text);
+    if (const OptionalText text = RecordMember(record, recordKey)) PutHashText(table, key, *text);
 }
 
 /// The members behind the values, in their order.
 void PutRecordMembers(HashTable* table, const HashTable* record) {
     PutHashText(table, u"DATACOLLECTTIME", DecimalText(GetNowSeconds() + agentState.gv_timeDiff));
-    PutHashText(table, u"ID", SnmpMember(record, u"POLL_ID").value_or(u""));
+    PutHashText(table, u"ID", RecordMember(record, u"POLL_ID").value_or(u""));
     PutHashText(table, u"MSPCUSTOMERID", agentState.gv_custID.value_or(u""));
-    PutHashText(table, u"PROTOCOL", SnmpMember(record, u"PROTOCOL").value_or(u""));
+    PutHashText(table, u"PROTOCOL", RecordMember(record, u"PROTOCOL").value_or(u""));
     PutMemberIfPresent(table, u"AGENTKEY", record, u"AGENT_KEY");
     PutMemberIfPresent(table, u"IS_MULTIPLE_POLLED_DATA", record, u"IS_MULTIPLE_POLLED_DATA");
     PutMemberIfPresent(table, u"POLICY_NAME", record, u"POLICY_NAME");

@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "collection/record_member.h"
 #include "collection/snmp_query.h"
 #include "foundation/log.h"
 #include "platform/utf.h"
@@ -21,24 +22,15 @@ std::int32_t NumberUpTo(std::int32_t highest, const OptionalText& text) {
 
 }  // namespace
 
-OptionalText SnmpMember(const HashTable* record, std::u16string_view key) {
-    const HashEntry* entry = GetHashEntry(record, key);
-    if (!entry) return std::nullopt;
-    if (entry->type == ValueType::integer) return DecimalText(static_cast<std::int32_t>(entry->value));
-    if (entry->type == ValueType::boolean) return (entry->value & 0xFF) != 0 ? u"true" : u"false";
-    const char16_t* text = GetHashText(record, key);
-    return text ? OptionalText(text) : std::nullopt;
-}
-
 std::u16string SnmpCommunity(const HashTable* record) {
-    if (OptionalText text = SnmpMember(record, u"COMMUNITY")) return *std::move(text);
+    if (OptionalText text = RecordMember(record, u"COMMUNITY")) return *std::move(text);
     Log1("\t %s :: COMMUNITY is absent, public is taken \n", SnmpRecordName(record));
     return u"public";
 }
 
 std::u16string SnmpRecordName(const HashTable* record) {
     const auto part = [&](std::u16string_view before, std::u16string_view key, std::u16string_view after) {
-        const OptionalText text = SnmpMember(record, key);
+        const OptionalText text = RecordMember(record, key);
         return text ? std::u16string(before) + *text + std::u16string(after) : std::u16string();
     };
     return u"device" + part(u" ", u"DEVICE_NAME", part(u":", u"SNMP_PORT", u"")) +
@@ -49,7 +41,7 @@ std::u16string SnmpRecordName(const HashTable* record) {
 bool SnmpPort(const HashTable* record, std::int32_t& port) {
     if (!ContainsHashKey(record, u"SNMP_PORT"))
         Log1("\t %s :: SNMP_PORT is absent, %d is taken \n", SnmpRecordName(record), defaultPort);
-    port = ContainsHashKey(record, u"SNMP_PORT") ? NumberUpTo(65535, SnmpMember(record, u"SNMP_PORT")) : defaultPort;
+    port = ContainsHashKey(record, u"SNMP_PORT") ? NumberUpTo(65535, RecordMember(record, u"SNMP_PORT")) : defaultPort;
     if (port == 0)
         Log1("\t %s :: SNMP_PORT is no number from 1 to 65535. The device is not asked \n", SnmpRecordName(record));
     return port != 0;

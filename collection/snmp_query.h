@@ -16,10 +16,6 @@ namespace kv {
 /// for; what it gave stays in the table then. A record of the protocol "SPOLL" gets a second attempt.
 std::u16string ExecuteSNMPQuery(const HashTable* record, HashTable* table);
 
-/// A record's member as text: a text as it is, an integer in decimal, a truth value as "true" or "false". None when it
-/// is absent or anything else.
-OptionalText SnmpMember(const HashTable* record, std::u16string_view key);
-
 /// The record's COMMUNITY; "public" with a log line when it is absent.
 std::u16string SnmpCommunity(const HashTable* record);
 

@@ -63,6 +63,7 @@ std::u16string VariantToString(const platform::Variant& value) {
 }
 
 std::u16string FormatWMIError(platform::WmiStatus code, std::u16string_view text) {
+    Log3("\t Inside FormatWMIError() \n");
     std::u16string formatted = u"FAILED:";
     formatted += text;
     formatted += u" ERRORCODE:" + platform::WideFromUtf8(fmt::format("{:x}", code));

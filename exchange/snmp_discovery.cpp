@@ -3,6 +3,7 @@
 #include <array>
 #include <utility>
 
+#include "collection/record_member.h"
 #include "collection/snmp_query.h"
 #include "exchange/request_servlet.h"
 #include "foundation/agent_state.h"
@@ -43,7 +44,7 @@ SnmpResponsePtr AskForIdentity(const HashTable* request, Discovery& discovery) {
     discovery.version = u"v2";
     std::int32_t port = 0;
     if (!SnmpPort(request, port)) return nullptr;
-    const std::int32_t timeout = SnmpTimeout(request, SnmpMember(request, u"SNMP_TIMEOUT"));
+    const std::int32_t timeout = SnmpTimeout(request, RecordMember(request, u"SNMP_TIMEOUT"));
     const auto ask = [&](const char* version) {
         return SnmpResponsePtr(SnmpManagerRequest(host.c_str(), port, timeout, community.c_str(), snmpGet, version,
                                                   identityOids.data(), identityCount,
@@ -75,7 +76,7 @@ void TakeIdentity(const SnmpResponseData* response, Discovery& discovery) {
 
 Discovery Discover(const HashTable* request) {
     Discovery discovery;
-    const std::u16string device = SnmpMember(request, u"DEVICE_NAME").value_or(u"");
+    const std::u16string device = RecordMember(request, u"DEVICE_NAME").value_or(u"");
     discovery.community = SnmpCommunity(request);
     OptionalText name, address;
     if (device.empty() || !GetRemoteHostDetails(device, name, address)) {
@@ -103,7 +104,7 @@ void PutReplyMembers(HashTable* table, const HashTable* request, const std::u16s
     PutHashText(table, u"IPAddress", found.address);
     PutHashText(table, u"DNSName", found.name);
     PutHashText(table, u"Community", found.community);
-    PutHashText(table, u"SNMPPort", SnmpMember(request, u"SNMP_PORT").value_or(u""));
+    PutHashText(table, u"SNMPPort", RecordMember(request, u"SNMP_PORT").value_or(u""));
     PutHashText(table, u"SYSOID", found.identity[0]);
     PutHashText(table, u"SYSNAME", found.identity[2]);
     PutHashText(table, u"SYSDESC", found.identity[1]);

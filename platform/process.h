@@ -33,10 +33,14 @@ struct ProcessOperations {
     /// What a script prints, by the host that runs it (ScriptCommand::scriptHost).
     std::function<ScriptOutputEncoding(std::u16string_view scriptHost)> GetScriptOutputEncoding;
 
+    /// The text of printed bytes that are not UTF-8. On Windows they are in the console's code page (OEM); on Linux,
+    /// where there is no other than UTF-8, each ill-formed sequence becomes U+FFFD.
+    std::function<std::u16string(std::string_view bytes)> WideFromConsoleBytes;
+
     /// Starts a process from a command line that ComposeScriptLine made, without a window and without inheriting
     /// anything, in the working directory given or, when empty, in this process's own. All that it starts belongs to it
-    /// and ends with TerminateProcess. fileNameTooLong for a line beyond what the interpreter takes: 8,191 characters
-    /// on Windows, 128 KiB on Linux.
+    /// and ends with TerminateProcess, or when this process ends, in whichever way, before it. fileNameTooLong for a
+    /// line beyond what the interpreter takes: 8,191 characters on Windows, 128 KiB on Linux.
     std::function<Error(std::u16string_view commandLine, std::u16string_view workingDirectory, ProcessHandle& process)>
         CreateProcessW;
 

@@ -9,12 +9,16 @@ namespace platform {
 /// A file or socket, closed at the end; below 0: none.
 class Descriptor {
   public:
+    Descriptor() = default;
     explicit Descriptor(int number) : number_(number) {}
+    Descriptor(Descriptor&& other) noexcept : number_(other.Release()) {}
+    Descriptor& operator=(Descriptor&& other) noexcept {
+        std::swap(number_, other.number_);
+        return *this;
+    }
     ~Descriptor() {
         if (number_ >= 0) close(number_);
     }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
 
     int number() const { return number_; }
     /// Hands it over to the caller.
@@ -22,7 +26,7 @@ class Descriptor {
     bool isOpen() const { return number_ >= 0; }
 
   private:
-    int number_;
+    int number_ = -1;
 };
 
 }  // namespace platform

@@ -98,6 +98,7 @@ ProcessOperations WindowsProcesses() {
     return {
         .ComposeScriptLine = ComposeScriptLine,
         .GetScriptOutputEncoding = GetScriptOutputEncoding,
+        .WideFromConsoleBytes = WideFromConsoleBytes,
         .CreateProcessW = CreateProcessW,
         .WaitForSingleObject = WaitForSingleObject,
         .GetExitCodeProcess = GetExitCodeProcess,

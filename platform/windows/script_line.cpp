@@ -78,4 +78,12 @@ ScriptOutputEncoding GetScriptOutputEncoding(std::u16string_view scriptHost) {
     return printsWideText ? ScriptOutputEncoding::utf16LittleEndian : ScriptOutputEncoding::utf8;
 }
 
+std::u16string WideFromConsoleBytes(std::string_view bytes) {
+    const int size = static_cast<int>(bytes.size());
+    std::wstring text(bytes.size(), L'\0');  // no code page makes more characters than bytes
+    const int length = ::MultiByteToWideChar(CP_OEMCP, 0, bytes.data(), size, text.data(), size);
+    text.resize(static_cast<std::size_t>(length));
+    return TextOf(text);
+}
+
 }  // namespace platform

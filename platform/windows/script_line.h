@@ -1,7 +1,8 @@
-// The command line that runs a script.
+// The command line that runs a script, and what it prints.
 #pragma once
 
 #include <string>
+#include <string_view>
 
 #include "platform/process.h"
 
@@ -13,5 +14,8 @@ std::u16string ComposeScriptLine(const ScriptCommand& command);
 
 /// 16-bit text from a host that is told to print it (switch "//U"), else UTF-8.
 ScriptOutputEncoding GetScriptOutputEncoding(std::u16string_view scriptHost);
+
+/// Text of bytes in the system's OEM code page, in which a console without a window prints.
+std::u16string WideFromConsoleBytes(std::string_view bytes);
 
 }  // namespace platform

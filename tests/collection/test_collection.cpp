@@ -28,13 +28,22 @@ std::u16string Convert(platform::ScriptOutputEncoding encoding, const std::vecto
     std::string bytes;
     for (const std::string_view block : blocks) {
         FeedScriptOutput(converter, block, bytes);
-        EXPECT_LE(converter.pending.size(), 3u);
+        EXPECT_LE(converter.pending.size(), 65536u);
     }
     FinishScriptOutput(converter, bytes);
     return TextFromUtf16LittleEndian(bytes);
 }
 
 TEST(ScriptOutput, BecomesUtf16WithoutByteOrderMarkWhereverItIsCutInTwo) {
+    platform::ProcessOperations processes = platform::Processes();
+    processes.WideFromConsoleBytes = [](std::string_view bytes) {  // a code page like ISO 8859-1
+        std::u16string text;
+        for (const char byte : bytes) text += static_cast<unsigned char>(byte);
+        return text;
+    };
+    const platform::ScopedOperations scoped(processes);
+    const std::string longLine(70'000, 'x');
+    const std::u16string longText(70'000, u'x');
     constexpr auto utf8 = platform::ScriptOutputEncoding::utf8;
     constexpr auto utf16 = platform::ScriptOutputEncoding::utf16LittleEndian;
     struct Row {
@@ -47,15 +56,22 @@ TEST(ScriptOutput, BecomesUtf16WithoutByteOrderMarkWhereverItIsCutInTwo) {
              {"ASCII and a NUL", utf8, "a\0b\n"sv, u"a\0b\n"sv},
              {"two, three and four bytes", utf8, "\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80.", u"\u00e9\u20ac\U0001f600."},
              {"only the first is a mark", utf8, "\xEF\xBB\xBF\xEF\xBB\xBFx", u"\uFEFFx"},
-             {"a stray trail byte", utf8, "a\x80z", u"a\uFFFDz"},
-             {"a lead byte before ASCII", utf8, "\xC3(", u"\uFFFD("},
-             {"cut at the end", utf8, "ab\xE2\x82", u"ab\uFFFD"},
-             {"a surrogate written as UTF-8", utf8, "\xED\xA0\x80z", u"\uFFFDz"},
+             {"each line by itself", utf8, "\xC3\xA9\n\xC3\xA9\x84(\n\xE2\x82\xAC",
+              u"\u00e9\n\u00C3\u00A9\u0084(\n\u20ac"},
+             {"cut at the end", utf8, "ab\xE2\x82", u"ab\u00E2\u0082"},
+             {"a surrogate written as UTF-8", utf8, "\xED\xA0\x80z", u"\u00ED\u00A0\u0080z"},
              {"UTF-16 with its mark", utf16, "\xFF\xFE\x61\x00\xAC\x20"sv, u"a\u20ac"},
              {"half a unit at the end", utf16, "a\0b"sv, u"a\uFFFD"},
+             {"UTF-16 that its mark tells", utf8, "\xFF\xFE\xAC\x20\n\0"sv, u"\u20ac\n"},
+             {"nothing but the mark", utf8, "\xFF\xFE", u""},
+             {"UTF-16 that its zeros tell", utf8, "{\0}\0\xFF\xFE"sv, u"{}\uFEFF"},
+             {"two bytes tell nothing", utf8, "{\0"sv, u"{\0"sv},
+             {"a mark further down", utf8, "abcd\n\xFF\xFE", u"abcd\n\u00FF\u00FE"},
+             {"a long line", utf8, longLine, longText},
          }) {
         SCOPED_TRACE(row.title);
-        for (std::size_t cut = 0; cut <= row.bytes.size(); ++cut)
+        const std::size_t step = 1 + row.bytes.size() / 10;
+        for (std::size_t cut = 0; cut <= row.bytes.size(); cut += step)
             EXPECT_EQ(Convert(row.encoding, {row.bytes.substr(0, cut), row.bytes.substr(cut)}), row.expected) << cut;
     }
 }
@@ -93,6 +109,36 @@ TEST_F(Collection, OutputThatGrowsFasterThanItIsReadEndsWhereItStood) {
     EXPECT_EQ(fs::file_size(data / "Agent_K_1.txt"), 2 * (3 + lineEnd.size()));
 }
 
+TEST_F(Collection, AScriptThatPrintsMoreThanTheBoundIsEnded) {
+    std::uint64_t printed = 268435456;  // 256 MiB
+    int ended = 0;
+    int waits = 0;
+    platform::FileOperations files = platform::Files();
+    files.GetFileSizeEx = [&, real = files.GetFileSizeEx](platform::FileHandle file, std::uint64_t& size) {
+        const platform::Error error = real(file, size);
+        if (size == 1 + lineEnd.size()) size = printed;
+        return error;
+    };
+    platform::ProcessOperations processes = platform::Processes();
+    processes.WaitForSingleObject = [&, real = processes.WaitForSingleObject](auto process, std::uint32_t) {
+        const platform::Error error = real(process, 20'000);  // all has been printed at the first look
+        return ++waits == 1 ? platform::error::waitTimeout : error;
+    };
+    processes.TerminateProcess = [&](auto) { return ++ended, platform::error::success; };
+    const platform::ScopedOperations scopedFiles(files);
+    const platform::ScopedOperations scopedProcesses(processes);
+    EXPECT_EQ(RunScript("echo y"), "y" + lineEnd);
+    EXPECT_EQ(ended, 0);
+    EXPECT_FALSE(Logged("its record is cut"));
+    printed += 1;
+    waits = 0;
+    EXPECT_EQ(RunScript("echo y", u"K Name"), "y" + lineEnd);
+    EXPECT_EQ(ended, 1);
+    for (const char* part : {"script.bat", "Name", "as it has printed more than 268435456 bytes into", "Agent_K_2.out",
+                             "the script printed 268435457 bytes; its record is cut after 268435456"})
+        EXPECT_TRUE(Logged(part)) << part;
+}
+
 TEST_F(Collection, TheExitCodeDecidesOverSuccess) {
     WriteScript("exit.bat", "exit 0");
     platform::ProcessOperations processes = platform::Processes();
@@ -112,7 +158,7 @@ TEST_F(Collection, TheExitCodeDecidesOverSuccess) {
     EXPECT_EQ(fs::current_path(), bin) << "the working directory is put back";
 }
 
-TEST_F(Collection, OnlyScriptsBelowTheScriptsDirectoryRun) {
+TEST_F(Collection, OnlyScriptsBelowTheScriptsDirectoryRunByTheirHost) {
     WriteScript("sub..dir/deep.bat", "echo ran");
     for (const char16_t* name :
          {u"/bin/true", u"..\\..\\..\\outside.sh", u"", u"sub..dir/../../../../outside.sh", u"c:x.sh"})
@@ -124,6 +170,16 @@ TEST_F(Collection, OnlyScriptsBelowTheScriptsDirectoryRun) {
     ExecuteScript(u"missing.sh", u"", u"yes");
     EXPECT_TRUE(Logged("missing.sh")) << "the failed command is named";
     EXPECT_EQ(agentState.gv_ocLastCreatedJSONNum, 1u) << "unwanted output takes no number";
+
+    platform::ProcessOperations processes = platform::Processes();
+    std::u16string host;
+    processes.ComposeScriptLine = [&host](const platform::ScriptCommand& command) { return host = command.scriptHost; };
+    processes.CreateProcessW = [](auto&&...) { return platform::error::fileNotFound; };
+    const platform::ScopedOperations scoped(processes);
+    for (const char16_t* name : {u"a.js", u"a.JS", u"a.b.VbS", u"a.vbe", u"a.WSF", u"x.jse", u"x.vbs.bat", u"vbs"}) {
+        ExecuteScript(name, u"", u"no");
+        EXPECT_EQ(host, name[0] == u'a' ? u"cscript.exe //T:120 //U //Nologo" : u"");
+    }
 }
 
 TEST_F(Collection, AFullDiskCostsTheRecordInHandOnly) {
@@ -133,19 +189,24 @@ TEST_F(Collection, AFullDiskCostsTheRecordInHandOnly) {
             return size == 100000 ? platform::error::diskFull : real(file, bytes, size);
         };
         const platform::ScopedOperations<platform::FileOperations> full(files);
-        Write(bin / "big", std::string(115536, 'x'));
-        EXPECT_EQ(RunScript(printFile + "big"), "(none)") << "full after the first block of 65536 bytes";
+        const std::string firstBlock = std::string(65535, 'x') + "\n";
+        Write(bin / "big", firstBlock + std::string(50000, 'x'));
+        EXPECT_EQ(RunScript(printFile + "big"), firstBlock);
+        EXPECT_TRUE(Logged("Agent_K_1.txt is cut after 131072 bytes and goes out so"));
+        Write(bin / "big", std::string(50000, 'x'));
+        EXPECT_EQ(RunScript(printFile + "big"), "(none)") << "full at once";
     }
-    EXPECT_EQ(DataFiles(), 0);
+    EXPECT_EQ(DataFiles(), 1);
+    EXPECT_TRUE(Logged("Agent_K_2.out cannot be made a record file and is lost"));
     EXPECT_TRUE(Logged("Error code : 112"));
     EXPECT_EQ(RunScript("echo again"), "again" + lineEnd);
-    EXPECT_EQ(agentState.gv_ocLastCreatedJSONNum, 2u);
+    EXPECT_EQ(agentState.gv_ocLastCreatedJSONNum, 3u);
 
     fs::remove_all(data);
     Write(data, "a file where the data directory should be");
     EXPECT_EQ(RunScript("echo lost"), "(none)");
     ExecuteWMIQuery(std::nullopt, u"SELECT * FROM X", u"X");
-    EXPECT_TRUE(Logged("Agent_K_4.txt cannot be written, its record is lost"));
+    EXPECT_TRUE(Logged("Agent_K_5.txt cannot be written, its record is lost"));
 }
 
 TEST_F(Collection, AWorkflowRunsItsRecordsInOrderByKind) {
@@ -159,8 +220,8 @@ TEST_F(Collection, AWorkflowRunsItsRecordsInOrderByKind) {
     ASSERT_TRUE(JSONTextToHash(plan,
                                uR"({"WorkFlows":[{"wfname":"w","recordSetName":[
         {"wmiQuery":"SELECT * FROM D","script":"args.bat","Name":"Disks","PROTOCOL":"SPOLL"},
-        {"wmiQuery":7,"Name":"Broken"}, "no record", {"OTHER":"kind"}, {"wmiQuery":"SELECT"}, {"script":["x"]},
-        {"script":"args.bat","PROTOCOL":"SPOLL","Name":"N","params":"p","response_needed":"true"},
+        {"wmiQuery":[],"Name":"Broken"}, "no record", {"OTHER":"kind"}, {"wmiQuery":"SELECT"}, {"script":["x"]},
+        {"script":"args.bat","PROTOCOL":"SPOLL","Name":7,"params":false,"response_needed":true},
         {"PROTOCOL":"SPOLL","DEVICE_NAME":"router"}]}, {"wfname":"v","recordSetName":"x"}]})")
                     .ok);
     agentState.gv_sortVec = GetHashVector(plan, u"WorkFlows");
@@ -173,15 +234,16 @@ TEST_F(Collection, AWorkflowRunsItsRecordsInOrderByKind) {
                                       "\"DATACOLLECTTIME\": \"1772705107\", "
                                       "\"ERRORMSG\": \"FAILED:SELECT * FROM D ERRORCODE:80041010 MESSAGE:"));
     EXPECT_THAT(Record(1), EndsWith("\", \"Disks\": [ ] }"));
-    EXPECT_EQ(Record(2), "K,N,1772705107,3600,p" + lineEnd);
+    EXPECT_EQ(Record(2), "K,7,1772705107,3600,false" + lineEnd);
     EXPECT_EQ(Record(3),
               "{ \"PROTOCOL\": \"SPOLL\", \"MSPCUSTOMERID\": \"Acme\", \"ID\": \"\", "
               "\"DATACOLLECTTIME\": \"1772705107\", \"STATUS\": \"FAILURE\", \"OID\": \"\" }");
     EXPECT_EQ(DataFiles(), 3);
     for (const char* line : {"a WMI record without the text wmiQuery", "a WMI record without the text Name",
-                             "a script record without the text script", "something in recordSetName is no record",
-                             "Without OID nothing is asked", "workflow v has no list recordSetName",
-                             "no workflow stands at index [2]", "Data not collected as connection to CS is lost"}) {
+                             "a script record without the text script", "script is no text, whole number",
+                             "something in recordSetName is no record", "Without OID nothing is asked",
+                             "workflow v has no list recordSetName", "no workflow stands at index [2]",
+                             "Data not collected as connection to CS is lost"}) {
         EXPECT_TRUE(Logged(line)) << line;
     }
 }

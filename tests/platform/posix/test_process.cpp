@@ -1,5 +1,6 @@
 #include <csignal>
 #include <fcntl.h>
+#include <fstream>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -114,6 +115,17 @@ TEST_F(ProcessTest, TerminationEndsTheWholeTree) {
          u"setsid sh -c 'echo $$ >id; while :; do (setsid sleep 100 &); done' & sleep 100"},
     };
     for (const auto& row : rows) {
+        const pid_t starter = fork();
+        if (starter == 0) {
+            ProcessHandle process = 0;
+            Processes().CreateProcessW(row.line, u"", process);
+            for (;;) pause();
+        }
+        const pid_t orphan = AwaitId();
+        kill(starter, SIGKILL);
+        waitpid(starter, nullptr, 0);
+        EXPECT_TRUE(EndsSoon(orphan)) << row.title << ", and whoever started it is killed";
+
         ProcessHandle process = 0;
         ASSERT_EQ(Processes().CreateProcessW(row.line, u"", process), error::success) << row.title;
         const pid_t survivor = AwaitId();
@@ -126,8 +138,8 @@ TEST_F(ProcessTest, TerminationEndsTheWholeTree) {
         EXPECT_EQ(code, 137U) << row.title;
         Processes().CloseProcess(process);
     }
-    EXPECT_EQ(Run(u"for at in /proc/[0-9]*; do case ${at#/proc/} in $$|$PPID) continue; esac; "
-                  u"[ \"$(readlink $at/cwd)\" = \"$PWD\" ] && exit 1; done; exit 0"),
+    EXPECT_EQ(Run(u"for at in /proc/[0-9]*; do case ${at#/proc/} in $$|" + WideFromUtf8(std::to_string(getpid())) +
+                  u") continue; esac; [ \"$(readlink $at/cwd)\" = \"$PWD\" ] && exit 1; done; exit 0"),
               0)
         << "someone is left in the test's folder";
 }
@@ -141,10 +153,13 @@ TEST_F(ProcessTest, AScriptThatLeavesAChildBehindHasEnded) {
     EXPECT_EQ(kill(child, SIGKILL), 0);
     EXPECT_TRUE(EndsSoon(child));
 
-    // Not waited for at all: reaped when the next one starts.
-    ASSERT_EQ(Processes().CreateProcessW(u"echo $$ >id", u"", process), error::success);
+    // Not waited for at all: it goes on, and is reaped when another starts or ends.
+    ASSERT_EQ(Processes().CreateProcessW(u"echo $PPID >id; read line <id", u"", process), error::success);
     Processes().CloseProcess(process);
-    EXPECT_TRUE(EndsSoon(AwaitId()));
+    const pid_t guardian = AwaitId();
+    EXPECT_EQ(kill(guardian, 0), 0);
+    std::ofstream("id") << "on\n";
+    EXPECT_TRUE(EndsSoon(guardian));
     EXPECT_EQ(Run(u"true"), 0);
 }
 
