@@ -14,6 +14,7 @@
 #include "foundation/system_error.h"
 #include "foundation/text.h"
 #include "platform/files.h"
+#include "platform/memory.h"
 
 namespace kv {
 
@@ -128,6 +129,7 @@ std::optional<std::u16string> WriteRecordFile(std::u16string_view dataDirectory,
     const std::u16string path = NextRecordPath(dataDirectory);
     const std::u16string record = path + u".txt";
     const platform::Error error = WriteCompleteFile(record, path + u".tmp", Utf16LittleEndianBytes(json));
+    platform::ReleaseFreeMemoryAfter(json.size() * sizeof(char16_t));
     if (error == platform::error::success) return record;
     Log3("\t file pointer is NULL\n");
     Log1("\t WriteRecordFile :: %s cannot be written, its record is lost \n", record);

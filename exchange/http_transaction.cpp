@@ -6,6 +6,7 @@
 #include "foundation/agent_state.h"
 #include "foundation/file_utils.h"
 #include "foundation/log.h"
+#include "platform/memory.h"
 
 namespace kv {
 
@@ -101,6 +102,9 @@ Error InternetUploadBinaryFile(const OptionalText& serverName, std::int32_t serv
     }
     const Error result = AgentSendRequest(serverName, serverPort, url, {.body = content}, nullptr,
                                           RequestKind::REQUEST_POST_BINARY, content.size(), false);
+    const std::size_t size = content.size();
+    std::string().swap(content);
+    platform::ReleaseFreeMemoryAfter(size);
     Log3("InternetUploadBinaryFile :: httpStatusCode [%d] \n", result);
     return result;
 }

@@ -15,6 +15,7 @@
 #include "foundation/time_utils.h"
 #include "platform/clock.h"
 #include "platform/files.h"
+#include "platform/memory.h"
 #include "queryconf/conf_paths.h"
 
 namespace kv {
@@ -156,6 +157,9 @@ void RunRound(const RequestListPaths& paths) {
     if (!RequestsWait()) return;
     OptionalText list;
     if (FetchRequestList(list) == error::success) TakeRequestList(list, paths);
+    const std::size_t bytes = list ? list->size() * sizeof(char16_t) : 0;
+    list.reset();
+    platform::ReleaseFreeMemoryAfter(bytes);
     Log1(
         "\t RequestCentralServer() :: Request list are processed sucessfully.. Going to set RequestAvailable flag as "
         "NO.\n");

@@ -8,6 +8,7 @@
 #include "foundation/file_utils.h"
 #include "foundation/log.h"
 #include "jsontext/hash_json.h"
+#include "platform/memory.h"
 #include "platform/messages.h"
 #include "platform/utf.h"
 
@@ -94,8 +95,11 @@ JsonReadResult JSONFileToHash(HashTable* table, std::u16string_view fileName) {
             std::fprintf(stderr, "json_object_from_file: error reading file %s: %s\n", name.c_str(), words.c_str()));
         return FileFailure(name + ": " + words + " (error " + std::to_string(error) + ")", error);
     }
+    const std::size_t size = bytes.size();
     try {
-        return DocumentOfFile(table, name, std::move(bytes));
+        JsonReadResult result = DocumentOfFile(table, name, std::move(bytes));
+        platform::ReleaseFreeMemoryAfter(size);
+        return result;
     } catch (const std::bad_alloc&) {
         return FileFailure(name + ": the document is too large for the memory");
     }

@@ -43,6 +43,8 @@ bool IsHostName(std::u16string_view server) {
     });
 }
 
+bool NamesProxy(std::u16string_view list) { return list.find_first_not_of(u"; \t\r\n") != list.npos; }
+
 bool IsFollowedRedirect(std::uint32_t status, bool post) {
     static constexpr std::uint32_t redirects[] = {301, 302, 303, 307, 308};
     return std::find(std::begin(redirects), std::end(redirects), status) != std::end(redirects) &&

@@ -18,6 +18,9 @@ std::string EncodeUrlText(std::u16string_view text);
 /// there.
 bool IsHostName(std::u16string_view server);
 
+/// Whether a list of proxies names any, besides separators.
+bool NamesProxy(std::u16string_view list);
+
 /// Whether an answer with this status is a redirect that is followed. A POST goes on only where its body is asked for
 /// again: as a GET it would be answered, and its data nowhere.
 bool IsFollowedRedirect(std::uint32_t status, bool post);

@@ -70,7 +70,7 @@ Error Open(std::u16string_view userAgent, HttpProxyAccess access, const std::opt
     if (access == HttpProxyAccess::namedProxy) {
         opened->proxyList = Utf8FromWide(proxyName.value_or(u""));
         opened->bypassList = Utf8FromWide(proxyBypass.value_or(u""));
-        if (opened->proxyList.empty()) return error::invalidParameter;
+        if (!NamesProxy(proxyName.value_or(u""))) return error::invalidParameter;
     }
     if (!CurlIsReady()) return error::winHttpInternalError;
     session = AllHandles().Add(std::move(opened));

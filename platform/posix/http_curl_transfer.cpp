@@ -93,7 +93,8 @@ Error ErrorFromCurl(CURLcode code) {
     static constexpr Row rows[] = {
         {CURLE_OK, error::success},
         {CURLE_UNSUPPORTED_PROTOCOL, error::winHttpInvalidServerResponse},  // an answer without a status line
-        {CURLE_URL_MALFORMAT, error::winHttpInvalidUrl},
+        {CURLE_URL_MALFORMAT,
+         error::winHttpNameNotResolved},  // the URL was taken apart before: a name without ASCII form
         {CURLE_COULDNT_RESOLVE_PROXY, error::winHttpNameNotResolved},
         {CURLE_COULDNT_RESOLVE_HOST, error::winHttpNameNotResolved},
         {CURLE_COULDNT_CONNECT, error::winHttpCannotConnect},

@@ -134,11 +134,16 @@ std::optional<HttpTarget> MakeHttpTarget(bool secure, std::u16string_view server
 }
 
 std::optional<HttpTarget> RedirectedTarget(const HttpTarget& from, std::string_view location) {
+    std::string encoded;  // libcurl would make a plus sign of a blank behind the question mark
+    for (const char c : location) encoded += c == ' ' ? std::string("%20") : std::string(1, c);
     const UrlHandle url(curl_url());
     if (!url || curl_url_set(url.get(), CURLUPART_URL, from.url.c_str(), CURLU_PATH_AS_IS) != CURLUE_OK ||
-        curl_url_set(url.get(), CURLUPART_URL, std::string(location).c_str(), CURLU_URLENCODE) != CURLUE_OK) {
+        curl_url_set(url.get(), CURLUPART_URL, encoded.c_str(), CURLU_URLENCODE) != CURLUE_OK) {
         return std::nullopt;
     }
+    // Nobody's credentials go anywhere because an answer says so.
+    curl_url_set(url.get(), CURLUPART_USER, nullptr, 0);
+    curl_url_set(url.get(), CURLUPART_PASSWORD, nullptr, 0);
     return TargetOf(url.get());
 }
 
@@ -157,7 +162,9 @@ std::string ProxyFromList(std::string_view proxyList, const HttpTarget& target) 
         entry = entry.substr(0, entry.find('/'));
         const auto [host, port] = SplitPort(entry);
         if (host.empty()) continue;
-        return std::string(host) + ":" + (port.empty() ? "80" : std::string(port));
+        const bool isBareAddress = host.find(':') != host.npos && !host.starts_with('[');
+        return (isBareAddress ? "[" + std::string(host) + "]" : std::string(host)) + ":" +
+               (port.empty() ? "80" : std::string(port));
     }
     return {};
 }

@@ -22,7 +22,8 @@ struct HttpTarget {
 std::optional<HttpTarget> MakeHttpTarget(bool secure, std::u16string_view server, std::uint16_t port,
                                          std::u16string_view path);
 
-/// The target that a Location header leads to, from the present one; none for what is neither http nor https.
+/// The target that a Location header leads to, from the present one; none for what is neither http nor https. A user
+/// and password in it are dropped.
 std::optional<HttpTarget> RedirectedTarget(const HttpTarget& from, std::string_view location);
 
 /// Whether the bypass list names the target. Entries are separated by semicolons or blanks and compared without regard
@@ -31,7 +32,8 @@ std::optional<HttpTarget> RedirectedTarget(const HttpTarget& from, std::string_v
 bool IsBypassed(std::string_view bypassList, const HttpTarget& target);
 
 /// The proxy of a proxy list for a target, as "host:port"; empty for none. The list is "host:port", "http://host:port"
-/// or entries such as "http=host:port;https=host:port"; the port is 80 where none is given.
+/// or entries such as "http=host:port;https=host:port"; the port is 80 where none is given. An
+/// IPv6 address without brackets is a host without a port.
 std::string ProxyFromList(std::string_view proxyList, const HttpTarget& target);
 
 }  // namespace platform

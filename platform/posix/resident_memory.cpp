@@ -1,10 +1,15 @@
 #include <cstdint>
 #include <elf.h>
+#include <fstream>
 #include <link.h>
+#include <malloc.h>
+#include <string>
+#include <string_view>
 #include <sys/auxv.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include "platform/memory.h"
 #include "platform/posix/posix.h"
 
 namespace platform {
@@ -22,30 +27,27 @@ bool IsKernelObject(const dl_phdr_info& object) {
     return false;
 }
 
-/// Whether the loader has written into the object's code (text relocations), which a dropped page would lose.
-bool HasPatchedCode(const dl_phdr_info& object) {
-    for (ElfW(Half) at = 0; at < object.dlpi_phnum; ++at) {
-        const ElfW(Phdr)& segment = object.dlpi_phdr[at];
-        if (segment.p_type != PT_DYNAMIC) continue;
-        const auto* entry = reinterpret_cast<const ElfW(Dyn)*>(object.dlpi_addr + segment.p_vaddr);
-        for (; entry->d_tag != DT_NULL; ++entry) {
-            if (entry->d_tag == DT_TEXTREL) return true;
-            if (entry->d_tag == DT_FLAGS && (entry->d_un.d_val & DF_TEXTREL) != 0) return true;
-        }
+/// Whether a debugger looks at this process. Its breakpoints stand in the code, and it may follow every page.
+bool IsTraced() {
+    constexpr std::string_view field = "TracerPid:\t";
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.starts_with(field)) return line.substr(field.size()) != "0";
     }
     return false;
 }
 
-/// Gives back the pages that lie wholly inside a segment; a page it shares with a neighbour stays.
+/// Gives back the pages that lie wholly inside a segment; a page it shares with a neighbour stays. A kernel that does
+/// not know the advice (before 5.4) refuses it, and nothing is given back.
 void DropSegment(std::uintptr_t start, std::uintptr_t end) {
     static const auto pageSize = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
     const std::uintptr_t first = (start + pageSize - 1) / pageSize * pageSize;
     const std::uintptr_t last = end / pageSize * pageSize;
-    if (first < last) madvise(reinterpret_cast<void*>(first), last - first, MADV_DONTNEED);
+    if (first < last) madvise(reinterpret_cast<void*>(first), last - first, MADV_PAGEOUT);
 }
 
 int DropObject(dl_phdr_info* object, std::size_t, void*) {
-    if (IsKernelObject(*object) || HasPatchedCode(*object)) return 0;
+    if (IsKernelObject(*object)) return 0;
     for (ElfW(Half) at = 0; at < object->dlpi_phnum; ++at) {
         const ElfW(Phdr)& segment = object->dlpi_phdr[at];
         if (segment.p_type != PT_LOAD || (segment.p_flags & PF_W) != 0) continue;
@@ -57,6 +59,10 @@ int DropObject(dl_phdr_info* object, std::size_t, void*) {
 
 }  // namespace
 
-void TrimResidentLibraryPages() { dl_iterate_phdr(DropObject, nullptr); }
+void TrimResidentLibraryPages() {
+    if (!IsTraced()) dl_iterate_phdr(DropObject, nullptr);
+}
+
+void ReleaseFreeMemory() { malloc_trim(0); }
 
 }  // namespace platform

@@ -82,7 +82,7 @@ Error Open(std::u16string_view userAgent, HttpProxyAccess access, const std::opt
     const bool proxied = access == HttpProxyAccess::namedProxy;
     const std::wstring name = WideOf(proxyName.value_or(u""));
     const std::wstring bypass = WideOf(proxyBypass.value_or(u""));
-    if (proxied && name.empty()) return error::invalidParameter;
+    if (proxied && !NamesProxy(proxyName.value_or(u""))) return error::invalidParameter;
     InternetHandle handle(::WinHttpOpen(WideOf(userAgent).c_str(), static_cast<DWORD>(access),
                                         proxied ? name.c_str() : WINHTTP_NO_PROXY_NAME,
                                         proxied && !bypass.empty() ? bypass.c_str() : WINHTTP_NO_PROXY_BYPASS, 0));

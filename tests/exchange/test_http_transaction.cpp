@@ -53,7 +53,7 @@ class HttpTransaction : public HttpTest {
     void Restart(std::string letters) {
         script = std::move(letters);
         sent.clear();
-        for (std::string* notes : {&addresses, &opened}) notes->clear();
+        for (std::string* notes : {&addresses, &opened, &options, &readSizes}) notes->clear();
         sendings = 0;
         closed = 0;
     }
@@ -65,7 +65,9 @@ class HttpTransaction : public HttpTest {
     std::string addresses;   // in the order of the attempts
     Lines sent;              // bodies that have reached the server
     std::string opened;      // handles: 's'ession, 'c'onnection, 'r'equest
+    std::string options;     // that were set, as "number=value "
     std::size_t closed = 0;  // handles
+    std::string readSizes;   // asked for, each with a blank
     int sendings = 0;
     Meeting current;
     VirtualClock clock;
@@ -89,6 +91,18 @@ platform::HttpOperations HttpTransaction::Scripted() {
         addresses += platform::Utf8FromWide(address) + " ";
         opened += "c";
         return real.WinHttpConnect(session, u"127.0.0.1", port, connection);
+    };
+    operations.WinHttpSetOptionNumber = [=, this](auto request, auto option, auto value) {
+        options += std::to_string(static_cast<int>(option)) + "=" + std::to_string(value) + " ";
+        return real.WinHttpSetOptionNumber(request, option, value);
+    };
+    operations.WinHttpSetOptionText = [=, this](auto request, auto option, auto value) {
+        options += std::to_string(static_cast<int>(option)) + "=" + platform::Utf8FromWide(value) + " ";
+        return real.WinHttpSetOptionText(request, option, value);
+    };
+    operations.WinHttpReadData = [=, this](auto request, auto buffer, auto size, auto& read) {
+        readSizes += std::to_string(size) + " ";
+        return real.WinHttpReadData(request, buffer, size, read);
     };
     operations.WinHttpSendRequest = [=, this](auto request, auto body, auto size) {
         ++sendings;
@@ -180,6 +194,67 @@ TEST_F(HttpTransaction, ResendsInRoundsAndRestartsOnce) {
             EXPECT_EQ(closed, opened.size());
         }
     }
+    Restart("p");
+    EXPECT_EQ(Post(somePort, u"/x", "abcd", 4), 407u);
+    for (const std::string routine : {"InternetGetRequestEx", "InternetSendRequestEx"}) {
+        EXPECT_TRUE(Logged(routine + " : Resending the data to the server host \n"));
+        EXPECT_TRUE(Logged(routine + " : Going to close the request handle and going to resending the data to the "
+                                     "server host \n"));
+    }
+    EXPECT_TRUE(Logged("InternetSendRequestEx : Proxy Credentials are failed to authenticate 407 \n"));
+}
+
+TEST_F(HttpTransaction, OptionsFollowTheKindAndTheCredentials) {
+    using enum RequestKind;
+    const struct {
+        RequestKind kind;
+        std::u16string user;
+        std::u16string password;
+        std::string expected;  // timeout, tolerated faults of a certificate, credentials
+    } rows[] = {
+        {REQUEST_GET_TIMED, u"", u"", "3=30000 31=12544 "},
+        {REQUEST_POST_TIMED, u"", u"", "3=30000 31=13056 "},
+        {REQUEST_GET, u"u", u"password", "31=12544 "},  // a single character is no credential
+        {REQUEST_POST_BINARY, u"us", u"p", "31=13056 4098=us "},
+        {REQUEST_GET_HEADERS, u"us", u"pw", "31=12544 4098=us 4099=pw "},
+        {REQUEST_GET_STATUS, u"", u"pw", "31=12544 "},
+    };
+    agentState.gv_httpsEnabled = 1;
+    for (const auto& row : rows) {
+        Restart("g");
+        UseProxy(At(1), u"", row.password);
+        agentState.gv_proxyUserName = row.user;
+        std::u16string url = u"/x";
+        agentState.gv_ServerPort = somePort;
+        EXPECT_EQ(AgentSendRequest({}, 0, url, {.body = "ab"}, nullptr, row.kind, 2, false), 12029u);
+        EXPECT_EQ(options, row.expected);
+    }
+}
+
+TEST_F(HttpTransaction, ADownloadGoesInRoundsOfFiftyBytes) {
+    Restart("o");
+    std::u16string url = u"/x";
+    agentState.gv_ServerPort = somePort;
+    EXPECT_EQ(InternetDownloadFile({}, 0, url, u"two.bin", false), 0u);
+    EXPECT_EQ(readSizes, "50 50 ");
+}
+
+/// All lines but that with the example names, which are the program's own, as one sum (FNV-1a) in the order of codes.
+TEST_F(HttpTransaction, EachErrorHasItsLine) {
+    std::uint32_t sum = 2166136261u;
+    for (platform::Error code = 12001; code <= 12183; ++code) {
+        const std::size_t before = LogText().size();
+        HttpGetLastError(code);
+        const std::string text = LogText().substr(before);
+        const std::size_t start = text.find("HttpGetLastError:");
+        if (start == std::string::npos || code == 12038) continue;
+        for (const char c : text.substr(start)) sum = (sum ^ static_cast<unsigned char>(c)) * 16777619u;
+    }
+    EXPECT_EQ(sum, 784478810u);
+    HttpGetLastError(12038);
+    EXPECT_TRUE(Logged("HttpGetLastError: SSL certificate common name (host name field) is incorrect. "));
+    HttpGetLastError(12184);
+    EXPECT_TRUE(Logged("Error code : 12184, Error Message : "));
 }
 
 TEST_F(HttpTransaction, PostsSendWhatTheirKindCounts) {

@@ -28,7 +28,10 @@ std::vector<std::string> LinesOf(const std::string& request) {
 
 TEST_F(HttpTransport, SaysExactlyWhatItShouldOnTheWire) {
     RawServer server(Says("HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n"));
-    EXPECT_EQ(Get(server.port, u"\\a\\b?c=5% d%20e"), 0u);
+    agentState.gv_ServerPort = server.port;
+    std::u16string url = u"\\a\\b?c=5% d%20e";
+    EXPECT_EQ(AgentSendRequest({}, 0, url, {}, nullptr, RequestKind::REQUEST_GET, 0, false), 0u);
+    EXPECT_EQ(url, u"/a/b?c=5% d%20e") << "the caller's, with its slashes and nothing else changed";
     EXPECT_EQ(Post(server.port, u"/p", "12345", 5), 0u);
     ASSERT_EQ(server.requests.size(), 2u);
     std::vector<std::string> expected = {"User-Agent: TallowmereOnCallAgent\r", "Cache-Control: no-cache\r",
@@ -116,6 +119,13 @@ TEST_F(HttpTransport, FollowsRedirects) {
     RawServer circle(Says("HTTP/1.1 302 Found\r\nLocation: /again\r\nContent-Length: 0\r\n\r\n"));
     EXPECT_EQ(Get(circle.port, u"/"), 12156u);
     EXPECT_EQ(circle.requests.size(), 11u);
+    RawServer target(Says("HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n"));
+    RawServer hop(Says("HTTP/1.1 302 Found\r\nLocation: http://u:p@127.0.0.1:" + std::to_string(target.port) +
+                       "/a b?c d\r\nContent-Length: 0\r\n\r\n"));
+    EXPECT_EQ(Get(hop.port, u"/"), 0u);
+    ASSERT_EQ(target.requests.size(), 1u);
+    EXPECT_THAT(target.requests[0], HasSubstr("GET /a%20b?c%20d HTTP"));
+    EXPECT_THAT(target.requests[0], Not(HasSubstr("Authorization")));
 }
 
 TEST_F(HttpTransport, NoRedirectLosesAPost) {
@@ -172,7 +182,9 @@ TEST_F(HttpTransport, WhatCannotBeAskedForIsRefused) {
     platform::HttpHandle session = 0, connection = 0, request = 0, none = 0;
     RawServer server(Says("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n"));
     const auto port = static_cast<std::uint16_t>(server.port);
-    EXPECT_EQ(http.WinHttpOpen(u"x", platform::HttpProxyAccess::namedProxy, u"", std::nullopt, none), 87u);
+    for (const char16_t* list : {u"", u" ; "}) {
+        EXPECT_EQ(http.WinHttpOpen(u"x", platform::HttpProxyAccess::namedProxy, list, std::nullopt, none), 87u);
+    }
     ASSERT_EQ(http.WinHttpOpen(u"x", platform::HttpProxyAccess::noProxy, std::nullopt, std::nullopt, session), 0u);
     ASSERT_EQ(http.WinHttpConnect(session, u"127.0.0.1", port, connection), 0u);
     EXPECT_EQ(http.WinHttpOpenRequest(session, u"GET", u"/", u"", 0, none), 12018u);
@@ -184,6 +196,12 @@ TEST_F(HttpTransport, WhatCannotBeAskedForIsRefused) {
     EXPECT_EQ(http.WinHttpSetOptionNumber(request, platform::HttpOption::proxyPassword, 1), 12009u);
     EXPECT_EQ(http.WinHttpSetOptionText(request, platform::HttpOption::sendTimeout, u"1"), 12009u);
     std::uint32_t number = 0;
+    for (const auto& [option, milliseconds] : {std::pair{platform::HttpOption::connectTimeout, 60000u},
+                                               {platform::HttpOption::sendTimeout, 30000u},
+                                               {platform::HttpOption::receiveTimeout, 30000u}}) {
+        EXPECT_EQ(http.WinHttpQueryOption(request, option, number), 0u);
+        EXPECT_EQ(number, milliseconds);
+    }
     EXPECT_EQ(http.WinHttpReceiveResponse(request), 12019u);
     EXPECT_EQ(http.WinHttpQueryHeadersNumber(request, platform::HttpHeaderQuery::statusCodeNumber, number), 12019u);
     EXPECT_EQ(http.WinHttpSendRequest(request, nullptr, 0), 0u);
@@ -198,6 +216,7 @@ TEST_F(HttpTransport, AddressesThatLeadNowhere) {
     for (const auto& [address, expected] : {std::pair{u"127.0.0.1", 12029u},
                                             {u"::1", 12029u},
                                             {u"no-such-host.invalid", 12007u},
+                                            {u"z\u00fcrich.invalid", 12007u},
                                             {u"127.0.0.1:80", 12005u}}) {
         agentState.gv_LastAccessName.publish(address);
         EXPECT_EQ(Get(closedPort, u"/"), expected) << platform::Utf8FromWide(address);

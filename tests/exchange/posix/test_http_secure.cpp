@@ -79,6 +79,8 @@ TEST_F(HttpSecure, GoesThroughTheProxyWithItsCredentials) {
     EXPECT_EQ(Get(secure.port, u"/echo"), 12029u);
     agentState.gv_httpsEnabled = 0;
     EXPECT_EQ(Get(plain.port, u"/echo"), 0u);
+    UseProxy(u"::1", u"");  // at port 80, where nobody listens
+    EXPECT_EQ(Get(plain.port, u"/echo"), 12029u);
 }
 
 TEST_F(HttpSecure, ARefusalEndsAnUploadEarlyAndNothingElseDoes) {
@@ -98,6 +100,12 @@ TEST_F(HttpSecure, ARefusalEndsAnUploadEarlyAndNothingElseDoes) {
 }
 
 TEST_F(HttpSecure, PeersThatSayNothing) {
+    for (const auto& [lines, expected] : {std::pair{250, 0u}, {265, 12182u}}) {  // of 1 KiB each, where 256 KiB pass
+        std::string headers = "HTTP/1.1 200 OK\r\n";
+        for (int line = 0; line < lines; ++line) headers += "X: " + std::string(1019, 'x') + "\r\n";
+        RawServer wordy(Says(headers + "\r\n"));
+        EXPECT_EQ(Get(wordy.port, u"/x"), expected);
+    }
     RawServer gone(Says(""));
     EXPECT_EQ(Get(gone.port, u"/x"), 12030u);
     agentState.gv_httpsEnabled = 1;

@@ -14,6 +14,7 @@ TEST(HttpTarget, ARedirectIsRelativeToWhereItCameFrom) {
         std::wstring expected;  // host, port and path; empty: not followed
     } rows[] = {
         {"another server", L"https://other.example/x?y#z", L"other.example 443 /x?y"},
+        {"nobody's name and password", L"https://u:p@other.example/a b?c d", L"other.example 443 /a%20b?c%20d"},
         {"never to a plain one", L"http://other.example/", L""},
         {"another scheme", L"ftp://other.example/", L""},
         {"the same scheme", L"//other.example:5/x", L"other.example 5 /x"},

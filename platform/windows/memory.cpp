@@ -1,0 +1,9 @@
+#include "platform/memory.h"
+
+#include <malloc.h>
+
+namespace platform {
+
+void ReleaseFreeMemory() { _heapmin(); }
+
+}  // namespace platform
