@@ -50,8 +50,11 @@ bool FindBinPath() try {
     OptionalText installDir;
     const platform::Error error = GetKVAgentInstallDir(installDir);
     if (error != platform::error::success || !installDir) {
-        std::fprintf(stderr, "MonitoringAgent: the setting KVAgentInstallDir cannot be read: %s (error %u)\n",
-                     platform::MessageInLine(error).c_str(), error);
+        if (error == platform::error::success)
+            std::fprintf(stderr, "MonitoringAgent: the setting KVAgentInstallDir is not a text\n");
+        else
+            std::fprintf(stderr, "MonitoringAgent: the setting KVAgentInstallDir cannot be read: %s (error %u)\n",
+                         platform::MessageInLine(error).c_str(), error);
         AppendNote(registryNote, "Not able to fetch the KV Agent installation directory from the registry\n");
         return true;
     }

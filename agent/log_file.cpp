@@ -1,6 +1,7 @@
 #include "agent/log_file.h"
 
 #include <algorithm>
+#include <atomic>
 #include <limits>
 #include <mutex>
 #include <utility>
@@ -13,7 +14,7 @@
 #include "platform/files.h"
 
 // RotateLogFile and all that it calls log nothing while the rotation lock is held: a line may start a rotation, and
-// that one would wait for the lock for ever.
+// that one would wait for the lock forever.
 namespace kv {
 
 namespace {
@@ -24,6 +25,25 @@ namespace error = platform::error;
 constexpr std::uint32_t defaultMaxSize = 1000000;  // characters
 constexpr std::uint32_t defaultMaxFiles = 10;
 constexpr std::u16string_view logExtension = u".log";
+
+/// Set while a thread takes the step "above the limit? rotate". The others go on, their lines written, so that nobody
+/// waits for a rotation and then finds the counter small.
+std::atomic_flag isRotating;
+
+/// Another process had the log open when this one began: moving it away is that one's affair.
+bool isGuest = false;         // guarded by isRotating
+bool isObstacleSaid = false;  // guarded by isRotating
+
+class ClearedAtEnd {
+  public:
+    explicit ClearedAtEnd(std::atomic_flag& flag) : flag_(flag) {}
+    ~ClearedAtEnd() { flag_.clear(std::memory_order_release); }
+    ClearedAtEnd(const ClearedAtEnd&) = delete;
+    ClearedAtEnd& operator=(const ClearedAtEnd&) = delete;
+
+  private:
+    std::atomic_flag& flag_;
+};
 
 /// What becomes of the rotation lock when RotateLogFile returns.
 enum class RotationLock { released, kept };
@@ -91,8 +111,9 @@ void ShiftLogFiles() {
 RotationLock RotateWhileLocked(std::uint32_t count) {
     const std::uint32_t bytes = logState.gv_logBytes;
     const std::uint32_t maxSize = logState.gv_logMaxSize;
-    // Another thread has rotated in the meantime. The lock stays held here and where the log cannot be measured, unlike
-    // on the normal way out: this is how the agent behaves, and its price is that the next rotation waits for ever.
+    // The counter says that another thread has rotated in the meantime. The lock stays held here and where the log
+    // cannot be measured, unlike on the normal way out. RotateAboveLimit sees to it that no line comes here like that,
+    // and that none waits for such a lock.
     if (bytes != 0 && maxSize != 0 && bytes < maxSize) return RotationLock::kept;
     if (logState.gv_logPath.empty()) return RotationLock::released;
     if (!MayChangeLog()) {
@@ -110,6 +131,55 @@ RotationLock RotateWhileLocked(std::uint32_t count) {
     const std::lock_guard stream(logState.streamMutex);
     if (logState.gv_logFile == 0 && MayChangeLog()) OpenStream(logState.gv_logPath);
     return RotationLock::released;
+}
+
+/// Whether another than this process writes to the log. Its own stream is closed for the question, and opened by the
+/// log's name again: what was moved away meanwhile is no longer written to.
+bool IsLogOfAnother() {
+    const std::lock_guard stream(logState.streamMutex);
+    CloseStream();
+    const bool isInUse = Files().GetFileUseState(logState.gv_logPath) == error::sharingViolation;
+    OpenStream(logState.gv_logPath);
+    return isInUse;
+}
+
+/// Why the log cannot be rotated now, or null.
+const char* RotationObstacle() {
+    if (isGuest && MayChangeLog()) isGuest = IsLogOfAnother();
+    if (isGuest) return "another process writes to the log, and rotates it";
+    const bool isLeftBehind = IsResourceLocked_MSP(&logState.gv_logFile) == 1;
+    return isLeftBehind ? "the lock of an earlier rotation was not released" : nullptr;
+}
+
+/// The log grows on; the next look is due when as much again has been written.
+void GoOnUnrotated(const char* obstacle) {
+    logState.gv_logBytes = 0;
+    if (!std::exchange(isObstacleSaid, true))
+        Log1("\t RotateLogFile :: The log goes on without rotation, for %s\n", obstacle);
+}
+
+/// What the log step calls when the counter has passed the limit. Another rotation may have ended meanwhile.
+int RotateAboveLimit(std::uint32_t /*count*/) {
+    if (logState.isRotationOver || isRotating.test_and_set(std::memory_order_acquire)) return 0;
+    const ClearedAtEnd cleared(isRotating);
+    const std::uint32_t bytes = logState.gv_logBytes;
+    if (bytes <= logState.gv_logMaxSize) return 0;
+    const char* obstacle = RotationObstacle();
+    if (!obstacle) return RotateLogFile(bytes);
+    GoOnUnrotated(obstacle);
+    return 0;
+}
+
+/// Opens the log of a start. Where another process writes to it, or it cannot be measured, it is only opened: moving it
+/// would take it away from that process, and the lock would not be released.
+void OpenLogAtStart() {
+    std::uint32_t size = 0;
+    isObstacleSaid = false;
+    isGuest = logState.gv_logFile == 0 && Files().GetFileUseState(logState.gv_logPath) == error::sharingViolation;
+    if (isGuest || MeasureLog(size) != error::success)
+        OpenLogFile(logState.gv_logPath);
+    else
+        RotateLogFile(0);
 }
 
 }  // namespace
@@ -158,10 +228,10 @@ void RotateLogger(std::optional<std::u16string_view> name) {
     logState.gv_logMaxFiles = defaultMaxFiles;
     logState.gv_logMaxSize = defaultMaxSize;
     logState.gv_logPath = binPath + std::u16string(name.value_or(u"..\\logs\\agent.log"));
-    logState.rotate = RotateLogFile;
+    logState.rotate = RotateAboveLimit;
     logState.isToolkitLog = false;
     logState.isRotationOver = false;
-    RotateLogFile(0);
+    OpenLogAtStart();
     // The configured limits hold from here on; the rotation at start goes by the defaults.
     std::uint32_t maxSize = defaultMaxSize;
     std::uint32_t maxFiles = defaultMaxFiles;
@@ -174,6 +244,7 @@ void RotateLogger(std::optional<std::u16string_view> name) {
         "AGENT==================================================\n");
     Log1("\tRotateLogger : LoggerMaxFiles %d\n", maxFiles);
     Log1("\tRotateLogger : LoggerMaxSize %ld bytes .\n", maxSize);
+    if (isGuest) Log1("\t RotateLogger :: Another process writes to the log and rotates it. This one only writes\n");
 }
 
 void EndLogRotation() { logState.isRotationOver = true; }

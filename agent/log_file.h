@@ -8,19 +8,19 @@
 
 namespace kv {
 
-/// Opens the log for a run; none means "..\logs\agent.log". Called once per process.
+/// Opens the log for a run; null means "..\logs\agent.log". A log that another process writes to is opened without
+/// rotating, then and later. Called once per process.
 void RotateLogger(std::optional<std::u16string_view> name);
 
 /// Sets gv_logLevel from the registry, 1 where that fails.
 void ReadLogLevel();
 
-/// Rotates when the counter has passed the limit, and opens the log when it is not open; 0.
+/// Rotates when the counter has passed the limit, and opens the log when it is not open; 0. Where the counter is small
+/// but not 0, and where the log has to be measured (count 0) and cannot be, the rotation lock is still held at the
+/// return, and whoever calls next waits forever. Lines are kept from both.
 int RotateLogFile(std::uint32_t count);
 
-/// Closes the log, with a last line, and for good: later lines are dropped. Called again, at the same time even, it
-/// does nothing.
-/// From now on nothing moves the log or opens it anew, and no line waits for a rotation, which may wait for ever. The
-/// first act of a stop.
+/// From now on nothing moves the log or opens it again, and no line waits for a rotation. The first act of a stop.
 void EndLogRotation();
 
 /// Writes the last line and closes the log for good: what other threads still log is lost. Once it is closed, nothing.

@@ -6,6 +6,7 @@
 #include "collection/record_member.h"
 #include "foundation/agent_state.h"
 #include "foundation/guarded.h"
+#include "foundation/line_bound.h"
 #include "foundation/log.h"
 #include "foundation/time_utils.h"
 #include "jsontext/hash_json.h"
@@ -79,6 +80,7 @@ void CollectRecord(const HashTable* record) {
 }  // namespace
 
 void CollectAndSaveData(void* argument) {
+    const LineBound bound(100);  // a workflow may well have more than ten records
     Log3("\t Inside CollectAndSaveData() \n");
     const std::int32_t index = *static_cast<const std::int32_t*>(argument);
     const HashTable* entry = EntryAt(index);

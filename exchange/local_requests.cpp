@@ -11,6 +11,7 @@
 #include "exchange/service_control.h"
 #include "foundation/agent_state.h"
 #include "foundation/log.h"
+#include "foundation/text.h"
 #include "foundation/time_utils.h"
 #include "jsontext/hash_json.h"
 
@@ -113,21 +114,22 @@ bool IsReplyMember(std::u16string_view name) {
     return std::find(replyMembers.begin(), replyMembers.end(), name) != replyMembers.end();
 }
 
-/// Does what the request says and puts what came of it into the reply; false when it is skipped.
-bool Serve(Exchange& exchange) {
+/// Does what the request says and puts what came of it into the reply.
+void Serve(Exchange& exchange) {
     const ServiceAction* action = ActionOf(exchange.type);
     const std::u16string name = NeededMember(exchange, u"MONITOR_NAME").value_or(u"");
     const std::u16string& resultName = action ? exchange.id : name;
     if (IsReplyMember(resultName)) {
-        Log1("\t ExecWMIQuery :: A %s request is skipped, for %s is another member of its reply\n", exchange.type,
+        Log1("\t ExecWMIQuery :: A %s request is not served, for %s is another member of its reply\n", exchange.type,
              resultName);
-        return false;
+        PutHashText(exchange.reply.get(), u"ERRORMSG",
+                    ConcatStrings(u"Not served: another member of the reply is named ", resultName));
+        return;
     }
     const OptionalText message = action ? ChangeService(exchange, *action, name) : TestMonitor(exchange, name);
     // A member without a value says that nothing was run.
     const Word text = message ? reinterpret_cast<Word>(message->c_str()) : 0;
     PutHashValue(exchange.reply.get(), u"ERRORMSG", text, ValueType::text);
-    return true;
 }
 
 void SendReply(const Exchange& exchange) {
@@ -154,7 +156,7 @@ void ExecWMIQuery(const HashTable* request) {
         Log1("\tExecWMIQuery: Init Failed -- SystemInfo\n");
         return;
     }
-    if (!Serve(exchange)) return;
+    Serve(exchange);
     if (CountHashKeys(exchange.reply.get()) < 1 || Member(request, u"RESPONSE_NEEDED") != u"YES") {
         Log1("\tExecWMIQuery: Data not collected\n");
         return;

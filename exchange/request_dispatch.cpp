@@ -11,6 +11,7 @@
 #include "foundation/file_utils.h"
 #include "foundation/guarded.h"
 #include "foundation/hash_table.h"
+#include "foundation/line_bound.h"
 #include "foundation/log.h"
 #include "foundation/registry_store.h"
 #include "foundation/text.h"
@@ -177,6 +178,7 @@ bool LoadRequestList(HashTable* list, std::u16string_view fileName) {
 }  // namespace
 
 bool ParseRequestList(std::u16string_view fileName) {
+    const LineBound bound;
     const HashTablePtr list = MakeHashTable();
     if (!list) {
         Log1("\t Initialise hash table is Failed\n");

@@ -7,6 +7,7 @@
 #include <limits>
 #include <utf8.h>
 
+#include "foundation/line_bound.h"
 #include "platform/clock.h"
 
 namespace kv {
@@ -204,6 +205,7 @@ void AppendToLog(std::string_view text) noexcept {
 
 void WriteLogLine(const char* format, std::span<const LogArgument> arguments) noexcept {
     try {
+        if (!LineBound::Admits(format)) return;
         const std::string prefixed = PrefixLogFormat(format);
         const std::string line = PrintedLogText(prefixed, arguments);
         if (logState.isToolkitLog) logState.makeToolkitRoom(line);

@@ -11,6 +11,7 @@
 #include "foundation/file_utils.h"
 #include "foundation/guarded.h"
 #include "foundation/hash_table.h"
+#include "foundation/line_bound.h"
 #include "foundation/log.h"
 #include "foundation/open_file.h"
 #include "foundation/text.h"
@@ -260,6 +261,7 @@ void LoadConfFiles() {
 }
 
 void LoadQueryConfig(std::u16string_view agent, std::optional<std::u16string_view> fileName) {
+    const LineBound bound;
     Log3("\t Inside LoadQueryConfig() \n");
     const HashTablePtr document = MakeHashTable();
     if (!document) {
@@ -288,6 +290,7 @@ void LoadQueryConfig(std::u16string_view agent, std::optional<std::u16string_vie
 void FreeReplacedPlans() { replacedPlans.clear(); }
 
 PlanJudgement JudgeQueryConfig(std::u16string_view agent, std::u16string_view fileName) {
+    const LineBound bound;
     Log3("\t Inside JudgeQueryConfig() \n");
     const HashTablePtr document = MakeHashTable();
     if (!document) {

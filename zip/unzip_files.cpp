@@ -1,5 +1,6 @@
 #include <algorithm>
 
+#include "foundation/line_bound.h"
 #include "foundation/log.h"
 #include "zip/zip_item_name.h"
 #include "zip/zip_reader.h"
@@ -51,6 +52,7 @@ void UnpackAll(ZipHandle zip, std::u16string_view zipPath) {
 }  // namespace
 
 void UnzipFiles(std::u16string_view zipPath, std::u16string_view directory) {
+    const LineBound bound;
     Log3("\t Inside UnzipFiles() \n");
     Log3("UNzipping the files\n");
     ZipHandle zip = OpenZip(zipPath, nullptr);

@@ -21,8 +21,10 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr mode_t newFileMode = 0644;
-constexpr mode_t newDirectoryMode = 0755;
+/// What the agent writes is its owner's and the group's alone: records tell much of a computer, and logs name
+/// customers.
+constexpr mode_t newFileMode = 0640;
+constexpr mode_t newDirectoryMode = 0750;
 
 /// Descriptor 0 is a good one and handle 0 is none, so a handle is one more than its descriptor.
 FileHandle HandleOf(int descriptor) { return static_cast<FileHandle>(descriptor) + 1; }

@@ -1,4 +1,5 @@
 // The log on real files: levels, size counter, rotation by numbers, faults, and threads that log while others rotate.
+#include <atomic>
 #include <filesystem>
 #include <fmt/ranges.h>
 #include <limits>
@@ -10,8 +11,10 @@
 #include <vector>
 
 #include "agent/log_file.h"
+#include "foundation/line_bound.h"
 #include "foundation/log.h"
 #include "foundation/registry_store.h"
+#include "foundation/resource_lock.h"
 #include "tests/support/test_agent.h"
 #include "tests/support/virtual_clock.h"
 
@@ -151,30 +154,119 @@ TEST_F(LogFile, AFullDiskCostsLinesOnly) {
     EXPECT_EQ(Files(), "agent.log=\n agent1.log=0");
 }
 
-TEST_F(LogFile, LosesNoLineWhileThreadsRotateOnEveryLine) {
-    constexpr int threadCount = 4;
-    constexpr int linesEach = 25;
+TEST_F(LogFile, LosesNoLineWhileThreadsRotateAtFullSpeed) {
+    constexpr int threadCount = 3;
+    constexpr int rotations = 1000;
     Start("");
-    logState.gv_logMaxFiles = 1000;
-    logState.gv_logMaxSize = 0;  // every line rotates, and the exit that keeps the lock cannot be taken
-    std::vector<std::thread> threads;
-    for (int t = 0; t < threadCount; ++t) {
-        threads.emplace_back([t] {
-            for (int i = 0; i < linesEach; ++i) Log1("thread %d line %d :: %s|end\n", t, i, std::u16string(300, u'x'));
-        });
+    std::map<std::string, int> lines;
+    const auto count = [&](const fs::path& path) {
+        std::istringstream content(Read(path));
+        for (std::string line; std::getline(content, line);)
+            if (const auto at = line.find("thread "); at != std::string::npos) ++lines[line.substr(at)];
+    };
+    std::atomic<int> moved{0};
+    platform::FileOperations files = platform::Files();
+    files.MoveFileExW = [&, real = files.MoveFileExW](auto from, auto to, bool replace) {
+        ++moved;
+        return real(from, to, replace);
+    };
+    files.DeleteFileW = [&, real = files.DeleteFileW](auto path) {
+        if (const fs::path old(platform::Files().NativePath(path)); fs::exists(old)) count(old);
+        return real(path);
+    };
+    int written[threadCount] = {};
+    {
+        const platform::ScopedOperations scoped(files);
+        logState.gv_logMaxFiles = 1;
+        logState.gv_logMaxSize = 100;  // each second line rotates, and in between the counter is small
+        std::vector<std::thread> threads;
+        for (int t = 0; t < threadCount; ++t) {
+            threads.emplace_back([&, t] {
+                while (moved < rotations) Log1("thread %d line %d|%s|end\n", t, written[t]++, u"x");
+            });
+        }
+        for (std::thread& thread : threads) thread.join();
+        logState.gv_logMaxSize = 1000000;
     }
-    for (std::thread& thread : threads) thread.join();
-    std::multiset<std::string> lines;
-    for (const auto& entry : fs::directory_iterator(logs)) {
-        std::istringstream content(Read(entry.path()));
-        for (std::string line; std::getline(content, line);) {
-            if (const auto at = line.find("thread "); at != std::string::npos) lines.insert(line.substr(at));
+    for (const auto& entry : fs::directory_iterator(logs)) count(entry.path());
+    EXPECT_EQ(lines.size(), static_cast<std::size_t>(written[0] + written[1] + written[2]));
+    for (int t = 0; t < threadCount; ++t)
+        for (int i = 0; i < written[t]; ++i) ASSERT_EQ(lines[fmt::format("thread {} line {}|x|end", t, i)], 1);
+    EXPECT_FALSE(Logged("without rotation"));
+}
+
+TEST_F(LogFile, KeepsTheLockOnTheEarlyWaysOutAndLinesFromWaitingForIt) {
+    const auto isHeld = [] { return IsResourceLocked_MSP(&logState.gv_logFile) == 1; };
+    Start("");
+    logState.gv_logMaxSize = 500;
+    logState.gv_logBytes = 600;
+    SynchronizeResource_MSP(&logState.gv_logFile);
+    std::thread waiting([] { RotateLogFile(600); });
+    logState.gv_logBytes = 1;  // the rotation that the other waits for
+    UnsynchronizeResource_MSP(&logState.gv_logFile);
+    waiting.join();
+    EXPECT_TRUE(isHeld());
+    for (int i = 0; i < 100; ++i) Log1("passes the limit and goes on, line %d|\n", i);
+    EXPECT_EQ(Files(), "agent.log=\n");
+    EXPECT_TRUE(Logged("line 99|"));
+    const std::string reason = "goes on without rotation, for the lock of an earlier rotation was not released\n";
+    EXPECT_EQ(LogText().find(reason), LogText().rfind(reason));
+    EXPECT_TRUE(Logged(reason));
+    UnsynchronizeResource_MSP(&logState.gv_logFile);
+
+    platform::FileOperations files = platform::Files();
+    files.CreateFileW = [](auto...) { return platform::error::accessDenied; };
+    const platform::ScopedOperations scoped(files);
+    logState.gv_logBytes = 0;
+    RotateLogFile(0);
+    EXPECT_TRUE(isHeld());
+    UnsynchronizeResource_MSP(&logState.gv_logFile);
+    Start("");
+    EXPECT_EQ(logState.gv_logOpenFailed, 1);
+    EXPECT_FALSE(isHeld());
+}
+
+TEST_F(LogFile, LeavesALogThatAnotherWritesToInItsPlace) {
+    const auto openAsAnother = [&](platform::FileHandle& another) {
+        return platform::Files().CreateFileW(logState.gv_logPath, platform::FileAccess::append,
+                                             platform::FileShare::readWrite, platform::FileDisposition::openAlways,
+                                             another);
+    };
+    StopLogging();
+    Write(logs / "agent.log", std::string(1000001, 'x'));
+    platform::FileHandle another = 0;
+    ASSERT_EQ(openAsAnother(another), platform::error::success);
+    RotateLogger(std::nullopt);
+    EXPECT_TRUE(Logged("Another process writes to the log"));
+    logState.gv_logMaxSize = 100;
+    for (int i = 0; i < 10; ++i) Log1("a line of the guest\n");
+    EXPECT_EQ(Files(), "agent.log=x");
+    platform::Files().CloseHandle(another);
+    for (int i = 0; i < 10 && logState.gv_logBytes != 0; ++i) Log1("the other one has ended\n");
+    Log1("first line of the new file\n");
+    EXPECT_EQ(Files(), "agent.log=\n agent1.log=x");
+}
+
+TEST_F(LogFile, TenLinesOfAKindAndThenACount) {
+    const auto countOf = [this](std::string_view text) {
+        int count = 0;
+        const std::string log = LogText();
+        for (auto at = log.find(text); at != log.npos; at = log.find(text, at + 1)) ++count;
+        return count;
+    };
+    Start("");
+    {
+        const LineBound bound;
+        for (int i = 0; i < 1000; ++i) {
+            const LineBound inner;
+            Log1("element %d is skipped\n", i);
+            if (i < 10) Log1("told ten times\n");
         }
     }
-    std::multiset<std::string> expected;
-    for (int i = 0; i < threadCount * linesEach; ++i)
-        expected.insert(fmt::format("thread {} line {} :: {:x<300}|end", i % threadCount, i / threadCount, ""));
-    EXPECT_EQ(lines, expected);
+    Log1("element %d is skipped\n", 1000);
+    EXPECT_EQ(countOf("is skipped\n"), 11);
+    EXPECT_TRUE(Logged("990 more lines \"element %d is skipped\" are left out\n"));
+    EXPECT_EQ(countOf("left out"), 1);
 }
 
 }  // namespace

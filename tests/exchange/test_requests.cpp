@@ -343,7 +343,8 @@ TEST_F(Requests, QueriesAndServicesAreTriedHere) {
          R"("FAILED:Could not connect to nameSpace ERRORCODE)"
          R"(:8004100e MESSAGE:Invalid namespace\r\n", "": [ ])"},
         {"TEST", "YES", R"("MONITOR_NAME": "m")", "null"},
-        {"TEST", "YES", R"("MONITOR_NAME": "AGENTKEY")", ""},
+        {"TEST", "YES", R"("MONITOR_NAME": "AGENTKEY")",
+         R"("Not served: another member of the reply is named AGENTKEY")"},
     };
     for (const auto& each : rows) {
         const std::string type = each.type + std::string(*each.type == 'T' ? "_MONITOR" : "_SERVICE");
