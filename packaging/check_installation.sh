@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Installs the packages of build/package in a box with a systemd of its own (tests/support/posix/boxed_systemd.sh), and looks at
+# Installs the packages of build/package in a box with a systemd of its own (tools/boxed_systemd.sh), and looks at
 # the service through upgrade, removal and purge. Takes a few seconds. Where no box can be had it tells why, and ends with 0.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -8,7 +8,7 @@ unset KVAGENT_STATE_DIR
 
 fail() { echo "check_installation: $*" >&2; exit 1; }
 
-coproc box { exec tests/support/posix/boxed_systemd.sh "kvpackage$$" "$packages" 2>"$packages/box.log"; }
+coproc box { exec tools/boxed_systemd.sh "kvpackage$$" "$packages" 2>"$packages/box.log"; }
 box_keeper=$box_PID
 read -r first_process <&"${box[0]}" || { echo "The installation is not tried: $(tail -n 1 "$packages/box.log")"; exit 0; }
 # With the one, containers forbid packages to start services; without the other, the index of manual pages is left alone,

@@ -1,4 +1,4 @@
-// A real systemd for a test, in a box of its own: tests/support/posix/boxed_systemd.sh.
+// A real systemd for a test, in a box of its own: tools/boxed_systemd.sh.
 #pragma once
 
 #include <cstdio>
