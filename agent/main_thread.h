@@ -5,11 +5,11 @@
 
 namespace kv {
 
-/// Thread body: working directory, enrolment, configuration, worker threads, and then parks for ever. Returns 0, and
+/// Thread body: working directory, enrolment, configuration, worker threads, and then parks forever. Returns 0, and
 /// only when enrolment said not to run.
 std::uint32_t InvokeMainThread(void* ignored);
 
-/// Sleeps for ever.
+/// Sleeps forever.
 [[noreturn]] void WaitForever();
 
 }  // namespace kv

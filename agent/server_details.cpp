@@ -30,7 +30,7 @@ bool Fetched(bool found, const char* failureLine) {
     return Fetched(found ? error::success : error::invalidData, failureLine);
 }
 
-/// Reads a text that is published; after a failure it is none.
+/// Reads a text that is published; after a failure it is absent.
 Error Publish(PublishedText& field, Error (*read)(OptionalText&)) {
     OptionalText text;
     const Error result = read(text);
@@ -44,7 +44,7 @@ Error ReadServerPort() {
     if (result != error::success) return result;
     agentState.gv_ServerPort = ParseDecimal(text.value_or(u""));
     if (agentState.gv_ServerPort < 1 || agentState.gv_ServerPort > 65535)
-        Log1("\t getCSDetails() :: KVServerSecurePort is no port number : %s\n", text);
+        Log1("\t getCSDetails() :: KVServerSecurePort is not a port number : %s\n", text);
     return result;
 }
 

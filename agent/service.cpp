@@ -102,8 +102,8 @@ void ServiceMain() {
     if (!SetUpService() || !StartWork()) return;
     Log1("\t %s ServiceMain : Tallowmere OnCall Agent Service is started successfully \n", GetTimeString(1));
     platform::Threads().WaitForEvent(agentState.gv_stopEvent, platform::infinite);
-    // The process ends now. Until then a second stop may still be on its way to the event, so it stays open. A critical
-    // section to delete is none: nothing would ever enter it.
+    // The process ends now. Until then a second stop may still be on its way to the event, so it stays open. There is
+    // no critical section to delete: nothing would ever enter it.
     ChangeServiceStatus(ServiceState::stopped);
 }
 

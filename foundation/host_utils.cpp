@@ -25,9 +25,10 @@ namespace error = platform::error;
 /// The socket library, brought up for one call.
 class SocketLibrary {
   public:
-    SocketLibrary(int majorVersion, int minorVersion) : result_(Sockets().WSAStartup(majorVersion, minorVersion)) {}
+    SocketLibrary(int majorVersion, int minorVersion)
+        : result_(Sockets().WSAStartup(majorVersion, minorVersion)), cleanUp_(Sockets().WSACleanup) {}
     ~SocketLibrary() {
-        if (result_ == error::success) Sockets().WSACleanup();
+        if (result_ == error::success) cleanUp_();
     }
     SocketLibrary(const SocketLibrary&) = delete;
     SocketLibrary& operator=(const SocketLibrary&) = delete;
@@ -36,6 +37,7 @@ class SocketLibrary {
 
   private:
     Error result_;
+    std::function<void()> cleanUp_;
 };
 
 Error LocalHostName(std::string& name) {
@@ -74,9 +76,10 @@ Error LookUpWithin(std::uint32_t patience, LookupWork work, std::u16string& foun
     return lookup->result;
 }
 
-/// What the computer's own name leads to.
-Error AddressOfName(const std::string& name, std::uint32_t patience, std::u16string& address) {
-    const auto resolve = [gethostbyname = Sockets().gethostbyname, name](std::u16string& found) {
+/// What the computer's own name leads to. A lookup that takes longer keeps the library for itself.
+Error AddressOfName(const std::string& name, std::uint32_t patience, const std::shared_ptr<SocketLibrary>& library,
+                    std::u16string& address) {
+    const auto resolve = [gethostbyname = Sockets().gethostbyname, name, library](std::u16string& found) {
         platform::HostEntry host;
         const Error result = gethostbyname(name, host);
         found = platform::WideFromUtf8(host.address);
@@ -161,9 +164,9 @@ bool GetComputerNameWithDNS(OptionalText& out, std::uint32_t patience) {
 bool GetLocalIPAddr(OptionalText& out, std::uint32_t patience) {
     Log3("\t Inside GetLocalIPAddr() \n");
     out.reset();
-    const SocketLibrary library(1, 1);
-    if (library.result() != error::success) {
-        Log1("\t GetLocalIPAddr  :: WSAStartup Error -> %d\n", library.result());
+    const auto library = std::make_shared<SocketLibrary>(1, 1);
+    if (library->result() != error::success) {
+        Log1("\t GetLocalIPAddr  :: WSAStartup Error -> %d\n", library->result());
         return false;
     }
     std::string name;
@@ -172,7 +175,7 @@ bool GetLocalIPAddr(OptionalText& out, std::uint32_t patience) {
         return false;
     }
     std::u16string address;
-    const bool isFound = AddressOfName(name, patience, address) == error::success;
+    const bool isFound = AddressOfName(name, patience, library, address) == error::success;
     std::string routed;
     if (isFound && !IsLoopback(address)) {
         out = std::move(address);

@@ -66,10 +66,14 @@ check_programs() {
 }
 
 check_unit() {
-    local complaints
+    local complaints words
     cp -rn /lib/systemd/system "$root/lib/systemd/"
     complaints=$(systemd-analyze verify --root="$root" --man=no corvinel-monitoring-agent.service 2>&1) || true
     [ -z "$complaints" ] || fail "$complaints"
+    # The start of the system waits for the network, and no limit ends a start of the agent.
+    for words in 'Wants=.*network-online.target' 'After=.*network-online.target.*' TimeoutStartSec=infinity; do
+        grep -qx "$words" "$root/lib/systemd/system/corvinel-monitoring-agent.service" || fail "the unit lacks $words"
+    done
 }
 
 lintian --allow-root --fail-on error,warning --pedantic ./*.changes

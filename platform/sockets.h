@@ -41,14 +41,14 @@ struct SocketOperations {
 
     std::function<Error(std::string_view name, HostEntry& host)> gethostbyname;
 
-    /// Looks a dotted IPv4 address up; invalidParameter when the text is none.
+    /// Looks a dotted IPv4 address up; invalidParameter when the text is not one.
     std::function<Error(std::string_view dottedAddress, HostEntry& host)> gethostbyaddr;
 
     /// This computer's own address on the way to other networks, dotted: that of the interface with the default route.
     /// Nothing is sent. hostNotFound where there is no such route.
     std::function<Error(std::string& dottedAddress)> GetDefaultRouteAddress;
 
-    /// The four bytes of a dotted address, which ends at a blank; false when the text is none.
+    /// The four bytes of a dotted address, which ends at a blank; false when the text is not one.
     std::function<bool(std::string_view dottedAddress, std::array<std::uint8_t, 4>& address)> inet_addr;
     std::function<std::string(const std::array<std::uint8_t, 4>& address)> inet_ntoa;
 

@@ -145,7 +145,7 @@ std::uint32_t StopControlOf(std::uint32_t accepted) {
     return (accepted & service_accepts::stop) != 0 ? service_control::stop : 0;
 }
 
-/// The control that a signal stands for; 0 where it stands for none, or for one that is not accepted.
+/// The control that a signal stands for; 0 where there is none, or it is not accepted.
 std::uint32_t ControlOf(int signal, std::uint32_t accepted) {
     if (AsksForStop(signal)) return StopControlOf(accepted);
     const bool takesPause = (accepted & service_accepts::pauseAndContinue) != 0;
@@ -221,7 +221,7 @@ Error RegisterServiceCtrlHandlerExW(std::u16string_view serviceName, ServiceHand
     return error::success;
 }
 
-/// What the manager is told of a state; none for what is no state.
+/// What the manager is told of a state; empty for what is not a state.
 const char* NoticeOf(ServiceState state) {
     switch (state) {
         case ServiceState::startPending:
@@ -253,7 +253,7 @@ socklen_t ManagerAddress(sockaddr_un& address) {
     return static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size());
 }
 
-/// Tells the manager something by its protocol, as sd_notify(3) does, which would wait for ever for one that does not
+/// Tells the manager something by its protocol, as sd_notify(3) does, which would wait forever for one that does not
 /// read.
 Error Notify(std::string_view notice) {
     sockaddr_un address{};

@@ -83,7 +83,7 @@ TEST_F(ServerDetails, AMissingValueStopsOrFallsBack) {
     Set({server, u"KVServerSecurePort", u"84x"});
     EXPECT_EQ(getCSDetails(), 0);
     EXPECT_EQ(state.gv_ServerSecIPAddress, std::nullopt) << "too short for an address";
-    EXPECT_TRUE(Logged("KVServerSecurePort is no port number : 84x\n"));
+    EXPECT_TRUE(Logged("KVServerSecurePort is not a port number : 84x\n"));
     const std::pair<std::u16string_view, int> protocols[] = {{u"HTTPS", 1}, {u"ftp", 0}};
     for (const auto& [protocol, isSecure] : protocols) {
         Set({server, u"KVServerProtocol", protocol});

@@ -49,7 +49,7 @@ std::string UnitNameOf(std::string_view serviceName) {
     if (std::none_of(serviceName.begin(), serviceName.end(), IsLetterOrDigit)) return {};
     const bool isPlain = std::all_of(serviceName.begin(), serviceName.end(), MayStandInUnitName);
     std::string unit = isPlain ? std::string(serviceName) : Hyphenated(serviceName);
-    if (unit.empty() || unit.starts_with('@') || unit.ends_with('@')) return {};  // a template is no unit yet
+    if (unit.empty() || unit.starts_with('@') || unit.ends_with('@')) return {};  // a template is not a unit yet
     unit += serviceSuffix;
     return unit.size() <= longestUnitName ? unit : std::string();
 }

@@ -15,7 +15,7 @@ namespace {
 /// What programs' names end in elsewhere.
 constexpr std::string_view foreignSuffix = ".exe";
 
-/// Units, loaded ones first, and unit files, whose names differ from a unit's in the case of letters at the most.
+/// Units, loaded ones first, and unit files, whose names differ from a unit's in the case of letters at most.
 int ListInAnyCase(UnitManager& manager, std::string_view unit, std::vector<std::string>& names) {
     unit.remove_suffix(serviceSuffix.size());
     const std::vector<std::string> patterns{PatternOfName(unit)};
