@@ -137,7 +137,6 @@ TEST_F(Enrolment, OnlyAKeyThatIsNotThereIsReplaced) {
     } rows[] = {
         {"no key", platform::error::fileNotFound, u"", u"LAB1", 0, false},
         {"in another case", platform::error::success, u"HubCenter", u"LAB1", 0, false},
-        {"a registry that is busy", platform::error::busy, u"K7", u"K7", 2, true},
         {"one that may not be read", platform::error::accessDenied, u"K7", u"K7", 2, true},
     };
     for (const auto& row : rows) {

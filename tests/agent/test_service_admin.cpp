@@ -1,4 +1,6 @@
 // The agent's own service at a service manager in memory: what is handed over, and what the log says.
+#include <functional>
+
 #include "agent/service_admin.h"
 #include "foundation/agent_state.h"
 #include "platform/system_facts.h"
@@ -12,24 +14,22 @@ using namespace platform;
 using enum ServiceState;
 using ServiceAdmin = TestAgent;
 
-static std::uint32_t Start() { return StartingService(serviceName); }
-
-template <void (*operation)()>
-std::uint32_t Done() {
-    operation();
-    return 0;
-}
-
 TEST_F(ServiceAdmin, ServesItsOwnServiceAndSaysSo) {
     VirtualClock clock;
     FakeServices fake;
     FakeService& service = fake.services[std::u16string(serviceName)];
-    constexpr auto start = Start;
-    constexpr auto stop = Done<StopService>, install = Done<Install>, remove = Done<UnInstall>,
-                   restart = Done<RestartService>;
+    const auto done = [](void (*operation)()) {
+        return [operation] {
+            operation();
+            return 0U;
+        };
+    };
+    using Operation = std::function<std::uint32_t()>;
+    const Operation install = done(Install), remove = done(UnInstall), stop = done(StopService),
+                    restart = done(RestartService), start = [] { return StartingService(serviceName); };
     const FakeService idle{.waitHint = 5000}, runs{.state = running, .waitHint = 5000};
     const struct {
-        std::uint32_t (*operation)();
+        Operation operation;
         FakeService service;
         const char* failing;  // how the call begins that fails, with 5
         const char* logged;
@@ -91,8 +91,7 @@ TEST_F(ServiceAdmin, ServesItsOwnServiceAndSaysSo) {
         EXPECT_FALSE(fake.hasOpenHandles());
     }
     const ServiceDefinition& made = fake.definition;
-    EXPECT_EQ(made.name, serviceName);
-    EXPECT_EQ(made.displayName, serviceName);
+    EXPECT_TRUE(made.name == serviceName && made.displayName == serviceName);
     EXPECT_EQ(made.type, 272U);
     EXPECT_EQ(made.start, ServiceStartType::automatic);
     EXPECT_EQ(made.errorControl, ServiceErrorControl::normal);

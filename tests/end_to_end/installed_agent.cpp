@@ -1,5 +1,6 @@
 #include "tests/end_to_end/installed_agent.h"
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <cstdio>
@@ -10,10 +11,10 @@
 #include <stdexcept>
 #include <sys/wait.h>
 #include <thread>
-#include <vector>
 
 #include "foundation/file_utils.h"
 #include "foundation/registry_store.h"
+#include "lab/store.h"
 #include "platform/backend.h"
 #include "platform/utf.h"
 #include "tests/support/test_agent.h"
@@ -40,6 +41,20 @@ ShellOutcome RunShell(const std::string& commandLine) {
     while (outcome.output.ends_with('\n')) outcome.output.pop_back();
     outcome.exitCode = ExitCodeOf(pclose(pipe));
     return outcome;
+}
+
+std::string LastWord(const std::string& database) {
+    lab::Store store = lab::OpenStore(database);
+    const std::vector<lab::Agent> agents = lab::Agents(store);
+    return agents.empty() ? "unknown" : agents[0].status;
+}
+
+std::vector<std::string> AcceptedTexts(const std::string& database) {
+    lab::Store store = lab::OpenStore(database);
+    std::vector<std::string> texts;
+    for (const lab::Record& record : lab::RecordsAfter(store, {})) texts.push_back(record.content.text);
+    std::sort(texts.begin(), texts.end());
+    return texts;
 }
 
 InstalledAgent::InstalledAgent() {

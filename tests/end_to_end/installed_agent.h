@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 #include <sys/types.h>
+#include <vector>
 
 namespace kv::test {
 
@@ -20,6 +21,12 @@ ShellOutcome RunShell(const std::string& commandLine);
 
 /// A self-signed certificate and its key, as PEM files in the folder.
 void MakeCertificate(const std::filesystem::path& folder, std::string& certificate, std::string& privateKey);
+
+/// The agent's last word to the lab with this database; "unknown" before its first.
+std::string LastWord(const std::string& database);
+
+/// The texts of the records that the lab has, sorted.
+std::vector<std::string> AcceptedTexts(const std::string& database);
 
 /// Makes an install tree and a state directory in a temporary folder, with every required setting pointing to a server
 /// on this machine's loopback. Kills what still runs and removes the folder at its end.

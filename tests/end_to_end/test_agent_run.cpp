@@ -1,4 +1,5 @@
 // The real program against a real server: enrolment, collection, and what a kill leaves behind.
+#include <functional>
 #include <gtest/gtest.h>
 #include <map>
 #include <random>
@@ -7,7 +8,6 @@
 #include "foundation/file_utils.h"
 #include "jsontext/hash_json.h"
 #include "lab/server.h"
-#include "platform/utf.h"
 #include "tests/end_to_end/installed_agent.h"
 #include "tests/support/test_agent.h"
 
@@ -38,77 +38,57 @@ bool IsCompleteRecord(const std::string& bytes) {
 
 /// With a key of an earlier run, and no server.
 struct EnrolledAgent : InstalledAgent {
-    explicit EnrolledAgent(const char* plan = onePlan) {
+    EnrolledAgent() {
         setText(u"\\Monitoring", u"MonitoringAgentKey", u"K7");
-        writePlan(plan);
+        writePlan(onePlan);
         writeScript("one.sh", oneScript);
     }
 };
 
 TEST(AgentRun, EnrolsAndCollectsByThePlan) {
-    for (const char16_t* protocol : {u"http", u"HTTPS"}) {
-        SCOPED_TRACE(platform::Utf8FromWide(protocol));
-        InstalledAgent agent;
-        const bool secure = std::u16string_view(protocol) == u"HTTPS";
-        lab::ServerOptions options;
-        options.database = (agent.folder / "lab.db").string();
-        if (secure) MakeCertificate(agent.folder, options.certificate, options.privateKey);
-        const lab::LabServer server(options);
-        agent.setServer(server.port(), protocol);
-        agent.writePlan(onePlan);
-        agent.writeScript("one.sh", oneScript);
-        agent.start({"/t"});
-        ASSERT_TRUE(InstalledAgent::eventually([&] { return RecordFiles(agent).size() == 2; })) << agent.log();
-        EXPECT_EQ(agent.text(u"\\Monitoring", u"MonitoringAgentKey"), "LAB1");
-        EXPECT_EQ(agent.text(u"", u"EnableSendAgentStatus"), "yes");
-        EXPECT_EQ(TestAgent::Read(agent.data / "Agent_LAB1_2.txt"),
-                  Utf16LittleEndianBytes(u"{ \"AGENTKEY\": \"LAB1\", \"One\": [ { \"Value\": \"caf\u00e9\" } ] }"));
-    }
-}
-
-TEST(AgentRun, WithAKeyItCollectsWhileItsServerIsDown) {
-    EnrolledAgent agent;
+    InstalledAgent agent;
+    lab::ServerOptions options;
+    options.database = agent.database;
+    MakeCertificate(agent.folder, options.certificate, options.privateKey);
+    const lab::LabServer server(options);
+    agent.setServer(server.port(), u"HTTPS");
+    agent.writePlan(onePlan);
+    agent.writeScript("one.sh", oneScript);
     agent.start({"/t"});
     ASSERT_TRUE(InstalledAgent::eventually([&] { return RecordFiles(agent).size() == 2; })) << agent.log();
-    EXPECT_NE(agent.log().find("Going on with the agent key of an earlier run"), std::string::npos);
+    EXPECT_EQ(agent.text(u"\\Monitoring", u"MonitoringAgentKey"), "LAB1");
+    EXPECT_EQ(agent.text(u"", u"EnableSendAgentStatus"), "yes");
+    EXPECT_EQ(TestAgent::Read(agent.data / "Agent_LAB1_2.txt"),
+              Utf16LittleEndianBytes(u"{ \"AGENTKEY\": \"LAB1\", \"One\": [ { \"Value\": \"caf\u00e9\" } ] }"));
 }
 
-TEST(AgentRun, ABrokenPlanLeavesItRunning) {
-    const char* plans[] = {
-        "",
-        R"({ "WorkFlows": [ { "interval": 1, )",
-        R"([ 1, 2 ])",
-        R"({ "WorkFlows": [ { "wfname": "w", "interval": 0, "recordSetName": [] } ] })",
+TEST(AgentRun, WhatIsBrokenAtItsStartIsLoggedAndLeavesItRunning) {
+    const auto plan = [](const char* json) { return [json](const EnrolledAgent& agent) { agent.writePlan(json); }; };
+    const struct {
+        const char* title;
+        std::function<void(const EnrolledAgent&)> damage;
+        const char* logged;
+    } rows[] = {
+        {"no server", [](const auto&) {}, "Going on with the agent key of an earlier run"},
+        {"an empty plan", plan(""), "queryconf.txt"},
+        {"a cut plan", plan(R"({ "WorkFlows": [ { "interval": 1, )"), "queryconf.txt"},
+        {"another document", plan("[ 1, 2 ]"), "queryconf.txt"},
+        {"no time", plan(R"({ "WorkFlows": [ { "interval": 0, "recordSetName": [] } ] })"), "queryconf.txt"},
+        {"no bin", [](const auto& agent) { fs::remove(agent.monitoring / "bin"); }, "Unable to locate the directory"},
+        {"a file for the data", [](const auto& agent) { TestAgent::Write(agent.data, ""); },
+         "Unable to create a output file"},
     };
-    for (const char* plan : plans) {
-        SCOPED_TRACE(plan);
-        EnrolledAgent agent(plan);
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.title);
+        EnrolledAgent agent;
+        row.damage(agent);
         agent.start({"/t"});
         EXPECT_TRUE(InstalledAgent::eventually([&] {
-            return agent.log().find("queryconf.txt") != std::string::npos &&
-                   agent.log().find("sleeping for 1 minute") != std::string::npos;
+            const std::string log = agent.log();
+            return log.find(row.logged) != log.npos && log.find("sleeping for 1 minute") != log.npos;
         })) << agent.log();
         EXPECT_TRUE(agent.running());
     }
-}
-
-TEST(AgentRun, AMissingBinDirectoryIsLoggedBesideIt) {
-    EnrolledAgent agent;
-    fs::remove(agent.monitoring / "bin");
-    agent.start({"/t"});
-    EXPECT_TRUE(InstalledAgent::eventually([&] {
-        return agent.log().find("Unable to locate the directory") != std::string::npos;
-    })) << agent.log();
-}
-
-TEST(AgentRun, ADataDirectoryThatCannotBeMadeIsLogged) {
-    EnrolledAgent agent;
-    TestAgent::Write(agent.data, "a file stands where the directory belongs");
-    agent.start({"/t"});
-    EXPECT_TRUE(InstalledAgent::eventually([&] {
-        return agent.log().find("Unable to create a output file") != std::string::npos;
-    })) << agent.log();
-    EXPECT_TRUE(agent.running());
 }
 
 TEST(AgentRun, KilledAtRandomMomentsItLosesNoCompleteRecord) {

@@ -8,7 +8,6 @@
 
 #include "foundation/file_utils.h"
 #include "lab/server.h"
-#include "lab/store.h"
 #include "platform/utf.h"
 #include "tests/end_to_end/installed_agent.h"
 #include "tests/support/snmp_devices.h"
@@ -99,17 +98,11 @@ class WindowsService : public ::testing::Test {
 
     /// The texts of the records that the lab has, a line each.
     std::string accepted() const {
-        lab::Store store = lab::OpenStore((folder / "lab.db").string());
         std::string texts;
-        for (const lab::Record& record : lab::RecordsAfter(store, {})) texts += record.content.text + "\n";
+        for (const std::string& text : AcceptedTexts(folder / "lab.db")) texts += text + "\n";
         return texts;
     }
-    /// The agent's last word to the lab; none before its first.
-    std::optional<std::string> status() const {
-        lab::Store store = lab::OpenStore((folder / "lab.db").string());
-        const std::vector<lab::Agent> agents = lab::Agents(store);
-        return agents.empty() ? std::nullopt : std::optional(agents[0].status);
-    }
+    std::string status() const { return LastWord(folder / "lab.db"); }
     /// Runs a kvlab command about the lab's database, which has to succeed; what it prints.
     std::string kvlab(const std::string& arguments) const {
         const ShellOutcome outcome =
