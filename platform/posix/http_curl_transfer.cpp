@@ -7,6 +7,7 @@
 #include <linux/sockios.h>
 #include <netinet/in.h>
 #include <new>
+#include <openssl/bio.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 #include <span>
@@ -14,6 +15,7 @@
 #include <sys/ioctl.h>
 #include <sys/select.h>
 #include <sys/socket.h>
+#include <utility>
 
 #include "platform/http.h"
 #include "platform/http_rules.h"
@@ -77,8 +79,19 @@ std::size_t Peek(int socket, std::span<char> buffer) {
     return static_cast<std::size_t>(std::max<ssize_t>(count, 0));
 }
 
-std::size_t Peek(SSL* connection, std::span<char> buffer) {
+/// The same on a secure connection, as far as its next record goes. What libcurl has put below the connection works
+/// inside libcurl's calls only, where a reset outside ends the process: for the time of a look it is the socket itself.
+std::size_t Peek(SSL* connection, int socket, std::span<char> buffer) {
+    BIO* direct = BIO_new_socket(socket, BIO_NOCLOSE);
+    if (direct == nullptr) return 0;
+    BIO* reader = SSL_get_rbio(connection);
+    BIO* writer = SSL_get_wbio(connection);
+    for (BIO* kept : {reader, writer, direct}) BIO_up_ref(kept);
+    SSL_set0_rbio(connection, direct);
+    SSL_set0_wbio(connection, direct);
     const int count = SSL_peek(connection, buffer.data(), static_cast<int>(buffer.size()));
+    SSL_set0_rbio(connection, reader);
+    SSL_set0_wbio(connection, writer);
     ERR_clear_error();  // libcurl's calls find none but their own
     return static_cast<std::size_t>(std::max(count, 0));
 }
@@ -206,9 +219,10 @@ int CurlTransfer::OnSocket(void* self, curl_socket_t socket, curlsocktype) {
 int CurlTransfer::OnRequest(void* self, char*, char*, int, int ownPort) {
     auto& transfer = *static_cast<CurlTransfer*>(self);
     for (const int socket : transfer.sockets_) {
-        if (LocalPort(socket) == ownPort) SetLowWater(socket, maxHeaderBytes);
+        if (LocalPort(socket) != ownPort) continue;
+        SetLowWater(socket, maxHeaderBytes);
+        transfer.heldSocket_ = socket;
     }
-    transfer.answerHeld_ = true;
     return CURL_PREREQFUNC_OK;
 }
 
@@ -264,9 +278,8 @@ bool CurlTransfer::TakeBody(std::string_view bytes) {
 
 /// Lets libcurl see the answer once the body is out, or when the server does not want the rest of it.
 void CurlTransfer::ReadAnswerWhenDue() {
-    if (!answerHeld_ || (!IsBodyOut() && !RefusalHasCome())) return;
-    answerHeld_ = false;
-    SetLowWater(CurrentSocket(), 1);
+    if (heldSocket_ < 0 || (!IsBodyOut() && !RefusalHasCome())) return;
+    SetLowWater(std::exchange(heldSocket_, -1), 1);
     // The end of a pause has libcurl read without a look at the socket: what was peeked at may have left it.
     curl_easy_pause(easy_.get(), CURLPAUSE_RECV);
     paused_ = true;
@@ -277,8 +290,8 @@ bool CurlTransfer::RefusalHasCome() const {
     const curl_tlssessioninfo* tls = nullptr;
     curl_easy_getinfo(easy_.get(), CURLINFO_TLS_SSL_PTR, &tls);
     const bool secure = tls != nullptr && tls->backend == CURLSSLBACKEND_OPENSSL && tls->internals != nullptr;
-    return EndsSending(
-        {buffer.data(), secure ? Peek(static_cast<SSL*>(tls->internals), buffer) : Peek(CurrentSocket(), buffer)});
+    return EndsSending({buffer.data(), secure ? Peek(static_cast<SSL*>(tls->internals), heldSocket_, buffer)
+                                              : Peek(heldSocket_, buffer)});
 }
 
 void CurlTransfer::Perform() {
@@ -381,7 +394,7 @@ Error CurlTransfer::Run(Stage stage) {
     while (!HasReached(stage) && !end_) {
         Perform();
         if (HasReached(stage) || end_) break;
-        const auto wait = std::min(answerHeld_ ? longestPollWhileHeld : longestPoll, TimeLeft(stage));
+        const auto wait = std::min(heldSocket_ >= 0 ? longestPollWhileHeld : longestPoll, TimeLeft(stage));
         if (wait.count() <= 0) {
             end_ = error::winHttpTimeout;
         } else if (const Error failure = ErrorFromMulti(

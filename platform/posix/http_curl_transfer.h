@@ -121,7 +121,7 @@ class CurlTransfer {
     std::size_t pieceTaken_ = 0;  // bytes of it that were fetched
     bool paused_ = false;
     std::vector<int> sockets_;  // that were made for the connection; all but one may be closed
-    bool answerHeld_ = false;   // left in the socket while the body goes out
+    int heldSocket_ = -1;       // in which the answer is left while the body goes out; -1 when it is read
     std::optional<Error> end_;  // set once the transfer is over: success, or why it broke off
 
     TimePoint lastSent_;              // a byte went out, to the socket or from it

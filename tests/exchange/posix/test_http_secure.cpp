@@ -97,6 +97,17 @@ TEST_F(HttpSecure, ARefusalEndsAnUploadEarlyAndNothingElseDoes) {
     EXPECT_EQ(Post(secure.port, u"/unread", body, body.size()), 12030u);
     EXPECT_EQ(Post(secure.port, u"/post", body, body.size()), 0u);
     EXPECT_EQ(secure.value.size(), body.size());
+    RawServer breaks([&](Socket connection, const std::string&) {  // once both sides have greeted each other
+        const Socket peer = ConnectToLoopback(secure.port);
+        SendText(connection, "HTTP/1.1 200 OK\r\n\r\n");
+        std::string bytes(65536, '\0');
+        SendText(peer, bytes.substr(0, ReceiveBytes(connection, bytes.data(), bytes.size())));
+        SendText(connection, bytes.substr(0, ReceiveBytes(peer, bytes.data(), bytes.size())));
+        ReceiveBytes(connection, bytes.data(), bytes.size());
+        CloseSocket(peer);
+    });
+    UseProxy(ProxyList(breaks.port), u"");
+    EXPECT_EQ(Post(secure.port, u"/post", body, body.size()), 12030u) << "reset, with most of it unread";
 }
 
 TEST_F(HttpSecure, PeersThatSayNothing) {
