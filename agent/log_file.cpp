@@ -137,6 +137,7 @@ RotationLock RotateWhileLocked(std::uint32_t count) {
 /// log's name again: what was moved away meanwhile is no longer written to.
 bool IsLogOfAnother() {
     const std::lock_guard stream(logState.streamMutex);
+    if (!MayChangeLog()) return true;
     CloseStream();
     const bool isInUse = Files().GetFileUseState(logState.gv_logPath) == error::sharingViolation;
     OpenStream(logState.gv_logPath);
@@ -145,7 +146,7 @@ bool IsLogOfAnother() {
 
 /// Why the log cannot be rotated now, or null.
 const char* RotationObstacle() {
-    if (isGuest && MayChangeLog()) isGuest = IsLogOfAnother();
+    if (isGuest) isGuest = IsLogOfAnother();
     if (isGuest) return "another process writes to the log, and rotates it";
     const bool isLeftBehind = IsResourceLocked_MSP(&logState.gv_logFile) == 1;
     return isLeftBehind ? "the lock of an earlier rotation was not released" : nullptr;

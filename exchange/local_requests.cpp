@@ -10,6 +10,7 @@
 #include "exchange/request_servlet.h"
 #include "exchange/service_control.h"
 #include "foundation/agent_state.h"
+#include "foundation/line_bound.h"
 #include "foundation/log.h"
 #include "foundation/text.h"
 #include "foundation/time_utils.h"
@@ -59,6 +60,7 @@ struct Exchange {
 /// A text of the request; a line says when something else stands in its place.
 OptionalText Member(const HashTable* request, std::u16string_view key) {
     if (const char16_t* text = GetHashText(request, key)) return text;
+    const LineBound::OfRefusal refusal;
     if (ContainsHashKey(request, key)) Log1("\t ExecWMIQuery :: %s is no text and counts as absent\n", key);
     return std::nullopt;
 }
@@ -67,6 +69,7 @@ OptionalText Member(const HashTable* request, std::u16string_view key) {
 OptionalText NeededMember(const Exchange& exchange, std::u16string_view key) {
     OptionalText text = Member(exchange.request, key);
     if (!text) {
+        const LineBound::OfRefusal refusal;
         Log1("\t ExecWMIQuery :: A %s request without the text %s. Request id : %s\n", exchange.type, key, exchange.id);
     }
     return text;
@@ -120,6 +123,7 @@ void Serve(Exchange& exchange) {
     const std::u16string name = NeededMember(exchange, u"MONITOR_NAME").value_or(u"");
     const std::u16string& resultName = action ? exchange.id : name;
     if (IsReplyMember(resultName)) {
+        const LineBound::OfRefusal refusal;
         Log1("\t ExecWMIQuery :: A %s request is not served, for %s is another member of its reply\n", exchange.type,
              resultName);
         PutHashText(exchange.reply.get(), u"ERRORMSG",

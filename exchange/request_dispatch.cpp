@@ -27,6 +27,9 @@ namespace {
 using platform::Error;
 using platform::Files;
 
+/// Of each line of a list: more than the requests of a good one write, and less than would drive old logs out.
+constexpr std::uint32_t mostLines = 1000;
+
 /// What the requests of one list leave for its end.
 struct ListResult {
     std::u16string lastRequestId;  // of the last request that had an id
@@ -39,6 +42,7 @@ using RequestHandler = void (*)(const HashTable* request, ListResult& result);
 const char16_t* NeededText(const HashTable* request, std::u16string_view key) {
     const char16_t* text = GetHashText(request, key);
     if (text) return text;
+    const LineBound::OfRefusal refusal;
     Log1("\t ParseRequestList :: A %s request without the text %s is skipped. Request id : %s\n",
          GetHashText(request, u"REQUEST_TYPE"), key, GetHashText(request, u"AGENT_REQUEST_ID"));
     return nullptr;
@@ -55,6 +59,7 @@ void DownloadQueryConf(const HashTable* request, ListResult& result) {
         url = text;
     }
     if (!IsOwnAgentKey(agentKey) && !IsSlaveKey(agentKey)) {
+        const LineBound::OfRefusal refusal;
         Log1("\t ParseRequestList :: %s names no agent. The DOWNLOAD_QUERYCONF request is skipped\n", agentKey);
         return;
     }
@@ -85,6 +90,7 @@ void DeleteDevice(const HashTable* request, ListResult&) {
         return;
     }
     if (!IsSlaveKey(device)) {
+        const LineBound::OfRefusal refusal;
         Log1("\t ParseRequestList :: %s names no slave. The DELETE_DEVICE request is skipped\n", device);
         return;
     }
@@ -111,6 +117,7 @@ void Dispatch(const HashTable* request, ListResult& result) {
     for (const auto& [name, handler] : handlers) {
         if (type && name == type) return handler(request, result);
     }
+    const LineBound::OfRefusal refusal;
     Log2("\t ParseRequestList :: Requests of type %s are unknown. Request id : %s\n", type,
          GetHashText(request, u"AGENT_REQUEST_ID"));
 }
@@ -128,12 +135,14 @@ void TakeRequestId(const HashTable* request, ListResult& result) {
         MarkRequest(id);
         result.lastRequestId = id;
     } else if (ContainsHashKey(request, u"AGENT_REQUEST_ID")) {
+        const LineBound::OfRefusal refusal;
         Log1("\t ParseRequestList :: AGENT_REQUEST_ID is no text. The request counts as one without id\n");
     }
 }
 
 void ServeRequest(const VectorElement* element, ListResult& result) {
     if (element->type != ValueType::table) {
+        const LineBound::OfRefusal refusal;
         Log1("\t ParseRequestList :: An element of RequestList is no object. It is skipped\n");
         return;
     }
@@ -178,7 +187,7 @@ bool LoadRequestList(HashTable* list, std::u16string_view fileName) {
 }  // namespace
 
 bool ParseRequestList(std::u16string_view fileName) {
-    const LineBound bound;
+    const LineBound bound(mostLines);
     const HashTablePtr list = MakeHashTable();
     if (!list) {
         Log1("\t Initialise hash table is Failed\n");

@@ -241,8 +241,10 @@ BatchResult PackBatch(std::span<const RecordFile> batch, std::u16string_view nam
 void DeleteUnfinishedZips() {
     for (FileSearch search(unfinishedPattern); search.HasFile(); search.Next()) {
         const std::u16string path = u"zipdata\\" + search.file.fileName;
-        const platform::Error error = platform::Files().DeleteFileW(path);
-        Log1("\t StripTxtFiles :: Unfinished zip [%s] of an earlier run deleted. Error is [%d]\n", path, error);
+        if (const platform::Error failure = platform::Files().DeleteFileW(path))
+            Log1("\t StripTxtFiles :: Unfinished zip [%s] of an earlier run stays. Error is [%d]\n", path, failure);
+        else
+            Log1("\t StripTxtFiles :: Unfinished zip [%s] of an earlier run is deleted\n", path);
     }
 }
 

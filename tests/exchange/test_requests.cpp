@@ -152,6 +152,14 @@ TEST_F(Requests, EachRoundAsksForWhatWaitsAndLeavesTheMailboxRight) {
         EXPECT_FALSE(std::filesystem::exists(conf / "download" / "RequestList.txt"));
     }
     EXPECT_EQ(downloadConnection, "keep-active") << "of a plan's download alone";
+    std::string many = R"({"RequestList": [)";
+    for (int i = 0; i < 100; ++i)
+        many += i < 12 ? R"({"REQUEST_TYPE": "STOP_SERVICE", "SERVICE_NAME": "x", "MONITOR_NAME": "m"},)" : "{},";
+    SetRequestAvailable(u"YES");
+    RunRound((many + "7]}").c_str());
+    EXPECT_EQ(CountInRound("Data not collected"), 12) << "a served request has all its lines";
+    EXPECT_EQ(CountInRound("are unknown. Request id"), 11) << "ten, and the count of all others";
+    EXPECT_EQ(CountInRound("78 more lines"), 1);
     SetRequestAvailable(u"YES");
     {
         const platform::ScopedOperations full(

@@ -21,6 +21,20 @@ TEST_F(FilesTest, NamesAreToldApartByCaseAndLinksAreFiles) {
     EXPECT_EQ(Found(u"d\\a.TXT"), "2");
 }
 
+TEST_F(FilesTest, WhatIsMadeIsForOwnerAndGroupOnly) {
+    const mode_t former = umask(0);
+    FileHandle file = 0;
+    Files().CreateFileW(u"made", FileAccess::write, FileShare::none, FileDisposition::createAlways, file);
+    Files().CloseHandle(file);
+    Files().CopyFileW(u"made", u"copy");
+    Files().wmkdir(u"dir");
+    Files().wmkdir(u"c:\\dir");
+    umask(former);
+    for (const auto& [name, mode] : {std::pair{"made", 0640}, {"copy", 0640}, {"dir", 0750}})
+        EXPECT_EQ(fs::status(name).permissions(), fs::perms(mode)) << name;
+    EXPECT_EQ(fs::status(Utf8FromWide(Files().NativePath(u"c:\\dir"))).permissions(), fs::perms(0750));
+}
+
 TEST_F(FilesTest, OpeningNeverWaits) {
     mkfifo("pipe", 0600);
     const std::pair<std::u16string, Error> rows[] = {
