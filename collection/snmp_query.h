@@ -19,17 +19,17 @@ std::u16string ExecuteSNMPQuery(const HashTable* record, HashTable* table);
 /// The record's COMMUNITY; "public" with a log line when it is absent.
 std::u16string SnmpCommunity(const HashTable* record);
 
-/// The record's SNMP_PORT; 161 with a log line when it is absent. False with a log line when it is no number from 1 to
-/// 65535: another device may be found at another port.
+/// The record's SNMP_PORT; 161 with a log line when it is absent. False with a log line when it is not a number from 1
+/// to 65535: another device may be found at another port.
 bool SnmpPort(const HashTable* record, std::int32_t& port);
 
 /// How a log line tells a record or a request, and the device that it is about, from others.
 std::u16string SnmpRecordName(const HashTable* record);
 
-/// A number of seconds for a record's polls. 5 with a log line when the text is no number from 1 to 2147.
+/// A number of seconds for a record's polls. 5 with a log line when the text is not a number from 1 to 2147.
 std::int32_t SnmpTimeout(const HashTable* record, const OptionalText& seconds);
 
-/// The text of a value that has one. Bytes that are no UTF-8 stand for the characters U+0000 to U+00FF; a zero byte
+/// The text of a value that has one. Bytes that are not UTF-8 stand for the characters U+0000 to U+00FF; a zero byte
 /// becomes U+FFFD, but for one at the end, which is dropped.
 std::u16string SnmpValueText(const SnmpValue& value);
 

@@ -78,7 +78,7 @@ std::u16string_view Trimmed(std::u16string_view text) {
     return text.substr(first, text.find_last_not_of(whiteSpace) - first + 1);
 }
 
-/// Appends the bytes of one group of four; 3, fewer when padding ended it, 0 when a character is no Base64.
+/// Appends the bytes of one group of four; 3, fewer when padding ended it, 0 when a character is not Base64.
 std::size_t DecodeGroup(std::u16string_view group, std::u16string& bytes) {
     std::size_t digits = group.substr(2).find(u'=');
     digits = digits == std::u16string_view::npos ? 4 : digits + 2;

@@ -21,7 +21,7 @@ int EncryptWithPassphrase(std::u16string_view plain, std::u16string& out, std::u
 /// comes out. out is untouched when the service refuses and when the cipher text is longer than 31 characters.
 void DecryptWithPassphrase(std::u16string_view cipher, std::u16string& out, std::u16string_view passphrase);
 
-/// One 16-bit character per decoded byte. White space around the text is skipped; a text that is no Base64 gives an
+/// One 16-bit character per decoded byte. White space around the text is skipped; a text that is not Base64 gives an
 /// empty one. Format: RFC 4648, standard alphabet, with padding.
 std::u16string DecodeBase64(std::u16string_view text);
 

@@ -41,8 +41,8 @@ struct JsonReadResult {
 /// Parses a document whose top level is an object and fills the table with its members, by type: boolean 1, integer 2,
 /// double 3 (the fraction is lost; beyond 32 bits the nearest end of that range), text 4, array 5, object 6, an integer
 /// beyond 32 bits 7 (its low 32 bits). A null member or element is left out. A text ends at a U+0000 in it, with a log
-/// line. A file that cannot be read, a text that does not parse and a top level that is no object leave the table as it
-/// was.
+/// line. A file that cannot be read, a text that does not parse and a top level that is not an object leave the table
+/// as it was.
 ///
 /// The file is UTF-16LE, with or without a byte order mark, or UTF-8, which is told by its byte order mark or by
 /// holding no zero byte; each CR LF in it is taken as LF. Anything else is refused.
@@ -54,7 +54,7 @@ struct JsonReadResult {
 /// Appends a value to a list, copying it when it is a text; 1, or 0 with a log line and the value still the caller's.
 int AddValueToVector(Vector* vector, Word value, ValueType type);
 
-/// The JSON text of a table, and of a list. A text, list or table that is none is written as null.
+/// The JSON text of a table, and of a list. A text, list or table that is null is written as null.
 std::u16string HashToJSONString(const HashTable* table);
 std::u16string VectorToJSONString(const Vector* vector);
 

@@ -271,7 +271,7 @@ JsonReadResult JSONTextToHash(HashTable* table, std::u16string_view text) {
     const std::size_t end = json_tokener_get_parse_end(tokener.get());
     const json_tokener_error error = json_tokener_get_error(tokener.get());
     if (error != json_tokener_success) return Failure(std::string(WordsOf(error)) + " " + Place(text, end));
-    if (json_object_get_type(top.get()) != json_type_object) return Failure("the top level is no object");
+    if (json_object_get_type(top.get()) != json_type_object) return Failure("the top level is not an object");
     JSONObjectToHash(table, top.get());
     return {.ok = true, .message = TextBehindTheEnd(text, narrow, end)};
 }

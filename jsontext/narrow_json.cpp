@@ -64,7 +64,7 @@ std::uint32_t DigitValue(char16_t unit) {
     return lower >= u'a' && lower <= u'f' ? lower - u'a' + 10 : 16;
 }
 
-/// The number behind the "\u" that the text starts with; false when it is no such escape.
+/// The number behind the "\u" that the text starts with; false when it is not such an escape.
 bool ReadUnicodeEscape(std::u16string_view text, std::uint32_t& number) {
     if (text.size() < 6 || text[1] != u'u') return false;
     number = 0;

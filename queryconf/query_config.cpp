@@ -90,12 +90,12 @@ void RestoreFromBackup(std::u16string_view agent, std::u16string_view fileName) 
 
 /// What keeps an element of a list of workflows from running, or null. A number with a fraction has been cut by now.
 const char* FaultOf(const VectorElement* element) {
-    if (element->type != ValueType::table) return "is no object";
+    if (element->type != ValueType::table) return "is not an object";
     const auto* workflow = reinterpret_cast<const HashTable*>(element->value);
     const HashEntry* interval = GetHashEntry(workflow, u"interval");
     if (!interval) return "has no interval";
     if (interval->type != ValueType::integer && interval->type != ValueType::number)
-        return "has an interval that is no number of minutes";
+        return "has an interval that is not a number of minutes";
     if (static_cast<std::int32_t>(interval->value) < 1) return "has an interval below 1";
     if (!GetHashVector(workflow, u"recordSetName")) return "has no array recordSetName";
     return nullptr;
@@ -142,7 +142,7 @@ HashTablePtr TakePlan(const HashTable* document, std::u16string_view agent, std:
     for (std::size_t i = 0; keys[i] && plan; ++i) {
         Vector* workflows = GetHashVector(document, keys[i]);
         if (!workflows) {
-            Log1("\t LoadQueryConfig :: %s :: the value of %s is no array: it is left out \n", fileName, keys[i]);
+            Log1("\t LoadQueryConfig :: %s :: the value of %s is not an array: it is left out \n", fileName, keys[i]);
             continue;
         }
         const std::u16string key = IsKeyOf(agent, keys[i]) ? KeyOf(agent) : keys[i];

@@ -7,6 +7,7 @@
 
 #include "collection/collect.h"
 #include "foundation/agent_state.h"
+#include "foundation/guarded.h"
 #include "foundation/log.h"
 #include "foundation/time_utils.h"
 #include "jsontext/hash_json.h"
@@ -31,6 +32,12 @@ std::unique_ptr<TimerSchedule> RepeatEveryMinutes(std::int32_t minutes) {
     constexpr std::int64_t longest = std::numeric_limits<std::uint32_t>::max();
     if (schedule) schedule->detail.interval = static_cast<std::uint32_t>(std::min(seconds, longest));
     return schedule;
+}
+
+void ScheduleEntry(const VectorElement& element, std::int32_t index) {
+    const auto* entry = reinterpret_cast<const HashTable*>(element.value);
+    if (LogsAtLeast(2)) Log2("\t scheduleQueryHashData :: Inside for loop : queryInfo: %s\n", HashToJSONString(entry));
+    AddSchedule(index, static_cast<std::int32_t>(GetHashValue(entry, u"interval")));
 }
 
 }  // namespace
@@ -60,13 +67,8 @@ void scheduleQueryHashData() {
     agentState.gv_sortVec = merged.release();
     Log2("\t scheduleQueryHashData :: query conf - gv_sortVec size: [%d]\n", agentState.gv_sortVec->count);
     std::int32_t index = 0;
-    for (const VectorElement* element = agentState.gv_sortVec->head; element; element = element->next, ++index) {
-        const auto* entry = reinterpret_cast<const HashTable*>(element->value);
-        if (LogsAtLeast(2)) {
-            Log2("\t scheduleQueryHashData :: Inside for loop : queryInfo: %s\n", HashToJSONString(entry));
-        }
-        AddSchedule(index, static_cast<std::int32_t>(GetHashValue(entry, u"interval")));
-    }
+    for (const VectorElement* element = agentState.gv_sortVec->head; element; element = element->next, ++index)
+        RunGuarded("scheduleQueryHashData", [element, index] { ScheduleEntry(*element, index); });
 }
 
 int AddSchedule(std::int32_t index, std::int32_t interval) {

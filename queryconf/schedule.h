@@ -9,7 +9,7 @@ namespace kv {
 /// Brings up the timer manager and its thread. Called once.
 void initializeScheduler();
 
-/// Builds gv_sortVec again and adds all timers, each due at once.
+/// Builds gv_sortVec again and adds all timers, each due at once. An exception costs one entry its timer.
 void scheduleQueryHashData();
 
 /// Adds the timer of one entry, every interval minutes; 1, or -1 when memory ran out.

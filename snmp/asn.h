@@ -98,7 +98,7 @@ const std::uint8_t* AsnParseNull(const std::uint8_t* position, std::int32_t* rem
 std::uint8_t* AsnBuildNull(std::uint8_t* position, std::int32_t* remaining, std::uint8_t tag);
 
 /// count: room in subIds going in, refused below 2; how many there are, coming out. An encoding that holds more than
-/// fit is no failure: the rest is left, and the position given stands inside the content. Sub-identifiers wrap at 32
+/// fit is not a failure: the rest is left, and the position given stands inside the content. Sub-identifiers wrap at 32
 /// bits.
 const std::uint8_t* AsnParseObjectId(const std::uint8_t* position, std::int32_t* remaining, std::uint8_t* tag,
                                      std::uint32_t* subIds, std::int32_t* count);

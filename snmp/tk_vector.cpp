@@ -17,7 +17,7 @@ class VectorLock {
     const TkVector* vector_;
 };
 
-/// Puts a node behind another, or at the head behind none. The tail of an empty list is no node.
+/// Puts a node behind another, or at the head behind none. The tail of an empty list is not a node.
 void LinkBehind(TkVector& vector, TkVectorNode* before, TkVectorNode* node) {
     TkVectorNode*& link = before ? before->next : vector.head;
     node->next = link;

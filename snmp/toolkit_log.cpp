@@ -24,7 +24,7 @@ std::u16string PathOf(std::string_view name) {
     return platform::WideFromUtf8(std::string(base).append(name));
 }
 
-/// Begins the engine's log anew, empty; called with streamMutex held. One of its own is closed first; the agent's file
+/// Begins the engine's log again, empty; called with streamMutex held. One of its own is closed first; the agent's file
 /// is not closed, and stays in place when the engine's cannot be opened. At the end of the agent no log is begun.
 bool BeginOwnLog(const std::u16string& path) {
     if (logState.isRotationOver) return false;

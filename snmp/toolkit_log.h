@@ -10,7 +10,7 @@
 
 namespace kv::snmp {
 
-extern std::atomic<std::int32_t> toolkitLogLevel;  // 0 to 3; set anew by every request
+extern std::atomic<std::int32_t> toolkitLogLevel;  // 0 to 3; set again by every request
 
 inline bool TkLogsAtLeast(std::int32_t level) { return toolkitLogLevel.load(std::memory_order_relaxed) >= level; }
 
@@ -37,7 +37,7 @@ void TKLOG(std::int32_t level, const char* format, const Arguments&... arguments
 /// be opened; the agent's log then stays in place.
 bool OpenToolkitLog(std::string_view name);
 
-/// Begins the engine's own log anew when it would pass 5 MiB with this text. Where that fails no line is written until
+/// Begins the engine's own log again when it would pass 5 MiB with this text. Where that fails no line is written until
 /// a later one opens it. Does nothing while the agent's log is in place.
 void CheckToolkitLogSize(std::string_view text);
 

@@ -59,8 +59,8 @@ void CloseUdpSocket(platform::SocketHandle socket) {
     if (socket != 0) Sockets().closesocket(socket);
 }
 
-/// Where a socket is bound: any port, and any address unless there is a text of one. A text that is no address stands
-/// for one that nothing can be bound to.
+/// Where a socket is bound: any port, and any address unless there is a text of one. A text that is not an address
+/// stands for one that nothing can be bound to.
 platform::SocketAddress LocalEnd(const TransportDomainAddress& address) {
     platform::SocketAddress local;
     const std::string_view text = address.localAddress.data();

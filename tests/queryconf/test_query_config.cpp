@@ -120,9 +120,9 @@ TEST_F(QueryConfig, AFileThatCannotBeTakenLeavesThePlanInUse) {
              {"held by another", "new", "(error 32); the plan in use stays", platform::error::sharingViolation},
              {"denied", "new", "(error 5); the plan in use stays", platform::error::accessDenied},
              {"malformed", "{\n\"WorkFlows\" []}", "separator ':' expected at offset 14 (line 2)"},
-             {"no object", "[{\"interval\":5}]", "queryconf.txt: the top level is no object"},
+             {"no object", "[{\"interval\":5}]", "queryconf.txt: the top level is not an object"},
              {"without its list", "{}", "queryconf.txt has no array WorkFlows"},
-             {"no list", "{\"WorkFlows\":{}}", "the value of WorkFlows is no array: it is left out"},
+             {"no list", "{\"WorkFlows\":{}}", "the value of WorkFlows is not an array: it is left out"},
          }) {
         SCOPED_TRACE(row.title);
         WritePlan(conf / "queryconf.txt", "WorkFlows", {"a"});
@@ -181,11 +181,11 @@ TEST_F(QueryConfig, WorkflowsThatCannotRunAreLeftOutOneByOne) {
     LoadConfFiles();
     EXPECT_EQ(Plan(), R"({ "WorkFlows": [ { "recordSetName": [ { } ], "interval": 1.000000, "wfname": "cut" } ] })");
     const std::string head = "\t LoadQueryConfig :: ..\\conf\\queryconf.txt :: ";
-    EXPECT_TRUE(Logged(head + "the value of Version is no array: it is left out"));
+    EXPECT_TRUE(Logged(head + "the value of Version is not an array: it is left out"));
     std::string workflow = "workflow [0] of WorkFlows, wfname ";
-    for (const char* fault : {"(null), is no object", "none, has no interval", "zero, has an interval below 1",
-                              "word, has an interval that is no number", "wide, has an interval that is no number",
-                              "lone, has no array recordSetName"}) {
+    for (const char* fault : {"(null), is not an object", "none, has no interval", "zero, has an interval below 1",
+                              "word, has an interval that is not a number",
+                              "wide, has an interval that is not a number", "lone, has no array recordSetName"}) {
         EXPECT_TRUE(Logged(head + workflow + fault)) << fault;
         ++workflow[10];
     }

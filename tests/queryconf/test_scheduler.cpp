@@ -1,6 +1,8 @@
 // The timer and the schedule, in virtual time: what runs, when, in which order, and what a reload may rely on.
 #include <atomic>
+#include <chrono>
 #include <map>
+#include <new>
 #include <thread>
 #include <vector>
 
@@ -8,6 +10,7 @@
 #include "foundation/log.h"
 #include "jsontext/hash_json.h"
 #include "platform/process.h"
+#include "platform/threads.h"
 #include "queryconf/config_reload.h"
 #include "queryconf/schedule.h"
 #include "queryconf/timer.h"
@@ -150,11 +153,20 @@ TEST_F(Scheduler, RunsWhatIsDueByTimeAndThenInOrderOfAddingUntilDeleted) {
 
 TEST_F(Scheduler, SchedulesEveryWorkflowThatCanRun) {
     constexpr std::u16string_view plan =
-        uR"({"WorkFlows":[{"interval":5,"recordSetName":[]}, {"interval":1,"recordSetName":[]}],
+        uR"({"WorkFlows":[{"interval":7}, {"interval":5,"recordSetName":[]}, {"interval":1,"recordSetName":[]}],
              "WorkFlows_S":[{"interval":0,"recordSetName":[]}, {"interval":2147483647,"recordSetName":[]}]})";
     agentState.gv_queryConfHash = MakeHashTable().release();
     ASSERT_TRUE(JSONTextToHash(agentState.gv_queryConfHash, plan).ok);
-    scheduleQueryHashData();
+    {
+        platform::ThreadOperations threads = platform::Threads();
+        threads.WaitForMutex = [taken = 0, next = threads.WaitForMutex](auto mutex) mutable {
+            if (mutex == timerManager.gv_timerMutex && ++taken == 2) throw std::bad_alloc();  // the first entry's
+            next(mutex);
+        };
+        const platform::ScopedOperations scoped(threads);
+        scheduleQueryHashData();
+    }
+    EXPECT_EQ(LinesWith("scheduleQueryHashData :: ended early"), 1u);
     RunFor(301);
     const std::string run = "CollectAndSaveData :: queryInfo: { \"recordSetName\": [ ], \"interval\": ";
     EXPECT_EQ(LinesWith(run + "5 "), 2u);
@@ -173,6 +185,7 @@ TEST_F(Scheduler, AThousandReloadsWhileCollectingAreSafe) {
     std::atomic<int> ran = 0;
     std::atomic<bool> stop = false;
     std::atomic<bool> reloading = false;
+    const auto rest = [] { std::this_thread::sleep_for(std::chrono::microseconds(20)); };
     platform::ProcessOperations processes = platform::Processes();
     processes.CreateProcessW = [&](std::u16string_view, std::u16string_view, platform::ProcessHandle& process) {
         ++ran;
@@ -180,7 +193,7 @@ TEST_F(Scheduler, AThousandReloadsWhileCollectingAreSafe) {
         return platform::error::success;
     };
     processes.WaitForSingleObject = [&](auto...) {  // a script lasts until a reload wants its thread to be done
-        while (!reloading && !stop) std::this_thread::yield();
+        while (!reloading && !stop) rest();
         return platform::error::success;
     };
     processes.GetExitCodeProcess = [](auto, std::uint32_t& exitCode) { return exitCode = 0, platform::error::success; };
@@ -188,6 +201,7 @@ TEST_F(Scheduler, AThousandReloadsWhileCollectingAreSafe) {
     const platform::ScopedOperations scopedProcesses(processes);
     clock.onSleep = [&](std::uint32_t) {
         if (stop) throw TimeIsUp();
+        rest();  // else the timer's mutex is hardly ever free
     };
     logState.gv_logLevel = 1;
     agentState.gv_agentKey.publish(u"Own");
@@ -204,7 +218,7 @@ TEST_F(Scheduler, AThousandReloadsWhileCollectingAreSafe) {
         const int before = ran;
         ReloadAndScheduleQueryData();
         reloading = false;
-        while (reload % 2 == 0 && ran == before) std::this_thread::yield();
+        while (reload % 2 == 0 && ran == before) rest();
     }
     stop = true;
     timer.join();

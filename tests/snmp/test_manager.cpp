@@ -182,34 +182,33 @@ TEST_F(SnmpManager, TakesWhatReachesItsSocketFirst) {
     const auto holding = [](std::uint8_t tag, std::string_view hex) {
         return std::vector{MessageOf({.variables = {Variable(1, tag, FromHex(hex))}})};
     };
+    const std::string nothing = "0: (none) | (none)";
     struct Row {
         const char* title;
         std::vector<std::string> datagrams;
         std::string expected;
-        SentFrom from = SentFrom::ownPort;
         const char* line = "";
+        SentFrom from = SentFrom::ownPort;
     };
     for (const Row& row : std::vector<Row>{
              {"twice the same", {answer, answer}, "0: .1.3.6.1.9.1 4:v | (none)"},
              {"two different ones", {other, answer}, "0: .1.3.6.1.9.2 4:w | (none)"},
-             {"from another port", {answer}, "0: .1.3.6.1.9.1 4:v | (none)", SentFrom::anotherPort},
+             {"from another port", {answer}, "0: .1.3.6.1.9.1 4:v | (none)", "", SentFrom::anotherPort},
              {"more values than asked for",
               {MessageOf({.variables = {Variable(1, 2, "\x01"), Variable(2, 2, "\x02"), Variable(3, 2, "\x03")}})},
               "1: .1.3.6.1.9.1 2:1 | .1.3.6.1.9.2 2:2"},
-             {"not one byte", {""}, "0: (none) | (none)"},
+             {"not one byte", {""}, nothing},
              {"half a message",
               {answer.substr(0, answer.size() / 2)},
-              "0: (none) | (none)",
-              SentFrom::ownPort,
+              nothing,
               "SnmpGetOperation :: 127.0.0.1 sends what cannot be read"},
              {"an error with the number of that",
               {MessageOf({.errorStatus = 103})},
-              "0: (none) | (none)",
-              SentFrom::ownPort,
+              nothing,
               "127.0.0.1 reports the error status 103 at value 0"},
              {"longest message", {sized(7989)}, "0: .1.3.6.1.9.1 4:xxxxxxxxxxxxxxxxxxxxxxx"},
-             {"too long by one", {sized(7990)}, "0: (none) | (none)"},
-             {"longer than the buffer", {sized(9000)}, "0: (none) | (none)"},
+             {"too long by one", {sized(7990)}, nothing},
+             {"longer than the buffer", {sized(9000)}, nothing},
              {"integer", holding(0x02, "ff 7f"), "0: .1.3.6.1.9.1 2:-129 | (none)"},
              {"integer of five bytes", holding(0x02, "00 00 00 00 07"), "0: .1.3.6.1.9.1 2:-1 | (none)"},
              {"counter of six bytes", holding(0x41, "01 02 00 00 01 00"), "0: .1.3.6.1.9.1 65:256 | (none)"},

@@ -92,16 +92,6 @@ TEST_F(SnmpValues, OidsCompareAsUnsignedNumbersAndAPrefixComesFirst) {
     EXPECT_EQ(GetOidLength(std::string(65537, '.').c_str(), 65537), 1) << "16 bits";
 }
 
-TEST_F(SnmpValues, WithoutContentThereIsAValueToo) {
-    EXPECT_EQ(ConvertToInteger(nullptr, 0), 0);
-    std::int32_t count = 0;
-    const SubIds subIds = DecodeOID(nullptr, 0, &count);
-    ASSERT_EQ(count, 1);
-    EXPECT_EQ(subIds[0], 0u);
-    EXPECT_EQ(DecodeOID(Bytes{0x2B, 6, 0x81}.data(), 3, &count), nullptr);
-    EXPECT_EQ(count, 0);
-}
-
 TEST_F(SnmpValues, ANullTextIsAllowedEverywhere) {
     const struct {
         const char *a, *b;
