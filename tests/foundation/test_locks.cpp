@@ -53,17 +53,19 @@ TEST_F(Locks, APurgeTakesWhatIsOlderThanFiveMinutes) {
 
 TEST_F(Locks, APooledThreadIsUsedAgainOnceItIsIdle) {
     static std::atomic<int> rounds;
-    rounds = 0;
+    rounds = -1;
     auto* const pool = new ThreadInfo[2];  // its thread may look at it until the process ends
     int index = 7;
     InitThreadInfo_MSP(pool);
     EXPECT_EQ(CheckThreadPool_MSP(pool, 0, &index, 1), poolStart);
     pool[1].handle = CreateNewThread_MSP(
         [](void* info) {
+            while (rounds < 0) std::this_thread::yield();  // until its handle is stored
             for (; rounds < 3; ++rounds) SuspendSelf_MSP(static_cast<ThreadInfo*>(info));
             return 0U;
         },
         &pool[1]);
+    rounds = 0;
     for (int round = 1; round <= 3; ++round) {
         while (CheckThreadPool_MSP(pool, 2, &index, 2) != poolReuse) std::this_thread::yield();
         EXPECT_EQ(index, 1);
