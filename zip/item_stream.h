@@ -45,7 +45,7 @@ struct ItemStream {
     Inflater inflater;
 };
 
-/// Starts at the item's first byte. wrongPassword when it is encrypted and the password is none or another one,
+/// Starts at the item's first byte. wrongPassword when it is encrypted and there is no password, or another one,
 /// flateFailed when its method or encryption is not known; both leave a log line.
 ZipResult StartItem(ItemStream& stream, const ZipCentralEntry& entry, const ZipLocalEntry& local,
                     const std::optional<std::string>& password);

@@ -13,7 +13,7 @@
 
 namespace kv {
 
-/// Where the entries are: eight bytes for each, of which there are 65,535 at the most.
+/// Where the entries are: eight bytes for each, of which there are at most 65,535.
 struct ZipDirectoryIndex {
     std::uint64_t archiveStart = 0;             // bytes in front of the archive, such as a program that unpacks it
     std::uint64_t directoryStart = 0;           // offset in the file

@@ -13,7 +13,7 @@ struct ZipHandleRecord {
     void* object;
 };
 
-/// An archive being written or read; freed by CloseZip or CloseUnzip. Null is none.
+/// An archive being written or read; freed by CloseZip or CloseUnzip. Null stands for no archive.
 using ZipHandle = ZipHandleRecord*;
 
 /// The object behind a handle of one kind, or null with the reason.

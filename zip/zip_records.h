@@ -20,7 +20,7 @@ inline constexpr std::size_t centralExtraSize = 9;
 inline constexpr std::size_t dataDescriptorSize = 16;
 inline constexpr std::size_t endRecordSize = 22;
 
-/// Bytes of an entry's name at the most.
+/// An entry's name has at most so many bytes.
 inline constexpr std::size_t maxNameSize = 260;
 
 /// Number of entries that the end record can count.

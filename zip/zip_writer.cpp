@@ -13,6 +13,7 @@
 #include <vector>
 #include <zlib.h>
 
+#include "foundation/log.h"
 #include "foundation/system_error.h"
 #include "foundation/text.h"
 #include "platform/clock.h"
@@ -92,7 +93,7 @@ ZipMethod MethodFor(std::u16string_view name) {
 
 std::uint64_t CentralSize(const ZipEntry& entry) { return centralHeaderSize + entry.name.size() + centralExtraSize; }
 
-/// How long deflate can make so many bytes at the most. Asked for in parts, as zlib counts in 32 bits on some systems.
+/// How long deflate can make so many bytes at most. Asked for in parts, as zlib counts in 32 bits on some systems.
 std::uint64_t DeflatedSizeAtMost(std::uint64_t size) {
     constexpr uLong part = 1UL << 30;
     return size / part * deflateBound(nullptr, part) + deflateBound(nullptr, static_cast<uLong>(size % part));
@@ -326,6 +327,7 @@ ZipResult AddOpenFile(ZipHandle zip, std::u16string_view nameInZip, platform::Fi
 }  // namespace
 
 ZipHandle CreateZip(std::u16string_view path, const char* password) {
+    Log4("\t Inside CreateZip() \n");
     return Create(password, [&](ZipWriter& writer) {
         OpenFile& file = writer.output.ownFile;
         const platform::Error error = file.Open(path, platform::FileAccess::write, platform::FileShare::none,
@@ -341,6 +343,7 @@ ZipHandle CreateZip(std::u16string_view path, const char* password) {
 }
 
 ZipHandle CreateZipHandle(platform::FileHandle file, const char* password) {
+    Log4("\t Inside CreateZipHandle() \n");
     return Create(password, [&](ZipWriter& writer) {
         if (file == 0) return zip_result::badArguments;
         UseFile(writer, file);
@@ -349,6 +352,7 @@ ZipHandle CreateZipHandle(platform::FileHandle file, const char* password) {
 }
 
 ZipHandle CreateZipMemory(void* block, std::size_t size, const char* password) {
+    Log4("\t Inside CreateZipMemory() \n");
     return Create(password, [&](ZipWriter& writer) {
         if (size == 0) return zip_result::memoryTooSmall;
         ArchiveOutput& output = writer.output;
@@ -360,6 +364,7 @@ ZipHandle CreateZipMemory(void* block, std::size_t size, const char* password) {
 }
 
 ZipResult AddFileToZip(ZipHandle zip, std::u16string_view nameInZip, std::u16string_view path) {
+    Log4("\t Inside AddFileToZip() \n");
     return Remember(AddEntry(zip, nameInZip, false, [&](ZipWriter& writer, ZipSource& source) {
         // Whether the source's own times and attributes are taken hangs on the output being able to seek. It has always
         // been so, and the server gets the same archives.
@@ -368,15 +373,18 @@ ZipResult AddFileToZip(ZipHandle zip, std::u16string_view nameInZip, std::u16str
 }
 
 ZipResult AddHandleToZip(ZipHandle zip, std::u16string_view nameInZip, platform::FileHandle file) {
+    Log4("\t Inside AddHandleToZip() \n");
     return Remember(AddOpenFile(zip, nameInZip, file, std::nullopt));
 }
 
 ZipResult AddHandleToZipSized(ZipHandle zip, std::u16string_view nameInZip, platform::FileHandle file,
                               std::uint64_t size) {
+    Log4("\t Inside AddHandleToZipSized() \n");
     return Remember(AddOpenFile(zip, nameInZip, file, size));
 }
 
 ZipResult AddMemoryToZip(ZipHandle zip, std::u16string_view nameInZip, const void* block, std::size_t size) {
+    Log4("\t Inside AddMemoryToZip() \n");
     return Remember(AddEntry(zip, nameInZip, false, [&](ZipWriter&, ZipSource& source) {
         if (block == nullptr && size > 0) return zip_result::badArguments;
         OpenMemorySource({static_cast<const std::uint8_t*>(block), size}, source);
@@ -385,6 +393,7 @@ ZipResult AddMemoryToZip(ZipHandle zip, std::u16string_view nameInZip, const voi
 }
 
 ZipResult AddFolderToZip(ZipHandle zip, std::u16string_view nameInZip) {
+    Log4("\t Inside AddFolderToZip() \n");
     return Remember(AddEntry(zip, nameInZip, true, [&](ZipWriter&, ZipSource& source) {
         OpenFolderSource(source);
         return zip_result::ok;
@@ -392,6 +401,7 @@ ZipResult AddFolderToZip(ZipHandle zip, std::u16string_view nameInZip) {
 }
 
 ZipResult GetZipMemory(ZipHandle zip, const void*& block, std::size_t& size) {
+    Log4("\t Inside GetZipMemory() \n");
     block = nullptr;
     size = 0;
     ZipResult result = zip_result::ok;
@@ -406,6 +416,7 @@ ZipResult GetZipMemory(ZipHandle zip, const void*& block, std::size_t& size) {
 }
 
 ZipResult CloseZip(ZipHandle zip) {
+    Log4("\t Inside CloseZip() \n");
     ZipResult result = zip_result::ok;
     const std::unique_ptr<ZipWriter> writer(WriterOf(zip, result));
     if (writer == nullptr) return Remember(result);
