@@ -14,7 +14,6 @@
 #include "foundation/system_error.h"
 #include "foundation/text.h"
 #include "platform/files.h"
-#include "platform/memory.h"
 
 namespace kv {
 
@@ -129,7 +128,6 @@ std::optional<std::u16string> WriteRecordFile(std::u16string_view dataDirectory,
     const std::u16string path = NextRecordPath(dataDirectory);
     const std::u16string record = path + u".txt";
     const platform::Error error = WriteCompleteFile(record, path + u".tmp", Utf16LittleEndianBytes(json));
-    platform::ReleaseFreeMemoryAfter(json.size() * sizeof(char16_t));
     if (error == platform::error::success) return record;
     Log3("\t file pointer is NULL\n");
     Log1("\t WriteRecordFile :: %s cannot be written, its record is lost \n", record);
@@ -153,6 +151,8 @@ void VerifyLastFileNum() {
 
 void StoreLastFileNum() {
     Log3("\t Inside StoreLastFileNum() \n");
+    // A stop stores them beside the upload thread: nobody may store an older number over a newer one.
+    const ResourceLock lock(&agentState.gv_ocLastCreatedZIPNum);
     StoreNumber("MALastCreatedJSONNum", agentState.gv_ocLastCreatedJSONNum, SetMALastCreatedJSONNum);
     StoreNumber("MALastCreatedZIPNum", agentState.gv_ocLastCreatedZIPNum, SetMALastCreatedZIPNum);
 }

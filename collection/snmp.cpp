@@ -7,6 +7,7 @@
 #include "foundation/log.h"
 #include "foundation/time_utils.h"
 #include "jsontext/hash_json.h"
+#include "platform/memory.h"
 
 namespace kv {
 
@@ -38,6 +39,7 @@ void SendAnswer(HashTable* table, const HashTable* request) {
 
 void CollectSNMPData(const HashTable* record, std::u16string_view isTest) {
     Log3("\t Inside CollectSNMPData() \n");
+    platform::MemoryReleaseAtEnd memory;
     const std::u16string dataDirectory = PrepareDataDirectory("CollectSNMPData");
     const HashTablePtr table = MakeHashTable();
     if (!table) {
@@ -49,6 +51,7 @@ void CollectSNMPData(const HashTable* record, std::u16string_view isTest) {
     PutRecordMembers(table.get(), record);
     if (CompareIgnoreCase(isTest, u"true") == 0) return SendAnswer(table.get(), record);
     const std::u16string json = HashToJSONString(table.get());
+    memory.pieceBytes = json.size() * sizeof(char16_t);
     if (WriteRecordFile(dataDirectory, json)) Log2("CollectSNMPData :: Snmp query output - %s\n", json);
 }
 

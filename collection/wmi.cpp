@@ -7,11 +7,13 @@
 #include "foundation/log.h"
 #include "foundation/time_utils.h"
 #include "jsontext/hash_json.h"
+#include "platform/memory.h"
 
 namespace kv {
 
 void ExecuteWMIQuery(const OptionalText& nameSpace, std::u16string_view wmiQuery, std::u16string_view name) {
     Log3("\t Inside ExecuteWMIQuery() \n");
+    platform::MemoryReleaseAtEnd memory;
     const std::u16string dataDirectory = PrepareDataDirectory("ExecuteWMIQuery");
     const HashTablePtr record = MakeHashTable();
     VectorPtr rows = MakeVector();
@@ -27,6 +29,7 @@ void ExecuteWMIQuery(const OptionalText& nameSpace, std::u16string_view wmiQuery
     PutHashText(record.get(), u"AGENTKEY", agentState.gv_agentKey.view());
     PutHashText(record.get(), u"MSPCUSTOMERID", agentState.gv_custID.value_or(u""));
     const std::u16string json = HashToJSONString(record.get());
+    memory.pieceBytes = json.size() * sizeof(char16_t);
     const std::optional<std::u16string> file = WriteRecordFile(dataDirectory, json);
     if (!file) return;
     Log2("ExecuteWMIQuery :: Wmiquery output - %s\n", json);

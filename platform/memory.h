@@ -17,4 +17,14 @@ inline void ReleaseFreeMemoryAfter(std::size_t pieceBytes) {
     if (pieceBytes >= largePieceBytes) ReleaseFreeMemory();
 }
 
+/// The same at the end of its scope. Made before whatever holds the piece, so that it ends after it.
+struct MemoryReleaseAtEnd {
+    std::size_t pieceBytes = 0;
+
+    MemoryReleaseAtEnd() = default;
+    MemoryReleaseAtEnd(const MemoryReleaseAtEnd&) = delete;
+    MemoryReleaseAtEnd& operator=(const MemoryReleaseAtEnd&) = delete;
+    ~MemoryReleaseAtEnd() { ReleaseFreeMemoryAfter(pieceBytes); }
+};
+
 }  // namespace platform
