@@ -8,14 +8,15 @@
 
 namespace kv {
 
-/// Text files in one zip at the most.
+/// Text files in one zip at most.
 inline constexpr int maxFilesInZip = 2501;
 
 /// Thread body: waits a minute, then packs and uploads once every gv_writeInterval seconds. Never returns.
 std::uint32_t StripTxtFiles(void* ignored);
 
 /// One packing pass over "data". A zip's path is nameBase, the next number and ".zip". Record files that could not be
-/// packed are logged; they are deleted like the others.
+/// packed are logged as lost; they are deleted like the others. Those that cannot be opened, and those for which the
+/// disk has no room, stay for the next pass, with a line at level 1.
 void PackRecordFiles(std::u16string_view nameBase);
 
 /// One upload pass over "zipdata", of which zipCount zips are expected. An accepted zip is deleted, any other stays.
