@@ -5,6 +5,7 @@
 #include <iterator>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "collection/collect.h"
 #include "foundation/agent_state.h"
@@ -16,6 +17,14 @@
 namespace kv::test {
 
 namespace fs = std::filesystem;
+
+/// A script, its record and a part of the log.
+struct ScriptRow {
+    const char* title;
+    std::string body, record;
+    const char* logged;
+};
+
 class Collection : public TestAgent {
   protected:
     Collection() {
@@ -33,6 +42,13 @@ class Collection : public TestAgent {
         WriteScript("script.bat", body);
         EXPECT_EQ(ExecuteScript(u"script.bat", parameters, u"TRUE"), 0);
         return Record(agentState.gv_ocLastCreatedJSONNum);
+    }
+
+    void RunEach(const std::vector<ScriptRow>& rows, std::u16string_view parameters = u"") {
+        for (const ScriptRow& row : rows) {
+            EXPECT_EQ(RunScript(row.body, parameters), row.record) << row.title;
+            EXPECT_TRUE(Logged(row.logged)) << row.title;
+        }
     }
 
     std::string Record(std::uint32_t number) const {

@@ -77,23 +77,11 @@ TEST(ScriptOutput, BecomesUtf16WithoutByteOrderMarkWhereverItIsCutInTwo) {
 }
 
 TEST_F(Collection, ScriptOutputBecomesARecordWhateverTheEnd) {
-    struct Row {
-        const char* title;
-        std::string body;
-        std::string record;
-        const char* logged;
-    };
-    for (const Row& row : std::vector<Row>{
-             {"arguments in order", printArguments, "K,Disks,100,-5,b c", "Output File Found"},
+    RunEach({{"arguments in order", printArguments, "K,Disks,100,-5,b c" + lineEnd, "Output File Found"},
              {"nothing printed", "exit 0", "", "Error Code : 0 "},
              {"standard error is no record", "echo bad >&2", "", "Error Code : 0 "},
-             {"failed", "echo half\nexit 3", "half", "Error Code : 3 "},
-         }) {
-        SCOPED_TRACE(row.title);
-        const std::string record = RunScript(row.body, u"K Disks 100 -5 \"b c\"");
-        EXPECT_EQ(record, row.record.empty() ? "" : row.record + lineEnd);
-        EXPECT_TRUE(Logged(row.logged));
-    }
+             {"failed", "echo half\nexit 3", "half" + lineEnd, "Error Code : 3 "}},
+            u"K Disks 100 -5 \"b c\"");
     EXPECT_EQ(DataFiles(), 4) << "nothing but the records is left";
 }
 

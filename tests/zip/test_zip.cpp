@@ -1,6 +1,4 @@
-#include <algorithm>
 #include <gtest/gtest.h>
-#include <random>
 #include <string>
 
 #include "foundation/open_file.h"
@@ -21,13 +19,6 @@ using FileOverride = platform::ScopedOperations<platform::FileOperations>;
 
 constexpr std::uint64_t fileTimeOf2026 = 116444736000000000 + 17727015070000000;  // 2026-03-05 09:05:07 UTC
 
-/// Bytes that deflate cannot make smaller, the same in every run.
-std::string Noise(std::size_t size) {
-    std::string bytes(size, '\0');
-    std::generate(bytes.begin(), bytes.end(), std::mt19937(1));
-    return bytes;
-}
-
 }  // namespace
 
 class Zip : public TestAgent {
@@ -45,7 +36,6 @@ class Zip : public TestAgent {
         EXPECT_TRUE(files.size() == 1 && files.begin()->second == content);
     }
 
-    int Method() const { return Read(path).at(8); }
     /// As they stand in the only central header.
     std::string Attributes() const {
         const std::string bytes = Read(path);
@@ -53,12 +43,9 @@ class Zip : public TestAgent {
     }
 
     /// The current operations with fixed facts about every file.
-    static platform::FileOperations WithInformation(platform::FileInformation information) {
+    static platform::FileOperations WithInformation(const platform::FileInformation& facts) {
         platform::FileOperations files = platform::Files();
-        files.GetFileInformationByHandle = [information](platform::FileHandle, platform::FileInformation& out) {
-            out = information;
-            return platform::error::success;
-        };
+        files.GetFileInformationByHandle = [facts](auto, auto& out) { return out = facts, platform::error::success; };
         return files;
     }
 
@@ -121,14 +108,10 @@ TEST_F(Zip, AnotherReaderFindsWhatWasPacked) {
 }
 
 TEST_F(Zip, TheExtensionDecidesTheMethod) {
-    for (const char16_t* name :
-         {u"a.Z", u"a.zip", u"a.zoo", u"a.arc", u"a.lzh", u"a.arj", u"a.gz", u"a.tgz", u"r.GZ"}) {
+    for (const std::u16string name : {u"s.Z", u"s.zip", u"s.zoo", u"s.arc", u"s.lzh", u"s.arj", u"s.gz", u"s.tgz",
+                                      u"s.GZ", u"r.gz.txt", u"point", u"r.gz\\name", u"a.zipped", u"a."}) {
         PackOne("text", name);
-        EXPECT_EQ(Method(), 0) << platform::Utf8FromWide(name);
-    }
-    for (const char16_t* name : {u"r.gz.txt", u"point", u"r.gz\\name", u"a.zipped", u"a."}) {
-        PackOne("text", name);
-        EXPECT_EQ(Method(), 8) << platform::Utf8FromWide(name);
+        EXPECT_EQ(Read(path).at(8), name.starts_with(u"s.") ? 0 : 8) << platform::Utf8FromWide(name);
     }
 }
 

@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <gtest/gtest.h>
 #include <optional>
-#include <random>
 #include <string>
 #include <vector>
 #include <zlib.h>
@@ -24,12 +23,6 @@ inline std::string Number(std::uint64_t number, std::size_t bytes) {
     std::string text;
     for (; bytes > 0; --bytes, number >>= 8) text += static_cast<char>(number & 0xFF);
     return text;
-}
-
-inline std::string Noise(std::size_t size) {
-    std::string bytes(size, '\0');
-    std::generate(bytes.begin(), bytes.end(), std::mt19937(1));
-    return bytes;
 }
 
 inline std::string TimeField(std::uint64_t size, std::uint64_t flags, const std::string& times) {

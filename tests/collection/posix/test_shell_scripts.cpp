@@ -1,7 +1,6 @@
 // Collection by scripts of the shell.
 #include <fstream>
 #include <iterator>
-#include <vector>
 
 #include "platform/clock.h"
 #include "platform/process.h"
@@ -11,22 +10,12 @@ namespace kv::test {
 namespace {
 
 TEST_F(Collection, WhatAShellPrintsBecomesARecordWhateverTheEnd) {
-    struct Row {
-        const char* title;
-        const char* body;
-        std::string record;
-        const char* logged;
-    };
-    for (const Row& row : std::vector<Row>{
-             {"ended by a signal", "echo half; kill -9 $$", "half\n", "Unable to create a output file for the command"},
-             {"bytes that are no UTF-8", "printf 'a\\303(\\377z'", "a\uFFFD(\uFFFDz", "Error Code : 0 "},
-             {"16-bit text", "printf '{\\0\"\\0\\254\\040'", "{\"\u20ac", "Error Code : 0 "},
-             {"a child left behind", "(sleep 1; echo late) & echo done", "done\n", "left behind goes on writing"},
-         }) {
-        SCOPED_TRACE(row.title);
-        EXPECT_EQ(RunScript(row.body), row.record);
-        EXPECT_TRUE(Logged(row.logged));
-    }
+    RunEach({
+        {"ended by a signal", "echo half; kill -9 $$", "half\n", "Unable to create a output file for the command"},
+        {"bytes that are no UTF-8", "printf 'a\\303(\\377z'", "a\uFFFD(\uFFFDz", "Error Code : 0 "},
+        {"16-bit text", "printf '{\\0\"\\0\\254\\040'", "{\"\u20ac", "Error Code : 0 "},
+        {"a child left behind", "(sleep 1; echo late) & echo done", "done\n", "left behind goes on writing"},
+    });
     EXPECT_EQ(DataFiles(), 4) << "nothing but the records is left";
 }
 

@@ -2,7 +2,6 @@
 #include <algorithm>
 #include <chrono>
 #include <thread>
-#include <vector>
 
 #include "platform/process.h"
 #include "tests/collection/collection_test.h"
@@ -15,24 +14,13 @@ constexpr const char* aSecond = "ping -n 2 127.0.0.1 >nul";
 TEST_F(Collection, WhatABatchFilePrintsBecomesARecordWhateverTheEnd) {
     Write(bin / "bytes", "\x84\x94\x81");
     Write(bin / "wide", std::string("{\0\"\0\xAC\x20", 6));
-    struct Row {
-        const char* title;
-        std::string body;
-        std::string record;
-        const char* logged;
-    };
-    for (const Row& row : std::vector<Row>{
-             {"the console's code page, as the west has it", printFile + "bytes", "\u00E4\u00F6\u00FC",
-              "Error Code : 0 "},
-             {"16-bit text", printFile + "wide", "{\"\u20ac", "Error Code : 0 "},
-             {"UTF-8", "echo \xC3\xBC", "\u00FC\r\n", "Error Code : 0 "},
-             {"a child left behind", "start /b cmd /c \"" + std::string(aSecond) + " & echo late\"\necho done",
-              "done\r\n", "left behind goes on writing"},
-         }) {
-        SCOPED_TRACE(row.title);
-        EXPECT_EQ(RunScript(row.body), row.record);
-        EXPECT_TRUE(Logged(row.logged));
-    }
+    RunEach({
+        {"the console's code page, as the west has it", printFile + "bytes", "\u00E4\u00F6\u00FC", "Error Code : 0 "},
+        {"16-bit text", printFile + "wide", "{\"\u20ac", "Error Code : 0 "},
+        {"UTF-8", "echo \xC3\xBC", "\u00FC\r\n", "Error Code : 0 "},
+        {"a child left behind", "start /b cmd /c \"" + std::string(aSecond) + " & echo late\"\necho done", "done\r\n",
+         "left behind goes on writing"},
+    });
 }
 
 TEST_F(Collection, ABatchFileIsEndedWithItsChildrenAtTheLimit) {
