@@ -29,7 +29,7 @@ inline constexpr std::uint32_t httpFlagSecure = 0x800000;
 
 /// Options of WinHttpSetOption and WinHttpQueryOption.
 ///
-/// A limit on silence runs while an operation waits, and begins anew with each operation and with each sign of life.
+/// A limit on silence runs while an operation waits, and begins again with each operation and with each sign of life.
 /// While the request goes out that is a byte given to the system or acknowledged by the other side; while the answer is
 /// waited for it is that too, a whole header line or a byte of the body. All end in 12002. Two limits are fixed
 /// besides: 90 seconds from the last sign of the request to the last header, and 5 minutes for every kilobyte, on
@@ -85,7 +85,7 @@ struct HttpOperations {
     /// Windows refuses a body of 4 GB and more (invalidParameter).
     std::function<Error(HttpHandle request, const std::byte* data, std::size_t size)> WinHttpSendRequest;
 
-    /// Waits for the answer's status and headers. Redirects are followed, ten at the most (12156 beyond them), but
+    /// Waits for the answer's status and headers. Redirects are followed, at most ten (12156 beyond them), but
     /// never from a secure connection to a plain one, and for a POST only where the body is to be sent again (307,
     /// 308); a redirect that is not followed is the answer. So is a proxy's refusal of a tunnel, which leads nowhere.
     std::function<Error(HttpHandle request)> WinHttpReceiveResponse;

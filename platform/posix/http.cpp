@@ -122,7 +122,7 @@ Error AddRequestHeaders(HttpHandle request, std::u16string_view header) {
     return error::success;
 }
 
-/// The place of a numeric option in a request, or null for an option that is none.
+/// The place of a numeric option in a request, or null for an option of another kind.
 std::uint32_t* NumberOption(Request& request, HttpOption option) {
     switch (option) {
         case HttpOption::connectTimeout:

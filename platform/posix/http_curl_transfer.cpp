@@ -26,7 +26,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-/// Headers of one answer at the most. Servers and proxies keep theirs well below 64 KiB.
+/// Headers of one answer, at most. Servers and proxies keep theirs well below 64 KiB.
 constexpr int maxHeaderBytes = 256 * 1024;
 
 constexpr std::chrono::milliseconds longestPoll{1000};

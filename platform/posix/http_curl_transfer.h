@@ -3,6 +3,9 @@
 // libcurl hands data over as it comes; the WinHTTP operations fetch it. The two meet here: a transfer runs only while
 // someone waits for its next step, and is paused as soon as one piece of the body has come and was not fetched, so a
 // body of any size occupies a few kilobytes. A transfer belongs to one thread at a time and shares nothing with others.
+//
+// All limits are measured on the system's steady clock and not on that of the seam: the waits are libcurl's, and
+// virtual time does not pass in them. The limits of 90 seconds and of 5 minutes are therefore not covered by a test.
 #pragma once
 
 #include <chrono>

@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <map>
+#include <utility>
 #include <vector>
 
 #include "exchange/http_answers.h"
@@ -178,7 +179,7 @@ TEST_F(HttpTransaction, ResendsInRoundsAndRestartsOnce) {
         {"cancelled on sending", "co", 0, 0, 2, 0, true},
         {"one restart only", "cl", 12015, 12015, 2, 0, true},
         {"later login failures are rounds without pause", "LLLLLLo", 12019, 12019, 6, 0, true},
-        {"a restart begins the rounds anew", "RRRRLRRRRo", 0, 0, 10, 40, true},
+        {"a restart begins the rounds again", "RRRRLRRRRo", 0, 0, 10, 40, true},
         {"cancelled on receiving is final", "Co", 12017, 12017, 1, 0, false},
     };
     for (const auto& row : rows) {
@@ -257,7 +258,7 @@ TEST_F(HttpTransaction, EachErrorHasItsLine) {
     EXPECT_TRUE(Logged("Error code : 12184, Error Message : "));
 }
 
-TEST_F(HttpTransaction, PostsSendWhatTheirKindCounts) {
+TEST_F(HttpTransaction, PostsSendWhatTheirKindCountsAndTheThinFormsFixIt) {
     const std::string wide("h\0a\0l\0f\0", 8);
     for (const std::size_t length : {8u, 6u, 0u, 99u}) EXPECT_EQ(Post(somePort, u"/x", wide, length), 0u);
     EXPECT_EQ(Post(somePort, u"/x", wide, 8, RequestKind::REQUEST_POST_TIMED), 0u);
@@ -268,7 +269,11 @@ TEST_F(HttpTransaction, PostsSendWhatTheirKindCounts) {
     EXPECT_EQ(opened, "");
     OptionalText response;
     EXPECT_EQ(InternetSendRequest({}, 0, url, wide, &response, false), 0u);
+    EXPECT_EQ(std::exchange(response, std::nullopt), u"\u6b6f");
+    Restart("o");
+    EXPECT_EQ(InternetGetRequest({}, 0, url, &response, false), 0u);
     EXPECT_EQ(response, u"\u6b6f");
+    EXPECT_EQ(options, "3=30000 ");
 }
 
 TEST_F(HttpTransaction, HeadersFillTheState) {
