@@ -65,7 +65,7 @@ platform::Error MeasureLog(std::uint32_t& size) {
     return result;
 }
 
-/// False where the log in place is not to be moved away or opened anew.
+/// False where the log in place is not to be moved away or opened again.
 bool MayChangeLog() { return !logState.isToolkitLog && !logState.isRotationOver; }
 
 /// Called with streamMutex held, as OpenStream is.

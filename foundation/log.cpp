@@ -62,10 +62,12 @@ void AppendCleaned(std::string& line, Text text) {
     while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.remove_suffix(1);
     const auto isPlain = [](auto unit) { return unit >= 0x20 && unit < 0x7F; };
     while (!text.empty()) {
-        const auto end = std::find_if_not(text.begin(), text.end(), isPlain);
-        line.append(text.begin(), end);
-        text.remove_prefix(static_cast<std::size_t>(end - text.begin()));
-        if (!text.empty()) AppendPoint(line, TakePoint(text));
+        if (isPlain(text.front())) {
+            line += static_cast<char>(text.front());
+            text.remove_prefix(1);
+        } else {
+            AppendPoint(line, TakePoint(text));
+        }
     }
 }
 
