@@ -87,15 +87,14 @@ InstalledAgent::~InstalledAgent() {
     fs::remove_all(folder, ignored);
 }
 
-void InstalledAgent::setText(std::u16string_view subKey, std::u16string_view name, std::u16string_view value) const {
-    if (writeValue(platform::RootKey::localMachine, KeyOf(subKey), name, value, platform::RegistryType::text) != 0)
+void InstalledAgent::setText(std::u16string_view subKey, std::u16string_view name, std::u16string_view value,
+                             platform::RegistryType type) const {
+    if (writeValue(platform::RootKey::localMachine, KeyOf(subKey), name, value, type) != 0)
         throw std::runtime_error("the registry of the test cannot be written");
 }
 
 void InstalledAgent::setNumber(std::u16string_view subKey, std::u16string_view name, int value) const {
-    if (writeValue(platform::RootKey::localMachine, KeyOf(subKey), name, DecimalText(value),
-                   platform::RegistryType::dword) != 0)
-        throw std::runtime_error("the registry of the test cannot be written");
+    setText(subKey, name, DecimalText(value), platform::RegistryType::dword);
 }
 
 std::string InstalledAgent::text(std::u16string_view subKey, std::u16string_view name) const {

@@ -9,6 +9,8 @@
 #include <sys/types.h>
 #include <vector>
 
+#include "platform/registry.h"
+
 namespace kv::test {
 
 struct ShellOutcome {
@@ -45,7 +47,8 @@ class InstalledAgent {
     std::string database;              // of the lab, where there is one
 
     /// Settings, by the last part of their key: "" for the agent's own, "\ServerInfo" and so on.
-    void setText(std::u16string_view subKey, std::u16string_view name, std::u16string_view value) const;
+    void setText(std::u16string_view subKey, std::u16string_view name, std::u16string_view value,
+                 platform::RegistryType type = platform::RegistryType::text) const;
     void setNumber(std::u16string_view subKey, std::u16string_view name, int value) const;
     std::string text(std::u16string_view subKey, std::u16string_view name) const;
     void setServer(int port, std::u16string_view protocol) const;
