@@ -232,14 +232,6 @@ TEST_F(HttpTransaction, OptionsFollowTheKindAndTheCredentials) {
     }
 }
 
-TEST_F(HttpTransaction, ADownloadGoesInRoundsOfFiftyBytes) {
-    Restart("o");
-    std::u16string url = u"/x";
-    agentState.gv_ServerPort = somePort;
-    EXPECT_EQ(InternetDownloadFile({}, 0, url, u"two.bin", false), 0u);
-    EXPECT_EQ(readSizes, "50 50 ");
-}
-
 /// All lines but that with the example names, which are the program's own, as one sum (FNV-1a) in the order of codes.
 TEST_F(HttpTransaction, EachErrorHasItsLine) {
     std::uint32_t sum = 2166136261u;
@@ -274,6 +266,9 @@ TEST_F(HttpTransaction, PostsSendWhatTheirKindCountsAndTheThinFormsFixIt) {
     EXPECT_EQ(InternetGetRequest({}, 0, url, &response, false), 0u);
     EXPECT_EQ(response, u"\u6b6f");
     EXPECT_EQ(options, "3=30000 ");
+    Restart("o");
+    EXPECT_EQ(InternetDownloadFile({}, 0, url, u"two.bin", false), 0u);
+    EXPECT_EQ(options + readSizes, "50 50 ");
 }
 
 TEST_F(HttpTransaction, HeadersFillTheState) {
