@@ -181,7 +181,7 @@ TEST_F(Scheduler, SchedulesEveryWorkflowThatCanRun) {
     EXPECT_EQ(LinesWith(run), 9u);
 }
 
-TEST_F(Scheduler, AThousandReloadsWhileCollectingAreSafe) {
+TEST_F(Scheduler, HundredsOfReloadsWhileCollectingAreSafe) {
     std::atomic<int> ran = 0;
     std::atomic<bool> stop = false;
     std::atomic<bool> reloading = false;
@@ -207,7 +207,7 @@ TEST_F(Scheduler, AThousandReloadsWhileCollectingAreSafe) {
     agentState.gv_agentKey.publish(u"Own");
     std::thread timer([] { EXPECT_THROW(TimerThread(nullptr), TimeIsUp); });
     std::int32_t workflows = 0;
-    for (int reload = 0; reload < 1000; ++reload) {
+    for (int reload = 0; reload < 300; ++reload) {
         workflows = 1 + reload % 3;
         std::string plan = "{\"WorkFlows\":[";
         for (int i = 0; i < workflows; ++i)
@@ -222,10 +222,10 @@ TEST_F(Scheduler, AThousandReloadsWhileCollectingAreSafe) {
     }
     stop = true;
     timer.join();
-    EXPECT_GE(ran, 500);
+    EXPECT_GE(ran, 150);
     EXPECT_EQ(agentState.gv_sortVec->count, workflows);
     EXPECT_EQ(LinesWith("no workflow stands at index"), 0u);
-    EXPECT_EQ(LinesWith("scheduled successfully..."), 1000u);
+    EXPECT_EQ(LinesWith("scheduled successfully..."), 300u);
 }
 
 }  // namespace
