@@ -87,13 +87,14 @@ struct BatchResult {
     bool mayFitSmaller = false;  // the disk did not take the zip: one of fewer files may have room
 };
 
-/// Nothing for what is no file, or cannot be opened: it takes no place in a zip.
+/// Nothing for what is not a file, or cannot be opened: it takes no place in a zip. One that is still being written is
+/// waited for when it is packed.
 std::optional<RecordFile> ReadableRecord(const platform::FindData& found) {
     if (found.isDirectory) return std::nullopt;
     std::u16string path = u"data\\" + found.fileName;
     OpenFile file;
     std::uint64_t size = 0;
-    if (file.Open(path, platform::FileAccess::read, platform::FileShare::read,
+    if (file.Open(path, platform::FileAccess::read, platform::FileShare::readWrite,
                   platform::FileDisposition::openExisting) != platform::error::success ||
         platform::Files().GetFileSizeEx(file.handle, size) != platform::error::success) {
         return std::nullopt;
