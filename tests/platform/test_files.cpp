@@ -1,5 +1,7 @@
 // The contract of the file operations.
+#include <thread>
 #include <utility>
+#include <vector>
 
 #include "tests/platform/files_test.h"
 #include "tests/support/isolation.h"
@@ -140,6 +142,17 @@ TEST_F(FilesTest, AFileIsInUseWhileSomeoneHasItOpenForWriting) {
         Files().CloseHandle(file);
     }
     EXPECT_EQ(Files().GetFileUseState(u"f"), error::success);
+}
+
+TEST_F(FilesTest, AskingForTheUseStateDisturbsNoWriter) {
+    std::vector<std::jthread> askers(3);
+    for (std::jthread& asker : askers) {
+        asker = std::jthread([](const std::stop_token& stop) {
+            while (!stop.stop_requested()) Files().GetFileUseState(u"f");
+        });
+    }
+    for (int round = 0; round < 1000; ++round) EXPECT_EQ(Put(u"f", "x"), error::success);
+    EXPECT_EQ(fs::file_size("f"), 1000U);
 }
 
 }  // namespace

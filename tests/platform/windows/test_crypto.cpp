@@ -31,18 +31,13 @@ TEST(Crypto, KnownTextsThereAndBack) {
         DecryptWithPassphrase(cipher, out, passphrase);
         EXPECT_TRUE(out == plain);
     }
-}
-
-TEST(Crypto, WhatCannotBeDecryptedRight) {
-    platform::InstallBackend();
     std::u16string cipher;
     ASSERT_EQ(EncryptWithPassphrase(std::u16string(32, u'x'), cipher, u"key"), 1);
     std::u16string out = u"before";
     DecryptWithPassphrase(cipher, out, u"key");
     EXPECT_EQ(out, u"before") << "32 characters";
     DecryptWithPassphrase(u"\x27B0\x584B\xB510\xBD86\x37DD", out, u"passph");
-    EXPECT_NE(out, u"secre") << "another length, another key";
-    EXPECT_NE(out, u"before");
+    EXPECT_TRUE(out != u"secre" && out != u"before") << "another length, another key";
 }
 
 }  // namespace

@@ -9,8 +9,6 @@ namespace platform::test {
 
 namespace {
 
-namespace fs = std::filesystem;
-
 TEST_F(FilesTest, DevicesAreNoFiles) {
     FileHandle file = 0;
     for (const FileDisposition disposition : {FileDisposition::openExisting, FileDisposition::createAlways}) {
@@ -20,9 +18,8 @@ TEST_F(FilesTest, DevicesAreNoFiles) {
     }
 }
 
-TEST_F(FilesTest, WhatIsProtectedIsReplacedAndKeepsItsProtectionWhereItStays) {
-    for (const DWORD protection :
-         {DWORD{FILE_ATTRIBUTE_READONLY}, DWORD{FILE_ATTRIBUTE_HIDDEN}, DWORD{FILE_ATTRIBUTE_SYSTEM}}) {
+TEST_F(FilesTest, WhatIsHiddenIsReplacedAndKeepsItsProtectionWhereItStays) {
+    for (const DWORD protection : {DWORD{FILE_ATTRIBUTE_HIDDEN}, DWORD{FILE_ATTRIBUTE_SYSTEM}}) {
         for (const char* name : {"./new", "./copied", "./moved"}) Write(name, name);
         for (const wchar_t* name : {L"copied", L"moved"}) ::SetFileAttributesW(name, protection);
         EXPECT_EQ(Files().MoveFileExW(u"none", u"moved", true), error::fileNotFound);
@@ -30,9 +27,6 @@ TEST_F(FilesTest, WhatIsProtectedIsReplacedAndKeepsItsProtectionWhereItStays) {
         EXPECT_EQ(Files().CopyFileW(u"new", u"copied"), error::success);
         EXPECT_EQ(Files().MoveFileExW(u"new", u"moved", true), error::success);
         EXPECT_EQ(Read("copied") + Read("moved"), "./new./new");
-        ::SetFileAttributesW(L"moved", protection);
-        EXPECT_EQ(Files().DeleteFileW(u"moved"), error::success);
-        EXPECT_EQ(Found(u"*"), "./ ../ copied ");
     }
 }
 
@@ -43,10 +37,6 @@ TEST_F(FilesTest, AnOpenFileIsRenamedAndDeleted) {
               error::success);
     EXPECT_EQ(Files().MoveFileExW(u"first", u"second", false), error::success);
     EXPECT_EQ(Files().WriteFile(file, "2", 1), error::success);
-    Files().CloseHandle(file);
-    EXPECT_EQ(Read("second"), "12");
-    ASSERT_EQ(Files().CreateFileW(u"second", FileAccess::read, FileShare::read, FileDisposition::openExisting, file),
-              error::success);
     EXPECT_EQ(Files().DeleteFileW(u"second"), error::success);
     Files().CloseHandle(file);
     EXPECT_EQ(Found(u"*"), "./ ../ ");
@@ -65,14 +55,6 @@ TEST_F(FilesTest, AMomentaryLookOfAnotherProgramIsWaitedFor) {
         EXPECT_EQ(Read("target"), "new");
         EXPECT_EQ(Files().DeleteFileW(u"target"), error::success);
     }
-}
-
-TEST_F(FilesTest, AskingForTheUseStateDisturbsNoWriter) {
-    std::jthread asker([](const std::stop_token& stop) {
-        while (!stop.stop_requested()) Files().GetFileUseState(u"f");
-    });
-    for (int round = 0; round < 200; ++round) EXPECT_EQ(Put(u"f", "x"), error::success);
-    EXPECT_EQ(fs::file_size("f"), 200U);
 }
 
 }  // namespace

@@ -1,12 +1,10 @@
 #include "tests/support/loopback.h"
 
-#include <arpa/inet.h>
+#include <algorithm>
 #include <array>
-#include <netinet/in.h>
-#include <poll.h>
 #include <stdexcept>
-#include <sys/socket.h>
-#include <unistd.h>
+
+#include "native_sockets.h"  // of the system that is built for
 
 namespace kv::test {
 
@@ -20,12 +18,19 @@ sockaddr_in Loopback(int port) {
     return address;
 }
 
-int Native(Socket handle) { return static_cast<int>(handle); }
+NativeSocket Native(Socket handle) { return static_cast<NativeSocket>(handle); }
+
+NativeSocket OpenSocket() {
+    StartSockets();
+    return socket(AF_INET, SOCK_STREAM, 0);
+}
+
+TransferSize Clipped(std::size_t size) { return static_cast<TransferSize>(std::min<std::size_t>(size, 1 << 20)); }
 
 }  // namespace
 
 Socket ListenOnLoopback(int& port) {
-    const int listener = socket(AF_INET, SOCK_STREAM, 0);
+    const NativeSocket listener = OpenSocket();
     sockaddr_in address = Loopback(0);
     socklen_t size = sizeof address;
     if (bind(listener, reinterpret_cast<sockaddr*>(&address), size) != 0 || listen(listener, 16) != 0 ||
@@ -33,27 +38,27 @@ Socket ListenOnLoopback(int& port) {
         throw std::runtime_error("no port to listen on");
     }
     port = ntohs(address.sin_port);
-    return listener;
+    return static_cast<Socket>(listener);
 }
 
-Socket AcceptConnection(Socket listener) { return accept(Native(listener), nullptr, nullptr); }
+Socket AcceptConnection(Socket listener) { return static_cast<Socket>(accept(Native(listener), nullptr, nullptr)); }
 
 Socket ConnectToLoopback(int port) {
-    const int connection = socket(AF_INET, SOCK_STREAM, 0);
+    const NativeSocket connection = OpenSocket();
     const sockaddr_in address = Loopback(port);
-    if (connect(connection, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) return connection;
-    close(connection);
+    if (connect(connection, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0)
+        return static_cast<Socket>(connection);
+    CloseNative(connection);
     return noSocket;
 }
 
 std::size_t ReceiveBytes(Socket connection, char* buffer, std::size_t size) {
-    const ssize_t count = recv(Native(connection), buffer, size, 0);
-    return count > 0 ? static_cast<std::size_t>(count) : 0;
+    return static_cast<std::size_t>(std::max<std::ptrdiff_t>(recv(Native(connection), buffer, Clipped(size), 0), 0));
 }
 
 void SendText(Socket connection, std::string_view text) {
     while (!text.empty()) {
-        const ssize_t count = send(Native(connection), text.data(), text.size(), MSG_NOSIGNAL);
+        const auto count = send(Native(connection), text.data(), Clipped(text.size()), sendFlags);
         if (count <= 0) return;
         text.remove_prefix(static_cast<std::size_t>(count));
     }
@@ -62,7 +67,7 @@ void SendText(Socket connection, std::string_view text) {
 void Relay(Socket one, Socket other) {
     std::array<pollfd, 2> sides{{{Native(one), POLLIN, 0}, {Native(other), POLLIN, 0}}};
     std::array<char, 4096> bytes;
-    while (poll(sides.data(), sides.size(), -1) > 0) {
+    while (PollNative(sides.data(), sides.size()) > 0) {
         const bool first = sides[0].revents != 0;
         const std::size_t count = ReceiveBytes(first ? one : other, bytes.data(), bytes.size());
         if (count == 0) return;
@@ -70,6 +75,6 @@ void Relay(Socket one, Socket other) {
     }
 }
 
-void CloseSocket(Socket socket) { close(Native(socket)); }
+void CloseSocket(Socket socket) { CloseNative(Native(socket)); }
 
 }  // namespace kv::test

@@ -1,0 +1,21 @@
+// Sockets by the names that this system has for them.
+#pragma once
+
+#include <cstddef>
+#include <ws2tcpip.h>
+
+namespace kv::test {
+
+using NativeSocket = SOCKET;
+using TransferSize = int;
+inline constexpr int sendFlags = 0;
+
+inline void StartSockets() {
+    WSADATA about;
+    static const int started = ::WSAStartup(MAKEWORD(2, 2), &about);
+    static_cast<void>(started);  // without it there is no socket, and no port
+}
+inline int PollNative(pollfd* sockets, std::size_t count) { return ::WSAPoll(sockets, static_cast<ULONG>(count), -1); }
+inline void CloseNative(NativeSocket socket) { ::closesocket(socket); }
+
+}  // namespace kv::test
