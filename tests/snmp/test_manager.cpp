@@ -156,7 +156,9 @@ TEST_F(SnmpManager, GivesTheFallbackWhenAWalkFallsSilent) {
     for (const auto& [type, line] : {std::pair(snmpGet, "is not asked"), {snmpWalk, "is asked no further"}}) {
         const std::size_t before = LogText().size();
         const ScriptedDevice device([](auto) { return std::vector{MessageOf({})}; });
+        ::testing::internal::CaptureStdout();
         EXPECT_EQ(Send({.port = device.port(), .type = type, .oids = {".1", "1"}, .fallback = &fallback}), &fallback);
+        EXPECT_EQ(::testing::internal::GetCapturedStdout(), "Invalid OID Format\nGetSNMP Response returns NULL\n");
         EXPECT_THAT(LogText().substr(before), HasSubstr(line));
     }
     platform::SocketOperations sockets = platform::Sockets();
