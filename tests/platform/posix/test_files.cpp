@@ -1,6 +1,9 @@
 // Files as Linux has them.
+#include <atomic>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <thread>
+#include <vector>
 
 #include "platform/process.h"
 #include "tests/platform/files_test.h"
@@ -87,6 +90,19 @@ TEST_F(FilesTest, AFileIsInUseWhileAnotherProcessHasItOpenForWriting) {
     EXPECT_EQ(Processes().WaitForSingleObject(writer, 10'000), error::success);
     EXPECT_EQ(Files().GetFileUseState(u"f"), error::success);
     Processes().CloseProcess(writer);
+}
+
+TEST_F(FilesTest, AskingForTheUseStateDisturbsNoWriter) {
+    std::atomic<bool> done{false};
+    std::vector<std::jthread> askers(3);
+    for (std::jthread& asker : askers) {
+        asker = std::jthread([&] {
+            while (!done) Files().GetFileUseState(u"f");
+        });
+    }
+    for (int round = 0; round < 3000; ++round) EXPECT_EQ(Put(u"f", "x"), error::success);
+    done = true;
+    EXPECT_EQ(fs::file_size("f"), 3000U);
 }
 
 }  // namespace

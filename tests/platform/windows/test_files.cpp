@@ -57,6 +57,14 @@ TEST_F(FilesTest, AMomentaryLookOfAnotherProgramIsWaitedFor) {
     }
 }
 
+TEST_F(FilesTest, AskingForTheUseStateDisturbsNoWriter) {
+    std::jthread asker([](const std::stop_token& stop) {
+        while (!stop.stop_requested()) Files().GetFileUseState(u"f");
+    });
+    for (int round = 0; round < 200; ++round) EXPECT_EQ(Put(u"f", "x"), error::success);
+    EXPECT_EQ(std::filesystem::file_size("f"), 200U);
+}
+
 }  // namespace
 
 }  // namespace platform::test
