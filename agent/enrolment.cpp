@@ -1,6 +1,7 @@
 #include "agent/enrolment.h"
 
 #include <array>
+#include <atomic>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -20,6 +21,7 @@
 #include "platform/clock.h"
 #include "platform/errors.h"
 #include "platform/files.h"
+#include "platform/threads.h"
 #include "queryconf/conf_paths.h"
 
 namespace kv {
@@ -30,6 +32,9 @@ constexpr std::uint32_t retryMilliseconds = 60000;
 
 /// How long the name servers may hold up an agent that goes on with its key, in milliseconds.
 constexpr std::uint32_t firstPatience = 5000;
+
+/// How long the first registration may hold up an agent that goes on with its key.
+constexpr std::uint32_t longestFirstMilliseconds = 10000;
 
 /// The text stored where the registry has no key yet, and the one from before the registry was read.
 bool HasKey() {
@@ -88,20 +93,6 @@ void WaitForRetry() {
     platform::Clock().Sleep(retryMilliseconds);
 }
 
-/// True when the server has registered the agent; false when it goes on with the key it has, or is told not to run.
-bool Enrol() {
-    const bool hasKey = HasKey();
-    for (;;) {
-        agentState.gv_agentRunFlag = 1;
-        if (Register(hasKey ? firstPatience : platform::infinite)) return true;
-        if (agentState.gv_agentRunFlag != 1) return false;
-        if (HasKey()) break;
-        WaitForRetry();
-    }
-    Log1("\t InitLicenseParams :: Going on with the agent key of an earlier run\n");
-    return false;
-}
-
 /// From now on the agent tells its server of its end.
 void TakeRegistration() {
     if (agentState.gv_agentRunFlag == 1)
@@ -121,6 +112,43 @@ std::uint32_t RegisterLater(void* /*ignored*/) {
         });
     }
     return 0;
+}
+
+/// What has come of the first registration.
+enum class FirstOutcome { pending, registered, failed, notWaitedFor };
+std::atomic<FirstOutcome> firstOutcome;
+
+/// Thread body of the first registration of an agent that has a key. Once the agent has gone on, it is the one that
+/// asks later.
+std::uint32_t RegisterFirst(void* /*outcome*/) {
+    bool isRegistered = false;
+    RunGuarded("RegisterFirst", [&isRegistered] { isRegistered = Register(firstPatience); });
+    const FirstOutcome former = firstOutcome.exchange(isRegistered ? FirstOutcome::registered : FirstOutcome::failed);
+    if (former != FirstOutcome::notWaitedFor) return 0;
+    if (!isRegistered) return RegisterLater(nullptr);
+    RunGuarded("RegisterFirst", TakeRegistration);
+    return 0;
+}
+
+/// Ten seconds are waited for an answer: five addresses that swallow what is sent to them take minutes.
+FirstOutcome RegisterWithKey() {
+    agentState.gv_agentRunFlag = 1;
+    firstOutcome = FirstOutcome::pending;
+    if (const platform::ThreadHandle thread = CreateNewThread_MSP(RegisterFirst, &firstOutcome))
+        platform::Threads().WaitForThread(thread, longestFirstMilliseconds);
+    else
+        RegisterFirst(nullptr);
+    return firstOutcome.exchange(FirstOutcome::notWaitedFor);
+}
+
+/// Nothing can be done before there is a key, or the server says that this agent is not to run.
+FirstOutcome RegisterForKey() {
+    for (;;) {
+        agentState.gv_agentRunFlag = 1;
+        if (Register(platform::infinite)) return FirstOutcome::registered;
+        if (agentState.gv_agentRunFlag != 1 || HasKey()) return FirstOutcome::failed;
+        WaitForRetry();
+    }
 }
 
 /// The settings may have ended ahead of the key, or it could not be read; the key of an earlier run counts all the
@@ -172,15 +200,16 @@ void InitLicenseParams() {
         Log3("\t InitLicenseParams :: Going to delete slave dir...\n");
         DeleteDirectoryRecursively(agentState.gv_ocAgentBinPath.value_or(u"") + u"..\\conf\\slaves\\");
     }
-    const bool isRegistered = Enrol();
+    const FirstOutcome outcome = HasKey() ? RegisterWithKey() : RegisterForKey();
     if (agentState.gv_agentRunFlag != 1) {
         StopService();
         return;
     }
-    if (isRegistered)
+    if (outcome == FirstOutcome::registered)
         TakeRegistration();
     else
-        CreateNewThread_MSP(RegisterLater, nullptr);
+        Log1("\t InitLicenseParams :: Going on with the agent key of an earlier run\n");
+    if (outcome == FirstOutcome::failed) CreateNewThread_MSP(RegisterLater, nullptr);
     RemoveUnfinishedCopies();
     RemoveUnfinishedRecordFiles();
     VerifyLastFileNum();

@@ -20,6 +20,12 @@ constexpr char32_t replacement = 0xFFFD;
 
 bool IsControl(char32_t point) { return point < 0x20 || (point >= 0x7F && point < 0xA0); }
 
+/// Unicode's two line ends, and what makes the rest of a line be shown from right to left.
+bool TurnsLine(char32_t point) {
+    return point == 0x200E || point == 0x200F || (point >= 0x2028 && point <= 0x202E) ||
+           (point >= 0x2066 && point <= 0x2069);
+}
+
 void AppendPoint(std::string& line, char32_t point) {
     if (IsControl(point)) {
         constexpr std::string_view named = "\t\n\r";
@@ -28,7 +34,7 @@ void AppendPoint(std::string& line, char32_t point) {
             line.append(1, '\\').append(1, "tnr"[at]);
         else
             fmt::format_to(std::back_inserter(line), "\\x{:02X}", static_cast<unsigned>(point));
-    } else if (point == 0x2028 || point == 0x2029) {
+    } else if (TurnsLine(point)) {
         fmt::format_to(std::back_inserter(line), "\\u{:04X}", static_cast<unsigned>(point));
     } else {
         utf8::unchecked::append(point, std::back_inserter(line));

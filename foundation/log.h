@@ -61,8 +61,8 @@ using LogArgument =
     std::variant<std::int32_t, std::uint32_t, std::int64_t, std::uint64_t, std::string_view, std::u16string_view>;
 
 /// Adds a text to a line such that nobody outside writes lines or escapes of their own: control characters (those above
-/// 0x7F and Unicode's two line ends too) are shown as "\n" or "\x1B", what is not Unicode as U+FFFD. The line end
-/// behind a text, such as a system's message has, is left out.
+/// 0x7F and Unicode's line ends and marks of direction too) are shown as "\n" or "\x1B", what is not Unicode as U+FFFD.
+/// The line end behind a text, such as a system's message has, is left out.
 void AppendInLine(std::string& line, std::string_view utf8);
 void AppendInLine(std::string& line, std::u16string_view wide);
 

@@ -225,7 +225,10 @@ void ReloadQueryConfDetails(std::u16string_view agentKey) {
         Log1("\t ReloadQueryConfDetails :: %s can name no directory: nothing is installed for it \n", agentKey);
         return;
     }
-    if (!MayExist(newPlan)) return;
+    if (!MayExist(newPlan)) {
+        Log1("\t ReloadQueryConfDetails :: %s is not there: no new plan is installed \n", newPlan);
+        return;
+    }
     const PlanFiles files = FilesOf(agentKey);
     switch (JudgeQueryConfig(files.agent, newPlan)) {
         case PlanJudgement::usable:

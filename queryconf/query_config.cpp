@@ -248,6 +248,12 @@ void LoadSlaves() {
         Log1("\t LoadConfFiles :: the search of the slaves directory ended early. Error is [%u] \n", search.error);
 }
 
+/// What goes on while a plan cannot be loaded. At a start there is none in use.
+const char* WithoutThisPlan() {
+    return agentState.gv_queryConfHash ? "the plan in use stays"
+                                       : "nothing is collected until the next start or the next plan";
+}
+
 }  // namespace
 
 void LoadConfFiles() {
@@ -275,13 +281,13 @@ void LoadQueryConfig(std::u16string_view agent, std::optional<std::u16string_vie
     }
     const JsonReadResult read = JSONFileToHash(document.get(), name);
     if (!read.ok) {
-        Log1("\t LoadQueryConfig :: %s; the plan in use stays \n", read.message);
+        Log1("\t LoadQueryConfig :: %s; %s \n", read.message, WithoutThisPlan());
         return;
     }
     if (!read.message.empty()) Log1("\t LoadQueryConfig :: %s \n", read.message);
     HashTablePtr plan = TakePlan(document.get(), agent, name);
     if (!plan) {
-        Log1("\t LoadQueryConfig :: %s is too large for the memory; the plan in use stays \n", name);
+        Log1("\t LoadQueryConfig :: %s is too large for the memory; %s \n", name, WithoutThisPlan());
         return;
     }
     MergePlan(std::move(plan), agent, name);

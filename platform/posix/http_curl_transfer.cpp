@@ -3,13 +3,16 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <fcntl.h>
 #include <iterator>
 #include <linux/sockios.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <new>
 #include <openssl/bio.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
+#include <poll.h>
 #include <span>
 #include <strings.h>
 #include <sys/ioctl.h>
@@ -33,6 +36,9 @@ constexpr std::chrono::milliseconds longestPoll{1000};
 
 /// An answer that is held back wakes no wait; a refusal among them is looked for this often.
 constexpr std::chrono::milliseconds longestPollWhileHeld{50};
+
+/// How long a server that accepts a body and hangs up on it may take from the one to the other.
+constexpr std::chrono::milliseconds longestHangUp{100};
 
 long Milliseconds(std::chrono::milliseconds time) { return static_cast<long>(time.count()); }
 
@@ -222,6 +228,7 @@ int CurlTransfer::OnRequest(void* self, char*, char*, int, int ownPort) {
         if (LocalPort(socket) != ownPort) continue;
         SetLowWater(socket, maxHeaderBytes);
         transfer.heldSocket_ = socket;
+        transfer.connection_ = Descriptor(fcntl(socket, F_DUPFD_CLOEXEC, 0));
     }
     return CURL_PREREQFUNC_OK;
 }
@@ -237,7 +244,8 @@ std::size_t CurlTransfer::OnHeader(char* data, std::size_t size, std::size_t cou
     }
 }
 
-/// Takes a header line; false when there are too many.
+/// Takes a header line; false when there are too many, or the server has hung up on the request's body. That is asked
+/// before libcurl has seen the end of the headers: it may say goodbye then, to which a server's answer is a reset, too.
 bool CurlTransfer::TakeHeader(std::string_view line) {
     lastTraffic_ = Clock::now();
     if (headersComplete_) return true;                          // a trailer of a chunked body
@@ -251,7 +259,12 @@ bool CurlTransfer::TakeHeader(std::string_view line) {
     // The code of an interim answer is below 200, and a proxy's answer to CONNECT leaves the code at 0.
     long code = 0;
     curl_easy_getinfo(easy_.get(), CURLINFO_RESPONSE_CODE, &code);
-    headersComplete_ = line.empty() && code >= 200;
+    const bool isComplete = line.empty() && code >= 200;
+    if (isComplete && code < 300 && WasReset()) {
+        end_ = error::winHttpConnectionError;
+        return false;
+    }
+    headersComplete_ = isComplete;
     return true;
 }
 
@@ -292,6 +305,17 @@ bool CurlTransfer::RefusalHasCome() const {
     const bool secure = tls != nullptr && tls->backend == CURLSSLBACKEND_OPENSSL && tls->internals != nullptr;
     return EndsSending({buffer.data(), secure ? Peek(static_cast<SSL*>(tls->internals), heldSocket_, buffer)
                                               : Peek(heldSocket_, buffer)});
+}
+
+/// Whether the server has hung up on a body that it has not read: its system resets the connection then, in the moment
+/// of the close. A small body is in the socket's buffers before the answer comes, and no failed sending tells of that.
+bool CurlTransfer::WasReset() const {
+    if (!connection_.isOpen()) return false;
+    pollfd watched{connection_.number(), POLLRDHUP, 0};
+    poll(&watched, 1, static_cast<int>(longestHangUp.count()));
+    tcp_info state{};
+    socklen_t size = sizeof state;
+    return getsockopt(connection_.number(), IPPROTO_TCP, TCP_INFO, &state, &size) == 0 && state.tcpi_state == TCP_CLOSE;
 }
 
 void CurlTransfer::Perform() {

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "platform/errors.h"
+#include "platform/posix/descriptor.h"
 
 namespace platform {
 
@@ -50,7 +51,8 @@ class CurlTransfer {
     /// server has not got yet waits until the body is out.
     Error Send();
 
-    /// Waits for the headers of the final answer. A proxy that refuses a tunnel has given the final answer.
+    /// Waits for the headers of the final answer. A proxy that refuses a tunnel has given the final answer. A server
+    /// that accepts a body and hangs up without having read all of it has given none: winHttpConnectionError.
     Error ReceiveHeaders();
 
     /// Waits until bytes of the body are there, and says how many; 0 at its end.
@@ -94,6 +96,7 @@ class CurlTransfer {
     void Perform();
     void ReadAnswerWhenDue();
     bool RefusalHasCome() const;
+    bool WasReset() const;
     void NoteTraffic();
     void CountForPace(curl_off_t bytes);
     int CurrentSocket() const;
@@ -125,6 +128,7 @@ class CurlTransfer {
     bool paused_ = false;
     std::vector<int> sockets_;  // that were made for the connection; all but one may be closed
     int heldSocket_ = -1;       // in which the answer is left while the body goes out; -1 when it is read
+    Descriptor connection_;     // the same, a descriptor of our own: libcurl closes its own with the answer
     std::optional<Error> end_;  // set once the transfer is over: success, or why it broke off
 
     TimePoint lastSent_;              // a byte went out, to the socket or from it

@@ -106,6 +106,27 @@ TEST_F(Enrolment, WithAKeyItGoesOnAndAsksAgainUntilItIsAnswered) {
     EXPECT_TRUE(ReportsItsEnd());
 }
 
+TEST_F(Enrolment, AServerThatTakesLongHoldsUpNoAgentThatHasAKey) {
+    agentState.gv_agentKey.publish(u"K7");
+    lab::Store store = lab::OpenStore((folder / "lab.db").string());
+    lab::AddFault(store, {0, "RegisterAgent", lab::FaultKind::delay, 500, 1});
+    platform::ThreadHandle registration = 0;
+    platform::ThreadOperations threads = platform::Threads();
+    const auto wait = threads.WaitForThread;
+    threads.WaitForThread = [&](platform::ThreadHandle thread, std::uint32_t milliseconds) {
+        if (milliseconds != 10000) return wait(thread, milliseconds);  // for a name
+        registration = thread;
+        return platform::Error{platform::error::waitTimeout};
+    };
+    const platform::ScopedOperations scoped(threads);
+    InitLicenseParams();
+    EXPECT_TRUE(Logged("Going on with the agent key of an earlier run"));
+    EXPECT_FALSE(ReportsItsEnd());
+    EXPECT_TRUE(started.empty()) << "the same thread asks on";
+    EXPECT_EQ(wait(registration, 60000), platform::error::success);
+    EXPECT_TRUE(ReportsItsEnd());
+}
+
 TEST_F(Enrolment, RefusedWhenItWorksAlreadyItEndsWithTheNextStart) {
     agentState.gv_agentKey.publish(u"BANNED");
     orderFault(503, 1);

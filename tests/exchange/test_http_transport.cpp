@@ -27,7 +27,11 @@ std::vector<std::string> LinesOf(const std::string& request) {
 }
 
 TEST_F(HttpTransport, SaysExactlyWhatItShouldOnTheWire) {
-    RawServer server(Says("HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n"));
+    RawServer server([](Socket connection, const std::string& request) {
+        char body[5];
+        if (request.starts_with("POST")) ReceiveBytes(connection, body, sizeof body);
+        SendText(connection, "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n");
+    });
     agentState.gv_ServerPort = server.port;
     std::u16string url = u"\\a\\b?c=5% d%20e";
     EXPECT_EQ(AgentSendRequest({}, 0, url, {}, nullptr, RequestKind::REQUEST_GET, 0, false), 0u);

@@ -94,6 +94,16 @@ TEST_F(HttpSecure, ARefusalEndsAnUploadEarlyAndNothingElseDoes) {
         EXPECT_EQ(Post(refuses.port, u"/x", body, body.size()), 13u);
     }
     EXPECT_LT(got, body.size());
+    for (const bool isRead : {true, false}) {  // all of it lies in the socket's buffers when the answer comes
+        RawServer small([isRead](Socket connection, const std::string&) {
+            std::string bytes(300'000, '\0');
+            std::size_t left = isRead ? bytes.size() : 0;
+            for (std::size_t read = 1; left > 0 && read > 0; left -= read)
+                read = ReceiveBytes(connection, bytes.data(), left);
+            SendText(connection, "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n");
+        });
+        EXPECT_EQ(Post(small.port, u"/x", body, 300'000), isRead ? 0u : 12030u);
+    }
     TestServer secure(SecureServer());
     secure.server->Post("/unread", [](const httplib::Request&, httplib::Response&, const httplib::ContentReader&) {});
     agentState.gv_httpsEnabled = 1;
