@@ -163,7 +163,7 @@ TEST_F(LogFile, LosesNoLineWhileThreadsRotateAtFullSpeed) {
     Start("");
     std::map<std::string, int> lines;
     const auto count = [&](const fs::path& path) {
-        std::istringstream content(Read(path));
+        std::istringstream content(ReadText(path));
         for (std::string line; std::getline(content, line);)
             if (const auto at = std::min(line.find("thread "), line.find("The log goes on without"));
                 at != std::string::npos)
