@@ -24,7 +24,8 @@ TEST_F(Collection, WhatABatchFilePrintsBecomesARecordWhateverTheEnd) {
 TEST_F(Collection, ABatchFileIsEndedWithItsChildrenAtTheLimit) {
     platform::ProcessOperations hasty = platform::Processes();
     hasty.WaitForSingleObject = [real = hasty.WaitForSingleObject, first = true](auto process, std::uint32_t) mutable {
-        return real(process, std::exchange(first, false) ? 400u : 0u);
+        // A wait that fails counts as one whose time is over.
+        return std::exchange(first, false) ? real(process, 400) : platform::Error{platform::error::generalFailure};
     };
     const platform::ScopedOperations<platform::ProcessOperations> scoped(hasty);
     const std::string inner = std::string(aSecond) + " & echo late >late";
