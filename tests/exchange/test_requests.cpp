@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <regex>
 #include <stdexcept>
+#include <utility>
 
 #include "exchange/request_polling.h"
 #include "foundation/agent_state.h"
@@ -10,6 +11,7 @@
 #include "foundation/registry_store.h"
 #include "platform/sockets.h"
 #include "platform/utf.h"
+#include "queryconf/query_config.h"
 #include "queryconf/timer.h"
 #include "tests/exchange/http_peers.h"
 #include "tests/support/fake_services.h"
@@ -45,6 +47,12 @@ class Requests : public TestAgent {
             const std::string answer = platform::Utf8FromWide(TextFromUtf16LittleEndian(request.body));
             posted += request.target.substr(request.target.find("agentKey=K7") + 11) + " " + answer;
         });
+    }
+
+    ~Requests() override {
+        FreeAllVector(std::exchange(agentState.gv_sortVec, nullptr));
+        FreeReplacedPlans();
+        FreeAllHashTable(std::exchange(agentState.gv_queryConfHash, nullptr));
     }
 
     static std::string Registry() {

@@ -54,7 +54,7 @@ TEST_F(Locks, APurgeTakesWhatIsOlderThanFiveMinutes) {
 TEST_F(Locks, APooledThreadIsUsedAgainOnceItIsIdle) {
     static std::atomic<int> rounds;
     rounds = -1;
-    auto* const pool = new ThreadInfo[2];  // its thread may look at it until the process ends
+    static auto* const pool = new ThreadInfo[2];  // its thread may look at it until the process ends
     int index = 7;
     InitThreadInfo_MSP(pool);
     EXPECT_EQ(CheckThreadPool_MSP(pool, 0, &index, 1), poolStart);
