@@ -61,7 +61,7 @@ quietly dpkg --install "$agent" "$lab"
 expect active systemctl is-active $unit
 expect enabled systemctl is-enabled $unit
 expect $unit systemctl show --value --property Id kvagent.service
-expect '700 root' stat --format '%a %U' /var/lib/kvagent
+expect '750 root' stat --format '%a %U' /var/lib/kvagent
 expect /var/lib/kvagent/ kvreg get "$key" KVAgentInstallDir
 
 # An upgrade starts the new program, and leaves the settings alone.
