@@ -94,7 +94,7 @@ bool BeginsAsUtf16(std::string_view bytes) {
 }
 
 /// How many bytes can be converted before more have come: whole lines, or of a long one what ends behind a character
-/// that is no part of another in any code page.
+/// that is not a part of another in any code page.
 std::size_t WholeLines(std::string_view bytes) {
     const std::size_t lines = bytes.rfind('\n') + 1;  // 0 without any
     if (bytes.size() - lines <= longestLine) return lines;
