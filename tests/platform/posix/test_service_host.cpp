@@ -3,6 +3,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <fstream>
 #include <gtest/gtest.h>
 #include <latch>
 #include <mutex>
@@ -43,6 +44,21 @@ void Send(const std::vector<int>& signals) {
     for (const int signal : signals) kill(getpid(), signal);
 }
 
+/// Waits until the dispatcher, which runs on the process's first thread, has taken what was sent and sleeps again.
+void AwaitTaken() {
+    const auto isPending = [] {
+        sigset_t pending{};
+        sigpending(&pending);
+        return sigismember(&pending, SIGUSR1) == 1;
+    };
+    const auto sleeps = [] {
+        std::string state;
+        std::getline(std::ifstream("/proc/self/stat"), state);
+        return state.find(") S ") != state.npos;
+    };
+    while (isPending() || !sleeps()) usleep(1000);
+}
+
 void Report(ServiceState state) {
     const ServiceStatus status{.dwCurrentState = state, .dwControlsAccepted = scene->accepts};
     const std::lock_guard hold(traceLock);  // before a control that follows from it
@@ -66,7 +82,7 @@ std::uint32_t Handle(std::uint32_t control, std::uint32_t, void*, void*) {
 void Main() {
     const kv::test::FakeSystemd manager({{.id = "", .properties = {{"SystemState", scene->system}}}});
     Send(scene->early);
-    usleep(5000);
+    AwaitTaken();
     EXPECT_EQ(ServiceHost().RegisterServiceCtrlHandlerExW(u"b", Handle, nullptr, handle), error::serviceDoesNotExist);
     EXPECT_EQ(ServiceHost().RegisterServiceCtrlHandlerExW(u"a", Handle, nullptr, handle), error::success);
     Report(scene->early.empty() ? ServiceState::running : ServiceState::startPending);
