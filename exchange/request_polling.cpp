@@ -17,6 +17,8 @@
 #include "platform/files.h"
 #include "platform/memory.h"
 #include "queryconf/conf_paths.h"
+#include "queryconf/config_reload.h"
+#include "queryconf/query_config.h"
 
 namespace kv {
 
@@ -153,6 +155,7 @@ void TakeRequestList(const OptionalText& answer, const RequestListPaths& paths) 
 }
 
 void RunRound(const RequestListPaths& paths) {
+    if (LoadUnreadPlans()) ReloadAndScheduleQueryData();
     DropInterruptedRequest();
     if (!RequestsWait()) return;
     OptionalText list;

@@ -248,10 +248,26 @@ void LoadSlaves() {
         Log1("\t LoadConfFiles :: the search of the slaves directory ended early. Error is [%u] \n", search.error);
 }
 
+/// A plan's file that is there and could not be read.
+struct UnreadPlan {
+    std::u16string agent;
+    std::u16string fileName;
+};
+std::vector<UnreadPlan> unreadPlans;
+
+/// Keeps in mind whether the file has to be read again; true when it has.
+bool NoteUnread(std::u16string_view agent, std::u16string_view fileName, const JsonReadResult& read) {
+    std::erase_if(unreadPlans, [agent](const UnreadPlan& plan) { return plan.agent == agent; });
+    if (read.fileError == error::success || !MayExist(fileName)) return false;
+    unreadPlans.push_back({std::u16string(agent), std::u16string(fileName)});
+    return true;
+}
+
 /// What goes on while a plan cannot be loaded. At a start there is none in use.
-const char* WithoutThisPlan() {
-    return agentState.gv_queryConfHash ? "the plan in use stays"
-                                       : "nothing is collected until the next start or the next plan";
+const char* WithoutThisPlan(bool isReadAgain = false) {
+    if (agentState.gv_queryConfHash) return "the plan in use stays";
+    return isReadAgain ? "nothing is collected until it can be opened"
+                       : "nothing is collected until the next start or the next plan";
 }
 
 }  // namespace
@@ -280,8 +296,9 @@ void LoadQueryConfig(std::u16string_view agent, std::optional<std::u16string_vie
         RestoreFromBackup(agent, name);
     }
     const JsonReadResult read = JSONFileToHash(document.get(), name);
+    const bool isReadAgain = NoteUnread(agent, name, read);
     if (!read.ok) {
-        Log1("\t LoadQueryConfig :: %s; %s \n", read.message, WithoutThisPlan());
+        Log1("\t LoadQueryConfig :: %s; %s \n", read.message, WithoutThisPlan(isReadAgain));
         return;
     }
     if (!read.message.empty()) Log1("\t LoadQueryConfig :: %s \n", read.message);
@@ -291,6 +308,13 @@ void LoadQueryConfig(std::u16string_view agent, std::optional<std::u16string_vie
         return;
     }
     MergePlan(std::move(plan), agent, name);
+}
+
+bool LoadUnreadPlans() {
+    const std::size_t before = unreadPlans.size();
+    for (const auto& [agent, fileName] : std::vector(unreadPlans))
+        if (!IsDirectory(fileName) && fileExists(fileName)) LoadQueryConfig(agent, fileName);
+    return unreadPlans.size() < before;
 }
 
 void FreeReplacedPlans() { replacedPlans.clear(); }

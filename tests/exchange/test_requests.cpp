@@ -204,6 +204,15 @@ TEST_F(Requests, OneThatFailsCostsNoOtherAndOnlySlavesAreDeleted) {
     EXPECT_EQ(Reloads(), 1);
     for (const char* line : {"ended early : out of order", "agentKey points to MasterAgent", "S1 names no slave"})
         EXPECT_EQ(CountInRound(line), 1) << line;
+    Write(conf / "queryconf.txt", R"({"WorkFlows": []})");
+    {
+        const platform::ScopedOperations held(
+            Failing(&platform::FileOperations::CreateFileW, platform::error::accessDenied));
+        clock.endMilliseconds += 10000;
+        LoadQueryConfig(u"", std::nullopt);
+    }
+    RunRound("");
+    EXPECT_EQ(Reloads(), 1) << "a plan that could not be opened is read again";
 }
 
 /// A variable of a device, by the end of its name behind .1.3.

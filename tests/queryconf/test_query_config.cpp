@@ -166,8 +166,10 @@ TEST_F(QueryConfig, AnExceptionAtTheStartLeavesASchedulerForTheNextPlan) {
     EXPECT_TRUE(Logged("LoadQueryConfig :: ended early"));
     EXPECT_TRUE(Logged("slaves\\S\\queryconf.txt: ")) << "not passed over in silence";
     Reload(u"");
+    EXPECT_TRUE(LoadUnreadPlans());
+    EXPECT_FALSE(LoadUnreadPlans()) << "once";
     ReloadAndScheduleQueryData();
-    EXPECT_EQ(Scheduled(), "Ta");
+    EXPECT_EQ(Scheduled(), "TaS");
 }
 
 TEST_F(QueryConfig, WorkflowsThatCannotRunAreLeftOutOneByOne) {
