@@ -7,7 +7,6 @@
 #include <iterator>
 #include <linux/sockios.h>
 #include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <new>
 #include <openssl/bio.h>
 #include <openssl/err.h>
@@ -37,8 +36,11 @@ constexpr std::chrono::milliseconds longestPoll{1000};
 /// An answer that is held back wakes no wait; a refusal among them is looked for this often.
 constexpr std::chrono::milliseconds longestPollWhileHeld{50};
 
-/// How long a server that accepts a body and hangs up on it may take from the one to the other.
+/// How long a server that has accepted a body and hangs up on it may take from the one to the other.
 constexpr std::chrono::milliseconds longestHangUp{100};
+
+/// The same from the end of its sending to the close, where it hangs up in these two steps.
+constexpr std::chrono::milliseconds longestSecondStep{50};
 
 long Milliseconds(std::chrono::milliseconds time) { return static_cast<long>(time.count()); }
 
@@ -244,7 +246,7 @@ std::size_t CurlTransfer::OnHeader(char* data, std::size_t size, std::size_t cou
     }
 }
 
-/// Takes a header line; false when there are too many, or the server has hung up on the request's body. That is asked
+/// Takes a header line; false when there are too many, or the server has not got the request's body. That is asked
 /// before libcurl has seen the end of the headers: it may say goodbye then, to which a server's answer is a reset, too.
 bool CurlTransfer::TakeHeader(std::string_view line) {
     lastTraffic_ = Clock::now();
@@ -260,9 +262,11 @@ bool CurlTransfer::TakeHeader(std::string_view line) {
     long code = 0;
     curl_easy_getinfo(easy_.get(), CURLINFO_RESPONSE_CODE, &code);
     const bool isComplete = line.empty() && code >= 200;
-    if (isComplete && code < 300 && WasReset()) {
-        end_ = error::winHttpConnectionError;
-        return false;
+    if (isComplete && code < 300) {
+        if (const Error failure = ConfirmBody()) {
+            end_ = failure;
+            return false;
+        }
     }
     headersComplete_ = isComplete;
     return true;
@@ -307,15 +311,25 @@ bool CurlTransfer::RefusalHasCome() const {
                                               : Peek(heldSocket_, buffer)});
 }
 
-/// Whether the server has hung up on a body that it has not read: its system resets the connection then, in the moment
-/// of the close. A small body is in the socket's buffers before the answer comes, and no failed sending tells of that.
-bool CurlTransfer::WasReset() const {
-    if (!connection_.isOpen()) return false;
-    pollfd watched{connection_.number(), POLLRDHUP, 0};
-    poll(&watched, 1, static_cast<int>(longestHangUp.count()));
-    tcp_info state{};
-    socklen_t size = sizeof state;
-    return getsockopt(connection_.number(), IPPROTO_TCP, TCP_INFO, &state, &size) == 0 && state.tcpi_state == TCP_CLOSE;
+/// Whether an accepted body is the server's. What its system has not taken when the connection ends is lost, and an
+/// answer that came ahead of the body says nothing of it: that is waited for, unless the answer was too long to be
+/// held. A server that then hangs up on what it has not read has its system reset the connection, in the moment of the
+/// close. A small body is in the socket's buffers before the answer comes, and no failed sending tells of that.
+Error CurlTransfer::ConfirmBody() {
+    if (!connection_.isOpen()) return error::success;
+    NoteTraffic();
+    if (!IsBodyOut()) return error::winHttpConnectionError;
+    const auto isReset = [this](short orThis, std::chrono::milliseconds longest) {
+        pollfd watched{connection_.number(), orThis, 0};
+        poll(&watched, 1, static_cast<int>(longest.count()));
+        return (watched.revents & POLLHUP) != 0;
+    };
+    for (; waitingInSocket_ > 0; NoteTraffic()) {
+        if (TimeLeft(Stage::headers).count() <= 0) return error::winHttpTimeout;
+        if (isReset(0, longestPollWhileHeld)) return error::winHttpConnectionError;
+    }
+    const bool hangsUp = isReset(POLLRDHUP, longestHangUp) || isReset(0, longestSecondStep);
+    return hangsUp ? error::winHttpConnectionError : error::success;
 }
 
 void CurlTransfer::Perform() {
@@ -376,7 +390,7 @@ int CurlTransfer::CurrentSocket() const {
 
 /// Bytes of the request that the other side has not acknowledged; what they were while they cannot be told.
 curl_off_t CurlTransfer::WaitingInSocket() const {
-    const int socket = CurrentSocket();
+    const int socket = connection_.isOpen() ? connection_.number() : CurrentSocket();
     int waiting = 0;
     return socket >= 0 && ioctl(socket, SIOCOUTQ, &waiting) == 0 ? waiting : waitingInSocket_;
 }

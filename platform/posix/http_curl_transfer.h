@@ -96,7 +96,7 @@ class CurlTransfer {
     void Perform();
     void ReadAnswerWhenDue();
     bool RefusalHasCome() const;
-    bool WasReset() const;
+    Error ConfirmBody();
     void NoteTraffic();
     void CountForPace(curl_off_t bytes);
     int CurrentSocket() const;
