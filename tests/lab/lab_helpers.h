@@ -1,6 +1,7 @@
 // A lab's server, and what is sent to it and found there.
 #pragma once
 
+#include <chrono>
 #include <httplib.h>
 #include <optional>
 #include <string>
@@ -28,6 +29,7 @@ inline std::vector<std::string> StoredRecords(Store& store) {
 }
 
 inline httplib::Result Upload(httplib::Client& client, const std::string& query, const std::string& body) {
+    client.set_read_timeout(std::chrono::minutes(5));  // a busy machine unpacks a bomb for long
     return client.Post("/servlets/FileCollector?" + query, body, "application/octet-stream");
 }
 

@@ -33,8 +33,14 @@ class ServiceManagerTest : public kv::test::TestAgent {
         for (ServiceHandle* handle : {&service, &manager}) services.CloseServiceHandle(std::exchange(*handle, 0));
     }
 
+    /// One that waits for long, as on a busy machine, unless the fault is that systemd says nothing.
+    ServiceManagerOperations ManagerFor(const BusFault& fault) const {
+        const bool isSilent = !fault.at.empty() && fault.what.empty();
+        return PosixServiceManager({units, std::chrono::milliseconds(isSilent ? 500 : 60000)});
+    }
+
     const std::filesystem::path units = folder / "units";
-    const ServiceManagerOperations services = PosixServiceManager({units, std::chrono::milliseconds(100)});
+    ServiceManagerOperations services = ManagerFor({});
     ServiceHandle manager = 0, service = 0;
 };
 
@@ -102,6 +108,7 @@ TEST_F(ServiceManagerTest, UnitsAreServicesThatTakeControls) {
         setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent", 1);
         std::optional<FakeSystemd> systemd;
         if (row.fault.at != "bus") systemd.emplace(std::vector<FakeUnit>{row.unit, {"b.service", "active"}}, row.fault);
+        services = ManagerFor(row.fault);
         std::string text = std::to_string(Open(row.name));
         if (text == "0") {
             ServiceStatus status;
@@ -134,6 +141,7 @@ TEST(UnitStatus, AChangeMakesProgressForHalfAMinute) {
 
 TEST_F(ServiceManagerTest, WhatIsGoneMeanwhile) {
     ServiceStatus status;
+    services = ManagerFor({"accept", ""});
     {
         const FakeSystemd systemd({A("active")});
         ASSERT_EQ(Open(u"a"), 0u);
@@ -149,7 +157,7 @@ TEST_F(ServiceManagerTest, WhatIsGoneMeanwhile) {
     for (int times = 0; times < 2; ++times) {
         EXPECT_EQ(services.QueryServiceStatusEx(service, status), error::serviceRequestTimeout);
     }
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
 }
 
 TEST_F(ServiceManagerTest, DependentsComeInTheOrderOfTheirStops) {
@@ -197,6 +205,7 @@ TEST_F(ServiceManagerTest, MakesAndRemovesUnits) {
         const FakeSystemd systemd({A("inactive")}, fault);
         ServiceDefinition definition = good;
         change(definition);
+        services = ManagerFor(fault);
         EXPECT_EQ(Open(u"", &definition), failure) << title;
         EXPECT_EQ(FilesIn(units).size(), 0u) << title;
         Close();
