@@ -22,6 +22,8 @@ function(kv_test name)
   cmake_parse_arguments(arg "" "" "SOURCES;DEPENDS" ${ARGN})
   add_executable(${name} ${arg_SOURCES})
   target_link_libraries(${name} PRIVATE kv_flags ${arg_DEPENDS} GTest::gmock GTest::gtest_main)
+  # To optimise a test for the sanitizers takes longer than to run it.
+  target_compile_options(${name} PRIVATE $<$<CONFIG:Debug>:-O0>)
   if(CMAKE_CROSSCOMPILING)
     # Listing the cases would need the emulator while building; a program is one test.
     add_test(NAME ${name} COMMAND ${name} --gtest_brief=1)
