@@ -39,12 +39,15 @@ TEST_F(SystemTest, TheSystemsNameIsThatOfItsDistribution) {
     EXPECT_EQ(host.name.substr(0, 9), "localhost");
 }
 
-/// Pages of files, such as libraries, in this process's memory.
-long ResidentFilePages() {
-    long total = 0, resident = 0, shared = 0;
-    std::ifstream("/proc/self/statm") >> total >> resident >> shared;
-    return shared;
-}
+/// Pages of this process's memory, and those of them that are of files, such as libraries.
+struct ResidentPages {
+    long all = 0, ofFiles = 0;
+
+    ResidentPages() {
+        long total = 0;
+        std::ifstream("/proc/self/statm") >> total >> all >> ofFiles;
+    }
+};
 
 /// Lies in a page of its own among the constants.
 alignas(4096) volatile const char constants[4096] = {1};
@@ -58,9 +61,9 @@ TEST_F(SystemTest, LibraryPagesAreGivenBackUnderRunningThreads) {
     std::thread busy([&] {
         for (int number = 0; !done; ++number) EXPECT_EQ(std::stoi(std::to_string(number)), number);
     });
-    const long before = ResidentFilePages();
+    const ResidentPages before;
     for (int round = 0; round < 50; ++round) TrimResidentLibraryPages();
-    EXPECT_LT(ResidentFilePages(), before);
+    EXPECT_LT(ResidentPages().ofFiles, before.ofFiles);
     EXPECT_EQ(constants[0], 2);
     done = true;
     busy.join();
@@ -70,19 +73,14 @@ TEST_F(SystemTest, FreedMemoryGoesBackBehindWhatIsStillInUse) {
 #ifdef __SANITIZE_ADDRESS__
     GTEST_SKIP() << "the sanitizer keeps freed memory";
 #endif
-    const auto residentPages = [] {
-        long total = 0, resident = 0;
-        std::ifstream("/proc/self/statm") >> total >> resident;
-        return resident;
-    };
-    const long before = residentPages();
+    const ResidentPages before;
     std::list<std::string> pieces(40'000, std::string(1000, 'x'));
     const std::list<std::string> kept(1);  // at the top of the heap
     pieces.clear();
     ReleaseFreeMemoryAfter(largePieceBytes - 1);
-    EXPECT_GT(residentPages(), before + 8000);
+    EXPECT_GT(ResidentPages().all, before.all + 8000);
     ReleaseFreeMemoryAfter(largePieceBytes);
-    EXPECT_LT(residentPages(), before + 1000);
+    EXPECT_LT(ResidentPages().all, before.all + 1000);
 }
 
 }  // namespace

@@ -14,17 +14,11 @@ TEST(HttpTarget, ARedirectIsRelativeToWhereItCameFrom) {
         std::wstring expected;  // host, port and path; empty: not followed
     } rows[] = {
         {"another server", L"https://other.example/x?y#z", L"other.example 443 /x?y"},
-        {"nobody's name and password", L"https://u:p@other.example/a b?c d", L"other.example 443 /a%20b?c%20d"},
         {"never to a plain one", L"http://other.example/", L""},
-        {"another scheme", L"ftp://other.example/", L""},
         {"the same scheme", L"//other.example:5/x", L"other.example 5 /x"},
-        {"a path", L"/x/../y", L"server 8443 /x/../y"},
         {"a name in the same folder", L"c d", L"server 8443 /a/c%20d"},
         {"a query", L"?u=http://k/", L"server 8443 /a/b?u=http://k/"},
         {"a host that can be none", L"https://b c/", L""},
-        {"an address that is cut", L"https://[/", L""},
-        {"longer than some would have it", L"/" + std::wstring(3000, L'x'),
-         L"server 8443 /" + std::wstring(3000, L'x')},
     };
     for (const auto& row : rows) {
         const auto to = RedirectedTarget(from, row.location);

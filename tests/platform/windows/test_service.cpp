@@ -94,27 +94,6 @@ TEST_F(ServiceTest, OneThatLeavesWithoutAWordIsGone) {
     EXPECT_NE(asked, error::success) << "its process would still answer";
 }
 
-TEST_F(ServiceTest, WhatIsNoServiceIsRefused) {
-    kv::OwnedServiceHandle made;
-    const std::pair<Error, void (*)(ServiceDefinition&)> rows[] = {
-        {error::invalidName, [](auto& definition) { definition.name.clear(); }},
-        {error::invalidName, [](auto& definition) { definition.name += u'\0'; }},
-        {error::invalidParameter,
-         [](auto& definition) {
-             definition.dependencies = {u"", u"Needed"};
-         }},
-    };
-    for (const auto& [result, change] : rows) {
-        ServiceDefinition definition = Definition();
-        change(definition);
-        EXPECT_EQ(ServiceManager().CreateServiceW(manager.handle, definition, made.handle), result);
-    }
-    ServiceStatus status{.dwCurrentState = ServiceState::paused};
-    EXPECT_EQ(ServiceManager().QueryServiceStatusEx(0, status), error::invalidHandle);
-    EXPECT_EQ(ServiceManager().ControlService(0, service_control::stop, status), error::invalidHandle);
-    EXPECT_EQ(status.dwCurrentState, ServiceState::paused) << "nobody has told another";
-}
-
 TEST_F(ServiceTest, IsMadeFoundAndRemovedOnce) {
     {
         kv::OwnedServiceHandle second;

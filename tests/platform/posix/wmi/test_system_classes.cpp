@@ -1,4 +1,4 @@
-// The classes of the system itself: all tables as such, the texts of kernel, firmware and files taken apart, and this
+// The classes of the system itself: all tables as such, the texts of firmware and files taken apart, and this
 // machine as uname, lscpu, free, getent and date see it.
 #include <algorithm>
 #include <array>
@@ -6,7 +6,6 @@
 #include <ctime>
 #include <fmt/format.h>
 #include <gmock/gmock.h>
-#include <sys/utsname.h>
 #include <unistd.h>
 
 #include "platform/backend.h"
@@ -218,48 +217,23 @@ TEST(WmiProcessors, LoadIsThatSinceASampleAtLeastASecondOld) {
     }
 }
 
-// Texts of the kernel and of files
-
-/// The text of a value, or "none".
-template <class Value>
-std::string Shown(const std::optional<Value>& value) {
-    return value ? fmt::format("{}", *value) : "none";
-}
-
-TEST(WmiSystemTexts, ReadAsTheyAreMeant) {
-    constexpr std::string_view memory =
-        "MemTotal:  100 kB\nMemFree: 10 kB\nBuffers: 2 kB\nCached: 3 kB\nHugePages_Total: x\n";
-    constexpr std::string_view release = "#NAME=no\nNAMES=no\n NAME=\"De\\\"bi'an\"\nSINGLE='a\\b' \n";
-    const utsname kernel{"Linux", "", "6.1", "", "", ""};
-    const std::tuple<const char*, std::string, std::string> rows[] = {
-        {"memory, a line", Shown(MemoryFigure(memory, "Buffers")), "2"},
-        {"memory, the start of a key", Shown(MemoryFigure(memory, "Mem")), "none"},
-        {"memory, no number", Shown(MemoryFigure(memory, "HugePages_Total")), "none"},
-        {"memory available, on an old kernel", Shown(AvailableMemory(memory)), "15"},
-        {"memory available", Shown(AvailableMemory("MemFree: 1 kB\nMemAvailable: 7 kB\n")), "7"},
-        {"an assignment in quotes", Shown(AssignedValue(release, "NAME")), "De\"bi'an"},
-        {"an assignment in single quotes", Shown(AssignedValue(release, "SINGLE")), "a\\b"},
-        {"a distribution", SystemNameOf("PRETTY_NAME='Some 7'", kernel), "Some 7"},
-        {"a distribution without a name", SystemNameOf(release, kernel), "Linux 6.1"},
-    };
-    for (const auto& [title, got, wanted] : rows) EXPECT_EQ(got, wanted) << title;
-}
+// Accounts
 
 TEST(WmiAccounts, AreAsTheirPasswordsSay) {
     const std::pair<const char*, const char*> rows[] = {
-        {"u:$6$hash:19000:0:99999:7:::", "true false false true none; false false"},
+        {"u:$6$hash:19000:0:99999:7:::", "true false false true -1; false false"},
         {"u:!$6$hash:19000:0:90:7::20001:", "true true true true 20001; false true"},
-        {"u:!!:19000::::::", "true false false true none; false true"},
-        {"u:*:19000:10:5:7:::", "true false true false none; false true"},
+        {"u:!!:19000::::::", "true false false true -1; false true"},
+        {"u:*:19000:10:5:7:::", "true false true false -1; false true"},
         {"u::19000:0:99999:7::20000:", "false false false true 20000; true true"},
         {"u:short", "no entry"},
     };
-    // required, locked, expires, may be changed, expiry; disabled with and without a shell
+    // required, locked, expires, may be changed, expiry or -1; disabled with and without a shell
     for (const auto& [line, wanted] : rows) {
         std::string facts = "no entry";
         for (const auto& [name, entry] : ParseShadow(line)) {
             facts = fmt::format("{} {} {} {} {}; {} {}", entry.isRequired, entry.isLocked, entry.expires,
-                                entry.mayBeChanged, Shown(entry.accountExpiry),
+                                entry.mayBeChanged, entry.accountExpiry.value_or(-1),
                                 IsDisabled({"u", 1, "", "/bin/sh"}, entry, 20000),
                                 IsDisabled({"u", 1, "", "/sbin/nologin"}, entry, 20000));
         }
