@@ -319,17 +319,18 @@ Error CurlTransfer::ConfirmBody() {
     if (!connection_.isOpen()) return error::success;
     NoteTraffic();
     if (!IsBodyOut()) return error::winHttpConnectionError;
-    const auto isReset = [this](short orThis, std::chrono::milliseconds longest) {
-        pollfd watched{connection_.number(), orThis, 0};
+    const auto watch = [this](short events, std::chrono::milliseconds longest) {
+        pollfd watched{connection_.number(), events, 0};
         poll(&watched, 1, static_cast<int>(longest.count()));
-        return (watched.revents & POLLHUP) != 0;
+        return watched.revents;
     };
     for (; waitingInSocket_ > 0; NoteTraffic()) {
         if (TimeLeft(Stage::headers).count() <= 0) return error::winHttpTimeout;
-        if (isReset(0, longestPollWhileHeld)) return error::winHttpConnectionError;
+        if (watch(0, longestPollWhileHeld) != 0) return error::winHttpConnectionError;
     }
-    const bool hangsUp = isReset(POLLRDHUP, longestHangUp) || isReset(0, longestSecondStep);
-    return hangsUp ? error::winHttpConnectionError : error::success;
+    short seen = watch(POLLRDHUP, longestHangUp);
+    if (seen == POLLRDHUP) seen = watch(0, longestSecondStep);
+    return (seen & POLLHUP) != 0 ? error::winHttpConnectionError : error::success;
 }
 
 void CurlTransfer::Perform() {
