@@ -1,10 +1,7 @@
 #include "tests/end_to_end/installed_agent.h"
 
 #include <algorithm>
-#include <array>
 #include <chrono>
-#include <cstdio>
-#include <cstdlib>
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
@@ -17,6 +14,7 @@
 #include "lab/store.h"
 #include "platform/backend.h"
 #include "platform/utf.h"
+#include "tests/support/isolation.h"
 #include "tests/support/test_agent.h"
 
 namespace kv::test {
@@ -25,22 +23,13 @@ namespace fs = std::filesystem;
 
 namespace {
 
-int ExitCodeOf(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status); }
-
 std::u16string KeyOf(std::u16string_view subKey) { return std::u16string(agentKeyPath) + std::u16string(subKey); }
 
 }  // namespace
 
-ShellOutcome RunShell(const std::string& commandLine) {
-    FILE* pipe = popen(commandLine.c_str(), "re");
-    if (pipe == nullptr) throw std::runtime_error("no shell can be started");
-    ShellOutcome outcome;
-    std::array<char, 4096> buffer;
-    while (const std::size_t size = std::fread(buffer.data(), 1, buffer.size(), pipe))
-        outcome.output.append(buffer.data(), size);
-    while (outcome.output.ends_with('\n')) outcome.output.pop_back();
-    outcome.exitCode = ExitCodeOf(pclose(pipe));
-    return outcome;
+std::optional<std::string> Kvlab(const std::string& arguments, const std::string& database) {
+    const ShellOutcome outcome = RunShell(KV_LAB_PROGRAM " " + arguments + " --database " + database);
+    return outcome.exitCode == 0 ? std::optional(outcome.output) : std::nullopt;
 }
 
 std::string LastWord(const std::string& database) {
@@ -58,8 +47,7 @@ std::vector<std::string> AcceptedTexts(const std::string& database) {
 }
 
 InstalledAgent::InstalledAgent() {
-    std::string pattern = (fs::temp_directory_path() / "kvagent-e2e-XXXXXX").string();
-    folder = mkdtemp(pattern.data());
+    folder = MakeTemporaryFolder();
     monitoring = folder / "monitoring";
     data = monitoring / "bin" / "data";
     zipdata = monitoring / "bin" / "zipdata";
@@ -68,7 +56,7 @@ InstalledAgent::InstalledAgent() {
     fs::create_directories(monitoring / "bin");
     fs::create_directories(monitoring / "conf" / "scripts");
     fs::create_directories(state);
-    setenv("KVAGENT_STATE_DIR", state.c_str(), 1);
+    IsolateRegistry(state);
     platform::InstallBackend();
     setText(u"", u"KVAgentInstallDir", platform::WideFromUtf8(folder.string() + "/"));
     setText(u"", u"CustomerName", u"Test customer");
@@ -83,8 +71,7 @@ InstalledAgent::InstalledAgent() {
 
 InstalledAgent::~InstalledAgent() {
     kill();
-    std::error_code ignored;
-    fs::remove_all(folder, ignored);
+    RemoveFolder(folder);
 }
 
 void InstalledAgent::setText(std::u16string_view subKey, std::u16string_view name, std::u16string_view value,
@@ -119,8 +106,7 @@ void InstalledAgent::writeScript(std::string_view name, std::string_view body) c
 }
 
 std::optional<std::string> InstalledAgent::kvlab(const std::string& arguments) const {
-    const ShellOutcome outcome = RunShell(std::string(KV_LAB_PROGRAM) + " " + arguments + " --database " + database);
-    return outcome.exitCode == 0 ? std::optional(outcome.output) : std::nullopt;
+    return Kvlab(arguments, database);
 }
 
 void MakeCertificate(const fs::path& folder, std::string& certificate, std::string& privateKey) {
@@ -128,7 +114,7 @@ void MakeCertificate(const fs::path& folder, std::string& certificate, std::stri
     privateKey = (folder / "key.pem").string();
     const std::string command = "openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj /CN=lab -keyout '" +
                                 privateKey + "' -out '" + certificate + "' 2>/dev/null";
-    if (std::system(command.c_str()) != 0) throw std::runtime_error("no certificate could be made");
+    if (RunShell(command).exitCode != 0) throw std::runtime_error("no certificate could be made");
 }
 
 void InstalledAgent::start(std::initializer_list<const char*> arguments) {
@@ -152,7 +138,7 @@ int InstalledAgent::wait() {
     int status = 0;
     waitpid(process_, &status, 0);
     process_ = 0;
-    return ExitCodeOf(status);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
 bool InstalledAgent::running() {
@@ -169,8 +155,6 @@ void InstalledAgent::kill() {
 }
 
 std::string InstalledAgent::log() const { return TestAgent::Read(monitoring / "logs" / "agent.log"); }
-
-std::string InstalledAgent::testMonitorLog() const { return TestAgent::Read(monitoring / "logs" / "testmonitor.log"); }
 
 void InstalledAgent::pause(int milliseconds) { std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds)); }
 

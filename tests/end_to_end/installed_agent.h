@@ -10,19 +10,15 @@
 #include <vector>
 
 #include "platform/registry.h"
+#include "tests/support/posix/shell.h"
 
 namespace kv::test {
 
-struct ShellOutcome {
-    int exitCode = 0;    // 128 and more: a signal
-    std::string output;  // without the last line ends
-};
-
-/// Runs a command line, and takes what it prints on its standard output.
-ShellOutcome RunShell(const std::string& commandLine);
-
 /// A self-signed certificate and its key, as PEM files in the folder.
 void MakeCertificate(const std::filesystem::path& folder, std::string& certificate, std::string& privateKey);
+
+/// What a kvlab command about the database prints; none when it fails.
+std::optional<std::string> Kvlab(const std::string& arguments, const std::string& database);
 
 /// The agent's last word to the lab with this database; "unknown" before its first.
 std::string LastWord(const std::string& database);
@@ -57,7 +53,6 @@ class InstalledAgent {
     void writePlan(std::string_view json) const;
     void writeScript(std::string_view name, std::string_view body) const;
 
-    /// What a kvlab command about the database prints; none when it fails.
     std::optional<std::string> kvlab(const std::string& arguments) const;
 
     /// What start starts.
@@ -72,7 +67,6 @@ class InstalledAgent {
     void kill();
 
     std::string log() const;
-    std::string testMonitorLog() const;
 
     /// Waits for a condition, asked every 10 milliseconds; false when it did not come true in the time.
     template <class Condition>

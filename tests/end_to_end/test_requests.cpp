@@ -146,24 +146,6 @@ TEST(Requests, AMasterAgentGetsASlavesPlanAndLosesASlave) {
     EXPECT_EQ(agent.timesRun("S2"), before);
 }
 
-TEST(Requests, KilledWhileServingOneItDropsThatOneAndServesTheRest) {
-    ServedAgent agent;
-    agent.startEnrolled();
-    ASSERT_TRUE(agent.kvlab("fault set --servlet conf --delay 60000"));
-    agent.request("--type DELETE_DEVICE --set DEVICE_NAME=S1 --no-flag");
-    const std::string hanging = agent.pushPlan("K7", ServedAgent::Plan("WorkFlows", "quick.sh", "New"), "--no-flag");
-    agent.request("--type DELETE_DEVICE --set DEVICE_NAME=S2");
-    ASSERT_TRUE(InstalledAgent::eventually([&] { return agent.serves(hanging); })) << agent.log();
-    agent.kill();
-    EXPECT_FALSE(fs::exists(agent.slaves / "S1"));
-    EXPECT_TRUE(fs::exists(agent.slaves / "S2"));
-    agent.start({"/t"});
-    EXPECT_TRUE(InstalledAgent::eventually([&] { return !fs::exists(agent.slaves / "S2") && agent.idle(); }))
-        << agent.log();
-    EXPECT_TRUE(agent.states().starts_with("done dropped ")) << agent.states();
-    EXPECT_EQ(agent.timesRun("New"), 0);
-}
-
 TEST(Requests, AServerThatGoesAwayInTheMiddleOfAListCostsNothing) {
     ServedAgent agent;
     agent.startEnrolled();

@@ -8,6 +8,7 @@
 
 #include "foundation/file_utils.h"
 #include "lab/server.h"
+#include "platform/backend.h"
 #include "platform/utf.h"
 #include "tests/end_to_end/installed_agent.h"
 #include "tests/support/snmp_devices.h"
@@ -33,6 +34,7 @@ std::string Required(const char* variable) {
 class WindowsService : public ::testing::Test {
   protected:
     WindowsService() {
+        platform::InstallBackend();
         removeAll();  // what a run that was ended has left
         for (const char* below : {"bin", "conf/scripts", "logs"}) fs::create_directories(monitoring / below);
         for (const char* program : {"MonitoringAgent.exe", "kvreg.exe"})
@@ -103,12 +105,8 @@ class WindowsService : public ::testing::Test {
         return texts;
     }
     std::string status() const { return LastWord(folder / "lab.db"); }
-    /// Runs a kvlab command about the lab's database, which has to succeed; what it prints.
     std::string kvlab(const std::string& arguments) const {
-        const ShellOutcome outcome =
-            RunShell(KV_LAB_PROGRAM + (" " + arguments) + " --database " + (folder / "lab.db").string());
-        EXPECT_EQ(outcome.exitCode, 0) << arguments;
-        return outcome.output;
+        return Kvlab(arguments, folder / "lab.db").value_or("failed");
     }
     /// Has the agent fetch its requests, and waits for what it answers to one.
     std::string answerTo(const std::string& request) const {

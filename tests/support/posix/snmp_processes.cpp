@@ -1,19 +1,15 @@
-#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <fmt/format.h>
-#include <fstream>
-#include <iterator>
-#include <netinet/in.h>
 #include <spawn.h>
 #include <stdexcept>
-#include <sys/socket.h>
 #include <sys/wait.h>
-#include <system_error>
 #include <unistd.h>
 
+#include "tests/support/isolation.h"
 #include "tests/support/snmp_devices.h"
+#include "tests/support/test_agent.h"
 
 namespace kv::test {
 
@@ -21,36 +17,17 @@ namespace {
 
 constexpr std::chrono::seconds patience{20};
 
-std::uint16_t FreePort() {
-    const int number = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    auto* const where = reinterpret_cast<sockaddr*>(&address);
-    const bool isBound = bind(number, where, size) == 0 && getsockname(number, where, &size) == 0;
-    close(number);
-    if (!isBound) throw std::runtime_error("no port to bind to");
-    return ntohs(address.sin_port);
-}
-
-void Write(const std::filesystem::path& path, const std::string& text) { std::ofstream(path) << text; }
-
 }  // namespace
 
-SnmpProcess::SnmpProcess() : port_(FreePort()) {
-    std::string pattern = (std::filesystem::temp_directory_path() / "snmp-device-XXXXXX").string();
-    if (mkdtemp(pattern.data()) == nullptr) throw std::system_error(errno, std::generic_category(), pattern);
-    folder_ = pattern;
-}
+/// The port is that of a device that is gone at once.
+SnmpProcess::SnmpProcess() : folder_(MakeTemporaryFolder()), port_(ScriptedDevice(nullptr).port()) {}
 
 SnmpProcess::~SnmpProcess() {
     if (pid_ > 0) {
         kill(pid_, SIGKILL);
         waitpid(pid_, nullptr, 0);
     }
-    std::error_code ignored;
-    std::filesystem::remove_all(folder_, ignored);
+    RemoveFolder(folder_);
 }
 
 void SnmpProcess::Start(const std::string& commandLine, const std::string& community) {
@@ -67,20 +44,17 @@ void SnmpProcess::Start(const std::string& commandLine, const std::string& commu
         if (std::system(getNext.c_str()) == 0) return;
         if (waitpid(pid_, nullptr, WNOHANG) != 0) pid_ = 0;
     }
-    std::ifstream printed(folder_ / "output");
-    throw std::runtime_error(fmt::format("{} does not answer. It has printed: {}", commandLine,
-                                         std::string(std::istreambuf_iterator<char>(printed), {})));
+    throw std::runtime_error(commandLine + " does not answer. It has printed: " + TestAgent::Read(folder_ / "output"));
 }
 
 SnmpDaemon::SnmpDaemon(const std::string& configuration) {
-    Write(folder_ / "snmpd.conf",
-          fmt::format("agentaddress udp:127.0.0.1:{}\nrocommunity public\n{}\n", port(), configuration));
+    TestAgent::Write(folder_ / "snmpd.conf",
+                     fmt::format("agentaddress udp:127.0.0.1:{}\nrocommunity public\n{}\n", port(), configuration));
     Start("env MIBS= SNMP_PERSISTENT_DIR=$PWD /usr/sbin/snmpd -f -Lo -C -c snmpd.conf -p pid", "public");
 }
 
 SnmpSimulator::SnmpSimulator(const std::string& community, const std::string& records) {
-    std::filesystem::create_directory(folder_ / "data");
-    Write(folder_ / "data" / (community + ".snmprec"), records);
+    TestAgent::Write(folder_ / "data" / (community + ".snmprec"), records);
     std::filesystem::permissions(folder_, std::filesystem::perms::all);
     const char* user = geteuid() == 0 ? "--reuid nobody --regid nogroup --clear-groups" : "";  // not as root
     Start(fmt::format("{} /usr/bin/snmpsimd --logging-method=null --data-dir=data --cache-dir=cache "

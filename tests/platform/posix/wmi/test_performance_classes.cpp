@@ -20,7 +20,7 @@
 #include "platform/posix/wmi/cim_value.h"
 #include "platform/posix/wmi/class_tree.h"
 #include "platform/posix/wmi_classes/perf_class.h"
-#include "tests/support/posix/command_output.h"
+#include "tests/support/posix/shell.h"
 #include "tests/support/wmi_query.h"
 
 namespace kv::test {
@@ -203,10 +203,10 @@ class PerformanceOfThisMachine : public ::testing::Test {
             "-v OFMT=%.0f -v CONVFMT=%.0f \"$@\"; }; cd " +
             folder.string() + ";";
         Texts numbers;
-        int status = 0;
-        std::istringstream output(OutputOf(before + commands, &status));
+        const ShellOutcome outcome = RunShell(before + commands);
+        std::istringstream output(outcome.output);
         for (std::string name, number; output >> name >> number;) numbers[name] = number;
-        EXPECT_EQ(status, 0) << commands;
+        EXPECT_EQ(outcome.exitCode, 0) << commands;
         return numbers;
     }
 
@@ -392,11 +392,11 @@ TEST_F(PerformanceOfThisMachine, HasTheProcessesOfPs) {
         child.signal(end);
         const WmiRow row = firstOf(fmt::format("SELECT * FROM Win32_Process WHERE ProcessId = {}", child.id));
         const char* const ps = "ps -o pid=,ppid=,state=,comm= -p {} | sed 's/ T / 8 /; s/ Z / 7 /; s/<.*//' | xargs";
-        EXPECT_EQ(TextsOf(row, "Handle,ParentProcessId,ExecutionState,Name") + '\n',
-                  OutputOf(fmt::format(fmt::runtime(ps), child.id)));
+        EXPECT_EQ(TextsOf(row, "Handle,ParentProcessId,ExecutionState,Name"),
+                  RunShell(fmt::format(fmt::runtime(ps), child.id)).output);
         EXPECT_EQ(TextOf(row, "CommandLine") == "NULL", end == SIGKILL);
-        EXPECT_EQ(TextOf(row, "ExecutablePath") + '\n',
-                  OutputOf(fmt::format("readlink /proc/{}/exe || echo NULL", child.id)));
+        EXPECT_EQ(TextOf(row, "ExecutablePath"),
+                  RunShell(fmt::format("readlink /proc/{}/exe || echo NULL", child.id)).output);
         const auto created = MicrosecondsOfDmtf(WideFromUtf8(TextOf(row, "CreationDate")));
         EXPECT_NEAR(static_cast<double>(created.value_or(0)) / 1e6, static_cast<double>(time(nullptr)), 10);
     }

@@ -19,7 +19,7 @@
 #include "platform/posix/facts/system_text.h"
 #include "platform/posix/facts/volume_facts.h"
 #include "platform/posix/wmi/cim_value.h"
-#include "tests/support/posix/command_output.h"
+#include "tests/support/posix/shell.h"
 #include "tests/support/wmi_query.h"
 
 namespace kv::test {
@@ -41,15 +41,13 @@ bool IsInNamespaces() { return std::getenv("KV_IN_NAMESPACES") != nullptr; }
 /// Runs the current test once more in namespaces of its own, after a line for the shell.
 void RunInNamespaces(const std::string& flags, const std::string& preparation) {
     const auto* test = ::testing::UnitTest::GetInstance()->current_test_info();
-    int status = 0;
-    const std::string output =
-        OutputOf(fmt::format("(unshare {0} true || exit 77; export KV_IN_NAMESPACES=1; "
+    const ShellOutcome outcome =
+        RunShell(fmt::format("(unshare {0} true || exit 77; export KV_IN_NAMESPACES=1; "
                              "unshare {0} sh -c '({1}) || exit 77; exec {2} --gtest_filter={3}.{4}') 2>&1",
                              flags, preparation, std::filesystem::read_symlink("/proc/self/exe").string(),
-                             test->test_suite_name(), test->name()),
-                 &status);
-    if (WEXITSTATUS(status) == 77) GTEST_SKIP() << "not allowed here, or not possible: " << output;
-    EXPECT_EQ(status, 0) << output;
+                             test->test_suite_name(), test->name()));
+    if (outcome.exitCode == 77) GTEST_SKIP() << "not allowed here, or not possible: " << outcome.output;
+    EXPECT_EQ(outcome.exitCode, 0) << outcome.output;
 }
 
 TEST(WmiMounts, DisksAreWhatAUserTakesForDisks) {
@@ -195,9 +193,9 @@ TEST_F(WmiStorage, ADeadMountCostsOthersNothing) {
 }
 
 TEST_F(WmiStorage, SpaceIsThatOfDf) {
-    std::istringstream mounts(
-        OutputOf("df -B1 --output=target,size,avail -x devtmpfs -x overlay -x efivarfs 2>&1 |"
-                 "awk '/^\\// && !/^.(sys|proc)\\//'"));
+    std::istringstream mounts(RunShell("df -B1 --output=target,size,avail -x devtmpfs -x overlay -x efivarfs 2>&1 |"
+                                       "awk '/^\\// && !/^.(sys|proc)\\//'")
+                                  .output);
     constexpr double tolerance = 256 << 20;  // others write meanwhile
     double available = 0;
     for (std::string mount, size; mounts >> mount >> size >> available;) {

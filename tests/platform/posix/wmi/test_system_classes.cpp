@@ -20,7 +20,7 @@
 #include "platform/posix/wmi_classes/physical_memory.h"
 #include "platform/posix/wmi_classes/processor.h"
 #include "platform/posix/wmi_classes/processor_load.h"
-#include "tests/support/posix/command_output.h"
+#include "tests/support/posix/shell.h"
 #include "tests/support/wmi_query.h"
 
 namespace kv::test {
@@ -353,7 +353,7 @@ TEST_F(WmiThisMachine, IsAsItsOwnToolsSeeIt) {
         {"Win32_Group", "SID", "getent -s files group | awk -F: '{print \"S-1-22-2-\" $3}'"},
     };
     for (const auto& row : rows) {
-        const std::string expected = OutputOf(row.command);
+        const std::string expected = RunShell(row.command).output;
         if (Trimmed(expected).empty()) continue;  // no such line on this kind of machine
         const WmiResult result = RunWmiQuery(fmt::format("SELECT {} FROM {}", row.properties, row.source));
         std::string shown;
@@ -396,7 +396,7 @@ TEST_F(WmiThisMachine, TimesAreThoseOfTheClock) {
         return static_cast<double>(MicrosecondsOfDmtf(text).value_or(0)) / 1e6;
     };
     EXPECT_NEAR(secondsOf("LocalDateTime"), now, tolerance);
-    const double upTime = std::strtod(OutputOf("cut -d' ' -f1 /proc/uptime").c_str(), nullptr);
+    const double upTime = std::strtod(RunShell("cut -d' ' -f1 /proc/uptime").output.c_str(), nullptr);
     EXPECT_NEAR(secondsOf("LastBootUpTime"), static_cast<double>(std::time(nullptr)) - upTime, tolerance);
 }
 
