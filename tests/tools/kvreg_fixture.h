@@ -46,16 +46,14 @@ class Kvreg : public ::testing::Test {
         return {name.begin(), name.end()};
     }
 
-    /// A file of text with the line ends of any system.
-    static std::string Printed(const fs::path& path) {
-        std::string text = Read(path);
-        std::erase(text, '\r');
-        return text;
-    }
-
     Outcome Run(const Words& words) const {
-        const int exitCode = ToolProcess(words, folder / "output", folder / "errors").ExitCode();
-        return {exitCode, Printed(folder / "output"), Printed(folder / "errors")};
+        Outcome outcome;
+        std::FILE* const tool = StartTool(words, folder / "errors");
+        for (int byte = std::fgetc(tool); byte != EOF; byte = std::fgetc(tool))
+            outcome.output += static_cast<char>(byte);
+        outcome.exitCode = EndTool(tool);
+        outcome.errors = TestAgent::ReadText(folder / "errors");
+        return outcome;
     }
 
     std::string Get(const std::string& path, const std::string& name) const { return Run({"get", path, name}).output; }

@@ -14,11 +14,6 @@ const std::string key = "[HKEY_LOCAL_MACHINE\\Key]\n";
 
 std::string Utf16(std::string_view utf8) { return "\xFF\xFE" + Utf16LittleEndianBytes(platform::WideFromUtf8(utf8)); }
 
-std::string BigEndian(std::string bytes) {
-    for (std::size_t at = 0; at < bytes.size(); at += 2) std::swap(bytes[at], bytes[at + 1]);
-    return bytes;
-}
-
 /// The exported form of a file, in UTF-8 without its mark, header and carriage returns.
 std::string Printed(const RegFile& file) {
     const std::string bytes = PrintRegFile(file);
@@ -37,9 +32,7 @@ TEST(RegFile, WhatIsReadIsWrittenAgain) {
         {"text of no bytes", R"("a"=hex(1):)", ""},
         {"text with half a terminator", R"("a"=hex(1):41,00,00)", R"("a"="A")"},
         {"text of an odd size", R"("a"=hex(1):41,00,42)", ""},
-        {"text with more behind", R"("a"=hex(1):41,00,00,00,42,00,00,00)", ""},
         {"short number, comment behind", R"("a"=DWORD:1E ; one)", R"("a"=dword:0000001e)"},
-        {"number as bytes", R"("a"=hex(4):1e,00,00,00)", R"("a"=dword:0000001e)"},
         {"bytes of one digit, with blanks", R"( "a" = hex:1, f ,0A )", R"("a"=hex:01,0f,0a)"},
         {"bytes over lines", "\"a\"=hex:01,\\\n  02,\\\n03\\\n,04", R"("a"=hex:01,02,03,04)"},
         {"deletion", R"("a"=-)", ""},
@@ -57,7 +50,7 @@ TEST(RegFile, WhatIsReadIsWrittenAgain) {
         const std::string printed = "\n" + key + (other.empty() ? line : other) + "\n\n";
         RegFile file;
         RegFileError error;
-        for (const std::string& form : {text, Utf16(text), BigEndian(Utf16(text)), "\xEF\xBB\xBF" + text}) {
+        for (const std::string& form : {text, Utf16(text), "\xEF\xBB\xBF" + text}) {
             ASSERT_TRUE(ParseRegFile(form, file, error)) << error.line << ": " << error.message;
             EXPECT_EQ(Printed(file), printed);
         }
@@ -71,19 +64,13 @@ TEST(RegFile, MalformedFilesAreRefusedWithTheirLine) {
         {"deletion of the root", header + "[-HKLM]\n", 2, "the root itself"},
         {"another root", header + "\n\n[HKEY_CURRENT_USER\\Software]\n", 4, "not 'HKEY_CURRENT_USER'"},
         {"open quote", header + key + "\"a\"=\"b\n\"c\"=\"d\"\n", 4, "after the data"},
-        {"open quote to the end", header + key + "\r\n\"a\"=\"b\n\n", 4, "closing quote"},
-        {"single backslash", header + key + "\"a\"=\"c:\\temp\"\n", 3, "backslash"},
-        {"control character in a name", header + key + "\"a\x01\"=\"b\"\n", 3, "control character"},
-        {"number too long", header + key + "\"a\"=dword:123456789\n", 3, "hexadecimal"},
         {"error in a line that goes on", header + key + "\"a\"=hex:12,\\\n13,\\\nzz\n", 5, "byte"},
         {"file ends where it should go on", header + key + "\"a\"=hex:12,\\", 3, "the file ends"},
-        {"no type", header + key + "\"a\"=hex():00\n", 3, "number of a type"},
         {"not UTF-8", header + key + "\"a\"=\"\xFC\"\n", 3, "UTF-8"},
         {"zero character", header + key + std::string("\"a\"=\"\0\"\n", 8), 3, "zero"},
         {"the older form", "REGEDIT4\n", 1, "REGEDIT4"},
         {"half a character at the end", Utf16(header) + "x", 2, ""},
         {"half a pair as a name", Utf16(header + key) + std::string("\"\0\0\xD8\"\0=\0-\0", 10), 3, ""},
-        {"UTF-16 without its mark", Utf16(header).substr(2), 1, ""},
     };
     for (const auto& [title, bytes, line, message] : rows) {
         SCOPED_TRACE(title);
