@@ -12,7 +12,6 @@
 #include "platform/posix/facts/account_files.h"
 #include "platform/posix/facts/distribution.h"
 #include "platform/posix/facts/local_time.h"
-#include "platform/posix/facts/smbios.h"
 #include "platform/posix/facts/system_text.h"
 #include "platform/posix/facts/zone_rules.h"
 #include "platform/posix/wmi/class_tree.h"
@@ -30,7 +29,6 @@ using namespace platform::wmi;
 using namespace std::chrono_literals;
 using platform::Utf8FromWide;
 using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 // All tables
 
@@ -94,20 +92,6 @@ std::string MemoryTable() {
            Structure(17, 0x1B, {{0x0C, 2, 0xFFFF}, {0x0E, 1, 0x20}, {0x12, 1, 0x1A}}, {}) + Structure(127, 4, {}, {});
 }
 // clang-format on
-
-TEST(WmiFirmware, ATableCutAnywhereGivesItsWholeStructures) {
-    const std::string table = MemoryTable();
-    std::size_t expected = 0;
-    for (std::size_t length = 0; length < table.size(); ++length) {
-        const std::string cut(table, 0, length);  // a piece of memory of its own, for the sanitizer
-        const std::size_t found = ParseSmbios(cut).size();
-        EXPECT_TRUE(found == expected || found == expected + 1) << length;
-        expected = found;
-    }
-    EXPECT_EQ(expected, 5U);
-    EXPECT_EQ(ParseSmbios(table + table).size(), 6U) << "nothing is read after its end";
-    EXPECT_THAT(ParseSmbios(std::string("\x11\x03\x00\x00\x00\x00", 6)), IsEmpty()) << "shorter than its header";
-}
 
 /// The properties that have a value, with a class's objects gathered by another routine than its own.
 std::vector<std::string> ObjectsOf(std::u16string_view className, std::string_view names, GatherRoutine gather) {
