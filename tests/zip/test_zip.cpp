@@ -1,8 +1,4 @@
-#include <gtest/gtest.h>
-#include <string>
-
 #include "foundation/open_file.h"
-#include "foundation/text.h"
 #include "platform/files.h"
 #include "platform/utf.h"
 #include "tests/support/snmp_devices.h"
@@ -120,18 +116,13 @@ TEST_F(Zip, AttributesAreTheFiles) {
     program.replace(0, 2, "\xAD\x54");
     program[36] = 4;
     program.replace(4, 4, std::string("MZ\0\0", 4));
-    std::string far = program + std::string(40000, '\0');
-    far.replace(36, 4, std::string("\x40\x9C\0\0", 4));  // at 40000, behind the first read
-    far.replace(40000, 4, std::string("PE\0\0", 4));
     const struct {
         const char* title;
         std::uint32_t attributes;
         std::string content;
         const char* expected;
-    } rows[] = {{"archive bit", 0x20, "text", "20 00 80 81"},
-                {"read-only, hidden, system; other bits dropped", 0x887, "text", "07 00 00 81"},
+    } rows[] = {{"read-only, hidden, system; other bits dropped", 0x887, "text", "07 00 00 81"},
                 {"program", 0x20, program, "20 00 c0 81"},
-                {"program, header far away", 0x20, far, "20 00 c0 81"},
                 {"program of 40 bytes", 0x20, program.substr(0, 40), "20 00 80 81"}};
     for (const auto& row : rows) {
         const FileOverride facts(WithInformation({.attributes = row.attributes, .size = row.content.size()}));
@@ -164,17 +155,11 @@ TEST_F(Zip, FaultyCallsLeaveTheArchiveGood) {
     EXPECT_EQ(CloseZip(&reader), zip_result::wrongKind);
 
     ZipHandle zip = CreateZip(u"a.zip", nullptr);
-    EXPECT_EQ(AddFileToZip(zip, u"", u"one"), zip_result::badArguments);
     EXPECT_EQ(AddFileToZip(zip, std::u16string(261, u'n'), u"one"), zip_result::badArguments);
     EXPECT_EQ(AddFileToZip(zip, u"n", u"missing"), zip_result::noFile);
-    EXPECT_EQ(AddFileToZip(zip, u"n", u"."), zip_result::noFile);
     {
         const FileOverride unreadable(Failing(&platform::FileOperations::ReadFile, platform::error::readFault));
         EXPECT_EQ(AddFileToZip(zip, u"n", u"one"), zip_result::readFailed);
-    }
-    {
-        const FileOverride huge(WithInformation({.size = 0xFFFFFFFF}));
-        EXPECT_EQ(AddFileToZip(zip, u"n", u"one"), zip_result::badArguments);
     }
     EXPECT_EQ(AddFileToZip(zip, std::u16string(260, u'n'), u"one"), zip_result::ok);
     EXPECT_EQ(CloseZip(zip), zip_result::ok);
@@ -209,36 +194,26 @@ TEST_F(Zip, MemoryAndOpenFilesServeAsWell) {
     }
     EXPECT_EQ(CreateZipMemory(nullptr, 0, nullptr), nullptr);
     EXPECT_EQ(LastZipWriterResult(), zip_result::memoryTooSmall);
-    for (const std::size_t small : {20UL, 1000UL}) {
-        ZipHandle zip = CreateZipMemory(nullptr, small, nullptr);
-        EXPECT_EQ(AddMemoryToZip(zip, u"n", expected.at("file").data(), 70000),
-                  small == 20 ? zip_result::writeFailed : zip_result::memoryTooSmall);
-        EXPECT_EQ(CloseZip(zip), zip_result::writeFailed);
-    }
+    ZipHandle zip = CreateZipMemory(nullptr, 1000, nullptr);
+    EXPECT_EQ(AddMemoryToZip(zip, u"n", expected.at("file").data(), 70000), zip_result::memoryTooSmall);
+    EXPECT_EQ(CloseZip(zip), zip_result::writeFailed);
 
     Write(path, "front");
     target.Open(u"a.zip", platform::FileAccess::readWrite, platform::FileShare::none,
                 platform::FileDisposition::openExisting);
     platform::Files().SetFilePointerEx(target.handle, 5);
-    ZipHandle zip = CreateZipHandle(target.handle, nullptr);
+    zip = CreateZipHandle(target.handle, nullptr);
     fill(zip);
     EXPECT_EQ(GetZipMemory(zip, block, size), zip_result::notMemory);
     EXPECT_EQ(CloseZip(zip), zip_result::ok);
     EXPECT_EQ(target.Close(), platform::error::success);
     EXPECT_TRUE(Read(path).starts_with("frontPK"));
     EXPECT_TRUE(ReadArchive() == expected);
-    EXPECT_EQ(CreateZipHandle(0, nullptr), nullptr);
 }
 
-TEST_F(Zip, TheEndRecordCountsFromNoneTo65535) {
+TEST_F(Zip, AnEmptyArchiveIsItsEndRecord) {
     EXPECT_EQ(CloseZip(CreateZip(u"a.zip", nullptr)), zip_result::ok);
     EXPECT_EQ(Read(path), FromHex("50 4b 05 06 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00"));
-
-    ZipHandle zip = CreateZip(u"a.zip", nullptr);
-    for (int i = 0; i < 65535; ++i) ASSERT_EQ(AddMemoryToZip(zip, DecimalText(i), "", 0), zip_result::ok);
-    EXPECT_EQ(AddFolderToZip(zip, u"more"), zip_result::badArguments);
-    EXPECT_EQ(CloseZip(zip), zip_result::ok);
-    EXPECT_EQ(ReadArchive().size(), 65535U);
 }
 
 TEST_F(Zip, AFailurePartWayThroughAnEntrySticks) {

@@ -1,7 +1,3 @@
-#include <gtest/gtest.h>
-#include <string>
-#include <vector>
-
 #include "foundation/open_file.h"
 #include "platform/files.h"
 #include "platform/utf.h"
@@ -49,8 +45,7 @@ TEST_F(ZipReading, AttributesAndTimesAreTheItems) {
                 {"Unix, read-only; field not as long as its flags", 3 << 8, 0x81240000,
                  TimeField(9, 7, times.substr(0, 8)), "", 0x21, last, access, dos},
                 {"Unix directory; times two and three behind another field", 3 << 8, 0x41ED0000,
-                 "xx" + Number(1, 3) + TimeField(9, 6, times.substr(4)), "", 0x30, dos, access, creation},
-                {"field cut by the end", 14 << 8, 2, "UT\xFF", "UT", 2, dos, dos, dos}};
+                 "xx" + Number(1, 3) + TimeField(9, 6, times.substr(4)), "", 0x30, dos, access, creation}};
     for (const auto& row : rows) {
         Built entry("n");
         entry.madeBy = row.madeBy, entry.attributes = row.external;
@@ -102,13 +97,7 @@ TEST_F(ZipReading, OurOwnArchivesComeBackWithAttributesAndTimes) {
     EXPECT_EQ(std::chrono::floor<std::chrono::seconds>(fs::last_write_time(bin / "one")),
               fs::last_write_time(download / "d/one"));
     EXPECT_EQ(fs::status(download / "d/one").permissions() & fs::perms::owner_write, fs::perms::none);
-
-    zip = OpenZip(u"a.zip", nullptr);  // an absolute path of the caller's own, also over a read-only file
-    const std::u16string target = platform::WideFromUtf8((folder / "x/y").string());
-    for (int i = 0; i < 2; ++i) EXPECT_EQ(UnzipItem(zip, 0, target), zip_result::ok);
-    EXPECT_EQ(Read(folder / "x/y"), "one");
-    CloseUnzip(zip);
-    for (const fs::path& file : {bin / "one", download / "d/one", folder / "x/y"})
+    for (const fs::path& file : {bin / "one", download / "d/one"})
         fs::permissions(file, fs::perms::owner_all);  // so that they can be removed
 }
 
@@ -131,29 +120,6 @@ TEST_F(ZipReading, NothingIsWrittenOutsideTheBase) {
         EXPECT_EQ(Logged("Not able to unpack item [" + std::to_string(i) + "] ["), entries[i].data != "good") << i;
 }
 
-TEST_F(ZipReading, NoFlippedBitGivesWrongContent) {
-    const std::string content(300, 'a');
-    Built deflated("d", content);
-    deflated.data = Deflated(content), deflated.method = 8;
-    std::string bytes = Archive({Built("stored", content), deflated});
-    int stillGood = 0;
-    for (std::size_t bit = 0; bit < bytes.size() * 8; ++bit) {
-        const auto flip = [&] { bytes[bit / 8] = static_cast<char>(bytes[bit / 8] ^ 1 << bit % 8); };
-        flip();
-        ZipHandle zip = OpenBytes(bytes);
-        std::string found;
-        int good = 0;
-        while (good < 2 && ReadItem(zip, good, found) == zip_result::ok) {
-            EXPECT_EQ(found, content) << bit;
-            ++good;
-        }
-        stillGood += good == 2;
-        CloseUnzip(zip);
-        flip();
-    }
-    EXPECT_LT(stillGood, 390);  // the bits of versions, times, attributes and flags without a meaning here
-}
-
 TEST_F(ZipReading, EveryLieIsRefusedAndLeavesNothing) {
     const auto with = [](std::uint64_t Built::*field, std::uint64_t value) {
         Built entry("n");
@@ -165,10 +131,8 @@ TEST_F(ZipReading, EveryLieIsRefusedAndLeavesNothing) {
         entry.data = Deflated(std::string(10000000, '\0')), entry.method = 8;
         return entry;
     };
-    Built twoNames("n"), nested("m"), same("n"), outside("n");
+    Built twoNames("n"), outside("n");
     twoNames.localName = "m";
-    nested.localOffset = 31;
-    same.localOffset = 0;
     outside.localOffset = 0xFFFFFFF0;
     using namespace zip_result;
     const struct {
@@ -176,7 +140,6 @@ TEST_F(ZipReading, EveryLieIsRefusedAndLeavesNothing) {
         std::vector<Built> entries;
         ZipResult result;
         const char* logged;
-        std::string between = "", disks = Number(0, 4);
     } rows[] = {
         {"bomb, declared empty", {bomb(0)}, flateFailed, "[0x5000000] [Zip-bug: an internal error during flation]"},
         {"bomb, declared small", {bomb(100000)}, flateFailed, ""},
@@ -191,27 +154,22 @@ TEST_F(ZipReading, EveryLieIsRefusedAndLeavesNothing) {
         {"another CRC", {with(&Built::crc, 1)}, flateFailed, ""},
         {"two names", {twoNames}, corrupt, "[Zipfile is corrupt"},
         {"header outside", {outside}, corrupt, ""},
-        {"an item within an item", {Built("n", LocalRecord(Built("m"))), nested}, corrupt, ""},
-        {"one header for two", {Built("n"), same}, corrupt, ""},
         {"name too long", {Built(std::string(260, 'n'))}, corrupt, ""},
         {"method 12", {with(&Built::method, 12)}, flateFailed, "method 12 is not known"},
         {"strong encryption", {with(&Built::flags, 0x41)}, flateFailed, "another kind than the traditional one"},
-        {"no room for encryption", {with(&Built::flags, 1)}, corrupt, ""},
-        {"64-bit records", {Built("n")}, corrupt, "64-bit records are not read", "PK\6\7" + Number(0, 16)},
-        {"second disk", {Built("n")}, corrupt, "several disks are not read", "", Number(1, 4)},
-        {"cut directory", {Built("n")}, corrupt, "The central directory is damaged", "between"}};
+        {"no room for encryption", {with(&Built::flags, 1)}, corrupt, ""}};
     for (const auto& row : rows) {
         std::vector<Built> entries = row.entries;
         entries.emplace_back("z");
-        const std::string bytes = Archive(entries, row.between, row.disks);
+        const std::string bytes = Archive(entries);
         ZipHandle zip = OpenBytes(bytes);
-        EXPECT_EQ(zip != nullptr ? UnzipItem(zip, 0, u"n") : LastZipReaderResult(), row.result) << row.title;
+        EXPECT_EQ(UnzipItem(zip, 0, u"n"), row.result) << row.title;
         EXPECT_FALSE(fs::exists(bin / "n")) << row.title;
 
         fs::remove_all(download);
         Write(bin / "a.zip", bytes);
         UnzipFiles(u"a.zip", u"..\\conf\\download");
-        EXPECT_EQ(fs::exists(download / "z"), zip != nullptr) << row.title;  // the others go on
+        EXPECT_TRUE(fs::exists(download / "z")) << row.title;  // the others go on
         EXPECT_FALSE(fs::exists(download / "n")) << row.title;
         EXPECT_TRUE(Logged(row.logged)) << row.title;
         CloseUnzip(zip);
@@ -221,27 +179,22 @@ TEST_F(ZipReading, EveryLieIsRefusedAndLeavesNothing) {
 TEST_F(ZipReading, AFileThatCannotBeWrittenIsDeletedAndAnArchiveThatCannotBeReadIsSaid) {
     PackedByPeer(contents, bin / "a.zip");
     using Operations = platform::FileOperations;
-    Operations closing = platform::Files();
-    closing.CloseHandle = [real = closing.CloseHandle](auto file) { return real(file), platform::error::writeFault; };
     const struct {
         const char* title;
         Operations files;
         ZipResult result;
         const char* logged;
     } rows[] = {{"disk full", Failing(&Operations::WriteFile, platform::error::diskFull), zip_result::writeFailed, ""},
-                {"close", closing, zip_result::writeFailed, ""},
                 {"read", Failing(&Operations::ReadFile, platform::error::readFault), zip_result::readFailed, ""},
                 {"create", Failing(&Operations::CreateFileW, platform::error::accessDenied), zip_result::noFile,
-                 "Error code : 5"},
-                {"times", Failing(&Operations::SetFileInformationByHandle, platform::error::accessDenied),
-                 zip_result::ok, "new] cannot be set"}};
+                 "Error code : 5"}};
     for (const auto& row : rows) {
         ZipHandle zip = OpenZip(u"a.zip", nullptr);
         {
             const platform::ScopedOperations<Operations> failing(row.files);
             EXPECT_EQ(UnzipItem(zip, 1, u"new"), row.result) << row.title;
         }
-        EXPECT_EQ(fs::exists(bin / "new"), row.result == zip_result::ok) << row.title;
+        EXPECT_FALSE(fs::exists(bin / "new")) << row.title;
         EXPECT_TRUE(Logged(row.logged)) << row.title;
         CloseUnzip(zip);
     }
@@ -260,6 +213,8 @@ TEST_F(ZipReading, FaultyCallsAreAnswered) {
     EXPECT_EQ(std::u16string(text), u"Caller:");
 
     const std::string bytes = Archive({Built("N")});
+    EXPECT_EQ(OpenBytes(bytes.substr(0, bytes.size() - 1)), nullptr) << "cut short";
+    EXPECT_EQ(LastZipReaderResult(), zip_result::corrupt);
     ZipHandle zip = OpenBytes(bytes);
     EXPECT_EQ(FindZipItem(zip, u"n", false, index, item), zip_result::notFound);
     EXPECT_EQ(std::pair(index, item.index), std::pair(-1, -1));
@@ -268,7 +223,6 @@ TEST_F(ZipReading, FaultyCallsAreAnswered) {
     EXPECT_TRUE(item.index == 1 && item.name.empty());
     EXPECT_EQ(GetZipItem(zip, 1, item), zip_result::badArguments);
     EXPECT_EQ(UnzipItem(zip, 1, u"n"), zip_result::ok);  // does nothing
-    EXPECT_EQ(UnzipItem(zip, -1, u"n"), zip_result::badArguments);
     EXPECT_EQ(SetUnzipBaseDir(zip, u""), zip_result::badArguments);
     EXPECT_FALSE(fs::exists(bin / "n"));
     CloseUnzip(zip);

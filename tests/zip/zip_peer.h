@@ -22,7 +22,7 @@ inline std::string Noise(std::size_t size) {
 /// Every file of an archive. Throws, or fails the test, where the archive is at fault.
 Files UnpackedByPeer(const std::string& bytes);
 
-/// Makes an archive, and gives its bytes. With a password on Linux only.
-std::string PackedByPeer(const Files& contents, const std::filesystem::path& path, const char* password = nullptr);
+/// Makes an archive, and gives its bytes.
+std::string PackedByPeer(const Files& contents, const std::filesystem::path& path);
 
 }  // namespace kv::test

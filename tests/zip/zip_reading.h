@@ -2,10 +2,7 @@
 #pragma once
 
 #include <algorithm>
-#include <gtest/gtest.h>
 #include <optional>
-#include <string>
-#include <vector>
 #include <zlib.h>
 
 #include "tests/support/test_agent.h"
@@ -52,9 +49,7 @@ inline std::string LocalRecord(const Built& entry) {
            entry.data;
 }
 
-/// `between` stands before the end record.
-inline std::string Archive(const std::vector<Built>& entries, const std::string& between = "",
-                           const std::string& disks = Number(0, 4)) {
+inline std::string Archive(const std::vector<Built>& entries) {
     std::string bytes, directory;
     for (const Built& entry : entries) {
         const std::size_t own = bytes.size();
@@ -63,7 +58,7 @@ inline std::string Archive(const std::vector<Built>& entries, const std::string&
                      std::string(6, '\0') + Number(entry.attributes, 4) + Number(entry.localOffset.value_or(own), 4) +
                      entry.name + entry.centralExtra;
     }
-    return bytes + directory + between + "PK\5\6" + disks + Number(entries.size(), 2) + Number(entries.size(), 2) +
+    return bytes + directory + "PK\5\6" + Number(0, 4) + Number(entries.size(), 2) + Number(entries.size(), 2) +
            Number(directory.size(), 4) + Number(bytes.size(), 4) + Number(0, 2);
 }
 

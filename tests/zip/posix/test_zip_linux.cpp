@@ -29,30 +29,24 @@ TEST_F(ZipReading, NoLinkLeadsOutsideTheBase) {
 
 TEST_F(ZipReading, EncryptedItemsNeedTheirPassword) {
     contents["stored.gz"] = "stored";
-    for (const char* secret : {"secret", static_cast<const char*>(nullptr)}) {
-        ZipHandle own = CreateZip(secret != nullptr ? u"own.zip" : u"open.zip", secret);
+    ZipHandle own = CreateZip(u"own.zip", "secret");
+    for (const auto& [name, content] : contents)
+        EXPECT_EQ(AddMemoryToZip(own, platform::WideFromUtf8(name), content.data(), content.size()), zip_result::ok);
+    EXPECT_EQ(CloseZip(own), zip_result::ok);
+    EXPECT_EQ(std::system("unzip -tqq -P secret own.zip"), 0);
+    const std::string bytes = Read(bin / "own.zip");
+    for (const std::string password : {"secret", "Secret"}) {
+        ZipHandle zip = OpenBytes(bytes, password.c_str());
+        std::int32_t index = 0;
         for (const auto& [name, content] : contents) {
-            Write(bin / "one", content);
-            EXPECT_EQ(AddFileToZip(own, platform::WideFromUtf8(name), u"one"), zip_result::ok);
+            std::string found;
+            const bool right = ReadItem(zip, index++, found) == zip_result::ok && found == content;
+            EXPECT_EQ(right, password == "secret") << name;
         }
-        EXPECT_EQ(CloseZip(own), zip_result::ok);
+        CloseUnzip(zip);
     }
-    EXPECT_EQ(std::system("unzip -tqq open.zip && unzip -tqq -P secret own.zip"), 0);
-    EXPECT_NE(std::system("unzip -tqq -P other own.zip >other.log 2>&1"), 0);
-    for (const std::string& bytes : {PackedByPeer(contents, bin / "a.zip", "secret"), Read(bin / "own.zip")}) {
-        for (const std::string password : {"secret", "Secret"}) {
-            ZipHandle zip = OpenBytes(bytes, password.c_str());
-            std::int32_t index = 0;
-            for (const auto& [name, content] : contents) {
-                std::string found;
-                const bool right = ReadItem(zip, index++, found) == zip_result::ok && found == content;
-                EXPECT_EQ(right, password == "secret") << name;
-            }
-            CloseUnzip(zip);
-        }
-    }
-    UnzipFiles(u"a.zip", u"..\\conf\\download");
-    EXPECT_TRUE(Logged("[d/e/small] of [a.zip]. Error is [0x1000] [unknown zip result code]"));
+    UnzipFiles(u"own.zip", u"..\\conf\\download");
+    EXPECT_TRUE(Logged("[d/e/small] of [own.zip]. Error is [0x1000] [unknown zip result code]"));
 }
 
 }  // namespace kv::test

@@ -14,12 +14,11 @@ Files UnpackedByPeer(const std::string& bytes) {
     return files;
 }
 
-std::string PackedByPeer(const Files& contents, const std::filesystem::path& path, const char* password) {
+std::string PackedByPeer(const Files& contents, const std::filesystem::path& path) {
     zip_t* archive = zip_open(path.c_str(), ZIP_CREATE | ZIP_TRUNCATE, nullptr);
     for (const auto& [name, content] : contents) {
         zip_source_t* source = zip_source_buffer(archive, content.data(), content.size(), 0);
-        const auto index = static_cast<zip_uint64_t>(zip_file_add(archive, name.c_str(), source, 0));
-        if (password != nullptr) zip_file_set_encryption(archive, index, ZIP_EM_TRAD_PKWARE, password);
+        zip_file_add(archive, name.c_str(), source, 0);
     }
     EXPECT_EQ(zip_close(archive), 0);
     return TestAgent::Read(path);

@@ -24,8 +24,8 @@ Files UnpackedByPeer(const std::string& bytes) {
     return files;
 }
 
-std::string PackedByPeer(const Files& contents, const std::filesystem::path& path, const char* password) {
-    ZipHandle zip = CreateZip(path.u16string(), password);
+std::string PackedByPeer(const Files& contents, const std::filesystem::path& path) {
+    ZipHandle zip = CreateZip(path.u16string(), nullptr);
     for (const auto& [name, content] : contents)
         EXPECT_EQ(AddMemoryToZip(zip, platform::WideFromUtf8(name), content.data(), content.size()), zip_result::ok);
     EXPECT_EQ(CloseZip(zip), zip_result::ok);
