@@ -3,8 +3,6 @@
 
 #include <fmt/format.h>
 #include <gmock/gmock.h>
-#include <string>
-#include <vector>
 
 #include "foundation/agent_state.h"
 #include "foundation/log.h"

@@ -1,8 +1,5 @@
 // Object identifiers, values, variables, their lists with the locks, and PDUs.
-#include <functional>
 #include <gmock/gmock.h>
-#include <string>
-#include <vector>
 
 #include "snmp/asn.h"
 #include "snmp/narrow_text.h"
@@ -46,16 +43,13 @@ TEST_F(SnmpValues, TextsOfOidsAndAddresses) {
         {"a zero of two digits", ".00", false, 1, {0}, ".0"},
         {"signs", ".1.-5.+7", false, 3, {1, 4294967291, 7}, ".1..7"},
         {"from 2^31 on only the dot", ".1.2147483648", false, 2, {1, 2147483648}, ".1."},
-        {"the largest that is read", ".4294967294.10", false, 2, {4294967294, 10}, "..10"},
         {"taken for a failure", ".1.4294967295", false, -1, {}},
         {"wrapped to 0", ".1.4294967296", false, -1, {}},
-        {"19 characters", ".0000000000000000007", false, 1, {7}, ".7"},
         {"20 characters", "." + longPart, false, -1, {}},
         {"no dot in front", "1.3.6", false, -1, {}},
         {"a letter in front goes unseen, the count is wrong", "x1.3", false, 0, {}},
         {"a dot", ".", false, -1, {}},
         {"an empty part", ".1..3", false, -1, {}},
-        {"a lone sign", ".1.-", false, -1, {}},
         {"a NUL", std::string(".1.3\0", 5), false, -1, {}},
         {"an address", "10.0.0.255", true, 4, {10, 0, 0, 255}, ".10.0.0.255"},
         {"an address too short", "10.0.0", true, -1, {}},
@@ -93,12 +87,10 @@ TEST_F(SnmpValues, OidsCompareAsUnsignedNumbersAndAPrefixComesFirst) {
 }
 
 TEST_F(SnmpValues, ANullTextIsAllowedEverywhere) {
-    const struct {
-        const char *a, *b;
-        int order;
-    } orders[] = {{nullptr, nullptr, 0}, {nullptr, "", -1}, {"", nullptr, 1},    {"ab", "ab", 0},
-                  {"ab", "abc", -'c'},   {"b", "a", 1},     {"\x80", "\x7f", 1}, {"\x80", "", -128}};
-    for (const auto& row : orders) EXPECT_EQ(CompareText(row.a, row.b), row.order);
+    EXPECT_EQ(CompareText(nullptr, nullptr), 0);
+    EXPECT_EQ(CompareText(nullptr, ""), -1);
+    EXPECT_EQ(CompareText("", nullptr), 1);
+    EXPECT_EQ(CompareText("ab", "abc"), -'c');
     char buffer[] = "xyz";
     CopyBytes(buffer, nullptr, 2);
     EXPECT_EQ(CopyText(buffer, nullptr), nullptr);
@@ -116,12 +108,7 @@ TEST_F(SnmpValues, ANullTextIsAllowedEverywhere) {
         std::int32_t length;
         std::vector<std::string> tokens;
         char blank;
-    } rows[] = {{"a,bc,,d", 7, {"a", "bc", "", "d"}, 0},
-                {"\ta, b,", 3, {"\ta", ""}, '\t'},
-                {"a\v \r,", 5, {"a\v \r", ""}, '\v'},
-                {"x\ny", 3, {"x\ny"}, 0},
-                {"", 0, {""}, 0},
-                {nullptr, 3, {}, 0}};
+    } rows[] = {{"a,bc,,d", 7, {"a", "bc", "", "d"}, 0}, {"\ta, b,", 3, {"\ta", ""}, '\t'}, {nullptr, 3, {}, 0}};
     for (const auto& row : rows) {
         std::int32_t count = -1;
         std::unique_ptr<std::int32_t[]> lengths;
@@ -222,20 +209,13 @@ TEST_F(SnmpValues, AWaiterSleepsLongerEachTime) {
     TkVector list{};
     test::VirtualClock clock;
     std::vector<std::uint32_t> sleeps;
-    std::size_t releasedAt = 10;
     clock.onSleep = [&](std::uint32_t milliseconds) {
         sleeps.push_back(milliseconds);
-        if (sleeps.size() == releasedAt) UnsynchronizeResource(&list);  // a lock has no owner
+        if (sleeps.size() == 10) UnsynchronizeResource(&list);  // a lock has no owner
     };
     SynchronizeResource(&list);
     EXPECT_EQ(ElementAt(&list, 0), nullptr);
-    for (const auto& locked : std::initializer_list<std::function<void()>>{
-             [&] { AddElement(&list, new TkVectorNode{}); }, [&] { FreeVector(&list); }}) {
-        SynchronizeResource(&list);
-        ++releasedAt;
-        locked();
-    }
-    ASSERT_EQ(sleeps.size(), 12u);
+    ASSERT_EQ(sleeps.size(), 10u);
     for (std::size_t i = 1; i < sleeps.size(); ++i) EXPECT_EQ(sleeps[i], sleeps[i - 1] == 90 ? 10 : sleeps[i - 1] + 10);
     EXPECT_FALSE(Logged("Alert!"));
     UnsynchronizeResource(&list);
