@@ -1,6 +1,4 @@
 // File helpers on the real file backend; failures are ordered through the seam.
-#include <filesystem>
-#include <string>
 
 #include "foundation/file_utils.h"
 #include "platform/files.h"

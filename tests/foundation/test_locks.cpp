@@ -1,6 +1,5 @@
 // The table of locked addresses, and texts that are replaced under their readers.
 #include <atomic>
-#include <string>
 #include <thread>
 
 #include "foundation/published_text.h"
@@ -75,21 +74,6 @@ TEST_F(Locks, APooledThreadIsUsedAgainOnceItIsIdle) {
     EXPECT_EQ(pool[1].state, PooledThreadState::busy);
     EXPECT_EQ(CheckThreadPool_MSP(pool, 2, &index, 2), poolFull);
     EXPECT_EQ(CheckThreadPool_MSP(pool, 2, &index, 3), poolStart);
-}
-
-TEST_F(Locks, ALockKeepsThreadsApart) {
-    int counter = 0;  // plain: only the lock makes the sum right
-    const auto count = [&] {
-        for (int i = 0; i < 1000; ++i) {
-            const ResourceLock lock(&counter);
-            ++counter;
-        }
-    };
-    std::thread first(count);
-    std::thread second(count);
-    first.join();
-    second.join();
-    EXPECT_EQ(counter, 2000);
 }
 
 TEST(PublishedTexts, ReadersHoldWholeTexts) {

@@ -1,7 +1,5 @@
 // Text, time and Base64: pure helpers, driven by tables.
 #include <gtest/gtest.h>
-#include <string>
-#include <utility>
 
 #include "foundation/host_utils.h"
 #include "foundation/proxy_password.h"
@@ -9,6 +7,7 @@
 #include "foundation/text.h"
 #include "foundation/time_utils.h"
 #include "platform/backend.h"
+#include "platform/crypto.h"
 #include "platform/system_facts.h"
 #include "tests/support/virtual_clock.h"
 
@@ -139,6 +138,16 @@ TEST(Base64, DecodesAndRefuses) {
     for (const std::u16string text : {u"", u"a", u"ab", u"abc", u"\u00ff\u0000x", u"long enough for some groups"})
         EXPECT_TRUE(DecodeBase64(*EncodeBase64(text)) == text);
     EXPECT_EQ(EncodeBase64(u"\u0100"), std::nullopt);
+}
+
+TEST(Passphrase, WithoutAProviderTheTextStays) {
+    platform::CryptoOperations crypto;
+    crypto.CryptAcquireContextW = [](auto&&...) { return platform::error::notSupported; };
+    const platform::ScopedOperations scoped(crypto);
+    std::u16string out = u"before";
+    EXPECT_EQ(EncryptWithPassphrase(u"abc", out, u"key"), 1);
+    DecryptWithPassphrase(u"abc", out, u"key");
+    EXPECT_EQ(out, u"before");
 }
 
 }  // namespace
