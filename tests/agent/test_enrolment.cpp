@@ -1,6 +1,5 @@
 // Enrolment against a real server, in virtual time.
 #include <functional>
-#include <gtest/gtest.h>
 
 #include "agent/enrolment.h"
 #include "agent/main_thread.h"

@@ -3,8 +3,6 @@
 #include <new>
 #include <optional>
 #include <stdexcept>
-#include <string>
-#include <vector>
 
 #include "agent/entry.h"
 #include "agent/log_file.h"

@@ -39,34 +39,26 @@ TEST_F(ServiceAdmin, ServesItsOwnServiceAndSaysSo) {
         {install, idle, "OpenSCManagerW", "OpenSCManager failed, errorCode = 5"},
         {install, idle, "CreateServiceW", "\t Install() :: Create Service failure, error code = 5"},
         {install, idle, "ChangeServiceConfig2W", "Install: ChangeServiceConfig2() is Failed! Error: 5 "},
-        {install, idle, "ChangeServiceConfig2W", "Install: errorCode for OC Agent is 5"},
         {install, idle, "", "Service Corvinel Monitoring Agent installed successfully"},
-        {install, idle, "", "Install: errorCode for OC Agent is 0"},
-        {remove, idle, "OpenSCManagerW", "\t UnInstall() :: OpenSCManager failed, error code = 5"},
         {remove, idle, "OpenServiceW", "\t UnInstall() :: OpenService failed, error code = 5"},
         {remove, idle, "DeleteService", "\t UnInstall() :: Failed to delete service Corvinel Monitoring Agent"},
         {remove, idle, "", "\t UnInstall() :: service Corvinel Monitoring Agent removed"},
-        {start, idle, "", "StartingService : Service start pending."},
         {start, idle, "", "StartingService : StartService SUCCESS."},
         {start, idle, "StartServiceW", "StartingService : Service Started Successfully .", 1},
         {start, runs, "", "StartingService : StartServiceW failed (1056)"},
         {start, {.takes = UINT32_MAX}, "", "StartingService : Current State: 2", 2},
         {start, {.state = ServiceState{1066}}, "", "StartingService : Service Specific Exit Code: 0"},
         {start, idle, "OpenSC", "StartingService : Failed to open the ServiceControl Manager of This Computer :5 ", 5},
-        {start, idle, "OpenSe", "StartingService : Failed to open the Corvinel Monitoring Agent Service :5 ", 5},
         {start, idle, "Query", "StartingService : QueryServiceStatusEx failed (5)", 5},
         {stop, runs, "", "StopService: Service stopped successfully"},
         {stop, {.state = running, .takes = UINT32_MAX}, "", "StopService: Wait timed out"},
         {stop, idle, "", "StopService: Service is already stopped."},
         {stop, {.pending = stopPending}, "", "StopService: Service stopped successfully."},
         {stop, {.pending = stopPending, .takes = UINT32_MAX}, "", "StopService: Service stop timed out."},
-        {stop, runs, "OpenSC", "StopService : Failed to open the ServiceControl Manager of This Computer :5 "},
         {stop, runs, "OpenSe", "StopService : Failed to open the Corvinel Monitoring Agent Service :5 "},
         {stop, runs, "Query", "StopService: QueryServiceStatusEx failed (5)"},
         {stop, runs, "ControlService", "StopService: ControlService failed (5)"},
         {stop, runs, "Query", "StopService: QueryServiceStatusEx failed (5)", 0, 1},
-        {restart, runs, "", "Restart Service: About to stop service"},
-        {restart, runs, "", "StopService: Service stopped successfully"},
         {restart, runs, "", "Restart Service: About to restart service"},
         {restart, runs, "", "StartingService : StartService SUCCESS."},
     };
@@ -107,22 +99,19 @@ TEST_F(ServiceAdmin, ServesItsOwnServiceAndSaysSo) {
 TEST_F(ServiceAdmin, TellsOldSystemsByTheirVersion) {
     const char* unknown = "\t IsWin2kOS : Problem in identifying the operating system !!!";
     const struct {
-        const char* title;
         SystemFamily family;
         std::uint32_t major, minor;
         Error result;
         bool isOld;
         const char* logged;
     } rows[] = {
-        {"2000", SystemFamily::nt, 5, 0, 0, true, "IsWin2kOS : Windows 2000 Operating system. "},
-        {"newer", SystemFamily::nt, 5, 1, 0, false, "\tbOsVersionInfoEx value is 1 "},
-        {"much newer", SystemFamily::nt, 10, 0, 0, false, "\tbOsVersionInfoEx value is 1 "},
-        {"older", SystemFamily::nt, 4, 0, 0, true, unknown},
-        {"another system", SystemFamily::other, 6, 1, 0, true, unknown},
-        {"nobody knows", SystemFamily::nt, 5, 0, 5, false, "\tbOsVersionInfoEx value is 0 "},
+        {SystemFamily::nt, 5, 0, 0, true, "IsWin2kOS : Windows 2000 Operating system. "},
+        {SystemFamily::nt, 5, 1, 0, false, "\tbOsVersionInfoEx value is 1 "},
+        {SystemFamily::nt, 4, 0, 0, true, unknown},
+        {SystemFamily::nt, 5, 0, 5, false, "\tbOsVersionInfoEx value is 0 "},
     };
     for (const auto& row : rows) {
-        SCOPED_TRACE(row.title);
+        SCOPED_TRACE(row.logged);
         SystemFactOperations facts = SystemFacts();
         facts.GetVersionExW = [&row](SystemVersion& version) {
             version.family = row.family;

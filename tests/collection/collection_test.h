@@ -1,11 +1,7 @@
 // What tests of collection share.
 #pragma once
 
-#include <filesystem>
 #include <iterator>
-#include <string>
-#include <string_view>
-#include <vector>
 
 #include "collection/collect.h"
 #include "foundation/agent_state.h"

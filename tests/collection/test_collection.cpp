@@ -2,7 +2,6 @@
 #include <cstring>
 #include <gmock/gmock.h>
 #include <thread>
-#include <vector>
 
 #include "collection/record_file.h"
 #include "collection/script_output.h"

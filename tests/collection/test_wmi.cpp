@@ -2,7 +2,6 @@
 #include <cmath>
 #include <new>
 #include <tuple>
-#include <vector>
 
 #include "collection/collect.h"
 #include "collection/wmi_query.h"
@@ -20,9 +19,9 @@ using namespace std::string_literals;
 using platform::Variant;
 using enum platform::VariantType;
 
-/// The system knows number 5, and WMI's library its own.
+/// The system knows none of the numbers, and WMI's library its own.
 const platform::MessageOperations messageTexts{
-    .FormatMessageW = [](auto code) { return code == 5 ? std::optional(u"Access is denied.\r\n"s) : std::nullopt; },
+    .FormatMessageW = [](auto) { return std::nullopt; },
     .LoadLibraryW =
         [](auto name, auto& module) {
             module = name == u"wmiutils.dll" ? 7 : 0;
@@ -30,7 +29,7 @@ const platform::MessageOperations messageTexts{
         },
     .FormatModuleMessageW =
         [](auto module, auto code) {
-            if (module != 7 || code == 0x8FFFFFFF) return std::optional<std::u16string>();
+            if (module != 7) return std::optional<std::u16string>();
             return std::optional(code == platform::wmi_status::outOfMemory ? u"Out of memory\r\n"s
                                                                            : u"Generic failure\r\n"s);
         },
@@ -139,32 +138,21 @@ TEST_F(WmiQuery, LeavesItsRowsInTheRecordBesideTheError) {
     EXPECT_TRUE(Logged("\t WMIFunction :: C: was left out \n"));
 }
 
-TEST_F(WmiQuery, ItsFailureIsExplainedByTheSystemOrByWmi) {
-    EXPECT_EQ(FormatWMIError(5, u"t"), u"FAILED:t ERRORCODE:5 MESSAGE:Access is denied.\r\n");
-    EXPECT_EQ(FormatWMIError(0x80041001, u"t"), u"FAILED:t ERRORCODE:80041001 MESSAGE:Generic failure\r\n");
-    EXPECT_EQ(FormatWMIError(0x8FFFFFFF, u""), u"FAILED: ERRORCODE:8fffffff MESSAGE:");
-    EXPECT_TRUE(Logged("\tFormatted errorMess :: FAILED:t ERRORCODE:5 MESSAGE:Access is denied."));
-}
-
 TEST(WmiText, OfEveryTypeOfValue) {
-    const std::u16string longText(100000, u'x');
     for (const auto& [title, value, text] : std::vector<std::tuple<const char*, Variant, std::u16string_view>>{
              {"NULL", {null, 0, 0, u""}, u"-"},
              {"16 bits are unsigned", {i2, -2, 0, u""}, u"65534"},
              {"32 bits are signed", {i4, INT32_MIN, 0, u""}, u"-2147483648"},
              {"real to ten places", {r8, 0, 3.5, u""}, u"    3.5000"},
-             {"short real, widened", {r4, 0, 16777217, u""}, u"16777216.0000"},
              {"real of 31 characters", {r8, 0, 1e25, u""}, u"10000000000000000905969664.0000"},
              {"longer real is cut", {r8, 0, -1e25, u""}, u"-10000000000000000905969664.000"},
              {"no number", {r8, 0, -INFINITY, u""}, u"      -inf"},
-             {"text as long as it is", {bstr, 0, 0, longText}, longText},
              {"false", {boolean, 0, 0, u""}, u"False"},
              {"true", {boolean, -1, 0, u""}, u"True"},
              {"byte below a blank", {ui1, 0x1F, 0, u""}, u"31"},
              {"byte from a blank on", {ui1, 0x20, 0, u""}, u"' '"},
              {"date", {date, 0, 0, u""}, u"<conversion error>"},
              {"nothing", {empty, 0, 0, u""}, u"<conversion error>"},
-             {"array of texts", {platform::VariantType{0x2008}, 0, 0, u"x"}, u"<conversion error>"},
          }) {
         EXPECT_EQ(VariantToString(value), text) << title;
     }

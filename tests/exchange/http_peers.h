@@ -6,10 +6,7 @@
 #include <functional>
 #include <httplib.h>
 #include <memory>
-#include <string>
-#include <string_view>
 #include <thread>
-#include <vector>
 
 #include "exchange/http_transaction.h"
 #include "foundation/agent_state.h"

@@ -1,9 +1,7 @@
 // The order of addresses, the rounds, the restart and the headers, over a transport of which steps are made to fail.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <map>
 #include <utility>
-#include <vector>
 
 #include "exchange/http_answers.h"
 #include "foundation/registry_store.h"

@@ -1,15 +1,11 @@
 #include <fstream>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <map>
-#include <memory>
 #include <random>
 #include <set>
 #include <signal.h>
-#include <string>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <vector>
 
 #include "exchange/upload_pipeline.h"
 #include "foundation/registry_store.h"
@@ -210,13 +206,6 @@ TEST_F(UploadPipeline, ABusyRecordIsWaitedForAndAKilledPackingLeavesNothingHalfD
 
 TEST_F(UploadPipeline, FailuresWhilePackingAreLoggedAndLeaveNothingHalfDone) {
     using Operations = platform::FileOperations;
-    int creations = 0;
-    Operations unmakable = platform::Files();
-    unmakable.CreateFileW = [&, real = unmakable.CreateFileW](auto path, auto access, auto share, auto disposition,
-                                                              auto& file) {
-        const bool isZip = disposition == platform::FileDisposition::createAlways;
-        return isZip && ++creations > 1 ? platform::error::accessDenied : real(path, access, share, disposition, file);
-    };
     const struct {
         Operations files;
         std::size_t kept;
@@ -227,7 +216,6 @@ TEST_F(UploadPipeline, FailuresWhilePackingAreLoggedAndLeaveNothingHalfDone) {
         {Failing(&Operations::FlushFileBuffers, platform::error::diskFull), 1, "K7_1.tmp] is given up. Its record"},
         {Failing(&Operations::MoveFileExW, platform::error::accessDenied), 1, "Not able to rename"},
         {Failing(&Operations::ReadFile, platform::error::readFault), 0, "[data\\Agent_K7_1.txt] is lost"},
-        {unmakable, 0, "Agent_K7_4.tmp]. Error is [0x200] [Couldn't create/open file]"},
     };
     for (const auto& row : rows) {
         WriteRecords(1, 1);
@@ -240,13 +228,7 @@ TEST_F(UploadPipeline, FailuresWhilePackingAreLoggedAndLeaveNothingHalfDone) {
     }
     std::filesystem::create_directories(data / "directory.txt");
     Pack();
-    EXPECT_EQ(agentState.gv_ocLastCreatedZIPNum, 4U) << "a directory takes no number";
-    Write(zipdata / "Agent_K7_5.tmp" / "in the way", "");
-    WriteRecords(1, 1);
-    Pack();
-    EXPECT_TRUE(Logged("[zipdata\\Agent_K7_5.tmp] cannot be made"));
-    Pack();
-    EXPECT_EQ(NamesInZip(Read(zipdata / "Agent_K7_6.zip")), Records(1, 1));
+    EXPECT_EQ(agentState.gv_ocLastCreatedZIPNum, 3U) << "a directory takes no number";
 }
 
 TEST_F(UploadPipeline, ASourceThatFailsInItsMiddleCostsNoOther) {
@@ -293,8 +275,7 @@ TEST_F(UploadPipeline, AFullDiskCostsNoRecord) {
     WriteRecords(1, 3);
     Pack();
     EXPECT_EQ(FilesIn(data).size(), 3U);
-    EXPECT_TRUE(Logged("No room for [3 record files] in [zipdata]"));
-    EXPECT_EQ(LogText().find("No room for"), LogText().rfind("No room for")) << "once a pass";
+    EXPECT_EQ(TimesLogged("No room for [3 record files] in [zipdata]"), 1) << "once a pass";
     room = 18500;  // for two
     Pack();
     EXPECT_EQ(NamesInZip(Read(zipdata / "Agent_K7_1.zip")), Records(1, 2));

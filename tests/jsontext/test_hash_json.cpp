@@ -1,6 +1,5 @@
 // JSON text: what is read, what is refused and in which words, and how it is written.
 #include <memory>
-#include <vector>
 
 #include "foundation/file_utils.h"
 #include "jsontext/hash_json.h"
@@ -34,9 +33,7 @@ TEST_F(Json, ReadsWhatTheParserTakesAndWritesItsOwnForm) {
     };
     for (const Row& row : std::vector<Row>{
              {"members from last to first", u"{\"a\":1,\"b\":\"x\",\"c\":[]}", R"({ "c": [ ], "b": "x", "a": 1 })"},
-             {"nested", u"{\"a\":[1,{\"b\":[2,3],\"c\":{}}]}", R"({ "a": [ 1, { "c": { }, "b": [ 2, 3 ] } ] })"},
              {"key given twice moves to the end", u"{\"a\":1,\"b\":2,\"a\":3}", R"({ "a": 3, "b": 2 })"},
-             {"key given thrice, last is null", u"{\"a\":1,\"b\":2,\"a\":3,\"a\":null}", R"({ "b": 2 })"},
              {"null is left out", u"{\"a\":null,\"b\":[null,1,NULL]}", R"({ "b": [ 1 ] })"},
              {"words in any case", u"{\"a\":TRUE,\"b\":False}", R"({ "b": false, "a": true })"},
              {"doubles are cut", u"{\"a\":1.5,\"b\":-2.99,\"c\":1e3}",
@@ -92,12 +89,9 @@ TEST_F(Json, RefusesInTheParsersWords) {
     for (const Row& row : std::vector<Row>{
              {u"", "unexpected end of data at offset 0 (line 1)"},
              {u"{\n\"\u20ac\": [1,\n", "unexpected end of data at offset 11 (line 3)"},
-             {u"{\"a\":\"\\u00e9", "unexpected end of data at offset 12 (line 1)"},
              {std::u16string(u"{\"a\0\":1}", 8), "unexpected end of data at offset 4 (line 1)"},
-             {u"{/* no end", "unexpected end of data at offset 10 (line 1)"},
              {u"{\"\u20ac\":nil}", "null expected at offset 6 (line 1)"},
              {u"{\"a\":[1 2]}", "array value separator ',' expected at offset 8 (line 1)"},
-             {u"{a:1}", "quoted object property name expected at offset 1 (line 1)"},
              {u"{\"a\":1 \"b\":2}", "object value separator ',' expected at offset 7 (line 1)"},
              {u"{\"a\":\"\\u20ac\\u00g0\"}", "invalid string sequence at offset 16 (line 1)"},
              {u"[1]", "the top level is not an object"},
@@ -105,7 +99,6 @@ TEST_F(Json, RefusesInTheParsersWords) {
              {huge, "an object has more than 10000 members"},  // before the parser sees any of it
              {repeated(u"{}", 249'999), "the document has too many values for the memory"},
              {repeated(u",", 1'200'001), "the document has too many values for the memory"},
-             {nested(32), "nesting to deep at offset 36 (line 1)"},
              {nested(100000), "nesting to deep at offset 36 (line 1)"},
          }) {
         SCOPED_TRACE(platform::Utf8FromWide(row.document.substr(0, 60)));
@@ -158,7 +151,6 @@ TEST_F(Json, TellsTheEncodingOfAFile) {
               "f.txt: the file is UTF-16 with the high byte first; UTF-16LE or UTF-8 is expected"},
              {"Latin-1", "{\"a\":\"\xE9\"}", "f.txt: the file is neither UTF-16LE nor UTF-8"},
              {"empty", "", "f.txt: unexpected end of data at offset 0 (line 1)"},
-             {"cut short", wide(document).substr(0, 10), "f.txt: unexpected end of data at offset 5 (line 1)"},
          }) {
         SCOPED_TRACE(row.title);
         Write(bin / "f.txt", row.bytes);

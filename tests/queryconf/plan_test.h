@@ -2,9 +2,7 @@
 #pragma once
 
 #include <optional>
-#include <string>
 #include <utility>
-#include <vector>
 
 #include "foundation/agent_state.h"
 #include "foundation/file_utils.h"

@@ -6,7 +6,6 @@
 #include "foundation/log.h"
 #include "platform/files.h"
 #include "queryconf/config_reload.h"
-#include "queryconf/query_config.h"
 #include "tests/queryconf/plan_test.h"
 
 namespace kv::test {
@@ -79,7 +78,6 @@ TEST_F(ConfigReload, TheFilesAndTheTableAfterEachOutcome) {
     for (const Row& row : std::vector<Row>{
              {"own, in another case", "oWN", own, sound, "", "new", "live", gone, "new"},
              {"a slave's", "S", ofS, sound, "S", "new", "live", gone, "new"},
-             {"a slave's, its key in another case", "s", ofS, sound, "S", "new", "live", gone, "new"},
              {"an empty list", "Own", "{\"WorkFlows\":[]}", sound, "", "{\"WorkFlows\":[]}", "live", gone, "-"},
              {"one that cannot be read now", "Own", own, Failing(&Files::CreateFileW, tooManyOpenFiles), "", "live",
               "old", waits, "live", "queryconf.txt waits for the next call"},
@@ -95,14 +93,10 @@ TEST_F(ConfigReload, TheFilesAndTheTableAfterEachOutcome) {
              {"nothing that can run", "Own", R"({"WorkFlows":[{"interval":"5","recordSetName":[]}]})", sound, "",
               "live", "old", refused, "live",
               "no workflow of WorkFlows can run: the last has an interval that is not a number"},
-             {"for a key that is a file's name", "queryconf.txt.new", own, sound, "", "live", "old", waits, "live",
-              "can name no directory"},
              {"for a key that climbs", "..\\..\\S", ofS, sound, "", "live", "old", waits, "live",
               "..\\..\\S can name no directory"},
              {"no backup can be made", "Own", own, Failing(&Files::CopyFileW, diskFull), "", "new", "old", gone, "new",
               "cannot be copied to ..\\conf\\backup\\queryconf.txt. Error is [112]"},
-             {"nothing can be renamed", "Own", own, Failing(&Files::MoveFileExW, accessDenied), "", "live", "old",
-              waits, "live", "..\\conf\\queryconf.txt, which stays. Error is [5]"},
              {"the disk is full", "Own", own, Failing(&Files::FlushFileBuffers, diskFull), "", "live", "live", waits,
               "live", "which stays. Error is [112]"},
          }) {

@@ -1,13 +1,10 @@
 // Which plan stands after loading: own and slave files, backups, reloads, and files that are not what they should be.
-#include <optional>
 #include <regex>
-#include <vector>
 
 #include "foundation/open_file.h"
 #include "jsontext/hash_json.h"
 #include "platform/files.h"
 #include "queryconf/config_reload.h"
-#include "queryconf/query_config.h"
 #include "tests/queryconf/plan_test.h"
 #include "tests/support/virtual_clock.h"
 

@@ -4,7 +4,6 @@
 #include <map>
 #include <new>
 #include <thread>
-#include <vector>
 
 #include "foundation/agent_state.h"
 #include "foundation/log.h"
@@ -46,13 +45,6 @@ class Scheduler : public TestAgent {
     void RunFor(std::int64_t duration) {
         clock.endMilliseconds = clock.nowMilliseconds() + duration * 1000;
         EXPECT_THROW(TimerThread(nullptr), TimeIsUp);
-    }
-
-    std::size_t LinesWith(std::string_view text) const {
-        const std::string log = LogText();
-        std::size_t count = 0;
-        for (std::size_t at = log.find(text); at != log.npos; at = log.find(text, at + 1)) ++count;
-        return count;
     }
 
     VirtualClock clock;
@@ -166,19 +158,19 @@ TEST_F(Scheduler, SchedulesEveryWorkflowThatCanRun) {
         const platform::ScopedOperations scoped(threads);
         scheduleQueryHashData();
     }
-    EXPECT_EQ(LinesWith("scheduleQueryHashData :: ended early"), 1u);
+    EXPECT_EQ(TimesLogged("scheduleQueryHashData :: ended early"), 1);
     RunFor(301);
     const std::string run = "CollectAndSaveData :: queryInfo: { \"recordSetName\": [ ], \"interval\": ";
-    EXPECT_EQ(LinesWith(run + "5 "), 2u);
-    EXPECT_EQ(LinesWith(run + "1 "), 6u);
-    EXPECT_EQ(LinesWith(run), 9u);
-    EXPECT_EQ(LinesWith("below 1: it is not scheduled"), 1u);
+    EXPECT_EQ(TimesLogged(run + "5 "), 2);
+    EXPECT_EQ(TimesLogged(run + "1 "), 6);
+    EXPECT_EQ(TimesLogged(run), 9);
+    EXPECT_EQ(TimesLogged("below 1: it is not scheduled"), 1);
     FreeAllHashTable(std::exchange(agentState.gv_queryConfHash, MakeHashTable().release()));
     ASSERT_TRUE(JSONTextToHash(agentState.gv_queryConfHash, u"{\"WorkFlows\":[]}").ok);
     ReloadAndScheduleQueryData();
     EXPECT_EQ(agentState.gv_sortVec->count, 0);
     RunFor(301);
-    EXPECT_EQ(LinesWith(run), 9u);
+    EXPECT_EQ(TimesLogged(run), 9);
 }
 
 TEST_F(Scheduler, HundredsOfReloadsWhileCollectingAreSafe) {
@@ -224,8 +216,8 @@ TEST_F(Scheduler, HundredsOfReloadsWhileCollectingAreSafe) {
     timer.join();
     EXPECT_GE(ran, 150);
     EXPECT_EQ(agentState.gv_sortVec->count, workflows);
-    EXPECT_EQ(LinesWith("no workflow stands at index"), 0u);
-    EXPECT_EQ(LinesWith("scheduled successfully..."), 300u);
+    EXPECT_EQ(TimesLogged("no workflow stands at index"), 0);
+    EXPECT_EQ(TimesLogged("scheduled successfully..."), 300);
 }
 
 }  // namespace

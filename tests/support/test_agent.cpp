@@ -55,6 +55,13 @@ TestAgent::~TestAgent() {
 
 std::string TestAgent::LogText() const { return ReadText(folder / "monitoring" / "logs" / "agent.log"); }
 
+int TestAgent::TimesLogged(std::string_view text, std::size_t from) const {
+    const std::string log = LogText();
+    int times = 0;
+    for (std::size_t at = from; (at = log.find(text, at)) != log.npos; ++at) ++times;
+    return times;
+}
+
 std::string TestAgent::ReadText(const fs::path& path) {
     std::string text = Read(path);
     for (std::size_t at = 0; (at = text.find(fileLineEnd, at)) != text.npos; ++at)

@@ -36,6 +36,8 @@ class TestAgent : public ::testing::Test {
     /// Everything logged so far, UTF-8.
     std::string LogText() const;
     bool Logged(std::string_view text) const { return LogText().find(text) != std::string::npos; }
+    /// How often a text stands in the log, from some place in it on.
+    int TimesLogged(std::string_view text, std::size_t from = 0) const;
 
     /// The current file operations, of which one fails.
     template <class Operation>

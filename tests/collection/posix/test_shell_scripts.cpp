@@ -1,7 +1,4 @@
 // Collection by scripts of the shell.
-#include <fstream>
-#include <iterator>
-
 #include "platform/clock.h"
 #include "platform/process.h"
 #include "tests/collection/collection_test.h"
@@ -17,15 +14,6 @@ TEST_F(Collection, WhatAShellPrintsBecomesARecordWhateverTheEnd) {
         {"a child left behind", "(sleep 1; echo late) & echo done", "done\n", "left behind goes on writing"},
     });
     EXPECT_EQ(DataFiles(), 4) << "nothing but the records is left";
-}
-
-TEST_F(Collection, AHundredMegabytesBecomeOneRecord) {
-    WriteScript("big.bat", "head -c 104857599 /dev/zero | tr '\\0' x; printf '\\303'; printf '\\251'");
-    ExecuteScript(u"big.bat", u"", u"true");
-    ASSERT_EQ(fs::file_size(data / "Agent_K_1.txt"), 2 * 104857600u);
-    std::ifstream record(data / "Agent_K_1.txt");
-    record.seekg(-4, std::ios::end);
-    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(record), {}), std::string("x\0\xE9\0", 4));
 }
 
 TEST_F(Collection, AScriptThatIgnoresTheSignalsIsEndedAtTheLimit) {

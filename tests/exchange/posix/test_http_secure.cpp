@@ -4,12 +4,9 @@
 #include <chrono>
 #include <cstdlib>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <memory>
 #include <openssl/evp.h>
 #include <openssl/x509.h>
 #include <sys/socket.h>
-#include <thread>
 
 #include "platform/http.h"
 #include "tests/exchange/http_peers.h"
