@@ -187,11 +187,19 @@ TEST_F(HttpTransport, WhatCannotBeAskedForIsRefused) {
     platform::HttpHandle session = 0, connection = 0, request = 0, none = 0;
     RawServer server(Says("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n"));
     const auto port = static_cast<std::uint16_t>(server.port);
-    EXPECT_EQ(http.WinHttpOpen(u"x", platform::HttpProxyAccess::namedProxy, u" ; ", std::nullopt, none), 87u);
+    for (const char16_t* list : {u"", u" ; "}) {
+        EXPECT_EQ(http.WinHttpOpen(u"x", platform::HttpProxyAccess::namedProxy, list, std::nullopt, none), 87u);
+    }
     ASSERT_EQ(http.WinHttpOpen(u"x", platform::HttpProxyAccess::noProxy, std::nullopt, std::nullopt, session), 0u);
     ASSERT_EQ(http.WinHttpConnect(session, u"127.0.0.1", port, connection), 0u);
+    EXPECT_EQ(http.WinHttpOpenRequest(session, u"GET", u"/", u"", 0, none), 12018u);
+    EXPECT_EQ(http.WinHttpOpenRequest(connection, u"HEAD", u"/", u"", 0, none), 87u);
     ASSERT_EQ(http.WinHttpOpenRequest(connection, u"GET", u"/", u"", 0, request), 0u);
     EXPECT_EQ(http.WinHttpCloseHandle(session), 0u);  // what was opened from it goes on
+    EXPECT_EQ(http.WinHttpCloseHandle(session), 6u);
+    EXPECT_EQ(http.WinHttpAddRequestHeaders(request, u"Name: a\r\nOther: b"), 87u);
+    EXPECT_EQ(http.WinHttpSetOptionNumber(request, platform::HttpOption::proxyPassword, 1), 12009u);
+    EXPECT_EQ(http.WinHttpSetOptionText(request, platform::HttpOption::sendTimeout, u"1"), 12009u);
     std::uint32_t number = 0;
     for (const auto& [option, milliseconds] : {std::pair{platform::HttpOption::connectTimeout, 60000u},
                                                {platform::HttpOption::sendTimeout, 30000u},
@@ -200,6 +208,7 @@ TEST_F(HttpTransport, WhatCannotBeAskedForIsRefused) {
         EXPECT_EQ(number, milliseconds);
     }
     EXPECT_EQ(http.WinHttpReceiveResponse(request), 12019u);
+    EXPECT_EQ(http.WinHttpQueryHeadersNumber(request, platform::HttpHeaderQuery::statusCodeNumber, number), 12019u);
     EXPECT_EQ(http.WinHttpSendRequest(request, nullptr, 0), 0u);
     EXPECT_EQ(http.WinHttpReceiveResponse(request), 0u);
     EXPECT_EQ(http.WinHttpQueryHeadersNumber(request, platform::HttpHeaderQuery::contentLengthNumber, number), 12150u);

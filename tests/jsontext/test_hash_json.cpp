@@ -99,6 +99,7 @@ TEST_F(Json, RefusesInTheParsersWords) {
              {huge, "an object has more than 10000 members"},  // before the parser sees any of it
              {repeated(u"{}", 249'999), "the document has too many values for the memory"},
              {repeated(u",", 1'200'001), "the document has too many values for the memory"},
+             {nested(32), "nesting to deep at offset 36 (line 1)"},
              {nested(100000), "nesting to deep at offset 36 (line 1)"},
          }) {
         SCOPED_TRACE(platform::Utf8FromWide(row.document.substr(0, 60)));
