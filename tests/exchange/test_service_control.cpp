@@ -33,7 +33,6 @@ TEST(ServiceControl, WaitsAsTheServiceSaysAndEndsWithTheFirstFailure) {
         {"hint 200000", start, {.pending = stopPending, .waitHint = 200000}, "false 1x10000 1x200000"},
         {"hint without end", start, {.takes = ever, .waitHint = ever}, "false 1x3600000"},
         {"stuck, no end", start, {.pending = stopPending, .takes = ever, .waitHint = ever}, "false 361x10000"},
-        {"no progress", start, {.pending = stopPending, .takes = ever, .waitHint = 5000}, "false 6x1000"},
         {"progress", start, {stopped, stopPending, 12000, 5000, 4000}, "true 12x1000 3x5000"},
         {"progress that ends", start, {stopped, stopPending, ever, 5000, 4000}, "false 14x1000"},
         {"stop", stop, {.state = running}, "true 3x1000"},
