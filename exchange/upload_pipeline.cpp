@@ -186,7 +186,7 @@ bool PackFile(ZipInProgress& zip, const std::u16string& path) {
 /// Closes the zip and gives it its name. False when its files are still to be packed.
 bool FinishZip(ZipInProgress& zip, const std::u16string& path) {
     if (zip.isGivenUp) return false;
-    if (zip.zip == nullptr || zip.packed.empty()) return true;
+    if (zip.packed.empty()) return true;
     const ZipResult result = CloseZip(std::exchange(zip.zip, nullptr));
     if (result != zip_result::ok) {
         zip.LogFailure("close", result);
@@ -225,7 +225,10 @@ BatchResult PackBatch(std::span<const RecordFile> batch, std::u16string_view nam
     ZipInProgress zip(path + u".tmp");
     if (!CanBeMade(zip)) return {};
     zip.zip = CreateZip(zip.temporaryPath, nullptr);
-    if (zip.zip == nullptr) zip.LogFailure("create", LastZipWriterResult());
+    if (zip.zip == nullptr) {
+        zip.LogFailure("create", LastZipWriterResult());
+        return {};
+    }
     std::size_t filesDone = 0;
     while (filesDone < batch.size() && PackFile(zip, batch[filesDone].path)) ++filesDone;
     if (!FinishZip(zip, path + u".zip")) {
@@ -247,15 +250,6 @@ void DeleteUnfinishedZips() {
         else
             Log1("\t StripTxtFiles :: Unfinished zip [%s] of an earlier run is deleted\n", path);
     }
-}
-
-void SendZips() {
-    const int zipCount = GetZipFileCount(u"zipdata\\*");
-    if (zipCount == 0) {
-        Log1("\t StripTxtFiles :: zipcnt value is [%d], Time Stamp is [%s]\n", zipCount, GetTimeString(1));
-        return;
-    }
-    SendDetailstoCS(zipCount);
 }
 
 /// The period runs from the start of the pass. A clock that was set back keeps the wait going, but no longer than one
@@ -303,9 +297,22 @@ void DeleteAcceptedZip(const std::u16string& path) {
 
 /// Contact counts as found again only after collection had been stopped: a single failure stays on the outage clock
 /// through any number of accepted uploads.
-void NoteContact() {
+void NoteContact(const std::u16string& accepted) {
+    agentState.gv_failedZips.erase(accepted);
+    for (auto& [name, isPassedOver] : agentState.gv_failedZips) isPassedOver = true;
     if (agentState.gv_collectData != 0) return;
     Log1("Setting gvCSContactLostTime to 0 and setting gv_collectData as connection established\n");
+    agentState.gv_CSContactLostTime = 0;
+    agentState.gv_collectData = 1;
+}
+
+/// Collection that was stopped is brought back by an accepted upload, for which there has to be a zip that may be
+/// accepted. Where none is left, or none but those that the server refused while it accepted others, it would never be.
+void CollectAgainWithoutUpload() {
+    std::erase_if(agentState.gv_failedZips, [](const auto& zip) { return !MayExist(u"zipdata\\" + zip.first); });
+    for (const auto& [name, isPassedOver] : agentState.gv_failedZips)
+        if (!isPassedOver) return;
+    Log1("\t StripTxtFiles :: Collection goes on: no zip waits that could tell of a connection\n");
     agentState.gv_CSContactLostTime = 0;
     agentState.gv_collectData = 1;
 }
@@ -353,11 +360,22 @@ void SendZip(const std::u16string& name) {
         InternetUploadBinaryFile(agentState.gv_ServerName, agentState.gv_ServerPort, url, path);
     if (result == platform::error::success) {
         DeleteAcceptedZip(path);
-        NoteContact();
+        NoteContact(name);
         return;
     }
+    agentState.gv_failedZips.try_emplace(name, false);
     NoteContactLost();
     Log1("\t SendDetailstoCS :: something went wrong in InternetUploadBinaryFile. return value [%d]\n", result);
+}
+
+void SendZips() {
+    const int zipCount = GetZipFileCount(u"zipdata\\*");
+    const bool wasStopped = agentState.gv_collectData == 0;
+    if (zipCount == 0)
+        Log1("\t StripTxtFiles :: zipcnt value is [%d], Time Stamp is [%s]\n", zipCount, GetTimeString(1));
+    else
+        SendDetailstoCS(zipCount);
+    if (wasStopped && agentState.gv_collectData == 0) CollectAgainWithoutUpload();
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <map>
 
 #include "foundation/hash_table.h"
 #include "foundation/published_text.h"
@@ -75,6 +76,8 @@ struct AgentState {
     // What changes while the agent runs.
     std::atomic<std::int32_t> gv_collectData{1};        // collection runs
     std::atomic<std::int64_t> gv_CSContactLostTime{0};  // first failed upload of an outage, seconds since 1970; 0 none
+    /// Zips in the queue that were not accepted, and whether another was since; of the upload thread alone.
+    std::map<std::u16string, bool> gv_failedZips;
     std::int64_t gv_clockLead = 0;  // what the clock was ahead of the tick count, seconds; of the upload thread alone
     std::atomic<std::int32_t> gv_timeDiff{0};       // server time minus ours, seconds
     std::atomic<std::uint16_t> gv_agentRunFlag{1};  // go on after enrolment

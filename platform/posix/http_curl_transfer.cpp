@@ -330,7 +330,7 @@ Error CurlTransfer::ConfirmBody() {
     }
     short seen = watch(POLLRDHUP, longestHangUp);
     if (seen == POLLRDHUP) seen = watch(0, longestSecondStep);
-    return (seen & POLLHUP) != 0 ? error::winHttpConnectionError : error::success;
+    return (seen & (POLLERR | POLLHUP)) != 0 ? error::winHttpConnectionError : error::success;
 }
 
 void CurlTransfer::Perform() {

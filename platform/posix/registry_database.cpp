@@ -23,7 +23,8 @@ constexpr const char* connectionSettings =
     "PRAGMA cell_size_check = ON;"
     "PRAGMA cache_size = -64;"  // KiB
     "PRAGMA synchronous = FULL;"
-    "PRAGMA wal_autocheckpoint = 64;";  // pages
+    "PRAGMA wal_autocheckpoint = 64;"       // pages
+    "PRAGMA journal_size_limit = 262144;";  // of the log that stays behind while others read; emptied at the end
 
 // Row 1 of the keys is the root. Names compare without regard to the case of ASCII letters, and keep the case of their
 // first creation. Rows of keys are never numbered twice, so a handle to a deleted key cannot come to mean another one.
@@ -122,6 +123,9 @@ Error OpenDatabase(RegistryDatabase& database, const std::filesystem::path& path
     if (result != SQLITE_OK) return ErrorFromSqlite(opened, result);
     sqlite3_db_config(opened, SQLITE_DBCONFIG_LOOKASIDE, nullptr, 0, 0);
     sqlite3_busy_handler(opened, WaitForLock, &database);
+    // Without them nothing could be read on a full disk: SQLite would have no room to make them again.
+    int companionsStay = 1;
+    sqlite3_file_control(opened, "main", SQLITE_FCNTL_PERSIST_WAL, &companionsStay);
     return Execute(opened, connectionSettings);
 }
 

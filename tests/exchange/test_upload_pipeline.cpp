@@ -48,6 +48,7 @@ class UploadPipeline : public HttpTest {
                                  const std::string name = request.get_param_value("FILENAME");
                                  tried.push_back(name);
                                  answer.status = request.get_param_value("AGENTKEY") == "K7" ? status : 400;
+                                 if (name == refused) answer.status = 413;
                                  if (answer.status == 200) accepted[name] = request.body;
                              });
         agentState.gv_ServerPort = server->port;
@@ -106,6 +107,7 @@ class UploadPipeline : public HttpTest {
     Names tried;                                  // file names since the last look
     std::map<std::string, std::string> accepted;  // zips by file name
     int status = 200;
+    std::string refused;
     std::unique_ptr<RunningServer> server;
 };
 
@@ -163,6 +165,26 @@ TEST_F(UploadPipeline, ALongOutageLosesNoRecord) {
     EXPECT_THAT(FilesIn(zipdata), IsEmpty());
     EXPECT_GT(records, 400);
     EXPECT_EQ(KeptRecords(), Records(1, records));
+}
+
+TEST_F(UploadPipeline, CollectionGoesOnWhereNoUploadCouldBringItBack) {
+    agentState.gv_DataCollTmout = 10;
+    refused = "bad.zip";
+    int stops = 0, before = 1;
+    clock.onSleep = [&](std::uint32_t) {
+        const int collects = agentState.gv_collectData;
+        stops += collects < std::exchange(before, collects);
+    };
+    QueueZips({"bad.zip", "good.zip"});
+    RunFor(6000);
+    EXPECT_GT(stops, 1) << "also while nothing else is sent for longer than the limit";
+    status = 503;
+    QueueZips({"new.zip"});
+    RunFor(6000);
+    EXPECT_EQ(agentState.gv_collectData, 0) << "one that the server has not refused before";
+    std::filesystem::remove_all(zipdata);
+    RunFor(400);
+    EXPECT_EQ(agentState.gv_collectData, 1) << "nothing is left";
 }
 
 TEST_F(UploadPipeline, KilledWhilePackingItLosesNoRecord) {
@@ -287,6 +309,16 @@ TEST_F(UploadPipeline, AFullDiskCostsNoRecord) {
     Pack();
     EXPECT_THAT(FilesIn(data), IsEmpty());
     EXPECT_EQ(KeptRecords(), Records(1, 200));
+
+    WriteRecords(201, 202);
+    int opens = 0;
+    files.CreateFileW = [&, real = files.CreateFileW](std::u16string_view path, auto&&... rest) {
+        const bool isRefused = path.ends_with(u".tmp") && ++opens == 2;  // the first is the look whether it can be made
+        return isRefused ? platform::error::tooManyOpenFiles : real(path, rest...);
+    };
+    const FileOverride refusing(files);
+    Pack();
+    EXPECT_EQ(FilesIn(data).size(), 2U);
     EXPECT_FALSE(Logged("is lost"));
 }
 
