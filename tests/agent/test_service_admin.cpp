@@ -96,22 +96,21 @@ TEST_F(ServiceAdmin, ServesItsOwnServiceAndSaysSo) {
 TEST_F(ServiceAdmin, TellsOldSystemsByTheirVersion) {
     const char* unknown = "\t IsWin2kOS : Problem in identifying the operating system !!!";
     const struct {
-        SystemFamily family;
         std::uint32_t major, minor;
         Error result;
         bool isOld;
         const char* logged;
     } rows[] = {
-        {SystemFamily::nt, 5, 0, 0, true, "IsWin2kOS : Windows 2000 Operating system. "},
-        {SystemFamily::nt, 5, 1, 0, false, "\tbOsVersionInfoEx value is 1 "},
-        {SystemFamily::nt, 4, 0, 0, true, unknown},
-        {SystemFamily::nt, 5, 0, 5, false, "\tbOsVersionInfoEx value is 0 "},
+        {5, 0, 0, true, "IsWin2kOS : Windows 2000 Operating system. "},
+        {5, 1, 0, false, "\tbOsVersionInfoEx value is 1 "},
+        {4, 0, 0, true, unknown},
+        {5, 0, 5, false, "\tbOsVersionInfoEx value is 0 "},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.logged);
         SystemFactOperations facts = SystemFacts();
         facts.GetVersionExW = [&row](SystemVersion& version) {
-            version.family = row.family;
+            version.family = SystemFamily::nt;
             version.major = row.major;
             version.minor = row.minor;
             return row.result;

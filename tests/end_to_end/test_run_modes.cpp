@@ -32,19 +32,6 @@ TEST(RunModes, OneShotModesEndWithTheirExitCodes) {
     }
 }
 
-TEST(RunModes, MonitorPrintsTheConfigurationToItsOwnLog) {
-    InstalledAgent agent;
-    agent.setNumber(u"", u"AgentLogLevel", 2);
-    agent.setText(u"\\ServerInfo", u"KVServerSecIPAddress", u"1.2");
-    EXPECT_EQ(agent.run({"/MONITOR", "ignored"}), 1);
-    EXPECT_EQ(agent.run({"/monitor"}), 1);
-    const std::string log = TestAgent::Read(agent.monitoring / "logs" / "testmonitor.log");
-    EXPECT_NE(log.find("getCSDetails() :: CS name : localhost\n"), std::string::npos) << log;
-    EXPECT_NE(log.find("gv_DataCollTmout : 360\n"), std::string::npos);
-    EXPECT_NE(log.find("LOGGING STOPPED"), log.rfind("LOGGING STOPPED")) << "the second run appends";
-    EXPECT_TRUE(agent.log().empty());
-}
-
 TEST(RunModes, WithoutAPlaceToRunFromItSaysSo) {
     for (const char* registry : {"", "no database"}) {
         SCOPED_TRACE(registry);

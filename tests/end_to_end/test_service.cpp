@@ -153,16 +153,6 @@ TEST_F(Service, KilledItIsStartedAgainTwiceAndNumbersItsRecordsOn) {
     EXPECT_EQ(shown("ActiveState"), "active");
 }
 
-TEST_F(Service, RefusedByItsServerItStopsItself) {
-    agent.setText(u"\\Monitoring", u"MonitoringAgentKey", u"K9");
-    agent.setText(u"", u"EnableSendAgentStatus", u"yes");  // of an earlier run
-    install();
-    box.run("systemctl start " + unit);  // which fails when the stop comes before it is through
-    EXPECT_TRUE(becomes("ActiveState", "inactive"));
-    EXPECT_EQ(shown("Result"), "success");
-    EXPECT_EQ(status(), "AGENT_DOWN");
-}
-
 TEST_F(Service, StoppedWhileItCollectsOrUploadsItLosesNothing) {
     agent.writeScript("one.sh", "touch " + (agent.folder / "begun").string() + "; until [ -e " +
                                     (agent.folder / "go").string() + R"( ]; do sleep 0.02; done; printf "$2")");

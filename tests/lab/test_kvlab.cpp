@@ -49,16 +49,6 @@ TEST_F(Kvlab, EachWayToEndHasItsExitCodeAndALine) {
     EXPECT_FALSE(std::filesystem::exists(folder / "absent.db"));
 }
 
-TEST_F(Kvlab, ARecordIsALineThatSteersNoTerminal) {
-    const std::string zip =
-        MakeArchive({{"data/first", WideBytes("{ \"a\":\n \"b\\/c\" }")}, {"second", WideBytes("\"\x1b[31m\u009B\"")}});
-    ASSERT_EQ(Upload(client, "AGENTKEY=K1&FILENAME=Agent_K1_1.zip", zip)->status, 200);
-    const std::string lines = RunOnDatabase("records --agent K1").output;
-    EXPECT_THAT(lines, MatchesRegex("1\tK1\tAgent_K1_1\\.zip\tfirst\t[-0-9]+ [:0-9]+Z\t\\{\"a\":\"b/c\"\\}\n2\t.*"));
-    EXPECT_EQ(lines.find_first_of("\x1b\xC2"), std::string::npos) << lines;
-    EXPECT_THAT(RunOnDatabase("agents").output, HasSubstr("K1\t\t\t127.0.0.1\t"));
-}
-
 class Requests : public Kvlab {
   protected:
     Requests() { NoteContact(store, "K1", ""); }

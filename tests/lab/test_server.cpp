@@ -1,7 +1,6 @@
 // The lab's server over real HTTP: what it accepts, refuses, keeps and shows.
 #include <gmock/gmock.h>
 #include <iterator>
-#include <thread>
 
 #include "tests/lab/lab_helpers.h"
 
@@ -99,21 +98,6 @@ TEST_F(LabServing, FaultsInTheirOrder) {
     AddFault(store, {0, "FileCollector", FaultKind::status, 500, 1});
     AddFault(store, {0, "FileCollector", FaultKind::status, 501, 0});
     for (const int status : {500, 501, 501}) EXPECT_EQ(Upload(client, goodQuery, goodZip)->status, status);
-}
-
-TEST_F(LabServing, AgentsThatUploadAtOnceLoseNothing) {
-    const auto uploadFive = [this](const std::string& agent) {
-        httplib::Client own("127.0.0.1", server->port());
-        for (const std::string name : {"a", "b", "c", "d", "e"})
-            EXPECT_EQ(Upload(own, "AGENTKEY=" + agent + "&FILENAME=" + name, MakeArchive({{name, agent}}))->status,
-                      200);
-    };
-    std::vector<std::thread> threads;
-    for (const char* agent : {"K1", "K2", "K3", "K4", "K5", "K6"}) threads.emplace_back(uploadFive, agent);
-    for (std::thread& thread : threads) thread.join();
-    const std::vector<std::string> records = StoredRecords(store);
-    EXPECT_EQ(records.size(), 30U);
-    EXPECT_EQ(std::set<std::string>(records.begin(), records.end()).size(), 30U);
 }
 
 TEST_F(LabServing, ThePageShowsValuesAndLetsNoMarkupThrough) {

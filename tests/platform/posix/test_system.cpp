@@ -29,16 +29,6 @@ TEST_F(SystemTest, LocalTimeFollowsTheZone) {
     tzset();
 }
 
-TEST_F(SystemTest, TheSystemsNameIsThatOfItsDistribution) {
-    SystemVersion version;
-    ASSERT_EQ(SystemFacts().GetVersionExW(version), error::success);
-    const std::string release = Read("/etc/os-release");
-    EXPECT_NE(release.find("PRETTY_NAME=\"" + Utf8FromWide(version.plainName) + "\""), release.npos) << release;
-    HostEntry host;
-    EXPECT_EQ(Sockets().gethostbyaddr("127.0.0.1", host), error::success);
-    EXPECT_EQ(host.name.substr(0, 9), "localhost");
-}
-
 /// Pages of this process's memory, and those of them that are of files, such as libraries.
 struct ResidentPages {
     long all = 0, ofFiles = 0;
