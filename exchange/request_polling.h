@@ -7,7 +7,8 @@
 
 namespace kv {
 
-/// Thread body: looks every 30 seconds whether requests wait, fetches their list and serves it. Never returns.
+/// Thread body: looks every 30 seconds whether requests wait, fetches their list and serves it. Plans that could not be
+/// opened are read again then. Never returns.
 std::uint32_t RequestCentralServer(void* ignored);
 
 }  // namespace kv

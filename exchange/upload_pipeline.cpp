@@ -227,6 +227,7 @@ BatchResult PackBatch(std::span<const RecordFile> batch, std::u16string_view nam
     zip.zip = CreateZip(zip.temporaryPath, nullptr);
     if (zip.zip == nullptr) {
         zip.LogFailure("create", LastZipWriterResult());
+        Log1("\t StripTxtFiles :: The record files stay until the next pass\n");
         return {};
     }
     std::size_t filesDone = 0;
@@ -307,7 +308,7 @@ void NoteContact(const std::u16string& accepted) {
 }
 
 /// Collection that was stopped is brought back by an accepted upload, for which there has to be a zip that may be
-/// accepted. Where none is left, or none but those that the server refused while it accepted others, it would never be.
+/// accepted. Where none is left, or none but those that were passed over for others, it would never be.
 void CollectAgainWithoutUpload() {
     std::erase_if(agentState.gv_failedZips, [](const auto& zip) { return !MayExist(u"zipdata\\" + zip.first); });
     for (const auto& [name, isPassedOver] : agentState.gv_failedZips)
@@ -345,7 +346,7 @@ void NoteContactLost() {
     }
 }
 
-void SendZip(const std::u16string& name) {
+void SendZip(const std::u16string& name, bool& acceptedInPass) {
     const std::u16string path = u"zipdata\\" + name;
     if (fileExists(path) == 0) {
         Log1("\t SendDetailstoCS :: fileExists returned failure for [%s]\n", path);
@@ -361,9 +362,10 @@ void SendZip(const std::u16string& name) {
     if (result == platform::error::success) {
         DeleteAcceptedZip(path);
         NoteContact(name);
+        acceptedInPass = true;
         return;
     }
-    agentState.gv_failedZips.try_emplace(name, false);
+    agentState.gv_failedZips.try_emplace(name, acceptedInPass);
     NoteContactLost();
     Log1("\t SendDetailstoCS :: something went wrong in InternetUploadBinaryFile. return value [%d]\n", result);
 }
@@ -427,7 +429,8 @@ void PackRecordFiles(std::u16string_view nameBase) {
 
 void SendDetailstoCS(int zipCount) {
     Log3("\t Inside SendDetailstoCS() \n");
-    for (const std::u16string& name : QueuedZips(zipCount)) SendZip(name);
+    bool acceptedInPass = false;
+    for (const std::u16string& name : QueuedZips(zipCount)) SendZip(name, acceptedInPass);
 }
 
 }  // namespace kv

@@ -76,7 +76,8 @@ struct AgentState {
     // What changes while the agent runs.
     std::atomic<std::int32_t> gv_collectData{1};        // collection runs
     std::atomic<std::int64_t> gv_CSContactLostTime{0};  // first failed upload of an outage, seconds since 1970; 0 none
-    /// Zips in the queue that were not accepted, and whether another was since; of the upload thread alone.
+    /// Zips in the queue that were not accepted, and whether another was since, or before them in the same pass; of the
+    /// upload thread alone.
     std::map<std::u16string, bool> gv_failedZips;
     std::int64_t gv_clockLead = 0;  // what the clock was ahead of the tick count, seconds; of the upload thread alone
     std::atomic<std::int32_t> gv_timeDiff{0};       // server time minus ours, seconds

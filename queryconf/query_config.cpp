@@ -255,6 +255,8 @@ struct UnreadPlan {
 };
 std::vector<UnreadPlan> unreadPlans;
 
+std::uint32_t plansMerged = 0;  // so far
+
 /// Keeps in mind whether the file has to be read again; true when it has.
 bool NoteUnread(std::u16string_view agent, std::u16string_view fileName, const JsonReadResult& read) {
     std::erase_if(unreadPlans, [agent](const UnreadPlan& plan) { return plan.agent == agent; });
@@ -308,13 +310,16 @@ void LoadQueryConfig(std::u16string_view agent, std::optional<std::u16string_vie
         return;
     }
     MergePlan(std::move(plan), agent, name);
+    ++plansMerged;
 }
 
 bool LoadUnreadPlans() {
-    const std::size_t before = unreadPlans.size();
-    for (const auto& [agent, fileName] : std::vector(unreadPlans))
-        if (!IsDirectory(fileName) && fileExists(fileName)) LoadQueryConfig(agent, fileName);
-    return unreadPlans.size() < before;
+    const std::uint32_t before = plansMerged;
+    for (const auto& [agent, fileName] : std::vector(unreadPlans)) {
+        if (IsDirectory(fileName) || !fileExists(fileName)) continue;
+        RunGuarded("LoadQueryConfig", [&] { LoadQueryConfig(agent, fileName); });
+    }
+    return plansMerged != before;
 }
 
 void FreeReplacedPlans() { replacedPlans.clear(); }

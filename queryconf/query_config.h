@@ -21,8 +21,8 @@ void LoadConfFiles();
 /// or more, or no array recordSetName.
 void LoadQueryConfig(std::u16string_view agent, std::optional<std::u16string_view> fileName);
 
-/// Reads again those files that were there and could not be read; true when one could be by now, and the schedule is to
-/// be built again. For the thread that serves requests.
+/// Reads again those files that were there and could not be read when LoadQueryConfig was last called for them; true
+/// when one is merged by now, and the schedule is to be built again. For the thread that serves requests.
 bool LoadUnreadPlans();
 
 /// Frees the lists that LoadQueryConfig has replaced since the last call. No timer and no gv_sortVec may refer to them

@@ -20,15 +20,19 @@ void SetToolkitLogLevel(std::int32_t agentLogLevel);
 /// Appends one text to the log, after a look at the log's size. Never throws.
 void WriteToolkitLine(std::string_view text) noexcept;
 
+/// Out of memory: the line is lost. Apart from the step that asks for the level, which every routine of the engine
+/// takes.
+template <class... Arguments>
+[[gnu::noinline]] void WriteToolkitFormat(const char* format, const Arguments&... arguments) noexcept try {
+    WriteToolkitLine(LogText(format, arguments...));
+} catch (...) {
+}
+
 /// One engine line; a format is printf's, the arguments are those of foundation/log.h.
 template <class... Arguments>
-void TKLOG(std::int32_t level, const char* format, const Arguments&... arguments) {
-    if (!TkLogsAtLeast(level)) return;
-    try {
-        WriteToolkitLine(LogText(format, arguments...));
-    } catch (...) {
-        // Out of memory: the line is lost.
-    }
+[[gnu::always_inline]] inline void TKLOG(std::int32_t level, const char* format, const Arguments&... arguments) {
+    if (TkLogsAtLeast(level)) [[unlikely]]
+        WriteToolkitFormat(format, arguments...);
 }
 
 /// Puts a log of the engine's own in the place of the agent's: a new, empty file under the base directory (or under the

@@ -24,7 +24,7 @@ constexpr const char* connectionSettings =
     "PRAGMA cache_size = -64;"  // KiB
     "PRAGMA synchronous = FULL;"
     "PRAGMA wal_autocheckpoint = 64;"       // pages
-    "PRAGMA journal_size_limit = 262144;";  // of the log that stays behind while others read; emptied at the end
+    "PRAGMA journal_size_limit = 262144;";  // bytes of the log, once it has been carried over
 
 // Row 1 of the keys is the root. Names compare without regard to the case of ASCII letters, and keep the case of their
 // first creation. Rows of keys are never numbered twice, so a handle to a deleted key cannot come to mean another one.
@@ -123,7 +123,7 @@ Error OpenDatabase(RegistryDatabase& database, const std::filesystem::path& path
     if (result != SQLITE_OK) return ErrorFromSqlite(opened, result);
     sqlite3_db_config(opened, SQLITE_DBCONFIG_LOOKASIDE, nullptr, 0, 0);
     sqlite3_busy_handler(opened, WaitForLock, &database);
-    // Without them nothing could be read on a full disk: SQLite would have no room to make them again.
+    // On a full disk SQLite would have no room to make them again, and nothing could be read: it uses theirs.
     int companionsStay = 1;
     sqlite3_file_control(opened, "main", SQLITE_FCNTL_PERSIST_WAL, &companionsStay);
     return Execute(opened, connectionSettings);

@@ -8,6 +8,7 @@
 #include "agent/service.h"
 #include "foundation/log.h"
 #include "foundation/registry_store.h"
+#include "platform/http.h"
 #include "snmp/toolkit_log.h"
 #include "tests/exchange/http_peers.h"
 
@@ -236,6 +237,23 @@ TEST_F(Service, AServerThatNeverAnswersAndASecondStopHoldUpNothing) {
     EXPECT_EQ(log.find("LOGGING STOPPED"), log.rfind("LOGGING STOPPED"));
     EXPECT_TRUE(log.ends_with("LOGGING STOPPED==============================================\n"));
     EXPECT_EQ(FilesIn(folder / "monitoring" / "logs"), std::vector<std::string>{"agent.log"});
+}
+
+TEST_F(Service, NoStepOfTheWayDownKeepsTheOthersFromTheirs) {
+    SetEnableSendAgentStatus(u"yes");
+    agentState.gv_ocLastCreatedJSONNum = 5;
+    agentState.gv_ocLastCreatedZIPNum = 6;
+    platform::HttpOperations http = platform::Http();
+    http.WinHttpOpen = [](auto&&...) -> Error { throw std::runtime_error("no transport"); };
+    platform::RegistryOperations registry = platform::Registry();
+    registry.RegSetValueExW = [](auto&&...) { return error::diskFull; };
+    const platform::ScopedOperations scopedHttp(http);
+    const platform::ScopedOperations scopedRegistry(registry);
+    EXPECT_EQ(AgentShutdownWorker(nullptr), 1U);
+    for (const char* line : {"SendAgentStatus :: ended early : no transport", "LOGGING STOPPED",
+                             "MALastCreatedJSONNum 5 cannot be stored. Error is [112]\n",
+                             "MALastCreatedZIPNum 6 cannot be stored. Error is [112]\n"})
+        EXPECT_TRUE(Logged(line)) << line;
 }
 
 }  // namespace

@@ -18,7 +18,7 @@ const std::string unit = "corvinel-monitoring-agent.service";
 const std::string unitFile = "/etc/systemd/system/" + unit;
 const std::string enabledLink = "/etc/systemd/system/multi-user.target.wants/" + unit;
 
-/// An agent that is not installed yet, in a box with a lab's server on its loopback, which refuses the key K9.
+/// An agent that is not installed yet, in a box with a lab's server on its loopback.
 class Service : public ::testing::Test {
   protected:
     void SetUp() override {
@@ -34,7 +34,7 @@ class Service : public ::testing::Test {
         // Until the agent has told it of the power-off, the server goes on.
         inBox("mkdir " + unitFile + ".d; printf '[Unit]\\nAfter=kvlab.service\\n[Service]\\nStandardError=append:" +
               errors.string() + "\\n' >" + unitFile + ".d/lab.conf\n" + "systemd-run -q --unit=kvlab " +
-              (agent.folder / "kvlab").string() + " serve --refuse K9 --port 8080 --database " + agent.database + "\n" +
+              (agent.folder / "kvlab").string() + " serve --port 8080 --database " + agent.database + "\n" +
               "timeout 60 bash -c 'until (: </dev/tcp/127.0.0.1/8080) 2>/dev/null; do sleep 0.02; done'");
     }
 

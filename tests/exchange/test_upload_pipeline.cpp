@@ -169,15 +169,19 @@ TEST_F(UploadPipeline, ALongOutageLosesNoRecord) {
 
 TEST_F(UploadPipeline, CollectionGoesOnWhereNoUploadCouldBringItBack) {
     agentState.gv_DataCollTmout = 10;
-    refused = "bad.zip";
     int stops = 0, before = 1;
     clock.onSleep = [&](std::uint32_t) {
         const int collects = agentState.gv_collectData;
         stops += collects < std::exchange(before, collects);
     };
-    QueueZips({"bad.zip", "good.zip"});
-    RunFor(6000);
-    EXPECT_GT(stops, 1) << "also while nothing else is sent for longer than the limit";
+    for (const char* name : {"behind.zip", "ahead.zip"}) {
+        refused = name;
+        stops = 0;
+        QueueZips({"between.zip", name});
+        RunFor(6000);
+        EXPECT_GT(stops, 1) << name << ", also while nothing else is sent for longer than the limit";
+        std::filesystem::remove(zipdata / name);
+    }
     status = 503;
     QueueZips({"new.zip"});
     RunFor(6000);

@@ -73,33 +73,6 @@ TEST_F(LabServing, OfAMalformedZipNothingIsKept) {
     EXPECT_EQ(LatestRefusals(store, 9).size(), std::size(rows));
 }
 
-TEST_F(LabServing, FaultsInTheirOrder) {
-    // the status -1: no answer, or not the whole of it; records stored; how often the fault is left, 0: used up
-    const std::tuple<const char*, Fault, int, std::size_t, std::int64_t> rows[] = {
-        {"a status", {0, "FileCollector", FaultKind::status, 503, 2}, 503, 0, 1},
-        {"a dropped connection", {0, "FileCollector", FaultKind::drop, 0, 1}, -1, 0, 0},
-        {"another servlet's", {0, "RegisterAgent", FaultKind::drop, 0, 5}, 200, 1, 5},
-        {"a delay", {0, "FileCollector", FaultKind::delay, 60, 1}, 200, 1, 0},
-        {"a body cut short", {0, "FileCollector", FaultKind::cut, 0, 1}, -1, 1, 0},
-    };
-    int number = 0;
-    for (const auto& [title, fault, status, stored, remaining] : rows) {
-        SCOPED_TRACE(title);
-        const std::size_t before = StoredRecords(store).size();
-        AddFault(store, fault);
-        const httplib::Result answer =
-            Upload(client, "AGENTKEY=LAB1&FILENAME=" + std::to_string(++number), MakeArchive({{"a", WideBytes("1")}}));
-        EXPECT_EQ(answer ? answer->status : -1, status);
-        EXPECT_EQ(StoredRecords(store).size() - before, stored);
-        const std::vector<Fault> left = Faults(store);
-        EXPECT_EQ(left.empty() ? 0 : left.front().remaining, remaining);
-        ClearFaults(store, 0, "");
-    }
-    AddFault(store, {0, "FileCollector", FaultKind::status, 500, 1});
-    AddFault(store, {0, "FileCollector", FaultKind::status, 501, 0});
-    for (const int status : {500, 501, 501}) EXPECT_EQ(Upload(client, goodQuery, goodZip)->status, status);
-}
-
 TEST_F(LabServing, ThePageShowsValuesAndLetsNoMarkupThrough) {
     const std::string evil = "<i title=\"evil\">&'";
     const std::string encoded = "%3Ci%20title=%22evil%22%3E%26'";
