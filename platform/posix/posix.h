@@ -62,10 +62,9 @@ std::string NativePathOf(std::u16string_view path);
 /// The number for an errno value; generalFailure for one that has no counterpart.
 Error ErrorFromErrno(int code);
 
-/// Gives the pages of code and constants of all loaded libraries back, as far as no other process has them mapped.
-/// They are clean and backed by their files, so whatever is needed again is read in again at its next use; other
-/// threads may run meanwhile. A page that was written to, by the loader or by a debugger, keeps its contents: it goes
-/// to the swap space or stays. Does nothing in a process that is traced, and on files that belong to another user.
+/// Gives the pages of code and constants of all loaded libraries back, as far as they are their files' own: whatever is
+/// needed again comes from the page cache or the file at its next use, and other threads may run meanwhile. A page that
+/// was written to, by the loader or for a breakpoint, stays. Does nothing in a process that is traced.
 /// Called after work that touches much library code once in a while, such as an HTTP transaction.
 void TrimResidentLibraryPages();
 

@@ -1,8 +1,12 @@
+#include <algorithm>
+#include <array>
 #include <cstdint>
 #include <elf.h>
+#include <fcntl.h>
 #include <fstream>
 #include <link.h>
 #include <malloc.h>
+#include <span>
 #include <string>
 #include <string_view>
 #include <sys/auxv.h>
@@ -10,6 +14,7 @@
 #include <unistd.h>
 
 #include "platform/memory.h"
+#include "platform/posix/descriptor.h"
 #include "platform/posix/posix.h"
 
 namespace platform {
@@ -37,22 +42,46 @@ bool IsTraced() {
     return false;
 }
 
-/// Gives back the pages that lie wholly inside a segment; a page it shares with a neighbour stays. A kernel that does
-/// not know the advice (before 5.4) refuses it, and nothing is given back.
-void DropSegment(std::uintptr_t start, std::uintptr_t end) {
-    static const auto pageSize = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
-    const std::uintptr_t first = (start + pageSize - 1) / pageSize * pageSize;
-    const std::uintptr_t last = end / pageSize * pageSize;
-    if (first < last) madvise(reinterpret_cast<void*>(first), last - first, MADV_PAGEOUT);
+const auto pageSize = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
+
+/// An entry of /proc/self/pagemap (the kernel's Documentation/admin-guide/mm/pagemap.rst) of a page that is in memory
+/// and is the file's own. One that was written to, such as for a breakpoint, is a copy of this process's.
+bool IsOfFile(std::uint64_t entry) {
+    constexpr std::uint64_t present = 1ULL << 63, ofFile = 1ULL << 61;
+    return (entry & present) != 0 && (entry & ofFile) != 0;
 }
 
-int DropObject(dl_phdr_info* object, std::size_t, void*) {
+/// Gives back the file's pages that lie wholly inside a segment, whoever else has mapped them: they are read again from
+/// the file, or the page cache, when they are needed. Copies of this process's stay; they could be had from nowhere.
+void DropSegment(const Descriptor& pageMap, std::uintptr_t start, std::uintptr_t end) {
+    std::array<std::uint64_t, 512> entries;
+    std::uintptr_t page = (start + pageSize - 1) / pageSize;
+    const std::uintptr_t last = end / pageSize;
+    while (page < last) {
+        const std::size_t wanted = std::min(entries.size(), std::size_t{last - page}) * sizeof entries[0];
+        const ssize_t size =
+            pread(pageMap.number(), entries.data(), wanted, static_cast<off_t>(page * sizeof entries[0]));
+        if (size <= 0) return;
+        const auto known = std::span(entries).first(static_cast<std::size_t>(size) / sizeof entries[0]);
+        for (auto run = known.begin(); run != known.end();) {
+            run = std::find_if(run, known.end(), IsOfFile);
+            const auto behind = std::find_if_not(run, known.end(), IsOfFile);
+            const std::uintptr_t at = page + static_cast<std::uintptr_t>(run - known.begin());
+            const auto bytes = static_cast<std::size_t>(behind - run) * pageSize;
+            if (bytes > 0) madvise(reinterpret_cast<void*>(at * pageSize), bytes, MADV_DONTNEED);
+            run = behind;
+        }
+        page += known.size();
+    }
+}
+
+int DropObject(dl_phdr_info* object, std::size_t, void* pageMap) {
     if (IsKernelObject(*object)) return 0;
     for (ElfW(Half) at = 0; at < object->dlpi_phnum; ++at) {
         const ElfW(Phdr)& segment = object->dlpi_phdr[at];
         if (segment.p_type != PT_LOAD || (segment.p_flags & PF_W) != 0) continue;
         const std::uintptr_t start = object->dlpi_addr + segment.p_vaddr;
-        DropSegment(start, start + segment.p_filesz);
+        DropSegment(*static_cast<const Descriptor*>(pageMap), start, start + segment.p_filesz);
     }
     return 0;
 }
@@ -60,7 +89,9 @@ int DropObject(dl_phdr_info* object, std::size_t, void*) {
 }  // namespace
 
 void TrimResidentLibraryPages() {
-    if (!IsTraced()) dl_iterate_phdr(DropObject, nullptr);
+    if (IsTraced()) return;
+    Descriptor pageMap(open("/proc/self/pagemap", O_RDONLY | O_CLOEXEC));
+    if (pageMap.isOpen()) dl_iterate_phdr(DropObject, &pageMap);
 }
 
 void ReleaseFreeMemory() { malloc_trim(0); }
