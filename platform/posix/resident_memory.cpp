@@ -61,7 +61,7 @@ void DropSegment(const Descriptor& pageMap, std::uintptr_t start, std::uintptr_t
         const std::size_t wanted = std::min(entries.size(), std::size_t{last - page}) * sizeof entries[0];
         const ssize_t size =
             pread(pageMap.number(), entries.data(), wanted, static_cast<off_t>(page * sizeof entries[0]));
-        if (size <= 0) return;
+        if (size < static_cast<ssize_t>(sizeof entries[0])) return;
         const auto known = std::span(entries).first(static_cast<std::size_t>(size) / sizeof entries[0]);
         for (auto run = known.begin(); run != known.end();) {
             run = std::find_if(run, known.end(), IsOfFile);
