@@ -111,7 +111,7 @@ BENCHMARK(Decode);
 int main(int argc, char** argv) {
     // A message has nothing of its own on the way out, and a record and a community on the way in.
     constexpr double encodeLimit = 0;
-    constexpr double decodeLimit = 2 + 4 * variables;
+    constexpr double decodeLimit = 2 + 3 * variables;
     platform::InstallBackend();
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();

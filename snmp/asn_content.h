@@ -9,7 +9,7 @@
 namespace kv::snmp {
 
 /// Writes the line of a failure, and is the null that it gives.
-std::nullptr_t AsnFailure(const char* line, std::int32_t level = 1);
+[[gnu::cold]] std::nullptr_t AsnFailure(const char* line, std::int32_t level = 1);
 
 /// Size of an item whose header ends at content. Of 64 bits, so that no length wraps.
 inline std::int64_t AsnItemSize(const std::uint8_t* item, const std::uint8_t* content, std::uint32_t length) {

@@ -36,6 +36,10 @@ std::int32_t SubIdSize(std::uint32_t value) {
 }
 
 std::uint8_t* WriteSubId(std::uint8_t* position, std::uint32_t value) {
+    if (value <= groupBits) {
+        *position = static_cast<std::uint8_t>(value);
+        return position + 1;
+    }
     for (std::int32_t shift = (SubIdSize(value) - 1) * bitsOfGroup; shift > 0; shift -= bitsOfGroup)
         *position++ = static_cast<std::uint8_t>(value >> shift | moreBytes);
     *position++ = value & groupBits;

@@ -4,6 +4,7 @@
 #include <charconv>
 #include <cstdio>
 #include <limits>
+#include <new>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -187,13 +188,14 @@ SnmpPduPtr MakeWalkPdu(const ManagerRequest& request, const std::vector<std::uin
 void AskFrom(SnmpPdu& pdu, const std::vector<std::uint32_t>& oid) {
     pdu.errorStatus = requestErrorStatus;
     pdu.errorIndex = requestErrorIndex;
-    VarBind& varBind = *static_cast<VarBind*>(pdu.varBinds.head->data);
+    void*& data = pdu.varBinds.head->data;
     const auto length = static_cast<std::int32_t>(oid.size());
-    if (varBind.oidLength != length) {
-        delete[] std::exchange(varBind.oid, new std::uint32_t[oid.size()]);
-        varBind.oidLength = length;
+    if (static_cast<const VarBind*>(data)->oidLength != length) {
+        VarBindPtr longerOrShorter(CreateAVarBind(oid.data(), length, tag::octetString, nullptr, 0));
+        if (!longerOrShorter) throw std::bad_alloc();
+        FreeVarBind(static_cast<VarBind*>(std::exchange(data, longerOrShorter.release())));
     }
-    CopyOid(varBind.oid, oid.data(), length);
+    CopyOid(static_cast<VarBind*>(data)->oid, oid.data(), length);
 }
 
 /// Null when the request cannot be made or brings no answer. All requests of a walk are one, with an OID of its own
@@ -247,7 +249,7 @@ bool IsBackAtLandmark(Walk& walk) {
 std::int64_t HeldBytes(const VarBind& varBind) {
     constexpr std::int64_t records =
         sizeof(VarBind) + sizeof(TkVectorNode) + sizeof(SnmpValue) + sizeof(SnmpValue*) + typeTextRoom;
-    constexpr std::int64_t allocations = 6 * 16;  // what the system adds to each
+    constexpr std::int64_t allocations = 5 * 16;  // what the system adds to each
     constexpr std::int64_t subId = sizeof(std::uint32_t);
     const bool isOid = varBind.type == tag::objectId;
     const std::int64_t value = isOid ? varBind.valueLength * subId : varBind.valueLength;
@@ -266,7 +268,7 @@ void TakeValues(Walk& walk, TkVector* answer, TkVector* values) {
 /// Takes one answer into the values.
 WalkStep TakeWalkAnswer(Walk& walk, SnmpPdu& answer, TkVector* values) {
     if (answer.varBinds.count == 0) return End(walk, *values, answer);
-    walk.asked = walk.current;
+    std::swap(walk.asked, walk.current);
     const WalkStep step = MoveOn(walk, answer.varBinds);
     if (step == WalkStep::finished) return End(walk, *values, answer);
     if (step == WalkStep::failed) return step;

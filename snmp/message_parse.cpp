@@ -89,13 +89,8 @@ std::uint8_t TakeValue(VarBind& varBind, const ReceivedVariable& variable) {
 }
 
 std::uint8_t AppendVariable(SnmpPdu* pdu, const ReceivedVariable& variable, std::int32_t number) {
-    VarBindPtr varBind(new (std::nothrow) VarBind{});
+    VarBindPtr varBind = MakeNamedVarBind(variable.oid.data(), variable.oidLength);
     if (varBind == nullptr) return OutOfMemory();
-    const auto count = static_cast<std::size_t>(variable.oidLength);
-    varBind->oid = new (std::nothrow) std::uint32_t[count];
-    if (varBind->oid == nullptr) return OutOfMemory();
-    std::copy_n(variable.oid.begin(), count, varBind->oid);
-    varBind->oidLength = variable.oidLength;
     if (const std::uint8_t result = TakeValue(*varBind, variable); result != parse_result::done) return result;
     varBind->type = variable.type;
     varBind->position = number;

@@ -23,7 +23,7 @@ void WriteToolkitLine(std::string_view text) noexcept;
 /// Out of memory: the line is lost. Apart from the step that asks for the level, which every routine of the engine
 /// takes.
 template <class... Arguments>
-[[gnu::noinline]] void WriteToolkitFormat(const char* format, const Arguments&... arguments) noexcept try {
+[[gnu::cold, gnu::noinline]] void WriteToolkitFormat(const char* format, const Arguments&... arguments) noexcept try {
     WriteToolkitLine(LogText(format, arguments...));
 } catch (...) {
 }

@@ -46,8 +46,7 @@ std::unique_lock<std::mutex> LockSockets() {
 }
 
 void StoreHost(TransportDomainAddress& address, std::string_view host) {
-    address.remoteHost.fill('\0');
-    host.copy(address.remoteHost.data(), remoteHostRoom - 1);
+    address.remoteHost[host.copy(address.remoteHost.data(), remoteHostRoom - 1)] = '\0';
 }
 
 void InitUdpSocket() {
@@ -141,7 +140,7 @@ int WaitForSocketData(const TransportDomainAddress& address, std::int64_t micros
     const TransportDomainAddress* const waiting = &address;
     SockFds set;
     SetSockFds(&set, &waiting, 1);
-    const std::uint64_t start = platform::Clock().GetTickCount64();
+    std::uint64_t start = 0;
     std::int64_t left = microseconds;
     for (int repeat = 0; repeat <= maxSelectRepeats; ++repeat) {
         bool ready = false;
@@ -149,7 +148,10 @@ int WaitForSocketData(const TransportDomainAddress& address, std::int64_t micros
             if (ready) TKLOG(3, "Data is available from sub agent .....\n");
             return ready ? 1 : 0;
         }
-        if (repeat == 0) TKLOG(1, "Error in select \n");
+        if (repeat == 0) {
+            TKLOG(1, "Error in select \n");
+            start = platform::Clock().GetTickCount64();  // a refusal takes no time
+        }
         left = microseconds - static_cast<std::int64_t>(platform::Clock().GetTickCount64() - start) * 1000;
         if (left <= 0) break;
     }
@@ -197,7 +199,7 @@ TransportDomainInfo* CreateTransportDomainInfo(std::uint16_t localPort, std::uin
              remoteHostRoom - 1);
         return nullptr;
     }
-    auto* exchange = new (std::nothrow) Exchange{};
+    auto* exchange = new (std::nothrow) Exchange;
     if (exchange == nullptr) {
         TKLOG(1, "Unable to allocate buffer !!! \n");
         return nullptr;

@@ -20,17 +20,17 @@ inline constexpr std::size_t remoteHostRoom = 256;
 inline constexpr std::size_t localAddressRoom = 20;
 
 struct TransportDomainAddress {
-    std::uint16_t localPort;  // told in log lines; a socket is always bound to a port of the system's choice
-    std::array<char, localAddressRoom> localAddress;  // empty: any
-    std::uint16_t remotePort;
+    std::uint16_t localPort = 0;  // told in log lines; a socket is always bound to a port of the system's choice
+    std::array<char, localAddressRoom> localAddress{};  // empty: any
+    std::uint16_t remotePort = 0;
+    platform::SocketHandle socket = 0;            // a copy that the wait uses
+    platform::SocketAddress* peer = nullptr;      // where to send, then who has answered
     std::array<char, remoteHostRoom> remoteHost;  // address or name; after an answer, its sender's address
-    platform::SocketHandle socket;                // a copy that the wait uses
-    platform::SocketAddress* peer;                // where to send, then who has answered
 };
 
 struct TransportDomainInfo {
-    platform::SocketHandle socket;
-    TransportDomainAddress* address;  // released with this record
+    platform::SocketHandle socket = 0;
+    TransportDomainAddress* address = nullptr;  // released with this record
 };
 
 /// What all exchanges of the process share.

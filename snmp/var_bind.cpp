@@ -36,20 +36,9 @@ std::int64_t SizeOfValue(std::uint8_t type, std::int32_t valueLength) {
     return type == tag::objectId ? size * std::int64_t{sizeof(std::uint32_t)} : size;
 }
 
-/// A variable with a copy of the name, or null.
-VarBindPtr MakeNamed(const std::uint32_t* oid, std::int32_t oidLength) {
-    VarBindPtr varBind(new (std::nothrow) VarBind{});
-    if (!varBind) return nullptr;
-    varBind->oidLength = std::max(oidLength, 0);
-    varBind->oid = new (std::nothrow) std::uint32_t[static_cast<std::size_t>(varBind->oidLength)];
-    if (!varBind->oid) return nullptr;
-    CopyOid(varBind->oid, oid, varBind->oidLength);
-    return varBind;
-}
-
 /// A deep copy, or null.
 VarBindPtr CopyOf(const VarBind& source) {
-    VarBindPtr copy = MakeNamed(source.oid, source.oidLength);
+    VarBindPtr copy = MakeNamedVarBind(source.oid, source.oidLength);
     if (!copy) return nullptr;
     copy->type = source.type;
     copy->reserved = source.reserved;
@@ -141,15 +130,26 @@ void FreeValue(void* value) { delete[] static_cast<std::uint32_t*>(value); }
 
 void FreeVarBind(VarBind* varBind) {
     if (!varBind) return;
-    delete[] varBind->oid;
     if (varBind->ownsValue == 1) FreeValue(varBind->value);
-    delete varBind;
+    ::operator delete(varBind);
+}
+
+VarBindPtr MakeNamedVarBind(const std::uint32_t* oid, std::int32_t oidLength) {
+    const std::int32_t count = std::max(oidLength, 0);
+    void* const room =
+        ::operator new(sizeof(VarBind) + static_cast<std::size_t>(count) * sizeof(std::uint32_t), std::nothrow);
+    if (!room) return nullptr;
+    VarBindPtr varBind(new (room) VarBind{});
+    varBind->oid = reinterpret_cast<std::uint32_t*>(varBind.get() + 1);
+    varBind->oidLength = count;
+    CopyOid(varBind->oid, oid, count);
+    return varBind;
 }
 
 VarBind* CreateAVarBind(const std::uint32_t* oid, std::int32_t oidLength, std::uint8_t type, const void* value,
                         std::int32_t valueLength) {
     TKLOG(3, "\t Inside CreateAVarBind() \n");
-    VarBindPtr varBind = MakeNamed(oid, oidLength);
+    VarBindPtr varBind = MakeNamedVarBind(oid, oidLength);
     // An object identifier, too, is given in bytes; a copy of the variable looks at as many words.
     if (varBind) varBind->value = NewValue(SizeOfValue(type, valueLength));
     if (!varBind || !varBind->value) {
@@ -180,13 +180,11 @@ void CopyVarBinds(TkVector* target, TkVector* source, std::int32_t number) {
 }
 
 void TakeVarBinds(TkVector* target, TkVector* source) {
-    TkVectorNode* node = source->head;
+    if (!source->head) return;
+    (target->head ? target->tail->next : target->head) = source->head;
+    target->tail = source->tail;
+    target->count += source->count;
     InitVector(source, source->compare);
-    while (node) {
-        TkVectorNode* next = node->next;
-        AddElement(target, node);
-        node = next;
-    }
 }
 
 void FreeVarBindList(TkVector* vector) {

@@ -13,7 +13,7 @@ namespace kv::snmp {
 /// two uint32, high and low; object identifier: an array of sub-identifiers, counted by valueLength; address: dotted
 /// text; all else: the bytes. Texts and bytes have a terminator that valueLength does not count.
 struct VarBind {
-    std::uint32_t* oid;  // owned
+    std::uint32_t* oid;  // behind the record, in one piece of memory with it
     std::int32_t oidLength;
     std::uint8_t type;         // a tag
     void* value;               // as DecodeAsnSyntaxValue makes it; or null
@@ -32,6 +32,9 @@ struct FreeVarBindDeleter {
 };
 using VarBindPtr = std::unique_ptr<VarBind, FreeVarBindDeleter>;
 
+/// A variable with a copy of the name and no value; null when memory ran out.
+VarBindPtr MakeNamedVarBind(const std::uint32_t* oid, std::int32_t oidLength);
+
 /// A variable with copies of the name and, if there is one, of the value; null when memory ran out. valueLength is in
 /// bytes, also for an object identifier, as a builder takes it.
 VarBind* CreateAVarBind(const std::uint32_t* oid, std::int32_t oidLength, std::uint8_t type, const void* value,
@@ -43,7 +46,8 @@ void CopyVarBind(TkVector* target, TkVector* source, std::int32_t number);
 /// The same of that variable and all that follow it. What was copied stays when memory ran out, with a line.
 void CopyVarBinds(TkVector* target, TkVector* source, std::int32_t number);
 
-/// Appends the variables of a list, which is empty afterwards: they are not copied, but change hands.
+/// Appends the variables of a list, which is empty afterwards: they are not copied, but change hands. No lock is taken:
+/// both lists are the caller's own, and in no order.
 void TakeVarBinds(TkVector* target, TkVector* source);
 
 /// Frees the variables of a list, and its nodes. The list itself stays.
