@@ -17,7 +17,7 @@ namespace {
 constexpr std::uint32_t lostLockAge = 300;  // seconds after which the purge takes a lock to be lost
 
 std::once_flag mutexMade;
-platform::MutexHandle gv_lockTableMutex = 0;
+std::atomic<platform::MutexHandle> gv_lockTableMutex{0};
 ResourceLockEntry* lockTable = nullptr;     // new entries at the tail
 ResourceLockEntry* spareEntries = nullptr;  // for the next locks; as many as were ever held at once
 std::atomic<int> lockBackoff{0};
@@ -26,7 +26,7 @@ std::atomic<int> lockBackoff{0};
 class TableGuard {
   public:
     TableGuard() {
-        InitMutex();
+        if (gv_lockTableMutex == 0) InitMutex();
         platform::Threads().WaitForMutex(gv_lockTableMutex);
     }
     ~TableGuard() { platform::Threads().ReleaseMutex(gv_lockTableMutex); }

@@ -11,11 +11,13 @@
 
 namespace platform {
 
+template <class Operations>
+inline Operations currentRecord;
+
 /// The one current record of a list of operations.
 template <class Operations>
 Operations& CurrentOperations() {
-    static Operations current;
-    return current;
+    return currentRecord<Operations>;
 }
 
 /// Replaces the current record of a list for as long as this object lives, and puts the former one back at its end.

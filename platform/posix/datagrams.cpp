@@ -9,6 +9,7 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <system_error>
 #include <unistd.h>
 
 #include "platform/posix/posix.h"
@@ -48,8 +49,16 @@ std::int64_t MicrosecondsNow() {
 }  // namespace
 
 bool AddressFromText(std::string_view dottedAddress, std::array<std::uint8_t, 4>& address) {
-    const std::string text(dottedAddress.substr(0, dottedAddress.find(' ')));
-    return inet_pton(AF_INET, text.c_str(), address.data()) == 1;
+    const char* position = dottedAddress.data();
+    const char* const end = position + std::min(dottedAddress.find(' '), dottedAddress.size());
+    for (std::size_t part = 0; part < address.size(); ++part) {
+        if (part > 0 && (position == end || *position++ != '.')) return false;
+        const auto [next, failure] = std::from_chars(position, end, address[part]);
+        // A number that begins with 0 might be meant as an octal one.
+        if (failure != std::errc{} || (*position == '0' && next - position > 1)) return false;
+        position = next;
+    }
+    return position == end;
 }
 
 std::string TextFromAddress(const std::array<std::uint8_t, 4>& address) {
