@@ -4,7 +4,7 @@
 // record that is current; the program installs its system's records once at start (platform/backend.h); a test installs
 // a record of its own to make a call fail, to answer a query, or to let a minute pass in no time.
 //
-// Replacing a record is not synchronised: it happens before the first thread starts or while none runs.
+// Replacing a record is not synchronised: it happens in main before the first thread starts, or while none runs.
 #pragma once
 
 #include <utility>

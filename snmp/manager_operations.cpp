@@ -189,13 +189,16 @@ void AskFrom(SnmpPdu& pdu, const std::vector<std::uint32_t>& oid) {
     pdu.errorStatus = requestErrorStatus;
     pdu.errorIndex = requestErrorIndex;
     void*& data = pdu.varBinds.head->data;
+    auto* const asked = static_cast<VarBind*>(data);
     const auto length = static_cast<std::int32_t>(oid.size());
-    if (static_cast<const VarBind*>(data)->oidLength != length) {
-        VarBindPtr longerOrShorter(CreateAVarBind(oid.data(), length, tag::octetString, nullptr, 0));
-        if (!longerOrShorter) throw std::bad_alloc();
-        FreeVarBind(static_cast<VarBind*>(std::exchange(data, longerOrShorter.release())));
-    }
-    CopyOid(static_cast<VarBind*>(data)->oid, oid.data(), length);
+    if (asked->oidLength == length) return CopyOid(asked->oid, oid.data(), length);
+    VarBindPtr next = MakeNamedVarBind(oid.data(), length);
+    if (!next) throw std::bad_alloc();
+    next->type = asked->type;
+    std::swap(next->value, asked->value);
+    std::swap(next->ownsValue, asked->ownsValue);
+    data = next.release();
+    FreeVarBind(asked);
 }
 
 /// Null when the request cannot be made or brings no answer. All requests of a walk are one, with an OID of its own

@@ -140,7 +140,7 @@ int WaitForSocketData(const TransportDomainAddress& address, std::int64_t micros
     const TransportDomainAddress* const waiting = &address;
     SockFds set;
     SetSockFds(&set, &waiting, 1);
-    std::uint64_t start = 0;
+    const std::uint64_t start = platform::Clock().GetTickCount64();
     std::int64_t left = microseconds;
     for (int repeat = 0; repeat <= maxSelectRepeats; ++repeat) {
         bool ready = false;
@@ -148,10 +148,7 @@ int WaitForSocketData(const TransportDomainAddress& address, std::int64_t micros
             if (ready) TKLOG(3, "Data is available from sub agent .....\n");
             return ready ? 1 : 0;
         }
-        if (repeat == 0) {
-            TKLOG(1, "Error in select \n");
-            start = platform::Clock().GetTickCount64();  // a refusal takes no time
-        }
+        if (repeat == 0) TKLOG(1, "Error in select \n");
         left = microseconds - static_cast<std::int64_t>(platform::Clock().GetTickCount64() - start) * 1000;
         if (left <= 0) break;
     }

@@ -23,9 +23,9 @@ struct TransportDomainAddress {
     std::uint16_t localPort = 0;  // told in log lines; a socket is always bound to a port of the system's choice
     std::array<char, localAddressRoom> localAddress{};  // empty: any
     std::uint16_t remotePort = 0;
+    std::array<char, remoteHostRoom> remoteHost;  // address or name; after an answer, its sender's address
     platform::SocketHandle socket = 0;            // a copy that the wait uses
     platform::SocketAddress* peer = nullptr;      // where to send, then who has answered
-    std::array<char, remoteHostRoom> remoteHost;  // address or name; after an answer, its sender's address
 };
 
 struct TransportDomainInfo {

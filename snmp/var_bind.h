@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <type_traits>
 
 #include "snmp/asn.h"
 #include "snmp/tk_vector.h"
@@ -30,6 +31,7 @@ void FreeVarBind(VarBind* varBind);
 struct FreeVarBindDeleter {
     void operator()(VarBind* varBind) const { FreeVarBind(varBind); }
 };
+static_assert(std::is_trivially_destructible_v<VarBind>);  // its memory is freed as it is
 using VarBindPtr = std::unique_ptr<VarBind, FreeVarBindDeleter>;
 
 /// A variable with a copy of the name and no value; null when memory ran out.
@@ -47,7 +49,7 @@ void CopyVarBind(TkVector* target, TkVector* source, std::int32_t number);
 void CopyVarBinds(TkVector* target, TkVector* source, std::int32_t number);
 
 /// Appends the variables of a list, which is empty afterwards: they are not copied, but change hands. No lock is taken:
-/// both lists are the caller's own, and in no order.
+/// the two lists are the caller's own, not the same, and in no order.
 void TakeVarBinds(TkVector* target, TkVector* source);
 
 /// Frees the variables of a list, and its nodes. The list itself stays.

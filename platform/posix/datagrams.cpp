@@ -49,16 +49,19 @@ std::int64_t MicrosecondsNow() {
 }  // namespace
 
 bool AddressFromText(std::string_view dottedAddress, std::array<std::uint8_t, 4>& address) {
+    std::array<std::uint8_t, 4> parts{};
     const char* position = dottedAddress.data();
     const char* const end = position + std::min(dottedAddress.find(' '), dottedAddress.size());
-    for (std::size_t part = 0; part < address.size(); ++part) {
+    for (std::size_t part = 0; part < parts.size(); ++part) {
         if (part > 0 && (position == end || *position++ != '.')) return false;
-        const auto [next, failure] = std::from_chars(position, end, address[part]);
+        const auto [next, failure] = std::from_chars(position, end, parts[part]);
         // A number that begins with 0 might be meant as an octal one.
         if (failure != std::errc{} || (*position == '0' && next - position > 1)) return false;
         position = next;
     }
-    return position == end;
+    if (position != end) return false;
+    address = parts;
+    return true;
 }
 
 std::string TextFromAddress(const std::array<std::uint8_t, 4>& address) {

@@ -213,14 +213,14 @@ TEST_F(SnmpMessage, AnswersAreTakenAsTheyCome) {
 
 TEST_F(SnmpMessage, WhatCanFailOnTheWay) {
     int failures = 0, calls = 0, open = 0;
-    std::uint64_t now = 0, tick = 0;
+    std::uint64_t now = 0, tick = 0, waited = 0;
     const auto result = [&] { return ++calls > failures ? platform::error::success : platform::error::generalFailure; };
     platform::SocketOperations sockets = platform::Sockets();
     sockets.socket = [&](auto& socket) { return ++open, socket = 1, platform::error::success; };
     sockets.closesocket = [&](auto) { return --open, platform::error::success; };
     sockets.bind = [&](auto&&...) { return result(); };
     sockets.sendto = [&](auto&&...) { return result(); };
-    sockets.select = [&](auto, auto, bool& ready) { return ready = true, result(); };
+    sockets.select = [&](auto, auto, bool& ready) { return now += waited, ready = true, result(); };
     sockets.recvfrom = [&](auto, auto, auto, auto& peer, auto&) { return peer = {{10, 0, 0, 7}, 99}, result(); };
     platform::ClockOperations clock = platform::Clock();
     clock.GetTickCount64 = [&] { return now += tick; };
@@ -251,6 +251,8 @@ TEST_F(SnmpMessage, WhatCanFailOnTheWay) {
     EXPECT_EQ(outcome(wait, 1001), std::pair(0, 1001)) << "time stands still";
     tick = 500;
     EXPECT_EQ(outcome(wait, 1001), std::pair(0, 4)) << "time goes by";
+    tick = 0, waited = 1900;
+    EXPECT_EQ(outcome(wait, 1001), std::pair(0, 2)) << "a refusal takes its time";
     EXPECT_EQ(outcome(read, 1), std::pair(0, 1));
     EXPECT_STREQ(info->address->remoteHost.data(), "127.0.0.1");
     EXPECT_EQ(outcome(read, 0), std::pair(0, 1)) << "no byte came";
