@@ -12,7 +12,7 @@
 namespace platform {
 
 template <class Operations>
-inline Operations currentRecord;
+inline Operations currentRecord;  // within the routine below it would be guarded, at a price for each call
 
 /// The one current record of a list of operations.
 template <class Operations>

@@ -48,6 +48,7 @@ std::int64_t MicrosecondsNow() {
 
 }  // namespace
 
+/// Taken apart here because inet_pton wants a copy with an end; a walk comes by for each value.
 bool AddressFromText(std::string_view dottedAddress, std::array<std::uint8_t, 4>& address) {
     std::array<std::uint8_t, 4> parts{};
     const char* position = dottedAddress.data();
