@@ -8,7 +8,6 @@
 
 #include "agent/service_admin.h"
 #include "collection/record_file.h"
-#include "exchange/http_transaction.h"
 #include "foundation/agent_state.h"
 #include "foundation/file_utils.h"
 #include "foundation/guarded.h"
@@ -18,6 +17,7 @@
 #include "foundation/registry_store.h"
 #include "foundation/text.h"
 #include "foundation/thread_pool.h"
+#include "http/http_transaction.h"
 #include "platform/clock.h"
 #include "platform/errors.h"
 #include "platform/files.h"

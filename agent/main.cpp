@@ -1,11 +1,12 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "agent/backends.h"
 #include "agent/entry.h"
 #include "platform/backend.h"
 
 int main(int argc, char** argv) {
-    platform::InstallBackend();
+    kv::InstallBackends();
     const int exitCode = kv::Main(platform::CommandLineWords(argc, argv));
     // Other threads work until the process ends around them, so nothing static is destroyed under them.
     std::fflush(nullptr);

@@ -146,6 +146,7 @@ void EndSleepers(const std::vector<pid_t>& sleepers) {
 
 int main() {
     platform::InstallBackend();
+    platform::InstallWmi();
     bool good = MeasureOperatingSystem();
     good = MeasureProcesses("the processes of this machine") && good;
     const std::vector<pid_t> sleepers = StartSleepers();

@@ -2,10 +2,10 @@
 #include "collection/record_file.h"
 #include "collection/record_member.h"
 #include "collection/snmp_query.h"
-#include "exchange/request_servlet.h"
 #include "foundation/agent_state.h"
 #include "foundation/log.h"
 #include "foundation/time_utils.h"
+#include "http/request_servlet.h"
 #include "jsontext/hash_json.h"
 #include "platform/memory.h"
 

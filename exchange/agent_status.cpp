@@ -3,9 +3,9 @@
 #include <new>
 #include <string>
 
-#include "exchange/http_transaction.h"
 #include "foundation/agent_state.h"
 #include "foundation/log.h"
+#include "http/http_transaction.h"
 
 namespace kv {
 

@@ -7,13 +7,13 @@
 #include <string_view>
 
 #include "collection/wmi_query.h"
-#include "exchange/request_servlet.h"
 #include "exchange/service_control.h"
 #include "foundation/agent_state.h"
 #include "foundation/line_bound.h"
 #include "foundation/log.h"
 #include "foundation/text.h"
 #include "foundation/time_utils.h"
+#include "http/request_servlet.h"
 #include "jsontext/hash_json.h"
 
 namespace kv {

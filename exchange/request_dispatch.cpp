@@ -3,9 +3,7 @@
 #include <utility>
 
 #include "collection/collect.h"
-#include "exchange/http_transaction.h"
 #include "exchange/local_requests.h"
-#include "exchange/request_servlet.h"
 #include "exchange/snmp_discovery.h"
 #include "foundation/agent_state.h"
 #include "foundation/file_utils.h"
@@ -15,6 +13,8 @@
 #include "foundation/log.h"
 #include "foundation/registry_store.h"
 #include "foundation/text.h"
+#include "http/http_transaction.h"
+#include "http/request_servlet.h"
 #include "jsontext/hash_json.h"
 #include "platform/files.h"
 #include "queryconf/conf_paths.h"

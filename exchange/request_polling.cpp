@@ -3,9 +3,7 @@
 #include <string>
 #include <string_view>
 
-#include "exchange/http_transaction.h"
 #include "exchange/request_dispatch.h"
-#include "exchange/request_servlet.h"
 #include "foundation/agent_state.h"
 #include "foundation/file_utils.h"
 #include "foundation/guarded.h"
@@ -13,6 +11,8 @@
 #include "foundation/registry_store.h"
 #include "foundation/text.h"
 #include "foundation/time_utils.h"
+#include "http/http_transaction.h"
+#include "http/request_servlet.h"
 #include "platform/clock.h"
 #include "platform/files.h"
 #include "platform/memory.h"

@@ -5,10 +5,10 @@
 
 #include "collection/record_member.h"
 #include "collection/snmp_query.h"
-#include "exchange/request_servlet.h"
 #include "foundation/agent_state.h"
 #include "foundation/host_utils.h"
 #include "foundation/log.h"
+#include "http/request_servlet.h"
 #include "jsontext/hash_json.h"
 #include "platform/utf.h"
 

@@ -11,7 +11,6 @@
 #include <vector>
 
 #include "collection/record_file.h"
-#include "exchange/http_transaction.h"
 #include "foundation/agent_state.h"
 #include "foundation/file_utils.h"
 #include "foundation/guarded.h"
@@ -20,6 +19,7 @@
 #include "foundation/system_error.h"
 #include "foundation/text.h"
 #include "foundation/time_utils.h"
+#include "http/http_transaction.h"
 #include "platform/clock.h"
 #include "platform/files.h"
 #include "zip/zip_writer.h"

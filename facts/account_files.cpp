@@ -1,6 +1,6 @@
-#include "platform/posix/facts/account_files.h"
+#include "facts/account_files.h"
 
-#include "platform/posix/facts/system_text.h"
+#include "facts/system_text.h"
 
 namespace platform::wmi {
 

@@ -1,9 +1,9 @@
-#include "platform/posix/facts/block_devices.h"
+#include "facts/block_devices.h"
 
 #include <algorithm>
 #include <filesystem>
 
-#include "platform/posix/facts/system_text.h"
+#include "facts/system_text.h"
 
 namespace platform::wmi {
 

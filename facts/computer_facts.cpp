@@ -1,10 +1,10 @@
-#include "platform/posix/facts/computer_facts.h"
+#include "facts/computer_facts.h"
 
 #include <algorithm>
 #include <chrono>
 #include <fmt/format.h>
 
-#include "platform/posix/facts/system_text.h"
+#include "facts/system_text.h"
 #include "platform/utf.h"
 
 namespace platform::wmi {

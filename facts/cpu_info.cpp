@@ -1,11 +1,11 @@
-#include "platform/posix/facts/cpu_info.h"
+#include "facts/cpu_info.h"
 
 #include <algorithm>
 #include <fmt/format.h>
 #include <map>
 #include <set>
 
-#include "platform/posix/facts/system_text.h"
+#include "facts/system_text.h"
 
 namespace platform::wmi {
 

@@ -1,4 +1,4 @@
-#include "platform/posix/facts/distribution.h"
+#include "facts/distribution.h"
 
 #include <algorithm>
 #include <cctype>
@@ -8,7 +8,7 @@
 #include <memory>
 #include <unistd.h>
 
-#include "platform/posix/facts/system_text.h"
+#include "facts/system_text.h"
 
 namespace platform::wmi {
 

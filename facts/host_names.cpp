@@ -1,9 +1,9 @@
-#include "platform/posix/facts/host_names.h"
+#include "facts/host_names.h"
 
 #include <algorithm>
 #include <sys/utsname.h>
 
-#include "platform/posix/facts/system_text.h"
+#include "facts/system_text.h"
 #include "platform/utf.h"
 
 namespace platform::wmi {

@@ -1,6 +1,6 @@
-#include "platform/posix/facts/kernel_totals.h"
+#include "facts/kernel_totals.h"
 
-#include "platform/posix/facts/system_text.h"
+#include "facts/system_text.h"
 
 namespace platform::wmi {
 

@@ -1,4 +1,4 @@
-#include "platform/posix/facts/local_time.h"
+#include "facts/local_time.h"
 
 #include <chrono>
 

@@ -1,4 +1,4 @@
-#include "platform/posix/facts/mount_space.h"
+#include "facts/mount_space.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -12,7 +12,7 @@
 #include <system_error>
 #include <thread>
 
-#include "platform/posix/facts/system_text.h"
+#include "facts/system_text.h"
 
 namespace platform::wmi {
 

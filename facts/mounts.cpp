@@ -1,11 +1,11 @@
-#include "platform/posix/facts/mounts.h"
+#include "facts/mounts.h"
 
 #include <algorithm>
 #include <map>
 #include <span>
 #include <tuple>
 
-#include "platform/posix/facts/system_text.h"
+#include "facts/system_text.h"
 
 namespace platform::wmi {
 

@@ -1,4 +1,4 @@
-#include "platform/posix/facts/network_addresses.h"
+#include "facts/network_addresses.h"
 
 #include <algorithm>
 #include <array>
@@ -8,7 +8,7 @@
 #include <linux/rtnetlink.h>
 #include <sys/socket.h>
 
-#include "platform/posix/facts/system_text.h"
+#include "facts/system_text.h"
 
 namespace platform::wmi {
 

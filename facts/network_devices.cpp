@@ -1,11 +1,11 @@
-#include "platform/posix/facts/network_devices.h"
+#include "facts/network_devices.h"
 
 #include <algorithm>
 #include <filesystem>
 #include <net/if.h>
 #include <net/if_arp.h>
 
-#include "platform/posix/facts/system_text.h"
+#include "facts/system_text.h"
 
 namespace platform::wmi {
 

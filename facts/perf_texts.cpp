@@ -1,8 +1,8 @@
-#include "platform/posix/wmi_classes/perf_texts.h"
+#include "facts/perf_texts.h"
 
 #include <vector>
 
-#include "platform/posix/facts/system_text.h"
+#include "facts/system_text.h"
 
 namespace platform::wmi {
 

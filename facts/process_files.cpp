@@ -1,4 +1,4 @@
-#include "platform/posix/facts/process_files.h"
+#include "facts/process_files.h"
 
 #include <algorithm>
 #include <array>
@@ -14,7 +14,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "platform/posix/facts/system_text.h"
+#include "facts/system_text.h"
 
 namespace platform::wmi {
 

@@ -1,4 +1,4 @@
-#include "platform/posix/facts/processor_identity.h"
+#include "facts/processor_identity.h"
 
 #include <fmt/format.h>
 

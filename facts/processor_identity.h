@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/posix/facts/cpu_info.h"
+#include "facts/cpu_info.h"
 
 namespace platform::wmi {
 

@@ -1,10 +1,10 @@
-#include "platform/posix/wmi_classes/processor_load.h"
+#include "facts/processor_load.h"
 
 #include <cmath>
 #include <utility>
 
-#include "platform/posix/facts/process_files.h"
-#include "platform/posix/wmi_classes/perf_class.h"
+#include "facts/process_files.h"
+#include "wql/classes/perf_class.h"
 
 namespace platform::wmi {
 

@@ -7,8 +7,8 @@
 #include <mutex>
 #include <vector>
 
-#include "platform/posix/facts/cpu_info.h"
-#include "platform/posix/facts/kernel_totals.h"
+#include "facts/cpu_info.h"
+#include "facts/kernel_totals.h"
 
 namespace platform::wmi {
 

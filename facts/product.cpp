@@ -1,9 +1,9 @@
-#include "platform/posix/facts/product.h"
+#include "facts/product.h"
 
 #include <algorithm>
 #include <cctype>
 
-#include "platform/posix/facts/smbios.h"
+#include "facts/smbios.h"
 
 namespace platform::wmi {
 

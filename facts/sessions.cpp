@@ -1,4 +1,4 @@
-#include "platform/posix/facts/sessions.h"
+#include "facts/sessions.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -8,8 +8,8 @@
 #include <unistd.h>
 #include <utmp.h>
 
-#include "platform/posix/facts/account_files.h"
-#include "platform/posix/facts/system_text.h"
+#include "facts/account_files.h"
+#include "facts/system_text.h"
 
 namespace platform::wmi {
 

@@ -1,6 +1,6 @@
-#include "platform/posix/facts/smbios.h"
+#include "facts/smbios.h"
 
-#include "platform/posix/facts/system_text.h"
+#include "facts/system_text.h"
 
 namespace platform::wmi {
 

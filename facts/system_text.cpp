@@ -1,4 +1,4 @@
-#include "platform/posix/facts/system_text.h"
+#include "facts/system_text.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -8,7 +8,7 @@
 #include <string_view>
 #include <sys/types.h>
 
-#include "platform/posix/descriptor.h"
+#include "platform/linux/descriptor.h"
 
 namespace platform::wmi {
 

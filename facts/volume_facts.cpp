@@ -1,11 +1,11 @@
-#include "platform/posix/facts/volume_facts.h"
+#include "facts/volume_facts.h"
 
 #include <algorithm>
 #include <cctype>
 #include <charconv>
 #include <filesystem>
 
-#include "platform/posix/facts/system_text.h"
+#include "facts/system_text.h"
 
 namespace platform::wmi {
 

@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/posix/facts/mounts.h"
+#include "facts/mounts.h"
 
 namespace platform::wmi {
 

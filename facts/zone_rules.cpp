@@ -1,4 +1,4 @@
-#include "platform/posix/facts/zone_rules.h"
+#include "facts/zone_rules.h"
 
 #include <algorithm>
 #include <cctype>
@@ -7,7 +7,7 @@
 #include <fmt/format.h>
 #include <utility>
 
-#include "platform/posix/facts/system_text.h"
+#include "facts/system_text.h"
 
 namespace platform::wmi {
 

@@ -12,10 +12,10 @@
 #include <string_view>
 
 #include "platform/backend.h"
-#include "platform/posix/wmi/class_tree.h"
-#include "platform/posix/wmi/condition.h"
-#include "platform/posix/wmi/wql_token.h"
 #include "platform/utf.h"
+#include "wql/class_tree.h"
+#include "wql/condition.h"
+#include "wql/wql_token.h"
 
 namespace {
 
@@ -154,7 +154,7 @@ void CheckValue(std::u16string_view text) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    static const bool backendInstalled = (platform::InstallBackend(), true);
+    static const bool backendInstalled = (platform::InstallBackend(), platform::InstallWmi(), true);
     if (!backendInstalled) return 0;
     const std::u16string text = WideFromUtf8({reinterpret_cast<const char*>(data), size});
     RunQuery(text);

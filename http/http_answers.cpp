@@ -1,4 +1,4 @@
-#include "exchange/http_answers.h"
+#include "http/http_answers.h"
 
 #include <algorithm>
 #include <charconv>

@@ -1,8 +1,8 @@
-#include "exchange/http_attempt.h"
+#include "http/http_attempt.h"
 
-#include "exchange/http_answers.h"
 #include "foundation/agent_state.h"
 #include "foundation/log.h"
+#include "http/http_answers.h"
 #include "platform/clock.h"
 
 namespace kv {

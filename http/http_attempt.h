@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "exchange/http_transaction.h"
+#include "http/http_transaction.h"
 #include "platform/http.h"
 
 namespace kv {

@@ -3,10 +3,10 @@
 #include <cstdint>
 #include <new>
 
-#include "exchange/http_answers.h"
-#include "exchange/http_attempt.h"
 #include "foundation/file_utils.h"
 #include "foundation/log.h"
+#include "http/http_answers.h"
+#include "http/http_attempt.h"
 #include "platform/files.h"
 
 namespace kv {

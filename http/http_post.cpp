@@ -2,9 +2,9 @@
 #include <algorithm>
 #include <new>
 
-#include "exchange/http_attempt.h"
 #include "foundation/file_utils.h"
 #include "foundation/log.h"
+#include "http/http_attempt.h"
 
 namespace kv {
 

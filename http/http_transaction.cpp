@@ -1,11 +1,11 @@
-#include "exchange/http_transaction.h"
+#include "http/http_transaction.h"
 
 #include <new>
 
-#include "exchange/http_answers.h"
 #include "foundation/agent_state.h"
 #include "foundation/file_utils.h"
 #include "foundation/log.h"
+#include "http/http_answers.h"
 #include "platform/memory.h"
 
 namespace kv {

@@ -1,10 +1,10 @@
-#include "exchange/request_servlet.h"
+#include "http/request_servlet.h"
 
-#include "exchange/http_transaction.h"
 #include "foundation/agent_state.h"
 #include "foundation/file_utils.h"
 #include "foundation/log.h"
 #include "foundation/text.h"
+#include "http/http_transaction.h"
 
 namespace kv {
 

@@ -55,6 +55,7 @@ void OpenAgentRegistry(const Options& options, const std::string& agent) {
     const std::string stateDirectory = Value(options, "--state");
     if (!stateDirectory.empty()) setenv(stateVariable, stateDirectory.c_str(), 1);
     platform::InstallBackend();
+    platform::InstallRegistry();
     const std::string place = PlaceOf(stateDirectory);
     RequireAgentSettings(place);
     const std::string found = RegistryAgentKey(place);

@@ -5,11 +5,11 @@
 #include <string>
 #include <utility>
 
-#include "exchange/http_transaction.h"
 #include "foundation/agent_state.h"
 #include "foundation/file_utils.h"
 #include "foundation/log.h"
 #include "foundation/open_file.h"
+#include "http/http_transaction.h"
 #include "platform/files.h"
 #include "queryconf/conf_paths.h"
 #include "queryconf/query_config.h"

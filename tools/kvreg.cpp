@@ -349,6 +349,7 @@ void Run(std::span<const std::string> words) {
 int main(int argc, char** argv) {
     try {
         platform::InstallBackend();
+        platform::InstallRegistry();
         const std::vector<std::string> words = platform::CommandLineWords(argc, argv);
         kv::Run(std::span(words).subspan(words.empty() ? 0 : 1));
         kv::FlushOutput();

@@ -1,4 +1,4 @@
-#include "platform/posix/wmi/bounded_run.h"
+#include "wql/bounded_run.h"
 
 #include <condition_variable>
 #include <deque>

@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/posix/wmi/query.h"
+#include "wql/query.h"
 
 namespace platform::wmi {
 

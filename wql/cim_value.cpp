@@ -1,4 +1,4 @@
-#include "platform/posix/wmi/cim_value.h"
+#include "wql/cim_value.h"
 
 #include <array>
 #include <charconv>
@@ -6,7 +6,7 @@
 #include <limits>
 #include <system_error>
 
-#include "platform/posix/wmi/class_tree.h"
+#include "wql/class_tree.h"
 
 namespace platform::wmi {
 

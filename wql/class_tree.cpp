@@ -1,10 +1,10 @@
-#include "platform/posix/wmi/class_tree.h"
+#include "wql/class_tree.h"
 
 #include <algorithm>
 
+#include "platform/linux/linux.h"
 #include "platform/name_pattern.h"
-#include "platform/posix/posix.h"
-#include "platform/posix/wmi_classes/families.h"
+#include "wql/classes/families.h"
 
 namespace platform::wmi {
 

@@ -4,7 +4,7 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/posix/wmi/wmi_class.h"
+#include "wql/wmi_class.h"
 
 namespace platform::wmi {
 

@@ -1,10 +1,10 @@
-#include "platform/posix/wmi/condition.h"
+#include "wql/condition.h"
 
 #include <algorithm>
 #include <compare>
 #include <utility>
 
-#include "platform/posix/wmi/class_tree.h"
+#include "wql/class_tree.h"
 
 namespace platform::wmi {
 

@@ -9,8 +9,8 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/posix/wmi/wmi_class.h"
-#include "platform/posix/wmi/wql_query.h"
+#include "wql/wmi_class.h"
+#include "wql/wql_query.h"
 
 namespace platform::wmi {
 

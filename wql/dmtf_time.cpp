@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <ctime>
 
-#include "platform/posix/wmi/cim_value.h"
+#include "wql/cim_value.h"
 
 namespace platform::wmi {
 

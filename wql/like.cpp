@@ -1,6 +1,6 @@
+#include "platform/linux/linux.h"
 #include "platform/name_pattern.h"
-#include "platform/posix/posix.h"
-#include "platform/posix/wmi/condition.h"
+#include "wql/condition.h"
 
 namespace platform::wmi {
 

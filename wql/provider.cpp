@@ -8,11 +8,12 @@
 #include <utility>
 #include <variant>
 
-#include "platform/posix/facts/host_names.h"
-#include "platform/posix/posix.h"
-#include "platform/posix/wmi/bounded_run.h"
-#include "platform/posix/wmi/class_tree.h"
-#include "platform/posix/wmi/query.h"
+#include "facts/host_names.h"
+#include "platform/backend.h"
+#include "platform/linux/linux.h"
+#include "wql/bounded_run.h"
+#include "wql/class_tree.h"
+#include "wql/query.h"
 
 namespace platform {
 
@@ -147,7 +148,7 @@ std::function<WmiStatus(Arguments...)> Guarded(WmiStatus (*operation)(Arguments.
 
 }  // namespace
 
-WmiOperations PosixWmi() {
+WmiOperations LinuxWmi() {
     return {
         .CoInitializeEx = [] { return wmi_status::ok; },
         .CoUninitialize = [] {},
@@ -164,5 +165,7 @@ WmiOperations PosixWmi() {
         .TakeNotices = TakeQueryNotices,
     };
 }
+
+void InstallWmi() { CurrentOperations<WmiOperations>() = LinuxWmi(); }
 
 }  // namespace platform

@@ -1,10 +1,10 @@
-#include "platform/posix/wmi/query.h"
+#include "wql/query.h"
 
 #include <algorithm>
 #include <ctime>
 #include <utility>
 
-#include "platform/posix/wmi/class_tree.h"
+#include "wql/class_tree.h"
 
 namespace platform::wmi {
 

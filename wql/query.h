@@ -10,9 +10,9 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/posix/wmi/condition.h"
-#include "platform/posix/wmi/wmi_class.h"
-#include "platform/posix/wmi/wql_query.h"
+#include "wql/condition.h"
+#include "wql/wmi_class.h"
+#include "wql/wql_query.h"
 
 namespace platform::wmi {
 

@@ -3,7 +3,7 @@
 #include <iterator>
 #include <utility>
 
-#include "platform/posix/wmi/condition.h"
+#include "wql/condition.h"
 
 namespace platform::wmi {
 

@@ -12,7 +12,7 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/posix/wmi/cim_value.h"
+#include "wql/cim_value.h"
 
 namespace platform::wmi {
 

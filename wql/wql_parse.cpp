@@ -4,8 +4,8 @@
 #include <optional>
 #include <utility>
 
-#include "platform/posix/wmi/class_tree.h"
-#include "platform/posix/wmi/wql_token.h"
+#include "wql/class_tree.h"
+#include "wql/wql_token.h"
 
 namespace platform::wmi {
 

@@ -1,8 +1,8 @@
-#include "platform/posix/wmi/wql_token.h"
+#include "wql/wql_token.h"
 
 #include <algorithm>
 
-#include "platform/posix/wmi/cim_value.h"
+#include "wql/cim_value.h"
 
 namespace platform::wmi {
 

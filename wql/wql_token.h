@@ -3,7 +3,7 @@
 
 #include <string_view>
 
-#include "platform/posix/wmi/wql_query.h"
+#include "wql/wql_query.h"
 
 namespace platform::wmi {
 

@@ -2,7 +2,7 @@
 
 #include <csignal>
 
-#include "platform/posix/posix.h"
+#include "platform/linux/linux.h"
 
 namespace platform {
 
@@ -21,19 +21,14 @@ void SettleSignals() {
 void InstallBackend() {
     SettleSignals();
     ReadStateDirectory();
-    CurrentOperations<ClockOperations>() = PosixClock();
-    CurrentOperations<CryptoOperations>() = PosixCrypto();
-    CurrentOperations<FileOperations>() = PosixFiles();
-    CurrentOperations<HttpOperations>() = PosixHttp();
-    CurrentOperations<MessageOperations>() = PosixMessages();
-    CurrentOperations<ProcessOperations>() = PosixProcesses();
-    CurrentOperations<RegistryOperations>() = PosixRegistry();
-    CurrentOperations<ServiceHostOperations>() = PosixServiceHost();
-    CurrentOperations<ServiceManagerOperations>() = PosixServiceManager();
-    CurrentOperations<SocketOperations>() = PosixSockets();
-    CurrentOperations<SystemFactOperations>() = PosixSystemFacts();
-    CurrentOperations<ThreadOperations>() = PosixThreads();
-    CurrentOperations<WmiOperations>() = PosixWmi();
+    CurrentOperations<ClockOperations>() = LinuxClock();
+    CurrentOperations<CryptoOperations>() = LinuxCrypto();
+    CurrentOperations<FileOperations>() = LinuxFiles();
+    CurrentOperations<MessageOperations>() = LinuxMessages();
+    CurrentOperations<ProcessOperations>() = LinuxProcesses();
+    CurrentOperations<SocketOperations>() = LinuxSockets();
+    CurrentOperations<SystemFactOperations>() = LinuxSystemFacts();
+    CurrentOperations<ThreadOperations>() = LinuxThreads();
 }
 
 std::vector<std::string> CommandLineWords(int argc, char** argv) { return {argv, argv + argc}; }

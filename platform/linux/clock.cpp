@@ -3,7 +3,7 @@
 #include <ctime>
 #include <sched.h>
 
-#include "platform/posix/posix.h"
+#include "platform/linux/linux.h"
 
 namespace platform {
 
@@ -60,7 +60,7 @@ void Sleep(std::uint32_t milliseconds) {
 
 }  // namespace
 
-ClockOperations PosixClock() {
+ClockOperations LinuxClock() {
     return {
         .GetSystemTimeMilliseconds = GetSystemTimeMilliseconds,
         .GetTickCount64 = GetTickCount64,

@@ -1,4 +1,4 @@
-#include "platform/posix/posix.h"
+#include "platform/linux/linux.h"
 
 namespace platform {
 
@@ -22,7 +22,7 @@ constexpr auto refuse = [](auto&&...) { return error::notSupported; };
 
 }  // namespace
 
-CryptoOperations PosixCrypto() {
+CryptoOperations LinuxCrypto() {
     return {
         .CryptAcquireContextW = CryptAcquireContextW,
         .CryptGetUserKey = GiveKey,

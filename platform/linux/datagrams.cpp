@@ -1,4 +1,4 @@
-#include "platform/posix/datagrams.h"
+#include "platform/linux/datagrams.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -12,7 +12,7 @@
 #include <system_error>
 #include <unistd.h>
 
-#include "platform/posix/posix.h"
+#include "platform/linux/linux.h"
 
 namespace platform {
 

@@ -1,6 +1,6 @@
 #include <cerrno>
 
-#include "platform/posix/posix.h"
+#include "platform/linux/linux.h"
 
 namespace platform {
 

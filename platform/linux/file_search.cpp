@@ -1,6 +1,6 @@
 // A search reads its directory once, at its start, and walks the names it found then. What is deleted or made meanwhile
 // does not disturb it.
-#include "platform/posix/file_search.h"
+#include "platform/linux/file_search.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -9,8 +9,8 @@
 #include <sys/stat.h>
 #include <vector>
 
+#include "platform/linux/linux.h"
 #include "platform/name_pattern.h"
-#include "platform/posix/posix.h"
 #include "platform/utf.h"
 
 namespace platform {

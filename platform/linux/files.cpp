@@ -10,9 +10,9 @@
 #include <unistd.h>
 #include <utility>
 
-#include "platform/posix/descriptor.h"
-#include "platform/posix/file_search.h"
-#include "platform/posix/posix.h"
+#include "platform/linux/descriptor.h"
+#include "platform/linux/file_search.h"
+#include "platform/linux/linux.h"
 #include "platform/utf.h"
 
 namespace platform {
@@ -326,7 +326,7 @@ std::u16string NativePath(std::u16string_view path) { return WideFromUtf8(Native
 
 }  // namespace
 
-FileOperations PosixFiles() {
+FileOperations LinuxFiles() {
     return {
         .FindFirstFileW = FindFirstFile,
         .FindNextFileW = FindNextFile,

@@ -1,5 +1,5 @@
 // Nothing here may take a lock or memory: this is the copy of a process with other threads.
-#include "platform/posix/guardian.h"
+#include "platform/linux/guardian.h"
 
 #include <array>
 #include <cerrno>

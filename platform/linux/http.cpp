@@ -1,5 +1,5 @@
 // The WinHTTP operations on libcurl. A request keeps what it was told until it is sent; each sending starts a transfer
-// of its own (platform/posix/http_curl_transfer.h), so a request can be sent again after a failure.
+// of its own (platform/linux/http_curl_transfer.h), so a request can be sent again after a failure.
 #include "platform/http.h"
 
 #include <charconv>
@@ -9,11 +9,12 @@
 #include <variant>
 #include <vector>
 
+#include "platform/backend.h"
 #include "platform/http_handles.h"
 #include "platform/http_rules.h"
-#include "platform/posix/http_curl_transfer.h"
-#include "platform/posix/http_target.h"
-#include "platform/posix/posix.h"
+#include "platform/linux/http_curl_transfer.h"
+#include "platform/linux/http_target.h"
+#include "platform/linux/linux.h"
 #include "platform/utf.h"
 
 namespace platform {
@@ -290,7 +291,7 @@ Error CloseHandle(HttpHandle handle) {
 
 }  // namespace
 
-HttpOperations PosixHttp() {
+HttpOperations LinuxHttp() {
     return {
         .WinHttpOpen = Guarded(Open),
         .WinHttpConnect = Guarded(Connect),
@@ -308,5 +309,7 @@ HttpOperations PosixHttp() {
         .WinHttpCloseHandle = Guarded(CloseHandle),
     };
 }
+
+void InstallHttp() { CurrentOperations<HttpOperations>() = LinuxHttp(); }
 
 }  // namespace platform

@@ -1,4 +1,4 @@
-#include "platform/posix/http_curl_transfer.h"
+#include "platform/linux/http_curl_transfer.h"
 
 #include <algorithm>
 #include <array>

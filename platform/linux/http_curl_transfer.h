@@ -19,7 +19,7 @@
 #include <vector>
 
 #include "platform/errors.h"
-#include "platform/posix/descriptor.h"
+#include "platform/linux/descriptor.h"
 
 namespace platform {
 

@@ -1,4 +1,4 @@
-#include "platform/posix/http_target.h"
+#include "platform/linux/http_target.h"
 
 #include <algorithm>
 #include <cctype>

@@ -1,7 +1,7 @@
 // What the sources of the Linux backend share: one maker for each record of operations, and the few routines that
 // turn the agent's names, paths and error numbers into this system's own.
 //
-// Private to platform/posix/. Everything is callable from any thread.
+// Private to platform/linux/. Everything is callable from any thread.
 #pragma once
 
 #include <chrono>
@@ -32,19 +32,19 @@ struct ServiceManagerPlace {
 };
 
 /// Makers of the records; InstallBackend calls each once.
-ClockOperations PosixClock();
-CryptoOperations PosixCrypto();
-FileOperations PosixFiles();
-HttpOperations PosixHttp();
-MessageOperations PosixMessages();
-ProcessOperations PosixProcesses();
-RegistryOperations PosixRegistry();
-ServiceHostOperations PosixServiceHost();
-ServiceManagerOperations PosixServiceManager(const ServiceManagerPlace& place = {});
-SocketOperations PosixSockets();
-SystemFactOperations PosixSystemFacts();
-ThreadOperations PosixThreads();
-WmiOperations PosixWmi();
+ClockOperations LinuxClock();
+CryptoOperations LinuxCrypto();
+FileOperations LinuxFiles();
+HttpOperations LinuxHttp();
+MessageOperations LinuxMessages();
+ProcessOperations LinuxProcesses();
+RegistryOperations LinuxRegistry();
+ServiceHostOperations LinuxServiceHost();
+ServiceManagerOperations LinuxServiceManager(const ServiceManagerPlace& place = {});
+SocketOperations LinuxSockets();
+SystemFactOperations LinuxSystemFacts();
+ThreadOperations LinuxThreads();
+WmiOperations LinuxWmi();
 
 /// The directory that holds registry.db and the drives: KVAGENT_STATE_DIR, else /var/lib/kvagent; absolute, without a
 /// slash at the end. The environment is read by InstallBackend, and only then. Nothing creates the directory here.

@@ -1,4 +1,4 @@
-#include "platform/posix/posix.h"
+#include "platform/linux/linux.h"
 #include "platform/utf.h"
 #include "platform/wmi_status.h"
 
@@ -43,7 +43,7 @@ std::optional<std::u16string> FormatModuleMessageW(ModuleHandle module, Error co
 
 }  // namespace
 
-MessageOperations PosixMessages() {
+MessageOperations LinuxMessages() {
     return {
         .FormatMessageW = FormatMessageW, .LoadLibraryW = LoadLibraryW, .FormatModuleMessageW = FormatModuleMessageW};
 }

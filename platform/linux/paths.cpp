@@ -6,8 +6,8 @@
 #include <filesystem>
 #include <locale.h>
 
+#include "platform/linux/linux.h"
 #include "platform/name_pattern.h"
-#include "platform/posix/posix.h"
 #include "platform/utf.h"
 
 namespace platform {

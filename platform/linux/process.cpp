@@ -17,10 +17,10 @@
 #include <utility>
 #include <vector>
 
-#include "platform/posix/descriptor.h"
-#include "platform/posix/guardian.h"
-#include "platform/posix/posix.h"
-#include "platform/posix/script_line.h"
+#include "platform/linux/descriptor.h"
+#include "platform/linux/guardian.h"
+#include "platform/linux/linux.h"
+#include "platform/linux/script_line.h"
 #include "platform/utf.h"
 
 namespace platform {
@@ -187,7 +187,7 @@ void CloseProcess(ProcessHandle process) {
 
 }  // namespace
 
-ProcessOperations PosixProcesses() {
+ProcessOperations LinuxProcesses() {
     return {
         .ComposeScriptLine = ComposeScriptLine,
         .GetScriptOutputEncoding = GetScriptOutputEncoding,

@@ -14,9 +14,10 @@
 #include <string>
 #include <utility>
 
+#include "platform/backend.h"
 #include "platform/clock.h"
-#include "platform/posix/posix.h"
-#include "platform/posix/registry_database.h"
+#include "platform/linux/linux.h"
+#include "platform/linux/registry_database.h"
 #include "platform/registry_names.h"
 #include "platform/utf.h"
 
@@ -264,7 +265,7 @@ Error WaitForChange(Store& store, RegistryKey key, std::uint32_t milliseconds) {
 
 }  // namespace
 
-RegistryOperations PosixRegistry() {
+RegistryOperations LinuxRegistry() {
     const auto shared = std::make_shared<Store>();
     const auto bound = [shared](auto routine) {
         return [shared, routine](auto&&... arguments) {
@@ -286,5 +287,7 @@ RegistryOperations PosixRegistry() {
         .RegNotifyChangeKeyValue = bound(WaitForChange),
     };
 }
+
+void InstallRegistry() { CurrentOperations<RegistryOperations>() = LinuxRegistry(); }
 
 }  // namespace platform

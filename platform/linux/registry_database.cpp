@@ -1,4 +1,4 @@
-#include "platform/posix/registry_database.h"
+#include "platform/linux/registry_database.h"
 
 #include <cerrno>
 #include <fcntl.h>
@@ -7,7 +7,7 @@
 #include <unistd.h>
 
 #include "platform/clock.h"
-#include "platform/posix/posix.h"
+#include "platform/linux/linux.h"
 
 namespace platform {
 

@@ -13,9 +13,9 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include "platform/linux/descriptor.h"
+#include "platform/linux/linux.h"
 #include "platform/memory.h"
-#include "platform/posix/descriptor.h"
-#include "platform/posix/posix.h"
 
 namespace platform {
 

@@ -1,11 +1,11 @@
-#include "platform/posix/script_line.h"
+#include "platform/linux/script_line.h"
 
 #include <string_view>
 #include <unistd.h>
 #include <utility>
 #include <vector>
 
-#include "platform/posix/posix.h"
+#include "platform/linux/linux.h"
 #include "platform/utf.h"
 
 namespace platform {

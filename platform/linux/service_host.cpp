@@ -24,9 +24,9 @@
 #include <thread>
 #include <unistd.h>
 
-#include "platform/posix/descriptor.h"
-#include "platform/posix/posix.h"
-#include "platform/posix/systemd/machine_state.h"
+#include "platform/linux/descriptor.h"
+#include "platform/linux/linux.h"
+#include "platform/linux/systemd/machine_state.h"
 
 namespace platform {
 
@@ -283,7 +283,7 @@ Error SetServiceStatus(ServiceStatusHandle handle, const ServiceStatus& status) 
 
 }  // namespace
 
-ServiceHostOperations PosixServiceHost() {
+ServiceHostOperations LinuxServiceHost() {
     return {.StartServiceCtrlDispatcherW = StartServiceCtrlDispatcherW,
             .RegisterServiceCtrlHandlerExW = RegisterServiceCtrlHandlerExW,
             .SetServiceStatus = SetServiceStatus};

@@ -11,11 +11,12 @@
 #include <sys/vfs.h>
 #include <systemd/sd-login.h>
 
-#include "platform/posix/posix.h"
-#include "platform/posix/systemd/bus_message.h"
-#include "platform/posix/systemd/unit_install.h"
-#include "platform/posix/systemd/unit_search.h"
-#include "platform/posix/systemd/unit_status.h"
+#include "platform/backend.h"
+#include "platform/linux/linux.h"
+#include "platform/linux/systemd/bus_message.h"
+#include "platform/linux/systemd/unit_install.h"
+#include "platform/linux/systemd/unit_search.h"
+#include "platform/linux/systemd/unit_status.h"
 #include "platform/utf.h"
 
 namespace platform {
@@ -281,7 +282,7 @@ auto Guarded(Error (*operation)(Parameters...)) {
 
 }  // namespace
 
-ServiceManagerOperations PosixServiceManager(const ServiceManagerPlace& place) {
+ServiceManagerOperations LinuxServiceManager(const ServiceManagerPlace& place) {
     return {
         .OpenSCManagerW = [place](std::uint32_t rights,
                                   ServiceHandle& manager) { return Guarded(OpenSCManagerW)(place, rights, manager); },
@@ -294,6 +295,11 @@ ServiceManagerOperations PosixServiceManager(const ServiceManagerPlace& place) {
         .QueryServiceStatusEx = Guarded(QueryServiceStatusEx),
         .EnumDependentServicesW = Guarded(EnumDependentServicesW),
         .CloseServiceHandle = CloseServiceHandle};
+}
+
+void InstallServices() {
+    CurrentOperations<ServiceHostOperations>() = LinuxServiceHost();
+    CurrentOperations<ServiceManagerOperations>() = LinuxServiceManager();
 }
 
 }  // namespace platform

@@ -8,9 +8,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "platform/posix/datagrams.h"
-#include "platform/posix/descriptor.h"
-#include "platform/posix/posix.h"
+#include "platform/linux/datagrams.h"
+#include "platform/linux/descriptor.h"
+#include "platform/linux/linux.h"
 
 namespace platform {
 
@@ -88,7 +88,7 @@ Error DefaultRouteAddress(std::string& dottedAddress) {
 
 }  // namespace
 
-SocketOperations PosixSockets() {
+SocketOperations LinuxSockets() {
     return {
         .WSAStartup = [](int, int) { return error::success; },
         .WSACleanup = [] {},

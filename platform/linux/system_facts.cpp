@@ -8,7 +8,7 @@
 #include <sys/utsname.h>
 #include <unistd.h>
 
-#include "platform/posix/posix.h"
+#include "platform/linux/linux.h"
 #include "platform/utf.h"
 
 namespace platform {
@@ -78,7 +78,7 @@ Error GetComputerNameExW(std::u16string& name) {
 
 }  // namespace
 
-SystemFactOperations PosixSystemFacts() {
+SystemFactOperations LinuxSystemFacts() {
     return {.GetVersionExW = GetVersionExW, .GetComputerNameExW = GetComputerNameExW};
 }
 

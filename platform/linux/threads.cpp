@@ -7,7 +7,7 @@
 #include <system_error>
 #include <thread>
 
-#include "platform/posix/posix.h"
+#include "platform/linux/linux.h"
 
 namespace platform {
 
@@ -114,7 +114,7 @@ Error WaitForEvent(EventHandle event, std::uint32_t milliseconds) {
 
 }  // namespace
 
-ThreadOperations PosixThreads() {
+ThreadOperations LinuxThreads() {
     return {
         .CreateThread = CreateThread,
         .SuspendThread = SuspendThread,

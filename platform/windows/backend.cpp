@@ -23,16 +23,11 @@ void InstallBackend() {
     CurrentOperations<ClockOperations>() = WindowsClock();
     CurrentOperations<CryptoOperations>() = WindowsCrypto();
     CurrentOperations<FileOperations>() = WindowsFiles();
-    CurrentOperations<HttpOperations>() = WindowsHttp();
     CurrentOperations<MessageOperations>() = WindowsMessages();
     CurrentOperations<ProcessOperations>() = WindowsProcesses();
-    CurrentOperations<RegistryOperations>() = WindowsRegistry();
-    CurrentOperations<ServiceHostOperations>() = WindowsServiceHost();
-    CurrentOperations<ServiceManagerOperations>() = WindowsServiceManager();
     CurrentOperations<SocketOperations>() = WindowsSockets();
     CurrentOperations<SystemFactOperations>() = WindowsSystemFacts();
     CurrentOperations<ThreadOperations>() = WindowsThreads();
-    CurrentOperations<WmiOperations>() = WindowsWmi();
 }
 
 /// The narrow arguments that a program gets here have lost what the system's code page does not hold.

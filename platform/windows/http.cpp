@@ -12,6 +12,7 @@
 #include <variant>
 #include <vector>
 
+#include "platform/backend.h"
 #include "platform/http_handles.h"
 #include "platform/http_rules.h"
 #include "platform/windows/http_body.h"
@@ -404,5 +405,7 @@ HttpOperations WindowsHttp() {
         .WinHttpCloseHandle = Guarded(CloseHandle),
     };
 }
+
+void InstallHttp() { CurrentOperations<HttpOperations>() = WindowsHttp(); }
 
 }  // namespace platform

@@ -12,6 +12,7 @@
 #include <new>
 #include <utility>
 
+#include "platform/backend.h"
 #include "platform/registry_names.h"
 #include "platform/windows/owned_handle.h"
 #include "platform/windows/win32.h"
@@ -297,5 +298,7 @@ RegistryOperations WindowsRegistry() {
         .RegNotifyChangeKeyValue = bound(WaitForChange),
     };
 }
+
+void InstallRegistry() { CurrentOperations<RegistryOperations>() = WindowsRegistry(); }
 
 }  // namespace platform

@@ -3,6 +3,7 @@
 #include <exception>
 #include <memory>
 
+#include "platform/backend.h"
 #include "platform/windows/win32.h"
 
 namespace platform {
@@ -141,6 +142,11 @@ ServiceManagerOperations WindowsServiceManager() {
         .EnumDependentServicesW = Guarded(EnumDependentServicesW),
         .CloseServiceHandle = [](ServiceHandle handle) { ::CloseServiceHandle(HandleOf(handle)); },
     };
+}
+
+void InstallServices() {
+    CurrentOperations<ServiceHostOperations>() = WindowsServiceHost();
+    CurrentOperations<ServiceManagerOperations>() = WindowsServiceManager();
 }
 
 }  // namespace platform

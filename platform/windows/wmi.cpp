@@ -3,6 +3,7 @@
 #include <utility>
 #include <variant>
 
+#include "platform/backend.h"
 #include "platform/utf.h"
 #include "platform/windows/com_variant.h"
 #include "platform/windows/wmi_source.h"
@@ -210,5 +211,7 @@ WmiOperations WmiFrom(const WmiSource& source) {
 }
 
 WmiOperations WindowsWmi() { return WmiFrom(SystemWmi()); }
+
+void InstallWmi() { CurrentOperations<WmiOperations>() = WindowsWmi(); }
 
 }  // namespace platform

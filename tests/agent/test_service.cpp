@@ -10,7 +10,7 @@
 #include "foundation/registry_store.h"
 #include "platform/http.h"
 #include "snmp/toolkit_log.h"
-#include "tests/exchange/http_peers.h"
+#include "tests/http/http_peers.h"
 
 namespace kv {
 namespace {

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "agent/backends.h"
 #include "agent/entry.h"
 #include "platform/backend.h"
 #include "platform/clock.h"
@@ -16,7 +17,7 @@ constexpr std::uint32_t haste = 30;
 }  // namespace
 
 int main(int argc, char** argv) {
-    platform::InstallBackend();
+    kv::InstallBackends();
     platform::ClockOperations& clock = platform::CurrentOperations<platform::ClockOperations>();
     clock.Sleep = [sleep = clock.Sleep](std::uint32_t milliseconds) { sleep(milliseconds / haste); };
     platform::ThreadOperations& threads = platform::CurrentOperations<platform::ThreadOperations>();

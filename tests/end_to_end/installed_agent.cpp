@@ -9,10 +9,10 @@
 #include <sys/wait.h>
 #include <thread>
 
+#include "agent/backends.h"
 #include "foundation/file_utils.h"
 #include "foundation/registry_store.h"
 #include "lab/store.h"
-#include "platform/backend.h"
 #include "platform/utf.h"
 #include "tests/support/isolation.h"
 #include "tests/support/test_agent.h"
@@ -57,7 +57,7 @@ InstalledAgent::InstalledAgent() {
     fs::create_directories(monitoring / "conf" / "scripts");
     fs::create_directories(state);
     IsolateRegistry(state);
-    platform::InstallBackend();
+    InstallBackends();
     setText(u"", u"KVAgentInstallDir", platform::WideFromUtf8(folder.string() + "/"));
     setText(u"", u"CustomerName", u"Test customer");
     setText(u"", u"RemoteOfficeName", u"Test office");

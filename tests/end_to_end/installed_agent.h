@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "platform/registry.h"
-#include "tests/support/posix/shell.h"
+#include "tests/support/linux/shell.h"
 
 namespace kv::test {
 

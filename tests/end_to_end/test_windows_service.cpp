@@ -6,9 +6,9 @@
 #include <optional>
 #include <stdexcept>
 
+#include "agent/backends.h"
 #include "foundation/file_utils.h"
 #include "lab/server.h"
-#include "platform/backend.h"
 #include "platform/utf.h"
 #include "tests/end_to_end/installed_agent.h"
 #include "tests/support/snmp_devices.h"
@@ -34,7 +34,7 @@ std::string Required(const char* variable) {
 class WindowsService : public ::testing::Test {
   protected:
     WindowsService() {
-        platform::InstallBackend();
+        InstallBackends();
         removeAll();  // what a run that was ended has left
         for (const char* below : {"bin", "conf/scripts", "logs"}) fs::create_directories(monitoring / below);
         for (const char* program : {"MonitoringAgent.exe", "kvreg.exe"})

@@ -10,7 +10,7 @@
 #include "platform/utf.h"
 #include "queryconf/query_config.h"
 #include "queryconf/timer.h"
-#include "tests/exchange/http_peers.h"
+#include "tests/http/http_peers.h"
 #include "tests/support/fake_services.h"
 #include "tests/support/snmp_devices.h"
 #include "tests/support/virtual_clock.h"

@@ -11,7 +11,7 @@
 #include "foundation/registry_store.h"
 #include "lab/archive.h"
 #include "platform/files.h"
-#include "tests/exchange/http_peers.h"
+#include "tests/http/http_peers.h"
 #include "tests/support/virtual_clock.h"
 
 namespace kv::test {

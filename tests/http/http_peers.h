@@ -8,9 +8,9 @@
 #include <memory>
 #include <thread>
 
-#include "exchange/http_transaction.h"
 #include "foundation/agent_state.h"
 #include "foundation/file_utils.h"
+#include "http/http_transaction.h"
 #include "tests/support/loopback.h"
 #include "tests/support/test_agent.h"
 

@@ -3,12 +3,12 @@
 #include <map>
 #include <utility>
 
-#include "exchange/http_answers.h"
 #include "foundation/registry_store.h"
+#include "http/http_answers.h"
 #include "platform/http.h"
 #include "platform/registry.h"
 #include "platform/utf.h"
-#include "tests/exchange/http_peers.h"
+#include "tests/http/http_peers.h"
 #include "tests/support/virtual_clock.h"
 
 namespace kv::test {

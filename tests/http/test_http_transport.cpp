@@ -5,7 +5,7 @@
 
 #include "platform/http.h"
 #include "platform/utf.h"
-#include "tests/exchange/http_peers.h"
+#include "tests/http/http_peers.h"
 
 namespace kv::test {
 

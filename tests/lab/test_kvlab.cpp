@@ -5,7 +5,7 @@
 #include "lab/record_text.h"
 #include "lab/requests.h"
 #include "tests/lab/lab_helpers.h"
-#include "tests/support/posix/shell.h"
+#include "tests/support/linux/shell.h"
 
 namespace kv::lab::test {
 

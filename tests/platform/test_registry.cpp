@@ -18,6 +18,7 @@ class Registry_ : public ::testing::Test {
     Registry_() {
         IsolateRegistry(folder_);
         platform::InstallBackend();
+        platform::InstallRegistry();
     }
     ~Registry_() override { RemoveFolder(folder_); }
 

@@ -5,12 +5,12 @@
 #include <set>
 #include <sstream>
 
+#include "agent/backends.h"
 #include "agent/entry.h"
 #include "agent/log_file.h"
 #include "foundation/agent_state.h"
 #include "foundation/log.h"
 #include "foundation/resource_lock.h"
-#include "platform/backend.h"
 #include "platform/utf.h"
 #include "tests/support/isolation.h"
 
@@ -35,7 +35,7 @@ TestAgent::TestAgent() : formerDirectory_(fs::current_path()) {
     fs::create_directories(folder / "monitoring" / "logs");
     fs::create_directories(folder / "state");
     IsolateRegistry(folder / "state");
-    platform::InstallBackend();
+    InstallBackends();
     fs::current_path(bin);
     InitMutex();
     InitResourceLockTable();

@@ -30,6 +30,7 @@ class Kvreg : public ::testing::Test {
         fs::create_directory(folder / "state");
         ShareRegistry(folder / "state");
         platform::InstallBackend();
+        platform::InstallRegistry();
         Run({"delete", key});
     }
     ~Kvreg() override {

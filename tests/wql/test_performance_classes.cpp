@@ -17,11 +17,11 @@
 #include <unistd.h>
 
 #include "platform/backend.h"
-#include "platform/posix/wmi/cim_value.h"
-#include "platform/posix/wmi/class_tree.h"
-#include "platform/posix/wmi_classes/perf_class.h"
-#include "tests/support/posix/shell.h"
+#include "tests/support/linux/shell.h"
 #include "tests/support/wmi_query.h"
+#include "wql/cim_value.h"
+#include "wql/class_tree.h"
+#include "wql/classes/perf_class.h"
 
 namespace kv::test {
 namespace {
@@ -171,7 +171,10 @@ TEST(PerformanceSamples, OfEachObjectAreItsOwn) {
 
 class PerformanceOfThisMachine : public ::testing::Test {
   protected:
-    PerformanceOfThisMachine() { InstallBackend(); }
+    PerformanceOfThisMachine() {
+        InstallBackend();
+        InstallWmi();
+    }
 
     static WmiRow firstOf(const std::string& query) {
         const WmiResult result = RunWmiQuery(query);

@@ -5,12 +5,12 @@
 #include <gtest/gtest.h>
 #include <tuple>
 
+#include "facts/process_files.h"
 #include "platform/backend.h"
-#include "platform/posix/facts/process_files.h"
-#include "platform/posix/wmi/class_tree.h"
-#include "platform/posix/wmi_classes/services.h"
-#include "tests/support/posix/fake_systemd.h"
+#include "tests/support/linux/fake_systemd.h"
 #include "tests/support/wmi_query.h"
+#include "wql/class_tree.h"
+#include "wql/classes/services.h"
 
 namespace platform::wmi {
 namespace {
@@ -80,6 +80,7 @@ const std::vector<FakeUnit> someUnits{
 
 TEST(WmiServices, AreThoseOfTheManager) {
     InstallBackend();
+    InstallWmi();
     const FakeSystemd manager(someUnits);
     const std::string properties = "Name,Caption,State,StartMode,ExitCode,PathName,StartName,ProcessId";
     const WmiResult result = RunWmiQuery("SELECT " + properties + " FROM Win32_Service");

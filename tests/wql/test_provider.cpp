@@ -6,9 +6,9 @@
 
 #include "platform/backend.h"
 #include "platform/clock.h"
-#include "platform/posix/wmi/bounded_run.h"
-#include "platform/posix/wmi/class_tree.h"
 #include "tests/support/wmi_query.h"
+#include "wql/bounded_run.h"
+#include "wql/class_tree.h"
 
 namespace kv::test {
 namespace {
@@ -17,7 +17,10 @@ using namespace platform;
 using namespace platform::wmi;
 
 struct WmiProvider : ::testing::Test {
-    WmiProvider() { InstallBackend(); }
+    WmiProvider() {
+        InstallBackend();
+        InstallWmi();
+    }
 };
 
 TEST_F(WmiProvider, RefusesWhatItCannotAnswer) {

@@ -14,13 +14,13 @@
 #include <sys/mount.h>
 #include <unistd.h>
 
+#include "facts/mount_space.h"
+#include "facts/system_text.h"
+#include "facts/volume_facts.h"
 #include "platform/backend.h"
-#include "platform/posix/facts/mount_space.h"
-#include "platform/posix/facts/system_text.h"
-#include "platform/posix/facts/volume_facts.h"
-#include "platform/posix/wmi/cim_value.h"
-#include "tests/support/posix/shell.h"
+#include "tests/support/linux/shell.h"
 #include "tests/support/wmi_query.h"
+#include "wql/cim_value.h"
 
 namespace kv::test {
 namespace {
@@ -32,7 +32,10 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
 struct WmiStorage : ::testing::Test {
-    WmiStorage() { platform::InstallBackend(); }
+    WmiStorage() {
+        platform::InstallBackend();
+        platform::InstallWmi();
+    }
 };
 using WmiNetwork = WmiStorage;
 

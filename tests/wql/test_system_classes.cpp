@@ -8,19 +8,19 @@
 #include <gmock/gmock.h>
 #include <unistd.h>
 
+#include "facts/account_files.h"
+#include "facts/distribution.h"
+#include "facts/local_time.h"
+#include "facts/processor_load.h"
+#include "facts/system_text.h"
+#include "facts/zone_rules.h"
 #include "platform/backend.h"
-#include "platform/posix/facts/account_files.h"
-#include "platform/posix/facts/distribution.h"
-#include "platform/posix/facts/local_time.h"
-#include "platform/posix/facts/system_text.h"
-#include "platform/posix/facts/zone_rules.h"
-#include "platform/posix/wmi/class_tree.h"
-#include "platform/posix/wmi/query.h"
-#include "platform/posix/wmi_classes/physical_memory.h"
-#include "platform/posix/wmi_classes/processor.h"
-#include "platform/posix/wmi_classes/processor_load.h"
-#include "tests/support/posix/shell.h"
+#include "tests/support/linux/shell.h"
 #include "tests/support/wmi_query.h"
+#include "wql/class_tree.h"
+#include "wql/classes/physical_memory.h"
+#include "wql/classes/processor.h"
+#include "wql/query.h"
 
 namespace kv::test {
 namespace {
@@ -279,7 +279,10 @@ TEST(WmiTimeZones, AreThoseOfTheCLibrary) {
 // This machine
 
 struct WmiThisMachine : ::testing::Test {
-    WmiThisMachine() { platform::InstallBackend(); }
+    WmiThisMachine() {
+        platform::InstallBackend();
+        platform::InstallWmi();
+    }
 };
 
 /// The sum of a number over all objects.

@@ -4,9 +4,9 @@
 #include <limits>
 #include <string>
 
-#include "platform/posix/wmi/condition.h"
-#include "platform/posix/wmi/wql_query.h"
 #include "tests/support/wmi_query.h"
+#include "wql/condition.h"
+#include "wql/wql_query.h"
 
 namespace platform::wmi {
 namespace {

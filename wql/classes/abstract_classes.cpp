@@ -4,7 +4,7 @@
 #include <array>
 #include <utility>
 
-#include "platform/posix/wmi_classes/families.h"
+#include "wql/classes/families.h"
 
 namespace platform::wmi {
 

@@ -1,11 +1,11 @@
 #include <chrono>
 #include <fmt/format.h>
 
-#include "platform/posix/facts/account_files.h"
-#include "platform/posix/facts/host_names.h"
-#include "platform/posix/facts/system_text.h"
-#include "platform/posix/wmi_classes/families.h"
+#include "facts/account_files.h"
+#include "facts/host_names.h"
+#include "facts/system_text.h"
 #include "platform/utf.h"
+#include "wql/classes/families.h"
 
 namespace platform::wmi {
 

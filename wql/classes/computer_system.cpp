@@ -1,19 +1,19 @@
 // Win32_ComputerSystem: the computer as a whole.
 #include <unistd.h>
 
-#include "platform/posix/facts/computer_facts.h"
-#include "platform/posix/facts/cpu_info.h"
-#include "platform/posix/facts/distribution.h"
-#include "platform/posix/facts/host_names.h"
-#include "platform/posix/facts/kernel_totals.h"
-#include "platform/posix/facts/local_time.h"
-#include "platform/posix/facts/processor_identity.h"
-#include "platform/posix/facts/product.h"
-#include "platform/posix/facts/sessions.h"
-#include "platform/posix/facts/smbios.h"
-#include "platform/posix/facts/system_text.h"
-#include "platform/posix/wmi_classes/families.h"
+#include "facts/computer_facts.h"
+#include "facts/cpu_info.h"
+#include "facts/distribution.h"
+#include "facts/host_names.h"
+#include "facts/kernel_totals.h"
+#include "facts/local_time.h"
+#include "facts/processor_identity.h"
+#include "facts/product.h"
+#include "facts/sessions.h"
+#include "facts/smbios.h"
+#include "facts/system_text.h"
 #include "platform/utf.h"
+#include "wql/classes/families.h"
 
 namespace platform::wmi {
 

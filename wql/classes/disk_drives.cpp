@@ -3,10 +3,10 @@
 #include <array>
 #include <filesystem>
 
-#include "platform/posix/facts/block_devices.h"
-#include "platform/posix/facts/host_names.h"
-#include "platform/posix/facts/system_text.h"
-#include "platform/posix/wmi_classes/families.h"
+#include "facts/block_devices.h"
+#include "facts/host_names.h"
+#include "facts/system_text.h"
+#include "wql/classes/families.h"
 
 namespace platform::wmi {
 

@@ -1,10 +1,10 @@
 // The families of classes, each in a source of its own. A new family is one source and one row in the table of
-// platform/posix/wmi/class_tree.cpp. The lists live as long as the process.
+// wql/class_tree.cpp. The lists live as long as the process.
 #pragma once
 
 #include <span>
 
-#include "platform/posix/wmi/wmi_class.h"
+#include "wql/wmi_class.h"
 
 namespace platform::wmi {
 

@@ -7,11 +7,11 @@
 #include <fmt/format.h>
 #include <map>
 
-#include "platform/posix/facts/host_names.h"
-#include "platform/posix/facts/system_text.h"
-#include "platform/posix/facts/volume_facts.h"
-#include "platform/posix/wmi/class_tree.h"
-#include "platform/posix/wmi_classes/families.h"
+#include "facts/host_names.h"
+#include "facts/system_text.h"
+#include "facts/volume_facts.h"
+#include "wql/class_tree.h"
+#include "wql/classes/families.h"
 
 namespace platform::wmi {
 

@@ -1,10 +1,10 @@
 // Win32_ComputerSystemProduct and Win32_BIOS, of what the firmware tells; none where it tells nothing, as on some
 // virtual machines.
-#include "platform/posix/facts/computer_facts.h"
-#include "platform/posix/facts/product.h"
-#include "platform/posix/facts/smbios.h"
-#include "platform/posix/facts/system_text.h"
-#include "platform/posix/wmi_classes/families.h"
+#include "facts/computer_facts.h"
+#include "facts/product.h"
+#include "facts/smbios.h"
+#include "facts/system_text.h"
+#include "wql/classes/families.h"
 
 namespace platform::wmi {
 

@@ -3,12 +3,12 @@
 #include <algorithm>
 #include <net/if_arp.h>
 
-#include "platform/posix/facts/host_names.h"
-#include "platform/posix/facts/local_time.h"
-#include "platform/posix/facts/network_addresses.h"
-#include "platform/posix/facts/network_devices.h"
-#include "platform/posix/facts/system_text.h"
-#include "platform/posix/wmi_classes/families.h"
+#include "facts/host_names.h"
+#include "facts/local_time.h"
+#include "facts/network_addresses.h"
+#include "facts/network_devices.h"
+#include "facts/system_text.h"
+#include "wql/classes/families.h"
 
 namespace platform::wmi {
 

@@ -6,15 +6,15 @@
 #include <systemd/sd-id128.h>
 #include <time.h>
 
-#include "platform/posix/facts/distribution.h"
-#include "platform/posix/facts/host_names.h"
-#include "platform/posix/facts/kernel_totals.h"
-#include "platform/posix/facts/local_time.h"
-#include "platform/posix/facts/process_files.h"
-#include "platform/posix/facts/processor_identity.h"
-#include "platform/posix/facts/sessions.h"
-#include "platform/posix/facts/system_text.h"
-#include "platform/posix/wmi_classes/families.h"
+#include "facts/distribution.h"
+#include "facts/host_names.h"
+#include "facts/kernel_totals.h"
+#include "facts/local_time.h"
+#include "facts/process_files.h"
+#include "facts/processor_identity.h"
+#include "facts/sessions.h"
+#include "facts/system_text.h"
+#include "wql/classes/families.h"
 
 namespace platform::wmi {
 

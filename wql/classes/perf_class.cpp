@@ -1,4 +1,4 @@
-#include "platform/posix/wmi_classes/perf_class.h"
+#include "wql/classes/perf_class.h"
 
 #include <algorithm>
 #include <cmath>
@@ -6,8 +6,8 @@
 #include <numeric>
 #include <unordered_set>
 
-#include "platform/posix/facts/process_files.h"
-#include "platform/posix/wmi/class_tree.h"
+#include "facts/process_files.h"
+#include "wql/class_tree.h"
 
 namespace platform::wmi {
 

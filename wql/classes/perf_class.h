@@ -28,7 +28,7 @@
 #include <utility>
 #include <vector>
 
-#include "platform/posix/wmi/wmi_class.h"
+#include "wql/wmi_class.h"
 
 namespace platform::wmi {
 

@@ -8,12 +8,12 @@
 #include <unordered_map>
 #include <utility>
 
-#include "platform/posix/facts/block_devices.h"
-#include "platform/posix/facts/system_text.h"
-#include "platform/posix/facts/volume_facts.h"
-#include "platform/posix/wmi/class_tree.h"
-#include "platform/posix/wmi_classes/families.h"
-#include "platform/posix/wmi_classes/perf_class.h"
+#include "facts/block_devices.h"
+#include "facts/system_text.h"
+#include "facts/volume_facts.h"
+#include "wql/class_tree.h"
+#include "wql/classes/families.h"
+#include "wql/classes/perf_class.h"
 
 namespace platform::wmi {
 

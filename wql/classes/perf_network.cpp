@@ -1,10 +1,10 @@
 // Tcpip_NetworkInterface, of /proc/net/dev. The interface for talk within the computer is left out, as on Windows.
 #include <algorithm>
 
-#include "platform/posix/facts/network_devices.h"
-#include "platform/posix/facts/system_text.h"
-#include "platform/posix/wmi_classes/families.h"
-#include "platform/posix/wmi_classes/perf_class.h"
+#include "facts/network_devices.h"
+#include "facts/system_text.h"
+#include "wql/classes/families.h"
+#include "wql/classes/perf_class.h"
 
 namespace platform::wmi {
 

@@ -6,10 +6,10 @@
 #include <algorithm>
 #include <unistd.h>
 
-#include "platform/posix/facts/process_files.h"
-#include "platform/posix/facts/system_text.h"
-#include "platform/posix/wmi_classes/families.h"
-#include "platform/posix/wmi_classes/perf_class.h"
+#include "facts/process_files.h"
+#include "facts/system_text.h"
+#include "wql/classes/families.h"
+#include "wql/classes/perf_class.h"
 
 namespace platform::wmi {
 

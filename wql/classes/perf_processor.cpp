@@ -1,10 +1,10 @@
 // PerfOS_Processor, of /proc/stat, /proc/interrupts and /proc/softirqs.
-#include "platform/posix/facts/kernel_totals.h"
-#include "platform/posix/facts/process_files.h"
-#include "platform/posix/facts/system_text.h"
-#include "platform/posix/wmi_classes/families.h"
-#include "platform/posix/wmi_classes/perf_class.h"
-#include "platform/posix/wmi_classes/perf_texts.h"
+#include "facts/kernel_totals.h"
+#include "facts/perf_texts.h"
+#include "facts/process_files.h"
+#include "facts/system_text.h"
+#include "wql/classes/families.h"
+#include "wql/classes/perf_class.h"
 
 namespace platform::wmi {
 

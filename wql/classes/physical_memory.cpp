@@ -1,7 +1,7 @@
-#include "platform/posix/wmi_classes/physical_memory.h"
+#include "wql/classes/physical_memory.h"
 
-#include "platform/posix/facts/smbios.h"
-#include "platform/posix/wmi_classes/families.h"
+#include "facts/smbios.h"
+#include "wql/classes/families.h"
 
 namespace platform::wmi {
 

@@ -3,7 +3,7 @@
 
 #include <string_view>
 
-#include "platform/posix/wmi/wmi_class.h"
+#include "wql/wmi_class.h"
 
 namespace platform::wmi {
 

@@ -2,11 +2,11 @@
 #include <algorithm>
 #include <sys/utsname.h>
 
-#include "platform/posix/facts/distribution.h"
-#include "platform/posix/facts/host_names.h"
-#include "platform/posix/facts/process_files.h"
-#include "platform/posix/facts/system_text.h"
-#include "platform/posix/wmi_classes/families.h"
+#include "facts/distribution.h"
+#include "facts/host_names.h"
+#include "facts/process_files.h"
+#include "facts/system_text.h"
+#include "wql/classes/families.h"
 
 namespace platform::wmi {
 

@@ -1,4 +1,4 @@
-#include "platform/posix/wmi_classes/processor.h"
+#include "wql/classes/processor.h"
 
 #include <algorithm>
 #include <chrono>
@@ -8,11 +8,11 @@
 #include <cpuid.h>
 #endif
 
-#include "platform/posix/facts/host_names.h"
-#include "platform/posix/facts/processor_identity.h"
-#include "platform/posix/facts/smbios.h"
-#include "platform/posix/facts/system_text.h"
-#include "platform/posix/wmi_classes/families.h"
+#include "facts/host_names.h"
+#include "facts/processor_identity.h"
+#include "facts/smbios.h"
+#include "facts/system_text.h"
+#include "wql/classes/families.h"
 
 namespace platform::wmi {
 

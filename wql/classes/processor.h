@@ -4,9 +4,9 @@
 
 #include <string_view>
 
-#include "platform/posix/facts/cpu_info.h"
-#include "platform/posix/wmi/wmi_class.h"
-#include "platform/posix/wmi_classes/processor_load.h"
+#include "facts/cpu_info.h"
+#include "facts/processor_load.h"
+#include "wql/wmi_class.h"
 
 namespace platform::wmi {
 

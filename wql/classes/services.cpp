@@ -1,11 +1,11 @@
-#include "platform/posix/wmi_classes/services.h"
+#include "wql/classes/services.h"
 
 #include <cerrno>
 #include <fmt/format.h>
 #include <system_error>
 
-#include "platform/posix/facts/host_names.h"
-#include "platform/posix/wmi_classes/families.h"
+#include "facts/host_names.h"
+#include "wql/classes/families.h"
 
 namespace platform::wmi {
 

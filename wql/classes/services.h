@@ -4,8 +4,8 @@
 #include <chrono>
 #include <string_view>
 
-#include "platform/posix/systemd/units.h"
-#include "platform/posix/wmi/wmi_class.h"
+#include "platform/linux/systemd/units.h"
+#include "wql/wmi_class.h"
 
 namespace platform::wmi {
 

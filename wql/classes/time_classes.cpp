@@ -2,10 +2,10 @@
 #include <cstdlib>
 #include <fmt/format.h>
 
-#include "platform/posix/facts/local_time.h"
-#include "platform/posix/facts/system_text.h"
-#include "platform/posix/facts/zone_rules.h"
-#include "platform/posix/wmi_classes/families.h"
+#include "facts/local_time.h"
+#include "facts/system_text.h"
+#include "facts/zone_rules.h"
+#include "wql/classes/families.h"
 
 namespace platform::wmi {
 

@@ -1,4 +1,4 @@
-#include "platform/posix/systemd/bus_message.h"
+#include "platform/linux/systemd/bus_message.h"
 
 namespace platform::systemd {
 

@@ -1,10 +1,10 @@
-#include "platform/posix/systemd/machine_state.h"
+#include "platform/linux/systemd/machine_state.h"
 
 #include <algorithm>
 #include <cstring>
 
-#include "platform/posix/systemd/bus_message.h"
-#include "platform/posix/systemd/system_bus.h"
+#include "platform/linux/systemd/bus_message.h"
+#include "platform/linux/systemd/system_bus.h"
 
 namespace platform::systemd {
 

@@ -1,4 +1,4 @@
-#include "platform/posix/systemd/system_bus.h"
+#include "platform/linux/systemd/system_bus.h"
 
 #include <cerrno>
 #include <cstdlib>

@@ -1,12 +1,12 @@
-#include "platform/posix/systemd/unit_control.h"
+#include "platform/linux/systemd/unit_control.h"
 
 #include <cerrno>
 #include <chrono>
 #include <set>
 
-#include "platform/posix/posix.h"
-#include "platform/posix/systemd/bus_message.h"
-#include "platform/posix/systemd/units.h"
+#include "platform/linux/linux.h"
+#include "platform/linux/systemd/bus_message.h"
+#include "platform/linux/systemd/units.h"
 
 namespace platform::systemd {
 

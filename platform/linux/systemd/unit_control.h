@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "platform/errors.h"
-#include "platform/posix/systemd/system_bus.h"
+#include "platform/linux/systemd/system_bus.h"
 
 namespace platform::systemd {
 

@@ -1,4 +1,4 @@
-#include "platform/posix/systemd/unit_file.h"
+#include "platform/linux/systemd/unit_file.h"
 
 #include <algorithm>
 #include <fmt/format.h>

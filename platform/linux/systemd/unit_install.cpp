@@ -1,4 +1,4 @@
-#include "platform/posix/systemd/unit_install.h"
+#include "platform/linux/systemd/unit_install.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -7,9 +7,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "platform/posix/facts/system_text.h"
-#include "platform/posix/posix.h"
-#include "platform/posix/systemd/units.h"
+#include "facts/system_text.h"
+#include "platform/linux/linux.h"
+#include "platform/linux/systemd/units.h"
 
 namespace platform::systemd {
 

@@ -4,8 +4,8 @@
 #include <string>
 
 #include "platform/errors.h"
-#include "platform/posix/systemd/unit_control.h"
-#include "platform/posix/systemd/unit_file.h"
+#include "platform/linux/systemd/unit_control.h"
+#include "platform/linux/systemd/unit_file.h"
 
 namespace platform::systemd {
 

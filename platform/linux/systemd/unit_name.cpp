@@ -1,4 +1,4 @@
-#include "platform/posix/systemd/unit_name.h"
+#include "platform/linux/systemd/unit_name.h"
 
 #include <algorithm>
 

@@ -1,11 +1,11 @@
-#include "platform/posix/systemd/unit_search.h"
+#include "platform/linux/systemd/unit_search.h"
 
 #include <algorithm>
 #include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "platform/posix/posix.h"
+#include "platform/linux/linux.h"
 #include "platform/utf.h"
 
 namespace platform::systemd {

@@ -5,9 +5,9 @@
 #include <string_view>
 
 #include "platform/errors.h"
-#include "platform/posix/systemd/unit_control.h"
-#include "platform/posix/systemd/unit_file.h"
-#include "platform/posix/systemd/units.h"
+#include "platform/linux/systemd/unit_control.h"
+#include "platform/linux/systemd/unit_file.h"
+#include "platform/linux/systemd/units.h"
 #include "platform/service_manager.h"
 
 namespace platform::systemd {

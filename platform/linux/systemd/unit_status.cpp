@@ -1,4 +1,4 @@
-#include "platform/posix/systemd/unit_status.h"
+#include "platform/linux/systemd/unit_status.h"
 
 #include <algorithm>
 #include <csignal>

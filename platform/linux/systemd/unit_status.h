@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-#include "platform/posix/systemd/unit_control.h"
+#include "platform/linux/systemd/unit_control.h"
 #include "platform/service_status.h"
 
 namespace platform::systemd {

@@ -1,4 +1,4 @@
-#include "platform/posix/systemd/units.h"
+#include "platform/linux/systemd/units.h"
 
 #include <algorithm>
 #include <array>
@@ -8,7 +8,7 @@
 #include <filesystem>
 #include <map>
 
-#include "platform/posix/systemd/bus_message.h"
+#include "platform/linux/systemd/bus_message.h"
 
 namespace platform::systemd {
 

@@ -9,8 +9,8 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/posix/systemd/system_bus.h"
-#include "platform/posix/systemd/unit_name.h"
+#include "platform/linux/systemd/system_bus.h"
+#include "platform/linux/systemd/unit_name.h"
 
 namespace platform::systemd {
 

@@ -10,7 +10,7 @@
 #include <unistd.h>
 
 #include "platform/backend.h"
-#include "platform/posix/posix.h"
+#include "platform/linux/linux.h"
 #include "tests/platform/registry_helpers.h"
 #include "tests/support/test_agent.h"
 #include "tests/support/virtual_clock.h"
@@ -24,7 +24,10 @@ namespace fs = std::filesystem;
 class RegistryFile : public TestAgent {
   protected:
     /// Ends this process's connection; the next call opens another.
-    static void CloseRegistry() { platform::InstallBackend(); }
+    static void CloseRegistry() {
+        platform::InstallBackend();
+        platform::InstallRegistry();
+    }
 
     fs::path file = folder / "state" / "registry.db";
 };
@@ -54,7 +57,7 @@ TEST_F(RegistryFile, AFileThatIsGoneIsMadeAnewAndItsHandlesAreOfDeletedKeys) {
 
 TEST_F(RegistryFile, AChangeOfAnotherProcessIsSeenOnce) {
     ASSERT_EQ(SetBytes(u"K", u"v", "1"), error::success);
-    const RegistryOperations other = platform::PosixRegistry();  // a second connection, as another process has
+    const RegistryOperations other = platform::LinuxRegistry();  // a second connection, as another process has
     VirtualClock clock;
     RegistryKey key = 0;
     Open(u"K", key);

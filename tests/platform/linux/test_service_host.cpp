@@ -12,10 +12,10 @@
 #include <unistd.h>
 
 #include "platform/backend.h"
-#include "platform/posix/descriptor.h"
-#include "platform/posix/systemd/machine_state.h"
+#include "platform/linux/descriptor.h"
+#include "platform/linux/systemd/machine_state.h"
 #include "platform/service_host.h"
-#include "tests/support/posix/fake_systemd.h"
+#include "tests/support/linux/fake_systemd.h"
 
 namespace platform::test {
 namespace {
@@ -137,6 +137,7 @@ TEST(ServiceHost, AManagerThatSaysNothingHoldsUpNoStop) {
 
 TEST(ServiceHost, SignalsBecomeTheControlsThatAreAccepted) {
     InstallBackend();
+    InstallServices();
     const Descriptor manager(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     managerSocket = manager.number();
     sockaddr_un address{AF_UNIX, {}};

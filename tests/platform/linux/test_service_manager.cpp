@@ -2,11 +2,11 @@
 #include <fmt/format.h>
 #include <optional>
 
-#include "platform/posix/posix.h"
-#include "platform/posix/systemd/unit_file.h"
-#include "platform/posix/systemd/unit_status.h"
+#include "platform/linux/linux.h"
+#include "platform/linux/systemd/unit_file.h"
+#include "platform/linux/systemd/unit_status.h"
 #include "platform/utf.h"
-#include "tests/support/posix/fake_systemd.h"
+#include "tests/support/linux/fake_systemd.h"
 #include "tests/support/test_agent.h"
 
 namespace platform::test {
@@ -36,7 +36,7 @@ class ServiceManagerTest : public kv::test::TestAgent {
     /// One that waits for long, as on a busy machine, unless the fault is that systemd says nothing.
     ServiceManagerOperations ManagerFor(const BusFault& fault) const {
         const bool isSilent = !fault.at.empty() && fault.what.empty();
-        return PosixServiceManager({units, std::chrono::milliseconds(isSilent ? 500 : 60000)});
+        return LinuxServiceManager({units, std::chrono::milliseconds(isSilent ? 500 : 60000)});
     }
 
     const std::filesystem::path units = folder / "units";

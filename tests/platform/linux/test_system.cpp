@@ -7,8 +7,8 @@
 #include <sys/mman.h>
 #include <thread>
 
+#include "platform/linux/linux.h"
 #include "platform/memory.h"
-#include "platform/posix/posix.h"
 #include "platform/utf.h"
 #include "tests/support/test_agent.h"
 

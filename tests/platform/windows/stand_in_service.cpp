@@ -59,6 +59,7 @@ void Main() {
 int main(int argc, char** argv) {
     using namespace platform;
     InstallBackend();
+    InstallServices();
     name = WideFromUtf8(CommandLineWords(argc, argv).back());
     if (Threads().CreateEventW(stopped) != error::success) return 1;
     return static_cast<int>(ServiceHost().StartServiceCtrlDispatcherW(name, Main));

@@ -19,6 +19,7 @@ class ServiceTest : public ::testing::Test {
   protected:
     void SetUp() override {
         InstallBackend();
+        InstallServices();
         ASSERT_EQ(manager.OpenManager(manager_right::all), error::success);
         ASSERT_EQ(ServiceManager().CreateServiceW(manager.handle, Definition(), service.handle), error::success);
     }

@@ -127,7 +127,10 @@ VARIANT ValueOf(VARTYPE type, auto VARIANT::*member, auto content) {
 
 class WindowsWmiTest : public ::testing::Test {
   protected:
-    WindowsWmiTest() { InstallBackend(); }
+    WindowsWmiTest() {
+        InstallBackend();
+        InstallWmi();
+    }
 
     /// The result of a query to the doubles, its code included, and its rows.
     static std::string Ask(const Script& start) {

@@ -1,4 +1,4 @@
-#include "tests/support/posix/fake_systemd.h"
+#include "tests/support/linux/fake_systemd.h"
 
 #include <algorithm>
 #include <array>

@@ -9,7 +9,7 @@
 #include <sys/socket.h>
 
 #include "platform/http.h"
-#include "tests/exchange/http_peers.h"
+#include "tests/http/http_peers.h"
 
 namespace kv::test {
 
