@@ -2,7 +2,7 @@
 
 #include "facts/system_text.h"
 
-namespace platform::wmi {
+namespace kv::facts {
 
 namespace {
 
@@ -83,4 +83,4 @@ bool IsDisabled(const UserEntry& user, const PasswordEntry& password, std::int64
     return hasExpired || (password.opensNothing && !hasShell);
 }
 
-}  // namespace platform::wmi
+}  // namespace kv::facts

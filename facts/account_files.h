@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-namespace platform::wmi {
+namespace kv::facts {
 
 /// A line of /etc/passwd.
 struct UserEntry {
@@ -47,4 +47,4 @@ std::map<std::string, PasswordEntry> ParseShadow(std::string_view text);
 /// password alone its owner may still log in by a key.
 bool IsDisabled(const UserEntry& user, const PasswordEntry& password, std::int64_t daysSince1970);
 
-}  // namespace platform::wmi
+}  // namespace kv::facts

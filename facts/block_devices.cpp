@@ -5,7 +5,7 @@
 
 #include "facts/system_text.h"
 
-namespace platform::wmi {
+namespace kv::facts {
 
 namespace {
 
@@ -65,4 +65,4 @@ std::vector<std::string> ListPhysicalDisks() {
     return names;
 }
 
-}  // namespace platform::wmi
+}  // namespace kv::facts

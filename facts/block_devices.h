@@ -6,7 +6,7 @@
 #include <string_view>
 #include <vector>
 
-namespace platform::wmi {
+namespace kv::facts {
 
 /// One line of /proc/diskstats, counted since the system's start. Sectors are of 512 bytes whatever the device.
 struct DiskCounters {
@@ -30,4 +30,4 @@ std::vector<DiskCounters> ParseDiskStats(std::string_view text);
 /// memory disks, or devices made of others.
 std::vector<std::string> ListPhysicalDisks();
 
-}  // namespace platform::wmi
+}  // namespace kv::facts

@@ -7,7 +7,7 @@
 #include "facts/system_text.h"
 #include "platform/utf.h"
 
-namespace platform::wmi {
+namespace kv::facts {
 
 std::u16string_view BootupStateOf(std::string_view commandLine) {
     constexpr std::string_view rescueWords[] = {
@@ -63,7 +63,7 @@ std::optional<std::u16string> FirmwareDate(std::string_view text) {
                                            std::chrono::month(static_cast<unsigned>(number(0, 2))),
                                            std::chrono::day(static_cast<unsigned>(number(dayAt, 2))));
     if (!date.ok()) return std::nullopt;
-    return WideFromUtf8(
+    return platform::WideFromUtf8(
         fmt::format("{:04}{:02}{:02}000000.000000+000", number(yearAt, 4), number(0, 2), number(dayAt, 2)));
 }
 
@@ -81,4 +81,4 @@ std::optional<VersionPair> SmbiosVersionOf(std::string_view entryPoint) {
     return VersionPair{static_cast<unsigned char>(entryPoint[at]), static_cast<unsigned char>(entryPoint[at + 1])};
 }
 
-}  // namespace platform::wmi
+}  // namespace kv::facts

@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-namespace platform::wmi {
+namespace kv::facts {
 
 /// "Normal boot", or "Fail-safe boot" when the kernel's command line asked for a rescue shell.
 std::u16string_view BootupStateOf(std::string_view commandLine);
@@ -31,4 +31,4 @@ std::optional<VersionPair> VersionPairOf(std::string_view text);
 /// The version of SMBIOS that an entry point, the kernel's smbios_entry_point, declares.
 std::optional<VersionPair> SmbiosVersionOf(std::string_view entryPoint);
 
-}  // namespace platform::wmi
+}  // namespace kv::facts

@@ -7,7 +7,7 @@
 
 #include "facts/system_text.h"
 
-namespace platform::wmi {
+namespace kv::facts {
 
 namespace {
 
@@ -109,7 +109,7 @@ std::optional<std::string> ReadCpuFile(std::uint32_t number, std::string_view na
     return ReadSystemLine(fmt::format("/sys/devices/system/cpu/cpu{}/{}", number, name));
 }
 
-std::string ReadCpuInfo() { return ReadSystemFile("/proc/cpuinfo").value_or(""); }
+std::string ReadCpuInfo() { return platform::ReadSystemFile("/proc/cpuinfo").value_or(""); }
 
 std::vector<Socket> SocketsOf(const std::vector<CpuBlock>& blocks, const CpuFiles& files) {
     std::map<std::uint64_t, Socket> sockets;
@@ -169,4 +169,4 @@ std::optional<std::uint64_t> MaxClockOf(const Socket& socket, const CpuFiles& fi
     return highest;
 }
 
-}  // namespace platform::wmi
+}  // namespace kv::facts

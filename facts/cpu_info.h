@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-namespace platform::wmi {
+namespace kv::facts {
 
 /// A logical processor.
 struct CpuBlock {
@@ -69,4 +69,4 @@ std::optional<std::uint64_t> ClockOf(const Socket& socket, const CpuFiles& files
 /// where the system tells neither.
 std::optional<std::uint64_t> MaxClockOf(const Socket& socket, const CpuFiles& files);
 
-}  // namespace platform::wmi
+}  // namespace kv::facts

@@ -10,7 +10,7 @@
 
 #include "facts/system_text.h"
 
-namespace platform::wmi {
+namespace kv::facts {
 
 namespace {
 
@@ -74,8 +74,8 @@ std::optional<std::string> AssignedValue(std::string_view text, std::string_view
 }
 
 std::string ReadOsRelease() {
-    std::optional<std::string> text = ReadSystemFile("/etc/os-release");
-    if (!text) text = ReadSystemFile("/usr/lib/os-release");
+    std::optional<std::string> text = platform::ReadSystemFile("/etc/os-release");
+    if (!text) text = platform::ReadSystemFile("/usr/lib/os-release");
     return text.value_or("");
 }
 
@@ -85,12 +85,12 @@ std::string SystemNameOf(std::string_view osRelease, const utsname& kernel) {
 }
 
 std::optional<std::string> ReadPrettyHostName() {
-    return AssignedValue(ReadSystemFile("/etc/machine-info").value_or(""), "PRETTY_HOSTNAME");
+    return AssignedValue(platform::ReadSystemFile("/etc/machine-info").value_or(""), "PRETTY_HOSTNAME");
 }
 
 std::string ReadLocaleName() {
     for (const char* path : {"/etc/locale.conf", "/etc/default/locale"}) {
-        const std::string text = ReadSystemFile(path).value_or("");
+        const std::string text = platform::ReadSystemFile(path).value_or("");
         if (std::optional<std::string> name = AssignedValue(text, "LANG")) return *name;
     }
     return "C";
@@ -132,4 +132,4 @@ bool IsWorkstation() {
     return std::ranges::any_of(displayManagers, [](const char* path) { return access(path, F_OK) == 0; });
 }
 
-}  // namespace platform::wmi
+}  // namespace kv::facts

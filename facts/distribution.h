@@ -8,7 +8,7 @@
 #include <string_view>
 #include <sys/utsname.h>
 
-namespace platform::wmi {
+namespace kv::facts {
 
 /// The value of an assignment in a file of shell assignments, without quotes and escapes; none when there is none, or
 /// it is empty.
@@ -38,4 +38,4 @@ std::optional<std::string> ReadCountryCode(const std::string& localeName);
 /// Whether a display manager is set up for people to log in at; a server has none.
 bool IsWorkstation();
 
-}  // namespace platform::wmi
+}  // namespace kv::facts

@@ -6,7 +6,7 @@
 #include "facts/system_text.h"
 #include "platform/utf.h"
 
-namespace platform::wmi {
+namespace kv::facts {
 
 namespace {
 
@@ -31,7 +31,7 @@ bool HasField(std::string_view line, std::string_view name) {
 
 }  // namespace
 
-std::u16string HostName() { return WideFromUtf8(HostPart(NodeName())); }
+std::u16string HostName() { return platform::WideFromUtf8(HostPart(NodeName())); }
 
 std::string MachineName() {
     utsname names{};
@@ -41,7 +41,7 @@ std::string MachineName() {
 std::string DomainName() {
     const std::string name = NodeName();
     if (!DomainPart(name).empty()) return std::string(DomainPart(name));
-    return DomainInHosts(ReadSystemFile("/etc/hosts").value_or(""), name);
+    return DomainInHosts(platform::ReadSystemFile("/etc/hosts").value_or(""), name);
 }
 
 std::string DomainInHosts(std::string_view text, std::string_view hostName) {
@@ -55,4 +55,4 @@ std::string DomainInHosts(std::string_view text, std::string_view hostName) {
     return {};
 }
 
-}  // namespace platform::wmi
+}  // namespace kv::facts

@@ -4,7 +4,7 @@
 #include <string>
 #include <string_view>
 
-namespace platform::wmi {
+namespace kv::facts {
 
 /// The computer's name, without the domain where the host name carries one; what Windows calls SystemName and CSName.
 std::u16string HostName();
@@ -18,4 +18,4 @@ std::string DomainName();
 /// The domain of the first canonical name in a hosts(5) text whose line names the host and that has one; or empty.
 std::string DomainInHosts(std::string_view text, std::string_view hostName);
 
-}  // namespace platform::wmi
+}  // namespace kv::facts

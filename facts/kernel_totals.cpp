@@ -2,7 +2,7 @@
 
 #include "facts/system_text.h"
 
-namespace platform::wmi {
+namespace kv::facts {
 
 std::optional<std::uint64_t> MemoryFigure(std::string_view memInfo, std::string_view key) {
     for (std::string_view line; TakeLine(memInfo, line);) {
@@ -36,4 +36,4 @@ std::vector<ProcessorTimes> ParseProcessorTimes(std::string_view stat) {
     return all;
 }
 
-}  // namespace platform::wmi
+}  // namespace kv::facts

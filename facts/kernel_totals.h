@@ -6,7 +6,7 @@
 #include <string_view>
 #include <vector>
 
-namespace platform::wmi {
+namespace kv::facts {
 
 /// A line of /proc/meminfo, such as "MemTotal", in KB (or without a unit as it stands); none when it is not there.
 std::optional<std::uint64_t> MemoryFigure(std::string_view memInfo, std::string_view key);
@@ -34,4 +34,4 @@ struct ProcessorTimes {
 /// The lines "cpu<number>" of /proc/stat; the sum over all is left out.
 std::vector<ProcessorTimes> ParseProcessorTimes(std::string_view stat);
 
-}  // namespace platform::wmi
+}  // namespace kv::facts

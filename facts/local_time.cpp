@@ -2,7 +2,7 @@
 
 #include <chrono>
 
-namespace platform::wmi {
+namespace kv::facts {
 
 namespace {
 
@@ -36,4 +36,4 @@ std::uint32_t WeekInMonthOf(const std::tm& day) {
     return static_cast<std::uint32_t>((firstOfMonth + day.tm_mday - 1) / daysOfWeek + 1);
 }
 
-}  // namespace platform::wmi
+}  // namespace kv::facts

@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <ctime>
 
-namespace platform::wmi {
+namespace kv::facts {
 
 /// Microseconds since 1970 by the wall clock.
 std::int64_t MicrosecondsNow();
@@ -22,4 +22,4 @@ CalendarTime UtcTimeOf(std::int64_t microsecondsSince1970);
 /// The week of the month that a day is in, 1 to 6; weeks start on Sunday, and the first may be a short one.
 std::uint32_t WeekInMonthOf(const std::tm& day);
 
-}  // namespace platform::wmi
+}  // namespace kv::facts

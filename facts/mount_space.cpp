@@ -14,7 +14,7 @@
 
 #include "facts/system_text.h"
 
-namespace platform::wmi {
+namespace kv::facts {
 
 namespace {
 
@@ -153,7 +153,8 @@ std::vector<std::optional<SpaceAnswer>> AskMounts(const std::vector<Mount>& moun
 
 std::vector<DiskSpace> ReadDisks(bool wantsSpace, const std::function<void(std::string)>& notice,
                                  const std::function<bool(const Mount&)>& isWanted) {
-    const std::vector<Mount> mounts = ParseMountInfo(ReadSystemFile("/proc/self/mountinfo").value_or(std::string()));
+    const std::vector<Mount> mounts =
+        ParseMountInfo(platform::ReadSystemFile("/proc/self/mountinfo").value_or(std::string()));
     std::vector<Mount> disks = DisksAmong(mounts);
     if (isWanted) std::erase_if(disks, [&](const Mount& disk) { return !isWanted(disk); });
     const std::vector<Mount> doubtful = wantsSpace ? MayHangAmong(disks, mounts) : std::vector<Mount>();
@@ -174,4 +175,4 @@ std::vector<DiskSpace> ReadDisks(bool wantsSpace, const std::function<void(std::
     return result;
 }
 
-}  // namespace platform::wmi
+}  // namespace kv::facts

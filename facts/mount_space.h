@@ -9,7 +9,7 @@
 
 #include "facts/mounts.h"
 
-namespace platform::wmi {
+namespace kv::facts {
 
 struct SpaceAnswer {
     int error = 0;  // errno, or 0
@@ -30,4 +30,4 @@ std::vector<std::optional<SpaceAnswer>> AskMounts(const std::vector<Mount>& moun
                                                   std::chrono::milliseconds bound,
                                                   const std::function<void(std::string)>& notice);
 
-}  // namespace platform::wmi
+}  // namespace kv::facts

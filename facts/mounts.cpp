@@ -7,7 +7,7 @@
 
 #include "facts/system_text.h"
 
-namespace platform::wmi {
+namespace kv::facts {
 
 namespace {
 
@@ -184,4 +184,4 @@ std::vector<Mount> DisksAmong(const std::vector<Mount>& mounts) {
     return disks;
 }
 
-}  // namespace platform::wmi
+}  // namespace kv::facts

@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-namespace platform::wmi {
+namespace kv::facts {
 
 /// One line of /proc/self/mountinfo (proc(5)); escapes undone.
 struct Mount {
@@ -68,4 +68,4 @@ struct DiskSpace {
 std::vector<DiskSpace> ReadDisks(bool wantsSpace, const std::function<void(std::string)>& notice,
                                  const std::function<bool(const Mount&)>& isWanted = {});
 
-}  // namespace platform::wmi
+}  // namespace kv::facts

@@ -9,8 +9,9 @@
 #include <sys/socket.h>
 
 #include "facts/system_text.h"
+#include "platform/linux/descriptor.h"
 
-namespace platform::wmi {
+namespace kv::facts {
 
 namespace {
 
@@ -77,7 +78,7 @@ bool IsLast(std::string_view datagram) {
 
 std::string ReceiveAddressMessages() {
     std::string answer;
-    const Descriptor netlink(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
+    const platform::Descriptor netlink(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
     if (!netlink.isOpen() || !RequestAddresses(netlink.number())) return answer;
     constexpr std::size_t largestDatagram = 64 * 1024;
     std::vector<char> datagram(largestDatagram);
@@ -156,4 +157,4 @@ ResolverSettings ParseResolverSettings(std::string_view text) {
     return settings;
 }
 
-}  // namespace platform::wmi
+}  // namespace kv::facts

@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-namespace platform::wmi {
+namespace kv::facts {
 
 /// An IP address of an interface.
 struct InterfaceAddress {
@@ -35,4 +35,4 @@ struct ResolverSettings {
 
 ResolverSettings ParseResolverSettings(std::string_view text);
 
-}  // namespace platform::wmi
+}  // namespace kv::facts

@@ -7,7 +7,7 @@
 
 #include "facts/system_text.h"
 
-namespace platform::wmi {
+namespace kv::facts {
 
 namespace {
 
@@ -72,12 +72,12 @@ InterfaceDevice ReadInterfaceDevice(const NetworkInterface& interface) {
     if (place.starts_with(root)) device.place = place.substr(root.size());
     device.driver = fs::read_symlink(folder + "/device/driver", failure).filename().string();
     const std::string known =
-        ReadSystemFile("/run/udev/data/n" + std::to_string(interface.index)).value_or(std::string());
+        platform::ReadSystemFile("/run/udev/data/n" + std::to_string(interface.index)).value_or(std::string());
     device.vendor = ValueAfter("E:ID_VENDOR_FROM_DATABASE=", known);
     device.product = ValueAfter("E:ID_MODEL_FROM_DATABASE=", known);
     if (device.product.empty()) device.product = device.driver;
     if (device.product.empty()) {
-        device.product = ValueAfter("DEVTYPE=", ReadSystemFile(folder + "/uevent").value_or(std::string()));
+        device.product = ValueAfter("DEVTYPE=", platform::ReadSystemFile(folder + "/uevent").value_or(std::string()));
     }
     return device;
 }
@@ -97,4 +97,4 @@ std::optional<std::uint64_t> InterfaceSpeed(const std::string& name) {
     return *megabits * bitsOfMegabit;
 }
 
-}  // namespace platform::wmi
+}  // namespace kv::facts

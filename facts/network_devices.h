@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-namespace platform::wmi {
+namespace kv::facts {
 
 /// One line of /proc/net/dev, counted since the interface came up.
 struct InterfaceCounters {
@@ -52,4 +52,4 @@ std::string_view ValueAfter(std::string_view key, std::string_view text);
 /// Bits per second of an interface as its driver tells it; none for one that has no speed or is down.
 std::optional<std::uint64_t> InterfaceSpeed(const std::string& name);
 
-}  // namespace platform::wmi
+}  // namespace kv::facts

@@ -4,7 +4,7 @@
 
 #include "facts/system_text.h"
 
-namespace platform::wmi {
+namespace kv::facts {
 
 namespace {
 
@@ -59,4 +59,4 @@ std::optional<std::uint64_t> ParseThreadCount(std::string_view text) {
     return slash == std::string_view::npos ? std::nullopt : NumberOf(runningOfAll.substr(slash + 1));
 }
 
-}  // namespace platform::wmi
+}  // namespace kv::facts

@@ -6,7 +6,7 @@
 #include <optional>
 #include <string_view>
 
-namespace platform::wmi {
+namespace kv::facts {
 
 /// The number that follows a name at the start of a line, as in /proc/stat and /proc/vmstat.
 std::optional<std::uint64_t> NumberUnder(std::string_view text, std::string_view name);
@@ -18,4 +18,4 @@ std::map<std::uint32_t, std::uint64_t> SumByProcessor(std::string_view text);
 /// Threads of all processes, of /proc/loadavg.
 std::optional<std::uint64_t> ParseThreadCount(std::string_view text);
 
-}  // namespace platform::wmi
+}  // namespace kv::facts

@@ -16,7 +16,7 @@
 
 #include "facts/system_text.h"
 
-namespace platform::wmi {
+namespace kv::facts {
 
 namespace {
 
@@ -211,12 +211,12 @@ ProcessFiles::ProcessFiles() : directory_(open("/proc", O_PATH | O_DIRECTORY | O
 
 std::optional<std::string_view> ProcessFiles::Read(std::uint32_t processId, const char* file) {
     const ProcessPath path(processId, file);
-    const Descriptor opened(openat(directory_.number(), path.text.data(), O_RDONLY | O_CLOEXEC));
+    const platform::Descriptor opened(openat(directory_.number(), path.text.data(), O_RDONLY | O_CLOEXEC));
     if (!opened.isOpen()) return std::nullopt;
     std::size_t length = 0;
     ssize_t got = 0;
     for (;;) {
-        got = ReadOnce(opened.number(), buffer_.data() + length, buffer_.size() - length);
+        got = platform::ReadOnce(opened.number(), buffer_.data() + length, buffer_.size() - length);
         if (got > 0) length += static_cast<std::size_t>(got);
         if (got < 0 || length < buffer_.size() || length >= maxFileBytes) break;  // these files read short at their end
         buffer_.resize(buffer_.size() * 2);
@@ -291,4 +291,4 @@ std::int64_t SystemStartMilliseconds() {
     return start;
 }
 
-}  // namespace platform::wmi
+}  // namespace kv::facts

@@ -7,9 +7,9 @@
 #include <string_view>
 #include <vector>
 
-#include "facts/system_text.h"
+#include "platform/linux/descriptor.h"
 
-namespace platform::wmi {
+namespace kv::facts {
 
 /// /proc/<id>/stat. Times are in ticks of ClockTicksPerSecond, memory in the units named.
 struct ProcessStat {
@@ -87,7 +87,7 @@ class ProcessFiles {
     std::optional<std::uint64_t> CountOpenFiles(std::uint32_t processId) const;
 
   private:
-    Descriptor directory_;
+    platform::Descriptor directory_;
     std::string buffer_;
 };
 
@@ -102,4 +102,4 @@ std::uint64_t PageSize();                        // bytes
 /// the same from call to call until the clock is set.
 std::int64_t SystemStartMilliseconds();
 
-}  // namespace platform::wmi
+}  // namespace kv::facts

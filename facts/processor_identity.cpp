@@ -2,7 +2,7 @@
 
 #include <fmt/format.h>
 
-namespace platform::wmi {
+namespace kv::facts {
 
 namespace {
 
@@ -122,4 +122,4 @@ std::optional<std::uint64_t> RevisionOf(const CpuBlock& block) {
     return TwoBytes(block.numberIn("model"), block.numberIn("stepping"));
 }
 
-}  // namespace platform::wmi
+}  // namespace kv::facts

@@ -8,7 +8,7 @@
 
 #include "facts/cpu_info.h"
 
-namespace platform::wmi {
+namespace kv::facts {
 
 /// The number in Win32_Processor.Architecture of a machine as uname(2) names it; none for one that Windows has never
 /// run on.
@@ -35,4 +35,4 @@ std::optional<std::uint64_t> LevelOf(const CpuBlock& block);
 /// On x86 the model in the upper and the stepping in the lower byte, on ARM the variant and the revision.
 std::optional<std::uint64_t> RevisionOf(const CpuBlock& block);
 
-}  // namespace platform::wmi
+}  // namespace kv::facts

@@ -1,17 +1,32 @@
 #include "facts/processor_load.h"
 
+#include <algorithm>
 #include <cmath>
 #include <utility>
 
 #include "facts/process_files.h"
-#include "wql/classes/perf_class.h"
 
-namespace platform::wmi {
+namespace kv::facts {
 
 namespace {
 
-CounterState StateOf(const ProcessorTimes& times) {
-    return {0, TimeOfTicks(times.idleTicks()), TimeOfTicks(times.busyTicks() + times.idleTicks())};
+/// Of the time between two samples, in ticks.
+struct Share {
+    double busy = 0;
+    double whole = 0;
+};
+
+double WholeTicks(const ProcessorTimes& times) { return static_cast<double>(times.busyTicks() + times.idleTicks()); }
+
+/// From the system's start where the earlier sample is not one of the same count. Idle times that go back a little, as
+/// the kernel's do, stand still.
+Share ShareBetween(const ProcessorTimes& earlier, const ProcessorTimes& now) {
+    const double whole = WholeTicks(now) - WholeTicks(earlier);
+    const double idle = static_cast<double>(now.idleTicks()) - static_cast<double>(earlier.idleTicks());
+    if (whole < 0 || -idle > static_cast<double>(ClockTicksPerSecond())) {
+        return {static_cast<double>(now.busyTicks()), WholeTicks(now)};
+    }
+    return {whole - std::max(idle, 0.0), whole};
 }
 
 }  // namespace
@@ -26,16 +41,19 @@ TimesByProcessor LoadHistory::exchange(const TimesByProcessor& sample, std::chro
 
 std::uint16_t BusyPercent(const std::vector<CpuBlock>& processors, const TimesByProcessor& from,
                           const TimesByProcessor& to) {
-    std::vector<Quotient> loads;
+    // Together they are one figure, in which a processor counts for as long as it ran.
+    Share all;
     for (const CpuBlock& processor : processors) {
         const auto now = to.find(processor.number);
         if (now == to.end()) continue;
         const auto earlier = from.find(processor.number);
-        const CounterState before = earlier != from.end() ? StateOf(earlier->second) : CounterState();
-        loads.push_back(QuotientBetween(CounterKind::percentOfTimeLeft, &before, StateOf(now->second), 0));
+        const Share share = ShareBetween(earlier != from.end() ? earlier->second : ProcessorTimes(), now->second);
+        all.busy += share.busy;
+        all.whole += share.whole;
     }
-    // Together they are one figure, in which a processor counts for as long as it ran.
-    return static_cast<std::uint16_t>(std::lround(TotalOf(CounterKind::fraction, loads, 1)));
+    constexpr double wholePercent = 100;
+    return all.whole > 0 ? static_cast<std::uint16_t>(std::lround(std::max(all.busy, 0.0) * wholePercent / all.whole))
+                         : std::uint16_t{0};
 }
 
-}  // namespace platform::wmi
+}  // namespace kv::facts

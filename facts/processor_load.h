@@ -10,7 +10,7 @@
 #include "facts/cpu_info.h"
 #include "facts/kernel_totals.h"
 
-namespace platform::wmi {
+namespace kv::facts {
 
 using TimesByProcessor = std::map<std::uint32_t, ProcessorTimes>;
 
@@ -37,4 +37,4 @@ class LoadHistory {
 std::uint16_t BusyPercent(const std::vector<CpuBlock>& processors, const TimesByProcessor& from,
                           const TimesByProcessor& to);
 
-}  // namespace platform::wmi
+}  // namespace kv::facts

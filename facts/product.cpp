@@ -5,7 +5,7 @@
 
 #include "facts/smbios.h"
 
-namespace platform::wmi {
+namespace kv::facts {
 
 std::optional<std::string> ReadVendor() {
     if (std::optional<std::string> vendor = ReadDmi("sys_vendor")) return vendor;
@@ -30,4 +30,4 @@ std::optional<std::string> ReadUuid() {
     return uuid;
 }
 
-}  // namespace platform::wmi
+}  // namespace kv::facts

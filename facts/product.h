@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-namespace platform::wmi {
+namespace kv::facts {
 
 std::optional<std::string> ReadVendor();
 
@@ -17,4 +17,4 @@ std::optional<std::string> ReadSerialNumber();
 /// In capital letters; for the superuser only.
 std::optional<std::string> ReadUuid();
 
-}  // namespace platform::wmi
+}  // namespace kv::facts

@@ -11,7 +11,7 @@
 #include "facts/account_files.h"
 #include "facts/system_text.h"
 
-namespace platform::wmi {
+namespace kv::facts {
 
 namespace {
 
@@ -31,7 +31,7 @@ std::string AskOf(const char* session, int (*ask)(const char*, char**)) {
 }
 
 std::string NameOfUser(std::uint32_t id) {
-    for (UserEntry& user : ParsePasswd(ReadSystemFile("/etc/passwd").value_or(""))) {
+    for (UserEntry& user : ParsePasswd(platform::ReadSystemFile("/etc/passwd").value_or(""))) {
         if (user.id == id) return std::move(user.name);
     }
     return fmt::format("{}", id);  // a user of a directory service, which may not answer
@@ -73,7 +73,7 @@ std::vector<Session> ParseSessions(std::string_view utmp) {
 }
 
 std::optional<std::vector<Session>> ReadSessions() {
-    const std::optional<std::string> file = ReadSystemFile(_PATH_UTMP);
+    const std::optional<std::string> file = platform::ReadSystemFile(_PATH_UTMP);
     return file ? std::optional(ParseSessions(*file)) : ReadManagedSessions();
 }
 
@@ -84,4 +84,4 @@ std::optional<std::string> ConsoleUserOf(const std::vector<Session>& sessions) {
     return std::nullopt;
 }
 
-}  // namespace platform::wmi
+}  // namespace kv::facts

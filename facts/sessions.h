@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-namespace platform::wmi {
+namespace kv::facts {
 
 /// A user's session.
 struct Session {
@@ -24,4 +24,4 @@ std::optional<std::vector<Session>> ReadSessions();
 /// The user at the computer's own screen and keyboard; none when nobody is.
 std::optional<std::string> ConsoleUserOf(const std::vector<Session>& sessions);
 
-}  // namespace platform::wmi
+}  // namespace kv::facts

@@ -2,7 +2,7 @@
 
 #include "facts/system_text.h"
 
-namespace platform::wmi {
+namespace kv::facts {
 
 namespace {
 
@@ -87,7 +87,7 @@ std::optional<std::uint32_t> KnownNumber(std::uint32_t number) {
     return number == 0 ? std::nullopt : std::optional(number);
 }
 
-std::string ReadSmbiosTable() { return ReadSystemFile("/sys/firmware/dmi/tables/DMI").value_or(""); }
+std::string ReadSmbiosTable() { return platform::ReadSystemFile("/sys/firmware/dmi/tables/DMI").value_or(""); }
 
 std::optional<std::string> ReadDmi(std::string_view name) {
     return ReadSystemLine("/sys/class/dmi/id/" + std::string(name));
@@ -98,4 +98,4 @@ std::optional<std::string> ReadDeviceTree(std::string_view name) {
     return texts ? std::optional(texts->substr(0, texts->find('\0'))) : std::nullopt;
 }
 
-}  // namespace platform::wmi
+}  // namespace kv::facts

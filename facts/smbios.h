@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-namespace platform::wmi {
+namespace kv::facts {
 
 /// One structure: its formatted part, header included, and its strings.
 struct SmbiosStructure {
@@ -48,4 +48,4 @@ std::optional<std::string> ReadDmi(std::string_view name);
 /// A text of the device tree, which other computers have instead of the tables, such as "model"; of several the first.
 std::optional<std::string> ReadDeviceTree(std::string_view name);
 
-}  // namespace platform::wmi
+}  // namespace kv::facts

@@ -1,16 +1,12 @@
 #include "facts/system_text.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <charconv>
-#include <fcntl.h>
-#include <unistd.h>
 
-namespace platform::wmi {
+namespace kv::facts {
 
 namespace {
 
-constexpr std::size_t maxFileBytes = 16 * 1024 * 1024;
 constexpr std::string_view blanks = " \t\r\n";
 
 std::optional<std::uint64_t> WholeNumber(std::string_view text, int base) {
@@ -22,32 +18,8 @@ std::optional<std::uint64_t> WholeNumber(std::string_view text, int base) {
 
 }  // namespace
 
-ssize_t ReadOnce(int file, char* to, std::size_t room) {
-    ssize_t got = 0;
-    do {
-        got = read(file, to, room);
-    } while (got < 0 && errno == EINTR);
-    return got;
-}
-
-std::optional<std::string> ReadSystemFile(const std::string& path) {
-    const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!file.isOpen()) return std::nullopt;
-    std::string text;
-    constexpr std::size_t firstBlock = 4096;
-    for (std::size_t room = firstBlock; text.size() < maxFileBytes; room *= 2) {
-        const std::size_t length = text.size();
-        text.resize(length + room);
-        const ssize_t got = ReadOnce(file.number(), text.data() + length, room);
-        text.resize(length + static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
-        if (got < 0) return std::nullopt;
-        if (got == 0) break;
-    }
-    return text;
-}
-
 std::optional<std::string> ReadSystemLine(const std::string& path) {
-    const std::optional<std::string> text = ReadSystemFile(path);
+    const std::optional<std::string> text = platform::ReadSystemFile(path);
     if (!text || Trimmed(*text).empty()) return std::nullopt;
     return std::string(Trimmed(*text));
 }
@@ -94,4 +66,4 @@ std::optional<std::string> KnownText(const std::string& text) {
     return text.empty() ? std::nullopt : std::optional(text);
 }
 
-}  // namespace platform::wmi
+}  // namespace kv::facts

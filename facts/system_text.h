@@ -1,24 +1,17 @@
-// Reading the small texts in which the kernel tells of itself: fetching one, and taking it apart.
+// Taking the small texts apart in which the kernel tells of itself.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <sys/types.h>
 
-#include "platform/linux/descriptor.h"
+#include "platform/linux/system_file.h"
 
-namespace platform::wmi {
+namespace kv::facts {
 
-/// read(2), again when it was interrupted.
-ssize_t ReadOnce(int file, char* to, std::size_t room);
-
-/// A whole file such as those below /proc and /sys; none when it cannot be read. Reads at most 16 MB.
-std::optional<std::string> ReadSystemFile(const std::string& path);
-
-/// The same without blanks and line ends at its ends; none also when nothing is left.
+/// A file such as those below /proc and /sys, without blanks and line ends at its ends; none when it cannot be read, or
+/// when nothing is left.
 std::optional<std::string> ReadSystemLine(const std::string& path);
 
 /// A file that holds one decimal number.
@@ -42,4 +35,4 @@ std::optional<std::uint64_t> HexNumberOf(std::string_view text);
 /// A text that stands for a fact; an empty one says that it is not known.
 std::optional<std::string> KnownText(const std::string& text);
 
-}  // namespace platform::wmi
+}  // namespace kv::facts

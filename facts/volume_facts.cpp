@@ -7,7 +7,7 @@
 
 #include "facts/system_text.h"
 
-namespace platform::wmi {
+namespace kv::facts {
 
 namespace {
 
@@ -90,4 +90,4 @@ const Mount* DiskHolding(std::string_view path, const std::vector<Mount>& disks)
     return holder;
 }
 
-}  // namespace platform::wmi
+}  // namespace kv::facts

@@ -9,7 +9,7 @@
 
 #include "facts/mounts.h"
 
-namespace platform::wmi {
+namespace kv::facts {
 
 /// Kinds of drives by their numbers in Windows.
 enum class DriveType : std::uint32_t { removable = 2, fixed = 3, network = 4, compactDisc = 5, memory = 6 };
@@ -38,4 +38,4 @@ std::optional<std::uint32_t> SerialNumberOf(std::string_view uuid);
 /// The disk whose file system holds a path; none where there is none.
 const Mount* DiskHolding(std::string_view path, const std::vector<Mount>& disks);
 
-}  // namespace platform::wmi
+}  // namespace kv::facts

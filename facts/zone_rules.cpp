@@ -9,7 +9,7 @@
 
 #include "facts/system_text.h"
 
-namespace platform::wmi {
+namespace kv::facts {
 
 namespace {
 
@@ -136,7 +136,7 @@ std::string_view LastLineOf(std::string_view file) {
 
 /// None where there is no such file.
 std::optional<Zone> ReadZoneFile(const std::string& path) {
-    const std::optional<std::string> file = ReadSystemFile(path);
+    const std::optional<std::string> file = platform::ReadSystemFile(path);
     return file ? std::optional(Zone{ReadZoneName(path), ParseZoneRules(LastLineOf(*file))}) : std::nullopt;
 }
 
@@ -175,4 +175,4 @@ Zone ReadZone() {
     return zone ? *zone : Zone{"", ParseZoneRules(name)};
 }
 
-}  // namespace platform::wmi
+}  // namespace kv::facts

@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-namespace platform::wmi {
+namespace kv::facts {
 
 /// When the clock is changed each year: in a month (1 to 12), on its first to fourth or, as 5, last of a day of the
 /// week (0 is Sunday), at a time of the clock that is left.
@@ -46,4 +46,4 @@ struct Zone {
 /// That of the variable TZ, which is read as tzset(3) does, else of /etc/localtime.
 Zone ReadZone();
 
-}  // namespace platform::wmi
+}  // namespace kv::facts

@@ -20,7 +20,7 @@
 namespace {
 
 using namespace platform;
-using namespace platform::wmi;
+using namespace kv::wql;
 
 void Require(bool held, const char* what) {
     if (held) return;

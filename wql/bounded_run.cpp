@@ -12,7 +12,7 @@
 
 #include "platform/utf.h"
 
-namespace platform::wmi {
+namespace kv::wql {
 
 struct BoundedRun {
     std::u16string name;
@@ -60,7 +60,7 @@ void ClearStuck(BoundedRun& run) {
 
 void AddNotice(BoundedRun& run, std::string_view text) {
     const std::lock_guard lock(run.mutex);
-    run.notices.push_back(WideFromUtf8(text));
+    run.notices.push_back(platform::WideFromUtf8(text));
 }
 
 void AddObject(BoundedRun& run, ResultObject object) {
@@ -133,8 +133,9 @@ WmiStatus NextObject(BoundedRun& run, ResultObject& object) {
     if (run.isFinished) return IsFailure(run.status) ? run.status : wmi_status::noMore;
     if (!run.isStuck) {
         SetStuck(run);
-        run.notices.push_back(WideFromUtf8("a query of " + Utf8FromWide(run.name) + " has not come to an end in " +
-                                           std::to_string(run.limit.count()) + " ms and is given up"));
+        run.notices.push_back(platform::WideFromUtf8("a query of " + platform::Utf8FromWide(run.name) +
+                                                     " has not come to an end in " + std::to_string(run.limit.count()) +
+                                                     " ms and is given up"));
     }
     return wmi_status::timedOut;
 }
@@ -150,4 +151,4 @@ std::vector<std::u16string> TakeNotices(BoundedRun& run) {
     return std::exchange(run.notices, {});
 }
 
-}  // namespace platform::wmi
+}  // namespace kv::wql

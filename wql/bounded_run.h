@@ -13,7 +13,7 @@
 
 #include "wql/query.h"
 
-namespace platform::wmi {
+namespace kv::wql {
 
 struct BoundedRun;
 using BoundedRunPtr = std::shared_ptr<BoundedRun>;
@@ -34,4 +34,4 @@ void AbandonRun(BoundedRun& run);
 /// The notices since the last call.
 std::vector<std::u16string> TakeNotices(BoundedRun& run);
 
-}  // namespace platform::wmi
+}  // namespace kv::wql

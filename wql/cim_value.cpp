@@ -8,7 +8,7 @@
 
 #include "wql/class_tree.h"
 
-namespace platform::wmi {
+namespace kv::wql {
 
 namespace {
 
@@ -138,30 +138,32 @@ CimValue AsNumberOf(CimType type, const CimValue& number) {
     }
 }
 
-VariantType VariantTypeOf(CimType type) {
+platform::VariantType VariantTypeOf(CimType type) {
     const auto arrayFlag = static_cast<unsigned>(CimType::arrayFlag);
     if (IsArray(type)) {
-        const VariantType element = VariantTypeOf(static_cast<CimType>(static_cast<unsigned>(type) & ~arrayFlag));
-        return static_cast<VariantType>(static_cast<unsigned>(element) | static_cast<unsigned>(VariantType::arrayFlag));
+        const platform::VariantType element =
+            VariantTypeOf(static_cast<CimType>(static_cast<unsigned>(type) & ~arrayFlag));
+        return static_cast<platform::VariantType>(static_cast<unsigned>(element) |
+                                                  static_cast<unsigned>(platform::VariantType::arrayFlag));
     }
     switch (type) {
         case CimType::sint8:
         case CimType::sint16:
-            return VariantType::i2;
+            return platform::VariantType::i2;
         case CimType::uint8:
-            return VariantType::ui1;
+            return platform::VariantType::ui1;
         case CimType::uint16:
         case CimType::sint32:
         case CimType::uint32:
-            return VariantType::i4;
+            return platform::VariantType::i4;
         case CimType::real32:
-            return VariantType::r4;
+            return platform::VariantType::r4;
         case CimType::real64:
-            return VariantType::r8;
+            return platform::VariantType::r8;
         case CimType::boolean:
-            return VariantType::boolean;
+            return platform::VariantType::boolean;
         default:
-            return VariantType::bstr;
+            return platform::VariantType::bstr;
     }
 }
 
@@ -179,16 +181,16 @@ CimValue BroughtTo(CimType type, CimValue value) {
     return number.isNull() ? number : AsNumberOf(type, number);
 }
 
-Variant VariantOf(CimType type, const CimValue& value) {
+platform::Variant VariantOf(CimType type, const CimValue& value) {
     CimValue brought = BroughtTo(type, value);
-    Variant variant;
-    variant.type = brought.isNull() ? VariantType::null : VariantTypeOf(type);
+    platform::Variant variant;
+    variant.type = brought.isNull() ? platform::VariantType::null : VariantTypeOf(type);
     if (brought.isNull() || IsArray(type)) return variant;
     if (const auto* real = std::get_if<double>(&brought.held)) {
         variant.real = *real;
     } else if (const auto* truth = std::get_if<bool>(&brought.held)) {
         variant.integer = *truth ? -1 : 0;
-    } else if (variant.type == VariantType::bstr) {
+    } else if (variant.type == platform::VariantType::bstr) {
         variant.text = std::get<std::u16string>(AsText(std::move(brought)).held);
     } else {
         variant.integer = static_cast<std::int32_t>(std::get<std::int64_t>(brought.held));
@@ -213,4 +215,4 @@ CimValue NumberOfText(std::u16string_view text) {
     return isHex ? HexNumber(digits.substr(2), isNegative) : DecimalNumber(digits, isNegative);
 }
 
-}  // namespace platform::wmi
+}  // namespace kv::wql

@@ -14,7 +14,11 @@
 #include "platform/utf.h"
 #include "platform/wmi.h"
 
-namespace platform::wmi {
+namespace kv::wql {
+
+using platform::IsFailure;
+using platform::WmiStatus;
+namespace wmi_status = platform::wmi_status;
 
 /// The type a property is declared with, by its number in the Common Information Model. An array has arrayFlag too.
 enum class CimType : std::uint16_t {
@@ -65,9 +69,9 @@ struct CimValue {
     CimValue(std::u16string value) : held(std::move(value)) {}
     CimValue(std::u16string_view value) : held(std::u16string(value)) {}
     CimValue(const char16_t* value) : held(std::u16string(value)) {}
-    CimValue(std::string_view utf8) : held(WideFromUtf8(utf8)) {}
-    CimValue(const std::string& utf8) : held(WideFromUtf8(utf8)) {}
-    CimValue(const char* utf8) : held(WideFromUtf8(utf8)) {}
+    CimValue(std::string_view utf8) : held(platform::WideFromUtf8(utf8)) {}
+    CimValue(const std::string& utf8) : held(platform::WideFromUtf8(utf8)) {}
+    CimValue(const char* utf8) : held(platform::WideFromUtf8(utf8)) {}
     CimValue(CimArray value) : held(value) {}
     template <class Value>
     CimValue(const std::optional<Value>& value) {
@@ -84,7 +88,7 @@ CimValue BroughtTo(CimType type, CimValue value);
 
 /// The value as the agent gets it once brought to its type, by the rules of Windows: 64-bit numbers and datetimes as
 /// text, unsigned 32-bit ones as signed, unsigned 16-bit ones as 32-bit.
-Variant VariantOf(CimType type, const CimValue& value);
+platform::Variant VariantOf(CimType type, const CimValue& value);
 
 /// Texts without regard to case, numbers and truth values by what they are worth, exactly. Unordered where one is NULL
 /// or an array, where one is text and the other not, and where one is no number.
@@ -103,4 +107,4 @@ std::u16string DmtfTime(std::int64_t microsecondsSince1970);
 /// the offset is local time.
 std::optional<std::int64_t> MicrosecondsOfDmtf(std::u16string_view text);
 
-}  // namespace platform::wmi
+}  // namespace kv::wql

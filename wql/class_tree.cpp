@@ -1,34 +1,29 @@
 #include "wql/class_tree.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "platform/linux/linux.h"
 #include "platform/name_pattern.h"
-#include "wql/classes/families.h"
 
-namespace platform::wmi {
+namespace kv::wql {
 
 namespace {
 
-using Family = std::span<const ClassInfo> (*)();
-
-constexpr Family families[] = {
-    AbstractClasses,       AccountClasses,       ComputerSystemClasses, DiskDriveClasses,
-    FileSystemClasses,     FirmwareClasses,      NetworkAdapterClasses, OperatingSystemClasses,
-    PhysicalMemoryClasses, ProcessClasses,       ProcessorClasses,      ServiceClasses,
-    TimeClasses,           PerfDiskClasses,      PerfMemoryClasses,     PerfNetworkClasses,
-    PerfProcessClasses,    PerfProcessorClasses, PerfSystemClasses,
-};
+// Set before any constructor runs, so that families may enter themselves in any order.
+constinit const ClassFamily* lastFamily = nullptr;
 
 std::vector<const ClassInfo*> CollectClasses() {
     std::vector<const ClassInfo*> classes;
-    for (const Family family : families) {
-        for (const ClassInfo& member : family()) classes.push_back(&member);
+    for (const ClassFamily* family = lastFamily; family != nullptr; family = family->before()) {
+        for (const ClassInfo& member : family->list()) classes.push_back(&member);
     }
     return classes;
 }
 
 }  // namespace
+
+ClassFamily::ClassFamily(List routine) noexcept : list_(routine), before_(std::exchange(lastFamily, this)) {}
 
 const std::vector<const ClassInfo*>& AllClasses() {
     static const auto& classes = *new std::vector<const ClassInfo*>(CollectClasses());
@@ -38,7 +33,7 @@ const std::vector<const ClassInfo*>& AllClasses() {
 int CompareNames(std::u16string_view left, std::u16string_view right) {
     const std::size_t common = std::min(left.size(), right.size());
     for (std::size_t at = 0; at < common; ++at) {
-        const int difference = UpperCaseOf(left[at]) - UpperCaseOf(right[at]);
+        const int difference = platform::UpperCaseOf(left[at]) - platform::UpperCaseOf(right[at]);
         if (difference != 0) return difference;
     }
     return left.size() == right.size() ? 0 : left.size() < right.size() ? -1 : 1;
@@ -67,4 +62,4 @@ bool IsA(const ClassInfo& classInfo, std::u16string_view name) {
     return at != nullptr;
 }
 
-}  // namespace platform::wmi
+}  // namespace kv::wql

@@ -1,12 +1,31 @@
 // All classes of ROOT\CIMV2, found by name without regard to case.
 #pragma once
 
+#include <span>
 #include <string_view>
 #include <vector>
 
 #include "wql/wmi_class.h"
 
-namespace platform::wmi {
+namespace kv::wql {
+
+/// Enters the classes of one source: a constant at its end, which no other code names.
+class ClassFamily {
+  public:
+    /// Called once, at the first query. What it lists lives as long as the process.
+    using List = std::span<const ClassInfo> (*)();
+
+    explicit ClassFamily(List routine) noexcept;
+    ClassFamily(const ClassFamily&) = delete;
+    ClassFamily& operator=(const ClassFamily&) = delete;
+
+    std::span<const ClassInfo> list() const { return list_(); }
+    const ClassFamily* before() const { return before_; }
+
+  private:
+    List list_;
+    const ClassFamily* before_;  // the one entered before it, or null
+};
 
 /// Every class, in no particular order. Made at the first call; lives as long as the process.
 const std::vector<const ClassInfo*>& AllClasses();
@@ -23,4 +42,4 @@ bool IsA(const ClassInfo& classInfo, std::u16string_view name);
 /// Compares names without regard to case: below, at or above 0.
 int CompareNames(std::u16string_view left, std::u16string_view right);
 
-}  // namespace platform::wmi
+}  // namespace kv::wql

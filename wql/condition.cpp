@@ -6,7 +6,7 @@
 
 #include "wql/class_tree.h"
 
-namespace platform::wmi {
+namespace kv::wql {
 
 namespace {
 
@@ -226,4 +226,4 @@ std::uint32_t NeedsOf(const BoundCondition& condition) {
     return needs;
 }
 
-}  // namespace platform::wmi
+}  // namespace kv::wql

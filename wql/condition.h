@@ -12,7 +12,7 @@
 #include "wql/wmi_class.h"
 #include "wql/wql_query.h"
 
-namespace platform::wmi {
+namespace kv::wql {
 
 /// None: neither true nor false.
 using Truth = std::optional<bool>;
@@ -58,4 +58,4 @@ std::vector<Restriction> RestrictionsOf(const BoundCondition& condition);
 /// [^abc] for one of a set. A ] that is the first of its set belongs to it. A [ that is never closed stands for itself.
 bool IsLike(std::u16string_view text, std::u16string_view pattern);
 
-}  // namespace platform::wmi
+}  // namespace kv::wql

@@ -7,7 +7,7 @@
 
 #include "wql/cim_value.h"
 
-namespace platform::wmi {
+namespace kv::wql {
 
 namespace {
 
@@ -58,7 +58,7 @@ std::u16string DmtfTime(std::int64_t microsecondsSince1970) {
                   static_cast<int>(time.hours().count()), static_cast<int>(time.minutes().count()),
                   static_cast<int>(time.seconds().count()), static_cast<int>(time.subseconds().count()),
                   static_cast<int>(offset.count()));
-    return WideFromUtf8(text.data());
+    return platform::WideFromUtf8(text.data());
 }
 
 std::optional<std::int64_t> MicrosecondsOfDmtf(std::u16string_view text) {
@@ -76,4 +76,4 @@ std::optional<std::int64_t> MicrosecondsOfDmtf(std::u16string_view text) {
     return (text[21] == u'-' ? local + distance : local - distance).time_since_epoch().count();
 }
 
-}  // namespace platform::wmi
+}  // namespace kv::wql

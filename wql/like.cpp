@@ -2,15 +2,15 @@
 #include "platform/name_pattern.h"
 #include "wql/condition.h"
 
-namespace platform::wmi {
+namespace kv::wql {
 
 namespace {
 
-bool AreSame(char16_t left, char16_t right) { return UpperCaseOf(left) == UpperCaseOf(right); }
+bool AreSame(char16_t left, char16_t right) { return platform::UpperCaseOf(left) == platform::UpperCaseOf(right); }
 
 bool IsBetween(char16_t unit, char16_t first, char16_t last) {
-    const char16_t upper = UpperCaseOf(unit);
-    return UpperCaseOf(first) <= upper && upper <= UpperCaseOf(last);
+    const char16_t upper = platform::UpperCaseOf(unit);
+    return platform::UpperCaseOf(first) <= upper && upper <= platform::UpperCaseOf(last);
 }
 
 /// What stands between the brackets, without the ^.
@@ -74,4 +74,4 @@ bool IsLike(std::u16string_view text, std::u16string_view pattern) {
     return pattern.find_first_not_of(u'%', at) == pattern.npos;
 }
 
-}  // namespace platform::wmi
+}  // namespace kv::wql

@@ -15,11 +15,13 @@
 #include "wql/class_tree.h"
 #include "wql/query.h"
 
-namespace platform {
+namespace kv::wql {
 
 namespace {
 
-using namespace wmi;
+using platform::Variant;
+using platform::WmiHandle;
+using platform::WmiOperations;
 
 /// How long a query may take. Even ten thousand processes are read in a fraction of it.
 constexpr std::chrono::seconds queryLimit{30};
@@ -54,7 +56,7 @@ std::optional<std::u16string_view> WithoutServer(std::u16string_view path) {
     path.remove_prefix(2);
     const std::u16string_view server = path.substr(0, path.find(u'\\'));
     path.remove_prefix(std::min(server.size() + 1, path.size()));
-    const std::u16string ownName = HostName();
+    const std::u16string ownName = facts::HostName();
     for (const std::u16string_view own :
          {std::u16string_view(u"."), std::u16string_view(u"localhost"), std::u16string_view(u"127.0.0.1"),
           std::u16string_view(u"::1"), std::u16string_view(ownName)}) {
@@ -146,9 +148,7 @@ std::function<WmiStatus(Arguments...)> Guarded(WmiStatus (*operation)(Arguments.
     };
 }
 
-}  // namespace
-
-WmiOperations LinuxWmi() {
+WmiOperations Provider() {
     return {
         .CoInitializeEx = [] { return wmi_status::ok; },
         .CoUninitialize = [] {},
@@ -166,6 +166,8 @@ WmiOperations LinuxWmi() {
     };
 }
 
-void InstallWmi() { CurrentOperations<WmiOperations>() = LinuxWmi(); }
+}  // namespace
 
-}  // namespace platform
+}  // namespace kv::wql
+
+void platform::InstallWmi() { CurrentOperations<WmiOperations>() = kv::wql::Provider(); }

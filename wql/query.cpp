@@ -6,7 +6,7 @@
 
 #include "wql/class_tree.h"
 
-namespace platform::wmi {
+namespace kv::wql {
 
 namespace {
 
@@ -103,4 +103,4 @@ WmiStatus RunQuery(const BoundQuery& query, const ResultSink& sink) {
     return wmi_status::ok;
 }
 
-}  // namespace platform::wmi
+}  // namespace kv::wql

@@ -14,7 +14,7 @@
 #include "wql/wmi_class.h"
 #include "wql/wql_query.h"
 
-namespace platform::wmi {
+namespace kv::wql {
 
 /// What a query asks of one class that has objects.
 struct ClassQuery {
@@ -31,7 +31,7 @@ struct BoundQuery {
 /// One object as the agent gets it.
 struct ResultProperty {
     std::u16string_view name;
-    Variant value;
+    platform::Variant value;
 };
 using ResultObject = std::vector<ResultProperty>;
 
@@ -49,4 +49,4 @@ WmiStatus PrepareQuery(std::u16string_view text, BoundQuery& query);
 /// Gathers the objects that match. The first failure of a class's gather ends it, after the objects so far.
 WmiStatus RunQuery(const BoundQuery& query, const ResultSink& sink);
 
-}  // namespace platform::wmi
+}  // namespace kv::wql

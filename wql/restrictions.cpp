@@ -5,7 +5,7 @@
 
 #include "wql/condition.h"
 
-namespace platform::wmi {
+namespace kv::wql {
 
 namespace {
 
@@ -87,4 +87,4 @@ std::vector<Restriction> RestrictionsOf(const BoundCondition& condition) {
     }
 }
 
-}  // namespace platform::wmi
+}  // namespace kv::wql

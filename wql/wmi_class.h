@@ -14,7 +14,7 @@
 
 #include "wql/cim_value.h"
 
-namespace platform::wmi {
+namespace kv::wql {
 
 namespace detail {
 
@@ -84,4 +84,4 @@ struct ClassInfo {
     GatherRoutine gather = nullptr;  // none: an abstract class, whose objects are those of its subclasses
 };
 
-}  // namespace platform::wmi
+}  // namespace kv::wql

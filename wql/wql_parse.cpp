@@ -7,7 +7,7 @@
 #include "wql/class_tree.h"
 #include "wql/wql_token.h"
 
-namespace platform::wmi {
+namespace kv::wql {
 
 namespace {
 
@@ -218,4 +218,4 @@ WmiStatus ParseWql(std::u16string_view text, WqlQuery& query) {
     return isRead ? wmi_status::ok : parser.failure;
 }
 
-}  // namespace platform::wmi
+}  // namespace kv::wql

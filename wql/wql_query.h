@@ -24,7 +24,9 @@
 
 #include "platform/wmi_status.h"
 
-namespace platform::wmi {
+namespace kv::wql {
+
+using platform::WmiStatus;
 
 struct NullLiteral {};
 /// A whole number too large for 64 bits is a real one.
@@ -70,4 +72,4 @@ inline constexpr int maxQueryDepth = 200;
 /// REFERENCES OF); quotaViolation beyond the bounds.
 WmiStatus ParseWql(std::u16string_view text, WqlQuery& query);
 
-}  // namespace platform::wmi
+}  // namespace kv::wql

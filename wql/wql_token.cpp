@@ -4,7 +4,7 @@
 
 #include "wql/cim_value.h"
 
-namespace platform::wmi {
+namespace kv::wql {
 
 namespace {
 
@@ -95,4 +95,4 @@ Token TakeToken(std::u16string_view& text) {
     return TakeSign(text);
 }
 
-}  // namespace platform::wmi
+}  // namespace kv::wql

@@ -5,7 +5,7 @@
 
 #include "wql/wql_query.h"
 
-namespace platform::wmi {
+namespace kv::wql {
 
 enum class TokenKind {
     end,
@@ -25,4 +25,4 @@ struct Token {
 /// Takes the next token off a text, with the blanks before it. Behind an unreadable one there is nothing to be read.
 Token TakeToken(std::u16string_view& text);
 
-}  // namespace platform::wmi
+}  // namespace kv::wql

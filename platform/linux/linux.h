@@ -44,7 +44,6 @@ ServiceManagerOperations LinuxServiceManager(const ServiceManagerPlace& place = 
 SocketOperations LinuxSockets();
 SystemFactOperations LinuxSystemFacts();
 ThreadOperations LinuxThreads();
-WmiOperations LinuxWmi();
 
 /// The directory that holds registry.db and the drives: KVAGENT_STATE_DIR, else /var/lib/kvagent; absolute, without a
 /// slash at the end. The environment is read by InstallBackend, and only then. Nothing creates the directory here.

@@ -27,7 +27,8 @@ namespace kv::test {
 namespace {
 
 using namespace platform;
-using namespace platform::wmi;
+using namespace facts;
+using namespace wql;
 using enum CounterKind;
 namespace fs = std::filesystem;
 

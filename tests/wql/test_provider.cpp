@@ -14,7 +14,8 @@ namespace kv::test {
 namespace {
 
 using namespace platform;
-using namespace platform::wmi;
+using namespace facts;
+using namespace wql;
 
 struct WmiProvider : ::testing::Test {
     WmiProvider() {

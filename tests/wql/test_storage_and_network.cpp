@@ -25,7 +25,8 @@
 namespace kv::test {
 namespace {
 
-using namespace platform::wmi;
+using namespace facts;
+using namespace wql;
 using namespace std::chrono_literals;
 using std::chrono::steady_clock;
 using ::testing::ElementsAre;

@@ -25,7 +25,8 @@
 namespace kv::test {
 namespace {
 
-using namespace platform::wmi;
+using namespace facts;
+using namespace wql;
 using namespace std::chrono_literals;
 using platform::Utf8FromWide;
 using ::testing::ElementsAre;

@@ -4,9 +4,9 @@
 #include <array>
 #include <utility>
 
-#include "wql/classes/families.h"
+#include "wql/class_tree.h"
 
-namespace platform::wmi {
+namespace kv::wql {
 
 namespace {
 
@@ -328,8 +328,8 @@ constexpr ClassInfo classes[] = {
     {u"Win32_PerfFormattedData", u"Win32_Perf", perf},
 };
 
+const ClassFamily family([] { return std::span<const ClassInfo>(classes); });
+
 }  // namespace
 
-std::span<const ClassInfo> AbstractClasses() { return classes; }
-
-}  // namespace platform::wmi
+}  // namespace kv::wql

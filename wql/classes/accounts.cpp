@@ -5,9 +5,9 @@
 #include "facts/host_names.h"
 #include "facts/system_text.h"
 #include "platform/utf.h"
-#include "wql/classes/families.h"
+#include "wql/class_tree.h"
 
-namespace platform::wmi {
+namespace kv::wql {
 
 namespace {
 
@@ -18,31 +18,31 @@ struct Need {
 };
 
 struct UserRow {
-    UserEntry user;
+    facts::UserEntry user;
     std::u16string host;
-    std::optional<PasswordEntry> password;  // none: shadow may not be read, or has no line of this user
-    std::int64_t today = 0;                 // days since 1970
+    std::optional<facts::PasswordEntry> password;  // none: shadow may not be read, or has no line of this user
+    std::int64_t today = 0;                        // days since 1970
 };
 
 struct GroupRow {
-    GroupEntry group;
+    facts::GroupEntry group;
     std::u16string host;
 };
 
 std::optional<bool> DisabledIn(const UserRow& row) {
-    return row.password ? std::optional(IsDisabled(row.user, *row.password, row.today)) : std::nullopt;
+    return row.password ? std::optional(facts::IsDisabled(row.user, *row.password, row.today)) : std::nullopt;
 }
 
 std::u16string_view StatusOf(const UserRow& row) { return DisabledIn(row).value_or(false) ? u"Degraded" : u"OK"; }
 
 /// One of the facts of a password.
-std::optional<bool> FactOf(const UserRow& row, bool PasswordEntry::*fact) {
+std::optional<bool> FactOf(const UserRow& row, bool facts::PasswordEntry::*fact) {
     return row.password ? std::optional((*row.password).*fact) : std::nullopt;
 }
 
 /// The name with the computer's in front.
 std::u16string FullNameOf(const std::u16string& host, const std::string& name) {
-    return host + u"\\" + WideFromUtf8(name);
+    return host + u"\\" + platform::WideFromUtf8(name);
 }
 
 constexpr auto userCaption = [](const UserRow& row) { return FullNameOf(row.host, row.user.name); };
@@ -58,11 +58,11 @@ constexpr PropertyInfo userProperties[] = {
     {u"FullName", string, 0, "of GECOS", [](const UserRow& row) { return row.user.fullName; }},
     {u"InstallDate", datetime},
     {u"LocalAccount", boolean, 0, "all that are read", [](const UserRow&) { return true; }},
-    {u"Lockout", boolean, Need::password, "its password was put out of use", [](const UserRow& row) { return FactOf(row, &PasswordEntry::isLocked); }},
+    {u"Lockout", boolean, Need::password, "its password was put out of use", [](const UserRow& row) { return FactOf(row, &facts::PasswordEntry::isLocked); }},
     {u"Name", string, 0, "as the file has it", [](const UserRow& row) { return row.user.name; }},
-    {u"PasswordChangeable", boolean, Need::password, "by its owner", [](const UserRow& row) { return FactOf(row, &PasswordEntry::mayBeChanged); }},
-    {u"PasswordExpires", boolean, Need::password, "there is a greatest age", [](const UserRow& row) { return FactOf(row, &PasswordEntry::expires); }},
-    {u"PasswordRequired", boolean, Need::password, "the field is not empty", [](const UserRow& row) { return FactOf(row, &PasswordEntry::isRequired); }},
+    {u"PasswordChangeable", boolean, Need::password, "by its owner", [](const UserRow& row) { return FactOf(row, &facts::PasswordEntry::mayBeChanged); }},
+    {u"PasswordExpires", boolean, Need::password, "there is a greatest age", [](const UserRow& row) { return FactOf(row, &facts::PasswordEntry::expires); }},
+    {u"PasswordRequired", boolean, Need::password, "the field is not empty", [](const UserRow& row) { return FactOf(row, &facts::PasswordEntry::isRequired); }},
     {u"SID", string, 0, "S-1-22-1 and the user's number", [](const UserRow& row) { return fmt::format("S-1-22-1-{}", row.user.id); }},
     {u"SIDType", uint8, 0, "1: a user", [](const UserRow&) { return 1; }},
     {u"Status", string, Need::password, "Degraded when disabled", [](const UserRow& row) { return StatusOf(row); }},
@@ -87,12 +87,13 @@ std::int64_t Today() {
 }
 
 WmiStatus GatherUsers(const Gathering& gathering) {
-    std::map<std::string, PasswordEntry> passwords;
-    if (gathering.asksFor(Need::password)) passwords = ParseShadow(ReadSystemFile("/etc/shadow").value_or(""));
+    std::map<std::string, facts::PasswordEntry> passwords;
+    if (gathering.asksFor(Need::password))
+        passwords = facts::ParseShadow(platform::ReadSystemFile("/etc/shadow").value_or(""));
     UserRow row;
     row.today = Today();
-    if (gathering.asksFor(Need::host)) row.host = HostName();
-    for (UserEntry& user : ParsePasswd(ReadSystemFile("/etc/passwd").value_or(""))) {
+    if (gathering.asksFor(Need::host)) row.host = facts::HostName();
+    for (facts::UserEntry& user : facts::ParsePasswd(platform::ReadSystemFile("/etc/passwd").value_or(""))) {
         const auto password = passwords.find(user.name);
         row.password = password == passwords.end() ? std::nullopt : std::optional(password->second);
         row.user = std::move(user);
@@ -103,8 +104,8 @@ WmiStatus GatherUsers(const Gathering& gathering) {
 
 WmiStatus GatherGroups(const Gathering& gathering) {
     GroupRow row;
-    if (gathering.asksFor(Need::host)) row.host = HostName();
-    for (GroupEntry& group : ParseGroups(ReadSystemFile("/etc/group").value_or(""))) {
+    if (gathering.asksFor(Need::host)) row.host = facts::HostName();
+    for (facts::GroupEntry& group : facts::ParseGroups(platform::ReadSystemFile("/etc/group").value_or(""))) {
         row.group = std::move(group);
         if (!gathering.row(&row)) break;
     }
@@ -116,8 +117,8 @@ constexpr ClassInfo classes[] = {
     {u"Win32_Group", u"Win32_Account", groupProperties, GatherGroups},
 };
 
+const ClassFamily family([] { return std::span<const ClassInfo>(classes); });
+
 }  // namespace
 
-std::span<const ClassInfo> AccountClasses() { return classes; }
-
-}  // namespace platform::wmi
+}  // namespace kv::wql

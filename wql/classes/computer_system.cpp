@@ -13,9 +13,9 @@
 #include "facts/smbios.h"
 #include "facts/system_text.h"
 #include "platform/utf.h"
-#include "wql/classes/families.h"
+#include "wql/class_tree.h"
 
-namespace platform::wmi {
+namespace kv::wql {
 
 namespace {
 
@@ -53,9 +53,9 @@ struct Row {
     std::optional<std::string> family;
     std::optional<std::string> stockNumber;
     std::uint64_t chassis = 0;
-    SmbiosStructure system;     // without anything in it where the firmware tells nothing
-    SmbiosStructure enclosure;  // the same
-    SmbiosStructure security;   // the same
+    facts::SmbiosStructure system;     // without anything in it where the firmware tells nothing
+    facts::SmbiosStructure enclosure;  // the same
+    facts::SmbiosStructure security;   // the same
     std::size_t processors = 0;
     std::size_t sockets = 0;
     bool hasHypervisor = false;
@@ -63,7 +63,7 @@ struct Row {
     std::string machine;
     std::string commandLine;
     std::optional<std::string> user;
-    CalendarTime time;
+    facts::CalendarTime time;
 };
 
 /// Two bits of the settings of passwords and buttons, in which 3 is unknown; none where the firmware has no settings.
@@ -85,7 +85,7 @@ std::uint16_t DomainRoleOf(const Row& row) {
 }
 
 std::optional<std::u16string> UserNameOf(const Row& row) {
-    return row.user ? std::optional(row.host + u"\\" + WideFromUtf8(*row.user)) : std::nullopt;
+    return row.user ? std::optional(row.host + u"\\" + platform::WideFromUtf8(*row.user)) : std::nullopt;
 }
 
 std::optional<std::uint64_t> BytesOf(std::optional<std::uint64_t> kilobytes) {
@@ -105,16 +105,16 @@ constexpr PropertyInfo properties[] = {
     {u"BootOptionOnWatchDog", uint16},
     {u"BootROMSupported", boolean},
     {u"BootStatus", ArrayOf(uint16)},
-    {u"BootupState", string, Need::commandLine, "by the kernel's command line", [](const Row& row) { return BootupStateOf(row.commandLine); }},
+    {u"BootupState", string, Need::commandLine, "by the kernel's command line", [](const Row& row) { return facts::BootupStateOf(row.commandLine); }},
     {u"Caption", string, Need::host, "as Name", hostIn},
-    {u"ChassisBootupState", uint16, Need::firmware, "3 safe, 4 warning, 5 critical", [](const Row& row) { return KnownNumber(row.enclosure.byteAt(0x09)); }},
+    {u"ChassisBootupState", uint16, Need::firmware, "3 safe, 4 warning, 5 critical", [](const Row& row) { return facts::KnownNumber(row.enclosure.byteAt(0x09)); }},
     {u"ChassisSKUNumber", string, Need::firmware, "of the enclosure", [](const Row& row) { return ChassisStockNumberOf(row); }},
     {u"CreationClassName", string, 0, "this class", [](const Row&) { return u"Win32_ComputerSystem"; }},
     {u"CurrentTimeZone", sint16, Need::time, "minutes east of UTC, daylight saving included", [](const Row& row) { return row.time.minutesEast; }},
     {u"DaylightInEffect", boolean, Need::time, "now", [](const Row& row) { return row.time.parts.tm_isdst > 0; }},
-    {u"Description", string, Need::machine, "as SystemType", [](const Row& row) { return SystemTypeOf(row.machine); }},
+    {u"Description", string, Need::machine, "as SystemType", [](const Row& row) { return facts::SystemTypeOf(row.machine); }},
     {u"DNSHostName", string, Need::host, "as Name", hostIn},
-    {u"Domain", string, Need::domain, "of the host name, else of /etc/hosts", [](const Row& row) { return KnownText(row.domain); }},
+    {u"Domain", string, Need::domain, "of the host name, else of /etc/hosts", [](const Row& row) { return facts::KnownText(row.domain); }},
     {u"DomainRole", uint16, Need::role | Need::membership, "0 workstation, 2 server, 1 more in a domain", [](const Row& row) { return DomainRoleOf(row); }},
     {u"EnableDaylightSavingsTime", boolean, 0, "as the time zone says, always", [](const Row&) { return true; }},
     {u"FrontPanelResetStatus", uint16, Need::firmware, "as AdminPasswordStatus", [](const Row& row) { return SettingAt(row, 0); }},
@@ -135,13 +135,13 @@ constexpr PropertyInfo properties[] = {
     {u"OEMStringArray", ArrayOf(string)},
     {u"PartOfDomain", boolean, Need::membership, "it has a key in a realm", [](const Row& row) { return row.isMember; }},
     {u"PauseAfterReset", sint64},
-    {u"PCSystemType", uint16, Need::chassis, "1 desktop, 2 mobile, 4 server, 0 unknown", [](const Row& row) { return SystemTypeOfChassis(row.chassis); }},
-    {u"PCSystemTypeEx", uint16, Need::chassis, "as PCSystemType", [](const Row& row) { return SystemTypeOfChassis(row.chassis); }},
+    {u"PCSystemType", uint16, Need::chassis, "1 desktop, 2 mobile, 4 server, 0 unknown", [](const Row& row) { return facts::SystemTypeOfChassis(row.chassis); }},
+    {u"PCSystemTypeEx", uint16, Need::chassis, "as PCSystemType", [](const Row& row) { return facts::SystemTypeOfChassis(row.chassis); }},
     {u"PowerManagementCapabilities", ArrayOf(uint16)},
     {u"PowerManagementSupported", boolean},
     {u"PowerOnPasswordStatus", uint16, Need::firmware, "as AdminPasswordStatus", [](const Row& row) { return SettingAt(row, 6); }},
     {u"PowerState", uint16},
-    {u"PowerSupplyState", uint16, Need::firmware, "as ChassisBootupState", [](const Row& row) { return KnownNumber(row.enclosure.byteAt(0x0A)); }},
+    {u"PowerSupplyState", uint16, Need::firmware, "as ChassisBootupState", [](const Row& row) { return facts::KnownNumber(row.enclosure.byteAt(0x0A)); }},
     {u"PrimaryOwnerContact", string},
     {u"PrimaryOwnerName", string},
     {u"ResetCapability", uint16},
@@ -155,30 +155,31 @@ constexpr PropertyInfo properties[] = {
     {u"SystemStartupDelay", uint16},
     {u"SystemStartupOptions", ArrayOf(string)},
     {u"SystemStartupSetting", uint8},
-    {u"SystemType", string, Need::machine, "such as x64-based PC", [](const Row& row) { return SystemTypeOf(row.machine); }},
-    {u"ThermalState", uint16, Need::firmware, "as ChassisBootupState", [](const Row& row) { return KnownNumber(row.enclosure.byteAt(0x0B)); }},
+    {u"SystemType", string, Need::machine, "such as x64-based PC", [](const Row& row) { return facts::SystemTypeOf(row.machine); }},
+    {u"ThermalState", uint16, Need::firmware, "as ChassisBootupState", [](const Row& row) { return facts::KnownNumber(row.enclosure.byteAt(0x0B)); }},
     {u"TotalPhysicalMemory", uint64, Need::memory, "bytes, MemTotal", [](const Row& row) { return BytesOf(row.memory); }},
     {u"UserName", string, Need::sessions | Need::host, "computer\\user at the console", [](const Row& row) { return UserNameOf(row); }},
-    {u"WakeUpType", uint16, Need::firmware, "6 the power button, ...", [](const Row& row) { return KnownNumber(row.system.byteAt(0x18)); }},
+    {u"WakeUpType", uint16, Need::firmware, "6 the power button, ...", [](const Row& row) { return facts::KnownNumber(row.system.byteAt(0x18)); }},
     {u"Workgroup", string},
 };
 // clang-format on
 
 /// Whether the processor says that it is a virtual one, or the system that it runs under another. What the firmware is
 /// called decides only where processors do not say.
-bool HasHypervisor(const std::vector<CpuBlock>& processors) {
+bool HasHypervisor(const std::vector<facts::CpuBlock>& processors) {
     const std::optional<bool> flag = processors.empty() ? std::nullopt : processors.front().hasFlag("hypervisor");
     if (flag.value_or(false)) return true;
     if (access("/sys/hypervisor/type", F_OK) == 0 || access("/proc/device-tree/hypervisor", F_OK) == 0) return true;
-    return !flag && IsVirtualMachine(ReadDmi("sys_vendor").value_or(""), ReadDmi("product_name").value_or(""));
+    return !flag && facts::IsVirtualMachine(facts::ReadDmi("sys_vendor").value_or(""),
+                                            facts::ReadDmi("product_name").value_or(""));
 }
 
 void ReadProcessorParts(const Gathering& gathering, Row& row) {
     if (!gathering.asksFor(Need::processors | Need::hypervisor)) return;
-    const std::string text = ReadCpuInfo();
-    const std::vector<CpuBlock> processors = ParseCpuInfo(text);
+    const std::string text = facts::ReadCpuInfo();
+    const std::vector<facts::CpuBlock> processors = facts::ParseCpuInfo(text);
     row.processors = processors.size();
-    if (gathering.asksFor(Need::processors)) row.sockets = SocketsOf(processors, ReadCpuFile).size();
+    if (gathering.asksFor(Need::processors)) row.sockets = facts::SocketsOf(processors, facts::ReadCpuFile).size();
     if (gathering.asksFor(Need::hypervisor)) row.hasHypervisor = HasHypervisor(processors);
 }
 
@@ -187,40 +188,42 @@ void ReadFirmwareParts(std::string_view table, Row& row) {
     constexpr std::uint8_t systemType = 1;
     constexpr std::uint8_t enclosureType = 3;
     constexpr std::uint8_t securityType = 24;
-    const std::vector<SmbiosStructure> structures = ParseSmbios(table);
-    row.system = FirstOfType(structures, systemType);
-    row.enclosure = FirstOfType(structures, enclosureType);
-    row.security = FirstOfType(structures, securityType);
+    const std::vector<facts::SmbiosStructure> structures = facts::ParseSmbios(table);
+    row.system = facts::FirstOfType(structures, systemType);
+    row.enclosure = facts::FirstOfType(structures, enclosureType);
+    row.security = facts::FirstOfType(structures, securityType);
 }
 
 void ReadNames(const Gathering& gathering, Row& row) {
     constexpr const char* keysOfRealm = "/etc/krb5.keytab";  // what joining a domain leaves behind
-    if (gathering.asksFor(Need::host)) row.host = HostName();
-    if (gathering.asksFor(Need::domain)) row.domain = DomainName();
+    if (gathering.asksFor(Need::host)) row.host = facts::HostName();
+    if (gathering.asksFor(Need::domain)) row.domain = facts::DomainName();
     if (gathering.asksFor(Need::membership)) row.isMember = access(keysOfRealm, F_OK) == 0;
-    if (gathering.asksFor(Need::role)) row.isWorkstation = IsWorkstation();
-    if (gathering.asksFor(Need::machine)) row.machine = MachineName();
+    if (gathering.asksFor(Need::role)) row.isWorkstation = facts::IsWorkstation();
+    if (gathering.asksFor(Need::machine)) row.machine = facts::MachineName();
 }
 
 void ReadMakersNames(const Gathering& gathering, Row& row) {
-    if (gathering.asksFor(Need::vendor)) row.vendor = ReadVendor();
-    if (gathering.asksFor(Need::model)) row.model = ReadModel();
-    if (gathering.asksFor(Need::family)) row.family = ReadDmi("product_family");
-    if (gathering.asksFor(Need::stockNumber)) row.stockNumber = ReadDmi("product_sku");
-    if (gathering.asksFor(Need::chassis)) row.chassis = NumberOf(ReadDmi("chassis_type").value_or("")).value_or(0);
+    if (gathering.asksFor(Need::vendor)) row.vendor = facts::ReadVendor();
+    if (gathering.asksFor(Need::model)) row.model = facts::ReadModel();
+    if (gathering.asksFor(Need::family)) row.family = facts::ReadDmi("product_family");
+    if (gathering.asksFor(Need::stockNumber)) row.stockNumber = facts::ReadDmi("product_sku");
+    if (gathering.asksFor(Need::chassis))
+        row.chassis = facts::NumberOf(facts::ReadDmi("chassis_type").value_or("")).value_or(0);
 }
 
 void ReadRunningParts(const Gathering& gathering, Row& row) {
-    if (gathering.asksFor(Need::commandLine)) row.commandLine = ReadSystemFile("/proc/cmdline").value_or("");
-    if (gathering.asksFor(Need::time)) row.time = LocalTimeOf(MicrosecondsNow());
-    if (gathering.asksFor(Need::sessions)) row.user = ConsoleUserOf(ReadSessions().value_or(std::vector<Session>()));
+    if (gathering.asksFor(Need::commandLine)) row.commandLine = platform::ReadSystemFile("/proc/cmdline").value_or("");
+    if (gathering.asksFor(Need::time)) row.time = facts::LocalTimeOf(facts::MicrosecondsNow());
+    if (gathering.asksFor(Need::sessions))
+        row.user = facts::ConsoleUserOf(facts::ReadSessions().value_or(std::vector<facts::Session>()));
     if (gathering.asksFor(Need::memory)) {
-        row.memory = MemoryFigure(ReadSystemFile("/proc/meminfo").value_or(""), "MemTotal");
+        row.memory = facts::MemoryFigure(platform::ReadSystemFile("/proc/meminfo").value_or(""), "MemTotal");
     }
 }
 
 WmiStatus GatherComputerSystem(const Gathering& gathering) {
-    const std::string table = gathering.asksFor(Need::firmware) ? ReadSmbiosTable() : "";
+    const std::string table = gathering.asksFor(Need::firmware) ? facts::ReadSmbiosTable() : "";
     Row row;
     ReadFirmwareParts(table, row);
     ReadProcessorParts(gathering, row);
@@ -235,8 +238,8 @@ constexpr ClassInfo classes[] = {
     {u"Win32_ComputerSystem", u"CIM_UnitaryComputerSystem", properties, GatherComputerSystem},
 };
 
+const ClassFamily family([] { return std::span<const ClassInfo>(classes); });
+
 }  // namespace
 
-std::span<const ClassInfo> ComputerSystemClasses() { return classes; }
-
-}  // namespace platform::wmi
+}  // namespace kv::wql

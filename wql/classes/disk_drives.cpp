@@ -6,9 +6,9 @@
 #include "facts/block_devices.h"
 #include "facts/host_names.h"
 #include "facts/system_text.h"
-#include "wql/classes/families.h"
+#include "wql/class_tree.h"
 
-namespace platform::wmi {
+namespace kv::wql {
 
 namespace {
 
@@ -90,12 +90,12 @@ constexpr PropertyInfo properties[] = {
     {u"ErrorCleared", boolean},
     {u"ErrorDescription", string},
     {u"ErrorMethodology", string},
-    {u"FirmwareRevision", string, Need::firmware, "of the disk, where it tells", [](const Row& row) { return KnownText(row.firmware); }},
+    {u"FirmwareRevision", string, Need::firmware, "of the disk, where it tells", [](const Row& row) { return facts::KnownText(row.firmware); }},
     {u"Index", uint32, 0, "from 0 on, in the order of the names", [](const Row& row) { return row.index; }},
     {u"InstallDate", datetime},
     {u"InterfaceType", string, Need::place, "USB, IDE for ATA, SCSI for all others", [](const Row& row) { return InterfaceTypeOf(row); }},
     {u"LastErrorCode", uint32},
-    {u"Manufacturer", string, Need::identity, "of the disk, where it tells", [](const Row& row) { return KnownText(row.vendor); }},
+    {u"Manufacturer", string, Need::identity, "of the disk, where it tells", [](const Row& row) { return facts::KnownText(row.vendor); }},
     {u"MaxBlockSize", uint64},
     {u"MaxMediaSize", uint64},
     {u"MediaLoaded", boolean, Need::size, "whether it has a size", [](const Row& row) { return row.size.value_or(0) != 0; }},
@@ -103,12 +103,12 @@ constexpr PropertyInfo properties[] = {
         [](const Row& row) { return MediaTypeOf(row); }},
     {u"MinBlockSize", uint64},
     {u"Model", string, Need::identity, "of the disk, where it tells; those of virtual machines often do not",
-        [](const Row& row) { return KnownText(row.model); }},
+        [](const Row& row) { return facts::KnownText(row.model); }},
     {u"Name", string, 0, "such as /dev/sda", devicePathIn},
     {u"NeedsCleaning", boolean},
     {u"NumberOfMediaSupported", uint32},
     {u"Partitions", uint32, Need::partitions, "how many", [](const Row& row) { return row.partitions; }},
-    {u"PNPDeviceID", string, Need::place, "the device's path below /sys/devices", [](const Row& row) { return KnownText(row.place); }},
+    {u"PNPDeviceID", string, Need::place, "the device's path below /sys/devices", [](const Row& row) { return facts::KnownText(row.place); }},
     {u"PowerManagementCapabilities", ArrayOf(uint16)},
     {u"PowerManagementSupported", boolean},
     {u"SCSIBus", uint32, Need::place, "channel of SCSI and ATA disks", [](const Row& row) { return ScsiIn(row, 1); }},
@@ -116,7 +116,7 @@ constexpr PropertyInfo properties[] = {
     {u"SCSIPort", uint16, Need::place, "host of SCSI and ATA disks", [](const Row& row) { return ScsiIn(row, 0); }},
     {u"SCSITargetId", uint16, Need::place, "target of SCSI and ATA disks", [](const Row& row) { return ScsiIn(row, 2); }},
     {u"SectorsPerTrack", uint32},
-    {u"SerialNumber", string, Need::serial, "of the disk, where it tells", [](const Row& row) { return KnownText(row.serial); }},
+    {u"SerialNumber", string, Need::serial, "of the disk, where it tells", [](const Row& row) { return facts::KnownText(row.serial); }},
     {u"Signature", uint32},
     {u"Size", uint64, Need::size, "bytes", [](const Row& row) { return row.size; }},
     {u"Status", string, Need::state, "OK, or Error for one that its driver has given up",
@@ -134,7 +134,7 @@ constexpr PropertyInfo properties[] = {
 
 std::string FirstLineOf(const std::string& folder, std::initializer_list<const char*> files) {
     for (const char* file : files) {
-        if (const std::optional<std::string> line = ReadSystemLine(folder + file)) return *line;
+        if (const std::optional<std::string> line = facts::ReadSystemLine(folder + file)) return *line;
     }
     return {};
 }
@@ -150,8 +150,9 @@ std::string SerialIn(const std::string& folder) {
     constexpr std::size_t pageHeader = 4;
     std::string serial = FirstLineOf(folder, {"/serial", "/device/serial"});
     if (!serial.empty()) return serial;
-    const std::string page = ReadSystemFile(folder + "/device/vpd_pg80").value_or(std::string());
-    return page.size() <= pageHeader ? std::string() : std::string(Trimmed(std::string_view(page).substr(pageHeader)));
+    const std::string page = platform::ReadSystemFile(folder + "/device/vpd_pg80").value_or(std::string());
+    return page.size() <= pageHeader ? std::string()
+                                     : std::string(facts::Trimmed(std::string_view(page).substr(pageHeader)));
 }
 
 std::uint32_t CountPartitions(const std::string& folder, const std::string& disk) {
@@ -178,7 +179,7 @@ std::optional<std::array<std::uint32_t, 4>> ScsiAddressIn(std::string_view place
     std::string_view rest = place.substr(place.rfind('/') + 1);
     for (std::uint32_t& number : address) {
         const std::size_t end = std::min(rest.find(':'), rest.size());
-        const std::optional<std::uint64_t> figure = NumberOf(rest.substr(0, end));
+        const std::optional<std::uint64_t> figure = facts::NumberOf(rest.substr(0, end));
         if (!figure) return std::nullopt;
         number = static_cast<std::uint32_t>(*figure);
         rest.remove_prefix(std::min(end + 1, rest.size()));
@@ -196,9 +197,9 @@ void FillRow(const Gathering& gathering, Row& row) {
     constexpr std::uint64_t sizeUnit = 512;
     const std::string folder = "/sys/block/" + row.name;
     if (gathering.asksFor(Need::size)) {
-        const std::optional<std::uint64_t> units = ReadSystemNumber(folder + "/size");
+        const std::optional<std::uint64_t> units = facts::ReadSystemNumber(folder + "/size");
         if (units) row.size = *units * sizeUnit;
-        row.sectorSize = ReadSystemNumber(folder + "/queue/logical_block_size");
+        row.sectorSize = facts::ReadSystemNumber(folder + "/queue/logical_block_size");
     }
     if (gathering.asksFor(Need::identity)) {
         row.vendor = VendorIn(folder);
@@ -211,14 +212,15 @@ void FillRow(const Gathering& gathering, Row& row) {
     if (gathering.asksFor(Need::partitions)) row.partitions = CountPartitions(folder, row.name);
     if (gathering.asksFor(Need::place)) row.place = PlaceOf(folder);
     row.scsi = ScsiAddressIn(row.place);
-    if (gathering.asksFor(Need::removable)) row.isRemovable = ReadSystemNumber(folder + "/removable").value_or(0) != 0;
+    if (gathering.asksFor(Need::removable))
+        row.isRemovable = facts::ReadSystemNumber(folder + "/removable").value_or(0) != 0;
     if (gathering.asksFor(Need::state)) row.works = Works(folder);
 }
 
 WmiStatus GatherDisks(const Gathering& gathering) {
-    const std::u16string host = gathering.asksFor(Need::host) ? HostName() : std::u16string();
+    const std::u16string host = gathering.asksFor(Need::host) ? facts::HostName() : std::u16string();
     std::uint32_t index = 0;
-    for (std::string& name : ListPhysicalDisks()) {
+    for (std::string& name : facts::ListPhysicalDisks()) {
         Row row;
         row.name = std::move(name);
         row.index = index++;
@@ -231,8 +233,8 @@ WmiStatus GatherDisks(const Gathering& gathering) {
 
 constexpr ClassInfo classes[] = {{u"Win32_DiskDrive", u"CIM_DiskDrive", properties, GatherDisks}};
 
+const ClassFamily family([] { return std::span<const ClassInfo>(classes); });
+
 }  // namespace
 
-std::span<const ClassInfo> DiskDriveClasses() { return classes; }
-
-}  // namespace platform::wmi
+}  // namespace kv::wql

@@ -11,9 +11,8 @@
 #include "facts/system_text.h"
 #include "facts/volume_facts.h"
 #include "wql/class_tree.h"
-#include "wql/classes/families.h"
 
-namespace platform::wmi {
+namespace kv::wql {
 
 namespace {
 
@@ -24,14 +23,14 @@ struct Need {
 };
 
 struct Row {
-    DiskSpace disk;
-    DriveType kind = DriveType::fixed;
+    facts::DiskSpace disk;
+    facts::DriveType kind = facts::DriveType::fixed;
     std::optional<std::string> label;  // empty: it has none; none: not known
     std::optional<std::uint32_t> serial;
     bool holdsBootFolder = false;
     std::u16string host;
 
-    const Mount& mount() const { return disk.mount; }
+    const facts::Mount& mount() const { return disk.mount; }
 };
 
 template <class Number>
@@ -41,20 +40,20 @@ std::optional<std::uint64_t> SpaceIn(const Row& row, Number number) {
 }
 
 std::optional<std::uint64_t> BlocksIn(const Row& row) {
-    const std::optional<FileSystemSpace>& space = row.disk.space;
+    const std::optional<facts::FileSystemSpace>& space = row.disk.space;
     if (!space || space->blockSize == 0) return std::nullopt;
     return space->size / space->blockSize;
 }
 
-std::u16string_view DescriptionOf(DriveType kind) {
+std::u16string_view DescriptionOf(facts::DriveType kind) {
     switch (kind) {
-        case DriveType::removable:
+        case facts::DriveType::removable:
             return u"Removable Disk";
-        case DriveType::network:
+        case facts::DriveType::network:
             return u"Network Connection";
-        case DriveType::compactDisc:
+        case facts::DriveType::compactDisc:
             return u"CD-ROM Disc";
-        case DriveType::memory:
+        case facts::DriveType::memory:
             return u"RAM Disk";
         default:
             return u"Local Fixed Disk";
@@ -62,12 +61,12 @@ std::u16string_view DescriptionOf(DriveType kind) {
 }
 
 /// By its number in Windows.
-std::uint32_t MediaTypeOf(DriveType kind) {
+std::uint32_t MediaTypeOf(facts::DriveType kind) {
     constexpr std::uint32_t unknown = 0;
     constexpr std::uint32_t removable = 11;
     constexpr std::uint32_t fixed = 12;
-    if (kind == DriveType::fixed) return fixed;
-    return kind == DriveType::removable || kind == DriveType::compactDisc ? removable : unknown;
+    if (kind == facts::DriveType::fixed) return fixed;
+    return kind == facts::DriveType::removable || kind == facts::DriveType::compactDisc ? removable : unknown;
 }
 
 bool CompressesFiles(const Row& row) {
@@ -86,11 +85,11 @@ std::optional<std::string> SerialTextOf(const Row& row) {
 
 constexpr auto mountPointIn = [](const Row& row) { return row.mount().mountPoint; };
 constexpr auto accessIn = [](const Row& row) { return row.mount().isReadOnly ? 1 : 3; };
-constexpr auto blockSizeIn = [](const Row& row) { return SpaceIn(row, &FileSystemSpace::blockSize); };
+constexpr auto blockSizeIn = [](const Row& row) { return SpaceIn(row, &facts::FileSystemSpace::blockSize); };
 constexpr auto blocksIn = [](const Row& row) { return BlocksIn(row); };
-constexpr auto sizeIn = [](const Row& row) { return SpaceIn(row, &FileSystemSpace::size); };
-constexpr auto freeIn = [](const Row& row) { return SpaceIn(row, &FileSystemSpace::available); };
-constexpr auto longestNameIn = [](const Row& row) { return SpaceIn(row, &FileSystemSpace::maxNameLength); };
+constexpr auto sizeIn = [](const Row& row) { return SpaceIn(row, &facts::FileSystemSpace::size); };
+constexpr auto freeIn = [](const Row& row) { return SpaceIn(row, &facts::FileSystemSpace::available); };
+constexpr auto longestNameIn = [](const Row& row) { return SpaceIn(row, &facts::FileSystemSpace::maxNameLength); };
 constexpr auto kindIn = [](const Row& row) { return static_cast<std::uint32_t>(row.kind); };
 constexpr auto fileSystemIn = [](const Row& row) { return row.mount().fileSystem; };
 constexpr auto labelIn = [](const Row& row) { return row.label; };
@@ -127,7 +126,7 @@ constexpr PropertyInfo logicalDiskProperties[] = {
     {u"PowerManagementCapabilities", ArrayOf(uint16)},
     {u"PowerManagementSupported", boolean},
     {u"ProviderName", string, Need::kind, "what is mounted, such as server:/path; of network drives only",
-        [](const Row& row) { return row.kind == DriveType::network ? CimValue(row.mount().source) : CimValue(); }},
+        [](const Row& row) { return row.kind == facts::DriveType::network ? CimValue(row.mount().source) : CimValue(); }},
     {u"Purpose", string},
     {u"QuotasDisabled", boolean},
     {u"QuotasIncomplete", boolean},
@@ -222,34 +221,34 @@ bool IsNumber(const CimValue& wanted, const std::int64_t& value) {
 /// What is found out of a mount beside its file system's answer.
 struct MountFacts {
     std::string blockDevice;
-    DriveType kind = DriveType::fixed;
+    facts::DriveType kind = facts::DriveType::fixed;
 };
 
-MountFacts ReadMountFacts(const Gathering& gathering, const Mount& mount) {
+MountFacts ReadMountFacts(const Gathering& gathering, const facts::Mount& mount) {
     MountFacts facts;
-    if (gathering.asksFor(Need::kind | Need::label | Need::serial)) facts.blockDevice = BlockDeviceOf(mount);
-    if (gathering.asksFor(Need::kind)) facts.kind = DriveTypeOf(mount, facts.blockDevice);
+    if (gathering.asksFor(Need::kind | Need::label | Need::serial)) facts.blockDevice = facts::BlockDeviceOf(mount);
+    if (gathering.asksFor(Need::kind)) facts.kind = facts::DriveTypeOf(mount, facts.blockDevice);
     return facts;
 }
 
-bool CanMatch(const Gathering& gathering, const Mount& mount) {
+bool CanMatch(const Gathering& gathering, const facts::Mount& mount) {
     constexpr std::u16string_view names[] = {u"Caption", u"DeviceID", u"DriveLetter", u"Name"};
-    const std::u16string mountPoint = WideFromUtf8(mount.mountPoint);
+    const std::u16string mountPoint = platform::WideFromUtf8(mount.mountPoint);
     const bool hasName = std::all_of(std::begin(names), std::end(names), [&](std::u16string_view property) {
         return Allows(gathering, property, mountPoint, IsText);
     });
-    return hasName && Allows(gathering, u"FileSystem", WideFromUtf8(mount.fileSystem), IsText);
+    return hasName && Allows(gathering, u"FileSystem", platform::WideFromUtf8(mount.fileSystem), IsText);
 }
 
 /// The disks of one query while they are picked.
 struct Selection {
-    std::vector<Mount> all;
+    std::vector<facts::Mount> all;
     std::map<std::uint64_t, MountFacts> factsOf;  // of the wanted ones, by the mount's id
 };
 
 /// Whether a disk can match, by what is known of it without a question to its file system: so that a mount that does
 /// not answer costs a query for others no time.
-bool IsWanted(const Gathering& gathering, const Mount& mount, Selection& selection) {
+bool IsWanted(const Gathering& gathering, const facts::Mount& mount, Selection& selection) {
     selection.all.push_back(mount);
     if (!CanMatch(gathering, mount)) return false;
     const MountFacts& facts = selection.factsOf[mount.id] = ReadMountFacts(gathering, mount);
@@ -259,19 +258,19 @@ bool IsWanted(const Gathering& gathering, const Mount& mount, Selection& selecti
 /// What the rows of one query share.
 struct Names {
     std::u16string host;
-    std::optional<NamesByDevice> labels;
-    std::optional<NamesByDevice> uuids;
+    std::optional<facts::NamesByDevice> labels;
+    std::optional<facts::NamesByDevice> uuids;
 };
 
 Names ReadNames(const Gathering& gathering) {
     Names names;
-    if (gathering.asksFor(Need::host)) names.host = HostName();
-    if (gathering.asksFor(Need::label)) names.labels = ReadDiskNames("by-label");
-    if (gathering.asksFor(Need::serial)) names.uuids = ReadDiskNames("by-uuid");
+    if (gathering.asksFor(Need::host)) names.host = facts::HostName();
+    if (gathering.asksFor(Need::label)) names.labels = facts::ReadDiskNames("by-label");
+    if (gathering.asksFor(Need::serial)) names.uuids = facts::ReadDiskNames("by-uuid");
     return names;
 }
 
-std::optional<std::string> NameOf(const std::string& blockDevice, const std::optional<NamesByDevice>& names) {
+std::optional<std::string> NameOf(const std::string& blockDevice, const std::optional<facts::NamesByDevice>& names) {
     if (!names || blockDevice.empty()) return std::nullopt;
     const auto found = names->find(blockDevice);
     return found != names->end() ? found->second : std::string();
@@ -281,17 +280,17 @@ void FillRow(const MountFacts& facts, const Names& names, Row& row) {
     row.host = names.host;
     row.kind = facts.kind;
     row.label = NameOf(facts.blockDevice, names.labels);
-    row.serial = SerialNumberOf(NameOf(facts.blockDevice, names.uuids).value_or(std::string()));
+    row.serial = facts::SerialNumberOf(NameOf(facts.blockDevice, names.uuids).value_or(std::string()));
 }
 
 WmiStatus GatherDisks(const Gathering& gathering) {
     const Names names = ReadNames(gathering);
     Selection selection;
-    const auto isWanted = [&](const Mount& mount) { return IsWanted(gathering, mount, selection); };
-    std::vector<DiskSpace> disks = ReadDisks(gathering.asksFor(Need::space), gathering.notice, isWanted);
-    if (disks.empty() && !ReadSystemFile("/proc/self/mountinfo")) return wmi_status::providerFailure;
-    const Mount* bootDisk = DiskHolding("/boot", selection.all);
-    for (DiskSpace& disk : disks) {
+    const auto isWanted = [&](const facts::Mount& mount) { return IsWanted(gathering, mount, selection); };
+    std::vector<facts::DiskSpace> disks = facts::ReadDisks(gathering.asksFor(Need::space), gathering.notice, isWanted);
+    if (disks.empty() && !platform::ReadSystemFile("/proc/self/mountinfo")) return wmi_status::providerFailure;
+    const facts::Mount* bootDisk = facts::DiskHolding("/boot", selection.all);
+    for (facts::DiskSpace& disk : disks) {
         Row row;
         row.disk = std::move(disk);
         row.holdsBootFolder = bootDisk != nullptr && bootDisk->id == row.mount().id;
@@ -306,8 +305,8 @@ constexpr ClassInfo classes[] = {
     {u"Win32_Volume", u"CIM_StorageVolume", volumeProperties, GatherDisks},
 };
 
+const ClassFamily family([] { return std::span<const ClassInfo>(classes); });
+
 }  // namespace
 
-std::span<const ClassInfo> FileSystemClasses() { return classes; }
-
-}  // namespace platform::wmi
+}  // namespace kv::wql

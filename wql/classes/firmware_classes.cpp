@@ -4,9 +4,9 @@
 #include "facts/product.h"
 #include "facts/smbios.h"
 #include "facts/system_text.h"
-#include "wql/classes/families.h"
+#include "wql/class_tree.h"
 
-namespace platform::wmi {
+namespace kv::wql {
 
 namespace {
 
@@ -39,21 +39,21 @@ struct BiosRow {
     std::optional<std::string> version;
     std::optional<std::string> date;  // mm/dd/yyyy
     std::optional<std::string> serialNumber;
-    std::optional<VersionPair> release;
-    std::optional<VersionPair> controllerRelease;
-    std::optional<VersionPair> smbiosVersion;
-    SmbiosStructure languages;  // without anything in it where the firmware tells nothing
+    std::optional<facts::VersionPair> release;
+    std::optional<facts::VersionPair> controllerRelease;
+    std::optional<facts::VersionPair> smbiosVersion;
+    facts::SmbiosStructure languages;  // without anything in it where the firmware tells nothing
 };
 
 std::optional<std::u16string> ReleaseDateOf(const BiosRow& row) {
-    return row.date ? FirmwareDate(*row.date) : std::nullopt;
+    return row.date ? facts::FirmwareDate(*row.date) : std::nullopt;
 }
 
-std::optional<std::uint64_t> MajorOf(const std::optional<VersionPair>& version) {
+std::optional<std::uint64_t> MajorOf(const std::optional<facts::VersionPair>& version) {
     return version ? std::optional(version->major) : std::nullopt;
 }
 
-std::optional<std::uint64_t> MinorOf(const std::optional<VersionPair>& version) {
+std::optional<std::uint64_t> MinorOf(const std::optional<facts::VersionPair>& version) {
     return version ? std::optional(version->minor) : std::nullopt;
 }
 
@@ -83,7 +83,7 @@ constexpr PropertyInfo biosProperties[] = {
     {u"EmbeddedControllerMajorVersion", uint8, Need::releases, "of ec_firmware_release", [](const BiosRow& row) { return MajorOf(row.controllerRelease); }},
     {u"EmbeddedControllerMinorVersion", uint8, Need::releases, "of ec_firmware_release", [](const BiosRow& row) { return MinorOf(row.controllerRelease); }},
     {u"IdentificationCode", string},
-    {u"InstallableLanguages", uint16, Need::languages, "how many", [](const BiosRow& row) { return KnownNumber(row.languages.byteAt(0x04)); }},
+    {u"InstallableLanguages", uint16, Need::languages, "how many", [](const BiosRow& row) { return facts::KnownNumber(row.languages.byteAt(0x04)); }},
     {u"InstallDate", datetime},
     {u"LanguageEdition", string},
     {u"ListOfLanguages", ArrayOf(string)},
@@ -107,47 +107,48 @@ constexpr PropertyInfo biosProperties[] = {
 };
 // clang-format on
 
-std::optional<VersionPair> ReadVersionPair(std::string_view name) {
-    const std::optional<std::string> text = ReadDmi(name);
-    return text ? VersionPairOf(*text) : std::nullopt;
+std::optional<facts::VersionPair> ReadVersionPair(std::string_view name) {
+    const std::optional<std::string> text = facts::ReadDmi(name);
+    return text ? facts::VersionPairOf(*text) : std::nullopt;
 }
 
 WmiStatus GatherProduct(const Gathering& gathering) {
     ProductRow row;
-    row.vendor = ReadVendor();
-    row.model = ReadModel();
+    row.vendor = facts::ReadVendor();
+    row.model = facts::ReadModel();
     const bool isNamed = row.vendor || row.model;
-    if (!isNamed || gathering.asksFor(Need::serial)) row.serialNumber = ReadSerialNumber();
+    if (!isNamed || gathering.asksFor(Need::serial)) row.serialNumber = facts::ReadSerialNumber();
     if (!isNamed && !row.serialNumber) return wmi_status::ok;
-    if (gathering.asksFor(Need::version)) row.version = ReadDmi("product_version");
-    if (gathering.asksFor(Need::uuid)) row.uuid = ReadUuid();
-    if (gathering.asksFor(Need::stockNumber)) row.stockNumber = ReadDmi("product_sku");
+    if (gathering.asksFor(Need::version)) row.version = facts::ReadDmi("product_version");
+    if (gathering.asksFor(Need::uuid)) row.uuid = facts::ReadUuid();
+    if (gathering.asksFor(Need::stockNumber)) row.stockNumber = facts::ReadDmi("product_sku");
     gathering.row(&row);
     return wmi_status::ok;
 }
 
 void ReadBiosParts(const Gathering& gathering, BiosRow& row) {
     if (gathering.asksFor(Need::maker)) {
-        row.vendor = ReadDmi("bios_vendor");
-        row.date = ReadDmi("bios_date");
+        row.vendor = facts::ReadDmi("bios_vendor");
+        row.date = facts::ReadDmi("bios_date");
     }
     if (gathering.asksFor(Need::releases)) {
         row.release = ReadVersionPair("bios_release");
         row.controllerRelease = ReadVersionPair("ec_firmware_release");
     }
     if (gathering.asksFor(Need::smbiosVersion)) {
-        row.smbiosVersion = SmbiosVersionOf(ReadSystemFile("/sys/firmware/dmi/tables/smbios_entry_point").value_or(""));
+        row.smbiosVersion = facts::SmbiosVersionOf(
+            platform::ReadSystemFile("/sys/firmware/dmi/tables/smbios_entry_point").value_or(""));
     }
 }
 
 WmiStatus GatherBios(const Gathering& gathering) {
     constexpr std::uint8_t languagesType = 13;
     BiosRow row;
-    row.version = ReadDmi("bios_version");
-    if (!row.version || gathering.asksFor(Need::serial)) row.serialNumber = ReadSerialNumber();
+    row.version = facts::ReadDmi("bios_version");
+    if (!row.version || gathering.asksFor(Need::serial)) row.serialNumber = facts::ReadSerialNumber();
     if (!row.version && !row.serialNumber) return wmi_status::ok;
-    const std::string table = gathering.asksFor(Need::languages) ? ReadSmbiosTable() : "";
-    row.languages = FirstOfType(ParseSmbios(table), languagesType);
+    const std::string table = gathering.asksFor(Need::languages) ? facts::ReadSmbiosTable() : "";
+    row.languages = facts::FirstOfType(facts::ParseSmbios(table), languagesType);
     ReadBiosParts(gathering, row);
     gathering.row(&row);
     return wmi_status::ok;
@@ -158,8 +159,8 @@ constexpr ClassInfo classes[] = {
     {u"Win32_BIOS", u"CIM_BIOSElement", biosProperties, GatherBios},
 };
 
+const ClassFamily family([] { return std::span<const ClassInfo>(classes); });
+
 }  // namespace
 
-std::span<const ClassInfo> FirmwareClasses() { return classes; }
-
-}  // namespace platform::wmi
+}  // namespace kv::wql

@@ -8,9 +8,9 @@
 #include "facts/network_addresses.h"
 #include "facts/network_devices.h"
 #include "facts/system_text.h"
-#include "wql/classes/families.h"
+#include "wql/class_tree.h"
 
-namespace platform::wmi {
+namespace kv::wql {
 
 namespace {
 
@@ -33,14 +33,14 @@ struct Need {
 /// What the rows of one query share.
 struct Surroundings {
     std::u16string host;
-    ResolverSettings resolver;
-    std::vector<InterfaceAddress> addresses;
+    facts::ResolverSettings resolver;
+    std::vector<facts::InterfaceAddress> addresses;
     std::vector<std::string> defaultRoutes;  // their interfaces
 };
 
 struct Row {
-    NetworkInterface interface;
-    InterfaceDevice device;
+    facts::NetworkInterface interface;
+    facts::InterfaceDevice device;
     std::optional<std::string> macAddress;
     bool hasConnection = false;
     std::optional<std::uint64_t> speed;  // bits per second
@@ -110,14 +110,14 @@ CimValue DomainIn(const Row& row) {
 CimValue LeaseEndIn(const Row& row) {
     if (!row.leaseSeconds) return {};
     constexpr std::int64_t microsecondsOfSecond = 1'000'000;
-    return DmtfTime(MicrosecondsNow() + *row.leaseSeconds * microsecondsOfSecond);
+    return DmtfTime(facts::MicrosecondsNow() + *row.leaseSeconds * microsecondsOfSecond);
 }
 
 constexpr auto productIn = [](const Row& row) { return ProductOf(row); };
 constexpr auto indexIn = [](const Row& row) { return row.interface.index; };
 constexpr auto nameIn = [](const Row& row) { return row.interface.name; };
 constexpr auto macAddressIn = [](const Row& row) { return row.macAddress; };
-constexpr auto driverIn = [](const Row& row) { return KnownText(row.device.driver); };
+constexpr auto driverIn = [](const Row& row) { return facts::KnownText(row.device.driver); };
 
 // clang-format off
 constexpr PropertyInfo adapterProperties[] = {
@@ -141,7 +141,7 @@ constexpr PropertyInfo adapterProperties[] = {
     {u"InterfaceIndex", uint32, 0, "as Index", indexIn},
     {u"LastErrorCode", uint32},
     {u"MACAddress", string, Need::macAddress, "of Ethernet, such as 00:1A:2B:3C:4D:5E", macAddressIn},
-    {u"Manufacturer", string, Need::device, "of the hardware database", [](const Row& row) { return KnownText(row.device.vendor); }},
+    {u"Manufacturer", string, Need::device, "of the hardware database", [](const Row& row) { return facts::KnownText(row.device.vendor); }},
     {u"MaxNumberControlled", uint32},
     {u"MaxSpeed", uint64},
     {u"Name", string, 0, "the interface, such as eth0", nameIn},
@@ -153,7 +153,7 @@ constexpr PropertyInfo adapterProperties[] = {
     {u"PermanentAddress", string},
     {u"PhysicalAdapter", boolean, Need::device, "whether there is hardware behind it, a real one or a virtual machine's",
         [](const Row& row) { return !row.device.place.empty(); }},
-    {u"PNPDeviceID", string, Need::device, "the hardware's path below /sys/devices", [](const Row& row) { return KnownText(row.device.place); }},
+    {u"PNPDeviceID", string, Need::device, "the hardware's path below /sys/devices", [](const Row& row) { return facts::KnownText(row.device.place); }},
     {u"PowerManagementCapabilities", ArrayOf(uint16)},
     {u"PowerManagementSupported", boolean},
     {u"ProductName", string, Need::device, "as Description", productIn},
@@ -240,39 +240,42 @@ constexpr PropertyInfo configurationProperties[] = {
 
 Surroundings ReadSurroundings(const Gathering& gathering) {
     Surroundings surroundings;
-    if (gathering.asksFor(Need::host)) surroundings.host = HostName();
-    if (gathering.asksFor(Need::addresses)) surroundings.addresses = ReadInterfaceAddresses();
+    if (gathering.asksFor(Need::host)) surroundings.host = facts::HostName();
+    if (gathering.asksFor(Need::addresses)) surroundings.addresses = facts::ReadInterfaceAddresses();
     if (gathering.asksFor(Need::resolver)) {
-        surroundings.resolver = ParseResolverSettings(ReadSystemFile("/etc/resolv.conf").value_or(std::string()));
+        surroundings.resolver =
+            facts::ParseResolverSettings(platform::ReadSystemFile("/etc/resolv.conf").value_or(std::string()));
     }
     if (gathering.asksFor(Need::gateways)) {
-        surroundings.defaultRoutes = ParseDefaultRoutes(ReadSystemFile("/proc/net/route").value_or(std::string()));
+        surroundings.defaultRoutes =
+            facts::ParseDefaultRoutes(platform::ReadSystemFile("/proc/net/route").value_or(std::string()));
         const std::vector<std::string> routes6 =
-            ParseDefaultRoutes6(ReadSystemFile("/proc/net/ipv6_route").value_or(std::string()));
+            facts::ParseDefaultRoutes6(platform::ReadSystemFile("/proc/net/ipv6_route").value_or(std::string()));
         surroundings.defaultRoutes.insert(surroundings.defaultRoutes.end(), routes6.begin(), routes6.end());
     }
     return surroundings;
 }
 
-std::optional<std::string> ReadMacAddress(const NetworkInterface& interface) {
+std::optional<std::string> ReadMacAddress(const facts::NetworkInterface& interface) {
     if (interface.linkType != ARPHRD_ETHER) return std::nullopt;
-    std::optional<std::string> address = ReadSystemLine("/sys/class/net/" + interface.name + "/address");
+    std::optional<std::string> address = facts::ReadSystemLine("/sys/class/net/" + interface.name + "/address");
     if (!address) return std::nullopt;
     for (char& digit : *address) digit = digit >= 'a' && digit <= 'f' ? static_cast<char>(digit - 'a' + 'A') : digit;
     return address;
 }
 
 void FillRow(const Gathering& gathering, Row& row) {
-    const NetworkInterface& interface = row.interface;
+    const facts::NetworkInterface& interface = row.interface;
     const std::string folder = "/sys/class/net/" + interface.name;
-    if (gathering.asksFor(Need::device)) row.device = ReadInterfaceDevice(interface);
+    if (gathering.asksFor(Need::device)) row.device = facts::ReadInterfaceDevice(interface);
     if (gathering.asksFor(Need::macAddress)) row.macAddress = ReadMacAddress(interface);
-    if (gathering.asksFor(Need::connection)) row.hasConnection = ReadSystemNumber(folder + "/carrier").value_or(0) != 0;
-    if (gathering.asksFor(Need::speed)) row.speed = InterfaceSpeed(interface.name);
-    if (gathering.asksFor(Need::mtu)) row.mtu = ReadSystemNumber(folder + "/mtu");
+    if (gathering.asksFor(Need::connection))
+        row.hasConnection = facts::ReadSystemNumber(folder + "/carrier").value_or(0) != 0;
+    if (gathering.asksFor(Need::speed)) row.speed = facts::InterfaceSpeed(interface.name);
+    if (gathering.asksFor(Need::mtu)) row.mtu = facts::ReadSystemNumber(folder + "/mtu");
     const std::vector<std::string>& routes = row.surroundings->defaultRoutes;
     row.gateways = static_cast<std::size_t>(std::count(routes.begin(), routes.end(), interface.name));
-    for (const InterfaceAddress& address : row.surroundings->addresses) {
+    for (const facts::InterfaceAddress& address : row.surroundings->addresses) {
         if (address.interfaceIndex != interface.index) continue;
         ++row.addresses;
         if (address.isVersion4 && address.secondsLeft) row.leaseSeconds = address.secondsLeft;
@@ -281,7 +284,7 @@ void FillRow(const Gathering& gathering, Row& row) {
 
 WmiStatus GatherAdapters(const Gathering& gathering) {
     const Surroundings surroundings = ReadSurroundings(gathering);
-    for (NetworkInterface& interface : ListNetworkInterfaces()) {
+    for (facts::NetworkInterface& interface : facts::ListNetworkInterfaces()) {
         Row row;
         row.interface = std::move(interface);
         row.surroundings = &surroundings;
@@ -296,8 +299,8 @@ constexpr ClassInfo classes[] = {
     {u"Win32_NetworkAdapterConfiguration", u"CIM_Setting", configurationProperties, GatherAdapters},
 };
 
+const ClassFamily family([] { return std::span<const ClassInfo>(classes); });
+
 }  // namespace
 
-std::span<const ClassInfo> NetworkAdapterClasses() { return classes; }
-
-}  // namespace platform::wmi
+}  // namespace kv::wql

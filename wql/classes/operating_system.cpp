@@ -14,9 +14,9 @@
 #include "facts/processor_identity.h"
 #include "facts/sessions.h"
 #include "facts/system_text.h"
-#include "wql/classes/families.h"
+#include "wql/class_tree.h"
 
-namespace platform::wmi {
+namespace kv::wql {
 
 namespace {
 
@@ -64,8 +64,8 @@ constexpr std::int64_t microsecondsOfSecond = 1'000'000;
 constexpr std::int64_t microsecondsOfMillisecond = 1000;
 
 std::optional<std::string> ManufacturerOf(const Row& row) {
-    const std::optional<std::string> vendor = AssignedValue(row.release, "VENDOR_NAME");
-    return vendor ? vendor : AssignedValue(row.release, "NAME");
+    const std::optional<std::string> vendor = facts::AssignedValue(row.release, "VENDOR_NAME");
+    return vendor ? vendor : facts::AssignedValue(row.release, "NAME");
 }
 
 /// "35" of "#35~22.04.1-Ubuntu SMP PREEMPT_DYNAMIC ...".
@@ -79,8 +79,8 @@ std::optional<std::uint64_t> SumOf(std::optional<std::uint64_t> left, std::optio
     return left && right ? std::optional(*left + *right) : std::nullopt;
 }
 
-constexpr auto captionIn = [](const Row& row) { return SystemNameOf(row.release, row.kernel); };
-constexpr auto swapSizeIn = [](const Row& row) { return MemoryFigure(row.memory, "SwapTotal"); };
+constexpr auto captionIn = [](const Row& row) { return facts::SystemNameOf(row.release, row.kernel); };
+constexpr auto swapSizeIn = [](const Row& row) { return facts::MemoryFigure(row.memory, "SwapTotal"); };
 constexpr auto rootIn = [](const Row&) { return u"/"; };
 
 // clang-format off
@@ -90,13 +90,13 @@ constexpr PropertyInfo properties[] = {
     {u"BuildType", string},
     {u"Caption", string, Need::release | Need::kernel, "PRETTY_NAME of os-release", captionIn},
     {u"CodeSet", string, Need::locale, "code page of the system's locale, \"65001\" for UTF-8",
-        [](const Row& row) { const auto page = CodePageOf(row.locale); return page ? CimValue(std::to_string(*page)) : CimValue(); }},
+        [](const Row& row) { const auto page = facts::CodePageOf(row.locale); return page ? CimValue(std::to_string(*page)) : CimValue(); }},
     {u"CountryCode", string, Need::country, "telephone code of the locale's country", [](const Row& row) { return row.countryCode; }},
     {u"CreationClassName", string, 0, "this class", [](const Row&) { return u"Win32_OperatingSystem"; }},
     {u"CSCreationClassName", string, 0, "the computer's class", [](const Row&) { return u"Win32_ComputerSystem"; }},
     {u"CSDVersion", string},
     {u"CSName", string, Need::host, "the computer's name", [](const Row& row) { return row.host; }},
-    {u"CurrentTimeZone", sint16, Need::time, "minutes east of UTC, daylight saving included", [](const Row& row) { return LocalTimeOf(row.now).minutesEast; }},
+    {u"CurrentTimeZone", sint16, Need::time, "minutes east of UTC, daylight saving included", [](const Row& row) { return facts::LocalTimeOf(row.now).minutesEast; }},
     {u"DataExecutionPrevention_32BitApplications", boolean},
     {u"DataExecutionPrevention_Available", boolean},
     {u"DataExecutionPrevention_Drivers", boolean},
@@ -106,17 +106,17 @@ constexpr PropertyInfo properties[] = {
     {u"Distributed", boolean, 0, "one computer only", [](const Row&) { return false; }},
     {u"EncryptionLevel", uint32},
     {u"ForegroundApplicationBoost", uint8},
-    {u"FreePhysicalMemory", uint64, Need::memory, "KB that programs can still get without swapping", [](const Row& row) { return AvailableMemory(row.memory); }},
-    {u"FreeSpaceInPagingFiles", uint64, Need::memory, "KB, SwapFree", [](const Row& row) { return MemoryFigure(row.memory, "SwapFree"); }},
+    {u"FreePhysicalMemory", uint64, Need::memory, "KB that programs can still get without swapping", [](const Row& row) { return facts::AvailableMemory(row.memory); }},
+    {u"FreeSpaceInPagingFiles", uint64, Need::memory, "KB, SwapFree", [](const Row& row) { return facts::MemoryFigure(row.memory, "SwapFree"); }},
     {u"FreeVirtualMemory", uint64, Need::memory, "KB, FreePhysicalMemory and free swap",
-        [](const Row& row) { return SumOf(AvailableMemory(row.memory), MemoryFigure(row.memory, "SwapFree")); }},
+        [](const Row& row) { return SumOf(facts::AvailableMemory(row.memory), facts::MemoryFigure(row.memory, "SwapFree")); }},
     {u"InstallDate", datetime, Need::installation, "birth of the root file system, else the time of machine-id",
         [](const Row& row) { return row.installation ? CimValue(DmtfTime(*row.installation * microsecondsOfSecond)) : CimValue(); }},
     {u"LargeSystemCache", uint32},
     {u"LastBootUpTime", datetime, Need::start, "start of the kernel", [](const Row& row) { return DmtfTime(row.start * microsecondsOfMillisecond); }},
     {u"LocalDateTime", datetime, Need::time, "now", [](const Row& row) { return DmtfTime(row.now); }},
     {u"Locale", string, Need::locale, "Windows' number of the locale in hexadecimal; 007F for \"C\"",
-        [](const Row& row) { const auto number = LanguageNumberOf(row.locale); return number ? CimValue(fmt::format("{:04x}", *number)) : CimValue(); }},
+        [](const Row& row) { const auto number = facts::LanguageNumberOf(row.locale); return number ? CimValue(fmt::format("{:04x}", *number)) : CimValue(); }},
     {u"Manufacturer", string, Need::release, "VENDOR_NAME or NAME of os-release", [](const Row& row) { return ManufacturerOf(row); }},
     {u"MaxNumberOfProcesses", uint32, Need::processLimit, "pid_max", [](const Row& row) { return row.processLimit; }},
     {u"MaxProcessMemorySize", uint64},
@@ -127,8 +127,8 @@ constexpr PropertyInfo properties[] = {
     {u"NumberOfUsers", uint32, Need::sessions, "sessions of utmp or the login manager", [](const Row& row) { return row.sessions; }},
     {u"OperatingSystemSKU", uint32},
     {u"Organization", string},
-    {u"OSArchitecture", string, Need::kernel, "64-bit or 32-bit, of the kernel", [](const Row& row) { return WordWidthOf(row.kernel.machine); }},
-    {u"OSLanguage", uint32, Need::locale, "Windows' number of the locale", [](const Row& row) { return LanguageNumberOf(row.locale); }},
+    {u"OSArchitecture", string, Need::kernel, "64-bit or 32-bit, of the kernel", [](const Row& row) { return facts::WordWidthOf(row.kernel.machine); }},
+    {u"OSLanguage", uint32, Need::locale, "Windows' number of the locale", [](const Row& row) { return facts::LanguageNumberOf(row.locale); }},
     {u"OSProductSuite", uint32},
     {u"OSType", uint16, 0, "36: Linux", [](const Row&) { return 36; }},
     {u"OtherTypeDescription", string},
@@ -150,8 +150,8 @@ constexpr PropertyInfo properties[] = {
     {u"SystemDrive", string, 0, "the Win32_LogicalDisk that the system is on", rootIn},
     {u"TotalSwapSpaceSize", uint64, Need::memory, "KB, SwapTotal", swapSizeIn},
     {u"TotalVirtualMemorySize", uint64, Need::memory, "KB, MemTotal and SwapTotal",
-        [](const Row& row) { return SumOf(MemoryFigure(row.memory, "MemTotal"), MemoryFigure(row.memory, "SwapTotal")); }},
-    {u"TotalVisibleMemorySize", uint64, Need::memory, "KB, MemTotal", [](const Row& row) { return MemoryFigure(row.memory, "MemTotal"); }},
+        [](const Row& row) { return SumOf(facts::MemoryFigure(row.memory, "MemTotal"), facts::MemoryFigure(row.memory, "SwapTotal")); }},
+    {u"TotalVisibleMemorySize", uint64, Need::memory, "KB, MemTotal", [](const Row& row) { return facts::MemoryFigure(row.memory, "MemTotal"); }},
     {u"Version", string, Need::kernel, "release of the kernel", [](const Row& row) { return row.kernel.release; }},
     {u"WindowsDirectory", string, 0, "as SystemDrive", rootIn},
 };
@@ -186,22 +186,22 @@ std::optional<std::string> ReadIdentity() {
 
 void ReadKernelParts(const Gathering& gathering, Row& row) {
     if (gathering.asksFor(Need::kernel)) uname(&row.kernel);
-    if (gathering.asksFor(Need::memory)) row.memory = ReadSystemFile("/proc/meminfo").value_or("");
-    if (gathering.asksFor(Need::processes)) row.processes = ListProcessIds().size();
-    if (gathering.asksFor(Need::processLimit)) row.processLimit = ReadSystemNumber("/proc/sys/kernel/pid_max");
-    if (gathering.asksFor(Need::time)) row.now = MicrosecondsNow();
-    if (gathering.asksFor(Need::start)) row.start = SystemStartMilliseconds();
+    if (gathering.asksFor(Need::memory)) row.memory = platform::ReadSystemFile("/proc/meminfo").value_or("");
+    if (gathering.asksFor(Need::processes)) row.processes = facts::ListProcessIds().size();
+    if (gathering.asksFor(Need::processLimit)) row.processLimit = facts::ReadSystemNumber("/proc/sys/kernel/pid_max");
+    if (gathering.asksFor(Need::time)) row.now = facts::MicrosecondsNow();
+    if (gathering.asksFor(Need::start)) row.start = facts::SystemStartMilliseconds();
 }
 
 void ReadDistributionParts(const Gathering& gathering, Row& row) {
-    if (gathering.asksFor(Need::release)) row.release = ReadOsRelease();
-    if (gathering.asksFor(Need::locale)) row.locale = ReadLocaleName();
-    if (gathering.asksFor(Need::country)) row.countryCode = ReadCountryCode(ReadLocaleName());
+    if (gathering.asksFor(Need::release)) row.release = facts::ReadOsRelease();
+    if (gathering.asksFor(Need::locale)) row.locale = facts::ReadLocaleName();
+    if (gathering.asksFor(Need::country)) row.countryCode = facts::ReadCountryCode(facts::ReadLocaleName());
     if (gathering.asksFor(Need::identity)) row.identity = ReadIdentity();
     if (gathering.asksFor(Need::installation)) row.installation = ReadInstallation();
-    if (gathering.asksFor(Need::host)) row.host = HostName();
-    if (gathering.asksFor(Need::prettyName)) row.prettyName = ReadPrettyHostName();
-    if (gathering.asksFor(Need::role)) row.isWorkstation = IsWorkstation();
+    if (gathering.asksFor(Need::host)) row.host = facts::HostName();
+    if (gathering.asksFor(Need::prettyName)) row.prettyName = facts::ReadPrettyHostName();
+    if (gathering.asksFor(Need::role)) row.isWorkstation = facts::IsWorkstation();
 }
 
 WmiStatus GatherOperatingSystem(const Gathering& gathering) {
@@ -209,7 +209,7 @@ WmiStatus GatherOperatingSystem(const Gathering& gathering) {
     ReadKernelParts(gathering, row);
     ReadDistributionParts(gathering, row);
     if (gathering.asksFor(Need::sessions)) {
-        const std::optional<std::vector<Session>> sessions = ReadSessions();
+        const std::optional<std::vector<facts::Session>> sessions = facts::ReadSessions();
         if (sessions) row.sessions = sessions->size();
     }
     gathering.row(&row);
@@ -220,8 +220,8 @@ constexpr ClassInfo classes[] = {
     {u"Win32_OperatingSystem", u"CIM_OperatingSystem", properties, GatherOperatingSystem},
 };
 
+const ClassFamily family([] { return std::span<const ClassInfo>(classes); });
+
 }  // namespace
 
-std::span<const ClassInfo> OperatingSystemClasses() { return classes; }
-
-}  // namespace platform::wmi
+}  // namespace kv::wql

@@ -9,7 +9,7 @@
 #include "facts/process_files.h"
 #include "wql/class_tree.h"
 
-namespace platform::wmi {
+namespace kv::wql {
 
 namespace {
 
@@ -358,7 +358,8 @@ void PerfDeclaration::add(const PerfClass& perfClass, GatherRoutine raw, GatherR
 WmiStatus GatherPerformance(const PerfClass& perfClass, PerfHistory* history, const Gathering& gathering) {
     PerfSampling sampling(perfClass);
     sampling.needs = gathering.needs;
-    sampling.systemStart = unixEpoch + static_cast<std::uint64_t>(SystemStartMilliseconds()) * unitsOfMillisecond;
+    sampling.systemStart =
+        unixEpoch + static_cast<std::uint64_t>(facts::SystemStartMilliseconds()) * unitsOfMillisecond;
     const WmiStatus status = perfClass.read(gathering, sampling);
     if (IsFailure(status)) return status;
     if (history != nullptr) history->exchange(sampling);
@@ -377,4 +378,4 @@ WmiStatus GatherPerformance(const PerfClass& perfClass, PerfHistory* history, co
 
 }  // namespace detail
 
-}  // namespace platform::wmi
+}  // namespace kv::wql

@@ -30,7 +30,7 @@
 
 #include "wql/wmi_class.h"
 
-namespace platform::wmi {
+namespace kv::wql {
 
 /// Times are in units of 100 ns.
 inline constexpr std::uint64_t unitsOfSecond = 10'000'000;
@@ -243,4 +243,4 @@ std::span<const ClassInfo> DeclarePerfClasses() {
     return declaration.classes;
 }
 
-}  // namespace platform::wmi
+}  // namespace kv::wql

@@ -12,10 +12,9 @@
 #include "facts/system_text.h"
 #include "facts/volume_facts.h"
 #include "wql/class_tree.h"
-#include "wql/classes/families.h"
 #include "wql/classes/perf_class.h"
 
-namespace platform::wmi {
+namespace kv::wql {
 
 namespace {
 
@@ -27,8 +26,8 @@ struct Need {
 };
 
 struct Row {
-    std::optional<DiskCounters> io;  // none: not asked for, or the file system lies on no block device
-    std::optional<FileSystemSpace> space;
+    std::optional<facts::DiskCounters> io;  // none: not asked for, or the file system lies on no block device
+    std::optional<facts::FileSystemSpace> space;
 };
 
 using Number = std::optional<std::uint64_t>;
@@ -125,19 +124,19 @@ constexpr auto Joined(const CounterInfo (&first)[firstCount], const CounterInfo 
 
 constexpr auto allCounters = Joined(spaceCounters, ioCounters);
 
-using CountersByName = std::unordered_map<std::string, DiskCounters>;
+using CountersByName = std::unordered_map<std::string, facts::DiskCounters>;
 
 /// Nothing when not asked for; none when they cannot be read.
 std::optional<CountersByName> ReadDiskCounters(const Gathering& gathering) {
     CountersByName byName;
     if (!gathering.asksFor(Need::io)) return byName;
-    const std::optional<std::string> text = ReadSystemFile("/proc/diskstats");
+    const std::optional<std::string> text = platform::ReadSystemFile("/proc/diskstats");
     if (!text) return std::nullopt;
-    for (DiskCounters& disk : ParseDiskStats(*text)) byName[disk.name] = disk;
+    for (facts::DiskCounters& disk : facts::ParseDiskStats(*text)) byName[disk.name] = disk;
     return byName;
 }
 
-std::optional<DiskCounters> CountersOf(const CountersByName& byName, const std::string& name) {
+std::optional<facts::DiskCounters> CountersOf(const CountersByName& byName, const std::string& name) {
     const auto found = byName.find(name);
     return found != byName.end() ? std::optional(found->second) : std::nullopt;
 }
@@ -145,7 +144,7 @@ std::optional<DiskCounters> CountersOf(const CountersByName& byName, const std::
 bool IsNamed(const std::vector<CimValue>& values, std::string_view name) {
     return std::any_of(values.begin(), values.end(), [name](const CimValue& value) {
         const auto* text = std::get_if<std::u16string>(&value.held);
-        return text != nullptr && CompareNames(*text, WideFromUtf8(name)) == 0;
+        return text != nullptr && CompareNames(*text, platform::WideFromUtf8(name)) == 0;
     });
 }
 
@@ -155,15 +154,18 @@ WmiStatus ReadLogicalDisks(const Gathering& gathering, PerfSampling& sampling) {
     if (names != nullptr && !IsNamed(*names, "_Total")) {
         sampling.isAsked = [names](const std::string& key) { return IsNamed(*names, key); };
     }
-    const auto isWanted = [&](const Mount& mount) { return !sampling.isAsked || sampling.isAsked(mount.mountPoint); };
-    const std::vector<DiskSpace> disks = ReadDisks(gathering.asksFor(Need::space), gathering.notice, isWanted);
+    const auto isWanted = [&](const facts::Mount& mount) {
+        return !sampling.isAsked || sampling.isAsked(mount.mountPoint);
+    };
+    const std::vector<facts::DiskSpace> disks =
+        facts::ReadDisks(gathering.asksFor(Need::space), gathering.notice, isWanted);
     const std::optional<CountersByName> byName = ReadDiskCounters(gathering);
-    const bool areKnown = !disks.empty() || ReadSystemFile("/proc/self/mountinfo");
+    const bool areKnown = !disks.empty() || platform::ReadSystemFile("/proc/self/mountinfo");
     if (!byName || !areKnown) return wmi_status::providerFailure;
     const std::uint64_t now = TimeSinceStart();
-    for (const DiskSpace& disk : disks) {
+    for (const facts::DiskSpace& disk : disks) {
         Row row;
-        if (!byName->empty()) row.io = CountersOf(*byName, BlockDeviceOf(disk.mount));
+        if (!byName->empty()) row.io = CountersOf(*byName, facts::BlockDeviceOf(disk.mount));
         row.space = disk.space;
         PerfObject object;
         object.name = disk.mount.mountPoint;
@@ -179,7 +181,7 @@ WmiStatus ReadPhysicalDisks(const Gathering& gathering, PerfSampling& sampling) 
     if (!byName) return wmi_status::providerFailure;
     const std::uint64_t now = TimeSinceStart();
     std::size_t index = 0;
-    for (const std::string& name : ListPhysicalDisks()) {
+    for (const std::string& name : facts::ListPhysicalDisks()) {
         const Row row{CountersOf(*byName, name), {}};
         PerfObject object;
         object.name = std::to_string(index++) + ' ' + name;
@@ -192,8 +194,8 @@ WmiStatus ReadPhysicalDisks(const Gathering& gathering, PerfSampling& sampling) 
 constexpr PerfClass logicalDisks{u"PerfDisk_LogicalDisk", allCounters, ReadLogicalDisks, false, true};
 constexpr PerfClass physicalDisks{u"PerfDisk_PhysicalDisk", ioCounters, ReadPhysicalDisks, false, true};
 
+const ClassFamily family(DeclarePerfClasses<logicalDisks, physicalDisks>);
+
 }  // namespace
 
-std::span<const ClassInfo> PerfDiskClasses() { return DeclarePerfClasses<logicalDisks, physicalDisks>(); }
-
-}  // namespace platform::wmi
+}  // namespace kv::wql

@@ -3,10 +3,10 @@
 #include "facts/perf_texts.h"
 #include "facts/process_files.h"
 #include "facts/system_text.h"
-#include "wql/classes/families.h"
+#include "wql/class_tree.h"
 #include "wql/classes/perf_class.h"
 
-namespace platform::wmi {
+namespace kv::wql {
 
 namespace {
 
@@ -31,11 +31,13 @@ Number Multiplied(Number number, std::uint64_t factor) { return number ? Number(
 Number Divided(Number number, std::uint64_t divisor) { return number ? Number(*number / divisor) : std::nullopt; }
 
 /// In bytes.
-Number MemoryIn(const Row& row, std::string_view key) { return Multiplied(MemoryFigure(row.memory, key), kilobyte); }
+Number MemoryIn(const Row& row, std::string_view key) {
+    return Multiplied(facts::MemoryFigure(row.memory, key), kilobyte);
+}
 
 /// Pages that were moved between memory and disks, of an event that counts kilobytes.
 Number MovedIn(const Row& row, std::string_view event) {
-    return Divided(Multiplied(NumberUnder(row.events, event), kilobyte), PageSize());
+    return Divided(Multiplied(facts::NumberUnder(row.events, event), kilobyte), facts::PageSize());
 }
 
 Number SumOf(std::initializer_list<Number> parts) {
@@ -58,9 +60,9 @@ Number CommitLimitIn(const Row& row) {
 
 // clang-format off
 constexpr CounterInfo counters[] = {
-    {u"AvailableBytes", uint64, value, Need::memory, "MemAvailable", [](const Row& row) { return Multiplied(AvailableMemory(row.memory), kilobyte); }},
-    {u"AvailableKBytes", uint64, value, Need::memory, "MemAvailable", [](const Row& row) { return AvailableMemory(row.memory); }},
-    {u"AvailableMBytes", uint64, value, Need::memory, "MemAvailable", [](const Row& row) { return Divided(AvailableMemory(row.memory), kilobyte); }},
+    {u"AvailableBytes", uint64, value, Need::memory, "MemAvailable", [](const Row& row) { return Multiplied(facts::AvailableMemory(row.memory), kilobyte); }},
+    {u"AvailableKBytes", uint64, value, Need::memory, "MemAvailable", [](const Row& row) { return facts::AvailableMemory(row.memory); }},
+    {u"AvailableMBytes", uint64, value, Need::memory, "MemAvailable", [](const Row& row) { return Divided(facts::AvailableMemory(row.memory), kilobyte); }},
     {u"CacheBytes", uint64, value, Need::memory, "Cached, Buffers and SReclaimable",
         [](const Row& row) { return SumOf({FileCacheIn(row), MemoryIn(row, "SReclaimable")}); }},
     {u"CacheBytesPeak", uint64},
@@ -74,16 +76,16 @@ constexpr CounterInfo counters[] = {
     {u"LongTermAverageStandbyCacheLifetimes", uint32},
     {u"ModifiedPageListBytes", uint64, value, Need::memory, "Dirty and Writeback: to be written to disk",
         [](const Row& row) { return SumOf({MemoryIn(row, "Dirty"), MemoryIn(row, "Writeback")}); }},
-    {u"PageFaultsPersec", uint32, rate, Need::events, "pgfault, minor and major ones", [](const Row& row) { return NumberUnder(row.events, "pgfault"); }},
-    {u"PageReadsPersec", uint32, rate, Need::events, "pgmajfault: faults that had to read", [](const Row& row) { return NumberUnder(row.events, "pgmajfault"); }},
+    {u"PageFaultsPersec", uint32, rate, Need::events, "pgfault, minor and major ones", [](const Row& row) { return facts::NumberUnder(row.events, "pgfault"); }},
+    {u"PageReadsPersec", uint32, rate, Need::events, "pgmajfault: faults that had to read", [](const Row& row) { return facts::NumberUnder(row.events, "pgmajfault"); }},
     {u"PagesInputPersec", uint32, rate, Need::events, "pgpgin: read from disks, of files and swap", [](const Row& row) { return MovedIn(row, "pgpgin"); }},
     {u"PagesOutputPersec", uint32, rate, Need::events, "pgpgout: written to disks, of files and swap", [](const Row& row) { return MovedIn(row, "pgpgout"); }},
     {u"PagesPersec", uint32, rate, Need::events, "pgpgin and pgpgout",
         [](const Row& row) { return SumOf({MovedIn(row, "pgpgin"), MovedIn(row, "pgpgout")}); }},
     {u"PageWritesPersec", uint32, rate},
     {u"PercentCommittedBytesInUse", uint32, fraction, Need::memory | Need::limit, "Committed_AS of CommitLimit, in pages; above 100 where more is promised",
-        [](const Row& row) { return Divided(MemoryIn(row, "Committed_AS"), PageSize()); },
-        [](const Row& row) { return Divided(CommitLimitIn(row), PageSize()); }},
+        [](const Row& row) { return Divided(MemoryIn(row, "Committed_AS"), facts::PageSize()); },
+        [](const Row& row) { return Divided(CommitLimitIn(row), facts::PageSize()); }},
     {u"PoolNonpagedAllocs", uint32},
     {u"PoolNonpagedBytes", uint64, value, Need::memory, "SUnreclaim: of the kernel, and stays", [](const Row& row) { return MemoryIn(row, "SUnreclaim"); }},
     {u"PoolPagedAllocs", uint32},
@@ -108,19 +110,20 @@ WmiStatus ReadMemory(const Gathering& gathering, PerfSampling& sampling) {
     constexpr std::uint64_t strictly = 2;
     std::optional<std::string> memory = "";
     std::optional<std::string> events = "";
-    if (gathering.asksFor(Need::memory)) memory = ReadSystemFile("/proc/meminfo");
-    if (gathering.asksFor(Need::events)) events = ReadSystemFile("/proc/vmstat");
+    if (gathering.asksFor(Need::memory)) memory = platform::ReadSystemFile("/proc/meminfo");
+    if (gathering.asksFor(Need::events)) events = platform::ReadSystemFile("/proc/vmstat");
     if (!memory || !events) return wmi_status::providerFailure;
     Row row{std::move(*memory), std::move(*events)};
-    if (gathering.asksFor(Need::limit)) row.isStrict = ReadSystemNumber("/proc/sys/vm/overcommit_memory") == strictly;
+    if (gathering.asksFor(Need::limit))
+        row.isStrict = facts::ReadSystemNumber("/proc/sys/vm/overcommit_memory") == strictly;
     sampling.add({}, &row, TimeSinceStart());
     return wmi_status::ok;
 }
 
 constexpr PerfClass memoryClass{u"PerfOS_Memory", counters, ReadMemory, true};
 
+const ClassFamily family(DeclarePerfClasses<memoryClass>);
+
 }  // namespace
 
-std::span<const ClassInfo> PerfMemoryClasses() { return DeclarePerfClasses<memoryClass>(); }
-
-}  // namespace platform::wmi
+}  // namespace kv::wql

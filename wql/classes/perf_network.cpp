@@ -3,10 +3,10 @@
 
 #include "facts/network_devices.h"
 #include "facts/system_text.h"
-#include "wql/classes/families.h"
+#include "wql/class_tree.h"
 #include "wql/classes/perf_class.h"
 
-namespace platform::wmi {
+namespace kv::wql {
 
 namespace {
 
@@ -18,7 +18,7 @@ struct Need {
 };
 
 struct Row {
-    InterfaceCounters counters;
+    facts::InterfaceCounters counters;
     std::optional<std::uint64_t> speed;
 };
 
@@ -53,13 +53,13 @@ constexpr CounterInfo counters[] = {
 // clang-format on
 
 WmiStatus ReadInterfaces(const Gathering& gathering, PerfSampling& sampling) {
-    const std::optional<std::string> text = ReadSystemFile("/proc/net/dev");
+    const std::optional<std::string> text = platform::ReadSystemFile("/proc/net/dev");
     if (!text) return wmi_status::providerFailure;
     const std::uint64_t now = TimeSinceStart();
-    for (const InterfaceCounters& counted : ParseNetDev(*text)) {
+    for (const facts::InterfaceCounters& counted : facts::ParseNetDev(*text)) {
         if (counted.name == "lo") continue;
         Row row{counted, {}};
-        if (gathering.asksFor(Need::speed)) row.speed = InterfaceSpeed(counted.name);
+        if (gathering.asksFor(Need::speed)) row.speed = facts::InterfaceSpeed(counted.name);
         PerfObject object;
         object.name = counted.name;
         object.key = counted.name;
@@ -70,8 +70,8 @@ WmiStatus ReadInterfaces(const Gathering& gathering, PerfSampling& sampling) {
 
 constexpr PerfClass interfaces{u"Tcpip_NetworkInterface", counters, ReadInterfaces};
 
+const ClassFamily family(DeclarePerfClasses<interfaces>);
+
 }  // namespace
 
-std::span<const ClassInfo> PerfNetworkClasses() { return DeclarePerfClasses<interfaces>(); }
-
-}  // namespace platform::wmi
+}  // namespace kv::wql

@@ -8,10 +8,10 @@
 
 #include "facts/process_files.h"
 #include "facts/system_text.h"
-#include "wql/classes/families.h"
+#include "wql/class_tree.h"
 #include "wql/classes/perf_class.h"
 
-namespace platform::wmi {
+namespace kv::wql {
 
 namespace {
 
@@ -23,9 +23,9 @@ struct Need {
 };
 
 struct Row {
-    ProcessStat stat;
-    std::optional<ProcessMemory> memory;
-    std::optional<ProcessIo> io;
+    facts::ProcessStat stat;
+    std::optional<facts::ProcessMemory> memory;
+    std::optional<facts::ProcessIo> io;
     std::optional<std::uint64_t> handles;
 };
 
@@ -50,7 +50,7 @@ constexpr auto privateBytesIn = [](const Row& row) {
 // clang-format off
 constexpr CounterInfo counters[] = {
     {u"CreatingProcessID", uint32, label, 0, "the parent's id", [](const Row& row) { return row.stat.parentId; }},
-    {u"ElapsedTime", uint64, elapsedTime, 0, "seconds since the process's start", [](const Row& row) { return TimeOfTicks(row.stat.startTicks); }},
+    {u"ElapsedTime", uint64, elapsedTime, 0, "seconds since the process's start", [](const Row& row) { return facts::TimeOfTicks(row.stat.startTicks); }},
     {u"HandleCount", uint32, value, Need::handles, "open files", [](const Row& row) { return row.handles; }},
     {u"IDProcess", uint32, label, 0, "the id", [](const Row& row) { return row.stat.id; }},
     {u"IODataBytesPersec", uint64, rate, Need::io, "bytes, rchar and wchar",
@@ -66,19 +66,19 @@ constexpr CounterInfo counters[] = {
     {u"PageFaultsPersec", uint32, rate, 0, "minor and major ones", [](const Row& row) { return row.stat.minorFaults + row.stat.majorFaults; }},
     {u"PageFileBytes", uint64, value, Need::memory, "bytes, as PrivateBytes", privateBytesIn},
     {u"PageFileBytesPeak", uint64},
-    {u"PercentPrivilegedTime", uint64, percentOfProcessors, 0, "stime", [](const Row& row) { return TimeOfTicks(row.stat.kernelTicks); }},
+    {u"PercentPrivilegedTime", uint64, percentOfProcessors, 0, "stime", [](const Row& row) { return facts::TimeOfTicks(row.stat.kernelTicks); }},
     {u"PercentProcessorTime", uint64, percentOfProcessors, 0, "utime and stime, of one processor",
-        [](const Row& row) { return TimeOfTicks(row.stat.userTicks + row.stat.kernelTicks); }},
-    {u"PercentUserTime", uint64, percentOfProcessors, 0, "utime", [](const Row& row) { return TimeOfTicks(row.stat.userTicks); }},
+        [](const Row& row) { return facts::TimeOfTicks(row.stat.userTicks + row.stat.kernelTicks); }},
+    {u"PercentUserTime", uint64, percentOfProcessors, 0, "utime", [](const Row& row) { return facts::TimeOfTicks(row.stat.userTicks); }},
     {u"PoolNonpagedBytes", uint32},
     {u"PoolPagedBytes", uint32},
-    {u"PriorityBase", uint32, label, 0, "24 real time, 13, 10, 8 normal, 6, 4, by the nice value", [](const Row& row) { return BasePriorityOf(row.stat); }},
+    {u"PriorityBase", uint32, label, 0, "24 real time, 13, 10, 8 normal, 6, 4, by the nice value", [](const Row& row) { return facts::BasePriorityOf(row.stat); }},
     {u"PrivateBytes", uint64, value, Need::memory, "bytes of no file, resident or swapped out; RssAnon and VmSwap", privateBytesIn},
     {u"ThreadCount", uint32, value, 0, "threads", [](const Row& row) { return row.stat.threads; }},
     {u"VirtualBytes", uint64, value, 0, "bytes", [](const Row& row) { return row.stat.virtualBytes; }},
     {u"VirtualBytesPeak", uint64, value, Need::memory, "bytes, VmPeak",
         [](const Row& row) { return Memory(row, [](const auto& memory) { return memory.peakVirtual; }); }},
-    {u"WorkingSet", uint64, value, 0, "bytes resident", [](const Row& row) { return row.stat.residentPages * PageSize(); }},
+    {u"WorkingSet", uint64, value, 0, "bytes resident", [](const Row& row) { return row.stat.residentPages * facts::PageSize(); }},
     {u"WorkingSetPeak", uint64, value, Need::memory, "bytes, VmHWM",
         [](const Row& row) { return Memory(row, [](const auto& memory) { return memory.peakResident; }); }},
     {u"WorkingSetPrivate", uint64, value, Need::memory, "bytes resident of no file, RssAnon",
@@ -96,7 +96,7 @@ std::vector<std::uint32_t> ProcessesToRead(const Gathering& gathering, PerfSampl
     // _Total has the id 0.
     if (values == nullptr ||
         std::any_of(values->begin(), values->end(), [&](const auto& value) { return idOf(value) == 0; })) {
-        return ListProcessIds();
+        return facts::ListProcessIds();
     }
     std::vector<std::uint32_t> ids;
     for (const CimValue& value : *values) {
@@ -106,18 +106,18 @@ std::vector<std::uint32_t> ProcessesToRead(const Gathering& gathering, PerfSampl
     std::sort(ids.begin(), ids.end());
     ids.erase(std::unique(ids.begin(), ids.end()), ids.end());
     sampling.isAsked = [ids](const std::string& key) {
-        return std::binary_search(ids.begin(), ids.end(), NumberOf(key).value_or(0));
+        return std::binary_search(ids.begin(), ids.end(), facts::NumberOf(key).value_or(0));
     };
     return ids;
 }
 
-void ReadParts(ProcessFiles& files, const Gathering& gathering, Row& row) {
+void ReadParts(facts::ProcessFiles& files, const Gathering& gathering, Row& row) {
     const std::uint32_t id = row.stat.id;
     row.memory.reset();
     if (gathering.asksFor(Need::memory)) {
-        if (const auto text = files.Read(id, "status")) row.memory = ParseProcessStatus(*text);
+        if (const auto text = files.Read(id, "status")) row.memory = facts::ParseProcessStatus(*text);
     }
-    if (gathering.asksFor(Need::io)) row.io = ParseProcessIo(files.Read(id, "io").value_or(""));
+    if (gathering.asksFor(Need::io)) row.io = facts::ParseProcessIo(files.Read(id, "io").value_or(""));
     if (gathering.asksFor(Need::handles)) row.handles = files.CountOpenFiles(id);
 }
 
@@ -134,9 +134,9 @@ std::string NumberedName(NameCounts& counts, const std::string& name) {
     }
 }
 
-std::string NameOf(ProcessFiles& files, const ProcessStat& stat) {
-    const std::string_view commandLine = MayBeCut(stat) ? files.Read(stat.id, "cmdline").value_or("") : "";
-    return std::string(ExecutableNameOf(stat, commandLine));
+std::string NameOf(facts::ProcessFiles& files, const facts::ProcessStat& stat) {
+    const std::string_view commandLine = facts::MayBeCut(stat) ? files.Read(stat.id, "cmdline").value_or("") : "";
+    return std::string(facts::ExecutableNameOf(stat, commandLine));
 }
 
 unsigned ProcessorsOnline() {
@@ -145,14 +145,14 @@ unsigned ProcessorsOnline() {
 }
 
 WmiStatus ReadProcesses(const Gathering& gathering, PerfSampling& sampling) {
-    ProcessFiles files;
+    facts::ProcessFiles files;
     NameCounts names{{"_Total", 1}};
     Row row;
     sampling.processors = ProcessorsOnline();
     for (const std::uint32_t id : ProcessesToRead(gathering, sampling)) {
         const std::optional<std::string_view> text = files.Read(id, "stat");
         const std::uint64_t now = TimeSinceStart();
-        std::optional<ProcessStat> stat = text ? ParseProcessStat(*text) : std::nullopt;
+        std::optional<facts::ProcessStat> stat = text ? facts::ParseProcessStat(*text) : std::nullopt;
         if (!stat || !stat->isProcess) continue;
         row.stat = std::move(*stat);
         ReadParts(files, gathering, row);
@@ -160,18 +160,18 @@ WmiStatus ReadProcesses(const Gathering& gathering, PerfSampling& sampling) {
         if (gathering.asksFor(Need::name)) object.name = NumberedName(names, NameOf(files, row.stat));
         object.key = std::to_string(id);
         object.generation = row.stat.startTicks;
-        object.birth = TimeOfTicks(row.stat.startTicks);
+        object.birth = facts::TimeOfTicks(row.stat.startTicks);
         sampling.add(std::move(object), &row, now);
     }
     // Where one cannot read of oneself, that others are not found tells nothing.
-    const bool canRead = !sampling.rows.empty() || ReadSystemFile("/proc/self/stat");
+    const bool canRead = !sampling.rows.empty() || platform::ReadSystemFile("/proc/self/stat");
     return canRead ? wmi_status::ok : wmi_status::providerFailure;
 }
 
 constexpr PerfClass processes{u"PerfProc_Process", counters, ReadProcesses, false, true, Need::name};
 
+const ClassFamily family(DeclarePerfClasses<processes>);
+
 }  // namespace
 
-std::span<const ClassInfo> PerfProcessClasses() { return DeclarePerfClasses<processes>(); }
-
-}  // namespace platform::wmi
+}  // namespace kv::wql

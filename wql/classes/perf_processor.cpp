@@ -3,10 +3,10 @@
 #include "facts/perf_texts.h"
 #include "facts/process_files.h"
 #include "facts/system_text.h"
-#include "wql/classes/families.h"
+#include "wql/class_tree.h"
 #include "wql/classes/perf_class.h"
 
-namespace platform::wmi {
+namespace kv::wql {
 
 namespace {
 
@@ -18,15 +18,17 @@ struct Need {
 };
 
 struct Row {
-    ProcessorTimes times;  // in ticks
+    facts::ProcessorTimes times;  // in ticks
     std::optional<std::uint64_t> interrupts;
     std::optional<std::uint64_t> softInterrupts;
 };
 
-constexpr auto idleTimeIn = [](const Row& row) { return TimeOfTicks(row.times.idleTicks()); };
+constexpr auto idleTimeIn = [](const Row& row) { return facts::TimeOfTicks(row.times.idleTicks()); };
 
 /// The time that percentages are of: what was counted, which is nothing while the computer sleeps.
-constexpr auto wholeTimeIn = [](const Row& row) { return TimeOfTicks(row.times.busyTicks() + row.times.idleTicks()); };
+constexpr auto wholeTimeIn = [](const Row& row) {
+    return facts::TimeOfTicks(row.times.busyTicks() + row.times.idleTicks());
+};
 
 /// Where the kernel's counts of interrupts begin anew.
 constexpr std::uint64_t countPeriod = std::uint64_t{1} << 32;
@@ -44,20 +46,20 @@ constexpr CounterInfo counters[] = {
     {u"PercentC1Time", uint64, percentOfTime},
     {u"PercentC2Time", uint64, percentOfTime},
     {u"PercentC3Time", uint64, percentOfTime},
-    {u"PercentDPCTime", uint64, percentOfTime, Need::times, "softirq", [](const Row& row) { return TimeOfTicks(row.times.softInterrupts); }, wholeTimeIn},
+    {u"PercentDPCTime", uint64, percentOfTime, Need::times, "softirq", [](const Row& row) { return facts::TimeOfTicks(row.times.softInterrupts); }, wholeTimeIn},
     {u"PercentIdleTime", uint64, percentOfTime, Need::times, "idle and iowait", idleTimeIn, wholeTimeIn},
-    {u"PercentInterruptTime", uint64, percentOfTime, Need::times, "irq", [](const Row& row) { return TimeOfTicks(row.times.interrupts); }, wholeTimeIn},
+    {u"PercentInterruptTime", uint64, percentOfTime, Need::times, "irq", [](const Row& row) { return facts::TimeOfTicks(row.times.interrupts); }, wholeTimeIn},
     {u"PercentPrivilegedTime", uint64, percentOfTime, Need::times, "system, irq and softirq",
-        [](const Row& row) { return TimeOfTicks(row.times.kernel + row.times.interrupts + row.times.softInterrupts); }, wholeTimeIn},
+        [](const Row& row) { return facts::TimeOfTicks(row.times.kernel + row.times.interrupts + row.times.softInterrupts); }, wholeTimeIn},
     {u"PercentProcessorTime", uint64, percentOfTimeLeft, Need::times, "not idle; the raw counter is the idle time", idleTimeIn, wholeTimeIn},
     {u"PercentUserTime", uint64, percentOfTime, Need::times, "user and nice, guests among them",
-        [](const Row& row) { return TimeOfTicks(row.times.user + row.times.nice); }, wholeTimeIn},
+        [](const Row& row) { return facts::TimeOfTicks(row.times.user + row.times.nice); }, wholeTimeIn},
 };
 // clang-format on
 
 using Sums = std::map<std::uint32_t, std::uint64_t>;
 
-Sums ReadSums(const char* path) { return SumByProcessor(ReadSystemFile(path).value_or("")); }
+Sums ReadSums(const char* path) { return facts::SumByProcessor(platform::ReadSystemFile(path).value_or("")); }
 
 std::optional<std::uint64_t> SumOf(const Sums& sums, std::uint32_t processor) {
     const auto found = sums.find(processor);
@@ -65,19 +67,19 @@ std::optional<std::uint64_t> SumOf(const Sums& sums, std::uint32_t processor) {
 }
 
 WmiStatus ReadProcessors(const Gathering& gathering, PerfSampling& sampling) {
-    const std::optional<std::string> text = ReadSystemFile("/proc/stat");
+    const std::optional<std::string> text = platform::ReadSystemFile("/proc/stat");
     if (!text) return wmi_status::providerFailure;
     const std::uint64_t now = TimeSinceStart();
     Sums interrupts;
     Sums softInterrupts;
     if (gathering.asksFor(Need::interrupts)) interrupts = ReadSums("/proc/interrupts");
     if (gathering.asksFor(Need::softInterrupts)) softInterrupts = ReadSums("/proc/softirqs");
-    for (const ProcessorTimes& times : ParseProcessorTimes(*text)) {
+    for (const facts::ProcessorTimes& times : facts::ParseProcessorTimes(*text)) {
         PerfObject object;
         object.name = std::to_string(times.number);
         object.key = object.name;
         // A processor that was added, or switched off and on, has been counted for as long as its times add up to.
-        object.birth = now - std::min(now, TimeOfTicks(times.busyTicks() + times.idleTicks()));
+        object.birth = now - std::min(now, facts::TimeOfTicks(times.busyTicks() + times.idleTicks()));
         const Row row{times, SumOf(interrupts, times.number), SumOf(softInterrupts, times.number)};
         sampling.add(std::move(object), &row, now);
     }
@@ -86,8 +88,8 @@ WmiStatus ReadProcessors(const Gathering& gathering, PerfSampling& sampling) {
 
 constexpr PerfClass processors{u"PerfOS_Processor", counters, ReadProcessors, false, true};
 
+const ClassFamily family(DeclarePerfClasses<processors>);
+
 }  // namespace
 
-std::span<const ClassInfo> PerfProcessorClasses() { return DeclarePerfClasses<processors>(); }
-
-}  // namespace platform::wmi
+}  // namespace kv::wql

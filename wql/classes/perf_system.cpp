@@ -5,10 +5,10 @@
 #include "facts/perf_texts.h"
 #include "facts/process_files.h"
 #include "facts/system_text.h"
-#include "wql/classes/families.h"
+#include "wql/class_tree.h"
 #include "wql/classes/perf_class.h"
 
-namespace platform::wmi {
+namespace kv::wql {
 
 namespace {
 
@@ -27,15 +27,15 @@ struct Row {
 
 /// Threads that wait for a processor: those beyond one for each.
 std::optional<std::uint64_t> QueueLengthIn(const Row& row) {
-    const std::optional<std::uint64_t> runnable = NumberUnder(row.stat, "procs_running");
+    const std::optional<std::uint64_t> runnable = facts::NumberUnder(row.stat, "procs_running");
     if (!runnable) return std::nullopt;
-    return *runnable - std::min<std::uint64_t>(*runnable, ParseProcessorTimes(row.stat).size());
+    return *runnable - std::min<std::uint64_t>(*runnable, facts::ParseProcessorTimes(row.stat).size());
 }
 
 // clang-format off
 constexpr CounterInfo counters[] = {
     {u"AlignmentFixupsPersec", uint32, rate},
-    {u"ContextSwitchesPersec", uint32, rate, Need::stat, "ctxt of stat", [](const Row& row) { return NumberUnder(row.stat, "ctxt"); }},
+    {u"ContextSwitchesPersec", uint32, rate, Need::stat, "ctxt of stat", [](const Row& row) { return facts::NumberUnder(row.stat, "ctxt"); }},
     {u"ExceptionDispatchesPersec", uint32, rate},
     {u"FileControlBytesPersec", uint64, rate},
     {u"FileControlOperationsPersec", uint32, rate},
@@ -58,13 +58,13 @@ constexpr CounterInfo counters[] = {
 WmiStatus ReadSystem(const Gathering& gathering, PerfSampling& sampling) {
     std::optional<std::string> stat = "";
     std::optional<std::string> load = "";
-    if (gathering.asksFor(Need::stat)) stat = ReadSystemFile("/proc/stat");
+    if (gathering.asksFor(Need::stat)) stat = platform::ReadSystemFile("/proc/stat");
     const std::uint64_t now = TimeSinceStart();
-    if (gathering.asksFor(Need::threads)) load = ReadSystemFile("/proc/loadavg");
+    if (gathering.asksFor(Need::threads)) load = platform::ReadSystemFile("/proc/loadavg");
     if (!stat || !load) return wmi_status::providerFailure;
-    Row row{std::move(*stat), 0, ParseThreadCount(*load)};
+    Row row{std::move(*stat), 0, facts::ParseThreadCount(*load)};
     if (gathering.asksFor(Need::processes)) {
-        row.processes = ListProcessIds().size();
+        row.processes = facts::ListProcessIds().size();
         if (row.processes == 0) return wmi_status::providerFailure;
     }
     sampling.add({}, &row, now);
@@ -73,8 +73,8 @@ WmiStatus ReadSystem(const Gathering& gathering, PerfSampling& sampling) {
 
 constexpr PerfClass systemClass{u"PerfOS_System", counters, ReadSystem, true};
 
+const ClassFamily family(DeclarePerfClasses<systemClass>);
+
 }  // namespace
 
-std::span<const ClassInfo> PerfSystemClasses() { return DeclarePerfClasses<systemClass>(); }
-
-}  // namespace platform::wmi
+}  // namespace kv::wql

@@ -1,16 +1,16 @@
 #include "wql/classes/physical_memory.h"
 
 #include "facts/smbios.h"
-#include "wql/classes/families.h"
+#include "wql/class_tree.h"
 
-namespace platform::wmi {
+namespace kv::wql {
 
 namespace {
 
 using enum CimType;
 
 struct Row {
-    SmbiosStructure device;
+    facts::SmbiosStructure device;
     std::uint32_t number = 0;  // among those that are there
 };
 
@@ -18,11 +18,11 @@ struct Row {
 std::optional<std::uint32_t> WidthAt(const Row& row, std::size_t offset) {
     constexpr std::uint16_t unknown = 0xFFFF;
     const std::uint16_t bits = row.device.wordAt(offset);
-    return KnownNumber(bits == unknown ? 0 : bits);
+    return facts::KnownNumber(bits == unknown ? 0 : bits);
 }
 
 /// Bytes of a device; none when the firmware does not know, 0 for an empty socket.
-std::optional<std::uint64_t> CapacityOf(const SmbiosStructure& device) {
+std::optional<std::uint64_t> CapacityOf(const facts::SmbiosStructure& device) {
     constexpr std::size_t sizeOffset = 0x0C;
     constexpr std::size_t extendedOffset = 0x1C;
     constexpr std::uint16_t unknown = 0xFFFF;
@@ -40,7 +40,7 @@ std::optional<std::uint64_t> CapacityOf(const SmbiosStructure& device) {
 std::optional<std::uint32_t> SpeedAt(const Row& row, std::size_t offset, std::size_t extendedOffset) {
     constexpr std::uint16_t seeExtended = 0xFFFF;
     const std::uint16_t speed = row.device.wordAt(offset);
-    return KnownNumber(speed == seeExtended ? row.device.doubleWordAt(extendedOffset) & 0x7FFFFFFF : speed);
+    return facts::KnownNumber(speed == seeExtended ? row.device.doubleWordAt(extendedOffset) & 0x7FFFFFFF : speed);
 }
 
 /// A form factor in the numbers of CIM_Chip.
@@ -65,12 +65,12 @@ std::uint16_t MemoryTypeOf(std::uint8_t smbios) {
 
 // clang-format off
 constexpr PropertyInfo properties[] = {
-    {u"Attributes", uint32, 0, "ranks", [](const Row& row) { return KnownNumber(row.device.byteAt(0x1B) & 0x0F); }},
+    {u"Attributes", uint32, 0, "ranks", [](const Row& row) { return facts::KnownNumber(row.device.byteAt(0x1B) & 0x0F); }},
     {u"BankLabel", string, 0, "bank locator", [](const Row& row) { return row.device.stringAt(0x11); }},
     {u"Capacity", uint64, 0, "bytes", [](const Row& row) { return CapacityOf(row.device); }},
     {u"Caption", string, 0, "of every device", [](const Row&) { return u"Physical Memory"; }},
     {u"ConfiguredClockSpeed", uint32, 0, "MT/s", [](const Row& row) { return SpeedAt(row, 0x20, 0x58); }},
-    {u"ConfiguredVoltage", uint32, 0, "mV", [](const Row& row) { return KnownNumber(row.device.wordAt(0x26)); }},
+    {u"ConfiguredVoltage", uint32, 0, "mV", [](const Row& row) { return facts::KnownNumber(row.device.wordAt(0x26)); }},
     {u"CreationClassName", string, 0, "this class", [](const Row&) { return u"Win32_PhysicalMemory"; }},
     {u"DataWidth", uint16, 0, "bits", [](const Row& row) { return WidthAt(row, 0x0A); }},
     {u"Description", string, 0, "of every device", [](const Row&) { return u"Physical Memory"; }},
@@ -81,9 +81,9 @@ constexpr PropertyInfo properties[] = {
     {u"InterleaveDataDepth", uint16},
     {u"InterleavePosition", uint32},
     {u"Manufacturer", string, 0, "of the device", [](const Row& row) { return row.device.stringAt(0x17); }},
-    {u"MaxVoltage", uint32, 0, "mV", [](const Row& row) { return KnownNumber(row.device.wordAt(0x24)); }},
+    {u"MaxVoltage", uint32, 0, "mV", [](const Row& row) { return facts::KnownNumber(row.device.wordAt(0x24)); }},
     {u"MemoryType", uint16, 0, "24 DDR3, 26 DDR4, ...", [](const Row& row) { return MemoryTypeOf(row.device.byteAt(0x12)); }},
-    {u"MinVoltage", uint32, 0, "mV", [](const Row& row) { return KnownNumber(row.device.wordAt(0x22)); }},
+    {u"MinVoltage", uint32, 0, "mV", [](const Row& row) { return facts::KnownNumber(row.device.wordAt(0x22)); }},
     {u"Model", string},
     {u"Name", string, 0, "of every device", [](const Row&) { return u"Physical Memory"; }},
     {u"OtherIdentifyingInfo", string},
@@ -104,18 +104,22 @@ constexpr PropertyInfo properties[] = {
 };
 // clang-format on
 
-WmiStatus GatherOfThisComputer(const Gathering& gathering) { return GatherMemoryDevices(gathering, ReadSmbiosTable()); }
+WmiStatus GatherOfThisComputer(const Gathering& gathering) {
+    return GatherMemoryDevices(gathering, facts::ReadSmbiosTable());
+}
 
 constexpr ClassInfo classes[] = {
     {u"Win32_PhysicalMemory", u"CIM_PhysicalMemory", properties, GatherOfThisComputer},
 };
+
+const ClassFamily family([] { return std::span<const ClassInfo>(classes); });
 
 }  // namespace
 
 WmiStatus GatherMemoryDevices(const Gathering& gathering, std::string_view table) {
     constexpr std::uint8_t memoryDevice = 17;
     Row row;
-    for (SmbiosStructure& structure : ParseSmbios(table)) {
+    for (facts::SmbiosStructure& structure : facts::ParseSmbios(table)) {
         if (structure.type != memoryDevice || CapacityOf(structure) == 0) continue;
         row.device = std::move(structure);
         if (!gathering.row(&row)) break;
@@ -124,6 +128,4 @@ WmiStatus GatherMemoryDevices(const Gathering& gathering, std::string_view table
     return wmi_status::ok;
 }
 
-std::span<const ClassInfo> PhysicalMemoryClasses() { return classes; }
-
-}  // namespace platform::wmi
+}  // namespace kv::wql

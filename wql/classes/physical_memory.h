@@ -5,9 +5,9 @@
 
 #include "wql/wmi_class.h"
 
-namespace platform::wmi {
+namespace kv::wql {
 
 /// Gathers the memory devices (SMBIOS type 17) of a table that are there.
 WmiStatus GatherMemoryDevices(const Gathering& gathering, std::string_view table);
 
-}  // namespace platform::wmi
+}  // namespace kv::wql

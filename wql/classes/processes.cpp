@@ -6,9 +6,9 @@
 #include "facts/host_names.h"
 #include "facts/process_files.h"
 #include "facts/system_text.h"
-#include "wql/classes/families.h"
+#include "wql/class_tree.h"
 
-namespace platform::wmi {
+namespace kv::wql {
 
 namespace {
 
@@ -30,11 +30,11 @@ struct Need {
 };
 
 struct Row {
-    ProcessStat stat;
+    facts::ProcessStat stat;
     std::string arguments;  // as /proc/<id>/cmdline has them
     std::optional<std::string> executable;
-    std::optional<ProcessMemory> memory;
-    std::optional<ProcessIo> io;
+    std::optional<facts::ProcessMemory> memory;
+    std::optional<facts::ProcessIo> io;
     std::optional<std::uint64_t> handles;
 
     // the same for all
@@ -45,14 +45,14 @@ struct Row {
 };
 
 CimValue CommandLineIn(const Row& row) {
-    const std::string line = CommandLineOf(row.arguments);
+    const std::string line = facts::CommandLineOf(row.arguments);
     return line.empty() ? CimValue() : CimValue(line);
 }
 
 std::u16string CreationDateIn(const Row& row) {
     constexpr std::int64_t microsecondsOfMillisecond = 1000;
     constexpr std::uint64_t microsecondsOfSecond = 1'000'000;
-    const std::uint64_t sinceStart = row.stat.startTicks * (microsecondsOfSecond / ClockTicksPerSecond());
+    const std::uint64_t sinceStart = row.stat.startTicks * (microsecondsOfSecond / facts::ClockTicksPerSecond());
     return DmtfTime(row.systemStart * microsecondsOfMillisecond + static_cast<std::int64_t>(sinceStart));
 }
 
@@ -91,7 +91,7 @@ std::optional<std::uint64_t> NumberIn(const std::optional<Record>& record, std::
     return (*record).*number;
 }
 
-constexpr auto nameIn = [](const Row& row) { return ExecutableNameOf(row.stat, row.arguments); };
+constexpr auto nameIn = [](const Row& row) { return facts::ExecutableNameOf(row.stat, row.arguments); };
 
 // clang-format off
 constexpr PropertyInfo properties[] = {
@@ -109,7 +109,7 @@ constexpr PropertyInfo properties[] = {
     {u"Handle", string, 0, "as ProcessId", [](const Row& row) { return std::to_string(row.stat.id); }},
     {u"HandleCount", uint32, Need::handles, "open files", [](const Row& row) { return row.handles; }},
     {u"InstallDate", datetime},
-    {u"KernelModeTime", uint64, 0, "100 ns, stime of stat", [](const Row& row) { return TimeOfTicks(row.stat.kernelTicks); }},
+    {u"KernelModeTime", uint64, 0, "100 ns, stime of stat", [](const Row& row) { return facts::TimeOfTicks(row.stat.kernelTicks); }},
     {u"MaximumWorkingSetSize", uint32},
     {u"MinimumWorkingSetSize", uint32},
     {u"Name", string, Need::name, "of the executable", nameIn},
@@ -123,11 +123,11 @@ constexpr PropertyInfo properties[] = {
     {u"ParentProcessId", uint32, 0, "of stat", [](const Row& row) { return row.stat.parentId; }},
     {u"PeakPageFileUsage", uint32},
     {u"PeakVirtualSize", uint64, Need::memory, "bytes, VmPeak of status",
-        [](const Row& row) { return NumberIn(row.memory, &ProcessMemory::peakVirtual); }},
+        [](const Row& row) { return NumberIn(row.memory, &facts::ProcessMemory::peakVirtual); }},
     {u"PeakWorkingSetSize", uint32, Need::memory, "KB, VmHWM of status",
-        [](const Row& row) { return KilobytesOf(NumberIn(row.memory, &ProcessMemory::peakResident)); }},
+        [](const Row& row) { return KilobytesOf(NumberIn(row.memory, &facts::ProcessMemory::peakResident)); }},
     {u"Priority", uint32, 0, "24 real time, 13, 10, 8 normal, 6, 4, by the nice value",
-        [](const Row& row) { return BasePriorityOf(row.stat); }},
+        [](const Row& row) { return facts::BasePriorityOf(row.stat); }},
     {u"PrivatePageCount", uint64, Need::memory, "bytes of no file, resident or swapped out; RssAnon and VmSwap of status",
         [](const Row& row) { return PrivateBytesIn(row); }},
     {u"ProcessId", uint32, 0, "of stat", [](const Row& row) { return row.stat.id; }},
@@ -135,18 +135,18 @@ constexpr PropertyInfo properties[] = {
     {u"QuotaPagedPoolUsage", uint32},
     {u"QuotaPeakNonPagedPoolUsage", uint32},
     {u"QuotaPeakPagedPoolUsage", uint32},
-    {u"ReadOperationCount", uint64, Need::io, "syscr of io", [](const Row& row) { return NumberIn(row.io, &ProcessIo::readOperations); }},
-    {u"ReadTransferCount", uint64, Need::io, "bytes, rchar of io", [](const Row& row) { return NumberIn(row.io, &ProcessIo::readBytes); }},
+    {u"ReadOperationCount", uint64, Need::io, "syscr of io", [](const Row& row) { return NumberIn(row.io, &facts::ProcessIo::readOperations); }},
+    {u"ReadTransferCount", uint64, Need::io, "bytes, rchar of io", [](const Row& row) { return NumberIn(row.io, &facts::ProcessIo::readBytes); }},
     {u"SessionId", uint32, 0, "of stat: the id of the session's first process", [](const Row& row) { return row.stat.sessionId; }},
     {u"Status", string},
     {u"TerminationDate", datetime},
     {u"ThreadCount", uint32, 0, "of stat", [](const Row& row) { return row.stat.threads; }},
-    {u"UserModeTime", uint64, 0, "100 ns, utime of stat", [](const Row& row) { return TimeOfTicks(row.stat.userTicks); }},
+    {u"UserModeTime", uint64, 0, "100 ns, utime of stat", [](const Row& row) { return facts::TimeOfTicks(row.stat.userTicks); }},
     {u"VirtualSize", uint64, 0, "bytes, vsize of stat", [](const Row& row) { return row.stat.virtualBytes; }},
     {u"WindowsVersion", string, Need::system, "release of the kernel", [](const Row& row) { return row.systemVersion; }},
-    {u"WorkingSetSize", uint64, 0, "bytes resident, rss of stat", [](const Row& row) { return row.stat.residentPages * PageSize(); }},
-    {u"WriteOperationCount", uint64, Need::io, "syscw of io", [](const Row& row) { return NumberIn(row.io, &ProcessIo::writeOperations); }},
-    {u"WriteTransferCount", uint64, Need::io, "bytes, wchar of io", [](const Row& row) { return NumberIn(row.io, &ProcessIo::writtenBytes); }},
+    {u"WorkingSetSize", uint64, 0, "bytes resident, rss of stat", [](const Row& row) { return row.stat.residentPages * facts::PageSize(); }},
+    {u"WriteOperationCount", uint64, Need::io, "syscw of io", [](const Row& row) { return NumberIn(row.io, &facts::ProcessIo::writeOperations); }},
+    {u"WriteTransferCount", uint64, Need::io, "bytes, wchar of io", [](const Row& row) { return NumberIn(row.io, &facts::ProcessIo::writtenBytes); }},
 };
 // clang-format on
 
@@ -155,7 +155,7 @@ std::optional<std::uint32_t> ProcessIdOf(const CimValue& value) {
     if (const auto* number = std::get_if<std::int64_t>(&value.held); number != nullptr && *number >= 0) {
         id = static_cast<std::uint64_t>(*number);
     } else if (const auto* text = std::get_if<std::u16string>(&value.held); text != nullptr) {
-        id = NumberOf(Utf8FromWide(*text));
+        id = facts::NumberOf(platform::Utf8FromWide(*text));
     }
     return id && *id <= UINT32_MAX ? std::optional(static_cast<std::uint32_t>(*id)) : std::nullopt;
 }
@@ -164,7 +164,7 @@ std::optional<std::uint32_t> ProcessIdOf(const CimValue& value) {
 std::vector<std::uint32_t> ProcessesToRead(const Gathering& gathering) {
     const std::vector<CimValue>* values = gathering.valuesOf(u"ProcessId");
     if (values == nullptr) values = gathering.valuesOf(u"Handle");
-    if (values == nullptr) return ListProcessIds();
+    if (values == nullptr) return facts::ListProcessIds();
     std::vector<std::uint32_t> ids;
     for (const CimValue& value : *values) {
         if (const std::optional<std::uint32_t> id = ProcessIdOf(value)) ids.push_back(*id);
@@ -175,30 +175,30 @@ std::vector<std::uint32_t> ProcessesToRead(const Gathering& gathering) {
 }
 
 /// False when there is no such process, or no longer.
-bool ReadStat(ProcessFiles& files, std::uint32_t id, ProcessStat& stat) {
+bool ReadStat(facts::ProcessFiles& files, std::uint32_t id, facts::ProcessStat& stat) {
     const std::optional<std::string_view> text = files.Read(id, "stat");
-    std::optional<ProcessStat> parsed = text ? ParseProcessStat(*text) : std::nullopt;
+    std::optional<facts::ProcessStat> parsed = text ? facts::ParseProcessStat(*text) : std::nullopt;
     if (!parsed || !parsed->isProcess) return false;
     stat = std::move(*parsed);
     return true;
 }
 
-std::optional<ProcessMemory> ReadMemory(ProcessFiles& files, std::uint32_t id) {
+std::optional<facts::ProcessMemory> ReadMemory(facts::ProcessFiles& files, std::uint32_t id) {
     const std::optional<std::string_view> text = files.Read(id, "status");
     if (!text) return std::nullopt;
-    return ParseProcessStatus(*text);
+    return facts::ParseProcessStatus(*text);
 }
 
 /// What a process has besides its stat; a part that may not be read, or no longer, stays empty.
-void ReadParts(ProcessFiles& files, const Gathering& gathering, Row& row) {
+void ReadParts(facts::ProcessFiles& files, const Gathering& gathering, Row& row) {
     const std::uint32_t id = row.stat.id;
     row.arguments.clear();
-    if (gathering.asksFor(Need::commandLine) || (gathering.asksFor(Need::name) && MayBeCut(row.stat))) {
+    if (gathering.asksFor(Need::commandLine) || (gathering.asksFor(Need::name) && facts::MayBeCut(row.stat))) {
         row.arguments = files.Read(id, "cmdline").value_or("");
     }
     if (gathering.asksFor(Need::executable)) row.executable = files.ReadExecutablePath(id);
     if (gathering.asksFor(Need::memory)) row.memory = ReadMemory(files, id);
-    if (gathering.asksFor(Need::io)) row.io = ParseProcessIo(files.Read(id, "io").value_or(""));
+    if (gathering.asksFor(Need::io)) row.io = facts::ParseProcessIo(files.Read(id, "io").value_or(""));
     if (gathering.asksFor(Need::handles)) row.handles = files.CountOpenFiles(id);
 }
 
@@ -206,14 +206,14 @@ void ReadSystem(Row& row) {
     utsname kernel{};
     uname(&kernel);
     row.systemVersion = kernel.release;
-    row.systemName = SystemNameOf(ReadOsRelease(), kernel);
+    row.systemName = facts::SystemNameOf(facts::ReadOsRelease(), kernel);
 }
 
 WmiStatus GatherProcesses(const Gathering& gathering) {
-    ProcessFiles files;
+    facts::ProcessFiles files;
     Row row;
-    if (gathering.asksFor(Need::host)) row.host = HostName();
-    if (gathering.asksFor(Need::systemStart)) row.systemStart = SystemStartMilliseconds();
+    if (gathering.asksFor(Need::host)) row.host = facts::HostName();
+    if (gathering.asksFor(Need::systemStart)) row.systemStart = facts::SystemStartMilliseconds();
     if (gathering.asksFor(Need::system)) ReadSystem(row);
     bool canRead = false;
     for (const std::uint32_t id : ProcessesToRead(gathering)) {
@@ -223,14 +223,14 @@ WmiStatus GatherProcesses(const Gathering& gathering) {
         if (!gathering.row(&row)) break;
     }
     // Where one cannot read of oneself, that others are not found tells nothing.
-    canRead = canRead || ReadSystemFile("/proc/self/stat");
+    canRead = canRead || platform::ReadSystemFile("/proc/self/stat");
     return canRead ? wmi_status::ok : wmi_status::providerFailure;
 }
 
 constexpr ClassInfo classes[] = {{u"Win32_Process", u"CIM_Process", properties, GatherProcesses}};
 
+const ClassFamily family([] { return std::span<const ClassInfo>(classes); });
+
 }  // namespace
 
-std::span<const ClassInfo> ProcessClasses() { return classes; }
-
-}  // namespace platform::wmi
+}  // namespace kv::wql

@@ -12,9 +12,9 @@
 #include "facts/processor_identity.h"
 #include "facts/smbios.h"
 #include "facts/system_text.h"
-#include "wql/classes/families.h"
+#include "wql/class_tree.h"
 
-namespace platform::wmi {
+namespace kv::wql {
 
 namespace {
 
@@ -34,34 +34,34 @@ struct Need {
 };
 
 struct Row {
-    Socket socket;
+    facts::Socket socket;
     std::size_t number = 0;
-    SmbiosStructure firmware;  // without anything in it where the firmware tells nothing
+    facts::SmbiosStructure firmware;  // without anything in it where the firmware tells nothing
     std::u16string host;
     std::string machine;
     std::uint16_t load = 0;
     std::uint32_t cores = 0;
-    CacheSizes caches;
+    facts::CacheSizes caches;
     std::optional<std::uint64_t> maxClock;      // MHz
     std::optional<std::uint64_t> currentClock;  // MHz
 
-    const CpuBlock& first() const { return socket.processors.front(); }
+    const facts::CpuBlock& first() const { return socket.processors.front(); }
 };
 
 constexpr std::uint8_t isVoltageInUse = 0x80;  // otherwise bits tell what the socket can give
 
 /// In tenths of a volt.
-std::optional<std::uint32_t> VoltageOf(const SmbiosStructure& firmware) {
+std::optional<std::uint32_t> VoltageOf(const facts::SmbiosStructure& firmware) {
     const std::uint8_t voltage = firmware.byteAt(0x11);
-    return KnownNumber((voltage & isVoltageInUse) != 0 ? voltage - isVoltageInUse : 0U);
+    return facts::KnownNumber((voltage & isVoltageInUse) != 0 ? voltage - isVoltageInUse : 0U);
 }
 
-std::optional<std::uint32_t> VoltageCapsOf(const SmbiosStructure& firmware) {
+std::optional<std::uint32_t> VoltageCapsOf(const facts::SmbiosStructure& firmware) {
     const std::uint8_t voltage = firmware.byteAt(0x11);
-    return KnownNumber((voltage & isVoltageInUse) == 0 ? voltage : 0);
+    return facts::KnownNumber((voltage & isVoltageInUse) == 0 ? voltage : 0);
 }
 
-std::uint16_t FamilyOf(const SmbiosStructure& firmware) {
+std::uint16_t FamilyOf(const facts::SmbiosStructure& firmware) {
     constexpr std::uint8_t seeWord = 0xFE;
     constexpr std::uint16_t unknown = 2;
     const std::uint8_t family = firmware.byteAt(0x06);
@@ -70,7 +70,7 @@ std::uint16_t FamilyOf(const SmbiosStructure& firmware) {
 }
 
 /// Features and signature, the first leaf of the CPUID instruction, as the firmware or else the processor tells them.
-std::optional<std::string> ProcessorIdOf(const SmbiosStructure& firmware) {
+std::optional<std::string> ProcessorIdOf(const facts::SmbiosStructure& firmware) {
     std::uint32_t signature = firmware.doubleWordAt(0x08);
     std::uint32_t features = firmware.doubleWordAt(0x0C);
 #if defined(__x86_64__) || defined(__i386__)
@@ -94,7 +94,7 @@ std::optional<bool> HasNestedPaging(const Row& row) {
 /// The processor's own name for itself, which one of ARM lacks, else the firmware's.
 std::optional<std::string> NameOf(const Row& row) {
     const std::optional<std::string> firmwareName = row.firmware.stringAt(0x10);
-    return row.first().field("model name").empty() && firmwareName ? firmwareName : ModelNameOf(row.first());
+    return row.first().field("model name").empty() && firmwareName ? firmwareName : facts::ModelNameOf(row.first());
 }
 
 std::string DeviceIdOf(const Row& row) { return fmt::format("CPU{}", row.number); }
@@ -102,10 +102,10 @@ std::string DeviceIdOf(const Row& row) { return fmt::format("CPU{}", row.number)
 std::uint16_t WidthOf(const Row& row) {
     constexpr std::uint16_t wide = 64;
     constexpr std::uint16_t narrow = 32;
-    return WordWidthOf(row.machine) == "64-bit" ? wide : narrow;
+    return facts::WordWidthOf(row.machine) == "64-bit" ? wide : narrow;
 }
 
-std::uint8_t StatusOf(const SmbiosStructure& firmware) {
+std::uint8_t StatusOf(const facts::SmbiosStructure& firmware) {
     constexpr std::uint8_t statusBits = 7;
     constexpr std::uint8_t enabled = 1;
     return firmware.formatted.empty() ? enabled : firmware.byteAt(0x18) & statusBits;
@@ -114,11 +114,11 @@ std::uint8_t StatusOf(const SmbiosStructure& firmware) {
 // clang-format off
 constexpr PropertyInfo properties[] = {
     {u"AddressWidth", uint16, Need::machine, "bits, of the running kernel", [](const Row& row) { return WidthOf(row); }},
-    {u"Architecture", uint16, Need::machine, "9 x64, 12 ARM64, 0 x86, 5 ARM", [](const Row& row) { return ArchitectureOf(row.machine); }},
+    {u"Architecture", uint16, Need::machine, "9 x64, 12 ARM64, 0 x86, 5 ARM", [](const Row& row) { return facts::ArchitectureOf(row.machine); }},
     {u"AssetTag", string, Need::firmware, "of the firmware", [](const Row& row) { return row.firmware.stringAt(0x21); }},
     {u"Availability", uint16, 0, "3: running", [](const Row&) { return 3; }},
-    {u"Caption", string, 0, "as Description", [](const Row& row) { return DescriptionOf(row.first()); }},
-    {u"Characteristics", uint32, Need::firmware, "bits of SMBIOS", [](const Row& row) { return KnownNumber(row.firmware.wordAt(0x26)); }},
+    {u"Caption", string, 0, "as Description", [](const Row& row) { return facts::DescriptionOf(row.first()); }},
+    {u"Characteristics", uint32, Need::firmware, "bits of SMBIOS", [](const Row& row) { return facts::KnownNumber(row.firmware.wordAt(0x26)); }},
     {u"ConfigManagerErrorCode", uint32},
     {u"ConfigManagerUserConfig", boolean},
     {u"CpuStatus", uint16, Need::firmware, "1 enabled, 4 idle", [](const Row& row) { return StatusOf(row.firmware); }},
@@ -126,11 +126,11 @@ constexpr PropertyInfo properties[] = {
     {u"CurrentClockSpeed", uint32, Need::currentClock, "MHz, mean of the logical processors", [](const Row& row) { return row.currentClock; }},
     {u"CurrentVoltage", uint16, Need::firmware, "tenths of a volt", [](const Row& row) { return VoltageOf(row.firmware); }},
     {u"DataWidth", uint16, Need::machine, "as AddressWidth", [](const Row& row) { return WidthOf(row); }},
-    {u"Description", string, 0, "family, model and stepping", [](const Row& row) { return DescriptionOf(row.first()); }},
+    {u"Description", string, 0, "family, model and stepping", [](const Row& row) { return facts::DescriptionOf(row.first()); }},
     {u"DeviceID", string, 0, "CPU0 and so on", [](const Row& row) { return DeviceIdOf(row); }},
     {u"ErrorCleared", boolean},
     {u"ErrorDescription", string},
-    {u"ExtClock", uint32, Need::firmware, "MHz", [](const Row& row) { return KnownNumber(row.firmware.wordAt(0x12)); }},
+    {u"ExtClock", uint32, Need::firmware, "MHz", [](const Row& row) { return facts::KnownNumber(row.firmware.wordAt(0x12)); }},
     {u"Family", uint16, Need::firmware, "by the list of SMBIOS, 2 unknown", [](const Row& row) { return FamilyOf(row.firmware); }},
     {u"InstallDate", datetime},
     {u"L2CacheSize", uint32, Need::caches, "KB, all of the socket's together", [](const Row& row) { return row.caches.secondLevel; }},
@@ -138,9 +138,9 @@ constexpr PropertyInfo properties[] = {
     {u"L3CacheSize", uint32, Need::caches, "KB, all of the socket's together", [](const Row& row) { return row.caches.thirdLevel; }},
     {u"L3CacheSpeed", uint32},
     {u"LastErrorCode", uint32},
-    {u"Level", uint16, 0, "family; on ARM the architecture's version", [](const Row& row) { return LevelOf(row.first()); }},
+    {u"Level", uint16, 0, "family; on ARM the architecture's version", [](const Row& row) { return facts::LevelOf(row.first()); }},
     {u"LoadPercentage", uint16, Need::load, "busy share since the previous query of it, of /proc/stat", [](const Row& row) { return row.load; }},
-    {u"Manufacturer", string, 0, "vendor_id or implementer", [](const Row& row) { return ManufacturerOf(row.first()); }},
+    {u"Manufacturer", string, 0, "vendor_id or implementer", [](const Row& row) { return facts::ManufacturerOf(row.first()); }},
     {u"MaxClockSpeed", uint32, Need::maxClock | Need::firmware, "MHz without a boost, where the system knows that", [](const Row& row) { return row.maxClock; }},
     {u"Name", string, Need::firmware, "model name", [](const Row& row) { return NameOf(row); }},
     {u"NumberOfCores", uint32, Need::cores, "online", [](const Row& row) { return row.cores; }},
@@ -153,7 +153,7 @@ constexpr PropertyInfo properties[] = {
     {u"PowerManagementSupported", boolean},
     {u"ProcessorId", string, Need::firmware, "CPUID's features and signature", [](const Row& row) { return ProcessorIdOf(row.firmware); }},
     {u"ProcessorType", uint16, 0, "3: central processor", [](const Row&) { return 3; }},
-    {u"Revision", uint16, 0, "model and stepping, a byte each", [](const Row& row) { return RevisionOf(row.first()); }},
+    {u"Revision", uint16, 0, "model and stepping, a byte each", [](const Row& row) { return facts::RevisionOf(row.first()); }},
     {u"Role", string, 0, "central processor", [](const Row&) { return u"CPU"; }},
     {u"SecondLevelAddressTranslationExtensions", boolean, 0, "flags ept, npt", [](const Row& row) { return HasNestedPaging(row); }},
     {u"SerialNumber", string, Need::firmware, "of the firmware", [](const Row& row) { return row.firmware.stringAt(0x20); }},
@@ -166,7 +166,7 @@ constexpr PropertyInfo properties[] = {
     {u"SystemName", string, Need::host, "the computer's name", [](const Row& row) { return row.host; }},
     {u"ThreadCount", uint32, 0, "as NumberOfLogicalProcessors", [](const Row& row) { return row.socket.processors.size(); }},
     {u"UniqueId", string},
-    {u"UpgradeMethod", uint16, Need::firmware, "by the list of SMBIOS", [](const Row& row) { return KnownNumber(row.firmware.byteAt(0x19)); }},
+    {u"UpgradeMethod", uint16, Need::firmware, "by the list of SMBIOS", [](const Row& row) { return facts::KnownNumber(row.firmware.byteAt(0x19)); }},
     {u"Version", string},
     {u"VirtualizationFirmwareEnabled", boolean, 0, "as VMMonitorModeExtensions: the flags go where the firmware forbids it", [](const Row& row) { return CanHostMachines(row); }},
     {u"VMMonitorModeExtensions", boolean, 0, "flags vmx, svm", [](const Row& row) { return CanHostMachines(row); }},
@@ -174,68 +174,71 @@ constexpr PropertyInfo properties[] = {
 };
 // clang-format on
 
-TimesByProcessor ReadTimes() {
-    TimesByProcessor all;
-    const std::string stat = ReadSystemFile("/proc/stat").value_or("");
-    for (const ProcessorTimes& times : ParseProcessorTimes(stat)) {
+facts::TimesByProcessor ReadTimes() {
+    facts::TimesByProcessor all;
+    const std::string stat = platform::ReadSystemFile("/proc/stat").value_or("");
+    for (const facts::ProcessorTimes& times : facts::ParseProcessorTimes(stat)) {
         all[times.number] = times;
     }
     return all;
 }
 
 void TakeLoadSamples(ProcessorSources& sources) {
-    static LoadHistory& history = *new LoadHistory;  // a query that is stuck may outlive the program's statics
+    static facts::LoadHistory& history =
+        *new facts::LoadHistory;  // a query that is stuck may outlive the program's statics
     sources.loadTo = ReadTimes();
     sources.loadFrom = history.exchange(sources.loadTo, std::chrono::steady_clock::now());
 }
 
 /// What the firmware tells of the processors that are in their sockets, in its order.
-std::vector<SmbiosStructure> ProcessorsIn(const std::vector<SmbiosStructure>& structures) {
+std::vector<facts::SmbiosStructure> ProcessorsIn(const std::vector<facts::SmbiosStructure>& structures) {
     constexpr std::uint8_t processor = 4;
     constexpr std::uint8_t isThere = 0x40;
-    std::vector<SmbiosStructure> processors;
-    std::ranges::copy_if(structures, std::back_inserter(processors), [](const SmbiosStructure& structure) {
+    std::vector<facts::SmbiosStructure> processors;
+    std::ranges::copy_if(structures, std::back_inserter(processors), [](const facts::SmbiosStructure& structure) {
         return structure.type == processor && (structure.byteAt(0x18) & isThere) != 0;
     });
     return processors;
 }
 
 /// By the system, else as the firmware set it, else as it is now.
-std::optional<std::uint64_t> MaxClockOf(const Row& row, const CpuFiles& files) {
-    if (const std::optional<std::uint64_t> clock = MaxClockOf(row.socket, files)) return clock;
+std::optional<std::uint64_t> MaxClockOf(const Row& row, const facts::CpuFiles& files) {
+    if (const std::optional<std::uint64_t> clock = facts::MaxClockOf(row.socket, files)) return clock;
     const std::uint16_t byFirmware = row.firmware.wordAt(0x16);
-    return byFirmware != 0 ? byFirmware : ClockOf(row.socket, files);
+    return byFirmware != 0 ? byFirmware : facts::ClockOf(row.socket, files);
 }
 
-void FillParts(const Gathering& gathering, const CpuFiles& files, Row& row) {
-    if (gathering.asksFor(Need::cores)) row.cores = CoresOf(row.socket, files);
-    if (gathering.asksFor(Need::caches)) row.caches = CachesOf(row.socket, files);
+void FillParts(const Gathering& gathering, const facts::CpuFiles& files, Row& row) {
+    if (gathering.asksFor(Need::cores)) row.cores = facts::CoresOf(row.socket, files);
+    if (gathering.asksFor(Need::caches)) row.caches = facts::CachesOf(row.socket, files);
     if (gathering.asksFor(Need::maxClock)) row.maxClock = MaxClockOf(row, files);
-    if (gathering.asksFor(Need::currentClock)) row.currentClock = ClockOf(row.socket, files);
+    if (gathering.asksFor(Need::currentClock)) row.currentClock = facts::ClockOf(row.socket, files);
 }
 
 WmiStatus GatherOfThisComputer(const Gathering& gathering) {
-    const std::string cpuInfo = ReadCpuInfo();
-    const std::string firmware = gathering.asksFor(Need::firmware) ? ReadSmbiosTable() : "";
-    const std::string machine = gathering.asksFor(Need::machine) ? MachineName() : "";
-    ProcessorSources sources{cpuInfo, firmware, machine, ReadCpuFile, {}, {}};
+    const std::string cpuInfo = facts::ReadCpuInfo();
+    const std::string firmware = gathering.asksFor(Need::firmware) ? facts::ReadSmbiosTable() : "";
+    const std::string machine = gathering.asksFor(Need::machine) ? facts::MachineName() : "";
+    ProcessorSources sources{cpuInfo, firmware, machine, facts::ReadCpuFile, {}, {}};
     if (gathering.asksFor(Need::load)) TakeLoadSamples(sources);
     return GatherProcessors(gathering, sources);
 }
 
 constexpr ClassInfo classes[] = {{u"Win32_Processor", u"CIM_Processor", properties, GatherOfThisComputer}};
 
+const ClassFamily family([] { return std::span<const ClassInfo>(classes); });
+
 }  // namespace
 
 WmiStatus GatherProcessors(const Gathering& gathering, const ProcessorSources& sources) {
-    const std::vector<SmbiosStructure> firmware = ProcessorsIn(ParseSmbios(sources.firmware));
+    const std::vector<facts::SmbiosStructure> firmware = ProcessorsIn(facts::ParseSmbios(sources.firmware));
     Row row;
     row.machine = sources.machine;
-    if (gathering.asksFor(Need::host)) row.host = HostName();
-    for (Socket& socket : SocketsOf(ParseCpuInfo(sources.cpuInfo), sources.files)) {
+    if (gathering.asksFor(Need::host)) row.host = facts::HostName();
+    for (facts::Socket& socket : facts::SocketsOf(facts::ParseCpuInfo(sources.cpuInfo), sources.files)) {
         row.socket = std::move(socket);
-        row.firmware = row.number < firmware.size() ? firmware[row.number] : SmbiosStructure();
-        row.load = BusyPercent(row.socket.processors, sources.loadFrom, sources.loadTo);
+        row.firmware = row.number < firmware.size() ? firmware[row.number] : facts::SmbiosStructure();
+        row.load = facts::BusyPercent(row.socket.processors, sources.loadFrom, sources.loadTo);
         FillParts(gathering, sources.files, row);
         if (!gathering.row(&row)) break;
         ++row.number;
@@ -243,6 +246,4 @@ WmiStatus GatherProcessors(const Gathering& gathering, const ProcessorSources& s
     return wmi_status::ok;
 }
 
-std::span<const ClassInfo> ProcessorClasses() { return classes; }
-
-}  // namespace platform::wmi
+}  // namespace kv::wql

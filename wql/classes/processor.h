@@ -8,19 +8,19 @@
 #include "facts/processor_load.h"
 #include "wql/wmi_class.h"
 
-namespace platform::wmi {
+namespace kv::wql {
 
 /// What processors are described by.
 struct ProcessorSources {
     std::string_view cpuInfo;   // /proc/cpuinfo
     std::string_view firmware;  // a table of SMBIOS
     std::string_view machine;   // as uname(2) names it
-    CpuFiles files;             // asked only for what a query needs
-    TimesByProcessor loadFrom;
-    TimesByProcessor loadTo;
+    facts::CpuFiles files;      // asked only for what a query needs
+    facts::TimesByProcessor loadFrom;
+    facts::TimesByProcessor loadTo;
 };
 
 /// Gathers the processors that are described.
 WmiStatus GatherProcessors(const Gathering& gathering, const ProcessorSources& sources);
 
-}  // namespace platform::wmi
+}  // namespace kv::wql

@@ -5,14 +5,14 @@
 #include <system_error>
 
 #include "facts/host_names.h"
-#include "wql/classes/families.h"
+#include "wql/class_tree.h"
 
-namespace platform::wmi {
+namespace kv::wql {
 
 namespace {
 
 using enum CimType;
-using namespace systemd;
+using namespace platform::systemd;
 
 struct Need {
     enum Bits : std::uint32_t {
@@ -128,7 +128,7 @@ std::vector<std::string> PatternsOf(const Gathering& gathering) {
     std::vector<std::string> patterns;
     for (const CimValue& value : *names) {
         const auto* name = std::get_if<std::u16string>(&value.held);
-        if (name != nullptr) patterns.push_back(PatternOfName(Utf8FromWide(*name)));
+        if (name != nullptr) patterns.push_back(PatternOfName(platform::Utf8FromWide(*name)));
     }
     return patterns;
 }
@@ -195,7 +195,7 @@ int ReadDetails(UnitManager& manager, const Gathering& gathering, Row& row) {
 }
 
 int HandOver(UnitManager& manager, const Gathering& gathering, std::vector<ServiceUnit>& units) {
-    const std::u16string host = gathering.asksFor(Need::host) ? HostName() : std::u16string();
+    const std::u16string host = gathering.asksFor(Need::host) ? facts::HostName() : std::u16string();
     for (ServiceUnit& unit : units) {
         Row row;
         row.host = host;
@@ -210,6 +210,8 @@ constexpr ClassInfo classes[] = {
     {u"Win32_Service", u"Win32_BaseService", properties,
      [](const Gathering& gathering) { return GatherServices(gathering, usualPatience); }},
 };
+
+const ClassFamily family([] { return std::span<const ClassInfo>(classes); });
 
 }  // namespace
 
@@ -253,6 +255,4 @@ WmiStatus GatherServices(const Gathering& gathering, std::chrono::milliseconds p
     return result == -ETIMEDOUT ? wmi_status::timedOut : wmi_status::failed;
 }
 
-std::span<const ClassInfo> ServiceClasses() { return classes; }
-
-}  // namespace platform::wmi
+}  // namespace kv::wql

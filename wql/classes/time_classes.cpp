@@ -5,9 +5,9 @@
 #include "facts/local_time.h"
 #include "facts/system_text.h"
 #include "facts/zone_rules.h"
-#include "wql/classes/families.h"
+#include "wql/class_tree.h"
 
-namespace platform::wmi {
+namespace kv::wql {
 
 namespace {
 
@@ -15,23 +15,23 @@ using enum CimType;
 
 // clang-format off
 constexpr PropertyInfo timeProperties[] = {
-    {u"Day", uint32, 0, "of the month", [](const CalendarTime& row) { return row.parts.tm_mday; }},
-    {u"DayOfWeek", uint32, 0, "0 Sunday to 6 Saturday", [](const CalendarTime& row) { return row.parts.tm_wday; }},
-    {u"Hour", uint32, 0, "0 to 23", [](const CalendarTime& row) { return row.parts.tm_hour; }},
-    {u"Milliseconds", uint32, 0, "of the second", [](const CalendarTime& row) { return row.milliseconds; }},
-    {u"Minute", uint32, 0, "0 to 59", [](const CalendarTime& row) { return row.parts.tm_min; }},
-    {u"Month", uint32, 0, "1 to 12", [](const CalendarTime& row) { return row.parts.tm_mon + 1; }},
-    {u"Quarter", uint32, 0, "1 to 4", [](const CalendarTime& row) { return row.parts.tm_mon / 3 + 1; }},
-    {u"Second", uint32, 0, "0 to 60", [](const CalendarTime& row) { return row.parts.tm_sec; }},
-    {u"WeekInMonth", uint32, 0, "1 to 6, from Sunday to Saturday", [](const CalendarTime& row) { return WeekInMonthOf(row.parts); }},
-    {u"Year", uint32, 0, "of the calendar", [](const CalendarTime& row) { return row.parts.tm_year + 1900; }},
+    {u"Day", uint32, 0, "of the month", [](const facts::CalendarTime& row) { return row.parts.tm_mday; }},
+    {u"DayOfWeek", uint32, 0, "0 Sunday to 6 Saturday", [](const facts::CalendarTime& row) { return row.parts.tm_wday; }},
+    {u"Hour", uint32, 0, "0 to 23", [](const facts::CalendarTime& row) { return row.parts.tm_hour; }},
+    {u"Milliseconds", uint32, 0, "of the second", [](const facts::CalendarTime& row) { return row.milliseconds; }},
+    {u"Minute", uint32, 0, "0 to 59", [](const facts::CalendarTime& row) { return row.parts.tm_min; }},
+    {u"Month", uint32, 0, "1 to 12", [](const facts::CalendarTime& row) { return row.parts.tm_mon + 1; }},
+    {u"Quarter", uint32, 0, "1 to 4", [](const facts::CalendarTime& row) { return row.parts.tm_mon / 3 + 1; }},
+    {u"Second", uint32, 0, "0 to 60", [](const facts::CalendarTime& row) { return row.parts.tm_sec; }},
+    {u"WeekInMonth", uint32, 0, "1 to 6, from Sunday to Saturday", [](const facts::CalendarTime& row) { return facts::WeekInMonthOf(row.parts); }},
+    {u"Year", uint32, 0, "of the calendar", [](const facts::CalendarTime& row) { return row.parts.tm_year + 1900; }},
 };
 // clang-format on
 
 struct ZoneRow {
     std::string name;  // of the zone; empty where it has none
-    ZoneRules rules;
-    DaylightSaving daylight;  // nothing where the clock is never changed
+    facts::ZoneRules rules;
+    facts::DaylightSaving daylight;  // nothing where the clock is never changed
 };
 
 /// "(UTC+01:00) Europe/Berlin".
@@ -63,11 +63,11 @@ constexpr PropertyInfo zoneProperties[] = {
     {u"DaylightMillisecond", uint32, 0, "none", zero},
     {u"DaylightMinute", uint32, 0, "of the clock before the change", [](const ZoneRow& row) { return row.daylight.start.minute; }},
     {u"DaylightMonth", uint32, 0, "0 without daylight saving", [](const ZoneRow& row) { return row.daylight.start.month; }},
-    {u"DaylightName", string, 0, "such as CEST", [](const ZoneRow& row) { return KnownText(row.daylight.name); }},
+    {u"DaylightName", string, 0, "such as CEST", [](const ZoneRow& row) { return facts::KnownText(row.daylight.name); }},
     {u"DaylightSecond", uint32, 0, "of the clock before the change", [](const ZoneRow& row) { return row.daylight.start.second; }},
     {u"DaylightYear", uint32, 0, "0: every year", zero},
     {u"Description", string, 0, "as Caption", captionIn},
-    {u"SettingID", string, 0, "name of the zone", [](const ZoneRow& row) { return KnownText(row.name); }},
+    {u"SettingID", string, 0, "name of the zone", [](const ZoneRow& row) { return facts::KnownText(row.name); }},
     {u"StandardBias", uint32, 0, "none", zero},
     {u"StandardDay", uint32, 0, "which StandardDayOfWeek of the month, 5 the last", [](const ZoneRow& row) { return row.daylight.end.week; }},
     {u"StandardDayOfWeek", uint8, 0, "0 Sunday", [](const ZoneRow& row) { return row.daylight.end.dayOfWeek; }},
@@ -82,29 +82,29 @@ constexpr PropertyInfo zoneProperties[] = {
 // clang-format on
 
 WmiStatus GatherLocalTime(const Gathering& gathering) {
-    const CalendarTime now = LocalTimeOf(MicrosecondsNow());
+    const facts::CalendarTime now = facts::LocalTimeOf(facts::MicrosecondsNow());
     gathering.row(&now);
     return wmi_status::ok;
 }
 
 WmiStatus GatherUtcTime(const Gathering& gathering) {
-    const CalendarTime now = UtcTimeOf(MicrosecondsNow());
+    const facts::CalendarTime now = facts::UtcTimeOf(facts::MicrosecondsNow());
     gathering.row(&now);
     return wmi_status::ok;
 }
 
 /// What the running offset tells, for a zone whose file ends without rules.
-ZoneRules RulesNow() {
-    const CalendarTime now = LocalTimeOf(MicrosecondsNow());
+facts::ZoneRules RulesNow() {
+    const facts::CalendarTime now = facts::LocalTimeOf(facts::MicrosecondsNow());
     return {.name = now.parts.tm_zone, .minutesEast = now.minutesEast, .daylight = std::nullopt};
 }
 
 WmiStatus GatherTimeZone(const Gathering& gathering) {
-    Zone zone = ReadZone();
+    facts::Zone zone = facts::ReadZone();
     ZoneRow row;
     row.name = std::move(zone.name);
     row.rules = zone.rules ? std::move(*zone.rules) : RulesNow();
-    row.daylight = row.rules.daylight.value_or(DaylightSaving());
+    row.daylight = row.rules.daylight.value_or(facts::DaylightSaving());
     gathering.row(&row);
     return wmi_status::ok;
 }
@@ -115,8 +115,8 @@ constexpr ClassInfo classes[] = {
     {u"Win32_TimeZone", u"CIM_Setting", zoneProperties, GatherTimeZone},
 };
 
+const ClassFamily family([] { return std::span<const ClassInfo>(classes); });
+
 }  // namespace
 
-std::span<const ClassInfo> TimeClasses() { return classes; }
-
-}  // namespace platform::wmi
+}  // namespace kv::wql

@@ -7,8 +7,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "facts/system_text.h"
+#include "platform/linux/descriptor.h"
 #include "platform/linux/linux.h"
+#include "platform/linux/system_file.h"
 #include "platform/linux/systemd/units.h"
 
 namespace platform::systemd {
@@ -74,7 +75,7 @@ void TakeBack(sd_bus* bus, const std::string& path, const std::string& unit, int
 bool IsOwnFile(const std::string& path) {
     struct stat facts {};
     if (lstat(path.c_str(), &facts) != 0 || !S_ISREG(facts.st_mode)) return false;
-    const auto text = wmi::ReadSystemFile(path);
+    const auto text = ReadSystemFile(path);
     return text && text->starts_with(unitFileMark);
 }
 

@@ -1,0 +1,17 @@
+// Reading small files whole, such as those in which the kernel tells of itself.
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <sys/types.h>
+
+namespace platform {
+
+/// read(2), again when it was interrupted.
+ssize_t ReadOnce(int file, char* to, std::size_t room);
+
+/// A whole file such as those below /proc and /sys; none when it cannot be read. Reads at most 16 MB.
+std::optional<std::string> ReadSystemFile(const std::string& path);
+
+}  // namespace platform
