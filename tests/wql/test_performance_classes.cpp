@@ -27,7 +27,6 @@ namespace kv::test {
 namespace {
 
 using namespace platform;
-using namespace facts;
 using namespace wql;
 using enum CounterKind;
 namespace fs = std::filesystem;

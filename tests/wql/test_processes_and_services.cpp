@@ -12,11 +12,13 @@
 #include "wql/class_tree.h"
 #include "wql/classes/services.h"
 
-namespace platform::wmi {
+namespace kv::test {
 namespace {
 
-using namespace systemd;
-using namespace kv::test;
+using namespace facts;
+using namespace platform;
+using namespace platform::systemd;
+using namespace wql;
 using namespace std::string_literals;
 
 TEST(ProcessTexts, NamesAndCommandLines) {

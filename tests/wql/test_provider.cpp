@@ -14,7 +14,6 @@ namespace kv::test {
 namespace {
 
 using namespace platform;
-using namespace facts;
 using namespace wql;
 
 struct WmiProvider : ::testing::Test {

@@ -253,7 +253,7 @@ std::vector<std::int32_t> OffsetsOfMonths() {
 
 TEST(WmiTimeZones, AreThoseOfTheCLibrary) {
     std::size_t changing = 0;
-    const std::string table = ReadSystemFile("/usr/share/zoneinfo/zone1970.tab").value_or("");
+    const std::string table = platform::ReadSystemFile("/usr/share/zoneinfo/zone1970.tab").value_or("");
     std::string_view rest = table;
     for (std::string_view line; TakeLine(rest, line);) {
         if (line.starts_with('#')) continue;

@@ -8,8 +8,14 @@
 #include "wql/condition.h"
 #include "wql/wql_query.h"
 
-namespace platform::wmi {
+namespace kv::test {
 namespace {
+
+using namespace wql;
+using platform::Utf8FromWide;
+using platform::Variant;
+using platform::VariantType;
+using platform::WideFromUtf8;
 
 struct Row {
     CimValue boolean, sint8, sint16, sint32, sint64, real32, real64, string, datetime, uint8, uint16, uint32, uint64;
@@ -219,4 +225,4 @@ TEST(WmiValues, GoOutByTheirDeclaredTypes) {
 }
 
 }  // namespace
-}  // namespace platform::wmi
+}  // namespace kv::test
