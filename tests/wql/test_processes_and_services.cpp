@@ -119,4 +119,4 @@ TEST(WmiServices, AManagerThatFallsSilentIsNotWaitedFor) {
 }
 
 }  // namespace
-}  // namespace platform::wmi
+}  // namespace kv::test

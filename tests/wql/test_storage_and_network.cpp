@@ -164,7 +164,8 @@ TEST_F(WmiStorage, ADeadMountCostsOthersNothing) {
     ASSERT_EQ(nameOnly.rows.size(), 1u);
     EXPECT_EQ(TextsOf(nameOnly.rows[0], "DriveType,ProviderName"), "4 nas.example:/data");
 
-    std::vector<Mount> disks = DisksAmong(ParseMountInfo(platform::ReadSystemFile("/proc/self/mountinfo").value_or("")));
+    std::vector<Mount> disks =
+        DisksAmong(ParseMountInfo(platform::ReadSystemFile("/proc/self/mountinfo").value_or("")));
     std::erase_if(disks, [&](const Mount& disk) { return disk.mountPoint != folder; });
     EXPECT_FALSE(AskMounts(disks, AskFileSystem, 100ms, [](const std::string&) {})[0].has_value());
 
