@@ -3,7 +3,7 @@
 #include <optional>
 #include <string>
 
-#include "collection/record_member.h"
+#include "collection/record_members.h"
 #include "foundation/agent_state.h"
 #include "foundation/guarded.h"
 #include "foundation/line_bound.h"

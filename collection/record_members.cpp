@@ -1,4 +1,4 @@
-#include "collection/record_member.h"
+#include "collection/record_members.h"
 
 namespace kv {
 

@@ -1,6 +1,6 @@
 #include "collection/collect.h"
 #include "collection/record_file.h"
-#include "collection/record_member.h"
+#include "collection/record_members.h"
 #include "collection/snmp_query.h"
 #include "foundation/agent_state.h"
 #include "foundation/log.h"

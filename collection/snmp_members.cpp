@@ -1,7 +1,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "collection/record_member.h"
+#include "collection/record_members.h"
 #include "collection/snmp_query.h"
 #include "foundation/log.h"
 #include "platform/utf.h"

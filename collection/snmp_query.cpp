@@ -4,7 +4,7 @@
 #include <utility>
 #include <vector>
 
-#include "collection/record_member.h"
+#include "collection/record_members.h"
 #include "foundation/agent_state.h"
 #include "foundation/log.h"
 

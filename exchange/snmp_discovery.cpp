@@ -3,7 +3,7 @@
 #include <array>
 #include <utility>
 
-#include "collection/record_member.h"
+#include "collection/record_members.h"
 #include "collection/snmp_query.h"
 #include "foundation/agent_state.h"
 #include "foundation/host_utils.h"
