@@ -1,8 +1,9 @@
+#include "collection/execute.h"
+
 #include <algorithm>
 #include <limits>
 #include <string>
 
-#include "collection/collect.h"
 #include "foundation/log.h"
 #include "foundation/open_file.h"
 #include "foundation/system_error.h"

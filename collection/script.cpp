@@ -1,17 +1,21 @@
+#include "collection/script.h"
+
 #include <algorithm>
 #include <array>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "collection/collect.h"
+#include "collection/execute.h"
 #include "collection/record_file.h"
+#include "collection/record_members.h"
 #include "collection/script_output.h"
 #include "foundation/agent_state.h"
 #include "foundation/file_utils.h"
 #include "foundation/log.h"
 #include "foundation/open_file.h"
 #include "foundation/system_error.h"
+#include "foundation/time_utils.h"
 #include "platform/files.h"
 #include "platform/process.h"
 
@@ -124,7 +128,26 @@ void MakeRecordOfOutput(const std::u16string& path, platform::ScriptOutputEncodi
         Log1("ExecuteScript : the output %s is still in use and stays \n", outputPath);
 }
 
+/// Key, name, time, time difference and the record's own parameters. A text that is absent leaves its two blanks.
+std::u16string ScriptParameters(const HashTable* record) {
+    const std::int64_t difference = agentState.gv_timeDiff;
+    std::u16string text(agentState.gv_agentKey.view());
+    text += u" " + ReadMember(record, u"Name").value_or(u"");
+    text += u" " + DecimalText(GetNowSeconds() + difference);
+    text += u" " + DecimalText(difference);
+    return text += u" " + ReadMember(record, u"params").value_or(u"");
+}
+
 }  // namespace
+
+void CollectScript(const HashTable* record) {
+    const OptionalText script = ReadMember(record, u"script");
+    if (!script) {
+        Log1("\t CollectAndSaveData :: a script record without the text script is skipped \n");
+        return;
+    }
+    ExecuteScript(*script, ScriptParameters(record), ReadMember(record, u"response_needed"));
+}
 
 int ExecuteScript(std::u16string_view fileName, std::u16string_view commandLineParam, const OptionalText& viewOutput) {
     Log3("\t Inside ExecuteScript() \n");

@@ -1,10 +1,9 @@
-#include "collection/collect.h"
+#include "collection/snmp.h"
+
 #include "collection/record_file.h"
 #include "collection/record_members.h"
 #include "collection/snmp_query.h"
-#include "foundation/agent_state.h"
 #include "foundation/log.h"
-#include "foundation/time_utils.h"
 #include "http/request_servlet.h"
 #include "jsontext/hash_json.h"
 #include "platform/memory.h"
@@ -13,26 +12,24 @@ namespace kv {
 
 namespace {
 
-void PutMemberIfPresent(HashTable* table, std::u16string_view key, const HashTable* record,
-                        std::u16string_view recordKey) {
-    if (const OptionalText text = RecordMember(record, recordKey)) PutHashText(table, key, *text);
-}
+/// Behind the values and their status, in this order. The key is the polled agent's.
+constexpr RecordMember members[] = {
+    record_member::collectTime,
+    {.key = u"ID", .copyOf = u"POLL_ID", .whenAbsent = WhenAbsent::emptyText},
+    record_member::customerId,
+    {.key = u"PROTOCOL", .copyOf = u"PROTOCOL", .whenAbsent = WhenAbsent::emptyText},
+    {.key = u"AGENTKEY", .copyOf = u"AGENT_KEY"},
+    {.key = u"IS_MULTIPLE_POLLED_DATA", .copyOf = u"IS_MULTIPLE_POLLED_DATA"},
+    {.key = u"POLICY_NAME", .copyOf = u"POLICY_NAME"},
+};
 
-/// The members behind the values, in their order.
-void PutRecordMembers(HashTable* table, const HashTable* record) {
-    PutHashText(table, u"DATACOLLECTTIME", DecimalText(GetNowSeconds() + agentState.gv_timeDiff));
-    PutHashText(table, u"ID", RecordMember(record, u"POLL_ID").value_or(u""));
-    PutHashText(table, u"MSPCUSTOMERID", agentState.gv_custID.value_or(u""));
-    PutHashText(table, u"PROTOCOL", RecordMember(record, u"PROTOCOL").value_or(u""));
-    PutMemberIfPresent(table, u"AGENTKEY", record, u"AGENT_KEY");
-    PutMemberIfPresent(table, u"IS_MULTIPLE_POLLED_DATA", record, u"IS_MULTIPLE_POLLED_DATA");
-    PutMemberIfPresent(table, u"POLICY_NAME", record, u"POLICY_NAME");
-}
+/// One that stands in the answer to a request only.
+constexpr RecordMember answerMembers[] = {record_member::requestId};
 
 void SendAnswer(HashTable* table, const HashTable* request) {
-    const std::u16string id = RequestText(request, u"AGENT_REQUEST_ID");
-    PutHashText(table, u"AGENT_REQUEST_ID", id);
-    PostRequestAnswer(RequestText(request, u"REQUEST_TYPE"), id, HashToJSONString(table));
+    PutMembers(table, answerMembers, {.asked = request});
+    PostRequestAnswer(RequestText(request, u"REQUEST_TYPE"), RequestText(request, u"AGENT_REQUEST_ID"),
+                      HashToJSONString(table));
 }
 
 }  // namespace
@@ -48,7 +45,7 @@ void CollectSNMPData(const HashTable* record, std::u16string_view isTest) {
     }
     const std::u16string status = ExecuteSNMPQuery(record, table.get());
     PutHashText(table.get(), u"STATUS", status);
-    PutRecordMembers(table.get(), record);
+    PutMembers(table.get(), members, {.asked = record});
     if (CompareIgnoreCase(isTest, u"true") == 0) return SendAnswer(table.get(), record);
     const std::u16string json = HashToJSONString(table.get());
     memory.pieceBytes = json.size() * sizeof(char16_t);

@@ -23,14 +23,14 @@ std::int32_t NumberUpTo(std::int32_t highest, const OptionalText& text) {
 }  // namespace
 
 std::u16string SnmpCommunity(const HashTable* record) {
-    if (OptionalText text = RecordMember(record, u"COMMUNITY")) return *std::move(text);
+    if (OptionalText text = MemberText(record, u"COMMUNITY")) return *std::move(text);
     Log1("\t %s :: COMMUNITY is absent, public is taken \n", SnmpRecordName(record));
     return u"public";
 }
 
 std::u16string SnmpRecordName(const HashTable* record) {
     const auto part = [&](std::u16string_view before, std::u16string_view key, std::u16string_view after) {
-        const OptionalText text = RecordMember(record, key);
+        const OptionalText text = MemberText(record, key);
         return text ? std::u16string(before) + *text + std::u16string(after) : std::u16string();
     };
     return u"device" + part(u" ", u"DEVICE_NAME", part(u":", u"SNMP_PORT", u"")) +
@@ -41,7 +41,7 @@ std::u16string SnmpRecordName(const HashTable* record) {
 bool SnmpPort(const HashTable* record, std::int32_t& port) {
     if (!ContainsHashKey(record, u"SNMP_PORT"))
         Log1("\t %s :: SNMP_PORT is absent, %d is taken \n", SnmpRecordName(record), defaultPort);
-    port = ContainsHashKey(record, u"SNMP_PORT") ? NumberUpTo(65535, RecordMember(record, u"SNMP_PORT")) : defaultPort;
+    port = ContainsHashKey(record, u"SNMP_PORT") ? NumberUpTo(65535, MemberText(record, u"SNMP_PORT")) : defaultPort;
     if (port == 0)
         Log1("\t %s :: SNMP_PORT is no number from 1 to 65535. The device is not asked \n", SnmpRecordName(record));
     return port != 0;

@@ -54,13 +54,13 @@ bool ReadNarrow(const HashTable* record, const char* key, const OptionalText& me
 
 /// False with a log line when there is nothing to send.
 bool ReadQuery(const HashTable* record, SnmpQuery& query) {
-    const bool isWalk = CompareIgnoreCase(RecordMember(record, u"IS_MULTIPLE_POLLED_DATA"), u"true") == 0;
+    const bool isWalk = CompareIgnoreCase(MemberText(record, u"IS_MULTIPLE_POLLED_DATA"), u"true") == 0;
     query.requestType = isWalk ? snmpWalk : snmpGet;
-    query.retriesLeft = CompareIgnoreCase(RecordMember(record, u"PROTOCOL"), u"SPOLL") == 0;
+    query.retriesLeft = CompareIgnoreCase(MemberText(record, u"PROTOCOL"), u"SPOLL") == 0;
     std::string oids;
-    if (!ReadNarrow(record, "OID", RecordMember(record, u"OID"), oids) ||
-        !ReadNarrow(record, "DEVICE_NAME", RecordMember(record, u"DEVICE_NAME"), query.host) ||
-        !ReadNarrow(record, "SNMP_VERSION", RecordMember(record, u"SNMP_VERSION"), query.version) ||
+    if (!ReadNarrow(record, "OID", MemberText(record, u"OID"), oids) ||
+        !ReadNarrow(record, "DEVICE_NAME", MemberText(record, u"DEVICE_NAME"), query.host) ||
+        !ReadNarrow(record, "SNMP_VERSION", MemberText(record, u"SNMP_VERSION"), query.version) ||
         !ReadNarrow(record, "COMMUNITY", SnmpCommunity(record), query.community)) {
         return false;
     }
@@ -190,7 +190,7 @@ Outcome Poll(SnmpQuery& query, HashTable* table) {
 
 std::u16string ExecuteSNMPQuery(const HashTable* record, HashTable* table) {
     Log3("\t Inside ExecuteSNMPQuery() \n");
-    PutHashText(table, u"OID", RecordMember(record, u"OID").value_or(u""));
+    PutHashText(table, u"OID", MemberText(record, u"OID").value_or(u""));
     SnmpQuery query;
     if (!ReadQuery(record, query)) return u"FAILURE";
     const Outcome outcome = Poll(query, table);
@@ -201,7 +201,7 @@ std::u16string ExecuteSNMPQuery(const HashTable* record, HashTable* table) {
             SnmpRecordName(record), outcome.replaced);
     if (outcome.succeeded) return u"SUCCESS";
     Log1("\t ExecuteSNMPQuery :: The poll of %s for %s failed: %s \n", SnmpRecordName(record),
-         RecordMember(record, u"OID"), outcome.reason);
+         MemberText(record, u"OID"), outcome.reason);
     return u"FAILURE";
 }
 

@@ -1,18 +1,39 @@
-#include <string>
+#include "collection/wmi.h"
 
-#include "collection/collect.h"
+#include <optional>
+#include <string>
+#include <utility>
+
 #include "collection/record_file.h"
+#include "collection/record_members.h"
 #include "collection/wmi_query.h"
-#include "foundation/agent_state.h"
 #include "foundation/log.h"
-#include "foundation/time_utils.h"
 #include "jsontext/hash_json.h"
 #include "platform/memory.h"
 
 namespace kv {
 
+namespace {
+
+/// Behind the rows, in this order.
+constexpr RecordMember members[] = {record_member::errorMessage, record_member::collectTime, record_member::agentKey,
+                                    record_member::customerId};
+
+}  // namespace
+
+void CollectWMI(const HashTable* record) {
+    const OptionalText query = ReadMember(record, u"wmiQuery");
+    const OptionalText name = ReadMember(record, u"Name");
+    if (query && name) return ExecuteWMIQuery(ReadMember(record, u"nameSpace"), *query, *name);
+    Log1("\t CollectAndSaveData :: a WMI record without the text %s is skipped \n", query ? "Name" : "wmiQuery");
+}
+
 void ExecuteWMIQuery(const OptionalText& nameSpace, std::u16string_view wmiQuery, std::u16string_view name) {
     Log3("\t Inside ExecuteWMIQuery() \n");
+    if (HasMember(members, name)) {
+        Log1("\t ExecuteWMIQuery :: a WMI record is skipped, because %s is another member of it \n", name);
+        return;
+    }
     platform::MemoryReleaseAtEnd memory;
     const std::u16string dataDirectory = PrepareDataDirectory("ExecuteWMIQuery");
     const HashTablePtr record = MakeHashTable();
@@ -22,12 +43,8 @@ void ExecuteWMIQuery(const OptionalText& nameSpace, std::u16string_view wmiQuery
         return;
     }
     const std::u16string message = WMIFunction(nameSpace, std::u16string(wmiQuery), rows.get());
-    if (PutHashValue(record.get(), name, reinterpret_cast<Word>(rows.get()), ValueType::vector) == 1)
-        static_cast<void>(rows.release());
-    PutHashText(record.get(), u"ERRORMSG", message);
-    PutHashText(record.get(), u"DATACOLLECTTIME", DecimalText(GetNowSeconds() + agentState.gv_timeDiff));
-    PutHashText(record.get(), u"AGENTKEY", agentState.gv_agentKey.view());
-    PutHashText(record.get(), u"MSPCUSTOMERID", agentState.gv_custID.value_or(u""));
+    PutRows(record.get(), name, std::move(rows));
+    PutMembers(record.get(), members, {.asked = nullptr, .message = message});
     const std::u16string json = HashToJSONString(record.get());
     memory.pieceBytes = json.size() * sizeof(char16_t);
     const std::optional<std::u16string> file = WriteRecordFile(dataDirectory, json);

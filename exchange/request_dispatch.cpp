@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "collection/collect.h"
+#include "collection/snmp.h"
 #include "exchange/local_requests.h"
 #include "exchange/snmp_discovery.h"
 #include "foundation/agent_state.h"

@@ -44,7 +44,7 @@ SnmpResponsePtr AskForIdentity(const HashTable* request, Discovery& discovery) {
     discovery.version = u"v2";
     std::int32_t port = 0;
     if (!SnmpPort(request, port)) return nullptr;
-    const std::int32_t timeout = SnmpTimeout(request, RecordMember(request, u"SNMP_TIMEOUT"));
+    const std::int32_t timeout = SnmpTimeout(request, MemberText(request, u"SNMP_TIMEOUT"));
     const auto ask = [&](const char* version) {
         return SnmpResponsePtr(SnmpManagerRequest(host.c_str(), port, timeout, community.c_str(), snmpGet, version,
                                                   identityOids.data(), identityCount,
@@ -76,7 +76,7 @@ void TakeIdentity(const SnmpResponseData* response, Discovery& discovery) {
 
 Discovery Discover(const HashTable* request) {
     Discovery discovery;
-    const std::u16string device = RecordMember(request, u"DEVICE_NAME").value_or(u"");
+    const std::u16string device = MemberText(request, u"DEVICE_NAME").value_or(u"");
     discovery.community = SnmpCommunity(request);
     OptionalText name, address;
     if (device.empty() || !GetRemoteHostDetails(device, name, address)) {
@@ -95,34 +95,35 @@ Discovery Discover(const HashTable* request) {
     return discovery;
 }
 
-void PutReplyMembers(HashTable* table, const HashTable* request, const std::u16string& id) {
-    const Discovery found = Discover(request);
-    PutHashText(table, u"AGENTKEY", agentState.gv_agentKey.view());
-    PutHashText(table, u"AGENT_REQUEST_ID", id);
-    PutHashText(table, u"MSPCUSTOMERID", agentState.gv_custID.value_or(u""));
-    PutHashText(table, u"RemoteOffice", agentState.gv_remoteOfficeName.value_or(u""));
-    PutHashText(table, u"IPAddress", found.address);
-    PutHashText(table, u"DNSName", found.name);
-    PutHashText(table, u"Community", found.community);
-    PutHashText(table, u"SNMPPort", RecordMember(request, u"SNMP_PORT").value_or(u""));
-    PutHashText(table, u"SYSOID", found.identity[0]);
-    PutHashText(table, u"SYSNAME", found.identity[2]);
-    PutHashText(table, u"SYSDESC", found.identity[1]);
-    PutHashText(table, u"SNMPVersion", found.version);
+/// Ahead of what was found, in this order.
+constexpr RecordMember replyMembers[] = {record_member::agentKey, record_member::requestId, record_member::customerId};
+
+void PutFound(HashTable* reply, const HashTable* request, const Discovery& found) {
+    PutHashText(reply, u"RemoteOffice", agentState.gv_remoteOfficeName.value_or(u""));
+    PutHashText(reply, u"IPAddress", found.address);
+    PutHashText(reply, u"DNSName", found.name);
+    PutHashText(reply, u"Community", found.community);
+    PutHashText(reply, u"SNMPPort", MemberText(request, u"SNMP_PORT").value_or(u""));
+    PutHashText(reply, u"SYSOID", found.identity[0]);
+    PutHashText(reply, u"SYSNAME", found.identity[2]);
+    PutHashText(reply, u"SYSDESC", found.identity[1]);
+    PutHashText(reply, u"SNMPVersion", found.version);
 }
 
 }  // namespace
 
 void DiscoverSNMPDevices(const HashTable* request) {
     Log3("\t Inside DiscoverSNMPDevices() \n");
-    const HashTablePtr table = MakeHashTable();
-    if (!table) {
+    const HashTablePtr reply = MakeHashTable();
+    if (!reply) {
         Log1("\tDiscoverSNMPDevices: Init Failed -- SystemInfo\n");
         return;
     }
-    const std::u16string id = RequestText(request, u"AGENT_REQUEST_ID");
-    PutReplyMembers(table.get(), request, id);
-    PostRequestAnswer(u"DISCOVER_SNMP_DEVICES", id, HashToJSONString(table.get()));
+    const Discovery found = Discover(request);
+    PutMembers(reply.get(), replyMembers, {.asked = request});
+    PutFound(reply.get(), request, found);
+    PostRequestAnswer(u"DISCOVER_SNMP_DEVICES", RequestText(request, u"AGENT_REQUEST_ID"),
+                      HashToJSONString(reply.get()));
     Log3("DiscoverSNMPDevices : Successfully executed the command \n");
 }
 

@@ -4,6 +4,10 @@
 #include <iterator>
 
 #include "collection/collect.h"
+#include "collection/execute.h"
+#include "collection/script.h"
+#include "collection/snmp.h"
+#include "collection/wmi.h"
 #include "foundation/agent_state.h"
 #include "foundation/file_utils.h"
 #include "platform/utf.h"

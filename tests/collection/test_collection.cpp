@@ -207,7 +207,7 @@ TEST_F(Collection, AWorkflowRunsItsRecordsInOrderByKind) {
     ASSERT_TRUE(JSONTextToHash(plan,
                                uR"({"WorkFlows":[{"wfname":"w","recordSetName":[
         {"wmiQuery":"SELECT * FROM D","script":"args.bat","Name":"Disks","PROTOCOL":"SPOLL"},
-        {"wmiQuery":[],"Name":"Broken"}, "no record", {"OTHER":"kind"}, {"wmiQuery":"SELECT"}, {"script":["x"]},
+        {"wmiQuery":[],"Name":"Broken"}, {"wmiQuery":"x","Name":"AGENTKEY"}, "no record", {"OTHER":"kind"}, {"wmiQuery":"SELECT"}, {"script":["x"]},
         {"script":"args.bat","PROTOCOL":"SPOLL","Name":7,"params":false,"response_needed":true},
         {"PROTOCOL":"SPOLL","DEVICE_NAME":"router"}]}, {"wfname":"v","recordSetName":"x"}]})")
                     .ok);
@@ -226,11 +226,12 @@ TEST_F(Collection, AWorkflowRunsItsRecordsInOrderByKind) {
               "{ \"PROTOCOL\": \"SPOLL\", \"MSPCUSTOMERID\": \"Acme\", \"ID\": \"\", "
               "\"DATACOLLECTTIME\": \"1772705107\", \"STATUS\": \"FAILURE\", \"OID\": \"\" }");
     EXPECT_EQ(DataFiles(), 3);
-    for (const char* line : {"a WMI record without the text wmiQuery", "a WMI record without the text Name",
-                             "a script record without the text script", "script is no text, whole number",
-                             "something in recordSetName is no record", "Without OID nothing is asked",
-                             "workflow v has no list recordSetName", "no workflow stands at index [2]",
-                             "Data not collected as connection to CS is lost"}) {
+    for (const char* line :
+         {"a WMI record without the text wmiQuery", "a WMI record without the text Name",
+          "a script record without the text script", "script is not a text, a whole number",
+          "skipped, because AGENTKEY is another member of it", "an element of recordSetName is not a record",
+          "Without OID nothing is asked", "workflow v has no list recordSetName", "there is no workflow at index [2]",
+          "Data not collected as connection to CS is lost"}) {
         EXPECT_TRUE(Logged(line)) << line;
     }
 }

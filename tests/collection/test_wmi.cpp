@@ -3,7 +3,7 @@
 #include <new>
 #include <tuple>
 
-#include "collection/collect.h"
+#include "collection/wmi.h"
 #include "collection/wmi_query.h"
 #include "collection/wmi_text.h"
 #include "foundation/agent_state.h"

@@ -216,7 +216,7 @@ TEST_F(Scheduler, HundredsOfReloadsWhileCollectingAreSafe) {
     timer.join();
     EXPECT_GE(ran, 150);
     EXPECT_EQ(agentState.gv_sortVec->count, workflows);
-    EXPECT_EQ(TimesLogged("no workflow stands at index"), 0);
+    EXPECT_EQ(TimesLogged("there is no workflow at index"), 0);
     EXPECT_EQ(TimesLogged("scheduled successfully..."), 300);
 }
 
