@@ -1,79 +1,86 @@
 #include "facts/account_files.h"
 
-#include "facts/system_text.h"
+#include <cerrno>
+#include <grp.h>
+#include <pwd.h>
+#include <shadow.h>
+
+#include "facts/text_file.h"
 
 namespace kv::facts {
 
 namespace {
 
-/// Splits at colons.
-std::vector<std::string_view> FieldsOf(std::string_view line) {
-    std::vector<std::string_view> fields;
-    for (std::size_t end = line.find(':'); end != std::string_view::npos; end = line.find(':')) {
-        fields.push_back(line.substr(0, end));
-        line.remove_prefix(end + 1);
+constexpr long noDays = -1;  // what the C library puts for an empty field of shadow
+
+/// Of fgetpwent_r, fgetgrent_r and fgetspent_r.
+template <class Record>
+using NextEntry = int (*)(std::FILE* file, Record* record, char* buffer, std::size_t size, Record** found);
+
+/// Hands out the entries of a text one by one. The C library passes over lines that it cannot parse. When its texts do
+/// not fit into the buffer it goes back to the start of the line, so that a larger buffer gets all of it.
+template <class Record, class Use>
+void ForEachEntry(std::string_view text, NextEntry<Record> next, const Use& use) {
+    const File file = OpenText(text);
+    constexpr std::size_t usualEntry = 1024;
+    std::string buffer(usualEntry, '\0');
+    Record record{};
+    Record* found = nullptr;
+    while (true) {
+        const int failure = next(file.get(), &record, buffer.data(), buffer.size(), &found);
+        if (failure == ERANGE) {
+            buffer.resize(buffer.size() * 2);
+        } else if (failure == 0 && found != nullptr) {
+            use(record);
+        } else {
+            return;
+        }
     }
-    fields.push_back(line);
-    return fields;
 }
 
-std::optional<std::uint32_t> IdOf(std::string_view text) {
-    const std::optional<std::uint64_t> id = NumberOf(text);
-    return id && *id <= UINT32_MAX ? std::optional(static_cast<std::uint32_t>(*id)) : std::nullopt;
-}
+/// "+" and "-" entries take users in from a directory, and are not users. Their other fields may be null.
+bool IsLocal(std::string_view name) { return !name.empty() && name[0] != '+' && name[0] != '-'; }
 
-PasswordEntry PasswordOf(const std::vector<std::string_view>& fields) {
-    constexpr std::uint64_t never = 99999;  // what useradd writes for it
-    const std::string_view password = fields[1];
-    const std::uint64_t leastDays = NumberOf(fields[3]).value_or(0);
-    const std::uint64_t mostDays = NumberOf(fields[4]).value_or(never);
-    const std::optional<std::uint64_t> expiry = NumberOf(fields[7]);
+PasswordEntry PasswordFacts(const spwd& shadow) {
+    constexpr long never = 99999;  // what useradd writes for it
+    const std::string_view password = shadow.sp_pwdp;
+    const long leastDays = shadow.sp_min == noDays ? 0 : shadow.sp_min;
+    const long mostDays = shadow.sp_max == noDays ? never : shadow.sp_max;
     PasswordEntry entry;
     entry.isRequired = !password.empty();
     entry.opensNothing = password.starts_with('!') || password.starts_with('*');
     entry.isLocked = password.starts_with('!') && password.find_first_not_of("!*") != std::string_view::npos;
     entry.expires = mostDays < never;
     entry.mayBeChanged = leastDays <= mostDays;
-    if (expiry) entry.accountExpiry = static_cast<std::int64_t>(*expiry);
+    if (shadow.sp_expire != noDays) entry.accountExpiry = shadow.sp_expire;
     return entry;
 }
 
 }  // namespace
 
 std::vector<UserEntry> ParsePasswd(std::string_view text) {
-    constexpr std::size_t fieldCount = 7;
     std::vector<UserEntry> users;
-    for (std::string_view line; TakeLine(text, line);) {
-        const std::vector<std::string_view> fields = FieldsOf(Trimmed(line));
-        if (fields.size() != fieldCount || fields[0].empty()) continue;
-        const std::optional<std::uint32_t> id = IdOf(fields[2]);
-        const std::string_view gecos = fields[4];
-        if (!id) continue;
-        users.push_back(
-            {std::string(fields[0]), *id, std::string(gecos.substr(0, gecos.find(','))), std::string(fields[6])});
-    }
+    ForEachEntry<passwd>(text, fgetpwent_r, [&](const passwd& entry) {
+        if (!IsLocal(entry.pw_name)) return;
+        const std::string_view gecos = entry.pw_gecos;
+        users.push_back({entry.pw_name, entry.pw_uid, std::string(gecos.substr(0, gecos.find(','))), entry.pw_shell});
+    });
     return users;
 }
 
 std::vector<GroupEntry> ParseGroups(std::string_view text) {
-    constexpr std::size_t fieldCount = 4;
     std::vector<GroupEntry> groups;
-    for (std::string_view line; TakeLine(text, line);) {
-        const std::vector<std::string_view> fields = FieldsOf(Trimmed(line));
-        if (fields.size() != fieldCount || fields[0].empty()) continue;
-        const std::optional<std::uint32_t> id = IdOf(fields[2]);
-        if (id) groups.push_back({std::string(fields[0]), *id});
-    }
+    ForEachEntry<group>(text, fgetgrent_r, [&](const group& entry) {
+        if (IsLocal(entry.gr_name)) groups.push_back({entry.gr_name, entry.gr_gid});
+    });
     return groups;
 }
 
 std::map<std::string, PasswordEntry> ParseShadow(std::string_view text) {
-    constexpr std::size_t fieldCount = 9;
     std::map<std::string, PasswordEntry> entries;
-    for (std::string_view line; TakeLine(text, line);) {
-        const std::vector<std::string_view> fields = FieldsOf(Trimmed(line));
-        if (fields.size() == fieldCount) entries.emplace(fields[0], PasswordOf(fields));
-    }
+    ForEachEntry<spwd>(text, fgetspent_r, [&](const spwd& entry) {
+        if (IsLocal(entry.sp_namp)) entries.emplace(entry.sp_namp, PasswordFacts(entry));
+    });
     return entries;
 }
 
