@@ -1,17 +1,26 @@
 #include "facts/mounts.h"
 
 #include <algorithm>
+#include <fmt/format.h>
+#include <libmount.h>
 #include <map>
+#include <memory>
+#include <new>
 #include <span>
+#include <sys/sysmacros.h>
+#include <system_error>
 #include <tuple>
 
-#include "facts/system_text.h"
+#include "facts/text_file.h"
 
 namespace kv::facts {
 
 namespace {
 
 using Names = std::span<const std::string_view>;
+
+// These lists are our own: libmount knows of eleven network file systems, and of those of the kernel, but not which may
+// hang, nor which users take for disks.
 
 constexpr std::string_view answeringFileSystems[] = {
     "apfs",  "bcachefs", "btrfs",   "cramfs",   "devtmpfs", "erofs", "exfat", "ext2",   "ext3", "ext4",  "f2fs",
@@ -33,7 +42,7 @@ constexpr std::string_view networkFileSystems[] = {
     "virtiofs",    "vmhgfs",       "fuse.vmhgfs-fuse",
 };
 
-constexpr std::string_view noDisks[] = {
+constexpr std::string_view fileSystemsWithoutDisk[] = {
     "apparmorfs", "autofs",      "bdev",    "binder",    "binfmt_misc", "bpf",        "cgroup",
     "cgroup2",    "configfs",    "debugfs", "devpts",    "devtmpfs",    "efivarfs",   "fuse.gvfsd-fuse",
     "fuse.lxcfs", "fuse.portal", "fusectl", "hugetlbfs", "mqueue",      "nfsd",       "nsfs",
@@ -43,58 +52,38 @@ constexpr std::string_view noDisks[] = {
 
 bool IsAmong(Names names, std::string_view name) { return std::find(names.begin(), names.end(), name) != names.end(); }
 
-/// What stands before the next blank, of which there is exactly one after each field: a field may be empty.
-std::string_view TakeMountField(std::string_view& line) {
-    const std::size_t end = std::min(line.find(' '), line.size());
-    const std::string_view field = line.substr(0, end);
-    line.remove_prefix(std::min(end + 1, line.size()));
-    return field;
+struct FreeMounts {
+    void operator()(libmnt_table* table) const { mnt_unref_table(table); }
+    void operator()(libmnt_iter* iterator) const { mnt_free_iter(iterator); }
+};
+
+/// What libmount gives for a field that is absent is null.
+std::string Field(const char* text) { return text != nullptr ? text : ""; }
+
+bool IsReadOnlyBy(const char* options) {
+    return options != nullptr && mnt_optstr_get_option(options, "ro", nullptr, nullptr) == 0;
 }
 
-bool IsOctal(char digit) { return digit >= '0' && digit <= '7'; }
-
-/// Blanks and the like stand as a backslash and three octal digits.
-std::string Unescaped(std::string_view text) {
-    std::string plain;
-    while (!text.empty()) {
-        const bool isEscape =
-            text[0] == '\\' && text.size() >= 4 && IsOctal(text[1]) && IsOctal(text[2]) && IsOctal(text[3]);
-        plain += isEscape ? static_cast<char>((text[1] - '0') * 64 + (text[2] - '0') * 8 + (text[3] - '0')) : text[0];
-        text.remove_prefix(isEscape ? 4 : 1);
-    }
-    return plain;
+/// The value of an option such as "subvol=/@home"; empty when it is absent.
+std::string OptionValue(const char* options, const char* name) {
+    char* value = nullptr;
+    std::size_t size = 0;
+    const bool isGiven = options != nullptr && mnt_optstr_get_option(options, name, &value, &size) == 0;
+    return isGiven && value != nullptr ? std::string(value, size) : std::string();
 }
 
-bool IsReadOnlyBy(std::string_view options) { return options == "ro" || options.starts_with("ro,"); }
-
-/// The value of an option such as "subvol=/@home"; empty where there is none.
-std::string_view OptionIn(std::string_view options, std::string_view key) {
-    while (!options.empty()) {
-        const std::size_t end = std::min(options.find(','), options.size());
-        if (options.starts_with(key)) return options.substr(key.size(), end - key.size());
-        options.remove_prefix(std::min(end + 1, options.size()));
-    }
-    return {};
-}
-
-std::optional<Mount> ParseMount(std::string_view line) {
-    const std::optional<std::uint64_t> id = NumberOf(TakeMountField(line));
-    const std::optional<std::uint64_t> parentId = NumberOf(TakeMountField(line));
-    if (!id || !parentId) return std::nullopt;
+Mount MountFromEntry(libmnt_fs* entry) {
+    const dev_t device = mnt_fs_get_devno(entry);
     Mount mount;
-    mount.id = *id;
-    mount.parentId = *parentId;
-    mount.device = TakeMountField(line);
-    mount.root = Unescaped(TakeMountField(line));
-    mount.mountPoint = Unescaped(TakeMountField(line));
-    const std::string_view options = TakeMountField(line);
-    while (!line.empty() && TakeMountField(line) != "-") {
-    }
-    mount.fileSystem = Unescaped(TakeMountField(line));
-    mount.source = Unescaped(TakeMountField(line));
-    mount.isReadOnly = IsReadOnlyBy(options) || IsReadOnlyBy(line);
-    if (mount.fileSystem == "btrfs") mount.subvolume = OptionIn(line, "subvol=");
-    if (mount.fileSystem.empty() || !mount.mountPoint.starts_with('/')) return std::nullopt;
+    mount.id = mnt_fs_get_id(entry);
+    mount.parentId = mnt_fs_get_parent_id(entry);
+    mount.device = fmt::format("{}:{}", major(device), minor(device));
+    mount.root = Field(mnt_fs_get_root(entry));
+    mount.mountPoint = Field(mnt_fs_get_target(entry));
+    mount.fileSystem = Field(mnt_fs_get_fstype(entry));
+    mount.source = Field(mnt_fs_get_source(entry));
+    mount.isReadOnly = IsReadOnlyBy(mnt_fs_get_vfs_options(entry)) || IsReadOnlyBy(mnt_fs_get_fs_options(entry));
+    if (mount.fileSystem == "btrfs") mount.subvolume = OptionValue(mnt_fs_get_fs_options(entry), "subvol");
     return mount;
 }
 
@@ -107,7 +96,7 @@ bool BlocksTheWayTo(const Mount& mount, const Mount& neighbour) {
     return mount.parentId == neighbour.parentId && IsBelow(neighbour.mountPoint, mount.mountPoint);
 }
 
-using MountsById = std::map<std::uint64_t, const Mount*>;
+using MountsById = std::map<int, const Mount*>;
 
 bool IsHidden(const Mount& mount, const std::vector<Mount>& mounts, const MountsById& byId) {
     for (const Mount& other : mounts) {
@@ -126,13 +115,13 @@ bool IsHidden(const Mount& mount, const std::vector<Mount>& mounts, const Mounts
 }
 
 bool IsDiskByItself(const Mount& mount) {
-    if (IsAmong(noDisks, mount.fileSystem)) return false;
+    if (IsAmong(fileSystemsWithoutDisk, mount.fileSystem)) return false;
     if (mount.fileSystem == "overlay") return mount.mountPoint == "/";
     return !IsBelow(mount.mountPoint, "/proc") && !IsBelow(mount.mountPoint, "/sys");
 }
 
 /// Different folders of one server may share a device, and subvolumes always do; a user sees them as different disks.
-std::string IdentityOf(const Mount& mount) {
+std::string DiskIdentity(const Mount& mount) {
     return mount.device + ' ' + (IsOnNetwork(mount) ? mount.source : mount.subvolume);
 }
 
@@ -148,9 +137,17 @@ bool IsMainPlace(const Mount& left, const Mount& right) {
 }  // namespace
 
 std::vector<Mount> ParseMountInfo(std::string_view text) {
+    // Without a cache libmount parses only. With one it would resolve paths, and wait for mounts that do not answer.
+    const std::unique_ptr<libmnt_table, FreeMounts> table(mnt_new_table());
+    const std::unique_ptr<libmnt_iter, FreeMounts> entries(mnt_new_iter(MNT_ITER_FORWARD));
+    if (!table || !entries) throw std::bad_alloc();
+    const File file = OpenText(text);
+    const int failure = mnt_table_parse_stream(table.get(), file.get(), "");
+    if (failure != 0) throw std::system_error(-failure, std::generic_category(), "mountinfo");
     std::vector<Mount> mounts;
-    for (std::string_view line; TakeLine(text, line);) {
-        if (std::optional<Mount> mount = ParseMount(line)) mounts.push_back(std::move(*mount));
+    for (libmnt_fs* entry = nullptr; mnt_table_next_fs(table.get(), entries.get(), &entry) == 0;) {
+        Mount mount = MountFromEntry(entry);
+        if (mount.mountPoint.starts_with('/')) mounts.push_back(std::move(mount));
     }
     return mounts;
 }
@@ -174,7 +171,7 @@ std::vector<Mount> DisksAmong(const std::vector<Mount>& mounts) {
     std::map<std::string, const Mount*> mainPlaces;
     for (const Mount& mount : mounts) {
         if (!IsDiskByItself(mount) || IsHidden(mount, mounts, byId)) continue;
-        const Mount*& best = mainPlaces[IdentityOf(mount)];
+        const Mount*& best = mainPlaces[DiskIdentity(mount)];
         if (best == nullptr || IsMainPlace(mount, *best)) best = &mount;
     }
     std::vector<Mount> disks;

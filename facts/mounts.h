@@ -12,10 +12,10 @@ namespace kv::facts {
 
 /// One line of /proc/self/mountinfo (proc(5)); escapes undone.
 struct Mount {
-    std::uint64_t id = 0;
-    std::uint64_t parentId = 0;  // the mount on which it lies
-    std::string device;          // major:minor
-    std::string root;            // what of the file system is mounted
+    int id = 0;
+    int parentId = 0;    // the mount on which it lies
+    std::string device;  // major:minor
+    std::string root;    // what of the file system is mounted
     std::string mountPoint;
     std::string fileSystem;  // its type, such as "ext4"
     std::string source;      // such as "/dev/sda1" or "server:/path"
@@ -23,10 +23,11 @@ struct Mount {
     std::string subvolume;  // of btrfs; empty for others
 };
 
-/// Lines that are none of this form are left out.
+/// All mounts of such a file in its order, read by libmount. Malformed lines are left out. No mount is asked for
+/// anything. Throws std::system_error, or std::bad_alloc when memory runs out.
 std::vector<Mount> ParseMountInfo(std::string_view text);
 
-/// Whether a path lies in a folder or deeper; both without a slash at the end.
+/// Whether a path lies in a folder, at any depth. Both are without a slash at the end; "/" is the root.
 bool IsBelow(std::string_view path, std::string_view folder);
 
 /// Whether a file system lives on another computer, or behind a program, so that it may not answer.
@@ -35,13 +36,15 @@ bool MayHang(const Mount& mount);
 /// Whether a file system lives on another computer, or on the one that this computer is a guest of.
 bool IsOnNetwork(const Mount& mount);
 
-/// Those that a user takes for disks, sorted by mount point: much as df lists them, but no file systems of the kernel's
-/// own (proc, devtmpfs, ...) nor anything below /proc and /sys, no ramfs, which has no size, no automounter's triggers,
-/// no layers on other file systems except a root; a device, or each subvolume on it, once, at the root or where most of
-/// it is mounted, and nothing that a later mount hides.
+/// Those that a user takes for disks, sorted by mount point. Much as df lists them, but without:
+/// - the kernel's own file systems (proc, devtmpfs, ...) and anything below /proc and /sys;
+/// - ramfs, which has no size, and the triggers of automounters;
+/// - layers on other file systems, except the root;
+/// - what another mount hides.
+/// A device, or each subvolume on it, comes once: as the root, or where most of it is mounted.
 std::vector<Mount> DisksAmong(const std::vector<Mount>& mounts);
 
-/// statvfs(3), in bytes.
+/// What statvfs(3) tells, in bytes.
 struct FileSystemSpace {
     std::uint64_t size = 0;
     std::uint64_t free = 0;       // the superuser's reserve included
@@ -58,13 +61,13 @@ struct FileSystemSpace {
 
 struct DiskSpace {
     Mount mount;
-    std::optional<FileSystemSpace> space;  // none: not asked for, or refused
+    std::optional<FileSystemSpace> space;  // absent: not asked for, or refused
 };
 
-/// The disks of this computer, or the wanted ones of them. With the space wanted, those of size zero are left out, and
-/// mounts that may hang, or that are reached through one that may, are asked on threads of their own, all at once and
-/// for two seconds at most; one that does not answer keeps its thread, and is left out with a notice, at once the next
-/// time, until the thread is back.
+/// The disks of this computer, or those of them that are wanted. When the space is wanted, disks of size zero are left
+/// out, and mounts that may hang, or that are reached through one that may, are asked on threads of their own, all at
+/// once and for at most two seconds. A mount that does not answer keeps its thread and is left out with a notice; the
+/// next time it is left out at once, until its thread is back. Throws as ParseMountInfo does.
 std::vector<DiskSpace> ReadDisks(bool wantsSpace, const std::function<void(std::string)>& notice,
                                  const std::function<bool(const Mount&)>& isWanted = {});
 

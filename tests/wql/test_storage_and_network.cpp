@@ -76,6 +76,8 @@ TEST(WmiMounts, DisksAreWhatAUserTakesForDisks) {
          "21 20 8:2 / /m/a rw - ext4 /dev/sdb rw\n22 21 8:3 / /m/a/b rw - ext4 /dev/sdc rw\n"
          "23 20 8:4 / /m rw - ext4 /dev/sdd rw\n24 20 8:5 / /my rw - ext4 /dev/sde rw\n",
          " 8:4@/m 8:5@/my"},
+        {"lines that are not mounts hide no others",
+         "24 20 0:8 / /run rw - tmpfs a rw\nx\n\n21 20 0:5 / /a rw\n22 20 0:6 / b rw - xfs /dev/sdb rw\n", " 0:8@/run"},
         {"layers upon other file systems are none", "21 20 0:5 / /var/c1 rw - overlay overlay rw\n", ""},
     };
     // what is mounted and which disks that are, both beside the root

@@ -243,7 +243,7 @@ bool CanMatch(const Gathering& gathering, const facts::Mount& mount) {
 /// The disks of one query while they are picked.
 struct Selection {
     std::vector<facts::Mount> all;
-    std::map<std::uint64_t, MountFacts> factsOf;  // of the wanted ones, by the mount's id
+    std::map<int, MountFacts> factsOf;  // of the wanted ones, by the mount's id
 };
 
 /// Whether a disk can match, by what is known of it without a question to its file system: so that a mount that does
