@@ -1,6 +1,4 @@
 // The agent's own service at a service manager in memory: what is handed over, and what the log says.
-#include <functional>
-
 #include "agent/service_admin.h"
 #include "foundation/agent_state.h"
 #include "platform/system_facts.h"
@@ -12,73 +10,59 @@ namespace kv::test {
 
 using namespace platform;
 using enum ServiceState;
-using ServiceAdmin = TestAgent;
 
-TEST_F(ServiceAdmin, ServesItsOwnServiceAndSaysSo) {
-    VirtualClock clock;
-    FakeServices fake;
-    FakeService& service = fake.services[std::u16string(serviceName)];
-    const auto done = [](void (*operation)()) {
-        return [operation] {
-            operation();
-            return 0U;
-        };
-    };
-    using Operation = std::function<std::uint32_t()>;
-    const Operation install = done(Install), remove = done(UnInstall), stop = done(StopService),
-                    restart = done(RestartService), start = [] { return StartingService(serviceName); };
-    const FakeService idle{.waitHint = 5000}, runs{.state = running, .waitHint = 5000};
-    const struct {
-        Operation operation;
-        FakeService service;
-        const char* failing;  // how the call begins that fails, with 5
-        const char* logged;
-        std::uint32_t result = 0;
-    } rows[] = {
-        {install, idle, "OpenSCManagerW", "OpenSCManager failed, errorCode = 5"},
-        {install, idle, "CreateServiceW", "\t Install() :: Create Service failure, error code = 5"},
-        {install, idle, "ChangeServiceConfig2W", "Install: ChangeServiceConfig2() is Failed! Error: 5 "},
-        {install, idle, "", "Service Corvinel Monitoring Agent installed successfully"},
-        {remove, idle, "OpenServiceW", "\t UnInstall() :: OpenService failed, error code = 5"},
-        {remove, idle, "DeleteService", "\t UnInstall() :: Failed to delete service Corvinel Monitoring Agent"},
-        {remove, idle, "", "\t UnInstall() :: service Corvinel Monitoring Agent removed"},
-        {start, idle, "", "StartingService : StartService SUCCESS."},
-        {start, idle, "StartServiceW", "StartingService : Service Started Successfully .", 1},
-        {start, runs, "", "StartingService : StartServiceW failed (1056)"},
-        {start, {.takes = UINT32_MAX}, "", "StartingService : Current State: 2", 2},
-        {start, {.state = ServiceState{1066}}, "", "StartingService : Service Specific Exit Code: 0"},
-        {start, idle, "OpenSC", "StartingService : Failed to open the ServiceControl Manager of This Computer :5 ", 5},
-        {start, idle, "Query", "StartingService : QueryServiceStatusEx failed (5)", 5},
-        {stop, runs, "", "StopService: Service stopped successfully"},
-        {stop, {.state = running, .takes = UINT32_MAX}, "", "StopService: Wait timed out"},
-        {stop, idle, "", "StopService: Service is already stopped."},
-        {stop, {.pending = stopPending}, "", "StopService: Service stopped successfully."},
-        {stop, {.pending = stopPending, .takes = UINT32_MAX}, "", "StopService: Service stop timed out."},
-        {stop, runs, "OpenSe", "StopService : Failed to open the Corvinel Monitoring Agent Service :5 "},
-        {stop, runs, "Query", "StopService: QueryServiceStatusEx failed (5)"},
-        {stop, runs, "ControlService", "StopService: ControlService failed (5)"},
-        {restart, runs, "", "Restart Service: About to restart service"},
-        {restart, runs, "", "StartingService : StartService SUCCESS."},
-    };
-    agentState.gv_ocAgentBinPath = u"C:\\kv\\";
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.logged);
-        const std::size_t before = LogText().size();
-        service = row.service;
+constexpr std::uint32_t never = UINT32_MAX;
+
+struct ServiceAdmin : TestAgent {
+    ServiceAdmin() { agentState.gv_ocAgentBinPath = u"C:\\kv\\"; }
+
+    /// Puts the service into a state and lets one call fail, with 5: that whose text begins so; empty for none.
+    void Set(const FakeService& state, const char* failing) {
+        FakeService& service = fake.services[std::u16string(serviceName)] = state;
         if (service.pending == stopPending) service.since = Clock().GetTickCount64();
         fake.calls.clear();
-        fake.failing = row.failing;
-        const std::int64_t began = clock.nowMilliseconds();
-        EXPECT_EQ(row.operation(), row.result);
-        const std::string log = LogText().substr(before);
-        EXPECT_NE(log.find(" " + std::string(row.logged) + "\n"), log.npos) << log;
-        if (log.find("timed out") != log.npos) {
-            EXPECT_EQ(clock.nowMilliseconds() - began, 61000) << "the first look after a minute";
-        }
-        EXPECT_EQ(log.find("StopService: ") == log.npos,
-                  log.find("StopService: Closing service handles\n") == log.npos);
-        EXPECT_FALSE(fake.hasOpenHandles());
+        fake.failing = failing;
+        logBefore_ = LogText().size();
     }
+    std::string NewLog() const { return LogText().substr(logBefore_); }
+    /// Whether a line of the new log ends so.
+    bool HasLogged(const char* text) const {
+        return NewLog().find(" " + std::string(text) + "\n") != std::string::npos;
+    }
+
+    VirtualClock clock;
+    FakeServices fake;
+    const FakeService idle{.waitHint = 5000};
+    const FakeService runs{.state = running, .waitHint = 5000};
+
+  private:
+    std::size_t logBefore_ = 0;
+};
+
+TEST_F(ServiceAdmin, InstallsAndRemoves) {
+    const struct {
+        void (*operation)();
+        const char* failing;
+        const char* logged;
+    } rows[] = {
+        {Install, "OpenSCManagerW", "OpenSCManager failed, errorCode = 5"},
+        {Install, "CreateServiceW", "\t Install() :: Create Service failure, error code = 5"},
+        {Install, "ChangeServiceConfig2W", "Install: ChangeServiceConfig2() is Failed! Error: 5 "},
+        {Install, "", "Service Corvinel Monitoring Agent installed successfully"},
+        {UnInstall, "OpenServiceW", "\t UnInstall() :: OpenService failed, error code = 5"},
+        {UnInstall, "DeleteService", "\t UnInstall() :: Failed to delete service Corvinel Monitoring Agent"},
+        {UnInstall, "", "\t UnInstall() :: service Corvinel Monitoring Agent removed"},
+    };
+    for (const auto& row : rows) {
+        Set(idle, row.failing);
+        row.operation();
+        EXPECT_TRUE(HasLogged(row.logged)) << NewLog();
+        EXPECT_FALSE(fake.hasOpenHandles()) << row.logged;
+    }
+}
+
+TEST_F(ServiceAdmin, HandsOverTheServiceAsItIsToRun) {
+    Install();
     const ServiceDefinition& made = fake.definition;
     EXPECT_TRUE(made.name == serviceName && made.displayName == serviceName);
     EXPECT_EQ(made.type, 272U);
@@ -91,6 +75,67 @@ TEST_F(ServiceAdmin, ServesItsOwnServiceAndSaysSo) {
     for (const auto& [action, delay] : fake.actions.steps)
         steps += std::to_string(static_cast<int>(action)) + ":" + std::to_string(delay) + " ";
     EXPECT_EQ(steps, "1:10000 1:10000 0:10000 ");
+}
+
+TEST_F(ServiceAdmin, StartsAndTellsHowItWent) {
+    const struct {
+        FakeService service;
+        const char* failing;
+        std::uint32_t result;
+        const char* logged;
+    } rows[] = {
+        {idle, "", 0, "StartingService : StartService SUCCESS."},
+        {idle, "StartServiceW", 1, "StartingService : Service Started Successfully ."},
+        {runs, "", 0, "StartingService : StartServiceW failed (1056)"},
+        {{.takes = never}, "", 2, "StartingService : Current State: 2"},
+        {{.state = ServiceState{1066}}, "", 0, "StartingService : Service Specific Exit Code: 0"},
+        {idle, "OpenSC", 5, "StartingService : Failed to open the ServiceControl Manager of This Computer :5 "},
+        {idle, "Query", 5, "StartingService : QueryServiceStatusEx failed (5)"},
+    };
+    for (const auto& row : rows) {
+        Set(row.service, row.failing);
+        EXPECT_EQ(StartingService(serviceName), row.result) << row.logged;
+        EXPECT_TRUE(HasLogged(row.logged)) << NewLog();
+        EXPECT_FALSE(fake.hasOpenHandles()) << row.logged;
+    }
+}
+
+TEST_F(ServiceAdmin, StopsAndLooksAgainAfterAMinute) {
+    const struct {
+        FakeService service;
+        const char* failing;
+        const char* logged;
+    } rows[] = {
+        {runs, "", "StopService: Service stopped successfully"},
+        {{.state = running, .takes = never}, "", "StopService: Wait timed out"},
+        {idle, "", "StopService: Service is already stopped."},
+        {{.pending = stopPending}, "", "StopService: Service stopped successfully."},
+        {{.pending = stopPending, .takes = never}, "", "StopService: Service stop timed out."},
+        {runs, "OpenSe", "StopService : Failed to open the Corvinel Monitoring Agent Service :5 "},
+        {runs, "Query", "StopService: QueryServiceStatusEx failed (5)"},
+        {runs, "ControlService", "StopService: ControlService failed (5)"},
+    };
+    for (const auto& row : rows) {
+        Set(row.service, row.failing);
+        const std::int64_t began = clock.nowMilliseconds();
+        StopService();
+        const std::string log = NewLog();
+        EXPECT_TRUE(HasLogged(row.logged)) << log;
+        if (log.find("timed out") != log.npos) {
+            EXPECT_EQ(clock.nowMilliseconds() - began, 61000) << row.logged;
+        }
+        EXPECT_EQ(log.find("StopService: ") == log.npos,
+                  log.find("StopService: Closing service handles\n") == log.npos);
+        EXPECT_FALSE(fake.hasOpenHandles()) << row.logged;
+    }
+}
+
+TEST_F(ServiceAdmin, RestartStopsAndStarts) {
+    Set(runs, "");
+    RestartService();
+    for (const char* line : {"Restart Service: About to restart service", "StopService: Service stopped successfully",
+                             "StartingService : StartService SUCCESS."})
+        EXPECT_TRUE(HasLogged(line)) << NewLog();
 }
 
 TEST_F(ServiceAdmin, TellsOldSystemsByTheirVersion) {

@@ -1,4 +1,5 @@
 // Rounds of the poller against a real server and a real registry: what is asked, what is done, what is left.
+#include <climits>
 #include <fmt/format.h>
 #include <regex>
 #include <stdexcept>
@@ -53,7 +54,8 @@ class Requests : public TestAgent {
 
     static std::string Registry() {
         OptionalText id, available;
-        GetRequestID(id), GetRequestAvailable(available);
+        GetRequestID(id);
+        GetRequestAvailable(available);
         return platform::Utf8FromWide(id.value_or(u"none") + u" " + available.value_or(u"none"));
     }
 
@@ -67,23 +69,35 @@ class Requests : public TestAgent {
     }
     int CountInRound(std::string_view text) const { return TimesLogged(text, logBefore); }
 
-    /// What an SNMP request to 127.0.0.1 led to: the exchanges, version, community and wait of the last, and the answer
-    /// that went to the server. The first exchanges end without a wait before an answer comes, or, for a negative
-    /// number, all but the first.
-    std::string Ask(std::string_view type, int port, std::string_view members, int silent = 0) {
+    /// A request that asks 127.0.0.1 by SNMP. Exchanges below and above two numbers get no answer, without a wait.
+    struct SnmpRequest {
+        std::string_view type;
+        int port = 0;
+        std::string members;  // of the request, besides those of all
+        int firstAnswered = 1;
+        int lastAnswered = INT_MAX;
+    };
+
+    /// What it led to.
+    struct SnmpOutcome {
         int exchanges = 0;
-        std::string last;
+        std::string last;    // version, community and wait of the last exchange
+        std::string posted;  // to the server: the parameters, a blank, and the answer
+    };
+
+    SnmpOutcome Ask(const SnmpRequest& request) {
+        SnmpOutcome outcome;
         platform::SocketOperations sockets = platform::Sockets();
         sockets.sendto = [&, next = sockets.sendto](auto socket, const void* bytes, auto... rest) {
             const auto* message = static_cast<const char*>(bytes);
-            last =
+            outcome.last =
                 fmt::format("{:d} {}", message[6], std::string_view(message + 9, static_cast<std::size_t>(message[8])));
             return next(socket, bytes, rest...);
         };
         sockets.select = [&, next = sockets.select](auto socket, auto microseconds, bool& ready) {
-            last += fmt::format(" {}s", microseconds / 1000000);
-            ++exchanges;
-            const bool isSilent = silent < 0 ? exchanges > -silent : exchanges <= silent;
+            outcome.last += fmt::format(" {}s", microseconds / 1000000);
+            ++outcome.exchanges;
+            const bool isSilent = outcome.exchanges < request.firstAnswered || outcome.exchanges > request.lastAnswered;
             return isSilent ? platform::error::success : next(socket, microseconds, ready);
         };
         const platform::ScopedOperations scoped(sockets);
@@ -91,9 +105,10 @@ class Requests : public TestAgent {
         SetRequestAvailable(u"YES");
         RunRound(fmt::format(R"({{"RequestList": [{{"REQUEST_TYPE": "{}", "AGENT_REQUEST_ID": "I 1", "DEVICE_NAME":
             "127.0.0.1", "SNMP_PORT": {}, "SNMP_VERSION": "v2c", "SNMP_TIMEOUT": "1" {}}}]}})",
-                             type, port, members)
+                             request.type, request.port, request.members)
                      .c_str());
-        return fmt::format("{} {} {}", exchanges, last, posted);
+        outcome.posted = posted;
+        return outcome;
     }
 
     int Reloads() const { return CountInRound("Query conf reloaded and scheduled successfully"); }
@@ -234,9 +249,13 @@ TEST_F(Requests, OfADownloadedArchiveOnlyThePlanStays) {
 TEST_F(Requests, SnmpValuesGoToTheServer) {
     const SnmpDaemon agent("sysName tower\nsysDescr a box");
     agentState.gv_SNMPTimeout.publish(u"3");
-    EXPECT_EQ(Ask("GET_INSTANCE_DATA", agent.port(), R"(, "OID": ".1.3.6.1.2.1.1.5.0,,.1.3.6.1.2.1.1.1.0",
-                  "PROTOCOL": "POLL", "POLL_ID": 7, "AGENT_KEY": "S1", "POLICY_NAME": "p")"),
-              R"(1 1 public 3s &action=GET_INSTANCE_DATA&requestId=I%201 { "AGENT_REQUEST_ID": "I 1", )"
+    const SnmpOutcome instance =
+        Ask({.type = "GET_INSTANCE_DATA", .port = agent.port(), .members = R"(, "PROTOCOL": "POLL", "POLL_ID": 7,
+             "OID": ".1.3.6.1.2.1.1.5.0,,.1.3.6.1.2.1.1.1.0", "AGENT_KEY": "S1", "POLICY_NAME": "p")"});
+    EXPECT_EQ(instance.exchanges, 1);
+    EXPECT_EQ(instance.last, "1 public 3s");
+    EXPECT_EQ(instance.posted,
+              R"(&action=GET_INSTANCE_DATA&requestId=I%201 { "AGENT_REQUEST_ID": "I 1", )"
               R"("POLICY_NAME": "p", "AGENTKEY": "S1", "PROTOCOL": "POLL", "MSPCUSTOMERID": "", "ID": "7", )"
               R"("DATACOLLECTTIME": "1772701537", "STATUS": "SUCCESS", ".1.3.6.1.2.1.1.1.0": )"
               R"({ ".1.3.6.1.2.1.1.1.0": "a box" }, ".1.3.6.1.2.1.1.5.0": { ".1.3.6.1.2.1.1.5.0": "tower" }, )"
@@ -247,37 +266,47 @@ TEST_F(Requests, SnmpValuesGoToTheServer) {
     const std::string below = Item(0x30, FromHex("06 03 2b 01 07 02 01 07"));
     const std::string ofOne = R"(".1.3.1": { ".1.3.1": "7" }, "TYPE": "2", )";
     const struct {
-        const char *title, *members;
-        int silent;
+        const char* title;
+        const char* members;
         std::string variables;  // of each answer
-        std::string result;     // exchanges and the last of them, status and values
+        int exchanges;
+        const char* last;
+        std::string outcome;  // status and values
+        int firstAnswered = 1;
+        int lastAnswered = INT_MAX;
     } rows[] = {
-        {"at last", R"("PROTOCOL": "spoll")", 1, one + two,
-         R"(2 1 public 5s "SUCCESS", ".1.3.2": { ".1.3.2": "x" }, )" + ofOne},
-        {"no second attempt", R"("PROTOCOL": "POLL", "SNMP_VERSION": "v1", "COMMUNITY": "c0")", 1, one + two,
-         R"(1 0 c0 5s "FAILURE", )"},
-        {"one of two", R"("PROTOCOL": "SPOLL")", 0, one, R"(2 1 public 5s "FAILURE", )" + ofOne},
-        {"exception", R"("x": 0)", 0, one + Variable(2, 0x81, ""),
-         R"(1 1 public 5s "SUCCESS", ".1.3.2": { }, )" + ofOne},
-        {"nulls", R"("PROTOCOL": "SPOLL")", 0, nulls + nulls,
-         R"(1 1 public 5s "FAILURE", ".1.3.2": { }, ".1.3.1": { }, )"},
-        {"bytes", R"("x": 0)", 0, Variable(1, 0x04, "ff 00 41 00") + Variable(2, 0x04, "c3 a9 00"),
-         R"(1 1 public 5s "SUCCESS", ".1.3.2": { ".1.3.2": "é" }, ".1.3.1": { ".1.3.1": "ÿ�A" }, "TYPE": "4", )"},
-        {"walk", R"("PROTOCOL": "SPOLL", "IS_MULTIPLE_POLLED_DATA": "TRUE")", 2, "", R"(2 1 public 5s "FAILURE", )"},
-        {"walk that is silent the second time", R"("PROTOCOL": "SPOLL", "IS_MULTIPLE_POLLED_DATA": "TRUE")", -3, below,
-         R"(4 1 public 5s "FAILURE", ".1.3.1": { ".1.3.1.7": "7" }, "TYPE": "2", )"},
-        {"names of one text", R"("IS_MULTIPLE_POLLED_DATA": "TRUE")", 0,
+        {"at last", R"("PROTOCOL": "spoll")", one + two, 2, "1 public 5s",
+         R"("SUCCESS", ".1.3.2": { ".1.3.2": "x" }, )" + ofOne, 2},
+        {"no second attempt", R"("PROTOCOL": "POLL", "SNMP_VERSION": "v1", "COMMUNITY": "c0")", one + two, 1, "0 c0 5s",
+         R"("FAILURE", )", 2},
+        {"one of two", R"("PROTOCOL": "SPOLL")", one, 2, "1 public 5s", R"("FAILURE", )" + ofOne},
+        {"exception", R"("x": 0)", one + Variable(2, 0x81, ""), 1, "1 public 5s",
+         R"("SUCCESS", ".1.3.2": { }, )" + ofOne},
+        {"nulls", R"("PROTOCOL": "SPOLL")", nulls + nulls, 1, "1 public 5s",
+         R"("FAILURE", ".1.3.2": { }, ".1.3.1": { }, )"},
+        {"bytes", R"("x": 0)", Variable(1, 0x04, "ff 00 41 00") + Variable(2, 0x04, "c3 a9 00"), 1, "1 public 5s",
+         R"("SUCCESS", ".1.3.2": { ".1.3.2": "é" }, ".1.3.1": { ".1.3.1": "ÿ�A" }, "TYPE": "4", )"},
+        {"walk", R"("PROTOCOL": "SPOLL", "IS_MULTIPLE_POLLED_DATA": "TRUE")", "", 2, "1 public 5s", R"("FAILURE", )",
+         3},
+        {"walk that is silent the second time", R"("PROTOCOL": "SPOLL", "IS_MULTIPLE_POLLED_DATA": "TRUE")", below, 4,
+         "1 public 5s", R"("FAILURE", ".1.3.1": { ".1.3.1.7": "7" }, "TYPE": "2", )", 1, 3},
+        {"names of one text", R"("IS_MULTIPLE_POLLED_DATA": "TRUE")",
          Item(0x30, FromHex("06 07 2b 01 88 80 80 80 00 02 01 07")) +
              Item(0x30, FromHex("06 07 2b 01 88 80 80 80 01 02 01 08")),
-         R"(3 1 public 5s "FAILURE", ".1.3.1": { ".1.3.1.": "8" }, "TYPE": "2", )"},
+         3, "1 public 5s", R"("FAILURE", ".1.3.1": { ".1.3.1.": "8" }, "TYPE": "2", )"},
     };
     for (const auto& row : rows) {
+        SCOPED_TRACE(row.title);
         const ScriptedDevice device([&row](auto) { return std::vector{MessageOf({.variables = {row.variables}})}; });
-        const std::string members = fmt::format(R"(, "OID": ".1.3.1,.1.3.2", {})", row.members);
-        std::string result = Ask("SNMP_TEST_MONITOR", device.port(), members, row.silent);
-        result.resize(result.rfind("\"OID\""));
-        const std::size_t answer = result.find('&');
-        EXPECT_EQ(result.erase(answer, result.find("\"STATUS\": ") + 10 - answer), row.result) << row.title;
+        const SnmpOutcome outcome = Ask({.type = "SNMP_TEST_MONITOR",
+                                         .port = device.port(),
+                                         .members = fmt::format(R"(, "OID": ".1.3.1,.1.3.2", {})", row.members),
+                                         .firstAnswered = row.firstAnswered,
+                                         .lastAnswered = row.lastAnswered});
+        EXPECT_EQ(outcome.exchanges, row.exchanges);
+        EXPECT_EQ(outcome.last, row.last);
+        const std::size_t status = outcome.posted.find("\"STATUS\": ") + 10;
+        EXPECT_EQ(outcome.posted.substr(status, outcome.posted.rfind("\"OID\"") - status), row.outcome);
     }
     for (const char* line :
          {"Going to retry!!!", "Going to retry2", "Var value is null", "\"2148\" is no number from 1 to 2147",
@@ -297,27 +326,33 @@ TEST_F(Requests, SnmpDevicesAreDiscovered) {
     const struct {
         const char* device;
         int port;
-        int silent;
-        const char *community, *exchanges, *version, *description, *name, *object, *address;
+        const char* community;
+        int firstAnswered, exchanges;
+        const char *last, *version, *description, *name, *object, *address;
     } rows[] = {
-        {"localhost", agent.port(), 0, "public", "1 1 public 1s", "v2", "a box", "tower", ".1.3.6.1.4.1.9",
+        {"localhost", agent.port(), "public", 1, 1, "1 public 1s", "v2", "a box", "tower", ".1.3.6.1.4.1.9",
          "127.0.0.1"},
-        {"localhost", whole.port(), 1, "c0", "2 0 c0 1s", "v1", ".1.3.1", ".1.3.1", ".1.3.1", "127.0.0.1"},
-        {"localhost", plain.port(), 0, "c0", "1 1 c0 1s", "v2", no, no, ".1.3.1", "127.0.0.1"},
-        {"localhost", whole.port(), 2, "c0", "2 0 c0 1s", "v1", no, no, no, "127.0.0.1"},
-        {"no.invalid", 9, 0, "public", "0 ", invalid, invalid, invalid, invalid, "no.invalid"},
+        {"localhost", whole.port(), "c0", 2, 2, "0 c0 1s", "v1", ".1.3.1", ".1.3.1", ".1.3.1", "127.0.0.1"},
+        {"localhost", plain.port(), "c0", 1, 1, "1 c0 1s", "v2", no, no, ".1.3.1", "127.0.0.1"},
+        {"localhost", whole.port(), "c0", 3, 2, "0 c0 1s", "v1", no, no, no, "127.0.0.1"},
+        {"no.invalid", 9, "public", 1, 0, "", invalid, invalid, invalid, invalid, "no.invalid"},
     };
     for (const auto& row : rows) {
         const bool isPublic = row.community == std::string_view("public");
-        const std::string members = fmt::format(R"(, "DEVICE_NAME": "{}", "{}": "{}")", row.device,
-                                                isPublic ? "x" : "COMMUNITY", row.community);
-        EXPECT_EQ(Ask("DISCOVER_SNMP_DEVICES", row.port, members, row.silent),
-                  fmt::format(R"({} &action=DISCOVER_SNMP_DEVICES&requestId=I%201 {{ "SNMPVersion": "{}", "SYSDESC": )"
+        const SnmpOutcome outcome = Ask({.type = "DISCOVER_SNMP_DEVICES",
+                                         .port = row.port,
+                                         .members = fmt::format(R"(, "DEVICE_NAME": "{}", "{}": "{}")", row.device,
+                                                                isPublic ? "x" : "COMMUNITY", row.community),
+                                         .firstAnswered = row.firstAnswered});
+        EXPECT_EQ(outcome.exchanges, row.exchanges);
+        EXPECT_EQ(outcome.last, row.last);
+        EXPECT_EQ(outcome.posted,
+                  fmt::format(R"(&action=DISCOVER_SNMP_DEVICES&requestId=I%201 {{ "SNMPVersion": "{}", "SYSDESC": )"
                               R"("{}", "SYSNAME": "{}", "SYSOID": "{}", "SNMPPort": "{}", "Community": "{}", )"
                               R"("DNSName": "{}", "IPAddress": "{}", "RemoteOffice": "", "MSPCUSTOMERID": "", )"
                               R"("AGENT_REQUEST_ID": "I 1", "AGENTKEY": "K7" }})",
-                              row.exchanges, row.version, row.description, row.name, row.object, row.port,
-                              row.community, row.device, row.address));
+                              row.version, row.description, row.name, row.object, row.port, row.community, row.device,
+                              row.address));
     }
 }
 

@@ -7,11 +7,11 @@
 
 #include "platform/files.h"
 #include "platform/utf.h"
-#include "tests/support/test_agent.h"
+#include "tests/support/test_folder.h"
 
 namespace platform::test {
 
-class FilesTest : public kv::test::TestAgent {
+class FilesTest : public kv::test::TestFolder {
   protected:
     static Error Put(std::u16string_view path, std::string_view bytes) {
         FileHandle file = 0;

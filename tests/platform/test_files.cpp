@@ -79,7 +79,7 @@ TEST_F(FilesTest, DirectoriesAndNames) {
     EXPECT_EQ(files.wchdir(u"one\\..\\one"), 0);
     std::u16string directory;
     EXPECT_EQ(files.wgetcwd(directory), 0);
-    EXPECT_EQ(Utf8FromWide(directory), (bin / "one").string());
+    EXPECT_EQ(Utf8FromWide(directory), (work / "one").string());
 }
 
 TEST_F(FilesTest, ATextHasTheLineEndsOfTheSystem) {

@@ -8,7 +8,7 @@
 #include "platform/clock.h"
 #include "platform/process.h"
 #include "platform/utf.h"
-#include "tests/support/test_agent.h"
+#include "tests/support/test_folder.h"
 
 namespace platform::test {
 
@@ -16,13 +16,13 @@ namespace {
 
 namespace fs = std::filesystem;
 
-class ProcessTest : public kv::test::TestAgent {
+class ProcessTest : public kv::test::TestFolder {
   protected:
     ProcessTest() { mkfifo("id", 0600); }
     ~ProcessTest() override { EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a child was not reaped"; }
 
     void Script(const std::string& name, std::string_view text, bool executable = true) {
-        const fs::path path = bin / "conf dir/it's" / name;
+        const fs::path path = work / "conf dir/it's" / name;
         Write(path, text);
         if (executable) fs::permissions(path, fs::perms::owner_all);
     }
@@ -93,7 +93,7 @@ TEST_F(ProcessTest, AChildInheritsNothing) {
               2);
     close(open);
     EXPECT_EQ(Read("state"),
-              "0\n1\n2\n3\nSigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n" + bin.string() + "\n");
+              "0\n1\n2\n3\nSigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n" + work.string() + "\n");
 
     ProcessHandle process = 0;
     EXPECT_EQ(Processes().CreateProcessW(u"true", u"none", process), error::directoryName);

@@ -12,7 +12,7 @@
 #include "platform/backend.h"
 #include "platform/linux/linux.h"
 #include "tests/platform/registry_helpers.h"
-#include "tests/support/test_agent.h"
+#include "tests/support/test_folder.h"
 #include "tests/support/virtual_clock.h"
 
 namespace kv::test {
@@ -21,13 +21,12 @@ namespace {
 
 namespace fs = std::filesystem;
 
-class RegistryFile : public TestAgent {
+class RegistryFile : public TestFolder {
   protected:
+    RegistryFile() { platform::InstallRegistry(); }
+
     /// Ends this process's connection; the next call opens another.
-    static void CloseRegistry() {
-        platform::InstallBackend();
-        platform::InstallRegistry();
-    }
+    static void CloseRegistry() { platform::InstallRegistry(); }
 
     fs::path file = folder / "state" / "registry.db";
 };

@@ -7,7 +7,7 @@
 #include "platform/linux/systemd/unit_status.h"
 #include "platform/utf.h"
 #include "tests/support/linux/fake_systemd.h"
-#include "tests/support/test_agent.h"
+#include "tests/support/test_folder.h"
 
 namespace platform::test {
 namespace {
@@ -18,7 +18,7 @@ using kv::test::FakeUnit;
 #define MANAGER_ERROR "org.freedesktop.systemd1."
 using Properties = std::map<std::string, std::string>;
 
-class ServiceManagerTest : public kv::test::TestAgent {
+class ServiceManagerTest : public kv::test::TestFolder {
   protected:
     ServiceManagerTest() { std::filesystem::create_directory(units); }
     ~ServiceManagerTest() override { Close(); }
@@ -172,11 +172,11 @@ TEST_F(ServiceManagerTest, DependentsComeInTheOrderOfTheirStops) {
 }
 
 TEST_F(ServiceManagerTest, MakesAndRemovesUnits) {
-    Write(bin / "a $b %c", "");
-    std::filesystem::permissions(bin / "a $b %c", std::filesystem::perms::owner_all);
+    Write(work / "a $b %c", "");
+    std::filesystem::permissions(work / "a $b %c", std::filesystem::perms::owner_all);
     const ServiceDefinition good{
         u"Some Agent - Host",        u"100%\n\\", 16,
-        ServiceStartType::automatic, {},          u"\"" + (bin / "a $b %c.EXE").u16string() + u"\"",
+        ServiceStartType::automatic, {},          u"\"" + (work / "a $b %c.EXE").u16string() + u"\"",
         {u"A", u"Other Agent"}};
     const std::string unit = "some-agent-host.service";
     const std::tuple<const char*, BusFault, Error, void (*)(ServiceDefinition&)> refusals[] = {
@@ -222,7 +222,7 @@ TEST_F(ServiceManagerTest, MakesAndRemovesUnits) {
                               "Environment=\"KVAGENT_STATE_DIR={}\"\nTimeoutStartSec=infinity\nKillMode="
                               "mixed\nTimeoutStopSec=30\n{}\n"
                               "[Install]\nWantedBy=multi-user.target\n",
-                              systemd::unitFileMark, limits, bin.string(), StateDirectory(), restarts))
+                              systemd::unitFileMark, limits, work.string(), StateDirectory(), restarts))
             << title;
     }
     EXPECT_EQ(Open(u"", &good), error::serviceExists) << "the manager has not read the file yet";

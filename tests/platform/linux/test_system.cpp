@@ -10,13 +10,13 @@
 #include "platform/linux/linux.h"
 #include "platform/memory.h"
 #include "platform/utf.h"
-#include "tests/support/test_agent.h"
+#include "tests/support/test_folder.h"
 
 namespace platform::test {
 
 namespace {
 
-using SystemTest = kv::test::TestAgent;
+using SystemTest = kv::test::TestFolder;
 
 TEST_F(SystemTest, LocalTimeFollowsTheZone) {
     setenv("TZ", "XYZ-5:30", 1);

@@ -3,18 +3,18 @@
 #include "platform/files.h"
 #include "platform/process.h"
 #include "platform/utf.h"
-#include "tests/support/test_agent.h"
+#include "tests/support/test_folder.h"
 
 namespace platform::test {
 
 namespace {
 
-class ProcessTest : public kv::test::TestAgent {
+class ProcessTest : public kv::test::TestFolder {
   protected:
     static constexpr std::u16string_view folderName = u"conf dir & (more)\\it's ^ ";
 
     void Script(const std::string& name, std::string_view text) const {
-        Write(bin / "conf dir & (more)" / ("it's ^ " + name), text);
+        Write(work / "conf dir & (more)" / ("it's ^ " + name), text);
     }
 
     static std::u16string Line(std::u16string_view name, std::u16string_view arguments) {
@@ -88,11 +88,11 @@ TEST_F(ProcessTest, WhatCannotBeStartedSaysWhy) {
 
 TEST_F(ProcessTest, TerminationEndsTheWholeTree) {
     // The last of them starts no more: Wine loses a process that is ended while it starts, and its output stays open.
-    Write(bin / "last.bat", "@echo off\r\necho x >inside\r\n:again\r\ngoto again\r\n");
+    Write(work / "last.bat", "@echo off\r\necho x >inside\r\n:again\r\ngoto again\r\n");
     Script("deep.bat", "@cmd.exe /C \"cmd.exe /C last.bat >held\"\r\n");
     const ProcessHandle process = Start(Line(u"deep.bat", u""));
     ASSERT_NE(process, 0U);
-    for (int look = 0; look < 2000 && !std::filesystem::exists(bin / "inside"); ++look) Clock().Sleep(10);
+    for (int look = 0; look < 2000 && !std::filesystem::exists(work / "inside"); ++look) Clock().Sleep(10);
     EXPECT_EQ(Files().GetFileUseState(u"held"), error::sharingViolation) << "the whole tree runs";
     std::uint32_t code = 0;
     EXPECT_EQ(Processes().GetExitCodeProcess(process, code), error::busy);

@@ -1,12 +1,12 @@
 // What this backend's smaller lists of operations have of their own.
 #include "platform/windows/win32.h"
-#include "tests/support/test_agent.h"
+#include "tests/support/test_folder.h"
 
 namespace platform::test {
 
 namespace {
 
-using SystemTest = kv::test::TestAgent;
+using SystemTest = kv::test::TestFolder;
 
 void SetProductName(const wchar_t* name) {
     ::RegSetKeyValueW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion", L"ProductName", REG_SZ,

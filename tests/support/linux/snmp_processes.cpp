@@ -9,7 +9,7 @@
 
 #include "tests/support/isolation.h"
 #include "tests/support/snmp_devices.h"
-#include "tests/support/test_agent.h"
+#include "tests/support/test_folder.h"
 
 namespace kv::test {
 
@@ -44,17 +44,17 @@ void SnmpProcess::Start(const std::string& commandLine, const std::string& commu
         if (std::system(getNext.c_str()) == 0) return;
         if (waitpid(pid_, nullptr, WNOHANG) != 0) pid_ = 0;
     }
-    throw std::runtime_error(commandLine + " does not answer. It has printed: " + TestAgent::Read(folder_ / "output"));
+    throw std::runtime_error(commandLine + " does not answer. It has printed: " + TestFolder::Read(folder_ / "output"));
 }
 
 SnmpDaemon::SnmpDaemon(const std::string& configuration) {
-    TestAgent::Write(folder_ / "snmpd.conf",
-                     fmt::format("agentaddress udp:127.0.0.1:{}\nrocommunity public\n{}\n", port(), configuration));
+    TestFolder::Write(folder_ / "snmpd.conf",
+                      fmt::format("agentaddress udp:127.0.0.1:{}\nrocommunity public\n{}\n", port(), configuration));
     Start("env MIBS= SNMP_PERSISTENT_DIR=$PWD /usr/sbin/snmpd -f -Lo -C -c snmpd.conf -p pid", "public");
 }
 
 SnmpSimulator::SnmpSimulator(const std::string& community, const std::string& records) {
-    TestAgent::Write(folder_ / "data" / (community + ".snmprec"), records);
+    TestFolder::Write(folder_ / "data" / (community + ".snmprec"), records);
     std::filesystem::permissions(folder_, std::filesystem::perms::all);
     const char* user = geteuid() == 0 ? "--reuid nobody --regid nogroup --clear-groups" : "";  // not as root
     Start(fmt::format("{} /usr/bin/snmpsimd --logging-method=null --data-dir=data --cache-dir=cache "

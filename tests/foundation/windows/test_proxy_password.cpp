@@ -6,10 +6,9 @@
 #include "platform/backend.h"
 
 namespace kv::test {
-
 namespace {
 
-TEST(Crypto, KnownTextsThereAndBack) {
+TEST(ProxyPassword, KnownTextsThereAndBack) {
     platform::InstallBackend();
     EXPECT_EQ(EnsureCryptoKeys(), 1) << "made";
     EXPECT_EQ(EnsureCryptoKeys(), 1) << "found";
@@ -41,5 +40,4 @@ TEST(Crypto, KnownTextsThereAndBack) {
 }
 
 }  // namespace
-
 }  // namespace kv::test
