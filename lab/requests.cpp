@@ -11,6 +11,11 @@ namespace kv::lab {
 
 namespace {
 
+using sqlite::Execute;
+using sqlite::QueryNumber;
+using sqlite::Statement;
+using sqlite::Transaction;
+
 constexpr std::string_view downloadType = "DOWNLOAD_QUERYCONF";
 
 /// Whether an agent sends nothing about such a request, however it goes.
@@ -26,7 +31,7 @@ bool IsSilent(std::string_view type, json_object* members) {
 }
 
 std::string NewId(sqlite3* connection) {
-    for (std::int64_t number = 1 + NumberOf(connection, "SELECT max(number) FROM request");; ++number) {
+    for (std::int64_t number = 1 + QueryNumber(connection, "SELECT max(number) FROM request");; ++number) {
         std::string id = std::to_string(number);
         if (!Statement(connection, "SELECT 1 FROM request WHERE id = ?", id).Step()) return id;
     }
@@ -52,8 +57,8 @@ constexpr std::string_view requestColumns =
 std::vector<Request> ReadRequests(Statement& rows) {
     std::vector<Request> requests;
     while (rows.Step())
-        requests.push_back({rows.Number(0), rows.Text(1), rows.Text(2), rows.Text(3), rows.Text(4), rows.Text(5),
-                            rows.Number(6), rows.Number(7), rows.Number(8), rows.Number(9)});
+        requests.push_back({rows.number(0), rows.text(1), rows.text(2), rows.text(3), rows.text(4), rows.text(5),
+                            rows.number(6), rows.number(7), rows.number(8), rows.number(9)});
     return requests;
 }
 
@@ -111,7 +116,7 @@ std::string AddRequest(Store& store, const NewRequest& request) {
 std::string AddConfiguration(Store& store, std::string_view agent, std::string_view planKey, std::string_view zip) {
     sqlite3* connection = store.connection.get();
     Transaction transaction(connection);
-    Execute(connection, "INSERT INTO conf (agent, zip, time) VALUES (?, ?, ?)", planKey, Bytes{zip}, Now());
+    Execute(connection, "INSERT INTO conf (agent, zip, time) VALUES (?, ?, ?)", planKey, sqlite::Blob{zip}, Now());
     const std::string path = "/conf/" + std::to_string(sqlite3_last_insert_rowid(connection)) + "/queryconf.zip";
     std::string id = InsertRequest(connection, {std::string(agent),
                                                 std::string(downloadType),
@@ -125,7 +130,7 @@ std::optional<std::string> Configuration(Store& store, std::string_view path) {
     Statement row(store.connection.get(), "SELECT zip FROM conf WHERE '/conf/' || number || '/queryconf.zip' = ?",
                   path);
     if (!row.Step()) return std::nullopt;
-    return row.Text(0);
+    return row.text(0);
 }
 
 std::string TakeRequestList(Store& store, std::string_view agent, bool arrives) {

@@ -3,11 +3,15 @@
 #include <array>
 #include <cstdint>
 
-#include "lab/database.h"
+#include "sqlite/sqlite.h"
 
 namespace kv::lab {
 
 namespace {
+
+using sqlite::DatabaseError;
+using sqlite::ExecuteScript;
+using sqlite::QueryNumber;
 
 constexpr std::int64_t applicationId = 0x4B564C42;  // "KVLB"
 
@@ -55,12 +59,12 @@ CREATE TABLE conf (
 constexpr auto newestVersion = static_cast<std::int64_t>(additions.size());
 
 /// 0 for a file that is new and holds nothing.
-std::int64_t VersionOf(sqlite3* connection, const std::string& path) {
-    if (NumberOf(connection, "PRAGMA application_id") != applicationId) {
-        if (NumberOf(connection, "SELECT count(*) FROM sqlite_master") == 0) return 0;
+std::int64_t SchemaVersion(sqlite3* connection, const std::string& path) {
+    if (QueryNumber(connection, "PRAGMA application_id") != applicationId) {
+        if (QueryNumber(connection, "SELECT count(*) FROM sqlite_master") == 0) return 0;
         throw DatabaseError(path + " is not a lab's database");
     }
-    const std::int64_t version = NumberOf(connection, "PRAGMA user_version");
+    const std::int64_t version = QueryNumber(connection, "PRAGMA user_version");
     if (version < 1 || version > newestVersion) throw DatabaseError(path + " was made by another version of kvlab");
     return version;
 }
@@ -68,12 +72,12 @@ std::int64_t VersionOf(sqlite3* connection, const std::string& path) {
 }  // namespace
 
 void SettleSchema(sqlite3* connection, const std::string& path) {
-    const std::int64_t found = VersionOf(connection, path);
+    const std::int64_t found = SchemaVersion(connection, path);
     if (found == newestVersion) return;
     if (found == 0) ExecuteScript(connection, "PRAGMA journal_mode = WAL");
     // Another process may have been faster.
-    Transaction transaction(connection);
-    for (std::int64_t version = VersionOf(connection, path); version < newestVersion; ++version)
+    sqlite::Transaction transaction(connection);
+    for (std::int64_t version = SchemaVersion(connection, path); version < newestVersion; ++version)
         ExecuteScript(connection, additions[static_cast<std::size_t>(version)]);
     transaction.Commit();
 }

@@ -8,11 +8,18 @@ namespace kv::lab {
 
 namespace {
 
+using sqlite::Execute;
+using sqlite::QueryNumber;
+using sqlite::Statement;
+using sqlite::Transaction;
+
+constexpr int busyMilliseconds = 30000;  // for which a transaction of another connection is waited for
+
 std::string NewKey(sqlite3* connection, const AgentDetails& details) {
     Statement known(connection, "SELECT key FROM agent WHERE id = ? AND dns = ? ORDER BY last_contact DESC", details.id,
                     details.dns);
-    if (known.Step()) return known.Text(0);
-    for (std::int64_t number = 1 + NumberOf(connection, "SELECT count(*) FROM agent");; ++number) {
+    if (known.Step()) return known.text(0);
+    for (std::int64_t number = 1 + QueryNumber(connection, "SELECT count(*) FROM agent");; ++number) {
         std::string key = "LAB" + std::to_string(number);
         if (!Statement(connection, "SELECT 1 FROM agent WHERE key = ?", key).Step()) return key;
     }
@@ -40,13 +47,13 @@ std::vector<Record> ReadRecords(Statement& rows, std::int64_t maxBytes) {
     std::vector<Record> records;
     std::int64_t bytes = 0;
     while (bytes < maxBytes && rows.Step()) {
-        records.push_back({rows.Number(0),
-                           rows.Text(1),
-                           rows.Text(2),
-                           rows.Number(3),
-                           {rows.Text(4), rows.Text(7), rows.Number(5) != 0},
-                           rows.Number(6)});
-        bytes += rows.Number(6);
+        records.push_back({rows.number(0),
+                           rows.text(1),
+                           rows.text(2),
+                           rows.number(3),
+                           {rows.text(4), rows.text(7), rows.number(5) != 0},
+                           rows.number(6)});
+        bytes += rows.number(6);
     }
     return records;
 }
@@ -63,12 +70,12 @@ std::vector<Report> LatestReports(Store& store, std::string_view table, std::int
         "SELECT agent, action, request_id, text, time FROM " + std::string(table) + " ORDER BY number DESC LIMIT ?",
         limit);
     std::vector<Report> reports;
-    while (rows.Step()) reports.push_back({rows.Text(0), rows.Text(1), rows.Text(2), rows.Text(3), rows.Number(4)});
+    while (rows.Step()) reports.push_back({rows.text(0), rows.text(1), rows.text(2), rows.text(3), rows.number(4)});
     return reports;
 }
 
 Fault ReadFault(const Statement& row) {
-    return {row.Number(0), row.Text(1), static_cast<FaultKind>(row.Number(2)), row.Number(3), row.Number(4)};
+    return {row.number(0), row.text(1), static_cast<FaultKind>(row.number(2)), row.number(3), row.number(4)};
 }
 
 constexpr std::string_view oldestFault =
@@ -82,7 +89,8 @@ std::int64_t Now() {
 }
 
 Store OpenStore(const std::string& path) {
-    Store store{OpenConnection(path)};
+    Store store{sqlite::Open(path, sqlite::Opening::orCreate)};
+    sqlite3_busy_timeout(store.connection.get(), busyMilliseconds);
     SettleSchema(store.connection.get(), path);
     return store;
 }
@@ -120,11 +128,11 @@ std::vector<Agent> Agents(Store& store) {
     std::vector<Agent> agents;
     while (rows.Step())
         agents.push_back(
-            {{rows.Text(0), rows.Text(1), rows.Text(2), rows.Text(3), rows.Text(4), rows.Text(5), rows.Text(6)},
-             rows.Number(7),
-             rows.Number(8),
-             rows.Text(9),
-             rows.Number(10)});
+            {{rows.text(0), rows.text(1), rows.text(2), rows.text(3), rows.text(4), rows.text(5), rows.text(6)},
+             rows.number(7),
+             rows.number(8),
+             rows.text(9),
+             rows.number(10)});
     return agents;
 }
 
@@ -178,7 +186,7 @@ std::vector<Refusal> LatestRefusals(Store& store, std::int64_t limit) {
         "SELECT agent, zip, reason, address, time, times FROM refused ORDER BY time DESC, number DESC LIMIT ?", limit);
     std::vector<Refusal> refusals;
     while (rows.Step())
-        refusals.push_back({rows.Text(0), rows.Text(1), rows.Text(2), rows.Text(3), rows.Number(4), rows.Number(5)});
+        refusals.push_back({rows.text(0), rows.text(1), rows.text(2), rows.text(3), rows.number(4), rows.number(5)});
     return refusals;
 }
 
@@ -243,7 +251,7 @@ Totals CountAll(Store& store) {
         "SELECT (SELECT count(*) FROM agent), (SELECT count(*) FROM delivery), (SELECT count(*) FROM record), "
         "(SELECT coalesce(sum(times), 0) FROM refused)");
     row.Step();
-    return {row.Number(0), row.Number(1), row.Number(2), row.Number(3)};
+    return {row.number(0), row.number(1), row.number(2), row.number(3)};
 }
 
 }  // namespace kv::lab

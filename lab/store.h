@@ -9,8 +9,8 @@
 //   fault     faults on order, the oldest that fits first
 //   request, conf  what agents are asked to do, see lab/requests.h
 //
-// Times are milliseconds since 1970, texts are UTF-8. All routines raise DatabaseError when the database fails. Each
-// thread opens its own Store.
+// Times are milliseconds since 1970, texts are UTF-8. All routines throw sqlite::DatabaseError when the database fails.
+// Each thread opens its own Store.
 #pragma once
 
 #include <array>
@@ -21,12 +21,12 @@
 #include <string_view>
 #include <vector>
 
-#include "lab/database.h"
+#include "sqlite/sqlite.h"
 
 namespace kv::lab {
 
 struct Store {
-    Connection connection;
+    sqlite::Connection connection;
 };
 
 /// Opens a lab's database, making it when it is missing and upgrading one of an older version; DatabaseError also when

@@ -1,24 +1,30 @@
-#include "lab/database.h"
+#include "sqlite/sqlite.h"
 
-namespace kv::lab {
+namespace kv::sqlite {
 
 namespace {
 
-constexpr int busyMilliseconds = 30000;
-
 void Check(sqlite3* connection, int result) {
-    if (result != SQLITE_OK) throw DatabaseError(std::string("database: ") + sqlite3_errmsg(connection));
+    if (result == SQLITE_OK) return;
+    throw DatabaseError(std::string("database: ") + sqlite3_errmsg(connection), result,
+                        sqlite3_system_errno(connection));
 }
+
+/// SQLite stores a text or blob without an address as NULL.
+const char* Address(std::string_view content) { return content.empty() ? "" : content.data(); }
 
 }  // namespace
 
-Connection OpenConnection(const std::string& path) {
-    sqlite3* raw = nullptr;
+Connection Open(const std::string& path, Opening opening) {
+    const int creation = opening == Opening::orCreate ? SQLITE_OPEN_CREATE : 0;
+    sqlite3* opened = nullptr;
     const int result =
-        sqlite3_open_v2(path.c_str(), &raw, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
-    Connection connection(raw);
-    if (result != SQLITE_OK) throw DatabaseError("cannot open the database " + path + ": " + sqlite3_errmsg(raw));
-    Check(raw, sqlite3_busy_timeout(raw, busyMilliseconds));
+        sqlite3_open_v2(path.c_str(), &opened, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | creation, nullptr);
+    Connection connection(opened);  // what failed to open must be closed, too
+    if (result != SQLITE_OK) {
+        throw DatabaseError("cannot open the database " + path + ": " + sqlite3_errmsg(opened), result,
+                            opened ? sqlite3_system_errno(opened) : 0);
+    }
     return connection;
 }
 
@@ -27,21 +33,19 @@ void ExecuteScript(sqlite3* connection, const char* sql) {
 }
 
 void Statement::Prepare(std::string_view sql) {
-    sqlite3_stmt* raw = nullptr;
-    Check(connection_, sqlite3_prepare_v2(connection_, sql.data(), static_cast<int>(sql.size()), &raw, nullptr));
-    statement_.reset(raw);
+    sqlite3_stmt* prepared = nullptr;
+    Check(connection_, sqlite3_prepare_v2(connection_, sql.data(), static_cast<int>(sql.size()), &prepared, nullptr));
+    statement_.reset(prepared);
 }
 
 void Statement::Bind(std::string_view text) {
-    // A view of no text may have no address, which would be bound as NULL.
-    const char* data = text.empty() ? "" : text.data();
     Check(connection_,
-          sqlite3_bind_text64(statement_.get(), ++bound_, data, text.size(), SQLITE_TRANSIENT, SQLITE_UTF8));
+          sqlite3_bind_text64(statement_.get(), ++bound_, Address(text), text.size(), SQLITE_TRANSIENT, SQLITE_UTF8));
 }
 
-void Statement::Bind(Bytes bytes) {
-    const char* data = bytes.content.empty() ? "" : bytes.content.data();
-    Check(connection_, sqlite3_bind_blob64(statement_.get(), ++bound_, data, bytes.content.size(), SQLITE_TRANSIENT));
+void Statement::Bind(Blob blob) {
+    Check(connection_, sqlite3_bind_blob64(statement_.get(), ++bound_, Address(blob.content), blob.content.size(),
+                                           SQLITE_TRANSIENT));
 }
 
 void Statement::Bind(std::int64_t number) {
@@ -55,9 +59,11 @@ bool Statement::Step() {
     return false;
 }
 
-std::string Statement::Text(int column) const {
-    const auto* text = static_cast<const char*>(sqlite3_column_blob(statement_.get(), column));
-    return text ? std::string(text, static_cast<std::size_t>(sqlite3_column_bytes(statement_.get(), column))) : "";
+std::string_view Statement::bytes(int column) const {
+    const void* data = sqlite3_column_blob(statement_.get(), column);
+    const int size = sqlite3_column_bytes(statement_.get(), column);
+    if (data == nullptr) return {};
+    return {static_cast<const char*>(data), static_cast<std::size_t>(size)};
 }
 
 Transaction::Transaction(sqlite3* connection) : connection_(connection) {
@@ -65,12 +71,10 @@ Transaction::Transaction(sqlite3* connection) : connection_(connection) {
 }
 
 Transaction::~Transaction() {
-    if (open_) sqlite3_exec(connection_, "ROLLBACK", nullptr, nullptr, nullptr);
+    // After some errors SQLite has undone it already.
+    if (!sqlite3_get_autocommit(connection_)) sqlite3_exec(connection_, "ROLLBACK", nullptr, nullptr, nullptr);
 }
 
-void Transaction::Commit() {
-    ExecuteScript(connection_, "COMMIT");
-    open_ = false;
-}
+void Transaction::Commit() { ExecuteScript(connection_, "COMMIT"); }
 
-}  // namespace kv::lab
+}  // namespace kv::sqlite

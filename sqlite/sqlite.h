@@ -1,5 +1,5 @@
-// A thin face of SQLite: an owned connection, statements and transactions. Everything that SQLite reports as an error
-// is raised as DatabaseError. A connection and what was made from it belong to one thread at a time.
+// SQLite for the registry and for the lab: an owned connection, statements and transactions. What SQLite reports as an
+// error is thrown as DatabaseError. A connection and all that was made from it belong to one thread at a time.
 #pragma once
 
 #include <cstdint>
@@ -9,30 +9,42 @@
 #include <string>
 #include <string_view>
 
-namespace kv::lab {
+namespace kv::sqlite {
 
-struct DatabaseError : std::runtime_error {
-    using std::runtime_error::runtime_error;
+class DatabaseError : public std::runtime_error {
+  public:
+    explicit DatabaseError(const std::string& message, int result = SQLITE_ERROR, int systemErrno = 0)
+        : std::runtime_error(message), result_(result), systemErrno_(systemErrno) {}
+
+    int result() const { return result_; }            // SQLite's code
+    int systemErrno() const { return systemErrno_; }  // of the system call that failed; 0 when there was none
+
+  private:
+    int result_;
+    int systemErrno_;
 };
 
-struct ConnectionCloser {
-    void operator()(sqlite3* connection) const { sqlite3_close(connection); }
+struct CloseConnection {
+    void operator()(sqlite3* connection) const { sqlite3_close_v2(connection); }
 };
-using Connection = std::unique_ptr<sqlite3, ConnectionCloser>;
+using Connection = std::unique_ptr<sqlite3, CloseConnection>;
 
-/// Opens a database file for reading and writing, making it when it is missing. A connection waits up to 30 seconds for
-/// another one's transaction.
-Connection OpenConnection(const std::string& path);
+enum class Opening { existing, orCreate };
+
+/// Opens a database file for reading and writing. Where it is locked, statements fail at once: the caller sets how long
+/// they wait.
+Connection Open(const std::string& path, Opening opening);
 
 /// Runs statements that give no rows and take no arguments.
 void ExecuteScript(sqlite3* connection, const char* sql);
 
-/// An argument that is no text.
-struct Bytes {
+/// An argument that is stored as bytes, not as a text.
+struct Blob {
     std::string_view content;
 };
 
-/// One statement with its arguments bound in order: texts (UTF-8, may hold NUL), bytes and 64-bit integers.
+/// One statement with its arguments bound in order: texts (UTF-8, may hold NUL), blobs and 64-bit integers. They are
+/// copied.
 class Statement {
   public:
     template <class... Arguments>
@@ -44,26 +56,27 @@ class Statement {
     /// Moves to the next row; false at the end.
     bool Step();
 
-    /// Column of the present row; Text gives bytes too.
-    std::int64_t Number(int column) const { return sqlite3_column_int64(statement_.get(), column); }
-    std::string Text(int column) const;
+    // A column of the present row, counted from 0. A text or blob that is NULL is empty, a number that is NULL is 0.
+    std::int64_t number(int column) const { return sqlite3_column_int64(statement_.get(), column); }
+    std::string text(int column) const { return std::string(bytes(column)); }
+    std::string_view bytes(int column) const;  // of a text or a blob; until the next Step
 
   private:
-    struct Finalizer {
+    struct Finalize {
         void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
     };
 
     void Prepare(std::string_view sql);
     void Bind(std::string_view text);
-    void Bind(Bytes bytes);
+    void Bind(Blob blob);
     void Bind(std::int64_t number);
 
     sqlite3* connection_;
-    std::unique_ptr<sqlite3_stmt, Finalizer> statement_;
+    std::unique_ptr<sqlite3_stmt, Finalize> statement_;
     int bound_ = 0;
 };
 
-/// Runs a statement that gives no rows.
+/// Runs a statement to its end; rows are dropped.
 template <class... Arguments>
 void Execute(sqlite3* connection, std::string_view sql, const Arguments&... arguments) {
     Statement statement(connection, sql, arguments...);
@@ -71,11 +84,11 @@ void Execute(sqlite3* connection, std::string_view sql, const Arguments&... argu
     }
 }
 
-/// First number of a statement's first row; 0 when there is no row.
+/// The first number of a statement's first row; 0 when there is no row.
 template <class... Arguments>
-std::int64_t NumberOf(sqlite3* connection, std::string_view sql, const Arguments&... arguments) {
+std::int64_t QueryNumber(sqlite3* connection, std::string_view sql, const Arguments&... arguments) {
     Statement statement(connection, sql, arguments...);
-    return statement.Step() ? statement.Number(0) : 0;
+    return statement.Step() ? statement.number(0) : 0;
 }
 
 /// A transaction that holds the write lock from its start; undone unless committed.
@@ -89,7 +102,6 @@ class Transaction {
 
   private:
     sqlite3* connection_;
-    bool open_ = true;
 };
 
-}  // namespace kv::lab
+}  // namespace kv::sqlite

@@ -25,6 +25,12 @@ namespace platform {
 
 namespace {
 
+using kv::sqlite::Blob;
+using kv::sqlite::Execute;
+using kv::sqlite::QueryNumber;
+using kv::sqlite::Statement;
+using kv::sqlite::Transaction;
+
 constexpr std::int64_t rootRow = 1;
 constexpr std::uint32_t changePollMilliseconds = 200;
 
@@ -48,53 +54,48 @@ struct Store {
     std::vector<OpenKey> keys;  // a handle is the index plus 1
 };
 
-/// Runs one operation on the open connection. A connection that shows a broken file is given up.
+/// Runs one operation on the open connection. What SQLite reports becomes its result. A connection to a broken file is
+/// given up.
 template <class Operation>
 Error WithConnection(Store& store, Purpose purpose, Operation&& operation) {
     Error failure = Connect(store.database, purpose);
-    if (failure == error::success) failure = operation(store.database.connection.get());
+    if (failure == error::success)
+        failure = WithSqliteErrors([&] { return operation(store.database.connection.get()); });
     if (failure == error::databaseCorrupt || failure == error::readFault) Disconnect(store.database);
     return failure;
 }
 
-/// Row of a direct subkey; 0 when there is none.
-Error FindSubkey(sqlite3* connection, std::int64_t parent, std::u16string_view name, std::int64_t& row) {
-    const std::string utf8 = Utf8FromWide(name);
-    Statement find(connection, "SELECT id FROM key WHERE parent = ? AND name = ?");
-    row = find.Bind(parent).Bind(utf8).Step() ? find.Number(0) : 0;
-    return find.Failure();
+/// The row of a direct subkey; 0 when it does not exist.
+std::int64_t FindSubkey(sqlite3* connection, std::int64_t parent, std::u16string_view name) {
+    return QueryNumber(connection, "SELECT id FROM key WHERE parent = ? AND name = ?", parent, Utf8FromWide(name));
 }
 
-Error FindKey(sqlite3* connection, std::u16string_view path, std::int64_t& row) {
-    row = rootRow;
-    while (!path.empty()) {
-        if (const Error failure = FindSubkey(connection, row, TakeKeyName(path), row)) return failure;
-        if (row == 0) return error::fileNotFound;
-    }
-    return error::success;
+/// The row of a key; 0 when it does not exist.
+std::int64_t FindKey(sqlite3* connection, std::u16string_view path) {
+    std::int64_t row = rootRow;
+    while (row != 0 && !path.empty()) row = FindSubkey(connection, row, TakeKeyName(path));
+    return row;
 }
 
-Error MakeKey(sqlite3* connection, std::u16string_view path, std::int64_t& row, RegistryDisposition& disposition) {
+/// The row of a key, which is made with all above it when it does not exist.
+std::int64_t MakeKey(sqlite3* connection, std::u16string_view path, RegistryDisposition& disposition) {
     Transaction transaction(connection);
-    if (transaction.Begun()) return transaction.Begun();
-    row = rootRow;
+    std::int64_t row = rootRow;
     disposition = RegistryDisposition::opened;
     while (!path.empty()) {
         const std::u16string_view name = TakeKeyName(path);
-        const std::int64_t parent = row;
-        if (const Error failure = FindSubkey(connection, parent, name, row)) return failure;
+        const std::int64_t parent = std::exchange(row, FindSubkey(connection, row, name));
         if (row != 0) continue;
-        const std::string utf8 = Utf8FromWide(name);
-        Statement insert(connection, "INSERT INTO key (parent, name) VALUES (?, ?)");
-        if (const Error failure = insert.Bind(parent).Bind(utf8).Run()) return failure;
+        Execute(connection, "INSERT INTO key (parent, name) VALUES (?, ?)", parent, Utf8FromWide(name));
         row = sqlite3_last_insert_rowid(connection);
         disposition = RegistryDisposition::created;
     }
-    return transaction.Commit();
+    transaction.Commit();
+    return row;
 }
 
 bool KeyExists(sqlite3* connection, std::int64_t row) {
-    return Statement(connection, "SELECT 1 FROM key WHERE id = ?").Bind(row).Step();
+    return Statement(connection, "SELECT 1 FROM key WHERE id = ?", row).Step();
 }
 
 RegistryKey NewHandle(Store& store, std::int64_t row, RegistryAccess access) {
@@ -129,11 +130,11 @@ Error OpenKeyAt(Store& store, RootKey root, std::u16string_view subKey, Registry
     if (root != RootKey::localMachine) return error::invalidHandle;
     if (!IsRegistryKeyPath(subKey)) return error::invalidName;
     const std::lock_guard guard(store.mutex);
-    return WithConnection(store, Purpose::read, [&](sqlite3* connection) {
-        std::int64_t row = 0;
-        const Error failure = FindKey(connection, subKey, row);
-        if (failure == error::success) key = NewHandle(store, row, access);
-        return failure;
+    return WithConnection(store, Purpose::read, [&](sqlite3* connection) -> Error {
+        const std::int64_t row = FindKey(connection, subKey);
+        if (row == 0) return error::fileNotFound;
+        key = NewHandle(store, row, access);
+        return error::success;
     });
 }
 
@@ -144,10 +145,8 @@ Error CreateKeyAt(Store& store, RootKey root, std::u16string_view subKey, Regist
     if (found != error::fileNotFound) return found;
     const std::lock_guard guard(store.mutex);
     return WithConnection(store, Purpose::write, [&](sqlite3* connection) {
-        std::int64_t row = 0;
-        const Error failure = MakeKey(connection, subKey, row, disposition);
-        if (failure == error::success) key = NewHandle(store, row, access);
-        return failure;
+        key = NewHandle(store, MakeKey(connection, subKey, disposition), access);
+        return error::success;
     });
 }
 
@@ -163,10 +162,10 @@ Error QueryValue(Store& store, RegistryKey key, std::u16string_view name, Regist
                  std::size_t& size) {
     const std::string utf8 = Utf8FromWide(name);
     return WithKey(store, key, Purpose::read, [&](sqlite3* connection, std::int64_t row) -> Error {
-        Statement find(connection, "SELECT type, data FROM value WHERE key = ? AND name = ?");
-        if (!find.Bind(row).Bind(utf8).Step()) return find.Failure() ? find.Failure() : error::fileNotFound;
-        if (type) *type = static_cast<RegistryType>(find.Number(0));
-        const std::string_view bytes = find.Bytes(1);
+        Statement find(connection, "SELECT type, data FROM value WHERE key = ? AND name = ?", row, utf8);
+        if (!find.Step()) return error::fileNotFound;
+        if (type) *type = static_cast<RegistryType>(find.number(0));
+        const std::string_view bytes = find.bytes(1);
         const std::size_t room = std::exchange(size, bytes.size());
         if (!data) return error::success;
         if (room < bytes.size()) return error::moreData;
@@ -182,12 +181,10 @@ Error SetValue(Store& store, RegistryKey key, std::u16string_view name, Registry
     const std::string utf8 = Utf8FromWide(name);
     return WithKey(store, key, Purpose::write, [&](sqlite3* connection, std::int64_t row) {
         // The row is taken from the table of keys, so that nothing is ever stored under a key that is gone.
-        Statement store_value(connection,
-                              "INSERT INTO value (key, name, type, data) SELECT id, ?, ?, ? FROM key WHERE id = ?"
-                              " ON CONFLICT (key, name) DO UPDATE SET type = excluded.type, data = excluded.data");
-        store_value.Bind(utf8).Bind(static_cast<std::int64_t>(type)).Bind(data, size).Bind(row);
-        const Error failure = store_value.Run();
-        if (failure != error::success) return failure;
+        Execute(connection,
+                "INSERT INTO value (key, name, type, data) SELECT id, ?, ?, ? FROM key WHERE id = ?"
+                " ON CONFLICT (key, name) DO UPDATE SET type = excluded.type, data = excluded.data",
+                utf8, static_cast<std::int64_t>(type), Blob{{reinterpret_cast<const char*>(data), size}}, row);
         return sqlite3_changes(connection) > 0 ? error::success : error::keyDeleted;
     });
 }
@@ -195,9 +192,7 @@ Error SetValue(Store& store, RegistryKey key, std::u16string_view name, Registry
 Error DeleteValue(Store& store, RegistryKey key, std::u16string_view name) {
     const std::string utf8 = Utf8FromWide(name);
     return WithKey(store, key, Purpose::write, [&](sqlite3* connection, std::int64_t row) {
-        const Error failure =
-            Statement(connection, "DELETE FROM value WHERE key = ? AND name = ?").Bind(row).Bind(utf8).Run();
-        if (failure != error::success) return failure;
+        Execute(connection, "DELETE FROM value WHERE key = ? AND name = ?", row, utf8);
         return sqlite3_changes(connection) > 0 ? error::success : error::fileNotFound;
     });
 }
@@ -205,11 +200,9 @@ Error DeleteValue(Store& store, RegistryKey key, std::u16string_view name) {
 Error ListNames(Store& store, RegistryKey key, const char* sql, std::vector<std::u16string>& names) {
     names.clear();
     return WithKey(store, key, Purpose::read, [&](sqlite3* connection, std::int64_t row) {
-        Statement list(connection, sql);
-        list.Bind(row);
-        while (list.Step()) names.push_back(WideFromUtf8(list.Bytes(0)));
-        if (list.Failure() == error::success && names.empty() && !KeyExists(connection, row)) return error::keyDeleted;
-        return list.Failure();
+        Statement list(connection, sql, row);
+        while (list.Step()) names.push_back(WideFromUtf8(list.bytes(0)));
+        return names.empty() && !KeyExists(connection, row) ? error::keyDeleted : error::success;
     });
 }
 
@@ -222,18 +215,16 @@ Error DeleteTree(Store& store, RootKey root, std::u16string_view subKey) {
         return missing;  // a deletion does not make the file
     return WithConnection(store, Purpose::write, [&](sqlite3* connection) -> Error {
         Transaction transaction(connection);
-        if (transaction.Begun()) return transaction.Begun();
-        std::int64_t top = 0;
-        if (const Error failure = FindKey(connection, subKey, top)) return failure;
+        const std::int64_t top = FindKey(connection, subKey);
+        if (top == 0) return error::fileNotFound;
         constexpr const char* statements[] = {
             "WITH RECURSIVE tree (id) AS (SELECT ? UNION SELECT key.id FROM key JOIN tree ON key.parent = tree.id)"
             " DELETE FROM value WHERE key IN tree",
             "WITH RECURSIVE tree (id) AS (SELECT ? UNION SELECT key.id FROM key JOIN tree ON key.parent = tree.id)"
             " DELETE FROM key WHERE id IN tree"};
-        for (const char* sql : statements) {
-            if (const Error failure = Statement(connection, sql).Bind(top).Run()) return failure;
-        }
-        return transaction.Commit();
+        for (const char* sql : statements) Execute(connection, sql, top);
+        transaction.Commit();
+        return error::success;
     });
 }
 
@@ -241,9 +232,7 @@ Error DeleteTree(Store& store, RootKey root, std::u16string_view subKey) {
 /// is missed between a caller's reading and its waiting.
 Error LookForChange(Store& store, RegistryKey key, bool& changed) {
     return WithKey(store, key, Purpose::read, [&](sqlite3* connection, std::int64_t row) -> Error {
-        Statement version(connection, "PRAGMA data_version");
-        if (!version.Step()) return version.Failure() ? version.Failure() : error::databaseCorrupt;
-        const ChangeMark now{version.Number(0), sqlite3_total_changes64(connection)};
+        const ChangeMark now{QueryNumber(connection, "PRAGMA data_version"), sqlite3_total_changes64(connection)};
         OpenKey& open = *FindHandle(store, key);
         changed = open.seen != now;
         open.seen = now;

@@ -64,8 +64,8 @@ struct ServedAgent : InstalledAgent {
     std::string states() const {
         std::string text;
         const lab::Store store = lab::OpenStore(database);
-        lab::Statement rows(store.connection.get(), "SELECT state FROM request ORDER BY number");
-        while (rows.Step()) text += rows.Text(0) + " ";
+        sqlite::Statement rows(store.connection.get(), "SELECT state FROM request ORDER BY number");
+        while (rows.Step()) text += rows.text(0) + " ";
         return text;
     }
 
