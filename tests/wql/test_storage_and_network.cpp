@@ -1,4 +1,4 @@
-// Disks and network interfaces: which mounts are disks, mounts that do not answer, and this machine as df,
+// Disks and network interfaces: mounts that do not answer, and this machine as df,
 // lsblk and ip see it. What needs mounts or interfaces of its own runs once more in namespaces, where nothing outlives
 // it.
 #include <cerrno>
@@ -16,7 +16,6 @@
 
 #include "facts/mount_space.h"
 #include "facts/system_text.h"
-#include "facts/volume_facts.h"
 #include "platform/backend.h"
 #include "tests/support/linux/shell.h"
 #include "tests/support/wmi_query.h"
@@ -52,103 +51,6 @@ void RunInNamespaces(const std::string& flags, const std::string& preparation) {
                              test->test_suite_name(), test->name()));
     if (outcome.exitCode == 77) GTEST_SKIP() << "not allowed here, or not possible: " << outcome.output;
     EXPECT_EQ(outcome.exitCode, 0) << outcome.output;
-}
-
-TEST(WmiMounts, DisksAreWhatAUserTakesForDisks) {
-    const std::tuple<const char*, std::string, std::string> rows[] = {
-        {"the kernel's own file systems and triggers are none",
-         "21 20 0:5 / /proc rw - proc proc rw\n22 20 0:6 / /sys/fs/cgroup rw - tmpfs tmpfs rw\n"
-         "23 20 0:7 / /n rw - autofs a rw\n25 20 0:9 / /r rw - ramfs a rw\n24 20 0:8 / /run rw s:3 m:1 - tmpfs a rw\n",
-         " 0:8@/run"},
-        {"a point with a blank in its name", "21 20 0:5 / /a\\040b rw - tmpfs  rw\n", " 0:5@/a b"},
-        {"a device once, where all of it is, at the shortest point",
-         "21 20 8:2 /sub /x rw - xfs /dev/sdb rw\n22 20 8:2 / /a/data rw - xfs /dev/sdb rw\n"
-         "23 20 8:2 / /srv rw - xfs /dev/sdb rw\n24 20 8:2 / /mnt/top rw - xfs /dev/sdb rw\n",
-         " 8:2@/srv"},
-        {"the root, though more of it is elsewhere", "21 20 8:1 / /top rw - btrfs /dev/sda rw\n", ""},
-        {"a subvolume is a disk, a folder of it is none",
-         "21 20 8:1 /@h /home rw - btrfs /dev/sda rw,subvolid=1,subvol=/@h\n22 20 8:1 /@h/w /w rw - btrfs /dev/sda "
-         "rw,subvol=/@h\n",
-         " 8:1@/home"},
-        {"two folders of one server are two disks",
-         "21 20 0:5 / /a rw - nfs4 nas:/a rw\n22 20 0:5 / /b rw - nfs4 nas:/b rw\n", " 0:5@/a 0:5@/b"},
-        {"a mount over the way to others hides them, and what lies on them",
-         "21 20 8:2 / /m/a rw - ext4 /dev/sdb rw\n22 21 8:3 / /m/a/b rw - ext4 /dev/sdc rw\n"
-         "23 20 8:4 / /m rw - ext4 /dev/sdd rw\n24 20 8:5 / /my rw - ext4 /dev/sde rw\n",
-         " 8:4@/m 8:5@/my"},
-        {"lines that are not mounts hide no others",
-         "24 20 0:8 / /run rw - tmpfs a rw\nx\n\n21 20 0:5 / /a rw\n22 20 0:6 / b rw - xfs /dev/sdb rw\n", " 0:8@/run"},
-        {"layers upon other file systems are none", "21 20 0:5 / /var/c1 rw - overlay overlay rw\n", ""},
-    };
-    // what is mounted and which disks that are, both beside the root
-    for (const auto& [title, mountInfo, others] : rows) {
-        std::string disks;
-        for (const Mount& disk : DisksAmong(ParseMountInfo(mountInfo + "20 1 8:1 /@ / rw - btrfs /dev/sda rw"))) {
-            disks += fmt::format(" {}@{}", disk.device, disk.mountPoint);
-        }
-        EXPECT_EQ(disks, " 8:1@/" + others) << title;
-    }
-}
-
-TEST(WmiMounts, KindsOfDrives) {
-    const std::tuple<const char*, const char*, bool, DriveType> rows[] = {
-        {"ext4", "/dev/none", false, DriveType::fixed},
-        {"nfs4", "nas:/x", true, DriveType::network},
-        {"fuse.sshfs", "me@nas:", true, DriveType::network},
-        {"fuseblk", "/dev/disk/by-path/usb-0:1", true, DriveType::fixed},
-        {"unheard-of", "x", true, DriveType::fixed},
-        {"tmpfs", "tmpfs", false, DriveType::memory},
-        {"squashfs", "/dev/none", false, DriveType::compactDisc},
-    };
-    for (const auto& [fileSystem, source, mayHang, kind] : rows) {
-        Mount mount;
-        mount.fileSystem = fileSystem;
-        mount.source = source;
-        EXPECT_EQ(MayHang(mount), mayHang) << fileSystem;
-        EXPECT_EQ(DriveTypeOf(mount, ""), kind) << fileSystem;
-    }
-}
-
-TEST(WmiMounts, NoMountIsWaitedForTwice) {
-    std::vector<Mount> mounts(2);
-    mounts[0].mountPoint = "/dead";
-    mounts[1].mountPoint = "/alive";
-    const auto released = std::make_shared<std::counting_semaphore<>>(0);
-    const auto asked = std::make_shared<std::atomic<int>>(0);
-    const SpaceQuestion question = [=](const std::string& mountPoint) {
-        if (mountPoint == "/dead") {
-            ++*asked;
-            released->acquire();
-        }
-        return SpaceAnswer();
-    };
-    std::vector<std::string> notices;
-    const auto ask = [&](std::chrono::milliseconds bound) {
-        notices.clear();
-        return AskMounts(mounts, question, bound, [&](const std::string& text) { notices.push_back(text); });
-    };
-    EXPECT_FALSE(ask(100ms)[0].has_value());
-    EXPECT_THAT(notices, ElementsAre(HasSubstr("/dead")));
-    const auto start = steady_clock::now();
-    const auto again = ask(30s);
-    EXPECT_LT(steady_clock::now() - start, 30s) << "known as silent: skipped at once";
-    EXPECT_FALSE(again[0].has_value());
-    EXPECT_TRUE(again[1].has_value());
-    EXPECT_EQ(notices.size(), 1u);
-    EXPECT_EQ(*asked, 1) << "one stuck thread at most";
-    mounts[0].device = "0:99";
-    EXPECT_FALSE(ask(50ms)[0].has_value());
-    EXPECT_EQ(*asked, 2) << "mounted anew: another mount";
-    released->release(100);
-    std::vector<std::optional<SpaceAnswer>> answers;
-    const auto end = steady_clock::now() + 30s;
-    do answers = ask(10s);
-    while (!answers[0] && steady_clock::now() < end);
-    EXPECT_TRUE(answers[0]) << "back, and no longer left out";
-    const int before = *asked;
-    ask(10s);
-    EXPECT_EQ(*asked, before + 1) << "asked anew each time";
-    EXPECT_TRUE(notices.empty());
 }
 
 TEST_F(WmiStorage, ADeadMountCostsOthersNothing) {

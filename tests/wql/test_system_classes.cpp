@@ -8,14 +8,13 @@
 #include <gmock/gmock.h>
 #include <unistd.h>
 
-#include "facts/account_files.h"
 #include "facts/distribution.h"
 #include "facts/local_time.h"
-#include "facts/processor_load.h"
 #include "facts/system_text.h"
 #include "facts/zone_rules.h"
 #include "platform/backend.h"
 #include "tests/support/linux/shell.h"
+#include "tests/support/linux/zone_setting.h"
 #include "tests/support/wmi_query.h"
 #include "wql/class_tree.h"
 #include "wql/classes/physical_memory.h"
@@ -180,118 +179,6 @@ TEST(WmiProcessors, AreDescribedByTheirArchitecturesOwnLines) {
     }
 }
 // clang-format on
-
-TEST(WmiProcessors, LoadIsThatSinceASampleAtLeastASecondOld) {
-    LoadHistory history;
-    const std::vector<CpuBlock> blocks = ParseCpuInfo("processor: 0\n\nprocessor: 1\n");
-    const std::tuple<const char*, std::chrono::milliseconds, const char*, unsigned> rows[] = {
-        {"since the start", 0ms, "cpu 9 9\ncpu0 10 10 10 50 10 5 5 0 0\ncpu1 10 10 10 60 0 0 0 10\nintr 7\n", 40},
-        {"too young a sample: since the start", 999ms, "cpu0 40 10 10 50 10 5 5 0\ncpu1 10 10 10 60 0 0 0 10\n", 48},
-        {"since the first", 1000ms, "cpu0 60 10 10 100 10 5 5 0\ncpu1 10 10 10 60 0 0 0 10\n", 50},
-        {"too young again: still since the first", 1500ms, "cpu0 60 10 10 150 10 5 5 0\ncpu1 10 10 10 60 0 0 0 10\n",
-         33},
-        {"since the second, a counter went back, one processor is gone", 2500ms, "cpu0 60 10 10 400 9 5 5 0\n", 0},
-        {"what was not there counts from the start", 4000ms, "cpu0 60 10 10 400 9 5 5 0\ncpu1 30 0 0 10\n", 75},
-        {"no time has passed", 9000ms, "cpu0 60 10 10 400 9 5 5 0\ncpu1 30 0 0 10\n", 0},
-    };
-    for (const auto& [title, at, stat, percent] : rows) {
-        TimesByProcessor sample;
-        for (const ProcessorTimes& times : ParseProcessorTimes(stat)) sample[times.number] = times;
-        const TimesByProcessor base = history.exchange(sample, std::chrono::steady_clock::time_point(at));
-        EXPECT_EQ(BusyPercent(blocks, base, sample), percent) << title;
-    }
-}
-
-// Accounts
-
-TEST(WmiAccounts, AreAsTheirPasswordsSay) {
-    const std::pair<const char*, const char*> rows[] = {
-        {"u:$6$hash:19000:0:99999:7:::", "true false false true -1; false false"},
-        {"u:!$6$hash:19000:0:90:7::20001:", "true true true true 20001; false true"},
-        {"u:!!:19000::::::", "true false false true -1; false true"},
-        {"u:*:19000:10:5:7:::", "true false true false -1; false true"},
-        {"u::19000:0:99999:7::20000:", "false false false true 20000; true true"},
-        {"u:short", "no entry"},
-        {"+\n-u::::::::\nu:*:1:0:90:7::x:\nu:*:::::::", "true false false true -1; false true"},
-    };
-    // required, locked, expires, may be changed, expiry or -1; disabled with and without a shell
-    for (const auto& [line, wanted] : rows) {
-        std::string facts = "no entry";
-        for (const auto& [name, entry] : ParseShadow(line)) {
-            facts = fmt::format("{} {} {} {} {}; {} {}", entry.isRequired, entry.isLocked, entry.expires,
-                                entry.mayBeChanged, entry.accountExpiry.value_or(-1),
-                                IsDisabled({"u", 1, "", "/bin/sh"}, entry, 20000),
-                                IsDisabled({"u", 1, "", "/sbin/nologin"}, entry, 20000));
-        }
-        EXPECT_EQ(facts, wanted) << line;
-    }
-}
-
-TEST(WmiAccounts, LinesThatAreNotAccountsHideNoOthers) {
-    const std::string members = std::string(9000, 'm') + ",n,,o";
-    std::string users;
-    for (const UserEntry& user : ParsePasswd("#c:x:1:1:::\n+\n-@y\n:x:3:3:::\nbad\nb:x:z:1:::\nc:x:4294967296:1:::\n"
-                                             "a:x:1:1:A B,room:/:/bin/sh\nl:x:2:2:" +
-                                             members + ":/:\nd:x:4:5"))
-        users += fmt::format("{} {} {} {};", user.name, user.id, user.fullName.size(), user.shell);
-    EXPECT_EQ(users, "a 1 3 /bin/sh;l 2 9000 ;d 4 0 ;");
-    std::string groups;
-    for (const GroupEntry& group : ParseGroups("+:::\nw:x:z:\nwheel:x:10:" + members + "\nq:x:12"))
-        groups += fmt::format("{} {};", group.name, group.id);
-    EXPECT_EQ(groups, "wheel 10;q 12;");
-    EXPECT_TRUE(ParsePasswd("").empty());
-}
-
-// Time zones
-
-/// Sets the time zone of this process while it lives.
-struct ZoneSetting {
-    explicit ZoneSetting(const std::string& name) {
-        setenv("TZ", name.c_str(), 1);
-        tzset();
-    }
-    ~ZoneSetting() {
-        unsetenv("TZ");
-        tzset();
-    }
-};
-
-/// Minutes east of UTC in the middle of each month of a year that no table of transitions reaches, by the C library.
-std::vector<std::int32_t> OffsetsOfMonths() {
-    std::vector<std::int32_t> offsets;
-    for (unsigned month = 1; month <= 12; ++month) {
-        const std::chrono::sys_seconds moment{
-            std::chrono::sys_days(std::chrono::year(2200) / std::chrono::month(month) / 15)};
-        offsets.push_back(LocalTimeOf(moment.time_since_epoch().count() * 1'000'000).minutesEast);
-    }
-    return offsets;
-}
-
-TEST(WmiTimeZones, AreThoseOfTheCLibrary) {
-    std::size_t changing = 0;
-    const std::string table = platform::ReadSystemFile("/usr/share/zoneinfo/zone1970.tab").value_or("");
-    std::string_view rest = table;
-    for (std::string_view line; TakeLine(rest, line);) {
-        if (line.starts_with('#')) continue;
-        TakeField(line);
-        TakeField(line);
-        const ZoneSetting setting{std::string(TakeField(line))};
-        const Zone zone = ReadZone();
-        ASSERT_TRUE(zone.rules.has_value()) << zone.name;
-        const std::vector<std::int32_t> offsets = OffsetsOfMonths();
-        const auto [least, most] = std::ranges::minmax(offsets);
-        EXPECT_EQ(zone.rules->minutesEast, least) << zone.name;
-        EXPECT_EQ(zone.rules->daylight ? zone.rules->daylight->minutesEast : least, most) << zone.name;
-        if (!zone.rules->daylight) continue;
-        ++changing;
-        const std::size_t afterStart = zone.rules->daylight->start.month % 12;  // the month after it
-        const std::size_t afterEnd = zone.rules->daylight->end.month % 12;
-        EXPECT_EQ(offsets[afterStart], most) << zone.name;
-        EXPECT_EQ(offsets[afterEnd], least) << zone.name;
-    }
-    if (table.empty()) GTEST_SKIP() << "no list of time zones here";
-    EXPECT_GT(changing, 50U);
-}
 
 // This machine
 

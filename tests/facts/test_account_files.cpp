@@ -1,0 +1,52 @@
+// Accounts and groups, as the files tell of them.
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+#include <utility>
+
+#include "facts/account_files.h"
+
+namespace kv::test {
+namespace {
+
+using namespace facts;
+
+TEST(AccountFiles, AreAsTheirPasswordsSay) {
+    const std::pair<const char*, const char*> rows[] = {
+        {"u:$6$hash:19000:0:99999:7:::", "true false false true -1; false false"},
+        {"u:!$6$hash:19000:0:90:7::20001:", "true true true true 20001; false true"},
+        {"u:!!:19000::::::", "true false false true -1; false true"},
+        {"u:*:19000:10:5:7:::", "true false true false -1; false true"},
+        {"u::19000:0:99999:7::20000:", "false false false true 20000; true true"},
+        {"u:short", "no entry"},
+        {"+\n-u::::::::\nu:*:1:0:90:7::x:\nu:*:::::::", "true false false true -1; false true"},
+    };
+    // required, locked, expires, may be changed, expiry or -1; disabled with and without a shell
+    for (const auto& [line, wanted] : rows) {
+        std::string facts = "no entry";
+        for (const auto& [name, entry] : ParseShadow(line)) {
+            facts = fmt::format("{} {} {} {} {}; {} {}", entry.isRequired, entry.isLocked, entry.expires,
+                                entry.mayBeChanged, entry.accountExpiry.value_or(-1),
+                                IsDisabled({"u", 1, "", "/bin/sh"}, entry, 20000),
+                                IsDisabled({"u", 1, "", "/sbin/nologin"}, entry, 20000));
+        }
+        EXPECT_EQ(facts, wanted) << line;
+    }
+}
+
+TEST(AccountFiles, LinesThatAreNotAccountsHideNoOthers) {
+    const std::string members = std::string(9000, 'm') + ",n,,o";
+    std::string users;
+    for (const UserEntry& user : ParsePasswd("#c:x:1:1:::\n+\n-@y\n:x:3:3:::\nbad\nb:x:z:1:::\nc:x:4294967296:1:::\n"
+                                             "a:x:1:1:A B,room:/:/bin/sh\nl:x:2:2:" +
+                                             members + ":/:\nd:x:4:5"))
+        users += fmt::format("{} {} {} {};", user.name, user.id, user.fullName.size(), user.shell);
+    EXPECT_EQ(users, "a 1 3 /bin/sh;l 2 9000 ;d 4 0 ;");
+    std::string groups;
+    for (const GroupEntry& group : ParseGroups("+:::\nw:x:z:\nwheel:x:10:" + members + "\nq:x:12"))
+        groups += fmt::format("{} {};", group.name, group.id);
+    EXPECT_EQ(groups, "wheel 10;q 12;");
+    EXPECT_TRUE(ParsePasswd("").empty());
+}
+
+}  // namespace
+}  // namespace kv::test

@@ -1,0 +1,55 @@
+// The rules of every time zone, beside what the C library makes of them.
+#include <algorithm>
+#include <chrono>
+#include <gtest/gtest.h>
+
+#include "facts/local_time.h"
+#include "facts/system_text.h"
+#include "facts/zone_rules.h"
+#include "platform/linux/system_file.h"
+#include "tests/support/linux/zone_setting.h"
+
+namespace kv::test {
+namespace {
+
+using namespace facts;
+
+/// Minutes east of UTC in the middle of each month of a year that no table of transitions reaches, by the C library.
+std::vector<std::int32_t> OffsetsOfMonths() {
+    std::vector<std::int32_t> offsets;
+    for (unsigned month = 1; month <= 12; ++month) {
+        const std::chrono::sys_seconds moment{
+            std::chrono::sys_days(std::chrono::year(2200) / std::chrono::month(month) / 15)};
+        offsets.push_back(LocalTimeOf(moment.time_since_epoch().count() * 1'000'000).minutesEast);
+    }
+    return offsets;
+}
+
+TEST(ZoneRules, AreThoseOfTheCLibrary) {
+    std::size_t changing = 0;
+    const std::string table = platform::ReadSystemFile("/usr/share/zoneinfo/zone1970.tab").value_or("");
+    std::string_view rest = table;
+    for (std::string_view line; TakeLine(rest, line);) {
+        if (line.starts_with('#')) continue;
+        TakeField(line);
+        TakeField(line);
+        const ZoneSetting setting{std::string(TakeField(line))};
+        const Zone zone = ReadZone();
+        ASSERT_TRUE(zone.rules.has_value()) << zone.name;
+        const std::vector<std::int32_t> offsets = OffsetsOfMonths();
+        const auto [least, most] = std::ranges::minmax(offsets);
+        EXPECT_EQ(zone.rules->minutesEast, least) << zone.name;
+        EXPECT_EQ(zone.rules->daylight ? zone.rules->daylight->minutesEast : least, most) << zone.name;
+        if (!zone.rules->daylight) continue;
+        ++changing;
+        const std::size_t afterStart = zone.rules->daylight->start.month % 12;  // the month after it
+        const std::size_t afterEnd = zone.rules->daylight->end.month % 12;
+        EXPECT_EQ(offsets[afterStart], most) << zone.name;
+        EXPECT_EQ(offsets[afterEnd], least) << zone.name;
+    }
+    if (table.empty()) GTEST_SKIP() << "no list of time zones here";
+    EXPECT_GT(changing, 50U);
+}
+
+}  // namespace
+}  // namespace kv::test
