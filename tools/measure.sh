@@ -8,7 +8,8 @@ cmake --preset release >/dev/null
 cmake --build --preset release -- --quiet
 bin=build/release/bin
 
-for bench in bench_log bench_json bench_plan bench_zip bench_unzip bench_snmp_message bench_snmp_walk bench_wmi bench_growth; do
+mapfile -t benchmarks <build/release/benchmarks.txt
+for bench in "${benchmarks[@]}"; do
     printf '\n== %s\n' "$bench"
     "$bin/$bench"
 done
