@@ -37,7 +37,12 @@ constexpr std::u16string_view unfinishedPattern = u"zipdata\\Agent_*.tmp";
 constexpr std::uint64_t zipOverhead = 8192;
 
 constexpr std::uint32_t firstWaitMilliseconds = 60000;
-constexpr std::uint32_t waitMilliseconds = 5000;
+
+/// How often the end of a pass's period is looked for.
+constexpr std::uint32_t periodStepMilliseconds = 5000;
+
+/// How often a record file that is still being written is looked at.
+constexpr std::uint32_t inUseMilliseconds = 5000;
 
 std::string ZipMessage(ZipResult result) {
     std::array<char, 100> text{};
@@ -166,7 +171,7 @@ bool PackFile(ZipInProgress& zip, const std::u16string& path) {
     if (fileExists(path) == 0) return true;
     while (IsFileisOpen(path) == FileUse::inUse) {
         Log1("\t StripTxtFiles :: IsFileisOpen returned failure for [%s]\n", path);
-        platform::Clock().Sleep(waitMilliseconds);
+        platform::Clock().Sleep(inUseMilliseconds);
     }
     const ZipResult result = AddFileToZip(zip.zip, path, path);
     if (result == zip_result::ok) {
@@ -261,8 +266,8 @@ void WaitForNextPass(std::int64_t passStart) {
     std::int64_t waited = 0;
     do {
         now = GetNowSeconds();
-        platform::Clock().Sleep(waitMilliseconds);
-        waited += waitMilliseconds / 1000;
+        platform::Clock().Sleep(periodStepMilliseconds);
+        waited += periodStepMilliseconds / 1000;
     } while (now - passStart < period && waited <= period);
 }
 

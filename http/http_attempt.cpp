@@ -14,8 +14,6 @@ using platform::Http;
 namespace error = platform::error;
 
 constexpr std::u16string_view userAgent = u"TallowmereOnCallAgent";
-constexpr int maxRounds = 5;
-constexpr std::uint32_t resendPause = 5000;  // milliseconds
 
 Error OpenSession(HttpAttempt& attempt) {
     const TransactionTarget& target = attempt.target;
@@ -58,7 +56,6 @@ Error TolerateCertificate(const HttpAttempt& attempt) {
     return SetNumber(attempt, platform::HttpOption::securityFlags, flags | attempt.securityFlags);
 }
 
-/// Texts of a single character or none are no credentials.
 bool IsCredential(const OptionalText& text) { return text && text->size() > 1; }
 
 Error SetCredential(const HttpAttempt& attempt, platform::HttpOption option, const OptionalText& text) {

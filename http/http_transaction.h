@@ -1,9 +1,24 @@
-// Every exchange with the central server. AgentSendRequest chooses the address, one transaction routine carries out one
-// attempt at one address. Transactions block, share nothing and may run on several threads at once.
+// Every exchange with the central server. AgentSendRequest chooses the address, and a transaction routine makes one
+// attempt at it. Transactions block, share nothing but the agent state and may run on several threads at once.
 //
 // Results: 0 the server answered 200 (and a download was stored); 13 another status, or a POST without data; 407 the
-// proxy refused the credentials; 12002, 12007, 12029 the transport failures that move on to the next address; else the
-// system's error for the step that failed.
+// proxy refused the credentials; 12002, 12007, 12029 (time-out, name not resolved, cannot connect) the transport
+// failures; else the system's error for the step that failed.
+//
+// Trying again has four levels, each within the one above.
+//
+//   level   | what is tried again        | after which failure               | how often      | pause
+//   --------+----------------------------+-----------------------------------+----------------+-----------------
+//   pass    | a zip that still waits     | any                               | in every pass  | gv_writeInterval
+//   address | a request, at the next     | transport; any between the first  | five addresses | none
+//           | address of the state       | and the second IP address         |                |
+//   restart | an attempt, on a new       | 12015; 12017 of the sending       | once           | none
+//           | request, its rounds from 0 |                                   |                |
+//   round   | a sending, on the same     | 12032 of the receiving            | maxRounds      | resendPause
+//           | request                    | 12015 of it, the restart used     |                | none
+//
+// A pass is exchange/upload_pipeline.h; only uploads have this level. Addresses are AgentSendRequest's; restart and
+// rounds are SendAndReceive's (http/http_attempt.h); a GET restarts on a new session and connection, too.
 #pragma once
 
 #include <cstddef>
@@ -17,6 +32,9 @@
 
 namespace kv {
 
+inline constexpr int maxRounds = 5;
+inline constexpr std::uint32_t resendPause = 5000;  // milliseconds
+
 /// Decides the method and the options of a transaction.
 enum class RequestKind : std::int32_t {
     REQUEST_GET_TIMED = 11001,
@@ -29,13 +47,16 @@ enum class RequestKind : std::int32_t {
 
 /// What a transaction sends or where it stores what it gets.
 struct RequestData {
-    std::optional<std::string_view> body = {};                // POST: the bytes to send, or none
-    std::optional<std::u16string_view> destinationFile = {};  // GET: the file to store the body in, or none
+    std::optional<std::string_view> body = {};                // POST: the bytes to send; null is refused with 13
+    std::optional<std::u16string_view> destinationFile = {};  // GET: the file to store the body in; null for memory
 };
 
-/// Sends a request to the addresses of the agent state, in their order, until one answers. serverName and serverPort
-/// are taken for the caller's convenience and ignored. Backslashes of the url become slashes, in the caller's text.
-/// response may be null; it is set when a body was received into memory, and is left alone otherwise.
+/// Sends a request to the addresses of the agent state, in their order, until one gives a result that is final; an
+/// address of one or two characters is passed over. An address of the configuration that answers 200 becomes
+/// gv_LastAccessName, which is tried first. serverName and serverPort are ignored: callers pass what the state has.
+///
+/// Backslashes of the url become slashes, in the caller's text. response may be null, and a body is thrown away then;
+/// it is set when a body was received into memory, and is left alone otherwise. Running out of memory is a result.
 ///
 /// For REQUEST_POST_BINARY dataLength counts the bytes of the body. For any other POST the body counts as wide text and
 /// half its bytes are sent: wide text goes with REQUEST_POST_BINARY.
@@ -43,7 +64,7 @@ platform::Error AgentSendRequest(const OptionalText& serverName, std::int32_t se
                                  const RequestData& data, OptionalText* response, RequestKind kind,
                                  std::size_t dataLength, bool keepAlive);
 
-/// Posts a whole file as REQUEST_POST_BINARY.
+/// Posts a whole file, read into memory, as REQUEST_POST_BINARY. The error of a file that cannot be read is the result.
 platform::Error InternetUploadBinaryFile(const OptionalText& serverName, std::int32_t serverPort, std::u16string& url,
                                          std::u16string_view filePath);
 
@@ -59,17 +80,19 @@ platform::Error InternetSendRequest(const OptionalText& serverName, std::int32_t
 platform::Error InternetDownloadFile(const OptionalText& serverName, std::int32_t serverPort, std::u16string& url,
                                      std::u16string_view destinationFile, bool keepAlive);
 
-/// One attempt at one address.
+/// Where one attempt goes.
 struct TransactionTarget {
     bool secure = false;
     std::u16string_view server;
     std::int32_t port = 0;  // only the low 16 bits reach the connect call
-    bool useProxy = false;
+    bool useProxy = false;  // the rest is not looked at without
     OptionalText proxyName;
     OptionalText proxyBypass;
-    OptionalText proxyUser;
+    OptionalText proxyUser;  // texts of less than two characters are not credentials
     OptionalText proxyPassword;
 };
+
+/// One attempt of a GET, and of a POST. May throw std::bad_alloc.
 platform::Error InternetGetRequestEx(const TransactionTarget& target, std::u16string_view url,
                                      std::optional<std::u16string_view> destinationFile, OptionalText* response,
                                      RequestKind kind, bool keepAlive);
