@@ -55,7 +55,6 @@ std::string ZipMessage(ZipResult result) {
 struct ZipInProgress {
     std::u16string temporaryPath;
     ZipHandle zip = nullptr;
-    bool isGivenUp = false;  // what was written of it is of no use
     std::vector<std::u16string> packed;
     std::vector<std::u16string> lost;  // files that cannot be packed
 
@@ -92,7 +91,7 @@ struct BatchResult {
     bool mayFitSmaller = false;  // the disk did not take the zip: one of fewer files may have room
 };
 
-/// Nothing for what is not a file, or cannot be opened: it takes no place in a zip. One that is still being written is
+/// Null for what is not a file, or cannot be opened: it takes no place in a zip. One that is still being written is
 /// waited for when it is packed.
 std::optional<RecordFile> ReadableRecord(const platform::FindData& found) {
     if (found.isDirectory) return std::nullopt;
@@ -164,11 +163,17 @@ bool IsFaultOfFile(ZipResult result) {
            result == zip_result::badArguments;
 }
 
-/// Adds a record file to the zip. False when the zip ends before it: it has no room left for it, takes nothing more
-/// since a source failed in its middle, or has to be given up. The first file of a zip is done with in any case: one
-/// that no zip can take would come back in every pass.
-bool PackFile(ZipInProgress& zip, const std::u16string& path) {
-    if (fileExists(path) == 0) return true;
+/// What came of packing one record file.
+enum class PackOutcome {
+    fileDone,    // it is in the zip, is gone meanwhile, or is lost
+    zipIsFull,   // it has to wait for the next zip: this one has no room, or a source failed in its middle
+    zipGivenUp,  // what was written of the zip is of no use
+};
+
+/// Adds a record file to the zip. A first file for which a zip has no room is lost: no zip could take it, and it would
+/// come back in every pass.
+PackOutcome PackFile(ZipInProgress& zip, const std::u16string& path) {
+    if (fileExists(path) == 0) return PackOutcome::fileDone;
     while (IsFileisOpen(path) == FileUse::inUse) {
         Log1("\t StripTxtFiles :: IsFileisOpen returned failure for [%s]\n", path);
         platform::Clock().Sleep(inUseMilliseconds);
@@ -176,21 +181,28 @@ bool PackFile(ZipInProgress& zip, const std::u16string& path) {
     const ZipResult result = AddFileToZip(zip.zip, path, path);
     if (result == zip_result::ok) {
         zip.packed.push_back(path);
-        return true;
+        return PackOutcome::fileDone;
     }
-    if (result == zip_result::previousError) return false;
+    if (result == zip_result::previousError) return PackOutcome::zipIsFull;
     Log1("\t StripTxtFiles :: Not able to add [%s] to the zip. Error is [0x%x] [%s]\n", path, result,
          ZipMessage(result));
-    if (result == zip_result::badArguments && !zip.packed.empty()) return false;
-    zip.isGivenUp = !IsFaultOfFile(result);
-    if (zip.isGivenUp) return false;
+    if (result == zip_result::badArguments && !zip.packed.empty()) return PackOutcome::zipIsFull;
+    if (!IsFaultOfFile(result)) return PackOutcome::zipGivenUp;
     zip.lost.push_back(path);
-    return true;
+    return PackOutcome::fileDone;
 }
 
-/// Closes the zip and gives it its name. False when its files are still to be packed.
+/// Packs files up to the first that the zip does not take; filesDone says how many.
+PackOutcome PackFiles(ZipInProgress& zip, std::span<const RecordFile> batch, std::size_t& filesDone) {
+    for (filesDone = 0; filesDone < batch.size(); ++filesDone) {
+        const PackOutcome outcome = PackFile(zip, batch[filesDone].path);
+        if (outcome != PackOutcome::fileDone) return outcome;
+    }
+    return PackOutcome::fileDone;
+}
+
+/// Closes the zip, unless nothing is in it, and gives it its name. False when its files are still to be packed.
 bool FinishZip(ZipInProgress& zip, const std::u16string& path) {
-    if (zip.isGivenUp) return false;
     if (zip.packed.empty()) return true;
     const ZipResult result = CloseZip(std::exchange(zip.zip, nullptr));
     if (result != zip_result::ok) {
@@ -236,8 +248,7 @@ BatchResult PackBatch(std::span<const RecordFile> batch, std::u16string_view nam
         return {};
     }
     std::size_t filesDone = 0;
-    while (filesDone < batch.size() && PackFile(zip, batch[filesDone].path)) ++filesDone;
-    if (!FinishZip(zip, path + u".zip")) {
+    if (PackFiles(zip, batch, filesDone) == PackOutcome::zipGivenUp || !FinishZip(zip, path + u".zip")) {
         Log1("\t StripTxtFiles :: [%s] is given up. Its record files stay\n", zip.temporaryPath);
         return {.mayFitSmaller = true};
     }
