@@ -51,4 +51,9 @@ bool IsFollowedRedirect(std::uint32_t status, bool post) {
            (!post || status >= 307);
 }
 
+void HttpPace::Count(std::int64_t bytes, TimePoint now) {
+    bytes_ += bytes;
+    if (bytes_ >= slowestPaceBytes) *this = HttpPace(now);
+}
+
 }  // namespace platform

@@ -37,4 +37,21 @@ inline constexpr std::chrono::seconds httpHeaderLimit{90};
 inline constexpr std::int64_t slowestPaceBytes = 1024;
 inline constexpr std::chrono::minutes slowestPaceTime{5};
 
+/// Holds a transfer to that pace: bytes are counted from a moment on, and again from when there are enough of them.
+class HttpPace {
+  public:
+    using TimePoint = std::chrono::steady_clock::time_point;
+
+    explicit HttpPace(TimePoint start) : start_(start) {}
+
+    void Count(std::int64_t bytes, TimePoint now);
+
+    /// When the pace is lost, unless enough bytes are counted by then.
+    TimePoint end() const { return start_ + slowestPaceTime; }
+
+  private:
+    TimePoint start_;
+    std::int64_t bytes_ = 0;
+};
+
 }  // namespace platform

@@ -31,10 +31,17 @@ using Clock = std::chrono::steady_clock;
 /// Headers of one answer, at most. Servers and proxies keep theirs well below 64 KiB.
 constexpr int maxHeaderBytes = 256 * 1024;
 
+/// An answer that is held back is held up to this many bytes: a longer one shows itself. As much as headers may have,
+/// so that an answer to half a body is not seen before the rest is out.
+constexpr int heldAnswerBytes = 256 * 1024;
+
 constexpr std::chrono::milliseconds longestPoll{1000};
 
 /// An answer that is held back wakes no wait; a refusal among them is looked for this often.
 constexpr std::chrono::milliseconds longestPollWhileHeld{50};
+
+/// Nor does what the other side acknowledges at the end: this often the bytes that are still on their way are counted.
+constexpr std::chrono::milliseconds longestDrainPoll{50};
 
 /// How long a server that has accepted a body and hangs up on it may take from the one to the other.
 constexpr std::chrono::milliseconds longestHangUp{100};
@@ -153,11 +160,7 @@ CurlTransfer::CurlTransfer(const CurlTransferSettings& settings)
     : multi_(curl_multi_init()),
       easy_(curl_easy_init()),
       bodySize_(settings.bodySize),
-      sendTimeout_(settings.sendTimeout),
-      receiveTimeout_(settings.receiveTimeout),
-      lastSent_(Clock::now()),
-      lastTraffic_(lastSent_),
-      paceStart_(lastSent_) {
+      limits_(settings.sendTimeout, settings.receiveTimeout, Clock::now()) {
     if (!multi_ || !easy_) throw std::bad_alloc();
     Configure(settings);
     if (const Error failure = ErrorFromMulti(curl_multi_add_handle(multi_.get(), easy_.get()))) end_ = failure;
@@ -228,7 +231,7 @@ int CurlTransfer::OnRequest(void* self, char*, char*, int, int ownPort) {
     auto& transfer = *static_cast<CurlTransfer*>(self);
     for (const int socket : transfer.sockets_) {
         if (LocalPort(socket) != ownPort) continue;
-        SetLowWater(socket, maxHeaderBytes);
+        SetLowWater(socket, heldAnswerBytes);
         transfer.heldSocket_ = socket;
         transfer.connection_ = Descriptor(fcntl(socket, F_DUPFD_CLOEXEC, 0));
     }
@@ -249,7 +252,7 @@ std::size_t CurlTransfer::OnHeader(char* data, std::size_t size, std::size_t cou
 /// Takes a header line; false when there are too many, or the server has not got the request's body. That is asked
 /// before libcurl has seen the end of the headers: it may say goodbye then, to which a server's answer is a reset, too.
 bool CurlTransfer::TakeHeader(std::string_view line) {
-    lastTraffic_ = Clock::now();
+    limits_.NoteHeader(Clock::now());
     if (headersComplete_) return true;                          // a trailer of a chunked body
     if (rawHeaders_.ends_with(emptyLine)) rawHeaders_.clear();  // of an interim answer or of a tunnel
     if (rawHeaders_.size() + line.size() > std::size_t{maxHeaderBytes}) {
@@ -286,10 +289,9 @@ std::size_t CurlTransfer::OnBody(char* data, std::size_t size, std::size_t count
 bool CurlTransfer::TakeBody(std::string_view bytes) {
     paused_ = pieceTaken_ < piece_.size();
     if (paused_) return false;
-    lastTraffic_ = Clock::now();
+    limits_.NoteBody(static_cast<std::int64_t>(bytes.size()), Clock::now());
     piece_ = bytes;
     pieceTaken_ = 0;
-    CountForPace(static_cast<curl_off_t>(bytes.size()));
     return true;
 }
 
@@ -325,8 +327,8 @@ Error CurlTransfer::ConfirmBody() {
         return watched.revents;
     };
     for (; waitingInSocket_ > 0; NoteTraffic()) {
-        if (TimeLeft(Stage::headers).count() <= 0) return error::winHttpTimeout;
-        if (watch(0, longestPollWhileHeld) != 0) return error::winHttpConnectionError;
+        if (limits_.TimeLeft(Stage::headers, Clock::now()).count() <= 0) return error::winHttpTimeout;
+        if (watch(0, longestDrainPoll) != 0) return error::winHttpConnectionError;
     }
     short seen = watch(POLLRDHUP, longestHangUp);
     if (seen == POLLRDHUP) seen = watch(0, longestSecondStep);
@@ -365,17 +367,11 @@ void CurlTransfer::NoteTraffic() {
     waitingInSocket_ = WaitingInSocket();
     const curl_off_t moved = std::max<curl_off_t>(bytesSent_ - formerlySent, 0) +
                              std::max<curl_off_t>(formerlyWaiting - waitingInSocket_, 0);
-    const bool connected = IsConnected();
-    if (moved == 0 && connected) return;
-    lastSent_ = lastTraffic_ = Clock::now();
-    CountForPace(connected ? moved : slowestPaceBytes);  // the pace is measured from the connection on
-}
-
-void CurlTransfer::CountForPace(curl_off_t bytes) {
-    paceBytes_ += bytes;
-    if (paceBytes_ < slowestPaceBytes) return;
-    paceStart_ = Clock::now();
-    paceBytes_ = 0;
+    if (!IsConnected()) {
+        limits_.NoteConnecting(Clock::now());
+    } else if (moved > 0) {
+        limits_.NoteSent(moved, Clock::now());
+    }
 }
 
 /// The connection's socket, or -1 while there is none.
@@ -414,26 +410,16 @@ bool CurlTransfer::HasReached(Stage stage) const {
     return false;
 }
 
-/// Time until the first limit runs out, should nothing move any more; 0 or less when one has.
-std::chrono::milliseconds CurlTransfer::TimeLeft(Stage stage) const {
-    const auto left = [now = Clock::now()](TimePoint since, std::chrono::milliseconds limit) {
-        return std::chrono::ceil<std::chrono::milliseconds>(since + limit - now);
-    };
-    const auto pace = left(paceStart_, slowestPaceTime);
-    if (stage == Stage::send) return std::min(pace, left(lastSent_, sendTimeout_));
-    const auto answer = std::min(pace, left(lastTraffic_, receiveTimeout_));
-    return stage == Stage::headers ? std::min(answer, left(lastSent_, httpHeaderLimit)) : answer;
-}
-
 /// Lets the transfer go on until a point is reached or it is over. Until the connection stands its own limit holds,
-/// after that those of TimeLeft. A transfer that ends before the point, as with an answer of 200 to half a body, has
-/// lost its connection.
+/// after that those of HttpTransferLimits. A transfer that ends before the point, as with an answer of 200 to half a
+/// body, has lost its connection.
 Error CurlTransfer::Run(Stage stage) {
-    lastSent_ = lastTraffic_ = Clock::now();
+    limits_.BeginWait(Clock::now());
     while (!HasReached(stage) && !end_) {
         Perform();
         if (HasReached(stage) || end_) break;
-        const auto wait = std::min(heldSocket_ >= 0 ? longestPollWhileHeld : longestPoll, TimeLeft(stage));
+        const auto wait =
+            std::min(heldSocket_ >= 0 ? longestPollWhileHeld : longestPoll, limits_.TimeLeft(stage, Clock::now()));
         if (wait.count() <= 0) {
             end_ = error::winHttpTimeout;
         } else if (const Error failure = ErrorFromMulti(

@@ -5,7 +5,7 @@
 // body of any size occupies a few kilobytes. A transfer belongs to one thread at a time and shares nothing with others.
 //
 // All limits are measured on the system's steady clock and not on that of the seam: the waits are libcurl's, and
-// virtual time does not pass in them. The limits of 90 seconds and of 5 minutes are therefore not covered by a test.
+// virtual time does not pass in them. The limits themselves know no clock (platform/linux/http_transfer_limits.h).
 #pragma once
 
 #include <chrono>
@@ -20,6 +20,7 @@
 
 #include "platform/errors.h"
 #include "platform/linux/descriptor.h"
+#include "platform/linux/http_transfer_limits.h"
 
 namespace platform {
 
@@ -72,14 +73,11 @@ class CurlTransfer {
     /// HTTP status of the answer; 0 without one.
     std::uint32_t status() const;
 
-    /// Value of the first header of a name, without regard to case; none when it does not occur.
+    /// Value of the first header of a name, without regard to case; null when it does not occur.
     std::optional<std::string> headerValue(std::string_view name) const;
 
   private:
-    using TimePoint = std::chrono::steady_clock::time_point;
-
-    /// What is waited for.
-    enum class Stage { send, headers, body };
+    using Stage = HttpTransferLimits::Stage;
 
     template <auto Routine>
     struct Release {
@@ -92,13 +90,11 @@ class CurlTransfer {
     void Configure(const CurlTransferSettings& settings);
     Error Run(Stage stage);
     bool HasReached(Stage stage) const;
-    std::chrono::milliseconds TimeLeft(Stage stage) const;
     void Perform();
     void ReadAnswerWhenDue();
     bool RefusalHasCome() const;
     Error ConfirmBody();
     void NoteTraffic();
-    void CountForPace(curl_off_t bytes);
     int CurrentSocket() const;
     curl_off_t WaitingInSocket() const;
     bool IsBodyOut() const { return bytesSent_ >= static_cast<curl_off_t>(bodySize_); }
@@ -117,8 +113,7 @@ class CurlTransfer {
     std::unique_ptr<CURL, Release<curl_easy_cleanup>> easy_;
 
     std::size_t bodySize_;
-    std::chrono::milliseconds sendTimeout_;
-    std::chrono::milliseconds receiveTimeout_;
+    HttpTransferLimits limits_;
 
     std::string rawHeaders_;
     bool headersComplete_ = false;
@@ -131,10 +126,6 @@ class CurlTransfer {
     Descriptor connection_;     // the same, a descriptor of our own: libcurl closes its own with the answer
     std::optional<Error> end_;  // set once the transfer is over: success, or why it broke off
 
-    TimePoint lastSent_;              // a byte went out, to the socket or from it
-    TimePoint lastTraffic_;           // a byte went either way
-    TimePoint paceStart_;             // the present count of bytes began
-    curl_off_t paceBytes_ = 0;        // of the request and of the body, since then
     curl_off_t bytesSent_ = 0;        // of the request's body, to the socket
     curl_off_t waitingInSocket_ = 0;  // bytes that the other side has not acknowledged
 };

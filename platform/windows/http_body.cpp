@@ -1,8 +1,7 @@
 #include "platform/windows/http_body.h"
 
 #include <algorithm>
-
-#include "platform/http_rules.h"
+#include <chrono>
 
 namespace platform {
 
@@ -13,7 +12,7 @@ using Clock = std::chrono::steady_clock;
 constexpr DWORD statusNoContent = 204;
 constexpr DWORD statusNotModified = 304;
 
-/// The length that the body has; none where a header does not tell: the body comes in chunks, which WinHTTP takes apart
+/// The length that the body has; null where no header tells it: the body comes in chunks, which WinHTTP takes apart
 /// itself, or lasts until the server hangs up.
 std::optional<std::uint64_t> DeclaredLength(HINTERNET request) {
     DWORD status = 0;
@@ -29,8 +28,7 @@ std::optional<std::uint64_t> DeclaredLength(HINTERNET request) {
 
 }  // namespace
 
-HttpBody::HttpBody(HINTERNET request)
-    : request_(request), declared_(DeclaredLength(request)), paceStart_(Clock::now()) {}
+HttpBody::HttpBody(HINTERNET request) : request_(request), declared_(DeclaredLength(request)), pace_(Clock::now()) {}
 
 /// How the body has ended, now that WinHTTP has no more of it.
 Error HttpBody::End() const {
@@ -38,7 +36,7 @@ Error HttpBody::End() const {
 }
 
 Error HttpBody::Ask(DWORD& available) const {
-    if (paceBytes_ < slowestPaceBytes && Clock::now() - paceStart_ > slowestPaceTime) return error::winHttpTimeout;
+    if (Clock::now() > pace_.end()) return error::winHttpTimeout;
     return HttpResultOf(::WinHttpQueryDataAvailable(request_, &available));
 }
 
@@ -56,11 +54,7 @@ Error HttpBody::Wait(std::size_t& available) {
 Error HttpBody::Take(std::byte* buffer, DWORD size, DWORD& taken) {
     if (!::WinHttpReadData(request_, buffer, size, &taken)) return LastHttpError();
     received_ += taken;
-    paceBytes_ += taken;
-    if (paceBytes_ >= slowestPaceBytes) {
-        paceStart_ = Clock::now();
-        paceBytes_ = 0;
-    }
+    pace_.Count(taken, Clock::now());
     return taken == 0 ? End() : error::success;
 }
 

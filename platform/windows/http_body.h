@@ -4,11 +4,11 @@
 // Belongs to the thread that reads it.
 #pragma once
 
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
 
+#include "platform/http_rules.h"
 #include "platform/windows/http_calls.h"
 
 namespace platform {
@@ -25,18 +25,15 @@ class HttpBody {
     Error Read(std::byte* buffer, std::size_t size, std::size_t& read);
 
   private:
-    using TimePoint = std::chrono::steady_clock::time_point;
-
     Error Ask(DWORD& available) const;
     Error Take(std::byte* buffer, DWORD size, DWORD& taken);
     Error End() const;
 
     HINTERNET request_;
-    std::optional<std::uint64_t> declared_;  // none where the end shows otherwise
+    std::optional<std::uint64_t> declared_;  // null where the end shows otherwise
     std::uint64_t received_ = 0;
     std::optional<Error> end_;  // set once the body is over: success, or why it broke off
-    TimePoint paceStart_;       // the present count of bytes began
-    std::int64_t paceBytes_ = 0;
+    HttpPace pace_;
 };
 
 }  // namespace platform
