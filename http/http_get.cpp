@@ -1,7 +1,9 @@
-// One attempt of a GET: into a file, into memory, or with its body thrown away.
+// One attempt of a GET: its body goes into a file, into memory, or nowhere.
 #include <array>
 #include <cstdint>
 #include <new>
+#include <string>
+#include <utility>
 
 #include "foundation/file_utils.h"
 #include "foundation/log.h"
@@ -28,7 +30,7 @@ constexpr std::size_t downloadBuffer = 208;
 /// gone wrong from filling the disk.
 constexpr std::uint64_t maxDownloadBytes = std::uint64_t{1} << 30;
 
-/// The file that a download goes to. One that cannot be opened is no failure until the first byte is to be written.
+/// The file that a download goes to. One that cannot be opened becomes a failure when the first byte is to be written.
 class DestinationFile {
   public:
     explicit DestinationFile(std::u16string_view path) {
@@ -80,22 +82,27 @@ Error DownloadBody(const HttpAttempt& attempt, const DestinationFile& file) {
     }
 }
 
-/// Reads one chunk of the body behind what has come. 0 when there is no more.
-Error ReadChunk(const HttpAttempt& attempt, std::string& body) {
-    std::size_t available = 0;
-    if (const Error failure = Http().WinHttpQueryDataAvailable(attempt.request.get(), available)) {
+/// What came of a body.
+struct ReceivedBody {
+    std::u16string text;         // of UTF-16LE; empty when it was not wanted
+    std::size_t bytes = 0;       // that came
+    Error end = error::success;  // why it ended early
+};
+
+/// Takes the next piece that is there; its size is 0 at the end of the body and after a failure.
+Error ReadPiece(const HttpAttempt& attempt, std::string& piece) {
+    piece.clear();
+    std::size_t size = 0;
+    if (const Error failure = Http().WinHttpQueryDataAvailable(attempt.request.get(), size)) {
         Log1("InternetGetRequestEx : Error %u in WinHttpQueryDataAvailable.\n", failure);
         HttpGetLastError(failure);
         return failure;
     }
-    if (available == 0) return error::success;
-    const std::size_t former = body.size();
-    const std::size_t wanted = available + available % 2;  // whole 16-bit characters
-    body.resize(former + wanted);
-    std::size_t read = 0;
+    if (size == 0) return error::success;
+    piece.resize(size + size % 2);  // whole 16-bit characters
     const Error failure =
-        Http().WinHttpReadData(attempt.request.get(), reinterpret_cast<std::byte*>(body.data() + former), wanted, read);
-    body.resize(former + (failure ? 0 : read));
+        Http().WinHttpReadData(attempt.request.get(), reinterpret_cast<std::byte*>(piece.data()), piece.size(), size);
+    piece.resize(failure ? 0 : size);
     if (failure) {
         Log1("InternetGetRequestEx : Error %u in WinHttpReadData.\n", failure);
         HttpGetLastError(failure);
@@ -103,52 +110,34 @@ Error ReadChunk(const HttpAttempt& attempt, std::string& body) {
     return failure;
 }
 
-/// What came of a body: the bytes received, and the failure that ended it early.
-struct BodyEnd {
-    std::size_t received = 0;
-    Error failure = error::success;
-};
-
-/// Reads the body, or throws it away where it is not wanted.
-void ReadChunks(const HttpAttempt& attempt, bool wanted, std::string& body, BodyEnd& end) {
-    for (;;) {
-        const std::size_t former = body.size();
-        end.failure = ReadChunk(attempt, body);
-        const std::size_t chunk = body.size() - former;
-        if (chunk == 0) return;
-        end.received += chunk;
-        if (!wanted) body.clear();
-        if (end.received >= maxResponseBytes) {
-            Log1("InternetGetRequestEx : The answer of the server %s is cut after %d bytes\n", attempt.target.server,
-                 end.received);
-            return;
-        }
-    }
-}
-
-/// Takes a step that may run out of memory; false when it did.
-template <class Step>
-bool HasMemoryFor(Step step) {
+/// Reads a body to its end, a failure or the limit, and keeps its text if that is wanted.
+ReceivedBody ReadBody(const HttpAttempt& attempt, bool wanted) {
+    ReceivedBody body;
     try {
-        step();
-        return true;
+        std::string piece;
+        while (body.bytes < maxResponseBytes) {
+            body.end = ReadPiece(attempt, piece);
+            if (piece.empty()) return body;
+            if (wanted) body.text += TextFromUtf16LittleEndian(piece);
+            body.bytes += piece.size();
+        }
+        Log1("InternetGetRequestEx : The answer of the server %s is cut after %d bytes\n", attempt.target.server,
+             body.bytes);
     } catch (const std::bad_alloc&) {
         Log1("InternetGetRequestEx :Out of memory\n");
-        return false;
+        body.end = error::notEnoughMemory;
     }
+    return body;
 }
 
-/// Reads the body as UTF-16LE text into the response, or throws it away where none is wanted. What came before a
-/// failure is kept and counts as the answer; a failure before any of it is the result, as nothing tells such a body
-/// from an empty one otherwise. An answer without a body leaves the code of an earlier resend round standing.
+/// Reads the body into the response, or throws it away when response is null. What came before a failure is kept and
+/// counts as the answer. A failure before any of it is the result: nothing else tells such a body from an empty one. An
+/// answer without a body leaves the code of an earlier resend round standing.
 Error ReceiveBody(const HttpAttempt& attempt, OptionalText* response) {
-    std::string body;
-    BodyEnd end;
-    const bool whole = HasMemoryFor([&] { ReadChunks(attempt, response != nullptr, body, end); });
-    const bool kept = body.empty() || HasMemoryFor([&] { *response = TextFromUtf16LittleEndian(body); });
-    if (!kept || (!whole && body.empty())) return error::notEnoughMemory;
-    if (end.received > 0 || !body.empty()) return error::success;
-    return end.failure != error::success ? end.failure : attempt.result;
+    ReceivedBody body = ReadBody(attempt, response != nullptr);
+    if (body.bytes == 0) return body.end != error::success ? body.end : attempt.result;
+    if (response) *response = std::move(body.text);
+    return error::success;
 }
 
 }  // namespace
