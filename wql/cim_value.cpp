@@ -12,7 +12,7 @@ namespace kv::wql {
 
 namespace {
 
-/// Wide enough for every number that a value holds, so that they compare as what they are.
+/// Wide enough to hold every number exactly, so that comparisons are exact.
 using Number = long double;
 static_assert(std::numeric_limits<Number>::digits >= std::numeric_limits<std::uint64_t>::digits);
 
@@ -34,7 +34,7 @@ CimValue Signed(std::uint64_t magnitude, bool isNegative) {
     return -static_cast<double>(magnitude);
 }
 
-/// Whether the digits around the point are there, without which a real number is readable too.
+/// Whether there are digits before and after the point. The C++ reader takes a number without them, too.
 bool HasDigitsAroundPoint(std::string_view text) {
     const std::size_t point = text.find('.');
     return IsDigit(text.front()) && (point == text.npos || (point + 1 < text.size() && IsDigit(text[point + 1])));
@@ -54,7 +54,7 @@ CimValue DecimalNumber(std::string_view text, bool isNegative) {
     return real && isNegative ? -*real : CimValue(real);
 }
 
-/// The value as a number, whole or real; NULL when it is none.
+/// The value as a number, whole or real; NULL if it is not a number.
 CimValue AsNumber(const CimValue& value) {
     if (const auto* truth = std::get_if<bool>(&value.held)) return std::int64_t{*truth};
     if (const auto* text = std::get_if<std::u16string>(&value.held)) return NumberOfText(*text);

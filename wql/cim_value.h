@@ -1,4 +1,4 @@
-// Types and values of a class's properties, and their form in the agent's hands.
+// Types and values of a class's properties, and the form in which the agent gets them.
 #pragma once
 
 #include <compare>
@@ -20,7 +20,7 @@ using platform::IsFailure;
 using platform::WmiStatus;
 namespace wmi_status = platform::wmi_status;
 
-/// The type a property is declared with, by its number in the Common Information Model. An array has arrayFlag too.
+/// The declared type of a property, by its number in the Common Information Model. An array has arrayFlag set as well.
 enum class CimType : std::uint16_t {
     sint16 = 2,
     sint32 = 3,
@@ -45,13 +45,13 @@ constexpr bool IsArray(CimType type) {
     return (static_cast<unsigned>(type) & static_cast<unsigned>(CimType::arrayFlag)) != 0;
 }
 
-/// An array's place: its elements never leave the provider, so they are not kept.
+/// Stands for an array. Its elements never leave the provider, so they are not kept.
 struct CimArray {
     std::size_t count = 0;
 };
 
-/// A value, or NULL. Whole numbers keep their sign: of the two kinds the signed one is held whenever it fits. Text is
-/// UTF-16; a datetime is its DMTF text.
+/// A value, or NULL. A whole number is held signed if it fits, else unsigned. Text is UTF-16; a datetime is its DMTF
+/// text.
 struct CimValue {
     std::variant<std::monostate, bool, std::int64_t, std::uint64_t, double, std::u16string, CimArray> held;
 
@@ -81,30 +81,30 @@ struct CimValue {
     bool isNull() const { return held.index() == 0; }
 };
 
-/// The value as its declared type holds it. A whole number too large for the type loses its upper bits, as a counter
-/// does that wraps; a real one loses its fraction, and ends at the type's limits. Texts are read as numbers and numbers
-/// written as texts, a number is a datetime by its microseconds since 1970. NULL where nothing of this is possible.
+/// Converts a value to a declared type. A whole number too large for the type loses its upper bits, like a counter that
+/// wraps; a real number loses its fraction and is clamped to the type's limits. Text is read as a number and a number
+/// written as text; a number becomes a datetime as microseconds since 1970. NULL if none of this is possible.
 CimValue BroughtTo(CimType type, CimValue value);
 
 /// The value as the agent gets it once brought to its type, by the rules of Windows: 64-bit numbers and datetimes as
 /// text, unsigned 32-bit ones as signed, unsigned 16-bit ones as 32-bit.
 platform::Variant VariantOf(CimType type, const CimValue& value);
 
-/// Texts without regard to case, numbers and truth values by what they are worth, exactly. Unordered where one is NULL
-/// or an array, where one is text and the other not, and where one is no number.
+/// Compares texts without regard to case, and numbers and truth values exactly. Unordered if one is NULL, an array or
+/// not-a-number, or if only one is text.
 std::partial_ordering CompareValues(const CimValue& left, const CimValue& right);
 
-/// The number that a whole text is: a sign or none, then decimal digits with or without fraction and exponent, or 0x
-/// and hexadecimal digits. A whole number too large for 64 bits is a real one. NULL for any other text, and for a
-/// number too large or too small for a real one.
+/// Reads a whole text as a number: an optional sign, then decimal digits with an optional fraction and exponent, or 0x
+/// and hexadecimal digits. A whole number too large for 64 bits becomes a real one. NULL for any other text, and for a
+/// number that a double cannot hold.
 CimValue NumberOfText(std::u16string_view text);
 
-/// The DMTF text of a moment in local time, "yyyymmddHHMMSS.mmmmmm+UUU" with the offset to UTC in minutes. Moments
-/// outside the years 1 to 9999 are moved to their ends.
+/// The DMTF text of a moment in local time, "yyyymmddHHMMSS.mmmmmm+UUU" with the offset from UTC in minutes. Moments
+/// outside the years 1 to 9999 are clamped to them.
 std::u16string DmtfTime(std::int64_t microsecondsSince1970);
 
-/// The moment of a DMTF text of full length, in microseconds since 1970; none for another text. "+***" in the place of
-/// the offset is local time.
+/// The moment of a DMTF text of full length, in microseconds since 1970; nullopt for any other text. "+***" in place of
+/// the offset means local time.
 std::optional<std::int64_t> MicrosecondsOfDmtf(std::u16string_view text);
 
 }  // namespace kv::wql

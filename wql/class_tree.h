@@ -9,7 +9,7 @@
 
 namespace kv::wql {
 
-/// Enters the classes of one source: a constant at its end, which no other code names.
+/// Enters the classes of one source file: a constant at its end, which no other code names.
 class ClassFamily {
   public:
     /// Called once, at the first query. What it lists lives as long as the process.
@@ -30,10 +30,10 @@ class ClassFamily {
 /// Every class, in no particular order. Made at the first call; lives as long as the process.
 const std::vector<const ClassInfo*>& AllClasses();
 
-/// None when there is no such class.
+/// Null if there is no such class.
 const ClassInfo* FindClass(std::u16string_view name);
 
-/// None when the class has no such property.
+/// Null if the class has no such property.
 const PropertyInfo* FindProperty(const ClassInfo& classInfo, std::u16string_view name);
 
 /// Whether a class is the named one or inherits from it.

@@ -54,7 +54,7 @@ CimValue ValueOf(const Literal& literal) {
         literal);
 }
 
-/// Not cut to the property's type: what that cannot hold is compared as what it is.
+/// Not converted to the property's type: a number too large for it compares as what it is.
 CimValue BoundNumber(CimType type, const CimValue& value) {
     if (type == CimType::real32) return BroughtTo(type, value);
     if (std::holds_alternative<bool>(value.held)) return BroughtTo(CimType::sint64, value);
@@ -67,7 +67,7 @@ CimValue BoundMoment(const CimValue& value) {
     return text != nullptr ? MicrosecondsOfDmtf(*text) : CimValue();
 }
 
-/// A literal that is not NULL as a value to compare with; NULL when it is none for such a property.
+/// Converts a literal other than NULL to a value to compare with; NULL if it does not suit the property.
 CimValue BoundValue(CimType type, const Literal& literal) {
     if (IsArray(type)) return {};
     const CimValue value = ValueOf(literal);
@@ -100,7 +100,7 @@ WmiStatus BindConstant(const Comparison& comparison, const CimValue& ofClass, Bo
     return status;
 }
 
-/// For the properties of the system itself, which are the class's.
+/// For system properties, which depend on the class alone.
 WmiStatus BindSystemProperty(const Comparison& comparison, const ClassInfo& classInfo, BoundComparison& bound) {
     const auto isNamed = [&comparison](std::u16string_view name) {
         return CompareNames(comparison.property, name) == 0;
@@ -132,7 +132,7 @@ WmiStatus BindOperands(const std::vector<ConditionPtr>& operands, const ClassInf
     return status;
 }
 
-/// An object's row record, with the property that was read last: often the next comparison is with it too.
+/// An object's row record and the property that was read last, as the next comparison is often with the same one.
 struct RowReader {
     const void* row = nullptr;
     const PropertyInfo* property = nullptr;
@@ -155,7 +155,7 @@ Truth Evaluate(const BoundComparison& comparison, RowReader& reader) {
     return Compare(comparison.property->type, ValueOf(reader, *comparison.property), comparison);
 }
 
-/// An operand that is the decisive truth decides; otherwise one that is neither leaves the whole so.
+/// An operand with the decisive truth decides; else one that is neither true nor false makes the whole so.
 Truth EvaluateOperands(const BoundCondition& condition, bool decisive, RowReader& reader) {
     Truth result = !decisive;
     for (const BoundCondition& operand : condition.operands) {

@@ -14,7 +14,7 @@ namespace {
 using namespace std::chrono;
 using Moment = sys_time<microseconds>;
 
-/// A day inside the years that four digits can hold, so that local time is inside as well.
+/// A day inside the years of four digits at either end, so that local time is inside, too.
 constexpr Moment earliest = sys_days(year(1) / 1 / 2);
 constexpr Moment latest = sys_days(year(9999) / 12 / 31) - microseconds(1);
 
@@ -28,14 +28,14 @@ bool HasForm(std::u16string_view text, std::u16string_view form) {
     });
 }
 
-/// Digits that are known to be ones.
+/// The number of a text that is known to be digits.
 unsigned NumberAt(std::u16string_view text, std::size_t at, std::size_t count) {
     unsigned number = 0;
     for (const char16_t digit : text.substr(at, count)) number = number * 10 + (digit - u'0');
     return number;
 }
 
-/// Of local time to UTC. Without the seconds that the offsets of old have, so that text and moment agree.
+/// Of local time from UTC, in whole minutes: historic offsets have seconds, which the text cannot hold.
 minutes OffsetAt(Moment moment) {
     const std::time_t sinceEpoch = floor<seconds>(moment).time_since_epoch().count();
     std::tm local{};

@@ -13,7 +13,7 @@ bool IsBetween(char16_t unit, char16_t first, char16_t last) {
     return platform::UpperCaseOf(first) <= upper && upper <= platform::UpperCaseOf(last);
 }
 
-/// What stands between the brackets, without the ^.
+/// The text between the brackets, without the ^.
 bool IsInSet(char16_t unit, std::u16string_view set) {
     while (!set.empty()) {
         const bool isRange = set.size() >= 3 && set[1] == u'-';
@@ -25,17 +25,17 @@ bool IsInSet(char16_t unit, std::u16string_view set) {
 
 struct Pattern {
     std::u16string_view text;
-    std::size_t lastBracket;  // where the last ] stands, or npos: behind it no set is looked for
+    std::size_t lastBracket;  // where the last ] stands, or npos: no set can begin after it
 };
 
-/// Where the ] of the set that begins at a place stands; npos when it is never closed.
+/// Where the ] of the set that begins at a place stands; npos if it is never closed.
 std::size_t EndOfSet(const Pattern& pattern, std::size_t begin) {
     const std::size_t first = begin + (pattern.text.substr(begin + 1).starts_with(u'^') ? 3 : 2);
     const bool isClosed = pattern.lastBracket != pattern.text.npos && first <= pattern.lastBracket;
     return isClosed ? pattern.text.find(u']', first) : pattern.text.npos;
 }
 
-/// Whether a character matches the part of the pattern at a place, which is moved behind that part if so.
+/// Whether a character matches the pattern at a place; if so, the place moves past what matched.
 bool MatchesOne(char16_t unit, const Pattern& pattern, std::size_t& at) {
     const std::size_t end = pattern.text[at] == u'[' ? EndOfSet(pattern, at) : pattern.text.npos;
     if (end == pattern.text.npos) {
@@ -52,7 +52,7 @@ bool MatchesOne(char16_t unit, const Pattern& pattern, std::size_t& at) {
 
 }  // namespace
 
-// On a mismatch only the last % takes one character more: what an earlier one could still give up, that one has tried.
+// On a mismatch only the last % takes one more character: it has already tried whatever an earlier one could give up.
 bool IsLike(std::u16string_view text, std::u16string_view pattern) {
     const Pattern parts{pattern, pattern.rfind(u']')};
     std::size_t at = 0;

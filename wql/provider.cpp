@@ -1,5 +1,4 @@
-// The operations of platform/wmi.h over the classes of this folder. There is no COM to bring up and one namespace,
-// ROOT\CIMV2 of this computer.
+// The operations of platform/wmi.h. There is no COM to initialise, and one namespace: ROOT\CIMV2 of this computer.
 #include <algorithm>
 #include <chrono>
 #include <memory>
@@ -23,7 +22,7 @@ using platform::Variant;
 using platform::WmiHandle;
 using platform::WmiOperations;
 
-/// How long a query may take. Even ten thousand processes are read in a fraction of it.
+/// How long a query may take. Ten thousand processes are read in a fraction of it.
 constexpr std::chrono::seconds queryLimit{30};
 
 struct Locator {};
@@ -43,14 +42,14 @@ WmiHandle HandleOf(Kind thing) {
     return reinterpret_cast<WmiHandle>(new Thing(std::move(thing)));
 }
 
-/// None when the handle is none, or leads to another kind of thing.
+/// Null for handle 0, and for a handle of another kind.
 template <class Kind>
 Kind* ThingOf(WmiHandle handle) {
     return handle == 0 ? nullptr : std::get_if<Kind>(reinterpret_cast<Thing*>(handle));
 }
 
-/// A path of a namespace without the computer's name before it; none when that is another computer's. No resolver is
-/// asked: it may not answer.
+/// The path of a namespace without the computer's name before it; nullopt if it names another computer. No resolver is
+/// asked, as it may not answer.
 std::optional<std::u16string_view> WithoutServer(std::u16string_view path) {
     if (!path.starts_with(u"\\\\")) return path;
     path.remove_prefix(2);
@@ -136,7 +135,7 @@ std::vector<std::u16string> TakeQueryNotices(WmiHandle handle) {
     return enumerator != nullptr ? TakeNotices(*enumerator->run) : std::vector<std::u16string>();
 }
 
-/// The same operation, with memory that runs out told as a status.
+/// The same operation; running out of memory becomes a status.
 template <class... Arguments>
 std::function<WmiStatus(Arguments...)> Guarded(WmiStatus (*operation)(Arguments...)) {
     return [operation](Arguments... arguments) -> WmiStatus {

@@ -12,7 +12,7 @@ namespace {
 
 bool IsSystemProperty(std::u16string_view name) { return name.starts_with(u"__"); }
 
-/// The properties of a class that a SELECT names, or all of them. invalidQuery when the class lacks one.
+/// The properties of a class that a SELECT names, or all of them. invalidQuery if the class lacks one.
 WmiStatus SelectProperties(const WqlQuery& query, const ClassInfo& classInfo,
                            std::vector<const PropertyInfo*>& properties) {
     if (query.properties.empty()) {

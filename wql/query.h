@@ -1,6 +1,6 @@
 // A query bound to the classes it is about, and its run.
 //
-// A class without objects of its own stands for its subclasses, whose objects come with all that they have; names in
+// A class without objects of its own stands for its subclasses, whose objects come with all their properties; names in
 // SELECT and WHERE are those of the class that the query names.
 #pragma once
 
@@ -37,16 +37,16 @@ using ResultObject = std::vector<ResultProperty>;
 
 struct ResultSink {
     std::function<void(ResultObject object)> object;
-    std::function<bool()> wantsMore;               // false: nobody waits for further objects
+    std::function<bool()> wantsMore;               // false: nobody waits for more objects
     std::function<void(std::string text)> notice;  // UTF-8
 };
 
-/// Parses and binds. The failures of ParseWql and BindCondition; invalidClass for a class that is not there,
-/// invalidQuery for a property that it lacks. The system's own properties (__CLASS and the like) may be named in
-/// SELECT; they are not among the results.
+/// Parses and binds. Fails as ParseWql and BindCondition do; invalidClass if there is no such class, invalidQuery for a
+/// property that it lacks. System properties (__CLASS and the like) may be named in SELECT; they are not among the
+/// results.
 WmiStatus PrepareQuery(std::u16string_view text, BoundQuery& query);
 
-/// Gathers the objects that match. The first failure of a class's gather ends it, after the objects so far.
+/// Gathers the objects that match. The first failure of a class's gather ends the run, after the objects so far.
 WmiStatus RunQuery(const BoundQuery& query, const ResultSink& sink);
 
 }  // namespace kv::wql

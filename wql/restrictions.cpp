@@ -1,4 +1,4 @@
-// What a condition lets each property be.
+// The values that a condition leaves each property.
 #include <algorithm>
 #include <iterator>
 #include <utility>
@@ -38,7 +38,7 @@ Restrictions OfComparison(const BoundComparison& comparison) {
     return {std::move(restriction)};
 }
 
-/// Of AND: where both sides restrict a property, the one with fewer values.
+/// For AND: if both sides restrict a property, the side with fewer values.
 void Narrow(Restrictions& restrictions, Restrictions others) {
     for (Restriction& other : others) {
         Restriction* present = Find(restrictions, other.property);
@@ -50,7 +50,7 @@ void Narrow(Restrictions& restrictions, Restrictions others) {
     }
 }
 
-/// Of OR: the properties that both sides restrict, with the values of both.
+/// For OR: the properties that both sides restrict, with the values of both.
 void Widen(Restrictions& restrictions, Restrictions others) {
     Restrictions both;
     for (Restriction& restriction : restrictions) {

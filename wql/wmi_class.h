@@ -1,8 +1,8 @@
 // How a class is declared: a table with a row for each property, and one routine that gathers its objects.
 //
 // A class's gather reads the system and hands over one row record for each object. A property's read takes its value
-// from such a record, and only if the query asks for it; its needs name the parts of the record it is taken from, so
-// that gather fills those parts alone. The numbers of the needs are each class's own.
+// from such a record, only if the query asks for it. Its needs name the parts of the record that it reads, so that
+// gather fills only those. Each class numbers its needs by itself.
 #pragma once
 
 #include <cstdint>
@@ -31,11 +31,11 @@ struct PropertyInfo {
     std::u16string_view name;
     CimType type = CimType::string;
     std::uint32_t needs = 0;   // bits; what gather has to fill in
-    std::string_view meaning;  // for the reader of the table: unit and source; empty where nothing here gives a value
-    CimValue (*read)(const void* row, const PropertyInfo& property) = nullptr;  // none: always NULL
+    std::string_view meaning;  // for readers of the table: unit and source; empty if Linux has no such value
+    CimValue (*read)(const void* row, const PropertyInfo& property) = nullptr;  // null: the value is always NULL
     std::size_t index = 0;                                                      // for classes whose rows are lists
 
-    /// A property without a counterpart on this system: always NULL.
+    /// A property that Linux has no value for: always NULL.
     constexpr PropertyInfo(std::u16string_view propertyName, CimType propertyType)
         : name(propertyName), type(propertyType) {}
 
@@ -49,7 +49,7 @@ struct PropertyInfo {
     }
 };
 
-/// What WHERE lets a property be: an object with another value cannot match.
+/// The values that WHERE leaves a property: an object with another value cannot match.
 struct Restriction {
     std::u16string_view property;
     std::vector<CimValue> values;  // of the property's type
@@ -60,28 +60,28 @@ struct Gathering {
     std::uint32_t needs = 0;  // of all properties that the query asks for, in SELECT or in WHERE
     std::vector<Restriction> restrictions;
 
-    /// Takes one object. The record is read before this returns. False: no further objects are wanted.
+    /// Takes one object; the record is read before this returns. False: no more objects are wanted.
     std::function<bool(const void* row)> row;
 
-    /// Something for the log, UTF-8, such as a mount that was left out.
+    /// Takes something for the log, UTF-8, such as a mount that was left out.
     std::function<void(std::string text)> notice;
 
     bool asksFor(std::uint32_t need) const { return (needs & need) != 0; }
 
-    /// The values that a property may have, or none when it may have any. By these a class whose objects have a key
-    /// reads only the objects in question; it need not, as rows that do not match are dropped anyway.
+    /// The values that a property may have; null if it may have any. With these a class can read only the objects in
+    /// question. It need not: rows that do not match are dropped anyway.
     const std::vector<CimValue>* valuesOf(std::u16string_view property) const;
 };
 
-/// ok, also where there is nothing to be found; a failure ends the query with that status after the rows so far.
+/// ok, also if there are no objects; a failure ends the query with that status, after the rows so far.
 using GatherRoutine = WmiStatus (*)(const Gathering& gathering);
 
 struct ClassInfo {
     std::u16string_view name;
-    std::u16string_view superclass;  // empty: none
+    std::u16string_view superclass;  // empty for a class without one
     std::span<const PropertyInfo>
         properties;                  // the inherited ones too, in ascending order of name without regard to case
-    GatherRoutine gather = nullptr;  // none: an abstract class, whose objects are those of its subclasses
+    GatherRoutine gather = nullptr;  // null: an abstract class, whose objects are those of its subclasses
 };
 
 }  // namespace kv::wql

@@ -1,5 +1,5 @@
-// Recursive descent over the grammar of wql_query.h: one routine for each of its rules. A routine that finds something
-// else returns no condition, or false.
+// Recursive descent over the grammar of wql_query.h, one routine for each rule. A routine that finds something else
+// returns null, or false.
 #include <algorithm>
 #include <optional>
 #include <utility>
@@ -18,7 +18,7 @@ struct Parser {
     std::u16string_view rest;
     Token token;  // the next one
     int depth = 0;
-    WmiStatus failure = wmi_status::invalidQuery;  // what it is if it is one
+    WmiStatus failure = wmi_status::invalidQuery;  // the result, if parsing fails
 };
 
 void Advance(Parser& parser) { parser.token = TakeToken(parser.rest); }
@@ -111,7 +111,7 @@ bool ParseNullTest(Parser& parser, Comparison& comparison) {
     return AcceptWord(parser, u"NULL");
 }
 
-/// What follows a property; isNegated when that is NOT LIKE.
+/// What follows a property; isNegated if that is NOT LIKE.
 bool ParseTest(Parser& parser, Comparison& comparison, bool& isNegated) {
     if (AcceptWord(parser, u"IS")) return ParseNullTest(parser, comparison);
     if (AcceptWord(parser, u"ISA")) {

@@ -9,10 +9,10 @@
 //     operator   = "=" | "<>" | "!=" | "<" | ">" | "<=" | ">="
 //     literal    = string | number | TRUE | FALSE | NULL
 //
-// Key words and names are read without regard to case. The key words above are no names; a name begins with a letter or
-// an underscore, and digits may follow. A string stands in either kind of quotes; a backslash in it takes a quote or a
-// backslash as it is, and nothing else may follow one. Numbers are those of NumberOfText (cim_value.h). With NULL only
-// = and <> mean something. A zero character stands nowhere.
+// Keywords and names are read without regard to case. The keywords above cannot be names; a name begins with a letter
+// or an underscore, and digits may follow. A string stands in single or double quotes; a backslash in it escapes a
+// quote or a backslash, and nothing else may follow one. Numbers are those of NumberOfText (cim_value.h). NULL goes
+// with = and <> only. A zero character is an error anywhere.
 #pragma once
 
 #include <cstdint>
@@ -29,13 +29,13 @@ namespace kv::wql {
 using platform::WmiStatus;
 
 struct NullLiteral {};
-/// A whole number too large for 64 bits is a real one.
+/// A whole number too large for 64 bits is held as a double.
 using Literal = std::variant<NullLiteral, bool, std::int64_t, std::uint64_t, double, std::u16string>;
 
 enum class ComparisonOperator { equal, notEqual, less, greater, lessOrEqual, greaterOrEqual, like, isA };
 
-/// property IS NULL is the comparison equal to NULL, IS NOT NULL the comparison notEqual to it; a comparison with the
-/// literal on the left is turned round; NOT LIKE is a negation around a LIKE.
+/// IS NULL becomes "equal to NULL" and IS NOT NULL "notEqual to NULL"; a comparison with the literal on the left is
+/// turned around; NOT LIKE becomes a negation around a LIKE.
 struct Comparison {
     std::u16string property;
     ComparisonOperator compare = ComparisonOperator::equal;
@@ -61,14 +61,14 @@ struct Condition {
 struct WqlQuery {
     std::vector<std::u16string> properties;  // empty: all
     std::u16string className;
-    ConditionPtr where;  // none: every object
+    ConditionPtr where;  // null: every object
 };
 
-/// Bounds of a query's text: characters, and how deep parentheses and negations may nest.
+/// Bounds of a query's text, as it comes from a server: characters, and how deep parentheses and negations may nest.
 inline constexpr std::size_t maxQueryLength = 65536;
 inline constexpr int maxQueryDepth = 200;
 
-/// ok; invalidQuery for a text that is no data query; notSupported for the other kinds of WQL (ASSOCIATORS OF,
+/// ok; invalidQuery for a text that is not a data query; notSupported for the other kinds of WQL (ASSOCIATORS OF,
 /// REFERENCES OF); quotaViolation beyond the bounds.
 WmiStatus ParseWql(std::u16string_view text, WqlQuery& query);
 

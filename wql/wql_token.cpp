@@ -34,7 +34,7 @@ Token TakeWord(std::u16string_view& text) {
     return Take(text, TokenKind::word, static_cast<std::size_t>(end - text.begin()));
 }
 
-/// How far a number goes with all that clings to it, so that one with letters behind it is none.
+/// Where a number ends, letters right behind it included, so that "12ab" is not read as 12.
 std::size_t NumberLength(std::u16string_view text) {
     std::size_t length = 1;
     while (length < text.size()) {

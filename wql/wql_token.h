@@ -1,4 +1,4 @@
-// The words, literals and signs of a WQL text.
+// The tokens of a WQL text.
 #pragma once
 
 #include <string_view>
@@ -9,11 +9,11 @@ namespace kv::wql {
 
 enum class TokenKind {
     end,
-    word,        // a key word or a name
+    word,        // a keyword or a name
     sign,        // an operator, a comma, a parenthesis or the asterisk
     string,      // the literal is its text, without quotes and escapes
     number,      // the literal is a whole or a real number
-    unreadable,  // nothing of the language
+    unreadable,  // not a token of the language
 };
 
 struct Token {
@@ -22,7 +22,7 @@ struct Token {
     Literal literal;
 };
 
-/// Takes the next token off a text, with the blanks before it. Behind an unreadable one there is nothing to be read.
+/// Takes the next token off a text, with the blanks before it. After an unreadable token the rest cannot be read.
 Token TakeToken(std::u16string_view& text);
 
 }  // namespace kv::wql

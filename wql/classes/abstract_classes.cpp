@@ -1,5 +1,5 @@
-// The classes that have no objects of their own. Each has what its superclass has and some properties more, so that
-// only these stand here; the whole table of a class is put together at compile time.
+// The classes that have no objects of their own. A class has its superclass's properties and a few more; only these few
+// stand here, and the whole table of a class is put together at compile time.
 #include <algorithm>
 #include <array>
 #include <utility>
@@ -20,7 +20,7 @@ constexpr bool StandsBefore(const PropertyInfo& left, const PropertyInfo& right)
     return std::ranges::lexicographical_compare(left.name, right.name, {}, UpperCaseLetter, UpperCaseLetter);
 }
 
-/// A table to be filled, as properties are not made without a name.
+/// A table to fill in: a property cannot be made without a name.
 template <std::size_t... At>
 consteval auto BlankTable(std::index_sequence<At...>) {
     return std::array{(static_cast<void>(At), PropertyInfo(u"", string))...};

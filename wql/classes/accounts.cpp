@@ -20,7 +20,7 @@ struct Need {
 struct UserRow {
     facts::UserEntry user;
     std::u16string host;
-    std::optional<facts::PasswordEntry> password;  // none: shadow may not be read, or has no line of this user
+    std::optional<facts::PasswordEntry> password;  // nullopt: shadow may not be read, or has no line for this user
     std::int64_t today = 0;                        // days since 1970
 };
 
@@ -35,7 +35,7 @@ std::optional<bool> DisabledIn(const UserRow& row) {
 
 std::u16string_view StatusOf(const UserRow& row) { return DisabledIn(row).value_or(false) ? u"Degraded" : u"OK"; }
 
-/// One of the facts of a password.
+/// One fact about a password.
 std::optional<bool> FactOf(const UserRow& row, bool facts::PasswordEntry::*fact) {
     return row.password ? std::optional((*row.password).*fact) : std::nullopt;
 }

@@ -45,7 +45,7 @@ struct Need {
 
 struct Row {
     std::u16string host;
-    std::string domain;  // empty: none
+    std::string domain;  // may be empty
     bool isMember = false;
     bool isWorkstation = false;
     std::optional<std::string> vendor;
@@ -53,7 +53,7 @@ struct Row {
     std::optional<std::string> family;
     std::optional<std::string> stockNumber;
     std::uint64_t chassis = 0;
-    facts::SmbiosStructure system;     // without anything in it where the firmware tells nothing
+    facts::SmbiosStructure system;     // empty if the firmware tells nothing
     facts::SmbiosStructure enclosure;  // the same
     facts::SmbiosStructure security;   // the same
     std::size_t processors = 0;
@@ -66,14 +66,14 @@ struct Row {
     facts::CalendarTime time;
 };
 
-/// Two bits of the settings of passwords and buttons, in which 3 is unknown; none where the firmware has no settings.
+/// Two bits of the settings of passwords and buttons, 3 if unknown; nullopt if the firmware has no settings.
 std::optional<std::uint8_t> SettingAt(const Row& row, unsigned shift) {
     constexpr std::uint8_t twoBits = 3;
     if (row.security.formatted.empty()) return std::nullopt;
     return static_cast<std::uint8_t>(row.security.byteAt(0x04) >> shift & twoBits);
 }
 
-/// What follows the list of the enclosure's parts.
+/// The text whose number follows the list of the enclosure's parts.
 std::optional<std::string> ChassisStockNumberOf(const Row& row) {
     const std::size_t partsLength = std::size_t{row.enclosure.byteAt(0x13)} * row.enclosure.byteAt(0x14);
     return row.enclosure.stringAt(0x15 + partsLength);
@@ -164,8 +164,8 @@ constexpr PropertyInfo properties[] = {
 };
 // clang-format on
 
-/// Whether the processor says that it is a virtual one, or the system that it runs under another. What the firmware is
-/// called decides only where processors do not say.
+/// Whether the processor says that it is virtual, or the system that it runs under another. The firmware's name decides
+/// only if processors do not say.
 bool HasHypervisor(const std::vector<facts::CpuBlock>& processors) {
     const std::optional<bool> flag = processors.empty() ? std::nullopt : processors.front().hasFlag("hypervisor");
     if (flag.value_or(false)) return true;
@@ -183,7 +183,7 @@ void ReadProcessorParts(const Gathering& gathering, Row& row) {
     if (gathering.asksFor(Need::hypervisor)) row.hasHypervisor = HasHypervisor(processors);
 }
 
-/// The parts refer to the table.
+/// The parts refer to the table, which must outlive them.
 void ReadFirmwareParts(std::string_view table, Row& row) {
     constexpr std::uint8_t systemType = 1;
     constexpr std::uint8_t enclosureType = 3;

@@ -1,4 +1,4 @@
-// Win32_DiskDrive: the disks that stand for hardware, of /sys/block.
+// Win32_DiskDrive: the disks that stand for hardware, from /sys/block.
 #include <algorithm>
 #include <array>
 #include <filesystem>
@@ -39,7 +39,7 @@ struct Row {
     std::string serial;
     std::string firmware;
     std::uint32_t partitions = 0;
-    std::string place;                                 // of its device below /sys/devices
+    std::string place;                                 // its device's path below /sys/devices
     std::optional<std::array<std::uint32_t, 4>> scsi;  // host, channel, target, unit
     bool isRemovable = false;
     bool works = true;
@@ -139,13 +139,13 @@ std::string FirstLineOf(const std::string& folder, std::initializer_list<const c
     return {};
 }
 
-/// Vendors are numbers on buses that have no names for them, and just "ATA" behind a translation to SCSI.
+/// On some buses a vendor is only a number, and behind a translation to SCSI only "ATA".
 std::string VendorIn(const std::string& folder) {
     const std::string vendor = FirstLineOf(folder, {"/device/vendor"});
     return vendor.starts_with("0x") || vendor == "ATA" ? std::string() : vendor;
 }
 
-/// The serial number in a file of its own, else in the page that SCSI disks have for it, after four bytes.
+/// The serial number, from a file of its own or else from the SCSI page for it, after four bytes.
 std::string SerialIn(const std::string& folder) {
     constexpr std::size_t pageHeader = 4;
     std::string serial = FirstLineOf(folder, {"/serial", "/device/serial"});
@@ -173,7 +173,7 @@ std::string PlaceOf(const std::string& folder) {
     return path.starts_with(root) ? path.substr(root.size()) : std::string();
 }
 
-/// The four numbers by which SCSI names its devices, "0:0:1:0", at the end of a place.
+/// The four numbers of a SCSI device, "0:0:1:0", at the end of a path.
 std::optional<std::array<std::uint32_t, 4>> ScsiAddressIn(std::string_view place) {
     std::array<std::uint32_t, 4> address{};
     std::string_view rest = place.substr(place.rfind('/') + 1);
@@ -187,7 +187,7 @@ std::optional<std::array<std::uint32_t, 4>> ScsiAddressIn(std::string_view place
     return rest.empty() ? std::optional(address) : std::nullopt;
 }
 
-/// Only drivers of some buses tell of a state.
+/// Only the drivers of some buses tell a state.
 bool Works(const std::string& folder) {
     const std::string state = FirstLineOf(folder, {"/device/state"});
     return state.empty() || state == "running" || state == "live";

@@ -1,6 +1,6 @@
-// Win32_LogicalDisk and Win32_Volume: the mounted disks. Where Windows has a drive letter, here stands the mount point.
+// Win32_LogicalDisk and Win32_Volume: the mounted disks. The mount point takes the place of Windows' drive letter.
 //
-// Size and Capacity are those of the whole file system, FreeSpace is what ordinary users may use: the superuser's
+// Size and Capacity are those of the whole file system; FreeSpace is what ordinary users may use. The superuser's
 // reserve is neither free nor used by files.
 #include <algorithm>
 #include <array>
@@ -25,7 +25,7 @@ struct Need {
 struct Row {
     facts::DiskSpace disk;
     facts::DriveType kind = facts::DriveType::fixed;
-    std::optional<std::string> label;  // empty: it has none; none: not known
+    std::optional<std::string> label;  // empty: it has no label; nullopt: not known
     std::optional<std::uint32_t> serial;
     bool holdsBootFolder = false;
     std::u16string host;
@@ -140,7 +140,7 @@ constexpr PropertyInfo logicalDiskProperties[] = {
     {u"SystemCreationClassName", string, 0, "the computer's class", [](const Row&) { return u"Win32_ComputerSystem"; }},
     {u"SystemName", string, Need::host, "the computer's name", hostIn},
     {u"VolumeDirty", boolean},
-    {u"VolumeName", string, Need::label, "the label, of /dev/disk/by-label; empty where there is none", labelIn},
+    {u"VolumeName", string, Need::label, "the label, from /dev/disk/by-label; empty without one", labelIn},
     {u"VolumeSerialNumber", string, Need::serial, "the last 8 digits of the UUID, of /dev/disk/by-uuid",
         [](const Row& row) { return SerialTextOf(row); }},
 };
@@ -172,7 +172,7 @@ constexpr PropertyInfo volumeProperties[] = {
     {u"FreeSpace", uint64, Need::space, "bytes that ordinary users may use, f_bavail of statvfs", freeIn},
     {u"IndexingEnabled", boolean},
     {u"InstallDate", datetime},
-    {u"Label", string, Need::label, "of /dev/disk/by-label; empty where there is none", labelIn},
+    {u"Label", string, Need::label, "from /dev/disk/by-label; empty without one", labelIn},
     {u"LastErrorCode", uint32},
     {u"MaximumFileNameLength", uint32, Need::space, "bytes, f_namemax of statvfs", longestNameIn},
     {u"Name", string, 0, "the mount point", mountPointIn},
@@ -199,7 +199,7 @@ constexpr PropertyInfo volumeProperties[] = {
 };
 // clang-format on
 
-/// Whether a WHERE leaves a property the value; it does where it does not restrict the property.
+/// Whether WHERE leaves a property the value. It does if it does not restrict the property.
 template <class Value>
 bool Allows(const Gathering& gathering, std::u16string_view property, const Value& value,
             bool (*matches)(const CimValue&, const Value&)) {
@@ -218,7 +218,7 @@ bool IsNumber(const CimValue& wanted, const std::int64_t& value) {
     return number == nullptr || *number == value;
 }
 
-/// What is found out of a mount beside its file system's answer.
+/// What is known of a mount without asking its file system.
 struct MountFacts {
     std::string blockDevice;
     facts::DriveType kind = facts::DriveType::fixed;
@@ -243,11 +243,11 @@ bool CanMatch(const Gathering& gathering, const facts::Mount& mount) {
 /// The disks of one query while they are picked.
 struct Selection {
     std::vector<facts::Mount> all;
-    std::map<int, MountFacts> factsOf;  // of the wanted ones, by the mount's id
+    std::map<int, MountFacts> factsOf;  // of the wanted disks, by the mount's id
 };
 
-/// Whether a disk can match, by what is known of it without a question to its file system: so that a mount that does
-/// not answer costs a query for others no time.
+/// Whether a disk can match, by what is known without asking its file system: a mount that does not answer then costs
+/// no time in a query for others.
 bool IsWanted(const Gathering& gathering, const facts::Mount& mount, Selection& selection) {
     selection.all.push_back(mount);
     if (!CanMatch(gathering, mount)) return false;

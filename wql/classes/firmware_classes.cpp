@@ -1,5 +1,5 @@
-// Win32_ComputerSystemProduct and Win32_BIOS, of what the firmware tells; none where it tells nothing, as on some
-// virtual machines.
+// Win32_ComputerSystemProduct and Win32_BIOS, from what the firmware tells. Without that, as on some virtual machines,
+// they have no objects.
 #include "facts/computer_facts.h"
 #include "facts/product.h"
 #include "facts/smbios.h"
@@ -42,7 +42,7 @@ struct BiosRow {
     std::optional<facts::VersionPair> release;
     std::optional<facts::VersionPair> controllerRelease;
     std::optional<facts::VersionPair> smbiosVersion;
-    facts::SmbiosStructure languages;  // without anything in it where the firmware tells nothing
+    facts::SmbiosStructure languages;  // empty if the firmware tells nothing
 };
 
 std::optional<std::u16string> ReleaseDateOf(const BiosRow& row) {

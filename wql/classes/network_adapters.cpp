@@ -1,5 +1,5 @@
-// Win32_NetworkAdapter and Win32_NetworkAdapterConfiguration: the network interfaces, all but the loopback ones, which
-// Windows does not count among adapters either.
+// Win32_NetworkAdapter and Win32_NetworkAdapterConfiguration: the network interfaces except loopback, which Windows
+// does not count as an adapter either.
 #include <algorithm>
 #include <net/if_arp.h>
 
@@ -47,7 +47,7 @@ struct Row {
     std::optional<std::uint64_t> mtu;    // bytes
     std::size_t addresses = 0;
     std::size_t gateways = 0;
-    std::optional<std::uint32_t> leaseSeconds;  // left of an IPv4 address that does not stay
+    std::optional<std::uint32_t> leaseSeconds;  // that an IPv4 address is still valid; nullopt if it stays
     const Surroundings* surroundings = nullptr;
 
     bool usesIp() const { return interface.isUp && addresses != 0; }
@@ -61,7 +61,7 @@ struct AdapterKind {
     std::u16string_view text;
 };
 
-/// Radio networks are Ethernet to the drivers of either system.
+/// Drivers of both systems present radio networks as Ethernet.
 constexpr AdapterKind adapterKinds[] = {
     {ARPHRD_ETHER, 0, u"Ethernet 802.3"},
     {ARPHRD_IEEE802_TR, 1, u"Token Ring 802.5"},
@@ -96,10 +96,10 @@ std::uint16_t ConnectionStatusOf(const Row& row) {
     return row.hasConnection ? connected : mediaDisconnected;
 }
 
-/// An array, or NULL in place of one without elements.
+/// An array, or NULL if it would be empty.
 CimValue ArrayOrNull(std::size_t count) { return count != 0 ? CimValue(CimArray{count}) : CimValue(); }
 
-/// The resolver serves all interfaces that take part in IP.
+/// One resolver serves all interfaces with IP.
 CimValue ResolverArray(const Row& row, std::size_t count) { return row.usesIp() ? ArrayOrNull(count) : CimValue(); }
 
 CimValue DomainIn(const Row& row) {

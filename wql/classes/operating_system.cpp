@@ -157,7 +157,7 @@ constexpr PropertyInfo properties[] = {
 };
 // clang-format on
 
-/// Seconds since 1970, where a file system notes when a file came to be.
+/// When a file was created, in seconds since 1970; nullopt if the file system does not record it.
 std::optional<std::int64_t> ReadBirth(const char* path) {
     struct statx facts {};
     const bool isKnown = statx(AT_FDCWD, path, 0, STATX_BTIME, &facts) == 0 && (facts.stx_mask & STATX_BTIME) != 0;
@@ -174,7 +174,7 @@ std::optional<std::int64_t> ReadInstallation() {
     return birth ? birth : ReadChange("/etc/machine-id");  // which the first start has written
 }
 
-/// A number that is this installation's own, and from which its machine-id cannot be told.
+/// A number of this installation alone, from which its machine-id cannot be computed.
 std::optional<std::string> ReadIdentity() {
     constexpr sd_id128_t purpose = {
         {0x5c, 0x0e, 0x1d, 0xa6, 0x61, 0x3f, 0x4a, 0x52, 0x9b, 0x7e, 0x40, 0xc8, 0xd4, 0x5b, 0x91, 0x23}};

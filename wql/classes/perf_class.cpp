@@ -15,7 +15,7 @@ namespace {
 
 using enum CimType;
 
-/// Where the agent's epoch lies in that of Windows, 1601.
+/// The agent's epoch, 1970, on the clock of Windows, which begins in 1601.
 constexpr std::uint64_t unixEpoch = 116'444'736'000'000'000;
 
 constexpr double wholePercent = 100;
@@ -47,12 +47,12 @@ double Difference(std::uint64_t later, std::uint64_t earlier) {
     return static_cast<double>(later) - static_cast<double>(earlier);
 }
 
-/// The growth of a value, which may have begun anew at its period.
+/// The growth of a value, which may have wrapped at its period.
 std::uint64_t GrowthOf(std::uint64_t before, std::uint64_t now, std::uint64_t period) {
     return now >= before || period == 0 ? now - before : period - (before - now) % period;
 }
 
-/// From where the growth of a counter counts.
+/// Where the growth of a counter begins.
 CounterState StartOf(CounterKind kind, const CounterState* before, const CounterState& now, std::uint64_t birth,
                      std::uint64_t period) {
     if (before != nullptr && before->base <= now.base) {
@@ -215,7 +215,7 @@ std::optional<Quotient> QuotientIn(const PerfRow& row, std::size_t counter) {
     return QuotientBetween(info.kind, before ? &*before : nullptr, *now, row.object.birth, info.period);
 }
 
-/// Rounded, and no more than the type holds.
+/// Rounded, and clamped to the type.
 CimValue WholeFigure(CimType type, double figure) {
     constexpr std::uint64_t most = UINT64_MAX;
     const std::uint64_t limit = type == uint32 ? UINT32_MAX : most;
@@ -297,7 +297,7 @@ void AddProperty(std::vector<PropertyInfo>& table, std::u16string_view name, Cim
     property.index = index;
 }
 
-/// The inherited properties. Times are told in the raw class, where figures are made of them.
+/// The inherited properties. Only the raw class tells times, as figures are made from them.
 void AddInherited(std::vector<PropertyInfo>& table, const PerfClass& perfClass, bool isRaw) {
     table.emplace_back(u"Caption", string);
     table.emplace_back(u"Description", string);

@@ -1,16 +1,16 @@
 // Performance classes. One table of counters gives two classes: Win32_PerfRawData_<name> with the counters as they
 // stand, and Win32_PerfFormattedData_<name> with what they come to over the time since an earlier sample.
 //
-// A class keeps its samples itself: each query of the formatted class takes one, and the newest that is at least a
-// second older is the base of its figures. Less is too short to tell anything; so a query within a second of the last
-// sample leaves none behind, unless it reads what that one did not. Where there is no base, for the first query of all,
-// an object that was not there, or a counter that went back, the figure is that since the object came to be: the
-// system's start, or the process's. Of what a query asks for and does not find the samples are dropped.
+// A class keeps its own samples. Each query of the formatted class takes one; the newest that is at least a second
+// older is the base of its figures. A shorter time tells nothing, so a query within a second of the last sample keeps
+// no sample, unless it reads what the last one did not. Without a base (the first query, a new object, a counter that
+// went back) the figure is that since the object began: at the system's start, or the process's. Samples of objects
+// that a query asks for and does not find are dropped.
 //
-// Some of the kernel's counters begin anew at 32 bits. From one sample to the next they are followed past that; since
-// the system's start they are not, nor in the raw class.
+// Some of the kernel's counters wrap at 32 bits. Between two samples that is made up for; since the system's start it
+// is not, nor in the raw class.
 //
-// The figures of _Total come from those of the objects and not from a sum of counters, which would jump whenever a disk
+// The figures of _Total come from those of the objects, not from a sum of counters, which would jump whenever a disk
 // appears or a process ends.
 #pragma once
 
@@ -36,22 +36,22 @@ namespace kv::wql {
 inline constexpr std::uint64_t unitsOfSecond = 10'000'000;
 inline constexpr std::uint64_t unitsOfMillisecond = 10'000;
 
-/// What a counter holds, and how its formatted figure comes of it.
+/// What a counter holds, and how its formatted figure is made.
 enum class CounterKind {
-    value,                   // the figure as it stands
-    label,                   // the same, but one that does not add up: 0 in _Total
-    rate,                    // growth in a second
-    percentOfTime,           // growth, a time, in percent of that of the base, at most 100
+    value,                   // the figure is the value
+    label,                   // the same, but it has no sum: 0 in _Total
+    rate,                    // growth a second
+    percentOfTime,           // growth, a time, in percent of the base's growth, at most 100
     percentOfTimeLeft,       // what percentOfTime leaves of 100
     percentOfTimestamp,      // growth, a time, in percent of the time gone by, at most 100
     percentOfTimestampLeft,  // what percentOfTimestamp leaves of 100; in the raw class the time that is left
-    percentOfOperations,     // as percentOfTimestamp, of a time added up over all that waited, without an end at 100
+    percentOfOperations,     // as percentOfTimestamp, of the times of all that waited added up; may exceed 100
     percentOfProcessors,     // growth, a time, in percent of the time gone by, at most 100 for each processor
     fraction,                // percent that the value is of the base
-    averageTime,             // growth, a time, for each growth of the base by one, in seconds
-    averageAmount,           // growth for each growth of the base by one
-    queueLength,             // growth, a time added up over all that waited, in parts of the time gone by
-    elapsedTime,             // the value is a moment since the system's start; seconds since. None in _Total
+    averageTime,             // growth, a time in seconds, divided by the base's growth
+    averageAmount,           // growth divided by the base's growth
+    queueLength,             // growth, the times of all that waited added up, divided by the time gone by
+    elapsedTime,             // the value is a moment since the system's start; seconds since. NULL in _Total
 };
 
 using CounterRead = std::optional<std::uint64_t> (*)(const void* row);
@@ -62,12 +62,12 @@ struct CounterInfo {
     CimType type = CimType::uint64;  // in both classes
     CounterKind kind = CounterKind::value;
     std::uint32_t needs = 0;      // as those of a property
-    std::string_view meaning;     // unit and source; empty where nothing here gives a value
-    CounterRead value = nullptr;  // none: always NULL
+    std::string_view meaning;     // unit and source; empty if Linux has no such value
+    CounterRead value = nullptr;  // null: always NULL
     CounterRead base = nullptr;   // for percentages of a base's time, fraction and averages; of these <name>_Base
-    std::uint64_t period = 0;     // where the value begins at 0 again; 0: nowhere
+    std::uint64_t period = 0;     // where the value wraps to 0; 0: never
 
-    /// A counter without a counterpart on this system. Its kind tells whether it has a base.
+    /// A counter that Linux has no value for. Its kind tells whether it has a base.
     constexpr CounterInfo(std::u16string_view counterName, CimType counterType,
                           CounterKind counterKind = CounterKind::value)
         : name(counterName), type(counterType), kind(counterKind) {}
@@ -103,25 +103,25 @@ struct CounterState {
     std::uint64_t base = 0;
 };
 
-/// What a figure comes of: so much for each. Those of averages can be added up to that of the whole.
+/// A figure as an amount and what it is divided by, so that averages can be added up to the average of all.
 struct Quotient {
     double amount = 0;
     double per = 0;
 };
 
-/// What has come to pass between two moments. Without an earlier one, or when value or base have gone back, it is what
-/// has since the birth, a moment since the system's start, taken as a second at least. Times that go back a little, as
-/// the kernel's idle times do, stand still. A value that began anew at its period has grown on, by less than half of
-/// it.
+/// What happened between two moments. Without an earlier one, or if value or base went back, what happened since the
+/// birth (a moment since the system's start), counted as at least a second. Times that go back a little, as the
+/// kernel's idle times do, count as unchanged. A value that wrapped at its period has grown, by less than half of the
+/// period.
 Quotient QuotientBetween(CounterKind kind, const CounterState* before, const CounterState& now, std::uint64_t birth,
                          std::uint64_t period = 0);
 
-/// The figure of one object; 0 where there is nothing to divide by. Percentages of time end at 100, or at 100 for each
-/// of the processors.
+/// The figure of one object; 0 if there is nothing to divide by. Percentages of time are at most 100, or 100 for each
+/// processor.
 double FigureOf(CounterKind kind, const Quotient& quotient, unsigned processors);
 
-/// The figure of all objects together: the sum, the mean of percentages of time but those of processors, or for
-/// fractions and averages the one figure of all that is in them.
+/// The figure of all objects together: the sum; for percentages of time, except of processors, the mean; for fractions
+/// and averages, that of all amounts over all that they are divided by.
 double TotalOf(CounterKind kind, const std::vector<Quotient>& quotients, unsigned processors);
 
 /// All counters of one object at one moment, in the order of the table.
@@ -129,24 +129,24 @@ struct Readings {
     std::uint64_t time = 0;   // since the system's start, in units of 100 ns
     std::uint32_t needs = 0;  // of the query that they were read for
     std::vector<std::uint64_t> values;
-    std::vector<std::uint64_t> bases;  // none in a class whose counters have none
+    std::vector<std::uint64_t> bases;  // empty in a class whose counters have no bases
 
     static constexpr std::uint64_t unread = UINT64_MAX;
 
-    /// None when it was not asked for, or could not be read.
+    /// Nullopt if it was not asked for, or could not be read.
     std::optional<CounterState> stateOf(std::size_t counter) const;
 };
 using ReadingsPtr = std::shared_ptr<const Readings>;
 
-/// The samples that can be the base of figures at the moment of the new one, newest first; the new one is added, and
-/// those are dropped that no later query can need.
+/// The samples that can be the base of figures at the moment of the new one, newest first. The new one is added; those
+/// that no later query can need are dropped.
 std::vector<ReadingsPtr> TakeBases(std::vector<ReadingsPtr>& samples, const ReadingsPtr& newest);
 
 /// An object that has counters.
 struct PerfObject {
     std::string name;              // UTF-8
-    std::string key;               // what tells the objects of the class apart
-    std::uint64_t generation = 0;  // what tells apart objects that have the same key one after the other
+    std::string key;               // tells the objects of the class apart
+    std::uint64_t generation = 0;  // tells apart objects that have the same key one after the other
     std::uint64_t birth = 0;       // when it began to count, since the system's start
 };
 
@@ -171,12 +171,12 @@ struct PerfSampling {
     unsigned processors = 1;        // for percentOfProcessors
     std::vector<PerfRow> rows;
 
-    /// Set where only objects that WHERE names are read, so that there is no _Total: whether an object is one of them.
+    /// Whether WHERE names an object. Set only if no others are read, so that there is no _Total.
     std::function<bool(const std::string& key)> isAsked;
 
     explicit PerfSampling(const PerfClass& sampledClass) : perfClass(sampledClass) {}
 
-    /// Reads the counters that are asked for from a row record.
+    /// Adds an object, and reads the counters that are asked for from its row record.
     void add(PerfObject object, const void* row, std::uint64_t time);
 };
 
@@ -198,7 +198,7 @@ struct PerfHistory {
     std::mutex mutex;
     std::unordered_map<std::string, Object> objects;
 
-    /// Gives each row its bases, adds the rows' samples, and drops those of what was asked for and is not there.
+    /// Gives each row its bases, adds the rows' samples, and drops those of objects that were asked for and are gone.
     void exchange(PerfSampling& sampling);
 };
 
@@ -220,7 +220,7 @@ WmiStatus GatherFormatted(const Gathering& gathering) {
     return GatherPerformance(perfClass, &history, gathering);
 }
 
-/// The classes of a family, with what they refer to.
+/// The classes of a family, and what they refer to.
 struct PerfDeclaration {
     std::vector<ClassInfo> classes;
     std::deque<std::u16string> names;

@@ -1,7 +1,7 @@
-// PerfDisk_LogicalDisk and PerfDisk_PhysicalDisk, of /proc/diskstats and the mounts' space.
+// PerfDisk_LogicalDisk and PerfDisk_PhysicalDisk, from /proc/diskstats and the mounts' space.
 //
-// The time a disk is busy is known as such, so that PercentDiskTime is that and not, as elsewhere, the time of all
-// operations added up. Of reading and of writing alone only those sums are known, which go above 100.
+// The kernel tells how long a disk was busy, so PercentDiskTime is that time, and not the times of all operations added
+// up. For reading and writing alone only these sums are known, which may exceed 100.
 #include <algorithm>
 #include <array>
 #include <functional>
@@ -26,13 +26,13 @@ struct Need {
 };
 
 struct Row {
-    std::optional<facts::DiskCounters> io;  // none: not asked for, or the file system lies on no block device
+    std::optional<facts::DiskCounters> io;  // nullopt: not asked for, or the file system is not on a block device
     std::optional<facts::FileSystemSpace> space;
 };
 
 using Number = std::optional<std::uint64_t>;
 
-/// Where the kernel's times of operations begin anew: they are 32 bits of milliseconds.
+/// Where the kernel's times of operations wrap: they are 32 bits of milliseconds.
 constexpr std::uint64_t timePeriod = (std::uint64_t{1} << 32) * unitsOfMillisecond;
 
 constexpr std::uint64_t sectorSize = 512;
@@ -76,7 +76,7 @@ Number FreeMegabytesIn(const Row& row) { return row.space ? Number(row.space->av
 Number WholeMegabytesIn(const Row& row) {
     return row.space ? Number(row.space->usableSize() / megabyte) : std::nullopt;
 }
-/// None where there is no megabyte to be free: such a file system is not full.
+/// Nullopt for a file system smaller than a megabyte: 0 would read as full.
 Number FreeShareIn(const Row& row) {
     return WholeMegabytesIn(row).value_or(0) > 0 ? FreeMegabytesIn(row) : std::nullopt;
 }
@@ -126,7 +126,7 @@ constexpr auto allCounters = Joined(spaceCounters, ioCounters);
 
 using CountersByName = std::unordered_map<std::string, facts::DiskCounters>;
 
-/// Nothing when not asked for; none when they cannot be read.
+/// Empty if not asked for; nullopt if they cannot be read.
 std::optional<CountersByName> ReadDiskCounters(const Gathering& gathering) {
     CountersByName byName;
     if (!gathering.asksFor(Need::io)) return byName;
@@ -148,7 +148,7 @@ bool IsNamed(const std::vector<CimValue>& values, std::string_view name) {
     });
 }
 
-/// Mounts are asked for their space before the counters are read, as some may keep the query waiting.
+/// Asks mounts for their space before it reads counters, as a mount may keep the query waiting.
 WmiStatus ReadLogicalDisks(const Gathering& gathering, PerfSampling& sampling) {
     const std::vector<CimValue>* names = gathering.valuesOf(u"Name");
     if (names != nullptr && !IsNamed(*names, "_Total")) {

@@ -1,4 +1,4 @@
-// PerfOS_Memory, of /proc/meminfo and /proc/vmstat.
+// PerfOS_Memory, from /proc/meminfo and /proc/vmstat.
 #include "facts/kernel_totals.h"
 #include "facts/perf_texts.h"
 #include "facts/process_files.h"
@@ -20,7 +20,7 @@ struct Need {
 struct Row {
     std::string memory;     // meminfo
     std::string events;     // vmstat
-    bool isStrict = false;  // the kernel promises no more memory than CommitLimit
+    bool isStrict = false;  // the kernel commits no more memory than CommitLimit
 };
 
 using Number = std::optional<std::uint64_t>;
@@ -49,10 +49,10 @@ Number SumOf(std::initializer_list<Number> parts) {
     return sum;
 }
 
-/// What the cache of files holds, with what programs share as files in memory.
+/// The page cache, including shared memory.
 Number FileCacheIn(const Row& row) { return SumOf({MemoryIn(row, "Cached"), MemoryIn(row, "Buffers")}); }
 
-/// Where programs are promised more than there is, what there is: CommitLimit is half of it then and binds nothing.
+/// If the kernel overcommits, all memory and swap: CommitLimit counts half of the memory then, and limits nothing.
 Number CommitLimitIn(const Row& row) {
     if (row.isStrict) return MemoryIn(row, "CommitLimit");
     return SumOf({MemoryIn(row, "MemTotal"), MemoryIn(row, "SwapTotal")});

@@ -1,4 +1,4 @@
-// Tcpip_NetworkInterface, of /proc/net/dev. The interface for talk within the computer is left out, as on Windows.
+// Tcpip_NetworkInterface, from /proc/net/dev. The loopback interface is left out, as on Windows.
 #include <algorithm>
 
 #include "facts/network_devices.h"

@@ -1,8 +1,8 @@
-// PerfProc_Process, of the files of /proc/<id>. Objects are named as Windows names them: the second of a name is
+// PerfProc_Process, from the files of /proc/<id>. Objects are named as Windows names them: the second of a name is
 // "name#1". A process that WHERE names by its id is read alone, and so has no such number.
 //
-// The kernel adds what a process has read and written to that of its parent once the parent has waited for it, so that
-// a parent's figures can leap, and those of _Total with it.
+// When a parent has waited for a process, the kernel adds what that read and wrote to the parent's counters, so the
+// figures of a parent can jump, and those of _Total with them.
 #include <algorithm>
 #include <unistd.h>
 
@@ -121,10 +121,10 @@ void ReadParts(facts::ProcessFiles& files, const Gathering& gathering, Row& row)
     if (gathering.asksFor(Need::handles)) row.handles = files.CountOpenFiles(id);
 }
 
-/// How often each name was asked for.
+/// How often each name came.
 using NameCounts = std::unordered_map<std::string, std::size_t>;
 
-/// A process may be called as the numbered name of another.
+/// A process's own name may be the numbered name of another.
 std::string NumberedName(NameCounts& counts, const std::string& name) {
     for (;;) {
         const std::size_t earlier = counts[name]++;
@@ -163,7 +163,7 @@ WmiStatus ReadProcesses(const Gathering& gathering, PerfSampling& sampling) {
         object.birth = facts::TimeOfTicks(row.stat.startTicks);
         sampling.add(std::move(object), &row, now);
     }
-    // Where one cannot read of oneself, that others are not found tells nothing.
+    // If /proc does not even show this process, that others are not found tells nothing.
     const bool canRead = !sampling.rows.empty() || platform::ReadSystemFile("/proc/self/stat");
     return canRead ? wmi_status::ok : wmi_status::providerFailure;
 }

@@ -1,4 +1,4 @@
-// PerfOS_Processor, of /proc/stat, /proc/interrupts and /proc/softirqs.
+// PerfOS_Processor, from /proc/stat, /proc/interrupts and /proc/softirqs.
 #include "facts/kernel_totals.h"
 #include "facts/perf_texts.h"
 #include "facts/process_files.h"
@@ -25,12 +25,12 @@ struct Row {
 
 constexpr auto idleTimeIn = [](const Row& row) { return facts::TimeOfTicks(row.times.idleTicks()); };
 
-/// The time that percentages are of: what was counted, which is nothing while the computer sleeps.
+/// The time that percentages refer to: what was counted. Nothing is while the computer sleeps.
 constexpr auto wholeTimeIn = [](const Row& row) {
     return facts::TimeOfTicks(row.times.busyTicks() + row.times.idleTicks());
 };
 
-/// Where the kernel's counts of interrupts begin anew.
+/// Where the kernel's counts of interrupts wrap.
 constexpr std::uint64_t countPeriod = std::uint64_t{1} << 32;
 
 // clang-format off
@@ -78,7 +78,7 @@ WmiStatus ReadProcessors(const Gathering& gathering, PerfSampling& sampling) {
         PerfObject object;
         object.name = std::to_string(times.number);
         object.key = object.name;
-        // A processor that was added, or switched off and on, has been counted for as long as its times add up to.
+        // The times of a processor that was added, or switched off and on, add up to how long it has been counted.
         object.birth = now - std::min(now, facts::TimeOfTicks(times.busyTicks() + times.idleTicks()));
         const Row row{times, SumOf(interrupts, times.number), SumOf(softInterrupts, times.number)};
         sampling.add(std::move(object), &row, now);

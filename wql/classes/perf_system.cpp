@@ -1,4 +1,4 @@
-// PerfOS_System, of /proc/stat, /proc/loadavg and the list of processes.
+// PerfOS_System, from /proc/stat, /proc/loadavg and the list of processes.
 #include <algorithm>
 
 #include "facts/kernel_totals.h"
@@ -25,7 +25,7 @@ struct Row {
     std::optional<std::uint64_t> threads;
 };
 
-/// Threads that wait for a processor: those beyond one for each.
+/// Threads that wait for a processor: the running ones beyond one for each processor.
 std::optional<std::uint64_t> QueueLengthIn(const Row& row) {
     const std::optional<std::uint64_t> runnable = facts::NumberUnder(row.stat, "procs_running");
     if (!runnable) return std::nullopt;

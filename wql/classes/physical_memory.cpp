@@ -11,17 +11,17 @@ using enum CimType;
 
 struct Row {
     facts::SmbiosStructure device;
-    std::uint32_t number = 0;  // among those that are there
+    std::uint32_t number = 0;  // among the devices, empty sockets not counted
 };
 
-/// A width in bits, of which 0xFFFF stands for unknown.
+/// A width in bits; 0xFFFF means unknown.
 std::optional<std::uint32_t> WidthAt(const Row& row, std::size_t offset) {
     constexpr std::uint16_t unknown = 0xFFFF;
     const std::uint16_t bits = row.device.wordAt(offset);
     return facts::KnownNumber(bits == unknown ? 0 : bits);
 }
 
-/// Bytes of a device; none when the firmware does not know, 0 for an empty socket.
+/// Bytes of a device; nullopt if the firmware does not know, 0 for an empty socket.
 std::optional<std::uint64_t> CapacityOf(const facts::SmbiosStructure& device) {
     constexpr std::size_t sizeOffset = 0x0C;
     constexpr std::size_t extendedOffset = 0x1C;
@@ -36,7 +36,7 @@ std::optional<std::uint64_t> CapacityOf(const facts::SmbiosStructure& device) {
     return size * kilobyte * kilobyte;
 }
 
-/// Megatransfers in a second; what does not fit into its word stands at another offset.
+/// Megatransfers a second; what does not fit into a word stands at another offset.
 std::optional<std::uint32_t> SpeedAt(const Row& row, std::size_t offset, std::size_t extendedOffset) {
     constexpr std::uint16_t seeExtended = 0xFFFF;
     const std::uint16_t speed = row.device.wordAt(offset);
@@ -52,7 +52,7 @@ std::uint16_t FormFactorOf(std::uint8_t smbios) {
     return smbios < std::size(numbers) ? numbers[smbios] : 1;
 }
 
-/// A memory type in the numbers of CIM_PhysicalMemory, which know none newer than DDR4; 0 is unknown.
+/// A memory type in the numbers of CIM_PhysicalMemory, which end at DDR4; 0 is unknown.
 std::uint16_t MemoryTypeOf(std::uint8_t smbios) {
     constexpr std::uint8_t numbers[] = {
         0,  1,  0,  2,  6,  7,  8,

@@ -1,4 +1,4 @@
-// Win32_PhysicalMemory, of the firmware's tables.
+// Win32_PhysicalMemory, from the firmware's tables.
 #pragma once
 
 #include <string_view>
@@ -7,7 +7,7 @@
 
 namespace kv::wql {
 
-/// Gathers the memory devices (SMBIOS type 17) of a table that are there.
+/// Gathers the memory devices (SMBIOS type 17) of a table, except empty sockets.
 WmiStatus GatherMemoryDevices(const Gathering& gathering, std::string_view table);
 
 }  // namespace kv::wql

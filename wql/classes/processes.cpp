@@ -1,4 +1,4 @@
-// Win32_Process: the processes as /proc tells of them, the threads of the kernel among them, as ps lists them.
+// Win32_Process: the processes of /proc, kernel threads included, as ps lists them.
 #include <algorithm>
 #include <sys/utsname.h>
 
@@ -37,7 +37,7 @@ struct Row {
     std::optional<facts::ProcessIo> io;
     std::optional<std::uint64_t> handles;
 
-    // the same for all
+    // the same for all processes
     std::u16string host;
     std::string systemName;
     std::string systemVersion;
@@ -73,7 +73,7 @@ std::uint16_t ExecutionStateOf(char state) {
     return 1;  // other
 }
 
-/// What a process has of memory for itself alone, in bytes.
+/// Memory that a process does not share, in bytes.
 std::optional<std::uint64_t> PrivateBytesIn(const Row& row) {
     if (!row.memory) return std::nullopt;
     return row.memory->anonymous + row.memory->swapped;
@@ -174,7 +174,7 @@ std::vector<std::uint32_t> ProcessesToRead(const Gathering& gathering) {
     return ids;
 }
 
-/// False when there is no such process, or no longer.
+/// False if there is no such process, or no longer.
 bool ReadStat(facts::ProcessFiles& files, std::uint32_t id, facts::ProcessStat& stat) {
     const std::optional<std::string_view> text = files.Read(id, "stat");
     std::optional<facts::ProcessStat> parsed = text ? facts::ParseProcessStat(*text) : std::nullopt;
@@ -189,7 +189,7 @@ std::optional<facts::ProcessMemory> ReadMemory(facts::ProcessFiles& files, std::
     return facts::ParseProcessStatus(*text);
 }
 
-/// What a process has besides its stat; a part that may not be read, or no longer, stays empty.
+/// Reads what its stat does not tell; a part that may not be read, or no longer, stays empty.
 void ReadParts(facts::ProcessFiles& files, const Gathering& gathering, Row& row) {
     const std::uint32_t id = row.stat.id;
     row.arguments.clear();
@@ -222,7 +222,7 @@ WmiStatus GatherProcesses(const Gathering& gathering) {
         ReadParts(files, gathering, row);
         if (!gathering.row(&row)) break;
     }
-    // Where one cannot read of oneself, that others are not found tells nothing.
+    // If /proc does not even show this process, that others are not found tells nothing.
     canRead = canRead || platform::ReadSystemFile("/proc/self/stat");
     return canRead ? wmi_status::ok : wmi_status::providerFailure;
 }

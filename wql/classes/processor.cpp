@@ -36,7 +36,7 @@ struct Need {
 struct Row {
     facts::Socket socket;
     std::size_t number = 0;
-    facts::SmbiosStructure firmware;  // without anything in it where the firmware tells nothing
+    facts::SmbiosStructure firmware;  // empty if the firmware tells nothing
     std::u16string host;
     std::string machine;
     std::uint16_t load = 0;
@@ -48,7 +48,7 @@ struct Row {
     const facts::CpuBlock& first() const { return socket.processors.front(); }
 };
 
-constexpr std::uint8_t isVoltageInUse = 0x80;  // otherwise bits tell what the socket can give
+constexpr std::uint8_t isVoltageInUse = 0x80;  // else the bits tell what the socket supports
 
 /// In tenths of a volt.
 std::optional<std::uint32_t> VoltageOf(const facts::SmbiosStructure& firmware) {
@@ -69,7 +69,8 @@ std::uint16_t FamilyOf(const facts::SmbiosStructure& firmware) {
     return family == 0 ? unknown : family;
 }
 
-/// Features and signature, the first leaf of the CPUID instruction, as the firmware or else the processor tells them.
+/// Features and signature, from the first leaf of the CPUID instruction, as the firmware tells them, or else the
+/// processor.
 std::optional<std::string> ProcessorIdOf(const facts::SmbiosStructure& firmware) {
     std::uint32_t signature = firmware.doubleWordAt(0x08);
     std::uint32_t features = firmware.doubleWordAt(0x0C);
@@ -91,7 +92,7 @@ std::optional<bool> HasNestedPaging(const Row& row) {
     return intel ? std::optional(*intel || *row.first().hasFlag("npt")) : std::nullopt;
 }
 
-/// The processor's own name for itself, which one of ARM lacks, else the firmware's.
+/// The processor's name for itself, which ARM lacks, or else the firmware's.
 std::optional<std::string> NameOf(const Row& row) {
     const std::optional<std::string> firmwareName = row.firmware.stringAt(0x10);
     return row.first().field("model name").empty() && firmwareName ? firmwareName : facts::ModelNameOf(row.first());
@@ -190,7 +191,7 @@ void TakeLoadSamples(ProcessorSources& sources) {
     sources.loadFrom = history.exchange(sources.loadTo, std::chrono::steady_clock::now());
 }
 
-/// What the firmware tells of the processors that are in their sockets, in its order.
+/// The firmware's structures of processors, without empty sockets, in its order.
 std::vector<facts::SmbiosStructure> ProcessorsIn(const std::vector<facts::SmbiosStructure>& structures) {
     constexpr std::uint8_t processor = 4;
     constexpr std::uint8_t isThere = 0x40;
@@ -201,7 +202,7 @@ std::vector<facts::SmbiosStructure> ProcessorsIn(const std::vector<facts::Smbios
     return processors;
 }
 
-/// By the system, else as the firmware set it, else as it is now.
+/// From the system, else as the firmware set it, else as it is now.
 std::optional<std::uint64_t> MaxClockOf(const Row& row, const facts::CpuFiles& files) {
     if (const std::optional<std::uint64_t> clock = facts::MaxClockOf(row.socket, files)) return clock;
     const std::uint16_t byFirmware = row.firmware.wordAt(0x16);

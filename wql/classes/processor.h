@@ -1,5 +1,5 @@
-// Win32_Processor: a row for each socket, of /proc/cpuinfo, /sys/devices/system/cpu and the firmware's tables (SMBIOS
-// type 4), the last of which many virtual machines lack.
+// Win32_Processor: a row for each socket, from /proc/cpuinfo, /sys/devices/system/cpu and the firmware's tables (SMBIOS
+// type 4), which many virtual machines lack.
 #pragma once
 
 #include <string_view>
@@ -10,7 +10,7 @@
 
 namespace kv::wql {
 
-/// What processors are described by.
+/// The texts that describe the processors.
 struct ProcessorSources {
     std::string_view cpuInfo;   // /proc/cpuinfo
     std::string_view firmware;  // a table of SMBIOS

@@ -51,7 +51,7 @@ std::string_view NameOf(const ServiceUnit& unit) {
     return name;
 }
 
-/// The unit's own text, or its name where it has none; the manager then gives its id.
+/// The unit's description, or its name if it has none; the manager then gives its id.
 std::string_view DisplayNameOf(const ServiceUnit& unit) {
     const bool hasNone = unit.description.empty() || unit.description == unit.id;
     return hasNone ? NameOf(unit) : std::string_view(unit.description);
@@ -75,7 +75,7 @@ constexpr PropertyInfo properties[] = {
     {u"InstallDate", datetime},
     {u"Name", string, 0, "of the unit, without .service", [](const Row& row) { return NameOf(row.unit); }},
     {u"PathName", string, Need::command, "the first ExecStart command", [](const Row& row) { return row.command; }},
-    {u"ProcessId", uint32, Need::process, "the main process; 0 where there is none", [](const Row& row) { return row.process; }},
+    {u"ProcessId", uint32, Need::process, "the main process; 0 without one", [](const Row& row) { return row.process; }},
     {u"ServiceSpecificExitCode", uint32, Need::ending, "of a failed one: its exit status or signal; else 0",
         [](const Row& row) { return row.endingStatus; }},
     {u"ServiceType", string, 0, "always a process of its own", [](const Row&) { return u"Own Process"; }},
@@ -105,7 +105,7 @@ std::u16string_view MeaningOf(std::string_view word, const Meaning (&meanings)[c
     return otherwise;
 }
 
-/// How the unit's file says that it is to be started. Init scripts come in generated ones.
+/// How the unit's file says that it is started. Init scripts have generated files.
 std::u16string_view FileModeOf(const ServiceUnit& unit) {
     constexpr Meaning meanings[] = {
         {"enabled", u"Auto"},    {"enabled-runtime", u"Auto"},    {"generated", u"Auto"},
@@ -138,7 +138,7 @@ void TellOf(int failure, std::string_view loss, const Gathering& gathering) {
         fmt::format("{}; asking the service manager failed: {}", loss, std::generic_category().message(-failure)));
 }
 
-/// Adds to the loaded units what else is known of services. Below 0 only when the manager no longer answers.
+/// Adds to the loaded units the services of unit files. Below 0 only if the manager no longer answers.
 int Complete(UnitManager& manager, const std::vector<std::string>& patterns, const Gathering& gathering,
              std::vector<ServiceUnit>& units) {
     std::vector<UnitFile> files;
@@ -161,7 +161,7 @@ int ReadEnding(UnitManager& manager, Row& row) {
     return result;
 }
 
-/// A text that is empty or that the manager does not give is none.
+/// Nullopt for a text that is empty or that the manager does not give.
 int ReadText(UnitManager& manager, int (UnitManager::*read)(const ServiceUnit&, std::string&), const ServiceUnit& unit,
              std::optional<std::string>& text) {
     std::string given;
@@ -176,7 +176,7 @@ int ReadUser(UnitManager& manager, Row& row) {
     return result;
 }
 
-/// Asks for the properties of one service that the query needs, and that are not known by its state. Below 0 only when
+/// Asks for the properties of one service that the query needs, unless its state already tells them. Below 0 only if
 /// the manager no longer answers.
 int ReadDetails(UnitManager& manager, const Gathering& gathering, Row& row) {
     int result = 0;
@@ -242,7 +242,7 @@ std::uint32_t ExitCodeOf(const ServiceEnding& ending) {
 
 WmiStatus GatherServices(const Gathering& gathering, std::chrono::milliseconds patience) {
     const std::vector<std::string> patterns = PatternsOf(gathering);
-    if (patterns.empty()) return wmi_status::ok;  // which would find all
+    if (patterns.empty()) return wmi_status::ok;  // no pattern would find all
     UnitManager manager;
     std::vector<ServiceUnit> units;
     int result = manager.Connect(patience);

@@ -29,9 +29,9 @@ constexpr PropertyInfo timeProperties[] = {
 // clang-format on
 
 struct ZoneRow {
-    std::string name;  // of the zone; empty where it has none
+    std::string name;  // of the zone; may be empty
     facts::ZoneRules rules;
-    facts::DaylightSaving daylight;  // nothing where the clock is never changed
+    facts::DaylightSaving daylight;  // all 0 if the clock is never changed
 };
 
 /// "(UTC+01:00) Europe/Berlin".
@@ -44,7 +44,7 @@ std::string CaptionOf(const ZoneRow& row) {
                        minutes % minutesOfHour, name);
 }
 
-/// What is to be added to Bias while daylight saving lasts, by Windows' sign.
+/// Added to Bias during daylight saving; the sign is that of Windows.
 std::int32_t DaylightBiasOf(const ZoneRow& row) {
     return row.rules.daylight ? row.rules.minutesEast - row.daylight.minutesEast : 0;
 }
@@ -93,7 +93,7 @@ WmiStatus GatherUtcTime(const Gathering& gathering) {
     return wmi_status::ok;
 }
 
-/// What the running offset tells, for a zone whose file ends without rules.
+/// Rules from the current offset, for a zone whose file ends without rules.
 facts::ZoneRules RulesNow() {
     const facts::CalendarTime now = facts::LocalTimeOf(facts::MicrosecondsNow());
     return {.name = now.parts.tm_zone, .minutesEast = now.minutesEast, .daylight = std::nullopt};
