@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <utility>
 
-#include "platform/linux/linux.h"
 #include "platform/name_pattern.h"
 
 namespace kv::wql {

@@ -1,4 +1,3 @@
-#include "platform/linux/linux.h"
 #include "platform/name_pattern.h"
 #include "wql/condition.h"
 
