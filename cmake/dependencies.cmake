@@ -3,6 +3,7 @@
 find_package(ZLIB REQUIRED)
 find_package(fmt REQUIRED)
 find_package(json-c CONFIG REQUIRED)
+find_package(CLI11 CONFIG REQUIRED)
 if(NOT WIN32)
   find_package(Threads REQUIRED)
   find_package(CURL REQUIRED)

@@ -1,6 +1,5 @@
 // kvlab conf push.
 #include <algorithm>
-#include <array>
 #include <filesystem>
 #include <fmt/format.h>
 #include <fstream>
@@ -29,8 +28,8 @@ std::string ReadPlanFile(const std::string& path) {
     return bytes;
 }
 
-/// The text of UTF-8 or UTF-16LE, with or without a byte order mark; none when it is neither.
-std::optional<std::u16string> TextOf(std::string_view bytes) {
+/// The text of UTF-8 or UTF-16LE, with or without a byte order mark; absent when it is neither.
+std::optional<std::u16string> PlanText(std::string_view bytes) {
     using namespace std::string_view_literals;
     const bool marked = bytes.starts_with("\xFF\xFE"sv);
     // In UTF-16 the braces and quotes of a plan have zero bytes.
@@ -48,8 +47,8 @@ bool EqualIgnoringCase(std::string_view a, std::string_view b) {
     return std::equal(a.begin(), a.end(), b.begin(), b.end(), [&](char x, char y) { return lower(x) == lower(y); });
 }
 
-/// What is wrong with a plan whose workflows have to stand under this name; empty when nothing is.
-std::string FaultOf(const std::optional<std::u16string>& text, const std::string& name) {
+/// What is wrong with a plan, whose workflows have to stand under this name; empty when nothing is.
+std::string PlanFault(const std::optional<std::u16string>& text, const std::string& name) {
     if (!text) return "is neither UTF-8 nor UTF-16LE";
     const ParsedJson plan = ParseJson(platform::Utf8FromWide(*text));
     if (!plan.valid) return "is not JSON";
@@ -59,41 +58,41 @@ std::string FaultOf(const std::optional<std::u16string>& text, const std::string
     return found && json_object_is_type(workflows, json_type_array) ? "" : "has no array " + name;
 }
 
-void RunConfPush(const Options& options) {
-    const std::string key = NeededValue(options, "KEY");
-    const std::string agent = Value(options, "--agent", key);
-    const std::string path = NeededValue(options, "FILE");
+void RunConfPush(const Given& given) {
+    const std::string key = NeededValue(given, "KEY");
+    const std::string agent = Value(given, "--agent", key);
+    const std::string path = NeededValue(given, "FILE");
     const std::string bytes = ReadPlanFile(path);
-    const std::optional<std::u16string> text = TextOf(bytes);
-    const std::string fault = FaultOf(text, EqualIgnoringCase(key, agent) ? "WorkFlows" : "WorkFlows_" + key);
-    if (!fault.empty() && !Has(options, "--force"))
+    const std::optional<std::u16string> text = PlanText(bytes);
+    const std::string fault = PlanFault(text, EqualIgnoringCase(key, agent) ? "WorkFlows" : "WorkFlows_" + key);
+    if (!fault.empty() && !Has(given, "--force"))
         throw std::runtime_error(fmt::format("{} {}; --force sends it all the same", path, fault));
     const std::string zip = MakeArchive({{"queryconf.txt", text ? Utf16LittleEndianBytes(*text) : bytes}});
-    QueueForAgent(options, agent, [&](Store& store) { return AddConfiguration(store, agent, key, zip); });
+    QueueForAgent(given, agent, [&](Store& store) { return AddConfiguration(store, agent, key, zip); });
 }
+
+constexpr Word pushWords[] = {
+    {"KEY", "the agent whose plan it is"},
+    {"FILE", "the plan, JSON in UTF-8 or UTF-16LE; its workflows stand under WorkFlows, a slave's under WorkFlows_KEY"},
+};
+
+constexpr Option pushOptions[] = {
+    databaseOption,
+    {"--agent", "KEY", "the agent that fetches it, when KEY is one of its slaves"},
+    {"--state", "DIR", "the fetching agent's state directory, as for request add"},
+    {"--no-flag", "", "only queue, as for request add"},
+    {"--force", "", "send a file that is not such a plan, too, to see what the agent makes of it"},
+};
+
+constexpr Command commands[] = {
+    {"conf push",
+     "Gives an agent a new plan. Stores the file as a zip to download, queues the request DOWNLOAD_QUERYCONF, and "
+     "tells the agent that requests wait. Prints the request's id.",
+     pushWords, pushOptions, RunConfPush},
+};
 
 }  // namespace
 
-std::span<const Command> ConfigurationCommands() {
-    static const std::array<Command, 1> commands{{
-        {"conf push",
-         {{"--database", 1}, {"--agent", 1}, {"--state", 1}, {"--no-flag", 0}, {"--force", 0}},
-         {"KEY", "FILE"},
-         RunConfPush,
-         R"(usage: kvlab conf push --database FILE [options] KEY FILE
-
-Gives an agent a new plan: stores the file as a zip to download, queues the request DOWNLOAD_QUERYCONF, and tells the agent
-that requests wait. Prints the request's id.
-
-  KEY           the agent whose plan it is
-  FILE          the plan, JSON in UTF-8 or UTF-16LE; its workflows stand under WorkFlows, a slave's under WorkFlows_KEY
-  --agent KEY   the agent that fetches it, where KEY is one of its slaves
-  --state DIR   the fetching agent's state directory, as for request add
-  --no-flag     only queue, as for request add
-  --force       send a file that is not such a plan too, to see what the agent makes of it
-)"},
-    }};
-    return commands;
-}
+std::span<const Command> ConfigurationCommands() { return commands; }
 
 }  // namespace kv::lab

@@ -1,6 +1,5 @@
 // kvlab request add, list and answers.
 #include <algorithm>
-#include <array>
 #include <fmt/format.h>
 
 #include "lab/command_line.h"
@@ -13,8 +12,8 @@ namespace kv::lab {
 
 namespace {
 
-/// NAME=VALUE.
-std::pair<std::string, std::string> MemberOf(const std::string& text) {
+/// A member that was given as NAME=VALUE.
+std::pair<std::string, std::string> ParseMember(const std::string& text) {
     const std::size_t end = text.find('=');
     if (end == 0 || end == std::string::npos) throw UsageError("--set takes NAME=VALUE, not '" + text + "'");
     if (!platform::IsValidUtf8(text)) throw UsageError("--set takes UTF-8, not '" + text + "'");
@@ -24,19 +23,19 @@ std::pair<std::string, std::string> MemberOf(const std::string& text) {
     return {std::move(name), text.substr(end + 1)};
 }
 
-void RunRequestAdd(const Options& options) {
-    NewRequest request{NeededValue(options, "--agent"), NeededValue(options, "--type"), Value(options, "--id"), {}};
-    for (const std::string& text : Values(options, "--set")) request.members.push_back(MemberOf(text));
+void RunRequestAdd(const Given& given) {
+    NewRequest request{NeededValue(given, "--agent"), NeededValue(given, "--type"), Value(given, "--id"), {}};
+    for (const std::string& text : Values(given, "--set")) request.members.push_back(ParseMember(text));
     for (const std::string& text : {request.type, request.id})
-        if (!platform::IsValidUtf8(text)) throw UsageError("'" + text + "' is no UTF-8");
-    QueueForAgent(options, request.agent, [&](Store& store) { return AddRequest(store, request); });
+        if (!platform::IsValidUtf8(text)) throw UsageError("'" + text + "' is not UTF-8");
+    QueueForAgent(given, request.agent, [&](Store& store) { return AddRequest(store, request); });
 }
 
 std::string TimeText(std::int64_t time) { return time == 0 ? "" : UtcText(time); }
 
-void RunRequestList(const Options& options) {
-    Store store = OpenExisting(options);
-    const std::string agent = Value(options, "--agent");
+void RunRequestList(const Given& given) {
+    Store store = OpenExisting(given);
+    const std::string agent = Value(given, "--agent");
     const std::vector<Request> requests = Requests(store, agent);
     if (requests.empty() && !agent.empty() && !AgentExists(store, agent))
         throw NotFoundError("there is no agent with the key " + agent);
@@ -45,15 +44,14 @@ void RunRequestList(const Options& options) {
                               OneLine(request.id), OneLine(request.type), request.state, TimeText(request.added),
                               TimeText(request.listed), TimeText(request.ended), request.listings,
                               OneLine(request.members)));
-    Flush();
 }
 
 constexpr std::int64_t maxAnswers = 1000;
 
-void RunRequestAnswers(const Options& options) {
-    Store store = OpenExisting(options);
-    const std::string agent = Value(options, "--agent");
-    const std::string id = Value(options, "--id");
+void RunRequestAnswers(const Given& given) {
+    Store store = OpenExisting(given);
+    const std::string agent = Value(given, "--agent");
+    const std::string id = Value(given, "--id");
     std::vector<Report> answers = LatestAnswers(store, maxAnswers);
     std::erase_if(answers, [&](const Report& answer) {
         return (!agent.empty() && answer.agent != agent) || (!id.empty() && answer.requestId != id);
@@ -63,76 +61,66 @@ void RunRequestAnswers(const Options& options) {
     for (const Report& answer : answers)
         PrintLine(fmt::format("{}\t{}\t{}\t{}\t{}", UtcText(answer.time), OneLine(answer.agent),
                               OneLine(answer.requestId), OneLine(answer.action), OneLine(answer.text)));
-    Flush();
 }
+
+constexpr Option addOptions[] = {
+    databaseOption,
+    {"--agent", "KEY", "the agent that fetches it", Times::once},
+    {"--type", "TYPE", "REQUEST_TYPE, such as SNMP_TEST_MONITOR", Times::once},
+    {"--id", "ID", "AGENT_REQUEST_ID; a number by default"},
+    {"--set", "NAME=VALUE", "another member; may be given several times", Times::any},
+    {"--state", "DIR",
+     "the agent's state directory, by default KVAGENT_STATE_DIR, else the usual one; RequestAvailable is set to YES in "
+     "the registry there, which has to be that of the agent"},
+    {"--no-flag", "", "only queue: for an agent on another machine, or one that this server has not heard of yet"},
+};
+
+constexpr Option listOptions[] = {databaseOption, {"--agent", "KEY", "only this agent's"}};
+
+constexpr Option answersOptions[] = {
+    databaseOption,
+    {"--agent", "KEY", "only this agent's"},
+    {"--id", "ID", "only those to this request; exit code 3 when there are none"},
+};
+
+constexpr Item requestTypes[] = {
+    {"TEST_MONITOR", "One query about the computer: WMIQUERY, NAME_SPACE (ROOT\\CIMV2 by default), MONITOR_NAME."},
+    {"START_SERVICE, STOP_SERVICE", "Start or stop a service of the computer: SERVICE_NAME, MONITOR_NAME."},
+    {"SNMP_TEST_MONITOR, GET_INSTANCE_DATA",
+     "Values of an SNMP device, as the SNMP record of a plan has them: PROTOCOL, DEVICE_NAME, SNMP_PORT, SNMP_VERSION, "
+     "COMMUNITY, OID, POLL_ID, AGENT_KEY, POLICY_NAME, IS_MULTIPLE_POLLED_DATA."},
+    {"DISCOVER_SNMP_DEVICES",
+     "What an SNMP device is: DEVICE_NAME, SNMP_PORT, SNMP_TIMEOUT (seconds), COMMUNITY (\"public\" by default)."},
+    {"DELETE_DEVICE", "Lets a master agent forget its slave DEVICE_NAME."},
+};
+
+constexpr Command commands[] = {
+    {"request add",
+     "Queues a request of any type with any members, unchecked, and tells the agent that requests wait, which it sees "
+     "within 30 seconds. Prints the request's id.",
+     {},
+     addOptions,
+     RunRequestAdd,
+     "Types, and their members; the first three are answered only with RESPONSE_NEEDED=YES:",
+     requestTypes},
+    {"request list",
+     "Prints the requests. One a line, with tabs between: number, agent, id, type, state, times of adding, last "
+     "listing and end, number of listings, members. States are waiting (not fetched yet), listed (fetched; it may be "
+     "served already, where its kind gets no answer), answered, dropped (the agent went down while serving it), done "
+     "(of a kind that gets no answer), and unanswered (listed three times).",
+     {},
+     listOptions,
+     RunRequestList},
+    {"request answers",
+     "Prints what agents have answered. One answer a line, the oldest of the last 1000 first, with tabs between: time, "
+     "agent, id of the request, its type, the answer as JSON text.",
+     {},
+     answersOptions,
+     RunRequestAnswers},
+};
 
 }  // namespace
 
-std::span<const Command> RequestCommands() {
-    static const std::array<Command, 3> commands{{
-        {"request add",
-         {{"--database", 1},
-          {"--agent", 1},
-          {"--type", 1},
-          {"--id", 1},
-          {"--set", 1},
-          {"--state", 1},
-          {"--no-flag", 0}},
-         {},
-         RunRequestAdd,
-         R"(usage: kvlab request add --database FILE --agent KEY --type TYPE [options]
-
-Queues a request of any type with any members, unchecked, and tells the agent that requests wait, which it sees within 30
-seconds. Prints the request's id.
-
-  --agent KEY       the agent that fetches it
-  --type TYPE       REQUEST_TYPE, such as SNMP_TEST_MONITOR
-  --id ID           AGENT_REQUEST_ID; a number by default
-  --set NAME=VALUE  another member; may be given several times
-  --state DIR       the agent's state directory, by default KVAGENT_STATE_DIR, else the usual one; RequestAvailable is
-                    set to YES in the registry there, which has to be that of the agent
-  --no-flag         only queue: for an agent on another machine, or one that this server has not heard of yet
-
-Types and their members; with RESPONSE_NEEDED=YES the first three are answered:
-
-  TEST_MONITOR           WMIQUERY, NAME_SPACE (ROOT\CIMV2 by default), MONITOR_NAME: one query about this computer
-  START_SERVICE, STOP_SERVICE
-                         SERVICE_NAME, MONITOR_NAME: a service of this computer
-
-  SNMP_TEST_MONITOR, GET_INSTANCE_DATA
-                         as the SNMP record of a plan: PROTOCOL, DEVICE_NAME, SNMP_PORT, SNMP_VERSION, COMMUNITY, OID,
-                         POLL_ID, AGENT_KEY, POLICY_NAME, IS_MULTIPLE_POLLED_DATA
-  DISCOVER_SNMP_DEVICES  DEVICE_NAME, SNMP_PORT, SNMP_TIMEOUT (seconds), COMMUNITY ("public" by default)
-)"},
-        {"request list",
-         {{"--database", 1}, {"--agent", 1}},
-         {},
-         RunRequestList,
-         R"(usage: kvlab request list --database FILE [--agent KEY]
-
-Prints the requests, one a line, with tabs between: number, agent, id, type, state, times of adding, last listing and end,
-number of listings, members.
-
-States: waiting (not fetched yet), listed (fetched; it may be served already, where its kind gets no answer),
-answered, dropped (the agent went down while serving it), done (of a kind that gets no answer), unanswered (listed
-three times).
-
-  --agent KEY  only this agent's
-)"},
-        {"request answers",
-         {{"--database", 1}, {"--agent", 1}, {"--id", 1}},
-         {},
-         RunRequestAnswers,
-         R"(usage: kvlab request answers --database FILE [--agent KEY] [--id ID]
-
-Prints what agents have answered, one answer a line, the oldest of the last 1000 first, with tabs between: time, agent,
-id of the request, its type, the answer as JSON text.
-
-  --agent KEY  only this agent's
-  --id ID      only those to this request; exit code 3 when there is none
-)"},
-    }};
-    return commands;
-}
+std::span<const Command> RequestCommands() { return commands; }
 
 }  // namespace kv::lab

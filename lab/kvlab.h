@@ -1,10 +1,10 @@
-// The command line of kvlab.
+// The program kvlab: a central server to try and test the monitoring agent against.
 #pragma once
+
+#include "commandline/program.h"
 
 namespace kv::lab {
 
-/// Exit codes: 0 success, 1 a failure, 2 a wrong command line, 3 the thing asked for does not exist. What was wrong is
-/// said in one line on standard error.
-int RunCommandLine(int count, char** arguments);
+const commandline::Program& LabProgram();
 
 }  // namespace kv::lab

@@ -1,3 +1,9 @@
-#include "lab/cli.h"
+#include <algorithm>
 
-int main(int count, char** arguments) { return kv::lab::RunCommandLine(count, arguments); }
+#include "commandline/run.h"
+#include "lab/kvlab.h"
+
+int main(int count, char** arguments) {
+    const int ownName = std::min(count, 1);
+    return kv::commandline::RunCommandLine(kv::lab::LabProgram(), {arguments + ownName, arguments + count});
+}

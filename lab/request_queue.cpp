@@ -51,8 +51,8 @@ std::string RegistryAgentKey(const std::string& place) {
 }
 
 /// Makes the registry that the options name the current one, which has to be that of the agent.
-void OpenAgentRegistry(const Options& options, const std::string& agent) {
-    const std::string stateDirectory = Value(options, "--state");
+void OpenAgentRegistry(const Given& given, const std::string& agent) {
+    const std::string stateDirectory = Value(given, "--state");
     if (!stateDirectory.empty()) setenv(stateVariable, stateDirectory.c_str(), 1);
     platform::InstallBackend();
     platform::InstallRegistry();
@@ -73,16 +73,15 @@ void RaiseRequestFlag(const std::string& id) {
 
 }  // namespace
 
-void QueueForAgent(const Options& options, const std::string& agent, const std::function<std::string(Store&)>& add) {
-    const bool flag = !Has(options, "--no-flag");
-    Store store = OpenExisting(options);
+void QueueForAgent(const Given& given, const std::string& agent, const std::function<std::string(Store&)>& add) {
+    const bool flag = !Has(given, "--no-flag");
+    Store store = OpenExisting(given);
     if (flag && !AgentExists(store, agent))
         throw NotFoundError(fmt::format("there is no agent with the key {}; {}", agent, noFlagHint));
-    if (flag) OpenAgentRegistry(options, agent);
+    if (flag) OpenAgentRegistry(given, agent);
     const std::string id = add(store);
     if (flag) RaiseRequestFlag(id);
     PrintLine(id);
-    Flush();
 }
 
 }  // namespace kv::lab

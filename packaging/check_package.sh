@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Checks the packages in build/package without installing them: what lintian says of them, which files are in them, that
-# the programs run, that the manual pages tell of all commands and options, and that systemd understands the unit.
-# Nothing outside of build/package is changed.
+# the programs run, that the manual pages and the completion files have all commands and options, and that systemd
+# understands the unit. Nothing outside of build/package is changed.
 set -euo pipefail
 cd "$(dirname "$0")/../build/package"
 
@@ -24,7 +24,7 @@ check_told() {
     local page=$1 text words word
     text=$(MANWIDTH=1000 man --local-file --encoding=UTF-8 "$root/usr/share/man/$page.gz" | col -b)
     mapfile -t words < <(
-        sed -nE -e 's/^usage: (kvlab [a-z ]*[a-z]) .*/\1/p' -e 's/^  (kvreg [a-z]+ [A-Z]+).*/\1/p' <<<"$2"
+        sed -nE 's/^Usage: (kv[a-z ]*[a-z]) .*/\1/p' <<<"$2"
         grep -oP '(?<![\w/])(--|/)[a-z][a-z-]*' <<<"$2"
     )
     [ "${#words[@]}" -gt 0 ] || fail "there is nothing to look for in $page"
@@ -38,10 +38,36 @@ check_pages() {
             fail "$page cannot be set without warnings"
     done
     check_told man8/MonitoringAgent.8 "$(MonitoringAgent /nonsense 2>&1 | sed 's/, not .*//')"
-    check_told man1/kvreg.1 "$(kvreg --help)"
-    for topic in serve records agents request conf fault; do
-        check_told man1/kvlab.1 "$(kvlab "$topic" --help)"
+    for topic in get set delete list watch export import; do check_told man1/kvreg.1 "$(kvreg "$topic" --help)"; done
+    for topic in serve records agents request\ {add,list,answers} conf\ push fault\ {set,clear,list}; do
+        # shellcheck disable=SC2086 # two words
+        check_told man1/kvlab.1 "$(kvlab $topic --help)"
     done
+}
+
+# completes WANTED WORD...: bash completes the last word to those wanted.
+completes() {
+    local wanted=$1 program=$2
+    shift
+    COMP_WORDS=("$@")
+    COMP_CWORD=$(($# - 1))
+    "_$program" 2>/dev/null # compopt works in completions only
+    [ "${COMPREPLY[*]}" = "$wanted" ] || fail "bash completes '$*' to '${COMPREPLY[*]}', not '$wanted'"
+}
+
+check_completions() {
+    local file
+    for file in "$root"/usr/share/bash-completion/completions/*; do
+        # shellcheck disable=SC1090 # checked as a program
+        . "$file"
+    done
+    completes 'delete' kvreg d
+    completes '--dword' kvreg set key name --d
+    completes '' kvreg get --d
+    completes 'records request' kvlab re
+    completes 'add answers' kvlab request a
+    completes '--database --delay --drop' kvlab fault set --d
+    completes '' kvlab serve --port 8
 }
 
 # The documents that manual pages and documents name are there.
@@ -80,12 +106,14 @@ lintian --allow-root --fail-on error,warning --pedantic ./*.changes
 
 check_files kvagent <<'FILES'
 -rw-r--r-- root/root ./lib/systemd/system/corvinel-monitoring-agent.service
+-rw-r--r-- root/root ./usr/share/bash-completion/completions/kvreg
 -rw-r--r-- root/root ./usr/share/man/man1/kvreg.1.gz
 -rw-r--r-- root/root ./usr/share/man/man8/MonitoringAgent.8.gz
 -rwxr-xr-x root/root ./usr/bin/kvreg
 -rwxr-xr-x root/root ./usr/sbin/MonitoringAgent
 FILES
 check_files kvagent-lab <<'FILES'
+-rw-r--r-- root/root ./usr/share/bash-completion/completions/kvlab
 -rw-r--r-- root/root ./usr/share/man/man1/kvlab.1.gz
 -rwxr-xr-x root/root ./usr/bin/kvlab
 FILES
@@ -93,6 +121,7 @@ FILES
 for package in kvagent kvagent-lab; do dpkg-deb --extract "$package"_[0-9]*.deb "$root"; done
 check_programs
 check_pages
+check_completions
 check_named_documents
 check_unit
 rm -rf "$root"

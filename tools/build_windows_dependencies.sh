@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Builds the libraries that the Windows programs link, from Debian's source packages, with MinGW-w64: json-c and fmt; the
-# headers of utf8cpp, and for the tests those of cpp-httplib, come along. Does nothing when they are there.
+# headers of utf8cpp and CLI11, and for the tests those of cpp-httplib, come along. Does nothing when they are there.
 # Usage: tools/build_windows_dependencies.sh PREFIX
 set -euo pipefail
 
@@ -8,7 +8,7 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 mkdir -p "$1"
 prefix=$(cd "$1" && pwd)
 stamp=$prefix/built
-# Built anew where this recipe or the compiler has changed.
+# Built again when this recipe or the compiler has changed.
 recipe=$(cat "$0" "$root/cmake/toolchains/mingw.cmake" <(x86_64-w64-mingw32-g++-posix --version) | sha256sum)
 [ "$(cat "$stamp" 2>/dev/null)" = "$recipe" ] && exit 0
 
@@ -52,7 +52,9 @@ log=$prefix/build.log
     build fmtlib -DFMT_DOC=OFF -DFMT_TEST=OFF
     fetch cpp-httplib
     cp "$work/cpp-httplib/httplib.h" "$prefix/include/"
-    cp -rL /usr/include/utf8.h /usr/include/utf8 "$prefix/include/"
+    cp -rL /usr/include/utf8.h /usr/include/utf8 /usr/include/CLI "$prefix/include/"
+    mkdir -p "$prefix/share/cmake"
+    cp -rL /usr/share/cmake/CLI11 "$prefix/share/cmake/"
     mkdir -p "$prefix/licences"
     cp "$work/json-c/COPYING" "$prefix/licences/json-c.txt"
     cp "$work/fmtlib/LICENSE.rst" "$prefix/licences/fmt.txt"

@@ -1,9 +1,7 @@
-// kvreg, the command-line tool of the agent's registry.
+#include "tools/kvreg_commands.h"
+
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
-#include <cstdlib>
-#include <exception>
 #include <filesystem>
 #include <fmt/format.h>
 #include <fstream>
@@ -15,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "commandline/run.h"
 #include "platform/backend.h"
 #include "platform/clock.h"
 #include "platform/console_tool.h"
@@ -34,51 +33,20 @@ using platform::RegistryType;
 namespace error = platform::error;
 namespace fs = std::filesystem;
 
-enum ExitCode { exitSuccess = 0, exitFailure = 1, exitUsage = 2, exitMissing = 3 };
+using commandline::Given;
+using commandline::Has;
+using commandline::NotFoundError;
+using commandline::UsageError;
+using commandline::Value;
 
-/// With a place for the sentence that tells where the registry is.
-constexpr std::string_view help =
-    R"(kvreg reads and changes the agent's registry.
-
-  kvreg get KEY [NAME]              prints the data of a value
-  kvreg set KEY NAME DATA           stores a text; makes the key where it is missing
-  kvreg set KEY NAME DATA --dword   stores a number, decimal or 0x and hexadecimal
-  kvreg delete KEY [NAME]           deletes a value; without NAME the key with all below it
-  kvreg list KEY                    shows the values of a key, and its subkeys
-  kvreg watch KEY                   prints a line for each change of a value in the key or below it, until interrupted
-  kvreg export FILE [KEY]           writes the registry, or a key with all below it, to a .reg file
-  kvreg import FILE                 carries out a .reg file; a malformed one changes nothing
-
-KEY is a path under HKEY_LOCAL_MACHINE, such as 'Software\Halvorine\Kestrova\KVAgent\ServerInfo'; a leading
-HKEY_LOCAL_MACHINE\ or HKLM\ is accepted. NAME '' is the default value of the key, and so is no NAME for get.
-After -- a word that looks like an option is an argument: kvreg set KEY NAME -- --dword stores the text --dword. A --
-at the very end is an argument itself.
-{}
-
-Exit code: 0 success, 1 failure, 2 wrong command line, 3 the thing asked for does not exist.
-)";
-
-constexpr std::uint32_t watchMilliseconds = 1000;  // until the next look whether anyone reads
+constexpr std::uint32_t watchMilliseconds = 1000;  // between two looks whether anyone reads
 constexpr std::uint32_t watchMissingMilliseconds = 200;
-constexpr std::size_t maximumRegFileBytes = 64U << 20;  // far above any registry of the agent's
+constexpr std::size_t maximumRegFileBytes = 64U << 20;  // far more than any registry of the agent takes
 
-/// Ends the program with one line on standard error.
-struct Quit {
-    ExitCode code;
-    std::string message;
-};
-
-/// Text that could not be printed is a failure too.
-void FlushOutput() {
-    if (std::fflush(stdout) != 0) throw Quit{exitFailure, "cannot write to standard output"};
-}
-
-/// What prints seldom would not notice otherwise that a pipe's reader has gone.
+/// A command that prints seldom would not notice otherwise that the pipe's reader has gone.
 void RequireReader() {
-    if (!platform::OutputHasReader()) throw Quit{exitFailure, "nobody reads standard output any more"};
+    if (!platform::OutputHasReader()) throw std::runtime_error("nobody reads standard output any more");
 }
-
-[[noreturn]] void WrongUsage(const std::string& message) { throw Quit{exitUsage, message + " (see kvreg --help)"}; }
 
 std::string WholePath(std::u16string_view path) {
     return path.empty() ? "HKEY_LOCAL_MACHINE" : "HKEY_LOCAL_MACHINE\\" + platform::Utf8FromWide(path);
@@ -91,15 +59,15 @@ std::string SystemText(Error failure) {
 
 bool IsGone(Error failure) { return failure == error::fileNotFound || failure == error::keyDeleted; }
 
-/// Quits unless the result is success; missing says what is not there when that is the reason.
+/// Throws unless the result is success; missing says what does not exist when that is the reason.
 void Require(Error result, const std::string& what, const std::string& missing) {
     if (result == error::success) return;
-    if (IsGone(result)) throw Quit{exitMissing, "there is no " + missing};
-    throw Quit{exitFailure, fmt::format("{}: {}", what, SystemText(result))};
+    if (IsGone(result)) throw NotFoundError("there is no " + missing);
+    throw std::runtime_error(fmt::format("{}: {}", what, SystemText(result)));
 }
 
 std::u16string WideArgument(const std::string& argument) {
-    if (!platform::IsValidUtf8(argument)) WrongUsage("an argument is not UTF-8");
+    if (!platform::IsValidUtf8(argument)) throw UsageError("an argument is not UTF-8");
     return platform::WideFromUtf8(argument);
 }
 
@@ -117,17 +85,17 @@ std::u16string KeyArgument(const std::string& argument) {
     std::u16string_view path;
     if (!SplitRootName(wide, path)) {
         if (NamesAnotherRoot(argument))
-            WrongUsage(fmt::format("only HKEY_LOCAL_MACHINE exists here, not '{}'", argument));
+            throw UsageError(fmt::format("only HKEY_LOCAL_MACHINE exists here, not '{}'", argument));
         path = wide;
     }
     if (path.ends_with(u'\\')) path.remove_suffix(1);
-    if (!platform::IsRegistryKeyPath(path)) WrongUsage(fmt::format("'{}' is not the path of a key", argument));
+    if (!platform::IsRegistryKeyPath(path)) throw UsageError(fmt::format("'{}' is not the path of a key", argument));
     return std::u16string(path);
 }
 
 std::u16string NameArgument(const std::string& argument) {
     std::u16string name = WideArgument(argument);
-    if (!platform::IsRegistryValueName(name)) WrongUsage(fmt::format("'{}' cannot name a value", argument));
+    if (!platform::IsRegistryValueName(name)) throw UsageError(fmt::format("'{}' cannot name a value", argument));
     return name;
 }
 
@@ -137,46 +105,43 @@ std::vector<std::byte> DwordArgument(const std::string& argument) {
     const char* allowed = hexadecimal ? "0123456789abcdefABCDEF" : "0123456789";
     const bool fits = !digits.empty() && digits.size() <= 16 && digits.find_first_not_of(allowed) == std::string::npos;
     const unsigned long long number = fits ? std::stoull(digits, nullptr, hexadecimal ? 16 : 10) : ~0ULL;
-    if (number > UINT32_MAX) WrongUsage(fmt::format("'{}' is not a number from 0 to 4294967295", argument));
+    if (number > UINT32_MAX) throw UsageError(fmt::format("'{}' is not a number from 0 to 4294967295", argument));
     std::vector<std::byte> data;
     for (int shift = 0; shift < 32; shift += 8) data.push_back(static_cast<std::byte>(number >> shift));
     return data;
 }
 
-struct CommandLine {
-    std::vector<std::string> arguments;  // without the command
-    bool dword = false;
-};
-
 std::string ValueTitle(std::u16string_view path, std::u16string_view name) {
     return fmt::format("value {} in {}", NameInLine(name), WholePath(path));
 }
 
-void Get(const CommandLine& line) {
-    const std::u16string path = KeyArgument(line.arguments[0]);
-    const std::u16string name = line.arguments.size() > 1 ? NameArgument(line.arguments[1]) : u"";
+void Get(const Given& given) {
+    const std::u16string path = KeyArgument(Value(given, "KEY"));
+    const std::u16string name = NameArgument(Value(given, "NAME"));
     RegFileValue value;
     Require(ReadValue(path, name, value), "cannot read the " + ValueTitle(path, name), ValueTitle(path, name));
     fmt::print("{}\n", PlainData(value));
 }
 
-void Set(const CommandLine& line) {
-    const std::u16string path = KeyArgument(line.arguments[0]);
+void Set(const Given& given) {
+    const std::u16string path = KeyArgument(Value(given, "KEY"));
     RegFileValue value;
-    value.name = NameArgument(line.arguments[1]);
-    value.type = line.dword ? RegistryType::dword : RegistryType::text;
-    value.data = line.dword ? DwordArgument(line.arguments[2]) : DataOfText(WideArgument(line.arguments[2]));
+    const std::string data = Value(given, "DATA");
+    const bool isNumber = Has(given, "--dword");
+    value.name = NameArgument(Value(given, "NAME"));
+    value.type = isNumber ? RegistryType::dword : RegistryType::text;
+    value.data = isNumber ? DwordArgument(data) : DataOfText(WideArgument(data));
     Require(WriteValue(path, value), "cannot write the " + ValueTitle(path, value.name), "key " + WholePath(path));
 }
 
-void Delete(const CommandLine& line) {
-    const std::u16string path = KeyArgument(line.arguments[0]);
-    if (line.arguments.size() > 1) {
-        const std::u16string name = NameArgument(line.arguments[1]);
+void Delete(const Given& given) {
+    const std::u16string path = KeyArgument(Value(given, "KEY"));
+    if (Has(given, "NAME")) {
+        const std::u16string name = NameArgument(Value(given, "NAME"));
         Require(DeleteValue(path, name), "cannot delete the " + ValueTitle(path, name), ValueTitle(path, name));
         return;
     }
-    if (path.empty()) WrongUsage("the root itself cannot be deleted");
+    if (path.empty()) throw UsageError("the root itself cannot be deleted");
     const std::string title = "key " + WholePath(path);
     Require(platform::Registry().RegDeleteTreeW(platform::RootKey::localMachine, path), "cannot delete the " + title,
             title);
@@ -186,8 +151,8 @@ std::string ValueLine(const RegFileValue& value) {
     return fmt::format("    {}    {}    {}", NameInLine(value.name), TypeName(value.type), DataInLine(value));
 }
 
-void List(const CommandLine& line) {
-    const std::u16string path = KeyArgument(line.arguments[0]);
+void List(const Given& given) {
+    const std::u16string path = KeyArgument(Value(given, "KEY"));
     const std::string title = WholePath(path);
     KeyContents contents;
     Require(ReadKey(path, contents), "cannot read the key " + title, "key " + title);
@@ -223,12 +188,12 @@ void PrintChanges(const Snapshot& before, const Snapshot& after) {
         if (after.contains(place)) continue;
         fmt::print("deleted  {}    {}\n", WholePath(place.first), NameInLine(value.name));
     }
-    FlushOutput();
+    commandline::FlushOutput();
 }
 
 /// Until interrupted, or until nobody reads. A key that is deleted is waited for until it is there again.
-void Watch(const CommandLine& line) {
-    const std::u16string path = KeyArgument(line.arguments[0]);
+void Watch(const Given& given) {
+    const std::u16string path = KeyArgument(Value(given, "KEY"));
     platform::RegistryKey key = 0;
     const auto open = [&] {
         return platform::Registry().RegOpenKeyExW(platform::RootKey::localMachine, path, platform::RegistryAccess::read,
@@ -254,22 +219,22 @@ void Watch(const CommandLine& line) {
     }
 }
 
-void Export(const CommandLine& line) {
-    const std::u16string path = line.arguments.size() > 1 ? KeyArgument(line.arguments[1]) : u"";
+void Export(const Given& given) {
+    const std::u16string path = KeyArgument(Value(given, "KEY"));
     RegFile tree;
     std::u16string failedAt;
     const Error result = ReadTree(path, tree, failedAt);
     Require(result, "cannot read the key " + WholePath(failedAt), "key " + WholePath(path));
-    const std::string& file = line.arguments[0];
+    const std::string file = Value(given, "FILE");
     const std::string failure = platform::WriteFileWhole(file, PrintRegFile(tree));
-    if (!failure.empty()) throw Quit{exitFailure, fmt::format("cannot write {}: {}", file, failure)};
+    if (!failure.empty()) throw std::runtime_error(fmt::format("cannot write {}: {}", file, failure));
 }
 
 std::string ReadFileWhole(const std::string& name) {
     const fs::path path(std::u8string(name.begin(), name.end()));
     std::error_code ignored;  // what cannot be asked cannot be opened either
     const fs::file_status status = fs::status(path, ignored);
-    if (status.type() == fs::file_type::not_found) throw Quit{exitMissing, fmt::format("there is no file {}", name)};
+    if (status.type() == fs::file_type::not_found) throw NotFoundError(fmt::format("there is no file {}", name));
     std::error_code failure;
     if (fs::is_directory(status)) failure = std::make_error_code(std::errc::is_a_directory);
     std::string bytes;
@@ -282,84 +247,77 @@ std::string ReadFileWhole(const std::string& name) {
         }
         if (file.bad()) failure = std::make_error_code(std::errc::io_error);
     }
-    if (failure) throw Quit{exitFailure, fmt::format("cannot read {}: {}", name, failure.message())};
-    if (bytes.size() > maximumRegFileBytes) throw Quit{exitFailure, fmt::format("{} is larger than 64 MB", name)};
+    if (failure) throw std::runtime_error(fmt::format("cannot read {}: {}", name, failure.message()));
+    if (bytes.size() > maximumRegFileBytes) throw std::runtime_error(fmt::format("{} is larger than 64 MB", name));
     return bytes;
 }
 
-void Import(const CommandLine& line) {
-    const std::string& path = line.arguments[0];
+void Import(const Given& given) {
+    const std::string path = Value(given, "FILE");
     RegFile file;
     RegFileError parseError;
     if (!ParseRegFile(ReadFileWhole(path), file, parseError)) {
-        throw Quit{exitFailure,
-                   fmt::format("{}:{}: {}; nothing was imported", path, parseError.line, parseError.message)};
+        throw std::runtime_error(
+            fmt::format("{}:{}: {}; nothing was imported", path, parseError.line, parseError.message));
     }
     std::u16string failedAt;
     const Error result = ApplyRegFile(file, failedAt);
     Require(result, "the import stopped at the key " + WholePath(failedAt), "key " + WholePath(failedAt));
 }
 
-struct Command {
-    const char* name;
-    std::size_t minimum;  // arguments after it
-    std::size_t maximum;
-    void (*run)(const CommandLine& line);
-};
+using commandline::Command;
+using commandline::Option;
+using commandline::Word;
+
+constexpr Word key{"KEY", "path of the key"};
+constexpr Word optionalName{"NAME", "name of the value", true};
+
+constexpr Word getWords[] = {key,
+                             {"NAME", "name of the value; '', the default, is the default value of the key", true}};
+constexpr Word setWords[] = {
+    key, {"NAME", "name of the value; '' is the default value of the key"}, {"DATA", "what to store"}};
+constexpr Option setOptions[] = {
+    {"--dword", "", "DATA is a number from 0 to 4294967295, decimal or 0x and hexadecimal"}};
+constexpr Word deleteWords[] = {key, optionalName};
+constexpr Word keyWords[] = {key};
+constexpr Word exportWords[] = {{"FILE", "file to write"}, {"KEY", "path of the key; the root is the default", true}};
+constexpr Word importWords[] = {{"FILE", "file to read, at most 64 MB"}};
 
 constexpr Command commands[] = {
-    {"get", 1, 2, Get},     {"set", 3, 3, Set},       {"delete", 1, 2, Delete}, {"list", 1, 1, List},
-    {"watch", 1, 1, Watch}, {"export", 1, 2, Export}, {"import", 1, 1, Import},
+    {"get", "Prints the data of a value.", getWords, {}, Get},
+    {"set", "Stores a text, or a number with --dword. Makes the key when it is missing.", setWords, setOptions, Set},
+    {"delete", "Deletes a value; without NAME the key with all below it.", deleteWords, {}, Delete},
+    {"list", "Shows the values of a key, and its subkeys.", keyWords, {}, List},
+    {"watch",
+     "Prints a line for each change of a value in the key or below it, until interrupted. A key that is deleted "
+     "meanwhile is waited for.",
+     keyWords,
+     {},
+     Watch},
+    {"export",
+     "Writes the registry, or a key with all below it, to a .reg file. A new file is readable to its owner only: the "
+     "password of a proxy may be in it.",
+     exportWords,
+     {},
+     Export},
+    {"import", "Carries out a .reg file. A malformed one changes nothing.", importWords, {}, Import},
 };
 
-bool AsksForHelp(std::string_view argument) { return argument == "--help" || argument == "-h"; }
+constexpr std::span<const Command> topics[] = {commands};
 
-void Run(std::span<const std::string> words) {
-    if (words.empty()) WrongUsage("a command is missing");
-    if (AsksForHelp(words[0]) || (words.size() == 2 && AsksForHelp(words[1]))) {
-        fmt::print(help, platform::RegistryPlace());
-        return;
-    }
-    CommandLine line;
-    bool optionsEnded = false;
-    for (const std::string& word : words.subspan(1)) {
-        const bool last = &word == &words.back();  // -- is stored too, as the placeholder of an empty text
-        if (!optionsEnded && word == "--" && !last) {
-            optionsEnded = true;
-        } else if (!optionsEnded && word == "--dword") {
-            line.dword = true;
-        } else {
-            line.arguments.push_back(word);
-        }
-    }
-    for (const Command& command : commands) {
-        if (words[0] != command.name) continue;
-        if (line.arguments.size() < command.minimum) WrongUsage(words[0] + ": an argument is missing");
-        if (line.arguments.size() > command.maximum) WrongUsage(words[0] + ": too many arguments");
-        if (line.dword && command.run != Set) WrongUsage("--dword goes with set only");
-        return command.run(line);
-    }
-    WrongUsage(fmt::format("unknown command '{}'", words[0]));
+std::string Notes() {
+    return fmt::format(
+        "KEY is a path under HKEY_LOCAL_MACHINE, such as 'Software\\Halvorine\\Kestrova\\KVAgent\\ServerInfo'; a "
+        "leading HKEY_LOCAL_MACHINE\\ or HKLM\\ is accepted.\n\n"
+        "After -- a word that looks like an option is an argument: kvreg set KEY NAME -- --dword stores the text "
+        "--dword. A -- at the very end is an argument itself.\n\n{}\n\n",
+        platform::RegistryPlace());
 }
+
+constexpr commandline::Program program{"kvreg", "reads and changes the agent's registry", topics, {}, Notes};
 
 }  // namespace
 
-}  // namespace kv
+const commandline::Program& RegistryTool() { return program; }
 
-int main(int argc, char** argv) {
-    try {
-        platform::InstallBackend();
-        platform::InstallRegistry();
-        const std::vector<std::string> words = platform::CommandLineWords(argc, argv);
-        kv::Run(std::span(words).subspan(words.empty() ? 0 : 1));
-        kv::FlushOutput();
-        return kv::exitSuccess;
-    } catch (const kv::Quit& quit) {
-        static_cast<void>(std::fflush(stdout));
-        fmt::print(stderr, "kvreg: {}\n", kv::InLine(quit.message));
-        return quit.code;
-    } catch (const std::exception& failure) {
-        fmt::print(stderr, "kvreg: {}\n", failure.what());
-        return kv::exitFailure;
-    }
-}
+}  // namespace kv

@@ -5,11 +5,14 @@
 #include <span>
 #include <vector>
 
+#include "commandline/run.h"
 #include "platform/utf.h"
 
 namespace kv {
 
 namespace {
+
+using commandline::InLine;
 
 using platform::RegistryType;
 
@@ -67,25 +70,6 @@ std::string TypeName(RegistryType type) {
                                             "REG_QWORD"};
     const auto number = static_cast<std::uint32_t>(type);
     return number < std::size(names) ? names[number] : fmt::format("REG_TYPE_{}", number);
-}
-
-std::string InLine(std::string_view text) {
-    std::string line;
-    for (const char character : text) {
-        const auto byte = static_cast<unsigned char>(character);
-        if (character == '\n') {
-            line += "\\n";
-        } else if (character == '\r') {
-            line += "\\r";
-        } else if (character == '\t') {
-            line += "\\t";
-        } else if (byte < 0x20 || byte == 0x7F) {
-            line += fmt::format("\\x{:02x}", byte);
-        } else {
-            line += character;
-        }
-    }
-    return line;
 }
 
 std::string PlainData(const RegFileValue& value) {

@@ -11,9 +11,6 @@ namespace kv {
 /// REG_SZ and so on; REG_TYPE_n for a type without a name.
 std::string TypeName(platform::RegistryType type);
 
-/// UTF-8 text with its control characters escaped.
-std::string InLine(std::string_view text);
-
 /// The data for a program to take up: a text as it is, a number in decimal, a list of texts one a line, else
 /// hexadecimal.
 std::string PlainData(const RegFileValue& value);

@@ -27,6 +27,11 @@ TEST_F(Kvreg, CommandsInTheirOrder) {
         {{"set", key, "", "--", "--"}, 0, "", ""},  // the first ends the options
         {{"set", "Software\\KvregTest\\Sub", "x", "y"}, 0, "", ""},
         {{"get", key}, 0, "--\n", ""},
+        {{"set", key, "++", "--"}, 0, "", ""},
+        {{"get", key, "++"}, 0, "--\n", ""},
+        {{"delete", key, "++", "--"}, 2, "", "unexpected '--'"},
+        {{"set", key, "v", "-x"}, 2, "", "unknown option '-x'"},
+        {{"delete", key, "++"}, 0, "", ""},
         {{"list", key}, 0, listed, ""},
         {{"delete", key, "v"}, 0, "", ""},
         {{"delete", key, "v"}, 3, "", "there is no value v"},
@@ -48,7 +53,7 @@ TEST_F(Kvreg, CommandsInTheirOrder) {
         EXPECT_THAT(outcome.errors, HasSubstr(errors));
         EXPECT_EQ(std::count(outcome.errors.begin(), outcome.errors.end(), '\n'), exitCode == 0 ? 0 : 1);
     }
-    EXPECT_THAT(Run({"set", "--help"}).output, HasSubstr("kvreg set KEY NAME DATA --dword"));
+    EXPECT_THAT(Run({"set", "--help"}).output, HasSubstr("kvreg set [OPTIONS] KEY NAME DATA"));
 }
 
 TEST_F(Kvreg, WhatTheAgentAndTheToolStoreIsCarriedOver) {

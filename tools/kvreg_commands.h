@@ -1,0 +1,11 @@
+// The commands of kvreg, the command-line tool of the agent's registry.
+#pragma once
+
+#include "commandline/program.h"
+
+namespace kv {
+
+/// The backend and the registry have to be installed before its commands run.
+const commandline::Program& RegistryTool();
+
+}  // namespace kv
