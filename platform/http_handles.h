@@ -1,5 +1,5 @@
-// The handles that both backends of the HTTP transport give out: numbers in place of addresses, so that a handle that
-// was closed, or never was one, is an error and no accident. Private to platform/; callable from any thread.
+// The handles that every backend of the HTTP transport gives out: numbers in place of addresses, so that one that was
+// closed, or never was a handle, is an error and not an accident. Private to platform/; callable from any thread.
 #pragma once
 
 #include <map>

@@ -43,6 +43,12 @@ bool IsHostName(std::u16string_view server) {
     });
 }
 
+bool IsHeaderLine(std::u16string_view header) {
+    constexpr std::u16string_view refused(u"\r\n\0", 3);
+    const std::size_t colon = header.find(u':');
+    return colon != 0 && colon != header.npos && header.find_first_of(refused) == header.npos;
+}
+
 bool NamesProxy(std::u16string_view list) { return list.find_first_not_of(u"; \t\r\n") != list.npos; }
 
 bool IsFollowedRedirect(std::uint32_t status, bool post) {

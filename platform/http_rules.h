@@ -18,6 +18,9 @@ std::string EncodeUrlText(std::u16string_view text);
 /// there.
 bool IsHostName(std::u16string_view server);
 
+/// Whether a text can be one header line: a name, a colon and more, without a line end or a zero character.
+bool IsHeaderLine(std::u16string_view header);
+
 /// Whether a list of proxies names any, besides separators.
 bool NamesProxy(std::u16string_view list);
 

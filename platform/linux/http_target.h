@@ -10,19 +10,19 @@
 
 namespace platform {
 
-/// The parts of a URL that decide its road.
+/// The parts of a URL that decide its way.
 struct HttpTarget {
-    std::string url;   // absolute, all of it printable ASCII
+    std::string url;   // absolute; a name is as it was given, all else printable ASCII
     std::string host;  // lower case, an IPv6 literal without its brackets
     std::uint16_t port = 0;
     bool secure = false;
 };
 
-/// The target of a path and query on a server; none when no URL can be made of it. Port 0 is the scheme's own.
+/// The target of a path and query on a server; null when no URL can be made of it. Port 0 is the scheme's own.
 std::optional<HttpTarget> MakeHttpTarget(bool secure, std::u16string_view server, std::uint16_t port,
                                          std::u16string_view path);
 
-/// The target that a Location header leads to, from the present one; none for what is neither http nor https. A user
+/// The target that a Location header leads to, from the present one; null for what is neither http nor https. A user
 /// and password in it are dropped.
 std::optional<HttpTarget> RedirectedTarget(const HttpTarget& from, std::string_view location);
 

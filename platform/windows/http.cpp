@@ -1,6 +1,6 @@
-// The WinHTTP operations on WinHTTP itself. Each is passed on as it comes; what is done besides keeps the promises of
-// platform/http.h that the system leaves open: redirects are followed here, where a POST stays one; a body that breaks
-// off is told from one that is whole; a handle's record knows of what kind it is.
+// The HTTP operations on WinHTTP itself. Each is passed on as it comes. What is done besides keeps the promises of
+// platform/http.h that the system leaves open: a redirect is followed by a request of its own, so that a POST stays a
+// POST, and a body that breaks off is told from one that is whole.
 #include "platform/http.h"
 
 #include <array>
@@ -9,12 +9,10 @@
 #include <optional>
 #include <string>
 #include <utility>
-#include <variant>
 #include <vector>
 
 #include "platform/backend.h"
-#include "platform/http_handles.h"
-#include "platform/http_rules.h"
+#include "platform/http_frame.h"
 #include "platform/windows/http_body.h"
 #include "platform/windows/http_calls.h"
 #include "platform/windows/http_target.h"
@@ -27,46 +25,65 @@ namespace platform {
 
 namespace {
 
-struct Session {
-    InternetHandle handle;
+/// The backend; platform/http_frame.h says what each routine is for.
+struct WinHttp {
+    // What is opened from a record keeps it, so that the system's handles close from the request up in any case.
+
+    struct Session {
+        InternetHandle handle;
+    };
+
+    struct Connection {
+        std::shared_ptr<Session> session;
+        std::wstring host;
+        std::uint16_t port = 0;
+        InternetHandle handle;
+    };
+
+    struct Request : HttpSending {
+        std::shared_ptr<Connection> connection;
+        HttpTarget target;
+
+        // What the system was told, to be told again where a redirect leads on.
+        std::wstring acceptType;  // empty for none
+        DWORD flags = 0;
+        std::vector<std::wstring> headers;
+        std::map<HttpOption, std::uint32_t> numbers;
+        std::map<HttpOption, std::wstring> texts;
+
+        InternetHandle redirectedConnection;  // null at the request's own target
+        InternetHandle handle;
+        std::optional<HttpBody> answer;
+    };
+
+    static Error Open(Session& session, std::u16string_view userAgent, std::u16string_view proxyList,
+                      std::u16string_view bypassList);
+    static Error Connect(Connection& connection, std::u16string_view server, std::uint16_t port);
+    static Error OpenRequest(Request& request, std::u16string_view url, std::u16string_view acceptTypes,
+                             std::uint32_t flags);
+    static Error AddHeader(Request& request, std::u16string_view header);
+    static Error SetNumber(Request& request, HttpOption option, std::uint32_t value);
+    static Error QueryNumber(Request& request, HttpOption option, std::uint32_t& value);
+    static Error SetText(Request& request, HttpOption option, std::u16string_view value);
+    static Error Send(Request& request);
+    static Error Resend(Request& request, const HttpTarget& target);
+    static Error Receive(Request& request);
+    static void EndReceive(Request& request, Error result);
+    static std::optional<HttpTarget> Redirection(Request& request, const HttpTarget& present);
+    static Error RawHeaders(Request& request, std::u16string& text);
+    static Error Status(Request& request, std::uint32_t& status);
+    static Error ContentLength(Request& request, std::uint64_t& length);
+    static Error WaitForBody(Request& request, std::size_t& available) { return request.answer->Wait(available); }
+    static std::size_t Take(Request& request, std::byte* buffer, std::size_t size) {
+        return request.answer->Take(buffer, size);
+    }
+
+    /// What other records were opened from is closed for the system with the last of those.
+    template <class Record>
+    static Error Close(const std::shared_ptr<Record>& record) {
+        return record.use_count() == 1 ? record->handle.Close() : error::success;
+    }
 };
-
-// What is opened from a record keeps it, so that the system's handles close from the request up in any case.
-
-struct Connection {
-    std::shared_ptr<Session> session;
-    std::wstring host;
-    std::uint16_t port = 0;
-    InternetHandle handle;
-};
-
-struct Request {
-    std::shared_ptr<Connection> connection;
-    HttpTarget target;
-
-    // What the system was told, to be told again where a redirect leads on.
-    bool post = false;
-    std::wstring acceptType;  // empty for none
-    DWORD flags = 0;
-    std::vector<std::wstring> headers;
-    std::map<HttpOption, std::uint32_t> numbers;
-    std::map<HttpOption, std::wstring> texts;
-    const std::byte* body = nullptr;  // the caller's
-    std::size_t bodySize = 0;
-
-    enum class Stage { opened, sent, answered } stage = Stage::opened;
-    InternetHandle redirectedConnection;  // none at the request's own target
-    InternetHandle handle;
-    std::optional<HttpBody> answer;
-};
-
-using Handles = HttpHandles<Session, Connection, Request>;
-
-/// Never freed: a detached thread may be in a transaction while the process ends.
-Handles& AllHandles() {
-    static auto* const handles = new Handles;
-    return *handles;
-}
 
 /// Secure connections of today: by default the oldest systems offer none of these. A system that does not know the
 /// newest refuses the set that it is in; one that knows neither keeps its default.
@@ -78,37 +95,33 @@ void OfferPresentProtocols(HINTERNET session) {
     }
 }
 
-Error Open(std::u16string_view userAgent, HttpProxyAccess access, const std::optional<std::u16string>& proxyName,
-           const std::optional<std::u16string>& proxyBypass, HttpHandle& session) {
-    const bool proxied = access == HttpProxyAccess::namedProxy;
-    const std::wstring name = WideOf(proxyName.value_or(u""));
-    const std::wstring bypass = WideOf(proxyBypass.value_or(u""));
-    if (proxied && !NamesProxy(proxyName.value_or(u""))) return error::invalidParameter;
-    InternetHandle handle(::WinHttpOpen(WideOf(userAgent).c_str(), static_cast<DWORD>(access),
-                                        proxied ? name.c_str() : WINHTTP_NO_PROXY_NAME,
-                                        proxied && !bypass.empty() ? bypass.c_str() : WINHTTP_NO_PROXY_BYPASS, 0));
-    if (!handle) return LastHttpError();
-    OfferPresentProtocols(handle.Get());
-    session = AllHandles().Add(std::make_shared<Session>(Session{std::move(handle)}));
+Error WinHttp::Open(Session& session, std::u16string_view userAgent, std::u16string_view proxyList,
+                    std::u16string_view bypassList) {
+    const std::wstring proxy = WideOf(proxyList);
+    const std::wstring bypass = WideOf(bypassList);
+    const HttpProxyAccess access = proxy.empty() ? HttpProxyAccess::noProxy : HttpProxyAccess::namedProxy;
+    session.handle = InternetHandle(::WinHttpOpen(WideOf(userAgent).c_str(), static_cast<DWORD>(access),
+                                                  proxy.empty() ? WINHTTP_NO_PROXY_NAME : proxy.c_str(),
+                                                  bypass.empty() ? WINHTTP_NO_PROXY_BYPASS : bypass.c_str(), 0));
+    if (!session.handle) return LastHttpError();
+    OfferPresentProtocols(session.handle.Get());
     return error::success;
 }
 
-Error Connect(HttpHandle session, std::u16string_view server, std::uint16_t port, HttpHandle& connection) {
-    std::shared_ptr<Session> owner;
-    if (const Error failure = AllHandles().Find(session, owner)) return failure;
+Error WinHttp::Connect(Connection& connection, std::u16string_view server, std::uint16_t port) {
     const auto host = HostFor(server);
     if (!host) return error::winHttpInvalidUrl;
-    InternetHandle handle(::WinHttpConnect(owner->handle.Get(), host->c_str(), port, 0));
-    if (!handle) return LastHttpError();
-    connection =
-        AllHandles().Add(std::make_shared<Connection>(Connection{std::move(owner), *host, port, std::move(handle)}));
-    return error::success;
+    connection.host = *host;
+    connection.port = port;
+    connection.handle = InternetHandle(::WinHttpConnect(connection.session->handle.Get(), host->c_str(), port, 0));
+    return connection.handle ? error::success : LastHttpError();
 }
 
-/// The options of every request: the limits of platform/http.h, and what WinHTTP must not do by itself. Nobody's
-/// credentials but those of the proxy are sent anywhere.
-constexpr DWORD largestHeaders = 256 * 1024;  // bytes; four times the system's own limit
+/// Headers of one answer, at most: four times the system's own limit.
+constexpr DWORD largestHeaders = 256 * 1024;
 
+/// The options of every request: the limits of platform/http.h, and what WinHTTP must not do by itself. No credentials
+/// but the proxy's are sent anywhere.
 Error SetOwnOptions(HINTERNET request) {
     constexpr std::pair<DWORD, DWORD> options[] = {
         {WINHTTP_OPTION_RESOLVE_TIMEOUT, 60000},
@@ -129,7 +142,7 @@ Error SetOwnOptions(HINTERNET request) {
 }
 
 /// Opens the request at a target of the connection, in place of where it was open before.
-Error OpenAt(Request& request, HINTERNET connection, const HttpTarget& target) {
+Error OpenAt(WinHttp::Request& request, HINTERNET connection, const HttpTarget& target) {
     request.answer.reset();
     request.handle.Close();
     std::array<const wchar_t*, 2> acceptTypes = {request.acceptType.c_str(), nullptr};
@@ -139,8 +152,7 @@ Error OpenAt(Request& request, HINTERNET connection, const HttpTarget& target) {
                              WINHTTP_NO_REFERER, request.acceptType.empty() ? nullptr : acceptTypes.data(),
                              (request.flags & ~DWORD{WINHTTP_FLAG_SECURE}) | secure | WINHTTP_FLAG_ESCAPE_DISABLE));
     if (!request.handle) return LastHttpError();
-    request.stage = Request::Stage::opened;
-    // A server that would like to know a certificate of ours learns that there is none, and goes on or does not.
+    // A server that asks for a certificate of ours learns that there is none, and decides whether to go on.
     if (target.secure && !::WinHttpSetOption(request.handle.Get(), WINHTTP_OPTION_CLIENT_CERT_CONTEXT,
                                              WINHTTP_NO_CLIENT_CERT_CONTEXT, 0)) {
         return LastHttpError();
@@ -148,37 +160,23 @@ Error OpenAt(Request& request, HINTERNET connection, const HttpTarget& target) {
     return SetOwnOptions(request.handle.Get());
 }
 
-Error OpenRequest(HttpHandle connection, std::u16string_view verb, std::u16string_view url,
-                  std::u16string_view acceptTypes, std::uint32_t flags, HttpHandle& request) {
-    std::shared_ptr<Connection> owner;
-    if (const Error failure = AllHandles().Find(connection, owner)) return failure;
-    if (verb != u"GET" && verb != u"POST") return error::invalidParameter;
-    auto opened = std::make_shared<Request>();
-    opened->connection = owner;
-    opened->target = {(flags & httpFlagSecure) != 0, owner->host, owner->port, PathFor(url)};
-    opened->post = verb == u"POST";
-    opened->acceptType = WideOf(acceptTypes);
-    opened->flags = flags;
-    if (const Error failure = OpenAt(*opened, owner->handle.Get(), opened->target)) return failure;
-    request = AllHandles().Add(std::move(opened));
-    return error::success;
+Error WinHttp::OpenRequest(Request& request, std::u16string_view url, std::u16string_view acceptTypes,
+                           std::uint32_t flags) {
+    const Connection& connection = *request.connection;
+    request.target = {(flags & httpFlagSecure) != 0, connection.host, connection.port, PathFor(url)};
+    request.acceptType = WideOf(acceptTypes);
+    request.flags = flags;
+    return OpenAt(request, connection.handle.Get(), request.target);
 }
 
-Error AddHeader(HINTERNET request, const std::wstring& header) {
+Error AddHeaderLine(HINTERNET request, const std::wstring& header) {
     return HttpResultOf(
         ::WinHttpAddRequestHeaders(request, header.c_str(), static_cast<DWORD>(-1), WINHTTP_ADDREQ_FLAG_ADD));
 }
 
-Error AddRequestHeaders(HttpHandle request, std::u16string_view header) {
-    std::shared_ptr<Request> owner;
-    if (const Error failure = AllHandles().Find(request, owner)) return failure;
-    const std::size_t colon = header.find(u':');
-    if (colon == 0 || colon == std::u16string_view::npos ||
-        header.find_first_of(std::u16string_view(u"\r\n\0", 3)) != std::u16string_view::npos) {
-        return error::invalidParameter;
-    }
-    if (const Error failure = AddHeader(owner->handle.Get(), WideOf(header))) return failure;
-    owner->headers.push_back(WideOf(header));
+Error WinHttp::AddHeader(Request& request, std::u16string_view header) {
+    if (const Error failure = AddHeaderLine(request.handle.Get(), WideOf(header))) return failure;
+    request.headers.push_back(WideOf(header));
     return error::success;
 }
 
@@ -190,40 +188,30 @@ Error ApplyNumber(HINTERNET request, HttpOption option, std::uint32_t value) {
     return SetNumber(request, static_cast<DWORD>(option), value);
 }
 
-bool IsText(HttpOption option) { return option == HttpOption::proxyUserName || option == HttpOption::proxyPassword; }
-
-Error SetOptionNumber(HttpHandle request, HttpOption option, std::uint32_t value) {
-    std::shared_ptr<Request> owner;
-    if (const Error failure = AllHandles().Find(request, owner)) return failure;
-    if (IsText(option)) return error::winHttpInvalidOption;
-    if (const Error failure = ApplyNumber(owner->handle.Get(), option, value)) return failure;
-    owner->numbers[option] = value;
+Error WinHttp::SetNumber(Request& request, HttpOption option, std::uint32_t value) {
+    if (const Error failure = ApplyNumber(request.handle.Get(), option, value)) return failure;
+    request.numbers[option] = value;
     return error::success;
 }
 
-Error QueryOption(HttpHandle request, HttpOption option, std::uint32_t& value) {
-    std::shared_ptr<Request> owner;
-    if (const Error failure = AllHandles().Find(request, owner)) return failure;
-    if (IsText(option)) return error::winHttpInvalidOption;
+Error WinHttp::QueryNumber(Request& request, HttpOption option, std::uint32_t& value) {
     DWORD found = 0;
     DWORD size = sizeof found;
     const Error result =
-        HttpResultOf(::WinHttpQueryOption(owner->handle.Get(), static_cast<DWORD>(option), &found, &size));
+        HttpResultOf(::WinHttpQueryOption(request.handle.Get(), static_cast<DWORD>(option), &found, &size));
     value = found;
     return result;
 }
 
-Error SetOptionText(HttpHandle request, HttpOption option, std::u16string_view value) {
-    std::shared_ptr<Request> owner;
-    if (const Error failure = AllHandles().Find(request, owner)) return failure;
-    if (!IsText(option)) return error::winHttpInvalidOption;
-    if (const Error failure = SetText(owner->handle.Get(), static_cast<DWORD>(option), WideOf(value))) return failure;
-    owner->texts[option] = WideOf(value);
+Error WinHttp::SetText(Request& request, HttpOption option, std::u16string_view value) {
+    if (const Error failure = platform::SetText(request.handle.Get(), static_cast<DWORD>(option), WideOf(value)))
+        return failure;
+    request.texts[option] = WideOf(value);
     return error::success;
 }
 
 /// Has the proxy's credentials offered with the request; those of the options alone wait to be asked for.
-Error OfferProxyCredentials(const Request& request) {
+Error OfferProxyCredentials(const WinHttp::Request& request) {
     const auto user = request.texts.find(HttpOption::proxyUserName);
     if (user == request.texts.end()) return error::success;
     const auto password = request.texts.find(HttpOption::proxyPassword);
@@ -233,24 +221,20 @@ Error OfferProxyCredentials(const Request& request) {
 }
 
 /// Sends the request to where it is open.
-Error Send(Request& request) {
+Error SendFromHere(WinHttp::Request& request) {
     request.answer.reset();
-    request.stage = Request::Stage::opened;
     if (const Error failure = OfferProxyCredentials(request)) return failure;
     const auto size = static_cast<DWORD>(request.bodySize);
     void* body = size == 0 ? WINHTTP_NO_REQUEST_DATA : const_cast<std::byte*>(request.body);
-    if (!::WinHttpSendRequest(request.handle.Get(), WINHTTP_NO_ADDITIONAL_HEADERS, 0, body, size, size, 0)) {
-        return LastHttpError();
-    }
-    request.stage = Request::Stage::sent;
-    return error::success;
+    return HttpResultOf(
+        ::WinHttpSendRequest(request.handle.Get(), WINHTTP_NO_ADDITIONAL_HEADERS, 0, body, size, size, 0));
 }
 
-/// Tells a request that was opened anew what its forerunner was told.
-Error TellAgain(const Request& request) {
+/// Tells a request that was opened again what it was told before.
+Error TellAgain(const WinHttp::Request& request) {
     HINTERNET handle = request.handle.Get();
     for (const std::wstring& header : request.headers) {
-        if (const Error failure = AddHeader(handle, header)) return failure;
+        if (const Error failure = AddHeaderLine(handle, header)) return failure;
     }
     for (const auto& [option, value] : request.numbers) {
         if (const Error failure = ApplyNumber(handle, option, value)) return failure;
@@ -262,21 +246,35 @@ Error TellAgain(const Request& request) {
 }
 
 /// Brings a request that a redirect has led away back to its own target.
-Error ReturnToTarget(Request& request) {
+Error ReturnToTarget(WinHttp::Request& request) {
     if (!request.redirectedConnection) return error::success;
     if (const Error failure = OpenAt(request, request.connection->handle.Get(), request.target)) return failure;
     request.redirectedConnection.Close();
     return TellAgain(request);
 }
 
-Error SendRequest(HttpHandle request, const std::byte* data, std::size_t size) {
-    std::shared_ptr<Request> owner;
-    if (const Error failure = AllHandles().Find(request, owner)) return failure;
-    owner->body = data;
-    owner->bodySize = data == nullptr ? 0 : size;
-    if (owner->bodySize > MAXDWORD) return error::invalidParameter;  // WinHTTP counts in 32 bits
-    if (const Error failure = ReturnToTarget(*owner)) return failure;
-    return Send(*owner);
+Error WinHttp::Send(Request& request) {
+    if (request.bodySize > MAXDWORD) return error::invalidParameter;  // WinHTTP counts in 32 bits
+    if (const Error failure = ReturnToTarget(request)) return failure;
+    return SendFromHere(request);
+}
+
+Error WinHttp::Resend(Request& request, const HttpTarget& target) {
+    InternetHandle connection(
+        ::WinHttpConnect(request.connection->session->handle.Get(), target.host.c_str(), target.port, 0));
+    if (!connection) return LastHttpError();
+    if (const Error failure = OpenAt(request, connection.Get(), target)) return failure;
+    request.redirectedConnection = std::move(connection);
+    if (const Error failure = TellAgain(request)) return failure;
+    return SendFromHere(request);
+}
+
+Error WinHttp::Receive(Request& request) {
+    return HttpResultOf(::WinHttpReceiveResponse(request.handle.Get(), nullptr));
+}
+
+void WinHttp::EndReceive(Request& request, Error result) {
+    if (result == error::success) request.answer.emplace(request.handle.Get());
 }
 
 /// Whether a secure answer has come over the secure connection, and not from a proxy that refused to lead there.
@@ -288,123 +286,35 @@ bool CameSecurely(HINTERNET request) {
     return true;
 }
 
-/// Where the answer redirects to; none where it does not. A proxy that refuses a tunnel may not say where to go
-/// instead.
-std::optional<HttpTarget> NextTarget(const Request& request, const HttpTarget& present) {
-    HINTERNET handle = request.handle.Get();
-    DWORD status = 0;
+/// A proxy that refuses a tunnel may not say where to go instead.
+std::optional<HttpTarget> WinHttp::Redirection(Request& request, const HttpTarget& present) {
     std::wstring location;
-    if (QueryStatus(handle, status) != error::success || !IsFollowedRedirect(status, request.post)) return std::nullopt;
-    if (QueryHeaderText(handle, WINHTTP_QUERY_LOCATION, location) != error::success) return std::nullopt;
-    if (present.secure && !CameSecurely(handle)) return std::nullopt;
+    if (QueryHeaderText(request.handle.Get(), WINHTTP_QUERY_LOCATION, location) != error::success) return std::nullopt;
+    if (present.secure && !CameSecurely(request.handle.Get())) return std::nullopt;
     return RedirectedTarget(present, location);
 }
 
-Error FollowTo(Request& request, const HttpTarget& target) {
-    InternetHandle connection(
-        ::WinHttpConnect(request.connection->session->handle.Get(), target.host.c_str(), target.port, 0));
-    if (!connection) return LastHttpError();
-    if (const Error failure = OpenAt(request, connection.Get(), target)) return failure;
-    request.redirectedConnection = std::move(connection);
-    if (const Error failure = TellAgain(request)) return failure;
-    return Send(request);
-}
-
-Error ReceiveAnswer(Request& request) {
-    HttpTarget target = request.target;
-    for (int redirect = 0;; ++redirect) {
-        if (!::WinHttpReceiveResponse(request.handle.Get(), nullptr)) return LastHttpError();
-        auto next = NextTarget(request, target);
-        if (!next) return error::success;
-        if (redirect == maxRedirects) return error::winHttpRedirectFailed;
-        target = *std::move(next);
-        if (const Error failure = FollowTo(request, target)) return failure;
-    }
-}
-
-Error ReceiveResponse(HttpHandle request) {
-    std::shared_ptr<Request> owner;
-    if (const Error failure = AllHandles().Find(request, owner)) return failure;
-    if (owner->stage != Request::Stage::sent) return error::winHttpIncorrectHandleState;
-    const Error result = ReceiveAnswer(*owner);
-    owner->stage = result == error::success ? Request::Stage::answered : Request::Stage::opened;
-    if (result == error::success) owner->answer.emplace(owner->handle.Get());
-    return result;
-}
-
-/// The answer of a request whose headers have come.
-Error FindAnswer(HttpHandle request, std::shared_ptr<Request>& owner) {
-    if (const Error failure = AllHandles().Find(request, owner)) return failure;
-    return owner->answer ? error::success : error::winHttpIncorrectHandleState;
-}
-
-Error QueryHeadersText(HttpHandle request, HttpHeaderQuery query, std::u16string& text) {
-    std::shared_ptr<Request> owner;
-    if (const Error failure = FindAnswer(request, owner)) return failure;
-    if (query != HttpHeaderQuery::rawHeadersCrlf) return error::invalidParameter;
+Error WinHttp::RawHeaders(Request& request, std::u16string& text) {
     std::wstring headers;
-    const Error result = QueryHeaderText(owner->handle.Get(), WINHTTP_QUERY_RAW_HEADERS_CRLF, headers);
+    const Error result = QueryHeaderText(request.handle.Get(), WINHTTP_QUERY_RAW_HEADERS_CRLF, headers);
     text = TextOf(headers);
     return result;
 }
 
-Error QueryHeadersNumber(HttpHandle request, HttpHeaderQuery query, std::uint32_t& number) {
-    std::shared_ptr<Request> owner;
-    if (const Error failure = FindAnswer(request, owner)) return failure;
-    if (query == HttpHeaderQuery::statusCodeNumber) {
-        DWORD status = 0;
-        const Error result = QueryStatus(owner->handle.Get(), status);
-        number = status;
-        return result;
-    }
-    if (query != HttpHeaderQuery::contentLengthNumber) return error::invalidParameter;
-    std::uint64_t length = 0;
-    if (const Error failure = QueryContentLength(owner->handle.Get(), length)) return failure;
-    number = static_cast<std::uint32_t>(length);
-    return length > UINT32_MAX ? error::winHttpInvalidServerResponse : error::success;
+Error WinHttp::Status(Request& request, std::uint32_t& status) {
+    DWORD found = 0;
+    const Error result = QueryStatus(request.handle.Get(), found);
+    status = found;
+    return result;
 }
 
-Error QueryDataAvailable(HttpHandle request, std::size_t& available) {
-    std::shared_ptr<Request> owner;
-    if (const Error failure = FindAnswer(request, owner)) return failure;
-    return owner->answer->Wait(available);
-}
-
-Error ReadData(HttpHandle request, std::byte* buffer, std::size_t size, std::size_t& read) {
-    read = 0;
-    std::shared_ptr<Request> owner;
-    if (const Error failure = FindAnswer(request, owner)) return failure;
-    return owner->answer->Read(buffer, size, read);
-}
-
-/// What other records were opened from is closed for the system with the last of those.
-Error CloseHandle(HttpHandle handle) {
-    Handles::Node node;
-    if (const Error failure = AllHandles().Take(handle, node)) return failure;
-    return std::visit(
-        [](const auto& record) { return record.use_count() == 1 ? record->handle.Close() : error::success; }, node);
+Error WinHttp::ContentLength(Request& request, std::uint64_t& length) {
+    return QueryContentLength(request.handle.Get(), length);
 }
 
 }  // namespace
 
-HttpOperations WindowsHttp() {
-    return {
-        .WinHttpOpen = Guarded(Open),
-        .WinHttpConnect = Guarded(Connect),
-        .WinHttpOpenRequest = Guarded(OpenRequest),
-        .WinHttpAddRequestHeaders = Guarded(AddRequestHeaders),
-        .WinHttpSetOptionNumber = Guarded(SetOptionNumber),
-        .WinHttpSetOptionText = Guarded(SetOptionText),
-        .WinHttpQueryOption = Guarded(QueryOption),
-        .WinHttpSendRequest = Guarded(SendRequest),
-        .WinHttpReceiveResponse = Guarded(ReceiveResponse),
-        .WinHttpQueryHeadersText = Guarded(QueryHeadersText),
-        .WinHttpQueryHeadersNumber = Guarded(QueryHeadersNumber),
-        .WinHttpQueryDataAvailable = Guarded(QueryDataAvailable),
-        .WinHttpReadData = Guarded(ReadData),
-        .WinHttpCloseHandle = Guarded(CloseHandle),
-    };
-}
+HttpOperations WindowsHttp() { return HttpFrame<WinHttp>::Operations(); }
 
 void InstallHttp() { CurrentOperations<HttpOperations>() = WindowsHttp(); }
 

@@ -50,27 +50,17 @@ Error HttpBody::Wait(std::size_t& available) {
     return end_.value_or(error::success);
 }
 
-/// Takes bytes that are there.
-Error HttpBody::Take(std::byte* buffer, DWORD size, DWORD& taken) {
-    if (!::WinHttpReadData(request_, buffer, size, &taken)) return LastHttpError();
+std::size_t HttpBody::Take(std::byte* buffer, std::size_t size) {
+    const auto most = static_cast<DWORD>(std::min<std::size_t>(size, MAXDWORD));
+    DWORD taken = 0;
+    if (!::WinHttpReadData(request_, buffer, most, &taken)) {
+        end_ = LastHttpError();
+        return 0;
+    }
     received_ += taken;
     pace_.Count(taken, Clock::now());
-    return taken == 0 ? End() : error::success;
-}
-
-Error HttpBody::Read(std::byte* buffer, std::size_t size, std::size_t& read) {
-    read = 0;
-    while (read < size) {
-        std::size_t available = 0;
-        const Error failure = Wait(available);
-        if (failure != error::success && read == 0) return failure;
-        if (available == 0) break;
-        DWORD taken = 0;
-        const Error broken = Take(buffer + read, static_cast<DWORD>(std::min(available, size - read)), taken);
-        if (broken != error::success || taken == 0) end_ = broken;
-        read += taken;
-    }
-    return error::success;
+    if (taken == 0) end_ = End();
+    return taken;
 }
 
 }  // namespace platform

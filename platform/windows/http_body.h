@@ -21,12 +21,11 @@ class HttpBody {
     /// Waits until bytes are there, and says how many; 0 at the end. The first failure stays.
     Error Wait(std::size_t& available);
 
-    /// Fills the buffer unless the body ends before. A failure after some bytes shows at the next call.
-    Error Read(std::byte* buffer, std::size_t size, std::size_t& read);
+    /// Takes size bytes that are there; the number taken. A failure shows at the next wait.
+    std::size_t Take(std::byte* buffer, std::size_t size);
 
   private:
     Error Ask(DWORD& available) const;
-    Error Take(std::byte* buffer, DWORD size, DWORD& taken);
     Error End() const;
 
     HINTERNET request_;

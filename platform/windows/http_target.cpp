@@ -24,7 +24,7 @@ std::wstring Resolve(const HttpTarget& base, const std::wstring& location) {
     return root + path.substr(0, path.rfind(L'/') + 1) + location;
 }
 
-/// The parts of an absolute URL; none for what is neither http nor https, or has a host that can be none.
+/// The parts of an absolute URL; null for what is neither http nor https, or has a host that cannot be one.
 std::optional<HttpTarget> SplitUrl(const std::wstring& url) {
     constexpr auto wanted = static_cast<DWORD>(-1);
     URL_COMPONENTS parts{};
@@ -61,8 +61,7 @@ std::wstring PathFor(std::u16string_view path) {
 }
 
 std::optional<HttpTarget> RedirectedTarget(const HttpTarget& from, const std::wstring& location) {
-    auto target = SplitUrl(Resolve(from, location));
-    return target && (target->secure || !from.secure) ? target : std::nullopt;
+    return SplitUrl(Resolve(from, location));
 }
 
 }  // namespace platform

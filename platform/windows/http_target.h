@@ -14,22 +14,21 @@
 
 namespace platform {
 
-/// The parts of a URL that decide its road.
+/// The parts of a URL that decide its way.
 struct HttpTarget {
     bool secure = false;
     std::wstring host;       // an IPv6 literal in brackets
     INTERNET_PORT port = 0;  // 0 is the scheme's own
-    std::wstring path;       // with the query, all of it printable ASCII
+    std::wstring path;       // with the query, in printable ASCII
 };
 
-/// The host of a URL for a server's name or address; none where it can be neither.
+/// The host of a URL for a server's name or address; null for a text that can be neither.
 std::optional<std::wstring> HostFor(std::u16string_view server);
 
 /// The path and query that a request line carries, from such text as it stands.
 std::wstring PathFor(std::u16string_view path);
 
-/// The target that a Location header leads to, from the present one; none for what is neither http nor https, and for
-/// one that would leave a secure connection.
+/// The target that a Location header leads to, from the present one; null for what is neither http nor https.
 std::optional<HttpTarget> RedirectedTarget(const HttpTarget& from, const std::wstring& location);
 
 }  // namespace platform
