@@ -11,19 +11,11 @@
 
 namespace kv::snmp {
 
-/// A list of values for each OID of a request, or null where there is none.
+/// A list of values for each OID of a request; null for an OID that brought none.
 using ResultVectors = std::unique_ptr<VarBindListPtr[]>;
 
 /// Room for the text of a value's type.
 inline constexpr std::size_t typeTextRoom = 20;
-
-/// Where a walk ends with what it has. A device that makes up values forever would fill the memory, and one that is
-/// slow with each would hold up all other collection.
-struct WalkBounds {
-    std::int32_t values = 1'000'000;         // of one OID
-    std::int64_t bytes = 256 * 1024 * 1024;  // that a request holds: its records, names and values, and their texts
-    std::uint64_t milliseconds = 60 * 60 * 1000;  // of a request
-};
 
 /// The arguments of one request, as SnmpManagerRequest has them; no text is null but an OID's.
 struct ManagerRequest {
@@ -35,13 +27,13 @@ struct ManagerRequest {
     const char* version;
     const char* const* oids;
     std::int32_t oidCount;
-    WalkBounds bounds = {};
 };
 
-/// All OIDs in one datagram. Null when the request cannot be made.
+/// All OIDs in one datagram. Null when the request cannot be made; a device that does not answer gives null lists.
 ResultVectors SnmpGetOperation(const ManagerRequest& request);
 
-/// Each OID by itself, with getnext until its subtree is left. Null also when the device falls silent.
+/// Each OID by itself, with getnext until its subtree is left (snmp/manager_walk.h). Null also when the device falls
+/// silent.
 ResultVectors SnmpWalkOperation(const ManagerRequest& request);
 
 /// True when an OID lies below root; root itself does not.
@@ -49,6 +41,7 @@ bool IsOidInSubtree(const std::uint32_t* root, std::int32_t rootLength, const st
                     std::int32_t oidLength);
 
 /// The answer that a manager request gives; the caller's, released with FreeResponseData. fallback is not looked at.
+/// Throws std::bad_alloc.
 SnmpResponseData* ConstructResponseData(const char* const* oids, std::int32_t oidCount,
                                         const VarBindListPtr* resultVectors, const SnmpResponseData* fallback,
                                         std::int32_t requestType);

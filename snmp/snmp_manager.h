@@ -37,8 +37,8 @@ struct SnmpResponseData {
 };
 
 /// Asks one device. Blocks for up to timeoutSeconds for each datagram that it waits for: one for a get, one for each
-/// answer of a walk, and for as long as the system looks for a host's name. A walk ends with what it has after an hour,
-/// and at the bounds of snmp/manager_operations.h. Callable from several threads at once.
+/// answer of a walk, and for as long as the system looks for a host's name. A walk ends with what it has at the
+/// bounds of snmp/manager_walk.h. Callable from several threads at once.
 ///
 /// host: address or name, 255 characters at most. port: its low 16 bits count. timeoutSeconds: 0 or less only looks.
 /// community: 254 bytes at most. version: "v1" or "v2c"; "v3" is known and unreadable for any device, and any other

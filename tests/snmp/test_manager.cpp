@@ -4,7 +4,7 @@
 
 #include "platform/files.h"
 #include "platform/sockets.h"
-#include "snmp/manager_operations.h"
+#include "snmp/manager_walk.h"
 #include "snmp/processing_hooks.h"
 #include "snmp/toolkit_log.h"
 #include "snmp/udp_transport.h"
@@ -118,7 +118,7 @@ TEST_F(SnmpManager, BoundsAWalkAndLooksItsHostUpOnce) {
         lookUps = 0;
         const char* oid = ".1.3.6.1.9";
         const snmp::ResultVectors results =
-            snmp::SnmpWalkOperation({"localhost", device.port(), 1, "public", snmpWalk, "v2c", &oid, 1, row.bounds});
+            snmp::Walk({"localhost", device.port(), 1, "public", snmpWalk, "v2c", &oid, 1}, row.bounds).Run();
         ASSERT_NE(results, nullptr);
         EXPECT_GE(results[0]->count, row.least);
         EXPECT_LE(results[0]->count, row.most);
