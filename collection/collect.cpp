@@ -37,7 +37,7 @@ constexpr Collector collectors[] = {
     {u"PROTOCOL", CollectSnmp},
 };
 
-/// One of no known kind is passed over.
+/// A record of an unknown kind is skipped.
 void CollectRecord(const HashTable* record) {
     for (const Collector& collector : collectors) {
         if (ContainsHashKey(record, collector.key)) return collector.collect(record);

@@ -31,7 +31,7 @@ void Remark(std::u16string& remarks, const char* format, const Arguments&... arg
     remarks = platform::WideFromUtf8(LogText(format, arguments...));
 }
 
-/// The working directory while this object lives; the former one is put back at its end.
+/// The working directory while this object lives. The former one comes back at its end.
 class WorkingDirectory {
   public:
     WorkingDirectory() = default;
@@ -41,7 +41,7 @@ class WorkingDirectory {
     WorkingDirectory(const WorkingDirectory&) = delete;
     WorkingDirectory& operator=(const WorkingDirectory&) = delete;
 
-    /// False when the directory in use cannot be saved or the new one not be entered.
+    /// False when the present directory cannot be saved or the new one cannot be entered.
     bool Enter(const std::u16string& directory, std::u16string& remarks) {
         std::u16string current;
         if (platform::Files().wgetcwd(current) != 0) {

@@ -39,7 +39,7 @@ MatchingFiles FindFiles(std::u16string_view pattern) {
     return result;
 }
 
-/// The part of a name at a position, counted from 0, when the name is split at "_" and "."; empty when there is none.
+/// The part at a position, counted from 0, of a name split at "_" and "."; empty when it has fewer parts.
 std::u16string_view NamePart(std::u16string_view name, int position) {
     constexpr std::u16string_view separators = u"_.";
     std::size_t start = name.find_first_not_of(separators);
@@ -50,7 +50,8 @@ std::u16string_view NamePart(std::u16string_view name, int position) {
     return name.substr(start, name.find_first_of(separators, start) - start);
 }
 
-/// The number that leads a text, 0 when none does, and the greatest number there is when it lies beyond.
+/// The number that a text begins with, 0 when it begins with something else, and the greatest of 32 bits when it is
+/// beyond them.
 std::uint32_t LeadingNumber(std::u16string_view text) {
     constexpr std::uint64_t greatest = std::numeric_limits<std::uint32_t>::max();
     std::uint64_t number = 0;
@@ -74,7 +75,7 @@ std::uint32_t HighestOwnNumber(std::u16string_view directory, std::u16string_vie
     return highest;
 }
 
-/// Raises a last used number to what stands on the disk, and stores it then. Numbers are never lowered.
+/// Raises a last used number to the highest on the disk, and then stores it. Numbers are never lowered.
 void RaiseToFilesOnDisk(std::u16string_view directory, std::u16string_view extension,
                         std::atomic<std::uint32_t>& lastNumber, platform::Error (*store)(std::uint32_t)) {
     const std::u16string pattern = std::u16string(directory).append(u"\\*").append(extension);
@@ -169,7 +170,7 @@ std::uint32_t parseFiles(std::u16string_view pattern) {
     for (const std::u16string& name : found.names) {
         const std::uint32_t number = LeadingNumber(NamePart(name, 2));
         if (number == std::numeric_limits<std::uint32_t>::max()) {
-            Log1("\t parseFiles :: the number of %s leaves no room for a next one; it is passed over \n", name);
+            Log1("\t parseFiles :: the number of %s leaves no room for a next one; it is skipped \n", name);
         } else if (number > highest) {
             highest = number;
         }

@@ -1,5 +1,5 @@
-// Record files: their names, numbers and writing. A file is written under a name that "*.txt" does not match and
-// renamed when it is complete, so that a file still being written is never packed.
+// Record files: their names, numbers and writing. A file is written under a name that "*.txt" does not match, and
+// renamed when it is complete, so that no half record is packed.
 #pragma once
 
 #include <cstdint>
@@ -9,28 +9,30 @@
 
 namespace kv {
 
-/// Changes to gv_ocAgentBinPath, makes the data directory and returns its path; caller is the name in the log lines.
+/// Changes to gv_ocAgentBinPath, makes "data" below the working directory and gives its path. A step that fails leaves
+/// a log line in the caller's name, and the others are done all the same.
 std::u16string PrepareDataDirectory(const char* caller);
 
 /// Takes the next number, under its lock, and gives the path of that record file without extension. A number that a
-/// file in the directory still has is passed over: after a crash the numbers are rebuilt from file names, which goes
-/// wrong with an agent key that holds "_" or ".", and an unsent record must not be written over.
+/// file in the directory still has is skipped, because an unsent record must not be overwritten: after a crash the
+/// numbers are rebuilt from file names, and that goes wrong when the agent key holds "_" or ".".
 std::u16string NextRecordPath(std::u16string_view dataDirectory);
 
 /// Writes a finished record text, in UTF-16LE without byte order mark, into the data directory under the next number,
-/// and gives the file's path. A file that cannot be written is logged with the system's reason; its record is lost and
-/// nothing is left of it on the disk.
+/// and gives the file's path. Null when it cannot be written: the system's reason is logged, the record is lost and
+/// nothing of it stays on the disk.
 std::optional<std::u16string> WriteRecordFile(std::u16string_view dataDirectory, std::u16string_view json);
 
-/// Settles the last used file numbers from the registry and from the files on disk. Called once before any collection.
+/// Sets the last used file numbers to the highest that the registry or a file on the disk has, and stores a number that
+/// a file has raised. Called once, before any collection.
 void VerifyLastFileNum();
 
-/// Stores the last used file numbers, so that no later run gives a name to other content. A number that cannot be
-/// stored leaves a line at level 1; one that was never settled is not stored.
+/// Stores the last used file numbers, so that no later run gives one of these names to other content. A number that
+/// cannot be stored leaves a line at level 1. Before VerifyLastFileNum the numbers are 0, and nothing is stored.
 void StoreLastFileNum();
 
-/// The highest number among the files that match a pattern, 0 for none. The number is the third part of a name split at
-/// "_" and "."; one that is too big to be followed by another is passed over with a log line.
+/// The highest number among the files that match a pattern, 0 when none matches. The number is the third part of a name
+/// split at "_" and "."; one that is too big to be followed by another is skipped, with a log line.
 std::uint32_t parseFiles(std::u16string_view pattern);
 
 /// Deletes what a killed run left unfinished in the data directory, with a log line for each file. Called once before

@@ -34,7 +34,7 @@ constexpr std::u16string_view scriptHost = u"cscript.exe //T:120 //U //Nologo";
 constexpr std::array<std::u16string_view, 4> scriptHostExtensions = {u".js", u".vbe", u".vbs", u".wsf"};
 
 /// The program that runs a script, by the script's extension; empty when it runs by itself.
-std::u16string_view ScriptHostOf(std::u16string_view fileName) {
+std::u16string_view ScriptHostFor(std::u16string_view fileName) {
     const std::size_t dot = fileName.rfind(u'.');
     if (dot == fileName.npos) return {};
     const std::u16string_view extension = fileName.substr(dot);
@@ -79,11 +79,11 @@ platform::Error ConvertAll(platform::FileHandle from, platform::FileHandle to,
     return platform::error::success;
 }
 
-/// Whether a record for which the disk has no room has a beginning that can go out.
+/// Whether a record that has filled the disk has a beginning that can be sent.
 bool IsCut(platform::FileHandle record, const std::u16string& path) {
     std::uint64_t size = 0;
     if (platform::Files().GetFileSizeEx(record, size) != platform::error::success || size == 0) return false;
-    Log1("ExecuteScript : the disk is full; the record %s.txt is cut after %d bytes and goes out so \n", path, size);
+    Log1("ExecuteScript : the disk is full; the record %s.txt is sent as it is, cut after %d bytes \n", path, size);
     return true;
 }
 
@@ -105,13 +105,13 @@ platform::Error WriteConverted(platform::FileHandle output, const std::u16string
     return error;
 }
 
-/// Turns what the script has printed by now into its record file. path is the record's without extension; the output
-/// stands beside it as ".out" and is gone afterwards. Where no output file came there will be no record file.
+/// Turns what the script has printed by now into its record file. path is the record's without extension; the output is
+/// beside it as ".out" and is deleted. Without an output file there is no record file.
 void MakeRecordOfOutput(const std::u16string& path, platform::ScriptOutputEncoding encoding) {
     const platform::FileOperations& files = platform::Files();
     const std::u16string outputPath = path + u".out";
     OpenFile output;
-    // A process that the script left behind may still have it open for writing.
+    // A process that the script left behind may still be writing to it.
     platform::Error error = output.Open(outputPath, platform::FileAccess::read, platform::FileShare::readWrite,
                                         platform::FileDisposition::openExisting);
     if (error == platform::error::fileNotFound || error == platform::error::pathNotFound) return;
@@ -152,11 +152,11 @@ void CollectScript(const HashTable* record) {
 int ExecuteScript(std::u16string_view fileName, std::u16string_view commandLineParam, const OptionalText& viewOutput) {
     Log3("\t Inside ExecuteScript() \n");
     if (!StaysBelowDirectory(fileName)) {
-        Log1("ExecuteScript : %s names nothing below the scripts directory and is not run \n", fileName);
+        Log1("ExecuteScript : %s does not name a file below the scripts directory and is not run \n", fileName);
         return 0;
     }
     platform::ScriptCommand command;
-    command.scriptHost = ScriptHostOf(fileName);
+    command.scriptHost = ScriptHostFor(fileName);
     command.path = agentState.gv_ocAgentBinPath.value_or(u"") + u"..\\conf\\scripts\\";
     command.path += fileName;
     command.arguments = commandLineParam;

@@ -19,7 +19,7 @@ constexpr std::size_t signatureSize = 4;
 /// A line that is longer is converted in pieces.
 constexpr std::size_t longestLine = 64 * 1024;
 
-/// Bytes of the UTF-8 sequence that a byte leads; 0 for a byte that leads none, 1 for a character by itself.
+/// Bytes of the UTF-8 sequence that a byte begins: 1 for a character by itself, 0 when no sequence begins so.
 std::size_t SequenceLength(unsigned char lead) {
     if (lead < 0x80) return 1;
     if (lead >= 0xF0) return lead <= 0xF4 ? 4 : 0;

@@ -1,6 +1,6 @@
-// Brings what a script has printed to the encoding of a record file, UTF-16LE without byte order mark, block by block:
-// a converter holds a line's beginning and no more, whatever the length of the output. Does no input or output of its
-// own.
+// Converts what a script has printed to the encoding of a record file, UTF-16LE without byte order mark, block by
+// block. A converter holds the beginning of a line and no more, however long the output is. It reads and writes no
+// file.
 #pragma once
 
 #include <string>
@@ -17,10 +17,11 @@ struct ScriptOutputConverter {
     bool atStart = true;   // nothing has come out yet: a byte order mark may still come
 };
 
-/// Converts the next block and appends the result to utf16. Output that begins with FF FE, or whose second and fourth
-/// byte alone are zero, is UTF-16LE whatever was expected; else a line is UTF-8 or, where it is not well-formed, in the
-/// console's code page (WideFromConsoleBytes), and so is each piece of a line of more than 64 KiB. A line or character
-/// that the block's end cuts waits for the next block. A leading byte order mark is dropped.
+/// Converts the next block and appends the result to utf16. Output is UTF-16LE, whatever was expected, when it begins
+/// with FF FE or when of its first four bytes the second and the fourth are zero and the others are not. Else each line
+/// is UTF-8 or, if it is not well-formed, in the console's code page (WideFromConsoleBytes); a line of more than 64 KiB
+/// is judged in pieces. A line or character that the block's end cuts waits for the next block. A leading byte order
+/// mark is dropped.
 void FeedScriptOutput(ScriptOutputConverter& converter, std::string_view block, std::string& utf16);
 
 /// Ends the output: half a unit becomes U+FFFD.

@@ -43,13 +43,13 @@ bool SnmpPort(const HashTable* record, std::int32_t& port) {
         Log1("\t %s :: SNMP_PORT is absent, %d is taken \n", SnmpRecordName(record), defaultPort);
     port = ContainsHashKey(record, u"SNMP_PORT") ? NumberUpTo(65535, MemberText(record, u"SNMP_PORT")) : defaultPort;
     if (port == 0)
-        Log1("\t %s :: SNMP_PORT is no number from 1 to 65535. The device is not asked \n", SnmpRecordName(record));
+        Log1("\t %s :: SNMP_PORT is not a number from 1 to 65535. The device is not asked \n", SnmpRecordName(record));
     return port != 0;
 }
 
 std::int32_t SnmpTimeout(const HashTable* record, const OptionalText& seconds) {
     if (const std::int32_t timeout = NumberUpTo(longestTimeout, seconds)) return timeout;
-    Log1("\t %s :: The timeout \"%s\" is no number from 1 to %d, %d is taken \n", SnmpRecordName(record),
+    Log1("\t %s :: The timeout \"%s\" is not a number from 1 to %d, %d is taken \n", SnmpRecordName(record),
          seconds.value_or(u""), longestTimeout, defaultTimeout);
     return defaultTimeout;
 }

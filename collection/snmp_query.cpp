@@ -25,13 +25,13 @@ struct SnmpQuery {
 };
 
 /// How much of what was asked for an attempt has brought.
-enum class Answer { none, empty, cut, complete };
+enum class Answer { missing, empty, cut, complete };
 
 /// What came of a poll: the answer to the last attempt, and why it is not a success.
 struct Outcome {
     bool succeeded = false;
     std::string reason;
-    std::int32_t replaced = 0;  // values whose place a later one with the same text of an OID has taken
+    std::int32_t replaced = 0;  // values that a later one with the same text of its OID has replaced
 };
 
 /// The parts of a text between commas, those without characters left out.
@@ -45,10 +45,10 @@ std::vector<std::string> Split(std::string_view text) {
     return parts;
 }
 
-/// The narrow form of a member; false with a log line when it has none.
+/// The narrow form of a member; false, with a log line, when its text is not well-formed.
 bool ReadNarrow(const HashTable* record, const char* key, const OptionalText& member, std::string& text) {
     if (ChangeWideToUtf8Str(member.value_or(u""), text)) return true;
-    Log1("\t %s :: %s is no text that can be sent \n", SnmpRecordName(record), key);
+    Log1("\t %s :: %s is not a text that can be sent \n", SnmpRecordName(record), key);
     return false;
 }
 
@@ -87,7 +87,7 @@ Answer Ask(const SnmpQuery& query, SnmpResponsePtr& response) {
         query.version.c_str(), oids.data(), static_cast<std::int32_t>(oids.size()),
         static_cast<std::int32_t>(logState.gv_logLevel.load()), response.get());
     if (answer != response.get()) response.reset(answer);
-    if (!response) return Answer::none;
+    if (!response) return Answer::missing;
     return response->results ? Answer::complete : Answer::empty;
 }
 
@@ -145,7 +145,7 @@ Answer StoreLists(const SnmpQuery& query, const SnmpResponseData& response, Hash
 /// Logs what an attempt lacks and says whether there is to be another.
 bool TakeRetry(Answer answer, SnmpQuery& query) {
     const bool retries = std::exchange(query.retriesLeft, false);
-    if (answer == Answer::none) {
+    if (answer == Answer::missing) {
         Log1(retries ? "No response from SNMP Agent. Going to retry!!!"
                      : "No response from SNMP Agent. Hence, quiting!!!");
     } else if (answer == Answer::empty) {
@@ -160,9 +160,9 @@ bool TakeRetry(Answer answer, SnmpQuery& query) {
 
 /// Why a poll whose last attempt came to this failed. What a get lacks at its first OID it lacks at all; whether the
 /// device was asked, and how it answered, is said by the engine.
-std::string ReasonOf(Answer answer, const SnmpQuery& query, std::size_t missing) {
+std::string FailureReason(Answer answer, const SnmpQuery& query, std::size_t missing) {
     if (answer == Answer::complete) return "none of the OIDs has a value";
-    if (answer == Answer::none || answer == Answer::empty) return "the request brought nothing";
+    if (answer == Answer::missing || answer == Answer::empty) return "the request brought nothing";
     if (query.requestType == snmpWalk) return "no values below " + query.oids[missing];
     if (missing == 0) return "it gave no value";
     return "no value for " + query.oids[missing - 1] + ", behind which nothing is taken";
@@ -175,7 +175,7 @@ Outcome Poll(SnmpQuery& query, HashTable* table) {
     std::size_t missing = 0;
     std::int32_t replaced = 0;
     SnmpResponsePtr response;
-    Answer answer = Answer::none;
+    Answer answer = Answer::missing;
     do {
         answer = Ask(query, response);
         if (answer == Answer::complete) answer = StoreLists(query, *response, table, noValueYet, missing, replaced);
@@ -183,7 +183,7 @@ Outcome Poll(SnmpQuery& query, HashTable* table) {
     if (noValueYet && (answer == Answer::cut || answer == Answer::complete))
         Log1("Empty response from SNMP Agent. Updating returnMessage as FAILURE !!!");
     if (answer == Answer::complete && !noValueYet) return {.succeeded = true, .reason = "", .replaced = replaced};
-    return {.succeeded = false, .reason = ReasonOf(answer, query, missing), .replaced = replaced};
+    return {.succeeded = false, .reason = FailureReason(answer, query, missing), .replaced = replaced};
 }
 
 }  // namespace

@@ -136,7 +136,7 @@ void AppendRow(WmiHandle object, Vector* rows) {
     static_cast<void>(row.release());
 }
 
-/// Takes objects until there are none left, or no more can be had: the status says which.
+/// Takes objects until there are no more or the next cannot be obtained: the status says which.
 WmiStatus AppendRows(WmiHandle enumerator, Vector* rows) {
     while (true) {
         Obtained object;

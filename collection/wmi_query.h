@@ -8,13 +8,13 @@
 
 namespace kv {
 
-/// Runs one query in a namespace (none: ROOT\CIMV2) and appends one table for each object that it gives to rows, which
-/// stays the caller's: the object's properties, the system's own left out, as texts in the order of their enumeration.
+/// Runs one query in a namespace (null: ROOT\CIMV2). For each object that it gives one table is appended to rows, which
+/// stays the caller's: the object's properties, without the system's own, as texts in the order of their enumeration.
 ///
-/// "NO ERROR", or the text of FormatWMIError for the step that failed; the rows got before it stay. A
-/// query that matches nothing is no error. Without a query nothing is touched, and the text is "wmiQuery is NULL".
+/// Gives "NO ERROR", or the text of FormatWMIError for the step that failed; rows that came before it stay. A query
+/// that matches nothing is not an error. Without a query nothing is touched, and the text is "wmiQuery is NULL".
 ///
-/// COM is set up on the calling thread and torn down again; nothing is kept between calls, which may run on several
+/// COM is set up on the calling thread and torn down again. Nothing is kept between calls, which may run on several
 /// threads at once.
 std::u16string WMIFunction(const OptionalText& nameSpace, const OptionalText& wmiQuery, Vector* rows);
 

@@ -25,7 +25,7 @@ std::u16string ByteText(std::uint8_t byte) {
 }
 
 /// Empty where neither the system nor WMI's library knows the code.
-std::u16string MessageOf(platform::WmiStatus code) {
+std::u16string SystemMessage(platform::WmiStatus code) {
     const platform::MessageOperations& messages = platform::Messages();
     if (auto text = messages.FormatMessageW(code)) return *text;
     platform::ModuleHandle module = 0;
@@ -67,7 +67,7 @@ std::u16string FormatWMIError(platform::WmiStatus code, std::u16string_view text
     std::u16string formatted = u"FAILED:";
     formatted += text;
     formatted += u" ERRORCODE:" + platform::WideFromUtf8(fmt::format("{:x}", code));
-    formatted += u" MESSAGE:" + MessageOf(code);
+    formatted += u" MESSAGE:" + SystemMessage(code);
     Log1("\tFormatted errorMess :: %s", formatted);
     return formatted;
 }

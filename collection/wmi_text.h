@@ -1,4 +1,4 @@
-// How a WMI query's values and failures read in a record.
+// The texts of a WMI query's values and failures in a record.
 #pragma once
 
 #include <string>
@@ -8,14 +8,14 @@
 
 namespace kv {
 
-/// The text of one property's value. NULL is "-"; truth values are "True" and "False"; a 16-bit integer reads as
-/// unsigned; a real number has four places, at least ten and at most 31 characters, whatever is behind these being
-/// cut; a byte below 0x20 is a number and any other a character in single quotes; a text is itself. Dates, arrays and
-/// what has no value at all are "<conversion error>".
+/// The text of one property's value. NULL is "-". Truth values are "True" and "False". A 16-bit integer is shown as
+/// unsigned. A real number has four places and ten to 31 characters; what is longer is cut. A byte below 0x20 is a
+/// number, any other a character in single quotes. A text is itself. Dates, arrays and what has no value at all are
+/// "<conversion error>".
 std::u16string VariantToString(const platform::Variant& value);
 
-/// "FAILED:text ERRORCODE:code MESSAGE:message", with the code in hexadecimal. The message, with its line break, is the
-/// system's for the code, else that of WMI's own library, else empty.
+/// "FAILED:text ERRORCODE:code MESSAGE:message", with the code in hexadecimal. The message is the system's for the
+/// code, with its line break; else that of WMI's own library; else empty.
 std::u16string FormatWMIError(platform::WmiStatus code, std::u16string_view text);
 
 }  // namespace kv

@@ -3,8 +3,8 @@
 
 namespace kv {
 
-/// Tells the server that this agent or its computer goes down, as gv_agentStatus says. The outcome is logged; nothing
-/// is tried again. Takes as long as the server's addresses take to answer.
+/// Tells the server that this agent or its computer goes down, as gv_agentStatus says. The outcome is logged, and a
+/// failed report is not repeated. Takes as long as the server's addresses take to answer.
 void SendAgentStatus();
 
 }  // namespace kv

@@ -34,8 +34,8 @@ constexpr std::array serviceActions = {
                   u"STOPPED", u"Unable to stop Service"},
 };
 
-/// Null for a type that changes none.
-const ServiceAction* ActionOf(std::u16string_view type) {
+/// Null for a type that does not change a service.
+const ServiceAction* FindServiceAction(std::u16string_view type) {
     for (const ServiceAction& action : serviceActions) {
         if (action.type == type) return &action;
     }
@@ -56,7 +56,7 @@ struct Exchange {
     OptionalText message = {};  // how the query or the action ended; null when nothing was run
 };
 
-/// A text of the request; a line says when something else stands in its place.
+/// A text of the request; null when it is absent or, with a line, when it is something else.
 OptionalText Member(const HashTable* request, std::u16string_view key) {
     if (const char16_t* text = GetHashText(request, key)) return text;
     const LineBound::OfRefusal refusal;
@@ -105,7 +105,7 @@ void ChangeService(Exchange& exchange, const ServiceAction& action, std::u16stri
 
 /// Does what the request says, and puts what came of it into the reply and the message.
 void Serve(Exchange& exchange) {
-    const ServiceAction* action = ActionOf(exchange.type);
+    const ServiceAction* action = FindServiceAction(exchange.type);
     const std::u16string name = NeededMember(exchange, u"MONITOR_NAME").value_or(u"");
     const std::u16string& resultName = action ? exchange.id : name;
     if (HasMember(replyMembers, resultName)) {

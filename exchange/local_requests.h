@@ -6,9 +6,9 @@
 
 namespace kv {
 
-/// Serves one request of these three types, which stays the caller's. The answer is posted only where the request has
-/// RESPONSE_NEEDED "YES"; a failure is told in it, under ERRORMSG. Blocks for the length of the query, or until the
-/// service has changed its state.
+/// Serves one request of these three types, which stays the caller's. The answer is posted only when the request has
+/// RESPONSE_NEEDED "YES", and a failure is in it, under ERRORMSG. A request whose result would have the name of another
+/// member of the answer is not served. Blocks for the length of the query, or until the service has changed its state.
 void ExecWMIQuery(const HashTable* request);
 
 }  // namespace kv

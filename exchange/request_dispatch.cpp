@@ -27,7 +27,7 @@ namespace {
 using platform::Error;
 using platform::Files;
 
-/// Of each line of a list: more than the requests of a good one write, and less than would drive old logs out.
+/// How often one line may be written for a list: more often than a good list needs, not so often that old logs go.
 constexpr std::uint32_t mostLines = 1000;
 
 /// What the requests of one list leave for its end.
@@ -38,7 +38,7 @@ struct ListResult {
 
 using RequestHandler = void (*)(const HashTable* request, ListResult& result);
 
-/// The text that a request cannot do without; null with a log line when it is absent or no text.
+/// A text that a request needs; null, with a log line, when it is absent or something else.
 const char16_t* NeededText(const HashTable* request, std::u16string_view key) {
     const char16_t* text = GetHashText(request, key);
     if (text) return text;
@@ -60,10 +60,11 @@ void DownloadQueryConf(const HashTable* request, ListResult& result) {
     }
     if (!IsOwnAgentKey(agentKey) && !IsSlaveKey(agentKey)) {
         const LineBound::OfRefusal refusal;
-        Log1("\t ParseRequestList :: %s names no agent. The DOWNLOAD_QUERYCONF request is skipped\n", agentKey);
+        Log1("\t ParseRequestList :: %s is not the key of an agent here. The DOWNLOAD_QUERYCONF request is skipped\n",
+             agentKey);
         return;
     }
-    // Noted first: whatever stops the two calls on their way, what they have changed by then is scheduled.
+    // Noted first: if one of the two calls stops on its way, what they have changed by then is still scheduled.
     agentState.gv_queryConfReloadPending = true;
     if (!result.confKeys.empty()) result.confKeys += u',';
     result.confKeys += agentKey;
@@ -91,7 +92,7 @@ void DeleteDevice(const HashTable* request, ListResult&) {
     }
     if (!IsSlaveKey(device)) {
         const LineBound::OfRefusal refusal;
-        Log1("\t ParseRequestList :: %s names no slave. The DELETE_DEVICE request is skipped\n", device);
+        Log1("\t ParseRequestList :: %s is not the key of a slave. The DELETE_DEVICE request is skipped\n", device);
         return;
     }
     const std::u16string directory = ConcatStrings(conf_path::slavesDirectory, SlaveDirectoryName(device));
@@ -136,14 +137,14 @@ void TakeRequestId(const HashTable* request, ListResult& result) {
         result.lastRequestId = id;
     } else if (ContainsHashKey(request, u"AGENT_REQUEST_ID")) {
         const LineBound::OfRefusal refusal;
-        Log1("\t ParseRequestList :: AGENT_REQUEST_ID is no text. The request counts as one without id\n");
+        Log1("\t ParseRequestList :: AGENT_REQUEST_ID is not a text. The request counts as one without id\n");
     }
 }
 
 void ServeRequest(const VectorElement* element, ListResult& result) {
     if (element->type != ValueType::table) {
         const LineBound::OfRefusal refusal;
-        Log1("\t ParseRequestList :: An element of RequestList is no object. It is skipped\n");
+        Log1("\t ParseRequestList :: An element of RequestList is not an object. It is skipped\n");
         return;
     }
     const auto* request = reinterpret_cast<const HashTable*>(element->value);
@@ -180,7 +181,7 @@ bool LoadRequestList(HashTable* list, std::u16string_view fileName) {
         return true;
     }
     const bool isArray = GetHashVector(list, u"RequestList") != nullptr;
-    if (!isArray) Log1("\t ParseRequestList :: The RequestList of %s is no array\n", fileName);
+    if (!isArray) Log1("\t ParseRequestList :: The RequestList of %s is not an array\n", fileName);
     return isArray;
 }
 

@@ -6,9 +6,8 @@
 namespace kv {
 
 /// Serves the list in a file: JSON text in UTF-16LE, whose member "RequestList" is an array of objects, each a request.
-/// Each request with an AGENT_REQUEST_ID is marked by it in the registry value RequestID while it is served. One
-/// request's failure is its own: it is logged, and the rest is served. False, and nothing served, when the file
-/// holds no list that can be read.
+/// The registry value RequestID holds a request's AGENT_REQUEST_ID, if it has one, while it is served. A request that
+/// fails is logged, and the rest is served. False, with nothing served, when the file has no list that can be read.
 bool ParseRequestList(std::u16string_view fileName);
 
 }  // namespace kv

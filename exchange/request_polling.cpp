@@ -35,7 +35,7 @@ struct RequestListPaths {
     std::u16string list;       // the file in it that holds the list while it is served
 };
 
-/// The download directory, behind the bin path where that cannot be made the working directory.
+/// The download directory; below the bin path when that cannot be made the working directory.
 std::u16string DownloadDirectory() {
     const std::u16string binPath = agentState.gv_ocAgentBinPath.value_or(u"");
     switch (Files().wchdir(binPath)) {
@@ -75,8 +75,8 @@ bool WriteRequestAvailable(std::u16string_view text) {
     return failure == error::success;
 }
 
-/// A request that is still marked brought the agent down, or was cut short by its stop: the server is told to drop it,
-/// and the rest of its list is asked for again.
+/// A request that is still named brought the agent down, or a stop cut it short. The server is told to drop it, and the
+/// rest of its list is fetched again.
 void DropInterruptedRequest() {
     OptionalText id;
     if (GetRequestID(id) != error::success || !id || id == u"NONE") return;
@@ -112,8 +112,8 @@ Error FetchRequestList(OptionalText& list) {
     return result;
 }
 
-/// What an archive has put in the way goes, and a directory that someone has removed comes back: no request would be
-/// served for as long as they stay otherwise.
+/// Removes what an archive has put in the way and makes a directory again that someone has removed: otherwise no
+/// request would ever be served.
 bool StoreRequestList(std::u16string_view list, const RequestListPaths& paths) {
     const std::u16string temporaryPath = paths.list + u".tmp";
     if (!Files().IsDirectory(paths.directory)) MakeDownloadDirectory(paths.directory);
@@ -126,7 +126,7 @@ bool StoreRequestList(std::u16string_view list, const RequestListPaths& paths) {
     return false;
 }
 
-/// served stays false when the list could not be stored or read; none of its requests has been served then.
+/// served stays false when the list could not be stored or read, and then no request of it has been served.
 void StoreAndServe(std::u16string_view list, const RequestListPaths& paths, bool& served) {
     Log3("\t Inside StoreAndServe() \n");
     if (!StoreRequestList(list, paths)) return;

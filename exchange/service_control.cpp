@@ -22,14 +22,14 @@ namespace service_right = platform::service_right;
 
 constexpr std::uint64_t waitLimit = 30000;  // milliseconds, beyond which a service is waited for no longer
 
-/// In milliseconds. A status that is not pending has a wait hint of 0: without a pause, the wait for a service that
-/// does not come to where it was sent would keep a processor and the service manager busy all the time.
+/// In milliseconds. A status that is not pending has a wait hint of 0. Without a pause the wait for a service that
+/// never reaches its state would keep a processor and the service manager busy.
 constexpr std::uint32_t pauseWithoutHint = 100;
 
-/// In milliseconds. No service names longer hints in earnest, and some say 0xFFFFFFFF, which is forever.
+/// In milliseconds. No service means a longer hint, and some say 0xFFFFFFFF, which to a sleep is forever.
 constexpr std::uint32_t longestHint = 3600 * 1000;
 
-/// What is done, and to which service, for the log.
+/// What is done to which service; for the log.
 struct Task {
     const char* operation;
     std::u16string_view service;
@@ -65,7 +65,7 @@ bool RefuseState(const Task& task, const ServiceStatus& status) {
     return false;
 }
 
-/// Whether there is time left since a moment; a line says when there is none.
+/// Whether a moment is no further back than the limit; if it is, a line says so.
 bool IsInTime(const Task& task, const ServiceStatus& status, std::uint64_t since) {
     if (TickCount() - since <= waitLimit) return true;
     Log1("\t %s :: The service %s takes too long. It is in the state %d\n", task.operation, task.service,
@@ -112,7 +112,7 @@ bool ChangeState(const Task& task, ServiceState from, std::uint32_t control, Ser
     return ControlAndWait(task, opened, control, wanted);
 }
 
-/// The active services that depend on one; false when they cannot be had.
+/// The active services that depend on one; false when they cannot be obtained.
 bool FindDependents(const Task& task, ServiceHandle service, std::vector<DependentService>& dependents) {
     std::size_t needed = 0;
     Error failure = ServiceManager().EnumDependentServicesW(service, 0, dependents, needed);
@@ -135,8 +135,8 @@ bool ForEachDependent(const char* operation, ServiceHandle service, Serve serve)
            });
 }
 
-/// It is the service depended on that is started: where the manager refuses to start one that runs, this goes well for
-/// one dependent at the most.
+/// What is started is the service depended on: a manager that refuses to start a running service lets this succeed for
+/// one dependent at most.
 bool StartForDependent(const Task& task, ServiceHandle service, ServiceHandle manager, std::uint64_t since) {
     OwnedServiceHandle dependent;
     constexpr std::uint32_t rights = service_right::queryStatus | service_right::start;

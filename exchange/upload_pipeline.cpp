@@ -136,8 +136,8 @@ void FillBatch(FileSearch& search, std::size_t most, std::vector<RecordFile>& ba
     }
 }
 
-/// The path of the next zip, without extension. A number that a zip in the queue still has is passed over: after a
-/// crash the numbers are rebuilt from file names, which goes wrong with an agent key that holds "_" or ".".
+/// The path of the next zip, without extension. A number that a zip in the queue still has is skipped: after a crash
+/// the numbers are rebuilt from file names, and that goes wrong when the agent key holds "_" or ".".
 std::u16string NextZipPath(std::u16string_view nameBase) {
     for (;;) {
         const std::u16string path = ConcatStrings(nameBase, DecimalText(++agentState.gv_ocLastCreatedZIPNum));
@@ -323,8 +323,8 @@ void NoteContact(const std::u16string& accepted) {
     agentState.gv_collectData = 1;
 }
 
-/// Collection that was stopped is brought back by an accepted upload, for which there has to be a zip that may be
-/// accepted. Where none is left, or none but those that were passed over for others, it would never be.
+/// An accepted upload brings stopped collection back, and that takes a zip that may be accepted. When none is left, or
+/// only such as failed while others were accepted, it would never come back.
 void CollectAgainWithoutUpload() {
     std::erase_if(agentState.gv_failedZips, [](const auto& zip) { return !MayExist(u"zipdata\\" + zip.first); });
     for (const auto& [name, isPassedOver] : agentState.gv_failedZips)
@@ -334,7 +334,7 @@ void CollectAgainWithoutUpload() {
     agentState.gv_collectData = 1;
 }
 
-/// An outage is as long as it lasts: where the clock is set meanwhile, the time of its first failure goes along.
+/// Setting the clock does not make an outage longer or shorter: the time of its first failure is moved along.
 void FollowClock(std::int64_t now) {
     constexpr std::int64_t leastStep = 60;  // seconds; a clock that is merely kept right moves less
     const std::int64_t lead = now - static_cast<std::int64_t>(platform::Clock().GetTickCount64() / 1000);

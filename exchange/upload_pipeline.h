@@ -1,6 +1,6 @@
-// The way of finished record files to the server: packed into zips, posted, and deleted once accepted. "zipdata" is the
-// store-and-forward queue across outages and restarts; the same loop stops collection when uploads have failed too
-// long. Everything here runs on the one thread of StripTxtFiles.
+// How finished record files get to the server: packed into zips, posted, and deleted once accepted. "zipdata" is the
+// queue that outlives outages and restarts. The same loop stops collection when uploads have failed for too long, and
+// starts it again. Everything here runs on the one thread of StripTxtFiles.
 #pragma once
 
 #include <cstdint>
@@ -11,15 +11,17 @@ namespace kv {
 /// Text files in one zip at most.
 inline constexpr int maxFilesInZip = 2501;
 
-/// Thread body: waits a minute, then packs and uploads once every gv_writeInterval seconds. Never returns.
+/// Thread body: waits a minute, then packs and uploads every gv_writeInterval seconds, counted from start to start.
+/// Never returns.
 std::uint32_t StripTxtFiles(void* ignored);
 
-/// One packing pass over "data". A zip's path is nameBase, the next number and ".zip". Record files that could not be
-/// packed are logged as lost; they are deleted like the others. Those that cannot be opened, and those for which the
-/// disk has no room, stay for the next pass, with a line at level 1.
+/// One packing pass over "data". A zip's path is nameBase, the next number and ".zip". A record file that no zip can
+/// take is logged as lost and deleted like the others. Files that cannot be opened, or for which the disk has no room,
+/// stay for the next pass, with a line at level 1.
 void PackRecordFiles(std::u16string_view nameBase);
 
-/// One upload pass over "zipdata", of which zipCount zips are expected. An accepted zip is deleted, any other stays.
+/// One upload pass over "zipdata". An accepted zip is deleted, any other stays for the next pass. zipCount is how many
+/// are expected; all that are found are sent.
 void SendDetailstoCS(int zipCount);
 
 }  // namespace kv

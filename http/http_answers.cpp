@@ -148,8 +148,8 @@ constexpr ErrorLine errorLines[] = {
      "\n"},
 };
 
-/// The first word behind a header's name with its blank, which may stand anywhere in the text; none when the name does
-/// not occur. A header ends at its line feed.
+/// The first word after a header's name and blank, wherever in the text they are; null when they do not occur. A header
+/// ends at its line feed.
 std::optional<std::u16string_view> HeaderWord(std::u16string_view headers, std::u16string_view name) {
     constexpr std::u16string_view blanks = u" \t\r";
     const std::size_t start = SubString(headers, name);
@@ -161,7 +161,7 @@ std::optional<std::u16string_view> HeaderWord(std::u16string_view headers, std::
 }
 
 /// A number with an optional sign; 0 for anything else.
-std::int32_t NumberOf(std::u16string_view word) {
+std::int32_t HeaderNumber(std::u16string_view word) {
     const std::string digits = platform::Utf8FromWide(word.starts_with(u'+') ? word.substr(1) : word);
     std::int32_t number = 0;
     const auto parsed = std::from_chars(digits.data(), digits.data() + digits.size(), number);
@@ -174,7 +174,7 @@ void TakeTimeDifference(std::u16string_view headers) {
         Log1("\t ParseHeader() :: SubString returned NULL for timeDiff\n");
         return;
     }
-    agentState.gv_timeDiff = NumberOf(*word);
+    agentState.gv_timeDiff = HeaderNumber(*word);
     Log1("\t ParseHeader() :: gv_timeDiff = [%u]\n", static_cast<std::uint32_t>(agentState.gv_timeDiff.load()));
 }
 

@@ -1,4 +1,4 @@
-// What an answer, or the lack of one, means.
+// What an answer means, and what a missing one does.
 #pragma once
 
 #include <optional>
@@ -8,11 +8,12 @@
 
 namespace kv {
 
-/// Logs the explanation of a transport error, or the system's text where the number is not of the transport's own.
+/// Logs the explanation of a transport error; of any other number the system's text.
 void HttpGetLastError(platform::Error errorCode);
 
 /// Takes the values that the server sends in its headers: "timeDiff: ", "AgentKey: ", "AgentRun: " and "SNMPTimeout: ".
-/// headerBuffer is the raw header text, lines ending in CRLF, or none. 1 when a header text was read, 0 for none.
+/// headerBuffer is the raw header text, its lines ending in CRLF. 1, or 0 when it is null. A timeDiff that is not a
+/// number counts as 0; any other value that cannot be used leaves a log line and the state as it was.
 int ParseHeader(std::optional<std::u16string_view> headerBuffer);
 
 }  // namespace kv

@@ -1,5 +1,5 @@
-// The steps that the two transaction routines share: from opening the session to the answer's headers, for one attempt
-// at one address. Private to exchange/. An attempt belongs to the thread that makes it.
+// The steps that the two transaction routines share, for one attempt at one address: from opening the session to the
+// answer's headers. Private to http/. An attempt belongs to the thread that makes it.
 #pragma once
 
 #include <cstddef>
@@ -14,8 +14,8 @@
 
 namespace kv {
 
-/// A body received into memory is kept up to this many bytes. Request lists and answers run to some kilobytes; the
-/// limit is there for a server gone wrong.
+/// Bytes of a body that is received into memory, at most. Request lists and answers have some kilobytes; the limit is
+/// there for a server gone wrong.
 inline constexpr std::size_t maxResponseBytes = 64 * 1024 * 1024;
 
 /// Owns a session, connection or request; a failed close is logged in the name of the routine that opened it.
@@ -42,7 +42,7 @@ struct HttpAttempt {
     const TransactionTarget& target;
     std::u16string_view url;
     std::u16string_view verb;
-    std::u16string_view acceptTypes;  // empty for none
+    std::u16string_view acceptTypes;  // may be empty
     std::uint32_t securityFlags;      // bits added for a secure request
     bool limitConnectTime;            // to gv_httpTimeout
     bool keepAlive;
@@ -51,7 +51,7 @@ struct HttpAttempt {
     std::size_t bodySize = 0;
 
     // How far it has come. Handles are closed from the last one up.
-    std::vector<OwnedHttpHandle> retired = {};  // session and connection from before a restart; open until the end
+    std::vector<OwnedHttpHandle> retired = {};  // connection and session from before a restart; open until the end
     OwnedHttpHandle session{routine};
     OwnedHttpHandle connection{routine};
     OwnedHttpHandle request{routine};
@@ -59,15 +59,15 @@ struct HttpAttempt {
     platform::Error result = platform::error::success;  // a resend round leaves its error here, beyond a restart too
 };
 
-/// Opens session, connection and request, sends, and waits for the answer: up to five rounds, and at most one restart.
-/// Success also when the rounds ran out; then there is no answer, and reading its headers fails. After a failure, which
-/// has been logged, the error is returned.
+/// Opens session, connection and request, sends, and waits for the answer, with the rounds and the restart of
+/// http/http_transaction.h. Success also when the rounds ran out: there is no answer then, and reading its headers
+/// fails. Any other failure is logged and returned.
 platform::Error SendAndReceive(HttpAttempt& attempt);
 
-/// The answer's raw headers.
+/// The answer's raw headers. A failure is logged.
 platform::Error ReadRawHeaders(const HttpAttempt& attempt, std::u16string& headers);
 
-/// The answer's status. A 407 is logged; what the other statuses mean is up to the caller.
+/// The answer's status. A failure and a 407 are logged; what the other statuses mean is up to the caller.
 platform::Error ReadStatus(const HttpAttempt& attempt, std::uint32_t& status);
 
 inline constexpr std::uint32_t statusOk = 200;

@@ -16,8 +16,7 @@ namespace error = platform::error;
 
 constexpr char routine[] = "InternetSendRequestEx";
 
-/// A counted body goes out as counted; any other is taken for wide text, and its number of characters for its number of
-/// bytes.
+/// A counted body is sent as counted. Any other counts as wide text, and its number of characters as its bytes.
 std::size_t BytesToSend(std::string_view data, RequestKind kind, std::size_t dataLength) {
     if (kind != RequestKind::REQUEST_POST_BINARY || dataLength == 0) return data.size() / sizeof(char16_t);
     if (dataLength > data.size()) {
@@ -26,8 +25,8 @@ std::size_t BytesToSend(std::string_view data, RequestKind kind, std::size_t dat
     return std::min(dataLength, data.size());
 }
 
-/// Reads the answer into one buffer, each read at its start, and takes it as wide text up to its end or the first zero.
-/// A failed read ends the answer like its end, and so does an answer that is longer than can be wanted.
+/// Reads the answer into one buffer, each read at its start, and takes the buffer as wide text up to the first zero. A
+/// failed read counts as the end of the answer, which is also cut when it is too long.
 Error ReceiveText(const HttpAttempt& attempt, OptionalText& response) {
     std::uint32_t length = 0;
     if (const Error failure = Http().WinHttpQueryHeadersNumber(

@@ -15,7 +15,7 @@ namespace {
 using platform::Error;
 namespace error = platform::error;
 
-/// The failures of which another address may be free.
+/// The failures that another address may not have.
 bool IsTransportFailure(Error result) {
     return result == error::winHttpTimeout || result == error::winHttpNameNotResolved ||
            result == error::winHttpCannotConnect;
@@ -65,7 +65,7 @@ void TryAddresses(AddressedRequest& request) {
     if (!IsTransportFailure(request.result)) return;
     AttemptAndRemember(request, agentState.gv_ServerIPAddress);
     if (request.result == error::success) return;
-    // From the first address on to the second one any failure leads, further on only those of the transport.
+    // Any failure leads from the first IP address to the second, only a transport failure leads further.
     AttemptAndRemember(request, agentState.gv_ServerSecIPAddress);
     if (!IsTransportFailure(request.result)) return;
     AttemptAndRemember(request, agentState.gv_ServerName);

@@ -1,4 +1,4 @@
-// The server's side of one-off requests: its address and the answers that go there.
+// The server's side of one-off requests: its URL, and the answers that are posted there.
 #pragma once
 
 #include <string>
@@ -12,14 +12,14 @@ namespace kv {
 /// "&name=value".
 std::u16string RequestServletUrl();
 
-/// A text of a request, or an empty one where there is none.
+/// A text of a request; empty when the member is absent or is not a text.
 std::u16string RequestText(const HashTable* request, std::u16string_view key);
 
 /// Path and query under which the answer to a request is posted.
 std::u16string RequestAnswerUrl(std::u16string_view action, std::u16string_view requestId);
 
-/// Posts the answer to a request, JSON text in UTF-16LE. One that the server does not take is lost, with a log line;
-/// action and requestId say to what it is the answer.
+/// Posts the answer to a request, JSON text, as UTF-16LE. action and requestId say which request. An answer that the
+/// server does not take is lost, with a log line.
 void PostRequestAnswer(std::u16string_view action, std::u16string_view requestId, std::u16string_view json);
 
 }  // namespace kv

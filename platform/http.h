@@ -18,7 +18,7 @@
 
 namespace platform {
 
-/// A session, connection or request; 0 is none.
+/// A session, connection or request; 0 is null.
 using HttpHandle = std::uintptr_t;
 
 enum class HttpProxyAccess : std::uint32_t { noProxy = 1, namedProxy = 3 };

@@ -21,11 +21,11 @@ bool IsHostName(std::u16string_view server);
 /// Whether a text can be one header line: a name, a colon and more, without a line end or a zero character.
 bool IsHeaderLine(std::u16string_view header);
 
-/// Whether a list of proxies names any, besides separators.
+/// Whether a list of proxies has more in it than separators.
 bool NamesProxy(std::u16string_view list);
 
-/// Whether an answer with this status is a redirect that is followed. A POST goes on only where its body is asked for
-/// again: as a GET it would be answered, and its data nowhere.
+/// Whether an answer with this status is a redirect that is followed. A POST is only when the status asks for its body
+/// again: it would become a GET otherwise, which is answered while the data is lost.
 bool IsFollowedRedirect(std::uint32_t status, bool post);
 
 /// Redirects that one request follows, as WinHTTP does by default.
@@ -35,7 +35,7 @@ inline constexpr int maxRedirects = 10;
 /// longest silence allowed by default there is a minute for them, and no peer holds a thread with a line now and then.
 inline constexpr std::chrono::seconds httpHeaderLimit{90};
 
-/// Fewer bytes than this within this time are no transfer any more. The slowest modem line carries a hundred times as
+/// A transfer of fewer bytes than this within this time is given up. The slowest modem line carries a hundred times as
 /// much.
 inline constexpr std::int64_t slowestPaceBytes = 1024;
 inline constexpr std::chrono::minutes slowestPaceTime{5};

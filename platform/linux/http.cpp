@@ -25,7 +25,7 @@ namespace {
 struct CurlHttp {
     struct Session {
         std::string userAgent;
-        std::string proxyList;  // empty for none
+        std::string proxyList;  // may be empty
         std::string bypassList;
     };
 

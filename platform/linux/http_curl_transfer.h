@@ -32,7 +32,7 @@ struct CurlTransferSettings {
     std::size_t bodySize = 0;
     std::string userAgent;
     std::vector<std::string> headers;      // whole lines; "Name:" suppresses one that libcurl adds by itself
-    std::string proxy;                     // "host:port", or empty for none, whatever the environment says
+    std::string proxy;                     // "host:port", or empty to go directly, whatever the environment says
     std::optional<std::string> proxyUser;  // offered up front
     std::optional<std::string> proxyPassword;
     std::uint32_t securityFlags = 0;           // platform/http.h
@@ -53,7 +53,7 @@ class CurlTransfer {
     Error Send();
 
     /// Waits for the headers of the final answer. A proxy that refuses a tunnel has given the final answer. A server
-    /// that accepts a body and hangs up without having read all of it has given none: winHttpConnectionError.
+    /// that accepts a body and hangs up before it has read all of it has not answered: winHttpConnectionError.
     Error ReceiveHeaders();
 
     /// Waits until bytes of the body are there, and says how many; 0 at its end.

@@ -91,7 +91,7 @@ std::string_view TakePrefix(std::string_view& text, std::string_view separator) 
     return prefix;
 }
 
-/// Splits "host:port" and "[address]:port"; the port is empty where none is given. A bare IPv6 address has no port.
+/// Splits "host:port" and "[address]:port"; the port is empty when it is not given. A bare IPv6 address has no port.
 std::pair<std::string_view, std::string_view> SplitPort(std::string_view text) {
     std::size_t hostEnd = text.size();
     if (text.starts_with('[')) {

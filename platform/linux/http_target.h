@@ -31,9 +31,9 @@ std::optional<HttpTarget> RedirectedTarget(const HttpTarget& from, std::string_v
 /// "https://" and end in ":port", and then holds for that scheme or port only.
 bool IsBypassed(std::string_view bypassList, const HttpTarget& target);
 
-/// The proxy of a proxy list for a target, as "host:port"; empty for none. The list is "host:port", "http://host:port"
-/// or entries such as "http=host:port;https=host:port"; the port is 80 where none is given. An
-/// IPv6 address without brackets is a host without a port.
+/// The proxy of a proxy list for a target, as "host:port"; empty when the list has none for its scheme. The list is
+/// "host:port", "http://host:port" or entries such as "http=host:port;https=host:port". An entry without port means
+/// port 80; an IPv6 address without brackets is a host without port.
 std::string ProxyFromList(std::string_view proxyList, const HttpTarget& target);
 
 }  // namespace platform

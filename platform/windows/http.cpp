@@ -45,7 +45,7 @@ struct WinHttp {
         HttpTarget target;
 
         // What the system was told, to be told again where a redirect leads on.
-        std::wstring acceptType;  // empty for none
+        std::wstring acceptType;  // may be empty
         DWORD flags = 0;
         std::vector<std::wstring> headers;
         std::map<HttpOption, std::uint32_t> numbers;

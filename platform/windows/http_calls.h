@@ -20,7 +20,7 @@ Error LastHttpError();
 /// The result of a call that says whether it has succeeded.
 inline Error HttpResultOf(BOOL succeeded) { return succeeded ? error::success : LastHttpError(); }
 
-/// Owns a session, connection or request, or none.
+/// Owns a session, connection or request; may be null.
 class InternetHandle {
   public:
     InternetHandle() = default;
@@ -50,7 +50,7 @@ Error SetText(HINTERNET handle, DWORD option, std::wstring text);
 /// The text of a header of the request's answer; winHttpHeaderNotFound where it has none. The query is WinHTTP's.
 Error QueryHeaderText(HINTERNET request, DWORD query, std::wstring& text);
 
-/// The length that the answer declares for its body.
+/// The length that the answer declares for its body; winHttpInvalidServerResponse when it is not a number.
 Error QueryContentLength(HINTERNET request, std::uint64_t& length);
 
 /// The answer's status.

@@ -151,7 +151,7 @@ TEST_F(Collection, OnlyScriptsBelowTheScriptsDirectoryRunByTheirHost) {
          {u"/bin/true", u"..\\..\\..\\outside.sh", u"", u"sub..dir/../../../../outside.sh", u"c:x.sh"})
         ExecuteScript(name, u"", u"true");
     EXPECT_EQ(agentState.gv_ocLastCreatedJSONNum, 0u) << "none came as far as taking a number";
-    EXPECT_TRUE(Logged("..\\..\\..\\outside.sh names nothing below the scripts directory"));
+    EXPECT_TRUE(Logged("..\\..\\..\\outside.sh does not name a file below the scripts directory"));
     ExecuteScript(u"sub..dir\\deep.bat", u"", u"true");
     EXPECT_EQ(Record(1), "ran" + lineEnd);
     ExecuteScript(u"missing.sh", u"", u"yes");
@@ -179,7 +179,7 @@ TEST_F(Collection, AFullDiskCostsTheRecordInHandOnly) {
         const std::string firstBlock = std::string(65535, 'x') + "\n";
         Write(bin / "big", firstBlock + std::string(50000, 'x'));
         EXPECT_EQ(RunScript(printFile + "big"), firstBlock);
-        EXPECT_TRUE(Logged("Agent_K_1.txt is cut after 131072 bytes and goes out so"));
+        EXPECT_TRUE(Logged("Agent_K_1.txt is sent as it is, cut after 131072 bytes"));
         Write(bin / "big", std::string(50000, 'x'));
         EXPECT_EQ(RunScript(printFile + "big"), "(none)") << "full at once";
     }

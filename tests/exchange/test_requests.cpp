@@ -148,11 +148,11 @@ TEST_F(Requests, EachRoundAsksForWhatWaitsAndLeavesTheMailboxRight) {
         {"left over", u"R &9", u"NO", empty, "NONE NO", "processing the request id R &9",
          "&action=DELETE_REQUEST&requestId=R%20%269 LIST "},
         {"cut", u"NONE", u"YES", cut, "NONE YES", "The request list was not served"},
-        {"no array", u"NONE", u"YES", R"({"RequestList": {}})", "NONE YES", "is no array"},
+        {"no array", u"NONE", u"YES", R"({"RequestList": {}})", "NONE YES", "is not an array"},
         {"no list", u"NONE", u"YES", "{}", "NONE NO", "RequestList.txt has no RequestList"},
         {"three", u"NONE", u"YES", three, "NONE NO", "START_SERVICE request without the text SERVICE_NAME",
          notice + "3&moId=K1 ", 1},
-        {"two", u"NONE", u"YES", two, "NONE NO", "AGENT_REQUEST_ID is no text", notice + "4&moId=K1,K2 ", 1},
+        {"two", u"NONE", u"YES", two, "NONE NO", "AGENT_REQUEST_ID is not a text", notice + "4&moId=K1,K2 ", 1},
         {"odd", u"NONE", u"YES", odd, "NONE NO", "DOWNLOAD_QUERYCONF request without the text AGENT_KEY is skipped"},
     };
     for (const auto& row : rows) {
@@ -203,7 +203,8 @@ TEST_F(Requests, OneThatFailsCostsNoOtherAndOnlySlavesAreDeleted) {
     EXPECT_EQ(FilesIn(conf / "slaves"), (Names{"S9", "k7"}));
     for (const char* kept : {"backup/S1", "slaves/k7"}) EXPECT_EQ(FilesIn(conf / kept), Names{"queryconf.txt"});
     EXPECT_EQ(Reloads(), 1);
-    for (const char* line : {"ended early : out of order", "agentKey points to MasterAgent", "S1 names no slave"})
+    for (const char* line :
+         {"ended early : out of order", "agentKey points to MasterAgent", "S1 is not the key of a slave"})
         EXPECT_EQ(CountInRound(line), 1) << line;
     Write(conf / "queryconf.txt", R"({"WorkFlows": []})");
     {
@@ -309,7 +310,7 @@ TEST_F(Requests, SnmpValuesGoToTheServer) {
         EXPECT_EQ(outcome.posted.substr(status, outcome.posted.rfind("\"OID\"") - status), row.outcome);
     }
     for (const char* line :
-         {"Going to retry!!!", "Going to retry2", "Var value is null", "\"2148\" is no number from 1 to 2147",
+         {"Going to retry!!!", "Going to retry2", "Var value is null", "\"2148\" is not a number from 1 to 2147",
           "no value for .1.3.1, behind which nothing is taken", "no values below .1.3.2",
           "none of the OIDs has a value", "request I 1 :: 1 of the values are not"})
         EXPECT_TRUE(Logged(line)) << line;
