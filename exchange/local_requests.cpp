@@ -46,7 +46,7 @@ const ServiceAction* FindServiceAction(std::u16string_view type) {
 constexpr RecordMember replyMembers[] = {record_member::errorMessage, record_member::collectTime,
                                          record_member::agentKey, record_member::requestId, record_member::customerId};
 
-/// A request and what becomes the reply to it.
+/// A request and the reply to it, as it is being made.
 struct Exchange {
     const HashTable* request;
     std::u16string type;
@@ -64,7 +64,7 @@ OptionalText Member(const HashTable* request, std::u16string_view key) {
     return std::nullopt;
 }
 
-/// One without which the request cannot be served in full.
+/// A text that the request cannot be served without, in whole or in part; a line when it is missing.
 OptionalText NeededMember(const Exchange& exchange, std::u16string_view key) {
     OptionalText text = Member(exchange.request, key);
     if (!text) {
@@ -74,7 +74,7 @@ OptionalText NeededMember(const Exchange& exchange, std::u16string_view key) {
     return text;
 }
 
-/// Without a name for them the rows stand under an empty one.
+/// Without a name the rows are put under an empty one.
 void TestMonitor(Exchange& exchange, std::u16string_view name) {
     const OptionalText query = NeededMember(exchange, u"WMIQUERY");
     if (!query) return;

@@ -30,7 +30,7 @@ using platform::Files;
 /// How often one line may be written for a list: more often than a good list needs, not so often that old logs go.
 constexpr std::uint32_t mostLines = 1000;
 
-/// What the requests of one list leave for its end.
+/// What the requests of one list leave to be done at its end.
 struct ListResult {
     std::u16string lastRequestId;  // of the last request that had an id
     std::u16string confKeys;       // agents for which a plan was to be downloaded, separated by commas
@@ -123,7 +123,7 @@ void Dispatch(const HashTable* request, ListResult& result) {
          GetHashText(request, u"AGENT_REQUEST_ID"));
 }
 
-/// Names in the registry the request that is being served: should it bring the agent down, the next start drops it.
+/// Names the request that is being served in the registry: if it brings the agent down, the next start drops it.
 void MarkRequest(std::u16string_view id) {
     if (const Error failure = SetRequestID(id))
         Log1("\t ParseRequestList :: RequestID cannot be set to %s. Error is [%d]\n", id, failure);

@@ -31,7 +31,7 @@ namespace error = platform::error;
 constexpr std::uint32_t pollMilliseconds = 30000;
 
 struct RequestListPaths {
-    std::u16string directory;  // with a backslash behind it
+    std::u16string directory;  // ends in a backslash
     std::u16string list;       // the file in it that holds the list while it is served
 };
 
@@ -137,8 +137,8 @@ void StoreAndServe(std::u16string_view list, const RequestListPaths& paths, bool
         Log1("\t RequestCentralServer :: %s cannot be deleted. Error is [%d]\n", paths.list, failure);
 }
 
-/// The flag is down before the list is served, so that a crash while serving cannot come back with every start; while
-/// it cannot be taken down nothing is served. It goes up again for a list that was not served at all.
+/// The flag becomes NO before the list is served, so that a list that crashes the agent is not fetched at every start;
+/// while it cannot be set, nothing is served. It becomes YES again for a list of which nothing was served.
 void TakeRequestList(const OptionalText& answer, const RequestListPaths& paths) {
     if (!WriteRequestAvailable(u"NO")) return;
     std::u16string_view list = answer ? std::u16string_view(*answer) : std::u16string_view();

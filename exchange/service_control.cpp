@@ -20,7 +20,7 @@ using platform::ServiceStatus;
 namespace service_control = platform::service_control;
 namespace service_right = platform::service_right;
 
-constexpr std::uint64_t waitLimit = 30000;  // milliseconds, beyond which a service is waited for no longer
+constexpr std::uint64_t waitLimit = 30000;  // milliseconds that a service is waited for
 
 /// In milliseconds. A status that is not pending has a wait hint of 0. Without a pause the wait for a service that
 /// never reaches its state would keep a processor and the service manager busy.
@@ -58,7 +58,7 @@ bool Open(const Task& task, std::uint32_t rights, OpenedService& opened) {
                     ServiceManager().QueryServiceStatusEx(opened.service.handle, opened.status));
 }
 
-/// An operation ends for the state that the service is in.
+/// Ends an operation because of the state that the service is in.
 bool RefuseState(const Task& task, const ServiceStatus& status) {
     Log1("\t %s :: The service %s is in the state %d, its exit codes are %d and %d. Nothing more is done\n",
          task.operation, task.service, status.dwCurrentState, status.dwWin32ExitCode, status.dwServiceSpecificExitCode);
@@ -83,7 +83,8 @@ bool PollUntil(const Task& task, ServiceHandle service, ServiceState wanted, std
     return true;
 }
 
-/// After the call that started a service: waits as long as the start is pending. One that runs too late does not count.
+/// After the call that started a service: waits while the start is pending. A service that runs too late does not
+/// count.
 bool PollStart(const Task& task, ServiceHandle service) {
     const std::uint64_t since = TickCount();
     ServiceStatus status;
@@ -123,8 +124,8 @@ bool FindDependents(const Task& task, ServiceHandle service, std::vector<Depende
     return Succeeds(task, "EnumDependentServicesW", failure);
 }
 
-/// Serves the active dependents of a service in their order, up to the first for which that fails. All have one limit,
-/// which begins here.
+/// Serves the active dependents of a service in their order, up to the first that fails. They share one limit, which
+/// begins here.
 template <class Serve>
 bool ForEachDependent(const char* operation, ServiceHandle service, Serve serve) {
     const std::uint64_t since = TickCount();

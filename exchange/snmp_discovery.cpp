@@ -57,7 +57,7 @@ SnmpResponsePtr AskForIdentity(const HashTable* request, Discovery& discovery) {
     return ask("v1");
 }
 
-/// The values up to the first that is missing; an entry that is missing takes those before it along.
+/// Takes the values up to the first that is missing. When a whole entry is missing, none counts.
 void TakeIdentity(const SnmpResponseData* response, Discovery& discovery) {
     discovery.identity.fill(std::u16string(noResponse));
     for (std::size_t i = 0; i < identityOids.size(); ++i) {

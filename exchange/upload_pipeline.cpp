@@ -33,15 +33,15 @@ constexpr std::u16string_view recordPattern = u"data\\*.txt";
 constexpr std::u16string_view zipPattern = u"zipdata\\*.zip";
 constexpr std::u16string_view unfinishedPattern = u"zipdata\\Agent_*.tmp";
 
-/// Bytes that a zip takes beside its entries: its end, and what the file system rounds up.
+/// Bytes that a zip takes besides its entries: its end, and what the file system rounds up.
 constexpr std::uint64_t zipOverhead = 8192;
 
 constexpr std::uint32_t firstWaitMilliseconds = 60000;
 
-/// How often the end of a pass's period is looked for.
+/// How often it is checked whether a pass's period is over.
 constexpr std::uint32_t periodStepMilliseconds = 5000;
 
-/// How often a record file that is still being written is looked at.
+/// How often a record file that is still being written is checked.
 constexpr std::uint32_t inUseMilliseconds = 5000;
 
 std::string ZipMessage(ZipResult result) {
@@ -50,8 +50,7 @@ std::string ZipMessage(ZipResult result) {
     return text.data();
 }
 
-/// A zip that is being packed under a name that no upload looks for. Unless it gets its own name, nothing is left of
-/// it.
+/// A zip that is being packed under a name that no upload looks for. It is deleted unless it gets its own name.
 struct ZipInProgress {
     std::u16string temporaryPath;
     ZipHandle zip = nullptr;
@@ -78,21 +77,20 @@ struct RecordFile {
     std::uint64_t zippedSize;
 };
 
-/// What a pass leaves in data: files that cannot be opened, and those that it finds no room for.
+/// What a pass leaves in "data": files that cannot be opened, and files that the disk has no room for.
 struct LeftBehind {
     int unreadable = 0;
     int files = 0;
     std::uint64_t zippedSize = 0;
 };
 
-/// How a batch went. Files that are not done with stay where they are.
+/// How a batch went. Files that are not done stay where they are.
 struct BatchResult {
     std::size_t filesDone = 0;
-    bool mayFitSmaller = false;  // the disk did not take the zip: one of fewer files may have room
+    bool mayFitSmaller = false;  // the disk did not take the zip, but may take one of fewer files
 };
 
-/// Null for what is not a file, or cannot be opened: it takes no place in a zip. One that is still being written is
-/// waited for when it is packed.
+/// Null for what is not a file or cannot be opened. A file that is still being written is waited for when it is packed.
 std::optional<RecordFile> ReadableRecord(const platform::FindData& found) {
     if (found.isDirectory) return std::nullopt;
     std::u16string path = u"data\\" + found.fileName;
@@ -107,15 +105,15 @@ std::optional<RecordFile> ReadableRecord(const platform::FindData& found) {
     return RecordFile{std::move(path), zippedSize};
 }
 
-/// Bytes that a zip may take; without a bound where the system does not say.
+/// Bytes that a zip may take; without a bound when the system cannot say.
 std::uint64_t RoomForZip() {
     std::uint64_t available = 0;
     const platform::Error error = platform::Files().GetDiskFreeSpaceExW(zipDirectory, available);
     return error == platform::error::success ? available : std::numeric_limits<std::uint64_t>::max();
 }
 
-/// Fills a batch from the search, as far as its zip has room on the disk. What does not fit behind others is for the
-/// next batch: the files of this one are gone then. What does not fit even alone is left behind.
+/// Fills a batch from the search, as far as the disk has room for its zip. A file that does not fit behind others waits
+/// for the next batch: the files of this one are deleted by then. A file that does not fit even alone is left behind.
 void FillBatch(FileSearch& search, std::size_t most, std::vector<RecordFile>& batch, LeftBehind& left) {
     const std::uint64_t room = RoomForZip();
     std::uint64_t needed = zipOverhead;
@@ -146,7 +144,7 @@ std::u16string NextZipPath(std::u16string_view nameBase) {
     }
 }
 
-/// False where nothing can be written under the zip's name. The batch is not begun then, as it would be lost.
+/// False when nothing can be written under the zip's name: the batch would be lost and is not begun.
 bool CanBeMade(const ZipInProgress& zip) {
     OpenFile file;
     const platform::Error error = file.Open(zip.temporaryPath, platform::FileAccess::write, platform::FileShare::none,
@@ -231,13 +229,13 @@ void DeleteDoneFiles(const std::vector<std::u16string>& paths) {
 /// Packs files into one zip.
 ///
 /// The zip is written under a name that is not uploaded and renamed when closed, so that a killed agent leaves no half
-/// zip in the queue; and the sources go only once the zip is closed, on the disk and renamed, so that a killed agent
-/// loses no record. A source that cannot be packed goes, too: it would come back in every pass. Where the zip is at
-/// fault, or the disk, all stay.
+/// zip in the queue. The sources are deleted only once the zip is closed, on the disk and renamed, so that a killed
+/// agent loses no record. A source that cannot be packed is deleted, too: it would come back in every pass. When the
+/// zip or the disk is at fault, all stay.
 BatchResult PackBatch(std::span<const RecordFile> batch, std::u16string_view nameBase) {
     const std::u16string path = NextZipPath(nameBase);
-    // Before there is a zip of this number, or one of these records is gone: whatever happens from here on, no later
-    // run gives their names to other content.
+    // Before there is a zip of this number, or one of these records is deleted: so no later run can give their names to
+    // other content.
     StoreLastFileNum();
     ZipInProgress zip(path + u".tmp");
     if (!CanBeMade(zip)) return {};
@@ -269,8 +267,8 @@ void DeleteUnfinishedZips() {
     }
 }
 
-/// The period runs from the start of the pass. A clock that was set back keeps the wait going, but no longer than one
-/// period, as the waiting is counted too.
+/// The period runs from the start of the pass. A clock that was set back makes the wait longer, up to one whole period,
+/// because the waiting is counted, too.
 void WaitForNextPass(std::int64_t passStart) {
     const std::int64_t period = agentState.gv_writeInterval;
     std::int64_t now = 0;

@@ -31,14 +31,14 @@ inline constexpr std::uint32_t httpFlagSecure = 0x800000;
 ///
 /// A limit on silence runs while an operation waits, and begins again with each operation and with each sign of life.
 /// While the request goes out that is a byte given to the system or acknowledged by the other side; while the answer is
-/// waited for it is that too, a whole header line or a byte of the body. All end in 12002. Two limits are fixed
-/// besides: 90 seconds from the last sign of the request to the last header, and 5 minutes for every kilobyte, on
+/// waited for it is that too, a whole header line or a byte of the body. All end in 12002. Two more limits are
+/// fixed: 90 seconds from the last sign of the request to the last header, and 5 minutes for every kilobyte, on
 /// Windows of the answer's body only.
 enum class HttpOption : std::uint32_t {
     connectTimeout = 3,  // milliseconds; 60000 unless set
     sendTimeout = 5,     // milliseconds of silence while the request goes out; 30000 unless set
     receiveTimeout = 6,  // milliseconds of silence while the answer is waited for; 30000 unless set
-    securityFlags = 31,  // SecurityFlag bits
+    securityFlags = 31,  // the bits below
     proxyUserName = 0x1002,
     proxyPassword = 0x1003,
 };
@@ -90,7 +90,7 @@ struct HttpOperations {
     /// 308); a redirect that is not followed is the answer. So is a proxy's refusal of a tunnel, which leads nowhere.
     std::function<Error(HttpHandle request)> WinHttpReceiveResponse;
 
-    /// Raw headers: the size needed is given as text length; each line ends in CRLF, an empty line ends the whole.
+    /// The raw headers, status line included: each line ends in CRLF, and an empty line ends the whole.
     std::function<Error(HttpHandle request, HttpHeaderQuery query, std::u16string& text)> WinHttpQueryHeadersText;
     std::function<Error(HttpHandle request, HttpHeaderQuery query, std::uint32_t& number)> WinHttpQueryHeadersNumber;
 

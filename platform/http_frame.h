@@ -1,5 +1,5 @@
-// The list of HTTP operations over the records of a backend: all that does not depend on the system. Handles become
-// records here, what cannot be asked for is refused, calls out of turn are, and redirects are followed.
+// The list of HTTP operations over the records of a backend: all that does not depend on the system. Here handles are
+// turned into records, arguments and the order of calls are checked, and redirects are followed.
 //
 // A backend is a class of static members, which never see a handle:
 //
@@ -146,7 +146,7 @@ class HttpFrame {
         return result;
     }
 
-    /// Where an answer leads; null where it stays the answer, as one that would leave a secure connection does.
+    /// Where an answer leads; null when it is the answer itself, as a redirect out of a secure connection is.
     template <class Target>
     static std::optional<Target> NextTarget(Request& request, const Target& present) {
         std::uint32_t status = 0;

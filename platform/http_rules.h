@@ -1,5 +1,5 @@
-// What both backends of the HTTP transport go by: the text of a URL, which redirects are followed, and the limits that
-// no option changes. Private to platform/; callable from any thread.
+// What every backend of the HTTP transport goes by: the text of a URL, which redirects are followed, and the limits
+// that no option changes. Private to platform/; callable from any thread.
 #pragma once
 
 #include <chrono>
@@ -40,7 +40,7 @@ inline constexpr std::chrono::seconds httpHeaderLimit{90};
 inline constexpr std::int64_t slowestPaceBytes = 1024;
 inline constexpr std::chrono::minutes slowestPaceTime{5};
 
-/// Holds a transfer to that pace: bytes are counted from a moment on, and again from when there are enough of them.
+/// Holds a transfer to that pace: counts its bytes from a moment on, and begins again when they are enough.
 class HttpPace {
   public:
     using TimePoint = std::chrono::steady_clock::time_point;

@@ -10,7 +10,7 @@ namespace kv::snmp {
 
 namespace {
 
-/// Results of an open, read from the low byte of what it gives.
+/// Results of opening a session, in the low byte of what it gives.
 constexpr std::uint8_t openedOutOfMemory = 99;
 constexpr std::uint8_t openedNot = 255;
 
@@ -30,8 +30,8 @@ class Session {
     std::uint8_t status_;
 };
 
-/// False when the session cannot be used, with the reason. No socket of this system is read as one of these, and an
-/// open that fails gives 0, which fails at sending.
+/// False, with the reason, when the session cannot be used. No socket of this system has one of these low bytes, and a
+/// session that could not be opened has 0 and fails at sending.
 bool IsOpen(const Session& session, std::uint8_t* status) {
     if (session.status() == openedOutOfMemory) {
         TKLOG(2, "Unable to allocate memory\n");

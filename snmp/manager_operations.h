@@ -46,7 +46,7 @@ SnmpResponseData* ConstructResponseData(const char* const* oids, std::int32_t oi
                                         const VarBindListPtr* resultVectors, const SnmpResponseData* fallback,
                                         std::int32_t requestType);
 
-/// How an exchange ended; any other value is the error status of the reply, of which one may be as these are.
+/// How an exchange ended. Any other value is the error status of the reply, which may also be one of these numbers.
 namespace exchange_status {
 inline constexpr std::uint8_t done = 0;
 inline constexpr std::uint8_t outOfMemory = 99;
@@ -55,7 +55,7 @@ inline constexpr std::uint8_t noAnswer = 101;
 inline constexpr std::uint8_t undecodable = 103;
 }  // namespace exchange_status
 
-/// One datagram out and one in. Null without an answer; a reply that cannot be decoded gives a PDU without variables.
+/// One datagram out and one in. Null without an answer. A reply that cannot be decoded gives a PDU without variables.
 SnmpPduPtr SendAndReceiveSnmpPdu(SnmpPdu* request, const char* host, std::int32_t port, std::uint8_t* status);
 
 /// Starts the engine unless the low byte of gv_agentRunFlag says that it is started: a log of its own, a socket of its

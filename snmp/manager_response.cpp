@@ -32,7 +32,7 @@ NarrowText OidText(const std::uint32_t* subIds, std::int32_t count, std::int32_t
     return text;
 }
 
-/// The text of a value that is there, and its length as the record has it.
+/// The text of a value that the variable has, and its length as the record gives it.
 NarrowText ValueText(const VarBind& varBind, std::int32_t* length) {
     switch (varBind.type) {
         case tag::integer:
@@ -57,12 +57,12 @@ NarrowText ValueText(const VarBind& varBind, std::int32_t* length) {
     }
 }
 
-/// Whatever a device sends with them, NULL and the exceptions have no value.
+/// NULL and the exceptions have no value, whatever a device sends with them.
 bool HasValue(const VarBind& varBind) {
     return varBind.valueLength > 0 && varBind.value && varBind.type != tag::null && !IsException(varBind.type);
 }
 
-/// The texts of OID and type stand in one piece of memory, which is the OID's.
+/// The texts of OID and type are in one piece of memory, which is the OID's.
 void FillValue(SnmpValue& value, const VarBind& varBind) {
     const std::size_t oidRoom = OidTextRoom(varBind.oidLength);
     value.oid = new char[oidRoom + typeTextRoom];
@@ -72,7 +72,7 @@ void FillValue(SnmpValue& value, const VarBind& varBind) {
     *std::to_chars(value.type, value.type + typeTextRoom - 1, varBind.type).ptr = '\0';
 }
 
-/// The values of one list, all records of which stand in one piece of memory.
+/// The values of one list; their records are in one piece of memory.
 void FillVarList(SnmpVarList& list, const TkVector& vector) {
     const auto count = static_cast<std::size_t>(vector.count);
     list.values = new SnmpValue* [count] {};

@@ -14,7 +14,7 @@ namespace kv::snmp {
 
 namespace {
 
-/// A getnext from an OID; null with a word on it when memory ran out or the community is too long.
+/// A getnext from an OID. Null, with a line, when memory ran out or the community is too long.
 SnmpPduPtr MakeWalkPdu(const ManagerRequest& request, const std::vector<std::uint32_t>& oid) {
     RequestVarBinds varBinds;
     if (!AddRequestVarBind(varBinds, oid.data(), static_cast<std::int32_t>(oid.size()))) {
@@ -30,7 +30,7 @@ SnmpPduPtr MakeWalkPdu(const ManagerRequest& request, const std::vector<std::uin
     return pdu;
 }
 
-/// Makes a request that has been sent ask from another OID; what a failed build has left in it goes.
+/// Makes a request that has been sent ask from another OID, and clears what a failed build has left in it.
 void AskFrom(SnmpPdu& pdu, const std::vector<std::uint32_t>& oid) {
     pdu.errorStatus = requestErrorStatus;
     pdu.errorIndex = requestErrorIndex;
@@ -167,7 +167,7 @@ void Walk::TakeValues(TkVector& answer, TkVector& values) {
     TakeVarBinds(&values, &answer);
 }
 
-/// What the device does that ends the walk, or null.
+/// What the device does that ends the walk; null while it is within the bounds.
 const char* Walk::ReachedBound(const TkVector& values) const {
     if (values.count >= bounds_.values) return "goes on and on";
     if (bytesLeft_ <= 0) return "sends more than a request may bring";

@@ -31,22 +31,22 @@ using Clock = std::chrono::steady_clock;
 /// Headers of one answer, at most. Servers and proxies keep theirs well below 64 KiB.
 constexpr int maxHeaderBytes = 256 * 1024;
 
-/// An answer that is held back is held up to this many bytes: a longer one shows itself. As much as headers may have,
-/// so that an answer to half a body is not seen before the rest is out.
+/// An answer is held back up to this many bytes; libcurl sees a longer one. Headers may be as long, so that an answer
+/// to half a body is not seen before the rest is out.
 constexpr int heldAnswerBytes = 256 * 1024;
 
 constexpr std::chrono::milliseconds longestPoll{1000};
 
-/// An answer that is held back wakes no wait; a refusal among them is looked for this often.
+/// An answer that is held back does not end a wait. This often it is looked at, whether it is a refusal.
 constexpr std::chrono::milliseconds longestPollWhileHeld{50};
 
-/// Nor does what the other side acknowledges at the end: this often the bytes that are still on their way are counted.
+/// Nor does an acknowledgement of the last bytes. This often the bytes that are still on their way are counted.
 constexpr std::chrono::milliseconds longestDrainPoll{50};
 
-/// How long a server that has accepted a body and hangs up on it may take from the one to the other.
+/// The longest time between a server's accepting a body and its hanging up on it.
 constexpr std::chrono::milliseconds longestHangUp{100};
 
-/// The same from the end of its sending to the close, where it hangs up in these two steps.
+/// The same between the end of its sending and the close, when it hangs up in these two steps.
 constexpr std::chrono::milliseconds longestSecondStep{50};
 
 long Milliseconds(std::chrono::milliseconds time) { return static_cast<long>(time.count()); }
@@ -76,7 +76,7 @@ bool EndsSending(std::string_view answer) {
     return end != answer.npos && EndsSending(answer.substr(end + emptyLine.size()));
 }
 
-/// Lets a socket count as one that has something to read from this many bytes on, or when the other side hangs up.
+/// Lets a socket count as readable only from this many bytes on, or when the other side hangs up.
 void SetLowWater(int socket, int bytes) { setsockopt(socket, SOL_SOCKET, SO_RCVLOWAT, &bytes, sizeof bytes); }
 
 int LocalPort(int socket) {
@@ -87,15 +87,15 @@ int LocalPort(int socket) {
                                                : reinterpret_cast<const sockaddr_in&>(address).sin_port);
 }
 
-/// Looks at what a connection has to read and leaves it there; the number of bytes. A failure counts as nothing: the
-/// sending meets it, too.
+/// Copies what a connection has to read, and leaves it there; the number of bytes. A failure counts as 0: the sending
+/// meets it, too.
 std::size_t Peek(int socket, std::span<char> buffer) {
     const ssize_t count = recv(socket, buffer.data(), buffer.size(), MSG_PEEK | MSG_DONTWAIT);
     return static_cast<std::size_t>(std::max<ssize_t>(count, 0));
 }
 
-/// The same on a secure connection, as far as its next record goes. What libcurl has put below the connection works
-/// inside libcurl's calls only, where a reset outside ends the process: for the time of a look it is the socket itself.
+/// The same on a secure connection, up to the end of its next record. What libcurl has put below the connection works
+/// only inside libcurl's calls, and outside them a reset would end the process: for this look it is the socket itself.
 std::size_t Peek(SSL* connection, int socket, std::span<char> buffer) {
     BIO* direct = BIO_new_socket(socket, BIO_NOCLOSE);
     if (direct == nullptr) return 0;
@@ -225,8 +225,8 @@ int CurlTransfer::OnSocket(void* self, curl_socket_t socket, curlsocktype) {
     }
 }
 
-/// The connection stands and the request is about to go out. To libcurl an answer that is complete ends the sending,
-/// whatever it says: until the body is out, the answer stays in the socket, where libcurl does not see it.
+/// The connection is there and the request is about to go out. For libcurl a complete answer ends the sending, whatever
+/// it says: until the body is out, the answer stays in the socket, where libcurl does not see it.
 int CurlTransfer::OnRequest(void* self, char*, char*, int, int ownPort) {
     auto& transfer = *static_cast<CurlTransfer*>(self);
     for (const int socket : transfer.sockets_) {
@@ -358,7 +358,7 @@ Error CurlTransfer::EndFrom(CURLcode code) const {
     return code == CURLE_OUT_OF_MEMORY && inHeaders ? error::winHttpHeaderSizeOverflow : ErrorFromCurl(code);
 }
 
-/// Sees what has gone out since the last call. Bytes count twice, into the socket and out of it: over a slow line the
+/// Notes what has gone out since the last call. Bytes count twice, into the socket and out of it: over a slow line the
 /// socket takes megabytes at once and then goes on sending them for minutes.
 void CurlTransfer::NoteTraffic() {
     const curl_off_t formerlySent = bytesSent_;
@@ -374,7 +374,7 @@ void CurlTransfer::NoteTraffic() {
     }
 }
 
-/// The connection's socket, or -1 while there is none.
+/// The connection's socket, or -1 before there is one.
 int CurlTransfer::CurrentSocket() const {
     // CURLINFO_ACTIVESOCKET knows no socket while a transfer runs; a connected transfer waits on one only.
     fd_set toRead{};
@@ -410,9 +410,9 @@ bool CurlTransfer::HasReached(Stage stage) const {
     return false;
 }
 
-/// Lets the transfer go on until a point is reached or it is over. Until the connection stands its own limit holds,
-/// after that those of HttpTransferLimits. A transfer that ends before the point, as with an answer of 200 to half a
-/// body, has lost its connection.
+/// Lets the transfer go on until a point is reached or it is over. Until the connection is there libcurl's own limit
+/// holds, after that those of HttpTransferLimits. A transfer that ends before the point, as with an answer of 200 to
+/// half a body, has lost its connection.
 Error CurlTransfer::Run(Stage stage) {
     limits_.BeginWait(Clock::now());
     while (!HasReached(stage) && !end_) {
