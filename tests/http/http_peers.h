@@ -20,6 +20,7 @@ namespace kv::test {
 struct RunningServer {
     explicit RunningServer(std::unique_ptr<httplib::Server> made = std::make_unique<httplib::Server>())
         : server(std::move(made)), port(server->bind_to_any_port("127.0.0.1")) {
+        server->set_write_timeout(60);  // a large body takes more than the usual 5 s beside a busy machine
         server->set_keep_alive_max_count(1);
         thread = std::thread([this] { server->listen_after_bind(); });
         while (!server->is_running()) std::this_thread::yield();
