@@ -1,4 +1,4 @@
-// Block devices, of /proc/diskstats and /sys/block.
+// Block devices, from /proc/diskstats and /sys/block.
 #pragma once
 
 #include <cstdint>
@@ -8,7 +8,7 @@
 
 namespace kv::facts {
 
-/// One line of /proc/diskstats, counted since the system's start. Sectors are of 512 bytes whatever the device.
+/// One line of /proc/diskstats, counted since the system's start. A sector is 512 bytes on every device.
 struct DiskCounters {
     std::uint32_t major = 0;
     std::uint32_t minor = 0;

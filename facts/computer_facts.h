@@ -1,4 +1,4 @@
-// What the computer is, read out of texts of the kernel and the firmware.
+// What the computer is, from texts of the kernel and the firmware.
 #pragma once
 
 #include <cstdint>
@@ -17,10 +17,10 @@ std::uint16_t SystemTypeOfChassis(std::uint64_t chassis);
 /// Whether maker and model, as the firmware names them, are those of a virtual machine.
 bool IsVirtualMachine(std::string_view vendor, std::string_view model);
 
-/// The DMTF text of a date of the firmware such as "03/29/2023"; none for another text.
+/// A date of the firmware, such as "03/29/2023", as DMTF writes it; absent when the text is not such a date.
 std::optional<std::u16string> FirmwareDate(std::string_view text);
 
-/// Major and minor number of such as "5.13".
+/// Major and minor number of a text such as "5.13".
 struct VersionPair {
     std::uint64_t major = 0;
     std::uint64_t minor = 0;

@@ -8,7 +8,8 @@
 
 namespace kv::facts {
 
-/// A line of /proc/meminfo, such as "MemTotal", in KB (or without a unit as it stands); none when it is not there.
+/// A line of /proc/meminfo, such as "MemTotal", in KB (without a unit, as it stands); absent when there is no such
+/// line.
 std::optional<std::uint64_t> MemoryFigure(std::string_view memInfo, std::string_view key);
 
 /// What programs can still get without swapping, in KB: MemAvailable, or on a kernel without it what is free and what
@@ -25,7 +26,7 @@ struct ProcessorTimes {
     std::uint64_t ioWait = 0;  // idle too, but something waits for a disk
     std::uint64_t interrupts = 0;
     std::uint64_t softInterrupts = 0;
-    std::uint64_t stolen = 0;  // had by other virtual machines
+    std::uint64_t stolen = 0;  // taken by other virtual machines
 
     std::uint64_t busyTicks() const { return user + nice + kernel + interrupts + softInterrupts + stolen; }
     std::uint64_t idleTicks() const { return idle + ioWait; }

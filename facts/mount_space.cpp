@@ -45,7 +45,7 @@ struct OpenQuestion {
 
 using OpenQuestionPtr = std::shared_ptr<OpenQuestion>;
 
-/// The questions that have no answer yet, by mount. What is mounted anew at the same place is another mount.
+/// The questions that have no answer yet, by mount. What is mounted again at the same place is another mount.
 struct OpenQuestions {
     std::mutex mutex;
     std::map<std::string, OpenQuestionPtr> byMount;

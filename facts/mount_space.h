@@ -16,16 +16,16 @@ struct SpaceAnswer {
     FileSystemSpace space;
 };
 
-/// May block for ever. Called on a thread that outlives the query, so it owns what it uses.
+/// May block forever. It is called on a thread that may outlive the query, so it has to own what it uses.
 using SpaceQuestion = std::function<SpaceAnswer(const std::string& mountPoint)>;
 
 /// statvfs(3).
 SpaceAnswer AskFileSystem(const std::string& mountPoint);
 
-/// Asks each mount on a thread of its own and waits for all together no longer than the bound; in the order of the
-/// mounts, with none for one that has not answered, of which a notice tells. No mount is asked while an earlier
-/// question to it is open: such a question is waited for until its own bound is over, thus not at all when it is long
-/// past.
+/// Asks each mount on a thread of its own, and waits at most the bound for all together. The answers are in the order
+/// of the mounts; that of a mount that has not answered is absent, and a notice tells of it. A mount is not asked again
+/// while an earlier question to it is open. That question is waited for until its own bound is over: not at all when
+/// that has passed.
 std::vector<std::optional<SpaceAnswer>> AskMounts(const std::vector<Mount>& mounts, const SpaceQuestion& question,
                                                   std::chrono::milliseconds bound,
                                                   const std::function<void(std::string)>& notice);

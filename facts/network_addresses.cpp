@@ -31,7 +31,7 @@ std::string_view Beyond(std::string_view bytes, std::size_t length) {
     return bytes.substr(std::min((length + step - 1) / step * step, bytes.size()));
 }
 
-/// The content of an attribute of a message; empty when there is none.
+/// The content of an attribute of a message; empty when there is no such attribute.
 std::string_view AttributeIn(std::string_view attributes, unsigned short type) {
     while (attributes.size() >= sizeof(rtattr)) {
         const auto header = RecordAt<rtattr>(attributes);

@@ -14,16 +14,17 @@ namespace kv::facts {
 struct InterfaceAddress {
     std::uint32_t interfaceIndex = 0;
     bool isVersion4 = false;
-    std::optional<std::uint32_t> secondsLeft;  // until it is no longer valid; none: it stays
+    std::optional<std::uint32_t> secondsLeft;  // until it is no longer valid; absent: forever
 };
 
-/// The addresses in the kernel's answer to RTM_GETADDR (rtnetlink(7)); stops at its end, and at what is malformed.
+/// The addresses in the kernel's answer to RTM_GETADDR (rtnetlink(7)); stops at its end, or at the first malformed
+/// message.
 std::vector<InterfaceAddress> ParseAddressMessages(std::string_view bytes);
 
 /// All addresses of this computer; empty when the kernel does not tell.
 std::vector<InterfaceAddress> ReadInterfaceAddresses();
 
-/// The interface of each default route by a gateway, of /proc/net/route and /proc/net/ipv6_route.
+/// The interface of each default route through a gateway, from /proc/net/route and /proc/net/ipv6_route.
 std::vector<std::string> ParseDefaultRoutes(std::string_view route);
 std::vector<std::string> ParseDefaultRoutes6(std::string_view route);
 

@@ -15,7 +15,7 @@ namespace fs = std::filesystem;
 
 std::string FolderOf(const std::string& name) { return "/sys/class/net/" + name; }
 
-/// None for what is no interface, or no longer.
+/// Absent when the name is not an interface, or no longer one.
 std::optional<NetworkInterface> ReadInterface(std::string name) {
     const std::string folder = FolderOf(name);
     const std::optional<std::uint64_t> index = ReadSystemNumber(folder + "/ifindex");

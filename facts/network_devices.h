@@ -46,10 +46,10 @@ struct InterfaceDevice {
 
 InterfaceDevice ReadInterfaceDevice(const NetworkInterface& interface);
 
-/// What stands after a key in the first line that begins with it; empty when there is none.
+/// What stands after a key in the first line that begins with it; empty when there is no such line.
 std::string_view ValueAfter(std::string_view key, std::string_view text);
 
-/// Bits per second of an interface as its driver tells it; none for one that has no speed or is down.
+/// Bits per second of an interface as its driver tells it; absent when it has no speed, or is down.
 std::optional<std::uint64_t> InterfaceSpeed(const std::string& name);
 
 }  // namespace kv::facts

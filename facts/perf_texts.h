@@ -1,4 +1,4 @@
-// The kernel's counts of events for the system as a whole (proc(5)), taken apart.
+// The kernel's counts of events in the whole system, from files of proc(5).
 #pragma once
 
 #include <cstdint>
@@ -15,7 +15,7 @@ std::optional<std::uint64_t> NumberUnder(std::string_view text, std::string_view
 /// which count errors of the computer as a whole, are left out, but for a single processor are not told apart.
 std::map<std::uint32_t, std::uint64_t> SumByProcessor(std::string_view text);
 
-/// Threads of all processes, of /proc/loadavg.
+/// The number of threads of all processes, from /proc/loadavg.
 std::optional<std::uint64_t> ParseThreadCount(std::string_view text);
 
 }  // namespace kv::facts

@@ -1,4 +1,4 @@
-// What /proc tells of processes (proc(5)): fetching a file is one routine, and each file has one that takes it apart.
+// What /proc tells of processes (proc(5)). One routine fetches a file; for each file another parses it.
 #pragma once
 
 #include <cstdint>
@@ -32,7 +32,7 @@ struct ProcessStat {
     bool isProcess = true;  // false: a further thread of one, which /proc holds too but does not list
 };
 
-/// None for a text that is none of this form.
+/// Absent when the text has another form.
 std::optional<ProcessStat> ParseProcessStat(std::string_view text);
 
 /// /proc/<id>/io: readable only for one's own processes, or for all by the superuser.
@@ -43,10 +43,10 @@ struct ProcessIo {
     std::uint64_t writeOperations = 0;  // syscw
 };
 
-/// None for a text that lacks one of the four.
+/// Absent when one of the four is missing.
 std::optional<ProcessIo> ParseProcessIo(std::string_view text);
 
-/// The memory lines of /proc/<id>/status, in bytes; 0 for what is not there, as with threads of the kernel.
+/// The memory lines of /proc/<id>/status, in bytes; 0 for a line that is missing, as with threads of the kernel.
 struct ProcessMemory {
     std::uint64_t peakVirtual = 0;   // VmPeak
     std::uint64_t peakResident = 0;  // VmHWM
@@ -75,15 +75,15 @@ class ProcessFiles {
   public:
     ProcessFiles();
 
-    /// A file such as "stat", at most 1 MB of it, in memory that the next call uses again; none when the process is
-    /// gone or not one's own.
+    /// A file such as "stat", at most 1 MB of it, in memory that the next call uses again; absent when the process is
+    /// gone, or may not be read.
     std::optional<std::string_view> Read(std::uint32_t processId, const char* file);
 
-    /// The file that a process runs, also one that has been deleted or replaced since; none as above, and for threads
-    /// of the kernel.
+    /// The file that a process runs, also one that has been deleted or replaced since; absent as above, and for
+    /// threads of the kernel.
     std::optional<std::string> ReadExecutablePath(std::uint32_t processId);
 
-    /// Files that a process holds open; none when it is gone or not one's own.
+    /// The number of files that a process holds open; absent as above.
     std::optional<std::uint64_t> CountOpenFiles(std::uint32_t processId) const;
 
   private:

@@ -41,7 +41,7 @@ constexpr Architecture architectures[] = {
 
 bool IsArm(const CpuBlock& block) { return !block.field("CPU implementer").empty(); }
 
-/// Two numbers as the bytes of one; none when either is missing.
+/// Two numbers as the bytes of one; absent when either is missing.
 std::optional<std::uint64_t> TwoBytes(std::optional<std::uint64_t> high, std::optional<std::uint64_t> low) {
     constexpr unsigned byteBits = 8;
     if (!high || !low) return std::nullopt;

@@ -10,8 +10,8 @@
 
 namespace kv::facts {
 
-/// The number in Win32_Processor.Architecture of a machine as uname(2) names it; none for one that Windows has never
-/// run on.
+/// The number in Win32_Processor.Architecture of a machine as uname(2) names it; absent when Windows has never run
+/// on it.
 std::optional<std::uint16_t> ArchitectureOf(std::string_view machine);
 
 /// "64-bit" or "32-bit".
@@ -20,7 +20,7 @@ std::string_view WordWidthOf(std::string_view machine);
 /// "x64-based PC" and the like.
 std::string SystemTypeOf(std::string_view machine);
 
-/// "GenuineIntel", "AuthenticAMD", on ARM the company's name; none where it is not known.
+/// "GenuineIntel", "AuthenticAMD", on ARM the company's name; absent when it is not known.
 std::optional<std::string> ManufacturerOf(const CpuBlock& block);
 
 /// The name that the processor gives itself, on ARM its maker and the number of its design.

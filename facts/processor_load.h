@@ -14,11 +14,11 @@ namespace kv::facts {
 
 using TimesByProcessor = std::map<std::uint32_t, ProcessorTimes>;
 
-/// The samples taken so far, as far as they may still serve. Callable from any thread.
+/// The samples that may still be compared with. Any thread may call it.
 class LoadHistory {
   public:
-    /// Takes a sample, and gives the one to compare it with: the last that is at least a second older; none (an empty
-    /// one: the system's start) where there is no such sample.
+    /// Takes a sample, and gives the one to compare it with: the last that is at least a second older. When there is
+    /// no such sample it gives an empty one, which stands for the system's start.
     TimesByProcessor exchange(const TimesByProcessor& sample, std::chrono::steady_clock::time_point now);
 
   private:

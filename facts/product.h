@@ -1,5 +1,5 @@
 // How the maker names the computer: in the firmware's tables, or in the device tree that many computers have instead.
-// All is UTF-8, and none where the maker tells nothing, as on some virtual machines.
+// All texts are UTF-8. They are absent when the maker tells nothing, as on some virtual machines.
 #pragma once
 
 #include <optional>

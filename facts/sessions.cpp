@@ -16,14 +16,14 @@ namespace kv::facts {
 namespace {
 
 template <std::size_t Size>
-std::string TextOf(const char (&field)[Size]) {
+std::string UtmpText(const char (&field)[Size]) {
     return std::string(field, strnlen(field, Size));
 }
 
 using OwnedText = std::unique_ptr<char, decltype(&std::free)>;
 
-/// What a routine of sd-login tells of a session; empty when nothing.
-std::string AskOf(const char* session, int (*ask)(const char*, char**)) {
+/// What a routine of sd-login tells of a session; empty when it tells nothing.
+std::string SessionText(const char* session, int (*ask)(const char*, char**)) {
     char* text = nullptr;
     if (ask(session, &text) < 0) return {};
     const OwnedText owned(text, std::free);
@@ -37,17 +37,17 @@ std::string NameOfUser(std::uint32_t id) {
     return fmt::format("{}", id);  // a user of a directory service, which may not answer
 }
 
-/// None for a session that is no user's, such as that of a login screen, and for one that is over but for what its
-/// user has left running.
+/// Absent for a session that does not belong to a user, such as that of a login screen, and for one that has ended
+/// except for what its user has left running.
 std::optional<Session> ReadSession(const char* id) {
     uid_t user = 0;
-    const bool isOfUser = AskOf(id, sd_session_get_class).starts_with("user");
-    if (!isOfUser || AskOf(id, sd_session_get_state) == "closing" || sd_session_get_uid(id, &user) < 0) return {};
-    const std::string terminal = AskOf(id, sd_session_get_tty);
-    return Session{NameOfUser(user), terminal.empty() ? AskOf(id, sd_session_get_display) : terminal};
+    const bool isOfUser = SessionText(id, sd_session_get_class).starts_with("user");
+    if (!isOfUser || SessionText(id, sd_session_get_state) == "closing" || sd_session_get_uid(id, &user) < 0) return {};
+    const std::string terminal = SessionText(id, sd_session_get_tty);
+    return Session{NameOfUser(user), terminal.empty() ? SessionText(id, sd_session_get_display) : terminal};
 }
 
-/// Those of systemd's login manager, of the files that it keeps; none where it does not run.
+/// The sessions in the files of systemd's login manager; absent when it does not run.
 std::optional<std::vector<Session>> ReadManagedSessions() {
     char** ids = nullptr;
     if (access("/run/systemd/sessions", F_OK) != 0 || sd_get_sessions(&ids) < 0) return std::nullopt;
@@ -67,7 +67,7 @@ std::vector<Session> ParseSessions(std::string_view utmp) {
     for (; utmp.size() >= sizeof(struct utmp); utmp.remove_prefix(sizeof(struct utmp))) {
         struct utmp record {};
         std::memcpy(&record, utmp.data(), sizeof record);
-        if (record.ut_type == USER_PROCESS) sessions.push_back({TextOf(record.ut_user), TextOf(record.ut_line)});
+        if (record.ut_type == USER_PROCESS) sessions.push_back({UtmpText(record.ut_user), UtmpText(record.ut_line)});
     }
     return sessions;
 }

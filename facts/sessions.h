@@ -1,4 +1,4 @@
-// Who is logged in, of utmp(5), or of systemd's login manager where the system keeps no such file.
+// Who is logged in, from utmp(5), or from systemd's login manager when the system does not keep that file.
 #pragma once
 
 #include <cstddef>
@@ -18,10 +18,10 @@ struct Session {
 /// Those of a utmp file; a part of a record at its end is left out.
 std::vector<Session> ParseSessions(std::string_view utmp);
 
-/// The sessions; none where the system keeps no account of them.
+/// The sessions; absent when the system does not record them.
 std::optional<std::vector<Session>> ReadSessions();
 
-/// The user at the computer's own screen and keyboard; none when nobody is.
+/// The user at the computer's own screen and keyboard; absent when nobody is logged in there.
 std::optional<std::string> ConsoleUserOf(const std::vector<Session>& sessions);
 
 }  // namespace kv::facts

@@ -23,8 +23,8 @@ struct SmbiosStructure {
     std::uint16_t wordAt(std::size_t offset) const;
     std::uint32_t doubleWordAt(std::size_t offset) const;
 
-    /// The string whose number stands at an offset, without blanks at its ends; none where there is none, or it is
-    /// empty.
+    /// The string whose number stands at an offset, without blanks at its ends; absent when there is no such string,
+    /// or it is empty.
     std::optional<std::string> stringAt(std::size_t offset) const;
 };
 
@@ -32,17 +32,17 @@ struct SmbiosStructure {
 /// malformed. The result refers to the bytes.
 std::vector<SmbiosStructure> ParseSmbios(std::string_view table);
 
-/// The first structure of a type; one without anything in it when there is none.
+/// The first structure of a type; an empty one when there is none.
 SmbiosStructure FirstOfType(const std::vector<SmbiosStructure>& structures, std::uint8_t type);
 
-/// None for 0, which stands for unknown in many of a structure's numbers.
+/// Absent for 0, which means unknown in many numbers of a structure.
 std::optional<std::uint32_t> KnownNumber(std::uint32_t number);
 
-/// This computer's table; empty where there is none, or it may not be read.
+/// This computer's table; empty when there is none, or it may not be read.
 std::string ReadSmbiosTable();
 
-/// A text of the tables that the kernel hands out by itself, such as "sys_vendor"; none where there is none, or it may
-/// not be read.
+/// A text of the tables that the kernel hands out by itself, such as "sys_vendor"; absent when there is no such text,
+/// or it may not be read.
 std::optional<std::string> ReadDmi(std::string_view name);
 
 /// A text of the device tree, which other computers have instead of the tables, such as "model"; of several the first.

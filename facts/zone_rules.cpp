@@ -78,11 +78,11 @@ std::optional<ClockChange> TakeChange(std::string_view& text) {
     constexpr std::int32_t usualTime = 2 * secondsOfHour;
     constexpr std::int32_t months = 12;
     constexpr std::int32_t weeks = 5;
-    constexpr std::int32_t none = -1;
+    constexpr std::int32_t absent = -1;
     if (!Take(text, ',') || !Take(text, 'M')) return std::nullopt;
-    const std::int32_t month = TakeNumber(text).value_or(none);
-    const std::int32_t week = Take(text, '.') ? TakeNumber(text).value_or(none) : none;
-    const std::int32_t day = Take(text, '.') ? TakeNumber(text).value_or(none) : none;
+    const std::int32_t month = TakeNumber(text).value_or(absent);
+    const std::int32_t week = Take(text, '.') ? TakeNumber(text).value_or(absent) : absent;
+    const std::int32_t day = Take(text, '.') ? TakeNumber(text).value_or(absent) : absent;
     const std::optional<std::int32_t> time = Take(text, '/') ? TakeTime(text) : usualTime;
     if (month < 1 || month > months || week < 1 || week > weeks || day < 0 || day >= daysOfWeek) return std::nullopt;
     if (!time) return std::nullopt;

@@ -32,14 +32,14 @@ struct ZoneRules {
     std::optional<DaylightSaving> daylight;
 };
 
-/// Parses such as "CET-1CEST,M3.5.0,M10.5.0/3". A winter time that is declared as the exception comes out as the rule.
-/// A change outside of its day is moved to the next or previous one. Days counted by the year, which no zone changes
-/// its clocks on, and months and weeks that are none, count as no change. None for a text that is none of this form.
+/// Parses a text such as "CET-1CEST,M3.5.0,M10.5.0/3". A winter time that is declared as the exception comes out as the
+/// rule. A change outside of its day is moved to the next or previous one. Days counted by the year, which no zone
+/// changes its clocks on, and impossible months and weeks, count as no change. Absent when the text has another form.
 std::optional<ZoneRules> ParseZoneRules(std::string_view text);
 
 /// The zone that the computer is set to.
 struct Zone {
-    std::string name;  // such as "Europe/Berlin"; empty where it has none
+    std::string name;  // such as "Europe/Berlin"; empty when it has no name
     std::optional<ZoneRules> rules;
 };
 

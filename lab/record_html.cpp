@@ -124,7 +124,7 @@ void AddField(std::string& html, std::string_view name, json_object* value) {
 
 /// What a polled SNMP device's record or answer says of the whole poll.
 struct SnmpResult {
-    std::string_view heading;  // policy or OIDs; empty: the document is none of that kind
+    std::string_view heading;  // policy or OIDs; empty: the document is of another kind
     std::string_view headingName;
     std::string_view status;
     std::vector<std::string_view> oids;  // as requested

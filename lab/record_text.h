@@ -35,7 +35,7 @@ json_object* JsonText(std::string_view text);
 /// A document without blanks, slashes as they stand.
 std::string PlainJson(json_object* document);
 
-/// A record file's bytes (UTF-16LE) as UTF-8; what is no valid text becomes U+FFFD. Says whether it is JSON.
+/// A record file's bytes (UTF-16LE) as UTF-8; what is not valid text becomes U+FFFD. Says whether it is JSON.
 RecordText DecodeRecord(const std::string& file, std::string_view bytes);
 
 /// UTF-8 with each ill-formed sequence replaced by U+FFFD.
@@ -54,7 +54,7 @@ std::string UtcText(std::int64_t time);
 std::string RecordLine(const Record& record);
 
 /// { "records": [ { "number", "agent", "zip", "file", "time", "json", "values" } ] }; values is the record's document,
-/// or its text when it is no JSON.
+/// or its text when it is not JSON.
 std::string RecordsJson(const std::vector<Record>& records);
 
 }  // namespace kv::lab

@@ -21,7 +21,7 @@ std::string ErrorText(platform::Error failure) {
 }
 
 /// For a message.
-std::string PlaceOf(const std::string& stateDirectory) {
+std::string RegistryPlace(const std::string& stateDirectory) {
     if (!stateDirectory.empty()) return stateDirectory;
     const char* configured = std::getenv(stateVariable);
     return configured && *configured ? configured : "/var/lib/kvagent";
@@ -42,7 +42,7 @@ void RequireAgentSettings(const std::string& place) {
     platform::Registry().RegCloseKey(key);
 }
 
-/// The key that the registry's agent has; empty when it has none yet.
+/// The key that the registry's agent has; empty when it does not have one yet.
 std::string RegistryAgentKey(const std::string& place) {
     OptionalText key;
     const platform::Error failure = GetOCAgentKey(key);
@@ -50,13 +50,13 @@ std::string RegistryAgentKey(const std::string& place) {
     return platform::Utf8FromWide(key.value_or(u""));
 }
 
-/// Makes the registry that the options name the current one, which has to be that of the agent.
+/// Opens the registry that the options name. It has to be that of the agent.
 void OpenAgentRegistry(const Given& given, const std::string& agent) {
     const std::string stateDirectory = Value(given, "--state");
     if (!stateDirectory.empty()) setenv(stateVariable, stateDirectory.c_str(), 1);
     platform::InstallBackend();
     platform::InstallRegistry();
-    const std::string place = PlaceOf(stateDirectory);
+    const std::string place = RegistryPlace(stateDirectory);
     RequireAgentSettings(place);
     const std::string found = RegistryAgentKey(place);
     if (found == agent) return;

@@ -12,7 +12,7 @@ namespace kv::lab {
 
 /// Has a request added for an agent (add gives its id), raises the flag and prints the id, by the options --database,
 /// --state and --no-flag. Nothing is added when the agent is unknown, or its registry is missing (NotFoundError) or is
-/// another agent's (std::runtime_error); with --no-flag none of that is looked at.
+/// another agent's (std::runtime_error); with --no-flag nothing of that is checked.
 void QueueForAgent(const Given& given, const std::string& agent, const std::function<std::string(Store&)>& add);
 
 }  // namespace kv::lab

@@ -89,7 +89,7 @@ void EndSilentRequests(sqlite3* connection, const Report& report, bool including
             report.agent, report.requestId, Now(), static_cast<std::int64_t>(includingItself));
 }
 
-/// Ends a request that has not come to an end, or to none but that of having been forgotten.
+/// Ends a request that has not ended yet, or only by being forgotten.
 void EndRequest(sqlite3* connection, const Report& report, std::string_view state) {
     Execute(connection,
             "UPDATE request SET state = ?3, ended = ?4 "

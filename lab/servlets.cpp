@@ -46,7 +46,7 @@ std::string KeyParameter(const ServletRequest& request, const std::string& name)
     std::string key = RequiredParameter(request, name);
     const auto good = [](char c) { return c > ' ' && c < 0x7F && c != '/' && c != '\\'; };
     if (key.size() > maxKeyLength || !std::all_of(key.begin(), key.end(), good))
-        throw BadRequest("the parameter " + name + " is no agent key");
+        throw BadRequest("the parameter " + name + " is not an agent key");
     return key;
 }
 
@@ -56,7 +56,7 @@ std::int64_t NumberParameter(const ServletRequest& request, const std::string& n
     std::int64_t number = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
     if (error != std::errc() || end != text.data() + text.size() || number < 0)
-        throw BadRequest("the parameter " + name + " is no number");
+        throw BadRequest("the parameter " + name + " is not a number");
     return number;
 }
 

@@ -53,12 +53,12 @@ struct Agent {
     AgentDetails details;
     std::int64_t firstContact = 0;
     std::int64_t lastContact = 0;
-    std::string status;  // of the last status report since it enrolled; empty: none
+    std::string status;  // of the last status report since it enrolled; empty: there was none
     std::int64_t statusTime = 0;
 };
 
-/// Stores an agent's details and gives its key. One that has none gets the key that its id and DNS name got before,
-/// else a new one: "LAB" and a number.
+/// Stores an agent's details and gives its key. An agent without a key gets the one that its id and DNS name got
+/// before, else a new one: "LAB" and a number.
 std::string EnrolAgent(Store& store, const AgentDetails& details, bool hasKey);
 
 /// Notes that an agent was heard of; one that is not known yet gets a row with its key and address.
@@ -92,8 +92,9 @@ using RecordSink = std::function<void(const RecordText&)>;
 
 enum class Delivery { stored, repeated };
 
-/// Stores one zip's records, which readRecords hands over one by one, in one transaction: all or, when readRecords
-/// raises anything, none. repeated: the same records came before under the same agent and zip, and nothing is stored.
+/// Stores one zip's records, which readRecords hands over one by one, in one transaction: all, or
+/// none when readRecords throws. repeated: the same records came before under the same agent and zip, and nothing is
+/// stored.
 Delivery StoreDelivery(Store& store, std::string_view agent, std::string_view zip,
                        const std::function<void(const RecordSink&)>& readRecords);
 

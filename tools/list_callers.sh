@@ -2,7 +2,7 @@
 # Lists the free routines that headers declare, each with how often the system's sources and the tests name it beside
 # its declaration and its definition: what has no caller is either a part of the listed interfaces or goes.
 #
-#   tools/list_callers.sh [FOLDER...]     foundation, queryconf and jsontext when none is given
+#   tools/list_callers.sh [FOLDER...]     foundation, queryconf and jsontext by default
 set -euo pipefail
 cd "$(dirname "$0")/.."
 

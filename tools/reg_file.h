@@ -56,7 +56,7 @@ bool ParseRegFile(std::string_view bytes, RegFile& file, RegFileError& error);
 /// written as hex(1).
 std::string PrintRegFile(const RegFile& file);
 
-/// The path below HKEY_LOCAL_MACHINE of a whole key path; false when it names another root or none. The path is not
+/// The path below HKEY_LOCAL_MACHINE of a whole key path; false when it names another root, or no root. The path is not
 /// checked otherwise.
 bool SplitRootName(std::u16string_view wholePath, std::u16string_view& path);
 
