@@ -35,10 +35,10 @@ HashTablePtr MakeResult() {
         PutHashText(row.get(), u"Started", u"TRUE");
         PutHashText(row.get(), u"StartMode", u"Auto");
         PutHashText(row.get(), u"State", u"Running");
-        AddValueToVector(rows.get(), reinterpret_cast<Word>(row.release()), ValueType::table);
+        AppendTable(rows.get(), std::move(row));
     }
     HashTablePtr table = MakeHashTable();
-    PutHashValue(table.get(), u"Services", reinterpret_cast<Word>(rows.release()), ValueType::vector);
+    PutHashVector(table.get(), u"Services", std::move(rows));
     PutHashText(table.get(), u"ERRORMSG", u"NO ERROR");
     PutHashText(table.get(), u"DATACOLLECTTIME", u"1772701507");
     return table;

@@ -1,6 +1,7 @@
 #include "collection/record_members.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "foundation/agent_state.h"
 #include "foundation/log.h"
@@ -61,9 +62,7 @@ bool HasMember(std::span<const RecordMember> members, std::u16string_view name) 
 }
 
 void PutRows(HashTable* record, std::u16string_view name, VectorPtr rows) {
-    if (PutHashValue(record, name, reinterpret_cast<Word>(rows.get()), ValueType::vector) == 1)
-        static_cast<void>(rows.release());
-    else
+    if (!PutHashVector(record, name, std::move(rows)))
         Log1("\t PutRows :: No memory for the rows of %s, they are left out \n", name);
 }
 

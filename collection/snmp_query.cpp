@@ -91,16 +91,16 @@ Answer Ask(const SnmpQuery& query, SnmpResponsePtr& response) {
     return response->results ? Answer::complete : Answer::empty;
 }
 
-/// Puts a text or a table and releases what it replaces, which nobody else holds: a device may give an OID twice, and
-/// a second attempt gives all again. replaced counts, where it is not null.
-bool PutInPlaceOf(HashTable* table, std::u16string_view key, Word value, ValueType type, std::int32_t* replaced) {
+/// Runs `put`, which puts a value under a key, and frees the text or table that it replaces and nobody else holds: a
+/// device may give an OID twice, and a second attempt gives all again. True when there was something to replace.
+template <class Put>
+bool Replace(const HashTable* table, std::u16string_view key, const Put& put) {
     const HashEntry* entry = GetHashEntry(table, key);
-    if (entry && replaced) ++*replaced;
     const HashEntry former = entry ? *entry : HashEntry{};
-    if (PutHashValue(table, key, value, type) != 1) return false;
+    if (put() != 1) return entry != nullptr;
     if (former.type == ValueType::text) FreeText(reinterpret_cast<char16_t*>(former.value));
     if (former.type == ValueType::table) FreeAllHashTable(reinterpret_cast<HashTable*>(former.value));
-    return true;
+    return entry != nullptr;
 }
 
 /// Puts one OID's values into a table of theirs, and "TYPE" into the record's when it still lacks one.
@@ -116,7 +116,10 @@ void StoreValues(const SnmpVarList& list, HashTable* values, HashTable* table, b
         if (noValueYet && ChangeUtf8ToWideStr(value->type, type)) PutHashText(table, u"TYPE", type);
         noValueYet = false;
         const std::u16string text = SnmpValueText(*value);
-        PutInPlaceOf(values, oid, reinterpret_cast<Word>(text.c_str()), ValueType::text, &replaced);
+        const auto put = [&] {
+            return PutHashValue(values, oid, reinterpret_cast<Word>(text.c_str()), ValueType::text);
+        };
+        if (Replace(values, oid, put)) ++replaced;
     }
 }
 
@@ -136,8 +139,7 @@ Answer StoreLists(const SnmpQuery& query, const SnmpResponseData& response, Hash
         StoreValues(*list, values.get(), table, noValueYet, replaced);
         std::u16string oid;
         ChangeUtf8ToWideStr(query.oids[i].c_str(), oid);
-        if (PutInPlaceOf(table, oid, reinterpret_cast<Word>(values.get()), ValueType::table, nullptr))
-            static_cast<void>(values.release());
+        Replace(table, oid, [&] { return PutHashTable(table, oid, std::move(values)); });
     }
     return Answer::complete;
 }

@@ -129,11 +129,7 @@ void AppendRow(WmiHandle object, Vector* rows) {
     }
     const EnumerationEnd end(object);
     PutProperties(object, row.get());
-    auto element =
-        std::make_unique<VectorElement>(VectorElement{reinterpret_cast<Word>(row.get()), ValueType::table, nullptr});
-    AddElement(rows, element.get());
-    static_cast<void>(element.release());
-    static_cast<void>(row.release());
+    AppendTable(rows, std::move(row));
 }
 
 /// Takes objects until there are no more or the next cannot be obtained: the status says which.

@@ -96,8 +96,7 @@ void ChangeService(Exchange& exchange, const ServiceAction& action, std::u16stri
         Log1("\tWMIFunction :: InitHashTable Failed\n");
     } else {
         PutHashText(row.get(), name, isDone ? action.done : u"FAILED");
-        if (AddValueToVector(exchange.rows.get(), reinterpret_cast<Word>(row.get()), ValueType::table) == 1)
-            static_cast<void>(row.release());
+        AppendTable(exchange.rows.get(), std::move(row));
     }
     PutRows(exchange.reply.get(), exchange.id, std::move(exchange.rows));
     exchange.message = isDone ? u"NO ERROR" : action.failure;

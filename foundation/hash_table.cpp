@@ -126,6 +126,38 @@ void FreeValueOf(Word value, ValueType type) {
         FreeTextOf(value, type);
 }
 
+/// PutHashValue, with the entry as the result, or null when memory ran out. The key is closed.
+HashEntry* PutEntry(HashTable* table, std::u16string_view key, Word value, ValueType type) {
+    std::int32_t passed = 0;
+    HashEntry* entry = FindOrLast(table, key, passed);
+    if (!entry->key) return FillEntry(entry, key, value, type) ? entry : nullptr;
+    if (HasKey(entry, key)) {
+        if (!StoredValue(value, type)) return nullptr;
+        // The replaced value is not released: callers keep pointers to values that they have read.
+        entry->value = value;
+        entry->type = type;
+        return entry;
+    }
+    HashEntry* added = new (std::nothrow) HashEntry{};
+    if (!added) return nullptr;
+    if (!FillEntry(added, key, value, type)) {
+        delete added;
+        return nullptr;
+    }
+    entry->next = added;
+    if (table->index || (passed >= fewKeys && table->size == 1)) IndexEntry(table, added);
+    return added;
+}
+
+/// Puts what an owner holds, which the table owns from then on.
+template <class Owner>
+int PutOwned(HashTable* table, std::u16string_view key, Owner owner, ValueType type) {
+    HashEntry* entry = PutEntry(table, ClosedKey(key), 0, type);
+    if (!entry) return 0;
+    entry->value = reinterpret_cast<Word>(owner.release());
+    return 1;
+}
+
 }  // namespace
 
 std::int32_t HashOfKey(const HashTable* table, std::u16string_view key) {
@@ -152,26 +184,7 @@ int InitHashTable(HashTable* table, std::int32_t size) {
 }
 
 int PutHashValue(HashTable* table, std::u16string_view key, Word value, ValueType type) {
-    key = ClosedKey(key);
-    std::int32_t passed = 0;
-    HashEntry* entry = FindOrLast(table, key, passed);
-    if (!entry->key) return FillEntry(entry, key, value, type) ? 1 : 0;
-    if (HasKey(entry, key)) {
-        if (!StoredValue(value, type)) return 0;
-        // The replaced value is not released: callers keep pointers to values that they have read.
-        entry->value = value;
-        entry->type = type;
-        return 1;
-    }
-    HashEntry* added = new (std::nothrow) HashEntry{};
-    if (!added) return 0;
-    if (!FillEntry(added, key, value, type)) {
-        delete added;
-        return 0;
-    }
-    entry->next = added;
-    if (table->index || (passed >= fewKeys && table->size == 1)) IndexEntry(table, added);
-    return 1;
+    return PutEntry(table, ClosedKey(key), value, type) ? 1 : 0;
 }
 
 int PutHashText(HashTable* table, std::u16string_view key, std::u16string_view text) {
@@ -271,6 +284,14 @@ HashTablePtr MakeHashTable() {
         table = nullptr;
     }
     return HashTablePtr(table);
+}
+
+int PutHashTable(HashTable* table, std::u16string_view key, HashTablePtr value) {
+    return PutOwned(table, key, std::move(value), ValueType::table);
+}
+
+int PutHashVector(HashTable* table, std::u16string_view key, VectorPtr value) {
+    return PutOwned(table, key, std::move(value), ValueType::vector);
 }
 
 }  // namespace kv

@@ -86,6 +86,15 @@ struct FreeAllHashTableDeleter {
 using HashTablePtr = std::unique_ptr<HashTable, FreeAllHashTableDeleter>;
 
 /// A new table of one bucket, or null when memory ran out.
-HashTablePtr MakeHashTable();
+[[nodiscard]] HashTablePtr MakeHashTable();
+
+/// PutHashValue of a table or of a list, which belongs to the table from then on; 0 when memory ran out: the value is
+/// then freed.
+int PutHashTable(HashTable* table, std::u16string_view key, HashTablePtr value);
+int PutHashVector(HashTable* table, std::u16string_view key, VectorPtr value);
+
+/// Appends a table, which the list owns from then on; 1, or 0 with a log line when memory ran out: the table is then
+/// freed.
+int AppendTable(Vector* vector, HashTablePtr table);
 
 }  // namespace kv

@@ -60,6 +60,18 @@ void FreeElements(Vector* vector, Release releaseValue) {
     vector->count = 0;
 }
 
+/// Appends what an owner holds, which the list owns from then on; 0 with a line when memory ran out.
+template <class Owner>
+int AppendOwned(Vector* vector, Owner owner, ValueType type) {
+    VectorElementPtr element(new (std::nothrow) VectorElement{reinterpret_cast<Word>(owner.get()), type, nullptr});
+    if (!element) {
+        Log1("\t@@@@@  Memory allocation failed @@@@@\n");
+        return 0;
+    }
+    element->value = reinterpret_cast<Word>(owner.release());
+    return AddElement(vector, std::move(element));
+}
+
 /// The order of a table in its list, by its key "order"; 0 without one.
 std::int32_t OrderOf(const VectorElement* element) {
     return static_cast<std::int32_t>(GetHashValue(reinterpret_cast<const HashTable*>(element->value), u"order"));
@@ -71,21 +83,22 @@ void InitVector(Vector* vector, const VectorComparator* compareRef) {
     *vector = Vector{nullptr, 0, nullptr, compareRef ? *compareRef : nullptr};
 }
 
-int AddElement(Vector* vector, VectorElement* element) {
+int AddElement(Vector* vector, VectorElementPtr element) {
     const ResourceLock lock(vector);
-    element->next = nullptr;
-    Append(vector, Vector{element, 1, element, nullptr});
+    VectorElement* added = element.release();
+    added->next = nullptr;
+    Append(vector, Vector{added, 1, added, nullptr});
     return 1;
 }
 
-int InsertElementAt(Vector* vector, VectorElement* element, std::int32_t index) {
+int InsertElementAt(Vector* vector, VectorElementPtr element, std::int32_t index) {
     Log4("\t@@@@@ Inside InsertElementAt() @@@@@ \n");
     const ResourceLock lock(vector);
     if (index < 0 || index > vector->count) return 0;
     VectorElement** link = LinkAt(vector, index);
     element->next = *link;
-    *link = element;
-    if (index == vector->count) vector->tail = element;
+    if (index == vector->count) vector->tail = element.get();
+    *link = element.release();
     ++vector->count;
     return 1;
 }
@@ -184,5 +197,9 @@ void SortVectorByOrder(Vector* vector) {
 }
 
 VectorPtr MakeVector() { return VectorPtr(new (std::nothrow) Vector{}); }
+
+int AppendVector(Vector* vector, VectorPtr list) { return AppendOwned(vector, std::move(list), ValueType::vector); }
+
+int AppendTable(Vector* vector, HashTablePtr table) { return AppendOwned(vector, std::move(table), ValueType::table); }
 
 }  // namespace kv

@@ -1,9 +1,8 @@
 // The agent's one general list: singly linked, with a tail and a count. Its elements carry a type tag, so that texts,
 // nested lists and nested tables can be released with everything below them by one call.
 //
-// Ownership: the caller allocates a Vector with `new Vector{}` and each element with `new VectorElement{}`. Adding
-// hands the node over; deleting frees the node and never its value; FreeAllVector frees nodes, owned values and the
-// Vector itself.
+// Ownership: a Vector on the heap is made by MakeVector. Adding hands a node over; deleting frees the node and never
+// its value; FreeAllVector frees nodes, owned values and the Vector itself.
 //
 // Operations marked locked hold the resource lock of the Vector's own address (foundation/resource_lock.h) while they
 // run and give it back on every path. The lock is not re-entrant. Indices are zero-based.
@@ -35,6 +34,9 @@ struct VectorElement {
     VectorElement* next;
 };
 
+/// A node outside a list. It does not own its value.
+using VectorElementPtr = std::unique_ptr<VectorElement>;
+
 /// Order of two elements. No list of the agent is sorted as it grows, so none is asked for yet.
 using VectorComparator = int (*)(const VectorElement* element, const VectorElement* candidate);
 
@@ -49,10 +51,10 @@ struct Vector {
 void InitVector(Vector* vector, const VectorComparator* compareRef);
 
 /// Locked. Appends; 1.
-int AddElement(Vector* vector, VectorElement* element);
+int AddElement(Vector* vector, VectorElementPtr element);
 
-/// Locked. 1, or 0 when index is outside 0..count (the node then stays the caller's).
-int InsertElementAt(Vector* vector, VectorElement* element, std::int32_t index);
+/// Locked. 1, or 0 when index is outside 0..count: the node is then freed.
+int InsertElementAt(Vector* vector, VectorElementPtr element, std::int32_t index);
 
 /// Locked. Unlinks and frees the node, by identity. 0 when the Vector is empty, else 1, found or not.
 int DeleteElement(Vector* vector, VectorElement* element);
@@ -90,7 +92,11 @@ struct FreeAllVectorDeleter {
 /// Owns a Vector with everything below it.
 using VectorPtr = std::unique_ptr<Vector, FreeAllVectorDeleter>;
 
-/// A new, empty Vector without comparator.
-VectorPtr MakeVector();
+/// A new, empty Vector without comparator, or null when memory ran out.
+[[nodiscard]] VectorPtr MakeVector();
+
+/// Appends a list, which the Vector owns from then on; 1, or 0 with a log line when memory ran out: the list is then
+/// freed. AppendTable (foundation/hash_table.h) does the same with a table.
+int AppendVector(Vector* vector, VectorPtr list);
 
 }  // namespace kv

@@ -50,18 +50,14 @@ struct JsonMember {
 void JSONObjectToHash(HashTable* table, json_object* object);
 void JSONArrayToVector(Vector* vector, json_object* array);
 
-/// A value on its way into a list or a table, which owns it once it is stored.
+/// A value on its way into a list or a table. A nested list or table is in its owner, and value is 0. Of a text, value
+/// points into text: such a record is not moved.
 struct StoredValue {
     Word value = 0;
     ValueType type = ValueType::none;
     std::u16string text;
     VectorPtr vector;
     HashTablePtr table;
-
-    void HandOver() {
-        if (vector) static_cast<void>(vector.release());
-        if (table) static_cast<void>(table.release());
-    }
 };
 
 /// The low 32 bits.
@@ -96,7 +92,6 @@ void StoreArray(StoredValue& stored, json_object* value) {
     if (!stored.vector) return;
     JSONArrayToVector(stored.vector.get(), value);
     stored.type = ValueType::vector;
-    stored.value = reinterpret_cast<Word>(stored.vector.get());
 }
 
 void StoreObject(StoredValue& stored, json_object* value) {
@@ -104,7 +99,6 @@ void StoreObject(StoredValue& stored, json_object* value) {
     if (!stored.table) return;
     JSONObjectToHash(stored.table.get(), value);
     stored.type = ValueType::table;
-    stored.value = reinterpret_cast<Word>(stored.table.get());
 }
 
 /// Fills in a value; one of type none is not to be stored.
@@ -158,14 +152,31 @@ std::vector<JsonMember> MembersOf(json_object* object) {
     return members;
 }
 
+void PutStored(HashTable* table, std::u16string_view key, StoredValue&& stored) {
+    if (stored.vector)
+        PutHashVector(table, key, std::move(stored.vector));
+    else if (stored.table)
+        PutHashTable(table, key, std::move(stored.table));
+    else
+        PutHashValue(table, key, stored.value, stored.type);
+}
+
+void AppendStored(Vector* vector, StoredValue&& stored) {
+    if (stored.vector)
+        AppendVector(vector, std::move(stored.vector));
+    else if (stored.table)
+        AppendTable(vector, std::move(stored.table));
+    else
+        AddValueToVector(vector, stored.value, stored.type);
+}
+
 void JSONObjectToHash(HashTable* table, json_object* object) {
     Log4("\t Inside JSONObjectToHash() \n");
     for (const JsonMember& member : MembersOf(object)) {
         if (member.isGivenAgain) continue;
         StoredValue stored;
         StoreValue(stored, member.value);
-        if (stored.type == ValueType::none) continue;
-        if (PutHashValue(table, WideTextFromNarrow(member.key), stored.value, stored.type)) stored.HandOver();
+        if (stored.type != ValueType::none) PutStored(table, WideTextFromNarrow(member.key), std::move(stored));
     }
 }
 
@@ -175,8 +186,7 @@ void JSONArrayToVector(Vector* vector, json_object* array) {
     for (std::size_t index = 0; index < length; ++index) {
         StoredValue stored;
         StoreValue(stored, json_object_array_get_idx(array, index));
-        if (stored.type == ValueType::none) continue;
-        if (AddValueToVector(vector, stored.value, stored.type)) stored.HandOver();
+        if (stored.type != ValueType::none) AppendStored(vector, std::move(stored));
     }
 }
 
@@ -243,20 +253,18 @@ std::string TextBehindTheEnd(std::u16string_view text, std::string_view narrow, 
 
 int AddValueToVector(Vector* vector, Word value, ValueType type) {
     Log4("\t Inside AddValueToVector() \n");
-    std::unique_ptr<VectorElement> element(new (std::nothrow) VectorElement{value, type, nullptr});
+    VectorElementPtr element(new (std::nothrow) VectorElement{value, type, nullptr});
     const bool copies = type == ValueType::text && value != 0;
     if (element && copies) element->value = reinterpret_cast<Word>(CopyText(reinterpret_cast<const char16_t*>(value)));
     if (!element || (copies && element->value == 0)) {
         Log1("\t@@@@@  Memory allocation failed @@@@@\n");
         return 0;
     }
-    if (!AddElement(vector, element.get())) {
-        if (copies) FreeText(reinterpret_cast<char16_t*>(element->value));
-        Log1("\t@@@@@  AddElement Failed @@@@@\n");
-        return 0;
-    }
-    static_cast<void>(element.release());
-    return 1;
+    const Word added = element->value;
+    if (AddElement(vector, std::move(element))) return 1;
+    if (copies) FreeText(reinterpret_cast<char16_t*>(added));
+    Log1("\t@@@@@  AddElement Failed @@@@@\n");
+    return 0;
 }
 
 JsonReadResult JSONTextToHash(HashTable* table, std::u16string_view text) {

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <memory>
-#include <new>
 #include <string>
 #include <utility>
 #include <vector>
@@ -127,10 +126,8 @@ VectorPtr TakeWorkflows(Vector* workflows, const char16_t* key, std::u16string_v
                  key, NameOf(element), fault);
             continue;
         }
-        auto* moved = new (std::nothrow) VectorElement{element->value, element->type, nullptr};
-        if (!moved) return nullptr;
-        AddElement(taken.get(), moved);
         element->type = ValueType::none;
+        if (!AppendTable(taken.get(), HashTablePtr(reinterpret_cast<HashTable*>(element->value)))) return nullptr;
     }
     return taken;
 }
@@ -151,9 +148,7 @@ HashTablePtr TakePlan(const HashTable* document, std::u16string_view agent, std:
             continue;
         }
         VectorPtr taken = TakeWorkflows(workflows, keys[i], fileName);
-        if (!taken || !PutHashValue(plan.get(), key, reinterpret_cast<Word>(taken.get()), ValueType::vector))
-            return nullptr;
-        static_cast<void>(taken.release());
+        if (!taken || !PutHashVector(plan.get(), key, std::move(taken))) return nullptr;
     }
     return plan;
 }

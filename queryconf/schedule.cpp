@@ -4,6 +4,7 @@
 #include <limits>
 #include <memory>
 #include <new>
+#include <utility>
 
 #include "collection/collect.h"
 #include "foundation/agent_state.h"
@@ -82,10 +83,9 @@ int AddSchedule(std::int32_t index, std::int32_t interval) {
     if (!schedule || !argument) return -1;
     const auto now = static_cast<std::uint32_t>(GetNowSeconds());
     Log2(" Adding Schedule for index [%d], interval [%d] \n", index, interval);
-    if (AddTimerTask(std::nullopt, now, CollectAndSaveData, argument.get(), schedule.get(), 0) == 0) return -1;
-    schedule.release();
-    argument.release();
-    return 1;
+    const std::uint32_t id =
+        AddTimerTask(std::nullopt, now, CollectAndSaveData, std::move(argument), std::move(schedule), 0);
+    return id == 0 ? -1 : 1;
 }
 
 }  // namespace kv

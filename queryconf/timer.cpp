@@ -102,10 +102,9 @@ void Rearm(const TimerList& list, const TimerEntry& entry, std::uint32_t now) {
     TimerInterval& interval = entry.schedule->detail;
     if (interval.repeatCount > 1) --interval.repeatCount;
     const std::uint32_t fireTime = MomentAfter(now, PeriodSeconds(interval));
-    if (AddTimerTask(list.name, fireTime, entry.callback, entry.argument, entry.schedule, entry.id) == 0) {
+    if (AddTimerTask(list.name, fireTime, entry.callback, std::unique_ptr<std::int32_t>(entry.argument),
+                     std::unique_ptr<TimerSchedule>(entry.schedule), entry.id) == 0)
         Log1("\t CheckTimers :: the job [%d] cannot be armed again and ends here \n", entry.id);
-        FreeJob(entry);
-    }
 }
 
 /// How many entries are due, all at the head of the list.
@@ -169,7 +168,7 @@ void CreateTimer(std::u16string_view name, std::int16_t priority) {
     list->priority = priority;
     auto element = std::make_unique<VectorElement>();
     element->value = reinterpret_cast<Word>(list.release());
-    AddElement(&timerManager.gv_timerVec, element.release());
+    AddElement(&timerManager.gv_timerVec, std::move(element));
 }
 
 void StartTimerThread() {
@@ -186,18 +185,20 @@ std::uint32_t TimerThread(void* /*ignored*/) {
 }
 
 std::uint32_t AddTimerTask(const OptionalText& timerName, std::uint32_t fireTime, TimerCallback callback,
-                           std::int32_t* argument, TimerSchedule* schedule, std::uint32_t id) {
+                           std::unique_ptr<std::int32_t> argument, std::unique_ptr<TimerSchedule> schedule,
+                           std::uint32_t id) {
     Log4("\t@@@@@ Inside AddTimerTask() @@@@@ \n");
     const std::u16string_view name = timerName ? std::u16string_view(*timerName) : defaultTimer;
     if (!FindTimer(name)) return 0;
     std::unique_ptr<TimerEntry> entry(new (std::nothrow) TimerEntry{});
     if (!entry) return 0;
+    entry->name = name;
     entry->fireTime = fireTime;
     entry->callback = callback;
-    entry->argument = argument;
-    entry->schedule = schedule;
     entry->id = id;
     const TimerLock lock;
+    entry->argument = argument.release();
+    entry->schedule = schedule.release();
     return AddTimerEntry(name, entry.release());
 }
 

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -77,11 +78,12 @@ void StartTimerThread();
 /// The thread's body: a pass, a second's sleep, forever.
 std::uint32_t TimerThread(void* ignored);
 
-/// Adds a job; none means "DEFAULT", an id of 0 asks for a new one. Its id, or 0 when no timer has that name or memory
-/// ran out (argument and schedule then stay the caller's). The argument and the schedule, made with `new`, are handed
-/// over otherwise. Waits for a pass in progress, unless the pass's own thread calls.
+/// Adds a job to a timer, "DEFAULT" when the name is absent; an id of 0 asks for a new one. Its id, or 0 when no timer
+/// has that name or memory ran out: argument and schedule are then freed. Waits for a pass in progress, unless the
+/// pass's own thread calls.
 std::uint32_t AddTimerTask(const OptionalText& timerName, std::uint32_t fireTime, TimerCallback callback,
-                           std::int32_t* argument, TimerSchedule* schedule, std::uint32_t id);
+                           std::unique_ptr<std::int32_t> argument, std::unique_ptr<TimerSchedule> schedule,
+                           std::uint32_t id);
 
 /// Links an entry into a timer's list, behind those due at the same time; its id, or 0 when no timer has that name. The
 /// caller holds gv_timerMutex, here and in RemoveTimerEntry.

@@ -21,8 +21,8 @@ class Containers : public ::testing::Test {
     Containers() { platform::InstallBackend(); }
 };
 
-VectorElement* NewElement(Word value, ValueType type = ValueType::integer) {
-    return new VectorElement{value, type, nullptr};
+VectorElementPtr NewElement(Word value, ValueType type = ValueType::integer) {
+    return VectorElementPtr(new VectorElement{value, type, nullptr});
 }
 
 VectorPtr VectorOf(const std::vector<Word>& values) {
@@ -71,9 +71,7 @@ TEST_F(Containers, VectorAnswersByIndex) {
         EXPECT_EQ(ValuesOf(vector.get()), row.afterDelete);
 
         const VectorPtr grown = VectorOf({1, 2, 3});
-        VectorElement* added = NewElement(9);
-        EXPECT_EQ(InsertElementAt(grown.get(), added, row.index), row.inserted);
-        if (!row.inserted) delete added;
+        EXPECT_EQ(InsertElementAt(grown.get(), NewElement(9), row.index), row.inserted);
         EXPECT_EQ(ValuesOf(grown.get()), row.afterInsert);
     }
 }
@@ -156,7 +154,7 @@ TEST_F(Containers, TablesAreSortedByTheirOrder) {
     for (const int order : {3, -1, 2, 1}) {
         HashTablePtr row = MakeHashTable();
         PutHashValue(row.get(), u"order", static_cast<std::uint32_t>(order), ValueType::integer);
-        AddElement(list.get(), NewElement(reinterpret_cast<Word>(row.release()), ValueType::table));
+        AppendTable(list.get(), std::move(row));
     }
     SortVectorByOrder(list.get());
     std::vector<std::int32_t> sorted;
@@ -185,13 +183,13 @@ TEST_F(Containers, FreeAllTakesTheWholeTree) {
     HashTablePtr row = MakeHashTable();
     PutHashText(row.get(), u"name", u"value");
     EXPECT_EQ(GetHashVector(row.get(), u"name"), nullptr) << "a text is no list";
-    AddElement(list.get(), NewElement(reinterpret_cast<Word>(row.release()), ValueType::table));
+    AppendTable(list.get(), std::move(row));
     AddElement(list.get(), NewElement(reinterpret_cast<Word>(CopyText(u"text")), ValueType::text));
-    AddElement(list.get(), NewElement(reinterpret_cast<Word>(MakeVector().release()), ValueType::vector));
+    AppendVector(list.get(), MakeVector());
     const VectorPtr sharing = MakeVector();
     EXPECT_EQ(MergeVector(sharing.get(), list.get()), 1);
     EXPECT_EQ(sharing->tail->type, ValueType::none) << "what is shared is not owned";
-    PutHashValue(table.get(), u"rows", reinterpret_cast<Word>(list.release()), ValueType::vector);
+    PutHashVector(table.get(), u"rows", std::move(list));
     EXPECT_EQ(GetHashVector(table.get(), u"rows")->count, sharing->count);
 }
 

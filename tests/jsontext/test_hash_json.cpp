@@ -116,7 +116,6 @@ TEST_F(Json, RefusesInTheParsersWords) {
 TEST_F(Json, WritesEveryTypeOfValue) {
     const HashTablePtr table = MakeHashTable();
     VectorPtr list = MakeVector();
-    const auto word = [](auto pointer) { return reinterpret_cast<Word>(pointer); };
     for (const ValueType type : {ValueType::none, ValueType::boolean, ValueType::integer, ValueType::number,
                                  ValueType::other, ValueType::text, ValueType::vector, ValueType::table})
         EXPECT_EQ(AddValueToVector(list.get(), 0, type), 1);
@@ -124,12 +123,12 @@ TEST_F(Json, WritesEveryTypeOfValue) {
     AddValueToVector(list.get(), 0x100000001, ValueType::other);
     {
         const std::u16string text = u"/";
-        AddValueToVector(list.get(), word(text.c_str()), ValueType::text);
+        AddValueToVector(list.get(), reinterpret_cast<Word>(text.c_str()), ValueType::text);
     }
-    AddValueToVector(list.get(), word(MakeHashTable().release()), ValueType::table);
+    AppendTable(list.get(), MakeHashTable());
     const char16_t* written = u"[ null, false, 0, 0.000000, 0, null, null, null, false, 1, \"\\/\", { } ]";
     EXPECT_EQ(VectorToJSONString(list.get()), written);
-    PutHashValue(table.get(), u"a", word(list.release()), ValueType::vector);
+    PutHashVector(table.get(), u"a", std::move(list));
     EXPECT_EQ(HashToJSONString(table.get()), std::u16string(u"{ \"a\": ") + written + u" }");
 }
 

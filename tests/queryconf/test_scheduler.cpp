@@ -39,7 +39,8 @@ class Scheduler : public TestAgent {
         static auto& keptReachable = *new std::vector<TimerSchedule*>;  // deleting entries leaves their schedules
         auto* schedule = keptReachable.emplace_back(new TimerSchedule{1, interval});
         const auto fireTime = static_cast<std::uint32_t>(clock.nowSeconds() + delay);
-        return AddTimerTask(std::nullopt, fireTime, Note, new std::int32_t(job), schedule, 0);
+        return AddTimerTask(std::nullopt, fireTime, Note, std::make_unique<std::int32_t>(job),
+                            std::unique_ptr<TimerSchedule>(schedule), 0);
     }
 
     void RunFor(std::int64_t duration) {
