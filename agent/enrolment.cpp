@@ -158,7 +158,7 @@ void TakeStoredKey() {
     while (!HasKey()) {
         OptionalText key;
         const platform::Error error = GetOCAgentKey(key);
-        if (error == platform::error::success && key) agentState.gv_agentKey.publish(key);
+        if (error == platform::error::success && key) agentState.gv_agentKey.Publish(key);
         if (error == platform::error::success || error == platform::error::fileNotFound) return;
         Log1(
             "\t InitLicenseParams :: The stored agent key cannot be read, and no new one is asked for. Error is [%d]\n",
@@ -184,7 +184,7 @@ void RemoveUnfinishedCopies() {
     const std::pair<std::u16string_view, std::u16string_view> slaves[] = {{conf_path::slavesDirectory, restored},
                                                                           {conf_path::backupDirectory, backup}};
     for (const auto& [directory, suffix] : slaves) {
-        for (FileSearch search(ConcatStrings(directory, u"*")); search.HasFile(); search.Next()) {
+        for (FileSearch search(ConcatStrings(directory, u"*")); search.hasFile(); search.Next()) {
             if (search.file.isDirectory && IsPlainFileName(search.file.fileName))
                 RemoveUnfinishedCopy(ConcatStrings(directory, search.file.fileName) + u"\\", suffix);
         }

@@ -164,8 +164,8 @@ void InitAgentParams() {
     state.gv_proxyExceptionAddr = u"<local>";
     state.gv_agentID.reset();
     state.gv_agentDNS.reset();
-    state.gv_agentKey.publish(u"NULL");
-    state.gv_SNMPTimeout.publish(u"5");
+    state.gv_agentKey.Publish(u"NULL");
+    state.gv_SNMPTimeout.Publish(u"5");
     state.gv_masterAgent = u"NO";
     state.gv_timeDiff = 0;
     state.gv_loadqueryconf = 0;

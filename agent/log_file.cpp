@@ -205,9 +205,9 @@ int OpenLogFile(std::u16string_view path) {
 
 int CountLogFiles(std::u16string_view stem) {
     FileSearch search(std::u16string(stem) + u"*.*");
-    if (!search.HasFile()) return -1;
+    if (!search.hasFile()) return -1;
     int count = 0;
-    for (; search.HasFile(); search.Next()) ++count;
+    for (; search.hasFile(); search.Next()) ++count;
     return count;
 }
 

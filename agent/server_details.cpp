@@ -34,7 +34,7 @@ bool Fetched(bool found, const char* failureLine) {
 Error Publish(PublishedText& field, Error (*read)(OptionalText&)) {
     OptionalText text;
     const Error result = read(text);
-    field.publish(text);
+    field.Publish(text);
     return result;
 }
 
@@ -99,7 +99,7 @@ void ReadProtocolAndKey() {
     if (!Fetched(Publish(state.gv_agentKey, GetOCAgentKey),
                  "\t getCSDetails() :: Not able to fetch the GetOCAgentKey and assign it to gv_agentKey. Assigning "
                  "NULL value\n"))
-        state.gv_agentKey.publish(u"HUBCENTER");
+        state.gv_agentKey.Publish(u"HUBCENTER");
     if (!Fetched(GetMasterAgent(state.gv_masterAgent),
                  "\t getCSDetails() :: Not able to fetch the MasterAgent Flag and assign it to gv_masterAgent. "
                  "Assigning default value\n"))
@@ -225,7 +225,7 @@ void FreeCSDetails() {
           &state.gv_masterAgent, &state.gv_kvAgentResourceID, &state.gv_remoteOfficeName, &state.gv_ocAgentBinPath})
         text->reset();
     for (PublishedText* text : {&state.gv_agentKey, &state.gv_SNMPTimeout, &state.gv_LastAccessName})
-        text->publish(std::nullopt);
+        text->Publish(std::nullopt);
 }
 
 void FreeProxyDetails() {

@@ -81,7 +81,7 @@ bool StartWork() {
 /// The same for a stop and for the end of the computer, but for the text that the server gets.
 void ShutDown(std::u16string_view agentStatus) {
     ChangeServiceStatus(ServiceState::stopPending);
-    RunGuarded("HandlerEx", [agentStatus] { agentState.gv_agentStatus.publish(agentStatus); });
+    RunGuarded("HandlerEx", [agentStatus] { agentState.gv_agentStatus.Publish(agentStatus); });
     const platform::ThreadHandle worker = CreateNewThread_MSP(AgentShutdownWorker, nullptr);
     platform::Threads().WaitForThread(worker, shutdownMilliseconds);
     platform::Threads().SetEvent(agentState.gv_stopEvent);

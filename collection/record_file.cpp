@@ -32,7 +32,7 @@ MatchingFiles FindFiles(std::u16string_view pattern) {
     MatchingFiles result;
     FileSearch search(pattern);
     result.firstError = search.error;
-    for (; search.HasFile(); search.Next()) {
+    for (; search.hasFile(); search.Next()) {
         if (!search.file.isDirectory) result.names.push_back(search.file.fileName);
     }
     result.lastError = search.error;
@@ -120,7 +120,7 @@ std::u16string NextRecordPath(std::u16string_view dataDirectory) {
     std::u16string path;
     do {
         path = base + u"_" + DecimalText(++agentState.gv_ocLastCreatedJSONNum);
-    } while (FileSearch(path + u".txt").HasFile() || FileSearch(path + u".out").HasFile());
+    } while (FileSearch(path + u".txt").hasFile() || FileSearch(path + u".out").hasFile());
     return path;
 }
 

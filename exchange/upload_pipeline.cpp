@@ -118,7 +118,7 @@ void FillBatch(FileSearch& search, std::size_t most, std::vector<RecordFile>& ba
     const std::uint64_t room = RoomForZip();
     std::uint64_t needed = zipOverhead;
     for (const RecordFile& file : batch) needed += file.zippedSize;
-    for (; batch.size() < most && search.HasFile(); search.Next()) {
+    for (; batch.size() < most && search.hasFile(); search.Next()) {
         std::optional<RecordFile> file = ReadableRecord(search.file);
         if (!file) {
             ++left.unreadable;
@@ -139,7 +139,7 @@ void FillBatch(FileSearch& search, std::size_t most, std::vector<RecordFile>& ba
 std::u16string NextZipPath(std::u16string_view nameBase) {
     for (;;) {
         const std::u16string path = ConcatStrings(nameBase, DecimalText(++agentState.gv_ocLastCreatedZIPNum));
-        if (!FileSearch(path + u".zip").HasFile()) return path;
+        if (!FileSearch(path + u".zip").hasFile()) return path;
         Log1("\t StripTxtFiles :: [%s.zip] has not been sent yet. Taking the next number\n", path);
     }
 }
@@ -258,7 +258,7 @@ BatchResult PackBatch(std::span<const RecordFile> batch, std::u16string_view nam
 
 /// Deletes what a killed run was packing; its records are all in "data" still.
 void DeleteUnfinishedZips() {
-    for (FileSearch search(unfinishedPattern); search.HasFile(); search.Next()) {
+    for (FileSearch search(unfinishedPattern); search.hasFile(); search.Next()) {
         const std::u16string path = u"zipdata\\" + search.file.fileName;
         if (const platform::Error failure = platform::Files().DeleteFileW(path))
             Log1("\t StripTxtFiles :: Unfinished zip [%s] of an earlier run stays. Error is [%d]\n", path, failure);
@@ -284,13 +284,13 @@ void WaitForNextPass(std::int64_t passStart) {
 std::vector<std::u16string> QueuedZips(int zipCount) {
     std::vector<std::u16string> names;
     FileSearch search(zipPattern);
-    if (!search.HasFile()) {
+    if (!search.hasFile()) {
         Log1("\t SendDetailstoCS :: No zip file exists. Not able to get the File Handle hFirstFile %u \n",
              search.error);
         return names;
     }
     names.reserve(static_cast<std::size_t>(zipCount) + 2);
-    for (; search.HasFile(); search.Next()) names.push_back(search.file.fileName);
+    for (; search.hasFile(); search.Next()) names.push_back(search.file.fileName);
     if (search.error != platform::error::noMoreFiles) {
         Log1("\t SendDetailstoCS :: Error in FindNextFiles. Error is [%s]\n", LogSystemError(search.error));
     }
@@ -414,7 +414,7 @@ std::uint32_t StripTxtFiles(void*) {
 void PackRecordFiles(std::u16string_view nameBase) {
     Log3("\t Inside PackRecordFiles() \n");
     FileSearch search(recordPattern);
-    if (!search.HasFile()) {
+    if (!search.hasFile()) {
         Log1("\t StripTxtFiles -- No txt files exist. Not able to get the File Handle hFirstFile %d \n", search.error);
         return;
     }
@@ -436,7 +436,7 @@ void PackRecordFiles(std::u16string_view nameBase) {
         HasRoomFor(zipDirectory, left.zippedSize + zipOverhead, DecimalText(left.files) + u" record files",
                    "They stay in data until there is room");
     }
-    if (!search.HasFile() && search.error != platform::error::noMoreFiles) {
+    if (!search.hasFile() && search.error != platform::error::noMoreFiles) {
         Log1("\t StripTxtFiles :: Error in FindNextFiles. Error is [%s]\n", LogSystemError(search.error));
     }
 }

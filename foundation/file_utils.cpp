@@ -61,12 +61,12 @@ int DeleteDirectoryRecursively(std::u16string_view path) {
     int result = 1;
     {
         FileSearch search(std::u16string(path) + u"\\*");
-        if (!search.HasFile()) {
+        if (!search.hasFile()) {
             Log1("\t DeleteDirectoryRecursively :: Invalid File Handle, path : %s \n", path);
             return 1;
         }
         // The first entry is the directory's own "." and is not looked at.
-        for (search.Next(); search.HasFile(); search.Next()) {
+        for (search.Next(); search.hasFile(); search.Next()) {
             if (!DeleteEntry(path, search.file)) result = 0;
         }
     }
@@ -83,8 +83,8 @@ void ClearDirectoryFromPath(std::u16string_view path) {
 bool CheckFileExists(std::u16string_view path) {
     Log4("\t Inside CheckFileExists() \n");
     const FileSearch search(path);
-    if (!search.HasFile()) Log1("CheckFileExists -> Invalid File Handle. %d \n", search.error);
-    return search.HasFile();
+    if (!search.hasFile()) Log1("CheckFileExists -> Invalid File Handle. %d \n", search.error);
+    return search.hasFile();
 }
 
 bool IsDirectory(std::u16string_view path) { return Files().IsDirectory(path); }
@@ -108,12 +108,12 @@ bool MayExist(std::u16string_view path) {
 int GetZipFileCount(std::u16string_view pattern) {
     Log3("\t Inside GetZipFileCount() \n");
     FileSearch search(std::u16string(pattern) + u".zip");
-    if (!search.HasFile()) {
+    if (!search.hasFile()) {
         Log1("\t GetZipFileCount : Invalid File Handle. Error is %u", search.error);
         return 0;
     }
     int count = 0;
-    for (; search.HasFile(); search.Next()) ++count;
+    for (; search.hasFile(); search.Next()) ++count;
     if (search.error != error::noMoreFiles)
         Log1("\t GetZipFileCount - FindNextFile Error. Error is %u \n", search.error);
     return count;

@@ -30,7 +30,7 @@ struct OpenFile {
 };
 
 /// A search for names that match a pattern:
-///     for (FileSearch search(pattern); search.HasFile(); search.Next()) use(search.file);
+///     for (FileSearch search(pattern); search.hasFile(); search.Next()) use(search.file);
 /// After its last file error is noMoreFiles, or why the search ended early.
 struct FileSearch {
     platform::FindData file;  // the present one, while HasFile
@@ -45,7 +45,7 @@ struct FileSearch {
         if (handle_ != 0) platform::Files().FindClose(handle_);
     }
 
-    bool HasFile() const { return error == platform::error::success; }
+    bool hasFile() const { return error == platform::error::success; }
     void Next() { error = platform::Files().FindNextFileW(handle_, file); }
 
   private:

@@ -4,7 +4,7 @@
 
 namespace kv {
 
-void PublishedText::publish(std::optional<std::u16string_view> text) {
+void PublishedText::Publish(std::optional<std::u16string_view> text) {
     if (!text) {
         current_.store(nullptr, std::memory_order_release);
         return;

@@ -29,7 +29,7 @@ class PublishedText {
     }
 
     /// Replaces the text; std::nullopt makes it none.
-    void publish(std::optional<std::u16string_view> text);
+    void Publish(std::optional<std::u16string_view> text);
 
   private:
     std::atomic<const std::u16string*> current_{nullptr};

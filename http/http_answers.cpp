@@ -195,7 +195,7 @@ void TakeAgentKey(std::u16string_view headers) {
         return;
     }
     if (*key != agentState.gv_agentKey.view()) {
-        agentState.gv_agentKey.publish(*key);
+        agentState.gv_agentKey.Publish(*key);
         Log1("\t ParseHeader() :: gv_agentKey = [%s]\n", *key);
     }
     // What counts is the stored key: an earlier answer's may have failed to be stored.
@@ -230,7 +230,7 @@ void TakeSnmpTimeout(std::u16string_view headers) {
              mostDigits);
         return;
     }
-    agentState.gv_SNMPTimeout.publish(*word);
+    agentState.gv_SNMPTimeout.Publish(*word);
     Log1("\t ParseHeader :: gv_SNMPTimeout is [%s]\n", agentState.gv_SNMPTimeout);
 }
 

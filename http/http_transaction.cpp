@@ -57,7 +57,7 @@ void Attempt(AddressedRequest& request, std::u16string_view address) {
 /// Attempts an address of the configuration, which after a success is the one to try first next time.
 void AttemptAndRemember(AddressedRequest& request, const OptionalText& address) {
     Attempt(request, address.value_or(u""));
-    if (request.result == error::success) agentState.gv_LastAccessName.publish(address);
+    if (request.result == error::success) agentState.gv_LastAccessName.Publish(address);
 }
 
 void TryAddresses(AddressedRequest& request) {

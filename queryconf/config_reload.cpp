@@ -81,7 +81,7 @@ std::uint64_t UnpackedSize(std::u16string_view archive) {
 /// What an archive brings beside the plan goes at once; nothing else would ever take it away.
 void ClearDownloads(std::u16string_view directory) {
     int failed = 0, deleted = 0;
-    for (FileSearch search(ConcatStrings(directory, u"*")); search.HasFile(); search.Next()) {
+    for (FileSearch search(ConcatStrings(directory, u"*")); search.hasFile(); search.Next()) {
         const std::u16string& name = search.file.fileName;
         const auto isName = [&name](std::u16string_view kept) { return CompareIgnoreCase(name, kept) == 0; };
         if (name == u"." || name == u".." || std::any_of(std::begin(keptDownloads), std::end(keptDownloads), isName))
@@ -187,7 +187,7 @@ bool IsSlaveKey(std::u16string_view key) {
 
 std::u16string SlaveDirectoryName(std::u16string_view key) {
     std::u16string name(key);
-    for (FileSearch search(ConcatStrings(conf_path::slavesDirectory, u"*")); search.HasFile(); search.Next()) {
+    for (FileSearch search(ConcatStrings(conf_path::slavesDirectory, u"*")); search.hasFile(); search.Next()) {
         const std::u16string& found = search.file.fileName;
         if (found == key) return found;
         if (search.file.isDirectory && CompareIgnoreCase(found, key) == 0) name = found;

@@ -223,13 +223,13 @@ void CreateSlavesDirectory() {
 void LoadSlaves() {
     Log3("\t Inside LoadSlaves() \n");
     FileSearch search(ConcatStrings(conf_path::slavesDirectory, u"*"));
-    if (!search.HasFile()) {
+    if (!search.hasFile()) {
         CreateSlavesDirectory();
         return;
     }
     std::vector<std::u16string> slaves;
     // The first two entries are the directory's own "." and "..".
-    for (int position = 0; search.HasFile(); search.Next(), ++position) {
+    for (int position = 0; search.hasFile(); search.Next(), ++position) {
         if (position < 2) continue;
         const std::u16string& name = search.file.fileName;
         if (IsAmong(slaves, name)) {

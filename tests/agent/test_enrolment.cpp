@@ -20,8 +20,8 @@ class Enrolment : public TestAgent {
     Enrolment() : server_(Options(folder)) {
         agentState.gv_httpsEnabled = 0;
         agentState.gv_ServerPort = server_.port();
-        agentState.gv_LastAccessName.publish(u"127.0.0.1");
-        agentState.gv_agentKey.publish(u"HUBCENTER");
+        agentState.gv_LastAccessName.Publish(u"127.0.0.1");
+        agentState.gv_agentKey.Publish(u"HUBCENTER");
         agentState.gv_agentID = u"pc & more";
         agentState.gv_custID = u"M\u00fcller + S\u00f6hne #1 100%";
         clock_.endMilliseconds = VirtualClock::startMilliseconds + 3600 * 1000;
@@ -82,7 +82,7 @@ TEST_F(Enrolment, WithoutAKeyItAsksEveryMinuteAndTakesWhatTheServerSays) {
 }
 
 TEST_F(Enrolment, WithAKeyItGoesOnAndAsksAgainUntilItIsAnswered) {
-    agentState.gv_agentKey.publish(u"K7");
+    agentState.gv_agentKey.Publish(u"K7");
     orderFault(503, 4);
     const std::filesystem::path copies[] = {conf / "queryconf.txt.restored", conf / "backup" / "queryconf.txt.new",
                                             conf / "slaves" / "S1" / "queryconf.txt.restored",
@@ -106,7 +106,7 @@ TEST_F(Enrolment, WithAKeyItGoesOnAndAsksAgainUntilItIsAnswered) {
 }
 
 TEST_F(Enrolment, AServerThatTakesLongHoldsUpNoAgentThatHasAKey) {
-    agentState.gv_agentKey.publish(u"K7");
+    agentState.gv_agentKey.Publish(u"K7");
     lab::Store store = lab::OpenStore((folder / "lab.db").string());
     lab::AddFault(store, {0, "RegisterAgent", lab::FaultKind::delay, 500, 1});
     platform::ThreadHandle registration = 0;
@@ -127,7 +127,7 @@ TEST_F(Enrolment, AServerThatTakesLongHoldsUpNoAgentThatHasAKey) {
 }
 
 TEST_F(Enrolment, RefusedWhenItWorksAlreadyItEndsWithTheNextStart) {
-    agentState.gv_agentKey.publish(u"BANNED");
+    agentState.gv_agentKey.Publish(u"BANNED");
     orderFault(503, 1);
     InitLicenseParams();
     ASSERT_EQ(started.size(), 1U);
@@ -138,7 +138,7 @@ TEST_F(Enrolment, RefusedWhenItWorksAlreadyItEndsWithTheNextStart) {
 }
 
 TEST_F(Enrolment, ARefusedAgentHasNeitherPlanNorThreads) {
-    agentState.gv_agentKey.publish(u"BANNED");
+    agentState.gv_agentKey.Publish(u"BANNED");
     EXPECT_EQ(InvokeMainThread(nullptr), 0U);
     EXPECT_EQ(agentState.gv_agentRunFlag, 0);
     EXPECT_TRUE(Logged("gv_agentRunFlag is set to FALSE. Shutting the agent service \n"));
@@ -163,7 +163,7 @@ TEST_F(Enrolment, OnlyAKeyThatIsNotThereIsReplaced) {
         SCOPED_TRACE(row.title);
         Write(conf / "slaves" / "S1" / "queryconf.txt", "x");
         if (!row.stored.empty()) SetOCAgentKey(row.stored);
-        agentState.gv_agentKey.publish(row.failure == 0 ? row.stored : u"HUBCENTER");
+        agentState.gv_agentKey.Publish(row.failure == 0 ? row.stored : u"HUBCENTER");
         int reads = 0;
         platform::RegistryOperations registry = platform::Registry();
         registry.RegQueryValueExW = [&, query = registry.RegQueryValueExW](auto key, auto name, auto* type, auto* bytes,

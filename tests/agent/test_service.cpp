@@ -173,7 +173,7 @@ TEST_F(Service, OnTheWayDownItTellsTheServerAndSavesTheCounters) {
                          response.status = answer;
                      });
     agentState.gv_ServerPort = peer.port;
-    agentState.gv_agentKey.publish(u"K7");
+    agentState.gv_agentKey.Publish(u"K7");
     SetMALastCreatedZIPNum(40);
     for (const auto& row : rows) {
         SCOPED_TRACE(row.logged);

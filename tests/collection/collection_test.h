@@ -28,7 +28,7 @@ struct ScriptRow {
 class Collection : public TestAgent {
   protected:
     Collection() {
-        agentState.gv_agentKey.publish(u"K");
+        agentState.gv_agentKey.Publish(u"K");
         agentState.gv_custID = u"Acme";
     }
 

@@ -258,7 +258,7 @@ TEST_F(Collection, NumbersGoOnBehindTheFilesOnDisk) {
     EXPECT_EQ(NextRecordPath(u"data"), u"data\\Agent_K_8");
     agentState.gv_ocLastCreatedJSONNum = 6;
     EXPECT_EQ(NextRecordPath(u"data"), u"data\\Agent_K_8") << "the unsent record 7 is not written over";
-    agentState.gv_agentKey.publish(u"my_key");
+    agentState.gv_agentKey.Publish(u"my_key");
     VerifyLastFileNum();
     EXPECT_EQ(agentState.gv_ocLastCreatedJSONNum, 900u) << "of a key with underscores, too";
     std::u16string theirs;

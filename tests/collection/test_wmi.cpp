@@ -127,7 +127,7 @@ TEST_F(WmiQuery, GivesEverythingBackInReverseOrderWhereverItEnds) {
 }
 
 TEST_F(WmiQuery, LeavesItsRowsInTheRecordBesideTheError) {
-    agentState.gv_agentKey.publish(u"K");
+    agentState.gv_agentKey.Publish(u"K");
     failing = "next6";
     ExecuteWMIQuery(u"ROOT\\X", u"SELECT", u"Disks");
     EXPECT_NE(

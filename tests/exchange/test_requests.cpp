@@ -25,8 +25,8 @@ using Names = std::vector<std::string>;
 class Requests : public TestAgent {
   protected:
     Requests() {
-        agentState.gv_agentKey.publish(u"K7");
-        agentState.gv_LastAccessName.publish(u"127.0.0.1");
+        agentState.gv_agentKey.Publish(u"K7");
+        agentState.gv_LastAccessName.Publish(u"127.0.0.1");
         agentState.gv_httpsEnabled = 0;
         agentState.gv_ServerPort = server.port;
         InitTimerManager();
@@ -249,7 +249,7 @@ TEST_F(Requests, OfADownloadedArchiveOnlyThePlanStays) {
 
 TEST_F(Requests, SnmpValuesGoToTheServer) {
     const SnmpDaemon agent("sysName tower\nsysDescr a box");
-    agentState.gv_SNMPTimeout.publish(u"3");
+    agentState.gv_SNMPTimeout.Publish(u"3");
     const SnmpOutcome instance =
         Ask({.type = "GET_INSTANCE_DATA", .port = agent.port(), .members = R"(, "PROTOCOL": "POLL", "POLL_ID": 7,
              "OID": ".1.3.6.1.2.1.1.5.0,,.1.3.6.1.2.1.1.1.0", "AGENT_KEY": "S1", "POLICY_NAME": "p")"});
@@ -262,7 +262,7 @@ TEST_F(Requests, SnmpValuesGoToTheServer) {
               R"({ ".1.3.6.1.2.1.1.1.0": "a box" }, ".1.3.6.1.2.1.1.5.0": { ".1.3.6.1.2.1.1.5.0": "tower" }, )"
               R"("TYPE": "4", "OID": ".1.3.6.1.2.1.1.5.0,,.1.3.6.1.2.1.1.1.0" })");
     EXPECT_TRUE(FilesIn(data).empty());
-    agentState.gv_SNMPTimeout.publish(u"2148");
+    agentState.gv_SNMPTimeout.Publish(u"2148");
     const std::string one = Variable(1, 0x02, "07"), two = Variable(2, 0x04, "78"), nulls = Variable(1, 0x05, "");
     const std::string below = Item(0x30, FromHex("06 03 2b 01 07 02 01 07"));
     const std::string ofOne = R"(".1.3.1": { ".1.3.1": "7" }, "TYPE": "2", )";

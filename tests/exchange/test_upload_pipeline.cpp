@@ -35,7 +35,7 @@ std::multiset<std::string> NamesInZip(const std::string& bytes) {
 class UploadPipeline : public HttpTest {
   protected:
     UploadPipeline() {
-        agentState.gv_agentKey.publish(u"K7");
+        agentState.gv_agentKey.Publish(u"K7");
         std::filesystem::create_directories(zipdata);
         StartServer();
     }

@@ -81,13 +81,13 @@ TEST(PublishedTexts, AreKeptForTheirReadersAndEqualOnesShared) {
     EXPECT_EQ(text.get(), nullptr);
     const std::u16string a(1000, u'a');
     const std::u16string b(2000, u'b');
-    text.publish(a);
+    text.Publish(a);
     const std::u16string* first = text.get();
-    text.publish(b);
+    text.Publish(b);
     EXPECT_EQ(*first, a) << "whoever reads it still may";
-    text.publish(a);
+    text.Publish(a);
     EXPECT_EQ(text.get(), first) << "so that memory stays bounded";
-    text.publish(std::nullopt);
+    text.Publish(std::nullopt);
     EXPECT_EQ(text.get(), nullptr);
 }
 

@@ -146,7 +146,7 @@ inline RawServer::Handler Forwards(std::string wantedAuthorization) {
 class HttpTest : public TestAgent {
   protected:
     HttpTest() {
-        agentState.gv_LastAccessName.publish(u"127.0.0.1");
+        agentState.gv_LastAccessName.Publish(u"127.0.0.1");
         agentState.gv_httpsEnabled = 0;
     }
 

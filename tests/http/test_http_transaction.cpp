@@ -37,7 +37,7 @@ const std::map<char, Meeting> meetings = {
 class HttpTransaction : public HttpTest {
   protected:
     HttpTransaction() {
-        agentState.gv_LastAccessName.publish(u"host");
+        agentState.gv_LastAccessName.Publish(u"host");
         const auto answer = [this](const httplib::Request& request, httplib::Response& response) {
             sent.push_back(request.body);
             response.status = current.status;
@@ -147,7 +147,7 @@ TEST_F(HttpTransaction, TriesTheAddressesInTheirOrder) {
         std::erase(letters, '-');
         Restart(letters);
         const auto given = [&](std::size_t i, std::u16string name) { return row.answers[i] == '-' ? u"ab" : name; };
-        agentState.gv_LastAccessName.publish(given(0, u"last"));
+        agentState.gv_LastAccessName.Publish(given(0, u"last"));
         agentState.gv_ServerIPAddress = given(1, u"first");
         agentState.gv_ServerSecIPAddress = given(2, u"second");
         agentState.gv_ServerName = given(3, u"name");

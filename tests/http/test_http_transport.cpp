@@ -223,7 +223,7 @@ TEST_F(HttpTransport, AddressesThatLeadNowhere) {
                                             {u"no-such-host.invalid", 12007u},
                                             {u"z\u00fcrich.invalid", 12007u},
                                             {u"127.0.0.1:80", 12005u}}) {
-        agentState.gv_LastAccessName.publish(address);
+        agentState.gv_LastAccessName.Publish(address);
         EXPECT_EQ(Get(closedPort, u"/"), expected) << platform::Utf8FromWide(address);
     }
 }
@@ -231,7 +231,7 @@ TEST_F(HttpTransport, AddressesThatLeadNowhere) {
 TEST_F(HttpTransport, GoesThroughTheProxyWithItsCredentials) {
     RawServer proxy(Forwards(basicCredentials));
     TestServer server;
-    agentState.gv_LastAccessName.publish(u"server.invalid");  // a name that only the proxy knows
+    agentState.gv_LastAccessName.Publish(u"server.invalid");  // a name that only the proxy knows
     UseProxy(At(proxy.port), u"<local>");
     EXPECT_EQ(Get(server.port, u"/echo?value=via proxy"), 0u);
     EXPECT_EQ(server.value, "via proxy");
@@ -256,7 +256,7 @@ TEST_F(HttpTransport, TheBypassListDecidesWhoIsReachedDirectly) {
         EXPECT_EQ(Get(server.port, u"/"), direct ? 0u : 12029u) << platform::Utf8FromWide(list);
     }
     UseProxy(At(1), u"<local>");
-    agentState.gv_LastAccessName.publish(u"localHost");
+    agentState.gv_LastAccessName.Publish(u"localHost");
     EXPECT_EQ(Get(server.port, u"/"), 0u);
 }
 

@@ -20,7 +20,7 @@ using platform::error::tooManyOpenFiles;
 /// An agent "Own" with a plan "live" and a backup "old", that serves a slave "S" likewise.
 class ConfigReload : public PlanTest {
   protected:
-    ConfigReload() { agentState.gv_agentKey.publish(u"Own"); }
+    ConfigReload() { agentState.gv_agentKey.Publish(u"Own"); }
 
     /// Puts the new plan's text, or none, into the download directory.
     void SetUpFiles(const char* newText) {

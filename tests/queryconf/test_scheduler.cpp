@@ -197,7 +197,7 @@ TEST_F(Scheduler, HundredsOfReloadsWhileCollectingAreSafe) {
         rest();  // else the timer's mutex is hardly ever free
     };
     logState.gv_logLevel = 1;
-    agentState.gv_agentKey.publish(u"Own");
+    agentState.gv_agentKey.Publish(u"Own");
     std::thread timer([] { EXPECT_THROW(TimerThread(nullptr), TimeIsUp); });
     std::int32_t workflows = 0;
     for (int reload = 0; reload < 300; ++reload) {
