@@ -15,11 +15,11 @@
 #include "foundation/agent_state.h"
 #include "foundation/log.h"
 #include "foundation/resource_lock.h"
+#include "foundation/timer.h"
 #include "jsontext/hash_json.h"
 #include "platform/backend.h"
 #include "platform/utf.h"
 #include "queryconf/schedule.h"
-#include "queryconf/timer.h"
 #include "tests/support/virtual_clock.h"
 
 namespace fs = std::filesystem;

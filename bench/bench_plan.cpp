@@ -20,11 +20,11 @@
 #include "foundation/file_utils.h"
 #include "foundation/log.h"
 #include "foundation/resource_lock.h"
+#include "foundation/timer.h"
 #include "platform/backend.h"
 #include "platform/utf.h"
 #include "queryconf/config_reload.h"
 #include "queryconf/query_config.h"
-#include "queryconf/timer.h"
 
 namespace fs = std::filesystem;
 

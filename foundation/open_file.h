@@ -33,7 +33,7 @@ struct OpenFile {
 ///     for (FileSearch search(pattern); search.hasFile(); search.Next()) use(search.file);
 /// After its last file error is noMoreFiles, or why the search ended early.
 struct FileSearch {
-    platform::FindData file;  // the present one, while HasFile
+    platform::FindData file;  // the present one, while hasFile
     platform::Error error = platform::error::success;
 
     explicit FileSearch(std::u16string_view pattern) {

@@ -9,12 +9,12 @@
 #include "foundation/file_utils.h"
 #include "foundation/log.h"
 #include "foundation/open_file.h"
+#include "foundation/timer.h"
 #include "http/http_transaction.h"
 #include "platform/files.h"
 #include "queryconf/conf_paths.h"
 #include "queryconf/query_config.h"
 #include "queryconf/schedule.h"
-#include "queryconf/timer.h"
 #include "zip/zip_reader.h"
 
 namespace kv {

@@ -11,8 +11,8 @@
 #include "foundation/guarded.h"
 #include "foundation/log.h"
 #include "foundation/time_utils.h"
+#include "foundation/timer.h"
 #include "jsontext/hash_json.h"
-#include "queryconf/timer.h"
 
 namespace kv {
 

@@ -7,10 +7,10 @@
 
 #include "exchange/request_polling.h"
 #include "foundation/registry_store.h"
+#include "foundation/timer.h"
 #include "platform/sockets.h"
 #include "platform/utf.h"
 #include "queryconf/query_config.h"
-#include "queryconf/timer.h"
 #include "tests/http/http_peers.h"
 #include "tests/support/fake_services.h"
 #include "tests/support/snmp_devices.h"

@@ -7,12 +7,12 @@
 
 #include "foundation/agent_state.h"
 #include "foundation/log.h"
+#include "foundation/timer.h"
 #include "jsontext/hash_json.h"
 #include "platform/process.h"
 #include "platform/threads.h"
 #include "queryconf/config_reload.h"
 #include "queryconf/schedule.h"
-#include "queryconf/timer.h"
 #include "tests/support/test_agent.h"
 #include "tests/support/virtual_clock.h"
 

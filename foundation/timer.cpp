@@ -1,4 +1,4 @@
-#include "queryconf/timer.h"
+#include "foundation/timer.h"
 
 #include <algorithm>
 #include <limits>
