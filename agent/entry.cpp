@@ -143,33 +143,34 @@ int RefuseParameter(std::u16string_view argument) {
 
 void InitAgentParams() {
     Log4("\t\n@@@@@ InitAgentParams Method @@@@@\n");
+    const AgentState defaults;
     AgentState& state = agentState;
-    state.gv_ServerName.reset();
-    state.gv_ServerPort = 0;
-    state.gv_ServerIPAddress.reset();
-    state.gv_queryConfHash = nullptr;
-    state.gv_configInterval = 30;
-    state.gv_writeInterval = 300;
-    state.gv_MaxFilestobeSend = 1;
-    state.gv_MaxFilesInDir = 15;
-    state.gv_SysInfoInterval = 45;
-    state.gv_DataCollTmout = 360;
-    state.gv_collectData = 1;
-    state.gv_httpsEnabled = 1;
-    state.gv_httpTimeout = 30000;
-    state.gv_proxyEnabled.reset();
-    state.gv_proxyServerName.reset();
-    state.gv_proxyUserName.reset();
-    state.gv_proxyPassword.reset();
-    state.gv_proxyExceptionAddr = u"<local>";
-    state.gv_agentID.reset();
-    state.gv_agentDNS.reset();
-    state.gv_agentKey.Publish(u"NULL");
-    state.gv_SNMPTimeout.Publish(u"5");
-    state.gv_masterAgent = u"NO";
-    state.gv_timeDiff = 0;
-    state.gv_loadqueryconf = 0;
-    state.gv_agentRunFlag = 1;
+    state.gv_ServerName = defaults.gv_ServerName;
+    state.gv_ServerPort = defaults.gv_ServerPort;
+    state.gv_ServerIPAddress = defaults.gv_ServerIPAddress;
+    state.gv_queryConfHash = defaults.gv_queryConfHash;
+    state.gv_configInterval = defaults.gv_configInterval;
+    state.gv_writeInterval = defaults.gv_writeInterval;
+    state.gv_MaxFilestobeSend = defaults.gv_MaxFilestobeSend;
+    state.gv_MaxFilesInDir = defaults.gv_MaxFilesInDir;
+    state.gv_SysInfoInterval = defaults.gv_SysInfoInterval;
+    state.gv_DataCollTmout = defaults.gv_DataCollTmout;
+    state.gv_collectData = defaults.gv_collectData.load();
+    state.gv_httpsEnabled = defaults.gv_httpsEnabled;
+    state.gv_httpTimeout = defaults.gv_httpTimeout;
+    state.gv_proxyEnabled = defaults.gv_proxyEnabled;
+    state.gv_proxyServerName = defaults.gv_proxyServerName;
+    state.gv_proxyUserName = defaults.gv_proxyUserName;
+    state.gv_proxyPassword = defaults.gv_proxyPassword;
+    state.gv_proxyExceptionAddr = defaults.gv_proxyExceptionAddr;
+    state.gv_agentID = defaults.gv_agentID;
+    state.gv_agentDNS = defaults.gv_agentDNS;
+    state.gv_agentKey.Publish(defaults.gv_agentKey.view());
+    state.gv_SNMPTimeout.Publish(defaults.gv_SNMPTimeout.view());
+    state.gv_masterAgent = defaults.gv_masterAgent;
+    state.gv_timeDiff = defaults.gv_timeDiff.load();
+    state.gv_loadqueryconf = defaults.gv_loadqueryconf;
+    state.gv_agentRunFlag = defaults.gv_agentRunFlag.load();
 }
 
 void ProcessTestMonitor() {}

@@ -10,7 +10,7 @@ namespace kv {
 /// return.
 int Main(const std::vector<std::string>& words);
 
-/// Every default of the agent state.
+/// Gives the settings of the agent state their defaults (foundation/agent_state.h).
 void InitAgentParams();
 
 /// Where the work of "/monitor" beyond printing the configuration belongs; there is none.

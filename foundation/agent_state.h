@@ -1,6 +1,7 @@
-// The agent's whole configuration and identity: one structure of process-wide fields. InitAgentParams (agent/) gives
-// the defaults, getCSDetails and getProxyServerDetails fill it from the registry once at start, everyone reads it
-// without a lock. Fields that change while threads run are atomics or published texts; all others are constant by then.
+// The agent's whole configuration and identity: one structure of process-wide fields. Their defaults stand here.
+// getCSDetails and getProxyServerDetails fill them from the registry once, at the start, and everyone reads them
+// without a lock. A field that changes while threads run is an atomic, a published text, or belongs to one thread, as
+// it says.
 #pragma once
 
 #include <atomic>
@@ -35,13 +36,13 @@ struct AgentState {
     // Identity.
     OptionalText gv_custID;
     OptionalText gv_remoteOfficeName;
-    PublishedText gv_agentKey;
+    PublishedText gv_agentKey{u"NULL"};
     OptionalText gv_agentID;   // local computer name
     OptionalText gv_agentDNS;  // fully qualified name
     OptionalText gv_localIPAddress;
     OptionalText gv_kvAgentResourceID;
-    OptionalText gv_masterAgent;   // "YES" in any case: this agent serves slaves
-    PublishedText gv_SNMPTimeout;  // seconds, as text; the server may replace it
+    OptionalText gv_masterAgent = u"NO";  // "YES" in any case: this agent serves slaves
+    PublishedText gv_SNMPTimeout{u"5"};   // seconds, as text; the server may replace it
 
     // Intervals and limits.
     std::int32_t gv_configInterval = 30;   // request poll, seconds
@@ -55,8 +56,8 @@ struct AgentState {
     OptionalText gv_proxyEnabled;  // "yes" in any case: in use
     OptionalText gv_proxyServerName;
     OptionalText gv_proxyUserName;
-    OptionalText gv_proxyPassword;       // clear text
-    OptionalText gv_proxyExceptionAddr;  // bypass list
+    OptionalText gv_proxyPassword;                    // clear text
+    OptionalText gv_proxyExceptionAddr = u"<local>";  // bypass list
 
     // The plan.
     HashTable* gv_queryConfHash = nullptr;   // merged configuration, owned

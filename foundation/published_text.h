@@ -16,6 +16,7 @@ namespace kv {
 class PublishedText {
   public:
     PublishedText() = default;
+    explicit PublishedText(std::u16string_view text) { Publish(text); }
     PublishedText(const PublishedText&) = delete;
     PublishedText& operator=(const PublishedText&) = delete;
 
