@@ -106,20 +106,20 @@ Conversion TakeConversion(std::string_view& format) {
     return taken;
 }
 
-void AppendDigits(std::string& line, const Conversion& conversion, bool isNegative, std::uint64_t magnitude) {
+void AppendDigits(std::string& line, const Conversion& conversion, std::string_view sign, std::uint64_t magnitude) {
     char digits[std::numeric_limits<std::uint64_t>::digits10 + 1];
     const auto end = std::to_chars(std::begin(digits), std::end(digits), magnitude, conversion.letter == 'x' ? 16 : 10);
-    const auto count = static_cast<std::size_t>(end.ptr - digits) + (isNegative ? 1 : 0);
+    const auto count = static_cast<std::size_t>(end.ptr - digits) + sign.size();
     const std::size_t padding = conversion.width - std::min(conversion.width, count);
     if (!conversion.hasZeros) line.append(padding, ' ');
-    if (isNegative) line += '-';
+    line.append(sign);
     if (conversion.hasZeros) line.append(padding, '0');
     line.append(digits, end.ptr);
 }
 
 void AppendSigned(std::string& line, const Conversion& conversion, std::int64_t number) {
     const auto magnitude = static_cast<std::uint64_t>(number);
-    AppendDigits(line, conversion, number < 0, number < 0 ? 0 - magnitude : magnitude);
+    AppendDigits(line, conversion, number < 0 ? "-" : "", number < 0 ? 0 - magnitude : magnitude);
 }
 
 /// A 32-bit number without an "l" prints as its 32 bits read in the conversion's way; all others as their value, so
@@ -132,7 +132,7 @@ bool AppendNumber(std::string& line, const Conversion& conversion, Number number
     else if ((conversion.letter == 'd' || conversion.letter == 's') && std::is_signed_v<Number>)
         AppendSigned(line, conversion, static_cast<std::int64_t>(number));
     else if (std::string_view("duxs").find(conversion.letter) != std::string_view::npos)
-        AppendDigits(line, conversion, false,
+        AppendDigits(line, conversion, "",
                      is32 ? static_cast<std::uint32_t>(number) : static_cast<std::uint64_t>(number));
     else
         return false;

@@ -42,9 +42,9 @@ struct JsonTokenerDeleter {
 using JsonTokenerPtr = std::unique_ptr<json_tokener, JsonTokenerDeleter>;
 
 struct JsonMember {
-    std::string_view key;  // narrow
-    json_object* value;    // null for JSON's null
-    bool isGivenAgain;     // the key comes once more behind this member
+    std::string_view key;       // narrow
+    json_object* value;         // null for JSON's null
+    bool isGivenAgain = false;  // the key comes once more behind this member
 };
 
 void JSONObjectToHash(HashTable* table, json_object* object);
@@ -146,7 +146,7 @@ std::vector<JsonMember> MembersOf(json_object* object) {
     const json_object_iterator end = json_object_iter_end(object);
     for (json_object_iterator member = json_object_iter_begin(object); !json_object_iter_equal(&member, &end);
          json_object_iter_next(&member)) {
-        members.push_back({json_object_iter_peek_name(&member), json_object_iter_peek_value(&member), false});
+        members.push_back({.key = json_object_iter_peek_name(&member), .value = json_object_iter_peek_value(&member)});
     }
     MarkRepeated(members);
     return members;
@@ -205,7 +205,7 @@ struct OpenLevels {
 void CountUnit(OpenLevels& open, char16_t unit) {
     if (unit == u'{' || unit == u'[') {
         ++open.brackets;
-        open.levels[++open.depth] = {unit == u'{', 0};
+        open.levels[++open.depth] = {.isObject = unit == u'{'};
     } else if (unit == u'}' || unit == u']') {
         if (open.depth > 0) --open.depth;
     } else if (unit == u',') {

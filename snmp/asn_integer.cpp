@@ -35,14 +35,16 @@ std::uint8_t* BuildUnsigned(std::uint8_t* position, std::int32_t* remaining, std
     return WriteContent(content, remaining, value, size);
 }
 
+enum class WordKind { withSign, withoutSign };
+
 /// Both parsers of 32 bits. A content of five bytes is that of an unsigned value with bit 31 set, and begins with 00.
 const std::uint8_t* ParseWord(const std::uint8_t* position, std::int32_t* remaining, std::uint32_t* value,
-                              bool mayHaveFiveBytes) {
+                              WordKind kind) {
     std::uint32_t length = 0;
     const std::uint8_t* content = AsnParseLength(position + 1, &length);
     if (!content) return AsnFailure("bad length");
     if (AsnIsCutOff(position, content, length, *remaining)) return AsnFailure("overflow of message");
-    if (length > wordSize && !(mayHaveFiveBytes && length == wordSize + 1 && content[0] == 0))
+    if (length > wordSize && !(kind == WordKind::withoutSign && length == wordSize + 1 && content[0] == 0))
         return AsnFailure("I don't support such large integers");
     *value = FoldWord(content, length);
     return AsnPassItem(position, content, length, remaining);
@@ -56,7 +58,7 @@ const std::uint8_t* AsnParseInteger(const std::uint8_t* position, std::int32_t* 
     *tag = position[0];
     if (*remaining < 2) return AsnFailure("bad length");
     std::uint32_t word = 0;
-    const std::uint8_t* next = ParseWord(position, remaining, &word, false);
+    const std::uint8_t* next = ParseWord(position, remaining, &word, WordKind::withSign);
     if (next) *value = static_cast<std::int32_t>(word);
     return next;
 }
@@ -65,7 +67,7 @@ const std::uint8_t* AsnParseUnsigned(const std::uint8_t* position, std::int32_t*
                                      std::uint32_t* value, std::size_t size) {
     if (size != wordSize) return AsnFailure("not long");
     *tag = position[0];
-    return ParseWord(position, remaining, value, true);
+    return ParseWord(position, remaining, value, WordKind::withoutSign);
 }
 
 std::uint8_t* AsnBuildInteger(std::uint8_t* position, std::int32_t* remaining, std::uint8_t tag,

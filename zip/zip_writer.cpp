@@ -71,10 +71,12 @@ std::span<const std::uint8_t> BytesOf(std::string_view text) {
     return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
 }
 
-std::string ArchiveName(std::u16string_view name, bool isFolder) {
+enum class EntryKind { file, folder };
+
+std::string ArchiveName(std::u16string_view name, EntryKind kind) {
     std::u16string slashed(name);
     ReplaceChar(slashed, u'\\', u'/');
-    if (isFolder && !slashed.empty() && slashed.back() != u'/') slashed += u'/';
+    if (kind == EntryKind::folder && !slashed.empty() && slashed.back() != u'/') slashed += u'/';
     return platform::Utf8FromWide(slashed);
 }
 
@@ -226,7 +228,7 @@ ZipResult WriteEntry(ZipWriter& writer, ZipSource& source, ZipEntry& entry) {
 /// The steps common to all entries; `open` fills the source. A failure before the entry's first byte leaves the archive
 /// good, a later one makes it refuse all that follows.
 template <class Open>
-ZipResult AddEntry(ZipHandle zip, std::u16string_view nameInZip, bool isFolder, const Open& open) {
+ZipResult AddEntry(ZipHandle zip, std::u16string_view nameInZip, EntryKind kind, const Open& open) {
     ZipResult result = zip_result::ok;
     ZipWriter* writer = WriterOf(zip, result);
     if (writer == nullptr) return result;
@@ -234,10 +236,10 @@ ZipResult AddEntry(ZipHandle zip, std::u16string_view nameInZip, bool isFolder, 
     if (writer->finished) return zip_result::alreadyEnded;
     try {
         ZipEntry entry;
-        entry.name = ArchiveName(nameInZip, isFolder);
+        entry.name = ArchiveName(nameInZip, kind);
         if (entry.name.empty() || entry.name.size() > maxNameSize) return zip_result::badArguments;
-        entry.method = isFolder ? ZipMethod::stored : MethodFor(nameInZip);
-        if (!isFolder && !writer->password.empty()) entry.flags |= flagEncrypted;
+        entry.method = kind == EntryKind::folder ? ZipMethod::stored : MethodFor(nameInZip);
+        if (kind == EntryKind::file && !writer->password.empty()) entry.flags |= flagEncrypted;
 
         ZipSource source;
         result = open(*writer, source);
@@ -312,7 +314,7 @@ ZipHandle Create(const char* password, const Open& open) {
 /// Adds an open file; sizeToCome counts where the archive's own file does not tell its position.
 ZipResult AddOpenFile(ZipHandle zip, std::u16string_view nameInZip, platform::FileHandle file,
                       std::optional<std::uint64_t> sizeToCome) {
-    return AddEntry(zip, nameInZip, false, [&](ZipWriter& writer, ZipSource& source) {
+    return AddEntry(zip, nameInZip, EntryKind::file, [&](ZipWriter& writer, ZipSource& source) {
         if (file == 0) return zip_result::badArguments;
         const bool fromFile = writer.fileTellsPosition;
         if (fromFile && platform::Files().SetFilePointerEx(file, 0) != platform::error::success) {
@@ -365,7 +367,7 @@ ZipHandle CreateZipMemory(void* block, std::size_t size, const char* password) {
 
 ZipResult AddFileToZip(ZipHandle zip, std::u16string_view nameInZip, std::u16string_view path) {
     Log4("\t Inside AddFileToZip() \n");
-    return Remember(AddEntry(zip, nameInZip, false, [&](ZipWriter& writer, ZipSource& source) {
+    return Remember(AddEntry(zip, nameInZip, EntryKind::file, [&](ZipWriter& writer, ZipSource& source) {
         // Whether the source's own times and attributes are taken hangs on the output being able to seek. It has always
         // been so, and the server gets the same archives.
         return OpenFileSource(path, writer.fileTellsPosition, writer.readBuffer, source);
@@ -385,7 +387,7 @@ ZipResult AddHandleToZipSized(ZipHandle zip, std::u16string_view nameInZip, plat
 
 ZipResult AddMemoryToZip(ZipHandle zip, std::u16string_view nameInZip, const void* block, std::size_t size) {
     Log4("\t Inside AddMemoryToZip() \n");
-    return Remember(AddEntry(zip, nameInZip, false, [&](ZipWriter&, ZipSource& source) {
+    return Remember(AddEntry(zip, nameInZip, EntryKind::file, [&](ZipWriter&, ZipSource& source) {
         if (block == nullptr && size > 0) return zip_result::badArguments;
         OpenMemorySource({static_cast<const std::uint8_t*>(block), size}, source);
         return zip_result::ok;
@@ -394,7 +396,7 @@ ZipResult AddMemoryToZip(ZipHandle zip, std::u16string_view nameInZip, const voi
 
 ZipResult AddFolderToZip(ZipHandle zip, std::u16string_view nameInZip) {
     Log4("\t Inside AddFolderToZip() \n");
-    return Remember(AddEntry(zip, nameInZip, true, [&](ZipWriter&, ZipSource& source) {
+    return Remember(AddEntry(zip, nameInZip, EntryKind::folder, [&](ZipWriter&, ZipSource& source) {
         OpenFolderSource(source);
         return zip_result::ok;
     }));

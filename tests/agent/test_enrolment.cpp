@@ -152,12 +152,17 @@ TEST_F(Enrolment, OnlyAKeyThatIsNotThereIsReplaced) {
         const char* title;
         platform::Error failure;          // of the first two reads
         std::u16string_view stored, key;  // and what comes of it
-        int minutes;
-        bool hasSlaves;
+        int minutes = 0;
+        bool hasSlaves = false;
     } rows[] = {
-        {"no key", platform::error::fileNotFound, u"", u"LAB1", 0, false},
-        {"in another case", platform::error::success, u"HubCenter", u"LAB1", 0, false},
-        {"one that may not be read", platform::error::accessDenied, u"K7", u"K7", 2, true},
+        {"no key", platform::error::fileNotFound, u"", u"LAB1"},
+        {"in another case", platform::error::success, u"HubCenter", u"LAB1"},
+        {.title = "one that may not be read",
+         .failure = platform::error::accessDenied,
+         .stored = u"K7",
+         .key = u"K7",
+         .minutes = 2,
+         .hasSlaves = true},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.title);

@@ -130,14 +130,17 @@ TEST_F(Service, ControlsAreAnsweredWithAState) {
 TEST_F(Service, AStartThatFailsEndsAtOnce) {
     const struct {
         const char* logged;
-        const char* reports;
-        std::size_t threads;
-        bool freed;
+        const char* reports = "";
+        std::size_t threads = 0;
+        bool freed = false;
     } rows[] = {
-        {"Create event failed due to the following error !! \n", "", 0, true},
-        {"RegisterServiceCtrlHandlerEx failed to register the callback due to the following error !! \n", "", 0, true},
-        {"ChangeServiceStatus : SetServiceStatus is failed due to following error !! \n", "", 0, false},
-        {"ChangeServiceStatus : SetServiceStatus is failed due to following error !! \n", "2", 1, false},
+        {.logged = "Create event failed due to the following error !! \n", .freed = true},
+        {.logged = "RegisterServiceCtrlHandlerEx failed to register the callback due to the following error !! \n",
+         .freed = true},
+        {.logged = "ChangeServiceStatus : SetServiceStatus is failed due to following error !! \n"},
+        {.logged = "ChangeServiceStatus : SetServiceStatus is failed due to following error !! \n",
+         .reports = "2",
+         .threads = 1},
     };
     for (const auto& row : rows) {
         ++failingStep;

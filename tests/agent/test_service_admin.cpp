@@ -142,14 +142,14 @@ TEST_F(ServiceAdmin, TellsOldSystemsByTheirVersion) {
     const char* unknown = "\t IsWin2kOS : Problem in identifying the operating system !!!";
     const struct {
         std::uint32_t major, minor;
-        Error result;
-        bool isOld;
+        Error result = 0;
+        bool isOld = false;
         const char* logged;
     } rows[] = {
-        {5, 0, 0, true, "IsWin2kOS : Windows 2000 Operating system. "},
-        {5, 1, 0, false, "\tbOsVersionInfoEx value is 1 "},
-        {4, 0, 0, true, unknown},
-        {5, 0, 5, false, "\tbOsVersionInfoEx value is 0 "},
+        {.major = 5, .minor = 0, .isOld = true, .logged = "IsWin2kOS : Windows 2000 Operating system. "},
+        {.major = 5, .minor = 1, .logged = "\tbOsVersionInfoEx value is 1 "},
+        {.major = 4, .minor = 0, .isOld = true, .logged = unknown},
+        {.major = 5, .minor = 0, .result = 5, .logged = "\tbOsVersionInfoEx value is 0 "},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.logged);

@@ -60,32 +60,42 @@ TEST(SystemNames, FollowFamilyAndVersion) {
     const struct {
         platform::SystemFamily family;
         std::uint32_t major, minor;
-        bool isWorkstation, isAmd64;
-        const char16_t* servicePack;
+        bool isWorkstation = false, isAmd64 = false;
+        const char16_t* servicePack = u"";
         const char16_t* name;
     } rows[] = {
-        {nt, 6, 1, true, false, u"", u"Windows 7"},
-        {nt, 6, 1, false, true, u"", u"Windows 2008 R2"},
-        {nt, 6, 0, true, true, u"", u"Windows Vista"},
-        {nt, 6, 0, false, false, u"", u"Windows 2008"},
-        {nt, 5, 2, true, true, u"", u"Windows XP"},
-        {nt, 5, 2, true, false, u"", u"Windows 2003"},
-        {nt, 5, 2, false, true, u"", u"Windows 2003"},
-        {nt, 5, 1, true, false, u"", u"Windows XP"},
-        {nt, 5, 0, true, false, u"", u"Windows 2000"},
-        {nt, 4, 0, true, false, u"", u"Windows NT"},
-        {win9x, 4, 0, true, false, u"", u"Windows 95"},
-        {win9x, 4, 10, true, false, u" A", u"Windows 98 SE"},
-        {win9x, 4, 10, true, false, u"", u"Windows 98"},
-        {win9x, 4, 90, true, false, u"", u"Windows Millennium Edition\n"},
-        {win32s, 3, 10, true, false, u"", u"Win32s\n"},
-        {nt, 10, 0, true, true, u"", u"its own name"},
+        {.family = nt, .major = 6, .minor = 1, .isWorkstation = true, .name = u"Windows 7"},
+        {.family = nt, .major = 6, .minor = 1, .isAmd64 = true, .name = u"Windows 2008 R2"},
+        {.family = nt, .major = 6, .minor = 0, .isWorkstation = true, .isAmd64 = true, .name = u"Windows Vista"},
+        {.family = nt, .major = 6, .minor = 0, .name = u"Windows 2008"},
+        {.family = nt, .major = 5, .minor = 2, .isWorkstation = true, .isAmd64 = true, .name = u"Windows XP"},
+        {.family = nt, .major = 5, .minor = 2, .isWorkstation = true, .name = u"Windows 2003"},
+        {.family = nt, .major = 5, .minor = 2, .isAmd64 = true, .name = u"Windows 2003"},
+        {.family = nt, .major = 5, .minor = 1, .isWorkstation = true, .name = u"Windows XP"},
+        {.family = nt, .major = 5, .minor = 0, .isWorkstation = true, .name = u"Windows 2000"},
+        {.family = nt, .major = 4, .minor = 0, .isWorkstation = true, .name = u"Windows NT"},
+        {.family = win9x, .major = 4, .minor = 0, .isWorkstation = true, .name = u"Windows 95"},
+        {.family = win9x,
+         .major = 4,
+         .minor = 10,
+         .isWorkstation = true,
+         .servicePack = u" A",
+         .name = u"Windows 98 SE"},
+        {.family = win9x, .major = 4, .minor = 10, .isWorkstation = true, .name = u"Windows 98"},
+        {.family = win9x, .major = 4, .minor = 90, .isWorkstation = true, .name = u"Windows Millennium Edition\n"},
+        {.family = win32s, .major = 3, .minor = 10, .isWorkstation = true, .name = u"Win32s\n"},
+        {.family = nt, .major = 10, .minor = 0, .isWorkstation = true, .isAmd64 = true, .name = u"its own name"},
     };
     for (const auto& row : rows) {
         platform::SystemFactOperations facts;
         facts.GetVersionExW = [&row](platform::SystemVersion& version) {
-            version = {row.family,        row.major,   row.minor,      row.servicePack,
-                       row.isWorkstation, row.isAmd64, u"its own name"};
+            version = {.family = row.family,
+                       .major = row.major,
+                       .minor = row.minor,
+                       .servicePack = row.servicePack,
+                       .isWorkstation = row.isWorkstation,
+                       .isAmd64 = row.isAmd64,
+                       .plainName = u"its own name"};
             return platform::error::success;
         };
         const platform::ScopedOperations scoped(facts);

@@ -93,8 +93,11 @@ struct Asn : test::TestAgent {
     Asn() { toolkitLogLevel = 1; }
     ~Asn() override { toolkitLogLevel = 0; }
 
+    enum class Verdict { taken, refused };
+
     /// Offers a row's first bytes, in a buffer that ends where a parser may look no further.
-    static void Offer(const Row& row, std::int32_t size, int behind, bool succeeds) {
+    static void Offer(const Row& row, std::int32_t size, int behind, Verdict verdict) {
+        const bool succeeds = verdict == Verdict::taken;
         const auto held = static_cast<std::size_t>(std::max(size, 0));
         std::vector<std::uint8_t> buffer(held + asnReadAhead, static_cast<std::uint8_t>(behind));
         const std::string bytes = FromHex(row.hex);
@@ -138,9 +141,9 @@ TEST_F(Asn, ReadsEveryFormWholeOnlyAndWritesTheShortest) {
          }) {
         SCOPED_TRACE(row.title);
         const auto size = static_cast<std::int32_t>(FromHex(row.hex).size());
-        Offer(row, size, row.behind, true);
+        Offer(row, size, row.behind, Verdict::taken);
         for (std::int32_t cut = -1; cut < size; ++cut) {
-            for (const int behind : {0x00, 0xff, 0x84}) Offer(row, cut, behind, false);
+            for (const int behind : {0x00, 0xff, 0x84}) Offer(row, cut, behind, Verdict::refused);
         }
     }
 }
@@ -163,7 +166,7 @@ TEST_F(Asn, SaysWhatItRefuses) {
          }) {
         SCOPED_TRACE(row.title);
         const std::size_t logged = LogText().size();
-        Offer(row, static_cast<std::int32_t>(FromHex(row.hex).size()), 0, false);
+        Offer(row, static_cast<std::int32_t>(FromHex(row.hex).size()), 0, Verdict::refused);
         EXPECT_EQ(LogText().substr(logged), row.outcome);
     }
 }

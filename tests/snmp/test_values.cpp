@@ -31,28 +31,33 @@ TEST_F(SnmpValues, TextsOfOidsAndAddresses) {
     struct Row {
         const char* title;
         std::string text;
-        bool isAddress;
         std::int32_t count;
-        Oid subIds;
+        Oid subIds = {};
         const char* written = nullptr;  // when not as read
+        bool isAddress = false;
     };
     const std::string longPart(20, '1');
     const Row rows[] = {
-        {"an OID", ".1.3.6.1.2.1", false, 6, {1, 3, 6, 1, 2, 1}},
-        {"zero", ".0", false, 1, {0}},
-        {"a zero of two digits", ".00", false, 1, {0}, ".0"},
-        {"signs", ".1.-5.+7", false, 3, {1, 4294967291, 7}, ".1..7"},
-        {"from 2^31 on only the dot", ".1.2147483648", false, 2, {1, 2147483648}, ".1."},
-        {"taken for a failure", ".1.4294967295", false, -1, {}},
-        {"wrapped to 0", ".1.4294967296", false, -1, {}},
-        {"20 characters", "." + longPart, false, -1, {}},
-        {"no dot in front", "1.3.6", false, -1, {}},
-        {"a letter in front goes unseen, the count is wrong", "x1.3", false, 0, {}},
-        {"a dot", ".", false, -1, {}},
-        {"an empty part", ".1..3", false, -1, {}},
-        {"a NUL", std::string(".1.3\0", 5), false, -1, {}},
-        {"an address", "10.0.0.255", true, 4, {10, 0, 0, 255}, ".10.0.0.255"},
-        {"an address too short", "10.0.0", true, -1, {}},
+        {"an OID", ".1.3.6.1.2.1", 6, {1, 3, 6, 1, 2, 1}},
+        {"zero", ".0", 1, {0}},
+        {"a zero of two digits", ".00", 1, {0}, ".0"},
+        {"signs", ".1.-5.+7", 3, {1, 4294967291, 7}, ".1..7"},
+        {"from 2^31 on only the dot", ".1.2147483648", 2, {1, 2147483648}, ".1."},
+        {"taken for a failure", ".1.4294967295", -1, {}},
+        {"wrapped to 0", ".1.4294967296", -1, {}},
+        {"20 characters", "." + longPart, -1, {}},
+        {"no dot in front", "1.3.6", -1, {}},
+        {"a letter in front goes unseen, the count is wrong", "x1.3", 0, {}},
+        {"a dot", ".", -1, {}},
+        {"an empty part", ".1..3", -1, {}},
+        {"a NUL", std::string(".1.3\0", 5), -1, {}},
+        {.title = "an address",
+         .text = "10.0.0.255",
+         .count = 4,
+         .subIds = {10, 0, 0, 255},
+         .written = ".10.0.0.255",
+         .isAddress = true},
+        {.title = "an address too short", .text = "10.0.0", .count = -1, .isAddress = true},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.title);
@@ -185,9 +190,10 @@ TEST_F(SnmpValues, APduTakesOverTheVariablesInEveryCase) {
     struct Row {
         std::uint8_t command;
         std::size_t communityLength;
-        bool isMade;
+        bool isMade = true;
     };
-    for (const Row& row : {Row{command::get, 254, true}, {command::inform, 0, true}, {command::get, 255, false}}) {
+    for (const Row& row : {Row{command::get, 254}, Row{command::inform, 0},
+                           Row{.command = command::get, .communityLength = 255, .isMade = false}}) {
         SCOPED_TRACE(row.communityLength);
         const std::uint32_t oid[] = {1, 3, 4711};
         const VarBindListPtr list = MakeVarBindList();
