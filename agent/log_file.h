@@ -30,7 +30,7 @@ void StopLogging();
 int OpenLogFile(std::u16string_view path);
 
 /// Number of files that begin with the stem, or -1 when the search fails.
-int CountLogFiles(std::u16string_view stem);
+[[nodiscard]] int CountLogFiles(std::u16string_view stem);
 
 /// stem of path + number + ".log".
 std::u16string LogFileNameAt(std::u16string_view path, std::uint32_t number);

@@ -23,6 +23,6 @@ void StopService();
 void RestartService();
 
 /// True for systems that offer no session-change control: Windows 2000 and older, and all that are no Windows.
-bool IsWin2kOS();
+[[nodiscard]] bool IsWin2kOS();
 
 }  // namespace kv

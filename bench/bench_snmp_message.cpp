@@ -98,8 +98,8 @@ void Decode(benchmark::State& state) {
     const AllocationCount count(state, decodeAllocations);
     for (auto iteration : state) {
         const snmp::SnmpPduPtr parsed(snmp::AllocateAndInitSnmpPdu());
-        snmp::ParseSnmpMessageForPdu(buffer.data(), size, parsed.get());
-        if (parsed->varBindCount != variables) state.SkipWithError("not parsed");
+        const std::uint8_t result = snmp::ParseSnmpMessageForPdu(buffer.data(), size, parsed.get());
+        if (result != snmp::parse_result::done || parsed->varBindCount != variables) state.SkipWithError("not parsed");
     }
 }
 

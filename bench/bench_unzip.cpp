@@ -10,6 +10,7 @@
 #include <fstream>
 #include <iterator>
 #include <random>
+#include <stdexcept>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -54,9 +55,10 @@ void MakeArchive() {
     for (int i = 1; i <= recordCount; ++i) {
         const std::string bytes = kv::Utf16LittleEndianBytes(kv::bench::RecordText(random));
         const std::string name = "data/Agent_7301_" + std::to_string(i) + ".txt";
-        kv::AddMemoryToZip(zip, platform::WideFromUtf8(name), bytes.data(), bytes.size());
+        if (kv::AddMemoryToZip(zip, platform::WideFromUtf8(name), bytes.data(), bytes.size()) != kv::zip_result::ok)
+            throw std::runtime_error("an entry cannot be packed");
     }
-    kv::CloseZip(zip);
+    if (kv::CloseZip(zip) != kv::zip_result::ok) throw std::runtime_error("the archive cannot be closed");
     std::ifstream file("records.zip", std::ios::binary);
     archive.assign(std::istreambuf_iterator<char>(file), {});
     for (std::size_t at = 0; Field(at, 4) == 0x04034B50;) {

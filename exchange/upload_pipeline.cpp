@@ -61,7 +61,7 @@ struct ZipInProgress {
     ZipInProgress(const ZipInProgress&) = delete;
     ZipInProgress& operator=(const ZipInProgress&) = delete;
     ~ZipInProgress() {
-        if (zip != nullptr) CloseZip(zip);
+        if (zip != nullptr) static_cast<void>(CloseZip(zip));  // the file goes, whatever came of it
         if (!temporaryPath.empty()) platform::Files().DeleteFileW(temporaryPath);
     }
 

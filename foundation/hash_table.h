@@ -33,7 +33,7 @@ struct HashTable {
 };
 
 /// 1, or 0 when memory ran out. A size of 0 is taken as 1. The table is freed by one of the two free operations.
-int InitHashTable(HashTable* table, std::int32_t size);
+[[nodiscard]] int InitHashTable(HashTable* table, std::int32_t size);
 
 /// Stores a value under a key, new keys last; 1, or 0 when memory ran out. A value of ValueType::text is copied, and
 /// the table frees its copy; all others must outlive the table or be its own (lists and tables under FreeAllHashTable).
@@ -44,27 +44,27 @@ int PutHashValue(HashTable* table, std::u16string_view key, Word value, ValueTyp
 int PutHashText(HashTable* table, std::u16string_view key, std::u16string_view text);
 
 /// The value, or 0 when the key is absent or its value is 0.
-Word GetHashValue(const HashTable* table, std::u16string_view key);
+[[nodiscard]] Word GetHashValue(const HashTable* table, std::u16string_view key);
 
 /// The entry, or null.
-HashEntry* GetHashEntry(const HashTable* table, std::u16string_view key);
+[[nodiscard]] HashEntry* GetHashEntry(const HashTable* table, std::u16string_view key);
 
 /// The text under a key, or null when the key is absent or holds something else.
-const char16_t* GetHashText(const HashTable* table, std::u16string_view key);
+[[nodiscard]] const char16_t* GetHashText(const HashTable* table, std::u16string_view key);
 
 /// The list under a key, or null when the key is absent or holds something else.
-Vector* GetHashVector(const HashTable* table, std::u16string_view key);
+[[nodiscard]] Vector* GetHashVector(const HashTable* table, std::u16string_view key);
 
 /// 1 or 0.
-int ContainsHashKey(const HashTable* table, std::u16string_view key);
+[[nodiscard]] int ContainsHashKey(const HashTable* table, std::u16string_view key);
 
 /// 1, or 0 when the key is absent. The value is never freed.
 int RemoveHashKey(HashTable* table, std::u16string_view key);
 
-std::int32_t CountHashKeys(const HashTable* table);
+[[nodiscard]] std::int32_t CountHashKeys(const HashTable* table);
 
 /// The keys in order, ended by a null. The array is the caller's, the keys are the table's.
-std::unique_ptr<const char16_t*[]> GetHashKeys(const HashTable* table);
+[[nodiscard]] std::unique_ptr<const char16_t*[]> GetHashKeys(const HashTable* table);
 
 /// Puts every key of source that dest lacks, or holds with value 0, into dest. Nested values are shared, texts copied.
 /// 1, or 0 when either table is null.

@@ -17,8 +17,8 @@ struct OpenFile {
     OpenFile& operator=(const OpenFile&) = delete;
     ~OpenFile() { Close(); }
 
-    platform::Error Open(std::u16string_view path, platform::FileAccess access, platform::FileShare share,
-                         platform::FileDisposition disposition) {
+    [[nodiscard]] platform::Error Open(std::u16string_view path, platform::FileAccess access, platform::FileShare share,
+                                       platform::FileDisposition disposition) {
         return platform::Files().CreateFileW(path, access, share, disposition, handle);
     }
 
@@ -45,7 +45,7 @@ struct FileSearch {
         if (handle_ != 0) platform::Files().FindClose(handle_);
     }
 
-    bool hasFile() const { return error == platform::error::success; }
+    [[nodiscard]] bool hasFile() const { return error == platform::error::success; }
     void Next() { error = platform::Files().FindNextFileW(handle_, file); }
 
   private:

@@ -23,9 +23,9 @@ void DecryptWithPassphrase(std::u16string_view cipher, std::u16string& out, std:
 
 /// One 16-bit character per decoded byte. White space around the text is skipped; a text that is not Base64 gives an
 /// empty one. Format: RFC 4648, standard alphabet, with padding.
-std::u16string DecodeBase64(std::u16string_view text);
+[[nodiscard]] std::u16string DecodeBase64(std::u16string_view text);
 
 /// Base64 of a text of which each character is one byte; none when a character is above 255.
-std::optional<std::u16string> EncodeBase64(std::u16string_view text);
+[[nodiscard]] std::optional<std::u16string> EncodeBase64(std::u16string_view text);
 
 }  // namespace kv

@@ -19,12 +19,12 @@ inline constexpr std::u16string_view monitoringKeyPath = u"Software\\Halvorine\\
 inline constexpr std::u16string_view systemDetailsKeyPath = u"Software\\Halvorine\\Kestrova\\KVAgent\\SystemDetails";
 
 /// Reads a text. A value of size zero is a success that leaves outText none.
-platform::Error ReadRegSZ(platform::RootKey root, std::u16string_view subKey, std::u16string_view valueName,
-                          OptionalText& outText);
+[[nodiscard]] platform::Error ReadRegSZ(platform::RootKey root, std::u16string_view subKey,
+                                        std::u16string_view valueName, OptionalText& outText);
 
 /// Reads a number; outNumber is written only on success. The stored type is not checked.
-platform::Error ReadDwordRegistryData(platform::RootKey root, std::u16string_view subKey, std::u16string_view valueName,
-                                      std::uint32_t& outNumber);
+[[nodiscard]] platform::Error ReadDwordRegistryData(platform::RootKey root, std::u16string_view subKey,
+                                                    std::u16string_view valueName, std::uint32_t& outNumber);
 
 /// Stores data, always given as text, as the type asked for; makes the key where it is missing. A name of "--" is the
 /// key's default value, data of "--" the empty text. For a number the text is decimal and fits 32 bits, signed or not;

@@ -38,10 +38,10 @@ void SynchronizeResource_MSP(const void* resource);
 void UnsynchronizeResource_MSP(const void* resource);
 
 /// 1 locked, 2 free.
-int IsResourceLocked_MSP(const void* resource);
+[[nodiscard]] int IsResourceLocked_MSP(const void* resource);
 
 /// -1 when it took the lock, at once or after one sleep of the time given; 1 when it is still busy.
-int TimedSynchronizeResource_MSP(const void* resource, std::uint32_t milliseconds);
+[[nodiscard]] int TimedSynchronizeResource_MSP(const void* resource, std::uint32_t milliseconds);
 
 int ResourceLockOp_MSP(const void* resource, LockOperation operation);
 

@@ -12,14 +12,14 @@ namespace kv {
 using OptionalText = std::optional<std::u16string>;
 
 /// A heap copy, NUL-terminated, released with FreeText. Null when memory ran out.
-char16_t* CopyText(std::u16string_view text);
+[[nodiscard]] char16_t* CopyText(std::u16string_view text);
 void FreeText(char16_t* text);
 
 /// a + b.
 std::u16string ConcatStrings(std::u16string_view a, std::u16string_view b);
 
 /// Stores a copy of source in dest; 1, or 99 with a log line when memory ran out.
-int AllocateAndDoStrcpy(OptionalText& dest, std::u16string_view source);
+[[nodiscard]] int AllocateAndDoStrcpy(OptionalText& dest, std::u16string_view source);
 
 /// Position of the first occurrence of part in text, case-sensitive, or npos.
 std::size_t SubString(std::u16string_view text, std::u16string_view part);
@@ -28,18 +28,18 @@ std::size_t SubString(std::u16string_view text, std::u16string_view part);
 int ChangeUtf8ToWideStr(const char* utf8, std::u16string& outWide);
 
 /// UTF-8 copy of a wide text; false when the text is ill-formed, and then outUtf8 is left alone.
-bool ChangeWideToUtf8Str(std::u16string_view wide, std::string& outUtf8);
+[[nodiscard]] bool ChangeWideToUtf8Str(std::u16string_view wide, std::string& outUtf8);
 
 /// Replaces all occurrences in place and returns the text.
 std::u16string& ReplaceChar(std::u16string& text, char16_t from, char16_t to);
 
 /// Signed decimal number; -1 when a character is not a digit after an optional sign. A number beyond 32 bits stops at
 /// the nearest end of that range; an empty text is 0.
-std::int32_t ParseDecimal(std::u16string_view text);
+[[nodiscard]] std::int32_t ParseDecimal(std::u16string_view text);
 
 /// Difference of the first unequal characters, ASCII letters folded to lower case. None sorts before anything; two
 /// nones are equal.
-int CompareIgnoreCase(std::optional<std::u16string_view> a, std::optional<std::u16string_view> b);
+[[nodiscard]] int CompareIgnoreCase(std::optional<std::u16string_view> a, std::optional<std::u16string_view> b);
 
 /// How often a character stands in the first length positions, in 16 bits.
 std::uint16_t CountChar(std::u16string_view text, std::size_t length, char16_t character);

@@ -27,7 +27,7 @@ void InitThreadInfo_MSP(ThreadInfo* info);
 
 /// poolReuse with the index of the first idle thread, poolStart when none is idle and count is below limit, else
 /// poolFull.
-int CheckThreadPool_MSP(const ThreadInfo* pool, int count, int* outIndex, int limit);
+[[nodiscard]] int CheckThreadPool_MSP(const ThreadInfo* pool, int count, int* outIndex, int limit);
 
 /// Called by a pooled thread on itself: idle, parked, and busy again once resumed.
 void SuspendSelf_MSP(ThreadInfo* info);

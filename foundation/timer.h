@@ -81,9 +81,9 @@ std::uint32_t TimerThread(void* ignored);
 /// Adds a job to a timer, "DEFAULT" when the name is absent; an id of 0 asks for a new one. Its id, or 0 when no timer
 /// has that name or memory ran out: argument and schedule are then freed. Waits for a pass in progress, unless the
 /// pass's own thread calls.
-std::uint32_t AddTimerTask(const OptionalText& timerName, std::uint32_t fireTime, TimerCallback callback,
-                           std::unique_ptr<std::int32_t> argument, std::unique_ptr<TimerSchedule> schedule,
-                           std::uint32_t id);
+[[nodiscard]] std::uint32_t AddTimerTask(const OptionalText& timerName, std::uint32_t fireTime, TimerCallback callback,
+                                         std::unique_ptr<std::int32_t> argument,
+                                         std::unique_ptr<TimerSchedule> schedule, std::uint32_t id);
 
 /// Links an entry into a timer's list, behind those due at the same time; its id, or 0 when no timer has that name. The
 /// caller holds gv_timerMutex, here and in RemoveTimerEntry.

@@ -63,11 +63,11 @@ int DeleteElement(Vector* vector, VectorElement* element);
 int DeleteElementAt(Vector* vector, std::int32_t index);
 
 /// Locked. The element, or null when index is out of range. Linear.
-VectorElement* ElementAt(Vector* vector, std::int32_t index);
+[[nodiscard]] VectorElement* ElementAt(Vector* vector, std::int32_t index);
 
 /// The element n links after start, or null, also when n is outside 0..count-1. Takes no lock: the one walk that is
 /// safe inside it.
-VectorElement* GetNthElement(const Vector* vector, std::int32_t n, VectorElement* start);
+[[nodiscard]] VectorElement* GetNthElement(const Vector* vector, std::int32_t n, VectorElement* start);
 
 /// Locked, source and then dest. Appends every value of source to dest in nodes of type none: dest does not own what it
 /// shares. 1, or 99 when memory ran out; what was merged by then stays.

@@ -10,11 +10,11 @@
 namespace kv {
 
 /// Whether a key from the server is this agent's own, in any case.
-bool IsOwnAgentKey(std::u16string_view key);
+[[nodiscard]] bool IsOwnAgentKey(std::u16string_view key);
 
 /// Whether a key can be that of a slave: the name of a directory on every system, and none that a plan's files have
 /// beside it.
-bool IsSlaveKey(std::u16string_view key);
+[[nodiscard]] bool IsSlaveKey(std::u16string_view key);
 
 /// The name of a slave's directory: as it stands below "..\conf\slaves\", in whatever case, or else the key itself.
 std::u16string SlaveDirectoryName(std::u16string_view key);

@@ -23,7 +23,7 @@ void LoadQueryConfig(std::u16string_view agent, std::optional<std::u16string_vie
 
 /// Reads again those files that were there and could not be read when LoadQueryConfig was last called for them; true
 /// when one is merged by now, and the schedule is to be built again. For the thread that serves requests.
-bool LoadUnreadPlans();
+[[nodiscard]] bool LoadUnreadPlans();
 
 /// Frees the lists that LoadQueryConfig has replaced since the last call. No timer and no gv_sortVec may refer to them
 /// any more.
@@ -36,6 +36,6 @@ enum class PlanJudgement {
 };
 
 /// Whether LoadQueryConfig would take a plan for this agent from this file. Why not is logged, at level 1.
-PlanJudgement JudgeQueryConfig(std::u16string_view agent, std::u16string_view fileName);
+[[nodiscard]] PlanJudgement JudgeQueryConfig(std::u16string_view agent, std::u16string_view fileName);
 
 }  // namespace kv

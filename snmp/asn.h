@@ -49,16 +49,18 @@ inline constexpr std::uint8_t endOfMibView = 0x82;
 // Lengths and headers.
 
 /// Short form, or one to four length bytes.
-const std::uint8_t* AsnParseLength(const std::uint8_t* position, std::uint32_t* length);
+[[nodiscard]] const std::uint8_t* AsnParseLength(const std::uint8_t* position, std::uint32_t* length);
 
 /// The shortest of one, two and three bytes; of a length above 65,535 the high bits are lost.
-std::uint8_t* AsnBuildLength(std::uint8_t* position, std::int32_t* remaining, std::uint32_t length);
+[[nodiscard]] std::uint8_t* AsnBuildLength(std::uint8_t* position, std::int32_t* remaining, std::uint32_t length);
 
 /// Steps to the content, which lies within remaining; remaining becomes the content's length. A tag whose low five bits
 /// are all ones is refused and not given out; any other is, also when something is wrong behind it.
-const std::uint8_t* AsnParseHeader(const std::uint8_t* position, std::int32_t* remaining, std::uint8_t* tag);
+[[nodiscard]] const std::uint8_t* AsnParseHeader(const std::uint8_t* position, std::int32_t* remaining,
+                                                 std::uint8_t* tag);
 
-std::uint8_t* AsnBuildHeader(std::uint8_t* position, std::int32_t* remaining, std::uint8_t tag, std::uint32_t length);
+[[nodiscard]] std::uint8_t* AsnBuildHeader(std::uint8_t* position, std::int32_t* remaining, std::uint8_t tag,
+                                           std::uint32_t length);
 
 /// Always four bytes: tag, 82 and the length in two bytes. A constructed item is begun with length 0, and this is
 /// written over it when its length is known.
@@ -70,58 +72,60 @@ const std::uint8_t* AsnSkipHeader(const std::uint8_t* position);
 // Values. The tag is given out as found and written as given; size is the value's size in bytes on both ways, and
 // where it goes in and out: capacity in, length out.
 
-const std::uint8_t* AsnParseInteger(const std::uint8_t* position, std::int32_t* remaining, std::uint8_t* tag,
-                                    std::int32_t* value, std::size_t size);
-const std::uint8_t* AsnParseUnsigned(const std::uint8_t* position, std::int32_t* remaining, std::uint8_t* tag,
-                                     std::uint32_t* value, std::size_t size);
-std::uint8_t* AsnBuildInteger(std::uint8_t* position, std::int32_t* remaining, std::uint8_t tag,
-                              const std::int32_t* value, std::size_t size);
-std::uint8_t* AsnBuildUnsigned(std::uint8_t* position, std::int32_t* remaining, std::uint8_t tag,
-                               const std::uint32_t* value, std::size_t size);
+[[nodiscard]] const std::uint8_t* AsnParseInteger(const std::uint8_t* position, std::int32_t* remaining,
+                                                  std::uint8_t* tag, std::int32_t* value, std::size_t size);
+[[nodiscard]] const std::uint8_t* AsnParseUnsigned(const std::uint8_t* position, std::int32_t* remaining,
+                                                   std::uint8_t* tag, std::uint32_t* value, std::size_t size);
+[[nodiscard]] std::uint8_t* AsnBuildInteger(std::uint8_t* position, std::int32_t* remaining, std::uint8_t tag,
+                                            const std::int32_t* value, std::size_t size);
+[[nodiscard]] std::uint8_t* AsnBuildUnsigned(std::uint8_t* position, std::int32_t* remaining, std::uint8_t tag,
+                                             const std::uint32_t* value, std::size_t size);
 
 /// words: the high 32 bits, then the low ones.
-std::uint8_t* AsnBuildCounter64(std::uint8_t* position, std::int32_t* remaining, std::uint8_t tag,
-                                const std::uint32_t* words, std::size_t size);
+[[nodiscard]] std::uint8_t* AsnBuildCounter64(std::uint8_t* position, std::int32_t* remaining, std::uint8_t tag,
+                                              const std::uint32_t* words, std::size_t size);
 
-const std::uint8_t* AsnParseString(const std::uint8_t* position, std::int32_t* remaining, std::uint8_t* tag,
-                                   std::uint8_t* bytes, std::size_t* size);
-std::uint8_t* AsnBuildString(std::uint8_t* position, std::int32_t* remaining, std::uint8_t tag,
-                             const std::uint8_t* bytes, std::size_t size);
+[[nodiscard]] const std::uint8_t* AsnParseString(const std::uint8_t* position, std::int32_t* remaining,
+                                                 std::uint8_t* tag, std::uint8_t* bytes, std::size_t* size);
+[[nodiscard]] std::uint8_t* AsnBuildString(std::uint8_t* position, std::int32_t* remaining, std::uint8_t tag,
+                                           const std::uint8_t* bytes, std::size_t size);
 
 /// The first byte of a bit string counts the unused bits of its last and belongs to the value.
-const std::uint8_t* AsnParseBitString(const std::uint8_t* position, std::int32_t* remaining, std::uint8_t* tag,
-                                      std::uint8_t* bytes, std::size_t* size);
-std::uint8_t* AsnBuildBitString(std::uint8_t* position, std::int32_t* remaining, std::uint8_t tag,
-                                const std::uint8_t* bytes, std::size_t size);
+[[nodiscard]] const std::uint8_t* AsnParseBitString(const std::uint8_t* position, std::int32_t* remaining,
+                                                    std::uint8_t* tag, std::uint8_t* bytes, std::size_t* size);
+[[nodiscard]] std::uint8_t* AsnBuildBitString(std::uint8_t* position, std::int32_t* remaining, std::uint8_t tag,
+                                              const std::uint8_t* bytes, std::size_t size);
 
-const std::uint8_t* AsnParseNull(const std::uint8_t* position, std::int32_t* remaining, std::uint8_t* tag);
-std::uint8_t* AsnBuildNull(std::uint8_t* position, std::int32_t* remaining, std::uint8_t tag);
+[[nodiscard]] const std::uint8_t* AsnParseNull(const std::uint8_t* position, std::int32_t* remaining,
+                                               std::uint8_t* tag);
+[[nodiscard]] std::uint8_t* AsnBuildNull(std::uint8_t* position, std::int32_t* remaining, std::uint8_t tag);
 
 /// count: room in subIds going in, refused below 2; how many there are, coming out. An encoding that holds more than
 /// fit is not a failure: the rest is left, and the position given stands inside the content. Sub-identifiers wrap at 32
 /// bits.
-const std::uint8_t* AsnParseObjectId(const std::uint8_t* position, std::int32_t* remaining, std::uint8_t* tag,
-                                     std::uint32_t* subIds, std::int32_t* count);
+[[nodiscard]] const std::uint8_t* AsnParseObjectId(const std::uint8_t* position, std::int32_t* remaining,
+                                                   std::uint8_t* tag, std::uint32_t* subIds, std::int32_t* count);
 
 /// Of an object identifier of one sub-identifier only a zero byte is written. One of more than asnMaxBuildSubIds is
 /// refused.
-std::uint8_t* AsnBuildObjectId(std::uint8_t* position, std::int32_t* remaining, std::uint8_t tag,
-                               const std::uint32_t* subIds, std::int32_t count);
+[[nodiscard]] std::uint8_t* AsnBuildObjectId(std::uint8_t* position, std::int32_t* remaining, std::uint8_t tag,
+                                             const std::uint32_t* subIds, std::int32_t count);
 
 // One variable: SEQUENCE { name OBJECT IDENTIFIER, value }.
 
 /// Takes the name apart and finds the value: valuePosition points at its tag, valueLength is that of its content, which
 /// is not looked at. remaining is that of the whole list. Of a name that holds more than oid has room for, the rest is
 /// taken for the value.
-const std::uint8_t* SnmpParseVarBind(const std::uint8_t* position, std::uint32_t* oid, std::int32_t* oidCount,
-                                     std::uint8_t* valueTag, std::int32_t* valueLength,
-                                     const std::uint8_t** valuePosition, std::int32_t* remaining);
+[[nodiscard]] const std::uint8_t* SnmpParseVarBind(const std::uint8_t* position, std::uint32_t* oid,
+                                                   std::int32_t* oidCount, std::uint8_t* valueTag,
+                                                   std::int32_t* valueLength, const std::uint8_t** valuePosition,
+                                                   std::int32_t* remaining);
 
 /// value has the form that its tag asks of the builders above; valueLength is its size in bytes. Both do not count
 /// where the tag is that of a null value; anywhere else a value without bytes may be null, and a negative length is
 /// refused.
-std::uint8_t* SnmpBuildVarBind(std::uint8_t* position, const std::uint32_t* oid, const std::int32_t* oidCount,
-                               std::uint8_t valueTag, std::int32_t valueLength, const void* value,
-                               std::int32_t* remaining);
+[[nodiscard]] std::uint8_t* SnmpBuildVarBind(std::uint8_t* position, const std::uint32_t* oid,
+                                             const std::int32_t* oidCount, std::uint8_t valueTag,
+                                             std::int32_t valueLength, const void* value, std::int32_t* remaining);
 
 }  // namespace kv::snmp

@@ -59,30 +59,30 @@ struct MessagePositions {
 /// Writes a message. size: that of the buffer going in, the message's coming out; it stays what it was when the
 /// variables do not fit, and when the message cannot be built, which gives none. Version 3 gives bytes that no engine
 /// can read.
-std::optional<MessagePositions> BuildSnmpMsg(std::uint8_t* buffer, std::int32_t* size, SnmpPdu* pdu);
+[[nodiscard]] std::optional<MessagePositions> BuildSnmpMsg(std::uint8_t* buffer, std::int32_t* size, SnmpPdu* pdu);
 
 /// 1, or 0 when the message cannot be built, or the hook of a message of version 3 fails (snmp/processing_hooks.h).
 int CreateSnmpMsgForPdu(std::uint8_t* buffer, std::int32_t* size, SnmpPdu* pdu);
 
 /// Builds a PDU's message and sends it; 1 sent, 0 not. What a failed build left in the buffer is sent all the same.
-int SendSnmpPdu(TransportDomainInfo* info, SnmpPdu* pdu);
+[[nodiscard]] int SendSnmpPdu(TransportDomainInfo* info, SnmpPdu* pdu);
 
 /// Receives one message and parses it into a fresh PDU.
-std::uint8_t ReadAndParseSnmpMessage(TransportDomainInfo* info, SnmpPdu* pdu);
+[[nodiscard]] std::uint8_t ReadAndParseSnmpMessage(TransportDomainInfo* info, SnmpPdu* pdu);
 
 /// Parses a whole message into a fresh PDU: done or dropped. A list of variables that is broken, or whose records are
 /// too much for the memory, counts as done, with no variables; a value that is too much for it drops the message. The
 /// PDU stays the caller's on every path. The buffer goes on for asnReadAhead bytes behind length.
-std::uint8_t ParseSnmpMessageForPdu(const std::uint8_t* buffer, std::int32_t length, SnmpPdu* pdu);
+[[nodiscard]] std::uint8_t ParseSnmpMessageForPdu(const std::uint8_t* buffer, std::int32_t length, SnmpPdu* pdu);
 
 /// Version and community; done or dropped.
-std::uint8_t ParseSnmpV1V2Message(const std::uint8_t** position, std::int32_t* remaining, SnmpPdu* pdu);
+[[nodiscard]] std::uint8_t ParseSnmpV1V2Message(const std::uint8_t** position, std::int32_t* remaining, SnmpPdu* pdu);
 
 /// Everything from the PDU's header on; any result.
-std::uint8_t ParseSnmpMessage(const std::uint8_t** position, std::int32_t* remaining, SnmpPdu* pdu);
+[[nodiscard]] std::uint8_t ParseSnmpMessage(const std::uint8_t** position, std::int32_t* remaining, SnmpPdu* pdu);
 
 /// The list of variables, which fills what remains; any result.
-std::uint8_t ParsePdu(SnmpPdu* pdu, const std::uint8_t* position, std::int32_t remaining);
+[[nodiscard]] std::uint8_t ParsePdu(SnmpPdu* pdu, const std::uint8_t* position, std::int32_t remaining);
 
 /// The error status of SNMPv1 that stands for one of SNMPv2c.
 std::int32_t MapToSNMPv1Error(std::int32_t status);

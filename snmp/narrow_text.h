@@ -26,7 +26,7 @@ void CopyBytes(void* target, const void* source, std::int32_t count);
 const char* FindCharacter(const char* text, char character);
 
 /// A copy; 1, or 99 with a line at level 1 when memory ran out. A text that is null gives a copy that is null.
-int AllocateAndCopyString(NarrowText& target, const char* text);
+[[nodiscard]] int AllocateAndCopyString(NarrowText& target, const char* text);
 
 // Buffers of a given length in bytes, cut at a delimiter.
 
@@ -41,8 +41,8 @@ char ParseDelimiter(const char* buffer, std::int32_t length);
 /// Copies of the tokens, empty ones too, with their count and their lengths; one more than there are delimiters. Null,
 /// with a count of 0, for a text that is null, and with a line at level 1 when memory ran out. The caller's, released
 /// with FreeStringArray.
-char** SplitString(const char* text, std::int32_t length, char delimiter, std::int32_t* count,
-                   std::unique_ptr<std::int32_t[]>& lengths);
+[[nodiscard]] char** SplitString(const char* text, std::int32_t length, char delimiter, std::int32_t* count,
+                                 std::unique_ptr<std::int32_t[]>& lengths);
 
 /// Releases the entries and the array. Null is allowed.
 void FreeStringArray(char** array, std::int32_t count);

@@ -19,7 +19,7 @@ constexpr std::size_t OidTextRoom(std::int32_t count) { return static_cast<std::
 /// The sub-identifiers of a text, and how many there are. An OID begins with a character that is skipped unseen, which
 /// is to be a dot; an address has none (isAddress). -1 for a text that is none; 0, which callers take for an OID
 /// without sub-identifiers, when the parts do not match the dots. A sub-identifier of 4294967295 is refused.
-std::int32_t ConvertToOidOrIpFromString(SubIds& out, std::string_view text, bool isAddress);
+[[nodiscard]] std::int32_t ConvertToOidOrIpFromString(SubIds& out, std::string_view text, bool isAddress);
 
 /// Writes ".1.3.6" and a terminator. Always 1. Of a sub-identifier from 2147483648 upward only the dot is written.
 std::int32_t ConvertToStringFromOid(const std::uint32_t* subIds, std::int32_t count, char* text);
@@ -28,14 +28,15 @@ std::int32_t ConvertToStringFromOid(const std::uint32_t* subIds, std::int32_t co
 std::uint16_t GetOidLength(const char* text, std::int32_t length);
 
 /// 1, 0 or -1. Sub-identifiers compare as unsigned numbers, a prefix comes first.
-std::int8_t CompareOid(const std::uint32_t* a, std::int32_t countA, const std::uint32_t* b, std::int32_t countB);
+[[nodiscard]] std::int8_t CompareOid(const std::uint32_t* a, std::int32_t countA, const std::uint32_t* b,
+                                     std::int32_t countB);
 
 void CopyOid(std::uint32_t* target, const std::uint32_t* source, std::int32_t count);
 
 /// The sub-identifiers of a value's content bytes. Null with count 0 when they end in the middle of one, and when
 /// memory ran out. Only content that begins with 2B keeps its first two sub-identifiers; any other loses them and has
 /// zeros at its end.
-SubIds DecodeOID(const std::uint8_t* bytes, std::int32_t length, std::int32_t* count);
+[[nodiscard]] SubIds DecodeOID(const std::uint8_t* bytes, std::int32_t length, std::int32_t* count);
 
 /// A trace line with the OID.
 void PrintOid(const std::uint32_t* subIds, std::int32_t count);

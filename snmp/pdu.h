@@ -55,12 +55,13 @@ struct SnmpPdu {
 };
 
 /// Zeroed; null with an engine line when memory ran out.
-SnmpPdu* AllocateAndInitSnmpPdu();
+[[nodiscard]] SnmpPdu* AllocateAndInitSnmpPdu();
 
 /// A PDU that takes over the variables of a list; the list keeps its nodes, which its holder frees. Null when memory
 /// ran out and for a community that is too long, each with a log line: variables and nodes are then freed.
-SnmpPdu* CreateSnmpPdu(std::int32_t version, const char* community, std::uint8_t command, std::int32_t requestId,
-                       std::int32_t errorStatus, std::int32_t errorIndex, TkVector* vector);
+[[nodiscard]] SnmpPdu* CreateSnmpPdu(std::int32_t version, const char* community, std::uint8_t command,
+                                     std::int32_t requestId, std::int32_t errorStatus, std::int32_t errorIndex,
+                                     TkVector* vector);
 
 /// Frees everything. Null is allowed.
 void FreeSnmpPdu(SnmpPdu* pdu);

@@ -39,7 +39,7 @@ template <class... Arguments>
 /// name as it is, when it holds a colon) takes all further lines, the agent's too. The agent's file stays open, and a
 /// mark keeps its rotation away from then on. False, with a line on standard output, when it cannot
 /// be opened; the agent's log then stays in place.
-bool OpenToolkitLog(std::string_view name);
+[[nodiscard]] bool OpenToolkitLog(std::string_view name);
 
 /// Begins the engine's own log again when it would pass 5 MiB with this text. Where that fails no line is written until
 /// a later one opens it. Does nothing while the agent's log is in place.

@@ -49,8 +49,8 @@ inline constexpr std::uint16_t ownPort = 8001;
 void InitTransportDomain();
 
 /// Null when memory ran out, or when the host has remoteHostRoom characters or more; each with a log line.
-TransportDomainInfo* CreateTransportDomainInfo(std::uint16_t localPort, std::uint16_t remotePort,
-                                               std::string_view host);
+[[nodiscard]] TransportDomainInfo* CreateTransportDomainInfo(std::uint16_t localPort, std::uint16_t remotePort,
+                                                             std::string_view host);
 
 /// Frees a record of CreateTransportDomainInfo; its session is closed by CloseSnmpSession before. Null is allowed.
 void FreeTransportDomainInfo(TransportDomainInfo* info);
@@ -62,18 +62,18 @@ using TransportDomainInfoPtr = std::unique_ptr<TransportDomainInfo, FreeTranspor
 
 /// Opens the socket and gives its value; 0 when it cannot be opened or bound. Callers read the low byte as a status;
 /// the platform gives no socket a value that could be taken for one.
-platform::SocketHandle OpenSnmpSession(TransportDomainInfo* info);
+[[nodiscard]] platform::SocketHandle OpenSnmpSession(TransportDomainInfo* info);
 void CloseSnmpSession(TransportDomainInfo* info);
 
 /// 1 sent, 0 not: the host cannot be resolved, or three attempts failed.
-int SendSnmpTrapMessage(TransportDomainInfo* info, const std::uint8_t* bytes, std::size_t length);
+[[nodiscard]] int SendSnmpTrapMessage(TransportDomainInfo* info, const std::uint8_t* bytes, std::size_t length);
 
 /// Waits for an answer, for microseconds at most; 0 only looks. 1 it is there, 0 not. A wait that the system refuses is
 /// tried again at once while the time lasts, and 1000 times at most.
-int WaitForTdInfoResp(TransportDomainInfo* info, std::int64_t microseconds);
+[[nodiscard]] int WaitForTdInfoResp(TransportDomainInfo* info, std::int64_t microseconds);
 
 /// Receives into a buffer of messageBufferSize bytes; 1, or 0 with length 0.
-int ReadSnmpMessage(TransportDomainInfo* info, std::uint8_t* buffer, std::int32_t* length);
+[[nodiscard]] int ReadSnmpMessage(TransportDomainInfo* info, std::uint8_t* buffer, std::int32_t* length);
 
 /// Makes the mutex of the table of locks, unless the agent has, and lets all sends and receives of the process go one
 /// after the other from now on. Before, nothing holds them up: each exchange has a socket of its own.

@@ -35,12 +35,12 @@ static_assert(std::is_trivially_destructible_v<VarBind>);  // its memory is free
 using VarBindPtr = std::unique_ptr<VarBind, FreeVarBindDeleter>;
 
 /// A variable with a copy of the name and no value; null when memory ran out.
-VarBindPtr MakeNamedVarBind(const std::uint32_t* oid, std::int32_t oidLength);
+[[nodiscard]] VarBindPtr MakeNamedVarBind(const std::uint32_t* oid, std::int32_t oidLength);
 
 /// A variable with copies of the name and, if there is one, of the value; null when memory ran out. valueLength is in
 /// bytes, also for an object identifier, as a builder takes it.
-VarBind* CreateAVarBind(const std::uint32_t* oid, std::int32_t oidLength, std::uint8_t type, const void* value,
-                        std::int32_t valueLength);
+[[nodiscard]] VarBind* CreateAVarBind(const std::uint32_t* oid, std::int32_t oidLength, std::uint8_t type,
+                                      const void* value, std::int32_t valueLength);
 
 /// Appends a deep copy of the variable at a number, counted from 1; nothing when there is none.
 void CopyVarBind(TkVector* target, TkVector* source, std::int32_t number);
@@ -68,7 +68,7 @@ using VarBindListPtr = std::unique_ptr<TkVector, FreeVarBindListDeleter>;
 inline bool IsException(std::uint8_t type) { return type >= tag::noSuchObject && type <= tag::endOfMibView; }
 
 /// A new, empty list, or null when memory ran out.
-VarBindListPtr MakeVarBindList();
+[[nodiscard]] VarBindListPtr MakeVarBindList();
 
 /// Trace lines.
 void PrintVarBind(const VarBind* varBind);
@@ -76,7 +76,7 @@ void PrintVarBind(const VarBind* varBind);
 /// Makes a value of its content bytes. The length goes in as that of the content and comes out as valueLength has it.
 /// Null when memory ran out, and for a broken object identifier. The caller owns the value and releases it with
 /// FreeValue.
-void* DecodeAsnSyntaxValue(std::uint8_t tag, const std::uint8_t* bytes, std::int32_t* length);
+[[nodiscard]] void* DecodeAsnSyntaxValue(std::uint8_t tag, const std::uint8_t* bytes, std::int32_t* length);
 
 void FreeValue(void* value);
 

@@ -32,12 +32,12 @@ struct ArchiveWindow {
 
 /// noFile when the file cannot be opened, unseekable when it has no positions, readFailed when it does not tell its
 /// size; the system's error is in the log.
-ZipResult OpenArchivePath(std::u16string_view path, ArchiveInput& input);
-ZipResult OpenArchiveHandle(platform::FileHandle file, ArchiveInput& input);
+[[nodiscard]] ZipResult OpenArchivePath(std::u16string_view path, ArchiveInput& input);
+[[nodiscard]] ZipResult OpenArchiveHandle(platform::FileHandle file, ArchiveInput& input);
 
 /// Shows what lies from an offset on: what is at hand, and atLeast bytes (at most windowSize) in any case. It holds
 /// until the window's next use. corrupt when the archive ends before that, readFailed when the file cannot be read.
-ZipResult ViewArchive(const ArchiveInput& input, ArchiveWindow& window, std::uint64_t offset, std::size_t atLeast,
-                      std::span<const std::uint8_t>& bytes);
+[[nodiscard]] ZipResult ViewArchive(const ArchiveInput& input, ArchiveWindow& window, std::uint64_t offset,
+                                    std::size_t atLeast, std::span<const std::uint8_t>& bytes);
 
 }  // namespace kv

@@ -33,20 +33,20 @@ struct ArchiveOutput {
 // would outgrow the offsets of an archive; memoryTooSmall when the memory is full.
 
 /// Writes out the buffer, and brings a file of its own to the disk itself.
-ZipResult FlushToDisk(ArchiveOutput& output);
+[[nodiscard]] ZipResult FlushToDisk(ArchiveOutput& output);
 
 /// Writes out the buffer when it is so full that a small entry might not fit behind what is in it. An entry that stays
 /// in the buffer until it is complete gets its header completed there.
-ZipResult MakeRoomForEntry(ArchiveOutput& output);
+[[nodiscard]] ZipResult MakeRoomForEntry(ArchiveOutput& output);
 
 /// Appends bytes.
-ZipResult Append(ArchiveOutput& output, std::span<const std::uint8_t> bytes);
+[[nodiscard]] ZipResult Append(ArchiveOutput& output, std::span<const std::uint8_t> bytes);
 
 /// Room to append to in place, never empty on success; CommitSpace says how much of it was filled.
-ZipResult FreeSpace(ArchiveOutput& output, std::span<std::uint8_t>& space);
+[[nodiscard]] ZipResult FreeSpace(ArchiveOutput& output, std::span<std::uint8_t>& space);
 void CommitSpace(ArchiveOutput& output, std::size_t size);
 
 /// Writes over bytes appended earlier; the position stays.
-ZipResult Rewrite(ArchiveOutput& output, std::uint64_t offset, std::span<const std::uint8_t> bytes);
+[[nodiscard]] ZipResult Rewrite(ArchiveOutput& output, std::uint64_t offset, std::span<const std::uint8_t> bytes);
 
 }  // namespace kv

@@ -47,11 +47,11 @@ struct ItemStream {
 
 /// Starts at the item's first byte. wrongPassword when it is encrypted and there is no password, or another one,
 /// flateFailed when its method or encryption is not known; both leave a log line.
-ZipResult StartItem(ItemStream& stream, const ZipCentralEntry& entry, const ZipLocalEntry& local,
-                    const std::optional<std::string>& password);
+[[nodiscard]] ZipResult StartItem(ItemStream& stream, const ZipCentralEntry& entry, const ZipLocalEntry& local,
+                                  const std::optional<std::string>& password);
 
 /// Fills the buffer as far as the item goes, and may use all of it on the way; with the item's last byte comes the
 /// verdict on the whole. flateFailed when the data is damaged, or is not as long as the headers say.
-ZipResult ReadItem(ItemStream& stream, std::span<std::uint8_t> buffer, std::size_t& count);
+[[nodiscard]] ZipResult ReadItem(ItemStream& stream, std::span<std::uint8_t> buffer, std::size_t& count);
 
 }  // namespace kv

@@ -4,7 +4,6 @@
 #include "foundation/log.h"
 #include "zip/zip_item_name.h"
 #include "zip/zip_reader.h"
-#include "zip/zip_writer.h"
 
 namespace kv {
 
@@ -63,11 +62,7 @@ void UnzipFiles(std::u16string_view zipPath, std::u16string_view directory) {
     }
     SetUnzipBaseDir(zip, directory);
     UnpackAll(zip, zipPath);
-    if (IsZipHandleForWriting(zip)) {
-        CloseZip(zip);
-    } else {
-        CloseUnzip(zip);
-    }
+    CloseUnzip(zip);
 }
 
 }  // namespace kv

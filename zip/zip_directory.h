@@ -37,15 +37,16 @@ struct ZipLocalEntry {
 
 /// Reads the whole directory once. corrupt when it does not hold together, or needs 64-bit records or several disks,
 /// which leaves a log line.
-ZipResult ReadDirectory(const ArchiveInput& input, ArchiveWindow& window, ZipDirectoryIndex& directory);
+[[nodiscard]] ZipResult ReadDirectory(const ArchiveInput& input, ArchiveWindow& window, ZipDirectoryIndex& directory);
 
 /// Reads the central header of an entry of the index.
-ZipResult ReadCentralEntry(const ArchiveInput& input, ArchiveWindow& window, const ZipDirectoryIndex& directory,
-                           std::size_t index, ZipCentralEntry& entry);
+[[nodiscard]] ZipResult ReadCentralEntry(const ArchiveInput& input, ArchiveWindow& window,
+                                         const ZipDirectoryIndex& directory, std::size_t index, ZipCentralEntry& entry);
 
 /// Reads the local header that belongs to a central one. corrupt when the two do not tell the same, when header and
 /// data reach into what is another's, and, with a log line, when the sizes are 64-bit ones.
-ZipResult ReadLocalEntry(const ArchiveInput& input, ArchiveWindow& window, const ZipDirectoryIndex& directory,
-                         const ZipCentralEntry& entry, ZipLocalEntry& local);
+[[nodiscard]] ZipResult ReadLocalEntry(const ArchiveInput& input, ArchiveWindow& window,
+                                       const ZipDirectoryIndex& directory, const ZipCentralEntry& entry,
+                                       ZipLocalEntry& local);
 
 }  // namespace kv

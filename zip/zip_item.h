@@ -13,6 +13,6 @@ std::uint32_t ItemAttributes(const ZipCentralHeader& central);
 
 /// Describes an item. Its times come from the local header's "UT" field, then from the directory's, then from the DOS
 /// date. local is null when the local header cannot be read. corrupt when the name is too long.
-ZipResult DescribeItem(const ZipCentralEntry& entry, const ZipLocalEntry* local, ZipItem& item);
+[[nodiscard]] ZipResult DescribeItem(const ZipCentralEntry& entry, const ZipLocalEntry* local, ZipItem& item);
 
 }  // namespace kv

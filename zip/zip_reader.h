@@ -36,9 +36,9 @@ inline constexpr std::size_t maxItemNameLength = 260;
 
 /// Opens an archive. Null when that fails; LastZipReaderResult tells why. password may be null. An open file stays the
 /// caller's, and so does the block, which must outlive the handle.
-ZipHandle OpenZip(std::u16string_view path, const char* password);
-ZipHandle OpenZipHandle(platform::FileHandle file, const char* password);
-ZipHandle OpenZipMemory(const void* block, std::size_t size, const char* password);
+[[nodiscard]] ZipHandle OpenZip(std::u16string_view path, const char* password);
+[[nodiscard]] ZipHandle OpenZipHandle(platform::FileHandle file, const char* password);
+[[nodiscard]] ZipHandle OpenZipMemory(const void* block, std::size_t size, const char* password);
 
 /// Sets the directory below which relative paths are unpacked; it gets a backslash behind it where it has none, and is
 /// made by the first item where it does not exist. Until then it is the working directory. An empty one is refused.
@@ -48,7 +48,8 @@ ZipResult SetUnzipBaseDir(ZipHandle zip, std::u16string_view directory);
 ZipResult GetZipItem(ZipHandle zip, std::int32_t index, ZipItem& item);
 
 /// Looks a cleansed name up. notFound leaves index -1 and an empty item, also with index -1.
-ZipResult FindZipItem(ZipHandle zip, std::u16string_view name, bool ignoreCase, std::int32_t& index, ZipItem& item);
+[[nodiscard]] ZipResult FindZipItem(ZipHandle zip, std::u16string_view name, bool ignoreCase, std::int32_t& index,
+                                    ZipItem& item);
 
 /// Unpacks an item to a path, closing one left open and making the directories on the way: below the base directory, or
 /// where an absolute path says. A file or link that stands there is replaced, never what a link leads to. The file gets
@@ -60,14 +61,14 @@ ZipResult FindZipItem(ZipHandle zip, std::u16string_view name, bool ignoreCase, 
 /// shorter than its header says, or its method or encryption is not known. corrupt: the headers do not hold together.
 /// readFailed: the archive cannot be read. noFile: the file or a directory on its way cannot be made. writeFailed: the
 /// file cannot be written, as a full disk does it. badArguments: also a negative index.
-ZipResult UnzipItem(ZipHandle zip, std::int32_t index, std::u16string_view path);
+[[nodiscard]] ZipResult UnzipItem(ZipHandle zip, std::int32_t index, std::u16string_view path);
 
 /// Unpacks to an open file, from where it stands.
-ZipResult UnzipItemToHandle(ZipHandle zip, std::int32_t index, platform::FileHandle file);
+[[nodiscard]] ZipResult UnzipItemToHandle(ZipHandle zip, std::int32_t index, platform::FileHandle file);
 
 /// Unpacks to memory, nothing behind the item's own size; moreData when the block is full and the item goes on: the
 /// next call with the same index continues it. What came before the last call can still turn out damaged.
-ZipResult UnzipItemToMemory(ZipHandle zip, std::int32_t index, void* block, std::size_t size);
+[[nodiscard]] ZipResult UnzipItemToMemory(ZipHandle zip, std::int32_t index, void* block, std::size_t size);
 
 /// Closes an item left open and the archive, and frees the handle.
 ZipResult CloseUnzip(ZipHandle zip);

@@ -109,13 +109,14 @@ struct ZipEndRecord {
 };
 
 /// False where no such record stands.
-bool ParseLocalHeader(std::span<const std::uint8_t, localHeaderSize> bytes, ZipHeader& header);
-bool ParseCentralHeader(std::span<const std::uint8_t, centralHeaderSize> bytes, ZipCentralHeader& central);
-bool ParseEndRecord(std::span<const std::uint8_t, endRecordSize> bytes, ZipEndRecord& end);
+[[nodiscard]] bool ParseLocalHeader(std::span<const std::uint8_t, localHeaderSize> bytes, ZipHeader& header);
+[[nodiscard]] bool ParseCentralHeader(std::span<const std::uint8_t, centralHeaderSize> bytes,
+                                      ZipCentralHeader& central);
+[[nodiscard]] bool ParseEndRecord(std::span<const std::uint8_t, endRecordSize> bytes, ZipEndRecord& end);
 
 /// Whether the locator of a 64-bit end record stands there, which comes straight before the end record.
 inline constexpr std::size_t end64LocatorSize = 20;
-bool IsEnd64Locator(std::span<const std::uint8_t, end64LocatorSize> bytes);
+[[nodiscard]] bool IsEnd64Locator(std::span<const std::uint8_t, end64LocatorSize> bytes);
 
 /// Takes the times that the "UT" field of a whole extra field holds; others stay.
 void ParseExtendedTimes(std::span<const std::uint8_t> extra, ZipTimes& times);

@@ -29,15 +29,16 @@ struct ZipSource {
 
 /// Takes an open file and makes its first read into the buffer, which the source goes on using. With fromFile the size,
 /// times and attributes are the file's own, else the local clock is taken. noFile or readFailed.
-ZipResult OpenHandleSource(platform::FileHandle file, bool fromFile, ReadBuffer& buffer, ZipSource& source);
+[[nodiscard]] ZipResult OpenHandleSource(platform::FileHandle file, bool fromFile, ReadBuffer& buffer,
+                                         ZipSource& source);
 
 /// The same for a file by its path; noFile also when it cannot be opened.
-ZipResult OpenFileSource(std::u16string_view path, bool fromFile, ReadBuffer& buffer, ZipSource& source);
+[[nodiscard]] ZipResult OpenFileSource(std::u16string_view path, bool fromFile, ReadBuffer& buffer, ZipSource& source);
 
 void OpenMemorySource(std::span<const std::uint8_t> block, ZipSource& source);
 void OpenFolderSource(ZipSource& source);
 
 /// The next bytes, at most readSize of them; none at the end. They hold until the next call. readFailed.
-ZipResult ReadSource(ZipSource& source, ReadBuffer& buffer, std::span<const std::uint8_t>& bytes);
+[[nodiscard]] ZipResult ReadSource(ZipSource& source, ReadBuffer& buffer, std::span<const std::uint8_t>& bytes);
 
 }  // namespace kv

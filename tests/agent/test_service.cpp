@@ -235,7 +235,7 @@ TEST_F(Service, AServerThatNeverAnswersAndASecondStopHoldUpNothing) {
     EXPECT_EQ(agentState.gv_custID, u"customer") << "other threads read on";
     logState.gv_logMaxSize = 1;
     Log1("late\n");
-    snmp::OpenToolkitLog("logs\\SNMP_agent.log");
+    EXPECT_FALSE(snmp::OpenToolkitLog("logs\\SNMP_agent.log"));
     const std::string log = LogText();
     EXPECT_EQ(log.find("LOGGING STOPPED"), log.rfind("LOGGING STOPPED"));
     EXPECT_TRUE(log.ends_with("LOGGING STOPPED==============================================\n"));

@@ -86,7 +86,7 @@ void InstalledAgent::setNumber(std::u16string_view subKey, std::u16string_view n
 
 std::string InstalledAgent::text(std::u16string_view subKey, std::u16string_view name) const {
     OptionalText value;
-    ReadRegSZ(platform::RootKey::localMachine, KeyOf(subKey), name, value);
+    if (ReadRegSZ(platform::RootKey::localMachine, KeyOf(subKey), name, value) != platform::error::success) return {};
     return platform::Utf8FromWide(value.value_or(u""));
 }
 

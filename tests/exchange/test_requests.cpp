@@ -226,8 +226,8 @@ TEST_F(Requests, OfADownloadedArchiveOnlyThePlanStays) {
     constexpr std::string_view plan = R"({"WorkFlows_S": [{"interval": 5, "recordSetName": []}]})";
     const ZipHandle zip = CreateZip(u"plan.zip", nullptr);
     for (const char16_t* name : {u"queryconf.txt", u"other.txt", u"a/deep/er.txt", u"RequestList.txt/x"})
-        AddMemoryToZip(zip, name, plan.data(), plan.size());
-    CloseZip(zip);
+        EXPECT_EQ(AddMemoryToZip(zip, name, plan.data(), plan.size()), zip_result::ok);
+    EXPECT_EQ(CloseZip(zip), zip_result::ok);
     server.server->Get("/plan.zip", [bytes = Read(bin / "plan.zip")](const httplib::Request&, httplib::Response& got) {
         got.body = bytes;
     });

@@ -139,8 +139,9 @@ TEST_F(QueryConfig, AFileThatCannotBeTakenLeavesThePlanInUse) {
     }
     WritePlan(conf / "queryconf.txt", "WorkFlows", {"b"});
     OpenFile writing;
-    writing.Open(u"..\\conf\\queryconf.txt", platform::FileAccess::append, platform::FileShare::readWrite,
-                 platform::FileDisposition::openExisting);
+    ASSERT_EQ(writing.Open(u"..\\conf\\queryconf.txt", platform::FileAccess::append, platform::FileShare::readWrite,
+                           platform::FileDisposition::openExisting),
+              0U);
     Reload(u"");
     EXPECT_EQ(Plan(), R"({ "WorkFlows": [ "b" ] })");
 }

@@ -141,7 +141,7 @@ TEST_F(Zip, AnOutputThatCannotSeekGetsDescriptorsAndTheLocalClock) {
 
     ZipHandle zip = CreateZip(u"a.zip", nullptr);
     EXPECT_EQ(AddFileToZip(zip, u"stored.gz", u"one"), zip_result::changedMind);
-    CloseZip(zip);
+    EXPECT_EQ(CloseZip(zip), zip_result::ok);
 }
 
 TEST_F(Zip, FaultyCallsLeaveTheArchiveGood) {
@@ -170,7 +170,9 @@ TEST_F(Zip, MemoryAndOpenFilesServeAsWell) {
     const Files expected{{"file", Noise(70000)}, {"memory", "hi"}, {"s.gz", Noise(70000)}};
     Write(bin / "one", expected.at("file"));
     OpenFile source, target;
-    source.Open(u"one", platform::FileAccess::read, platform::FileShare::read, platform::FileDisposition::openExisting);
+    ASSERT_EQ(source.Open(u"one", platform::FileAccess::read, platform::FileShare::read,
+                          platform::FileDisposition::openExisting),
+              0U);
     const auto rewind = [&] { platform::Files().SetFilePointerEx(source.handle, 0); };
     const auto fill = [&](ZipHandle zip) {
         rewind();
@@ -199,8 +201,9 @@ TEST_F(Zip, MemoryAndOpenFilesServeAsWell) {
     EXPECT_EQ(CloseZip(zip), zip_result::writeFailed);
 
     Write(path, "front");
-    target.Open(u"a.zip", platform::FileAccess::readWrite, platform::FileShare::none,
-                platform::FileDisposition::openExisting);
+    ASSERT_EQ(target.Open(u"a.zip", platform::FileAccess::readWrite, platform::FileShare::none,
+                          platform::FileDisposition::openExisting),
+              0U);
     platform::Files().SetFilePointerEx(target.handle, 5);
     zip = CreateZipHandle(target.handle, nullptr);
     fill(zip);

@@ -63,7 +63,9 @@ TEST_F(ZipReading, WhatAnIndependentWriterPackedComesOutInEveryForm) {
     EXPECT_EQ(Tree(download), contents);
 
     OpenFile file;
-    file.Open(u"a.zip", platform::FileAccess::read, platform::FileShare::read, platform::FileDisposition::openExisting);
+    ASSERT_EQ(file.Open(u"a.zip", platform::FileAccess::read, platform::FileShare::read,
+                        platform::FileDisposition::openExisting),
+              0U);
     const std::string selfExtracting = std::string(5000, 'P') + bytes + "behind it";
     for (ZipHandle zip : {OpenZipHandle(file.handle, nullptr), OpenBytes(selfExtracting)}) {
         for (const auto& [name, content] : contents) {
@@ -74,8 +76,9 @@ TEST_F(ZipReading, WhatAnIndependentWriterPackedComesOutInEveryForm) {
             for (const std::size_t size : {999UL, 250000UL})
                 EXPECT_TRUE(ReadItem(zip, index, found, size) == zip_result::ok && found == content) << name;
             OpenFile out;
-            out.Open(u"out", platform::FileAccess::write, platform::FileShare::read,
-                     platform::FileDisposition::createAlways);
+            ASSERT_EQ(out.Open(u"out", platform::FileAccess::write, platform::FileShare::read,
+                               platform::FileDisposition::createAlways),
+                      0U);
             EXPECT_EQ(UnzipItemToHandle(zip, index, out.handle), zip_result::ok) << name;
             EXPECT_EQ(Read(bin / "out"), content) << name;
         }
@@ -88,9 +91,8 @@ TEST_F(ZipReading, OurOwnArchivesComeBackWithAttributesAndTimes) {
     fs::last_write_time(bin / "one", fs::last_write_time(bin / "one") - std::chrono::hours(50000));
     fs::permissions(bin / "one", fs::perms::owner_read);
     ZipHandle zip = CreateZip(u"a.zip", nullptr);
-    AddFileToZip(zip, u"d\\one", u"one");
-    AddFolderToZip(zip, u"e\\f");
-    CloseZip(zip);
+    EXPECT_EQ(AddFileToZip(zip, u"d\\one", u"one") + AddFolderToZip(zip, u"e\\f"), zip_result::ok);
+    EXPECT_EQ(CloseZip(zip), zip_result::ok);
     UnzipFiles(u"a.zip", u"..\\conf\\download");
     EXPECT_EQ(Tree(download), (Files{{"d/one", "one"}}));
     EXPECT_TRUE(fs::is_directory(download / "e/f"));
