@@ -59,11 +59,11 @@ struct AgentState {
     OptionalText gv_proxyPassword;                    // clear text
     OptionalText gv_proxyExceptionAddr = u"<local>";  // bypass list
 
-    // The plan.
+    // The plan. The main thread fills it, then the thread that serves requests replaces it, while there are no timers.
     HashTable* gv_queryConfHash = nullptr;   // merged configuration, owned
     Vector* gv_sortVec = nullptr;            // all workflow entries in schedule order; refers, does not own
     std::int32_t gv_loadqueryconf = 0;       // 1 once the files have been read
-    bool gv_queryConfReloadPending = false;  // the request list at hand brought a plan; the polling thread's own
+    bool gv_queryConfReloadPending = false;  // the request list at hand brought a plan; of the polling thread alone
 
     // The agent as a service.
     bool gv_isWin2k = false;       // the system offers no session-change control
@@ -71,18 +71,18 @@ struct AgentState {
     platform::EventHandle gv_stopEvent = 0;
     platform::ServiceStatusHandle gv_serviceStatusHandle = 0;
 
-    /// InvokeMainThread has been started: from then on other threads read the fields above, until the process ends.
+    /// InvokeMainThread has been started: from then on other threads read the fields above until the process ends.
     std::atomic<bool> gv_isMainThreadStarted{false};
 
     // What changes while the agent runs.
-    std::atomic<std::int32_t> gv_collectData{1};        // collection runs
-    std::atomic<std::int64_t> gv_CSContactLostTime{0};  // first failed upload of an outage, seconds since 1970; 0 none
-    /// Zips in the queue that were not accepted, and whether another was since, or before them in the same pass; of the
-    /// upload thread alone.
+    std::atomic<std::int32_t> gv_collectData{1};        // 1 while collection runs
+    std::atomic<std::int64_t> gv_CSContactLostTime{0};  // first failed upload of an outage, seconds since 1970; else 0
+    /// Zips in the queue that were not accepted, and whether another one was accepted since, or before them in the same
+    /// pass; of the upload thread alone.
     std::map<std::u16string, bool> gv_failedZips;
     std::int64_t gv_clockLead = 0;  // what the clock was ahead of the tick count, seconds; of the upload thread alone
     std::atomic<std::int32_t> gv_timeDiff{0};       // server time minus ours, seconds
-    std::atomic<std::uint16_t> gv_agentRunFlag{1};  // go on after enrolment
+    std::atomic<std::uint16_t> gv_agentRunFlag{1};  // 1: go on after enrolment
     std::atomic<std::uint32_t> gv_ocLastCreatedJSONNum{0};
     std::atomic<std::uint32_t> gv_ocLastCreatedZIPNum{0};
 };

@@ -23,7 +23,7 @@ namespace error = platform::error;
 
 constexpr std::uint32_t busyFilePause = 250;  // milliseconds
 
-/// Removes one entry of a directory; true when that went well.
+/// Removes one entry of a directory; true when it is gone.
 bool DeleteEntry(std::u16string_view directory, const platform::FindData& entry) {
     if (entry.isDirectory && (entry.fileName == u"." || entry.fileName == u"..")) return true;
     const std::u16string child = std::u16string(directory) + u"\\" + entry.fileName;

@@ -7,7 +7,8 @@
 
 namespace kv {
 
-/// Runs one piece of work. An exception ends that piece, leaves a log line that names it, and goes no further.
+/// Runs one piece of work. A std::exception ends that piece, leaves a log line that names it, and goes no further; any
+/// other exception passes through.
 template <class Work>
 void RunGuarded(const char* name, Work&& work) {
     try {

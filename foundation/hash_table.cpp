@@ -10,8 +10,8 @@
 
 namespace kv {
 
-/// The entries of a table's one bucket by their keys, whose characters are the entries' own. Only what changes the
-/// table makes and changes it, so several threads may search a table that is no longer changed.
+/// The entries of a table's one bucket by their keys, whose characters are the entries' own. Only operations that
+/// change the table make or change it, so several threads may search a table that nobody changes any more.
 struct KeyIndex {
     std::unordered_map<std::u16string_view, HashEntry*> entries;
     HashEntry* last = nullptr;
@@ -19,7 +19,7 @@ struct KeyIndex {
 
 namespace {
 
-/// Up to so many keys are searched one by one.
+/// Up to this many keys are searched one by one.
 constexpr std::int32_t fewKeys = 64;
 
 /// A key ends at its first zero character.
@@ -27,7 +27,7 @@ std::u16string_view ClosedKey(std::u16string_view key) { return key.substr(0, ke
 
 HashEntry* FirstEntry(const HashTable* table, std::u16string_view key) { return table->buckets[HashOfKey(table, key)]; }
 
-/// Without measuring the entry's key first: most searches part at its first characters.
+/// Does not measure the entry's key first: most comparisons end at its first characters.
 bool HasKey(const HashEntry* entry, std::u16string_view key) {
     const char16_t* other = entry->key;
     if (!other) return false;
@@ -70,7 +70,7 @@ void AddToIndex(KeyIndex& index, HashEntry* entry) {
     index.last = entry;
 }
 
-/// Makes the index of a table, or adds a new entry to it. Without memory for it the table goes on without.
+/// Makes the index of a table, or adds a new entry to it. When memory runs out the table goes on without an index.
 void IndexEntry(HashTable* table, HashEntry* added) {
     try {
         if (table->index) return AddToIndex(*table->index, added);
@@ -82,14 +82,14 @@ void IndexEntry(HashTable* table, HashEntry* added) {
     }
 }
 
-/// Takes an entry that has one before or behind it out of the index.
+/// Takes an entry that is not the only one out of the index.
 void RemoveFromIndex(KeyIndex& index, HashEntry* entry, HashEntry* previous) {
     index.entries.erase(entry->key);
     if (index.last == entry) index.last = previous;
 }
 
-/// The entry of a key, or when there is none the last of its bucket; passed counts the entries before it that had to be
-/// looked at.
+/// The entry of a key, or the last one of its bucket when the key is absent; passed counts the entries before it that
+/// had to be looked at.
 HashEntry* FindOrLast(const HashTable* table, std::u16string_view key, std::int32_t& passed) {
     if (table->index) {
         const auto found = table->index->entries.find(key);
@@ -126,7 +126,7 @@ void FreeValueOf(Word value, ValueType type) {
         FreeTextOf(value, type);
 }
 
-/// PutHashValue, with the entry as the result, or null when memory ran out. The key is closed.
+/// PutHashValue with the entry as its result; null when memory ran out. The key holds no zero character.
 HashEntry* PutEntry(HashTable* table, std::u16string_view key, Word value, ValueType type) {
     std::int32_t passed = 0;
     HashEntry* entry = FindOrLast(table, key, passed);

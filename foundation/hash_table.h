@@ -3,9 +3,10 @@
 //
 // Every table of the agent is made with one bucket, so keys come back in the order of their first insertion; whatever
 // writes records out relies on that. Keys end at their first zero character and are compared exactly. A table has no
-// lock: it belongs to one thread at a time, or is no longer changed.
+// lock: it belongs to one thread at a time, or nobody changes it any more.
 //
-// A table of many keys keeps an index beside its bucket, so that finding a key does not take longer as it grows.
+// A table of many keys keeps an index beside its bucket, so that finding a key does not take longer as the table grows.
+// No table may be null except where it is said.
 #pragma once
 
 #include <cstdint>
@@ -32,21 +33,22 @@ struct HashTable {
     KeyIndex* index;      // owned; null while there are few keys or several buckets
 };
 
-/// 1, or 0 when memory ran out. A size of 0 is taken as 1. The table is freed by one of the two free operations.
+/// Makes a table made by `new HashTable{}` ready; a size of 0 is taken as 1. 1: one of the two free operations releases
+/// it. 0 when memory ran out: it has no buckets, and `delete` releases it.
 [[nodiscard]] int InitHashTable(HashTable* table, std::int32_t size);
 
-/// Stores a value under a key, new keys last; 1, or 0 when memory ran out. A value of ValueType::text is copied, and
-/// the table frees its copy; all others must outlive the table or be its own (lists and tables under FreeAllHashTable).
-/// A replaced value is not released: that is intended.
+/// Stores a value under a key, new keys last; 1, or 0 when memory ran out: the table is then as it was. A value of
+/// ValueType::text is copied, and the table frees its copy. Any other pointer must outlive the table, or
+/// FreeAllHashTable frees it. A replaced value is not released: that is intended.
 int PutHashValue(HashTable* table, std::u16string_view key, Word value, ValueType type);
 
-/// PutHashValue of a text.
+/// PutHashValue of a text, up to its first zero character. Throws std::bad_alloc, too.
 int PutHashText(HashTable* table, std::u16string_view key, std::u16string_view text);
 
 /// The value, or 0 when the key is absent or its value is 0.
 [[nodiscard]] Word GetHashValue(const HashTable* table, std::u16string_view key);
 
-/// The entry, or null.
+/// The entry, or null when the key is absent.
 [[nodiscard]] HashEntry* GetHashEntry(const HashTable* table, std::u16string_view key);
 
 /// The text under a key, or null when the key is absent or holds something else.
@@ -58,16 +60,17 @@ int PutHashText(HashTable* table, std::u16string_view key, std::u16string_view t
 /// 1 or 0.
 [[nodiscard]] int ContainsHashKey(const HashTable* table, std::u16string_view key);
 
-/// 1, or 0 when the key is absent. The value is never freed.
+/// 1, or 0 when the key is absent. The value is never freed, nor is the key of a first entry that has others behind it:
+/// someone may hold it.
 int RemoveHashKey(HashTable* table, std::u16string_view key);
 
 [[nodiscard]] std::int32_t CountHashKeys(const HashTable* table);
 
-/// The keys in order, ended by a null. The array is the caller's, the keys are the table's.
+/// The keys in order, then a null. The array is the caller's, the keys are the table's. Throws std::bad_alloc.
 [[nodiscard]] std::unique_ptr<const char16_t*[]> GetHashKeys(const HashTable* table);
 
 /// Puts every key of source that dest lacks, or holds with value 0, into dest. Nested values are shared, texts copied.
-/// 1, or 0 when either table is null.
+/// A key for which there is no memory is left out. 1, or 0 when either table is null.
 int MergeHashTable(const HashTable* source, HashTable* dest);
 
 /// Frees the entries with their texts and the table; nested lists and tables stay alive.
@@ -76,6 +79,7 @@ void FreeHashTable(HashTable* table);
 /// Frees the table with everything below it. A null table is allowed.
 void FreeAllHashTable(HashTable* table);
 
+/// The bucket of a key, from 0.
 std::int32_t HashOfKey(const HashTable* table, std::u16string_view key);
 
 struct FreeAllHashTableDeleter {

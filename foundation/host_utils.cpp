@@ -49,7 +49,7 @@ Error LocalHostName(std::string& name) {
 
 using LookupWork = std::function<Error(std::u16string& found)>;
 
-/// A lookup on a thread of its own, which lives as long as whoever asked or the thread needs it.
+/// A lookup on a thread of its own. It lives as long as whoever asked or the thread needs it.
 struct Lookup {
     LookupWork work;
     std::u16string found = {};
@@ -62,8 +62,8 @@ std::uint32_t RunLookup(void* argument) {
     return 0;
 }
 
-/// Waits no longer than the patience for a lookup, which name servers that keep silent may hold up for a minute:
-/// waitTimeout then, and the lookup ends by itself some time.
+/// Waits no longer than the patience for a lookup, which silent name servers may hold up for a minute: waitTimeout
+/// then, and the lookup ends by itself at some time.
 Error LookUpWithin(std::uint32_t patience, LookupWork work, std::u16string& found) {
     if (patience == platform::infinite) return work(found);
     const auto lookup = std::make_shared<Lookup>(Lookup{std::move(work)});
@@ -76,7 +76,7 @@ Error LookUpWithin(std::uint32_t patience, LookupWork work, std::u16string& foun
     return lookup->result;
 }
 
-/// What the computer's own name leads to. A lookup that takes longer keeps the library for itself.
+/// What the computer's own name leads to. A lookup that outlasts the patience goes on owning the library.
 Error AddressOfName(const std::string& name, std::uint32_t patience, const std::shared_ptr<SocketLibrary>& library,
                     std::u16string& address) {
     const auto resolve = [gethostbyname = Sockets().gethostbyname, name, library](std::u16string& found) {
@@ -98,7 +98,7 @@ void TakeHost(const platform::HostEntry& host, OptionalText& outName, OptionalTe
     outAddress = platform::WideFromUtf8(host.address);
 }
 
-/// The fixed text for an NT version, or null.
+/// The fixed text for an NT version; null when it has none.
 const char16_t* NtName(const SystemVersion& version) {
     if (version.major <= 4) return u"Windows NT";
     if (version.major == 5 && version.minor == 0) return u"Windows 2000";
@@ -110,7 +110,7 @@ const char16_t* NtName(const SystemVersion& version) {
     return nullptr;
 }
 
-/// The fixed text for a 9x version, or null.
+/// The fixed text for a 9x version; null when it has none.
 const char16_t* NinetiesName(const SystemVersion& version) {
     if (version.major != 4) return nullptr;
     if (version.minor == 0) return u"Windows 95";

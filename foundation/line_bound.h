@@ -1,4 +1,4 @@
-// Bounds what one piece of a stranger's work writes to the log.
+// Bounds what one piece of work for a stranger writes to the log.
 #pragma once
 
 #include <cstdint>
@@ -6,9 +6,10 @@
 
 namespace kv {
 
-/// While one lives, this thread writes each line (each format, that is) at most ten times, or as often as is said; its
-/// end writes how many were left out. For work of which the server decides how long it is: a list of requests, a plan,
-/// an archive. One within another counts for itself, and its lines count for the outer one, too.
+/// While one lives, its thread writes lines of each format at most ten times, or `most` times; its end writes how many
+/// were left out. For work whose length the server decides: a list of requests, a plan, an archive. A bound within
+/// another counts for itself, and the lines that it admits count for the outer one, too. Bounds end in the reverse
+/// order of their beginnings.
 class LineBound {
   public:
     static constexpr std::uint32_t few = 10;
@@ -18,8 +19,8 @@ class LineBound {
     LineBound(const LineBound&) = delete;
     LineBound& operator=(const LineBound&) = delete;
 
-    /// While one lives, ten lines of a format are the most of the bound around it: for what is refused without work, of
-    /// which a server can send any number.
+    /// While one lives, the bound around it admits at most ten lines of a format: for what is refused without work, of
+    /// which a server can send any number. Does nothing without a bound.
     class OfRefusal {
       public:
         OfRefusal();
@@ -31,7 +32,8 @@ class LineBound {
         std::uint32_t former_;
     };
 
-    /// Whether this thread may write a line with this format; counts it. The format lives as long as the bound.
+    /// Whether this thread may write a line with this format; counts it. The format is known by its address and must
+    /// outlive the bound. Throws std::bad_alloc.
     static bool Admits(const char* format);
 
   private:

@@ -20,7 +20,7 @@ constexpr char32_t replacement = 0xFFFD;
 
 bool IsControl(char32_t point) { return point < 0x20 || (point >= 0x7F && point < 0xA0); }
 
-/// Unicode's two line ends, and what makes the rest of a line be shown from right to left.
+/// Unicode's two line ends, and the marks that show the rest of a line from right to left.
 bool TurnsLine(char32_t point) {
     return point == 0x200E || point == 0x200F || (point >= 0x2028 && point <= 0x202E) ||
            (point >= 0x2066 && point <= 0x2069);
@@ -122,8 +122,8 @@ void AppendSigned(std::string& line, const Conversion& conversion, std::int64_t 
     AppendDigits(line, conversion, number < 0 ? "-" : "", number < 0 ? 0 - magnitude : magnitude);
 }
 
-/// A 32-bit number without an "l" prints as its 32 bits read in the conversion's way; all others as their value, so
-/// that no upper half is lost to a conversion that is too narrow.
+/// A 32-bit number without an "l" prints as its 32 bits, read as the conversion says; any other number prints as its
+/// value, so that a conversion that is too narrow loses no upper half.
 template <class Number>
 bool AppendNumber(std::string& line, const Conversion& conversion, Number number) {
     const bool is32 = sizeof(number) == 4 && !conversion.isLong;

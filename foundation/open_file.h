@@ -8,21 +8,22 @@
 
 namespace kv {
 
-/// An open file, closed at the end of its life at the latest.
+/// A file that is open or not; closed at the end of its life at the latest.
 struct OpenFile {
-    platform::FileHandle handle = 0;
+    platform::FileHandle handle = 0;  // 0 while no file is open
 
     OpenFile() = default;
     OpenFile(const OpenFile&) = delete;
     OpenFile& operator=(const OpenFile&) = delete;
     ~OpenFile() { Close(); }
 
+    /// Success, or the system's error. No file is open before.
     [[nodiscard]] platform::Error Open(std::u16string_view path, platform::FileAccess access, platform::FileShare share,
                                        platform::FileDisposition disposition) {
         return platform::Files().CreateFileW(path, access, share, disposition, handle);
     }
 
-    /// Success when there is nothing to close.
+    /// Success, also when there is nothing to close, or the system's error: the handle is gone all the same.
     platform::Error Close() {
         const platform::FileHandle closing = std::exchange(handle, 0);
         return closing == 0 ? platform::error::success : platform::Files().CloseHandle(closing);
@@ -31,9 +32,9 @@ struct OpenFile {
 
 /// A search for names that match a pattern:
 ///     for (FileSearch search(pattern); search.hasFile(); search.Next()) use(search.file);
-/// After its last file error is noMoreFiles, or why the search ended early.
+/// After the last file, error is noMoreFiles, or says why the search ended early.
 struct FileSearch {
-    platform::FindData file;  // the present one, while hasFile
+    platform::FindData file;  // the present one, while hasFile()
     platform::Error error = platform::error::success;
 
     explicit FileSearch(std::u16string_view pattern) {
@@ -46,6 +47,7 @@ struct FileSearch {
     }
 
     [[nodiscard]] bool hasFile() const { return error == platform::error::success; }
+    /// Goes on to the next file; only while hasFile().
     void Next() { error = platform::Files().FindNextFileW(handle_, file); }
 
   private:

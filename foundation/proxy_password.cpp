@@ -14,9 +14,9 @@ namespace {
 constexpr std::u16string_view alphabet = u"ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 constexpr std::u16string_view whiteSpace = u" \t\n\v\f\r";
 
-constexpr std::size_t longestCipherText = 31;  // characters; what was written for others to read is no longer
+constexpr std::size_t longestCipherText = 31;  // characters; others have written no longer ones
 
-/// True when the container holds the key, or holds it now.
+/// Makes sure that the container holds a key; false when it cannot be read or made.
 bool EnsureKey(platform::CryptoContext context, platform::KeyKind kind) {
     const platform::CryptoOperations& crypto = platform::Crypto();
     platform::CryptoKey key = 0;
@@ -27,7 +27,7 @@ bool EnsureKey(platform::CryptoContext context, platform::KeyKind kind) {
     return true;
 }
 
-/// What one use of a passphrase takes of the service, given back at its end.
+/// What one use of a passphrase holds of the service, released at its end.
 struct PassphraseKey {
     platform::CryptoContext context = 0;
     platform::CryptoHash hash = 0;
@@ -49,7 +49,7 @@ bool AcquireContext(PassphraseKey& made) {
     return platform::Crypto().CryptAcquireContextW(u"", false, made.context) == platform::error::success;
 }
 
-/// Derives the key for a text of so many characters. False when the service refuses a step.
+/// Derives the key for a text of that length. False when the service refuses a step.
 bool DeriveKey(PassphraseKey& made, std::u16string_view passphrase, std::size_t length) {
     const platform::CryptoOperations& crypto = platform::Crypto();
     std::u16string hashed(passphrase.substr(0, length));
@@ -78,7 +78,8 @@ std::u16string_view Trimmed(std::u16string_view text) {
     return text.substr(first, text.find_last_not_of(whiteSpace) - first + 1);
 }
 
-/// Appends the bytes of one group of four; 3, fewer when padding ended it, 0 when a character is not Base64.
+/// Appends the bytes of one group of four and gives their number: 3, fewer when padding ended the group, 0 when a
+/// character is not Base64.
 std::size_t DecodeGroup(std::u16string_view group, std::u16string& bytes) {
     std::size_t digits = group.substr(2).find(u'=');
     digits = digits == std::u16string_view::npos ? 4 : digits + 2;

@@ -1,4 +1,4 @@
-// A text that one thread replaces while others read it.
+// A text that threads replace while others read it.
 #pragma once
 
 #include <atomic>
@@ -10,9 +10,9 @@
 
 namespace kv {
 
-/// A text, or none, that is replaced as a whole. A reader holds either the old text or the new one; a text once
-/// published is never freed under a reader. Texts equal to an earlier one share it, so memory is bounded by the number
-/// of different texts. Reading takes no lock.
+/// A text that is replaced as a whole, and may be absent. A reader holds either the old text or the new one; a text
+/// that was published is never freed under a reader. A text equal to an earlier one shares it, so the number of
+/// different texts bounds the memory. Callable from any thread; reading takes no lock.
 class PublishedText {
   public:
     PublishedText() = default;
@@ -20,16 +20,16 @@ class PublishedText {
     PublishedText(const PublishedText&) = delete;
     PublishedText& operator=(const PublishedText&) = delete;
 
-    /// The present text, valid for the life of this object, or null for none.
+    /// The present text, valid for the life of this object; null when it is absent.
     const std::u16string* get() const { return current_.load(std::memory_order_acquire); }
 
-    /// The present text, or an empty one for none.
+    /// The present text; an empty one when it is absent.
     std::u16string_view view() const {
         const std::u16string* text = get();
         return text ? std::u16string_view(*text) : std::u16string_view();
     }
 
-    /// Replaces the text; std::nullopt makes it none.
+    /// Replaces the text; std::nullopt makes it absent. Throws std::bad_alloc, and the former text stays.
     void Publish(std::optional<std::u16string_view> text);
 
   private:

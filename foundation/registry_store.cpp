@@ -16,11 +16,10 @@ using platform::RegistryType;
 using platform::RootKey;
 namespace error = platform::error;
 
-/// Stands for "nothing" where a name or data cannot be left out: the default value's name, the empty text.
+/// Stands for a name or data that cannot be left out: the default value's name, the empty text.
 constexpr std::u16string_view placeholder = u"--";
 
-/// Room behind a text's bytes, zero, so that a text stored without its terminator, or with half of it, ends all the
-/// same.
+/// Zero bytes behind a text, so that one stored without its terminator, or with half of it, ends all the same.
 constexpr std::size_t spareBytes = 50;
 
 /// An open key, closed at the end of the scope.
@@ -35,7 +34,7 @@ struct KeyHandle {
     }
 };
 
-/// How often a value that keeps growing between the two questions is asked for.
+/// How often a value is asked for that keeps growing between the two questions.
 constexpr int mostQueries = 10;
 
 /// Reads size bytes into a zeroed buffer with room to spare; the text ends at the first zero character. moreData when
@@ -50,8 +49,8 @@ Error QueryText(platform::RegistryKey key, std::u16string_view valueName, std::s
     return error::success;
 }
 
-/// The 32 bits of a decimal number, with a sign or without; none when it is not one or does not fit. An empty text is
-/// 0.
+/// The 32 bits of a decimal number, with a sign or without; absent when the text is not a number or does not fit. An
+/// empty text is 0.
 std::optional<std::uint32_t> DwordOfDecimal(std::u16string_view text) {
     const bool negative = text.starts_with(u'-');
     if (negative || text.starts_with(u'+')) text.remove_prefix(1);
@@ -65,9 +64,9 @@ std::optional<std::uint32_t> DwordOfDecimal(std::u16string_view text) {
     return static_cast<std::uint32_t>(negative ? -number : number);
 }
 
-/// The bytes to store. A text takes half of its terminator along and a list of texts thirteen bytes of zeros: those are
-/// the sizes that the readers of these values know. None when the data is not a number and has to be one.
-std::optional<std::vector<std::byte>> BytesOf(std::u16string_view data, RegistryType type) {
+/// The bytes to store. A text takes half of its terminator along, and a list of texts thirteen zero bytes: those are
+/// the sizes that the readers of these values know. Absent when the data is not a number and has to be one.
+std::optional<std::vector<std::byte>> StoredBytes(std::u16string_view data, RegistryType type) {
     if (type == RegistryType::dword) {
         const std::optional<std::uint32_t> number = DwordOfDecimal(data);
         if (!number) return std::nullopt;
@@ -111,7 +110,7 @@ Error WriteNumber(std::u16string_view subKey, std::u16string_view valueName, std
     return writeValue(RootKey::localMachine, subKey, valueName, DecimalText(number), RegistryType::dword);
 }
 
-/// True when the value was there.
+/// True when the value could be read.
 bool ReadNumber(std::u16string_view subKey, std::u16string_view valueName, std::uint32_t& out, std::uint32_t fallback) {
     out = fallback;
     return ReadDwordRegistryData(RootKey::localMachine, subKey, valueName, out) == error::success;
@@ -173,7 +172,7 @@ Error writeValue(RootKey root, std::u16string_view subKey, std::u16string_view v
         Log2("writeValue :: going to add the value data as 0 value \n");
         data = {};
     }
-    const std::optional<std::vector<std::byte>> bytes = BytesOf(data, type);
+    const std::optional<std::vector<std::byte>> bytes = StoredBytes(data, type);
     if (!bytes) {
         LogWriteFailure(error::invalidData, subKey, valueName, data, type);
         return error::invalidData;
@@ -248,7 +247,7 @@ Error SetMALastCreatedZIPNum(std::uint32_t number) {
 
 Error GetKVServerSecIPAddress(OptionalText& out) {
     const Error result = ReadText(serverInfoKeyPath, u"KVServerSecIPAddress", out);
-    if (out && out->size() < 3) out.reset();  // the writers store "--" for no address
+    if (out && out->size() < 3) out.reset();  // the writers store "--" when there is no address
     return result;
 }
 

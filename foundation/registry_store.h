@@ -1,8 +1,10 @@
 // The agent's settings and counters in the registry, under HKEY_LOCAL_MACHINE.
 //
-// Four generic operations and one accessor per value. Results are system error numbers, 0 for success. Text accessors
-// clear their output first, whatever happens next. Number accessors, and GetProxyEnabled, give a fixed fallback where
-// the value is absent and return 0 always. No locks: the writers touch different values.
+// Four generic operations, and one accessor for each value. Results are system error numbers, 0 for success. Text
+// accessors make their output absent first, whatever happens next. Number accessors, and GetProxyEnabled, give a fixed
+// fallback when the value cannot be read, and always return 0. A key that cannot be opened and a value that cannot be
+// written are logged. Callable from any thread without a lock: the writers touch different values. Texts may throw
+// std::bad_alloc.
 #pragma once
 
 #include <cstdint>
@@ -18,20 +20,23 @@ inline constexpr std::u16string_view serverInfoKeyPath = u"Software\\Halvorine\\
 inline constexpr std::u16string_view monitoringKeyPath = u"Software\\Halvorine\\Kestrova\\KVAgent\\Monitoring";
 inline constexpr std::u16string_view systemDetailsKeyPath = u"Software\\Halvorine\\Kestrova\\KVAgent\\SystemDetails";
 
-/// Reads a text. A value of size zero is a success that leaves outText none.
+/// Reads a text up to its first zero character. A value of size 0 is a success that leaves outText absent. moreData
+/// when the value keeps growing. The stored type is not checked.
 [[nodiscard]] platform::Error ReadRegSZ(platform::RootKey root, std::u16string_view subKey,
                                         std::u16string_view valueName, OptionalText& outText);
 
-/// Reads a number; outNumber is written only on success. The stored type is not checked.
+/// Reads a number; outNumber changes only on success. A value of fewer than four bytes fills the low ones, a longer one
+/// gives moreData. The stored type is not checked.
 [[nodiscard]] platform::Error ReadDwordRegistryData(platform::RootKey root, std::u16string_view subKey,
                                                     std::u16string_view valueName, std::uint32_t& outNumber);
 
-/// Stores data, always given as text, as the type asked for; makes the key where it is missing. A name of "--" is the
-/// key's default value, data of "--" the empty text. For a number the text is decimal and fits 32 bits, signed or not;
-/// invalidData otherwise, and nothing is stored.
+/// Stores data, always given as text, as the type asked for; makes the key when it is missing. A name of "--" is the
+/// key's default value, data of "--" the empty text. The text of a number is decimal and fits 32 bits, signed or
+/// unsigned: otherwise invalidData, and nothing is stored.
 platform::Error writeValue(platform::RootKey root, std::u16string_view subKey, std::u16string_view valueName,
                            std::u16string_view data, platform::RegistryType type);
 
+/// Makes a key with all keys on the way to it; success, too, when it is there.
 platform::Error addRegistryKey(platform::RootKey root, std::u16string_view subKey);
 
 // Agent
@@ -53,7 +58,7 @@ platform::Error GetProxyPassword(OptionalText& out);  // Base64
 platform::Error GetKVServerName(OptionalText& out);
 platform::Error GetKVServerFlatName(OptionalText& out);
 platform::Error GetKVServerIPAddress(OptionalText& out);
-platform::Error GetKVServerSecIPAddress(OptionalText& out);  // fewer than 3 characters become none
+platform::Error GetKVServerSecIPAddress(OptionalText& out);  // absent when it has fewer than 3 characters
 platform::Error GetKVServerSecurePort(OptionalText& out);    // decimal text
 platform::Error GetKVServerProtocol(OptionalText& out);
 platform::Error GetKVLastAccessName(OptionalText& out);

@@ -14,12 +14,12 @@ namespace kv {
 
 namespace {
 
-constexpr std::uint32_t lostLockAge = 300;  // seconds after which the purge takes a lock to be lost
+constexpr std::uint32_t lostLockAge = 300;  // seconds; the purge takes an older lock to be lost
 
 std::once_flag mutexMade;
 std::atomic<platform::MutexHandle> gv_lockTableMutex{0};
 ResourceLockEntry* lockTable = nullptr;     // new entries at the tail
-ResourceLockEntry* spareEntries = nullptr;  // for the next locks; as many as were ever held at once
+ResourceLockEntry* spareEntries = nullptr;  // for the next locks; with the table's, as many as were ever held at once
 std::atomic<int> lockBackoff{0};
 
 /// Holds gv_lockTableMutex; nothing else is called while it is held.
@@ -34,7 +34,7 @@ class TableGuard {
     TableGuard& operator=(const TableGuard&) = delete;
 };
 
-/// The link that points to the entry of a key, or the empty link at the end of the table.
+/// The link that points to the entry of a key, or the null link at the end of the table.
 ResourceLockEntry** FindLink(const void* resource) {
     ResourceLockEntry** link = &lockTable;
     while (*link && (*link)->resource != resource) link = &(*link)->next;
@@ -48,7 +48,7 @@ void RemoveAt(ResourceLockEntry** link) {
     spareEntries = entry;
 }
 
-/// Null when memory ran out.
+/// An entry to use; null when memory ran out.
 ResourceLockEntry* TakeEntry() {
     ResourceLockEntry* entry = spareEntries;
     if (!entry) return new (std::nothrow) ResourceLockEntry{};

@@ -1,15 +1,15 @@
 // One process-wide table of locked addresses. To lock a thing is to enter its address; whoever finds the address there
-// yields and tries again until it is gone. A key has no owner and no re-entry: a thread that locks what it already
-// holds hangs, and any thread may release what another took.
+// yields and tries again until it is gone. A lock has no owner and is not re-entrant: a thread that locks what it
+// already holds hangs, and any thread may release what another one took. Callable from any thread.
 //
-// Order: a list's lock first, then the log's, never the other way.
+// Order: a list's lock first, then the log's, never the other way round.
 #pragma once
 
 #include <cstdint>
 
 namespace kv {
 
-/// Results of ResourceLockOp_MSP.
+/// Results of ResourceLockOp_MSP: the first two of a lock, the others of a release. A purge gives lockAcquired.
 inline constexpr int lockAcquired = 1;
 inline constexpr int lockBusy = 2;
 inline constexpr int lockReleased = 4;
@@ -24,25 +24,26 @@ struct ResourceLockEntry {
     ResourceLockEntry* next;
 };
 
-/// Makes the mutex that guards the table. Called first of all in Main; a second call changes nothing. A lock that is
-/// taken earlier makes it too.
+/// Makes the mutex that guards the table. Main calls it first of all; a second call changes nothing. A lock that is
+/// taken earlier makes it, too.
 void InitMutex();
 
 /// Empties the table.
 void InitResourceLockTable();
 
-/// Returns holding the lock.
+/// Returns holding the lock. It waits forever, also while there is no memory for the entry.
 void SynchronizeResource_MSP(const void* resource);
 
-/// A key that is not held leaves a log line and nothing else.
+/// Releases a lock. One that is not held leaves a log line and nothing else.
 void UnsynchronizeResource_MSP(const void* resource);
 
 /// 1 locked, 2 free.
 [[nodiscard]] int IsResourceLocked_MSP(const void* resource);
 
-/// -1 when it took the lock, at once or after one sleep of the time given; 1 when it is still busy.
+/// -1 when it took the lock, at once or after one sleep of the given time; 1 when the lock is still busy.
 [[nodiscard]] int TimedSynchronizeResource_MSP(const void* resource, std::uint32_t milliseconds);
 
+/// One operation under the table's mutex. lockBusy, too, when memory ran out. A purge looks at no resource.
 int ResourceLockOp_MSP(const void* resource, LockOperation operation);
 
 /// Removes locks older than 300 seconds. Nothing in the agent calls it.
@@ -54,7 +55,7 @@ int NextLockBackoff();
 /// Sleep(count / 1000): counts below 1000 only yield.
 void SleepMicroseconds(std::uint32_t count);
 
-/// Holds a resource lock for the life of this object.
+/// Holds a resource lock while it lives.
 class ResourceLock {
   public:
     explicit ResourceLock(const void* resource) : resource_(resource) { SynchronizeResource_MSP(resource_); }

@@ -1,4 +1,4 @@
-// A handle of the service manager that ends with its scope. Belongs to one thread.
+// A handle of the service manager, which ends with its scope. It belongs to one thread.
 #pragma once
 
 #include <string_view>
@@ -7,7 +7,7 @@
 
 namespace kv {
 
-/// The manager or a service, closed at the end of its life.
+/// The manager or a service, closed at the end of its life. It holds none before it is opened, and is opened once.
 struct OwnedServiceHandle {
     platform::ServiceHandle handle = 0;
 

@@ -7,14 +7,14 @@
 
 namespace kv {
 
-/// Logs "Error code, Error Message" at level 1 and returns the system's text for the code, or OfficeUpdateError's where
-/// the system has none.
+/// Logs a code and its text at level 1 and returns the text: the system's, or OfficeUpdateError's when the system does
+/// not know the code.
 std::u16string LogSystemError(platform::Error code);
 
 /// The same, without a result.
 void LogLastSystemError(platform::Error code);
 
-/// Fixed text for codes that the system does not know.
+/// The fixed text for a code that the system does not know, or that it is unknown here, too.
 std::u16string OfficeUpdateError(platform::Error code);
 
 }  // namespace kv

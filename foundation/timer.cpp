@@ -41,7 +41,7 @@ void Unlink(TimerList& list, TimerEntry* entry) {
     } else if (!entry->next && entry->prev) {
         entry->prev->next = nullptr;
     } else {
-        // A list that lacks a link here is corrupt: the line tells, and the store that has no place to go is left out.
+        // A list that lacks a link here is corrupt: the line says so, and nothing is stored through a null link.
         if (!entry->prev) Log2("CRASH BECAUSE OF BUFPTR->PREV is NULL>>>>>>>>>>>>");
         if (!entry->next) Log2("CRASH BECAUSE OF TMPPTR is NULL>>>>>>>>>>>>>>>>>>>>>>>");
         if (entry->next) entry->next->prev = entry->prev;
@@ -50,7 +50,7 @@ void Unlink(TimerList& list, TimerEntry* entry) {
 }
 
 void Link(TimerList& list, TimerEntry* entry) {
-    // From the end: a plan is scheduled in one second, and most jobs are due again behind all others.
+    // From the end: many jobs are added in one second, and most are due again behind all others.
     TimerEntry* before = list.tail;
     while (before && before->fireTime > entry->fireTime) before = before->prev;
     TimerEntry* after = before ? before->next : list.head;
@@ -68,20 +68,20 @@ std::uint32_t PeriodSeconds(const TimerInterval& interval) {
     return static_cast<std::uint32_t>(std::clamp<std::uint64_t>(seconds, 1, std::numeric_limits<std::uint32_t>::max()));
 }
 
-/// The moment a period after now; the last moment there is, when that lies beyond 32 bits.
+/// The moment that is a period after now, or the last moment of 32 bits when that is earlier.
 std::uint32_t MomentAfter(std::uint32_t now, std::uint32_t period) {
     return now + std::min(period, std::numeric_limits<std::uint32_t>::max() - now);
 }
 
 std::uint32_t NowInSeconds() { return static_cast<std::uint32_t>(GetNowSeconds()); }
 
-/// Keeps the order: what would be due before 1970 is due at once.
+/// Keeps the order. What would be due before 1970 is due at once.
 void MoveFireTimes(TimerList& list, std::uint32_t seconds) {
     for (TimerEntry* entry = list.head; entry; entry = entry->next)
         entry->fireTime -= std::min(entry->fireTime, seconds);
 }
 
-/// A clock that has jumped ahead and comes back is such a case, too: what ran meanwhile was armed far in the future.
+/// Serves, too, when a clock that jumped ahead comes back: what ran meanwhile was armed far in the future.
 void FollowClockSetBack(std::uint32_t now) {
     const std::uint32_t lastPass = std::exchange(timerManager.lastPass, now);
     if (now >= lastPass) return;
@@ -116,7 +116,8 @@ std::size_t CountDueEntries(const TimerList& list, std::uint32_t now) {
 
 void RunDueEntries(TimerList& list) {
     const std::uint32_t now = NowInSeconds();
-    // Counted before the first runs: in the last second of 32 bits what is armed again is due at once, behind these.
+    // Counted before the first one runs: in the last second of 32 bits, what is armed again is due at once, behind
+    // these.
     for (std::size_t due = CountDueEntries(list, now); due > 0 && list.head; --due) {
         TimerEntry* entry = list.head;
         RunGuarded("CheckTimers", [entry] { entry->callback(entry->argument); });
@@ -130,8 +131,8 @@ void RunDueEntries(TimerList& list) {
     }
 }
 
-/// Removes all entries and their arguments. The schedules stay allocated: that is intended, a caller may keep the
-/// schedule it gave to AddTimerTask, and a plan is replaced only a few times in the life of the process.
+/// Removes all entries and their arguments. The schedules stay allocated. That is intended: someone may still hold the
+/// schedule of a job, and lists are emptied only a few times in the life of the process.
 void RemoveAllEntries(TimerList& list) {
     while (TimerEntry* entry = list.head) {
         Unlink(list, entry);

@@ -1,5 +1,5 @@
-// Named timers: lists of entries sorted by the time they are due, and the one thread that runs what is due, once a
-// second. All collection runs on that thread, under gv_timerMutex.
+// Named timers: lists of entries sorted by the time at which they are due, and the one thread that runs what is due,
+// once a second, under gv_timerMutex. A job that takes long delays those behind it.
 #pragma once
 
 #include <cstdint>
@@ -18,14 +18,14 @@ using TimerCallback = void (*)(void* argument);
 enum class TimerUnit : std::uint16_t { hours = 1, minutes = 2, seconds = 3 };
 
 struct TimerInterval {
-    std::int32_t* endTime = nullptr;  // always none
+    std::int32_t* endTime = nullptr;  // always null
     std::uint32_t interval = 0;       // in units
     TimerUnit unit = TimerUnit::seconds;
-    std::int32_t repeatCount = -1;  // -1 forever, 1 this run is the last, more counts down
+    std::int32_t repeatCount = -1;  // -1: forever; 1: this run is the last; more counts down
 };
 
 struct TimerSchedule {
-    std::int32_t kind = 1;  // 1: repeat at an interval
+    std::int32_t kind = 1;  // always 1: repeat at an interval
     TimerInterval detail;
 };
 
@@ -33,9 +33,9 @@ struct TimerEntry {
     std::u16string name;     // of its timer
     std::uint32_t fireTime;  // seconds since 1970
     TimerCallback callback;
-    std::int32_t* argument;  // owned by the job
+    std::int32_t* argument;  // the job owns it
     std::uint32_t id;
-    TimerSchedule* schedule;  // shared by the successive entries of one job
+    TimerSchedule* schedule;  // successive entries of one job share it
     TimerEntry* next;
     TimerEntry* prev;
 };
@@ -50,7 +50,7 @@ struct TimerList {
 
 /// The timer manager of this process.
 struct TimerManager {
-    Vector gv_timerVec{};                     // of TimerList, set up once; the lists change under gv_timerMutex only
+    Vector gv_timerVec{};                     // of TimerList, set up once; the lists only change under gv_timerMutex
     platform::MutexHandle gv_timerMutex = 0;  // held for a whole pass, callbacks included
     void (*gv_timerExpireHook)(void*) = nullptr;  // a slot that nothing fills
     std::uint32_t lastPass = 0;                   // when the last pass began, seconds since 1970; 0 before the first
@@ -58,7 +58,7 @@ struct TimerManager {
 
 extern TimerManager timerManager;
 
-/// Holds gv_timerMutex for the life of this object. The thread that holds it may take it again.
+/// Holds gv_timerMutex while it lives. The thread that holds it may take it again.
 class TimerLock {
   public:
     TimerLock();
@@ -67,15 +67,16 @@ class TimerLock {
     TimerLock& operator=(const TimerLock&) = delete;
 };
 
-/// Sets up the timer "DEFAULT"; 1. A second call, with no timer thread running, starts over with no jobs.
+/// Sets up the timer "DEFAULT"; 1. A second call, which no timer thread may see, starts over without jobs.
 int InitTimerManager();
 
-/// A new, empty timer.
+/// Makes a new, empty timer. No timer thread runs yet.
 void CreateTimer(std::u16string_view name, std::int16_t priority);
 
+/// Starts TimerThread; a log line says when it cannot be started.
 void StartTimerThread();
 
-/// The thread's body: a pass, a second's sleep, forever.
+/// The thread's body: a pass and a second's sleep, forever.
 std::uint32_t TimerThread(void* ignored);
 
 /// Adds a job to a timer, "DEFAULT" when the name is absent; an id of 0 asks for a new one. Its id, or 0 when no timer
@@ -85,23 +86,23 @@ std::uint32_t TimerThread(void* ignored);
                                          std::unique_ptr<std::int32_t> argument,
                                          std::unique_ptr<TimerSchedule> schedule, std::uint32_t id);
 
-/// Links an entry into a timer's list, behind those due at the same time; its id, or 0 when no timer has that name. The
-/// caller holds gv_timerMutex, here and in RemoveTimerEntry.
+/// Links an entry into a timer's list, behind those due at the same time. Its id, or 0 when no timer has that name: the
+/// entry then stays the caller's. The caller holds gv_timerMutex, here and for RemoveTimerEntry.
 std::uint32_t AddTimerEntry(std::u16string_view timerName, TimerEntry* entry);
 
-/// Unlinks an entry, frees nothing.
+/// Unlinks an entry, which becomes the caller's. Frees nothing.
 void RemoveTimerEntry(std::u16string_view timerName, TimerEntry* entry);
 
-/// Removes and frees all entries of a timer with their arguments, after a pass in progress has ended; 1, or 0 when no
-/// timer has that name.
+/// Waits for a pass in progress, then removes and frees all entries of a timer with their arguments; their schedules
+/// stay allocated. 1, or 0 when the name is absent or no timer has it.
 int DeleteTimerEntryByName(const OptionalText& timerName);
 
-/// One pass: runs every entry that is due, in order of due time, and arms it again from the time the pass began. A
-/// period of 0 counts as one second. What is armed in a pass does not run in it, so a pass ends whatever the clock
-/// says.
+/// One pass: runs every entry that is due, in order of due time, and arms it again, counted from the start of the pass.
+/// A period of 0 counts as one second. What is armed in a pass does not run in it, so that a pass ends whatever the
+/// clock says. A std::exception ends one run of a job, with a log line.
 ///
-/// When the clock stands before the last pass, as one that was set back does, all fire times move by the difference,
-/// with a log line: nothing waits for the former time to come again.
+/// When the clock stands before the last pass, because it was set back, all fire times move by the difference, with a
+/// log line: nothing waits for the former time to come again.
 void CheckTimers();
 
 }  // namespace kv

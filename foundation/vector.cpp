@@ -72,8 +72,8 @@ int AppendOwned(Vector* vector, Owner owner, ValueType type) {
     return AddElement(vector, std::move(element));
 }
 
-/// The order of a table in its list, by its key "order"; 0 without one.
-std::int32_t OrderOf(const VectorElement* element) {
+/// The order of a table in its list, by its key "order"; 0 when it lacks that key.
+std::int32_t TableOrder(const VectorElement* element) {
     return static_cast<std::int32_t>(GetHashValue(reinterpret_cast<const HashTable*>(element->value), u"order"));
 }
 
@@ -191,7 +191,7 @@ void SortVectorByOrder(Vector* vector) {
             VectorElement* first = ElementAt(vector, j);
             VectorElement* second = ElementAt(vector, j + 1);
             if (!first || !second) return;
-            if (OrderOf(second) < OrderOf(first)) std::swap(first->value, second->value);
+            if (TableOrder(second) < TableOrder(first)) std::swap(first->value, second->value);
         }
     }
 }

@@ -31,7 +31,7 @@ VectorPtr VectorOf(const std::vector<Word>& values) {
     return vector;
 }
 
-/// The values from head to tail; fails when count or tail do not fit the chain, or the lock is still held.
+/// The values from head to tail. The test fails when count or tail do not fit the chain, or the lock is still held.
 std::vector<Word> ValuesOf(Vector* vector) {
     std::vector<Word> values;
     VectorElement* last = nullptr;
@@ -49,7 +49,7 @@ TEST_F(Containers, VectorAnswersByIndex) {
     const struct {
         const char* title;
         std::int32_t index;
-        Word element;  // 0: none
+        Word element;  // 0: null
         int inserted;
         std::vector<Word> afterInsert;
         std::vector<Word> afterDelete;
@@ -183,7 +183,7 @@ TEST_F(Containers, FreeAllTakesTheWholeTree) {
     VectorPtr list = MakeVector();
     HashTablePtr row = MakeHashTable();
     PutHashText(row.get(), u"name", u"value");
-    EXPECT_EQ(GetHashVector(row.get(), u"name"), nullptr) << "a text is no list";
+    EXPECT_EQ(GetHashVector(row.get(), u"name"), nullptr) << "a text is not a list";
     AppendTable(list.get(), std::move(row));
     AddElement(list.get(), NewElement(reinterpret_cast<Word>(CopyText(u"text")), ValueType::text));
     AppendVector(list.get(), MakeVector());

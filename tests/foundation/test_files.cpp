@@ -1,4 +1,4 @@
-// File helpers on the real file backend; failures are ordered through the seam.
+// File helpers on the real file backend; failures come from the seam.
 
 #include "foundation/file_utils.h"
 #include "platform/files.h"

@@ -1,4 +1,4 @@
-// The table of locked addresses, and texts that are replaced under their readers.
+// The table of locked addresses, and texts that are replaced while others read them.
 #include <atomic>
 #include <thread>
 
@@ -84,7 +84,7 @@ TEST(PublishedTexts, AreKeptForTheirReadersAndEqualOnesShared) {
     text.Publish(a);
     const std::u16string* first = text.get();
     text.Publish(b);
-    EXPECT_EQ(*first, a) << "whoever reads it still may";
+    EXPECT_EQ(*first, a) << "a reader may still hold it";
     text.Publish(a);
     EXPECT_EQ(text.get(), first) << "so that memory stays bounded";
     text.Publish(std::nullopt);

@@ -1,4 +1,4 @@
-// The agent's settings over the real registry: sizes, placeholders and what is missing.
+// The agent's settings in the real registry: sizes, placeholders, and values that are missing.
 #include "foundation/registry_store.h"
 #include "tests/platform/registry_helpers.h"
 #include "tests/support/test_agent.h"
