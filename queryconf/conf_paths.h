@@ -1,5 +1,5 @@
-// Where plans and what belongs to them stand, relative to the bin directory. A slave's plan and its backup stand in a
-// directory with the slave's key as its name.
+// Where plans and what belongs to them stand, relative to the bin directory. A slave's plan and its backup each stand
+// in a directory named by the slave's key.
 #pragma once
 
 #include <string_view>
@@ -11,7 +11,7 @@ inline constexpr std::u16string_view slavesDirectory = u"..\\conf\\slaves\\";
 inline constexpr std::u16string_view backupDirectory = u"..\\conf\\backup\\";
 inline constexpr std::u16string_view downloadDirectory = u"..\\conf\\download\\";
 
-/// The name of a plan's file in the last three.
+/// The name of a plan's file in the last three directories.
 inline constexpr std::u16string_view planName = u"queryconf.txt";
 
 }  // namespace kv::conf_path

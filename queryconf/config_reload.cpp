@@ -31,7 +31,7 @@ constexpr std::u16string_view refusedPlan = u"..\\conf\\download\\queryconf.txt.
 /// What stays in the download directory: new plans, and the list of requests that is being served.
 constexpr std::u16string_view keptDownloads[] = {conf_path::planName, u"queryconf.txt.refused", u"RequestList.txt"};
 
-/// What stands before the relative paths of the configuration: nothing in the bin directory, else the way there.
+/// Goes to the bin directory. What to put before the relative paths of the configuration: nothing when that went well.
 std::u16string EnterBinDirectory() {
     const std::u16string binPath = agentState.gv_ocAgentBinPath.value_or(u"");
     switch (Files().wchdir(binPath)) {
@@ -64,9 +64,9 @@ void MakeDirectory(const char* caller, std::u16string_view directory) {
     }
 }
 
-/// What an archive takes once it is unpacked, in bytes; 0 for one that cannot be opened, of which UnzipFiles tells.
+/// What an archive takes once it is unpacked, in bytes; 0 when it cannot be opened, as UnzipFiles will say.
 std::uint64_t UnpackedSize(std::u16string_view archive) {
-    constexpr std::uint64_t blockSize = 4096;  // of the disk; each item takes one more for itself
+    constexpr std::uint64_t blockSize = 4096;  // of the disk; each item takes one for itself
     const ZipHandle zip = OpenZip(archive, nullptr);
     if (!zip) return 0;
     ZipItem item;
@@ -78,7 +78,7 @@ std::uint64_t UnpackedSize(std::u16string_view archive) {
     return std::min(size, maxUnpackedBytes);
 }
 
-/// What an archive brings beside the plan goes at once; nothing else would ever take it away.
+/// Deletes what an archive has brought beside the plan; nothing else ever would.
 void ClearDownloads(std::u16string_view directory) {
     int failed = 0, deleted = 0;
     for (FileSearch search(ConcatStrings(directory, u"*")); search.hasFile(); search.Next()) {
@@ -102,7 +102,7 @@ struct PlanFiles {
     std::u16string backup;
 };
 
-PlanFiles FilesOf(std::u16string_view agentKey) {
+PlanFiles PlanFilesFor(std::u16string_view agentKey) {
     if (IsOwnAgentKey(agentKey))
         return {u"", std::u16string(conf_path::ownPlan),
                 ConcatStrings(conf_path::backupDirectory, conf_path::planName)};
@@ -123,7 +123,7 @@ void MakePlanDirectories(const PlanFiles& files) {
 
 bool IsMissing(Error failure) { return failure == error::fileNotFound || failure == error::pathNotFound; }
 
-/// Moves a new plan that cannot be used out of the way of the next request, to where someone can look at it.
+/// Moves a new plan that cannot be used out of the way of the next request, to a place where someone can look at it.
 void SetAside(const PlanFiles& files) {
     Log1("\t ReloadQueryConfDetails :: %s is refused; %s stays in use \n", newPlan, files.live);
     ClearDirectoryFromPath(refusedPlan);
@@ -132,7 +132,7 @@ void SetAside(const PlanFiles& files) {
              failure);
 }
 
-/// Copies the plan in use over its backup. The copy has the backup's name only once it is complete.
+/// Copies the plan in use over its backup. The copy gets the backup's name only once it is complete.
 void BackUp(const PlanFiles& files) {
     const std::u16string copy = files.backup + u".new";
     Error failure = Files().CopyFileW(files.live, copy);
@@ -142,15 +142,16 @@ void BackUp(const PlanFiles& files) {
     Files().DeleteFileW(copy);
 }
 
-/// A backup of an agent that had no plan in use is one from before, and would come back when the new plan is lost.
+/// Deletes the backup of an agent that had no plan in use: it is an older one, and would come back if the new plan is
+/// lost.
 void DropBackup(const PlanFiles& files) {
     const Error failure = Files().DeleteFileW(files.backup);
     if (failure != error::success && !IsMissing(failure))
         Log1("\t ReloadQueryConfDetails :: %s cannot be deleted. Error is [%u] \n", files.backup, failure);
 }
 
-/// A file is renamed in one step, but its content reaches the disk when the system likes: a power cut in between would
-/// leave an empty plan behind. A file that is read-only is taken as it is.
+/// A rename is one step, but the content reaches the disk when the system likes: a power cut in between would leave an
+/// empty plan behind. A read-only file is taken as it is.
 Error BringToDisk(std::u16string_view path) {
     OpenFile file;
     const Error opened = file.Open(path, platform::FileAccess::append, platform::FileShare::read,
@@ -160,7 +161,7 @@ Error BringToDisk(std::u16string_view path) {
     return file.Close();
 }
 
-/// Puts the new plan in the place of the one in use; false when that one stays.
+/// Puts the new plan in the place of the one in use; false with a line when that one stays.
 bool Install(const PlanFiles& files) {
     MakePlanDirectories(files);
     const bool hadPlan = MayExist(files.live);
@@ -222,14 +223,14 @@ void RequestingConfigDetailstoCS(const OptionalText& confFileDldURL) {
 void ReloadQueryConfDetails(std::u16string_view agentKey) {
     Log3("\t Inside ReloadQueryConfDetails() \n");
     if (!IsOwnAgentKey(agentKey) && !IsSlaveKey(agentKey)) {
-        Log1("\t ReloadQueryConfDetails :: %s can name no directory: nothing is installed for it \n", agentKey);
+        Log1("\t ReloadQueryConfDetails :: %s cannot name a directory: nothing is installed for it \n", agentKey);
         return;
     }
     if (!MayExist(newPlan)) {
         Log1("\t ReloadQueryConfDetails :: %s is not there: no new plan is installed \n", newPlan);
         return;
     }
-    const PlanFiles files = FilesOf(agentKey);
+    const PlanFiles files = PlanFilesFor(agentKey);
     switch (JudgeQueryConfig(files.agent, newPlan)) {
         case PlanJudgement::usable:
             if (Install(files)) LoadQueryConfig(files.agent, files.live);

@@ -31,29 +31,29 @@ namespace error = platform::error;
 constexpr std::u16string_view ownKey = u"WorkFlows";
 constexpr std::u16string_view slavesKey = u"WorkFlows_";
 
-/// A plan that is held by someone for a moment gets this long: at a start there is no other one to go on with.
+/// A plan that someone holds for a moment is waited for this long: at a start there is no other one to go on with.
 constexpr int openAttempts = 8;
 constexpr std::uint32_t openPause = 250;  // milliseconds
 
-std::u16string KeyOf(std::u16string_view agent) {
+std::u16string PlanKey(std::u16string_view agent) {
     return agent.empty() ? std::u16string(ownKey) : ConcatStrings(slavesKey, agent);
 }
 
-/// Keys of slaves that differ in case only are one slave.
-bool IsKeyOf(std::u16string_view agent, std::u16string_view key) {
+/// Whether a key is that of an agent's list. Slaves' keys that differ only in case are one slave.
+bool IsPlanKey(std::u16string_view agent, std::u16string_view key) {
     if (agent.empty()) return key == ownKey;
     return key.starts_with(slavesKey) && CompareIgnoreCase(key.substr(slavesKey.size()), agent) == 0;
 }
 
-/// The list of an agent, or null with a log line.
-Vector* WorkflowsOf(const char* caller, const HashTable* table, std::u16string_view agent,
-                    std::u16string_view fileName) {
+/// Finds the list of an agent; null with a log line when it is missing.
+Vector* FindWorkflows(const char* caller, const HashTable* table, std::u16string_view agent,
+                      std::u16string_view fileName) {
     const std::unique_ptr<const char16_t*[]> keys = GetHashKeys(table);
     for (std::size_t i = 0; keys[i]; ++i) {
-        Vector* workflows = IsKeyOf(agent, keys[i]) ? GetHashVector(table, keys[i]) : nullptr;
+        Vector* workflows = IsPlanKey(agent, keys[i]) ? GetHashVector(table, keys[i]) : nullptr;
         if (workflows) return workflows;
     }
-    Log1("\t %s :: %s has no array %s \n", caller, fileName, KeyOf(agent));
+    Log1("\t %s :: %s has no array %s \n", caller, fileName, PlanKey(agent));
     return nullptr;
 }
 
@@ -61,8 +61,8 @@ std::u16string UnderBinPath(std::u16string_view path) {
     return ConcatStrings(agentState.gv_ocAgentBinPath.value_or(u""), path);
 }
 
-/// Whether a plan has to be read where it is, and not restored from its backup. What is there and cannot be opened is
-/// waited for.
+/// Whether a plan is read where it is, and not restored from its backup. What is there and cannot be opened is waited
+/// for.
 bool IsThere(std::u16string_view path) {
     for (int attempt = 1; !fileExists(path); ++attempt) {
         if (!MayExist(path)) return false;
@@ -72,7 +72,7 @@ bool IsThere(std::u16string_view path) {
     return true;
 }
 
-/// Puts the backup in the place of a missing file. The file has its name only once it is complete, so that a full disk
+/// Puts the backup in the place of a missing file. The copy gets its name only once it is complete, so that a full disk
 /// or a kill in between cannot leave half a plan where the next start would take it for the plan.
 void RestoreFromBackup(std::u16string_view agent, std::u16string_view fileName) {
     Log3("\t Inside RestoreFromBackup() \n");
@@ -87,8 +87,8 @@ void RestoreFromBackup(std::u16string_view agent, std::u16string_view fileName) 
     Files().DeleteFileW(restored);
 }
 
-/// What keeps an element of a list of workflows from running, or null. A number with a fraction has been cut by now.
-const char* FaultOf(const VectorElement* element) {
+/// Why an element of a list of workflows cannot run; null when it can. A number with a fraction has been cut by now.
+const char* WorkflowFault(const VectorElement* element) {
     if (element->type != ValueType::table) return "is not an object";
     const auto* workflow = reinterpret_cast<const HashTable*>(element->value);
     const HashEntry* interval = GetHashEntry(workflow, u"interval");
@@ -100,18 +100,18 @@ const char* FaultOf(const VectorElement* element) {
     return nullptr;
 }
 
-/// A list without workflows is a plan to collect nothing; one in which nothing can run is a mistake.
+/// An empty list is a plan to collect nothing; a list in which nothing can run is a mistake.
 bool HasRunnableWorkflow(const Vector* workflows, std::u16string_view agent, std::u16string_view fileName) {
     const char* fault = nullptr;
     for (const VectorElement* element = workflows->head; element; element = element->next) {
-        if (!(fault = FaultOf(element))) return true;
+        if (!(fault = WorkflowFault(element))) return true;
     }
     if (!fault) return true;
-    Log1("\t JudgeQueryConfig :: %s :: no workflow of %s can run: the last %s \n", fileName, KeyOf(agent), fault);
+    Log1("\t JudgeQueryConfig :: %s :: no workflow of %s can run: the last %s \n", fileName, PlanKey(agent), fault);
     return false;
 }
 
-const char16_t* NameOf(const VectorElement* element) {
+const char16_t* WorkflowName(const VectorElement* element) {
     if (element->type != ValueType::table) return nullptr;
     return GetHashText(reinterpret_cast<const HashTable*>(element->value), u"wfname");
 }
@@ -121,9 +121,9 @@ VectorPtr TakeWorkflows(Vector* workflows, const char16_t* key, std::u16string_v
     VectorPtr taken = MakeVector();
     std::int32_t index = 0;
     for (VectorElement* element = workflows->head; element && taken; element = element->next, ++index) {
-        if (const char* fault = FaultOf(element)) {
+        if (const char* fault = WorkflowFault(element)) {
             Log1("\t LoadQueryConfig :: %s :: workflow [%d] of %s, wfname %s, %s: it is left out \n", fileName, index,
-                 key, NameOf(element), fault);
+                 key, WorkflowName(element), fault);
             continue;
         }
         element->type = ValueType::none;
@@ -142,7 +142,7 @@ HashTablePtr TakePlan(const HashTable* document, std::u16string_view agent, std:
             Log1("\t LoadQueryConfig :: %s :: the value of %s is not an array: it is left out \n", fileName, keys[i]);
             continue;
         }
-        const std::u16string key = IsKeyOf(agent, keys[i]) ? KeyOf(agent) : keys[i];
+        const std::u16string key = IsPlanKey(agent, keys[i]) ? PlanKey(agent) : keys[i];
         if (ContainsHashKey(plan.get(), key)) {
             Log1("\t LoadQueryConfig :: %s :: %s is %s given again: it is left out \n", fileName, keys[i], key);
             continue;
@@ -153,11 +153,11 @@ HashTablePtr TakePlan(const HashTable* document, std::u16string_view agent, std:
     return plan;
 }
 
-/// Lists that are no longer in the merged table, but may be in use.
+/// Lists that are no longer in the merged table, but may still be in use.
 std::vector<VectorPtr> replacedPlans;
 
-/// Makes room for a new list. The old one is not freed yet: gv_sortVec and running timers refer to its entries until
-/// the schedule is built again.
+/// Makes room for a new list. The old one is not freed yet: gv_sortVec and timers refer to its entries until the
+/// schedule is built again.
 void RemoveOldKey(const std::u16string& key) {
     replacedPlans.emplace_back(GetHashVector(agentState.gv_queryConfHash, key));
     RemoveHashKey(agentState.gv_queryConfHash, key);
@@ -165,7 +165,7 @@ void RemoveOldKey(const std::u16string& key) {
     Log2("\t Query conf key count after deleting : %d \n", CountHashKeys(agentState.gv_queryConfHash));
 }
 
-/// Frees those lists of a merged plan that the merged table did not take.
+/// Frees those lists of a plan that the merged table did not take.
 void FreeListsLeftOver(const HashTable* plan, std::u16string_view fileName) {
     const std::unique_ptr<const char16_t*[]> keys = GetHashKeys(plan);
     for (std::size_t i = 0; keys[i]; ++i) {
@@ -180,21 +180,21 @@ struct FreeHashTableDeleter {
     void operator()(HashTable* table) const { FreeHashTable(table); }
 };
 
-void RemoveOldKeysOf(std::u16string_view agent) {
+void RemoveOldKeys(std::u16string_view agent) {
     const std::unique_ptr<const char16_t*[]> keys = GetHashKeys(agentState.gv_queryConfHash);
     for (std::size_t i = 0; keys[i]; ++i) {
-        if (IsKeyOf(agent, keys[i])) RemoveOldKey(std::u16string(keys[i]));
+        if (IsPlanKey(agent, keys[i])) RemoveOldKey(std::u16string(keys[i]));
     }
 }
 
 void MergePlan(HashTablePtr plan, std::u16string_view agent, std::u16string_view fileName) {
-    const bool hasKey = WorkflowsOf("LoadQueryConfig", plan.get(), agent, fileName) != nullptr;
+    const bool hasKey = FindWorkflows("LoadQueryConfig", plan.get(), agent, fileName) != nullptr;
     if (!agentState.gv_queryConfHash) {
         agentState.gv_queryConfHash = plan.release();
         return;
     }
-    // A file without its own key has nothing to put in the place of the plan in use, which stays.
-    if (hasKey) RemoveOldKeysOf(agent);
+    // A file that lacks its own key has nothing to replace the plan in use with, which stays.
+    if (hasKey) RemoveOldKeys(agent);
     // From here on the lists belong to the merged table.
     const std::unique_ptr<HashTable, FreeHashTableDeleter> merged(plan.release());
     MergeHashTable(merged.get(), agentState.gv_queryConfHash);
@@ -204,7 +204,7 @@ void MergePlan(HashTablePtr plan, std::u16string_view agent, std::u16string_view
 
 void LoadSlave(const std::u16string& agent) {
     const std::u16string fileName = ConcatStrings(conf_path::slavesDirectory, agent) + u"\\queryconf.txt";
-    // One that is there and cannot be opened is not passed over in silence.
+    // A plan that is there and cannot be opened is not passed over in silence.
     if (!fileExists(fileName) && !MayExist(fileName)) return;
     RunGuarded("LoadQueryConfig", [&] { LoadQueryConfig(agent, fileName); });
 }
@@ -233,7 +233,7 @@ void LoadSlaves() {
         if (position < 2) continue;
         const std::u16string& name = search.file.fileName;
         if (IsAmong(slaves, name)) {
-            Log1("\t LoadConfFiles :: slave %s differs from another in case only and is passed over \n", name);
+            Log1("\t LoadConfFiles :: slave %s differs from another only in case and is passed over \n", name);
             continue;
         }
         slaves.push_back(name);
@@ -243,7 +243,7 @@ void LoadSlaves() {
         Log1("\t LoadConfFiles :: the search of the slaves directory ended early. Error is [%u] \n", search.error);
 }
 
-/// A plan's file that is there and could not be read.
+/// A plan whose file is there and could not be read.
 struct UnreadPlan {
     std::u16string agent;
     std::u16string fileName;
@@ -252,7 +252,7 @@ std::vector<UnreadPlan> unreadPlans;
 
 std::uint32_t plansMerged = 0;  // so far
 
-/// Keeps in mind whether the file has to be read again; true when it has.
+/// Notes whether the file has to be read again; true when it has to.
 bool NoteUnread(std::u16string_view agent, std::u16string_view fileName, const JsonReadResult& read) {
     std::erase_if(unreadPlans, [agent](const UnreadPlan& plan) { return plan.agent == agent; });
     if (read.fileError == error::success || !MayExist(fileName)) return false;
@@ -260,7 +260,7 @@ bool NoteUnread(std::u16string_view agent, std::u16string_view fileName, const J
     return true;
 }
 
-/// What goes on while a plan cannot be loaded. At a start there is none in use.
+/// What happens while a plan cannot be loaded. At a start no plan is in use.
 const char* WithoutThisPlan(bool isReadAgain = false) {
     if (agentState.gv_queryConfHash) return "the plan in use stays";
     return isReadAgain ? "nothing is collected until it can be opened"
@@ -271,7 +271,7 @@ const char* WithoutThisPlan(bool isReadAgain = false) {
 
 void LoadConfFiles() {
     Log3("\t Inside LoadConfFiles() \n");
-    // First of all: whatever ends the reading of a plan, the next plan finds a scheduler.
+    // Before anything else: whatever ends the reading of a plan, the next plan finds a scheduler.
     initializeScheduler();
     RunGuarded("LoadQueryConfig", [] { LoadQueryConfig(u"", conf_path::ownPlan); });
     if (CompareIgnoreCase(agentState.gv_masterAgent, u"YES") == 0) RunGuarded("LoadSlaves", LoadSlaves);
@@ -330,7 +330,7 @@ PlanJudgement JudgeQueryConfig(std::u16string_view agent, std::u16string_view fi
     const JsonReadResult read = JSONFileToHash(document.get(), fileName);
     if (!read.message.empty()) Log1("\t JudgeQueryConfig :: %s \n", read.message);
     if (read.fileError != error::success) return PlanJudgement::unread;
-    const Vector* workflows = read.ok ? WorkflowsOf("JudgeQueryConfig", document.get(), agent, fileName) : nullptr;
+    const Vector* workflows = read.ok ? FindWorkflows("JudgeQueryConfig", document.get(), agent, fileName) : nullptr;
     return workflows && HasRunnableWorkflow(workflows, agent, fileName) ? PlanJudgement::usable
                                                                         : PlanJudgement::refused;
 }

@@ -1,5 +1,6 @@
-// The query configuration files: what to collect, and how often. They are merged into gv_queryConfHash, one key per
-// agent: "WorkFlows", and "WorkFlows_<agent>" for each slave.
+// The query configuration files: what to collect, and how often. They are merged into gv_queryConfHash, one key for
+// each agent: "WorkFlows", and "WorkFlows_<agent>" for each slave. The main thread loads them at the start; later calls
+// come from the thread that serves requests.
 #pragma once
 
 #include <optional>
@@ -7,35 +8,35 @@
 
 namespace kv {
 
-/// Brings the timer up, reads the agent's own file and, on a master agent, those of its slaves, and schedules what they
-/// hold. An exception ends the reading of one file. Called once.
+/// Brings up the timer, reads the agent's own file and, on a master agent, those of its slaves, and schedules what they
+/// hold. A std::exception ends the reading of one file. Called once.
 void LoadConfFiles();
 
-/// Reads one agent's file into the merged table, replacing that agent's key. agent is empty for this agent itself;
-/// fileName none means "..\conf\queryconf.txt". A file that is not there is restored from its backup first; one that
-/// is there and cannot be opened is waited for, two seconds at most.
+/// Reads one agent's file into the merged table, replacing that agent's key. agent is empty for this agent itself; an
+/// absent fileName means "..\conf\queryconf.txt". A file that is not there is first restored from its backup; one that
+/// is there and cannot be opened is waited for, at most two seconds.
 ///
-/// A file that cannot be read, is malformed or lacks that agent's key is logged, and the plan in use stays. Keys of
-/// slaves that differ in case only are one slave. Refused with a log line each, while the rest is taken: a member that
-/// is not an array, one that belongs to another file, and a workflow that is not an object, has no interval of 1 minute
-/// or more, or no array recordSetName.
+/// A file that cannot be read, is malformed, lacks that agent's key or is too large for the memory is logged, and the
+/// plan in use stays. Slaves' keys that differ only in case are one slave. The rest is taken, with a log line for each
+/// that is left out: a member that is not an array or belongs to another file, and a workflow that is not an object,
+/// lacks an interval of at least 1 minute, or lacks the array recordSetName. May throw std::bad_alloc.
 void LoadQueryConfig(std::u16string_view agent, std::optional<std::u16string_view> fileName);
 
-/// Reads again those files that were there and could not be read when LoadQueryConfig was last called for them; true
-/// when one is merged by now, and the schedule is to be built again. For the thread that serves requests.
+/// Reads again those files that were there and could not be read when LoadQueryConfig was last called for them. True
+/// when one is now merged, and the schedule has to be built again. For the thread that serves requests.
 [[nodiscard]] bool LoadUnreadPlans();
 
-/// Frees the lists that LoadQueryConfig has replaced since the last call. No timer and no gv_sortVec may refer to them
-/// any more.
+/// Frees the lists that LoadQueryConfig has replaced since the last call. Neither a timer nor gv_sortVec may refer to
+/// them any more.
 void FreeReplacedPlans();
 
 enum class PlanJudgement {
     usable,
-    refused,  // it never will be usable
-    unread,   // the file could not be read this time
+    refused,  // it will never be usable
+    unread,   // the file could not be read this time, or there was no memory for it
 };
 
-/// Whether LoadQueryConfig would take a plan for this agent from this file. Why not is logged, at level 1.
+/// Whether LoadQueryConfig would take a plan for this agent from this file. The reason why not is logged at level 1.
 [[nodiscard]] PlanJudgement JudgeQueryConfig(std::u16string_view agent, std::u16string_view fileName);
 
 }  // namespace kv

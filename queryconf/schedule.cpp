@@ -18,7 +18,7 @@ namespace kv {
 
 namespace {
 
-/// Own workflows first, then each slave's: the order of the keys. The loader lets nothing but lists of entries in.
+/// Own workflows first, then each slave's: the order of the keys. The loader lets in nothing but lists of entries.
 void MergeAllWorkflows(const HashTable* plan, Vector* merged) {
     const std::unique_ptr<const char16_t*[]> keys = GetHashKeys(plan);
     for (std::size_t index = 0; keys[index]; ++index) {
@@ -26,7 +26,7 @@ void MergeAllWorkflows(const HashTable* plan, Vector* merged) {
     }
 }
 
-/// Null when memory ran out. A period beyond 32 bits of seconds becomes the longest there is.
+/// Null when memory ran out. A period of more seconds than 32 bits hold becomes the longest one.
 std::unique_ptr<TimerSchedule> RepeatEveryMinutes(std::int32_t minutes) {
     std::unique_ptr<TimerSchedule> schedule(new (std::nothrow) TimerSchedule{});
     const std::int64_t seconds = std::int64_t{minutes} * 60;
@@ -55,8 +55,8 @@ void scheduleQueryHashData() {
         Log1("\t scheduleQueryHashData is NULL \n");
         return;
     }
-    // All timers are added between two passes: a pass in between would run the first of them, and the rest would wait
-    // for its scripts.
+    // All timers are added between two passes: a pass in between would run the first ones, and the rest would wait for
+    // their scripts.
     const TimerLock lock;
     agentState.gv_sortVec = nullptr;
     VectorPtr merged = MakeVector();

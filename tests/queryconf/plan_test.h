@@ -19,7 +19,7 @@ inline std::string WideBytes(std::string_view text) {
     return "\xFF\xFE" + Utf16LittleEndianBytes(platform::WideFromUtf8(text));
 }
 
-/// The text of a plan with one list of workflows of the given names. Their order says the contrary, and is ignored.
+/// The text of a plan with one list of workflows of the given names. Their "order" says the opposite, and is ignored.
 inline std::string PlanText(const std::string& key, const std::vector<std::string>& names) {
     std::string text = "{\"" + key + "\":[";
     int order = 9;
@@ -29,7 +29,7 @@ inline std::string PlanText(const std::string& key, const std::vector<std::strin
     return text + "]}";
 }
 
-/// The timer thread is not started: such tests look at the plan, not at its runs.
+/// The timer thread is not started: these tests look at the plan, not at its runs.
 class PlanTest : public TestAgent {
   protected:
     PlanTest() {

@@ -1,5 +1,5 @@
-// A plan from the server: what stands in the files and in the table after it was installed, also when steps
-// fail or the agent is killed among them.
+// A plan from the server: what the files and the table hold after it was installed, also when steps fail or the agent
+// is killed in between.
 #include <functional>
 #include <regex>
 
@@ -17,12 +17,12 @@ using platform::error::accessDenied;
 using platform::error::diskFull;
 using platform::error::tooManyOpenFiles;
 
-/// An agent "Own" with a plan "live" and a backup "old", that serves a slave "S" likewise.
+/// An agent "Own" with a plan "live" and a backup "old", which serves a slave "S" with the same.
 class ConfigReload : public PlanTest {
   protected:
     ConfigReload() { agentState.gv_agentKey.Publish(u"Own"); }
 
-    /// Puts the new plan's text, or none, into the download directory.
+    /// Puts the new plan's text, if there is one, into the download directory.
     void SetUpFiles(const char* newText) {
         fs::remove_all(conf);
         for (const fs::path& part : {fs::path(), fs::path("S")}) {
@@ -40,7 +40,7 @@ class ConfigReload : public PlanTest {
     }
     static void Reload(const std::string& agentKey) { ReloadQueryConfDetails(platform::WideFromUtf8(agentKey)); }
 
-    /// The workflow of a plan's file; "-" without a file, the text itself when it is no whole plan of PlanText.
+    /// The workflow of a plan's file; "-" without a file, the text itself when it is not a whole plan of PlanText.
     static std::string PlanIn(const fs::path& path) {
         static const std::regex plan(
             R"re(\{"\w+":\[\{"wfname":"(\w+)","order":9,"interval":5,"recordSetName":\[\]\},\]\})re");
@@ -85,7 +85,7 @@ TEST_F(ConfigReload, TheFilesAndTheTableAfterEachOutcome) {
               [this] { fs::remove_all(conf / "slaves"), fs::remove_all(conf / "backup"); }},
              {"a slave's that had lost its file", "S", ofS, sound, "S", "new", "-", gone, "new", "",
               [this] { fs::remove(LivePath("S")); }},
-             {"none", "Own", nullptr, sound, "", "live", "old", gone, "live"},
+             {"absent", "Own", nullptr, sound, "", "live", "old", gone, "live"},
              {"malformed", "Own", "{\"WorkFlows\":[", sound, "", "live", "old", refused, "live",
               "\t JudgeQueryConfig :: ..\\conf\\download\\queryconf.txt: unexpected end of data at offset 14"},
              {"another agent's", "Own", ofS, sound, "", "live", "old", refused, "live",
@@ -94,7 +94,7 @@ TEST_F(ConfigReload, TheFilesAndTheTableAfterEachOutcome) {
               "live", "old", refused, "live",
               "no workflow of WorkFlows can run: the last has an interval that is not a number"},
              {"for a key that climbs", "..\\..\\S", ofS, sound, "", "live", "old", waits, "live",
-              "..\\..\\S can name no directory"},
+              "..\\..\\S cannot name a directory"},
              {"no backup can be made", "Own", own, Failing(&Files::CopyFileW, diskFull), "", "new", "old", gone, "new",
               "cannot be copied to ..\\conf\\backup\\queryconf.txt. Error is [112]"},
              {"the disk is full", "Own", own, Failing(&Files::FlushFileBuffers, diskFull), "", "live", "live", waits,
@@ -116,7 +116,7 @@ TEST_F(ConfigReload, TheFilesAndTheTableAfterEachOutcome) {
 
 struct Killed {};
 
-/// The current operations, of which the n-th call ends the process as a kill does; a copy is half done by then.
+/// The current operations, whose n-th call ends the process like a kill; a copy is half done by then.
 Files KilledAtCall(int n) {
     const auto left = std::make_shared<int>(n);
     Files files = platform::Files();
@@ -140,7 +140,7 @@ Files KilledAtCall(int n) {
 }
 
 TEST_F(ConfigReload, AKillAtAnyCallLeavesWholePlansAndTheNextReloadFinishes) {
-    logState.gv_logLevel = 0;  // the log's own file is not the one to die in
+    logState.gv_logLevel = 0;  // the calls for the log do not count
     int call = 1;
     for (bool killed = true; killed; ++call) {
         SCOPED_TRACE(call);

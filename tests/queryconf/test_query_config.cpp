@@ -1,4 +1,4 @@
-// Which plan stands after loading: own and slave files, backups, reloads, and files that are not what they should be.
+// Which plan is there after loading: own and slave files, backups, reloads, and files that are not what they should be.
 #include <regex>
 
 #include "foundation/open_file.h"
@@ -22,7 +22,7 @@ class QueryConfig : public PlanTest {
     }
     static void WriteWide(const fs::path& path, std::string_view text) { Write(path, WideBytes(text)); }
 
-    /// The plan's JSON text, its keys from the last to the first; workflows of WritePlan stand there by name only.
+    /// The plan's JSON text, its keys from the last to the first; for workflows of WritePlan only their names.
     static std::string Plan() {
         static const std::regex workflow(
             R"re(\{ "recordSetName": \[ \], "interval": 5, "order": \d, "wfname": ("\w+") \})re");
@@ -30,7 +30,7 @@ class QueryConfig : public PlanTest {
         return std::regex_replace(platform::Utf8FromWide(HashToJSONString(agentState.gv_queryConfHash)), workflow,
                                   "$1");
     }
-    /// The names of the scheduled workflows, one after the other.
+    /// The names of the scheduled workflows in order.
     static std::string Scheduled() {
         std::string names;
         for (const VectorElement* each = agentState.gv_sortVec->head; each; each = each->next)
@@ -61,7 +61,7 @@ TEST_F(QueryConfig, AMasterTakesItsSlavesFilesAfterItsOwnAndAReloadReplacesOneKe
     EXPECT_EQ(Plan(), R"({ "WorkFlows_T": [ "d" ], "WorkFlows_S": [ "c" ], "WorkFlows": [ "a", "b" ] })");
     EXPECT_EQ(agentState.gv_loadqueryconf, 1);
     EXPECT_EQ(Scheduled(), "abcd");
-    EXPECT_EQ(Logged("slave s differs from another in case only and is passed over"), caseCounts);
+    EXPECT_EQ(Logged("slave s differs from another only in case and is passed over"), caseCounts);
 
     const Vector* own = GetHashVector(agentState.gv_queryConfHash, u"WorkFlows");
     WritePlan(SlaveFile("S"), "WorkFlows_s", {"e", "f"});

@@ -79,7 +79,7 @@ TEST_F(Scheduler, HundredsOfReloadsWhileCollectingAreSafe) {
         process = 1;
         return platform::error::success;
     };
-    processes.WaitForSingleObject = [&](auto...) {  // a script lasts until a reload wants its thread to be done
+    processes.WaitForSingleObject = [&](auto...) {  // a script lasts until a reload waits for it
         while (!reloading && !stop) rest();
         return platform::error::success;
     };
