@@ -16,19 +16,19 @@ namespace kv {
 
 namespace {
 
-/// A character takes one or two bytes in most documents, and in UTF-16 always two.
+/// A character takes one or two bytes in most documents, in UTF-16 always two. A mark takes two more.
 constexpr std::uint64_t largestFile = 2 * std::uint64_t{largestJsonDocument} + 2;
 
 constexpr const char* tooLarge = "the document is larger than 35 million characters";
 
-/// How many 16-bit units a UTF-8 text becomes.
+/// How many 16-bit units a UTF-8 text gives.
 std::size_t UnitsOfUtf8(std::string_view bytes) {
     const auto units = [](char byte) { return ((byte & 0xC0) == 0x80 ? 0 : 1) + ((byte & 0xF8) == 0xF0 ? 1 : 0); };
     return std::transform_reduce(bytes.begin(), bytes.end(), std::size_t{0}, std::plus<>(), units);
 }
 
-/// The text of a file's bytes; false, with the reason, when they are in no form that is read.
-bool TextOfFile(std::string_view bytes, std::u16string& text, std::string& reason) {
+/// The text of a file's bytes; false, with the reason, when their encoding is not read.
+bool DecodeFile(std::string_view bytes, std::u16string& text, std::string& reason) {
     using namespace std::string_view_literals;
     if (bytes.starts_with("\xFF\xFE"sv)) {
         text = TextFromUtf16LittleEndian(bytes.substr(2));
@@ -61,7 +61,7 @@ JsonReadResult FileFailure(std::string message, platform::Error error = platform
     return {.ok = false, .message = std::move(message), .fileError = error};
 }
 
-void EndLinesInLineFeeds(std::u16string& text) {
+void FoldLineEnds(std::u16string& text) {
     std::size_t kept = 0;
     for (std::size_t at = 0; at < text.size(); ++at) {
         const bool isPairsFirst = text[at] == u'\r' && at + 1 < text.size() && text[at + 1] == u'\n';
@@ -70,12 +70,12 @@ void EndLinesInLineFeeds(std::u16string& text) {
     text.resize(kept);
 }
 
-JsonReadResult DocumentOfFile(HashTable* table, const std::string& name, std::string bytes) {
+JsonReadResult ReadDocument(HashTable* table, const std::string& name, std::string bytes) {
     std::u16string text;
     std::string reason;
-    if (!TextOfFile(bytes, text, reason)) return FileFailure(name + ": " + reason);
+    if (!DecodeFile(bytes, text, reason)) return FileFailure(name + ": " + reason);
     bytes = {};
-    EndLinesInLineFeeds(text);
+    FoldLineEnds(text);
     JsonReadResult result = JSONTextToHash(table, text);
     if (!result.message.empty()) result.message = name + ": " + result.message;
     return result;
@@ -97,7 +97,7 @@ JsonReadResult JSONFileToHash(HashTable* table, std::u16string_view fileName) {
     }
     const std::size_t size = bytes.size();
     try {
-        JsonReadResult result = DocumentOfFile(table, name, std::move(bytes));
+        JsonReadResult result = ReadDocument(table, name, std::move(bytes));
         platform::ReleaseFreeMemoryAfter(size);
         return result;
     } catch (const std::bad_alloc&) {

@@ -20,15 +20,15 @@ namespace {
 
 constexpr std::size_t nestingLimit = 32;
 
-/// json-c counts bytes in an int, and no unit becomes more than 5 bytes on the way to it.
+/// json-c counts bytes in an int, and a document has at most 5 for each unit on its way there: ten for an empty text.
 static_assert(largestJsonDocument < std::numeric_limits<int>::max() / 5);
 
-/// An empty object costs a kilobyte on its way in, another value a fifth of that. A plan of 10,000 workflows meets the
-/// one seven times over, the other eleven times.
+/// An empty object costs a kilobyte on its way in, another value a fifth of that. A plan of 10,000 workflows has a
+/// seventh of the one and an eleventh of the other.
 constexpr std::size_t mostOpeningBrackets = 250'000;
 constexpr std::size_t mostCommas = 1'200'000;
 
-/// Far more than anything that is read has. The removal of a key still searches a table from its first one.
+/// Far more than anything that is read has. Removing a key still searches a table from its first one.
 constexpr std::size_t mostMembersOfAnObject = 10'000;
 
 struct JsonObjectDeleter {
@@ -44,7 +44,7 @@ using JsonTokenerPtr = std::unique_ptr<json_tokener, JsonTokenerDeleter>;
 struct JsonMember {
     std::string_view key;       // narrow
     json_object* value;         // null for JSON's null
-    bool isGivenAgain = false;  // the key comes once more behind this member
+    bool isGivenAgain = false;  // another member behind this one has the same key
 };
 
 void JSONObjectToHash(HashTable* table, json_object* object);
@@ -61,7 +61,7 @@ struct StoredValue {
 };
 
 /// The low 32 bits.
-Word WordOf(std::int64_t integer) { return static_cast<std::uint32_t>(integer); }
+Word LowWord(std::int64_t integer) { return static_cast<std::uint32_t>(integer); }
 
 std::int32_t CutToInteger(double number) {
     if (std::isnan(number)) return 0;
@@ -75,7 +75,7 @@ void StoreInteger(StoredValue& stored, json_object* value) {
     const bool fits = std::in_range<std::int32_t>(integer);
     stored.type = fits ? ValueType::integer : ValueType::other;
     // Above the signed range only the unsigned reading still has the low bits.
-    stored.value = WordOf(integer < 0 ? integer : static_cast<std::int64_t>(json_object_get_uint64(value)));
+    stored.value = LowWord(integer < 0 ? integer : static_cast<std::int64_t>(json_object_get_uint64(value)));
 }
 
 void StoreText(StoredValue& stored, json_object* value) {
@@ -101,7 +101,7 @@ void StoreObject(StoredValue& stored, json_object* value) {
     stored.type = ValueType::table;
 }
 
-/// Fills in a value; one of type none is not to be stored.
+/// Fills in a value; one of type none is not stored.
 void StoreValue(StoredValue& stored, json_object* value) {
     switch (json_object_get_type(value)) {
         case json_type_null:
@@ -112,7 +112,7 @@ void StoreValue(StoredValue& stored, json_object* value) {
             break;
         case json_type_double:
             stored.type = ValueType::number;
-            stored.value = WordOf(CutToInteger(json_object_get_double(value)));
+            stored.value = LowWord(CutToInteger(json_object_get_double(value)));
             break;
         case json_type_int:
             StoreInteger(stored, value);
@@ -129,7 +129,7 @@ void StoreValue(StoredValue& stored, json_object* value) {
     }
 }
 
-/// Marks all members of equal keys but the last.
+/// Marks all members but the last of those with equal keys.
 void MarkRepeated(std::vector<JsonMember>& members) {
     std::vector<std::pair<std::string_view, JsonMember*>> byKey;
     byKey.reserve(members.size());
@@ -140,7 +140,7 @@ void MarkRepeated(std::vector<JsonMember>& members) {
 }
 
 /// The members in document order. json-c sees no two equal keys, so none is missing.
-std::vector<JsonMember> MembersOf(json_object* object) {
+std::vector<JsonMember> MembersInOrder(json_object* object) {
     std::vector<JsonMember> members;
     members.reserve(static_cast<std::size_t>(json_object_object_length(object)));
     const json_object_iterator end = json_object_iter_end(object);
@@ -172,7 +172,7 @@ void AppendStored(Vector* vector, StoredValue&& stored) {
 
 void JSONObjectToHash(HashTable* table, json_object* object) {
     Log4("\t Inside JSONObjectToHash() \n");
-    for (const JsonMember& member : MembersOf(object)) {
+    for (const JsonMember& member : MembersInOrder(object)) {
         if (member.isGivenAgain) continue;
         StoredValue stored;
         StoreValue(stored, member.value);
@@ -190,7 +190,7 @@ void JSONArrayToVector(Vector* vector, json_object* array) {
     }
 }
 
-/// The objects and arrays around a place in a document, the outermost first, and what came before it.
+/// The objects and arrays around a place in a document, the outermost first, and counts of what came before it.
 struct OpenLevels {
     struct Level {
         bool isObject = false;
@@ -214,7 +214,7 @@ void CountUnit(OpenLevels& open, char16_t unit) {
     }
 }
 
-/// Why a document would make too much, or an empty text. What the parser refuses is left to the parser.
+/// Why a document would make too much; an empty text when it does not. What the parser refuses is left to the parser.
 std::string ExcessIn(std::u16string_view text) {
     OpenLevels open;
     for (std::size_t at = 0; at < text.size() && open.depth <= nestingLimit;) {
@@ -230,7 +230,7 @@ std::string ExcessIn(std::u16string_view text) {
     return {};
 }
 
-const char* WordsOf(json_tokener_error error) {
+const char* ParserWords(json_tokener_error error) {
     return error == json_tokener_error_depth ? "nesting to deep" : json_tokener_error_desc(error);
 }
 
@@ -242,7 +242,7 @@ std::string Place(std::u16string_view text, std::size_t narrowOffset) {
 
 JsonReadResult Failure(std::string message) { return {.ok = false, .message = std::move(message)}; }
 
-/// A message about what follows the document's end, or an empty one when only blanks do.
+/// A message about what follows the document's end; an empty one when only blanks do.
 std::string TextBehindTheEnd(std::u16string_view text, std::string_view narrow, std::size_t end) {
     const std::size_t rest = narrow.find_first_not_of(std::string_view(" \t\r\n\f\v\0", 7), end);
     return rest == std::string_view::npos ? std::string()
@@ -278,7 +278,7 @@ JsonReadResult JSONTextToHash(HashTable* table, std::u16string_view text) {
     const JsonObjectPtr top(json_tokener_parse_ex(tokener.get(), narrow.c_str(), static_cast<int>(narrow.size()) + 1));
     const std::size_t end = json_tokener_get_parse_end(tokener.get());
     const json_tokener_error error = json_tokener_get_error(tokener.get());
-    if (error != json_tokener_success) return Failure(std::string(WordsOf(error)) + " " + Place(text, end));
+    if (error != json_tokener_success) return Failure(std::string(ParserWords(error)) + " " + Place(text, end));
     if (json_object_get_type(top.get()) != json_type_object) return Failure("the top level is not an object");
     JSONObjectToHash(table, top.get());
     return {.ok = true, .message = TextBehindTheEnd(text, narrow, end)};

@@ -28,8 +28,8 @@ void ForEachEntry(const HashTable* table, Visit visit) {
 void HashToJSONObject(JsonWriter& writer, const HashTable* table);
 void VectorToJSONArray(JsonWriter& writer, const Vector* vector);
 
-/// Whether a unit ends a stretch that is copied as it stands: what is escaped, and the zero at the end. The slash needs
-/// no escape in JSON; readers of these texts expect one.
+/// The units that end a stretch that is copied as it stands: those that are escaped, and the zero at the end. JSON
+/// needs no escape for the slash; readers of these texts expect one.
 constexpr std::array<bool, 128> MakeStops() {
     std::array<bool, 128> stops{};
     for (std::size_t unit = 0; unit < 0x20; ++unit) stops[unit] = true;
@@ -43,7 +43,8 @@ const char16_t* EndOfPlainStretch(const char16_t* text) {
     return text;
 }
 
-/// The length of a value's text without its escapes, so that a long text is not moved as it grows.
+/// About how long a value's text is without escapes. The room is reserved, so that a long text is not moved as it
+/// grows.
 std::size_t RoughLength(Word value, ValueType type) {
     constexpr std::size_t scalarLength = 12;
     constexpr std::size_t frameLength = 4;  // brackets or marks, comma and blanks

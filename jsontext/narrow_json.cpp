@@ -8,7 +8,7 @@ namespace kv {
 
 namespace {
 
-constexpr std::size_t countLength = 8;  // of the digits ahead of each text
+constexpr std::size_t countLength = 8;  // digits ahead of each text
 constexpr std::string_view hexDigits = "0123456789abcdef";
 
 /// A rewriting in progress.
@@ -16,7 +16,7 @@ struct Rewriting {
     std::u16string_view document;
     std::size_t position = 0;  // of the next unit to rewrite
     std::string narrow;
-    char16_t quote = 0;  // that ends the text at hand; 0 outside texts
+    char16_t quote = 0;  // ends the text at hand; 0 outside texts
     std::uint32_t texts = 0;
 };
 
@@ -33,14 +33,14 @@ void AppendUnit(std::string& narrow, std::uint32_t unit) {
     }
 }
 
-/// Whether a unit becomes the one byte of its number, and what follows it is rewritten as before.
+/// Whether a unit becomes the one byte of its number and changes nothing for what follows.
 bool IsPlain(const Rewriting& rewriting, char16_t unit) {
     if (unit >= 0x80) return false;
     return rewriting.quote != 0 ? unit != rewriting.quote && unit != u'\\'
                                 : unit != u'"' && unit != u'\'' && unit != u'/';
 }
 
-/// Most of a document is plain, and goes over in long runs.
+/// Rewrites a run of plain units. Most of a document is plain.
 void RewritePlainRun(Rewriting& rewriting) {
     const std::u16string_view document = rewriting.document;
     const std::size_t start = rewriting.position;
@@ -57,7 +57,7 @@ void AppendTextCount(std::string& narrow, std::uint32_t count) {
     for (std::size_t digit = countLength; digit-- > 0;) narrow += hexDigits[count >> (4 * digit) & 0xF];
 }
 
-/// The value of a hexadecimal digit, or 16.
+/// The value of a hexadecimal digit; 16 for any other unit.
 std::uint32_t DigitValue(char16_t unit) {
     if (unit >= u'0' && unit <= u'9') return unit - std::uint32_t{u'0'};
     const std::uint32_t lower = unit | 0x20U;
@@ -91,7 +91,7 @@ void RewriteEscape(Rewriting& rewriting) {
     rewriting.position += rest.size() < 2 ? rest.size() : 2;
 }
 
-/// 0 for what is not a comment, or one without an end.
+/// The length of the comment at the start, in units; 0 when there is none, or it has no end.
 std::size_t LengthOfComment(std::u16string_view rest) {
     const bool block = rest.starts_with(u"/*");
     if (!block && !rest.starts_with(u"//")) return 0;
@@ -100,8 +100,8 @@ std::size_t LengthOfComment(std::u16string_view rest) {
     return end + (block ? 2 : 1);
 }
 
-/// json-c does not see the end of a comment such as "/***/", so comments are taken out here. One that has no end stays,
-/// for json-c to refuse.
+/// json-c does not see the end of a comment such as "/***/", so comments are taken out here. One without an end stays,
+/// and json-c refuses it.
 bool SkipComment(Rewriting& rewriting) {
     const std::size_t length = LengthOfComment(rewriting.document.substr(rewriting.position));
     if (length == 0) return false;

@@ -1,4 +1,4 @@
-// JSON text: what is read, what is refused and in which words, and how it is written.
+// JSON text: what is read, what is refused and with which words, and how it is written.
 #include <memory>
 
 #include "foundation/file_utils.h"
@@ -107,7 +107,7 @@ TEST_F(Json, RefusesInTheParsersWords) {
     }
     EXPECT_TRUE(Reread(nested(31)).starts_with("{ \"a\": [ [ "));
     constexpr std::size_t tooLong = largestJsonDocument + 1;
-    EXPECT_EQ(Reread({std::make_unique_for_overwrite<char16_t[]>(tooLong).get(), tooLong}),  // not one is looked at
+    EXPECT_EQ(Reread({std::make_unique_for_overwrite<char16_t[]>(tooLong).get(), tooLong}),  // no unit is looked at
               "the document is larger than 35 million characters");
     huge.resize(huge.size() - std::u16string_view(u"/*,*/\"a,\":[1,2],").size());
     EXPECT_EQ(Reread(huge.substr(0, huge.size() - 1) + u"}}"), R"({ "a": { "a,": [ 1, 2 ] } })");
