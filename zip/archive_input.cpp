@@ -58,7 +58,7 @@ ZipResult ViewArchive(const ArchiveInput& input, ArchiveWindow& window, std::uin
     if (offset < window.start || offset + atLeast > window.start + window.used) {
         const Error result = Refill(input.file, window, offset);
         if (result != error::success) return Failure(result, zip_result::readFailed);
-        if (window.used < atLeast) return zip_result::readFailed;  // it has shrunk
+        if (window.used < atLeast) return zip_result::readFailed;  // the file has become shorter
     }
     bytes = std::span(window.buffer).first(window.used).subspan(static_cast<std::size_t>(offset - window.start));
     return zip_result::ok;

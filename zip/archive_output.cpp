@@ -10,7 +10,7 @@ namespace kv {
 namespace {
 
 constexpr std::size_t bufferSize = 65536;
-constexpr std::size_t roomForEntry = bufferSize / 2;  // what is free for a new one at least
+constexpr std::size_t roomForEntry = bufferSize / 2;  // at least this much is free for a new one
 
 ZipResult WriteResult(platform::Error error) {
     if (error == platform::error::success) return zip_result::ok;

@@ -18,7 +18,7 @@ bool IsStored(const ItemStream& stream) {
 
 bool IsEncrypted(const ItemStream& stream) { return (stream.header.flags & flagEncrypted) != 0; }
 
-/// Decrypts the next bytes where all that were decrypted have been taken.
+/// Decrypts the next bytes once all those that were decrypted have been taken.
 ZipResult DecryptMore(ItemStream& stream) {
     if (stream.pending > 0 || stream.inputLeft == 0) return zip_result::ok;
     Bytes bytes;
@@ -33,7 +33,7 @@ ZipResult DecryptMore(ItemStream& stream) {
     return zip_result::ok;
 }
 
-/// Shows the next bytes of the item's data; none at its end.
+/// Shows the next bytes of the item's data; no bytes at its end.
 ZipResult ViewInput(ItemStream& stream, Bytes& bytes) {
     if (IsEncrypted(stream)) {
         const ZipResult result = DecryptMore(stream);
@@ -80,8 +80,8 @@ ZipResult InflateSome(ItemStream& stream, std::span<std::uint8_t> buffer, std::s
     zlib.avail_in = input;
     zlib.next_out = buffer.data();
     zlib.avail_out = output;
-    // With Z_FINISH an item that fits into the buffer is not copied into a window first; for any other the code is that
-    // of a buffer too small.
+    // With Z_FINISH an item that fits into the buffer is not copied into a window first; for any other the code says
+    // that the buffer is too small.
     const int code = inflate(&zlib, Z_FINISH);
     if (code == Z_MEM_ERROR) return zip_result::noMemory;
     if (code != Z_BUF_ERROR && code != Z_STREAM_END) return zip_result::flateFailed;
@@ -92,7 +92,7 @@ ZipResult InflateSome(ItemStream& stream, std::span<std::uint8_t> buffer, std::s
     return zip_result::ok;
 }
 
-/// Fills `wanted` bytes of the buffer, which the item still has. Behind them inflate may show that it has more.
+/// Fills `wanted` bytes of the buffer, which the item still has. inflate may go further and show that it has more.
 ZipResult Fill(ItemStream& stream, std::span<std::uint8_t> buffer, std::size_t wanted, std::size_t& count) {
     while (count < wanted) {
         if (stream.inflater.ended) return zip_result::flateFailed;
@@ -105,7 +105,7 @@ ZipResult Fill(ItemStream& stream, std::span<std::uint8_t> buffer, std::size_t w
     return count == wanted ? zip_result::ok : zip_result::flateFailed;
 }
 
-/// All bytes have been given: the data must end here too, and be what the headers say.
+/// All bytes have been given: the data must end here, too, and be what the headers say.
 ZipResult CheckEnd(ItemStream& stream) {
     while (!IsStored(stream) && !stream.inflater.ended) {
         std::uint8_t tooMuch = 0;
@@ -125,7 +125,7 @@ bool StartInflater(Inflater& inflater) {
     return inflater.made;
 }
 
-/// Takes the header in front of the data, whose last byte is one that the local header has too.
+/// Takes the header in front of the data, whose last byte also stands in the local header.
 ZipResult StartDecryption(ItemStream& stream, const ZipHeader& local, const std::optional<std::string>& password) {
     std::uint8_t check = 0;
     if (stream.inputLeft < cipherHeaderSize) return zip_result::corrupt;

@@ -9,7 +9,7 @@ namespace kv {
 
 namespace {
 
-/// What an item takes on the disk at the least, beside its content: a block for each directory and one for itself.
+/// What an item takes on the disk at least, beside its content: a block for each directory and one for itself.
 std::uint64_t OwnBlocks(const ZipItem& item) {
     constexpr std::uint64_t blockSize = 4096;
     const auto isSeparator = [](char16_t unit) { return unit == u'/' || unit == u'\\'; };
@@ -17,7 +17,7 @@ std::uint64_t OwnBlocks(const ZipItem& item) {
     return blockSize * (1 + static_cast<std::uint64_t>(separators));
 }
 
-/// Unpacks one item; `unpacked` counts what the items so far have taken or announced.
+/// Unpacks one item. `unpacked` counts what the items so far have taken or announced.
 ZipResult UnpackNext(ZipHandle zip, std::int32_t index, ZipItem& item, std::uint64_t& unpacked) {
     const ZipResult result = GetZipItem(zip, index, item);
     if (result != zip_result::ok) return result;

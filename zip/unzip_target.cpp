@@ -28,13 +28,13 @@ ZipResult ForEachDirectory(std::u16string_view path, const Use& use) {
     return zip_result::ok;
 }
 
-/// failure is the C error number of the last try.
+/// failure is the C error number of the last attempt.
 ZipResult CannotMake(std::u16string_view path, int failure) {
     Log1("\t UnzipItem :: The directory [%s] cannot be made. errno is [%d]\n", path, failure);
     return zip_result::noFile;
 }
 
-/// A directory below the base that is there or gets made.
+/// Makes a directory below the base unless it is there.
 ZipResult EnterDirectory(std::u16string_view path) {
     std::uint32_t attributes = 0;
     if (Files().GetFileAttributesW(path, attributes) != error::success) {
@@ -57,7 +57,7 @@ Error CreateNew(std::u16string_view path, OpenFile& file) {
                      platform::FileDisposition::createNew);
 }
 
-/// Deletes a file, or a link and not what it leads to.
+/// Deletes a file, or a link but not what it leads to.
 Error DeleteOld(std::u16string_view path) {
     std::uint32_t attributes = 0;
     const Error result = Files().GetFileAttributesW(path, attributes);

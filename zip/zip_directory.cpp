@@ -21,7 +21,7 @@ ZipResult Refuse(const char* reason) {
     return zip_result::corrupt;
 }
 
-/// The end record nearest to the end of the archive whose comment is whole.
+/// Finds the end record that is nearest to the end of the archive and whose comment is whole.
 ZipResult FindEndRecord(const ArchiveInput& input, ArchiveWindow& window, std::uint64_t& offset, ZipEndRecord& end) {
     const std::size_t size =
         static_cast<std::size_t>(std::min<std::uint64_t>(input.size, endRecordSize + maxCommentSize));
@@ -65,12 +65,12 @@ ZipResult ViewCentralHeader(const ArchiveInput& input, ArchiveWindow& window, st
     return ParseCentralHeader(bytes.first<centralHeaderSize>(), central) ? zip_result::ok : zip_result::corrupt;
 }
 
-std::uint64_t SizeOf(const ZipCentralHeader& central) {
+std::uint64_t CentralRecordSize(const ZipCentralHeader& central) {
     return std::uint64_t{centralHeaderSize} + central.header.nameLength + central.header.extraLength +
            central.commentLength;
 }
 
-/// Passes over the headers, which must fill the directory exactly.
+/// Walks over the headers, which must fill the directory exactly.
 ZipResult IndexEntries(const ArchiveInput& input, ArchiveWindow& window, const ZipDirectory& from,
                        ZipDirectoryIndex& directory) {
     std::uint64_t at = 0;
@@ -82,7 +82,7 @@ ZipResult IndexEntries(const ArchiveInput& input, ArchiveWindow& window, const Z
         if (central.disk != 0) return Refuse("Archives on several disks are not read");
         directory.centralOffsets.push_back(static_cast<std::uint32_t>(at));
         directory.localOffsets.push_back(central.localHeaderOffset);
-        at += SizeOf(central);
+        at += CentralRecordSize(central);
         if (at > from.size) break;
     }
     if (at != from.size) return Refuse("The central directory is not as long as the archive says");
@@ -90,9 +90,9 @@ ZipResult IndexEntries(const ArchiveInput& input, ArchiveWindow& window, const Z
     return zip_result::ok;
 }
 
-/// Where the room of an entry ends: at the next local header, at the directory for the last one. Where two entries
-/// claim the same header there is no room for either.
-std::uint64_t LimitOf(const ZipDirectoryIndex& directory, std::uint32_t localOffset) {
+/// Where the room of an entry ends: at the next local header, or for the last one at the directory. Two entries that
+/// claim the same header have no room.
+std::uint64_t EntryEnd(const ZipDirectoryIndex& directory, std::uint32_t localOffset) {
     const auto own = std::lower_bound(directory.localOffsets.begin(), directory.localOffsets.end(), localOffset);
     const auto next = own + 1;
     return next == directory.localOffsets.end() ? directory.directoryStart : directory.archiveStart + *next;
@@ -102,7 +102,7 @@ bool Has64BitSizes(const ZipHeader& header) {
     return header.compressedSize == sizeElsewhere || header.uncompressedSize == sizeElsewhere;
 }
 
-/// Streaming writers put a 64-bit record into the local header before they know that the size is a small one.
+/// Streaming writers put a 64-bit record into the local header before they know that the size is small.
 bool IsSize(std::uint32_t local, std::uint32_t central) { return local == central || local == sizeElsewhere; }
 
 /// A header whose CRC and sizes follow the data may leave them out.
@@ -114,7 +114,7 @@ bool TellsTheSame(const ZipHeader& local, const ZipHeader& central) {
              IsSize(local.uncompressedSize, central.uncompressedSize)));
 }
 
-std::string_view TextOf(Bytes bytes) { return {reinterpret_cast<const char*>(bytes.data()), bytes.size()}; }
+std::string_view TextFromBytes(Bytes bytes) { return {reinterpret_cast<const char*>(bytes.data()), bytes.size()}; }
 
 }  // namespace
 
@@ -138,7 +138,7 @@ ZipResult ReadCentralEntry(const ArchiveInput& input, ArchiveWindow& window, con
     Bytes bytes;
     result = ViewArchive(input, window, offset + centralHeaderSize, header.nameLength, bytes);
     if (result != zip_result::ok) return result;
-    entry.name = TextOf(bytes.first(header.nameLength));
+    entry.name = TextFromBytes(bytes.first(header.nameLength));
     result = ViewArchive(input, window, offset + centralHeaderSize + header.nameLength, header.extraLength, bytes);
     if (result != zip_result::ok) return result;
     entry.times = {};
@@ -161,12 +161,12 @@ ZipResult ReadLocalEntry(const ArchiveInput& input, ArchiveWindow& window, const
     if (!TellsTheSame(local.header, central.header)) return zip_result::corrupt;
     const std::uint64_t extraOffset = offset + localHeaderSize + local.header.nameLength;
     local.dataOffset = extraOffset + local.header.extraLength;
-    if (local.dataOffset + central.header.compressedSize > LimitOf(directory, central.localHeaderOffset)) {
+    if (local.dataOffset + central.header.compressedSize > EntryEnd(directory, central.localHeaderOffset)) {
         return zip_result::corrupt;
     }
     result = ViewArchive(input, window, offset + localHeaderSize, local.header.nameLength, bytes);
     if (result != zip_result::ok) return result;
-    if (TextOf(bytes.first(local.header.nameLength)) != entry.name) return zip_result::corrupt;
+    if (TextFromBytes(bytes.first(local.header.nameLength)) != entry.name) return zip_result::corrupt;
     result = ViewArchive(input, window, extraOffset, local.header.extraLength, bytes);
     if (result != zip_result::ok) return result;
     local.times = {};

@@ -13,10 +13,10 @@ struct ZipHandleRecord {
     void* object;
 };
 
-/// An archive being written or read; freed by CloseZip or CloseUnzip. Null stands for no archive.
+/// An archive that is being written or read; CloseZip or CloseUnzip frees it. Null when there is no archive.
 using ZipHandle = ZipHandleRecord*;
 
-/// The object behind a handle of one kind, or null with the reason.
+/// The object behind a handle of one kind; null with the reason for a null handle or one of the other kind.
 template <class Object>
 Object* ObjectOf(ZipHandle zip, ZipKind kind, ZipResult& result) {
     result = zip == nullptr ? zip_result::badArguments : zip->kind != kind ? zip_result::wrongKind : zip_result::ok;

@@ -18,8 +18,8 @@ void SkipOne(std::u16string_view& name, char16_t separator) {
     SkipDrives(name);
 }
 
-/// A part that climbs out of its directory. What a name does not hold it will not hold further on either: without that
-/// a name of 65,535 slashes would take seconds.
+/// A part that climbs out of its directory. A text that a name does not hold is not looked for in the rest of the name:
+/// otherwise a name of 65,535 slashes would take seconds.
 struct Climb {
     std::u16string_view text;
     bool isGone = false;
@@ -39,7 +39,7 @@ std::u16string CleansedName(std::string_view utf8) {
     std::u16string_view name = whole;
     std::array<Climb, 4> climbs{{{u"\\..\\"}, {u"\\../"}, {u"/../"}, {u"/..\\"}}};
     std::size_t before = 0;
-    // At most one separator of each kind goes before the climbs are looked for, so that "\\..\\x" becomes "x".
+    // At most one separator of each kind is removed before the climbs are looked for, so that "\\..\\x" becomes "x".
     do {
         before = name.size();
         SkipDrives(name);

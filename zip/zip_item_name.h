@@ -6,9 +6,9 @@
 
 namespace kv {
 
-/// The name from an archive in wide text, up to a NUL, without drives and separators in front and without what stands
-/// before a part ".." in its midst. A name with ".." alone in front (such as "../x") stays as it is: where it leads is
-/// for the caller to judge (StaysBelowDirectory).
+/// A name from an archive as wide text: up to a NUL, without leading drives and separators, and without what stands
+/// before a part ".." in its midst. A name that begins with ".." (such as "../x") stays as it is: the caller judges
+/// where it leads (StaysBelowDirectory). May throw std::bad_alloc.
 std::u16string CleansedName(std::string_view utf8);
 
 }  // namespace kv

@@ -23,12 +23,12 @@ namespace kv {
 
 namespace {
 
-constexpr std::int32_t none = -1;
+constexpr std::int32_t noIndex = -1;
 constexpr std::size_t readSize = 16384;  // bytes unpacked at a time
 
-/// What is known of the item that was asked for last.
+/// What is known of the item that was last asked for.
 struct KnownItem {
-    std::int32_t index = none;
+    std::int32_t index = noIndex;
     ZipCentralEntry entry;
     ZipLocalEntry local;
     ZipResult localResult = zip_result::ok;
@@ -41,9 +41,9 @@ struct ZipReader {
     ZipDirectoryIndex directory;
     std::optional<std::string> password;
     std::u16string base;      // with a separator behind it
-    bool baseExists = false;  // has been seen to
+    bool baseExists = false;  // has been checked or made
     KnownItem known;
-    std::int32_t openIndex = none;  // of the item that the stream is in
+    std::int32_t openIndex = noIndex;  // of the item that the stream is in
     ItemStream stream;
     std::unique_ptr<std::array<std::uint8_t, readSize>> buffer;  // made at first use
 };
@@ -55,7 +55,7 @@ ZipResult Remember(ZipResult result) {
     return result;
 }
 
-/// The reader behind a handle, or null with the reason.
+/// The reader behind a handle; null with the reason when there is none.
 ZipReader* ReaderOf(ZipHandle zip, ZipResult& result) { return ObjectOf<ZipReader>(zip, ZipKind::reader, result); }
 
 /// Runs the steps of a public routine on the reader behind a handle.
@@ -72,7 +72,7 @@ ZipResult WithReader(ZipHandle zip, const Steps& steps) {
     return Remember(result);
 }
 
-std::int32_t CountOf(const ZipReader& reader) {
+std::int32_t ItemCount(const ZipReader& reader) {
     return static_cast<std::int32_t>(reader.directory.centralOffsets.size());
 }
 
@@ -104,12 +104,13 @@ ZipHandle OpenArchive(const char* password, const Open& open) {
     }
 }
 
-/// Makes an item the known one. What its local header says is kept beside, since the directory alone describes it too.
+/// Makes an item the known one. Whether its local header can be read is noted beside it: the directory alone describes
+/// it.
 ZipResult GetToKnow(ZipReader& reader, std::int32_t index) {
     KnownItem& known = reader.known;
     if (index == known.index) return zip_result::ok;
-    if (index < 0 || index >= CountOf(reader)) return zip_result::badArguments;
-    known.index = none;
+    if (index < 0 || index >= ItemCount(reader)) return zip_result::badArguments;
+    known.index = noIndex;
     ZipResult result = ReadCentralEntry(reader.input, reader.directoryWindow, reader.directory,
                                         static_cast<std::size_t>(index), known.entry);
     if (result != zip_result::ok) return result;
@@ -123,7 +124,7 @@ ZipResult GetToKnow(ZipReader& reader, std::int32_t index) {
 
 /// Closes the item left open and opens another.
 ZipResult OpenItem(ZipReader& reader, std::int32_t index) {
-    reader.openIndex = none;
+    reader.openIndex = noIndex;
     ZipResult result = GetToKnow(reader, index);
     if (result == zip_result::ok) result = reader.known.localResult;
     if (result == zip_result::ok) {
@@ -136,7 +137,7 @@ ZipResult OpenItem(ZipReader& reader, std::int32_t index) {
 /// Unpacks the open item to a file, and closes it.
 ZipResult WriteItem(ZipReader& reader, platform::FileHandle file) {
     if (reader.buffer == nullptr) reader.buffer = std::make_unique<std::array<std::uint8_t, readSize>>();
-    reader.openIndex = none;
+    reader.openIndex = noIndex;
     do {
         std::size_t count = 0;
         if (const ZipResult result = ReadItem(reader.stream, *reader.buffer, count); result != zip_result::ok) {
@@ -179,8 +180,8 @@ bool IsDirectoryItem(const ZipItem& item, std::u16string_view path) {
 }
 
 ZipResult Unpack(ZipReader& reader, std::int32_t index, std::u16string_view path) {
-    reader.openIndex = none;
-    if (index >= CountOf(reader)) return zip_result::ok;
+    reader.openIndex = noIndex;
+    if (index >= ItemCount(reader)) return zip_result::ok;
     if (const ZipResult result = GetToKnow(reader, index); result != zip_result::ok) return result;
     const bool isAbsolute = IsAbsoluteTarget(path);
     if (!isAbsolute && !StaysBelowDirectory(path)) {
@@ -192,16 +193,16 @@ ZipResult Unpack(ZipReader& reader, std::int32_t index, std::u16string_view path
 }
 
 ZipResult UnpackToHandle(ZipReader& reader, std::int32_t index, platform::FileHandle file) {
-    reader.openIndex = none;
-    if (index >= CountOf(reader)) return zip_result::ok;
+    reader.openIndex = noIndex;
+    if (index >= ItemCount(reader)) return zip_result::ok;
     if (file == 0) return zip_result::badArguments;
     const ZipResult result = OpenItem(reader, index);
     return result == zip_result::ok ? WriteItem(reader, file) : result;
 }
 
 ZipResult UnpackToMemory(ZipReader& reader, std::int32_t index, std::span<std::uint8_t> block) {
-    if (index >= CountOf(reader)) {
-        reader.openIndex = none;
+    if (index >= ItemCount(reader)) {
+        reader.openIndex = noIndex;
         return zip_result::ok;
     }
     if (index != reader.openIndex || index < 0) {
@@ -211,7 +212,7 @@ ZipResult UnpackToMemory(ZipReader& reader, std::int32_t index, std::span<std::u
     std::size_t count = 0;
     const ZipResult result = ReadItem(reader.stream, block.first(size), count);
     if (result == zip_result::ok && reader.stream.outputLeft > 0) return zip_result::moreData;
-    reader.openIndex = none;
+    reader.openIndex = noIndex;
     return result;
 }
 
@@ -222,7 +223,7 @@ bool HasName(const ZipCentralEntry& entry, std::u16string_view name, bool ignore
 
 ZipResult Find(ZipReader& reader, std::u16string_view name, bool ignoreCase, std::int32_t& index) {
     ZipCentralEntry entry;
-    for (std::int32_t i = 0; i < CountOf(reader); ++i) {
+    for (std::int32_t i = 0; i < ItemCount(reader); ++i) {
         const ZipResult result = ReadCentralEntry(reader.input, reader.directoryWindow, reader.directory,
                                                   static_cast<std::size_t>(i), entry);
         if (result != zip_result::ok) return result;
@@ -268,8 +269,8 @@ ZipResult GetZipItem(ZipHandle zip, std::int32_t index, ZipItem& item) {
     Log4("\t Inside GetZipItem() \n");
     item = {};
     return WithReader(zip, [&](ZipReader& reader) {
-        if (index == none) {
-            item.index = CountOf(reader);
+        if (index == noIndex) {
+            item.index = ItemCount(reader);
             return zip_result::ok;
         }
         const ZipResult result = GetToKnow(reader, index);
@@ -280,10 +281,10 @@ ZipResult GetZipItem(ZipHandle zip, std::int32_t index, ZipItem& item) {
 
 ZipResult FindZipItem(ZipHandle zip, std::u16string_view name, bool ignoreCase, std::int32_t& index, ZipItem& item) {
     Log4("\t Inside FindZipItem() \n");
-    index = none;
+    index = noIndex;
     item = {};
     return WithReader(zip, [&](ZipReader& reader) {
-        std::int32_t found = none;
+        std::int32_t found = noIndex;
         ZipResult result = Find(reader, name, ignoreCase, found);
         if (result == zip_result::ok) result = GetToKnow(reader, found);
         if (result != zip_result::ok) return result;

@@ -24,7 +24,7 @@ constexpr U16 versionMadeBy = 0x0B17;
 constexpr U16 extendedTime = 0x5455;  // "UT"
 constexpr U8 allThreeTimes = 7;
 
-/// The fields one behind the other, each as wide as its type; that they fill the record is checked when compiling.
+/// The fields one behind the other, each as wide as its type. The compiler checks that they fill the record.
 template <std::size_t size, std::unsigned_integral... Fields>
 constexpr std::array<U8, size> Record(Fields... fields) {
     static_assert((sizeof(Fields) + ...) == size);
@@ -37,7 +37,7 @@ constexpr std::array<U8, size> Record(Fields... fields) {
     return bytes;
 }
 
-/// Takes a field from the front of the bytes, which hold it.
+/// Takes a field from the front of the bytes, which must hold it.
 template <std::unsigned_integral Field>
 Field Take(std::span<const U8>& bytes) {
     std::uint64_t field = 0;
@@ -46,7 +46,7 @@ Field Take(std::span<const U8>& bytes) {
     return static_cast<Field>(field);
 }
 
-/// The other way round than Record.
+/// The opposite of Record.
 template <std::size_t size, std::unsigned_integral... Fields>
 void Split(std::span<const U8, size> record, Fields&... fields) {
     static_assert((sizeof(Fields) + ...) == size);
@@ -199,7 +199,7 @@ bool IsEnd64Locator(std::span<const U8, end64LocatorSize> bytes) {
 
 namespace {
 
-/// The content of a "UT" field: flags, then the times that they announce.
+/// Reads the content of a "UT" field: flags, then the times that they announce.
 void ParseTimes(std::span<const U8> field, ZipTimes& times) {
     if (field.empty()) return;
     const U8 flags = Take<U8>(field);
@@ -207,7 +207,7 @@ void ParseTimes(std::span<const U8> field, ZipTimes& times) {
     for (unsigned bit = 0; bit < std::size(all); ++bit) {
         if ((flags >> bit & 1) == 0) continue;
         if (field.size() < sizeof(U32)) return;
-        // Without a sign, so that the low half of a time after 2038 stays what it was.
+        // Unsigned, so that the low half of a time after 2038 stays what it was.
         *all[bit] = ticksTo1970 + std::uint64_t{Take<U32>(field)} * ticksPerSecond;
     }
 }

@@ -20,10 +20,10 @@ inline constexpr std::size_t centralExtraSize = 9;
 inline constexpr std::size_t dataDescriptorSize = 16;
 inline constexpr std::size_t endRecordSize = 22;
 
-/// An entry's name has at most so many bytes.
+/// The longest name of an entry, in bytes.
 inline constexpr std::size_t maxNameSize = 260;
 
-/// Number of entries that the end record can count.
+/// The most entries that the end record can count.
 inline constexpr std::size_t maxEntries = 0xFFFF;
 
 /// Sizes and offsets in an archive are 32 bits wide.
@@ -34,10 +34,10 @@ enum class ZipMethod : std::uint16_t { stored = 0, deflated = 8 };
 /// Flag bit 0: the data is encrypted.
 inline constexpr std::uint16_t flagEncrypted = 1;
 
-/// Flag bit 3: CRC and sizes are not in the local header but behind the data.
+/// Flag bit 3: CRC and sizes stand behind the data and not in the local header.
 inline constexpr std::uint16_t flagDataDescriptor = 8;
 
-/// Flag bits 6 and 13: encrypted in another way than the traditional one.
+/// Flag bits 6 and 13: not the traditional encryption.
 inline constexpr std::uint16_t flagsStrongEncryption = 0x2040;
 
 /// Points of time in the unit of Windows file times: 100 nanoseconds since 1601.
@@ -66,20 +66,20 @@ struct ZipDirectory {
     std::uint32_t offset = 0;  // from the start of the archive
 };
 
-/// Local header without the name and the extra field behind it.
+/// The local header, without the name and the extra field behind it.
 std::array<std::uint8_t, localHeaderSize> BuildLocalHeader(const ZipEntry& entry);
 std::array<std::uint8_t, localExtraSize> BuildLocalExtra(const ZipEntry& entry);
 
-/// Follows the data of an entry whose local header could not be completed.
+/// The record that follows the data of an entry whose local header could not be completed.
 std::array<std::uint8_t, dataDescriptorSize> BuildDataDescriptor(const ZipEntry& entry);
 
-/// Central header without the name and the extra field behind it.
+/// The central header, without the name and the extra field behind it.
 std::array<std::uint8_t, centralHeaderSize> BuildCentralHeader(const ZipEntry& entry);
 std::array<std::uint8_t, centralExtraSize> BuildCentralExtra(const ZipEntry& entry);
 
 std::array<std::uint8_t, endRecordSize> BuildEndRecord(const ZipDirectory& directory);
 
-/// What a local header tells of an entry, and a central one too; as it stands there.
+/// What both the local and the central header tell of an entry, as it stands there.
 struct ZipHeader {
     std::uint16_t flags = 0;
     std::uint16_t method = 0;
@@ -108,26 +108,26 @@ struct ZipEndRecord {
     ZipDirectory directory;
 };
 
-/// False where no such record stands.
+/// False when the bytes do not begin with the signature of such a record.
 [[nodiscard]] bool ParseLocalHeader(std::span<const std::uint8_t, localHeaderSize> bytes, ZipHeader& header);
 [[nodiscard]] bool ParseCentralHeader(std::span<const std::uint8_t, centralHeaderSize> bytes,
                                       ZipCentralHeader& central);
 [[nodiscard]] bool ParseEndRecord(std::span<const std::uint8_t, endRecordSize> bytes, ZipEndRecord& end);
 
-/// Whether the locator of a 64-bit end record stands there, which comes straight before the end record.
+/// Whether the bytes are the locator of a 64-bit end record, which comes right before the end record.
 inline constexpr std::size_t end64LocatorSize = 20;
 [[nodiscard]] bool IsEnd64Locator(std::span<const std::uint8_t, end64LocatorSize> bytes);
 
-/// Takes the times that the "UT" field of a whole extra field holds; others stay.
+/// Takes the times that the "UT" field of a whole extra field holds; the others stay.
 void ParseExtendedTimes(std::span<const std::uint8_t> extra, ZipTimes& times);
 
 /// DOS date in the high half, DOS time in the low one, of the time as it stands: no change to local time.
 std::uint32_t DosTimestamp(std::uint64_t fileTime);
 
-/// The local time that a DOS date and time stand for; parts out of range go to the nearest one within.
+/// The local time that a DOS date and time stand for; a part that is out of range becomes the nearest one within.
 platform::LocalTime LocalTimeOfDos(std::uint32_t dosTimestamp);
 
-/// Low 32 bits of the seconds since 1970.
+/// The low 32 bits of the seconds since 1970.
 std::uint32_t UnixTime(std::uint64_t fileTime);
 
 /// The file time of a moment in milliseconds since 1970.

@@ -38,11 +38,11 @@ namespace zip_result {
 KV_ZIP_RESULTS(KV_DECLARE_ZIP_RESULT)
 #undef KV_DECLARE_ZIP_RESULT
 
-/// From the reader alone; it has no text of its own.
+/// Only from the reader; it has no text of its own.
 inline constexpr ZipResult wrongPassword = 0x1000;
 }  // namespace zip_result
 
-/// The text of a code, or that it is not known.
+/// The text of a code; a fixed one when the code is not known.
 const char* ZipResultText(ZipResult code);
 
 }  // namespace kv

@@ -28,7 +28,7 @@ std::uint32_t Number(std::span<const std::uint8_t> bytes) {
     return number;
 }
 
-/// Four bytes at an offset: from the first read where they are in it. The file is then back where it was.
+/// Four bytes at an offset, from the first read when they are in it. The file is then back where it was.
 std::optional<std::uint32_t> NumberAt(const ZipSource& source, std::uint64_t offset) {
     const std::span<const std::uint8_t> first = source.pending;
     if (offset + 4 <= first.size()) return Number(first.subspan(static_cast<std::size_t>(offset), 4));
@@ -42,8 +42,8 @@ std::optional<std::uint32_t> NumberAt(const ZipSource& source, std::uint64_t off
     return Number(bytes);
 }
 
-/// The check for a program file by its first bytes. The magic number is not that of any real program file, so that next
-/// to no file passes; archives have always been written this way.
+/// Checks for a program file by its first bytes. No real program file has this magic number, so that hardly any file
+/// passes; archives have always been written this way.
 bool IsExecutable(const ZipSource& source) {
     constexpr std::size_t smallest = 40;
     const std::span<const std::uint8_t> first = source.pending;

@@ -46,11 +46,11 @@ struct Deflater {
 
 struct ZipWriter {
     ArchiveOutput output;
-    std::string password;               // none when empty
-    bool canSeek = false;               // the output can be written again over what has been written
+    std::string password;               // empty when nothing is encrypted
+    bool canSeek = false;               // what has been written can be written over
     bool fileTellsPosition = false;     // memory can seek and has no file
-    ZipResult error = zip_result::ok;   // sticky: set by a failure part-way through an entry
-    std::optional<ZipResult> finished;  // of the central directory, once it has been written
+    ZipResult error = zip_result::ok;   // sticky: set by a failure in the middle of an entry
+    std::optional<ZipResult> finished;  // what writing the central directory came to; absent before
     std::vector<ZipEntry> entries;
     std::uint64_t directorySize = 0;  // bytes that the central headers of the entries will take
     Deflater deflater;
@@ -64,10 +64,10 @@ ZipResult Remember(ZipResult result) {
     return result;
 }
 
-/// The writer behind a handle, or null with the reason.
+/// The writer behind a handle; null with the reason when there is none.
 ZipWriter* WriterOf(ZipHandle zip, ZipResult& result) { return ObjectOf<ZipWriter>(zip, ZipKind::writer, result); }
 
-std::span<const std::uint8_t> BytesOf(std::string_view text) {
+std::span<const std::uint8_t> TextBytes(std::string_view text) {
     return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
 }
 
@@ -80,7 +80,7 @@ std::string ArchiveName(std::u16string_view name, EntryKind kind) {
     return platform::Utf8FromWide(slashed);
 }
 
-/// Files that are compressed already are stored as they are.
+/// Files that are already compressed are stored as they are.
 ZipMethod MethodFor(std::u16string_view name) {
     static constexpr std::array<std::u16string_view, 8> compressed{u".Z",   u".zip", u".zoo", u".arc",
                                                                    u".lzh", u".arj", u".gz",  u".tgz"};
@@ -95,13 +95,13 @@ ZipMethod MethodFor(std::u16string_view name) {
 
 std::uint64_t CentralSize(const ZipEntry& entry) { return centralHeaderSize + entry.name.size() + centralExtraSize; }
 
-/// How long deflate can make so many bytes at most. Asked for in parts, as zlib counts in 32 bits on some systems.
+/// The most bytes that deflate makes of that many. Asked for in parts, because zlib counts in 32 bits on some systems.
 std::uint64_t DeflatedSizeAtMost(std::uint64_t size) {
     constexpr uLong part = 1UL << 30;
     return size / part * deflateBound(nullptr, part) + deflateBound(nullptr, static_cast<uLong>(size % part));
 }
 
-/// What an entry takes with its two headers.
+/// The most bytes that an entry takes with its two headers.
 std::uint64_t EntrySizeAtMost(std::size_t nameSize, std::uint64_t size) {
     constexpr std::size_t headers =
         localHeaderSize + localExtraSize + cipherHeaderSize + dataDescriptorSize + centralHeaderSize + centralExtraSize;
@@ -116,21 +116,21 @@ bool HasRoomFor(const ZipWriter& writer, const ZipEntry& entry, std::uint64_t so
            maxArchiveSize;
 }
 
-/// A record that does not fit into the memory is one that cannot be written.
+/// A record that does not fit into the memory counts as one that cannot be written.
 ZipResult RecordResult(ZipResult result) {
     return result == zip_result::memoryTooSmall ? zip_result::writeFailed : result;
 }
 
 ZipResult AppendLocalHeader(ArchiveOutput& output, const ZipEntry& entry) {
     ZipResult result = Append(output, BuildLocalHeader(entry));
-    if (result == zip_result::ok) result = Append(output, BytesOf(entry.name));
+    if (result == zip_result::ok) result = Append(output, TextBytes(entry.name));
     if (result == zip_result::ok) result = Append(output, BuildLocalExtra(entry));
     return RecordResult(result);
 }
 
 bool IsEncrypted(const ZipEntry& entry) { return (entry.flags & flagEncrypted) != 0; }
 
-/// Starts the encryption of an entry with its header: noise, and at last a byte that the local header has too.
+/// Starts the encryption of an entry with its header: noise, and last a byte that the local header has, too.
 ZipResult AppendCipherHeader(ZipWriter& writer, const ZipEntry& entry) {
     std::mt19937 noise(static_cast<std::uint32_t>(platform::Clock().GetTickCount64() + writer.output.position()));
     std::array<std::uint8_t, cipherHeaderSize> header;
@@ -140,7 +140,7 @@ ZipResult AppendCipherHeader(ZipWriter& writer, const ZipEntry& entry) {
     return Append(writer.output, header);
 }
 
-/// Hands the source's bytes to `write` one read at a time, the last time none, and keeps CRC and count.
+/// Hands the source's bytes to `write`, one read at a time, in the end no bytes, and keeps CRC and count.
 template <class Write>
 ZipResult ForEachRead(ZipWriter& writer, ZipSource& source, ZipEntry& entry, const Write& write) {
     const std::uint64_t limit = source.size.value_or(maxArchiveSize);
@@ -191,7 +191,7 @@ ZipResult AppendData(ZipWriter& writer, ZipSource& source, ZipEntry& entry) {
                        [&](auto bytes) { return DeflateBytes(writer.deflater.stream, writer.output, bytes); });
 }
 
-/// Completes the local header, or puts what it could not say behind the data where the output cannot go back.
+/// Completes the local header, or puts what it could not say behind the data when the output cannot go back.
 ZipResult CompleteEntry(ZipWriter& writer, ZipEntry& entry, std::uint32_t announcedSize) {
     if (writer.canSeek && !IsEncrypted(entry)) {
         entry.flags &= static_cast<std::uint16_t>(~flagDataDescriptor);
@@ -225,8 +225,8 @@ ZipResult WriteEntry(ZipWriter& writer, ZipSource& source, ZipEntry& entry) {
     return zip_result::ok;
 }
 
-/// The steps common to all entries; `open` fills the source. A failure before the entry's first byte leaves the archive
-/// good, a later one makes it refuse all that follows.
+/// The steps that all entries have in common; `open` fills the source. A failure before the entry's first byte leaves
+/// the archive good; a later one makes it refuse all that follows.
 template <class Open>
 ZipResult AddEntry(ZipHandle zip, std::u16string_view nameInZip, EntryKind kind, const Open& open) {
     ZipResult result = zip_result::ok;
@@ -259,7 +259,7 @@ ZipResult AppendDirectory(ZipWriter& writer) {
     const std::uint64_t start = writer.output.position();
     for (const ZipEntry& entry : writer.entries) {
         ZipResult result = Append(writer.output, BuildCentralHeader(entry));
-        if (result == zip_result::ok) result = Append(writer.output, BytesOf(entry.name));
+        if (result == zip_result::ok) result = Append(writer.output, TextBytes(entry.name));
         if (result == zip_result::ok) result = Append(writer.output, BuildCentralExtra(entry));
         if (result != zip_result::ok) return RecordResult(result);
     }
@@ -270,7 +270,7 @@ ZipResult AppendDirectory(ZipWriter& writer) {
 }
 
 ZipResult WriteDirectory(ZipWriter& writer) {
-    // The file holds less than the offsets say, and no directory can mend that.
+    // The file holds less than the offsets say, and no directory can repair that.
     if (writer.error == zip_result::writeFailed) return zip_result::writeFailed;
     try {
         const ZipResult result = AppendDirectory(writer);
@@ -280,7 +280,7 @@ ZipResult WriteDirectory(ZipWriter& writer) {
     }
 }
 
-/// Writes the central directory, the first time, and brings the whole archive to the disk.
+/// The first time, writes the central directory and brings the whole archive to the disk.
 ZipResult Finish(ZipWriter& writer) {
     if (!writer.finished) writer.finished = WriteDirectory(writer);
     return *writer.finished;
@@ -311,7 +311,7 @@ ZipHandle Create(const char* password, const Open& open) {
     }
 }
 
-/// Adds an open file; sizeToCome counts where the archive's own file does not tell its position.
+/// Adds an open file; sizeToCome counts when the archive's own file does not tell its position.
 ZipResult AddOpenFile(ZipHandle zip, std::u16string_view nameInZip, platform::FileHandle file,
                       std::optional<std::uint64_t> sizeToCome) {
     return AddEntry(zip, nameInZip, EntryKind::file, [&](ZipWriter& writer, ZipSource& source) {
@@ -368,7 +368,7 @@ ZipHandle CreateZipMemory(void* block, std::size_t size, const char* password) {
 ZipResult AddFileToZip(ZipHandle zip, std::u16string_view nameInZip, std::u16string_view path) {
     Log4("\t Inside AddFileToZip() \n");
     return Remember(AddEntry(zip, nameInZip, EntryKind::file, [&](ZipWriter& writer, ZipSource& source) {
-        // Whether the source's own times and attributes are taken hangs on the output being able to seek. It has always
+        // Whether the source's own times and attributes are taken depends on whether the output can seek. It has always
         // been so, and the server gets the same archives.
         return OpenFileSource(path, writer.fileTellsPosition, writer.readBuffer, source);
     }));

@@ -22,7 +22,7 @@ class Zip : public TestAgent {
     /// What another reader finds in the archive.
     Files ReadArchive() const { return UnpackedByPeer(Read(path)); }
 
-    /// Packs one file of this content, which a reader finds again.
+    /// Packs one file with this content, which a reader then finds.
     void PackOne(const std::string& content, std::u16string_view name = u"name") {
         Write(bin / "one", content);
         ZipHandle zip = CreateZip(u"a.zip", nullptr);
@@ -55,7 +55,7 @@ TEST_F(Zip, EveryByteOfTheRecordsIsAsTheFormatSays) {
                                               .lastAccessTime = fileTimeOf2026 + 10000000,
                                               .lastWriteTime = fileTimeOf2026,
                                               .size = 2}));
-    const VirtualClock clock;  // stands at the same moment
+    const VirtualClock clock;  // at the same moment
     ZipHandle zip = CreateZip(u"a.zip", nullptr);
     EXPECT_EQ(AddFileToZip(zip, u"d\\a.gz", u"two"), zip_result::ok);
     EXPECT_EQ(AddMemoryToZip(zip, u"m", "", 0), zip_result::ok);
@@ -233,7 +233,7 @@ TEST_F(Zip, AFailurePartWayThroughAnEntrySticks) {
 
     const FileOverride full(Failing(&platform::FileOperations::WriteFile, platform::error::diskFull));
     zip = CreateZip(u"a.zip", nullptr);
-    EXPECT_EQ(AddFileToZip(zip, u"1", u"one"), zip_result::ok);  // in the buffer still
+    EXPECT_EQ(AddFileToZip(zip, u"1", u"one"), zip_result::ok);  // still in the buffer
     EXPECT_EQ(AddFileToZip(zip, u"2", u"one"), zip_result::writeFailed);
     EXPECT_EQ(CloseZip(zip), zip_result::writeFailed);
 }

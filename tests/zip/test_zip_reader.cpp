@@ -171,7 +171,7 @@ TEST_F(ZipReading, EveryLieIsRefusedAndLeavesNothing) {
         fs::remove_all(download);
         Write(bin / "a.zip", bytes);
         UnzipFiles(u"a.zip", u"..\\conf\\download");
-        EXPECT_TRUE(fs::exists(download / "z")) << row.title;  // the others go on
+        EXPECT_TRUE(fs::exists(download / "z")) << row.title;  // the next ones follow
         EXPECT_FALSE(fs::exists(download / "n")) << row.title;
         EXPECT_TRUE(Logged(row.logged)) << row.title;
         CloseUnzip(zip);

@@ -1,5 +1,5 @@
-// Another implementation of the format, which tells whether the agent's own keeps to it: on Linux libzip. The tests of
-// Windows have none, and there the agent's reader and writer are each other's.
+// Another implementation of the format, which shows whether the agent's own keeps to it: libzip on Linux. The tests on
+// Windows have none; there the agent's reader and writer check each other.
 #pragma once
 
 #include <algorithm>
@@ -19,7 +19,7 @@ inline std::string Noise(std::size_t size) {
     return bytes;
 }
 
-/// Every file of an archive. Throws, or fails the test, where the archive is at fault.
+/// Every file of an archive. Throws, or fails the test, when the archive is bad.
 Files UnpackedByPeer(const std::string& bytes);
 
 /// Makes an archive, and gives its bytes.

@@ -26,7 +26,7 @@ inline std::string TimeField(std::uint64_t size, std::uint64_t flags, const std:
     return "UT" + Number(size, 2) + Number(flags, 1) + times;
 }
 
-/// An entry for an archive built byte by byte, good as long as nothing is changed.
+/// An entry for an archive that is built byte by byte; it is good as long as nothing is changed.
 struct Built {
     explicit Built(std::string itsName, const std::string& content = "content")
         : name(itsName), localName(itsName), data(content), size(content.size()) {
@@ -34,7 +34,7 @@ struct Built {
     }
     std::string name, localName, data, localExtra, centralExtra;
     std::uint64_t size, crc, method = 0, flags = 0, madeBy = 0, attributes = 0;
-    std::optional<std::uint64_t> localOffset;  // of a header that is there already
+    std::optional<std::uint64_t> localOffset;  // of a header that is already there
     std::uint64_t dosTime = 0x5C6548AE;        // 2026-03-05 09:05:28
 };
 
@@ -83,7 +83,7 @@ inline ZipItem Described(const Built& entry) {
     return item;
 }
 
-/// Unpacks an item to memory, in blocks of some size.
+/// Unpacks an item to memory in blocks of that size.
 inline ZipResult ReadItem(ZipHandle zip, std::int32_t index, std::string& content, std::size_t blockSize = 1000) {
     ZipItem item;
     ZipResult result = GetZipItem(zip, index, item);

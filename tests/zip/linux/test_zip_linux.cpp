@@ -1,4 +1,4 @@
-// What the agent's zips are to Debian's unzip, and what encrypted ones and links are to the agent.
+// What Debian's unzip makes of the agent's zips, and what the agent makes of encrypted ones and links.
 #include <cstdlib>
 
 #include "platform/utf.h"
