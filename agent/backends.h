@@ -1,9 +1,9 @@
-// What the agent has of this system.
+// The system's operations that the agent uses.
 #pragma once
 
 namespace kv {
 
-/// Installs every record of operations. Called once, first thing in every program that runs the agent.
+/// Installs every record of operations. A program that runs the agent calls it once, before anything else.
 void InstallBackends();
 
 }  // namespace kv

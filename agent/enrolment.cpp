@@ -30,19 +30,19 @@ namespace {
 
 constexpr std::uint32_t retryMilliseconds = 60000;
 
-/// How long the name servers may hold up an agent that goes on with its key, in milliseconds.
+/// How long name servers may hold up an agent that goes on with its key, in milliseconds.
 constexpr std::uint32_t firstPatience = 5000;
 
 /// How long the first registration may hold up an agent that goes on with its key.
 constexpr std::uint32_t longestFirstMilliseconds = 10000;
 
-/// The text stored where the registry has no key yet, and the one from before the registry was read.
+/// False, too, for the text that stands for a missing key, and for the one from before the registry was read.
 bool HasKey() {
     const std::u16string_view key = agentState.gv_agentKey.view();
     return !key.empty() && CompareIgnoreCase(key, u"HUBCENTER") != 0 && CompareIgnoreCase(key, u"NULL") != 0;
 }
 
-/// What is known of this computer now: at the start the network may not have been there yet.
+/// Asks for names and address again: at the start the network may not have been there yet.
 std::u16string RegistrationUrl(std::uint32_t patience) {
     OptionalText dnsName;
     OptionalText address;
@@ -69,7 +69,7 @@ std::u16string RegistrationUrl(std::uint32_t patience) {
     return url;
 }
 
-/// One exchange; true when the server has answered and the agent knows whether and with which key to run.
+/// One exchange. True when the server has answered, and the agent knows whether to run and with which key.
 bool Register(std::uint32_t patience) {
     Log3("\t Inside Register() \n");
     std::u16string url = RegistrationUrl(patience);
@@ -93,7 +93,7 @@ void WaitForRetry() {
     platform::Clock().Sleep(retryMilliseconds);
 }
 
-/// From now on the agent tells its server of its end.
+/// From now on the agent tells its server when it ends.
 void TakeRegistration() {
     if (agentState.gv_agentRunFlag == 1)
         SetEnableSendAgentStatus(u"yes");
@@ -101,7 +101,7 @@ void TakeRegistration() {
         Log1("\t InitLicenseParams :: The server wants this agent not to run, which counts from its next start on\n");
 }
 
-/// Thread body of an agent that works already: asks every minute until the server answers.
+/// Thread body of an agent that already works: asks every minute until the server answers.
 std::uint32_t RegisterLater(void* /*ignored*/) {
     bool isRegistered = false;
     while (!isRegistered) {
@@ -114,12 +114,12 @@ std::uint32_t RegisterLater(void* /*ignored*/) {
     return 0;
 }
 
-/// What has come of the first registration.
+/// What the first registration has come to.
 enum class FirstOutcome { pending, registered, failed, notWaitedFor };
 std::atomic<FirstOutcome> firstOutcome;
 
-/// Thread body of the first registration of an agent that has a key. Once the agent has gone on, it is the one that
-/// asks later.
+/// Thread body of the first registration of an agent that has a key. If the agent has gone on meanwhile, this thread
+/// also asks later.
 std::uint32_t RegisterFirst(void* /*outcome*/) {
     bool isRegistered = false;
     RunGuarded("RegisterFirst", [&isRegistered] { isRegistered = Register(firstPatience); });
@@ -130,7 +130,7 @@ std::uint32_t RegisterFirst(void* /*outcome*/) {
     return 0;
 }
 
-/// Ten seconds are waited for an answer: five addresses that swallow what is sent to them take minutes.
+/// Waits ten seconds for an answer: five addresses that swallow what is sent to them take minutes.
 FirstOutcome RegisterWithKey() {
     agentState.gv_agentRunFlag = 1;
     firstOutcome = FirstOutcome::pending;
@@ -141,7 +141,7 @@ FirstOutcome RegisterWithKey() {
     return firstOutcome.exchange(FirstOutcome::notWaitedFor);
 }
 
-/// Nothing can be done before there is a key, or the server says that this agent is not to run.
+/// Nothing can be done before there is a key, or the server says that this agent must not run.
 FirstOutcome RegisterForKey() {
     for (;;) {
         agentState.gv_agentRunFlag = 1;
@@ -151,9 +151,9 @@ FirstOutcome RegisterForKey() {
     }
 }
 
-/// The settings may have ended ahead of the key, or it could not be read; the key of an earlier run counts all the
-/// same. While nobody can say whether there is one, the agent does not ask for another: it would become a new agent to
-/// its server, and lose its slaves.
+/// The reading of the settings may have ended before the key, or the key could not be read; the key of an earlier run
+/// counts all the same. While nobody can say whether there is one, the agent does not ask for another: its server would
+/// take it for a new agent, and it would lose its slaves.
 void TakeStoredKey() {
     while (!HasKey()) {
         OptionalText key;
@@ -167,7 +167,8 @@ void TakeStoredKey() {
     }
 }
 
-/// A copy of a plan has the plan's own name only when it is complete; these are names of one in the making.
+/// Deletes an unfinished copy of a plan. A copy gets the plan's own name only when it is complete; before, it has one
+/// of these.
 void RemoveUnfinishedCopy(std::u16string_view directory, std::u16string_view suffix) {
     for (const std::u16string_view prefix : {u"", u".copy-"}) {
         const std::u16string path = ConcatStrings(directory, prefix).append(conf_path::planName).append(suffix);

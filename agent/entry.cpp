@@ -29,11 +29,12 @@ namespace {
 constexpr std::u16string_view agentLog = u"..\\logs\\agent.log";
 constexpr std::u16string_view testMonitorLog = u"..\\logs\\testmonitor.log";
 
-// Two notes that differ by one letter: which one exists tells an administrator what went wrong before any log was open.
+// Two notes that differ by one letter: the one that exists tells an administrator what went wrong before the log was
+// open.
 constexpr std::u16string_view registryNote = u"c:\\test.txt";
 constexpr std::u16string_view memoryNote = u"c:\\text.txt";
 
-/// Appends to a file that stands in for the log before it is open. Nothing is written when it cannot be opened.
+/// Appends to a file that stands in for the log before that is open. Writes nothing when it cannot be opened.
 void AppendNote(std::u16string_view path, std::string_view text) {
     const platform::FileOperations& files = platform::Files();
     platform::FileHandle note = 0;
@@ -45,7 +46,8 @@ void AppendNote(std::u16string_view path, std::string_view text) {
     files.CloseHandle(note);
 }
 
-/// False when there is no memory for the path.
+/// Finds the bin directory. False when there is no memory for its path; true without a path when the setting is
+/// missing.
 bool FindBinPath() try {
     OptionalText installDir;
     const platform::Error error = GetKVAgentInstallDir(installDir);
@@ -65,7 +67,7 @@ bool FindBinPath() try {
     return false;
 }
 
-/// Opens the log; a person at the console learns where it should have been when that fails.
+/// Opens the log. When that fails, a person at the console is told where it should have been.
 void OpenLog(std::u16string_view name) {
     RotateLogger(name);
     if (logState.gv_logFile == 0)
@@ -106,7 +108,7 @@ int RunUnInstall() {
     return 1;
 }
 
-/// Neither mode is ended by what goes wrong here.
+/// Loads the settings. What goes wrong here ends neither mode.
 void LoadDetails() {
     RunGuarded("getCSDetails", getCSDetails);
     RunGuarded("getProxyServerDetails", getProxyServerDetails);
@@ -182,7 +184,7 @@ int Main(const std::vector<std::string>& words) {
     InitAgentParams();
 
     if (!agentState.gv_ocAgentBinPath) {
-        // Every path of the agent hangs on this one, the log's too: without it there is nothing safe to do.
+        // Every path of the agent depends on this one, the log's too: without it nothing is safe to do.
         return 1;
     }
     if (words.size() < 2) return RunAsService();

@@ -1,4 +1,4 @@
-// The program's entry: finds the install directory, sets every default and takes the run mode from the first argument.
+// The program's entry: finds the install directory, sets the defaults and takes the run mode from the first argument.
 #pragma once
 
 #include <string>
@@ -6,14 +6,14 @@
 
 namespace kv {
 
-/// Takes the words of the command line, the program's own name first, in UTF-8. The process exit code; "/t" does not
-/// return.
+/// Takes the words of the command line, the program's own name first, in UTF-8. Returns the exit code of the process;
+/// "/t" never returns. Called once.
 int Main(const std::vector<std::string>& words);
 
 /// Gives the settings of the agent state their defaults (foundation/agent_state.h).
 void InitAgentParams();
 
-/// Where the work of "/monitor" beyond printing the configuration belongs; there is none.
+/// Does nothing. Work of "/monitor" beyond printing the configuration would belong here.
 void ProcessTestMonitor();
 
 }  // namespace kv

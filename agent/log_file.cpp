@@ -26,11 +26,11 @@ constexpr std::uint32_t defaultMaxSize = 1000000;  // characters
 constexpr std::uint32_t defaultMaxFiles = 10;
 constexpr std::u16string_view logExtension = u".log";
 
-/// Set while a thread takes the step "above the limit? rotate". The others go on, their lines written, so that nobody
-/// waits for a rotation and then finds the counter small.
+/// Set while a thread takes the step "above the limit? rotate". The others go on once their lines are written, so that
+/// nobody waits for a rotation and then finds a small counter.
 std::atomic_flag isRotating;
 
-/// Another process had the log open when this one began: moving it away is that one's affair.
+/// Another process writes to the log, as it did when this one began: only that one may move it away.
 bool isGuest = false;         // guarded by isRotating
 bool isObstacleSaid = false;  // guarded by isRotating
 
@@ -48,10 +48,10 @@ class ClearedAtEnd {
 /// What becomes of the rotation lock when RotateLogFile returns.
 enum class RotationLock { released, kept };
 
-std::u16string_view StemOf(std::u16string_view path) { return path.substr(0, path.find(logExtension)); }
+std::u16string_view LogStem(std::u16string_view path) { return path.substr(0, path.find(logExtension)); }
 
-/// The size of the log on the disk, made when missing; 4 GB and more count as just under 4 GB. Whoever else has the log
-/// open, to look at it or as another process of the agent's, does not keep it from being measured.
+/// The size of the log on the disk, which is made when it is missing; 4 GB and more count as just under 4 GB. It is
+/// measured even while someone else has it open, to look at it or to write to it.
 platform::Error MeasureLog(std::uint32_t& size) {
     platform::FileHandle file = 0;
     platform::Error result =
@@ -65,10 +65,10 @@ platform::Error MeasureLog(std::uint32_t& size) {
     return result;
 }
 
-/// False where the log in place is not to be moved away or opened again.
+/// False when the log in place must not be moved away or opened again.
 bool MayChangeLog() { return !logState.isToolkitLog && !logState.isRotationOver; }
 
-/// Called with streamMutex held, as OpenStream is.
+/// Called, like OpenStream, with streamMutex held.
 void CloseStream() {
     if (const platform::FileHandle file = std::exchange(logState.gv_logFile, 0)) Files().CloseHandle(file);
 }
@@ -82,7 +82,7 @@ int OpenStream(std::u16string_view path) {
     return result == error::notEnoughMemory ? 99 : 1;
 }
 
-/// Moves the current log away and opens a new one; lines wait that long, so that none of them is lost.
+/// Moves the current log away and opens a new one. Lines wait meanwhile, so that none is lost.
 void StartNewLog(std::u16string_view target) {
     const std::lock_guard stream(logState.streamMutex);
     if (!MayChangeLog()) return;
@@ -91,12 +91,12 @@ void StartNewLog(std::u16string_view target) {
     OpenStream(logState.gv_logPath);
 }
 
-/// Moves the current log and its numbered elders one number up, from the oldest down, and drops those past the limit.
-/// A failed delete or rename leaves a gap in the numbers and nothing else.
+/// Moves the current log and its older, numbered ones up by one number, the oldest first, and deletes those past the
+/// limit. A delete or rename that fails leaves a gap in the numbers and nothing else.
 void ShiftLogFiles() {
     const std::u16string_view path = logState.gv_logPath;
     const std::uint32_t maxFiles = logState.gv_logMaxFiles;
-    for (int n = CountLogFiles(StemOf(path)); n >= 1; --n) {
+    for (int n = CountLogFiles(LogStem(path)); n >= 1; --n) {
         const auto number = static_cast<std::uint32_t>(n);
         const std::u16string target = LogFileNameAt(path, number);
         if (number >= maxFiles) Files().DeleteFileW(target);
@@ -111,9 +111,9 @@ void ShiftLogFiles() {
 RotationLock RotateWhileLocked(std::uint32_t count) {
     const std::uint32_t bytes = logState.gv_logBytes;
     const std::uint32_t maxSize = logState.gv_logMaxSize;
-    // The counter says that another thread has rotated in the meantime. The lock stays held here and where the log
-    // cannot be measured, unlike on the normal way out. RotateAboveLimit sees to it that no line comes here like that,
-    // and that none waits for such a lock.
+    // The counter says that another thread has rotated meanwhile. Unlike on the normal way out, the lock stays held
+    // here, and when the log cannot be measured. RotateAboveLimit makes sure that no line comes here like that, and
+    // that none waits for such a lock.
     if (bytes != 0 && maxSize != 0 && bytes < maxSize) return RotationLock::kept;
     if (logState.gv_logPath.empty()) return RotationLock::released;
     if (!MayChangeLog()) {
@@ -133,8 +133,8 @@ RotationLock RotateWhileLocked(std::uint32_t count) {
     return RotationLock::released;
 }
 
-/// Whether another than this process writes to the log. Its own stream is closed for the question, and opened by the
-/// log's name again: what was moved away meanwhile is no longer written to.
+/// Whether a process other than this one writes to the log. Its own stream is closed for the question and opened again
+/// by the log's name: what was moved away meanwhile is no longer written to.
 bool IsLogOfAnother() {
     const std::lock_guard stream(logState.streamMutex);
     if (!MayChangeLog()) return true;
@@ -144,7 +144,7 @@ bool IsLogOfAnother() {
     return isInUse;
 }
 
-/// Why the log cannot be rotated now, or null.
+/// Why the log cannot be rotated now; null when it can.
 const char* RotationObstacle() {
     if (isGuest) isGuest = IsLogOfAnother();
     if (isGuest) return "another process writes to the log, and rotates it";
@@ -152,14 +152,14 @@ const char* RotationObstacle() {
     return isLeftBehind ? "the lock of an earlier rotation was not released" : nullptr;
 }
 
-/// The log grows on; the next look is due when as much again has been written.
+/// The log goes on growing; the next look comes when as much again has been written.
 void GoOnUnrotated(const char* obstacle) {
     logState.gv_logBytes = 0;
     if (!std::exchange(isObstacleSaid, true))
-        Log1("\t RotateLogFile :: The log goes on without rotation, for %s\n", obstacle);
+        Log1("\t RotateLogFile :: The log goes on without rotation, because %s\n", obstacle);
 }
 
-/// What the log step calls when the counter has passed the limit. Another rotation may have ended meanwhile.
+/// Called by a line when the counter has passed the limit. Another rotation may have ended meanwhile.
 int RotateAboveLimit(std::uint32_t /*count*/) {
     if (logState.isRotationOver || isRotating.test_and_set(std::memory_order_acquire)) return 0;
     const ClearedAtEnd cleared(isRotating);
@@ -171,8 +171,8 @@ int RotateAboveLimit(std::uint32_t /*count*/) {
     return 0;
 }
 
-/// Opens the log of a start. Where another process writes to it, or it cannot be measured, it is only opened: moving it
-/// would take it away from that process, and the lock would not be released.
+/// Opens the log of a start. When another process writes to it, or it cannot be measured, it is only opened: a rotation
+/// would take it away from that process, or not release the lock.
 void OpenLogAtStart() {
     std::uint32_t size = 0;
     isObstacleSaid = false;
@@ -212,7 +212,7 @@ int CountLogFiles(std::u16string_view stem) {
 }
 
 std::u16string LogFileNameAt(std::u16string_view path, std::uint32_t number) {
-    return std::u16string(StemOf(path)) + DecimalText(number) + std::u16string(logExtension);
+    return std::u16string(LogStem(path)) + DecimalText(number) + std::u16string(logExtension);
 }
 
 void ReadLogLevel() {
@@ -233,7 +233,7 @@ void RotateLogger(std::optional<std::u16string_view> name) {
     logState.isToolkitLog = false;
     logState.isRotationOver = false;
     OpenLogAtStart();
-    // The configured limits hold from here on; the rotation at start goes by the defaults.
+    // The configured limits count from here on; the rotation at the start goes by the defaults.
     std::uint32_t maxSize = defaultMaxSize;
     std::uint32_t maxFiles = defaultMaxFiles;
     GetLoggerMaxSize(maxSize);
@@ -255,13 +255,13 @@ void StopLogging() {
     const std::lock_guard stream(logState.streamMutex);
     if (logState.gv_logFile == 0) return;
     try {
-        // Not by the log step, after which other lines could follow.
+        // Not through Log1, after which other lines could follow.
         const std::string line = PrefixLogFormat(
             "=============================================LOGGING "
             "STOPPED==============================================\n");
         if (LogsAtLeast(1)) Files().WriteText(logState.gv_logFile, line);
     } catch (...) {
-        // Without memory this line is lost, as any other.
+        // Without memory this line is lost like any other.
     }
     CloseStream();
 }

@@ -1,4 +1,4 @@
-// The agent's log file: opening, rotation by size into numbered files, closing. The log step is foundation/log.h.
+// The agent's log file: opening, rotation by size into numbered files, closing. Lines are written by foundation/log.h.
 #pragma once
 
 #include <cstdint>
@@ -8,31 +8,38 @@
 
 namespace kv {
 
-/// Opens the log for a run; null means "..\logs\agent.log". A log that another process writes to is opened without
-/// rotating, then and later. Called once per process.
+/// Opens the log of a run under the bin directory; an absent name means "..\logs\agent.log". A log that another process
+/// writes to is opened without rotating, and is not rotated as long as that process writes to it. A failure leaves no
+/// log open, and sets gv_logOpenFailed. Called once for each run, before other threads log.
 void RotateLogger(std::optional<std::u16string_view> name);
 
-/// Sets gv_logLevel from the registry, 1 where that fails.
+/// Sets gv_logLevel from the registry; 1 when it cannot be read.
 void ReadLogLevel();
 
-/// Rotates when the counter has passed the limit, and opens the log when it is not open; 0. Where the counter is small
-/// but not 0, and where the log has to be measured (count 0) and cannot be, the rotation lock is still held at the
-/// return, and whoever calls next waits forever. Lines are kept from both.
-int RotateLogFile(std::uint32_t count);
-
-/// From now on nothing moves the log or opens it again, and no line waits for a rotation. The first act of a stop.
-void EndLogRotation();
-
-/// Writes the last line and closes the log for good: what other threads still log is lost. Once it is closed, nothing.
-void StopLogging();
-
-/// Opens a log for appending; 1. A failure only sets gv_logOpenFailed: lines are then dropped, the counter still grows.
+/// Opens a log for appending, in the place of the one that is open: 1, or 99 when memory ran out. Any failure sets
+/// gv_logOpenFailed: no log is open then, lines are dropped, and the counter still grows. It does not ask whether
+/// rotation has ended.
 int OpenLogFile(std::u16string_view path);
 
-/// Number of files that begin with the stem, or -1 when the search fails.
+/// Rotates when count, the size of the log, has passed the limit, and opens the log when it is not open; always 0. With
+/// count 0 the file is measured. Does nothing after EndLogRotation.
+///
+/// When gv_logBytes is neither 0 nor at the limit, and when the log cannot be measured, the rotation lock is still held
+/// at the return, and whoever calls next waits forever. Lines never come here in those cases.
+int RotateLogFile(std::uint32_t count);
+
+/// From now on no rotation begins. One in progress may still rename older logs, and moves the current one only if it is
+/// doing so at this moment. The first act of a stop; RotateLogger undoes it.
+void EndLogRotation();
+
+/// EndLogRotation, then writes the last line and closes the log: what other threads still log is lost. Does nothing
+/// more when no log is open.
+void StopLogging();
+
+/// How many files begin with the stem; -1 when there is none, or the search fails.
 [[nodiscard]] int CountLogFiles(std::u16string_view stem);
 
-/// stem of path + number + ".log".
+/// The stem of the path (up to ".log"), the number and ".log".
 std::u16string LogFileNameAt(std::u16string_view path, std::uint32_t number);
 
 }  // namespace kv

@@ -8,7 +8,7 @@
 int main(int argc, char** argv) {
     kv::InstallBackends();
     const int exitCode = kv::Main(platform::CommandLineWords(argc, argv));
-    // Other threads work until the process ends around them, so nothing static is destroyed under them.
+    // Other threads work until the process ends, so nothing static may be destroyed under them.
     std::fflush(nullptr);
     std::_Exit(exitCode);
 }

@@ -25,7 +25,8 @@ std::u16string WorkingDirectory() {
     return directory;
 }
 
-/// All relative paths of the agent rest on this. The agent runs on in whatever directory it started in when this fails.
+/// All relative paths of the agent depend on this. When it fails, the agent goes on in the directory that it started
+/// in.
 void EnterBinDirectory() {
     Log4("\t Inside EnterBinDirectory() \n");
     constexpr const char* currentDirectory = "\t InvokeMainThread :: Current working directory %s \n";

@@ -5,8 +5,8 @@
 
 namespace kv {
 
-/// Thread body: working directory, enrolment, configuration, worker threads, and then parks forever. Returns 0, and
-/// only when enrolment said not to run.
+/// Thread body: working directory, enrolment, configuration, worker threads; then it parks forever. A std::exception
+/// ends one of these steps, with a log line. Returns 0 only when enrolment said not to run, after StopService.
 std::uint32_t InvokeMainThread(void* ignored);
 
 /// Sleeps forever.

@@ -19,7 +19,7 @@ namespace error = platform::error;
 
 constexpr std::int32_t requiredValueMissing = error::invalidData;
 
-/// True when a read went well; else leaves its failure line.
+/// True when a read went well; else writes its failure line.
 bool Fetched(Error result, const char* failureLine) {
     if (result == error::success) return true;
     Log1(failureLine);
@@ -30,7 +30,7 @@ bool Fetched(bool found, const char* failureLine) {
     return Fetched(found ? error::success : error::invalidData, failureLine);
 }
 
-/// Reads a text that is published; after a failure it is absent.
+/// Reads a text and publishes it; after a failure it is absent.
 Error Publish(PublishedText& field, Error (*read)(OptionalText&)) {
     OptionalText text;
     const Error result = read(text);
@@ -48,7 +48,7 @@ Error ReadServerPort() {
     return result;
 }
 
-/// False at the first required value that is missing; the later ones are then not read.
+/// False at the first required value that is missing: the later ones are then not read.
 bool ReadServer() {
     AgentState& state = agentState;
     if (!Fetched(GetKVServerName(state.gv_ServerName),
@@ -78,7 +78,7 @@ bool ReadServer() {
                    "\n");
 }
 
-/// Anything but "https" means plain HTTP; what is neither may be a slip, and is said.
+/// Anything but "https" means plain HTTP. What is neither may be a slip, and leaves a line.
 void TakeProtocol(const OptionalText& protocol) {
     agentState.gv_httpsEnabled = CompareIgnoreCase(protocol, u"https") == 0 ? 1 : 0;
     if (!agentState.gv_httpsEnabled && CompareIgnoreCase(protocol, u"http") != 0)
@@ -106,8 +106,8 @@ void ReadProtocolAndKey() {
         state.gv_masterAgent = u"NO";
 }
 
-/// False at the first name of this computer that cannot be obtained. A missing address costs itself alone: it may come
-/// with the network.
+/// False at the first name of this computer that cannot be obtained. A missing address stops nothing: it may come with
+/// the network.
 bool ReadComputer() {
     if (!Fetched(GetLocalComputerName(agentState.gv_agentID),
                  "\t getCSDetails :: Not able to fetch the GetLocalComputerName and assign it to gv_agentID\n") ||
@@ -119,7 +119,7 @@ bool ReadComputer() {
     return true;
 }
 
-/// A number accessor never fails; it has put its fallback there by itself.
+/// A number accessor never fails: it gives its fallback.
 std::int32_t Number(Error (*read)(std::uint32_t&)) {
     std::uint32_t number = 0;
     read(number);
@@ -207,7 +207,8 @@ void getProxyServerDetails() {
 
 void FreeAllResources() {
     Log1("\t Inside FreeAllResources() \n");
-    // Once other threads work nothing tells when they have read their last: all is left to the end of the process.
+    // Once other threads work, nothing tells when they read the state for the last time: the end of the process frees
+    // it.
     if (!agentState.gv_isMainThreadStarted) {
         FreeCSDetails();
         FreeProxyDetails();

@@ -5,17 +5,24 @@
 
 namespace kv {
 
-/// Reads server details, identity and intervals, in a fixed order that ends at the first required value that is
-/// missing: 13 then, with every later field at its default; 0 when all is read.
+/// Reads server details, identity and intervals in a fixed order. 0, or 13 at the first required value that is missing:
+/// that field is absent then, and every later one keeps its default. Each value that cannot be read leaves a log line.
+/// Waits at most a second or so for name servers. Called before other threads read the state; may throw std::bad_alloc.
 std::int32_t getCSDetails();
 
+/// Makes sure of the cryptographic keys and, when the proxy is switched on, reads its settings: what cannot be read
+/// becomes absent, and all but a missing password leaves a log line. Called like getCSDetails.
 void getProxyServerDetails();
 
-/// Closes the log at the end of a run, after releasing the state if no other thread reads it: with
-/// gv_isMainThreadStarted every field stays as it is until the process ends. A second call, at the same time even, does
-/// no harm then.
+/// The end of a run: releases the state unless gv_isMainThreadStarted, and closes the log. Once the main thread has
+/// started, other threads read the state, so every field stays as it is until the process ends; a second call, even at
+/// the same time, then does no harm.
 void FreeAllResources();
+
+/// Makes the texts of getCSDetails and the bin directory absent.
 void FreeCSDetails();
+
+/// Makes the proxy's texts absent when the proxy is switched on, and in any case whether it is.
 void FreeProxyDetails();
 
 }  // namespace kv

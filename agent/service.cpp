@@ -43,7 +43,7 @@ void LoadDetails() {
     RunGuarded("getProxyServerDetails", getProxyServerDetails);
 }
 
-/// Ends a start before anything else runs or is told of it.
+/// Ends a start before anything else runs or hears of it.
 void GiveUpStart(const char* line, Error failure) {
     LogFailure(line, failure);
     FreeAllResources();
@@ -51,7 +51,7 @@ void GiveUpStart(const char* line, Error failure) {
         platform::Threads().CloseEvent(event);
 }
 
-/// The stop event, and the handler at the service manager; false when one of them is not to be had.
+/// Makes the stop event and registers the handler; false when one of them cannot be obtained.
 bool SetUpService() {
     if (const Error failure = platform::Threads().CreateEventW(agentState.gv_stopEvent)) {
         GiveUpStart("\t ServiceMain : Create event failed due to the following error !! \n", failure);
@@ -71,14 +71,14 @@ bool SetUpService() {
 
 /// Starts the main thread between two reports; false when one of them fails.
 bool StartWork() {
-    // From the first report on a stop may come at any moment, also while the main thread is being started.
+    // From the first report on, a stop may come at any moment, even while the main thread is being started.
     agentState.gv_isMainThreadStarted = true;
     if (!ChangeServiceStatus(ServiceState::startPending)) return false;
     CreateNewThread_MSP(InvokeMainThread, nullptr);
     return ChangeServiceStatus(ServiceState::running);
 }
 
-/// The same for a stop and for the end of the computer, but for the text that the server gets.
+/// The same for a stop and for the end of the computer, except for the text that the server gets.
 void ShutDown(std::u16string_view agentStatus) {
     ChangeServiceStatus(ServiceState::stopPending);
     RunGuarded("HandlerEx", [agentStatus] { agentState.gv_agentStatus.Publish(agentStatus); });
@@ -121,7 +121,7 @@ std::uint32_t HandlerEx(std::uint32_t control, std::uint32_t /*eventType*/, void
             ShutDown(u"DEVICE_DOWN");
             break;
         case service_control::pause:
-            // Collection runs on: only the reported state changes, and the next interrogation brings it back.
+            // Collection goes on: only the reported state changes, and the next interrogation brings it back.
             Log3("%s HandlerEx : Service Control Pause notification is received \n", GetTimeString(1));
             ChangeServiceStatus(ServiceState::paused);
             break;
@@ -137,7 +137,7 @@ bool ChangeServiceStatus(ServiceState state) {
     namespace accepts = platform::service_accepts;
     Log3("\t Inside ChangeServiceStatus() \n");
     constexpr std::uint32_t everywhere = accepts::stop | accepts::pauseAndContinue | accepts::shutdown;
-    // A record of its own for each report: they come from two threads.
+    // Each report has a record of its own: they come from two threads.
     const platform::ServiceStatus status{
         .dwServiceType = platform::service_type::ownProcess | platform::service_type::sharedProcess,
         .dwCurrentState = state,
@@ -151,7 +151,7 @@ bool ChangeServiceStatus(ServiceState state) {
 
 std::uint32_t AgentShutdownWorker(void* /*ignored*/) {
     Log3("\t Inside AgentShutdownWorker() \n");
-    // Before the report, too: a server that keeps silent holds it up until the process ends.
+    // Also before the report: a server that keeps silent holds it up until the process ends.
     RunGuarded("StoreLastFileNum", StoreLastFileNum);
     RunGuarded("SendAgentStatus", ReportEndWhereWanted);
     RunGuarded("StoreLastFileNum", StoreLastFileNum);

@@ -32,7 +32,7 @@ constexpr std::u16string_view programName = u"MonitoringAgent.exe";
 constexpr std::uint32_t recoveryDelay = 10000;  // milliseconds
 constexpr std::uint64_t stopLimit = 60000;      // milliseconds
 
-/// Tells whoever runs "/i" or "/u" what came of it: at a console there is nothing to be seen of the log.
+/// Tells whoever runs "/i" or "/u" what came of it: the log cannot be seen at a console.
 void TellOutcome(const char* deed, Error failure) {
     const std::string name = platform::Utf8FromWide(serviceName);
     if (failure == success) {
@@ -43,7 +43,7 @@ void TellOutcome(const char* deed, Error failure) {
                  platform::MessageInLine(failure).c_str(), failure);
 }
 
-/// None without memory for it.
+/// Absent when memory ran out.
 OptionalText QuotedProgramPath() {
     try {
         return u'"' + agentState.gv_ocAgentBinPath.value_or(u"").append(programName) + u'"';
@@ -80,7 +80,7 @@ Error SetFailureActions(ServiceHandle service) {
     return failure;
 }
 
-/// Why there is no service, and what setting its failure actions came to if there is one.
+/// Why there is no service, or why its failure actions could not be set.
 struct Creation {
     Error failure = success;
     Error recoveryFailure = success;
@@ -133,7 +133,7 @@ Error RemoveService() {
     return success;
 }
 
-/// Opens a service with all rights; operation begins the lines about what fails.
+/// Opens a service with all rights. Lines about what fails begin with the operation.
 Error OpenWithAllRights(const char* operation, std::u16string_view name, OwnedServiceHandle& manager,
                         OwnedServiceHandle& service) {
     if (const Error failure = manager.OpenManager(platform::manager_right::all)) {
@@ -145,9 +145,9 @@ Error OpenWithAllRights(const char* operation, std::u16string_view name, OwnedSe
     return failure;
 }
 
-/// Starts an opened service and waits while that makes progress. The error of the query, when there is no status.
+/// Starts an opened service and waits while it makes progress. Success, or the error of the query that gave no status.
 Error StartAndWait(ServiceHandle service, ServiceStatus& status) {
-    // Each of these two lines belongs to the other case; those who read the log know them so.
+    // The first of these lines would fit the other case; people who read the log know it here.
     if (const Error failure = ServiceManager().StartServiceW(service)) {
         Log2("StartingService : Service Started Successfully .\n");
         Log1("StartingService : StartServiceW failed (%d)\n", failure);
@@ -170,7 +170,7 @@ std::uint32_t ReportNotStarted(const ServiceStatus& status) {
     Log2("StartingService : Service Specific Exit Code: %d\n", status.dwServiceSpecificExitCode);
     Log2("StartingService : Check Point: %d\n", status.dwCheckPoint);
     Log2("StartingService : Wait Hint: %d\n", status.dwWaitHint);
-    // Callers know the state looked at here, where one would expect the exit code.
+    // One would expect the exit code here; callers know the state.
     return state == platform::error::serviceSpecificError ? status.dwServiceSpecificExitCode : state;
 }
 
@@ -183,7 +183,7 @@ struct StopWait {
 
 void LogFailedQuery(Error failure) { Log1("StopService: QueryServiceStatusEx failed (%d)\n", failure); }
 
-/// Asks once more; false, with a line, when there is nothing more to wait for.
+/// Asks again; false, with a line, when there is nothing left to wait for.
 bool GoesOn(StopWait& wait, const char* stopped, const char* timedOut) {
     if (const Error failure = QueryAfterWaitHint(wait.service, wait.status)) {
         LogFailedQuery(failure);

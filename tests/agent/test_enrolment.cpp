@@ -40,7 +40,7 @@ class Enrolment : public TestAgent {
         lab::AddFault(store, {0, "RegisterAgent", lab::FaultKind::status, status, count});
     }
 
-    /// Threads that would work beside the test are only noted.
+    /// Threads that would run beside the test are only noted.
     static platform::ThreadOperations Threads(std::vector<platform::ThreadStart>& started) {
         platform::ThreadOperations threads = platform::Threads();
         threads.CreateThread = [&started, create = threads.CreateThread](auto start, void* argument) {

@@ -26,7 +26,7 @@ class LogFile : public test::TestAgent {
   protected:
     LogFile() : logs(folder / "monitoring" / "logs") {}
 
-    /// Opens the log as at a start, over files written as Files() gives them.
+    /// Opens the log as at a start, with files described in the form of Files().
     void Start(const std::string& files) {
         StopLogging();
         for (const auto& entry : fs::directory_iterator(logs)) fs::remove(entry);
@@ -157,7 +157,7 @@ TEST_F(LogFile, LosesNoLineWhileThreadsRotateAtFullSpeed) {
     const char* asked = std::getenv("KV_TEST_ROTATIONS");
     const int rotations = asked ? std::atoi(asked) : 500;
     Start("");
-    std::string kept;  // taken apart at the end only: a log grows for as long as its rotation takes
+    std::string kept;  // taken apart only at the end: a log grows for as long as its rotation takes
     std::atomic<int> moved{0};
     platform::FileOperations files = platform::Files();
     files.MoveFileExW = [&, real = files.MoveFileExW](auto from, auto to, bool replace) {
@@ -209,7 +209,7 @@ TEST_F(LogFile, KeepsTheLockOnTheEarlyWaysOutAndLinesFromWaitingForIt) {
     for (int i = 0; i < 100; ++i) Log1("passes the limit and goes on, line %d|\n", i);
     EXPECT_EQ(Files(), "agent.log=\n");
     EXPECT_TRUE(Logged("line 99|"));
-    const std::string reason = "goes on without rotation, for the lock of an earlier rotation was not released\n";
+    const std::string reason = "goes on without rotation, because the lock of an earlier rotation was not released\n";
     EXPECT_EQ(TimesLogged(reason), 1);
     UnsynchronizeResource_MSP(&logState.gv_logFile);
 

@@ -28,7 +28,7 @@ struct Setting {
 };
 
 constexpr std::u16string_view server = serverInfoKeyPath;
-/// In the order of their reading.
+/// In the order in which they are read.
 const Setting requiredSettings[] = {
     {server, u"KVServerName", u"central"},          {server, u"KVServerFlatName", u"flat"},
     {server, u"KVServerIPAddress", u"10.0.0.1"},    {server, u"KVServerSecurePort", u"8443"},
@@ -96,8 +96,8 @@ TEST_F(ServerDetails, TheOwnNameAndAddressHoldNothingUp) {
     const struct {
         const char* title;
         platform::Error lookup;  // waitTimeout: no answer
-        const char* address;     // that it gives
-        const char* routed;      // of the interface with the default route; null: no such route
+        const char* address;     // the one that it gives
+        const char* routed;      // of the interface with the default route; null when there is no such route
         std::optional<std::u16string_view> own;
     } rows[] = {
         {"an address of use", error::success, "10.1.2.3", "10.9.9.9", u"10.1.2.3"},
@@ -142,7 +142,7 @@ TEST_F(ServerDetails, TheOwnNameAndAddressHoldNothingUp) {
         const platform::ScopedOperations scopedThreads(threads);
         test::ResetAgentState();
         EXPECT_EQ(getCSDetails(), 0);
-        EXPECT_LE(waited, 600U) << "milliseconds, of a start that is to take less than a second";
+        EXPECT_LE(waited, 600U) << "milliseconds: a start takes less than a second";
         EXPECT_EQ(agentState.gv_localIPAddress, row.own);
         EXPECT_EQ(agentState.gv_agentDNS, isSilent ? agentState.gv_agentID : u"pc.example");
         EXPECT_EQ(agentState.gv_MaxFilesInDir, 1500) << "what comes later is read";

@@ -19,7 +19,7 @@ using platform::Error;
 namespace control = platform::service_control;
 namespace error = platform::error;
 
-/// Plays the service manager, and in the main thread's place runs one that reads the state and logs, as workers do.
+/// Plays the service manager, and instead of the main thread runs one that reads the state and logs like a worker.
 class Service : public test::HttpTest {
   protected:
     ~Service() override { End(); }
@@ -117,7 +117,7 @@ TEST_F(Service, ControlsAreAnsweredWithAState) {
         EXPECT_EQ(HandlerEx(code, 0, nullptr, nullptr), 0U);
         EXPECT_EQ(reports, report) << code;
     }
-    EXPECT_TRUE(threads.empty()) << "nobody works on an end";
+    EXPECT_TRUE(threads.empty()) << "no worker for an end is started";
     EXPECT_FALSE(Logged("SendAgentStatus"));
     EXPECT_TRUE(Logged(" HandlerEx : Service Control Pause notification is received \n"));
     EXPECT_EQ(lastReport.dwServiceType, 48U);
