@@ -1,12 +1,15 @@
 // The part of the Basic Encoding Rules that SNMP uses, on flat byte buffers. Source of the format: ITU-T X.690, as
-// narrowed by RFC 1157 and RFC 3416. Nothing here allocates, and nothing but the two routines at the end knows SNMP.
+// narrowed by RFC 1157 and RFC 3416. Nothing here allocates except for the line of a failure, keeps a state or throws,
+// and only the two routines at the end know what a variable is. Callable from any thread.
 //
-// All routines have one shape. A parser takes the read position and the count of bytes left, and gives the position
-// after the item, or null. A builder takes the write position and the count of bytes left, and gives the position after
-// what it wrote, or null. The count shrinks by what was consumed; only AsnParseHeader replaces it, by the length of the
-// content. A failure is final: nothing is repaired, the tag may be set, the count stays as it was at that moment.
-// Most failures leave an engine line at level 1; a lack of room and a wrong tag leave none, and those of
-// AsnBuildInteger are at level 3.
+// All routines but AsnParseLength and AsnSkipHeader have one shape. A parser takes the read position and the count of
+// bytes left, and gives the position after the item, or null. A builder takes the write position and the count of bytes
+// left, and gives the position after what it wrote, or null. The count shrinks by what was consumed; only
+// AsnParseHeader replaces it, by the length of the content. A failure is final: nothing is repaired, the tag may be
+// set, some bytes may be written, and the count stays as it is at that moment.
+//
+// Most failures leave an engine line at level 1, those of AsnBuildInteger at level 3. A wrong tag leaves none, nor does
+// a lack of room, except for that of a length.
 //
 // A few parsers look at the bytes of a length, or at one byte of content, before they know that these are there. So a
 // buffer that is parsed has asnReadAhead readable bytes behind its end; what they hold decides nothing but the value of
@@ -18,8 +21,8 @@
 
 namespace kv::snmp {
 
-/// Bytes that must be readable behind the end of what is parsed. Six are the longest look ahead (tag, length byte, four
-/// more); a message's own header adds six, since the count of bytes left takes no account of it.
+/// Bytes that must be readable behind the end of what is parsed. The longest look ahead is six (tag, length byte, four
+/// more). A message's own header adds six, because the count of bytes left includes it.
 inline constexpr std::size_t asnReadAhead = 16;
 
 /// The longest object identifier that a builder encodes, in sub-identifiers.
@@ -48,29 +51,30 @@ inline constexpr std::uint8_t endOfMibView = 0x82;
 
 // Lengths and headers.
 
-/// Short form, or one to four length bytes.
+/// Reads a length in the short form, or in one to four length bytes. Null for the indefinite form and for more bytes.
 [[nodiscard]] const std::uint8_t* AsnParseLength(const std::uint8_t* position, std::uint32_t* length);
 
-/// The shortest of one, two and three bytes; of a length above 65,535 the high bits are lost.
+/// Writes a length in one, two or three bytes, as few as it takes; a length above 65,535 loses its high bits.
 [[nodiscard]] std::uint8_t* AsnBuildLength(std::uint8_t* position, std::int32_t* remaining, std::uint32_t length);
 
 /// Steps to the content, which lies within remaining; remaining becomes the content's length. A tag whose low five bits
-/// are all ones is refused and not given out; any other is, also when something is wrong behind it.
+/// are all ones is refused and not given out; any other is, even when something is wrong behind it.
 [[nodiscard]] const std::uint8_t* AsnParseHeader(const std::uint8_t* position, std::int32_t* remaining,
                                                  std::uint8_t* tag);
 
 [[nodiscard]] std::uint8_t* AsnBuildHeader(std::uint8_t* position, std::int32_t* remaining, std::uint8_t tag,
                                            std::uint32_t length);
 
-/// Always four bytes: tag, 82 and the length in two bytes. A constructed item is begun with length 0, and this is
-/// written over it when its length is known.
+/// Always four bytes: tag, 82 and the length in two bytes. A constructed item begins with length 0, and is written over
+/// when its length is known.
 std::uint8_t* AsnBuildSequence(std::uint8_t* position, std::int32_t* remaining, std::uint8_t tag, std::uint32_t length);
 
-/// Steps over a header that has been parsed before.
+/// Steps over a header that has been parsed before. Never null.
 const std::uint8_t* AsnSkipHeader(const std::uint8_t* position);
 
-// Values. The tag is given out as found and written as given; size is the value's size in bytes on both ways, and
-// where it goes in and out: capacity in, length out.
+// Values. The tag is given out as it is found and written as it is given. size is that of the value in bytes, 4 for an
+// integer and 8 for a counter of 64 bits: any other fails. Where size goes in and out, the room goes in and the length
+// comes out.
 
 [[nodiscard]] const std::uint8_t* AsnParseInteger(const std::uint8_t* position, std::int32_t* remaining,
                                                   std::uint8_t* tag, std::int32_t* value, std::size_t size);
@@ -90,7 +94,7 @@ const std::uint8_t* AsnSkipHeader(const std::uint8_t* position);
 [[nodiscard]] std::uint8_t* AsnBuildString(std::uint8_t* position, std::int32_t* remaining, std::uint8_t tag,
                                            const std::uint8_t* bytes, std::size_t size);
 
-/// The first byte of a bit string counts the unused bits of its last and belongs to the value.
+/// The first byte of a bit string counts the unused bits of the last one, at most 7, and belongs to the value.
 [[nodiscard]] const std::uint8_t* AsnParseBitString(const std::uint8_t* position, std::int32_t* remaining,
                                                     std::uint8_t* tag, std::uint8_t* bytes, std::size_t* size);
 [[nodiscard]] std::uint8_t* AsnBuildBitString(std::uint8_t* position, std::int32_t* remaining, std::uint8_t tag,
@@ -100,30 +104,30 @@ const std::uint8_t* AsnSkipHeader(const std::uint8_t* position);
                                                std::uint8_t* tag);
 [[nodiscard]] std::uint8_t* AsnBuildNull(std::uint8_t* position, std::int32_t* remaining, std::uint8_t tag);
 
-/// count: room in subIds going in, refused below 2; how many there are, coming out. An encoding that holds more than
-/// fit is not a failure: the rest is left, and the position given stands inside the content. Sub-identifiers wrap at 32
-/// bits.
+/// count: the room in subIds goes in, at least 2, and the number of sub-identifiers comes out. An encoding that holds
+/// more than fit is not a failure: the rest is left, and the resulting position is inside the content. Sub-identifiers
+/// wrap at 32 bits.
 [[nodiscard]] const std::uint8_t* AsnParseObjectId(const std::uint8_t* position, std::int32_t* remaining,
                                                    std::uint8_t* tag, std::uint32_t* subIds, std::int32_t* count);
 
-/// Of an object identifier of one sub-identifier only a zero byte is written. One of more than asnMaxBuildSubIds is
-/// refused.
+/// An object identifier with fewer than two sub-identifiers is written as a zero byte. One with more than
+/// asnMaxBuildSubIds is refused, with a line in the agent's log.
 [[nodiscard]] std::uint8_t* AsnBuildObjectId(std::uint8_t* position, std::int32_t* remaining, std::uint8_t tag,
                                              const std::uint32_t* subIds, std::int32_t count);
 
 // One variable: SEQUENCE { name OBJECT IDENTIFIER, value }.
 
-/// Takes the name apart and finds the value: valuePosition points at its tag, valueLength is that of its content, which
-/// is not looked at. remaining is that of the whole list. Of a name that holds more than oid has room for, the rest is
-/// taken for the value.
+/// Decodes the name and finds the value: valuePosition points at its tag, valueLength is the length of its content,
+/// which is not looked at. remaining is that of the whole list. When a name holds more than oid has room for, the rest
+/// is taken for the value.
 [[nodiscard]] const std::uint8_t* SnmpParseVarBind(const std::uint8_t* position, std::uint32_t* oid,
                                                    std::int32_t* oidCount, std::uint8_t* valueTag,
                                                    std::int32_t* valueLength, const std::uint8_t** valuePosition,
                                                    std::int32_t* remaining);
 
-/// value has the form that its tag asks of the builders above; valueLength is its size in bytes. Both do not count
-/// where the tag is that of a null value; anywhere else a value without bytes may be null, and a negative length is
-/// refused.
+/// value has the form that the builder of its tag takes; valueLength is its size in bytes. Neither counts when the tag
+/// stands for a null value; otherwise a negative length and a tag without a builder are refused, and only a value
+/// without bytes may be null.
 [[nodiscard]] std::uint8_t* SnmpBuildVarBind(std::uint8_t* position, const std::uint32_t* oid,
                                              const std::int32_t* oidCount, std::uint8_t valueTag,
                                              std::int32_t valueLength, const void* value, std::int32_t* remaining);

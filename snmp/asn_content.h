@@ -8,15 +8,15 @@
 
 namespace kv::snmp {
 
-/// Writes the line of a failure, and is the null that it gives.
+/// Writes the line of a failure and gives the null that stands for it.
 [[gnu::cold]] std::nullptr_t AsnFailure(const char* line, std::int32_t level = 1);
 
-/// Size of an item whose header ends at content. Of 64 bits, so that no length wraps.
+/// The size of an item whose header ends at content; of 64 bits, so that no length wraps.
 inline std::int64_t AsnItemSize(const std::uint8_t* item, const std::uint8_t* content, std::uint32_t length) {
     return content - item + std::int64_t{length};
 }
 
-/// True when the item goes on behind the end.
+/// Whether an item goes on behind the end.
 inline bool AsnIsCutOff(const std::uint8_t* item, const std::uint8_t* content, std::uint32_t length,
                         std::int32_t remaining) {
     return AsnItemSize(item, content, length) > remaining;
@@ -31,7 +31,7 @@ inline const std::uint8_t* AsnParseContent(const std::uint8_t* item, std::int32_
     return AsnIsCutOff(item, content, *length, remaining) ? AsnFailure("overflow of message") : content;
 }
 
-/// Takes an item that lies within remaining off it, and gives the position behind the item.
+/// Takes an item that lies within remaining off it and gives the position behind the item.
 inline const std::uint8_t* AsnPassItem(const std::uint8_t* item, const std::uint8_t* content, std::uint32_t length,
                                        std::int32_t* remaining) {
     *remaining -= static_cast<std::int32_t>(AsnItemSize(item, content, length));

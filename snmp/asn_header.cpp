@@ -8,7 +8,7 @@ namespace {
 
 constexpr std::uint8_t longForm = 0x80;
 constexpr std::uint8_t lowBits = 0x7F;  // the length itself, or how many length bytes follow
-constexpr std::uint8_t idBits = 0x1F;   // all ones: the tag goes on in further bytes
+constexpr std::uint8_t idBits = 0x1F;   // all ones: the tag goes on in more bytes
 constexpr std::uint32_t maxLengthBytes = 4;
 constexpr std::int32_t sequenceHeaderSize = 4;
 
@@ -52,7 +52,8 @@ const std::uint8_t* AsnParseHeader(const std::uint8_t* position, std::int32_t* r
     if ((position[0] & idBits) == idBits) return AsnFailure("can't process ID >= 30");
     *tag = position[0];
     if (*remaining < 2) return nullptr;
-    // In the short form what follows is the content, in the long form so many length bytes: both have to be there.
+    // What follows is the content in the short form, and that many length bytes in the long form: both have to be
+    // there.
     if (*remaining - 1 - (position[1] & lowBits) <= 0) return nullptr;
     std::uint32_t length = 0;
     const std::uint8_t* content = AsnParseLength(position + 1, &length);

@@ -10,8 +10,8 @@ namespace {
 constexpr std::size_t wordSize = 4;  // bytes
 constexpr std::size_t counter64Size = 8;
 
-/// Big-endian, extended by the top bit of the first byte; bytes above the last four fall off. That first byte is looked
-/// at also when there is no content, so an empty integer is 0 or -1 by what comes behind it.
+/// Big-endian, extended by the top bit of the first byte; bytes before the last four fall off. The first byte is looked
+/// at even when there is no content, so an empty integer is 0 or -1 depending on what follows it.
 std::uint32_t FoldWord(const std::uint8_t* content, std::uint32_t length) {
     std::uint32_t value = (content[0] & 0x80) != 0 ? ~std::uint32_t{0} : 0;
     for (std::uint32_t i = 0; i < length; ++i) value = value << 8 | content[i];
@@ -25,7 +25,7 @@ std::uint8_t* WriteContent(std::uint8_t* content, std::int32_t* remaining, std::
     return content + size;
 }
 
-/// Content bytes of the shortest two's complement form: the bits that the value needs, and one for the sign.
+/// The content bytes of the shortest two's complement form: the bits that the value needs, and one for the sign.
 std::int32_t ContentSize(std::uint64_t value) { return static_cast<std::int32_t>(std::bit_width(value) / 8 + 1); }
 
 std::uint8_t* BuildUnsigned(std::uint8_t* position, std::int32_t* remaining, std::uint8_t tag, std::uint64_t value) {

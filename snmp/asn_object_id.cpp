@@ -11,9 +11,9 @@ namespace {
 constexpr std::uint8_t moreBytes = 0x80;  // another byte of the same sub-identifier follows
 constexpr std::uint8_t groupBits = 0x7F;
 constexpr std::int32_t bitsOfGroup = 7;
-constexpr std::uint32_t firstArcFactor = 40;  // the first two sub-identifiers are encoded as one value: 40 a + b
+constexpr std::uint32_t firstArcFactor = 40;  // one value encodes the first two sub-identifiers: 40 a + b
 
-/// One encoded value, which the end cuts short. It wraps at 32 bits.
+/// Reads one encoded value, which the end may cut short. It wraps at 32 bits.
 const std::uint8_t* ReadSubId(const std::uint8_t* position, const std::uint8_t* end, std::uint32_t* value) {
     if (*position < moreBytes) {
         *value = *position;
@@ -61,7 +61,7 @@ const std::uint8_t* AsnParseObjectId(const std::uint8_t* position, std::int32_t*
     subIds[1] = 0;
     std::int32_t filled = 1;
     for (; content < end && filled < *count; ++filled) content = ReadSubId(content, end, &subIds[filled]);
-    // The first sub-identifier comes out above 2 for a value from 120 on, which a strict encoder never writes.
+    // From a value of 120 on, which a strict encoder never writes, the first sub-identifier comes out above 2.
     subIds[0] = subIds[1] / firstArcFactor;
     subIds[1] %= firstArcFactor;
     *count = filled;

@@ -5,10 +5,10 @@ namespace kv::snmp {
 
 namespace {
 
-/// What a value's tag asks of its builder.
-enum class ValueForm { unknown, none, integer, bitString, string, objectId, word, counter64 };
+/// The form in which a value's builder takes it.
+enum class ValueForm { unknown, null, integer, bitString, string, objectId, word, counter64 };
 
-ValueForm FormOf(std::uint8_t valueTag) {
+ValueForm ValueFormFor(std::uint8_t valueTag) {
     switch (valueTag) {
         case tag::integer:
             return ValueForm::integer;
@@ -23,7 +23,7 @@ ValueForm FormOf(std::uint8_t valueTag) {
         case tag::noSuchObject:
         case tag::noSuchInstance:
         case tag::endOfMibView:
-            return ValueForm::none;
+            return ValueForm::null;
         case tag::objectId:
             return ValueForm::objectId;
         case tag::counter32:
@@ -40,7 +40,7 @@ ValueForm FormOf(std::uint8_t valueTag) {
 
 std::uint8_t* BuildValue(std::uint8_t* position, std::int32_t* remaining, std::uint8_t tag, ValueForm form,
                          const void* value, std::int32_t length) {
-    if (form == ValueForm::none) return AsnBuildNull(position, remaining, tag);
+    if (form == ValueForm::null) return AsnBuildNull(position, remaining, tag);
     if (length < 0 || (length > 0 && !value)) return nullptr;
     const auto size = static_cast<std::size_t>(length);
     const auto* bytes = static_cast<const std::uint8_t*>(value);
@@ -93,7 +93,7 @@ std::uint8_t* SnmpBuildVarBind(std::uint8_t* position, const std::uint32_t* oid,
     if (!parts) return nullptr;
     std::uint8_t* next = AsnBuildObjectId(parts, remaining, tag::objectId, oid, *oidCount);
     if (!next) return AsnFailure("Can't build OID for variable");
-    const ValueForm form = FormOf(valueTag);
+    const ValueForm form = ValueFormFor(valueTag);
     if (form == ValueForm::unknown) return AsnFailure("wrong type");
     next = BuildValue(next, remaining, valueTag, form, value, valueLength);
     if (!next) return AsnFailure("Can't build value");

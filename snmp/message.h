@@ -12,9 +12,10 @@
 //                 06 nn ..       its name
 //                 04 00          no value
 //
-// A trap of SNMPv1 has its sender's OID and address, two kinds of trap and a time in the place of id, status and index.
+// A trap of SNMPv1 has its sender's OID and address, two kinds of trap and a time instead of id, status and index.
 //
-// Every constructed item that is sent has a length of three bytes. Parsing takes any valid form.
+// Every constructed item that is sent has a length of three bytes. Parsing takes any valid form. A PDU belongs to one
+// thread; nothing here throws.
 #pragma once
 
 #include <cstddef>
@@ -28,14 +29,14 @@ namespace kv::snmp {
 
 struct TransportDomainInfo;
 
-/// Size of the buffers that messages are built in and received into.
+/// The size of the buffers that messages are built in and received into.
 inline constexpr std::int32_t messageBufferSize = 8000;
 
-/// A received message of this length or more is dropped.
+/// A received message of at least this length is dropped.
 inline constexpr std::int32_t maxReceivedMessage = 7990;
 
-inline constexpr std::size_t maxReceivedCommunity = 256;  // bytes
-inline constexpr std::int32_t maxReceivedSubIds = 128;    // of one name
+inline constexpr std::size_t maxReceivedCommunity = 256;  // bytes; a longer one drops the message
+inline constexpr std::int32_t maxReceivedSubIds = 128;    // of one name; the rest is taken for the value
 
 /// What parsing came to.
 namespace parse_result {
@@ -45,7 +46,7 @@ inline constexpr std::uint8_t outOfMemory = 99;
 inline constexpr std::uint8_t brokenList = 255;
 }  // namespace parse_result
 
-/// Where the items of a message under construction begin and end, in its buffer.
+/// Where the items of a message that is being built begin and end, in its buffer.
 struct MessagePositions {
     std::uint8_t* message;
     std::uint8_t* messageHeaderEnd;
@@ -56,35 +57,38 @@ struct MessagePositions {
     std::uint8_t* end;
 };
 
-/// Writes a message. size: that of the buffer going in, the message's coming out; it stays what it was when the
-/// variables do not fit, and when the message cannot be built, which gives none. Version 3 gives bytes that no engine
-/// can read.
+/// Writes a message. The size of the buffer goes in, that of the message comes out. Absent when the message cannot be
+/// built. size stays what it was then, and when the variables do not fit, which leaves an error status in the PDU.
+/// Version 3 gives bytes that no engine can read.
 [[nodiscard]] std::optional<MessagePositions> BuildSnmpMsg(std::uint8_t* buffer, std::int32_t* size, SnmpPdu* pdu);
 
-/// 1, or 0 when the message cannot be built, or the hook of a message of version 3 fails (snmp/processing_hooks.h).
+/// BuildSnmpMsg and, for version 3, the hook of snmp/processing_hooks.h: 1, or 0 when one of them fails.
 int CreateSnmpMsgForPdu(std::uint8_t* buffer, std::int32_t* size, SnmpPdu* pdu);
 
-/// Builds a PDU's message and sends it; 1 sent, 0 not. What a failed build left in the buffer is sent all the same.
+/// Builds a PDU's message and sends it: 1 sent, 0 not sent. When the message cannot be built or does not fit, the whole
+/// buffer is sent as it is, with a log line.
 [[nodiscard]] int SendSnmpPdu(TransportDomainInfo* info, SnmpPdu* pdu);
 
-/// Receives one message and parses it into a fresh PDU.
+/// Receives one message and parses it into a fresh PDU: done or dropped. Does not wait for the message.
 [[nodiscard]] std::uint8_t ReadAndParseSnmpMessage(TransportDomainInfo* info, SnmpPdu* pdu);
 
-/// Parses a whole message into a fresh PDU: done or dropped. A list of variables that is broken, or whose records are
-/// too much for the memory, counts as done, with no variables; a value that is too much for it drops the message. The
-/// PDU stays the caller's on every path. The buffer goes on for asnReadAhead bytes behind length.
+/// Parses a whole message into a fresh PDU: done or dropped. A list of variables that is broken, or for whose records
+/// there is no memory, counts as done, without variables. A value for which there is no memory, or that is a broken
+/// object identifier, drops the message. The PDU stays the caller's on every path. The buffer goes on for asnReadAhead
+/// bytes behind length.
 [[nodiscard]] std::uint8_t ParseSnmpMessageForPdu(const std::uint8_t* buffer, std::int32_t length, SnmpPdu* pdu);
 
-/// Version and community; done or dropped.
+/// Parses version and community: done or dropped. After a failure position may be null.
 [[nodiscard]] std::uint8_t ParseSnmpV1V2Message(const std::uint8_t** position, std::int32_t* remaining, SnmpPdu* pdu);
 
-/// Everything from the PDU's header on; any result.
+/// Parses everything from the PDU's header on: any result. Without done the PDU has no variables.
 [[nodiscard]] std::uint8_t ParseSnmpMessage(const std::uint8_t** position, std::int32_t* remaining, SnmpPdu* pdu);
 
-/// The list of variables, which fills what remains; any result.
+/// Parses the list of variables, which must fill what remains: any result. Without done the PDU has those ahead of the
+/// failure.
 [[nodiscard]] std::uint8_t ParsePdu(SnmpPdu* pdu, const std::uint8_t* position, std::int32_t remaining);
 
-/// The error status of SNMPv1 that stands for one of SNMPv2c.
+/// The error status of SNMPv1 that stands for one of SNMPv2c; 5, a general error, for one that is not known.
 std::int32_t MapToSNMPv1Error(std::int32_t status);
 
 }  // namespace kv::snmp

@@ -28,7 +28,7 @@ bool Failed(const char* line) {
     return false;
 }
 
-/// Reserves the header of a constructed item; its length is written by CloseItem.
+/// Reserves the header of a constructed item; CloseItem writes its length.
 bool OpenItem(Writer& out, std::uint8_t tag, std::uint8_t*& item, std::uint8_t*& headerEnd) {
     item = out.position;
     out.position = AsnBuildSequence(out.position, &out.remaining, tag, 0);
@@ -36,7 +36,7 @@ bool OpenItem(Writer& out, std::uint8_t tag, std::uint8_t*& item, std::uint8_t*&
     return out.position != nullptr;
 }
 
-/// Gives the end of the header, or null.
+/// Writes the length of a constructed item; gives the end of its header, or null.
 std::uint8_t* CloseItem(std::uint8_t* item, const std::uint8_t* headerEnd, std::uint8_t tag, const std::uint8_t* end) {
     std::int32_t room = constructedHeaderSize;
     return AsnBuildSequence(item, &room, tag, static_cast<std::uint32_t>(end - headerEnd));
@@ -62,7 +62,7 @@ bool BuildEnvelope(Writer& out, MessagePositions& at, const SnmpPdu& pdu) {
     return out.position != nullptr || Failed("Unable to encode snmp_auth\n");
 }
 
-/// Request id, error status and error index. What changes in the status changes in memory only: it is written before.
+/// Request id, error status and error index. The status is written before it changes, so it changes in memory only.
 bool BuildFields(Writer& out, SnmpPdu& pdu) {
     if (!BuildField(out, pdu.requestId)) return Failed("Unable to encode reqid \n");
     if (!BuildField(out, pdu.errorStatus)) return Failed("Unable to encode errstatus\n");
@@ -71,7 +71,7 @@ bool BuildFields(Writer& out, SnmpPdu& pdu) {
     return BuildField(out, pdu.errorIndex) || Failed("Unable to encode errindex\n");
 }
 
-/// What a trap of SNMPv1 has in their place.
+/// What a trap of SNMPv1 has instead of them.
 bool BuildTrapFields(Writer& out, const SnmpPdu& pdu) {
     out.position =
         AsnBuildObjectId(out.position, &out.remaining, tag::objectId, pdu.enterpriseOid, pdu.enterpriseOidLength);
@@ -124,7 +124,7 @@ bool BuildVariables(Writer& out, const MessagePositions& at, SnmpPdu& pdu) {
     for (std::int32_t number = 1; number <= list->count; ++number, node = node->next) {
         if (node == nullptr) return Failed("nodePtr value is NULL\n");
         if (!BuildVariable(out, *static_cast<const VarBind*>(node->data), pdu.command)) {
-            if (pdu.receivedCommand == command::getBulk) return true;  // as many as fit are an answer
+            if (pdu.receivedCommand == command::getBulk) return true;  // those that fit are an answer
             TKLOG(1, "\n 1. Too big respone PDU\n");
             pdu.errorStatus = tooBigStatus;
             pdu.errorIndex = 0;
@@ -180,8 +180,8 @@ std::optional<MessagePositions> BuildSnmpMsg(std::uint8_t* buffer, std::int32_t*
     TKLOG(3, "\t Inside BuildSnmpMsg() \n");
     MessagePositions at{};
     Writer out{.position = buffer, .remaining = *size};
-    // Version 3 has no envelope: the message and its content both begin where the PDU does, and the message's header
-    // will be written over the PDU's.
+    // Version 3 has no envelope: the message and its content both begin where the PDU does, and the message's header is
+    // written over the PDU's.
     at.message = at.messageHeaderEnd = buffer;
     if (pdu->version != versionV3 && !BuildEnvelope(out, at, *pdu)) return std::nullopt;
     if (!OpenItem(out, pdu->command, at.pdu, at.pduHeaderEnd)) {
@@ -209,8 +209,7 @@ int CreateSnmpMsgForPdu(std::uint8_t* buffer, std::int32_t* size, SnmpPdu* pdu) 
 
 int SendSnmpPdu(TransportDomainInfo* info, SnmpPdu* pdu) {
     TKLOG(3, "\t Inside SendSnmpPdu() \n");
-    // Zero between two messages: after a failed build all of it is sent, and nothing of this process's memory may go
-    // with it.
+    // Zero between two messages: after a failed build all of it is sent, and no memory of this process may go with it.
     static thread_local std::array<std::uint8_t, messageBufferSize> buffer{};
     std::int32_t size = messageBufferSize;
     CreateSnmpMsgForPdu(buffer.data(), &size, pdu);

@@ -24,7 +24,7 @@ std::uint8_t OutOfMemory() {
 
 enum class Taking { asAnswer, dropped, refused };
 
-/// How a message type is taken, whichever was asked for, and its name in the log.
+/// How a message type is taken, whatever the request was, and its name in the log.
 struct CommandRow {
     std::uint8_t command;
     Taking taking;
@@ -42,14 +42,14 @@ constexpr CommandRow commandRows[] = {
     {command::trapV2, Taking::dropped, ""},
 };
 
-/// Null for what is refused.
-const CommandRow* RowOf(std::uint8_t command) {
+/// Null for a type that is refused.
+const CommandRow* CommandRowFor(std::uint8_t command) {
     for (const CommandRow& row : commandRows)
         if (row.command == command && row.taking != Taking::refused) return &row;
     return nullptr;
 }
 
-/// One of the numbers ahead of the list; false when there is none.
+/// Parses one of the numbers ahead of the list; false when it is not there.
 bool ParseField(const std::uint8_t** position, std::int32_t* remaining, std::int32_t* value) {
     std::uint8_t type = 0;
     *position = AsnParseInteger(*position, remaining, &type, value, sizeof *value);
@@ -137,7 +137,7 @@ std::uint8_t ParseSnmpMessage(const std::uint8_t** position, std::int32_t* remai
     if (*position == nullptr || *remaining == 0) return Dropped("Unable to decode header and community \n");
     *position = AsnParseHeader(*position, remaining, &pdu->command);
     if (*position == nullptr || *remaining == 0) return Dropped("Unable to decode header\n");
-    const CommandRow* row = RowOf(pdu->command);
+    const CommandRow* row = CommandRowFor(pdu->command);
     if (row == nullptr) return Dropped("\n \t @@@@@@@@@@ Invalid Command Type @@@@@@@@ \n");
     pdu->receivedCommand = pdu->command;
     TKLOG(2, "\n Message Type\t\t=\t");
@@ -188,9 +188,9 @@ std::uint8_t ParseSnmpMessageForPdu(const std::uint8_t* buffer, std::int32_t len
     const std::uint8_t* position = AsnParseHeader(buffer, &contentLength, &type);
     TKLOG(2, "\nThe Length of the received Message : %d\n", length);
     if (position == nullptr || type != tag::sequence) return Dropped("Unable to decode auth header type\n");
-    // The datagram's length bounds what follows, not the content's: it is wider by the size of the header.
+    // The length of the datagram bounds what follows, and not that of the content: it is wider by the header's size.
     std::int32_t remaining = length;
-    if (pdu->version != versionV3) {  // nor is a fresh PDU: every message of the manager has an envelope
+    if (pdu->version != versionV3) {  // true for a fresh PDU: every message of the manager has an envelope
         const std::uint8_t result = ParseSnmpV1V2Message(&position, &remaining, pdu);
         if (result != parse_result::done) {
             TKLOG(1, "PACKET DROPPED !!! \n");

@@ -12,12 +12,12 @@ namespace kv::snmp {
 
 namespace {
 
-std::string_view BytesOf(const char* buffer, std::int32_t length) {
+std::string_view BufferBytes(const char* buffer, std::int32_t length) {
     return buffer && length > 0 ? std::string_view(buffer, static_cast<std::size_t>(length)) : std::string_view();
 }
 
-/// Null with a line when memory ran out.
-char* CopyOf(std::string_view token) {
+/// A copy of a token; null with a line when memory ran out.
+char* TokenCopy(std::string_view token) {
     char* copy = new (std::nothrow) char[token.size() + 1];
     if (!copy) {
         TKLOG(1, "Memory allocation failed for retStr[i]\n");
@@ -33,7 +33,7 @@ bool CopyTokens(std::string_view text, char delimiter, char** tokens, std::int32
         bool ended = false;
         lengths[i] = TokenLength(text.data(), static_cast<std::int32_t>(text.size()), delimiter, &ended);
         const auto size = static_cast<std::size_t>(lengths[i]);
-        tokens[i] = CopyOf(text.substr(0, size));
+        tokens[i] = TokenCopy(text.substr(0, size));
         if (!tokens[i]) return false;
         text.remove_prefix(size + (ended ? 1 : 0));
     }
@@ -75,19 +75,19 @@ int AllocateAndCopyString(NarrowText& target, const char* text) {
 }
 
 std::int32_t CountDelimiters(const char* buffer, std::int32_t length, char delimiter) {
-    const std::string_view bytes = BytesOf(buffer, length);
+    const std::string_view bytes = BufferBytes(buffer, length);
     return static_cast<std::int32_t>(std::count(bytes.begin(), bytes.end(), delimiter));
 }
 
 std::int32_t TokenLength(const char* buffer, std::int32_t length, char delimiter, bool* ended) {
-    const std::string_view bytes = BytesOf(buffer, length);
+    const std::string_view bytes = BufferBytes(buffer, length);
     const std::size_t end = bytes.find(delimiter);
     *ended = end != bytes.npos;
     return static_cast<std::int32_t>(*ended ? end : bytes.size());
 }
 
 char ParseDelimiter(const char* buffer, std::int32_t length) {
-    const std::string_view bytes = BytesOf(buffer, length);
+    const std::string_view bytes = BufferBytes(buffer, length);
     const std::size_t at = bytes.find_first_of(" \t\r\v");
     return at == bytes.npos ? '\0' : bytes[at];
 }
@@ -107,7 +107,7 @@ char** SplitString(const char* text, std::int32_t length, char delimiter, std::i
     }
     lengths.reset(new (std::nothrow) std::int32_t[room]{});
     if (!lengths) TKLOG(1, "Memory allocation failed for *retStrLen\n");
-    if (!lengths || !CopyTokens(BytesOf(text, length), delimiter, array, lengths.get(), tokens)) {
+    if (!lengths || !CopyTokens(BufferBytes(text, length), delimiter, array, lengths.get(), tokens)) {
         FreeStringArray(array, tokens);
         return nullptr;
     }

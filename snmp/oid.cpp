@@ -17,7 +17,8 @@ namespace {
 constexpr std::uint8_t continuation = 0x80;   // set in all bytes of a sub-identifier but its last
 constexpr std::uint8_t isoOrganization = 43;  // 1.3, the first byte of nearly every OID
 
-/// A sub-identifier of 32 bits has ten digits; more than this cannot be meant.
+/// The longest part of a text in characters. A sub-identifier of 32 bits has ten digits; more than this cannot be
+/// meant.
 constexpr std::size_t maxPartLength = 19;
 
 std::int32_t RefuseText(bool isAddress) {
@@ -25,19 +26,19 @@ std::int32_t RefuseText(bool isAddress) {
     return -1;
 }
 
-/// A value that wrapped to 0 shows by its last digit, and one that wrapped to -1 is taken for a failure.
-std::optional<std::uint32_t> SubIdOf(std::string_view part) {
+/// A value that wrapped to 0 shows in its last digit; one that wrapped to -1 is taken for a failure.
+std::optional<std::uint32_t> ParseSubId(std::string_view part) {
     if (part.empty() || part.size() > maxPartLength) return std::nullopt;
     const std::int32_t value = ConvertTextToInteger(part);
     if (value == -1 || (value == 0 && part.back() != '0')) return std::nullopt;
     return static_cast<std::uint32_t>(value);
 }
 
-std::span<const std::uint32_t> SubIdsOf(const std::uint32_t* subIds, std::int32_t count) {
+std::span<const std::uint32_t> SubIdSpan(const std::uint32_t* subIds, std::int32_t count) {
     return {subIds, static_cast<std::size_t>(std::max(count, 0))};
 }
 
-/// Writes what follows the first byte. False when the bytes end in the middle of a sub-identifier.
+/// Decodes what follows the first byte. False when the bytes end in the middle of a sub-identifier.
 bool DecodeSubIds(std::span<const std::uint8_t> bytes, std::uint32_t* subIds) {
     std::uint32_t value = 0;
     bool isComplete = true;
@@ -68,7 +69,7 @@ std::int32_t ConvertToOidOrIpFromString(SubIds& out, std::string_view text, bool
     std::ptrdiff_t parts = 0;
     for (std::size_t start = isAddress ? 0 : 1; start <= text.size();) {
         const std::size_t end = std::min(text.find('.', start), text.size());
-        const std::optional<std::uint32_t> subId = SubIdOf(text.substr(start, end - start));
+        const std::optional<std::uint32_t> subId = ParseSubId(text.substr(start, end - start));
         if (!subId) return RefuseText(isAddress);
         subIds[static_cast<std::size_t>(parts++)] = *subId;
         start = end + 1;
@@ -81,7 +82,7 @@ std::int32_t ConvertToStringFromOid(const std::uint32_t* subIds, std::int32_t co
     constexpr std::uint32_t maxWritten =
         std::numeric_limits<std::int32_t>::max();  // they are divided as signed numbers
     constexpr std::ptrdiff_t maxDigits = 10;
-    for (const std::uint32_t subId : SubIdsOf(subIds, count)) {
+    for (const std::uint32_t subId : SubIdSpan(subIds, count)) {
         *text++ = '.';
         if (subId < 10) {
             *text++ = static_cast<char>('0' + subId);
@@ -98,8 +99,8 @@ std::uint16_t GetOidLength(const char* text, std::int32_t length) {
 }
 
 std::int8_t CompareOid(const std::uint32_t* a, std::int32_t countA, const std::uint32_t* b, std::int32_t countB) {
-    const std::span<const std::uint32_t> left = SubIdsOf(a, countA);
-    const std::span<const std::uint32_t> right = SubIdsOf(b, countB);
+    const std::span<const std::uint32_t> left = SubIdSpan(a, countA);
+    const std::span<const std::uint32_t> right = SubIdSpan(b, countB);
     const auto order = std::lexicographical_compare_three_way(left.begin(), left.end(), right.begin(), right.end());
     return order > 0 ? 1 : order < 0 ? -1 : 0;
 }

@@ -12,12 +12,12 @@ namespace {
 
 constexpr std::size_t communityRoom = maxRequestCommunity + 1;
 
-/// The commands that have a list of their own, on the heap.
+/// Whether a command has a list of its own on the heap.
 bool UsesOtherList(std::uint8_t command) {
     return command == command::trapV1 || command == command::inform || command == command::trapV2;
 }
 
-/// The list that is to hold the variables, or null when memory ran out.
+/// The list that will hold the variables; null when memory ran out.
 TkVector* PrepareList(SnmpPdu& pdu) {
     if (!UsesOtherList(pdu.command)) {
         InitVector(&pdu.varBinds, nullptr);
@@ -27,7 +27,7 @@ TkVector* PrepareList(SnmpPdu& pdu) {
     return pdu.otherVarBinds;
 }
 
-/// Nodes for all variables of a list. False, and none at all, when memory ran out.
+/// Adds nodes for all variables of a list. False, with no node added, when memory ran out.
 bool AddAll(TkVector* target, const TkVector* vector) {
     for (const TkVectorNode* source = vector->head; source; source = source->next) {
         auto* node = new (std::nothrow) TkVectorNode{source->data, nullptr};
@@ -108,7 +108,7 @@ void DisplaySnmpPduInfo(const SnmpPdu* pdu) {
     TKLOG(2, "Request Id\t\t\t= %ld\n", pdu->requestId);
     TKLOG(2, "Error Index\t\t\t= %ld\n", pdu->errorIndex);
     TKLOG(2, "Error Status\t\t\t= %ld\n", pdu->errorStatus);
-    // Of a received response nothing follows: it has no other list.
+    // Nothing follows for a received response: it has no other list.
     const bool usesOther =
         pdu->command == command::response || pdu->command == command::trapV1 || pdu->command == command::trapV2;
     const TkVector* list = usesOther ? pdu->otherVarBinds : &pdu->varBinds;

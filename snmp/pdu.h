@@ -1,4 +1,4 @@
-// A request or an answer on its way through the engine.
+// A request or an answer on its way through the engine. A PDU belongs to one thread; nothing here throws.
 #pragma once
 
 #include <array>
@@ -36,7 +36,7 @@ struct SnmpPdu {
     std::uint8_t command;
     std::uint8_t receivedCommand;  // command of a parsed message; 0 in a request
     std::int32_t requestId;
-    std::int32_t errorStatus;  // 0 none; of a reply, what the device reports
+    std::int32_t errorStatus;  // 0 for success; of a reply, what the device reports
     std::int32_t errorIndex;   // the variable that the status is about, from 1
 
     // Of a trap of SNMPv1 only, which the manager neither sends nor takes.
@@ -47,29 +47,30 @@ struct SnmpPdu {
     std::int32_t specificTrap;
     std::uint32_t timeStamp;  // hundredths of a second for which the sender has run
 
-    std::int32_t timeoutSeconds;  // of a request: how long its answer is waited for
+    std::int32_t timeoutSeconds;  // of a request: how long to wait for the answer
     std::uint8_t asksForHook;     // of version 3: its message goes through PostProcessMessage
     TkVector varBinds;            // owns its variables
-    TkVector* otherVarBinds;      // in use instead for trapV1, inform and trapV2; owned, or null
+    TkVector* otherVarBinds;      // used instead for trapV1, inform and trapV2; owned, or null
     std::int32_t varBindCount;    // of a parsed message
 };
 
-/// Zeroed; null with an engine line when memory ran out.
+/// A zeroed PDU; the caller's, released with FreeSnmpPdu. Null with an engine line when memory ran out.
 [[nodiscard]] SnmpPdu* AllocateAndInitSnmpPdu();
 
-/// A PDU that takes over the variables of a list; the list keeps its nodes, which its holder frees. Null when memory
-/// ran out and for a community that is too long, each with a log line: variables and nodes are then freed.
+/// A PDU that takes over the variables of a list; the list keeps its nodes, which its holder frees. A null community
+/// counts as empty. Null when memory ran out or the community is too long, each with a log line: the variables and
+/// nodes of the list are then freed.
 [[nodiscard]] SnmpPdu* CreateSnmpPdu(std::int32_t version, const char* community, std::uint8_t command,
                                      std::int32_t requestId, std::int32_t errorStatus, std::int32_t errorIndex,
                                      TkVector* vector);
 
-/// Frees everything. Null is allowed.
+/// Frees a PDU with all that it owns. Null is allowed.
 void FreeSnmpPdu(SnmpPdu* pdu);
 
-/// Frees the community, the enterprise's OID and the record, and no variables.
+/// Frees the community, the enterprise's OID and the record, but no variables. Null is allowed.
 void FreeSnmpPduShell(SnmpPdu* pdu);
 
-/// Trace lines.
+/// Writes trace lines.
 void DisplaySnmpPduInfo(const SnmpPdu* pdu);
 
 struct FreeSnmpPduDeleter {

@@ -1,5 +1,5 @@
-// Places where a build of the engine can put code of its own. None is filled here, and an empty one succeeds. They are
-// set before the engine is used, and not changed afterwards.
+// Places where a build of the engine can put code of its own. All of them are empty here, and an empty one succeeds.
+// They are set before the engine is used, and not changed afterwards.
 #pragma once
 
 #include <cstdint>
@@ -12,7 +12,7 @@ struct ProcessingHooks {
     /// Around the start of the engine's service: stage 1 before it, 2 after it. 0 or 99 ends the start.
     std::uint8_t (*service)(std::int32_t stage) = nullptr;
 
-    /// A built message of version 3, whose PDU asks for it; size is the message's. 1, or 0 when it failed.
+    /// Gets a built message of version 3 whose PDU asks for it; size is that of the message. 1, or 0 when it failed.
     std::uint8_t (*message)(std::uint8_t* buffer, std::int32_t* size, SnmpPdu* pdu) = nullptr;
 };
 

@@ -17,7 +17,7 @@ class VectorLock {
     const TkVector* vector_;
 };
 
-/// Puts a node behind another, or at the head behind none. The tail of an empty list is not a node.
+/// Puts a node behind another one, or at the head when that is null. The tail of an empty list is not a node.
 void LinkBehind(TkVector& vector, TkVectorNode* before, TkVectorNode* node) {
     TkVectorNode*& link = before ? before->next : vector.head;
     node->next = link;
@@ -26,10 +26,10 @@ void LinkBehind(TkVector& vector, TkVectorNode* before, TkVectorNode* node) {
     ++vector.count;
 }
 
-TkVectorNode* LastOf(const TkVector& vector) { return vector.head ? vector.tail : nullptr; }
+TkVectorNode* LastNode(const TkVector& vector) { return vector.head ? vector.tail : nullptr; }
 
-/// Finds the node that another is to stand behind, null for none; false when there is an equal one. Halves what is left
-/// to look at, and steps along the list to its middle.
+/// Finds the node that another one belongs behind, null for the head; false when there is an equal one. Halves what is
+/// left to look at, and steps along the list to its middle.
 bool FindPlace(const TkVector& vector, const TkVectorNode* node, TkVectorNode*& before) {
     before = nullptr;
     for (std::int32_t left = vector.count; left > 0;) {
@@ -58,7 +58,7 @@ void FreeVector(TkVector* vector) {
 
 int AddElement(TkVector* vector, TkVectorNode* node) {
     const VectorLock lock(vector);
-    TkVectorNode* before = LastOf(*vector);
+    TkVectorNode* before = LastNode(*vector);
     if (vector->compare && !FindPlace(*vector, node, before)) return 0;
     LinkBehind(*vector, before, node);
     return 1;

@@ -18,14 +18,15 @@ constexpr std::uint64_t maxLogSize = 5'242'879;  // bytes
 
 std::u16string ownLogPath;  // guarded by streamMutex; empty while the agent's log is in place
 
-/// Where a name leads from the working directory, which is that of the agent's program.
-std::u16string PathOf(std::string_view name) {
+/// The path of a log from the working directory, which is that of the agent's program.
+std::u16string ToolkitLogPath(std::string_view name) {
     const std::string_view base = name.find(':') == name.npos ? "..\\" : "";
     return platform::WideFromUtf8(std::string(base).append(name));
 }
 
-/// Begins the engine's log again, empty; called with streamMutex held. One of its own is closed first; the agent's file
-/// is not closed, and stays in place when the engine's cannot be opened. At the end of the agent no log is begun.
+/// Begins the engine's log again, empty; called with streamMutex held. The engine's former file is closed first. The
+/// agent's file is not closed, and stays in place when the engine's cannot be opened. After EndLogRotation no log is
+/// begun.
 bool BeginOwnLog(const std::u16string& path) {
     if (logState.isRotationOver) return false;
     if (logState.isToolkitLog) {
@@ -44,8 +45,7 @@ bool BeginOwnLog(const std::u16string& path) {
     return true;
 }
 
-/// True when the engine's log has no room for a text, or could not be opened the last time. Called with streamMutex
-/// held.
+/// True when the engine's log has no room for a text, or could not be opened last time. Called with streamMutex held.
 bool IsOwnLogFull(std::string_view text) {
     std::uint64_t size = 0;
     if (logState.gv_logFile == 0) return true;
@@ -61,7 +61,7 @@ void SetToolkitLogLevel(std::int32_t agentLogLevel) {
 }
 
 bool OpenToolkitLog(std::string_view name) {
-    const std::u16string path = PathOf(name);
+    const std::u16string path = ToolkitLogPath(name);
     const std::lock_guard stream(logState.streamMutex);
     if (BeginOwnLog(path)) return true;
     std::printf("Unable to open the file %s\n", platform::Utf8FromWide(path).c_str());

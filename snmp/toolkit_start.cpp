@@ -14,15 +14,15 @@ namespace {
 constexpr const char* banner = "Sablewire Agent Toolkit 6.4.0";
 constexpr const char* ownLogName = "logs\\SNMP_agent.log";
 
-/// The engine's own session stays open for the life of the process. It is not freed at the end, when there may be no
-/// socket operations any more to close it with; a start that follows another opens a new one.
+/// Closes the session of an earlier start. The engine's own session stays open for the life of the process, and is not
+/// freed at its end: there may be no socket operations left to close it with.
 void CloseOwnSession() {
     if (transportState.ownSession) CloseSnmpSession(transportState.ownSession);
     FreeTransportDomainInfo(transportState.ownSession);
     transportState.ownSession = nullptr;
 }
 
-/// False without a word when memory ran out.
+/// False without a line when memory ran out.
 bool InitManagerGlobals() {
     TKLOG(3, "\t Inside InitManagerGlobals() \n");
     logState.gv_logOpenFailed = static_cast<std::uint16_t>(logState.gv_logOpenFailed & 0xFF00);
@@ -32,7 +32,7 @@ bool InitManagerGlobals() {
     return transportState.ownSession != nullptr;
 }
 
-// The flag is one word that the agent and the engine share; the engine's half is its low byte.
+// The agent and the engine share one word as a flag; the engine's half is its low byte.
 bool IsStarted() { return (agentState.gv_agentRunFlag & 0xFF) == 1; }
 void SetStarted() {
     agentState.gv_agentRunFlag = static_cast<std::uint16_t>((agentState.gv_agentRunFlag & 0xFF00) | 1);
@@ -44,7 +44,7 @@ bool OpenOwnLog() {
     return false;
 }
 
-/// Opens the engine's own session; false without a word when memory ran out.
+/// Opens the engine's own session; false without a line when memory ran out.
 bool StartSNMPService() {
     TKLOG(3, "\t Inside StartSNMPService() \n");
     const auto opened = static_cast<std::uint8_t>(OpenSnmpSession(transportState.ownSession));
@@ -59,7 +59,7 @@ bool StartSNMPService() {
     return true;
 }
 
-/// False with a line when the code of a stage fails.
+/// Runs the code of a stage; false with a line when it fails.
 bool RunHook(std::int32_t stage, const char* failure) {
     const std::uint8_t result = DoProcessingCode(stage);
     if (result != 0 && result != 99) return true;
@@ -69,7 +69,7 @@ bool RunHook(std::int32_t stage, const char* failure) {
 
 void InitSnmpParams() { InitTransportDomain(); }
 
-/// The steps of a start, of which the first that fails is the last.
+/// The steps of a start; the first one that fails ends it.
 bool RunStartUpBlock() {
     if (!InitManagerGlobals() || !OpenOwnLog()) return false;
     InitMutex();

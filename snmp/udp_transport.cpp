@@ -58,7 +58,7 @@ void CloseUdpSocket(platform::SocketHandle socket) {
     if (socket != 0) Sockets().closesocket(socket);
 }
 
-/// Where a socket is bound: any port, and any address unless there is a text of one. A text that is not an address
+/// Where a socket is bound: at any port, and at any address unless a text names one. A text that is not an address
 /// stands for one that nothing can be bound to.
 platform::SocketAddress LocalEnd(const TransportDomainAddress& address) {
     platform::SocketAddress local;
@@ -71,7 +71,7 @@ platform::SocketAddress LocalEnd(const TransportDomainAddress& address) {
 platform::SocketHandle OpenUdpSocket(TransportDomainAddress& address) {
     TKLOG(3, "\t Inside OpenUdpSocket() \n");
     address.localAddress = transportState.localBindAddress;
-    // A socket that cannot be opened is 0, which cannot be bound either.
+    // A socket that cannot be opened is 0, and that cannot be bound either.
     platform::SocketHandle socket = 0;
     const platform::Error opened = Sockets().socket(socket);
     const platform::Error bound = Sockets().bind(socket, LocalEnd(address));
@@ -94,7 +94,7 @@ bool ResolveHost(std::string_view host, std::array<std::uint8_t, 4>& address) {
     return Sockets().gethostbyname(host, entry) == error::success && Sockets().inet_addr(entry.address, address);
 }
 
-/// Looks the remote host up and makes it the peer.
+/// Looks up the remote host and makes it the peer.
 bool SetUdpSocketProperties(TransportDomainAddress& address) {
     TKLOG(3, "\t Inside SetUdpSocketProperties() \n");
     platform::SocketAddress peer;
@@ -134,7 +134,7 @@ int SendSnmpMessage(TransportDomainInfo& info, const std::uint8_t* bytes, std::s
     return SendUdpPacket(*info.address, info.socket, bytes, length);
 }
 
-/// A wait that fails is repeated at once, within the time of the first.
+/// A wait that fails is repeated at once, within the time of the first one.
 int WaitForSocketData(const TransportDomainAddress& address, std::int64_t microseconds) {
     TKLOG(3, "\t Inside WaitForSocketData() \n");
     const TransportDomainAddress* const waiting = &address;

@@ -13,7 +13,7 @@ namespace {
 constexpr std::size_t numberRoom = 21;  // of 64 bits in decimal, with sign and terminator
 constexpr std::int32_t addressParts = 4;
 
-/// All bytes as one big-endian number, of which the last eight stay.
+/// All bytes as one big-endian number, of which only the last eight count.
 std::uint64_t FoldBytes(std::uint64_t start, const std::uint8_t* bytes, std::int32_t length) {
     for (std::int32_t i = 0; i < length; ++i) start = (start << 8) | bytes[i];
     return start;

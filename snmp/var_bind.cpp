@@ -21,11 +21,11 @@ constexpr const char* missingNode = "nodePtr value is NULL\n";
 constexpr std::int32_t addressBytes = 4;
 constexpr std::int32_t addressRoom = 19;  // characters of an address's text
 
-const std::uint32_t* WordsOf(const void* value) { return static_cast<const std::uint32_t*>(value); }
-const std::uint8_t* BytesOf(const void* value) { return static_cast<const std::uint8_t*>(value); }
+const std::uint32_t* ValueWords(const void* value) { return static_cast<const std::uint32_t*>(value); }
+const std::uint8_t* ValueBytes(const void* value) { return static_cast<const std::uint8_t*>(value); }
 
-/// Zeroed, with one byte more than the size, or null. Made of words, as the array of an object identifier is, so that
-/// FreeValue fits both.
+/// Zeroed room of at least one byte more than the size; null when memory ran out. Made of words like the array of an
+/// object identifier, so that FreeValue fits both.
 void* NewValue(std::int64_t size) {
     const auto words = static_cast<std::size_t>(std::max<std::int64_t>(size, 0)) / sizeof(std::uint32_t) + 1;
     return new (std::nothrow) std::uint32_t[words]{};
@@ -36,8 +36,8 @@ std::int64_t SizeOfValue(std::uint8_t type, std::int32_t valueLength) {
     return type == tag::objectId ? size * std::int64_t{sizeof(std::uint32_t)} : size;
 }
 
-/// A deep copy, or null.
-VarBindPtr CopyOf(const VarBind& source) {
+/// A deep copy; null when memory ran out.
+VarBindPtr VarBindCopy(const VarBind& source) {
     VarBindPtr copy = MakeNamedVarBind(source.oid, source.oidLength);
     if (!copy) return nullptr;
     copy->type = source.type;
@@ -55,7 +55,7 @@ VarBindPtr CopyOf(const VarBind& source) {
 
 /// False when memory ran out.
 bool AppendCopy(TkVector* target, const TkVectorNode* sourceNode) {
-    VarBindPtr copy = CopyOf(*static_cast<const VarBind*>(sourceNode->data));
+    VarBindPtr copy = VarBindCopy(*static_cast<const VarBind*>(sourceNode->data));
     TkVectorNode* node = copy ? new (std::nothrow) TkVectorNode{} : nullptr;
     if (!node) {
         TKLOG(1, outOfMemory);
@@ -66,7 +66,7 @@ bool AppendCopy(TkVector* target, const TkVectorNode* sourceNode) {
     return true;
 }
 
-/// The node at a number counted from 1, if the arguments allow one; null with a line when it is missing.
+/// The node at a number, counted from 1; null when the arguments allow none, and with a line when it is missing.
 const TkVectorNode* SourceNode(TkVector* source, std::int32_t number) {
     if (number <= 0 || !source || number - 1 > source->count) return nullptr;
     const TkVectorNode* node = ElementAt(source, number - 1);
@@ -74,13 +74,13 @@ const TkVectorNode* SourceNode(TkVector* source, std::int32_t number) {
     return node;
 }
 
-/// A value of one or two words, or null.
+/// A value of one or two words; null when memory ran out.
 std::uint32_t* NewWords(std::int32_t count, std::int32_t* length) {
     *length = count * static_cast<std::int32_t>(sizeof(std::uint32_t));
     return static_cast<std::uint32_t*>(NewValue(*length));
 }
 
-/// The text of an address, of its first four bytes at most, with its length.
+/// The text of an address, of at most its first four bytes, with its length.
 void* DecodeAddress(const std::uint8_t* bytes, std::int32_t* length) {
     void* value = NewValue(addressRoom);
     if (!value) return nullptr;
@@ -107,19 +107,19 @@ void PrintValue(const VarBind& varBind) {
         case tag::gauge32:
         case tag::timeTicks:
         case tag::uInteger32:
-            return TKLOG(2, "VarBind Value\t\t\t= %u\n", *WordsOf(varBind.value));
+            return TKLOG(2, "VarBind Value\t\t\t= %u\n", *ValueWords(varBind.value));
         case tag::counter64: {
-            const std::uint32_t* words = WordsOf(varBind.value);
+            const std::uint32_t* words = ValueWords(varBind.value);
             return TKLOG(2, "VarBind Value\t\t\t= %llu\n", ConvertToULongLongFromCounter64(words[0], words[1]));
         }
         case tag::ipAddress:
             return TKLOG(2, "VarBind Value\t\t\t= %s\n", static_cast<const char*>(varBind.value));
         case tag::objectId:
             TKLOG(2, "VarBind Value\t\t\t=");
-            return PrintOid(WordsOf(varBind.value), varBind.valueLength);
+            return PrintOid(ValueWords(varBind.value), varBind.valueLength);
         default:
             TKLOG(2, "VarBind Value\t\t\t=");
-            PrintStream(BytesOf(varBind.value), varBind.valueLength, byteFormat);
+            PrintStream(ValueBytes(varBind.value), varBind.valueLength, byteFormat);
             return TKLOG(2, "\n");
     }
 }
@@ -150,7 +150,7 @@ VarBind* CreateAVarBind(const std::uint32_t* oid, std::int32_t oidLength, std::u
                         std::int32_t valueLength) {
     TKLOG(3, "\t Inside CreateAVarBind() \n");
     VarBindPtr varBind = MakeNamedVarBind(oid, oidLength);
-    // An object identifier, too, is given in bytes; a copy of the variable looks at as many words.
+    // An object identifier, too, is given in bytes, but a copy of the variable looks at as many words.
     if (varBind) varBind->value = NewValue(SizeOfValue(type, valueLength));
     if (!varBind || !varBind->value) {
         TKLOG(1, outOfMemory);
@@ -162,7 +162,7 @@ VarBind* CreateAVarBind(const std::uint32_t* oid, std::int32_t oidLength, std::u
     if (value && valueLength > 0) {
         std::memcpy(varBind->value, value, static_cast<std::size_t>(valueLength));
         varBind->valueLength = valueLength;
-        PrintStream(BytesOf(varBind->value), valueLength, byteFormat);
+        PrintStream(ValueBytes(varBind->value), valueLength, byteFormat);
     }
     return varBind.release();
 }
@@ -175,7 +175,7 @@ void CopyVarBind(TkVector* target, TkVector* source, std::int32_t number) {
 void CopyVarBinds(TkVector* target, TkVector* source, std::int32_t number) {
     TKLOG(3, "\t Inside CopyVarBinds() \n");
     const TkVectorNode* node = SourceNode(source, number);
-    const std::int32_t end = source ? source->count : 0;  // as it is now: source may be target, too
+    const std::int32_t end = source ? source->count : 0;  // as it is now: source may be target
     for (std::int32_t i = number; i <= end && node && AppendCopy(target, node); ++i) node = node->next;
 }
 

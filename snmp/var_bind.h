@@ -1,4 +1,4 @@
-// One variable of a request or an answer: its name and its value.
+// One variable of a request or an answer: its name and its value. It belongs to one thread; nothing here throws.
 #pragma once
 
 #include <cstdint>
@@ -10,15 +10,15 @@
 
 namespace kv::snmp {
 
-/// The form of a value by its type: integer: int32; the counters, gauge, ticks and unsigned integer: uint32; counter64:
-/// two uint32, high and low; object identifier: an array of sub-identifiers, counted by valueLength; address: dotted
-/// text; all else: the bytes. Texts and bytes have a terminator that valueLength does not count.
+/// The form of a value depends on its type. Integer: int32. Counter, gauge, ticks and unsigned integer: uint32.
+/// counter64: two uint32, high and low. Object identifier: an array of sub-identifiers, which valueLength counts.
+/// Address: dotted text. All others: the bytes. Texts and bytes have a terminator that valueLength does not count.
 struct VarBind {
-    std::uint32_t* oid;  // behind the record, in one piece of memory with it
+    std::uint32_t* oid;  // in one piece of memory with the record, behind it
     std::int32_t oidLength;
     std::uint8_t type;         // a tag
     void* value;               // as DecodeAsnSyntaxValue makes it; or null
-    std::int32_t valueLength;  // see above; bytes in a variable made by CreateAVarBind
+    std::int32_t valueLength;  // see above; in bytes when CreateAVarBind made the variable
     std::uint8_t ownsValue;
     std::uint32_t reserved;  // carried along by copies
     std::int32_t position;   // in the received list, from 1
@@ -37,22 +37,23 @@ using VarBindPtr = std::unique_ptr<VarBind, FreeVarBindDeleter>;
 /// A variable with a copy of the name and no value; null when memory ran out.
 [[nodiscard]] VarBindPtr MakeNamedVarBind(const std::uint32_t* oid, std::int32_t oidLength);
 
-/// A variable with copies of the name and, if there is one, of the value; null when memory ran out. valueLength is in
-/// bytes, also for an object identifier, as a builder takes it.
+/// A variable with copies of the name and of the value, which may be null; the caller's, released with FreeVarBind.
+/// Null when memory ran out. valueLength is in bytes, as a builder takes it, also for an object identifier.
 [[nodiscard]] VarBind* CreateAVarBind(const std::uint32_t* oid, std::int32_t oidLength, std::uint8_t type,
                                       const void* value, std::int32_t valueLength);
 
-/// Appends a deep copy of the variable at a number, counted from 1; nothing when there is none.
+/// Appends a deep copy of the variable at a number, counted from 1, if there is one. Without memory nothing is
+/// appended, with an engine line.
 void CopyVarBind(TkVector* target, TkVector* source, std::int32_t number);
 
-/// The same of that variable and all that follow it. What was copied stays when memory ran out, with a line.
+/// The same with that variable and all that follow it. What was copied before memory ran out stays.
 void CopyVarBinds(TkVector* target, TkVector* source, std::int32_t number);
 
-/// Appends the variables of a list, which is empty afterwards: they are not copied, but change hands. No lock is taken:
-/// the two lists are the caller's own, not the same, and in no order.
+/// Appends the variables of a list, which is empty afterwards: they are not copied, but change hands. Takes no lock:
+/// the two lists are the caller's own, are not the same one, and have no order.
 void TakeVarBinds(TkVector* target, TkVector* source);
 
-/// Frees the variables of a list, and its nodes. The list itself stays.
+/// Frees the variables of a list and its nodes. The list itself stays.
 void FreeVarBindList(TkVector* vector);
 
 /// A list on the heap that owns its variables.
@@ -70,14 +71,14 @@ inline bool IsException(std::uint8_t type) { return type >= tag::noSuchObject &&
 /// A new, empty list, or null when memory ran out.
 [[nodiscard]] VarBindListPtr MakeVarBindList();
 
-/// Trace lines.
+/// Writes trace lines.
 void PrintVarBind(const VarBind* varBind);
 
-/// Makes a value of its content bytes. The length goes in as that of the content and comes out as valueLength has it.
-/// Null when memory ran out, and for a broken object identifier. The caller owns the value and releases it with
-/// FreeValue.
+/// Makes a value from its content bytes. The length of the content goes in, and what valueLength needs comes out. The
+/// value is the caller's; FreeValue releases it. Null when memory ran out, and for a broken object identifier.
 [[nodiscard]] void* DecodeAsnSyntaxValue(std::uint8_t tag, const std::uint8_t* bytes, std::int32_t* length);
 
+/// Null is allowed.
 void FreeValue(void* value);
 
 }  // namespace kv::snmp

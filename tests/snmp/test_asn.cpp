@@ -1,4 +1,4 @@
-// The codec: every form read, cut at every length and written again; what is refused, and in which words.
+// The codec: every form is read, cut at every length and written again; what is refused, and with which words.
 #include <algorithm>
 #include <fmt/format.h>
 #include <memory>
@@ -21,7 +21,7 @@ std::string Dotted(const SubIds& subIds, std::int32_t count) {
     return fmt::format(".{}", fmt::join(subIds.begin(), subIds.begin() + count, "."));
 }
 
-/// The value's part of a variable named 1.3, built in ever more room until it fits; empty when it never does.
+/// The value of a variable named 1.3, built with more and more room until it fits; empty when it never does.
 std::string Written(std::uint8_t tag, const void* value, std::size_t length, std::int32_t room = 0) {
     const SubIds name{1, 3};
     for (const std::int32_t count = 2; room < 300; ++room) {
@@ -85,7 +85,7 @@ struct Row {
     K kind;
     std::string hex;
     const char* outcome;              // tag and values; of a refused item, the lines logged
-    const char* rewritten = nullptr;  // hex; null for the same bytes, empty for none
+    const char* rewritten = nullptr;  // hex; null for the same bytes, empty for no bytes
     int behind = 0;                   // the bytes behind the end
 };
 

@@ -1,4 +1,4 @@
-// Messages byte for byte, and what can fail on their way.
+// Messages byte by byte, and what can fail on their way.
 #include <algorithm>
 #include <fmt/format.h>
 #include <memory>
@@ -196,7 +196,7 @@ TEST_F(SnmpMessage, AnswersAreTakenAsTheyCome) {
         {"of 129 sub-identifiers, the last is taken for the value", answer(0xA2, withName(128)), 1},
         {"community of 256 bytes", withCommunity(256), 1},
         {"community of 257 bytes", withCommunity(257), 0, "", "Unable to decode community \n"},
-        {"a request id that is none", withPdu("a20b 040101 020100 020100 3000"), 0, "", "decode reqid\n"},
+        {"a request id that is not a number", withPdu("a20b 040101 020100 020100 3000"), 0, "", "decode reqid\n"},
         {"no number for an error index", withPdu("a20b 020101 020100 040100 3000"), 0, "", "decode errindex\n"},
         {"a header of more than there is", FromHex("30 05 02 01 01"), 0, "", "Unable to decode auth header type\n"},
         {"an envelope that tells less than there is", "\x30\5" + answer(0xA2, one).substr(2), 1, good},
@@ -233,7 +233,7 @@ TEST_F(SnmpMessage, WhatCanFailOnTheWay) {
     const auto send = [&] { return SendSnmpPdu(info.get(), pdu.get()); };
     const auto wait = [&] { return WaitForTdInfoResp(info.get(), 2000000); };
     const auto read = [&] { return ReadAndParseSnmpMessage(info.get(), pdu.get()); };
-    /// What it comes to, and how often the system was asked, when the first times fail.
+    /// The result, and how often the system was asked, when the first attempts fail.
     const auto outcome = [&](const auto& step, int failing) {
         failures = failing;
         calls = 0;

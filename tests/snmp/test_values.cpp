@@ -153,7 +153,7 @@ TEST_F(SnmpValues, VariablesAreCopiedOrChangeHands) {
     EXPECT_EQ(GetNthElement(target.get(), 2, target->tail), nullptr);
     FreeVarBindList(target.get());
     EXPECT_EQ(ElementAt(target.get(), 0), nullptr);
-    CopyVarBind(target.get(), source.get(), 1);  // its tail was a node of before
+    CopyVarBind(target.get(), source.get(), 1);  // its tail was a node that is gone
     EXPECT_EQ(At(target.get(), 0).position, 1);
     for (const int number : {0, 2, 4}) CopyVarBinds(target.get(), source.get(), number);
     CopyVarBinds(target.get(), target.get(), 3);
