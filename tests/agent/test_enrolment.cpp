@@ -148,6 +148,7 @@ TEST_F(Enrolment, ARefusedAgentHasNeitherPlanNorThreads) {
 }
 
 TEST_F(Enrolment, OnlyAKeyThatIsNotThereIsReplaced) {
+    constexpr bool keepsSlaves = true;
     const struct {
         const char* title;
         platform::Error failure;          // of the first two reads
@@ -157,12 +158,7 @@ TEST_F(Enrolment, OnlyAKeyThatIsNotThereIsReplaced) {
     } rows[] = {
         {"no key", platform::error::fileNotFound, u"", u"LAB1"},
         {"in another case", platform::error::success, u"HubCenter", u"LAB1"},
-        {.title = "one that may not be read",
-         .failure = platform::error::accessDenied,
-         .stored = u"K7",
-         .key = u"K7",
-         .minutes = 2,
-         .hasSlaves = true},
+        {"one that may not be read", platform::error::accessDenied, u"K7", u"K7", 2, keepsSlaves},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.title);

@@ -128,19 +128,18 @@ TEST_F(Service, ControlsAreAnsweredWithAState) {
 }
 
 TEST_F(Service, AStartThatFailsEndsAtOnce) {
+    constexpr bool isFreed = true;
     const struct {
         const char* logged;
-        const char* reports = "";
-        std::size_t threads = 0;
+        const char* reports;
+        std::size_t threads;
         bool freed = false;
     } rows[] = {
-        {.logged = "Create event failed due to the following error !! \n", .freed = true},
-        {.logged = "RegisterServiceCtrlHandlerEx failed to register the callback due to the following error !! \n",
-         .freed = true},
-        {.logged = "ChangeServiceStatus : SetServiceStatus is failed due to following error !! \n"},
-        {.logged = "ChangeServiceStatus : SetServiceStatus is failed due to following error !! \n",
-         .reports = "2",
-         .threads = 1},
+        {"Create event failed due to the following error !! \n", "", 0, isFreed},
+        {"RegisterServiceCtrlHandlerEx failed to register the callback due to the following error !! \n", "", 0,
+         isFreed},
+        {"ChangeServiceStatus : SetServiceStatus is failed due to following error !! \n", "", 0},
+        {"ChangeServiceStatus : SetServiceStatus is failed due to following error !! \n", "2", 1},
     };
     for (const auto& row : rows) {
         ++failingStep;

@@ -37,6 +37,7 @@ TEST_F(SnmpValues, TextsOfOidsAndAddresses) {
         bool isAddress = false;
     };
     const std::string longPart(20, '1');
+    constexpr bool isAddress = true;
     const Row rows[] = {
         {"an OID", ".1.3.6.1.2.1", 6, {1, 3, 6, 1, 2, 1}},
         {"zero", ".0", 1, {0}},
@@ -51,13 +52,8 @@ TEST_F(SnmpValues, TextsOfOidsAndAddresses) {
         {"a dot", ".", -1, {}},
         {"an empty part", ".1..3", -1, {}},
         {"a NUL", std::string(".1.3\0", 5), -1, {}},
-        {.title = "an address",
-         .text = "10.0.0.255",
-         .count = 4,
-         .subIds = {10, 0, 0, 255},
-         .written = ".10.0.0.255",
-         .isAddress = true},
-        {.title = "an address too short", .text = "10.0.0", .count = -1, .isAddress = true},
+        {"an address", "10.0.0.255", 4, {10, 0, 0, 255}, ".10.0.0.255", isAddress},
+        {"an address too short", "10.0.0", -1, {}, nullptr, isAddress},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.title);
