@@ -67,6 +67,16 @@ struct FileInformation {
     std::uint64_t size = 0;  // bytes
 };
 
+/// What the directory operations give: C error numbers, the same on every system. Others may come from a backend.
+namespace directory_error {
+inline constexpr int success = 0;
+inline constexpr int notFound = 2;  // no such path
+inline constexpr int noMemory = 12;
+inline constexpr int denied = 13;
+inline constexpr int exists = 17;
+inline constexpr int invalid = 22;  // not a path at all
+}  // namespace directory_error
+
 struct FileOperations {
     /// Starts a search for names that match a pattern with "*" and "?" in its last part, as Windows matches them:
     /// without regard to case, "*.*" matches every name, "." and ".." come first when the pattern matches them. The
@@ -130,7 +140,7 @@ struct FileOperations {
     /// notSupported where the file system does not say.
     std::function<Error(std::u16string_view directory, std::uint64_t& available)> GetDiskFreeSpaceExW;
 
-    /// The three below give a C error number: 0 success, 2 no such path, 13 denied, 17 exists, 22 invalid.
+    /// The three below give a C error number (directory_error), 0 for success.
     std::function<int(std::u16string_view path)> wmkdir;
     std::function<int(std::u16string_view path)> wchdir;
     std::function<int(std::u16string& path)> wgetcwd;

@@ -25,6 +25,7 @@
 #include <string_view>
 #include <utility>
 
+#include "platform/guarded.h"
 #include "platform/http.h"
 #include "platform/http_handles.h"
 #include "platform/http_rules.h"

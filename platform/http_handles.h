@@ -5,7 +5,6 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <new>
 #include <utility>
 #include <variant>
 
@@ -52,17 +51,5 @@ class HttpHandles {
     std::map<HttpHandle, Node> nodes_;
     HttpHandle last_ = 0;
 };
-
-/// An operation of which running out of memory is a result, as every other failure.
-template <class... Parameters>
-auto Guarded(Error (*operation)(Parameters...)) {
-    return [operation](Parameters... parameters) -> Error {
-        try {
-            return operation(std::forward<Parameters>(parameters)...);
-        } catch (const std::bad_alloc&) {
-            return error::notEnoughMemory;
-        }
-    };
-}
 
 }  // namespace platform

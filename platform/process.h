@@ -44,15 +44,18 @@ struct ProcessOperations {
     std::function<Error(std::u16string_view commandLine, std::u16string_view workingDirectory, ProcessHandle& process)>
         CreateProcessW;
 
+    // The three below give invalidHandle for handle 0.
+
     /// Waits for the process itself to end: success, waitTimeout when the time ran out, else why the wait failed.
     std::function<Error(ProcessHandle process, std::uint32_t milliseconds)> WaitForSingleObject;
 
-    /// The exit code of a process that has ended.
+    /// The exit code of a process that has ended; busy while it still runs.
     std::function<Error(ProcessHandle process, std::uint32_t& exitCode)> GetExitCodeProcess;
 
     /// Ends the process and everything it has started, at once.
     std::function<Error(ProcessHandle process)> TerminateProcess;
 
+    /// Lets a process that still runs go on. Does nothing for 0.
     std::function<void(ProcessHandle process)> CloseProcess;
 };
 

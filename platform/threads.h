@@ -35,7 +35,7 @@ struct ThreadOperations {
     /// Waits until the thread has ended; waitTimeout when it has not in the time, invalidHandle for 0.
     std::function<Error(ThreadHandle thread, std::uint32_t milliseconds)> WaitForThread;
 
-    /// A new mutex that no one owns; lives until CloseMutex.
+    /// A new mutex that no one owns; lives until CloseMutex. Never 0: throws std::bad_alloc when memory has run out.
     std::function<MutexHandle()> CreateMutexW;
     std::function<void(MutexHandle mutex)> WaitForMutex;
     std::function<void(MutexHandle mutex)> ReleaseMutex;

@@ -2,13 +2,13 @@
 #include <algorithm>
 #include <chrono>
 #include <memory>
-#include <new>
 #include <optional>
 #include <utility>
 #include <variant>
 
 #include "facts/host_names.h"
 #include "platform/backend.h"
+#include "platform/guarded.h"
 #include "platform/linux/linux.h"
 #include "wql/bounded_run.h"
 #include "wql/class_tree.h"
@@ -18,9 +18,11 @@ namespace kv::wql {
 
 namespace {
 
+using platform::Guarded;
 using platform::Variant;
 using platform::WmiHandle;
 using platform::WmiOperations;
+using platform::wmiResults;
 
 /// How long a query may take. Ten thousand processes are read in a fraction of it.
 constexpr std::chrono::seconds queryLimit{30};
@@ -135,30 +137,18 @@ std::vector<std::u16string> TakeQueryNotices(WmiHandle handle) {
     return enumerator != nullptr ? TakeNotices(*enumerator->run) : std::vector<std::u16string>();
 }
 
-/// The same operation; running out of memory becomes a status.
-template <class... Arguments>
-std::function<WmiStatus(Arguments...)> Guarded(WmiStatus (*operation)(Arguments...)) {
-    return [operation](Arguments... arguments) -> WmiStatus {
-        try {
-            return operation(std::forward<Arguments>(arguments)...);
-        } catch (const std::bad_alloc&) {
-            return wmi_status::outOfMemory;
-        }
-    };
-}
-
 WmiOperations Provider() {
     return {
         .CoInitializeEx = [] { return wmi_status::ok; },
         .CoUninitialize = [] {},
         .CoInitializeSecurity = [] { return wmi_status::ok; },
-        .CoCreateInstance = Guarded(CoCreateInstance),
-        .ConnectServer = Guarded(ConnectServer),
+        .CoCreateInstance = Guarded(CoCreateInstance, wmiResults),
+        .ConnectServer = Guarded(ConnectServer, wmiResults),
         .CoSetProxyBlanket = [](WmiHandle) { return wmi_status::ok; },
-        .ExecQuery = Guarded(ExecQuery),
-        .Next = Guarded(Next),
+        .ExecQuery = Guarded(ExecQuery, wmiResults),
+        .Next = Guarded(Next, wmiResults),
         .BeginEnumeration = BeginEnumeration,
-        .NextProperty = Guarded(NextProperty),
+        .NextProperty = Guarded(NextProperty, wmiResults),
         .EndEnumeration = EndEnumeration,
         .Release = Release,
         .TakeNotices = TakeQueryNotices,

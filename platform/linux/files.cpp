@@ -10,6 +10,7 @@
 #include <unistd.h>
 #include <utility>
 
+#include "platform/guarded.h"
 #include "platform/linux/descriptor.h"
 #include "platform/linux/file_search.h"
 #include "platform/linux/linux.h"
@@ -328,10 +329,10 @@ std::u16string NativePath(std::u16string_view path) { return WideFromUtf8(Native
 
 FileOperations LinuxFiles() {
     return {
-        .FindFirstFileW = FindFirstFile,
-        .FindNextFileW = FindNextFile,
+        .FindFirstFileW = Guarded(FindFirstFile),
+        .FindNextFileW = Guarded(FindNextFile),
         .FindClose = FindClose,
-        .CreateFileW = CreateFileW,
+        .CreateFileW = Guarded(CreateFileW),
         .ReadFile = ReadFile,
         .WriteFile = WriteFile,
         .WriteText = [](FileHandle file, std::string_view text) { return WriteFile(file, text.data(), text.size()); },
@@ -340,19 +341,19 @@ FileOperations LinuxFiles() {
         .GetFileSizeEx = GetFileSizeEx,
         .GetFileInformationByHandle = GetFileInformationByHandle,
         .SetFileInformationByHandle = SetFileInformationByHandle,
-        .GetFileAttributesW = GetFileAttributesW,
+        .GetFileAttributesW = Guarded(GetFileAttributesW),
         .FlushFileBuffers = FlushFileBuffers,
         .CloseHandle = CloseHandle,
-        .CopyFileW = CopyFileW,
-        .MoveFileExW = MoveFileExW,
-        .DeleteFileW = DeleteFileW,
-        .RemoveDirectoryW = RemoveDirectoryW,
+        .CopyFileW = Guarded(CopyFileW),
+        .MoveFileExW = Guarded(MoveFileExW),
+        .DeleteFileW = Guarded(DeleteFileW),
+        .RemoveDirectoryW = Guarded(RemoveDirectoryW),
         .IsDirectory = IsDirectory,
-        .GetDiskFreeSpaceExW = GetDiskFreeSpaceExW,
-        .wmkdir = MakeDirectory,
-        .wchdir = ChangeDirectory,
-        .wgetcwd = GetWorkingDirectory,
-        .GetFileUseState = GetFileUseState,
+        .GetDiskFreeSpaceExW = Guarded(GetDiskFreeSpaceExW),
+        .wmkdir = Guarded(MakeDirectory, directoryErrorResults),
+        .wchdir = Guarded(ChangeDirectory, directoryErrorResults),
+        .wgetcwd = Guarded(GetWorkingDirectory, directoryErrorResults),
+        .GetFileUseState = Guarded(GetFileUseState),
         .NativePath = NativePath,
     };
 }

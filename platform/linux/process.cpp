@@ -7,7 +7,7 @@
 #include <climits>
 #include <csignal>
 #include <fcntl.h>
-#include <memory>
+#include <list>
 #include <mutex>
 #include <poll.h>
 #include <sys/stat.h>
@@ -15,8 +15,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 #include <utility>
-#include <vector>
 
+#include "platform/guarded.h"
 #include "platform/linux/descriptor.h"
 #include "platform/linux/guardian.h"
 #include "platform/linux/linux.h"
@@ -53,26 +53,29 @@ struct Pipe {
 
 struct Child {
     pid_t id = 0;
-    Descriptor end;       // pidfd, or none
-    Descriptor lifeline;  // while it is open, the child need not end
+    Descriptor end;         // pidfd; closed where the kernel has none
+    Descriptor lifeline;    // while it is open, the child need not end
+    bool isClosed = false;  // its handle; guarded by the lock of all children
 };
 
 Child& ChildOf(ProcessHandle process) { return *reinterpret_cast<Child*>(process); }
 
-/// Children whose handles were closed before they ended; each is reaped at the next start or close after its end.
-struct Unreaped {
+/// All children that are not reaped. One whose handle was closed is reaped at the next start or close after its end.
+struct Children {
     std::mutex lock;
-    std::vector<std::unique_ptr<Child>> children;
+    std::list<Child> all;
 };
 
-Unreaped& LeftRunning() {
-    static auto* const unreaped = new Unreaped;
-    return *unreaped;
+/// Never freed: another thread may still start or close a child while the process ends.
+Children& Unreaped() {
+    static auto* const children = new Children;
+    return *children;
 }
 
 void ReapEnded() {
-    const std::lock_guard hold(LeftRunning().lock);
-    std::erase_if(LeftRunning().children, [](const auto& child) { return waitpid(child->id, nullptr, WNOHANG) != 0; });
+    const std::lock_guard hold(Unreaped().lock);
+    Unreaped().all.remove_if(
+        [](const Child& child) { return child.isClosed && waitpid(child.id, nullptr, WNOHANG) != 0; });
 }
 
 /// Forks with all signals blocked, so that no handler of this process runs in the child.
@@ -123,13 +126,16 @@ Error CreateProcessW(std::u16string_view commandLine, std::u16string_view workin
     if (!directory.empty() && (stat(directory.c_str(), &status) != 0 || !S_ISDIR(status.st_mode))) {
         return error::directoryName;
     }
-    auto child = std::make_unique<Child>();
+    std::list<Child> started(1);
+    Child& child = started.front();
     const Launch launch{.directory = directory.empty() ? nullptr : directory.c_str(), .line = line.c_str()};
-    if (const int code = StartGuardian(launch, *child)) {
+    if (const int code = StartGuardian(launch, child)) {
         return code == EAGAIN ? error::notEnoughMemory : ErrorFromErrno(code);
     }
-    child->end = Descriptor(static_cast<int>(syscall(SYS_pidfd_open, child->id, 0)));
-    process = reinterpret_cast<ProcessHandle>(child.release());
+    child.end = Descriptor(static_cast<int>(syscall(SYS_pidfd_open, child.id, 0)));
+    const std::lock_guard hold(Unreaped().lock);
+    Unreaped().all.splice(Unreaped().all.end(), started);
+    process = reinterpret_cast<ProcessHandle>(&child);
     return error::success;
 }
 
@@ -141,6 +147,7 @@ Error PeekAtEnd(const Child& child, siginfo_t& end) {
 }
 
 Error WaitForSingleObject(ProcessHandle process, std::uint32_t milliseconds) {
+    if (process == 0) return error::invalidHandle;
     const Child& child = ChildOf(process);
     const auto deadline = SteadyClock::now() + std::chrono::milliseconds(milliseconds);
     for (;;) {
@@ -156,6 +163,7 @@ Error WaitForSingleObject(ProcessHandle process, std::uint32_t milliseconds) {
 }
 
 Error GetExitCodeProcess(ProcessHandle process, std::uint32_t& exitCode) {
+    if (process == 0) return error::invalidHandle;
     siginfo_t end;
     if (const Error failure = PeekAtEnd(ChildOf(process), end); failure != 0) return failure;
     if (end.si_pid == 0) return error::busy;
@@ -165,6 +173,7 @@ Error GetExitCodeProcess(ProcessHandle process, std::uint32_t& exitCode) {
 }
 
 Error TerminateProcess(ProcessHandle process) {
+    if (process == 0) return error::invalidHandle;
     Child& child = ChildOf(process);
     siginfo_t end;
     if (PeekAtEnd(child, end) == error::success && end.si_pid != 0) return error::success;
@@ -177,10 +186,9 @@ Error TerminateProcess(ProcessHandle process) {
 
 void CloseProcess(ProcessHandle process) {
     if (process == 0) return;
-    std::unique_ptr<Child> child(&ChildOf(process));
     {
-        const std::lock_guard hold(LeftRunning().lock);
-        LeftRunning().children.push_back(std::move(child));
+        const std::lock_guard hold(Unreaped().lock);
+        ChildOf(process).isClosed = true;
     }
     ReapEnded();
 }
@@ -192,7 +200,7 @@ ProcessOperations LinuxProcesses() {
         .ComposeScriptLine = ComposeScriptLine,
         .GetScriptOutputEncoding = GetScriptOutputEncoding,
         .WideFromConsoleBytes = WideFromUtf8,
-        .CreateProcessW = CreateProcessW,
+        .CreateProcessW = Guarded(CreateProcessW),
         .WaitForSingleObject = WaitForSingleObject,
         .GetExitCodeProcess = GetExitCodeProcess,
         .TerminateProcess = TerminateProcess,

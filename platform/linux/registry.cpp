@@ -16,6 +16,7 @@
 
 #include "platform/backend.h"
 #include "platform/clock.h"
+#include "platform/guarded.h"
 #include "platform/linux/linux.h"
 #include "platform/linux/registry_database.h"
 #include "platform/registry_names.h"
@@ -257,20 +258,21 @@ Error WaitForChange(Store& store, RegistryKey key, std::uint32_t milliseconds) {
 RegistryOperations LinuxRegistry() {
     const auto shared = std::make_shared<Store>();
     const auto bound = [shared](auto routine) {
-        return [shared, routine](auto&&... arguments) {
+        return Guarded([shared, routine](auto&&... arguments) {
             return routine(*shared, std::forward<decltype(arguments)>(arguments)...);
-        };
+        });
     };
-    constexpr const char* subkeys = "SELECT name FROM key WHERE parent = ? ORDER BY name";
-    constexpr const char* values = "SELECT name FROM value WHERE key = ? ORDER BY name";
+    const auto list = [](const char* sql) {
+        return [sql](Store& store, RegistryKey key, auto& names) { return ListNames(store, key, sql, names); };
+    };
     return {
         .RegOpenKeyExW = bound(OpenKeyAt),
         .RegQueryValueExW = bound(QueryValue),
         .RegCreateKeyExW = bound(CreateKeyAt),
         .RegSetValueExW = bound(SetValue),
         .RegCloseKey = bound(CloseKey),
-        .RegEnumKeyExW = [shared](RegistryKey key, auto& names) { return ListNames(*shared, key, subkeys, names); },
-        .RegEnumValueW = [shared](RegistryKey key, auto& names) { return ListNames(*shared, key, values, names); },
+        .RegEnumKeyExW = bound(list("SELECT name FROM key WHERE parent = ? ORDER BY name")),
+        .RegEnumValueW = bound(list("SELECT name FROM value WHERE key = ? ORDER BY name")),
         .RegDeleteValueW = bound(DeleteValue),
         .RegDeleteTreeW = bound(DeleteTree),
         .RegNotifyChangeKeyValue = bound(WaitForChange),

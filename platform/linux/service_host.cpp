@@ -24,6 +24,7 @@
 #include <thread>
 #include <unistd.h>
 
+#include "platform/guarded.h"
 #include "platform/linux/descriptor.h"
 #include "platform/linux/linux.h"
 #include "platform/linux/systemd/machine_state.h"
@@ -190,7 +191,7 @@ bool DeliverControls(int signals, int wake) noexcept {
     return true;
 }
 
-Error StartServiceCtrlDispatcherW(std::u16string_view serviceName, ServiceMainRoutine serviceMain) try {
+Error StartServiceCtrlDispatcherW(std::u16string_view serviceName, ServiceMainRoutine serviceMain) {
     if (!IsStartedByManager()) return error::serviceControllerConnect;
     const HeldSignals held;
     const Descriptor signals(signalfd(-1, &held.set(), SFD_CLOEXEC | SFD_NONBLOCK));
@@ -205,8 +206,6 @@ Error StartServiceCtrlDispatcherW(std::u16string_view serviceName, ServiceMainRo
         mainThread.detach();  // it may read its settings for long yet, and the process ends now
     }
     return error::success;
-} catch (const std::exception&) {  // no thread, or no memory
-    return error::notEnoughMemory;
 }
 
 Error RegisterServiceCtrlHandlerExW(std::u16string_view serviceName, ServiceHandlerRoutine handler, void* context,
@@ -284,7 +283,7 @@ Error SetServiceStatus(ServiceStatusHandle handle, const ServiceStatus& status) 
 }  // namespace
 
 ServiceHostOperations LinuxServiceHost() {
-    return {.StartServiceCtrlDispatcherW = StartServiceCtrlDispatcherW,
+    return {.StartServiceCtrlDispatcherW = Guarded(StartServiceCtrlDispatcherW),
             .RegisterServiceCtrlHandlerExW = RegisterServiceCtrlHandlerExW,
             .SetServiceStatus = SetServiceStatus};
 }

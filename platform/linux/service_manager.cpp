@@ -3,15 +3,14 @@
 // operation.
 #include <cerrno>
 #include <chrono>
-#include <exception>
 #include <linux/magic.h>
 #include <memory>
-#include <new>
 #include <optional>
 #include <sys/vfs.h>
 #include <systemd/sd-login.h>
 
 #include "platform/backend.h"
+#include "platform/guarded.h"
 #include "platform/linux/linux.h"
 #include "platform/linux/systemd/bus_message.h"
 #include "platform/linux/systemd/unit_install.h"
@@ -266,35 +265,21 @@ void CloseServiceHandle(ServiceHandle handle) {
     if (handle != 0) delete &OpenOf(handle);
 }
 
-/// An operation from which nothing is thrown.
-template <class... Parameters>
-auto Guarded(Error (*operation)(Parameters...)) {
-    return [operation](Parameters... parameters) noexcept -> Error {
-        try {
-            return operation(parameters...);
-        } catch (const std::bad_alloc&) {
-            return error::notEnoughMemory;
-        } catch (const std::exception&) {
-            return error::generalFailure;
-        }
-    };
-}
-
 }  // namespace
 
 ServiceManagerOperations LinuxServiceManager(const ServiceManagerPlace& place) {
-    return {
-        .OpenSCManagerW = [place](std::uint32_t rights,
-                                  ServiceHandle& manager) { return Guarded(OpenSCManagerW)(place, rights, manager); },
-        .OpenServiceW = Guarded(OpenServiceW),
-        .CreateServiceW = Guarded(CreateServiceW),
-        .ChangeServiceConfig2W = Guarded(ChangeServiceConfig2W),
-        .DeleteService = Guarded(DeleteService),
-        .StartServiceW = Guarded(StartServiceW),
-        .ControlService = Guarded(ControlService),
-        .QueryServiceStatusEx = Guarded(QueryServiceStatusEx),
-        .EnumDependentServicesW = Guarded(EnumDependentServicesW),
-        .CloseServiceHandle = CloseServiceHandle};
+    return {.OpenSCManagerW = Guarded([place](std::uint32_t rights, ServiceHandle& manager) {
+                return OpenSCManagerW(place, rights, manager);
+            }),
+            .OpenServiceW = Guarded(OpenServiceW),
+            .CreateServiceW = Guarded(CreateServiceW),
+            .ChangeServiceConfig2W = Guarded(ChangeServiceConfig2W),
+            .DeleteService = Guarded(DeleteService),
+            .StartServiceW = Guarded(StartServiceW),
+            .ControlService = Guarded(ControlService),
+            .QueryServiceStatusEx = Guarded(QueryServiceStatusEx),
+            .EnumDependentServicesW = Guarded(EnumDependentServicesW),
+            .CloseServiceHandle = CloseServiceHandle};
 }
 
 void InstallServices() {

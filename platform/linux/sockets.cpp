@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "platform/guarded.h"
 #include "platform/linux/datagrams.h"
 #include "platform/linux/descriptor.h"
 #include "platform/linux/linux.h"
@@ -92,10 +93,10 @@ SocketOperations LinuxSockets() {
     return {
         .WSAStartup = [](int, int) { return error::success; },
         .WSACleanup = [] {},
-        .gethostname = OwnHostName,
-        .gethostbyname = HostByName,
-        .gethostbyaddr = HostByAddress,
-        .GetDefaultRouteAddress = DefaultRouteAddress,
+        .gethostname = Guarded(OwnHostName),
+        .gethostbyname = Guarded(HostByName),
+        .gethostbyaddr = Guarded(HostByAddress),
+        .GetDefaultRouteAddress = Guarded(DefaultRouteAddress),
         .inet_addr = AddressFromText,
         .inet_ntoa = TextFromAddress,
         .socket = OpenDatagramSocket,

@@ -8,6 +8,7 @@
 #include <sys/utsname.h>
 #include <unistd.h>
 
+#include "platform/guarded.h"
 #include "platform/linux/linux.h"
 #include "platform/utf.h"
 
@@ -79,7 +80,7 @@ Error GetComputerNameExW(std::u16string& name) {
 }  // namespace
 
 SystemFactOperations LinuxSystemFacts() {
-    return {.GetVersionExW = GetVersionExW, .GetComputerNameExW = GetComputerNameExW};
+    return {.GetVersionExW = Guarded(GetVersionExW), .GetComputerNameExW = Guarded(GetComputerNameExW)};
 }
 
 }  // namespace platform

@@ -1,4 +1,5 @@
 // CryptoAPI. Contexts, keys and hashes are the system's own handles.
+#include "platform/guarded.h"
 #include "platform/windows/win32.h"
 
 // After the system's main header, which it needs.
@@ -79,7 +80,7 @@ Error CryptDecrypt(CryptoKey key, std::byte* data, std::size_t size) {
 
 CryptoOperations WindowsCrypto() {
     return {
-        .CryptAcquireContextW = CryptAcquireContextW,
+        .CryptAcquireContextW = Guarded(CryptAcquireContextW),
         .CryptGetUserKey = CryptGetUserKey,
         .CryptGenKey = CryptGenKey,
         .CryptDestroyKey = [](CryptoKey key) { ::CryptDestroyKey(key); },

@@ -6,6 +6,7 @@
 #include <mutex>
 #include <shared_mutex>
 
+#include "platform/guarded.h"
 #include "platform/windows/file_search.h"
 #include "platform/windows/owned_handle.h"
 #include "platform/windows/win32.h"
@@ -302,10 +303,10 @@ Error GetFileUseState(std::u16string_view path) {
 
 FileOperations WindowsFiles() {
     return {
-        .FindFirstFileW = FindFirstMatch,
-        .FindNextFileW = FindNextMatch,
+        .FindFirstFileW = Guarded(FindFirstMatch),
+        .FindNextFileW = Guarded(FindNextMatch),
         .FindClose = EndSearch,
-        .CreateFileW = CreateFileW,
+        .CreateFileW = Guarded(CreateFileW),
         .ReadFile = ReadFile,
         .WriteFile = WriteFile,
         .WriteText = WriteText,
@@ -314,20 +315,20 @@ FileOperations WindowsFiles() {
         .GetFileSizeEx = GetFileSizeEx,
         .GetFileInformationByHandle = GetFileInformationByHandle,
         .SetFileInformationByHandle = SetFileInformationByHandle,
-        .GetFileAttributesW = GetFileAttributesW,
+        .GetFileAttributesW = Guarded(GetFileAttributesW),
         .FlushFileBuffers = [](FileHandle file) { return ResultOf(::FlushFileBuffers(HandleOf(file))); },
         .CloseHandle = [](FileHandle file) { return ResultOf(::CloseHandle(HandleOf(file))); },
-        .CopyFileW = CopyFileW,
-        .MoveFileExW = MoveFileExW,
-        .DeleteFileW = DeleteFileW,
+        .CopyFileW = Guarded(CopyFileW),
+        .MoveFileExW = Guarded(MoveFileExW),
+        .DeleteFileW = Guarded(DeleteFileW),
         .RemoveDirectoryW =
-            [](std::u16string_view path) { return ResultOf(::RemoveDirectoryW(NativePathOf(path).c_str())); },
+            Guarded([](std::u16string_view path) { return ResultOf(::RemoveDirectoryW(NativePathOf(path).c_str())); }),
         .IsDirectory = IsDirectory,
-        .GetDiskFreeSpaceExW = GetDiskFreeSpaceExW,
-        .wmkdir = MakeDirectory,
-        .wchdir = ChangeDirectory,
-        .wgetcwd = GetWorkingDirectory,
-        .GetFileUseState = GetFileUseState,
+        .GetDiskFreeSpaceExW = Guarded(GetDiskFreeSpaceExW),
+        .wmkdir = Guarded(MakeDirectory, directoryErrorResults),
+        .wchdir = Guarded(ChangeDirectory, directoryErrorResults),
+        .wgetcwd = Guarded(GetWorkingDirectory, directoryErrorResults),
+        .GetFileUseState = Guarded(GetFileUseState),
         .NativePath = [](std::u16string_view path) { return TextOf(NativePathOf(path)); },
     };
 }

@@ -1,5 +1,6 @@
 #include <memory>
 
+#include "platform/guarded.h"
 #include "platform/windows/win32.h"
 
 namespace platform {
@@ -52,8 +53,9 @@ std::optional<std::u16string> FormatModuleMessageW(ModuleHandle module, Error co
 }  // namespace
 
 MessageOperations WindowsMessages() {
-    return {
-        .FormatMessageW = FormatMessageW, .LoadLibraryW = LoadLibraryW, .FormatModuleMessageW = FormatModuleMessageW};
+    return {.FormatMessageW = FormatMessageW,
+            .LoadLibraryW = Guarded(LoadLibraryW),
+            .FormatModuleMessageW = FormatModuleMessageW};
 }
 
 }  // namespace platform

@@ -2,6 +2,7 @@
 // ended with it. The job ends with this process, too: without it nobody would end the child at its limit.
 #include <memory>
 
+#include "platform/guarded.h"
 #include "platform/windows/owned_handle.h"
 #include "platform/windows/script_line.h"
 #include "platform/windows/win32.h"
@@ -58,6 +59,7 @@ Error CreateProcessW(std::u16string_view commandLine, std::u16string_view workin
 }
 
 Error WaitForSingleObject(ProcessHandle process, std::uint32_t milliseconds) {
+    if (process == 0) return error::invalidHandle;
     switch (::WaitForSingleObject(ChildOf(process).process.Get(), milliseconds)) {
         case WAIT_OBJECT_0:
             return error::success;
@@ -78,6 +80,7 @@ Error GetExitCodeProcess(ProcessHandle process, std::uint32_t& exitCode) {
 }
 
 Error TerminateProcess(ProcessHandle process) {
+    if (process == 0) return error::invalidHandle;
     const Child& child = ChildOf(process);
     const Error result =
         ResultOf(child.job ? ::TerminateJobObject(child.job.Get(), 0) : ::TerminateProcess(child.process.Get(), 0));
@@ -99,7 +102,7 @@ ProcessOperations WindowsProcesses() {
         .ComposeScriptLine = ComposeScriptLine,
         .GetScriptOutputEncoding = GetScriptOutputEncoding,
         .WideFromConsoleBytes = WideFromConsoleBytes,
-        .CreateProcessW = CreateProcessW,
+        .CreateProcessW = Guarded(CreateProcessW),
         .WaitForSingleObject = WaitForSingleObject,
         .GetExitCodeProcess = GetExitCodeProcess,
         .TerminateProcess = TerminateProcess,

@@ -9,10 +9,10 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <new>
 #include <utility>
 
 #include "platform/backend.h"
+#include "platform/guarded.h"
 #include "platform/registry_names.h"
 #include "platform/windows/owned_handle.h"
 #include "platform/windows/win32.h"
@@ -274,13 +274,9 @@ Error WaitForChange(Store& store, RegistryKey key, std::uint32_t milliseconds) {
 RegistryOperations WindowsRegistry() {
     const auto shared = std::make_shared<Store>();
     const auto bound = [shared](auto routine) {
-        return [shared, routine](auto&&... arguments) -> Error {
-            try {
-                return routine(*shared, std::forward<decltype(arguments)>(arguments)...);
-            } catch (const std::bad_alloc&) {
-                return error::notEnoughMemory;
-            }
-        };
+        return Guarded([shared, routine](auto&&... arguments) {
+            return routine(*shared, std::forward<decltype(arguments)>(arguments)...);
+        });
     };
     const auto list = [](NameAt nameAt) {
         return [nameAt](Store& store, RegistryKey key, auto& names) { return ListNames(store, key, nameAt, names); };

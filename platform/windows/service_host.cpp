@@ -1,7 +1,7 @@
 #include <atomic>
 #include <cstdlib>
-#include <exception>
 
+#include "platform/guarded.h"
 #include "platform/windows/win32.h"
 
 namespace platform {
@@ -58,24 +58,20 @@ DWORD WINAPI HandleControl(DWORD control, DWORD eventType, void* eventData, void
     return service.handler(control, eventType, eventData, context);
 }
 
-Error StartServiceCtrlDispatcherW(std::u16string_view serviceName, ServiceMainRoutine serviceMain) try {
+Error StartServiceCtrlDispatcherW(std::u16string_view serviceName, ServiceMainRoutine serviceMain) {
     TheService().main = serviceMain;
     std::wstring name = WideOf(serviceName);
     const SERVICE_TABLE_ENTRYW services[] = {{name.data(), RunServiceMain}, {nullptr, nullptr}};
     return ResultOf(::StartServiceCtrlDispatcherW(services));
-} catch (const std::exception&) {
-    return error::notEnoughMemory;
 }
 
 Error RegisterServiceCtrlHandlerExW(std::u16string_view serviceName, ServiceHandlerRoutine handler, void* context,
-                                    ServiceStatusHandle& handle) try {
+                                    ServiceStatusHandle& handle) {
     handle = 0;
     TheService().handler = handler;
     handle = reinterpret_cast<ServiceStatusHandle>(
         ::RegisterServiceCtrlHandlerExW(WideOf(serviceName).c_str(), HandleControl, context));
     return ResultOf(handle != 0);
-} catch (const std::exception&) {
-    return error::notEnoughMemory;
 }
 
 Error SetServiceStatus(ServiceStatusHandle handle, const ServiceStatus& status) {
@@ -98,8 +94,8 @@ Error SetServiceStatus(ServiceStatusHandle handle, const ServiceStatus& status) 
 }  // namespace
 
 ServiceHostOperations WindowsServiceHost() {
-    return {.StartServiceCtrlDispatcherW = StartServiceCtrlDispatcherW,
-            .RegisterServiceCtrlHandlerExW = RegisterServiceCtrlHandlerExW,
+    return {.StartServiceCtrlDispatcherW = Guarded(StartServiceCtrlDispatcherW),
+            .RegisterServiceCtrlHandlerExW = Guarded(RegisterServiceCtrlHandlerExW),
             .SetServiceStatus = SetServiceStatus};
 }
 

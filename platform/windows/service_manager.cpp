@@ -1,9 +1,9 @@
 #include <algorithm>
 #include <cstddef>
-#include <exception>
 #include <memory>
 
 #include "platform/backend.h"
+#include "platform/guarded.h"
 #include "platform/windows/win32.h"
 
 namespace platform {
@@ -113,18 +113,6 @@ Error EnumDependentServicesW(ServiceHandle service, std::size_t bufferSize, std:
     for (DWORD at = 0; result == error::success && at < count; ++at)
         services.push_back({TextOf(found[at].lpServiceName), StatusOf(found[at].ServiceStatus)});
     return result;
-}
-
-/// An operation from which nothing is thrown.
-template <class... Parameters>
-auto Guarded(Error (*operation)(Parameters...)) {
-    return [operation](Parameters... parameters) noexcept -> Error {
-        try {
-            return operation(parameters...);
-        } catch (const std::exception&) {  // no memory
-            return error::notEnoughMemory;
-        }
-    };
 }
 
 }  // namespace

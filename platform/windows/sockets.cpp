@@ -6,6 +6,7 @@
 #include <memory>
 #include <utility>
 
+#include "platform/guarded.h"
 #include "platform/utf.h"
 #include "platform/windows/computer_name.h"
 #include "platform/windows/win32.h"
@@ -251,10 +252,10 @@ SocketOperations WindowsSockets() {
     return {
         .WSAStartup = StartLibrary,
         .WSACleanup = [] { ::WSACleanup(); },
-        .gethostname = OwnHostName,
-        .gethostbyname = HostByName,
-        .gethostbyaddr = HostByAddress,
-        .GetDefaultRouteAddress = DefaultRouteAddress,
+        .gethostname = Guarded(OwnHostName),
+        .gethostbyname = Guarded(HostByName),
+        .gethostbyaddr = Guarded(HostByAddress),
+        .GetDefaultRouteAddress = Guarded(DefaultRouteAddress),
         .inet_addr = AddressFromText,
         .inet_ntoa = TextFromAddress,
         .socket = OpenDatagramSocket,

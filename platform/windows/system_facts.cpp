@@ -1,6 +1,7 @@
 #include <bit>
 #include <fmt/format.h>
 
+#include "platform/guarded.h"
 #include "platform/utf.h"
 #include "platform/windows/computer_name.h"
 #include "platform/windows/win32.h"
@@ -93,8 +94,9 @@ Error ComputerName(COMPUTER_NAME_FORMAT form, std::u16string& name) {
 
 SystemFactOperations WindowsSystemFacts() {
     return {
-        .GetVersionExW = GetVersionExW,
-        .GetComputerNameExW = [](std::u16string& name) { return ComputerName(ComputerNameDnsFullyQualified, name); },
+        .GetVersionExW = Guarded(GetVersionExW),
+        .GetComputerNameExW =
+            Guarded([](std::u16string& name) { return ComputerName(ComputerNameDnsFullyQualified, name); }),
     };
 }
 

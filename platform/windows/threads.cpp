@@ -67,8 +67,8 @@ Error WaitForThread(ThreadHandle thread, std::uint32_t milliseconds) {
 }
 
 MutexHandle CreateMutexW() {
-    auto* const section = new (std::nothrow) CRITICAL_SECTION;
-    if (section != nullptr) ::InitializeCriticalSection(section);
+    auto* const section = new CRITICAL_SECTION;
+    ::InitializeCriticalSection(section);
     return reinterpret_cast<MutexHandle>(section);
 }
 

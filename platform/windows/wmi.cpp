@@ -1,9 +1,9 @@
-#include <new>
 #include <string>
 #include <utility>
 #include <variant>
 
 #include "platform/backend.h"
+#include "platform/guarded.h"
 #include "platform/utf.h"
 #include "platform/windows/com_variant.h"
 #include "platform/windows/wmi_source.h"
@@ -169,18 +169,6 @@ std::vector<std::u16string> TakeNotices(WmiHandle handle) {
     return enumerator == nullptr ? std::vector<std::u16string>() : std::exchange(enumerator->notices, {});
 }
 
-/// The operation with no exception coming out of it.
-template <class Operation>
-auto Guarded(Operation operation) {
-    return [operation]<class... Arguments>(Arguments&&... arguments) {
-        try {
-            return operation(std::forward<Arguments>(arguments)...);
-        } catch (const std::bad_alloc&) {
-            return wmi_status::outOfMemory;
-        }
-    };
-}
-
 }  // namespace
 
 WmiSource SystemWmi() {
@@ -194,16 +182,17 @@ WmiOperations WmiFrom(const WmiSource& source) {
         .CoInitializeEx = CoInitializeEx,
         .CoUninitialize = CoUninitialize,
         .CoInitializeSecurity = [source] { return StatusOf(source.initializeSecurity()); },
-        .CoCreateInstance = Guarded([source](WmiHandle& locator) { return CreateLocator(source, locator); }),
-        .ConnectServer = Guarded(ConnectServer),
+        .CoCreateInstance =
+            Guarded([source](WmiHandle& locator) { return CreateLocator(source, locator); }, wmiResults),
+        .ConnectServer = Guarded(ConnectServer, wmiResults),
         .CoSetProxyBlanket = CoSetProxyBlanket,
         .ExecQuery =
-            Guarded([limit = source.objectLimit](WmiHandle services, std::u16string_view query, WmiHandle& to) {
-                return ExecQuery(limit, services, query, to);
-            }),
-        .Next = Guarded(Next),
+            Guarded([limit = source.objectLimit](WmiHandle services, std::u16string_view query,
+                                                 WmiHandle& to) { return ExecQuery(limit, services, query, to); },
+                    wmiResults),
+        .Next = Guarded(Next, wmiResults),
         .BeginEnumeration = BeginEnumeration,
-        .NextProperty = Guarded(NextProperty),
+        .NextProperty = Guarded(NextProperty, wmiResults),
         .EndEnumeration = EndEnumeration,
         .Release = Release,
         .TakeNotices = TakeNotices,

@@ -2,13 +2,17 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <gtest/gtest.h>
 #include <set>
+#include <stdexcept>
 #include <vector>
 
 #include "platform/backend.h"
 #include "platform/clock.h"
+#include "platform/guarded.h"
 #include "platform/messages.h"
+#include "platform/process.h"
 #include "platform/sockets.h"
 #include "platform/system_facts.h"
 #include "platform/threads.h"
@@ -44,6 +48,34 @@ TEST(Utf, BothDirectionsTakeAnything) {
     }
     EXPECT_EQ(Utf8FromWide(std::u16string{0xD83D, 0xD83D, 0xDE00}), "\uFFFD\U0001F600") << "two leads and a trail";
     EXPECT_EQ(Utf8FromWide(std::u16string{0xDE00, u'a', 0xD83D}), "\uFFFDa\uFFFD") << "a trail and a lead alone";
+}
+
+TEST(Guard, TurnsExceptionsIntoResults) {
+    const struct {
+        const char* title;
+        void (*work)();
+        Error result;
+        int directoryResult;
+    } rows[] = {
+        {"nothing thrown", [] {}, error::success, directory_error::success},
+        {"no memory", [] { throw std::bad_alloc(); }, error::notEnoughMemory, directory_error::noMemory},
+        {"no thread", [] { throw std::system_error(EAGAIN, std::generic_category()); }, error::notEnoughMemory,
+         directory_error::noMemory},
+        {"anything else", [] { throw std::runtime_error("else"); }, error::generalFailure, directory_error::invalid},
+    };
+    for (const auto& [title, work, result, directoryResult] : rows) {
+        EXPECT_EQ(Guarded([&work = work] { return work(), error::success; })(), result) << title;
+        EXPECT_EQ(Guarded([&work = work] { return work(), 0; }, directoryErrorResults)(), directoryResult) << title;
+    }
+    EXPECT_THROW(Guarded([]() -> Error { throw 1; })(), int) << "what a test throws to end a loop";
+}
+
+TEST_F(SystemTest, ProcessesRefuseHandleZero) {
+    std::uint32_t exitCode = 0;
+    EXPECT_EQ(Processes().WaitForSingleObject(0, 0), error::invalidHandle);
+    EXPECT_EQ(Processes().GetExitCodeProcess(0, exitCode), error::invalidHandle);
+    EXPECT_EQ(Processes().TerminateProcess(0), error::invalidHandle);
+    Processes().CloseProcess(0);
 }
 
 TEST_F(SystemTest, LocalTimeIsTakenApartAndPutTogether) {
