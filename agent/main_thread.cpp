@@ -7,6 +7,7 @@
 #include "exchange/request_polling.h"
 #include "exchange/upload_pipeline.h"
 #include "foundation/agent_state.h"
+#include "foundation/directory_failure.h"
 #include "foundation/guarded.h"
 #include "foundation/log.h"
 #include "foundation/thread_pool.h"
@@ -31,19 +32,16 @@ void EnterBinDirectory() {
     Log4("\t Inside EnterBinDirectory() \n");
     constexpr const char* currentDirectory = "\t InvokeMainThread :: Current working directory %s \n";
     const std::u16string path = agentState.gv_ocAgentBinPath.value_or(u"");
-    switch (platform::Files().wchdir(path)) {
-        case 0:
-            Log1(currentDirectory, WorkingDirectory());
-            return;
-        case 2:
-            Log1("\t InvokeMainThread :: Unable to locate the directory: %s\n", path);
-            break;
-        case 22:
-            Log1("\t InvokeMainThread :: Invalid Argument\n");
-            break;
-        default:
-            Log1("\t InvokeMainThread :: Unknown Error.\n");
+    const int failure = platform::Files().wchdir(path);
+    if (failure == platform::directory_error::success) {
+        Log1(currentDirectory, WorkingDirectory());
+        return;
     }
+    LogDirectoryFailure(failure,
+                        {.notFound = {1, "\t InvokeMainThread :: Unable to locate the directory: %s\n"},
+                         .invalid = {1, "\t InvokeMainThread :: Invalid Argument\n"},
+                         .other = {1, "\t InvokeMainThread :: Unknown Error.\n"}},
+                        path);
     Log3(currentDirectory, WorkingDirectory());
 }
 

@@ -19,8 +19,6 @@ namespace kv {
 
 namespace {
 
-constexpr int directoryExists = 17;  // the C error number of wmkdir
-
 /// The files, not directories, that match a pattern; how the search began and how it ended.
 struct MatchingFiles {
     std::vector<std::u16string> names;
@@ -107,7 +105,7 @@ std::u16string PrepareDataDirectory(const char* caller) {
         directory = u".";
     }
     directory += u"\\data";
-    if (const int error = files.wmkdir(directory); error != 0 && error != directoryExists) {
+    if (const int error = files.wmkdir(directory); error != 0 && error != platform::directory_error::exists) {
         Log1("\n %s :: Unable to create data folder errorno- %d", caller, error);
     }
     return directory;

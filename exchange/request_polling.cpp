@@ -5,6 +5,7 @@
 
 #include "exchange/request_dispatch.h"
 #include "foundation/agent_state.h"
+#include "foundation/directory_failure.h"
 #include "foundation/file_utils.h"
 #include "foundation/guarded.h"
 #include "foundation/log.h"
@@ -26,6 +27,7 @@ namespace {
 
 using platform::Error;
 using platform::Files;
+namespace directory_error = platform::directory_error;
 namespace error = platform::error;
 
 constexpr std::uint32_t pollMilliseconds = 30000;
@@ -38,34 +40,21 @@ struct RequestListPaths {
 /// The download directory; below the bin path when that cannot be made the working directory.
 std::u16string DownloadDirectory() {
     const std::u16string binPath = agentState.gv_ocAgentBinPath.value_or(u"");
-    switch (Files().wchdir(binPath)) {
-        case 0:
-            return std::u16string(conf_path::downloadDirectory);
-        case 2:
-            Log3("\t RequestCentralServer :: Change directory failed \n");
-            break;
-        case 22:
-            Log1("\t RequestCentralServer :: Invalid buffer \n");
-            break;
-        default:
-            Log1("\t RequestCentralServer :: Unknown error \n");
-    }
+    const int failure = Files().wchdir(binPath);
+    if (failure == directory_error::success) return std::u16string(conf_path::downloadDirectory);
+    LogDirectoryFailure(failure, {.notFound = {3, "\t RequestCentralServer :: Change directory failed \n"},
+                                  .invalid = {1, "\t RequestCentralServer :: Invalid buffer \n"},
+                                  .other = {1, "\t RequestCentralServer :: Unknown error \n"}});
     return ConcatStrings(binPath, conf_path::downloadDirectory);
 }
 
 void MakeDownloadDirectory(std::u16string_view directory) {
-    switch (const int failure = Files().wmkdir(directory)) {
-        case 0:
-            break;
-        case 2:
-            Log1("\t RequestCentralServer :: download directory not created. Path not found \n");
-            break;
-        case 17:
-            Log1("\t RequestCentralServer :: download directory not created. dirname already exists \n");
-            break;
-        default:
-            Log1("\t RequestCentralServer :: download directory not created. Error unknown [%d] \n", failure);
-    }
+    const int failure = Files().wmkdir(directory);
+    if (failure == directory_error::success) return;
+    LogDirectoryFailure(
+        failure, {.notFound = {1, "\t RequestCentralServer :: download directory not created. Path not found \n"},
+                  .exists = {1, "\t RequestCentralServer :: download directory not created. dirname already exists \n"},
+                  .other = {1, "\t RequestCentralServer :: download directory not created. Error unknown [%d] \n"}});
 }
 
 bool WriteRequestAvailable(std::u16string_view text) {

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "foundation/agent_state.h"
+#include "foundation/directory_failure.h"
 #include "foundation/file_utils.h"
 #include "foundation/log.h"
 #include "foundation/open_file.h"
@@ -23,6 +24,7 @@ namespace {
 
 using platform::Error;
 using platform::Files;
+namespace directory_error = platform::directory_error;
 namespace error = platform::error;
 
 constexpr std::u16string_view newPlan = u"..\\conf\\download\\queryconf.txt";
@@ -34,34 +36,22 @@ constexpr std::u16string_view keptDownloads[] = {conf_path::planName, u"querycon
 /// Goes to the bin directory. What to put before the relative paths of the configuration: nothing when that went well.
 std::u16string EnterBinDirectory() {
     const std::u16string binPath = agentState.gv_ocAgentBinPath.value_or(u"");
-    switch (Files().wchdir(binPath)) {
-        case 0:
-            return {};
-        case 2:
-            Log1("\t RequestingConfigDetailstoCS :: Change directory failer \n");
-            break;
-        case 22:
-            Log1("\t RequestingConfigDetailstoCS :: Invalid buffer \n");
-            break;
-        default:
-            Log1("\t RequestingConfigDetailstoCS :: Unknown error \n");
-    }
+    const int failure = Files().wchdir(binPath);
+    if (failure == directory_error::success) return {};
+    LogDirectoryFailure(failure, {.notFound = {1, "\t RequestingConfigDetailstoCS :: Change directory failer \n"},
+                                  .invalid = {1, "\t RequestingConfigDetailstoCS :: Invalid buffer \n"},
+                                  .other = {1, "\t RequestingConfigDetailstoCS :: Unknown error \n"}});
     return binPath;
 }
 
 void MakeDirectory(const char* caller, std::u16string_view directory) {
-    switch (const int failure = Files().wmkdir(directory)) {
-        case 0:
-            break;
-        case 2:
-            Log1("\t %s :: %s not created. Path not found \n", caller, directory);
-            break;
-        case 17:
-            Log2("\t %s :: %s not created. dirname already exists \n", caller, directory);
-            break;
-        default:
-            Log1("\t %s :: %s not created. Error unknown [%d] \n", caller, directory, failure);
-    }
+    const int failure = Files().wmkdir(directory);
+    if (failure == directory_error::success) return;
+    LogDirectoryFailure(failure,
+                        {.notFound = {1, "\t %s :: %s not created. Path not found \n"},
+                         .exists = {2, "\t %s :: %s not created. dirname already exists \n"},
+                         .other = {1, "\t %s :: %s not created. Error unknown [%d] \n"}},
+                        caller, directory);
 }
 
 /// What an archive takes once it is unpacked, in bytes; 0 when it cannot be opened, as UnzipFiles will say.

@@ -67,7 +67,7 @@ TEST_F(FilesTest, OpeningGivesSystemErrorNumbers) {
 TEST_F(FilesTest, DirectoriesAndNames) {
     const FileOperations& files = Files();
     EXPECT_EQ(files.wmkdir(u"one"), 0);
-    EXPECT_EQ(files.wmkdir(u"one\\"), 17);
+    EXPECT_EQ(files.wmkdir(u"one\\"), directory_error::exists);
     Write("./a", "a");
     Write("./b", "b");
     EXPECT_EQ(files.MoveFileExW(u"a", u"b", false), error::alreadyExists);
