@@ -7,7 +7,6 @@
 #include "exchange/service_control.h"
 #include "foundation/agent_state.h"
 #include "foundation/log.h"
-#include "foundation/service_handle.h"
 #include "foundation/system_error.h"
 #include "foundation/time_utils.h"
 #include "platform/clock.h"
@@ -20,6 +19,7 @@ namespace kv {
 namespace {
 
 using platform::Error;
+using platform::OwnedServiceHandle;
 using platform::RecoveryAction;
 using platform::ServiceHandle;
 using platform::ServiceManager;
@@ -90,18 +90,19 @@ Creation CreateAgentService(const OwnedServiceHandle& manager) {
     const OptionalText binaryPath = QuotedProgramPath();
     if (!binaryPath) return {.failure = platform::error::notEnoughMemory};
     OwnedServiceHandle service;
-    const Error failure = ServiceManager().CreateServiceW(manager.handle, AgentDefinition(*binaryPath), service.handle);
+    const Error failure = ServiceManager().CreateServiceW(manager.get(), AgentDefinition(*binaryPath), service.place());
     if (failure != success) {
         Log1("\t Install() :: Create Service failure, error code = %d\n", failure);
         return {.failure = failure};
     }
     Log3("Service %s installed successfully\n", serviceName);
-    return {.recoveryFailure = SetFailureActions(service.handle)};
+    return {.recoveryFailure = SetFailureActions(service.get())};
 }
 
 Error InstallService() {
     OwnedServiceHandle manager;
-    if (const Error failure = manager.OpenManager(platform::manager_right::createService)) {
+    if (const Error failure =
+            ServiceManager().OpenSCManagerW(platform::manager_right::createService, manager.place())) {
         Log1("OpenSCManager failed, errorCode = %d\n", failure);
         return failure;
     }
@@ -115,16 +116,17 @@ Error InstallService() {
 
 Error RemoveService() {
     OwnedServiceHandle manager;
-    if (const Error failure = manager.OpenManager(platform::manager_right::all)) {
+    if (const Error failure = ServiceManager().OpenSCManagerW(platform::manager_right::all, manager.place())) {
         Log1("\t UnInstall() :: OpenSCManager failed, error code = %d\n", failure);
         return failure;
     }
     OwnedServiceHandle service;
-    if (const Error failure = service.OpenService(manager, serviceName, platform::service_right::all)) {
+    if (const Error failure =
+            ServiceManager().OpenServiceW(manager.get(), serviceName, platform::service_right::all, service.place())) {
         Log1("\t UnInstall() :: OpenService failed, error code = %d\n", failure);
         return failure;
     }
-    if (const Error failure = ServiceManager().DeleteService(service.handle)) {
+    if (const Error failure = ServiceManager().DeleteService(service.get())) {
         Log1("\t UnInstall() :: Failed to delete service %s\n", serviceName);
         LogLastSystemError(failure);
         return failure;
@@ -136,11 +138,12 @@ Error RemoveService() {
 /// Opens a service with all rights. Lines about what fails begin with the operation.
 Error OpenWithAllRights(const char* operation, std::u16string_view name, OwnedServiceHandle& manager,
                         OwnedServiceHandle& service) {
-    if (const Error failure = manager.OpenManager(platform::manager_right::all)) {
+    if (const Error failure = ServiceManager().OpenSCManagerW(platform::manager_right::all, manager.place())) {
         Log1("%s : Failed to open the ServiceControl Manager of This Computer :%d \n", operation, failure);
         return failure;
     }
-    const Error failure = service.OpenService(manager, name, platform::service_right::all);
+    const Error failure =
+        ServiceManager().OpenServiceW(manager.get(), name, platform::service_right::all, service.place());
     if (failure != success) Log1("%s : Failed to open the %s Service :%d \n", operation, name, failure);
     return failure;
 }
@@ -242,7 +245,7 @@ std::uint32_t StartingService(std::u16string_view name) {
     {
         OwnedServiceHandle service;
         if (const Error failure = OpenWithAllRights("StartingService", name, manager, service)) return failure;
-        if (const Error failure = StartAndWait(service.handle, status)) return failure;
+        if (const Error failure = StartAndWait(service.get(), status)) return failure;
     }
     if (status.dwCurrentState != ServiceState::running) return ReportNotStarted(status);
     Log2("StartingService : StartService SUCCESS.\n");
@@ -256,7 +259,7 @@ void StopService() {
         OwnedServiceHandle manager;
         OwnedServiceHandle service;
         if (OpenWithAllRights("StopService", serviceName, manager, service) != success) return;
-        wait.service = service.handle;
+        wait.service = service.get();
         StopOpened(wait);
     }
     Log2("StopService: Closing service handles\n");

@@ -60,18 +60,6 @@ class WorkingDirectory {
     OptionalText saved_;
 };
 
-/// A started process; closed at the end.
-struct ChildProcess {
-    platform::ProcessHandle handle = 0;
-
-    ChildProcess() = default;
-    ~ChildProcess() {
-        if (handle != 0) platform::Processes().CloseProcess(handle);
-    }
-    ChildProcess(const ChildProcess&) = delete;
-    ChildProcess& operator=(const ChildProcess&) = delete;
-};
-
 /// 0 is done; 1641 and 3010 are an installer's codes for done, with a restart of the computer under way or due.
 bool CountsAsSuccess(std::uint32_t exitCode) { return exitCode == 0 || exitCode == 1641 || exitCode == 3010; }
 
@@ -125,8 +113,8 @@ int execute(const OptionalText& workingDirectory, std::u16string_view commandLin
     WorkingDirectory directory;
     if (workingDirectory && !directory.Enter(*workingDirectory, remarks)) return 0;
 
-    ChildProcess process;
-    const platform::Error error = processes.CreateProcessW(commandLine, u"", process.handle);
+    platform::OwnedProcess process;
+    const platform::Error error = processes.CreateProcessW(commandLine, u"", process.place());
     if (error != platform::error::success) {
         Remark(remarks, "Failed to Create the Process for installing Patch");
         LogLastSystemError(error);
@@ -136,9 +124,9 @@ int execute(const OptionalText& workingDirectory, std::u16string_view commandLin
 
     const std::uint64_t limit =
         std::min<std::uint64_t>(waitMinutes * millisecondsPerMinute, std::numeric_limits<std::int32_t>::max());
-    switch (AwaitEnd(process.handle, static_cast<std::uint32_t>(limit), bound)) {
+    switch (AwaitEnd(process.get(), static_cast<std::uint32_t>(limit), bound)) {
         case Wait::ended:
-            return ResultOfEndedProcess(process.handle, remarks);
+            return ResultOfEndedProcess(process.get(), remarks);
         case Wait::timeExceeded:
             Remark(remarks, "Terminating the Process for application %s as time is exceeded %d Minutes \n", commandLine,
                    waitMinutes);
@@ -149,7 +137,7 @@ int execute(const OptionalText& workingDirectory, std::u16string_view commandLin
                    commandLine, bound->bytes, bound->path);
             break;
     }
-    EndProcess(process.handle, commandLine);
+    EndProcess(process.get(), commandLine);
     return 0;
 }
 

@@ -13,6 +13,7 @@ namespace kv {
 
 namespace {
 
+using platform::OwnedWmiHandle;
 using platform::Wmi;
 using platform::WmiHandle;
 using platform::WmiStatus;
@@ -27,18 +28,6 @@ struct ComUse {
     ComUse& operator=(const ComUse&) = delete;
     ~ComUse() {
         if (isUp) Wmi().CoUninitialize();
-    }
-};
-
-/// What a step obtained, if it did.
-struct Obtained {
-    WmiHandle handle = 0;
-
-    Obtained() = default;
-    Obtained(const Obtained&) = delete;
-    Obtained& operator=(const Obtained&) = delete;
-    ~Obtained() {
-        if (handle != 0) Wmi().Release(handle);
     }
 };
 
@@ -57,9 +46,9 @@ struct Query {
     std::u16string_view nameSpace;
     std::u16string_view text;
     ComUse com = {};
-    Obtained locator = {};
-    Obtained services = {};
-    Obtained enumerator = {};
+    OwnedWmiHandle locator = {};
+    OwnedWmiHandle services = {};
+    OwnedWmiHandle enumerator = {};
 };
 
 /// How a query ended: the status, and of a failure what FormatWMIError is to say about it.
@@ -82,10 +71,10 @@ constexpr ConnectStep connectSteps[] = {
      }},
     {u"Failed to initialize security", [](Query&) { return Wmi().CoInitializeSecurity(); }},
     {u"Failed to create IWbemLocator object",
-     [](Query& query) { return Wmi().CoCreateInstance(query.locator.handle); }},
+     [](Query& query) { return Wmi().CoCreateInstance(query.locator.place()); }},
     {u"Could not connect to nameSpace",
-     [](Query& query) { return Wmi().ConnectServer(query.locator.handle, query.nameSpace, query.services.handle); }},
-    {u"Could not set proxy blanket", [](Query& query) { return Wmi().CoSetProxyBlanket(query.services.handle); }},
+     [](Query& query) { return Wmi().ConnectServer(query.locator.get(), query.nameSpace, query.services.place()); }},
+    {u"Could not set proxy blanket", [](Query& query) { return Wmi().CoSetProxyBlanket(query.services.get()); }},
 };
 
 Outcome Connect(Query& query) {
@@ -99,7 +88,7 @@ Outcome Connect(Query& query) {
 }
 
 Outcome Start(Query& query) {
-    const WmiStatus status = Wmi().ExecQuery(query.services.handle, query.text, query.enumerator.handle);
+    const WmiStatus status = Wmi().ExecQuery(query.services.get(), query.text, query.enumerator.place());
     if (!platform::IsFailure(status)) return {};
     Log1("\t WMIFunction ::ExecQuery Failed for %s. Last Error code is [%x] \n", query.text, status);
     return {status, query.text};
@@ -135,11 +124,11 @@ void AppendRow(WmiHandle object, Vector* rows) {
 /// Takes objects until there are no more or the next cannot be obtained: the status says which.
 WmiStatus AppendRows(WmiHandle enumerator, Vector* rows) {
     while (true) {
-        Obtained object;
+        OwnedWmiHandle object;
         std::uint32_t count = 0;
-        const WmiStatus status = Wmi().Next(enumerator, object.handle, count);
+        const WmiStatus status = Wmi().Next(enumerator, object.place(), count);
         if (status != wmi_status::ok || count != 1) return status;
-        AppendRow(object.handle, rows);
+        AppendRow(object.get(), rows);
     }
 }
 
@@ -148,8 +137,8 @@ Outcome Run(std::u16string_view nameSpace, std::u16string_view text, Vector* row
     Outcome outcome = Connect(query);
     if (!platform::IsFailure(outcome.status)) outcome = Start(query);
     if (platform::IsFailure(outcome.status)) return outcome;
-    const WmiStatus status = AppendRows(query.enumerator.handle, rows);
-    for (const std::u16string& notice : Wmi().TakeNotices(query.enumerator.handle))
+    const WmiStatus status = AppendRows(query.enumerator.get(), rows);
+    for (const std::u16string& notice : Wmi().TakeNotices(query.enumerator.get()))
         Log1("\t WMIFunction :: %s \n", notice);
     if (platform::IsFailure(status)) Log1("\t WMIFunction :: Next failed after %d rows [%x]\n", rows->count, status);
     return {status, u"ERROR"};

@@ -4,7 +4,6 @@
 #include <vector>
 
 #include "foundation/log.h"
-#include "foundation/service_handle.h"
 #include "platform/clock.h"
 
 namespace kv {
@@ -13,6 +12,7 @@ namespace {
 
 using platform::DependentService;
 using platform::Error;
+using platform::OwnedServiceHandle;
 using platform::ServiceHandle;
 using platform::ServiceManager;
 using platform::ServiceState;
@@ -52,10 +52,13 @@ bool Succeeds(const Task& task, const char* step, Error failure) {
 }
 
 bool Open(const Task& task, std::uint32_t rights, OpenedService& opened) {
-    return Succeeds(task, "OpenSCManagerW", opened.manager.OpenManager(platform::manager_right::all)) &&
-           Succeeds(task, "OpenServiceW", opened.service.OpenService(opened.manager, task.service, rights)) &&
+    return Succeeds(task, "OpenSCManagerW",
+                    ServiceManager().OpenSCManagerW(platform::manager_right::all, opened.manager.place())) &&
+           Succeeds(
+               task, "OpenServiceW",
+               ServiceManager().OpenServiceW(opened.manager.get(), task.service, rights, opened.service.place())) &&
            Succeeds(task, "QueryServiceStatusEx",
-                    ServiceManager().QueryServiceStatusEx(opened.service.handle, opened.status));
+                    ServiceManager().QueryServiceStatusEx(opened.service.get(), opened.status));
 }
 
 /// Ends an operation because of the state that the service is in.
@@ -99,7 +102,7 @@ bool PollStart(const Task& task, ServiceHandle service) {
 }
 
 bool ControlAndWait(const Task& task, OpenedService& opened, std::uint32_t control, ServiceState wanted) {
-    const ServiceHandle service = opened.service.handle;
+    const ServiceHandle service = opened.service.get();
     if (!Succeeds(task, "ControlService", ServiceManager().ControlService(service, control, opened.status)))
         return false;
     return PollUntil(task, service, wanted, TickCount(), opened.status);
@@ -143,22 +146,23 @@ bool StartForDependent(const Task& task, ServiceHandle service, ServiceHandle ma
     constexpr std::uint32_t rights = service_right::queryStatus | service_right::start;
     ServiceStatus status;
     return Succeeds(task, "OpenServiceW",
-                    ServiceManager().OpenServiceW(manager, task.service, rights, dependent.handle)) &&
+                    ServiceManager().OpenServiceW(manager, task.service, rights, dependent.place())) &&
            Succeeds(task, "StartServiceW of the service depended on", ServiceManager().StartServiceW(service)) &&
-           Succeeds(task, "QueryServiceStatusEx", ServiceManager().QueryServiceStatusEx(dependent.handle, status)) &&
-           PollUntil(task, dependent.handle, ServiceState::running, since, status);
+           Succeeds(task, "QueryServiceStatusEx", ServiceManager().QueryServiceStatusEx(dependent.get(), status)) &&
+           PollUntil(task, dependent.get(), ServiceState::running, since, status);
 }
 
 bool StopDependent(const Task& task, ServiceHandle manager, std::uint64_t since) {
     OwnedServiceHandle dependent;
     constexpr std::uint32_t rights = service_right::queryStatus | service_right::stop;
-    if (!Succeeds(task, "OpenServiceW", ServiceManager().OpenServiceW(manager, task.service, rights, dependent.handle)))
+    if (!Succeeds(task, "OpenServiceW",
+                  ServiceManager().OpenServiceW(manager, task.service, rights, dependent.place())))
         return false;
     ServiceStatus status;
-    const Error failure = ServiceManager().ControlService(dependent.handle, service_control::stop, status);
+    const Error failure = ServiceManager().ControlService(dependent.get(), service_control::stop, status);
     if (failure == platform::error::serviceNotActive) return true;  // it has ended since it was listed
     return Succeeds(task, "ControlService", failure) &&
-           PollUntil(task, dependent.handle, ServiceState::stopped, since, status);
+           PollUntil(task, dependent.get(), ServiceState::stopped, since, status);
 }
 
 }  // namespace
@@ -168,11 +172,11 @@ bool StartServiceAndWait(std::u16string_view name) {
     const Task task{"StartServiceAndWait", name};
     OpenedService opened;
     if (!Open(task, service_right::all, opened)) return false;
-    const ServiceHandle service = opened.service.handle;
+    const ServiceHandle service = opened.service.get();
     const ServiceState state = opened.status.dwCurrentState;
     if (state != ServiceState::stopped && state != ServiceState::stopPending) return RefuseState(task, opened.status);
     if (!WaitWhilePending(service, ServiceState::stopPending, opened.status)) return RefuseState(task, opened.status);
-    return StartDependentServices(service, opened.manager.handle) &&
+    return StartDependentServices(service, opened.manager.get()) &&
            Succeeds(task, "StartServiceW", ServiceManager().StartServiceW(service)) && PollStart(task, service);
 }
 
@@ -186,7 +190,7 @@ bool StopServiceAndWait(std::u16string_view name) {
     const ServiceState state = opened.status.dwCurrentState;
     if (state == ServiceState::stopped || state == ServiceState::stopPending) return RefuseState(task, opened.status);
     // A dependent that still runs makes the manager refuse the control.
-    StopDependentServices(opened.service.handle, opened.manager.handle);
+    StopDependentServices(opened.service.get(), opened.manager.get());
     return ControlAndWait(task, opened, service_control::stop, ServiceState::stopped);
 }
 

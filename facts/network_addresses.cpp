@@ -79,11 +79,11 @@ bool IsLast(std::string_view datagram) {
 std::string ReceiveAddressMessages() {
     std::string answer;
     const platform::Descriptor netlink(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
-    if (!netlink.isOpen() || !RequestAddresses(netlink.number())) return answer;
+    if (!netlink || !RequestAddresses(netlink.get())) return answer;
     constexpr std::size_t largestDatagram = 64 * 1024;
     std::vector<char> datagram(largestDatagram);
     for (;;) {
-        const ssize_t got = recv(netlink.number(), datagram.data(), datagram.size(), 0);
+        const ssize_t got = recv(netlink.get(), datagram.data(), datagram.size(), 0);
         if (got < 0 && errno == EINTR) continue;
         if (got <= 0) return answer;
         const std::string_view part(datagram.data(), static_cast<std::size_t>(got));

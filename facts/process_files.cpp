@@ -211,12 +211,12 @@ ProcessFiles::ProcessFiles() : directory_(open("/proc", O_PATH | O_DIRECTORY | O
 
 std::optional<std::string_view> ProcessFiles::Read(std::uint32_t processId, const char* file) {
     const ProcessPath path(processId, file);
-    const platform::Descriptor opened(openat(directory_.number(), path.text.data(), O_RDONLY | O_CLOEXEC));
-    if (!opened.isOpen()) return std::nullopt;
+    const platform::Descriptor opened(openat(directory_.get(), path.text.data(), O_RDONLY | O_CLOEXEC));
+    if (!opened) return std::nullopt;
     std::size_t length = 0;
     ssize_t got = 0;
     for (;;) {
-        got = platform::ReadOnce(opened.number(), buffer_.data() + length, buffer_.size() - length);
+        got = platform::ReadOnce(opened.get(), buffer_.data() + length, buffer_.size() - length);
         if (got > 0) length += static_cast<std::size_t>(got);
         if (got < 0 || length < buffer_.size() || length >= maxFileBytes) break;  // these files read short at their end
         buffer_.resize(buffer_.size() * 2);
@@ -228,7 +228,7 @@ std::optional<std::string_view> ProcessFiles::Read(std::uint32_t processId, cons
 std::optional<std::string> ProcessFiles::ReadExecutablePath(std::uint32_t processId) {
     constexpr std::string_view deletedMark = " (deleted)";
     const ProcessPath link(processId, "exe");
-    const ssize_t length = readlinkat(directory_.number(), link.text.data(), buffer_.data(), buffer_.size());
+    const ssize_t length = readlinkat(directory_.get(), link.text.data(), buffer_.data(), buffer_.size());
     if (length <= 0) return std::nullopt;
     std::string_view path(buffer_.data(), static_cast<std::size_t>(length));
     if (path.ends_with(deletedMark)) path.remove_suffix(deletedMark.size());
@@ -238,7 +238,7 @@ std::optional<std::string> ProcessFiles::ReadExecutablePath(std::uint32_t proces
 std::optional<std::uint64_t> ProcessFiles::CountOpenFiles(std::uint32_t processId) const {
     const ProcessPath path(processId, "fd");
     struct stat facts {};
-    if (fstatat(directory_.number(), path.text.data(), &facts, 0) != 0) return std::nullopt;
+    if (fstatat(directory_.get(), path.text.data(), &facts, 0) != 0) return std::nullopt;
     if (facts.st_size > 0) return static_cast<std::uint64_t>(facts.st_size);  // the count, on newer kernels
     const Directory directory(opendir((std::string("/proc/") + path.text.data()).c_str()));
     if (!directory) return std::nullopt;

@@ -12,6 +12,7 @@ namespace kv {
 namespace {
 
 using platform::Error;
+using platform::OwnedRegistryKey;
 using platform::RegistryType;
 using platform::RootKey;
 namespace error = platform::error;
@@ -21,18 +22,6 @@ constexpr std::u16string_view placeholder = u"--";
 
 /// Zero bytes behind a text, so that one stored without its terminator, or with half of it, ends all the same.
 constexpr std::size_t spareBytes = 50;
-
-/// An open key, closed at the end of the scope.
-struct KeyHandle {
-    platform::RegistryKey key = 0;
-
-    KeyHandle() = default;
-    KeyHandle(const KeyHandle&) = delete;
-    KeyHandle& operator=(const KeyHandle&) = delete;
-    ~KeyHandle() {
-        if (key != 0) platform::Registry().RegCloseKey(key);
-    }
-};
 
 /// How often a value is asked for that keeps growing between the two questions.
 constexpr int mostQueries = 10;
@@ -82,10 +71,10 @@ std::optional<std::vector<std::byte>> StoredBytes(std::u16string_view data, Regi
 
 Error StoreValue(RootKey root, std::u16string_view subKey, std::u16string_view valueName,
                  const std::vector<std::byte>& bytes, RegistryType type, Error& openFailure) {
-    KeyHandle handle;
-    openFailure = platform::Registry().RegOpenKeyExW(root, subKey, platform::RegistryAccess::allAccess, handle.key);
+    OwnedRegistryKey key;
+    openFailure = platform::Registry().RegOpenKeyExW(root, subKey, platform::RegistryAccess::allAccess, key.place());
     if (openFailure != error::success) return openFailure;
-    return platform::Registry().RegSetValueExW(handle.key, valueName, type, bytes.data(), bytes.size());
+    return platform::Registry().RegSetValueExW(key.get(), valueName, type, bytes.data(), bytes.size());
 }
 
 void LogWriteFailure(Error failure, std::u16string_view subKey, std::u16string_view valueName, std::u16string_view data,
@@ -121,9 +110,9 @@ bool ReadNumber(std::u16string_view subKey, std::u16string_view valueName, std::
 Error ReadRegSZ(RootKey root, std::u16string_view subKey, std::u16string_view valueName, OptionalText& outText) {
     Log4("\t Inside ReadRegSZ() \n");
     outText.reset();
-    KeyHandle handle;
+    OwnedRegistryKey key;
     const Error opened =
-        platform::Registry().RegOpenKeyExW(root, subKey, platform::RegistryAccess::queryValue, handle.key);
+        platform::Registry().RegOpenKeyExW(root, subKey, platform::RegistryAccess::queryValue, key.place());
     if (opened != error::success) {
         Log1("ReadRegSZ: Error while opening registry key for serverName %d \n", opened);
         return opened;
@@ -131,9 +120,9 @@ Error ReadRegSZ(RootKey root, std::u16string_view subKey, std::u16string_view va
     Error result = error::moreData;
     for (int query = 0; query < mostQueries && result == error::moreData; ++query) {
         std::size_t size = 0;
-        result = platform::Registry().RegQueryValueExW(handle.key, valueName, nullptr, nullptr, size);
+        result = platform::Registry().RegQueryValueExW(key.get(), valueName, nullptr, nullptr, size);
         if (result != error::success || size == 0) return result;
-        result = QueryText(handle.key, valueName, size, outText);
+        result = QueryText(key.get(), valueName, size, outText);
     }
     if (result != error::success) Log1("ReadRegSZ: Error while reading DWORD value! %d \n", result);
     return result;
@@ -142,17 +131,17 @@ Error ReadRegSZ(RootKey root, std::u16string_view subKey, std::u16string_view va
 Error ReadDwordRegistryData(RootKey root, std::u16string_view subKey, std::u16string_view valueName,
                             std::uint32_t& outNumber) {
     Log4("\t Inside ReadDwordRegistryData() \n");
-    KeyHandle handle;
+    OwnedRegistryKey key;
     const Error opened =
-        platform::Registry().RegOpenKeyExW(root, subKey, platform::RegistryAccess::queryValue, handle.key);
+        platform::Registry().RegOpenKeyExW(root, subKey, platform::RegistryAccess::queryValue, key.place());
     if (opened != error::success) {
         Log1("ReadDwordRegistryData: Error while opening registry key for %s,%s : %d \n", subKey, valueName, opened);
         return opened;
     }
     std::uint32_t word = outNumber;  // a shorter value fills its low bytes only
     std::size_t size = sizeof word;
-    const Error result = platform::Registry().RegQueryValueExW(handle.key, valueName, nullptr,
-                                                               reinterpret_cast<std::byte*>(&word), size);
+    const Error result =
+        platform::Registry().RegQueryValueExW(key.get(), valueName, nullptr, reinterpret_cast<std::byte*>(&word), size);
     if (result != error::success) {
         Log1("ReadDwordRegistryData: Error while reading DWORD value of %s : %d \n", valueName, result);
         return result;
@@ -195,10 +184,10 @@ Error writeValue(RootKey root, std::u16string_view subKey, std::u16string_view v
 
 Error addRegistryKey(RootKey root, std::u16string_view subKey) {
     Log4("\t Inside addRegistryKey() \n");
-    KeyHandle handle;
+    OwnedRegistryKey key;
     platform::RegistryDisposition disposition = platform::RegistryDisposition::opened;
     const Error result = platform::Registry().RegCreateKeyExW(root, subKey, platform::RegistryAccess::allAccess,
-                                                              handle.key, disposition);
+                                                              key.place(), disposition);
     if (result != error::success) {
         Log1("addRegistryKey:  Create registry key \"%s\" function failed: %d \n", subKey, result);
         LogLastSystemError(result);

@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "platform/errors.h"
+#include "platform/owned_handle.h"
 #include "platform/seam.h"
 
 namespace platform {
@@ -60,5 +61,8 @@ struct ProcessOperations {
 };
 
 inline const ProcessOperations& Processes() { return CurrentOperations<ProcessOperations>(); }
+
+inline void CloseStartedProcess(ProcessHandle process) { Processes().CloseProcess(process); }
+using OwnedProcess = OwnedHandle<ProcessHandle, CloseStartedProcess>;
 
 }  // namespace platform

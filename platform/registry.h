@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "platform/errors.h"
+#include "platform/owned_handle.h"
 #include "platform/seam.h"
 
 namespace platform {
@@ -85,5 +86,8 @@ struct RegistryOperations {
 };
 
 inline const RegistryOperations& Registry() { return CurrentOperations<RegistryOperations>(); }
+
+inline Error CloseRegistryKey(RegistryKey key) { return Registry().RegCloseKey(key); }
+using OwnedRegistryKey = OwnedHandle<RegistryKey, CloseRegistryKey>;
 
 }  // namespace platform

@@ -1,8 +1,8 @@
 // The service manager: what installs, removes, asks, starts and stops the services of this computer.
 //
-// Handles are opened by the caller and closed with CloseServiceHandle (foundation/service_handle.h holds one). A handle
-// belongs to one thread at a time, together with those opened through it. No operation waits for a service to change
-// its state: that is for the caller, who asks again and again. Names are compared without regard to case.
+// The caller opens handles and closes them with CloseServiceHandle (OwnedServiceHandle does). A handle belongs to one
+// thread at a time, together with those opened through it. No operation waits for a service to change its state: the
+// caller asks again and again. Names are compared without regard to case.
 //
 // Errors that every operation may give: accessDenied; rpcServerUnavailable where there is no service manager;
 // serviceRequestTimeout where it does not answer; invalidHandle for a handle of 0.
@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "platform/errors.h"
+#include "platform/owned_handle.h"
 #include "platform/seam.h"
 #include "platform/service_status.h"
 
@@ -112,5 +113,8 @@ struct ServiceManagerOperations {
 };
 
 inline const ServiceManagerOperations& ServiceManager() { return CurrentOperations<ServiceManagerOperations>(); }
+
+inline void CloseService(ServiceHandle handle) { ServiceManager().CloseServiceHandle(handle); }
+using OwnedServiceHandle = OwnedHandle<ServiceHandle, CloseService>;  // of the manager or of a service
 
 }  // namespace platform

@@ -12,6 +12,7 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/owned_handle.h"
 #include "platform/seam.h"
 #include "platform/wmi_status.h"
 
@@ -80,5 +81,8 @@ struct WmiOperations {
 };
 
 inline const WmiOperations& Wmi() { return CurrentOperations<WmiOperations>(); }
+
+inline void ReleaseWmiHandle(WmiHandle handle) { Wmi().Release(handle); }
+using OwnedWmiHandle = OwnedHandle<WmiHandle, ReleaseWmiHandle>;
 
 }  // namespace platform

@@ -7,23 +7,14 @@ namespace kv {
 namespace {
 
 using platform::Error;
+using platform::OwnedRegistryKey;
 using platform::RegistryAccess;
 using platform::RootKey;
 namespace error = platform::error;
 
-/// An open key, closed at the end of the scope.
-struct KeyHandle {
-    platform::RegistryKey key = 0;
-    Error failure;
-
-    KeyHandle(std::u16string_view path, RegistryAccess access)
-        : failure(platform::Registry().RegOpenKeyExW(RootKey::localMachine, path, access, key)) {}
-    KeyHandle(const KeyHandle&) = delete;
-    KeyHandle& operator=(const KeyHandle&) = delete;
-    ~KeyHandle() {
-        if (key != 0) platform::Registry().RegCloseKey(key);
-    }
-};
+Error OpenKey(std::u16string_view path, RegistryAccess access, OwnedRegistryKey& key) {
+    return platform::Registry().RegOpenKeyExW(RootKey::localMachine, path, access, key.place());
+}
 
 /// Tries again with more room for as long as the value does not fit, since it may grow in between.
 Error QueryValue(platform::RegistryKey key, std::u16string_view name, RegFileValue& value) {
@@ -56,12 +47,10 @@ Error ReadSubtree(const std::u16string& path, RegFile& tree, std::u16string& fai
 }
 
 Error MakeKey(std::u16string_view path) {
-    platform::RegistryKey key = 0;
+    OwnedRegistryKey key;
     platform::RegistryDisposition disposition{};
-    const Error result =
-        platform::Registry().RegCreateKeyExW(RootKey::localMachine, path, RegistryAccess::allAccess, key, disposition);
-    if (result == error::success) platform::Registry().RegCloseKey(key);
-    return result;
+    return platform::Registry().RegCreateKeyExW(RootKey::localMachine, path, RegistryAccess::allAccess, key.place(),
+                                                disposition);
 }
 
 Error ApplyKey(const RegFileKey& key) {
@@ -81,22 +70,23 @@ Error ApplyKey(const RegFileKey& key) {
 }  // namespace
 
 Error ReadKey(std::u16string_view path, KeyContents& contents) {
-    const KeyHandle handle(path, RegistryAccess::read);
-    if (handle.failure != error::success) return handle.failure;
+    OwnedRegistryKey key;
+    if (const Error failure = OpenKey(path, RegistryAccess::read, key)) return failure;
     std::vector<std::u16string> names;
-    Error result = platform::Registry().RegEnumValueW(handle.key, names);
+    Error result = platform::Registry().RegEnumValueW(key.get(), names);
     for (std::size_t i = 0; i < names.size() && result == error::success; ++i) {
         RegFileValue value;
-        result = QueryValue(handle.key, names[i], value);
+        result = QueryValue(key.get(), names[i], value);
         if (result == error::success) contents.values.push_back(std::move(value));
         if (result == error::fileNotFound) result = error::success;
     }
-    return result == error::success ? platform::Registry().RegEnumKeyExW(handle.key, contents.subkeys) : result;
+    return result == error::success ? platform::Registry().RegEnumKeyExW(key.get(), contents.subkeys) : result;
 }
 
 Error ReadValue(std::u16string_view path, std::u16string_view name, RegFileValue& value) {
-    const KeyHandle handle(path, RegistryAccess::read);
-    return handle.failure != error::success ? handle.failure : QueryValue(handle.key, name, value);
+    OwnedRegistryKey key;
+    const Error failure = OpenKey(path, RegistryAccess::read, key);
+    return failure != error::success ? failure : QueryValue(key.get(), name, value);
 }
 
 Error ReadTree(std::u16string_view path, RegFile& tree, std::u16string& failedAt) {
@@ -106,15 +96,15 @@ Error ReadTree(std::u16string_view path, RegFile& tree, std::u16string& failedAt
 
 Error WriteValue(std::u16string_view path, const RegFileValue& value) {
     if (const Error failure = MakeKey(path)) return failure;
-    const KeyHandle handle(path, RegistryAccess::allAccess);
-    if (handle.failure != error::success) return handle.failure;
-    return platform::Registry().RegSetValueExW(handle.key, value.name, value.type, value.data.data(),
-                                               value.data.size());
+    OwnedRegistryKey key;
+    if (const Error failure = OpenKey(path, RegistryAccess::allAccess, key)) return failure;
+    return platform::Registry().RegSetValueExW(key.get(), value.name, value.type, value.data.data(), value.data.size());
 }
 
 Error DeleteValue(std::u16string_view path, std::u16string_view name) {
-    const KeyHandle handle(path, RegistryAccess::allAccess);
-    return handle.failure != error::success ? handle.failure : platform::Registry().RegDeleteValueW(handle.key, name);
+    OwnedRegistryKey key;
+    const Error failure = OpenKey(path, RegistryAccess::allAccess, key);
+    return failure != error::success ? failure : platform::Registry().RegDeleteValueW(key.get(), name);
 }
 
 Error ApplyRegFile(const RegFile& file, std::u16string& failedAt) {

@@ -81,10 +81,10 @@ Error CreateFileW(std::u16string_view path, FileAccess access, FileShare, FileDi
     const bool mayCreate = disposition != FileDisposition::openExisting;
     const std::string native = mayCreate ? NewPathOf(path) : NativePathOf(path);
     Descriptor opened(OpenDescriptor(native, OpenFlags(access, disposition)));
-    if (!opened.isOpen()) return LastPathError(native);
+    if (!opened) return LastPathError(native);
     struct stat status {};
     if (access == FileAccess::read) {  // no directory can be opened for writing
-        if (fstat(opened.number(), &status) != 0) return LastError();
+        if (fstat(opened.get(), &status) != 0) return LastError();
         if (S_ISDIR(status.st_mode)) return error::accessDenied;
     }
     file = HandleOf(opened.Release());
@@ -218,12 +218,12 @@ Error CopyFileW(std::u16string_view from, std::u16string_view to) {
     const std::string source = NativePathOf(from);
     const std::string target = NewPathOf(to);
     const Descriptor input(OpenDescriptor(source, O_RDONLY));
-    if (input.number() < 0) return LastPathError(source);
+    if (!input) return LastPathError(source);
     const fs::path targetPath(target);
     const std::string growing = targetPath.parent_path() / (".copy-" + targetPath.filename().string());
     const Descriptor output(open(growing.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
-    if (output.number() < 0) return LastPathError(target);
-    Error failure = CopyContents(input.number(), output.number());
+    if (!output) return LastPathError(target);
+    Error failure = CopyContents(input.get(), output.get());
     if (failure == 0 && rename(growing.c_str(), target.c_str()) != 0) failure = LastPathError(target);
     if (failure != 0) unlink(growing.c_str());
     return failure;
@@ -314,12 +314,12 @@ int GetWorkingDirectory(std::u16string& path) {
 Error GetFileUseState(std::u16string_view path) {
     const std::string native = NativePathOf(path);
     const Descriptor file(open(native.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-    if (file.number() < 0) return errno == EWOULDBLOCK ? error::sharingViolation : LastPathError(native);
-    if (fcntl(file.number(), F_SETSIG, SIGURG) != 0) return error::success;
-    if (fcntl(file.number(), F_SETLEASE, F_RDLCK) != 0) {
+    if (!file) return errno == EWOULDBLOCK ? error::sharingViolation : LastPathError(native);
+    if (fcntl(file.get(), F_SETSIG, SIGURG) != 0) return error::success;
+    if (fcntl(file.get(), F_SETLEASE, F_RDLCK) != 0) {
         return errno == EAGAIN ? error::sharingViolation : error::success;
     }
-    fcntl(file.number(), F_SETLEASE, F_UNLCK);
+    fcntl(file.get(), F_SETLEASE, F_UNLCK);
     return error::success;
 }
 

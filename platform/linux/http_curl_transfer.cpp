@@ -318,11 +318,11 @@ bool CurlTransfer::RefusalHasCome() const {
 /// held. A server that then hangs up on what it has not read has its system reset the connection, in the moment of the
 /// close. A small body is in the socket's buffers before the answer comes, and no failed sending tells of that.
 Error CurlTransfer::ConfirmBody() {
-    if (!connection_.isOpen()) return error::success;
+    if (!connection_) return error::success;
     NoteTraffic();
     if (!IsBodyOut()) return error::winHttpConnectionError;
     const auto watch = [this](short events, std::chrono::milliseconds longest) {
-        pollfd watched{connection_.number(), events, 0};
+        pollfd watched{connection_.get(), events, 0};
         poll(&watched, 1, static_cast<int>(longest.count()));
         return watched.revents;
     };
@@ -387,7 +387,7 @@ int CurlTransfer::CurrentSocket() const {
 
 /// Bytes of the request that the other side has not acknowledged; what they were while they cannot be told.
 curl_off_t CurlTransfer::WaitingInSocket() const {
-    const int socket = connection_.isOpen() ? connection_.number() : CurrentSocket();
+    const int socket = connection_ ? connection_.get() : CurrentSocket();
     int waiting = 0;
     return socket >= 0 && ioctl(socket, SIOCOUTQ, &waiting) == 0 ? waiting : waitingInSocket_;
 }

@@ -47,7 +47,7 @@ struct Pipe {
         const Descriptor second(ends[1]);
         reading = Descriptor(fcntl(ends[0], F_DUPFD_CLOEXEC, lifelineDescriptor + 1));
         writing = Descriptor(fcntl(ends[1], F_DUPFD_CLOEXEC, lifelineDescriptor + 1));
-        return reading.isOpen() && writing.isOpen();
+        return reading && writing;
     }
 };
 
@@ -96,7 +96,7 @@ pid_t ForkGuardian(const Launch& launch) {
 int ReadReport(const Descriptor& report) {
     int code = 0;
     ssize_t count = 0;
-    do count = read(report.number(), &code, sizeof code);
+    do count = read(report.get(), &code, sizeof code);
     while (count < 0 && errno == EINTR);
     return count == sizeof code ? code : 0;
 }
@@ -106,8 +106,8 @@ int StartGuardian(Launch launch, Child& child) {
     Pipe report;
     Pipe lifeline;
     if (!report.Open() || !lifeline.Open()) return errno;
-    launch.report = report.writing.number();
-    launch.lifeline = lifeline.reading.number();
+    launch.report = report.writing.get();
+    launch.lifeline = lifeline.reading.get();
     child.id = ForkGuardian(launch);
     if (child.id < 0) return errno;
     report.writing = Descriptor();
@@ -156,8 +156,8 @@ Error WaitForSingleObject(ProcessHandle process, std::uint32_t milliseconds) {
         if (end.si_pid != 0) return error::success;
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - SteadyClock::now()).count();
         if (left <= 0) return error::waitTimeout;
-        pollfd watched{child.end.number(), POLLIN, 0};
-        const std::int64_t longest = child.end.isOpen() ? INT_MAX : lookIntervalMilliseconds;
+        pollfd watched{child.end.get(), POLLIN, 0};
+        const std::int64_t longest = child.end ? INT_MAX : lookIntervalMilliseconds;
         poll(&watched, 1, static_cast<int>(std::min<std::int64_t>(left, longest)));
     }
 }

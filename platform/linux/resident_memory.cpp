@@ -59,8 +59,7 @@ void DropSegment(const Descriptor& pageMap, std::uintptr_t start, std::uintptr_t
     const std::uintptr_t last = end / pageSize;
     while (page < last) {
         const std::size_t wanted = std::min(entries.size(), std::size_t{last - page}) * sizeof entries[0];
-        const ssize_t size =
-            pread(pageMap.number(), entries.data(), wanted, static_cast<off_t>(page * sizeof entries[0]));
+        const ssize_t size = pread(pageMap.get(), entries.data(), wanted, static_cast<off_t>(page * sizeof entries[0]));
         if (size < static_cast<ssize_t>(sizeof entries[0])) return;
         const auto known = std::span(entries).first(static_cast<std::size_t>(size) / sizeof entries[0]);
         for (auto run = known.begin(); run != known.end();) {
@@ -91,7 +90,7 @@ int DropObject(dl_phdr_info* object, std::size_t, void* pageMap) {
 void TrimResidentLibraryPages() {
     if (IsTraced()) return;
     Descriptor pageMap(open("/proc/self/pagemap", O_RDONLY | O_CLOEXEC));
-    if (pageMap.isOpen()) dl_iterate_phdr(DropObject, &pageMap);
+    if (pageMap) dl_iterate_phdr(DropObject, &pageMap);
 }
 
 void ReleaseFreeMemory() { malloc_trim(0); }

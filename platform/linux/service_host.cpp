@@ -195,12 +195,12 @@ Error StartServiceCtrlDispatcherW(std::u16string_view serviceName, ServiceMainRo
     if (!IsStartedByManager()) return error::serviceControllerConnect;
     const HeldSignals held;
     const Descriptor signals(signalfd(-1, &held.set(), SFD_CLOEXEC | SFD_NONBLOCK));
-    if (!signals.isOpen()) return ErrorFromErrno(errno);
+    if (!signals) return ErrorFromErrno(errno);
     const Descriptor wake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-    if (!wake.isOpen()) return ErrorFromErrno(errno);
-    const Hosting hosting(serviceName, wake.number());
+    if (!wake) return ErrorFromErrno(errno);
+    const Hosting hosting(serviceName, wake.get());
     std::thread mainThread(RunServiceMain, serviceMain, hosting.run());
-    if (DeliverControls(signals.number(), wake.number())) {
+    if (DeliverControls(signals.get(), wake.get())) {
         mainThread.join();
     } else {
         mainThread.detach();  // it may read its settings for long yet, and the process ends now
@@ -259,10 +259,10 @@ Error Notify(std::string_view notice) {
     const socklen_t length = ManagerAddress(address);
     if (length == 0) return error::serviceControllerConnect;
     const Descriptor sender(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    if (!sender.isOpen()) return ErrorFromErrno(errno);
-    setsockopt(sender.number(), SOL_SOCKET, SO_SNDTIMEO, &noticePatience, sizeof noticePatience);
+    if (!sender) return ErrorFromErrno(errno);
+    setsockopt(sender.get(), SOL_SOCKET, SO_SNDTIMEO, &noticePatience, sizeof noticePatience);
     const auto* const to = reinterpret_cast<const sockaddr*>(&address);
-    if (sendto(sender.number(), notice.data(), notice.size(), MSG_NOSIGNAL, to, length) >= 0) return error::success;
+    if (sendto(sender.get(), notice.data(), notice.size(), MSG_NOSIGNAL, to, length) >= 0) return error::success;
     return errno == EAGAIN ? error::serviceRequestTimeout : ErrorFromErrno(errno);
 }
 

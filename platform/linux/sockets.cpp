@@ -17,7 +17,7 @@ namespace platform {
 
 namespace {
 
-using AddressList = std::unique_ptr<addrinfo, decltype(&freeaddrinfo)>;
+using AddressList = std::unique_ptr<addrinfo, ReleasedBy<freeaddrinfo>>;
 
 Error LookupError(int code) {
     if (code == EAI_SYSTEM && errno != 0) return ErrorFromErrno(errno);
@@ -39,7 +39,7 @@ Error HostByName(std::string_view name, HostEntry& host) {
     addrinfo* found = nullptr;
     const std::string asked(name);
     if (const int code = getaddrinfo(asked.c_str(), nullptr, &hints, &found); code != 0) return LookupError(code);
-    const AddressList list(found, freeaddrinfo);
+    const AddressList list(found);
     std::array<char, NI_MAXHOST> dotted{};
     if (const int code =
             getnameinfo(found->ai_addr, found->ai_addrlen, dotted.data(), dotted.size(), nullptr, 0, NI_NUMERICHOST);
@@ -70,14 +70,14 @@ Error HostByAddress(std::string_view dottedAddress, HostEntry& host) {
 /// Connecting a datagram socket sends nothing: it makes the kernel choose the route, and with it the own address.
 Error DefaultRouteAddress(std::string& dottedAddress) {
     const Descriptor probe(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    if (!probe.isOpen()) return ErrorFromErrno(errno);
+    if (!probe) return ErrorFromErrno(errno);
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(9);
     address.sin_addr.s_addr = htonl(0xC6336401);  // 198.51.100.1, of documentation: any far address
     auto* const generic = reinterpret_cast<sockaddr*>(&address);
     socklen_t size = sizeof address;
-    if (connect(probe.number(), generic, size) != 0 || getsockname(probe.number(), generic, &size) != 0)
+    if (connect(probe.get(), generic, size) != 0 || getsockname(probe.get(), generic, &size) != 0)
         return error::hostNotFound;
     const std::uint32_t own = ntohl(address.sin_addr.s_addr);
     if (own == INADDR_ANY || own >> 24 == IN_LOOPBACKNET) return error::hostNotFound;

@@ -10,6 +10,7 @@
 
 #include "platform/guarded.h"
 #include "platform/linux/linux.h"
+#include "platform/owned_handle.h"
 #include "platform/utf.h"
 
 namespace platform {
@@ -66,7 +67,7 @@ std::string CanonicalName(const std::string& hostName) {
     hints.ai_flags = AI_CANONNAME;
     addrinfo* found = nullptr;
     if (getaddrinfo(hostName.c_str(), nullptr, &hints, &found) != 0) return hostName;
-    const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> list(found, freeaddrinfo);
+    const std::unique_ptr<addrinfo, ReleasedBy<freeaddrinfo>> list(found);
     return found->ai_canonname != nullptr && *found->ai_canonname != '\0' ? found->ai_canonname : hostName;
 }
 

@@ -19,14 +19,14 @@ ssize_t ReadOnce(int file, char* to, std::size_t room) {
 
 std::optional<std::string> ReadSystemFile(const std::string& path) {
     const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!file.isOpen()) return std::nullopt;
+    if (!file) return std::nullopt;
     std::string text;
     constexpr std::size_t maxFileBytes = 16 * 1024 * 1024;
     constexpr std::size_t firstBlock = 4096;
     for (std::size_t room = firstBlock; text.size() < maxFileBytes; room *= 2) {
         const std::size_t length = text.size();
         text.resize(length + room);
-        const ssize_t got = ReadOnce(file.number(), text.data() + length, room);
+        const ssize_t got = ReadOnce(file.get(), text.data() + length, room);
         text.resize(length + static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
         if (got < 0) return std::nullopt;
         if (got == 0) break;

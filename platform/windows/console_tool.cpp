@@ -4,7 +4,7 @@
 #include <memory>
 
 #include "platform/utf.h"
-#include "platform/windows/owned_handle.h"
+#include "platform/windows/system_handle.h"
 #include "platform/windows/win32.h"
 
 // After the system's main header, which it needs.
@@ -33,7 +33,7 @@ Error WriteAll(HANDLE file, std::string_view bytes) {
 }
 
 /// A new file beside the one of that name, of a name that no other has.
-Error MakePartialFile(const std::wstring& path, std::wstring& partial, OwnedHandle& file) {
+Error MakePartialFile(const std::wstring& path, std::wstring& partial, SystemHandle& file) {
     PSECURITY_DESCRIPTOR descriptor = nullptr;
     if (!::ConvertStringSecurityDescriptorToSecurityDescriptorW(privateAccess, SDDL_REVISION_1, &descriptor, nullptr))
         return LastError();
@@ -42,7 +42,7 @@ Error MakePartialFile(const std::wstring& path, std::wstring& partial, OwnedHand
     Error failure = error::fileExists;
     for (int tried = 0; failure == error::fileExists && tried < maximumNames; ++tried) {
         partial = path + L"." + std::to_wstring(::GetCurrentProcessId()) + L"-" + std::to_wstring(tried);
-        file = OwnedHandle(
+        file = OwnedFile(
             ::CreateFileW(partial.c_str(), GENERIC_WRITE, 0, &attributes, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr));
         failure = file ? error::success : LastError();
     }
@@ -52,11 +52,11 @@ Error MakePartialFile(const std::wstring& path, std::wstring& partial, OwnedHand
 /// Writes beside the file and renames.
 Error ReplaceFile(const std::wstring& path, std::string_view bytes) {
     std::wstring partial;
-    OwnedHandle file;
+    SystemHandle file;
     if (const Error failure = MakePartialFile(path, partial, file)) return failure;
-    Error failure = WriteAll(file.Get(), bytes);
-    if (failure == error::success) failure = ResultOf(::FlushFileBuffers(file.Get()));
-    file = OwnedHandle();
+    Error failure = WriteAll(file.get(), bytes);
+    if (failure == error::success) failure = ResultOf(::FlushFileBuffers(file.get()));
+    file.Close();
     constexpr DWORD flags = MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH;
     if (failure == error::success) failure = ResultOf(::MoveFileExW(partial.c_str(), path.c_str(), flags));
     if (failure != error::success) ::DeleteFileW(partial.c_str());
@@ -73,14 +73,15 @@ std::wstring FinalName(HANDLE file) {
 }
 
 Error WriteOutput(const std::wstring& path, std::string_view bytes) {
-    OwnedHandle there(::CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                                    nullptr, OPEN_EXISTING, 0, nullptr));
+    SystemHandle there =
+        OwnedFile(::CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                nullptr, OPEN_EXISTING, 0, nullptr));
     const Error failure = there ? error::success : LastError();
     if (failure == error::fileNotFound) return ReplaceFile(path, bytes);
     if (failure != error::success) return failure;
-    if (::GetFileType(there.Get()) != FILE_TYPE_DISK) return WriteAll(there.Get(), bytes);
-    const std::wstring whole = FinalName(there.Get());
-    there = OwnedHandle();  // a file that is open is not replaced
+    if (::GetFileType(there.get()) != FILE_TYPE_DISK) return WriteAll(there.get(), bytes);
+    const std::wstring whole = FinalName(there.get());
+    there.Close();  // a file that is open is not replaced
     return ReplaceFile(whole.empty() ? path : whole, bytes);
 }
 

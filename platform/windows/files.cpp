@@ -8,7 +8,7 @@
 
 #include "platform/guarded.h"
 #include "platform/windows/file_search.h"
-#include "platform/windows/owned_handle.h"
+#include "platform/windows/system_handle.h"
 #include "platform/windows/win32.h"
 
 // After the system's main header, which it needs.
@@ -99,18 +99,18 @@ Error CreateFileW(std::u16string_view path, FileAccess access, FileShare share, 
     file = 0;
     const std::wstring native = NativePathOf(path);
     const bool isNew = disposition == FileDisposition::createNew;
-    OwnedHandle opened;
+    SystemHandle opened;
     const auto open = [&]() -> BOOL {
         std::shared_lock writing(opensForWriting, std::defer_lock);
         if (access != FileAccess::read) writing.lock();
         opened =
-            OwnedHandle(::CreateFileW(native.c_str(), AccessOf(access), SharingOf(share), nullptr,
-                                      DispositionOf(disposition), isNew ? FILE_FLAG_OPEN_REPARSE_POINT : 0, nullptr));
+            OwnedFile(::CreateFileW(native.c_str(), AccessOf(access), SharingOf(share), nullptr,
+                                    DispositionOf(disposition), isNew ? FILE_FLAG_OPEN_REPARSE_POINT : 0, nullptr));
         return static_cast<bool>(opened);
     };
     const Error failure = access == FileAccess::read ? ResultOf(open()) : PastOthers(open);
     if (failure != error::success) return failure == error::fileExists ? error::alreadyExists : failure;
-    if (::GetFileType(opened.Get()) != FILE_TYPE_DISK) return error::invalidName;
+    if (::GetFileType(opened.get()) != FILE_TYPE_DISK) return error::invalidName;
     file = reinterpret_cast<FileHandle>(opened.Release());
     return error::success;
 }
@@ -232,14 +232,14 @@ Error Replace(const std::wstring& path, const Call& call) {
 
 /// A copy is on its way to the disk when the system calls it made. One that is read-only is left at that.
 Error BringToDisk(const std::wstring& path) {
-    OwnedHandle file;
+    SystemHandle file;
     const Error refusal = PastOthers([&]() -> BOOL {
-        file = OwnedHandle(::CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_DELETE, nullptr,
-                                         OPEN_EXISTING, 0, nullptr));
+        file = OwnedFile(::CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_DELETE, nullptr,
+                                       OPEN_EXISTING, 0, nullptr));
         return static_cast<bool>(file);
     });
     if (refusal != error::success) return refusal == error::accessDenied ? error::success : refusal;
-    return ResultOf(::FlushFileBuffers(file.Get()));
+    return ResultOf(::FlushFileBuffers(file.get()));
 }
 
 Error CopyFileW(std::u16string_view from, std::u16string_view to) {
@@ -294,8 +294,9 @@ int GetWorkingDirectory(std::u16string& path) {
 /// Refused while anyone has the file open for writing, as this does not share that.
 Error GetFileUseState(std::u16string_view path) {
     const std::lock_guard apart(opensForWriting);
-    const OwnedHandle file(::CreateFileW(NativePathOf(path).c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_DELETE,
-                                         nullptr, OPEN_EXISTING, 0, nullptr));
+    const SystemHandle file =
+        OwnedFile(::CreateFileW(NativePathOf(path).c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_DELETE, nullptr,
+                                OPEN_EXISTING, 0, nullptr));
     return file ? error::success : LastError();
 }
 

@@ -104,7 +104,7 @@ Error WinHttp::Open(Session& session, std::u16string_view userAgent, std::u16str
                                                   proxy.empty() ? WINHTTP_NO_PROXY_NAME : proxy.c_str(),
                                                   bypass.empty() ? WINHTTP_NO_PROXY_BYPASS : bypass.c_str(), 0));
     if (!session.handle) return LastHttpError();
-    OfferPresentProtocols(session.handle.Get());
+    OfferPresentProtocols(session.handle.get());
     return error::success;
 }
 
@@ -113,7 +113,7 @@ Error WinHttp::Connect(Connection& connection, std::u16string_view server, std::
     if (!host) return error::winHttpInvalidUrl;
     connection.host = *host;
     connection.port = port;
-    connection.handle = InternetHandle(::WinHttpConnect(connection.session->handle.Get(), host->c_str(), port, 0));
+    connection.handle = InternetHandle(::WinHttpConnect(connection.session->handle.get(), host->c_str(), port, 0));
     return connection.handle ? error::success : LastHttpError();
 }
 
@@ -153,20 +153,23 @@ Error OpenAt(WinHttp::Request& request, HINTERNET connection, const HttpTarget& 
                              (request.flags & ~DWORD{WINHTTP_FLAG_SECURE}) | secure | WINHTTP_FLAG_ESCAPE_DISABLE));
     if (!request.handle) return LastHttpError();
     // A server that asks for a certificate of ours learns that there is none, and decides whether to go on.
-    if (target.secure && !::WinHttpSetOption(request.handle.Get(), WINHTTP_OPTION_CLIENT_CERT_CONTEXT,
+    if (target.secure && !::WinHttpSetOption(request.handle.get(), WINHTTP_OPTION_CLIENT_CERT_CONTEXT,
                                              WINHTTP_NO_CLIENT_CERT_CONTEXT, 0)) {
         return LastHttpError();
     }
-    return SetOwnOptions(request.handle.Get());
+    return SetOwnOptions(request.handle.get());
 }
 
 Error WinHttp::OpenRequest(Request& request, std::u16string_view url, std::u16string_view acceptTypes,
                            std::uint32_t flags) {
     const Connection& connection = *request.connection;
-    request.target = {(flags & httpFlagSecure) != 0, connection.host, connection.port, PathFor(url)};
+    request.target = {.secure = (flags & httpFlagSecure) != 0,
+                      .host = connection.host,
+                      .port = connection.port,
+                      .path = PathFor(url)};
     request.acceptType = WideOf(acceptTypes);
     request.flags = flags;
-    return OpenAt(request, connection.handle.Get(), request.target);
+    return OpenAt(request, connection.handle.get(), request.target);
 }
 
 Error AddHeaderLine(HINTERNET request, const std::wstring& header) {
@@ -175,7 +178,7 @@ Error AddHeaderLine(HINTERNET request, const std::wstring& header) {
 }
 
 Error WinHttp::AddHeader(Request& request, std::u16string_view header) {
-    if (const Error failure = AddHeaderLine(request.handle.Get(), WideOf(header))) return failure;
+    if (const Error failure = AddHeaderLine(request.handle.get(), WideOf(header))) return failure;
     request.headers.push_back(WideOf(header));
     return error::success;
 }
@@ -189,7 +192,7 @@ Error ApplyNumber(HINTERNET request, HttpOption option, std::uint32_t value) {
 }
 
 Error WinHttp::SetNumber(Request& request, HttpOption option, std::uint32_t value) {
-    if (const Error failure = ApplyNumber(request.handle.Get(), option, value)) return failure;
+    if (const Error failure = ApplyNumber(request.handle.get(), option, value)) return failure;
     request.numbers[option] = value;
     return error::success;
 }
@@ -198,13 +201,13 @@ Error WinHttp::QueryNumber(Request& request, HttpOption option, std::uint32_t& v
     DWORD found = 0;
     DWORD size = sizeof found;
     const Error result =
-        HttpResultOf(::WinHttpQueryOption(request.handle.Get(), static_cast<DWORD>(option), &found, &size));
+        HttpResultOf(::WinHttpQueryOption(request.handle.get(), static_cast<DWORD>(option), &found, &size));
     value = found;
     return result;
 }
 
 Error WinHttp::SetText(Request& request, HttpOption option, std::u16string_view value) {
-    if (const Error failure = platform::SetText(request.handle.Get(), static_cast<DWORD>(option), WideOf(value)))
+    if (const Error failure = platform::SetText(request.handle.get(), static_cast<DWORD>(option), WideOf(value)))
         return failure;
     request.texts[option] = WideOf(value);
     return error::success;
@@ -216,7 +219,7 @@ Error OfferProxyCredentials(const WinHttp::Request& request) {
     if (user == request.texts.end()) return error::success;
     const auto password = request.texts.find(HttpOption::proxyPassword);
     return HttpResultOf(::WinHttpSetCredentials(
-        request.handle.Get(), WINHTTP_AUTH_TARGET_PROXY, WINHTTP_AUTH_SCHEME_BASIC, user->second.c_str(),
+        request.handle.get(), WINHTTP_AUTH_TARGET_PROXY, WINHTTP_AUTH_SCHEME_BASIC, user->second.c_str(),
         password == request.texts.end() ? L"" : password->second.c_str(), nullptr));
 }
 
@@ -227,12 +230,12 @@ Error SendFromHere(WinHttp::Request& request) {
     const auto size = static_cast<DWORD>(request.bodySize);
     void* body = size == 0 ? WINHTTP_NO_REQUEST_DATA : const_cast<std::byte*>(request.body);
     return HttpResultOf(
-        ::WinHttpSendRequest(request.handle.Get(), WINHTTP_NO_ADDITIONAL_HEADERS, 0, body, size, size, 0));
+        ::WinHttpSendRequest(request.handle.get(), WINHTTP_NO_ADDITIONAL_HEADERS, 0, body, size, size, 0));
 }
 
 /// Tells a request that was opened again what it was told before.
 Error TellAgain(const WinHttp::Request& request) {
-    HINTERNET handle = request.handle.Get();
+    HINTERNET handle = request.handle.get();
     for (const std::wstring& header : request.headers) {
         if (const Error failure = AddHeaderLine(handle, header)) return failure;
     }
@@ -248,7 +251,7 @@ Error TellAgain(const WinHttp::Request& request) {
 /// Brings a request that a redirect has led away back to its own target.
 Error ReturnToTarget(WinHttp::Request& request) {
     if (!request.redirectedConnection) return error::success;
-    if (const Error failure = OpenAt(request, request.connection->handle.Get(), request.target)) return failure;
+    if (const Error failure = OpenAt(request, request.connection->handle.get(), request.target)) return failure;
     request.redirectedConnection.Close();
     return TellAgain(request);
 }
@@ -261,20 +264,20 @@ Error WinHttp::Send(Request& request) {
 
 Error WinHttp::Resend(Request& request, const HttpTarget& target) {
     InternetHandle connection(
-        ::WinHttpConnect(request.connection->session->handle.Get(), target.host.c_str(), target.port, 0));
+        ::WinHttpConnect(request.connection->session->handle.get(), target.host.c_str(), target.port, 0));
     if (!connection) return LastHttpError();
-    if (const Error failure = OpenAt(request, connection.Get(), target)) return failure;
+    if (const Error failure = OpenAt(request, connection.get(), target)) return failure;
     request.redirectedConnection = std::move(connection);
     if (const Error failure = TellAgain(request)) return failure;
     return SendFromHere(request);
 }
 
 Error WinHttp::Receive(Request& request) {
-    return HttpResultOf(::WinHttpReceiveResponse(request.handle.Get(), nullptr));
+    return HttpResultOf(::WinHttpReceiveResponse(request.handle.get(), nullptr));
 }
 
 void WinHttp::EndReceive(Request& request, Error result) {
-    if (result == error::success) request.answer.emplace(request.handle.Get());
+    if (result == error::success) request.answer.emplace(request.handle.get());
 }
 
 /// Whether a secure answer has come over the secure connection, and not from a proxy that refused to lead there.
@@ -289,27 +292,27 @@ bool CameSecurely(HINTERNET request) {
 /// A proxy that refuses a tunnel may not say where to go instead.
 std::optional<HttpTarget> WinHttp::Redirection(Request& request, const HttpTarget& present) {
     std::wstring location;
-    if (QueryHeaderText(request.handle.Get(), WINHTTP_QUERY_LOCATION, location) != error::success) return std::nullopt;
-    if (present.secure && !CameSecurely(request.handle.Get())) return std::nullopt;
+    if (QueryHeaderText(request.handle.get(), WINHTTP_QUERY_LOCATION, location) != error::success) return std::nullopt;
+    if (present.secure && !CameSecurely(request.handle.get())) return std::nullopt;
     return RedirectedTarget(present, location);
 }
 
 Error WinHttp::RawHeaders(Request& request, std::u16string& text) {
     std::wstring headers;
-    const Error result = QueryHeaderText(request.handle.Get(), WINHTTP_QUERY_RAW_HEADERS_CRLF, headers);
+    const Error result = QueryHeaderText(request.handle.get(), WINHTTP_QUERY_RAW_HEADERS_CRLF, headers);
     text = TextOf(headers);
     return result;
 }
 
 Error WinHttp::Status(Request& request, std::uint32_t& status) {
     DWORD found = 0;
-    const Error result = QueryStatus(request.handle.Get(), found);
+    const Error result = QueryStatus(request.handle.get(), found);
     status = found;
     return result;
 }
 
 Error WinHttp::ContentLength(Request& request, std::uint64_t& length) {
-    return QueryContentLength(request.handle.Get(), length);
+    return QueryContentLength(request.handle.get(), length);
 }
 
 }  // namespace

@@ -5,8 +5,8 @@
 
 #include <cstdint>
 #include <string>
-#include <utility>
 
+#include "platform/owned_handle.h"
 #include "platform/windows/win32.h"
 
 // After the system's main header, which it needs.
@@ -20,29 +20,9 @@ Error LastHttpError();
 /// The result of a call that says whether it has succeeded.
 inline Error HttpResultOf(BOOL succeeded) { return succeeded ? error::success : LastHttpError(); }
 
-/// Owns a session, connection or request; may be null.
-class InternetHandle {
-  public:
-    InternetHandle() = default;
-    explicit InternetHandle(HINTERNET handle) : handle_(handle) {}
-    InternetHandle(InternetHandle&& other) noexcept : handle_(std::exchange(other.handle_, nullptr)) {}
-    InternetHandle& operator=(InternetHandle&& other) noexcept {
-        std::swap(handle_, other.handle_);
-        return *this;
-    }
-    ~InternetHandle() { Close(); }
-
-    explicit operator bool() const { return handle_ != nullptr; }
-    HINTERNET Get() const { return handle_; }
-
-    Error Close() {
-        HINTERNET closed = std::exchange(handle_, nullptr);
-        return closed == nullptr ? error::success : HttpResultOf(::WinHttpCloseHandle(closed));
-    }
-
-  private:
-    HINTERNET handle_ = nullptr;
-};
+/// A session, connection or request.
+inline Error CloseInternetHandle(HINTERNET handle) { return HttpResultOf(::WinHttpCloseHandle(handle)); }
+using InternetHandle = OwnedHandle<HINTERNET, CloseInternetHandle>;
 
 Error SetNumber(HINTERNET handle, DWORD option, DWORD value);
 Error SetText(HINTERNET handle, DWORD option, std::wstring text);

@@ -3,8 +3,8 @@
 #include <memory>
 
 #include "platform/guarded.h"
-#include "platform/windows/owned_handle.h"
 #include "platform/windows/script_line.h"
+#include "platform/windows/system_handle.h"
 #include "platform/windows/win32.h"
 
 namespace platform {
@@ -18,8 +18,8 @@ constexpr std::size_t longestLine = 8191;
 constexpr DWORD goneWithin = 1000;  // milliseconds
 
 struct Child {
-    OwnedHandle process;
-    OwnedHandle job;  // none where this process is in a job that lets nothing out, on systems without nested jobs
+    SystemHandle process;
+    SystemHandle job;  // none where this process is in a job that lets nothing out, on systems without nested jobs
 };
 
 Child& ChildOf(ProcessHandle process) { return *reinterpret_cast<Child*>(process); }
@@ -31,9 +31,9 @@ bool EndWithJob(HANDLE job, bool end) {
     return ::SetInformationJobObject(job, JobObjectExtendedLimitInformation, &limits, sizeof limits) != FALSE;
 }
 
-OwnedHandle JobOf(HANDLE process) {
-    OwnedHandle job(::CreateJobObjectW(nullptr, nullptr));
-    if (!job || !EndWithJob(job.Get(), true) || !::AssignProcessToJobObject(job.Get(), process)) return {};
+SystemHandle JobOf(HANDLE process) {
+    SystemHandle job(::CreateJobObjectW(nullptr, nullptr));
+    if (!job || !EndWithJob(job.get(), true) || !::AssignProcessToJobObject(job.get(), process)) return {};
     return job;
 }
 
@@ -50,17 +50,17 @@ Error CreateProcessW(std::u16string_view commandLine, std::u16string_view workin
     if (!::CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, flags, nullptr,
                           directory.empty() ? nullptr : directory.c_str(), &startup, &started))
         return LastError();
-    child->process = OwnedHandle(started.hProcess);
-    const OwnedHandle thread(started.hThread);
-    child->job = JobOf(child->process.Get());
-    ::ResumeThread(thread.Get());
+    child->process = SystemHandle(started.hProcess);
+    const SystemHandle thread(started.hThread);
+    child->job = JobOf(child->process.get());
+    ::ResumeThread(thread.get());
     process = reinterpret_cast<ProcessHandle>(child.release());
     return error::success;
 }
 
 Error WaitForSingleObject(ProcessHandle process, std::uint32_t milliseconds) {
     if (process == 0) return error::invalidHandle;
-    switch (::WaitForSingleObject(ChildOf(process).process.Get(), milliseconds)) {
+    switch (::WaitForSingleObject(ChildOf(process).process.get(), milliseconds)) {
         case WAIT_OBJECT_0:
             return error::success;
         case WAIT_TIMEOUT:
@@ -74,7 +74,7 @@ Error GetExitCodeProcess(ProcessHandle process, std::uint32_t& exitCode) {
     const Error ended = WaitForSingleObject(process, 0);
     if (ended != error::success) return ended == error::waitTimeout ? error::busy : ended;
     DWORD code = 0;
-    const Error result = ResultOf(::GetExitCodeProcess(ChildOf(process).process.Get(), &code));
+    const Error result = ResultOf(::GetExitCodeProcess(ChildOf(process).process.get(), &code));
     exitCode = code;
     return result;
 }
@@ -83,7 +83,7 @@ Error TerminateProcess(ProcessHandle process) {
     if (process == 0) return error::invalidHandle;
     const Child& child = ChildOf(process);
     const Error result =
-        ResultOf(child.job ? ::TerminateJobObject(child.job.Get(), 0) : ::TerminateProcess(child.process.Get(), 0));
+        ResultOf(child.job ? ::TerminateJobObject(child.job.get(), 0) : ::TerminateProcess(child.process.get(), 0));
     WaitForSingleObject(process, goneWithin);
     return result;
 }
@@ -92,7 +92,7 @@ Error TerminateProcess(ProcessHandle process) {
 void CloseProcess(ProcessHandle process) {
     if (process == 0) return;
     const std::unique_ptr<Child> child(&ChildOf(process));
-    if (child->job) EndWithJob(child->job.Get(), false);
+    if (child->job) EndWithJob(child->job.get(), false);
 }
 
 }  // namespace

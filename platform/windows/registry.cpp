@@ -14,7 +14,7 @@
 #include "platform/backend.h"
 #include "platform/guarded.h"
 #include "platform/registry_names.h"
-#include "platform/windows/owned_handle.h"
+#include "platform/windows/system_handle.h"
 #include "platform/windows/win32.h"
 
 namespace platform {
@@ -33,8 +33,8 @@ using SystemKey = std::unique_ptr<std::remove_pointer_t<HKEY>, CloseSystemKey>;
 
 struct OpenKey {
     SystemKey key;
-    std::mutex waiting;   // held by the thread that waits for a change
-    OwnedHandle changed;  // set at the next change; none until the first RegNotifyChangeKeyValue
+    std::mutex waiting;    // held by the thread that waits for a change
+    SystemHandle changed;  // set at the next change; none until the first RegNotifyChangeKeyValue
 };
 
 struct Store {
@@ -238,11 +238,11 @@ Error DeleteTree(Store&, RootKey root, std::u16string_view subKey) {
 
 /// Has the event set at the next change in the key or below it. After a failure the next request is a first one again.
 Error AskForNextChange(OpenKey& open) {
-    if (!open.changed) open.changed = OwnedHandle(::CreateEventW(nullptr, FALSE, FALSE, nullptr));
+    if (!open.changed) open.changed = SystemHandle(::CreateEventW(nullptr, FALSE, FALSE, nullptr));
     if (!open.changed) return LastError();
     const Error failure =
-        ErrorOf(::RegNotifyChangeKeyValue(open.key.get(), TRUE, changesOfInterest, open.changed.Get(), TRUE));
-    if (failure != error::success) open.changed = OwnedHandle();
+        ErrorOf(::RegNotifyChangeKeyValue(open.key.get(), TRUE, changesOfInterest, open.changed.get(), TRUE));
+    if (failure != error::success) open.changed.Close();
     return failure;
 }
 
@@ -258,7 +258,7 @@ Error WaitForChange(Store& store, RegistryKey key, std::uint32_t milliseconds) {
     return WithKey(store, key, [milliseconds](OpenKey& open) -> Error {
         const std::lock_guard guard(open.waiting);
         if (!open.changed) return AskForNextChange(open);
-        switch (::WaitForSingleObject(open.changed.Get(), milliseconds)) {
+        switch (::WaitForSingleObject(open.changed.get(), milliseconds)) {
             case WAIT_OBJECT_0:
                 return AskForNextChange(open);
             case WAIT_TIMEOUT:

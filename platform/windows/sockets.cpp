@@ -4,9 +4,9 @@
 #include <fmt/format.h>
 #include <limits>
 #include <memory>
-#include <utility>
 
 #include "platform/guarded.h"
+#include "platform/owned_handle.h"
 #include "platform/utf.h"
 #include "platform/windows/computer_name.h"
 #include "platform/windows/win32.h"
@@ -58,22 +58,8 @@ bool HasHandle(SOCKET socket) { return socket % 4 == 0 && socket <= std::numeric
 SocketHandle HandleOf(SOCKET socket) { return static_cast<SocketHandle>(socket) + 1; }
 SOCKET SocketOf(SocketHandle handle) { return handle % 4 == 1 ? SOCKET{handle} - 1 : INVALID_SOCKET; }
 
-/// A socket that is closed unless it is released.
-class OwnedSocket {
-  public:
-    explicit OwnedSocket(SOCKET socket) : socket_(socket) {}
-    OwnedSocket(const OwnedSocket&) = delete;
-    OwnedSocket& operator=(const OwnedSocket&) = delete;
-    ~OwnedSocket() {
-        if (socket_ != INVALID_SOCKET) ::closesocket(socket_);
-    }
-
-    SOCKET Get() const { return socket_; }
-    SOCKET Release() { return std::exchange(socket_, INVALID_SOCKET); }
-
-  private:
-    SOCKET socket_;
-};
+int CloseSystemSocket(SOCKET socket) { return ::closesocket(socket); }
+using OwnedSocket = OwnedHandle<SOCKET, CloseSystemSocket, INVALID_SOCKET>;
 
 sockaddr_in SystemAddressOf(const SocketAddress& address) {
     sockaddr_in system{};
@@ -153,11 +139,11 @@ Error HostByAddress(std::string_view dottedAddress, HostEntry& host) {
 /// Connecting a datagram socket sends nothing: it makes the system choose the route, and with it the own address.
 Error DefaultRouteAddress(std::string& dottedAddress) {
     const OwnedSocket probe(::WSASocketW(AF_INET, SOCK_DGRAM, IPPROTO_UDP, nullptr, 0, WSA_FLAG_OVERLAPPED));
-    if (probe.Get() == INVALID_SOCKET) return SocketErrorOf(::WSAGetLastError());
+    if (!probe) return SocketErrorOf(::WSAGetLastError());
     sockaddr_in system = SystemAddressOf({{198, 51, 100, 1}, 9});  // of documentation: any far address
     auto* const generic = reinterpret_cast<sockaddr*>(&system);
     int size = sizeof system;
-    if (::connect(probe.Get(), generic, size) != 0 || ::getsockname(probe.Get(), generic, &size) != 0)
+    if (::connect(probe.get(), generic, size) != 0 || ::getsockname(probe.get(), generic, &size) != 0)
         return error::hostNotFound;
     const SocketAddress own = AddressOf(system);
     if (own.address[0] == 0 || own.address[0] == 127) return error::hostNotFound;
@@ -182,13 +168,13 @@ void Disable(DWORD report, SOCKET socket) {
 Error OpenDatagramSocket(SocketHandle& handle) {
     handle = 0;
     OwnedSocket socket(NewSocket());
-    if (socket.Get() == INVALID_SOCKET) return SocketErrorOf(::WSAGetLastError());
-    if (!HasHandle(socket.Get())) return error::invalidHandle;
-    ::SetHandleInformation(reinterpret_cast<HANDLE>(socket.Get()), HANDLE_FLAG_INHERIT, 0);
-    Disable(reportUnreachablePort, socket.Get());
-    Disable(reportUnreachableNet, socket.Get());
+    if (!socket) return SocketErrorOf(::WSAGetLastError());
+    if (!HasHandle(socket.get())) return error::invalidHandle;
+    ::SetHandleInformation(reinterpret_cast<HANDLE>(socket.get()), HANDLE_FLAG_INHERIT, 0);
+    Disable(reportUnreachablePort, socket.get());
+    Disable(reportUnreachableNet, socket.get());
     u_long neverWaits = 1;
-    if (const Error failure = SocketResultOf(::ioctlsocket(socket.Get(), static_cast<long>(FIONBIO), &neverWaits)))
+    if (const Error failure = SocketResultOf(::ioctlsocket(socket.get(), static_cast<long>(FIONBIO), &neverWaits)))
         return failure;
     handle = HandleOf(socket.Release());
     return error::success;

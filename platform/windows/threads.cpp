@@ -1,7 +1,7 @@
 #include <memory>
 #include <new>
 
-#include "platform/windows/owned_handle.h"
+#include "platform/windows/system_handle.h"
 #include "platform/windows/win32.h"
 
 // After the system's main header, which it needs.
@@ -16,8 +16,8 @@ namespace {
 struct ThreadRecord {
     ThreadStart start = nullptr;
     void* argument = nullptr;
-    OwnedHandle permit;
-    OwnedHandle thread;
+    SystemHandle permit;
+    SystemHandle thread;
 };
 
 ThreadRecord& RecordOf(ThreadHandle thread) { return *reinterpret_cast<ThreadRecord*>(thread); }
@@ -46,24 +46,24 @@ unsigned __stdcall RunThread(void* itself) {
 ThreadHandle CreateThread(ThreadStart start, void* argument) {
     std::unique_ptr<ThreadRecord> record(new (std::nothrow) ThreadRecord{start, argument, {}, {}});
     if (!record) return 0;
-    record->permit = OwnedHandle(::CreateEventW(nullptr, FALSE, FALSE, nullptr));
+    record->permit = SystemHandle(::CreateEventW(nullptr, FALSE, FALSE, nullptr));
     if (!record->permit) return 0;
     // Through the C library, which has state of its own for each thread.
     record->thread =
-        OwnedHandle(reinterpret_cast<HANDLE>(_beginthreadex(nullptr, 0, RunThread, record.get(), 0, nullptr)));
+        SystemHandle(reinterpret_cast<HANDLE>(_beginthreadex(nullptr, 0, RunThread, record.get(), 0, nullptr)));
     return record->thread ? reinterpret_cast<ThreadHandle>(record.release()) : 0;
 }
 
 void SuspendThread(ThreadHandle self) {
-    if (self != 0) ::WaitForSingleObject(RecordOf(self).permit.Get(), INFINITE);
+    if (self != 0) ::WaitForSingleObject(RecordOf(self).permit.get(), INFINITE);
 }
 
 void ResumeThread(ThreadHandle thread) {
-    if (thread != 0) ::SetEvent(RecordOf(thread).permit.Get());
+    if (thread != 0) ::SetEvent(RecordOf(thread).permit.get());
 }
 
 Error WaitForThread(ThreadHandle thread, std::uint32_t milliseconds) {
-    return thread == 0 ? error::invalidHandle : WaitForObject(RecordOf(thread).thread.Get(), milliseconds);
+    return thread == 0 ? error::invalidHandle : WaitForObject(RecordOf(thread).thread.get(), milliseconds);
 }
 
 MutexHandle CreateMutexW() {

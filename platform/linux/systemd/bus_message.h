@@ -10,6 +10,8 @@
 #include <systemd/sd-bus.h>
 #include <vector>
 
+#include "platform/owned_handle.h"
+
 namespace platform::systemd {
 
 inline constexpr const char* managerName = "org.freedesktop.systemd1";
@@ -18,15 +20,8 @@ inline constexpr const char* managerInterface = "org.freedesktop.systemd1.Manage
 inline constexpr const char* unitInterface = "org.freedesktop.systemd1.Unit";
 inline constexpr const char* serviceInterface = "org.freedesktop.systemd1.Service";
 
-struct DropMessage {
-    void operator()(sd_bus_message* message) const { sd_bus_message_unref(message); }
-};
-using Message = std::unique_ptr<sd_bus_message, DropMessage>;
-
-struct Free {
-    void operator()(char* text) const { std::free(text); }
-};
-using CText = std::unique_ptr<char, Free>;
+using Message = std::unique_ptr<sd_bus_message, ReleasedBy<sd_bus_message_unref>>;
+using CText = std::unique_ptr<char, ReleasedBy<std::free>>;
 
 /// The object path of a unit.
 CText UnitPathOf(const std::string& unit);

@@ -7,14 +7,12 @@
 #include <memory>
 #include <systemd/sd-bus.h>
 
+#include "platform/owned_handle.h"
+
 namespace platform::systemd {
 
-struct CloseBus {
-    void operator()(sd_bus* bus) const { sd_bus_close_unref(bus); }
-};
-
 /// One connection; belongs to one thread at a time.
-using BusConnection = std::unique_ptr<sd_bus, CloseBus>;
+using BusConnection = std::unique_ptr<sd_bus, ReleasedBy<sd_bus_close_unref>>;
 
 /// Connects to the bus of DBUS_SYSTEM_BUS_ADDRESS, or where that is not set, the usual one. Waits for the bus no longer
 /// than the patience, and lets no call on the connection wait longer for its answer, unless it has its own timeout.

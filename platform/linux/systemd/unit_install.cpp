@@ -24,7 +24,7 @@ class NewFile {
     explicit NewFile(const std::string& directory)
         : path_(directory + "/.unit-XXXXXX"), file_(mkostemp(path_.data(), O_CLOEXEC)) {}
     ~NewFile() {
-        if (file_.isOpen()) unlink(path_.c_str());
+        if (file_) unlink(path_.c_str());
     }
     NewFile(const NewFile&) = delete;
     NewFile& operator=(const NewFile&) = delete;
@@ -33,13 +33,13 @@ class NewFile {
 
     /// False with errno set.
     bool Write(std::string_view text) {
-        if (!file_.isOpen() || fchmod(file_.number(), unitFileMode) != 0) return false;
+        if (!file_ || fchmod(file_.get(), unitFileMode) != 0) return false;
         while (!text.empty()) {
-            const ssize_t count = write(file_.number(), text.data(), text.size());
+            const ssize_t count = write(file_.get(), text.data(), text.size());
             if (count < 0 && errno != EINTR) return false;
             if (count > 0) text.remove_prefix(static_cast<std::size_t>(count));
         }
-        return fsync(file_.number()) == 0;
+        return fsync(file_.get()) == 0;
     }
 
   private:
@@ -59,7 +59,7 @@ Error WriteUnitFile(const std::string& directory, const std::string& unit, const
         return errno == ENOENT ? error::pathNotFound : ErrorFromErrno(errno);
     }
     const Descriptor opened(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    fsync(opened.number());  // the name as well; without it nothing is lost but this after a power failure
+    fsync(opened.get());  // the name as well; without it nothing is lost but this after a power failure
     return error::success;
 }
 

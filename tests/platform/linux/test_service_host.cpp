@@ -139,7 +139,7 @@ TEST(ServiceHost, SignalsBecomeTheControlsThatAreAccepted) {
     InstallBackend();
     InstallServices();
     const Descriptor manager(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    managerSocket = manager.number();
+    managerSocket = manager.get();
     sockaddr_un address{AF_UNIX, {}};
     const std::string name = "kv_test_notices_" + std::to_string(getpid());
     name.copy(address.sun_path + 1, name.size());  // no file, but a name of the kernel's

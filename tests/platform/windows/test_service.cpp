@@ -5,7 +5,6 @@
 #include <vector>
 #include <windows.h>
 
-#include "foundation/service_handle.h"
 #include "platform/backend.h"
 #include "platform/clock.h"
 #include "platform/service_manager.h"
@@ -20,13 +19,13 @@ class ServiceTest : public ::testing::Test {
     void SetUp() override {
         InstallBackend();
         InstallServices();
-        ASSERT_EQ(manager.OpenManager(manager_right::all), error::success);
-        ASSERT_EQ(ServiceManager().CreateServiceW(manager.handle, Definition(), service.handle), error::success);
+        ASSERT_EQ(ServiceManager().OpenSCManagerW(manager_right::all, manager.place()), error::success);
+        ASSERT_EQ(ServiceManager().CreateServiceW(manager.get(), Definition(), service.place()), error::success);
     }
     void TearDown() override {
         ServiceStatus status;
-        ServiceManager().ControlService(service.handle, service_control::stop, status);
-        ServiceManager().DeleteService(service.handle);
+        ServiceManager().ControlService(service.get(), service_control::stop, status);
+        ServiceManager().DeleteService(service.get());
     }
 
     ServiceDefinition Definition() const {
@@ -38,22 +37,22 @@ class ServiceTest : public ::testing::Test {
 
     Error Control(std::uint32_t control) {
         ServiceStatus status;
-        return ServiceManager().ControlService(service.handle, control, status);
+        return ServiceManager().ControlService(service.get(), control, status);
     }
 
     /// Waits for a state and a hint; the last that was seen.
     std::pair<ServiceState, std::uint32_t> Await(ServiceState state, std::uint32_t hint) {
         ServiceStatus status;
         for (int look = 0; look < 500; ++look, Clock().Sleep(10)) {
-            EXPECT_EQ(ServiceManager().QueryServiceStatusEx(service.handle, status), error::success);
+            EXPECT_EQ(ServiceManager().QueryServiceStatusEx(service.get(), status), error::success);
             if (status.dwCurrentState == state && status.dwWaitHint == hint) break;
         }
         return {status.dwCurrentState, status.dwWaitHint};
     }
 
     const std::u16string name = u"kvagent-test-" + WideFromUtf8(std::to_string(::GetCurrentProcessId()));
-    kv::OwnedServiceHandle manager;
-    kv::OwnedServiceHandle service;
+    OwnedServiceHandle manager;
+    OwnedServiceHandle service;
 };
 
 using Seen = std::pair<ServiceState, std::uint32_t>;
@@ -61,8 +60,8 @@ using Seen = std::pair<ServiceState, std::uint32_t>;
 TEST_F(ServiceTest, GoesThroughItsStates) {
     EXPECT_EQ(Await(ServiceState::stopped, 0), Seen(ServiceState::stopped, 0));
     EXPECT_EQ(Control(service_control::stop), error::serviceNotActive);
-    ASSERT_EQ(ServiceManager().StartServiceW(service.handle), error::success);
-    EXPECT_EQ(ServiceManager().StartServiceW(service.handle), error::serviceAlreadyRunning);
+    ASSERT_EQ(ServiceManager().StartServiceW(service.get()), error::success);
+    EXPECT_EQ(ServiceManager().StartServiceW(service.get()), error::serviceAlreadyRunning);
     EXPECT_EQ(Await(ServiceState::startPending, 2000), Seen(ServiceState::startPending, 2000));
     EXPECT_EQ(Await(ServiceState::running, 0), Seen(ServiceState::running, 0));
     const struct {
@@ -86,7 +85,7 @@ TEST_F(ServiceTest, GoesThroughItsStates) {
 }
 
 TEST_F(ServiceTest, OneThatLeavesWithoutAWordIsGone) {
-    ASSERT_EQ(ServiceManager().StartServiceW(service.handle), error::success);
+    ASSERT_EQ(ServiceManager().StartServiceW(service.get()), error::success);
     EXPECT_EQ(Await(ServiceState::running, 0), Seen(ServiceState::running, 0));
     Control(255);
     Error asked = error::success;
@@ -97,23 +96,26 @@ TEST_F(ServiceTest, OneThatLeavesWithoutAWordIsGone) {
 
 TEST_F(ServiceTest, IsMadeFoundAndRemovedOnce) {
     {
-        kv::OwnedServiceHandle second;
-        EXPECT_EQ(ServiceManager().CreateServiceW(manager.handle, Definition(), second.handle), error::serviceExists);
-        EXPECT_EQ(second.OpenService(manager, u"KVAGENT" + name.substr(7), service_right::queryStatus), error::success);
+        OwnedServiceHandle second;
+        EXPECT_EQ(ServiceManager().CreateServiceW(manager.get(), Definition(), second.place()), error::serviceExists);
+        EXPECT_EQ(ServiceManager().OpenServiceW(manager.get(), u"KVAGENT" + name.substr(7), service_right::queryStatus,
+                                                second.place()),
+                  error::success);
         ServiceStatus status;
-        EXPECT_EQ(ServiceManager().ControlService(second.handle, service_control::stop, status), error::accessDenied);
+        EXPECT_EQ(ServiceManager().ControlService(second.get(), service_control::stop, status), error::accessDenied);
     }
     // What is stored of them is not to be seen everywhere.
-    EXPECT_EQ(ServiceManager().ChangeServiceConfig2W(service.handle, {neverReset, {{RecoveryAction::restart, 10000}}}),
+    EXPECT_EQ(ServiceManager().ChangeServiceConfig2W(service.get(), {neverReset, {{RecoveryAction::restart, 10000}}}),
               error::success);
     std::vector<DependentService> dependents;
     std::size_t needed = 0;
-    EXPECT_EQ(ServiceManager().EnumDependentServicesW(service.handle, 0, dependents, needed), error::success);
+    EXPECT_EQ(ServiceManager().EnumDependentServicesW(service.get(), 0, dependents, needed), error::success);
     EXPECT_TRUE(dependents.empty());
 
-    EXPECT_EQ(ServiceManager().DeleteService(service.handle), error::success);
-    ServiceManager().CloseServiceHandle(std::exchange(service.handle, 0));
-    EXPECT_EQ(service.OpenService(manager, name, service_right::all), error::serviceDoesNotExist);
+    EXPECT_EQ(ServiceManager().DeleteService(service.get()), error::success);
+    service.Close();
+    EXPECT_EQ(ServiceManager().OpenServiceW(manager.get(), name, service_right::all, service.place()),
+              error::serviceDoesNotExist);
     EXPECT_EQ(std::system("\"" KV_STAND_IN_SERVICE "\""), 1063) << "started by hand";
 }
 
