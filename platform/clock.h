@@ -24,17 +24,19 @@ struct ClockOperations {
     /// Milliseconds since 1970, UTC.
     std::function<std::int64_t()> GetSystemTimeMilliseconds;
 
-    /// Milliseconds since some fixed moment, with a resolution of 16 or better; never goes back.
+    /// Milliseconds since some fixed moment, in steps of at most 16; never goes back.
     std::function<std::uint64_t()> GetTickCount64;
+
+    // The next two are meant for the years 1601 to 9999. Outside of them they give some time.
 
     /// Local time of a moment given in milliseconds since 1970.
     std::function<LocalTime(std::int64_t millisecondsSince1970)> ToLocalTime;
 
-    /// Milliseconds since 1970 of a local time; of a time that the clocks pass twice, either. Parts beyond their range
-    /// go over into the next larger: the 32nd of January is the 1st of February.
+    /// Milliseconds since 1970 of a local time; of a time that the clocks pass twice, one of the two. A part beyond its
+    /// range carries over into the next larger one: the 32nd of January is the 1st of February.
     std::function<std::int64_t(const LocalTime& time)> FromLocalTime;
 
-    /// Gives up the processor for the time, which always ends; 0 only yields.
+    /// Waits that long; 0 only lets other threads run. No number means forever.
     std::function<void(std::uint32_t milliseconds)> Sleep;
 };
 

@@ -1,5 +1,5 @@
-// What a program that people run at a command line needs of the system beside the records of operations. Texts and file
-// names are UTF-8, as CommandLineWords gives them.
+// What a command-line tool needs of the system besides the records of operations. Texts and file names are UTF-8, as
+// CommandLineWords gives them.
 #pragma once
 
 #include <string>
@@ -7,16 +7,17 @@
 
 namespace platform {
 
-/// A sentence that tells where the registry is kept.
+/// A sentence for the tool's help: where the registry is kept.
 std::string_view RegistryPlace();
 
-/// False when standard output is known to lead to nobody any more, which what prints seldom would not notice otherwise.
-bool OutputHasReader();
+/// False when nobody reads standard output any more; a program that prints seldom would not notice otherwise. True
+/// where that cannot be found out.
+[[nodiscard]] bool OutputHasReader();
 
-/// Writes a file whole or not at all: a former one stays as it is after a failure. A new one may be read by its owner
-/// alone, and on Windows by administrators and the system. A name that leads to another file is followed; what is no
-/// file, such as a device or a pipe, is written to, and on Linux so is what standard output leads to. Empty, or the
-/// system's text of what went wrong.
-std::string WriteFileWhole(const std::string& name, std::string_view bytes);
+/// Writes a file completely or not at all: after a failure the old file is as it was. Only its owner may read the new
+/// one; on Windows administrators and the system may as well. A link is followed. What is not a file, such as a device
+/// or a pipe, is written to in place, and on Linux so is the file that standard output leads to. Returns an empty text,
+/// or the system's text for what went wrong.
+[[nodiscard]] std::string WriteFileWhole(const std::string& name, std::string_view bytes);
 
 }  // namespace platform

@@ -1,7 +1,7 @@
 // The system error numbers that the agent sees and writes to its log, the same on every system.
 //
-// One list holds each number's enumerator, value and text; FormatMessageW (platform/messages.h) takes its texts from
-// here where the system has none of its own. Zero is success. A backend turns its system's own errors into these
+// One list holds each number's name, value and text. Where the system has no such texts, FormatMessageW
+// (platform/messages.h) takes them from here. Zero is success. A backend turns its system's own errors into these
 // numbers in one routine.
 #pragma once
 

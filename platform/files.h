@@ -4,10 +4,10 @@
 // On Linux each backslash becomes a slash, and a path on drive "c:" lands in "drive_c/" of the state directory (other
 // letters likewise). Names are case-sensitive there, patterns with wildcards are not.
 //
-// On Windows a path has at most 259 characters, unless the computer's settings allow longer ones, and a longer one does
-// not exist; names that stand for devices, such as "NUL" and "COM1", are not opened (invalidName). What the agent has
-// open is renamed and deleted there as on Linux, but not replaced, nor is what others have open; a rename, a delete
-// or an open for writing waits 200 milliseconds for them.
+// On Windows a path has at most 259 characters, unless the computer's settings allow longer ones; a longer one counts
+// as missing. Names of devices, such as "NUL" and "COM1", are not opened (invalidName). A file that the agent has open
+// can be renamed and deleted, as on Linux, but not replaced. A file that another program has open can often be neither:
+// a rename, a delete or an open for writing then tries again for 200 milliseconds.
 //
 // Results are system error numbers, 0 for success, unless a routine says otherwise. Callable from any thread; a handle
 // belongs to one thread at a time.
@@ -29,26 +29,25 @@ struct FindData {
     bool isDirectory = false;  // a symbolic link counts as a file, whatever it leads to
 };
 
-/// A search in progress; ended with FindClose. 0 is none.
+/// A search in progress, which FindClose ends, or 0.
 using FindHandle = std::uintptr_t;
 
 enum class FileAccess { read, write, readWrite, append };
 
-/// What others may do with the file while this handle is open. Kept by Windows; on Linux, where nothing enforces it,
-/// GetFileUseState answers the one question that rests on it.
+/// What others may do with the file while this handle is open. Windows enforces it. Linux does not; there
+/// GetFileUseState answers the one question that depends on it.
 enum class FileShare { none, read, readWrite };
 
 enum class FileDisposition {
     openExisting,  // fileNotFound when missing
     openAlways,    // create when missing
     createAlways,  // create, or cut to length 0
-    createNew,     // alreadyExists when anything stands there; a link is not followed
+    createNew,     // alreadyExists when anything is there; a link is not followed
 };
 
-/// An open file; closed with CloseHandle. 0 is none.
+/// An open file, which CloseHandle closes, or 0.
 using FileHandle = std::uintptr_t;
 
-/// Times are in the unit of Windows file times: 100 nanoseconds since 1601, UTC.
 /// FILE_ATTRIBUTE bits.
 namespace file_attribute {
 inline constexpr std::uint32_t readOnly = 0x1;
@@ -59,6 +58,7 @@ inline constexpr std::uint32_t archive = 0x20;
 inline constexpr std::uint32_t reparsePoint = 0x400;  // a link
 }  // namespace file_attribute
 
+/// Times are Windows file times: in units of 100 nanoseconds, since 1601, UTC.
 struct FileInformation {
     std::uint32_t attributes = 0;
     std::uint64_t creationTime = 0;
@@ -79,8 +79,8 @@ inline constexpr int invalid = 22;  // not a path at all
 
 struct FileOperations {
     /// Starts a search for names that match a pattern with "*" and "?" in its last part, as Windows matches them:
-    /// without regard to case, "*.*" matches every name, "." and ".." come first when the pattern matches them. The
-    /// rest come in order of name. fileNotFound when nothing matches, pathNotFound when the directory does not exist.
+    /// without regard to case, and "*.*" matches every name. "." and ".." come first when the pattern matches them, the
+    /// rest in order of name. fileNotFound when nothing matches, pathNotFound when the directory does not exist.
     std::function<Error(std::u16string_view pattern, FindData& first, FindHandle& search)> FindFirstFileW;
 
     /// noMoreFiles at the end.
@@ -109,23 +109,24 @@ struct FileOperations {
     std::function<Error(FileHandle file, std::uint64_t& size)> GetFileSizeEx;
     std::function<Error(FileHandle file, FileInformation& information)> GetFileInformationByHandle;
 
-    /// Sets attributes and times; the size is not looked at. Linux sets read-only where it is asked for, no other
-    /// attribute and no creation time.
+    /// Sets attributes and times, none of which may be 0; the size is ignored. Linux can make a file read-only, and
+    /// sets no other attribute and no creation time.
     std::function<Error(FileHandle file, const FileInformation& information)> SetFileInformationByHandle;
 
-    /// Attributes of what stands at the path: of a link itself, not of what it leads to. fileNotFound, pathNotFound.
+    /// Attributes of what is at the path: of a link itself, not of what it leads to. fileNotFound, pathNotFound.
     std::function<Error(std::u16string_view path, std::uint32_t& attributes)> GetFileAttributesW;
 
-    /// Brings what was written to the disk itself.
+    /// Returns when what was written is on the disk.
     std::function<Error(FileHandle file)> FlushFileBuffers;
 
     std::function<Error(FileHandle file)> CloseHandle;
 
-    /// Copies a file over another, replacing it. The copy is complete or, after an error, may be partial.
+    /// Copies a file, over another if there is one. After an error the target may hold a part of the copy on Windows;
+    /// on Linux it is as it was.
     std::function<Error(std::u16string_view from, std::u16string_view to)> CopyFileW;
 
-    /// Renames a file in one step. With replaceExisting an existing target is replaced, also one that is read-only,
-    /// else alreadyExists.
+    /// Renames a file in one step. With replaceExisting a target that exists is replaced, even a read-only one; without
+    /// it, alreadyExists.
     std::function<Error(std::u16string_view from, std::u16string_view to, bool replaceExisting)> MoveFileExW;
 
     std::function<Error(std::u16string_view path)> DeleteFileW;
@@ -136,7 +137,7 @@ struct FileOperations {
     /// True when the path exists and is a directory.
     std::function<bool(std::u16string_view path)> IsDirectory;
 
-    /// Bytes that this user may still write into a directory; 0 also where the disk can hold no further file.
+    /// Bytes that this user may still write into a directory; 0 also where the disk cannot hold another file.
     /// notSupported where the file system does not say.
     std::function<Error(std::u16string_view directory, std::uint64_t& available)> GetDiskFreeSpaceExW;
 
@@ -145,10 +146,10 @@ struct FileOperations {
     std::function<int(std::u16string_view path)> wchdir;
     std::function<int(std::u16string& path)> wgetcwd;
 
-    /// Whether another open handle, in this process or any other, has the file open for writing: success when free,
-    /// sharingViolation when in use, else why that could not be found out. Nobody who writes or begins to is disturbed;
-    /// but on Windows a program of others that opens the file for writing in the very moment of the question is
-    /// refused.
+    /// Whether another handle, in this process or any other, has the file open for writing: success when not,
+    /// sharingViolation when so, else why that cannot be found out. On Linux success also where the system does not
+    /// tell, as of another user's file. The question disturbs nobody, except that Windows refuses another program that
+    /// opens the file for writing at that very moment.
     std::function<Error(std::u16string_view path)> GetFileUseState;
 
     /// The path in this system's own form, for a program that is told about the file.

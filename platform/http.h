@@ -18,7 +18,7 @@
 
 namespace platform {
 
-/// A session, connection or request; 0 is null.
+/// A session, connection or request, or 0.
 using HttpHandle = std::uintptr_t;
 
 enum class HttpProxyAccess : std::uint32_t { noProxy = 1, namedProxy = 3 };
@@ -98,7 +98,7 @@ struct HttpOperations {
     /// declared length is a winHttpConnectionError here or in WinHttpReadData, never a silent end.
     std::function<Error(HttpHandle request, std::size_t& available)> WinHttpQueryDataAvailable;
 
-    /// Reads size bytes, or fewer where the body ends before; read is 0 at the end of the body.
+    /// Reads size bytes, or fewer when the body ends before; read is 0 at the end of the body.
     std::function<Error(HttpHandle request, std::byte* buffer, std::size_t size, std::size_t& read)> WinHttpReadData;
 
     std::function<Error(HttpHandle handle)> WinHttpCloseHandle;

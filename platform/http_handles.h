@@ -37,7 +37,7 @@ class HttpHandles {
         return error::success;
     }
 
-    /// Ends a handle; its record is the caller's from now on.
+    /// Ends a handle; the caller owns its record from now on.
     Error Take(HttpHandle handle, Node& node) {
         const std::lock_guard lock(mutex_);
         const auto entry = nodes_.extract(handle);

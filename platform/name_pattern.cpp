@@ -13,8 +13,8 @@ std::u16string UpperCase(std::u16string_view text) {
 }
 
 /// Matches an upper-case name against an upper-case pattern. "*" stands for any characters, "?" for one character or,
-/// at a dot or the end of the name, for none. A dot followed by a wildcard is also matched by the end of the name, so
-/// that "A*.*" finds "ABC". Only the last "*" seen needs to be tried again: every other step has one outcome.
+/// at a dot or the end of the name, for nothing. The end of the name also matches a dot followed by a wildcard, so that
+/// "A*.*" finds "ABC". Only the last "*" seen needs to be tried again: every other step has one outcome.
 bool MatchesUpperCase(std::u16string_view pattern, std::u16string_view name) {
     constexpr std::size_t none = std::u16string_view::npos;
     std::size_t inPattern = 0;

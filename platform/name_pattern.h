@@ -1,5 +1,5 @@
-// Names of files against patterns with "*" and "?", the same on every system: what a search finds must not depend on
-// the short second names that some systems keep for a file.
+// Matches names of files against patterns with "*" and "?", the same on every system: what a search finds must not
+// depend on the short second names that some systems keep for a file.
 #pragma once
 
 #include <cstddef>
@@ -10,8 +10,8 @@
 
 namespace platform {
 
-/// The upper-case form of a character, by which names are compared without regard to case; each backend's own.
-char16_t UpperCaseOf(char16_t character);
+/// The upper-case form of a character, by which names are compared without regard to case. Each backend has its own.
+[[nodiscard]] char16_t UpperCaseOf(char16_t character);
 
 /// A pattern with the two readings that whole patterns have: "*.*" finds every name, "X*." only names without a dot.
 class NamePattern {
@@ -25,10 +25,10 @@ class NamePattern {
     bool refusesDots_ = false;
 };
 
-/// Order of name without regard to case; names that differ in case only stand in order of their characters.
-bool ComesBefore(const FindData& left, const FindData& right);
+/// Order of name without regard to case; names that differ in case only are in order of their characters.
+[[nodiscard]] bool ComesBefore(const FindData& left, const FindData& right);
 
 /// Length of a pattern's directory part with the separator at its end; 0 when there is none.
-std::size_t DirectoryLength(std::u16string_view pattern);
+[[nodiscard]] std::size_t DirectoryLength(std::u16string_view pattern);
 
 }  // namespace platform

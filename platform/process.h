@@ -13,7 +13,7 @@
 
 namespace platform {
 
-/// A started child process; closed with CloseProcess. 0 is none.
+/// A started child process, which CloseProcess closes, or 0.
 using ProcessHandle = std::uintptr_t;
 
 /// A script as the command interpreter is to run it.
@@ -21,27 +21,27 @@ struct ScriptCommand {
     std::u16string scriptHost;  // program and options that run the script, or empty: the script runs by itself
     std::u16string path;        // the script, with backslashes
     std::u16string arguments;   // separated by blanks; double quotes keep blanks together
-    std::optional<std::u16string> outputPath;  // where the standard output is appended, or none to drop it
+    std::optional<std::u16string> outputPath;  // where the standard output is appended; absent: it is dropped
 };
 
 enum class ScriptOutputEncoding { utf8, utf16LittleEndian };
 
 struct ProcessOperations {
-    /// The command line that makes this system's command interpreter run the script. What means something to the
-    /// interpreter is data. The script has nothing to read: its standard input is at its end.
+    /// The command line that makes this system's command interpreter run the script. Signs that mean something to the
+    /// interpreter are data. The script's standard input is empty.
     std::function<std::u16string(const ScriptCommand& command)> ComposeScriptLine;
 
-    /// What a script prints, by the host that runs it (ScriptCommand::scriptHost).
+    /// What a script prints, which depends on the host that runs it (ScriptCommand::scriptHost).
     std::function<ScriptOutputEncoding(std::u16string_view scriptHost)> GetScriptOutputEncoding;
 
-    /// The text of printed bytes that are not UTF-8. On Windows they are in the console's code page (OEM); on Linux,
-    /// where there is no other than UTF-8, each ill-formed sequence becomes U+FFFD.
+    /// The text of printed bytes that are not UTF-8. On Windows they are in the console's code page (OEM). On Linux
+    /// there is only UTF-8, and each ill-formed sequence becomes U+FFFD.
     std::function<std::u16string(std::string_view bytes)> WideFromConsoleBytes;
 
-    /// Starts a process from a command line that ComposeScriptLine made, without a window and without inheriting
-    /// anything, in the working directory given or, when empty, in this process's own. All that it starts belongs to it
-    /// and ends with TerminateProcess, or when this process ends, in whichever way, before it. fileNameTooLong for a
-    /// line beyond what the interpreter takes: 8,191 characters on Windows, 128 KiB on Linux.
+    /// Starts a process from a command line that ComposeScriptLine made. It has no window and inherits nothing. Its
+    /// working directory is the one given, or this process's own when that is empty. All that it starts belongs to it
+    /// and ends with TerminateProcess, or when this process ends before it, in whichever way. fileNameTooLong for a
+    /// line longer than the interpreter takes: 8,191 characters on Windows, 128 KiB on Linux.
     std::function<Error(std::u16string_view commandLine, std::u16string_view workingDirectory, ProcessHandle& process)>
         CreateProcessW;
 

@@ -2,7 +2,7 @@
 // case. Many processes may use one registry at once; a write is seen by the others as soon as it has returned, and a
 // process that is killed in the middle of a write leaves either the old value or the new one.
 //
-// What may name a key or a value, and how large data may be, stands in platform/registry_names.h; what may not gives
+// platform/registry_names.h says what may name a key or a value and how large data may be; anything else gives
 // invalidName or invalidParameter. A handle to a key that has been deleted gives keyDeleted. busy: another process kept
 // the registry locked for five seconds.
 //
@@ -38,7 +38,7 @@ enum class RegistryType : std::uint32_t {
 
 enum class RegistryDisposition : std::uint32_t { created = 1, opened = 2 };
 
-/// An open key; closed with RegCloseKey. 0 is no key.
+/// An open key, which RegCloseKey closes, or 0.
 using RegistryKey = std::uintptr_t;
 
 struct RegistryOperations {
@@ -67,21 +67,22 @@ struct RegistryOperations {
 
     std::function<Error(RegistryKey key)> RegCloseKey;
 
-    /// The operations below serve the registry tool; the agent itself does not call them.
+    // The operations from here on serve the registry tool; the agent itself does not call them.
+
     /// Names of the keys directly under a key, and of its values, in order of name.
     std::function<Error(RegistryKey key, std::vector<std::u16string>& names)> RegEnumKeyExW;
     std::function<Error(RegistryKey key, std::vector<std::u16string>& names)> RegEnumValueW;
 
-    /// Deletes a value; fileNotFound when there is none.
+    /// Deletes a value; fileNotFound when it does not exist.
     std::function<Error(RegistryKey key, std::u16string_view valueName)> RegDeleteValueW;
 
-    /// Deletes a key with all keys and values below it; fileNotFound when it does not exist. On Windows one key after
-    /// the other: after a failure some of them may be gone.
+    /// Deletes a key with all keys and values below it; fileNotFound when it does not exist, accessDenied for the root
+    /// itself. On Windows the keys go one by one: after a failure some of them may be gone.
     std::function<Error(RootKey root, std::u16string_view subKey)> RegDeleteTreeW;
 
-    /// Waits until something may have changed in the registry, in this process or another, since the call before it on
-    /// this handle, or until the time is over: waitTimeout then. The first call on a handle returns at once, so nothing
-    /// is missed between reading and waiting. One thread at a time waits on a handle; a wait may end early.
+    /// Waits until something may have changed in the registry, in this process or another, since the last call on this
+    /// handle; waitTimeout when the time is over. The first call on a handle returns at once, so nothing is missed
+    /// between reading and waiting. One thread at a time waits on a handle; a wait may end early.
     std::function<Error(RegistryKey key, std::uint32_t milliseconds)> RegNotifyChangeKeyValue;
 };
 

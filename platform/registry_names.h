@@ -1,5 +1,5 @@
-// What may name a key or a value of the registry, the same on every system: the limits are those of the Windows
-// registry, so that a tree can be carried from one system to the other.
+// What may name a key or a value of the registry. The limits are those of the Windows registry on every system, so that
+// a tree can be carried from one system to the other.
 #pragma once
 
 #include <algorithm>
@@ -36,7 +36,7 @@ constexpr bool IsRegistryKeyName(std::u16string_view name) {
            IsRegistryValueName(name);
 }
 
-/// Takes the first level off a path; what is left after it stands in path.
+/// Takes the first level off a path; path then holds what is left.
 constexpr std::u16string_view TakeKeyName(std::u16string_view& path) {
     const std::size_t length = std::min(path.find(u'\\'), path.size());
     const std::u16string_view name = path.substr(0, length);

@@ -1,4 +1,4 @@
-// The service manager: what installs, removes, asks, starts and stops the services of this computer.
+// The service manager, which installs, removes, asks, starts and stops the services of this computer.
 //
 // The caller opens handles and closes them with CloseServiceHandle (OwnedServiceHandle does). A handle belongs to one
 // thread at a time, together with those opened through it. No operation waits for a service to change its state: the
@@ -59,10 +59,10 @@ struct RecoveryStep {
     std::uint32_t delayMilliseconds = 0;
 };
 
-/// What the manager does when the service ends without having been told to. The first failure takes the first step, the
-/// second the second, and all that follow the last one.
+/// What the manager does when the service ends without having been told to: the first step after the first failure, the
+/// second after the second, and the last one after all that follow.
 struct ServiceFailureActions {
-    std::uint32_t resetPeriodSeconds = 0;  // without failure, after which the count begins anew; neverReset: never
+    std::uint32_t resetPeriodSeconds = 0;  // without failure, after which the count starts again; neverReset: never
     std::vector<RecoveryStep> steps;
 };
 inline constexpr std::uint32_t neverReset = 0xFFFFFFFF;
@@ -87,12 +87,12 @@ struct ServiceManagerOperations {
     /// Sets what follows a failure, of a service that this handle has made.
     std::function<Error(ServiceHandle service, const ServiceFailureActions& actions)> ChangeServiceConfig2W;
 
-    /// Takes the service from the system's list. One that runs goes on until it is stopped. accessDenied for a service
+    /// Takes the service off the system's list. One that runs goes on until it is stopped. accessDenied for a service
     /// that another installer owns.
     std::function<Error(ServiceHandle service)> DeleteService;
 
-    /// Asks for a start; the service is pending then, or beyond. serviceAlreadyRunning where the system tells so,
-    /// serviceDisabled, badFormat for one that is described wrongly.
+    /// Asks for a start; afterwards the service is starting, or further. serviceAlreadyRunning where the system says
+    /// so, serviceDisabled, badFormat for one that is described wrongly.
     std::function<Error(ServiceHandle service)> StartServiceW;
 
     /// Sends a control and gives the status that follows from it. dependentServicesRunning for a stop while others that
@@ -103,8 +103,8 @@ struct ServiceManagerOperations {
     std::function<Error(ServiceHandle service, ServiceStatus& status)> QueryServiceStatusEx;
 
     /// The services that depend on this one, directly or through others, and are not stopped, in the order in which
-    /// they can be stopped. With a buffer size, in bytes, below what all of them need: moreData with the size in
-    /// bytesNeeded, and services left empty. None at all fit into a buffer of 0.
+    /// they can be stopped. When they need more than the buffer size, in bytes: moreData, with the size in bytesNeeded
+    /// and services left empty. Where nothing depends on the service, a buffer of 0 is enough.
     std::function<Error(ServiceHandle service, std::size_t bufferSize, std::vector<DependentService>& services,
                         std::size_t& bytesNeeded)>
         EnumDependentServicesW;

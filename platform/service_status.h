@@ -1,6 +1,6 @@
 // What a service and the service manager tell each other: states, controls, and the record of a status.
 //
-// The numbers are those that Windows gives them; they stand in the agent's log.
+// The numbers are those of Windows; the agent's log shows them.
 #pragma once
 
 #include <cstdint>
@@ -27,7 +27,7 @@ inline constexpr std::uint32_t shutdown = 5;  // the machine goes down
 inline constexpr std::uint32_t sessionChange = 14;
 }  // namespace service_control
 
-/// What a service takes, in dwControlsAccepted.
+/// What a service accepts, in dwControlsAccepted.
 namespace service_accepts {
 inline constexpr std::uint32_t stop = 0x1;
 inline constexpr std::uint32_t pauseAndContinue = 0x2;
@@ -48,7 +48,7 @@ struct ServiceStatus {
     std::uint32_t dwWin32ExitCode = 0;
     std::uint32_t dwServiceSpecificExitCode = 0;  // counts when dwWin32ExitCode is serviceSpecificError
     std::uint32_t dwCheckPoint = 0;               // grows as long as a pending operation makes progress
-    std::uint32_t dwWaitHint = 0;                 // milliseconds that the pending step takes at the most
+    std::uint32_t dwWaitHint = 0;                 // milliseconds that the pending step takes at most
 };
 
 }  // namespace platform

@@ -30,9 +30,8 @@ struct SocketAddress {
 };
 
 struct SocketOperations {
-    /// Brings up the socket library where the system has one to bring up; paired with WSACleanup, or kept for the life
-    /// of the process. A backend with such a library has it up from InstallBackend on: not everyone who opens a socket
-    /// starts it.
+    /// Starts the socket library where the system has one; paired with WSACleanup, or kept for the life of the process.
+    /// A backend with such a library starts it in InstallBackend as well, because not everyone who opens a socket does.
     std::function<Error(int majorVersion, int minorVersion)> WSAStartup;
     std::function<void()> WSACleanup;
 
@@ -41,24 +40,23 @@ struct SocketOperations {
 
     std::function<Error(std::string_view name, HostEntry& host)> gethostbyname;
 
-    /// Looks a dotted IPv4 address up; invalidParameter when the text is not one.
+    /// Looks up a dotted IPv4 address; invalidParameter when the text is not one.
     std::function<Error(std::string_view dottedAddress, HostEntry& host)> gethostbyaddr;
 
     /// This computer's own address on the way to other networks, dotted: that of the interface with the default route.
     /// Nothing is sent. hostNotFound where there is no such route.
     std::function<Error(std::string& dottedAddress)> GetDefaultRouteAddress;
 
-    /// The four bytes of a dotted address, which ends at a blank; false when the text is not one.
+    /// The four bytes of a dotted address, which ends at a blank; false when the text is not an address.
     std::function<bool(std::string_view dottedAddress, std::array<std::uint8_t, 4>& address)> inet_addr;
     std::function<std::string(const std::array<std::uint8_t, 4>& address)> inet_ntoa;
 
-    /// A new datagram socket that never waits in recvfrom and that child processes do not get; released with
-    /// closesocket.
+    /// A new datagram socket that never waits in recvfrom and that child processes do not inherit; closesocket ends it.
     std::function<Error(SocketHandle& socket)> socket;
     std::function<Error(SocketHandle socket, const SocketAddress& local)> bind;
 
-    /// Waits until a datagram is there to be received, for microseconds at most; 0 or less only looks. success with
-    /// ready false when the time is over. The wait goes on after an interruption.
+    /// Waits until a datagram can be received, for microseconds at most; 0 or less only looks. success with ready false
+    /// when the time is over. The wait goes on after an interruption.
     std::function<Error(SocketHandle socket, std::int64_t microseconds, bool& ready)> select;
 
     /// Sends one datagram; sent is how much of it went.
@@ -66,8 +64,8 @@ struct SocketOperations {
                         std::size_t& sent)>
         sendto;
 
-    /// Receives one datagram; busy when there is none. This may be so right after select has told of one: the system
-    /// may have found it damaged since. What does not fit into capacity is lost, which is an error on some systems.
+    /// Receives one datagram; busy when there is none, even right after select has announced one: the system may have
+    /// found it damaged since. What does not fit into capacity is lost, which is an error on some systems.
     std::function<Error(SocketHandle socket, void* buffer, std::size_t capacity, SocketAddress& peer,
                         std::size_t& received)>
         recvfrom;

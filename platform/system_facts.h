@@ -16,10 +16,10 @@ struct SystemVersion {
     SystemFamily family = SystemFamily::other;
     std::uint32_t major = 0;
     std::uint32_t minor = 0;
-    std::u16string servicePack;  // text such as " A" or "Service Pack 1"; empty when none
+    std::u16string servicePack;  // text such as " A" or "Service Pack 1"; empty when there is none
     bool isWorkstation = false;  // else a server
     bool isAmd64 = false;
-    std::u16string plainName;  // the system's own name for itself; used where no fixed text exists
+    std::u16string plainName;  // the system's own name for itself, for systems without a fixed text
 };
 
 struct SystemFactOperations {

@@ -21,18 +21,19 @@ using MutexHandle = std::uintptr_t;
 /// An event that stays set once it is set, or 0.
 using EventHandle = std::uintptr_t;
 
-/// A wait without end, in place of a number of milliseconds.
+/// In place of a number of milliseconds: waits forever.
 inline constexpr std::uint32_t infinite = 0xFFFFFFFF;
 
 struct ThreadOperations {
     /// Starts a thread at once, detached, with the default stack. 0 when it cannot be started.
     std::function<ThreadHandle(ThreadStart start, void* argument)> CreateThread;
 
-    /// Parks the calling thread, whose handle this is, until ResumeThread. A resume that came first is used up at once.
+    /// Parks the calling thread, whose handle this is, until ResumeThread. When ResumeThread came first, it returns at
+    /// once. Both do nothing for 0.
     std::function<void(ThreadHandle self)> SuspendThread;
     std::function<void(ThreadHandle thread)> ResumeThread;
 
-    /// Waits until the thread has ended; waitTimeout when it has not in the time, invalidHandle for 0.
+    /// Waits until the thread has ended; waitTimeout when the time is over first, invalidHandle for 0.
     std::function<Error(ThreadHandle thread, std::uint32_t milliseconds)> WaitForThread;
 
     /// A new mutex that no one owns; lives until CloseMutex. Never 0: throws std::bad_alloc when memory has run out.
@@ -41,10 +42,11 @@ struct ThreadOperations {
     std::function<void(MutexHandle mutex)> ReleaseMutex;
     std::function<void(MutexHandle mutex)> CloseMutex;
 
-    /// A new event that is not set; lives until CloseEvent, when nobody waits for it or sets it any more.
+    /// A new event that is not set; lives until CloseEvent, which may be called when nobody waits for it or sets it any
+    /// more.
     std::function<Error(EventHandle& event)> CreateEventW;
     std::function<void(EventHandle event)> SetEvent;
-    /// Waits until the event is set; waitTimeout when it has not been in the time.
+    /// Waits until the event is set; waitTimeout when the time is over first, invalidHandle for 0.
     std::function<Error(EventHandle event, std::uint32_t milliseconds)> WaitForEvent;
     std::function<void(EventHandle event)> CloseEvent;
 };

@@ -10,7 +10,7 @@ namespace {
 
 constexpr char16_t replacement = u'\uFFFD';
 
-/// Most texts are, and go through character by character.
+/// Most texts are, and are then copied character by character.
 template <class Text>
 bool IsAscii(Text text) {
     return std::all_of(text.begin(), text.end(), [](auto unit) { return unit >= 0 && unit < 0x80; });

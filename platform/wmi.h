@@ -1,6 +1,6 @@
 // Queries in WQL about this computer: the COM operations of one query, in the order in which they are called. A locator
-// leads to the services of a namespace, these to an enumerator, and that to one object after the other; each is given
-// back with Release, the last one obtained first.
+// leads to the services of a namespace, these to an enumerator, and that to one object after the other. Each is given
+// back by Release, the last one first.
 //
 // Results are WMI status codes (platform/wmi_status.h). Different queries may run on different threads at once; what
 // one query obtains belongs to one thread at a time.
@@ -18,7 +18,7 @@
 
 namespace platform {
 
-/// A locator, services, an enumerator or an object; 0 is none.
+/// A locator, services, an enumerator or an object, or 0.
 using WmiHandle = std::uintptr_t;
 
 /// Types of a property's value, by their numbers in Windows. An array has arrayFlag and the type of its elements; a
@@ -46,11 +46,11 @@ struct Variant {
 };
 
 struct WmiOperations {
-    /// Brings COM up on the calling thread; after a success CoUninitialize is due.
+    /// Starts COM on the calling thread; after a success CoUninitialize is due.
     std::function<WmiStatus()> CoInitializeEx;
     std::function<void()> CoUninitialize;
 
-    /// Settles the security of the process, anew with each query.
+    /// Sets the security of the process, again for each query.
     std::function<WmiStatus()> CoInitializeSecurity;
 
     /// Makes an IWbemLocator.
@@ -75,8 +75,8 @@ struct WmiOperations {
 
     std::function<void(WmiHandle handle)> Release;
 
-    /// What should stand in the log about a query so far, such as a part of the system that was left out since it does
-    /// not answer; each text is given once.
+    /// What the log should say about a query so far, such as that a part of the system was left out because it does not
+    /// answer. Each text is given once.
     std::function<std::vector<std::u16string>(WmiHandle enumerator)> TakeNotices;
 };
 

@@ -8,8 +8,8 @@ namespace platform {
 
 namespace {
 
-/// A peer that hangs up and a file over its size limit become error numbers instead of ending the process; children are
-/// waited for one by one, so they must stay waitable whatever this process inherited.
+/// A peer that hangs up and a file over its size limit become error numbers instead of ending the process. Children are
+/// waited for one by one, so they must be waitable, whatever this process inherited.
 void SettleSignals() {
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN);

@@ -49,7 +49,7 @@ int ReplaceFile(const fs::path& path, std::string_view bytes) {
     return failure;
 }
 
-/// What a link leads to in the end, whether that exists or not.
+/// What a link finally leads to, whether that exists or not.
 fs::path BehindLinks(fs::path path) {
     std::error_code noLink;
     for (int links = 0; links < maximumLinks; ++links) {

@@ -4,7 +4,7 @@ namespace platform {
 
 namespace {
 
-/// There is no key container here, and nothing that needs one: any handle will do.
+/// There is no key container here, and nothing needs one: any handle will do.
 constexpr CryptoContext theContext = 1;
 constexpr CryptoKey theKey = 1;
 

@@ -18,7 +18,7 @@ namespace platform {
 
 namespace {
 
-// A handle is four times the descriptor and one, so that its low byte is none of 0, 99 and 255.
+// A handle is four times the descriptor plus one, so that its low byte is never 0, 99 or 255.
 SocketHandle HandleOf(int descriptor) { return static_cast<SocketHandle>(descriptor) * 4 + 1; }
 int DescriptorOf(SocketHandle handle) { return handle % 4 == 1 ? static_cast<int>(handle / 4) : -1; }
 
@@ -48,7 +48,7 @@ std::int64_t MicrosecondsNow() {
 
 }  // namespace
 
-/// Taken apart here because inet_pton wants a copy with an end; a walk comes by for each value.
+/// Parsed here because inet_pton wants a copy with a zero at its end, and a walk calls this for each value.
 bool AddressFromText(std::string_view dottedAddress, std::array<std::uint8_t, 4>& address) {
     std::array<std::uint8_t, 4> parts{};
     const char* position = dottedAddress.data();

@@ -11,15 +11,15 @@
 
 namespace platform {
 
-bool AddressFromText(std::string_view dottedAddress, std::array<std::uint8_t, 4>& address);
+[[nodiscard]] bool AddressFromText(std::string_view dottedAddress, std::array<std::uint8_t, 4>& address);
 std::string TextFromAddress(const std::array<std::uint8_t, 4>& address);
-Error OpenDatagramSocket(SocketHandle& socket);
-Error BindSocket(SocketHandle socket, const SocketAddress& local);
-Error WaitForDatagram(SocketHandle socket, std::int64_t microseconds, bool& ready);
-Error SendDatagram(SocketHandle socket, const void* bytes, std::size_t length, const SocketAddress& peer,
-                   std::size_t& sent);
-Error ReceiveDatagram(SocketHandle socket, void* buffer, std::size_t capacity, SocketAddress& peer,
-                      std::size_t& received);
+[[nodiscard]] Error OpenDatagramSocket(SocketHandle& socket);
+[[nodiscard]] Error BindSocket(SocketHandle socket, const SocketAddress& local);
+[[nodiscard]] Error WaitForDatagram(SocketHandle socket, std::int64_t microseconds, bool& ready);
+[[nodiscard]] Error SendDatagram(SocketHandle socket, const void* bytes, std::size_t length, const SocketAddress& peer,
+                                 std::size_t& sent);
+[[nodiscard]] Error ReceiveDatagram(SocketHandle socket, void* buffer, std::size_t capacity, SocketAddress& peer,
+                                    std::size_t& received);
 Error CloseSocket(SocketHandle socket);
 
 }  // namespace platform

@@ -7,8 +7,8 @@
 
 namespace platform {
 
-Error FindFirstFile(std::u16string_view pattern, FindData& first, FindHandle& search);
-Error FindNextFile(FindHandle search, FindData& next);
+[[nodiscard]] Error FindFirstFile(std::u16string_view pattern, FindData& first, FindHandle& search);
+[[nodiscard]] Error FindNextFile(FindHandle search, FindData& next);
 void FindClose(FindHandle search);
 
 }  // namespace platform

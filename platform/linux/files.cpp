@@ -22,12 +22,12 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/// What the agent writes is its owner's and the group's alone: records tell much of a computer, and logs name
+/// Only the owner and the group may read what the agent writes: records tell much about a computer, and logs name
 /// customers.
 constexpr mode_t newFileMode = 0640;
 constexpr mode_t newDirectoryMode = 0750;
 
-/// Descriptor 0 is a good one and handle 0 is none, so a handle is one more than its descriptor.
+/// Descriptor 0 is valid and handle 0 is not, so a handle is its descriptor plus one.
 FileHandle HandleOf(int descriptor) { return static_cast<FileHandle>(descriptor) + 1; }
 int DescriptorOf(FileHandle file) { return static_cast<int>(file) - 1; }
 
@@ -42,7 +42,7 @@ Error LastPathError(const std::string& path) {
     return parent.empty() || fs::is_directory(parent, ignored) ? error::fileNotFound : error::pathNotFound;
 }
 
-/// Drive "c:" is always there: what makes a file or directory on it makes the drive's directory where it is missing.
+/// Drive "c:" always exists: what makes a file or directory on it also makes the drive's directory when it is missing.
 void MakeSystemDrive(const std::string& path) {
     const std::string drive = StateDirectory() + "/drive_c";
     if (!path.starts_with(drive + "/")) return;
@@ -56,8 +56,8 @@ std::string NewPathOf(std::u16string_view path) {
     return native;
 }
 
-/// Opens without ever waiting for a pipe's other end. A file on which someone holds a lease for this moment (as
-/// GetFileUseState does) is no such case: there the open waits until the lease is given back.
+/// Opens without ever waiting for a pipe's other end. It does wait for a file on which someone holds a lease for a
+/// moment (as GetFileUseState does), until the lease is given back.
 int OpenDescriptor(const std::string& path, int flags, mode_t mode = newFileMode) {
     flags |= O_CLOEXEC | O_NOCTTY;
     const int descriptor = open(path.c_str(), flags | O_NONBLOCK, mode);
@@ -212,8 +212,8 @@ Error CopyContents(int from, int to) {
     return error::success;
 }
 
-/// The copy grows under another name beside the target, and takes the target's place when it is complete. The name is
-/// always the same for a target, so that the next copy takes over what a kill has left.
+/// The copy grows under another name beside the target, and takes the target's place when it is complete. That name is
+/// always the same for a target, so that the next copy overwrites what a killed one has left.
 Error CopyFileW(std::u16string_view from, std::u16string_view to) {
     const std::string source = NativePathOf(from);
     const std::string target = NewPathOf(to);
@@ -229,7 +229,7 @@ Error CopyFileW(std::u16string_view from, std::u16string_view to) {
     return failure;
 }
 
-/// Renames where the target does not exist yet. File systems without such a rename make a second name and drop the
+/// Renames when the target does not exist yet. On file systems without such a rename, makes a second name and drops the
 /// first.
 int RenameToNew(const std::string& from, const std::string& to) {
     const int result = renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE);
@@ -308,9 +308,9 @@ int GetWorkingDirectory(std::u16string& path) {
     return 0;
 }
 
-/// The kernel refuses a read lease with EAGAIN while anyone has the file open for writing. Where it grants none at all
-/// (the file is another user's, the file system has no leases) nothing is known against the file. While the lease is
-/// held, an open for writing raises a signal here; SIGURG is one that does nothing by default.
+/// The kernel refuses a read lease with EAGAIN while anyone has the file open for writing. Where it grants no lease at
+/// all (the file is another user's, the file system has no leases) the file counts as free. While the lease is held, an
+/// open for writing raises a signal here; SIGURG does nothing by default.
 Error GetFileUseState(std::u16string_view path) {
     const std::string native = NativePathOf(path);
     const Descriptor file(open(native.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));

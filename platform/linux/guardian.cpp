@@ -16,14 +16,14 @@ namespace platform {
 
 namespace {
 
-/// The way to the exit code of a program that cannot be run, as shells give it.
+/// The exit code for a program that cannot be run, as shells give it.
 constexpr int cannotRun = 127;
 constexpr int endedBySignal = 128;  // plus the signal
 
-/// Between two looks for children; a killed one takes a moment to be gone.
+/// Between two looks for children; a killed child takes a moment to go.
 constexpr long lookIntervalNanoseconds = 1'000'000;
 
-/// So many looks in a row that find nobody to kill leave what is there.
+/// After so many looks in a row that find nobody to kill, what is left stays.
 constexpr int mostVainLooks = 100;
 
 [[noreturn]] void ReportFailure() {
@@ -59,7 +59,7 @@ bool ConnectStreamsToNothing() {
     ReportFailure();
 }
 
-/// Tells of ended children, or -1.
+/// A descriptor that reports ended children, or -1.
 int OpenEndsOfChildren() {
     sigset_t child;
     sigemptyset(&child);
@@ -73,7 +73,7 @@ bool Kill(pid_t child) {
     return kill(child, SIGKILL) == 0 || errno != EPERM;
 }
 
-/// Kills each child that this process has at the moment; how many of them could be.
+/// Kills each child that this process has at the moment; returns how many could be killed.
 int KillChildren() {
     const int children = open("/proc/thread-self/children", O_RDONLY | O_CLOEXEC);
     std::array<char, 4096> text;
@@ -94,7 +94,7 @@ int KillChildren() {
     return killed;
 }
 
-/// Children of a killed one become children of this process, so all of them come up in the end.
+/// Children of a killed process become children of this one, so in the end all of them turn up.
 [[noreturn]] void EndAll(pid_t shell) {
     Kill(shell);
     for (int vain = 0; vain < mostVainLooks;) {
@@ -133,7 +133,7 @@ void ReapChildren(pid_t shell) {
 void BecomeGuardian(const Launch& launch) {
     RestoreSignalActions();
     setpgid(0, 0);
-    // Whoever ends the agent by its name does not mean this.
+    // So that ending the agent by its name does not end this.
     prctl(PR_SET_NAME, "script-guardian");
     prctl(PR_SET_CHILD_SUBREAPER, 1);
     if (dup3(launch.report, reportDescriptor, O_CLOEXEC) < 0) _exit(cannotRun);
@@ -142,12 +142,12 @@ void BecomeGuardian(const Launch& launch) {
     const int endsOfChildren = OpenEndsOfChildren();
     if (endsOfChildren < 0) ReportFailure();
     const pid_t guardian = getpid();
-    // Not fork, which calls what libraries have registered for it.
+    // Not fork, because that calls what libraries have registered for it.
     const pid_t shell = _Fork();
     if (shell == 0) BecomeShell(launch, guardian);
     if (shell < 0) ReportFailure();
     close(reportDescriptor);
-    // No file system is kept in use by who only waits.
+    // So that a process which only waits does not keep a file system in use.
     [[maybe_unused]] const int moved = chdir("/");
     Guard(shell, endsOfChildren);
 }

@@ -1,5 +1,5 @@
-// The process between this one and a script's shell. Whatever the script starts stays below it and ends with it, and
-// it ends all of that when this process ends, in whichever way.
+// The process between this one and a script's shell. Whatever the script starts stays below it. It ends all of that
+// when it is told to, and when this process ends, in whichever way.
 #pragma once
 
 #include <sys/types.h>
@@ -10,12 +10,12 @@ namespace platform {
 inline constexpr int reportDescriptor = 3;
 inline constexpr int lifelineDescriptor = 4;
 
-/// How a guardian ends that was told to end everything: with all of it gone, or with something left that runs as a user
-/// whom it may not signal.
+/// Exit codes of a guardian that was told to end everything: all is gone, or something is left that runs as a user whom
+/// it may not signal.
 inline constexpr int allEnded = 137;
 inline constexpr int somethingLeft = 138;
 
-/// Everything that a guardian needs, made ready before it is forked: behind the fork only system calls are allowed, as
+/// Everything that a guardian needs, made ready before the fork: after it only system calls are allowed, because
 /// another thread may have held any lock at that moment.
 struct Launch {
     const char* directory = nullptr;  // of the shell; null: this process's own
@@ -24,9 +24,9 @@ struct Launch {
     int lifeline = -1;  // the reading end of a pipe whose writing end this process holds
 };
 
-/// What a new child runs, forked with all signals blocked: it starts "/bin/sh -c line" and ends with its exit code, 128
-/// and more for a signal. When the lifeline's other end is closed it kills the shell and all that descends from it,
-/// whatever session or group that has moved to and whatever signals it ignores, and ends when it is gone.
+/// What a new child runs, forked with all signals blocked: it starts "/bin/sh -c line" and ends with the shell's exit
+/// code, or 128 plus the signal. When the lifeline's other end is closed, it kills the shell and all its descendants,
+/// whatever session or group they have moved to and whatever signals they ignore, and ends when they are gone.
 [[noreturn]] void BecomeGuardian(const Launch& launch);
 
 }  // namespace platform

@@ -1,4 +1,4 @@
-// Where a request goes: its URL in the form that the wire takes, and the proxy that it passes through.
+// Where a request goes: its URL in the form that is sent, and the proxy that it passes through.
 //
 // Texts in, texts out; nothing here touches the network. Callable from any thread.
 #pragma once
@@ -27,8 +27,8 @@ std::optional<HttpTarget> MakeHttpTarget(bool secure, std::u16string_view server
 std::optional<HttpTarget> RedirectedTarget(const HttpTarget& from, std::string_view location);
 
 /// Whether the bypass list names the target. Entries are separated by semicolons or blanks and compared without regard
-/// to case; "*" stands for any text, "<local>" for every name without a dot; an entry may begin with "http://" or
-/// "https://" and end in ":port", and then holds for that scheme or port only.
+/// to case; "*" stands for any text, "<local>" for every name without a dot. An entry may begin with "http://" or
+/// "https://" and end in ":port"; then it counts for that scheme or port only.
 bool IsBypassed(std::string_view bypassList, const HttpTarget& target);
 
 /// The proxy of a proxy list for a target, as "host:port"; empty when the list has none for its scheme. The list is

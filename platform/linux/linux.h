@@ -25,7 +25,7 @@
 
 namespace platform {
 
-/// Where services are made, and how long an answer of the service manager is waited for.
+/// Where services are made, and how long to wait for an answer of the service manager.
 struct ServiceManagerPlace {
     std::string unitDirectory = "/etc/systemd/system";  // that of this computer's administrator
     std::chrono::milliseconds patience{5000};
@@ -54,17 +54,18 @@ inline constexpr const char* stateDirectoryVariable = "KVAGENT_STATE_DIR";
 /// Reads the state directory from the environment. Called by InstallBackend, before any other thread runs.
 void ReadStateDirectory();
 
-/// This system's form of a path, in UTF-8: backslashes become slashes, a path on a drive lands in the state directory
-/// ("c:\a\b" in drive_c/a/b), where ".." does not climb over the drive's root. A zero character becomes U+FFFD.
-std::string NativePathOf(std::u16string_view path);
+/// This system's form of a path, in UTF-8: backslashes become slashes, and a path on a drive becomes one in the state
+/// directory ("c:\a\b" is drive_c/a/b), where ".." does not climb over the drive's root. A zero character becomes
+/// U+FFFD.
+[[nodiscard]] std::string NativePathOf(std::u16string_view path);
 
-/// The number for an errno value; generalFailure for one that has no counterpart.
-Error ErrorFromErrno(int code);
+/// The number for an errno value; generalFailure for one without a counterpart.
+[[nodiscard]] Error ErrorFromErrno(int code);
 
-/// Gives the pages of code and constants of all loaded libraries back, as far as they are their files' own: whatever is
-/// needed again comes from the page cache or the file at its next use, and other threads may run meanwhile. A page that
-/// was written to, by the loader or for a breakpoint, stays. Does nothing in a process that is traced.
-/// Called after work that touches much library code once in a while, such as an HTTP transaction.
+/// Gives back the pages of code and constants of all loaded libraries that are unchanged from their files. At its next
+/// use a page comes from the page cache or the file again; other threads may run meanwhile. A page that was written to,
+/// by the loader or for a breakpoint, stays. Does nothing in a process that is traced.
+/// Called after work that needs much library code once in a while, such as an HTTP transaction.
 void TrimResidentLibraryPages();
 
 }  // namespace platform

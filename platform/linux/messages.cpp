@@ -6,7 +6,7 @@ namespace platform {
 
 namespace {
 
-/// The one library there is: WMI's texts are this program's own.
+/// The only library: WMI's texts are this program's own.
 constexpr ModuleHandle wmiTexts = 1;
 constexpr std::u16string_view wmiTextsName = u"wmiutils.dll";
 

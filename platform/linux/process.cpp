@@ -1,4 +1,4 @@
-// A child is a guardian, which starts the shell, keeps all that comes of it below itself, and ends all of it when its
+// A child is a guardian. It starts the shell, keeps all that the shell starts below itself, and ends all of it when its
 // lifeline is closed: by TerminateProcess, or by the end of this process.
 #include <algorithm>
 #include <array>
@@ -32,10 +32,10 @@ using SteadyClock = std::chrono::steady_clock;
 /// How long TerminateProcess waits for everything that it kills to be gone.
 constexpr std::uint32_t killedWithinMilliseconds = 2000;
 
-/// How often the end of a process is looked for where the kernel has no descriptor that tells of it.
+/// How often to look for the end of a process when the kernel has no descriptor for it.
 constexpr std::int64_t lookIntervalMilliseconds = 10;
 
-/// A pipe whose ends stand above the descriptors that a guardian gives away.
+/// A pipe whose ends are above the descriptors that a guardian uses for fixed purposes.
 struct Pipe {
     Descriptor reading;
     Descriptor writing;
@@ -139,7 +139,7 @@ Error CreateProcessW(std::u16string_view commandLine, std::u16string_view workin
     return error::success;
 }
 
-/// How a child ended, which leaves it to be reaped; si_pid stays 0 while it runs.
+/// How a child ended, without reaping it; si_pid is 0 while it runs.
 Error PeekAtEnd(const Child& child, siginfo_t& end) {
     end = {};
     const int result = waitid(P_PID, static_cast<id_t>(child.id), &end, WEXITED | WNOHANG | WNOWAIT);

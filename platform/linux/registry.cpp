@@ -1,10 +1,10 @@
 // The registry in one SQLite file.
 //
-//   key    one row a key: parent row and name; row 1 is the root, HKEY_LOCAL_MACHINE
-//   value  one row a value: key row, name, type, bytes as they were given
+//   key    one row for each key: parent row and name; row 1 is the root, HKEY_LOCAL_MACHINE
+//   value  one row for each value: key row, name, type, bytes as they were given
 //
-// One connection a process, guarded by a mutex. A handle to a key that was deleted, or that stems from a file since
-// replaced, counts as deleted.
+// One connection per process, guarded by a mutex. A handle counts as one to a deleted key when its key was deleted, or
+// when the file that it was opened in has been replaced.
 #include "platform/registry.h"
 
 #include <algorithm>
@@ -35,7 +35,7 @@ using kv::sqlite::Transaction;
 constexpr std::int64_t rootRow = 1;
 constexpr std::uint32_t changePollMilliseconds = 200;
 
-/// What has happened to the registry so far; two that differ mean that something may have changed.
+/// How much has happened to the registry so far. When two marks differ, something may have changed.
 struct ChangeMark {
     std::int64_t otherConnections = 0;
     std::int64_t thisConnection = 0;
@@ -111,8 +111,8 @@ OpenKey* FindHandle(Store& store, RegistryKey key) {
     return &store.keys[key - 1];
 }
 
-/// Runs an operation on an open key's row. fileNotFound and success with no row touched are the operation's own to tell
-/// from a key deleted under its handle.
+/// Runs an operation on an open key's row. When it gives fileNotFound because the key was deleted under its handle, the
+/// result is keyDeleted. An operation that succeeds without touching a row has to tell that apart itself.
 template <class Operation>
 Error WithKey(Store& store, RegistryKey key, Purpose purpose, Operation&& operation) {
     const std::lock_guard guard(store.mutex);
@@ -181,7 +181,7 @@ Error SetValue(Store& store, RegistryKey key, std::u16string_view name, Registry
     if (size > maximumValueBytes) return error::invalidParameter;
     const std::string utf8 = Utf8FromWide(name);
     return WithKey(store, key, Purpose::write, [&](sqlite3* connection, std::int64_t row) {
-        // The row is taken from the table of keys, so that nothing is ever stored under a key that is gone.
+        // The row comes from the table of keys, so that nothing is ever stored under a key that is gone.
         Execute(connection,
                 "INSERT INTO value (key, name, type, data) SELECT id, ?, ?, ? FROM key WHERE id = ?"
                 " ON CONFLICT (key, name) DO UPDATE SET type = excluded.type, data = excluded.data",

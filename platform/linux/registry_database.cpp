@@ -41,8 +41,8 @@ constexpr const char* schema =
     "PRAGMA application_id = 0x4B565247;"
     "PRAGMA user_version = 1;";
 
-/// SQLite calls it while another process holds the lock; 1 means to try again. Waits on the agent's clock. No exception
-/// may pass through SQLite, so a clock that throws ends the waiting.
+/// SQLite calls it while another process holds the lock; 1 means to try again. Waits by the agent's clock. No exception
+/// may pass through SQLite, so a clock that throws, as a test's may, ends the wait.
 int WaitForLock(void* context, int attempt) {
     RegistryDatabase& database = *static_cast<RegistryDatabase*>(context);
     try {
@@ -138,7 +138,7 @@ Error OpenOrCreate(RegistryDatabase& database, Purpose purpose) {
     if (failure == error::success) failure = WithSqliteErrors([&] { return OpenDatabase(database, path); });
     if (failure == error::success && purpose == Purpose::read)
         failure = WithSqliteErrors([&] { return CheckFormat(database.connection.get()); });
-    // Without a state directory there is no registry either.
+    // When the state directory is missing, the registry is missing as well.
     return failure == error::pathNotFound && purpose == Purpose::read ? error::fileNotFound : failure;
 }
 

@@ -1,4 +1,4 @@
-// The SQLite file behind the registry: connection, format and errors. What is stored in it is registry.cpp's.
+// The SQLite file that holds the registry: connection, format and errors. registry.cpp knows what is stored in it.
 //
 // One connection for each process, opened at its first use; the caller lets one thread at a time use it. Only a write
 // creates the file: registry.db in the state directory, readable by its owner only, because a proxy password may be in
@@ -26,7 +26,7 @@ enum class Purpose { read, write };
 /// another process. fileNotFound when there is no registry yet and the purpose is to read; otherwise busy,
 /// accessDenied, databaseCorrupt or one of the system's errors. After a failure the next call tries again. A connection
 /// that was open before stays open, unless the file turned out to be broken.
-Error Connect(RegistryDatabase& database, Purpose purpose);
+[[nodiscard]] Error Connect(RegistryDatabase& database, Purpose purpose);
 
 void Disconnect(RegistryDatabase& database);
 

@@ -32,7 +32,7 @@ bool IsKernelObject(const dl_phdr_info& object) {
     return false;
 }
 
-/// Whether a debugger looks at this process. Its breakpoints stand in the code, and it may follow every page.
+/// Whether a debugger looks at this process. Its breakpoints are in the code, and it may watch every page.
 bool IsTraced() {
     constexpr std::string_view field = "TracerPid:\t";
     std::ifstream status("/proc/self/status");
@@ -44,15 +44,15 @@ bool IsTraced() {
 
 const auto pageSize = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
 
-/// An entry of /proc/self/pagemap (the kernel's Documentation/admin-guide/mm/pagemap.rst) of a page that is in memory
-/// and is the file's own. One that was written to, such as for a breakpoint, is a copy of this process's.
+/// Whether an entry of /proc/self/pagemap (the kernel's Documentation/admin-guide/mm/pagemap.rst) is of a page that is
+/// in memory and is the file's own. A page that was written to, such as for a breakpoint, is this process's copy.
 bool IsOfFile(std::uint64_t entry) {
     constexpr std::uint64_t present = 1ULL << 63, ofFile = 1ULL << 61;
     return (entry & present) != 0 && (entry & ofFile) != 0;
 }
 
-/// Gives back the file's pages that lie wholly inside a segment, whoever else has mapped them: they are read again from
-/// the file, or the page cache, when they are needed. Copies of this process's stay; they could be had from nowhere.
+/// Gives back the file's pages that are wholly inside a segment, whoever else has mapped them: they are read again from
+/// the file, or the page cache, when they are needed. This process's copies stay; nothing else has them.
 void DropSegment(const Descriptor& pageMap, std::uintptr_t start, std::uintptr_t end) {
     std::array<std::uint64_t, 512> entries;
     std::uintptr_t page = (start + pageSize - 1) / pageSize;

@@ -12,8 +12,8 @@ namespace platform {
 
 namespace {
 
-/// In single quotes, as the shell takes text literally. A quote inside ends the quoted part, stands escaped, and starts
-/// the next; a zero character, which no argument can hold, becomes U+FFFD.
+/// In single quotes, in which the shell takes text literally. A quote inside ends the quoted part, is escaped, and
+/// starts the next part; a zero character, which no argument can hold, becomes U+FFFD.
 std::u16string Quoted(std::u16string_view text) {
     std::u16string quoted = u"'";
     for (const char16_t character : text) {
@@ -26,8 +26,8 @@ std::u16string Quoted(std::u16string_view text) {
     return quoted + u"'";
 }
 
-/// Blanks and tabs separate arguments, double quotes keep them together and go, \" is a quote of its own, and any other
-/// backslash stands for itself. Quotes around nothing make an empty argument.
+/// Blanks and tabs separate arguments, double quotes keep them together and are removed, \" is a literal quote, and any
+/// other backslash stands for itself. Quotes around nothing make an empty argument.
 std::vector<std::u16string> SplitArguments(std::u16string_view text) {
     std::vector<std::u16string> arguments;
     std::u16string current;
@@ -53,8 +53,8 @@ std::vector<std::u16string> SplitArguments(std::u16string_view text) {
     return arguments;
 }
 
-/// What runs the script, with a blank at its end, or nothing where the script runs by itself. A missing script is left
-/// to the shell, whose exit code 127 says so.
+/// What runs the script, with a blank at its end; empty when the script runs by itself. A missing script is left to the
+/// shell, whose exit code 127 says so.
 std::u16string Interpreter(const ScriptCommand& command, const std::string& path) {
     if (!command.scriptHost.empty()) return command.scriptHost + u" ";
     const bool existsWithoutPermission = access(path.c_str(), F_OK) == 0 && access(path.c_str(), X_OK) != 0;

@@ -4,11 +4,11 @@
 //     SIGTERM, SIGINT    shutdown when the machine goes down, else stop
 //     SIGUSR1            pause
 //     SIGUSR2            continue
-//     SIGHUP             nothing; the settings are read at the start, and it is not to end the service
+//     SIGHUP             nothing; the settings are read at the start, and it must not end the service
 //
-// They are held back from every thread and read on the dispatcher's, where the handler may do whatever it likes. One
-// that comes before the handler is there ends the process when it asks for a stop, since nothing has begun; one that
-// comes after the service has said that it stops is never read, and dropped at the end.
+// They are blocked in every thread and read on the dispatcher's, where the handler may do whatever it likes. One that
+// asks for a stop before there is a handler ends the process, because nothing has begun. One that comes after the
+// service has said that it stops is never read, and dropped at the end.
 #include <array>
 #include <cerrno>
 #include <csignal>
@@ -35,7 +35,7 @@ namespace {
 
 constexpr std::array controlSignals{SIGTERM, SIGINT, SIGUSR1, SIGUSR2, SIGHUP};
 
-/// For the question about the machine's state, and for a notice to be taken, so that a stop does not hang on a manager
+/// How long to wait for the machine's state, and until a notice is taken, so that a stop does not hang with a manager
 /// that hangs.
 constexpr std::chrono::milliseconds managerPatience{2000};
 constexpr timeval noticePatience{0, 500000};
@@ -71,7 +71,7 @@ bool IsStartedByManager() {
     return socket != nullptr && *socket != 0 && (process == nullptr || process == std::to_string(getpid()));
 }
 
-/// The control signals, held back from this thread and from those that it starts for as long as this object lives.
+/// The control signals, blocked in this thread and in those that it starts, for as long as this object lives.
 class HeldSignals {
   public:
     HeldSignals() {
@@ -146,7 +146,7 @@ std::uint32_t StopControlOf(std::uint32_t accepted) {
     return (accepted & service_accepts::stop) != 0 ? service_control::stop : 0;
 }
 
-/// The control that a signal stands for; 0 where there is none, or it is not accepted.
+/// The control that a signal stands for; 0 when it stands for none, or the service does not accept it.
 std::uint32_t ControlOf(int signal, std::uint32_t accepted) {
     if (AsksForStop(signal)) return StopControlOf(accepted);
     const bool takesPause = (accepted & service_accepts::pauseAndContinue) != 0;
@@ -160,8 +160,8 @@ std::uint32_t ControlOf(int signal, std::uint32_t accepted) {
     }
 }
 
-/// Takes one signal and calls the handler where that follows from it; false when it asks for a stop before anything has
-/// been reported.
+/// Takes one signal and calls the handler if the signal stands for a control that the service accepts; false when it
+/// asks for a stop before anything has been reported.
 bool DeliverSignal(int signals) {
     signalfd_siginfo taken{};
     if (read(signals, &taken, sizeof taken) != sizeof taken) return true;
@@ -220,7 +220,7 @@ Error RegisterServiceCtrlHandlerExW(std::u16string_view serviceName, ServiceHand
     return error::success;
 }
 
-/// What the manager is told of a state; empty for what is not a state.
+/// What the manager is told of a state; null for what is not a state.
 const char* NoticeOf(ServiceState state) {
     switch (state) {
         case ServiceState::startPending:
@@ -241,7 +241,7 @@ const char* NoticeOf(ServiceState state) {
     return nullptr;
 }
 
-/// Where the manager listens; the length is 0 for no address of a kind that is known. "@" is a name of the kernel's.
+/// Where the manager listens; the length is 0 when the address is not of a known kind. "@" begins an abstract name.
 socklen_t ManagerAddress(sockaddr_un& address) {
     const char* const socket = std::getenv("NOTIFY_SOCKET");
     const std::string_view name = socket != nullptr ? socket : "";
@@ -252,8 +252,8 @@ socklen_t ManagerAddress(sockaddr_un& address) {
     return static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size());
 }
 
-/// Tells the manager something by its protocol, as sd_notify(3) does, which would wait forever for one that does not
-/// read.
+/// Tells the manager something by its protocol. sd_notify(3) does the same, but would wait forever for a manager that
+/// does not read.
 Error Notify(std::string_view notice) {
     sockaddr_un address{};
     const socklen_t length = ManagerAddress(address);

@@ -1,6 +1,6 @@
-// The service manager is systemd. A manager's handle is a connection to it; the handles of services share the one that
-// they were opened with. A connection that broke off, as when systemd executes itself anew, is replaced at the next
-// operation.
+// The service manager is systemd. A manager's handle is a connection to it; the handles of services share the
+// connection that they were opened with. One that broke off, as when systemd executes itself again, is replaced at the
+// next operation.
 #include <cerrno>
 #include <chrono>
 #include <linux/magic.h>
@@ -51,7 +51,7 @@ std::uint64_t NowMicroseconds() {
     return static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(now).count());
 }
 
-/// Takes in what has come meanwhile; the other side's hanging up is among it.
+/// Takes in what has come meanwhile, such as that the other side has hung up.
 bool IsUsable(sd_bus* bus) {
     int result = bus != nullptr ? 1 : -ENOTCONN;
     while (result > 0) result = sd_bus_process(bus, nullptr);
@@ -73,7 +73,7 @@ Error Use(ServiceHandle handle, bool isService, std::uint32_t rights) {
     return Connect(*OpenOf(handle).connection);
 }
 
-/// One that waits for itself to go on would wait for ever.
+/// A process that waits for itself to go on would wait forever.
 bool IsOwnUnit(const std::string& unit) {
     char* name = nullptr;
     const int result = sd_pid_get_unit(0, &name);
@@ -81,17 +81,17 @@ bool IsOwnUnit(const std::string& unit) {
     return result >= 0 && unit == name;
 }
 
-/// Only the second version of control groups can freeze each of them.
+/// Only the second version of control groups can freeze any of them.
 bool CanPause(const UnitCondition& condition) {
     struct statfs facts {};
     return !condition.freezerState.empty() && statfs("/sys/fs/cgroup", &facts) == 0 &&
            facts.f_type == CGROUP2_SUPER_MAGIC && !IsOwnUnit(condition.id);
 }
 
-/// A unit that is gone since it was opened, as one without a file is once it has ended, is a stopped one.
+/// A unit that has gone since it was opened, as one without a file does when it ends, counts as stopped.
 Error Look(OpenHandle& service, UnitCondition& condition, ServiceStatus& status) {
     int result = ReadCondition(service.connection->Bus(), service.unit, condition);
-    // Asking once more does no harm, and systemd hangs up whenever it executes itself anew.
+    // Asking once more does no harm, and systemd hangs up whenever it executes itself again.
     if (IsHungUp(result) && Connect(*service.connection) == error::success) {
         result = ReadCondition(service.connection->Bus(), service.unit, condition);
     }
@@ -118,7 +118,7 @@ Error OpenServiceW(ServiceHandle manager, std::u16string_view name, std::uint32_
     return error::success;
 }
 
-/// One that is deleted, but runs on, is no hindrance to a new one.
+/// A deleted unit that still runs does not prevent a new one.
 Error CheckIsNew(UnitManager& manager, std::u16string_view name) {
     UnitCondition condition;
     const Error failure = FindUnit(manager, name, condition);
@@ -130,7 +130,7 @@ Error CheckIsNew(UnitManager& manager, std::u16string_view name) {
 Error CreateServiceW(ServiceHandle manager, const ServiceDefinition& definition, ServiceHandle& service) {
     service = 0;
     if (const Error failure = Use(manager, false, manager_right::createService); failure != 0) return failure;
-    // A file could not say so; it would have to be a mask, and then there is no service.
+    // A unit file cannot say so. It would have to be masked, and then there is no service.
     if (definition.start == ServiceStartType::disabled) return error::notSupported;
     const auto& connection = OpenOf(manager).connection;
     if (const Error failure = CheckIsNew(connection->manager, definition.name); failure != 0) return failure;
@@ -163,7 +163,7 @@ Error DeleteService(ServiceHandle service) {
     return failure;
 }
 
-/// What is missing or masked for a unit that is there itself is one that it depends on.
+/// The unit itself is there, so what is missing or masked is a unit that it depends on.
 Error StartServiceW(ServiceHandle service) {
     if (const Error failure = Use(service, true, service_right::start); failure != 0) return failure;
     OpenHandle& open = OpenOf(service);

@@ -60,7 +60,7 @@ Error GetVersionExW(SystemVersion& version) {
     return error::success;
 }
 
-/// The canonical name that the resolver has for a host name, or the name itself where it has none.
+/// The resolver's canonical name for a host name, or the name itself when the resolver does not know one.
 std::string CanonicalName(const std::string& hostName) {
     addrinfo hints{};
     hints.ai_socktype = SOCK_STREAM;

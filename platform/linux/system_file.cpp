@@ -23,8 +23,9 @@ std::optional<std::string> ReadSystemFile(const std::string& path) {
     std::string text;
     constexpr std::size_t maxFileBytes = 16 * 1024 * 1024;
     constexpr std::size_t firstBlock = 4096;
-    for (std::size_t room = firstBlock; text.size() < maxFileBytes; room *= 2) {
+    for (std::size_t block = firstBlock; text.size() < maxFileBytes; block *= 2) {
         const std::size_t length = text.size();
+        const std::size_t room = std::min(block, maxFileBytes - length);
         text.resize(length + room);
         const ssize_t got = ReadOnce(file.get(), text.data() + length, room);
         text.resize(length + static_cast<std::size_t>(std::max<ssize_t>(got, 0)));

@@ -1,4 +1,4 @@
-// Reading small files whole, such as those in which the kernel tells of itself.
+// Reading whole small files, such as those in which the kernel tells of itself.
 #pragma once
 
 #include <cstddef>
@@ -11,7 +11,7 @@ namespace platform {
 /// read(2), again when it was interrupted.
 ssize_t ReadOnce(int file, char* to, std::size_t room);
 
-/// A whole file such as those below /proc and /sys; none when it cannot be read. Reads at most 16 MB.
+/// A whole file such as those below /proc and /sys; absent when it cannot be read. Of a longer one, the first 16 MB.
 std::optional<std::string> ReadSystemFile(const std::string& path);
 
 }  // namespace platform

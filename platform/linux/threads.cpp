@@ -16,7 +16,7 @@ namespace {
 /// Something that happens once, and what waits for it.
 class Occurrence {
   public:
-    /// Tells under the lock: whoever has seen it happen may destroy this object at once.
+    /// Notifies under the lock, because whoever has seen it happen may destroy this object at once.
     void Happen() {
         const std::lock_guard hold(lock_);
         happened_ = true;
@@ -46,7 +46,7 @@ struct ThreadRecord {
     Occurrence ended;
 };
 
-/// All threads ever started. Handles are never closed, so neither the records nor the list are released.
+/// All threads ever started. Handles are never closed, so the records and the list are never freed.
 struct StartedThreads {
     std::mutex lock;
     std::deque<ThreadRecord> records;

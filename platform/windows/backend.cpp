@@ -13,7 +13,7 @@ namespace platform {
 
 namespace {
 
-/// No box waits for somebody to press a button on a computer that nobody sits at.
+/// On a computer that nobody sits at, no message box may wait for a button.
 void SettleProcess() { ::SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOGPFAULTERRORBOX | SEM_NOOPENFILEERRORBOX); }
 
 }  // namespace
@@ -30,7 +30,7 @@ void InstallBackend() {
     CurrentOperations<ThreadOperations>() = WindowsThreads();
 }
 
-/// The narrow arguments that a program gets here have lost what the system's code page does not hold.
+/// Not the narrow arguments of main: they have lost what the system's code page cannot hold.
 std::vector<std::string> CommandLineWords(int, char**) {
     int count = 0;
     const std::unique_ptr<wchar_t*, decltype(&::LocalFree)> words(::CommandLineToArgvW(::GetCommandLineW(), &count),

@@ -28,7 +28,7 @@ std::int64_t GetSystemTimeMilliseconds() {
     return MillisecondsOf(now);
 }
 
-/// The system takes moments apart from the first of these years on; the last is the agent's, and far enough.
+/// The system knows no moment before the first of these years. The last is the agent's choice.
 constexpr std::int64_t firstYear = 1601;
 constexpr std::int64_t lastYear = 9999;
 
@@ -52,8 +52,8 @@ LocalTime ToLocalTime(std::int64_t millisecondsSince1970) {
     return {local.wYear, local.wMonth, local.wDay, local.wHour, local.wMinute, local.wSecond, local.wMilliseconds};
 }
 
-/// The moment at which a clock of UTC would show the time. Parts beyond their range, as archives have them, go over
-/// into the next larger; the system's own routine would refuse them.
+/// The moment at which a UTC clock would show the time. Parts beyond their range, as archives have them, carry over
+/// into the next larger one; the system's own routine would refuse them.
 std::int64_t AsUtc(const LocalTime& time) {
     const std::int64_t months =
         std::clamp(std::int64_t{time.year} * 12 + time.month - 1, firstYear * 12, (lastYear + 1) * 12 - 1);
@@ -75,7 +75,7 @@ std::int64_t FromLocalTime(const LocalTime& time) {
     return MillisecondsOf(moment);
 }
 
-/// The system takes the greatest number for a sleep without end.
+/// To the system the greatest number means forever.
 void Sleep(std::uint32_t milliseconds) { ::Sleep(std::min<DWORD>(milliseconds, INFINITE - 1)); }
 
 }  // namespace

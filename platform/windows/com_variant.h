@@ -1,5 +1,5 @@
-// COM's texts and values, and what becomes of them in the agent. Nothing here lets a text or a value leak, whichever
-// way a routine ends.
+// COM's texts and values, and the agent's copies of them. Texts and values have owners here, so that none leaks,
+// whichever way a routine ends.
 #pragma once
 
 #include <memory>
@@ -16,13 +16,13 @@ struct SystemTextFree {
     void operator()(OLECHAR* text) const { ::SysFreeString(text); }
 };
 
-/// Owns a BSTR, or none.
+/// Owns a BSTR, or null.
 using SystemText = std::unique_ptr<OLECHAR, SystemTextFree>;
 
 /// A BSTR of all of the text, zero characters too. Throws std::bad_alloc.
 SystemText SystemTextOf(std::u16string_view text);
 
-/// The agent's copy of a BSTR; none is empty.
+/// The agent's copy of a BSTR; empty for null.
 std::u16string TextOfSystem(BSTR text);
 
 /// A VARIANT that is cleared with its owner.
@@ -35,8 +35,8 @@ struct OwnedVariant {
     OwnedVariant& operator=(const OwnedVariant&) = delete;
 };
 
-/// The agent's copy of a value. Of what platform::Variant has no place for, an array's elements or a type that it does
-/// not name, the type's number is kept alone.
+/// The agent's copy of a value. Of an array, or of a type that platform::Variant does not name, only the type's number
+/// is kept.
 Variant VariantOf(const VARIANT& value);
 
 }  // namespace platform

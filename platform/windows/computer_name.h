@@ -10,6 +10,6 @@
 namespace platform {
 
 /// The name in one of the system's forms.
-Error ComputerName(COMPUTER_NAME_FORMAT form, std::u16string& name);
+[[nodiscard]] Error ComputerName(COMPUTER_NAME_FORMAT form, std::u16string& name);
 
 }  // namespace platform

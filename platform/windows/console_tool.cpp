@@ -32,7 +32,7 @@ Error WriteAll(HANDLE file, std::string_view bytes) {
     return error::success;
 }
 
-/// A new file beside the one of that name, of a name that no other has.
+/// A new file beside the one of that name, with a name that no other file has.
 Error MakePartialFile(const std::wstring& path, std::wstring& partial, SystemHandle& file) {
     PSECURITY_DESCRIPTOR descriptor = nullptr;
     if (!::ConvertStringSecurityDescriptorToSecurityDescriptorW(privateAccess, SDDL_REVISION_1, &descriptor, nullptr))
@@ -63,7 +63,7 @@ Error ReplaceFile(const std::wstring& path, std::string_view bytes) {
     return failure;
 }
 
-/// The whole name of what a name has led to; none where the system tells none.
+/// The full name of what a name has led to; empty when the system does not tell it.
 std::wstring FinalName(HANDLE file) {
     std::wstring name(::GetFinalPathNameByHandleW(file, nullptr, 0, FILE_NAME_NORMALIZED), L'\0');
     const DWORD size = static_cast<DWORD>(name.size());
@@ -91,8 +91,8 @@ std::string_view RegistryPlace() {
     return "The registry is the computer's own; to change it takes the rights of an administrator.";
 }
 
-/// The other end of a pipe is asked for without touching it. Whoever made the pipe may not have given the right to ask;
-/// the next line that is printed tells then.
+/// Asks for the other end of a pipe without touching it. Whoever made the pipe may not have given the right to ask;
+/// then the next line that is printed finds out.
 bool OutputHasReader() {
     const HANDLE output = ::GetStdHandle(STD_OUTPUT_HANDLE);
     if (::GetFileType(output) != FILE_TYPE_PIPE) return true;

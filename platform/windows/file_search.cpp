@@ -1,5 +1,5 @@
-// A search reads its directory once, at its start, and walks the names it found then. Names are matched and put in
-// order here: the system would find a file by its short name too ("*.zip" then finds "a.zipped"), and its order is the
+// A search reads its directory once, at its start, and walks the names it found then. Names are matched and sorted
+// here: the system would find a file by its short name too ("*.zip" then finds "a.zipped"), and its order is the
 // disk's.
 #include "platform/windows/file_search.h"
 
@@ -22,7 +22,7 @@ struct FileSearch {
 /// A running search of the system's.
 using SystemSearch = std::unique_ptr<void, decltype(&::FindClose)>;
 
-/// Not every reparse point is a link: what is kept elsewhere and fetched when it is read is one too.
+/// Not every reparse point is a link: a file that is stored elsewhere and fetched when it is read is one as well.
 bool IsLink(const WIN32_FIND_DATAW& entry) {
     const bool isReparsePoint = (entry.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
     return isReparsePoint && IsReparseTagNameSurrogate(entry.dwReserved0);
@@ -35,7 +35,7 @@ FindData DataOf(const WIN32_FIND_DATAW& entry) {
 
 bool IsItself(const FindData& entry) { return entry.fileName == u"." || entry.fileName == u".."; }
 
-/// Why nothing is found. A directory that is a file, or has a name that none can have, does not exist.
+/// Why nothing is found. A directory that is a file, or whose name no file can have, counts as missing.
 Error SearchError() {
     const Error failure = LastError();
     return failure == error::directoryName || failure == error::invalidName ? error::pathNotFound : failure;

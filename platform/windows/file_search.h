@@ -7,8 +7,8 @@
 
 namespace platform {
 
-Error FindFirstMatch(std::u16string_view pattern, FindData& first, FindHandle& search);
-Error FindNextMatch(FindHandle search, FindData& next);
+[[nodiscard]] Error FindFirstMatch(std::u16string_view pattern, FindData& first, FindHandle& search);
+[[nodiscard]] Error FindNextMatch(FindHandle search, FindData& next);
 void EndSearch(FindHandle search);
 
 }  // namespace platform

@@ -20,7 +20,7 @@ namespace {
 
 constexpr std::size_t largestTransfer = 1U << 30;  // bytes in one call
 
-/// Scanners of viruses and indexers open what has just been written, for a moment, and let nobody rename it meanwhile.
+/// Virus scanners and indexers open for a moment what has just been written, and nobody can rename it meanwhile.
 constexpr int looksOfOthers = 10;
 constexpr DWORD lookOfAnother = 20;  // milliseconds
 
@@ -40,7 +40,7 @@ DWORD AccessOf(FileAccess access) {
     return 0;
 }
 
-/// Renaming and deleting are always shared, as they do not disturb whoever reads or writes.
+/// Renaming and deleting are always shared, because they do not disturb those who read or write.
 DWORD SharingOf(FileShare share) {
     switch (share) {
         case FileShare::none:
@@ -67,8 +67,7 @@ DWORD DispositionOf(FileDisposition disposition) {
     return 0;
 }
 
-/// Calls again while another looks at the file. To a call that replaces a file the system says then that
-/// access is denied.
+/// Calls again while another program looks at the file. A call that replaces a file then fails with accessDenied.
 template <class Call>
 Error PastOthers(const Call& call, bool replaces = false) {
     Error result = ResultOf(call());
@@ -80,8 +79,8 @@ Error PastOthers(const Call& call, bool replaces = false) {
     return result;
 }
 
-/// Keeps this process's own opens for writing apart from GetFileUseState, which would have them refused. Many may be
-/// under way at a time.
+/// Keeps this process's own opens for writing apart from GetFileUseState, which would make them fail. Many of them may
+/// run at a time.
 struct OpensForWriting {
     SRWLOCK held = SRWLOCK_INIT;
 
@@ -93,7 +92,7 @@ struct OpensForWriting {
 
 OpensForWriting opensForWriting;
 
-/// What is no file, as "NUL" or "COM1" in any directory, has no place in what the agent is told to open.
+/// Refuses what is not a file, such as "NUL" or "COM1" in any directory.
 Error CreateFileW(std::u16string_view path, FileAccess access, FileShare share, FileDisposition disposition,
                   FileHandle& file) {
     file = 0;
@@ -136,7 +135,7 @@ Error WriteFile(FileHandle file, const void* data, std::size_t size) {
     return error::success;
 }
 
-/// In pieces that need no memory: the log is written so when there is none.
+/// In pieces that need no memory, because the log must be written even when memory has run out.
 Error WriteText(FileHandle file, std::string_view text) {
     std::array<char, 4096> piece;
     std::size_t used = 0;
@@ -214,8 +213,8 @@ Error GetFileAttributesW(std::u16string_view path, std::uint32_t& attributes) {
     return error::success;
 }
 
-/// Makes a call that replaces or deletes the file at a path, also where it is read-only, hidden or the system's. One
-/// that stays keeps these attributes.
+/// Makes a call that replaces or deletes the file at a path, even if it is read-only, hidden or the system's. After a
+/// failure the file has these attributes again.
 template <class Call>
 Error Replace(const std::wstring& path, const Call& call) {
     if (call()) return error::success;
@@ -230,7 +229,7 @@ Error Replace(const std::wstring& path, const Call& call) {
     return result;
 }
 
-/// A copy is on its way to the disk when the system calls it made. One that is read-only is left at that.
+/// When the system reports a copy as made, it may still be on its way to the disk. A read-only one stays so.
 Error BringToDisk(const std::wstring& path) {
     SystemHandle file;
     const Error refusal = PastOthers([&]() -> BOOL {
@@ -257,7 +256,7 @@ Error MoveFileExW(std::u16string_view from, std::u16string_view to, bool replace
     return replaceExisting ? Replace(target, move) : PastOthers(move);
 }
 
-/// A link that leads to a directory is a file to the agent and a directory to the system, which takes the link alone.
+/// A link to a directory is a file to the agent and a directory to the system, which removes only the link.
 Error DeleteFileW(std::u16string_view path) {
     constexpr DWORD linked = FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT;
     const std::wstring native = NativePathOf(path);
@@ -291,7 +290,7 @@ int GetWorkingDirectory(std::u16string& path) {
     return 0;
 }
 
-/// Refused while anyone has the file open for writing, as this does not share that.
+/// The open fails while anyone has the file open for writing, because it does not share writing.
 Error GetFileUseState(std::u16string_view path) {
     const std::lock_guard apart(opensForWriting);
     const SystemHandle file =

@@ -25,7 +25,7 @@ struct HttpTarget {
 /// The host of a URL for a server's name or address; null for a text that can be neither.
 std::optional<std::wstring> HostFor(std::u16string_view server);
 
-/// The path and query that a request line carries, from such text as it stands.
+/// The path and query as a request line carries them.
 std::wstring PathFor(std::u16string_view path);
 
 /// The target that a Location header leads to, from the present one; null for what is neither http nor https.

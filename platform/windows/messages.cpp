@@ -10,11 +10,11 @@ namespace {
 /// The user's own.
 constexpr DWORD defaultLanguage = MAKELANGID(LANG_NEUTRAL, SUBLANG_DEFAULT);
 
-/// The folders with the system's own libraries, below its folder: WMI's stand apart. No other is searched, so that
-/// nobody's file of the same name is ever loaded.
+/// The folders with the system's own libraries, below its folder; WMI's are apart. No other folder is searched, so that
+/// no other file of the same name is ever loaded.
 constexpr const wchar_t* libraryFolders[] = {L"\\", L"\\wbem\\"};
 
-/// A text of the system's, or first of a module's when there is one.
+/// A text of the module, if one is given and has it, else of the system.
 std::optional<std::u16string> MessageText(DWORD origin, HMODULE module, Error code) {
     wchar_t* text = nullptr;
     const DWORD length = ::FormatMessageW(
@@ -27,7 +27,7 @@ std::optional<std::u16string> MessageText(DWORD origin, HMODULE module, Error co
 
 std::optional<std::u16string> FormatMessageW(Error code) { return MessageText(0, nullptr, code); }
 
-/// Empty where it cannot be told.
+/// Empty when it cannot be found out.
 std::wstring SystemFolder() {
     wchar_t folder[MAX_PATH];
     const UINT length = ::GetSystemDirectoryW(folder, MAX_PATH);

@@ -1,5 +1,5 @@
 // A child is put into a job before its first instruction, so that whatever it starts is in that job too and can be
-// ended with it. The job ends with this process, too: without it nobody would end the child at its limit.
+// ended with it. The job also ends with this process, because then nobody would end the child at its time limit.
 #include <memory>
 
 #include "platform/guarded.h"
@@ -14,12 +14,12 @@ namespace {
 /// The longest line that the command interpreter takes, in characters.
 constexpr std::size_t longestLine = 8191;
 
-/// How long TerminateProcess waits for a process that it has ended to be gone.
+/// How long TerminateProcess waits until a process that it has ended is gone.
 constexpr DWORD goneWithin = 1000;  // milliseconds
 
 struct Child {
     SystemHandle process;
-    SystemHandle job;  // none where this process is in a job that lets nothing out, on systems without nested jobs
+    SystemHandle job;  // null when this process is in a job that lets nothing out, on systems without nested jobs
 };
 
 Child& ChildOf(ProcessHandle process) { return *reinterpret_cast<Child*>(process); }
@@ -88,7 +88,7 @@ Error TerminateProcess(ProcessHandle process) {
     return result;
 }
 
-/// What a script has left running behind it goes on.
+/// What a script has left running goes on.
 void CloseProcess(ProcessHandle process) {
     if (process == 0) return;
     const std::unique_ptr<Child> child(&ChildOf(process));

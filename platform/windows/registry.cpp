@@ -1,8 +1,8 @@
 // The registry that the system itself keeps, in the view of the program's own width. A handle of ours stands for an
 // open key of the system's and for what RegNotifyChangeKeyValue needs between two calls.
 //
-// Changes are told by an event that belongs to the open key. The system forgets a request for them when the thread that
-// made it ends, and sets the event then: a wait by another thread returns early, and misses nothing.
+// An event that belongs to the open key reports changes. When the thread that asked for it ends, the system forgets the
+// request and sets the event: a wait by another thread returns early, and misses nothing.
 #include "platform/registry.h"
 
 #include <algorithm>
@@ -34,7 +34,7 @@ using SystemKey = std::unique_ptr<std::remove_pointer_t<HKEY>, CloseSystemKey>;
 struct OpenKey {
     SystemKey key;
     std::mutex waiting;    // held by the thread that waits for a change
-    SystemHandle changed;  // set at the next change; none until the first RegNotifyChangeKeyValue
+    SystemHandle changed;  // set at the next change; null until the first RegNotifyChangeKeyValue
 };
 
 struct Store {
@@ -64,7 +64,7 @@ Error CheckPath(RootKey root, std::u16string_view subKey) {
     return IsRegistryKeyPath(subKey) ? error::success : error::invalidName;
 }
 
-/// Control characters may stand in the names of other programs' values; only a zero cannot be told to the system.
+/// Other programs' values may have control characters in their names; only a zero cannot be passed to the system.
 bool CanNameValue(std::u16string_view name) {
     return name.size() <= maximumValueNameLength && name.find(u'\0') == std::u16string_view::npos;
 }
@@ -156,8 +156,8 @@ Error QueryValue(Store& store, RegistryKey key, std::u16string_view name, Regist
     });
 }
 
-/// The system looks behind a text without a terminator, and stores what looks like one there, too. So that the bytes
-/// are kept as they are, something else stands behind them.
+/// The system looks past the end of a text without a terminator, and also stores what looks like one there. Something
+/// else follows the bytes here, so that they are kept as they are.
 Error SetValue(Store& store, RegistryKey key, std::u16string_view name, RegistryType type, const std::byte* data,
                std::size_t size) {
     if (!IsRegistryValueName(name)) return error::invalidName;
@@ -211,7 +211,7 @@ bool ComesBefore(const std::u16string& left, const std::u16string& right) {
     return ::CompareStringOrdinal(WideOf(left).c_str(), -1, WideOf(right).c_str(), -1, TRUE) == CSTR_LESS_THAN;
 }
 
-/// The names have no fixed places while the key changes, so it is listed until it has not changed meanwhile.
+/// The names move while the key changes, so it is listed again until it has not changed meanwhile.
 Error ListNames(Store& store, RegistryKey key, NameAt nameAt, std::vector<std::u16string>& names) {
     names.clear();
     return WithKey(store, key, [&](OpenKey& open) -> Error {
@@ -246,14 +246,14 @@ Error AskForNextChange(OpenKey& open) {
     return failure;
 }
 
-/// The end of the key itself sets no event everywhere: keyDeleted then, else the answer given.
+/// Not every system sets the event when the key itself is deleted: keyDeleted then, else the answer given.
 Error StillThere(HKEY key, Error answer) {
     std::uint64_t ignored = 0;
     const Error failure = LastWriteTime(key, ignored);
     return failure == error::success ? answer : failure;
 }
 
-/// The next request is made before this one's answer is given, so that nothing is missed while the caller reads.
+/// Asks for the next change before this one is reported, so that nothing is missed while the caller reads.
 Error WaitForChange(Store& store, RegistryKey key, std::uint32_t milliseconds) {
     return WithKey(store, key, [milliseconds](OpenKey& open) -> Error {
         const std::lock_guard guard(open.waiting);

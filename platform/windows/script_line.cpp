@@ -14,10 +14,10 @@ std::u16string SystemDirectory() {
     return TextOf({directory, length < MAX_PATH ? length : 0});
 }
 
-/// A percent sign as the interpreter takes it for itself: followed by a variable that has nothing to give.
+/// A literal percent sign to the interpreter: followed by a variable that expands to nothing.
 constexpr std::u16string_view percent = u"%%cd:~,%";
 
-/// In double quotes, where nothing but these and percent signs means anything; those that are there go. No file has one
+/// In double quotes, where only quotes and percent signs mean anything. Quotes in the text are dropped: no file has one
 /// in its name.
 std::u16string Quoted(std::u16string_view text) {
     std::u16string quoted = u"\"";
@@ -66,8 +66,7 @@ std::u16string ComposeScriptLine(const ScriptCommand& command) {
     std::u16string line = SystemDirectory() + u"\\cmd.exe /C \"";
     if (!command.scriptHost.empty()) line += command.scriptHost + u" ";
     line += Quoted(command.path) + u" " + Protected(command.arguments);
-    // A script that waits for somebody's input would wait out its limit. The blank keeps a number at the end an
-    // argument.
+    // A script that waits for input would wait until its limit. The blank keeps a number at the end an argument.
     line += u" <nul";
     if (command.outputPath) line += u" >>" + Quoted(*command.outputPath);
     return line + u"\"";

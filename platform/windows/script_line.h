@@ -8,8 +8,8 @@
 
 namespace platform {
 
-/// cmd.exe with the script's command, in quotes of its own, and with nothing to read. Arguments are data: those with
-/// signs of the interpreter's stand in quotes, which a batch file takes off with "%~1".
+/// cmd.exe with the script's command, in quotes of its own, and with an empty standard input. Arguments are data: those
+/// with signs of the interpreter's are in quotes, which a batch file takes off with "%~1".
 std::u16string ComposeScriptLine(const ScriptCommand& command);
 
 /// 16-bit text from a host that is told to print it (switch "//U"), else UTF-8.

@@ -8,8 +8,7 @@ namespace platform {
 
 namespace {
 
-/// The system's main routine gets no context of the caller's, so the service's stands here. There is one of each in a
-/// process.
+/// The system passes no context of the caller's to the main routine, so the service is kept here. A process has one.
 struct Service {
     ServiceMainRoutine main = nullptr;
     ServiceHandlerRoutine handler = nullptr;
@@ -23,15 +22,16 @@ Service& TheService() {
     return service;
 }
 
-/// The system waits for a report of the end, not for the routine's: a service that has given up its start would stay
-/// for ever. When the process ends without the report, the manager takes it for a failure. Other threads may still
-/// work, so nothing static is destroyed under them. An exception ends the program, as out of any thread.
+/// The system waits for a report of the end and not for the routine to return: a service that has given up its start
+/// would stay forever. When the process ends without the report, the manager takes it for a failure. Other threads may
+/// still work, so nothing static is destroyed under them. An exception ends the program, as out of any thread.
 void WINAPI RunServiceMain(DWORD, LPWSTR*) noexcept {
     TheService().main();
     if (!TheService().hasStopped) std::_Exit(0);
 }
 
-/// True when the service has said that it takes the control; an interrogation and controls of its own need no saying.
+/// True when the service has said that it accepts the control. An interrogation and the service's own controls are
+/// always accepted.
 bool Accepts(std::uint32_t accepted, DWORD control) {
     switch (control) {
         case SERVICE_CONTROL_STOP:
@@ -48,8 +48,8 @@ bool Accepts(std::uint32_t accepted, DWORD control) {
     }
 }
 
-/// The manager lets nothing through that is not accepted, but for what was on its way when the status changed. An
-/// exception must not meet the system's own frames: it ends the program.
+/// The manager passes on only what is accepted, but a control may have been on its way when the status changed. An
+/// exception must not reach the system's own frames: it ends the program.
 DWORD WINAPI HandleControl(DWORD control, DWORD eventType, void* eventData, void* context) noexcept {
     const Service& service = TheService();
     if (service.stopping || !Accepts(service.accepted, control)) {

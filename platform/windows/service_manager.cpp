@@ -10,12 +10,12 @@ namespace platform {
 
 namespace {
 
-/// The system enumerates into no more bytes than these.
+/// The system takes no larger buffer than this.
 constexpr std::size_t largestBuffer = 256 * 1024;
 
 SC_HANDLE HandleOf(ServiceHandle handle) { return reinterpret_cast<SC_HANDLE>(handle); }
 
-/// The handle that a call gave, or why it gave none.
+/// The handle that a call gave, or why it failed.
 Error Take(SC_HANDLE given, ServiceHandle& handle) {
     handle = reinterpret_cast<ServiceHandle>(given);
     return ResultOf(given != nullptr);
@@ -36,7 +36,7 @@ Error OpenSCManagerW(std::uint32_t rights, ServiceHandle& manager) {
     return Take(::OpenSCManagerW(nullptr, SERVICES_ACTIVE_DATABASEW, rights), manager);
 }
 
-/// The system would take what stands before the zero for the whole.
+/// The system would take the part before the zero for the whole.
 bool HoldsZero(std::u16string_view name) { return name.find(u'\0') != name.npos; }
 
 Error OpenServiceW(ServiceHandle manager, std::u16string_view name, std::uint32_t rights, ServiceHandle& service) {
@@ -45,7 +45,7 @@ Error OpenServiceW(ServiceHandle manager, std::u16string_view name, std::uint32_
     return Take(::OpenServiceW(HandleOf(manager), WideOf(name).c_str(), rights), service);
 }
 
-/// Texts one after the other, each with a zero behind it, and one more at the end.
+/// Texts one after the other, each followed by a zero, and one more zero at the end.
 std::wstring TextListOf(const std::vector<std::u16string>& texts) {
     std::wstring list;
     for (const std::u16string& text : texts) list += WideOf(text) + L'\0';

@@ -25,8 +25,8 @@ constexpr std::int64_t longestWait = std::int64_t{365} * 24 * 60 * 60 * microsec
 /// it.
 constexpr DWORD notInherited = 0x80;
 
-/// Whether a datagram that nobody took, or that did not get there, makes a later receive fail. Here it would look like
-/// the answer of the device that is being asked.
+/// Whether a datagram that was not delivered makes a later receive fail. Here that would look like the answer of the
+/// device that is being asked.
 constexpr DWORD reportUnreachablePort = _WSAIOW(IOC_VENDOR, 12);
 constexpr DWORD reportUnreachableNet = _WSAIOW(IOC_VENDOR, 15);
 
@@ -52,8 +52,7 @@ Error SocketResultOf(int result) {
     return result == SOCKET_ERROR ? SocketErrorOf(::WSAGetLastError()) : error::success;
 }
 
-// The system's handles are 32 bits wide and multiples of four. One more than that has a low byte that is none of 0, 99
-// and 255.
+// The system's handles are 32 bits wide and multiples of four. One more than that never has a low byte of 0, 99 or 255.
 bool HasHandle(SOCKET socket) { return socket % 4 == 0 && socket <= std::numeric_limits<SocketHandle>::max() - 1; }
 SocketHandle HandleOf(SOCKET socket) { return static_cast<SocketHandle>(socket) + 1; }
 SOCKET SocketOf(SocketHandle handle) { return handle % 4 == 1 ? SOCKET{handle} - 1 : INVALID_SOCKET; }
@@ -102,7 +101,7 @@ Error OwnHostName(std::string& name) {
     return result;
 }
 
-/// That the asking itself failed is no more use to whoever asked.
+/// To the caller it makes no difference when the question itself failed.
 Error LookupErrorOf(int code) {
     return code >= WSAHOST_NOT_FOUND && code <= WSANO_DATA ? error::hostNotFound : SocketErrorOf(code);
 }
@@ -233,7 +232,7 @@ Error StartLibrary(int majorVersion, int minorVersion) {
 }  // namespace
 
 SocketOperations WindowsSockets() {
-    // Where it fails, so does whatever needs it, and says so.
+    // When this fails, what needs it fails as well and says so.
     [[maybe_unused]] static const Error started = StartLibrary(2, 2);
     return {
         .WSAStartup = StartLibrary,

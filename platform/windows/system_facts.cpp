@@ -13,7 +13,7 @@ namespace {
 /// The first build that is called Windows 11. Its number is 10.0 still, and so is its ProductName.
 constexpr DWORD firstBuildOfWindows11 = 22000;
 
-/// The version that the system has, not the one up to which the program's manifest says that it knows them.
+/// The system's real version, not the newest one that the program's manifest names.
 Error TrueVersion(OSVERSIONINFOEXW& version) {
     using RtlGetVersionRoutine = LONG(WINAPI*)(OSVERSIONINFOEXW*);
     const HMODULE library = ::GetModuleHandleW(L"ntdll.dll");

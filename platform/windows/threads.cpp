@@ -12,7 +12,7 @@ namespace platform {
 namespace {
 
 /// A thread as its handle shows it: the system's handle, and the permit that SuspendThread waits for and ResumeThread
-/// gives. The system's own pair would not do: there, a resume that comes first is lost.
+/// gives. The system's own pair would lose a resume that comes first.
 struct ThreadRecord {
     ThreadStart start = nullptr;
     void* argument = nullptr;
@@ -42,7 +42,7 @@ unsigned __stdcall RunThread(void* itself) {
     return record.start(record.argument);
 }
 
-/// The record of a started thread is never released, as its handle is never closed.
+/// The record of a started thread is never freed, because its handle is never closed.
 ThreadHandle CreateThread(ThreadStart start, void* argument) {
     std::unique_ptr<ThreadRecord> record(new (std::nothrow) ThreadRecord{start, argument, {}, {}});
     if (!record) return 0;

@@ -43,18 +43,18 @@ SystemFactOperations WindowsSystemFacts();
 ThreadOperations WindowsThreads();
 WmiOperations WindowsWmi();
 
-/// The agent's wide text as the system's. Both are UTF-16, but of two types that may not stand for each other.
+/// The agent's wide text as the system's, and back. Both are UTF-16, but C++ has two types for it.
 inline std::wstring WideOf(std::u16string_view text) { return {text.begin(), text.end()}; }
 inline std::u16string TextOf(std::wstring_view wide) { return {wide.begin(), wide.end()}; }
 
-/// A path as the system takes it. A zero character, where it would end, becomes U+FFFD.
-std::wstring NativePathOf(std::u16string_view path);
+/// A path as the system takes it. A zero character, which would end it, becomes U+FFFD.
+[[nodiscard]] std::wstring NativePathOf(std::u16string_view path);
 
-/// The number of the last failed call of this thread; generalFailure where the call has left none. The system's numbers
-/// are the agent's.
-Error LastError();
+/// The number of this thread's last failed call; generalFailure when the call has not set one. The system's numbers are
+/// the agent's.
+[[nodiscard]] Error LastError();
 
 /// The result of a call that says whether it has succeeded.
-inline Error ResultOf(BOOL succeeded) { return succeeded ? error::success : LastError(); }
+[[nodiscard]] inline Error ResultOf(BOOL succeeded) { return succeeded ? error::success : LastError(); }
 
 }  // namespace platform

@@ -21,7 +21,7 @@ using Microsoft::WRL::ComPtr;
 
 constexpr std::chrono::seconds systemObjectLimit{120};
 
-/// How long a query waits for one of another thread to end. One that hangs must not hang the next.
+/// How long a query waits for another thread's to end. One that hangs must not hang the next.
 constexpr DWORD turnLimit = 60000;
 
 struct Enumerator {
@@ -29,12 +29,12 @@ struct Enumerator {
     std::chrono::milliseconds limit;
     std::vector<std::u16string> notices = {};
 };
-/// What a handle points to. None of the pointers is none.
+/// What a handle points to. The pointers are never null.
 using Thing = std::variant<ComPtr<IWbemLocator>, ComPtr<IWbemServices>, Enumerator, ComPtr<IWbemClassObject>>;
 
 WmiHandle HandleOf(Thing thing) { return reinterpret_cast<WmiHandle>(new Thing(std::move(thing))); }
 
-/// None when the handle is none, or leads to another kind of thing.
+/// Null for handle 0, or for a handle to another kind of thing.
 template <class Kind>
 Kind* ThingOf(WmiHandle handle) {
     return handle == 0 ? nullptr : std::get_if<Kind>(reinterpret_cast<Thing*>(handle));
@@ -42,8 +42,8 @@ Kind* ThingOf(WmiHandle handle) {
 
 WmiStatus StatusOf(HRESULT result) { return static_cast<WmiStatus>(result); }
 
-/// COM lets a process settle its security only once for as long as COM is up on any thread. So that each query can
-/// settle it anew, they take turns, and COM goes down in between.
+/// COM lets a process set its security only once while COM is up on any thread. So that each query can set it again,
+/// queries take turns, and COM goes down in between.
 HANDLE Turn() {
     static const HANDLE turn = ::CreateMutexW(nullptr, FALSE, nullptr);
     return turn;
@@ -56,7 +56,7 @@ WmiStatus CoInitializeEx() {
     return StatusOf(result);
 }
 
-/// A query that has not waited for its turn to come has none to give back, and ReleaseMutex then changes nothing.
+/// A query that gave up waiting for its turn has nothing to give back; ReleaseMutex then changes nothing.
 void CoUninitialize() {
     ::CoUninitialize();
     ::ReleaseMutex(Turn());

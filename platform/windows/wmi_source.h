@@ -17,12 +17,12 @@ struct WmiSource {
     /// Makes a locator, which the caller releases.
     std::function<HRESULT(IWbemLocator** locator)> createLocator;
 
-    /// How long the next object may keep a query waiting before the query is given up. A provider that hangs gives
-    /// none for ever, and the agent's timer would stand still with it.
+    /// How long the next object may keep a query waiting before the query is given up. A provider that hangs never
+    /// gives one, and the agent's timer would stand still with it.
     std::chrono::milliseconds objectLimit;
 };
 
-/// This computer's own, with a limit of 30 seconds.
+/// This computer's own, with a limit of 120 seconds.
 WmiSource SystemWmi();
 
 WmiOperations WmiFrom(const WmiSource& source);

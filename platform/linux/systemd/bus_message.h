@@ -26,18 +26,18 @@ using CText = std::unique_ptr<char, ReleasedBy<std::free>>;
 /// The object path of a unit.
 CText UnitPathOf(const std::string& unit);
 
-/// Begins a call of one of the manager's methods; it starts no manager where there is none.
-int MakeManagerCall(sd_bus* bus, const char* method, Message& call);
+/// Begins a call of one of the manager's methods. The call does not start a manager where there is none.
+[[nodiscard]] int MakeManagerCall(sd_bus* bus, const char* method, Message& call);
 
 /// Appends a list of texts.
-int AppendTexts(sd_bus_message* message, const std::vector<std::string>& texts);
+[[nodiscard]] int AppendTexts(sd_bus_message* message, const std::vector<std::string>& texts);
 
-/// Sends a call and waits for its answer, as long as the connection's calls wait, or so many times as long.
-int Send(sd_bus* bus, const Message& call, Message& answer, unsigned patience = 1);
+/// Sends a call and waits for its answer, patience times as long as the connection's other calls wait.
+[[nodiscard]] int Send(sd_bus* bus, const Message& call, Message& answer, unsigned patience = 1);
 
 /// Calls a method of the manager with lists of texts.
-int CallManager(sd_bus* bus, const char* method, std::initializer_list<const std::vector<std::string>*> arguments,
-                Message& answer);
+[[nodiscard]] int CallManager(sd_bus* bus, const char* method,
+                              std::initializer_list<const std::vector<std::string>*> arguments, Message& answer);
 
 /// Reads an array of structures: read takes the next one, and gives 0 at their end.
 template <class Read>

@@ -16,7 +16,7 @@ constexpr const char* loginName = "org.freedesktop.login1";
 constexpr const char* loginPath = "/org/freedesktop/login1";
 constexpr const char* loginInterface = "org.freedesktop.login1.Manager";
 
-/// Asks for a property whose basic type is known, and starts nobody for it. Texts live as long as the answer.
+/// Asks for a property of a known basic type, and starts no service for it. Texts live as long as the answer.
 int GetProperty(sd_bus* bus, const char* name, const char* path, const char* interface, const char* property,
                 const char* type, Message& answer, void* value) {
     sd_bus_message* made = nullptr;
@@ -69,7 +69,7 @@ bool GetAnswer(Open open, Ask ask, Clock::time_point end, bool& isGoingDown) {
 bool IsMachineGoingDown(std::chrono::milliseconds patience) {
     const Clock::time_point start = Clock::now();
     bool isGoingDown = false;
-    // Half of the time is for whoever is asked last.
+    // The last one asked has at least half of the time. No answer means that the machine is not known to go down.
     static_cast<void>(GetAnswer(OpenManagerBus, AskManager, start + patience / 2, isGoingDown) ||
                       GetAnswer(OpenSystemBus, AskLogin, start + patience, isGoingDown));
     return isGoingDown;

@@ -5,8 +5,8 @@
 
 namespace platform::systemd {
 
-/// Asks the service manager, and where it gives no answer in half of the patience, logind in what is left. False where
-/// nobody can tell.
-bool IsMachineGoingDown(std::chrono::milliseconds patience);
+/// Asks the service manager, and when that does not answer in half of the patience, logind in the rest of it. False
+/// when neither answers.
+[[nodiscard]] bool IsMachineGoingDown(std::chrono::milliseconds patience);
 
 }  // namespace platform::systemd

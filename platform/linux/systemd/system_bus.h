@@ -14,14 +14,14 @@ namespace platform::systemd {
 /// One connection; belongs to one thread at a time.
 using BusConnection = std::unique_ptr<sd_bus, ReleasedBy<sd_bus_close_unref>>;
 
-/// Connects to the bus of DBUS_SYSTEM_BUS_ADDRESS, or where that is not set, the usual one. Waits for the bus no longer
-/// than the patience, and lets no call on the connection wait longer for its answer, unless it has its own timeout.
-/// -ENOENT or -ECONNREFUSED where there is no bus, -ETIMEDOUT when it does not answer.
-int OpenSystemBus(std::chrono::milliseconds patience, BusConnection& bus);
+/// Connects to the bus of DBUS_SYSTEM_BUS_ADDRESS, or to the usual one when that is not set. Waits for the bus no
+/// longer than the patience; calls on the connection wait as long for their answers, unless they have their own
+/// timeout. -ENOENT or -ECONNREFUSED where there is no bus, -ETIMEDOUT when it does not answer.
+[[nodiscard]] int OpenSystemBus(std::chrono::milliseconds patience, BusConnection& bus);
 
-/// Connects to the service manager: the superuser directly, where the manager has its own socket and no other bus was
-/// named by DBUS_SYSTEM_BUS_ADDRESS, since that works without a bus and until the very end of the system; all others
-/// through the system's bus. As for OpenSystemBus otherwise.
-int OpenManagerBus(std::chrono::milliseconds patience, BusConnection& bus);
+/// Connects to the service manager. The superuser connects directly, where the manager has its own socket and
+/// DBUS_SYSTEM_BUS_ADDRESS does not name another bus, because that works without a bus and until the very end of the
+/// system. All others connect through the system's bus. Otherwise as OpenSystemBus.
+[[nodiscard]] int OpenManagerBus(std::chrono::milliseconds patience, BusConnection& bus);
 
 }  // namespace platform::systemd

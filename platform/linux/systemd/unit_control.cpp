@@ -14,10 +14,10 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-/// How much longer than others a call may take that is answered only when something is done.
+/// How many times as long as others a call may take whose answer comes when the work is done.
 constexpr unsigned workPatience = 5;
 
-/// How long a walk along dependencies may take in all; each unit on it costs a few calls.
+/// How long a walk along dependencies may take in all; each unit costs a few calls.
 constexpr std::chrono::seconds walkPatience{25};
 
 bool IsAtRest(std::string_view activeState) { return activeState == "inactive" || activeState == "failed"; }
@@ -42,14 +42,14 @@ int CallForUnit(sd_bus* bus, const char* method, const std::string& unit, const 
     return result < 0 ? result : Send(bus, call, answer, patience);
 }
 
-/// Calls a method that takes a list of unit files and then some truth values, none of which is true.
-int CallForFile(sd_bus* bus, const char* method, const std::string& unit, int truths) {
+/// Calls a method that takes a list of unit files and then some flags, none of which is set.
+int CallForFile(sd_bus* bus, const char* method, const std::string& unit, int flags) {
     Message call;
     Message answer;
     int result = MakeManagerCall(bus, method, call);
     if (result >= 0) result = AppendTexts(call.get(), {unit});
     constexpr int no = 0;
-    for (; truths > 0 && result >= 0; --truths) result = sd_bus_message_append_basic(call.get(), 'b', &no);
+    for (; flags > 0 && result >= 0; --flags) result = sd_bus_message_append_basic(call.get(), 'b', &no);
     return result < 0 ? result : Send(bus, call, answer);
 }
 

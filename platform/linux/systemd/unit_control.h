@@ -13,48 +13,50 @@
 
 namespace platform::systemd {
 
-/// The seam's number for a result: the manager's refusals as those of services, a manager that is away as
+/// The seam's number for a result: a refusal of the manager as one of a service, a manager that is away as
 /// rpcServerUnavailable, one that does not answer as serviceRequestTimeout. Success for results from 0 on.
-Error ErrorOfManager(int result);
+[[nodiscard]] Error ErrorOfManager(int result);
 
 /// What the manager knows of a unit; words are its own.
 struct UnitCondition {
-    std::string id;                 // its chief name, where the one that was asked for is an alias
+    std::string id;                 // its main name, where the one that was asked for is an alias
     std::string loadState;          // "loaded", "not-found", "masked", ...
     std::string activeState;        // "active", "activating", "deactivating", "inactive", "failed", ...
     std::string freezerState;       // "running", "freezing", "frozen", "thawing"; empty where systemd knows no freezing
     std::string pendingJob;         // "start", "stop", "restart", ...: what waits to be done; empty for nothing
-    std::string fragmentPath;       // its unit file; empty for none
+    std::string fragmentPath;       // its unit file; empty when it has none
     std::int32_t mainExitCode = 0;  // how its main process ended (CLD_EXITED, ...), 0 for not at all
     std::int32_t mainExitStatus = 0;  // its exit status, or the signal
 };
 
 /// Asks for one unit. One that does not exist is a success with loadState "not-found".
-int ReadCondition(sd_bus* bus, const std::string& unit, UnitCondition& condition);
+[[nodiscard]] int ReadCondition(sd_bus* bus, const std::string& unit, UnitCondition& condition);
 
 /// Whether there is such a unit: it has a file, or still runs without one.
-bool Exists(const UnitCondition& condition);
+[[nodiscard]] bool Exists(const UnitCondition& condition);
 
-/// Whether it neither runs nor is on its way to it or from it.
-bool IsAtRest(const UnitCondition& condition);
+/// Whether it does not run, and is neither starting nor stopping.
+[[nodiscard]] bool IsAtRest(const UnitCondition& condition);
 
-/// Ask the manager for a start or a stop, in place of what else is pending for the unit; neither waits for its end.
-int StartUnit(sd_bus* bus, const std::string& unit);
-int StopUnit(sd_bus* bus, const std::string& unit);
+/// Ask the manager for a start or a stop, in place of what else is pending for the unit. Neither waits until it is
+/// done.
+[[nodiscard]] int StartUnit(sd_bus* bus, const std::string& unit);
+[[nodiscard]] int StopUnit(sd_bus* bus, const std::string& unit);
 
-/// Hold all processes of a unit, and let them go on. Each waits until that is done, five times as long as other calls.
-int FreezeUnit(sd_bus* bus, const std::string& unit);
-int ThawUnit(sd_bus* bus, const std::string& unit);
+/// Hold all processes of a unit, and let them go on. Each waits until that is done, at most five times as long as other
+/// calls.
+[[nodiscard]] int FreezeUnit(sd_bus* bus, const std::string& unit);
+[[nodiscard]] int ThawUnit(sd_bus* bus, const std::string& unit);
 
 /// Services that are not at rest, or are to be started, and need the unit to run, directly or through units of any
-/// kind, each before those that it needs itself. Units that need each other come in some order.
-int ListActiveDependents(sd_bus* bus, const std::string& unit, std::vector<std::string>& dependents);
+/// kind, each before those that it needs itself. Units that need each other come in no certain order.
+[[nodiscard]] int ListActiveDependents(sd_bus* bus, const std::string& unit, std::vector<std::string>& dependents);
 
-/// Read all unit files anew, after one was written or deleted. Waits five times as long as other calls.
+/// Read all unit files again, after one was written or deleted. Waits five times as long as other calls.
 int ReloadManager(sd_bus* bus);
 
 /// Have a unit started with the system, or not any more.
-int EnableUnit(sd_bus* bus, const std::string& unit);
+[[nodiscard]] int EnableUnit(sd_bus* bus, const std::string& unit);
 int DisableUnit(sd_bus* bus, const std::string& unit);
 
 }  // namespace platform::systemd

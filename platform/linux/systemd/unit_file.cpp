@@ -9,7 +9,7 @@ namespace {
 
 bool IsControl(char character) { return static_cast<unsigned char>(character) < ' ' || character == '\x7f'; }
 
-/// A value up to the end of its line. What the manager would read as the end of the line, or as its continuation, goes.
+/// A value up to the end of its line. Replaces what the manager would read as the end of the line or a continuation.
 std::string LineOf(std::string_view text) {
     std::string line;
     for (const char character : text) {
@@ -68,7 +68,7 @@ std::string UnitFileText(const UnitDescription& unit) {
     // The colon keeps "$" as it is.
     text += fmt::format("ExecStart=:{}\n", Quoted(unit.program));
     for (const auto& [name, value] : unit.environment) text += "Environment=" + Quoted(name + "=" + value) + "\n";
-    // A slow start is not ended: it would be taken for a failure. A stop is told to the program alone; what it has
+    // A slow start is not ended, as that would count as a failure. Only the program is told to stop; what it has
     // started ends with it.
     text += "TimeoutStartSec=infinity\nKillMode=mixed\nTimeoutStopSec=30\n" + recovery.ofService;
     return text + "\n[Install]\nWantedBy=multi-user.target\n";

@@ -18,7 +18,7 @@ namespace {
 
 constexpr mode_t unitFileMode = 0644;
 
-/// A file under a name of its own that is gone at the end.
+/// A file with a temporary name, which is removed at the end.
 class NewFile {
   public:
     explicit NewFile(const std::string& directory)
@@ -63,15 +63,14 @@ Error WriteUnitFile(const std::string& directory, const std::string& unit, const
     return error::success;
 }
 
-/// A manager that did not answer is not waited for once more: what it was asked is still to be done, with the file
-/// gone.
+/// Does not wait again for a manager that did not answer: it will still do what it was asked, with the file gone.
 void TakeBack(sd_bus* bus, const std::string& path, const std::string& unit, int failure) {
     const int disabled = DisableUnit(bus, unit);
     unlink(path.c_str());
     if (!IsLost(failure) && !IsLost(disabled)) ReloadManager(bus);
 }
 
-/// Whether it was written here. Not a link to a file elsewhere, nor one that an administrator has made.
+/// Whether it was written here: not a link to a file elsewhere, and not a file of an administrator's.
 bool IsOwnFile(const std::string& path) {
     struct stat facts {};
     if (lstat(path.c_str(), &facts) != 0 || !S_ISREG(facts.st_mode)) return false;

@@ -26,8 +26,8 @@ bool HasServiceSuffix(std::string_view name) {
                       [](char own, char small) { return (IsUpper(own) ? own | caseBit : own) == small; });
 }
 
-/// Empty for a name in which nothing lies between letters or digits, or that is not all ASCII: with what is left of it
-/// another service could be meant.
+/// Empty for a name without anything between letters or digits, or with characters beyond ASCII: what is left of it
+/// could be the name of another service.
 std::string Hyphenated(std::string_view name) {
     if (std::any_of(name.begin(), name.end(), [](char character) { return (character & 0x80) != 0; })) return {};
     std::string unit;

@@ -12,10 +12,10 @@ namespace platform::systemd {
 
 namespace {
 
-/// What programs' names end in elsewhere.
+/// The end of a program's name elsewhere.
 constexpr std::string_view foreignSuffix = ".exe";
 
-/// Units, loaded ones first, and unit files, whose names differ from a unit's in the case of letters at most.
+/// Units, loaded ones first, and unit files whose names differ from a unit's at most in the case of letters.
 int ListInAnyCase(UnitManager& manager, std::string_view unit, std::vector<std::string>& names) {
     unit.remove_suffix(serviceSuffix.size());
     const std::vector<std::string> patterns{PatternOfName(unit)};

@@ -1,4 +1,4 @@
-// Services as they are named, found among units, and new ones described as units.
+// Finds the unit of a service's name, and describes a new service as a unit.
 #pragma once
 
 #include <string>
@@ -12,12 +12,13 @@
 
 namespace platform::systemd {
 
-/// The condition of the unit that a service's name stands for, and where there is none, of one whose name differs from
-/// that in the case of letters alone. invalidName, serviceDoesNotExist.
-Error FindUnit(UnitManager& manager, std::u16string_view serviceName, UnitCondition& condition);
+/// The condition of the unit that a service's name stands for. Where there is no such unit, of one whose name differs
+/// only in the case of letters. invalidName, serviceDoesNotExist.
+[[nodiscard]] Error FindUnit(UnitManager& manager, std::u16string_view serviceName, UnitCondition& condition);
 
 /// A new service as a unit. fileNotFound for a program that is not there or cannot be run; invalidParameter for one
-/// that does not stand in double quotes, and for a dependency that can be no service's name.
-Error DescribeService(UnitManager& manager, const ServiceDefinition& definition, UnitDescription& description);
+/// that is not in double quotes, and for a dependency that cannot be a service's name.
+[[nodiscard]] Error DescribeService(UnitManager& manager, const ServiceDefinition& definition,
+                                    UnitDescription& description);
 
 }  // namespace platform::systemd

@@ -11,7 +11,7 @@ namespace {
 
 using enum ServiceState;
 
-/// When to look again. Half a second costs little, and is soon enough for whoever waits.
+/// When to look again. Half a second costs little, and is soon enough for those who wait.
 constexpr std::uint32_t pendingWaitHint = 500;
 
 /// How long a change counts as making progress, and the time of one step of it.
@@ -22,7 +22,7 @@ bool IsOneOf(std::string_view word, std::initializer_list<std::string_view> word
     return std::find(words.begin(), words.end(), word) != words.end();
 }
 
-/// The freezer's words may have an end that tells through whom: "frozen-by-parent".
+/// The freezer's words may have an end that says by whom: "frozen-by-parent".
 ServiceState StateOfRunning(std::string_view freezer) {
     if (freezer.starts_with("frozen")) return paused;
     if (freezer.starts_with("freezing")) return pausePending;

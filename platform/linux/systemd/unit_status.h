@@ -8,17 +8,17 @@
 
 namespace platform::systemd {
 
-/// A state that a service is about to leave, as one observer has seen it last.
+/// A state that a service is about to leave, as one observer last saw it.
 struct SeenPending {
     ServiceState state = ServiceState::stopped;
     std::uint64_t since = 0;  // microseconds of the monotonic clock
 };
 
-/// The state; a job that waits to be done counts as begun.
+/// The state; a job that waits counts as begun.
 ServiceState StateOf(const UnitCondition& condition);
 
-/// The whole status. Systemd tells of no progress: a change counts as making some, ten steps a second, for the 30
-/// seconds after this observer has seen it first.
+/// The whole status. Systemd does not report progress: a change counts as making ten steps a second for the 30 seconds
+/// after this observer has first seen it.
 ServiceStatus StatusOf(const UnitCondition& condition, bool canPause, std::uint64_t now, SeenPending& seen);
 
 }  // namespace platform::systemd

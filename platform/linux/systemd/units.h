@@ -21,13 +21,13 @@ struct ServiceUnit {
     std::string loadState;
     std::string activeState;
     std::string subState;
-    std::string fileState;        // of its unit file; empty where it has none
+    std::string fileState;        // of its unit file; empty when it has no file
     std::string pendingJob = {};  // "start", "stop", ...: what waits to be done; empty for nothing
 };
 
 /// How a service's main process ended.
 struct ServiceEnding {
-    bool exited = false;       // false: by a signal, or there was none
+    bool exited = false;       // false: by a signal, or there was no such process
     std::uint32_t status = 0;  // exit status, or the signal
 };
 
@@ -44,27 +44,27 @@ struct UnitFile {
     std::string target;  // where it leads when it is a symbolic link
 };
 
-/// The units as one list: those that are loaded and really there, and for each unit file without one an inactive unit.
-/// Templates (their names end in "@") are no units, and an alias is another name of one that is there already; systemd
-/// before 246 gives an alias the state of that one.
+/// The units as one list: those that are loaded and really exist, and an inactive unit for each other unit file.
+/// Templates (their names end in "@") are not units, and an alias is another name of a unit that is listed already;
+/// systemd before 246 gives an alias the state of that unit.
 std::vector<ServiceUnit> WithUnitFiles(std::vector<ServiceUnit> loaded, const std::vector<UnitFile>& files);
 
-/// Whether a result says that no manager is there: no bus, or no one of that name on it.
-bool IsAbsent(int result);
+/// Whether a result says that there is no manager: no bus, or nobody of that name on it.
+[[nodiscard]] bool IsAbsent(int result);
 
-/// Whether a result says that the manager or the bus stopped answering, so that more questions make no sense.
-bool IsLost(int result);
+/// Whether a result says that the manager or the bus has stopped answering, so that it makes no sense to ask more.
+[[nodiscard]] bool IsLost(int result);
 
 /// Units of any kind by their whole names, loaded or not; one that does not exist has the load state "not-found". What
 /// cannot be a unit's name is left out.
-int ListByNames(sd_bus* bus, const std::vector<std::string>& names, std::vector<ServiceUnit>& units);
+[[nodiscard]] int ListByNames(sd_bus* bus, const std::vector<std::string>& names, std::vector<ServiceUnit>& units);
 
 /// The manager at the other end of a connection.
 class UnitManager {
   public:
     int Connect(std::chrono::milliseconds patience) { return OpenManagerBus(patience, bus_); }
 
-    /// The connection, or nullptr before the first one.
+    /// The connection; null before the first one.
     sd_bus* Bus() const { return bus_.get(); }
 
     /// Services that are loaded and match one of the patterns, as in a shell.
@@ -75,14 +75,14 @@ class UnitManager {
     int Describe(std::vector<ServiceUnit>& units);
 
     /// Properties of one service. One that is not loaded is loaded by the manager for the time being.
-    int MainProcess(const ServiceUnit& unit, std::uint32_t& processId);  // 0: none
+    int MainProcess(const ServiceUnit& unit, std::uint32_t& processId);  // 0: it has none
     int CanStop(const ServiceUnit& unit, bool& canStop);
     int LastStart(const ServiceUnit& unit, ServiceStart& start);
     int LastEnding(const ServiceUnit& unit, ServiceEnding& ending);
     int FileState(const ServiceUnit& unit, std::string& state);  // empty: it has no unit file
     int User(const ServiceUnit& unit, std::string& user);        // empty: the superuser
 
-    /// The first command that starts it, with a blank between the arguments; empty where there is none.
+    /// The first command that starts it, with a blank between the arguments; empty when there is none.
     int StartCommand(const ServiceUnit& unit, std::string& command);
 
   private:
