@@ -87,7 +87,7 @@ void StartNewLog(std::u16string_view target) {
     const std::lock_guard stream(logState.streamMutex);
     if (!MayChangeLog()) return;
     CloseStream();
-    Files().MoveFileExW(logState.gv_logPath, target, false);
+    Files().MoveFileExW(logState.gv_logPath, target, platform::MoveTarget::mustBeNew);
     OpenStream(logState.gv_logPath);
 }
 
@@ -104,7 +104,7 @@ void ShiftLogFiles() {
         if (number == 1)
             StartNewLog(target);
         else
-            Files().MoveFileExW(LogFileNameAt(path, number - 1), target, false);
+            Files().MoveFileExW(LogFileNameAt(path, number - 1), target, platform::MoveTarget::mustBeNew);
     }
 }
 

@@ -100,7 +100,8 @@ platform::Error WriteConverted(platform::FileHandle output, const std::u16string
     if (error == platform::error::diskFull && IsCut(record.handle, path)) error = platform::error::success;
     const platform::Error closed = record.Close();
     if (error == platform::error::success) error = closed;
-    if (error == platform::error::success) error = platform::Files().MoveFileExW(temporary, path + u".txt", true);
+    if (error == platform::error::success)
+        error = platform::Files().MoveFileExW(temporary, path + u".txt", platform::MoveTarget::isReplaced);
     if (error != platform::error::success) platform::Files().DeleteFileW(temporary);
     return error;
 }

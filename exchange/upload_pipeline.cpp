@@ -207,7 +207,8 @@ bool FinishZip(ZipInProgress& zip, const std::u16string& path) {
         zip.LogFailure("close", result);
         return false;
     }
-    const platform::Error error = platform::Files().MoveFileExW(zip.temporaryPath, path, false);
+    const platform::Error error =
+        platform::Files().MoveFileExW(zip.temporaryPath, path, platform::MoveTarget::mustBeNew);
     if (error == platform::error::success) {
         zip.temporaryPath.clear();
         return true;

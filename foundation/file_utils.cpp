@@ -179,7 +179,7 @@ Error ReadWholeFile(std::u16string_view path, std::string& content, std::uint64_
 Error WriteCompleteFile(std::u16string_view path, std::u16string_view temporaryPath, std::string_view bytes) {
     Log4("\t Inside WriteCompleteFile() \n");
     Error result = WriteAndFlush(temporaryPath, bytes);
-    if (result == error::success) result = Files().MoveFileExW(temporaryPath, path, true);
+    if (result == error::success) result = Files().MoveFileExW(temporaryPath, path, platform::MoveTarget::isReplaced);
     if (result != error::success) Files().DeleteFileW(temporaryPath);
     return result;
 }

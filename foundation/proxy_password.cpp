@@ -46,7 +46,8 @@ struct PassphraseKey {
 
 /// The default container of the default provider.
 bool AcquireContext(PassphraseKey& made) {
-    return platform::Crypto().CryptAcquireContextW(u"", false, made.context) == platform::error::success;
+    return platform::Crypto().CryptAcquireContextW(u"", platform::KeyContainer::existing, made.context) ==
+           platform::error::success;
 }
 
 /// Derives the key for a text of that length. False when the service refuses a step.
@@ -100,8 +101,8 @@ int EnsureCryptoKeys() {
     constexpr std::u16string_view provider = u"Microsoft Base Cryptographic Provider v1.0";
     const platform::CryptoOperations& crypto = platform::Crypto();
     platform::CryptoContext context = 0;
-    if (crypto.CryptAcquireContextW(provider, false, context) != platform::error::success &&
-        crypto.CryptAcquireContextW(provider, true, context) != platform::error::success)
+    if (crypto.CryptAcquireContextW(provider, platform::KeyContainer::existing, context) != platform::error::success &&
+        crypto.CryptAcquireContextW(provider, platform::KeyContainer::isNew, context) != platform::error::success)
         return 0;
     const bool ensured =
         EnsureKey(context, platform::KeyKind::signature) && EnsureKey(context, platform::KeyKind::keyExchange);

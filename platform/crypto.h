@@ -21,6 +21,7 @@ using CryptoContext = std::uintptr_t;
 using CryptoKey = std::uintptr_t;
 using CryptoHash = std::uintptr_t;
 
+enum class KeyContainer { existing, isNew };
 enum class KeyKind : std::uint32_t { keyExchange = 1, signature = 2 };
 
 /// ALG_ID numbers.
@@ -30,8 +31,9 @@ inline constexpr Error keyNotPresent = 0x8009000D;  // NTE_NO_KEY
 
 struct CryptoOperations {
     /// The default key container of an RSA provider, of the user whom the process runs as. An empty name is the
-    /// system's default provider. newKeySet makes the container.
-    std::function<Error(std::u16string_view provider, bool newKeySet, CryptoContext& context)> CryptAcquireContextW;
+    /// system's default provider. isNew makes the container.
+    std::function<Error(std::u16string_view provider, KeyContainer container, CryptoContext& context)>
+        CryptAcquireContextW;
     std::function<Error(CryptoContext context, KeyKind kind, CryptoKey& key)> CryptGetUserKey;
     std::function<Error(CryptoContext context, KeyKind kind, CryptoKey& key)> CryptGenKey;
     std::function<void(CryptoKey key)> CryptDestroyKey;

@@ -45,6 +45,9 @@ enum class FileDisposition {
     createNew,     // alreadyExists when anything is there; a link is not followed
 };
 
+/// What MoveFileExW does with a target that exists: alreadyExists, or replaces it, even a read-only one.
+enum class MoveTarget { mustBeNew, isReplaced };
+
 /// An open file, which CloseHandle closes, or 0.
 using FileHandle = std::uintptr_t;
 
@@ -125,9 +128,8 @@ struct FileOperations {
     /// on Linux it is as it was.
     std::function<Error(std::u16string_view from, std::u16string_view to)> CopyFileW;
 
-    /// Renames a file in one step. With replaceExisting a target that exists is replaced, even a read-only one; without
-    /// it, alreadyExists.
-    std::function<Error(std::u16string_view from, std::u16string_view to, bool replaceExisting)> MoveFileExW;
+    /// Renames a file in one step.
+    std::function<Error(std::u16string_view from, std::u16string_view to, MoveTarget target)> MoveFileExW;
 
     std::function<Error(std::u16string_view path)> DeleteFileW;
 

@@ -117,7 +117,7 @@ bool IsMissing(Error failure) { return failure == error::fileNotFound || failure
 void SetAside(const PlanFiles& files) {
     Log1("\t ReloadQueryConfDetails :: %s is refused; %s stays in use \n", newPlan, files.live);
     ClearDirectoryFromPath(refusedPlan);
-    if (const Error failure = Files().MoveFileExW(newPlan, refusedPlan, true))
+    if (const Error failure = Files().MoveFileExW(newPlan, refusedPlan, platform::MoveTarget::isReplaced))
         Log1("\t ReloadQueryConfDetails :: %s cannot be renamed to %s. Error is [%u] \n", newPlan, refusedPlan,
              failure);
 }
@@ -126,7 +126,7 @@ void SetAside(const PlanFiles& files) {
 void BackUp(const PlanFiles& files) {
     const std::u16string copy = files.backup + u".new";
     Error failure = Files().CopyFileW(files.live, copy);
-    if (failure == error::success) failure = Files().MoveFileExW(copy, files.backup, true);
+    if (failure == error::success) failure = Files().MoveFileExW(copy, files.backup, platform::MoveTarget::isReplaced);
     if (failure == error::success) return;
     Log1("\t ReloadQueryConfDetails :: %s cannot be copied to %s. Error is [%u] \n", files.live, files.backup, failure);
     Files().DeleteFileW(copy);
@@ -157,7 +157,7 @@ bool Install(const PlanFiles& files) {
     const bool hadPlan = MayExist(files.live);
     if (hadPlan) BackUp(files);
     Error failure = BringToDisk(newPlan);
-    if (failure == error::success) failure = Files().MoveFileExW(newPlan, files.live, true);
+    if (failure == error::success) failure = Files().MoveFileExW(newPlan, files.live, platform::MoveTarget::isReplaced);
     if (failure != error::success) {
         Log1("\t ReloadQueryConfDetails :: %s cannot be put in the place of %s, which stays. Error is [%u] \n", newPlan,
              files.live, failure);

@@ -81,7 +81,7 @@ void RestoreFromBackup(std::u16string_view agent, std::u16string_view fileName) 
     backup += conf_path::planName;
     const std::u16string restored = ConcatStrings(fileName, u".restored");
     Error result = Files().CopyFileW(backup, restored);
-    if (result == error::success) result = Files().MoveFileExW(restored, fileName, true);
+    if (result == error::success) result = Files().MoveFileExW(restored, fileName, platform::MoveTarget::isReplaced);
     if (result == error::success) return;
     Log1("\t LoadQueryConfig :: %s cannot be restored from %s. Error is [%u] \n", fileName, backup, result);
     Files().DeleteFileW(restored);

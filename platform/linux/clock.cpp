@@ -27,13 +27,13 @@ LocalTime ToLocalTime(std::int64_t millisecondsSince1970) {
     const std::time_t seconds = wholeSeconds.count();
     std::tm parts{};
     localtime_r(&seconds, &parts);
-    return {parts.tm_year + 1900,
-            parts.tm_mon + 1,
-            parts.tm_mday,
-            parts.tm_hour,
-            parts.tm_min,
-            parts.tm_sec,
-            static_cast<int>((moment - wholeSeconds).count())};
+    return {.year = parts.tm_year + 1900,
+            .month = parts.tm_mon + 1,
+            .day = parts.tm_mday,
+            .hour = parts.tm_hour,
+            .minute = parts.tm_min,
+            .second = parts.tm_sec,
+            .millisecond = static_cast<int>((moment - wholeSeconds).count())};
 }
 
 std::int64_t FromLocalTime(const LocalTime& time) {

@@ -8,7 +8,7 @@ namespace {
 constexpr CryptoContext theContext = 1;
 constexpr CryptoKey theKey = 1;
 
-Error CryptAcquireContextW(std::u16string_view, bool, CryptoContext& context) {
+Error CryptAcquireContextW(std::u16string_view, KeyContainer, CryptoContext& context) {
     context = theContext;
     return error::success;
 }

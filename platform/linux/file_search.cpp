@@ -31,7 +31,7 @@ Error ListMatches(const std::string& directory, const NamePattern& pattern, std:
     fs::directory_iterator entries(directory, failure);
     if (failure) return failure.value() == ENOENT ? error::pathNotFound : ErrorFromErrno(failure.value());
     for (const char16_t* itself : {u".", u".."}) {
-        if (pattern.Matches(itself)) found.push_back({itself, true});
+        if (pattern.Matches(itself)) found.push_back({.fileName = itself, .isDirectory = true});
     }
     const auto sortedFrom = static_cast<std::ptrdiff_t>(found.size());
     while (entries != fs::directory_iterator()) {
@@ -39,7 +39,7 @@ Error ListMatches(const std::string& directory, const NamePattern& pattern, std:
         if (pattern.Matches(name)) {
             std::error_code vanished;
             const bool isDirectory = entries->symlink_status(vanished).type() == fs::file_type::directory;
-            found.push_back({std::move(name), isDirectory});
+            found.push_back({.fileName = std::move(name), .isDirectory = isDirectory});
         }
         entries.increment(failure);
         if (failure) return ErrorFromErrno(failure.value());
@@ -52,7 +52,7 @@ Error ListMatches(const std::string& directory, const NamePattern& pattern, std:
 Error FindExactly(std::u16string_view path, std::u16string_view name, std::vector<FindData>& found) {
     struct stat status {};
     if (lstat(NativePathOf(path).c_str(), &status) != 0) return ErrorFromErrno(errno);
-    found.push_back({std::u16string(name), S_ISDIR(status.st_mode)});
+    found.push_back({.fileName = std::u16string(name), .isDirectory = S_ISDIR(status.st_mode)});
     return error::success;
 }
 

@@ -237,10 +237,11 @@ int RenameToNew(const std::string& from, const std::string& to) {
     return link(from.c_str(), to.c_str()) != 0 ? -1 : unlink(from.c_str());
 }
 
-Error MoveFileExW(std::u16string_view from, std::u16string_view to, bool replaceExisting) {
+Error MoveFileExW(std::u16string_view from, std::u16string_view to, MoveTarget existing) {
     const std::string source = NativePathOf(from);
     const std::string target = NewPathOf(to);
-    const int result = replaceExisting ? rename(source.c_str(), target.c_str()) : RenameToNew(source, target);
+    const bool isReplaced = existing == MoveTarget::isReplaced;
+    const int result = isReplaced ? rename(source.c_str(), target.c_str()) : RenameToNew(source, target);
     if (result == 0) return error::success;
     const Error failure = LastPathError(source);
     std::error_code ignored;

@@ -102,7 +102,7 @@ bool KeyExists(sqlite3* connection, std::int64_t row) {
 RegistryKey NewHandle(Store& store, std::int64_t row, RegistryAccess access) {
     auto slot = std::find_if(store.keys.begin(), store.keys.end(), [](const OpenKey& key) { return key.row == 0; });
     if (slot == store.keys.end()) slot = store.keys.insert(slot, OpenKey());
-    *slot = {row, store.database.generation, access, std::nullopt};
+    *slot = {.row = row, .generation = store.database.generation, .access = access, .seen = std::nullopt};
     return static_cast<RegistryKey>(slot - store.keys.begin()) + 1;
 }
 

@@ -35,9 +35,9 @@ struct Connection {
 struct OpenHandle {
     std::shared_ptr<Connection> connection;
     std::uint32_t rights = 0;
-    std::string unit;  // empty: the manager itself
-    SeenPending seen;
-    std::optional<UnitDescription> description;  // of one that this handle has made
+    std::string unit = {};  // empty: the manager itself
+    SeenPending seen = {};
+    std::optional<UnitDescription> description = {};  // of one that this handle has made
 };
 
 OpenHandle& OpenOf(ServiceHandle handle) { return *reinterpret_cast<OpenHandle*>(handle); }
@@ -66,11 +66,21 @@ Error Connect(Connection& connection) {
 
 bool IsHungUp(int result) { return result == -ECONNRESET || result == -ENOTCONN || result == -EPIPE; }
 
-/// Checks a handle and what it was opened for, and sees to its connection.
-Error Use(ServiceHandle handle, bool isService, std::uint32_t rights) {
-    if (handle == 0 || OpenOf(handle).unit.empty() == isService) return error::invalidHandle;
-    if ((OpenOf(handle).rights & rights) != rights) return error::accessDenied;
-    return Connect(*OpenOf(handle).connection);
+bool IsService(const OpenHandle& open) { return !open.unit.empty(); }
+
+/// Checks what a handle was opened for, and makes sure of its connection.
+Error CheckRights(const OpenHandle& open, std::uint32_t rights) {
+    return (open.rights & rights) != rights ? error::accessDenied : Connect(*open.connection);
+}
+
+Error UseManager(ServiceHandle handle, std::uint32_t rights = 0) {
+    if (handle == 0 || IsService(OpenOf(handle))) return error::invalidHandle;
+    return CheckRights(OpenOf(handle), rights);
+}
+
+Error UseService(ServiceHandle handle, std::uint32_t rights) {
+    if (handle == 0 || !IsService(OpenOf(handle))) return error::invalidHandle;
+    return CheckRights(OpenOf(handle), rights);
 }
 
 /// A process that waits for itself to go on would wait forever.
@@ -102,7 +112,8 @@ Error Look(OpenHandle& service, UnitCondition& condition, ServiceStatus& status)
 
 Error OpenSCManagerW(const ServiceManagerPlace& place, std::uint32_t rights, ServiceHandle& manager) {
     manager = 0;
-    OpenHandle open{std::make_shared<Connection>(Connection{place, {}}), rights, {}, {}, {}};
+    OpenHandle open{.connection = std::make_shared<Connection>(Connection{.place = place, .manager = {}}),
+                    .rights = rights};
     if (const Error failure = Connect(*open.connection); failure != 0) return failure;
     manager = NewHandle(std::move(open));
     return error::success;
@@ -110,11 +121,11 @@ Error OpenSCManagerW(const ServiceManagerPlace& place, std::uint32_t rights, Ser
 
 Error OpenServiceW(ServiceHandle manager, std::u16string_view name, std::uint32_t rights, ServiceHandle& service) {
     service = 0;
-    if (const Error failure = Use(manager, false, 0); failure != 0) return failure;
+    if (const Error failure = UseManager(manager); failure != 0) return failure;
     const auto& connection = OpenOf(manager).connection;
     UnitCondition condition;
     if (const Error failure = FindUnit(connection->manager, name, condition); failure != 0) return failure;
-    service = NewHandle({connection, rights, condition.id, {}, {}});
+    service = NewHandle({.connection = connection, .rights = rights, .unit = condition.id});
     return error::success;
 }
 
@@ -129,12 +140,15 @@ Error CheckIsNew(UnitManager& manager, std::u16string_view name) {
 
 Error CreateServiceW(ServiceHandle manager, const ServiceDefinition& definition, ServiceHandle& service) {
     service = 0;
-    if (const Error failure = Use(manager, false, manager_right::createService); failure != 0) return failure;
+    if (const Error failure = UseManager(manager, manager_right::createService); failure != 0) return failure;
     // A unit file cannot say so. It would have to be masked, and then there is no service.
     if (definition.start == ServiceStartType::disabled) return error::notSupported;
     const auto& connection = OpenOf(manager).connection;
     if (const Error failure = CheckIsNew(connection->manager, definition.name); failure != 0) return failure;
-    OpenHandle made{connection, service_right::all, UnitNameOf(Utf8FromWide(definition.name)), {}, UnitDescription()};
+    OpenHandle made{.connection = connection,
+                    .rights = service_right::all,
+                    .unit = UnitNameOf(Utf8FromWide(definition.name)),
+                    .description = UnitDescription()};
     Error failure = DescribeService(connection->manager, definition, *made.description);
     if (failure != 0) return failure;
     failure = InstallUnit(connection->Bus(), connection->place.unitDirectory, made.unit, *made.description,
@@ -144,7 +158,7 @@ Error CreateServiceW(ServiceHandle manager, const ServiceDefinition& definition,
 }
 
 Error ChangeServiceConfig2W(ServiceHandle service, const ServiceFailureActions& actions) {
-    if (const Error failure = Use(service, true, service_right::all); failure != 0) return failure;
+    if (const Error failure = UseService(service, service_right::all); failure != 0) return failure;
     OpenHandle& open = OpenOf(service);
     if (!open.description) return error::notSupported;
     open.description->failureActions = actions;
@@ -152,7 +166,7 @@ Error ChangeServiceConfig2W(ServiceHandle service, const ServiceFailureActions& 
 }
 
 Error DeleteService(ServiceHandle service) {
-    if (const Error failure = Use(service, true, service_right::all); failure != 0) return failure;
+    if (const Error failure = UseService(service, service_right::all); failure != 0) return failure;
     OpenHandle& open = OpenOf(service);
     UnitCondition condition;
     ServiceStatus status;
@@ -165,7 +179,7 @@ Error DeleteService(ServiceHandle service) {
 
 /// The unit itself is there, so what is missing or masked is a unit that it depends on.
 Error StartServiceW(ServiceHandle service) {
-    if (const Error failure = Use(service, true, service_right::start); failure != 0) return failure;
+    if (const Error failure = UseService(service, service_right::start); failure != 0) return failure;
     OpenHandle& open = OpenOf(service);
     UnitCondition condition;
     ServiceStatus status;
@@ -178,7 +192,7 @@ Error StartServiceW(ServiceHandle service) {
 }
 
 Error QueryServiceStatusEx(ServiceHandle service, ServiceStatus& status) {
-    if (const Error failure = Use(service, true, service_right::queryStatus); failure != 0) return failure;
+    if (const Error failure = UseService(service, service_right::queryStatus); failure != 0) return failure;
     UnitCondition condition;
     return Look(OpenOf(service), condition, status);
 }
@@ -193,10 +207,10 @@ Error Stop(sd_bus* bus, const UnitCondition& condition, ServiceState state) {
     return ErrorOfManager(listed < 0 ? listed : StopUnit(bus, condition.id));
 }
 
-Error SetPaused(sd_bus* bus, const UnitCondition& condition, ServiceState state, bool paused_) {
+Error SetPaused(sd_bus* bus, const UnitCondition& condition, ServiceState state, bool isToPause) {
     if (IsOwnUnit(condition.id)) return error::invalidServiceControl;
     if (state != running && state != paused) return error::serviceCannotAcceptControl;
-    return ErrorOfManager(paused_ ? FreezeUnit(bus, condition.id) : ThawUnit(bus, condition.id));
+    return ErrorOfManager(isToPause ? FreezeUnit(bus, condition.id) : ThawUnit(bus, condition.id));
 }
 
 std::uint32_t RightFor(std::uint32_t control) {
@@ -226,7 +240,7 @@ Error Tell(sd_bus* bus, const UnitCondition& condition, ServiceState state, std:
 }
 
 Error ControlService(ServiceHandle service, std::uint32_t control, ServiceStatus& status) {
-    if (const Error failure = Use(service, true, RightFor(control)); failure != 0) return failure;
+    if (const Error failure = UseService(service, RightFor(control)); failure != 0) return failure;
     OpenHandle& open = OpenOf(service);
     UnitCondition condition;
     if (const Error failure = Look(open, condition, status); failure != 0) return failure;
@@ -239,14 +253,14 @@ Error EnumDependentServicesW(ServiceHandle service, std::size_t bufferSize, std:
                              std::size_t& bytesNeeded) {
     services.clear();
     bytesNeeded = 0;
-    if (const Error failure = Use(service, true, service_right::enumerateDependents); failure != 0) return failure;
+    if (const Error failure = UseService(service, service_right::enumerateDependents); failure != 0) return failure;
     const OpenHandle& open = OpenOf(service);
     std::vector<std::string> units;
     const int listed = ListActiveDependents(open.connection->Bus(), open.unit, units);
     if (listed < 0) return ErrorOfManager(listed);
     std::vector<DependentService> found;
     for (const std::string& unit : units) {
-        OpenHandle dependent{open.connection, 0, unit, {}, {}};
+        OpenHandle dependent{.connection = open.connection, .unit = unit};
         ServiceStatus status;
         UnitCondition condition;
         const Error failure = Look(dependent, condition, status);
@@ -254,7 +268,7 @@ Error EnumDependentServicesW(ServiceHandle service, std::size_t bufferSize, std:
         if (status.dwCurrentState == stopped) continue;
         const std::u16string name = WideFromUtf8(unit.substr(0, unit.size() - serviceSuffix.size()));
         bytesNeeded += sizeof(DependentService) + (name.size() + 1) * sizeof(char16_t);
-        found.push_back({name, status});
+        found.push_back({.name = name, .status = status});
     }
     if (bytesNeeded > bufferSize) return error::moreData;
     services = std::move(found);

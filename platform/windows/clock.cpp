@@ -49,7 +49,13 @@ LocalTime ToLocalTime(std::int64_t millisecondsSince1970) {
     const SYSTEMTIME utc = PartsOf(millisecondsSince1970);
     SYSTEMTIME local;
     if (!::SystemTimeToTzSpecificLocalTime(nullptr, &utc, &local)) local = utc;
-    return {local.wYear, local.wMonth, local.wDay, local.wHour, local.wMinute, local.wSecond, local.wMilliseconds};
+    return {.year = local.wYear,
+            .month = local.wMonth,
+            .day = local.wDay,
+            .hour = local.wHour,
+            .minute = local.wMinute,
+            .second = local.wSecond,
+            .millisecond = local.wMilliseconds};
 }
 
 /// The moment at which a UTC clock would show the time. Parts beyond their range, as archives have them, carry over

@@ -15,12 +15,13 @@ static_assert(static_cast<DWORD>(KeyKind::signature) == AT_SIGNATURE);
 static_assert(static_cast<ALG_ID>(CryptoAlgorithm::md5) == CALG_MD5);
 static_assert(static_cast<ALG_ID>(CryptoAlgorithm::rc4) == CALG_RC4);
 
-Error CryptAcquireContextW(std::u16string_view provider, bool newKeySet, CryptoContext& context) {
+Error CryptAcquireContextW(std::u16string_view provider, KeyContainer container, CryptoContext& context) {
     context = 0;
     const std::wstring name = WideOf(provider);
     HCRYPTPROV acquired = 0;
-    const Error result = ResultOf(::CryptAcquireContextW(&acquired, nullptr, name.empty() ? nullptr : name.c_str(),
-                                                         PROV_RSA_FULL, newKeySet ? CRYPT_NEWKEYSET : 0));
+    const Error result =
+        ResultOf(::CryptAcquireContextW(&acquired, nullptr, name.empty() ? nullptr : name.c_str(), PROV_RSA_FULL,
+                                        container == KeyContainer::isNew ? CRYPT_NEWKEYSET : 0));
     if (result == error::success) context = acquired;
     return result;
 }

@@ -248,12 +248,13 @@ Error CopyFileW(std::u16string_view from, std::u16string_view to) {
     return result == error::success ? BringToDisk(target) : result;
 }
 
-Error MoveFileExW(std::u16string_view from, std::u16string_view to, bool replaceExisting) {
+Error MoveFileExW(std::u16string_view from, std::u16string_view to, MoveTarget existing) {
     const std::wstring source = NativePathOf(from);
     const std::wstring target = NativePathOf(to);
-    const DWORD flags = MOVEFILE_WRITE_THROUGH | (replaceExisting ? DWORD{MOVEFILE_REPLACE_EXISTING} : 0);
+    const bool isReplaced = existing == MoveTarget::isReplaced;
+    const DWORD flags = MOVEFILE_WRITE_THROUGH | (isReplaced ? DWORD{MOVEFILE_REPLACE_EXISTING} : 0);
     const auto move = [&] { return ::MoveFileExW(source.c_str(), target.c_str(), flags); };
-    return replaceExisting ? Replace(target, move) : PastOthers(move);
+    return isReplaced ? Replace(target, move) : PastOthers(move);
 }
 
 /// A link to a directory is a file to the agent and a directory to the system, which removes only the link.

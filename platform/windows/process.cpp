@@ -24,16 +24,19 @@ struct Child {
 
 Child& ChildOf(ProcessHandle process) { return *reinterpret_cast<Child*>(process); }
 
-/// Says whether the processes of a job end when its last handle is closed.
-bool EndWithJob(HANDLE job, bool end) {
+/// With endWithJob the processes of a job end when its last handle is closed, with keepRunning they go on.
+constexpr DWORD endWithJob = JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE;
+constexpr DWORD keepRunning = 0;
+
+bool SetJobLimit(HANDLE job, DWORD limit) {
     JOBOBJECT_EXTENDED_LIMIT_INFORMATION limits{};
-    if (end) limits.BasicLimitInformation.LimitFlags = JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE;
+    limits.BasicLimitInformation.LimitFlags = limit;
     return ::SetInformationJobObject(job, JobObjectExtendedLimitInformation, &limits, sizeof limits) != FALSE;
 }
 
 SystemHandle JobOf(HANDLE process) {
     SystemHandle job(::CreateJobObjectW(nullptr, nullptr));
-    if (!job || !EndWithJob(job.get(), true) || !::AssignProcessToJobObject(job.get(), process)) return {};
+    if (!job || !SetJobLimit(job.get(), endWithJob) || !::AssignProcessToJobObject(job.get(), process)) return {};
     return job;
 }
 
@@ -92,7 +95,7 @@ Error TerminateProcess(ProcessHandle process) {
 void CloseProcess(ProcessHandle process) {
     if (process == 0) return;
     const std::unique_ptr<Child> child(&ChildOf(process));
-    if (child->job) EndWithJob(child->job.get(), false);
+    if (child->job) SetJobLimit(child->job.get(), keepRunning);
 }
 
 }  // namespace

@@ -71,7 +71,7 @@ Error CreateServiceW(ServiceHandle manager, const ServiceDefinition& definition,
 Error ChangeServiceConfig2W(ServiceHandle service, const ServiceFailureActions& actions) {
     std::vector<SC_ACTION> steps;
     for (const RecoveryStep& step : actions.steps)
-        steps.push_back({static_cast<SC_ACTION_TYPE>(step.action), step.delayMilliseconds});
+        steps.push_back({.Type = static_cast<SC_ACTION_TYPE>(step.action), .Delay = step.delayMilliseconds});
     wchar_t nothing[] = L"";
     SERVICE_FAILURE_ACTIONSW recovery{.dwResetPeriod = actions.resetPeriodSeconds,
                                       .lpRebootMsg = nothing,
@@ -111,7 +111,7 @@ Error EnumDependentServicesW(ServiceHandle service, std::size_t bufferSize, std:
                                                            static_cast<DWORD>(bufferSize), &needed, &count));
     bytesNeeded = needed;
     for (DWORD at = 0; result == error::success && at < count; ++at)
-        services.push_back({TextOf(found[at].lpServiceName), StatusOf(found[at].ServiceStatus)});
+        services.push_back({.name = TextOf(found[at].lpServiceName), .status = StatusOf(found[at].ServiceStatus)});
     return result;
 }
 

@@ -160,7 +160,7 @@ TEST_F(LogFile, LosesNoLineWhileThreadsRotateAtFullSpeed) {
     std::string kept;  // taken apart only at the end: a log grows for as long as its rotation takes
     std::atomic<int> moved{0};
     platform::FileOperations files = platform::Files();
-    files.MoveFileExW = [&, real = files.MoveFileExW](auto from, auto to, bool replace) {
+    files.MoveFileExW = [&, real = files.MoveFileExW](auto from, auto to, platform::MoveTarget replace) {
         ++moved;
         return real(from, to, replace);
     };

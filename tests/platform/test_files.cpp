@@ -70,7 +70,7 @@ TEST_F(FilesTest, DirectoriesAndNames) {
     EXPECT_EQ(files.wmkdir(u"one\\"), directory_error::exists);
     Write("./a", "a");
     Write("./b", "b");
-    EXPECT_EQ(files.MoveFileExW(u"a", u"b", false), error::alreadyExists);
+    EXPECT_EQ(files.MoveFileExW(u"a", u"b", MoveTarget::mustBeNew), error::alreadyExists);
     EXPECT_EQ(files.DeleteFileW(u"one"), error::accessDenied);
     std::uint64_t available = 0;
     EXPECT_EQ(files.GetDiskFreeSpaceExW(u"one", available), error::success);
@@ -114,7 +114,7 @@ TEST_F(FilesTest, WhatIsReadOnlyIsReplacedAndDeletedAllTheSame) {
 
     EXPECT_EQ(Files().CopyFileW(u"locked", u"copied"), error::success);
     EXPECT_EQ(Files().CopyFileW(u"new", u"copied"), error::success);
-    EXPECT_EQ(Files().MoveFileExW(u"new", u"locked", true), error::success);
+    EXPECT_EQ(Files().MoveFileExW(u"new", u"locked", MoveTarget::isReplaced), error::success);
     EXPECT_EQ(Read("copied") + Read("locked"), "./new./new");
     EXPECT_EQ(Files().DeleteFileW(u"locked"), error::success);
     EXPECT_EQ(Found(u"*"), "./ ../ copied ");

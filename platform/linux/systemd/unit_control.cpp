@@ -124,7 +124,13 @@ int ReadCondition(sd_bus* bus, const std::string& unit, UnitCondition& condition
     std::vector<ServiceUnit> found;
     const int result = ListByNames(bus, {unit}, found);
     if (result < 0) return result;
-    if (found.empty()) found.push_back({unit, "", "not-found", "inactive", "dead", ""});
+    if (found.empty())
+        found.push_back({.id = unit,
+                         .description = "",
+                         .loadState = "not-found",
+                         .activeState = "inactive",
+                         .subState = "dead",
+                         .fileState = ""});
     condition = {};
     condition.id = found[0].id;
     condition.loadState = found[0].loadState;

@@ -23,7 +23,14 @@ int ReadUnits(sd_bus_message* message, std::vector<ServiceUnit>& units) {
         std::uint32_t job = 0;
         const int result = sd_bus_message_read(message, "(ssssssouso)", &id, &description, &load, &active, &sub,
                                                &followed, &path, &job, &jobType, &jobPath);
-        if (result > 0) units.push_back({id, description, load, active, sub, "", jobType});
+        if (result > 0)
+            units.push_back({.id = id,
+                             .description = description,
+                             .loadState = load,
+                             .activeState = active,
+                             .subState = sub,
+                             .fileState = "",
+                             .pendingJob = jobType});
         return result;
     });
 }
@@ -68,7 +75,12 @@ std::vector<ServiceUnit> WithUnitFiles(std::vector<ServiceUnit> loaded, const st
     }
     for (const auto& [id, file] : fileOf) {
         if (id.ends_with(templateSuffix) || IsAlias(*file)) continue;
-        loaded.push_back({file->id, "", "", "inactive", "dead", file->state});
+        loaded.push_back({.id = file->id,
+                          .description = "",
+                          .loadState = "",
+                          .activeState = "inactive",
+                          .subState = "dead",
+                          .fileState = file->state});
     }
     return loaded;
 }
@@ -108,7 +120,7 @@ int UnitManager::ListFiles(const std::vector<std::string>& patterns, std::vector
         if (read <= 0) return read;
         std::error_code isNoLink;
         const std::string target = std::filesystem::read_symlink(path, isNoLink).string();
-        files.push_back({std::string(FileNameOf(path)), state, target});
+        files.push_back({.id = std::string(FileNameOf(path)), .state = state, .target = target});
         return read;
     });
 }
@@ -148,7 +160,7 @@ int UnitManager::LastStart(const ServiceUnit& unit, ServiceStart& start) {
     int result = GetText(bus_.get(), unit.id, serviceInterface, "Type", type);
     if (result >= 0) result = GetPlain(bus_.get(), unit.id, unitInterface, "ConditionTimestamp", 't', triedAt);
     if (result >= 0) result = GetPlain(bus_.get(), unit.id, unitInterface, "ConditionResult", 'b', conditionsMet);
-    start = {type == "oneshot", triedAt != 0, conditionsMet != 0};
+    start = {.isOneShot = type == "oneshot", .wasTried = triedAt != 0, .conditionsMet = conditionsMet != 0};
     return result;
 }
 
@@ -157,7 +169,7 @@ int UnitManager::LastEnding(const ServiceUnit& unit, ServiceEnding& ending) {
     std::int32_t status = 0;
     int result = GetPlain(bus_.get(), unit.id, serviceInterface, "ExecMainCode", 'i', code);
     if (result >= 0) result = GetPlain(bus_.get(), unit.id, serviceInterface, "ExecMainStatus", 'i', status);
-    ending = {code == CLD_EXITED, static_cast<std::uint32_t>(status)};
+    ending = {.exited = code == CLD_EXITED, .status = static_cast<std::uint32_t>(status)};
     return result;
 }
 

@@ -22,10 +22,10 @@ TEST_F(FilesTest, WhatIsHiddenIsReplacedAndKeepsItsProtectionWhereItStays) {
     for (const DWORD protection : {DWORD{FILE_ATTRIBUTE_HIDDEN}, DWORD{FILE_ATTRIBUTE_SYSTEM}}) {
         for (const char* name : {"./new", "./copied", "./moved"}) Write(name, name);
         for (const wchar_t* name : {L"copied", L"moved"}) ::SetFileAttributesW(name, protection);
-        EXPECT_EQ(Files().MoveFileExW(u"none", u"moved", true), error::fileNotFound);
+        EXPECT_EQ(Files().MoveFileExW(u"none", u"moved", MoveTarget::isReplaced), error::fileNotFound);
         EXPECT_EQ(::GetFileAttributesW(L"moved") & protection, protection);
         EXPECT_EQ(Files().CopyFileW(u"new", u"copied"), error::success);
-        EXPECT_EQ(Files().MoveFileExW(u"new", u"moved", true), error::success);
+        EXPECT_EQ(Files().MoveFileExW(u"new", u"moved", MoveTarget::isReplaced), error::success);
         EXPECT_EQ(Read("copied") + Read("moved"), "./new./new");
     }
 }
@@ -35,7 +35,7 @@ TEST_F(FilesTest, AnOpenFileIsRenamedAndDeleted) {
     FileHandle file = 0;
     ASSERT_EQ(Files().CreateFileW(u"first", FileAccess::append, FileShare::none, FileDisposition::openExisting, file),
               error::success);
-    EXPECT_EQ(Files().MoveFileExW(u"first", u"second", false), error::success);
+    EXPECT_EQ(Files().MoveFileExW(u"first", u"second", MoveTarget::mustBeNew), error::success);
     EXPECT_EQ(Files().WriteFile(file, "2", 1), error::success);
     EXPECT_EQ(Files().DeleteFileW(u"second"), error::success);
     Files().CloseHandle(file);
@@ -51,7 +51,7 @@ TEST_F(FilesTest, AMomentaryLookOfAnotherProgramIsWaitedFor) {
             Clock().Sleep(50);
             ::CloseHandle(look);
         });
-        EXPECT_EQ(Files().MoveFileExW(u"new", u"target", true), error::success) << targetExists;
+        EXPECT_EQ(Files().MoveFileExW(u"new", u"target", MoveTarget::isReplaced), error::success) << targetExists;
         EXPECT_EQ(Read("target"), "new");
         EXPECT_EQ(Files().DeleteFileW(u"target"), error::success);
     }
