@@ -19,7 +19,7 @@ namespace platform {
 namespace {
 
 // A handle is four times the descriptor plus one, so that its low byte is never 0, 99 or 255.
-SocketHandle HandleOf(int descriptor) { return static_cast<SocketHandle>(descriptor) * 4 + 1; }
+SocketHandle SocketHandleOf(int descriptor) { return static_cast<SocketHandle>(descriptor) * 4 + 1; }
 int DescriptorOf(SocketHandle handle) { return handle % 4 == 1 ? static_cast<int>(handle / 4) : -1; }
 
 sockaddr_in SystemAddressOf(const SocketAddress& address) {
@@ -79,7 +79,7 @@ Error OpenDatagramSocket(SocketHandle& socket) {
     socket = 0;
     const int descriptor = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (descriptor < 0) return ErrorFromErrno(errno);
-    socket = HandleOf(descriptor);
+    socket = SocketHandleOf(descriptor);
     return error::success;
 }
 

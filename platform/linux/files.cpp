@@ -28,7 +28,7 @@ constexpr mode_t newFileMode = 0640;
 constexpr mode_t newDirectoryMode = 0750;
 
 /// Descriptor 0 is valid and handle 0 is not, so a handle is its descriptor plus one.
-FileHandle HandleOf(int descriptor) { return static_cast<FileHandle>(descriptor) + 1; }
+FileHandle FileHandleOf(int descriptor) { return static_cast<FileHandle>(descriptor) + 1; }
 int DescriptorOf(FileHandle file) { return static_cast<int>(file) - 1; }
 
 Error LastError() { return ErrorFromErrno(errno); }
@@ -87,7 +87,7 @@ Error CreateFileW(std::u16string_view path, FileAccess access, FileShare, FileDi
         if (fstat(opened.get(), &status) != 0) return LastError();
         if (S_ISDIR(status.st_mode)) return error::accessDenied;
     }
-    file = HandleOf(opened.Release());
+    file = FileHandleOf(opened.Release());
     return error::success;
 }
 
@@ -206,7 +206,7 @@ Error CopyContents(int from, int to) {
     struct stat status {};
     if (fstat(from, &status) != 0) return LastError();
     if (S_ISDIR(status.st_mode)) return error::accessDenied;
-    if (const Error failure = CopyBytes(HandleOf(from), HandleOf(to)); failure != 0) return failure;
+    if (const Error failure = CopyBytes(FileHandleOf(from), FileHandleOf(to)); failure != 0) return failure;
     const std::array<timespec, 2> times{timespec{0, UTIME_OMIT}, status.st_mtim};
     if (futimens(to, times.data()) != 0 || fchmod(to, status.st_mode & 07777) != 0) return LastError();
     return error::success;

@@ -53,7 +53,7 @@ struct Pipe {
 
 struct Child {
     pid_t id = 0;
-    Descriptor end;         // pidfd; closed where the kernel has none
+    Descriptor end;         // pidfd; -1 on kernels that have none
     Descriptor lifeline;    // while it is open, the child need not end
     bool isClosed = false;  // its handle; guarded by the lock of all children
 };

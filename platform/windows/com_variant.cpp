@@ -4,14 +4,14 @@
 
 namespace platform {
 
-SystemText SystemTextOf(std::u16string_view text) {
+OwnedBstr BstrOf(std::u16string_view text) {
     const std::wstring wide = WideOf(text);
-    SystemText owned(::SysAllocStringLen(wide.data(), static_cast<UINT>(wide.size())));
+    OwnedBstr owned(::SysAllocStringLen(wide.data(), static_cast<UINT>(wide.size())));
     if (!owned) throw std::bad_alloc();
     return owned;
 }
 
-std::u16string TextOfSystem(BSTR text) { return TextOf({text, ::SysStringLen(text)}); }
+std::u16string TextOfBstr(BSTR text) { return TextOf({text, ::SysStringLen(text)}); }
 
 Variant VariantOf(const VARIANT& value) {
     Variant copy;
@@ -36,7 +36,7 @@ Variant VariantOf(const VARIANT& value) {
             copy.real = value.dblVal;
             break;
         case VT_BSTR:
-            copy.text = TextOfSystem(value.bstrVal);
+            copy.text = TextOfBstr(value.bstrVal);
             break;
         default:
             break;

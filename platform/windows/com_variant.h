@@ -12,18 +12,18 @@
 
 namespace platform {
 
-struct SystemTextFree {
+struct BstrFree {
     void operator()(OLECHAR* text) const { ::SysFreeString(text); }
 };
 
 /// Owns a BSTR, or null.
-using SystemText = std::unique_ptr<OLECHAR, SystemTextFree>;
+using OwnedBstr = std::unique_ptr<OLECHAR, BstrFree>;
 
 /// A BSTR of all of the text, zero characters too. Throws std::bad_alloc.
-SystemText SystemTextOf(std::u16string_view text);
+OwnedBstr BstrOf(std::u16string_view text);
 
 /// The agent's copy of a BSTR; empty for null.
-std::u16string TextOfSystem(BSTR text);
+std::u16string TextOfBstr(BSTR text);
 
 /// A VARIANT that is cleared with its owner.
 struct OwnedVariant {

@@ -24,7 +24,7 @@ constexpr std::size_t largestTransfer = 1U << 30;  // bytes in one call
 constexpr int looksOfOthers = 10;
 constexpr DWORD lookOfAnother = 20;  // milliseconds
 
-HANDLE HandleOf(FileHandle file) { return reinterpret_cast<HANDLE>(file); }
+HANDLE SystemFileOf(FileHandle file) { return reinterpret_cast<HANDLE>(file); }
 
 DWORD AccessOf(FileAccess access) {
     switch (access) {
@@ -117,7 +117,7 @@ Error CreateFileW(std::u16string_view path, FileAccess access, FileShare share, 
 Error ReadFile(FileHandle file, void* buffer, std::size_t size, std::size_t& read) {
     DWORD count = 0;
     const auto wanted = static_cast<DWORD>(std::min(size, largestTransfer));
-    const Error result = ResultOf(::ReadFile(HandleOf(file), buffer, wanted, &count, nullptr));
+    const Error result = ResultOf(::ReadFile(SystemFileOf(file), buffer, wanted, &count, nullptr));
     read = count;
     return result;
 }
@@ -127,7 +127,7 @@ Error WriteFile(FileHandle file, const void* data, std::size_t size) {
     while (size > 0) {
         DWORD count = 0;
         const auto wanted = static_cast<DWORD>(std::min(size, largestTransfer));
-        if (!::WriteFile(HandleOf(file), bytes, wanted, &count, nullptr)) return LastError();
+        if (!::WriteFile(SystemFileOf(file), bytes, wanted, &count, nullptr)) return LastError();
         if (count == 0) return error::writeFault;
         bytes += count;
         size -= count;
@@ -153,7 +153,7 @@ Error MovePointer(FileHandle file, std::uint64_t distance, DWORD from, std::uint
     LARGE_INTEGER wanted;
     LARGE_INTEGER reached{};
     wanted.QuadPart = static_cast<LONGLONG>(distance);
-    const Error result = ResultOf(::SetFilePointerEx(HandleOf(file), wanted, &reached, from));
+    const Error result = ResultOf(::SetFilePointerEx(SystemFileOf(file), wanted, &reached, from));
     offset = static_cast<std::uint64_t>(reached.QuadPart);
     return result;
 }
@@ -167,7 +167,7 @@ Error GetFilePointer(FileHandle file, std::uint64_t& offset) { return MovePointe
 
 Error GetFileSizeEx(FileHandle file, std::uint64_t& size) {
     LARGE_INTEGER given{};
-    const Error result = ResultOf(::GetFileSizeEx(HandleOf(file), &given));
+    const Error result = ResultOf(::GetFileSizeEx(SystemFileOf(file), &given));
     size = static_cast<std::uint64_t>(given.QuadPart);
     return result;
 }
@@ -184,7 +184,7 @@ LARGE_INTEGER SystemTimeOf(std::uint64_t ticks) {
 
 Error GetFileInformationByHandle(FileHandle file, FileInformation& information) {
     BY_HANDLE_FILE_INFORMATION given{};
-    if (!::GetFileInformationByHandle(HandleOf(file), &given)) return LastError();
+    if (!::GetFileInformationByHandle(SystemFileOf(file), &given)) return LastError();
     information.attributes = given.dwFileAttributes;
     information.creationTime = TicksOf(given.ftCreationTime);
     information.lastAccessTime = TicksOf(given.ftLastAccessTime);
@@ -203,7 +203,7 @@ Error SetFileInformationByHandle(FileHandle file, const FileInformation& informa
     basic.LastWriteTime = SystemTimeOf(information.lastWriteTime);
     basic.FileAttributes = information.attributes & settable;
     if (basic.FileAttributes == 0) basic.FileAttributes = FILE_ATTRIBUTE_NORMAL;
-    return ResultOf(::SetFileInformationByHandle(HandleOf(file), FileBasicInfo, &basic, sizeof basic));
+    return ResultOf(::SetFileInformationByHandle(SystemFileOf(file), FileBasicInfo, &basic, sizeof basic));
 }
 
 Error GetFileAttributesW(std::u16string_view path, std::uint32_t& attributes) {
@@ -317,8 +317,8 @@ FileOperations WindowsFiles() {
         .GetFileInformationByHandle = GetFileInformationByHandle,
         .SetFileInformationByHandle = SetFileInformationByHandle,
         .GetFileAttributesW = Guarded(GetFileAttributesW),
-        .FlushFileBuffers = [](FileHandle file) { return ResultOf(::FlushFileBuffers(HandleOf(file))); },
-        .CloseHandle = [](FileHandle file) { return ResultOf(::CloseHandle(HandleOf(file))); },
+        .FlushFileBuffers = [](FileHandle file) { return ResultOf(::FlushFileBuffers(SystemFileOf(file))); },
+        .CloseHandle = [](FileHandle file) { return ResultOf(::CloseHandle(SystemFileOf(file))); },
         .CopyFileW = Guarded(CopyFileW),
         .MoveFileExW = Guarded(MoveFileExW),
         .DeleteFileW = Guarded(DeleteFileW),

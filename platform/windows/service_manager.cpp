@@ -13,7 +13,7 @@ namespace {
 /// The system takes no larger buffer than this.
 constexpr std::size_t largestBuffer = 256 * 1024;
 
-SC_HANDLE HandleOf(ServiceHandle handle) { return reinterpret_cast<SC_HANDLE>(handle); }
+SC_HANDLE SystemServiceOf(ServiceHandle handle) { return reinterpret_cast<SC_HANDLE>(handle); }
 
 /// The handle that a call gave, or why it failed.
 Error Take(SC_HANDLE given, ServiceHandle& handle) {
@@ -42,7 +42,7 @@ bool HoldsZero(std::u16string_view name) { return name.find(u'\0') != name.npos;
 Error OpenServiceW(ServiceHandle manager, std::u16string_view name, std::uint32_t rights, ServiceHandle& service) {
     service = 0;
     if (HoldsZero(name)) return error::invalidName;
-    return Take(::OpenServiceW(HandleOf(manager), WideOf(name).c_str(), rights), service);
+    return Take(::OpenServiceW(SystemServiceOf(manager), WideOf(name).c_str(), rights), service);
 }
 
 /// Texts one after the other, each followed by a zero, and one more zero at the end.
@@ -60,12 +60,12 @@ Error CreateServiceW(ServiceHandle manager, const ServiceDefinition& definition,
     if (HoldsZero(definition.name)) return error::invalidName;
     const auto& dependencies = definition.dependencies;
     if (!std::all_of(dependencies.begin(), dependencies.end(), IsListable)) return error::invalidParameter;
-    return Take(
-        ::CreateServiceW(HandleOf(manager), WideOf(definition.name).c_str(), WideOf(definition.displayName).c_str(),
-                         SERVICE_ALL_ACCESS, definition.type, static_cast<DWORD>(definition.start),
-                         static_cast<DWORD>(definition.errorControl), WideOf(definition.binaryPath).c_str(), nullptr,
-                         nullptr, TextListOf(dependencies).c_str(), nullptr, nullptr),
-        service);
+    return Take(::CreateServiceW(SystemServiceOf(manager), WideOf(definition.name).c_str(),
+                                 WideOf(definition.displayName).c_str(), SERVICE_ALL_ACCESS, definition.type,
+                                 static_cast<DWORD>(definition.start), static_cast<DWORD>(definition.errorControl),
+                                 WideOf(definition.binaryPath).c_str(), nullptr, nullptr,
+                                 TextListOf(dependencies).c_str(), nullptr, nullptr),
+                service);
 }
 
 Error ChangeServiceConfig2W(ServiceHandle service, const ServiceFailureActions& actions) {
@@ -78,12 +78,12 @@ Error ChangeServiceConfig2W(ServiceHandle service, const ServiceFailureActions& 
                                       .lpCommand = nullptr,
                                       .cActions = static_cast<DWORD>(steps.size()),
                                       .lpsaActions = steps.data()};
-    return ResultOf(::ChangeServiceConfig2W(HandleOf(service), SERVICE_CONFIG_FAILURE_ACTIONS, &recovery));
+    return ResultOf(::ChangeServiceConfig2W(SystemServiceOf(service), SERVICE_CONFIG_FAILURE_ACTIONS, &recovery));
 }
 
 Error ControlService(ServiceHandle service, std::uint32_t control, ServiceStatus& status) {
     SERVICE_STATUS given{};
-    const Error result = ResultOf(::ControlService(HandleOf(service), control, &given));
+    const Error result = ResultOf(::ControlService(SystemServiceOf(service), control, &given));
     // After a refusal there may be anything in the record.
     if (result == error::success) status = StatusOf(given);
     return result;
@@ -92,7 +92,7 @@ Error ControlService(ServiceHandle service, std::uint32_t control, ServiceStatus
 Error QueryServiceStatusEx(ServiceHandle service, ServiceStatus& status) {
     SERVICE_STATUS_PROCESS given{};
     DWORD needed = 0;
-    const Error result = ResultOf(::QueryServiceStatusEx(HandleOf(service), SC_STATUS_PROCESS_INFO,
+    const Error result = ResultOf(::QueryServiceStatusEx(SystemServiceOf(service), SC_STATUS_PROCESS_INFO,
                                                          reinterpret_cast<BYTE*>(&given), sizeof given, &needed));
     if (result == error::success) status = StatusOf(given);
     return result;
@@ -107,7 +107,7 @@ Error EnumDependentServicesW(ServiceHandle service, std::size_t bufferSize, std:
     auto* const found = reinterpret_cast<ENUM_SERVICE_STATUSW*>(buffer.get());
     DWORD needed = 0;
     DWORD count = 0;
-    const Error result = ResultOf(::EnumDependentServicesW(HandleOf(service), SERVICE_ACTIVE, found,
+    const Error result = ResultOf(::EnumDependentServicesW(SystemServiceOf(service), SERVICE_ACTIVE, found,
                                                            static_cast<DWORD>(bufferSize), &needed, &count));
     bytesNeeded = needed;
     for (DWORD at = 0; result == error::success && at < count; ++at)
@@ -123,12 +123,13 @@ ServiceManagerOperations WindowsServiceManager() {
         .OpenServiceW = Guarded(OpenServiceW),
         .CreateServiceW = Guarded(CreateServiceW),
         .ChangeServiceConfig2W = Guarded(ChangeServiceConfig2W),
-        .DeleteService = [](ServiceHandle service) { return ResultOf(::DeleteService(HandleOf(service))); },
-        .StartServiceW = [](ServiceHandle service) { return ResultOf(::StartServiceW(HandleOf(service), 0, nullptr)); },
+        .DeleteService = [](ServiceHandle service) { return ResultOf(::DeleteService(SystemServiceOf(service))); },
+        .StartServiceW =
+            [](ServiceHandle service) { return ResultOf(::StartServiceW(SystemServiceOf(service), 0, nullptr)); },
         .ControlService = ControlService,
         .QueryServiceStatusEx = QueryServiceStatusEx,
         .EnumDependentServicesW = Guarded(EnumDependentServicesW),
-        .CloseServiceHandle = [](ServiceHandle handle) { ::CloseServiceHandle(HandleOf(handle)); },
+        .CloseServiceHandle = [](ServiceHandle handle) { ::CloseServiceHandle(SystemServiceOf(handle)); },
     };
 }
 

@@ -54,7 +54,7 @@ Error SocketResultOf(int result) {
 
 // The system's handles are 32 bits wide and multiples of four. One more than that never has a low byte of 0, 99 or 255.
 bool HasHandle(SOCKET socket) { return socket % 4 == 0 && socket <= std::numeric_limits<SocketHandle>::max() - 1; }
-SocketHandle HandleOf(SOCKET socket) { return static_cast<SocketHandle>(socket) + 1; }
+SocketHandle SocketHandleOf(SOCKET socket) { return static_cast<SocketHandle>(socket) + 1; }
 SOCKET SocketOf(SocketHandle handle) { return handle % 4 == 1 ? SOCKET{handle} - 1 : INVALID_SOCKET; }
 
 int CloseSystemSocket(SOCKET socket) { return ::closesocket(socket); }
@@ -175,7 +175,7 @@ Error OpenDatagramSocket(SocketHandle& handle) {
     u_long neverWaits = 1;
     if (const Error failure = SocketResultOf(::ioctlsocket(socket.get(), static_cast<long>(FIONBIO), &neverWaits)))
         return failure;
-    handle = HandleOf(socket.Release());
+    handle = SocketHandleOf(socket.Release());
     return error::success;
 }
 

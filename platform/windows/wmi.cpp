@@ -32,7 +32,7 @@ struct Enumerator {
 /// What a handle points to. The pointers are never null.
 using Thing = std::variant<ComPtr<IWbemLocator>, ComPtr<IWbemServices>, Enumerator, ComPtr<IWbemClassObject>>;
 
-WmiHandle HandleOf(Thing thing) { return reinterpret_cast<WmiHandle>(new Thing(std::move(thing))); }
+WmiHandle WmiHandleOf(Thing thing) { return reinterpret_cast<WmiHandle>(new Thing(std::move(thing))); }
 
 /// Null for handle 0, or for a handle to another kind of thing.
 template <class Kind>
@@ -78,19 +78,19 @@ HRESULT CreateSystemLocator(IWbemLocator** locator) {
 WmiStatus CreateLocator(const WmiSource& source, WmiHandle& locator) {
     ComPtr<IWbemLocator> made;
     const HRESULT result = source.createLocator(made.GetAddressOf());
-    if (made) locator = HandleOf(std::move(made));
+    if (made) locator = WmiHandleOf(std::move(made));
     return StatusOf(result);
 }
 
 WmiStatus ConnectServer(WmiHandle handle, std::u16string_view nameSpace, WmiHandle& services) {
     const auto* locator = ThingOf<ComPtr<IWbemLocator>>(handle);
     if (locator == nullptr) return wmi_status::invalidParameter;
-    const SystemText name = SystemTextOf(nameSpace);
+    const OwnedBstr name = BstrOf(nameSpace);
     ComPtr<IWbemServices> connected;
     const HRESULT result =
         (*locator)->ConnectServer(name.get(), nullptr, nullptr, nullptr, WBEM_FLAG_CONNECT_USE_MAX_WAIT, nullptr,
                                   nullptr, connected.GetAddressOf());
-    if (connected) services = HandleOf(std::move(connected));
+    if (connected) services = WmiHandleOf(std::move(connected));
     return StatusOf(result);
 }
 
@@ -105,13 +105,13 @@ WmiStatus ExecQuery(std::chrono::milliseconds limit, WmiHandle handle, std::u16s
                     WmiHandle& enumerator) {
     const auto* services = ThingOf<ComPtr<IWbemServices>>(handle);
     if (services == nullptr) return wmi_status::invalidParameter;
-    const SystemText language = SystemTextOf(u"WQL");
-    const SystemText text = SystemTextOf(query);
+    const OwnedBstr language = BstrOf(u"WQL");
+    const OwnedBstr text = BstrOf(query);
     ComPtr<IEnumWbemClassObject> objects;
     const HRESULT result =
         (*services)->ExecQuery(language.get(), text.get(), WBEM_FLAG_FORWARD_ONLY | WBEM_FLAG_RETURN_IMMEDIATELY,
                                nullptr, objects.GetAddressOf());
-    if (objects) enumerator = HandleOf(Enumerator{std::move(objects), limit});
+    if (objects) enumerator = WmiHandleOf(Enumerator{std::move(objects), limit});
     return StatusOf(result);
 }
 
@@ -131,7 +131,7 @@ WmiStatus Next(WmiHandle handle, WmiHandle& object, std::uint32_t& count) {
         enumerator->objects->Next(static_cast<LONG>(enumerator->limit.count()), 1, next.GetAddressOf(), &returned);
     if (result == WBEM_S_TIMEDOUT) return GiveUp(*enumerator);
     if (next) {
-        object = HandleOf(std::move(next));
+        object = WmiHandleOf(std::move(next));
         count = returned;
     }
     return StatusOf(result);
@@ -149,9 +149,9 @@ WmiStatus NextProperty(WmiHandle handle, std::u16string& name, Variant& value) {
     BSTR systemName = nullptr;
     OwnedVariant systemValue;
     const HRESULT result = (*object)->Next(0, &systemName, &systemValue.value, nullptr, nullptr);
-    const SystemText owned(systemName);
+    const OwnedBstr owned(systemName);
     if (result == WBEM_S_NO_ERROR) {
-        name = TextOfSystem(systemName);
+        name = TextOfBstr(systemName);
         value = VariantOf(systemValue.value);
     }
     return StatusOf(result);

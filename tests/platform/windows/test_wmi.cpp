@@ -179,7 +179,7 @@ TEST_F(WindowsWmiTest, AThreadThatUsesComOtherwiseIsRefused) {
 }
 
 TEST_F(WindowsWmiTest, EveryValueIsCopiedAndClearedByItsType) {
-    const SystemText text(::SysAllocString(L"x"));
+    const OwnedBstr text(::SysAllocString(L"x"));
     const auto unknown = reinterpret_cast<IUnknown*>(&object);
     EXPECT_EQ(Ask({"next2",
                    "",
