@@ -1,4 +1,5 @@
-// The collector of script records: what a script prints becomes its record file, as it is.
+// The collector of script records: what a script prints becomes its record file, converted to UTF-16LE and otherwise as
+// it is, up to a bound (collection/script_output.h).
 #pragma once
 
 #include <string_view>

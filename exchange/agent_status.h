@@ -3,8 +3,9 @@
 
 namespace kv {
 
-/// Tells the server that this agent or its computer goes down, as gv_agentStatus says. The outcome is logged, and a
-/// failed report is not repeated. Takes as long as the server's addresses take to answer.
+/// Tells the server that this agent or its computer goes down, as gv_agentStatus says. The outcome is logged.
+/// It is one request, tried again as http/http_transaction.h says; one that failed is not made again. Takes as long as
+/// the server's addresses take to answer.
 void SendAgentStatus();
 
 }  // namespace kv

@@ -1,4 +1,4 @@
-// Parsing the small texts in which the kernel tells of itself.
+// Takes apart the small texts in which the kernel tells of itself, and brings the routine that reads them.
 #pragma once
 
 #include <cstdint>

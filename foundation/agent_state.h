@@ -75,8 +75,9 @@ struct AgentState {
     std::atomic<bool> gv_isMainThreadStarted{false};
 
     // What changes while the agent runs.
+    // An accepted upload sets the time of the first failed one back to 0 only if collection was stopped.
     std::atomic<std::int32_t> gv_collectData{1};        // 1 while collection runs
-    std::atomic<std::int64_t> gv_CSContactLostTime{0};  // first failed upload of an outage, seconds since 1970; else 0
+    std::atomic<std::int64_t> gv_CSContactLostTime{0};  // first failed upload, seconds since 1970; else 0
     /// Zips in the queue that were not accepted, and whether another one was accepted since, or before them in the same
     /// pass; of the upload thread alone.
     std::map<std::u16string, bool> gv_failedZips;

@@ -5,17 +5,18 @@
 // proxy refused the credentials; 12002, 12007, 12029 (time-out, name not resolved, cannot connect) the transport
 // failures; else the system's error for the step that failed.
 //
-// Trying again has four levels, each within the one above.
+// Trying again has four levels, each within the one above. A refusing status (result 13) is final on all but the first:
+// the zip goes again in the next pass. The library follows redirects besides, up to ten (platform/http.h).
 //
-//   level   | what is tried again        | after which failure               | how often      | pause
+//   level   | what is tried again        | after which failure               | sendings       | pause
 //   --------+----------------------------+-----------------------------------+----------------+-----------------
 //   pass    | a zip that still waits     | any                               | in every pass  | gv_writeInterval
-//   address | a request, at the next     | transport; any between the first  | five addresses | none
-//           | address of the state       | and the second IP address         |                |
-//   restart | an attempt, on a new       | 12015; 12017 of the sending       | once           | none
+//   address | a request, at the next     | transport; any, from the first IP | five addresses | none
+//           | address                    | address to the second             |                |
+//   restart | an attempt, on a new       | 12015; 12017 of the sending       | two            | none
 //           | request, its rounds from 0 |                                   |                |
 //   round   | a sending, on the same     | 12032 of the receiving            | maxRounds      | resendPause
-//           | request                    | 12015 of it, the restart used     |                | none
+//           | request                    | 12015 of it, after a restart      |                | none
 //
 // A pass is exchange/upload_pipeline.h; only uploads have this level. Addresses are AgentSendRequest's; restart and
 // rounds are SendAndReceive's (http/http_attempt.h); a GET restarts on a new session and connection, too.
@@ -51,8 +52,9 @@ struct RequestData {
     std::optional<std::u16string_view> destinationFile = {};  // GET: the file to store the body in; null for memory
 };
 
-/// Sends a request to the addresses of the agent state, in their order, until one gives a result that is final; an
-/// address of one or two characters is passed over. An address of the configuration that answers 200 becomes
+/// Sends a request to gv_LastAccessName, gv_ServerIPAddress, gv_ServerSecIPAddress, gv_ServerName and
+/// gv_ServerFlatName, in this order, until one gives a result that is final; an address of one or two characters is
+/// passed over. Some of the five may be the same. An address of the configuration that answers 200 becomes
 /// gv_LastAccessName, which is tried first. serverName and serverPort are ignored: callers pass what the state has.
 ///
 /// Backslashes of the url become slashes, in the caller's text. response may be null, and a body is thrown away then;

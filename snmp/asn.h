@@ -4,16 +4,16 @@
 //
 // All routines but AsnParseLength and AsnSkipHeader have one shape. A parser takes the read position and the count of
 // bytes left, and gives the position after the item, or null. A builder takes the write position and the count of bytes
-// left, and gives the position after what it wrote, or null. The count shrinks by what was consumed; only
-// AsnParseHeader replaces it, by the length of the content. A failure is final: nothing is repaired, the tag may be
-// set, some bytes may be written, and the count stays as it is at that moment.
+// left, and gives the position after what it wrote, or null. The count shrinks by what was consumed; AsnParseHeader
+// replaces it by the length of the content, and AsnParseObjectId takes the whole item off it. A failure is final:
+// nothing is repaired, the tag may be set, some bytes may be written, and the count stays as it is at that moment.
 //
-// Most failures leave an engine line at level 1, those of AsnBuildInteger at level 3. A wrong tag leaves none, nor does
-// a lack of room, except for that of a length.
+// Most failures leave an engine line at level 1 (snmp/toolkit_log.h), those of AsnBuildInteger at level 3. A wrong tag
+// leaves none, nor does a lack of room, except for a length or an integer.
 //
 // A few parsers look at the bytes of a length, or at one byte of content, before they know that these are there. So a
-// buffer that is parsed has asnReadAhead readable bytes behind its end; what they hold decides nothing but the value of
-// an integer without content.
+// buffer that is parsed has asnReadAhead readable bytes behind its end; they decide only the value of an integer
+// without content, and the last bytes of a value in a PDU that claims more than its datagram has.
 #pragma once
 
 #include <cstddef>
@@ -51,7 +51,8 @@ inline constexpr std::uint8_t endOfMibView = 0x82;
 
 // Lengths and headers.
 
-/// Reads a length in the short form, or in one to four length bytes. Null for the indefinite form and for more bytes.
+/// Reads a length in the short form, or in one to four length bytes, leading zeros included. Null for the indefinite
+/// form and for more bytes.
 [[nodiscard]] const std::uint8_t* AsnParseLength(const std::uint8_t* position, std::uint32_t* length);
 
 /// Writes a length in one, two or three bytes, as few as it takes; a length above 65,535 loses its high bits.

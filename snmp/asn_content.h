@@ -1,4 +1,4 @@
-// Shared by the value parsers: the way from an item's tag to its content.
+// Shared by the sources of the codec: the way from an item's tag to its content, and the line of a failure.
 #pragma once
 
 #include <cstddef>

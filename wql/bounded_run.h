@@ -2,7 +2,7 @@
 //
 // A read from the system may never return: a file of a process that hangs, a device that has died. Such a thread cannot
 // be ended; it is left alone, keeps what it refers to, and ends when the system lets it. While it is stuck, no other is
-// started under the same name, so a class has at most two such threads.
+// started under the same name, which is that of the class in the query.
 #pragma once
 
 #include <chrono>

@@ -26,8 +26,8 @@ std::u16string_view StartModeOf(const platform::systemd::ServiceUnit& unit,
 std::uint32_t ExitCodeOf(const platform::systemd::ServiceEnding& ending);
 
 /// Gathers the services. The manager must answer each question within the patience; without a manager there are no
-/// services. What it refuses to tell is left out with a notice; if it stops answering, the query fails, after the rows
-/// so far.
+/// services. A list that it refuses is left out with a notice, and what it refuses to tell of one service reads as 0
+/// or false; if it stops answering, the query fails, after the rows so far.
 WmiStatus GatherServices(const Gathering& gathering, std::chrono::milliseconds patience);
 
 }  // namespace kv::wql
