@@ -14,11 +14,13 @@ namespace {
 
 void PutMember(HashTable* record, const RecordMember& member, const RecordSource& source) {
     const OptionalText text = member.text ? member.text(source) : MemberText(source.asked, member.copyOf);
+    int isPut = 1;
     if (text || member.whenAbsent == WhenAbsent::emptyText) {
-        PutHashText(record, member.key, text.value_or(u""));
+        isPut = PutHashText(record, member.key, text.value_or(u""));
     } else if (member.whenAbsent == WhenAbsent::nullValue) {
-        PutHashValue(record, member.key, 0, ValueType::text);
+        isPut = PutHashValue(record, member.key, 0, ValueType::text);
     }
+    if (isPut == 0) Log1("\t PutMembers :: No memory for %s, it is left out \n", member.key);
 }
 
 }  // namespace
