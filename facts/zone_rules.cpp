@@ -134,7 +134,7 @@ std::string_view LastLineOf(std::string_view file) {
     return file.substr(file.rfind('\n') + 1);
 }
 
-/// None where there is no such file.
+/// Nullopt if there is no such file.
 std::optional<Zone> ReadZoneFile(const std::string& path) {
     const std::optional<std::string> file = platform::ReadSystemFile(path);
     return file ? std::optional(Zone{ReadZoneName(path), ParseZoneRules(LastLineOf(*file))}) : std::nullopt;

@@ -37,7 +37,7 @@ void Expect(bool holds) {
     if (!holds) std::abort();
 }
 
-/// What build(position, remaining) writes; none when it refuses even with room enough.
+/// What build(position, remaining) writes; nullopt if it refuses even with room enough.
 template <class Build>
 std::optional<Bytes> Built(const Input& input, Build build) {
     static std::array<std::uint8_t, 4096> roomy;

@@ -101,7 +101,7 @@ void CheckAddress(const VarBind& varBind, const std::uint8_t* bytes, std::size_t
     if (varBind.type != tag::ipAddress || size != 4) return;
     const std::string text = TextOf(varBind);
     std::uint8_t back[4];
-    Require(ConvertToIpAddFromString(back, text, text.size()) == 4, "an address that was written is none");
+    Require(ConvertToIpAddFromString(back, text, text.size()) == 4, "an address that was written is not one");
     Require(std::memcmp(back, bytes, sizeof back) == 0, "an address came back as another");
 }
 

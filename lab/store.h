@@ -92,9 +92,8 @@ using RecordSink = std::function<void(const RecordText&)>;
 
 enum class Delivery { stored, repeated };
 
-/// Stores one zip's records, which readRecords hands over one by one, in one transaction: all, or
-/// none when readRecords throws. repeated: the same records came before under the same agent and zip, and nothing is
-/// stored.
+/// Stores one zip's records, which readRecords hands over one by one, in one transaction: if it throws, nothing is
+/// stored. repeated: the same records came before under the same agent and zip, and nothing is stored.
 Delivery StoreDelivery(Store& store, std::string_view agent, std::string_view zip,
                        const std::function<void(const RecordSink&)>& readRecords);
 

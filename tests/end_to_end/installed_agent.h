@@ -17,7 +17,7 @@ namespace kv::test {
 /// A self-signed certificate and its key, as PEM files in the folder.
 void MakeCertificate(const std::filesystem::path& folder, std::string& certificate, std::string& privateKey);
 
-/// What a kvlab command about the database prints; none when it fails.
+/// What a kvlab command about the database prints; nullopt if it fails.
 std::optional<std::string> Kvlab(const std::string& arguments, const std::string& database);
 
 /// The agent's last word to the lab with this database; "unknown" before its first.

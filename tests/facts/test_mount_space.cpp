@@ -45,7 +45,7 @@ TEST(MountSpace, NoMountIsWaitedForTwice) {
     EXPECT_EQ(*asked, 1) << "one stuck thread at most";
     mounts[0].device = "0:99";
     EXPECT_FALSE(ask(50ms)[0].has_value());
-    EXPECT_EQ(*asked, 2) << "mounted anew: another mount";
+    EXPECT_EQ(*asked, 2) << "mounted again: another mount";
     released->release(100);
     std::vector<std::optional<SpaceAnswer>> answers;
     const auto end = steady_clock::now() + 30s;
@@ -54,7 +54,7 @@ TEST(MountSpace, NoMountIsWaitedForTwice) {
     EXPECT_TRUE(answers[0]) << "back, and no longer left out";
     const int before = *asked;
     ask(10s);
-    EXPECT_EQ(*asked, before + 1) << "asked anew each time";
+    EXPECT_EQ(*asked, before + 1) << "asked again each time";
     EXPECT_TRUE(notices.empty());
 }
 

@@ -12,7 +12,7 @@ using namespace facts;
 
 TEST(Mounts, DisksAreWhatAUserTakesForDisks) {
     const std::tuple<const char*, std::string, std::string> rows[] = {
-        {"the kernel's own file systems and triggers are none",
+        {"the kernel's own file systems and triggers are not disks",
          "21 20 0:5 / /proc rw - proc proc rw\n22 20 0:6 / /sys/fs/cgroup rw - tmpfs tmpfs rw\n"
          "23 20 0:7 / /n rw - autofs a rw\n25 20 0:9 / /r rw - ramfs a rw\n24 20 0:8 / /run rw s:3 m:1 - tmpfs a rw\n",
          " 0:8@/run"},
@@ -22,7 +22,7 @@ TEST(Mounts, DisksAreWhatAUserTakesForDisks) {
          "23 20 8:2 / /srv rw - xfs /dev/sdb rw\n24 20 8:2 / /mnt/top rw - xfs /dev/sdb rw\n",
          " 8:2@/srv"},
         {"the root, though more of it is elsewhere", "21 20 8:1 / /top rw - btrfs /dev/sda rw\n", ""},
-        {"a subvolume is a disk, a folder of it is none",
+        {"a subvolume is a disk, a folder of it is not",
          "21 20 8:1 /@h /home rw - btrfs /dev/sda rw,subvolid=1,subvol=/@h\n22 20 8:1 /@h/w /w rw - btrfs /dev/sda "
          "rw,subvol=/@h\n",
          " 8:1@/home"},
@@ -34,7 +34,7 @@ TEST(Mounts, DisksAreWhatAUserTakesForDisks) {
          " 8:4@/m 8:5@/my"},
         {"lines that are not mounts hide no others",
          "24 20 0:8 / /run rw - tmpfs a rw\nx\n\n21 20 0:5 / /a rw\n22 20 0:6 / b rw - xfs /dev/sdb rw\n", " 0:8@/run"},
-        {"layers upon other file systems are none", "21 20 0:5 / /var/c1 rw - overlay overlay rw\n", ""},
+        {"layers upon other file systems are not disks", "21 20 0:5 / /var/c1 rw - overlay overlay rw\n", ""},
     };
     // what is mounted and which disks that are, both beside the root
     for (const auto& [title, mountInfo, others] : rows) {

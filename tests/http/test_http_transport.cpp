@@ -147,7 +147,7 @@ TEST_F(HttpTransport, NoRedirectLosesAPost) {
 }
 
 TEST_F(HttpTransport, EachFailureHasItsNumber) {
-    // The same limit on silence as ever, made short.
+    // The limit on silence, made short.
     platform::HttpOperations impatient = platform::Http();
     impatient.WinHttpOpenRequest = [real = platform::Http()](auto connection, auto verb, auto url, auto types,
                                                              auto flags, platform::HttpHandle& request) {

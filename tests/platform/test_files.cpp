@@ -30,7 +30,7 @@ TEST_F(FilesTest, SearchesMatchAndOrderAsWindowsDoes) {
         {"? matches one character and no dot", u"d\\a?b.zip", "2"},
         {"the last star is tried again", u"d\\*t*t", "a.txt B.txt "},
         {"no such directory", u"missing\\*", "3"},
-        {"a file is no directory", u"d\\a.txt\\*", "3"},
+        {"a file is not a directory", u"d\\a.txt\\*", "3"},
     };
     for (const auto& row : rows) EXPECT_EQ(Found(row.pattern), row.expected) << row.title;
 }

@@ -7,17 +7,17 @@
 
 namespace kv::test {
 
-/// A socket of the system's; noSocket is none.
+/// A socket of the system, or noSocket.
 using Socket = std::intptr_t;
 inline constexpr Socket noSocket = -1;
 
-/// Listens on a free port, which it tells. Throws where there is none.
+/// Listens on a free port, which it tells. Throws if no port is free.
 Socket ListenOnLoopback(int& port);
 
-/// The next connection, or none when listening has failed.
+/// The next connection, or noSocket if listening has failed.
 Socket AcceptConnection(Socket listener);
 
-/// A connection to a port, or none where nobody listens.
+/// A connection to a port, or noSocket if nobody listens.
 Socket ConnectToLoopback(int port);
 
 /// Bytes received, at least one; 0 once the other side is gone.

@@ -84,7 +84,7 @@ class ScriptedDevice {
 /// The bytes of "30 82 00 1a ..."; blanks and line ends do not count. Throws std::invalid_argument for other texts.
 std::string FromHex(std::string_view hex);
 
-/// One BER item of any length.
+/// One BER item, its length in the shortest form.
 std::string Item(std::uint8_t tag, std::string_view content);
 
 /// A message as a device sends it, with the request number 1, in the shortest lengths. variables: whole items, as

@@ -49,12 +49,12 @@ TEST(PerformanceFigures, ComeOfTwoMomentsByTheirKind) {
         {"growth in a second", rate, Before({10 * s, 100}), {12 * s, 300}, 100},
         {"since the birth", rate, {}, {20 * s, 100}, 10, 10 * s},
         {"gone back", rate, Before({10 * s, 100}), {20 * s, 60}, 6, 10 * s},
-        {"began anew at its period", rate, Before({10 * s, 990}), {12 * s, 10}, 10, 0, 1000},
-        {"set back, not begun anew", rate, Before({10 * s, 400}), {20 * s, 60}, 6, 10 * s, 1000},
+        {"wrapped at its period", rate, Before({10 * s, 990}), {12 * s, 10}, 10, 0, 1000},
+        {"set back, not wrapped", rate, Before({10 * s, 400}), {20 * s, 60}, 6, 10 * s, 1000},
         {"more than the time", percentOfTimestamp, Before({10 * s, 0}), {11 * s, 3 * s}, 100},
         {"of all operations", percentOfOperations, Before({10 * s, 0}), {11 * s, 3 * s}, 300},
         {"a time that went back a little", percentOfTimestamp, Before({10 * s, 5 * s}), {12 * s, 4 * s}, 0},
-        {"a time that began anew", percentOfTimestamp, Before({10 * s, 5 * s}), {12 * s, s}, 50, 10 * s},
+        {"a time that began again", percentOfTimestamp, Before({10 * s, 5 * s}), {12 * s, s}, 50, 10 * s},
         {"idle is what is not busy", percentOfTimestampLeft, Before({10 * s, 9 * s}), {14 * s, s}, 50, 0, 10 * s},
         {"of the time counted", percentOfTime, Before({10 * s, s, 4 * s}), {90 * s, 2 * s, 8 * s}, 25},
         {"busy is what is not idle", percentOfTimeLeft, Before({10 * s, s, 4 * s}), {90 * s, 2 * s, 8 * s}, 75},
@@ -189,7 +189,7 @@ class PerformanceOfThisMachine : public ::testing::Test {
 
     /// Copies files, of directories the list of their entries; with a file "space" for that used and available in /.
     static void copy(const Paths& files, const fs::path& to) {
-        std::error_code ignored;  // of what is no directory
+        std::error_code ignored;  // of what is not a directory
         fs::create_directories(to);
         std::ofstream(to / "space") << fs::space("/").capacity - fs::space("/").free << ' ' << fs::space("/").available;
         for (const fs::path& file : files) {
@@ -222,7 +222,7 @@ class PerformanceOfThisMachine : public ::testing::Test {
         return ((numberOf(property.text) - least) & mask) <= ((most - least) & mask);
     }
 
-    /// Compares an object with what commands make of files read before and after; anew for what goes up and down.
+    /// Compares an object with what commands make of files read before and after; again for what goes up and down.
     static void expectBetween(const std::string& from, const Paths& files, const std::string& commands) {
         const fs::path folder = fs::temp_directory_path() / fmt::format("kv{}", getpid());
         Texts failures{{"nothing", ""}};

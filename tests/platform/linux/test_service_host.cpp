@@ -109,7 +109,7 @@ void Fill(int socket) {
     while (sendto(socket, "", 0, MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&address), length) >= 0) continue;
 }
 
-/// The manager does not read: what is reported counts all the same, and a second stop is none.
+/// The manager does not read: what is reported counts all the same, and a second stop does nothing.
 void UnheardMain() {
     static std::atomic<int> stops = 0;
     ServiceHost().RegisterServiceCtrlHandlerExW(

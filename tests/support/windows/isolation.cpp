@@ -50,7 +50,7 @@ std::filesystem::path MakeTemporaryFolder() {
     }
 }
 
-/// remove_all of this library tries for ever to remove what is read-only or still open.
+/// remove_all of this library tries forever to remove what is read-only or still open.
 void RemoveFolder(const std::filesystem::path& folder) {
     std::error_code ignored;
     for (const auto& entry : std::filesystem::directory_iterator(folder, ignored)) {
