@@ -9,7 +9,6 @@
 #include "facts/host_names.h"
 #include "platform/backend.h"
 #include "platform/guarded.h"
-#include "platform/linux/linux.h"
 #include "wql/bounded_run.h"
 #include "wql/class_tree.h"
 #include "wql/query.h"
