@@ -27,6 +27,6 @@ fi
 
 findings=build/$preset/lint.txt
 git diff -U0 "$base" -- "${changed[@]}" |
-    clang-tidy-diff-14.py -p1 -path "build/$preset" -j2 -quiet -extra-arg=-Wno-unknown-warning-option \
-        >"$findings" 2>/dev/null || true
+    clang-tidy-diff -p1 -path "build/$preset" -j2 -quiet -extra-arg=-Wno-unknown-warning-option \
+        >"$findings" 2>"$findings.errors" || { cat "$findings.errors" >&2; exit 1; }
 ! grep -E '(warning|error):' "$findings"
