@@ -46,8 +46,7 @@ void AppendNote(std::u16string_view path, std::string_view text) {
     files.CloseHandle(note);
 }
 
-/// Finds the bin directory. False when there is no memory for its path; true without a path when the setting is
-/// missing.
+/// Finds the bin directory. False if memory runs out; true, and no path, if the setting is absent.
 bool FindBinPath() try {
     OptionalText installDir;
     const platform::Error error = GetKVAgentInstallDir(installDir);

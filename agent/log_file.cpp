@@ -134,7 +134,7 @@ RotationLock RotateWhileLocked(std::uint32_t count) {
 }
 
 /// Whether a process other than this one writes to the log. Its own stream is closed for the question and opened again
-/// by the log's name: what was moved away meanwhile is no longer written to.
+/// by the log's name, so that it does not go on in a file that was renamed in between.
 bool IsLogOfAnother() {
     const std::lock_guard stream(logState.streamMutex);
     if (!MayChangeLog()) return true;

@@ -36,7 +36,7 @@ void EndLogRotation();
 /// more when no log is open.
 void StopLogging();
 
-/// How many files begin with the stem; -1 when there is none, or the search fails.
+/// How many files have names that begin with the stem; -1 if no file has, or if the search fails.
 [[nodiscard]] int CountLogFiles(std::u16string_view stem);
 
 /// The stem of the path (up to ".log"), the number and ".log".

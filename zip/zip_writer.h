@@ -62,7 +62,7 @@ namespace kv {
 /// The most bytes that a file of that size, under that name, adds to an archive. May throw std::bad_alloc.
 [[nodiscard]] std::uint64_t ZippedSizeAtMost(std::u16string_view nameInZip, std::uint64_t size);
 
-/// False for null, too.
+/// Whether a handle is a writer's; false for null and for a reader's.
 bool IsZipHandleForWriting(ZipHandle zip);
 
 /// The result of the last call on the writer's side, by any thread of the process.

@@ -68,6 +68,7 @@ TEST_F(ZipReading, WhatAnIndependentWriterPackedComesOutInEveryForm) {
               0U);
     const std::string selfExtracting = std::string(5000, 'P') + bytes + "behind it";
     for (ZipHandle zip : {OpenZipHandle(file.handle, nullptr), OpenBytes(selfExtracting)}) {
+        EXPECT_TRUE(zip != nullptr && !IsZipHandleForWriting(zip));
         for (const auto& [name, content] : contents) {
             ZipItem item;
             std::int32_t index = 7;
@@ -91,6 +92,7 @@ TEST_F(ZipReading, OurOwnArchivesComeBackWithAttributesAndTimes) {
     fs::last_write_time(bin / "one", fs::last_write_time(bin / "one") - std::chrono::hours(50000));
     fs::permissions(bin / "one", fs::perms::owner_read);
     ZipHandle zip = CreateZip(u"a.zip", nullptr);
+    EXPECT_TRUE(IsZipHandleForWriting(zip) && !IsZipHandleForWriting(nullptr));
     EXPECT_EQ(AddFileToZip(zip, u"d\\one", u"one") + AddFolderToZip(zip, u"e\\f"), zip_result::ok);
     EXPECT_EQ(CloseZip(zip), zip_result::ok);
     UnzipFiles(u"a.zip", u"..\\conf\\download");
