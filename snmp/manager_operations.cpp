@@ -34,11 +34,21 @@ SnmpPduPtr MakeGetPdu(const ManagerRequest& request, RequestVarBinds& varBinds) 
     return pdu;
 }
 
+/// What an answer has that the results do not show. A list of variables that is broken reads as an empty one.
+void LogGetAnswer(const ManagerRequest& request, const SnmpPdu& answer, std::uint8_t status) {
+    const std::int32_t count = answer.varBinds.count;
+    if (IsUnreadable(answer, status)) {
+        Log1("\t SnmpGetOperation :: %s sends what cannot be read \n", request.host);
+    } else if (answer.errorStatus == 0 && count != request.oidCount) {
+        Log1("\t SnmpGetOperation :: %s sent %d values for %d OIDs \n", request.host, count, request.oidCount);
+    }
+    if (answer.errorStatus != 0)
+        Log1("\t SnmpGetOperation :: %s reports the error status %d at value %d \n", request.host, answer.errorStatus,
+             answer.errorIndex);
+}
+
 /// One list for each variable of the answer, up to the first exception.
 void TakeGetAnswer(const ManagerRequest& request, TkVector* answer, VarBindListPtr* results) {
-    if (answer->count > request.oidCount)
-        Log1("\t SnmpGetOperation :: %s sent %d values for %d OIDs. The rest is left \n", request.host, answer->count,
-             request.oidCount);
     const std::int32_t count = std::min(answer->count, request.oidCount);
     const TkVectorNode* node = answer->head;
     for (std::int32_t i = 0; i < count && node; ++i, node = node->next) {
@@ -61,10 +71,7 @@ ResultVectors SnmpGetOperation(const ManagerRequest& request) {
     std::uint8_t status = 0;
     const SnmpPduPtr response = SendAndReceiveSnmpPdu(pdu.get(), request.host, request.port, &status);
     if (!response) return results;
-    if (IsUnreadable(*response, status)) Log1("\t SnmpGetOperation :: %s sends what cannot be read \n", request.host);
-    if (response->errorStatus != 0)
-        Log1("\t SnmpGetOperation :: %s reports the error status %d at value %d \n", request.host,
-             response->errorStatus, response->errorIndex);
+    LogGetAnswer(request, *response, status);
     TakeGetAnswer(request, &response->varBinds, results.get());
     return results;
 }

@@ -147,6 +147,8 @@ Walk::Step Walk::MoveOn(Position& position, const TkVector& answer) {
 
 /// Takes one answer into the values.
 Walk::Step Walk::TakeAnswer(Position& position, SnmpPdu& answer, TkVector& values) {
+    if (answer.varBinds.count == 0 && answer.errorStatus == 0)
+        return EndEarly(values, "sends no value that can be read", answer);
     if (answer.varBinds.count == 0) return End(values, answer);
     std::swap(position.asked, position.current);
     const Step step = MoveOn(position, answer.varBinds);

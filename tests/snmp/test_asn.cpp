@@ -127,6 +127,7 @@ TEST_F(Asn, ReadsEveryFormWholeOnlyAndWritesTheShortest) {
              {"longest with a short length", K::string, "44 7f" + std::string(254, '6'), "68: 127"},
              {"shortest with a long length", K::string, "40 81 80" + std::string(256, '6'), "64: 128"},
              {"seven bits unused", K::bits, "03 02 07 80", "3: 2"},
+             {"length padded to two bytes", K::string, "04 82 00 04 61 62 63 64", "4: 4", "04 04 61 62 63 64"},
              {"exception", K::null, "80 00", "128: "},
              {"exception, four length bytes", K::null, "82 84 00 00 00 00", "130: ", "82 00"},
              {"first is 3", K::oid, "06 01 78", "6: .3.0"},

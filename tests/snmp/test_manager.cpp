@@ -47,8 +47,17 @@ TEST_F(SnmpManager, EndsAWalkWhereItCannotGoOn) {
               "gives back the OID that it was asked from, with the error status 2. The walk ends with 2 values"},
              {"the end of a v2c tree", {value(1), {.variables = {Variable(9, 0x82, "")}}}, one},
              {"an address of three bytes, as in a get",
-              {{.variables = {Variable(1, 0x40, "\1\2\3")}}, {}},
+              {{.variables = {Variable(1, 0x40, "\1\2\3")}}, {.variables = {Variable(9, 0x82, "")}}},
               "1: .1.3.6.1.9.1 64:1.2.3"},
+             {"an empty list", {value(1), {}}, one, "sends no value that can be read. The walk ends with 1 values"},
+             {"a list that breaks off after a value",
+              {value(1), {.variables = {Variable(2, 4, "v"), FromHex("30 03 06 01 2b")}}},
+              one,
+              "sends no value that can be read. The walk ends with 1 values"},
+             {"a length in padded bytes",
+              {{.variables = {FromHex("30 82 00 0f 06 82 00 05 2b 06 01 09 01 04 82 00 02 31 36")}},
+               {.variables = {Variable(9, 0x82, "")}}},
+              "1: .1.3.6.1.9.1 4:16"},
              {"its number is that of an unreadable answer",
               {value(1), {.errorStatus = 103}},
               one,
@@ -60,7 +69,8 @@ TEST_F(SnmpManager, EndsAWalkWhereItCannotGoOn) {
               one},
              {"a missing value amid others, two in one answer",
               {value(1), {.variables = {Variable(2, 0x81, ""), Variable(3, 4, "v")}}, value(4), {}},
-              one + ", .1.3.6.1.9.2 129:(none), .1.3.6.1.9.3 4:v, .1.3.6.1.9.4 4:v"},
+              one + ", .1.3.6.1.9.2 129:(none), .1.3.6.1.9.3 4:v, .1.3.6.1.9.4 4:v",
+              "sends no value that can be read. The walk ends with 4 values"},
          }) {
         SCOPED_TRACE(row.title);
         const ScriptedDevice device(Turns(row.answers));
