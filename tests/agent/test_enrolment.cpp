@@ -1,5 +1,4 @@
 // Enrolment against a real server, in virtual time.
-#include <functional>
 
 #include "agent/enrolment.h"
 #include "agent/main_thread.h"
@@ -35,20 +34,9 @@ class Enrolment : public TestAgent {
         return options;
     }
 
-    void orderFault(int status, int count) const {
+    void OrderFaults(int status, int count) const {
         lab::Store store = lab::OpenStore((folder / "lab.db").string());
         lab::AddFault(store, {0, "RegisterAgent", lab::FaultKind::status, status, count});
-    }
-
-    /// Threads that would run beside the test are only noted.
-    static platform::ThreadOperations Threads(std::vector<platform::ThreadStart>& started) {
-        platform::ThreadOperations threads = platform::Threads();
-        threads.CreateThread = [&started, create = threads.CreateThread](auto start, void* argument) {
-            if (argument != nullptr) return create(start, argument);
-            started.push_back(start);
-            return platform::ThreadHandle{1};
-        };
-        return threads;
     }
 
     bool ReportsItsEnd() const {
@@ -58,12 +46,18 @@ class Enrolment : public TestAgent {
 
     VirtualClock clock_;
     lab::LabServer server_;
-    std::vector<platform::ThreadStart> started;
-    platform::ScopedOperations<platform::ThreadOperations> threads_{Threads(started)};
+    std::vector<platform::ThreadStart> started;  // threads that would run beside the test
+    const Replaced<platform::ThreadOperations> threads_{
+        &platform::ThreadOperations::CreateThread,
+        [this, create = platform::Threads().CreateThread](auto start, void* argument) {
+            if (argument != nullptr) return create(start, argument);
+            started.push_back(start);
+            return platform::ThreadHandle{1};
+        }};
 };
 
-TEST_F(Enrolment, WithoutAKeyItAsksEveryMinuteAndTakesWhatTheServerSays) {
-    orderFault(503, 3);
+TEST_F(Enrolment, WithoutAKeyAsksEveryMinuteAndTakesTheServersAnswer) {
+    OrderFaults(503, 3);
     Write(conf / "slaves" / "old" / "queryconf.txt", "x");
     InitLicenseParams();
     EXPECT_EQ(clock_.nowMilliseconds(), VirtualClock::startMilliseconds + 3 * 60000);
@@ -73,7 +67,7 @@ TEST_F(Enrolment, WithoutAKeyItAsksEveryMinuteAndTakesWhatTheServerSays) {
     OptionalText stored;
     EXPECT_EQ(GetOCAgentKey(stored), 0U);
     EXPECT_EQ(stored, u"LAB1");
-    EXPECT_FALSE(std::filesystem::exists(conf / "slaves")) << "a new agent starts without old slaves";
+    EXPECT_FALSE(std::filesystem::exists(conf / "slaves")) << "of an earlier agent";
     lab::Store store = lab::OpenStore((folder / "lab.db").string());
     const std::vector<lab::Agent> agents = lab::Agents(store);
     ASSERT_EQ(agents.size(), 1U);
@@ -81,9 +75,9 @@ TEST_F(Enrolment, WithoutAKeyItAsksEveryMinuteAndTakesWhatTheServerSays) {
     EXPECT_EQ(agents[0].details.customer, "M\u00fcller + S\u00f6hne #1 100%");
 }
 
-TEST_F(Enrolment, WithAKeyItGoesOnAndAsksAgainUntilItIsAnswered) {
+TEST_F(Enrolment, WithAKeyGoesOnAndAsksUntilItIsAnswered) {
     agentState.gv_agentKey.Publish(u"K7");
-    orderFault(503, 4);
+    OrderFaults(503, 4);
     const std::filesystem::path copies[] = {conf / "queryconf.txt.restored", conf / "backup" / "queryconf.txt.new",
                                             conf / "slaves" / "S1" / "queryconf.txt.restored",
                                             conf / "backup" / "S1" / ".copy-queryconf.txt.new"};
@@ -98,37 +92,35 @@ TEST_F(Enrolment, WithAKeyItGoesOnAndAsksAgainUntilItIsAnswered) {
     EXPECT_FALSE(std::filesystem::exists(data / "Agent_K7_10.tmp"));
     for (const std::filesystem::path& copy : copies) EXPECT_FALSE(std::filesystem::exists(copy)) << copy;
     EXPECT_TRUE(std::filesystem::exists(conf / "queryconf.txt.new"));
-    EXPECT_FALSE(ReportsItsEnd()) << "only a server's answer allows it";
+    EXPECT_FALSE(ReportsItsEnd()) << "the server has not allowed it yet";
     ASSERT_EQ(started.size(), 1U);
     EXPECT_EQ(started[0](nullptr), 0U);
     EXPECT_EQ(clock_.nowMilliseconds(), VirtualClock::startMilliseconds + 4 * 60000);
     EXPECT_TRUE(ReportsItsEnd());
 }
 
-TEST_F(Enrolment, AServerThatTakesLongHoldsUpNoAgentThatHasAKey) {
+TEST_F(Enrolment, WithAKeyDoesNotWaitForASlowServer) {
     agentState.gv_agentKey.Publish(u"K7");
     lab::Store store = lab::OpenStore((folder / "lab.db").string());
     lab::AddFault(store, {0, "RegisterAgent", lab::FaultKind::delay, 500, 1});
     platform::ThreadHandle registration = 0;
-    platform::ThreadOperations threads = platform::Threads();
-    const auto wait = threads.WaitForThread;
-    threads.WaitForThread = [&](platform::ThreadHandle thread, std::uint32_t milliseconds) {
-        if (milliseconds != 10000) return wait(thread, milliseconds);  // for a name
+    const auto wait = platform::Threads().WaitForThread;
+    const Replaced waits(&platform::ThreadOperations::WaitForThread, [&](auto thread, std::uint32_t milliseconds) {
+        if (milliseconds != 10000) return wait(thread, milliseconds);  // not for the registration
         registration = thread;
         return platform::Error{platform::error::waitTimeout};
-    };
-    const platform::ScopedOperations scoped(threads);
+    });
     InitLicenseParams();
     EXPECT_TRUE(Logged("Going on with the agent key of an earlier run"));
     EXPECT_FALSE(ReportsItsEnd());
-    EXPECT_TRUE(started.empty()) << "the same thread asks on";
+    EXPECT_TRUE(started.empty()) << "the thread that asked first goes on asking";
     EXPECT_EQ(wait(registration, 60000), platform::error::success);
     EXPECT_TRUE(ReportsItsEnd());
 }
 
-TEST_F(Enrolment, RefusedWhenItWorksAlreadyItEndsWithTheNextStart) {
+TEST_F(Enrolment, ARefusalWhileItRunsCountsFromTheNextStart) {
     agentState.gv_agentKey.Publish(u"BANNED");
-    orderFault(503, 1);
+    OrderFaults(503, 1);
     InitLicenseParams();
     ASSERT_EQ(started.size(), 1U);
     started[0](nullptr);
@@ -137,7 +129,7 @@ TEST_F(Enrolment, RefusedWhenItWorksAlreadyItEndsWithTheNextStart) {
     EXPECT_FALSE(ReportsItsEnd());
 }
 
-TEST_F(Enrolment, ARefusedAgentHasNeitherPlanNorThreads) {
+TEST_F(Enrolment, ARefusedAgentLoadsNoPlanAndStartsNoThread) {
     agentState.gv_agentKey.Publish(u"BANNED");
     EXPECT_EQ(InvokeMainThread(nullptr), 0U);
     EXPECT_EQ(agentState.gv_agentRunFlag, 0);
@@ -147,18 +139,18 @@ TEST_F(Enrolment, ARefusedAgentHasNeitherPlanNorThreads) {
     EXPECT_TRUE(started.empty());
 }
 
-TEST_F(Enrolment, OnlyAKeyThatIsNotThereIsReplaced) {
+TEST_F(Enrolment, ReplacesOnlyAnAbsentKey) {
     constexpr bool keepsSlaves = true;
     const struct {
         const char* title;
         platform::Error failure;          // of the first two reads
-        std::u16string_view stored, key;  // and what comes of it
-        int minutes = 0;
+        std::u16string_view stored, key;  // before and after
+        int minutes = 0;                  // until it has a key
         bool hasSlaves = false;
     } rows[] = {
-        {"no key", platform::error::fileNotFound, u"", u"LAB1"},
-        {"in another case", platform::error::success, u"HubCenter", u"LAB1"},
-        {"one that may not be read", platform::error::accessDenied, u"K7", u"K7", 2, keepsSlaves},
+        {"an absent key", platform::error::fileNotFound, u"", u"LAB1"},
+        {"the placeholder in another case", platform::error::success, u"HubCenter", u"LAB1"},
+        {"a key that may not be read at first", platform::error::accessDenied, u"K7", u"K7", 2, keepsSlaves},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.title);
@@ -166,13 +158,11 @@ TEST_F(Enrolment, OnlyAKeyThatIsNotThereIsReplaced) {
         if (!row.stored.empty()) SetOCAgentKey(row.stored);
         agentState.gv_agentKey.Publish(row.failure == 0 ? row.stored : u"HUBCENTER");
         int reads = 0;
-        platform::RegistryOperations registry = platform::Registry();
-        registry.RegQueryValueExW = [&, query = registry.RegQueryValueExW](auto key, auto name, auto* type, auto* bytes,
-                                                                           std::size_t& size) {
-            const bool fails = name == u"MonitoringAgentKey" && ++reads <= 2 && row.failure != 0;
-            return fails ? row.failure : query(key, name, type, bytes, size);
-        };
-        const platform::ScopedOperations scoped(registry);
+        const Replaced queries(&platform::RegistryOperations::RegQueryValueExW,
+                               [&, query = platform::Registry().RegQueryValueExW](auto key, auto name, auto&&... rest) {
+                                   const bool fails = name == u"MonitoringAgentKey" && ++reads <= 2 && row.failure != 0;
+                                   return fails ? row.failure : query(key, name, rest...);
+                               });
         const std::int64_t before = clock_.nowMilliseconds();
         InitLicenseParams();
         EXPECT_EQ(clock_.nowMilliseconds() - before, row.minutes * 60000);

@@ -1,4 +1,4 @@
-// The log on real files: levels, size counter, rotation by numbers, faults, and threads that log while others rotate.
+// The log on real files: levels, rotation, faults, and threads that log while others rotate.
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
@@ -26,7 +26,7 @@ class LogFile : public test::TestAgent {
   protected:
     LogFile() : logs(folder / "monitoring" / "logs") {}
 
-    /// Opens the log as at a start, with files described in the form of Files().
+    /// Opens the log over files that are described in the form of Files().
     void Start(const std::string& files) {
         StopLogging();
         for (const auto& entry : fs::directory_iterator(logs)) fs::remove(entry);
@@ -42,7 +42,7 @@ class LogFile : public test::TestAgent {
             platform::error::success);
     }
 
-    /// "name=x" for each file, in order of the names; x is the first character of its content.
+    /// The files by name, each as "name=x" with the first character of its content.
     std::string Files() const {
         std::set<std::string> files;
         for (const auto& entry : fs::directory_iterator(logs))
@@ -53,11 +53,11 @@ class LogFile : public test::TestAgent {
     fs::path logs;
 };
 
-TEST_F(LogFile, RotatesBeforeTheFirstLineAboveTheDefaultSizeAndThenByTheConfiguredLimits) {
-    for (const auto& [size, before] : {std::pair{1000000U, false}, {1000001U, true}}) {
+TEST_F(LogFile, RotatesAtTheDefaultAndAtTheConfiguredSize) {
+    for (const auto& [size, isBeforeTheFirstLine] : {std::pair{1000000U, false}, {1000001U, true}}) {
         Start("agent.log=" + std::string(size, 'x'));
         EXPECT_EQ(Files(), "agent.log=\n agent1.log=x");
-        EXPECT_EQ(fs::file_size(logs / "agent1.log") == size, before) << size;
+        EXPECT_EQ(fs::file_size(logs / "agent1.log") == size, isBeforeTheFirstLine) << size;
         EXPECT_TRUE(Logged("STARTING MONITORING AGENT"));
     }
     SetRegistry(u"LoggerMaxSize", u"500");
@@ -76,10 +76,10 @@ TEST_F(LogFile, ShiftsNumberedFiles) {
     } rows[] = {
         {"first rotation", 10, "agent.log=0", "agent.log=\n agent1.log=0"},
         {"the oldest goes", 2, "agent.log=0 agent1.log=1 agent2.log=2", "agent.log=\n agent1.log=0 agent2.log=1"},
-        {"a stranger counts as one", 2, "agent.log=0 agent1.log=1 agentnotes.txt=n",
+        {"an unrelated file counts as one", 2, "agent.log=0 agent1.log=1 agentnotes.txt=n",
          "agent.log=\n agent1.log=0 agent2.log=1 agentnotes.txt=n"},
         {"more files than the limit", 1, "agent.log=0 agent1.log=1 agent2.log=2", "agent.log=\n agent1.log=0"},
-        {"no numbered files wanted", 0, "agent.log=0 agent1.log=1", "agent.log=0"},
+        {"none to keep", 0, "agent.log=0 agent1.log=1", "agent.log=0"},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.title);
@@ -93,13 +93,13 @@ TEST_F(LogFile, ShiftsNumberedFiles) {
     }
 }
 
-TEST_F(LogFile, PrintsArgumentsAndCountsFormats) {
+TEST_F(LogFile, PrintsItsArgumentsAndCountsItsFormats) {
     test::VirtualClock clock;
     Start("");
-    const std::optional<std::u16string> none;
+    const std::optional<std::u16string> absent;
     const char16_t* null = nullptr;
     const std::uint32_t before = logState.gv_logBytes;
-    Log1("%s|%s|%s|%04d|%ld|%s\n", u"w\u00e4\U0001F600", none, null, -7, std::int64_t{1} << 40,
+    Log1("%s|%s|%s|%04d|%ld|%s\n", u"w\u00e4\U0001F600", absent, null, -7, std::int64_t{1} << 40,
          std::u16string(10000, u'x'));
     const std::string prefix = "\n2026/03/05  09:05:07:000 ";
     EXPECT_EQ(logState.gv_logBytes - before, (prefix + "%s|%s|%s|%04d|%ld|%s\n").size());
@@ -136,12 +136,10 @@ TEST_F(LogFile, LevelsAreThresholdsButTraceIsExact) {
     }
 }
 
-TEST_F(LogFile, AFullDiskCostsLinesOnly) {
+TEST_F(LogFile, LosesOnlyLinesToAFullDisk) {
     Start("agent.log=0");
     {
-        platform::FileOperations files = platform::Files();
-        files.WriteText = [](auto, auto) { return platform::error::diskFull; };
-        const platform::ScopedOperations scoped(files);
+        const platform::ScopedOperations full(Failing(&platform::FileOperations::WriteText, platform::error::diskFull));
         logState.gv_logMaxSize = logState.gv_logBytes + 1;
         Log1("dropped, counted, rotates\n");
         EXPECT_EQ(logState.gv_logBytes, 0U);
@@ -157,7 +155,7 @@ TEST_F(LogFile, LosesNoLineWhileThreadsRotateAtFullSpeed) {
     const char* asked = std::getenv("KV_TEST_ROTATIONS");
     const int rotations = asked ? std::atoi(asked) : 500;
     Start("");
-    std::string kept;  // taken apart only at the end: a log grows for as long as its rotation takes
+    std::string kept;  // parsed at the end only, because a log grows while it is rotated
     std::atomic<int> moved{0};
     platform::FileOperations files = platform::Files();
     files.MoveFileExW = [&, real = files.MoveFileExW](auto from, auto to, platform::MoveTarget replace) {
@@ -172,7 +170,7 @@ TEST_F(LogFile, LosesNoLineWhileThreadsRotateAtFullSpeed) {
     {
         const platform::ScopedOperations scoped(files);
         logState.gv_logMaxFiles = 1;
-        logState.gv_logMaxSize = 100;  // each second line rotates, and in between the counter is small
+        logState.gv_logMaxSize = 100;  // every second line rotates
         std::vector<std::thread> threads;
         for (int t = 0; t < threadCount; ++t) {
             threads.emplace_back([&, t] {
@@ -195,14 +193,14 @@ TEST_F(LogFile, LosesNoLineWhileThreadsRotateAtFullSpeed) {
         for (int i = 0; i < written[t]; ++i) ASSERT_EQ(lines[fmt::format("thread {} line {}|x|end", t, i)], 1);
 }
 
-TEST_F(LogFile, KeepsTheLockOnTheEarlyWaysOutAndLinesFromWaitingForIt) {
+TEST_F(LogFile, KeepsTheLockOnEarlyReturnsWithoutBlockingLines) {
     const auto isHeld = [] { return IsResourceLocked_MSP(&logState.gv_logFile) == 1; };
     Start("");
     logState.gv_logMaxSize = 500;
     logState.gv_logBytes = 600;
     SynchronizeResource_MSP(&logState.gv_logFile);
     std::thread waiting([] { RotateLogFile(600); });
-    logState.gv_logBytes = 1;  // the rotation that the other waits for
+    logState.gv_logBytes = 1;  // as if it were rotated meanwhile
     UnsynchronizeResource_MSP(&logState.gv_logFile);
     waiting.join();
     EXPECT_TRUE(isHeld());
@@ -213,9 +211,8 @@ TEST_F(LogFile, KeepsTheLockOnTheEarlyWaysOutAndLinesFromWaitingForIt) {
     EXPECT_EQ(TimesLogged(reason), 1);
     UnsynchronizeResource_MSP(&logState.gv_logFile);
 
-    platform::FileOperations files = platform::Files();
-    files.CreateFileW = [](auto...) { return platform::error::accessDenied; };
-    const platform::ScopedOperations scoped(files);
+    const platform::ScopedOperations denied(
+        Failing(&platform::FileOperations::CreateFileW, platform::error::accessDenied));
     logState.gv_logBytes = 0;
     RotateLogFile(0);
     EXPECT_TRUE(isHeld());
@@ -225,7 +222,7 @@ TEST_F(LogFile, KeepsTheLockOnTheEarlyWaysOutAndLinesFromWaitingForIt) {
     EXPECT_FALSE(isHeld());
 }
 
-TEST_F(LogFile, LeavesALogThatAnotherWritesToInItsPlace) {
+TEST_F(LogFile, DoesNotRotateWhileAnotherProcessWritesToTheLog) {
     const auto openAsAnother = [&](platform::FileHandle& another) {
         return platform::Files().CreateFileW(logState.gv_logPath, platform::FileAccess::append,
                                              platform::FileShare::readWrite, platform::FileDisposition::openAlways,
@@ -238,15 +235,17 @@ TEST_F(LogFile, LeavesALogThatAnotherWritesToInItsPlace) {
     RotateLogger(std::nullopt);
     EXPECT_TRUE(Logged("Another process writes to the log"));
     logState.gv_logMaxSize = 100;
-    for (int i = 0; i < 10; ++i) Log1("a line of the guest\n");
+    for (int i = 0; i < 10; ++i) Log1("a line beside another writer\n");
     EXPECT_EQ(Files(), "agent.log=x");
     platform::Files().CloseHandle(another);
-    for (int i = 0; i < 10 && logState.gv_logBytes != 0; ++i) Log1("the other one has ended\n");
+    int lines = 0;
+    do Log1("the other writer has ended\n");
+    while (logState.gv_logBytes != 0 && ++lines < 10);
     Log1("first line of the new file\n");
     EXPECT_EQ(Files(), "agent.log=\n agent1.log=x");
 }
 
-TEST_F(LogFile, TenLinesOfARefusalAndThenACount) {
+TEST_F(LogFile, LogsTenLinesOfARefusalAndThenTheirCount) {
     Start("");
     {
         const LineBound bound(30);

@@ -28,7 +28,7 @@ struct Setting {
 };
 
 constexpr std::u16string_view server = serverInfoKeyPath;
-/// In the order in which they are read.
+/// In the order of reading.
 const Setting requiredSettings[] = {
     {server, u"KVServerName", u"central"},          {server, u"KVServerFlatName", u"flat"},
     {server, u"KVServerIPAddress", u"10.0.0.1"},    {server, u"KVServerSecurePort", u"8443"},
@@ -51,11 +51,11 @@ class ServerDetails : public test::TestAgent {
     }
 };
 
-TEST_F(ServerDetails, AMissingValueStopsOrFallsBack) {
+TEST_F(ServerDetails, AnAbsentValueStopsOrFallsBack) {
     const AgentState& state = agentState;
     for (const Setting& missing : requiredSettings) {
         EXPECT_EQ(getCSDetails(), 13) << platform::Utf8FromWide(missing.name);
-        EXPECT_EQ(state.gv_agentID, std::nullopt) << "it stops there";
+        EXPECT_EQ(state.gv_agentID, std::nullopt) << "it stops at the absent value";
         EXPECT_EQ(state.gv_MaxFilesInDir, 15);
         Set(missing);
     }
@@ -80,7 +80,7 @@ TEST_F(ServerDetails, AMissingValueStopsOrFallsBack) {
     Set({server, u"KVServerSecIPAddress", u"ab"});
     Set({server, u"KVServerSecurePort", u"84x"});
     EXPECT_EQ(getCSDetails(), 0);
-    EXPECT_EQ(state.gv_ServerSecIPAddress, std::nullopt) << "too short for an address";
+    EXPECT_EQ(state.gv_ServerSecIPAddress, std::nullopt) << "is too short for an address";
     EXPECT_TRUE(Logged("KVServerSecurePort is not a port number : 84x\n"));
     const std::pair<std::u16string_view, int> protocols[] = {{u"HTTPS", 1}, {u"ftp", 0}};
     for (const auto& [protocol, isSecure] : protocols) {
@@ -91,20 +91,20 @@ TEST_F(ServerDetails, AMissingValueStopsOrFallsBack) {
     EXPECT_TRUE(Logged("neither https nor http and counts as http : ftp\n"));
 }
 
-TEST_F(ServerDetails, TheOwnNameAndAddressHoldNothingUp) {
+TEST_F(ServerDetails, DoesNotWaitLongForItsOwnNameAndAddress) {
     namespace error = platform::error;
     const struct {
         const char* title;
-        platform::Error lookup;  // waitTimeout: no answer
-        const char* address;     // the one that it gives
-        const char* routed;      // of the interface with the default route; null when there is no such route
-        std::optional<std::u16string_view> own;
+        platform::Error lookup;                  // its result; waitTimeout: it does not return
+        const char* address;                     // that it finds
+        const char* routed;                      // of the interface with the default route; null without a route
+        std::optional<std::u16string_view> own;  // that the agent takes
     } rows[] = {
-        {"an address of use", error::success, "10.1.2.3", "10.9.9.9", u"10.1.2.3"},
-        {"one that means another computer elsewhere", error::success, "127.0.1.1", "10.9.9.9", u"10.9.9.9"},
-        {"the same, alone", error::success, "127.0.1.1", nullptr, u"127.0.1.1"},
+        {"a usable address", error::success, "10.1.2.3", "10.9.9.9", u"10.1.2.3"},
+        {"a loopback address", error::success, "127.0.1.1", "10.9.9.9", u"10.9.9.9"},
+        {"a loopback address and no route", error::success, "127.0.1.1", nullptr, u"127.0.1.1"},
         {"an unknown name", error::hostNotFound, "", "10.9.9.9", u"10.9.9.9"},
-        {"an unknown name, alone", error::hostNotFound, "", nullptr, std::nullopt},
+        {"an unknown name and no route", error::hostNotFound, "", nullptr, std::nullopt},
         {"silent name servers", error::waitTimeout, "", "10.9.9.9", u"10.9.9.9"},
     };
     for (const Setting& setting : requiredSettings) Set(setting);
@@ -115,12 +115,12 @@ TEST_F(ServerDetails, TheOwnNameAndAddressHoldNothingUp) {
         SCOPED_TRACE(row.title);
         const bool isSilent = row.lookup == error::waitTimeout;
         std::uint32_t waited = 0;
-        platform::SystemFactOperations facts = platform::SystemFacts();
-        facts.GetComputerNameExW = [isSilent, answered](std::u16string& name) {
-            if (isSilent) answered.wait();
-            name = u"pc.example";
-            return error::success;
-        };
+        const test::Replaced names(&platform::SystemFactOperations::GetComputerNameExW,
+                                   [isSilent, answered](std::u16string& name) {
+                                       if (isSilent) answered.wait();
+                                       name = u"pc.example";
+                                       return error::success;
+                                   });
         platform::SocketOperations sockets = platform::Sockets();
         sockets.gethostbyname = [&row, isSilent, answered](std::string_view, platform::HostEntry& host) {
             if (isSilent) answered.wait();
@@ -131,35 +131,31 @@ TEST_F(ServerDetails, TheOwnNameAndAddressHoldNothingUp) {
             if (row.routed) address = row.routed;
             return row.routed ? error::success : error::hostNotFound;
         };
-        platform::ThreadOperations threads = platform::Threads();
-        threads.WaitForThread = [&, wait = threads.WaitForThread](platform::ThreadHandle lookup, std::uint32_t time) {
-            lookups.push_back(lookup);
-            waited += time;
-            return isSilent ? error::waitTimeout : wait(lookup, platform::infinite);
-        };
-        const platform::ScopedOperations scopedFacts(facts);
+        const test::Replaced waits(&platform::ThreadOperations::WaitForThread,
+                                   [&, wait = platform::Threads().WaitForThread](auto lookup, std::uint32_t time) {
+                                       lookups.push_back(lookup);
+                                       waited += time;
+                                       return isSilent ? error::waitTimeout : wait(lookup, platform::infinite);
+                                   });
         const platform::ScopedOperations scopedSockets(sockets);
-        const platform::ScopedOperations scopedThreads(threads);
         test::ResetAgentState();
         EXPECT_EQ(getCSDetails(), 0);
-        EXPECT_LE(waited, 600U) << "milliseconds: a start takes less than a second";
+        EXPECT_LE(waited, 600U) << "milliseconds";
         EXPECT_EQ(agentState.gv_localIPAddress, row.own);
         EXPECT_EQ(agentState.gv_agentDNS, isSilent ? agentState.gv_agentID : u"pc.example");
-        EXPECT_EQ(agentState.gv_MaxFilesInDir, 1500) << "what comes later is read";
+        EXPECT_EQ(agentState.gv_MaxFilesInDir, 1500) << "later settings are read";
     }
     answer.set_value();
     for (const platform::ThreadHandle lookup : lookups) platform::Threads().WaitForThread(lookup, platform::infinite);
 }
 
-TEST_F(ServerDetails, WhatGoesWrongInASettingEndsNoMode) {
+TEST_F(ServerDetails, NotesAnExceptionWhileItReadsSettings) {
     const auto failing = [](std::u16string_view name, auto fail) {
-        platform::RegistryOperations registry = platform::Registry();
-        registry.RegQueryValueExW = [=, query = registry.RegQueryValueExW](auto key, auto value, auto* type,
-                                                                           auto* bytes, std::size_t& size) {
-            if (value == name) fail();
-            return query(key, value, type, bytes, size);
-        };
-        return registry;
+        return test::With(&platform::RegistryOperations::RegQueryValueExW,
+                          [=, query = platform::Registry().RegQueryValueExW](auto key, auto value, auto&&... rest) {
+                              if (value == name) fail();
+                              return query(key, value, rest...);
+                          });
     };
     Set(requiredSettings[0]);
     Set({agentKeyPath, u"KVAgentInstallDir", platform::WideFromUtf8(folder.string() + "/")});
@@ -188,7 +184,7 @@ TEST_F(ServerDetails, ReadsTheProxyOnlyWhenItIsOn) {
         std::optional<std::u16string_view> bypass;
         std::optional<std::u16string> server, exceptions, password;
     } rows[] = {
-        {"no value", std::nullopt, std::nullopt, std::nullopt, u"<local>", std::nullopt},
+        {"absent", std::nullopt, std::nullopt, std::nullopt, u"<local>", std::nullopt},
         {"on, without a bypass list", u"YES", std::nullopt, u"proxy", std::nullopt, u"abc"},
         {"neither yes nor no", u"true", u"list", std::nullopt, u"<local>", std::nullopt},
         {"on", u"yes", u"list", u"proxy", u"list", u"abc"},

@@ -1,4 +1,4 @@
-// The service between a manager that the tests play and a real server: states, controls, and the way down.
+// The service between a scripted manager and a real server: states, controls, and the stop.
 #include <future>
 #include <optional>
 #include <utility>
@@ -19,12 +19,12 @@ using platform::Error;
 namespace control = platform::service_control;
 namespace error = platform::error;
 
-/// Plays the service manager, and instead of the main thread runs one that reads the state and logs like a worker.
+/// Plays the service manager. A thread that reads the state and logs stands in for the main thread.
 class Service : public test::HttpTest {
   protected:
     ~Service() override { End(); }
 
-    /// From the start to a stop; other threads go on.
+    /// Runs the service from its start to its end; other threads go on.
     void Run(std::uint32_t controlOnceItRuns) {
         End();
         control_ = controlOnceItRuns;
@@ -47,9 +47,9 @@ class Service : public test::HttpTest {
         if (const auto event = std::exchange(agentState.gv_stopEvent, 0)) real_.CloseEvent(event);
     }
 
-    std::string reports;  // the states' digits
+    std::string reports;  // the digits of the states
     platform::ServiceStatus lastReport;
-    int failingStep = -1;  // of the start: the event, the handler, the reports
+    int failingStep = -1;  // 0: the event, 1: the handler, from 2 on: the reports
     bool hasWorkers = true;
     std::vector<platform::ThreadHandle> threads;
     std::function<Error(platform::ThreadHandle, std::uint32_t)> waitForThread = platform::Threads().WaitForThread;
@@ -106,7 +106,7 @@ class Service : public test::HttpTest {
     platform::ScopedOperations<platform::ThreadOperations> threads_{Threads()};
 };
 
-TEST_F(Service, ControlsAreAnsweredWithAState) {
+TEST_F(Service, AnswersControlsWithItsState) {
     const std::pair<std::uint32_t, const char*> rows[] = {{control::pause, "7"},        {control::interrogate, "4"},
                                                           {control::resume, "4"},       {128, "4"},
                                                           {control::sessionChange, ""}, {200, "4"}};
@@ -117,17 +117,17 @@ TEST_F(Service, ControlsAreAnsweredWithAState) {
         EXPECT_EQ(HandlerEx(code, 0, nullptr, nullptr), 0U);
         EXPECT_EQ(reports, report) << code;
     }
-    EXPECT_TRUE(threads.empty()) << "no worker for an end is started";
+    EXPECT_TRUE(threads.empty()) << "no control was a stop";
     EXPECT_FALSE(Logged("SendAgentStatus"));
     EXPECT_TRUE(Logged(" HandlerEx : Service Control Pause notification is received \n"));
-    EXPECT_EQ(lastReport.dwServiceType, 48U);
-    EXPECT_EQ(lastReport.dwControlsAccepted, 135U);
+    EXPECT_EQ(lastReport.dwServiceType, 48U) << "of its own or a shared process";
+    EXPECT_EQ(lastReport.dwControlsAccepted, 135U) << "stop, pause and continue, shutdown, session change";
     agentState.gv_isWin2k = true;
     EXPECT_TRUE(ChangeServiceStatus(platform::ServiceState::paused));
-    EXPECT_EQ(lastReport.dwControlsAccepted, 7U);
+    EXPECT_EQ(lastReport.dwControlsAccepted, 7U) << "no session change";
 }
 
-TEST_F(Service, AStartThatFailsEndsAtOnce) {
+TEST_F(Service, EndsAtOnceIfAStepOfItsStartFails) {
     constexpr bool isFreed = true;
     const struct {
         const char* logged;
@@ -152,7 +152,7 @@ TEST_F(Service, AStartThatFailsEndsAtOnce) {
     }
 }
 
-TEST_F(Service, OnTheWayDownItTellsTheServerAndSavesTheCounters) {
+TEST_F(Service, TellsTheServerAndSavesTheCountersWhenItStops) {
     const struct {
         std::optional<std::u16string_view> enabled;
         std::uint32_t control;
@@ -194,14 +194,14 @@ TEST_F(Service, OnTheWayDownItTellsTheServerAndSavesTheCounters) {
         GetMALastCreatedJSONNum(stored);
         EXPECT_EQ(stored, agentState.gv_ocLastCreatedJSONNum);
         GetMALastCreatedZIPNum(stored);
-        EXPECT_EQ(stored, 40U) << "a number that was never settled is not saved";
+        EXPECT_EQ(stored, 40U) << "the agent has not set its own number yet";
     }
     hasWorkers = false;
     Run(control::stop);
-    EXPECT_EQ(reports, "2431") << "it stops without a worker, too";
+    EXPECT_EQ(reports, "2431") << "without a worker";
 }
 
-TEST_F(Service, AServerThatNeverAnswersAndASecondStopHoldUpNothing) {
+TEST_F(Service, StopsBesideASilentServerDespiteASecondStop) {
     std::promise<void> asked, hangUp;
     std::atomic<int> connections{0};
     const std::shared_future<void> mayHangUp = hangUp.get_future().share();
@@ -220,7 +220,7 @@ TEST_F(Service, AServerThatNeverAnswersAndASecondStopHoldUpNothing) {
         asked.get_future().wait();
         std::uint32_t stored = 0;
         GetMALastCreatedJSONNum(stored);
-        EXPECT_EQ(stored, 50U) << "before the report";
+        EXPECT_EQ(stored, 50U) << "saved before the report to the server";
         GetMALastCreatedZIPNum(stored);
         EXPECT_EQ(stored, 60U);
         HandlerEx(control::shutdown, 0, nullptr, nullptr);
@@ -231,7 +231,7 @@ TEST_F(Service, AServerThatNeverAnswersAndASecondStopHoldUpNothing) {
     EXPECT_EQ(waits, std::vector<std::uint32_t>(2, 20000));
     hangUp.set_value();
     End();
-    EXPECT_EQ(agentState.gv_custID, u"customer") << "other threads read on";
+    EXPECT_EQ(agentState.gv_custID, u"customer") << "other threads still read the state";
     logState.gv_logMaxSize = 1;
     Log1("late\n");
     EXPECT_FALSE(snmp::OpenToolkitLog("logs\\SNMP_agent.log"));
@@ -241,16 +241,13 @@ TEST_F(Service, AServerThatNeverAnswersAndASecondStopHoldUpNothing) {
     EXPECT_EQ(FilesIn(folder / "monitoring" / "logs"), std::vector<std::string>{"agent.log"});
 }
 
-TEST_F(Service, NoStepOfTheWayDownKeepsTheOthersFromTheirs) {
+TEST_F(Service, AFailedStepOfTheStopDoesNotPreventTheOthers) {
     SetEnableSendAgentStatus(u"yes");
     agentState.gv_ocLastCreatedJSONNum = 5;
     agentState.gv_ocLastCreatedZIPNum = 6;
-    platform::HttpOperations http = platform::Http();
-    http.WinHttpOpen = [](auto&&...) -> Error { throw std::runtime_error("no transport"); };
-    platform::RegistryOperations registry = platform::Registry();
-    registry.RegSetValueExW = [](auto&&...) { return error::diskFull; };
-    const platform::ScopedOperations scopedHttp(http);
-    const platform::ScopedOperations scopedRegistry(registry);
+    const test::Replaced noTransport(&platform::HttpOperations::WinHttpOpen,
+                                     [](auto&&...) -> Error { throw std::runtime_error("no transport"); });
+    const test::Replaced full(&platform::RegistryOperations::RegSetValueExW, [](auto&&...) { return error::diskFull; });
     EXPECT_EQ(AgentShutdownWorker(nullptr), 1U);
     for (const char* line : {"SendAgentStatus :: ended early : no transport", "LOGGING STOPPED",
                              "MALastCreatedJSONNum 5 cannot be stored. Error is [112]\n",

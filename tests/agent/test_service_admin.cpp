@@ -1,4 +1,4 @@
-// The agent's own service at a service manager in memory: what is handed over, and what the log says.
+// The agent's own service in a service manager in memory: the calls, and what the log says about them.
 #include "agent/service_admin.h"
 #include "foundation/agent_state.h"
 #include "platform/system_facts.h"
@@ -16,7 +16,7 @@ constexpr std::uint32_t never = UINT32_MAX;
 struct ServiceAdmin : TestAgent {
     ServiceAdmin() { agentState.gv_ocAgentBinPath = u"C:\\kv\\"; }
 
-    /// Puts the service into a state and lets one call fail, with 5: that whose text begins so; empty for none.
+    /// Puts the service into a state. The call that begins with a text fails with access denied (5); empty: none fails.
     void Set(const FakeService& state, const char* failing) {
         FakeService& service = fake.services[std::u16string(serviceName)] = state;
         if (service.pending == stopPending) service.since = Clock().GetTickCount64();
@@ -25,7 +25,7 @@ struct ServiceAdmin : TestAgent {
         logBefore_ = LogText().size();
     }
     std::string NewLog() const { return LogText().substr(logBefore_); }
-    /// Whether a line of the new log ends so.
+    /// Whether a line of the new log ends with a text.
     bool HasLogged(const char* text) const {
         return NewLog().find(" " + std::string(text) + "\n") != std::string::npos;
     }
@@ -39,7 +39,7 @@ struct ServiceAdmin : TestAgent {
     std::size_t logBefore_ = 0;
 };
 
-TEST_F(ServiceAdmin, InstallsAndRemoves) {
+TEST_F(ServiceAdmin, LogsHowInstallingAndRemovingWent) {
     const struct {
         void (*operation)();
         const char* failing;
@@ -61,11 +61,11 @@ TEST_F(ServiceAdmin, InstallsAndRemoves) {
     }
 }
 
-TEST_F(ServiceAdmin, HandsOverTheServiceAsItIsToRun) {
+TEST_F(ServiceAdmin, InstallsAnAutomaticServiceThatIsRestarted) {
     Install();
     const ServiceDefinition& made = fake.definition;
     EXPECT_TRUE(made.name == serviceName && made.displayName == serviceName);
-    EXPECT_EQ(made.type, 272U);
+    EXPECT_EQ(made.type, 272U) << "its own process, with a desktop";
     EXPECT_EQ(made.start, ServiceStartType::automatic);
     EXPECT_EQ(made.errorControl, ServiceErrorControl::normal);
     EXPECT_EQ(made.binaryPath, u"\"C:\\kv\\MonitoringAgent.exe\"");
@@ -77,7 +77,7 @@ TEST_F(ServiceAdmin, HandsOverTheServiceAsItIsToRun) {
     EXPECT_EQ(steps, "1:10000 1:10000 0:10000 ");
 }
 
-TEST_F(ServiceAdmin, StartsAndTellsHowItWent) {
+TEST_F(ServiceAdmin, LogsHowAStartWent) {
     const struct {
         FakeService service;
         const char* failing;
@@ -100,7 +100,7 @@ TEST_F(ServiceAdmin, StartsAndTellsHowItWent) {
     }
 }
 
-TEST_F(ServiceAdmin, StopsAndLooksAgainAfterAMinute) {
+TEST_F(ServiceAdmin, LogsHowAStopWent) {
     const struct {
         FakeService service;
         const char* failing;
@@ -138,7 +138,7 @@ TEST_F(ServiceAdmin, RestartStopsAndStarts) {
         EXPECT_TRUE(HasLogged(line)) << NewLog();
 }
 
-TEST_F(ServiceAdmin, TellsOldSystemsByTheirVersion) {
+TEST_F(ServiceAdmin, RecognisesOldSystemsByTheirVersion) {
     const char* unknown = "\t IsWin2kOS : Problem in identifying the operating system !!!";
     const struct {
         std::uint32_t major, minor;
@@ -153,14 +153,12 @@ TEST_F(ServiceAdmin, TellsOldSystemsByTheirVersion) {
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.logged);
-        SystemFactOperations facts = SystemFacts();
-        facts.GetVersionExW = [&row](SystemVersion& version) {
+        const Replaced facts(&SystemFactOperations::GetVersionExW, [&row](SystemVersion& version) {
             version.family = SystemFamily::nt;
             version.major = row.major;
             version.minor = row.minor;
             return row.result;
-        };
-        const ScopedOperations scoped(facts);
+        });
         const std::size_t before = LogText().size();
         EXPECT_EQ(IsWin2kOS(), row.isOld);
         EXPECT_NE(LogText().find(row.logged + std::string("\n"), before), std::string::npos);

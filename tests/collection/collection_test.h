@@ -1,4 +1,4 @@
-// What tests of collection share.
+// The fixture of the tests of collection.
 #pragma once
 
 #include <iterator>
@@ -18,11 +18,10 @@ namespace kv::test {
 
 namespace fs = std::filesystem;
 
-/// A script, its record and a part of the log.
 struct ScriptRow {
     const char* title;
-    std::string body, record;
-    const char* logged;
+    std::string body, record;  // of the script, and what it becomes
+    const char* logged;        // a part of the log
 };
 
 class Collection : public TestAgent {
@@ -37,7 +36,7 @@ class Collection : public TestAgent {
         fs::permissions(conf / "scripts" / name, fs::perms::owner_all);
     }
 
-    /// Runs a new script with its output wanted and gives its record's text in UTF-8, or "(none)".
+    /// Runs a new script whose output is wanted; the text of its record in UTF-8, or "(absent)".
     std::string RunScript(const std::string& body, std::u16string_view parameters = u"") {
         WriteScript("script.bat", body);
         EXPECT_EQ(ExecuteScript(u"script.bat", parameters, u"TRUE"), 0);
@@ -53,10 +52,10 @@ class Collection : public TestAgent {
 
     std::string Record(std::uint32_t number) const {
         const fs::path path = data / ("Agent_K_" + std::to_string(number) + ".txt");
-        return fs::exists(path) ? platform::Utf8FromWide(TextFromUtf16LittleEndian(Read(path))) : "(none)";
+        return fs::exists(path) ? platform::Utf8FromWide(TextFromUtf16LittleEndian(Read(path))) : "(absent)";
     }
 
-    std::ptrdiff_t DataFiles() const { return std::distance(fs::directory_iterator(data), {}); }
+    std::ptrdiff_t CountDataFiles() const { return std::distance(fs::directory_iterator(data), {}); }
 };
 
 }  // namespace kv::test

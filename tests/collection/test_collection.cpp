@@ -1,4 +1,4 @@
-// Collection from a workflow entry to record files, with real scripts run by the real command interpreter.
+// Collection from a workflow to record files, with real scripts and the real command interpreter.
 #include <cstring>
 #include <gmock/gmock.h>
 #include <thread>
@@ -20,8 +20,8 @@ using ::testing::EndsWith;
 using ::testing::StartsWith;
 using namespace std::string_view_literals;
 
-/// What comes of script output that arrives in these blocks.
-std::u16string Convert(platform::ScriptOutputEncoding encoding, const std::vector<std::string_view>& blocks) {
+/// The text of script output that arrives in these blocks.
+std::u16string ConvertOutput(platform::ScriptOutputEncoding encoding, const std::vector<std::string_view>& blocks) {
     ScriptOutputConverter converter;
     converter.encoding = encoding;
     std::string bytes;
@@ -33,14 +33,12 @@ std::u16string Convert(platform::ScriptOutputEncoding encoding, const std::vecto
     return TextFromUtf16LittleEndian(bytes);
 }
 
-TEST(ScriptOutput, BecomesUtf16WithoutByteOrderMarkWhereverItIsCutInTwo) {
-    platform::ProcessOperations processes = platform::Processes();
-    processes.WideFromConsoleBytes = [](std::string_view bytes) {  // a code page like ISO 8859-1
+TEST(ScriptOutput, BecomesUtf16WithoutItsMarkWhereverItIsCut) {
+    const Replaced latin1(&platform::ProcessOperations::WideFromConsoleBytes, [](std::string_view bytes) {
         std::u16string text;
         for (const char byte : bytes) text += static_cast<unsigned char>(byte);
         return text;
-    };
-    const platform::ScopedOperations scoped(processes);
+    });
     const std::string longLine(70'000, 'x');
     const std::u16string longText(70'000, u'x');
     constexpr auto utf8 = platform::ScriptOutputEncoding::utf8;
@@ -54,66 +52,68 @@ TEST(ScriptOutput, BecomesUtf16WithoutByteOrderMarkWhereverItIsCutInTwo) {
     for (const Row& row : std::vector<Row>{
              {"ASCII and a NUL", utf8, "a\0b\n"sv, u"a\0b\n"sv},
              {"two, three and four bytes", utf8, "\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80.", u"\u00e9\u20ac\U0001f600."},
-             {"only the first is a mark", utf8, "\xEF\xBB\xBF\xEF\xBB\xBFx", u"\uFEFFx"},
-             {"each line by itself", utf8, "\xC3\xA9\n\xC3\xA9\x84(\n\xE2\x82\xAC",
+             {"only the first mark goes", utf8, "\xEF\xBB\xBF\xEF\xBB\xBFx", u"\uFEFFx"},
+             {"each line is judged alone", utf8, "\xC3\xA9\n\xC3\xA9\x84(\n\xE2\x82\xAC",
               u"\u00e9\n\u00C3\u00A9\u0084(\n\u20ac"},
              {"cut at the end", utf8, "ab\xE2\x82", u"ab\u00E2\u0082"},
              {"a surrogate written as UTF-8", utf8, "\xED\xA0\x80z", u"\u00ED\u00A0\u0080z"},
              {"UTF-16 with its mark", utf16, "\xFF\xFE\x61\x00\xAC\x20"sv, u"a\u20ac"},
              {"half a unit at the end", utf16, "a\0b"sv, u"a\uFFFD"},
-             {"UTF-16 that its mark tells", utf8, "\xFF\xFE\xAC\x20\n\0"sv, u"\u20ac\n"},
-             {"nothing but the mark", utf8, "\xFF\xFE", u""},
-             {"UTF-16 that its zeros tell", utf8, "{\0}\0\xFF\xFE"sv, u"{}\uFEFF"},
-             {"two bytes tell nothing", utf8, "{\0"sv, u"{\0"sv},
-             {"a mark further down", utf8, "abcd\n\xFF\xFE", u"abcd\n\u00FF\u00FE"},
+             {"a mark shows UTF-16", utf8, "\xFF\xFE\xAC\x20\n\0"sv, u"\u20ac\n"},
+             {"only a mark", utf8, "\xFF\xFE", u""},
+             {"zeros show UTF-16", utf8, "{\0}\0\xFF\xFE"sv, u"{}\uFEFF"},
+             {"two bytes are too few to show it", utf8, "{\0"sv, u"{\0"sv},
+             {"a mark in a later line", utf8, "abcd\n\xFF\xFE", u"abcd\n\u00FF\u00FE"},
              {"a long line", utf8, longLine, longText},
          }) {
         SCOPED_TRACE(row.title);
         const std::size_t step = 1 + row.bytes.size() / 10;
         for (std::size_t cut = 0; cut <= row.bytes.size(); cut += step)
-            EXPECT_EQ(Convert(row.encoding, {row.bytes.substr(0, cut), row.bytes.substr(cut)}), row.expected) << cut;
+            EXPECT_EQ(ConvertOutput(row.encoding, {row.bytes.substr(0, cut), row.bytes.substr(cut)}), row.expected)
+                << cut;
     }
 }
 
-TEST_F(Collection, ScriptOutputBecomesARecordWhateverTheEnd) {
+TEST_F(Collection, ScriptOutputBecomesARecordWhateverTheExitCode) {
     RunEach({{"arguments in order", printArguments, "K,Disks,100,-5,b c" + lineEnd, "Output File Found"},
-             {"nothing printed", "exit 0", "", "Error Code : 0 "},
-             {"standard error is no record", "echo bad >&2", "", "Error Code : 0 "},
-             {"failed", "echo half\nexit 3", "half" + lineEnd, "Error Code : 3 "}},
+             {"no output", "exit 0", "", "Error Code : 0 "},
+             {"standard error is dropped", "echo bad >&2", "", "Error Code : 0 "},
+             {"a failed script", "echo half\nexit 3", "half" + lineEnd, "Error Code : 3 "}},
             u"K Disks 100 -5 \"b c\"");
-    EXPECT_EQ(DataFiles(), 4) << "nothing but the records is left";
+    EXPECT_EQ(CountDataFiles(), 4) << "only the records are left";
 }
 
-TEST_F(Collection, OutputThatGrowsFasterThanItIsReadEndsWhereItStood) {
-    platform::FileOperations files = platform::Files();
-    files.ReadFile = [](platform::FileHandle, void* buffer, std::size_t size, std::size_t& read) {
+TEST_F(Collection, OutputIsReadUpToItsSizeAtTheEnd) {
+    const Replaced endless(&platform::FileOperations::ReadFile, [](auto, void* buffer, auto size, std::size_t& read) {
         std::memset(buffer, 'y', size);
-        return read = size, platform::error::success;
-    };
-    const platform::ScopedOperations<platform::FileOperations> scoped(files);
+        read = size;
+        return platform::error::success;
+    });
     WriteScript("fast.bat", "echo yyy");
     ExecuteScript(u"fast.bat", u"", u"true");
     EXPECT_EQ(fs::file_size(data / "Agent_K_1.txt"), 2 * (3 + lineEnd.size()));
 }
 
-TEST_F(Collection, AScriptThatPrintsMoreThanTheBoundIsEnded) {
+TEST_F(Collection, AScriptIsEndedWhenItPrintsTooMuch) {
     std::uint64_t printed = 268435456;  // 256 MiB
     int ended = 0;
     int waits = 0;
-    platform::FileOperations files = platform::Files();
-    files.GetFileSizeEx = [&, real = files.GetFileSizeEx](platform::FileHandle file, std::uint64_t& size) {
-        const platform::Error error = real(file, size);
-        if (size == 1 + lineEnd.size()) size = printed;
-        return error;
-    };
+    const Replaced sizes(&platform::FileOperations::GetFileSizeEx,
+                         [&, real = platform::Files().GetFileSizeEx](auto file, std::uint64_t& size) {
+                             const platform::Error error = real(file, size);
+                             if (size == 1 + lineEnd.size()) size = printed;
+                             return error;
+                         });
     platform::ProcessOperations processes = platform::Processes();
     processes.WaitForSingleObject = [&, real = processes.WaitForSingleObject](auto process, std::uint32_t) {
-        const platform::Error error = real(process, 20'000);  // all has been printed at the first look
+        const platform::Error error = real(process, 20'000);  // it prints everything before the first timeout
         return ++waits == 1 ? platform::error::waitTimeout : error;
     };
-    processes.TerminateProcess = [&](auto) { return ++ended, platform::error::success; };
-    const platform::ScopedOperations scopedFiles(files);
-    const platform::ScopedOperations scopedProcesses(processes);
+    processes.TerminateProcess = [&](auto) {
+        ++ended;
+        return platform::error::success;
+    };
+    const platform::ScopedOperations scoped(processes);
     EXPECT_EQ(RunScript("echo y"), "y" + lineEnd);
     EXPECT_EQ(ended, 0);
     EXPECT_FALSE(Logged("its record is cut"));
@@ -126,38 +126,40 @@ TEST_F(Collection, AScriptThatPrintsMoreThanTheBoundIsEnded) {
         EXPECT_TRUE(Logged(part)) << part;
 }
 
-TEST_F(Collection, TheExitCodeDecidesOverSuccess) {
+TEST_F(Collection, TheExitCodeDecidesWhetherACommandSucceeded) {
     WriteScript("exit.bat", "exit 0");
-    platform::ProcessOperations processes = platform::Processes();
-    const std::u16string line = processes.ComposeScriptLine({u"", u"..\\conf\\scripts\\exit.bat", u"", std::nullopt});
+    const std::u16string line =
+        platform::Processes().ComposeScriptLine({u"", u"..\\conf\\scripts\\exit.bat", u"", std::nullopt});
     std::u16string remarks;
     for (const auto& [code, result] :
          std::vector<std::pair<std::uint32_t, int>>{{0, 1}, {1641, 1}, {3010, 1}, {1, 0}, {1640, 0}, {0xC0000005, 0}}) {
-        processes.GetExitCodeProcess = [exitCode = code](platform::ProcessHandle, std::uint32_t& out) {
-            return out = exitCode, platform::error::success;
-        };
-        const platform::ScopedOperations<platform::ProcessOperations> scoped(processes);
+        const Replaced exits(&platform::ProcessOperations::GetExitCodeProcess, [code = code](auto, std::uint32_t& out) {
+            out = code;
+            return platform::error::success;
+        });
         EXPECT_EQ(execute(std::nullopt, line, remarks, 2, true), result) << code;
         EXPECT_EQ(remarks.rfind(u"Error Code : ", 0), 0u);
     }
     EXPECT_EQ(execute(u"no such directory", line, remarks, 2, true), 0);
-    EXPECT_EQ(execute(u"..\\conf", line, remarks, 0, true), 1) << "not waited for";
-    EXPECT_EQ(fs::current_path(), bin) << "the working directory is put back";
+    EXPECT_EQ(execute(u"..\\conf", line, remarks, 0, true), 1) << "it does not wait";
+    EXPECT_EQ(fs::current_path(), bin) << "the former working directory";
 }
 
-TEST_F(Collection, OnlyScriptsBelowTheScriptsDirectoryRunByTheirHost) {
+TEST_F(Collection, RunsOnlyScriptsBelowTheScriptsDirectory) {
     WriteScript("sub..dir/deep.bat", "echo ran");
     for (const char16_t* name :
          {u"/bin/true", u"..\\..\\..\\outside.sh", u"", u"sub..dir/../../../../outside.sh", u"c:x.sh"})
         ExecuteScript(name, u"", u"true");
-    EXPECT_EQ(agentState.gv_ocLastCreatedJSONNum, 0u) << "none came as far as taking a number";
+    EXPECT_EQ(agentState.gv_ocLastCreatedJSONNum, 0u) << "each is refused before it takes a number";
     EXPECT_TRUE(Logged("..\\..\\..\\outside.sh does not name a file below the scripts directory"));
     ExecuteScript(u"sub..dir\\deep.bat", u"", u"true");
     EXPECT_EQ(Record(1), "ran" + lineEnd);
     ExecuteScript(u"missing.sh", u"", u"yes");
-    EXPECT_TRUE(Logged("missing.sh")) << "the failed command is named";
+    EXPECT_TRUE(Logged("missing.sh")) << "the log names the failed command";
     EXPECT_EQ(agentState.gv_ocLastCreatedJSONNum, 1u) << "unwanted output takes no number";
+}
 
+TEST_F(Collection, TheExtensionDecidesAboutTheScriptHost) {
     platform::ProcessOperations processes = platform::Processes();
     std::u16string host;
     processes.ComposeScriptLine = [&host](const platform::ScriptCommand& command) { return host = command.scriptHost; };
@@ -169,21 +171,20 @@ TEST_F(Collection, OnlyScriptsBelowTheScriptsDirectoryRunByTheirHost) {
     }
 }
 
-TEST_F(Collection, AFullDiskCostsTheRecordInHandOnly) {
+TEST_F(Collection, AFullDiskLosesOnlyTheRecordThatIsWritten) {
     {
-        platform::FileOperations files = platform::Files();
-        files.WriteFile = [real = files.WriteFile](auto file, const void* bytes, std::size_t size) {
-            return size == 100000 ? platform::error::diskFull : real(file, bytes, size);
-        };
-        const platform::ScopedOperations<platform::FileOperations> full(files);
+        const Replaced full(&platform::FileOperations::WriteFile,
+                            [real = platform::Files().WriteFile](auto file, const void* bytes, std::size_t size) {
+                                return size == 100000 ? platform::error::diskFull : real(file, bytes, size);
+                            });
         const std::string firstBlock = std::string(65535, 'x') + "\n";
         Write(bin / "big", firstBlock + std::string(50000, 'x'));
         EXPECT_EQ(RunScript(printFile + "big"), firstBlock);
         EXPECT_TRUE(Logged("Agent_K_1.txt is sent as it is, cut after 131072 bytes"));
         Write(bin / "big", std::string(50000, 'x'));
-        EXPECT_EQ(RunScript(printFile + "big"), "(none)") << "full at once";
+        EXPECT_EQ(RunScript(printFile + "big"), "(absent)") << "the first block is refused";
     }
-    EXPECT_EQ(DataFiles(), 1);
+    EXPECT_EQ(CountDataFiles(), 1);
     EXPECT_TRUE(Logged("Agent_K_2.out cannot be made a record file and is lost"));
     EXPECT_TRUE(Logged("Error code : 112"));
     EXPECT_EQ(RunScript("echo again"), "again" + lineEnd);
@@ -191,18 +192,17 @@ TEST_F(Collection, AFullDiskCostsTheRecordInHandOnly) {
 
     fs::remove_all(data);
     Write(data, "a file where the data directory should be");
-    EXPECT_EQ(RunScript("echo lost"), "(none)");
+    EXPECT_EQ(RunScript("echo lost"), "(absent)");
     ExecuteWMIQuery(std::nullopt, u"SELECT * FROM X", u"X");
     EXPECT_TRUE(Logged("Agent_K_5.txt cannot be written, its record is lost"));
 }
 
-TEST_F(Collection, AWorkflowRunsItsRecordsInOrderByKind) {
+TEST_F(Collection, AWorkflowRunsItsRecordsInOrder) {
     const VirtualClock clock;
     agentState.gv_timeDiff = 3600;
     WriteScript("args.bat", printArguments);
-    platform::WmiOperations wmi = platform::Wmi();
-    wmi.ExecQuery = [](auto&&...) { return platform::wmi_status::invalidClass; };
-    const platform::ScopedOperations<platform::WmiOperations> refusing(wmi);
+    const Replaced refusing(&platform::WmiOperations::ExecQuery,
+                            [](auto&&...) { return platform::wmi_status::invalidClass; });
     HashTable* const plan = MakeHashTable().release();
     ASSERT_TRUE(JSONTextToHash(plan,
                                uR"({"WorkFlows":[{"wfname":"w","recordSetName":[
@@ -225,7 +225,7 @@ TEST_F(Collection, AWorkflowRunsItsRecordsInOrderByKind) {
     EXPECT_EQ(Record(3),
               "{ \"PROTOCOL\": \"SPOLL\", \"MSPCUSTOMERID\": \"Acme\", \"ID\": \"\", "
               "\"DATACOLLECTTIME\": \"1772705107\", \"STATUS\": \"FAILURE\", \"OID\": \"\" }");
-    EXPECT_EQ(DataFiles(), 3);
+    EXPECT_EQ(CountDataFiles(), 3);
     for (const char* line :
          {"a WMI record without the text wmiQuery", "a WMI record without the text Name",
           "a script record without the text script", "script is not a text, a whole number",
@@ -236,9 +236,9 @@ TEST_F(Collection, AWorkflowRunsItsRecordsInOrderByKind) {
     }
 }
 
-TEST_F(Collection, NumbersGoOnBehindTheFilesOnDisk) {
+TEST_F(Collection, NumbersContinueAfterTheFilesOnDisk) {
     VerifyLastFileNum();
-    EXPECT_EQ(agentState.gv_ocLastCreatedJSONNum, 1u) << "neither a value nor files";
+    EXPECT_EQ(agentState.gv_ocLastCreatedJSONNum, 1u) << "without a stored number and files";
     SetMALastCreatedJSONNum(3);
     SetMALastCreatedZIPNum(40);
     for (const char* name :
@@ -251,22 +251,22 @@ TEST_F(Collection, NumbersGoOnBehindTheFilesOnDisk) {
     RemoveUnfinishedRecordFiles();
     VerifyLastFileNum();
     EXPECT_EQ(agentState.gv_ocLastCreatedJSONNum, 7u);
-    EXPECT_EQ(agentState.gv_ocLastCreatedZIPNum, 40u) << "numbers are only ever raised";
+    EXPECT_EQ(agentState.gv_ocLastCreatedZIPNum, 40u) << "a number is never lowered";
     std::uint32_t stored = 0;
     GetMALastCreatedJSONNum(stored);
     EXPECT_EQ(stored, 7u);
     EXPECT_EQ(NextRecordPath(u"data"), u"data\\Agent_K_8");
     agentState.gv_ocLastCreatedJSONNum = 6;
-    EXPECT_EQ(NextRecordPath(u"data"), u"data\\Agent_K_8") << "the unsent record 7 is not written over";
+    EXPECT_EQ(NextRecordPath(u"data"), u"data\\Agent_K_8") << "the unsent record 7 stays";
     agentState.gv_agentKey.Publish(u"my_key");
     VerifyLastFileNum();
-    EXPECT_EQ(agentState.gv_ocLastCreatedJSONNum, 900u) << "of a key with underscores, too";
+    EXPECT_EQ(agentState.gv_ocLastCreatedJSONNum, 900u) << "a key with underscores";
     std::u16string theirs;
     std::thread other([&theirs] { theirs = NextRecordPath(u"data"); });
     const std::u16string ours = NextRecordPath(u"data");
     other.join();
-    EXPECT_NE(ours, theirs) << "two threads never take one number";
-    EXPECT_EQ(DataFiles(), 8);
+    EXPECT_NE(ours, theirs) << "each thread takes its own number";
+    EXPECT_EQ(CountDataFiles(), 8);
     EXPECT_TRUE(Logged("Agent_K_9.out was left unfinished"));
 }
 

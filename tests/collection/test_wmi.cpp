@@ -1,4 +1,4 @@
-// One WMI query of the agent on scripted operations, step by step, and how values and failures read in a record.
+// The agent's WMI query on scripted operations, and the texts of values and failures in a record.
 #include <cmath>
 #include <new>
 #include <tuple>
@@ -19,7 +19,7 @@ using namespace std::string_literals;
 using platform::Variant;
 using enum platform::VariantType;
 
-/// The system knows none of the numbers, and WMI's library its own.
+/// The system does not know WMI's numbers; WMI's library does.
 const platform::MessageOperations messageTexts{
     .FormatMessageW = [](auto) { return std::nullopt; },
     .LoadLibraryW =
@@ -35,11 +35,13 @@ const platform::MessageOperations messageTexts{
         },
 };
 
-/// Answers a query with the objects 4 and 5 of two properties each; one call, by its text, fails or throws.
+/// Answers a query with the objects 4 and 5, which have two properties each. The call with the text `failing` fails, or
+/// throws if `failure` is ok.
 class WmiQuery : public TestAgent {
   protected:
     using Handle = platform::WmiHandle;
 
+    /// Notes a call and gives out a handle.
     platform::WmiStatus Call(const std::string& call, Handle number = 0, Handle* handle = nullptr) {
         calls += call + ' ';
         if (call == failing && failure == platform::wmi_status::ok) throw std::bad_alloc();
@@ -62,7 +64,11 @@ class WmiQuery : public TestAgent {
                     count = ++last <= 5 ? 1 : 0;
                     return Call("next" + std::to_string(last), last, count == 1 ? &object : nullptr);
                 },
-            .BeginEnumeration = [this](Handle object) { return property = 0, Call("begin" + std::to_string(object)); },
+            .BeginEnumeration =
+                [this](Handle object) {
+                    property = 0;
+                    return Call("begin" + std::to_string(object));
+                },
             .NextProperty =
                 [this](Handle object, auto& name, auto& value) {
                     name = property == 0 ? u"First" : u"Second";
@@ -84,7 +90,7 @@ class WmiQuery : public TestAgent {
     const platform::ScopedOperations<platform::MessageOperations> scopedTexts{messageTexts};
 };
 
-TEST_F(WmiQuery, GivesEverythingBackInReverseOrderWhereverItEnds) {
+TEST_F(WmiQuery, ReleasesEverythingInReverseOrderWhereverItEnds) {
     const std::string started = "up security create ROOT\\CIMV2 blanket query ", end = "-3 -2 -1 down ";
     const std::string row4 = "next4 begin4 property4 property4 end -4 ";
     const std::string row5 = "next5 begin5 property5 property5 end -5 ";
@@ -126,7 +132,7 @@ TEST_F(WmiQuery, GivesEverythingBackInReverseOrderWhereverItEnds) {
         EXPECT_TRUE(Logged(line)) << line;
 }
 
-TEST_F(WmiQuery, LeavesItsRowsInTheRecordBesideTheError) {
+TEST_F(WmiQuery, KeepsTheRowsBeforeAnErrorInTheRecord) {
     agentState.gv_agentKey.Publish(u"K");
     failing = "next6";
     ExecuteWMIQuery(u"ROOT\\X", u"SELECT", u"Disks");
@@ -138,7 +144,7 @@ TEST_F(WmiQuery, LeavesItsRowsInTheRecordBesideTheError) {
     EXPECT_TRUE(Logged("\t WMIFunction :: C: was left out \n"));
 }
 
-TEST(WmiText, OfEveryTypeOfValue) {
+TEST(WmiText, HasAFormForEveryType) {
     for (const auto& [title, value, text] : std::vector<std::tuple<const char*, Variant, std::u16string_view>>{
              {"NULL", {null, 0, 0, u""}, u"-"},
              {"16 bits are unsigned", {i2, -2, 0, u""}, u"65534"},
@@ -146,13 +152,13 @@ TEST(WmiText, OfEveryTypeOfValue) {
              {"real to ten places", {r8, 0, 3.5, u""}, u"    3.5000"},
              {"real of 31 characters", {r8, 0, 1e25, u""}, u"10000000000000000905969664.0000"},
              {"longer real is cut", {r8, 0, -1e25, u""}, u"-10000000000000000905969664.000"},
-             {"no number", {r8, 0, -INFINITY, u""}, u"      -inf"},
+             {"not a number that can be written", {r8, 0, -INFINITY, u""}, u"      -inf"},
              {"false", {boolean, 0, 0, u""}, u"False"},
              {"true", {boolean, -1, 0, u""}, u"True"},
-             {"byte below a blank", {ui1, 0x1F, 0, u""}, u"31"},
-             {"byte from a blank on", {ui1, 0x20, 0, u""}, u"' '"},
+             {"a byte below the blank", {ui1, 0x1F, 0, u""}, u"31"},
+             {"a byte from the blank on", {ui1, 0x20, 0, u""}, u"' '"},
              {"date", {date, 0, 0, u""}, u"<conversion error>"},
-             {"nothing", {empty, 0, 0, u""}, u"<conversion error>"},
+             {"no value", {empty, 0, 0, u""}, u"<conversion error>"},
          }) {
         EXPECT_EQ(VariantToString(value), text) << title;
     }

@@ -7,7 +7,6 @@
 #include "foundation/file_utils.h"
 #include "lab/server.h"
 #include "lab/store.h"
-#include "platform/utf.h"
 #include "tests/end_to_end/installed_agent.h"
 #include "tests/support/test_agent.h"
 

@@ -362,7 +362,7 @@ TEST_F(Requests, QueriesAndServicesAreTriedHere) {
     FakeServices fake;
     fake.services = {{u"A", {.state = stopped}}, {u"B", {.state = running}}, {u"C", {.state = running}}};
     agentState.gv_timeDiff = 30;  // as long as the poller sleeps behind a list
-    const std::string name = TextOf(RunWmiQuery("SELECT Name FROM Win32_OperatingSystem").rows.at(0), "Name");
+    const std::string name = PropertyText(RunWmiQuery("SELECT Name FROM Win32_OperatingSystem").rows.at(0), "Name");
     const std::string row = R"([ { "Name": ")" + std::regex_replace(name, std::regex("/"), "\\/") + R"(" } ])";
     const struct {
         const char *type, *wanted, *members;

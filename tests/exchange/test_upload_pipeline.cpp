@@ -124,7 +124,7 @@ TEST_F(UploadPipeline, EveryZipIsTriedInEveryPassUntilAcceptedAndCollectionStops
     QueueZips(queue);
     const auto pass = [&](int answer, std::int64_t secondsLater) {
         status = answer;
-        clock.advanceMilliseconds(secondsLater * 1000);
+        clock.AdvanceMilliseconds(secondsLater * 1000);
         SendDetailstoCS(3);
         EXPECT_EQ(Tried(), queue);
         return agentState.gv_collectData.load();
@@ -344,7 +344,7 @@ TEST_F(UploadPipeline, AClockThatIsSetHoldsUpNoPassAndNeitherHidesNorMakesAnOuta
     status = 503;
     RunFor(59);
     EXPECT_THAT(Tried(), IsEmpty()) << "the first minute";
-    clock.advanceMilliseconds(VirtualClock::startMilliseconds - clock.nowMilliseconds());
+    clock.AdvanceMilliseconds(VirtualClock::startMilliseconds - clock.nowMilliseconds());
     RunFor(60 + 305 * 80);
     EXPECT_NEAR(static_cast<double>(tried.size()), 82, 2);
     EXPECT_NEAR(static_cast<double>(stopped), 60 + 360 * 60, 310);

@@ -36,9 +36,9 @@ TEST_F(Locks, APurgeTakesWhatIsOlderThanFiveMinutes) {
     VirtualClock clock;
     int one = 0, other = 0;
     SynchronizeResource_MSP(&one);
-    clock.advanceMilliseconds(1000);
+    clock.AdvanceMilliseconds(1000);
     SynchronizeResource_MSP(&other);
-    clock.advanceMilliseconds(300'000);
+    clock.AdvanceMilliseconds(300'000);
     CleanResourceLockTable_MSP();
     EXPECT_EQ(IsResourceLocked_MSP(&one), 2);
     EXPECT_EQ(IsResourceLocked_MSP(&other), 1);

@@ -19,11 +19,11 @@ TEST(Time, PrintsTheClock) {
     test::VirtualClock clock;  // 2026-03-05 09:05:07
     EXPECT_STREQ(GetTimeString(0), "09:05:07 pm");
     EXPECT_STREQ(GetCurrDateString(), "05-03-26");
-    clock.advanceMilliseconds(8 * 3600 * 1000);
+    clock.AdvanceMilliseconds(8 * 3600 * 1000);
     EXPECT_STREQ(GetTimeString(0), "05:05:07 pm");
     EXPECT_STREQ(GetTimeString(1), "17:05:07");
     GetAgentStartUpTime();
-    clock.advanceMilliseconds(61500);
+    clock.AdvanceMilliseconds(61500);
     EXPECT_EQ(GetUpTimeSeconds(0), 61);
     EXPECT_EQ(GetUpTimeSeconds(1), 6100);
 }

@@ -69,9 +69,9 @@ TEST_F(Timer, ArmsAJobAgainFromTheStartOfThePass) {
          }) {
         SCOPED_TRACE(row.title);
         DeleteTimerEntryByName(u"DEFAULT");
-        clock.advanceMilliseconds(VirtualClock::startMilliseconds - clock.nowMilliseconds());
+        clock.AdvanceMilliseconds(VirtualClock::startMilliseconds - clock.nowMilliseconds());
         seconds.clear();
-        whileRunning = [&] { clock.advanceMilliseconds(row.takesSeconds * 1000); };
+        whileRunning = [&] { clock.AdvanceMilliseconds(row.takesSeconds * 1000); };
         Add(1, {.interval = row.period, .unit = row.unit, .repeatCount = row.repeatCount});
         RunFor(row.runForSeconds);
         EXPECT_EQ(seconds, row.expected);
@@ -93,13 +93,13 @@ TEST_F(Timer, AClockThatIsSetCostsNoRun) {
          }) {
         SCOPED_TRACE(row.title);
         InitTimerManager();
-        clock.advanceMilliseconds(VirtualClock::startMilliseconds - clock.nowMilliseconds());
+        clock.AdvanceMilliseconds(VirtualClock::startMilliseconds - clock.nowMilliseconds());
         std::int64_t passed = 0;
         Seconds ran;
         whileRunning = [&] { ran.size() < 100 ? ran.push_back(passed) : throw TimeIsUp(); };
         clock.onSleep = [&](std::uint32_t) {
             const auto step = row.steps.find(++passed);
-            if (step != row.steps.end()) clock.advanceMilliseconds(step->second * 1000);
+            if (step != row.steps.end()) clock.AdvanceMilliseconds(step->second * 1000);
             if (passed > 130) throw TimeIsUp();
         };
         Add(1, {.interval = 60});

@@ -98,7 +98,7 @@ TEST_F(SnmpManager, EndsAWalkWhereItCannotGoOn) {
     VirtualClock clock;
     char last = 0;
     const ScriptedDevice slow([&](std::string_view) {
-        clock.advanceMilliseconds(25 * 60 * 1000);
+        clock.AdvanceMilliseconds(25 * 60 * 1000);
         return std::vector<std::string>{MessageOf({.variables = {Variable(++last, 0x04, "v")}})};
     });
     Answer({.port = slow.port(), .type = snmpWalk, .oids = {".1.3.6.1.9"}});

@@ -223,7 +223,7 @@ TEST_F(SnmpValues, AWaiterSleepsLongerEachTime) {
     UnsynchronizeResource(&list);
     EXPECT_TRUE(Logged("Alert! something went wrong...\n"));
     SynchronizeResource(&list);
-    clock.advanceMilliseconds(301 * 1000);
+    clock.AdvanceMilliseconds(301 * 1000);
     EXPECT_EQ(HandleResource(nullptr, LockOperation::purge), 1);
     EXPECT_EQ(HandleResource(&list, LockOperation::lock), 1) << "the lost lock is gone";
     EXPECT_EQ(SynchronizeObject(&list), 2);

@@ -14,34 +14,34 @@ using platform::error::success;
 
 namespace {
 
-ServiceStatus StatusOf(const FakeService& service) {
+ServiceStatus CurrentStatus(const FakeService& service) {
     const std::uint64_t passed = Clock().GetTickCount64() - service.since;
     if (service.since == 0 || passed >= service.takes) return {.dwCurrentState = service.state};
     const auto checkPoint = static_cast<std::uint32_t>(std::min<std::uint64_t>(passed / service.checkPointEvery, 2));
     return {.dwCurrentState = service.pending, .dwCheckPoint = checkPoint, .dwWaitHint = service.waitHint};
 }
 
-void Change(FakeService& service, ServiceState pending, ServiceState state) {
+void BeginChange(FakeService& service, ServiceState pending, ServiceState state) {
     service.pending = pending;
     service.state = state;
     service.since = Clock().GetTickCount64();
 }
 
-Error Start(FakeService& service) {
-    if (StatusOf(service).dwCurrentState != stopped) return error::serviceAlreadyRunning;
-    Change(service, startPending, service.startsTo);
+Error StartService(FakeService& service) {
+    if (CurrentStatus(service).dwCurrentState != stopped) return error::serviceAlreadyRunning;
+    BeginChange(service, startPending, service.startsTo);
     return success;
 }
 
 }  // namespace
 
-Error FakeServices::Call(const char* operation, ServiceHandle handle, std::uint32_t right) {
-    const OpenHandle of = handle == 0 ? OpenHandle() : open_.at(handle);
+Error FakeServices::Refusal(const char* operation, ServiceHandle handle, std::uint32_t right) {
+    const OpenHandle opened = handle == 0 ? OpenHandle() : open_.at(handle);
     const auto isFailing = [this](const std::string& call) { return !failing.empty() && call.starts_with(failing); };
     const auto passed = std::count_if(calls.begin(), calls.end(), isFailing);
-    calls.push_back(std::string(operation) + "(" + Utf8FromWide(of.name) + ")");
+    calls.push_back(std::string(operation) + "(" + Utf8FromWide(opened.name) + ")");
     if (isFailing(calls.back()) && passed == passing) return failure;
-    return (of.rights & right) == right ? success : error::accessDenied;
+    return (opened.rights & right) == right ? success : error::accessDenied;
 }
 
 Error FakeServices::Open(std::u16string_view name, std::uint32_t rights, ServiceHandle& handle) {
@@ -53,7 +53,7 @@ Error FakeServices::Open(std::u16string_view name, std::uint32_t rights, Service
 std::vector<DependentService> FakeServices::ActiveDependents(const FakeService& service) {
     std::vector<DependentService> active;
     for (const std::u16string& name : service.dependents) {
-        const ServiceStatus status = StatusOf(services[name]);
+        const ServiceStatus status = CurrentStatus(services[name]);
         if (status.dwCurrentState != stopped) active.push_back({name, status});
     }
     return active;
@@ -61,52 +61,52 @@ std::vector<DependentService> FakeServices::ActiveDependents(const FakeService& 
 
 Error FakeServices::Control(FakeService& service, std::uint32_t control, ServiceStatus& status) {
     if (!ActiveDependents(service).empty()) return error::dependentServicesRunning;
-    if (control == service_control::stop) Change(service, stopPending, stopped);
-    if (control == service_control::pause) Change(service, pausePending, paused);
-    if (control == service_control::resume) Change(service, continuePending, running);
-    status = StatusOf(service);
+    if (control == service_control::stop) BeginChange(service, stopPending, stopped);
+    if (control == service_control::pause) BeginChange(service, pausePending, paused);
+    if (control == service_control::resume) BeginChange(service, continuePending, running);
+    status = CurrentStatus(service);
     return success;
 }
 
 FakeServices::FakeServices() : scoped_({}) {
     auto& now = CurrentOperations<ServiceManagerOperations>();
     now.OpenSCManagerW = [this](auto rights, auto& handle) {
-        const Error refused = Call("OpenSCManagerW", 0, 0);
+        const Error refused = Refusal("OpenSCManagerW", 0, 0);
         return refused ? refused : Open(u"", rights, handle);
     };
     now.OpenServiceW = [this](auto manager, auto name, auto rights, auto& handle) {
-        const Error refused = Call("OpenServiceW", manager, 0);
+        const Error refused = Refusal("OpenServiceW", manager, 0);
         return refused ? refused : Open(name, rights, handle);
     };
     now.CreateServiceW = [this](auto manager, auto& made, auto& handle) {
-        const Error refused = Call("CreateServiceW", manager, manager_right::createService);
+        const Error refused = Refusal("CreateServiceW", manager, manager_right::createService);
         if (!refused) definition = made;
         return refused ? refused : Open(made.name, 0, handle);
     };
     now.ChangeServiceConfig2W = [this](auto handle, auto& given) {
         actions = given;
-        return Call("ChangeServiceConfig2W", handle, 0);
+        return Refusal("ChangeServiceConfig2W", handle, 0);
     };
-    now.DeleteService = [this](auto handle) { return Call("DeleteService", handle, service_right::all); };
+    now.DeleteService = [this](auto handle) { return Refusal("DeleteService", handle, service_right::all); };
     now.StartServiceW = [this](auto handle) {
-        const Error refused = Call("StartServiceW", handle, service_right::start);
-        return refused ? refused : Start(ServiceOf(handle));
+        const Error refused = Refusal("StartServiceW", handle, service_right::start);
+        return refused ? refused : StartService(OpenedService(handle));
     };
     now.ControlService = [this](auto handle, auto control, auto& status) {
         const bool stops = control == service_control::stop;
         const Error refused =
-            Call("ControlService", handle, stops ? service_right::stop : service_right::pauseAndContinue);
-        return refused ? refused : Control(ServiceOf(handle), control, status);
+            Refusal("ControlService", handle, stops ? service_right::stop : service_right::pauseAndContinue);
+        return refused ? refused : Control(OpenedService(handle), control, status);
     };
     now.QueryServiceStatusEx = [this](auto handle, auto& status) {
-        const Error refused = Call("QueryServiceStatusEx", handle, service_right::queryStatus);
-        if (!refused) status = StatusOf(ServiceOf(handle));
+        const Error refused = Refusal("QueryServiceStatusEx", handle, service_right::queryStatus);
+        if (!refused) status = CurrentStatus(OpenedService(handle));
         return refused;
     };
     now.EnumDependentServicesW = [this](auto handle, auto size, auto& found, auto& needed) {
-        const Error refused = Call("EnumDependentServicesW", handle, service_right::enumerateDependents);
+        const Error refused = Refusal("EnumDependentServicesW", handle, service_right::enumerateDependents);
         if (refused) return refused;
-        found = ActiveDependents(ServiceOf(handle));
+        found = ActiveDependents(OpenedService(handle));
         needed = found.size();
         if (size >= needed) return success;
         found.clear();

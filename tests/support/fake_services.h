@@ -1,4 +1,4 @@
-// A service manager in memory, whose services take a while to change their state; works in virtual time.
+// A service manager in memory. Its services take a while to change their state, in virtual time.
 #pragma once
 
 #include <map>
@@ -10,23 +10,25 @@
 namespace kv::test {
 
 struct FakeService {
-    platform::ServiceState state = platform::ServiceState::stopped;             // what it comes to
-    platform::ServiceState pending = {};                                        // until then
-    std::uint32_t takes = 3000, waitHint = 1000, checkPointEvery = UINT32_MAX;  // milliseconds; two points
-    std::vector<std::u16string> dependents = {};
+    platform::ServiceState state = platform::ServiceState::stopped;  // in which a change ends
+    platform::ServiceState pending = {};                             // while it changes
+    std::uint32_t takes = 3000;                                      // milliseconds of a change
+    std::uint32_t waitHint = 1000;                                   // milliseconds, told while it changes
+    std::uint32_t checkPointEvery = UINT32_MAX;                      // milliseconds; after two it stands still
+    std::vector<std::u16string> dependents = {};                     // names of services
     platform::ServiceState startsTo = platform::ServiceState::running;
-    std::uint64_t since = 0;  // tick count of the change; 0 for none
+    std::uint64_t since = 0;  // tick count at which the change began; 0: no change
 };
 
-/// The current manager for as long as it lives. What is called without the right to it is refused.
+/// The current manager while it lives. It refuses a call through a handle without the right to it.
 class FakeServices {
   public:
     FakeServices();
 
     std::map<std::u16string, FakeService> services;
     std::vector<std::string> calls;  // such as "StartServiceW(A)"
-    std::string failing;             // how the call begins that fails, once as many of its kind as these have passed
-    std::ptrdiff_t passing = 0;
+    std::string failing;             // a call that begins with this text fails; empty: none
+    std::ptrdiff_t passing = 0;      // such calls that succeed first
     platform::Error failure = platform::error::accessDenied;
     platform::ServiceDefinition definition;
     platform::ServiceFailureActions actions;
@@ -38,8 +40,9 @@ class FakeServices {
         std::uint32_t rights = 0;
     };
 
-    platform::Error Call(const char* operation, platform::ServiceHandle handle, std::uint32_t right);
-    FakeService& ServiceOf(platform::ServiceHandle handle) { return services[open_.at(handle).name]; }
+    /// Notes a call; why it is refused, or success.
+    platform::Error Refusal(const char* operation, platform::ServiceHandle handle, std::uint32_t right);
+    FakeService& OpenedService(platform::ServiceHandle handle) { return services[open_.at(handle).name]; }
     platform::Error Open(std::u16string_view name, std::uint32_t rights, platform::ServiceHandle& handle);
     std::vector<platform::DependentService> ActiveDependents(const FakeService& service);
     platform::Error Control(FakeService& service, std::uint32_t control, platform::ServiceStatus& status);

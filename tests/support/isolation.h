@@ -1,4 +1,4 @@
-// What keeps a test apart from the computer it runs on, by the means of its system.
+// Keeps a test apart from the computer that it runs on.
 #pragma once
 
 #include <filesystem>
@@ -6,17 +6,17 @@
 
 namespace kv::test {
 
-/// How a line of a text file ends on this system.
+/// The end of a line in this system's text files.
 extern const std::string_view fileLineEnd;
 
 /// A new empty folder below the system's folder for temporary files; the caller removes it.
 std::filesystem::path MakeTemporaryFolder();
 
-/// Removes a folder with all that is in it, as far as that can be done.
+/// Removes a folder and what is in it, as far as possible.
 void RemoveFolder(const std::filesystem::path& folder);
 
-/// Gives this process, from the next InstallBackend on, a registry of its own, empty at first. Where the system keeps
-/// one in files it lies in the folder.
+/// Gives this process its own registry, empty at first, from the next InstallBackend on. A system that keeps registries
+/// in files keeps this one in the folder.
 void IsolateRegistry(const std::filesystem::path& folder);
 
 }  // namespace kv::test

@@ -4,7 +4,7 @@
 #include <array>
 #include <stdexcept>
 
-#include "native_sockets.h"  // of the system that is built for
+#include "native_sockets.h"  // of the target system
 
 namespace kv::test {
 

@@ -1,4 +1,4 @@
-// Plain TCP connections on 127.0.0.1, by the means of the system: what a test's servers and proxies stand on.
+// Plain TCP connections on 127.0.0.1, for the servers and proxies of tests.
 #pragma once
 
 #include <cstddef>
@@ -11,7 +11,7 @@ namespace kv::test {
 using Socket = std::intptr_t;
 inline constexpr Socket noSocket = -1;
 
-/// Listens on a free port, which it tells. Throws if no port is free.
+/// Listens on a free port and stores its number. Throws if no port is free.
 Socket ListenOnLoopback(int& port);
 
 /// The next connection, or noSocket if listening has failed.
@@ -20,7 +20,7 @@ Socket AcceptConnection(Socket listener);
 /// A connection to a port, or noSocket if nobody listens.
 Socket ConnectToLoopback(int port);
 
-/// Bytes received, at least one; 0 once the other side is gone.
+/// How many bytes came, at least one; 0 once the other side is gone.
 std::size_t ReceiveBytes(Socket connection, char* buffer, std::size_t size);
 
 /// Sends a whole text, or as much as the other side takes.

@@ -21,7 +21,7 @@ SocketHandle OpenSocket(const platform::SocketOperations& sockets) {
     return socket;
 }
 
-/// By trying: the system's choice of a port would not be told.
+/// Tries ports, because these operations cannot tell which port the system would choose.
 std::uint16_t BindToFreePort(const platform::SocketOperations& sockets, SocketHandle socket) {
     std::random_device random;
     for (int attempt = 0; attempt < 1000; ++attempt) {

@@ -1,5 +1,4 @@
-// Devices to poll: one that says what a test wants, and real agents as child processes on loopback ports of their own,
-// on Linux only.
+// Devices to poll: a scripted one, and on Linux real SNMP agents as child processes on loopback ports.
 #pragma once
 
 #include <atomic>
@@ -15,7 +14,7 @@
 
 namespace kv::test {
 
-/// A child process that answers SNMP at 127.0.0.1; ended at the end of its object, and with the thread that made it.
+/// A child process that answers SNMP at 127.0.0.1. It ends with its object, and with the thread that made it.
 class SnmpProcess {
   public:
     SnmpProcess(const SnmpProcess&) = delete;
@@ -24,12 +23,12 @@ class SnmpProcess {
     std::uint16_t port() const { return port_; }
 
   protected:
-    /// A folder of its own, removed at the end, and a port that is free.
+    /// Makes a folder, which is removed at the end, and finds a free port.
     SnmpProcess();
     ~SnmpProcess();
 
-    /// Runs a shell's command line in the folder, and returns when a getnext under the community is answered; throws
-    /// std::runtime_error with what was printed when it is not.
+    /// Runs a command line of the shell in the folder and waits until a getnext with the community is answered. If none
+    /// is, throws std::runtime_error with what the process printed.
     void Start(const std::string& commandLine, const std::string& community);
 
     std::filesystem::path folder_;
@@ -39,14 +38,14 @@ class SnmpProcess {
     int pid_ = 0;
 };
 
-/// Debian's snmpd, with "public" as its community.
+/// Debian's snmpd with the community "public".
 class SnmpDaemon : public SnmpProcess {
   public:
-    /// configuration: further lines, such as "extend NAME PROGRAM" or "sysName x".
+    /// configuration: more lines, such as "extend NAME PROGRAM" or "sysName x".
     explicit SnmpDaemon(const std::string& configuration = "");
 };
 
-/// Debian's snmpsimd: a community and what is found under it, as .snmprec text (OID|TAG|VALUE lines, ascending).
+/// Debian's snmpsimd with one community. records: .snmprec text, lines of OID|TAG|VALUE in ascending order.
 class SnmpSimulator : public SnmpProcess {
   public:
     SnmpSimulator(const std::string& community, const std::string& records);
@@ -55,8 +54,7 @@ class SnmpSimulator : public SnmpProcess {
 /// Where a scripted device's datagrams come from.
 enum class SentFrom { ownPort, anotherPort };
 
-/// A socket at 127.0.0.1 with a thread behind it, which sends back what a function makes of each datagram: none, one,
-/// or several.
+/// A socket at 127.0.0.1 whose thread answers each datagram with the datagrams that a function returns.
 class ScriptedDevice {
   public:
     using Answer = std::function<std::vector<std::string>(std::string_view request)>;
@@ -71,7 +69,7 @@ class ScriptedDevice {
   private:
     void Serve();
 
-    const platform::SocketOperations sockets_;  // which no test replaces any more
+    const platform::SocketOperations sockets_;  // a copy: a test may replace the current ones
     Answer answer_;
     platform::SocketHandle socket_;
     platform::SocketHandle another_;
@@ -81,14 +79,14 @@ class ScriptedDevice {
     std::thread thread_;
 };
 
-/// The bytes of "30 82 00 1a ..."; blanks and line ends do not count. Throws std::invalid_argument for other texts.
+/// The bytes of "30 82 00 1a ..."; blanks and line ends are skipped. Throws std::invalid_argument for other texts.
 std::string FromHex(std::string_view hex);
 
 /// One BER item, its length in the shortest form.
 std::string Item(std::uint8_t tag, std::string_view content);
 
-/// A message as a device sends it, with the request number 1, in the shortest lengths. variables: whole items, as
-/// Item(0x30, name + value) makes them.
+/// A device's answer to the request number 1, its lengths in the shortest form. variables: whole items, made by
+/// Item(0x30, name + value).
 struct DeviceAnswer {
     std::uint8_t version = 1;
     std::string community = "public";

@@ -1,4 +1,4 @@
-// An installed agent in a folder of its own, as a fixture.
+// A fixture: an installed agent in a temporary folder.
 #pragma once
 
 #include "tests/support/test_folder.h"
@@ -6,8 +6,8 @@
 namespace kv::test {
 
 /// Makes an install tree (monitoring/bin, conf, conf/scripts, logs) with bin as the working directory, installs all
-/// operations, gives agentState its defaults and gv_ocAgentBinPath, and opens the log at level 4. All of it is undone
-/// at the end.
+/// operations, gives agentState its defaults and gv_ocAgentBinPath, and opens the log at level 4. Undoes all of it at
+/// the end.
 class TestAgent : public TestFolder {
   protected:
     TestAgent();
@@ -15,13 +15,13 @@ class TestAgent : public TestFolder {
 
     std::filesystem::path bin;      // <folder>/monitoring/bin, the working directory
     std::filesystem::path conf;     // <folder>/monitoring/conf
-    std::filesystem::path data;     // bin/data, not made
-    std::filesystem::path zipdata;  // bin/zipdata, not made
+    std::filesystem::path data;     // bin/data, not made yet
+    std::filesystem::path zipdata;  // bin/zipdata, not made yet
 
-    /// Everything logged so far, UTF-8.
+    /// The whole log, in UTF-8.
     std::string LogText() const;
     bool Logged(std::string_view text) const { return LogText().find(text) != std::string::npos; }
-    /// How often a text stands in the log, from some place in it on.
+    /// How often a text stands in the log behind its first bytes.
     int TimesLogged(std::string_view text, std::size_t from = 0) const;
 };
 

@@ -1,4 +1,4 @@
-// A folder of its own for each test, with the system's operations installed on it, as a fixture.
+// A fixture: a temporary folder and the operations of the system.
 #pragma once
 
 #include <filesystem>
@@ -8,35 +8,34 @@
 #include <vector>
 
 #include "platform/files.h"
+#include "tests/support/replaced.h"
 
 namespace kv::test {
 
-/// Makes a temporary folder with an empty working directory and a state directory, gives this process a registry of its
-/// own there, installs the operations that need no library, and changes to the working directory. All of it is undone
-/// and removed at the end.
+/// Makes a temporary folder with an empty working directory and a state directory, gives this process its own registry
+/// there, installs the operations that need no library, and changes to the working directory. Undoes all of it at the
+/// end.
 class TestFolder : public ::testing::Test {
   public:
-    /// Makes the folders above the file, too.
+    /// Also makes the folders above the file.
     static void Write(const std::filesystem::path& path, std::string_view bytes);
-    static std::string ReadText(const std::filesystem::path& path);  // with "\n" as its line ends
+    static std::string ReadText(const std::filesystem::path& path);  // with "\n" for each line end
     static std::string Read(const std::filesystem::path& path);
     /// Sorted file names.
     static std::vector<std::string> FilesIn(const std::filesystem::path& directory);
 
   protected:
-    /// work: below the folder.
+    /// work: a path below the folder.
     explicit TestFolder(const std::filesystem::path& work = "work");
     ~TestFolder() override;
 
     std::filesystem::path folder;
     std::filesystem::path work;  // the working directory
 
-    /// The current file operations, of which one fails.
+    /// The current file operations, one of which fails.
     template <class Operation>
     static platform::FileOperations Failing(Operation platform::FileOperations::*operation, platform::Error error) {
-        platform::FileOperations files = platform::Files();
-        files.*operation = [error](auto&&...) { return error; };
-        return files;
+        return With(operation, [error](auto&&...) { return error; });
     }
 
   private:

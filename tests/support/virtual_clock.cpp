@@ -6,7 +6,7 @@ namespace kv::test {
 
 namespace {
 
-platform::LocalTime UtcParts(std::int64_t milliseconds) {
+platform::LocalTime TakeApartUtc(std::int64_t milliseconds) {
     const std::chrono::sys_time<std::chrono::milliseconds> moment{std::chrono::milliseconds(milliseconds)};
     const auto midnight = std::chrono::floor<std::chrono::days>(moment);
     const std::chrono::year_month_day date(midnight);
@@ -20,7 +20,7 @@ platform::LocalTime UtcParts(std::int64_t milliseconds) {
             static_cast<int>(time.subseconds().count())};
 }
 
-std::int64_t MillisecondsOf(const platform::LocalTime& time) {
+std::int64_t PutTogetherUtc(const platform::LocalTime& time) {
     const std::chrono::sys_days midnight(std::chrono::year(time.year) / time.month / time.day);
     const std::chrono::milliseconds moment = midnight.time_since_epoch() + std::chrono::hours(time.hour) +
                                              std::chrono::minutes(time.minute) + std::chrono::seconds(time.second) +
@@ -34,8 +34,8 @@ VirtualClock::VirtualClock()
     : scoped_(platform::ClockOperations{
           .GetSystemTimeMilliseconds = [this] { return now_.load(); },
           .GetTickCount64 = [this] { return static_cast<std::uint64_t>(now_.load()); },
-          .ToLocalTime = UtcParts,
-          .FromLocalTime = MillisecondsOf,
+          .ToLocalTime = TakeApartUtc,
+          .FromLocalTime = PutTogetherUtc,
           .Sleep =
               [this](std::uint32_t milliseconds) {
                   now_ += milliseconds;

@@ -9,10 +9,10 @@
 
 namespace kv::test {
 
-/// Thrown out of Sleep to leave a loop that never ends. No std::exception: the loops keep running through those.
+/// Thrown by Sleep to leave an endless loop. Not a std::exception, because the loops catch those and go on.
 struct TimeIsUp {};
 
-/// Replaces the platform's clock while it lives: Sleep moves the time forward at once. Local time is UTC.
+/// The current clock while it lives. Sleep moves its time forward and returns at once; local time is UTC.
 class VirtualClock {
   public:
     /// 2026-03-05 09:05:07 UTC.
@@ -22,12 +22,12 @@ class VirtualClock {
 
     std::int64_t nowMilliseconds() const { return now_; }
     std::int64_t nowSeconds() const { return now_ / 1000; }
-    void advanceMilliseconds(std::int64_t milliseconds) { now_ += milliseconds; }
+    void AdvanceMilliseconds(std::int64_t milliseconds) { now_ += milliseconds; }
 
-    /// Called on each Sleep after the time has moved; it may throw TimeIsUp.
+    /// Called by each Sleep, once the time has moved; may throw TimeIsUp.
     std::function<void(std::uint32_t milliseconds)> onSleep;
 
-    /// Sleep throws TimeIsUp once this moment is reached (milliseconds since 1970).
+    /// Milliseconds since 1970. A Sleep that reaches this moment throws TimeIsUp.
     std::int64_t endMilliseconds = INT64_MAX;
 
   private:

@@ -9,7 +9,7 @@ namespace kv::test {
 
 using namespace platform;
 
-std::string TextOf(const Variant& value) {
+std::string VariantText(const Variant& value) {
     const auto isOf = [&value](auto... types) { return ((value.type == types) || ...); };
     if (isOf(VariantType::null)) return "NULL";
     if (isOf(VariantType::bstr)) return Utf8FromWide(value.text);
@@ -30,7 +30,7 @@ void ReadRow(WmiHandle object, WmiResult& result) {
     Variant value;
     while (Wmi().NextProperty(object, name, value) == wmi_status::ok) {
         if (isFirst) result.names.push_back(Utf8FromWide(name));
-        row[Utf8FromWide(name)] = {value.type, TextOf(value)};
+        row[Utf8FromWide(name)] = {value.type, VariantText(value)};
     }
     Wmi().EndEnumeration(object);
 }
@@ -69,15 +69,16 @@ WmiResult RunWmiQuery(std::string_view query, std::u16string_view nameSpace) {
     return result;
 }
 
-std::string TextOf(const WmiRow& row, const std::string& name) {
+std::string PropertyText(const WmiRow& row, const std::string& name) {
     const auto found = row.find(name);
-    return found == row.end() ? "(none)" : found->second.text;
+    return found == row.end() ? "(absent)" : found->second.text;
 }
 
-std::string TextsOf(const WmiRow& row, const std::string& names) {
+std::string PropertyTexts(const WmiRow& row, const std::string& names) {
     std::istringstream list(names);
     std::string texts;
-    for (std::string name; std::getline(list, name, ',');) texts += (texts.empty() ? "" : " ") + TextOf(row, name);
+    for (std::string name; std::getline(list, name, ',');)
+        texts += (texts.empty() ? "" : " ") + PropertyText(row, name);
     return texts;
 }
 

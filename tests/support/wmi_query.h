@@ -1,38 +1,48 @@
-// A query through the operations of platform/wmi.h, step by step, with its rows as texts to compare.
+// A query through the operations of platform/wmi.h, whose rows come as texts to compare.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <map>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "platform/backend.h"
 #include "platform/wmi.h"
 
 namespace kv::test {
 
 struct WmiProperty {
     platform::VariantType type = platform::VariantType::empty;
-    std::string text;  // UTF-8: the value in decimal, "true" or "false", the text; "NULL"; "array"
+    std::string text;  // of VariantText
 };
 
 using WmiRow = std::map<std::string, WmiProperty>;
 
 struct WmiResult {
-    platform::WmiStatus status = 0;  // of the first step that failed, else 0
+    platform::WmiStatus status = 0;  // of the first step that failed; 0 for success
     std::vector<WmiRow> rows;
-    std::vector<std::string> names;    // of the first row, in the order of its enumeration
+    std::vector<std::string> names;    // of the first row's properties, in their order
     std::vector<std::string> notices;  // UTF-8
 };
 
-/// As WmiProperty tells it.
-std::string TextOf(const platform::Variant& value);
+/// A number in decimal, "true" or "false", or the text itself in UTF-8; "NULL", or "array" for any other type.
+std::string VariantText(const platform::Variant& value);
 
 WmiResult RunWmiQuery(std::string_view query, std::u16string_view nameSpace = u"ROOT\\CIMV2");
 
-/// The text of one property of a row; "(none)" where the row has no such property.
-std::string TextOf(const WmiRow& row, const std::string& name);
+/// The text of a row's property; "(absent)" if the row does not have it.
+std::string PropertyText(const WmiRow& row, const std::string& name);
 
-/// Those of several, which are named with commas between, with blanks between.
-std::string TextsOf(const WmiRow& row, const std::string& names);
+/// The texts of several properties, with blanks between them. names: with commas between them.
+std::string PropertyTexts(const WmiRow& row, const std::string& names);
+
+/// A fixture that installs WMI.
+struct WmiTest : ::testing::Test {
+    WmiTest() {
+        platform::InstallBackend();
+        platform::InstallWmi();
+    }
+};
 
 }  // namespace kv::test

@@ -1,5 +1,5 @@
-// Performance classes: how figures come of counters, how samples are kept, and the figures of this machine and its
-// processes, those of Win32_Process too.
+// Performance classes: how figures follow from counters, how samples are kept, and the figures of this machine and its
+// processes; Win32_Process too.
 #include <chrono>
 #include <csignal>
 #include <fcntl.h>
@@ -16,7 +16,6 @@
 #include <thread>
 #include <unistd.h>
 
-#include "platform/backend.h"
 #include "tests/support/linux/shell.h"
 #include "tests/support/wmi_query.h"
 #include "wql/cim_value.h"
@@ -33,7 +32,7 @@ namespace fs = std::filesystem;
 
 constexpr std::uint64_t second = 10'000'000;
 
-TEST(PerformanceFigures, ComeOfTwoMomentsByTheirKind) {
+TEST(PerformanceFigures, FollowFromTwoMomentsByTheirKind) {
     using Before = std::optional<CounterState>;
     constexpr std::uint64_t s = second;
     const struct {
@@ -45,28 +44,32 @@ TEST(PerformanceFigures, ComeOfTwoMomentsByTheirKind) {
         std::uint64_t birth = 0;
         std::uint64_t period = 0;
     } rows[] = {
-        {"as it stands", value, Before({9 * s, 3}), {10 * s, 7}, 7},
+        {"the value itself", value, Before({9 * s, 3}), {10 * s, 7}, 7},
         {"growth in a second", rate, Before({10 * s, 100}), {12 * s, 300}, 100},
         {"since the birth", rate, {}, {20 * s, 100}, 10, 10 * s},
         {"gone back", rate, Before({10 * s, 100}), {20 * s, 60}, 6, 10 * s},
         {"wrapped at its period", rate, Before({10 * s, 990}), {12 * s, 10}, 10, 0, 1000},
-        {"set back, not wrapped", rate, Before({10 * s, 400}), {20 * s, 60}, 6, 10 * s, 1000},
-        {"more than the time", percentOfTimestamp, Before({10 * s, 0}), {11 * s, 3 * s}, 100},
-        {"of all operations", percentOfOperations, Before({10 * s, 0}), {11 * s, 3 * s}, 300},
+        {"set back without a wrap", rate, Before({10 * s, 400}), {20 * s, 60}, 6, 10 * s, 1000},
+        {"more than the time that has passed", percentOfTimestamp, Before({10 * s, 0}), {11 * s, 3 * s}, 100},
+        {"a percentage of operations may pass 100", percentOfOperations, Before({10 * s, 0}), {11 * s, 3 * s}, 300},
         {"a time that went back a little", percentOfTimestamp, Before({10 * s, 5 * s}), {12 * s, 4 * s}, 0},
         {"a time that began again", percentOfTimestamp, Before({10 * s, 5 * s}), {12 * s, s}, 50, 10 * s},
-        {"idle is what is not busy", percentOfTimestampLeft, Before({10 * s, 9 * s}), {14 * s, s}, 50, 0, 10 * s},
-        {"of the time counted", percentOfTime, Before({10 * s, s, 4 * s}), {90 * s, 2 * s, 8 * s}, 25},
-        {"busy is what is not idle", percentOfTimeLeft, Before({10 * s, s, 4 * s}), {90 * s, 2 * s, 8 * s}, 75},
-        {"on one and a half processors", percentOfProcessors, Before({10 * s, 0}), {12 * s, 3 * s}, 150},
-        {"on more than there are", percentOfProcessors, Before({10 * s, 0}), {11 * s, 9 * s}, 200},
+        {"the rest of a busy time", percentOfTimestampLeft, Before({10 * s, 9 * s}), {14 * s, s}, 50, 0, 10 * s},
+        {"a percentage of the counted time", percentOfTime, Before({10 * s, s, 4 * s}), {90 * s, 2 * s, 8 * s}, 25},
+        {"the rest of a counted idle time", percentOfTimeLeft, Before({10 * s, s, 4 * s}), {90 * s, 2 * s, 8 * s}, 75},
+        {"one and a half processors", percentOfProcessors, Before({10 * s, 0}), {12 * s, 3 * s}, 150},
+        {"more processors than there are", percentOfProcessors, Before({10 * s, 0}), {11 * s, 9 * s}, 200},
         {"a fraction", fraction, {}, {s, 25, 200}, 12.5},
-        {"seconds for each", averageTime, Before({10 * s, s, 4}), {12 * s, 7 * s, 7}, 2},
-        {"nothing to average", averageTime, Before({10 * s, s, 4}), {12 * s, s, 4}, 0},
-        {"both from the start when one went back", averageAmount, Before({10 * s, 10, 90}), {12 * s, 30, 6}, 5},
-        {"so many at a time", queueLength, Before({10 * s, 0}), {12 * s, 6 * s}, 3},
+        {"seconds for each operation", averageTime, Before({10 * s, s, 4}), {12 * s, 7 * s, 7}, 2},
+        {"no operation to average over", averageTime, Before({10 * s, s, 4}), {12 * s, s, 4}, 0},
+        {"both counters from the start because one went back",
+         averageAmount,
+         Before({10 * s, 10, 90}),
+         {12 * s, 30, 6},
+         5},
+        {"operations at a time", queueLength, Before({10 * s, 0}), {12 * s, 6 * s}, 3},
         {"seconds since a moment", elapsedTime, Before({9 * s, 5 * s}), {20 * s, 5 * s}, 15},
-        {"a moment that is to come", elapsedTime, {}, {20 * s, 21 * s}, 0},
+        {"a moment in the future", elapsedTime, {}, {20 * s, 21 * s}, 0},
     };
     for (const auto& row : rows) {
         const Quotient quotient =
@@ -87,13 +90,13 @@ TEST(PerformanceSamples, AreKeptAsLongAsTheyCanBeABase) {
         {"within a second", 105, 1, {}, {100}},
         {"after a second", 112, 1, {100}, {100, 112}},
         {"the newest is too young", 115, 1, {100}, {100, 112}},
-        {"it holds more", 130, 3, {112, 100}, {112, 130}},
-        {"it holds something else", 135, 4, {112}, {112, 130, 135}},
+        {"a newest that holds more", 130, 3, {112, 100}, {112, 130}},
+        {"a newest that holds something else", 135, 4, {112}, {112, 130, 135}},
         {"taken before the last, on another thread", 133, 8, {112}, {112, 130, 133, 135}},
         {"what others hold too is dropped", 200, 1, {135, 133, 130, 112}, {130, 133, 135, 200}},
     };
     std::vector<ReadingsPtr> samples;
-    for (const auto& [title, tenths, needs, bases, kept] : steps) {  // the bases from the newest on
+    for (const auto& [title, tenths, needs, bases, kept] : steps) {  // bases: newest first
         const auto newest = std::make_shared<Readings>();
         newest->time = tenths * (second / 10);
         newest->needs = needs;
@@ -102,7 +105,7 @@ TEST(PerformanceSamples, AreKeptAsLongAsTheyCanBeABase) {
     }
 }
 
-/// What the class of the next test finds.
+/// An object of the next test's class.
 struct Fake {
     const char* key;
     std::uint64_t generation;
@@ -110,7 +113,7 @@ struct Fake {
     std::optional<std::uint64_t> value;
 };
 std::vector<Fake> fakes;
-std::optional<std::string> askedKey;  // none: all are asked for
+std::optional<std::string> askedKey;  // null: all are asked for
 
 constexpr CounterInfo fakeCounters[] = {
     {u"Speed", CimType::uint32, rate, 1, "", [](const Fake& fake) { return fake.value; }},
@@ -129,7 +132,7 @@ WmiStatus ReadFakes(const Gathering&, PerfSampling& sampling) {
 
 constexpr PerfClass fakeClass{u"Fake", fakeCounters, ReadFakes, false, true};
 
-/// The speeds by the objects' names, "a=1 b=NULL".
+/// The name and speed of each object: "a=1 b=NULL".
 std::string SpeedsIn(const ClassInfo& formatted) {
     std::string answer;
     Gathering gathering;
@@ -137,7 +140,7 @@ std::string SpeedsIn(const ClassInfo& formatted) {
     gathering.row = [&](const void* row) {
         const auto textOf = [&](std::u16string_view name) {
             const PropertyInfo* property = FindProperty(formatted, name);
-            return TextOf(VariantOf(property->type, property->read(row, *property)));
+            return VariantText(VariantOf(property->type, property->read(row, *property)));
         };
         answer += (answer.empty() ? "" : " ") + textOf(u"Name") + "=" + textOf(u"Speed");
         return true;
@@ -146,21 +149,21 @@ std::string SpeedsIn(const ClassInfo& formatted) {
     return answer;
 }
 
-TEST(PerformanceSamples, OfEachObjectAreItsOwn) {
+TEST(PerformanceSamples, AreKeptForEachObjectApart) {
     const ClassInfo& formatted = DeclarePerfClasses<fakeClass>()[1];
     const std::tuple<const char*, std::vector<Fake>, std::optional<std::string>, const char*> steps[] = {
         {"the first", {{"a", 1, 10, 100}}, {}, "a=10 _Total=10"},
         {"a new one", {{"a", 1, 20, 300}, {"b", 1, 20, 2000}}, {}, "a=20 b=100 _Total=120"},
         {"one alone", {{"b", 1, 24, 2040}}, "b", "b=10"},
-        {"each from its own last", {{"a", 1, 30, 400}, {"b", 1, 26, 2080}}, {}, "a=10 b=20 _Total=30"},
-        {"another in its place", {{"a", 2, 40, 4000}, {"b", 1, 36, 2080}}, {}, "a=100 b=0 _Total=100"},
-        {"one that is gone", {{"a", 2, 50, 4010}}, {}, "a=1 _Total=1"},
-        {"and came back", {{"a", 2, 60, {}}, {"b", 1, 60, 6000}}, {}, "a=NULL b=100 _Total=100"},
-        {"from the last that was known", {{"a", 2, 70, 4410}, {"b", 1, 70, 6000}}, {}, "a=20 b=0 _Total=20"},
+        {"each since its own last sample", {{"a", 1, 30, 400}, {"b", 1, 26, 2080}}, {}, "a=10 b=20 _Total=30"},
+        {"another object of the same name", {{"a", 2, 40, 4000}, {"b", 1, 36, 2080}}, {}, "a=100 b=0 _Total=100"},
+        {"an object is gone", {{"a", 2, 50, 4010}}, {}, "a=1 _Total=1"},
+        {"and comes back", {{"a", 2, 60, {}}, {"b", 1, 60, 6000}}, {}, "a=NULL b=100 _Total=100"},
+        {"since the last known value", {{"a", 2, 70, 4410}, {"b", 1, 70, 6000}}, {}, "a=20 b=0 _Total=20"},
         {"asked for and not found", {}, "b", ""},
-        {"so that it is new", {{"b", 1, 80, 8000}}, "b", "b=100"},
+        {"and therefore new", {{"b", 1, 80, 8000}}, "b", "b=100"},
         {"more than the type holds: all bits set", {{"a", 2, 82, 1ULL << 40}}, {}, "a=-1 _Total=-1"},
-        {"none at all", {}, {}, ""},
+        {"no objects", {}, {}, ""},
     };
     for (const auto& [title, found, asked, speeds] : steps) {
         fakes = found;
@@ -169,27 +172,24 @@ TEST(PerformanceSamples, OfEachObjectAreItsOwn) {
     }
 }
 
-class PerformanceOfThisMachine : public ::testing::Test {
+class PerformanceOfThisMachine : public WmiTest {
   protected:
-    PerformanceOfThisMachine() {
-        InstallBackend();
-        InstallWmi();
-    }
-
-    static WmiRow firstOf(const std::string& query) {
+    static WmiRow QueryFirst(const std::string& query) {
         const WmiResult result = RunWmiQuery(query);
         EXPECT_EQ(result.status, wmi_status::ok) << query;
         EXPECT_FALSE(result.rows.empty()) << query;
         return result.rows.empty() ? WmiRow() : result.rows.front();
     }
-    static double numberIn(const WmiRow& row, const std::string& name) { return std::atof(TextOf(row, name).c_str()); }
+    static double NumberIn(const WmiRow& row, const std::string& name) {
+        return std::atof(PropertyText(row, name).c_str());
+    }
 
     using Texts = std::map<std::string, std::string>;
     using Paths = std::vector<fs::path>;
 
-    /// Copies files, of directories the list of their entries; with a file "space" for that used and available in /.
-    static void copy(const Paths& files, const fs::path& to) {
-        std::error_code ignored;  // of what is not a directory
+    /// Copies files, and lists of entries for directories. A file "space" has the used and available bytes of /.
+    static void CopyFiles(const Paths& files, const fs::path& to) {
+        std::error_code ignored;  // for files, which have no entries
         fs::create_directories(to);
         std::ofstream(to / "space") << fs::space("/").capacity - fs::space("/").free << ' ' << fs::space("/").available;
         for (const fs::path& file : files) {
@@ -199,8 +199,8 @@ class PerformanceOfThisMachine : public ::testing::Test {
         }
     }
 
-    /// Names with numbers, of lines such as "Name 5" that a shell prints in a folder. There f is awk.
-    static Texts numbersOf(const fs::path& folder, const std::string& commands) {
+    /// Runs commands in a folder and reads the lines "Name 5" that they print. Their function f is awk.
+    static Texts RunForNumbers(const fs::path& folder, const std::string& commands) {
         const std::string before =
             "f() { awk -v tick=$((10000000 / $(getconf CLK_TCK))) -v page=$(getconf PAGESIZE) "
             "-v OFMT=%.0f -v CONVFMT=%.0f \"$@\"; }; cd " +
@@ -213,8 +213,8 @@ class PerformanceOfThisMachine : public ::testing::Test {
         return numbers;
     }
 
-    /// Whether a property lies between two numbers, by the width of its type.
-    static bool liesBetween(const WmiProperty& property, const std::string& before, const std::string& after) {
+    /// Whether a property lies between two numbers, both cut to its type.
+    static bool LiesBetween(const WmiProperty& property, const std::string& before, const std::string& after) {
         if (property.text == "NULL") return before == "NULL";
         const std::uint64_t mask = property.type == VariantType::i4 ? UINT32_MAX : UINT64_MAX;
         const auto numberOf = [](const std::string& text) { return std::strtoull(text.c_str(), nullptr, 10); };
@@ -222,19 +222,20 @@ class PerformanceOfThisMachine : public ::testing::Test {
         return ((numberOf(property.text) - least) & mask) <= ((most - least) & mask);
     }
 
-    /// Compares an object with what commands make of files read before and after; again for what goes up and down.
-    static void expectBetween(const std::string& from, const Paths& files, const std::string& commands) {
+    /// Expects each property between what commands print of the files before and after the query. Values that go up and
+    /// down get several attempts.
+    static void ExpectBetween(const std::string& from, const Paths& files, const std::string& commands) {
         const fs::path folder = fs::temp_directory_path() / fmt::format("kv{}", getpid());
         Texts failures{{"nothing", ""}};
         std::set<std::string> passed;
         for (int attempt = 0; attempt < 40 && !failures.empty(); ++attempt) {
-            copy(files, folder / "before");
-            WmiRow found = firstOf("SELECT * FROM Win32_" + from);
-            copy(files, folder / "after");
-            Texts after = numbersOf(folder / "after", commands);
+            CopyFiles(files, folder / "before");
+            WmiRow found = QueryFirst("SELECT * FROM Win32_" + from);
+            CopyFiles(files, folder / "after");
+            Texts after = RunForNumbers(folder / "after", commands);
             if (!after.empty()) failures.clear();
-            for (const auto& [name, before] : numbersOf(folder / "before", commands)) {
-                if (liesBetween(found[name], before, after[name])) passed.insert(name);
+            for (const auto& [name, before] : RunForNumbers(folder / "before", commands)) {
+                if (LiesBetween(found[name], before, after[name])) passed.insert(name);
                 if (!passed.contains(name)) failures[name] = before + " <= " + found[name].text + " <= " + after[name];
             }
         }
@@ -245,7 +246,7 @@ class PerformanceOfThisMachine : public ::testing::Test {
 
 TEST_F(PerformanceOfThisMachine, IsWhatItsFilesTell) {
     const std::tuple<const char*, Paths, const char*> rows[] = {
-        // A query runs on a thread of its own.
+        // One thread more: the query's.
         {"PerfFormattedData_PerfOS_System", {"/proc/uptime", "/proc/loadavg", "/proc"}, R"(
             f '{print "SystemUpTime", int($1 + 0.5)}' uptime; f -F '[ /]' '{print "Threads", $5 + 1}' loadavg
             f -F '/' '$3 ~ /^[0-9]/ {++n} END {print "Processes", n}' proc)"},
@@ -271,21 +272,21 @@ TEST_F(PerformanceOfThisMachine, IsWhatItsFilesTell) {
         {"PerfRawData_PerfDisk_LogicalDisk WHERE Name = '/'", {}, R"(f '{m = 1048576; print "FreeMegabytes", int($2 / m)
             print "PercentFreeSpace", int($2 / m); print "PercentFreeSpace_Base", int(($1 + $2) / m)}' space)"},
     };
-    for (const auto& [from, files, commands] : rows) expectBetween(from, files, commands);
+    for (const auto& [from, files, commands] : rows) ExpectBetween(from, files, commands);
     for (const WmiRow& row : RunWmiQuery("SELECT * FROM Win32_PerfFormattedData_PerfOS_Processor").rows) {
-        const double busy = numberIn(row, "PercentProcessorTime");
-        EXPECT_NEAR(busy + numberIn(row, "PercentIdleTime"), 100, 1);
-        EXPECT_LE(numberIn(row, "PercentUserTime") + numberIn(row, "PercentPrivilegedTime"), busy + 1);
+        const double busy = NumberIn(row, "PercentProcessorTime");
+        EXPECT_NEAR(busy + NumberIn(row, "PercentIdleTime"), 100, 1);
+        EXPECT_LE(NumberIn(row, "PercentUserTime") + NumberIn(row, "PercentPrivilegedTime"), busy + 1);
     }
 }
 
 TEST_F(PerformanceOfThisMachine, OfDisksAndInterfacesIsWhatTheirFilesTell) {
     for (const WmiRow& row : RunWmiQuery("SELECT * FROM Win32_PerfRawData_PerfDisk_PhysicalDisk").rows) {
-        const std::string name = TextOf(row, "Name");
+        const std::string name = PropertyText(row, "Name");
         if (name == "_Total") continue;
-        EXPECT_EQ(numberIn(row, "PercentIdleTime") + numberIn(row, "PercentDiskTime"),
-                  numberIn(row, "Timestamp_PerfTime"));
-        expectBetween("PerfRawData_PerfDisk_PhysicalDisk WHERE Name = '" + name + "'", {"/proc/diskstats"},
+        EXPECT_EQ(NumberIn(row, "PercentIdleTime") + NumberIn(row, "PercentDiskTime"),
+                  NumberIn(row, "Timestamp_PerfTime"));
+        ExpectBetween("PerfRawData_PerfDisk_PhysicalDisk WHERE Name = '" + name + "'", {"/proc/diskstats"},
                       "f -v name=" + name.substr(name.find(' ') + 1) + R"( '$3 == name {print "DiskReadsPersec", $4
             print "DiskReadBytesPersec", $6 * 512; print "PercentDiskReadTime", $7 * 10000
             print "DiskWritesPersec", $8; print "DiskWriteBytesPersec", $10 * 512
@@ -297,10 +298,10 @@ TEST_F(PerformanceOfThisMachine, OfDisksAndInterfacesIsWhatTheirFilesTell) {
     const WmiResult interfaces = RunWmiQuery("SELECT * FROM Win32_PerfRawData_Tcpip_NetworkInterface");
     EXPECT_EQ(interfaces.status, wmi_status::ok);
     EXPECT_EQ(std::to_string(interfaces.rows.size()),
-              numbersOf("/proc/net", "f 'NR > 2 && !/^ *lo:/ {++n} END {print \"rows\", n + 0}' dev")["rows"]);
+              RunForNumbers("/proc/net", "f 'NR > 2 && !/^ *lo:/ {++n} END {print \"rows\", n + 0}' dev")["rows"]);
     for (const WmiRow& row : interfaces.rows) {
-        const std::string name = TextOf(row, "Name");
-        expectBetween("PerfRawData_Tcpip_NetworkInterface WHERE Name = '" + name + "'",
+        const std::string name = PropertyText(row, "Name");
+        ExpectBetween("PerfRawData_Tcpip_NetworkInterface WHERE Name = '" + name + "'",
                       {"/proc/net/dev", "/sys/class/net/" + name + "/speed"}, "n='" + name + R"('
             f -v name="$n" -F '[: ]+' 'sub(/^ */, "") && $1 == name {print "BytesReceivedPersec", $2
             print "PacketsReceivedPersec", $3 "\nPacketsReceivedErrors", $4 "\nPacketsReceivedDiscarded", $5
@@ -312,14 +313,14 @@ TEST_F(PerformanceOfThisMachine, OfDisksAndInterfacesIsWhatTheirFilesTell) {
     }
 }
 
-/// A process that writes a thousand bytes after the other to nowhere, or none, for half a minute at most.
+/// A process that lives for half a minute at most and, if told to, writes to /dev/null all the time.
 struct Child {
     pid_t id = 0;
 
     explicit Child(const char* name, bool writes = false) {
         char ownName[16] = {};
         prctl(PR_GET_NAME, ownName);
-        prctl(PR_SET_NAME, name);  // for the child, from its first moment on
+        prctl(PR_SET_NAME, name);  // the child inherits it
         id = fork();
         if (id != 0) prctl(PR_SET_NAME, ownName);
         if (id != 0) return;
@@ -334,8 +335,8 @@ struct Child {
         kill(id, SIGKILL);
         waitpid(id, nullptr, 0);
     }
-    /// Stops or ends it, and does not reap it.
-    void signal(int number) const {
+    /// Stops or ends the child and waits for that, without reaping it.
+    void Signal(int number) const {
         siginfo_t info;
         kill(id, number);
         waitid(P_PID, static_cast<id_t>(id), &info, WEXITED | WSTOPPED | WNOWAIT);
@@ -344,18 +345,19 @@ struct Child {
 
 TEST_F(PerformanceOfThisMachine, OfABusyProcessIsWhatItDid) {
     const Child busy("busy", true);
-    const auto ask = [&busy](const char* kind) {
-        return firstOf(fmt::format("SELECT * FROM Win32_Perf{}_PerfProc_Process WHERE IDProcess = {}", kind, busy.id));
+    const auto query = [&busy](const char* kind) {
+        return QueryFirst(
+            fmt::format("SELECT * FROM Win32_Perf{}_PerfProc_Process WHERE IDProcess = {}", kind, busy.id));
     };
-    const WmiRow earliest = ask("RawData");
-    EXPECT_EQ(numberIn(ask("FormattedData"), "CreatingProcessID"), getpid());
-    const WmiRow early = ask("RawData");
+    const WmiRow earliest = query("RawData");
+    EXPECT_EQ(NumberIn(query("FormattedData"), "CreatingProcessID"), getpid());
+    const WmiRow early = query("RawData");
     std::this_thread::sleep_for(std::chrono::seconds(1));
-    const WmiRow late = ask("RawData");
-    const WmiRow figures = ask("FormattedData");
-    const WmiRow latest = ask("RawData");
+    const WmiRow late = query("RawData");
+    const WmiRow figures = query("FormattedData");
+    const WmiRow latest = query("RawData");
     const auto growth = [](const WmiRow& from, const WmiRow& to, const char* name) {
-        return numberIn(to, name) - numberIn(from, name);
+        return NumberIn(to, name) - NumberIn(from, name);
     };
     const double shortest = growth(early, late, "Timestamp_Sys100NS");
     const double longest = growth(earliest, latest, "Timestamp_Sys100NS");
@@ -363,13 +365,13 @@ TEST_F(PerformanceOfThisMachine, OfABusyProcessIsWhatItDid) {
          {"PercentProcessorTime", "PercentUserTime", "PercentPrivilegedTime", "PageFaultsPersec",
           "IOWriteOperationsPersec", "IOWriteBytesPersec", "IODataBytesPersec", "IOReadBytesPersec"}) {
         const double factor = std::string_view(name).starts_with("Percent") ? 100 : second;
-        EXPECT_GE(numberIn(figures, name) + 0.5, growth(early, late, name) * factor / longest) << name;
-        EXPECT_LE(numberIn(figures, name) - 0.5, growth(earliest, latest, name) * factor / shortest) << name;
+        EXPECT_GE(NumberIn(figures, name) + 0.5, growth(early, late, name) * factor / longest) << name;
+        EXPECT_LE(NumberIn(figures, name) - 0.5, growth(earliest, latest, name) * factor / shortest) << name;
     }
-    busy.signal(SIGSTOP);
+    busy.Signal(SIGSTOP);
     const std::string folder = fmt::format("/proc/{}/", busy.id);
     const Paths files{folder + "stat", folder + "status", folder + "io", folder + "fd"};
-    expectBetween(fmt::format("PerfRawData_PerfProc_Process WHERE IDProcess = {}", busy.id), files, R"(
+    ExpectBetween(fmt::format("PerfRawData_PerfProc_Process WHERE IDProcess = {}", busy.id), files, R"(
         f '{print "IDProcess", $1 "\nCreatingProcessID", $4 "\nPageFaultsPersec", $10 + $12
         print "PercentUserTime", $14 * tick; print "PercentPrivilegedTime", $15 * tick; print "ThreadCount", $20
         print "PercentProcessorTime", ($14 + $15) * tick "\nVirtualBytes", $23 "\nWorkingSet", $24 * page}' stat
@@ -378,7 +380,7 @@ TEST_F(PerformanceOfThisMachine, OfABusyProcessIsWhatItDid) {
         f '{v[$1] = $2} END {print "IOReadBytesPersec", v["rchar:"] "\nIOWriteBytesPersec", v["wchar:"]
         print "IOReadOperationsPersec", v["syscr:"] "\nIOWriteOperationsPersec", v["syscw:"]}' io
         f 'END {print "HandleCount", NR}' fd)");
-    expectBetween(fmt::format("Process WHERE ProcessId = {}", busy.id), files, R"(
+    ExpectBetween(fmt::format("Process WHERE ProcessId = {}", busy.id), files, R"(
         f '{print "ProcessId", $1 "\nParentProcessId", $4 "\nSessionId", $6 "\nPageFaults", $10 + $12
         print "UserModeTime", $14 * tick "\nKernelModeTime", $15 * tick "\nThreadCount", $20
         print "VirtualSize", $23 "\nWorkingSetSize", $24 * page}' stat
@@ -392,15 +394,15 @@ TEST_F(PerformanceOfThisMachine, OfABusyProcessIsWhatItDid) {
 TEST_F(PerformanceOfThisMachine, HasTheProcessesOfPs) {
     for (const int end : {SIGSTOP, SIGKILL}) {
         const Child child("odd) S (na me");
-        child.signal(end);
-        const WmiRow row = firstOf(fmt::format("SELECT * FROM Win32_Process WHERE ProcessId = {}", child.id));
+        child.Signal(end);
+        const WmiRow row = QueryFirst(fmt::format("SELECT * FROM Win32_Process WHERE ProcessId = {}", child.id));
         const char* const ps = "ps -o pid=,ppid=,state=,comm= -p {} | sed 's/ T / 8 /; s/ Z / 7 /; s/<.*//' | xargs";
-        EXPECT_EQ(TextsOf(row, "Handle,ParentProcessId,ExecutionState,Name"),
+        EXPECT_EQ(PropertyTexts(row, "Handle,ParentProcessId,ExecutionState,Name"),
                   RunShell(fmt::format(fmt::runtime(ps), child.id)).output);
-        EXPECT_EQ(TextOf(row, "CommandLine") == "NULL", end == SIGKILL);
-        EXPECT_EQ(TextOf(row, "ExecutablePath"),
+        EXPECT_EQ(PropertyText(row, "CommandLine") == "NULL", end == SIGKILL);
+        EXPECT_EQ(PropertyText(row, "ExecutablePath"),
                   RunShell(fmt::format("readlink /proc/{}/exe || echo NULL", child.id)).output);
-        const auto created = MicrosecondsOfDmtf(WideFromUtf8(TextOf(row, "CreationDate")));
+        const auto created = MicrosecondsOfDmtf(WideFromUtf8(PropertyText(row, "CreationDate")));
         EXPECT_NEAR(static_cast<double>(created.value_or(0)) / 1e6, static_cast<double>(time(nullptr)), 10);
     }
 }
@@ -420,20 +422,20 @@ TEST_F(PerformanceOfThisMachine, TotalsAreLastAndNamesAreUnique) {
         std::set<std::string> names;
         double sum = 0;
         for (const WmiRow& row : rows) {
-            names.insert(TextOf(row, "Name"));
-            if (&row != &rows.back()) sum += numberIn(row, property);
+            names.insert(PropertyText(row, "Name"));
+            if (&row != &rows.back()) sum += NumberIn(row, property);
         }
         EXPECT_EQ(names.size(), rows.size()) << query;
         EXPECT_EQ(names.contains("_Total#2"), query.ends_with("Process")) << query;
-        EXPECT_TRUE(rows.empty() || TextOf(rows.back(), "Name") == "_Total") << query;
-        EXPECT_TRUE(rows.empty() || numberIn(rows.back(), property) == sum) << query;
+        EXPECT_TRUE(rows.empty() || PropertyText(rows.back(), "Name") == "_Total") << query;
+        EXPECT_TRUE(rows.empty() || NumberIn(rows.back(), property) == sum) << query;
     }
     for (std::thread& asker : askers) asker.join();
 }
 
-TEST_F(PerformanceOfThisMachine, ThatCannotBeReadFails) {
+TEST_F(PerformanceOfThisMachine, FailsWhenItCannotBeRead) {
 #ifdef __SANITIZE_ADDRESS__
-    GTEST_SKIP() << "the sanitizer of undefined behaviour needs descriptors too";
+    GTEST_SKIP() << "the sanitizer needs descriptors too";
 #endif
     rlimit limits{};
     getrlimit(RLIMIT_NOFILE, &limits);

@@ -1,10 +1,9 @@
-// The provider as a whole: what it refuses and how, and that nobody waits for it without end.
+// The provider as a whole: what it answers and refuses, and that nobody waits for it forever.
 #include <chrono>
 #include <gtest/gtest.h>
 #include <semaphore>
 #include <stdexcept>
 
-#include "platform/backend.h"
 #include "platform/clock.h"
 #include "tests/support/wmi_query.h"
 #include "wql/bounded_run.h"
@@ -16,24 +15,20 @@ namespace {
 using namespace platform;
 using namespace wql;
 
-struct WmiProvider : ::testing::Test {
-    WmiProvider() {
-        InstallBackend();
-        InstallWmi();
-    }
-};
+using WmiProvider = WmiTest;
 
 TEST_F(WmiProvider, RefusesWhatItCannotAnswer) {
     const std::tuple<const char*, const char16_t*, const char*, WmiStatus> rows[] = {
-        {"as a plan has it", u"ROOT\\CIMV2", "SELECT Name FROM Win32_OperatingSystem", wmi_status::ok},
-        {"this computer by a dot", u"\\\\.\\root\\cimv2", "SELECT Name FROM Win32_LocalTime", wmi_status::invalidQuery},
+        {"as plans write it", u"ROOT\\CIMV2", "SELECT Name FROM Win32_OperatingSystem", wmi_status::ok},
+        {"a dot for this computer", u"\\\\.\\root\\cimv2", "SELECT Name FROM Win32_LocalTime",
+         wmi_status::invalidQuery},
         {"another computer", u"\\\\elsewhere.example\\root\\cimv2", "SELECT * FROM X", wmi_status::serverUnavailable},
         {"another namespace", u"ROOT\\WMI", "SELECT * FROM X", wmi_status::invalidNamespace},
         {"a namespace cut short", u"ROOT", "SELECT * FROM X", wmi_status::invalidNamespace},
-        {"no namespace", u"", "SELECT * FROM X", wmi_status::invalidParameter},
+        {"an empty namespace", u"", "SELECT * FROM X", wmi_status::invalidParameter},
         {"an unknown class", u"ROOT\\CIMV2", "SELECT * FROM Win32_Nothing", wmi_status::invalidClass},
         {"an unknown property", u"ROOT\\CIMV2", "SELECT Nothing FROM Win32_Process", wmi_status::invalidQuery},
-        {"no query", u"ROOT\\CIMV2", "DELETE FROM Win32_Process", wmi_status::invalidQuery},
+        {"another statement", u"ROOT\\CIMV2", "DELETE FROM Win32_Process", wmi_status::invalidQuery},
     };
     for (const auto& [title, nameSpace, query, status] : rows) {
         const WmiResult result = RunWmiQuery(query, nameSpace);
@@ -52,7 +47,7 @@ TEST_F(WmiProvider, AnAbstractClassStandsForItsSubclasses) {
     EXPECT_EQ(systems.names, (std::vector<std::string>{"Name", "Status"}));
     const WmiResult timeOnly = RunWmiQuery("SELECT * FROM CIM_Setting WHERE __CLASS = 'Win32_TimeZone'");
     ASSERT_EQ(timeOnly.rows.size(), 1u);
-    EXPECT_NE(TextOf(timeOnly.rows[0], "Bias"), "(none)");
+    EXPECT_NE(PropertyText(timeOnly.rows[0], "Bias"), "(absent)");
     BoundQuery bound;
     const char16_t* disksOnly =
         u"SELECT DeviceID FROM CIM_LogicalDevice WHERE Name <> '' AND NOT (__THIS ISA 'CIM_Chip')"
@@ -63,8 +58,7 @@ TEST_F(WmiProvider, AnAbstractClassStandsForItsSubclasses) {
     EXPECT_EQ(drives.rows.size(), RunWmiQuery("SELECT DeviceID FROM Win32_LogicalDisk").rows.size());
 }
 
-/// Reads every class in full, as a plan with SELECT * does.
-TEST_F(WmiProvider, EveryClassAnswers) {
+TEST_F(WmiProvider, EveryClassAnswersWithAllItsProperties) {
     for (const ClassInfo* classInfo : AllClasses()) {
         if (classInfo->gather == nullptr) continue;
         const std::string name = Utf8FromWide(classInfo->name);
@@ -75,7 +69,7 @@ TEST_F(WmiProvider, EveryClassAnswers) {
     }
 }
 
-TEST_F(WmiProvider, WorkThatNeverEndsIsGivenUp) {
+TEST_F(WmiProvider, GivesUpWorkThatDoesNotEnd) {
     using namespace std::chrono_literals;
     std::binary_semaphore release(0);
     std::binary_semaphore ended(0);
@@ -90,7 +84,7 @@ TEST_F(WmiProvider, WorkThatNeverEndsIsGivenUp) {
     BoundedRunPtr second;
     ResultObject object;
     ASSERT_EQ(StartBoundedRun(u"Stuck", 100ms, work, run), wmi_status::ok);
-    EXPECT_EQ(NextObject(*run, object), wmi_status::ok) << "what came in time counts";
+    EXPECT_EQ(NextObject(*run, object), wmi_status::ok) << "it came in time";
     EXPECT_EQ(object.size(), 1u);
     EXPECT_EQ(NextObject(*run, object), wmi_status::timedOut);
     EXPECT_EQ(NextObject(*run, object), wmi_status::timedOut);
@@ -103,10 +97,10 @@ TEST_F(WmiProvider, WorkThatNeverEndsIsGivenUp) {
                u"Stuck", 10s, [](const ResultSink&) { return wmi_status::failed; }, second) != wmi_status::ok) {
         platform::Clock().Sleep(1);
     }
-    EXPECT_EQ(NextObject(*second, object), wmi_status::failed) << "the first has ended, so the name is free";
+    EXPECT_EQ(NextObject(*second, object), wmi_status::failed) << "the name is free once the first run has ended";
 }
 
-TEST_F(WmiProvider, AnExceptionInTheWorkIsAFailure) {
+TEST_F(WmiProvider, ReportsAnExceptionAsAFailure) {
     BoundedRunPtr run;
     ResultObject object;
     const auto work = [](const ResultSink&) -> WmiStatus { throw std::runtime_error("broken file"); };

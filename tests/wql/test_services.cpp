@@ -1,11 +1,9 @@
 // Win32_Service against a fake manager.
 #include <cstdlib>
-#include <fmt/format.h>
 #include <fnmatch.h>
 #include <gtest/gtest.h>
 #include <tuple>
 
-#include "platform/backend.h"
 #include "tests/support/linux/fake_systemd.h"
 #include "tests/support/wmi_query.h"
 #include "wql/class_tree.h"
@@ -18,7 +16,7 @@ using namespace platform;
 using namespace platform::systemd;
 using namespace wql;
 
-TEST(ServiceUnits, ReadAsServices) {
+TEST(ServiceUnits, HaveTheStatesOfServices) {
     const struct {
         const char *active, *sub, *file;
         std::u16string expected;
@@ -60,26 +58,26 @@ const std::vector<FakeUnit> someUnits{
     {.id = "c@.service", .load = "", .file = "/c@.service", .fileState = "static"},
 };
 
-TEST(WmiServices, AreThoseOfTheManager) {
-    InstallBackend();
-    InstallWmi();
+using WmiServices = WmiTest;
+
+TEST_F(WmiServices, AreTheUnitsOfTheManager) {
     const FakeSystemd manager(someUnits);
     const std::string properties = "Name,Caption,State,StartMode,ExitCode,PathName,StartName,ProcessId";
     const WmiResult result = RunWmiQuery("SELECT " + properties + " FROM Win32_Service");
     ASSERT_EQ(result.rows.size(), 2u);
-    EXPECT_EQ(TextsOf(result.rows[0], properties), "a An A Stopped Auto 4 /bin/x -v 1 root 0");
-    EXPECT_EQ(TextsOf(result.rows[1], properties), "b A B Stopped Manual 0 /bin/x -v 1 root 0");
+    EXPECT_EQ(PropertyTexts(result.rows[0], properties), "a An A Stopped Auto 4 /bin/x -v 1 root 0");
+    EXPECT_EQ(PropertyTexts(result.rows[1], properties), "b A B Stopped Manual 0 /bin/x -v 1 root 0");
     EXPECT_EQ(result.notices.size(), 0u);
 }
 
-TEST(WmiServices, AManagerThatFallsSilentIsNotWaitedFor) {
+TEST_F(WmiServices, DoNotWaitForASilentManager) {
     const std::tuple<const char*, BusFault, std::size_t, std::size_t, WmiStatus> rows[] = {
         {"no bus", {"bus", ""}, 0, 0, wmi_status::ok},
-        {"no list", {"ListUnitsByPatterns", ""}, 0, 1, wmi_status::timedOut},
-        {"no files are told of", {"ListUnitFilesByPatterns", SD_BUS_ERROR_ACCESS_DENIED}, 1, 1, wmi_status::ok},
-        {"one cannot be described", {"ListUnitsByNames", SD_BUS_ERROR_ACCESS_DENIED}, 2, 1, wmi_status::ok},
-        {"in the middle of a service", {"GetExecMainStatus", ""}, 0, 1, wmi_status::timedOut},
-        {"where nobody asks", {"GetMainPID", ""}, 2, 0, wmi_status::ok},
+        {"silent when asked for the list", {"ListUnitsByPatterns", ""}, 0, 1, wmi_status::timedOut},
+        {"lists no files", {"ListUnitFilesByPatterns", SD_BUS_ERROR_ACCESS_DENIED}, 1, 1, wmi_status::ok},
+        {"cannot describe a unit", {"ListUnitsByNames", SD_BUS_ERROR_ACCESS_DENIED}, 2, 1, wmi_status::ok},
+        {"silent in the middle of a service", {"GetExecMainStatus", ""}, 0, 1, wmi_status::timedOut},
+        {"silent about what nobody asks", {"GetMainPID", ""}, 2, 0, wmi_status::ok},
     };
     const ClassInfo& service = *FindClass(u"Win32_Service");
     for (const auto& [title, fault, rowCount, noticeCount, status] : rows) {

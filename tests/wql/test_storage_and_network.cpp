@@ -1,6 +1,5 @@
-// Disks and network interfaces: mounts that do not answer, and this machine as df,
-// lsblk and ip see it. What needs mounts or interfaces of its own runs once more in namespaces, where nothing outlives
-// it.
+// Disks and network interfaces: a mount that does not answer, and this machine as df and ip see it. Tests that need
+// their own mounts or interfaces run again in namespaces, so that nothing outlives them.
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -8,15 +7,12 @@
 #include <filesystem>
 #include <fmt/format.h>
 #include <gmock/gmock.h>
-#include <memory>
-#include <semaphore>
 #include <sstream>
 #include <sys/mount.h>
 #include <unistd.h>
 
 #include "facts/mount_space.h"
 #include "facts/system_text.h"
-#include "platform/backend.h"
 #include "tests/support/linux/shell.h"
 #include "tests/support/wmi_query.h"
 #include "wql/cim_value.h"
@@ -31,17 +27,12 @@ using std::chrono::steady_clock;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
-struct WmiStorage : ::testing::Test {
-    WmiStorage() {
-        platform::InstallBackend();
-        platform::InstallWmi();
-    }
-};
-using WmiNetwork = WmiStorage;
+using WmiStorage = WmiTest;
+using WmiNetwork = WmiTest;
 
 bool IsInNamespaces() { return std::getenv("KV_IN_NAMESPACES") != nullptr; }
 
-/// Runs the current test once more in namespaces of its own, after a line for the shell.
+/// Runs the current test again in new namespaces, after a line of the shell.
 void RunInNamespaces(const std::string& flags, const std::string& preparation) {
     const auto* test = ::testing::UnitTest::GetInstance()->current_test_info();
     const ShellOutcome outcome =
@@ -49,15 +40,15 @@ void RunInNamespaces(const std::string& flags, const std::string& preparation) {
                              "unshare {0} sh -c '({1}) || exit 77; exec {2} --gtest_filter={3}.{4}') 2>&1",
                              flags, preparation, std::filesystem::read_symlink("/proc/self/exe").string(),
                              test->test_suite_name(), test->name()));
-    if (outcome.exitCode == 77) GTEST_SKIP() << "not allowed here, or not possible: " << outcome.output;
+    if (outcome.exitCode == 77) GTEST_SKIP() << "namespaces cannot be made here: " << outcome.output;
     EXPECT_EQ(outcome.exitCode, 0) << outcome.output;
 }
 
-TEST_F(WmiStorage, ADeadMountCostsOthersNothing) {
+TEST_F(WmiStorage, ADeadMountDoesNotDelayTheOthers) {
     if (!IsInNamespaces()) return RunInNamespaces("--mount", "test -w /dev/fuse");
     std::string folder = (std::filesystem::temp_directory_path() / "dead.XXXXXX").string();
     ASSERT_NE(mkdtemp(folder.data()), nullptr);
-    const int device = open("/dev/fuse", O_RDWR | O_CLOEXEC);  // no one will ever answer what comes by it
+    const int device = open("/dev/fuse", O_RDWR | O_CLOEXEC);  // nobody answers its requests
     const std::string options = fmt::format("fd={},rootmode=40000,user_id=0,group_id=0", device);
     const int mounted = mount("nas.example:/data", folder.c_str(), "fuse.sshfs", 0, options.c_str());
     ASSERT_EQ(mounted, 0) << std::generic_category().message(errno);
@@ -66,7 +57,7 @@ TEST_F(WmiStorage, ADeadMountCostsOthersNothing) {
     const std::string byName = fmt::format(" WHERE DeviceID = '{}'", folder);
     const WmiResult nameOnly = RunWmiQuery("SELECT DriveType, ProviderName FROM Win32_LogicalDisk" + byName);
     ASSERT_EQ(nameOnly.rows.size(), 1u);
-    EXPECT_EQ(TextsOf(nameOnly.rows[0], "DriveType,ProviderName"), "4 nas.example:/data");
+    EXPECT_EQ(PropertyTexts(nameOnly.rows[0], "DriveType,ProviderName"), "4 nas.example:/data");
 
     std::vector<Mount> disks =
         DisksAmong(ParseMountInfo(platform::ReadSystemFile("/proc/self/mountinfo").value_or("")));
@@ -75,52 +66,52 @@ TEST_F(WmiStorage, ADeadMountCostsOthersNothing) {
 
     const std::tuple<std::string, std::string, std::size_t> rows[] = {
         {"all", "", 1},
-        {"itself", byName, 1},
+        {"the dead one", byName, 1},
         {"the root", " WHERE DeviceID = '/'", 0},
         {"fixed disks", " WHERE DriveType = 3 AND FreeSpace > 0", 0},
     };
     for (const auto& [title, where, notices] : rows) {
         const auto start = steady_clock::now();
         const WmiResult result = RunWmiQuery(bySpace + where);
-        EXPECT_LT(steady_clock::now() - start, 2s) << title << ": as long as a mount is waited for";
+        EXPECT_LT(steady_clock::now() - start, 2s) << title;
         EXPECT_EQ(result.status, 0u) << title;
-        EXPECT_EQ(result.rows.empty(), title == "itself") << title;
+        EXPECT_EQ(result.rows.empty(), title == "the dead one") << title;
         EXPECT_EQ(result.notices.size(), notices) << title;
         for (const std::string& notice : result.notices) EXPECT_THAT(notice, HasSubstr(folder)) << title;
     }
 
-    close(device);  // the kernel gives up on it, and the thread comes back
+    close(device);  // the kernel gives the mount up, and the thread returns
     WmiResult gone;
     for (const auto end = steady_clock::now() + 30s; gone.rows.empty() && steady_clock::now() < end;) {
         gone = RunWmiQuery(bySpace + byName);
     }
     ASSERT_EQ(gone.rows.size(), 1u);
-    EXPECT_EQ(TextOf(gone.rows[0], "FreeSpace"), "NULL");
+    EXPECT_EQ(PropertyText(gone.rows[0], "FreeSpace"), "NULL");
     EXPECT_THAT(gone.notices, ElementsAre(HasSubstr(std::generic_category().message(ENOTCONN))));
     umount2(folder.c_str(), MNT_DETACH);
     std::filesystem::remove(folder);
 }
 
-TEST_F(WmiStorage, SpaceIsThatOfDf) {
+TEST_F(WmiStorage, HasTheSpaceThatDfShows) {
     std::istringstream mounts(RunShell("df -B1 --output=target,size,avail -x devtmpfs -x overlay -x efivarfs 2>&1 |"
                                        "awk '/^\\// && !/^.(sys|proc)\\//'")
                                   .output);
-    constexpr double tolerance = 256 << 20;  // others write meanwhile
+    constexpr double tolerance = 256 << 20;  // for what others write meanwhile
     double available = 0;
     for (std::string mount, size; mounts >> mount >> size >> available;) {
         const WmiResult disk = RunWmiQuery("SELECT * FROM Win32_LogicalDisk WHERE DeviceID = '" + mount + "'");
         ASSERT_EQ(disk.rows.size(), 1u) << mount;
-        EXPECT_EQ(TextOf(disk.rows[0], "Size"), size) << mount;
-        EXPECT_NEAR(std::stod(TextOf(disk.rows[0], "FreeSpace")), available, tolerance) << mount;
+        EXPECT_EQ(PropertyText(disk.rows[0], "Size"), size) << mount;
+        EXPECT_NEAR(std::stod(PropertyText(disk.rows[0], "FreeSpace")), available, tolerance) << mount;
     }
     const WmiResult root = RunWmiQuery("SELECT * FROM Win32_Volume WHERE DriveLetter = '/'");
     ASSERT_EQ(root.rows.size(), 1u);
-    EXPECT_EQ(TextOf(root.rows[0], "BootVolume"), "true");
+    EXPECT_EQ(PropertyText(root.rows[0], "BootVolume"), "true");
     EXPECT_EQ(RunWmiQuery("SELECT * FROM Win32_Volume").rows.size(),
               RunWmiQuery("SELECT * FROM Win32_LogicalDisk").rows.size());
 }
 
-TEST_F(WmiNetwork, AdaptersAndTheirConfigurations) {
+TEST_F(WmiNetwork, HasAdaptersAndConfigurationsOfEachKind) {
     if (!IsInNamespaces()) {
         return RunInNamespaces(
             "--mount --net",
@@ -131,29 +122,31 @@ TEST_F(WmiNetwork, AdaptersAndTheirConfigurations) {
             "ip address add 198.51.100.1/24 dev kv1 && ip route add default via 192.0.2.1 && "
             "(ip address add 2001:db8::7/64 dev kv1 valid_lft 600 preferred_lft 600 || true)");
     }
-    // the adapter's NetConnectionStatus, NetEnabled, PhysicalAdapter; the configuration's IPEnabled and so on
+    // The adapter's facts and its configuration's, in the order of the queries below.
     const std::pair<std::string, const char*> rows[] = {
         {"kv0", "2 true false; true true array array"},
         {"kv1", "2 true false; true false array NULL"},
         {"kv2", "7 false false; false false NULL NULL"},
         {"kv3", "0 false false; false false NULL NULL"},
     };
-    EXPECT_EQ(RunWmiQuery("SELECT Name FROM Win32_NetworkAdapter").rows.size(), std::size(rows)) << "no loopback";
+    EXPECT_EQ(RunWmiQuery("SELECT Name FROM Win32_NetworkAdapter").rows.size(), std::size(rows))
+        << "all but the loopback";
     for (const auto& [name, facts] : rows) {
         const WmiResult adapters = RunWmiQuery("SELECT * FROM Win32_NetworkAdapter WHERE GUID = '" + name + "'");
         const WmiResult configurations =
             RunWmiQuery("SELECT * FROM Win32_NetworkAdapterConfiguration WHERE SettingID = '" + name + "'");
         ASSERT_EQ(adapters.rows.size() * configurations.rows.size(), 1u) << name;
         const WmiRow &adapter = adapters.rows[0], &configuration = configurations.rows[0];
-        EXPECT_EQ(TextsOf(adapter, "NetConnectionStatus,NetEnabled,PhysicalAdapter") + "; " +
-                      TextsOf(configuration, "IPEnabled,DHCPEnabled,IPAddress,DefaultIPGateway"),
+        EXPECT_EQ(PropertyTexts(adapter, "NetConnectionStatus,NetEnabled,PhysicalAdapter") + "; " +
+                      PropertyTexts(configuration, "IPEnabled,DHCPEnabled,IPAddress,DefaultIPGateway"),
                   facts)
             << name;
-        EXPECT_EQ(TextOf(configuration, "Index"), TextOf(adapter, "Index")) << name;
+        EXPECT_EQ(PropertyText(configuration, "Index"), PropertyText(adapter, "Index")) << name;
         if (name != "kv0") continue;
-        EXPECT_EQ(TextsOf(adapter, "MACAddress,Speed"), "02:00:00:00:0A:0B 10000000000") << "as all such pairs say";
-        EXPECT_EQ(TextOf(configuration, "MTU"), "1400");
-        const auto end = MicrosecondsOfDmtf(platform::WideFromUtf8(TextOf(configuration, "DHCPLeaseExpires")));
+        EXPECT_EQ(PropertyTexts(adapter, "MACAddress,Speed"), "02:00:00:00:0A:0B 10000000000")
+            << "the speed of each such pair";
+        EXPECT_EQ(PropertyText(configuration, "MTU"), "1400");
+        const auto end = MicrosecondsOfDmtf(platform::WideFromUtf8(PropertyText(configuration, "DHCPLeaseExpires")));
         const auto now = std::chrono::system_clock::now().time_since_epoch() / 1us;
         EXPECT_NEAR(static_cast<double>(end.value_or(0) - now), 600e6, 30e6);
     }

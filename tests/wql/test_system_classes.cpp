@@ -1,6 +1,5 @@
-// The classes of the system itself: all tables as such, the texts of firmware and files taken apart, and this
-// machine as uname, lscpu, free, getent and date see it.
-#include <algorithm>
+// The classes of the system itself: the tables of all classes, the texts of firmware and kernel, and this machine as
+// uname, lscpu, free, getent and date see it.
 #include <array>
 #include <cstdlib>
 #include <ctime>
@@ -12,7 +11,6 @@
 #include "facts/local_time.h"
 #include "facts/system_text.h"
 #include "facts/zone_rules.h"
-#include "platform/backend.h"
 #include "tests/support/linux/shell.h"
 #include "tests/support/linux/zone_setting.h"
 #include "tests/support/wmi_query.h"
@@ -30,9 +28,7 @@ using namespace std::chrono_literals;
 using platform::Utf8FromWide;
 using ::testing::ElementsAre;
 
-// All tables
-
-TEST(WmiClasses, TablesAreInOrderAndHaveWhatTheirSuperclassesHave) {
+TEST(WmiClasses, HaveSortedTablesWithTheirSuperclassesProperties) {
     for (const ClassInfo* classInfo : AllClasses()) {
         const std::string name = Utf8FromWide(classInfo->name);
         EXPECT_EQ(FindClass(classInfo->name), classInfo) << name << ": there is another of that name";
@@ -42,7 +38,8 @@ TEST(WmiClasses, TablesAreInOrderAndHaveWhatTheirSuperclassesHave) {
         }
         for (const PropertyInfo& property : classInfo->properties) {
             EXPECT_EQ(property.read == nullptr, property.meaning.empty())
-                << name << "." << Utf8FromWide(property.name) << ": what is read has a meaning";
+                << name << "." << Utf8FromWide(property.name)
+                << ": a property that is read needs a meaning, and no other";
         }
         if (classInfo->superclass.empty()) continue;
         const ClassInfo* superclass = FindClass(classInfo->superclass);
@@ -55,9 +52,7 @@ TEST(WmiClasses, TablesAreInOrderAndHaveWhatTheirSuperclassesHave) {
     }
 }
 
-// Tables of the firmware
-
-using Field = std::array<std::uint32_t, 3>;  // offset, how many bytes, value
+using Field = std::array<std::uint32_t, 3>;  // offset, bytes, value
 
 std::string Structure(char type, std::size_t length, const std::vector<Field>& fields,
                       const std::vector<std::string>& strings) {
@@ -93,8 +88,8 @@ std::string MemoryTable() {
 }
 // clang-format on
 
-/// The properties that have a value, with a class's objects gathered by another routine than its own.
-std::vector<std::string> ObjectsOf(std::u16string_view className, std::string_view names, GatherRoutine gather) {
+/// The values of a class's properties, one text for each object, with another routine that gathers the objects.
+std::vector<std::string> GatheredTexts(std::u16string_view className, std::string_view names, GatherRoutine gather) {
     ClassInfo classInfo = *FindClass(className);
     classInfo.gather = gather;
     ClassQuery query{.classInfo = &classInfo, .properties = {}, .where = std::nullopt};
@@ -104,30 +99,28 @@ std::vector<std::string> ObjectsOf(std::u16string_view className, std::string_vi
     std::vector<std::string> objects;
     const auto add = [&](const ResultObject& object) {
         std::string& texts = objects.emplace_back();
-        for (const auto& [name, value] : object) texts += TextOf(value) + "|";
+        for (const auto& [name, value] : object) texts += VariantText(value) + "|";
     };
     EXPECT_EQ(RunQuery({classInfo.name, {query}}, {add, [] { return true; }, nullptr}), 0U);
     return objects;
 }
 
-TEST(WmiFirmware, MemoryDevicesThatAreThere) {
+TEST(WmiFirmware, TellsOfTheMemoryModulesInItsSockets) {
     const auto gather = [](const Gathering& gathering) { return GatherMemoryDevices(gathering, MemoryTable()); };
     EXPECT_THAT(
-        ObjectsOf(u"Win32_PhysicalMemory",
-                  "Tag Capacity DeviceLocator BankLabel Manufacturer SerialNumber PartNumber FormFactor MemoryType "
-                  "SMBIOSMemoryType TypeDetail Speed ConfiguredClockSpeed ConfiguredVoltage MaxVoltage DataWidth "
-                  "TotalWidth Attributes",
-                  gather),
+        GatheredTexts(u"Win32_PhysicalMemory",
+                      "Tag Capacity DeviceLocator BankLabel Manufacturer SerialNumber PartNumber FormFactor MemoryType "
+                      "SMBIOSMemoryType TypeDetail Speed ConfiguredClockSpeed ConfiguredVoltage MaxVoltage DataWidth "
+                      "TotalWidth Attributes",
+                      gather),
         ElementsAre("Physical Memory 0|34359738368|DIMM_A1|Bank 0|Maker|00AB|PART-1|8|0|34|8320|70000|4800|1100|NULL|"
                     "64|72|2|",
                     "Physical Memory 1|524288|NULL|NULL|NULL|NULL|NULL|7|2|3|0|NULL|NULL|NULL|NULL|NULL|NULL|NULL|",
                     "Physical Memory 2|NULL|NULL|NULL|NULL|NULL|NULL|1|26|26|0|NULL|NULL|NULL|NULL|NULL|NULL|NULL|"));
 }
 
-// Processors
-
 // clang-format off
-TEST(WmiProcessors, AreDescribedByTheirArchitecturesOwnLines) {
+TEST(WmiProcessors, AreDescribedByFirmwareAndKernel) {
     constexpr const char* intel = "processor: {}\nvendor_id\t: GenuineIntel\ncpu family\t: 6\nmodel\t\t: 85\n"
         "model name\t: Xeon Gold 6226R\nstepping\t: 7\nphysical id\t: {}\nflags\t\t: fpu vmx lm ept\n\n";
     const auto block = [](int number, int package) { return fmt::format(fmt::runtime(intel), number, package); };
@@ -142,17 +135,17 @@ TEST(WmiProcessors, AreDescribedByTheirArchitecturesOwnLines) {
     const struct {
         const char* title;
         std::string_view cpuInfo, firmware, machine;
-        std::string_view files;  // each named by the processor's number and its path
+        std::string_view files;  // lines of number/path=content
         const char* properties;
         std::vector<std::string> objects;
     } rows[] = {
         {"x86", xeons, firmware, "x86_64", "", identity,
          {"CPU0|Xeon Gold 6226R|GenuineIntel|Intel64 Family 6 Model 85 Stepping 7|9|64|6|21767|7|435|LGA3647-0|1|true|",
           "CPU1|Xeon Gold 6226R|GenuineIntel|Intel64 Family 6 Model 85 Stepping 7|9|64|6|21767|7|435|LGA3647-0|4|true|"}},
-        {"of the firmware", xeons, firmware, "", "",
+        {"from the firmware", xeons, firmware, "", "",
          "ProcessorId SerialNumber CurrentVoltage ExtClock MaxClockSpeed UpgradeMethod Characteristics",
          {"BFEBFBFF00050657|0123|10|100|2900|53|252|", "BFEBFBFF00050657|0123|10|100|2900|53|252|"}},
-        {"caches that are shared and that are not, and clocks", xeons, "", "",
+        {"shared and private caches, clocks", xeons, "", "",
          "0/topology/thread_siblings_list=0,2\n2/topology/thread_siblings_list=0,2\n"
          "0/cache/index0/level=1\n0/cache/index0/size=32K\n0/cache/index1/level=3\n0/cache/index1/size=32M\n"
          "2/cache/index0/level=3\n2/cache/index0/size=32M\n2/cache/index0/shared_cpu_list=0-2\n"
@@ -165,7 +158,7 @@ TEST(WmiProcessors, AreDescribedByTheirArchitecturesOwnLines) {
          {"CPU0|ARM part 0xd0c|ARM|ARMv8 (64-bit) Family 8 Model D0C Revision 301|12|64|8|769|NULL|2|CPU0|1|NULL|"}},
         {"packages", three, "", "", "0/topology/physical_package_id=7\n1/topology/physical_package_id=5\n"
          "2/topology/physical_package_id=7\n", places, {"1|1|", "2|2|"}},
-        {"a core that is shared", three, "", "",
+        {"a shared core", three, "", "",
          "0/topology/thread_siblings_list=0-1\n1/topology/thread_siblings_list=0-1\n", places, {"2|3|"}},
     };
     static ProcessorSources sources;
@@ -175,35 +168,28 @@ TEST(WmiProcessors, AreDescribedByTheirArchitecturesOwnLines) {
         };
         sources = {row.cpuInfo, row.firmware, row.machine, files, {}, {}};
         const auto gather = [](const Gathering& gathering) { return GatherProcessors(gathering, sources); };
-        EXPECT_EQ(ObjectsOf(u"Win32_Processor", row.properties, gather), row.objects) << row.title;
+        EXPECT_EQ(GatheredTexts(u"Win32_Processor", row.properties, gather), row.objects) << row.title;
     }
 }
 // clang-format on
 
-// This machine
+using WmiThisMachine = WmiTest;
 
-struct WmiThisMachine : ::testing::Test {
-    WmiThisMachine() {
-        platform::InstallBackend();
-        platform::InstallWmi();
-    }
-};
-
-/// The sum of a number over all objects.
-double SumOf(const WmiResult& result, const std::string& property) {
+/// The sum of a property over all rows.
+double PropertySum(const WmiResult& result, const std::string& property) {
     double sum = 0;
-    for (const WmiRow& row : result.rows) sum += std::strtod(TextOf(row, property).c_str(), nullptr);
+    for (const WmiRow& row : result.rows) sum += std::strtod(PropertyText(row, property).c_str(), nullptr);
     return sum;
 }
 
 // clang-format off
-TEST_F(WmiThisMachine, IsAsItsOwnToolsSeeIt) {
+TEST_F(WmiThisMachine, IsWhatItsOwnToolsShow) {
     constexpr const char* socket = "Win32_Processor WHERE DeviceID = 'CPU0'";
     const struct {
         const char* source;
         const char* properties;
         const char* command;
-        double tolerance = 0;  // of the sum over all objects; 0: their texts are compared, line by line
+        double tolerance = 0;  // of the sum over all rows; 0: the texts are compared, line by line
     } rows[] = {
         {"Win32_OperatingSystem", "Version", "uname -r"},
         {"Win32_OperatingSystem", "CSName", "hostname -s"},
@@ -230,7 +216,7 @@ TEST_F(WmiThisMachine, IsAsItsOwnToolsSeeIt) {
         {socket, "Level", "uname -m | grep -q x86 && lscpu | sed -n 's/^CPU family: *//p'"},
         {"Win32_Processor", "L2CacheSize", "lscpu -BC=NAME,ALL-SIZE | awk '/^L2/ {print $2 / 1024}'", 0.5},
         {"Win32_Processor", "L3CacheSize", "lscpu -BC=NAME,ALL-SIZE | awk '/^L3/ {print $2 / 1024}'", 0.5},
-        {"Win32_Processor", "LoadPercentage",  // the first time: since the system's start
+        {"Win32_Processor", "LoadPercentage",  // the first query counts since the system's start
          "awk -v sockets=$(lscpu -p=SOCKET | grep -v '^#' | sort -u | wc -l) '/^cpu / {idle = $5 + $6; "
          "print sockets * (100 - 100 * idle / (idle + $2 + $3 + $4 + $7 + $8 + $9))}' /proc/stat", 2},
         {"Win32_Account WHERE SID = 'S-1-22-1-0'", "Caption", "printf '%s\\\\root' $(hostname -s)"},
@@ -245,24 +231,24 @@ TEST_F(WmiThisMachine, IsAsItsOwnToolsSeeIt) {
     };
     for (const auto& row : rows) {
         const std::string expected = RunShell(row.command).output;
-        if (Trimmed(expected).empty()) continue;  // no such line on this kind of machine
+        if (Trimmed(expected).empty()) continue;  // this machine has no such line
         const WmiResult result = RunWmiQuery(fmt::format("SELECT {} FROM {}", row.properties, row.source));
         std::string shown;
-        for (const WmiRow& object : result.rows) shown += TextsOf(object, row.properties) + '\n';
+        for (const WmiRow& object : result.rows) shown += PropertyTexts(object, row.properties) + '\n';
         if (row.tolerance == 0) {
             EXPECT_EQ(Trimmed(shown), Trimmed(expected)) << row.source << "." << row.properties << ": " << result.status;
         } else {
-            EXPECT_NEAR(SumOf(result, row.properties), std::stod(expected), row.tolerance) << row.properties;
+            EXPECT_NEAR(PropertySum(result, row.properties), std::stod(expected), row.tolerance) << row.properties;
         }
     }
 }
 // clang-format on
 
-TEST_F(WmiThisMachine, TimesAreThoseOfTheClock) {
+TEST_F(WmiThisMachine, HasTheTimesOfTheClock) {
     const ZoneSetting setting("<+0545>-5:45");
     const auto moment = [](const char* className, std::time_t (*seconds)(std::tm*)) {
         const WmiResult result = RunWmiQuery(fmt::format("SELECT * FROM {}", className));
-        const auto part = [&](const char* name) { return static_cast<int>(SumOf(result, name)); };
+        const auto part = [&](const char* name) { return static_cast<int>(PropertySum(result, name)); };
         std::string text;
         for (const char* name : {"Year", "Month", "Day", "Hour", "Minute", "Second"})
             text += fmt::format("{} ", part(name));
@@ -274,16 +260,16 @@ TEST_F(WmiThisMachine, TimesAreThoseOfTheClock) {
         EXPECT_LT(part("Milliseconds"), 1000) << className;
         return found;
     };
-    constexpr double tolerance = 10;  // a zone that is wrong is so by minutes
+    constexpr double tolerance = 10;  // seconds; a wrong zone would be minutes off
     const auto now = static_cast<double>(std::time(nullptr));
     EXPECT_NEAR(static_cast<double>(moment("Win32_LocalTime", std::mktime)), now, tolerance);
     EXPECT_NEAR(static_cast<double>(moment("Win32_UTCTime", timegm)), now, tolerance);
     const WmiResult system =
         RunWmiQuery("SELECT LocalDateTime, LastBootUpTime, CurrentTimeZone FROM Win32_OperatingSystem");
     ASSERT_EQ(system.rows.size(), 1U);
-    EXPECT_EQ(TextOf(system.rows.front(), "CurrentTimeZone"), "345");
+    EXPECT_EQ(PropertyText(system.rows.front(), "CurrentTimeZone"), "345");
     const auto secondsOf = [&](const char* property) {
-        const std::u16string text = platform::WideFromUtf8(TextOf(system.rows.front(), property));
+        const std::u16string text = platform::WideFromUtf8(PropertyText(system.rows.front(), property));
         return static_cast<double>(MicrosecondsOfDmtf(text).value_or(0)) / 1e6;
     };
     EXPECT_NEAR(secondsOf("LocalDateTime"), now, tolerance);
@@ -303,12 +289,12 @@ TEST_F(WmiThisMachine, HasTheTimeZoneThatIsSet) {
         {"/etc/localtime", "SettingID", own.empty() ? "NULL" : own},
         {"", "Caption,Bias", "(UTC) UTC 0"},
     };
-    if (access("/usr/share/zoneinfo/America/St_Johns", F_OK) != 0) GTEST_SKIP() << "no time zones here";
+    if (access("/usr/share/zoneinfo/America/St_Johns", F_OK) != 0) GTEST_SKIP() << "time zones are not installed";
     for (const auto& [zone, properties, shown] : rows) {
         const ZoneSetting setting(zone);
         const WmiResult result = RunWmiQuery("SELECT * FROM Win32_TimeZone");
         ASSERT_EQ(result.rows.size(), 1U);
-        EXPECT_EQ(TextsOf(result.rows.front(), properties), shown) << zone;
+        EXPECT_EQ(PropertyTexts(result.rows.front(), properties), shown) << zone;
     }
 }
 

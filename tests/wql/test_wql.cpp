@@ -1,6 +1,6 @@
-// The query language over a class with a property of each type, and values on their way to the agent.
+// The query language over a class with a property of each type, and how values become variants.
 #include <fmt/format.h>
-#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <limits>
 #include <string>
 
@@ -40,7 +40,7 @@ constexpr PropertyInfo properties[] = {
     {u"U8", CimType::uint64, 8, "", [](const Row& row) { return row.uint64; }},
 };
 
-/// By their numbers from 1 on; the third has nothing but NULL.
+/// Objects 1 to 4; all properties of the third are NULL.
 const Row objects[] = {
     {true, -1, -300, -70000, -5000000000, 0.1, 0.1, u"Alpha", u"20240229120000.000000+060", 200, 60000, 4000000000,
      std::numeric_limits<std::uint64_t>::max()},
@@ -53,9 +53,7 @@ const Row objects[] = {
 
 constexpr ClassInfo testClass{.name = u"KV_Sample", .superclass = u"CIM_LogicalElement", .properties = properties};
 
-using kv::test::TextOf;
-
-std::string NameOf(WmiStatus status) {
+std::string StatusName(WmiStatus status) {
     return status == wmi_status::invalidQuery     ? "invalid"
            : status == wmi_status::notSupported   ? "not supported"
            : status == wmi_status::quotaViolation ? "too much"
@@ -75,10 +73,10 @@ WmiStatus Bind(const std::string& where, BoundCondition& condition) {
 }
 
 /// The numbers of the objects that match.
-std::string MatchedBy(const std::string& where) {
+std::string MatchingObjects(const std::string& where) {
     BoundCondition condition;
     const WmiStatus status = Bind(where, condition);
-    if (IsFailure(status)) return NameOf(status);
+    if (IsFailure(status)) return StatusName(status);
     std::string numbers;
     for (const Row& row : objects) {
         if (Matches(condition, &row)) numbers += std::to_string(&row - objects + 1);
@@ -86,25 +84,26 @@ std::string MatchedBy(const std::string& where) {
     return numbers;
 }
 
-std::string RestrictionsBy(const std::string& where) {
+std::string RestrictionsText(const std::string& where) {
     BoundCondition condition;
     if (IsFailure(Bind(where, condition))) return "invalid";
     std::string text;
     for (const Restriction& restriction : RestrictionsOf(condition)) {
         text += Utf8FromWide(restriction.property) + ":";
-        for (const CimValue& value : restriction.values) text += TextOf(VariantOf(CimType::string, value)) + ",";
+        for (const CimValue& value : restriction.values) text += VariantText(VariantOf(CimType::string, value)) + ",";
     }
     return text;
 }
 
-TEST(Wql, TextsOfQueries) {
-    // outcome: properties, class, and whether there is a condition
+TEST(Wql, QueriesAreParsedOrRefused) {
+    // The outcome is properties/class/where, or - without a condition.
     const Case cases[] = {
         {"everything", "SELECT * FROM Win32_Process", "/Win32_Process/-"},
-        {"no matter how it is written", "\n select Name,\t__PATH , _x9 from C Where a=1 ", "Name,__PATH,_x9/C/where"},
+        {"other letter case and white space", "\n select Name,\t__PATH , _x9 from C Where a=1 ",
+         "Name,__PATH,_x9/C/where"},
         {"another kind of query", "associators of {Win32_Process.Handle='1'} WHERE ClassDefsOnly", "not supported"},
         {"too long", "SELECT * FROM C" + std::string(maxQueryLength, ' '), "too much"},
-        {"as deep as it goes",
+        {"as deep as the limit",
          "SELECT * FROM C WHERE " + std::string(200, '(') + "a=1" + std::string(200, ')') + "OR NOT(a=1)", "/C/where"},
         {"too deep", "SELECT * FROM C WHERE NOT " + std::string(200, '(') + "a=1" + std::string(200, ')'), "too much"},
     };
@@ -114,7 +113,7 @@ TEST(Wql, TextsOfQueries) {
         std::string outcome;
         for (const auto& name : query.properties) outcome += (outcome.empty() ? "" : ",") + Utf8FromWide(name);
         outcome += "/" + Utf8FromWide(query.className) + (query.where ? "/where" : "/-");
-        EXPECT_EQ(IsFailure(status) ? NameOf(status) : outcome, row.outcome) << row.title;
+        EXPECT_EQ(IsFailure(status) ? StatusName(status) : outcome, row.outcome) << row.title;
     }
     for (const std::string_view text : std::initializer_list<std::string_view>{
              "", "SELECT * FROM C WHERE", "SELECT * FROM Where", "SELECT * FROM C;", "SELECT *,a FROM C",
@@ -132,37 +131,37 @@ TEST(Wql, ConditionsMatchObjects) {
          "R8=1e-1 AND U8=18446744073709551615",
          "1"},
         {"hexadecimal and signs", "I1>-0x1 AND U1<=+0xC8 AND I1!=0", "2"},
-        {"exactly", "U8>9007199254740992 AND U8<9007199254740994", "4"},
-        {"beyond the type", "U1<18446744073709551616 AND U1>-1.5 AND U1<>2.61e+2", "124"},
-        {"with a fraction", "U1<5.5 AND 4.5<U1", "2"},
+        {"64 bits exactly", "U8>9007199254740992 AND U8<9007199254740994", "4"},
+        {"literals beyond the type", "U1<18446744073709551616 AND U1>-1.5 AND U1<>2.61e+2", "124"},
+        {"literals with a fraction", "U1<5.5 AND 4.5<U1", "2"},
         {"the literal on the left", "200<=U1 OR 0>=U1", "14"},
         {"truth values", "B=TRUE OR 'false'=B AND I1=5", "12"},
-        {"text without regard to case", "S='ALPHA' OR S>'c:' AND S<\"C:\\\\j\"", "12"},
+        {"texts in any letter case", "S='ALPHA' OR S>'c:' AND S<\"C:\\\\j\"", "12"},
         {"escapes and quotes", R"(S='C:\\it\'s "x"' AND S="C:\\it's \"x\"")", "2"},
-        {"moments in other zones", "T='20240229060000.000000-300'", "1"},
-        {"their order", "T>'20240229110000.000000+000' OR T<'19700101000001.000000-300'", "24"},
+        {"a moment in another zone", "T='20240229060000.000000-300'", "1"},
+        {"moments in order", "T>'20240229110000.000000+000' OR T<'19700101000001.000000-300'", "24"},
         {"NOT binds first, then AND", "NOT I1=5 AND I1=0 OR I1=5 AND NOT NOT I1=5 OR I1=5 AND I1=0", "24"},
-        {"NULL is not unequal", "S<>'x'", "124"},
-        {"nor is it under NOT", "NOT S='x' AND NOT S LIKE 'x'", "124"},
-        {"neither or true", "N='a' OR I1=5", "2"},
-        {"neither and false", "NOT(N='a' AND I1=5)", "14"},
-        {"told apart", "S IS NULL OR NULL<>U4 AND U4=5", "23"},
+        {"NULL is not unequal to a value", "S<>'x'", "124"},
+        {"nor under NOT", "NOT S='x' AND NOT S LIKE 'x'", "124"},
+        {"unknown OR true", "N='a' OR I1=5", "2"},
+        {"unknown AND false, negated", "NOT(N='a' AND I1=5)", "14"},
+        {"IS NULL tells NULL apart", "S IS NULL OR NULL<>U4 AND U4=5", "23"},
         {"patterns", "S LIKE 'al[o-q]%' OR S NOT LIKE '_%'", "14"},
         {"the class", "__CLASS='kv_sample' AND __THIS ISA 'KV_SAMPLE' AND __SUPERCLASS LIKE '%ELEMENT' AND I1=5", "2"},
     };
-    for (const Case& row : cases) EXPECT_EQ(MatchedBy(row.text), row.outcome) << row.title;
-    // Properties that are not there, literals that are not of the type, operators that the type lacks, broken texts.
+    for (const Case& row : cases) EXPECT_EQ(MatchingObjects(row.text), row.outcome) << row.title;
+    // Unknown properties, literals of another type, operators that the type lacks, broken texts.
     for (const char* where :
          {"X=1", "__PATH='x'", "S ISA 'x'", "U1='+-5'", "U1='0x-5'", "U1=5x", "R8<1e999", "B='maybe'", "T>'2024-02-29'",
           "T>'20230229000000.000000+000'", "I1 LIKE '5'", "A=1", "S<NULL", "I1=I2", R"(S='C:\a')", "S='a"}) {
-        EXPECT_EQ(MatchedBy(where), "invalid") << where;
+        EXPECT_EQ(MatchingObjects(where), "invalid") << where;
     }
     BoundCondition condition;
     ASSERT_EQ(Bind("NOT(S='x' OR N=NULL)AND __CLASS='x' AND T IS NULL", condition), wmi_status::ok);
     EXPECT_EQ(NeedsOf(condition), 96u);
 }
 
-TEST(Wql, RestrictionsHoldWhatCanMatch) {
+TEST(Wql, RestrictionsHoldTheValuesThatCanMatch) {
     const std::pair<std::string, const char*> cases[] = {
         {"U4=0x10 AND S='b' AND I1>3", "U4:16,S:b,"},
         {"(U4=7 OR U4='5' OR 7.0=U4)", "U4:5,7,"},
@@ -175,10 +174,10 @@ TEST(Wql, RestrictionsHoldWhatCanMatch) {
         {"U1=300 AND I1=1.5", "U1:I1:"},
         {"U1=300 OR U1=3", "U1:3,"},
     };
-    for (const auto& [where, restrictions] : cases) EXPECT_EQ(RestrictionsBy(where), restrictions) << where;
+    for (const auto& [where, restrictions] : cases) EXPECT_EQ(RestrictionsText(where), restrictions) << where;
 }
 
-TEST(Wql, TextsMatchPatterns) {
+TEST(Wql, LikeMatchesPatterns) {
     const std::tuple<std::u16string, std::u16string, bool> cases[] = {
         {u"", u"", true},        {u"", u"%%", true},        {u"a", u"", false},        {u"aXbXc", u"a%X_", true},
         {u"abc", u"A_C", true},  {u"abc", u"a_", false},    {u"b", u"[A-C]", true},    {u"d", u"[a-c]", false},
@@ -194,7 +193,7 @@ TEST(Wql, TextsMatchPatterns) {
     EXPECT_FALSE(IsLike(std::u16string(3000, u'a'), stars + u"b"));
 }
 
-TEST(WmiValues, GoOutByTheirDeclaredTypes) {
+TEST(WmiValues, HaveTheVariantsOfTheirTypes) {
     struct ValueCase {
         const char* title;
         CimType type;
@@ -214,13 +213,13 @@ TEST(WmiValues, GoOutByTheirDeclaredTypes) {
         {"array", ArrayOf(CimType::uint16), CimArray{3}, uint16Array, "array"},
         {"NULL", CimType::uint32, {}, VariantType::null, "NULL"},
         {"a counter wraps", CimType::uint32, 4294967301, VariantType::i4, "5"},
-        {"a fraction goes", CimType::uint64, 99.9, VariantType::bstr, "99"},
-        {"no number", CimType::uint64, std::numeric_limits<double>::quiet_NaN(), VariantType::null, "NULL"},
+        {"a fraction is cut", CimType::uint64, 99.9, VariantType::bstr, "99"},
+        {"not a number", CimType::uint64, std::numeric_limits<double>::quiet_NaN(), VariantType::null, "NULL"},
     };
     for (const ValueCase& row : cases) {
         const Variant value = VariantOf(row.type, row.value);
         EXPECT_EQ(value.type, row.expected) << row.title;
-        EXPECT_EQ(TextOf(value), row.text) << row.title;
+        EXPECT_EQ(VariantText(value), row.text) << row.title;
     }
 }
 

@@ -3,7 +3,6 @@
 #include "platform/utf.h"
 #include "tests/support/virtual_clock.h"
 #include "tests/zip/zip_reading.h"
-#include "zip/zip_item_name.h"
 #include "zip/zip_writer.h"
 
 namespace kv::test {

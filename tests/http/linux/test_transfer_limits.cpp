@@ -1,6 +1,5 @@
 // When each limit of a transfer runs out, in times that no test could wait for.
 #include <gtest/gtest.h>
-#include <string>
 #include <vector>
 
 #include "platform/linux/http_transfer_limits.h"

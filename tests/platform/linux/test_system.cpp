@@ -9,7 +9,6 @@
 
 #include "platform/linux/linux.h"
 #include "platform/memory.h"
-#include "platform/utf.h"
 #include "tests/support/test_folder.h"
 
 namespace platform::test {

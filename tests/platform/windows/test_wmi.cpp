@@ -222,7 +222,7 @@ TEST_F(WindowsWmiTest, TheSystemsOwnAnswers) {
         const kv::test::WmiResult system = kv::test::RunWmiQuery("SELECT Caption FROM Win32_OperatingSystem");
         EXPECT_EQ(system.status, wmi_status::ok);
         ASSERT_EQ(system.rows.size(), 1U);
-        EXPECT_NE(kv::test::TextOf(system.rows[0], "Caption").find("Windows"), std::string::npos);
+        EXPECT_NE(kv::test::PropertyText(system.rows[0], "Caption").find("Windows"), std::string::npos);
     }
     EXPECT_EQ(kv::test::RunWmiQuery("SELECT * FROM X", u"ROOT\\NOWHERE").status, wmi_status::invalidNamespace);
     EXPECT_EQ(kv::test::RunWmiQuery("SELECT FROM WHERE").status, wmi_status::invalidQuery);

@@ -1,6 +1,5 @@
 #include "tests/support/linux/fake_systemd.h"
 
-#include <algorithm>
 #include <array>
 #include <cstdlib>
 #include <fmt/format.h>
@@ -35,7 +34,7 @@ int ReplyProperty(sd_bus_message* call, FakeUnit unit, const std::string& name) 
     return Reply(call, "v", "as", count, texts[0].c_str(), texts[1].c_str(), texts[2].c_str());
 }
 
-/// One structure of a list; a unit that is asked for by name is loaded.
+/// Adds a unit to a list. Asking for a unit by name loads it.
 void AppendUnit(sd_bus_message* list, FakeUnit unit) {
     const char* load = unit.load.empty() ? "loaded" : unit.load.c_str();
     sd_bus_message_append(list, "(ssssssouso)", unit.id.c_str(), unit.properties["Description"].c_str(), load,
@@ -56,7 +55,7 @@ FakeSystemd::FakeSystemd(std::vector<FakeUnit> units, BusFault fault)
     : units_(std::move(units)), fault_(std::move(fault)) {
     const std::string name = fmt::format("kv_test_bus_{}", getpid());
     sockaddr_un address{AF_UNIX, {}};
-    name.copy(address.sun_path + 1, name.size());  // no file, but a name of the kernel's
+    name.copy(address.sun_path + 1, name.size());  // an abstract name, without a file
     listener_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const std::size_t length = offsetof(sockaddr_un, sun_path) + 1 + name.size();
     bind(listener_, reinterpret_cast<const sockaddr*>(&address), static_cast<socklen_t>(length));
@@ -73,7 +72,7 @@ FakeSystemd::FakeSystemd(std::vector<FakeUnit> units, BusFault fault)
 
 FakeSystemd::~FakeSystemd() {
     shutdown(listener_, SHUT_RDWR);
-    shutdown(peer_, SHUT_RDWR);  // a client that is still there
+    shutdown(peer_, SHUT_RDWR);  // of a client that is still connected
     if (thread_.joinable()) thread_.join();
     close(listener_);
     unsetenv("DBUS_SYSTEM_BUS_ADDRESS");
@@ -84,7 +83,7 @@ std::string FakeSystemd::Deeds() {
     return std::exchange(deeds_, {});
 }
 
-FakeUnit FakeSystemd::UnitOf(const std::string& name) const {
+FakeUnit FakeSystemd::FindUnit(const std::string& name) const {
     for (const FakeUnit& unit : units_) {
         if (unit.id == name || unit.alias == name) return unit;
     }
@@ -99,7 +98,7 @@ int FakeSystemd::List(sd_bus_message* call, const std::string& member) {
     sd_bus_message_new_method_return(call, &list);
     sd_bus_message_open_container(list, 'a', isOfFiles ? "(ss)" : "(ssssssouso)");
     for (const std::string& asked : ReadTexts(call)) {
-        if (isByName) AppendUnit(list, UnitOf(asked));
+        if (isByName) AppendUnit(list, FindUnit(asked));
         for (const FakeUnit& unit : units_) {
             const std::string& state = isOfFiles ? unit.fileState : unit.load;
             if (isByName || state.empty() || fnmatch(asked.c_str(), unit.id.c_str(), FNM_NOESCAPE) != 0) continue;
@@ -125,13 +124,13 @@ int FakeSystemd::Do(sd_bus_message* call, const std::string& member) {
             unit.properties["FreezerState"] = member == "FreezeUnit" ? "frozen" : "running";
         }
     }
-    return Reply(call, "");  // nobody looks into it
+    return Reply(call, "");  // nobody reads the job
 }
 
 int FakeSystemd::Answer(sd_bus_message* call, void* self, sd_bus_error*) {
     FakeSystemd& fake = *static_cast<FakeSystemd*>(self);
     const std::lock_guard hold(fake.lock_);
-    if (sd_bus_message_is_method_call(call, nullptr, nullptr) <= 0) return 0;  // the client hangs up
+    if (sd_bus_message_is_method_call(call, nullptr, nullptr) <= 0) return 0;  // the client hung up
     const std::string member = sd_bus_message_get_member(call);
     const char *interface = nullptr, *property = "";
     if (member == "Get") sd_bus_message_read(call, "ss", &interface, &property);
@@ -144,7 +143,7 @@ int FakeSystemd::Answer(sd_bus_message* call, void* self, sd_bus_error*) {
     if (member != "Get") return member.starts_with("List") ? fake.List(call, member) : fake.Do(call, member);
     char* id = nullptr;
     sd_bus_path_decode(sd_bus_message_get_path(call), "/org/freedesktop/systemd1/unit", &id);
-    const FakeUnit unit = fake.UnitOf(id == nullptr ? "" : id);
+    const FakeUnit unit = fake.FindUnit(id == nullptr ? "" : id);
     std::free(id);
     return ReplyProperty(call, unit, property);
 }

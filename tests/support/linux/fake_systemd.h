@@ -1,4 +1,4 @@
-// A bus and a systemd in one, on a thread of this process: what DBUS_SYSTEM_BUS_ADDRESS names as long as it lives.
+// A bus and a systemd in one, on a thread of this process. DBUS_SYSTEM_BUS_ADDRESS names it while it lives.
 #pragma once
 
 #include <atomic>
@@ -11,22 +11,22 @@
 
 namespace kv::test {
 
-/// Words are systemd's. Starting and stopping leave a job that waits; freezing and thawing are done at once.
+/// The words are systemd's. A start or stop leaves a job that waits; freezing and thawing take effect at once.
 struct FakeUnit {
     std::string id;  // "": the manager itself, for its properties
     std::string active = "inactive";
-    std::string load = "loaded";                         // "": not until it is asked for
-    std::string job = {};                                // what waits to be done
+    std::string load = "loaded";                         // "": only loaded when somebody asks for it
+    std::string job = {};                                // the kind of job that waits
     std::string alias = {};                              // another name
     std::string file = {};                               // its path
     std::string fileState = {};                          // "": the file is not listed
-    std::map<std::string, std::string> properties = {};  // numbers in decimal; up to three texts of a list, with blanks
+    std::map<std::string, std::string> properties = {};  // numbers in decimal; lists: up to three words
 };
 
-/// What happens at a call, which is named by its method, a property's by "Get" and the property.
+/// What goes wrong at one call.
 struct BusFault {
-    std::string at;    // "accept": the connection is never looked at
-    std::string what;  // the name of an error; "": no answer; "hang up"
+    std::string at;    // a method, or "Get" and a property; "accept": the connection is never served
+    std::string what;  // the error that answers it; "": no answer; "hang up"
 };
 
 class FakeSystemd {
@@ -36,14 +36,14 @@ class FakeSystemd {
     FakeSystemd(const FakeSystemd&) = delete;
     FakeSystemd& operator=(const FakeSystemd&) = delete;
 
-    /// What it was told since the last look, without what it was asked: "StartUnit a.service, Reload, ".
+    /// What it was told to do since the last call, without questions: "StartUnit a.service, Reload, ".
     std::string Deeds();
 
   private:
     static int Answer(sd_bus_message* call, void* self, sd_bus_error* failure);
     int List(sd_bus_message* call, const std::string& member);
     int Do(sd_bus_message* call, const std::string& member);
-    FakeUnit UnitOf(const std::string& name) const;
+    FakeUnit FindUnit(const std::string& name) const;
     void Serve(int peer);
 
     std::mutex lock_;

@@ -1,4 +1,4 @@
-// Sockets by the names that this system has for them.
+// Sockets under this system's names.
 #pragma once
 
 #include <arpa/inet.h>

@@ -1,4 +1,4 @@
-// What commands of the shell print, and how they end.
+// Runs commands of the shell.
 #pragma once
 
 #include <array>
@@ -9,11 +9,11 @@
 namespace kv::test {
 
 struct ShellOutcome {
-    int exitCode = -1;   // 128 and more: a signal
-    std::string output;  // without the last line ends
+    int exitCode = -1;   // from 128 on: a signal
+    std::string output;  // without line ends at its end
 };
 
-/// Runs a command line, and takes what it prints on its standard output.
+/// Runs a command line and collects its standard output.
 inline ShellOutcome RunShell(const std::string& commandLine) {
     ShellOutcome outcome;
     FILE* const pipe = popen(commandLine.c_str(), "re");

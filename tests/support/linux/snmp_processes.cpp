@@ -19,7 +19,7 @@ constexpr std::chrono::seconds patience{20};
 
 }  // namespace
 
-/// The port is that of a device that is gone at once.
+/// Takes the port of a device that lives for a moment.
 SnmpProcess::SnmpProcess() : folder_(MakeTemporaryFolder()), port_(ScriptedDevice(nullptr).port()) {}
 
 SnmpProcess::~SnmpProcess() {
@@ -56,7 +56,8 @@ SnmpDaemon::SnmpDaemon(const std::string& configuration) {
 SnmpSimulator::SnmpSimulator(const std::string& community, const std::string& records) {
     TestFolder::Write(folder_ / "data" / (community + ".snmprec"), records);
     std::filesystem::permissions(folder_, std::filesystem::perms::all);
-    const char* user = geteuid() == 0 ? "--reuid nobody --regid nogroup --clear-groups" : "";  // not as root
+    const char* user =
+        geteuid() == 0 ? "--reuid nobody --regid nogroup --clear-groups" : "";  // it refuses to run as root
     Start(fmt::format("{} /usr/bin/snmpsimd --logging-method=null --data-dir=data --cache-dir=cache "
                       "--agent-udpv4-endpoint=127.0.0.1:{}",
                       user, port()),

@@ -1,3 +1,4 @@
+// The time zone of a test.
 #pragma once
 
 #include <cstdlib>

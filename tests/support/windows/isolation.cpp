@@ -12,7 +12,7 @@ const std::string_view fileLineEnd = "\r\n";
 
 namespace {
 
-/// Below the key of the user, where anyone may write; one key for each process.
+/// One key for each process, below the key of the user, where the process may write.
 std::wstring PrivateKeyPath() { return L"Software\\kvagent-test-" + std::to_wstring(::GetCurrentProcessId()); }
 
 void RemovePrivateKey() {
@@ -20,7 +20,7 @@ void RemovePrivateKey() {
     ::RegDeleteTreeW(HKEY_CURRENT_USER, PrivateKeyPath().c_str());
 }
 
-/// What the system itself reads in the process's registry: the computer's name, and where cryptographic services are.
+/// Keys that the system itself reads in the process's registry: the computer's name and the cryptographic services.
 constexpr const wchar_t* systemKeys[] = {L"SYSTEM\\CurrentControlSet\\Control\\ComputerName",
                                          L"SYSTEM\\CurrentControlSet\\Services\\Tcpip\\Parameters",
                                          L"SOFTWARE\\Microsoft\\Cryptography"};
@@ -43,14 +43,14 @@ void CopySystemKeys(HKEY privateKey) {
 std::filesystem::path MakeTemporaryFolder() {
     static std::atomic<int> made{0};
     const std::string start = "kvagent-test-" + std::to_string(::GetCurrentProcessId()) + "-";
-    // A process of the same number that was ended may have left its folder.
+    // An earlier process with the same number may have left its folder.
     while (true) {
         const std::filesystem::path folder = std::filesystem::temp_directory_path() / (start + std::to_string(++made));
         if (std::filesystem::create_directory(folder)) return folder;
     }
 }
 
-/// remove_all of this library tries forever to remove what is read-only or still open.
+/// This library's remove_all never gives up on a file that is read-only or still open.
 void RemoveFolder(const std::filesystem::path& folder) {
     std::error_code ignored;
     for (const auto& entry : std::filesystem::directory_iterator(folder, ignored)) {
@@ -70,10 +70,10 @@ void IsolateRegistry(const std::filesystem::path&) {
     HKEY key = nullptr;
     if (removedAtEnd != 0 || ::RegCreateKeyExW(HKEY_CURRENT_USER, PrivateKeyPath().c_str(), 0, nullptr, 0,
                                                KEY_ALL_ACCESS, nullptr, &key, nullptr) != ERROR_SUCCESS)
-        throw std::runtime_error("no registry of its own");
+        throw std::runtime_error("the process cannot get its own registry");
     CopySystemKeys(key);
     if (::RegOverridePredefKey(HKEY_LOCAL_MACHINE, key) != ERROR_SUCCESS)
-        throw std::runtime_error("no registry of its own");
+        throw std::runtime_error("the process cannot get its own registry");
     ::RegCloseKey(key);
 }
 

@@ -1,4 +1,4 @@
-// Sockets by the names that this system has for them.
+// Sockets under this system's names.
 #pragma once
 
 #include <cstddef>
@@ -13,7 +13,7 @@ inline constexpr int sendFlags = 0;
 inline void StartSockets() {
     WSADATA about;
     static const int started = ::WSAStartup(MAKEWORD(2, 2), &about);
-    static_cast<void>(started);  // without it there is no socket, and no port
+    static_cast<void>(started);  // if it failed, no socket opens
 }
 inline int PollNative(pollfd* sockets, std::size_t count) { return ::WSAPoll(sockets, static_cast<ULONG>(count), -1); }
 inline void CloseNative(NativeSocket socket) { ::closesocket(socket); }
