@@ -11,14 +11,14 @@ namespace kv::facts {
 
 namespace {
 
-constexpr long noDays = -1;  // what the C library puts for an empty field of shadow
+constexpr long noDays = -1;  // how the C library gives an empty field of shadow
 
-/// Of fgetpwent_r, fgetgrent_r and fgetspent_r.
+/// The type of fgetpwent_r, fgetgrent_r and fgetspent_r.
 template <class Record>
 using NextEntry = int (*)(std::FILE* file, Record* record, char* buffer, std::size_t size, Record** found);
 
-/// Hands out the entries of a text one by one. The C library passes over lines that it cannot parse. When its texts do
-/// not fit into the buffer it goes back to the start of the line, so that a larger buffer gets all of it.
+/// Hands out the entries of a text one by one. The C library skips lines that it cannot parse. If an entry does not fit
+/// into the buffer, it goes back to the start of the line, so that a larger buffer gets the whole entry.
 template <class Record, class Use>
 void ForEachEntry(std::string_view text, NextEntry<Record> next, const Use& use) {
     const File file = OpenText(text);
@@ -38,11 +38,12 @@ void ForEachEntry(std::string_view text, NextEntry<Record> next, const Use& use)
     }
 }
 
-/// "+" and "-" entries take users in from a directory, and are not users. Their other fields may be null.
+/// "+" and "-" entries include or exclude users of a directory service. They are not users, and their other fields may
+/// be null.
 bool IsLocal(std::string_view name) { return !name.empty() && name[0] != '+' && name[0] != '-'; }
 
 PasswordEntry PasswordFacts(const spwd& shadow) {
-    constexpr long never = 99999;  // what useradd writes for it
+    constexpr long never = 99999;  // as useradd writes it
     const std::string_view password = shadow.sp_pwdp;
     const long leastDays = shadow.sp_min == noDays ? 0 : shadow.sp_min;
     const long mostDays = shadow.sp_max == noDays ? never : shadow.sp_max;

@@ -1,8 +1,8 @@
 // Local users and groups from the text of passwd(5), group(5) and shadow(5), as the C library reads them. Those of a
 // directory service are left out: it may not answer.
 //
-// Comments, malformed lines and lines without a name are left out, as every program of the system leaves them out; the
-// lines after them are read. Lines may be of any length. Any thread may parse.
+// Comments, malformed lines and lines without a name are left out, as in every other program; the lines after them are
+// read. Lines may have any length. Any thread may parse. The parsers throw std::system_error as OpenText does.
 #pragma once
 
 #include <cstdint>
@@ -18,7 +18,7 @@ namespace kv::facts {
 struct UserEntry {
     std::string name;
     std::uint32_t id = 0;
-    std::string fullName;  // what GECOS holds up to its first comma
+    std::string fullName;  // of the GECOS field, what stands before its first comma
     std::string shell;     // a path; empty means /bin/sh
 };
 
@@ -34,19 +34,19 @@ std::vector<GroupEntry> ParseGroups(std::string_view text);
 
 /// What a line of /etc/shadow tells of an account.
 struct PasswordEntry {
-    bool isRequired = false;    // the field of the password is not empty
+    bool isRequired = false;    // the password field is not empty
     bool opensNothing = false;  // no password is accepted
-    bool isLocked = false;      // there is a password, but it has been put out of use
+    bool isLocked = false;      // there is a password, but it has been disabled
     bool expires = false;
     bool mayBeChanged = true;
     std::optional<std::int64_t> accountExpiry;  // days since 1970; absent: never
 };
 
-/// By the users' names; of two lines for one user the first counts.
+/// By user name. The first of two lines for one user counts.
 std::map<std::string, PasswordEntry> ParseShadow(std::string_view text);
 
-/// Whether nobody can use an account: it has expired, or neither a password nor a shell lets anyone in. Without a
-/// password alone its owner may still log in with a key.
+/// Whether nobody can use an account: it has expired, or neither a password nor a shell lets anyone in. An account that
+/// only lacks a password may still be entered with a key.
 bool IsDisabled(const UserEntry& user, const PasswordEntry& password, std::int64_t daysSince1970);
 
 }  // namespace kv::facts

@@ -11,7 +11,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/// Drives of other media, flash chips, and the small partitions of a memory card that are disks to the kernel.
+/// Drives of other media, flash chips, and the small partitions of a memory card that the kernel takes for disks.
 bool IsOfAnotherKind(std::string_view name) {
     constexpr std::string_view otherKinds[] = {"sr", "fd", "mtdblock"};
     const auto leads = [&](std::string_view kind) { return name.starts_with(kind); };
@@ -19,7 +19,8 @@ bool IsOfAnotherKind(std::string_view name) {
     return isPartOfCard || std::any_of(std::begin(otherKinds), std::end(otherKinds), leads);
 }
 
-/// Only what a driver of hardware has made refers to a device. A disk with several paths to it shows each as hidden.
+/// Only disks made by a hardware driver refer to a device. If several paths lead to one disk, each path is a hidden
+/// disk.
 bool IsPhysicalDisk(const std::string& name) {
     std::error_code failure;
     const std::string folder = "/sys/block/" + name;

@@ -21,13 +21,14 @@ struct DiskCounters {
     std::uint64_t writeMilliseconds = 0;
     std::uint64_t inFlight = 0;  // now
     std::uint64_t busyMilliseconds = 0;
-    std::uint64_t queueMilliseconds = 0;  // each operation's time added up
+    std::uint64_t queueMilliseconds = 0;  // the sum of the operations' times
 };
 
+/// Malformed lines are left out.
 std::vector<DiskCounters> ParseDiskStats(std::string_view text);
 
-/// Names of the disks that stand for hardware (a real one or a virtual machine's), sorted: no partitions, loop devices,
-/// memory disks, or devices made of others.
+/// Names of the disks that are hardware (real or a virtual machine's), sorted. Partitions, loop devices, memory disks,
+/// devices made of others and drives of other media (CDs, floppies) are left out.
 std::vector<std::string> ListPhysicalDisks();
 
 }  // namespace kv::facts

@@ -11,7 +11,7 @@ namespace kv::facts {
 
 namespace {
 
-/// Takes the next block off: the lines up to an empty one.
+/// Takes the next block off a text: the lines up to an empty line.
 std::string_view TakeBlock(std::string_view& text) {
     constexpr std::string_view emptyLine = "\n\n";
     const std::size_t end = std::min(text.find(emptyLine), text.size());
@@ -25,11 +25,11 @@ std::optional<std::uint64_t> NumberIn(const CpuFiles& files, std::uint32_t numbe
     return text ? NumberOf(*text) : std::nullopt;
 }
 
-/// Of a file that tells kHz.
+/// MHz from a file that holds kHz.
 std::optional<std::uint64_t> MegahertzIn(const CpuFiles& files, std::uint32_t number, std::string_view name) {
-    constexpr std::uint64_t kilohertzOfMegahertz = 1000;
+    constexpr std::uint64_t kilohertzPerMegahertz = 1000;
     const std::optional<std::uint64_t> kilohertz = NumberIn(files, number, name);
-    return kilohertz ? std::optional(*kilohertz / kilohertzOfMegahertz) : std::nullopt;
+    return kilohertz ? std::optional(*kilohertz / kilohertzPerMegahertz) : std::nullopt;
 }
 
 std::optional<std::uint64_t> ClockOfOne(const CpuBlock& processor, const CpuFiles& files) {
@@ -48,12 +48,13 @@ std::optional<std::uint64_t> FirstOf(std::string_view list) {
     return NumberOf(list.substr(0, list.find_first_of(",-")));
 }
 
-/// The first of the processors that share something with one, which alone is told when no list tells the others.
+/// The first of the processors that share something with this one, by a file's list; this one itself when there is no
+/// list.
 std::uint64_t FirstSharer(const CpuFiles& files, std::uint32_t number, std::string_view list) {
     return FirstOf(files(number, list).value_or("")).value_or(number);
 }
 
-/// Adds the caches of levels 2 and 3 that a processor is the first sharer of.
+/// Adds those caches of levels 2 and 3 whose first sharer is this processor, so that each cache counts once.
 void AddCaches(const CpuFiles& files, std::uint32_t number, CacheSizes& sizes) {
     for (unsigned index = 0;; ++index) {
         const std::string directory = fmt::format("cache/index{}/", index);
@@ -97,7 +98,7 @@ std::vector<CpuBlock> ParseCpuInfo(std::string_view text) {
     while (!text.empty()) {
         CpuBlock block{0, TakeBlock(text)};
         std::optional<std::uint64_t> number = block.numberIn("processor");
-        if (!number) number = block.numberIn("cpu number");  // what s390x calls it
+        if (!number) number = block.numberIn("cpu number");  // its name on s390x
         if (!number) continue;
         block.number = static_cast<std::uint32_t>(*number);
         blocks.push_back(block);
@@ -134,11 +135,11 @@ std::uint32_t CoresOf(const Socket& socket, const CpuFiles& files) {
 }
 
 std::optional<std::uint64_t> CacheSizeOf(std::string_view text) {
-    constexpr std::uint64_t kilobytesOfMegabyte = 1024;
+    constexpr std::uint64_t kilobytesPerMegabyte = 1024;
     const bool isMegabytes = text.ends_with('M');
     if (!isMegabytes && !text.ends_with('K')) return std::nullopt;
     const std::optional<std::uint64_t> size = NumberOf(text.substr(0, text.size() - 1));
-    return size && isMegabytes ? *size * kilobytesOfMegabyte : size;
+    return size && isMegabytes ? *size * kilobytesPerMegabyte : size;
 }
 
 CacheSizes CachesOf(const Socket& socket, const CpuFiles& files) {

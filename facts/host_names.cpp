@@ -22,7 +22,7 @@ std::string_view DomainPart(std::string_view name) {
     return name.substr(std::min(host + 1, name.size()));
 }
 
-/// Whether the fields of a line, separated by blanks, have a name among them.
+/// Whether a name is among the fields of a line, which blanks separate.
 bool HasField(std::string_view line, std::string_view name) {
     std::string_view field = TakeField(line);
     while (!field.empty() && field != name) field = TakeField(line);

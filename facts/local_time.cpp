@@ -8,14 +8,14 @@ namespace {
 
 CalendarTime TimeBy(std::tm* (*calendar)(const std::time_t*, std::tm*), std::int64_t microsecondsSince1970) {
     using namespace std::chrono;
-    constexpr long secondsOfMinute = 60;
+    constexpr long secondsPerMinute = 60;
     const sys_time<microseconds> moment{microseconds(microsecondsSince1970)};
     const sys_seconds second = floor<seconds>(moment);
     const std::time_t sinceEpoch = second.time_since_epoch().count();
     CalendarTime time;
     calendar(&sinceEpoch, &time.parts);
     time.milliseconds = static_cast<std::uint32_t>(floor<milliseconds>(moment - second).count());
-    time.minutesEast = static_cast<std::int32_t>(time.parts.tm_gmtoff / secondsOfMinute);
+    time.minutesEast = static_cast<std::int32_t>(time.parts.tm_gmtoff / secondsPerMinute);
     return time;
 }
 
@@ -31,9 +31,9 @@ CalendarTime LocalTimeOf(std::int64_t microsecondsSince1970) { return TimeBy(loc
 CalendarTime UtcTimeOf(std::int64_t microsecondsSince1970) { return TimeBy(gmtime_r, microsecondsSince1970); }
 
 std::uint32_t WeekInMonthOf(const std::tm& day) {
-    constexpr int daysOfWeek = 7;
-    const int firstOfMonth = (day.tm_wday - (day.tm_mday - 1) % daysOfWeek + daysOfWeek) % daysOfWeek;
-    return static_cast<std::uint32_t>((firstOfMonth + day.tm_mday - 1) / daysOfWeek + 1);
+    constexpr int daysPerWeek = 7;
+    const int firstOfMonth = (day.tm_wday - (day.tm_mday - 1) % daysPerWeek + daysPerWeek) % daysPerWeek;
+    return static_cast<std::uint32_t>((firstOfMonth + day.tm_mday - 1) / daysPerWeek + 1);
 }
 
 }  // namespace kv::facts

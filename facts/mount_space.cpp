@@ -22,20 +22,20 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::seconds answerBound{2};
 
-/// A question that was put, shared by those who wait for it and the thread that is at it.
+/// A question that was asked. Those who wait for the answer share it with the thread that asks.
 struct OpenQuestion {
     Clock::time_point askedAt = Clock::now();
     std::mutex mutex;
     std::condition_variable answered;
     std::optional<SpaceAnswer> answer;
-    bool isSilent = false;  // someone has waited in vain; no one waits again
+    bool isSilent = false;  // someone has waited in vain, so nobody waits again
 
     bool isAnswered() {
         const std::lock_guard lock(mutex);
         return answer.has_value();
     }
 
-    std::optional<SpaceAnswer> waitFor(std::chrono::milliseconds bound) {
+    std::optional<SpaceAnswer> WaitFor(std::chrono::milliseconds bound) {
         std::unique_lock lock(mutex);
         answered.wait_until(lock, askedAt + bound, [this] { return answer || isSilent; });
         isSilent = !answer;
@@ -45,19 +45,19 @@ struct OpenQuestion {
 
 using OpenQuestionPtr = std::shared_ptr<OpenQuestion>;
 
-/// The questions that have no answer yet, by mount. What is mounted again at the same place is another mount.
+/// The questions without an answer yet, by mount. Another device mounted at the same place is another mount.
 struct OpenQuestions {
     std::mutex mutex;
     std::map<std::string, OpenQuestionPtr> byMount;
 };
 
-/// They are never destroyed, as queries may still run when the process ends.
+/// They are never destroyed, because queries may still run when the process ends.
 OpenQuestions& TheOpenQuestions() {
     static auto* const questions = new OpenQuestions;
     return *questions;
 }
 
-void Start(const OpenQuestionPtr& open, const SpaceQuestion& question, const std::string& mountPoint) {
+void StartAsking(const OpenQuestionPtr& open, const SpaceQuestion& question, const std::string& mountPoint) {
     std::thread([open, question, mountPoint] {
         const SpaceAnswer answer = question(mountPoint);
         const std::lock_guard lock(open->mutex);
@@ -66,8 +66,8 @@ void Start(const OpenQuestionPtr& open, const SpaceQuestion& question, const std
     }).detach();
 }
 
-/// The open question to a mount, else a new one. Throws std::system_error when no thread can be had.
-OpenQuestionPtr Put(const Mount& mount, const SpaceQuestion& question) {
+/// The open question to a mount, else a new one. Throws std::system_error when no thread can be started.
+OpenQuestionPtr QuestionTo(const Mount& mount, const SpaceQuestion& question) {
     OpenQuestions& questions = TheOpenQuestions();
     const std::lock_guard lock(questions.mutex);
     std::erase_if(questions.byMount, [](const auto& entry) { return entry.second->isAnswered(); });
@@ -75,18 +75,18 @@ OpenQuestionPtr Put(const Mount& mount, const SpaceQuestion& question) {
     const auto found = questions.byMount.find(key);
     if (found != questions.byMount.end()) return found->second;
     auto open = std::make_shared<OpenQuestion>();
-    Start(open, question, mount.mountPoint);
+    StartAsking(open, question, mount.mountPoint);
     questions.byMount.emplace(key, open);
     return open;
 }
 
-std::string NameOf(const Mount& mount) {
+std::string NameOfMount(const Mount& mount) {
     return fmt::format("{} ({} {})", mount.mountPoint, mount.fileSystem, mount.source);
 }
 
-std::string TextOfSilence(const Mount& mount, const OpenQuestion& open) {
+std::string SilenceNotice(const Mount& mount, const OpenQuestion& open) {
     const auto waited = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - open.askedAt);
-    return fmt::format("{} is left out: no answer to the question for its space for {:.1f} seconds", NameOf(mount),
+    return fmt::format("{} is left out: it has not told its free space for {:.1f} seconds", NameOfMount(mount),
                        static_cast<double>(waited.count()) / 1000);
 }
 
@@ -95,24 +95,26 @@ std::uint64_t BytesOf(std::uint64_t blocks, std::uint64_t blockSize) {
     return blockSize != 0 && blocks > most / blockSize ? most : blocks * blockSize;
 }
 
-/// Whether the way to a disk leads through mounts that may not answer, its own included.
+/// Whether the path to a disk leads through mounts that may not answer, its own mount included.
 bool MayHangOnTheWay(const Mount& disk, const std::vector<Mount>& mounts) {
     return std::any_of(mounts.begin(), mounts.end(), [&](const Mount& mount) {
         return MayHang(mount) && (mount.mountPoint == disk.mountPoint || IsBelow(disk.mountPoint, mount.mountPoint));
     });
 }
 
-/// An answer's space. Refusals and mounts that are just going are part of normal life; other errors are told of.
+/// The space in an answer; absent for an error. Refusals and mounts that are just going away are part of normal life;
+/// other errors get a notice.
 std::optional<FileSystemSpace> SpaceOf(const Mount& mount, const SpaceAnswer& answer,
                                        const std::function<void(std::string)>& notice) {
     const int error = answer.error;
     if (error != 0 && error != EACCES && error != EPERM && error != ENOENT) {
-        notice(fmt::format("{} does not tell its space: {}", NameOf(mount), std::generic_category().message(error)));
+        notice(fmt::format("{} does not tell its free space: {}", NameOfMount(mount),
+                           std::generic_category().message(error)));
     }
     return error == 0 ? std::optional(answer.space) : std::nullopt;
 }
 
-std::vector<Mount> MayHangAmong(const std::vector<Mount>& disks, const std::vector<Mount>& mounts) {
+std::vector<Mount> DisksThatMayHang(const std::vector<Mount>& disks, const std::vector<Mount>& mounts) {
     std::vector<Mount> doubtful;
     std::copy_if(disks.begin(), disks.end(), std::back_inserter(doubtful),
                  [&](const Mount& disk) { return MayHangOnTheWay(disk, mounts); });
@@ -136,17 +138,18 @@ std::vector<std::optional<SpaceAnswer>> AskMounts(const std::vector<Mount>& moun
     std::vector<OpenQuestionPtr> open;
     for (const Mount& mount : mounts) {
         try {
-            open.push_back(Put(mount, question));
+            open.push_back(QuestionTo(mount, question));
         } catch (const std::system_error& failure) {
             open.push_back(nullptr);
-            notice(fmt::format("{} is left out: no thread to ask it: {}", NameOf(mount), failure.what()));
+            notice(fmt::format("{} is left out: a thread to ask it cannot be started: {}", NameOfMount(mount),
+                               failure.what()));
         }
     }
     std::vector<std::optional<SpaceAnswer>> answers(mounts.size());
     for (std::size_t at = 0; at < mounts.size(); ++at) {
         if (open[at] == nullptr) continue;
-        answers[at] = open[at]->waitFor(bound);
-        if (!answers[at]) notice(TextOfSilence(mounts[at], *open[at]));
+        answers[at] = open[at]->WaitFor(bound);
+        if (!answers[at]) notice(SilenceNotice(mounts[at], *open[at]));
     }
     return answers;
 }
@@ -157,7 +160,7 @@ std::vector<DiskSpace> ReadDisks(bool wantsSpace, const std::function<void(std::
         ParseMountInfo(platform::ReadSystemFile("/proc/self/mountinfo").value_or(std::string()));
     std::vector<Mount> disks = DisksAmong(mounts);
     if (isWanted) std::erase_if(disks, [&](const Mount& disk) { return !isWanted(disk); });
-    const std::vector<Mount> doubtful = wantsSpace ? MayHangAmong(disks, mounts) : std::vector<Mount>();
+    const std::vector<Mount> doubtful = wantsSpace ? DisksThatMayHang(disks, mounts) : std::vector<Mount>();
     const std::vector<std::optional<SpaceAnswer>> answers = AskMounts(doubtful, AskFileSystem, answerBound, notice);
     std::vector<DiskSpace> result;
     std::size_t asked = 0;

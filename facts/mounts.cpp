@@ -12,6 +12,7 @@
 #include <tuple>
 
 #include "facts/text_file.h"
+#include "platform/owned_handle.h"
 
 namespace kv::facts {
 
@@ -19,8 +20,8 @@ namespace {
 
 using Names = std::span<const std::string_view>;
 
-// These lists are our own: libmount knows of eleven network file systems, and of those of the kernel, but not which may
-// hang, nor which users take for disks.
+// These lists are our own: libmount knows eleven network file systems, and those of the kernel, but not which ones may
+// hang, or which ones users take for disks.
 
 constexpr std::string_view answeringFileSystems[] = {
     "apfs",  "bcachefs", "btrfs",   "cramfs",   "devtmpfs", "erofs", "exfat", "ext2",   "ext3", "ext4",  "f2fs",
@@ -52,12 +53,7 @@ constexpr std::string_view fileSystemsWithoutDisk[] = {
 
 bool IsAmong(Names names, std::string_view name) { return std::find(names.begin(), names.end(), name) != names.end(); }
 
-struct FreeMounts {
-    void operator()(libmnt_table* table) const { mnt_unref_table(table); }
-    void operator()(libmnt_iter* iterator) const { mnt_free_iter(iterator); }
-};
-
-/// What libmount gives for a field that is absent is null.
+/// libmount gives null for a field that is absent.
 std::string Field(const char* text) { return text != nullptr ? text : ""; }
 
 bool IsReadOnlyBy(const char* options) {
@@ -91,7 +87,7 @@ bool IsOnTopOf(const Mount& upper, const Mount& lower) {
     return upper.parentId == lower.id && upper.id != lower.id && upper.mountPoint == lower.mountPoint;
 }
 
-/// Whether a mount lies on a folder of the path by which its neighbour on the same parent is reached.
+/// Whether a mount covers a folder on the path to its neighbour, a mount on the same parent.
 bool BlocksTheWayTo(const Mount& mount, const Mount& neighbour) {
     return mount.parentId == neighbour.parentId && IsBelow(neighbour.mountPoint, mount.mountPoint);
 }
@@ -120,13 +116,13 @@ bool IsDiskByItself(const Mount& mount) {
     return !IsBelow(mount.mountPoint, "/proc") && !IsBelow(mount.mountPoint, "/sys");
 }
 
-/// Different folders of one server may share a device, and subvolumes always do; a user sees them as different disks.
+/// Folders of one server may share a device number, and subvolumes always do. A user sees them as different disks.
 std::string DiskIdentity(const Mount& mount) {
     return mount.device + ' ' + (IsOnNetwork(mount) ? mount.source : mount.subvolume);
 }
 
-/// Of two places of one device, whether the left one is where a user looks for it: the root, else where more of the
-/// file system is seen, else the shorter one.
+/// Of two places where a device is mounted, whether a user looks for it at the left one: at the root, else where more
+/// of the file system is seen, else at the shorter path.
 bool IsMainPlace(const Mount& left, const Mount& right) {
     const auto rank = [](const Mount& mount) {
         return std::tuple(mount.mountPoint != "/", mount.root.size(), mount.mountPoint.size());
@@ -137,9 +133,9 @@ bool IsMainPlace(const Mount& left, const Mount& right) {
 }  // namespace
 
 std::vector<Mount> ParseMountInfo(std::string_view text) {
-    // Without a cache libmount parses only. With one it would resolve paths, and wait for mounts that do not answer.
-    const std::unique_ptr<libmnt_table, FreeMounts> table(mnt_new_table());
-    const std::unique_ptr<libmnt_iter, FreeMounts> entries(mnt_new_iter(MNT_ITER_FORWARD));
+    // Without a cache libmount only parses. With one it would resolve paths, and wait for mounts that do not answer.
+    const std::unique_ptr<libmnt_table, platform::ReleasedBy<mnt_unref_table>> table(mnt_new_table());
+    const std::unique_ptr<libmnt_iter, platform::ReleasedBy<mnt_free_iter>> entries(mnt_new_iter(MNT_ITER_FORWARD));
     if (!table || !entries) throw std::bad_alloc();
     const File file = OpenText(text);
     const int failure = mnt_table_parse_stream(table.get(), file.get(), "");

@@ -15,7 +15,7 @@ struct Mount {
     int id = 0;
     int parentId = 0;    // the mount on which it lies
     std::string device;  // major:minor
-    std::string root;    // what of the file system is mounted
+    std::string root;    // the folder of the file system that is mounted
     std::string mountPoint;
     std::string fileSystem;  // its type, such as "ext4"
     std::string source;      // such as "/dev/sda1" or "server:/path"
@@ -23,20 +23,21 @@ struct Mount {
     std::string subvolume;  // of btrfs; empty for others
 };
 
-/// All mounts of such a file in its order, read by libmount. Malformed lines are left out. No mount is asked for
-/// anything. Throws std::system_error, or std::bad_alloc when memory runs out.
+/// All mounts of such a file in its order, read by libmount. Malformed lines are left out. No mount is accessed. Throws
+/// std::system_error, or std::bad_alloc when memory runs out.
 std::vector<Mount> ParseMountInfo(std::string_view text);
 
 /// Whether a path lies in a folder, at any depth. Both are without a slash at the end; "/" is the root.
 bool IsBelow(std::string_view path, std::string_view folder);
 
-/// Whether a file system lives on another computer, or behind a program, so that it may not answer.
+/// Whether a file system may not answer, because it lives on another computer or behind a program. True for types that
+/// are not known.
 bool MayHang(const Mount& mount);
 
-/// Whether a file system lives on another computer, or on the one that this computer is a guest of.
+/// Whether a file system lives on another computer, or on the host of this virtual machine.
 bool IsOnNetwork(const Mount& mount);
 
-/// Those that a user takes for disks, sorted by mount point. Much as df lists them, but without:
+/// The mounts that a user takes for disks, sorted by mount point. Much as df lists them, but without:
 /// - the kernel's own file systems (proc, devtmpfs, ...) and anything below /proc and /sys;
 /// - ramfs, which has no size, and the triggers of automounters;
 /// - layers on other file systems, except the root;
@@ -54,8 +55,8 @@ struct FileSystemSpace {
     std::uint64_t blockSize = 0;
     std::uint64_t maxNameLength = 0;
 
-    /// What is used and what is available to ordinary users, without the superuser's reserve: the whole of which df
-    /// gives the percentage.
+    /// What is used plus what is available to ordinary users, without the superuser's reserve: the whole that df's
+    /// percentage refers to.
     std::uint64_t usableSize() const { return (size > free ? size - free : 0) + available; }
 };
 
@@ -65,9 +66,9 @@ struct DiskSpace {
 };
 
 /// The disks of this computer, or those of them that are wanted. When the space is wanted, disks of size zero are left
-/// out, and mounts that may hang, or that are reached through one that may, are asked on threads of their own, all at
-/// once and for at most two seconds. A mount that does not answer keeps its thread and is left out with a notice; the
-/// next time it is left out at once, until its thread is back. Throws as ParseMountInfo does.
+/// out. Mounts that may hang, or whose path leads through one that may, are then asked on separate threads, all at once
+/// and for at most two seconds. A mount that does not answer keeps its thread and is left out with a notice; the next
+/// time it is left out at once, until its thread is back. Throws as ParseMountInfo does.
 std::vector<DiskSpace> ReadDisks(bool wantsSpace, const std::function<void(std::string)>& notice,
                                  const std::function<bool(const Mount&)>& isWanted = {});
 

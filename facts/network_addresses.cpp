@@ -15,9 +15,9 @@ namespace kv::facts {
 
 namespace {
 
-constexpr std::uint32_t forEver = std::numeric_limits<std::uint32_t>::max();
+constexpr std::uint32_t forever = std::numeric_limits<std::uint32_t>::max();
 
-/// The record at the start of the bytes; a zero one when they are too short.
+/// The record at the start of the bytes; all zeros when they are too short.
 template <class Record>
 Record RecordAt(std::string_view bytes) {
     Record record{};
@@ -48,7 +48,7 @@ std::optional<InterfaceAddress> AddressIn(std::string_view content) {
     const std::string_view lifetime = AttributeIn(Beyond(content, sizeof(ifaddrmsg)), IFA_CACHEINFO);
     InterfaceAddress address{message.ifa_index, message.ifa_family == AF_INET, std::nullopt};
     const std::uint32_t secondsLeft = RecordAt<ifa_cacheinfo>(lifetime).ifa_valid;
-    if (lifetime.size() >= sizeof(ifa_cacheinfo) && secondsLeft != forEver) address.secondsLeft = secondsLeft;
+    if (lifetime.size() >= sizeof(ifa_cacheinfo) && secondsLeft != forever) address.secondsLeft = secondsLeft;
     return address;
 }
 

@@ -1,4 +1,4 @@
-// How interfaces take part in IP: their addresses, the routes out by them, and the name servers.
+// IP on the interfaces: their addresses, the default routes through them, and the name servers.
 #pragma once
 
 #include <cstddef>
@@ -10,28 +10,27 @@
 
 namespace kv::facts {
 
-/// An IP address of an interface.
+/// That an interface has an IP address; which one does not matter here.
 struct InterfaceAddress {
     std::uint32_t interfaceIndex = 0;
     bool isVersion4 = false;
     std::optional<std::uint32_t> secondsLeft;  // until it is no longer valid; absent: forever
 };
 
-/// The addresses in the kernel's answer to RTM_GETADDR (rtnetlink(7)); stops at its end, or at the first malformed
-/// message.
+/// The addresses in the kernel's answer to RTM_GETADDR (rtnetlink(7)), up to the first malformed message.
 std::vector<InterfaceAddress> ParseAddressMessages(std::string_view bytes);
 
-/// All addresses of this computer; empty when the kernel does not tell.
+/// All addresses of this computer; those that have arrived when the kernel stops answering for a second.
 std::vector<InterfaceAddress> ReadInterfaceAddresses();
 
-/// The interface of each default route through a gateway, from /proc/net/route and /proc/net/ipv6_route.
+/// The interface of each default route through a gateway, from the text of /proc/net/route or /proc/net/ipv6_route.
 std::vector<std::string> ParseDefaultRoutes(std::string_view route);
 std::vector<std::string> ParseDefaultRoutes6(std::string_view route);
 
-/// resolv.conf(5).
+/// What resolv.conf(5) sets.
 struct ResolverSettings {
     std::size_t servers = 0;
-    std::vector<std::string> domains;  // names are looked for in these, in this order
+    std::vector<std::string> domains;  // in which short names are looked up, in this order
 };
 
 ResolverSettings ParseResolverSettings(std::string_view text);

@@ -15,7 +15,7 @@ namespace fs = std::filesystem;
 
 std::string FolderOf(const std::string& name) { return "/sys/class/net/" + name; }
 
-/// Absent when the name is not an interface, or no longer one.
+/// Absent when the name is not that of an interface, or no longer is.
 std::optional<NetworkInterface> ReadInterface(std::string name) {
     const std::string folder = FolderOf(name);
     const std::optional<std::uint64_t> index = ReadSystemNumber(folder + "/ifindex");
@@ -90,11 +90,11 @@ std::string_view ValueAfter(std::string_view key, std::string_view text) {
 }
 
 std::optional<std::uint64_t> InterfaceSpeed(const std::string& name) {
-    constexpr std::uint64_t bitsOfMegabit = 1'000'000;
-    constexpr std::uint64_t unknown = UINT32_MAX;  // to older kernels, which write -1 without its sign
+    constexpr std::uint64_t bitsPerMegabit = 1'000'000;
+    constexpr std::uint64_t unknown = UINT32_MAX;  // how older kernels write -1: without its sign
     const std::optional<std::uint64_t> megabits = ReadSystemNumber(FolderOf(name) + "/speed");
     if (!megabits || *megabits == 0 || *megabits == unknown) return std::nullopt;
-    return *megabits * bitsOfMegabit;
+    return *megabits * bitsPerMegabit;
 }
 
 }  // namespace kv::facts

@@ -1,4 +1,4 @@
-// Network interfaces: counters of /proc/net/dev, facts of /sys/class/net.
+// Network interfaces: counters from /proc/net/dev, facts from /sys/class/net.
 #pragma once
 
 #include <cstdint>
@@ -23,25 +23,26 @@ struct InterfaceCounters {
     std::uint64_t sendDropped = 0;
 };
 
+/// Malformed lines are left out.
 std::vector<InterfaceCounters> ParseNetDev(std::string_view text);
 
-/// One of /sys/class/net.
+/// An interface in /sys/class/net.
 struct NetworkInterface {
     std::string name;
-    std::uint32_t index = 0;     // the kernel's number of it
+    std::uint32_t index = 0;     // the kernel's number for it
     std::uint32_t linkType = 0;  // ARPHRD_ETHER and so on
-    bool isUp = false;           // switched on, with or without a connection
+    bool isUp = false;           // switched on, whether or not it is connected
 };
 
-/// All interfaces but the loopback ones, in the order of their indexes.
+/// All interfaces except loopback, in the order of their indexes.
 std::vector<NetworkInterface> ListNetworkInterfaces();
 
-/// What stands behind an interface; empty texts for what is not known.
+/// The device behind an interface. What is not known is empty.
 struct InterfaceDevice {
     std::string driver;
-    std::string place;    // of the hardware's device below /sys/devices; empty for an interface without hardware
-    std::string vendor;   // where the hardware database has it
-    std::string product;  // the same, else the driver, else the kind of interface such as "bridge"
+    std::string place;    // the device's path below /sys/devices; empty for an interface without hardware
+    std::string vendor;   // from the hardware database
+    std::string product;  // from the hardware database, else the driver, else the kind of interface such as "bridge"
 };
 
 InterfaceDevice ReadInterfaceDevice(const NetworkInterface& interface);
@@ -49,7 +50,7 @@ InterfaceDevice ReadInterfaceDevice(const NetworkInterface& interface);
 /// What stands after a key in the first line that begins with it; empty when there is no such line.
 std::string_view ValueAfter(std::string_view key, std::string_view text);
 
-/// Bits per second of an interface as its driver tells it; absent when it has no speed, or is down.
+/// The speed of an interface in bits per second, as its driver gives it; absent when it has no speed, or is down.
 std::optional<std::uint64_t> InterfaceSpeed(const std::string& name);
 
 }  // namespace kv::facts

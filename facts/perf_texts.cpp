@@ -18,7 +18,7 @@ std::vector<std::uint32_t> ParseHeading(std::string_view line) {
     return numbers;
 }
 
-/// The columns after a line's name; absent when there are fewer than asked for.
+/// The columns after a line's name; empty when there are fewer than asked for.
 std::vector<std::uint64_t> ParseColumns(std::string_view line, std::size_t count) {
     std::vector<std::uint64_t> columns;
     TakeField(line);

@@ -1,4 +1,4 @@
-// The kernel's counts of events in the whole system, from files of proc(5).
+// The kernel's counts of events in the whole system, from texts of proc(5).
 #pragma once
 
 #include <cstdint>
@@ -8,14 +8,16 @@
 
 namespace kv::facts {
 
-/// The number that follows a name at the start of a line, as in /proc/stat and /proc/vmstat.
+/// The number after a name that starts a line, as in /proc/stat and /proc/vmstat; absent when there is no such line, or
+/// no number after the name.
 std::optional<std::uint64_t> NumberUnder(std::string_view text, std::string_view name);
 
-/// Sums of the columns of /proc/interrupts or /proc/softirqs by the processors' numbers. Lines with fewer columns,
-/// which count errors of the computer as a whole, are left out, but for a single processor are not told apart.
+/// Sums of the columns of /proc/interrupts or /proc/softirqs, by processor number. Lines with fewer columns, which
+/// count errors of the computer as a whole, are left out. With a single processor they look like all others and are
+/// counted.
 std::map<std::uint32_t, std::uint64_t> SumByProcessor(std::string_view text);
 
-/// The number of threads of all processes, from /proc/loadavg.
+/// The number of threads of all processes, from /proc/loadavg; absent when the text has another form.
 std::optional<std::uint64_t> ParseThreadCount(std::string_view text);
 
 }  // namespace kv::facts

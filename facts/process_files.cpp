@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include "facts/system_text.h"
+#include "platform/owned_handle.h"
 
 namespace kv::facts {
 
@@ -103,10 +104,7 @@ struct ProcessPath {
     }
 };
 
-struct CloseDirectory {
-    void operator()(DIR* directory) const { closedir(directory); }
-};
-using Directory = std::unique_ptr<DIR, CloseDirectory>;
+using Directory = std::unique_ptr<DIR, platform::ReleasedBy<closedir>>;
 
 }  // namespace
 
@@ -152,7 +150,7 @@ std::optional<ProcessIo> ParseProcessIo(std::string_view text) {
 }
 
 ProcessMemory ParseProcessStatus(std::string_view text) {
-    constexpr std::uint64_t bytesOfUnit = 1024;
+    constexpr std::uint64_t bytesPerUnit = 1024;
     ProcessMemory memory;
     const struct {
         std::string_view key;
@@ -165,7 +163,7 @@ ProcessMemory ParseProcessStatus(std::string_view text) {
     };
     for (std::string_view line; TakeLine(text, line);) {
         for (const auto& key : keys) {
-            if (const auto number = NumberBehind(line, key.key)) key.bytes = *number * bytesOfUnit;
+            if (const auto number = NumberBehind(line, key.key)) key.bytes = *number * bytesPerUnit;
         }
     }
     return memory;
@@ -188,7 +186,8 @@ std::string_view ExecutableNameOf(const ProcessStat& stat, std::string_view comm
         commandLine.remove_prefix(std::min(file.size() + 1, commandLine.size()));
         file.remove_prefix(file.rfind('/') + 1);  // npos + 1 is 0
         if (!file.starts_with(stat.name)) continue;
-        return file.substr(0, file.find_first_of(" :", cutNameLength));  // a title may have been set in its place
+        return file.substr(0,
+                           file.find_first_of(" :", cutNameLength));  // the program may have set a title in its place
     }
     return stat.name;
 }
@@ -218,7 +217,7 @@ std::optional<std::string_view> ProcessFiles::Read(std::uint32_t processId, cons
     for (;;) {
         got = platform::ReadOnce(opened.get(), buffer_.data() + length, buffer_.size() - length);
         if (got > 0) length += static_cast<std::size_t>(got);
-        if (got < 0 || length < buffer_.size() || length >= maxFileBytes) break;  // these files read short at their end
+        if (got < 0 || length < buffer_.size() || length >= maxFileBytes) break;  // a read is short only at the end
         buffer_.resize(buffer_.size() * 2);
     }
     if (got < 0) return std::nullopt;
@@ -267,8 +266,8 @@ std::uint64_t ClockTicksPerSecond() {
 }
 
 std::uint64_t TimeOfTicks(std::uint64_t ticks) {
-    constexpr std::uint64_t unitsOfSecond = 10'000'000;
-    return ticks * (unitsOfSecond / ClockTicksPerSecond());
+    constexpr std::uint64_t unitsPerSecond = 10'000'000;
+    return ticks * (unitsPerSecond / ClockTicksPerSecond());
 }
 
 std::uint64_t PageSize() {
@@ -277,7 +276,8 @@ std::uint64_t PageSize() {
 }
 
 std::int64_t SystemStartMilliseconds() {
-    constexpr std::int64_t sameStart = 500;  // the clock is steered by less, and set by more
+    constexpr std::int64_t sameStart =
+        500;  // gradual corrections of the clock stay below it, setting the clock does not
     static std::atomic<std::int64_t> known = 0;
     const auto read = [](clockid_t clock) {
         timespec now{};

@@ -1,4 +1,5 @@
-// What /proc tells of processes (proc(5)). One routine fetches a file; for each file another parses it.
+// What /proc tells about processes (proc(5)). One routine reads any of the files, and each file has a routine that
+// parses it. The parsers may run on any thread.
 #pragma once
 
 #include <cstdint>
@@ -14,8 +15,8 @@ namespace kv::facts {
 /// /proc/<id>/stat. Times are in ticks of ClockTicksPerSecond, memory in the units named.
 struct ProcessStat {
     std::uint32_t id = 0;
-    std::string name;  // of the executable, cut by the kernel to 15 bytes, or what a thread of the kernel is called by
-                       // in full; may hold anything
+    std::string name;  // of the executable, cut by the kernel to 15 bytes, or a kernel thread's whole name; may hold
+                       // any bytes
     char state = '?';
     std::uint32_t parentId = 0;
     std::uint32_t sessionId = 0;
@@ -29,13 +30,13 @@ struct ProcessStat {
     std::uint64_t startTicks = 0;  // since the system's start
     std::uint64_t virtualBytes = 0;
     std::uint64_t residentPages = 0;
-    bool isProcess = true;  // false: a further thread of one, which /proc holds too but does not list
+    bool isProcess = true;  // false for a further thread of a process, which /proc holds too but does not list
 };
 
 /// Absent when the text has another form.
 std::optional<ProcessStat> ParseProcessStat(std::string_view text);
 
-/// /proc/<id>/io: readable only for one's own processes, or for all by the superuser.
+/// /proc/<id>/io. Users may read it of their own processes, the superuser of all.
 struct ProcessIo {
     std::uint64_t readBytes = 0;        // rchar
     std::uint64_t writtenBytes = 0;     // wchar
@@ -46,41 +47,43 @@ struct ProcessIo {
 /// Absent when one of the four is missing.
 std::optional<ProcessIo> ParseProcessIo(std::string_view text);
 
-/// The memory lines of /proc/<id>/status, in bytes; 0 for a line that is missing, as with threads of the kernel.
+/// The memory lines of /proc/<id>/status, in bytes; 0 for a line that is missing, as it is for kernel threads.
 struct ProcessMemory {
     std::uint64_t peakVirtual = 0;   // VmPeak
     std::uint64_t peakResident = 0;  // VmHWM
-    std::uint64_t anonymous = 0;     // RssAnon: resident and of no file
+    std::uint64_t anonymous = 0;     // RssAnon: resident, and not part of a file
     std::uint64_t swapped = 0;       // VmSwap
 };
 
 ProcessMemory ParseProcessStatus(std::string_view text);
 
-/// /proc/<id>/cmdline as one line: the arguments with a blank between. Cut to the 32767 bytes that a command line may
-/// have on Windows.
+/// /proc/<id>/cmdline as one line, the arguments separated by blanks. Cut to 32767 bytes, the most that a command line
+/// may have on Windows.
 std::string CommandLineOf(std::string_view text);
 
-/// The name of a process's executable: the kernel's, or where that may be cut and the command line (as
-/// /proc/<id>/cmdline has it) goes on, the whole one. That of a script stands behind its interpreter and one option.
+/// The name of a process's executable: the kernel's, unless that may be cut and the command line (as /proc/<id>/cmdline
+/// has it) holds the whole name. A script's name is looked for behind its interpreter and one option. The result refers
+/// to the arguments.
 std::string_view ExecutableNameOf(const ProcessStat& stat, std::string_view commandLine);
 
 /// Whether a name may be cut, so that the command line is worth a look.
 bool MayBeCut(const ProcessStat& stat);
 
-/// The base priority that Windows would give: 24 for real time, 13 high, 10, 8 normal, 6, 4 idle.
+/// The base priority that Windows would give: 24 real time, 13 high, 10 above normal, 8 normal, 6 below normal, 4 idle.
 std::uint32_t BasePriorityOf(const ProcessStat& stat);
 
-/// Reads the files of one process after the other, with a single open, read and close for each that is short.
+/// Reads the files of one process after the other; a short file costs one open, one read and one close. One thread at a
+/// time may use it.
 class ProcessFiles {
   public:
     ProcessFiles();
 
-    /// A file such as "stat", at most 1 MB of it, in memory that the next call uses again; absent when the process is
-    /// gone, or may not be read.
+    /// A file such as "stat", at most 1 MB of it; absent when the process is gone, or may not be read. The text is
+    /// valid until the next call.
     std::optional<std::string_view> Read(std::uint32_t processId, const char* file);
 
-    /// The file that a process runs, also one that has been deleted or replaced since; absent as above, and for
-    /// threads of the kernel.
+    /// The path of the file that a process runs, even if the file has since been deleted or replaced; absent as above,
+    /// and for kernel threads.
     std::optional<std::string> ReadExecutablePath(std::uint32_t processId);
 
     /// The number of files that a process holds open; absent as above.
@@ -91,15 +94,15 @@ class ProcessFiles {
     std::string buffer_;
 };
 
-/// Ids of all processes, ascending.
+/// Ids of all processes, ascending; empty when /proc cannot be read.
 std::vector<std::uint32_t> ListProcessIds();
 
 std::uint64_t ClockTicksPerSecond();
 std::uint64_t TimeOfTicks(std::uint64_t ticks);  // in units of 100 ns
 std::uint64_t PageSize();                        // bytes
 
-/// When the system was started, in milliseconds since 1970: the wall clock less the time since (CLOCK_BOOTTIME). Stays
-/// the same from call to call until the clock is set.
+/// When the system was started, in milliseconds since 1970: the wall clock minus the time since then (CLOCK_BOOTTIME).
+/// Stays the same from call to call until the clock is set. Any thread may ask.
 std::int64_t SystemStartMilliseconds();
 
 }  // namespace kv::facts

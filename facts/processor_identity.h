@@ -10,8 +10,8 @@
 
 namespace kv::facts {
 
-/// The number in Win32_Processor.Architecture of a machine as uname(2) names it; absent when Windows has never run
-/// on it.
+/// The number that Win32_Processor.Architecture has for a machine, as uname(2) names it; absent when Windows has never
+/// run on it.
 std::optional<std::uint16_t> ArchitectureOf(std::string_view machine);
 
 /// "64-bit" or "32-bit".
@@ -20,10 +20,12 @@ std::string_view WordWidthOf(std::string_view machine);
 /// "x64-based PC" and the like.
 std::string SystemTypeOf(std::string_view machine);
 
-/// "GenuineIntel", "AuthenticAMD", on ARM the company's name; absent when it is not known.
+/// "GenuineIntel", "AuthenticAMD", or on ARM the company's name; absent when it is not known.
 std::optional<std::string> ManufacturerOf(const CpuBlock& block);
 
-/// The name that the processor gives itself, on ARM its maker and the number of its design.
+// The following are absent when the block does not have the lines that they need.
+
+/// The name that the processor gives itself, or on ARM its maker and the number of its design.
 std::optional<std::string> ModelNameOf(const CpuBlock& block);
 
 /// "AMD64 Family 25 Model 1 Stepping 1" or "ARMv8 (64-bit) Family 8 Model D0C Revision 301".

@@ -10,7 +10,7 @@ namespace kv::facts {
 
 namespace {
 
-/// Of the time between two samples, in ticks.
+/// Parts of the time between two samples, in ticks.
 struct Share {
     double busy = 0;
     double whole = 0;
@@ -18,8 +18,8 @@ struct Share {
 
 double WholeTicks(const ProcessorTimes& times) { return static_cast<double>(times.busyTicks() + times.idleTicks()); }
 
-/// From the system's start where the earlier sample is not one of the same count. Idle times that go back a little, as
-/// the kernel's do, stand still.
+/// If the counters have started again since the earlier sample, the share since the system's start. An idle time that
+/// went back a little, as the kernel's does, counts as unchanged.
 Share ShareBetween(const ProcessorTimes& earlier, const ProcessorTimes& now) {
     const double whole = WholeTicks(now) - WholeTicks(earlier);
     const double idle = static_cast<double>(now.idleTicks()) - static_cast<double>(earlier.idleTicks());
@@ -31,7 +31,7 @@ Share ShareBetween(const ProcessorTimes& earlier, const ProcessorTimes& now) {
 
 }  // namespace
 
-TimesByProcessor LoadHistory::exchange(const TimesByProcessor& sample, std::chrono::steady_clock::time_point now) {
+TimesByProcessor LoadHistory::Exchange(const TimesByProcessor& sample, std::chrono::steady_clock::time_point now) {
     constexpr std::chrono::seconds youngestBase(1);
     const std::lock_guard lock(mutex_);
     if (!last_.times.empty() && now - last_.taken < youngestBase) return beforeLast_.times;
@@ -41,7 +41,7 @@ TimesByProcessor LoadHistory::exchange(const TimesByProcessor& sample, std::chro
 
 std::uint16_t BusyPercent(const std::vector<CpuBlock>& processors, const TimesByProcessor& from,
                           const TimesByProcessor& to) {
-    // Together they are one figure, in which a processor counts for as long as it ran.
+    // A processor weighs as much in the one figure as the time that it was online.
     Share all;
     for (const CpuBlock& processor : processors) {
         const auto now = to.find(processor.number);

@@ -1,4 +1,4 @@
-// How busy processors were since the last time someone asked.
+// How busy processors were since someone last asked.
 #pragma once
 
 #include <chrono>
@@ -14,12 +14,12 @@ namespace kv::facts {
 
 using TimesByProcessor = std::map<std::uint32_t, ProcessorTimes>;
 
-/// The samples that may still be compared with. Any thread may call it.
+/// The samples that later ones may be compared with. Any thread may call it.
 class LoadHistory {
   public:
-    /// Takes a sample, and gives the one to compare it with: the last that is at least a second older. When there is
-    /// no such sample it gives an empty one, which stands for the system's start.
-    TimesByProcessor exchange(const TimesByProcessor& sample, std::chrono::steady_clock::time_point now);
+    /// Takes a sample, and returns the one to compare it with: the last that is at least a second older. Without such a
+    /// sample it returns an empty one, which stands for the system's start.
+    TimesByProcessor Exchange(const TimesByProcessor& sample, std::chrono::steady_clock::time_point now);
 
   private:
     struct Sample {
@@ -32,8 +32,9 @@ class LoadHistory {
     Sample beforeLast_;
 };
 
-/// The share that some processors together were not idle of the time between two samples, in percent; what a sample
-/// lacks counts from the system's start. 0 when no time has passed.
+/// How much of the time between two samples some processors were busy, all of them together, in percent. A processor
+/// that the first sample lacks counts from the system's start, and one that the second lacks does not count. 0 when no
+/// time has passed.
 std::uint16_t BusyPercent(const std::vector<CpuBlock>& processors, const TimesByProcessor& from,
                           const TimesByProcessor& to);
 

@@ -1,5 +1,5 @@
-// How the maker names the computer: in the firmware's tables, or in the device tree that many computers have instead.
-// All texts are UTF-8. They are absent when the maker tells nothing, as on some virtual machines.
+// What the maker calls the computer: in the firmware's tables, or in the device tree that many computers have instead.
+// All texts are UTF-8. They are absent when the maker says nothing, as on some virtual machines.
 #pragma once
 
 #include <optional>
@@ -11,10 +11,10 @@ std::optional<std::string> ReadVendor();
 
 std::optional<std::string> ReadModel();
 
-/// For the superuser only, except of a device tree.
+/// Only the superuser can read it, except from a device tree.
 std::optional<std::string> ReadSerialNumber();
 
-/// In capital letters; for the superuser only.
+/// In capital letters. Only the superuser can read it.
 std::optional<std::string> ReadUuid();
 
 }  // namespace kv::facts

@@ -22,7 +22,7 @@ std::string UtmpText(const char (&field)[Size]) {
 
 using OwnedText = std::unique_ptr<char, decltype(&std::free)>;
 
-/// What a routine of sd-login tells of a session; empty when it tells nothing.
+/// What a routine of sd-login says about a session; empty when it says nothing.
 std::string SessionText(const char* session, int (*ask)(const char*, char**)) {
     char* text = nullptr;
     if (ask(session, &text) < 0) return {};
@@ -37,8 +37,8 @@ std::string NameOfUser(std::uint32_t id) {
     return fmt::format("{}", id);  // a user of a directory service, which may not answer
 }
 
-/// Absent for a session that does not belong to a user, such as that of a login screen, and for one that has ended
-/// except for what its user has left running.
+/// Absent for a session that does not belong to a user, such as that of a login screen, and for one that has ended but
+/// still has programs running.
 std::optional<Session> ReadSession(const char* id) {
     uid_t user = 0;
     const bool isOfUser = SessionText(id, sd_session_get_class).starts_with("user");

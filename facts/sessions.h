@@ -1,4 +1,4 @@
-// Who is logged in, from utmp(5), or from systemd's login manager when the system does not keep that file.
+// Who is logged in: from utmp(5), or from systemd's login manager if the system does not keep that file.
 #pragma once
 
 #include <cstddef>
@@ -15,7 +15,7 @@ struct Session {
     std::string line;  // the terminal, such as "tty1", "pts/0" or ":0"
 };
 
-/// Those of a utmp file; a part of a record at its end is left out.
+/// The sessions in a utmp file. An incomplete record at its end is left out.
 std::vector<Session> ParseSessions(std::string_view utmp);
 
 /// The sessions; absent when the system does not record them.

@@ -17,8 +17,8 @@ std::uint64_t LittleEndian(std::string_view bytes, std::size_t offset, std::size
     return number;
 }
 
-/// Takes the strings that follow a formatted part off a table: each ends with a zero, and so does the list; without
-/// any there are two zeros. False when the table ends before that.
+/// Takes the strings that follow a formatted part off a table. Each ends with a zero byte, and so does the list; an
+/// empty list is two zero bytes. False when the table ends too early.
 bool TakeStrings(std::string_view& table, std::vector<std::string_view>& strings) {
     for (std::size_t end = table.find('\0'); end != std::string_view::npos; end = table.find('\0')) {
         const std::string_view text = table.substr(0, end);

@@ -1,5 +1,5 @@
-// The tables of the System Management BIOS (DMTF DSP0134), as the kernel hands them over in
-// /sys/firmware/dmi/tables/DMI. They are readable for the superuser only, and absent on many virtual machines.
+// The tables of the System Management BIOS (DMTF DSP0134), as the kernel gives them in /sys/firmware/dmi/tables/DMI.
+// Only the superuser can read them, and many virtual machines do not have them.
 #pragma once
 
 #include <cstddef>
@@ -18,7 +18,7 @@ struct SmbiosStructure {
     std::string_view formatted;  // in the table's bytes
     std::vector<std::string_view> strings;
 
-    /// A number at an offset of the formatted part; 0 where the part ends before it.
+    /// The number at an offset of the formatted part; 0 if the part ends before the number does.
     std::uint8_t byteAt(std::size_t offset) const;
     std::uint16_t wordAt(std::size_t offset) const;
     std::uint32_t doubleWordAt(std::size_t offset) const;
@@ -28,24 +28,25 @@ struct SmbiosStructure {
     std::optional<std::string> stringAt(std::size_t offset) const;
 };
 
-/// All whole structures of a table, in its order, up to the one that marks its end; stops at the first that is
+/// The structures of a table in its order, up to and with the one that marks its end, or up to the first that is
 /// malformed. The result refers to the bytes.
 std::vector<SmbiosStructure> ParseSmbios(std::string_view table);
 
-/// The first structure of a type; an empty one when there is none.
+/// The first structure of a type; an empty structure when the table does not have that type.
 SmbiosStructure FirstOfType(const std::vector<SmbiosStructure>& structures, std::uint8_t type);
 
-/// Absent for 0, which means unknown in many numbers of a structure.
+/// Absent for 0, by which many numbers of a structure mean unknown.
 std::optional<std::uint32_t> KnownNumber(std::uint32_t number);
 
-/// This computer's table; empty when there is none, or it may not be read.
+/// This computer's table; empty when there is no table, or it may not be read.
 std::string ReadSmbiosTable();
 
-/// A text of the tables that the kernel hands out by itself, such as "sys_vendor"; absent when there is no such text,
-/// or it may not be read.
+/// A text of the tables that the kernel gives as a separate file, such as "sys_vendor"; absent when there is no such
+/// text, or it may not be read.
 std::optional<std::string> ReadDmi(std::string_view name);
 
-/// A text of the device tree, which other computers have instead of the tables, such as "model"; of several the first.
+/// A text of the device tree, which other computers have instead of the tables, such as "model"; the first if there are
+/// several, absent when there is none.
 std::optional<std::string> ReadDeviceTree(std::string_view name);
 
 }  // namespace kv::facts

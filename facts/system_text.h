@@ -1,4 +1,5 @@
-// Takes apart the small texts in which the kernel tells of itself, and brings the routine that reads them.
+// Routines for the small texts of the kernel: ReadSystemFile, which this header includes, reads them, and those below
+// take them apart.
 #pragma once
 
 #include <cstdint>
@@ -10,17 +11,16 @@
 
 namespace kv::facts {
 
-/// A file such as those below /proc and /sys, without blanks and line ends at its ends; absent when it cannot be read,
-/// or nothing is left.
+/// The text of a file below /proc or /sys, trimmed; absent when the file cannot be read, or nothing is left.
 std::optional<std::string> ReadSystemLine(const std::string& path);
 
-/// The number in a file that holds one decimal number; absent as above, or when it is not a number.
+/// The number in a file that holds one decimal number; absent as above, or when the text is not a number.
 std::optional<std::uint64_t> ReadSystemNumber(const std::string& path);
 
-/// Without blanks, tabs and line ends at both ends.
+/// A text without the blanks, tabs and line ends before and after it.
 std::string_view Trimmed(std::string_view text);
 
-/// Takes the next line off a text, without its end; false when the text is used up.
+/// Takes the next line off a text, without the character that ends it; false when the text is used up.
 bool TakeLine(std::string_view& text, std::string_view& line);
 
 /// Takes the next field off a line: what stands between blanks or tabs; empty when the line is used up.
@@ -32,7 +32,7 @@ std::optional<std::uint64_t> NumberOf(std::string_view text);
 /// A whole hexadecimal number, after "0x" or without it; absent as above.
 std::optional<std::uint64_t> HexNumberOf(std::string_view text);
 
-/// A text that tells a fact; absent when it is empty, because then the fact is not known.
+/// The text of a fact; absent when it is empty, because then the fact is not known.
 std::optional<std::string> KnownText(const std::string& text);
 
 }  // namespace kv::facts

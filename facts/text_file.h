@@ -1,4 +1,4 @@
-// A text as a file, for libraries that parse files only.
+// A text as a file, for libraries that only parse files.
 #pragma once
 
 #include <cerrno>
@@ -7,14 +7,14 @@
 #include <string_view>
 #include <system_error>
 
+#include "platform/owned_handle.h"
+
 namespace kv::facts {
 
-struct CloseFile {
-    void operator()(std::FILE* file) const { std::fclose(file); }
-};
-using File = std::unique_ptr<std::FILE, CloseFile>;
+using File = std::unique_ptr<std::FILE, platform::ReleasedBy<std::fclose>>;
 
-/// Opens a text for reading. It has to stay where it is until the file is closed. Throws std::system_error.
+/// Opens a text for reading. The text must stay in place until the file is closed. Throws std::system_error when the
+/// file cannot be opened, as when memory runs out.
 inline File OpenText(std::string_view text) {
     static char nothing = 0;  // an empty text may have no address
     char* const start = text.empty() ? &nothing : const_cast<char*>(text.data());

@@ -13,10 +13,10 @@ namespace kv::facts {
 
 namespace {
 
-constexpr std::int32_t secondsOfMinute = 60;
-constexpr std::int32_t secondsOfHour = 3600;
-constexpr std::int32_t daysOfWeek = 7;
-constexpr std::int32_t secondsOfDay = 86400;
+constexpr std::int32_t secondsPerMinute = 60;
+constexpr std::int32_t secondsPerHour = 3600;
+constexpr std::int32_t daysPerWeek = 7;
+constexpr std::int32_t secondsPerDay = 86400;
 constexpr std::string_view digits = "0123456789";
 constexpr const char* systemZone = "/etc/localtime";
 
@@ -27,7 +27,7 @@ bool Take(std::string_view& text, char character) {
     return true;
 }
 
-/// Takes a number of at most three digits.
+/// Takes a number of at most three digits off a text.
 std::optional<std::int32_t> TakeNumber(std::string_view& text) {
     constexpr std::size_t mostDigits = 3;
     const std::size_t length = std::min(text.find_first_not_of(digits), text.size());
@@ -53,8 +53,8 @@ std::optional<std::int32_t> TakeTime(std::string_view& text) {
     if (!isNegative) Take(text, '+');
     std::optional<std::int32_t> seconds = TakeNumber(text);
     if (!seconds) return std::nullopt;
-    *seconds *= secondsOfHour;
-    for (std::int32_t unit = secondsOfMinute; unit > 0 && Take(text, ':'); unit /= secondsOfMinute) {
+    *seconds *= secondsPerHour;
+    for (std::int32_t unit = secondsPerMinute; unit > 0 && Take(text, ':'); unit /= secondsPerMinute) {
         const std::optional<std::int32_t> part = TakeNumber(text);
         if (!part) return std::nullopt;
         *seconds += *part * unit;
@@ -62,20 +62,20 @@ std::optional<std::int32_t> TakeTime(std::string_view& text) {
     return isNegative ? -*seconds : *seconds;
 }
 
-/// The change at some seconds after the start of its day.
+/// The change at so many seconds after the start of a day.
 ClockChange At(ClockChange day, std::int32_t seconds) {
-    const std::int32_t days = seconds / secondsOfDay - (seconds % secondsOfDay < 0 ? 1 : 0);
-    const std::int32_t ofDay = seconds - days * secondsOfDay;
-    day.dayOfWeek = static_cast<std::uint8_t>(((day.dayOfWeek + days) % daysOfWeek + daysOfWeek) % daysOfWeek);
-    day.hour = static_cast<std::uint32_t>(ofDay / secondsOfHour);
-    day.minute = static_cast<std::uint32_t>(ofDay % secondsOfHour / secondsOfMinute);
-    day.second = static_cast<std::uint32_t>(ofDay % secondsOfMinute);
+    const std::int32_t days = seconds / secondsPerDay - (seconds % secondsPerDay < 0 ? 1 : 0);
+    const std::int32_t ofDay = seconds - days * secondsPerDay;
+    day.dayOfWeek = static_cast<std::uint8_t>(((day.dayOfWeek + days) % daysPerWeek + daysPerWeek) % daysPerWeek);
+    day.hour = static_cast<std::uint32_t>(ofDay / secondsPerHour);
+    day.minute = static_cast<std::uint32_t>(ofDay % secondsPerHour / secondsPerMinute);
+    day.second = static_cast<std::uint32_t>(ofDay % secondsPerMinute);
     return day;
 }
 
 /// Takes ",Mmonth.week.day[/time]".
 std::optional<ClockChange> TakeChange(std::string_view& text) {
-    constexpr std::int32_t usualTime = 2 * secondsOfHour;
+    constexpr std::int32_t usualTime = 2 * secondsPerHour;
     constexpr std::int32_t months = 12;
     constexpr std::int32_t weeks = 5;
     constexpr std::int32_t absent = -1;
@@ -84,7 +84,7 @@ std::optional<ClockChange> TakeChange(std::string_view& text) {
     const std::int32_t week = Take(text, '.') ? TakeNumber(text).value_or(absent) : absent;
     const std::int32_t day = Take(text, '.') ? TakeNumber(text).value_or(absent) : absent;
     const std::optional<std::int32_t> time = Take(text, '/') ? TakeTime(text) : usualTime;
-    if (month < 1 || month > months || week < 1 || week > weeks || day < 0 || day >= daysOfWeek) return std::nullopt;
+    if (month < 1 || month > months || week < 1 || week > weeks || day < 0 || day >= daysPerWeek) return std::nullopt;
     if (!time) return std::nullopt;
     return At({.month = static_cast<std::uint32_t>(month),
                .week = static_cast<std::uint32_t>(week),
@@ -92,7 +92,7 @@ std::optional<ClockChange> TakeChange(std::string_view& text) {
               *time);
 }
 
-/// Takes a name and the seconds west of UTC; these are a default for a name alone.
+/// Takes a name and the seconds west of UTC. These stay as they are when the name stands alone.
 bool TakeClock(std::string_view& text, std::string& name, std::int32_t& secondsWest) {
     const std::optional<std::string> found = TakeName(text);
     const bool hasTime = !text.empty() && text.front() != ',';
@@ -103,7 +103,7 @@ bool TakeClock(std::string_view& text, std::string& name, std::int32_t& secondsW
     return true;
 }
 
-/// Makes winter time the rule, where it is declared as the exception.
+/// Makes winter time the rule if it is declared as the exception.
 void PutSummerLast(ZoneRules& zone) {
     DaylightSaving& daylight = *zone.daylight;
     if (daylight.minutesEast > zone.minutesEast) return;
@@ -112,14 +112,14 @@ void PutSummerLast(ZoneRules& zone) {
     std::swap(daylight.start, daylight.end);
 }
 
-/// "Europe/Berlin" of a path to its file; empty for a file that is kept elsewhere.
+/// "Europe/Berlin" from the path of its file; empty for a file that is kept elsewhere.
 std::string NameInPath(const std::string& path) {
     constexpr std::string_view directory = "zoneinfo/";
     const std::size_t at = path.find(directory);
     return at == std::string::npos ? "" : path.substr(at + directory.size());
 }
 
-/// By a file's path, else by the one that it links to, else for the system's zone what /etc/timezone holds.
+/// The name in a file's path, else in the path that it links to; for the system's zone else the name in /etc/timezone.
 std::string ReadZoneName(const std::string& path) {
     std::error_code failure;
     std::string name = NameInPath(path);
@@ -134,7 +134,7 @@ std::string_view LastLineOf(std::string_view file) {
     return file.substr(file.rfind('\n') + 1);
 }
 
-/// Nullopt if there is no such file.
+/// Absent when there is no such file.
 std::optional<Zone> ReadZoneFile(const std::string& path) {
     const std::optional<std::string> file = platform::ReadSystemFile(path);
     return file ? std::optional(Zone{ReadZoneName(path), ParseZoneRules(LastLineOf(*file))}) : std::nullopt;
@@ -146,12 +146,12 @@ std::optional<ZoneRules> ParseZoneRules(std::string_view text) {
     ZoneRules zone;
     std::int32_t secondsWest = 0;
     if (!TakeClock(text, zone.name, secondsWest)) return std::nullopt;
-    zone.minutesEast = -secondsWest / secondsOfMinute;
+    zone.minutesEast = -secondsWest / secondsPerMinute;
     if (text.empty()) return zone;
     DaylightSaving& daylight = zone.daylight.emplace();
-    secondsWest -= secondsOfHour;
+    secondsWest -= secondsPerHour;
     if (!TakeClock(text, daylight.name, secondsWest)) return std::nullopt;
-    daylight.minutesEast = -secondsWest / secondsOfMinute;
+    daylight.minutesEast = -secondsWest / secondsPerMinute;
     const std::optional<ClockChange> start = TakeChange(text);
     const std::optional<ClockChange> end = TakeChange(text);
     if (!start || !end) {

@@ -1,4 +1,4 @@
-// The rules of a time zone, in the form in which time zone files end with them: POSIX's of the variable TZ (tzset(3)).
+// The rules of a time zone, in POSIX's form for the variable TZ (tzset(3)), with which time zone files end.
 #pragma once
 
 #include <cstdint>
@@ -8,12 +8,11 @@
 
 namespace kv::facts {
 
-/// When the clock is changed each year: in a month (1 to 12), on its first to fourth or, as 5, last of a day of the
-/// week (0 is Sunday), at a time of the clock that is left.
+/// When the clock is changed each year, such as on the last Sunday in March at 2:00, by the clock before the change.
 struct ClockChange {
-    std::uint32_t month = 0;
-    std::uint32_t week = 0;
-    std::uint8_t dayOfWeek = 0;
+    std::uint32_t month = 0;     // 1 to 12
+    std::uint32_t week = 0;      // 1 to 4: the month's first to fourth such day; 5: its last
+    std::uint8_t dayOfWeek = 0;  // 0 is Sunday
     std::uint32_t hour = 0;
     std::uint32_t minute = 0;
     std::uint32_t second = 0;
@@ -32,9 +31,10 @@ struct ZoneRules {
     std::optional<DaylightSaving> daylight;
 };
 
-/// Parses a text such as "CET-1CEST,M3.5.0,M10.5.0/3". A winter time that is declared as the exception comes out as the
-/// rule. A change outside of its day is moved to the next or previous one. Days counted by the year, which no zone
-/// changes its clocks on, and impossible months and weeks, count as no change. Absent when the text has another form.
+/// Parses a text such as "CET-1CEST,M3.5.0,M10.5.0/3". If winter time is declared as the exception, the two are
+/// swapped. A change whose time lies outside its day is moved to the next or previous day. If the changes have another
+/// form (days counted by the year, which no zone uses; impossible months or weeks), the zone has no daylight saving.
+/// Absent when the names or the offsets have another form.
 std::optional<ZoneRules> ParseZoneRules(std::string_view text);
 
 /// The zone that the computer is set to.
@@ -43,7 +43,7 @@ struct Zone {
     std::optional<ZoneRules> rules;
 };
 
-/// That of the variable TZ, which is read as tzset(3) does, else of /etc/localtime.
+/// The zone in the variable TZ, which is read as tzset(3) reads it, else the one in /etc/localtime.
 Zone ReadZone();
 
 }  // namespace kv::facts

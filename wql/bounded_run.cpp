@@ -18,7 +18,7 @@ struct BoundedRun {
     std::u16string name;
     std::chrono::milliseconds limit;
     std::chrono::steady_clock::time_point end;
-    std::mutex mutex;  // guards all below
+    std::mutex mutex;  // guards what follows
     std::condition_variable news;
     std::deque<ResultObject> objects;
     std::vector<std::u16string> notices;
@@ -30,7 +30,7 @@ struct BoundedRun {
 
 namespace {
 
-/// Names of the runs that are stuck. Never destroyed: a stuck thread may outlive the program's statics.
+/// Names of the runs that are stuck. Never destroyed, because a stuck thread may outlive the program's statics.
 struct StuckNames {
     std::mutex mutex;
     std::multiset<std::u16string> names;
@@ -82,7 +82,7 @@ void Finish(BoundedRun& run, WmiStatus status) {
     run.news.notify_one();
 }
 
-WmiStatus Work(BoundedRun& run, const std::function<WmiStatus(const ResultSink&)>& work) {
+WmiStatus DoWork(BoundedRun& run, const std::function<WmiStatus(const ResultSink&)>& work) {
     try {
         return work({.object = [&run](ResultObject object) { AddObject(run, std::move(object)); },
                      .wantsMore = [&run] { return IsWanted(run); },
@@ -95,10 +95,10 @@ WmiStatus Work(BoundedRun& run, const std::function<WmiStatus(const ResultSink&)
     }
 }
 
-/// Nothing may leave a thread's function.
+/// No exception may leave a thread's function.
 WmiStatus GuardedWork(BoundedRun& run, const std::function<WmiStatus(const ResultSink&)>& work) noexcept {
     try {
-        return Work(run, work);
+        return DoWork(run, work);
     } catch (...) {
         return wmi_status::outOfMemory;
     }
@@ -134,7 +134,7 @@ WmiStatus NextObject(BoundedRun& run, ResultObject& object) {
     if (!run.isStuck) {
         SetStuck(run);
         run.notices.push_back(platform::WideFromUtf8("a query of " + platform::Utf8FromWide(run.name) +
-                                                     " has not come to an end in " + std::to_string(run.limit.count()) +
+                                                     " has not finished within " + std::to_string(run.limit.count()) +
                                                      " ms and is given up"));
     }
     return wmi_status::timedOut;

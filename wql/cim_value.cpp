@@ -34,7 +34,7 @@ CimValue Signed(std::uint64_t magnitude, bool isNegative) {
     return -static_cast<double>(magnitude);
 }
 
-/// Whether there are digits before and after the point. The C++ reader takes a number without them, too.
+/// Whether there are digits before and after the point. The C++ reader also accepts a number without them.
 bool HasDigitsAroundPoint(std::string_view text) {
     const std::size_t point = text.find('.');
     return IsDigit(text.front()) && (point == text.npos || (point + 1 < text.size() && IsDigit(text[point + 1])));
@@ -110,7 +110,7 @@ CimValue AsDatetime(CimValue value) {
     return microseconds.isNull() ? CimValue() : CimValue(DmtfTime(std::get<std::int64_t>(microseconds.held)));
 }
 
-/// A number as one of a numeric type.
+/// Converts a number to a numeric type.
 CimValue AsNumberOf(CimType type, const CimValue& number) {
     switch (type) {
         case CimType::sint8:

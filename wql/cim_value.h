@@ -1,4 +1,5 @@
-// Types and values of a class's properties, and the form in which the agent gets them.
+// Types and values of a class's properties, and the form in which the agent gets them. The routines keep no state: any
+// thread may call them.
 #pragma once
 
 #include <compare>
@@ -83,11 +84,13 @@ struct CimValue {
 
 /// Converts a value to a declared type. A whole number too large for the type loses its upper bits, like a counter that
 /// wraps; a real number loses its fraction and is clamped to the type's limits. Text is read as a number and a number
-/// written as text; a number becomes a datetime as microseconds since 1970. NULL if none of this is possible.
+/// written as text; a number becomes a datetime as microseconds since 1970. A single value becomes an array of one.
+/// NULL if none of this is possible.
 CimValue BroughtTo(CimType type, CimValue value);
 
-/// The value as the agent gets it once brought to its type, by the rules of Windows: 64-bit numbers and datetimes as
-/// text, unsigned 32-bit ones as signed, unsigned 16-bit ones as 32-bit.
+/// The value, converted to its type, as the agent gets it by the rules of Windows: 64-bit numbers and datetimes as
+/// text, unsigned 32-bit numbers as signed ones, unsigned 16-bit numbers as 32-bit ones. Of an array only the type is
+/// given.
 platform::Variant VariantOf(CimType type, const CimValue& value);
 
 /// Compares texts without regard to case, and numbers and truth values exactly. Unordered if one is NULL, an array or
@@ -103,8 +106,8 @@ CimValue NumberOfText(std::u16string_view text);
 /// outside the years 1 to 9999 are clamped to them.
 std::u16string DmtfTime(std::int64_t microsecondsSince1970);
 
-/// The moment of a DMTF text of full length, in microseconds since 1970; nullopt for any other text. "+***" in place of
-/// the offset means local time.
+/// The moment that a DMTF text of full length names, in microseconds since 1970; absent for any other text. "+***" in
+/// place of the offset means local time.
 std::optional<std::int64_t> MicrosecondsOfDmtf(std::u16string_view text);
 
 }  // namespace kv::wql

@@ -9,7 +9,7 @@ namespace kv::wql {
 
 namespace {
 
-// Set before any constructor runs, so that families may enter themselves in any order.
+// Initialised before any constructor runs, so that families may register in any order.
 constinit const ClassFamily* lastFamily = nullptr;
 
 std::vector<const ClassInfo*> CollectClasses() {

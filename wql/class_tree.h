@@ -9,7 +9,7 @@
 
 namespace kv::wql {
 
-/// Enters the classes of one source file: a constant at its end, which no other code names.
+/// Registers the classes of one source file, which has a constant of this type at its end. No other code names it.
 class ClassFamily {
   public:
     /// Called once, at the first query. What it lists lives as long as the process.
@@ -24,7 +24,7 @@ class ClassFamily {
 
   private:
     List list_;
-    const ClassFamily* before_;  // the one entered before it, or null
+    const ClassFamily* before_;  // the one registered before it, or null
 };
 
 /// Every class, in no particular order. Made at the first call; lives as long as the process.
@@ -39,7 +39,7 @@ const PropertyInfo* FindProperty(const ClassInfo& classInfo, std::u16string_view
 /// Whether a class is the named one or inherits from it.
 bool IsA(const ClassInfo& classInfo, std::u16string_view name);
 
-/// Compares names without regard to case: below, at or above 0.
+/// Compares names without regard to case: negative, 0 or positive.
 int CompareNames(std::u16string_view left, std::u16string_view right);
 
 }  // namespace kv::wql

@@ -42,7 +42,7 @@ Truth Compare(CimType type, const CimValue& value, const BoundComparison& compar
     return Holds(comparison.compare, order);
 }
 
-CimValue ValueOf(const Literal& literal) {
+CimValue LiteralValue(const Literal& literal) {
     return std::visit(
         [](const auto& value) {
             if constexpr (std::is_same_v<std::decay_t<decltype(value)>, NullLiteral>) {
@@ -54,7 +54,7 @@ CimValue ValueOf(const Literal& literal) {
         literal);
 }
 
-/// Not converted to the property's type: a number too large for it compares as what it is.
+/// Not converted to the property's type, so that a number too large for the type compares as what it is.
 CimValue BoundNumber(CimType type, const CimValue& value) {
     if (type == CimType::real32) return BroughtTo(type, value);
     if (std::holds_alternative<bool>(value.held)) return BroughtTo(CimType::sint64, value);
@@ -70,7 +70,7 @@ CimValue BoundMoment(const CimValue& value) {
 /// Converts a literal other than NULL to a value to compare with; NULL if it does not suit the property.
 CimValue BoundValue(CimType type, const Literal& literal) {
     if (IsArray(type)) return {};
-    const CimValue value = ValueOf(literal);
+    const CimValue value = LiteralValue(literal);
     if (type == CimType::datetime) return BoundMoment(value);
     if (type == CimType::string || type == CimType::boolean) return BroughtTo(type, value);
     return BoundNumber(type, value);
@@ -84,7 +84,8 @@ WmiStatus BindLiteral(const Comparison& comparison, CimType type, BoundCompariso
     return bound.value.isNull() ? wmi_status::invalidQuery : wmi_status::ok;
 }
 
-std::u16string_view FirstAbove(const ClassInfo& classInfo) {
+/// The name of the topmost class above a class; its own name when it is the topmost.
+std::u16string_view TopmostClass(const ClassInfo& classInfo) {
     const ClassInfo* at = &classInfo;
     while (!at->superclass.empty()) {
         const ClassInfo* above = FindClass(at->superclass);
@@ -100,7 +101,7 @@ WmiStatus BindConstant(const Comparison& comparison, const CimValue& ofClass, Bo
     return status;
 }
 
-/// For system properties, which depend on the class alone.
+/// For system properties, which depend only on the class.
 WmiStatus BindSystemProperty(const Comparison& comparison, const ClassInfo& classInfo, BoundComparison& bound) {
     const auto isNamed = [&comparison](std::u16string_view name) {
         return CompareNames(comparison.property, name) == 0;
@@ -110,7 +111,7 @@ WmiStatus BindSystemProperty(const Comparison& comparison, const ClassInfo& clas
         return isNamed(u"__THIS") ? wmi_status::ok : wmi_status::invalidQuery;
     }
     if (isNamed(u"__CLASS")) return BindConstant(comparison, classInfo.name, bound);
-    if (isNamed(u"__DYNASTY")) return BindConstant(comparison, FirstAbove(classInfo), bound);
+    if (isNamed(u"__DYNASTY")) return BindConstant(comparison, TopmostClass(classInfo), bound);
     if (!isNamed(u"__SUPERCLASS")) return wmi_status::invalidQuery;
     const bool hasSuperclass = !classInfo.superclass.empty();
     return BindConstant(comparison, hasSuperclass ? CimValue(classInfo.superclass) : CimValue(), bound);
@@ -132,14 +133,14 @@ WmiStatus BindOperands(const std::vector<ConditionPtr>& operands, const ClassInf
     return status;
 }
 
-/// An object's row record and the property that was read last, as the next comparison is often with the same one.
+/// An object's row record, and the property that was read last: the next comparison is often with the same one.
 struct RowReader {
     const void* row = nullptr;
     const PropertyInfo* property = nullptr;
     CimValue value;
 };
 
-const CimValue& ValueOf(RowReader& reader, const PropertyInfo& property) {
+const CimValue& ReadProperty(RowReader& reader, const PropertyInfo& property) {
     if (reader.property != &property) {
         reader.value =
             property.read == nullptr ? CimValue() : BroughtTo(property.type, property.read(reader.row, property));
@@ -152,10 +153,11 @@ Truth Evaluate(const BoundCondition& condition, RowReader& reader);
 
 Truth Evaluate(const BoundComparison& comparison, RowReader& reader) {
     if (comparison.property == nullptr) return comparison.constant;
-    return Compare(comparison.property->type, ValueOf(reader, *comparison.property), comparison);
+    return Compare(comparison.property->type, ReadProperty(reader, *comparison.property), comparison);
 }
 
-/// An operand with the decisive truth decides; else one that is neither true nor false makes the whole so.
+/// An operand with the decisive truth decides. Without one, an operand that is neither true nor false makes the whole
+/// neither.
 Truth EvaluateOperands(const BoundCondition& condition, bool decisive, RowReader& reader) {
     Truth result = !decisive;
     for (const BoundCondition& operand : condition.operands) {

@@ -1,4 +1,4 @@
-// A WHERE condition bound to a class: properties looked up, literals brought to the properties' types.
+// A WHERE condition bound to a class: properties looked up, literals converted to the properties' types.
 //
 // A comparison with a property that is NULL is neither true nor false, and NOT does not change that; only IS NULL,
 // = NULL and their opposites see NULL. An object matches if the whole condition is true. Texts compare without regard
@@ -14,7 +14,7 @@
 
 namespace kv::wql {
 
-/// nullopt: neither true nor false.
+/// Null: neither true nor false.
 using Truth = std::optional<bool>;
 
 struct BoundComparison {
@@ -31,12 +31,14 @@ struct BoundCondition {
     std::vector<BoundCondition> operands;
 };
 
-/// Binds to a class. invalidQuery if the class lacks a property, or if a literal cannot be converted to the property's
-/// type: text that is not a number for a number (a number in quotes is), anything but a DMTF text for a datetime, LIKE
-/// on anything but text, and any comparison of an array except with NULL. For a boolean, a number is true unless it is
-/// 0, and the words TRUE and FALSE in quotes count, too. For text, a number is written as text. __CLASS compares
-/// with the class's name, __SUPERCLASS and __DYNASTY with those of its superclass and of the topmost one; ISA goes with
-/// __THIS alone. Other system properties are not compared.
+/// Binds a condition to a class. invalidQuery if the class lacks a property, or if the property cannot be compared with
+/// the literal:
+/// - A number takes numbers, in quotes or not. A boolean also takes TRUE and FALSE in quotes; a number is true unless
+/// it
+///   is 0. Text takes everything; a number is written as text. A datetime takes only a DMTF text, an array only NULL.
+/// - LIKE needs text, and ISA needs __THIS.
+/// - Of the system properties, __CLASS is the class's name, __SUPERCLASS its superclass's, and __DYNASTY that of the
+///   topmost class above it. Others cannot be compared.
 WmiStatus BindCondition(const Condition& condition, const ClassInfo& classInfo, BoundCondition& bound);
 
 /// Whether an object, given as its row record, matches.
@@ -48,15 +50,15 @@ bool CanMatch(const BoundCondition& condition);
 /// The needs of all properties in the condition.
 std::uint32_t NeedsOf(const BoundCondition& condition);
 
-/// The values that the condition leaves each property: for an equality its value; for AND those of either side; for OR
-/// those of both, if both restrict the property. Each property and each value is listed once; texts are as the query
-/// writes them, to be compared without regard to case. An empty list of values: nothing can match. Datetimes and NULL
-/// restrict nothing.
+/// The values that the condition leaves each property: for an equality its value; for AND those of the side with fewer;
+/// for OR those of both sides, if both restrict the property. Each property and each value is listed once; texts are as
+/// the query writes them, to be compared without regard to case. With an empty list of values nothing can match. NOT,
+/// datetimes and NULL restrict nothing.
 std::vector<Restriction> RestrictionsOf(const BoundCondition& condition);
 
-/// Whether a text matches a LIKE pattern, without regard to case: % stands for any characters, _ for one, [abc], [a-z]
-/// and [^abc] for one of a set. A ] that comes first in a set is part of it. A [ that is never closed stands for
-/// itself.
+/// Whether a text matches a LIKE pattern, without regard to case: % stands for any number of characters, _ for one,
+/// [abc], [a-z] and [^abc] for one of a set. A ] that comes first in a set is part of it. A [ that is never closed
+/// stands for itself.
 bool IsLike(std::u16string_view text, std::u16string_view pattern);
 
 }  // namespace kv::wql

@@ -14,7 +14,7 @@ namespace {
 using namespace std::chrono;
 using Moment = sys_time<microseconds>;
 
-/// A day inside the years of four digits at either end, so that local time is inside, too.
+/// A day inside the four-digit years at either end, so that local time has four digits, too.
 constexpr Moment earliest = sys_days(year(1) / 1 / 2);
 constexpr Moment latest = sys_days(year(9999) / 12 / 31) - microseconds(1);
 
@@ -28,14 +28,14 @@ bool HasForm(std::u16string_view text, std::u16string_view form) {
     });
 }
 
-/// The number of a text that is known to be digits.
+/// The number at a place of a text that is known to hold digits there.
 unsigned NumberAt(std::u16string_view text, std::size_t at, std::size_t count) {
     unsigned number = 0;
     for (const char16_t digit : text.substr(at, count)) number = number * 10 + (digit - u'0');
     return number;
 }
 
-/// Of local time from UTC, in whole minutes: historic offsets have seconds, which the text cannot hold.
+/// The offset of local time from UTC in whole minutes. Historic offsets have seconds, which the text cannot hold.
 minutes OffsetAt(Moment moment) {
     const std::time_t sinceEpoch = floor<seconds>(moment).time_since_epoch().count();
     std::tm local{};

@@ -12,7 +12,7 @@ bool IsBetween(char16_t unit, char16_t first, char16_t last) {
     return platform::UpperCaseOf(first) <= upper && upper <= platform::UpperCaseOf(last);
 }
 
-/// The text between the brackets, without the ^.
+/// Whether a character is in a set: the text between the brackets, without the ^.
 bool IsInSet(char16_t unit, std::u16string_view set) {
     while (!set.empty()) {
         const bool isRange = set.size() >= 3 && set[1] == u'-';
@@ -24,10 +24,10 @@ bool IsInSet(char16_t unit, std::u16string_view set) {
 
 struct Pattern {
     std::u16string_view text;
-    std::size_t lastBracket;  // where the last ] stands, or npos: no set can begin after it
+    std::size_t lastBracket;  // the place of the last ], after which no set can begin; npos if there is no ]
 };
 
-/// Where the ] of the set that begins at a place stands; npos if it is never closed.
+/// The place of the ] that closes the set beginning at a place; npos if it is never closed.
 std::size_t EndOfSet(const Pattern& pattern, std::size_t begin) {
     const std::size_t first = begin + (pattern.text.substr(begin + 1).starts_with(u'^') ? 3 : 2);
     const bool isClosed = pattern.lastBracket != pattern.text.npos && first <= pattern.lastBracket;
@@ -51,7 +51,8 @@ bool MatchesOne(char16_t unit, const Pattern& pattern, std::size_t& at) {
 
 }  // namespace
 
-// On a mismatch only the last % takes one more character: it has already tried whatever an earlier one could give up.
+// On a mismatch only the last % takes one more character. An earlier % need not try again: what it could leave to the
+// last one, that one has tried.
 bool IsLike(std::u16string_view text, std::u16string_view pattern) {
     const Pattern parts{pattern, pattern.rfind(u']')};
     std::size_t at = 0;

@@ -1,4 +1,4 @@
-// The operations of platform/wmi.h. There is no COM to initialise, and one namespace: ROOT\CIMV2 of this computer.
+// The operations of platform/wmi.h. There is no COM to initialise, and only one namespace: ROOT\CIMV2 of this computer.
 #include <algorithm>
 #include <chrono>
 #include <memory>
@@ -39,7 +39,7 @@ struct Object {
 using Thing = std::variant<Locator, Services, Enumerator, Object>;
 
 template <class Kind>
-WmiHandle HandleOf(Kind thing) {
+WmiHandle NewWmiHandle(Kind thing) {
     return reinterpret_cast<WmiHandle>(new Thing(std::move(thing)));
 }
 
@@ -49,8 +49,8 @@ Kind* ThingOf(WmiHandle handle) {
     return handle == 0 ? nullptr : std::get_if<Kind>(reinterpret_cast<Thing*>(handle));
 }
 
-/// The path of a namespace without the computer's name before it; nullopt if it names another computer. No resolver is
-/// asked, as it may not answer.
+/// The path of a namespace without the computer's name before it; absent if it names another computer. No resolver is
+/// asked, because it may not answer.
 std::optional<std::u16string_view> WithoutServer(std::u16string_view path) {
     if (!path.starts_with(u"\\\\")) return path;
     path.remove_prefix(2);
@@ -66,7 +66,7 @@ std::optional<std::u16string_view> WithoutServer(std::u16string_view path) {
 }
 
 WmiStatus CoCreateInstance(WmiHandle& locator) {
-    locator = HandleOf(Locator{});
+    locator = NewWmiHandle(Locator{});
     return wmi_status::ok;
 }
 
@@ -77,7 +77,7 @@ WmiStatus ConnectServer(WmiHandle locator, std::u16string_view nameSpace, WmiHan
     const std::optional<std::u16string_view> local = WithoutServer(path);
     if (!local) return wmi_status::serverUnavailable;
     if (CompareNames(*local, u"ROOT\\CIMV2") != 0) return wmi_status::invalidNamespace;
-    services = HandleOf(Services{});
+    services = NewWmiHandle(Services{});
     return wmi_status::ok;
 }
 
@@ -89,7 +89,7 @@ WmiStatus ExecQuery(WmiHandle services, std::u16string_view text, WmiHandle& enu
     Enumerator result;
     status = StartBoundedRun(
         query->className, queryLimit, [query](const ResultSink& sink) { return RunQuery(*query, sink); }, result.run);
-    if (!IsFailure(status)) enumerator = HandleOf(std::move(result));
+    if (!IsFailure(status)) enumerator = NewWmiHandle(std::move(result));
     return status;
 }
 
@@ -100,7 +100,7 @@ WmiStatus Next(WmiHandle handle, WmiHandle& object, std::uint32_t& count) {
     Object result;
     const WmiStatus status = NextObject(*enumerator->run, result.properties);
     if (status != wmi_status::ok) return status;
-    object = HandleOf(std::move(result));
+    object = NewWmiHandle(std::move(result));
     count = 1;
     return wmi_status::ok;
 }

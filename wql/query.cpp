@@ -95,7 +95,7 @@ WmiStatus PrepareQuery(std::u16string_view text, BoundQuery& query) {
 }
 
 WmiStatus RunQuery(const BoundQuery& query, const ResultSink& sink) {
-    tzset();  // the computer may have another time zone by now
+    tzset();  // the computer's time zone may have been changed
     for (const ClassQuery& part : query.parts) {
         const WmiStatus status = GatherClass(part, sink);
         if (IsFailure(status) || !sink.wantsMore()) return status;

@@ -1,7 +1,7 @@
-// A query bound to the classes it is about, and its run.
+// A query bound to the classes that it reads, and its run.
 //
-// A class without objects of its own stands for its subclasses, whose objects come with all their properties; names in
-// SELECT and WHERE are those of the class that the query names.
+// An abstract class stands for its subclasses, whose objects come with all their properties. Names in SELECT and WHERE
+// must be properties of the class that the query names.
 #pragma once
 
 #include <functional>
@@ -37,16 +37,17 @@ using ResultObject = std::vector<ResultProperty>;
 
 struct ResultSink {
     std::function<void(ResultObject object)> object;
-    std::function<bool()> wantsMore;               // false: nobody waits for more objects
+    std::function<bool()> wantsMore;               // false when nobody waits for more objects
     std::function<void(std::string text)> notice;  // UTF-8
 };
 
-/// Parses and binds. Fails as ParseWql and BindCondition do; invalidClass if there is no such class, invalidQuery for a
-/// property that it lacks. System properties (__CLASS and the like) may be named in SELECT; they are not among the
-/// results.
+/// Parses a query and binds it. Fails as ParseWql and BindCondition do, with invalidClass if there is no such class,
+/// and with invalidQuery for a property that the class lacks. SELECT may name system properties (__CLASS and the like),
+/// but the results do not have them.
 WmiStatus PrepareQuery(std::u16string_view text, BoundQuery& query);
 
-/// Gathers the objects that match. The first failure of a class's gather ends the run, after the objects so far.
+/// Gathers the objects that match, and stops when no more are wanted. The first failure of a class's gather ends the
+/// run, after the objects so far.
 WmiStatus RunQuery(const BoundQuery& query, const ResultSink& sink);
 
 }  // namespace kv::wql

@@ -11,7 +11,7 @@ namespace {
 
 using Restrictions = std::vector<Restriction>;
 
-Restriction* Find(Restrictions& restrictions, std::u16string_view property) {
+Restriction* FindRestriction(Restrictions& restrictions, std::u16string_view property) {
     const auto found = std::find_if(restrictions.begin(), restrictions.end(),
                                     [property](const Restriction& one) { return one.property == property; });
     return found == restrictions.end() ? nullptr : &*found;
@@ -41,7 +41,7 @@ Restrictions OfComparison(const BoundComparison& comparison) {
 /// For AND: if both sides restrict a property, the side with fewer values.
 void Narrow(Restrictions& restrictions, Restrictions others) {
     for (Restriction& other : others) {
-        Restriction* present = Find(restrictions, other.property);
+        Restriction* present = FindRestriction(restrictions, other.property);
         if (present == nullptr) {
             restrictions.push_back(std::move(other));
         } else if (other.values.size() < present->values.size()) {
@@ -54,7 +54,7 @@ void Narrow(Restrictions& restrictions, Restrictions others) {
 void Widen(Restrictions& restrictions, Restrictions others) {
     Restrictions both;
     for (Restriction& restriction : restrictions) {
-        Restriction* other = Find(others, restriction.property);
+        Restriction* other = FindRestriction(others, restriction.property);
         if (other == nullptr) continue;
         restriction.values.insert(restriction.values.end(), std::move_iterator(other->values.begin()),
                                   std::move_iterator(other->values.end()));

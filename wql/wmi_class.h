@@ -1,8 +1,8 @@
 // How a class is declared: a table with a row for each property, and one routine that gathers its objects.
 //
-// A class's gather reads the system and hands over one row record for each object. A property's read takes its value
-// from such a record, only if the query asks for it. Its needs name the parts of the record that it reads, so that
-// gather fills only those. Each class numbers its needs by itself.
+// A class's gather reads the system and hands over one row record for each object. A property's read takes the value
+// from such a record, and is called only if the query asks for the property. Its needs name the parts of the record
+// that it reads, so that gather fills only those. Each class numbers its own needs.
 #pragma once
 
 #include <cstdint>
@@ -35,7 +35,7 @@ struct PropertyInfo {
     CimValue (*read)(const void* row, const PropertyInfo& property) = nullptr;  // null: the value is always NULL
     std::size_t index = 0;                                                      // for classes whose rows are lists
 
-    /// A property that Linux has no value for: always NULL.
+    /// A property for which Linux has no value: always NULL.
     constexpr PropertyInfo(std::u16string_view propertyName, CimType propertyType)
         : name(propertyName), type(propertyType) {}
 
@@ -49,7 +49,7 @@ struct PropertyInfo {
     }
 };
 
-/// The values that WHERE leaves a property: an object with another value cannot match.
+/// The values that WHERE leaves a property. An object with another value cannot match.
 struct Restriction {
     std::u16string_view property;
     std::vector<CimValue> values;  // of the property's type
@@ -60,20 +60,21 @@ struct Gathering {
     std::uint32_t needs = 0;  // of all properties that the query asks for, in SELECT or in WHERE
     std::vector<Restriction> restrictions;
 
-    /// Takes one object; the record is read before this returns. False: no more objects are wanted.
+    /// Takes one object; the record is read before this returns. False when no more objects are wanted.
     std::function<bool(const void* row)> row;
 
-    /// Takes something for the log, UTF-8, such as a mount that was left out.
+    /// Takes a line for the log, UTF-8, such as that a mount was left out.
     std::function<void(std::string text)> notice;
 
     bool asksFor(std::uint32_t need) const { return (needs & need) != 0; }
 
-    /// The values that a property may have; null if it may have any. With these a class can read only the objects in
-    /// question. It need not: rows that do not match are dropped anyway.
+    /// The values that a property may have; null if it may have any. With them a class can read only the objects that
+    /// may match. It need not: other rows are dropped anyway.
     const std::vector<CimValue>* valuesOf(std::u16string_view property) const;
 };
 
-/// ok, also if there are no objects; a failure ends the query with that status, after the rows so far.
+/// ok, even if there are no objects. A failure ends the query with that status, after the rows so far. An exception
+/// ends it with wmi_status::failed and a notice.
 using GatherRoutine = WmiStatus (*)(const Gathering& gathering);
 
 struct ClassInfo {

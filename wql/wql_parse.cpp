@@ -71,7 +71,7 @@ bool ParseString(Parser& parser, Literal& literal) {
 struct OperatorSign {
     std::u16string_view sign;
     ComparisonOperator compare;
-    ComparisonOperator turned;  // with its two sides exchanged
+    ComparisonOperator turned;  // the same with its two sides swapped
 };
 
 constexpr OperatorSign operatorSigns[] = {

@@ -9,10 +9,10 @@
 //     operator   = "=" | "<>" | "!=" | "<" | ">" | "<=" | ">="
 //     literal    = string | number | TRUE | FALSE | NULL
 //
-// Keywords and names are read without regard to case. The keywords above cannot be names; a name begins with a letter
-// or an underscore, and digits may follow. A string stands in single or double quotes; a backslash in it escapes a
-// quote or a backslash, and nothing else may follow one. Numbers are those of NumberOfText (cim_value.h). NULL goes
-// with = and <> only. A zero character is an error anywhere.
+// Keywords and names are read without regard to case. The keywords above cannot be names. A name begins with a letter
+// or an underscore, and digits may follow; all characters beyond ASCII count as letters. A string stands in single or
+// double quotes; a backslash in it escapes a quote or a backslash, and nothing else may follow one. Numbers are those
+// of NumberOfText (cim_value.h). NULL can only be compared by =, <> and !=. A zero character is an error anywhere.
 #pragma once
 
 #include <cstdint>
@@ -34,8 +34,8 @@ using Literal = std::variant<NullLiteral, bool, std::int64_t, std::uint64_t, dou
 
 enum class ComparisonOperator { equal, notEqual, less, greater, lessOrEqual, greaterOrEqual, like, isA };
 
-/// IS NULL becomes "equal to NULL" and IS NOT NULL "notEqual to NULL"; a comparison with the literal on the left is
-/// turned around; NOT LIKE becomes a negation around a LIKE.
+/// IS NULL becomes "equal to NULL" and IS NOT NULL "not equal to NULL"; a comparison with the literal on the left is
+/// turned around; NOT LIKE becomes a negation of a LIKE.
 struct Comparison {
     std::u16string property;
     ComparisonOperator compare = ComparisonOperator::equal;
@@ -69,7 +69,7 @@ inline constexpr std::size_t maxQueryLength = 65536;
 inline constexpr int maxQueryDepth = 200;
 
 /// ok; invalidQuery for a text that is not a data query; notSupported for the other kinds of WQL (ASSOCIATORS OF,
-/// REFERENCES OF); quotaViolation beyond the bounds.
+/// REFERENCES OF); quotaViolation beyond the bounds. The query is complete only if the result is ok.
 WmiStatus ParseWql(std::u16string_view text, WqlQuery& query);
 
 }  // namespace kv::wql

@@ -27,7 +27,7 @@ TEST(ProcessorLoad, IsThatSinceASampleAtLeastASecondOld) {
     for (const auto& [title, at, stat, percent] : rows) {
         TimesByProcessor sample;
         for (const ProcessorTimes& times : ParseProcessorTimes(stat)) sample[times.number] = times;
-        const TimesByProcessor base = history.exchange(sample, std::chrono::steady_clock::time_point(at));
+        const TimesByProcessor base = history.Exchange(sample, std::chrono::steady_clock::time_point(at));
         EXPECT_EQ(BusyPercent(blocks, base, sample), percent) << title;
     }
 }

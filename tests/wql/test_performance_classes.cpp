@@ -125,7 +125,7 @@ WmiStatus ReadFakes(const Gathering&, PerfSampling& sampling) {
         PerfObject object;
         object.name = object.key = fake.key;
         object.generation = fake.generation;
-        sampling.add(std::move(object), &fake, fake.seconds * second);
+        sampling.Add(std::move(object), &fake, fake.seconds * second);
     }
     return wmi_status::ok;
 }

@@ -1,38 +1,12 @@
-// The classes that have no objects of their own. A class has its superclass's properties and a few more; only these few
-// stand here, and the whole table of a class is put together at compile time.
-#include <algorithm>
-#include <array>
-#include <utility>
-
+// The abstract classes: their objects are those of their subclasses. Each table extends that of the superclass.
 #include "wql/class_tree.h"
+#include "wql/classes/extended_table.h"
 
 namespace kv::wql {
 
 namespace {
 
 using enum CimType;
-
-constexpr char16_t UpperCaseLetter(char16_t letter) {
-    return letter >= u'a' && letter <= u'z' ? static_cast<char16_t>(letter - u'a' + u'A') : letter;
-}
-
-constexpr bool StandsBefore(const PropertyInfo& left, const PropertyInfo& right) {
-    return std::ranges::lexicographical_compare(left.name, right.name, {}, UpperCaseLetter, UpperCaseLetter);
-}
-
-/// A table to fill in: a property cannot be made without a name.
-template <std::size_t... At>
-consteval auto BlankTable(std::index_sequence<At...>) {
-    return std::array{(static_cast<void>(At), PropertyInfo(u"", string))...};
-}
-
-/// A superclass's table and a class's own properties, both in order of name, as one table.
-template <std::size_t Inherited, std::size_t Own>
-consteval auto Extend(const std::array<PropertyInfo, Inherited>& inherited, const PropertyInfo (&own)[Own]) {
-    auto table = BlankTable(std::make_index_sequence<Inherited + Own>());
-    std::ranges::merge(inherited, own, table.begin(), StandsBefore);
-    return table;
-}
 
 // clang-format off
 constexpr auto managedSystemElement = std::to_array<PropertyInfo>({

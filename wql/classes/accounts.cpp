@@ -1,3 +1,4 @@
+// Win32_UserAccount and Win32_Group: the local users and groups.
 #include <chrono>
 #include <fmt/format.h>
 
@@ -20,7 +21,7 @@ struct Need {
 struct UserRow {
     facts::UserEntry user;
     std::u16string host;
-    std::optional<facts::PasswordEntry> password;  // nullopt: shadow may not be read, or has no line for this user
+    std::optional<facts::PasswordEntry> password;  // null if shadow may not be read, or has no line for this user
     std::int64_t today = 0;                        // days since 1970
 };
 
@@ -40,7 +41,7 @@ std::optional<bool> FactOf(const UserRow& row, bool facts::PasswordEntry::*fact)
     return row.password ? std::optional((*row.password).*fact) : std::nullopt;
 }
 
-/// The name with the computer's in front.
+/// A name with the computer's name before it.
 std::u16string FullNameOf(const std::u16string& host, const std::string& name) {
     return host + u"\\" + platform::WideFromUtf8(name);
 }
@@ -58,11 +59,11 @@ constexpr PropertyInfo userProperties[] = {
     {u"FullName", string, 0, "of GECOS", [](const UserRow& row) { return row.user.fullName; }},
     {u"InstallDate", datetime},
     {u"LocalAccount", boolean, 0, "all that are read", [](const UserRow&) { return true; }},
-    {u"Lockout", boolean, Need::password, "its password was put out of use", [](const UserRow& row) { return FactOf(row, &facts::PasswordEntry::isLocked); }},
+    {u"Lockout", boolean, Need::password, "its password was disabled", [](const UserRow& row) { return FactOf(row, &facts::PasswordEntry::isLocked); }},
     {u"Name", string, 0, "as the file has it", [](const UserRow& row) { return row.user.name; }},
     {u"PasswordChangeable", boolean, Need::password, "by its owner", [](const UserRow& row) { return FactOf(row, &facts::PasswordEntry::mayBeChanged); }},
-    {u"PasswordExpires", boolean, Need::password, "there is a greatest age", [](const UserRow& row) { return FactOf(row, &facts::PasswordEntry::expires); }},
-    {u"PasswordRequired", boolean, Need::password, "the field is not empty", [](const UserRow& row) { return FactOf(row, &facts::PasswordEntry::isRequired); }},
+    {u"PasswordExpires", boolean, Need::password, "it has a maximum age", [](const UserRow& row) { return FactOf(row, &facts::PasswordEntry::expires); }},
+    {u"PasswordRequired", boolean, Need::password, "the password field is not empty", [](const UserRow& row) { return FactOf(row, &facts::PasswordEntry::isRequired); }},
     {u"SID", string, 0, "S-1-22-1 and the user's number", [](const UserRow& row) { return fmt::format("S-1-22-1-{}", row.user.id); }},
     {u"SIDType", uint8, 0, "1: a user", [](const UserRow&) { return 1; }},
     {u"Status", string, Need::password, "Degraded when disabled", [](const UserRow& row) { return StatusOf(row); }},

@@ -53,9 +53,9 @@ struct Row {
     std::optional<std::string> family;
     std::optional<std::string> stockNumber;
     std::uint64_t chassis = 0;
-    facts::SmbiosStructure system;     // empty if the firmware tells nothing
-    facts::SmbiosStructure enclosure;  // the same
-    facts::SmbiosStructure security;   // the same
+    facts::SmbiosStructure system;  // this and the next two are empty if the firmware does not have them
+    facts::SmbiosStructure enclosure;
+    facts::SmbiosStructure security;
     std::size_t processors = 0;
     std::size_t sockets = 0;
     bool hasHypervisor = false;
@@ -66,7 +66,7 @@ struct Row {
     facts::CalendarTime time;
 };
 
-/// Two bits of the settings of passwords and buttons, 3 if unknown; nullopt if the firmware has no settings.
+/// Two bits of the firmware's settings for passwords and buttons, 3 if unknown; absent if it has no such settings.
 std::optional<std::uint8_t> SettingAt(const Row& row, unsigned shift) {
     constexpr std::uint8_t twoBits = 3;
     if (row.security.formatted.empty()) return std::nullopt;
@@ -97,7 +97,7 @@ constexpr auto hostIn = [](const Row& row) { return row.host; };
 
 // clang-format off
 constexpr PropertyInfo properties[] = {
-    {u"AdminPasswordStatus", uint16, Need::firmware, "0 disabled, 1 enabled, 2 not there, 3 unknown", [](const Row& row) { return SettingAt(row, 2); }},
+    {u"AdminPasswordStatus", uint16, Need::firmware, "0 disabled, 1 enabled, 2 absent, 3 unknown", [](const Row& row) { return SettingAt(row, 2); }},
     {u"AutomaticManagedPagefile", boolean},
     {u"AutomaticResetBootOption", boolean},
     {u"AutomaticResetCapability", boolean},
@@ -115,8 +115,8 @@ constexpr PropertyInfo properties[] = {
     {u"Description", string, Need::machine, "as SystemType", [](const Row& row) { return facts::SystemTypeOf(row.machine); }},
     {u"DNSHostName", string, Need::host, "as Name", hostIn},
     {u"Domain", string, Need::domain, "of the host name, else of /etc/hosts", [](const Row& row) { return facts::KnownText(row.domain); }},
-    {u"DomainRole", uint16, Need::role | Need::membership, "0 workstation, 2 server, 1 more in a domain", [](const Row& row) { return DomainRoleOf(row); }},
-    {u"EnableDaylightSavingsTime", boolean, 0, "as the time zone says, always", [](const Row&) { return true; }},
+    {u"DomainRole", uint16, Need::role | Need::membership, "0 workstation, 2 server; 1 more in a domain", [](const Row& row) { return DomainRoleOf(row); }},
+    {u"EnableDaylightSavingsTime", boolean, 0, "always, as the time zone says", [](const Row&) { return true; }},
     {u"FrontPanelResetStatus", uint16, Need::firmware, "as AdminPasswordStatus", [](const Row& row) { return SettingAt(row, 0); }},
     {u"HypervisorPresent", boolean, Need::hypervisor, "this is a virtual machine", [](const Row& row) { return row.hasHypervisor; }},
     {u"InfraredSupported", boolean},
@@ -164,8 +164,8 @@ constexpr PropertyInfo properties[] = {
 };
 // clang-format on
 
-/// Whether the processor says that it is virtual, or the system that it runs under another. The firmware's name decides
-/// only if processors do not say.
+/// Whether the processor says that it is virtual, or the kernel that it runs as a guest. The firmware's name decides
+/// only if the processors do not say.
 bool HasHypervisor(const std::vector<facts::CpuBlock>& processors) {
     const std::optional<bool> flag = processors.empty() ? std::nullopt : processors.front().hasFlag("hypervisor");
     if (flag.value_or(false)) return true;
@@ -183,7 +183,7 @@ void ReadProcessorParts(const Gathering& gathering, Row& row) {
     if (gathering.asksFor(Need::hypervisor)) row.hasHypervisor = HasHypervisor(processors);
 }
 
-/// The parts refer to the table, which must outlive them.
+/// The parts refer to the table, which must outlive the row.
 void ReadFirmwareParts(std::string_view table, Row& row) {
     constexpr std::uint8_t systemType = 1;
     constexpr std::uint8_t enclosureType = 3;
@@ -195,10 +195,10 @@ void ReadFirmwareParts(std::string_view table, Row& row) {
 }
 
 void ReadNames(const Gathering& gathering, Row& row) {
-    constexpr const char* keysOfRealm = "/etc/krb5.keytab";  // what joining a domain leaves behind
+    constexpr const char* domainKeys = "/etc/krb5.keytab";  // written when the computer joins a domain
     if (gathering.asksFor(Need::host)) row.host = facts::HostName();
     if (gathering.asksFor(Need::domain)) row.domain = facts::DomainName();
-    if (gathering.asksFor(Need::membership)) row.isMember = access(keysOfRealm, F_OK) == 0;
+    if (gathering.asksFor(Need::membership)) row.isMember = access(domainKeys, F_OK) == 0;
     if (gathering.asksFor(Need::role)) row.isWorkstation = facts::IsWorkstation();
     if (gathering.asksFor(Need::machine)) row.machine = facts::MachineName();
 }

@@ -1,4 +1,4 @@
-// Win32_DiskDrive: the disks that stand for hardware, from /sys/block.
+// Win32_DiskDrive: the hardware disks, from /sys/block.
 #include <algorithm>
 #include <array>
 #include <filesystem>
@@ -90,19 +90,19 @@ constexpr PropertyInfo properties[] = {
     {u"ErrorCleared", boolean},
     {u"ErrorDescription", string},
     {u"ErrorMethodology", string},
-    {u"FirmwareRevision", string, Need::firmware, "of the disk, where it tells", [](const Row& row) { return facts::KnownText(row.firmware); }},
-    {u"Index", uint32, 0, "from 0 on, in the order of the names", [](const Row& row) { return row.index; }},
+    {u"FirmwareRevision", string, Need::firmware, "of the disk, if it tells", [](const Row& row) { return facts::KnownText(row.firmware); }},
+    {u"Index", uint32, 0, "from 0, in the order of the names", [](const Row& row) { return row.index; }},
     {u"InstallDate", datetime},
     {u"InterfaceType", string, Need::place, "USB, IDE for ATA, SCSI for all others", [](const Row& row) { return InterfaceTypeOf(row); }},
     {u"LastErrorCode", uint32},
-    {u"Manufacturer", string, Need::identity, "of the disk, where it tells", [](const Row& row) { return facts::KnownText(row.vendor); }},
+    {u"Manufacturer", string, Need::identity, "of the disk, if it tells", [](const Row& row) { return facts::KnownText(row.vendor); }},
     {u"MaxBlockSize", uint64},
     {u"MaxMediaSize", uint64},
     {u"MediaLoaded", boolean, Need::size, "whether it has a size", [](const Row& row) { return row.size.value_or(0) != 0; }},
     {u"MediaType", string, Need::place | Need::removable, "fixed, removable, or external: fixed on USB",
         [](const Row& row) { return MediaTypeOf(row); }},
     {u"MinBlockSize", uint64},
-    {u"Model", string, Need::identity, "of the disk, where it tells; those of virtual machines often do not",
+    {u"Model", string, Need::identity, "of the disk, if it tells; a virtual machine's often does not",
         [](const Row& row) { return facts::KnownText(row.model); }},
     {u"Name", string, 0, "such as /dev/sda", devicePathIn},
     {u"NeedsCleaning", boolean},
@@ -116,10 +116,10 @@ constexpr PropertyInfo properties[] = {
     {u"SCSIPort", uint16, Need::place, "host of SCSI and ATA disks", [](const Row& row) { return ScsiIn(row, 0); }},
     {u"SCSITargetId", uint16, Need::place, "target of SCSI and ATA disks", [](const Row& row) { return ScsiIn(row, 2); }},
     {u"SectorsPerTrack", uint32},
-    {u"SerialNumber", string, Need::serial, "of the disk, where it tells", [](const Row& row) { return facts::KnownText(row.serial); }},
+    {u"SerialNumber", string, Need::serial, "of the disk, if it tells", [](const Row& row) { return facts::KnownText(row.serial); }},
     {u"Signature", uint32},
     {u"Size", uint64, Need::size, "bytes", [](const Row& row) { return row.size; }},
-    {u"Status", string, Need::state, "OK, or Error for one that its driver has given up",
+    {u"Status", string, Need::state, "OK, or Error if its driver has given it up",
         [](const Row& row) { return row.works ? u"OK" : u"Error"; }},
     {u"StatusInfo", uint16},
     {u"SystemCreationClassName", string, 0, "the computer's class", [](const Row&) { return u"Win32_ComputerSystem"; }},
@@ -132,6 +132,7 @@ constexpr PropertyInfo properties[] = {
 };
 // clang-format on
 
+/// The text of the first of these files that has one; empty if none has.
 std::string FirstLineOf(const std::string& folder, std::initializer_list<const char*> files) {
     for (const char* file : files) {
         if (const std::optional<std::string> line = facts::ReadSystemLine(folder + file)) return *line;
@@ -139,13 +140,13 @@ std::string FirstLineOf(const std::string& folder, std::initializer_list<const c
     return {};
 }
 
-/// On some buses a vendor is only a number, and behind a translation to SCSI only "ATA".
+/// Empty for what does not name a vendor: on some buses it is only a number, and for an ATA disk behind SCSI "ATA".
 std::string VendorIn(const std::string& folder) {
     const std::string vendor = FirstLineOf(folder, {"/device/vendor"});
     return vendor.starts_with("0x") || vendor == "ATA" ? std::string() : vendor;
 }
 
-/// The serial number, from a file of its own or else from the SCSI page for it, after four bytes.
+/// The serial number, from its file or else from the SCSI page for it, after the page's header.
 std::string SerialIn(const std::string& folder) {
     constexpr std::size_t pageHeader = 4;
     std::string serial = FirstLineOf(folder, {"/serial", "/device/serial"});
@@ -187,7 +188,7 @@ std::optional<std::array<std::uint32_t, 4>> ScsiAddressIn(std::string_view place
     return rest.empty() ? std::optional(address) : std::nullopt;
 }
 
-/// Only the drivers of some buses tell a state.
+/// Whether the disk's driver still uses it. Drivers that do not tell a state count as working.
 bool Works(const std::string& folder) {
     const std::string state = FirstLineOf(folder, {"/device/state"});
     return state.empty() || state == "running" || state == "live";

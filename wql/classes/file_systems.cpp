@@ -11,6 +11,7 @@
 #include "facts/system_text.h"
 #include "facts/volume_facts.h"
 #include "wql/class_tree.h"
+#include "wql/classes/extended_table.h"
 
 namespace kv::wql {
 
@@ -25,7 +26,7 @@ struct Need {
 struct Row {
     facts::DiskSpace disk;
     facts::DriveType kind = facts::DriveType::fixed;
-    std::optional<std::string> label;  // empty: it has no label; nullopt: not known
+    std::optional<std::string> label;  // empty if it has no label, null if that is not known
     std::optional<std::uint32_t> serial;
     bool holdsBootFolder = false;
     std::u16string host;
@@ -60,7 +61,7 @@ std::u16string_view DescriptionOf(facts::DriveType kind) {
     }
 }
 
-/// By its number in Windows.
+/// The kind of medium by its number in Windows.
 std::uint32_t MediaTypeOf(facts::DriveType kind) {
     constexpr std::uint32_t unknown = 0;
     constexpr std::uint32_t removable = 11;
@@ -96,19 +97,19 @@ constexpr auto labelIn = [](const Row& row) { return row.label; };
 constexpr auto hostIn = [](const Row& row) { return row.host; };
 
 // clang-format off
-constexpr PropertyInfo logicalDiskProperties[] = {
+/// The properties that both classes have alike.
+constexpr auto sharedProperties = std::to_array<PropertyInfo>({
     {u"Access", uint16, 0, "1 mounted read-only, 3 for reading and writing", accessIn},
     {u"Availability", uint16},
     {u"BlockSize", uint64, Need::space, "bytes, f_frsize of statvfs", blockSizeIn},
     {u"Caption", string, 0, "the mount point", mountPointIn},
-    {u"Compressed", boolean, 0, "TRUE for the images that are compressed as a whole",
+    {u"Compressed", boolean, 0, "TRUE for images that are compressed as a whole",
         [](const Row& row) { return IsCompressedWhole(row); }},
     {u"ConfigManagerErrorCode", uint32},
     {u"ConfigManagerUserConfig", boolean},
-    {u"CreationClassName", string, 0, "this class", [](const Row&) { return u"Win32_LogicalDisk"; }},
     {u"Description", string, Need::kind, "DriveType in words", [](const Row& row) { return DescriptionOf(row.kind); }},
     {u"DeviceID", string, 0, "the mount point", mountPointIn},
-    {u"DriveType", uint32, Need::kind, "2 removable, 3 fixed, 4 network or the host of a guest, 5 read-only by its nature, 6 memory",
+    {u"DriveType", uint32, Need::kind, "2 removable, 3 fixed, 4 network or the host of this virtual machine, 5 read-only by nature, 6 memory",
         kindIn},
     {u"ErrorCleared", boolean},
     {u"ErrorDescription", string},
@@ -117,89 +118,60 @@ constexpr PropertyInfo logicalDiskProperties[] = {
     {u"FreeSpace", uint64, Need::space, "bytes that ordinary users may use, f_bavail of statvfs", freeIn},
     {u"InstallDate", datetime},
     {u"LastErrorCode", uint32},
-    {u"MaximumComponentLength", uint32, Need::space, "bytes of a file's name, f_namemax of statvfs", longestNameIn},
-    {u"MediaType", uint32, Need::kind, "12 fixed, 11 removable or read-only by its nature, 0 other",
-        [](const Row& row) { return MediaTypeOf(row.kind); }},
     {u"Name", string, 0, "the mount point", mountPointIn},
-    {u"NumberOfBlocks", uint64, Need::space, "Size in blocks of BlockSize", blocksIn},
     {u"PNPDeviceID", string},
     {u"PowerManagementCapabilities", ArrayOf(uint16)},
     {u"PowerManagementSupported", boolean},
-    {u"ProviderName", string, Need::kind, "what is mounted, such as server:/path; of network drives only",
-        [](const Row& row) { return row.kind == facts::DriveType::network ? CimValue(row.mount().source) : CimValue(); }},
     {u"Purpose", string},
-    {u"QuotasDisabled", boolean},
     {u"QuotasIncomplete", boolean},
     {u"QuotasRebuilding", boolean},
-    {u"Size", uint64, Need::space, "bytes, used and free ones and the superuser's reserve, f_blocks of statvfs", sizeIn},
-    {u"Status", string, 0, "OK, as it is mounted", [](const Row&) { return u"OK"; }},
+    {u"Status", string, 0, "always OK, because it is mounted", [](const Row&) { return u"OK"; }},
     {u"StatusInfo", uint16},
     {u"SupportsDiskQuotas", boolean},
     {u"SupportsFileBasedCompression", boolean, 0, "whether the file system can compress single files",
         [](const Row& row) { return CompressesFiles(row); }},
     {u"SystemCreationClassName", string, 0, "the computer's class", [](const Row&) { return u"Win32_ComputerSystem"; }},
     {u"SystemName", string, Need::host, "the computer's name", hostIn},
-    {u"VolumeDirty", boolean},
-    {u"VolumeName", string, Need::label, "the label, from /dev/disk/by-label; empty without one", labelIn},
-    {u"VolumeSerialNumber", string, Need::serial, "the last 8 digits of the UUID, of /dev/disk/by-uuid",
-        [](const Row& row) { return SerialTextOf(row); }},
-};
+});
 
-constexpr PropertyInfo volumeProperties[] = {
-    {u"Access", uint16, 0, "1 mounted read-only, 3 for reading and writing", accessIn},
+constexpr auto logicalDiskProperties = Extend(sharedProperties, {
+    {u"CreationClassName", string, 0, "this class", [](const Row&) { return u"Win32_LogicalDisk"; }},
+    {u"MaximumComponentLength", uint32, Need::space, "bytes of a file's name, f_namemax of statvfs", longestNameIn},
+    {u"MediaType", uint32, Need::kind, "12 fixed, 11 removable or read-only by nature, 0 other",
+        [](const Row& row) { return MediaTypeOf(row.kind); }},
+    {u"NumberOfBlocks", uint64, Need::space, "Size in blocks of BlockSize", blocksIn},
+    {u"ProviderName", string, Need::kind, "what is mounted, such as server:/path; only for network drives",
+        [](const Row& row) { return row.kind == facts::DriveType::network ? CimValue(row.mount().source) : CimValue(); }},
+    {u"QuotasDisabled", boolean},
+    {u"Size", uint64, Need::space, "bytes, including the superuser's reserve, f_blocks of statvfs", sizeIn},
+    {u"VolumeDirty", boolean},
+    {u"VolumeName", string, Need::label, "the label, from /dev/disk/by-label; empty if it has none", labelIn},
+    {u"VolumeSerialNumber", string, Need::serial, "the last 8 digits of the UUID, from /dev/disk/by-uuid",
+        [](const Row& row) { return SerialTextOf(row); }},
+});
+
+constexpr auto volumeProperties = Extend(sharedProperties, {
     {u"Automount", boolean},
-    {u"Availability", uint16},
-    {u"BlockSize", uint64, Need::space, "bytes, f_frsize of statvfs", blockSizeIn},
-    {u"BootVolume", boolean, 0, "whether it is the root, where the operating system lies",
+    {u"BootVolume", boolean, 0, "whether it is the root, where the operating system is",
         [](const Row& row) { return row.mount().mountPoint == "/"; }},
-    {u"Capacity", uint64, Need::space, "bytes, used and free ones and the superuser's reserve, f_blocks of statvfs", sizeIn},
-    {u"Caption", string, 0, "the mount point", mountPointIn},
-    {u"Compressed", boolean, 0, "TRUE for the images that are compressed as a whole",
-        [](const Row& row) { return IsCompressedWhole(row); }},
-    {u"ConfigManagerErrorCode", uint32},
-    {u"ConfigManagerUserConfig", boolean},
+    {u"Capacity", uint64, Need::space, "bytes, including the superuser's reserve, f_blocks of statvfs", sizeIn},
     {u"CreationClassName", string, 0, "this class", [](const Row&) { return u"Win32_Volume"; }},
-    {u"Description", string, Need::kind, "DriveType in words", [](const Row& row) { return DescriptionOf(row.kind); }},
-    {u"DeviceID", string, 0, "the mount point", mountPointIn},
     {u"DirtyBitSet", boolean},
     {u"DriveLetter", string, 0, "the mount point", mountPointIn},
-    {u"DriveType", uint32, Need::kind, "2 removable, 3 fixed, 4 network or the host of a guest, 5 read-only by its nature, 6 memory",
-        kindIn},
-    {u"ErrorCleared", boolean},
-    {u"ErrorDescription", string},
-    {u"ErrorMethodology", string},
-    {u"FileSystem", string, 0, "such as ext4", fileSystemIn},
-    {u"FreeSpace", uint64, Need::space, "bytes that ordinary users may use, f_bavail of statvfs", freeIn},
     {u"IndexingEnabled", boolean},
-    {u"InstallDate", datetime},
-    {u"Label", string, Need::label, "from /dev/disk/by-label; empty without one", labelIn},
-    {u"LastErrorCode", uint32},
+    {u"Label", string, Need::label, "from /dev/disk/by-label; empty if it has none", labelIn},
     {u"MaximumFileNameLength", uint32, Need::space, "bytes, f_namemax of statvfs", longestNameIn},
-    {u"Name", string, 0, "the mount point", mountPointIn},
     {u"NumberOfBlocks", uint64, Need::space, "Capacity in blocks of BlockSize", blocksIn},
     {u"PageFilePresent", boolean},
-    {u"PNPDeviceID", string},
-    {u"PowerManagementCapabilities", ArrayOf(uint16)},
-    {u"PowerManagementSupported", boolean},
-    {u"Purpose", string},
     {u"QuotasEnabled", boolean},
-    {u"QuotasIncomplete", boolean},
-    {u"QuotasRebuilding", boolean},
-    {u"SerialNumber", uint32, Need::serial, "the last 32 bits of the UUID, of /dev/disk/by-uuid",
+    {u"SerialNumber", uint32, Need::serial, "the last 32 bits of the UUID, from /dev/disk/by-uuid",
         [](const Row& row) { return row.serial; }},
-    {u"Status", string, 0, "OK, as it is mounted", [](const Row&) { return u"OK"; }},
-    {u"StatusInfo", uint16},
-    {u"SupportsDiskQuotas", boolean},
-    {u"SupportsFileBasedCompression", boolean, 0, "whether the file system can compress single files",
-        [](const Row& row) { return CompressesFiles(row); }},
-    {u"SystemCreationClassName", string, 0, "the computer's class", [](const Row&) { return u"Win32_ComputerSystem"; }},
-    {u"SystemName", string, Need::host, "the computer's name", hostIn},
-    {u"SystemVolume", boolean, 0, "whether it holds /boot, where the kernel is loaded from",
+    {u"SystemVolume", boolean, 0, "whether it holds /boot, from which the kernel is loaded",
         [](const Row& row) { return row.holdsBootFolder; }},
-};
+});
 // clang-format on
 
-/// Whether WHERE leaves a property the value. It does if it does not restrict the property.
+/// Whether WHERE lets a property have a value, as it does if it does not restrict the property.
 template <class Value>
 bool Allows(const Gathering& gathering, std::u16string_view property, const Value& value,
             bool (*matches)(const CimValue&, const Value&)) {
@@ -218,7 +190,7 @@ bool IsNumber(const CimValue& wanted, const std::int64_t& value) {
     return number == nullptr || *number == value;
 }
 
-/// What is known of a mount without asking its file system.
+/// What is known about a mount without asking its file system.
 struct MountFacts {
     std::string blockDevice;
     facts::DriveType kind = facts::DriveType::fixed;
@@ -240,14 +212,14 @@ bool CanMatch(const Gathering& gathering, const facts::Mount& mount) {
     return hasName && Allows(gathering, u"FileSystem", platform::WideFromUtf8(mount.fileSystem), IsText);
 }
 
-/// The disks of one query while they are picked.
+/// The disks that one query looked at, and facts about those that it wants.
 struct Selection {
     std::vector<facts::Mount> all;
-    std::map<int, MountFacts> factsOf;  // of the wanted disks, by the mount's id
+    std::map<int, MountFacts> factsOf;  // the wanted disks, by the mount's id
 };
 
-/// Whether a disk can match, by what is known without asking its file system: a mount that does not answer then costs
-/// no time in a query for others.
+/// Whether a disk can match, by what is known without asking its file system, so that a mount that does not answer
+/// costs no time in a query for others.
 bool IsWanted(const Gathering& gathering, const facts::Mount& mount, Selection& selection) {
     selection.all.push_back(mount);
     if (!CanMatch(gathering, mount)) return false;
@@ -270,7 +242,8 @@ Names ReadNames(const Gathering& gathering) {
     return names;
 }
 
-std::optional<std::string> NameOf(const std::string& blockDevice, const std::optional<facts::NamesByDevice>& names) {
+/// A device's name of one kind; empty if it has no such name, absent if that is not known.
+std::optional<std::string> DiskName(const std::string& blockDevice, const std::optional<facts::NamesByDevice>& names) {
     if (!names || blockDevice.empty()) return std::nullopt;
     const auto found = names->find(blockDevice);
     return found != names->end() ? found->second : std::string();
@@ -279,8 +252,8 @@ std::optional<std::string> NameOf(const std::string& blockDevice, const std::opt
 void FillRow(const MountFacts& facts, const Names& names, Row& row) {
     row.host = names.host;
     row.kind = facts.kind;
-    row.label = NameOf(facts.blockDevice, names.labels);
-    row.serial = facts::SerialNumberOf(NameOf(facts.blockDevice, names.uuids).value_or(std::string()));
+    row.label = DiskName(facts.blockDevice, names.labels);
+    row.serial = facts::SerialNumberOf(DiskName(facts.blockDevice, names.uuids).value_or(std::string()));
 }
 
 WmiStatus GatherDisks(const Gathering& gathering) {

@@ -1,5 +1,5 @@
-// Win32_ComputerSystemProduct and Win32_BIOS, from what the firmware tells. Without that, as on some virtual machines,
-// they have no objects.
+// Win32_ComputerSystemProduct and Win32_BIOS, from what the firmware tells. If it tells nothing, as on some virtual
+// machines, they have no objects.
 #include "facts/computer_facts.h"
 #include "facts/product.h"
 #include "facts/smbios.h"
@@ -42,7 +42,7 @@ struct BiosRow {
     std::optional<facts::VersionPair> release;
     std::optional<facts::VersionPair> controllerRelease;
     std::optional<facts::VersionPair> smbiosVersion;
-    facts::SmbiosStructure languages;  // empty if the firmware tells nothing
+    facts::SmbiosStructure languages;  // empty if the firmware does not have it
 };
 
 std::optional<std::u16string> ReleaseDateOf(const BiosRow& row) {
@@ -62,12 +62,12 @@ constexpr auto biosVersion = [](const BiosRow& row) { return row.version; };
 
 // clang-format off
 constexpr PropertyInfo productProperties[] = {
-    {u"Caption", string, 0, "of all", productCaption},
-    {u"Description", string, 0, "of all", productCaption},
-    {u"IdentifyingNumber", string, Need::serial, "serial number; for the superuser only", [](const ProductRow& row) { return row.serialNumber; }},
+    {u"Caption", string, 0, "the same for all computers", productCaption},
+    {u"Description", string, 0, "the same for all computers", productCaption},
+    {u"IdentifyingNumber", string, Need::serial, "serial number; only for the superuser", [](const ProductRow& row) { return row.serialNumber; }},
     {u"Name", string, 0, "model", [](const ProductRow& row) { return row.model; }},
     {u"SKUNumber", string, Need::stockNumber, "product_sku", [](const ProductRow& row) { return row.stockNumber; }},
-    {u"UUID", string, Need::uuid, "for the superuser only", [](const ProductRow& row) { return row.uuid; }},
+    {u"UUID", string, Need::uuid, "only for the superuser", [](const ProductRow& row) { return row.uuid; }},
     {u"Vendor", string, 0, "sys_vendor, or the device tree's", [](const ProductRow& row) { return row.vendor; }},
     {u"Version", string, Need::version, "product_version", [](const ProductRow& row) { return row.version; }},
 };
@@ -92,11 +92,11 @@ constexpr PropertyInfo biosProperties[] = {
     {u"OtherTargetOS", string},
     {u"PrimaryBIOS", boolean, 0, "the computer's own", [](const BiosRow&) { return true; }},
     {u"ReleaseDate", datetime, Need::maker, "bios_date", [](const BiosRow& row) { return ReleaseDateOf(row); }},
-    {u"SerialNumber", string, Need::serial, "the computer's; for the superuser only", [](const BiosRow& row) { return row.serialNumber; }},
+    {u"SerialNumber", string, Need::serial, "the computer's; only for the superuser", [](const BiosRow& row) { return row.serialNumber; }},
     {u"SMBIOSBIOSVersion", string, 0, "as Version", biosVersion},
     {u"SMBIOSMajorVersion", uint16, Need::smbiosVersion, "of smbios_entry_point", [](const BiosRow& row) { return MajorOf(row.smbiosVersion); }},
     {u"SMBIOSMinorVersion", uint16, Need::smbiosVersion, "of smbios_entry_point", [](const BiosRow& row) { return MinorOf(row.smbiosVersion); }},
-    {u"SMBIOSPresent", boolean, 0, "not where there is a device tree instead", [](const BiosRow& row) { return row.version.has_value(); }},
+    {u"SMBIOSPresent", boolean, 0, "not if there is a device tree instead", [](const BiosRow& row) { return row.version.has_value(); }},
     {u"SoftwareElementID", string, 0, "as Version", biosVersion},
     {u"SoftwareElementState", uint16, 0, "3: running", [](const BiosRow&) { return 3; }},
     {u"Status", string, 0, "it runs", [](const BiosRow&) { return u"OK"; }},

@@ -1,5 +1,5 @@
-// Win32_NetworkAdapter and Win32_NetworkAdapterConfiguration: the network interfaces except loopback, which Windows
-// does not count as an adapter either.
+// Win32_NetworkAdapter and Win32_NetworkAdapterConfiguration: the network interfaces except loopback, which is not an
+// adapter on Windows either.
 #include <algorithm>
 #include <net/if_arp.h>
 
@@ -47,7 +47,7 @@ struct Row {
     std::optional<std::uint64_t> mtu;    // bytes
     std::size_t addresses = 0;
     std::size_t gateways = 0;
-    std::optional<std::uint32_t> leaseSeconds;  // that an IPv4 address is still valid; nullopt if it stays
+    std::optional<std::uint32_t> leaseSeconds;  // for which an IPv4 address is still valid; null if forever
     const Surroundings* surroundings = nullptr;
 
     bool usesIp() const { return interface.isUp && addresses != 0; }
@@ -86,7 +86,7 @@ CimValue AdapterTypeIdOf(const Row& row) {
     return kind != nullptr ? CimValue(kind->number) : CimValue();
 }
 
-// By their numbers in Windows.
+// States of a connection, by their numbers in Windows.
 constexpr std::uint16_t connected = 2;
 
 std::uint16_t ConnectionStatusOf(const Row& row) {
@@ -96,7 +96,7 @@ std::uint16_t ConnectionStatusOf(const Row& row) {
     return row.hasConnection ? connected : mediaDisconnected;
 }
 
-/// An array, or NULL if it would be empty.
+/// An array; NULL if it would be empty.
 CimValue ArrayOrNull(std::size_t count) { return count != 0 ? CimValue(CimArray{count}) : CimValue(); }
 
 /// One resolver serves all interfaces with IP.
@@ -109,8 +109,8 @@ CimValue DomainIn(const Row& row) {
 
 CimValue LeaseEndIn(const Row& row) {
     if (!row.leaseSeconds) return {};
-    constexpr std::int64_t microsecondsOfSecond = 1'000'000;
-    return DmtfTime(facts::MicrosecondsNow() + *row.leaseSeconds * microsecondsOfSecond);
+    constexpr std::int64_t microsecondsPerSecond = 1'000'000;
+    return DmtfTime(facts::MicrosecondsNow() + *row.leaseSeconds * microsecondsPerSecond);
 }
 
 constexpr auto productIn = [](const Row& row) { return ProductOf(row); };
@@ -134,10 +134,10 @@ constexpr PropertyInfo adapterProperties[] = {
     {u"DeviceID", string, 0, "as Index", [](const Row& row) { return std::to_string(row.interface.index); }},
     {u"ErrorCleared", boolean},
     {u"ErrorDescription", string},
-    {u"GUID", string, 0, "the interface, such as eth0, by which its configuration's SettingID names it", nameIn},
-    {u"Index", uint32, 0, "the kernel's number of the interface", indexIn},
+    {u"GUID", string, 0, "the interface, such as eth0; the same as SettingID of its configuration", nameIn},
+    {u"Index", uint32, 0, "the kernel's number for the interface", indexIn},
     {u"InstallDate", datetime},
-    {u"Installed", boolean, 0, "TRUE, as it is there", [](const Row&) { return true; }},
+    {u"Installed", boolean, 0, "always TRUE", [](const Row&) { return true; }},
     {u"InterfaceIndex", uint32, 0, "as Index", indexIn},
     {u"LastErrorCode", uint32},
     {u"MACAddress", string, Need::macAddress, "of Ethernet, such as 00:1A:2B:3C:4D:5E", macAddressIn},
@@ -151,15 +151,15 @@ constexpr PropertyInfo adapterProperties[] = {
     {u"NetEnabled", boolean, Need::connection, "whether it is connected", [](const Row& row) { return ConnectionStatusOf(row) == connected; }},
     {u"NetworkAddresses", ArrayOf(string)},
     {u"PermanentAddress", string},
-    {u"PhysicalAdapter", boolean, Need::device, "whether there is hardware behind it, a real one or a virtual machine's",
+    {u"PhysicalAdapter", boolean, Need::device, "whether there is hardware behind it, real or a virtual machine's",
         [](const Row& row) { return !row.device.place.empty(); }},
     {u"PNPDeviceID", string, Need::device, "the hardware's path below /sys/devices", [](const Row& row) { return facts::KnownText(row.device.place); }},
     {u"PowerManagementCapabilities", ArrayOf(uint16)},
     {u"PowerManagementSupported", boolean},
     {u"ProductName", string, Need::device, "as Description", productIn},
     {u"ServiceName", string, Need::device, "the driver", driverIn},
-    {u"Speed", uint64, Need::speed, "bits per second, where the driver tells it", [](const Row& row) { return row.speed; }},
-    {u"Status", string, 0, "OK, as it is there", [](const Row&) { return u"OK"; }},
+    {u"Speed", uint64, Need::speed, "bits per second, if the driver tells", [](const Row& row) { return row.speed; }},
+    {u"Status", string, 0, "always OK", [](const Row&) { return u"OK"; }},
     {u"StatusInfo", uint16, 0, "3 switched on, 4 off", [](const Row& row) { return row.interface.isUp ? 3 : 4; }},
     {u"SystemCreationClassName", string, 0, "the computer's class", [](const Row&) { return u"Win32_ComputerSystem"; }},
     {u"SystemName", string, Need::host, "the computer's name", [](const Row& row) { return row.surroundings->host; }},
@@ -182,14 +182,14 @@ constexpr PropertyInfo configurationProperties[] = {
     {u"DHCPLeaseExpires", datetime, Need::addresses, "when that address is no longer valid", [](const Row& row) { return LeaseEndIn(row); }},
     {u"DHCPLeaseObtained", datetime},
     {u"DHCPServer", string},
-    {u"DNSDomain", string, Need::addresses | Need::resolver, "the first domain of resolv.conf, where IPEnabled",
+    {u"DNSDomain", string, Need::addresses | Need::resolver, "the first domain of resolv.conf, if IPEnabled",
         [](const Row& row) { return DomainIn(row); }},
-    {u"DNSDomainSuffixSearchOrder", ArrayOf(string), Need::addresses | Need::resolver, "domains of resolv.conf, where IPEnabled",
+    {u"DNSDomainSuffixSearchOrder", ArrayOf(string), Need::addresses | Need::resolver, "domains of resolv.conf, if IPEnabled",
         [](const Row& row) { return ResolverArray(row, row.surroundings->resolver.domains.size()); }},
     {u"DNSEnabledForWINSResolution", boolean},
-    {u"DNSHostName", string, Need::addresses | Need::host, "the computer's name, where IPEnabled",
+    {u"DNSHostName", string, Need::addresses | Need::host, "the computer's name, if IPEnabled",
         [](const Row& row) { return row.usesIp() ? CimValue(row.surroundings->host) : CimValue(); }},
-    {u"DNSServerSearchOrder", ArrayOf(string), Need::addresses | Need::resolver, "name servers of resolv.conf, where IPEnabled",
+    {u"DNSServerSearchOrder", ArrayOf(string), Need::addresses | Need::resolver, "name servers of resolv.conf, if IPEnabled",
         [](const Row& row) { return ResolverArray(row, row.surroundings->resolver.servers); }},
     {u"DomainDNSRegistrationEnabled", boolean},
     {u"ForwardBufferMemory", uint32},
@@ -197,7 +197,7 @@ constexpr PropertyInfo configurationProperties[] = {
     {u"GatewayCostMetric", ArrayOf(uint16), Need::gateways, "one for each of DefaultIPGateway",
         [](const Row& row) { return ArrayOrNull(row.gateways); }},
     {u"IGMPLevel", uint8},
-    {u"Index", uint32, 0, "the kernel's number of the interface", indexIn},
+    {u"Index", uint32, 0, "the kernel's number for the interface", indexIn},
     {u"InterfaceIndex", uint32, 0, "as Index", indexIn},
     {u"IPAddress", ArrayOf(string), Need::addresses, "IPv4 and IPv6", [](const Row& row) { return ArrayOrNull(row.addresses); }},
     {u"IPConnectionMetric", uint32},
@@ -223,7 +223,7 @@ constexpr PropertyInfo configurationProperties[] = {
     {u"PMTUBHDetectEnabled", boolean},
     {u"PMTUDiscoveryEnabled", boolean},
     {u"ServiceName", string, Need::device, "the driver", driverIn},
-    {u"SettingID", string, 0, "the interface, such as eth0; as GUID of the adapter", nameIn},
+    {u"SettingID", string, 0, "the interface, such as eth0; the same as GUID of the adapter", nameIn},
     {u"TcpipNetbiosOptions", uint32},
     {u"TcpMaxConnectRetransmissions", uint32},
     {u"TcpMaxDataRetransmissions", uint32},

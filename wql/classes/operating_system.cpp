@@ -60,15 +60,15 @@ struct Row {
     bool isWorkstation = false;
 };
 
-constexpr std::int64_t microsecondsOfSecond = 1'000'000;
-constexpr std::int64_t microsecondsOfMillisecond = 1000;
+constexpr std::int64_t microsecondsPerSecond = 1'000'000;
+constexpr std::int64_t microsecondsPerMillisecond = 1000;
 
 std::optional<std::string> ManufacturerOf(const Row& row) {
     const std::optional<std::string> vendor = facts::AssignedValue(row.release, "VENDOR_NAME");
     return vendor ? vendor : facts::AssignedValue(row.release, "NAME");
 }
 
-/// "35" of "#35~22.04.1-Ubuntu SMP PREEMPT_DYNAMIC ...".
+/// "35" from "#35~22.04.1-Ubuntu SMP PREEMPT_DYNAMIC ...".
 std::optional<std::string> BuildNumberOf(std::string_view version) {
     if (!version.starts_with('#')) return std::nullopt;
     const std::string_view number = version.substr(1, version.find_first_not_of("0123456789", 1) - 1);
@@ -86,7 +86,7 @@ constexpr auto rootIn = [](const Row&) { return u"/"; };
 // clang-format off
 constexpr PropertyInfo properties[] = {
     {u"BootDevice", string},
-    {u"BuildNumber", string, Need::kernel, "of the kernel, as its builder counts", [](const Row& row) { return BuildNumberOf(row.kernel.version); }},
+    {u"BuildNumber", string, Need::kernel, "of the kernel, as its builder counts them", [](const Row& row) { return BuildNumberOf(row.kernel.version); }},
     {u"BuildType", string},
     {u"Caption", string, Need::release | Need::kernel, "PRETTY_NAME of os-release", captionIn},
     {u"CodeSet", string, Need::locale, "code page of the system's locale, \"65001\" for UTF-8",
@@ -103,7 +103,7 @@ constexpr PropertyInfo properties[] = {
     {u"DataExecutionPrevention_SupportPolicy", uint8},
     {u"Debug", boolean},
     {u"Description", string, Need::prettyName, "PRETTY_HOSTNAME of machine-info", [](const Row& row) { return row.prettyName.value_or(""); }},
-    {u"Distributed", boolean, 0, "one computer only", [](const Row&) { return false; }},
+    {u"Distributed", boolean, 0, "always one computer", [](const Row&) { return false; }},
     {u"EncryptionLevel", uint32},
     {u"ForegroundApplicationBoost", uint8},
     {u"FreePhysicalMemory", uint64, Need::memory, "KB that programs can still get without swapping", [](const Row& row) { return facts::AvailableMemory(row.memory); }},
@@ -111,9 +111,9 @@ constexpr PropertyInfo properties[] = {
     {u"FreeVirtualMemory", uint64, Need::memory, "KB, FreePhysicalMemory and free swap",
         [](const Row& row) { return SumOf(facts::AvailableMemory(row.memory), facts::MemoryFigure(row.memory, "SwapFree")); }},
     {u"InstallDate", datetime, Need::installation, "birth of the root file system, else the time of machine-id",
-        [](const Row& row) { return row.installation ? CimValue(DmtfTime(*row.installation * microsecondsOfSecond)) : CimValue(); }},
+        [](const Row& row) { return row.installation ? CimValue(DmtfTime(*row.installation * microsecondsPerSecond)) : CimValue(); }},
     {u"LargeSystemCache", uint32},
-    {u"LastBootUpTime", datetime, Need::start, "start of the kernel", [](const Row& row) { return DmtfTime(row.start * microsecondsOfMillisecond); }},
+    {u"LastBootUpTime", datetime, Need::start, "start of the kernel", [](const Row& row) { return DmtfTime(row.start * microsecondsPerMillisecond); }},
     {u"LocalDateTime", datetime, Need::time, "now", [](const Row& row) { return DmtfTime(row.now); }},
     {u"Locale", string, Need::locale, "Windows' number of the locale in hexadecimal; 007F for \"C\"",
         [](const Row& row) { const auto number = facts::LanguageNumberOf(row.locale); return number ? CimValue(fmt::format("{:04x}", *number)) : CimValue(); }},
@@ -122,7 +122,7 @@ constexpr PropertyInfo properties[] = {
     {u"MaxProcessMemorySize", uint64},
     {u"MUILanguages", ArrayOf(string)},
     {u"Name", string, Need::release | Need::kernel, "as Caption", captionIn},
-    {u"NumberOfLicensedUsers", uint32, 0, "0: without a limit", [](const Row&) { return 0; }},
+    {u"NumberOfLicensedUsers", uint32, 0, "0: no limit", [](const Row&) { return 0; }},
     {u"NumberOfProcesses", uint32, Need::processes, "directories of /proc", [](const Row& row) { return row.processes; }},
     {u"NumberOfUsers", uint32, Need::sessions, "sessions of utmp or the login manager", [](const Row& row) { return row.sessions; }},
     {u"OperatingSystemSKU", uint32},
@@ -136,12 +136,12 @@ constexpr PropertyInfo properties[] = {
     {u"PlusProductID", string},
     {u"PlusVersionNumber", string},
     {u"PortableOperatingSystem", boolean},
-    {u"Primary", boolean, 0, "this is the one that runs", [](const Row&) { return true; }},
+    {u"Primary", boolean, 0, "it is the one that runs", [](const Row&) { return true; }},
     {u"ProductType", uint32, Need::role, "1 with a display manager, else 3, server", [](const Row& row) { return row.isWorkstation ? 1 : 3; }},
     {u"RegisteredUser", string},
-    {u"SerialNumber", string, Need::identity, "made of machine-id, which is not to be shown itself", [](const Row& row) { return row.identity; }},
-    {u"ServicePackMajorVersion", uint16, 0, "none", [](const Row&) { return 0; }},
-    {u"ServicePackMinorVersion", uint16, 0, "none", [](const Row&) { return 0; }},
+    {u"SerialNumber", string, Need::identity, "made from machine-id, which must not be shown itself", [](const Row& row) { return row.identity; }},
+    {u"ServicePackMajorVersion", uint16, 0, "0: no service pack", [](const Row&) { return 0; }},
+    {u"ServicePackMinorVersion", uint16, 0, "0: no service pack", [](const Row&) { return 0; }},
     {u"SizeStoredInPagingFiles", uint64, Need::memory, "KB, SwapTotal", swapSizeIn},
     {u"Status", string, 0, "it runs", [](const Row&) { return u"OK"; }},
     {u"SuiteMask", uint32},
@@ -157,7 +157,7 @@ constexpr PropertyInfo properties[] = {
 };
 // clang-format on
 
-/// When a file was created, in seconds since 1970; nullopt if the file system does not record it.
+/// When a file was created, in seconds since 1970; absent if the file system does not record it.
 std::optional<std::int64_t> ReadBirth(const char* path) {
     struct statx facts {};
     const bool isKnown = statx(AT_FDCWD, path, 0, STATX_BTIME, &facts) == 0 && (facts.stx_mask & STATX_BTIME) != 0;
@@ -171,10 +171,10 @@ std::optional<std::int64_t> ReadChange(const char* path) {
 
 std::optional<std::int64_t> ReadInstallation() {
     const std::optional<std::int64_t> birth = ReadBirth("/");
-    return birth ? birth : ReadChange("/etc/machine-id");  // which the first start has written
+    return birth ? birth : ReadChange("/etc/machine-id");  // written at the first start
 }
 
-/// A number of this installation alone, from which its machine-id cannot be computed.
+/// A number that identifies this installation, from which its machine-id cannot be computed.
 std::optional<std::string> ReadIdentity() {
     constexpr sd_id128_t purpose = {
         {0x5c, 0x0e, 0x1d, 0xa6, 0x61, 0x3f, 0x4a, 0x52, 0x9b, 0x7e, 0x40, 0xc8, 0xd4, 0x5b, 0x91, 0x23}};

@@ -15,7 +15,7 @@ namespace {
 
 using enum CimType;
 
-/// The agent's epoch, 1970, on the clock of Windows, which begins in 1601.
+/// 1970 on the clock of Windows, which begins in 1601.
 constexpr std::uint64_t unixEpoch = 116'444'736'000'000'000;
 
 constexpr double wholePercent = 100;
@@ -24,14 +24,14 @@ bool IsAverage(CounterKind kind) {
     return kind == CounterKind::fraction || kind == CounterKind::averageTime || kind == CounterKind::averageAmount;
 }
 
-/// Whether a percentage is one of something that all objects have alike.
+/// Whether a percentage is one of a time that is the same for all objects.
 bool IsPercentOfTime(CounterKind kind) {
     return kind == CounterKind::percentOfTime || kind == CounterKind::percentOfTimestamp ||
            kind == CounterKind::percentOfTimeLeft || kind == CounterKind::percentOfTimestampLeft ||
            kind == CounterKind::percentOfOperations;
 }
 
-/// Whether raw percentages are to be divided by the growth of the wall clock.
+/// Whether readers of the raw class divide the counter's growth by that of the wall clock.
 bool HasTimestamp(CounterKind kind) {
     return kind == CounterKind::percentOfTimestamp || kind == CounterKind::percentOfTimestampLeft ||
            kind == CounterKind::percentOfOperations;
@@ -52,16 +52,16 @@ std::uint64_t GrowthOf(std::uint64_t before, std::uint64_t now, std::uint64_t pe
     return now >= before || period == 0 ? now - before : period - (before - now) % period;
 }
 
-/// Where the growth of a counter begins.
+/// The state from which a counter's growth is measured.
 CounterState StartOf(CounterKind kind, const CounterState* before, const CounterState& now, std::uint64_t birth,
                      std::uint64_t period) {
     if (before != nullptr && before->base <= now.base) {
         const bool hasGrown = before->value <= now.value || GrowthOf(before->value, now.value, period) < period / 2;
         if (hasGrown) return *before;
-        const bool isStill = IsPercentOfTime(kind) && before->value - now.value <= unitsOfSecond;
+        const bool isStill = IsPercentOfTime(kind) && before->value - now.value <= unitsPerSecond;
         if (isStill) return {before->time, now.value, before->base};
     }
-    return {std::min(birth, now.time - std::min(now.time, unitsOfSecond))};
+    return {std::min(birth, now.time - std::min(now.time, unitsPerSecond))};
 }
 
 }  // namespace
@@ -74,7 +74,7 @@ Quotient QuotientBetween(CounterKind kind, const CounterState* before, const Cou
     const double baseGrowth = Difference(now.base, start.base);
     switch (kind) {
         case CounterKind::rate:
-            return {growth * unitsOfSecond, time};
+            return {growth * unitsPerSecond, time};
         case CounterKind::percentOfTime:
             return {growth * wholePercent, baseGrowth};
         case CounterKind::percentOfTimeLeft:
@@ -88,13 +88,13 @@ Quotient QuotientBetween(CounterKind kind, const CounterState* before, const Cou
         case CounterKind::fraction:
             return {static_cast<double>(now.value) * wholePercent, static_cast<double>(now.base)};
         case CounterKind::averageTime:
-            return {growth / unitsOfSecond, baseGrowth};
+            return {growth / unitsPerSecond, baseGrowth};
         case CounterKind::averageAmount:
             return {growth, baseGrowth};
         case CounterKind::queueLength:
             return {growth, time};
         case CounterKind::elapsedTime:
-            return {Difference(std::max(now.time, now.value), now.value), unitsOfSecond};
+            return {Difference(std::max(now.time, now.value), now.value), unitsPerSecond};
         default:
             return {static_cast<double>(now.value), 1};
     }
@@ -131,7 +131,7 @@ namespace {
 
 bool Covers(const Readings& readings, std::uint32_t needs) { return (needs & ~readings.needs) == 0; }
 
-/// Whether one of the bases is newer and holds all that a sample does.
+/// Whether one of the bases is newer than a sample and holds all that the sample does.
 bool IsOutdone(const Readings& sample, const std::vector<ReadingsPtr>& bases) {
     return std::any_of(bases.begin(), bases.end(), [&](const ReadingsPtr& base) {
         return base->time > sample.time && Covers(*base, sample.needs);
@@ -144,7 +144,7 @@ std::vector<ReadingsPtr> TakeBases(std::vector<ReadingsPtr>& samples, const Read
     std::vector<ReadingsPtr> bases;
     bool isNeeded = true;
     for (auto at = samples.rbegin(); at != samples.rend(); ++at) {
-        const bool isOldEnough = (*at)->time + unitsOfSecond <= newest->time;
+        const bool isOldEnough = (*at)->time + unitsPerSecond <= newest->time;
         if (isOldEnough) bases.push_back(*at);
         if (!isOldEnough && Covers(**at, newest->needs)) isNeeded = false;
     }
@@ -158,7 +158,7 @@ std::vector<ReadingsPtr> TakeBases(std::vector<ReadingsPtr>& samples, const Read
     return bases;
 }
 
-void PerfSampling::add(PerfObject object, const void* row, std::uint64_t time) {
+void PerfSampling::Add(PerfObject object, const void* row, std::uint64_t time) {
     const auto readings = std::make_shared<Readings>();
     readings->time = time;
     readings->needs = needs;
@@ -176,7 +176,7 @@ void PerfSampling::add(PerfObject object, const void* row, std::uint64_t time) {
     added.now = readings;
 }
 
-void PerfHistory::exchange(PerfSampling& sampling) {
+void PerfHistory::Exchange(PerfSampling& sampling) {
     const std::lock_guard lock(mutex);
     std::unordered_set<std::string_view> keys;
     for (PerfRow& row : sampling.rows) {
@@ -191,11 +191,11 @@ void PerfHistory::exchange(PerfSampling& sampling) {
 }
 
 std::uint64_t TimeSinceStart() {
-    constexpr std::uint64_t nanosecondsOfUnit = 100;
+    constexpr std::uint64_t nanosecondsPerUnit = 100;
     timespec time{};
     clock_gettime(CLOCK_BOOTTIME, &time);
-    return static_cast<std::uint64_t>(time.tv_sec) * unitsOfSecond +
-           static_cast<std::uint64_t>(time.tv_nsec) / nanosecondsOfUnit;
+    return static_cast<std::uint64_t>(time.tv_sec) * unitsPerSecond +
+           static_cast<std::uint64_t>(time.tv_nsec) / nanosecondsPerUnit;
 }
 
 namespace {
@@ -215,7 +215,7 @@ std::optional<Quotient> QuotientIn(const PerfRow& row, std::size_t counter) {
     return QuotientBetween(info.kind, before ? &*before : nullptr, *now, row.object.birth, info.period);
 }
 
-/// Rounded, and clamped to the type.
+/// A figure, rounded and clamped to the type.
 CimValue WholeFigure(CimType type, double figure) {
     constexpr std::uint64_t most = UINT64_MAX;
     const std::uint64_t limit = type == uint32 ? UINT32_MAX : most;
@@ -237,7 +237,7 @@ CimValue ReadFigure(const void* record, const PropertyInfo& property) {
     return WholeFigure(property.type, figure);
 }
 
-/// A counter of one object as it stands.
+/// A counter of one object as the raw class gives it.
 std::optional<CounterState> RawStateOf(const Readings& readings, std::size_t counter, CounterKind kind) {
     std::optional<CounterState> state = readings.stateOf(counter);
     if (state && kind == CounterKind::percentOfTimestampLeft)
@@ -245,7 +245,7 @@ std::optional<CounterState> RawStateOf(const Readings& readings, std::size_t cou
     return state;
 }
 
-/// The same; of all objects the sum, or for percentages of time the mean.
+/// The same for any row. For _Total it is the sum over all objects, or the mean for percentages of time.
 std::optional<CounterState> RawStateIn(const PerfRow& row, std::size_t counter) {
     const CounterKind kind = row.sampling->perfClass.counters[counter].kind;
     if (!row.isTotal) return RawStateOf(*row.now, counter, kind);
@@ -282,7 +282,7 @@ CimValue ReadRawBase(const void* record, const PropertyInfo& property) {
 }
 
 CimValue ReadName(const void* record, const PropertyInfo&) { return PerfRowAt(record).object.name; }
-CimValue ReadFrequency(const void*, const PropertyInfo&) { return unitsOfSecond; }
+CimValue ReadFrequency(const void*, const PropertyInfo&) { return unitsPerSecond; }
 CimValue ReadTimeSinceStart(const void* record, const PropertyInfo&) { return PerfRowAt(record).now->time; }
 CimValue ReadWallTime(const void* record, const PropertyInfo&) { return WallTimeOf(PerfRowAt(record)); }
 
@@ -297,7 +297,7 @@ void AddProperty(std::vector<PropertyInfo>& table, std::u16string_view name, Cim
     property.index = index;
 }
 
-/// The inherited properties. Only the raw class tells times, as figures are made from them.
+/// Adds the inherited properties. Only the raw class tells times, because figures are made from them.
 void AddInherited(std::vector<PropertyInfo>& table, const PerfClass& perfClass, bool isRaw) {
     table.emplace_back(u"Caption", string);
     table.emplace_back(u"Description", string);
@@ -329,7 +329,7 @@ void AddCounter(std::vector<PropertyInfo>& table, std::u16string_view name, CimT
 
 namespace detail {
 
-std::span<const PropertyInfo> PerfDeclaration::addTable(const PerfClass& perfClass, bool isRaw) {
+std::span<const PropertyInfo> PerfDeclaration::AddTable(const PerfClass& perfClass, bool isRaw) {
     std::vector<PropertyInfo>& table = tables.emplace_back();
     AddInherited(table, perfClass, isRaw);
     for (std::size_t index = 0; index < perfClass.counters.size(); ++index) {
@@ -346,12 +346,12 @@ std::span<const PropertyInfo> PerfDeclaration::addTable(const PerfClass& perfCla
     return table;
 }
 
-void PerfDeclaration::add(const PerfClass& perfClass, GatherRoutine raw, GatherRoutine formatted) {
+void PerfDeclaration::Add(const PerfClass& perfClass, GatherRoutine raw, GatherRoutine formatted) {
     for (const bool isRaw : {true, false}) {
         const std::u16string_view superclass = isRaw ? u"Win32_PerfRawData" : u"Win32_PerfFormattedData";
         names.push_back(std::u16string(superclass) + u'_' + std::u16string(perfClass.name));
         const std::u16string& name = names.back();
-        classes.push_back({name, superclass, addTable(perfClass, isRaw), isRaw ? raw : formatted});
+        classes.push_back({name, superclass, AddTable(perfClass, isRaw), isRaw ? raw : formatted});
     }
 }
 
@@ -359,10 +359,10 @@ WmiStatus GatherPerformance(const PerfClass& perfClass, PerfHistory* history, co
     PerfSampling sampling(perfClass);
     sampling.needs = gathering.needs;
     sampling.systemStart =
-        unixEpoch + static_cast<std::uint64_t>(facts::SystemStartMilliseconds()) * unitsOfMillisecond;
+        unixEpoch + static_cast<std::uint64_t>(facts::SystemStartMilliseconds()) * unitsPerMillisecond;
     const WmiStatus status = perfClass.read(gathering, sampling);
     if (IsFailure(status)) return status;
-    if (history != nullptr) history->exchange(sampling);
+    if (history != nullptr) history->Exchange(sampling);
     for (const PerfRow& row : sampling.rows) {
         if (!gathering.row(&row)) return status;
     }

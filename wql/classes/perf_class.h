@@ -1,14 +1,14 @@
-// Performance classes. One table of counters gives two classes: Win32_PerfRawData_<name> with the counters as they
-// stand, and Win32_PerfFormattedData_<name> with what they come to over the time since an earlier sample.
+// Performance classes. One table of counters makes two classes: Win32_PerfRawData_<name> with the counters as they are,
+// and Win32_PerfFormattedData_<name> with figures computed from their growth since an earlier sample.
 //
-// A class keeps its own samples. Each query of the formatted class takes one; the newest that is at least a second
-// older is the base of its figures. A shorter time tells nothing, so a query within a second of the last sample keeps
-// no sample, unless it reads what the last one did not. Without a base (the first query, a new object, a counter that
-// went back) the figure is that since the object began: at the system's start, or the process's. Samples of objects
-// that a query asks for and does not find are dropped.
+// Each class keeps its own samples. Each query of the formatted class takes one; the newest that is at least a second
+// older is the base of its figures. A shorter time says nothing, so a query within a second of the last sample keeps no
+// sample, unless it reads what the last one did not. Without a base (the first query, a new object, a counter that went
+// back) the figure covers the time since the object began, at the start of the system or of the process. Samples of
+// objects that a query asks for and does not find are dropped.
 //
-// Some of the kernel's counters wrap at 32 bits. Between two samples that is made up for; since the system's start it
-// is not, nor in the raw class.
+// Some of the kernel's counters wrap at 32 bits. Growth between two samples takes that into account. Figures since the
+// system's start and the raw class cannot.
 //
 // The figures of _Total come from those of the objects, not from a sum of counters, which would jump whenever a disk
 // appears or a process ends.
@@ -33,8 +33,8 @@
 namespace kv::wql {
 
 /// Times are in units of 100 ns.
-inline constexpr std::uint64_t unitsOfSecond = 10'000'000;
-inline constexpr std::uint64_t unitsOfMillisecond = 10'000;
+inline constexpr std::uint64_t unitsPerSecond = 10'000'000;
+inline constexpr std::uint64_t unitsPerMillisecond = 10'000;
 
 /// What a counter holds, and how its formatted figure is made.
 enum class CounterKind {
@@ -45,13 +45,13 @@ enum class CounterKind {
     percentOfTimeLeft,       // what percentOfTime leaves of 100
     percentOfTimestamp,      // growth, a time, in percent of the time gone by, at most 100
     percentOfTimestampLeft,  // what percentOfTimestamp leaves of 100; in the raw class the time that is left
-    percentOfOperations,     // as percentOfTimestamp, of the times of all that waited added up; may exceed 100
+    percentOfOperations,     // as percentOfTimestamp, for the sum of all operations' times, so it may exceed 100
     percentOfProcessors,     // growth, a time, in percent of the time gone by, at most 100 for each processor
-    fraction,                // percent that the value is of the base
+    fraction,                // the value in percent of the base
     averageTime,             // growth, a time in seconds, divided by the base's growth
     averageAmount,           // growth divided by the base's growth
-    queueLength,             // growth, the times of all that waited added up, divided by the time gone by
-    elapsedTime,             // the value is a moment since the system's start; seconds since. NULL in _Total
+    queueLength,             // growth, the sum of all operations' times, divided by the time gone by
+    elapsedTime,             // seconds since the value, a moment since the system's start; NULL in _Total
 };
 
 using CounterRead = std::optional<std::uint64_t> (*)(const void* row);
@@ -61,18 +61,18 @@ struct CounterInfo {
     std::u16string_view name;
     CimType type = CimType::uint64;  // in both classes
     CounterKind kind = CounterKind::value;
-    std::uint32_t needs = 0;      // as those of a property
+    std::uint32_t needs = 0;      // like those of a property
     std::string_view meaning;     // unit and source; empty if Linux has no such value
     CounterRead value = nullptr;  // null: always NULL
-    CounterRead base = nullptr;   // for percentages of a base's time, fraction and averages; of these <name>_Base
-    std::uint64_t period = 0;     // where the value wraps to 0; 0: never
+    CounterRead base = nullptr;   // for percentages of a base's growth, fractions and averages
+    std::uint64_t period = 0;     // the number at which the value wraps to 0; 0 if it never does
 
-    /// A counter that Linux has no value for. Its kind tells whether it has a base.
+    /// A counter for which Linux has no value. Its kind tells whether it has a base.
     constexpr CounterInfo(std::u16string_view counterName, CimType counterType,
                           CounterKind counterKind = CounterKind::value)
         : name(counterName), type(counterType), kind(counterKind) {}
 
-    /// A counter whose value, and base where its kind has one, stateless routines take from the row record.
+    /// A counter whose value, and base if its kind has one, stateless routines take from the row record.
     template <class Read, class ReadBase = std::nullptr_t>
     constexpr CounterInfo(std::u16string_view counterName, CimType counterType, CounterKind counterKind,
                           std::uint32_t needed, std::string_view whatItMeans, Read read, ReadBase readBase = {},
@@ -103,21 +103,21 @@ struct CounterState {
     std::uint64_t base = 0;
 };
 
-/// A figure as an amount and what it is divided by, so that averages can be added up to the average of all.
+/// A figure as an amount and its divisor, so that the average of all objects can be made from their averages.
 struct Quotient {
     double amount = 0;
     double per = 0;
 };
 
-/// What happened between two moments. Without an earlier one, or if value or base went back, what happened since the
-/// birth (a moment since the system's start), counted as at least a second. Times that go back a little, as the
-/// kernel's idle times do, count as unchanged. A value that wrapped at its period has grown, by less than half of the
-/// period.
+/// What happened between two moments. Without an earlier moment, or if the value or the base went back, what happened
+/// since the birth (a moment since the system's start), taken as at least a second. A time that went back a little, as
+/// the kernel's idle times do, counts as unchanged. A value that went back by more than half of its period has wrapped,
+/// and so has grown.
 Quotient QuotientBetween(CounterKind kind, const CounterState* before, const CounterState& now, std::uint64_t birth,
                          std::uint64_t period = 0);
 
-/// The figure of one object; 0 if there is nothing to divide by. Percentages of time are at most 100, or 100 for each
-/// processor.
+/// The figure of one object; 0 if there is nothing to divide by. Percentages of time are at most 100, those of
+/// processors at most 100 for each; those of operations have no limit.
 double FigureOf(CounterKind kind, const Quotient& quotient, unsigned processors);
 
 /// The figure of all objects together: the sum; for percentages of time, except of processors, the mean; for fractions
@@ -133,26 +133,26 @@ struct Readings {
 
     static constexpr std::uint64_t unread = UINT64_MAX;
 
-    /// Nullopt if it was not asked for, or could not be read.
+    /// A counter's state; absent if it was not asked for, or could not be read.
     std::optional<CounterState> stateOf(std::size_t counter) const;
 };
 using ReadingsPtr = std::shared_ptr<const Readings>;
 
-/// The samples that can be the base of figures at the moment of the new one, newest first. The new one is added; those
-/// that no later query can need are dropped.
+/// The samples that can be the base of the newest one's figures, newest first. Adds the newest to the samples, unless
+/// one of the last second holds as much, and drops those that no later query can need.
 std::vector<ReadingsPtr> TakeBases(std::vector<ReadingsPtr>& samples, const ReadingsPtr& newest);
 
 /// An object that has counters.
 struct PerfObject {
     std::string name;              // UTF-8
-    std::string key;               // tells the objects of the class apart
-    std::uint64_t generation = 0;  // tells apart objects that have the same key one after the other
-    std::uint64_t birth = 0;       // when it began to count, since the system's start
+    std::string key;               // differs between the objects of a class
+    std::uint64_t generation = 0;  // differs between objects that have the same key one after the other
+    std::uint64_t birth = 0;       // when it began to count: 100 ns since the system's start
 };
 
 struct PerfSampling;
 
-/// One object in the hands of a query.
+/// The row record of one object.
 struct PerfRow {
     const PerfSampling* sampling = nullptr;
     PerfObject object;
@@ -171,25 +171,25 @@ struct PerfSampling {
     unsigned processors = 1;        // for percentOfProcessors
     std::vector<PerfRow> rows;
 
-    /// Whether WHERE names an object. Set only if no others are read, so that there is no _Total.
+    /// Whether WHERE names an object. Set only if no others are read; there is no _Total then.
     std::function<bool(const std::string& key)> isAsked;
 
     explicit PerfSampling(const PerfClass& sampledClass) : perfClass(sampledClass) {}
 
     /// Adds an object, and reads the counters that are asked for from its row record.
-    void add(PerfObject object, const void* row, std::uint64_t time);
+    void Add(PerfObject object, const void* row, std::uint64_t time);
 };
 
 struct PerfClass {
     std::u16string_view name;  // what follows Win32_PerfRawData_
     std::span<const CounterInfo> counters;
     WmiStatus (*read)(const Gathering& gathering, PerfSampling& sampling) = nullptr;
-    bool isSingle = false;        // one object without a name
-    bool hasTotal = false;        // the objects are followed by _Total
-    std::uint32_t nameNeeds = 0;  // what Name is taken from
+    bool isSingle = false;        // there is one object, without a name
+    bool hasTotal = false;        // _Total follows the objects
+    std::uint32_t nameNeeds = 0;  // the needs of Name
 };
 
-/// A class's samples.
+/// A class's samples. Any thread may call Exchange.
 struct PerfHistory {
     struct Object {
         std::uint64_t generation = 0;
@@ -199,10 +199,10 @@ struct PerfHistory {
     std::unordered_map<std::string, Object> objects;
 
     /// Gives each row its bases, adds the rows' samples, and drops those of objects that were asked for and are gone.
-    void exchange(PerfSampling& sampling);
+    void Exchange(PerfSampling& sampling);
 };
 
-/// The time since the system's start, asleep or not, in units of 100 ns.
+/// The time since the system's start, including sleep, in units of 100 ns.
 std::uint64_t TimeSinceStart();
 
 namespace detail {
@@ -226,18 +226,18 @@ struct PerfDeclaration {
     std::deque<std::u16string> names;
     std::deque<std::vector<PropertyInfo>> tables;
 
-    void add(const PerfClass& perfClass, GatherRoutine raw, GatherRoutine formatted);
-    std::span<const PropertyInfo> addTable(const PerfClass& perfClass, bool isRaw);
+    void Add(const PerfClass& perfClass, GatherRoutine raw, GatherRoutine formatted);
+    std::span<const PropertyInfo> AddTable(const PerfClass& perfClass, bool isRaw);
 };
 
 }  // namespace detail
 
-/// Both classes of each, made at the first call.
+/// Both classes of each of these, made at the first call.
 template <const PerfClass&... perfClasses>
 std::span<const ClassInfo> DeclarePerfClasses() {
     static const detail::PerfDeclaration& declaration = *[] {
         auto* made = new detail::PerfDeclaration;
-        (made->add(perfClasses, detail::GatherRaw<perfClasses>, detail::GatherFormatted<perfClasses>), ...);
+        (made->Add(perfClasses, detail::GatherRaw<perfClasses>, detail::GatherFormatted<perfClasses>), ...);
         return made;
     }();
     return declaration.classes;

@@ -1,7 +1,7 @@
 // PerfDisk_LogicalDisk and PerfDisk_PhysicalDisk, from /proc/diskstats and the mounts' space.
 //
-// The kernel tells how long a disk was busy, so PercentDiskTime is that time, and not the times of all operations added
-// up. For reading and writing alone only these sums are known, which may exceed 100.
+// The kernel tells how long a disk was busy, so PercentDiskTime is that time and not the sum of all operations' times.
+// For reads and writes only these sums are known, and they may exceed 100.
 #include <algorithm>
 #include <array>
 #include <functional>
@@ -26,14 +26,14 @@ struct Need {
 };
 
 struct Row {
-    std::optional<facts::DiskCounters> io;  // nullopt: not asked for, or the file system is not on a block device
+    std::optional<facts::DiskCounters> io;  // null if not asked for, or the file system is not on a block device
     std::optional<facts::FileSystemSpace> space;
 };
 
 using Number = std::optional<std::uint64_t>;
 
-/// Where the kernel's times of operations wrap: they are 32 bits of milliseconds.
-constexpr std::uint64_t timePeriod = (std::uint64_t{1} << 32) * unitsOfMillisecond;
+/// At which the kernel's times of operations wrap: 32 bits of milliseconds.
+constexpr std::uint64_t timePeriod = (std::uint64_t{1} << 32) * unitsPerMillisecond;
 
 constexpr std::uint64_t sectorSize = 512;
 
@@ -58,16 +58,16 @@ constexpr auto bytesIn = [](const Row& row) {
     return Io(row, [](const auto& io) { return (io.sectorsRead + io.sectorsWritten) * sectorSize; });
 };
 constexpr auto readTimeIn = [](const Row& row) {
-    return Io(row, [](const auto& io) { return io.readMilliseconds * unitsOfMillisecond; });
+    return Io(row, [](const auto& io) { return io.readMilliseconds * unitsPerMillisecond; });
 };
 constexpr auto writeTimeIn = [](const Row& row) {
-    return Io(row, [](const auto& io) { return io.writeMilliseconds * unitsOfMillisecond; });
+    return Io(row, [](const auto& io) { return io.writeMilliseconds * unitsPerMillisecond; });
 };
 constexpr auto operationTimeIn = [](const Row& row) {
-    return Io(row, [](const auto& io) { return (io.readMilliseconds + io.writeMilliseconds) * unitsOfMillisecond; });
+    return Io(row, [](const auto& io) { return (io.readMilliseconds + io.writeMilliseconds) * unitsPerMillisecond; });
 };
 constexpr auto busyTimeIn = [](const Row& row) {
-    return Io(row, [](const auto& io) { return io.busyMilliseconds * unitsOfMillisecond; });
+    return Io(row, [](const auto& io) { return io.busyMilliseconds * unitsPerMillisecond; });
 };
 
 constexpr std::uint64_t megabyte = std::uint64_t{1024} * 1024;
@@ -76,7 +76,7 @@ Number FreeMegabytesIn(const Row& row) { return row.space ? Number(row.space->av
 Number WholeMegabytesIn(const Row& row) {
     return row.space ? Number(row.space->usableSize() / megabyte) : std::nullopt;
 }
-/// Nullopt for a file system smaller than a megabyte: 0 would read as full.
+/// Absent for a file system smaller than a megabyte: 0 would read as full.
 Number FreeShareIn(const Row& row) {
     return WholeMegabytesIn(row).value_or(0) > 0 ? FreeMegabytesIn(row) : std::nullopt;
 }
@@ -84,7 +84,7 @@ Number FreeShareIn(const Row& row) {
 // clang-format off
 constexpr CounterInfo spaceCounters[] = {
     {u"FreeMegabytes", uint32, value, Need::space, "MB that ordinary users may use", [](const Row& row) { return FreeMegabytesIn(row); }},
-    {u"PercentFreeSpace", uint32, fraction, Need::space, "MB that ordinary users may use, of these and those used",
+    {u"PercentFreeSpace", uint32, fraction, Need::space, "MB that ordinary users may use, in percent of these and those used",
         [](const Row& row) { return FreeShareIn(row); }, [](const Row& row) { return WholeMegabytesIn(row); }},
 };
 
@@ -126,7 +126,7 @@ constexpr auto allCounters = Joined(spaceCounters, ioCounters);
 
 using CountersByName = std::unordered_map<std::string, facts::DiskCounters>;
 
-/// Empty if not asked for; nullopt if they cannot be read.
+/// Empty if not asked for; absent if they cannot be read.
 std::optional<CountersByName> ReadDiskCounters(const Gathering& gathering) {
     CountersByName byName;
     if (!gathering.asksFor(Need::io)) return byName;
@@ -148,7 +148,7 @@ bool IsNamed(const std::vector<CimValue>& values, std::string_view name) {
     });
 }
 
-/// Asks mounts for their space before it reads counters, as a mount may keep the query waiting.
+/// Asks mounts for their space before it reads counters, because a mount may keep the query waiting.
 WmiStatus ReadLogicalDisks(const Gathering& gathering, PerfSampling& sampling) {
     const std::vector<CimValue>* names = gathering.valuesOf(u"Name");
     if (names != nullptr && !IsNamed(*names, "_Total")) {
@@ -171,7 +171,7 @@ WmiStatus ReadLogicalDisks(const Gathering& gathering, PerfSampling& sampling) {
         object.name = disk.mount.mountPoint;
         object.key = disk.mount.mountPoint;
         object.generation = std::hash<std::string>()(disk.mount.device);
-        sampling.add(std::move(object), &row, now);
+        sampling.Add(std::move(object), &row, now);
     }
     return wmi_status::ok;
 }
@@ -186,7 +186,7 @@ WmiStatus ReadPhysicalDisks(const Gathering& gathering, PerfSampling& sampling) 
         PerfObject object;
         object.name = std::to_string(index++) + ' ' + name;
         object.key = name;
-        sampling.add(std::move(object), &row, now);
+        sampling.Add(std::move(object), &row, now);
     }
     return wmi_status::ok;
 }

@@ -30,12 +30,12 @@ constexpr std::uint64_t kilobyte = 1024;
 Number Multiplied(Number number, std::uint64_t factor) { return number ? Number(*number * factor) : std::nullopt; }
 Number Divided(Number number, std::uint64_t divisor) { return number ? Number(*number / divisor) : std::nullopt; }
 
-/// In bytes.
+/// A line of meminfo, in bytes.
 Number MemoryIn(const Row& row, std::string_view key) {
     return Multiplied(facts::MemoryFigure(row.memory, key), kilobyte);
 }
 
-/// Pages that were moved between memory and disks, of an event that counts kilobytes.
+/// Pages that were moved between memory and disks, from an event that counts kilobytes.
 Number MovedIn(const Row& row, std::string_view event) {
     return Divided(Multiplied(facts::NumberUnder(row.events, event), kilobyte), facts::PageSize());
 }
@@ -52,7 +52,7 @@ Number SumOf(std::initializer_list<Number> parts) {
 /// The page cache, including shared memory.
 Number FileCacheIn(const Row& row) { return SumOf({MemoryIn(row, "Cached"), MemoryIn(row, "Buffers")}); }
 
-/// If the kernel overcommits, all memory and swap: CommitLimit counts half of the memory then, and limits nothing.
+/// If the kernel overcommits, all memory and swap: CommitLimit then counts half of the memory, and limits nothing.
 Number CommitLimitIn(const Row& row) {
     if (row.isStrict) return MemoryIn(row, "CommitLimit");
     return SumOf({MemoryIn(row, "MemTotal"), MemoryIn(row, "SwapTotal")});
@@ -67,7 +67,7 @@ constexpr CounterInfo counters[] = {
         [](const Row& row) { return SumOf({FileCacheIn(row), MemoryIn(row, "SReclaimable")}); }},
     {u"CacheBytesPeak", uint64},
     {u"CacheFaultsPersec", uint32, rate},
-    {u"CommitLimit", uint64, value, Need::memory | Need::limit, "MemTotal and SwapTotal, or CommitLimit where it binds",
+    {u"CommitLimit", uint64, value, Need::memory | Need::limit, "MemTotal and SwapTotal, or CommitLimit if the kernel keeps to it",
         [](const Row& row) { return CommitLimitIn(row); }},
     {u"CommittedBytes", uint64, value, Need::memory, "Committed_AS", [](const Row& row) { return MemoryIn(row, "Committed_AS"); }},
     {u"DemandZeroFaultsPersec", uint32, rate},
@@ -83,13 +83,13 @@ constexpr CounterInfo counters[] = {
     {u"PagesPersec", uint32, rate, Need::events, "pgpgin and pgpgout",
         [](const Row& row) { return SumOf({MovedIn(row, "pgpgin"), MovedIn(row, "pgpgout")}); }},
     {u"PageWritesPersec", uint32, rate},
-    {u"PercentCommittedBytesInUse", uint32, fraction, Need::memory | Need::limit, "Committed_AS of CommitLimit, in pages; above 100 where more is promised",
+    {u"PercentCommittedBytesInUse", uint32, fraction, Need::memory | Need::limit, "Committed_AS in percent of CommitLimit; above 100 if more is promised",
         [](const Row& row) { return Divided(MemoryIn(row, "Committed_AS"), facts::PageSize()); },
         [](const Row& row) { return Divided(CommitLimitIn(row), facts::PageSize()); }},
     {u"PoolNonpagedAllocs", uint32},
-    {u"PoolNonpagedBytes", uint64, value, Need::memory, "SUnreclaim: of the kernel, and stays", [](const Row& row) { return MemoryIn(row, "SUnreclaim"); }},
+    {u"PoolNonpagedBytes", uint64, value, Need::memory, "SUnreclaim: of the kernel, cannot be given up", [](const Row& row) { return MemoryIn(row, "SUnreclaim"); }},
     {u"PoolPagedAllocs", uint32},
-    {u"PoolPagedBytes", uint64, value, Need::memory, "SReclaimable: of the kernel, and can be given up",
+    {u"PoolPagedBytes", uint64, value, Need::memory, "SReclaimable: of the kernel, can be given up",
         [](const Row& row) { return MemoryIn(row, "SReclaimable"); }},
     {u"PoolPagedResidentBytes", uint64, value, Need::memory, "as PoolPagedBytes", [](const Row& row) { return MemoryIn(row, "SReclaimable"); }},
     {u"StandbyCacheCoreBytes", uint64},
@@ -116,7 +116,7 @@ WmiStatus ReadMemory(const Gathering& gathering, PerfSampling& sampling) {
     Row row{std::move(*memory), std::move(*events)};
     if (gathering.asksFor(Need::limit))
         row.isStrict = facts::ReadSystemNumber("/proc/sys/vm/overcommit_memory") == strictly;
-    sampling.add({}, &row, TimeSinceStart());
+    sampling.Add({}, &row, TimeSinceStart());
     return wmi_status::ok;
 }
 

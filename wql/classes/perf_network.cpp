@@ -28,7 +28,7 @@ constexpr CounterInfo counters[] = {
     {u"BytesSentPersec", uint64, rate, Need::counters, "bytes", [](const Row& row) { return row.counters.sentBytes; }},
     {u"BytesTotalPersec", uint64, rate, Need::counters, "bytes",
         [](const Row& row) { return row.counters.receivedBytes + row.counters.sentBytes; }},
-    {u"CurrentBandwidth", uint64, value, Need::speed, "bits per second, of the interface's speed", [](const Row& row) { return row.speed; }},
+    {u"CurrentBandwidth", uint64, value, Need::speed, "bits per second, the interface's speed", [](const Row& row) { return row.speed; }},
     {u"OffloadedConnections", uint64},
     {u"OutputQueueLength", uint64},
     {u"PacketsOutboundDiscarded", uint64, value, Need::counters, "drop", [](const Row& row) { return row.counters.sendDropped; }},
@@ -39,7 +39,7 @@ constexpr CounterInfo counters[] = {
     {u"PacketsReceivedErrors", uint64, value, Need::counters, "errs", [](const Row& row) { return row.counters.receiveErrors; }},
     {u"PacketsReceivedNonUnicastPersec", uint64, rate, Need::counters, "multicast", [](const Row& row) { return row.counters.receivedMulticast; }},
     {u"PacketsReceivedPersec", uint64, rate, Need::counters, "packets", [](const Row& row) { return row.counters.receivedPackets; }},
-    {u"PacketsReceivedUnicastPersec", uint64, rate, Need::counters, "packets less multicast",
+    {u"PacketsReceivedUnicastPersec", uint64, rate, Need::counters, "packets minus multicast",
         [](const Row& row) { return row.counters.receivedPackets - std::min(row.counters.receivedPackets, row.counters.receivedMulticast); }},
     {u"PacketsReceivedUnknown", uint64},
     {u"PacketsSentNonUnicastPersec", uint64, rate},
@@ -63,7 +63,7 @@ WmiStatus ReadInterfaces(const Gathering& gathering, PerfSampling& sampling) {
         PerfObject object;
         object.name = counted.name;
         object.key = counted.name;
-        sampling.add(std::move(object), &row, now);
+        sampling.Add(std::move(object), &row, now);
     }
     return wmi_status::ok;
 }

@@ -1,8 +1,8 @@
-// PerfProc_Process, from the files of /proc/<id>. Objects are named as Windows names them: the second of a name is
-// "name#1". A process that WHERE names by its id is read alone, and so has no such number.
+// PerfProc_Process, from the files of /proc/<id>. Objects are named as Windows names them: the second process of a name
+// is "name#1". A process that WHERE names by its id is read alone, and so has no such number.
 //
-// When a parent has waited for a process, the kernel adds what that read and wrote to the parent's counters, so the
-// figures of a parent can jump, and those of _Total with them.
+// When a parent has waited for a process, the kernel adds what the process read and wrote to the parent's counters, so
+// the parent's figures can jump, and those of _Total with them.
 #include <algorithm>
 #include <unistd.h>
 
@@ -72,8 +72,8 @@ constexpr CounterInfo counters[] = {
     {u"PercentUserTime", uint64, percentOfProcessors, 0, "utime", [](const Row& row) { return facts::TimeOfTicks(row.stat.userTicks); }},
     {u"PoolNonpagedBytes", uint32},
     {u"PoolPagedBytes", uint32},
-    {u"PriorityBase", uint32, label, 0, "24 real time, 13, 10, 8 normal, 6, 4, by the nice value", [](const Row& row) { return facts::BasePriorityOf(row.stat); }},
-    {u"PrivateBytes", uint64, value, Need::memory, "bytes of no file, resident or swapped out; RssAnon and VmSwap", privateBytesIn},
+    {u"PriorityBase", uint32, label, 0, "24 real time, else 13 to 4 by the nice value, 8 normal", [](const Row& row) { return facts::BasePriorityOf(row.stat); }},
+    {u"PrivateBytes", uint64, value, Need::memory, "bytes that belong to no file, resident or swapped out; RssAnon and VmSwap", privateBytesIn},
     {u"ThreadCount", uint32, value, 0, "threads", [](const Row& row) { return row.stat.threads; }},
     {u"VirtualBytes", uint64, value, 0, "bytes", [](const Row& row) { return row.stat.virtualBytes; }},
     {u"VirtualBytesPeak", uint64, value, Need::memory, "bytes, VmPeak",
@@ -81,12 +81,12 @@ constexpr CounterInfo counters[] = {
     {u"WorkingSet", uint64, value, 0, "bytes resident", [](const Row& row) { return row.stat.residentPages * facts::PageSize(); }},
     {u"WorkingSetPeak", uint64, value, Need::memory, "bytes, VmHWM",
         [](const Row& row) { return Memory(row, [](const auto& memory) { return memory.peakResident; }); }},
-    {u"WorkingSetPrivate", uint64, value, Need::memory, "bytes resident of no file, RssAnon",
+    {u"WorkingSetPrivate", uint64, value, Need::memory, "resident bytes that belong to no file, RssAnon",
         [](const Row& row) { return Memory(row, [](const auto& memory) { return memory.anonymous; }); }},
 };
 // clang-format on
 
-/// The processes that can match, ascending; those that WHERE names need not exist.
+/// The ids of processes that can match, ascending. Those that WHERE names need not exist.
 std::vector<std::uint32_t> ProcessesToRead(const Gathering& gathering, PerfSampling& sampling) {
     const std::vector<CimValue>* values = gathering.valuesOf(u"IDProcess");
     const auto idOf = [](const CimValue& value) {
@@ -121,10 +121,10 @@ void ReadParts(facts::ProcessFiles& files, const Gathering& gathering, Row& row)
     if (gathering.asksFor(Need::handles)) row.handles = files.CountOpenFiles(id);
 }
 
-/// How often each name came.
+/// How many processes had each name so far.
 using NameCounts = std::unordered_map<std::string, std::size_t>;
 
-/// A process's own name may be the numbered name of another.
+/// A name that no process has had so far: one process's own name may be the numbered name of another.
 std::string NumberedName(NameCounts& counts, const std::string& name) {
     for (;;) {
         const std::size_t earlier = counts[name]++;
@@ -134,7 +134,7 @@ std::string NumberedName(NameCounts& counts, const std::string& name) {
     }
 }
 
-std::string NameOf(facts::ProcessFiles& files, const facts::ProcessStat& stat) {
+std::string ExecutableName(facts::ProcessFiles& files, const facts::ProcessStat& stat) {
     const std::string_view commandLine = facts::MayBeCut(stat) ? files.Read(stat.id, "cmdline").value_or("") : "";
     return std::string(facts::ExecutableNameOf(stat, commandLine));
 }
@@ -157,13 +157,13 @@ WmiStatus ReadProcesses(const Gathering& gathering, PerfSampling& sampling) {
         row.stat = std::move(*stat);
         ReadParts(files, gathering, row);
         PerfObject object;
-        if (gathering.asksFor(Need::name)) object.name = NumberedName(names, NameOf(files, row.stat));
+        if (gathering.asksFor(Need::name)) object.name = NumberedName(names, ExecutableName(files, row.stat));
         object.key = std::to_string(id);
         object.generation = row.stat.startTicks;
         object.birth = facts::TimeOfTicks(row.stat.startTicks);
-        sampling.add(std::move(object), &row, now);
+        sampling.Add(std::move(object), &row, now);
     }
-    // If /proc does not even show this process, that others are not found tells nothing.
+    // If /proc does not even show this process, finding no others says nothing.
     const bool canRead = !sampling.rows.empty() || platform::ReadSystemFile("/proc/self/stat");
     return canRead ? wmi_status::ok : wmi_status::providerFailure;
 }

@@ -25,12 +25,12 @@ struct Row {
 
 constexpr auto idleTimeIn = [](const Row& row) { return facts::TimeOfTicks(row.times.idleTicks()); };
 
-/// The time that percentages refer to: what was counted. Nothing is while the computer sleeps.
+/// The time that percentages refer to: all that was counted. While the computer sleeps, nothing is.
 constexpr auto wholeTimeIn = [](const Row& row) {
     return facts::TimeOfTicks(row.times.busyTicks() + row.times.idleTicks());
 };
 
-/// Where the kernel's counts of interrupts wrap.
+/// At which the kernel's counts of interrupts wrap.
 constexpr std::uint64_t countPeriod = std::uint64_t{1} << 32;
 
 // clang-format off
@@ -52,7 +52,7 @@ constexpr CounterInfo counters[] = {
     {u"PercentPrivilegedTime", uint64, percentOfTime, Need::times, "system, irq and softirq",
         [](const Row& row) { return facts::TimeOfTicks(row.times.kernel + row.times.interrupts + row.times.softInterrupts); }, wholeTimeIn},
     {u"PercentProcessorTime", uint64, percentOfTimeLeft, Need::times, "not idle; the raw counter is the idle time", idleTimeIn, wholeTimeIn},
-    {u"PercentUserTime", uint64, percentOfTime, Need::times, "user and nice, guests among them",
+    {u"PercentUserTime", uint64, percentOfTime, Need::times, "user and nice, guests included",
         [](const Row& row) { return facts::TimeOfTicks(row.times.user + row.times.nice); }, wholeTimeIn},
 };
 // clang-format on
@@ -78,10 +78,11 @@ WmiStatus ReadProcessors(const Gathering& gathering, PerfSampling& sampling) {
         PerfObject object;
         object.name = std::to_string(times.number);
         object.key = object.name;
-        // The times of a processor that was added, or switched off and on, add up to how long it has been counted.
+        // A processor that was added later, or switched off and on, has been counted for as long as its times add up
+        // to.
         object.birth = now - std::min(now, facts::TimeOfTicks(times.busyTicks() + times.idleTicks()));
         const Row row{times, SumOf(interrupts, times.number), SumOf(softInterrupts, times.number)};
-        sampling.add(std::move(object), &row, now);
+        sampling.Add(std::move(object), &row, now);
     }
     return wmi_status::ok;
 }

@@ -67,7 +67,7 @@ WmiStatus ReadSystem(const Gathering& gathering, PerfSampling& sampling) {
         row.processes = facts::ListProcessIds().size();
         if (row.processes == 0) return wmi_status::providerFailure;
     }
-    sampling.add({}, &row, now);
+    sampling.Add({}, &row, now);
     return wmi_status::ok;
 }
 

@@ -21,7 +21,7 @@ std::optional<std::uint32_t> WidthAt(const Row& row, std::size_t offset) {
     return facts::KnownNumber(bits == unknown ? 0 : bits);
 }
 
-/// Bytes of a device; nullopt if the firmware does not know, 0 for an empty socket.
+/// The bytes of a device; absent if the firmware does not know, 0 for an empty socket.
 std::optional<std::uint64_t> CapacityOf(const facts::SmbiosStructure& device) {
     constexpr std::size_t sizeOffset = 0x0C;
     constexpr std::size_t extendedOffset = 0x1C;
@@ -36,7 +36,7 @@ std::optional<std::uint64_t> CapacityOf(const facts::SmbiosStructure& device) {
     return size * kilobyte * kilobyte;
 }
 
-/// Megatransfers a second; what does not fit into a word stands at another offset.
+/// Megatransfers a second. A number that does not fit into a word is at another offset.
 std::optional<std::uint32_t> SpeedAt(const Row& row, std::size_t offset, std::size_t extendedOffset) {
     constexpr std::uint16_t seeExtended = 0xFFFF;
     const std::uint16_t speed = row.device.wordAt(offset);
@@ -68,12 +68,12 @@ constexpr PropertyInfo properties[] = {
     {u"Attributes", uint32, 0, "ranks", [](const Row& row) { return facts::KnownNumber(row.device.byteAt(0x1B) & 0x0F); }},
     {u"BankLabel", string, 0, "bank locator", [](const Row& row) { return row.device.stringAt(0x11); }},
     {u"Capacity", uint64, 0, "bytes", [](const Row& row) { return CapacityOf(row.device); }},
-    {u"Caption", string, 0, "of every device", [](const Row&) { return u"Physical Memory"; }},
+    {u"Caption", string, 0, "the same for every device", [](const Row&) { return u"Physical Memory"; }},
     {u"ConfiguredClockSpeed", uint32, 0, "MT/s", [](const Row& row) { return SpeedAt(row, 0x20, 0x58); }},
     {u"ConfiguredVoltage", uint32, 0, "mV", [](const Row& row) { return facts::KnownNumber(row.device.wordAt(0x26)); }},
     {u"CreationClassName", string, 0, "this class", [](const Row&) { return u"Win32_PhysicalMemory"; }},
     {u"DataWidth", uint16, 0, "bits", [](const Row& row) { return WidthAt(row, 0x0A); }},
-    {u"Description", string, 0, "of every device", [](const Row&) { return u"Physical Memory"; }},
+    {u"Description", string, 0, "the same for every device", [](const Row&) { return u"Physical Memory"; }},
     {u"DeviceLocator", string, 0, "the socket's label", [](const Row& row) { return row.device.stringAt(0x10); }},
     {u"FormFactor", uint16, 0, "8 DIMM, 12 SODIMM, ...", [](const Row& row) { return FormFactorOf(row.device.byteAt(0x0E)); }},
     {u"HotSwappable", boolean},
@@ -85,7 +85,7 @@ constexpr PropertyInfo properties[] = {
     {u"MemoryType", uint16, 0, "24 DDR3, 26 DDR4, ...", [](const Row& row) { return MemoryTypeOf(row.device.byteAt(0x12)); }},
     {u"MinVoltage", uint32, 0, "mV", [](const Row& row) { return facts::KnownNumber(row.device.wordAt(0x22)); }},
     {u"Model", string},
-    {u"Name", string, 0, "of every device", [](const Row&) { return u"Physical Memory"; }},
+    {u"Name", string, 0, "the same for every device", [](const Row&) { return u"Physical Memory"; }},
     {u"OtherIdentifyingInfo", string},
     {u"PartNumber", string, 0, "of the manufacturer", [](const Row& row) { return row.device.stringAt(0x1A); }},
     {u"PositionInRow", uint32},
@@ -97,8 +97,8 @@ constexpr PropertyInfo properties[] = {
     {u"SMBIOSMemoryType", uint32, 0, "26 DDR4, 34 DDR5, ...", [](const Row& row) { return row.device.byteAt(0x12); }},
     {u"Speed", uint32, 0, "MT/s, the most that the device is made for", [](const Row& row) { return SpeedAt(row, 0x15, 0x54); }},
     {u"Status", string},
-    {u"Tag", string, 0, "the device's number among those that are there", [](const Row& row) { return "Physical Memory " + std::to_string(row.number); }},
-    {u"TotalWidth", uint16, 0, "bits, those for error correction included", [](const Row& row) { return WidthAt(row, 0x08); }},
+    {u"Tag", string, 0, "the device's number, empty sockets not counted", [](const Row& row) { return "Physical Memory " + std::to_string(row.number); }},
+    {u"TotalWidth", uint16, 0, "bits, including those for error correction", [](const Row& row) { return WidthAt(row, 0x08); }},
     {u"TypeDetail", uint16, 0, "bits of SMBIOS", [](const Row& row) { return row.device.wordAt(0x13); }},
     {u"Version", string},
 };

@@ -7,7 +7,7 @@
 
 namespace kv::wql {
 
-/// Gathers the memory devices (SMBIOS type 17) of a table, except empty sockets.
+/// Gathers the memory devices (SMBIOS type 17) of a table, except empty sockets. Always ok.
 WmiStatus GatherMemoryDevices(const Gathering& gathering, std::string_view table);
 
 }  // namespace kv::wql

@@ -50,13 +50,13 @@ CimValue CommandLineIn(const Row& row) {
 }
 
 std::u16string CreationDateIn(const Row& row) {
-    constexpr std::int64_t microsecondsOfMillisecond = 1000;
-    constexpr std::uint64_t microsecondsOfSecond = 1'000'000;
-    const std::uint64_t sinceStart = row.stat.startTicks * (microsecondsOfSecond / facts::ClockTicksPerSecond());
-    return DmtfTime(row.systemStart * microsecondsOfMillisecond + static_cast<std::int64_t>(sinceStart));
+    constexpr std::int64_t microsecondsPerMillisecond = 1000;
+    constexpr std::uint64_t microsecondsPerSecond = 1'000'000;
+    const std::uint64_t sinceStart = row.stat.startTicks * (microsecondsPerSecond / facts::ClockTicksPerSecond());
+    return DmtfTime(row.systemStart * microsecondsPerMillisecond + static_cast<std::int64_t>(sinceStart));
 }
 
-/// In the numbers of CIM_Process.
+/// The state of a process by its number in CIM_Process.
 std::uint16_t ExecutionStateOf(char state) {
     constexpr struct {
         std::string_view states;
@@ -96,7 +96,7 @@ constexpr auto nameIn = [](const Row& row) { return facts::ExecutableNameOf(row.
 // clang-format off
 constexpr PropertyInfo properties[] = {
     {u"Caption", string, Need::name, "as Name", nameIn},
-    {u"CommandLine", string, Need::commandLine, "arguments with a blank between, at most 32767 bytes; none of the kernel's threads",
+    {u"CommandLine", string, Need::commandLine, "arguments separated by blanks, at most 32767 bytes; NULL for kernel threads",
         [](const Row& row) { return CommandLineIn(row); }},
     {u"CreationClassName", string, 0, "this class", [](const Row&) { return u"Win32_Process"; }},
     {u"CreationDate", datetime, Need::systemStart, "start time of stat, to 10 ms", [](const Row& row) { return CreationDateIn(row); }},
@@ -126,9 +126,9 @@ constexpr PropertyInfo properties[] = {
         [](const Row& row) { return NumberIn(row.memory, &facts::ProcessMemory::peakVirtual); }},
     {u"PeakWorkingSetSize", uint32, Need::memory, "KB, VmHWM of status",
         [](const Row& row) { return KilobytesOf(NumberIn(row.memory, &facts::ProcessMemory::peakResident)); }},
-    {u"Priority", uint32, 0, "24 real time, 13, 10, 8 normal, 6, 4, by the nice value",
+    {u"Priority", uint32, 0, "24 real time, else 13 to 4 by the nice value, 8 normal",
         [](const Row& row) { return facts::BasePriorityOf(row.stat); }},
-    {u"PrivatePageCount", uint64, Need::memory, "bytes of no file, resident or swapped out; RssAnon and VmSwap of status",
+    {u"PrivatePageCount", uint64, Need::memory, "bytes that belong to no file, resident or swapped out; RssAnon and VmSwap of status",
         [](const Row& row) { return PrivateBytesIn(row); }},
     {u"ProcessId", uint32, 0, "of stat", [](const Row& row) { return row.stat.id; }},
     {u"QuotaNonPagedPoolUsage", uint32},
@@ -143,7 +143,7 @@ constexpr PropertyInfo properties[] = {
     {u"ThreadCount", uint32, 0, "of stat", [](const Row& row) { return row.stat.threads; }},
     {u"UserModeTime", uint64, 0, "100 ns, utime of stat", [](const Row& row) { return facts::TimeOfTicks(row.stat.userTicks); }},
     {u"VirtualSize", uint64, 0, "bytes, vsize of stat", [](const Row& row) { return row.stat.virtualBytes; }},
-    {u"WindowsVersion", string, Need::system, "release of the kernel", [](const Row& row) { return row.systemVersion; }},
+    {u"WindowsVersion", string, Need::system, "the kernel's release", [](const Row& row) { return row.systemVersion; }},
     {u"WorkingSetSize", uint64, 0, "bytes resident, rss of stat", [](const Row& row) { return row.stat.residentPages * facts::PageSize(); }},
     {u"WriteOperationCount", uint64, Need::io, "syscw of io", [](const Row& row) { return NumberIn(row.io, &facts::ProcessIo::writeOperations); }},
     {u"WriteTransferCount", uint64, Need::io, "bytes, wchar of io", [](const Row& row) { return NumberIn(row.io, &facts::ProcessIo::writtenBytes); }},
@@ -160,7 +160,7 @@ std::optional<std::uint32_t> ProcessIdOf(const CimValue& value) {
     return id && *id <= UINT32_MAX ? std::optional(static_cast<std::uint32_t>(*id)) : std::nullopt;
 }
 
-/// The processes that can match, ascending: those that WHERE names, else all.
+/// The ids of processes that can match, ascending: those that WHERE names, else all.
 std::vector<std::uint32_t> ProcessesToRead(const Gathering& gathering) {
     const std::vector<CimValue>* values = gathering.valuesOf(u"ProcessId");
     if (values == nullptr) values = gathering.valuesOf(u"Handle");
@@ -174,7 +174,7 @@ std::vector<std::uint32_t> ProcessesToRead(const Gathering& gathering) {
     return ids;
 }
 
-/// False if there is no such process, or no longer.
+/// False if there is no such process, or it has ended.
 bool ReadStat(facts::ProcessFiles& files, std::uint32_t id, facts::ProcessStat& stat) {
     const std::optional<std::string_view> text = files.Read(id, "stat");
     std::optional<facts::ProcessStat> parsed = text ? facts::ParseProcessStat(*text) : std::nullopt;
@@ -189,7 +189,7 @@ std::optional<facts::ProcessMemory> ReadMemory(facts::ProcessFiles& files, std::
     return facts::ParseProcessStatus(*text);
 }
 
-/// Reads what its stat does not tell; a part that may not be read, or no longer, stays empty.
+/// Reads what the process's stat does not tell. A part that cannot be read stays empty.
 void ReadParts(facts::ProcessFiles& files, const Gathering& gathering, Row& row) {
     const std::uint32_t id = row.stat.id;
     row.arguments.clear();
@@ -222,7 +222,7 @@ WmiStatus GatherProcesses(const Gathering& gathering) {
         ReadParts(files, gathering, row);
         if (!gathering.row(&row)) break;
     }
-    // If /proc does not even show this process, that others are not found tells nothing.
+    // If /proc does not even show this process, finding no others says nothing.
     canRead = canRead || platform::ReadSystemFile("/proc/self/stat");
     return canRead ? wmi_status::ok : wmi_status::providerFailure;
 }

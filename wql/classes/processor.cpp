@@ -36,7 +36,7 @@ struct Need {
 struct Row {
     facts::Socket socket;
     std::size_t number = 0;
-    facts::SmbiosStructure firmware;  // empty if the firmware tells nothing
+    facts::SmbiosStructure firmware;  // empty if the firmware does not describe it
     std::u16string host;
     std::string machine;
     std::uint16_t load = 0;
@@ -48,7 +48,7 @@ struct Row {
     const facts::CpuBlock& first() const { return socket.processors.front(); }
 };
 
-constexpr std::uint8_t isVoltageInUse = 0x80;  // else the bits tell what the socket supports
+constexpr std::uint8_t isVoltageInUse = 0x80;  // without it the bits tell what the socket supports
 
 /// In tenths of a volt.
 std::optional<std::uint32_t> VoltageOf(const facts::SmbiosStructure& firmware) {
@@ -69,8 +69,7 @@ std::uint16_t FamilyOf(const facts::SmbiosStructure& firmware) {
     return family == 0 ? unknown : family;
 }
 
-/// Features and signature, from the first leaf of the CPUID instruction, as the firmware tells them, or else the
-/// processor.
+/// The features and the signature of the CPUID instruction's first leaf, from the firmware or else from the processor.
 std::optional<std::string> ProcessorIdOf(const facts::SmbiosStructure& firmware) {
     std::uint32_t signature = firmware.doubleWordAt(0x08);
     std::uint32_t features = firmware.doubleWordAt(0x0C);
@@ -92,8 +91,8 @@ std::optional<bool> HasNestedPaging(const Row& row) {
     return intel ? std::optional(*intel || *row.first().hasFlag("npt")) : std::nullopt;
 }
 
-/// The processor's name for itself, which ARM lacks, or else the firmware's.
-std::optional<std::string> NameOf(const Row& row) {
+/// The processor's name for itself, or the firmware's for one that does not have a name, as on ARM.
+std::optional<std::string> ProcessorName(const Row& row) {
     const std::optional<std::string> firmwareName = row.firmware.stringAt(0x10);
     return row.first().field("model name").empty() && firmwareName ? firmwareName : facts::ModelNameOf(row.first());
 }
@@ -134,16 +133,16 @@ constexpr PropertyInfo properties[] = {
     {u"ExtClock", uint32, Need::firmware, "MHz", [](const Row& row) { return facts::KnownNumber(row.firmware.wordAt(0x12)); }},
     {u"Family", uint16, Need::firmware, "by the list of SMBIOS, 2 unknown", [](const Row& row) { return FamilyOf(row.firmware); }},
     {u"InstallDate", datetime},
-    {u"L2CacheSize", uint32, Need::caches, "KB, all of the socket's together", [](const Row& row) { return row.caches.secondLevel; }},
+    {u"L2CacheSize", uint32, Need::caches, "KB, the sum of the socket's caches", [](const Row& row) { return row.caches.secondLevel; }},
     {u"L2CacheSpeed", uint32},
-    {u"L3CacheSize", uint32, Need::caches, "KB, all of the socket's together", [](const Row& row) { return row.caches.thirdLevel; }},
+    {u"L3CacheSize", uint32, Need::caches, "KB, the sum of the socket's caches", [](const Row& row) { return row.caches.thirdLevel; }},
     {u"L3CacheSpeed", uint32},
     {u"LastErrorCode", uint32},
     {u"Level", uint16, 0, "family; on ARM the architecture's version", [](const Row& row) { return facts::LevelOf(row.first()); }},
-    {u"LoadPercentage", uint16, Need::load, "busy share since the previous query of it, of /proc/stat", [](const Row& row) { return row.load; }},
+    {u"LoadPercentage", uint16, Need::load, "busy share since the previous query, from /proc/stat", [](const Row& row) { return row.load; }},
     {u"Manufacturer", string, 0, "vendor_id or implementer", [](const Row& row) { return facts::ManufacturerOf(row.first()); }},
-    {u"MaxClockSpeed", uint32, Need::maxClock | Need::firmware, "MHz without a boost, where the system knows that", [](const Row& row) { return row.maxClock; }},
-    {u"Name", string, Need::firmware, "model name", [](const Row& row) { return NameOf(row); }},
+    {u"MaxClockSpeed", uint32, Need::maxClock | Need::firmware, "MHz without a boost, if the system knows", [](const Row& row) { return row.maxClock; }},
+    {u"Name", string, Need::firmware, "model name", [](const Row& row) { return ProcessorName(row); }},
     {u"NumberOfCores", uint32, Need::cores, "online", [](const Row& row) { return row.cores; }},
     {u"NumberOfEnabledCore", uint32, Need::cores, "online", [](const Row& row) { return row.cores; }},
     {u"NumberOfLogicalProcessors", uint32, 0, "online", [](const Row& row) { return row.socket.processors.size(); }},
@@ -162,14 +161,14 @@ constexpr PropertyInfo properties[] = {
         [](const Row& row) { return row.firmware.stringAt(0x04).value_or(DeviceIdOf(row)); }},
     {u"Status", string, 0, "it runs", [](const Row&) { return u"OK"; }},
     {u"StatusInfo", uint16, 0, "3: enabled", [](const Row&) { return 3; }},
-    {u"Stepping", string, 0, "stepping; none on ARM", [](const Row& row) { return row.first().numberIn("stepping") ? CimValue(row.first().field("stepping")) : CimValue(); }},
+    {u"Stepping", string, 0, "stepping; NULL on ARM", [](const Row& row) { return row.first().numberIn("stepping") ? CimValue(row.first().field("stepping")) : CimValue(); }},
     {u"SystemCreationClassName", string, 0, "the computer's class", [](const Row&) { return u"Win32_ComputerSystem"; }},
     {u"SystemName", string, Need::host, "the computer's name", [](const Row& row) { return row.host; }},
     {u"ThreadCount", uint32, 0, "as NumberOfLogicalProcessors", [](const Row& row) { return row.socket.processors.size(); }},
     {u"UniqueId", string},
     {u"UpgradeMethod", uint16, Need::firmware, "by the list of SMBIOS", [](const Row& row) { return facts::KnownNumber(row.firmware.byteAt(0x19)); }},
     {u"Version", string},
-    {u"VirtualizationFirmwareEnabled", boolean, 0, "as VMMonitorModeExtensions: the flags go where the firmware forbids it", [](const Row& row) { return CanHostMachines(row); }},
+    {u"VirtualizationFirmwareEnabled", boolean, 0, "as VMMonitorModeExtensions: if the firmware forbids it, the flags are absent", [](const Row& row) { return CanHostMachines(row); }},
     {u"VMMonitorModeExtensions", boolean, 0, "flags vmx, svm", [](const Row& row) { return CanHostMachines(row); }},
     {u"VoltageCaps", uint32, Need::firmware, "bits for 5, 3.3 and 2.9 V", [](const Row& row) { return VoltageCapsOf(row.firmware); }},
 };
@@ -185,13 +184,13 @@ facts::TimesByProcessor ReadTimes() {
 }
 
 void TakeLoadSamples(ProcessorSources& sources) {
-    static facts::LoadHistory& history =
-        *new facts::LoadHistory;  // a query that is stuck may outlive the program's statics
+    // Never destroyed: a query that is stuck may outlive the program's statics.
+    static facts::LoadHistory& history = *new facts::LoadHistory;
     sources.loadTo = ReadTimes();
-    sources.loadFrom = history.exchange(sources.loadTo, std::chrono::steady_clock::now());
+    sources.loadFrom = history.Exchange(sources.loadTo, std::chrono::steady_clock::now());
 }
 
-/// The firmware's structures of processors, without empty sockets, in its order.
+/// The firmware's structures of processors in its order, without empty sockets.
 std::vector<facts::SmbiosStructure> ProcessorsIn(const std::vector<facts::SmbiosStructure>& structures) {
     constexpr std::uint8_t processor = 4;
     constexpr std::uint8_t isThere = 0x40;
@@ -202,7 +201,7 @@ std::vector<facts::SmbiosStructure> ProcessorsIn(const std::vector<facts::Smbios
     return processors;
 }
 
-/// From the system, else as the firmware set it, else as it is now.
+/// MHz from the system, else from the firmware, else as it is now.
 std::optional<std::uint64_t> MaxClockOf(const Row& row, const facts::CpuFiles& files) {
     if (const std::optional<std::uint64_t> clock = facts::MaxClockOf(row.socket, files)) return clock;
     const std::uint16_t byFirmware = row.firmware.wordAt(0x16);

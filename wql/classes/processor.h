@@ -10,17 +10,17 @@
 
 namespace kv::wql {
 
-/// The texts that describe the processors.
+/// What describes the processors.
 struct ProcessorSources {
-    std::string_view cpuInfo;   // /proc/cpuinfo
-    std::string_view firmware;  // a table of SMBIOS
-    std::string_view machine;   // as uname(2) names it
-    facts::CpuFiles files;      // asked only for what a query needs
-    facts::TimesByProcessor loadFrom;
-    facts::TimesByProcessor loadTo;
+    std::string_view cpuInfo;          // /proc/cpuinfo
+    std::string_view firmware;         // a table of SMBIOS
+    std::string_view machine;          // as uname(2) names it
+    facts::CpuFiles files;             // called only for what a query needs
+    facts::TimesByProcessor loadFrom;  // the load is that between these
+    facts::TimesByProcessor loadTo;    // two samples
 };
 
-/// Gathers the processors that are described.
+/// Gathers the processors that the sources describe. Always ok.
 WmiStatus GatherProcessors(const Gathering& gathering, const ProcessorSources& sources);
 
 }  // namespace kv::wql

@@ -45,16 +45,16 @@ bool IsStarted(const ServiceUnit& unit) { return StateOf(unit) == u"Running"; }
 bool IsStopped(const ServiceUnit& unit) { return StateOf(unit) == u"Stopped"; }
 bool HasFailed(const ServiceUnit& unit) { return unit.activeState == "failed"; }
 
-std::string_view NameOf(const ServiceUnit& unit) {
+std::string_view ServiceName(const ServiceUnit& unit) {
     std::string_view name = unit.id;
     if (name.ends_with(serviceSuffix)) name.remove_suffix(serviceSuffix.size());
     return name;
 }
 
-/// The unit's description, or its name if it has none; the manager then gives its id.
+/// The unit's description. If it does not have one, the manager gives its id; the name stands for both.
 std::string_view DisplayNameOf(const ServiceUnit& unit) {
-    const bool hasNone = unit.description.empty() || unit.description == unit.id;
-    return hasNone ? NameOf(unit) : std::string_view(unit.description);
+    const bool isDescribed = !unit.description.empty() && unit.description != unit.id;
+    return isDescribed ? std::string_view(unit.description) : ServiceName(unit);
 }
 
 constexpr auto displayNameIn = [](const Row& row) { return DisplayNameOf(row.unit); };
@@ -62,7 +62,7 @@ constexpr auto displayNameIn = [](const Row& row) { return DisplayNameOf(row.uni
 // clang-format off
 constexpr PropertyInfo properties[] = {
     {u"AcceptPause", boolean, 0, "never: units cannot pause", [](const Row&) { return false; }},
-    {u"AcceptStop", boolean, Need::canStop, "whether it runs, and may be stopped by hand", [](const Row& row) { return row.canStop; }},
+    {u"AcceptStop", boolean, Need::canStop, "whether it runs and may be stopped by hand", [](const Row& row) { return row.canStop; }},
     {u"Caption", string, Need::description, "as DisplayName", displayNameIn},
     {u"CheckPoint", uint32},
     {u"CreationClassName", string, 0, "this class", [](const Row&) { return u"Win32_Service"; }},
@@ -71,18 +71,18 @@ constexpr PropertyInfo properties[] = {
     {u"DesktopInteract", boolean, 0, "never", [](const Row&) { return false; }},
     {u"DisplayName", string, Need::description, "Description of the unit", displayNameIn},
     {u"ErrorControl", string},
-    {u"ExitCode", uint32, Need::ending, "of a failed one: its exit status, or 1067; else 0", [](const Row& row) { return row.exitCode; }},
+    {u"ExitCode", uint32, Need::ending, "after a failure its exit status, or 1067; else 0", [](const Row& row) { return row.exitCode; }},
     {u"InstallDate", datetime},
-    {u"Name", string, 0, "of the unit, without .service", [](const Row& row) { return NameOf(row.unit); }},
+    {u"Name", string, 0, "of the unit, without .service", [](const Row& row) { return ServiceName(row.unit); }},
     {u"PathName", string, Need::command, "the first ExecStart command", [](const Row& row) { return row.command; }},
     {u"ProcessId", uint32, Need::process, "the main process; 0 without one", [](const Row& row) { return row.process; }},
-    {u"ServiceSpecificExitCode", uint32, Need::ending, "of a failed one: its exit status or signal; else 0",
+    {u"ServiceSpecificExitCode", uint32, Need::ending, "after a failure its exit status or signal; else 0",
         [](const Row& row) { return row.endingStatus; }},
-    {u"ServiceType", string, 0, "always a process of its own", [](const Row&) { return u"Own Process"; }},
+    {u"ServiceType", string, 0, "always the same", [](const Row&) { return u"Own Process"; }},
     {u"Started", boolean, 0, "whether State is Running", [](const Row& row) { return IsStarted(row.unit); }},
     {u"StartMode", string, Need::startMode, "Disabled: masked; Auto: enabled, unless inactive for a good reason; else Manual",
         [](const Row& row) { return StartModeOf(row.unit, row.start); }},
-    {u"StartName", string, Need::user, "the user that it runs as", [](const Row& row) { return row.user; }},
+    {u"StartName", string, Need::user, "the user as whom it runs", [](const Row& row) { return row.user; }},
     {u"State", string, 0, "Running, Stopped, Start Pending, Stop Pending", [](const Row& row) { return StateOf(row.unit); }},
     {u"Status", string, 0, "OK; Error after a failure; Degraded between restarts", [](const Row& row) { return HealthOf(row.unit); }},
     {u"SystemCreationClassName", string, 0, "the computer's class", [](const Row&) { return u"Win32_ComputerSystem"; }},
@@ -105,7 +105,7 @@ std::u16string_view MeaningOf(std::string_view word, const Meaning (&meanings)[c
     return otherwise;
 }
 
-/// How the unit's file says that it is started. Init scripts have generated files.
+/// How the unit's file says that it is started. For init scripts the files are generated.
 std::u16string_view FileModeOf(const ServiceUnit& unit) {
     constexpr Meaning meanings[] = {
         {"enabled", u"Auto"},    {"enabled-runtime", u"Auto"},    {"generated", u"Auto"},
@@ -121,7 +121,7 @@ bool IsAtRest(const ServiceUnit& unit, const ServiceStart& start) {
     return start.wasTried ? !start.conditionsMet : unit.fileState == "generated";
 }
 
-/// Patterns of the services that can match.
+/// The manager's patterns for the services that can match.
 std::vector<std::string> PatternsOf(const Gathering& gathering) {
     const std::vector<CimValue>* names = gathering.valuesOf(u"Name");
     if (names == nullptr) return {"*.service"};
@@ -133,23 +133,23 @@ std::vector<std::string> PatternsOf(const Gathering& gathering) {
     return patterns;
 }
 
-void TellOf(int failure, std::string_view loss, const Gathering& gathering) {
+void AddFailureNotice(int failure, std::string_view loss, const Gathering& gathering) {
     gathering.notice(
         fmt::format("{}; asking the service manager failed: {}", loss, std::generic_category().message(-failure)));
 }
 
-/// Adds to the loaded units the services of unit files. Below 0 only if the manager no longer answers.
-int Complete(UnitManager& manager, const std::vector<std::string>& patterns, const Gathering& gathering,
-             std::vector<ServiceUnit>& units) {
+/// Adds the services of unit files to the loaded units. Negative only if the manager no longer answers.
+int AddUnitFiles(UnitManager& manager, const std::vector<std::string>& patterns, const Gathering& gathering,
+                 std::vector<ServiceUnit>& units) {
     std::vector<UnitFile> files;
     int result = manager.ListFiles(patterns, files);
     if (IsLost(result)) return result;
-    if (result < 0) TellOf(result, "Services that are not loaded were left out", gathering);
+    if (result < 0) AddFailureNotice(result, "Services that are not loaded were left out", gathering);
     units = WithUnitFiles(std::move(units), files);
     if (!gathering.asksFor(Need::description)) return 0;
     result = manager.Describe(units);
     if (IsLost(result)) return result;
-    if (result < 0) TellOf(result, "Descriptions of services that are not loaded were left out", gathering);
+    if (result < 0) AddFailureNotice(result, "Descriptions of services that are not loaded were left out", gathering);
     return 0;
 }
 
@@ -161,9 +161,9 @@ int ReadEnding(UnitManager& manager, Row& row) {
     return result;
 }
 
-/// Nullopt for a text that is empty or that the manager does not give.
-int ReadText(UnitManager& manager, int (UnitManager::*read)(const ServiceUnit&, std::string&), const ServiceUnit& unit,
-             std::optional<std::string>& text) {
+/// The text stays null if it is empty, or the manager does not give it.
+int ReadUnitText(UnitManager& manager, int (UnitManager::*read)(const ServiceUnit&, std::string&),
+                 const ServiceUnit& unit, std::optional<std::string>& text) {
     std::string given;
     const int result = (manager.*read)(unit, given);
     if (!given.empty()) text = std::move(given);
@@ -171,12 +171,12 @@ int ReadText(UnitManager& manager, int (UnitManager::*read)(const ServiceUnit&, 
 }
 
 int ReadUser(UnitManager& manager, Row& row) {
-    const int result = ReadText(manager, &UnitManager::User, row.unit, row.user);
+    const int result = ReadUnitText(manager, &UnitManager::User, row.unit, row.user);
     if (result >= 0 && !row.user) row.user = "root";
     return result;
 }
 
-/// Asks for the properties of one service that the query needs, unless its state already tells them. Below 0 only if
+/// Asks for the properties of one service that the query needs, unless its state already tells them. Negative only if
 /// the manager no longer answers.
 int ReadDetails(UnitManager& manager, const Gathering& gathering, Row& row) {
     int result = 0;
@@ -190,7 +190,7 @@ int ReadDetails(UnitManager& manager, const Gathering& gathering, Row& row) {
     if (isDue(Need::canStop, IsStarted(unit))) result = manager.CanStop(unit, row.canStop);
     if (isDue(Need::ending, HasFailed(unit))) result = ReadEnding(manager, row);
     if (isDue(Need::user, true)) result = ReadUser(manager, row);
-    if (isDue(Need::command, true)) result = ReadText(manager, &UnitManager::StartCommand, unit, row.command);
+    if (isDue(Need::command, true)) result = ReadUnitText(manager, &UnitManager::StartCommand, unit, row.command);
     return IsLost(result) ? result : 0;
 }
 
@@ -242,16 +242,16 @@ std::uint32_t ExitCodeOf(const ServiceEnding& ending) {
 
 WmiStatus GatherServices(const Gathering& gathering, std::chrono::milliseconds patience) {
     const std::vector<std::string> patterns = PatternsOf(gathering);
-    if (patterns.empty()) return wmi_status::ok;  // no pattern would find all
+    if (patterns.empty()) return wmi_status::ok;  // without patterns the manager would list all
     UnitManager manager;
     std::vector<ServiceUnit> units;
     int result = manager.Connect(patience);
     if (result >= 0) result = manager.ListLoaded(patterns, units);
     if (IsAbsent(result)) return wmi_status::ok;
-    if (result >= 0) result = Complete(manager, patterns, gathering, units);
+    if (result >= 0) result = AddUnitFiles(manager, patterns, gathering, units);
     if (result >= 0) result = HandOver(manager, gathering, units);
     if (result >= 0) return wmi_status::ok;
-    TellOf(result, "Services were left out", gathering);
+    AddFailureNotice(result, "Services were left out", gathering);
     return result == -ETIMEDOUT ? wmi_status::timedOut : wmi_status::failed;
 }
 

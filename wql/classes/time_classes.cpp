@@ -31,20 +31,20 @@ constexpr PropertyInfo timeProperties[] = {
 struct ZoneRow {
     std::string name;  // of the zone; may be empty
     facts::ZoneRules rules;
-    facts::DaylightSaving daylight;  // all 0 if the clock is never changed
+    facts::DaylightSaving daylight;  // all 0 if the clock is not changed
 };
 
-/// "(UTC+01:00) Europe/Berlin".
+/// Such as "(UTC+01:00) Europe/Berlin".
 std::string CaptionOf(const ZoneRow& row) {
-    constexpr std::int32_t minutesOfHour = 60;
+    constexpr std::int32_t minutesPerHour = 60;
     const std::string& name = row.name.empty() ? row.rules.name : row.name;
     if (row.rules.minutesEast == 0) return fmt::format("(UTC) {}", name);
     const std::int32_t minutes = std::abs(row.rules.minutesEast);
-    return fmt::format("(UTC{}{:02}:{:02}) {}", row.rules.minutesEast < 0 ? '-' : '+', minutes / minutesOfHour,
-                       minutes % minutesOfHour, name);
+    return fmt::format("(UTC{}{:02}:{:02}) {}", row.rules.minutesEast < 0 ? '-' : '+', minutes / minutesPerHour,
+                       minutes % minutesPerHour, name);
 }
 
-/// Added to Bias during daylight saving; the sign is that of Windows.
+/// Minutes from daylight saving to standard time, negative as on Windows when the clock goes forward.
 std::int32_t DaylightBiasOf(const ZoneRow& row) {
     return row.rules.daylight ? row.rules.minutesEast - row.daylight.minutesEast : 0;
 }
@@ -60,7 +60,7 @@ constexpr PropertyInfo zoneProperties[] = {
     {u"DaylightDay", uint32, 0, "which DaylightDayOfWeek of the month, 5 the last", [](const ZoneRow& row) { return row.daylight.start.week; }},
     {u"DaylightDayOfWeek", uint8, 0, "0 Sunday", [](const ZoneRow& row) { return row.daylight.start.dayOfWeek; }},
     {u"DaylightHour", uint32, 0, "of the clock before the change", [](const ZoneRow& row) { return row.daylight.start.hour; }},
-    {u"DaylightMillisecond", uint32, 0, "none", zero},
+    {u"DaylightMillisecond", uint32, 0, "always 0", zero},
     {u"DaylightMinute", uint32, 0, "of the clock before the change", [](const ZoneRow& row) { return row.daylight.start.minute; }},
     {u"DaylightMonth", uint32, 0, "0 without daylight saving", [](const ZoneRow& row) { return row.daylight.start.month; }},
     {u"DaylightName", string, 0, "such as CEST", [](const ZoneRow& row) { return facts::KnownText(row.daylight.name); }},
@@ -68,11 +68,11 @@ constexpr PropertyInfo zoneProperties[] = {
     {u"DaylightYear", uint32, 0, "0: every year", zero},
     {u"Description", string, 0, "as Caption", captionIn},
     {u"SettingID", string, 0, "name of the zone", [](const ZoneRow& row) { return facts::KnownText(row.name); }},
-    {u"StandardBias", uint32, 0, "none", zero},
+    {u"StandardBias", uint32, 0, "always 0", zero},
     {u"StandardDay", uint32, 0, "which StandardDayOfWeek of the month, 5 the last", [](const ZoneRow& row) { return row.daylight.end.week; }},
     {u"StandardDayOfWeek", uint8, 0, "0 Sunday", [](const ZoneRow& row) { return row.daylight.end.dayOfWeek; }},
     {u"StandardHour", uint32, 0, "of the clock before the change", [](const ZoneRow& row) { return row.daylight.end.hour; }},
-    {u"StandardMillisecond", uint32, 0, "none", zero},
+    {u"StandardMillisecond", uint32, 0, "always 0", zero},
     {u"StandardMinute", uint32, 0, "of the clock before the change", [](const ZoneRow& row) { return row.daylight.end.minute; }},
     {u"StandardMonth", uint32, 0, "0 without daylight saving", [](const ZoneRow& row) { return row.daylight.end.month; }},
     {u"StandardName", string, 0, "such as CET", [](const ZoneRow& row) { return row.rules.name; }},
@@ -93,7 +93,7 @@ WmiStatus GatherUtcTime(const Gathering& gathering) {
     return wmi_status::ok;
 }
 
-/// Rules from the current offset, for a zone whose file ends without rules.
+/// Rules made from the current offset, for a zone whose file ends without rules.
 facts::ZoneRules RulesNow() {
     const facts::CalendarTime now = facts::LocalTimeOf(facts::MicrosecondsNow());
     return {.name = now.parts.tm_zone, .minutesEast = now.minutesEast, .daylight = std::nullopt};
