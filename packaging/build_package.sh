@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Builds the Debian packages out of the tracked files, as they are in the working tree. They come into build/package/.
+# Builds the Debian packages from the tracked files, as they are in the working tree, into build/package/.
 # Needs what `tools/install_packages.sh test` installs.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -16,7 +16,7 @@ git ls-files -z | while IFS= read -rd '' file; do [ ! -e "$file" ] || printf '%s
     tar --create --null --files-from=- | tar --extract --directory="$tree"
 cp -r "$tree/packaging/debian" "$tree/debian"
 
-# debhelper gives the build a home directory of its own; the compiler's cache stays the one of all builds.
+# debhelper gives the build another home directory; the compiler's cache stays that of all builds.
 if command -v ccache >/dev/null; then
     CCACHE_DIR=$(ccache --get-config=cache_dir)
     export CCACHE_DIR CCACHE_BASEDIR=$tree

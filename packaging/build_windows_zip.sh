@@ -14,20 +14,20 @@ mkdir -p "$tree/docs"
 for program in MonitoringAgent kvreg; do
     x86_64-w64-mingw32-strip -o "$tree/$program.exe" "build/windows/bin/$program.exe"
 done
-# Windows' own editor has known other line ends since 2018 only.
+# Windows' own editor has understood other line ends only since 2018.
 for text in packaging/windows/{INSTALL.txt,settings.reg,plan.json,computer.bat}; do
     sed 's/$/\r/' "$text" >"$tree/${text##*/}"
 done
 for text in running plans systems; do sed 's/$/\r/' "docs/$text.md" >"$tree/docs/$text.md"; done
 sed 's/$/\r/' packaging/debian/copyright >"$tree/copyright.txt"
 
-# What is linked into the programs comes with its licences.
+# The licences of what is linked into the programs.
 cp -r build/windows-deps/licences "$tree/licences"
 for library in libz-mingw-w64-dev libutfcpp-dev libcli11-dev mingw-w64-x86-64-dev gcc-mingw-w64-base; do
     cp "/usr/share/doc/$library/copyright" "$tree/licences/$library.txt"
 done
 
-# A program that needs a library which no Windows has would not start there.
+# A program that needs a library that does not come with Windows would not start.
 needed=$(x86_64-w64-mingw32-objdump -p "$tree"/*.exe | sed -n 's/^\tDLL Name: //p' | tr '[:upper:]' '[:lower:]' | sort -u)
 own='^(advapi32|crypt32|kernel32|msvcrt|ntdll|ole32|oleaut32|shell32|winhttp|ws2_32)\.dll$'
 if foreign=$(grep -vE "$own" <<<"$needed"); then

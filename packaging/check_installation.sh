@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Installs the packages of build/package in a box with a systemd of its own (tools/boxed_systemd.sh), and looks at
-# the service through upgrade, removal and purge. Takes a few seconds. Where no box can be had it tells why, and ends with 0.
+# Installs the packages of build/package in a box with its own systemd (tools/boxed_systemd.sh), and checks the service
+# through upgrade, removal and purge. Takes a few seconds. If the box cannot be started, it says why and exits with 0.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 packages=$PWD/build/package
@@ -10,17 +10,17 @@ fail() { echo "check_installation: $*" >&2; exit 1; }
 
 coproc box { exec tools/boxed_systemd.sh "kvpackage$$" "$packages" 2>"$packages/box.log"; }
 box_keeper=$box_PID
-read -r first_process <&"${box[0]}" || { echo "The installation is not tried: $(tail -n 1 "$packages/box.log")"; exit 0; }
-# With the one, containers forbid packages to start services; without the other, the index of manual pages is left alone,
+read -r first_process <&"${box[0]}" || { echo "The installation is not checked: $(tail -n 1 "$packages/box.log")"; exit 0; }
+# The first file is how containers forbid packages to start services. The second has the index of manual pages rebuilt,
 # which takes a while.
 rm -f "/proc/$first_process/root"/{usr/sbin/policy-rc.d,var/lib/man-db/auto-update}
 
 inside() { nsenter -t "$first_process" -a "$@"; }
 
-# quietly COMMAND...: its output is shown only when it fails.
+# quietly COMMAND...: shows the command's output only if it fails.
 quietly() { inside "$@" >"$packages/installation.log" 2>&1 || { cat "$packages/installation.log" >&2; fail "failed: $*"; }; }
 
-# expect WHAT COMMAND...: the command's output in the box.
+# expect OUTPUT COMMAND...: fails unless the command prints this in the box.
 expect() {
     local wanted=$1 answer
     shift
@@ -28,7 +28,7 @@ expect() {
     [ "$answer" = "$wanted" ] || fail "$* says '$answer', not '$wanted'"
 }
 
-# Whatever scripts of packages and the agent could leave behind, without what dpkg and timers keep for themselves.
+# All that the packages' scripts and the agent could leave behind, without what dpkg and timers keep for themselves.
 traces() {
     inside find /etc /var -xdev -printf '%p %M %u:%g %l\n' |
         grep -vE '^/var/(backups/|lib/dpkg/|lib/systemd/timers/|log/dpkg\.log)' | sort
@@ -36,7 +36,7 @@ traces() {
 
 show() { inside systemctl show --value --property "$1" kvagent; }
 
-# Kills the agent, and waits for what systemd makes of it.
+# Kills the agent, and waits until systemd has reacted.
 kill_agent() {
     local former
     former=$(show MainPID)
@@ -45,14 +45,14 @@ kill_agent() {
         [[ $(show MainPID) != "$former" && $(show ActiveState) =~ ^(active|failed)$ ]] && return
         sleep 0.05
     done
-    fail 'systemd makes nothing of an agent that was killed'
+    fail 'systemd does not react to an agent that was killed'
 }
 
 agent=$(echo "$packages"/kvagent_*.deb)
 lab=$(echo "$packages"/kvagent-lab_*.deb)
 key='Software\Halvorine\Kestrova\KVAgent'
 unit=corvinel-monitoring-agent.service
-# systemd is not to wait before it starts a failed agent again.
+# systemd must not wait before it starts a failed agent again.
 quietly mkdir -p /run/systemd/system/$unit.d
 quietly sh -c "printf '[Service]\nRestartSec=0\n' >/run/systemd/system/$unit.d/quick.conf"
 traces >"$packages/traces"
@@ -71,7 +71,7 @@ quietly dpkg --install "$agent"
 expect active systemctl is-active kvagent
 [ "$(show MainPID)" != "$former" ] || fail 'an upgrade does not start the new program'
 
-# No number of starts is too many where nothing fails; after failures it is started again twice.
+# There is no limit to starts without failures. After failures the agent is started again twice.
 for _ in {1..4}; do quietly systemctl restart kvagent; done
 for state in active active failed; do
     kill_agent

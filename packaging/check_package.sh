@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Checks the packages in build/package without installing them: what lintian says of them, which files are in them, that
-# the programs run, that the manual pages and the completion files have all commands and options, and that systemd
+# Checks the packages in build/package without installing them: what lintian says, which files are in them, that the
+# programs run, that the manual pages and the completion files have all commands and options, and that systemd
 # understands the unit. Nothing outside of build/package is changed.
 set -euo pipefail
 cd "$(dirname "$0")/../build/package"
@@ -13,13 +13,13 @@ export KVAGENT_STATE_DIR=$root/var/lib/kvagent
 export PATH=$root/usr/sbin:$root/usr/bin:$PATH
 key='Software\Halvorine\Kestrova\KVAgent'
 
-# check_files PACKAGE: the files outside of /usr/share/doc are those of standard input, with mode and owner.
+# check_files PACKAGE: the files outside of /usr/share/doc are those in standard input, with mode and owner.
 check_files() {
     diff <(LC_ALL=C sort -k3) <(dpkg-deb --contents "$1"_[0-9]*.deb | awk '!/^d/ && !/\/usr\/share\/doc\// { print $1, $2, $6 }' |
         LC_ALL=C sort -k3) || fail "$1 has other files (>) than it should (<)"
 }
 
-# check_told PAGE HELP: the manual page tells of the commands and options that the help text has.
+# check_told PAGE HELP: the manual page mentions the commands and options that the help text has.
 check_told() {
     local page=$1 text words word
     text=$(MANWIDTH=1000 man --local-file --encoding=UTF-8 "$root/usr/share/man/$page.gz" | col -b)
@@ -28,7 +28,7 @@ check_told() {
         grep -oP '(?<![\w/])(--|/)[a-z][a-z-]*' <<<"$2"
     )
     [ "${#words[@]}" -gt 0 ] || fail "there is nothing to look for in $page"
-    for word in "${words[@]}"; do grep -qwF -e "$word" <<<"$text" || fail "$page does not tell of $word"; done
+    for word in "${words[@]}"; do grep -qwF -e "$word" <<<"$text" || fail "$page does not mention $word"; done
 }
 
 check_pages() {
@@ -45,7 +45,7 @@ check_pages() {
     done
 }
 
-# completes WANTED WORD...: bash completes the last word to those wanted.
+# completes WANTED WORD...: bash completes the last word to the wanted ones.
 completes() {
     local wanted=$1 program=$2
     shift
@@ -70,7 +70,7 @@ check_completions() {
     completes '' kvlab serve --port 8
 }
 
-# The documents that manual pages and documents name are there.
+# The documents that manual pages and other documents name exist.
 check_named_documents() {
     local file
     while IFS= read -r file; do [ -e "$root$file" ] || fail "there is no $file"; done < <(
@@ -88,7 +88,7 @@ check_programs() {
     [[ $answer = *"not '/nonsense'"* ]] || fail "MonitoringAgent answers a wrong argument with: $answer"
     MonitoringAgent /monitor || true
     grep -q 'Not able to fetch the KVServerName' "$root/var/lib/kvagent/monitoring/logs/testmonitor.log" ||
-        fail 'MonitoringAgent does not say which setting it misses'
+        fail 'MonitoringAgent does not say which setting is missing'
 }
 
 check_unit() {
@@ -96,7 +96,7 @@ check_unit() {
     cp -rn /lib/systemd/system "$root/lib/systemd/"
     complaints=$(systemd-analyze verify --root="$root" --man=no corvinel-monitoring-agent.service 2>&1) || true
     [ -z "$complaints" ] || fail "$complaints"
-    # The start of the system waits for the network, and no limit ends a start of the agent.
+    # The agent starts after the network, and no time limit ends its start.
     for words in 'Wants=.*network-online.target' 'After=.*network-online.target.*' TimeoutStartSec=infinity; do
         grep -qx "$words" "$root/lib/systemd/system/corvinel-monitoring-agent.service" || fail "the unit lacks $words"
     done

@@ -1,18 +1,18 @@
 #!/usr/bin/env bash
-# A real systemd for tests, in a box: systemd-nspawn over an overlay of /, with processes, mounts, control groups and a
-# loopback of its own. Nothing outside of it is changed.
+# A real systemd for tests, in a box: systemd-nspawn over an overlay of /, with its own processes, mounts, control
+# groups and loopback. Nothing outside of the box is changed.
 #
 #   boxed_systemd.sh NAME FOLDER
 #
 # Boots (in about half a second), prints the process id of the box's first process, and ends the box when its standard
-# input ends, so that no box outlives the one who started it. FOLDER is shared, under the same path. Where no box can be
-# had it exits with 1, after telling why on standard error. NAME is that of no other box at the time.
+# input ends, so that no box outlives whoever started it. FOLDER is shared, under the same path. If the box cannot be
+# started, it says why on standard error and exits with 1. No other box may have the same NAME at the same time.
 #
 # Needs root and Debian's packages systemd, systemd-container, dbus and procps.
 set -euo pipefail
 name=$1 folder=$2
 
-# All mounts are in a namespace of our own, which is gone with its last process.
+# All mounts are in a separate namespace, which goes away with its last process.
 [ "${KV_BOX_MOUNTS:-}" = own ] || KV_BOX_MOUNTS=own exec unshare --mount bash "$0" "$@"
 
 groups=()
@@ -22,10 +22,10 @@ done
 [ ${#groups[@]} -gt 0 ] || { echo "there are no control groups" >&2; exit 1; }
 
 finish() {
-    # Its first process takes the whole box with it, and nspawn after it.
+    # When the box's first process ends, so do all others, and then nspawn.
     if [ -n "$(jobs -rp)" ]; then pkill -KILL -P "$nspawn" || kill -KILL "$nspawn"; fi
     wait
-    # A group is busy until the kernel has cleared its last process away.
+    # A group is busy until the kernel has removed its last process.
     for _ in {1..500}; do
         find "${groups[@]}" -depth -type d -exec rmdir {} + 2>/dev/null
         ls -d "${groups[@]}" >/dev/null 2>&1 || break
@@ -35,12 +35,12 @@ finish() {
 trap 'set +e; finish' EXIT
 trap 'exit 1' HUP INT TERM
 
-# In place of /run, where nspawn leaves traces of boxes.
+# Hides /run, where nspawn leaves traces of boxes.
 mount -t tmpfs -o size=512m tmpfs /run
 mkdir /run/{upper,work,root}
 mount -t overlay overlay -o lowerdir=/,upperdir=/run/upper,workdir=/run/work /run/root
 : >/run/root/etc/machine-id
-# In place of what the machine itself starts.
+# Started instead of what the machine starts.
 cat >/run/root/etc/systemd/system/box.target <<'UNIT'
 [Unit]
 Requires=basic.target dbus.service

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
-# Runs a command that starts Windows programs with wine64, which it finds on its PATH: in a Wine prefix of its own, made where
-# it is missing, whose services run as long as the command does. Nothing of the caller's own Wine is touched. One command at a
-# time uses a prefix; the next waits.
-# Usage: tools/in_wine.sh COMMAND...    KV_WINE_PREFIX names another prefix than build/wine
+# Runs a command that starts Windows programs with wine64, which it finds on its PATH. It has a separate Wine prefix, made if
+# it is missing, whose services run as long as the command. The caller's own Wine is not touched. Only one command at a time
+# uses a prefix; the next waits.
+# Usage: tools/in_wine.sh COMMAND...    KV_WINE_PREFIX names a prefix other than build/wine
 set -euo pipefail
 
 fail() { echo "in_wine: $*" >&2; exit 1; }
@@ -11,7 +11,7 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 export WINEPREFIX
 WINEPREFIX=$(realpath -m "${KV_WINE_PREFIX:-$root/build/wine}")
 export PATH=/usr/lib/wine:$PATH WINEDEBUG=-all WINEARCH=win64 WINEDLLOVERRIDES='mscoree,mshtml='
-# Without a screen: no window can ever wait for a button.
+# Without a screen no window can wait for someone to press a button.
 unset DISPLAY WAYLAND_DISPLAY
 
 command -v wine64 >/dev/null || fail 'wine64 is not installed (tools/install_packages.sh windows)'
@@ -23,13 +23,13 @@ exec 4>"$begun"
 flock 4
 
 if [ ! -e "$WINEPREFIX/made" ]; then
-    timeout 120 wine64 wineboot.exe -i >/dev/null 2>&1 </dev/null 4<&- || fail "Wine makes no prefix in $WINEPREFIX"
+    timeout 120 wine64 wineboot.exe -i >/dev/null 2>&1 </dev/null 4<&- || fail "Wine cannot make a prefix in $WINEPREFIX"
     wineserver64 -w
     touch "$WINEPREFIX/made"
 fi
 
-# Wine starts its services with the first program and ends them with the last. With one that stays, a test need not wait for
-# them. It waits for a line from a pipe that nobody writes to, and leaves with the prefix.
+# Wine starts its services with the first program and ends them with the last. This program stays, so that tests need not
+# wait for the services: it waits for a line from a pipe to which nobody writes.
 mkfifo "$WINEPREFIX/never.$$"
 exec 3<>"$WINEPREFIX/never.$$"
 rm "$WINEPREFIX/never.$$"
@@ -43,7 +43,7 @@ trap leave EXIT
 trap 'exit 130' INT
 trap 'exit 143' TERM
 
-# Ends when the services are up. Had the command to start them, they would hold its output open for as long as they run.
+# Returns when the services are up. If the command had to start them, they would hold its output open as long as they run.
 timeout 120 wine64 cmd.exe /c exit >/dev/null 2>&1 </dev/null 3<&- 4<&- || fail "Wine does not start in $WINEPREFIX"
 
 "$@" 3<&- 4<&-

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that building and trying need; with "test" those for testing, fuzzing and packaging, too, and
-# with "windows" those for building and running the Windows programs. Does nothing when all are there.
+# Installs the Debian packages that building and running need; with "test" also those for testing, fuzzing and packaging, with
+# "windows" also those for building and running the Windows programs. Does nothing if all are installed.
 # Usage: tools/install_packages.sh build|test|windows
 set -euo pipefail
 
@@ -29,8 +29,8 @@ if [ "$(id -u)" -ne 0 ]; then
     command -v sudo >/dev/null || { echo "install_packages: run as root, or install: ${missing[*]}" >&2; exit 1; }
     as_root=(sudo)
 fi
-# The tests start a snmpd of their own. To keep that of the package from being started as a service, for the time of the
-# install the programs that would start it do nothing.
+# The tests start their own snmpd. So that the package's is not started as a service, the programs that would start it do
+# nothing during the installation.
 stubs=$(mktemp -d)
 trap 'rm -rf "$stubs"' EXIT
 chmod 755 "$stubs"

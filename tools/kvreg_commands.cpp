@@ -39,11 +39,11 @@ using commandline::NotFoundError;
 using commandline::UsageError;
 using commandline::Value;
 
-constexpr std::uint32_t watchMilliseconds = 1000;  // between two looks whether anyone reads
+constexpr std::uint32_t watchMilliseconds = 1000;  // between two checks whether anyone reads
 constexpr std::uint32_t watchMissingMilliseconds = 200;
-constexpr std::size_t maximumRegFileBytes = 64U << 20;  // far more than any registry of the agent takes
+constexpr std::size_t maximumRegFileBytes = 64U << 20;  // far more than an agent's registry needs
 
-/// A command that prints seldom would not notice otherwise that the pipe's reader has gone.
+/// A command that rarely prints would not otherwise notice that the reader of its pipe has gone.
 void RequireReader() {
     if (!platform::OutputHasReader()) throw std::runtime_error("nobody reads standard output any more");
 }
@@ -59,7 +59,7 @@ std::string SystemText(Error failure) {
 
 bool IsGone(Error failure) { return failure == error::fileNotFound || failure == error::keyDeleted; }
 
-/// Throws unless the result is success; missing says what does not exist when that is the reason.
+/// Throws unless the result is success. If something does not exist, missing says what.
 void Require(Error result, const std::string& what, const std::string& missing) {
     if (result == error::success) return;
     if (IsGone(result)) throw NotFoundError("there is no " + missing);
@@ -71,7 +71,7 @@ std::u16string WideArgument(const std::string& argument) {
     return platform::WideFromUtf8(argument);
 }
 
-/// Of a path that does not begin with the one root that there is.
+/// Whether a path begins like a root other than HKEY_LOCAL_MACHINE, which was looked for before.
 bool NamesAnotherRoot(std::string_view path) {
     constexpr std::string_view beginning = "hkey_";
     return path.size() >= beginning.size() &&
@@ -191,24 +191,23 @@ void PrintChanges(const Snapshot& before, const Snapshot& after) {
     commandline::FlushOutput();
 }
 
-/// Until interrupted, or until nobody reads. A key that is deleted is waited for until it is there again.
+/// Runs until interrupted, or until nobody reads. If the key is deleted, waits until it exists again.
 void Watch(const Given& given) {
     const std::u16string path = KeyArgument(Value(given, "KEY"));
-    platform::RegistryKey key = 0;
+    platform::OwnedRegistryKey key;
     const auto open = [&] {
         return platform::Registry().RegOpenKeyExW(platform::RootKey::localMachine, path, platform::RegistryAccess::read,
-                                                  key);
+                                                  key.place());
     };
     const std::string what = "cannot watch the key " + WholePath(path);
     Require(open(), what, "key " + WholePath(path));
     Snapshot before = TakeSnapshot(path);
     while (true) {
         RequireReader();
-        const Error result = key ? platform::Registry().RegNotifyChangeKeyValue(key, watchMilliseconds) : open();
+        const Error result = key ? platform::Registry().RegNotifyChangeKeyValue(key.get(), watchMilliseconds) : open();
         if (result == error::waitTimeout) continue;
         if (IsGone(result)) {
-            if (key) platform::Registry().RegCloseKey(key);
-            key = 0;
+            key.Close();
             platform::Clock().Sleep(watchMissingMilliseconds);
         } else {
             Require(result, what, "");
@@ -232,7 +231,7 @@ void Export(const Given& given) {
 
 std::string ReadFileWhole(const std::string& name) {
     const fs::path path(std::u8string(name.begin(), name.end()));
-    std::error_code ignored;  // what cannot be asked cannot be opened either
+    std::error_code ignored;  // a file without a status cannot be opened either
     const fs::file_status status = fs::status(path, ignored);
     if (status.type() == fs::file_type::not_found) throw NotFoundError(fmt::format("there is no file {}", name));
     std::error_code failure;
@@ -285,22 +284,22 @@ constexpr Word importWords[] = {{"FILE", "file to read, at most 64 MB"}};
 
 constexpr Command commands[] = {
     {"get", "Prints the data of a value.", getWords, {}, Get},
-    {"set", "Stores a text, or a number with --dword. Makes the key when it is missing.", setWords, setOptions, Set},
-    {"delete", "Deletes a value; without NAME the key with all below it.", deleteWords, {}, Delete},
+    {"set", "Stores a text, or a number with --dword. Makes the key if it is missing.", setWords, setOptions, Set},
+    {"delete", "Deletes a value, or without NAME the key and all below it.", deleteWords, {}, Delete},
     {"list", "Shows the values of a key, and its subkeys.", keyWords, {}, List},
     {"watch",
-     "Prints a line for each change of a value in the key or below it, until interrupted. A key that is deleted "
-     "meanwhile is waited for.",
+     "Prints a line for each change of a value in the key or below it, until interrupted. If the key is deleted, waits "
+     "until it exists again.",
      keyWords,
      {},
      Watch},
     {"export",
-     "Writes the registry, or a key with all below it, to a .reg file. A new file is readable to its owner only: the "
-     "password of a proxy may be in it.",
+     "Writes the registry, or a key and all below it, to a .reg file. Only its owner can read a new file, because it "
+     "may hold the password of a proxy.",
      exportWords,
      {},
      Export},
-    {"import", "Carries out a .reg file. A malformed one changes nothing.", importWords, {}, Import},
+    {"import", "Applies a .reg file. A malformed file changes nothing.", importWords, {}, Import},
 };
 
 constexpr std::span<const Command> topics[] = {commands};

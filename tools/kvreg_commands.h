@@ -5,7 +5,7 @@
 
 namespace kv {
 
-/// The backend and the registry have to be installed before its commands run.
+/// The backend and the registry must be installed before its commands run.
 const commandline::Program& RegistryTool();
 
 }  // namespace kv

@@ -2,7 +2,7 @@
 # Runs clang-tidy over the lines that changed: since the branch left origin/main, else in the last commit, and what is not
 # committed. Fails when it finds something.
 #
-#   tools/lint.sh PRESET [COMMIT]     PRESET is built already; COMMIT is where the changes begin
+#   tools/lint.sh PRESET [COMMIT]     PRESET must be built; COMMIT is where the changes begin
 set -euo pipefail
 cd "$(dirname "$0")/.."
 

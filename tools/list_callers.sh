@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Lists the free routines that headers declare, each with how often the system's sources and the tests name it beside
-# its declaration and its definition: what has no caller is either a part of the listed interfaces or goes.
+# Lists the free routines that headers declare, each with how often the system's sources and the tests name it, besides
+# its declaration and its definition. A routine without callers is either part of a listed interface or should go.
 #
 #   tools/list_callers.sh [FOLDER...]     foundation, queryconf and jsontext by default
 set -euo pipefail

@@ -16,12 +16,12 @@ namespace {
 using platform::RegistryType;
 
 constexpr std::u16string_view header = u"Windows Registry Editor Version 5.00";
-constexpr std::string_view olderHeader = "REGEDIT4";  // of a format in the code page of the system that wrote it
+constexpr std::string_view olderHeader = "REGEDIT4";  // that format is in the code page of the system that wrote it
 constexpr std::u16string_view rootName = u"HKEY_LOCAL_MACHINE";
 constexpr std::u16string_view shortRootName = u"HKLM";
 constexpr std::size_t printedWidth = 78;  // of a line of hexadecimal bytes, before its backslash
 
-/// A cursor over the whole text. What fails notes where and why.
+/// A cursor over the whole text. A routine that fails notes where and why.
 struct Cursor {
     std::u16string_view text;
     std::size_t position;
@@ -87,7 +87,7 @@ void SkipLineEnd(Cursor& at) {
     }
 }
 
-/// Takes a word if it stands here, without regard to case.
+/// Takes a word if it is next, without regard to case.
 bool TakeWord(Cursor& at, std::u16string_view word) {
     if (!EqualIgnoreCase(at.text.substr(at.position, word.size()), word)) return false;
     at.position += word.size();
@@ -99,7 +99,7 @@ std::u16string_view WithoutBlanksAtEnd(std::u16string_view text) {
     return text;
 }
 
-/// A quoted text; its opening quote stands here.
+/// A quoted text, whose opening quote is next.
 bool ParseQuoted(Cursor& at, std::u16string& text) {
     const std::size_t begin = at.position++;
     while (!AtEnd(at)) {
@@ -139,7 +139,7 @@ bool ParseDword(Cursor& at, RegFileValue& value) {
     return true;
 }
 
-/// Blanks, and a backslash at the end of a line with all blanks that begin the next one.
+/// Skips blanks, and a backslash at the end of a line with the blanks that begin the next line.
 bool SkipBlanksAndContinuations(Cursor& at) {
     SkipBlanks(at);
     while (Peek(at) == u'\\') {
@@ -153,7 +153,7 @@ bool SkipBlanksAndContinuations(Cursor& at) {
     return true;
 }
 
-/// Bytes with commas between them, possibly none, over any number of lines.
+/// Bytes separated by commas, over any number of lines. There may be no bytes.
 bool ParseBytes(Cursor& at, std::vector<std::byte>& data) {
     if (!SkipBlanksAndContinuations(at)) return false;
     if (IsLineEnd(Peek(at)) || Peek(at) == u';') return true;
@@ -178,7 +178,7 @@ bool ParseHex(Cursor& at, RegFileValue& value) {
         }
         value.type = static_cast<RegistryType>(type);
     }
-    if (!TakeWord(at, u":")) return Fail(at, "hex lacks its colon");
+    if (!TakeWord(at, u":")) return Fail(at, "the colon after hex is missing");
     return ParseBytes(at, value.data);
 }
 
@@ -208,8 +208,8 @@ bool ParseName(Cursor& at, std::u16string& name) {
 
 bool ParseValueLine(Cursor& at, RegFile& file) {
     const std::size_t begin = at.position;
-    if (file.empty()) return Fail(at, "a value stands before the first [key]");
-    if (file.back().deleted) return Fail(at, "a value stands under a key that is to be deleted");
+    if (file.empty()) return Fail(at, "a value comes before the first [key]");
+    if (file.back().deleted) return Fail(at, "a key that is to be deleted has a value");
     RegFileValue value;
     if (!ParseName(at, value.name)) return false;
     SkipBlanks(at);
@@ -218,7 +218,7 @@ bool ParseValueLine(Cursor& at, RegFile& file) {
     if (!ParseData(at, value)) return false;
     SkipBlanks(at);
     if (Peek(at) == u';') TakeLine(at);
-    if (!IsLineEnd(Peek(at))) return Fail(at, "something stands after the data");
+    if (!IsLineEnd(Peek(at))) return Fail(at, "there is something after the data");
     if (value.data.size() > platform::maximumValueBytes) return Fail(at, begin, "the data is larger than 1 MB");
     file.back().values.push_back(std::move(value));
     return true;
@@ -287,7 +287,7 @@ std::u16string DecodeUtf16(std::string_view bytes, bool bigEndian) {
     return text;
 }
 
-/// UTF-8 that is checked line by line, so that the error can name one.
+/// UTF-8, checked line by line so that an error can name the line.
 bool DecodeUtf8(std::string_view bytes, std::u16string& text, RegFileError& error) {
     for (std::size_t line = 1, begin = 0; begin < bytes.size(); ++line) {
         const std::size_t end = std::min(bytes.find('\n', begin), bytes.size() - 1) + 1;
@@ -320,8 +320,8 @@ bool Decode(std::string_view bytes, std::u16string& text, RegFileError& error) {
     return false;
 }
 
-/// True when quotes can hold the data so that a parser reads the same text: a whole text, its terminator or a part of
-/// it, and nothing else.
+/// Whether a parser reads the same text back if the data is printed in quotes: the data is a whole text, with all of
+/// its terminator, part of it or nothing of it, and nothing else.
 bool FitsQuotes(std::span<const std::byte> data, const std::u16string& text) {
     const std::size_t textBytes = text.size() * sizeof(char16_t);
     if (data.empty() || data.size() < textBytes || data.size() > textBytes + sizeof(char16_t)) return false;

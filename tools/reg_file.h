@@ -3,7 +3,7 @@
 //   Windows Registry Editor Version 5.00
 //
 //   ; a comment
-//   [HKEY_LOCAL_MACHINE\Software\Example]         the key that the lines below belong to
+//   [HKEY_LOCAL_MACHINE\Software\Example]         the key to which the lines below belong
 //   @="text of the default value"                 \\ and \" stand for a backslash and a quote
 //   "name"=dword:0000001e                         one to eight hexadecimal digits
 //   "name"=hex:01,02,\                            bytes; a backslash at the end goes on in the next line
@@ -12,9 +12,9 @@
 //   "name"=-                                      deletes the value
 //   [-HKEY_LOCAL_MACHINE\Software\Old]            deletes the key and all below it
 //
-// Read are UTF-16 of either byte order with a byte order mark, and UTF-8 with one or without; line ends of any system;
-// HKLM for the root's name; quoted data that goes on over line ends. Written is UTF-16LE with a byte order mark and
-// CRLF.
+// The parser takes UTF-16 of either byte order with a byte order mark, and UTF-8 with or without one; line ends of any
+// system; HKLM as the root's name; quoted data over several lines. The printer writes UTF-16LE with a byte order mark
+// and CRLF.
 #pragma once
 
 #include <cstddef>
@@ -48,20 +48,20 @@ struct RegFileError {
     std::string message;
 };
 
-/// True, or false with the first error, and then file is empty. Names, lengths and the root are checked, so that what
-/// was parsed can also be stored.
+/// True; or false, with the first error and an empty file. Names, lengths and the root are checked, so that what was
+/// parsed can also be stored.
 bool ParseRegFile(std::string_view bytes, RegFile& file, RegFileError& error);
 
-/// The bytes of a .reg file. A text that its line cannot hold as it is (control characters, more than a text) is
+/// The bytes of a .reg file. A text that cannot stand in quotes (it has control characters, or bytes after its end) is
 /// written as hex(1).
 std::string PrintRegFile(const RegFile& file);
 
-/// The path below HKEY_LOCAL_MACHINE of a whole key path; false when it names another root, or no root. The path is not
-/// checked otherwise.
+/// Splits the root off a whole key path; false when it names another root, or no root. The path below the root is not
+/// checked.
 bool SplitRootName(std::u16string_view wholePath, std::u16string_view& path);
 
-/// The text in a value's bytes: up to the first zero character or the end. A last byte without its partner counts as
-/// the low half of a character, since a text may be stored with half of its terminator.
+/// The text in a value's bytes, up to the first zero character or the end. An odd last byte counts as the low half of a
+/// character, because a text may be stored with half of its terminator.
 std::u16string TextOfData(std::span<const std::byte> data);
 
 /// The bytes of a text, with its terminator.

@@ -16,13 +16,13 @@ Error OpenKey(std::u16string_view path, RegistryAccess access, OwnedRegistryKey&
     return platform::Registry().RegOpenKeyExW(RootKey::localMachine, path, access, key.place());
 }
 
-/// Tries again with more room for as long as the value does not fit, since it may grow in between.
+/// Tries again with more room as long as the value does not fit, because it may grow in between.
 Error QueryValue(platform::RegistryKey key, std::u16string_view name, RegFileValue& value) {
     value.name = name;
     std::size_t size = 0;
     Error result = error::moreData;
     while (result == error::moreData) {
-        value.data.resize(size + 1);  // without any room only the size would be told
+        value.data.resize(size + 1);  // without room the query would only give the size
         size = value.data.size();
         result = platform::Registry().RegQueryValueExW(key, name, &value.type, value.data.data(), size);
     }

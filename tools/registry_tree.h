@@ -16,23 +16,24 @@ struct KeyContents {
     std::vector<RegFileValue> values;     // in order of name
 };
 
-/// One key. What another process deletes meanwhile is left out.
+/// Reads one key into empty contents. What another process deletes meanwhile is left out.
 platform::Error ReadKey(std::u16string_view path, KeyContents& contents);
 
-/// One value's type and bytes; fileNotFound when the key or the value is missing.
+/// Reads one value; fileNotFound when the key or the value is missing.
 platform::Error ReadValue(std::u16string_view path, std::u16string_view name, RegFileValue& value);
 
-/// A key and all below it, parents first; fileNotFound when it does not exist. Stops at the first failure; failedAt
-/// then holds the path of the key that could not be read.
+/// Reads a key and all below it, parents first; fileNotFound when the key does not exist. Stops at the first failure,
+/// and failedAt then is the path of the key that could not be read.
 platform::Error ReadTree(std::u16string_view path, RegFile& tree, std::u16string& failedAt);
 
+/// Stores a value. Makes the key if it is missing.
 platform::Error WriteValue(std::u16string_view path, const RegFileValue& value);
 
-/// fileNotFound when the key or the value is missing.
+/// Deletes a value; fileNotFound when the key or the value is missing.
 platform::Error DeleteValue(std::u16string_view path, std::u16string_view name);
 
-/// Carries out a .reg file from the top: makes keys, stores values, deletes what it says to delete, where that is
-/// there. Stops at the first failure; failedAt then holds the key's path.
+/// Applies a .reg file from the top: makes keys, stores values, and deletes what it says to delete, if that exists.
+/// Stops at the first failure, and failedAt then is the key's path.
 platform::Error ApplyRegFile(const RegFile& file, std::u16string& failedAt);
 
 }  // namespace kv

@@ -16,15 +16,15 @@ using commandline::InLine;
 
 using platform::RegistryType;
 
-std::optional<std::uint32_t> NumberOf(const RegFileValue& value) {
+std::optional<std::uint32_t> DwordIn(const RegFileValue& value) {
     if (value.type != RegistryType::dword || value.data.size() != 4) return std::nullopt;
     std::uint32_t number = 0;
     for (std::size_t i = 4; i-- > 0;) number = number << 8 | std::to_integer<std::uint32_t>(value.data[i]);
     return number;
 }
 
-/// The texts of a list, up to its empty one.
-std::string TextsOf(std::span<const std::byte> data, std::string_view separator) {
+/// The texts of a list, up to the empty one that ends it.
+std::string JoinedTexts(std::span<const std::byte> data, std::string_view separator) {
     std::string joined;
     while (true) {
         const std::u16string text = TextOfData(data);
@@ -41,13 +41,13 @@ std::string Hexadecimal(std::span<const std::byte> data) {
     return text;
 }
 
-std::string TextOf(const RegFileValue& value, std::string_view separator) {
+std::string DataText(const RegFileValue& value, std::string_view separator) {
     switch (value.type) {
         case RegistryType::text:
         case RegistryType::expandableText:
             return platform::Utf8FromWide(TextOfData(value.data));
         case RegistryType::multiText:
-            return TextsOf(value.data, separator);
+            return JoinedTexts(value.data, separator);
         default:
             return Hexadecimal(value.data);
     }
@@ -73,13 +73,13 @@ std::string TypeName(RegistryType type) {
 }
 
 std::string PlainData(const RegFileValue& value) {
-    const std::optional<std::uint32_t> number = NumberOf(value);
-    return number ? fmt::format("{}", *number) : TextOf(value, "\n");
+    const std::optional<std::uint32_t> number = DwordIn(value);
+    return number ? fmt::format("{}", *number) : DataText(value, "\n");
 }
 
 std::string DataInLine(const RegFileValue& value) {
-    const std::optional<std::uint32_t> number = NumberOf(value);
-    return number ? fmt::format("0x{:x} ({})", *number, *number) : InLine(TextOf(value, "\\0"));
+    const std::optional<std::uint32_t> number = DwordIn(value);
+    return number ? fmt::format("0x{:x} ({})", *number, *number) : InLine(DataText(value, "\\0"));
 }
 
 std::string NameInLine(std::u16string_view name) {
