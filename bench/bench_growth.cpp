@@ -45,7 +45,7 @@ Memory MeasureMemory() {
     return memory;
 }
 
-/// An install tree with one script in a folder of its own, entered and removed at the end.
+/// An install tree with one script, in a temporary folder that is the current one as long as this lives.
 struct InstallTree {
     fs::path folder;
 
@@ -85,7 +85,7 @@ void StartAgent(const InstallTree& tree) {
     kv::scheduleQueryHashData();
 }
 
-/// Runs the timer until the workflow has run so often; the records are taken away as the uploader would.
+/// Runs the timer until the workflow has run this often. Removes the records as the uploader would.
 void RunTimes(kv::test::VirtualClock& clock, std::uint32_t runs) {
     const std::uint32_t last = kv::agentState.gv_ocLastCreatedJSONNum + runs;
     clock.onSleep = [last](std::uint32_t) {

@@ -17,7 +17,7 @@ std::size_t allocations = 0;
 
 }  // namespace
 
-// Not inlined, as the compiler would take new and free for a mismatch.
+// Not inlined, because the compiler would take new and free for a mismatch.
 [[gnu::noinline]] void* operator new(std::size_t size) {
     ++allocations;
     if (void* memory = std::malloc(size)) return memory;
@@ -45,7 +45,7 @@ void LogStepOff(benchmark::State& state) {
     }
 }
 
-/// For one line with all kinds of arguments, the file left out.
+/// Allocations for one line with all kinds of arguments, without those for the file.
 std::size_t AllocationsOfALine() {
     kv::logState.gv_logLevel = 1;
     constexpr int lines = 1000;

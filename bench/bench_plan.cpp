@@ -57,7 +57,7 @@ std::string SnmpRecord(const std::string& number) {
            ", " + Member("IS_MULTIPLE_POLLED_DATA", "true") + " }";
 }
 
-/// A plan with the three kinds of records by turns; every other workflow has two records.
+/// A plan with the three kinds of records in turn; every other workflow has two records.
 std::string MakePlan() {
     std::string plan = "{ \"WorkFlows\": [\n";
     for (int i = 0; i < workflowCount; ++i) {
@@ -73,7 +73,7 @@ std::string MakePlan() {
     return plan + "\n] }\n";
 }
 
-/// An install tree in a folder of its own, entered and removed at the end.
+/// An install tree in a temporary folder, which is the current one as long as this lives.
 struct InstallTree {
     fs::path folder;
 
@@ -102,8 +102,8 @@ double ProcessorSeconds() {
     return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
 }
 
-/// Processor time of a piece of work in a process of its own, or a negative number when the work fails. What it costs
-/// depends on the heap it meets; so each run meets the same untouched one.
+/// Processor time of a piece of work in a new process, or a negative number when the work fails. The time depends on
+/// the heap, so each run starts with the same untouched one.
 double SecondsInNewProcess(bool (*work)()) {
     std::array<int, 2> channel{};
     if (pipe(channel.data()) != 0) return -1;

@@ -26,7 +26,7 @@ void* Allocate(std::size_t size) {
 
 }  // namespace
 
-// Not inlined, so that the compiler does not hold a `new` against a `free`.
+// Not inlined, because the compiler would take new and free for a mismatch.
 [[gnu::noinline]] void* operator new(std::size_t size) {
     if (void* memory = Allocate(size)) return memory;
     throw std::bad_alloc();
@@ -109,7 +109,7 @@ BENCHMARK(Decode);
 }  // namespace
 
 int main(int argc, char** argv) {
-    // A message has nothing of its own on the way out, and a record and a community on the way in.
+    // Besides the variables, encoding needs nothing, and decoding a record and a community.
     constexpr double encodeLimit = 0;
     constexpr double decodeLimit = 2 + 3 * variables;
     platform::InstallBackend();

@@ -1,5 +1,5 @@
-// A walk of a table of 5,000 rows of one snmpd, beside the snmpwalk command doing the same. Both ask for one value at a
-// time; the engine opens a socket for each exchange, the command has one for all. User time at most half of the
+// A walk of a table of 5,000 rows of one snmpd, against the snmpwalk command doing the same. Both ask for one value at
+// a time; the engine opens a socket for each exchange, the command one for all. User time at most half of the
 // command's, user and system time together at most 1.3 times, wall time at most 1.15 times.
 #include <algorithm>
 #include <array>

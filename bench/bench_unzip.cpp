@@ -1,5 +1,5 @@
-// What unpacking costs beyond what cannot be saved: a zip of 2,501 record files of 4 KB, against raw inflate and CRC-32
-// of the same bytes in memory and the writing of the same files. Processor time, at most 1.3 times.
+// What unpacking costs beyond the minimum: a zip of 2,501 record files of 4 KB, against raw inflate and CRC-32 of the
+// same bytes in memory and writing the same files. Processor time, at most 1.3 times.
 #include <array>
 #include <benchmark/benchmark.h>
 #include <cstdio>
@@ -31,7 +31,7 @@ namespace fs = std::filesystem;
 using kv::bench::recordCount;
 using kv::bench::recordSize;
 
-/// An item of the archive, all that the peer needs to know of it.
+/// What the peer needs to know about an item of the archive.
 struct Packed {
     std::string path;
     unsigned char* data = nullptr;
@@ -118,8 +118,7 @@ int main(int argc, char** argv) {
     kv::bench::InitializeInterleaved(argc, argv);
 
     platform::InstallBackend();
-    // In memory where there is such a place: making thousands of files takes a disk now this long and now twice as
-    // long.
+    // In memory if there is such a place: the time in which a disk makes thousands of files varies by a factor of two.
     const fs::path memory = "/dev/shm";
     std::string folder =
         ((fs::is_directory(memory) ? memory : fs::temp_directory_path()) / "kvagent-bench-XXXXXX").string();

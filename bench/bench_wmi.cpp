@@ -1,8 +1,8 @@
 // What a query costs, from its text to the rows of a record.
 //
 // All of Win32_OperatingSystem takes under a millisecond. Three properties of every process take at most the processor
-// time of the ps command that prints the same, with the processes of this machine and with a thousand more. A WHERE on
-// ProcessId reads that process alone: beside a query without it, it takes no more files than one process has.
+// time of the ps command that prints the same, with the processes of this machine and with a thousand more. With WHERE
+// on ProcessId a query reads only that process: at most three calls of read.
 #include <algorithm>
 #include <array>
 #include <chrono>
@@ -116,7 +116,7 @@ bool MeasureOneProcess() {
     const long between = Reads();
     if (CountRows(query) != 1) return false;
     const long after = Reads();
-    const long counting = Reads() - after;  // what the look at the count costs itself
+    const long counting = Reads() - after;  // what counting itself costs
     std::printf("reads: %ld for %d processes, %ld for one\n", between - before - counting, all,
                 after - between - counting);
     return Within("WHERE ProcessId = 1, reads", static_cast<double>(after - between - counting), 3);

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# What an idle agent costs: ten workflows on one-minute scripts, a lab server over plain HTTP, watched for some minutes.
+# What an idle agent costs: ten workflows with a script a minute, a lab server over plain HTTP, watched for some minutes.
 # Prints its proportional set size against the limit of 7 MB and its processor time, outside its scripts, against 0.2 % of
 # one core.
 #
@@ -47,7 +47,7 @@ done
 agent=$!
 pids+=("$agent")
 
-# Processor time of the agent itself in clock ticks; its scripts are counted elsewhere.
+# Processor time of the agent itself in clock ticks, without its scripts.
 ticks() { awk '{ print $14 + $15 }' "/proc/$agent/stat"; }
 # Memory in kB, by the names of smaps_rollup.
 memory() { awk -v names="^($1):" '$1 ~ names { sum += $2 } END { print sum }' "/proc/$agent/smaps_rollup"; }

@@ -1,4 +1,4 @@
-// What benchmarks that compare two measurements of one run share: the order of the runs, and the medians.
+// For benchmarks that compare two measurements of one run: the order of the repetitions, and the medians.
 #pragma once
 
 #include <benchmark/benchmark.h>
@@ -8,7 +8,7 @@
 
 namespace kv::bench {
 
-/// Reads the command line; the repetitions of the benchmarks are mixed, so that both meet the same machine.
+/// Reads the command line, and mixes the repetitions of the benchmarks, so that both run under the same conditions.
 inline void InitializeInterleaved(int argc, char** argv) {
     std::vector<char*> arguments(argv, argv + argc);
     std::string interleaved = "--benchmark_enable_random_interleaving=true";
@@ -18,11 +18,11 @@ inline void InitializeInterleaved(int argc, char** argv) {
     benchmark::Initialize(&count, arguments.data());
 }
 
-/// The usual table, from which two medians are kept, in the benchmarks' own unit: of processor time, or of the time
-/// that they measure themselves.
+/// Prints the usual table, and keeps two medians in the benchmarks' own unit: of processor time, or of the time that
+/// they measure themselves.
 class MedianReporter : public benchmark::ConsoleReporter {
   public:
-    /// The name of the measurement that the other one is held against.
+    /// Takes the name of the measurement with which the other one is compared.
     explicit MedianReporter(std::string peerName) : peerName_(std::move(peerName)) {}
 
     void ReportRuns(const std::vector<Run>& runs) override {

@@ -13,7 +13,7 @@ namespace kv::bench {
 inline constexpr int recordCount = 2501;
 inline constexpr std::size_t recordSize = 4096;  // bytes
 
-/// A record as a script or a query leaves it: rows of a process list, no two the same.
+/// A record as a script or a query writes it: rows of a process list, no two alike.
 inline std::u16string RecordText(std::mt19937& random) {
     static constexpr std::array names{"systemd", "kworker/u8:2-events_unbound", "sshd", "postgres", "nginx", "cron"};
     std::string text = R"({ "MSPCUSTOMERID": "ACME", "AGENTKEY": "7301", "DATACOLLECTTIME": ")" +

@@ -1,6 +1,6 @@
 // Any text as a JSON document: what is read, written and read again is the same tree.
 //
-// The first byte picks the door: even, the rest is a document in UTF-8; odd, one in UTF-16LE.
+// The first byte picks the encoding of the rest: UTF-8 if it is even, UTF-16LE if it is odd.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -37,7 +37,7 @@ bool SameList(const Vector* a, const Vector* b) {
 }
 
 bool SameValue(Word a, ValueType typeOfA, Word b, ValueType typeOfB) {
-    // Of a 64-bit integer the low half is stored and written, and comes back as a 32-bit one.
+    // Only the low half of a 64-bit integer is stored and written. It comes back as a 32-bit integer.
     if (typeOfA == ValueType::other) typeOfA = ValueType::integer;
     if (typeOfA != typeOfB) return false;
     switch (typeOfA) {

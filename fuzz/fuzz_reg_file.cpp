@@ -1,5 +1,5 @@
-// The .reg parser takes anything; what it has accepted is printed, and that text is a fixed point: it parses, and
-// prints as it is.
+// Any bytes for the .reg parser. What it accepts is printed, and that text is a fixed point: it parses, and prints the
+// same again.
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>

@@ -1,8 +1,8 @@
-// Any bytes through every parser of the codec, in a buffer that ends as soon as the codec allows. What a parser gives
-// out is built again, shorter or not, and has to come back as it was; without room for all of it, it is not built.
+// Any bytes through every parser of the codec, in a buffer that ends as soon as the codec allows. What a parser returns
+// is built again, perhaps shorter, and must parse to the same; without room for all of it, it is not built.
 //
-// The first byte is the room for the value parsed (bytes, or sub-identifiers), the second is what lies behind the end
-// of the rest, and how much of the room for building is missing.
+// The first byte is the room for the parsed value (bytes, or sub-identifiers). The second is what lies behind the end
+// of the rest, and decides how much room for building there is when there is too little.
 #include <algorithm>
 #include <array>
 #include <cstddef>
@@ -37,7 +37,7 @@ void Expect(bool holds) {
     if (!holds) std::abort();
 }
 
-/// What build(position, remaining) writes; nullopt if it refuses even with room enough.
+/// What build(position, remaining) writes; absent if it refuses even with enough room.
 template <class Build>
 std::optional<Bytes> Built(const Input& input, Build build) {
     static std::array<std::uint8_t, 4096> roomy;
@@ -52,7 +52,7 @@ std::optional<Bytes> Built(const Input& input, Build build) {
     return Bytes(roomy.data(), roomy.data() + size);
 }
 
-/// value comes with its room.
+/// The value comes with room for what is parsed.
 template <class Value, class Parse, class Build>
 void RoundTrip(const Input& input, Value value, Parse parse, Build build) {
     Value again = value;
@@ -61,7 +61,7 @@ void RoundTrip(const Input& input, Value value, Parse parse, Build build) {
     const Position next = parse(input.begin, &remaining, &tag, value);
     if (!next) return;
     Expect(next > input.begin && remaining >= 0 && next + remaining <= input.end());
-    // Only an object identifier without room for all of it is left in its middle.
+    // Only for an object identifier without enough room the parser stops in the middle.
     if constexpr (!std::is_same_v<Value, Words>) Expect(next + remaining == input.end());
 
     const std::optional<Bytes> built =
@@ -102,7 +102,7 @@ auto BytesBuilder(auto build) {
     };
 }
 
-/// An empty one is built as 0.0, and taken for it here.
+/// An empty object identifier is built as 0.0, and so counts as that here.
 void SetCount(Words& oid, std::int32_t count) {
     Expect(count >= 1 && static_cast<std::size_t>(count) <= oid.size());
     oid.resize(static_cast<std::size_t>(std::max(count, 2)));
@@ -148,7 +148,7 @@ void Header(const Input& input) {
     }
 }
 
-/// A variable taken apart, its value in the form in which it is built.
+/// A variable taken apart, with its value in the form from which it is built.
 struct Variable {
     Words oid;
     std::uint8_t tag = 0;
@@ -157,7 +157,7 @@ struct Variable {
     bool operator==(const Variable&) const = default;
 };
 
-/// Sets bytes or words; false when no builder takes the value.
+/// Sets bytes or words; false when no builder accepts the value.
 bool ReadValue(Variable& variable, Position position, std::int32_t length) {
     const Position content = AsnSkipHeader(position);
     auto remaining = static_cast<std::int32_t>(content - position) + length;
@@ -199,7 +199,7 @@ bool ReadValue(Variable& variable, Position position, std::int32_t length) {
     }
 }
 
-/// Where the variable ends; isValue: its value can be built.
+/// The end of the variable. isValue tells whether its value can be built.
 Position ParseVariable(Position begin, std::int32_t* remaining, Variable& variable, bool& isValue) {
     auto count = static_cast<std::int32_t>(variable.oid.size());
     std::int32_t length = 0;

@@ -1,5 +1,5 @@
-// Any bytes as a message, in a block of exactly the size that parsing may look at. What was parsed is built again as a
-// getnext with the same variables, where these can be, and parsed once more: nothing may have changed.
+// Any bytes as a message, in a block of exactly the size that parsing may read. What was parsed is built again as a
+// getnext with the same variables, if they can be built, and parsed once more: nothing may have changed.
 #include <algorithm>
 #include <array>
 #include <cstddef>
@@ -26,14 +26,14 @@ SnmpPduPtr Parsed(const std::uint8_t* data, std::size_t size) {
     return isDone ? std::move(pdu) : nullptr;
 }
 
-/// Of fewer than four bytes the text has fewer numbers.
+/// Whether an address has four bytes: the text of a shorter one has fewer numbers.
 bool IsWholeAddress(const VarBind& varBind) {
     const std::string_view text(static_cast<const char*>(varBind.value));
     return std::cmp_equal(text.size(), varBind.valueLength) && std::count(text.begin(), text.end(), '.') == 3;
 }
 
-/// Size of a value in memory, in bytes; -1 for one that is not built as it was parsed.
-std::int32_t SizeOf(const VarBind& varBind) {
+/// The size of a value in memory, in bytes; -1 for a value that is not built as it was parsed.
+std::int32_t ValueSize(const VarBind& varBind) {
     switch (varBind.type) {
         case tag::octetString:
         case tag::opaque:
@@ -61,7 +61,7 @@ std::int32_t SizeOf(const VarBind& varBind) {
 bool CanBeBuilt(const SnmpPdu& pdu) {
     for (const TkVectorNode* node = pdu.varBinds.head; node != nullptr; node = node->next) {
         const auto& varBind = *static_cast<const VarBind*>(node->data);
-        if (varBind.oidLength < 2 || SizeOf(varBind) < 0) return false;
+        if (varBind.oidLength < 2 || ValueSize(varBind) < 0) return false;
     }
     return true;
 }
@@ -69,7 +69,7 @@ bool CanBeBuilt(const SnmpPdu& pdu) {
 bool AreEqual(const VarBind& a, const VarBind& b) {
     return a.type == b.type && a.position == b.position && a.valueLength == b.valueLength &&
            std::equal(a.oid, a.oid + a.oidLength, b.oid, b.oid + b.oidLength) &&
-           (a.valueLength == 0 || std::memcmp(a.value, b.value, static_cast<std::size_t>(SizeOf(a))) == 0);
+           (a.valueLength == 0 || std::memcmp(a.value, b.value, static_cast<std::size_t>(ValueSize(a))) == 0);
 }
 
 bool AreEqual(const SnmpPdu& a, const SnmpPdu& b) {
@@ -94,7 +94,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (pdu == nullptr || !CanBeBuilt(*pdu)) return 0;
     if (pdu->command != command::get) pdu->command = command::getNext;
     pdu->errorStatus = 0;
-    pdu->receivedCommand = 0;  // of a bulk request as many variables as fit would do
+    pdu->receivedCommand = 0;  // for a bulk request it would be enough if some variables fit
     std::array<std::uint8_t, messageBufferSize> message;
     std::int32_t length = messageBufferSize;
     if (CreateSnmpMsgForPdu(message.data(), &length, pdu.get()) == 0) std::abort();

@@ -1,6 +1,6 @@
 // Any bytes as the text of an OID or an address, and as the content of a value. The first byte picks its type.
 //
-// An OID that was read, written and read again is the same, unless it holds a sub-identifier that is not written. A
+// An OID that was read, written and read again is the same, unless it has a sub-identifier too large to be written. A
 // value keeps its text when its variable is copied.
 #include <algorithm>
 #include <cstddef>
@@ -28,7 +28,7 @@ void Require(bool held, const char* what) {
     std::abort();
 }
 
-/// In a buffer of exactly the room that callers give.
+/// The text of an OID, written into a buffer with exactly the room that callers give.
 std::string OidText(const std::uint32_t* subIds, std::int32_t count) {
     const std::unique_ptr<char[]> text(new char[OidTextRoom(count)]);
     ConvertToStringFromOid(subIds, count, text.get());
@@ -62,8 +62,8 @@ void ReadAddressText(std::string_view text) {
         Require(bytes[i] == static_cast<std::uint8_t>(entries[i]), "an address reads in two ways");
 }
 
-/// By the routine that fits the type.
-std::string TextOf(const VarBind& varBind) {
+/// The text of a variable's value, by the routine for its type.
+std::string ValueText(const VarBind& varBind) {
     if (!varBind.value) return {};
     std::int32_t length = 0;
     const auto* words = static_cast<const std::uint32_t*>(varBind.value);
@@ -84,9 +84,9 @@ std::string TextOf(const VarBind& varBind) {
     }
 }
 
-/// The same number from the content, by the shortest way there is.
+/// Compares a number with one that is made from the content in the simplest way.
 void CheckNumber(const VarBind& varBind, const std::uint8_t* bytes, std::size_t size) {
-    const std::string text = TextOf(varBind);
+    const std::string text = ValueText(varBind);
     std::uint64_t folded = varBind.type == tag::integer && size > 0 && bytes[0] >= 0x80 ? ~std::uint64_t{0} : 0;
     for (std::size_t i = 0; i < size; ++i) folded = folded << 8 | bytes[i];
     if (varBind.type == tag::integer)
@@ -99,7 +99,7 @@ void CheckNumber(const VarBind& varBind, const std::uint8_t* bytes, std::size_t 
 
 void CheckAddress(const VarBind& varBind, const std::uint8_t* bytes, std::size_t size) {
     if (varBind.type != tag::ipAddress || size != 4) return;
-    const std::string text = TextOf(varBind);
+    const std::string text = ValueText(varBind);
     std::uint8_t back[4];
     Require(ConvertToIpAddFromString(back, text, text.size()) == 4, "an address that was written is not one");
     Require(std::memcmp(back, bytes, sizeof back) == 0, "an address came back as another");
@@ -120,7 +120,7 @@ void DecodeValue(std::uint8_t tag, const std::uint8_t* bytes, std::size_t size) 
     TkVector target{};
     CopyVarBind(&target, &source, 1);
     const VarBind& copy = *static_cast<const VarBind*>(target.head->data);
-    Require(TextOf(copy) == TextOf(*made), "a copy has another value");
+    Require(ValueText(copy) == ValueText(*made), "a copy has another value");
     Require(CompareOid(copy.oid, copy.oidLength, name, 3) == 0, "a copy has another name");
     FreeVarBindList(&target);
 }

@@ -66,7 +66,7 @@ const Row rows[] = {
     {},
 };
 
-CimValue ValueOf(const Row& row, const PropertyInfo& property) {
+CimValue ReadProperty(const Row& row, const PropertyInfo& property) {
     return property.read == nullptr ? CimValue() : BroughtTo(property.type, property.read(&row, property));
 }
 
@@ -78,7 +78,7 @@ std::u16string Wrapped(std::u16string_view text, std::u16string_view before) {
     return wrapped.append(before).append(u"(").append(rest).append(u")");
 }
 
-/// False when the text is beyond the bounds now.
+/// False when the text now exceeds the bounds.
 bool ReadAgain(std::u16string_view text, BoundCondition& bound) {
     WqlQuery query;
     const WmiStatus status = ParseWql(text, query);
@@ -92,7 +92,7 @@ void CheckRestrictions(const BoundCondition& condition) {
     for (const Restriction& restriction : RestrictionsOf(condition)) {
         const PropertyInfo* property = FindProperty(everyType, restriction.property);
         for (const Row& row : rows) {
-            const CimValue value = ValueOf(row, *property);
+            const CimValue value = ReadProperty(row, *property);
             const auto count = std::count_if(restriction.values.begin(), restriction.values.end(),
                                              [&value](const CimValue& one) { return CompareValues(one, value) == 0; });
             Require(count <= 1, "a restriction has a value twice");
@@ -120,7 +120,7 @@ void RunQuery(std::u16string_view text) {
     }
 }
 
-/// The pattern that a text alone matches.
+/// A pattern that only this text matches.
 std::u16string PatternOf(std::u16string_view text) {
     std::u16string pattern;
     for (const char16_t unit : text) pattern.append(u"[").append(1, unit).append(u"]");
@@ -142,7 +142,7 @@ void CheckValue(std::u16string_view text) {
         const Variant variant = VariantOf(property.type, text);
         Require(value.isNull() == (variant.type == VariantType::null), "NULL in one form and not in the other");
         Require(CompareValues(BroughtTo(property.type, value), value) == CompareValues(value, value),
-                "brought elsewhere");
+                "a converted value changes when it is converted again");
     }
     const std::optional<std::int64_t> moment = MicrosecondsOfDmtf(text);
     if (!moment) return;

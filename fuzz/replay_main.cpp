@@ -1,5 +1,5 @@
-// Runs a fuzz target's inputs from files, where there is no libFuzzer: each argument is a file, or a folder whose files
-// are taken. Fails when nothing was found to run, so that a lost corpus is noticed.
+// Runs a fuzz target's inputs from files, for compilers without libFuzzer. Each argument is a file, or a folder whose
+// files are run. Fails when there is nothing to run, so that a lost corpus is noticed.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>

@@ -5,17 +5,16 @@
 #include <zip.h>
 
 #include "lab/record_text.h"
+#include "platform/owned_handle.h"
 
 namespace kv::lab {
 
 namespace {
 
-struct Discarder {
-    void operator()(zip_t* archive) const { zip_discard(archive); }
-    void operator()(zip_file_t* file) const { zip_fclose(file); }
-};
-using Archive = std::unique_ptr<zip_t, Discarder>;
-using OpenEntry = std::unique_ptr<zip_file_t, Discarder>;
+using platform::ReleasedBy;
+using Archive = std::unique_ptr<zip_t, ReleasedBy<zip_discard>>;
+using OpenEntry = std::unique_ptr<zip_file_t, ReleasedBy<zip_fclose>>;
+using Source = std::unique_ptr<zip_source_t, ReleasedBy<zip_source_free>>;
 
 Archive OpenArchive(std::string_view bytes) {
     zip_error_t error;
@@ -29,7 +28,7 @@ Archive OpenArchive(std::string_view bytes) {
     return Archive(archive);
 }
 
-/// Appends an entry's content up to `limit` bytes.
+/// Appends an entry's content. MalformedArchive if it has more than `limit` bytes.
 void ReadEntry(zip_t* archive, zip_uint64_t index, const std::string& name, std::size_t limit, std::string& content) {
     const OpenEntry entry(zip_fopen_index(archive, index, 0));
     if (!entry) throw MalformedArchive("the entry " + name + " cannot be opened: " + zip_strerror(archive));
@@ -43,11 +42,6 @@ void ReadEntry(zip_t* archive, zip_uint64_t index, const std::string& name, std:
         if (content.size() > limit) throw MalformedArchive("the entry " + name + " unpacks to too much");
     }
 }
-
-struct SourceReleaser {
-    void operator()(zip_source_t* source) const { zip_source_free(source); }
-};
-using Source = std::unique_ptr<zip_source_t, SourceReleaser>;
 
 void Require(bool success) {
     if (!success) throw std::runtime_error("libzip cannot make a zip");
@@ -85,7 +79,7 @@ std::string MakeArchive(const ArchiveFiles& files) {
     Require(target != nullptr);
     Archive archive(zip_open_from_source(target.get(), ZIP_TRUNCATE, nullptr));
     Require(archive != nullptr);
-    zip_source_keep(target.get());  // the archive has taken ours
+    zip_source_keep(target.get());  // the archive owns a reference now, and so do we
     for (const auto& [name, content] : files) {
         Source entry(zip_source_buffer(archive.get(), content.data(), content.size(), 0));
         Require(entry != nullptr && zip_file_add(archive.get(), name.c_str(), entry.get(), ZIP_FL_ENC_UTF_8) >= 0);

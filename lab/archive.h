@@ -11,7 +11,7 @@
 
 namespace kv::lab {
 
-/// Bounds on what one upload may cost. A zip holds at most 2501 record files; scripts that print a lot make large ones.
+/// Bounds on what one upload may cost. A zip holds at most 2501 record files, which are large if scripts print a lot.
 inline constexpr std::size_t maxBodyBytes = std::size_t{256} << 20;
 inline constexpr std::size_t maxEntryBytes = std::size_t{64} << 20;
 inline constexpr std::size_t maxArchiveBytes = std::size_t{1} << 30;  // all entries, unpacked
@@ -24,14 +24,14 @@ struct MalformedArchive : std::runtime_error {
 /// Receives one file of an archive; folders are left out.
 using EntrySink = std::function<void(const std::string& name, std::string_view content)>;
 
-/// Checks an archive's consistency and reads every entry to its end, so that each CRC is verified, handing the entries
-/// over in order. MalformedArchive at the first fault, or when a bound above is passed.
+/// Checks an archive's consistency and reads every entry to its end, so that each CRC is verified. Hands the entries
+/// over in order. MalformedArchive at the first fault, or when a bound above is exceeded.
 void ReadArchive(std::string_view bytes, const EntrySink& sink);
 
 /// Names and contents.
 using ArchiveFiles = std::vector<std::pair<std::string, std::string>>;
 
-/// A zip of these files.
+/// A zip of these files. Throws std::runtime_error if it cannot be made.
 std::string MakeArchive(const ArchiveFiles& files);
 
 }  // namespace kv::lab

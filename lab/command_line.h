@@ -26,7 +26,7 @@ using commandline::Word;
 inline constexpr Option databaseOption{"--database", "FILE", "the database of a server, which may be running",
                                        Times::once};
 
-/// Opens what databaseOption names. NotFoundError when there is no such file.
+/// Opens the database that databaseOption names. NotFoundError when there is no such file.
 Store OpenExisting(const Given& given);
 
 /// Throws std::runtime_error when standard output cannot be written.

@@ -28,7 +28,7 @@ std::string ReadPlanFile(const std::string& path) {
     return bytes;
 }
 
-/// The text of UTF-8 or UTF-16LE, with or without a byte order mark; absent when it is neither.
+/// The text in bytes of UTF-8 or UTF-16LE, with or without a byte order mark; absent when they are neither.
 std::optional<std::u16string> PlanText(std::string_view bytes) {
     using namespace std::string_view_literals;
     const bool marked = bytes.starts_with("\xFF\xFE"sv);
@@ -47,7 +47,7 @@ bool EqualIgnoringCase(std::string_view a, std::string_view b) {
     return std::equal(a.begin(), a.end(), b.begin(), b.end(), [&](char x, char y) { return lower(x) == lower(y); });
 }
 
-/// What is wrong with a plan, whose workflows have to stand under this name; empty when nothing is.
+/// What is wrong with a plan, whose workflows must be under this name; empty when nothing is wrong.
 std::string PlanFault(const std::optional<std::u16string>& text, const std::string& name) {
     if (!text) return "is neither UTF-8 nor UTF-16LE";
     const ParsedJson plan = ParseJson(platform::Utf8FromWide(*text));
@@ -66,14 +66,14 @@ void RunConfPush(const Given& given) {
     const std::optional<std::u16string> text = PlanText(bytes);
     const std::string fault = PlanFault(text, EqualIgnoringCase(key, agent) ? "WorkFlows" : "WorkFlows_" + key);
     if (!fault.empty() && !Has(given, "--force"))
-        throw std::runtime_error(fmt::format("{} {}; --force sends it all the same", path, fault));
+        throw std::runtime_error(fmt::format("{} {}; --force sends it anyway", path, fault));
     const std::string zip = MakeArchive({{"queryconf.txt", text ? Utf16LittleEndianBytes(*text) : bytes}});
     QueueForAgent(given, agent, [&](Store& store) { return AddConfiguration(store, agent, key, zip); });
 }
 
 constexpr Word pushWords[] = {
     {"KEY", "the agent whose plan it is"},
-    {"FILE", "the plan, JSON in UTF-8 or UTF-16LE; its workflows stand under WorkFlows, a slave's under WorkFlows_KEY"},
+    {"FILE", "the plan, JSON in UTF-8 or UTF-16LE; its workflows are under WorkFlows, a slave's under WorkFlows_KEY"},
 };
 
 constexpr Option pushOptions[] = {
@@ -81,7 +81,7 @@ constexpr Option pushOptions[] = {
     {"--agent", "KEY", "the agent that fetches it, when KEY is one of its slaves"},
     {"--state", "DIR", "the fetching agent's state directory, as for request add"},
     {"--no-flag", "", "only queue, as for request add"},
-    {"--force", "", "send a file that is not such a plan, too, to see what the agent makes of it"},
+    {"--force", "", "send the file even if it is not such a plan, to see how the agent copes"},
 };
 
 constexpr Command commands[] = {

@@ -63,24 +63,24 @@ constexpr Option setOptions[] = {
 
 constexpr Option clearOptions[] = {
     databaseOption,
-    {"--servlet", "NAME", "only those of one servlet; * for those ordered for all"},
-    {"--number", "N", "only the one of that number"},
+    {"--servlet", "NAME", "only those of one servlet; * for those set for all servlets"},
+    {"--number", "N", "only the one with that number"},
 };
 
 constexpr Option listOptions[] = {databaseOption};
 
 constexpr Command commands[] = {
     {"fault set",
-     "Orders a fault and prints its number. A running server has it from its next request on. Exactly one of --status, "
+     "Sets a fault and prints its number. It applies from a running server's next request on. Exactly one of --status, "
      "--delay, --drop and --cut says what it is. Of several faults for one servlet the oldest applies until it is used "
      "up.",
      {},
      setOptions,
      RunFaultSet},
-    {"fault clear", "Takes back all faults, or some of them.", {}, clearOptions, RunFaultClear},
+    {"fault clear", "Clears all faults, or some of them.", {}, clearOptions, RunFaultClear},
     {"fault list",
-     "Prints the faults on order. One a line, with tabs between: number, servlet, fault, remaining requests (0: until "
-     "cleared).",
+     "Prints the faults that are set. One a line, with tabs between: number, servlet, fault, remaining requests (0: "
+     "until cleared).",
      {},
      listOptions,
      RunFaultList},

@@ -71,8 +71,8 @@ constexpr Option addOptions[] = {
     {"--set", "NAME=VALUE", "another member; may be given several times", Times::any},
     {"--state", "DIR",
      "the agent's state directory, by default KVAGENT_STATE_DIR, else the usual one; RequestAvailable is set to YES in "
-     "the registry there, which has to be that of the agent"},
-    {"--no-flag", "", "only queue: for an agent on another machine, or one that this server has not heard of yet"},
+     "the registry there, which must be that of the agent"},
+    {"--no-flag", "", "only queue: for an agent on another machine, or one that this server does not know yet"},
 };
 
 constexpr Option listOptions[] = {databaseOption, {"--agent", "KEY", "only this agent's"}};
@@ -106,7 +106,7 @@ constexpr Command commands[] = {
     {"request list",
      "Prints the requests. One a line, with tabs between: number, agent, id, type, state, times of adding, last "
      "listing and end, number of listings, members. States are waiting (not fetched yet), listed (fetched; it may be "
-     "served already, where its kind gets no answer), answered, dropped (the agent went down while serving it), done "
+     "served already, if its kind gets no answer), answered, dropped (the agent went down while serving it), done "
      "(of a kind that gets no answer), and unanswered (listed three times).",
      {},
      listOptions,

@@ -71,7 +71,7 @@ void RunRecords(const Given& given) {
 }
 
 constexpr Option serveOptions[] = {
-    {"--database", "FILE", "where everything is kept; made when it is missing", Times::once},
+    {"--database", "FILE", "where everything is kept; made if it is missing", Times::once},
     {"--port", "N", "port to listen on; 0, the default, takes any free one"},
     {"--listen", "ADDRESS", "address to listen on; the default is 127.0.0.1"},
     {"--tls", "CERT_FILE KEY_FILE", "speak HTTPS with this certificate and key, both PEM files"},
@@ -82,15 +82,16 @@ constexpr Option serveOptions[] = {
 constexpr Option recordsOptions[] = {
     databaseOption,
     {"--agent", "KEY", "only this agent's"},
-    {"--follow", "", "go on with those that arrive, until interrupted"},
+    {"--follow", "", "go on with new ones as they arrive, until interrupted"},
 };
 
 constexpr Option agentsOptions[] = {databaseOption};
 
 constexpr Command commands[] = {
     {"serve",
-     "Serves agents until it gets SIGINT or SIGTERM. Prints its address in one line once it listens; the page of what "
-     "has arrived is there.",
+     "Serves agents until it gets SIGINT or SIGTERM. Prints its address in one line once it listens; a page there "
+     "shows "
+     "what has arrived.",
      {},
      serveOptions,
      RunServe},

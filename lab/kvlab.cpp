@@ -11,17 +11,17 @@ namespace {
 constexpr Item groups[] = {
     {"request", "Requests to agents: add, list, answers."},
     {"conf", "Plans of agents: push."},
-    {"fault", "Faults that the server makes on order: set, clear, list."},
+    {"fault", "Faults that the server makes on request: set, clear, list."},
 };
 
-std::string Notes() { return "All commands work while the server runs, and later.\n\n"; }
+std::string Notes() { return "All commands except serve work whether or not the server runs.\n\n"; }
 
 }  // namespace
 
 const commandline::Program& LabProgram() {
     static const std::array topics{ServerCommands(), RequestCommands(), ConfigurationCommands(), FaultCommands()};
-    static const commandline::Program program{
-        "kvlab", "plays the central server, to try and test the monitoring agent against", topics, groups, Notes};
+    static const commandline::Program program{"kvlab", "plays the central server, for testing the monitoring agent",
+                                              topics, groups, Notes};
     return program;
 }
 

@@ -1,4 +1,4 @@
-// The program kvlab: a central server to try and test the monitoring agent against.
+// The program kvlab: a central server for testing the monitoring agent.
 #pragma once
 
 #include "commandline/program.h"

@@ -123,7 +123,7 @@ void AddFaults(std::string& html, const std::vector<Fault>& faults) {
     for (const Fault& fault : faults)
         rows.push_back({std::to_string(fault.number), Escape(fault.servlet), FaultText(fault),
                         fault.remaining == 0 ? "until cleared" : fmt::format("the next {}", fault.remaining)});
-    AddTable(html, "Faults on order", {"Number", "Servlet", "Fault", "Requests"}, rows);
+    AddTable(html, "Faults", {"Number", "Servlet", "Fault", "Requests"}, rows);
 }
 
 void AddRefusals(std::string& html, const std::vector<Refusal>& refusals) {

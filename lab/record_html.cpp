@@ -12,7 +12,7 @@ namespace {
 /// Bounds on how much of one record's values is shown.
 constexpr std::size_t maxRows = 25;
 constexpr std::size_t maxColumns = 20;
-constexpr std::size_t maxNames = 200;  // of columns before they are cut to those that are shown
+constexpr std::size_t maxNames = 200;  // of columns, before they are cut to those that are shown
 constexpr std::size_t maxValueBytes = 400;
 constexpr int maxDepth = 6;
 
@@ -20,7 +20,7 @@ std::string_view StringOf(json_object* value) {
     return {json_object_get_string(value), static_cast<std::size_t>(json_object_get_string_len(value))};
 }
 
-/// A control character that may not stand in HTML; a MAC address is full of them.
+/// A control character, which HTML may not contain; the bytes of a MAC address often are.
 bool IsUnprintable(char character) {
     const auto byte = static_cast<unsigned char>(character);
     return byte < 0x20 && character != '\t' && character != '\n' && character != '\r';
@@ -30,7 +30,7 @@ bool IsNested(json_object* value) {
     return json_object_is_type(value, json_type_array) || json_object_is_type(value, json_type_object);
 }
 
-/// Names of the members of all rows, in order of appearance.
+/// The names of all rows' members, in order of appearance.
 std::vector<std::string> ColumnsOf(json_object* rows, std::size_t count) {
     std::vector<std::string> columns;
     for (std::size_t at = 0; at < count; ++at) {
@@ -62,7 +62,7 @@ void AddRowTable(std::string& html, json_object* rows, std::size_t count, int de
     html += "</table>";
 }
 
-/// Whether an array holds objects, as far as it is shown.
+/// Whether all elements of an array that are shown are objects.
 bool IsRowList(json_object* array) {
     if (!json_object_is_type(array, json_type_array)) return false;
     const std::size_t shown = std::min(json_object_array_length(array), maxRows);
@@ -99,14 +99,14 @@ void AddObject(std::string& html, json_object* object, int depth) {
     html += "</table>";
 }
 
-/// A moment in seconds since 1970, readable.
+/// A text of seconds since 1970 as a readable moment.
 std::string CollectTime(json_object* value) {
     const std::string text(StringOf(value));
     const bool isNumber = !text.empty() && text.size() <= 11 && text.find_first_not_of("0123456789") == text.npos;
     return isNumber ? UtcText(std::stoll(text) * 1000) : Escape(text);
 }
 
-/// One plain member of a record on the line of such members.
+/// Adds one plain member of a record to the line of such members.
 void AddField(std::string& html, std::string_view name, json_object* value) {
     const bool isText = json_object_is_type(value, json_type_string);
     Add(html, "<span><span>{}</span> ", Escape(name));
@@ -122,15 +122,15 @@ void AddField(std::string& html, std::string_view name, json_object* value) {
     html += "</span>\n";
 }
 
-/// What a polled SNMP device's record or answer says of the whole poll.
+/// What a polled SNMP device's record or answer says about the whole poll.
 struct SnmpResult {
-    std::string_view heading;  // policy or OIDs; empty: the document is of another kind
+    std::string_view heading;  // policy or OIDs; empty for a document of another kind
     std::string_view headingName;
     std::string_view status;
     std::vector<std::string_view> oids;  // as requested
 
-    /// Whether a member of the document stands in the heading or in the table.
-    bool IsShownApart(std::string_view name) const {
+    /// Whether the heading or the table shows a member of the document.
+    bool isShownApart(std::string_view name) const {
         if (heading.empty()) return false;
         return name == headingName || name == "STATUS" || std::find(oids.begin(), oids.end(), name) != oids.end();
     }
@@ -163,7 +163,7 @@ void AddSnmpHeading(std::string& html, const SnmpResult& snmp) {
     Add(html, " <span class={}>{}</span></h3>\n", snmp.status == "SUCCESS" ? "good" : "bad", Escape(snmp.status));
 }
 
-/// A row for each value, in the order in which the device gave them: an agent writes its tables last member first.
+/// Adds a row for each value, in the order in which the device gave them: an agent writes a table's last member first.
 void AddSnmpRows(std::string& html, std::string_view requestedOid, json_object* values) {
     const auto size = static_cast<std::size_t>(json_object_object_length(values));
     if (size == 0) Add(html, "<tr><td>{}</td><td class=soft>no value</td></tr>\n", Escape(requestedOid));
@@ -192,7 +192,7 @@ void AddSnmpValues(std::string& html, json_object* document, const SnmpResult& s
     html += "</table>\n";
 }
 
-/// The one object of a query's result, a line for each property.
+/// Adds the only object of a query's result, with a line for each property.
 void AddWmiObject(std::string& html, json_object* object) {
     html += "<table><tr><th>Property</th><th>Value</th></tr>\n";
     for (const lh_entry* entry = json_object_get_object(object)->tail; entry != nullptr; entry = entry->prev) {
@@ -203,7 +203,7 @@ void AddWmiObject(std::string& html, json_object* object) {
     html += "</table>\n";
 }
 
-/// A query's result, properties in the order of their class: an agent writes its tables last member first.
+/// Adds a query's result, with properties in the order of their class: an agent writes a table's last member first.
 void AddWmiRows(std::string& html, json_object* rows) {
     const std::size_t size = json_object_array_length(rows);
     if (size == 1) return AddWmiObject(html, json_object_array_get_idx(rows, 0));
@@ -240,10 +240,10 @@ std::string Escape(std::string_view text) {
                 break;
             case '\0':
                 html += "\xEF\xBF\xBD";
-                break;  // NUL may not stand in HTML
+                break;  // HTML may not contain NUL
             default:
                 if (IsUnprintable(character)) {
-                    html += {'\xE2', '\x90', static_cast<char>(0x80 + character)};  // U+2400 and on: its picture
+                    html += {'\xE2', '\x90', static_cast<char>(0x80 + character)};  // its picture, from U+2400 on
                 } else {
                     html += character;
                 }
@@ -285,12 +285,12 @@ void AddMembers(std::string& html, json_object* document) {
     AddSnmpHeading(html, snmp);
     html += "<div class=fields>\n";
     json_object_object_foreach(document, name, value) {
-        if (!IsNested(value) && !snmp.IsShownApart(name)) AddField(html, name, value);
+        if (!IsNested(value) && !snmp.isShownApart(name)) AddField(html, name, value);
     }
     html += "</div>\n";
     AddSnmpValues(html, document, snmp);
     json_object_object_foreach(document, nestedName, nested) {
-        if (!IsNested(nested) || snmp.IsShownApart(nestedName)) continue;
+        if (!IsNested(nested) || snmp.isShownApart(nestedName)) continue;
         Add(html, "<div class=rows><h3>{}</h3>", Escape(nestedName));
         if (isWmi && IsRowList(nested)) {
             AddWmiRows(html, nested);

@@ -13,19 +13,16 @@ namespace {
 
 constexpr std::string_view whiteSpace = " \t\r\n";
 
-struct TokenerReleaser {
-    void operator()(json_tokener* tokener) const { json_tokener_free(tokener); }
-};
-
 }  // namespace
 
 ParsedJson ParseJson(std::string_view text) {
     const std::size_t start = text.find_first_not_of(whiteSpace);
     if (start == std::string_view::npos) return {};
     const std::string document(text.substr(start, text.find_last_not_of(whiteSpace) + 1 - start));
-    const std::unique_ptr<json_tokener, TokenerReleaser> tokener(json_tokener_new_ex(maxJsonDepth));
+    const std::unique_ptr<json_tokener, platform::ReleasedBy<json_tokener_free>> tokener(
+        json_tokener_new_ex(maxJsonDepth));
     json_tokener_set_flags(tokener.get(), JSON_TOKENER_STRICT | JSON_TOKENER_VALIDATE_UTF8);
-    // Read up to the closing NUL, without which a bare number would count as unfinished.
+    // The closing NUL is read, too: without it a bare number would count as unfinished.
     Json value(json_tokener_parse_ex(tokener.get(), document.c_str(), -1));
     const bool complete = json_tokener_get_error(tokener.get()) == json_tokener_success &&
                           json_tokener_get_parse_end(tokener.get()) == document.size();

@@ -1,5 +1,5 @@
-// The text of a record in its several forms: as it comes in a zip, as a tree, as one line for a terminal, as part of a
-// JSON answer.
+// The text of a record in its forms: as it comes in a zip, as a tree, as one line for a terminal, as part of a JSON
+// answer.
 #pragma once
 
 #include <cstdint>
@@ -10,29 +10,27 @@
 #include <vector>
 
 #include "lab/store.h"
+#include "platform/owned_handle.h"
 
 namespace kv::lab {
 
-struct JsonReleaser {
-    void operator()(json_object* value) const { json_object_put(value); }
-};
-using Json = std::unique_ptr<json_object, JsonReleaser>;
+using Json = std::unique_ptr<json_object, platform::ReleasedBy<json_object_put>>;
 
 struct ParsedJson {
     bool valid = false;
     Json value;  // null stands for JSON's null
 };
 
-/// Deepest nesting that is taken for a document.
+/// The deepest nesting of a document.
 inline constexpr int maxJsonDepth = 100;
 
-/// Parses one document by the strict rules, white space around it allowed.
+/// Parses one document by the strict rules, with white space around it allowed. Not valid if it is nested more deeply.
 ParsedJson ParseJson(std::string_view text);
 
 /// A text as a JSON value, owned by the caller.
 json_object* JsonText(std::string_view text);
 
-/// A document without blanks, slashes as they stand.
+/// A document's text without blanks. Slashes are not escaped.
 std::string PlainJson(json_object* document);
 
 /// A record file's bytes (UTF-16LE) as UTF-8; what is not valid text becomes U+FFFD. Says whether it is JSON.
@@ -44,13 +42,13 @@ std::string CleanUtf8(std::string_view text);
 /// A text without control characters, each of which becomes a blank: it stays on one line and cannot steer a terminal.
 std::string OneLine(std::string_view text);
 
-/// Name without the folders in front.
+/// A file's name without its folders.
 std::string BaseName(std::string_view path);
 
 /// "2026-03-05 09:05:07Z" from milliseconds since 1970.
 std::string UtcText(std::int64_t time);
 
-/// Number, agent, zip, record file, time and values with tabs between, no line end.
+/// Number, agent, zip, record file, time and values with tabs between, without a line end.
 std::string RecordLine(const Record& record);
 
 /// { "records": [ { "number", "agent", "zip", "file", "time", "json", "values" } ] }; values is the record's document,

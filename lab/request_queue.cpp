@@ -14,13 +14,13 @@ namespace kv::lab {
 namespace {
 
 constexpr const char* stateVariable = "KVAGENT_STATE_DIR";
-constexpr const char* noFlagHint = "--no-flag only queues, for an agent elsewhere or unheard of";
+constexpr const char* noFlagHint = "--no-flag only queues, for an agent that is elsewhere or not known";
 
 std::string ErrorText(platform::Error failure) {
     return fmt::format("{} (error {})", platform::MessageInLine(failure), failure);
 }
 
-/// For a message.
+/// Where the registry is, for messages.
 std::string RegistryPlace(const std::string& stateDirectory) {
     if (!stateDirectory.empty()) return stateDirectory;
     const char* configured = std::getenv(stateVariable);
@@ -42,7 +42,7 @@ void RequireAgentSettings(const std::string& place) {
     platform::Registry().RegCloseKey(key);
 }
 
-/// The key that the registry's agent has; empty when it does not have one yet.
+/// The key of the registry's agent; empty when it does not have a key yet.
 std::string RegistryAgentKey(const std::string& place) {
     OptionalText key;
     const platform::Error failure = GetOCAgentKey(key);
@@ -50,7 +50,7 @@ std::string RegistryAgentKey(const std::string& place) {
     return platform::Utf8FromWide(key.value_or(u""));
 }
 
-/// Opens the registry that the options name. It has to be that of the agent.
+/// Opens the registry that the options name. It must be that of the agent.
 void OpenAgentRegistry(const Given& given, const std::string& agent) {
     const std::string stateDirectory = Value(given, "--state");
     if (!stateDirectory.empty()) setenv(stateVariable, stateDirectory.c_str(), 1);

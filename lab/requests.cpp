@@ -37,7 +37,7 @@ std::string NewId(sqlite3* connection) {
     }
 }
 
-/// Within a transaction of the caller's.
+/// Within the caller's transaction.
 std::string InsertRequest(sqlite3* connection, const NewRequest& request) {
     const std::string id = request.id.empty() ? NewId(connection) : request.id;
     if (Statement(connection, "SELECT 1 FROM request WHERE id = ?", id).Step())
@@ -79,8 +79,8 @@ std::string ListDocument(const std::vector<Request>& requests) {
     return Utf16LittleEndianBytes(platform::WideFromUtf8(PlainJson(document.get())));
 }
 
-/// Ends the silent requests that the agent must be past when it reports about this one: those in front of it in the
-/// same list. A notice comes when the whole list is served, and ends a silent one that it names as well.
+/// Ends the silent requests that the agent has passed when it reports about this one: those before it in the same list.
+/// The notice of a download comes when the whole list is served, and so also ends the request that it names.
 void EndSilentRequests(sqlite3* connection, const Report& report, bool includingItself) {
     Execute(connection,
             "UPDATE request SET state = 'done', ended = ?3 FROM "
@@ -89,7 +89,7 @@ void EndSilentRequests(sqlite3* connection, const Report& report, bool including
             report.agent, report.requestId, Now(), static_cast<std::int64_t>(includingItself));
 }
 
-/// Ends a request that has not ended yet, or only by being forgotten.
+/// Ends a request that has not ended yet, or only because the agent did not answer.
 void EndRequest(sqlite3* connection, const Report& report, std::string_view state) {
     Execute(connection,
             "UPDATE request SET state = ?3, ended = ?4 "

@@ -1,13 +1,13 @@
-// One-off requests to agents and the configurations that agents are told to download: tables of the store.
+// One-off requests to agents, and the configurations that agents are told to download: tables of the store.
 //
-//   waiting   added, not handed out yet
-//   listed    handed out in a list; comes again in the agent's next ones, maxListings times in all
-//   answered  the agent answered, or told that it loaded the configuration
-//   dropped   the agent went down while serving it, and said so
-//   done      of a kind that gets no answer, and the agent is past it
+//   waiting     added, not handed out yet
+//   listed      handed out in a list; comes again in the agent's next lists, maxListings times in all
+//   answered    the agent answered, or said that it loaded the configuration
+//   dropped     the agent went down while serving it, and said so
+//   done        of a kind that gets no answer, and the agent has passed it
 //   unanswered  handed out maxListings times, and the agent asked for a list once more; an answer may still come
 //
-// An agent serves a list in its order, which is that of adding, and asks for the next one when it is through.
+// An agent serves a list in its order, which is that of adding, and asks for the next list when it has finished.
 #pragma once
 
 #include <cstdint>
@@ -22,17 +22,17 @@
 
 namespace kv::lab {
 
-/// How often one request is handed out: more than once, as a list may be lost on its way, and not without end.
+/// How often one request is handed out: more than once, because a list may be lost on its way, but not forever.
 inline constexpr std::int64_t maxListings = 3;
 
 struct NewRequest {
     std::string agent;  // key of the agent that fetches it
     std::string type;
-    std::string id;                                            // empty: one is made, a number
-    std::vector<std::pair<std::string, std::string>> members;  // beside type and id; the last of one name counts
+    std::string id;                                            // if it is empty, a number is chosen
+    std::vector<std::pair<std::string, std::string>> members;  // besides type and id; the last of one name counts
 };
 
-/// There is a request of this id.
+/// There is a request with this id already.
 struct RequestExists : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
@@ -44,18 +44,18 @@ std::string AddRequest(Store& store, const NewRequest& request);
 /// the agent with the key planKey, which may be a slave of the one that fetches. Gives the request's id.
 std::string AddConfiguration(Store& store, std::string_view agent, std::string_view planKey, std::string_view zip);
 
-/// The zip to download from a path.
+/// The zip that a path leads to; absent when there is no such configuration.
 std::optional<std::string> Configuration(Store& store, std::string_view path);
 
-/// The list for an agent as it is sent: a JSON document in UTF-16LE, empty when nothing is to be done. Unless it
-/// arrives, which a fault may keep it from, nothing counts as listed.
+/// The list for an agent as it is sent: a JSON document in UTF-16LE, or empty when there is nothing to do. If a fault
+/// keeps it from arriving (arrives is false), nothing counts as listed.
 std::string TakeRequestList(Store& store, std::string_view agent, bool arrives);
 
 /// Stores an answer and ends the request that it belongs to.
 void TakeAnswer(Store& store, const Report& report);
 
-/// Stores a notice and ends the requests that it speaks of: the one that is dropped, or those that had configurations
-/// downloaded for planKeys, a text with commas between.
+/// Stores a notice and ends the requests that it is about: the dropped one, or those that had configurations downloaded
+/// for planKeys, keys with commas between.
 void TakeNotice(Store& store, const Report& report, std::string_view planKeys);
 
 struct Request {
@@ -66,8 +66,8 @@ struct Request {
     std::string members;  // a JSON object of texts
     std::string state;    // see above
     std::int64_t added = 0;
-    std::int64_t listed = 0;  // the last time; 0: never
-    std::int64_t ended = 0;   // 0: not yet
+    std::int64_t listed = 0;  // the last time; 0 if never
+    std::int64_t ended = 0;   // 0 if not yet
     std::int64_t listings = 0;
 };
 

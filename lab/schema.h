@@ -6,9 +6,8 @@
 
 namespace kv::lab {
 
-/// Makes the tables in an empty database and adds those that one of an older version lacks; what it holds stays.
-/// DatabaseError, with nothing changed, when the database is of a newer version or something else; path is for the
-/// message.
+/// Makes the tables in an empty database, and adds those that an older version lacks; its data stays. DatabaseError,
+/// with nothing changed, when the database is of a newer version or is not a lab's; path is for the message.
 void SettleSchema(sqlite3* connection, const std::string& path);
 
 }  // namespace kv::lab

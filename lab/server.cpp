@@ -22,7 +22,7 @@ namespace kv::lab {
 
 namespace {
 
-/// Seconds without a byte after which a sender is given up, and those that an idle connection is kept for.
+/// Seconds without a byte after which a sender is given up, and seconds for which an idle connection is kept.
 constexpr time_t transferTimeout = 30;
 constexpr time_t idleTimeout = 2;
 
@@ -33,8 +33,8 @@ struct Body {
     std::optional<BodyFault> fault;
 };
 
-/// Reads a body of at most maxBodyBytes. The rest of a larger one is read and dropped, so that the sender gets to see
-/// the answer.
+/// Reads a body of at most maxBodyBytes. The rest of a larger body is read and dropped, so that the sender sees the
+/// answer.
 Body ReadBody(const httplib::ContentReader& reader) {
     Body body;
     const bool complete = reader([&](const char* data, std::size_t size) {
@@ -62,8 +62,9 @@ bool IsConnectedTo(int socket, const std::string& address, int port) {
            inet_ntop(AF_INET, &inet->sin_addr, text.data(), text.size()) && address == text.data();
 }
 
-/// Ends the connection that a request came on, so that nothing more reaches the sender. The HTTP library keeps the
-/// socket to itself, hence the search among the process's own; its writes fail from then on and it closes the socket.
+/// Ends the connection on which a request came, so that nothing more reaches the sender. The HTTP library does not tell
+/// its socket, which is therefore searched for among the process's own. The library's writes fail from then on, and it
+/// closes the socket.
 void DropConnection(const httplib::Request& request) {
     for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
         const std::string name = entry.path().filename();
@@ -82,7 +83,7 @@ void Send(httplib::Response& response, const Answer& answer) {
     response.set_content(answer.body, answer.type);
 }
 
-/// Announces the whole body and sends half of it. An empty body stands in as two blanks, as a half has to be missing.
+/// Announces the whole body and sends half of it. Two blanks replace an empty body, because a half must be missing.
 void SendHalf(httplib::Response& response, Answer answer) {
     if (answer.body.empty()) answer.body = "  ";
     const std::size_t size = answer.body.size();
@@ -99,7 +100,7 @@ void SendHalf(httplib::Response& response, Answer answer) {
 
 struct LabServer::Running {
     ServerOptions options;
-    Store keepOpen;  // the last connection to close would put the database's log away, which is slow
+    Store keepOpen;  // when the last connection closes, SQLite merges and deletes the database's log, which is slow
     std::unique_ptr<httplib::Server> http;
     int port = 0;
     std::thread listener;
@@ -135,7 +136,7 @@ bool LabServer::Running::Delay(std::int64_t milliseconds) {
     return !wake.wait_for(lock, std::chrono::milliseconds(milliseconds), [this] { return stopping; });
 }
 
-/// Serves a request to one of servletNames, with the fault that is on order for it.
+/// Serves a request to one of servletNames, with the fault that is set for it.
 void LabServer::Running::HandleServlet(const httplib::Request& request, httplib::Response& response, const Body& body) {
     const std::string servlet = request.matches[1];
     Store store = OpenStore(options.database);
@@ -145,7 +146,7 @@ void LabServer::Running::HandleServlet(const httplib::Request& request, httplib:
     if (fault && fault->kind == FaultKind::drop) return DropConnection(request);
     if (fault && fault->kind == FaultKind::delay && !Delay(fault->value)) return DropConnection(request);
     if (fault && fault->kind == FaultKind::status)
-        return Send(response, TextAnswer(static_cast<int>(fault->value), "a fault is on order: " + FaultText(*fault)));
+        return Send(response, TextAnswer(static_cast<int>(fault->value), "a fault is set: " + FaultText(*fault)));
     const Enrolment enrolment{options.timeDiff, options.refusedKeys};
     Answer answer = body.fault ? RefuseBody(store, *body.fault, servlet, call) : Serve(store, enrolment, servlet, call);
     if (cut) return SendHalf(response, std::move(answer));
@@ -172,7 +173,7 @@ void LabServer::Running::SetRoutes() {
     }
     http->Post(R"(/servlets/(\w+))", [this](const httplib::Request& request, httplib::Response& response,
                                             const httplib::ContentReader& reader) {
-        // The library would take a form apart, and has no reader for the whole of it.
+        // The library would take a form apart, and cannot read it as a whole.
         if (request.is_multipart_form_data()) return Send(response, TextAnswer(400, "the body may not be a form"));
         HandleServlet(request, response, ReadBody(reader));
     });
@@ -189,7 +190,7 @@ void LabServer::Running::MakeHttpServer() {
     http->set_read_timeout(transferTimeout);
     http->set_write_timeout(transferTimeout);
     http->set_keep_alive_timeout(idleTimeout);
-    // The library's own choice lets two servers share a port.
+    // The library's default lets two servers share a port.
     http->set_socket_options([](int socket) {
         const int yes = 1;
         setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
@@ -223,7 +224,7 @@ void LabServer::Running::Listen() {
         throw ServerError("cannot listen on " + options.listen + " port " + std::to_string(options.port) + reason);
     }
     listener = std::thread([this] { http->listen_after_bind(); });
-    // Before that, stopping it would go unnoticed.
+    // Before it runs, stopping it would have no effect.
     while (!http->is_running()) std::this_thread::yield();
 }
 

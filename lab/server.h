@@ -4,7 +4,7 @@
 //   GET  /servlets/RegisterAgent            agentKey, agentID, agentDNS, ipAddress, customerName, remoteOffice, osName
 //   POST /servlets/FileCollector            AGENTKEY, FILENAME; the body is a zip
 //   GET  /servlets/StatusUpdateServlet      agentKey, agentStatus, serviceName
-//   GET  /servlets/DataAgentHandlerServlet  agentKey; neither action nor requestId: the request list, UTF-16LE JSON
+//   GET  /servlets/DataAgentHandlerServlet  agentKey, without action and requestId: the request list, UTF-16LE JSON
 //   GET  /servlets/DataAgentHandlerServlet  agentKey, action, requestId: a notice; status and moId for a download
 //   POST /servlets/DataAgentHandlerServlet  agentKey, action, requestId; the body is UTF-16LE text
 //   GET  /conf/N/queryconf.zip              a configuration
@@ -24,20 +24,20 @@ namespace kv::lab {
 struct ServerOptions {
     std::string database;
     std::string listen = "127.0.0.1";
-    int port = 0;             // 0: any free port
-    std::string certificate;  // PEM files; with both the server speaks HTTPS
+    int port = 0;             // 0 for any free port
+    std::string certificate;  // PEM files; with both of them the server speaks HTTPS
     std::string privateKey;
     std::int64_t timeDiff = 0;          // seconds that agents add to their clock
     std::set<std::string> refusedKeys;  // agents with these keys are told not to run
 };
 
-/// The server could not be started, in one line.
+/// Why the server could not be started, in one line.
 struct ServerError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-/// A server that listens from the end of its construction to its destruction, on threads of its own. The destructor
-/// ends requests that wait for a delay and lets the others finish. Construction raises ServerError or DatabaseError.
+/// A server that listens, on its own threads, from the end of its construction to its destruction. The destructor ends
+/// requests that wait for a delay and lets the others finish. Construction throws ServerError or DatabaseError.
 class LabServer {
   public:
     explicit LabServer(const ServerOptions& options);
@@ -47,7 +47,7 @@ class LabServer {
 
     int port() const;
 
-    /// "http://127.0.0.1:8080/".
+    /// Such as "http://127.0.0.1:8080/".
     std::string address() const;
 
   private:

@@ -19,7 +19,7 @@ constexpr const char* snmpTimeout = "5";
 
 constexpr std::int64_t maxApiRecords = 1000;
 
-/// Longest agent key that is taken.
+/// The longest agent key that is accepted.
 constexpr std::size_t maxKeyLength = 100;
 
 constexpr const char* htmlType = "text/html; charset=utf-8";
@@ -41,7 +41,7 @@ std::string RequiredParameter(const ServletRequest& request, const std::string& 
     return value;
 }
 
-/// A key goes into a header and into file names.
+/// Only characters that can stand in a header and in file names are accepted: a key goes into both.
 std::string KeyParameter(const ServletRequest& request, const std::string& name) {
     std::string key = RequiredParameter(request, name);
     const auto good = [](char c) { return c > ' ' && c < 0x7F && c != '/' && c != '\\'; };
@@ -60,7 +60,7 @@ std::int64_t NumberParameter(const ServletRequest& request, const std::string& n
     return number;
 }
 
-/// The texts that an agent sends while it has no key.
+/// Whether a text is a key. An agent without a key sends one of these two.
 bool IsKey(std::string key) {
     std::transform(key.begin(), key.end(), key.begin(),
                    [](char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 32) : c; });
@@ -73,7 +73,7 @@ Answer Register(Store& store, const Enrolment& enrolment, const ServletRequest& 
                                Parameter(request, "customerName"), Parameter(request, "remoteOffice"),
                                Parameter(request, "osName")};
     const bool hasKey = IsKey(details.key);
-    // Keys are given by name: without one, all agents would get the same.
+    // Keys are given by agentID: without it, all agents would get the same key.
     if (!hasKey && details.id.empty()) throw BadRequest("the parameter agentID is missing");
     const std::string key = EnrolAgent(store, details, hasKey);
     Answer answer;
@@ -119,7 +119,7 @@ Answer UpdateStatus(Store& store, const Enrolment&, const ServletRequest& reques
     return {};
 }
 
-/// A posted document, a notice of what was done, or the question for the list of requests.
+/// Takes a posted document or a notice of what was done, or answers the question for the list of requests.
 Answer HandleRequests(Store& store, const Enrolment&, const ServletRequest& request) {
     const std::string key = KeyParameter(request, "agentKey");
     Report report{key, Parameter(request, "action"), Parameter(request, "requestId"),

@@ -1,5 +1,5 @@
-// What the server does for each servlet, apart from HTTP: a request comes in as a record and its answer goes out as
-// one.
+// What the server does for each servlet, apart from HTTP: a request comes in as one record, and its answer goes out as
+// another.
 #pragma once
 
 #include <cstdint>
@@ -30,7 +30,7 @@ struct Answer {
     std::vector<std::pair<std::string, std::string>> headers;
 };
 
-/// One line of text.
+/// An answer with one line of text.
 Answer TextAnswer(int status, const std::string& line);
 
 /// What enrolling agents are told.
@@ -39,13 +39,14 @@ struct Enrolment {
     std::set<std::string> refusedKeys;  // agents with these keys are told not to run
 };
 
-/// Serves one of servletNames. A malformed request is answered with 400 and one line; DatabaseError passes through.
+/// Serves one of servletNames. A malformed request is answered with 400 and one line, another servlet with 404, another
+/// method with 405. DatabaseError passes through.
 Answer Serve(Store& store, const Enrolment& enrolment, std::string_view servlet, const ServletRequest& request);
 
 /// Why a body is not served at all.
 enum class BodyFault { tooLarge, incomplete };
 
-/// The answer to such a body; noted as refused when it was meant for the upload servlet.
+/// The answer to such a body. It is noted as refused if it was meant for the upload servlet.
 Answer RefuseBody(Store& store, BodyFault fault, std::string_view servlet, const ServletRequest& request);
 
 /// The whole page, its changing part, and records for tools.

@@ -13,7 +13,7 @@ using sqlite::QueryNumber;
 using sqlite::Statement;
 using sqlite::Transaction;
 
-constexpr int busyMilliseconds = 30000;  // for which a transaction of another connection is waited for
+constexpr int busyMilliseconds = 30000;  // to wait for a transaction of another connection
 
 std::string NewKey(sqlite3* connection, const AgentDetails& details) {
     Statement known(connection, "SELECT key FROM agent WHERE id = ? AND dns = ? ORDER BY last_contact DESC", details.id,
@@ -216,7 +216,7 @@ std::vector<Fault> Faults(Store& store) {
 
 std::optional<Fault> TakeFault(Store& store, std::string_view servlet) {
     sqlite3* connection = store.connection.get();
-    // Most requests meet no fault, and then need no write lock.
+    // Usually there is no fault, and then the write lock is not needed.
     if (!Statement(connection, oldestFault, servlet).Step()) return std::nullopt;
     Transaction transaction(connection);
     std::optional<Fault> fault;

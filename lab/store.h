@@ -1,12 +1,12 @@
 // What the lab server knows, in one SQLite file that the server and the commands use at the same time:
 //
-//   agent     one row an agent, by its key
-//   delivery  one row an accepted zip; the same zip with other content is another delivery
-//   record    one row a record file of a delivery, in the order of the zip
-//   refused   one row for each different refusal of an upload, with the number of times it happened
-//   notice    actions that agents reported in a query, with the request that they belong to
-//   answer    documents that agents posted, with the request that they belong to
-//   fault     faults on order, the oldest that fits first
+//   agent     a row for each agent, by its key
+//   delivery  a row for each accepted zip; the same zip with other content is another delivery
+//   record    a row for each record file of a delivery, in the order of the zip
+//   refused   a row for each different refusal of an upload, with the number of times it happened
+//   notice    actions that agents reported in a query, with the request to which they belong
+//   answer    documents that agents posted, with the request to which they belong
+//   fault     faults that are set; the oldest that fits applies
 //   request, conf  what agents are asked to do, see lab/requests.h
 //
 // Times are milliseconds since 1970, texts are UTF-8. All routines throw sqlite::DatabaseError when the database fails.
@@ -29,8 +29,8 @@ struct Store {
     sqlite::Connection connection;
 };
 
-/// Opens a lab's database, making it when it is missing and upgrading one of an older version; DatabaseError also when
-/// the file is something else.
+/// Opens a lab's database. Makes it if it is missing, and upgrades it if it is of an older version. DatabaseError also
+/// when the file is something else.
 Store OpenStore(const std::string& path);
 
 /// Milliseconds since 1970.
@@ -38,7 +38,7 @@ std::int64_t Now();
 
 // --- Agents
 
-/// What an agent tells about itself when it enrols.
+/// What an agent says about itself when it enrols.
 struct AgentDetails {
     std::string key;
     std::string id;
@@ -53,7 +53,7 @@ struct Agent {
     AgentDetails details;
     std::int64_t firstContact = 0;
     std::int64_t lastContact = 0;
-    std::string status;  // of the last status report since it enrolled; empty: there was none
+    std::string status;  // of the last status report since it enrolled; empty if there was none
     std::int64_t statusTime = 0;
 };
 
@@ -61,9 +61,10 @@ struct Agent {
 /// before, else a new one: "LAB" and a number.
 std::string EnrolAgent(Store& store, const AgentDetails& details, bool hasKey);
 
-/// Notes that an agent was heard of; one that is not known yet gets a row with its key and address.
+/// Notes that an agent called. An agent that is not known yet gets a row with its key and address.
 void NoteContact(Store& store, std::string_view key, std::string_view address);
 
+/// Notes a status report of a known agent.
 void NoteStatus(Store& store, std::string_view key, std::string_view status);
 
 std::vector<Agent> Agents(Store& store);
@@ -84,7 +85,7 @@ struct Record {
     std::string zip;
     std::int64_t time = 0;  // when it was accepted
     RecordText content;
-    std::int64_t bytes = 0;  // of the whole text; content.text may be its start only
+    std::int64_t bytes = 0;  // of the whole text; content.text may be only its start
 };
 
 /// Receives the records of one zip.
@@ -93,11 +94,11 @@ using RecordSink = std::function<void(const RecordText&)>;
 enum class Delivery { stored, repeated };
 
 /// Stores one zip's records, which readRecords hands over one by one, in one transaction: if it throws, nothing is
-/// stored. repeated: the same records came before under the same agent and zip, and nothing is stored.
+/// stored. repeated, with nothing stored, if the same records came before from the same agent in the same zip.
 Delivery StoreDelivery(Store& store, std::string_view agent, std::string_view zip,
                        const std::function<void(const RecordSink&)>& readRecords);
 
-/// Records with a number above `after`, in order. An empty agent means all. The answer ends after `limit` records or
+/// Records with a number above `after`, in order. An empty agent means all. The answer ends after `limit` records, or
 /// after the one that brings it to maxBytes of text, so that large texts do not fill the memory.
 struct RecordQuery {
     std::int64_t after = 0;
@@ -107,7 +108,7 @@ struct RecordQuery {
 };
 std::vector<Record> RecordsAfter(Store& store, const RecordQuery& query);
 
-/// The latest records, newest first; of a text of more than maxBytes only the first previewCharacters are given.
+/// The latest records, newest first. Of a text with more than maxBytes only the first previewCharacters are given.
 std::vector<Record> LatestRecords(Store& store, std::int64_t limit, std::int64_t maxBytes,
                                   std::int64_t previewCharacters);
 
@@ -116,13 +117,13 @@ struct Refusal {
     std::string zip;
     std::string reason;
     std::string address;    // of the last sender
-    std::int64_t time = 0;  // of the last one
+    std::int64_t time = 0;  // of the last refusal
     std::int64_t times = 0;
 };
 void NoteRefusal(Store& store, const Refusal& refusal);
 std::vector<Refusal> LatestRefusals(Store& store, std::int64_t limit);
 
-// --- Requests' traces
+// --- What agents report
 
 /// An action that an agent reported; text holds what it posted with it, if anything.
 struct Report {
@@ -141,7 +142,7 @@ std::vector<Report> LatestAnswers(Store& store, std::int64_t limit);
 
 // --- Faults
 
-/// What faults can be ordered for: the servlets, and "conf" for the download of configurations. "*" stands for all.
+/// For what faults can be set: the servlets, and "conf" for the download of configurations. "*" stands for all.
 inline constexpr std::array<std::string_view, 5> servletNames{"RegisterAgent", "FileCollector", "StatusUpdateServlet",
                                                               "DataAgentHandlerServlet", "conf"};
 
@@ -157,19 +158,21 @@ struct Fault {
     std::string servlet;
     FaultKind kind = FaultKind::status;
     std::int64_t value = 0;
-    std::int64_t remaining = 0;  // requests it still applies to; 0: until it is cleared
+    std::int64_t remaining = 0;  // requests to which it still applies; 0 until it is cleared
 };
 
-/// Orders a fault and gives its number.
+/// Sets a fault and returns its number.
 std::int64_t AddFault(Store& store, const Fault& fault);
 
-/// Removes the fault of that number; number 0 stands for all, an empty servlet for any. Gives how many went.
+/// Removes the fault with that number, if it is of that servlet; number 0 stands for all, an empty servlet for any.
+/// Returns how many were removed.
 std::int64_t ClearFaults(Store& store, std::int64_t number, std::string_view servlet);
 
 /// Oldest first.
 std::vector<Fault> Faults(Store& store);
 
-/// The fault that applies to a request to this servlet, counted down.
+/// The fault that applies to a request to this servlet, if there is one. Counts it down, and removes it at its last
+/// request.
 std::optional<Fault> TakeFault(Store& store, std::string_view servlet);
 
 /// "status 503", "delay 200 ms", "drop" or "cut".

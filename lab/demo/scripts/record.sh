@@ -3,7 +3,7 @@
 
 agent_key=$1 record_name=$2 collect_time=$3
 
-# JSON string of a text.
+# A text as a JSON string.
 quote() { printf '%s' "$1" | sed -e 's/[\\"]/\\&/g' -e 's/[[:cntrl:]]/ /g' -e 's/^/"/' -e 's/$/"/'; }
 
 # Prints the record around rows of tab-separated values read from standard input; the arguments name the columns.
