@@ -18,7 +18,7 @@ namespace kv::facts {
 struct UserEntry {
     std::string name;
     std::uint32_t id = 0;
-    std::string fullName;  // of the GECOS field, what stands before its first comma
+    std::string fullName;  // the GECOS field up to its first comma
     std::string shell;     // a path; empty means /bin/sh
 };
 
@@ -32,7 +32,7 @@ struct GroupEntry {
 
 std::vector<GroupEntry> ParseGroups(std::string_view text);
 
-/// What a line of /etc/shadow tells of an account.
+/// What a line of /etc/shadow says about an account.
 struct PasswordEntry {
     bool isRequired = false;    // the password field is not empty
     bool opensNothing = false;  // no password is accepted

@@ -43,15 +43,15 @@ std::uint64_t PackageOf(const CpuBlock& block, const CpuFiles& files) {
     return told ? *told : NumberIn(files, block.number, "topology/physical_package_id").value_or(0);
 }
 
-/// The first of a list such as "0,4" or "0-3".
-std::optional<std::uint64_t> FirstOf(std::string_view list) {
+/// The first number in a list such as "0,4" or "0-3".
+std::optional<std::uint64_t> FirstInList(std::string_view list) {
     return NumberOf(list.substr(0, list.find_first_of(",-")));
 }
 
 /// The first of the processors that share something with this one, by a file's list; this one itself when there is no
 /// list.
 std::uint64_t FirstSharer(const CpuFiles& files, std::uint32_t number, std::string_view list) {
-    return FirstOf(files(number, list).value_or("")).value_or(number);
+    return FirstInList(files(number, list).value_or("")).value_or(number);
 }
 
 /// Adds those caches of levels 2 and 3 whose first sharer is this processor, so that each cache counts once.

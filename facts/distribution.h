@@ -36,7 +36,7 @@ std::optional<std::uint32_t> CodePageOf(std::string_view localeName);
 /// The telephone code of a locale's country; absent when the locale is not installed, or does not have one.
 std::optional<std::string> ReadCountryCode(const std::string& localeName);
 
-/// Whether a display manager is set up, at which people log in; on a server there is none.
+/// Whether a display manager, at which people log in, is set up. Servers do not have one.
 bool IsWorkstation();
 
 }  // namespace kv::facts

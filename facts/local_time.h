@@ -19,7 +19,7 @@ struct CalendarTime {
 CalendarTime LocalTimeOf(std::int64_t microsecondsSince1970);
 CalendarTime UtcTimeOf(std::int64_t microsecondsSince1970);
 
-/// The week of the month in which a day lies, 1 to 6. Weeks start on Sunday, so the first may be short.
+/// The week of the month to which a day belongs, 1 to 6. Weeks start on Sunday, so the first may be short.
 std::uint32_t WeekInMonthOf(const std::tm& day);
 
 }  // namespace kv::facts

@@ -13,7 +13,7 @@ namespace kv::facts {
 /// One line of /proc/self/mountinfo (proc(5)); escapes undone.
 struct Mount {
     int id = 0;
-    int parentId = 0;    // the mount on which it lies
+    int parentId = 0;    // the mount that holds its mount point
     std::string device;  // major:minor
     std::string root;    // the folder of the file system that is mounted
     std::string mountPoint;

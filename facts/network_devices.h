@@ -47,7 +47,7 @@ struct InterfaceDevice {
 
 InterfaceDevice ReadInterfaceDevice(const NetworkInterface& interface);
 
-/// What stands after a key in the first line that begins with it; empty when there is no such line.
+/// The rest of the first line that begins with a key; empty when there is no such line.
 std::string_view ValueAfter(std::string_view key, std::string_view text);
 
 /// The speed of an interface in bits per second, as its driver gives it; absent when it has no speed, or is down.

@@ -85,8 +85,8 @@ void SetNumbers(const StatNumbers& numbers, ProcessStat& stat) {
     stat.isProcess = static_cast<std::int64_t>(numbers[StatField::exitSignal]) >= 0;  // a thread's end signals no one
 }
 
-/// The number behind a key such as "VmPeak:" at the start of a line.
-std::optional<std::uint64_t> NumberBehind(std::string_view line, std::string_view key) {
+/// The number after a key such as "VmPeak:" at the start of a line.
+std::optional<std::uint64_t> NumberAfter(std::string_view line, std::string_view key) {
     if (!line.starts_with(key)) return std::nullopt;
     line.remove_prefix(key.size());
     return NumberOf(TakeField(line));
@@ -139,7 +139,7 @@ std::optional<ProcessIo> ParseProcessIo(std::string_view text) {
     std::size_t found = 0;
     for (std::string_view line; TakeLine(text, line);) {
         for (const auto& key : keys) {
-            const std::optional<std::uint64_t> number = NumberBehind(line, key.key);
+            const std::optional<std::uint64_t> number = NumberAfter(line, key.key);
             if (!number) continue;
             key.number = *number;
             ++found;
@@ -163,7 +163,7 @@ ProcessMemory ParseProcessStatus(std::string_view text) {
     };
     for (std::string_view line; TakeLine(text, line);) {
         for (const auto& key : keys) {
-            if (const auto number = NumberBehind(line, key.key)) key.bytes = *number * bytesPerUnit;
+            if (const auto number = NumberAfter(line, key.key)) key.bytes = *number * bytesPerUnit;
         }
     }
     return memory;

@@ -62,7 +62,7 @@ ProcessMemory ParseProcessStatus(std::string_view text);
 std::string CommandLineOf(std::string_view text);
 
 /// The name of a process's executable: the kernel's, unless that may be cut and the command line (as /proc/<id>/cmdline
-/// has it) holds the whole name. A script's name is looked for behind its interpreter and one option. The result refers
+/// has it) holds the whole name. A script's name is looked for after its interpreter and one option. The result refers
 /// to the arguments.
 std::string_view ExecutableNameOf(const ProcessStat& stat, std::string_view commandLine);
 

@@ -23,12 +23,12 @@ struct SmbiosStructure {
     std::uint16_t wordAt(std::size_t offset) const;
     std::uint32_t doubleWordAt(std::size_t offset) const;
 
-    /// The string whose number stands at an offset, without blanks at its ends; absent when there is no such string,
+    /// The string whose number is at an offset, without blanks at its ends; absent when there is no such string,
     /// or it is empty.
     std::optional<std::string> stringAt(std::size_t offset) const;
 };
 
-/// The structures of a table in its order, up to and with the one that marks its end, or up to the first that is
+/// The structures of a table in its order, up to and including the one that marks its end, or up to the first that is
 /// malformed. The result refers to the bytes.
 std::vector<SmbiosStructure> ParseSmbios(std::string_view table);
 

@@ -23,7 +23,7 @@ std::string_view Trimmed(std::string_view text);
 /// Takes the next line off a text, without the character that ends it; false when the text is used up.
 bool TakeLine(std::string_view& text, std::string_view& line);
 
-/// Takes the next field off a line: what stands between blanks or tabs; empty when the line is used up.
+/// Takes the next field, the text up to a blank or a tab, off a line; empty when the line is used up.
 std::string_view TakeField(std::string_view& line);
 
 /// A whole decimal number; absent when the text is not one, or the number is too large.

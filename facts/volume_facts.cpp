@@ -18,7 +18,7 @@ bool IsReadOnlyByNature(std::string_view fileSystem) {
     return std::find(std::begin(kinds), std::end(kinds), fileSystem) != std::end(kinds);
 }
 
-/// Only the disk's folder has the answer. A partition's folder lies in it.
+/// Only the disk's folder has the answer; a partition's folder is inside of it.
 bool IsRemovable(const std::string& blockDevice) {
     const std::string folder = "/sys/class/block/" + blockDevice;
     std::optional<std::uint64_t> removable = ReadSystemNumber(folder + "/removable");

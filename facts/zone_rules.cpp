@@ -63,7 +63,7 @@ std::optional<std::int32_t> TakeTime(std::string_view& text) {
 }
 
 /// The change at so many seconds after the start of a day.
-ClockChange At(ClockChange day, std::int32_t seconds) {
+ClockChange ChangeAt(ClockChange day, std::int32_t seconds) {
     const std::int32_t days = seconds / secondsPerDay - (seconds % secondsPerDay < 0 ? 1 : 0);
     const std::int32_t ofDay = seconds - days * secondsPerDay;
     day.dayOfWeek = static_cast<std::uint8_t>(((day.dayOfWeek + days) % daysPerWeek + daysPerWeek) % daysPerWeek);
@@ -86,10 +86,10 @@ std::optional<ClockChange> TakeChange(std::string_view& text) {
     const std::optional<std::int32_t> time = Take(text, '/') ? TakeTime(text) : usualTime;
     if (month < 1 || month > months || week < 1 || week > weeks || day < 0 || day >= daysPerWeek) return std::nullopt;
     if (!time) return std::nullopt;
-    return At({.month = static_cast<std::uint32_t>(month),
-               .week = static_cast<std::uint32_t>(week),
-               .dayOfWeek = static_cast<std::uint8_t>(day)},
-              *time);
+    return ChangeAt({.month = static_cast<std::uint32_t>(month),
+                     .week = static_cast<std::uint32_t>(week),
+                     .dayOfWeek = static_cast<std::uint8_t>(day)},
+                    *time);
 }
 
 /// Takes a name and the seconds west of UTC. These stay as they are when the name stands alone.

@@ -1,8 +1,8 @@
 // Any bytes through every parser of the codec, in a buffer that ends as soon as the codec allows. What a parser returns
 // is built again, perhaps shorter, and must parse to the same; without room for all of it, it is not built.
 //
-// The first byte is the room for the parsed value (bytes, or sub-identifiers). The second is what lies behind the end
-// of the rest, and decides how much room for building there is when there is too little.
+// The first byte is the room for the parsed value (bytes, or sub-identifiers). The second follows the end of the rest,
+// and decides how much room for building there is when there is too little.
 #include <algorithm>
 #include <array>
 #include <cstddef>

@@ -80,7 +80,7 @@ constexpr Option listOptions[] = {databaseOption, {"--agent", "KEY", "only this 
 constexpr Option answersOptions[] = {
     databaseOption,
     {"--agent", "KEY", "only this agent's"},
-    {"--id", "ID", "only those to this request; exit code 3 when there are none"},
+    {"--id", "ID", "only those to this request; exit code 3 if there are none"},
 };
 
 constexpr Item requestTypes[] = {

@@ -44,7 +44,7 @@ std::string AddRequest(Store& store, const NewRequest& request);
 /// the agent with the key planKey, which may be a slave of the one that fetches. Gives the request's id.
 std::string AddConfiguration(Store& store, std::string_view agent, std::string_view planKey, std::string_view zip);
 
-/// The zip that a path leads to; absent when there is no such configuration.
+/// The zip of the configuration with a path; absent when there is no such configuration.
 std::optional<std::string> Configuration(Store& store, std::string_view path);
 
 /// The list for an agent as it is sent: a JSON document in UTF-16LE, or empty when there is nothing to do. If a fault

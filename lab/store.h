@@ -142,7 +142,7 @@ std::vector<Report> LatestAnswers(Store& store, std::int64_t limit);
 
 // --- Faults
 
-/// For what faults can be set: the servlets, and "conf" for the download of configurations. "*" stands for all.
+/// What faults can be set for: the servlets, and "conf" for the download of configurations. "*" stands for all.
 inline constexpr std::array<std::string_view, 5> servletNames{"RegisterAgent", "FileCollector", "StatusUpdateServlet",
                                                               "DataAgentHandlerServlet", "conf"};
 

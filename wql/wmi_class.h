@@ -30,7 +30,7 @@ struct RowOfRoutine<Value (Routine::*)(const Row&) const> {
 struct PropertyInfo {
     std::u16string_view name;
     CimType type = CimType::string;
-    std::uint32_t needs = 0;   // bits; what gather has to fill in
+    std::uint32_t needs = 0;   // bits; what gather must fill in
     std::string_view meaning;  // for readers of the table: unit and source; empty if Linux has no such value
     CimValue (*read)(const void* row, const PropertyInfo& property) = nullptr;  // null: the value is always NULL
     std::size_t index = 0;                                                      // for classes whose rows are lists

@@ -34,7 +34,7 @@ Token TakeWord(std::u16string_view& text) {
     return Take(text, TokenKind::word, static_cast<std::size_t>(end - text.begin()));
 }
 
-/// The length of a number with the letters right behind it, so that "12ab" is not read as 12.
+/// The length of a number with the letters right after it, so that "12ab" is not read as 12.
 std::size_t NumberLength(std::u16string_view text) {
     std::size_t length = 1;
     while (length < text.size()) {

@@ -116,7 +116,7 @@ constexpr PropertyInfo properties[] = {
     {u"DNSHostName", string, Need::host, "as Name", hostIn},
     {u"Domain", string, Need::domain, "of the host name, else of /etc/hosts", [](const Row& row) { return facts::KnownText(row.domain); }},
     {u"DomainRole", uint16, Need::role | Need::membership, "0 workstation, 2 server; 1 more in a domain", [](const Row& row) { return DomainRoleOf(row); }},
-    {u"EnableDaylightSavingsTime", boolean, 0, "always, as the time zone says", [](const Row&) { return true; }},
+    {u"EnableDaylightSavingsTime", boolean, 0, "always TRUE: the time zone decides", [](const Row&) { return true; }},
     {u"FrontPanelResetStatus", uint16, Need::firmware, "as AdminPasswordStatus", [](const Row& row) { return SettingAt(row, 0); }},
     {u"HypervisorPresent", boolean, Need::hypervisor, "this is a virtual machine", [](const Row& row) { return row.hasHypervisor; }},
     {u"InfraredSupported", boolean},

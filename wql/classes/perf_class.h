@@ -43,14 +43,14 @@ enum class CounterKind {
     rate,                    // growth a second
     percentOfTime,           // growth, a time, in percent of the base's growth, at most 100
     percentOfTimeLeft,       // what percentOfTime leaves of 100
-    percentOfTimestamp,      // growth, a time, in percent of the time gone by, at most 100
+    percentOfTimestamp,      // growth, a time, in percent of the elapsed time, at most 100
     percentOfTimestampLeft,  // what percentOfTimestamp leaves of 100; in the raw class the time that is left
     percentOfOperations,     // as percentOfTimestamp, for the sum of all operations' times, so it may exceed 100
-    percentOfProcessors,     // growth, a time, in percent of the time gone by, at most 100 for each processor
+    percentOfProcessors,     // growth, a time, in percent of the elapsed time, at most 100 for each processor
     fraction,                // the value in percent of the base
     averageTime,             // growth, a time in seconds, divided by the base's growth
     averageAmount,           // growth divided by the base's growth
-    queueLength,             // growth, the sum of all operations' times, divided by the time gone by
+    queueLength,             // growth, the sum of all operations' times, divided by the elapsed time
     elapsedTime,             // seconds since the value, a moment since the system's start; NULL in _Total
 };
 

@@ -103,7 +103,7 @@ constexpr PropertyInfo properties[] = {
     {u"CSCreationClassName", string, 0, "the computer's class", [](const Row&) { return u"Win32_ComputerSystem"; }},
     {u"CSName", string, Need::host, "the computer's name", [](const Row& row) { return row.host; }},
     {u"Description", string, Need::name, "as Name", nameIn},
-    {u"ExecutablePath", string, Need::executable, "where the link exe leads", [](const Row& row) { return row.executable; }},
+    {u"ExecutablePath", string, Need::executable, "the target of the link exe", [](const Row& row) { return row.executable; }},
     {u"ExecutionState", uint16, 0, "3 running, 4 waiting, 7 ended but not yet reaped, 8 stopped, 1 other",
         [](const Row& row) { return ExecutionStateOf(row.stat.state); }},
     {u"Handle", string, 0, "as ProcessId", [](const Row& row) { return std::to_string(row.stat.id); }},
