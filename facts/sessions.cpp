@@ -10,6 +10,7 @@
 
 #include "facts/account_files.h"
 #include "facts/system_text.h"
+#include "platform/owned_handle.h"
 
 namespace kv::facts {
 
@@ -20,13 +21,13 @@ std::string UtmpText(const char (&field)[Size]) {
     return std::string(field, strnlen(field, Size));
 }
 
-using OwnedText = std::unique_ptr<char, decltype(&std::free)>;
+using OwnedText = std::unique_ptr<char, platform::ReleasedBy<std::free>>;
 
 /// What a routine of sd-login says about a session; empty when it says nothing.
 std::string SessionText(const char* session, int (*ask)(const char*, char**)) {
     char* text = nullptr;
     if (ask(session, &text) < 0) return {};
-    const OwnedText owned(text, std::free);
+    const OwnedText owned(text);
     return text;
 }
 
@@ -51,10 +52,10 @@ std::optional<Session> ReadSession(const char* id) {
 std::optional<std::vector<Session>> ReadManagedSessions() {
     char** ids = nullptr;
     if (access("/run/systemd/sessions", F_OK) != 0 || sd_get_sessions(&ids) < 0) return std::nullopt;
-    const std::unique_ptr<char*, decltype(&std::free)> owned(ids, std::free);
+    const std::unique_ptr<char*, platform::ReleasedBy<std::free>> owned(ids);
     std::vector<Session> sessions;
     for (; ids != nullptr && *ids != nullptr; ++ids) {
-        const OwnedText id(*ids, std::free);
+        const OwnedText id(*ids);
         if (std::optional<Session> session = ReadSession(id.get())) sessions.push_back(std::move(*session));
     }
     return sessions;

@@ -32,14 +32,13 @@ std::string RegistryPlace(const std::string& stateDirectory) {
 }
 
 void RequireAgentSettings(const std::string& place) {
-    platform::RegistryKey key = 0;
-    const platform::Error failure = platform::Registry().RegOpenKeyExW(platform::RootKey::localMachine, agentKeyPath,
-                                                                       platform::RegistryAccess::queryValue, key);
+    platform::OwnedRegistryKey key;
+    const platform::Error failure = platform::Registry().RegOpenKeyExW(
+        platform::RootKey::localMachine, agentKeyPath, platform::RegistryAccess::queryValue, key.place());
     if (failure == platform::error::fileNotFound)
         throw NotFoundError(fmt::format(
             "there is no agent's registry in {}; --state names the agent's state directory, {}", place, noFlagHint));
     if (failure != platform::error::success) FailToRead(place, failure);
-    platform::Registry().RegCloseKey(key);
 }
 
 /// The key of the registry's agent; empty when it does not have a key yet.

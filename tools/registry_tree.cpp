@@ -38,7 +38,7 @@ Error ReadSubtree(const std::u16string& path, RegFile& tree, std::u16string& fai
         failedAt = path;
         return failure;
     }
-    tree.push_back({path, false, std::move(contents.values)});
+    tree.push_back({.path = path, .values = std::move(contents.values)});
     for (const std::u16string& name : contents.subkeys) {
         const Error failure = ReadSubtree(path.empty() ? name : path + u'\\' + name, tree, failedAt);
         if (failure != error::success && !IsGone(failure)) return failure;

@@ -191,8 +191,10 @@ WmiStatus ReadPhysicalDisks(const Gathering& gathering, PerfSampling& sampling) 
     return wmi_status::ok;
 }
 
-constexpr PerfClass logicalDisks{u"PerfDisk_LogicalDisk", allCounters, ReadLogicalDisks, false, true};
-constexpr PerfClass physicalDisks{u"PerfDisk_PhysicalDisk", ioCounters, ReadPhysicalDisks, false, true};
+constexpr PerfClass logicalDisks{
+    .name = u"PerfDisk_LogicalDisk", .counters = allCounters, .read = ReadLogicalDisks, .hasTotal = true};
+constexpr PerfClass physicalDisks{
+    .name = u"PerfDisk_PhysicalDisk", .counters = ioCounters, .read = ReadPhysicalDisks, .hasTotal = true};
 
 const ClassFamily family(DeclarePerfClasses<logicalDisks, physicalDisks>);
 

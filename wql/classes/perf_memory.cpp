@@ -120,7 +120,7 @@ WmiStatus ReadMemory(const Gathering& gathering, PerfSampling& sampling) {
     return wmi_status::ok;
 }
 
-constexpr PerfClass memoryClass{u"PerfOS_Memory", counters, ReadMemory, true};
+constexpr PerfClass memoryClass{.name = u"PerfOS_Memory", .counters = counters, .read = ReadMemory, .isSingle = true};
 
 const ClassFamily family(DeclarePerfClasses<memoryClass>);
 

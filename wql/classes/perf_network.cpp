@@ -68,7 +68,7 @@ WmiStatus ReadInterfaces(const Gathering& gathering, PerfSampling& sampling) {
     return wmi_status::ok;
 }
 
-constexpr PerfClass interfaces{u"Tcpip_NetworkInterface", counters, ReadInterfaces};
+constexpr PerfClass interfaces{.name = u"Tcpip_NetworkInterface", .counters = counters, .read = ReadInterfaces};
 
 const ClassFamily family(DeclarePerfClasses<interfaces>);
 

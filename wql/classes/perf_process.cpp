@@ -168,7 +168,11 @@ WmiStatus ReadProcesses(const Gathering& gathering, PerfSampling& sampling) {
     return canRead ? wmi_status::ok : wmi_status::providerFailure;
 }
 
-constexpr PerfClass processes{u"PerfProc_Process", counters, ReadProcesses, false, true, Need::name};
+constexpr PerfClass processes{.name = u"PerfProc_Process",
+                              .counters = counters,
+                              .read = ReadProcesses,
+                              .hasTotal = true,
+                              .nameNeeds = Need::name};
 
 const ClassFamily family(DeclarePerfClasses<processes>);
 

@@ -87,7 +87,8 @@ WmiStatus ReadProcessors(const Gathering& gathering, PerfSampling& sampling) {
     return wmi_status::ok;
 }
 
-constexpr PerfClass processors{u"PerfOS_Processor", counters, ReadProcessors, false, true};
+constexpr PerfClass processors{
+    .name = u"PerfOS_Processor", .counters = counters, .read = ReadProcessors, .hasTotal = true};
 
 const ClassFamily family(DeclarePerfClasses<processors>);
 

@@ -71,7 +71,7 @@ WmiStatus ReadSystem(const Gathering& gathering, PerfSampling& sampling) {
     return wmi_status::ok;
 }
 
-constexpr PerfClass systemClass{u"PerfOS_System", counters, ReadSystem, true};
+constexpr PerfClass systemClass{.name = u"PerfOS_System", .counters = counters, .read = ReadSystem, .isSingle = true};
 
 const ClassFamily family(DeclarePerfClasses<systemClass>);
 
