@@ -46,7 +46,7 @@ class Enrolment : public TestAgent {
 
     VirtualClock clock_;
     lab::LabServer server_;
-    std::vector<platform::ThreadStart> started;  // threads that would run beside the test
+    std::vector<platform::ThreadStart> started;  // threads that the test does not start
     const Replaced<platform::ThreadOperations> threads_{
         &platform::ThreadOperations::CreateThread,
         [this, create = platform::Threads().CreateThread](auto start, void* argument) {

@@ -8,6 +8,7 @@
 #include <set>
 #include <sstream>
 #include <thread>
+#include <tuple>
 
 #include "agent/log_file.h"
 #include "foundation/line_bound.h"
@@ -68,12 +69,7 @@ TEST_F(LogFile, RotatesAtTheDefaultAndAtTheConfiguredSize) {
 }
 
 TEST_F(LogFile, ShiftsNumberedFiles) {
-    const struct {
-        const char* title;
-        std::uint32_t maxFiles;
-        const char* before;
-        const char* after;
-    } rows[] = {
+    const std::tuple<const char*, std::uint32_t, const char*, const char*> rows[] = {
         {"first rotation", 10, "agent.log=0", "agent.log=\n agent1.log=0"},
         {"the oldest goes", 2, "agent.log=0 agent1.log=1 agent2.log=2", "agent.log=\n agent1.log=0 agent2.log=1"},
         {"an unrelated file counts as one", 2, "agent.log=0 agent1.log=1 agentnotes.txt=n",
@@ -81,15 +77,15 @@ TEST_F(LogFile, ShiftsNumberedFiles) {
         {"more files than the limit", 1, "agent.log=0 agent1.log=1 agent2.log=2", "agent.log=\n agent1.log=0"},
         {"none to keep", 0, "agent.log=0 agent1.log=1", "agent.log=0"},
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.title);
-        Start(row.before);
-        logState.gv_logMaxFiles = row.maxFiles;
+    for (const auto& [title, maxFiles, before, after] : rows) {
+        SCOPED_TRACE(title);
+        Start(before);
+        logState.gv_logMaxFiles = maxFiles;
         logState.gv_logMaxSize = logState.gv_logBytes + 1;
         Log1("rotates after it is written\n");
         EXPECT_EQ(logState.gv_logBytes, 0U);
         Log1("first line of the new file\n");
-        EXPECT_EQ(Files(), row.after);
+        EXPECT_EQ(Files(), after);
     }
 }
 

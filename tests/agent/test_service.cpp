@@ -120,7 +120,7 @@ TEST_F(Service, AnswersControlsWithItsState) {
     EXPECT_TRUE(threads.empty()) << "no control was a stop";
     EXPECT_FALSE(Logged("SendAgentStatus"));
     EXPECT_TRUE(Logged(" HandlerEx : Service Control Pause notification is received \n"));
-    EXPECT_EQ(lastReport.dwServiceType, 48U) << "of its own or a shared process";
+    EXPECT_EQ(lastReport.dwServiceType, 48U) << "own or shared process";
     EXPECT_EQ(lastReport.dwControlsAccepted, 135U) << "stop, pause and continue, shutdown, session change";
     agentState.gv_isWin2k = true;
     EXPECT_TRUE(ChangeServiceStatus(platform::ServiceState::paused));
@@ -201,7 +201,7 @@ TEST_F(Service, TellsTheServerAndSavesTheCountersWhenItStops) {
     EXPECT_EQ(reports, "2431") << "without a worker";
 }
 
-TEST_F(Service, StopsBesideASilentServerDespiteASecondStop) {
+TEST_F(Service, ASilentServerAndASecondStopDoNotDelayTheStop) {
     std::promise<void> asked, hangUp;
     std::atomic<int> connections{0};
     const std::shared_future<void> mayHangUp = hangUp.get_future().share();

@@ -16,7 +16,7 @@ constexpr std::uint32_t never = UINT32_MAX;
 struct ServiceAdmin : TestAgent {
     ServiceAdmin() { agentState.gv_ocAgentBinPath = u"C:\\kv\\"; }
 
-    /// Puts the service into a state. The call that begins with a text fails with access denied (5); empty: none fails.
+    /// Puts the service into a state. A call that begins with `failing` fails with error 5; empty: no call does.
     void Set(const FakeService& state, const char* failing) {
         FakeService& service = fake.services[std::u16string(serviceName)] = state;
         if (service.pending == stopPending) service.since = Clock().GetTickCount64();
@@ -101,11 +101,7 @@ TEST_F(ServiceAdmin, LogsHowAStartWent) {
 }
 
 TEST_F(ServiceAdmin, LogsHowAStopWent) {
-    const struct {
-        FakeService service;
-        const char* failing;
-        const char* logged;
-    } rows[] = {
+    const std::tuple<FakeService, const char*, const char*> rows[] = {
         {runs, "", "StopService: Service stopped successfully"},
         {{.state = running, .takes = never}, "", "StopService: Wait timed out"},
         {idle, "", "StopService: Service is already stopped."},
@@ -115,18 +111,18 @@ TEST_F(ServiceAdmin, LogsHowAStopWent) {
         {runs, "Query", "StopService: QueryServiceStatusEx failed (5)"},
         {runs, "ControlService", "StopService: ControlService failed (5)"},
     };
-    for (const auto& row : rows) {
-        Set(row.service, row.failing);
+    for (const auto& [service, failing, logged] : rows) {
+        Set(service, failing);
         const std::int64_t began = clock.nowMilliseconds();
         StopService();
         const std::string log = NewLog();
-        EXPECT_TRUE(HasLogged(row.logged)) << log;
+        EXPECT_TRUE(HasLogged(logged)) << log;
         if (log.find("timed out") != log.npos) {
-            EXPECT_EQ(clock.nowMilliseconds() - began, 61000) << row.logged;
+            EXPECT_EQ(clock.nowMilliseconds() - began, 61000) << logged;
         }
         EXPECT_EQ(log.find("StopService: ") == log.npos,
                   log.find("StopService: Closing service handles\n") == log.npos);
-        EXPECT_FALSE(fake.hasOpenHandles()) << row.logged;
+        EXPECT_FALSE(fake.hasOpenHandles()) << logged;
     }
 }
 

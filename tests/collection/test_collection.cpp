@@ -2,6 +2,7 @@
 #include <cstring>
 #include <gmock/gmock.h>
 #include <thread>
+#include <tuple>
 
 #include "collection/record_file.h"
 #include "collection/script_output.h"
@@ -16,8 +17,6 @@
 namespace kv::test {
 namespace {
 
-using ::testing::EndsWith;
-using ::testing::StartsWith;
 using namespace std::string_view_literals;
 
 /// The text of script output that arrives in these blocks.
@@ -43,13 +42,8 @@ TEST(ScriptOutput, BecomesUtf16WithoutItsMarkWhereverItIsCut) {
     const std::u16string longText(70'000, u'x');
     constexpr auto utf8 = platform::ScriptOutputEncoding::utf8;
     constexpr auto utf16 = platform::ScriptOutputEncoding::utf16LittleEndian;
-    struct Row {
-        const char* title;
-        platform::ScriptOutputEncoding encoding;
-        std::string_view bytes;
-        std::u16string_view expected;
-    };
-    for (const Row& row : std::vector<Row>{
+    for (const auto& [title, encoding, bytes, expected] :
+         std::vector<std::tuple<const char*, platform::ScriptOutputEncoding, std::string_view, std::u16string_view>>{
              {"ASCII and a NUL", utf8, "a\0b\n"sv, u"a\0b\n"sv},
              {"two, three and four bytes", utf8, "\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80.", u"\u00e9\u20ac\U0001f600."},
              {"only the first mark goes", utf8, "\xEF\xBB\xBF\xEF\xBB\xBFx", u"\uFEFFx"},
@@ -66,11 +60,10 @@ TEST(ScriptOutput, BecomesUtf16WithoutItsMarkWhereverItIsCut) {
              {"a mark in a later line", utf8, "abcd\n\xFF\xFE", u"abcd\n\u00FF\u00FE"},
              {"a long line", utf8, longLine, longText},
          }) {
-        SCOPED_TRACE(row.title);
-        const std::size_t step = 1 + row.bytes.size() / 10;
-        for (std::size_t cut = 0; cut <= row.bytes.size(); cut += step)
-            EXPECT_EQ(ConvertOutput(row.encoding, {row.bytes.substr(0, cut), row.bytes.substr(cut)}), row.expected)
-                << cut;
+        SCOPED_TRACE(title);
+        const std::size_t step = 1 + bytes.size() / 10;
+        for (std::size_t cut = 0; cut <= bytes.size(); cut += step)
+            EXPECT_EQ(ConvertOutput(encoding, {bytes.substr(0, cut), bytes.substr(cut)}), expected) << cut;
     }
 }
 
@@ -217,10 +210,10 @@ TEST_F(Collection, AWorkflowRunsItsRecordsInOrder) {
     std::int32_t first = 0;
     CollectAndSaveData(&first);
     FreeAllHashTable(plan);
-    EXPECT_THAT(Record(1), StartsWith("{ \"MSPCUSTOMERID\": \"Acme\", \"AGENTKEY\": \"K\", "
-                                      "\"DATACOLLECTTIME\": \"1772705107\", "
-                                      "\"ERRORMSG\": \"FAILED:SELECT * FROM D ERRORCODE:80041010 MESSAGE:"));
-    EXPECT_THAT(Record(1), EndsWith("\", \"Disks\": [ ] }"));
+    EXPECT_THAT(Record(1), testing::StartsWith("{ \"MSPCUSTOMERID\": \"Acme\", \"AGENTKEY\": \"K\", "
+                                               "\"DATACOLLECTTIME\": \"1772705107\", "
+                                               "\"ERRORMSG\": \"FAILED:SELECT * FROM D ERRORCODE:80041010 MESSAGE:"));
+    EXPECT_THAT(Record(1), testing::EndsWith("\", \"Disks\": [ ] }"));
     EXPECT_EQ(Record(2), "K,7,1772705107,3600,false" + lineEnd);
     EXPECT_EQ(Record(3),
               "{ \"PROTOCOL\": \"SPOLL\", \"MSPCUSTOMERID\": \"Acme\", \"ID\": \"\", "

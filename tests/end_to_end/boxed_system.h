@@ -1,4 +1,4 @@
-// A real systemd for a test, in a box of its own: tools/boxed_systemd.sh.
+// A real systemd for a test, in a box: tools/boxed_systemd.sh.
 #pragma once
 
 #include <cstdio>
@@ -11,26 +11,26 @@ namespace kv::test {
 
 class BoxedSystem {
   public:
-    /// Boots it, with a folder that it shares under the same path, and in which it keeps its log.
+    /// Boots it. The folder is shared under the same path, and holds the log.
     explicit BoxedSystem(const std::filesystem::path& folder);
-    /// Ends it with all that runs in it; so does the end of this process, whatever brings it.
+    /// Ends it and all its processes. The end of this process does the same, however it comes.
     ~BoxedSystem();
     BoxedSystem(const BoxedSystem&) = delete;
     BoxedSystem& operator=(const BoxedSystem&) = delete;
 
-    /// False on a machine that can have no such box; the log says why.
-    bool booted() const { return firstProcess_ > 0; }
-    std::string log() const;
+    /// False on a machine that cannot run such a box; the log says why.
+    bool isBooted() const { return firstProcess_ > 0; }
+    std::string ReadLog() const;
 
-    /// Whether it is neither powered off nor ended.
-    bool running() const;
+    /// False once it is powered off or ended.
+    bool IsRunning() const;
 
-    /// Runs a shell's commands in it, as the superuser; the output is that of both streams.
-    ShellOutcome run(const std::string& commands) const;
+    /// Runs commands of the shell in it as root; the output of both streams.
+    ShellOutcome Run(const std::string& commands) const;
 
   private:
     std::filesystem::path log_;
-    FILE* keeper_ = nullptr;  // the script; the box lives as long as this is open
+    FILE* keeper_ = nullptr;  // the script; the box lives while this is open
     int firstProcess_ = 0;
 };
 

@@ -1,6 +1,6 @@
-// The agent's program as it is, but for its sleeps and its waits for threads, which take a thirtieth of their time: a
-// look at the server's requests comes every second, and an end waits for the server two thirds of a second. Clocks run
-// as they do, so each workflow is collected once per schedule.
+// The agent's program with sleeps and waits for threads that take a thirtieth of their time: it fetches requests every
+// second, and waits two thirds of a second for the server when it stops. Clocks run at their normal pace, so a workflow
+// still keeps its schedule.
 #include <cstdio>
 #include <cstdlib>
 

@@ -23,16 +23,18 @@ namespace fs = std::filesystem;
 
 namespace {
 
-std::u16string KeyOf(std::u16string_view subKey) { return std::u16string(agentKeyPath) + std::u16string(subKey); }
+std::u16string AgentKeyPath(std::u16string_view subKey) {
+    return std::u16string(agentKeyPath) + std::u16string(subKey);
+}
 
 }  // namespace
 
-std::optional<std::string> Kvlab(const std::string& arguments, const std::string& database) {
+std::optional<std::string> RunKvlab(const std::string& arguments, const std::string& database) {
     const ShellOutcome outcome = RunShell(KV_LAB_PROGRAM " " + arguments + " --database " + database);
     return outcome.exitCode == 0 ? std::optional(outcome.output) : std::nullopt;
 }
 
-std::string LastWord(const std::string& database) {
+std::string LastStatus(const std::string& database) {
     lab::Store store = lab::OpenStore(database);
     const std::vector<lab::Agent> agents = lab::Agents(store);
     return agents.empty() ? "unknown" : agents[0].status;
@@ -58,55 +60,56 @@ InstalledAgent::InstalledAgent() {
     fs::create_directories(state);
     IsolateRegistry(state);
     InstallBackends();
-    setText(u"", u"KVAgentInstallDir", platform::WideFromUtf8(folder.string() + "/"));
-    setText(u"", u"CustomerName", u"Test customer");
-    setText(u"", u"RemoteOfficeName", u"Test office");
-    setText(u"\\ServerInfo", u"KVServerName", u"localhost");
-    setText(u"\\ServerInfo", u"KVServerFlatName", u"--");
-    setText(u"\\ServerInfo", u"KVServerIPAddress", u"127.0.0.1");
-    setText(u"\\ServerInfo", u"KVServerSecIPAddress", u"--");
-    setText(u"\\ServerInfo", u"KVLastAccessName", u"127.0.0.1");
-    setServer(1, u"http");
+    SetText(u"", u"KVAgentInstallDir", platform::WideFromUtf8(folder.string() + "/"));
+    SetText(u"", u"CustomerName", u"Test customer");
+    SetText(u"", u"RemoteOfficeName", u"Test office");
+    SetText(u"\\ServerInfo", u"KVServerName", u"localhost");
+    SetText(u"\\ServerInfo", u"KVServerFlatName", u"--");
+    SetText(u"\\ServerInfo", u"KVServerIPAddress", u"127.0.0.1");
+    SetText(u"\\ServerInfo", u"KVServerSecIPAddress", u"--");
+    SetText(u"\\ServerInfo", u"KVLastAccessName", u"127.0.0.1");
+    SetServer(1, u"http");
 }
 
 InstalledAgent::~InstalledAgent() {
-    kill();
+    Kill();
     RemoveFolder(folder);
 }
 
-void InstalledAgent::setText(std::u16string_view subKey, std::u16string_view name, std::u16string_view value,
+void InstalledAgent::SetText(std::u16string_view subKey, std::u16string_view name, std::u16string_view value,
                              platform::RegistryType type) const {
-    if (writeValue(platform::RootKey::localMachine, KeyOf(subKey), name, value, type) != 0)
+    if (writeValue(platform::RootKey::localMachine, AgentKeyPath(subKey), name, value, type) != 0)
         throw std::runtime_error("the registry of the test cannot be written");
 }
 
-void InstalledAgent::setNumber(std::u16string_view subKey, std::u16string_view name, int value) const {
-    setText(subKey, name, DecimalText(value), platform::RegistryType::dword);
+void InstalledAgent::SetNumber(std::u16string_view subKey, std::u16string_view name, int value) const {
+    SetText(subKey, name, DecimalText(value), platform::RegistryType::dword);
 }
 
-std::string InstalledAgent::text(std::u16string_view subKey, std::u16string_view name) const {
+std::string InstalledAgent::ReadSetting(std::u16string_view subKey, std::u16string_view name) const {
     OptionalText value;
-    if (ReadRegSZ(platform::RootKey::localMachine, KeyOf(subKey), name, value) != platform::error::success) return {};
+    if (ReadRegSZ(platform::RootKey::localMachine, AgentKeyPath(subKey), name, value) != platform::error::success)
+        return {};
     return platform::Utf8FromWide(value.value_or(u""));
 }
 
-void InstalledAgent::setServer(int port, std::u16string_view protocol) const {
-    setText(u"\\ServerInfo", u"KVServerSecurePort", DecimalText(port));
-    setText(u"\\ServerInfo", u"KVServerProtocol", protocol);
+void InstalledAgent::SetServer(int port, std::u16string_view protocol) const {
+    SetText(u"\\ServerInfo", u"KVServerSecurePort", DecimalText(port));
+    SetText(u"\\ServerInfo", u"KVServerProtocol", protocol);
 }
 
-void InstalledAgent::writePlan(std::string_view json) const {
+void InstalledAgent::WritePlan(std::string_view json) const {
     TestAgent::Write(monitoring / "conf" / "queryconf.txt", Utf16LittleEndianBytes(platform::WideFromUtf8(json)));
 }
 
-void InstalledAgent::writeScript(std::string_view name, std::string_view body) const {
+void InstalledAgent::WriteScript(std::string_view name, std::string_view body) const {
     const fs::path path = monitoring / "conf" / "scripts" / name;
     TestAgent::Write(path, "#!/bin/sh\n" + std::string(body) + "\n");
     fs::permissions(path, fs::perms::owner_all);
 }
 
-std::optional<std::string> InstalledAgent::kvlab(const std::string& arguments) const {
-    return Kvlab(arguments, database);
+std::optional<std::string> InstalledAgent::RunKvlab(const std::string& arguments) const {
+    return test::RunKvlab(arguments, database);
 }
 
 void MakeCertificate(const fs::path& folder, std::string& certificate, std::string& privateKey) {
@@ -117,7 +120,7 @@ void MakeCertificate(const fs::path& folder, std::string& certificate, std::stri
     if (RunShell(command).exitCode != 0) throw std::runtime_error("no certificate could be made");
 }
 
-void InstalledAgent::start(std::initializer_list<const char*> arguments) {
+void InstalledAgent::Start(std::initializer_list<const char*> arguments) {
     std::vector<char*> argv{const_cast<char*>(program)};
     for (const char* argument : arguments) argv.push_back(const_cast<char*>(argument));
     argv.push_back(nullptr);
@@ -129,33 +132,33 @@ void InstalledAgent::start(std::initializer_list<const char*> arguments) {
     if (error != 0) throw std::runtime_error("the agent program cannot be started");
 }
 
-int InstalledAgent::run(std::initializer_list<const char*> arguments) {
-    start(arguments);
-    return wait();
+int InstalledAgent::Run(std::initializer_list<const char*> arguments) {
+    Start(arguments);
+    return Wait();
 }
 
-int InstalledAgent::wait() {
+int InstalledAgent::Wait() {
     int status = 0;
     waitpid(process_, &status, 0);
     process_ = 0;
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-bool InstalledAgent::running() {
+bool InstalledAgent::IsRunning() {
     if (process_ == 0) return false;
     if (waitpid(process_, nullptr, WNOHANG) == 0) return true;
     process_ = 0;
     return false;
 }
 
-void InstalledAgent::kill() {
+void InstalledAgent::Kill() {
     if (process_ == 0) return;
     ::kill(process_, SIGKILL);
-    wait();
+    Wait();
 }
 
-std::string InstalledAgent::log() const { return TestAgent::Read(monitoring / "logs" / "agent.log"); }
+std::string InstalledAgent::ReadLog() const { return TestAgent::Read(monitoring / "logs" / "agent.log"); }
 
-void InstalledAgent::pause(int milliseconds) { std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds)); }
+void InstalledAgent::Pause(int milliseconds) { std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds)); }
 
 }  // namespace kv::test

@@ -1,4 +1,4 @@
-// A real agent program in an install tree of its own.
+// The real agent program in a temporary install tree.
 #pragma once
 
 #include <filesystem>
@@ -14,20 +14,20 @@
 
 namespace kv::test {
 
-/// A self-signed certificate and its key, as PEM files in the folder.
+/// Makes a self-signed certificate and its key, as PEM files in the folder.
 void MakeCertificate(const std::filesystem::path& folder, std::string& certificate, std::string& privateKey);
 
-/// What a kvlab command about the database prints; nullopt if it fails.
-std::optional<std::string> Kvlab(const std::string& arguments, const std::string& database);
+/// Runs a kvlab command on the database; what it prints, or nullopt if it fails.
+std::optional<std::string> RunKvlab(const std::string& arguments, const std::string& database);
 
-/// The agent's last word to the lab with this database; "unknown" before its first.
-std::string LastWord(const std::string& database);
+/// The last status that the agent told the lab with this database; "unknown" before it enrols.
+std::string LastStatus(const std::string& database);
 
-/// The texts of the records that the lab has, sorted.
+/// The texts of the lab's records, sorted.
 std::vector<std::string> AcceptedTexts(const std::string& database);
 
-/// Makes an install tree and a state directory in a temporary folder, with every required setting pointing to a server
-/// on this machine's loopback. Kills what still runs and removes the folder at its end.
+/// Makes an install tree and a state directory in a temporary folder, with all required settings and a server on this
+/// machine's loopback. At its end, kills a program that still runs and removes the folder.
 class InstalledAgent {
   public:
     InstalledAgent();
@@ -40,47 +40,47 @@ class InstalledAgent {
     std::filesystem::path data;        // record files
     std::filesystem::path zipdata;     // waiting zips
     std::filesystem::path state;       // registry.db and drive_c
-    std::string database;              // of the lab, where there is one
+    std::string database;              // of the lab, if there is one
 
-    /// Settings, by the last part of their key: "" for the agent's own, "\ServerInfo" and so on.
-    void setText(std::u16string_view subKey, std::u16string_view name, std::u16string_view value,
+    /// Settings below the agent's key: subKey is empty, "\ServerInfo" and so on.
+    void SetText(std::u16string_view subKey, std::u16string_view name, std::u16string_view value,
                  platform::RegistryType type = platform::RegistryType::text) const;
-    void setNumber(std::u16string_view subKey, std::u16string_view name, int value) const;
-    std::string text(std::u16string_view subKey, std::u16string_view name) const;
-    void setServer(int port, std::u16string_view protocol) const;
+    void SetNumber(std::u16string_view subKey, std::u16string_view name, int value) const;
+    std::string ReadSetting(std::u16string_view subKey, std::u16string_view name) const;
+    void SetServer(int port, std::u16string_view protocol) const;
 
-    /// Writes the plan, given as UTF-8 JSON, and an executable script.
-    void writePlan(std::string_view json) const;
-    void writeScript(std::string_view name, std::string_view body) const;
+    /// Writes the plan (JSON in UTF-8), or an executable script.
+    void WritePlan(std::string_view json) const;
+    void WriteScript(std::string_view name, std::string_view body) const;
 
-    std::optional<std::string> kvlab(const std::string& arguments) const;
+    std::optional<std::string> RunKvlab(const std::string& arguments) const;
 
-    /// What start starts.
+    /// The program that Start runs.
     const char* program = KV_AGENT_PROGRAM;
 
-    /// Starts the program; its output is dropped.
-    void start(std::initializer_list<const char*> arguments);
-    /// Starts it and waits for its end: the exit code, or 128 and the signal.
-    int run(std::initializer_list<const char*> arguments);
-    bool running();
-    /// SIGKILL, and waits until it is gone.
-    void kill();
+    /// Starts the program and drops its output.
+    void Start(std::initializer_list<const char*> arguments);
+    /// Starts it and waits for its end; the exit code, or 128 plus the signal.
+    int Run(std::initializer_list<const char*> arguments);
+    bool IsRunning();
+    /// Sends SIGKILL and waits for the end.
+    void Kill();
 
-    std::string log() const;
+    std::string ReadLog() const;
 
-    /// Waits for a condition, asked every 10 milliseconds; false when it did not come true in the time.
+    /// Checks a condition every 10 milliseconds; false if it does not become true in time.
     template <class Condition>
-    static bool eventually(Condition condition, int milliseconds = 60000) {
+    static bool Eventually(Condition condition, int milliseconds = 60000) {
         for (int waited = 0; waited < milliseconds; waited += 10) {
             if (condition()) return true;
-            pause(10);
+            Pause(10);
         }
         return condition();
     }
-    static void pause(int milliseconds);
+    static void Pause(int milliseconds);
 
   private:
-    int wait();
+    int Wait();
     pid_t process_ = 0;
 };
 

@@ -1,4 +1,4 @@
-// The real program against a real server: enrolment, collection, and what a kill leaves behind.
+// The real program and a real server: enrolment, collection, and kills.
 #include <gtest/gtest.h>
 #include <map>
 #include <random>
@@ -35,12 +35,12 @@ bool IsCompleteRecord(const std::string& bytes) {
     return JSONTextToHash(table.get(), TextFromUtf16LittleEndian(bytes)).ok;
 }
 
-/// With a key of an earlier run, and no server.
+/// It has the key of an earlier run, and no server.
 struct EnrolledAgent : InstalledAgent {
     EnrolledAgent() {
-        setText(u"\\Monitoring", u"MonitoringAgentKey", u"K7");
-        writePlan(onePlan);
-        writeScript("one.sh", oneScript);
+        SetText(u"\\Monitoring", u"MonitoringAgentKey", u"K7");
+        WritePlan(onePlan);
+        WriteScript("one.sh", oneScript);
     }
 };
 
@@ -50,40 +50,40 @@ TEST(AgentRun, EnrolsAndCollectsByThePlan) {
     options.database = agent.database;
     MakeCertificate(agent.folder, options.certificate, options.privateKey);
     const lab::LabServer server(options);
-    agent.setServer(server.port(), u"HTTPS");
-    agent.writePlan(onePlan);
-    agent.writeScript("one.sh", oneScript);
-    agent.start({"/t"});
-    ASSERT_TRUE(InstalledAgent::eventually([&] { return RecordFiles(agent).size() == 2; })) << agent.log();
-    EXPECT_EQ(agent.text(u"\\Monitoring", u"MonitoringAgentKey"), "LAB1");
-    EXPECT_EQ(agent.text(u"", u"EnableSendAgentStatus"), "yes");
+    agent.SetServer(server.port(), u"HTTPS");
+    agent.WritePlan(onePlan);
+    agent.WriteScript("one.sh", oneScript);
+    agent.Start({"/t"});
+    ASSERT_TRUE(InstalledAgent::Eventually([&] { return RecordFiles(agent).size() == 2; })) << agent.ReadLog();
+    EXPECT_EQ(agent.ReadSetting(u"\\Monitoring", u"MonitoringAgentKey"), "LAB1");
+    EXPECT_EQ(agent.ReadSetting(u"", u"EnableSendAgentStatus"), "yes");
     EXPECT_EQ(TestAgent::Read(agent.data / "Agent_LAB1_2.txt"),
               Utf16LittleEndianBytes(u"{ \"AGENTKEY\": \"LAB1\", \"One\": [ { \"Value\": \"caf\u00e9\" } ] }"));
 }
 
-TEST(AgentRun, WithNeitherItsFolderNorAServerItRunsOn) {
+TEST(AgentRun, RunsWithoutItsFolderAndAServer) {
     EnrolledAgent agent;
     fs::remove(agent.monitoring / "bin");
-    agent.start({"/t"});
-    EXPECT_TRUE(InstalledAgent::eventually([&] {
-        const std::string log = agent.log();
+    agent.Start({"/t"});
+    EXPECT_TRUE(InstalledAgent::Eventually([&] {
+        const std::string log = agent.ReadLog();
         return log.find("Unable to locate the directory") != log.npos && log.find("sleeping for 1 minute") != log.npos;
-    })) << agent.log();
-    EXPECT_TRUE(agent.running());
+    })) << agent.ReadLog();
+    EXPECT_TRUE(agent.IsRunning());
 }
 
-TEST(AgentRun, KilledAtRandomMomentsItLosesNoCompleteRecord) {
+TEST(AgentRun, LosesNoCompleteRecordWhenKilled) {
     EnrolledAgent agent;
     std::mt19937 random(20261124);
     std::uniform_int_distribution<int> moment(1, 120);
     std::map<fs::path, std::string> records;
     for (int round = 0; round < 10; ++round) {
-        agent.start({"/t"});
+        agent.Start({"/t"});
         const std::size_t before = records.size();
-        // Half of the rounds are killed while the agent starts, half while it writes.
-        if (round % 2 == 1) InstalledAgent::eventually([&] { return RecordFiles(agent).size() > before; });
-        InstalledAgent::pause(moment(random));
-        agent.kill();
+        // Every other round kills it while it starts, the rest while it writes.
+        if (round % 2 == 1) InstalledAgent::Eventually([&] { return RecordFiles(agent).size() > before; });
+        InstalledAgent::Pause(moment(random));
+        agent.Kill();
         for (const auto& [path, bytes] : records) ASSERT_EQ(TestAgent::Read(path), bytes) << path;
         for (const fs::path& path : RecordFiles(agent)) {
             const std::string bytes = TestAgent::Read(path);

@@ -1,5 +1,4 @@
-// One-off requests and new plans, from the command that orders them to what the agent does: the agent's program, a real
-// server and kvlab.
+// Requests and new plans, from the kvlab command that orders them to the agent that carries them out.
 #include <fstream>
 #include <gtest/gtest.h>
 #include <optional>
@@ -15,52 +14,52 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/// The agent K7, a master, with a server that it has an account with. Its scripts note their runs in a file.
+/// The master agent K7 and its server. Its scripts note their runs in a file.
 struct ServedAgent : InstalledAgent {
     ServedAgent() {
         program = KV_HASTY_AGENT_PROGRAM;
-        startServer();
-        setText(u"\\Monitoring", u"MonitoringAgentKey", u"K7");
-        setText(u"\\Monitoring", u"MasterAgent", u"YES");
-        setText(u"\\Monitoring", u"RequestAvailable", u"NO");  // nothing is fetched before all requests are queued
-        setNumber(u"\\Monitoring", u"writeInterval", 1);
+        StartServer();
+        SetText(u"\\Monitoring", u"MonitoringAgentKey", u"K7");
+        SetText(u"\\Monitoring", u"MasterAgent", u"YES");
+        SetText(u"\\Monitoring", u"RequestAvailable", u"NO");  // it fetches nothing before it is told to
+        SetNumber(u"\\Monitoring", u"writeInterval", 1);
         const std::string record = R"(printf '{ "Name": "%s" }' "$2"; echo "$2" >> )" + runs.string();
-        writeScript("quick.sh", record);
-        writeScript("slow.sh", "until [ -e " + (folder / "go").string() + " ]; do sleep 0.02; done; " + record);
-        writePlan(Plan("WorkFlows", "quick.sh", "Own"));
+        WriteScript("quick.sh", record);
+        WriteScript("slow.sh", "until [ -e " + (folder / "go").string() + " ]; do sleep 0.02; done; " + record);
+        WritePlan(OnePlan("WorkFlows", "quick.sh", "Own"));
         for (const char* slave : {"S1", "S2"}) {
             fs::create_directories(slaves / slave);
             TestAgent::Write(slaves / slave / "queryconf.txt",
-                             Plan("WorkFlows_" + std::string(slave), "quick.sh", slave));
+                             OnePlan("WorkFlows_" + std::string(slave), "quick.sh", slave));
         }
     }
 
-    void startServer(int port = 0) {
+    void StartServer(int port = 0) {
         lab::ServerOptions options;
         options.database = database;
         options.port = port;
         server.emplace(options);
-        setServer(server->port(), u"http");
+        SetServer(server->port(), u"http");
     }
 
-    static std::string Plan(const std::string& member, const std::string& script, const std::string& name) {
+    static std::string OnePlan(const std::string& member, const std::string& script, const std::string& name) {
         return R"({ ")" + member + R"(": [ { "wfname": "w", "interval": 60, "recordSetName": [ { "script": ")" +
                script + R"(", "Name": ")" + name + R"(", "params": "", "response_needed": "true" } ] } ] })";
     }
 
-    /// Orders a new plan for an agent; the request's id.
-    std::string pushPlan(const std::string& key, const std::string& plan, const std::string& options = "") const {
+    /// Orders a new plan for an agent; the id of the request.
+    std::string PushPlan(const std::string& key, const std::string& plan, const std::string& options = "") const {
         TestAgent::Write(folder / "new.json", plan);
-        return kvlab("conf push --agent K7 " + options + " " + key + " " + (folder / "new.json").string())
+        return RunKvlab("conf push --agent K7 " + options + " " + key + " " + (folder / "new.json").string())
             .value_or("failed");
     }
 
-    std::string request(const std::string& options) const {
-        return kvlab("request add --agent K7 " + options).value_or("failed");
+    std::string AddRequest(const std::string& options) const {
+        return RunKvlab("request add --agent K7 " + options).value_or("failed");
     }
 
-    /// The states of all requests so far, in order, each with a blank behind it.
-    std::string states() const {
+    /// The states of all requests in order, with a blank after each.
+    std::string RequestStates() const {
         std::string text;
         const lab::Store store = lab::OpenStore(database);
         sqlite::Statement rows(store.connection.get(), "SELECT state FROM request ORDER BY number");
@@ -68,22 +67,22 @@ struct ServedAgent : InstalledAgent {
         return text;
     }
 
-    int timesRun(const std::string& name) const {
+    int TimesRun(const std::string& name) const {
         std::ifstream file(runs);
         int count = 0;
         for (std::string line; std::getline(file, line);) count += line == name ? 1 : 0;
         return count;
     }
 
-    /// Starts it and waits until the lab knows it and all three plans have been collected by.
-    void startEnrolled() {
-        start({"/t"});
-        ASSERT_TRUE(eventually([&] { return timesRun("S2") >= 1 && LastWord(database) != "unknown"; })) << log();
+    /// Starts it and waits until the lab knows it and all three plans have run.
+    void StartEnrolled() {
+        Start({"/t"});
+        ASSERT_TRUE(Eventually([&] { return TimesRun("S2") >= 1 && LastStatus(database) != "unknown"; })) << ReadLog();
     }
-    bool serves(const std::string& id) const { return text(u"\\Monitoring", u"RequestID") == id; }
-    /// The list is through, the notice at its end too.
-    bool idle() const {
-        return serves("NONE") && text(u"\\Monitoring", u"RequestAvailable") == "NO" &&
+    bool IsServing(const std::string& id) const { return ReadSetting(u"\\Monitoring", u"RequestID") == id; }
+    /// Whether the list is served, including the notice at its end.
+    bool IsIdle() const {
+        return IsServing("NONE") && ReadSetting(u"\\Monitoring", u"RequestAvailable") == "NO" &&
                !fs::exists(monitoring / "conf" / "download" / "RequestList.txt");
     }
 
@@ -92,75 +91,76 @@ struct ServedAgent : InstalledAgent {
     fs::path runs = folder / "runs.txt";
 };
 
-TEST(Requests, APushedPlanTakesOverWhileACollectionRunsAndNothingIsLost) {
+TEST(Requests, ANewPlanTakesOverAfterTheRunningCollection) {
     ServedAgent agent;
-    agent.writePlan(ServedAgent::Plan("WorkFlows", "slow.sh", "Slow"));
-    agent.start({"/t"});
+    agent.WritePlan(ServedAgent::OnePlan("WorkFlows", "slow.sh", "Slow"));
+    agent.Start({"/t"});
     const auto collecting = [&] { return fs::exists(agent.data) && !fs::is_empty(agent.data); };
-    ASSERT_TRUE(InstalledAgent::eventually([&] { return collecting() && LastWord(agent.database) == ""; }))
-        << agent.log();
-    ASSERT_NE(agent.pushPlan("K7", ServedAgent::Plan("WorkFlows", "quick.sh", "New")), "failed");
+    ASSERT_TRUE(InstalledAgent::Eventually([&] { return collecting() && LastStatus(agent.database) == ""; }))
+        << agent.ReadLog();
+    ASSERT_NE(agent.PushPlan("K7", ServedAgent::OnePlan("WorkFlows", "quick.sh", "New")), "failed");
     const auto planHolds = [&](const char* directory, std::u16string_view name) {
         const std::string plan = TestAgent::Read(agent.monitoring / "conf" / directory / "queryconf.txt");
         return plan.find(Utf16LittleEndianBytes(name)) != std::string::npos;
     };
-    ASSERT_TRUE(InstalledAgent::eventually([&] { return planHolds("", u"New"); })) << agent.log();
-    EXPECT_EQ(agent.log().find("reloaded and scheduled"), std::string::npos) << "it waits for the collection";
+    ASSERT_TRUE(InstalledAgent::Eventually([&] { return planHolds("", u"New"); })) << agent.ReadLog();
+    EXPECT_EQ(agent.ReadLog().find("reloaded and scheduled"), std::string::npos) << "the collection still runs";
     TestAgent::Write(agent.folder / "go", "");
-    ASSERT_TRUE(InstalledAgent::eventually([&] {
-        return agent.log().find("Query conf reloaded and scheduled successfully") != std::string::npos;
-    })) << agent.log();
-    EXPECT_TRUE(InstalledAgent::eventually([&] { return agent.timesRun("New") == 1; }));
-    EXPECT_TRUE(InstalledAgent::eventually([&] { return agent.states() == "answered "; })) << agent.states();
-    EXPECT_EQ(agent.timesRun("Slow"), 1);
+    ASSERT_TRUE(InstalledAgent::Eventually([&] {
+        return agent.ReadLog().find("Query conf reloaded and scheduled successfully") != std::string::npos;
+    })) << agent.ReadLog();
+    EXPECT_TRUE(InstalledAgent::Eventually([&] { return agent.TimesRun("New") == 1; }));
+    EXPECT_TRUE(InstalledAgent::Eventually([&] { return agent.RequestStates() == "answered "; }))
+        << agent.RequestStates();
+    EXPECT_EQ(agent.TimesRun("Slow"), 1);
     EXPECT_TRUE(planHolds("backup", u"Slow"));
-    // Own plan, S1 and S2 before the change; new plan, S1 and S2 after it.
+    // The own plan, S1 and S2 before the change; the new plan, S1 and S2 after it.
     std::vector<std::string> expected;
     for (const char* name : {"New", "S1", "S1", "S2", "S2", "Slow"})
         expected.push_back(R"({ "Name": ")" + std::string(name) + R"(" })");
-    InstalledAgent::eventually([&] { return AcceptedTexts(agent.database).size() >= 6; });
+    InstalledAgent::Eventually([&] { return AcceptedTexts(agent.database).size() >= 6; });
     EXPECT_EQ(AcceptedTexts(agent.database), expected);
 }
 
-TEST(Requests, AMasterAgentGetsASlavesPlanAndLosesASlave) {
+TEST(Requests, AMasterReplacesASlavesPlanAndDeletesASlave) {
     ServedAgent agent;
-    agent.startEnrolled();
-    agent.pushPlan("S1", ServedAgent::Plan("WorkFlows_S1", "quick.sh", "S1new"), "--no-flag");
-    agent.pushPlan("S1", R"({ "WorkFlows_S1": [ { "interval": )", "--force --no-flag");
-    agent.request("--type DELETE_DEVICE --set DEVICE_NAME=k7 --no-flag");
-    agent.request("--type DELETE_DEVICE --set DEVICE_NAME=S2");
-    EXPECT_TRUE(InstalledAgent::eventually([&] { return !fs::exists(agent.slaves / "S2"); })) << agent.log();
-    EXPECT_TRUE(InstalledAgent::eventually([&] { return agent.timesRun("S1new") >= 1; })) << agent.log();
-    EXPECT_TRUE(InstalledAgent::eventually([&] { return agent.states() == "answered answered done done "; }))
-        << agent.states();
-    EXPECT_EQ(agent.timesRun("S1"), 1) << "only before the change";
-    EXPECT_GT(agent.timesRun("S2"), 1) << "a lost slave's workflows run until the restart";
+    agent.StartEnrolled();
+    agent.PushPlan("S1", ServedAgent::OnePlan("WorkFlows_S1", "quick.sh", "S1new"), "--no-flag");
+    agent.PushPlan("S1", R"({ "WorkFlows_S1": [ { "interval": )", "--force --no-flag");
+    agent.AddRequest("--type DELETE_DEVICE --set DEVICE_NAME=k7 --no-flag");
+    agent.AddRequest("--type DELETE_DEVICE --set DEVICE_NAME=S2");
+    EXPECT_TRUE(InstalledAgent::Eventually([&] { return !fs::exists(agent.slaves / "S2"); })) << agent.ReadLog();
+    EXPECT_TRUE(InstalledAgent::Eventually([&] { return agent.TimesRun("S1new") >= 1; })) << agent.ReadLog();
+    EXPECT_TRUE(InstalledAgent::Eventually([&] { return agent.RequestStates() == "answered answered done done "; }))
+        << agent.RequestStates();
+    EXPECT_EQ(agent.TimesRun("S1"), 1) << "only before the change";
+    EXPECT_GT(agent.TimesRun("S2"), 1) << "its workflows run until the restart";
     EXPECT_TRUE(fs::exists(agent.monitoring / "conf" / "queryconf.txt")) << "the master's own plan stays";
     EXPECT_TRUE(fs::exists(agent.monitoring / "conf" / "download" / "queryconf.txt.refused"));
-    agent.kill();
-    const int before = agent.timesRun("S2"), newBefore = agent.timesRun("S1new");
-    agent.start({"/t"});
-    EXPECT_TRUE(InstalledAgent::eventually([&] { return agent.timesRun("S1new") > newBefore; })) << agent.log();
-    InstalledAgent::pause(200);  // S2 would come next
-    EXPECT_EQ(agent.timesRun("S2"), before);
+    agent.Kill();
+    const int before = agent.TimesRun("S2"), newBefore = agent.TimesRun("S1new");
+    agent.Start({"/t"});
+    EXPECT_TRUE(InstalledAgent::Eventually([&] { return agent.TimesRun("S1new") > newBefore; })) << agent.ReadLog();
+    InstalledAgent::Pause(200);  // S2 would come next
+    EXPECT_EQ(agent.TimesRun("S2"), before);
 }
 
-TEST(Requests, AServerThatGoesAwayInTheMiddleOfAListCostsNothing) {
+TEST(Requests, SurviveAServerThatGoesAwayInTheMiddleOfAList) {
     ServedAgent agent;
-    agent.startEnrolled();
-    ASSERT_TRUE(agent.kvlab("fault set --servlet conf --delay 60000"));
-    const std::string hanging = agent.pushPlan("K7", ServedAgent::Plan("WorkFlows", "quick.sh", "New"), "--no-flag");
-    agent.request("--type DELETE_DEVICE --set DEVICE_NAME=S2");
-    ASSERT_TRUE(InstalledAgent::eventually([&] { return agent.serves(hanging); })) << agent.log();
+    agent.StartEnrolled();
+    ASSERT_TRUE(agent.RunKvlab("fault set --servlet conf --delay 60000"));
+    const std::string hanging = agent.PushPlan("K7", ServedAgent::OnePlan("WorkFlows", "quick.sh", "New"), "--no-flag");
+    agent.AddRequest("--type DELETE_DEVICE --set DEVICE_NAME=S2");
+    ASSERT_TRUE(InstalledAgent::Eventually([&] { return agent.IsServing(hanging); })) << agent.ReadLog();
     const int port = agent.server->port();
     agent.server.reset();
-    EXPECT_TRUE(InstalledAgent::eventually([&] { return !fs::exists(agent.slaves / "S2") && agent.idle(); }))
-        << agent.log();
-    EXPECT_TRUE(agent.running());
-    EXPECT_TRUE(agent.kvlab("fault clear"));  // the download may not even have reached it
-    agent.startServer(port);
-    agent.request("--type NOTHING_KNOWN");
-    EXPECT_TRUE(InstalledAgent::eventually([&] { return agent.timesRun("New") == 1; })) << agent.log();
+    EXPECT_TRUE(InstalledAgent::Eventually([&] { return !fs::exists(agent.slaves / "S2") && agent.IsIdle(); }))
+        << agent.ReadLog();
+    EXPECT_TRUE(agent.IsRunning());
+    EXPECT_TRUE(agent.RunKvlab("fault clear"));  // the download may not have reached the server
+    agent.StartServer(port);
+    agent.AddRequest("--type NOTHING_KNOWN");
+    EXPECT_TRUE(InstalledAgent::Eventually([&] { return agent.TimesRun("New") == 1; })) << agent.ReadLog();
 }
 
 }  // namespace

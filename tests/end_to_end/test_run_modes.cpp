@@ -1,4 +1,4 @@
-// The real program, one-shot: run modes, and what it does without the settings it needs.
+// The real program in its one-shot modes, and without the settings it needs.
 #include <gtest/gtest.h>
 #include <initializer_list>
 
@@ -8,7 +8,7 @@
 namespace kv::test {
 namespace {
 
-TEST(RunModes, OneShotModesEndWithTheirExitCodes) {
+TEST(RunModes, EndWithTheirExitCodes) {
     struct Case {
         const char* title;
         std::initializer_list<const char*> arguments;
@@ -24,21 +24,21 @@ TEST(RunModes, OneShotModesEndWithTheirExitCodes) {
     for (const Case& each : cases) {
         SCOPED_TRACE(each.title);
         InstalledAgent agent;
-        agent.setNumber(u"", u"AgentLogLevel", 3);
-        EXPECT_EQ(agent.run(each.arguments), each.exitCode);
-        EXPECT_NE(agent.log().find(each.logged), std::string::npos) << agent.log();
+        agent.SetNumber(u"", u"AgentLogLevel", 3);
+        EXPECT_EQ(agent.Run(each.arguments), each.exitCode);
+        EXPECT_NE(agent.ReadLog().find(each.logged), std::string::npos) << agent.ReadLog();
         const std::string notes = each.arguments.size() == 0 ? "Entered into StartServiceCtrlDispatcher!\n1063\n" : "";
         EXPECT_EQ(TestAgent::Read(agent.state / "drive_c" / "test.txt"), notes);
     }
 }
 
-TEST(RunModes, WithoutAPlaceToRunFromItSaysSo) {
+TEST(RunModes, NoteAMissingInstallDirectory) {
     for (const char* registry : {"", "no database"}) {
         SCOPED_TRACE(registry);
         InstalledAgent agent;
         std::filesystem::remove_all(agent.state);
         if (*registry != '\0') TestAgent::Write(agent.state / "registry.db", registry + std::string(5000, 'x'));
-        EXPECT_EQ(agent.run({"/t"}), 1);
+        EXPECT_EQ(agent.Run({"/t"}), 1);
         EXPECT_EQ(TestAgent::Read(agent.state / "drive_c" / "test.txt"),
                   "Not able to fetch the KV Agent installation directory from the registry\n");
     }

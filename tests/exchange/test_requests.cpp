@@ -1,4 +1,4 @@
-// Rounds of the poller against a real server and a real registry: what is asked, what is done, what is left.
+// Rounds of the poller against a real server and a real registry.
 #include <climits>
 #include <fmt/format.h>
 #include <regex>
@@ -52,14 +52,15 @@ class Requests : public TestAgent {
         FreeAllHashTable(std::exchange(agentState.gv_queryConfHash, nullptr));
     }
 
-    static std::string Registry() {
+    /// The request id and flag of the registry.
+    static std::string Mailbox() {
         OptionalText id, available;
         GetRequestID(id);
         GetRequestAvailable(available);
-        return platform::Utf8FromWide(id.value_or(u"none") + u" " + available.value_or(u"none"));
+        return platform::Utf8FromWide(id.value_or(u"absent") + u" " + available.value_or(u"absent"));
     }
 
-    /// One round, in which the server answers with a list, or 503 for null.
+    /// Runs one round, in which the server answers with a list, or with 503 for null.
     void RunRound(const char* answer) {
         asked.clear();
         list = answer;
@@ -69,23 +70,23 @@ class Requests : public TestAgent {
     }
     int CountInRound(std::string_view text) const { return TimesLogged(text, logBefore); }
 
-    /// A request that asks 127.0.0.1 by SNMP. Exchanges below and above two numbers get no answer, without a wait.
+    /// A request to ask 127.0.0.1 by SNMP. Exchanges before and after the answered ones time out at once.
     struct SnmpRequest {
         std::string_view type;
         int port = 0;
-        std::string members;  // of the request, besides those of all
+        std::string members;  // of the request, after those of all
         int firstAnswered = 1;
         int lastAnswered = INT_MAX;
     };
 
-    /// What it led to.
     struct SnmpOutcome {
         int exchanges = 0;
         std::string last;    // version, community and wait of the last exchange
         std::string posted;  // to the server: the parameters, a blank, and the answer
     };
 
-    SnmpOutcome Ask(const SnmpRequest& request) {
+    /// Runs a round with this one request.
+    SnmpOutcome ServeSnmp(const SnmpRequest& request) {
         SnmpOutcome outcome;
         platform::SocketOperations sockets = platform::Sockets();
         sockets.sendto = [&, next = sockets.sendto](auto socket, const void* bytes, auto... rest) {
@@ -111,18 +112,18 @@ class Requests : public TestAgent {
         return outcome;
     }
 
-    int Reloads() const { return CountInRound("Query conf reloaded and scheduled successfully"); }
+    int CountReloads() const { return CountInRound("Query conf reloaded and scheduled successfully"); }
 
     VirtualClock clock;
-    std::string asked;   // in the round, behind the agent's key, each with a blank after it
-    std::string posted;  // addresses behind the agent's key, each with a blank and what was posted there
+    std::string asked;   // requests of the round: "LIST" or the parameters after the agent's key, a blank after each
+    std::string posted;  // the parameters after the agent's key, a blank, and the answer
     const char* list = nullptr;
     std::string downloadConnection;
     std::size_t logBefore = 0;
     RunningServer server;
 };
 
-TEST_F(Requests, EachRoundAsksForWhatWaitsAndLeavesTheMailboxRight) {
+TEST_F(Requests, ARoundServesTheListAndClearsTheMailbox) {
     constexpr char empty[] = R"({"RequestList": []})", cut[] = R"({"RequestList": [{"AGENT_REQUEST_ID": "1"}, {"AG)";
     constexpr char odd[] = R"({"RequestList": [7, {}, {"REQUEST_TYPE": 5}, {"REQUEST_TYPE": "DOWNLOAD_QUERYCONF"},
         {"REQUEST_TYPE": "DOWNLOAD_QUERYCONF", "AGENT_KEY": "..", "DOWNLOAD_URL": "/x"},
@@ -136,93 +137,101 @@ TEST_F(Requests, EachRoundAsksForWhatWaitsAndLeavesTheMailboxRight) {
     const std::string notice = "LIST &action=DOWNLOAD_QUERYCONF&status=success&requestId=";
     const struct {
         const char* title;
-        const char16_t *id, *available;  // in the registry before; null: left as it is
+        const char16_t *id, *available;  // the mailbox before the round; null: unchanged
         const char *list, *after, *logged;
         std::string asked = "LIST ";
         int reloads = 0;
     } rows[] = {
-        {"no values", nullptr, nullptr, nullptr, "none NO", "Not able to fetch the RequestAvailable"},
+        {"an absent mailbox", nullptr, nullptr, nullptr, "absent NO", "Not able to fetch the RequestAvailable"},
         {"nothing waits", u"NONE", u"NO", empty, "NONE NO", "Sleep for 30 seconds", ""},
         {"lower case", u"NONE", u"no", "", "NONE NO", "File doesn't exist"},
-        {"failed fetch", u"NONE", u"YES", nullptr, "NONE YES", "retVal of InternetDownloadFile is [13]"},
-        {"left over", u"R &9", u"NO", empty, "NONE NO", "processing the request id R &9",
+        {"a failed fetch", u"NONE", u"YES", nullptr, "NONE YES", "retVal of InternetDownloadFile is [13]"},
+        {"a request of an earlier round", u"R &9", u"NO", empty, "NONE NO", "processing the request id R &9",
          "&action=DELETE_REQUEST&requestId=R%20%269 LIST "},
-        {"cut", u"NONE", u"YES", cut, "NONE YES", "The request list was not served"},
-        {"no array", u"NONE", u"YES", R"({"RequestList": {}})", "NONE YES", "is not an array"},
-        {"no list", u"NONE", u"YES", "{}", "NONE NO", "RequestList.txt has no RequestList"},
-        {"three", u"NONE", u"YES", three, "NONE NO", "START_SERVICE request without the text SERVICE_NAME",
+        {"a list that is cut", u"NONE", u"YES", cut, "NONE YES", "The request list was not served"},
+        {"a list that is not an array", u"NONE", u"YES", R"({"RequestList": {}})", "NONE YES", "is not an array"},
+        {"an answer without a list", u"NONE", u"YES", "{}", "NONE NO", "RequestList.txt has no RequestList"},
+        {"three requests", u"NONE", u"YES", three, "NONE NO", "START_SERVICE request without the text SERVICE_NAME",
          notice + "3&moId=K1 ", 1},
-        {"two", u"NONE", u"YES", two, "NONE NO", "AGENT_REQUEST_ID is not a text", notice + "4&moId=K1,K2 ", 1},
-        {"odd", u"NONE", u"YES", odd, "NONE NO", "DOWNLOAD_QUERYCONF request without the text AGENT_KEY is skipped"},
+        {"plans of two agents", u"NONE", u"YES", two, "NONE NO", "AGENT_REQUEST_ID is not a text",
+         notice + "4&moId=K1,K2 ", 1},
+        {"odd requests", u"NONE", u"YES", odd, "NONE NO",
+         "DOWNLOAD_QUERYCONF request without the text AGENT_KEY is skipped"},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.title);
-        if (row.id) SetRequestID(row.id), SetRequestAvailable(row.available);
+        if (row.id) SetRequestID(row.id);
+        if (row.available) SetRequestAvailable(row.available);
         RunRound(row.list);
         EXPECT_EQ(asked, row.asked);
-        EXPECT_EQ(Registry(), row.after);
+        EXPECT_EQ(Mailbox(), row.after);
         EXPECT_NE(CountInRound(row.logged), 0);
-        EXPECT_EQ(Reloads(), row.reloads);
+        EXPECT_EQ(CountReloads(), row.reloads);
         EXPECT_FALSE(std::filesystem::exists(conf / "download" / "RequestList.txt"));
     }
-    EXPECT_EQ(downloadConnection, "keep-active") << "of a plan's download alone";
+    EXPECT_EQ(downloadConnection, "keep-active") << "of the plan's download";
+}
+
+TEST_F(Requests, ALongListLogsTenRefusalsAndTheirCount) {
     std::string many = R"({"RequestList": [)";
     for (int i = 0; i < 100; ++i)
         many += i < 12 ? R"({"REQUEST_TYPE": "STOP_SERVICE", "SERVICE_NAME": "x", "MONITOR_NAME": "m"},)" : "{},";
     SetRequestAvailable(u"YES");
     RunRound((many + "7]}").c_str());
-    EXPECT_EQ(CountInRound("Data not collected"), 12) << "a served request has all its lines";
-    EXPECT_EQ(CountInRound("are unknown. Request id"), 11) << "ten, and the count of all others";
+    EXPECT_EQ(CountInRound("Data not collected"), 12) << "all lines of served requests";
+    EXPECT_EQ(CountInRound("are unknown. Request id"), 11) << "ten, and the line with the count";
     EXPECT_EQ(CountInRound("78 more lines"), 1);
+}
+
+TEST_F(Requests, AFullDiskKeepsTheRequestsWaiting) {
+    SetRequestID(u"NONE");
     SetRequestAvailable(u"YES");
-    {
-        const platform::ScopedOperations full(
-            Failing(&platform::FileOperations::MoveFileExW, platform::error::diskFull));
-        RunRound(empty);
-    }
-    EXPECT_EQ(Registry(), "NONE YES");
+    const platform::ScopedOperations full(Failing(&platform::FileOperations::MoveFileExW, platform::error::diskFull));
+    RunRound(R"({"RequestList": []})");
+    EXPECT_EQ(Mailbox(), "NONE YES");
     EXPECT_EQ(CountInRound("file pointer is NULL"), 1);
 }
 
-TEST_F(Requests, OneThatFailsCostsNoOtherAndOnlySlavesAreDeleted) {
+TEST_F(Requests, OnlySlavesAreDeletedAndAFailureStopsNoOther) {
     for (const char* agent : {"backup/S1", "slaves/S1", "slaves/S9", "slaves/k7"})
         Write(conf / agent / "queryconf.txt", "{}");
     std::string marked;
-    platform::FileOperations files = platform::Files();
-    files.DeleteFileW = [&, next = files.DeleteFileW](std::u16string_view path) {
-        if (path.find(u"S9") == path.npos) return next(path);
-        marked = Registry();
-        throw std::runtime_error("out of order");
-    };
-    const platform::ScopedOperations<platform::FileOperations> scoped(files);
+    const Replaced broken(&platform::FileOperations::DeleteFileW,
+                          [&, next = platform::Files().DeleteFileW](std::u16string_view path) {
+                              if (path.find(u"S9") == path.npos) return next(path);
+                              marked = Mailbox();
+                              throw std::runtime_error("out of order");
+                          });
     RunRound(R"({"RequestList": [{"REQUEST_TYPE": "DELETE_DEVICE", "DEVICE_NAME": "S9", "AGENT_REQUEST_ID": "D9"},
         {"REQUEST_TYPE": "DELETE_DEVICE", "DEVICE_NAME": "k7"}, {"REQUEST_TYPE": "DELETE_DEVICE", "DEVICE_NAME": "S2"},
         {"REQUEST_TYPE": "DELETE_DEVICE", "DEVICE_NAME": "../backup/S1"},
         {"REQUEST_TYPE": "DELETE_DEVICE", "DEVICE_NAME": "S1"}]})");
-    EXPECT_EQ(marked + ", " + Registry(), "D9 NO, NONE NO");
+    EXPECT_EQ(marked + ", " + Mailbox(), "D9 NO, NONE NO");
     EXPECT_EQ(FilesIn(conf / "slaves"), (Names{"S9", "k7"}));
     for (const char* kept : {"backup/S1", "slaves/k7"}) EXPECT_EQ(FilesIn(conf / kept), Names{"queryconf.txt"});
-    EXPECT_EQ(Reloads(), 1);
+    EXPECT_EQ(CountReloads(), 1);
     for (const char* line :
          {"ended early : out of order", "agentKey points to MasterAgent", "S1 is not the key of a slave"})
         EXPECT_EQ(CountInRound(line), 1) << line;
+}
+
+TEST_F(Requests, APlanThatCouldNotBeOpenedIsReadAgain) {
     Write(conf / "queryconf.txt", R"({"WorkFlows": []})");
     {
         const platform::ScopedOperations held(
             Failing(&platform::FileOperations::CreateFileW, platform::error::accessDenied));
-        clock.endMilliseconds += 10000;
         LoadQueryConfig(u"", std::nullopt);
     }
     RunRound("");
-    EXPECT_EQ(Reloads(), 1) << "a plan that could not be opened is read again";
+    EXPECT_EQ(CountReloads(), 1);
 }
 
-/// A variable of a device, by the end of its name behind .1.3.
+/// A variable of a device: the number after .1.3 in its name, and its value.
 std::string Variable(char last, std::uint8_t tag, const char* hex) {
     return Item(0x30, Item(0x06, std::string("\x2b") + last) + Item(tag, FromHex(hex)));
 }
 
-TEST_F(Requests, OfADownloadedArchiveOnlyThePlanStays) {
+TEST_F(Requests, OnlyThePlanOfADownloadedArchiveStays) {
     constexpr std::string_view plan = R"({"WorkFlows_S": [{"interval": 5, "recordSetName": []}]})";
     const ZipHandle zip = CreateZip(u"plan.zip", nullptr);
     for (const char16_t* name : {u"queryconf.txt", u"other.txt", u"a/deep/er.txt", u"RequestList.txt/x"})
@@ -233,9 +242,10 @@ TEST_F(Requests, OfADownloadedArchiveOnlyThePlanStays) {
     });
     Write(conf / "download" / "queryconf.txt.refused", "an earlier one");
     for (const bool isFull : {true, false}) {
-        platform::FileOperations files = platform::Files();
-        if (isFull) files.GetDiskFreeSpaceExW = [](auto, auto& bytes) { return bytes = 500, platform::error::success; };
-        const platform::ScopedOperations scoped(files);
+        const Replaced room(&platform::FileOperations::GetDiskFreeSpaceExW, [isFull](auto, std::uint64_t& bytes) {
+            bytes = isFull ? 500 : UINT64_MAX;
+            return platform::error::success;
+        });
         SetRequestAvailable(u"YES");
         RunRound(R"({"RequestList": [{"REQUEST_TYPE": "DOWNLOAD_QUERYCONF", "AGENT_REQUEST_ID": "1", "AGENT_KEY": "S",
             "DOWNLOAD_URL": "/plan.zip"}]})");
@@ -251,7 +261,7 @@ TEST_F(Requests, SnmpValuesGoToTheServer) {
     const SnmpDaemon agent("sysName tower\nsysDescr a box");
     agentState.gv_SNMPTimeout.Publish(u"3");
     const SnmpOutcome instance =
-        Ask({.type = "GET_INSTANCE_DATA", .port = agent.port(), .members = R"(, "PROTOCOL": "POLL", "POLL_ID": 7,
+        ServeSnmp({.type = "GET_INSTANCE_DATA", .port = agent.port(), .members = R"(, "PROTOCOL": "POLL", "POLL_ID": 7,
              "OID": ".1.3.6.1.2.1.1.5.0,,.1.3.6.1.2.1.1.1.0", "AGENT_KEY": "S1", "POLICY_NAME": "p")"});
     EXPECT_EQ(instance.exchanges, 1);
     EXPECT_EQ(instance.last, "1 public 3s");
@@ -262,6 +272,9 @@ TEST_F(Requests, SnmpValuesGoToTheServer) {
               R"({ ".1.3.6.1.2.1.1.1.0": "a box" }, ".1.3.6.1.2.1.1.5.0": { ".1.3.6.1.2.1.1.5.0": "tower" }, )"
               R"("TYPE": "4", "OID": ".1.3.6.1.2.1.1.5.0,,.1.3.6.1.2.1.1.1.0" })");
     EXPECT_TRUE(FilesIn(data).empty());
+}
+
+TEST_F(Requests, SnmpTestsAreTriedAgainAndTellWhatIsMissing) {
     agentState.gv_SNMPTimeout.Publish(u"2148");
     const std::string one = Variable(1, 0x02, "07"), two = Variable(2, 0x04, "78"), nulls = Variable(1, 0x05, "");
     const std::string below = Item(0x30, FromHex("06 03 2b 01 07 02 01 07"));
@@ -276,34 +289,34 @@ TEST_F(Requests, SnmpValuesGoToTheServer) {
         int firstAnswered = 1;
         int lastAnswered = INT_MAX;
     } rows[] = {
-        {"at last", R"("PROTOCOL": "spoll")", one + two, 2, "1 public 5s",
+        {"answered at the second attempt", R"("PROTOCOL": "spoll")", one + two, 2, "1 public 5s",
          R"("SUCCESS", ".1.3.2": { ".1.3.2": "x" }, )" + ofOne, 2},
-        {"no second attempt", R"("PROTOCOL": "POLL", "SNMP_VERSION": "v1", "COMMUNITY": "c0")", one + two, 1, "0 c0 5s",
-         R"("FAILURE", )", 2},
-        {"one of two", R"("PROTOCOL": "SPOLL")", one, 2, "1 public 5s", R"("FAILURE", )" + ofOne},
-        {"exception", R"("x": 0)", one + Variable(2, 0x81, ""), 1, "1 public 5s",
+        {"a poll has no second attempt", R"("PROTOCOL": "POLL", "SNMP_VERSION": "v1", "COMMUNITY": "c0")", one + two, 1,
+         "0 c0 5s", R"("FAILURE", )", 2},
+        {"one value of two", R"("PROTOCOL": "SPOLL")", one, 2, "1 public 5s", R"("FAILURE", )" + ofOne},
+        {"an exception in place of a value", R"("x": 0)", one + Variable(2, 0x81, ""), 1, "1 public 5s",
          R"("SUCCESS", ".1.3.2": { }, )" + ofOne},
-        {"nulls", R"("PROTOCOL": "SPOLL")", nulls + nulls, 1, "1 public 5s",
+        {"null values", R"("PROTOCOL": "SPOLL")", nulls + nulls, 1, "1 public 5s",
          R"("FAILURE", ".1.3.2": { }, ".1.3.1": { }, )"},
-        {"bytes", R"("x": 0)", Variable(1, 0x04, "ff 00 41 00") + Variable(2, 0x04, "c3 a9 00"), 1, "1 public 5s",
-         R"("SUCCESS", ".1.3.2": { ".1.3.2": "é" }, ".1.3.1": { ".1.3.1": "ÿ�A" }, "TYPE": "4", )"},
-        {"walk", R"("PROTOCOL": "SPOLL", "IS_MULTIPLE_POLLED_DATA": "TRUE")", "", 2, "1 public 5s", R"("FAILURE", )",
-         3},
-        {"walk that is silent the second time", R"("PROTOCOL": "SPOLL", "IS_MULTIPLE_POLLED_DATA": "TRUE")", below, 4,
+        {"bytes that are not text", R"("x": 0)", Variable(1, 0x04, "ff 00 41 00") + Variable(2, 0x04, "c3 a9 00"), 1,
+         "1 public 5s", R"("SUCCESS", ".1.3.2": { ".1.3.2": "é" }, ".1.3.1": { ".1.3.1": "ÿ�A" }, "TYPE": "4", )"},
+        {"a walk without an answer", R"("PROTOCOL": "SPOLL", "IS_MULTIPLE_POLLED_DATA": "TRUE")", "", 2, "1 public 5s",
+         R"("FAILURE", )", 3},
+        {"a walk that falls silent", R"("PROTOCOL": "SPOLL", "IS_MULTIPLE_POLLED_DATA": "TRUE")", below, 4,
          "1 public 5s", R"("FAILURE", ".1.3.1": { ".1.3.1.7": "7" }, "TYPE": "2", )", 1, 3},
-        {"names of one text", R"("IS_MULTIPLE_POLLED_DATA": "TRUE")",
+        {"two names with one text", R"("IS_MULTIPLE_POLLED_DATA": "TRUE")",
          Item(0x30, FromHex("06 07 2b 01 88 80 80 80 00 02 01 07")) +
              Item(0x30, FromHex("06 07 2b 01 88 80 80 80 01 02 01 08")),
          3, "1 public 5s", R"("FAILURE", ".1.3.1": { ".1.3.1.": "8" }, "TYPE": "2", )"},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.title);
-        const ScriptedDevice device([&row](auto) { return std::vector{MessageOf({.variables = {row.variables}})}; });
-        const SnmpOutcome outcome = Ask({.type = "SNMP_TEST_MONITOR",
-                                         .port = device.port(),
-                                         .members = fmt::format(R"(, "OID": ".1.3.1,.1.3.2", {})", row.members),
-                                         .firstAnswered = row.firstAnswered,
-                                         .lastAnswered = row.lastAnswered});
+        const ScriptedDevice device([&row](auto) { return std::vector{EncodeAnswer({.variables = {row.variables}})}; });
+        const SnmpOutcome outcome = ServeSnmp({.type = "SNMP_TEST_MONITOR",
+                                               .port = device.port(),
+                                               .members = fmt::format(R"(, "OID": ".1.3.1,.1.3.2", {})", row.members),
+                                               .firstAnswered = row.firstAnswered,
+                                               .lastAnswered = row.lastAnswered});
         EXPECT_EQ(outcome.exchanges, row.exchanges);
         EXPECT_EQ(outcome.last, row.last);
         const std::size_t status = outcome.posted.find("\"STATUS\": ") + 10;
@@ -318,11 +331,11 @@ TEST_F(Requests, SnmpValuesGoToTheServer) {
 
 TEST_F(Requests, SnmpDevicesAreDiscovered) {
     const SnmpDaemon agent("sysName tower\nsysDescr a box\nsysObjectID .1.3.6.1.4.1.9");
-    const std::string value = Variable(1, 0x06, "2b 01"), none = Variable(1, 0x80, "");
+    const std::string value = Variable(1, 0x06, "2b 01"), absent = Variable(1, 0x80, "");
     const auto answering = [](std::vector<std::string> variables) {
-        return [variables](auto) { return std::vector{MessageOf({.variables = variables})}; };
+        return [variables](auto) { return std::vector{EncodeAnswer({.variables = variables})}; };
     };
-    const ScriptedDevice whole(answering({value, value, value})), plain(answering({value, none, none}));
+    const ScriptedDevice whole(answering({value, value, value})), plain(answering({value, absent, absent}));
     constexpr const char *no = "NO RESPONSE", *invalid = "INVALID IPADDRESS";
     const struct {
         const char* device;
@@ -340,11 +353,12 @@ TEST_F(Requests, SnmpDevicesAreDiscovered) {
     };
     for (const auto& row : rows) {
         const bool isPublic = row.community == std::string_view("public");
-        const SnmpOutcome outcome = Ask({.type = "DISCOVER_SNMP_DEVICES",
-                                         .port = row.port,
-                                         .members = fmt::format(R"(, "DEVICE_NAME": "{}", "{}": "{}")", row.device,
-                                                                isPublic ? "x" : "COMMUNITY", row.community),
-                                         .firstAnswered = row.firstAnswered});
+        const SnmpOutcome outcome =
+            ServeSnmp({.type = "DISCOVER_SNMP_DEVICES",
+                       .port = row.port,
+                       .members = fmt::format(R"(, "DEVICE_NAME": "{}", "{}": "{}")", row.device,
+                                              isPublic ? "x" : "COMMUNITY", row.community),
+                       .firstAnswered = row.firstAnswered});
         EXPECT_EQ(outcome.exchanges, row.exchanges);
         EXPECT_EQ(outcome.last, row.last);
         EXPECT_EQ(outcome.posted,
@@ -357,16 +371,16 @@ TEST_F(Requests, SnmpDevicesAreDiscovered) {
     }
 }
 
-TEST_F(Requests, QueriesAndServicesAreTriedHere) {
+TEST_F(Requests, QueriesAndServicesAreTried) {
     using enum platform::ServiceState;
     FakeServices fake;
     fake.services = {{u"A", {.state = stopped}}, {u"B", {.state = running}}, {u"C", {.state = running}}};
-    agentState.gv_timeDiff = 30;  // as long as the poller sleeps behind a list
+    agentState.gv_timeDiff = 30;  // seconds, as long as the poller sleeps after a list
     const std::string name = PropertyText(RunWmiQuery("SELECT Name FROM Win32_OperatingSystem").rows.at(0), "Name");
     const std::string row = R"([ { "Name": ")" + std::regex_replace(name, std::regex("/"), "\\/") + R"(" } ])";
     const struct {
         const char *type, *wanted, *members;
-        std::string answer;  // from the value of ERRORMSG on; empty: none
+        std::string answer;  // from the value of ERRORMSG on; empty: nothing is posted
     } rows[] = {
         {"START", "YES", R"("SERVICE_NAME": "A", "MONITOR_NAME": "m")", R"("NO ERROR", "I 1": [ { "m": "STARTED" } ])"},
         {"START", "YES", R"("SERVICE_NAME": "A")", R"("Unable to start Service", "I 1": [ { "": "FAILED" } ])"},
@@ -394,7 +408,7 @@ TEST_F(Requests, QueriesAndServicesAreTriedHere) {
                                 R"("AGENTKEY": "K7", "DATACOLLECTTIME": "{}", "ERRORMSG": {} }})";
         EXPECT_EQ(posted, each.answer.empty() ? "" : fmt::format(answer, type, clock.nowSeconds(), each.answer));
     }
-    EXPECT_EQ(fake.services[u"C"].state, stopped) << "without an answer";
+    EXPECT_EQ(fake.services[u"C"].state, stopped) << "stopped without an answer";
 }
 
 }  // namespace kv::test

@@ -1,4 +1,4 @@
-// Services that are waited for, in virtual time.
+// Starts, stops and pauses that wait for the service, in virtual time.
 #include <algorithm>
 #include <fmt/ranges.h>
 #include <gmock/gmock.h>
@@ -11,8 +11,6 @@ namespace kv::test {
 namespace {
 
 using enum platform::ServiceState;
-using ::testing::Contains;
-using ::testing::Not;
 
 constexpr std::uint32_t never = UINT32_MAX;
 
@@ -20,15 +18,16 @@ struct Row {
     const char* title;
     bool (*operation)(std::u16string_view);
     FakeService service;
-    const char* outcome;  // the result, and how often it slept how many milliseconds
-    std::uint32_t dTakes = 2000;
+    const char* outcome;            // the result and the sleeps, each as "3x1000": three times 1000 milliseconds
+    std::uint32_t takesOfD = 2000;  // milliseconds that the dependent D takes
 };
 
-/// Service "A", and five more that depend on it where a row says so.
+/// The service A. Five others depend on it in some rows.
 struct ServiceControl : ::testing::Test {
-    std::string OutcomeOf(const Row& row) {
+    /// Runs a row on services in their first state; its outcome.
+    std::string RunRow(const Row& row) {
         for (const auto& name : five)
-            fake.services[name] = {.state = running, .takes = name == u"D" ? row.dTakes : 2000};
+            fake.services[name] = {.state = running, .takes = name == u"D" ? row.takesOfD : 2000};
         FakeService& service = fake.services[u"A"] = row.service;
         if (service.pending == stopPending) service.since = platform::Clock().GetTickCount64();
         std::vector<std::pair<int, std::uint32_t>> sleeps;
@@ -55,26 +54,26 @@ struct ServiceControl : ::testing::Test {
     FakeServices fake;
 };
 
-TEST_F(ServiceControl, WaitsAsTheServiceSays) {
+TEST_F(ServiceControl, WaitsAsLongAsTheServiceTells) {
     const FakeService slowStop{.pending = stopPending, .takes = 12000, .waitHint = 5000, .checkPointEvery = 4000};
     FakeService endlessStop = slowStop;
     endlessStop.takes = never;
     const Row rows[] = {
         startWithDependents,
         startOne,
-        {"start of one that runs", StartServiceAndWait, {.state = running}, "false"},
+        {"start of a running one", StartServiceAndWait, {.state = running}, "false"},
         {"start that fails", StartServiceAndWait, {.startsTo = stopped}, "false 3x1000"},
         {"start that takes too long", StartServiceAndWait, {.takes = 30500}, "false 31x1000"},
         {"start that never ends", StartServiceAndWait, {.takes = never}, "false 31x1000"},
         startOfAStopping,
         {"hint 200000", StartServiceAndWait, {.pending = stopPending, .waitHint = 200000}, "false 1x10000 1x200000"},
-        {"hint without end", StartServiceAndWait, {.takes = never, .waitHint = never}, "false 1x3600000"},
-        {"stuck, no end",
+        {"endless hint", StartServiceAndWait, {.takes = never, .waitHint = never}, "false 1x3600000"},
+        {"endless hint while it stops",
          StartServiceAndWait,
          {.pending = stopPending, .takes = never, .waitHint = never},
          "false 361x10000"},
-        {"progress", StartServiceAndWait, slowStop, "true 12x1000 3x5000"},
-        {"progress that ends", StartServiceAndWait, endlessStop, "false 14x1000"},
+        {"start after a slow stop", StartServiceAndWait, slowStop, "true 12x1000 3x5000"},
+        {"start after a stop without progress", StartServiceAndWait, endlessStop, "false 14x1000"},
         stopWithDependents,
         {"stop", StopServiceAndWait, {.state = running}, "true 3x1000"},
         {"stop that never ends", StopServiceAndWait, {.state = running, .takes = never}, "false 31x1000"},
@@ -87,44 +86,45 @@ TEST_F(ServiceControl, WaitsAsTheServiceSays) {
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.title);
-        EXPECT_EQ(OutcomeOf(row), row.outcome);
+        EXPECT_EQ(RunRow(row), row.outcome);
     }
 }
 
-TEST_F(ServiceControl, AnyCallThatFailsEndsIt) {
+TEST_F(ServiceControl, EndsAtAnyCallThatFails) {
     const Row stopOne = {"stop", StopServiceAndWait, {.state = running}, "true 3x1000"};
     std::string survived;
     for (const Row& row : {startOne, startOfAStopping, stopOne, stopWithDependents}) {
         fake.failing.clear();
-        EXPECT_EQ(OutcomeOf(row), row.outcome) << row.title;
+        EXPECT_EQ(RunRow(row), row.outcome) << row.title;
         const std::vector<std::string> calls = fake.calls;
         for (auto call = calls.begin(); call != calls.end(); ++call) {
             fake.failing = *call;
             fake.passing = std::count(calls.begin(), call, *call);
-            if (OutcomeOf(row).starts_with("true")) survived += *call + " ";
+            if (RunRow(row).starts_with("true")) survived += *call + " ";
         }
     }
-    EXPECT_EQ(survived, "EnumDependentServicesW(A) QueryServiceStatusEx(F) ") << "of stops without active dependents";
+    EXPECT_EQ(survived, "EnumDependentServicesW(A) QueryServiceStatusEx(F) ")
+        << "calls that a stop without active dependents can miss";
 }
 
-TEST_F(ServiceControl, DependentsThatStopByThemselvesAreNoFailure) {
+TEST_F(ServiceControl, StopsTheOtherDependentsWhenOneStopsByItself) {
     fake.failing = "ControlService(B)";
     fake.failure = platform::error::serviceNotActive;
-    EXPECT_EQ(OutcomeOf(stopWithDependents), "false 8x1000") << "the other four are stopped all the same";
+    EXPECT_EQ(RunRow(stopWithDependents), "false 8x1000");
 }
 
-TEST_F(ServiceControl, StartsWhatDependsOnAServiceAfterIt) {
-    OutcomeOf(startWithDependents);
+TEST_F(ServiceControl, StartsTheDependentsOfAService) {
+    RunRow(startWithDependents);
     EXPECT_EQ(fmt::format("{}", fmt::join(fake.calls, " ")),
               "OpenSCManagerW() OpenServiceW() QueryServiceStatusEx(A) EnumDependentServicesW(A) "
               "EnumDependentServicesW(A) OpenServiceW() StartServiceW(A) QueryServiceStatusEx(B) OpenServiceW() "
               "StartServiceW(A)");
 }
 
-TEST_F(ServiceControl, AsksOnceForDependentsAndStartsNothingThatRuns) {
-    OutcomeOf({"start of one that runs", StartServiceAndWait, {.state = running}, "false"});
-    EXPECT_THAT(fake.calls, Not(Contains("StartServiceW(A)"))) << "systemd would start it";
-    OutcomeOf(startOne);
+TEST_F(ServiceControl, AsksOnceForDependentsAndDoesNotStartARunningService) {
+    RunRow({"start of a running one", StartServiceAndWait, {.state = running}, "false"});
+    EXPECT_THAT(fake.calls, testing::Not(testing::Contains("StartServiceW(A)"))) << "systemd would queue the start";
+    RunRow(startOne);
     EXPECT_EQ(std::count(fake.calls.begin(), fake.calls.end(), "EnumDependentServicesW(A)"), 1);
 }
 

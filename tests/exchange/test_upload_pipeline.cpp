@@ -1,3 +1,4 @@
+// Packing records and uploading zips to a real server, in virtual time.
 #include <fstream>
 #include <gmock/gmock.h>
 #include <map>
@@ -5,6 +6,7 @@
 #include <set>
 #include <signal.h>
 #include <sys/wait.h>
+#include <tuple>
 #include <unistd.h>
 
 #include "exchange/upload_pipeline.h"
@@ -20,10 +22,9 @@ namespace {
 
 using Names = std::vector<std::string>;
 using FileOverride = platform::ScopedOperations<platform::FileOperations>;
-using testing::ElementsAre;
 using testing::IsEmpty;
 
-/// Names in a zip that must be whole.
+/// The names in a zip, which has to be sound.
 std::multiset<std::string> NamesInZip(const std::string& bytes) {
     std::multiset<std::string> names;
     lab::ReadArchive(bytes, [&](const std::string& name, std::string_view) { names.insert(name); });
@@ -40,7 +41,7 @@ class UploadPipeline : public HttpTest {
         StartServer();
     }
 
-    /// A central server that answers as it is told to.
+    /// Starts a central server, which answers with `status`.
     void StartServer() {
         server = std::make_unique<RunningServer>();
         server->server->Post("/servlets/FileCollector",
@@ -54,8 +55,8 @@ class UploadPipeline : public HttpTest {
         agentState.gv_ServerPort = server->port;
     }
 
-    /// Names of the uploads since the last call.
-    Names Tried() { return std::exchange(tried, {}); }
+    /// The names of the uploads since the last call.
+    Names TakeTried() { return std::exchange(tried, {}); }
 
     void WriteRecords(int first, int last) {
         for (int i = first; i <= last; ++i) {
@@ -66,12 +67,13 @@ class UploadPipeline : public HttpTest {
         for (const std::string& name : names) Write(zipdata / name, "zip");
     }
 
-    /// The records of the given numbers, and those that are in "data", in the queue or accepted.
-    static std::multiset<std::string> Records(int first, int last) {
+    /// The names of records in a zip.
+    static std::multiset<std::string> RecordNames(int first, int last) {
         std::multiset<std::string> names;
         for (int i = first; i <= last; ++i) names.insert("data/Agent_K7_" + std::to_string(i) + ".txt");
         return names;
     }
+    /// The records in "data", in the queue and at the server.
     std::multiset<std::string> KeptRecords() {
         std::multiset<std::string> names;
         for (const std::string& file : FilesIn(data)) names.insert("data/" + file);
@@ -84,7 +86,7 @@ class UploadPipeline : public HttpTest {
 
     void Pack() { PackRecordFiles(u"zipdata\\Agent_K7_"); }
 
-    /// The operations, which hand a path's handle to `opened` once it is open.
+    /// The operations, which tell `opened` of each file that they open.
     template <class Opened>
     static platform::FileOperations Watched(const Opened& opened) {
         platform::FileOperations files = platform::Files();
@@ -97,17 +99,17 @@ class UploadPipeline : public HttpTest {
         return files;
     }
 
-    /// Lets the thread run for some virtual time.
+    /// Runs the upload thread's loop for some virtual time.
     void RunFor(std::int64_t seconds) {
         clock.endMilliseconds = clock.nowMilliseconds() + seconds * 1000;
         EXPECT_THROW(StripTxtFiles(nullptr), TimeIsUp);
     }
 
     VirtualClock clock;
-    Names tried;                                  // file names since the last look
+    Names tried;                                  // file names of uploads
     std::map<std::string, std::string> accepted;  // zips by file name
     int status = 200;
-    std::string refused;
+    std::string refused;  // the file name that the server answers with 413
     std::unique_ptr<RunningServer> server;
 };
 
@@ -119,19 +121,19 @@ TEST_F(UploadPipeline, AZipHoldsAtMost2501Records) {
     EXPECT_EQ(NamesInZip(Read(zipdata / "Agent_K7_2.zip")).size(), 1U);
 }
 
-TEST_F(UploadPipeline, EveryZipIsTriedInEveryPassUntilAcceptedAndCollectionStopsOneSecondAfterTheLimit) {
+TEST_F(UploadPipeline, CollectionStopsOneSecondAfterTheLimitOfFailedUploads) {
     const Names queue{"Agent_K7_1.zip", "Agent_K7_2.zip", "Agent_K7_3.zip"};
     QueueZips(queue);
     const auto pass = [&](int answer, std::int64_t secondsLater) {
         status = answer;
         clock.AdvanceMilliseconds(secondsLater * 1000);
         SendDetailstoCS(3);
-        EXPECT_EQ(Tried(), queue);
+        EXPECT_EQ(TakeTried(), queue);
         return agentState.gv_collectData.load();
     };
     EXPECT_EQ(pass(503, 0), 1);
     EXPECT_EQ(agentState.gv_CSContactLostTime, clock.nowSeconds());
-    EXPECT_EQ(pass(200, 60), 1);  // leaves the failure on the clock
+    EXPECT_EQ(pass(200, 60), 1);  // the outage still began with the first failure
     QueueZips(queue);
     EXPECT_EQ(pass(407, 359 * 60), 1);
     EXPECT_TRUE(Logged("something went wrong in InternetUploadBinaryFile. return value [407]"));
@@ -157,17 +159,19 @@ TEST_F(UploadPipeline, ALongOutageLosesNoRecord) {
         if (elapsed > hour && elapsed < 9 * hour) server.reset();
         if (elapsed > 9 * hour && !server) StartServer();
         if (agentState.gv_collectData == 0) stopped = true;
-        if (agentState.gv_collectData != 0 && elapsed % 60000 == 0) WriteRecords(records + 1, records + 1), ++records;
+        if (agentState.gv_collectData == 0 || elapsed % 60000 != 0) return;
+        ++records;
+        WriteRecords(records, records);
     };
     RunFor(11 * 3600);
     EXPECT_TRUE(stopped);
     EXPECT_EQ(agentState.gv_collectData, 1);
     EXPECT_THAT(FilesIn(zipdata), IsEmpty());
     EXPECT_GT(records, 400);
-    EXPECT_EQ(KeptRecords(), Records(1, records));
+    EXPECT_EQ(KeptRecords(), RecordNames(1, records));
 }
 
-TEST_F(UploadPipeline, CollectionGoesOnWhereNoUploadCouldBringItBack) {
+TEST_F(UploadPipeline, CollectionResumesWhenOnlyRefusedZipsAreLeft) {
     agentState.gv_DataCollTmout = 10;
     int stops = 0, before = 1;
     clock.onSleep = [&](std::uint32_t) {
@@ -179,19 +183,19 @@ TEST_F(UploadPipeline, CollectionGoesOnWhereNoUploadCouldBringItBack) {
         stops = 0;
         QueueZips({"between.zip", name});
         RunFor(6000);
-        EXPECT_GT(stops, 1) << name << ", also while nothing else is sent for longer than the limit";
+        EXPECT_GT(stops, 1) << name;
         std::filesystem::remove(zipdata / name);
     }
     status = 503;
     QueueZips({"new.zip"});
     RunFor(6000);
-    EXPECT_EQ(agentState.gv_collectData, 0) << "one that the server has not refused before";
+    EXPECT_EQ(agentState.gv_collectData, 0) << "the server has not refused this zip";
     std::filesystem::remove_all(zipdata);
     RunFor(400);
-    EXPECT_EQ(agentState.gv_collectData, 1) << "nothing is left";
+    EXPECT_EQ(agentState.gv_collectData, 1) << "no zip is left";
 }
 
-TEST_F(UploadPipeline, KilledWhilePackingItLosesNoRecord) {
+TEST_F(UploadPipeline, AKillWhilePackingLosesNoRecord) {
     constexpr int count = 600;
     std::mt19937 random(7);
     std::uniform_int_distribution<useconds_t> microseconds(500, 30000);
@@ -205,16 +209,16 @@ TEST_F(UploadPipeline, KilledWhilePackingItLosesNoRecord) {
         usleep(microseconds(random));
         kill(child, SIGKILL);
         waitpid(child, nullptr, 0);
-        // A record in both places will be sent twice, which is no loss.
-        const auto kept = KeptRecords(), written = Records(1, round * count);
+        // A record in both places is sent twice, which loses nothing.
+        const auto kept = KeptRecords(), written = RecordNames(1, round * count);
         ASSERT_EQ(std::set(kept.begin(), kept.end()), std::set(written.begin(), written.end())) << round;
     }
 }
 
-TEST_F(UploadPipeline, ABusyRecordIsWaitedForAndAKilledPackingLeavesNothingHalfDone) {
+TEST_F(UploadPipeline, WaitsForABusyRecordAndPacksItOnceItIsFree) {
     WriteRecords(1, 2);
     std::ofstream writer(data / "Agent_K7_2.txt");
-    RunFor(60 + 20);  // ends here by an exception
+    RunFor(60 + 20);  // leaves the loop by an exception
     EXPECT_EQ(FilesIn(data).size(), 2U);
     EXPECT_THAT(FilesIn(zipdata), IsEmpty());
 
@@ -225,46 +229,42 @@ TEST_F(UploadPipeline, ABusyRecordIsWaitedForAndAKilledPackingLeavesNothingHalfD
     };
     RunFor(60 + 20);
     EXPECT_THAT(FilesIn(data), IsEmpty());
-    EXPECT_THAT(FilesIn(zipdata), ElementsAre("Agent_K7_2.zip", "Agent_K7_3.zip"));
+    EXPECT_THAT(FilesIn(zipdata), testing::ElementsAre("Agent_K7_2.zip", "Agent_K7_3.zip"));
     EXPECT_EQ(Read(zipdata / "Agent_K7_2.zip"), "zip");
-    EXPECT_EQ(NamesInZip(Read(zipdata / "Agent_K7_3.zip")), Records(1, 2));
+    EXPECT_EQ(NamesInZip(Read(zipdata / "Agent_K7_3.zip")), RecordNames(1, 2));
 }
 
-TEST_F(UploadPipeline, FailuresWhilePackingAreLoggedAndLeaveNothingHalfDone) {
+TEST_F(UploadPipeline, LogsFailuresOfPackingAndLeavesNoHalfZip) {
     using Operations = platform::FileOperations;
-    const struct {
-        Operations files;
-        std::size_t kept;
-        const char* logged;
-    } rows[] = {
+    const std::tuple<Operations, std::size_t, const char*> rows[] = {
         {Failing(&Operations::CreateFileW, platform::error::accessDenied), 1,
          "[1] of the files found in data cannot be"},
         {Failing(&Operations::FlushFileBuffers, platform::error::diskFull), 1, "K7_1.tmp] is given up. Its record"},
         {Failing(&Operations::MoveFileExW, platform::error::accessDenied), 1, "Not able to rename"},
         {Failing(&Operations::ReadFile, platform::error::readFault), 0, "[data\\Agent_K7_1.txt] is lost"},
     };
-    for (const auto& row : rows) {
+    for (const auto& [files, kept, logged] : rows) {
         WriteRecords(1, 1);
-        EXPECT_FALSE(Logged(row.logged));
-        const FileOverride failing(row.files);
+        EXPECT_FALSE(Logged(logged));
+        const FileOverride failing(files);
         Pack();
-        EXPECT_TRUE(Logged(row.logged)) << row.logged;
-        EXPECT_THAT(FilesIn(zipdata), IsEmpty()) << row.logged;
-        EXPECT_EQ(FilesIn(data).size(), row.kept) << row.logged;
+        EXPECT_TRUE(Logged(logged)) << logged;
+        EXPECT_THAT(FilesIn(zipdata), IsEmpty()) << logged;
+        EXPECT_EQ(FilesIn(data).size(), kept) << logged;
     }
     std::filesystem::create_directories(data / "directory.txt");
     Pack();
     EXPECT_EQ(agentState.gv_ocLastCreatedZIPNum, 3U) << "a directory takes no number";
 }
 
-TEST_F(UploadPipeline, ASourceThatFailsInItsMiddleCostsNoOther) {
+TEST_F(UploadPipeline, ARecordThatCannotBeReadLosesNoOther) {
     WriteRecords(1, 5);
     platform::FileHandle bad = 0;
     std::uint32_t stored = 0;
     auto files = Watched([&](std::u16string_view path, platform::FileHandle file) {
         GetMALastCreatedZIPNum(stored);
         if (path.ends_with(u".tmp")) {
-            EXPECT_EQ(stored, agentState.gv_ocLastCreatedZIPNum) << "before it is used";
+            EXPECT_EQ(stored, agentState.gv_ocLastCreatedZIPNum) << "stored before it is used";
         }
         if (path.ends_with(u"_3.txt")) bad = file;
     });
@@ -272,26 +272,32 @@ TEST_F(UploadPipeline, ASourceThatFailsInItsMiddleCostsNoOther) {
         const platform::Error error = real(file, buffer, size, read);
         return file == bad && read == 0 ? platform::error::readFault : error;
     };
-    files.CloseHandle = [&, real = files.CloseHandle](auto file) { return bad = file == bad ? 0 : bad, real(file); };
+    files.CloseHandle = [&, real = files.CloseHandle](auto file) {
+        if (file == bad) bad = 0;
+        return real(file);
+    };
     const FileOverride failing(files);
     agentState.gv_ocLastCreatedJSONNum = 5;
     Pack();
     EXPECT_THAT(FilesIn(data), IsEmpty());
-    EXPECT_EQ(NamesInZip(Read(zipdata / "Agent_K7_1.zip")), Records(1, 2));
-    EXPECT_EQ(NamesInZip(Read(zipdata / "Agent_K7_2.zip")), Records(4, 5));
+    EXPECT_EQ(NamesInZip(Read(zipdata / "Agent_K7_1.zip")), RecordNames(1, 2));
+    EXPECT_EQ(NamesInZip(Read(zipdata / "Agent_K7_2.zip")), RecordNames(4, 5));
     EXPECT_TRUE(Logged("[data\\Agent_K7_3.txt] is lost"));
     GetMALastCreatedJSONNum(stored);
     EXPECT_EQ(stored, 5U);
 }
 
-TEST_F(UploadPipeline, AFullDiskCostsNoRecord) {
+TEST_F(UploadPipeline, AFullDiskLosesNoRecord) {
     std::uint64_t room = 0, written = 0, limit = UINT64_MAX;
     platform::FileHandle zip = 0;
     auto files = Watched([&](std::u16string_view path, platform::FileHandle file) {
-        if (path.ends_with(u".tmp")) zip = file, written = 0;
+        if (!path.ends_with(u".tmp")) return;
+        zip = file;
+        written = 0;
     });
     files.GetDiskFreeSpaceExW = [&](auto, std::uint64_t& available) {
-        return available = room, platform::error::success;
+        available = room;
+        return platform::error::success;
     };
     files.WriteFile = [&, real = files.WriteFile](auto file, const void* bytes, std::size_t size) {
         if (file == zip) written += size;
@@ -302,22 +308,22 @@ TEST_F(UploadPipeline, AFullDiskCostsNoRecord) {
     Pack();
     EXPECT_EQ(FilesIn(data).size(), 3U);
     EXPECT_EQ(TimesLogged("No room for [3 record files] in [zipdata]"), 1) << "once a pass";
-    room = 18500;  // for two
+    room = 18500;  // bytes for two records
     Pack();
-    EXPECT_EQ(NamesInZip(Read(zipdata / "Agent_K7_1.zip")), Records(1, 2));
-    EXPECT_EQ(NamesInZip(Read(zipdata / "Agent_K7_2.zip")), Records(3, 3));
+    EXPECT_EQ(NamesInZip(Read(zipdata / "Agent_K7_1.zip")), RecordNames(1, 2));
+    EXPECT_EQ(NamesInZip(Read(zipdata / "Agent_K7_2.zip")), RecordNames(3, 3));
 
     room = UINT64_MAX;
-    limit = 20'000;  // as another writer has it
+    limit = 20'000;  // bytes, although the disk reports more
     WriteRecords(4, 200);
     Pack();
     EXPECT_THAT(FilesIn(data), IsEmpty());
-    EXPECT_EQ(KeptRecords(), Records(1, 200));
+    EXPECT_EQ(KeptRecords(), RecordNames(1, 200));
 
     WriteRecords(201, 202);
     int opens = 0;
     files.CreateFileW = [&, real = files.CreateFileW](std::u16string_view path, auto&&... rest) {
-        const bool isRefused = path.ends_with(u".tmp") && ++opens == 2;  // the first is the look whether it can be made
+        const bool isRefused = path.ends_with(u".tmp") && ++opens == 2;  // the first only checks that it can be made
         return isRefused ? platform::error::tooManyOpenFiles : real(path, rest...);
     };
     const FileOverride refusing(files);
@@ -326,14 +332,17 @@ TEST_F(UploadPipeline, AFullDiskCostsNoRecord) {
     EXPECT_FALSE(Logged("is lost"));
 }
 
-TEST_F(UploadPipeline, AClockThatIsSetHoldsUpNoPassAndNeitherHidesNorMakesAnOutage) {
+TEST_F(UploadPipeline, AClockChangeNeitherStopsUploadsNorShiftsTheOutage) {
     std::int64_t shift = 0;
-    platform::ClockOperations shifted = platform::Clock();
-    shifted.GetSystemTimeMilliseconds = [&] { return clock.nowMilliseconds() + shift; };
-    const platform::ScopedOperations<platform::ClockOperations> scoped(shifted);
+    const Replaced shifted(&platform::ClockOperations::GetSystemTimeMilliseconds,
+                           [&] { return clock.nowMilliseconds() + shift; });
     constexpr std::int64_t day = 86'400'000;
-    const std::pair<std::int64_t, std::int64_t> steps[] = {
-        {0, 0}, {100, -day}, {1000, 3650 * day}, {1500, 0}, {14400, -365 * day}};
+    const std::pair<std::int64_t, std::int64_t> steps[] = {// seconds that have passed, the clock's shift
+                                                           {0, 0},
+                                                           {100, -day},
+                                                           {1000, 3650 * day},
+                                                           {1500, 0},
+                                                           {14400, -365 * day}};
     std::int64_t elapsed = 0, stopped = 0;
     clock.onSleep = [&](std::uint32_t) {
         elapsed = (clock.nowMilliseconds() - VirtualClock::startMilliseconds) / 1000;
@@ -343,7 +352,7 @@ TEST_F(UploadPipeline, AClockThatIsSetHoldsUpNoPassAndNeitherHidesNorMakesAnOuta
     QueueZips({"Agent_K7_1.zip"});
     status = 503;
     RunFor(59);
-    EXPECT_THAT(Tried(), IsEmpty()) << "the first minute";
+    EXPECT_THAT(TakeTried(), IsEmpty()) << "in the first minute";
     clock.AdvanceMilliseconds(VirtualClock::startMilliseconds - clock.nowMilliseconds());
     RunFor(60 + 305 * 80);
     EXPECT_NEAR(static_cast<double>(tried.size()), 82, 2);

@@ -1,4 +1,4 @@
-// Accounts and groups, as the files tell of them.
+// Accounts and groups in their files.
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <utility>
@@ -10,7 +10,7 @@ namespace {
 
 using namespace facts;
 
-TEST(AccountFiles, AreAsTheirPasswordsSay) {
+TEST(AccountFiles, ThePasswordTellsTheStateOfAnAccount) {
     const std::pair<const char*, const char*> rows[] = {
         {"u:$6$hash:19000:0:99999:7:::", "true false false true -1; false false"},
         {"u:!$6$hash:19000:0:90:7::20001:", "true true true true 20001; false true"},
@@ -20,20 +20,20 @@ TEST(AccountFiles, AreAsTheirPasswordsSay) {
         {"u:short", "no entry"},
         {"+\n-u::::::::\nu:*:1:0:90:7::x:\nu:*:::::::", "true false false true -1; false true"},
     };
-    // required, locked, expires, may be changed, expiry or -1; disabled with and without a shell
+    // isRequired, isLocked, expires, mayBeChanged, accountExpiry or -1; disabled with a shell, and without one
     for (const auto& [line, wanted] : rows) {
-        std::string facts = "no entry";
+        std::string text = "no entry";
         for (const auto& [name, entry] : ParseShadow(line)) {
-            facts = fmt::format("{} {} {} {} {}; {} {}", entry.isRequired, entry.isLocked, entry.expires,
-                                entry.mayBeChanged, entry.accountExpiry.value_or(-1),
-                                IsDisabled({"u", 1, "", "/bin/sh"}, entry, 20000),
-                                IsDisabled({"u", 1, "", "/sbin/nologin"}, entry, 20000));
+            text = fmt::format("{} {} {} {} {}; {} {}", entry.isRequired, entry.isLocked, entry.expires,
+                               entry.mayBeChanged, entry.accountExpiry.value_or(-1),
+                               IsDisabled({"u", 1, "", "/bin/sh"}, entry, 20000),
+                               IsDisabled({"u", 1, "", "/sbin/nologin"}, entry, 20000));
         }
-        EXPECT_EQ(facts, wanted) << line;
+        EXPECT_EQ(text, wanted) << line;
     }
 }
 
-TEST(AccountFiles, LinesThatAreNotAccountsHideNoOthers) {
+TEST(AccountFiles, SkipsLinesThatAreNotAccounts) {
     const std::string members = std::string(9000, 'm') + ",n,,o";
     std::string users;
     for (const UserEntry& user : ParsePasswd("#c:x:1:1:::\n+\n-@y\n:x:3:3:::\nbad\nb:x:z:1:::\nc:x:4294967296:1:::\n"

@@ -1,4 +1,4 @@
-// Space of mounts, of which one does not answer.
+// The space of mounts, one of which does not answer.
 #include <atomic>
 #include <chrono>
 #include <gmock/gmock.h>
@@ -13,10 +13,8 @@ namespace {
 using namespace facts;
 using namespace std::chrono_literals;
 using std::chrono::steady_clock;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
 
-TEST(MountSpace, NoMountIsWaitedForTwice) {
+TEST(MountSpace, WaitsForASilentMountOnlyOnce) {
     std::vector<Mount> mounts(2);
     mounts[0].mountPoint = "/dead";
     mounts[1].mountPoint = "/alive";
@@ -35,26 +33,26 @@ TEST(MountSpace, NoMountIsWaitedForTwice) {
         return AskMounts(mounts, question, bound, [&](const std::string& text) { notices.push_back(text); });
     };
     EXPECT_FALSE(ask(100ms)[0].has_value());
-    EXPECT_THAT(notices, ElementsAre(HasSubstr("/dead")));
+    EXPECT_THAT(notices, testing::ElementsAre(testing::HasSubstr("/dead")));
     const auto start = steady_clock::now();
     const auto again = ask(30s);
-    EXPECT_LT(steady_clock::now() - start, 30s) << "known as silent: skipped at once";
+    EXPECT_LT(steady_clock::now() - start, 30s) << "the silent mount is skipped";
     EXPECT_FALSE(again[0].has_value());
     EXPECT_TRUE(again[1].has_value());
     EXPECT_EQ(notices.size(), 1u);
-    EXPECT_EQ(*asked, 1) << "one stuck thread at most";
+    EXPECT_EQ(*asked, 1) << "at most one thread is stuck";
     mounts[0].device = "0:99";
     EXPECT_FALSE(ask(50ms)[0].has_value());
-    EXPECT_EQ(*asked, 2) << "mounted again: another mount";
+    EXPECT_EQ(*asked, 2) << "a new device is another mount";
     released->release(100);
     std::vector<std::optional<SpaceAnswer>> answers;
     const auto end = steady_clock::now() + 30s;
     do answers = ask(10s);
     while (!answers[0] && steady_clock::now() < end);
-    EXPECT_TRUE(answers[0]) << "back, and no longer left out";
+    EXPECT_TRUE(answers[0]) << "it answers again";
     const int before = *asked;
     ask(10s);
-    EXPECT_EQ(*asked, before + 1) << "asked again each time";
+    EXPECT_EQ(*asked, before + 1) << "each time";
     EXPECT_TRUE(notices.empty());
 }
 

@@ -10,15 +10,15 @@ namespace {
 using namespace facts;
 using namespace std::string_literals;
 
-TEST(ProcessFiles, NamesAndCommandLines) {
+TEST(ProcessFiles, GiveWholeNamesAndCommandLines) {
     EXPECT_EQ(CommandLineOf("a\0b c\0\0\xff\0\0"s), "a b c  \xff");
     EXPECT_EQ(CommandLineOf(std::string(99999, 'x')).size(), 32767u);
     const std::tuple<const char*, const char*, std::string, const char*> rows[] = {
-        {"a name that was cut", "systemd-journal", "/lib/systemd/systemd-journald\0-x"s, "systemd-journald"},
-        {"a short one is whole", "systemd", "/lib/systemd/systemd-journald"s, "systemd"},
-        {"that of a script", "fifteen-letters", "/bin/sh\0-e\0/bin/fifteen-letters-more"s, "fifteen-letters-more"},
+        {"the kernel cut the name", "systemd-journal", "/lib/systemd/systemd-journald\0-x"s, "systemd-journald"},
+        {"a short name is whole", "systemd", "/lib/systemd/systemd-journald"s, "systemd"},
+        {"the name of a script", "fifteen-letters", "/bin/sh\0-e\0/bin/fifteen-letters-more"s, "fifteen-letters-more"},
         {"an argument further on", "fifteen-letters", "x\0y\0z\0fifteen-letters-more"s, "fifteen-letters"},
-        {"a title in place of arguments", "systemd-userwor", "systemd-userwork: waiting..."s, "systemd-userwork"},
+        {"a title instead of arguments", "systemd-userwor", "systemd-userwork: waiting..."s, "systemd-userwork"},
     };
     for (const auto& [title, kernelName, arguments, name] : rows) {
         ProcessStat stat;

@@ -1,4 +1,4 @@
-// What kind of drive a mount is, and which mounts may not answer.
+// What kind of drive a mount is, and whether it may hang.
 #include <gtest/gtest.h>
 #include <tuple>
 
@@ -10,7 +10,7 @@ namespace {
 
 using namespace facts;
 
-TEST(Volumes, KindsOfDrives) {
+TEST(Volumes, HaveKindsOfDrives) {
     const std::tuple<const char*, const char*, bool, DriveType> rows[] = {
         {"ext4", "/dev/none", false, DriveType::fixed},
         {"nfs4", "nas:/x", true, DriveType::network},

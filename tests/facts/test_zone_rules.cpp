@@ -1,4 +1,4 @@
-// The rules of every time zone, beside what the C library makes of them.
+// The rules of every time zone, compared with the C library.
 #include <algorithm>
 #include <chrono>
 #include <gtest/gtest.h>
@@ -14,8 +14,8 @@ namespace {
 
 using namespace facts;
 
-/// Minutes east of UTC in the middle of each month of a year that no table of transitions reaches, by the C library.
-std::vector<std::int32_t> OffsetsOfMonths() {
+/// The C library's minutes east of UTC in the middle of each month of a year beyond the tables of transitions.
+std::vector<std::int32_t> MonthlyOffsets() {
     std::vector<std::int32_t> offsets;
     for (unsigned month = 1; month <= 12; ++month) {
         const std::chrono::sys_seconds moment{
@@ -25,8 +25,8 @@ std::vector<std::int32_t> OffsetsOfMonths() {
     return offsets;
 }
 
-TEST(ZoneRules, AreThoseOfTheCLibrary) {
-    std::size_t changing = 0;
+TEST(ZoneRules, EqualTheCLibrarys) {
+    std::size_t zonesWithDaylight = 0;
     const std::string table = platform::ReadSystemFile("/usr/share/zoneinfo/zone1970.tab").value_or("");
     std::string_view rest = table;
     for (std::string_view line; TakeLine(rest, line);) {
@@ -36,19 +36,19 @@ TEST(ZoneRules, AreThoseOfTheCLibrary) {
         const ZoneSetting setting{std::string(TakeField(line))};
         const Zone zone = ReadZone();
         ASSERT_TRUE(zone.rules.has_value()) << zone.name;
-        const std::vector<std::int32_t> offsets = OffsetsOfMonths();
+        const std::vector<std::int32_t> offsets = MonthlyOffsets();
         const auto [least, most] = std::ranges::minmax(offsets);
         EXPECT_EQ(zone.rules->minutesEast, least) << zone.name;
         EXPECT_EQ(zone.rules->daylight ? zone.rules->daylight->minutesEast : least, most) << zone.name;
         if (!zone.rules->daylight) continue;
-        ++changing;
+        ++zonesWithDaylight;
         const std::size_t afterStart = zone.rules->daylight->start.month % 12;  // the month after it
         const std::size_t afterEnd = zone.rules->daylight->end.month % 12;
         EXPECT_EQ(offsets[afterStart], most) << zone.name;
         EXPECT_EQ(offsets[afterEnd], least) << zone.name;
     }
-    if (table.empty()) GTEST_SKIP() << "no list of time zones here";
-    EXPECT_GT(changing, 50U);
+    if (table.empty()) GTEST_SKIP() << "the list of time zones is not installed";
+    EXPECT_GT(zonesWithDaylight, 50U);
 }
 
 }  // namespace

@@ -1,5 +1,4 @@
-// Vector and HashTable: order, ownership and the answers at the edges. Leaks and double frees show under the address
-// sanitizer.
+// Vector and HashTable: order, ownership and edges. The address sanitizer shows leaks and double frees.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <string>
@@ -25,14 +24,14 @@ VectorElementPtr NewElement(Word value, ValueType type = ValueType::integer) {
     return VectorElementPtr(new VectorElement{value, type, nullptr});
 }
 
-VectorPtr VectorOf(const std::vector<Word>& values) {
+VectorPtr MakeVectorOf(const std::vector<Word>& values) {
     VectorPtr vector = MakeVector();
     for (const Word value : values) AddElement(vector.get(), NewElement(value));
     return vector;
 }
 
-/// The values from head to tail. The test fails when count or tail do not fit the chain, or the lock is still held.
-std::vector<Word> ValuesOf(Vector* vector) {
+/// The values from head to tail. Fails the test if count or tail do not match the chain, or the lock is still held.
+std::vector<Word> VectorValues(Vector* vector) {
     std::vector<Word> values;
     VectorElement* last = nullptr;
     for (VectorElement* element = vector->head; element; element = element->next) {
@@ -63,35 +62,35 @@ TEST_F(Containers, VectorAnswersByIndex) {
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.title);
-        const VectorPtr vector = VectorOf({1, 2, 3});
+        const VectorPtr vector = MakeVectorOf({1, 2, 3});
         const VectorElement* element = ElementAt(vector.get(), row.index);
         EXPECT_EQ(element ? element->value : 0, row.element);
         EXPECT_EQ(GetNthElement(vector.get(), row.index, vector->head), element);
         EXPECT_EQ(DeleteElementAt(vector.get(), row.index), row.element != 0);
-        EXPECT_EQ(ValuesOf(vector.get()), row.afterDelete);
+        EXPECT_EQ(VectorValues(vector.get()), row.afterDelete);
 
-        const VectorPtr grown = VectorOf({1, 2, 3});
+        const VectorPtr grown = MakeVectorOf({1, 2, 3});
         EXPECT_EQ(InsertElementAt(grown.get(), NewElement(9), row.index), row.inserted);
-        EXPECT_EQ(ValuesOf(grown.get()), row.afterInsert);
+        EXPECT_EQ(VectorValues(grown.get()), row.afterInsert);
     }
 }
 
-TEST_F(Containers, VectorThatRunsEmptyTakesElementsAgain) {
-    const VectorPtr vector = VectorOf({1, 5});
+TEST_F(Containers, AVectorTakesElementsAgainAfterItWasEmptied) {
+    const VectorPtr vector = MakeVectorOf({1, 5});
     VectorElement stranger{7, ValueType::integer, nullptr};
-    EXPECT_EQ(DeleteElement(vector.get(), &stranger), 1) << "not found, nothing deleted";
-    EXPECT_THAT(ValuesOf(vector.get()), ElementsAre(1, 5));
+    EXPECT_EQ(DeleteElement(vector.get(), &stranger), 1) << "it is not in the vector";
+    EXPECT_THAT(VectorValues(vector.get()), ElementsAre(1, 5));
     for (int left = 2; left > 0; --left) EXPECT_EQ(DeleteElement(vector.get(), vector->tail), 1);
-    EXPECT_TRUE(ValuesOf(vector.get()).empty());
+    EXPECT_TRUE(VectorValues(vector.get()).empty());
     EXPECT_EQ(DeleteElement(vector.get(), &stranger), 0);
     for (const Word value : {2U, 3U, 4U}) AddElement(vector.get(), NewElement(value));
     DeleteLCDVector(vector.get(), 4);
     FreeVector(vector.get());
     AddElement(vector.get(), NewElement(6));
-    EXPECT_THAT(ValuesOf(vector.get()), ElementsAre(6));
+    EXPECT_THAT(VectorValues(vector.get()), ElementsAre(6));
 }
 
-std::vector<std::u16string> KeysOf(const HashTable* table) {
+std::vector<std::u16string> TableKeys(const HashTable* table) {
     std::vector<std::u16string> keys;
     const auto array = GetHashKeys(table);
     for (const char16_t* const* key = array.get(); *key; ++key) keys.emplace_back(*key);
@@ -115,19 +114,19 @@ TEST_F(Containers, TableKeepsTheOrderOfFirstInsertion) {
         {"remove from the middle", remove, u"a", {u"b", u"A"}},
         {"remove the first", remove, u"b", {u"A"}},
         {"remove the only one", remove, u"A", {}},
-        {"its entry is used again", put, u"c", {u"c"}},
+        {"a key in the empty table", put, u"c", {u"c"}},
     };
     const HashTablePtr owner = MakeHashTable();
     HashTable* const table = owner.get();
     for (const auto& step : steps) {
         const int result = step.act == put ? PutHashText(table, step.key, u"value") : RemoveHashKey(table, step.key);
         EXPECT_EQ(result, 1) << step.title;
-        EXPECT_EQ(KeysOf(table), step.keys) << step.title;
+        EXPECT_EQ(TableKeys(table), step.keys) << step.title;
         EXPECT_EQ(ContainsHashKey(table, step.key), step.act == put) << step.title;
     }
 }
 
-TEST_F(Containers, ManyKeysAreKeptLikeFew) {
+TEST_F(Containers, ATableOfManyKeysIsLikeOneOfFew) {
     const HashTablePtr table = MakeHashTable(), other = MakeHashTable();
     std::vector<std::u16string> keys;
     for (int i = 0; i < 10000; ++i) {
@@ -135,7 +134,7 @@ TEST_F(Containers, ManyKeysAreKeptLikeFew) {
         PutHashValue(table.get(), keys.back(), Word(i), ValueType::integer);
     }
     PutHashValue(table.get(), keys[9000], 5, ValueType::integer);
-    EXPECT_EQ(KeysOf(table.get()), keys);
+    EXPECT_EQ(TableKeys(table.get()), keys);
     EXPECT_EQ(GetHashValue(table.get(), keys[9000]), 5U);
     PutHashValue(table.get(), keys[70] + u'\0', 8, ValueType::integer);  // a key ends at its first zero
     EXPECT_EQ(GetHashValue(table.get(), keys[70]) + GetHashValue(table.get(), keys[70] + u'\0' + u'x'), 16U);
@@ -144,13 +143,13 @@ TEST_F(Containers, ManyKeysAreKeptLikeFew) {
     EXPECT_EQ(RemoveHashKey(table.get(), keys[9999]), 0);
     PutHashValue(other.get(), keys[5000], 1, ValueType::integer);
     EXPECT_EQ(MergeHashTable(other.get(), table.get()) + MergeHashTable(table.get(), other.get()), 2);
-    EXPECT_EQ(KeysOf(table.get()).back(), keys[5000]);
-    for (const std::u16string& key : KeysOf(other.get())) EXPECT_EQ(RemoveHashKey(other.get(), key), 1);
+    EXPECT_EQ(TableKeys(table.get()).back(), keys[5000]);
+    for (const std::u16string& key : TableKeys(other.get())) EXPECT_EQ(RemoveHashKey(other.get(), key), 1);
     PutHashValue(other.get(), u"new", 1, ValueType::integer);
-    EXPECT_THAT(KeysOf(other.get()), ElementsAre(u"new"));
+    EXPECT_THAT(TableKeys(other.get()), ElementsAre(u"new"));
 }
 
-TEST_F(Containers, TablesAreSortedByTheirOrder) {
+TEST_F(Containers, AVectorIsSortedByTheOrderOfItsTables) {
     const VectorPtr list = MakeVector();
     for (const int order : {3, -1, 2, 1}) {
         HashTablePtr row = MakeHashTable();
@@ -159,12 +158,12 @@ TEST_F(Containers, TablesAreSortedByTheirOrder) {
     }
     SortVectorByOrder(list.get());
     std::vector<std::int32_t> sorted;
-    for (const Word row : ValuesOf(list.get()))
+    for (const Word row : VectorValues(list.get()))
         sorted.push_back(static_cast<std::int32_t>(GetHashValue(reinterpret_cast<HashTable*>(row), u"order")));
     EXPECT_THAT(sorted, ElementsAre(-1, 1, 2, 3));
 }
 
-TEST_F(Containers, SeveralBucketsAreKeptLikeOne) {
+TEST_F(Containers, ATableOfSeveralBucketsIsLikeOneOfOne) {
     auto *table = new HashTable{}, *one = new HashTable{};
     EXPECT_EQ(InitHashTable(table, 37) + InitHashTable(one, 0), 2);
     EXPECT_EQ(one->size, 1);
@@ -178,7 +177,7 @@ TEST_F(Containers, SeveralBucketsAreKeptLikeOne) {
     FreeHashTable(one);
 }
 
-TEST_F(Containers, FreeAllTakesTheWholeTree) {
+TEST_F(Containers, FreesTheWholeTree) {
     const HashTablePtr table = MakeHashTable();
     VectorPtr list = MakeVector();
     HashTablePtr row = MakeHashTable();
@@ -189,7 +188,7 @@ TEST_F(Containers, FreeAllTakesTheWholeTree) {
     AppendVector(list.get(), MakeVector());
     const VectorPtr sharing = MakeVector();
     EXPECT_EQ(MergeVector(sharing.get(), list.get()), 1);
-    EXPECT_EQ(sharing->tail->type, ValueType::none) << "what is shared is not owned";
+    EXPECT_EQ(sharing->tail->type, ValueType::none) << "a shared value is not owned";
     PutHashVector(table.get(), u"rows", std::move(list));
     EXPECT_EQ(GetHashVector(table.get(), u"rows")->count, sharing->count);
 }

@@ -11,22 +11,22 @@ namespace fs = std::filesystem;
 namespace error = platform::error;
 using FileHelpers = test::TestAgent;
 
-TEST_F(FileHelpers, LookAtFilesAndDeleteTrees) {
+TEST_F(FileHelpers, LookAtFilesAndDeleteDirectories) {
     Write(bin / "tree" / "sub" / "a.zip", "");
     Write(bin / "tree" / "b.ZIP", "");
     EXPECT_EQ(GetZipFileCount(u"tree\\*"), 1);
-    EXPECT_EQ(GetZipFileCount(u"none\\*"), 0);
+    EXPECT_EQ(GetZipFileCount(u"missing\\*"), 0);
     EXPECT_TRUE(CheckFileExists(u"tree\\sub\\?.z*"));
-    EXPECT_FALSE(CheckFileExists(u"tree\\none"));
+    EXPECT_FALSE(CheckFileExists(u"tree\\missing"));
     EXPECT_TRUE(IsDirectory(u"tree") && !IsDirectory(u"tree\\b.ZIP"));
-    EXPECT_EQ(fileExists(u"tree") + fileExists(u"tree\\none"), 0);
-    EXPECT_TRUE(MayExist(u"tree") && !MayExist(u"tree\\none") && !MayExist(u"none\\a"));
+    EXPECT_EQ(fileExists(u"tree") + fileExists(u"tree\\missing"), 0);
+    EXPECT_TRUE(MayExist(u"tree") && !MayExist(u"tree\\missing") && !MayExist(u"missing\\a"));
     {
         const platform::ScopedOperations scoped(Failing(&platform::FileOperations::DeleteFileW, error::accessDenied));
         EXPECT_EQ(DeleteDirectoryRecursively(u"tree"), 0);
     }
     EXPECT_EQ(DeleteDirectoryRecursively(u"tree"), 1);
-    EXPECT_EQ(DeleteDirectoryRecursively(u"tree"), 1) << "there is nothing to delete";
+    EXPECT_EQ(DeleteDirectoryRecursively(u"tree"), 1) << "it is already deleted";
     EXPECT_FALSE(fs::exists(bin / "tree"));
     for (const char16_t* name : {u"", u".", u"..", u"...", u"a.", u"a ", u"a/b", u"a\\b", u"a:b", u"a*", u"a\x1f"})
         EXPECT_FALSE(IsPlainFileName(name));
@@ -35,16 +35,11 @@ TEST_F(FileHelpers, LookAtFilesAndDeleteTrees) {
 
 TEST_F(FileHelpers, WritesAFileCompletelyOrNotAtAll) {
     using platform::FileOperations;
-    void (*const faults[])(FileOperations&) = {
-        [](FileOperations& files) { files.WriteFile = [](auto&&...) { return error::diskFull; }; },
-        [](FileOperations& files) { files.FlushFileBuffers = [](auto&&...) { return error::diskFull; }; },
-        [](FileOperations& files) { files.MoveFileExW = [](auto&&...) { return error::diskFull; }; },
-    };
     Write(bin / "record.txt", "former");
-    for (const auto fault : faults) {
-        FileOperations files = platform::Files();
-        fault(files);
-        const platform::ScopedOperations scoped(files);
+    for (const FileOperations& failing : {Failing(&FileOperations::WriteFile, error::diskFull),
+                                          Failing(&FileOperations::FlushFileBuffers, error::diskFull),
+                                          Failing(&FileOperations::MoveFileExW, error::diskFull)}) {
+        const platform::ScopedOperations full(failing);
         EXPECT_EQ(WriteCompleteFile(u"record.txt", u"record.tmp", "new"), error::diskFull);
         EXPECT_EQ(Read(bin / "record.txt"), "former");
         EXPECT_FALSE(fs::exists(bin / "record.tmp"));
@@ -65,7 +60,7 @@ TEST_F(FileHelpers, WritesAFileCompletelyOrNotAtAll) {
     EXPECT_TRUE(content.empty());
 }
 
-TEST_F(FileHelpers, RoomThatCannotBeAskedForIsTakenAsThere) {
+TEST_F(FileHelpers, TakesUnknownRoomAsEnough) {
     const platform::ScopedOperations scoped(
         Failing(&platform::FileOperations::GetDiskFreeSpaceExW, error::notSupported));
     EXPECT_TRUE(HasRoomFor(u"conf", 6'000'000'000, u"plan.zip", "It stays"));

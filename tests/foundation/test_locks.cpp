@@ -1,4 +1,4 @@
-// The table of locked addresses, and texts that are replaced while others read them.
+// The table of locked addresses, pooled threads, and texts that are replaced while others read them.
 #include <atomic>
 #include <thread>
 
@@ -14,7 +14,7 @@ namespace {
 using Locks = test::TestAgent;
 using test::VirtualClock;
 
-TEST_F(Locks, KeysLockIndependentlyAndHaveNoOwner) {
+TEST_F(Locks, LocksAreIndependentAndHaveNoOwner) {
     int one = 0;
     int other = 0;
     SynchronizeResource_MSP(&one);
@@ -32,7 +32,7 @@ TEST_F(Locks, KeysLockIndependentlyAndHaveNoOwner) {
     UnsynchronizeResource_MSP(&other);
 }
 
-TEST_F(Locks, APurgeTakesWhatIsOlderThanFiveMinutes) {
+TEST_F(Locks, APurgeReleasesLocksOlderThanFiveMinutes) {
     VirtualClock clock;
     int one = 0, other = 0;
     SynchronizeResource_MSP(&one);
@@ -53,7 +53,7 @@ TEST_F(Locks, APurgeTakesWhatIsOlderThanFiveMinutes) {
 TEST_F(Locks, APooledThreadIsUsedAgainOnceItIsIdle) {
     static std::atomic<int> rounds;
     rounds = -1;
-    static auto* const pool = new ThreadInfo[2];  // its thread may look at it until the process ends
+    static auto* const pool = new ThreadInfo[2];  // its thread may read it until the process ends
     int index = 7;
     InitThreadInfo_MSP(pool);
     EXPECT_EQ(CheckThreadPool_MSP(pool, 0, &index, 1), poolStart);
@@ -76,7 +76,7 @@ TEST_F(Locks, APooledThreadIsUsedAgainOnceItIsIdle) {
     EXPECT_EQ(CheckThreadPool_MSP(pool, 2, &index, 3), poolStart);
 }
 
-TEST(PublishedTexts, AreKeptForTheirReadersAndEqualOnesShared) {
+TEST(PublishedTexts, StayForTheirReadersAndAreReused) {
     PublishedText text;
     EXPECT_EQ(text.get(), nullptr);
     const std::u16string a(1000, u'a');
@@ -86,7 +86,7 @@ TEST(PublishedTexts, AreKeptForTheirReadersAndEqualOnesShared) {
     text.Publish(b);
     EXPECT_EQ(*first, a) << "a reader may still hold it";
     text.Publish(a);
-    EXPECT_EQ(text.get(), first) << "so that memory stays bounded";
+    EXPECT_EQ(text.get(), first) << "memory stays bounded";
     text.Publish(std::nullopt);
     EXPECT_EQ(text.get(), nullptr);
 }

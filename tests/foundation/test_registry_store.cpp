@@ -1,4 +1,4 @@
-// The agent's settings in the real registry: sizes, placeholders, and values that are missing.
+// The agent's settings in the real registry: sizes, placeholders and absent values.
 #include "foundation/registry_store.h"
 #include "tests/platform/registry_helpers.h"
 #include "tests/support/test_agent.h"
@@ -16,23 +16,18 @@ std::string RawText(std::u16string_view text, std::size_t terminatorBytes) {
     return bytes + std::string(terminatorBytes, '\0');
 }
 
-TEST_F(RegistryStore, WhatIsStoredForEachType) {
-    const struct {
-        const char* title;
-        std::u16string_view data;
-        RegistryType type;
-        std::string bytes;
-    } rows[] = {
-        {"a text takes half of its terminator along", u"abc", RegistryType::text, RawText(u"abc", 1)},
-        {"the placeholder is the empty text", u"--", RegistryType::text, RawText(u"", 1)},
-        {"a list takes thirteen bytes", u"ab", RegistryType::multiText, RawText(u"ab", 13)},
-        {"the placeholder is 0", u"--", RegistryType::dword, std::string(4, '\0')},
+TEST_F(RegistryStore, StoresEachTypeInItsForm) {
+    const std::tuple<const char*, std::u16string_view, RegistryType, std::string> rows[] = {
+        {"a text with half of its terminator", u"abc", RegistryType::text, RawText(u"abc", 1)},
+        {"the placeholder as the empty text", u"--", RegistryType::text, RawText(u"", 1)},
+        {"a list with thirteen bytes more", u"ab", RegistryType::multiText, RawText(u"ab", 13)},
+        {"the placeholder as 0", u"--", RegistryType::dword, std::string(4, '\0')},
         {"a negative number", u"-2", RegistryType::dword, "\xFE\xFF\xFF\xFF"},
         {"the largest number", u"4294967295", RegistryType::dword, "\xFF\xFF\xFF\xFF"},
     };
-    for (const auto& row : rows) {
-        EXPECT_EQ(writeValue(root, u"A\\New\\Path", u"Value", row.data, row.type), error::success) << row.title;
-        EXPECT_EQ(GetBytes(u"A\\New\\Path", u"Value"), row.bytes) << row.title;
+    for (const auto& [title, written, type, bytes] : rows) {
+        EXPECT_EQ(writeValue(root, u"A\\New\\Path", u"Value", written, type), error::success) << title;
+        EXPECT_EQ(GetBytes(u"A\\New\\Path", u"Value"), bytes) << title;
     }
     for (const std::u16string_view notANumber : {u"12a", u"4294967296", u"-2147483649", u"0x10", u" 1"}) {
         EXPECT_EQ(writeValue(root, u"A", u"Number", notANumber, RegistryType::dword), error::invalidData);
@@ -42,7 +37,7 @@ TEST_F(RegistryStore, WhatIsStoredForEachType) {
     EXPECT_EQ(GetBytes(u"A", u""), RawText(u"text", 1));
 }
 
-TEST_F(RegistryStore, TextsWhateverTheirTerminator) {
+TEST_F(RegistryStore, ReadsTextsWithAnyTerminator) {
     const std::pair<std::string, OptionalText> rows[] = {
         {RawText(u"abc", 1), u"abc"},
         {RawText(u"abc", 13), u"abc"},
@@ -65,26 +60,26 @@ TEST_F(RegistryStore, TextsWhateverTheirTerminator) {
     EXPECT_EQ(text, std::nullopt);
 }
 
-TEST_F(RegistryStore, ATextThatGrowsBetweenTheTwoQuestionsIsAskedForAgain) {
+TEST_F(RegistryStore, ReadsATextAgainThatGrowsMeanwhile) {
     ASSERT_EQ(SetBytes(u"A", u"v", RawText(u"a", 2), RegistryType::text), error::success);
-    platform::RegistryOperations registry = platform::Registry();
-    registry.RegQueryValueExW = [next = registry.RegQueryValueExW](auto key, auto name, auto* type, std::byte* out,
-                                                                   std::size_t& size) {
-        const platform::Error result = next(key, name, type, out, size);
-        if (!out && size < 100) SetBytes(u"A", u"v", RawText(std::u16string(60, u'b'), 2), RegistryType::text);
-        return result;
-    };
-    const platform::ScopedOperations scoped(registry);
+    const Replaced growing(
+        &RegistryOperations::RegQueryValueExW,
+        [next = Registry().RegQueryValueExW](auto key, auto name, auto* type, std::byte* out, std::size_t& size) {
+            const Error result = next(key, name, type, out, size);
+            if (!out && size < 100) SetBytes(u"A", u"v", RawText(std::u16string(60, u'b'), 2), RegistryType::text);
+            return result;
+        });
     OptionalText text;
     EXPECT_EQ(ReadRegSZ(root, u"A", u"v", text), error::success);
     EXPECT_EQ(text, std::u16string(60, u'b'));
-    EXPECT_EQ(ReadRegSZ(root, u"None", u"v", text), error::fileNotFound);
+    EXPECT_EQ(ReadRegSZ(root, u"Missing", u"v", text), error::fileNotFound);
     EXPECT_EQ(text, std::nullopt);
     EXPECT_TRUE(Logged("ReadRegSZ: Error while opening registry key for serverName 2 \n"));
-    registry.RegQueryValueExW = [](auto, auto, auto, std::byte* out, std::size_t& size) {
-        return size = 2, out ? error::accessDenied : error::success;
-    };
-    const platform::ScopedOperations denied(registry);
+    const Replaced denied(&RegistryOperations::RegQueryValueExW,
+                          [](auto, auto, auto, std::byte* out, std::size_t& size) {
+                              size = 2;
+                              return out ? error::accessDenied : error::success;
+                          });
     EXPECT_EQ(ReadRegSZ(root, u"A", u"v", text), error::accessDenied);
     EXPECT_TRUE(Logged("ReadRegSZ: Error while reading DWORD value! 5 \n"));
 }

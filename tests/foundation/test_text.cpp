@@ -1,5 +1,6 @@
-// Text, time and Base64: pure helpers, driven by tables.
+// Text, time and Base64.
 #include <gtest/gtest.h>
+#include <tuple>
 
 #include "foundation/host_utils.h"
 #include "foundation/proxy_password.h"
@@ -9,6 +10,7 @@
 #include "platform/backend.h"
 #include "platform/crypto.h"
 #include "platform/system_facts.h"
+#include "tests/support/replaced.h"
 #include "tests/support/virtual_clock.h"
 
 namespace kv {
@@ -28,7 +30,7 @@ TEST(Time, PrintsTheClock) {
     EXPECT_EQ(GetUpTimeSeconds(1), 6100);
 }
 
-TEST(Text, HelpersAnswerAtTheEdges) {
+TEST(Text, IsComparedParsedAndConverted) {
     OptionalText copy;
     EXPECT_EQ(AllocateAndDoStrcpy(copy, ConcatStrings(u"a", u"b")), 1);
     EXPECT_EQ(copy, u"ab");
@@ -60,50 +62,44 @@ TEST(SystemNames, FollowFamilyAndVersion) {
     const struct {
         platform::SystemFamily family;
         std::uint32_t major, minor;
-        bool isWorkstation = false, isAmd64 = false;
+        bool isServer = false, isAmd64 = false;
         const char16_t* servicePack = u"";
         const char16_t* name;
     } rows[] = {
-        {.family = nt, .major = 6, .minor = 1, .isWorkstation = true, .name = u"Windows 7"},
-        {.family = nt, .major = 6, .minor = 1, .isAmd64 = true, .name = u"Windows 2008 R2"},
-        {.family = nt, .major = 6, .minor = 0, .isWorkstation = true, .isAmd64 = true, .name = u"Windows Vista"},
-        {.family = nt, .major = 6, .minor = 0, .name = u"Windows 2008"},
-        {.family = nt, .major = 5, .minor = 2, .isWorkstation = true, .isAmd64 = true, .name = u"Windows XP"},
-        {.family = nt, .major = 5, .minor = 2, .isWorkstation = true, .name = u"Windows 2003"},
-        {.family = nt, .major = 5, .minor = 2, .isAmd64 = true, .name = u"Windows 2003"},
-        {.family = nt, .major = 5, .minor = 1, .isWorkstation = true, .name = u"Windows XP"},
-        {.family = nt, .major = 5, .minor = 0, .isWorkstation = true, .name = u"Windows 2000"},
-        {.family = nt, .major = 4, .minor = 0, .isWorkstation = true, .name = u"Windows NT"},
-        {.family = win9x, .major = 4, .minor = 0, .isWorkstation = true, .name = u"Windows 95"},
-        {.family = win9x,
-         .major = 4,
-         .minor = 10,
-         .isWorkstation = true,
-         .servicePack = u" A",
-         .name = u"Windows 98 SE"},
-        {.family = win9x, .major = 4, .minor = 10, .isWorkstation = true, .name = u"Windows 98"},
-        {.family = win9x, .major = 4, .minor = 90, .isWorkstation = true, .name = u"Windows Millennium Edition\n"},
-        {.family = win32s, .major = 3, .minor = 10, .isWorkstation = true, .name = u"Win32s\n"},
-        {.family = nt, .major = 10, .minor = 0, .isWorkstation = true, .isAmd64 = true, .name = u"its own name"},
+        {.family = nt, .major = 6, .minor = 1, .name = u"Windows 7"},
+        {.family = nt, .major = 6, .minor = 1, .isServer = true, .isAmd64 = true, .name = u"Windows 2008 R2"},
+        {.family = nt, .major = 6, .minor = 0, .isAmd64 = true, .name = u"Windows Vista"},
+        {.family = nt, .major = 6, .minor = 0, .isServer = true, .name = u"Windows 2008"},
+        {.family = nt, .major = 5, .minor = 2, .isAmd64 = true, .name = u"Windows XP"},
+        {.family = nt, .major = 5, .minor = 2, .name = u"Windows 2003"},
+        {.family = nt, .major = 5, .minor = 2, .isServer = true, .isAmd64 = true, .name = u"Windows 2003"},
+        {.family = nt, .major = 5, .minor = 1, .name = u"Windows XP"},
+        {.family = nt, .major = 5, .minor = 0, .name = u"Windows 2000"},
+        {.family = nt, .major = 4, .minor = 0, .name = u"Windows NT"},
+        {.family = win9x, .major = 4, .minor = 0, .name = u"Windows 95"},
+        {.family = win9x, .major = 4, .minor = 10, .servicePack = u" A", .name = u"Windows 98 SE"},
+        {.family = win9x, .major = 4, .minor = 10, .name = u"Windows 98"},
+        {.family = win9x, .major = 4, .minor = 90, .name = u"Windows Millennium Edition\n"},
+        {.family = win32s, .major = 3, .minor = 10, .name = u"Win32s\n"},
+        {.family = nt, .major = 10, .minor = 0, .isAmd64 = true, .name = u"its own name"},
     };
     for (const auto& row : rows) {
-        platform::SystemFactOperations facts;
-        facts.GetVersionExW = [&row](platform::SystemVersion& version) {
-            version = {.family = row.family,
-                       .major = row.major,
-                       .minor = row.minor,
-                       .servicePack = row.servicePack,
-                       .isWorkstation = row.isWorkstation,
-                       .isAmd64 = row.isAmd64,
-                       .plainName = u"its own name"};
-            return platform::error::success;
-        };
-        const platform::ScopedOperations scoped(facts);
+        const test::Replaced facts(&platform::SystemFactOperations::GetVersionExW,
+                                   [&row](platform::SystemVersion& version) {
+                                       version = {.family = row.family,
+                                                  .major = row.major,
+                                                  .minor = row.minor,
+                                                  .servicePack = row.servicePack,
+                                                  .isWorkstation = !row.isServer,
+                                                  .isAmd64 = row.isAmd64,
+                                                  .plainName = u"its own name"};
+                                       return platform::error::success;
+                                   });
         EXPECT_EQ(GetOSName(), row.name);
     }
 }
 
-TEST(Hosts, AnAddressEndsAtABlank) {
+TEST(Hosts, AreFoundByAnAddressBeforeABlank) {
     platform::InstallBackend();
     OptionalText name, address;
     EXPECT_TRUE(GetRemoteHostDetails(u"127.0.0.1 ", name, address));
@@ -134,26 +130,21 @@ TEST(SystemErrors, HaveTheTextsThatTheSystemLacks) {
 }
 
 TEST(Base64, DecodesAndRefuses) {
-    const struct {
-        const char* title;
-        const char16_t* text;
-        std::u16string bytes;
-    } rows[] = {
+    const std::tuple<const char*, const char16_t*, std::u16string> rows[] = {
         {"bytes above 127", u"w6T/", u"\u00c3\u00a4\u00ff"},
-        {"text after the padding is not looked at", u"YQ==YWJj", u"a"},
+        {"text after the padding is ignored", u"YQ==YWJj", u"a"},
         {"white space inside", u"YW Jj", u""},
         {"padding too early", u"Y===", u""},
     };
-    for (const auto& row : rows) EXPECT_TRUE(DecodeBase64(row.text) == row.bytes) << row.title;
+    for (const auto& [title, text, bytes] : rows) EXPECT_TRUE(DecodeBase64(text) == bytes) << title;
     for (const std::u16string text : {u"", u"a", u"ab", u"abc", u"\u00ff\u0000x", u"long enough for some groups"})
         EXPECT_TRUE(DecodeBase64(*EncodeBase64(text)) == text);
     EXPECT_EQ(EncodeBase64(u"\u0100"), std::nullopt);
 }
 
-TEST(Passphrase, WithoutAProviderTheTextStays) {
-    platform::CryptoOperations crypto;
-    crypto.CryptAcquireContextW = [](auto&&...) { return platform::error::notSupported; };
-    const platform::ScopedOperations scoped(crypto);
+TEST(Passphrase, LeavesTheTextWithoutAProvider) {
+    const test::Replaced crypto(&platform::CryptoOperations::CryptAcquireContextW,
+                                [](auto&&...) { return platform::error::notSupported; });
     std::u16string out = u"before";
     EXPECT_EQ(EncryptWithPassphrase(u"abc", out, u"key"), 1);
     DecryptWithPassphrase(u"abc", out, u"key");

@@ -1,4 +1,4 @@
-// The timer in virtual time: what runs, when and in which order.
+// The timer in virtual time: which jobs run, when, and in which order.
 #include <map>
 
 #include "foundation/log.h"
@@ -22,7 +22,7 @@ class Timer : public TestAgent {
 
     /// Adds a job that notes the seconds at which it runs, counted from the start.
     std::uint32_t Add(std::int32_t job, TimerInterval interval, std::int64_t delay = 0) {
-        static auto& keptReachable = *new std::vector<TimerSchedule*>;  // deleting entries leaves their schedules
+        static auto& keptReachable = *new std::vector<TimerSchedule*>;  // a deleted entry leaves its schedule
         auto* schedule = keptReachable.emplace_back(new TimerSchedule{.detail = interval});
         const auto fireTime = static_cast<std::uint32_t>(clock.nowSeconds() + delay);
         return AddTimerTask(std::nullopt, fireTime, Note, std::make_unique<std::int32_t>(job),
@@ -48,7 +48,7 @@ class Timer : public TestAgent {
     static inline Timer* current = nullptr;
 };
 
-TEST_F(Timer, ArmsAJobAgainFromTheStartOfThePass) {
+TEST_F(Timer, ArmsAJobAgainFromTheStartOfItsPass) {
     struct Row {
         const char* title;
         std::uint32_t period;
@@ -62,7 +62,7 @@ TEST_F(Timer, ArmsAJobAgainFromTheStartOfThePass) {
              {"minutes", 2, TimerUnit::minutes, -1, 0, 361, {0, 120, 240, 360}},
              {"hours", 1, TimerUnit::hours, -1, 0, 7300, {0, 3600, 7200}},
              {"three times", 10, TimerUnit::seconds, 3, 0, 100, {0, 10, 20}},
-             {"a period of 0 does not hold the pass", 0, TimerUnit::seconds, -1, 0, 3, {0, 1, 2}},
+             {"a period of 0 does not block the pass", 0, TimerUnit::seconds, -1, 0, 3, {0, 1, 2}},
              {"a period beyond 32 bits is not a short one", UINT32_MAX, TimerUnit::hours, -1, 0, 100, {0}},
              {"a run that outlasts its period", 60, TimerUnit::seconds, -1, 90, 200, {0, 91, 182}},
              {"a run of 2 seconds does not shift the next", 60, TimerUnit::seconds, -1, 2, 121, {0, 60, 120}},
@@ -78,13 +78,13 @@ TEST_F(Timer, ArmsAJobAgainFromTheStartOfThePass) {
     }
 }
 
-TEST_F(Timer, AClockThatIsSetCostsNoRun) {
+TEST_F(Timer, AClockChangeLosesNoRun) {
     constexpr std::int64_t years = 10 * 365 * 86400;
     constexpr std::int64_t lastSecond = UINT32_MAX - VirtualClock::startMilliseconds / 1000;
     struct Row {
         const char* title;
         std::map<std::int64_t, std::int64_t> steps;  // of the clock in seconds, by the seconds that have passed
-        Seconds expected;                            // what had passed at each run
+        Seconds expected;                            // seconds that have passed at each run
     };
     for (const Row& row : std::vector<Row>{
              {"back by a day", {{30, -86400}}, {0, 61, 121}},
@@ -96,7 +96,10 @@ TEST_F(Timer, AClockThatIsSetCostsNoRun) {
         clock.AdvanceMilliseconds(VirtualClock::startMilliseconds - clock.nowMilliseconds());
         std::int64_t passed = 0;
         Seconds ran;
-        whileRunning = [&] { ran.size() < 100 ? ran.push_back(passed) : throw TimeIsUp(); };
+        whileRunning = [&] {
+            if (ran.size() >= 100) throw TimeIsUp();
+            ran.push_back(passed);
+        };
         clock.onSleep = [&](std::uint32_t) {
             const auto step = row.steps.find(++passed);
             if (step != row.steps.end()) clock.AdvanceMilliseconds(step->second * 1000);
@@ -109,7 +112,7 @@ TEST_F(Timer, AClockThatIsSetCostsNoRun) {
     EXPECT_TRUE(Logged("the clock was set back by 86399 seconds"));
 }
 
-TEST_F(Timer, RunsWhatIsDueByTimeAndThenInOrderOfAddingUntilDeleted) {
+TEST_F(Timer, RunsDueJobsByTimeAndThenInTheirOrderOfAdding) {
     const TimerInterval minute{.interval = 60};
     const std::uint32_t first = Add(1, minute, 5);
     Add(2, minute);
@@ -119,9 +122,9 @@ TEST_F(Timer, RunsWhatIsDueByTimeAndThenInOrderOfAddingUntilDeleted) {
     EXPECT_EQ(order, (std::vector<std::int32_t>{2, 4, 3, 1, 2, 4}));
     EXPECT_EQ(DeleteTimerEntryByName(u"OTHER") + DeleteTimerEntryByName(std::nullopt), 0);
     RunFor(60);
-    EXPECT_EQ(order.size(), 10u) << "an unknown timer's name changes nothing";
+    EXPECT_EQ(order.size(), 10u) << "the name of another timer deletes nothing";
     EXPECT_EQ(DeleteTimerEntryByName(u"DEFAULT"), 1);
-    EXPECT_EQ(DeleteTimerEntryByName(u"DEFAULT"), 1) << "also when it has no entries";
+    EXPECT_EQ(DeleteTimerEntryByName(u"DEFAULT"), 1) << "without entries";
     TimerEntry entry{};
     EXPECT_EQ(AddTimerTask(u"OTHER", 0, nullptr, nullptr, nullptr, 0) + AddTimerEntry(u"OTHER", &entry), 0U);
     EXPECT_EQ(AddTimerEntry(u"DEFAULT", &entry), first + 4);

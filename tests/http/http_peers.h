@@ -1,5 +1,5 @@
-// Transactions in tests, and the servers that they meet: a well-behaved one, one that says anything, and a proxy.
-// What their threads note is read once the transaction has ended.
+// Transactions of tests and their peers: a well-behaved server, a scripted one, and a proxy. Read what their threads
+// note only after the transaction.
 #pragma once
 
 #include <atomic>
@@ -16,11 +16,11 @@
 
 namespace kv::test {
 
-/// A server of cpp-httplib, on a free port and a thread of its own. Its routes are added before the first request.
+/// A server of cpp-httplib with its own port and thread. Add routes before the first request.
 struct RunningServer {
     explicit RunningServer(std::unique_ptr<httplib::Server> made = std::make_unique<httplib::Server>())
         : server(std::move(made)), port(server->bind_to_any_port("127.0.0.1")) {
-        server->set_write_timeout(60);  // a large body takes more than the usual 5 s beside a busy machine
+        server->set_write_timeout(60);  // the usual 5 seconds are too few for a large body on a busy machine
         server->set_keep_alive_max_count(1);
         thread = std::thread([this] { server->listen_after_bind(); });
         while (!server->is_running()) std::this_thread::yield();
@@ -35,7 +35,7 @@ struct RunningServer {
     std::thread thread;
 };
 
-/// Answers the paths of these tests.
+/// A server with the paths of these tests.
 struct TestServer : RunningServer {
     explicit TestServer(std::unique_ptr<httplib::Server> made = std::make_unique<httplib::Server>())
         : RunningServer(std::move(made)) {
@@ -58,8 +58,8 @@ struct TestServer : RunningServer {
     std::string value;  // what the last request carried
 };
 
-/// Takes one connection at a time on 127.0.0.1, reads a request's headers (or the first byte of a secure greeting),
-/// hands the connection over and closes it afterwards.
+/// Takes one connection at a time on 127.0.0.1, reads the headers of a request (or the first byte of a TLS greeting),
+/// calls the handler and closes the connection.
 class RawServer {
   public:
     using Handler = std::function<void(Socket connection, const std::string& request)>;
@@ -81,7 +81,7 @@ class RawServer {
     }
 
     int port = 0;
-    std::vector<std::string> requests;  // the headers of all, in the order of their coming
+    std::vector<std::string> requests;  // their headers, in the order of arrival
 
   private:
     void Serve(Socket connection) {
@@ -98,16 +98,16 @@ class RawServer {
     std::thread thread_;
 };
 
-/// Sends a text and hangs up, or waits until the other side does.
-inline RawServer::Handler Says(std::string text, bool holds = false) {
+/// Sends a text. Then hangs up, or waits until the other side does.
+inline RawServer::Handler Answers(std::string text, bool holds = false) {
     return [text = std::move(text), holds](Socket connection, const std::string&) {
         SendText(connection, text);
         for (char c; holds && ReceiveBytes(connection, &c, 1) == 1;) continue;
     };
 }
 
-/// Answers before it has read a body, of which it then takes as much as it is told to, and counts it.
-inline RawServer::Handler ReadsOnAfter(std::string answer, std::size_t& got, std::size_t most = SIZE_MAX) {
+/// Answers before it reads the body. Then reads at most a number of its bytes and counts them in `got`.
+inline RawServer::Handler AnswersThenReads(std::string answer, std::size_t& got, std::size_t most = SIZE_MAX) {
     return [answer = std::move(answer), &got, most](Socket connection, const std::string&) {
         SendText(connection, answer);
         std::vector<char> buffer(65536);
@@ -117,11 +117,11 @@ inline RawServer::Handler ReadsOnAfter(std::string answer, std::size_t& got, std
     };
 }
 
-/// "üser:pass", as a proxy gets it.
+/// What a proxy gets for "üser:pass".
 inline constexpr char basicCredentials[] = "Basic w7xzZXI6cGFzcw==";
 
-/// A proxy that forwards tunnels and plain requests, and answers 407 to those without the credentials it wants.
-inline RawServer::Handler Forwards(std::string wantedAuthorization) {
+/// A proxy that forwards tunnels and plain requests, and answers 407 to other credentials.
+inline RawServer::Handler ProxyThatWants(std::string wantedAuthorization) {
     return [wanted = std::move(wantedAuthorization)](Socket connection, const std::string& request) {
         if (request.find("\r\nProxy-Authorization: " + wanted + "\r\n") == std::string::npos) {
             SendText(connection,
@@ -142,7 +142,7 @@ inline RawServer::Handler Forwards(std::string wantedAuthorization) {
     };
 }
 
-/// An agent whose server is on this computer and speaks plain HTTP.
+/// An agent whose server speaks plain HTTP on this computer.
 class HttpTest : public TestAgent {
   protected:
     HttpTest() {

@@ -1,4 +1,4 @@
-// The order of addresses, the rounds, the restart and the headers, over a transport of which steps are made to fail.
+// The order of addresses, the rounds, the restart and the headers, over a transport whose steps fail as scripted.
 #include <gmock/gmock.h>
 #include <map>
 #include <utility>
@@ -16,10 +16,9 @@ namespace kv::test {
 namespace {
 
 using platform::Error;
-using testing::ElementsAre;
 using Lines = std::vector<std::string>;
 
-/// What one sending meets.
+/// What happens to one sending.
 struct Meeting {
     Error send = 0;
     Error receive = 0;
@@ -27,12 +26,12 @@ struct Meeting {
     const char* body = "";
 };
 
-/// By letter. Answered: ok, empty, busy, proxy refusal. Not answered: gone, no name, time-out, broken; on receiving
-/// resend, login failure, cancelled; on sending the latter two.
+/// By letter. Answered: ok, empty, busy, proxy refusal. Failed while sending: gone, no name, login failure, cancelled.
+/// Failed while receiving: time-out, broken, Resend, Login failure, Cancelled.
 const std::map<char, Meeting> meetings = {
     {'o', {0, 0, 200, "ok"}}, {'e', {}},         {'b', {0, 0, 503}}, {'p', {0, 0, 407}}, {'g', {12029}},
-    {'n', {12007}},           {'t', {0, 12002}}, {'x', {0, 12030}},  {'R', {0, 12032}},  {'L', {0, 12015}},
-    {'C', {0, 12017}},        {'l', {12015}},    {'c', {12017}}};
+    {'n', {12007}},           {'l', {12015}},    {'c', {12017}},     {'t', {0, 12002}},  {'x', {0, 12030}},
+    {'R', {0, 12032}},        {'L', {0, 12015}}, {'C', {0, 12017}}};
 
 class HttpTransaction : public HttpTest {
   protected:
@@ -48,7 +47,7 @@ class HttpTransaction : public HttpTest {
         server.server->Post("/x", answer);
     }
 
-    /// Begins a row: each sending takes the next letter; at the end of the script each is an 'e'.
+    /// Begins a row. Each sending takes the next letter, and 'e' after the last.
     void Restart(std::string letters) {
         script = std::move(letters);
         sent.clear();
@@ -57,21 +56,21 @@ class HttpTransaction : public HttpTest {
         closed = 0;
     }
 
-    /// Real operations, all addresses led to the server, and each sending to its letter.
+    /// The real operations, with the server behind every address and the script in every sending.
     platform::HttpOperations Scripted();
 
     std::string script;
     std::string addresses;   // in the order of the attempts
-    Lines sent;              // bodies that have reached the server
+    Lines sent;              // bodies that reached the server
     std::string opened;      // handles: 's'ession, 'c'onnection, 'r'equest
-    std::string options;     // that were set, as "number=value "
+    std::string options;     // that were set, each as "number=value "
     std::size_t closed = 0;  // handles
-    std::string readSizes;   // asked for, each with a blank
+    std::string readSizes;   // of reads, with a blank after each
     int sendings = 0;
     Meeting current;
     VirtualClock clock;
     RunningServer server;                        // stands for every address
-    const int somePort = 0x20000 + server.port;  // of which 16 bits count
+    const int somePort = 0x20000 + server.port;  // 16 bits of it count
     platform::ScopedOperations<platform::HttpOperations> scoped{Scripted()};
 };
 
@@ -124,22 +123,22 @@ platform::HttpOperations HttpTransaction::Scripted() {
 TEST_F(HttpTransaction, TriesTheAddressesInTheirOrder) {
     const struct {
         const char* title;
-        std::string answers;  // of the addresses in their order; '-' is one that is too short to be used
+        std::string answers;  // of the addresses in their order; '-': it is too short to be used
         const char* tried;
         Error result;
         std::string remembered;
     } rows[] = {
         {"the last one answers", "ogggg", "last ", 0, "last"},
         {"a status at the last one is final", "boooo", "last ", 13, "last"},
-        {"and a broken connection", "xoooo", "last ", 12030, "last"},
+        {"a broken connection at the last one is final", "xoooo", "last ", 12030, "last"},
         {"the first one is remembered", "goggg", "last first ", 0, "first"},
-        {"from first to second any failure leads", "nbogg", "last first second ", 0, "second"},
-        {"from second on no status", "ggboo", "last first second ", 13, "last"},
-        {"a status at the first is forgotten", "gbtog", "last first second name ", 0, "name"},
-        {"and nobody there", "gntng", "last first second name flat ", 12029, "last"},
+        {"any failure at the first leads to the second", "nbogg", "last first second ", 0, "second"},
+        {"a status at the second is final", "ggboo", "last first second ", 13, "last"},
+        {"later failures hide a status at the first", "gbtog", "last first second name ", 0, "name"},
+        {"nobody answers", "gntng", "last first second name flat ", 12029, "last"},
         {"a missing second keeps the first's status", "gb-oo", "last first ", 13, "last"},
         {"a missing last counts as unresolved", "-oggg", "first ", 0, "first"},
-        {"none at all", "-----", "", 12007, "ab"},
+        {"no usable address", "-----", "", 12007, "ab"},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.title);
@@ -168,14 +167,14 @@ TEST_F(HttpTransaction, ResendsInRoundsAndRestartsOnce) {
         int seconds;
         bool restarted;
     } rows[] = {
-        {"one round more", "Ro", 0, 0, 2, 5, false},
-        {"five rounds and no answer", "RRRRRo", 12019, 12019, 5, 25, false},
-        {"login failure on receiving", "Lo", 0, 0, 2, 0, true},
-        {"a round's code stands, beyond a restart too, when nothing is received", "RLe", 12032, 0, 3, 5, true},
+        {"a second round", "Ro", 0, 0, 2, 5, false},
+        {"five rounds without an answer", "RRRRRo", 12019, 12019, 5, 25, false},
+        {"a login failure while receiving", "Lo", 0, 0, 2, 0, true},
+        {"the code of a round stays if nothing is received, despite a restart", "RLe", 12032, 0, 3, 5, true},
         {"one restart only", "cl", 12015, 12015, 2, 0, true},
-        {"later login failures are rounds without pause", "LLLLLLo", 12019, 12019, 6, 0, true},
+        {"later login failures are rounds without a pause", "LLLLLLo", 12019, 12019, 6, 0, true},
         {"a restart begins the rounds again", "RRRRLRRRRo", 0, 0, 10, 40, true},
-        {"cancelled on receiving is final", "Co", 12017, 12017, 1, 0, false},
+        {"cancelled while receiving is final", "Co", 12017, 12017, 1, 0, false},
     };
     for (const auto& row : rows) {
         for (const bool post : {false, true}) {
@@ -210,7 +209,7 @@ TEST_F(HttpTransaction, OptionsFollowTheKindAndTheCredentials) {
     } rows[] = {
         {REQUEST_GET_TIMED, u"", u"", "3=30000 31=12544 "},
         {REQUEST_POST_TIMED, u"", u"", "3=30000 31=13056 "},
-        {REQUEST_GET, u"u", u"password", "31=12544 "},  // a single character is no credential
+        {REQUEST_GET, u"u", u"password", "31=12544 "},  // a single character is not a credential
         {REQUEST_POST_BINARY, u"us", u"p", "31=13056 4098=us "},
         {REQUEST_GET_HEADERS, u"us", u"pw", "31=12544 4098=us 4099=pw "},
         {REQUEST_GET_STATUS, u"", u"pw", "31=12544 "},
@@ -227,8 +226,10 @@ TEST_F(HttpTransaction, OptionsFollowTheKindAndTheCredentials) {
     }
 }
 
-/// All lines but that with the example names, which are the program's own, as one sum (FNV-1a) in the order of codes.
+/// The fixed lines of all codes count as one FNV-1a sum. The line of 12038 has the program's own example and stands
+/// apart.
 TEST_F(HttpTransaction, EachErrorHasItsLine) {
+    constexpr std::uint32_t sumOfAllLines = 784478810u;
     std::uint32_t sum = 2166136261u;
     for (platform::Error code = 12001; code <= 12183; ++code) {
         const std::size_t before = LogText().size();
@@ -238,18 +239,18 @@ TEST_F(HttpTransaction, EachErrorHasItsLine) {
         if (start == std::string::npos || code == 12038) continue;
         for (const char c : text.substr(start)) sum = (sum ^ static_cast<unsigned char>(c)) * 16777619u;
     }
-    EXPECT_EQ(sum, 784478810u);
+    EXPECT_EQ(sum, sumOfAllLines);
     HttpGetLastError(12038);
     EXPECT_TRUE(Logged("HttpGetLastError: SSL certificate common name (host name field) is incorrect. "));
     HttpGetLastError(12184);
     EXPECT_TRUE(Logged("Error code : 12184, Error Message : "));
 }
 
-TEST_F(HttpTransaction, PostsSendWhatTheirKindCountsAndTheThinFormsFixIt) {
+TEST_F(HttpTransaction, SendsAndReadsTheBytesOfEachKind) {
     const std::string wide("h\0a\0l\0f\0", 8);
     for (const std::size_t length : {8u, 6u, 0u, 99u}) EXPECT_EQ(Post(somePort, u"/x", wide, length), 0u);
     EXPECT_EQ(Post(somePort, u"/x", wide, 8, RequestKind::REQUEST_POST_TIMED), 0u);
-    EXPECT_THAT(sent, ElementsAre(wide, wide.substr(0, 6), wide.substr(0, 4), wide, wide.substr(0, 4)));
+    EXPECT_THAT(sent, testing::ElementsAre(wide, wide.substr(0, 6), wide.substr(0, 4), wide, wide.substr(0, 4)));
     Restart("o");
     std::u16string url = u"/x";
     EXPECT_EQ(InternetSendRequest({}, 0, url, std::nullopt, nullptr, false), 13u);
@@ -266,22 +267,21 @@ TEST_F(HttpTransaction, PostsSendWhatTheirKindCountsAndTheThinFormsFixIt) {
     EXPECT_EQ(options + readSizes, "50 50 ");
 }
 
-TEST_F(HttpTransaction, HeadersFillTheState) {
+TEST_F(HttpTransaction, TakesTheAgentsHeaders) {
     EXPECT_EQ(Get(somePort, u"/x"), 0u);
     EXPECT_EQ(agentState.gv_timeDiff, 0);
     EXPECT_EQ(Get(somePort, u"/x", nullptr, RequestKind::REQUEST_GET_HEADERS), 0u);
     EXPECT_EQ(agentState.gv_timeDiff, 77);
     {
-        platform::RegistryOperations full = platform::Registry();
-        full.RegSetValueExW = [](auto&&...) { return platform::error::diskFull; };
-        const platform::ScopedOperations<platform::RegistryOperations> without(full);
-        ParseHeader(u"AgentKey: K7\r\n");  // stored with the next answer
+        const Replaced full(&platform::RegistryOperations::RegSetValueExW,
+                            [](auto&&...) { return platform::error::diskFull; });
+        ParseHeader(u"AgentKey: K7\r\n");  // stored at the next answer
     }
     ParseHeader(u"HTTP/1.1 200 OK\r\ntimeDiff: -90 more\r\nAgentKey: K7\r\nAgentRun: 0\r\nSNMPTimeout:   9\r\n");
     OptionalText stored;
     EXPECT_EQ(GetOCAgentKey(stored), 0u);
     EXPECT_EQ(stored, u"K7");
-    ParseHeader(u"TIMEDIFF: 5\r\nAgentKey: ..\\up\r\nAgentRun: yes\r\n");  // nothing here that can be taken
+    ParseHeader(u"TIMEDIFF: 5\r\nAgentKey: ..\\up\r\nAgentRun: yes\r\n");  // none of these is valid
     for (const char16_t* dots : {u"AgentKey: .\r\n", u"AgentKey: ..\r\n", u"AgentKey: ...\r\n"}) ParseHeader(dots);
     EXPECT_EQ(agentState.gv_timeDiff, -90);
     EXPECT_EQ(agentState.gv_agentKey.view(), u"K7");

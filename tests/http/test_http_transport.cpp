@@ -1,4 +1,4 @@
-// Transactions over real connections: what goes over the wire, and what each kind of peer makes of them.
+// Transactions over real connections: the bytes on the wire, and all kinds of peers.
 #include <gmock/gmock.h>
 #include <map>
 #include <sstream>
@@ -12,20 +12,19 @@ namespace kv::test {
 namespace {
 
 using testing::HasSubstr;
-using testing::Not;
 using testing::UnorderedElementsAreArray;
 
 class HttpTransport : public HttpTest {};
 
-/// The lines of a request's headers, without the empty one. Their order is the transport's own affair.
-std::vector<std::string> LinesOf(const std::string& request) {
+/// The lines of a request's headers, in the transport's order, without the empty line.
+std::vector<std::string> HeaderLines(const std::string& request) {
     std::vector<std::string> lines;
     std::istringstream text(request);
     for (std::string line; std::getline(text, line) && line != "\r";) lines.push_back(line);
     return lines;
 }
 
-TEST_F(HttpTransport, SaysExactlyWhatItShouldOnTheWire) {
+TEST_F(HttpTransport, SendsExactlyTheseHeaders) {
     RawServer server([](Socket connection, const std::string& request) {
         char body[5];
         if (request.starts_with("POST")) ReceiveBytes(connection, body, sizeof body);
@@ -34,24 +33,24 @@ TEST_F(HttpTransport, SaysExactlyWhatItShouldOnTheWire) {
     agentState.gv_ServerPort = server.port;
     std::u16string url = u"\\a\\b?c=5% d%20e";
     EXPECT_EQ(AgentSendRequest({}, 0, url, {}, nullptr, RequestKind::REQUEST_GET, 0, false), 0u);
-    EXPECT_EQ(url, u"/a/b?c=5% d%20e") << "the caller's, with its slashes and nothing else changed";
+    EXPECT_EQ(url, u"/a/b?c=5% d%20e") << "only its slashes change";
     EXPECT_EQ(Post(server.port, u"/p", "12345", 5), 0u);
     ASSERT_EQ(server.requests.size(), 2u);
     std::vector<std::string> expected = {"User-Agent: TallowmereOnCallAgent\r", "Cache-Control: no-cache\r",
                                          "Pragma: no-cache\r", "Connection: Closed\r",
                                          "Host: 127.0.0.1:" + std::to_string(server.port) + "\r"};
     expected.insert(expected.end(), {"GET /a/b?c=5%25%20d%20e HTTP/1.1\r", "Accept: */*\r"});
-    EXPECT_THAT(LinesOf(server.requests[0]), UnorderedElementsAreArray(expected));
+    EXPECT_THAT(HeaderLines(server.requests[0]), UnorderedElementsAreArray(expected));
     expected.resize(5);
     expected.insert(expected.end(), {"POST /p HTTP/1.1\r", "Content-Length: 5\r"});
-    EXPECT_THAT(LinesOf(server.requests[1]), UnorderedElementsAreArray(expected));
+    EXPECT_THAT(HeaderLines(server.requests[1]), UnorderedElementsAreArray(expected));
 }
 
-TEST_F(HttpTransport, TheServerDecodesTheTextThatWasGiven) {
+TEST_F(HttpTransport, EncodesAnyTextForTheServer) {
     TestServer server;
     const std::map<std::u16string, std::string> rows = {
         {u"Zürich \u6771\u4eac \U0001f600", "Zürich 東京 😀"},
-        {u"a%20b%26c 5%zz", "a b&c 5%zz"},          // an escape stays, other percent signs become one
+        {u"a%20b%26c 5%zz", "a b&c 5%zz"},          // an escape stays, another percent sign is escaped
         {u"\"<>^`{|}#\t\x7f", "\"<>^`{|}#\t\x7f"},  // what a request line cannot carry
         {u"/../a:b@c;d/e[1]!$'()*,~", "/../a:b@c;d/e[1]!$'()*,~"},
         {u"x\xd800y", "x\xef\xbf\xbdy"},  // half a surrogate pair
@@ -64,7 +63,7 @@ TEST_F(HttpTransport, TheServerDecodesTheTextThatWasGiven) {
     }
 }
 
-TEST_F(HttpTransport, BodiesOfEverySizeArriveWhole) {
+TEST_F(HttpTransport, TransfersBodiesOfEverySize) {
     TestServer server;
     for (const std::size_t size : {1u, 50u, 16385u, 3000000u}) {
         SCOPED_TRACE(size);
@@ -86,7 +85,7 @@ TEST_F(HttpTransport, BodiesOfEverySizeArriveWhole) {
     EXPECT_LT(response->size(), 33'600'000u);
 }
 
-TEST_F(HttpTransport, NoAnswerThatComesEarlyLosesABody) {
+TEST_F(HttpTransport, AnEarlyAnswerLosesNoBody) {
     const std::string body(12'000'000, 'z');  // more than the buffers of two sockets
     const struct {
         const char* title;
@@ -104,11 +103,11 @@ TEST_F(HttpTransport, NoAnswerThatComesEarlyLosesABody) {
     for (const auto& row : rows) {
         SCOPED_TRACE(row.title);
         std::size_t got = 0;
-        auto server = std::make_unique<RawServer>(ReadsOnAfter(row.answer, got, row.reads));
+        auto server = std::make_unique<RawServer>(AnswersThenReads(row.answer, got, row.reads));
         const platform::Error result = Post(server->port, u"/x", body, body.size());
-        const bool endsAtFirst = row.expected == 13 && result == 12152;  // Wine takes the first answer for the last
+        const bool endsAtFirst = row.expected == 13 && result == 12152;  // Wine ends with the first answer
         EXPECT_TRUE(result == row.expected || endsAtFirst) << result;
-        server.reset();  // has read what it will
+        server.reset();  // it has read to the end
         EXPECT_TRUE(row.expected != 0 || got == body.size()) << got;
     }
 }
@@ -121,19 +120,19 @@ TEST_F(HttpTransport, FollowsRedirects) {
     EXPECT_EQ(Get(server.port, u"/hop?to=http://127.0.0.1:" + DecimalText(other.port) + u"/echo%3Fvalue%3Daway"), 0u);
     EXPECT_EQ(other.value, "away");
     EXPECT_EQ(Get(server.port, u"/hop?to=ftp://127.0.0.1/echo"), 13u);
-    RawServer circle(Says("HTTP/1.1 302 Found\r\nLocation: /again\r\nContent-Length: 0\r\n\r\n"));
+    RawServer circle(Answers("HTTP/1.1 302 Found\r\nLocation: /again\r\nContent-Length: 0\r\n\r\n"));
     EXPECT_EQ(Get(circle.port, u"/"), 12156u);
     EXPECT_EQ(circle.requests.size(), 11u);
-    RawServer target(Says("HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n"));
-    RawServer hop(Says("HTTP/1.1 302 Found\r\nLocation: http://u:p@127.0.0.1:" + std::to_string(target.port) +
-                       "/a b?c d\r\nContent-Length: 0\r\n\r\n"));
+    RawServer target(Answers("HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n"));
+    RawServer hop(Answers("HTTP/1.1 302 Found\r\nLocation: http://u:p@127.0.0.1:" + std::to_string(target.port) +
+                          "/a b?c d\r\nContent-Length: 0\r\n\r\n"));
     EXPECT_EQ(Get(hop.port, u"/"), 0u);
     ASSERT_EQ(target.requests.size(), 1u);
     EXPECT_THAT(target.requests[0], HasSubstr("GET /a%20b?c%20d HTTP"));
-    EXPECT_THAT(target.requests[0], Not(HasSubstr("Authorization")));
+    EXPECT_THAT(target.requests[0], testing::Not(HasSubstr("Authorization")));
 }
 
-TEST_F(HttpTransport, NoRedirectLosesAPost) {
+TEST_F(HttpTransport, APostFollowsOnlyRedirectsThatKeepIt) {
     TestServer server;
     server.server->Get("/post", [](const httplib::Request&, httplib::Response&) {});
     server.server->Post("/moved/(\\d+)", [](const httplib::Request& request, httplib::Response& response) {
@@ -147,24 +146,25 @@ TEST_F(HttpTransport, NoRedirectLosesAPost) {
 }
 
 TEST_F(HttpTransport, EachFailureHasItsNumber) {
-    // The limit on silence, made short.
-    platform::HttpOperations impatient = platform::Http();
-    impatient.WinHttpOpenRequest = [real = platform::Http()](auto connection, auto verb, auto url, auto types,
-                                                             auto flags, platform::HttpHandle& request) {
-        const platform::Error failure = real.WinHttpOpenRequest(connection, verb, url, types, flags, request);
-        return failure ? failure : real.WinHttpSetOptionNumber(request, platform::HttpOption::receiveTimeout, 150);
-    };
-    const platform::ScopedOperations<platform::HttpOperations> scoped(impatient);
+    // A short limit on silence.
+    const Replaced impatient(
+        &platform::HttpOperations::WinHttpOpenRequest,
+        [real = platform::Http()](auto connection, auto verb, auto url, auto types, auto flags, auto& request) {
+            const platform::Error failure = real.WinHttpOpenRequest(connection, verb, url, types, flags, request);
+            return failure ? failure : real.WinHttpSetOptionNumber(request, platform::HttpOption::receiveTimeout, 150);
+        });
     const struct {
         const char* title;
         RawServer::Handler peer;
         platform::Error expected;
         std::string kept = {};  // of a download
     } rows[] = {
-        {"no HTTP at all", Says("220 mail ready\r\nwho are you?\r\n"), 12152},
-        {"half a body", Says("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\n12345"), 12030, "12345"},
-        {"falls silent in the body", Says("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\n12345", true), 12002, "12345"},
-        {"an encoding nobody asked for", Says("HTTP/1.1 200 OK\r\nContent-Encoding: gzip\r\n\r\nraw"), 0, "raw"},
+        {"not HTTP", Answers("220 mail ready\r\nwho are you?\r\n"), 12152},
+        {"half a body", Answers("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\n12345"), 12030, "12345"},
+        {"falls silent in the body", Answers("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\n12345", true), 12002,
+         "12345"},
+        {"an encoding that was not asked for", Answers("HTTP/1.1 200 OK\r\nContent-Encoding: gzip\r\n\r\nraw"), 0,
+         "raw"},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.title);
@@ -174,28 +174,28 @@ TEST_F(HttpTransport, EachFailureHasItsNumber) {
         EXPECT_EQ(InternetDownloadFile({}, 0, url, u"part.bin", false), row.expected);
         EXPECT_EQ(Read(bin / "part.bin"), row.kept);
     }
-    RawServer cut(Says("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\nabcde"));
+    RawServer cut(Answers("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\nabcde"));
     OptionalText response;
     EXPECT_EQ(Get(cut.port, u"/x", &response), 0u);
-    EXPECT_EQ(response, u"\u6261\u6463");  // what came is kept, whole characters
-    RawServer gone(Says("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\n"));
-    EXPECT_EQ(Get(gone.port, u"/x", &response), 12030u) << "no empty answer";
+    EXPECT_EQ(response, u"\u6261\u6463");  // whole characters of what came
+    RawServer gone(Answers("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\n"));
+    EXPECT_EQ(Get(gone.port, u"/x", &response), 12030u) << "nothing came";
 }
 
-TEST_F(HttpTransport, WhatCannotBeAskedForIsRefused) {
+TEST_F(HttpTransport, RefusesInvalidCalls) {
     const platform::HttpOperations& http = platform::Http();
-    platform::HttpHandle session = 0, connection = 0, request = 0, none = 0;
-    RawServer server(Says("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n"));
+    platform::HttpHandle session = 0, connection = 0, request = 0, refused = 0;
+    RawServer server(Answers("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n"));
     const auto port = static_cast<std::uint16_t>(server.port);
     for (const char16_t* list : {u"", u" ; "}) {
-        EXPECT_EQ(http.WinHttpOpen(u"x", platform::HttpProxyAccess::namedProxy, list, std::nullopt, none), 87u);
+        EXPECT_EQ(http.WinHttpOpen(u"x", platform::HttpProxyAccess::namedProxy, list, std::nullopt, refused), 87u);
     }
     ASSERT_EQ(http.WinHttpOpen(u"x", platform::HttpProxyAccess::noProxy, std::nullopt, std::nullopt, session), 0u);
     ASSERT_EQ(http.WinHttpConnect(session, u"127.0.0.1", port, connection), 0u);
-    EXPECT_EQ(http.WinHttpOpenRequest(session, u"GET", u"/", u"", 0, none), 12018u);
-    EXPECT_EQ(http.WinHttpOpenRequest(connection, u"HEAD", u"/", u"", 0, none), 87u);
+    EXPECT_EQ(http.WinHttpOpenRequest(session, u"GET", u"/", u"", 0, refused), 12018u);
+    EXPECT_EQ(http.WinHttpOpenRequest(connection, u"HEAD", u"/", u"", 0, refused), 87u);
     ASSERT_EQ(http.WinHttpOpenRequest(connection, u"GET", u"/", u"", 0, request), 0u);
-    EXPECT_EQ(http.WinHttpCloseHandle(session), 0u);  // what was opened from it goes on
+    EXPECT_EQ(http.WinHttpCloseHandle(session), 0u);  // handles opened from it stay valid
     EXPECT_EQ(http.WinHttpCloseHandle(session), 6u);
     EXPECT_EQ(http.WinHttpAddRequestHeaders(request, u"Name: a\r\nOther: b"), 87u);
     EXPECT_EQ(http.WinHttpSetOptionNumber(request, platform::HttpOption::proxyPassword, 1), 12009u);
@@ -216,8 +216,8 @@ TEST_F(HttpTransport, WhatCannotBeAskedForIsRefused) {
     EXPECT_EQ(http.WinHttpCloseHandle(request), 0u);
 }
 
-TEST_F(HttpTransport, AddressesThatLeadNowhere) {
-    const int closedPort = RawServer(Says("")).port;
+TEST_F(HttpTransport, TellsWhyAnAddressCannotBeReached) {
+    const int closedPort = RawServer(Answers("")).port;
     for (const auto& [address, expected] : {std::pair{u"127.0.0.1", 12029u},
                                             {u"::1", 12029u},
                                             {u"no-such-host.invalid", 12007u},
@@ -229,7 +229,7 @@ TEST_F(HttpTransport, AddressesThatLeadNowhere) {
 }
 
 TEST_F(HttpTransport, GoesThroughTheProxyWithItsCredentials) {
-    RawServer proxy(Forwards(basicCredentials));
+    RawServer proxy(ProxyThatWants(basicCredentials));
     TestServer server;
     agentState.gv_LastAccessName.Publish(u"server.invalid");  // a name that only the proxy knows
     UseProxy(At(proxy.port), u"<local>");
@@ -241,14 +241,14 @@ TEST_F(HttpTransport, GoesThroughTheProxyWithItsCredentials) {
     EXPECT_EQ(Post(server.port, u"/post", "x", 1), 407u);
 }
 
-TEST_F(HttpTransport, TheBypassListDecidesWhoIsReachedDirectly) {
-    RawServer server(Says("HTTP/1.1 200 OK\r\n\r\n"));
+TEST_F(HttpTransport, ReachesHostsOfTheBypassListDirectly) {
+    RawServer server(Answers("HTTP/1.1 200 OK\r\n\r\n"));
     const std::map<std::u16string, bool> rows = {
         {u"", false},
-        {u"<local>", false},              // means names without a dot
+        {u"<local>", false},              // names without a dot only
         {u"10.*; 11.* 127.0.0.1", true},  // any separator
         {u"https://127.*", false},
-        {u"27.0.0.1;127.0.0", false},  // the whole name
+        {u"27.0.0.1;127.0.0", false},  // the name has to match whole
         {u"127.0.0.1:1", false},
     };
     for (const auto& [list, direct] : rows) {

@@ -1,5 +1,6 @@
-// JSON text: what is read, what is refused and with which words, and how it is written.
+// JSON text: what is read, how it is written, and the messages of refusals.
 #include <memory>
+#include <tuple>
 
 #include "foundation/file_utils.h"
 #include "jsontext/hash_json.h"
@@ -10,7 +11,7 @@ namespace kv::test {
 namespace {
 
 struct Json : TestAgent {
-    /// The printed form of what was read, or the message.
+    /// The written form of what was read, or the message.
     static std::string Outcome(const JsonReadResult& read, const HashTablePtr& table) {
         if (!read.ok) {
             EXPECT_EQ(CountHashKeys(table.get()), 0);
@@ -25,15 +26,10 @@ struct Json : TestAgent {
     }
 };
 
-TEST_F(Json, ReadsWhatTheParserTakesAndWritesItsOwnForm) {
-    struct Row {
-        const char* title;
-        std::u16string document;
-        const char* written;
-    };
-    for (const Row& row : std::vector<Row>{
+TEST_F(Json, ReadsEveryValueAndWritesItsForm) {
+    for (const auto& [title, document, written] : std::vector<std::tuple<const char*, std::u16string, const char*>>{
              {"members from last to first", u"{\"a\":1,\"b\":\"x\",\"c\":[]}", R"({ "c": [ ], "b": "x", "a": 1 })"},
-             {"key given twice moves to the end", u"{\"a\":1,\"b\":2,\"a\":3}", R"({ "a": 3, "b": 2 })"},
+             {"a key given twice moves to the end", u"{\"a\":1,\"b\":2,\"a\":3}", R"({ "a": 3, "b": 2 })"},
              {"null is left out", u"{\"a\":null,\"b\":[null,1,NULL]}", R"({ "b": [ 1 ] })"},
              {"words in any case", u"{\"a\":TRUE,\"b\":False}", R"({ "b": false, "a": true })"},
              {"doubles are cut", u"{\"a\":1.5,\"b\":-2.99,\"c\":1e3}",
@@ -43,7 +39,7 @@ TEST_F(Json, ReadsWhatTheParserTakesAndWritesItsOwnForm) {
              {"low half of 64 bits", u"{\"a\":4294967303,\"b\":9223372036854775808,\"c\":-4294967297}",
               R"({ "c": -1, "b": 0, "a": 7 })"},
              {"comments", u"/***/{/* \" */\"a\"//'\r\n:/**/1}// end", R"({ "a": 1 })"},
-             {"no comment in a text", u"{\"a\":\"/*b*/ //c\"}", R"({ "a": "\/*b*\/ \/\/c" })"},
+             {"comments are text inside a text", u"{\"a\":\"/*b*/ //c\"}", R"({ "a": "\/*b*\/ \/\/c" })"},
              {"escapes", u"{\"a\\t\":\"\\b\\n\\r\\t\\\"\\\\\\/\\f\\u001F\\u007f\\u0041\"}",
               "{ \"a\\t\": \"\\b\\n\\r\\t\\\"\\\\\\/\\u000c\\u001f\x7f"
               "A\" }"},
@@ -55,15 +51,16 @@ TEST_F(Json, ReadsWhatTheParserTakesAndWritesItsOwnForm) {
               "{ \"\u00e9\u20ac\U0001F600\": \"\U0001F600\u20ac\u00e9\" }"},
              {"text ends at a zero character", u"{\"a\":\"b\\u0000c\"}", R"({ "a": "b" })"},
              {"trailing comma", u"{\"a\":[1,2,],}", R"({ "a": [ 1, 2 ] })"},
-             {"text behind the end", u"{}\n x", "{ }what follows the document is passed over, at offset 4 (line 2)"},
+             {"text after the document", u"{}\n x",
+              "{ }what follows the document is passed over, at offset 4 (line 2)"},
          }) {
-        SCOPED_TRACE(row.title);
-        EXPECT_EQ(Reread(row.document), row.written);
+        SCOPED_TRACE(title);
+        EXPECT_EQ(Reread(document), written);
     }
     EXPECT_TRUE(Logged("a text with a zero character ends there: b"));
 }
 
-TEST_F(Json, UnpairedSurrogatesComeBackUnitForUnit) {
+TEST_F(Json, KeepsUnpairedSurrogates) {
     const std::u16string text = u"x\xDC00\xD800y\xD83D\xDE00";
     const HashTablePtr table = MakeHashTable();
     ASSERT_TRUE(JSONTextToHash(table.get(), u"{\"a\":\"" + text + u"\"}").ok);
@@ -71,7 +68,7 @@ TEST_F(Json, UnpairedSurrogatesComeBackUnitForUnit) {
     EXPECT_EQ(HashToJSONString(table.get()), u"{ \"a\": \"" + text + u"\" }");
 }
 
-TEST_F(Json, RefusesInTheParsersWords) {
+TEST_F(Json, RefusesWithTheParsersMessages) {
     const auto nested = [](std::size_t levels) {
         return u"{\"a\":" + std::u16string(levels - 1, u'[') + u"1" + std::u16string(levels - 1, u']') + u"}";
     };
@@ -82,11 +79,7 @@ TEST_F(Json, RefusesInTheParsersWords) {
         while (times-- > 0) all += text;
         return all + u"]";
     };
-    struct Row {
-        std::u16string document;
-        const char* message;
-    };
-    for (const Row& row : std::vector<Row>{
+    for (const auto& [document, message] : std::vector<std::tuple<std::u16string, const char*>>{
              {u"", "unexpected end of data at offset 0 (line 1)"},
              {u"{\n\"\u20ac\": [1,\n", "unexpected end of data at offset 11 (line 3)"},
              {std::u16string(u"{\"a\0\":1}", 8), "unexpected end of data at offset 4 (line 1)"},
@@ -96,18 +89,18 @@ TEST_F(Json, RefusesInTheParsersWords) {
              {u"{\"a\":\"\\u20ac\\u00g0\"}", "invalid string sequence at offset 16 (line 1)"},
              {u"[1]", "the top level is not an object"},
              {huge.substr(0, huge.size() - 1) + u"}}", "an object has more than 10000 members"},
-             {huge, "an object has more than 10000 members"},  // before the parser sees any of it
+             {huge, "an object has more than 10000 members"},  // refused before it is parsed
              {repeated(u"{}", 249'999), "the document has too many values for the memory"},
              {repeated(u",", 1'200'001), "the document has too many values for the memory"},
              {nested(32), "nesting to deep at offset 36 (line 1)"},
              {nested(100000), "nesting to deep at offset 36 (line 1)"},
          }) {
-        SCOPED_TRACE(platform::Utf8FromWide(row.document.substr(0, 60)));
-        EXPECT_EQ(Reread(row.document), row.message);
+        SCOPED_TRACE(platform::Utf8FromWide(document.substr(0, 60)));
+        EXPECT_EQ(Reread(document), message);
     }
     EXPECT_TRUE(Reread(nested(31)).starts_with("{ \"a\": [ [ "));
     constexpr std::size_t tooLong = largestJsonDocument + 1;
-    EXPECT_EQ(Reread({std::make_unique_for_overwrite<char16_t[]>(tooLong).get(), tooLong}),  // no unit is looked at
+    EXPECT_EQ(Reread({std::make_unique_for_overwrite<char16_t[]>(tooLong).get(), tooLong}),  // nothing of it is read
               "the document is larger than 35 million characters");
     huge.resize(huge.size() - std::u16string_view(u"/*,*/\"a,\":[1,2],").size());
     EXPECT_EQ(Reread(huge.substr(0, huge.size() - 1) + u"}}"), R"({ "a": { "a,": [ 1, 2 ] } })");
@@ -132,17 +125,12 @@ TEST_F(Json, WritesEveryTypeOfValue) {
     EXPECT_EQ(HashToJSONString(table.get()), std::u16string(u"{ \"a\": ") + written + u" }");
 }
 
-TEST_F(Json, TellsTheEncodingOfAFile) {
+TEST_F(Json, RecognisesTheEncodingOfAFile) {
     const auto wide = [](std::u16string_view text) { return Utf16LittleEndianBytes(text); };
     const std::u16string document = u"{\"a\":\"\u00e9\r\n\r\"}";
     const std::string utf8 = platform::Utf8FromWide(document);
     const char* written = "{ \"a\": \"\u00e9\\n\\r\" }";
-    struct Row {
-        const char* title;
-        std::string bytes;
-        std::string outcome;
-    };
-    for (const Row& row : std::vector<Row>{
+    for (const auto& [title, bytes, outcome] : std::vector<std::tuple<const char*, std::string, std::string>>{
              {"UTF-16LE", wide(document), written},
              {"UTF-16LE with mark", "\xFF\xFE" + wide(document), written},
              {"UTF-8", utf8, written},
@@ -152,11 +140,11 @@ TEST_F(Json, TellsTheEncodingOfAFile) {
              {"Latin-1", "{\"a\":\"\xE9\"}", "f.txt: the file is neither UTF-16LE nor UTF-8"},
              {"empty", "", "f.txt: unexpected end of data at offset 0 (line 1)"},
          }) {
-        SCOPED_TRACE(row.title);
-        Write(bin / "f.txt", row.bytes);
+        SCOPED_TRACE(title);
+        Write(bin / "f.txt", bytes);
         const HashTablePtr table = MakeHashTable();
         const JsonReadResult read = JSONFileToHash(table.get(), u"f.txt");
-        EXPECT_EQ(Outcome(read, table), row.outcome);
+        EXPECT_EQ(Outcome(read, table), outcome);
     }
     std::filesystem::resize_file(bin / "f.txt", 70'000'003);
     const HashTablePtr table = MakeHashTable();
@@ -164,7 +152,7 @@ TEST_F(Json, TellsTheEncodingOfAFile) {
               "f.txt: the document is larger than 35 million characters");
     const std::string refusal = JSONFileToHash(table.get(), u"..\\none.txt").message;
     EXPECT_EQ(refusal.rfind("..\\none.txt: ", 0), 0U) << refusal;
-    EXPECT_TRUE(refusal.ends_with(". (error 2)")) << "the text is the system's: " << refusal;
+    EXPECT_TRUE(refusal.ends_with(". (error 2)")) << "with the system's text: " << refusal;
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// A lab's server, and what is sent to it and found there.
+// A lab's server, uploads to it, and the records that it stores.
 #pragma once
 
 #include <chrono>
@@ -20,7 +20,7 @@ namespace kv::lab::test {
 /// A record file's bytes: UTF-16LE without a byte order mark.
 inline std::string WideBytes(std::string_view utf8) { return Utf16LittleEndianBytes(platform::WideFromUtf8(utf8)); }
 
-/// The records ("file text" each) that a database holds, in order.
+/// The records of a database in order, each as "file text".
 inline std::vector<std::string> StoredRecords(Store& store) {
     std::vector<std::string> texts;
     for (const Record& record : RecordsAfter(store, {}))
@@ -29,7 +29,7 @@ inline std::vector<std::string> StoredRecords(Store& store) {
 }
 
 inline httplib::Result Upload(httplib::Client& client, const std::string& query, const std::string& body) {
-    client.set_read_timeout(std::chrono::minutes(5));  // a busy machine unpacks a bomb for long
+    client.set_read_timeout(std::chrono::minutes(5));  // a busy machine takes long to unpack a bomb
     return client.Post("/servlets/FileCollector?" + query, body, "application/octet-stream");
 }
 

@@ -1,4 +1,4 @@
-// kvlab, run as its users run it; and requests to agents, ordered by it, fetched and reported over real HTTP.
+// kvlab on its command line, and requests to agents, which the agents fetch and report over real HTTP.
 #include <gmock/gmock.h>
 
 #include "foundation/registry_store.h"
@@ -11,7 +11,6 @@ namespace kv::lab::test {
 
 namespace {
 
-using ::testing::HasSubstr;
 using ::testing::MatchesRegex;
 
 class Kvlab : public Lab {
@@ -27,7 +26,7 @@ class Kvlab : public Lab {
     std::string errors = folder / "errors";
 };
 
-TEST_F(Kvlab, EachWayToEndHasItsExitCodeAndALine) {
+TEST_F(Kvlab, EndsWithAnExitCodeAndALine) {
     const std::string on = " --database '" + database + "'";
     Write(folder / "plan", "{ \"WorkFlows\": 1 }");
     const std::tuple<std::string, int, const char*> rows[] = {
@@ -43,7 +42,7 @@ TEST_F(Kvlab, EachWayToEndHasItsExitCodeAndALine) {
         SCOPED_TRACE(words);
         EXPECT_EQ(Run(words).exitCode, exitCode);
         const std::string lines = Errors();
-        EXPECT_THAT(lines, HasSubstr(text));
+        EXPECT_THAT(lines, testing::HasSubstr(text));
         EXPECT_EQ(std::count(lines.begin(), lines.end(), '\n'), exitCode == 0 ? 0 : 1) << lines;
     }
     EXPECT_FALSE(std::filesystem::exists(folder / "absent.db"));
@@ -59,7 +58,7 @@ class Requests : public Kvlab {
     }
     void Answer(const std::string& id) { client.Post(servlet + "&action=X&requestId=" + id, WideBytes("{}"), ""); }
 
-    /// Each with a blank behind it.
+    /// The states of all requests, with a blank after each.
     std::string States() {
         std::string states;
         for (const Request& request : lab::Requests(store, "K1")) states += request.state + " ";
@@ -69,7 +68,7 @@ class Requests : public Kvlab {
     std::string servlet = "/servlets/DataAgentHandlerServlet?agentKey=K1";
 };
 
-TEST_F(Requests, OneIsListedThreeTimesUnlessItIsAnswered) {
+TEST_F(Requests, AreListedThreeTimesUnlessAnswered) {
     AddRequest(store, {"K1", "NOTHING_KNOWN", "", {}});
     AddRequest(store, {"K1", "TEST_MONITOR", "", {{"RESPONSE_NEEDED", "YES"}}});
     AddRequest(store, {"K1", "DELETE_DEVICE", "", {}});
@@ -78,7 +77,7 @@ TEST_F(Requests, OneIsListedThreeTimesUnlessItIsAnswered) {
     EXPECT_EQ(States(), "dropped listed listed ");
     const std::string list = List();
     AddFault(store, {0, "DataAgentHandlerServlet", FaultKind::cut, 0, 1});
-    EXPECT_EQ(List(), "broken off") << "and does not count";
+    EXPECT_EQ(List(), "broken off") << "and not counted";
     EXPECT_EQ(List(), list);
     EXPECT_EQ(States(), "dropped listed listed ");
     EXPECT_EQ(List(), "");
@@ -87,7 +86,7 @@ TEST_F(Requests, OneIsListedThreeTimesUnlessItIsAnswered) {
     EXPECT_EQ(States(), "dropped answered done ");
 }
 
-TEST_F(Requests, TheListHoldsWhatWasAskedForInOrder) {
+TEST_F(Requests, AreListedInTheirOrder) {
     ASSERT_EQ(SetOCAgentKey(u"K1"), 0U);
     EXPECT_EQ(RunOnDatabase("request add --agent K1 --type B --id 2 --set 'Q=\"ä\" = \\ /' --set E=").output, "2");
     EXPECT_EQ(RunOnDatabase("request add --agent K1 --type A").output, "3") << "2 is taken";
@@ -104,7 +103,7 @@ TEST_F(Requests, TheListHoldsWhatWasAskedForInOrder) {
     EXPECT_THAT(RunOnDatabase("request answers --agent K1 --id 3").output, MatchesRegex(".*Z\tK1\t3\tX\t\\{\\}"));
 
     ASSERT_EQ(SetOCAgentKey(u"K3"), 0U);
-    EXPECT_EQ(RunOnDatabase("request add --agent K1 --type D").exitCode, 1) << "another agent's";
+    EXPECT_EQ(RunOnDatabase("request add --agent K1 --type D").exitCode, 1) << "the agent of this computer is another";
     EXPECT_EQ(States(), "done answered ");
 }
 

@@ -1,4 +1,4 @@
-// The lab's server over real HTTP: what it accepts, refuses, keeps and shows.
+// The lab's server over real HTTP.
 #include <gmock/gmock.h>
 #include <iterator>
 
@@ -8,9 +8,7 @@ namespace kv::lab::test {
 
 namespace {
 
-using ::testing::ElementsAre;
 using ::testing::HasSubstr;
-using ::testing::Not;
 
 constexpr const char* goodQuery = "AGENTKEY=LAB1&FILENAME=Agent_LAB1_1.zip";
 
@@ -25,36 +23,36 @@ class LabServing : public Lab {
                                        {"data/Agent_LAB1_3.txt", WideBytes(R"({ "b": [ { "c": "ü" } ] })")}});
 };
 
-TEST_F(LabServing, EnrolmentGivesConfirmsAndRemembersKeys) {
+TEST_F(LabServing, GivesEachAgentItsKey) {
     const std::tuple<const char*, const char*, const char*> rows[] = {
         {"first agent", "agentKey=HUBCENTER&agentID=one&agentDNS=one.example", "LAB1"},
         {"the same name in another domain", "agentKey=hubcenter&agentID=one&agentDNS=one.elsewhere", "LAB2"},
         {"the first again, its key lost", "agentKey=HUBCENTER&agentID=one&agentDNS=one.example", "LAB1"},
         {"a key that is next in line", "agentKey=LAB3&agentID=four&agentDNS=four.example", "LAB3"},
-        {"a new one steps over it", "agentKey=HUBCENTER&agentID=five&agentDNS=five.example", "LAB4"},
+        {"a new agent skips the taken key", "agentKey=HUBCENTER&agentID=five&agentDNS=five.example", "LAB4"},
     };
     for (const auto& [title, query, key] : rows) EXPECT_EQ(Enrol(query), key) << title;
-    EXPECT_EQ(Get("/servlets/RegisterAgent?agentKey=a%0D%0AEvil:%201")->status, 400) << "no key at all";
+    EXPECT_EQ(Get("/servlets/RegisterAgent?agentKey=a%0D%0AEvil:%201")->status, 400) << "not a key";
     EXPECT_EQ(Agents(store).size(), 4U);
 }
 
-TEST_F(LabServing, AnUploadIsKeptOnceHoweverOftenItComes) {
+TEST_F(LabServing, KeepsARepeatedUploadOnce) {
     EXPECT_EQ(Upload(client, goodQuery, goodZip)->status, 200);
     EXPECT_EQ(Upload(client, goodQuery, goodZip)->status, 200);
-    const auto kept =
-        ElementsAre(R"(data/Agent_LAB1_2.txt { "a": "1" })", R"(data/Agent_LAB1_3.txt { "b": [ { "c": "ü" } ] })");
-    EXPECT_THAT(StoredRecords(store), kept) << "the repeat is accepted and not stored";
+    const auto kept = testing::ElementsAre(R"(data/Agent_LAB1_2.txt { "a": "1" })",
+                                           R"(data/Agent_LAB1_3.txt { "b": [ { "c": "ü" } ] })");
+    EXPECT_THAT(StoredRecords(store), kept) << "the repetition is accepted, not stored";
     const ArchiveFiles longer{{"data/Agent_LAB1_2.txt", WideBytes(R"({ "a": "1" })")},
                               {"data/more.txt", WideBytes("2")}};
     EXPECT_EQ(Upload(client, goodQuery, MakeArchive(longer))->status, 200);
     EXPECT_EQ(Upload(client, goodQuery, MakeArchive({longer[0]}))->status, 200);
     EXPECT_EQ(Upload(client, "AGENTKEY=LAB2&FILENAME=Agent_LAB1_1.zip", MakeArchive({longer[0]}))->status, 200);
-    EXPECT_EQ(StoredRecords(store).size(), 6U) << "other content or another agent is another delivery";
+    EXPECT_EQ(StoredRecords(store).size(), 6U) << "other content, or another agent, is another upload";
     EXPECT_EQ(CountAll(store).zips, 4);
-    EXPECT_EQ(Agents(store).size(), 2U) << "agents that never enrolled are known by their uploads";
+    EXPECT_EQ(Agents(store).size(), 2U) << "an upload makes an agent known";
 }
 
-TEST_F(LabServing, OfAMalformedZipNothingIsKept) {
+TEST_F(LabServing, KeepsNothingOfAMalformedZip) {
     std::string badCrc = goodZip;
     badCrc[badCrc.find("Agent_LAB1_2.txt") + 20] ^= 1;
     const std::string bomb = MakeArchive({{"ok.txt", WideBytes("1")}, {"bomb.txt", std::string(65 << 20, 'x')}});
@@ -69,11 +67,11 @@ TEST_F(LabServing, OfAMalformedZipNothingIsKept) {
         EXPECT_EQ(answer->status, 400) << reason;
         EXPECT_THAT(answer->body, ::testing::StartsWith(reason));
     }
-    EXPECT_THAT(StoredRecords(store), ::testing::IsEmpty()) << "good entries neither";
+    EXPECT_THAT(StoredRecords(store), ::testing::IsEmpty()) << "nor good entries";
     EXPECT_EQ(LatestRefusals(store, 9).size(), std::size(rows));
 }
 
-TEST_F(LabServing, ThePageShowsValuesAndLetsNoMarkupThrough) {
+TEST_F(LabServing, ShowsValuesWithoutTheirMarkup) {
     const std::string evil = "<i title=\"evil\">&'";
     const std::string encoded = "%3Ci%20title=%22evil%22%3E%26'";
     Enrol("agentKey=K1&agentDNS=" + encoded + "&osName=" + encoded + "&customerName=" + encoded);
@@ -85,7 +83,7 @@ TEST_F(LabServing, ThePageShowsValuesAndLetsNoMarkupThrough) {
         {"script", WideBytes("<i>plain</i>")}};
     EXPECT_EQ(Upload(client, "AGENTKEY=K1&FILENAME=" + encoded, MakeArchive(entries))->status, 200);
     const std::string page = Get("/")->body;
-    EXPECT_THAT(page, Not(HasSubstr("<i")));
+    EXPECT_THAT(page, testing::Not(HasSubstr("<i")));
     for (const char* text : {"&lt;i title=&quot;evil&quot;&gt;&amp;&#39;", "<td>4711</td>",
                              "<tr><td>.1.1.1</td><td>&lt;i&gt;</td></tr>", "<pre>&lt;i&gt;plain&lt;/i&gt;</pre>"})
         EXPECT_THAT(page, HasSubstr(text));

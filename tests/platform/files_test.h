@@ -1,4 +1,4 @@
-// Short forms of file operations for tests.
+// Short forms of file operations.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -13,6 +13,7 @@ namespace platform::test {
 
 class FilesTest : public kv::test::TestFolder {
   protected:
+    /// Appends to a file.
     static Error Put(std::u16string_view path, std::string_view bytes) {
         FileHandle file = 0;
         const Error opened =
@@ -23,7 +24,7 @@ class FilesTest : public kv::test::TestFolder {
         return written != 0 ? written : closed;
     }
 
-    /// The names that a pattern finds, joined by blanks, with "/" behind directories; or the error's number.
+    /// The names that a pattern finds, with "/" after directories and a blank after each; or the error number.
     static std::string Found(std::u16string_view pattern) {
         FindData data;
         FindHandle search = 0;

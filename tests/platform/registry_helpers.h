@@ -1,4 +1,4 @@
-// Short forms of registry calls for tests. What fails gives the error number.
+// Short forms of registry calls. A failure is an error number.
 #pragma once
 
 #include <cstddef>
@@ -19,12 +19,12 @@ using platform::RegistryType;
 using platform::RootKey;
 namespace error = platform::error;
 
-/// key is 0 when the opening failed.
+/// key is 0 if opening failed.
 inline Error Open(std::u16string_view path, RegistryKey& key, RegistryAccess access = RegistryAccess::allAccess) {
     return Registry().RegOpenKeyExW(RootKey::localMachine, path, access, key);
 }
 
-/// Makes the key where it is missing.
+/// Makes the key if it is missing.
 inline Error SetBytes(std::u16string_view path, std::u16string_view name, std::string_view data,
                       RegistryType type = RegistryType::binary, const RegistryOperations& registry = Registry()) {
     RegistryKey key = 0;
@@ -36,7 +36,7 @@ inline Error SetBytes(std::u16string_view path, std::u16string_view name, std::s
     return result;
 }
 
-/// A value's bytes; "error N" when it cannot be read.
+/// The bytes of a value; "error N" if it cannot be read.
 inline std::string GetBytes(std::u16string_view path, std::u16string_view name) {
     RegistryKey key = 0;
     std::string data(4096, '\0');

@@ -1,4 +1,5 @@
 // The contract of the file operations.
+#include <tuple>
 #include <utility>
 
 #include "tests/platform/files_test.h"
@@ -10,32 +11,28 @@ namespace {
 
 namespace fs = std::filesystem;
 
-TEST_F(FilesTest, SearchesMatchAndOrderAsWindowsDoes) {
+TEST_F(FilesTest, SearchesMatchAndOrderLikeWindows) {
     for (const char* name : {"agent.log", "agent1.log", "Agent10.LOG", "agent", "B.txt", "a.txt", "a.b.zip", "a.zipped",
                              "a long name.zipped", "sub.d/x"}) {
         Write(fs::path("d") / name, "");
     }
     const std::string all =
         "./ ../ a long name.zipped a.b.zip a.txt a.zipped agent agent.log agent1.log Agent10.LOG B.txt sub.d/ ";
-    const struct {
-        const char* title;
-        std::u16string_view pattern;
-        std::string expected;
-    } rows[] = {
-        {"everything, directories first of all", u"d\\*", all},
+    const std::tuple<const char*, std::u16string_view, std::string> rows[] = {
+        {"everything, the two dots first", u"d\\*", all},
         {"a longer extension does not match", u"d\\*.zip", "a.b.zip "},
-        {"a stem finds the bare name too", u"d\\agent*.*", "agent agent.log agent1.log Agent10.LOG "},
+        {"a stem also finds the bare name", u"d\\agent*.*", "agent agent.log agent1.log Agent10.LOG "},
         {"the name may end before a dot and wildcards", u"d\\agent.?", "agent "},
         {"? may match nothing before a dot", u"d\\agent??.log", "agent.log agent1.log Agent10.LOG "},
         {"? matches one character and no dot", u"d\\a?b.zip", "2"},
         {"the last star is tried again", u"d\\*t*t", "a.txt B.txt "},
-        {"no such directory", u"missing\\*", "3"},
+        {"a missing directory", u"missing\\*", "3"},
         {"a file is not a directory", u"d\\a.txt\\*", "3"},
     };
-    for (const auto& row : rows) EXPECT_EQ(Found(row.pattern), row.expected) << row.title;
+    for (const auto& [title, pattern, expected] : rows) EXPECT_EQ(Found(pattern), expected) << title;
 }
 
-TEST_F(FilesTest, OpeningGivesSystemErrorNumbers) {
+TEST_F(FilesTest, OpeningFailsWithTheSystemsErrors) {
     Write("./there", "1");
     const struct {
         const char* title;
@@ -44,12 +41,14 @@ TEST_F(FilesTest, OpeningGivesSystemErrorNumbers) {
         FileDisposition disposition;
         Error expected;
     } rows[] = {
-        {"no directory", u"none\\x", FileAccess::read, FileDisposition::openExisting, error::pathNotFound},
-        {"no file", u"none", FileAccess::read, FileDisposition::openExisting, error::fileNotFound},
+        {"a missing directory", u"missing\\x", FileAccess::read, FileDisposition::openExisting, error::pathNotFound},
+        {"a missing file", u"missing", FileAccess::read, FileDisposition::openExisting, error::fileNotFound},
         {"a directory", u".", FileAccess::read, FileDisposition::openExisting, error::accessDenied},
-        {"not new", u"there", FileAccess::write, FileDisposition::createNew, error::alreadyExists},
-        {"new", u"new", FileAccess::write, FileDisposition::createNew, error::success},
-        {"cut", u"there", FileAccess::write, FileDisposition::createAlways, error::success},
+        {"createNew of an existing file", u"there", FileAccess::write, FileDisposition::createNew,
+         error::alreadyExists},
+        {"createNew of a new file", u"new", FileAccess::write, FileDisposition::createNew, error::success},
+        {"createAlways of an existing file", u"there", FileAccess::write, FileDisposition::createAlways,
+         error::success},
     };
     for (const auto& row : rows) {
         FileHandle file = 0;
@@ -64,7 +63,7 @@ TEST_F(FilesTest, OpeningGivesSystemErrorNumbers) {
     EXPECT_EQ(Read("there"), "");
 }
 
-TEST_F(FilesTest, DirectoriesAndNames) {
+TEST_F(FilesTest, DirectoriesAreMadeAndEntered) {
     const FileOperations& files = Files();
     EXPECT_EQ(files.wmkdir(u"one"), 0);
     EXPECT_EQ(files.wmkdir(u"one\\"), directory_error::exists);
@@ -82,7 +81,7 @@ TEST_F(FilesTest, DirectoriesAndNames) {
     EXPECT_EQ(Utf8FromWide(directory), (work / "one").string());
 }
 
-TEST_F(FilesTest, ATextHasTheLineEndsOfTheSystem) {
+TEST_F(FilesTest, WritesTextWithTheSystemsLineEnds) {
     FileHandle file = 0;
     ASSERT_EQ(Files().CreateFileW(u"f", FileAccess::append, FileShare::read, FileDisposition::openAlways, file),
               error::success);
@@ -93,7 +92,7 @@ TEST_F(FilesTest, ATextHasTheLineEndsOfTheSystem) {
     EXPECT_EQ(Read("f"), longLine + end + end + "end");
 }
 
-TEST_F(FilesTest, WhatIsReadOnlyIsReplacedAndDeletedAllTheSame) {
+TEST_F(FilesTest, AReadOnlyFileCanBeReplacedAndDeleted) {
     for (const char* name : {"./new", "./copied", "./locked"}) Write(name, name);
     FileHandle file = 0;
     ASSERT_EQ(
@@ -120,7 +119,7 @@ TEST_F(FilesTest, WhatIsReadOnlyIsReplacedAndDeletedAllTheSame) {
     EXPECT_EQ(Found(u"*"), "./ ../ copied ");
 }
 
-TEST_F(FilesTest, AFileIsInUseWhileSomeoneHasItOpenForWriting) {
+TEST_F(FilesTest, AFileIsInUseWhileItIsOpenForWriting) {
     EXPECT_EQ(Files().GetFileUseState(u"f"), error::fileNotFound);
     Write("./f", "");
     const std::pair<FileAccess, Error> rows[] = {

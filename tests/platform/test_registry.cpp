@@ -4,30 +4,21 @@
 
 #include "platform/backend.h"
 #include "tests/platform/registry_helpers.h"
-#include "tests/support/isolation.h"
+#include "tests/support/test_folder.h"
 
 namespace kv::test {
 
 namespace {
 
 using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
-class Registry_ : public ::testing::Test {
-  protected:
-    Registry_() {
-        IsolateRegistry(folder_);
-        platform::InstallBackend();
-        platform::InstallRegistry();
-    }
-    ~Registry_() override { RemoveFolder(folder_); }
-
-  private:
-    std::filesystem::path folder_ = MakeTemporaryFolder();
+struct RegistryTest : TestFolder {
+    RegistryTest() { platform::InstallRegistry(); }
 };
 
 using Names = std::vector<std::u16string>;
 
+/// The names that a list has of a key.
 Names NamesIn(const decltype(RegistryOperations::RegEnumKeyExW)& list, std::u16string_view path) {
     Names names{u"left over"};
     RegistryKey key = 0;
@@ -36,14 +27,14 @@ Names NamesIn(const decltype(RegistryOperations::RegEnumKeyExW)& list, std::u16s
     return names;
 }
 
-TEST_F(Registry_, NamesIgnoreCaseAndKeepTheirFirstForm) {
+TEST_F(RegistryTest, NamesIgnoreCaseAndKeepTheirFirstSpelling) {
     EXPECT_EQ(SetBytes(u"Software\\Halvorine\\KVAgent", u"LogLevel", "1"), error::success);
     EXPECT_EQ(SetBytes(u"SOFTWARE\\halvorine\\kvagent", u"loglevel", "22"), error::success);
     EXPECT_EQ(SetBytes(u"Software\\Halvorine\\Another", u"", "of the key itself"), error::success);
     EXPECT_EQ(GetBytes(u"software\\HALVORINE\\KVAGENT", u"LOGLEVEL"), "22");
     EXPECT_THAT(NamesIn(Registry().RegEnumKeyExW, u"Software\\Halvorine"), ElementsAre(u"Another", u"KVAgent"));
     EXPECT_THAT(NamesIn(Registry().RegEnumValueW, u"Software\\Halvorine\\KVAgent"), ElementsAre(u"LogLevel"));
-    EXPECT_THAT(NamesIn(Registry().RegEnumValueW, u"Software"), IsEmpty());
+    EXPECT_THAT(NamesIn(Registry().RegEnumValueW, u"Software"), testing::IsEmpty());
 
     const std::u16string refused[] = {
         u"\\A", u"A\\", u"A\\\\B", u"A\nB", {u'A', 0}, {u'A', 0xD800}, std::u16string(256, u'k')};
@@ -53,7 +44,7 @@ TEST_F(Registry_, NamesIgnoreCaseAndKeepTheirFirstForm) {
     EXPECT_EQ(GetBytes(std::u16string(255, u'K'), u"gr\u00fc\u00df \U0001F600"), "1");
 }
 
-TEST_F(Registry_, AKeyDeletedUnderAnOpenHandleStaysDeletedWhenAnotherIsMadeInItsPlace) {
+TEST_F(RegistryTest, AHandleOfADeletedKeyDoesNotReachItsSuccessor) {
     ASSERT_EQ(SetBytes(u"K\\Sub\\Deep", u"v", "1"), error::success);
     RegistryKey key = 0;
     Open(u"K\\Sub", key);
@@ -68,10 +59,10 @@ TEST_F(Registry_, AKeyDeletedUnderAnOpenHandleStaysDeletedWhenAnotherIsMadeInIts
     EXPECT_EQ(Registry().RegCloseKey(key), error::invalidHandle);
     Open(u"K", key, RegistryAccess::queryValue);
     EXPECT_EQ(Registry().RegSetValueExW(key, u"v", RegistryType::binary, nullptr, 0), error::accessDenied);
-    EXPECT_EQ(Registry().RegDeleteTreeW(RootKey::localMachine, u""), error::accessDenied) << "the root stays";
+    EXPECT_EQ(Registry().RegDeleteTreeW(RootKey::localMachine, u""), error::accessDenied) << "the root";
 }
 
-TEST_F(Registry_, AKeyIsMadeWithAllLevelsAboveIt) {
+TEST_F(RegistryTest, MakesAKeyAndAllLevelsAboveIt) {
     std::u16string path = u"K";
     for (int level = 1; level < 100; ++level) path += u"\\level";
     RegistryKey key = 0;
@@ -86,7 +77,7 @@ TEST_F(Registry_, AKeyIsMadeWithAllLevelsAboveIt) {
     EXPECT_EQ(key, 0U);
 }
 
-TEST_F(Registry_, RoomForAValueIsToldAndNothingIsCopiedWithoutIt) {
+TEST_F(RegistryTest, TellsAValuesSizeAndCopiesItOnlyIfItFits) {
     ASSERT_EQ(SetBytes(u"K", u"v", "12345", RegistryType::multiText), error::success);
     RegistryKey key = 0;
     Open(u"K", key, RegistryAccess::queryValue);
@@ -107,14 +98,14 @@ TEST_F(Registry_, RoomForAValueIsToldAndNothingIsCopiedWithoutIt) {
     EXPECT_EQ(GetBytes(u"K", {u"v\0", 2}), "error 2");
 }
 
-TEST_F(Registry_, AChangeInAKeyOrBelowItIsToldOnce) {
+TEST_F(RegistryTest, TellsAChangeInOrBelowAKeyOnce) {
     ASSERT_EQ(SetBytes(u"K\\Sub", u"v", "1"), error::success);
     RegistryKey key = 0;
     Open(u"K", key, RegistryAccess::read);
     const auto wait = [&key](std::uint32_t milliseconds) {
         return Registry().RegNotifyChangeKeyValue(key, milliseconds);
     };
-    EXPECT_EQ(wait(0), error::success) << "what happened before the first call";
+    EXPECT_EQ(wait(0), error::success) << "a change before the first call";
     EXPECT_EQ(wait(50), error::waitTimeout);
     for (const char16_t* path : {u"K", u"K\\Sub"}) {
         ASSERT_EQ(SetBytes(path, u"v", "2"), error::success);
@@ -126,7 +117,7 @@ TEST_F(Registry_, AChangeInAKeyOrBelowItIsToldOnce) {
     SetBytes(u"K\\Sub", u"v", "3");
     waiting.join();
     EXPECT_EQ(SetBytes(u"K", u"v", "4"), error::success);
-    EXPECT_EQ(wait(0), error::success) << "although the thread that waited before has ended";
+    EXPECT_EQ(wait(0), error::success) << "after the thread that waited has ended";
     Registry().RegDeleteTreeW(RootKey::localMachine, u"K\\Sub");
     EXPECT_EQ(wait(0), error::success);
     Registry().RegDeleteTreeW(RootKey::localMachine, u"K");

@@ -1,4 +1,4 @@
-// The smaller lists of operations, and the text conversions beside them.
+// The smaller lists of operations, and text conversions.
 #include <algorithm>
 #include <array>
 #include <atomic>
@@ -27,7 +27,7 @@ struct SystemTest : ::testing::Test {
     SystemTest() { InstallBackend(); }
 };
 
-TEST(Utf, BothDirectionsTakeAnything) {
+TEST(Utf, ConvertsAnythingInBothDirections) {
     using namespace std::string_literals;
     const struct {
         const char* title;
@@ -36,10 +36,10 @@ TEST(Utf, BothDirectionsTakeAnything) {
         bool valid = true;
     } toWide[] = {
         {"one to four bytes", "a\u00E4\u20AC\U0001F600", u"a\u00E4\u20AC\U0001F600"},
-        {"a zero stays", "a\0b"s, u"a\0b"s},
+        {"a zero character", "a\0b"s, u"a\0b"s},
         {"cut inside a character", "a\xF0\x9F\x98", u"a\uFFFD", false},
         {"an overlong form", "a\xC0\xAFz", u"a\uFFFDz", false},
-        {"bytes of no sequence", "\xFF\xFEz", u"\uFFFD\uFFFDz", false},
+        {"invalid bytes", "\xFF\xFEz", u"\uFFFD\uFFFDz", false},
     };
     for (const auto& row : toWide) {
         EXPECT_EQ(WideFromUtf8(row.utf8), row.wide) << row.title;
@@ -57,9 +57,9 @@ TEST(Guard, TurnsExceptionsIntoResults) {
         Error result;
         int directoryResult;
     } rows[] = {
-        {"nothing thrown", [] {}, error::success, directory_error::success},
-        {"no memory", [] { throw std::bad_alloc(); }, error::notEnoughMemory, directory_error::noMemory},
-        {"no thread", [] { throw std::system_error(EAGAIN, std::generic_category()); }, error::notEnoughMemory,
+        {"no exception", [] {}, error::success, directory_error::success},
+        {"out of memory", [] { throw std::bad_alloc(); }, error::notEnoughMemory, directory_error::noMemory},
+        {"out of threads", [] { throw std::system_error(EAGAIN, std::generic_category()); }, error::notEnoughMemory,
          directory_error::noMemory},
         {"anything else", [] { throw std::runtime_error("else"); }, error::generalFailure, directory_error::invalid},
     };
@@ -67,7 +67,7 @@ TEST(Guard, TurnsExceptionsIntoResults) {
         EXPECT_EQ(Guarded([&work = work] { return work(), error::success; })(), result) << title;
         EXPECT_EQ(Guarded([&work = work] { return work(), 0; }, directoryErrorResults)(), directoryResult) << title;
     }
-    EXPECT_THROW(Guarded([]() -> Error { throw 1; })(), int) << "what a test throws to end a loop";
+    EXPECT_THROW(Guarded([]() -> Error { throw 1; })(), int) << "the exception of a test that ends a loop";
 }
 
 TEST_F(SystemTest, ProcessesRefuseHandleZero) {
@@ -78,7 +78,7 @@ TEST_F(SystemTest, ProcessesRefuseHandleZero) {
     Processes().CloseProcess(0);
 }
 
-TEST_F(SystemTest, LocalTimeIsTakenApartAndPutTogether) {
+TEST_F(SystemTest, ConvertsLocalTimeInBothDirections) {
     for (const auto moment : {1772701507042LL, 0LL, -1LL, -86400001LL, 4102444800999LL}) {
         EXPECT_EQ(Clock().FromLocalTime(Clock().ToLocalTime(moment)), moment);
     }
@@ -90,7 +90,7 @@ TEST_F(SystemTest, LocalTimeIsTakenApartAndPutTogether) {
         EXPECT_EQ(Clock().FromLocalTime(beyond), Clock().FromLocalTime(same)) << title;
 }
 
-// Looked at again and again: waiting on an atomic loses wake-ups where the library has to build it from a condition.
+// Polled, because waiting on an atomic can lose wake-ups in a library that builds it from a condition variable.
 std::atomic<ThreadHandle> parked{0};
 std::atomic<int> timesWoken{0};
 
@@ -119,11 +119,11 @@ TEST_F(SystemTest, AResumeIsNeverLost) {
         Threads().ResumeThread(thread);
     }
     EXPECT_EQ(Threads().WaitForThread(thread, infinite), error::success);
-    EXPECT_EQ(Threads().WaitForThread(thread, 0), error::success) << "once more";
+    EXPECT_EQ(Threads().WaitForThread(thread, 0), error::success) << "a second time";
     EXPECT_EQ(Threads().WaitForThread(0, 0), error::invalidHandle);
 }
 
-TEST_F(SystemTest, AnEventStaysSetAndIsClosedAsSoonAsItIsSeen) {
+TEST_F(SystemTest, AnEventStaysSetAndMayBeClosedAtOnce) {
     for (int round = 0; round < 50; ++round) {
         EventHandle event = 0;
         ASSERT_EQ(Threads().CreateEventW(event), error::success);
@@ -142,7 +142,7 @@ TEST_F(SystemTest, AnEventStaysSetAndIsClosedAsSoonAsItIsSeen) {
     EXPECT_EQ(Threads().WaitForEvent(0, 0), error::invalidHandle);
 }
 
-TEST_F(SystemTest, HostsAreFoundByNameAndByAddress) {
+TEST_F(SystemTest, FindsHostsByNameAndByAddress) {
     HostEntry host;
     EXPECT_EQ(Sockets().gethostbyname("localhost", host), error::success);
     EXPECT_EQ(host.address, "127.0.0.1");
@@ -155,7 +155,7 @@ TEST_F(SystemTest, HostsAreFoundByNameAndByAddress) {
     std::u16string fullName;
     std::array<std::uint8_t, 4> address{};
     if (const Error failure = Sockets().GetDefaultRouteAddress(name)) {
-        EXPECT_EQ(failure, error::hostNotFound) << "no network here";
+        EXPECT_EQ(failure, error::hostNotFound) << "without a network";
     } else {
         EXPECT_TRUE(Sockets().inet_addr(name, address) && address[0] != 127 && address[0] != 0) << name;
     }
@@ -175,21 +175,20 @@ TEST_F(SystemTest, AnAddressHasFourDecimalParts) {
     }
 }
 
-/// How the texts read is the system's own.
-TEST_F(SystemTest, MessagesAreTheSystemsOrALibrarysOrNone) {
+TEST_F(SystemTest, FindsMessagesInTheSystemOrALibrary) {
     const std::optional<std::u16string> denied = Messages().FormatMessageW(error::accessDenied);
     ASSERT_TRUE(denied);
     EXPECT_FALSE(denied->empty());
-    EXPECT_FALSE(Messages().FormatMessageW(wmi_status::invalidClass)) << "a library's";
+    EXPECT_FALSE(Messages().FormatMessageW(wmi_status::invalidClass)) << "only a library has it";
 
-    ModuleHandle texts = 0, again = 0, none = 0;
-    EXPECT_NE(Messages().LoadLibraryW(u"no-such-library.dll", none), error::success);
+    ModuleHandle texts = 0, again = 0, missing = 0;
+    EXPECT_NE(Messages().LoadLibraryW(u"no-such-library.dll", missing), error::success);
     ASSERT_EQ(Messages().LoadLibraryW(u"wmiutils.dll", texts), error::success);
     EXPECT_EQ(Messages().LoadLibraryW(u"wmiutils.dll", again), error::success);
     EXPECT_EQ(texts, again);
     EXPECT_EQ(Messages().FormatModuleMessageW(texts, error::accessDenied), denied);
     EXPECT_FALSE(Messages().FormatModuleMessageW(texts, 0x8FFFFFFF));
-    EXPECT_FALSE(Messages().FormatModuleMessageW(none, error::accessDenied));
+    EXPECT_FALSE(Messages().FormatModuleMessageW(missing, error::accessDenied));
 }
 
 SocketHandle OpenSocket() {
@@ -199,7 +198,7 @@ SocketHandle OpenSocket() {
     return socket;
 }
 
-TEST_F(SystemTest, DatagramsGoThereAndBack) {
+TEST_F(SystemTest, SendsDatagramsThereAndBack) {
     constexpr std::array<std::uint8_t, 4> loopback{127, 0, 0, 1};
     const SocketHandle client = OpenSocket();
     SocketHandle device = 0;
@@ -222,13 +221,13 @@ TEST_F(SystemTest, DatagramsGoThereAndBack) {
         const Error received = Sockets().recvfrom(device, buffer.data(), buffer.size(), peer, length);
         if (size > buffer.size() && received != error::success) continue;  // a cut is an error on some systems
         ASSERT_EQ(received, error::success);
-        EXPECT_EQ(length, std::min(size, buffer.size())) << "what is too long is cut";
+        EXPECT_EQ(length, std::min(size, buffer.size())) << "a long datagram is cut";
         EXPECT_TRUE(std::equal(buffer.begin(), buffer.begin() + length, bytes.begin()));
         EXPECT_EQ(peer.address, loopback);
     }
     EXPECT_EQ(Sockets().sendto(device, "x", 1, peer, length), error::success);
     EXPECT_EQ(Sockets().select(client, 10'000'000, ready), error::success);
-    EXPECT_TRUE(ready) << "the answer finds the sender";
+    EXPECT_TRUE(ready) << "the answer reaches the sender";
     const std::vector<char> tooLong(70000);
     EXPECT_NE(Sockets().sendto(client, tooLong.data(), tooLong.size(), peer, length), error::success);
     for (const SocketHandle socket : {client, device}) EXPECT_EQ(Sockets().closesocket(socket), error::success);

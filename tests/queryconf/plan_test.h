@@ -1,7 +1,6 @@
-// What tests of loading and replacing plans share.
+// The fixture of tests of loading and replacing plans.
 #pragma once
 
-#include <optional>
 #include <utility>
 
 #include "foundation/agent_state.h"
@@ -19,7 +18,7 @@ inline std::string WideBytes(std::string_view text) {
     return "\xFF\xFE" + Utf16LittleEndianBytes(platform::WideFromUtf8(text));
 }
 
-/// The text of a plan with one list of workflows of the given names. Their "order" says the opposite, and is ignored.
+/// A plan with one list of workflows of these names. Their "order", which is ignored, says the opposite.
 inline std::string PlanText(const std::string& key, const std::vector<std::string>& names) {
     std::string text = "{\"" + key + "\":[";
     int order = 9;
@@ -29,14 +28,9 @@ inline std::string PlanText(const std::string& key, const std::vector<std::strin
     return text + "]}";
 }
 
-/// The timer thread is not started: these tests look at the plan, not at its runs.
+/// Starts no timer thread, because these tests look at plans and not at their runs.
 class PlanTest : public TestAgent {
   protected:
-    PlanTest() {
-        platform::ThreadOperations operations = platform::Threads();
-        operations.CreateThread = [](platform::ThreadStart, void*) { return platform::ThreadHandle{1}; };
-        threads_.emplace(operations);
-    }
     ~PlanTest() override { FreePlan(); }
 
     static void FreePlan() {
@@ -46,7 +40,8 @@ class PlanTest : public TestAgent {
     }
 
   private:
-    std::optional<platform::ScopedOperations<platform::ThreadOperations>> threads_;
+    const Replaced<platform::ThreadOperations> threads_{&platform::ThreadOperations::CreateThread,
+                                                        [](auto&&...) { return platform::ThreadHandle{1}; }};
 };
 
 }  // namespace kv::test

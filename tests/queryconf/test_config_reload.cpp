@@ -1,5 +1,4 @@
-// A plan from the server: what the files and the table hold after it was installed, also when steps fail or the agent
-// is killed in between.
+// A new plan from the server: the files and the table after it is installed, after failed steps, and after kills.
 #include <functional>
 #include <regex>
 
@@ -17,12 +16,12 @@ using platform::error::accessDenied;
 using platform::error::diskFull;
 using platform::error::tooManyOpenFiles;
 
-/// An agent "Own" with a plan "live" and a backup "old", which serves a slave "S" with the same.
+/// The agent "Own" and its slave "S". Each has a plan "live" and a backup "old".
 class ConfigReload : public PlanTest {
   protected:
     ConfigReload() { agentState.gv_agentKey.Publish(u"Own"); }
 
-    /// Puts the new plan's text, if there is one, into the download directory.
+    /// Writes the plans and, if it is not null, a new plan into the download directory.
     void SetUpFiles(const char* newText) {
         fs::remove_all(conf);
         for (const fs::path& part : {fs::path(), fs::path("S")}) {
@@ -40,8 +39,8 @@ class ConfigReload : public PlanTest {
     }
     static void Reload(const std::string& agentKey) { ReloadQueryConfDetails(platform::WideFromUtf8(agentKey)); }
 
-    /// The workflow of a plan's file; "-" without a file, the text itself when it is not a whole plan of PlanText.
-    static std::string PlanIn(const fs::path& path) {
+    /// The workflow of a plan file of PlanText. "-" without a file; the text of any other file.
+    static std::string PlanInFile(const fs::path& path) {
         static const std::regex plan(
             R"re(\{"\w+":\[\{"wfname":"(\w+)","order":9,"interval":5,"recordSetName":\[\]\},\]\})re");
         if (!fs::exists(path)) return "-";
@@ -49,8 +48,8 @@ class ConfigReload : public PlanTest {
         const std::string text = platform::Utf8FromWide(TextFromUtf16LittleEndian(std::string_view(bytes).substr(2)));
         return std::regex_replace(text, plan, "$1");
     }
-    /// The first workflow of the table's list for a slave, or for the agent itself; "-" without one.
-    static std::string Loaded(const std::string& slave) {
+    /// The first loaded workflow of a slave, or of the agent itself; "-" without one.
+    static std::string LoadedPlan(const std::string& slave) {
         const std::u16string key = platform::WideFromUtf8(slave.empty() ? "WorkFlows" : "WorkFlows_" + slave);
         const Vector* list = GetHashVector(agentState.gv_queryConfHash, key);
         if (!list || !list->head) return "-";
@@ -60,7 +59,7 @@ class ConfigReload : public PlanTest {
     fs::path download = conf / "download";
 };
 
-TEST_F(ConfigReload, TheFilesAndTheTableAfterEachOutcome) {
+TEST_F(ConfigReload, InstallsANewPlanOrKeepsTheFormerOne) {
     constexpr const char* own = R"({"WorkFlows":[{"wfname":"new","order":9,"interval":5,"recordSetName":[]},]})";
     constexpr const char* ofS = R"({"WorkFlows_S":[{"wfname":"new","order":9,"interval":5,"recordSetName":[]},]})";
     constexpr const char* ofT = R"({"WorkFlows_T":[{"wfname":"new","order":9,"interval":5,"recordSetName":[]},]})";
@@ -76,24 +75,26 @@ TEST_F(ConfigReload, TheFilesAndTheTableAfterEachOutcome) {
         std::function<void()> before = [] {};
     };
     for (const Row& row : std::vector<Row>{
-             {"own, in another case", "oWN", own, sound, "", "new", "live", gone, "new"},
-             {"a slave's", "S", ofS, sound, "S", "new", "live", gone, "new"},
+             {"the own plan, key in another case", "oWN", own, sound, "", "new", "live", gone, "new"},
+             {"a slave's plan", "S", ofS, sound, "S", "new", "live", gone, "new"},
              {"an empty list", "Own", "{\"WorkFlows\":[]}", sound, "", "{\"WorkFlows\":[]}", "live", gone, "-"},
-             {"one that cannot be read now", "Own", own, Failing(&Files::CreateFileW, tooManyOpenFiles), "", "live",
+             {"a plan that cannot be read now", "Own", own, Failing(&Files::CreateFileW, tooManyOpenFiles), "", "live",
               "old", waits, "live", "queryconf.txt waits for the next call"},
-             {"the first slave's", "T", ofT, sound, "T", "new", "-", gone, "new", "",
-              [this] { fs::remove_all(conf / "slaves"), fs::remove_all(conf / "backup"); }},
-             {"a slave's that had lost its file", "S", ofS, sound, "S", "new", "-", gone, "new", "",
+             {"the first slave's plan", "T", ofT, sound, "T", "new", "-", gone, "new", "",
+              [this] {
+                  for (const char* each : {"slaves", "backup"}) fs::remove_all(conf / each);
+              }},
+             {"a slave without its file", "S", ofS, sound, "S", "new", "-", gone, "new", "",
               [this] { fs::remove(LivePath("S")); }},
-             {"absent", "Own", nullptr, sound, "", "live", "old", gone, "live"},
-             {"malformed", "Own", "{\"WorkFlows\":[", sound, "", "live", "old", refused, "live",
+             {"an absent plan", "Own", nullptr, sound, "", "live", "old", gone, "live"},
+             {"a malformed plan", "Own", "{\"WorkFlows\":[", sound, "", "live", "old", refused, "live",
               "\t JudgeQueryConfig :: ..\\conf\\download\\queryconf.txt: unexpected end of data at offset 14"},
-             {"another agent's", "Own", ofS, sound, "", "live", "old", refused, "live",
+             {"another agent's plan", "Own", ofS, sound, "", "live", "old", refused, "live",
               "queryconf.txt has no array WorkFlows"},
-             {"nothing that can run", "Own", R"({"WorkFlows":[{"interval":"5","recordSetName":[]}]})", sound, "",
+             {"a plan that cannot run", "Own", R"({"WorkFlows":[{"interval":"5","recordSetName":[]}]})", sound, "",
               "live", "old", refused, "live",
               "no workflow of WorkFlows can run: the last has an interval that is not a number"},
-             {"for a key that climbs", "..\\..\\S", ofS, sound, "", "live", "old", waits, "live",
+             {"a key that names a parent directory", "..\\..\\S", ofS, sound, "", "live", "old", waits, "live",
               "..\\..\\S cannot name a directory"},
              {"no backup can be made", "Own", own, Failing(&Files::CopyFileW, diskFull), "", "new", "old", gone, "new",
               "cannot be copied to ..\\conf\\backup\\queryconf.txt. Error is [112]"},
@@ -106,18 +107,18 @@ TEST_F(ConfigReload, TheFilesAndTheTableAfterEachOutcome) {
         row.before();
         const platform::ScopedOperations scoped(row.operations);
         Reload(row.agentKey);
-        EXPECT_EQ(PlanIn(LivePath(row.slave)), row.live);
-        EXPECT_EQ(PlanIn(conf / "backup" / row.slave / "queryconf.txt"), row.backup);
+        EXPECT_EQ(PlanInFile(LivePath(row.slave)), row.live);
+        EXPECT_EQ(PlanInFile(conf / "backup" / row.slave / "queryconf.txt"), row.backup);
         EXPECT_EQ(FilesIn(download), row.downloads.empty() ? std::vector<std::string>{} : std::vector{row.downloads});
-        EXPECT_EQ(Loaded(row.slave), row.loaded);
+        EXPECT_EQ(LoadedPlan(row.slave), row.loaded);
         EXPECT_TRUE(Logged(row.logged));
     }
 }
 
 struct Killed {};
 
-/// The current operations, whose n-th call ends the process like a kill; a copy is half done by then.
-Files KilledAtCall(int n) {
+/// The current operations. The n-th call throws, as if the agent were killed; a copy is half done by then.
+Files KillAtCall(int n) {
     const auto left = std::make_shared<int>(n);
     Files files = platform::Files();
     const auto step = [left] {
@@ -129,8 +130,13 @@ Files KilledAtCall(int n) {
             return next(std::forward<decltype(arguments)>(arguments)...);
         };
     };
-    dying(files.CreateFileW), dying(files.ReadFile), dying(files.FlushFileBuffers), dying(files.MoveFileExW);
-    dying(files.DeleteFileW), dying(files.wmkdir), dying(files.GetFileAttributesW);
+    dying(files.CreateFileW);
+    dying(files.ReadFile);
+    dying(files.FlushFileBuffers);
+    dying(files.MoveFileExW);
+    dying(files.DeleteFileW);
+    dying(files.wmkdir);
+    dying(files.GetFileAttributesW);
     files.CopyFileW = [step, next = files.CopyFileW](std::u16string_view from, std::u16string_view to) {
         TestAgent::Write(platform::Files().NativePath(to), "half");
         step();
@@ -139,25 +145,25 @@ Files KilledAtCall(int n) {
     return files;
 }
 
-TEST_F(ConfigReload, AKillAtAnyCallLeavesWholePlansAndTheNextReloadFinishes) {
-    logState.gv_logLevel = 0;  // the calls for the log do not count
+TEST_F(ConfigReload, AKillAtAnyCallLeavesWholePlans) {
+    logState.gv_logLevel = 0;  // calls for the log do not count
     int call = 1;
     for (bool killed = true; killed; ++call) {
         SCOPED_TRACE(call);
         SetUpFiles(PlanText("WorkFlows", {"new"}).c_str());
         killed = false;
         try {
-            const platform::ScopedOperations scoped(KilledAtCall(call));
+            const platform::ScopedOperations scoped(KillAtCall(call));
             Reload("Own");
         } catch (const Killed&) {
             killed = true;
         }
-        const std::string live = PlanIn(LivePath(""));
-        const std::string backup = PlanIn(conf / "backup" / "queryconf.txt");
+        const std::string live = PlanInFile(LivePath(""));
+        const std::string backup = PlanInFile(conf / "backup" / "queryconf.txt");
         EXPECT_TRUE(live == "new" ? backup == "live" : live == "live" && (backup == "live" || backup == "old"));
         Reload("Own");
-        EXPECT_EQ(PlanIn(LivePath("")), "new");
-        EXPECT_EQ(PlanIn(conf / "backup" / "queryconf.txt"), "live");
+        EXPECT_EQ(PlanInFile(LivePath("")), "new");
+        EXPECT_EQ(PlanInFile(conf / "backup" / "queryconf.txt"), "live");
     }
     EXPECT_GT(call, 10);
 }

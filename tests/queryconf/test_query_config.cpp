@@ -1,4 +1,4 @@
-// Which plan is there after loading: own and slave files, backups, reloads, and files that are not what they should be.
+// The plan after loading: own and slave files, backups, reloads and faulty files.
 #include <regex>
 
 #include "foundation/open_file.h"
@@ -22,11 +22,11 @@ class QueryConfig : public PlanTest {
     }
     static void WriteWide(const fs::path& path, std::string_view text) { Write(path, WideBytes(text)); }
 
-    /// The plan's JSON text, its keys from the last to the first; for workflows of WritePlan only their names.
+    /// The plan as JSON, last key first. A workflow of WritePlan is only its name.
     static std::string Plan() {
         static const std::regex workflow(
             R"re(\{ "recordSetName": \[ \], "interval": 5, "order": \d, "wfname": ("\w+") \})re");
-        if (!agentState.gv_queryConfHash) return "none";
+        if (!agentState.gv_queryConfHash) return "null";
         return std::regex_replace(platform::Utf8FromWide(HashToJSONString(agentState.gv_queryConfHash)), workflow,
                                   "$1");
     }
@@ -37,13 +37,9 @@ class QueryConfig : public PlanTest {
             names += platform::Utf8FromWide(GetHashText(reinterpret_cast<const HashTable*>(each->value), u"wfname"));
         return names;
     }
-
-    void Reload(std::u16string_view agent, std::optional<std::u16string_view> file = std::nullopt) {
-        LoadQueryConfig(agent, file);
-    }
 };
 
-TEST_F(QueryConfig, AMasterTakesItsSlavesFilesAfterItsOwnAndAReloadReplacesOneKeyOnly) {
+TEST_F(QueryConfig, AMasterLoadsItsSlavesAndReloadsOneAgentOnly) {
     WritePlan(conf / "queryconf.txt", "WorkFlows", {"a", "b"});
     agentState.gv_masterAgent = u"Yes";
     LoadConfFiles();
@@ -51,10 +47,10 @@ TEST_F(QueryConfig, AMasterTakesItsSlavesFilesAfterItsOwnAndAReloadReplacesOneKe
 
     WritePlan(SlaveFile("S"), "WorkFlows_S", {"c"});
     WritePlan(SlaveFile("T"), "WorkFlows_T", {"d"});
-    WritePlan(SlaveFile("."), "WorkFlows_.", {"the first two entries, . and .., are passed over"});
+    WritePlan(SlaveFile("."), "WorkFlows_.", {"the entries . and .. are passed over"});
     const bool caseCounts = !fs::exists(SlaveFile("s"));
-    if (caseCounts) WritePlan(SlaveFile("s"), "WorkFlows_s", {"keys that differ in case only are one slave"});
-    WritePlan(conf / "backup" / "U" / "queryconf.txt", "WorkFlows_U", {"only a file that was there is restored"});
+    if (caseCounts) WritePlan(SlaveFile("s"), "WorkFlows_s", {"names that differ only in case are one slave"});
+    WritePlan(conf / "backup" / "U" / "queryconf.txt", "WorkFlows_U", {"a slave without a file is not restored"});
     fs::create_directories(SlaveFile("U").parent_path());
     FreePlan();
     LoadConfFiles();
@@ -65,14 +61,14 @@ TEST_F(QueryConfig, AMasterTakesItsSlavesFilesAfterItsOwnAndAReloadReplacesOneKe
 
     const Vector* own = GetHashVector(agentState.gv_queryConfHash, u"WorkFlows");
     WritePlan(SlaveFile("S"), "WorkFlows_s", {"e", "f"});
-    Reload(u"S", u"..\\conf\\slaves\\S\\queryconf.txt");
+    LoadQueryConfig(u"S", u"..\\conf\\slaves\\S\\queryconf.txt");
     const std::string reloaded =
         R"({ "WorkFlows_S": [ "e", "f" ], "WorkFlows_T": [ "d" ], "WorkFlows": [ "a", "b" ] })";
     EXPECT_EQ(Plan(), reloaded);
     EXPECT_EQ(GetHashVector(agentState.gv_queryConfHash, u"WorkFlows"), own);
-    EXPECT_EQ(Scheduled(), "abcd") << "what is scheduled stays alive";
+    EXPECT_EQ(Scheduled(), "abcd") << "the schedule keeps its workflows";
     WritePlan(SlaveFile("S"), "WorkFlows", {"x"});
-    Reload(u"S", u"..\\conf\\slaves\\S\\queryconf.txt");
+    LoadQueryConfig(u"S", u"..\\conf\\slaves\\S\\queryconf.txt");
     EXPECT_EQ(Plan(), reloaded);
     EXPECT_TRUE(Logged("WorkFlows belongs to another file and is left out"));
 
@@ -86,8 +82,8 @@ TEST_F(QueryConfig, AMissingFileIsRestoredFromItsBackup) {
     WritePlan(conf / "backup" / "queryconf.txt", "WorkFlows", {"a"});
     WritePlan(conf / "backup" / "S" / "queryconf.txt", "WorkFlows_S", {"b"});
     fs::create_directories(conf / "slaves" / "S");
-    Reload(u"");
-    Reload(u"S", u"..\\conf\\slaves\\S\\queryconf.txt");
+    LoadQueryConfig(u"", std::nullopt);
+    LoadQueryConfig(u"S", u"..\\conf\\slaves\\S\\queryconf.txt");
     EXPECT_EQ(Plan(), R"({ "WorkFlows_S": [ "b" ], "WorkFlows": [ "a" ] })");
     EXPECT_EQ(Read(SlaveFile("S")), Read(conf / "backup" / "S" / "queryconf.txt"));
 
@@ -98,12 +94,12 @@ TEST_F(QueryConfig, AMissingFileIsRestoredFromItsBackup) {
         return platform::error::diskFull;
     };
     const platform::ScopedOperations scoped(files);
-    Reload(u"");
+    LoadQueryConfig(u"", std::nullopt);
     EXPECT_FALSE(fs::exists(conf / "queryconf.txt"));
     EXPECT_EQ(Plan(), R"({ "WorkFlows_S": [ "b" ], "WorkFlows": [ "a" ] })");
 }
 
-TEST_F(QueryConfig, AFileThatCannotBeTakenLeavesThePlanInUse) {
+TEST_F(QueryConfig, AFaultyFileLeavesThePlanInUse) {
     VirtualClock clock;
     struct Row {
         const char* title;
@@ -112,25 +108,25 @@ TEST_F(QueryConfig, AFileThatCannotBeTakenLeavesThePlanInUse) {
         platform::Error opened = platform::error::success;
     };
     for (const Row& row : std::vector<Row>{
-             {"missing", std::nullopt, "backup\\queryconf.txt. Error is [3]"},
+             {"a missing file", std::nullopt, "backup\\queryconf.txt. Error is [3]"},
              {"too many open files", "new", "(error 4); the plan in use stays", platform::error::tooManyOpenFiles},
              {"held by another", "new", "(error 32); the plan in use stays", platform::error::sharingViolation},
              {"denied", "new", "(error 5); the plan in use stays", platform::error::accessDenied},
              {"malformed", "{\n\"WorkFlows\" []}", "separator ':' expected at offset 14 (line 2)"},
-             {"no object", "[{\"interval\":5}]", "queryconf.txt: the top level is not an object"},
+             {"not an object", "[{\"interval\":5}]", "queryconf.txt: the top level is not an object"},
              {"without its list", "{}", "queryconf.txt has no array WorkFlows"},
-             {"no list", "{\"WorkFlows\":{}}", "the value of WorkFlows is not an array: it is left out"},
+             {"not a list", "{\"WorkFlows\":{}}", "the value of WorkFlows is not an array: it is left out"},
          }) {
         SCOPED_TRACE(row.title);
         WritePlan(conf / "queryconf.txt", "WorkFlows", {"a"});
-        Reload(u"");
+        LoadQueryConfig(u"", std::nullopt);
         fs::remove(conf / "queryconf.txt");
         if (row.file) WriteWide(conf / "queryconf.txt", *row.file);
         if (row.opened) WritePlan(conf / "backup" / "queryconf.txt", "WorkFlows", {"older"});
         {
             const platform::ScopedOperations scoped(
                 row.opened ? Failing(&platform::FileOperations::CreateFileW, row.opened) : platform::Files());
-            Reload(u"");
+            LoadQueryConfig(u"", std::nullopt);
         }
         fs::remove_all(conf / "backup");
         EXPECT_TRUE(Logged(row.logged));
@@ -142,7 +138,7 @@ TEST_F(QueryConfig, AFileThatCannotBeTakenLeavesThePlanInUse) {
     ASSERT_EQ(writing.Open(u"..\\conf\\queryconf.txt", platform::FileAccess::append, platform::FileShare::readWrite,
                            platform::FileDisposition::openExisting),
               0U);
-    Reload(u"");
+    LoadQueryConfig(u"", std::nullopt);
     EXPECT_EQ(Plan(), R"({ "WorkFlows": [ "b" ] })");
 }
 
@@ -162,15 +158,15 @@ TEST_F(QueryConfig, AnExceptionAtTheStartLeavesASchedulerForTheNextPlan) {
     }
     EXPECT_EQ(Scheduled(), "T");
     EXPECT_TRUE(Logged("LoadQueryConfig :: ended early"));
-    EXPECT_TRUE(Logged("slaves\\S\\queryconf.txt: ")) << "not passed over in silence";
-    Reload(u"");
+    EXPECT_TRUE(Logged("slaves\\S\\queryconf.txt: ")) << "the refusal is logged";
+    LoadQueryConfig(u"", std::nullopt);
     EXPECT_TRUE(LoadUnreadPlans());
-    EXPECT_FALSE(LoadUnreadPlans()) << "once";
+    EXPECT_FALSE(LoadUnreadPlans()) << "only once";
     ReloadAndScheduleQueryData();
     EXPECT_EQ(Scheduled(), "TaS");
 }
 
-TEST_F(QueryConfig, WorkflowsThatCannotRunAreLeftOutOneByOne) {
+TEST_F(QueryConfig, LeavesOutOnlyWorkflowsThatCannotRun) {
     WriteWide(conf / "queryconf.txt", R"({"Version":7,"WorkFlows":["text",
         {"wfname":"none","recordSetName":[]},
         {"wfname":"zero","interval":0,"recordSetName":[]},

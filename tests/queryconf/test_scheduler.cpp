@@ -1,4 +1,4 @@
-// The schedule of a plan, in virtual time: what is scheduled, and what a reload may rely on.
+// The schedule of a plan, in virtual time, and reloads while workflows run.
 #include <atomic>
 #include <chrono>
 #include <new>
@@ -45,12 +45,13 @@ TEST_F(Scheduler, SchedulesEveryWorkflowThatCanRun) {
     agentState.gv_queryConfHash = MakeHashTable().release();
     ASSERT_TRUE(JSONTextToHash(agentState.gv_queryConfHash, plan).ok);
     {
-        platform::ThreadOperations threads = platform::Threads();
-        threads.WaitForMutex = [taken = 0, next = threads.WaitForMutex](auto mutex) mutable {
-            if (mutex == timerManager.gv_timerMutex && ++taken == 2) throw std::bad_alloc();  // the first entry's
-            next(mutex);
-        };
-        const platform::ScopedOperations scoped(threads);
+        int taken = 0;
+        const Replaced waits(&platform::ThreadOperations::WaitForMutex,
+                             [&, next = platform::Threads().WaitForMutex](auto mutex) {
+                                 if (mutex == timerManager.gv_timerMutex && ++taken == 2)
+                                     throw std::bad_alloc();  // at the first entry
+                                 next(mutex);
+                             });
         scheduleQueryHashData();
     }
     EXPECT_EQ(TimesLogged("scheduleQueryHashData :: ended early"), 1);
@@ -68,7 +69,7 @@ TEST_F(Scheduler, SchedulesEveryWorkflowThatCanRun) {
     EXPECT_EQ(TimesLogged(run), 9);
 }
 
-TEST_F(Scheduler, HundredsOfReloadsWhileCollectingAreSafe) {
+TEST_F(Scheduler, SurvivesHundredsOfReloadsWhileCollecting) {
     std::atomic<int> ran = 0;
     std::atomic<bool> stop = false;
     std::atomic<bool> reloading = false;
@@ -83,12 +84,12 @@ TEST_F(Scheduler, HundredsOfReloadsWhileCollectingAreSafe) {
         while (!reloading && !stop) rest();
         return platform::error::success;
     };
-    processes.GetExitCodeProcess = [](auto, std::uint32_t& exitCode) { return exitCode = 0, platform::error::success; };
+    processes.GetExitCodeProcess = [](auto&&...) { return platform::error::success; };
     processes.CloseProcess = [](auto) {};
     const platform::ScopedOperations scopedProcesses(processes);
     clock.onSleep = [&](std::uint32_t) {
         if (stop) throw TimeIsUp();
-        rest();  // else the timer's mutex is hardly ever free
+        rest();  // otherwise the timer's mutex is hardly ever free
     };
     logState.gv_logLevel = 1;
     agentState.gv_agentKey.Publish(u"Own");

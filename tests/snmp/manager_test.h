@@ -1,4 +1,4 @@
-// What tests of the manager's one door share.
+// The fixture of tests of the SNMP manager.
 #pragma once
 
 #include <fmt/format.h>
@@ -17,8 +17,8 @@ inline constexpr const char* sysDescr = ".1.3.6.1.2.1.1.1.0";
 inline constexpr const char* sysName = ".1.3.6.1.2.1.1.5.0";
 inline constexpr const char* unknown = ".1.3.6.1.2.1.1.77.0";
 
-/// One request; what is not said is a get of nothing from nobody.
-struct Ask {
+/// One request, by default a get without an OID.
+struct Request {
     std::uint16_t port = 0;
     std::int32_t type = snmpGet;
     std::vector<const char*> oids = {};
@@ -29,33 +29,34 @@ struct Ask {
     SnmpResponseData* fallback = nullptr;
 };
 
-inline SnmpResponseData* Send(const Ask& ask) {
-    return SnmpManagerRequest(ask.host.c_str(), ask.port, ask.timeout, ask.community.c_str(), ask.type, ask.version,
-                              ask.oids.data(), static_cast<std::int32_t>(ask.oids.size()),
-                              static_cast<std::int32_t>(logState.gv_logLevel.load()), ask.fallback);
+inline SnmpResponseData* SendRequest(const Request& request) {
+    return SnmpManagerRequest(request.host.c_str(), request.port, request.timeout, request.community.c_str(),
+                              request.type, request.version, request.oids.data(),
+                              static_cast<std::int32_t>(request.oids.size()),
+                              static_cast<std::int32_t>(logState.gv_logLevel.load()), request.fallback);
 }
 
-inline std::string Shown(const SnmpValue& value) {
-    return fmt::format("{} {}:{}", value.oid, value.type, value.value ? value.value : "(none)");
+inline std::string ValueText(const SnmpValue& value) {
+    return fmt::format("{} {}:{}", value.oid, value.type, value.value ? value.value : "(null)");
 }
 
-/// "1: .1.3.6.1.2.1.1.5.0 4:name | (none)": the status, then each OID's values.
-inline std::string Shown(const SnmpResponseData* response) {
-    if (!response) return "nothing";
+/// "1: .1.3.6.1.2.1.1.5.0 4:name | (null)": the status, then each OID's values.
+inline std::string ResponseText(const SnmpResponseData* response) {
+    if (!response) return "null";
     std::string text = fmt::format("{}:", response->status);
     for (std::int32_t i = 0; i < response->oidCount; ++i) {
         text += i > 0 ? " | " : " ";
         const SnmpVarList* list = response->results[i];
-        if (!list) text += "(none)";
+        if (!list) text += "(null)";
         for (std::int32_t k = 0; list && k < list->valueCount; ++k)
-            text += (k > 0 ? ", " : "") + Shown(*list->values[k]);
+            text += (k > 0 ? ", " : "") + ValueText(*list->values[k]);
     }
     return text;
 }
 
-inline std::string Answer(const Ask& ask) {
-    const SnmpResponsePtr response(Send(ask));
-    return Shown(response.get());
+inline std::string AnswerText(const Request& request) {
+    const SnmpResponsePtr response(SendRequest(request));
+    return ResponseText(response.get());
 }
 
 struct SnmpManager : TestAgent {

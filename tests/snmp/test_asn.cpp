@@ -1,4 +1,4 @@
-// The codec: every form is read, cut at every length and written again; what is refused, and with which words.
+// The codec: every form is read, cut at every length and written again; refusals and their lines.
 #include <algorithm>
 #include <fmt/format.h>
 #include <memory>
@@ -15,14 +15,14 @@ using test::FromHex;
 using Position = const std::uint8_t*;
 using SubIds = std::vector<std::uint32_t>;
 
-enum class K { integer, word, string, bits, null, oid, varBind };
+enum class Kind { integer, word, string, bits, null, oid, varBind };
 
-std::string Dotted(const SubIds& subIds, std::int32_t count) {
+std::string DottedOid(const SubIds& subIds, std::int32_t count) {
     return fmt::format(".{}", fmt::join(subIds.begin(), subIds.begin() + count, "."));
 }
 
-/// The value of a variable named 1.3, built with more and more room until it fits; empty when it never does.
-std::string Written(std::uint8_t tag, const void* value, std::size_t length, std::int32_t room = 0) {
+/// The value of a variable named 1.3, built with more and more room until it fits; empty if it never does.
+std::string BuildValue(std::uint8_t tag, const void* value, std::size_t length, std::int32_t room = 0) {
     const SubIds name{1, 3};
     for (const std::int32_t count = 2; room < 300; ++room) {
         std::vector<std::uint8_t> buffer(static_cast<std::size_t>(room));
@@ -46,7 +46,7 @@ struct Outcome {
     std::string rewritten = {};
 };
 
-Outcome Parsed(K kind, Position item, std::int32_t left) {
+Outcome ParseItem(Kind kind, Position item, std::int32_t left) {
     std::uint8_t tag = 0;
     std::int32_t number = 0, count = 7;
     std::uint32_t word = 0;
@@ -55,38 +55,40 @@ Outcome Parsed(K kind, Position item, std::int32_t left) {
     SubIds subIds(7, 99);
     Position next = nullptr, value = nullptr;
     const auto done = [&](const std::string& values, const void* from, std::size_t length) {
-        return next ? Outcome{std::to_string(tag) + ": " + values, next, left, Written(tag, from, length)} : Outcome{};
+        return next ? Outcome{std::to_string(tag) + ": " + values, next, left, BuildValue(tag, from, length)}
+                    : Outcome{};
     };
     switch (kind) {
-        case K::integer:
+        case Kind::integer:
             next = AsnParseInteger(item, &left, &tag, &number, 4);
             return done(std::to_string(number), &number, 4);
-        case K::word:
+        case Kind::word:
             next = AsnParseUnsigned(item, &left, &tag, &word, 4);
             return done(std::to_string(word), &word, 4);
-        case K::string:
-        case K::bits:
-            next = (kind == K::bits ? AsnParseBitString : AsnParseString)(item, &left, &tag, bytes.get(), &size);
+        case Kind::string:
+        case Kind::bits:
+            next = (kind == Kind::bits ? AsnParseBitString : AsnParseString)(item, &left, &tag, bytes.get(), &size);
             return done(std::to_string(size), bytes.get(), size);
-        case K::null:
+        case Kind::null:
             next = AsnParseNull(item, &left, &tag);
             return done("", nullptr, 0);
-        case K::oid:
+        case Kind::oid:
             next = AsnParseObjectId(item, &left, &tag, subIds.data(), &count);
-            return done(Dotted(subIds, count), subIds.data(), 4 * static_cast<std::size_t>(count));
+            return done(DottedOid(subIds, count), subIds.data(), 4 * static_cast<std::size_t>(count));
         default:
             next = SnmpParseVarBind(item, subIds.data(), &count, &tag, &number, &value, &left);
-            return done(Dotted(subIds, count), next ? AsnSkipHeader(value) : nullptr, static_cast<std::size_t>(number));
+            return done(DottedOid(subIds, count), next ? AsnSkipHeader(value) : nullptr,
+                        static_cast<std::size_t>(number));
     }
 }
 
 struct Row {
     const char* title;
-    K kind;
+    Kind kind;
     std::string hex;
-    const char* outcome;              // tag and values; of a refused item, the lines logged
-    const char* rewritten = nullptr;  // hex; null for the same bytes, empty for no bytes
-    int behind = 0;                   // the bytes behind the end
+    const char* outcome;              // tag and values; of a refused item, its log lines
+    const char* rewritten = nullptr;  // hex; null: the same bytes, empty: nothing
+    int behind = 0;                   // the bytes after the end
 };
 
 struct Asn : test::TestAgent {
@@ -95,14 +97,14 @@ struct Asn : test::TestAgent {
 
     enum class Verdict { taken, refused };
 
-    /// Offers a row's first bytes, in a buffer that ends where a parser may look no further.
+    /// Parses a row's first bytes, in a buffer that ends where a parser has to stop.
     static void Offer(const Row& row, std::int32_t size, int behind, Verdict verdict) {
         const bool succeeds = verdict == Verdict::taken;
         const auto held = static_cast<std::size_t>(std::max(size, 0));
         std::vector<std::uint8_t> buffer(held + asnReadAhead, static_cast<std::uint8_t>(behind));
         const std::string bytes = FromHex(row.hex);
         std::copy_n(bytes.begin(), held, buffer.begin());
-        const Outcome outcome = Parsed(row.kind, buffer.data(), size);
+        const Outcome outcome = ParseItem(row.kind, buffer.data(), size);
         EXPECT_EQ(outcome.values, succeeds ? row.outcome : "") << size << " bytes, then " << behind;
         EXPECT_EQ(outcome.next, succeeds ? buffer.data() + held : nullptr);
         EXPECT_EQ(outcome.remaining, 0);
@@ -110,35 +112,37 @@ struct Asn : test::TestAgent {
     }
 };
 
-TEST_F(Asn, ReadsEveryFormWholeOnlyAndWritesTheShortest) {
+TEST_F(Asn, ReadsEveryWholeFormAndWritesTheShortest) {
     toolkitLogLevel = 0;
     for (const Row& row : std::vector<Row>{
-             {"-1 is one byte", K::integer, "02 01 ff", "2: -1"},
-             {"128 needs a sign byte", K::integer, "02 02 00 80", "2: 128"},
-             {"128 in four bytes", K::integer, "02 04 00 00 00 80", "2: 128", "02 02 00 80"},
-             {"least", K::integer, "02 84 00 00 00 04 80 00 00 00", "2: -2147483648", "02 04 80 00 00 00"},
-             {"a tag of more bytes goes unnoticed", K::integer, "1f 01 05", "31: 5", ""},
-             {"no content, 7f behind", K::integer, "02 00", "2: 0", "02 01 00", 0x7f},
-             {"no content, 80 behind", K::integer, "02 00", "2: -1", "02 01 ff", 0x80},
-             {"bit 31", K::word, "42 05 00 80 00 00 00", "66: 2147483648"},
-             {"bit 31 without the 00", K::word, "41 04 80 00 00 00", "65: 2147483648", "41 05 00 80 00 00 00"},
-             {"the sign is extended", K::word, "47 01 80", "71: 4294967168", "47 05 00 ff ff ff 80"},
-             {"seven bytes, length 81", K::string, "45 81 04 61 62 63 64", "69: 4", "45 04 61 62 63 64"},
-             {"longest with a short length", K::string, "44 7f" + std::string(254, '6'), "68: 127"},
-             {"shortest with a long length", K::string, "40 81 80" + std::string(256, '6'), "64: 128"},
-             {"seven bits unused", K::bits, "03 02 07 80", "3: 2"},
-             {"length padded to two bytes", K::string, "04 82 00 04 61 62 63 64", "4: 4", "04 04 61 62 63 64"},
-             {"exception", K::null, "80 00", "128: "},
-             {"exception, four length bytes", K::null, "82 84 00 00 00 00", "130: ", "82 00"},
-             {"first is 3", K::oid, "06 01 78", "6: .3.0"},
-             {"largest of each size", K::oid, "06 10 77 7f ff7f ffff7f ffffff7f 8fffffff7f",
+             {"-1 is one byte", Kind::integer, "02 01 ff", "2: -1"},
+             {"128 needs a sign byte", Kind::integer, "02 02 00 80", "2: 128"},
+             {"128 in four bytes", Kind::integer, "02 04 00 00 00 80", "2: 128", "02 02 00 80"},
+             {"the least integer", Kind::integer, "02 84 00 00 00 04 80 00 00 00", "2: -2147483648",
+              "02 04 80 00 00 00"},
+             {"a tag of several bytes is not noticed", Kind::integer, "1f 01 05", "31: 5", ""},
+             {"no content, 7f after it", Kind::integer, "02 00", "2: 0", "02 01 00", 0x7f},
+             {"no content, 80 after it", Kind::integer, "02 00", "2: -1", "02 01 ff", 0x80},
+             {"bit 31", Kind::word, "42 05 00 80 00 00 00", "66: 2147483648"},
+             {"bit 31 without the 00", Kind::word, "41 04 80 00 00 00", "65: 2147483648", "41 05 00 80 00 00 00"},
+             {"the sign is extended", Kind::word, "47 01 80", "71: 4294967168", "47 05 00 ff ff ff 80"},
+             {"seven bytes, length 81", Kind::string, "45 81 04 61 62 63 64", "69: 4", "45 04 61 62 63 64"},
+             {"the longest with a short length", Kind::string, "44 7f" + std::string(254, '6'), "68: 127"},
+             {"the shortest with a long length", Kind::string, "40 81 80" + std::string(256, '6'), "64: 128"},
+             {"seven bits unused", Kind::bits, "03 02 07 80", "3: 2"},
+             {"length padded to two bytes", Kind::string, "04 82 00 04 61 62 63 64", "4: 4", "04 04 61 62 63 64"},
+             {"an exception", Kind::null, "80 00", "128: "},
+             {"an exception, four length bytes", Kind::null, "82 84 00 00 00 00", "130: ", "82 00"},
+             {"the first is 3", Kind::oid, "06 01 78", "6: .3.0"},
+             {"the largest of each size", Kind::oid, "06 10 77 7f ff7f ffff7f ffffff7f 8fffffff7f",
               "6: .2.39.127.16383.2097151.268435455.4294967295"},
-             {"least of each size", K::oid, "06 0f 27 8100 818000 81808000 8180808000",
+             {"the least of each size", Kind::oid, "06 0f 27 8100 818000 81808000 8180808000",
               "6: .0.39.128.16384.2097152.268435456"},
-             {"padded, wrapped, broken off", K::oid, "06 0a 2b 8005 9fffffff7f 8182", "6: .1.3.5.4294967295.130",
+             {"padded, wrapped, broken off", Kind::oid, "06 0a 2b 8005 9fffffff7f 8182", "6: .1.3.5.4294967295.130",
               "06 09 2b 05 8fffffff7f 8102"},
-             {"no sub-identifier", K::oid, "06 00", "6: .0", "06 01 00"},
-             {"variable", K::varBind, "30 82 00 0a 06 03 2b 06 01 04 03 61 62 63", "4: .1.3.6.1", "04 03 61 62 63"},
+             {"without a sub-identifier", Kind::oid, "06 00", "6: .0", "06 01 00"},
+             {"a variable", Kind::varBind, "30 82 00 0a 06 03 2b 06 01 04 03 61 62 63", "4: .1.3.6.1",
+              "04 03 61 62 63"},
          }) {
         SCOPED_TRACE(row.title);
         const auto size = static_cast<std::int32_t>(FromHex(row.hex).size());
@@ -149,21 +153,23 @@ TEST_F(Asn, ReadsEveryFormWholeOnlyAndWritesTheShortest) {
     }
 }
 
-TEST_F(Asn, SaysWhatItRefuses) {
+TEST_F(Asn, LogsWhatItRefuses) {
     for (const Row& row : std::vector<Row>{
-             {"five length bytes", K::string, "04 85 00 00 00 00 00", "we can't support data lengths that long"},
-             {"length that wraps", K::varBind, "30 84 ff ff ff fd 00 00", "asn length too longNo header for variable"},
-             {"length is negative", K::string, "04 84 80 00 00 00 00", "overflow of message"},
-             {"no length", K::integer, "02", "bad length"},
-             {"indefinite integer", K::word, "41 80", "We don't support indefinite lengthsbad length"},
-             {"five bytes", K::integer, "02 05 00 80 00 00 00", "I don't support such large integers"},
-             {"long string", K::string, "04 81 83" + std::string(262, '6'), "I don't support such long strings"},
-             {"eight bits unused", K::bits, "03 02 08 00", "Invalid bitstring"},
-             {"null with content", K::null, "05 01 00", "Malformed NULL"},
-             {"no header", K::varBind, "3f 00", "can't process ID >= 30No header for variable"},
-             {"another constructed item", K::varBind, "31 07 06 03 2b 06 01 05 00", ""},
-             {"name is too long", K::varBind, "30 07 06 06 2b 06 01 05 00", "overflow of messageNo OID for variable"},
-             {"value goes on behind it", K::varBind, "30 07 06 03 2b 06 01 04 01 61", "No header for value"},
+             {"five length bytes", Kind::string, "04 85 00 00 00 00 00", "we can't support data lengths that long"},
+             {"a length that wraps", Kind::varBind, "30 84 ff ff ff fd 00 00",
+              "asn length too longNo header for variable"},
+             {"a negative length", Kind::string, "04 84 80 00 00 00 00", "overflow of message"},
+             {"without a length", Kind::integer, "02", "bad length"},
+             {"an integer of indefinite length", Kind::word, "41 80", "We don't support indefinite lengthsbad length"},
+             {"an integer of five bytes", Kind::integer, "02 05 00 80 00 00 00", "I don't support such large integers"},
+             {"a long string", Kind::string, "04 81 83" + std::string(262, '6'), "I don't support such long strings"},
+             {"eight bits unused", Kind::bits, "03 02 08 00", "Invalid bitstring"},
+             {"null with content", Kind::null, "05 01 00", "Malformed NULL"},
+             {"without a header", Kind::varBind, "3f 00", "can't process ID >= 30No header for variable"},
+             {"another constructed item", Kind::varBind, "31 07 06 03 2b 06 01 05 00", ""},
+             {"a name that is too long", Kind::varBind, "30 07 06 06 2b 06 01 05 00",
+              "overflow of messageNo OID for variable"},
+             {"a value that is too long", Kind::varBind, "30 07 06 03 2b 06 01 04 01 61", "No header for value"},
          }) {
         SCOPED_TRACE(row.title);
         const std::size_t logged = LogText().size();
@@ -178,7 +184,7 @@ TEST_F(Asn, WritesValuesByTheirTag) {
         std::uint8_t tag;
         SubIds value;
         std::size_t length;
-        std::string outcome;  // hex, or the lines logged
+        std::string outcome;  // hex, or the log lines
     } rows[]{{0x02, {1, 1}, 8, refused},
              {0x03, {0x08080808}, 2, "Building invalid bitstring" + refused},
              {0x04, {}, 0, "04 00"},
@@ -192,7 +198,7 @@ TEST_F(Asn, WritesValuesByTheirTag) {
              {0x48, {0}, 4, "wrong type"}};
     for (const auto& row : rows) {
         const std::size_t logged = LogText().size();
-        const std::string bytes = Written(row.tag, row.value.empty() ? nullptr : row.value.data(), row.length, 299);
+        const std::string bytes = BuildValue(row.tag, row.value.empty() ? nullptr : row.value.data(), row.length, 299);
         const std::string lines = LogText().substr(logged);
         EXPECT_TRUE(lines.empty() ? bytes == FromHex(row.outcome) : lines.ends_with(row.outcome)) << lines;
     }

@@ -1,4 +1,4 @@
-// The manager through its one door, against devices that misbehave.
+// The manager against devices that misbehave.
 #include <algorithm>
 #include <set>
 
@@ -22,15 +22,15 @@ std::string Variable(char last, std::uint8_t tag, std::string_view content) {
     return Item(0x30, Item(0x06, FromHex("2b 06 01 09") + last) + Item(tag, content));
 }
 
-/// Answers each getnext with the variables of the answers in turn, the last again and again.
-ScriptedDevice::Answer Turns(std::vector<DeviceAnswer> answers) {
+/// Sends the answers in turn, then repeats the last.
+ScriptedDevice::Answer AnswersInTurn(std::vector<DeviceAnswer> answers) {
     return [answers, turn = std::size_t{0}](std::string_view) mutable {
         const std::size_t now = std::min(turn++, answers.size() - 1);
-        return std::vector<std::string>{MessageOf(answers[now])};
+        return std::vector<std::string>{EncodeAnswer(answers[now])};
     };
 }
 
-TEST_F(SnmpManager, EndsAWalkWhereItCannotGoOn) {
+TEST_F(SnmpManager, EndsAWalkThatCannotGoOn) {
     const auto value = [](char last) { return DeviceAnswer{.variables = {Variable(last, 0x04, "v")}}; };
     const DeviceAnswer refused{.version = 0, .errorStatus = 2, .errorIndex = 1, .variables = {Variable(2, 0x04, "")}};
     const std::string one = "1: .1.3.6.1.9.1 4:v";
@@ -58,35 +58,38 @@ TEST_F(SnmpManager, EndsAWalkWhereItCannotGoOn) {
               {{.variables = {FromHex("30 82 00 0f 06 82 00 05 2b 06 01 09 01 04 82 00 02 31 36")}},
                {.variables = {Variable(9, 0x82, "")}}},
               "1: .1.3.6.1.9.1 4:16"},
-             {"its number is that of an unreadable answer",
+             {"an error status like that of an unreadable answer",
               {value(1), {.errorStatus = 103}},
               one,
               "goes no further, with the error status 103. The walk ends with 1 values"},
              {"a trap", {value(1), {.command = 0xA4}}, one, "sends what cannot be read. The walk ends with 1 values"},
-             {"out of the subtree", {value(1), {.variables = {Item(0x30, FromHex("06 01 2c 05 00"))}}}, one},
-             {"out of it, behind a value",
+             {"a name out of the subtree", {value(1), {.variables = {Item(0x30, FromHex("06 01 2c 05 00"))}}}, one},
+             {"a name out of the subtree, after a value",
               {value(1), {.variables = {Variable(2, 4, "v"), Item(0x30, FromHex("06 01 2c 05 00"))}}},
               one},
-             {"a missing value amid others, two in one answer",
+             {"an exception among values, two in one answer",
               {value(1), {.variables = {Variable(2, 0x81, ""), Variable(3, 4, "v")}}, value(4), {}},
-              one + ", .1.3.6.1.9.2 129:(none), .1.3.6.1.9.3 4:v, .1.3.6.1.9.4 4:v",
+              one + ", .1.3.6.1.9.2 129:(null), .1.3.6.1.9.3 4:v, .1.3.6.1.9.4 4:v",
               "sends no value that can be read. The walk ends with 4 values"},
          }) {
         SCOPED_TRACE(row.title);
-        const ScriptedDevice device(Turns(row.answers));
+        const ScriptedDevice device(AnswersInTurn(row.answers));
         const std::size_t before = LogText().size();
-        EXPECT_EQ(Answer({.port = device.port(), .type = snmpWalk, .oids = {".1.3.6.1.9"}}), row.expected);
+        EXPECT_EQ(AnswerText({.port = device.port(), .type = snmpWalk, .oids = {".1.3.6.1.9"}}), row.expected);
         const std::string logged = LogText().substr(before);
         EXPECT_THAT(logged, HasSubstr(row.logged));
         EXPECT_EQ(logged.empty(), row.logged.empty());
     }
+}
+
+TEST_F(SnmpManager, EndsAWalkThatRunsInACircle) {
     for (const int circle : {2, 3, 100}) {
         char last = 0;
         const ScriptedDevice device([&last, circle](std::string_view) {
             last = static_cast<char>(last % circle + 1);
-            return std::vector<std::string>{MessageOf({.variables = {Variable(last, 0x04, "v")}})};
+            return std::vector<std::string>{EncodeAnswer({.variables = {Variable(last, 0x04, "v")}})};
         });
-        const SnmpResponsePtr response(Send({.port = device.port(), .type = snmpWalk, .oids = {".1.3.6.1.9"}}));
+        const SnmpResponsePtr response(SendRequest({.port = device.port(), .type = snmpWalk, .oids = {".1.3.6.1.9"}}));
         ASSERT_NE(response, nullptr);
         const SnmpVarList& list = *response->results[0];
         std::set<std::string> seen;
@@ -95,23 +98,26 @@ TEST_F(SnmpManager, EndsAWalkWhereItCannotGoOn) {
         EXPECT_LE(list.valueCount, 4 * circle);
     }
     EXPECT_TRUE(Logged("run in a circle"));
+}
+
+TEST_F(SnmpManager, EndsAWalkThatTakesTooLong) {
     VirtualClock clock;
     char last = 0;
     const ScriptedDevice slow([&](std::string_view) {
         clock.AdvanceMilliseconds(25 * 60 * 1000);
-        return std::vector<std::string>{MessageOf({.variables = {Variable(++last, 0x04, "v")}})};
+        return std::vector<std::string>{EncodeAnswer({.variables = {Variable(++last, 0x04, "v")}})};
     });
-    Answer({.port = slow.port(), .type = snmpWalk, .oids = {".1.3.6.1.9"}});
+    AnswerText({.port = slow.port(), .type = snmpWalk, .oids = {".1.3.6.1.9"}});
     EXPECT_TRUE(Logged("takes longer than a request may last. The walk ends with 3 values"));
 }
 
 TEST_F(SnmpManager, BoundsAWalkAndLooksItsHostUpOnce) {
-    platform::SocketOperations sockets = platform::Sockets();
     int lookUps = 0;
-    sockets.gethostbyname = [&lookUps, real = sockets.gethostbyname](auto name, auto& host) {
-        return ++lookUps, real(name, host);
-    };
-    const platform::ScopedOperations counting(sockets);
+    const Replaced counting(&platform::SocketOperations::gethostbyname,
+                            [&lookUps, real = platform::Sockets().gethostbyname](auto name, auto& host) {
+                                ++lookUps;
+                                return real(name, host);
+                            });
     struct Row {
         std::size_t size;  // of a value
         snmp::WalkBounds bounds;
@@ -123,7 +129,7 @@ TEST_F(SnmpManager, BoundsAWalkAndLooksItsHostUpOnce) {
                            Row{1000, {.bytes = 10000}, 4, 5, "sends more than a request may bring"}}) {
         char last = 0;
         const ScriptedDevice device([&](std::string_view) {
-            return std::vector{MessageOf({.variables = {Variable(++last, 4, std::string(row.size, 'v'))}})};
+            return std::vector{EncodeAnswer({.variables = {Variable(++last, 4, std::string(row.size, 'v'))}})};
         });
         lookUps = 0;
         const char* oid = ".1.3.6.1.9";
@@ -142,56 +148,56 @@ TEST_F(SnmpManager, GivesTheFallbackWhenAWalkFallsSilent) {
     std::vector<std::string> requests;
     std::string tooLong;
     for (int i = 0; i < 133; ++i) tooLong += ".1";
-    Ask walk{.type = snmpWalk, .oids = {".1.3.6.1.9"}, .fallback = &fallback};
+    Request walk{.type = snmpWalk, .oids = {".1.3.6.1.9"}, .fallback = &fallback};
     {
         const ScriptedDevice device([&requests](std::string_view request) -> std::vector<std::string> {
             requests.emplace_back(request);
             if (requests.size() == 3) return {};
-            return {MessageOf({.variables = {Variable(static_cast<char>(requests.size()), 0x04, "v")}})};
+            return {EncodeAnswer({.variables = {Variable(static_cast<char>(requests.size()), 0x04, "v")}})};
         });
         walk.port = device.port();
-        EXPECT_EQ(Send(walk), &fallback);
-        Answer({.port = device.port(), .oids = {tooLong.c_str()}});
+        EXPECT_EQ(SendRequest(walk), &fallback);
+        AnswerText({.port = device.port(), .oids = {tooLong.c_str()}});
     }
-    ASSERT_EQ(requests.size(), 4u) << "nothing is sent twice";
+    ASSERT_EQ(requests.size(), 4u) << "each request is sent once";
     EXPECT_EQ(requests[1], FromHex("30 82 00 29 02 01 01 04 06 70 75 62 6c 69 63 a1 82 00 1a 02 01 01 02 01 00"
                                    "02 01 01 30 82 00 0d 30 82 00 09 06 05 2b 06 01 09 01 04 00"));
-    EXPECT_EQ(requests[3].size(), 8000u) << "a message that cannot be built goes out as the whole buffer";
-    EXPECT_EQ(requests[3].find_last_not_of('\0'), 33u) << "which holds nothing but what was built";
+    EXPECT_EQ(requests[3].size(), 8000u) << "a message that cannot be built is sent as the whole buffer";
+    EXPECT_EQ(requests[3].find_last_not_of('\0'), 33u) << "zeros follow what was built";
     EXPECT_TRUE(Logged("an OID of 133 sub-identifiers is not sent"));
     EXPECT_TRUE(Logged("cannot be built or does not fit"));
     EXPECT_TRUE(Logged("no answer from 127.0.0.1 port"));
     for (const auto& [type, line] : {std::pair(snmpGet, "is not asked"), {snmpWalk, "is asked no further"}}) {
         const std::size_t before = LogText().size();
-        const ScriptedDevice device([](auto) { return std::vector{MessageOf({})}; });
+        const ScriptedDevice device([](auto) { return std::vector{EncodeAnswer({})}; });
         ::testing::internal::CaptureStdout();
-        EXPECT_EQ(Send({.port = device.port(), .type = type, .oids = {".1", "1"}, .fallback = &fallback}), &fallback);
+        EXPECT_EQ(SendRequest({.port = device.port(), .type = type, .oids = {".1", "1"}, .fallback = &fallback}),
+                  &fallback);
         EXPECT_EQ(::testing::internal::GetCapturedStdout(), "Invalid OID Format\nGetSNMP Response returns NULL\n");
         EXPECT_THAT(LogText().substr(before), HasSubstr(line));
     }
-    platform::SocketOperations sockets = platform::Sockets();
-    sockets.select = [](auto&&...) { return platform::error::success; };
-    const platform::ScopedOperations unanswered(sockets);
-    EXPECT_EQ(Send(walk), &fallback);
-    EXPECT_EQ(Answer({.port = walk.port, .oids = {sysName, sysDescr}, .fallback = &fallback}), "0: (none) | (none)");
-    EXPECT_EQ(Answer({.port = walk.port, .oids = {sysName}, .version = "v3"}), "0: (none)");
-    Answer({.port = walk.port, .oids = {"x1.3"}});
+    const Replaced unanswered(&platform::SocketOperations::select, [](auto&&...) { return platform::error::success; });
+    EXPECT_EQ(SendRequest(walk), &fallback);
+    EXPECT_EQ(AnswerText({.port = walk.port, .oids = {sysName, sysDescr}, .fallback = &fallback}),
+              "0: (null) | (null)");
+    EXPECT_EQ(AnswerText({.port = walk.port, .oids = {sysName}, .version = "v3"}), "0: (null)");
+    AnswerText({.port = walk.port, .oids = {"x1.3"}});
     EXPECT_TRUE(Logged("the numbers of \"x1.3\" do not match its dots"));
-    EXPECT_EQ(Send({.fallback = &fallback}), &fallback);
-    EXPECT_EQ(Send({.type = 3, .fallback = &fallback}), nullptr);
+    EXPECT_EQ(SendRequest({.fallback = &fallback}), &fallback);
+    EXPECT_EQ(SendRequest({.type = 3, .fallback = &fallback}), nullptr);
 }
 
 TEST_F(SnmpManager, TakesWhatReachesItsSocketFirst) {
-    const std::string answer = MessageOf({.variables = {Variable(1, 0x04, "v")}});
-    const std::string other = MessageOf({.variables = {Variable(2, 0x04, "w")}});
+    const std::string answer = EncodeAnswer({.variables = {Variable(1, 0x04, "v")}});
+    const std::string other = EncodeAnswer({.variables = {Variable(2, 0x04, "w")}});
     const auto sized = [](std::size_t length) {
-        const std::size_t rest = MessageOf({.variables = {Variable(1, 0x04, std::string(7000, 'x'))}}).size() - 7000;
-        return MessageOf({.variables = {Variable(1, 0x04, std::string(length - rest, 'x'))}});
+        const std::size_t rest = EncodeAnswer({.variables = {Variable(1, 0x04, std::string(7000, 'x'))}}).size() - 7000;
+        return EncodeAnswer({.variables = {Variable(1, 0x04, std::string(length - rest, 'x'))}});
     };
     const auto holding = [](std::uint8_t tag, std::string_view hex) {
-        return std::vector{MessageOf({.variables = {Variable(1, tag, FromHex(hex))}})};
+        return std::vector{EncodeAnswer({.variables = {Variable(1, tag, FromHex(hex))}})};
     };
-    const std::string nothing = "0: (none) | (none)";
+    const std::string nothing = "0: (null) | (null)";
     struct Row {
         const char* title;
         std::vector<std::string> datagrams;
@@ -200,54 +206,54 @@ TEST_F(SnmpManager, TakesWhatReachesItsSocketFirst) {
         SentFrom from = SentFrom::ownPort;
     };
     for (const Row& row : std::vector<Row>{
-             {"twice the same", {answer, answer}, "0: .1.3.6.1.9.1 4:v | (none)"},
-             {"two different ones", {other, answer}, "0: .1.3.6.1.9.2 4:w | (none)"},
-             {"from another port", {answer}, "0: .1.3.6.1.9.1 4:v | (none)", "", SentFrom::anotherPort},
+             {"one answer twice", {answer, answer}, "0: .1.3.6.1.9.1 4:v | (null)"},
+             {"two different answers", {other, answer}, "0: .1.3.6.1.9.2 4:w | (null)"},
+             {"an answer from another port", {answer}, "0: .1.3.6.1.9.1 4:v | (null)", "", SentFrom::anotherPort},
              {"more values than asked for",
-              {MessageOf({.variables = {Variable(1, 2, "\x01"), Variable(2, 2, "\x02"), Variable(3, 2, "\x03")}})},
+              {EncodeAnswer({.variables = {Variable(1, 2, "\x01"), Variable(2, 2, "\x02"), Variable(3, 2, "\x03")}})},
               "1: .1.3.6.1.9.1 2:1 | .1.3.6.1.9.2 2:2"},
-             {"not one byte", {""}, nothing},
+             {"an empty datagram", {""}, nothing},
              {"half a message",
               {answer.substr(0, answer.size() / 2)},
               nothing,
               "SnmpGetOperation :: 127.0.0.1 sends what cannot be read"},
-             {"an error with the number of that",
-              {MessageOf({.errorStatus = 103})},
+             {"an error status like that of half a message",
+              {EncodeAnswer({.errorStatus = 103})},
               nothing,
               "127.0.0.1 reports the error status 103 at value 0"},
-             {"longest message", {sized(7989)}, "0: .1.3.6.1.9.1 4:xxxxxxxxxxxxxxxxxxxxxxx"},
-             {"too long by one", {sized(7990)}, nothing},
-             {"integer of five bytes", holding(0x02, "00 00 00 00 07"), "0: .1.3.6.1.9.1 2:-1 | (none)"},
+             {"the longest message", {sized(7989)}, "0: .1.3.6.1.9.1 4:xxxxxxxxxxxxxxxxxxxxxxx"},
+             {"one byte too long", {sized(7990)}, nothing},
+             {"an integer of five bytes", holding(0x02, "00 00 00 00 07"), "0: .1.3.6.1.9.1 2:-1 | (null)"},
              {"64 bits in nine bytes", holding(0x46, "09 7f ff ff ff ff ff ff ff"),
-              "0: .1.3.6.1.9.1 70:9223372036854775807 | (none)"},
-             {"address of 24 bytes", holding(0x40, std::string(48, '1')), "0: .1.3.6.1.9.1 64:17.17.17.17 | (none)"},
-             {"OID that loses its first byte", holding(0x06, "2a 06 01"), "0: .1.3.6.1.9.1 6:.6.1.0.0 | (none)"},
-             {"OID that wraps", holding(0x06, "2b 87 ff ff ff 7f"), "0: .1.3.6.1.9.1 6:.1.3.2147483647 | (none)"},
+              "0: .1.3.6.1.9.1 70:9223372036854775807 | (null)"},
+             {"an address of 24 bytes", holding(0x40, std::string(48, '1')), "0: .1.3.6.1.9.1 64:17.17.17.17 | (null)"},
+             {"an OID that loses its first byte", holding(0x06, "2a 06 01"), "0: .1.3.6.1.9.1 6:.6.1.0.0 | (null)"},
+             {"an OID that wraps", holding(0x06, "2b 87 ff ff ff 7f"), "0: .1.3.6.1.9.1 6:.1.3.2147483647 | (null)"},
          }) {
         SCOPED_TRACE(row.title);
         const ScriptedDevice device([&row](std::string_view) { return row.datagrams; }, row.from);
-        const Ask ask{.port = device.port(), .oids = {".1.3.6.1.9.1", ".1.3.6.1.9.2"}};
+        const Request request{.port = device.port(), .oids = {".1.3.6.1.9.1", ".1.3.6.1.9.2"}};
         const std::size_t before = LogText().size();
-        EXPECT_THAT(Answer(ask), StartsWith(row.expected));
+        EXPECT_THAT(AnswerText(request), StartsWith(row.expected));
         const std::string logged = LogText().substr(before);
         EXPECT_THAT(logged, HasSubstr(row.line));
-        // Windows tells of a datagram that is cut in a line of its own.
-        EXPECT_LE(std::count(logged.begin(), logged.end(), ':'), 10) << "one line and no other";
-        EXPECT_THAT(Answer(ask), StartsWith(row.expected)) << "the next exchange has a socket of its own";
+        // Windows logs one line more for a cut datagram.
+        EXPECT_LE(std::count(logged.begin(), logged.end(), ':'), 10) << "one line";
+        EXPECT_THAT(AnswerText(request), StartsWith(row.expected)) << "the next exchange has another socket";
     }
 }
 
 TEST_F(SnmpManager, StartsItselfWhenTheServerHasClearedTheFlag) {
     const std::string tower = Item(0x30, Item(0x06, FromHex("2b 06 01 02 01 01 05 00")) + Item(0x04, "tower"));
-    const ScriptedDevice device([&tower](auto) { return std::vector{MessageOf({.variables = {tower}})}; });
+    const ScriptedDevice device([&tower](auto) { return std::vector{EncodeAnswer({.variables = {tower}})}; });
     const std::filesystem::path ownLog = folder / "monitoring" / "logs" / "SNMP_agent.log";
-    const Ask ask{.port = device.port(), .oids = {sysName}};
-    EXPECT_EQ(Answer(ask), "1: .1.3.6.1.2.1.1.5.0 4:tower");
-    EXPECT_FALSE(std::filesystem::exists(ownLog)) << "a running agent's flag is set";
+    const Request request{.port = device.port(), .oids = {sysName}};
+    EXPECT_EQ(AnswerText(request), "1: .1.3.6.1.2.1.1.5.0 4:tower");
+    EXPECT_FALSE(std::filesystem::exists(ownLog)) << "the flag of a running agent is set";
 
     agentState.gv_agentRunFlag = 0x0100;
     std::filesystem::create_directory(ownLog);
-    EXPECT_EQ(Answer(ask), "nothing") << "a log that cannot be opened";
+    EXPECT_EQ(AnswerText(request), "null") << "the log cannot be opened";
     EXPECT_EQ(agentState.gv_agentRunFlag, 0x0100);
     std::filesystem::remove(ownLog);
     const platform::FileHandle agentsLog = logState.gv_logFile;
@@ -264,12 +270,12 @@ TEST_F(SnmpManager, StartsItselfWhenTheServerHasClearedTheFlag) {
     for (const char* line :
          {"prior to Service startup!!!\n", "after service startup!!!\n", "start SNMP Service !!!\n"}) {
         const platform::ScopedOperations unbound(++failing == 3 ? sockets : platform::Sockets());
-        EXPECT_EQ(Answer(ask), "nothing");
+        EXPECT_EQ(AnswerText(request), "null");
         EXPECT_THAT(ReadText(ownLog), HasSubstr(line));
     }
     EXPECT_EQ(stages, (std::vector{1, 1, 2, 1}));
     snmp::processingHooks = {};
-    EXPECT_EQ(Answer(ask), "1: .1.3.6.1.2.1.1.5.0 4:tower");
+    EXPECT_EQ(AnswerText(request), "1: .1.3.6.1.2.1.1.5.0 4:tower");
     EXPECT_EQ(agentState.gv_agentRunFlag, 0x0101);
     const snmp::TransportDomainInfo& own = *snmp::transportState.ownSession;
     EXPECT_EQ(own.address->socket, own.socket);
@@ -282,16 +288,16 @@ TEST_F(SnmpManager, StartsItselfWhenTheServerHasClearedTheFlag) {
     EXPECT_THAT(log, HasSubstr("Sending PDU to : 127.0.0.1 at"));
     EXPECT_THAT(log, HasSubstr(" after"));
     EXPECT_TRUE(Logged("before"));
-    EXPECT_FALSE(Logged("after")) << "the agent's lines go to the engine's log, and no rotation takes it away";
+    EXPECT_FALSE(Logged("after")) << "the agent logs to the engine's log, which is not rotated";
 
     logState.gv_logLevel = 1;
     for (const bool isAgents : {false, true}) {
         snmp::WriteToolkitLine(std::string(5'242'879 - std::filesystem::file_size(ownLog), '.'));
         isAgents ? Log1("over") : snmp::WriteToolkitLine("over");
-        EXPECT_LT(ReadText(ownLog).size(), 40U) << "begun again at its limit";
+        EXPECT_LT(ReadText(ownLog).size(), 40U) << "restarted at its limit";
         EXPECT_THAT(ReadText(ownLog), testing::EndsWith("over"));
     }
-    platform::Files().CloseHandle(agentsLog);  // which stays open else, and its folder cannot be removed
+    platform::Files().CloseHandle(agentsLog);  // otherwise its folder cannot be removed
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// Messages byte by byte, and what can fail on their way.
+// Messages byte by byte, and failures of their transport.
 #include <algorithm>
 #include <fmt/format.h>
 #include <memory>
@@ -18,9 +18,9 @@ namespace kv::snmp::test {
 
 namespace {
 
+using kv::test::EncodeAnswer;
 using kv::test::FromHex;
 using kv::test::Item;
-using kv::test::MessageOf;
 
 struct SnmpMessage : kv::test::TestAgent {
     SnmpMessage() { SetToolkitLogLevel(4); }
@@ -33,7 +33,7 @@ struct Variable {
     std::string value = {};
 };
 
-SnmpPduPtr PduOf(std::int32_t version, std::uint8_t command, const std::vector<Variable>& variables) {
+SnmpPduPtr MakePdu(std::int32_t version, std::uint8_t command, const std::vector<Variable>& variables) {
     TkVector list{};
     for (const Variable& one : variables) {
         auto* varBind = CreateAVarBind(one.name.data(), static_cast<std::int32_t>(one.name.size()), one.type,
@@ -51,15 +51,15 @@ SnmpPduPtr PduOf(std::int32_t version, std::uint8_t command, const std::vector<V
     return pdu;
 }
 
-/// Parses from a block of exactly the size that a parser may look at.
-std::uint8_t Parsed(std::string_view message, SnmpPdu* pdu) {
+/// Parses from a block that ends where a parser has to stop.
+std::uint8_t ParseMessage(std::string_view message, SnmpPdu* pdu) {
     const auto block = std::make_unique<std::uint8_t[]>(message.size() + asnReadAhead);
     std::copy(message.begin(), message.end(), block.get());
     return ParseSnmpMessageForPdu(block.get(), static_cast<std::int32_t>(message.size()), pdu);
 }
 
-/// "1.3.6=2/4 " for each variable: name, type, length of the value.
-std::string Described(const SnmpPdu& pdu) {
+/// "1.3.6=2/4 " for each variable: name, type and length of the value.
+std::string VariablesText(const SnmpPdu& pdu) {
     std::string text;
     for (TkVectorNode* node = pdu.varBinds.head; node != nullptr; node = node->next) {
         const auto& one = *static_cast<const VarBind*>(node->data);
@@ -92,9 +92,9 @@ TEST_F(SnmpMessage, RequestsAreTheseBytes) {
         {"two names", 1, 0xA0, two,
          "30820032 020101 04067075626c6963 a0820023" + fields +
              "30820016 30820007 06032b822c 0400 30820007 0603813401 0400"},
-        {"an address goes as four bytes", 1, 0xA3, address,
+        {"an address as four bytes", 1, 0xA3, address,
          "3082002a 020101 04067075626c6963 a382001b" + fields + "3082000e 3082000a 06022b01 40040a000001"},
-        {"version 3 has no envelope, and a length of four too many", 3, 0xA0, description, "30820021" + variable},
+        {"version 3, without an envelope and four bytes too long", 3, 0xA0, description, "30820021" + variable},
         {"version 2", 2, 0xA0, description, "", "Supported SNMP versions are V1, V2c and V3.\n"},
         {"inform", 1, 0xA6, description, "3082002c 020101 04067075626c6963 a682001d" + variable},
         {"trap v1", 0, 0xA4, description,
@@ -102,11 +102,11 @@ TEST_F(SnmpMessage, RequestsAreTheseBytes) {
              variable.substr(fields.size())},
         {"no room for a second variable", 1, 0xA0, two, "", "\n 1. Too big respone PDU\n", 45},
         {"no room for the list", 1, 0xA0, two, "", "not enough space in output packet", 31},
-        {"no room at all", 1, 0xA0, two, "", "Unable to encode SNMP message length and sequnce type. !!!\n", 3},
+        {"no room for the header", 1, 0xA0, two, "", "Unable to encode SNMP message length and sequnce type. !!!\n", 3},
     };
     for (const auto& row : rows) {
         const std::size_t logged = LogText().size();
-        const SnmpPduPtr pdu = PduOf(row.version, row.command, row.variables);
+        const SnmpPduPtr pdu = MakePdu(row.version, row.command, row.variables);
         std::string buffer(static_cast<std::size_t>(row.room), '\0');
         std::int32_t size = row.room;
         CreateSnmpMsgForPdu(reinterpret_cast<std::uint8_t*>(buffer.data()), &size, pdu.get());
@@ -116,7 +116,7 @@ TEST_F(SnmpMessage, RequestsAreTheseBytes) {
     }
 }
 
-TEST_F(SnmpMessage, WhatBuildingDoesBesideTheBytes) {
+TEST_F(SnmpMessage, BuildingMapsTheErrorStatusAndCallsTheHook) {
     const int mapped[]{0, 1, 2, 3, 4, 5, 2, 3, 3, 3, 3, 2, 3, 5, 2, 2, 2, 2, 2, 5};
     std::string buffer(100, '\0');
     const auto build = [&buffer](SnmpPdu& pdu) {
@@ -125,17 +125,17 @@ TEST_F(SnmpMessage, WhatBuildingDoesBesideTheBytes) {
     };
     for (int status = 0; status < 20; ++status) {
         for (const std::uint8_t command : {command::response, command::getBulk}) {
-            const SnmpPduPtr pdu = PduOf(0, command, {});
+            const SnmpPduPtr pdu = MakePdu(0, command, {});
             pdu->errorStatus = status;
             EXPECT_EQ(build(*pdu), 1);
             EXPECT_EQ(pdu->errorStatus, command == command::getBulk ? 0 : mapped[status]) << status;
-            EXPECT_EQ(buffer[24], status) << "written before it is mapped or cleared";
+            EXPECT_EQ(buffer[24], status) << "written before it is mapped";
         }
     }
     EXPECT_EQ(MapToSNMPv1Error(-1), 5);
 
     processingHooks.message = [](auto, auto, SnmpPdu* pdu) { return static_cast<std::uint8_t>(pdu->requestId == 1); };
-    const SnmpPduPtr pdu = PduOf(3, command::get, {});
+    const SnmpPduPtr pdu = MakePdu(3, command::get, {});
     for (const auto& [asks, id, built] : {std::tuple(0, 2, 1), {1, 1, 1}, {1, 2, 0}}) {
         pdu->asksForHook = static_cast<std::uint8_t>(asks);
         pdu->requestId = id;
@@ -151,18 +151,18 @@ TEST_F(SnmpMessage, WhatBuildingDoesBesideTheBytes) {
     }
 }
 
-TEST_F(SnmpMessage, AnswersAreTakenAsTheyCome) {
+TEST_F(SnmpMessage, ReadsAnswersAndDropsOtherMessages) {
     const auto variable = [](std::uint8_t type, const std::string& content) {
         return Item(0x30, shortName + Item(type, content));
     };
     const auto answer = [](std::uint8_t command, const std::string& variables, std::uint8_t version = 1) {
-        return MessageOf({.version = version, .command = command, .variables = {variables}});
+        return EncodeAnswer({.version = version, .command = command, .variables = {variables}});
     };
     const auto withPdu = [](const std::string& hex) {
         return Item(0x30, FromHex("020101 04067075626c6963") + FromHex(hex));
     };
     const auto withName = [](std::size_t size) { return Item(0x30, Item(0x06, std::string(size, 1)) + "\4\1x"); };
-    const auto withCommunity = [](std::size_t size) { return MessageOf({.community = std::string(size, 'c')}); };
+    const auto withCommunity = [](std::size_t size) { return EncodeAnswer({.community = std::string(size, 'c')}); };
     const std::string one = variable(0x02, "\5");
     const std::string good = "1.3.6.1=2/4 ";
     std::string every;
@@ -182,58 +182,70 @@ TEST_F(SnmpMessage, AnswersAreTakenAsTheyCome) {
          "1.3.6.1=68/4 1.3.6.1=70/8 1.3.6.1=71/4 1.3.6.1=128/0 1.3.6.1=129/0 1.3.6.1=130/0 "},
         {"response", answer(0xA2, one), 1, good, "\tGET-RESPONSE\n"},
         {"get", answer(0xA0, one), 1, good, "\n Message Type\t\t=\tGET-REQ\n"},
-        {"whose integer is shown", answer(0xA0, one), 1, good, "VarBind Value\t\t\t= 5\n"},
+        {"an integer is shown", answer(0xA0, one), 1, good, "VarBind Value\t\t\t= 5\n"},
         {"getnext of version 1", answer(0xA1, one, 0), 1, good, "SNMP_V1\nCommunity Name\t\t=\tpublic\n"},
         {"trap of version 1", answer(0xA4, one), 0, "",
          "\n\nSince trap message has been received packet is dropped.\n"},
         {"trap", answer(0xA7, one), 0},
         {"inform", answer(0xA6, one), 0, "", "Invalid Command Type"},
         {"version 2", answer(0xA2, one, 2), 0, "", "Version is not a SNMP_V1 or SNMP_V2C\nPACKET DROPPED !!! \n"},
-        {"no list", withPdu("a20d 020101 020100 020100 04023132"), 1, "", "not enough space for varlist"},
+        {"without a list", withPdu("a20d 020101 020100 020100 04023132"), 1, "", "not enough space for varlist"},
         {"a broken second variable", answer(0xA2, one + "\x30\3\6\1+"), 1, "", "Unable to parse the varbind #2\n"},
         {"a broken value drops all", answer(0xA2, one + variable(0x06, "+\x86")), 0},
         {"128 sub-identifiers", answer(0xA2, withName(127)), 1, longest + "=4/1 "},
-        {"of 129 sub-identifiers, the last is taken for the value", answer(0xA2, withName(128)), 1},
-        {"community of 256 bytes", withCommunity(256), 1},
-        {"community of 257 bytes", withCommunity(257), 0, "", "Unable to decode community \n"},
+        {"129 sub-identifiers: the last counts as the value", answer(0xA2, withName(128)), 1},
+        {"a community of 256 bytes", withCommunity(256), 1},
+        {"a community of 257 bytes", withCommunity(257), 0, "", "Unable to decode community \n"},
         {"a request id that is not a number", withPdu("a20b 040101 020100 020100 3000"), 0, "", "decode reqid\n"},
-        {"no number for an error index", withPdu("a20b 020101 020100 040100 3000"), 0, "", "decode errindex\n"},
-        {"a header of more than there is", FromHex("30 05 02 01 01"), 0, "", "Unable to decode auth header type\n"},
-        {"an envelope that tells less than there is", "\x30\5" + answer(0xA2, one).substr(2), 1, good},
+        {"an error index that is not a number", withPdu("a20b 020101 020100 040100 3000"), 0, "", "decode errindex\n"},
+        {"a header beyond the end", FromHex("30 05 02 01 01"), 0, "", "Unable to decode auth header type\n"},
+        {"an envelope that is too short", "\x30\5" + answer(0xA2, one).substr(2), 1, good},
     };
     for (const auto& row : rows) {
         const std::size_t logged = LogText().size();
         const SnmpPduPtr pdu(AllocateAndInitSnmpPdu());
-        EXPECT_EQ(Parsed(row.message, pdu.get()), row.result) << row.title;
-        EXPECT_EQ(Described(*pdu), row.variables) << row.title;
+        EXPECT_EQ(ParseMessage(row.message, pdu.get()), row.result) << row.title;
+        EXPECT_EQ(VariablesText(*pdu), row.variables) << row.title;
         DisplaySnmpPduInfo(pdu.get());
         EXPECT_NE(LogText().find(row.line, logged), std::string::npos) << row.title;
     }
 }
 
-TEST_F(SnmpMessage, WhatCanFailOnTheWay) {
+TEST_F(SnmpMessage, TriesAgainUntilItsLimits) {
     int failures = 0, calls = 0, open = 0;
     std::uint64_t now = 0, tick = 0, waited = 0;
     const auto result = [&] { return ++calls > failures ? platform::error::success : platform::error::generalFailure; };
     platform::SocketOperations sockets = platform::Sockets();
-    sockets.socket = [&](auto& socket) { return ++open, socket = 1, platform::error::success; };
-    sockets.closesocket = [&](auto) { return --open, platform::error::success; };
+    sockets.socket = [&](auto& socket) {
+        ++open;
+        socket = 1;
+        return platform::error::success;
+    };
+    sockets.closesocket = [&](auto) {
+        --open;
+        return platform::error::success;
+    };
     sockets.bind = [&](auto&&...) { return result(); };
     sockets.sendto = [&](auto&&...) { return result(); };
-    sockets.select = [&](auto, auto, bool& ready) { return now += waited, ready = true, result(); };
-    sockets.recvfrom = [&](auto, auto, auto, auto& peer, auto&) { return peer = {{10, 0, 0, 7}, 99}, result(); };
-    platform::ClockOperations clock = platform::Clock();
-    clock.GetTickCount64 = [&] { return now += tick; };
+    sockets.select = [&](auto, auto, bool& ready) {
+        now += waited;
+        ready = true;
+        return result();
+    };
+    sockets.recvfrom = [&](auto, auto, auto, auto& peer, auto&) {
+        peer = {{10, 0, 0, 7}, 99};
+        return result();
+    };
     const platform::ScopedOperations scopedSockets(sockets);
-    const platform::ScopedOperations scopedClock(clock);
+    const kv::test::Replaced clock(&platform::ClockOperations::GetTickCount64, [&] { return now += tick; });
 
     const TransportDomainInfoPtr info(CreateTransportDomainInfo(8001, 161, "127.0.0.1"));
-    const SnmpPduPtr pdu = PduOf(1, 0xA0, {});
+    const SnmpPduPtr pdu = MakePdu(1, 0xA0, {});
     const auto start = [&] { return OpenSnmpSession(info.get()); };
     const auto send = [&] { return SendSnmpPdu(info.get(), pdu.get()); };
     const auto wait = [&] { return WaitForTdInfoResp(info.get(), 2000000); };
     const auto read = [&] { return ReadAndParseSnmpMessage(info.get(), pdu.get()); };
-    /// The result, and how often the system was asked, when the first attempts fail.
+    /// The result of a step whose first attempts fail, and how often it asked the system.
     const auto outcome = [&](const auto& step, int failing) {
         failures = failing;
         calls = 0;
@@ -250,13 +262,14 @@ TEST_F(SnmpMessage, WhatCanFailOnTheWay) {
     EXPECT_EQ(outcome(wait, 1000), std::pair(1, 1001));
     EXPECT_EQ(outcome(wait, 1001), std::pair(0, 1001)) << "time stands still";
     tick = 500;
-    EXPECT_EQ(outcome(wait, 1001), std::pair(0, 4)) << "time goes by";
-    tick = 0, waited = 1900;
-    EXPECT_EQ(outcome(wait, 1001), std::pair(0, 2)) << "a refusal takes its time";
+    EXPECT_EQ(outcome(wait, 1001), std::pair(0, 4)) << "time passes";
+    tick = 0;
+    waited = 1900;
+    EXPECT_EQ(outcome(wait, 1001), std::pair(0, 2)) << "a refusal takes long";
     EXPECT_EQ(outcome(read, 1), std::pair(0, 1));
     EXPECT_STREQ(info->address->remoteHost.data(), "127.0.0.1");
-    EXPECT_EQ(outcome(read, 0), std::pair(0, 1)) << "no byte came";
-    EXPECT_STREQ(info->address->remoteHost.data(), "10.0.0.7") << "the sender's";
+    EXPECT_EQ(outcome(read, 0), std::pair(0, 1)) << "an empty message";
+    EXPECT_STREQ(info->address->remoteHost.data(), "10.0.0.7") << "the sender's address";
     EXPECT_EQ(info->address->remotePort, 99);
     CloseSnmpSession(info.get());
     EXPECT_EQ(open, 0);

@@ -1,4 +1,4 @@
-// Object identifiers, values, variables, their lists with the locks, and PDUs.
+// Object identifiers, texts, variables, their lists and locks, and PDUs.
 #include <gmock/gmock.h>
 
 #include "snmp/asn.h"
@@ -25,15 +25,17 @@ struct SnmpValues : test::TestAgent {
 };
 
 void Append(TkVector* list, VarBind* varBind) { ASSERT_EQ(AddElement(list, new TkVectorNode{varBind, nullptr}), 1); }
-const VarBind& At(TkVector* list, std::int32_t index) { return *static_cast<VarBind*>(ElementAt(list, index)->data); }
+const VarBind& VariableAt(TkVector* list, std::int32_t index) {
+    return *static_cast<VarBind*>(ElementAt(list, index)->data);
+}
 
-TEST_F(SnmpValues, TextsOfOidsAndAddresses) {
+TEST_F(SnmpValues, ConvertsTextsOfOidsAndAddresses) {
     struct Row {
         const char* title;
         std::string text;
         std::int32_t count;
         Oid subIds = {};
-        const char* written = nullptr;  // when not as read
+        const char* written = nullptr;  // null: as it was read
         bool isAddress = false;
     };
     const std::string longPart(20, '1');
@@ -43,12 +45,12 @@ TEST_F(SnmpValues, TextsOfOidsAndAddresses) {
         {"zero", ".0", 1, {0}},
         {"a zero of two digits", ".00", 1, {0}, ".0"},
         {"signs", ".1.-5.+7", 3, {1, 4294967291, 7}, ".1..7"},
-        {"from 2^31 on only the dot", ".1.2147483648", 2, {1, 2147483648}, ".1."},
-        {"taken for a failure", ".1.4294967295", -1, {}},
-        {"wrapped to 0", ".1.4294967296", -1, {}},
-        {"20 characters", "." + longPart, -1, {}},
-        {"no dot in front", "1.3.6", -1, {}},
-        {"a letter in front goes unseen, the count is wrong", "x1.3", 0, {}},
+        {"from 2^31 on, only the dot is written", ".1.2147483648", 2, {1, 2147483648}, ".1."},
+        {"a number that means failure", ".1.4294967295", -1, {}},
+        {"a number that wraps to 0", ".1.4294967296", -1, {}},
+        {"a number of 20 characters", "." + longPart, -1, {}},
+        {"without the first dot", "1.3.6", -1, {}},
+        {"a first letter is not noticed, the count is wrong", "x1.3", 0, {}},
         {"a dot", ".", -1, {}},
         {"an empty part", ".1..3", -1, {}},
         {"a NUL", std::string(".1.3\0", 5), -1, {}},
@@ -84,10 +86,10 @@ TEST_F(SnmpValues, OidsCompareAsUnsignedNumbersAndAPrefixComesFirst) {
     EXPECT_EQ(CompareOid(b, 2, a, 3), 1);
     EXPECT_EQ(CompareOid(nullptr, 0, a, 3), -1);
     EXPECT_EQ(GetOidLength(".1.3.6", 4), 2);
-    EXPECT_EQ(GetOidLength(std::string(65537, '.').c_str(), 65537), 1) << "16 bits";
+    EXPECT_EQ(GetOidLength(std::string(65537, '.').c_str(), 65537), 1) << "the count has 16 bits";
 }
 
-TEST_F(SnmpValues, ANullTextIsAllowedEverywhere) {
+TEST_F(SnmpValues, TakesNullTextsEverywhere) {
     EXPECT_EQ(CompareText(nullptr, nullptr), 0);
     EXPECT_EQ(CompareText(nullptr, ""), -1);
     EXPECT_EQ(CompareText("", nullptr), 1);
@@ -121,7 +123,7 @@ TEST_F(SnmpValues, ANullTextIsAllowedEverywhere) {
     }
 }
 
-TEST_F(SnmpValues, VariablesAreCopiedOrChangeHands) {
+TEST_F(SnmpValues, CopiesAndTakesVariables) {
     const VarBindListPtr source = MakeVarBindList();
     const VarBindListPtr target = MakeVarBindList();
     CopyVarBind(target.get(), source.get(), 1);
@@ -139,7 +141,7 @@ TEST_F(SnmpValues, VariablesAreCopiedOrChangeHands) {
     for (const int number : {2, 3, 1}) CopyVarBind(target.get(), source.get(), number);
     std::string texts;
     for (std::int32_t i = 0; i < target->count; ++i) {
-        const VarBind& copy = At(target.get(), i);
+        const VarBind& copy = VariableAt(target.get(), i);
         EXPECT_EQ(copy.reserved, 77u);
         EXPECT_EQ(copy.received, 0);
         texts += std::to_string(copy.position) + (copy.value ? static_cast<const char*>(copy.value) : "-") + " ";
@@ -149,20 +151,20 @@ TEST_F(SnmpValues, VariablesAreCopiedOrChangeHands) {
     EXPECT_EQ(GetNthElement(target.get(), 2, target->tail), nullptr);
     FreeVarBindList(target.get());
     EXPECT_EQ(ElementAt(target.get(), 0), nullptr);
-    CopyVarBind(target.get(), source.get(), 1);  // its tail was a node that is gone
-    EXPECT_EQ(At(target.get(), 0).position, 1);
+    CopyVarBind(target.get(), source.get(), 1);  // its tail is gone
+    EXPECT_EQ(VariableAt(target.get(), 0).position, 1);
     for (const int number : {0, 2, 4}) CopyVarBinds(target.get(), source.get(), number);
     CopyVarBinds(target.get(), target.get(), 3);
     TakeVarBinds(target.get(), source.get());
     EXPECT_EQ(source->count, 0);
     ASSERT_EQ(target->count, 7);
     texts.clear();
-    for (std::int32_t i = 0; i < 7; ++i) texts += std::to_string(At(target.get(), i).position);
+    for (std::int32_t i = 0; i < 7; ++i) texts += std::to_string(VariableAt(target.get(), i).position);
     EXPECT_EQ(texts, "1233123") << "that from 2 on, that from 3 on, all";
-    EXPECT_EQ(At(target.get(), 6).received, 1);
+    EXPECT_EQ(VariableAt(target.get(), 6).received, 1);
 }
 
-TEST_F(SnmpValues, AListWithAnOrderTakesEachElementOnceInItsPlace) {
+TEST_F(SnmpValues, AnOrderedListTakesEachElementOnce) {
     const auto number = [](const TkVectorNode* node) { return *static_cast<const int*>(node->data); };
     static const auto order = +[](const TkVectorNode* a, const TkVectorNode* b) {
         const int left = *static_cast<const int*>(a->data), right = *static_cast<const int*>(b->data);
@@ -182,7 +184,7 @@ TEST_F(SnmpValues, AListWithAnOrderTakesEachElementOnceInItsPlace) {
     FreeVector(&list);
 }
 
-TEST_F(SnmpValues, APduTakesOverTheVariablesInEveryCase) {
+TEST_F(SnmpValues, APduTakesItsVariables) {
     struct Row {
         std::uint8_t command;
         std::size_t communityLength;
@@ -194,7 +196,7 @@ TEST_F(SnmpValues, APduTakesOverTheVariablesInEveryCase) {
         const std::uint32_t oid[] = {1, 3, 4711};
         const VarBindListPtr list = MakeVarBindList();
         Append(list.get(), CreateAVarBind(oid, 3, tag::octetString, nullptr, 0));
-        EXPECT_NE(At(list.get(), 0).value, nullptr);  // owned, and one byte
+        EXPECT_NE(VariableAt(list.get(), 0).value, nullptr);  // its own byte
         const std::string community(row.communityLength, 'c');
         const SnmpPduPtr pdu(CreateSnmpPdu(versionV2c, community.c_str(), row.command, 1, 0, 1, list.get()));
         ASSERT_EQ(pdu != nullptr, row.isMade);
@@ -225,7 +227,7 @@ TEST_F(SnmpValues, AWaiterSleepsLongerEachTime) {
     SynchronizeResource(&list);
     clock.AdvanceMilliseconds(301 * 1000);
     EXPECT_EQ(HandleResource(nullptr, LockOperation::purge), 1);
-    EXPECT_EQ(HandleResource(&list, LockOperation::lock), 1) << "the lost lock is gone";
+    EXPECT_EQ(HandleResource(&list, LockOperation::lock), 1) << "the purge released it";
     EXPECT_EQ(SynchronizeObject(&list), 2);
     EXPECT_EQ(UnsynchronizeObject(&list), 4);
 }

@@ -35,13 +35,14 @@ Error StartService(FakeService& service) {
 
 }  // namespace
 
-Error FakeServices::Refusal(const char* operation, ServiceHandle handle, std::uint32_t right) {
+template <class Work>
+Error FakeServices::Call(const char* operation, ServiceHandle handle, std::uint32_t right, const Work& work) {
     const OpenHandle opened = handle == 0 ? OpenHandle() : open_.at(handle);
     const auto isFailing = [this](const std::string& call) { return !failing.empty() && call.starts_with(failing); };
     const auto passed = std::count_if(calls.begin(), calls.end(), isFailing);
     calls.push_back(std::string(operation) + "(" + Utf8FromWide(opened.name) + ")");
     if (isFailing(calls.back()) && passed == passing) return failure;
-    return (opened.rights & right) == right ? success : error::accessDenied;
+    return (opened.rights & right) == right ? work() : error::accessDenied;
 }
 
 Error FakeServices::Open(std::u16string_view name, std::uint32_t rights, ServiceHandle& handle) {
@@ -71,46 +72,46 @@ Error FakeServices::Control(FakeService& service, std::uint32_t control, Service
 FakeServices::FakeServices() : scoped_({}) {
     auto& now = CurrentOperations<ServiceManagerOperations>();
     now.OpenSCManagerW = [this](auto rights, auto& handle) {
-        const Error refused = Refusal("OpenSCManagerW", 0, 0);
-        return refused ? refused : Open(u"", rights, handle);
+        return Call("OpenSCManagerW", 0, 0, [&] { return Open(u"", rights, handle); });
     };
     now.OpenServiceW = [this](auto manager, auto name, auto rights, auto& handle) {
-        const Error refused = Refusal("OpenServiceW", manager, 0);
-        return refused ? refused : Open(name, rights, handle);
+        return Call("OpenServiceW", manager, 0, [&] { return Open(name, rights, handle); });
     };
     now.CreateServiceW = [this](auto manager, auto& made, auto& handle) {
-        const Error refused = Refusal("CreateServiceW", manager, manager_right::createService);
-        if (!refused) definition = made;
-        return refused ? refused : Open(made.name, 0, handle);
+        return Call("CreateServiceW", manager, manager_right::createService, [&] {
+            definition = made;
+            return Open(made.name, 0, handle);
+        });
     };
     now.ChangeServiceConfig2W = [this](auto handle, auto& given) {
         actions = given;
-        return Refusal("ChangeServiceConfig2W", handle, 0);
+        return Call("ChangeServiceConfig2W", handle, 0, [] { return success; });
     };
-    now.DeleteService = [this](auto handle) { return Refusal("DeleteService", handle, service_right::all); };
+    now.DeleteService = [this](auto handle) {
+        return Call("DeleteService", handle, service_right::all, [] { return success; });
+    };
     now.StartServiceW = [this](auto handle) {
-        const Error refused = Refusal("StartServiceW", handle, service_right::start);
-        return refused ? refused : StartService(OpenedService(handle));
+        return Call("StartServiceW", handle, service_right::start, [&] { return StartService(OpenedService(handle)); });
     };
     now.ControlService = [this](auto handle, auto control, auto& status) {
-        const bool stops = control == service_control::stop;
-        const Error refused =
-            Refusal("ControlService", handle, stops ? service_right::stop : service_right::pauseAndContinue);
-        return refused ? refused : Control(OpenedService(handle), control, status);
+        const std::uint32_t right =
+            control == service_control::stop ? service_right::stop : service_right::pauseAndContinue;
+        return Call("ControlService", handle, right, [&] { return Control(OpenedService(handle), control, status); });
     };
     now.QueryServiceStatusEx = [this](auto handle, auto& status) {
-        const Error refused = Refusal("QueryServiceStatusEx", handle, service_right::queryStatus);
-        if (!refused) status = CurrentStatus(OpenedService(handle));
-        return refused;
+        return Call("QueryServiceStatusEx", handle, service_right::queryStatus, [&] {
+            status = CurrentStatus(OpenedService(handle));
+            return success;
+        });
     };
     now.EnumDependentServicesW = [this](auto handle, auto size, auto& found, auto& needed) {
-        const Error refused = Refusal("EnumDependentServicesW", handle, service_right::enumerateDependents);
-        if (refused) return refused;
-        found = ActiveDependents(OpenedService(handle));
-        needed = found.size();
-        if (size >= needed) return success;
-        found.clear();
-        return error::moreData;
+        return Call("EnumDependentServicesW", handle, service_right::enumerateDependents, [&] {
+            found = ActiveDependents(OpenedService(handle));
+            needed = found.size();
+            if (size >= needed) return success;
+            found.clear();
+            return error::moreData;
+        });
     };
     now.CloseServiceHandle = [this](auto handle) { EXPECT_EQ(open_.erase(handle), 1U) << "closed twice"; };
 }

@@ -27,7 +27,7 @@ class FakeServices {
 
     std::map<std::u16string, FakeService> services;
     std::vector<std::string> calls;  // such as "StartServiceW(A)"
-    std::string failing;             // a call that begins with this text fails; empty: none
+    std::string failing;             // a call that begins with this text fails; empty: no call does
     std::ptrdiff_t passing = 0;      // such calls that succeed first
     platform::Error failure = platform::error::accessDenied;
     platform::ServiceDefinition definition;
@@ -40,8 +40,9 @@ class FakeServices {
         std::uint32_t rights = 0;
     };
 
-    /// Notes a call; why it is refused, or success.
-    platform::Error Refusal(const char* operation, platform::ServiceHandle handle, std::uint32_t right);
+    /// Notes a call, and does its work unless it fails or the handle lacks a right.
+    template <class Work>
+    platform::Error Call(const char* operation, platform::ServiceHandle handle, std::uint32_t right, const Work& work);
     FakeService& OpenedService(platform::ServiceHandle handle) { return services[open_.at(handle).name]; }
     platform::Error Open(std::u16string_view name, std::uint32_t rights, platform::ServiceHandle& handle);
     std::vector<platform::DependentService> ActiveDependents(const FakeService& service);

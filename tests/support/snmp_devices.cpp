@@ -84,7 +84,7 @@ std::string Item(std::uint8_t tag, std::string_view content) {
     return static_cast<char>(tag) + length + std::string(content);
 }
 
-std::string MessageOf(const DeviceAnswer& answer) {
+std::string EncodeAnswer(const DeviceAnswer& answer) {
     const auto number = [](std::uint8_t value) { return Item(0x02, std::string(1, static_cast<char>(value))); };
     std::string variables;
     for (const std::string& variable : answer.variables) variables += variable;

@@ -27,8 +27,8 @@ class SnmpProcess {
     SnmpProcess();
     ~SnmpProcess();
 
-    /// Runs a command line of the shell in the folder and waits until a getnext with the community is answered. If none
-    /// is, throws std::runtime_error with what the process printed.
+    /// Runs a command line of the shell in the folder and waits until a getnext with the community is answered.
+    /// Throws std::runtime_error with what the process printed if it does not answer.
     void Start(const std::string& commandLine, const std::string& community);
 
     std::filesystem::path folder_;
@@ -95,6 +95,6 @@ struct DeviceAnswer {
     std::uint8_t errorIndex = 0;
     std::vector<std::string> variables = {};
 };
-std::string MessageOf(const DeviceAnswer& answer);
+std::string EncodeAnswer(const DeviceAnswer& answer);
 
 }  // namespace kv::test

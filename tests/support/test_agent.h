@@ -21,7 +21,7 @@ class TestAgent : public TestFolder {
     /// The whole log, in UTF-8.
     std::string LogText() const;
     bool Logged(std::string_view text) const { return LogText().find(text) != std::string::npos; }
-    /// How often a text stands in the log behind its first bytes.
+    /// How often a text stands in the log, from an offset on.
     int TimesLogged(std::string_view text, std::size_t from = 0) const;
 };
 

@@ -1,4 +1,4 @@
-// A folder and a key of the registry's for tests of kvreg; both are removed at the end.
+// The fixture of tests of kvreg: a folder and a key of the registry, removed at the end.
 #pragma once
 
 #include <filesystem>
@@ -17,7 +17,7 @@ namespace fs = std::filesystem;
 using ::testing::HasSubstr;
 using Words = std::vector<std::string>;
 
-/// The tests leave the key only downwards.
+/// The tests stay below the key.
 class Kvreg : public ::testing::Test {
   protected:
     struct Outcome {

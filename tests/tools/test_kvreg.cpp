@@ -1,4 +1,4 @@
-// kvreg, run as its users run it, on keys below one of its own.
+// kvreg on its command line, on keys below one of the test's own.
 #include <atomic>
 #include <gmock/gmock.h>
 #include <thread>
@@ -12,9 +12,7 @@ namespace kv::test {
 
 namespace {
 
-using ::testing::StartsWith;
-
-TEST_F(Kvreg, CommandsInTheirOrder) {
+TEST_F(Kvreg, CarriesOutItsCommands) {
     const std::string missing = Utf8(folder / "missing" / "x.reg");
     const char* const listed =
         "HKEY_LOCAL_MACHINE\\Software\\KvregTest\n    (Default)    REG_SZ    --\n    n    REG_DWORD    0x1e (30)\n"
@@ -24,7 +22,7 @@ TEST_F(Kvreg, CommandsInTheirOrder) {
         {{"set", key, "v", "some text"}, 0, "", ""},
         {{"get", "HKLM\\software\\kvregtest\\", "V"}, 0, "some text\n", ""},
         {{"set", "HKEY_LOCAL_MACHINE\\Software\\KvregTest", "n", "30", "--dword"}, 0, "", ""},
-        {{"set", key, "", "--", "--"}, 0, "", ""},  // the first ends the options
+        {{"set", key, "", "--", "--"}, 0, "", ""},  // the first -- ends the options
         {{"set", "Software\\KvregTest\\Sub", "x", "y"}, 0, "", ""},
         {{"get", key}, 0, "--\n", ""},
         {{"set", key, "++", "--"}, 0, "", ""},
@@ -56,7 +54,7 @@ TEST_F(Kvreg, CommandsInTheirOrder) {
     EXPECT_THAT(Run({"set", "--help"}).output, HasSubstr("kvreg set [OPTIONS] KEY NAME DATA"));
 }
 
-TEST_F(Kvreg, WhatTheAgentAndTheToolStoreIsCarriedOver) {
+TEST_F(Kvreg, ExportsAndImportsEveryValue) {
     constexpr platform::RootKey root = platform::RootKey::localMachine;
     const std::u16string agentKey = u"Software\\KvregTest\\Agent";
     ASSERT_EQ(writeValue(root, agentKey, u"key", u"K\u00fc \"1\"\\", platform::RegistryType::text), 0U);
@@ -79,7 +77,8 @@ TEST_F(Kvreg, WhatTheAgentAndTheToolStoreIsCarriedOver) {
     EXPECT_EQ(carried, u"K\u00fc \"1\"\\");
     ASSERT_EQ(Run({"export", file, key}).exitCode, 0);
     EXPECT_EQ(Read(file), whole);
-    EXPECT_EQ(FilesIn(folder), (std::vector<std::string>{"errors", "file.reg", "state"})) << "nothing else is left";
+    EXPECT_EQ(FilesIn(folder), (std::vector<std::string>{"errors", "file.reg", "state"}))
+        << "no temporary file is left";
     const fs::path other = folder / u8"f\u00fcr.reg";
     ASSERT_EQ(Run({"export", Utf8(other), "Software\\KvregTest\\A"}).exitCode, 0);
     std::string part = platform::Utf8FromWide(TextFromUtf16LittleEndian(Read(other).substr(2)));
@@ -87,7 +86,7 @@ TEST_F(Kvreg, WhatTheAgentAndTheToolStoreIsCarriedOver) {
     EXPECT_EQ(part, header + others);
 }
 
-TEST_F(Kvreg, AnImportIsCarriedOutWholeOrRefused) {
+TEST_F(Kvreg, ImportsAWholeFileOrNothing) {
     const std::string inA = header + "[HKLM\\Software\\KvregTest\\A]\n";
     Write(file, inA + "\"one\"=\"1\"\n\"two\"=dword:2\n[HKLM\\Software\\KvregTest\\B\\C]\n@=hex(2):25,00,00,00\n");
     ASSERT_EQ(Run({"import", file}).exitCode, 0);
@@ -104,7 +103,7 @@ TEST_F(Kvreg, AnImportIsCarriedOutWholeOrRefused) {
     EXPECT_EQ(Get("Software\\KvregTest\\A", "two"), "2\n");
 }
 
-TEST_F(Kvreg, WatchTellsOfEachChangeForAsLongAsSomebodyReads) {
+TEST_F(Kvreg, WatchesUntilNobodyReads) {
     const auto write = [&](int number) { Run({"set", "Software\\KvregTest\\B", "v", std::to_string(number)}); };
     write(0);
     std::FILE* const watch = StartTool({"watch", key}, folder / "watch errors");
@@ -117,7 +116,7 @@ TEST_F(Kvreg, WatchTellsOfEachChangeForAsLongAsSomebodyReads) {
         for (int number = 1; !isWatching; ++number) write(number);
     });
     std::string line = told();
-    EXPECT_THAT(line, StartsWith("set      HKEY_LOCAL_MACHINE\\Software\\KvregTest\\B    v    REG_SZ    "));
+    EXPECT_THAT(line, testing::StartsWith("set      HKEY_LOCAL_MACHINE\\Software\\KvregTest\\B    v    REG_SZ    "));
     isWatching = true;
     writing.join();
     Run({"delete", key});

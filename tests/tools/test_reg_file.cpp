@@ -1,4 +1,4 @@
-// The .reg format: what is read, what is refused and where, and that what is written is read again.
+// The .reg format: reading, writing, and refusals with their line.
 #include <gtest/gtest.h>
 
 #include "foundation/file_utils.h"
@@ -24,12 +24,12 @@ std::string Printed(const RegFile& file) {
     return text.substr(std::min(text.size(), header.size()));
 }
 
-TEST(RegFile, WhatIsReadIsWrittenAgain) {
+TEST(RegFile, WritesWhatItHasRead) {
     const std::tuple<const char*, std::string, std::string> rows[] = {
         {"default value", R"(@="data")", ""},
         {"escapes and a tab", "\"a\\\\b\\\"c\"=\"d:\\\\e \\\"f\\\"\tg\"", ""},
         {"text over two lines", "\"a\"=\"b\nc\"", R"("a"=hex(1):62,00,0a,00,63,00,00,00)"},
-        {"text of no bytes", R"("a"=hex(1):)", ""},
+        {"text without bytes", R"("a"=hex(1):)", ""},
         {"text with half a terminator", R"("a"=hex(1):41,00,00)", R"("a"="A")"},
         {"text of an odd size", R"("a"=hex(1):41,00,42)", ""},
         {"short number, comment behind", R"("a"=DWORD:1E ; one)", R"("a"=dword:0000001e)"},
@@ -43,7 +43,7 @@ TEST(RegFile, WhatIsReadIsWrittenAgain) {
          "\n[HKEY_LOCAL_MACHINE\\A]\n\n[-HKEY_LOCAL_MACHINE\\B\\C]\n\n[HKEY_LOCAL_MACHINE]\n"
          "\n[HKEY_LOCAL_MACHINE\\odd]name]"},
     };
-    // with an empty text the line is printed as it was read
+    // An empty third text: the line is printed unchanged.
     for (const auto& [title, line, other] : rows) {
         SCOPED_TRACE(title);
         const std::string text = header + "\n" + key + line + "\n\n";
@@ -57,9 +57,9 @@ TEST(RegFile, WhatIsReadIsWrittenAgain) {
     }
 }
 
-TEST(RegFile, MalformedFilesAreRefusedWithTheirLine) {
+TEST(RegFile, RefusesMalformedFilesWithTheirLine) {
     const std::tuple<const char*, std::string, std::size_t, const char*> rows[] = {
-        {"no line of the format", header + key + "what?\n", 3, "a line must be"},
+        {"a line without the format", header + key + "what?\n", 3, "a line must be"},
         {"value under a deleted key", header + "[-HKLM\\K]\n\"a\"=\"b\"\n", 3, "to be deleted"},
         {"deletion of the root", header + "[-HKLM]\n", 2, "the root itself"},
         {"another root", header + "\n\n[HKEY_CURRENT_USER\\Software]\n", 4, "not 'HKEY_CURRENT_USER'"},

@@ -1,4 +1,4 @@
-// kvreg at work, as a program of its own.
+// kvreg as a child process.
 #pragma once
 
 #include <cstdio>
@@ -8,14 +8,14 @@
 
 namespace kv::test {
 
-/// Has the system's shell start the tool, with words in UTF-8 that have no quotes in them. What it prints is read from
-/// the stream; its errors go to a file.
+/// Starts the tool through the system's shell. words: UTF-8 without quotes. Its output comes from the stream, its
+/// errors go to a file.
 std::FILE* StartTool(const std::vector<std::string>& words, const std::filesystem::path& errors);
 
-/// Reads no more, and waits for the tool's end; its exit code, -1 when it did not come to one of its own.
+/// Stops reading and waits for the tool's end; its exit code, or -1 after a signal.
 int EndTool(std::FILE* tool);
 
-/// Has the tool and this process share a registry: where that lies in files one in the folder, else the computer's.
+/// Makes the tool and this process share a registry: one in the folder if registries are files, else the computer's.
 void ShareRegistry(const std::filesystem::path& folder);
 
 }  // namespace kv::test

@@ -244,7 +244,7 @@ class PerformanceOfThisMachine : public WmiTest {
     }
 };
 
-TEST_F(PerformanceOfThisMachine, IsWhatItsFilesTell) {
+TEST_F(PerformanceOfThisMachine, MatchesTheKernelsFiles) {
     const std::tuple<const char*, Paths, const char*> rows[] = {
         // One thread more: the query's.
         {"PerfFormattedData_PerfOS_System", {"/proc/uptime", "/proc/loadavg", "/proc"}, R"(
@@ -280,7 +280,7 @@ TEST_F(PerformanceOfThisMachine, IsWhatItsFilesTell) {
     }
 }
 
-TEST_F(PerformanceOfThisMachine, OfDisksAndInterfacesIsWhatTheirFilesTell) {
+TEST_F(PerformanceOfThisMachine, MatchesTheFilesOfDisksAndInterfaces) {
     for (const WmiRow& row : RunWmiQuery("SELECT * FROM Win32_PerfRawData_PerfDisk_PhysicalDisk").rows) {
         const std::string name = PropertyText(row, "Name");
         if (name == "_Total") continue;
@@ -343,7 +343,7 @@ struct Child {
     }
 };
 
-TEST_F(PerformanceOfThisMachine, OfABusyProcessIsWhatItDid) {
+TEST_F(PerformanceOfThisMachine, MatchesWhatABusyProcessDid) {
     const Child busy("busy", true);
     const auto query = [&busy](const char* kind) {
         return QueryFirst(
@@ -391,7 +391,7 @@ TEST_F(PerformanceOfThisMachine, OfABusyProcessIsWhatItDid) {
         f 'END {print "HandleCount", NR}' fd)");
 }
 
-TEST_F(PerformanceOfThisMachine, HasTheProcessesOfPs) {
+TEST_F(PerformanceOfThisMachine, HasTheProcessesThatPsShows) {
     for (const int end : {SIGSTOP, SIGKILL}) {
         const Child child("odd) S (na me");
         child.Signal(end);

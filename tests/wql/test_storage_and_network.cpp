@@ -24,7 +24,6 @@ using namespace facts;
 using namespace wql;
 using namespace std::chrono_literals;
 using std::chrono::steady_clock;
-using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
 using WmiStorage = WmiTest;
@@ -87,7 +86,7 @@ TEST_F(WmiStorage, ADeadMountDoesNotDelayTheOthers) {
     }
     ASSERT_EQ(gone.rows.size(), 1u);
     EXPECT_EQ(PropertyText(gone.rows[0], "FreeSpace"), "NULL");
-    EXPECT_THAT(gone.notices, ElementsAre(HasSubstr(std::generic_category().message(ENOTCONN))));
+    EXPECT_THAT(gone.notices, testing::ElementsAre(HasSubstr(std::generic_category().message(ENOTCONN))));
     umount2(folder.c_str(), MNT_DETACH);
     std::filesystem::remove(folder);
 }

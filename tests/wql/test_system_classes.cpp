@@ -26,7 +26,6 @@ using namespace facts;
 using namespace wql;
 using namespace std::chrono_literals;
 using platform::Utf8FromWide;
-using ::testing::ElementsAre;
 
 TEST(WmiClasses, HaveSortedTablesWithTheirSuperclassesProperties) {
     for (const ClassInfo* classInfo : AllClasses()) {
@@ -113,10 +112,11 @@ TEST(WmiFirmware, TellsOfTheMemoryModulesInItsSockets) {
                       "SMBIOSMemoryType TypeDetail Speed ConfiguredClockSpeed ConfiguredVoltage MaxVoltage DataWidth "
                       "TotalWidth Attributes",
                       gather),
-        ElementsAre("Physical Memory 0|34359738368|DIMM_A1|Bank 0|Maker|00AB|PART-1|8|0|34|8320|70000|4800|1100|NULL|"
-                    "64|72|2|",
-                    "Physical Memory 1|524288|NULL|NULL|NULL|NULL|NULL|7|2|3|0|NULL|NULL|NULL|NULL|NULL|NULL|NULL|",
-                    "Physical Memory 2|NULL|NULL|NULL|NULL|NULL|NULL|1|26|26|0|NULL|NULL|NULL|NULL|NULL|NULL|NULL|"));
+        testing::ElementsAre(
+            "Physical Memory 0|34359738368|DIMM_A1|Bank 0|Maker|00AB|PART-1|8|0|34|8320|70000|4800|1100|NULL|"
+            "64|72|2|",
+            "Physical Memory 1|524288|NULL|NULL|NULL|NULL|NULL|7|2|3|0|NULL|NULL|NULL|NULL|NULL|NULL|NULL|",
+            "Physical Memory 2|NULL|NULL|NULL|NULL|NULL|NULL|1|26|26|0|NULL|NULL|NULL|NULL|NULL|NULL|NULL|"));
 }
 
 // clang-format off

@@ -1,3 +1,4 @@
+// Writing zips: the bytes of the format, what another reader finds, and faults.
 #include "foundation/open_file.h"
 #include "platform/files.h"
 #include "platform/utf.h"
@@ -19,10 +20,10 @@ constexpr std::uint64_t fileTimeOf2026 = 116444736000000000 + 17727015070000000;
 
 class Zip : public TestAgent {
   protected:
-    /// What another reader finds in the archive.
+    /// The files that another reader finds in the archive.
     Files ReadArchive() const { return UnpackedByPeer(Read(path)); }
 
-    /// Packs one file with this content, which a reader then finds.
+    /// Packs one file and expects another reader to find it.
     void PackOne(const std::string& content, std::u16string_view name = u"name") {
         Write(bin / "one", content);
         ZipHandle zip = CreateZip(u"a.zip", nullptr);
@@ -32,23 +33,24 @@ class Zip : public TestAgent {
         EXPECT_TRUE(files.size() == 1 && files.begin()->second == content);
     }
 
-    /// As they stand in the only central header.
-    std::string Attributes() const {
+    /// The attributes in the only central header.
+    std::string PackedAttributes() const {
         const std::string bytes = Read(path);
         return bytes.substr(bytes.rfind("PK\1\2") + 38, 4);
     }
 
-    /// The current operations with fixed facts about every file.
+    /// The current operations, with the same facts about every file.
     static platform::FileOperations WithInformation(const platform::FileInformation& facts) {
-        platform::FileOperations files = platform::Files();
-        files.GetFileInformationByHandle = [facts](auto, auto& out) { return out = facts, platform::error::success; };
-        return files;
+        return With(&platform::FileOperations::GetFileInformationByHandle, [facts](auto, auto& out) {
+            out = facts;
+            return platform::error::success;
+        });
     }
 
     std::filesystem::path path = bin / "a.zip";
 };
 
-TEST_F(Zip, EveryByteOfTheRecordsIsAsTheFormatSays) {
+TEST_F(Zip, WritesEveryByteOfTheFormat) {
     Write(bin / "two", "hi");
     const FileOverride facts(WithInformation({.attributes = 0x20,
                                               .creationTime = fileTimeOf2026 + 20000000,
@@ -87,7 +89,7 @@ TEST_F(Zip, EveryByteOfTheRecordsIsAsTheFormatSays) {
 TEST_F(Zip, AnotherReaderFindsWhatWasPacked) {
     Files contents{{"data/empty.txt", ""}, {"data/\xC3\xBC \xE2\x82\xAC.txt", "x"}};
     for (const std::size_t size : {16383UL, 16384UL, 16385UL, 65536UL, 300000UL}) {
-        contents["data/" + std::to_string(size)] = Noise(size);  // too large to be completed in the buffer
+        contents["data/" + std::to_string(size)] = Noise(size);  // sizes around that of the buffer
         contents["data/" + std::to_string(size) + ".zoo"] = Noise(size);
         contents["data/" + std::to_string(size) + ".txt"] = std::string(size * 10, 'a');
     }
@@ -111,30 +113,26 @@ TEST_F(Zip, TheExtensionDecidesTheMethod) {
     }
 }
 
-TEST_F(Zip, AttributesAreTheFiles) {
+TEST_F(Zip, TakesTheAttributesOfTheFile) {
     std::string program(60, '\0');
     program.replace(0, 2, "\xAD\x54");
     program[36] = 4;
     program.replace(4, 4, std::string("MZ\0\0", 4));
-    const struct {
-        const char* title;
-        std::uint32_t attributes;
-        std::string content;
-        const char* expected;
-    } rows[] = {{"read-only, hidden, system; other bits dropped", 0x887, "text", "07 00 00 81"},
-                {"program", 0x20, program, "20 00 c0 81"},
-                {"program of 40 bytes", 0x20, program.substr(0, 40), "20 00 80 81"}};
-    for (const auto& row : rows) {
-        const FileOverride facts(WithInformation({.attributes = row.attributes, .size = row.content.size()}));
-        PackOne(row.content);
-        EXPECT_EQ(Attributes(), FromHex(row.expected)) << row.title;
+    const std::tuple<const char*, std::uint32_t, std::string, const char*> rows[] = {
+        {"read-only, hidden, system; other bits dropped", 0x887, "text", "07 00 00 81"},
+        {"program", 0x20, program, "20 00 c0 81"},
+        {"program of 40 bytes", 0x20, program.substr(0, 40), "20 00 80 81"}};
+    for (const auto& [title, attributes, content, expected] : rows) {
+        const FileOverride facts(WithInformation({.attributes = attributes, .size = content.size()}));
+        PackOne(content);
+        EXPECT_EQ(PackedAttributes(), FromHex(expected)) << title;
     }
 }
 
-TEST_F(Zip, AnOutputThatCannotSeekGetsDescriptorsAndTheLocalClock) {
+TEST_F(Zip, WritesDescriptorsToAnOutputThatCannotSeek) {
     const FileOverride unseekable(Failing(&platform::FileOperations::GetFilePointer, platform::error::invalidFunction));
     PackOne("hi");
-    EXPECT_EQ(Attributes(), FromHex("00 00 00 80"));
+    EXPECT_EQ(PackedAttributes(), FromHex("00 00 00 80"));
     const std::string bytes = Read(path);
     EXPECT_EQ(bytes[6], 8);
     EXPECT_EQ(bytes.substr(bytes.rfind("PK\1\2") - 16, 16), FromHex("504b0708 ac2a93d8 04000000 02000000"));
@@ -144,7 +142,7 @@ TEST_F(Zip, AnOutputThatCannotSeekGetsDescriptorsAndTheLocalClock) {
     EXPECT_EQ(CloseZip(zip), zip_result::ok);
 }
 
-TEST_F(Zip, FaultyCallsLeaveTheArchiveGood) {
+TEST_F(Zip, FaultyCallsLeaveTheArchiveSound) {
     Write(bin / "one", "one");
     ZipHandleRecord reader{ZipKind::reader, nullptr};
     EXPECT_EQ(CreateZip(u"a.zip", ""), nullptr);
@@ -166,7 +164,7 @@ TEST_F(Zip, FaultyCallsLeaveTheArchiveGood) {
     EXPECT_EQ(ReadArchive().size(), 1U);
 }
 
-TEST_F(Zip, MemoryAndOpenFilesServeAsWell) {
+TEST_F(Zip, PacksFromAndToMemoryAndOpenFiles) {
     const Files expected{{"file", Noise(70000)}, {"memory", "hi"}, {"s.gz", Noise(70000)}};
     Write(bin / "one", expected.at("file"));
     OpenFile source, target;
@@ -180,7 +178,7 @@ TEST_F(Zip, MemoryAndOpenFilesServeAsWell) {
         EXPECT_EQ(AddMemoryToZip(zip, u"memory", "hi", 2), zip_result::ok);
         rewind();
         EXPECT_EQ(AddHandleToZipSized(zip, u"s.gz", source.handle, 70000), zip_result::ok);
-        EXPECT_EQ(AddHandleToZip(zip, u"none", 0), zip_result::badArguments);
+        EXPECT_EQ(AddHandleToZip(zip, u"null", 0), zip_result::badArguments);
     };
     std::string own(200000, '\0');
     const void* block = nullptr;
@@ -219,7 +217,7 @@ TEST_F(Zip, AnEmptyArchiveIsItsEndRecord) {
     EXPECT_EQ(Read(path), FromHex("50 4b 05 06 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00"));
 }
 
-TEST_F(Zip, AFailurePartWayThroughAnEntrySticks) {
+TEST_F(Zip, AFailureInAnEntryEndsTheArchive) {
     Write(bin / "one", Noise(40000));
     ZipHandle zip = CreateZip(u"a.zip", nullptr);
     EXPECT_EQ(AddFileToZip(zip, u"good", u"one"), zip_result::ok);

@@ -1,3 +1,4 @@
+// Reading zips: names, attributes, every source, lies and faults.
 #include "foundation/open_file.h"
 #include "platform/files.h"
 #include "platform/utf.h"
@@ -7,7 +8,7 @@
 
 namespace kv::test {
 
-TEST_F(ZipReading, NamesAreCleansedExactlySo) {
+TEST_F(ZipReading, CleansesNamesOfItems) {
     // clang-format off
     const struct {
         std::string name;
@@ -26,7 +27,7 @@ TEST_F(ZipReading, NamesAreCleansedExactlySo) {
     for (const auto& row : rows) EXPECT_EQ(Described(Built(row.name)).name, row.cleansed) << row.name.substr(0, 40);
 }
 
-TEST_F(ZipReading, AttributesAndTimesAreTheItems) {
+TEST_F(ZipReading, TakesAttributesAndTimesOfTheItem) {
     const VirtualClock clock;  // local time is UTC
     const std::string times = Number(1000, 4) + Number(0xFFFFFFFE, 4) + Number(3000, 4);
     const std::uint64_t dos = fileTimeOf1970 + 1772701528 * second, last = fileTimeOf1970 + 1000 * second,
@@ -41,14 +42,16 @@ TEST_F(ZipReading, AttributesAndTimesAreTheItems) {
                 {"NTFS, all times", 0x0B17, 0x81800021, TimeField(13, 7, times), "", 0x21, last, access, creation},
                 {"Unix, writable; central time", 3 << 8, 0x81A40001, "", TimeField(5, 7, Number(1000, 4)), 0x20, last,
                  dos, dos},
-                {"Unix, read-only; field not as long as its flags", 3 << 8, 0x81240000,
+                {"Unix, read-only; field shorter than its flags say", 3 << 8, 0x81240000,
                  TimeField(9, 7, times.substr(0, 8)), "", 0x21, last, access, dos},
-                {"Unix directory; times two and three behind another field", 3 << 8, 0x41ED0000,
+                {"Unix directory; second and third time after another field", 3 << 8, 0x41ED0000,
                  "xx" + Number(1, 3) + TimeField(9, 6, times.substr(4)), "", 0x30, dos, access, creation}};
     for (const auto& row : rows) {
         Built entry("n");
-        entry.madeBy = row.madeBy, entry.attributes = row.external;
-        entry.localExtra = row.localExtra, entry.centralExtra = row.centralExtra;
+        entry.madeBy = row.madeBy;
+        entry.attributes = row.external;
+        entry.localExtra = row.localExtra;
+        entry.centralExtra = row.centralExtra;
         const ZipItem item = Described(entry);
         EXPECT_EQ(item.attr, row.attributes) << row.title;
         EXPECT_EQ((std::vector{item.mtime, item.atime, item.ctime}), (std::vector{row.mtime, row.atime, row.ctime}))
@@ -56,7 +59,7 @@ TEST_F(ZipReading, AttributesAndTimesAreTheItems) {
     }
 }
 
-TEST_F(ZipReading, WhatAnIndependentWriterPackedComesOutInEveryForm) {
+TEST_F(ZipReading, UnpacksAnotherWritersZipFromEverySource) {
     const std::string bytes = PackedByPeer(contents, bin / "a.zip");
     UnzipFiles(u"a.zip", u"..\\conf\\download");
     EXPECT_EQ(Tree(download), contents);
@@ -86,7 +89,7 @@ TEST_F(ZipReading, WhatAnIndependentWriterPackedComesOutInEveryForm) {
     }
 }
 
-TEST_F(ZipReading, OurOwnArchivesComeBackWithAttributesAndTimes) {
+TEST_F(ZipReading, UnpacksItsOwnZipsWithAttributesAndTimes) {
     Write(bin / "one", "one");
     fs::last_write_time(bin / "one", fs::last_write_time(bin / "one") - std::chrono::hours(50000));
     fs::permissions(bin / "one", fs::perms::owner_read);
@@ -104,7 +107,7 @@ TEST_F(ZipReading, OurOwnArchivesComeBackWithAttributesAndTimes) {
         fs::permissions(file, fs::perms::owner_all);  // so that they can be removed
 }
 
-TEST_F(ZipReading, NothingIsWrittenOutsideTheBase) {
+TEST_F(ZipReading, WritesNothingOutsideTheBase) {
     const char* const refused[] = {"../x",       "..\\x", "a/../../x", ".. /x",       ".../x",
                                    "in/plain/x", "",      "a/..",      "in/directory"};
     std::vector<Built> entries;
@@ -123,7 +126,7 @@ TEST_F(ZipReading, NothingIsWrittenOutsideTheBase) {
         EXPECT_EQ(Logged("Not able to unpack item [" + std::to_string(i) + "] ["), entries[i].data != "good") << i;
 }
 
-TEST_F(ZipReading, EveryLieIsRefusedAndLeavesNothing) {
+TEST_F(ZipReading, RefusesEveryLieAndLeavesNoFile) {
     const auto with = [](std::uint64_t Built::*field, std::uint64_t value) {
         Built entry("n");
         entry.*field = value;
@@ -131,7 +134,8 @@ TEST_F(ZipReading, EveryLieIsRefusedAndLeavesNothing) {
     };
     const auto bomb = [&](std::uint64_t size) {
         Built entry = with(&Built::size, size);
-        entry.data = Deflated(std::string(10000000, '\0')), entry.method = 8;
+        entry.data = Deflated(std::string(10000000, '\0'));
+        entry.method = 8;
         return entry;
     };
     Built twoNames("n"), outside("n");
@@ -144,8 +148,8 @@ TEST_F(ZipReading, EveryLieIsRefusedAndLeavesNothing) {
         ZipResult result;
         const char* logged;
     } rows[] = {
-        {"bomb, declared empty", {bomb(0)}, flateFailed, "[0x5000000] [Zip-bug: an internal error during flation]"},
-        {"bomb, declared small", {bomb(100000)}, flateFailed, ""},
+        {"a bomb declared as empty", {bomb(0)}, flateFailed, "[0x5000000] [Zip-bug: an internal error during flation]"},
+        {"a bomb declared as small", {bomb(100000)}, flateFailed, ""},
         {"4 GB declared", {with(&Built::size, 0xFFFFFFFE)}, flateFailed, "An item of 4294967294 bytes is more than"},
         {"a sum beyond the bound",
          {with(&Built::size, 0x1FF00000), with(&Built::size, 0x200000)},
@@ -172,38 +176,34 @@ TEST_F(ZipReading, EveryLieIsRefusedAndLeavesNothing) {
         fs::remove_all(download);
         Write(bin / "a.zip", bytes);
         UnzipFiles(u"a.zip", u"..\\conf\\download");
-        EXPECT_TRUE(fs::exists(download / "z")) << row.title;  // the next ones follow
+        EXPECT_TRUE(fs::exists(download / "z")) << row.title;  // the next item follows
         EXPECT_FALSE(fs::exists(download / "n")) << row.title;
         EXPECT_TRUE(Logged(row.logged)) << row.title;
         CloseUnzip(zip);
     }
 }
 
-TEST_F(ZipReading, AFileThatCannotBeWrittenIsDeletedAndAnArchiveThatCannotBeReadIsSaid) {
+TEST_F(ZipReading, LeavesNoHalfFileAfterAFailure) {
     PackedByPeer(contents, bin / "a.zip");
     using Operations = platform::FileOperations;
-    const struct {
-        const char* title;
-        Operations files;
-        ZipResult result;
-        const char* logged;
-    } rows[] = {{"disk full", Failing(&Operations::WriteFile, platform::error::diskFull), zip_result::writeFailed, ""},
-                {"read", Failing(&Operations::ReadFile, platform::error::readFault), zip_result::readFailed, ""},
-                {"create", Failing(&Operations::CreateFileW, platform::error::accessDenied), zip_result::noFile,
-                 "Error code : 5"}};
-    for (const auto& row : rows) {
+    const std::tuple<const char*, Operations, ZipResult, const char*> rows[] = {
+        {"a full disk", Failing(&Operations::WriteFile, platform::error::diskFull), zip_result::writeFailed, ""},
+        {"a read fault", Failing(&Operations::ReadFile, platform::error::readFault), zip_result::readFailed, ""},
+        {"a refused file", Failing(&Operations::CreateFileW, platform::error::accessDenied), zip_result::noFile,
+         "Error code : 5"}};
+    for (const auto& [title, files, result, logged] : rows) {
         ZipHandle zip = OpenZip(u"a.zip", nullptr);
         {
-            const platform::ScopedOperations<Operations> failing(row.files);
-            EXPECT_EQ(UnzipItem(zip, 1, u"new"), row.result) << row.title;
+            const platform::ScopedOperations<Operations> failing(files);
+            EXPECT_EQ(UnzipItem(zip, 1, u"new"), result) << title;
         }
-        EXPECT_FALSE(fs::exists(bin / "new")) << row.title;
-        EXPECT_TRUE(Logged(row.logged)) << row.title;
+        EXPECT_FALSE(fs::exists(bin / "new")) << title;
+        EXPECT_TRUE(Logged(logged)) << title;
         CloseUnzip(zip);
     }
 }
 
-TEST_F(ZipReading, FaultyCallsAreAnswered) {
+TEST_F(ZipReading, AnswersFaultyCalls) {
     ZipHandleRecord writer{ZipKind::writer, nullptr};
     ZipItem item;
     std::int32_t index = 3;

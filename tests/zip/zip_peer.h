@@ -1,5 +1,4 @@
-// Another implementation of the format, which shows whether the agent's own keeps to it: libzip on Linux. The tests on
-// Windows have none; there the agent's reader and writer check each other.
+// Another implementation of the format: libzip on Linux. On Windows the agent's reader and writer check each other.
 #pragma once
 
 #include <algorithm>
@@ -19,10 +18,10 @@ inline std::string Noise(std::size_t size) {
     return bytes;
 }
 
-/// Every file of an archive. Throws, or fails the test, when the archive is bad.
+/// Every file of an archive. Throws or fails the test if the archive is faulty.
 Files UnpackedByPeer(const std::string& bytes);
 
-/// Makes an archive, and gives its bytes.
+/// Makes an archive; its bytes.
 std::string PackedByPeer(const Files& contents, const std::filesystem::path& path);
 
 }  // namespace kv::test

@@ -1,4 +1,4 @@
-// Archives built byte by byte, and what tests of reading them share.
+// Archives built byte by byte, and the fixture of tests that read them.
 #pragma once
 
 #include <algorithm>
@@ -26,7 +26,7 @@ inline std::string TimeField(std::uint64_t size, std::uint64_t flags, const std:
     return "UT" + Number(size, 2) + Number(flags, 1) + times;
 }
 
-/// An entry for an archive that is built byte by byte; it is good as long as nothing is changed.
+/// An entry of an archive that is built byte by byte; sound unless a field is changed.
 struct Built {
     explicit Built(std::string itsName, const std::string& content = "content")
         : name(itsName), localName(itsName), data(content), size(content.size()) {
@@ -34,10 +34,11 @@ struct Built {
     }
     std::string name, localName, data, localExtra, centralExtra;
     std::uint64_t size, crc, method = 0, flags = 0, madeBy = 0, attributes = 0;
-    std::optional<std::uint64_t> localOffset;  // of a header that is already there
+    std::optional<std::uint64_t> localOffset;  // of an existing header
     std::uint64_t dosTime = 0x5C6548AE;        // 2026-03-05 09:05:28
 };
 
+/// The fields that a local record and a central header share.
 inline std::string CommonFields(const Built& entry, const std::string& extra) {
     return Number(entry.flags, 2) + Number(entry.method, 2) + Number(entry.dosTime, 4) + Number(entry.crc, 4) +
            Number(entry.data.size(), 4) + Number(entry.size, 4) + Number(entry.name.size(), 2) +
@@ -74,6 +75,7 @@ inline ZipHandle OpenBytes(const std::string& bytes, const char* password = null
     return OpenZipMemory(bytes.data(), bytes.size(), password);
 }
 
+/// The reader's description of an entry.
 inline ZipItem Described(const Built& entry) {
     const std::string bytes = Archive({entry});
     ZipHandle zip = OpenBytes(bytes);
@@ -83,7 +85,7 @@ inline ZipItem Described(const Built& entry) {
     return item;
 }
 
-/// Unpacks an item to memory in blocks of that size.
+/// Unpacks an item to memory in blocks.
 inline ZipResult ReadItem(ZipHandle zip, std::int32_t index, std::string& content, std::size_t blockSize = 1000) {
     ZipItem item;
     ZipResult result = GetZipItem(zip, index, item);
@@ -92,7 +94,8 @@ inline ZipResult ReadItem(ZipHandle zip, std::int32_t index, std::string& conten
     do {
         std::string block(std::min<std::size_t>(blockSize, item.uncompressedSize - content.size()), '\0');
         result = UnzipItemToMemory(zip, index, block.data(), block.size());
-        GetZipItem(zip, 0, item = {}), GetZipItem(zip, index, item);  // a look at another does not disturb
+        GetZipItem(zip, 0, item = {});  // asking about another item does not disturb
+        GetZipItem(zip, index, item);
         content += block;
     } while (result == zip_result::moreData);
     return result;
@@ -100,7 +103,7 @@ inline ZipResult ReadItem(ZipHandle zip, std::int32_t index, std::string& conten
 
 class ZipReading : public TestAgent {
   protected:
-    /// Everything below a directory, by path.
+    /// The files below a directory, by path.
     static Files Tree(const fs::path& directory) {
         Files files;
         for (const auto& entry : fs::recursive_directory_iterator(directory)) {

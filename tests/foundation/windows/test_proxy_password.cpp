@@ -1,5 +1,5 @@
-// Texts encrypted with a passphrase by the system itself. The cipher texts were computed apart: RC4 with the MD5 of the
-// passphrase's UTF-16 as its key of 128 bits.
+// Texts that the system encrypts with a passphrase. The cipher texts were computed independently: RC4 with a key of 128
+// bits, the MD5 of the passphrase in UTF-16.
 #include <gtest/gtest.h>
 
 #include "foundation/proxy_password.h"
@@ -8,16 +8,17 @@
 namespace kv::test {
 namespace {
 
-TEST(ProxyPassword, KnownTextsThereAndBack) {
+TEST(ProxyPassword, EncryptsAndDecryptsKnownTexts) {
     platform::InstallBackend();
     EXPECT_EQ(EnsureCryptoKeys(), 1) << "made";
     EXPECT_EQ(EnsureCryptoKeys(), 1) << "found";
     const std::tuple<const char*, std::u16string, std::u16string, std::u16string> rows[] = {
         {"as long as the passphrase", u"secret", u"passph", u"\x27B0\x584B\xB510\xBD86\x37DD\xBEF0"},
-        {"only so much of it counts", u"secret", u"passphrase", u"\x27B0\x584B\xB510\xBD86\x37DD\xBEF0"},
-        {"a shorter one goes on with zeros", u"gr\u00fcn\u20ac", u"key", u"\xFAA6\x54B7\x52C6\xCDF8\x491E"},
-        {"nothing", u"", u"key", u""},
-        {"the longest", std::u16string(31, u'x'), u"correct horse battery staple and more",
+        {"a passphrase counts up to the text's length", u"secret", u"passphrase",
+         u"\x27B0\x584B\xB510\xBD86\x37DD\xBEF0"},
+        {"a shorter passphrase is filled with zeros", u"gr\u00fcn\u20ac", u"key", u"\xFAA6\x54B7\x52C6\xCDF8\x491E"},
+        {"an empty text", u"", u"key", u""},
+        {"the longest text", std::u16string(31, u'x'), u"correct horse battery staple and more",
          u"\xB47C\x78B1\xD5D6\x491D\x1DCD\xE4B9\x6C55\x7394\x724A\xD12A\x8446\x259A\xA68C\xB83E\x9217\xE87D"
          u"\x9536\x656C\xFF86\xACC4\x155D\xCDCE\x7515\x79C5\xA997\xFE26\xABA0\xB5BB\x1636\xBEEE\xFE3E"},
     };
@@ -34,7 +35,7 @@ TEST(ProxyPassword, KnownTextsThereAndBack) {
     ASSERT_EQ(EncryptWithPassphrase(std::u16string(32, u'x'), cipher, u"key"), 1);
     std::u16string out = u"before";
     DecryptWithPassphrase(cipher, out, u"key");
-    EXPECT_EQ(out, u"before") << "32 characters";
+    EXPECT_EQ(out, u"before") << "32 characters are too many";
     DecryptWithPassphrase(u"\x27B0\x584B\xB510\xBD86\x37DD", out, u"passph");
     EXPECT_TRUE(out != u"secre" && out != u"before") << "another length, another key";
 }

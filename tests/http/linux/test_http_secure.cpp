@@ -1,5 +1,5 @@
-// Secure peers, for which the test's server needs OpenSSL, and what Wine does not show as Windows does it: lists of
-// proxies, patterns to be reached directly, credentials offered unasked, peers that hang up, chunks that are cut.
+// TLS peers, which need OpenSSL, and behaviour that Wine does not share with Windows: lists of proxies, bypass
+// patterns, credentials offered at once, peers that hang up, chunks that are cut.
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
@@ -14,9 +14,6 @@
 namespace kv::test {
 
 namespace {
-
-using testing::HasSubstr;
-using testing::Not;
 
 /// Signed by itself, without a name, and expired an hour ago.
 std::unique_ptr<httplib::Server> SecureServer() {
@@ -35,29 +32,29 @@ std::unique_ptr<httplib::Server> SecureServer() {
 class HttpSecure : public HttpTest {
   protected:
     HttpSecure() {
-        setenv("http_proxy", "http://127.0.0.1:1", 1);  // must never be taken
+        setenv("http_proxy", "http://127.0.0.1:1", 1);  // never to be used
         setenv("ALL_PROXY", "http://127.0.0.1:1", 1);
     }
 
     static std::u16string ProxyList(int port) { return u"http=" + At(port) + u";https=http://" + At(port); }
 };
 
-TEST_F(HttpSecure, NoRedirectLeadsOutOfASecureConnection) {
+TEST_F(HttpSecure, FollowsNoRedirectFromHttpsToHttp) {
     TestServer plain;
     TestServer secure(SecureServer());
     const std::u16string toPlain = u"/hop?to=http://127.0.0.1:" + DecimalText(plain.port) + u"/echo";
     const std::u16string toSecure = u"/hop?to=https://127.0.0.1:" + DecimalText(secure.port) + u"/echo";
-    EXPECT_EQ(Get(plain.port, toSecure), 12175u);  // the target's certificate was not asked to be tolerated
+    EXPECT_EQ(Get(plain.port, toSecure), 12175u);  // a plain request tolerates no faulty certificate
     agentState.gv_httpsEnabled = 1;
     EXPECT_EQ(Get(secure.port, toPlain), 13u);
     EXPECT_EQ(Get(secure.port, toSecure), 0u);
-    RawServer proxy(Says("HTTP/1.1 302 Found\r\nLocation: https://elsewhere.invalid/\r\n\r\n"));
+    RawServer proxy(Answers("HTTP/1.1 302 Found\r\nLocation: https://elsewhere.invalid/\r\n\r\n"));
     UseProxy(ProxyList(proxy.port), u"");
     EXPECT_EQ(Get(secure.port, u"/echo"), 13u);
 }
 
-TEST_F(HttpSecure, GoesThroughTheProxyWithItsCredentials) {
-    RawServer proxy(Forwards(basicCredentials));
+TEST_F(HttpSecure, SendsItsCredentialsToTheProxyAtOnce) {
+    RawServer proxy(ProxyThatWants(basicCredentials));
     TestServer plain;
     TestServer secure(SecureServer());
     for (TestServer* server : {&plain, &secure}) {
@@ -69,38 +66,39 @@ TEST_F(HttpSecure, GoesThroughTheProxyWithItsCredentials) {
         EXPECT_EQ(server->value, "via proxy");
         EXPECT_EQ(Post(server->port, u"/post", "via proxy too", 13), 0u);
         EXPECT_EQ(server->value, "via proxy too");
-        EXPECT_EQ(proxy.requests.size(), before + 2) << "offered without being asked";
+        EXPECT_EQ(proxy.requests.size(), before + 2) << "each with credentials";
         UseProxy(ProxyList(proxy.port), u"<local>", u"wrong");
         EXPECT_EQ(Get(server->port, u"/echo"), 407u);
         EXPECT_EQ(Post(server->port, u"/post", "x", 1), 407u);
     }
-    EXPECT_THAT(proxy.requests.back(), Not(HasSubstr("Connection: Closed")));  // that header is the server's
-    EXPECT_FALSE(Logged("X-Proxy: here"));  // nor are the tunnel's headers the server's
-    UseProxy(At(1), u"http://127.*.1");     // a pattern, for plain requests
+    EXPECT_THAT(proxy.requests.back(),
+                testing::Not(testing::HasSubstr("Connection: Closed")));  // a header for the server
+    EXPECT_FALSE(Logged("X-Proxy: here"));                                // the tunnel's headers are not the server's
+    UseProxy(At(1), u"http://127.*.1");                                   // a pattern for plain requests only
     EXPECT_EQ(Get(secure.port, u"/echo"), 12029u);
     agentState.gv_httpsEnabled = 0;
     EXPECT_EQ(Get(plain.port, u"/echo"), 0u);
-    UseProxy(u"::1", u"");  // at port 80, where nobody listens
+    UseProxy(u"::1", u"");  // port 80, where nobody listens
     EXPECT_EQ(Get(plain.port, u"/echo"), 12029u);
 }
 
-TEST_F(HttpSecure, ARefusalEndsAnUploadEarlyAndNothingElseDoes) {
+TEST_F(HttpSecure, OnlyARefusalEndsAnUploadEarly) {
     const std::string body(12'000'000, 'z');
     const std::string accepts = "HTTP/1.1 200 OK\r\nContent-Length: ";
     std::size_t got = 0;
     {
-        RawServer refuses(ReadsOnAfter("HTTP/1.1 413 Too Large\r\n\r\n", got));
+        RawServer refuses(AnswersThenReads("HTTP/1.1 413 Too Large\r\n\r\n", got));
         EXPECT_EQ(Post(refuses.port, u"/x", body, body.size()), 13u);
     }
     EXPECT_LT(got, body.size());
     {
-        RawServer wordy(ReadsOnAfter(accepts + "600000\r\n\r\n" + std::string(600'000, 'y'), got));
-        EXPECT_EQ(Post(wordy.port, u"/x", body, body.size()), 12030u) << "more than can be held back";
+        RawServer wordy(AnswersThenReads(accepts + "600000\r\n\r\n" + std::string(600'000, 'y'), got));
+        EXPECT_EQ(Post(wordy.port, u"/x", body, body.size()), 12030u) << "more than the client holds back";
     }
     const struct {
-        std::size_t size, taken;  // of a body that lies in the socket's buffers when the answer comes
+        std::size_t size, taken;  // bytes of the body, and how many the server reads before it answers
         int milliseconds;         // from the answer to the close
-        bool endsFirst;           // its sending, before the close
+        bool endsFirst;           // the server ends its sending before the close
         platform::Error expected;
     } rows[] = {
         {300'000, 300'000, 5, true, 0},
@@ -126,13 +124,13 @@ TEST_F(HttpSecure, ARefusalEndsAnUploadEarlyAndNothingElseDoes) {
     EXPECT_EQ(Post(secure.port, u"/unread", body, body.size()), 12030u);
     EXPECT_EQ(Post(secure.port, u"/post", body, body.size()), 0u);
     EXPECT_EQ(secure.value.size(), body.size());
-    RawServer breaks([&](Socket connection, const std::string&) {  // once both sides have greeted each other
+    RawServer breaks([&](Socket connection, const std::string&) {  // after the TLS greetings
         const Socket peer = ConnectToLoopback(secure.port);
         SendText(connection, "HTTP/1.1 200 OK\r\n\r\n");
         std::string bytes(65536, '\0');
         SendText(peer, bytes.substr(0, ReceiveBytes(connection, bytes.data(), bytes.size())));
         SendText(connection, bytes.substr(0, ReceiveBytes(peer, bytes.data(), bytes.size())));
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));  // no more goes out by now
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));  // until the client has filled the buffers
         const linger reset{1, 0};
         setsockopt(static_cast<int>(connection), SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
         CloseSocket(peer);
@@ -141,19 +139,19 @@ TEST_F(HttpSecure, ARefusalEndsAnUploadEarlyAndNothingElseDoes) {
     EXPECT_EQ(Post(secure.port, u"/post", body, body.size()), 12030u) << "reset in the middle";
 }
 
-TEST_F(HttpSecure, PeersThatSayNothing) {
-    for (const auto& [lines, expected] : {std::pair{250, 0u}, {265, 12182u}}) {  // of 1 KiB each, where 256 KiB pass
+TEST_F(HttpSecure, ReportsPeersThatSayTooMuchOrTooLittle) {
+    for (const auto& [lines, expected] : {std::pair{250, 0u}, {265, 12182u}}) {  // of 1 KiB; 256 KiB are allowed
         std::string headers = "HTTP/1.1 200 OK\r\n";
         for (int line = 0; line < lines; ++line) headers += "X: " + std::string(1019, 'x') + "\r\n";
-        RawServer wordy(Says(headers + "\r\n"));
+        RawServer wordy(Answers(headers + "\r\n"));
         EXPECT_EQ(Get(wordy.port, u"/x"), expected);
     }
-    RawServer gone(Says(""));
+    RawServer gone(Answers(""));
     EXPECT_EQ(Get(gone.port, u"/x"), 12030u);
     agentState.gv_httpsEnabled = 1;
     EXPECT_EQ(Get(gone.port, u"/x"), 12157u);
     agentState.gv_httpsEnabled = 0;
-    RawServer cut(Says("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\n123"));
+    RawServer cut(Answers("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\n123"));
     std::u16string url = u"/x";
     EXPECT_EQ(InternetDownloadFile({}, 0, url, u"part.bin", false), 12030u);
 }

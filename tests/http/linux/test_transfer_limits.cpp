@@ -1,4 +1,4 @@
-// When each limit of a transfer runs out, in times that no test could wait for.
+// When each limit of a transfer runs out.
 #include <gtest/gtest.h>
 #include <vector>
 
@@ -10,14 +10,14 @@ namespace {
 using namespace std::chrono_literals;
 using Stage = HttpTransferLimits::Stage;
 
-/// Something that a transfer notes after a time of silence.
+/// What a transfer notes after a time of silence.
 struct Sign {
     std::chrono::milliseconds after;
     char what;  // 'w' a wait begins, 'c' still connecting, 's' bytes sent, 'h' a header line, 'b' bytes of the body
     std::int64_t bytes = 1;
 };
 
-TEST(HttpTransferLimits, RunOutAfterTheLastSignThatCounts) {
+TEST(HttpTransferLimits, CountFromTheLastSignOfProgress) {
     const std::vector<Sign> aByteInTime(12, Sign{29s, 'b', 85}), headersInTime(4, Sign{20s, 'h'});
     const struct {
         const char* title;
@@ -26,19 +26,19 @@ TEST(HttpTransferLimits, RunOutAfterTheLastSignThatCounts) {
         std::chrono::milliseconds left;
     } rows[] = {
         {"silence while sending", Stage::send, {{5s, 's'}, {3s, 'w'}}, 10s},
-        {"a byte sent", Stage::send, {{9s, 's'}}, 10s},
-        {"what comes in is no sign of the sending", Stage::send, {{9s, 'h'}}, 1s},
+        {"a byte is sent", Stage::send, {{9s, 's'}}, 10s},
+        {"received bytes do not count while sending", Stage::send, {{9s, 'h'}}, 1s},
         {"silence after the request", Stage::headers, {{31s, 'w'}}, 30s},
         {"a header line", Stage::headers, {{29s, 'h'}}, 30s},
-        {"a line now and then", Stage::headers, headersInTime, 10s},
-        {"no limit on headers in the body", Stage::body, headersInTime, 30s},
+        {"a header line now and then", Stage::headers, headersInTime, 10s},
+        {"the limit on headers ends with them", Stage::body, headersInTime, 30s},
         {"out of time", Stage::send, {{11s, 'h'}}, -1s},
-        {"connecting has a limit of its own", Stage::send, {{301s, 'c'}}, 10s},
-        {"the pace begins with the connection", Stage::body, {{200s, 'c'}, {280s, 'b', 1023}}, 20s},
+        {"connecting does not count", Stage::send, {{301s, 'c'}}, 10s},
+        {"the pace counts from the connection", Stage::body, {{200s, 'c'}, {280s, 'b', 1023}}, 20s},
         {"too slow a body", Stage::body, {{200s, 'b'}, {95s, 'b', 1022}}, 5s},
         {"just fast enough", Stage::body, {{200s, 'b'}, {95s, 'b', 1023}}, 30s},
-        {"a byte in time is not enough", Stage::body, aByteInTime, -48s},
-        {"what is sent counts, too", Stage::send, {{295s, 's', 1024}}, 10s},
+        {"a byte now and then is too slow", Stage::body, aByteInTime, -48s},
+        {"sent bytes count for the pace", Stage::send, {{295s, 's', 1024}}, 10s},
     };
     for (const auto& row : rows) {
         HttpTransferLimits::TimePoint now{100h};
@@ -54,7 +54,7 @@ TEST(HttpTransferLimits, RunOutAfterTheLastSignThatCounts) {
         EXPECT_EQ(limits.TimeLeft(row.stage, now), row.left) << row.title;
     }
     const HttpTransferLimits limits(1ms, 1ms, HttpTransferLimits::TimePoint{});
-    EXPECT_EQ(limits.TimeLeft(Stage::send, HttpTransferLimits::TimePoint{1us}), 1ms) << "no wait is cut short";
+    EXPECT_EQ(limits.TimeLeft(Stage::send, HttpTransferLimits::TimePoint{1us}), 1ms) << "rounded up";
 }
 
 }  // namespace

@@ -1,5 +1,4 @@
-// Files as Linux has them.
-#include <atomic>
+// Files on Linux.
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <thread>
@@ -14,14 +13,14 @@ namespace {
 
 namespace fs = std::filesystem;
 
-TEST_F(FilesTest, NamesAreToldApartByCaseAndLinksAreFiles) {
+TEST_F(FilesTest, CaseCountsInNamesAndLinksAreFiles) {
     for (const char* name : {"a.txt", "A.txt", "\u00E4rger.zip"}) Write(fs::path("d") / name, "");
     fs::create_directory_symlink(folder, "d/link");
     EXPECT_EQ(Found(u"d\\*"), "./ ../ A.txt a.txt link \u00E4rger.zip ");
     EXPECT_EQ(Found(u"d\\a.TXT"), "2");
 }
 
-TEST_F(FilesTest, WhatIsMadeIsForOwnerAndGroupOnly) {
+TEST_F(FilesTest, NewFilesAreForOwnerAndGroupOnly) {
     const mode_t former = umask(0);
     FileHandle file = 0;
     Files().CreateFileW(u"made", FileAccess::write, FileShare::none, FileDisposition::createAlways, file);
@@ -35,26 +34,20 @@ TEST_F(FilesTest, WhatIsMadeIsForOwnerAndGroupOnly) {
     EXPECT_EQ(fs::status(Utf8FromWide(Files().NativePath(u"c:\\dir"))).permissions(), fs::perms(0750));
 }
 
-TEST_F(FilesTest, OpeningNeverWaits) {
+TEST_F(FilesTest, OpeningAPipeDoesNotWaitForItsWriter) {
     mkfifo("pipe", 0600);
-    const std::pair<std::u16string, Error> rows[] = {
-        {std::u16string(300, u'x'), error::fileNameTooLong},
-        {u"pipe", error::success},  // without a wait for its writer
-    };
-    for (const auto& [path, expected] : rows) {
-        FileHandle file = 0;
-        EXPECT_EQ(Files().CreateFileW(path, FileAccess::read, FileShare::none, FileDisposition::openExisting, file),
-                  expected);
-        EXPECT_EQ(file != 0, expected == error::success) << Utf8FromWide(path);
-        Files().CloseHandle(file);
-    }
+    FileHandle file = 0;
+    EXPECT_EQ(Files().CreateFileW(u"pipe", FileAccess::read, FileShare::none, FileDisposition::openExisting, file),
+              error::success);
+    Files().CloseHandle(file);
+    EXPECT_EQ(Put(std::u16string(300, u'x'), ""), error::fileNameTooLong);
 }
 
-TEST_F(FilesTest, AFullDiskIsAnErrorAndNeverHalfACopy) {
+TEST_F(FilesTest, AFullDiskIsAnErrorAndLeavesNoHalfCopy) {
     Write("./big", std::string(100'000, 'b'));
     Write("./target", "as it was");
-    Write("./.copy-target", std::string(200'000, 'k'));  // left by a copy that was killed
-    rlimit former{};  // no file grows beyond the limit: the next best thing to a full disk
+    Write("./.copy-target", std::string(200'000, 'k'));  // left by a killed copy
+    rlimit former{};                                     // a limit on the size of files stands in for a full disk
     getrlimit(RLIMIT_FSIZE, &former);
     const rlimit limit{4096, former.rlim_max};
     setrlimit(RLIMIT_FSIZE, &limit);
@@ -93,15 +86,13 @@ TEST_F(FilesTest, AFileIsInUseWhileAnotherProcessHasItOpenForWriting) {
 }
 
 TEST_F(FilesTest, AskingForTheUseStateDisturbsNoWriter) {
-    std::atomic<bool> done{false};
     std::vector<std::jthread> askers(3);
     for (std::jthread& asker : askers) {
-        asker = std::jthread([&] {
-            while (!done) Files().GetFileUseState(u"f");
+        asker = std::jthread([](const std::stop_token& stop) {
+            while (!stop.stop_requested()) Files().GetFileUseState(u"f");
         });
     }
     for (int round = 0; round < 3000; ++round) EXPECT_EQ(Put(u"f", "x"), error::success);
-    done = true;
     EXPECT_EQ(fs::file_size("f"), 3000U);
 }
 

@@ -1,8 +1,10 @@
+// Scripts and their processes on Linux.
 #include <csignal>
 #include <fcntl.h>
 #include <fstream>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <tuple>
 #include <unistd.h>
 
 #include "platform/clock.h"
@@ -31,7 +33,7 @@ class ProcessTest : public kv::test::TestFolder {
         return {u"", u"conf dir\\it's\\" + std::u16string(name), std::u16string(arguments), u"out $dir\\o'ut"};
     }
 
-    /// Runs a line to its end; its exit code, or -1 when it did not start or end.
+    /// Runs a line to its end; its exit code, or -1 if it did not start or end.
     static int Run(std::u16string_view line) {
         ProcessHandle process = 0;
         if (Processes().CreateProcessW(line, u"", process) != 0) return -1;
@@ -42,10 +44,10 @@ class ProcessTest : public kv::test::TestFolder {
         return ended ? static_cast<int>(code) : -1;
     }
 
-    /// The number that a child writes into the pipe "id".
+    /// The process id that a child writes into the pipe "id".
     static pid_t AwaitId() { return std::stoi(Read("id")); }
 
-    /// A zombie that nobody has collected yet is gone as well.
+    /// Whether a process ends within a second. A zombie has ended.
     static bool EndsSoon(pid_t id) {
         for (int look = 0; look < 100; ++look, Clock().Sleep(10)) {
             const std::string status = Read("/proc/" + std::to_string(id) + "/status");
@@ -55,39 +57,37 @@ class ProcessTest : public kv::test::TestFolder {
     }
 };
 
-TEST_F(ProcessTest, ArgumentsReachTheScriptAsTheyAre) {
+TEST_F(ProcessTest, ArgumentsReachTheScriptUnchanged) {
     Script("show.sh", "#!/bin/sh\nfor argument; do printf '[%s]\\n' \"$argument\"; done\n");
     fs::create_directory("out $dir");
-    const struct {
-        const char* title;
-        std::u16string_view arguments;
-        std::string expected;
-    } rows[] = {
+    const std::tuple<const char*, std::u16string_view, std::string> rows[] = {
         {"blanks and tabs separate", u"  a  b\tc ", "[a]\n[b]\n[c]\n"},
         {"double quotes keep together", u"c\"d e\"f \"\" a \"b c", "[cd ef]\n[]\n[a]\n[b c]\n"},
         {"backslashes escape quotes only", u"\\\"hi\\\" c:\\x\\\\y \\", "[\"hi\"]\n[c:\\x\\\\y]\n[\\]\n"},
-        {"nothing is for the shell", u"$(touch bad) `x` ;rm * >y | & $HOME it's 'a\nb'",
+        {"the shell interprets nothing", u"$(touch bad) `x` ;rm * >y | & $HOME it's 'a\nb'",
          "[$(touch]\n[bad)]\n[`x`]\n[;rm]\n[*]\n[>y]\n[|]\n[&]\n[$HOME]\n[it's]\n['a\nb']\n"},
         {"a number before the redirection", u"2", "[2]\n"},
         {"no arguments", u"", ""},
         {"beyond ASCII, and a zero", std::u16string_view(u"\u00E4\U0001F600 x\0y", 7),
          "[\xC3\xA4\xF0\x9F\x98\x80]\n[x\xEF\xBF\xBDy]\n"},
     };
-    for (const auto& row : rows) {
+    for (const auto& [title, arguments, expected] : rows) {
         fs::remove("out $dir/o'ut");
-        EXPECT_EQ(Run(Processes().ComposeScriptLine(Command(u"show.sh", row.arguments))), 0) << row.title;
-        EXPECT_EQ(Read("out $dir/o'ut"), row.expected) << row.title;
+        EXPECT_EQ(Run(Processes().ComposeScriptLine(Command(u"show.sh", arguments))), 0) << title;
+        EXPECT_EQ(Read("out $dir/o'ut"), expected) << title;
     }
     EXPECT_FALSE(fs::exists("bad"));
     Run(Processes().ComposeScriptLine(Command(u"show.sh", u"more")));
-    EXPECT_TRUE(Read("out $dir/o'ut").ends_with("[more]\n")) << "output is appended";
+    EXPECT_TRUE(Read("out $dir/o'ut").ends_with("[more]\n")) << "appended";
     Script("plain.sh", "exit 5\n", false);
-    EXPECT_EQ(Run(Processes().ComposeScriptLine(Command(u"plain.sh", u""))), 5) << "not executable, no interpreter";
-    EXPECT_EQ(Run(Processes().ComposeScriptLine({u"cscript.exe //U", u"x.vbs", u"a", {}})), 127) << "no such host";
+    EXPECT_EQ(Run(Processes().ComposeScriptLine(Command(u"plain.sh", u""))), 5)
+        << "neither executable nor with an interpreter";
+    EXPECT_EQ(Run(Processes().ComposeScriptLine({u"cscript.exe //U", u"x.vbs", u"a", {}})), 127)
+        << "the host is missing";
 }
 
 TEST_F(ProcessTest, AChildInheritsNothing) {
-    const int open = ::open("/dev/null", O_RDONLY);  // on purpose not closed at exec
+    const int open = ::open("/dev/null", O_RDONLY);  // deliberately stays open at exec
     std::signal(SIGPIPE, SIG_IGN);
     EXPECT_EQ(Run(u"exec >state; ls /proc/self/fd; grep -E 'Sig(Blk|Ign)' /proc/self/status; cat; pwd; ls -l nofile"),
               2);
@@ -96,52 +96,49 @@ TEST_F(ProcessTest, AChildInheritsNothing) {
               "0\n1\n2\n3\nSigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n" + work.string() + "\n");
 
     ProcessHandle process = 0;
-    EXPECT_EQ(Processes().CreateProcessW(u"true", u"none", process), error::directoryName);
+    EXPECT_EQ(Processes().CreateProcessW(u"true", u"missing", process), error::directoryName);
     EXPECT_EQ(Processes().CreateProcessW(std::u16string(200'000, u'x'), u"", process), error::fileNameTooLong);
     EXPECT_EQ(process, 0U);
 }
 
 TEST_F(ProcessTest, TerminationEndsTheWholeTree) {
-    const struct {
-        const char* title;
-        std::u16string line;  // writes the id of a process that must not survive
-    } rows[] = {
-        {"ignores the polite signals", u"trap '' TERM HUP INT; echo $$ >id; while :; do sleep 1; done"},
-        {"an orphan in a session of its own without environment",
+    const std::tuple<const char*, std::u16string> rows[] = {
+        {"a process that ignores the polite signals", u"trap '' TERM HUP INT; echo $$ >id; while :; do sleep 1; done"},
+        {"an orphan in a new session with an empty environment",
          u"(env -i setsid sh -c 'trap \"\" TERM; echo $$ >id; sleep 100' &) ; sleep 100"},
         {"an orphan's orphan", u"(setsid sh -c '(setsid sh -c \"echo \\$\\$ >id; sleep 100\" &)' &) ; sleep 100"},
-        {"one that stopped itself", u"sh -c 'echo $$ >id; kill -STOP $$' & sleep 100"},
-        {"one that never stops forking",
+        {"a process that stopped itself", u"sh -c 'echo $$ >id; kill -STOP $$' & sleep 100"},
+        {"a process that forks all the time",
          u"setsid sh -c 'echo $$ >id; while :; do (setsid sleep 100 &); done' & sleep 100"},
     };
-    for (const auto& row : rows) {
+    for (const auto& [title, line] : rows) {
         const pid_t starter = fork();
         if (starter == 0) {
             ProcessHandle process = 0;
-            Processes().CreateProcessW(row.line, u"", process);
+            Processes().CreateProcessW(line, u"", process);
             for (;;) pause();
         }
         const pid_t orphan = AwaitId();
         kill(starter, SIGKILL);
         waitpid(starter, nullptr, 0);
-        EXPECT_TRUE(EndsSoon(orphan)) << row.title << ", and whoever started it is killed";
+        EXPECT_TRUE(EndsSoon(orphan)) << title << ": its starter was killed";
 
         ProcessHandle process = 0;
-        ASSERT_EQ(Processes().CreateProcessW(row.line, u"", process), error::success) << row.title;
+        ASSERT_EQ(Processes().CreateProcessW(line, u"", process), error::success) << title;
         const pid_t survivor = AwaitId();
         std::uint32_t code = 0;
-        EXPECT_EQ(Processes().WaitForSingleObject(process, 20), error::waitTimeout) << row.title;
-        EXPECT_EQ(Processes().GetExitCodeProcess(process, code), error::busy) << row.title;
-        EXPECT_EQ(Processes().TerminateProcess(process), error::success) << row.title;
-        EXPECT_TRUE(EndsSoon(survivor)) << row.title;
-        EXPECT_EQ(Processes().GetExitCodeProcess(process, code), error::success) << row.title;
-        EXPECT_EQ(code, 137U) << row.title;
+        EXPECT_EQ(Processes().WaitForSingleObject(process, 20), error::waitTimeout) << title;
+        EXPECT_EQ(Processes().GetExitCodeProcess(process, code), error::busy) << title;
+        EXPECT_EQ(Processes().TerminateProcess(process), error::success) << title;
+        EXPECT_TRUE(EndsSoon(survivor)) << title;
+        EXPECT_EQ(Processes().GetExitCodeProcess(process, code), error::success) << title;
+        EXPECT_EQ(code, 137U) << title;
         Processes().CloseProcess(process);
     }
     EXPECT_EQ(Run(u"for at in /proc/[0-9]*; do case ${at#/proc/} in $$|" + WideFromUtf8(std::to_string(getpid())) +
                   u") continue; esac; [ \"$(readlink $at/cwd)\" = \"$PWD\" ] && exit 1; done; exit 0"),
               0)
-        << "someone is left in the test's folder";
+        << "a process is left in the test's folder";
 }
 
 TEST_F(ProcessTest, AScriptThatLeavesAChildBehindHasEnded) {
@@ -153,7 +150,7 @@ TEST_F(ProcessTest, AScriptThatLeavesAChildBehindHasEnded) {
     EXPECT_EQ(kill(child, SIGKILL), 0);
     EXPECT_TRUE(EndsSoon(child));
 
-    // Not waited for at all: it goes on, and is reaped when another starts or ends.
+    // Without a wait, it goes on and is reaped when another starts or ends.
     ASSERT_EQ(Processes().CreateProcessW(u"echo $PPID >id; read line <id", u"", process), error::success);
     Processes().CloseProcess(process);
     const pid_t guardian = AwaitId();

@@ -1,5 +1,4 @@
-// The registry in its file: among many processes, killed ones among them, and over files that are not what they should
-// be.
+// The registry's file: with several processes, kills, locks, and files that are not a registry.
 #include <filesystem>
 #include <functional>
 #include <gtest/gtest.h>
@@ -31,18 +30,18 @@ class RegistryFile : public TestFolder {
     fs::path file = folder / "state" / "registry.db";
 };
 
-TEST_F(RegistryFile, ReadingLeavesNoFileBehindAndAWriteMakesOneForItsOwnerOnly) {
+TEST_F(RegistryFile, OnlyAWriteMakesTheFileAndForItsOwnerOnly) {
     EXPECT_EQ(GetBytes(u"Software", u"name"), "error 2");
     EXPECT_EQ(Registry().RegDeleteTreeW(RootKey::localMachine, u"Software"), error::fileNotFound);
     EXPECT_TRUE(fs::is_empty(folder / "state"));
     EXPECT_EQ(SetBytes(u"Software\\A", u"name", "data"), error::success);
-    CloseRegistry();  // what a start on a full disk reads stays
+    CloseRegistry();  // the log stays for a start on a full disk
     for (const char* name : {"registry.db", "registry.db-wal", "registry.db-shm"}) {
         EXPECT_EQ(fs::status(folder / "state" / name).permissions(), fs::perms::owner_read | fs::perms::owner_write);
     }
 }
 
-TEST_F(RegistryFile, AFileThatIsGoneIsMadeAnewAndItsHandlesAreOfDeletedKeys) {
+TEST_F(RegistryFile, AWriteMakesADeletedFileAgainWithoutItsKeys) {
     ASSERT_EQ(SetBytes(u"K", u"v", "1"), error::success);
     RegistryKey key = 0;
     Open(u"K", key);
@@ -54,13 +53,13 @@ TEST_F(RegistryFile, AFileThatIsGoneIsMadeAnewAndItsHandlesAreOfDeletedKeys) {
     EXPECT_EQ(GetBytes(u"K", u"v"), "present");
 }
 
-TEST_F(RegistryFile, AChangeOfAnotherProcessIsSeenOnce) {
+TEST_F(RegistryFile, SeesAChangeOfAnotherProcessOnce) {
     ASSERT_EQ(SetBytes(u"K", u"v", "1"), error::success);
-    const RegistryOperations other = platform::LinuxRegistry();  // a second connection, as another process has
+    const RegistryOperations other = platform::LinuxRegistry();  // a second connection, like that of another process
     VirtualClock clock;
     RegistryKey key = 0;
     Open(u"K", key);
-    Registry().RegNotifyChangeKeyValue(key, 0);  // what happened before
+    Registry().RegNotifyChangeKeyValue(key, 0);  // earlier changes
     const std::int64_t start = clock.nowMilliseconds();
     EXPECT_EQ(Registry().RegNotifyChangeKeyValue(key, 1500), error::waitTimeout);
     EXPECT_EQ(clock.nowMilliseconds() - start, 1500);
@@ -76,7 +75,7 @@ TEST_F(RegistryFile, AChangeOfAnotherProcessIsSeenOnce) {
     EXPECT_EQ(Registry().RegNotifyChangeKeyValue(key, 0), error::keyDeleted);
 }
 
-/// A child process that runs work and ends with its result. The registry must not be open in this process.
+/// Starts a child process that runs work and exits with its result. This process must not have the registry open.
 pid_t Fork(const std::function<int()>& work) {
     const pid_t child = fork();
     if (child == 0) _exit(work());
@@ -93,14 +92,14 @@ int CountTo100(std::u16string_view name) {
 }
 
 TEST_F(RegistryFile, ProcessesThatWriteAtOnceLoseNothing) {
-    // From nothing: the processes also compete for making the file.
+    // The processes also compete for making the file.
     const std::u16string_view names[] = {u"first", u"second", u"third"};
     for (const std::u16string_view name : names) Fork([name] { return CountTo100(name); });
     for (int status = 0; wait(&status) > 0;) EXPECT_EQ(status, 0);
     for (const std::u16string_view name : names) EXPECT_EQ(GetBytes(u"Counters", name), "100");
 }
 
-TEST_F(RegistryFile, AWriterKilledAtAnyMomentLosesNothingItHasBeenToldIsStored) {
+TEST_F(RegistryFile, AKilledWriterLosesNothingThatIsStored) {
     int stored = 0;
     for (int round = 0; round < 12; ++round) {
         int ends[2] = {};
@@ -115,7 +114,7 @@ TEST_F(RegistryFile, AWriterKilledAtAnyMomentLosesNothingItHasBeenToldIsStored) 
         const int enough = stored + 1 + round;
         while (stored < enough && read(ends[0], &stored, sizeof stored) == sizeof stored) {
         }
-        usleep(static_cast<useconds_t>(round * 700));  // so that the end comes at different steps of a write
+        usleep(static_cast<useconds_t>(round * 700));  // kills it at different steps of a write
         kill(child, SIGKILL);
         waitpid(child, nullptr, 0);
         while (read(ends[0], &stored, sizeof stored) == sizeof stored) {
@@ -128,10 +127,10 @@ TEST_F(RegistryFile, AWriterKilledAtAnyMomentLosesNothingItHasBeenToldIsStored) 
     }
 }
 
-TEST_F(RegistryFile, ALockIsWaitedForAndThenGivenUp) {
+TEST_F(RegistryFile, WaitsForALockAndGivesUp) {
     const std::tuple<const char*, const char*, Error> rows[] = {
-        {"everything", "PRAGMA locking_mode = EXCLUSIVE; BEGIN EXCLUSIVE", error::busy},
-        // A file without its log must be switched before a write, which a reader prevents.
+        {"the whole file", "PRAGMA locking_mode = EXCLUSIVE; BEGIN EXCLUSIVE", error::busy},
+        // A reader prevents a file without its log from being switched to it.
         {"the switch to the log", "PRAGMA journal_mode = DELETE; BEGIN; SELECT * FROM key", error::success},
     };
     for (const auto& [title, lock, read] : rows) {
@@ -155,21 +154,21 @@ TEST_F(RegistryFile, ALockIsWaitedForAndThenGivenUp) {
         clock.onSleep = [&](std::uint32_t) {
             if (clock.nowMilliseconds() - start > 6000) sqlite3_close(std::exchange(holder, nullptr));
         };
-        EXPECT_EQ(SetBytes(u"K", u"v", "3"), error::success) << "once the other has let go";
+        EXPECT_EQ(SetBytes(u"K", u"v", "3"), error::success) << "after the other has released it";
         EXPECT_EQ(GetBytes(u"K", u"v"), "3");
     }
 }
 
-TEST_F(RegistryFile, FilesThatAreNoRegistryAreLeftAlone) {
+TEST_F(RegistryFile, LeavesOtherFilesAlone) {
     constexpr Error corrupt = error::databaseCorrupt;
     const std::string refused = "error " + std::to_string(corrupt);
     const std::tuple<const char*, std::string, const char*, std::string, Error> rows[] = {
         {"text", "just some text, long enough to be looked at\n", "", refused, corrupt},
         {"another program's database", "", "CREATE TABLE key (id)", refused, corrupt},
         {"a later version", "", "PRAGMA application_id = 0x4B565247; PRAGMA user_version = 2", refused, corrupt},
-        {"empty, as a process leaves it that is killed at once", "", "", "error 2", error::success},
+        {"an empty file, left by a killed process", "", "", "error 2", error::success},
     };
-    for (const auto& [title, bytes, sql, read, write] : rows) {  // the statement is run on the file by SQLite itself
+    for (const auto& [title, bytes, sql, read, write] : rows) {  // SQLite itself runs the statement
         SCOPED_TRACE(title);
         CloseRegistry();
         for (const char* suffix : {"-wal", "-shm"}) fs::remove(file.string() + suffix);

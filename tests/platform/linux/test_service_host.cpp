@@ -1,4 +1,4 @@
-// This process as a service: a socket in the manager's place hears its notices, and real signals tell it what to do.
+// This process as a service: a socket receives its notices in the manager's place, and real signals control it.
 #include <atomic>
 #include <chrono>
 #include <csignal>
@@ -23,8 +23,8 @@ namespace {
 struct Scene {
     const char* title;
     std::vector<int> early;  // signals before the handler is registered, which are dropped
-    std::vector<int> later;  // and after the first report, taken in the order of their numbers
-    std::string expected;    // notices and controls in turn
+    std::vector<int> later;  // signals after the first report, taken in the order of their numbers
+    std::string expected;    // notices and controls, in turn
     std::uint32_t accepts = 7;
     const char* system = "running";
 };
@@ -44,7 +44,7 @@ void Send(const std::vector<int>& signals) {
     for (const int signal : signals) kill(getpid(), signal);
 }
 
-/// Waits until the dispatcher, which runs on the process's first thread, has taken what was sent and sleeps again.
+/// Waits until the dispatcher, on the process's first thread, has taken the signals and sleeps again.
 void AwaitTaken() {
     const auto isPending = [] {
         sigset_t pending{};
@@ -61,7 +61,7 @@ void AwaitTaken() {
 
 void Report(ServiceState state) {
     const ServiceStatus status{.dwCurrentState = state, .dwControlsAccepted = scene->accepts};
-    const std::lock_guard hold(traceLock);  // before a control that follows from it
+    const std::lock_guard hold(traceLock);  // a control that follows waits
     EXPECT_EQ(ServiceHost().SetServiceStatus(handle, status), error::success);
     std::string notice(200, '\0');
     const ssize_t size = recv(managerSocket, notice.data(), notice.size(), MSG_DONTWAIT);
@@ -72,9 +72,9 @@ std::uint32_t Handle(std::uint32_t control, std::uint32_t, void*, void*) {
     Traced(std::to_string(control));
     if (control == service_control::stop || control == service_control::shutdown) {
         Report(ServiceState::stopPending);
-        if (Traced().size() < 1000) Send({SIGTERM, SIGUSR1, SIGHUP});  // too late for all of them
+        if (Traced().size() < 1000) Send({SIGTERM, SIGUSR1, SIGHUP});  // all of them too late
     }
-    // Also after a stop, as a start does that the stop has overtaken.
+    // Also after a stop, like a start that the stop has overtaken.
     Report(control == service_control::pause ? ServiceState::paused : ServiceState::running);
     return 0;
 }
@@ -88,7 +88,7 @@ void Main() {
     Report(scene->early.empty() ? ServiceState::running : ServiceState::startPending);
     Send(scene->later);
     for (int tries = 0; tries < 500 && Traced() != scene->expected; ++tries) usleep(1000);
-    usleep(20000);  // in which nothing more may come
+    usleep(20000);  // more would be an error
     Report(ServiceState::stopped);
 }
 
@@ -101,7 +101,7 @@ void StoppedBeforeItReports() {
     isOver.count_down();
 }
 
-/// So that the next notice finds no room.
+/// Fills the socket's queue, so that the next notice does not fit.
 void Fill(int socket) {
     sockaddr_un address{};
     socklen_t length = sizeof address;
@@ -109,7 +109,7 @@ void Fill(int socket) {
     while (sendto(socket, "", 0, MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&address), length) >= 0) continue;
 }
 
-/// The manager does not read: what is reported counts all the same, and a second stop does nothing.
+/// The manager does not read. A report counts anyway, and a second stop does nothing.
 void UnheardMain() {
     static std::atomic<int> stops = 0;
     ServiceHost().RegisterServiceCtrlHandlerExW(
@@ -128,35 +128,36 @@ void UnheardMain() {
     EXPECT_EQ(stops, 1);
 }
 
-TEST(ServiceHost, AManagerThatSaysNothingHoldsUpNoStop) {
+TEST(ServiceHost, DoesNotWaitForASilentManager) {
     const kv::test::FakeSystemd silent({}, {"accept", ""});
     const auto start = std::chrono::steady_clock::now();
     EXPECT_FALSE(systemd::IsMachineGoingDown(std::chrono::milliseconds(100)));
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
 }
 
-TEST(ServiceHost, SignalsBecomeTheControlsThatAreAccepted) {
+TEST(ServiceHost, SignalsBecomeAcceptedControls) {
     InstallBackend();
     InstallServices();
     const Descriptor manager(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     managerSocket = manager.get();
     sockaddr_un address{AF_UNIX, {}};
     const std::string name = "kv_test_notices_" + std::to_string(getpid());
-    name.copy(address.sun_path + 1, name.size());  // no file, but a name of the kernel's
+    name.copy(address.sun_path + 1, name.size());  // an abstract name, without a file
     const std::size_t length = offsetof(sockaddr_un, sun_path) + 1 + name.size();
     ASSERT_EQ(bind(managerSocket, reinterpret_cast<const sockaddr*>(&address), static_cast<socklen_t>(length)), 0);
     setenv("NOTIFY_SOCKET", ("@" + name).c_str(), 1);
     setenv("SYSTEMD_EXEC_PID", "1", 1);
-    EXPECT_EQ(ServiceHost().StartServiceCtrlDispatcherW(u"a", Main), error::serviceControllerConnect) << "inherited";
+    EXPECT_EQ(ServiceHost().StartServiceCtrlDispatcherW(u"a", Main), error::serviceControllerConnect)
+        << "of another process";
     setenv("SYSTEMD_EXEC_PID", std::to_string(getpid()).c_str(), 1);
     const std::string running = "READY=1\nSTATUS=Running|", paused = "STATUS=Paused: collection goes on|";
     const std::string stopping = "STOPPING=1\nSTATUS=Stopping|" + running;
     const Scene scenes[] = {
-        {"a stop, and again meanwhile", {}, {SIGTERM}, running + "1|" + stopping},
+        {"a stop, and another one meanwhile", {}, {SIGTERM}, running + "1|" + stopping},
         {"a stop from a keyboard", {}, {SIGINT}, running + "1|" + stopping},
         {"a pause before the handler is there", {SIGUSR1}, {SIGTERM}, "STATUS=Starting|1|" + stopping},
         {"the machine goes down", {}, {SIGTERM}, running + "5|" + stopping, 7, "stopping"},
-        {"a hang-up, pause, continue", {}, {SIGHUP, SIGUSR1, SIGUSR2}, running + "2|" + paused + "3|" + running},
+        {"hang-up, pause and continue", {}, {SIGHUP, SIGUSR1, SIGUSR2}, running + "2|" + paused + "3|" + running},
         {"pause is not accepted", {}, {SIGUSR1, SIGUSR2, SIGTERM}, running + "1|" + stopping, service_accepts::stop},
         {"stop is not accepted", {}, {SIGTERM, SIGUSR1}, running + "2|" + paused, service_accepts::pauseAndContinue},
     };
@@ -172,7 +173,8 @@ TEST(ServiceHost, SignalsBecomeTheControlsThatAreAccepted) {
     Fill(managerSocket);
     EXPECT_EQ(ServiceHost().StartServiceCtrlDispatcherW(u"a", UnheardMain), error::success);
     unsetenv("NOTIFY_SOCKET");
-    EXPECT_EQ(ServiceHost().StartServiceCtrlDispatcherW(u"a", Main), error::serviceControllerConnect) << "no socket";
+    EXPECT_EQ(ServiceHost().StartServiceCtrlDispatcherW(u"a", Main), error::serviceControllerConnect)
+        << "without a socket";
 }
 
 }  // namespace

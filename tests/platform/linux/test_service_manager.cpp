@@ -15,7 +15,6 @@ namespace {
 using kv::test::BusFault;
 using kv::test::FakeSystemd;
 using kv::test::FakeUnit;
-#define MANAGER_ERROR "org.freedesktop.systemd1."
 using Properties = std::map<std::string, std::string>;
 
 class ServiceManagerTest : public kv::test::TestFolder {
@@ -33,7 +32,7 @@ class ServiceManagerTest : public kv::test::TestFolder {
         for (ServiceHandle* handle : {&service, &manager}) services.CloseServiceHandle(std::exchange(*handle, 0));
     }
 
-    /// One that waits for long, as on a busy machine, unless the fault is that systemd says nothing.
+    /// The operations. They wait long, for a busy machine, unless systemd is to say nothing.
     ServiceManagerOperations ManagerFor(const BusFault& fault) const {
         const bool isSilent = !fault.at.empty() && fault.what.empty();
         return LinuxServiceManager({units, std::chrono::milliseconds(isSilent ? 500 : 60000)});
@@ -48,9 +47,11 @@ FakeUnit A(const char* active, Properties properties = {}, const char* job = "",
     return {.id = "a.service", .active = active, .load = load, .job = job, .properties = std::move(properties)};
 }
 
-TEST_F(ServiceManagerTest, UnitsAreServicesThatTakeControls) {
+TEST_F(ServiceManagerTest, UnitsAreServicesWithStatesAndControls) {
     using namespace service_control;
     constexpr std::uint32_t ask = interrogate, begin = 0;
+    const BusFault conflict{"StartUnit", "org.freedesktop.systemd1.TransactionIsDestructive"};
+    const BusFault missingUnit{"StartUnit", "org.freedesktop.systemd1.NoSuchUnit"};
     const FakeUnit running = A("active"), frozen = A("active", {{"FreezerState", "frozen"}});
     const FakeUnit onDisk{.id = "a.service", .load = "", .file = "/a.service", .fileState = "static"};
     const struct {
@@ -58,17 +59,18 @@ TEST_F(ServiceManagerTest, UnitsAreServicesThatTakeControls) {
         std::u16string_view name;
         FakeUnit unit;
         std::uint32_t control;
-        std::string expected;  // errors of open and control, state, exit code, own one, has a check point, hint, deeds
+        // Errors of opening and control, state, exit code, own exit code, has a check point, wait hint, deeds.
+        std::string expected;
         BusFault fault = {};
     } rows[] = {
         {"in another letter case", u"A.service", running, ask, "0 0 4 0 0 0 0 "},
-        {"the same, and there is just its file", u"A", onDisk, ask, "0 1062 1 0 0 0 0 "},
+        {"in another letter case, not loaded yet", u"A", onDisk, ask, "0 1062 1 0 0 0 0 "},
         {"by an alias", u"a", {"b.service", "active", "loaded", "", "a.service"}, ask, "0 0 4 0 0 0 0 "},
-        {"by what no unit can be called", u"A  - B", {"a-b.service", "active"}, ask, "0 0 4 0 0 0 0 "},
+        {"by a name that units cannot have", u"A  - B", {"a-b.service", "active"}, ask, "0 0 4 0 0 0 0 "},
         {"by escapes", u"a\\x2dB@c", {"a\\x2dB@c.service", "active"}, ask, "0 0 4 0 0 0 0 "},
-        {"none of that name", u"a", {"ab.service", "active"}, ask, "1060"},
-        {"no name at all", u" -_ ", running, ask, "123"},
-        {"little is left of it", u"\u65E5-a", running, ask, "123"},
+        {"an unknown name", u"a", {"ab.service", "active"}, ask, "1060"},
+        {"only separators", u" -_ ", running, ask, "123"},
+        {"a name beyond ASCII", u"\u65E5-a", running, ask, "123"},
         {"being frozen", u"a", A("active", {{"FreezerState", "freezing"}}), stop, "0 1061 6 0 0 1 500 "},
         {"starting", u"a", A("activating"), pause, "0 1061 2 0 0 1 500 "},
         {"stopping", u"a", A("deactivating"), stop, "0 1061 3 0 0 1 500 "},
@@ -76,22 +78,22 @@ TEST_F(ServiceManagerTest, UnitsAreServicesThatTakeControls) {
         {"failed", u"a", A("failed", {{"ExecMainCode", "1"}, {"ExecMainStatus", "7"}}), ask, "0 1062 1 1066 7 0 0 "},
         {"killed", u"a", A("failed", {{"ExecMainCode", "2"}, {"ExecMainStatus", "9"}}), ask, "0 1062 1 1067 0 0 0 "},
         {"start", u"a", A("inactive"), begin, "0 0 2 0 0 1 500 StartUnit a.service, "},
-        {"start of a masked one", u"a", A("inactive", {}, "", "masked"), begin, "0 1058 1 0 0 0 0 "},
-        {"start of a deleted one", u"a", A("active", {}, "", "not-found"), begin, "0 1060 4 0 0 0 0 "},
+        {"start of a masked unit", u"a", A("inactive", {}, "", "masked"), begin, "0 1058 1 0 0 0 0 "},
+        {"start of a deleted unit", u"a", A("active", {}, "", "not-found"), begin, "0 1060 4 0 0 0 0 "},
         {"stop", u"a", running, stop, "0 0 3 0 0 1 500 StopUnit a.service, "},
-        {"stop, and it is needed", u"a", A("active", {{"BoundBy", "b.service"}}), stop, "0 1051 4 0 0 0 0 "},
+        {"stop of a needed unit", u"a", A("active", {{"BoundBy", "b.service"}}), stop, "0 1051 4 0 0 0 0 "},
         {"pause", u"a", running, pause, "0 0 7 0 0 0 0 FreezeUnit a.service, "},
         {"continue", u"a", frozen, resume, "0 0 4 0 0 0 0 ThawUnit a.service, "},
-        {"what the system alone sends", u"a", running, shutdown, "0 1052 4 0 0 0 0 "},
-        {"no bus", u"a", running, stop, "1722", {"bus", ""}},
+        {"a control that only the system sends", u"a", running, shutdown, "0 1052 4 0 0 0 0 "},
+        {"without a bus", u"a", running, stop, "1722", {"bus", ""}},
         {"a bus that says nothing", u"a", running, stop, "1053", {"accept", ""}},
         {"a manager that says nothing", u"a", running, stop, "1053", {"GetFreezerState", ""}},
-        {"an older one", u"a", running, ask, "0 0 4 0 0 0 0 ", {"GetFreezerState", SD_BUS_ERROR_UNKNOWN_PROPERTY}},
+        {"an older manager", u"a", running, ask, "0 0 4 0 0 0 0 ", {"GetFreezerState", SD_BUS_ERROR_UNKNOWN_PROPERTY}},
         {"silent when told to stop", u"a", running, stop, "0 1053 4 0 0 0 0 ", {"StopUnit", ""}},
         {"not allowed", u"a", running, stop, "0 5 4 0 0 0 0 ", {"StopUnit", SD_BUS_ERROR_ACCESS_DENIED}},
-        {"ending", u"a", running, begin, "0 1061 4 0 0 0 0 ", {"StartUnit", MANAGER_ERROR "TransactionIsDestructive"}},
-        {"need is missing", u"a", running, begin, "0 1075 4 0 0 0 0 ", {"StartUnit", MANAGER_ERROR "NoSuchUnit"}},
-        {"no freezer", u"a", running, pause, "0 1052 4 0 0 0 0 ", {"FreezeUnit", SD_BUS_ERROR_NOT_SUPPORTED}},
+        {"start against a stop that waits", u"a", running, begin, "0 1061 4 0 0 0 0 ", conflict},
+        {"start without a dependency", u"a", running, begin, "0 1075 4 0 0 0 0 ", missingUnit},
+        {"without a freezer", u"a", running, pause, "0 1052 4 0 0 0 0 ", {"FreezeUnit", SD_BUS_ERROR_NOT_SUPPORTED}},
         {"the connection breaks off", u"a", running, begin, "0 1722 4 0 0 0 0 ", {"StartUnit", "hang up"}},
     };
     for (const auto& row : rows) {
@@ -114,7 +116,7 @@ TEST_F(ServiceManagerTest, UnitsAreServicesThatTakeControls) {
     }
 }
 
-TEST(UnitStatus, AChangeMakesProgressForHalfAMinute) {
+TEST(UnitStatus, AChangeHasProgressForHalfAMinute) {
     systemd::SeenPending seen;
     const auto checkPoint = [&seen](const char* active, std::uint64_t now) {
         systemd::UnitCondition condition;
@@ -129,7 +131,7 @@ TEST(UnitStatus, AChangeMakesProgressForHalfAMinute) {
     EXPECT_EQ(checkPoint("active", 99'000'000), 0u);
 }
 
-TEST_F(ServiceManagerTest, WhatIsGoneMeanwhile) {
+TEST_F(ServiceManagerTest, OutlivesUnitsAndManagers) {
     ServiceStatus status;
     services = ManagerFor({"accept", ""});
     {
@@ -138,8 +140,8 @@ TEST_F(ServiceManagerTest, WhatIsGoneMeanwhile) {
     }
     {
         const FakeSystemd systemd({A("inactive", {}, "", "not-found")});
-        EXPECT_EQ(services.QueryServiceStatusEx(service, status), error::success) << "another manager is there";
-        EXPECT_EQ(status.dwCurrentState, ServiceState::stopped) << "the unit";
+        EXPECT_EQ(services.QueryServiceStatusEx(service, status), error::success) << "of another manager";
+        EXPECT_EQ(status.dwCurrentState, ServiceState::stopped) << "the unit is gone";
         EXPECT_EQ(services.StartServiceW(service), error::serviceDoesNotExist);
     }
     const FakeSystemd silent({}, {"accept", ""});
@@ -150,7 +152,7 @@ TEST_F(ServiceManagerTest, WhatIsGoneMeanwhile) {
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
 }
 
-TEST_F(ServiceManagerTest, DependentsComeInTheOrderOfTheirStops) {
+TEST_F(ServiceManagerTest, ListsDependentsInTheOrderOfTheirStops) {
     const FakeSystemd systemd(
         {A("active", {{"RequiredBy", "b.service d.service t.target"}}),
          {.id = "b.service", .active = "active", .properties = {{"RequisiteOf", "c.service"}}},
@@ -182,8 +184,8 @@ TEST_F(ServiceManagerTest, MakesAndRemovesUnits) {
     const std::tuple<const char*, BusFault, Error, void (*)(ServiceDefinition&)> refusals[] = {
         {"refused", {"EnableUnitFiles", SD_BUS_ERROR_ACCESS_DENIED}, 5, [](auto&) {}},
         {"a service of that name", {}, 1073, [](auto& made) { made.name = u"A"; }},
-        {"no name", {}, 123, [](auto& made) { made.name = u"-"; }},
-        {"no program", {}, 2, [](auto& made) { made.binaryPath.insert(3, u"x"); }},
+        {"an empty name", {}, 123, [](auto& made) { made.name = u"-"; }},
+        {"a missing program", {}, 2, [](auto& made) { made.binaryPath.insert(3, u"x"); }},
         {"a program without quotes", {}, 87, [](auto& made) { made.binaryPath.pop_back(); }},
         {"a dependency without a name", {}, 87, [](auto& made) { made.dependencies = {u""}; }},
     };
@@ -228,7 +230,7 @@ TEST_F(ServiceManagerTest, MakesAndRemovesUnits) {
     EXPECT_EQ(Open(u"", &good), error::serviceExists) << "the manager has not read the file yet";
 }
 
-TEST_F(ServiceManagerTest, RemovesNoUnitOfOthers) {
+TEST_F(ServiceManagerTest, RemovesOnlyItsOwnUnits) {
     Write(units / "a.service", systemd::unitFileMark);
     Write(units / "d.service", "[Unit]\n");
     std::filesystem::create_symlink("a.service", units / "b.service");

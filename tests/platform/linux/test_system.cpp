@@ -1,6 +1,5 @@
-// What this backend's smaller lists of operations have of their own.
+// The smaller lists of operations on Linux.
 #include <atomic>
-#include <cstdlib>
 #include <fstream>
 #include <list>
 #include <string>
@@ -9,6 +8,7 @@
 
 #include "platform/linux/linux.h"
 #include "platform/memory.h"
+#include "tests/support/linux/zone_setting.h"
 #include "tests/support/test_folder.h"
 
 namespace platform::test {
@@ -18,17 +18,14 @@ namespace {
 using SystemTest = kv::test::TestFolder;
 
 TEST_F(SystemTest, LocalTimeFollowsTheZone) {
-    setenv("TZ", "XYZ-5:30", 1);
-    tzset();
+    const kv::test::ZoneSetting zone("XYZ-5:30");
     const LocalTime time = Clock().ToLocalTime(1772701507042);
     EXPECT_EQ(time.day * 1000000 + time.hour * 10000 + time.minute * 100 + time.second, 5143507);
     EXPECT_EQ(time.millisecond, 42);
     EXPECT_EQ(Clock().FromLocalTime(time), 1772701507042);
-    unsetenv("TZ");
-    tzset();
 }
 
-/// Pages of this process's memory, and those of them that are of files, such as libraries.
+/// This process's pages in memory, and how many of them are of files such as libraries.
 struct ResidentPages {
     long all = 0, ofFiles = 0;
 
@@ -38,11 +35,11 @@ struct ResidentPages {
     }
 };
 
-/// Lies in a page of its own among the constants.
+/// Alone in its page of constants.
 alignas(4096) volatile const char constants[4096] = {1};
 
-TEST_F(SystemTest, LibraryPagesAreGivenBackUnderRunningThreads) {
-    char* const patched = const_cast<char*>(&constants[0]);  // as by a debugger
+TEST_F(SystemTest, GivesLibraryPagesBackWhileThreadsRun) {
+    char* const patched = const_cast<char*>(&constants[0]);  // like a debugger
     ASSERT_EQ(mprotect(patched, sizeof constants, PROT_READ | PROT_WRITE), 0);
     *patched = 2;
     ASSERT_EQ(mprotect(patched, sizeof constants, PROT_READ), 0);
@@ -58,7 +55,7 @@ TEST_F(SystemTest, LibraryPagesAreGivenBackUnderRunningThreads) {
     busy.join();
 }
 
-TEST_F(SystemTest, FreedMemoryGoesBackBehindWhatIsStillInUse) {
+TEST_F(SystemTest, GivesFreedMemoryBackBelowMemoryInUse) {
 #ifdef __SANITIZE_ADDRESS__
     GTEST_SKIP() << "the sanitizer keeps freed memory";
 #endif

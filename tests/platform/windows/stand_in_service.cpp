@@ -1,6 +1,5 @@
-// A service that does nothing but report. Its name is its argument; its exit code is why no dispatcher took it.
-// It takes a second to start, and gives each control of its own back as its wait hint. At the last of them, 255, it
-// leaves without a word.
+// A service that only reports. Its argument is its name; its exit code is the dispatcher's error. It takes a second to
+// start, and returns each control from 128 on as its wait hint. At 255 it exits without a report.
 #include <atomic>
 #include <string>
 
@@ -39,7 +38,7 @@ std::uint32_t Handle(std::uint32_t control, std::uint32_t, void*, void* context)
         return 0;
     }
     if (leaves) Threads().SetEvent(stopped);
-    // An odd control of its own takes the pause away from what is accepted.
+    // After an odd control, it accepts no pause.
     const std::uint32_t pause = hint % 2 == 0 ? service_accepts::pauseAndContinue : 0;
     return Report(state, service_accepts::stop | pause, hint);
 }

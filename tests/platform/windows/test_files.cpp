@@ -1,4 +1,4 @@
-// Files as Windows has them.
+// Files on Windows.
 #include <thread>
 #include <windows.h>
 
@@ -9,7 +9,7 @@ namespace platform::test {
 
 namespace {
 
-TEST_F(FilesTest, DevicesAreNoFiles) {
+TEST_F(FilesTest, DevicesAreRefused) {
     FileHandle file = 0;
     for (const FileDisposition disposition : {FileDisposition::openExisting, FileDisposition::createAlways}) {
         EXPECT_EQ(Files().CreateFileW(u"nul", FileAccess::write, FileShare::none, disposition, file),
@@ -18,11 +18,11 @@ TEST_F(FilesTest, DevicesAreNoFiles) {
     }
 }
 
-TEST_F(FilesTest, WhatIsHiddenIsReplacedAndKeepsItsProtectionWhereItStays) {
+TEST_F(FilesTest, AHiddenFileIsReplacedOrKeepsItsProtection) {
     for (const DWORD protection : {DWORD{FILE_ATTRIBUTE_HIDDEN}, DWORD{FILE_ATTRIBUTE_SYSTEM}}) {
         for (const char* name : {"./new", "./copied", "./moved"}) Write(name, name);
         for (const wchar_t* name : {L"copied", L"moved"}) ::SetFileAttributesW(name, protection);
-        EXPECT_EQ(Files().MoveFileExW(u"none", u"moved", MoveTarget::isReplaced), error::fileNotFound);
+        EXPECT_EQ(Files().MoveFileExW(u"missing", u"moved", MoveTarget::isReplaced), error::fileNotFound);
         EXPECT_EQ(::GetFileAttributesW(L"moved") & protection, protection);
         EXPECT_EQ(Files().CopyFileW(u"new", u"copied"), error::success);
         EXPECT_EQ(Files().MoveFileExW(u"new", u"moved", MoveTarget::isReplaced), error::success);
@@ -30,7 +30,7 @@ TEST_F(FilesTest, WhatIsHiddenIsReplacedAndKeepsItsProtectionWhereItStays) {
     }
 }
 
-TEST_F(FilesTest, AnOpenFileIsRenamedAndDeleted) {
+TEST_F(FilesTest, AnOpenFileCanBeRenamedAndDeleted) {
     Write("./first", "1");
     FileHandle file = 0;
     ASSERT_EQ(Files().CreateFileW(u"first", FileAccess::append, FileShare::none, FileDisposition::openExisting, file),
@@ -42,7 +42,7 @@ TEST_F(FilesTest, AnOpenFileIsRenamedAndDeleted) {
     EXPECT_EQ(Found(u"*"), "./ ../ ");
 }
 
-TEST_F(FilesTest, AMomentaryLookOfAnotherProgramIsWaitedFor) {
+TEST_F(FilesTest, WaitsForAProgramThatReadsForAMoment) {
     Write("./target", "old");
     for (const bool targetExists : {true, false}) {
         Write("./new", "new");
@@ -58,7 +58,7 @@ TEST_F(FilesTest, AMomentaryLookOfAnotherProgramIsWaitedFor) {
 }
 
 TEST_F(FilesTest, AskingForTheUseStateDisturbsNoWriter) {
-    std::jthread asker([](const std::stop_token& stop) {
+    const std::jthread asker([](const std::stop_token& stop) {
         while (!stop.stop_requested()) Files().GetFileUseState(u"f");
     });
     for (int round = 0; round < 200; ++round) EXPECT_EQ(Put(u"f", "x"), error::success);

@@ -1,4 +1,4 @@
-// Scripts as the command interpreter of Windows runs them.
+// Scripts and their processes on Windows.
 #include "platform/clock.h"
 #include "platform/files.h"
 #include "platform/process.h"
@@ -38,6 +38,7 @@ class ProcessTest : public kv::test::TestFolder {
         return code;
     }
 
+    /// Whether the file "held" comes into a use state within three seconds.
     static bool Becomes(Error wanted) {
         for (int look = 0; look < 300; ++look, Clock().Sleep(10)) {
             if (Files().GetFileUseState(u"held") == wanted) return true;
@@ -48,23 +49,19 @@ class ProcessTest : public kv::test::TestFolder {
 
 TEST_F(ProcessTest, ArgumentsAreDataAndOutputIsAppended) {
     Script("show.bat", "@echo off\r\necho [%1][%2][%3]\r\n");
-    const struct {
-        const char* title;
-        std::u16string_view arguments;
-        std::string expected;
-    } rows[] = {
+    const std::tuple<const char*, std::u16string_view, std::string> rows[] = {
         {"a number before the redirection", u"a b 2", "[a][b][2]\r\n"},
         {"quotes keep blanks together", u"\"a b\" c d", "[\"a b\"][c][d]\r\n"},
-        {"quotes that are not closed", u"a b \"c", "[a][b][\"c\"]\r\n"},
-        {"signs that a batch file would run", u"a&b c^d|e <f>", "[\"a&b\"][\"c^d|e\"][\"<f>\"]\r\n"},
-        {"signs that would part an argument", u"a=b c,d;e (f)", "[\"a=b\"][\"c,d;e\"][\"(f)\"]\r\n"},
-        {"signs of the interpreter in quotes", u"\"a&b|c\" \">d\" e", "[\"a&b|c\"][\">d\"][e]\r\n"},
+        {"an open quote", u"a b \"c", "[a][b][\"c\"]\r\n"},
+        {"signs that a batch file would interpret", u"a&b c^d|e <f>", "[\"a&b\"][\"c^d|e\"][\"<f>\"]\r\n"},
+        {"signs that would split an argument", u"a=b c,d;e (f)", "[\"a=b\"][\"c,d;e\"][\"(f)\"]\r\n"},
+        {"the interpreter's signs in quotes", u"\"a&b|c\" \">d\" e", "[\"a&b|c\"][\">d\"][e]\r\n"},
         {"a line end", u"a\r\nb c", "[a][b][c]\r\n"},
     };
-    for (const auto& row : rows) {
+    for (const auto& [title, arguments, expected] : rows) {
         Files().DeleteFileW(u"out & put");
-        EXPECT_EQ(Run(Line(u"show.bat", row.arguments)), 0U) << row.title;
-        EXPECT_EQ(Read("out & put"), row.expected) << row.title;
+        EXPECT_EQ(Run(Line(u"show.bat", arguments)), 0U) << title;
+        EXPECT_EQ(Read("out & put"), expected) << title;
     }
     Script("quotes.bat", "@echo \"%~1\" \"%~2\" \"%~3\" \"%~4\"\r\n");
     EXPECT_EQ(Run(Line(u"quotes.bat", u"more & exit 9")), 0U) << "no second command";
@@ -78,16 +75,16 @@ TEST_F(ProcessTest, ArgumentsAreDataAndOutputIsAppended) {
                     .ends_with(u"cmd.exe /C \"cscript.exe //T:120 //U //Nologo \"x.vbs\" \"50%%cd:~,%\" <nul\""));
 }
 
-TEST_F(ProcessTest, WhatCannotBeStartedSaysWhy) {
+TEST_F(ProcessTest, TellsWhyAProcessCannotStart) {
     ProcessHandle process = 0;
-    EXPECT_EQ(Processes().CreateProcessW(u"cmd.exe /C exit", u"none", process), error::directoryName);
+    EXPECT_EQ(Processes().CreateProcessW(u"cmd.exe /C exit", u"missing", process), error::directoryName);
     EXPECT_EQ(Processes().CreateProcessW(std::u16string(9000, u'x'), u"", process), error::fileNameTooLong);
-    EXPECT_EQ(Processes().CreateProcessW(u"none.exe", u"", process), error::fileNotFound);
+    EXPECT_EQ(Processes().CreateProcessW(u"missing.exe", u"", process), error::fileNotFound);
     EXPECT_EQ(process, 0U);
 }
 
 TEST_F(ProcessTest, TerminationEndsTheWholeTree) {
-    // The last of them starts no more: Wine loses a process that is ended while it starts, and its output stays open.
+    // The last process starts no other: if one is ended while it starts, Wine loses it and keeps its output open.
     Write(work / "last.bat", "@echo off\r\necho x >inside\r\n:again\r\ngoto again\r\n");
     Script("deep.bat", "@cmd.exe /C \"cmd.exe /C last.bat >held\"\r\n");
     const ProcessHandle process = Start(Line(u"deep.bat", u""));
@@ -99,16 +96,16 @@ TEST_F(ProcessTest, TerminationEndsTheWholeTree) {
     EXPECT_EQ(Processes().WaitForSingleObject(process, 1), error::waitTimeout);
     EXPECT_EQ(Processes().TerminateProcess(process), error::success);
     EXPECT_EQ(Processes().GetExitCodeProcess(process, code), error::success);
-    EXPECT_TRUE(Becomes(error::success)) << "the last of the tree is gone";
+    EXPECT_TRUE(Becomes(error::success)) << "the last process has ended";
     Processes().CloseProcess(process);
 }
 
-TEST_F(ProcessTest, WhatAScriptLeavesBehindGoesOn) {
+TEST_F(ProcessTest, AProcessThatAScriptLeavesBehindGoesOn) {
     Script("leaves.bat", "@start \"\" /b cmd.exe /C \"ping.exe -n 2 127.0.0.1 >held\"\r\n");
     EXPECT_EQ(Run(Line(u"leaves.bat", u"")), 0U);
     EXPECT_TRUE(Becomes(error::sharingViolation));
     EXPECT_TRUE(Becomes(error::success));
-    EXPECT_NE(Read("held").find("127.0.0.1"), std::string::npos) << "it has come to its end";
+    EXPECT_NE(Read("held").find("127.0.0.1"), std::string::npos) << "it ran to its end";
 }
 
 }  // namespace

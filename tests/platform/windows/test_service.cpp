@@ -1,6 +1,7 @@
-// The service manager, and a process as its service.
+// The service manager, and a process as a service.
 #include <cstdlib>
 #include <gtest/gtest.h>
+#include <tuple>
 #include <utility>
 #include <vector>
 #include <windows.h>
@@ -13,7 +14,7 @@
 namespace platform::test {
 namespace {
 
-/// A service that is not there before the test, nor after it.
+/// A service that exists only during the test.
 class ServiceTest : public ::testing::Test {
   protected:
     void SetUp() override {
@@ -40,7 +41,7 @@ class ServiceTest : public ::testing::Test {
         return ServiceManager().ControlService(service.get(), control, status);
     }
 
-    /// Waits for a state and a hint; the last that was seen.
+    /// Waits for a state and a wait hint; the last ones that it saw.
     std::pair<ServiceState, std::uint32_t> Await(ServiceState state, std::uint32_t hint) {
         ServiceStatus status;
         for (int look = 0; look < 500; ++look, Clock().Sleep(10)) {
@@ -64,37 +65,35 @@ TEST_F(ServiceTest, GoesThroughItsStates) {
     EXPECT_EQ(ServiceManager().StartServiceW(service.get()), error::serviceAlreadyRunning);
     EXPECT_EQ(Await(ServiceState::startPending, 2000), Seen(ServiceState::startPending, 2000));
     EXPECT_EQ(Await(ServiceState::running, 0), Seen(ServiceState::running, 0));
-    const struct {
-        const char* title;
-        std::uint32_t control;
-        Error result;
-        Seen after;
-    } rows[] = {
-        {"a control of its own", 130, error::success, {ServiceState::running, 130}},
+    const std::tuple<const char*, std::uint32_t, Error, Seen> rows[] = {
+        {"its own control", 130, error::success, {ServiceState::running, 130}},
         {"pause", service_control::pause, error::success, {ServiceState::paused, 130}},
-        {"asked", service_control::interrogate, error::success, {ServiceState::paused, 130}},
-        {"continued", service_control::resume, error::success, {ServiceState::running, 130}},
-        {"takes no more pause", 131, error::success, {ServiceState::running, 131}},
-        {"which it is not told", service_control::pause, error::invalidServiceControl, {ServiceState::running, 131}},
+        {"interrogate", service_control::interrogate, error::success, {ServiceState::paused, 130}},
+        {"continue", service_control::resume, error::success, {ServiceState::running, 130}},
+        {"accepts no pause any more", 131, error::success, {ServiceState::running, 131}},
+        {"a pause that it does not accept",
+         service_control::pause,
+         error::invalidServiceControl,
+         {ServiceState::running, 131}},
         {"stop", service_control::stop, error::success, {ServiceState::stopped, 0}},
     };
-    for (const auto& row : rows) {
-        EXPECT_EQ(Control(row.control), row.result) << row.title;
-        EXPECT_EQ(Await(row.after.first, row.after.second), row.after) << row.title;
+    for (const auto& [title, control, result, after] : rows) {
+        EXPECT_EQ(Control(control), result) << title;
+        EXPECT_EQ(Await(after.first, after.second), after) << title;
     }
 }
 
-TEST_F(ServiceTest, OneThatLeavesWithoutAWordIsGone) {
+TEST_F(ServiceTest, AServiceThatExitsWithoutAReportIsStopped) {
     ASSERT_EQ(ServiceManager().StartServiceW(service.get()), error::success);
     EXPECT_EQ(Await(ServiceState::running, 0), Seen(ServiceState::running, 0));
     Control(255);
     Error asked = error::success;
     for (int look = 0; asked == error::success && look < 500; ++look, Clock().Sleep(10))
         asked = Control(service_control::interrogate);
-    EXPECT_NE(asked, error::success) << "its process would still answer";
+    EXPECT_NE(asked, error::success) << "the process has exited";
 }
 
-TEST_F(ServiceTest, IsMadeFoundAndRemovedOnce) {
+TEST_F(ServiceTest, CanBeMadeFoundAndRemovedOnce) {
     {
         OwnedServiceHandle second;
         EXPECT_EQ(ServiceManager().CreateServiceW(manager.get(), Definition(), second.place()), error::serviceExists);
@@ -104,7 +103,7 @@ TEST_F(ServiceTest, IsMadeFoundAndRemovedOnce) {
         ServiceStatus status;
         EXPECT_EQ(ServiceManager().ControlService(second.get(), service_control::stop, status), error::accessDenied);
     }
-    // What is stored of them is not to be seen everywhere.
+    // Not every system shows what it stored of them.
     EXPECT_EQ(ServiceManager().ChangeServiceConfig2W(service.get(), {neverReset, {{RecoveryAction::restart, 10000}}}),
               error::success);
     std::vector<DependentService> dependents;

@@ -1,4 +1,4 @@
-// What this backend's smaller lists of operations have of their own.
+// The smaller lists of operations on Windows.
 #include "platform/windows/win32.h"
 #include "tests/support/test_folder.h"
 
@@ -13,13 +13,13 @@ void SetProductName(const wchar_t* name) {
                       name, static_cast<DWORD>((::wcslen(name) + 1) * sizeof(wchar_t)));
 }
 
-TEST_F(SystemTest, TheVersionIsTheSystemsAndItsNameThatOfTheRegistry) {
+TEST_F(SystemTest, TellsTheSystemsVersionAndTheRegistrysName) {
     SystemVersion version;
     ASSERT_EQ(SystemFacts().GetVersionExW(version), error::success);
     EXPECT_EQ(version.family, SystemFamily::nt);
     EXPECT_GE(version.major * 10 + version.minor, 61U);
     EXPECT_TRUE(version.isAmd64);
-    EXPECT_TRUE(version.plainName.starts_with(u"Windows "));  // of the empty registry of the test
+    EXPECT_TRUE(version.plainName.starts_with(u"Windows "));  // the test's registry is empty
     SetProductName(L"Windows Server 2022 Standard");
     EXPECT_EQ(SystemFacts().GetVersionExW(version), error::success);
     EXPECT_EQ(version.plainName, u"Windows Server 2022 Standard");

@@ -1,12 +1,12 @@
-// WMI by COM: every step on doubles of COM's interfaces, which take down what they are asked, and a few queries to the
-// system's own WMI.
+// WMI through COM: every step on doubles of COM's interfaces, which note their calls, and a few queries to the system's
+// own WMI.
 
-// The interfaces as tables of functions: a double has no more than those that are called.
+// The interfaces as tables of functions, because a double fills in only those that are called.
 #define CINTERFACE
 #include "platform/windows/com_variant.h"
 #include "platform/windows/wmi_source.h"
 
-// After the system's main header, which they need.
+// These need the system's main header before them.
 #include <atomic>
 #include <fmt/format.h>
 #include <gtest/gtest.h>
@@ -23,7 +23,7 @@ namespace platform::test {
 
 namespace {
 
-/// What happens in a query, which gives two objects: a call, by its first word, may give something else than success.
+/// What happens in a query, which finds two objects. The call whose first word is `special` returns `result`.
 struct Script {
     std::string special, calls;
     HRESULT result = S_OK;
@@ -51,7 +51,7 @@ struct Double : Interface {
         table.Release = [](Interface*) -> ULONG { return static_cast<ULONG>(--script.references); };
         fill(table);
     }
-    /// One more reference for the caller, when the call is a success.
+    /// Gives the caller a reference if the call succeeds.
     HRESULT GiveTo(Interface** to, HRESULT result) {
         if (SUCCEEDED(result)) *to = this;
         if (SUCCEEDED(result)) ++script.references;
@@ -116,7 +116,7 @@ const WmiSource doubles{.initializeSecurity = [] { return script.Call("security"
                         .createLocator = [](auto to) { return locator.GiveTo(to, script.Call("create")); },
                         .objectLimit = std::chrono::milliseconds(70)};
 
-VARIANT ValueOf(VARTYPE type, auto VARIANT::*member, auto content) {
+VARIANT VariantHolding(VARTYPE type, auto VARIANT::*member, auto content) {
     VARIANT value{};
     value.*member = content;
     value.vt = type;
@@ -130,8 +130,8 @@ class WindowsWmiTest : public ::testing::Test {
         InstallWmi();
     }
 
-    /// The result of a query to the doubles, its code included, and its rows.
-    static std::string Ask(const Script& start) {
+    /// Runs a query on the doubles; its status and its rows.
+    static std::string QueryDoubles(const Script& start) {
         const ScopedOperations<WmiOperations> scoped{WmiFrom(doubles)};
         script = start;
         const kv::test::WmiResult result = kv::test::RunWmiQuery("SELECT");
@@ -145,8 +145,8 @@ class WindowsWmiTest : public ::testing::Test {
     }
 };
 
-TEST_F(WindowsWmiTest, EachStepIsTakenAndGivenBackWhereverAQueryEnds) {
-    const std::vector<std::pair<std::wstring, VARIANT>> one{{L"P", ValueOf(VT_I4, &VARIANT::lVal, 7)}};
+TEST_F(WindowsWmiTest, ReleasesEveryStepWhereverAQueryEnds) {
+    const std::vector<std::pair<std::wstring, VARIANT>> one{{L"P", VariantHolding(VT_I4, &VARIANT::lVal, 7)}};
     for (const auto& [special, result, expected] : std::vector<std::tuple<std::string, HRESULT, std::string>>{
              {"nothing fails", S_OK, "0 [P=7;] [P=7;]"},
              {"security", RPC_E_TOO_LATE, "80010119"},
@@ -159,47 +159,47 @@ TEST_F(WindowsWmiTest, EachStepIsTakenAndGivenBackWhereverAQueryEnds) {
              {"begin", E_FAIL, "0 [] []"},
              {"property", E_FAIL, "0 [] []"},
          }) {
-        EXPECT_EQ(Ask({special, "", result, one}), expected) << special;
+        EXPECT_EQ(QueryDoubles({special, "", result, one}), expected) << special;
         EXPECT_EQ(script.references, 0) << special;
         APTTYPE apartment{};
         APTTYPEQUALIFIER qualifier{};
         EXPECT_EQ(::CoGetApartmentType(&apartment, &qualifier), CO_E_NOTINITIALIZED) << special;
     }
-    Ask({"", "", S_OK, one});
+    QueryDoubles({"", "", S_OK, one});
     EXPECT_EQ(
         script.calls,
         "security\ncreate\nconnect ROOT\\CIMV2 ---- 128 true\nblanket 10 0 - 3 3 true 0\nquery WQL SELECT 30 true\n"
         "next1 70 1\nbegin 40\nproperty 0\nend\nnext2 70 1\nbegin 40\nproperty 0\nend\nnext3 70 1\n");
 }
 
-TEST_F(WindowsWmiTest, AThreadThatUsesComOtherwiseIsRefused) {
+TEST_F(WindowsWmiTest, RefusesAThreadThatUsesComOtherwise) {
     ASSERT_EQ(::CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED), S_OK);
-    EXPECT_EQ(Ask({}), "80010106");
+    EXPECT_EQ(QueryDoubles({}), "80010106");
     ::CoUninitialize();
 }
 
-TEST_F(WindowsWmiTest, EveryValueIsCopiedAndClearedByItsType) {
+TEST_F(WindowsWmiTest, CopiesAndClearsValuesOfEveryType) {
     const OwnedBstr text(::SysAllocString(L"x"));
     const auto unknown = reinterpret_cast<IUnknown*>(&object);
-    EXPECT_EQ(Ask({"next2",
-                   "",
-                   WBEM_S_FALSE,
-                   {{L"null", ValueOf(VT_NULL, &VARIANT::lVal, 0)},
-                    {L"i2", ValueOf(VT_I2, &VARIANT::iVal, SHORT{-2})},
-                    {L"r4", ValueOf(VT_R4, &VARIANT::fltVal, 0.5F)},
-                    {L"r8", ValueOf(VT_R8, &VARIANT::dblVal, 3.5)},
-                    {L"date", ValueOf(VT_DATE, &VARIANT::date, 3.5)},
-                    {L"bool", ValueOf(VT_BOOL, &VARIANT::boolVal, VARIANT_TRUE)},
-                    {L"ui1", ValueOf(VT_UI1, &VARIANT::bVal, BYTE{0x41})},
-                    {L"ui4", ValueOf(VT_UI4, &VARIANT::lVal, 9)},
-                    {L"none", ValueOf(VT_BSTR, &VARIANT::bstrVal, BSTR{nullptr})},
-                    {L"text", ValueOf(VT_BSTR, &VARIANT::bstrVal, text.get())},
-                    {L"object", ValueOf(VT_UNKNOWN, &VARIANT::punkVal, unknown)}}}),
-              "0 [bool=true;date=array;i2=-2;none=;null=NULL;object=array;r4=0.5;r8=3.5;text=x;ui1=65;ui4=array;]");
+    EXPECT_EQ(QueryDoubles({"next2",
+                            "",
+                            WBEM_S_FALSE,
+                            {{L"null", VariantHolding(VT_NULL, &VARIANT::lVal, 0)},
+                             {L"i2", VariantHolding(VT_I2, &VARIANT::iVal, SHORT{-2})},
+                             {L"r4", VariantHolding(VT_R4, &VARIANT::fltVal, 0.5F)},
+                             {L"r8", VariantHolding(VT_R8, &VARIANT::dblVal, 3.5)},
+                             {L"date", VariantHolding(VT_DATE, &VARIANT::date, 3.5)},
+                             {L"bool", VariantHolding(VT_BOOL, &VARIANT::boolVal, VARIANT_TRUE)},
+                             {L"ui1", VariantHolding(VT_UI1, &VARIANT::bVal, BYTE{0x41})},
+                             {L"ui4", VariantHolding(VT_UI4, &VARIANT::lVal, 9)},
+                             {L"nullText", VariantHolding(VT_BSTR, &VARIANT::bstrVal, BSTR{nullptr})},
+                             {L"text", VariantHolding(VT_BSTR, &VARIANT::bstrVal, text.get())},
+                             {L"object", VariantHolding(VT_UNKNOWN, &VARIANT::punkVal, unknown)}}}),
+              "0 [bool=true;date=array;i2=-2;null=NULL;nullText=;object=array;r4=0.5;r8=3.5;text=x;ui1=65;ui4=array;]");
     EXPECT_EQ(script.references, 0);
 }
 
-TEST_F(WindowsWmiTest, QueriesOfTwoThreadsTakeTurns) {
+TEST_F(WindowsWmiTest, TwoThreadsQueryInTurn) {
     std::atomic<int> inside{0}, most{0};
     WmiSource slow = doubles;
     slow.initializeSecurity = [&] {
@@ -214,10 +214,10 @@ TEST_F(WindowsWmiTest, QueriesOfTwoThreadsTakeTurns) {
     kv::test::RunWmiQuery("SELECT");
     other.join();
     EXPECT_EQ(most, 1);
-    EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::seconds(10)) << "each gives its turn back";
+    EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::seconds(10)) << "each ends its turn";
 }
 
-TEST_F(WindowsWmiTest, TheSystemsOwnAnswers) {
+TEST_F(WindowsWmiTest, QueriesTheSystemsWmi) {
     for (int round = 0; round < 2; ++round) {
         const kv::test::WmiResult system = kv::test::RunWmiQuery("SELECT Caption FROM Win32_OperatingSystem");
         EXPECT_EQ(system.status, wmi_status::ok);

@@ -1,14 +1,14 @@
-// What kvreg does with files as Linux has them.
+// kvreg and files on Linux.
 #include "tests/tools/kvreg_fixture.h"
 
 namespace kv::test {
 
 namespace {
 
-TEST_F(Kvreg, AnExportIsItsOwnersAndLinksAreFollowed) {
+TEST_F(Kvreg, ExportsForTheOwnerOnlyAndFollowsLinks) {
     ASSERT_EQ(Run({"set", key, "a", "b"}).exitCode, 0);
     fs::create_symlink(fs::path(file).filename(), folder / "link");
-    ASSERT_EQ(Run({"export", folder / "link"}).exitCode, 0) << "a link to nothing so far";
+    ASSERT_EQ(Run({"export", folder / "link"}).exitCode, 0) << "through a link to a missing file";
     EXPECT_EQ(fs::status(file).permissions(), fs::perms::owner_read | fs::perms::owner_write);
     const std::string whole = Read(file);
     ASSERT_EQ(Run({"export", folder / "link", key}).exitCode, 0);

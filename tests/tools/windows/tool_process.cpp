@@ -6,7 +6,7 @@ namespace kv::test {
 
 namespace {
 
-/// A word that the shell and the tool take off the command line as it is.
+/// A word, quoted so that the shell and the tool get it unchanged.
 std::wstring Quoted(const std::string& word) {
     const std::u16string wide = platform::WideFromUtf8(word);
     const std::size_t backslashes = wide.size() - (wide.find_last_not_of(u'\\') + 1);  // before the closing quote
@@ -16,7 +16,7 @@ std::wstring Quoted(const std::string& word) {
 }  // namespace
 
 std::FILE* StartTool(const std::vector<std::string>& words, const std::filesystem::path& errors) {
-    std::wstring line = L"\"" + Quoted(KVREG_PROGRAM);  // the shell takes the outer quotes away
+    std::wstring line = L"\"" + Quoted(KVREG_PROGRAM);  // the shell removes the outer quotes
     for (const std::string& word : words) line += Quoted(word);
     line += L" 2>" + Quoted(errors.string()) + L"\"";
     return ::_wpopen(line.c_str(), L"r");
@@ -24,7 +24,7 @@ std::FILE* StartTool(const std::vector<std::string>& words, const std::filesyste
 
 int EndTool(std::FILE* tool) { return ::_pclose(tool); }
 
-/// Nothing of a process's own can be given to another: the tests keep to a key of theirs.
+/// A process cannot share its own registry, so the tests stay below one key.
 void ShareRegistry(const std::filesystem::path&) {}
 
 }  // namespace kv::test

@@ -1,4 +1,4 @@
-// What Debian's unzip makes of the agent's zips, and what the agent makes of encrypted ones and links.
+// Zips on Linux: links, and encryption checked by Debian's unzip.
 #include <cstdlib>
 
 #include "platform/utf.h"
@@ -7,7 +7,7 @@
 
 namespace kv::test {
 
-TEST_F(ZipReading, NoLinkLeadsOutsideTheBase) {
+TEST_F(ZipReading, FollowsNoLinkOutOfTheBase) {
     const fs::path outside = folder / "outside";
     Write(outside / "file", "kept");
     fs::create_directory_symlink(outside, download);  // the base itself may be a link
@@ -27,7 +27,7 @@ TEST_F(ZipReading, NoLinkLeadsOutsideTheBase) {
         EXPECT_EQ(Logged("Not able to unpack item [" + std::to_string(i) + "] ["), entries[i].data != "good") << i;
 }
 
-TEST_F(ZipReading, EncryptedItemsNeedTheirPassword) {
+TEST_F(ZipReading, OpensEncryptedItemsWithTheirPasswordOnly) {
     contents["stored.gz"] = "stored";
     ZipHandle own = CreateZip(u"own.zip", "secret");
     for (const auto& [name, content] : contents)

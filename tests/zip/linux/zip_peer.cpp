@@ -7,7 +7,7 @@
 
 namespace kv::test {
 
-/// The local headers are checked against the directory.
+/// ReadArchive checks the local headers against the directory.
 Files UnpackedByPeer(const std::string& bytes) {
     Files files;
     lab::ReadArchive(bytes, [&](const std::string& name, std::string_view content) { files[name] = content; });
