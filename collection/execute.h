@@ -16,10 +16,11 @@ struct OutputBound {
     std::uint64_t bytes = 0;
 };
 
-/// Starts a command line made by the platform and waits for it; 1 when it ended in time with an exit code that counts
-/// as success (0, 1641, 3010), or was not to be waited for (wait false or 0 minutes), else 0. When its time is over, or
-/// a look at its output (ten times a second) finds it beyond the bound, it is ended, and the result is 0. The last
-/// thing to say about it is in remarks.
+/// Starts a command line made by the platform and waits for it, unless wait is false or waitMinutes is 0. The result is
+/// 1 when it ended in time with an exit code that counts as success (0, 1641, 3010), and when it was started and not
+/// waited for; otherwise 0. The process is ended when its time is over (a little later, because each look at its output
+/// takes time, too), when waiting fails, and when a look at its output, ten times a second, finds more than the bound.
+/// remarks becomes the last log line about it, and stays as it was when there is none.
 ///
 /// With a workingDirectory the whole process changes to it, and back at the end.
 int execute(const OptionalText& workingDirectory, std::u16string_view commandLine, std::u16string& remarks,

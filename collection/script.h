@@ -12,8 +12,8 @@ namespace kv {
 /// Runs a plan's record. One without script is skipped, with a log line.
 void CollectScript(const HashTable* record);
 
-/// Runs a script of "..\conf\scripts\" for two minutes at most; with viewOutput "true" (any case) its output becomes a
-/// record file. A fileName that leads out of that directory is refused, with a log line. 0 always.
+/// Runs a script of "..\conf\scripts\" for about two minutes at most; with viewOutput "true" (any case) its output
+/// becomes a record file. A fileName that leads out of that directory is refused, with a log line. 0 always.
 int ExecuteScript(std::u16string_view fileName, std::u16string_view commandLineParam, const OptionalText& viewOutput);
 
 }  // namespace kv

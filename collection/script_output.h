@@ -1,6 +1,6 @@
 // Converts what a script has printed to the encoding of a record file, UTF-16LE without byte order mark, block by
-// block. A converter holds the beginning of a line and no more, however long the output is. It reads and writes no
-// file.
+// block. Between blocks a converter holds only the line that the last block cut, up to 64 KiB, however long the output
+// is. It reads and writes no file.
 #pragma once
 
 #include <string>
@@ -17,8 +17,8 @@ struct ScriptOutputConverter {
     bool atStart = true;   // nothing has come out yet: a byte order mark may still come
 };
 
-/// Converts the next block and appends the result to utf16. Output is UTF-16LE, whatever was expected, when it begins
-/// with FF FE or when of its first four bytes the second and the fourth are zero and the others are not. Else each line
+/// Converts the next block and appends the result to utf16. Output that begins with FF FE is UTF-16LE, whatever was
+/// expected, and so is output of which bytes 2 and 4 are zero and bytes 1 and 3 are not. In any other, each line
 /// is UTF-8 or, if it is not well-formed, in the console's code page (WideFromConsoleBytes); a line of more than 64 KiB
 /// is judged in pieces. A line or character that the block's end cuts waits for the next block. A leading byte order
 /// mark is dropped.

@@ -24,7 +24,8 @@ struct ClockOperations {
     /// Milliseconds since 1970, UTC.
     std::function<std::int64_t()> GetSystemTimeMilliseconds;
 
-    /// Milliseconds since some fixed moment, in steps of at most 16; never goes back.
+    /// Milliseconds since some fixed moment, in steps of at most 16; never goes back. The time that the computer sleeps
+    /// counts on Windows and does not on Linux.
     std::function<std::uint64_t()> GetTickCount64;
 
     // The next two are meant for the years 1601 to 9999. Outside of them they give some time.

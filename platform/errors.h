@@ -1,8 +1,8 @@
 // The system error numbers that the agent sees and writes to its log, the same on every system.
 //
 // One list holds each number's name, value and text. Where the system has no such texts, FormatMessageW
-// (platform/messages.h) takes them from here. Zero is success. A backend turns its system's own errors into these
-// numbers in one routine.
+// (platform/messages.h) takes them from here. Zero is success. A backend has one routine for each kind of error that
+// its system and libraries give, which turns it into one of these.
 #pragma once
 
 #include <cstdint>

@@ -128,7 +128,8 @@ struct FileOperations {
     /// on Linux it is as it was.
     std::function<Error(std::u16string_view from, std::u16string_view to)> CopyFileW;
 
-    /// Renames a file in one step.
+    /// Renames a file in one step. On Linux, when the target must not exist and the file system cannot see to that, the
+    /// file gets its second name first and loses the first one then.
     std::function<Error(std::u16string_view from, std::u16string_view to, MoveTarget target)> MoveFileExW;
 
     std::function<Error(std::u16string_view path)> DeleteFileW;
@@ -150,8 +151,8 @@ struct FileOperations {
 
     /// Whether another handle, in this process or any other, has the file open for writing: success when not,
     /// sharingViolation when so, else why that cannot be found out. On Linux success also where the system does not
-    /// tell, as of another user's file. The question disturbs nobody, except that Windows refuses another program that
-    /// opens the file for writing at that very moment.
+    /// tell, as of another user's file. A program that opens the file for writing at that very moment is refused on
+    /// Windows; on Linux it waits until the question is answered, or is refused if it does not want to wait.
     std::function<Error(std::u16string_view path)> GetFileUseState;
 
     /// The path in this system's own form, for a program that is told about the file.

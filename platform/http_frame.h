@@ -4,7 +4,8 @@
 // A backend is a class of static members, which never see a handle:
 //
 //   Session, Connection, Request   its records. A Connection has a shared `session`; a Request is an HttpSending, and
-//                                  has a shared `connection` and the `target` that it was opened for
+//                                  has a shared `connection` and the `target` that it was opened for. A target
+//                                  is any record with a truth value `secure`
 //   Open, Connect, OpenRequest     fill a record
 //   AddHeader, SetText, SetNumber, QueryNumber
 //   Send                           sends a request to its target, Resend to where a redirect leads
@@ -12,6 +13,8 @@
 //   Redirection                    where an answer leads, if anywhere
 //   RawHeaders, Status, ContentLength, WaitForBody, Take    of an answer
 //   Close                          a record's handle is closed; what was opened from it may still hold it
+//
+// Redirection gives an optional target, Take a number of bytes, EndReceive nothing, all others an Error.
 //
 // Private to platform/; callable from any thread.
 #pragma once

@@ -37,6 +37,7 @@ struct ThreadOperations {
     std::function<Error(ThreadHandle thread, std::uint32_t milliseconds)> WaitForThread;
 
     /// A new mutex that no one owns; lives until CloseMutex. Never 0: throws std::bad_alloc when memory has run out.
+    /// The three below take no other value.
     std::function<MutexHandle()> CreateMutexW;
     std::function<void(MutexHandle mutex)> WaitForMutex;
     std::function<void(MutexHandle mutex)> ReleaseMutex;
