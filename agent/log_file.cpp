@@ -22,8 +22,6 @@ namespace {
 using platform::Files;
 namespace error = platform::error;
 
-constexpr std::uint32_t defaultMaxSize = 1000000;  // characters
-constexpr std::uint32_t defaultMaxFiles = 10;
 constexpr std::u16string_view logExtension = u".log";
 
 /// Set while a thread takes the step "above the limit? rotate". The others go on once their lines are written, so that
@@ -226,16 +224,16 @@ void RotateLogger(std::optional<std::u16string_view> name) {
     const std::u16string binPath = agentState.gv_ocAgentBinPath.value_or(u"");
     Files().wmkdir(binPath + u"..\\logs");
     logState.gv_logBytes = 0;
-    logState.gv_logMaxFiles = defaultMaxFiles;
-    logState.gv_logMaxSize = defaultMaxSize;
+    logState.gv_logMaxFiles = defaultLogMaxFiles;
+    logState.gv_logMaxSize = defaultLogMaxSize;
     logState.gv_logPath = binPath + std::u16string(name.value_or(u"..\\logs\\agent.log"));
     logState.rotate = RotateAboveLimit;
     logState.isToolkitLog = false;
     logState.isRotationOver = false;
     OpenLogAtStart();
     // The configured limits count from here on; the rotation at the start goes by the defaults.
-    std::uint32_t maxSize = defaultMaxSize;
-    std::uint32_t maxFiles = defaultMaxFiles;
+    std::uint32_t maxSize = defaultLogMaxSize;
+    std::uint32_t maxFiles = defaultLogMaxFiles;
     GetLoggerMaxSize(maxSize);
     GetLoggerMaxFiles(maxFiles);
     logState.gv_logMaxSize = maxSize;

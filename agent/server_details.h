@@ -6,8 +6,9 @@
 namespace kv {
 
 /// Reads server details, identity and intervals in a fixed order. 0, or 13 at the first required value that is missing:
-/// that field is absent then, and every later one keeps its default. Each value that cannot be read leaves a log line.
-/// Waits at most a second or so for name servers. Called before other threads read the state; may throw std::bad_alloc.
+/// that field stays without a value (a port is 0), and every later one keeps its default. Each value that cannot be
+/// read leaves a log line. Waits at most a second or so for name servers. Called before other threads read the state;
+/// may throw std::bad_alloc.
 std::int32_t getCSDetails();
 
 /// Makes sure of the cryptographic keys and, when the proxy is switched on, reads its settings: what cannot be read

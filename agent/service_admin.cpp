@@ -90,7 +90,7 @@ Creation CreateAgentService(const OwnedServiceHandle& manager) {
     const OptionalText binaryPath = QuotedProgramPath();
     if (!binaryPath) return {.failure = platform::error::notEnoughMemory};
     OwnedServiceHandle service;
-    const Error failure = ServiceManager().CreateServiceW(manager.get(), AgentDefinition(*binaryPath), service.place());
+    const Error failure = ServiceManager().CreateServiceW(manager.get(), AgentDefinition(*binaryPath), service.Place());
     if (failure != success) {
         Log1("\t Install() :: Create Service failure, error code = %d\n", failure);
         return {.failure = failure};
@@ -102,7 +102,7 @@ Creation CreateAgentService(const OwnedServiceHandle& manager) {
 Error InstallService() {
     OwnedServiceHandle manager;
     if (const Error failure =
-            ServiceManager().OpenSCManagerW(platform::manager_right::createService, manager.place())) {
+            ServiceManager().OpenSCManagerW(platform::manager_right::createService, manager.Place())) {
         Log1("OpenSCManager failed, errorCode = %d\n", failure);
         return failure;
     }
@@ -116,13 +116,13 @@ Error InstallService() {
 
 Error RemoveService() {
     OwnedServiceHandle manager;
-    if (const Error failure = ServiceManager().OpenSCManagerW(platform::manager_right::all, manager.place())) {
+    if (const Error failure = ServiceManager().OpenSCManagerW(platform::manager_right::all, manager.Place())) {
         Log1("\t UnInstall() :: OpenSCManager failed, error code = %d\n", failure);
         return failure;
     }
     OwnedServiceHandle service;
     if (const Error failure =
-            ServiceManager().OpenServiceW(manager.get(), serviceName, platform::service_right::all, service.place())) {
+            ServiceManager().OpenServiceW(manager.get(), serviceName, platform::service_right::all, service.Place())) {
         Log1("\t UnInstall() :: OpenService failed, error code = %d\n", failure);
         return failure;
     }
@@ -138,12 +138,12 @@ Error RemoveService() {
 /// Opens a service with all rights. Lines about what fails begin with the operation.
 Error OpenWithAllRights(const char* operation, std::u16string_view name, OwnedServiceHandle& manager,
                         OwnedServiceHandle& service) {
-    if (const Error failure = ServiceManager().OpenSCManagerW(platform::manager_right::all, manager.place())) {
+    if (const Error failure = ServiceManager().OpenSCManagerW(platform::manager_right::all, manager.Place())) {
         Log1("%s : Failed to open the ServiceControl Manager of This Computer :%d \n", operation, failure);
         return failure;
     }
     const Error failure =
-        ServiceManager().OpenServiceW(manager.get(), name, platform::service_right::all, service.place());
+        ServiceManager().OpenServiceW(manager.get(), name, platform::service_right::all, service.Place());
     if (failure != success) Log1("%s : Failed to open the %s Service :%d \n", operation, name, failure);
     return failure;
 }

@@ -114,7 +114,7 @@ int execute(const OptionalText& workingDirectory, std::u16string_view commandLin
     if (workingDirectory && !directory.Enter(*workingDirectory, remarks)) return 0;
 
     platform::OwnedProcess process;
-    const platform::Error error = processes.CreateProcessW(commandLine, u"", process.place());
+    const platform::Error error = processes.CreateProcessW(commandLine, u"", process.Place());
     if (error != platform::error::success) {
         Remark(remarks, "Failed to Create the Process for installing Patch");
         LogLastSystemError(error);

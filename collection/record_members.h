@@ -58,7 +58,8 @@ inline constexpr RecordMember requestId{.key = u"AGENT_REQUEST_ID", .text = Requ
 
 }  // namespace record_member
 
-/// Puts the members into a record, in their order. Without memory for one it is left out, with a log line.
+/// Puts the members into a record, in their order. Without memory to put one it is left out, with a log line.
+/// Throws std::bad_alloc when memory runs out for its text.
 void PutMembers(HashTable* record, std::span<const RecordMember> members, const RecordSource& source);
 
 /// Whether one of the members has this name.

@@ -71,9 +71,9 @@ constexpr ConnectStep connectSteps[] = {
      }},
     {u"Failed to initialize security", [](Query&) { return Wmi().CoInitializeSecurity(); }},
     {u"Failed to create IWbemLocator object",
-     [](Query& query) { return Wmi().CoCreateInstance(query.locator.place()); }},
+     [](Query& query) { return Wmi().CoCreateInstance(query.locator.Place()); }},
     {u"Could not connect to nameSpace",
-     [](Query& query) { return Wmi().ConnectServer(query.locator.get(), query.nameSpace, query.services.place()); }},
+     [](Query& query) { return Wmi().ConnectServer(query.locator.get(), query.nameSpace, query.services.Place()); }},
     {u"Could not set proxy blanket", [](Query& query) { return Wmi().CoSetProxyBlanket(query.services.get()); }},
 };
 
@@ -88,7 +88,7 @@ Outcome Connect(Query& query) {
 }
 
 Outcome Start(Query& query) {
-    const WmiStatus status = Wmi().ExecQuery(query.services.get(), query.text, query.enumerator.place());
+    const WmiStatus status = Wmi().ExecQuery(query.services.get(), query.text, query.enumerator.Place());
     if (!platform::IsFailure(status)) return {};
     Log1("\t WMIFunction ::ExecQuery Failed for %s. Last Error code is [%x] \n", query.text, status);
     return {status, query.text};
@@ -126,7 +126,7 @@ WmiStatus AppendRows(WmiHandle enumerator, Vector* rows) {
     while (true) {
         OwnedWmiHandle object;
         std::uint32_t count = 0;
-        const WmiStatus status = Wmi().Next(enumerator, object.place(), count);
+        const WmiStatus status = Wmi().Next(enumerator, object.Place(), count);
         if (status != wmi_status::ok || count != 1) return status;
         AppendRow(object.get(), rows);
     }

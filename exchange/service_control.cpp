@@ -53,10 +53,10 @@ bool Succeeds(const Task& task, const char* step, Error failure) {
 
 bool Open(const Task& task, std::uint32_t rights, OpenedService& opened) {
     return Succeeds(task, "OpenSCManagerW",
-                    ServiceManager().OpenSCManagerW(platform::manager_right::all, opened.manager.place())) &&
+                    ServiceManager().OpenSCManagerW(platform::manager_right::all, opened.manager.Place())) &&
            Succeeds(
                task, "OpenServiceW",
-               ServiceManager().OpenServiceW(opened.manager.get(), task.service, rights, opened.service.place())) &&
+               ServiceManager().OpenServiceW(opened.manager.get(), task.service, rights, opened.service.Place())) &&
            Succeeds(task, "QueryServiceStatusEx",
                     ServiceManager().QueryServiceStatusEx(opened.service.get(), opened.status));
 }
@@ -146,7 +146,7 @@ bool StartForDependent(const Task& task, ServiceHandle service, ServiceHandle ma
     constexpr std::uint32_t rights = service_right::queryStatus | service_right::start;
     ServiceStatus status;
     return Succeeds(task, "OpenServiceW",
-                    ServiceManager().OpenServiceW(manager, task.service, rights, dependent.place())) &&
+                    ServiceManager().OpenServiceW(manager, task.service, rights, dependent.Place())) &&
            Succeeds(task, "StartServiceW of the service depended on", ServiceManager().StartServiceW(service)) &&
            Succeeds(task, "QueryServiceStatusEx", ServiceManager().QueryServiceStatusEx(dependent.get(), status)) &&
            PollUntil(task, dependent.get(), ServiceState::running, since, status);
@@ -156,7 +156,7 @@ bool StopDependent(const Task& task, ServiceHandle manager, std::uint64_t since)
     OwnedServiceHandle dependent;
     constexpr std::uint32_t rights = service_right::queryStatus | service_right::stop;
     if (!Succeeds(task, "OpenServiceW",
-                  ServiceManager().OpenServiceW(manager, task.service, rights, dependent.place())))
+                  ServiceManager().OpenServiceW(manager, task.service, rights, dependent.Place())))
         return false;
     ServiceStatus status;
     const Error failure = ServiceManager().ControlService(dependent.get(), service_control::stop, status);

@@ -311,11 +311,11 @@ void DeleteAcceptedZip(const std::u16string& path) {
     }
 }
 
-/// Contact counts as found again only after collection had been stopped: a single failure stays on the outage clock
-/// through any number of accepted uploads.
+/// Contact counts as found again only if collection was stopped. Otherwise the time of the first failed upload stays,
+/// however many uploads are accepted.
 void NoteContact(const std::u16string& accepted) {
     agentState.gv_failedZips.erase(accepted);
-    for (auto& [name, isPassedOver] : agentState.gv_failedZips) isPassedOver = true;
+    for (auto& [name, otherWasAccepted] : agentState.gv_failedZips) otherWasAccepted = true;
     if (agentState.gv_collectData != 0) return;
     Log1("Setting gvCSContactLostTime to 0 and setting gv_collectData as connection established\n");
     agentState.gv_CSContactLostTime = 0;
@@ -326,8 +326,8 @@ void NoteContact(const std::u16string& accepted) {
 /// only such as failed while others were accepted, it would never come back.
 void CollectAgainWithoutUpload() {
     std::erase_if(agentState.gv_failedZips, [](const auto& zip) { return !MayExist(u"zipdata\\" + zip.first); });
-    for (const auto& [name, isPassedOver] : agentState.gv_failedZips)
-        if (!isPassedOver) return;
+    for (const auto& [name, otherWasAccepted] : agentState.gv_failedZips)
+        if (!otherWasAccepted) return;
     Log1("\t StripTxtFiles :: Collection goes on: no zip waits that could tell of a connection\n");
     agentState.gv_CSContactLostTime = 0;
     agentState.gv_collectData = 1;

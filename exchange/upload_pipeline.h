@@ -21,8 +21,9 @@ std::uint32_t StripTxtFiles(void* ignored);
 /// stay for the next pass, with a line at level 1.
 void PackRecordFiles(std::u16string_view nameBase);
 
-/// One upload pass over "zipdata". Each zip is sent once; an accepted one is deleted, any other stays for the next
-/// pass. All that are found are sent; zipCount only reserves room for their names.
+/// One upload pass over "zipdata". Each zip is uploaded once, by InternetUploadBinaryFile, as soon as nobody writes to
+/// it any more; an accepted one is deleted, any other stays for the next pass. All that are found are sent; zipCount
+/// only reserves room for their names.
 void SendDetailstoCS(int zipCount);
 
 }  // namespace kv

@@ -59,9 +59,10 @@ struct AgentState {
     OptionalText gv_proxyPassword;                    // clear text
     OptionalText gv_proxyExceptionAddr = u"<local>";  // bypass list
 
-    // The plan. The main thread fills it, then the thread that serves requests replaces it, while there are no timers.
+    // The plan. The main thread fills it, then the thread that serves requests replaces it.
     HashTable* gv_queryConfHash = nullptr;   // merged configuration, owned
-    Vector* gv_sortVec = nullptr;            // all workflow entries in schedule order; refers, does not own
+    Vector* gv_sortVec = nullptr;            // all workflow entries in schedule order, replaced while there are no
+                                             // timers; refers, does not own
     std::int32_t gv_loadqueryconf = 0;       // 1 once the files have been read
     bool gv_queryConfReloadPending = false;  // the request list at hand brought a plan; of the polling thread alone
 
@@ -78,8 +79,8 @@ struct AgentState {
     // An accepted upload sets the time of the first failed one back to 0 only if collection was stopped.
     std::atomic<std::int32_t> gv_collectData{1};        // 1 while collection runs
     std::atomic<std::int64_t> gv_CSContactLostTime{0};  // first failed upload, seconds since 1970; else 0
-    /// Zips in the queue that were not accepted, and whether another one was accepted since, or before them in the same
-    /// pass; of the upload thread alone.
+    /// Zips in the queue whose upload failed. True: another zip was accepted since then, or earlier in the same pass.
+    /// Of the upload thread alone.
     std::map<std::u16string, bool> gv_failedZips;
     std::int64_t gv_clockLead = 0;  // what the clock was ahead of the tick count, seconds; of the upload thread alone
     std::atomic<std::int32_t> gv_timeDiff{0};       // server time minus ours, seconds

@@ -23,13 +23,16 @@
 
 namespace kv {
 
+inline constexpr std::uint32_t defaultLogMaxSize = 1000000;  // characters
+inline constexpr std::uint32_t defaultLogMaxFiles = 10;
+
 struct LogState {
     std::atomic<std::uint32_t> gv_logLevel{0};  // verbosity; 0 writes nothing
     platform::FileHandle gv_logFile = 0;        // open for appending, or 0; guarded by streamMutex
     std::u16string gv_logPath;                  // full path of the current log; empty before RotateLogger
     std::atomic<std::uint32_t> gv_logBytes{0};  // running size counter, in characters of the unexpanded formats
-    std::atomic<std::uint32_t> gv_logMaxSize{1000000};
-    std::atomic<std::uint32_t> gv_logMaxFiles{10};
+    std::atomic<std::uint32_t> gv_logMaxSize{defaultLogMaxSize};
+    std::atomic<std::uint32_t> gv_logMaxFiles{defaultLogMaxFiles};
     std::atomic<std::uint16_t> gv_logOpenFailed{0};
 
     /// The SNMP engine has put a log of its own in the place of this one (snmp/toolkit_log.h): lines go there, and

@@ -72,7 +72,7 @@ std::optional<std::vector<std::byte>> StoredBytes(std::u16string_view data, Regi
 Error StoreValue(RootKey root, std::u16string_view subKey, std::u16string_view valueName,
                  const std::vector<std::byte>& bytes, RegistryType type, Error& openFailure) {
     OwnedRegistryKey key;
-    openFailure = platform::Registry().RegOpenKeyExW(root, subKey, platform::RegistryAccess::allAccess, key.place());
+    openFailure = platform::Registry().RegOpenKeyExW(root, subKey, platform::RegistryAccess::allAccess, key.Place());
     if (openFailure != error::success) return openFailure;
     return platform::Registry().RegSetValueExW(key.get(), valueName, type, bytes.data(), bytes.size());
 }
@@ -112,7 +112,7 @@ Error ReadRegSZ(RootKey root, std::u16string_view subKey, std::u16string_view va
     outText.reset();
     OwnedRegistryKey key;
     const Error opened =
-        platform::Registry().RegOpenKeyExW(root, subKey, platform::RegistryAccess::queryValue, key.place());
+        platform::Registry().RegOpenKeyExW(root, subKey, platform::RegistryAccess::queryValue, key.Place());
     if (opened != error::success) {
         Log1("ReadRegSZ: Error while opening registry key for serverName %d \n", opened);
         return opened;
@@ -133,7 +133,7 @@ Error ReadDwordRegistryData(RootKey root, std::u16string_view subKey, std::u16st
     Log4("\t Inside ReadDwordRegistryData() \n");
     OwnedRegistryKey key;
     const Error opened =
-        platform::Registry().RegOpenKeyExW(root, subKey, platform::RegistryAccess::queryValue, key.place());
+        platform::Registry().RegOpenKeyExW(root, subKey, platform::RegistryAccess::queryValue, key.Place());
     if (opened != error::success) {
         Log1("ReadDwordRegistryData: Error while opening registry key for %s,%s : %d \n", subKey, valueName, opened);
         return opened;
@@ -187,7 +187,7 @@ Error addRegistryKey(RootKey root, std::u16string_view subKey) {
     OwnedRegistryKey key;
     platform::RegistryDisposition disposition = platform::RegistryDisposition::opened;
     const Error result = platform::Registry().RegCreateKeyExW(root, subKey, platform::RegistryAccess::allAccess,
-                                                              key.place(), disposition);
+                                                              key.Place(), disposition);
     if (result != error::success) {
         Log1("addRegistryKey:  Create registry key \"%s\" function failed: %d \n", subKey, result);
         LogLastSystemError(result);
@@ -251,12 +251,12 @@ Error GetAgentLogLevel(std::uint32_t& out) {
 }
 
 Error GetLoggerMaxSize(std::uint32_t& out) {
-    ReadNumber(agentKeyPath, u"LoggerMaxSize", out, 1000000);
+    ReadNumber(agentKeyPath, u"LoggerMaxSize", out, defaultLogMaxSize);
     return error::success;
 }
 
 Error GetLoggerMaxFiles(std::uint32_t& out) {
-    ReadNumber(agentKeyPath, u"LoggerMaxFiles", out, 10);
+    ReadNumber(agentKeyPath, u"LoggerMaxFiles", out, defaultLogMaxFiles);
     return error::success;
 }
 

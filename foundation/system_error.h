@@ -14,7 +14,7 @@ std::u16string LogSystemError(platform::Error code);
 /// The same, without a result.
 void LogLastSystemError(platform::Error code);
 
-/// The fixed text for a code that the system does not know, or that it is unknown here, too.
+/// The fixed text for a code that the system does not know; for a code that has none, a text that says so.
 std::u16string OfficeUpdateError(platform::Error code);
 
 }  // namespace kv

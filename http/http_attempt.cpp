@@ -19,9 +19,9 @@ Error OpenSession(HttpAttempt& attempt) {
     const TransactionTarget& target = attempt.target;
     const Error failure = target.useProxy
                               ? Http().WinHttpOpen(userAgent, platform::HttpProxyAccess::namedProxy, target.proxyName,
-                                                   target.proxyBypass, attempt.session.place())
+                                                   target.proxyBypass, attempt.session.Place())
                               : Http().WinHttpOpen(userAgent, platform::HttpProxyAccess::noProxy, std::nullopt,
-                                                   std::nullopt, attempt.session.place());
+                                                   std::nullopt, attempt.session.Place());
     if (failure) LogFailedStep("%s :  Error in WinHttpOpen --> %d \n", attempt.routine, failure);
     return failure;
 }
@@ -29,7 +29,7 @@ Error OpenSession(HttpAttempt& attempt) {
 Error OpenConnection(HttpAttempt& attempt) {
     const auto port = static_cast<std::uint16_t>(attempt.target.port);
     const Error failure =
-        Http().WinHttpConnect(attempt.session.get(), attempt.target.server, port, attempt.connection.place());
+        Http().WinHttpConnect(attempt.session.get(), attempt.target.server, port, attempt.connection.Place());
     if (failure) LogFailedStep("%s :  Error in WinHttpConnect --> %d \n", attempt.routine, failure);
     return failure;
 }
@@ -78,7 +78,7 @@ Error OpenRequest(HttpAttempt& attempt) {
     const std::uint32_t flags =
         platform::httpFlagBypassProxyCache | (attempt.target.secure ? platform::httpFlagSecure : 0);
     if (const Error failure = Http().WinHttpOpenRequest(attempt.connection.get(), attempt.verb, attempt.url,
-                                                        attempt.acceptTypes, flags, attempt.request.place())) {
+                                                        attempt.acceptTypes, flags, attempt.request.Place())) {
         LogFailedStep("%s :  Error in WinHttpOpenRequest --> %d \n", attempt.routine, failure);
         return failure;
     }

@@ -18,7 +18,8 @@ namespace kv {
 /// there for a server gone wrong.
 inline constexpr std::size_t maxResponseBytes = 64 * 1024 * 1024;
 
-/// Owns a session, connection or request; a failed close is logged in the name of the routine that opened it.
+/// Owns a session, connection or request. Not an OwnedHandle, because a failed close is logged in the name of the
+/// routine that opened it.
 class OwnedHttpHandle {
   public:
     explicit OwnedHttpHandle(const char* routine) : routine_(routine) {}
@@ -28,7 +29,8 @@ class OwnedHttpHandle {
     ~OwnedHttpHandle() { Close(); }
 
     platform::HttpHandle get() const { return handle_; }
-    platform::HttpHandle& place() { return handle_; }
+    /// Where an operation puts the handle that it opens. Nothing is open here then.
+    platform::HttpHandle& Place() { return handle_; }
     void Close();
 
   private:
@@ -56,7 +58,7 @@ struct HttpAttempt {
     OwnedHttpHandle connection{routine};
     OwnedHttpHandle request{routine};
     bool restartUsed = false;
-    platform::Error result = platform::error::success;  // a resend round leaves its error here, beyond a restart too
+    platform::Error result = platform::error::success;  // the last error, kept when rounds go on after it
 };
 
 /// Opens session, connection and request, sends, and waits for the answer, with the rounds and the restart of

@@ -99,7 +99,7 @@ Error ReadPiece(const HttpAttempt& attempt, std::string& piece) {
         return failure;
     }
     if (size == 0) return error::success;
-    piece.resize(size + size % 2);  // whole 16-bit characters
+    piece.resize(size + size % 2);  // whole 16-bit characters: only the last piece comes out shorter
     const Error failure =
         Http().WinHttpReadData(attempt.request.get(), reinterpret_cast<std::byte*>(piece.data()), piece.size(), size);
     piece.resize(failure ? 0 : size);

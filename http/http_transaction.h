@@ -5,18 +5,20 @@
 // proxy refused the credentials; 12002, 12007, 12029 (time-out, name not resolved, cannot connect) the transport
 // failures; else the system's error for the step that failed.
 //
-// Trying again has four levels, each within the one above. A refusing status (result 13) is final on all but the first:
-// the zip goes again in the next pass. The library follows redirects besides, up to ten (platform/http.h).
+// Trying again has four levels, each within the one above. A refusing status (result 13) ends the upload of a zip until
+// the next pass, except that one from the first IP address leads to the second. The library follows redirects besides,
+// up to ten (platform/http.h).
 //
 //   level   | what is tried again        | after which failure               | sendings       | pause
 //   --------+----------------------------+-----------------------------------+----------------+-----------------
-//   pass    | a zip that still waits     | any                               | in every pass  | gv_writeInterval
+//   pass    | a zip that still waits     | any                               | in every pass  | see StripTxtFiles
 //   address | a request, at the next     | transport; any, from the first IP | five addresses | none
 //           | address                    | address to the second             |                |
 //   restart | an attempt, on a new       | 12015; 12017 of the sending       | two            | none
 //           | request, its rounds from 0 |                                   |                |
 //   round   | a sending, on the same     | 12032 of the receiving            | maxRounds      | resendPause
-//           | request                    | 12015 of it, after a restart      |                | none
+//           | request                    | 12015 of the receiving, once the  |                | none
+//           |                            | attempt has been restarted        |                |
 //
 // A pass is exchange/upload_pipeline.h; only uploads have this level. Addresses are AgentSendRequest's; restart and
 // rounds are SendAndReceive's (http/http_attempt.h); a GET restarts on a new session and connection, too.
@@ -54,8 +56,9 @@ struct RequestData {
 
 /// Sends a request to gv_LastAccessName, gv_ServerIPAddress, gv_ServerSecIPAddress, gv_ServerName and
 /// gv_ServerFlatName, in this order, until one gives a result that is final; an address of one or two characters is
-/// passed over. Some of the five may be the same. An address of the configuration that answers 200 becomes
-/// gv_LastAccessName, which is tried first. serverName and serverPort are ignored: callers pass what the state has.
+/// passed over. Some of the five may be the same. An address of the configuration that gives result 0
+/// becomes gv_LastAccessName, which is tried first. serverName and serverPort are ignored: callers pass what the state
+/// has.
 ///
 /// Backslashes of the url become slashes, in the caller's text. response may be null, and a body is thrown away then;
 /// it is set when a body was received into memory, and is left alone otherwise. Running out of memory is a result.
@@ -94,7 +97,7 @@ struct TransactionTarget {
     OptionalText proxyPassword;
 };
 
-/// One attempt of a GET, and of a POST. May throw std::bad_alloc.
+/// One attempt of a GET (http_get.cpp), and of a POST (http_post.cpp). May throw std::bad_alloc.
 platform::Error InternetGetRequestEx(const TransactionTarget& target, std::u16string_view url,
                                      std::optional<std::u16string_view> destinationFile, OptionalText* response,
                                      RequestKind kind, bool keepAlive);

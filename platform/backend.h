@@ -6,8 +6,9 @@
 
 namespace platform {
 
-/// Makes the running system's records current, all but those below. Every program and every test calls it once, before
-/// anything else.
+/// Makes the running system's records current, all but those below, and prepares the process: a file that grows too
+/// large, and a connection that breaks, become errors and end nothing, and the backend learns where its state is. Every
+/// program and every test calls it once, before anything else.
 void InstallBackend();
 
 // Each of these needs libraries of its own. A program that uses one calls it after InstallBackend, and links its

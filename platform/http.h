@@ -31,7 +31,7 @@ inline constexpr std::uint32_t httpFlagSecure = 0x800000;
 ///
 /// A limit on silence runs while an operation waits, and begins again with each operation and with each sign of life.
 /// While the request goes out that is a byte given to the system or acknowledged by the other side; while the answer is
-/// waited for it is that too, a whole header line or a byte of the body. All end in 12002. Two more limits are
+/// waited for, these and a whole header line or a byte of the body. All end in 12002. Two more limits are
 /// fixed: 90 seconds from the last sign of the request to the last header, and 5 minutes for every kilobyte, on
 /// Windows of the answer's body only.
 enum class HttpOption : std::uint32_t {
@@ -98,7 +98,8 @@ struct HttpOperations {
     /// declared length is a winHttpConnectionError here or in WinHttpReadData, never a silent end.
     std::function<Error(HttpHandle request, std::size_t& available)> WinHttpQueryDataAvailable;
 
-    /// Reads size bytes, or fewer when the body ends before; read is 0 at the end of the body.
+    /// Reads size bytes, or fewer when the body ends before or its transfer fails: the next call gives that failure.
+    /// read is 0 at the end of the body.
     std::function<Error(HttpHandle request, std::byte* buffer, std::size_t size, std::size_t& read)> WinHttpReadData;
 
     std::function<Error(HttpHandle handle)> WinHttpCloseHandle;

@@ -30,7 +30,7 @@ class OwnedHandle {
     Handle get() const { return handle_; }
 
     /// Where an operation puts the handle that it opens. What is open here is closed first.
-    Handle& place() {
+    Handle& Place() {
         Close();
         return handle_;
     }

@@ -1,8 +1,9 @@
 // How the agent's logic reaches the operating system.
 //
-// Each header of this folder declares one plain record of operations, named as Windows names them. The logic calls the
-// record that is current. The program installs its system's records once, at its start (platform/backend.h). A test
-// installs a record of its own to make a call fail, to answer a query, or to let a minute pass in no time.
+// Each header of this folder that declares an ...Operations record lists operations, named as Windows names them. The
+// logic calls the record that is current. The program installs its system's records once, at its start
+// (platform/backend.h). A test installs a record of its own to make a call fail, to answer a query, or to let a minute
+// pass in no time.
 //
 // Exceptions: an operation that returns an error number (Error, WmiStatus, a C error number) throws nothing; memory
 // that has run out is one of these numbers. An operation that returns nothing throws nothing, so a destructor may call

@@ -32,8 +32,8 @@ void FreeReplacedPlans();
 
 enum class PlanJudgement {
     usable,
-    refused,  // it will never be usable
-    unread,   // the file could not be read this time, or there was no memory for it
+    refused,  // it will never be usable, or is too large for the memory
+    unread,   // the file could not be read this time
 };
 
 /// Whether LoadQueryConfig would take a plan for this agent from this file. The reason why not is logged at level 1.

@@ -9,8 +9,9 @@ namespace kv {
 /// Brings up the timer and its thread. Called once.
 void initializeScheduler();
 
-/// Builds gv_sortVec and adds all timers, each due at once. No timers are left from before, and gv_sortVec owns nothing
-/// that is needed. A std::exception costs one entry its timer, with a log line; without a plan nothing is scheduled.
+/// Builds gv_sortVec and adds all timers, each due at once. The caller has removed all timers from before, and needs
+/// nothing that gv_sortVec owns. A std::exception costs one entry its timer, with a log line; without a plan nothing is
+/// scheduled.
 void scheduleQueryHashData();
 
 /// Adds the timer of the entry at an index, due now and every `interval` minutes. 1, or -1 when the interval is below

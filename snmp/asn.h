@@ -8,8 +8,9 @@
 // replaces it by the length of the content, and AsnParseObjectId takes the whole item off it. A failure is final:
 // nothing is repaired, the tag may be set, some bytes may be written, and the count stays as it is at that moment.
 //
-// Most failures leave an engine line at level 1 (snmp/toolkit_log.h), those of AsnBuildInteger at level 3. A wrong tag
-// leaves none, nor does a lack of room, except for a length or an integer.
+// Most failures leave a line at the engine's level 1, those of AsnBuildInteger at its level 3; the agent's log has such
+// lines from its own level 3 on (snmp/toolkit_log.h). No line is left by a wrong tag, by an item that is cut off
+// (except in a length or an integer), and by a lack of room (likewise).
 //
 // A few parsers look at the bytes of a length, or at one byte of content, before they know that these are there. So a
 // buffer that is parsed has asnReadAhead readable bytes behind its end; they decide only the value of an integer

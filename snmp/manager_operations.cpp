@@ -34,17 +34,18 @@ SnmpPduPtr MakeGetPdu(const ManagerRequest& request, RequestVarBinds& varBinds) 
     return pdu;
 }
 
-/// What an answer has that the results do not show. A list of variables that is broken reads as an empty one.
+/// Says what the results do not show. A list of variables that is broken reads as an empty one.
 void LogGetAnswer(const ManagerRequest& request, const SnmpPdu& answer, std::uint8_t status) {
-    const std::int32_t count = answer.varBinds.count;
     if (IsUnreadable(answer, status)) {
         Log1("\t SnmpGetOperation :: %s sends what cannot be read \n", request.host);
-    } else if (answer.errorStatus == 0 && count != request.oidCount) {
-        Log1("\t SnmpGetOperation :: %s sent %d values for %d OIDs \n", request.host, count, request.oidCount);
+        return;
     }
     if (answer.errorStatus != 0)
         Log1("\t SnmpGetOperation :: %s reports the error status %d at value %d \n", request.host, answer.errorStatus,
              answer.errorIndex);
+    const std::int32_t count = answer.varBinds.count;
+    if (count > request.oidCount || (count < request.oidCount && answer.errorStatus == 0))
+        Log1("\t SnmpGetOperation :: %s sent %d values for %d OIDs \n", request.host, count, request.oidCount);
 }
 
 /// One list for each variable of the answer, up to the first exception.

@@ -14,9 +14,8 @@
 //
 // A trap of SNMPv1 has its sender's OID and address, two kinds of trap and a time instead of id, status and index.
 //
-// Every constructed item that is sent has a length of three bytes. Parsing takes lengths as
-// AsnParseLength does. A PDU belongs to one
-// thread; nothing here throws.
+// Every constructed item that is sent has a length of three bytes. Parsing takes lengths as AsnParseLength does. A PDU
+// belongs to one thread; nothing here throws.
 #pragma once
 
 #include <cstddef>

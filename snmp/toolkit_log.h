@@ -1,6 +1,6 @@
 // The engine's log lines. They go to the agent's log as they are, without date and time, and do not count towards its
-// rotation. They have a level of their own: errors from 1 on, traces from 2 on, the finest traces at 3. Callable from
-// any thread.
+// rotation by the agent. They have a level of their own: errors from 1 on, traces from 2 on, the finest traces at 3.
+// Callable from any thread.
 #pragma once
 
 #include <atomic>
@@ -18,7 +18,8 @@ inline bool TkLogsAtLeast(std::int32_t level) { return toolkitLogLevel.load(std:
 /// The agent's level 3 gives 2, levels 4 and 5 give 3, all others give 0.
 void SetToolkitLogLevel(std::int32_t agentLogLevel);
 
-/// Appends one text to the log after checking the log's size. Never throws: without memory the text is lost.
+/// Appends one text to the log. Begins the engine's own log again first if it is full. Never throws: without memory the
+/// text is lost.
 void WriteToolkitLine(std::string_view text) noexcept;
 
 /// Writes one engine line; without memory it is lost. It stands apart from the test of the level, which every routine

@@ -75,7 +75,7 @@ void CloseSnmpSession(TransportDomainInfo* info);
 /// system refuses is tried again at once while the time lasts, at most 1000 times.
 [[nodiscard]] int WaitForTdInfoResp(TransportDomainInfo* info, std::int64_t microseconds);
 
-/// Receives one message into a buffer of messageBufferSize bytes: 1, or 0 with length 0 and a log line. After it the
+/// Receives one message into a buffer of messageBufferSize bytes: 1, or 0 with length 0 and a log line. After 1 the
 /// record's remote host and port are the sender's.
 [[nodiscard]] int ReadSnmpMessage(TransportDomainInfo* info, std::uint8_t* buffer, std::int32_t* length);
 

@@ -13,7 +13,7 @@ using platform::RootKey;
 namespace error = platform::error;
 
 Error OpenKey(std::u16string_view path, RegistryAccess access, OwnedRegistryKey& key) {
-    return platform::Registry().RegOpenKeyExW(RootKey::localMachine, path, access, key.place());
+    return platform::Registry().RegOpenKeyExW(RootKey::localMachine, path, access, key.Place());
 }
 
 /// Tries again with more room as long as the value does not fit, because it may grow in between.
@@ -49,7 +49,7 @@ Error ReadSubtree(const std::u16string& path, RegFile& tree, std::u16string& fai
 Error MakeKey(std::u16string_view path) {
     OwnedRegistryKey key;
     platform::RegistryDisposition disposition{};
-    return platform::Registry().RegCreateKeyExW(RootKey::localMachine, path, RegistryAccess::allAccess, key.place(),
+    return platform::Registry().RegCreateKeyExW(RootKey::localMachine, path, RegistryAccess::allAccess, key.Place(),
                                                 disposition);
 }
 

@@ -31,7 +31,7 @@ struct ServiceManagerPlace {
     std::chrono::milliseconds patience{5000};
 };
 
-/// Makers of the records; InstallBackend calls each once.
+/// Makers of the records. The Install... routines (platform/backend.h) call each once.
 ClockOperations LinuxClock();
 CryptoOperations LinuxCrypto();
 FileOperations LinuxFiles();

@@ -20,8 +20,8 @@ class ServiceTest : public ::testing::Test {
     void SetUp() override {
         InstallBackend();
         InstallServices();
-        ASSERT_EQ(ServiceManager().OpenSCManagerW(manager_right::all, manager.place()), error::success);
-        ASSERT_EQ(ServiceManager().CreateServiceW(manager.get(), Definition(), service.place()), error::success);
+        ASSERT_EQ(ServiceManager().OpenSCManagerW(manager_right::all, manager.Place()), error::success);
+        ASSERT_EQ(ServiceManager().CreateServiceW(manager.get(), Definition(), service.Place()), error::success);
     }
     void TearDown() override {
         ServiceStatus status;
@@ -96,9 +96,9 @@ TEST_F(ServiceTest, AServiceThatExitsWithoutAReportIsStopped) {
 TEST_F(ServiceTest, CanBeMadeFoundAndRemovedOnce) {
     {
         OwnedServiceHandle second;
-        EXPECT_EQ(ServiceManager().CreateServiceW(manager.get(), Definition(), second.place()), error::serviceExists);
+        EXPECT_EQ(ServiceManager().CreateServiceW(manager.get(), Definition(), second.Place()), error::serviceExists);
         EXPECT_EQ(ServiceManager().OpenServiceW(manager.get(), u"KVAGENT" + name.substr(7), service_right::queryStatus,
-                                                second.place()),
+                                                second.Place()),
                   error::success);
         ServiceStatus status;
         EXPECT_EQ(ServiceManager().ControlService(second.get(), service_control::stop, status), error::accessDenied);
@@ -113,7 +113,7 @@ TEST_F(ServiceTest, CanBeMadeFoundAndRemovedOnce) {
 
     EXPECT_EQ(ServiceManager().DeleteService(service.get()), error::success);
     service.Close();
-    EXPECT_EQ(ServiceManager().OpenServiceW(manager.get(), name, service_right::all, service.place()),
+    EXPECT_EQ(ServiceManager().OpenServiceW(manager.get(), name, service_right::all, service.Place()),
               error::serviceDoesNotExist);
     EXPECT_EQ(std::system("\"" KV_STAND_IN_SERVICE "\""), 1063) << "started by hand";
 }
