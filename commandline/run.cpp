@@ -55,14 +55,17 @@ class HelpFormatter : public CLI::Formatter {
     }
 };
 
-/// CLI11 ends a command at a "++", and takes every "--" for the end of the options. A byte that no argument can hold
-/// keeps both for plain words.
+/// CLI11 ends a command at a "++", takes every "--" for the end of the options, and gives "--name=" the next word for a
+/// value. A byte that no argument can hold keeps the first two for plain words, and the last one for an empty value.
 constexpr char plainMark = '\0';
 
 std::vector<std::string> MarkPlainWords(std::vector<std::string> words) {
+    bool mayBeOption = true;
     for (std::string& word : words) {
         const bool isLastDashes = word == "--" && &word == &words.back();
         if (word == "++" || isLastDashes) word.insert(word.begin(), plainMark);
+        if (mayBeOption && word.starts_with("--") && word.find('=') == word.size() - 1) word += plainMark;
+        if (word == "--") mayBeOption = false;
     }
     return words;
 }
@@ -177,9 +180,10 @@ const Command* Parser::Parse(const std::vector<std::string>& words, Given& given
     for (const CLI::Option* option : Reached().get_options()) {
         const std::string name = option->get_name();
         const bool isSwitch = option->get_expected_min() == 0;
-        if (isSwitch && option->count() > 0 && option->as<bool>()) given.emplace(name, "");
-        if (isSwitch) continue;
-        for (const std::string& value : option->results()) given.emplace(name, WithoutMark(value));
+        for (const std::string& value : option->results()) {
+            if (isSwitch && value != "true") throw UsageError(name + " takes no value");
+            given.emplace(name, isSwitch ? "" : WithoutMark(value));
+        }
     }
     return commands_.at(&Reached());
 }
@@ -204,6 +208,8 @@ void Parser::RefuseExtra(const std::string& word) const {
     const CLI::App& reached = Reached();
     if (&reached == &app_) throw UsageError(fmt::format("unknown command '{}'", word));
     if (!IsLeaf(reached)) throw UsageError(CommandsNeeded(reached));
+    if (reached.get_option_no_throw(word) != nullptr)
+        throw UsageError(fmt::format("{} goes behind {}", word, reached.get_name()));
     const std::string others = CommandsWith(word);
     if (!others.empty()) throw UsageError(fmt::format("{} goes with {} only", word, others));
     const bool isOption = word.starts_with('-') && word != "--";
@@ -235,7 +241,8 @@ std::string Parser::CommandsWith(std::string_view option) const {
 
 int Failure(const Program& program, int exitCode, const std::string& message, const std::string& hint = "") {
     static_cast<void>(std::fflush(stdout));
-    fmt::print(stderr, "{}: {}{}\n", program.name, InLine(message), hint);
+    const std::string line = fmt::format("{}: {}{}\n", program.name, InLine(message), hint);
+    static_cast<void>(std::fputs(line.c_str(), stderr));  // which may be closed
     return exitCode;
 }
 
@@ -271,9 +278,14 @@ void FlushOutput() {
 
 std::string InLine(std::string_view text) {
     std::string line;
-    for (const char character : text) {
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const char character = text[i];
         const auto byte = static_cast<unsigned char>(character);
-        if (character == '\n') {
+        const auto next = static_cast<unsigned char>(i + 1 < text.size() ? text[i + 1] : '\0');
+        if (byte == 0xC2 && next >= 0x80 && next < 0xA0) {  // U+0080 to U+009F in UTF-8
+            line += fmt::format("\\u00{:02x}", next);
+            ++i;
+        } else if (character == '\n') {
             line += "\\n";
         } else if (character == '\r') {
             line += "\\r";

@@ -133,7 +133,8 @@ bool IsMainPlace(const Mount& left, const Mount& right) {
 }  // namespace
 
 std::vector<Mount> ParseMountInfo(std::string_view text) {
-    // Without a cache libmount only parses. With one it would resolve paths, and wait for mounts that do not answer.
+    // Without a cache libmount only parses, and finds out what the kernel's /dev/root stands for. With one it would
+    // resolve paths, and wait for mounts that do not answer.
     const std::unique_ptr<libmnt_table, platform::ReleasedBy<mnt_unref_table>> table(mnt_new_table());
     const std::unique_ptr<libmnt_iter, platform::ReleasedBy<mnt_free_iter>> entries(mnt_new_iter(MNT_ITER_FORWARD));
     if (!table || !entries) throw std::bad_alloc();

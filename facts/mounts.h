@@ -23,8 +23,8 @@ struct Mount {
     std::string subvolume;  // of btrfs; empty for others
 };
 
-/// All mounts of such a file in its order, read by libmount. Malformed lines are left out. No mount is accessed. Throws
-/// std::system_error, or std::bad_alloc when memory runs out.
+/// All mounts of such a file in its order, read by libmount. Malformed lines are left out; if the first one is, all
+/// are. No mount is accessed. Throws std::system_error, or std::bad_alloc when memory runs out.
 std::vector<Mount> ParseMountInfo(std::string_view text);
 
 /// Whether a path lies in a folder, at any depth. Both are without a slash at the end; "/" is the root.

@@ -176,9 +176,10 @@ class HttpFrame {
         std::shared_ptr<Request> owner;
         if (const Error failure = AllHandles().Find(request, owner)) return failure;
         if (owner->stage != Stage::sent) return error::winHttpIncorrectHandleState;
+        owner->stage = Stage::opened;
         const Error result = ReceiveAnswer(*owner);
-        owner->stage = result == error::success ? Stage::answered : Stage::opened;
-        Backend::EndReceive(*owner, result);
+        Backend::EndReceive(*owner, result);  // may throw: there is no answer then
+        if (result == error::success) owner->stage = Stage::answered;
         return result;
     }
 

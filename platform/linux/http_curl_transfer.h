@@ -21,6 +21,7 @@
 #include "platform/errors.h"
 #include "platform/linux/descriptor.h"
 #include "platform/linux/http_transfer_limits.h"
+#include "platform/owned_handle.h"
 
 namespace platform {
 
@@ -62,8 +63,6 @@ class CurlTransfer {
     /// Takes bytes that are there; the number taken.
     std::size_t Take(std::byte* buffer, std::size_t size);
 
-    bool hasHeaders() const { return headersComplete_; }
-
     /// Whether the answer is a proxy's refusal of a tunnel, and not the server's.
     bool tunnelRefused() const { return tunnelRefused_; }
 
@@ -78,14 +77,6 @@ class CurlTransfer {
 
   private:
     using Stage = HttpTransferLimits::Stage;
-
-    template <auto Routine>
-    struct Release {
-        template <class T>
-        void operator()(T* owned) const {
-            Routine(owned);
-        }
-    };
 
     void Configure(const CurlTransferSettings& settings);
     Error Run(Stage stage);
@@ -108,9 +99,9 @@ class CurlTransfer {
     static std::size_t OnHeader(char* data, std::size_t size, std::size_t count, void* self);
     static std::size_t OnBody(char* data, std::size_t size, std::size_t count, void* self);
 
-    std::unique_ptr<curl_slist, Release<curl_slist_free_all>> headerList_;
-    std::unique_ptr<CURLM, Release<curl_multi_cleanup>> multi_;
-    std::unique_ptr<CURL, Release<curl_easy_cleanup>> easy_;
+    std::unique_ptr<curl_slist, ReleasedBy<curl_slist_free_all>> headerList_;
+    std::unique_ptr<CURLM, ReleasedBy<curl_multi_cleanup>> multi_;
+    std::unique_ptr<CURL, ReleasedBy<curl_easy_cleanup>> easy_;
 
     std::size_t bodySize_;
     HttpTransferLimits limits_;

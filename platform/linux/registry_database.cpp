@@ -78,15 +78,16 @@ Error OpenDatabase(RegistryDatabase& database, const std::filesystem::path& path
     struct stat facts {};
     if (stat(path.c_str(), &facts) != 0) return ErrorFromErrno(errno);
     if (!S_ISREG(facts.st_mode)) return error::accessDenied;
-    database.connection = kv::sqlite::Open(path, kv::sqlite::Opening::existing);
-    ++database.generation;
-    sqlite3* opened = database.connection.get();
+    auto connection = kv::sqlite::Open(path, kv::sqlite::Opening::existing);
+    sqlite3* opened = connection.get();
     sqlite3_db_config(opened, SQLITE_DBCONFIG_LOOKASIDE, nullptr, 0, 0);
     sqlite3_busy_handler(opened, WaitForLock, &database);
     // On a full disk SQLite would have no room to make the companion files again, and nothing could be read.
     int companionsStay = 1;
     sqlite3_file_control(opened, "main", SQLITE_FCNTL_PERSIST_WAL, &companionsStay);
     ExecuteScript(opened, connectionSettings);
+    database.connection = std::move(connection);  // only once it is complete
+    ++database.generation;
     return error::success;
 }
 
