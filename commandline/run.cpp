@@ -209,7 +209,7 @@ void Parser::RefuseExtra(const std::string& word) const {
     if (&reached == &app_) throw UsageError(fmt::format("unknown command '{}'", word));
     if (!IsLeaf(reached)) throw UsageError(CommandsNeeded(reached));
     if (reached.get_option_no_throw(word) != nullptr)
-        throw UsageError(fmt::format("{} goes behind {}", word, reached.get_name()));
+        throw UsageError(fmt::format("{} stands behind {} and before --", word, reached.get_name()));
     const std::string others = CommandsWith(word);
     if (!others.empty()) throw UsageError(fmt::format("{} goes with {} only", word, others));
     const bool isOption = word.starts_with('-') && word != "--";

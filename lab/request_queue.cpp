@@ -34,7 +34,7 @@ std::string RegistryPlace(const std::string& stateDirectory) {
 void RequireAgentSettings(const std::string& place) {
     platform::OwnedRegistryKey key;
     const platform::Error failure = platform::Registry().RegOpenKeyExW(
-        platform::RootKey::localMachine, agentKeyPath, platform::RegistryAccess::queryValue, key.place());
+        platform::RootKey::localMachine, agentKeyPath, platform::RegistryAccess::queryValue, key.Place());
     if (failure == platform::error::fileNotFound)
         throw NotFoundError(fmt::format(
             "there is no agent's registry in {}; --state names the agent's state directory, {}", place, noFlagHint));

@@ -24,6 +24,7 @@ int main(int argc, char** argv) {
         const std::string pageTemplate(std::istreambuf_iterator<char>(file), {});
         text = kv::commandline::ManualPage(name == "kvreg" ? kv::RegistryTool() : kv::lab::LabProgram(), pageTemplate);
     }
+    if (text.empty()) fmt::print(stderr, "usage: describe_program kvreg|kvlab man TEMPLATE|bash\n");
     fmt::print("{}", text);
     return text.empty() || std::fflush(stdout) != 0 ? 1 : 0;
 }

@@ -197,7 +197,7 @@ void Watch(const Given& given) {
     platform::OwnedRegistryKey key;
     const auto open = [&] {
         return platform::Registry().RegOpenKeyExW(platform::RootKey::localMachine, path, platform::RegistryAccess::read,
-                                                  key.place());
+                                                  key.Place());
     };
     const std::string what = "cannot watch the key " + WholePath(path);
     Require(open(), what, "key " + WholePath(path));

@@ -17,6 +17,9 @@ std::vector<const ClassInfo*> CollectClasses() {
     for (const ClassFamily* family = lastFamily; family != nullptr; family = family->before()) {
         for (const ClassInfo& member : family->list()) classes.push_back(&member);
     }
+    // Families come as the linker has placed them, and a query for a superclass shows the order.
+    std::sort(classes.begin(), classes.end(),
+              [](const ClassInfo* left, const ClassInfo* right) { return left->name < right->name; });
     return classes;
 }
 

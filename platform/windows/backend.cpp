@@ -36,7 +36,7 @@ std::vector<std::string> CommandLineWords(int, char**) {
     const std::unique_ptr<wchar_t*, decltype(&::LocalFree)> words(::CommandLineToArgvW(::GetCommandLineW(), &count),
                                                                   ::LocalFree);
     std::vector<std::string> utf8;
-    for (int at = 0; words && at < count; ++at) utf8.push_back(Utf8FromWide(TextOf(words.get()[at])));
+    for (int at = 0; words && at < count; ++at) utf8.push_back(Utf8FromWide(Utf16FromWide(words.get()[at])));
     return utf8;
 }
 

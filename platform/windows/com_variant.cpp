@@ -11,7 +11,7 @@ OwnedBstr BstrOf(std::u16string_view text) {
     return owned;
 }
 
-std::u16string TextOfBstr(BSTR text) { return TextOf({text, ::SysStringLen(text)}); }
+std::u16string TextOfBstr(BSTR text) { return Utf16FromWide({text, ::SysStringLen(text)}); }
 
 Variant VariantOf(const VARIANT& value) {
     Variant copy;

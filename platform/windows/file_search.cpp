@@ -30,7 +30,7 @@ bool IsLink(const WIN32_FIND_DATAW& entry) {
 
 FindData DataOf(const WIN32_FIND_DATAW& entry) {
     const bool isDirectory = (entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
-    return {.fileName = TextOf(entry.cFileName), .isDirectory = isDirectory && !IsLink(entry)};
+    return {.fileName = Utf16FromWide(entry.cFileName), .isDirectory = isDirectory && !IsLink(entry)};
 }
 
 bool IsItself(const FindData& entry) { return entry.fileName == u"." || entry.fileName == u".."; }

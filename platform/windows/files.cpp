@@ -287,7 +287,7 @@ int ChangeDirectory(std::u16string_view path) { return ::_wchdir(NativePathOf(pa
 int GetWorkingDirectory(std::u16string& path) {
     const std::unique_ptr<wchar_t, decltype(&std::free)> given(::_wgetcwd(nullptr, 0), std::free);
     if (!given) return errno;
-    path = TextOf(given.get());
+    path = Utf16FromWide(given.get());
     return 0;
 }
 
@@ -330,7 +330,7 @@ FileOperations WindowsFiles() {
         .wchdir = Guarded(ChangeDirectory, directoryErrorResults),
         .wgetcwd = Guarded(GetWorkingDirectory, directoryErrorResults),
         .GetFileUseState = Guarded(GetFileUseState),
-        .NativePath = [](std::u16string_view path) { return TextOf(NativePathOf(path)); },
+        .NativePath = [](std::u16string_view path) { return Utf16FromWide(NativePathOf(path)); },
     };
 }
 

@@ -300,7 +300,7 @@ std::optional<HttpTarget> WinHttp::Redirection(Request& request, const HttpTarge
 Error WinHttp::RawHeaders(Request& request, std::u16string& text) {
     std::wstring headers;
     const Error result = QueryHeaderText(request.handle.get(), WINHTTP_QUERY_RAW_HEADERS_CRLF, headers);
-    text = TextOf(headers);
+    text = Utf16FromWide(headers);
     return result;
 }
 

@@ -34,12 +34,12 @@ std::optional<HttpTarget> SplitUrl(const std::wstring& url) {
     const std::wstring_view extra(parts.lpszExtraInfo, parts.dwExtraInfoLength);
     std::wstring path(parts.lpszUrlPath, parts.dwUrlPathLength);
     path += extra.substr(0, extra.find(L'#'));  // what follows is the client's own
-    const auto host = HostFor(TextOf({parts.lpszHostName, parts.dwHostNameLength}));
+    const auto host = HostFor(Utf16FromWide({parts.lpszHostName, parts.dwHostNameLength}));
     if (!host) return std::nullopt;
     return HttpTarget{.secure = parts.nScheme == INTERNET_SCHEME_HTTPS,
                       .host = *host,
                       .port = parts.nPort,
-                      .path = PathFor(TextOf(path))};
+                      .path = PathFor(Utf16FromWide(path))};
 }
 
 }  // namespace

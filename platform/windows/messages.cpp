@@ -22,7 +22,7 @@ std::optional<std::u16string> MessageText(DWORD origin, HMODULE module, Error co
         code, defaultLanguage, reinterpret_cast<wchar_t*>(&text), 0, nullptr);
     const std::unique_ptr<wchar_t, decltype(&::LocalFree)> owned(text, ::LocalFree);
     if (length == 0) return std::nullopt;
-    return TextOf({text, length});
+    return Utf16FromWide({text, length});
 }
 
 std::optional<std::u16string> FormatMessageW(Error code) { return MessageText(0, nullptr, code); }

@@ -203,7 +203,7 @@ Error ListOnce(HKEY key, NameAt nameAt, std::vector<std::u16string>& names) {
         const Error result = nameAt(key, static_cast<DWORD>(names.size()), name.data(), &length);
         if (result == error::noMoreItems) return error::success;
         if (result != error::success) return result;
-        names.push_back(TextOf({name.data(), length}));
+        names.push_back(Utf16FromWide({name.data(), length}));
     }
 }
 

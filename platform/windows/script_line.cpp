@@ -11,7 +11,7 @@ namespace {
 std::u16string SystemDirectory() {
     wchar_t directory[MAX_PATH];
     const UINT length = ::GetSystemDirectoryW(directory, MAX_PATH);
-    return TextOf({directory, length < MAX_PATH ? length : 0});
+    return Utf16FromWide({directory, length < MAX_PATH ? length : 0});
 }
 
 /// A literal percent sign to the interpreter: followed by a variable that expands to nothing.
@@ -82,7 +82,7 @@ std::u16string WideFromConsoleBytes(std::string_view bytes) {
     std::wstring text(bytes.size(), L'\0');  // no code page makes more characters than bytes
     const int length = ::MultiByteToWideChar(CP_OEMCP, 0, bytes.data(), size, text.data(), size);
     text.resize(static_cast<std::size_t>(length));
-    return TextOf(text);
+    return Utf16FromWide(text);
 }
 
 }  // namespace platform

@@ -111,7 +111,8 @@ Error EnumDependentServicesW(ServiceHandle service, std::size_t bufferSize, std:
                                                            static_cast<DWORD>(bufferSize), &needed, &count));
     bytesNeeded = needed;
     for (DWORD at = 0; result == error::success && at < count; ++at)
-        services.push_back({.name = TextOf(found[at].lpServiceName), .status = StatusOf(found[at].ServiceStatus)});
+        services.push_back(
+            {.name = Utf16FromWide(found[at].lpServiceName), .status = StatusOf(found[at].ServiceStatus)});
     return result;
 }
 

@@ -118,7 +118,7 @@ Error HostByName(std::string_view name, HostEntry& host) {
     const AddressList list(found, ::FreeAddrInfoW);
     sockaddr_in address{};
     std::memcpy(&address, found->ai_addr, std::min(sizeof address, found->ai_addrlen));
-    host.name = found->ai_canonname != nullptr ? Utf8FromWide(TextOf(found->ai_canonname)) : std::string(name);
+    host.name = found->ai_canonname != nullptr ? Utf8FromWide(Utf16FromWide(found->ai_canonname)) : std::string(name);
     host.address = TextFromAddress(AddressOf(address).address);
     return error::success;
 }
@@ -130,7 +130,7 @@ Error HostByAddress(std::string_view dottedAddress, HostEntry& host) {
     std::array<wchar_t, NI_MAXHOST> name{};
     const int code = ::GetNameInfoW(Generic(system), sizeof system, name.data(), name.size(), nullptr, 0, NI_NAMEREQD);
     if (code != 0) return LookupErrorOf(code);
-    host.name = Utf8FromWide(TextOf(name.data()));
+    host.name = Utf8FromWide(Utf16FromWide(name.data()));
     host.address = dottedAddress;
     return error::success;
 }

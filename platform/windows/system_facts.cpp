@@ -49,7 +49,7 @@ std::u16string ProductName() {
     DWORD size = sizeof name;
     const LSTATUS result = ::RegGetValueW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion",
                                           L"ProductName", RRF_RT_REG_SZ, nullptr, name, &size);
-    return result == ERROR_SUCCESS ? TextOf(name) : std::u16string();
+    return result == ERROR_SUCCESS ? Utf16FromWide(name) : std::u16string();
 }
 
 std::u16string PlainNameOf(const OSVERSIONINFOEXW& version) {
@@ -70,7 +70,7 @@ Error GetVersionExW(SystemVersion& version) {
     version = {.family = FamilyOf(system.dwPlatformId),
                .major = system.dwMajorVersion,
                .minor = system.dwMinorVersion,
-               .servicePack = TextOf(system.szCSDVersion),
+               .servicePack = Utf16FromWide(system.szCSDVersion),
                .isWorkstation = system.wProductType == VER_NT_WORKSTATION,
                .isAmd64 = IsAmd64(),
                .plainName = PlainNameOf(system)};
@@ -84,7 +84,7 @@ Error ComputerName(COMPUTER_NAME_FORMAT form, std::u16string& name) {
     while (true) {
         auto size = static_cast<DWORD>(buffer.size());
         if (::GetComputerNameExW(form, buffer.data(), &size)) {
-            name = TextOf(std::wstring_view(buffer).substr(0, size));
+            name = Utf16FromWide(std::wstring_view(buffer).substr(0, size));
             return error::success;
         }
         if (::GetLastError() != ERROR_MORE_DATA || size <= buffer.size()) return LastError();

@@ -45,7 +45,7 @@ WmiOperations WindowsWmi();
 
 /// The agent's wide text as the system's, and back. Both are UTF-16, but C++ has two types for it.
 inline std::wstring WideOf(std::u16string_view text) { return {text.begin(), text.end()}; }
-inline std::u16string TextOf(std::wstring_view wide) { return {wide.begin(), wide.end()}; }
+inline std::u16string Utf16FromWide(std::wstring_view wide) { return {wide.begin(), wide.end()}; }
 
 /// A path as the system takes it. A zero character, which would end it, becomes U+FFFD.
 [[nodiscard]] std::wstring NativePathOf(std::u16string_view path);

@@ -34,7 +34,7 @@ TEST_F(Kvlab, EndsWithAnExitCodeAndALine) {
         {"fault set --servlet '*' --drop --cut" + on, 2, "exactly one"},
         {"serve --port 65536" + on, 2, "'65536'"},
         {"serve --port= --listen" + on, 2, "--listen"},
-        {"--database x agents", 2, "--database goes behind agents"},
+        {"--database x agents", 2, "--database stands behind agents"},
         {"conf push K1 " + std::string(folder / "absent.json") + on, 3, "absent.json"},
         {"agents --database " + std::string(folder / "absent.db"), 3, "there is no database"},
         {"conf push --no-flag K1 " + std::string(folder / "plan") + on, 1, "WorkFlows"},

@@ -30,7 +30,7 @@ TEST_F(Kvreg, CarriesOutItsCommands) {
         {{"delete", key, "++", "--"}, 2, "", "unexpected '--'"},
         {{"set", key, "v", "-x"}, 2, "", "unknown option '-x'"},
         {{"set", key, "v", "1", "--dword=yes"}, 2, "", "--dword takes no value"},
-        {{"--dword", "set", key, "v", "1"}, 2, "", "--dword goes behind set"},
+        {{"--dword", "set", key, "v", "1"}, 2, "", "--dword stands behind set and before --"},
         {{"set", key, "--", "v", "-h"}, 0, "", ""},
         {{"get", key, "v"}, 0, "-h\n", ""},
         {{"set", key, "v", "some text"}, 0, "", ""},

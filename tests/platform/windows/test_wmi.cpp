@@ -38,7 +38,7 @@ struct Script {
 };
 Script script;
 
-std::string Narrow(const wchar_t* text) { return text ? Utf8FromWide(TextOf(text)) : "-"; }
+std::string Narrow(const wchar_t* text) { return text ? Utf8FromWide(Utf16FromWide(text)) : "-"; }
 
 template <class Interface, class Table>
 struct Double : Interface {
