@@ -33,7 +33,7 @@ TEST_F(Kvlab, EndsWithAnExitCodeAndALine) {
         {"--help", 0, ""},
         {"fault set --servlet '*' --drop --cut" + on, 2, "exactly one"},
         {"serve --port 65536" + on, 2, "'65536'"},
-        {"serve --port= --listen" + on, 2, "--listen"},
+        {"serve --port= --listen 192.0.2.1" + on, 2, "''"},
         {"--database x agents", 2, "--database stands behind agents"},
         {"conf push K1 " + std::string(folder / "absent.json") + on, 3, "absent.json"},
         {"agents --database " + std::string(folder / "absent.db"), 3, "there is no database"},
