@@ -1,3 +1,5 @@
+#include "platform/memory.h"
+
 #include <algorithm>
 #include <array>
 #include <cstdint>
@@ -15,7 +17,6 @@
 
 #include "platform/linux/descriptor.h"
 #include "platform/linux/linux.h"
-#include "platform/memory.h"
 
 namespace platform {
 
