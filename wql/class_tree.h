@@ -9,7 +9,7 @@
 
 namespace kv::wql {
 
-/// Registers the classes of one source file, which has a constant of this type at its end. No other code names it.
+/// Registers the classes of one source file, which has one constant of this type. No other code names it.
 class ClassFamily {
   public:
     /// Called once, at the first query. What it lists lives as long as the process.

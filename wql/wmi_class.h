@@ -49,7 +49,7 @@ struct PropertyInfo {
     }
 };
 
-/// The values that WHERE leaves a property. An object with another value cannot match.
+/// Which values of a property can match WHERE.
 struct Restriction {
     std::u16string_view property;
     std::vector<CimValue> values;  // of the property's type

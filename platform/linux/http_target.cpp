@@ -9,17 +9,14 @@
 #include <vector>
 
 #include "platform/http_rules.h"
+#include "platform/owned_handle.h"
 #include "platform/utf.h"
 
 namespace platform {
 
 namespace {
 
-struct CurlFree {
-    void operator()(char* text) const { curl_free(text); }
-    void operator()(CURLU* url) const { curl_url_cleanup(url); }
-};
-using UrlHandle = std::unique_ptr<CURLU, CurlFree>;
+using UrlHandle = std::unique_ptr<CURLU, ReleasedBy<curl_url_cleanup>>;
 
 std::string LowerCase(std::string_view text) {
     std::string lower(text);
@@ -31,7 +28,7 @@ std::string LowerCase(std::string_view text) {
 std::string UrlPart(CURLU* url, CURLUPart part) {
     char* text = nullptr;
     if (curl_url_get(url, part, &text, CURLU_DEFAULT_PORT) != CURLUE_OK) return {};
-    return std::unique_ptr<char, CurlFree>(text).get();
+    return std::unique_ptr<char, ReleasedBy<curl_free>>(text).get();
 }
 
 std::optional<HttpTarget> TargetOf(CURLU* url) {

@@ -29,7 +29,7 @@ struct Connection {
     ServiceManagerPlace place;
     UnitManager manager;
 
-    sd_bus* Bus() const { return manager.Bus(); }
+    sd_bus* bus() const { return manager.bus(); }
 };
 
 struct OpenHandle {
@@ -59,7 +59,7 @@ bool IsUsable(sd_bus* bus) {
 }
 
 Error Connect(Connection& connection) {
-    if (IsUsable(connection.Bus())) return error::success;
+    if (IsUsable(connection.bus())) return error::success;
     const int result = connection.manager.Connect(connection.place.patience);
     return IsAbsent(result) ? error::rpcServerUnavailable : ErrorOfManager(result);
 }
@@ -100,10 +100,10 @@ bool CanPause(const UnitCondition& condition) {
 
 /// A unit that has gone since it was opened, as one without a file does when it ends, counts as stopped.
 Error Look(OpenHandle& service, UnitCondition& condition, ServiceStatus& status) {
-    int result = ReadCondition(service.connection->Bus(), service.unit, condition);
+    int result = ReadCondition(service.connection->bus(), service.unit, condition);
     // Asking once more does no harm, and systemd hangs up whenever it executes itself again.
     if (IsHungUp(result) && Connect(*service.connection) == error::success) {
-        result = ReadCondition(service.connection->Bus(), service.unit, condition);
+        result = ReadCondition(service.connection->bus(), service.unit, condition);
     }
     if (result < 0) return ErrorOfManager(result);
     status = StatusOf(condition, CanPause(condition), NowMicroseconds(), service.seen);
@@ -151,7 +151,7 @@ Error CreateServiceW(ServiceHandle manager, const ServiceDefinition& definition,
                     .description = UnitDescription()};
     Error failure = DescribeService(connection->manager, definition, *made.description);
     if (failure != 0) return failure;
-    failure = InstallUnit(connection->Bus(), connection->place.unitDirectory, made.unit, *made.description,
+    failure = InstallUnit(connection->bus(), connection->place.unitDirectory, made.unit, *made.description,
                           definition.start == ServiceStartType::automatic);
     if (failure == 0) service = NewHandle(std::move(made));
     return failure;
@@ -162,7 +162,7 @@ Error ChangeServiceConfig2W(ServiceHandle service, const ServiceFailureActions& 
     OpenHandle& open = OpenOf(service);
     if (!open.description) return error::notSupported;
     open.description->failureActions = actions;
-    return RewriteUnit(open.connection->Bus(), open.connection->place.unitDirectory, open.unit, *open.description);
+    return RewriteUnit(open.connection->bus(), open.connection->place.unitDirectory, open.unit, *open.description);
 }
 
 Error DeleteService(ServiceHandle service) {
@@ -172,7 +172,7 @@ Error DeleteService(ServiceHandle service) {
     ServiceStatus status;
     if (const Error failure = Look(open, condition, status); failure != 0) return failure;
     if (condition.loadState == "not-found") return error::serviceDoesNotExist;
-    const Error failure = RemoveUnit(open.connection->Bus(), open.connection->place.unitDirectory, condition);
+    const Error failure = RemoveUnit(open.connection->bus(), open.connection->place.unitDirectory, condition);
     if (failure == 0) open.description.reset();
     return failure;
 }
@@ -186,7 +186,7 @@ Error StartServiceW(ServiceHandle service) {
     if (const Error failure = Look(open, condition, status); failure != 0) return failure;
     if (condition.loadState == "not-found") return error::serviceDoesNotExist;
     if (condition.loadState == "masked") return error::serviceDisabled;
-    const int result = StartUnit(open.connection->Bus(), open.unit);
+    const int result = StartUnit(open.connection->bus(), open.unit);
     if (result == -ENOENT) return error::serviceDependencyDeleted;
     return result == -ERFKILL ? error::serviceDependencyFailed : ErrorOfManager(result);
 }
@@ -245,7 +245,7 @@ Error ControlService(ServiceHandle service, std::uint32_t control, ServiceStatus
     UnitCondition condition;
     if (const Error failure = Look(open, condition, status); failure != 0) return failure;
     if (status.dwCurrentState == stopped) return error::serviceNotActive;
-    const Error failure = Tell(open.connection->Bus(), condition, status.dwCurrentState, control);
+    const Error failure = Tell(open.connection->bus(), condition, status.dwCurrentState, control);
     return failure != 0 ? failure : Look(open, condition, status);
 }
 
@@ -256,7 +256,7 @@ Error EnumDependentServicesW(ServiceHandle service, std::size_t bufferSize, std:
     if (const Error failure = UseService(service, service_right::enumerateDependents); failure != 0) return failure;
     const OpenHandle& open = OpenOf(service);
     std::vector<std::string> units;
-    const int listed = ListActiveDependents(open.connection->Bus(), open.unit, units);
+    const int listed = ListActiveDependents(open.connection->bus(), open.unit, units);
     if (listed < 0) return ErrorOfManager(listed);
     std::vector<DependentService> found;
     for (const std::string& unit : units) {

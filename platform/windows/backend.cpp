@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <memory>
 
+#include "platform/owned_handle.h"
 #include "platform/utf.h"
 #include "platform/windows/win32.h"
 
@@ -33,8 +34,7 @@ void InstallBackend() {
 /// Not the narrow arguments of main: they have lost what the system's code page cannot hold.
 std::vector<std::string> CommandLineWords(int, char**) {
     int count = 0;
-    const std::unique_ptr<wchar_t*, decltype(&::LocalFree)> words(::CommandLineToArgvW(::GetCommandLineW(), &count),
-                                                                  ::LocalFree);
+    const std::unique_ptr<wchar_t*, ReleasedBy<::LocalFree>> words(::CommandLineToArgvW(::GetCommandLineW(), &count));
     std::vector<std::string> utf8;
     for (int at = 0; words && at < count; ++at) utf8.push_back(Utf8FromWide(Utf16FromWide(words.get()[at])));
     return utf8;

@@ -5,6 +5,7 @@
 #include <memory>
 #include <string_view>
 
+#include "platform/owned_handle.h"
 #include "platform/windows/win32.h"
 
 // After the system's main header, which it needs.
@@ -12,12 +13,8 @@
 
 namespace platform {
 
-struct BstrFree {
-    void operator()(OLECHAR* text) const { ::SysFreeString(text); }
-};
-
 /// Owns a BSTR, or null.
-using OwnedBstr = std::unique_ptr<OLECHAR, BstrFree>;
+using OwnedBstr = std::unique_ptr<OLECHAR, ReleasedBy<::SysFreeString>>;
 
 /// A BSTR of all of the text, zero characters too. Throws std::bad_alloc.
 OwnedBstr BstrOf(std::u16string_view text);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <memory>
 
+#include "platform/owned_handle.h"
 #include "platform/utf.h"
 #include "platform/windows/system_handle.h"
 #include "platform/windows/win32.h"
@@ -37,7 +38,7 @@ Error MakePartialFile(const std::wstring& path, std::wstring& partial, SystemHan
     PSECURITY_DESCRIPTOR descriptor = nullptr;
     if (!::ConvertStringSecurityDescriptorToSecurityDescriptorW(privateAccess, SDDL_REVISION_1, &descriptor, nullptr))
         return LastError();
-    const std::unique_ptr<void, decltype(&::LocalFree)> owner(descriptor, ::LocalFree);
+    const std::unique_ptr<void, ReleasedBy<::LocalFree>> owner(descriptor);
     SECURITY_ATTRIBUTES attributes{sizeof attributes, descriptor, FALSE};
     Error failure = error::fileExists;
     for (int tried = 0; failure == error::fileExists && tried < maximumNames; ++tried) {

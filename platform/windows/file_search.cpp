@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "platform/name_pattern.h"
+#include "platform/owned_handle.h"
 #include "platform/windows/win32.h"
 
 namespace platform {
@@ -20,7 +21,7 @@ struct FileSearch {
 };
 
 /// A running search of the system's.
-using SystemSearch = std::unique_ptr<void, decltype(&::FindClose)>;
+using SystemSearch = std::unique_ptr<void, ReleasedBy<::FindClose>>;
 
 /// Not every reparse point is a link: a file that is stored elsewhere and fetched when it is read is one as well.
 bool IsLink(const WIN32_FIND_DATAW& entry) {
@@ -46,7 +47,7 @@ Error ListMatches(const std::wstring& path, const NamePattern& pattern, std::vec
     WIN32_FIND_DATAW entry;
     const HANDLE handle = ::FindFirstFileW(path.c_str(), &entry);
     if (handle == INVALID_HANDLE_VALUE) return SearchError();
-    const SystemSearch search(handle, ::FindClose);
+    const SystemSearch search(handle);
     do {
         FindData data = DataOf(entry);
         if (pattern.Matches(data.fileName)) found.push_back(std::move(data));

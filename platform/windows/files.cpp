@@ -7,6 +7,7 @@
 #include <shared_mutex>
 
 #include "platform/guarded.h"
+#include "platform/owned_handle.h"
 #include "platform/windows/file_search.h"
 #include "platform/windows/system_handle.h"
 #include "platform/windows/win32.h"
@@ -285,7 +286,7 @@ int MakeDirectory(std::u16string_view path) { return ::_wmkdir(NativePathOf(path
 int ChangeDirectory(std::u16string_view path) { return ::_wchdir(NativePathOf(path).c_str()) == 0 ? 0 : errno; }
 
 int GetWorkingDirectory(std::u16string& path) {
-    const std::unique_ptr<wchar_t, decltype(&std::free)> given(::_wgetcwd(nullptr, 0), std::free);
+    const std::unique_ptr<wchar_t, ReleasedBy<std::free>> given(::_wgetcwd(nullptr, 0));
     if (!given) return errno;
     path = Utf16FromWide(given.get());
     return 0;

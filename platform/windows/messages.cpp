@@ -1,6 +1,7 @@
 #include <memory>
 
 #include "platform/guarded.h"
+#include "platform/owned_handle.h"
 #include "platform/windows/win32.h"
 
 namespace platform {
@@ -20,7 +21,7 @@ std::optional<std::u16string> MessageText(DWORD origin, HMODULE module, Error co
     const DWORD length = ::FormatMessageW(
         FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_IGNORE_INSERTS | FORMAT_MESSAGE_FROM_SYSTEM | origin, module,
         code, defaultLanguage, reinterpret_cast<wchar_t*>(&text), 0, nullptr);
-    const std::unique_ptr<wchar_t, decltype(&::LocalFree)> owned(text, ::LocalFree);
+    const std::unique_ptr<wchar_t, ReleasedBy<::LocalFree>> owned(text);
     if (length == 0) return std::nullopt;
     return Utf16FromWide({text, length});
 }

@@ -13,6 +13,7 @@
 
 #include "platform/backend.h"
 #include "platform/guarded.h"
+#include "platform/owned_handle.h"
 #include "platform/registry_names.h"
 #include "platform/windows/system_handle.h"
 #include "platform/windows/win32.h"
@@ -26,10 +27,7 @@ constexpr int maximumListings = 10;          // of a key that changes while it i
 
 constexpr DWORD changesOfInterest = REG_NOTIFY_CHANGE_NAME | REG_NOTIFY_CHANGE_LAST_SET;
 
-struct CloseSystemKey {
-    void operator()(HKEY key) const { ::RegCloseKey(key); }
-};
-using SystemKey = std::unique_ptr<std::remove_pointer_t<HKEY>, CloseSystemKey>;
+using SystemKey = std::unique_ptr<std::remove_pointer_t<HKEY>, ReleasedBy<::RegCloseKey>>;
 
 struct OpenKey {
     SystemKey key;

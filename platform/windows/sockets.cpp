@@ -30,7 +30,7 @@ constexpr DWORD notInherited = 0x80;
 constexpr DWORD reportUnreachablePort = _WSAIOW(IOC_VENDOR, 12);
 constexpr DWORD reportUnreachableNet = _WSAIOW(IOC_VENDOR, 15);
 
-using AddressList = std::unique_ptr<ADDRINFOW, decltype(&::FreeAddrInfoW)>;
+using AddressList = std::unique_ptr<ADDRINFOW, ReleasedBy<::FreeAddrInfoW>>;
 
 /// Other numbers are the agent's as they are.
 Error SocketErrorOf(int code) {
@@ -115,7 +115,7 @@ Error HostByName(std::string_view name, HostEntry& host) {
     ADDRINFOW* found = nullptr;
     const std::wstring asked = WideOf(WideFromUtf8(name));
     if (const int code = ::GetAddrInfoW(asked.c_str(), nullptr, &hints, &found); code != 0) return LookupErrorOf(code);
-    const AddressList list(found, ::FreeAddrInfoW);
+    const AddressList list(found);
     sockaddr_in address{};
     std::memcpy(&address, found->ai_addr, std::min(sizeof address, found->ai_addrlen));
     host.name = found->ai_canonname != nullptr ? Utf8FromWide(Utf16FromWide(found->ai_canonname)) : std::string(name);

@@ -1,15 +1,15 @@
 #include "platform/linux/systemd/bus_message.h"
 
+#include "platform/owned_handle.h"
+
 namespace platform::systemd {
 
 namespace {
 
-struct FreeTexts {
-    void operator()(char** texts) const {
-        for (char** text = texts; *text != nullptr; ++text) std::free(*text);
-        std::free(texts);
-    }
-};
+void FreeTexts(char** texts) {
+    for (char** text = texts; *text != nullptr; ++text) std::free(*text);
+    std::free(texts);
+}
 
 }  // namespace
 
@@ -68,7 +68,7 @@ int GetTexts(sd_bus* bus, const std::string& unit, const char* interface, const 
     char** texts = nullptr;
     const int result =
         sd_bus_get_property_strv(bus, managerName, UnitPathOf(unit).get(), interface, property, nullptr, &texts);
-    const std::unique_ptr<char*, FreeTexts> owned(texts);
+    const std::unique_ptr<char*, ReleasedBy<FreeTexts>> owned(texts);
     for (char** text = texts; text != nullptr && *text != nullptr; ++text) values.emplace_back(*text);
     return result;
 }

@@ -73,13 +73,13 @@ Error NameDependency(UnitManager& manager, std::u16string_view serviceName, std:
 Error FindUnit(UnitManager& manager, std::u16string_view serviceName, UnitCondition& condition) {
     const std::string unit = UnitNameOf(Utf8FromWide(serviceName));
     if (unit.empty()) return error::invalidName;
-    int result = ReadCondition(manager.Bus(), unit, condition);
+    int result = ReadCondition(manager.bus(), unit, condition);
     if (result < 0 || Exists(condition)) return ErrorOfManager(result);
     std::vector<std::string> others;
     result = ListInAnyCase(manager, unit, others);
     UnitCondition other;
     for (auto name = others.begin(); name != others.end() && result >= 0; ++name) {
-        result = ReadCondition(manager.Bus(), *name, other);
+        result = ReadCondition(manager.bus(), *name, other);
         if (result < 0 || !Exists(other)) continue;
         condition = other;
         return error::success;

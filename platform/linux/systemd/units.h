@@ -65,7 +65,7 @@ class UnitManager {
     int Connect(std::chrono::milliseconds patience) { return OpenManagerBus(patience, bus_); }
 
     /// The connection; null before the first one.
-    sd_bus* Bus() const { return bus_.get(); }
+    sd_bus* bus() const { return bus_.get(); }
 
     /// Services that are loaded and match one of the patterns, as in a shell.
     int ListLoaded(const std::vector<std::string>& patterns, std::vector<ServiceUnit>& units);
