@@ -103,6 +103,7 @@ void RunTimes(kv::test::VirtualClock& clock, std::uint32_t runs) {
 int main() {
     const InstallTree tree;
     platform::InstallBackend();
+    platform::InstallRegistry();
     kv::test::VirtualClock clock;
     StartAgent(tree);
     RunTimes(clock, warmUpRuns);
