@@ -20,7 +20,7 @@ struct OutputBound {
 /// 1 when it ended in time with an exit code that counts as success (0, 1641, 3010), and when it was started and not
 /// waited for; otherwise 0. The process is ended when its time is over (a little later, because each look at its output
 /// takes time, too), when waiting fails, and when a look at its output, ten times a second, finds more than the bound.
-/// remarks becomes the last log line about it, and stays as it was when there is none.
+/// remarks becomes the last log line about it, and is left alone when nothing was logged.
 ///
 /// With a workingDirectory the whole process changes to it, and back at the end.
 int execute(const OptionalText& workingDirectory, std::u16string_view commandLine, std::u16string& remarks,
