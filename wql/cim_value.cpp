@@ -174,7 +174,7 @@ CimValue BroughtTo(CimType type, CimValue value) {
     if (value.isNull() || (isArray && IsArray(type))) return value;
     if (IsArray(type)) return CimArray{1};
     if (isArray) return {};
-    if (type == CimType::string) return AsText(std::move(value));
+    if (type == CimType::string || type == CimType::reference) return AsText(std::move(value));
     if (type == CimType::boolean) return AsTruth(value);
     if (type == CimType::datetime) return AsDatetime(std::move(value));
     const CimValue number = AsNumber(value);

@@ -36,6 +36,7 @@ enum class CimType : std::uint16_t {
     sint64 = 20,
     uint64 = 21,
     datetime = 101,
+    reference = 102,  // the path of an object
     arrayFlag = 0x2000,
 };
 
@@ -52,7 +53,7 @@ struct CimArray {
 };
 
 /// A value, or NULL. A whole number is held signed if it fits, else unsigned. Text is UTF-16; a datetime is its DMTF
-/// text.
+/// text, a reference the path of an object.
 struct CimValue {
     std::variant<std::monostate, bool, std::int64_t, std::uint64_t, double, std::u16string, CimArray> held;
 

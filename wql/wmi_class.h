@@ -83,6 +83,8 @@ struct ClassInfo {
     std::span<const PropertyInfo>
         properties;                  // the inherited ones too, in ascending order of name without regard to case
     GatherRoutine gather = nullptr;  // null: an abstract class, whose objects are those of its subclasses
+    std::u16string_view keys = {};   // the properties that tell its objects apart, with commas between them; empty for
+                                     // an abstract class and for one that has a single object
 };
 
 }  // namespace kv::wql

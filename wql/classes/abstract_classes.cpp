@@ -47,6 +47,11 @@ constexpr auto logicalDisk = Extend(storageExtent, {
     {u"Size", uint64},
 });
 
+constexpr auto diskPartition = Extend(storageExtent, {
+    {u"Bootable", boolean},
+    {u"PrimaryPartition", boolean},
+});
+
 constexpr auto mediaAccessDevice = Extend(logicalDevice, {
     {u"Capabilities", ArrayOf(uint16)},
     {u"CapabilityDescriptions", ArrayOf(string)},
@@ -58,6 +63,52 @@ constexpr auto mediaAccessDevice = Extend(logicalDevice, {
     {u"MinBlockSize", uint64},
     {u"NeedsCleaning", boolean},
     {u"NumberOfMediaSupported", uint32},
+});
+
+constexpr auto battery = Extend(logicalDevice, {
+    {u"BatteryStatus", uint16},
+    {u"Chemistry", uint16},
+    {u"DesignCapacity", uint32},
+    {u"DesignVoltage", uint64},
+    {u"EstimatedChargeRemaining", uint16},
+    {u"EstimatedRunTime", uint32},
+    {u"ExpectedLife", uint32},
+    {u"FullChargeCapacity", uint32},
+    {u"MaxRechargeTime", uint32},
+    {u"SmartBatteryVersion", string},
+    {u"TimeOnBattery", uint32},
+    {u"TimeToFullCharge", uint32},
+});
+
+constexpr auto controller = Extend(logicalDevice, {
+    {u"MaxNumberControlled", uint32},
+    {u"ProtocolSupported", uint16},
+    {u"TimeOfLastReset", datetime},
+});
+
+constexpr auto videoController = Extend(controller, {
+    {u"AcceleratorCapabilities", ArrayOf(uint16)},
+    {u"CapabilityDescriptions", ArrayOf(string)},
+    {u"CurrentBitsPerPixel", uint32},
+    {u"CurrentHorizontalResolution", uint32},
+    {u"CurrentNumberOfColors", uint64},
+    {u"CurrentNumberOfColumns", uint32},
+    {u"CurrentNumberOfRows", uint32},
+    {u"CurrentRefreshRate", uint32},
+    {u"CurrentScanMode", uint16},
+    {u"CurrentVerticalResolution", uint32},
+    {u"MaxMemorySupported", uint32},
+    {u"MaxRefreshRate", uint32},
+    {u"MinRefreshRate", uint32},
+    {u"NumberOfVideoPages", uint32},
+    {u"VideoMemoryType", uint16},
+    {u"VideoProcessor", string},
+});
+
+constexpr auto personalVideoController = Extend(videoController, {
+    {u"NumberOfColorPlanes", uint16},
+    {u"VideoArchitecture", uint16},
+    {u"VideoMode", uint16},
 });
 
 constexpr auto networkAdapter = Extend(logicalDevice, {
@@ -80,6 +131,50 @@ constexpr auto processor = Extend(logicalDevice, {
     {u"Stepping", string},
     {u"UniqueId", string},
     {u"UpgradeMethod", uint16},
+});
+
+constexpr auto job = Extend(managedSystemElement, {
+    {u"ElapsedTime", datetime},
+    {u"JobStatus", string},
+    {u"Notify", string},
+    {u"Owner", string},
+    {u"Priority", uint32},
+    {u"StartTime", datetime},
+    {u"TimeSubmitted", datetime},
+    {u"UntilTime", datetime},
+});
+
+constexpr auto logicalFile = Extend(managedSystemElement, {
+    {u"AccessMask", uint32},
+    {u"Archive", boolean},
+    {u"Compressed", boolean},
+    {u"CompressionMethod", string},
+    {u"CreationClassName", string},
+    {u"CreationDate", datetime},
+    {u"CSCreationClassName", string},
+    {u"CSName", string},
+    {u"Drive", string},
+    {u"EightDotThreeFileName", string},
+    {u"Encrypted", boolean},
+    {u"EncryptionMethod", string},
+    {u"Extension", string},
+    {u"FileName", string},
+    {u"FileSize", uint64},
+    {u"FileType", string},
+    {u"FSCreationClassName", string},
+    {u"FSName", string},
+    {u"Hidden", boolean},
+    {u"InUseCount", uint64},
+    {u"LastAccessed", datetime},
+    {u"LastModified", datetime},
+    {u"Path", string},
+    {u"Readable", boolean},
+    {u"System", boolean},
+    {u"Writeable", boolean},
+});
+
+constexpr auto session = Extend(managedSystemElement, {
+    {u"StartTime", datetime},
 });
 
 constexpr auto system = Extend(managedSystemElement, {
@@ -222,6 +317,53 @@ constexpr auto physicalMemory = Extend(chip, {
     {u"TotalWidth", uint16},
 });
 
+constexpr auto physicalPackage = Extend(physicalElement, {
+    {u"Depth", real32},
+    {u"Height", real32},
+    {u"HotSwappable", boolean},
+    {u"Removable", boolean},
+    {u"Replaceable", boolean},
+    {u"Weight", real32},
+    {u"Width", real32},
+});
+
+constexpr auto card = Extend(physicalPackage, {
+    {u"HostingBoard", boolean},
+    {u"RequirementsDescription", string},
+    {u"RequiresDaughterBoard", boolean},
+    {u"SlotLayout", string},
+    {u"SpecialRequirements", boolean},
+});
+
+constexpr auto physicalFrame = Extend(physicalPackage, {
+    {u"AudibleAlarm", boolean},
+    {u"BreachDescription", string},
+    {u"CableManagementStrategy", string},
+    {u"LockPresent", boolean},
+    {u"SecurityBreach", uint16},
+    {u"ServiceDescriptions", ArrayOf(string)},
+    {u"ServicePhilosophy", ArrayOf(uint16)},
+    {u"VisibleAlarm", boolean},
+});
+
+constexpr auto chassis = Extend(physicalFrame, {
+    {u"ChassisTypes", ArrayOf(uint16)},
+    {u"CurrentRequiredOrProduced", sint16},
+    {u"HeatGeneration", uint16},
+    {u"NumberOfPowerCords", uint16},
+    {u"TypeDescriptions", ArrayOf(string)},
+});
+
+constexpr auto dependency = std::to_array<PropertyInfo>({
+    {u"Antecedent", reference},
+    {u"Dependent", reference},
+});
+
+constexpr auto basedOn = Extend(dependency, {
+    {u"EndingAddress", uint64},
+    {u"StartingAddress", uint64},
+});
+
 constexpr auto product = std::to_array<PropertyInfo>({
     {u"Caption", string},
     {u"Description", string},
@@ -275,10 +417,19 @@ constexpr ClassInfo classes[] = {
     {u"CIM_StorageExtent", u"CIM_LogicalDevice", storageExtent},
     {u"CIM_LogicalDisk", u"CIM_StorageExtent", logicalDisk},
     {u"CIM_StorageVolume", u"CIM_StorageExtent", storageExtent},
+    {u"CIM_DiskPartition", u"CIM_StorageExtent", diskPartition},
     {u"CIM_MediaAccessDevice", u"CIM_LogicalDevice", mediaAccessDevice},
     {u"CIM_DiskDrive", u"CIM_MediaAccessDevice", mediaAccessDevice},
+    {u"CIM_CDROMDrive", u"CIM_MediaAccessDevice", mediaAccessDevice},
     {u"CIM_NetworkAdapter", u"CIM_LogicalDevice", networkAdapter},
     {u"CIM_Processor", u"CIM_LogicalDevice", processor},
+    {u"CIM_Battery", u"CIM_LogicalDevice", battery},
+    {u"CIM_Controller", u"CIM_LogicalDevice", controller},
+    {u"CIM_VideoController", u"CIM_Controller", videoController},
+    {u"CIM_PCVideoController", u"CIM_VideoController", personalVideoController},
+    {u"CIM_Job", u"CIM_LogicalElement", job},
+    {u"CIM_LogicalFile", u"CIM_LogicalElement", logicalFile},
+    {u"Win32_Session", u"CIM_LogicalElement", session},
     {u"CIM_System", u"CIM_LogicalElement", system},
     {u"CIM_ComputerSystem", u"CIM_System", system},
     {u"CIM_UnitaryComputerSystem", u"CIM_ComputerSystem", unitaryComputerSystem},
@@ -290,9 +441,17 @@ constexpr ClassInfo classes[] = {
     {u"CIM_SoftwareElement", u"CIM_LogicalElement", softwareElement},
     {u"CIM_BIOSElement", u"CIM_SoftwareElement", biosElement},
     {u"CIM_PhysicalElement", u"CIM_ManagedSystemElement", physicalElement},
+    {u"CIM_PhysicalPackage", u"CIM_PhysicalElement", physicalPackage},
+    {u"CIM_Card", u"CIM_PhysicalPackage", card},
+    {u"CIM_PhysicalFrame", u"CIM_PhysicalPackage", physicalFrame},
+    {u"CIM_Chassis", u"CIM_PhysicalFrame", chassis},
     {u"CIM_PhysicalComponent", u"CIM_PhysicalElement", physicalComponent},
     {u"CIM_Chip", u"CIM_PhysicalComponent", chip},
     {u"CIM_PhysicalMemory", u"CIM_Chip", physicalMemory},
+    {u"CIM_Dependency", u"", dependency},
+    {u"CIM_MediaPresent", u"CIM_Dependency", dependency},
+    {u"CIM_BasedOn", u"CIM_Dependency", basedOn},
+    {u"CIM_LogicalDiskBasedOnPartition", u"CIM_BasedOn", basedOn},
     {u"CIM_Product", u"", product},
     {u"CIM_Setting", u"", setting},
     {u"Win32_CurrentTime", u"", currentTime},

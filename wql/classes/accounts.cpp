@@ -114,8 +114,8 @@ WmiStatus GatherGroups(const Gathering& gathering) {
 }
 
 constexpr ClassInfo classes[] = {
-    {u"Win32_UserAccount", u"Win32_Account", userProperties, GatherUsers},
-    {u"Win32_Group", u"Win32_Account", groupProperties, GatherGroups},
+    {u"Win32_UserAccount", u"Win32_Account", userProperties, GatherUsers, u"Domain,Name"},
+    {u"Win32_Group", u"Win32_Account", groupProperties, GatherGroups, u"Domain,Name"},
 };
 
 const ClassFamily family([] { return std::span<const ClassInfo>(classes); });

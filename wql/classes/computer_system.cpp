@@ -235,7 +235,7 @@ WmiStatus GatherComputerSystem(const Gathering& gathering) {
 }
 
 constexpr ClassInfo classes[] = {
-    {u"Win32_ComputerSystem", u"CIM_UnitaryComputerSystem", properties, GatherComputerSystem},
+    {u"Win32_ComputerSystem", u"CIM_UnitaryComputerSystem", properties, GatherComputerSystem, u"Name"},
 };
 
 const ClassFamily family([] { return std::span<const ClassInfo>(classes); });

@@ -232,7 +232,7 @@ WmiStatus GatherDisks(const Gathering& gathering) {
     return wmi_status::ok;
 }
 
-constexpr ClassInfo classes[] = {{u"Win32_DiskDrive", u"CIM_DiskDrive", properties, GatherDisks}};
+constexpr ClassInfo classes[] = {{u"Win32_DiskDrive", u"CIM_DiskDrive", properties, GatherDisks, u"DeviceID"}};
 
 const ClassFamily family([] { return std::span<const ClassInfo>(classes); });
 

@@ -274,8 +274,8 @@ WmiStatus GatherDisks(const Gathering& gathering) {
 }
 
 constexpr ClassInfo classes[] = {
-    {u"Win32_LogicalDisk", u"CIM_LogicalDisk", logicalDiskProperties, GatherDisks},
-    {u"Win32_Volume", u"CIM_StorageVolume", volumeProperties, GatherDisks},
+    {u"Win32_LogicalDisk", u"CIM_LogicalDisk", logicalDiskProperties, GatherDisks, u"DeviceID"},
+    {u"Win32_Volume", u"CIM_StorageVolume", volumeProperties, GatherDisks, u"DeviceID"},
 };
 
 const ClassFamily family([] { return std::span<const ClassInfo>(classes); });

@@ -155,8 +155,10 @@ WmiStatus GatherBios(const Gathering& gathering) {
 }
 
 constexpr ClassInfo classes[] = {
-    {u"Win32_ComputerSystemProduct", u"CIM_Product", productProperties, GatherProduct},
-    {u"Win32_BIOS", u"CIM_BIOSElement", biosProperties, GatherBios},
+    {u"Win32_ComputerSystemProduct", u"CIM_Product", productProperties, GatherProduct,
+     u"IdentifyingNumber,Name,Version"},
+    {u"Win32_BIOS", u"CIM_BIOSElement", biosProperties, GatherBios,
+     u"Name,SoftwareElementID,SoftwareElementState,TargetOperatingSystem,Version"},
 };
 
 const ClassFamily family([] { return std::span<const ClassInfo>(classes); });

@@ -295,8 +295,8 @@ WmiStatus GatherAdapters(const Gathering& gathering) {
 }
 
 constexpr ClassInfo classes[] = {
-    {u"Win32_NetworkAdapter", u"CIM_NetworkAdapter", adapterProperties, GatherAdapters},
-    {u"Win32_NetworkAdapterConfiguration", u"CIM_Setting", configurationProperties, GatherAdapters},
+    {u"Win32_NetworkAdapter", u"CIM_NetworkAdapter", adapterProperties, GatherAdapters, u"DeviceID"},
+    {u"Win32_NetworkAdapterConfiguration", u"CIM_Setting", configurationProperties, GatherAdapters, u"Index"},
 };
 
 const ClassFamily family([] { return std::span<const ClassInfo>(classes); });

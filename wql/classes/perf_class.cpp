@@ -351,7 +351,8 @@ void PerfDeclaration::Add(const PerfClass& perfClass, GatherRoutine raw, GatherR
         const std::u16string_view superclass = isRaw ? u"Win32_PerfRawData" : u"Win32_PerfFormattedData";
         names.push_back(std::u16string(superclass) + u'_' + std::u16string(perfClass.name));
         const std::u16string& name = names.back();
-        classes.push_back({name, superclass, AddTable(perfClass, isRaw), isRaw ? raw : formatted});
+        classes.push_back({name, superclass, AddTable(perfClass, isRaw), isRaw ? raw : formatted,
+                           perfClass.isSingle ? u"" : u"Name"});
     }
 }
 

@@ -109,7 +109,7 @@ WmiStatus GatherOfThisComputer(const Gathering& gathering) {
 }
 
 constexpr ClassInfo classes[] = {
-    {u"Win32_PhysicalMemory", u"CIM_PhysicalMemory", properties, GatherOfThisComputer},
+    {u"Win32_PhysicalMemory", u"CIM_PhysicalMemory", properties, GatherOfThisComputer, u"Tag"},
 };
 
 const ClassFamily family([] { return std::span<const ClassInfo>(classes); });

@@ -227,7 +227,7 @@ WmiStatus GatherProcesses(const Gathering& gathering) {
     return canRead ? wmi_status::ok : wmi_status::providerFailure;
 }
 
-constexpr ClassInfo classes[] = {{u"Win32_Process", u"CIM_Process", properties, GatherProcesses}};
+constexpr ClassInfo classes[] = {{u"Win32_Process", u"CIM_Process", properties, GatherProcesses, u"Handle"}};
 
 const ClassFamily family([] { return std::span<const ClassInfo>(classes); });
 

@@ -224,7 +224,7 @@ WmiStatus GatherOfThisComputer(const Gathering& gathering) {
     return GatherProcessors(gathering, sources);
 }
 
-constexpr ClassInfo classes[] = {{u"Win32_Processor", u"CIM_Processor", properties, GatherOfThisComputer}};
+constexpr ClassInfo classes[] = {{u"Win32_Processor", u"CIM_Processor", properties, GatherOfThisComputer, u"DeviceID"}};
 
 const ClassFamily family([] { return std::span<const ClassInfo>(classes); });
 

@@ -208,7 +208,7 @@ int HandOver(UnitManager& manager, const Gathering& gathering, std::vector<Servi
 
 constexpr ClassInfo classes[] = {
     {u"Win32_Service", u"Win32_BaseService", properties,
-     [](const Gathering& gathering) { return GatherServices(gathering, usualPatience); }},
+     [](const Gathering& gathering) { return GatherServices(gathering, usualPatience); }, u"Name"},
 };
 
 const ClassFamily family([] { return std::span<const ClassInfo>(classes); });

@@ -112,7 +112,7 @@ WmiStatus GatherTimeZone(const Gathering& gathering) {
 constexpr ClassInfo classes[] = {
     {u"Win32_LocalTime", u"Win32_CurrentTime", timeProperties, GatherLocalTime},
     {u"Win32_UTCTime", u"Win32_CurrentTime", timeProperties, GatherUtcTime},
-    {u"Win32_TimeZone", u"CIM_Setting", zoneProperties, GatherTimeZone},
+    {u"Win32_TimeZone", u"CIM_Setting", zoneProperties, GatherTimeZone, u"StandardName"},
 };
 
 const ClassFamily family([] { return std::span<const ClassInfo>(classes); });
