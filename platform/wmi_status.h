@@ -13,6 +13,7 @@ using WmiStatus = std::uint32_t;
 // clang-format off
 #define KV_WMI_STATUSES(X)                                                                    \
     X(failed,             0x80041001, "Generic failure")                                      \
+    X(accessDenied,       0x80041003, "Access denied")                                        \
     X(providerFailure,    0x80041004, "Provider failure")                                     \
     X(outOfMemory,        0x80041006, "Out of memory")                                        \
     X(invalidParameter,   0x80041008, "Invalid parameter")                                    \
