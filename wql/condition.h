@@ -56,6 +56,11 @@ std::uint32_t NeedsOf(const BoundCondition& condition);
 /// datetimes and NULL restrict nothing.
 std::vector<Restriction> RestrictionsOf(const BoundCondition& condition);
 
+/// The range that the condition leaves each property, listed once: for =, <, >, <= and >= what lies on that side of the
+/// value, the value included; for AND what both sides leave; for OR all from the lowest to the highest that either side
+/// leaves, if both have that end. NOT, LIKE and NULL leave the property any value.
+std::vector<Range> RangesOf(const BoundCondition& condition);
+
 /// Whether a text matches a LIKE pattern, without regard to case: % stands for any number of characters, _ for one,
 /// [abc], [a-z] and [^abc] for one of a set. A ] that comes first in a set is part of it. A [ that is never closed
 /// stands for itself.

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <ctime>
+#include <fmt/format.h>
 #include <utility>
 
 #include "wql/class_tree.h"
@@ -56,13 +57,21 @@ ResultObject ObjectOf(const ClassQuery& query, const void* row) {
 WmiStatus GatherClass(const ClassQuery& query, const ResultSink& sink) {
     Gathering gathering;
     gathering.needs = NeedsOf(query);
-    if (query.where) gathering.restrictions = RestrictionsOf(*query.where);
+    if (query.where) {
+        gathering.restrictions = RestrictionsOf(*query.where);
+        gathering.ranges = RangesOf(*query.where);
+    }
     gathering.notice = sink.notice;
     gathering.row = [&](const void* row) {
         if (!query.where || Matches(*query.where, row)) sink.object(ObjectOf(query, row));
         return sink.wantsMore();
     };
     return query.classInfo->gather(gathering);
+}
+
+std::string LossNotice(const ClassQuery& query, WmiStatus status) {
+    return fmt::format("Objects of {} are missing: status {:08x}", platform::Utf8FromWide(query.classInfo->name),
+                       status);
 }
 
 }  // namespace
@@ -72,6 +81,13 @@ const std::vector<CimValue>* Gathering::valuesOf(std::u16string_view property) c
         if (CompareNames(restriction.property, property) == 0) return &restriction.values;
     }
     return nullptr;
+}
+
+Range Gathering::rangeOf(std::u16string_view property) const {
+    for (const Range& range : ranges) {
+        if (CompareNames(range.property, property) == 0) return range;
+    }
+    return {.property = property};
 }
 
 WmiStatus PrepareQuery(std::u16string_view text, BoundQuery& query) {
@@ -96,11 +112,14 @@ WmiStatus PrepareQuery(std::u16string_view text, BoundQuery& query) {
 
 WmiStatus RunQuery(const BoundQuery& query, const ResultSink& sink) {
     tzset();  // the computer's time zone may have been changed
+    std::vector<WmiStatus> failures;
     for (const ClassQuery& part : query.parts) {
         const WmiStatus status = GatherClass(part, sink);
-        if (IsFailure(status) || !sink.wantsMore()) return status;
+        if (IsFailure(status)) failures.push_back(status);
+        if (!sink.wantsMore()) return wmi_status::ok;
+        if (IsFailure(status) && query.parts.size() > 1) sink.notice(LossNotice(part, status));
     }
-    return wmi_status::ok;
+    return !failures.empty() && failures.size() == query.parts.size() ? failures.front() : wmi_status::ok;
 }
 
 }  // namespace kv::wql

@@ -46,8 +46,8 @@ struct ResultSink {
 /// but the results do not have them.
 WmiStatus PrepareQuery(std::u16string_view text, BoundQuery& query);
 
-/// Gathers the objects that match, and stops when no more are wanted. The first failure of a class's gather ends the
-/// run, after the objects so far.
+/// Gathers the objects that match, and stops when no more are wanted. Of several classes, one whose gather fails costs
+/// only its own objects, and a notice names it. If all fail, the first failure is the result.
 WmiStatus RunQuery(const BoundQuery& query, const ResultSink& sink);
 
 }  // namespace kv::wql

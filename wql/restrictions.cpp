@@ -1,4 +1,4 @@
-// The values that a condition leaves each property.
+// The values and the ranges that a condition leaves each property.
 #include <algorithm>
 #include <iterator>
 #include <utility>
@@ -72,7 +72,84 @@ Restrictions OfOperands(const BoundCondition& condition, void (*join)(Restrictio
     return restrictions;
 }
 
+using Ranges = std::vector<Range>;
+
+Range* FindRange(Ranges& ranges, std::u16string_view property) {
+    const auto found =
+        std::find_if(ranges.begin(), ranges.end(), [property](const Range& one) { return one.property == property; });
+    return found == ranges.end() ? nullptr : &*found;
+}
+
+Ranges RangeOfComparison(const BoundComparison& comparison) {
+    if (comparison.property == nullptr || comparison.value.isNull()) return {};
+    Range range{.property = comparison.property->name};
+    switch (comparison.compare) {
+        case ComparisonOperator::equal:
+            range.lowest = range.highest = comparison.value;
+            break;
+        case ComparisonOperator::less:
+        case ComparisonOperator::lessOrEqual:
+            range.highest = comparison.value;
+            break;
+        case ComparisonOperator::greater:
+        case ComparisonOperator::greaterOrEqual:
+            range.lowest = comparison.value;
+            break;
+        default:
+            return {};
+    }
+    return {std::move(range)};
+}
+
+/// For AND: the higher of the lower ends, and the lower of the upper ones.
+void Intersect(Ranges& ranges, Ranges others) {
+    for (Range& other : others) {
+        Range* present = FindRange(ranges, other.property);
+        if (present == nullptr) {
+            ranges.push_back(std::move(other));
+            continue;
+        }
+        if (present->lowest.isNull() || CompareValues(other.lowest, present->lowest) > 0)
+            present->lowest = other.lowest;
+        if (present->highest.isNull() || CompareValues(other.highest, present->highest) < 0)
+            present->highest = other.highest;
+    }
+}
+
+/// For OR: each end that both sides have, the lower of the lower ends and the higher of the upper ones.
+void Span(Ranges& ranges, Ranges others) {
+    for (Range& range : ranges) {
+        const Range* other = FindRange(others, range.property);
+        const Range unbounded{.property = range.property};
+        const Range& second = other != nullptr ? *other : unbounded;
+        if (second.lowest.isNull() || CompareValues(second.lowest, range.lowest) < 0) range.lowest = second.lowest;
+        if (second.highest.isNull() || CompareValues(second.highest, range.highest) > 0) range.highest = second.highest;
+    }
+    std::erase_if(ranges, [](const Range& range) { return range.lowest.isNull() && range.highest.isNull(); });
+}
+
+Ranges RangesOfOperands(const BoundCondition& condition, void (*join)(Ranges&, Ranges)) {
+    Ranges ranges = RangesOf(condition.operands.front());
+    for (auto operand = condition.operands.begin() + 1; operand != condition.operands.end(); ++operand) {
+        join(ranges, RangesOf(*operand));
+    }
+    return ranges;
+}
+
 }  // namespace
+
+std::vector<Range> RangesOf(const BoundCondition& condition) {
+    switch (condition.form) {
+        case BoundCondition::Form::comparison:
+            return RangeOfComparison(condition.comparison);
+        case BoundCondition::Form::conjunction:
+            return RangesOfOperands(condition, Intersect);
+        case BoundCondition::Form::disjunction:
+            return RangesOfOperands(condition, Span);
+        default:
+            return {};
+    }
+}
 
 std::vector<Restriction> RestrictionsOf(const BoundCondition& condition) {
     switch (condition.form) {

@@ -55,10 +55,18 @@ struct Restriction {
     std::vector<CimValue> values;  // of the property's type
 };
 
+/// Between which values a property must lie to match WHERE. The ends may match or not.
+struct Range {
+    std::u16string_view property;
+    CimValue lowest = {};   // NULL: no lower end; for a datetime, microseconds since 1970
+    CimValue highest = {};  // NULL: no upper end; below lowest, nothing can match
+};
+
 /// One run of a class's gather.
 struct Gathering {
     std::uint32_t needs = 0;  // of all properties that the query asks for, in SELECT or in WHERE
     std::vector<Restriction> restrictions;
+    std::vector<Range> ranges;
 
     /// Takes one object; the record is read before this returns. False when no more objects are wanted.
     std::function<bool(const void* row)> row;
@@ -71,6 +79,10 @@ struct Gathering {
     /// The values that a property may have; null if it may have any. With them a class can read only the objects that
     /// may match. It need not: other rows are dropped anyway.
     const std::vector<CimValue>* valuesOf(std::u16string_view property) const;
+
+    /// The range that a property may be in; without ends if it may have any value. Numbers are as the query has them,
+    /// with a fraction or beyond the property's type.
+    Range rangeOf(std::u16string_view property) const;
 };
 
 /// ok, even if there are no objects. A failure ends the query with that status, after the rows so far. An exception

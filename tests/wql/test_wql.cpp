@@ -95,6 +95,19 @@ std::string RestrictionsText(const std::string& where) {
     return text;
 }
 
+std::string RangesText(const std::string& where) {
+    BoundCondition condition;
+    if (IsFailure(Bind(where, condition))) return "invalid";
+    std::string text;
+    const auto end = [](const CimValue& value) {
+        return value.isNull() ? "" : VariantText(VariantOf(CimType::string, value));
+    };
+    for (const Range& range : RangesOf(condition)) {
+        text += Utf8FromWide(range.property) + ":" + end(range.lowest) + ".." + end(range.highest) + " ";
+    }
+    return text;
+}
+
 TEST(Wql, QueriesAreParsedOrRefused) {
     // The outcome is properties/class/where, or - without a condition.
     const Case cases[] = {
@@ -175,6 +188,24 @@ TEST(Wql, RestrictionsHoldTheValuesThatCanMatch) {
         {"U1=300 OR U1=3", "U1:3,"},
     };
     for (const auto& [where, restrictions] : cases) EXPECT_EQ(RestrictionsText(where), restrictions) << where;
+}
+
+TEST(Wql, RangesHoldTheEndsOfWhatCanMatch) {
+    const std::pair<std::string, const char*> cases[] = {
+        {"U4>5 AND 9>=U4 AND I1<3", "U4:5..9 I1:..3 "},
+        {"U4>5 AND U4>=7 AND U4<20 AND U4<30 AND U4<>8", "U4:7..20 "},
+        {"U4=5 AND U4>9", "U4:9..5 "},
+        {"U4>-1 AND U4<1e12 AND R8<1.5", "U4:-1..1e+12 R8:..1.5 "},
+        {"U4=3 OR U4>7 AND U4<9 OR U4=5", "U4:3..9 "},
+        {"U4>3 AND S='b' OR S>'c' AND U4>1 AND U4<8", "U4:1.. S:b.. "},
+        {"U4>3 OR U4<2", ""},
+        {"U4>3 OR S='a'", ""},
+        {"S='a' OR U4>3", ""},
+        {"U4>3 OR U4 IS NULL", ""},
+        {"NOT U4>3 AND S LIKE 'a%' AND U4<>9 AND N IS NOT NULL AND __CLASS='KV_Sample'", ""},
+        {"T>='19700101000001.000000+000' AND T<'19700101000000.000005-060'", "T:1000000..3600000005 "},
+    };
+    for (const auto& [where, ranges] : cases) EXPECT_EQ(RangesText(where), ranges) << where;
 }
 
 TEST(Wql, LikeMatchesPatterns) {
