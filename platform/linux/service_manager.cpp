@@ -3,11 +3,8 @@
 // next operation.
 #include <cerrno>
 #include <chrono>
-#include <linux/magic.h>
 #include <memory>
 #include <optional>
-#include <sys/vfs.h>
-#include <systemd/sd-login.h>
 
 #include "platform/backend.h"
 #include "platform/guarded.h"
@@ -81,21 +78,6 @@ Error UseManager(ServiceHandle handle, std::uint32_t rights = 0) {
 Error UseService(ServiceHandle handle, std::uint32_t rights) {
     if (handle == 0 || !IsService(OpenOf(handle))) return error::invalidHandle;
     return CheckRights(OpenOf(handle), rights);
-}
-
-/// A process that waits for itself to go on would wait forever.
-bool IsOwnUnit(const std::string& unit) {
-    char* name = nullptr;
-    const int result = sd_pid_get_unit(0, &name);
-    const CText owned(name);
-    return result >= 0 && unit == name;
-}
-
-/// Only the second version of control groups can freeze any of them.
-bool CanPause(const UnitCondition& condition) {
-    struct statfs facts {};
-    return !condition.freezerState.empty() && statfs("/sys/fs/cgroup", &facts) == 0 &&
-           facts.f_type == CGROUP2_SUPER_MAGIC && !IsOwnUnit(condition.id);
 }
 
 /// A unit that has gone since it was opened, as one without a file does when it ends, counts as stopped.

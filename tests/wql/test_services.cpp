@@ -1,9 +1,12 @@
 // Win32_Service against a fake manager.
 #include <cstdlib>
+#include <fmt/format.h>
 #include <fnmatch.h>
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 #include <tuple>
 
+#include "platform/linux/systemd/unit_status.h"
+#include "platform/service_manager.h"
 #include "tests/support/linux/fake_systemd.h"
 #include "tests/support/wmi_query.h"
 #include "wql/class_tree.h"
@@ -33,7 +36,7 @@ TEST(ServiceUnits, HaveTheStatesOfServices) {
     };
     for (const auto& row : rows) {
         const ServiceUnit unit{"x.service", "", "loaded", row.active, row.sub, row.file};
-        const auto text = std::u16string(StateOf(unit)) + u" " + std::u16string(HealthOf(unit)) + u" ";
+        const auto text = std::u16string(StateWordOf(ConditionOf(unit))) + u" " + std::u16string(HealthOf(unit)) + u" ";
         EXPECT_EQ(text + std::u16string(StartModeOf(unit, row.start)), row.expected) << row.active << row.sub;
     }
     for (const std::string_view name : {"ssh", "a[b]*?", "dev\\x2d1@x!"}) {
@@ -65,14 +68,66 @@ TEST_F(WmiServices, AreTheUnitsOfTheManager) {
     const std::string properties = "Name,Caption,State,StartMode,ExitCode,PathName,StartName,ProcessId";
     const WmiResult result = RunWmiQuery("SELECT " + properties + " FROM Win32_Service");
     ASSERT_EQ(result.rows.size(), 2u);
-    EXPECT_EQ(PropertyTexts(result.rows[0], properties), "a An A Stopped Auto 4 /bin/x -v 1 root 0");
+    EXPECT_EQ(PropertyTexts(result.rows[0], properties), "a An A Stopped Auto 1066 /bin/x -v 1 root 0");
     EXPECT_EQ(PropertyTexts(result.rows[1], properties), "b A B Stopped Manual 0 /bin/x -v 1 root 0");
     EXPECT_EQ(result.notices.size(), 0u);
 }
 
+/// What the service manager tells of a.service, in the words of the class's properties named below.
+std::string StatusFromManager() {
+    constexpr const char* words[] = {"",        "Stopped",          "Start Pending", "Stop Pending",
+                                     "Running", "Continue Pending", "Pause Pending", "Paused"};
+    OwnedServiceHandle manager, service;
+    ServiceStatus status;
+    EXPECT_EQ(ServiceManager().OpenSCManagerW(manager_right::all, manager.Place()), 0u);
+    EXPECT_EQ(ServiceManager().OpenServiceW(manager.get(), u"a", service_right::all, service.Place()), 0u);
+    EXPECT_EQ(ServiceManager().QueryServiceStatusEx(service.get(), status), 0u);
+    return fmt::format("{} {} {} {} {} {} {}", words[static_cast<std::size_t>(status.dwCurrentState)],
+                       (status.dwControlsAccepted & service_accepts::stop) != 0,
+                       (status.dwControlsAccepted & service_accepts::pauseAndContinue) != 0, status.dwWin32ExitCode,
+                       status.dwServiceSpecificExitCode, status.dwCheckPoint, status.dwWaitHint);
+}
+
+FakeUnit A(const char* active, std::map<std::string, std::string> properties = {}, const char* job = "") {
+    return {.id = "a.service", .active = active, .job = job, .properties = std::move(properties)};
+}
+
+TEST_F(WmiServices, AreAsTheServiceManagerTells) {
+    InstallServices();
+    const struct {
+        const char* title;
+        FakeUnit unit;
+        std::string expected;
+        BusFault fault = {};
+    } rows[] = {
+        {"failed", A("failed", {{"ExecMainCode", "1"}, {"ExecMainStatus", "7"}}), "false Stopped 1066 7"},
+        {"killed", A("failed", {{"ExecMainCode", "2"}, {"ExecMainStatus", "9"}}), "false Stopped 1067 0"},
+        {"frozen", A("active", {{"FreezerState", "frozen"}}), "true Paused 0 0"},
+        {"thawing", A("active", {{"FreezerState", "thawing"}}), "true Continue Pending 0 0"},
+        {"not to be stopped by hand", A("active", {{"CanStop", "0"}}), "true Running 0 0"},
+        {"to be restarted", A("active", {}, "restart"), "false Stop Pending 0 0"},
+        {"to be started", A("failed", {}, "start"), "false Start Pending 0 0"},
+        {"an older systemd", A("active"), "true Running 0 0", {"GetFreezerState", SD_BUS_ERROR_UNKNOWN_PROPERTY}},
+    };
+    for (const auto& [title, unit, expected, fault] : rows) {
+        const FakeSystemd systemd({unit}, fault);
+        const WmiResult result = RunWmiQuery(
+            "SELECT * FROM Win32_Service WHERE DelayedAutoStart = 'False' AND ErrorControl = 'Normal' AND TagId = 0");
+        ASSERT_EQ(result.rows.size(), 1u) << title;
+        EXPECT_THAT(result.notices, testing::IsEmpty()) << title;
+        EXPECT_EQ(PropertyTexts(result.rows[0], "Started,State,ExitCode,ServiceSpecificExitCode"), expected) << title;
+        EXPECT_EQ(PropertyTexts(result.rows[0],
+                                "State,AcceptStop,AcceptPause,ExitCode,ServiceSpecificExitCode,CheckPoint,WaitHint"),
+                  StatusFromManager())
+            << title;
+    }
+}
+
 TEST_F(WmiServices, DoNotWaitForASilentManager) {
     const std::tuple<const char*, BusFault, std::size_t, std::size_t, WmiStatus> rows[] = {
-        {"no bus", {"bus", ""}, 0, 0, wmi_status::ok},
+        {"no bus", {"bus", ""}, 0, 1, wmi_status::providerFailure},
+        {"may not list", {"ListUnitsByPatterns", SD_BUS_ERROR_ACCESS_DENIED}, 0, 1, wmi_status::accessDenied},
+        {"may not ask about a service", {"GetExecMainStatus", SD_BUS_ERROR_ACCESS_DENIED}, 2, 1, wmi_status::ok},
         {"silent when asked for the list", {"ListUnitsByPatterns", ""}, 0, 1, wmi_status::timedOut},
         {"lists no files", {"ListUnitFilesByPatterns", SD_BUS_ERROR_ACCESS_DENIED}, 1, 1, wmi_status::ok},
         {"cannot describe a unit", {"ListUnitsByNames", SD_BUS_ERROR_ACCESS_DENIED}, 2, 1, wmi_status::ok},

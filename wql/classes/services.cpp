@@ -1,11 +1,11 @@
 #include "wql/classes/services.h"
 
-#include <cerrno>
 #include <fmt/format.h>
-#include <system_error>
 
 #include "facts/host_names.h"
+#include "platform/linux/systemd/unit_status.h"
 #include "wql/class_tree.h"
+#include "wql/classes/manager_failure.h"
 
 namespace kv::wql {
 
@@ -18,22 +18,22 @@ struct Need {
     enum Bits : std::uint32_t {
         description = 1,
         process = 2,
-        canStop = 4,
-        ending = 8,
-        user = 16,
-        command = 32,
-        startMode = 64,
-        host = 128,
+        freezer = 4,
+        canStop = 8,
+        ending = 16,
+        user = 32,
+        command = 64,
+        startMode = 128,
+        host = 256,
     };
 };
 
 struct Row {
     ServiceUnit unit;
+    UnitCondition condition;
+    platform::ServiceStatus status;
     std::uint32_t process = 0;
-    bool canStop = false;
     ServiceStart start;
-    std::uint32_t exitCode = 0;
-    std::uint32_t endingStatus = 0;
     std::optional<std::string> user;
     std::optional<std::string> command;
     std::u16string host;
@@ -41,9 +41,25 @@ struct Row {
 
 constexpr std::chrono::milliseconds usualPatience{5000};
 
-bool IsStarted(const ServiceUnit& unit) { return StateOf(unit) == u"Running"; }
-bool IsStopped(const ServiceUnit& unit) { return StateOf(unit) == u"Stopped"; }
+using platform::ServiceState;
+
+bool IsStopped(const Row& row) { return StateOf(row.condition) == ServiceState::stopped; }
 bool HasFailed(const ServiceUnit& unit) { return unit.activeState == "failed"; }
+
+/// Whether it runs; a paused one has been started, too.
+bool IsStarted(const Row& row) {
+    switch (StateOf(row.condition)) {
+        case ServiceState::running:
+        case ServiceState::pausePending:
+        case ServiceState::paused:
+        case ServiceState::continuePending:
+            return true;
+        default:
+            return false;
+    }
+}
+
+bool Accepts(const Row& row, std::uint32_t control) { return (row.status.dwControlsAccepted & control) != 0; }
 
 std::string_view ServiceName(const ServiceUnit& unit) {
     std::string_view name = unit.id;
@@ -61,34 +77,40 @@ constexpr auto displayNameIn = [](const Row& row) { return DisplayNameOf(row.uni
 
 // clang-format off
 constexpr PropertyInfo properties[] = {
-    {u"AcceptPause", boolean, 0, "never: units cannot pause", [](const Row&) { return false; }},
-    {u"AcceptStop", boolean, Need::canStop, "whether it runs and may be stopped by hand", [](const Row& row) { return row.canStop; }},
+    {u"AcceptPause", boolean, Need::freezer, "whether it runs or is paused, and the system can freeze its control group",
+        [](const Row& row) { return Accepts(row, platform::service_accepts::pauseAndContinue); }},
+    {u"AcceptStop", boolean, Need::freezer | Need::canStop, "whether it runs or is paused, and may be stopped by hand",
+        [](const Row& row) { return Accepts(row, platform::service_accepts::stop); }},
     {u"Caption", string, Need::description, "as DisplayName", displayNameIn},
-    {u"CheckPoint", uint32},
+    {u"CheckPoint", uint32, Need::freezer, "1 in a pending state, else 0: systemd tells of no progress",
+        [](const Row& row) { return row.status.dwCheckPoint; }},
     {u"CreationClassName", string, 0, "this class", [](const Row&) { return u"Win32_Service"; }},
-    {u"DelayedAutoStart", boolean},
+    {u"DelayedAutoStart", boolean, 0, "never: systemd delays no service's start", [](const Row&) { return false; }},
     {u"Description", string, Need::description, "as DisplayName", displayNameIn},
     {u"DesktopInteract", boolean, 0, "never", [](const Row&) { return false; }},
     {u"DisplayName", string, Need::description, "Description of the unit", displayNameIn},
-    {u"ErrorControl", string},
-    {u"ExitCode", uint32, Need::ending, "after a failure its exit status, or 1067; else 0", [](const Row& row) { return row.exitCode; }},
+    {u"ErrorControl", string, 0, "Normal: a failed start is logged, and the system goes on", [](const Row&) { return u"Normal"; }},
+    {u"ExitCode", uint32, Need::ending, "1066 after a failure with an exit status of its own, 1067 after any other, else 0",
+        [](const Row& row) { return row.status.dwWin32ExitCode; }},
     {u"InstallDate", datetime},
     {u"Name", string, 0, "of the unit, without .service", [](const Row& row) { return ServiceName(row.unit); }},
     {u"PathName", string, Need::command, "the first ExecStart command", [](const Row& row) { return row.command; }},
     {u"ProcessId", uint32, Need::process, "the main process; 0 without one", [](const Row& row) { return row.process; }},
-    {u"ServiceSpecificExitCode", uint32, Need::ending, "after a failure its exit status or signal; else 0",
-        [](const Row& row) { return row.endingStatus; }},
+    {u"ServiceSpecificExitCode", uint32, Need::ending, "the main process's exit status if ExitCode is 1066, else 0",
+        [](const Row& row) { return row.status.dwServiceSpecificExitCode; }},
     {u"ServiceType", string, 0, "always the same", [](const Row&) { return u"Own Process"; }},
-    {u"Started", boolean, 0, "whether State is Running", [](const Row& row) { return IsStarted(row.unit); }},
+    {u"Started", boolean, Need::freezer, "whether it runs, or is paused", [](const Row& row) { return IsStarted(row); }},
     {u"StartMode", string, Need::startMode, "Disabled: masked; Auto: enabled, unless inactive for a good reason; else Manual",
         [](const Row& row) { return StartModeOf(row.unit, row.start); }},
     {u"StartName", string, Need::user, "the user as whom it runs", [](const Row& row) { return row.user; }},
-    {u"State", string, 0, "Running, Stopped, Start Pending, Stop Pending", [](const Row& row) { return StateOf(row.unit); }},
+    {u"State", string, Need::freezer, "Running, Stopped, Start Pending, Stop Pending, or with its control group frozen Paused",
+        [](const Row& row) { return StateWordOf(row.condition); }},
     {u"Status", string, 0, "OK; Error after a failure; Degraded between restarts", [](const Row& row) { return HealthOf(row.unit); }},
     {u"SystemCreationClassName", string, 0, "the computer's class", [](const Row&) { return u"Win32_ComputerSystem"; }},
     {u"SystemName", string, Need::host, "the computer's name", [](const Row& row) { return row.host; }},
-    {u"TagId", uint32},
-    {u"WaitHint", uint32},
+    {u"TagId", uint32, 0, "0: units have no place in a load order group", [](const Row&) { return 0; }},
+    {u"WaitHint", uint32, Need::freezer, "milliseconds until another look is worth it; 0 outside a pending state",
+        [](const Row& row) { return row.status.dwWaitHint; }},
 };
 // clang-format on
 
@@ -133,32 +155,19 @@ std::vector<std::string> PatternsOf(const Gathering& gathering) {
     return patterns;
 }
 
-void AddFailureNotice(int failure, std::string_view loss, const Gathering& gathering) {
-    gathering.notice(
-        fmt::format("{}; asking the service manager failed: {}", loss, std::generic_category().message(-failure)));
-}
-
 /// Adds the services of unit files to the loaded units. Negative only if the manager no longer answers.
 int AddUnitFiles(UnitManager& manager, const std::vector<std::string>& patterns, const Gathering& gathering,
                  std::vector<ServiceUnit>& units) {
     std::vector<UnitFile> files;
     int result = manager.ListFiles(patterns, files);
     if (IsLost(result)) return result;
-    if (result < 0) AddFailureNotice(result, "Services that are not loaded were left out", gathering);
+    if (result < 0) AddManagerNotice(result, "Services that are not loaded were left out", gathering);
     units = WithUnitFiles(std::move(units), files);
     if (!gathering.asksFor(Need::description)) return 0;
     result = manager.Describe(units);
     if (IsLost(result)) return result;
-    if (result < 0) AddFailureNotice(result, "Descriptions of services that are not loaded were left out", gathering);
+    if (result < 0) AddManagerNotice(result, "Descriptions of services that are not loaded were left out", gathering);
     return 0;
-}
-
-int ReadEnding(UnitManager& manager, Row& row) {
-    ServiceEnding ending;
-    const int result = manager.LastEnding(row.unit, ending);
-    row.exitCode = ExitCodeOf(ending);
-    row.endingStatus = ending.status;
-    return result;
 }
 
 /// The text stays null if it is empty, or the manager does not give it.
@@ -176,34 +185,71 @@ int ReadUser(UnitManager& manager, Row& row) {
     return result;
 }
 
+/// What the manager refused to tell of services; the values stay 0, false or NULL.
+struct Refusals {
+    std::size_t services = 0;
+    std::string first;
+    int failure = 0;
+
+    void add(const ServiceUnit& unit, int result) {
+        if (services++ == 0) first = unit.id, failure = result;
+    }
+};
+
+void AddRefusalNotice(const Refusals& refusals, const Gathering& gathering) {
+    if (refusals.services == 0) return;
+    const std::string others = refusals.services > 1 ? fmt::format(" and {} others", refusals.services - 1) : "";
+    AddManagerNotice(refusals.failure, fmt::format("Properties of {}{} were left out", refusals.first, others),
+                     gathering);
+}
+
 /// Asks for the properties of one service that the query needs, unless its state already tells them. Negative only if
 /// the manager no longer answers.
-int ReadDetails(UnitManager& manager, const Gathering& gathering, Row& row) {
+int ReadDetails(UnitManager& manager, const Gathering& gathering, Row& row, Refusals& refusals) {
     int result = 0;
-    const auto isDue = [&](std::uint32_t need, bool applies) {
-        return !IsLost(result) && applies && gathering.asksFor(need);
+    int refusal = 0;  // the first one
+    const auto ask = [&](std::uint32_t need, bool applies, const auto& question) {
+        if (IsLost(result) || !applies || !gathering.asksFor(need)) return;
+        result = question();
+        if (result < 0 && refusal == 0) refusal = result;
     };
+    sd_bus* const bus = manager.bus();
     ServiceUnit& unit = row.unit;
-    if (isDue(Need::startMode, unit.fileState.empty())) result = manager.FileState(unit, unit.fileState);
-    if (isDue(Need::startMode, MayBeAtRest(unit))) result = manager.LastStart(unit, row.start);
-    if (isDue(Need::process, !IsStopped(unit))) result = manager.MainProcess(unit, row.process);
-    if (isDue(Need::canStop, IsStarted(unit))) result = manager.CanStop(unit, row.canStop);
-    if (isDue(Need::ending, HasFailed(unit))) result = ReadEnding(manager, row);
-    if (isDue(Need::user, true)) result = ReadUser(manager, row);
-    if (isDue(Need::command, true)) result = ReadUnitText(manager, &UnitManager::StartCommand, unit, row.command);
-    return IsLost(result) ? result : 0;
+    UnitCondition& condition = row.condition;
+    ask(Need::freezer, IsStarted(row), [&] { return ReadFreezer(bus, condition); });
+    ask(Need::canStop, IsStarted(row), [&] { return ReadCanStop(bus, condition); });
+    ask(Need::startMode, unit.fileState.empty(), [&] { return manager.FileState(unit, unit.fileState); });
+    ask(Need::startMode, MayBeAtRest(unit), [&] { return manager.LastStart(unit, row.start); });
+    ask(Need::process, !IsStopped(row), [&] { return manager.MainProcess(unit, row.process); });
+    ask(Need::ending, HasFailed(unit), [&] { return ReadEnding(bus, condition); });
+    ask(Need::user, true, [&] { return ReadUser(manager, row); });
+    ask(Need::command, true, [&] { return ReadUnitText(manager, &UnitManager::StartCommand, unit, row.command); });
+    if (IsLost(result)) return result;
+    if (refusal < 0) refusals.add(unit, refusal);
+    return 0;
+}
+
+/// The status as one who asks only once sees it.
+platform::ServiceStatus FirstStatusOf(const UnitCondition& condition) {
+    SeenPending never;
+    return StatusOf(condition, CanPause(condition), 0, never);
 }
 
 int HandOver(UnitManager& manager, const Gathering& gathering, std::vector<ServiceUnit>& units) {
     const std::u16string host = gathering.asksFor(Need::host) ? facts::HostName() : std::u16string();
+    Refusals refusals;
+    int result = 0;
     for (ServiceUnit& unit : units) {
         Row row;
         row.host = host;
+        row.condition = ConditionOf(unit);
         row.unit = std::move(unit);
-        const int result = ReadDetails(manager, gathering, row);
-        if (result < 0 || !gathering.row(&row)) return result;
+        result = ReadDetails(manager, gathering, row, refusals);
+        row.status = FirstStatusOf(row.condition);
+        if (result < 0 || !gathering.row(&row)) break;
     }
-    return 0;
+    AddRefusalNotice(refusals, gathering);
+    return result;
 }
 
 constexpr ClassInfo classes[] = {
@@ -215,14 +261,12 @@ const ClassFamily family([] { return std::span<const ClassInfo>(classes); });
 
 }  // namespace
 
-std::u16string_view StateOf(const ServiceUnit& unit) {
-    constexpr Meaning meanings[] = {
-        {"active", u"Running"},           {"reloading", u"Running"},
-        {"refreshing", u"Running"},       {"inactive", u"Stopped"},
-        {"failed", u"Stopped"},           {"maintenance", u"Stopped"},
-        {"activating", u"Start Pending"}, {"deactivating", u"Stop Pending"},
+std::u16string_view StateWordOf(const UnitCondition& condition) {
+    constexpr std::u16string_view words[] = {
+        u"Unknown", u"Stopped",          u"Start Pending", u"Stop Pending",
+        u"Running", u"Continue Pending", u"Pause Pending", u"Paused",
     };
-    return MeaningOf(unit.activeState, meanings, u"Unknown");
+    return TellsState(condition) ? words[static_cast<std::size_t>(StateOf(condition))] : words[0];
 }
 
 std::u16string_view HealthOf(const ServiceUnit& unit) {
@@ -235,11 +279,6 @@ std::u16string_view StartModeOf(const ServiceUnit& unit, const ServiceStart& sta
     return FileModeOf(unit);
 }
 
-std::uint32_t ExitCodeOf(const ServiceEnding& ending) {
-    constexpr std::uint32_t processAborted = 1067;
-    return ending.exited && ending.status != 0 ? ending.status : processAborted;
-}
-
 WmiStatus GatherServices(const Gathering& gathering, std::chrono::milliseconds patience) {
     const std::vector<std::string> patterns = PatternsOf(gathering);
     if (patterns.empty()) return wmi_status::ok;  // without patterns the manager would list all
@@ -247,12 +286,9 @@ WmiStatus GatherServices(const Gathering& gathering, std::chrono::milliseconds p
     std::vector<ServiceUnit> units;
     int result = manager.Connect(patience);
     if (result >= 0) result = manager.ListLoaded(patterns, units);
-    if (IsAbsent(result)) return wmi_status::ok;
     if (result >= 0) result = AddUnitFiles(manager, patterns, gathering, units);
     if (result >= 0) result = HandOver(manager, gathering, units);
-    if (result >= 0) return wmi_status::ok;
-    AddFailureNotice(result, "Services were left out", gathering);
-    return result == -ETIMEDOUT ? wmi_status::timedOut : wmi_status::failed;
+    return result < 0 ? FailedManager(result, "Services were left out", gathering) : wmi_status::ok;
 }
 
 }  // namespace kv::wql

@@ -4,13 +4,14 @@
 #include <chrono>
 #include <string_view>
 
-#include "platform/linux/systemd/units.h"
+#include "platform/linux/systemd/unit_control.h"
 #include "wql/wmi_class.h"
 
 namespace kv::wql {
 
-/// "Running", "Stopped", "Start Pending", "Stop Pending" or "Unknown", by the unit's active state.
-std::u16string_view StateOf(const platform::systemd::ServiceUnit& unit);
+/// The state that the service manager gives a unit, as a word: "Running", "Stopped", "Paused", "Start Pending" and the
+/// like. "Unknown" for a state of a later version of systemd.
+std::u16string_view StateWordOf(const platform::systemd::UnitCondition& condition);
 
 /// "Error" after a failure, "Degraded" while the service waits for a restart after one, else "OK".
 std::u16string_view HealthOf(const platform::systemd::ServiceUnit& unit);
@@ -21,16 +22,12 @@ std::u16string_view HealthOf(const platform::systemd::ServiceUnit& unit);
 std::u16string_view StartModeOf(const platform::systemd::ServiceUnit& unit,
                                 const platform::systemd::ServiceStart& start);
 
-/// What Windows would give as the exit code of a failed service: the exit status of its main process, or 1067, "The
-/// process terminated unexpectedly", if the process did not exit with a failure by itself.
-std::uint32_t ExitCodeOf(const platform::systemd::ServiceEnding& ending);
-
-/// Gathers the services. The manager must answer each question within the patience; without a manager there are no
-/// services.
-/// - If it refuses to list the loaded units, or stops answering, the query fails after the rows so far, with a notice.
+/// Gathers the services. The manager must answer each question within the patience.
+/// - If there is no manager, or it refuses to list the loaded units, or stops answering, the query fails after the rows
+///   so far, with a notice.
 /// - If it refuses to list unit files, or descriptions of units that are not loaded, these are left out with a notice.
-/// - What it refuses to tell about one service is left out: 0, false or NULL, and 1067 as the exit code of a failed
-/// one.
+/// - What it refuses to tell about services is left out, with one notice for all: 0, false or NULL, and 1067 as the
+///   exit code of a failed one.
 WmiStatus GatherServices(const Gathering& gathering, std::chrono::milliseconds patience);
 
 }  // namespace kv::wql

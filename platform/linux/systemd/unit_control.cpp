@@ -23,13 +23,10 @@ constexpr std::chrono::seconds walkPatience{25};
 bool IsAtRest(std::string_view activeState) { return activeState == "inactive" || activeState == "failed"; }
 
 int ReadDetails(sd_bus* bus, UnitCondition& condition) {
-    const std::string& unit = condition.id;
-    // Older managers know no freezing and have no such property.
-    int result = GetText(bus, unit, unitInterface, "FreezerState", condition.freezerState);
-    if (!IsLost(result)) result = GetText(bus, unit, unitInterface, "FragmentPath", condition.fragmentPath);
-    if (result >= 0) result = GetPlain(bus, unit, serviceInterface, "ExecMainCode", 'i', condition.mainExitCode);
-    if (result >= 0) result = GetPlain(bus, unit, serviceInterface, "ExecMainStatus", 'i', condition.mainExitStatus);
-    return result;
+    int result = ReadFreezer(bus, condition);
+    if (!IsLost(result)) result = ReadCanStop(bus, condition);
+    if (!IsLost(result)) result = GetText(bus, condition.id, unitInterface, "FragmentPath", condition.fragmentPath);
+    return result < 0 ? result : ReadEnding(bus, condition);
 }
 
 /// Calls one of the manager's methods that take a unit, and a job mode or nothing.
@@ -120,6 +117,34 @@ Error ErrorOfManager(int result) {
     }
 }
 
+UnitCondition ConditionOf(const ServiceUnit& unit) {
+    UnitCondition condition;
+    condition.id = unit.id;
+    condition.loadState = unit.loadState;
+    condition.activeState = unit.activeState;
+    condition.pendingJob = unit.pendingJob;
+    return condition;
+}
+
+int ReadFreezer(sd_bus* bus, UnitCondition& condition) {
+    const int result = GetText(bus, condition.id, unitInterface, "FreezerState", condition.freezerState);
+    return result == -EBADR ? 0 : result;  // older managers know no freezing and have no such property
+}
+
+int ReadEnding(sd_bus* bus, UnitCondition& condition) {
+    const std::string& unit = condition.id;
+    const int result = GetPlain(bus, unit, serviceInterface, "ExecMainCode", 'i', condition.mainExitCode);
+    if (result < 0) return result;
+    return GetPlain(bus, unit, serviceInterface, "ExecMainStatus", 'i', condition.mainExitStatus);
+}
+
+int ReadCanStop(sd_bus* bus, UnitCondition& condition) {
+    int truth = 0;
+    const int result = GetPlain(bus, condition.id, unitInterface, "CanStop", 'b', truth);
+    if (result >= 0) condition.canStop = truth != 0;
+    return result;
+}
+
 int ReadCondition(sd_bus* bus, const std::string& unit, UnitCondition& condition) {
     std::vector<ServiceUnit> found;
     const int result = ListByNames(bus, {unit}, found);
@@ -131,11 +156,7 @@ int ReadCondition(sd_bus* bus, const std::string& unit, UnitCondition& condition
                          .activeState = "inactive",
                          .subState = "dead",
                          .fileState = ""});
-    condition = {};
-    condition.id = found[0].id;
-    condition.loadState = found[0].loadState;
-    condition.activeState = found[0].activeState;
-    condition.pendingJob = found[0].pendingJob;
+    condition = ConditionOf(found[0]);
     return Exists(condition) ? ReadDetails(bus, condition) : 0;
 }
 

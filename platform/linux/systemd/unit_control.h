@@ -10,6 +10,7 @@
 
 #include "platform/errors.h"
 #include "platform/linux/systemd/system_bus.h"
+#include "platform/linux/systemd/units.h"
 
 namespace platform::systemd {
 
@@ -27,7 +28,16 @@ struct UnitCondition {
     std::string fragmentPath;       // its unit file; empty when it has none
     std::int32_t mainExitCode = 0;  // how its main process ended (CLD_EXITED, ...), 0 for not at all
     std::int32_t mainExitStatus = 0;  // its exit status, or the signal
+    bool canStop = true;              // false: only other units may have it stopped
 };
+
+/// What a list tells of a unit; the rest stays to be asked for.
+[[nodiscard]] UnitCondition ConditionOf(const ServiceUnit& unit);
+
+/// Fill in a part of a condition: the freezer's state, how the main process ended, and whether it may be stopped.
+[[nodiscard]] int ReadFreezer(sd_bus* bus, UnitCondition& condition);
+[[nodiscard]] int ReadEnding(sd_bus* bus, UnitCondition& condition);
+[[nodiscard]] int ReadCanStop(sd_bus* bus, UnitCondition& condition);
 
 /// Asks for one unit. One that does not exist is a success with loadState "not-found".
 [[nodiscard]] int ReadCondition(sd_bus* bus, const std::string& unit, UnitCondition& condition);

@@ -2,8 +2,12 @@
 
 #include <algorithm>
 #include <csignal>
+#include <linux/magic.h>
+#include <sys/vfs.h>
+#include <systemd/sd-login.h>
 
 #include "platform/errors.h"
+#include "platform/linux/systemd/bus_message.h"
 
 namespace platform::systemd {
 
@@ -56,6 +60,24 @@ ServiceState StateOf(const UnitCondition& condition) {
     return IsOneOf(condition.pendingJob, {"start", "restart", "reload-or-start"}) ? startPending : stopped;
 }
 
+bool TellsState(const UnitCondition& condition) {
+    return StateOf(condition) != stopped || IsOneOf(condition.activeState, {"inactive", "failed", "maintenance"});
+}
+
+bool IsOwnUnit(const std::string& unit) {
+    char* name = nullptr;
+    const int result = sd_pid_get_unit(0, &name);
+    const CText owned(name);
+    return result >= 0 && unit == name;
+}
+
+/// Only the second version of control groups can freeze any of them.
+bool CanPause(const UnitCondition& condition) {
+    struct statfs facts {};
+    return !condition.freezerState.empty() && statfs("/sys/fs/cgroup", &facts) == 0 &&
+           facts.f_type == CGROUP2_SUPER_MAGIC && !IsOwnUnit(condition.id);
+}
+
 ServiceStatus StatusOf(const UnitCondition& condition, bool canPause, std::uint64_t now, SeenPending& seen) {
     ServiceStatus status{.dwServiceType = service_type::ownProcess, .dwCurrentState = StateOf(condition)};
     if (IsPending(status.dwCurrentState)) {
@@ -67,7 +89,8 @@ ServiceStatus StatusOf(const UnitCondition& condition, bool canPause, std::uint6
     if (status.dwCurrentState == stopped) {
         TellEnding(condition, status);
     } else {
-        status.dwControlsAccepted = service_accepts::stop | (canPause ? service_accepts::pauseAndContinue : 0);
+        status.dwControlsAccepted =
+            (condition.canStop ? service_accepts::stop : 0) | (canPause ? service_accepts::pauseAndContinue : 0);
     }
     return status;
 }

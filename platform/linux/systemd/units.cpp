@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <map>
@@ -146,13 +145,6 @@ int UnitManager::MainProcess(const ServiceUnit& unit, std::uint32_t& processId) 
     return GetPlain(bus_.get(), unit.id, serviceInterface, "MainPID", 'u', processId);
 }
 
-int UnitManager::CanStop(const ServiceUnit& unit, bool& canStop) {
-    int truth = 0;
-    const int result = GetPlain(bus_.get(), unit.id, unitInterface, "CanStop", 'b', truth);
-    canStop = truth != 0;
-    return result;
-}
-
 int UnitManager::LastStart(const ServiceUnit& unit, ServiceStart& start) {
     std::string type;
     std::uint64_t triedAt = 0;
@@ -161,15 +153,6 @@ int UnitManager::LastStart(const ServiceUnit& unit, ServiceStart& start) {
     if (result >= 0) result = GetPlain(bus_.get(), unit.id, unitInterface, "ConditionTimestamp", 't', triedAt);
     if (result >= 0) result = GetPlain(bus_.get(), unit.id, unitInterface, "ConditionResult", 'b', conditionsMet);
     start = {.isOneShot = type == "oneshot", .wasTried = triedAt != 0, .conditionsMet = conditionsMet != 0};
-    return result;
-}
-
-int UnitManager::LastEnding(const ServiceUnit& unit, ServiceEnding& ending) {
-    std::int32_t code = 0;
-    std::int32_t status = 0;
-    int result = GetPlain(bus_.get(), unit.id, serviceInterface, "ExecMainCode", 'i', code);
-    if (result >= 0) result = GetPlain(bus_.get(), unit.id, serviceInterface, "ExecMainStatus", 'i', status);
-    ending = {.exited = code == CLD_EXITED, .status = static_cast<std::uint32_t>(status)};
     return result;
 }
 

@@ -25,12 +25,6 @@ struct ServiceUnit {
     std::string pendingJob = {};  // "start", "stop", ...: what waits to be done; empty for nothing
 };
 
-/// How a service's main process ended.
-struct ServiceEnding {
-    bool exited = false;       // false: by a signal, or there was no such process
-    std::uint32_t status = 0;  // exit status, or the signal
-};
-
 /// What the manager knows of a service's last start.
 struct ServiceStart {
     bool isOneShot = false;      // a job, and not something that stays
@@ -76,9 +70,7 @@ class UnitManager {
 
     /// Properties of one service. One that is not loaded is loaded by the manager for the time being.
     int MainProcess(const ServiceUnit& unit, std::uint32_t& processId);  // 0: it has none
-    int CanStop(const ServiceUnit& unit, bool& canStop);
     int LastStart(const ServiceUnit& unit, ServiceStart& start);
-    int LastEnding(const ServiceUnit& unit, ServiceEnding& ending);
     int FileState(const ServiceUnit& unit, std::string& state);  // empty: it has no unit file
     int User(const ServiceUnit& unit, std::string& user);        // empty: the superuser
 

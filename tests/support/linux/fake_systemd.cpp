@@ -23,9 +23,12 @@ int ReplyProperty(sd_bus_message* call, FakeUnit unit, const std::string& name) 
     if (name == "ExecStart") {
         return Reply(call, "v", "a(sasbttttuii)", 1, "/bin/x", 3, "x", "-v", "1", 0, 0ul, 0ul, 0ul, 0ul, 0u, 0, 0);
     }
-    unit.properties.insert({{"FragmentPath", unit.file}, {"FreezerState", "running"}, {"User", ""}});
+    unit.properties.insert({{"FragmentPath", unit.file}, {"FreezerState", "running"}, {"User", ""}, {"CanStop", "1"}});
     const std::string value = unit.properties[name];
     if (name.starts_with("ExecMain")) return Reply(call, "v", "i", std::atoi(value.c_str()));
+    if (name == "CanStop" || name == "ConditionResult") return Reply(call, "v", "b", std::atoi(value.c_str()));
+    if (name == "MainPID") return Reply(call, "v", "u", std::atoi(value.c_str()));
+    if (name.ends_with("Timestamp")) return Reply(call, "v", "t", std::strtoull(value.c_str(), nullptr, 10));
     if (!name.ends_with("By") && !name.ends_with("Of")) return Reply(call, "v", "s", value.c_str());
     std::array<std::string, 3> texts;
     std::istringstream words(value);

@@ -1,0 +1,27 @@
+#include "wql/classes/manager_failure.h"
+
+#include <cerrno>
+#include <fmt/format.h>
+#include <system_error>
+
+#include "platform/linux/systemd/units.h"
+
+namespace kv::wql {
+
+std::string ManagerFailureText(int failure) {
+    const char* what = platform::systemd::IsAbsent(failure) ? "the service manager cannot be reached"
+                                                            : "asking the service manager failed";
+    return fmt::format("{}: {}", what, std::generic_category().message(-failure));
+}
+
+void AddManagerNotice(int failure, std::string_view loss, const Gathering& gathering) {
+    gathering.notice(fmt::format("{}; {}", loss, ManagerFailureText(failure)));
+}
+
+WmiStatus FailedManager(int failure, std::string_view loss, const Gathering& gathering) {
+    AddManagerNotice(failure, loss, gathering);
+    if (failure == -ETIMEDOUT) return wmi_status::timedOut;
+    return failure == -EACCES || failure == -EPERM ? wmi_status::accessDenied : wmi_status::providerFailure;
+}
+
+}  // namespace kv::wql

@@ -1,0 +1,20 @@
+// What a query says when the service manager does not answer as it should.
+#pragma once
+
+#include <string_view>
+
+#include "wql/wmi_class.h"
+
+namespace kv::wql {
+
+/// The negated errno value of a call in words, for notices: "asking the service manager failed: Permission denied".
+std::string ManagerFailureText(int failure);
+
+/// Gives a notice of what was lost, with the reason: "Timers were left out".
+void AddManagerNotice(int failure, std::string_view loss, const Gathering& gathering);
+
+/// Ends a query for which the manager gave a failure, with a notice of what was lost: accessDenied, timedOut, else
+/// providerFailure, which also stands for a manager that is not there.
+WmiStatus FailedManager(int failure, std::string_view loss, const Gathering& gathering);
+
+}  // namespace kv::wql
