@@ -42,15 +42,19 @@ void ForEachEntry(std::string_view text, NextEntry<Record> next, const Use& use)
 /// be null.
 bool IsLocal(std::string_view name) { return !name.empty() && name[0] != '+' && name[0] != '-'; }
 
-PasswordEntry PasswordFacts(const spwd& shadow) {
-    constexpr long never = 99999;  // as useradd writes it
-    const std::string_view password = shadow.sp_pwdp;
-    const long leastDays = shadow.sp_min == noDays ? 0 : shadow.sp_min;
-    const long mostDays = shadow.sp_max == noDays ? never : shadow.sp_max;
+PasswordEntry PasswordFacts(std::string_view password) {
     PasswordEntry entry;
     entry.isRequired = !password.empty();
     entry.opensNothing = password.starts_with('!') || password.starts_with('*');
     entry.isLocked = password.starts_with('!') && password.find_first_not_of("!*") != std::string_view::npos;
+    return entry;
+}
+
+PasswordEntry ShadowFacts(const spwd& shadow) {
+    constexpr long never = 99999;  // as useradd writes it
+    const long leastDays = shadow.sp_min == noDays ? 0 : shadow.sp_min;
+    const long mostDays = shadow.sp_max == noDays ? never : shadow.sp_max;
+    PasswordEntry entry = PasswordFacts(shadow.sp_pwdp);
     entry.expires = mostDays < never;
     entry.mayBeChanged = leastDays <= mostDays;
     if (shadow.sp_expire != noDays) entry.accountExpiry = shadow.sp_expire;
@@ -64,7 +68,8 @@ std::vector<UserEntry> ParsePasswd(std::string_view text) {
     ForEachEntry<passwd>(text, fgetpwent_r, [&](const passwd& entry) {
         if (!IsLocal(entry.pw_name)) return;
         const std::string_view gecos = entry.pw_gecos;
-        users.push_back({entry.pw_name, entry.pw_uid, std::string(gecos.substr(0, gecos.find(','))), entry.pw_shell});
+        users.push_back({entry.pw_name, entry.pw_uid, std::string(gecos.substr(0, gecos.find(','))), entry.pw_shell,
+                         entry.pw_passwd});
     });
     return users;
 }
@@ -80,9 +85,17 @@ std::vector<GroupEntry> ParseGroups(std::string_view text) {
 std::map<std::string, PasswordEntry> ParseShadow(std::string_view text) {
     std::map<std::string, PasswordEntry> entries;
     ForEachEntry<spwd>(text, fgetspent_r, [&](const spwd& entry) {
-        if (IsLocal(entry.sp_namp)) entries.emplace(entry.sp_namp, PasswordFacts(entry));
+        if (IsLocal(entry.sp_namp)) entries.emplace(entry.sp_namp, ShadowFacts(entry));
     });
     return entries;
+}
+
+std::optional<PasswordEntry> PasswordOf(const UserEntry& user,
+                                        const std::optional<std::map<std::string, PasswordEntry>>& shadow) {
+    const bool isInShadow = user.password == "x";
+    if (!shadow) return isInShadow ? std::nullopt : std::optional(PasswordFacts(user.password));
+    if (const auto line = shadow->find(user.name); line != shadow->end()) return line->second;
+    return PasswordFacts(isInShadow ? "*" : user.password);
 }
 
 bool IsDisabled(const UserEntry& user, const PasswordEntry& password, std::int64_t daysSince1970) {

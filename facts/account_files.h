@@ -1,8 +1,10 @@
 // Local users and groups from the text of passwd(5), group(5) and shadow(5), as the C library reads them. Those of a
 // directory service are left out: it may not answer.
 //
-// Comments, malformed lines and lines without a name are left out, as in every other program; the lines after them are
-// read. Lines may have any length. Any thread may parse. The parsers throw std::system_error as OpenText does.
+// What counts as an account is what the C library takes for one, because then it can log in: also a line that lacks
+// fields at its end, or has too many. Comments, lines without a name or with a number that is not one are left out, as
+// in every other program; the lines after them are read. Lines may have any length. Any thread may parse. The parsers
+// throw std::system_error as OpenText does.
 #pragma once
 
 #include <cstdint>
@@ -18,8 +20,9 @@ namespace kv::facts {
 struct UserEntry {
     std::string name;
     std::uint32_t id = 0;
-    std::string fullName;  // the GECOS field up to its first comma
-    std::string shell;     // a path; empty means /bin/sh
+    std::string fullName;        // the GECOS field up to its first comma
+    std::string shell;           // a path; empty means /bin/sh
+    std::string password = "x";  // "x": it stands in /etc/shadow
 };
 
 std::vector<UserEntry> ParsePasswd(std::string_view text);
@@ -44,6 +47,11 @@ struct PasswordEntry {
 
 /// By user name. The first of two lines for one user counts.
 std::map<std::string, PasswordEntry> ParseShadow(std::string_view text);
+
+/// What is known of a user's password: from the user's line of shadow, else from that of passwd. A password that shadow
+/// should have, and has not, opens nothing. Absent if shadow could not be read, and would be needed.
+std::optional<PasswordEntry> PasswordOf(const UserEntry& user,
+                                        const std::optional<std::map<std::string, PasswordEntry>>& shadow);
 
 /// Whether nobody can use an account: it has expired, or neither a password nor a shell lets anyone in. An account that
 /// only lacks a password may still be entered with a key.

@@ -206,12 +206,20 @@ std::uint32_t BasePriorityOf(const ProcessStat& stat) {
     return normal;
 }
 
-ProcessFiles::ProcessFiles() : directory_(open("/proc", O_PATH | O_DIRECTORY | O_CLOEXEC)), buffer_(firstRead, '\0') {}
+ProcessFiles::ProcessFiles(const std::string& folder)
+    : folder_(folder), directory_(open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)), buffer_(firstRead, '\0') {}
+
+/// Called where a call of the system has just failed.
+std::nullopt_t ProcessFiles::Nothing() {
+    wasRefused_ = errno == EACCES || errno == EPERM;
+    return std::nullopt;
+}
 
 std::optional<std::string_view> ProcessFiles::Read(std::uint32_t processId, const char* file) {
+    wasRefused_ = false;
     const ProcessPath path(processId, file);
     const platform::Descriptor opened(openat(directory_.get(), path.text.data(), O_RDONLY | O_CLOEXEC));
-    if (!opened) return std::nullopt;
+    if (!opened) return Nothing();
     std::size_t length = 0;
     ssize_t got = 0;
     for (;;) {
@@ -220,27 +228,29 @@ std::optional<std::string_view> ProcessFiles::Read(std::uint32_t processId, cons
         if (got < 0 || length < buffer_.size() || length >= maxFileBytes) break;  // a read is short only at the end
         buffer_.resize(buffer_.size() * 2);
     }
-    if (got < 0) return std::nullopt;
+    if (got < 0) return Nothing();
     return std::string_view(buffer_.data(), length);
 }
 
 std::optional<std::string> ProcessFiles::ReadExecutablePath(std::uint32_t processId) {
     constexpr std::string_view deletedMark = " (deleted)";
+    wasRefused_ = false;
     const ProcessPath link(processId, "exe");
     const ssize_t length = readlinkat(directory_.get(), link.text.data(), buffer_.data(), buffer_.size());
-    if (length <= 0) return std::nullopt;
+    if (length <= 0) return Nothing();
     std::string_view path(buffer_.data(), static_cast<std::size_t>(length));
     if (path.ends_with(deletedMark)) path.remove_suffix(deletedMark.size());
     return std::string(path);
 }
 
-std::optional<std::uint64_t> ProcessFiles::CountOpenFiles(std::uint32_t processId) const {
+std::optional<std::uint64_t> ProcessFiles::CountOpenFiles(std::uint32_t processId) {
+    wasRefused_ = false;
     const ProcessPath path(processId, "fd");
     struct stat facts {};
-    if (fstatat(directory_.get(), path.text.data(), &facts, 0) != 0) return std::nullopt;
+    if (fstatat(directory_.get(), path.text.data(), &facts, 0) != 0) return Nothing();
     if (facts.st_size > 0) return static_cast<std::uint64_t>(facts.st_size);  // the count, on newer kernels
-    const Directory directory(opendir((std::string("/proc/") + path.text.data()).c_str()));
-    if (!directory) return std::nullopt;
+    const Directory directory(opendir((folder_ + "/" + path.text.data()).c_str()));
+    if (!directory) return Nothing();
     std::uint64_t count = 0;
     while (const dirent* entry = readdir(directory.get())) {
         if (entry->d_name[0] != '.') ++count;
@@ -248,9 +258,9 @@ std::optional<std::uint64_t> ProcessFiles::CountOpenFiles(std::uint32_t processI
     return count;
 }
 
-std::vector<std::uint32_t> ListProcessIds() {
+std::vector<std::uint32_t> ListProcessIds(const std::string& folder) {
     std::vector<std::uint32_t> ids;
-    const Directory directory(opendir("/proc"));
+    const Directory directory(opendir(folder.c_str()));
     if (!directory) return ids;
     while (const dirent* entry = readdir(directory.get())) {
         const std::optional<std::uint64_t> id = NumberOf(entry->d_name);

@@ -76,7 +76,7 @@ std::uint32_t BasePriorityOf(const ProcessStat& stat);
 /// time may use it.
 class ProcessFiles {
   public:
-    ProcessFiles();
+    explicit ProcessFiles(const std::string& folder = "/proc");
 
     /// A file such as "stat", at most 1 MB of it; absent when the process is gone, or may not be read. The text is
     /// valid until the next call.
@@ -87,15 +87,22 @@ class ProcessFiles {
     std::optional<std::string> ReadExecutablePath(std::uint32_t processId);
 
     /// The number of files that a process holds open; absent as above.
-    std::optional<std::uint64_t> CountOpenFiles(std::uint32_t processId) const;
+    std::optional<std::uint64_t> CountOpenFiles(std::uint32_t processId);
+
+    /// Whether the last of these gave nothing because this user may not read it.
+    bool wasRefused() const { return wasRefused_; }
 
   private:
+    std::nullopt_t Nothing();
+
+    std::string folder_;
     platform::Descriptor directory_;
     std::string buffer_;
+    bool wasRefused_ = false;
 };
 
 /// Ids of all processes, ascending; empty when /proc cannot be read.
-std::vector<std::uint32_t> ListProcessIds();
+std::vector<std::uint32_t> ListProcessIds(const std::string& folder = "/proc");
 
 std::uint64_t ClockTicksPerSecond();
 std::uint64_t TimeOfTicks(std::uint64_t ticks);  // in units of 100 ns

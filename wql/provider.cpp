@@ -11,7 +11,7 @@
 #include "platform/guarded.h"
 #include "wql/bounded_run.h"
 #include "wql/class_tree.h"
-#include "wql/statement.h"
+#include "wql/query.h"
 
 namespace kv::wql {
 
@@ -83,11 +83,12 @@ WmiStatus ConnectServer(WmiHandle locator, std::u16string_view nameSpace, WmiHan
 
 WmiStatus ExecQuery(WmiHandle services, std::u16string_view text, WmiHandle& enumerator) {
     if (ThingOf<Services>(services) == nullptr) return wmi_status::invalidParameter;
-    PreparedStatement prepared;
-    WmiStatus status = PrepareStatement(text, prepared);
+    auto query = std::make_shared<BoundQuery>();
+    WmiStatus status = PrepareQuery(text, *query);
     if (IsFailure(status)) return status;
     Enumerator result;
-    status = StartBoundedRun(prepared.className, queryLimit, std::move(prepared.run), result.run);
+    status = StartBoundedRun(
+        query->className, queryLimit, [query](const ResultSink& sink) { return RunQuery(*query, sink); }, result.run);
     if (!IsFailure(status)) enumerator = NewWmiHandle(std::move(result));
     return status;
 }

@@ -100,7 +100,7 @@ std::vector<std::string> GatheredTexts(std::u16string_view className, std::strin
         std::string& texts = objects.emplace_back();
         for (const auto& [name, value] : object) texts += VariantText(value) + "|";
     };
-    EXPECT_EQ(RunQuery({{query}}, {add, [] { return true; }, nullptr}), 0U);
+    EXPECT_EQ(RunQuery({classInfo.name, {query}}, {add, [] { return true; }, nullptr}), 0U);
     return objects;
 }
 

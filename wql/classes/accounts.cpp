@@ -1,6 +1,10 @@
-// Win32_UserAccount and Win32_Group: the local users and groups.
+#include "wql/classes/accounts.h"
+
+#include <cerrno>
 #include <chrono>
 #include <fmt/format.h>
+#include <system_error>
+#include <unistd.h>
 
 #include "facts/account_files.h"
 #include "facts/host_names.h"
@@ -21,7 +25,7 @@ struct Need {
 struct UserRow {
     facts::UserEntry user;
     std::u16string host;
-    std::optional<facts::PasswordEntry> password;  // null if shadow may not be read, or has no line for this user
+    std::optional<facts::PasswordEntry> password;  // null if shadow may not be read
     std::int64_t today = 0;                        // days since 1970
 };
 
@@ -87,39 +91,63 @@ std::int64_t Today() {
     return floor<days>(system_clock::now()).time_since_epoch().count();
 }
 
-WmiStatus GatherUsers(const Gathering& gathering) {
-    std::map<std::string, facts::PasswordEntry> passwords;
-    if (gathering.asksFor(Need::password))
-        passwords = facts::ParseShadow(platform::ReadSystemFile("/etc/shadow").value_or(""));
+std::string ReasonOf(int failure) { return std::generic_category().message(failure); }
+
+/// Ends a query whose file cannot be read.
+WmiStatus FailedFile(const std::string& path, std::string_view loss, const Gathering& gathering) {
+    const int failure = access(path.c_str(), R_OK) != 0 ? errno : EIO;
+    gathering.notice(fmt::format("{} were left out; {} cannot be read: {}", loss, path, ReasonOf(failure)));
+    return failure == EACCES ? wmi_status::accessDenied : wmi_status::providerFailure;
+}
+
+using Passwords = std::map<std::string, facts::PasswordEntry>;
+
+/// Absent, with a notice, if the file is there and cannot be read. Systems without one have the passwords in passwd.
+std::optional<Passwords> ReadPasswords(const std::string& path, const Gathering& gathering) {
+    const std::optional<std::string> text = platform::ReadSystemFile(path);
+    if (text) return facts::ParseShadow(*text);
+    if (access(path.c_str(), F_OK) != 0 && errno == ENOENT) return Passwords();
+    gathering.notice(fmt::format("Facts of passwords were left out: {} cannot be read", path));
+    return std::nullopt;
+}
+
+constexpr ClassInfo classes[] = {
+    {u"Win32_UserAccount", u"Win32_Account", userProperties,
+     [](const Gathering& gathering) { return GatherUsers(gathering, "/etc"); }, u"Domain,Name"},
+    {u"Win32_Group", u"Win32_Account", groupProperties,
+     [](const Gathering& gathering) { return GatherGroups(gathering, "/etc"); }, u"Domain,Name"},
+};
+
+const ClassFamily family([] { return std::span<const ClassInfo>(classes); });
+
+}  // namespace
+
+WmiStatus GatherUsers(const Gathering& gathering, const std::string& folder) {
+    const std::optional<std::string> text = platform::ReadSystemFile(folder + "/passwd");
+    if (!text) return FailedFile(folder + "/passwd", "Users", gathering);
+    std::optional<Passwords> passwords;
+    if (gathering.asksFor(Need::password)) passwords = ReadPasswords(folder + "/shadow", gathering);
     UserRow row;
     row.today = Today();
     if (gathering.asksFor(Need::host)) row.host = facts::HostName();
-    for (facts::UserEntry& user : facts::ParsePasswd(platform::ReadSystemFile("/etc/passwd").value_or(""))) {
-        const auto password = passwords.find(user.name);
-        row.password = password == passwords.end() ? std::nullopt : std::optional(password->second);
+    for (facts::UserEntry& user : facts::ParsePasswd(*text)) {
+        row.password = facts::PasswordOf(user, passwords);
         row.user = std::move(user);
         if (!gathering.row(&row)) break;
     }
     return wmi_status::ok;
 }
 
-WmiStatus GatherGroups(const Gathering& gathering) {
+WmiStatus GatherGroups(const Gathering& gathering, const std::string& folder) {
+    const std::optional<std::string> text = platform::ReadSystemFile(folder + "/group");
+    if (!text) return FailedFile(folder + "/group", "Groups", gathering);
     GroupRow row;
     if (gathering.asksFor(Need::host)) row.host = facts::HostName();
-    for (facts::GroupEntry& group : facts::ParseGroups(platform::ReadSystemFile("/etc/group").value_or(""))) {
+    for (facts::GroupEntry& group : facts::ParseGroups(*text)) {
         row.group = std::move(group);
         if (!gathering.row(&row)) break;
     }
     return wmi_status::ok;
 }
-
-constexpr ClassInfo classes[] = {
-    {u"Win32_UserAccount", u"Win32_Account", userProperties, GatherUsers, u"Domain,Name"},
-    {u"Win32_Group", u"Win32_Account", groupProperties, GatherGroups, u"Domain,Name"},
-};
-
-const ClassFamily family([] { return std::span<const ClassInfo>(classes); });
-
-}  // namespace
 
 }  // namespace kv::wql

@@ -1,6 +1,9 @@
-// Win32_Process: the processes of /proc, kernel threads included, as ps lists them.
+#include "wql/classes/processes.h"
+
 #include <algorithm>
+#include <fmt/format.h>
 #include <sys/utsname.h>
+#include <unistd.h>
 
 #include "facts/distribution.h"
 #include "facts/host_names.h"
@@ -28,6 +31,9 @@ struct Need {
         system = 512,
     };
 };
+
+/// It is always there.
+constexpr std::uint32_t firstProcess = 1;
 
 struct Row {
     facts::ProcessStat stat;
@@ -161,10 +167,10 @@ std::optional<std::uint32_t> ProcessIdOf(const CimValue& value) {
 }
 
 /// The ids of processes that can match, ascending: those that WHERE names, else all.
-std::vector<std::uint32_t> ProcessesToRead(const Gathering& gathering) {
+std::vector<std::uint32_t> ProcessesToRead(const Gathering& gathering, const std::string& folder) {
     const std::vector<CimValue>* values = gathering.valuesOf(u"ProcessId");
     if (values == nullptr) values = gathering.valuesOf(u"Handle");
-    if (values == nullptr) return facts::ListProcessIds();
+    if (values == nullptr) return facts::ListProcessIds(folder);
     std::vector<std::uint32_t> ids;
     for (const CimValue& value : *values) {
         if (const std::optional<std::uint32_t> id = ProcessIdOf(value)) ids.push_back(*id);
@@ -189,17 +195,25 @@ std::optional<facts::ProcessMemory> ReadMemory(facts::ProcessFiles& files, std::
     return facts::ParseProcessStatus(*text);
 }
 
-/// Reads what the process's stat does not tell. A part that cannot be read stays empty.
-void ReadParts(facts::ProcessFiles& files, const Gathering& gathering, Row& row) {
+/// Reads what the process's stat does not tell. A part that cannot be read stays empty; false if that is because this
+/// user may not read it.
+bool ReadParts(facts::ProcessFiles& files, const Gathering& gathering, Row& row) {
     const std::uint32_t id = row.stat.id;
+    bool mayRead = true;
+    const auto take = [&](std::uint32_t need, auto& part, const auto& read) {
+        if (!gathering.asksFor(need)) return;
+        part = read();
+        if (!part && files.wasRefused()) mayRead = false;
+    };
     row.arguments.clear();
     if (gathering.asksFor(Need::commandLine) || (gathering.asksFor(Need::name) && facts::MayBeCut(row.stat))) {
         row.arguments = files.Read(id, "cmdline").value_or("");
     }
-    if (gathering.asksFor(Need::executable)) row.executable = files.ReadExecutablePath(id);
-    if (gathering.asksFor(Need::memory)) row.memory = ReadMemory(files, id);
-    if (gathering.asksFor(Need::io)) row.io = facts::ParseProcessIo(files.Read(id, "io").value_or(""));
-    if (gathering.asksFor(Need::handles)) row.handles = files.CountOpenFiles(id);
+    take(Need::executable, row.executable, [&] { return files.ReadExecutablePath(id); });
+    take(Need::memory, row.memory, [&] { return ReadMemory(files, id); });
+    take(Need::io, row.io, [&] { return facts::ParseProcessIo(files.Read(id, "io").value_or("")); });
+    take(Need::handles, row.handles, [&] { return files.CountOpenFiles(id); });
+    return mayRead;
 }
 
 void ReadSystem(Row& row) {
@@ -209,28 +223,57 @@ void ReadSystem(Row& row) {
     row.systemName = facts::SystemNameOf(facts::ReadOsRelease(), kernel);
 }
 
-WmiStatus GatherProcesses(const Gathering& gathering) {
-    facts::ProcessFiles files;
-    Row row;
-    if (gathering.asksFor(Need::host)) row.host = facts::HostName();
-    if (gathering.asksFor(Need::systemStart)) row.systemStart = facts::SystemStartMilliseconds();
-    if (gathering.asksFor(Need::system)) ReadSystem(row);
-    bool canRead = false;
-    for (const std::uint32_t id : ProcessesToRead(gathering)) {
-        if (!ReadStat(files, id, row.stat)) continue;
-        canRead = true;
-        ReadParts(files, gathering, row);
-        if (!gathering.row(&row)) break;
-    }
-    // If /proc does not even show this process, finding no others says nothing.
-    canRead = canRead || platform::ReadSystemFile("/proc/self/stat");
-    return canRead ? wmi_status::ok : wmi_status::providerFailure;
+/// What a query did not get to see.
+struct Unseen {
+    std::size_t processes = 0;
+    std::size_t parts = 0;    // processes of which a part is missing
+    bool mayBeHidden = true;  // not even the first process was seen, so that /proc may show only a user's own
+};
+
+void AddNotices(const Unseen& unseen, const Gathering& gathering) {
+    if (unseen.mayBeHidden) gathering.notice("Processes of other users were left out: /proc does not show them");
+    if (unseen.processes > 0)
+        gathering.notice(fmt::format("{} processes were left out: this user may not read them", unseen.processes));
+    if (unseen.parts > 0)
+        gathering.notice(
+            fmt::format("Files or figures of {} processes were left out: this user may not read them", unseen.parts));
 }
 
-constexpr ClassInfo classes[] = {{u"Win32_Process", u"CIM_Process", properties, GatherProcesses, u"Handle"}};
+constexpr ClassInfo classes[] = {
+    {u"Win32_Process", u"CIM_Process", properties,
+     [](const Gathering& gathering) { return GatherProcesses(gathering, "/proc"); }, u"Handle"},
+};
 
 const ClassFamily family([] { return std::span<const ClassInfo>(classes); });
 
 }  // namespace
+
+WmiStatus GatherProcesses(const Gathering& gathering, const std::string& folder) {
+    facts::ProcessFiles files(folder);
+    Row row;
+    if (gathering.asksFor(Need::host)) row.host = facts::HostName();
+    if (gathering.asksFor(Need::systemStart)) row.systemStart = facts::SystemStartMilliseconds();
+    if (gathering.asksFor(Need::system)) ReadSystem(row);
+    Unseen unseen;
+    bool areAllSeen = true;
+    bool isAnySeen = false;
+    for (const std::uint32_t id : ProcessesToRead(gathering, folder)) {
+        if (!ReadStat(files, id, row.stat)) {
+            areAllSeen = false;
+            if (files.wasRefused()) ++unseen.processes;
+            continue;
+        }
+        isAnySeen = true;
+        if (id == firstProcess) unseen.mayBeHidden = false;
+        if (!ReadParts(files, gathering, row)) ++unseen.parts;
+        if (!gathering.row(&row)) return wmi_status::ok;
+    }
+    const bool areNamed = gathering.valuesOf(u"ProcessId") != nullptr || gathering.valuesOf(u"Handle") != nullptr;
+    if (unseen.mayBeHidden) unseen.mayBeHidden = !(areNamed && areAllSeen) && !files.Read(firstProcess, "stat");
+    AddNotices(unseen, gathering);
+    // If /proc does not even show this process, finding no others says nothing.
+    return isAnySeen || files.Read(static_cast<std::uint32_t>(getpid()), "stat") ? wmi_status::ok
+                                                                                 : wmi_status::providerFailure;
+}
 
 }  // namespace kv::wql
