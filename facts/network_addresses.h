@@ -18,10 +18,10 @@ struct InterfaceAddress {
 };
 
 /// The addresses in the kernel's answer to RTM_GETADDR (rtnetlink(7)), up to the first malformed message.
-std::vector<InterfaceAddress> ParseAddressMessages(std::string_view bytes);
+std::vector<InterfaceAddress> ParseAddressMessages(std::string_view messages);
 
-/// All addresses of this computer; those that have arrived when the kernel stops answering for a second.
-std::vector<InterfaceAddress> ReadInterfaceAddresses();
+/// All addresses of this computer; absent if the kernel does not give them.
+std::optional<std::vector<InterfaceAddress>> ReadInterfaceAddresses();
 
 /// The interface of each default route through a gateway, from the text of /proc/net/route or /proc/net/ipv6_route.
 std::vector<std::string> ParseDefaultRoutes(std::string_view route);

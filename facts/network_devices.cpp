@@ -2,9 +2,13 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <linux/gen_stats.h>
+#include <linux/pkt_sched.h>
+#include <linux/rtnetlink.h>
 #include <net/if.h>
 #include <net/if_arp.h>
 
+#include "facts/netlink.h"
 #include "facts/system_text.h"
 
 namespace kv::facts {
@@ -51,13 +55,14 @@ std::vector<InterfaceCounters> ParseNetDev(std::string_view text) {
     return interfaces;
 }
 
-std::vector<NetworkInterface> ListNetworkInterfaces() {
+std::optional<std::vector<NetworkInterface>> ListNetworkInterfaces() {
     std::vector<NetworkInterface> interfaces;
     std::error_code failure;
     for (fs::directory_iterator at("/sys/class/net", failure), end; !failure && at != end; at.increment(failure)) {
         std::optional<NetworkInterface> interface = ReadInterface(at->path().filename().string());
         if (interface && interface->linkType != ARPHRD_LOOPBACK) interfaces.push_back(std::move(*interface));
     }
+    if (failure) return std::nullopt;
     std::sort(interfaces.begin(), interfaces.end(),
               [](const NetworkInterface& left, const NetworkInterface& right) { return left.index < right.index; });
     return interfaces;
@@ -95,6 +100,29 @@ std::optional<std::uint64_t> InterfaceSpeed(const std::string& name) {
     const std::optional<std::uint64_t> megabits = ReadSystemNumber(FolderOf(name) + "/speed");
     if (!megabits || *megabits == 0 || *megabits == unknown) return std::nullopt;
     return *megabits * bitsPerMegabit;
+}
+
+QueueLengths ParseQueueLengths(std::string_view messages) {
+    QueueLengths queues;
+    ForEachMessage(messages, RTM_NEWQDISC, [&](std::string_view content) {
+        const auto queue = RecordAt<tcmsg>(content);
+        if (queue.tcm_parent != TC_H_ROOT) return;  // part of another queue, or of what comes in
+        const std::string_view statistics = AttributeIn(Beyond(content, sizeof(tcmsg)), TCA_STATS2).value_or("");
+        const std::string_view length = AttributeIn(statistics, TCA_STATS_QUEUE).value_or("");
+        queues[static_cast<std::uint32_t>(queue.tcm_ifindex)] = RecordAt<gnet_stats_queue>(length).qlen;
+    });
+    return queues;
+}
+
+std::optional<QueueLengths> ReadQueueLengths() {
+    const std::optional<std::string> messages = DumpOverNetlink(NETLINK_ROUTE, RTM_GETQDISC, BytesOf(tcmsg{}));
+    if (!messages) return std::nullopt;
+    return ParseQueueLengths(*messages);
+}
+
+std::optional<std::uint32_t> QueueLengthOf(const QueueLengths& queues, const std::string& name) {
+    const auto found = queues.find(if_nametoindex(name.c_str()));
+    return found != queues.end() ? std::optional(found->second) : std::nullopt;
 }
 
 }  // namespace kv::facts

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -34,8 +35,8 @@ struct NetworkInterface {
     bool isUp = false;           // switched on, whether or not it is connected
 };
 
-/// All interfaces except loopback, in the order of their indexes.
-std::vector<NetworkInterface> ListNetworkInterfaces();
+/// All interfaces except loopback, in the order of their indexes; absent if /sys/class/net cannot be read.
+std::optional<std::vector<NetworkInterface>> ListNetworkInterfaces();
 
 /// The device behind an interface. What is not known is empty.
 struct InterfaceDevice {
@@ -52,5 +53,17 @@ std::string_view ValueAfter(std::string_view key, std::string_view text);
 
 /// The speed of an interface in bits per second, as its driver gives it; absent when it has no speed, or is down.
 std::optional<std::uint64_t> InterfaceSpeed(const std::string& name);
+
+/// How many packets wait to be sent on each interface, by its index. An interface that has no queue is not in it.
+using QueueLengths = std::map<std::uint32_t, std::uint32_t>;
+
+/// The queues in the kernel's answer to RTM_GETQDISC.
+QueueLengths ParseQueueLengths(std::string_view messages);
+
+/// Those of this computer; absent if the kernel does not give them.
+std::optional<QueueLengths> ReadQueueLengths();
+
+/// The queue of the interface of that name; absent when there is no such interface, or it has no queue.
+std::optional<std::uint32_t> QueueLengthOf(const QueueLengths& queues, const std::string& name);
 
 }  // namespace kv::facts

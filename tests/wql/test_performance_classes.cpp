@@ -440,11 +440,23 @@ TEST_F(PerformanceOfThisMachine, FailsWhenItCannotBeRead) {
     rlimit limits{};
     getrlimit(RLIMIT_NOFILE, &limits);
     const rlimit noFiles{0, limits.rlim_max};
-    for (const char* name : {"PerfProc_Process", "PerfProc_Process WHERE IDProcess = 1", "PerfOS_System",
-                             "PerfOS_Memory", "PerfOS_Processor", "PerfDisk_LogicalDisk", "PerfDisk_PhysicalDisk",
-                             "Tcpip_NetworkInterface", "Process", "Process WHERE ProcessId = 1"}) {
-        const char* const prefix = std::string_view(name).starts_with("Process") ? "" : "PerfFormattedData_";
-        const std::string query = fmt::format("SELECT * FROM Win32_{}{}", prefix, name);
+    const char* const unreadable[] = {"PerfFormattedData_PerfProc_Process",
+                                      "PerfFormattedData_PerfProc_Process WHERE IDProcess = 1",
+                                      "PerfFormattedData_PerfOS_System",
+                                      "PerfFormattedData_PerfOS_Memory",
+                                      "PerfFormattedData_PerfOS_Processor",
+                                      "PerfFormattedData_PerfDisk_LogicalDisk",
+                                      "PerfFormattedData_PerfDisk_PhysicalDisk",
+                                      "PerfFormattedData_Tcpip_NetworkAdapter",
+                                      "PerfFormattedData_Tcpip_NetworkInterface",
+                                      "PerfFormattedData_Tcpip_TCPv4",
+                                      "PerfFormattedData_Tcpip_TCPv6",
+                                      "NetworkAdapter",
+                                      "NetworkAdapterConfiguration",
+                                      "Process",
+                                      "Process WHERE ProcessId = 1"};
+    for (const char* name : unreadable) {
+        const std::string query = fmt::format("SELECT * FROM Win32_{}", name);
         setrlimit(RLIMIT_NOFILE, &noFiles);
         const WmiResult result = RunWmiQuery(query);
         setrlimit(RLIMIT_NOFILE, &limits);

@@ -13,6 +13,7 @@
 
 #include "facts/mount_space.h"
 #include "facts/system_text.h"
+#include "tests/support/linux/namespaces.h"
 #include "tests/support/linux/shell.h"
 #include "tests/support/wmi_query.h"
 #include "wql/cim_value.h"
@@ -28,20 +29,6 @@ using ::testing::HasSubstr;
 
 using WmiStorage = WmiTest;
 using WmiNetwork = WmiTest;
-
-bool IsInNamespaces() { return std::getenv("KV_IN_NAMESPACES") != nullptr; }
-
-/// Runs the current test again in new namespaces, after a line of the shell.
-void RunInNamespaces(const std::string& flags, const std::string& preparation) {
-    const auto* test = ::testing::UnitTest::GetInstance()->current_test_info();
-    const ShellOutcome outcome =
-        RunShell(fmt::format("(unshare {0} true || exit 77; export KV_IN_NAMESPACES=1; "
-                             "unshare {0} sh -c '({1}) || exit 77; exec {2} --gtest_filter={3}.{4}') 2>&1",
-                             flags, preparation, std::filesystem::read_symlink("/proc/self/exe").string(),
-                             test->test_suite_name(), test->name()));
-    if (outcome.exitCode == 77) GTEST_SKIP() << "namespaces cannot be made here: " << outcome.output;
-    EXPECT_EQ(outcome.exitCode, 0) << outcome.output;
-}
 
 TEST_F(WmiStorage, ADeadMountDoesNotDelayTheOthers) {
     if (!IsInNamespaces()) return RunInNamespaces("--mount", "test -w /dev/fuse");

@@ -113,6 +113,9 @@ CimValue LeaseEndIn(const Row& row) {
     return DmtfTime(facts::MicrosecondsNow() + *row.leaseSeconds * microsecondsPerSecond);
 }
 
+/// What no interface with IP has here, and Windows tells of those only.
+CimValue FalseIfIp(const Row& row) { return row.usesIp() ? CimValue(false) : CimValue(); }
+
 constexpr auto productIn = [](const Row& row) { return ProductOf(row); };
 constexpr auto indexIn = [](const Row& row) { return row.interface.index; };
 constexpr auto nameIn = [](const Row& row) { return row.interface.name; };
@@ -121,14 +124,14 @@ constexpr auto driverIn = [](const Row& row) { return facts::KnownText(row.devic
 
 // clang-format off
 constexpr PropertyInfo adapterProperties[] = {
-    {u"AdapterType", string, 0, "AdapterTypeID in words", [](const Row& row) { return AdapterTypeOf(row); }},
-    {u"AdapterTypeID", uint16, 0, "0 Ethernet and radio networks, 1 Token Ring, 2 FDDI, 3 PPP, 13 FireWire",
+    {u"AdapterType", string, 0, "AdapterTypeId in words", [](const Row& row) { return AdapterTypeOf(row); }},
+    {u"AdapterTypeId", uint16, 0, "0 Ethernet and radio networks, 1 Token Ring, 2 FDDI, 3 PPP, 13 FireWire",
         [](const Row& row) { return AdapterTypeIdOf(row); }},
     {u"AutoSense", boolean},
     {u"Availability", uint16, 0, "3 switched on, 8 off", [](const Row& row) { return row.interface.isUp ? 3 : 8; }},
     {u"Caption", string, Need::device, "as Description", productIn},
     {u"ConfigManagerErrorCode", uint32, 0, "0 switched on, 22 off", [](const Row& row) { return row.interface.isUp ? 0 : 22; }},
-    {u"ConfigManagerUserConfig", boolean},
+    {u"ConfigManagerUserConfig", boolean, 0, "always FALSE: the kernel sets devices up", [](const Row&) { return false; }},
     {u"CreationClassName", string, 0, "this class", [](const Row&) { return u"Win32_NetworkAdapter"; }},
     {u"Description", string, Need::device, "the product, else the driver, else the kind of interface, else its name", productIn},
     {u"DeviceID", string, 0, "as Index", [](const Row& row) { return std::to_string(row.interface.index); }},
@@ -142,7 +145,7 @@ constexpr PropertyInfo adapterProperties[] = {
     {u"LastErrorCode", uint32},
     {u"MACAddress", string, Need::macAddress, "of Ethernet, such as 00:1A:2B:3C:4D:5E", macAddressIn},
     {u"Manufacturer", string, Need::device, "of the hardware database", [](const Row& row) { return facts::KnownText(row.device.vendor); }},
-    {u"MaxNumberControlled", uint32},
+    {u"MaxNumberControlled", uint32, 0, "always 0: not known", [](const Row&) { return 0; }},
     {u"MaxSpeed", uint64},
     {u"Name", string, 0, "the interface, such as eth0", nameIn},
     {u"NetConnectionID", string, 0, "as Name", nameIn},
@@ -155,7 +158,7 @@ constexpr PropertyInfo adapterProperties[] = {
         [](const Row& row) { return !row.device.place.empty(); }},
     {u"PNPDeviceID", string, Need::device, "the hardware's path below /sys/devices", [](const Row& row) { return facts::KnownText(row.device.place); }},
     {u"PowerManagementCapabilities", ArrayOf(uint16)},
-    {u"PowerManagementSupported", boolean},
+    {u"PowerManagementSupported", boolean, 0, "always FALSE: nothing switches its power through this class", [](const Row&) { return false; }},
     {u"ProductName", string, Need::device, "as Description", productIn},
     {u"ServiceName", string, Need::device, "the driver", driverIn},
     {u"Speed", uint64, Need::speed, "bits per second, if the driver tells", [](const Row& row) { return row.speed; }},
@@ -170,7 +173,7 @@ constexpr PropertyInfo configurationProperties[] = {
     {u"ArpAlwaysSourceRoute", boolean},
     {u"ArpUseEtherSNAP", boolean},
     {u"Caption", string, Need::device, "as Description", productIn},
-    {u"DatabasePath", string},
+    {u"DatabasePath", string, 0, "always /etc: of hosts, networks and protocols", [](const Row&) { return u"/etc"; }},
     {u"DeadGWDetectEnabled", boolean},
     {u"DefaultIPGateway", ArrayOf(string), Need::gateways, "of its default routes, IPv4 and IPv6",
         [](const Row& row) { return ArrayOrNull(row.gateways); }},
@@ -186,7 +189,7 @@ constexpr PropertyInfo configurationProperties[] = {
         [](const Row& row) { return DomainIn(row); }},
     {u"DNSDomainSuffixSearchOrder", ArrayOf(string), Need::addresses | Need::resolver, "domains of resolv.conf, if IPEnabled",
         [](const Row& row) { return ResolverArray(row, row.surroundings->resolver.domains.size()); }},
-    {u"DNSEnabledForWINSResolution", boolean},
+    {u"DNSEnabledForWINSResolution", boolean, Need::addresses, "FALSE if IPEnabled: there is no WINS", [](const Row& row) { return FalseIfIp(row); }},
     {u"DNSHostName", string, Need::addresses | Need::host, "the computer's name, if IPEnabled",
         [](const Row& row) { return row.usesIp() ? CimValue(row.surroundings->host) : CimValue(); }},
     {u"DNSServerSearchOrder", ArrayOf(string), Need::addresses | Need::resolver, "name servers of resolv.conf, if IPEnabled",
@@ -210,7 +213,7 @@ constexpr PropertyInfo configurationProperties[] = {
     {u"IPSubnet", ArrayOf(string), Need::addresses, "one for each of IPAddress", [](const Row& row) { return ArrayOrNull(row.addresses); }},
     {u"IPUseZeroBroadcast", boolean},
     {u"IPXAddress", string},
-    {u"IPXEnabled", boolean},
+    {u"IPXEnabled", boolean, 0, "always FALSE: Linux has no IPX", [](const Row&) { return false; }},
     {u"IPXFrameType", ArrayOf(uint32)},
     {u"IPXMediaType", uint32},
     {u"IPXNetworkNumber", ArrayOf(string)},
@@ -230,7 +233,7 @@ constexpr PropertyInfo configurationProperties[] = {
     {u"TcpNumConnections", uint32},
     {u"TcpUseRFC1122UrgentPointer", boolean},
     {u"TcpWindowSize", uint16},
-    {u"WINSEnableLMHostsLookup", boolean},
+    {u"WINSEnableLMHostsLookup", boolean, Need::addresses, "FALSE if IPEnabled: there is no WINS", [](const Row& row) { return FalseIfIp(row); }},
     {u"WINSHostLookupFile", string},
     {u"WINSPrimaryServer", string},
     {u"WINSScopeID", string},
@@ -238,20 +241,34 @@ constexpr PropertyInfo configurationProperties[] = {
 };
 // clang-format on
 
-Surroundings ReadSurroundings(const Gathering& gathering) {
+/// The interface of each default route, of IPv4 and, if the kernel has it, IPv6; absent if the kernel does not tell.
+std::optional<std::vector<std::string>> ReadDefaultRoutes() {
+    const std::optional<std::string> text = platform::ReadSystemFile("/proc/net/route");
+    if (!text) return std::nullopt;
+    std::vector<std::string> routes = facts::ParseDefaultRoutes(*text);
+    const std::vector<std::string> routes6 =
+        facts::ParseDefaultRoutes6(platform::ReadSystemFile("/proc/net/ipv6_route").value_or(std::string()));
+    routes.insert(routes.end(), routes6.begin(), routes6.end());
+    return routes;
+}
+
+/// Absent if the kernel does not tell of addresses or routes.
+std::optional<Surroundings> ReadSurroundings(const Gathering& gathering) {
     Surroundings surroundings;
     if (gathering.asksFor(Need::host)) surroundings.host = facts::HostName();
-    if (gathering.asksFor(Need::addresses)) surroundings.addresses = facts::ReadInterfaceAddresses();
+    if (gathering.asksFor(Need::addresses)) {
+        std::optional<std::vector<facts::InterfaceAddress>> addresses = facts::ReadInterfaceAddresses();
+        if (!addresses) return std::nullopt;
+        surroundings.addresses = std::move(*addresses);
+    }
     if (gathering.asksFor(Need::resolver)) {
         surroundings.resolver =
             facts::ParseResolverSettings(platform::ReadSystemFile("/etc/resolv.conf").value_or(std::string()));
     }
     if (gathering.asksFor(Need::gateways)) {
-        surroundings.defaultRoutes =
-            facts::ParseDefaultRoutes(platform::ReadSystemFile("/proc/net/route").value_or(std::string()));
-        const std::vector<std::string> routes6 =
-            facts::ParseDefaultRoutes6(platform::ReadSystemFile("/proc/net/ipv6_route").value_or(std::string()));
-        surroundings.defaultRoutes.insert(surroundings.defaultRoutes.end(), routes6.begin(), routes6.end());
+        std::optional<std::vector<std::string>> routes = ReadDefaultRoutes();
+        if (!routes) return std::nullopt;
+        surroundings.defaultRoutes = std::move(*routes);
     }
     return surroundings;
 }
@@ -283,11 +300,13 @@ void FillRow(const Gathering& gathering, Row& row) {
 }
 
 WmiStatus GatherAdapters(const Gathering& gathering) {
-    const Surroundings surroundings = ReadSurroundings(gathering);
-    for (facts::NetworkInterface& interface : facts::ListNetworkInterfaces()) {
+    const std::optional<Surroundings> surroundings = ReadSurroundings(gathering);
+    std::optional<std::vector<facts::NetworkInterface>> interfaces = facts::ListNetworkInterfaces();
+    if (!surroundings || !interfaces) return wmi_status::providerFailure;
+    for (facts::NetworkInterface& interface : *interfaces) {
         Row row;
         row.interface = std::move(interface);
-        row.surroundings = &surroundings;
+        row.surroundings = &*surroundings;
         FillRow(gathering, row);
         if (!gathering.row(&row)) break;
     }

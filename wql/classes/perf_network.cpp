@@ -1,4 +1,6 @@
-// Tcpip_NetworkInterface, from /proc/net/dev. The loopback interface is left out, as on Windows.
+// Tcpip_NetworkInterface and Tcpip_NetworkAdapter, from /proc/net/dev. On Windows the one has what IP is bound to and
+// the other all adapters. Here both have all interfaces but the loopback, which Windows leaves out too: IP comes and
+// goes on an interface, and its counters stay.
 #include <algorithm>
 
 #include "facts/network_devices.h"
@@ -14,12 +16,13 @@ using enum CimType;
 using enum CounterKind;
 
 struct Need {
-    enum Bits : std::uint32_t { counters = 1, speed = 2 };
+    enum Bits : std::uint32_t { counters = 1, speed = 2, queue = 4 };
 };
 
 struct Row {
     facts::InterfaceCounters counters;
     std::optional<std::uint64_t> speed;
+    std::optional<std::uint32_t> queued;  // packets
 };
 
 // clang-format off
@@ -29,8 +32,8 @@ constexpr CounterInfo counters[] = {
     {u"BytesTotalPersec", uint64, rate, Need::counters, "bytes",
         [](const Row& row) { return row.counters.receivedBytes + row.counters.sentBytes; }},
     {u"CurrentBandwidth", uint64, value, Need::speed, "bits per second, the interface's speed", [](const Row& row) { return row.speed; }},
-    {u"OffloadedConnections", uint64},
-    {u"OutputQueueLength", uint64},
+    {u"OffloadedConnections", uint64, value, 0, "always 0: Linux leaves no connection to an adapter", [](const Row&) { return 0; }},
+    {u"OutputQueueLength", uint64, value, Need::queue, "packets that wait in its queue, as tc shows it", [](const Row& row) { return row.queued; }},
     {u"PacketsOutboundDiscarded", uint64, value, Need::counters, "drop", [](const Row& row) { return row.counters.sendDropped; }},
     {u"PacketsOutboundErrors", uint64, value, Need::counters, "errs", [](const Row& row) { return row.counters.sendErrors; }},
     {u"PacketsPersec", uint64, rate, Need::counters, "packets",
@@ -46,7 +49,7 @@ constexpr CounterInfo counters[] = {
     {u"PacketsSentPersec", uint64, rate, Need::counters, "packets", [](const Row& row) { return row.counters.sentPackets; }},
     {u"PacketsSentUnicastPersec", uint64, rate},
     {u"TCPActiveRSCConnections", uint64},
-    {u"TCPRSCAveragePacketSize", uint64, averageAmount},
+    {u"TCPRSCAveragePacketSize", uint64},
     {u"TCPRSCCoalescedPacketsPersec", uint64, rate},
     {u"TCPRSCExceptionsPersec", uint64, rate},
 };
@@ -56,10 +59,17 @@ WmiStatus ReadInterfaces(const Gathering& gathering, PerfSampling& sampling) {
     const std::optional<std::string> text = platform::ReadSystemFile("/proc/net/dev");
     if (!text) return wmi_status::providerFailure;
     const std::uint64_t now = TimeSinceStart();
+    facts::QueueLengths queues;
+    if (gathering.asksFor(Need::queue)) {
+        std::optional<facts::QueueLengths> read = facts::ReadQueueLengths();
+        if (!read) return wmi_status::providerFailure;
+        queues = std::move(*read);
+    }
     for (const facts::InterfaceCounters& counted : facts::ParseNetDev(*text)) {
         if (counted.name == "lo") continue;
-        Row row{counted, {}};
+        Row row{counted, {}, {}};
         if (gathering.asksFor(Need::speed)) row.speed = facts::InterfaceSpeed(counted.name);
+        if (gathering.asksFor(Need::queue)) row.queued = facts::QueueLengthOf(queues, counted.name);
         PerfObject object;
         object.name = counted.name;
         object.key = counted.name;
@@ -69,8 +79,9 @@ WmiStatus ReadInterfaces(const Gathering& gathering, PerfSampling& sampling) {
 }
 
 constexpr PerfClass interfaces{.name = u"Tcpip_NetworkInterface", .counters = counters, .read = ReadInterfaces};
+constexpr PerfClass adapters{.name = u"Tcpip_NetworkAdapter", .counters = counters, .read = ReadInterfaces};
 
-const ClassFamily family(DeclarePerfClasses<interfaces>);
+const ClassFamily family(DeclarePerfClasses<interfaces, adapters>);
 
 }  // namespace
 
