@@ -28,6 +28,18 @@ bool IsPhysicalDisk(const std::string& name) {
            ReadSystemNumber(folder + "/hidden").value_or(0) == 0;
 }
 
+/// maxDepth: of devices made of others, so that broken links do not lead in circles.
+bool IsOnUsb(const std::string& device, int maxDepth) {
+    std::error_code failure;
+    const fs::path folder = fs::canonical("/sys/class/block/" + device, failure);
+    if (failure) return false;
+    if (folder.string().find("/usb") != std::string::npos) return true;
+    for (fs::directory_iterator at(folder / "slaves", failure), end; !failure && at != end; at.increment(failure)) {
+        if (maxDepth > 0 && IsOnUsb(at->path().filename().string(), maxDepth - 1)) return true;
+    }
+    return false;
+}
+
 }  // namespace
 
 std::vector<DiskCounters> ParseDiskStats(std::string_view text) {
@@ -64,6 +76,11 @@ std::vector<std::string> ListPhysicalDisks() {
     }
     std::sort(names.begin(), names.end());
     return names;
+}
+
+bool IsOnUsb(const std::string& device) {
+    constexpr int maxDepth = 8;  // an encrypted volume of a RAID of partitions has four
+    return IsOnUsb(device, maxDepth);
 }
 
 }  // namespace kv::facts

@@ -31,4 +31,7 @@ std::vector<DiskCounters> ParseDiskStats(std::string_view text);
 /// devices made of others and drives of other media (CDs, floppies) are left out.
 std::vector<std::string> ListPhysicalDisks();
 
+/// Whether a block device, such as "sda1", or one that it is made of, is connected by USB.
+bool IsOnUsb(const std::string& device);
+
 }  // namespace kv::facts

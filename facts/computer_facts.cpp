@@ -43,6 +43,12 @@ std::uint16_t SystemTypeOfChassis(std::uint64_t chassis) {
     return 0;
 }
 
+std::uint16_t ExtendedSystemTypeOfChassis(std::uint64_t chassis) {
+    constexpr std::uint64_t tablet = 30;
+    constexpr std::uint16_t slate = 8;
+    return chassis == tablet ? slate : SystemTypeOfChassis(chassis);
+}
+
 bool IsVirtualMachine(std::string_view vendor, std::string_view model) {
     constexpr std::string_view vendors[] = {"QEMU", "VMware", "Xen", "Parallels", "innotek", "Bochs"};
     constexpr std::string_view models[] = {

@@ -14,6 +14,9 @@ std::u16string_view BootupStateOf(std::string_view commandLine);
 /// PCSystemType for the firmware's number of a kind of chassis: 1 desktop, 2 mobile, 4 server, 0 anything else.
 std::uint16_t SystemTypeOfChassis(std::uint64_t chassis);
 
+/// PCSystemTypeEx: as above, but 8 for a tablet.
+std::uint16_t ExtendedSystemTypeOfChassis(std::uint64_t chassis);
+
 /// Whether the vendor and the model, as the firmware names them, are those of a virtual machine.
 bool IsVirtualMachine(std::string_view vendor, std::string_view model);
 

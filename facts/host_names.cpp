@@ -1,6 +1,7 @@
 #include "facts/host_names.h"
 
 #include <algorithm>
+#include <cctype>
 #include <sys/utsname.h>
 
 #include "facts/system_text.h"
@@ -29,6 +30,16 @@ bool HasField(std::string_view line, std::string_view name) {
     return !field.empty();
 }
 
+/// A name of a section or a setting as Samba compares it: in small letters and without blanks.
+std::string SambaName(std::string_view text) {
+    std::string name;
+    for (const char letter : text) {
+        if (letter != ' ' && letter != '\t')
+            name += static_cast<char>(std::tolower(static_cast<unsigned char>(letter)));
+    }
+    return name;
+}
+
 }  // namespace
 
 std::u16string HostName() { return platform::WideFromUtf8(HostPart(NodeName())); }
@@ -53,6 +64,25 @@ std::string DomainInHosts(std::string_view text, std::string_view hostName) {
         if (!DomainPart(canonical).empty()) return std::string(DomainPart(canonical));
     }
     return {};
+}
+
+std::string WorkgroupName() {
+    const std::string own = WorkgroupInSamba(platform::ReadSystemFile("/etc/samba/smb.conf").value_or(""));
+    return own.empty() ? "WORKGROUP" : own;
+}
+
+std::string WorkgroupInSamba(std::string_view text) {
+    std::string workgroup;
+    bool isGlobal = true;  // what stands before the first section is, too
+    for (std::string_view line; TakeLine(text, line);) {
+        line = Trimmed(line);
+        if (line.starts_with('#') || line.starts_with(';')) continue;
+        if (line.starts_with('[')) isGlobal = SambaName(line.substr(1, line.find(']') - 1)) == "global";
+        const std::size_t equals = line.find('=');
+        if (isGlobal && equals != line.npos && SambaName(line.substr(0, equals)) == "workgroup")
+            workgroup = Trimmed(line.substr(equals + 1));
+    }
+    return workgroup;
 }
 
 }  // namespace kv::facts

@@ -19,4 +19,11 @@ std::string DomainName();
 /// when there is no such line.
 std::string DomainInHosts(std::string_view text, std::string_view hostName);
 
+/// The Windows workgroup that the computer is in, if it is not in a domain: that of Samba's configuration, else
+/// "WORKGROUP", which is what a computer that is not told another one announces; UTF-8.
+std::string WorkgroupName();
+
+/// The workgroup in the global section of a smb.conf(5) text; empty when it does not set one.
+std::string WorkgroupInSamba(std::string_view text);
+
 }  // namespace kv::facts

@@ -1,5 +1,9 @@
 #include "facts/smbios.h"
 
+#include <cerrno>
+#include <fcntl.h>
+#include <unistd.h>
+
 #include "facts/system_text.h"
 
 namespace kv::facts {
@@ -35,6 +39,8 @@ bool TakeStrings(std::string_view& table, std::vector<std::string_view>& strings
     return false;
 }
 
+std::string DmiPath(std::string_view name) { return "/sys/class/dmi/id/" + std::string(name); }
+
 bool TakeStructure(std::string_view& table, SmbiosStructure& structure) {
     if (table.size() < headerLength) return false;
     structure.type = static_cast<std::uint8_t>(table[0]);
@@ -59,6 +65,8 @@ std::uint16_t SmbiosStructure::wordAt(std::size_t offset) const {
 std::uint32_t SmbiosStructure::doubleWordAt(std::size_t offset) const {
     return static_cast<std::uint32_t>(LittleEndian(formatted, offset, 4));
 }
+
+std::uint64_t SmbiosStructure::quadWordAt(std::size_t offset) const { return LittleEndian(formatted, offset, 8); }
 
 std::optional<std::string> SmbiosStructure::stringAt(std::size_t offset) const {
     const std::size_t number = byteAt(offset);
@@ -87,10 +95,23 @@ std::optional<std::uint32_t> KnownNumber(std::uint32_t number) {
     return number == 0 ? std::nullopt : std::optional(number);
 }
 
-std::string ReadSmbiosTable() { return platform::ReadSystemFile("/sys/firmware/dmi/tables/DMI").value_or(""); }
+std::optional<std::string> ChassisStockNumberOf(const SmbiosStructure& enclosure) {
+    constexpr std::size_t partsAt = 0x15;
+    const std::size_t partsLength = std::size_t{enclosure.byteAt(0x13)} * enclosure.byteAt(0x14);
+    return enclosure.stringAt(partsAt + partsLength);
+}
 
-std::optional<std::string> ReadDmi(std::string_view name) {
-    return ReadSystemLine("/sys/class/dmi/id/" + std::string(name));
+SmbiosTable ReadSmbiosTable(const std::string& path) {
+    if (std::optional<std::string> bytes = platform::ReadSystemFile(path)) return {std::move(*bytes), {}};
+    const int reason = errno;
+    const bool isAbsent = reason == ENOENT || reason == ENOTDIR;
+    return {{}, isAbsent ? std::error_code() : std::error_code(reason, std::generic_category())};
+}
+
+std::optional<std::string> ReadDmi(std::string_view name) { return ReadSystemLine(DmiPath(name)); }
+
+bool IsForbiddenDmi(std::string_view name) {
+    return faccessat(AT_FDCWD, DmiPath(name).c_str(), R_OK, AT_EACCESS) != 0 && errno == EACCES;
 }
 
 std::optional<std::string> ReadDeviceTree(std::string_view name) {

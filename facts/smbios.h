@@ -4,9 +4,11 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <vector>
 
 namespace kv::facts {
@@ -22,6 +24,7 @@ struct SmbiosStructure {
     std::uint8_t byteAt(std::size_t offset) const;
     std::uint16_t wordAt(std::size_t offset) const;
     std::uint32_t doubleWordAt(std::size_t offset) const;
+    std::uint64_t quadWordAt(std::size_t offset) const;
 
     /// The string whose number is at an offset, without blanks at its ends; absent when there is no such string,
     /// or it is empty.
@@ -38,12 +41,27 @@ SmbiosStructure FirstOfType(const std::vector<SmbiosStructure>& structures, std:
 /// Absent for 0, by which many numbers of a structure mean unknown.
 std::optional<std::uint32_t> KnownNumber(std::uint32_t number);
 
-/// This computer's table; empty when there is no table, or it may not be read.
-std::string ReadSmbiosTable();
+/// The number under which the maker of an enclosure (type 3) sells it; it follows the list of the enclosure's parts.
+std::optional<std::string> ChassisStockNumberOf(const SmbiosStructure& enclosure);
+
+/// A table as it was read.
+struct SmbiosTable {
+    std::string bytes;        // empty when there is no table, or it could not be read
+    std::error_code failure;  // set when there is a table, and it could not be read
+};
+
+/// This computer's table, or another file in its form.
+SmbiosTable ReadSmbiosTable(const std::string& path = "/sys/firmware/dmi/tables/DMI");
 
 /// A text of the tables that the kernel gives as a separate file, such as "sys_vendor"; absent when there is no such
 /// text, or it may not be read.
 std::optional<std::string> ReadDmi(std::string_view name);
+
+/// Gives a text of that kind.
+using DmiTexts = std::function<std::optional<std::string>(std::string_view name)>;
+
+/// Whether there is such a text, and this process lacks the right to read it.
+bool IsForbiddenDmi(std::string_view name);
 
 /// A text of the device tree, which other computers have instead of the tables, such as "model"; the first if there are
 /// several, absent when there is none.

@@ -11,7 +11,8 @@ namespace platform {
 /// read(2), again when it was interrupted.
 ssize_t ReadOnce(int file, char* to, std::size_t room);
 
-/// A whole file such as those below /proc and /sys; absent when it cannot be read. Of a longer one, the first 16 MB.
+/// A whole file such as those below /proc and /sys; absent when it cannot be read; errno then has the
+/// reason. Of a longer one, the first 16 MB.
 std::optional<std::string> ReadSystemFile(const std::string& path);
 
 }  // namespace platform
