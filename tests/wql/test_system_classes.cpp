@@ -1,6 +1,5 @@
 // The classes of the system itself: the tables of all classes, the texts of firmware and kernel, and this machine as
 // uname, lscpu, free, getent and date see it.
-#include <array>
 #include <cstdlib>
 #include <ctime>
 #include <fmt/format.h>
@@ -11,13 +10,11 @@
 #include "facts/local_time.h"
 #include "facts/system_text.h"
 #include "facts/zone_rules.h"
+#include "tests/support/linux/gathered_texts.h"
 #include "tests/support/linux/shell.h"
+#include "tests/support/linux/smbios_bytes.h"
 #include "tests/support/linux/zone_setting.h"
-#include "tests/support/wmi_query.h"
-#include "wql/class_tree.h"
-#include "wql/classes/physical_memory.h"
 #include "wql/classes/processor.h"
-#include "wql/query.h"
 
 namespace kv::test {
 namespace {
@@ -51,73 +48,15 @@ TEST(WmiClasses, HaveSortedTablesWithTheirSuperclassesProperties) {
     }
 }
 
-using Field = std::array<std::uint32_t, 3>;  // offset, bytes, value
-
-std::string Structure(char type, std::size_t length, const std::vector<Field>& fields,
-                      const std::vector<std::string>& strings) {
-    std::string bytes(length, '\0');
-    bytes[0] = type;
-    bytes[1] = static_cast<char>(length);
-    for (const auto& [offset, count, value] : fields) {
-        for (std::size_t at = 0; at < count; ++at) bytes[offset + at] = static_cast<char>(value >> (8 * at));
-    }
-    for (const std::string& text : strings) bytes += text + '\0';
-    return bytes + (strings.empty() ? std::string(2, '\0') : std::string(1, '\0'));
-}
-
 // clang-format off
 std::string SocketStructure(std::uint32_t status) {
-    return Structure(4, 0x30,
+    return SmbiosStructureBytes(4, 0x30,
         {{0x04, 1, 1}, {0x06, 1, 0xFE}, {0x08, 4, 0x50657}, {0x0C, 4, 0xBFEBFBFF}, {0x10, 1, 2}, {0x11, 1, 0x8A},
          {0x12, 2, 100}, {0x16, 2, 2900}, {0x18, 1, status}, {0x19, 1, 0x35}, {0x20, 1, 3}, {0x26, 2, 0xFC},
          {0x28, 2, 0x1B3}},
         {"LGA3647-0", "Firmware's name", " 0123 "});
 }
-
-std::string MemoryTable() {
-    return Structure(0, 0x18, {}, {"vendor"}) +
-           Structure(17, 0x5C,
-               {{0x08, 2, 72}, {0x0A, 2, 64}, {0x0C, 2, 0x7FFF}, {0x0E, 1, 9}, {0x10, 1, 1}, {0x11, 1, 2},
-                {0x12, 1, 0x22}, {0x13, 2, 0x2080}, {0x15, 2, 0xFFFF}, {0x17, 1, 3}, {0x18, 1, 4}, {0x1A, 1, 5},
-                {0x1B, 1, 2}, {0x1C, 4, 0x8000}, {0x20, 2, 4800}, {0x22, 2, 1100}, {0x26, 2, 1100}, {0x54, 4, 70000}},
-               {"DIMM_A1", "Bank 0", "Maker", "00AB", "PART-1  "}) +
-           Structure(17, 0x22, {{0x10, 1, 1}}, {"empty socket"}) +
-           Structure(17, 0x15, {{0x0A, 2, 0xFFFF}, {0x0C, 2, 0x8200}, {0x0E, 1, 3}, {0x12, 1, 3}, {0x10, 1, 9}}, {}) +
-           Structure(17, 0x1B, {{0x0C, 2, 0xFFFF}, {0x0E, 1, 0x20}, {0x12, 1, 0x1A}}, {}) + Structure(127, 4, {}, {});
-}
 // clang-format on
-
-/// The values of a class's properties, one text for each object, with another routine that gathers the objects.
-std::vector<std::string> GatheredTexts(std::u16string_view className, std::string_view names, GatherRoutine gather) {
-    ClassInfo classInfo = *FindClass(className);
-    classInfo.gather = gather;
-    ClassQuery query{.classInfo = &classInfo, .properties = {}, .where = std::nullopt};
-    for (std::string_view name = TakeField(names); !name.empty(); name = TakeField(names)) {
-        query.properties.push_back(FindProperty(classInfo, platform::WideFromUtf8(name)));
-    }
-    std::vector<std::string> objects;
-    const auto add = [&](const ResultObject& object) {
-        std::string& texts = objects.emplace_back();
-        for (const auto& [name, value] : object) texts += VariantText(value) + "|";
-    };
-    EXPECT_EQ(RunQuery({classInfo.name, {query}}, {add, [] { return true; }, nullptr}), 0U);
-    return objects;
-}
-
-TEST(WmiFirmware, TellsOfTheMemoryModulesInItsSockets) {
-    const auto gather = [](const Gathering& gathering) { return GatherMemoryDevices(gathering, MemoryTable()); };
-    EXPECT_THAT(
-        GatheredTexts(u"Win32_PhysicalMemory",
-                      "Tag Capacity DeviceLocator BankLabel Manufacturer SerialNumber PartNumber FormFactor MemoryType "
-                      "SMBIOSMemoryType TypeDetail Speed ConfiguredClockSpeed ConfiguredVoltage MaxVoltage DataWidth "
-                      "TotalWidth Attributes",
-                      gather),
-        testing::ElementsAre(
-            "Physical Memory 0|34359738368|DIMM_A1|Bank 0|Maker|00AB|PART-1|8|0|34|8320|70000|4800|1100|NULL|"
-            "64|72|2|",
-            "Physical Memory 1|524288|NULL|NULL|NULL|NULL|NULL|7|2|3|0|NULL|NULL|NULL|NULL|NULL|NULL|NULL|",
-            "Physical Memory 2|NULL|NULL|NULL|NULL|NULL|NULL|1|26|26|0|NULL|NULL|NULL|NULL|NULL|NULL|NULL|"));
-}
 
 // clang-format off
 TEST(WmiProcessors, AreDescribedByFirmwareAndKernel) {
@@ -129,7 +68,7 @@ TEST(WmiProcessors, AreDescribedByFirmwareAndKernel) {
     constexpr const char* arm = "processor\t: 0\nFeatures\t: fp asimd\nCPU implementer\t: 0x41\nCPU architecture: 8\n"
         "CPU variant\t: 0x3\nCPU part\t: 0xd0c\nCPU revision\t: 1\n\nHardware\t: BCM2835\nSerial\t\t: 10\n";
     constexpr const char* identity = "DeviceID Name Manufacturer Description Architecture AddressWidth Level Revision "
-        "Stepping Family SocketDesignation CpuStatus VMMonitorModeExtensions";
+        "Stepping Version Family SocketDesignation CpuStatus VMMonitorModeExtensions";
     constexpr const char* three = "processor: 0\n\nprocessor: 1\n\nprocessor: 2\n";
     constexpr const char* places = "NumberOfCores NumberOfLogicalProcessors";
     const struct {
@@ -140,8 +79,8 @@ TEST(WmiProcessors, AreDescribedByFirmwareAndKernel) {
         std::vector<std::string> objects;
     } rows[] = {
         {"x86", xeons, firmware, "x86_64", "", identity,
-         {"CPU0|Xeon Gold 6226R|GenuineIntel|Intel64 Family 6 Model 85 Stepping 7|9|64|6|21767|7|435|LGA3647-0|1|true|",
-          "CPU1|Xeon Gold 6226R|GenuineIntel|Intel64 Family 6 Model 85 Stepping 7|9|64|6|21767|7|435|LGA3647-0|4|true|"}},
+         {"CPU0|Xeon Gold 6226R|GenuineIntel|Intel64 Family 6 Model 85 Stepping 7|9|64|6|21767|7|Model 85, Stepping 7|435|LGA3647-0|1|true|",
+          "CPU1|Xeon Gold 6226R|GenuineIntel|Intel64 Family 6 Model 85 Stepping 7|9|64|6|21767|7|Model 85, Stepping 7|435|LGA3647-0|4|true|"}},
         {"from the firmware", xeons, firmware, "", "",
          "ProcessorId SerialNumber CurrentVoltage ExtClock MaxClockSpeed UpgradeMethod Characteristics",
          {"BFEBFBFF00050657|0123|10|100|2900|53|252|", "BFEBFBFF00050657|0123|10|100|2900|53|252|"}},
@@ -153,9 +92,12 @@ TEST(WmiProcessors, AreDescribedByFirmwareAndKernel) {
          "0/cpufreq/cpuinfo_max_freq=3900000\n0/cpufreq/base_frequency=2900000\n1/cpufreq/cpuinfo_max_freq=3900000\n"
          "1/cpufreq/scaling_cur_freq=800000\n3/cpufreq/scaling_cur_freq=1000000\n",
          "NumberOfCores NumberOfLogicalProcessors L2CacheSize L3CacheSize MaxClockSpeed CurrentClockSpeed",
-         {"1|2|NULL|32768|2900|NULL|", "2|2|1024|NULL|3900|900|"}},
+         {"1|2|NULL|32768|2900|NULL|", "2|2|1024|0|3900|900|"}},
         {"ARM", arm, "", "aarch64", "", identity,
-         {"CPU0|ARM part 0xd0c|ARM|ARMv8 (64-bit) Family 8 Model D0C Revision 301|12|64|8|769|NULL|2|CPU0|1|NULL|"}},
+         {"CPU0|ARM part 0xd0c|ARM|ARMv8 (64-bit) Family 8 Model D0C Revision 301|12|64|8|769|NULL|NULL|2|CPU0|1|NULL|"}},
+        {"what Windows always tells", arm, "", "", "",
+         "ConfigManagerErrorCode ConfigManagerUserConfig L3CacheSize L3CacheSpeed PowerManagementSupported UpgradeMethod",
+         {"0|false|0|0|false|2|"}},
         {"packages", three, "", "", "0/topology/physical_package_id=7\n1/topology/physical_package_id=5\n"
          "2/topology/physical_package_id=7\n", places, {"1|1|", "2|2|"}},
         {"a shared core", three, "", "",
@@ -205,7 +147,21 @@ TEST_F(WmiThisMachine, IsWhatItsOwnToolsShow) {
         {"Win32_OperatingSystem", "FreeVirtualMemory", "free -k | awk '/^Mem/ {m = $7} /^Swap/ {print m + $4}'",
          1 << 20},
         {"Win32_OperatingSystem", "NumberOfProcesses", "ps -e --no-headers | wc -l", 50},
+        {"Win32_OperatingSystem WHERE ForegroundApplicationBoost = 0 AND LargeSystemCache = 1 AND OSProductSuite = 0 "
+         "AND SuiteMask = 0 AND OperatingSystemSKU = 0", "Primary,Distributed", "echo true false"},
+        {"Win32_OperatingSystem", "BuildType",
+         "uname -v | grep -q ' SMP ' && echo Multiprocessor Free || echo Uniprocessor Free"},
+        {"Win32_OperatingSystem", "DataExecutionPrevention_Available,DataExecutionPrevention_SupportPolicy",
+         "[ $(uname -m) = x86_64 ] && { grep -qw nx /proc/cpuinfo && echo true 3 || echo false 0; }"},
+        {"Win32_OperatingSystem", "SystemDevice", "findmnt -no SOURCE / | grep '^/dev/[a-z0-9/-]*$'"},
+        {"Win32_OperatingSystem", "BootDevice", "findmnt -no SOURCE -T /boot | grep '^/dev/[a-z0-9/-]*$'"},
+        {"Win32_OperatingSystem", "PortableOperatingSystem",
+         "[ -e /sys/bus/usb/devices/usb1 ] || echo false"},
         {"Win32_ComputerSystem", "Name", "hostname -s"},
+        {"Win32_ComputerSystem", "AutomaticResetCapability,AutomaticResetBootOption",
+         "[ $(sysctl -n kernel.panic) != 0 ] && echo true true || echo false false"},
+        {"Win32_ComputerSystem", "Domain,Workgroup,PartOfDomain",
+         "[ -e /etc/krb5.keytab -o -e /etc/samba/smb.conf ] || echo WORKGROUP WORKGROUP false"},
         {"Win32_ComputerSystem", "TotalPhysicalMemory", "free -b | awk '/^Mem/ {print $2}'"},
         {"Win32_ComputerSystem", "NumberOfLogicalProcessors", "getconf _NPROCESSORS_ONLN"},
         {"Win32_ComputerSystem", "NumberOfProcessors", "lscpu -p=SOCKET | grep -v '^#' | sort -u | wc -l"},
@@ -287,7 +243,7 @@ TEST_F(WmiThisMachine, HasTheTimeZoneThatIsSet) {
         {"America/St_Johns", rules, newfoundland},
         {":/usr/share/zoneinfo/America/St_Johns", rules, newfoundland},
         {"/etc/localtime", "SettingID", own.empty() ? "NULL" : own},
-        {"", "Caption,Bias", "(UTC) UTC 0"},
+        {"", "Caption,Bias,StandardName,DaylightName,DaylightBias", "(UTC) UTC 0 UTC UTC 0"},
     };
     if (access("/usr/share/zoneinfo/America/St_Johns", F_OK) != 0) GTEST_SKIP() << "time zones are not installed";
     for (const auto& [zone, properties, shown] : rows) {

@@ -1,10 +1,12 @@
-// Win32_ComputerSystemProduct and Win32_BIOS, from what the firmware tells. If it tells nothing, as on some virtual
-// machines, they have no objects.
+#include "wql/classes/firmware_classes.h"
+
+#include <bit>
+
 #include "facts/computer_facts.h"
 #include "facts/product.h"
-#include "facts/smbios.h"
 #include "facts/system_text.h"
 #include "wql/class_tree.h"
+#include "wql/classes/firmware_table.h"
 
 namespace kv::wql {
 
@@ -15,7 +17,7 @@ using enum CimType;
 struct Need {
     enum Bits : std::uint32_t {
         smbiosVersion = 1,
-        languages = 2,
+        firmware = 2,
         maker = 4,
         releases = 8,
         serial = 16,
@@ -42,7 +44,8 @@ struct BiosRow {
     std::optional<facts::VersionPair> release;
     std::optional<facts::VersionPair> controllerRelease;
     std::optional<facts::VersionPair> smbiosVersion;
-    facts::SmbiosStructure languages;  // empty if the firmware does not have it
+    facts::SmbiosStructure languages;  // this and the next are empty if the firmware does not have them
+    facts::SmbiosStructure description;
 };
 
 std::optional<std::u16string> ReleaseDateOf(const BiosRow& row) {
@@ -55,6 +58,22 @@ std::optional<std::uint64_t> MajorOf(const std::optional<facts::VersionPair>& ve
 
 std::optional<std::uint64_t> MinorOf(const std::optional<facts::VersionPair>& version) {
     return version ? std::optional(version->minor) : std::nullopt;
+}
+
+/// A part of a version; 255, as in the firmware's tables, if there is no such version.
+std::uint64_t KnownOrUnknown(std::optional<std::uint64_t> part) {
+    constexpr std::uint64_t unknown = 255;
+    return part.value_or(unknown);
+}
+
+/// The list of the bits that are set, which stand for what the firmware can do; NULL if it does not tell.
+CimValue CharacteristicsOf(const facts::SmbiosStructure& description) {
+    const int count = std::popcount(description.quadWordAt(0x0A) & UINT32_MAX);  // the upper half is the maker's
+    return count != 0 ? CimValue(CimArray{static_cast<std::size_t>(count)}) : CimValue();
+}
+
+CimValue LanguagesOf(const facts::SmbiosStructure& languages) {
+    return languages.strings.empty() ? CimValue() : CimValue(CimArray{languages.strings.size()});
 }
 
 constexpr auto productCaption = [](const ProductRow&) { return u"Computer System Product"; };
@@ -73,20 +92,20 @@ constexpr PropertyInfo productProperties[] = {
 };
 
 constexpr PropertyInfo biosProperties[] = {
-    {u"BiosCharacteristics", ArrayOf(uint16)},
-    {u"BIOSVersion", ArrayOf(string)},
+    {u"BiosCharacteristics", ArrayOf(uint16), Need::firmware, "by the list of SMBIOS", [](const BiosRow& row) { return CharacteristicsOf(row.description); }},
+    {u"BIOSVersion", ArrayOf(string), 0, "the one Version", biosVersion},
     {u"BuildNumber", string},
     {u"Caption", string, 0, "as Version", biosVersion},
     {u"CodeSet", string},
-    {u"CurrentLanguage", string, Need::languages, "of its screens", [](const BiosRow& row) { return row.languages.stringAt(0x15); }},
+    {u"CurrentLanguage", string, Need::firmware, "of its screens", [](const BiosRow& row) { return row.languages.stringAt(0x15); }},
     {u"Description", string, 0, "as Version", biosVersion},
-    {u"EmbeddedControllerMajorVersion", uint8, Need::releases, "of ec_firmware_release", [](const BiosRow& row) { return MajorOf(row.controllerRelease); }},
-    {u"EmbeddedControllerMinorVersion", uint8, Need::releases, "of ec_firmware_release", [](const BiosRow& row) { return MinorOf(row.controllerRelease); }},
+    {u"EmbeddedControllerMajorVersion", uint8, Need::releases, "of ec_firmware_release, 255 if there is none", [](const BiosRow& row) { return KnownOrUnknown(MajorOf(row.controllerRelease)); }},
+    {u"EmbeddedControllerMinorVersion", uint8, Need::releases, "of ec_firmware_release, 255 if there is none", [](const BiosRow& row) { return KnownOrUnknown(MinorOf(row.controllerRelease)); }},
     {u"IdentificationCode", string},
-    {u"InstallableLanguages", uint16, Need::languages, "how many", [](const BiosRow& row) { return facts::KnownNumber(row.languages.byteAt(0x04)); }},
+    {u"InstallableLanguages", uint16, Need::firmware, "how many", [](const BiosRow& row) { return facts::KnownNumber(row.languages.byteAt(0x04)); }},
     {u"InstallDate", datetime},
     {u"LanguageEdition", string},
-    {u"ListOfLanguages", ArrayOf(string)},
+    {u"ListOfLanguages", ArrayOf(string), Need::firmware, "of its screens", [](const BiosRow& row) { return LanguagesOf(row.languages); }},
     {u"Manufacturer", string, Need::maker, "bios_vendor", [](const BiosRow& row) { return row.vendor; }},
     {u"Name", string, 0, "as Version", biosVersion},
     {u"OtherTargetOS", string},
@@ -100,15 +119,15 @@ constexpr PropertyInfo biosProperties[] = {
     {u"SoftwareElementID", string, 0, "as Version", biosVersion},
     {u"SoftwareElementState", uint16, 0, "3: running", [](const BiosRow&) { return 3; }},
     {u"Status", string, 0, "it runs", [](const BiosRow&) { return u"OK"; }},
-    {u"SystemBiosMajorVersion", uint8, Need::releases, "of bios_release", [](const BiosRow& row) { return MajorOf(row.release); }},
-    {u"SystemBiosMinorVersion", uint8, Need::releases, "of bios_release", [](const BiosRow& row) { return MinorOf(row.release); }},
+    {u"SystemBiosMajorVersion", uint8, Need::releases, "of bios_release, 255 unknown", [](const BiosRow& row) { return KnownOrUnknown(MajorOf(row.release)); }},
+    {u"SystemBiosMinorVersion", uint8, Need::releases, "of bios_release, 255 unknown", [](const BiosRow& row) { return KnownOrUnknown(MinorOf(row.release)); }},
     {u"TargetOperatingSystem", uint16, 0, "0: unknown", [](const BiosRow&) { return 0; }},
     {u"Version", string, 0, "bios_version", biosVersion},
 };
 // clang-format on
 
-std::optional<facts::VersionPair> ReadVersionPair(std::string_view name) {
-    const std::optional<std::string> text = facts::ReadDmi(name);
+std::optional<facts::VersionPair> VersionPairIn(const facts::DmiTexts& texts, std::string_view name) {
+    const std::optional<std::string> text = texts(name);
     return text ? facts::VersionPairOf(*text) : std::nullopt;
 }
 
@@ -121,19 +140,21 @@ WmiStatus GatherProduct(const Gathering& gathering) {
     if (!isNamed && !row.serialNumber) return wmi_status::ok;
     if (gathering.asksFor(Need::version)) row.version = facts::ReadDmi("product_version");
     if (gathering.asksFor(Need::uuid)) row.uuid = facts::ReadUuid();
+    if (gathering.asksFor(Need::uuid)) TellOfForbiddenText(gathering, "product_uuid");
+    if (gathering.asksFor(Need::serial)) TellOfForbiddenText(gathering, "product_serial");
     if (gathering.asksFor(Need::stockNumber)) row.stockNumber = facts::ReadDmi("product_sku");
     gathering.row(&row);
     return wmi_status::ok;
 }
 
-void ReadBiosParts(const Gathering& gathering, BiosRow& row) {
+void ReadBiosParts(const Gathering& gathering, const facts::DmiTexts& texts, BiosRow& row) {
     if (gathering.asksFor(Need::maker)) {
-        row.vendor = facts::ReadDmi("bios_vendor");
-        row.date = facts::ReadDmi("bios_date");
+        row.vendor = texts("bios_vendor");
+        row.date = texts("bios_date");
     }
     if (gathering.asksFor(Need::releases)) {
-        row.release = ReadVersionPair("bios_release");
-        row.controllerRelease = ReadVersionPair("ec_firmware_release");
+        row.release = VersionPairIn(texts, "bios_release");
+        row.controllerRelease = VersionPairIn(texts, "ec_firmware_release");
     }
     if (gathering.asksFor(Need::smbiosVersion)) {
         row.smbiosVersion = facts::SmbiosVersionOf(
@@ -141,28 +162,37 @@ void ReadBiosParts(const Gathering& gathering, BiosRow& row) {
     }
 }
 
-WmiStatus GatherBios(const Gathering& gathering) {
-    constexpr std::uint8_t languagesType = 13;
-    BiosRow row;
-    row.version = facts::ReadDmi("bios_version");
-    if (!row.version || gathering.asksFor(Need::serial)) row.serialNumber = facts::ReadSerialNumber();
-    if (!row.version && !row.serialNumber) return wmi_status::ok;
-    const std::string table = gathering.asksFor(Need::languages) ? facts::ReadSmbiosTable() : "";
-    row.languages = facts::FirstOfType(facts::ParseSmbios(table), languagesType);
-    ReadBiosParts(gathering, row);
-    gathering.row(&row);
-    return wmi_status::ok;
+WmiStatus GatherBiosHere(const Gathering& gathering) {
+    return GatherBios(gathering, gathering.asksFor(Need::firmware) ? facts::ReadSmbiosTable() : facts::SmbiosTable(),
+                      facts::ReadDmi);
 }
 
 constexpr ClassInfo classes[] = {
     {u"Win32_ComputerSystemProduct", u"CIM_Product", productProperties, GatherProduct,
      u"IdentifyingNumber,Name,Version"},
-    {u"Win32_BIOS", u"CIM_BIOSElement", biosProperties, GatherBios,
+    {u"Win32_BIOS", u"CIM_BIOSElement", biosProperties, GatherBiosHere,
      u"Name,SoftwareElementID,SoftwareElementState,TargetOperatingSystem,Version"},
 };
 
 const ClassFamily family([] { return std::span<const ClassInfo>(classes); });
 
 }  // namespace
+
+WmiStatus GatherBios(const Gathering& gathering, const facts::SmbiosTable& table, const facts::DmiTexts& texts) {
+    constexpr std::uint8_t descriptionType = 0;
+    constexpr std::uint8_t languagesType = 13;
+    BiosRow row;
+    row.version = texts("bios_version");
+    if (!row.version || gathering.asksFor(Need::serial)) row.serialNumber = facts::ReadSerialNumber();
+    if (!row.version && !row.serialNumber) return wmi_status::ok;
+    TellOfLostTable(gathering, table);
+    const std::vector<facts::SmbiosStructure> structures = facts::ParseSmbios(table.bytes);
+    row.languages = facts::FirstOfType(structures, languagesType);
+    row.description = facts::FirstOfType(structures, descriptionType);
+    if (gathering.asksFor(Need::serial)) TellOfForbiddenText(gathering, "product_serial");
+    ReadBiosParts(gathering, texts, row);
+    gathering.row(&row);
+    return wmi_status::ok;
+}
 
 }  // namespace kv::wql

@@ -6,6 +6,8 @@
 #include <systemd/sd-id128.h>
 #include <time.h>
 
+#include "facts/block_devices.h"
+#include "facts/cpu_info.h"
 #include "facts/distribution.h"
 #include "facts/host_names.h"
 #include "facts/kernel_totals.h"
@@ -14,6 +16,7 @@
 #include "facts/processor_identity.h"
 #include "facts/sessions.h"
 #include "facts/system_text.h"
+#include "facts/volume_facts.h"
 #include "wql/class_tree.h"
 
 namespace kv::wql {
@@ -39,6 +42,8 @@ struct Need {
         prettyName = 4096,
         processLimit = 8192,
         role = 16384,
+        disks = 32768,
+        execution = 65536,
     };
 };
 
@@ -58,6 +63,10 @@ struct Row {
     std::optional<std::string> prettyName;
     std::optional<std::uint64_t> processLimit;
     bool isWorkstation = false;
+    std::optional<std::string> systemDevice;
+    std::optional<std::string> bootDevice;
+    bool isOnUsb = false;
+    std::optional<bool> canForbidExecution;  // of data; absent if the processor does not say
 };
 
 constexpr std::int64_t microsecondsPerSecond = 1'000'000;
@@ -79,15 +88,43 @@ std::optional<std::uint64_t> SumOf(std::optional<std::uint64_t> left, std::optio
     return left && right ? std::optional(*left + *right) : std::nullopt;
 }
 
+std::string_view BuildTypeOf(const Row& row) {
+    const bool hasProcessors = std::string_view(row.kernel.version).find(" SMP ") != std::string_view::npos;
+    return hasProcessors ? "Multiprocessor Free" : "Uniprocessor Free";
+}
+
+/// In KB; absent for machines whose limit depends on how the kernel was built.
+std::optional<std::uint64_t> MaxProcessMemoryOf(const Row& row) {
+    constexpr std::uint64_t half = std::uint64_t{1} << 37;  // KB of the 47 bits that programs get
+    constexpr std::uint64_t guardPage = 4;
+    return std::string_view(row.kernel.machine) == "x86_64" ? std::optional(half - guardPage) : std::nullopt;
+}
+
+/// Programs may execute data only if they say so, which Windows calls opting out.
+std::optional<std::uint8_t> ExecutionPolicyOf(const Row& row) {
+    constexpr std::uint8_t alwaysOff = 0;
+    constexpr std::uint8_t optOut = 3;
+    if (!row.canForbidExecution) return std::nullopt;
+    return *row.canForbidExecution ? optOut : alwaysOff;
+}
+
+/// The one language of the system, if its locale has one.
+CimValue LanguagesOf(const Row& row) {
+    const bool isKnown = row.locale != "C" && facts::LanguageNumberOf(row.locale);
+    return isKnown ? CimValue(CimArray{1}) : CimValue();
+}
+
+constexpr auto zero = [](const Row&) { return 0; };
+constexpr auto forbidsExecutionIn = [](const Row& row) { return row.canForbidExecution; };
 constexpr auto captionIn = [](const Row& row) { return facts::SystemNameOf(row.release, row.kernel); };
 constexpr auto swapSizeIn = [](const Row& row) { return facts::MemoryFigure(row.memory, "SwapTotal"); };
 constexpr auto rootIn = [](const Row&) { return u"/"; };
 
 // clang-format off
 constexpr PropertyInfo properties[] = {
-    {u"BootDevice", string},
+    {u"BootDevice", string, Need::disks, "device of the file system that holds /boot", [](const Row& row) { return row.bootDevice; }},
     {u"BuildNumber", string, Need::kernel, "of the kernel, as its builder counts them", [](const Row& row) { return BuildNumberOf(row.kernel.version); }},
-    {u"BuildType", string},
+    {u"BuildType", string, Need::kernel, "whether the kernel is built for several processors", [](const Row& row) { return BuildTypeOf(row); }},
     {u"Caption", string, Need::release | Need::kernel, "PRETTY_NAME of os-release", captionIn},
     {u"CodeSet", string, Need::locale, "code page of the system's locale, \"65001\" for UTF-8",
         [](const Row& row) { const auto page = facts::CodePageOf(row.locale); return page ? CimValue(std::to_string(*page)) : CimValue(); }},
@@ -97,55 +134,57 @@ constexpr PropertyInfo properties[] = {
     {u"CSDVersion", string},
     {u"CSName", string, Need::host, "the computer's name", [](const Row& row) { return row.host; }},
     {u"CurrentTimeZone", sint16, Need::time, "minutes east of UTC, daylight saving included", [](const Row& row) { return facts::LocalTimeOf(row.now).minutesEast; }},
-    {u"DataExecutionPrevention_32BitApplications", boolean},
-    {u"DataExecutionPrevention_Available", boolean},
-    {u"DataExecutionPrevention_Drivers", boolean},
-    {u"DataExecutionPrevention_SupportPolicy", uint8},
-    {u"Debug", boolean},
+    {u"DataExecutionPrevention_32BitApplications", boolean, Need::execution, "as DataExecutionPrevention_Available", forbidsExecutionIn},
+    {u"DataExecutionPrevention_Available", boolean, Need::execution, "flag nx; always TRUE on 64-bit ARM", forbidsExecutionIn},
+    {u"DataExecutionPrevention_Drivers", boolean, Need::execution, "as DataExecutionPrevention_Available", forbidsExecutionIn},
+    {u"DataExecutionPrevention_SupportPolicy", uint8, Need::execution, "3: all programs but those that ask for executable data; 0 never", [](const Row& row) { return ExecutionPolicyOf(row); }},
+    {u"Debug", boolean, Need::kernel, "whether the kernel's release says debug", [](const Row& row) { return std::string_view(row.kernel.release).find("debug") != std::string_view::npos; }},
     {u"Description", string, Need::prettyName, "PRETTY_HOSTNAME of machine-info", [](const Row& row) { return row.prettyName.value_or(""); }},
     {u"Distributed", boolean, 0, "always one computer", [](const Row&) { return false; }},
     {u"EncryptionLevel", uint32},
-    {u"ForegroundApplicationBoost", uint8},
+    {u"ForegroundApplicationBoost", uint8, 0, "0: none", zero},
     {u"FreePhysicalMemory", uint64, Need::memory, "KB that programs can still get without swapping", [](const Row& row) { return facts::AvailableMemory(row.memory); }},
     {u"FreeSpaceInPagingFiles", uint64, Need::memory, "KB, SwapFree", [](const Row& row) { return facts::MemoryFigure(row.memory, "SwapFree"); }},
     {u"FreeVirtualMemory", uint64, Need::memory, "KB, FreePhysicalMemory and free swap",
         [](const Row& row) { return SumOf(facts::AvailableMemory(row.memory), facts::MemoryFigure(row.memory, "SwapFree")); }},
     {u"InstallDate", datetime, Need::installation, "birth of the root file system, else the time of machine-id",
         [](const Row& row) { return row.installation ? CimValue(DmtfTime(*row.installation * microsecondsPerSecond)) : CimValue(); }},
-    {u"LargeSystemCache", uint32},
+    {u"LargeSystemCache", uint32, 0, "1: files are cached in all memory that programs do not use", [](const Row&) { return 1; }},
     {u"LastBootUpTime", datetime, Need::start, "start of the kernel", [](const Row& row) { return DmtfTime(row.start * microsecondsPerMillisecond); }},
     {u"LocalDateTime", datetime, Need::time, "now", [](const Row& row) { return DmtfTime(row.now); }},
     {u"Locale", string, Need::locale, "Windows' number of the locale in hexadecimal; 007F for \"C\"",
         [](const Row& row) { const auto number = facts::LanguageNumberOf(row.locale); return number ? CimValue(fmt::format("{:04x}", *number)) : CimValue(); }},
     {u"Manufacturer", string, Need::release, "VENDOR_NAME or NAME of os-release", [](const Row& row) { return ManufacturerOf(row); }},
     {u"MaxNumberOfProcesses", uint32, Need::processLimit, "pid_max", [](const Row& row) { return row.processLimit; }},
-    {u"MaxProcessMemorySize", uint64},
-    {u"MUILanguages", ArrayOf(string)},
+    {u"MaxProcessMemorySize", uint64, Need::kernel, "KB that a program can address; only of x86-64", [](const Row& row) { return MaxProcessMemoryOf(row); }},
+    {u"MUILanguages", ArrayOf(string), Need::locale, "the one of the system's locale", [](const Row& row) { return LanguagesOf(row); }},
     {u"Name", string, Need::release | Need::kernel, "as Caption", captionIn},
-    {u"NumberOfLicensedUsers", uint32, 0, "0: no limit", [](const Row&) { return 0; }},
+    {u"NumberOfLicensedUsers", uint32, 0, "0: no limit", zero},
     {u"NumberOfProcesses", uint32, Need::processes, "directories of /proc", [](const Row& row) { return row.processes; }},
     {u"NumberOfUsers", uint32, Need::sessions, "sessions of utmp or the login manager", [](const Row& row) { return row.sessions; }},
-    {u"OperatingSystemSKU", uint32},
+    {u"OperatingSystemSKU", uint32, 0, "0: not an edition of Windows", zero},
     {u"Organization", string},
     {u"OSArchitecture", string, Need::kernel, "64-bit or 32-bit, of the kernel", [](const Row& row) { return facts::WordWidthOf(row.kernel.machine); }},
     {u"OSLanguage", uint32, Need::locale, "Windows' number of the locale", [](const Row& row) { return facts::LanguageNumberOf(row.locale); }},
-    {u"OSProductSuite", uint32},
+    {u"OSProductSuite", uint32, 0, "0: no suite of Windows", zero},
     {u"OSType", uint16, 0, "36: Linux", [](const Row&) { return 36; }},
     {u"OtherTypeDescription", string},
     {u"PAEEnabled", boolean},
     {u"PlusProductID", string},
     {u"PlusVersionNumber", string},
-    {u"PortableOperatingSystem", boolean},
+    {u"PortableOperatingSystem", boolean, Need::disks, "whether the root file system's device is connected by USB", [](const Row& row) { return row.isOnUsb; }},
     {u"Primary", boolean, 0, "it is the one that runs", [](const Row&) { return true; }},
     {u"ProductType", uint32, Need::role, "1 with a display manager, else 3, server", [](const Row& row) { return row.isWorkstation ? 1 : 3; }},
+    {u"QuantumLength", uint8},
+    {u"QuantumType", uint8},
     {u"RegisteredUser", string},
     {u"SerialNumber", string, Need::identity, "made from machine-id, which must not be shown itself", [](const Row& row) { return row.identity; }},
-    {u"ServicePackMajorVersion", uint16, 0, "0: no service pack", [](const Row&) { return 0; }},
-    {u"ServicePackMinorVersion", uint16, 0, "0: no service pack", [](const Row&) { return 0; }},
+    {u"ServicePackMajorVersion", uint16, 0, "0: no service pack", zero},
+    {u"ServicePackMinorVersion", uint16, 0, "0: no service pack", zero},
     {u"SizeStoredInPagingFiles", uint64, Need::memory, "KB, SwapTotal", swapSizeIn},
     {u"Status", string, 0, "it runs", [](const Row&) { return u"OK"; }},
-    {u"SuiteMask", uint32},
-    {u"SystemDevice", string},
+    {u"SuiteMask", uint32, 0, "as OSProductSuite", zero},
+    {u"SystemDevice", string, Need::disks, "device of the root file system", [](const Row& row) { return row.systemDevice; }},
     {u"SystemDirectory", string, 0, "as SystemDrive", rootIn},
     {u"SystemDrive", string, 0, "the Win32_LogicalDisk that the system is on", rootIn},
     {u"TotalSwapSpaceSize", uint64, Need::memory, "KB, SwapTotal", swapSizeIn},
@@ -184,12 +223,35 @@ std::optional<std::string> ReadIdentity() {
     return std::string(sd_id128_to_string(identity, text));
 }
 
+std::optional<std::string> DeviceAt(const facts::Mount* mount) {
+    return mount != nullptr && mount->source.starts_with("/dev/") ? std::optional(mount->source) : std::nullopt;
+}
+
+/// Reads what the system started from; nothing if the root is not on a device, as in a container.
+void ReadDiskParts(Row& row) {
+    const std::vector<facts::Mount> disks = facts::DisksAmong(
+        facts::ParseMountInfo(platform::ReadSystemFile("/proc/self/mountinfo").value_or(std::string())));
+    const facts::Mount* root = facts::DiskHolding("/", disks);
+    row.systemDevice = DeviceAt(root);
+    row.bootDevice = DeviceAt(facts::DiskHolding("/boot", disks));
+    row.isOnUsb = root != nullptr && facts::IsOnUsb(facts::BlockDeviceOf(*root));
+}
+
+std::optional<bool> CanForbidExecution() {
+    if (facts::MachineName() == "aarch64") return true;
+    const std::string text = facts::ReadCpuInfo();
+    const std::vector<facts::CpuBlock> processors = facts::ParseCpuInfo(text);
+    return processors.empty() ? std::nullopt : processors.front().hasFlag("nx");
+}
+
 void ReadKernelParts(const Gathering& gathering, Row& row) {
     if (gathering.asksFor(Need::kernel)) uname(&row.kernel);
     if (gathering.asksFor(Need::memory)) row.memory = platform::ReadSystemFile("/proc/meminfo").value_or("");
     if (gathering.asksFor(Need::processes)) row.processes = facts::ListProcessIds().size();
     if (gathering.asksFor(Need::processLimit)) row.processLimit = facts::ReadSystemNumber("/proc/sys/kernel/pid_max");
     if (gathering.asksFor(Need::time)) row.now = facts::MicrosecondsNow();
+    if (gathering.asksFor(Need::execution)) row.canForbidExecution = CanForbidExecution();
+    if (gathering.asksFor(Need::disks)) ReadDiskParts(row);
     if (gathering.asksFor(Need::start)) row.start = facts::SystemStartMilliseconds();
 }
 

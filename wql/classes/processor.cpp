@@ -10,9 +10,9 @@
 
 #include "facts/host_names.h"
 #include "facts/processor_identity.h"
-#include "facts/smbios.h"
 #include "facts/system_text.h"
 #include "wql/class_tree.h"
+#include "wql/classes/firmware_table.h"
 
 namespace kv::wql {
 
@@ -105,6 +105,16 @@ std::uint16_t WidthOf(const Row& row) {
     return facts::WordWidthOf(row.machine) == "64-bit" ? wide : narrow;
 }
 
+std::uint8_t KnownOr(std::uint8_t number, std::uint8_t unknown) { return number != 0 ? number : unknown; }
+
+/// Such as "Model 85, Stepping 7".
+std::optional<std::string> VersionOf(const Row& row) {
+    const std::optional<std::uint64_t> model = row.first().numberIn("model");
+    const std::optional<std::uint64_t> stepping = row.first().numberIn("stepping");
+    if (!model || !stepping) return std::nullopt;
+    return fmt::format("Model {}, Stepping {}", *model, *stepping);
+}
+
 std::uint8_t StatusOf(const facts::SmbiosStructure& firmware) {
     constexpr std::uint8_t statusBits = 7;
     constexpr std::uint8_t enabled = 1;
@@ -119,8 +129,8 @@ constexpr PropertyInfo properties[] = {
     {u"Availability", uint16, 0, "3: running", [](const Row&) { return 3; }},
     {u"Caption", string, 0, "as Description", [](const Row& row) { return facts::DescriptionOf(row.first()); }},
     {u"Characteristics", uint32, Need::firmware, "bits of SMBIOS", [](const Row& row) { return facts::KnownNumber(row.firmware.wordAt(0x26)); }},
-    {u"ConfigManagerErrorCode", uint32},
-    {u"ConfigManagerUserConfig", boolean},
+    {u"ConfigManagerErrorCode", uint32, 0, "0: it works", [](const Row&) { return 0; }},
+    {u"ConfigManagerUserConfig", boolean, 0, "always FALSE: nobody sets up its resources", [](const Row&) { return false; }},
     {u"CpuStatus", uint16, Need::firmware, "1 enabled, 4 idle", [](const Row& row) { return StatusOf(row.firmware); }},
     {u"CreationClassName", string, 0, "this class", [](const Row&) { return u"Win32_Processor"; }},
     {u"CurrentClockSpeed", uint32, Need::currentClock, "MHz, mean of the logical processors", [](const Row& row) { return row.currentClock; }},
@@ -135,8 +145,8 @@ constexpr PropertyInfo properties[] = {
     {u"InstallDate", datetime},
     {u"L2CacheSize", uint32, Need::caches, "KB, the sum of the socket's caches", [](const Row& row) { return row.caches.secondLevel; }},
     {u"L2CacheSpeed", uint32},
-    {u"L3CacheSize", uint32, Need::caches, "KB, the sum of the socket's caches", [](const Row& row) { return row.caches.thirdLevel; }},
-    {u"L3CacheSpeed", uint32},
+    {u"L3CacheSize", uint32, Need::caches, "KB, the sum of the socket's caches; 0 if the system tells of none", [](const Row& row) { return row.caches.thirdLevel.value_or(0); }},
+    {u"L3CacheSpeed", uint32, 0, "MHz, always 0: unknown", [](const Row&) { return 0; }},
     {u"LastErrorCode", uint32},
     {u"Level", uint16, 0, "family; on ARM the architecture's version", [](const Row& row) { return facts::LevelOf(row.first()); }},
     {u"LoadPercentage", uint16, Need::load, "busy share since the previous query, from /proc/stat", [](const Row& row) { return row.load; }},
@@ -150,7 +160,7 @@ constexpr PropertyInfo properties[] = {
     {u"PartNumber", string, Need::firmware, "of the firmware", [](const Row& row) { return row.firmware.stringAt(0x22); }},
     {u"PNPDeviceID", string},
     {u"PowerManagementCapabilities", ArrayOf(uint16)},
-    {u"PowerManagementSupported", boolean},
+    {u"PowerManagementSupported", boolean, 0, "always FALSE: it cannot be put to sleep by itself", [](const Row&) { return false; }},
     {u"ProcessorId", string, Need::firmware, "CPUID's features and signature", [](const Row& row) { return ProcessorIdOf(row.firmware); }},
     {u"ProcessorType", uint16, 0, "3: central processor", [](const Row&) { return 3; }},
     {u"Revision", uint16, 0, "model and stepping, a byte each", [](const Row& row) { return facts::RevisionOf(row.first()); }},
@@ -166,8 +176,8 @@ constexpr PropertyInfo properties[] = {
     {u"SystemName", string, Need::host, "the computer's name", [](const Row& row) { return row.host; }},
     {u"ThreadCount", uint32, 0, "as NumberOfLogicalProcessors", [](const Row& row) { return row.socket.processors.size(); }},
     {u"UniqueId", string},
-    {u"UpgradeMethod", uint16, Need::firmware, "by the list of SMBIOS", [](const Row& row) { return facts::KnownNumber(row.firmware.byteAt(0x19)); }},
-    {u"Version", string},
+    {u"UpgradeMethod", uint16, Need::firmware, "by the list of SMBIOS, 2 unknown", [](const Row& row) { return KnownOr(row.firmware.byteAt(0x19), 2); }},
+    {u"Version", string, 0, "model and stepping in words; NULL on ARM", [](const Row& row) { return VersionOf(row); }},
     {u"VirtualizationFirmwareEnabled", boolean, 0, "as VMMonitorModeExtensions: if the firmware forbids it, the flags are absent", [](const Row& row) { return CanHostMachines(row); }},
     {u"VMMonitorModeExtensions", boolean, 0, "flags vmx, svm", [](const Row& row) { return CanHostMachines(row); }},
     {u"VoltageCaps", uint32, Need::firmware, "bits for 5, 3.3 and 2.9 V", [](const Row& row) { return VoltageCapsOf(row.firmware); }},
@@ -217,9 +227,11 @@ void FillParts(const Gathering& gathering, const facts::CpuFiles& files, Row& ro
 
 WmiStatus GatherOfThisComputer(const Gathering& gathering) {
     const std::string cpuInfo = facts::ReadCpuInfo();
-    const std::string firmware = gathering.asksFor(Need::firmware) ? facts::ReadSmbiosTable() : "";
+    const facts::SmbiosTable firmware =
+        gathering.asksFor(Need::firmware) ? facts::ReadSmbiosTable() : facts::SmbiosTable();
+    TellOfLostTable(gathering, firmware);
     const std::string machine = gathering.asksFor(Need::machine) ? facts::MachineName() : "";
-    ProcessorSources sources{cpuInfo, firmware, machine, facts::ReadCpuFile, {}, {}};
+    ProcessorSources sources{cpuInfo, firmware.bytes, machine, facts::ReadCpuFile, {}, {}};
     if (gathering.asksFor(Need::load)) TakeLoadSamples(sources);
     return GatherProcessors(gathering, sources);
 }

@@ -49,6 +49,10 @@ std::int32_t DaylightBiasOf(const ZoneRow& row) {
     return row.rules.daylight ? row.rules.minutesEast - row.daylight.minutesEast : 0;
 }
 
+const std::string& DaylightNameOf(const ZoneRow& row) {
+    return row.rules.daylight ? row.daylight.name : row.rules.name;
+}
+
 constexpr auto captionIn = [](const ZoneRow& row) { return CaptionOf(row); };
 constexpr auto zero = [](const ZoneRow&) { return 0; };
 
@@ -63,7 +67,7 @@ constexpr PropertyInfo zoneProperties[] = {
     {u"DaylightMillisecond", uint32, 0, "always 0", zero},
     {u"DaylightMinute", uint32, 0, "of the clock before the change", [](const ZoneRow& row) { return row.daylight.start.minute; }},
     {u"DaylightMonth", uint32, 0, "0 without daylight saving", [](const ZoneRow& row) { return row.daylight.start.month; }},
-    {u"DaylightName", string, 0, "such as CEST", [](const ZoneRow& row) { return facts::KnownText(row.daylight.name); }},
+    {u"DaylightName", string, 0, "such as CEST; as StandardName without daylight saving", [](const ZoneRow& row) { return DaylightNameOf(row); }},
     {u"DaylightSecond", uint32, 0, "of the clock before the change", [](const ZoneRow& row) { return row.daylight.start.second; }},
     {u"DaylightYear", uint32, 0, "0: every year", zero},
     {u"Description", string, 0, "as Caption", captionIn},

@@ -1,0 +1,26 @@
+#include "wql/classes/firmware_table.h"
+
+#include <fmt/format.h>
+
+namespace kv::wql {
+
+WmiStatus StatusOfTable(const Gathering& gathering, const facts::SmbiosTable& table) {
+    if (!table.failure) return wmi_status::ok;
+    TellOfLostTable(gathering, table);
+    return table.failure == std::errc::permission_denied || table.failure == std::errc::operation_not_permitted
+               ? wmi_status::accessDenied
+               : wmi_status::providerFailure;
+}
+
+void TellOfLostTable(const Gathering& gathering, const facts::SmbiosTable& table) {
+    if (!table.failure) return;
+    gathering.notice(fmt::format("What only the firmware's tables (SMBIOS) tell was left out; reading them failed: {}",
+                                 table.failure.message()));
+}
+
+void TellOfForbiddenText(const Gathering& gathering, std::string_view dmiName) {
+    if (!facts::IsForbiddenDmi(dmiName)) return;
+    gathering.notice(fmt::format("{} was left out: only the superuser may read it", dmiName));
+}
+
+}  // namespace kv::wql
