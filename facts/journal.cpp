@@ -1,0 +1,292 @@
+#include "facts/journal.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <fmt/format.h>
+#include <memory>
+#include <string_view>
+#include <system_error>
+#include <systemd/sd-journal.h>
+#include <utility>
+
+#include "facts/system_text.h"
+#include "platform/owned_handle.h"
+
+namespace kv::facts {
+
+namespace {
+
+namespace fs = std::filesystem;
+using OwnedJournal = platform::OwnedHandle<sd_journal*, sd_journal_close>;
+
+/// One file of the journal, and the entry at which its reading stands.
+struct JournalFile {
+    std::string path;
+    OwnedJournal journal;
+    bool hasEntries = false;
+    std::uint64_t round = 0;     // upper 32 bits of the numbers that are meant
+    std::uint64_t sequence = 0;  // the whole number
+    std::int64_t written = 0;
+};
+
+/// Adds a failure, a negative error number, of a file to the report.
+void AddLoss(JournalReading& reading, const std::string& path, int failure) {
+    if (failure == -EACCES || failure == -EPERM) {
+        ++reading.denied;
+    } else if (reading.failures++ == 0) {
+        reading.firstFailure = fmt::format("{}: {}", path, std::generic_category().message(-failure));
+    }
+}
+
+bool HasEntries(sd_journal* journal) {
+    std::uint64_t first = 0;
+    std::uint64_t last = 0;
+    return sd_journal_get_cutoff_realtime_usec(journal, &first, &last) > 0;
+}
+
+int OpenFile(JournalFile& file) {
+    std::array<const char*, 2> paths{file.path.c_str(), nullptr};
+    const int result = sd_journal_open_files(&file.journal.Place(), paths.data(), 0);
+    if (result < 0) return result;
+    file.hasEntries = HasEntries(file.journal.get());
+    return sd_journal_set_data_threshold(file.journal.get(), maxJournalField);
+}
+
+/// sd_journal_previous or sd_journal_next. Where a file is damaged these end without a failure, but then tell no more
+/// of the file.
+int Step(JournalFile& file, int (*step)(sd_journal*)) {
+    const int result = step(file.journal.get());
+    return result == 0 && file.hasEntries && !HasEntries(file.journal.get()) ? -EBADMSG : result;
+}
+
+int AddMatches(sd_journal* journal, const std::vector<JournalMatches>& alternatives) {
+    int result = 0;
+    for (const JournalMatches& matches : alternatives) {
+        if (result >= 0) result = sd_journal_add_disjunction(journal);
+        for (const std::string& match : matches) {
+            if (result >= 0) result = sd_journal_add_match(journal, match.data(), match.size());
+        }
+    }
+    return result;
+}
+
+/// The text between a mark and the next semicolon of an entry's cursor, which sd-journal gives in place of the number.
+std::string_view CursorPart(std::string_view cursor, std::string_view mark) {
+    const std::size_t at = cursor.find(mark);
+    if (at == cursor.npos) return {};
+    const std::string_view part = cursor.substr(at + mark.size());
+    return part.substr(0, part.find(';'));
+}
+
+/// Reads number and time of the entry at which the file stands; sequenceId gets the name of its sequence.
+int ReadPlace(JournalFile& file, std::string* sequenceId = nullptr) {
+    char* text = nullptr;
+    int result = sd_journal_get_cursor(file.journal.get(), &text);
+    if (result < 0) return result;
+    const std::unique_ptr<char, platform::ReleasedBy<std::free>> cursor(text);
+    const std::optional<std::uint64_t> sequence = HexNumberOf(CursorPart(text, ";i="));
+    if (!sequence) return -EBADMSG;
+    file.sequence = *sequence;
+    if (sequenceId != nullptr) *sequenceId = CursorPart(text, "s=");
+    std::uint64_t written = 0;
+    result = sd_journal_get_realtime_usec(file.journal.get(), &written);
+    file.written = static_cast<std::int64_t>(written);
+    return result;
+}
+
+/// Goes to the next older entry of the selection: 1, 0 when there is none, or a failure.
+int StepBack(JournalFile& file, const JournalSelection& selection) {
+    int result = 1;
+    do {
+        result = Step(file, sd_journal_previous);
+        if (result > 0) result = std::min(1, ReadPlace(file) + 1);
+    } while (result > 0 && file.written > selection.latest);
+    if (result <= 0) return result;
+    return file.sequence >= file.round + selection.lowestNumber && file.written >= selection.earliest ? 1 : 0;
+}
+
+/// Goes to the newest entry of the selection. Results as StepBack.
+int StartAtNewest(JournalFile& file, const JournalSelection& selection) {
+    sd_journal* journal = file.journal.get();
+    std::string sequenceId;
+    int result = sd_journal_seek_tail(journal);
+    if (result >= 0) result = Step(file, sd_journal_previous);
+    if (result <= 0) return result;
+    result = ReadPlace(file, &sequenceId);
+    if (result < 0) return result;
+    file.round = file.sequence >> 32 << 32;
+    const std::uint64_t highest = file.round + selection.highestNumber;
+    result = AddMatches(journal, selection.alternatives);
+    if (result < 0) return result;
+    if (file.sequence > highest) {
+        result = sd_journal_seek_cursor(journal, fmt::format("s={};i={:x}", sequenceId, highest).c_str());
+    } else if (file.written > selection.latest) {
+        result = sd_journal_seek_realtime_usec(journal, static_cast<std::uint64_t>(selection.latest));
+    } else {
+        result = sd_journal_seek_tail(journal);
+    }
+    return result < 0 ? result : StepBack(file, selection);
+}
+
+void AddField(JournalEntry& entry, std::string_view field) {
+    static constexpr std::pair<std::string_view, std::string JournalEntry::*> texts[] = {
+        {"SYSLOG_IDENTIFIER", &JournalEntry::identifier},
+        {"_COMM", &JournalEntry::command},
+        {"MESSAGE", &JournalEntry::message},
+        {"MESSAGE_ID", &JournalEntry::messageId},
+        {"_UID", &JournalEntry::userId},
+        {"_HOSTNAME", &JournalEntry::hostName},
+    };
+    const std::size_t end = field.find('=');
+    if (end == field.npos) return;
+    const std::string_view name = field.substr(0, end);
+    const std::string_view value = field.substr(end + 1, maxJournalField);
+    for (const auto& [wanted, member] : texts) {
+        if (name == wanted && (entry.*member).empty()) entry.*member = value;
+    }
+    if (name == "PRIORITY") entry.priority = NumberOf(value);
+    if (name == "SYSLOG_FACILITY") entry.facility = NumberOf(value);
+    if (name != "_SOURCE_REALTIME_TIMESTAMP") return;
+    const std::optional<std::uint64_t> moment = NumberOf(value);
+    if (moment && std::in_range<std::int64_t>(*moment)) entry.generated = static_cast<std::int64_t>(*moment);
+}
+
+int ReadEntry(JournalFile& file, JournalEntry& entry) {
+    entry = {};
+    entry.number = static_cast<std::uint32_t>(file.sequence);
+    entry.written = file.written;
+    sd_journal_restart_data(file.journal.get());
+    const void* data = nullptr;
+    std::size_t size = 0;
+    int result = 0;
+    while ((result = sd_journal_enumerate_available_data(file.journal.get(), &data, &size)) > 0) {
+        AddField(entry, {static_cast<const char*>(data), size});
+    }
+    return result;
+}
+
+/// The files that have entries of the selection, each at its newest.
+std::vector<JournalFile> OpenSelected(const std::vector<std::string>& paths, const JournalSelection& selection,
+                                      JournalReading& reading) {
+    std::vector<JournalFile> files;
+    for (const std::string& path : paths) {
+        JournalFile file{.path = path, .journal = {}};
+        int result = OpenFile(file);
+        if (result >= 0) result = StartAtNewest(file, selection);
+        if (result < 0) {
+            AddLoss(reading, path, result);
+            continue;
+        }
+        ++reading.read;
+        if (result > 0) files.push_back(std::move(file));
+    }
+    return files;
+}
+
+bool IsOlder(const JournalFile& left, const JournalFile& right) {
+    return std::pair(left.written, left.sequence) < std::pair(right.written, right.sequence);
+}
+
+/// Hands over the entries of all files. An entry that two files hold, as while the journal moves to its lasting folder,
+/// comes once.
+void MergeFiles(std::vector<JournalFile>& files, const JournalSelection& selection,
+                const std::function<bool(const JournalEntry& entry)>& take, JournalReading& reading) {
+    JournalEntry entry;
+    std::size_t taken = 0;
+    while (!files.empty()) {
+        const auto newest = std::max_element(files.begin(), files.end(), IsOlder);
+        if (taken == selection.mostEntries) {
+            reading.hasMore = true;
+            return;
+        }
+        const bool isRepeated = taken > 0 && entry.written == newest->written &&
+                                entry.number == static_cast<std::uint32_t>(newest->sequence);
+        int result = isRepeated ? 0 : ReadEntry(*newest, entry);
+        if (result < 0) {
+            AddLoss(reading, newest->path, result);
+        } else if (!isRepeated) {
+            ++taken;
+            if (!take(entry)) return;
+        }
+        result = StepBack(*newest, selection);
+        if (result < 0) AddLoss(reading, newest->path, result);
+        if (result <= 0) files.erase(newest);
+    }
+}
+
+std::vector<std::string> PathsToRead(const std::vector<std::string>& folders, JournalReading& reading) {
+    std::vector<std::string> paths = FindJournalFiles(folders, reading.denied);
+    reading.files = paths.size();
+    if (paths.size() > maxJournalFiles) {
+        reading.leftOut = paths.size() - maxJournalFiles;
+        paths.resize(maxJournalFiles);
+    }
+    return paths;
+}
+
+/// Adds the matching entries of a file to the count. False when they are not known.
+bool CountInFile(const std::string& path, const std::vector<JournalMatches>& alternatives,
+                 std::chrono::steady_clock::time_point limit, std::uint64_t& count) {
+    JournalFile file{.path = path, .journal = {}};
+    int result = OpenFile(file);
+    if (result >= 0) result = AddMatches(file.journal.get(), alternatives);
+    if (result >= 0) result = sd_journal_seek_head(file.journal.get());
+    constexpr std::uint64_t entriesBetweenLooksAtTheClock = 1024;
+    while (result >= 0 && (result = Step(file, sd_journal_next)) > 0) {
+        if (++count % entriesBetweenLooksAtTheClock == 0 && std::chrono::steady_clock::now() > limit) return false;
+    }
+    return result >= 0;
+}
+
+}  // namespace
+
+std::vector<std::string> JournalFolders() {
+    sd_id128_t id{};
+    if (sd_id128_get_machine(&id) < 0) return {};
+    std::array<char, SD_ID128_STRING_MAX> text{};
+    sd_id128_to_string(id, text.data());
+    return {fmt::format("/var/log/journal/{}", text.data()), fmt::format("/run/log/journal/{}", text.data())};
+}
+
+std::vector<std::string> FindJournalFiles(const std::vector<std::string>& folders, std::size_t& denied) {
+    std::vector<std::pair<fs::file_time_type, std::string>> found;
+    for (const std::string& folder : folders) {
+        std::error_code failure;
+        for (fs::directory_iterator at(folder, failure), end; !failure && at != end; at.increment(failure)) {
+            const std::string path = at->path().string();
+            std::error_code gone;
+            const fs::file_time_type time = at->last_write_time(gone);
+            if (path.ends_with(".journal") || path.ends_with(".journal~")) found.emplace_back(time, path);
+        }
+        if (failure == std::errc::permission_denied) ++denied;
+    }
+    std::sort(found.begin(), found.end(), std::greater<>());
+    std::vector<std::string> paths;
+    for (auto& [time, path] : found) paths.push_back(std::move(path));
+    return paths;
+}
+
+JournalReading ReadJournal(const std::vector<std::string>& folders, const JournalSelection& selection,
+                          const std::function<bool(const JournalEntry& entry)>& take) {
+    JournalReading reading;
+    std::vector<JournalFile> files = OpenSelected(PathsToRead(folders, reading), selection, reading);
+    MergeFiles(files, selection, take, reading);
+    return reading;
+}
+
+std::optional<std::uint64_t> CountJournalEntries(const std::vector<std::string>& folders,
+                                                 const std::vector<JournalMatches>& alternatives,
+                                                 std::chrono::steady_clock::time_point limit) {
+    std::uint64_t count = 0;
+    JournalReading reading;
+    for (const std::string& path : PathsToRead(folders, reading)) {
+        if (!CountInFile(path, alternatives, limit, count)) return std::nullopt;
+    }
+    if (reading.leftOut > 0) return std::nullopt;
+    return count;
+}
+
+}  // namespace kv::facts
