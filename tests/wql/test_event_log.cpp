@@ -1,0 +1,263 @@
+// Win32_NTLogEvent over journals that systemd-journal-remote writes, against journalctl.
+#include <fmt/format.h>
+#include <fstream>
+#include <gmock/gmock.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "tests/support/linux/shell.h"
+#include "tests/support/test_folder.h"
+#include "tests/support/wmi_query.h"
+#include "wql/class_tree.h"
+#include "wql/classes/event_log.h"
+#include "wql/query.h"
+
+namespace kv::test {
+namespace {
+
+using namespace wql;
+using platform::Utf8FromWide;
+using platform::WideFromUtf8;
+
+constexpr std::int64_t start = 1795564800;  // seconds: 2026-11-25T00:00:00Z
+
+/// An entry in systemd's export format, a time after the start: in seconds, and in microseconds of six digits. Fields:
+/// with line ends between them.
+std::string Entry(int second, const std::string& fields, const char* fraction = "000000") {
+    return fmt::format("__REALTIME_TIMESTAMP={0}{1}\n__MONOTONIC_TIMESTAMP={2}{1}\n_BOOT_ID={3:032x}\n{4}\n\n",
+                       start + second, fraction, second + 1, 7, fields);
+}
+
+std::string BinaryMessage(const std::string& bytes) {
+    std::string size(8, '\0');
+    for (std::size_t at = 0; at < 8; ++at) size[at] = static_cast<char>(bytes.size() >> (8 * at));
+    return "MESSAGE\n" + size + bytes;
+}
+
+/// Entries of every priority and facility, one a second.
+std::string ManyEntries(int first, int count, const std::string& name, const char* fraction = "000000") {
+    constexpr const char* form = "PRIORITY={}\nSYSLOG_FACILITY={}\nSYSLOG_IDENTIFIER={}\nMESSAGE={}{}";
+    std::string text;
+    for (int i = first; i < first + count; ++i) {
+        text += Entry(i, fmt::format(fmt::runtime(form), i % 8, i % 24, name, name, i), fraction);
+    }
+    return text;
+}
+
+std::vector<std::string> folders;  // of the journal that the class reads
+
+class EventLog : public TestFolder {
+  protected:
+    EventLog() { folders = {folder / "missing", folder / "journal"}; }
+
+    std::string journal() const { return folder / "journal"; }
+
+    void WriteJournal(const std::string& name, const std::string& text) const {
+        Write(folder / "export", text);
+        std::filesystem::create_directories(journal());
+        const ShellOutcome outcome =
+            RunShell(fmt::format("/lib/systemd/systemd-journal-remote --output={}/{}.journal {} 2>&1", journal(), name,
+                                 (folder / "export").string()));
+        ASSERT_EQ(outcome.exitCode, 0) << outcome.output;
+    }
+
+    static WmiResult Run(const std::string& query) {
+        BoundQuery bound;
+        WmiResult result;
+        result.status = PrepareQuery(WideFromUtf8(query), bound);
+        if (IsFailure(result.status)) return result;
+        ClassInfo withFolders = *bound.parts.at(0).classInfo;
+        withFolders.gather = [](const Gathering& gathering) { return GatherEvents(gathering, folders); };
+        bound.parts[0].classInfo = &withFolders;
+        const auto add = [&result](const ResultObject& object) {
+            WmiRow& row = result.rows.emplace_back();
+            for (const auto& [name, value] : object) row[Utf8FromWide(name)] = {value.type, VariantText(value)};
+        };
+        result.status = RunQuery(
+            bound, {add, [] { return true; }, [&result](const std::string& text) { result.notices.push_back(text); }});
+        return result;
+    }
+
+    /// The values of properties, a line for each row.
+    static std::string Rows(const std::string& properties, const std::string& where) {
+        std::string text;
+        const WmiResult result =
+            Run("SELECT " + properties + " FROM Win32_NTLogEvent" + (where.empty() ? "" : " WHERE " + where));
+        EXPECT_EQ(result.status, wmi_status::ok) << where;
+        for (const WmiRow& row : result.rows) text += (text.empty() ? "" : "\n") + PropertyTexts(row, properties);
+        return text;
+    }
+
+    std::string JournalctlSays(const std::string& arguments) const {
+        return RunShell("journalctl --quiet --reverse --output=cat --directory=" + journal() + " " + arguments).output;
+    }
+};
+
+TEST_F(EventLog, HasTheEntriesThatJournalctlSelects) {
+    WriteJournal("system", ManyEntries(0, 240, "a") + ManyEntries(400, 240, "a"));
+    WriteJournal("user-1000", ManyEntries(100, 240, "b", "500000"));
+    const std::string system = "SYSLOG_FACILITY=0 SYSLOG_FACILITY=3 SYSLOG_FACILITY=5 SYSLOG_FACILITY=9";
+    const std::string urgent = " PRIORITY=0 PRIORITY=1 PRIORITY=2 PRIORITY=3 PRIORITY=4";
+    const std::pair<const char*, std::string> cases[] = {
+        {"", ""},
+        {"Logfile='system' AND EventType<=2", system + urgent},
+        {"Logfile='Security' AND Type='warning'", "SYSLOG_FACILITY=4 SYSLOG_FACILITY=10 PRIORITY=4"},
+        {"(Logfile='System' OR Logfile='Security') AND EventType=1 AND TimeGenerated>='20261125000150.000000+000'",
+         system +
+             " SYSLOG_FACILITY=4 SYSLOG_FACILITY=10 PRIORITY=0 PRIORITY=1 PRIORITY=2 PRIORITY=3 --since=@1795564910"},
+        {"TimeGenerated>='20261125000200.000000+000' AND TimeWritten<'20261125000230.000000+000'",
+         "--since=@1795564920 --until=@1795564949.9"},
+        {"TimeGenerated<'20261125000230.000000+000' AND TimeGenerated>'20261125000228.000000+000'",
+         "--since=@1795564948.1 --until=@1795564949.9"},
+        {"TimeGenerated>'20261125000640.000000+000' AND SourceName='A'", "--since=@1795565201"},
+        {"TimeGenerated<'20261125000003.000000+000'", "--until=@1795564802"},
+        {"TimeGenerated='20261124230005.000000-060'", "--since=@1795564805 --until=@1795564805"},
+        {"EventType=9 OR Logfile='Setup'", "PRIORITY=9"},
+        {"Logfile='Application' AND EventType=2 AND SourceName='b' AND TimeGenerated>'20261125000000.000000+000'",
+         "PRIORITY=4 SYSLOG_IDENTIFIER=b SYSLOG_FACILITY=12 SYSLOG_FACILITY=20"},
+    };
+    for (const auto& [where, arguments] : cases) EXPECT_EQ(Rows("Message", where), JournalctlSays(arguments)) << where;
+    // By number: what journalctl shows as the entry's place in the sequence.
+    const std::string numbers =
+        RunShell("journalctl -q -r -o export SYSLOG_IDENTIFIER=a --directory=" + journal() +
+                 " | grep -ao '^__CURSOR=[^;]*;i=[^;]*' | sed 's/.*;i=/0x/' | xargs printf '%d\\n'")
+            .output;
+    EXPECT_EQ(Rows("RecordNumber", "SourceName='a'"), numbers);
+    const std::tuple<const char*, int, int> ranges[] = {
+        {"RecordNumber>477", 478, 480},
+        {"RecordNumber>=240 AND RecordNumber<242", 240, 241},
+        {"RecordNumber=300", 300, 300},
+        {"RecordNumber<3.5", 1, 3},
+        {"RecordNumber>480", 1, 0},
+        {"RecordNumber>-1 AND RecordNumber<=1", 1, 1},
+        {"RecordNumber<0 OR RecordNumber>4e9", 1, 0},
+        {"RecordNumber>235 AND RecordNumber<250 AND TimeWritten<'20261125000400.000000+000'", 236, 240},
+    };
+    for (const auto& [where, first, last] : ranges) {
+        std::string expected;
+        for (int number = last; number >= first; --number)
+            expected += (expected.empty() ? "" : "\n") + std::to_string(number);
+        EXPECT_EQ(Rows("RecordNumber", std::string(where) + " AND SourceName='a'"), expected) << where;
+    }
+}
+
+TEST_F(EventLog, HasThePropertiesOfEntries) {
+    WriteJournal(
+        "system",
+        Entry(1, "PRIORITY=3\nSYSLOG_FACILITY=0\nSYSLOG_IDENTIFIER=kernel\nMESSAGE=disk died\n_HOSTNAME=box") +
+            Entry(2,
+                  "MESSAGE_ID=39f53479d3a045ac8e11786248231fbf\nPRIORITY=5\nSYSLOG_FACILITY=10\n_UID=0\n_COMM=sshd\n"
+                  "MESSAGE=opened\n_SOURCE_REALTIME_TIMESTAMP=1795564801250000") +
+            Entry(3, "SYSLOG_IDENTIFIER=systemd\n_UID=4000000\nPRIORITY=4\nSYSLOG_FACILITY=1\nMESSAGE=failed") +
+            Entry(4, "_COMM=own\nMESSAGE_ID=x\nPRIORITY=x\n" + BinaryMessage(std::string("a\0b\xFF\n c", 7))) +
+            Entry(5, "_SOURCE_REALTIME_TIMESTAMP=99999999999999999999\nPRIORITY=4\nMESSAGE=") +
+            Entry(6, "PRIORITY=6\nMESSAGE=" + std::string(100000, 'x')));
+    const std::string properties =
+        "Logfile,EventType,Type,SourceName,EventIdentifier,EventCode,User,ComputerName,TimeGenerated,TimeWritten,"
+        "Message";
+    const std::string own = RunShell("hostname -s").output;
+    EXPECT_EQ(Rows(properties, "RecordNumber<6 AND RecordNumber>0"),
+              "Application 2 Warning NULL 0 0 NULL " + own +
+                  " 20261125000005.000000+000 20261125000005.000000+000 \n"
+                  "Application 3 Information own 0 0 NULL " +
+                  own +
+                  " 20261125000004.000000+000 20261125000004.000000+000 a\uFFFDb\uFFFD\n c\n"
+                  "System 2 Warning systemd 0 0 " +
+                  own + "\\4000000 " + own +
+                  " 20261125000003.000000+000 20261125000003.000000+000 failed\n"
+                  "Security 3 Information sshd 972371065 13433 " +
+                  own + "\\root " + own +
+                  " 20261125000001.250000+000 20261125000002.000000+000 opened\n"
+                  "System 1 Error kernel 0 0 NULL box 20261125000001.000000+000 20261125000001.000000+000 disk died");
+    EXPECT_EQ(Rows("Message", "RecordNumber=6"), std::string(facts::maxJournalField, 'x'));
+}
+
+TEST_F(EventLog, ReadsOnlyTheNewestEntriesUnlessWhereHasALowerBound) {
+    WriteJournal("system", ManyEntries(0, 1100, "a"));
+    WriteJournal("user-1000", ManyEntries(50, 1, "b"));
+    for (const auto& [where, rows] : std::initializer_list<std::pair<std::string, std::size_t>>{
+             {"", 1000},
+             {" WHERE RecordNumber<=1050 OR RecordNumber=7", 1000},
+             {" WHERE RecordNumber>1050", 50},
+             {" WHERE RecordNumber>=0", 1101},
+             {" WHERE EventType=1", 553},
+             {" WHERE TimeWritten>'20200101000000.000000+000'", 1101}}) {
+        const WmiResult result = Run("SELECT * FROM Win32_NTLogEvent" + where);
+        EXPECT_EQ(result.rows.size(), rows) << where;
+        EXPECT_EQ(result.notices.size(), rows == 1000 ? 1u : 0u) << where;
+    }
+    WriteJournal("large", [] {
+        std::string text;
+        for (int i = 0; i < 1100; ++i)
+            text += Entry(2000 + i, "PRIORITY=3\nMESSAGE=" + std::string(32000, 'x') + std::to_string(i));
+        return text;
+    }());
+    const WmiResult result = Run("SELECT RecordNumber FROM Win32_NTLogEvent WHERE RecordNumber>0");
+    EXPECT_LT(result.rows.size(), 1100u);
+    ASSERT_EQ(result.notices.size(), 1u);
+    EXPECT_THAT(result.notices[0],
+                testing::HasSubstr("before record " + PropertyText(result.rows.back(), "RecordNumber")));
+}
+
+/// The status and notices of a query for the newest entry.
+std::string Outcome(const WmiResult& result) {
+    std::string text = fmt::format("{:08x} {}", result.status, result.rows.size());
+    for (const std::string& notice : result.notices) text += " " + notice;
+    return text;
+}
+
+TEST_F(EventLog, SaysWhatItCannotSee) {
+    const std::string query = "SELECT RecordNumber FROM Win32_NTLogEvent WHERE RecordNumber>0";
+    EXPECT_THAT(Outcome(Run(query)), testing::StartsWith("80041004 0 There is no journal"));
+    WriteJournal("good", ManyEntries(0, 3, "a"));
+    Write(folder / "journal/garbage.journal", std::string(5000, 'x'));
+    EXPECT_THAT(Outcome(Run(query)),
+                testing::MatchesRegex("00000000 3 Parts .* 1 in all; the first: .*garbage.journal: .*"));
+    // As another user, who may read no file, then not even the folder.
+    const auto outcomeAsNobody = [&] {
+        int ends[2];
+        EXPECT_EQ(pipe(ends), 0);
+        const pid_t child = fork();
+        if (child == 0) {
+            const bool isOther = getuid() != 0 || setuid(65534) == 0;
+            const std::string outcome = isOther ? Outcome(Run(query)) : "still root";
+            _exit(write(ends[1], outcome.data(), outcome.size()) < 0 ? 1 : 0);
+        }
+        close(ends[1]);
+        std::string outcome(500, '\0');
+        const ssize_t size = read(ends[0], outcome.data(), outcome.size());
+        close(ends[0]);
+        waitpid(child, nullptr, 0);
+        return outcome.substr(0, size < 0 ? 0 : static_cast<std::size_t>(size));
+    };
+    namespace fs = std::filesystem;
+    fs::permissions(folder, fs::perms(0755));
+    fs::permissions(folder / "journal/good.journal", fs::perms::none);
+    EXPECT_THAT(outcomeAsNobody(), testing::StartsWith("80041003 0 1 of 2 files of the journal may not be read"));
+    fs::permissions(folder / "journal", fs::perms::none);
+    EXPECT_THAT(outcomeAsNobody(), testing::StartsWith("80041003 0 1 of 1 files"));
+    fs::permissions(folder / "journal", fs::perms(0755));
+}
+
+// The library passes over single entries in silence.
+TEST_F(EventLog, ADamagedFileGivesWhatIsWholeAndANotice) {
+    WriteJournal("whole", ManyEntries(0, 2000, "a"));
+    const std::string whole = Read(folder / "journal/whole.journal");
+    std::filesystem::remove(folder / "journal/whole.journal");
+    std::size_t losses = 0;
+    for (std::size_t at = 0; at < whole.size() / 2; at += whole.size() / 25) {
+        std::string bytes = whole;
+        bytes.replace(at, 4096, 4096, '\x5A');
+        for (const std::string& damaged : {bytes, whole.substr(0, at)}) {
+            Write(folder / "journal/system.journal", damaged);
+            const WmiResult result = Run("SELECT RecordNumber,Message FROM Win32_NTLogEvent WHERE RecordNumber>0");
+            EXPECT_EQ(result.status, result.rows.empty() ? wmi_status::providerFailure : wmi_status::ok) << at;
+            EXPECT_TRUE(!result.notices.empty() || result.rows.size() > 1900) << at << " " << Outcome(result);
+            losses += result.notices.size();
+        }
+    }
+    EXPECT_GT(losses, 12u);
+}
+
+}  // namespace
+}  // namespace kv::test
