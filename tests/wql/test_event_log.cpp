@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "tests/support/linux/shell.h"
+#include "tests/support/linux/zone_setting.h"
 #include "tests/support/test_folder.h"
 #include "tests/support/wmi_query.h"
 #include "wql/class_tree.h"
@@ -49,6 +50,8 @@ std::vector<std::string> folders;  // of the journal that the class reads
 class EventLog : public TestFolder {
   protected:
     EventLog() { folders = {folder / "missing", folder / "journal"}; }
+
+    const ZoneSetting zone_{"UTC"};
 
     std::string journal() const { return folder / "journal"; }
 
