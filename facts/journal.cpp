@@ -270,7 +270,7 @@ std::vector<std::string> FindJournalFiles(const std::vector<std::string>& folder
 }
 
 JournalReading ReadJournal(const std::vector<std::string>& folders, const JournalSelection& selection,
-                          const std::function<bool(const JournalEntry& entry)>& take) {
+                           const std::function<bool(const JournalEntry& entry)>& take) {
     JournalReading reading;
     std::vector<JournalFile> files = OpenSelected(PathsToRead(folders, reading), selection, reading);
     MergeFiles(files, selection, take, reading);

@@ -72,7 +72,7 @@ std::vector<std::string> FindJournalFiles(const std::vector<std::string>& folder
 
 /// Hands over the selected entries, the newest first, until take returns false.
 JournalReading ReadJournal(const std::vector<std::string>& folders, const JournalSelection& selection,
-                          const std::function<bool(const JournalEntry& entry)>& take);
+                           const std::function<bool(const JournalEntry& entry)>& take);
 
 /// How many entries match any of the alternatives; absent when that is not known within the limit, or a file cannot be
 /// read.

@@ -234,8 +234,8 @@ WmiStatus TellJournalLosses(const facts::JournalReading& reading, const Gatherin
                                      reading.firstFailure));
     }
     if (reading.leftOut > 0) {
-        gathering.notice(fmt::format("The {} oldest files of the journal were not read: at most {} are", reading.leftOut,
-                                     facts::maxJournalFiles));
+        gathering.notice(fmt::format("The {} oldest files of the journal were not read: at most {} are",
+                                     reading.leftOut, facts::maxJournalFiles));
     }
     if (reading.read > 0) return wmi_status::ok;
     return reading.denied > 0 ? wmi_status::accessDenied : wmi_status::providerFailure;
