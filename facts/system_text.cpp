@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <filesystem>
 
 namespace kv::facts {
 
@@ -17,6 +18,13 @@ std::optional<std::uint64_t> WholeNumber(std::string_view text, int base) {
 }
 
 }  // namespace
+
+std::optional<std::string> ReadFileIfThere(const std::string& path) {
+    std::optional<std::string> text = platform::ReadSystemFile(path);
+    std::error_code failure;
+    const bool isAbsent = !text && !std::filesystem::exists(path, failure) && !failure;
+    return isAbsent ? std::string() : text;
+}
 
 std::optional<std::string> ReadSystemLine(const std::string& path) {
     const std::optional<std::string> text = platform::ReadSystemFile(path);

@@ -11,6 +11,9 @@
 
 namespace kv::facts {
 
+/// The text of a file; empty when there is no such file, absent when it is there and cannot be read.
+std::optional<std::string> ReadFileIfThere(const std::string& path);
+
 /// The text of a file below /proc or /sys, trimmed; absent when the file cannot be read, or nothing is left.
 std::optional<std::string> ReadSystemLine(const std::string& path);
 

@@ -444,6 +444,7 @@ TEST_F(PerformanceOfThisMachine, FailsWhenItCannotBeRead) {
                                       "PerfFormattedData_PerfProc_Process WHERE IDProcess = 1",
                                       "PerfFormattedData_PerfOS_System",
                                       "PerfFormattedData_PerfOS_Memory",
+                                      "PerfFormattedData_PerfOS_PagingFile",
                                       "PerfFormattedData_PerfOS_Processor",
                                       "PerfFormattedData_PerfDisk_LogicalDisk",
                                       "PerfFormattedData_PerfDisk_PhysicalDisk",
@@ -453,6 +454,7 @@ TEST_F(PerformanceOfThisMachine, FailsWhenItCannotBeRead) {
                                       "PerfFormattedData_Tcpip_TCPv6",
                                       "NetworkAdapter",
                                       "NetworkAdapterConfiguration",
+                                      "PageFileUsage",
                                       "Process",
                                       "Process WHERE ProcessId = 1"};
     for (const char* name : unreadable) {

@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fmt/format.h>
+#include <fstream>
 #include <gmock/gmock.h>
 #include <sstream>
 #include <sys/mount.h>
@@ -95,6 +96,33 @@ TEST_F(WmiStorage, HasTheSpaceThatDfShows) {
     EXPECT_EQ(PropertyText(root.rows[0], "BootVolume"), "true");
     EXPECT_EQ(RunWmiQuery("SELECT * FROM Win32_Volume").rows.size(),
               RunWmiQuery("SELECT * FROM Win32_LogicalDisk").rows.size());
+}
+
+TEST_F(WmiStorage, HasTheSwapsThatSwaponShows) {
+    if (!IsInNamespaces()) return RunInNamespaces("--mount", "touch /etc/fstab && mount -t tmpfs tmpfs /mnt");
+    std::ofstream("/mnt/swaps") << "Filename Type Size Used Priority\n/dev/sda2 partition 8388604 2202010 -2\n"
+                                   "/mnt/a\\040file file 2096636 1100 5\n";
+    std::ofstream("/mnt/fstab") << "/dev/vda / ext4\n/mnt/a\\040file none swap\nLABEL=none none swap sw,noauto\n";
+    std::ofstream("/mnt/a file") << std::string(3 << 20, '\0');
+    ASSERT_EQ(mount("/mnt/swaps", "/proc/swaps", nullptr, MS_BIND, nullptr), 0);
+    ASSERT_EQ(mount("/mnt/fstab", "/etc/fstab", nullptr, MS_BIND, nullptr), 0);
+    const std::string shown = RunShell(
+                                  "swapon --show=NAME,SIZE,USED --bytes --noheadings | awk '{m = 1048576; "
+                                  "used = $NF; size = $(NF - 1); NF -= 2; print $0, int(size / m + 0.5), "
+                                  "int(used / m + 0.5)}'")
+                                  .output;
+    std::string texts;
+    for (const WmiRow& row : RunWmiQuery("SELECT * FROM Win32_PageFileUsage").rows)
+        texts += PropertyTexts(row, "Name,AllocatedBaseSize,CurrentUsage") + '\n';
+    EXPECT_EQ(Trimmed(texts), shown);
+    texts.clear();
+    for (const WmiRow& row : RunWmiQuery("SELECT * FROM Win32_PageFileSetting").rows)
+        texts += PropertyTexts(row, "Name,InitialSize,MaximumSize") + '\n';
+    EXPECT_EQ(texts, "/mnt/a file 3 3\nLABEL=none NULL NULL\n");
+    texts.clear();
+    for (const WmiRow& row : RunWmiQuery("SELECT * FROM Win32_PerfFormattedData_PerfOS_PagingFile").rows)
+        texts += PropertyTexts(row, "Name,PercentUsage,PercentUsagePeak") + '\n';
+    EXPECT_EQ(texts, "/dev/sda2 26 NULL\n/mnt/a file 0 NULL\n_Total 21 NULL\n");
 }
 
 TEST_F(WmiNetwork, HasAdaptersAndConfigurationsOfEachKind) {

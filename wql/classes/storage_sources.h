@@ -1,0 +1,14 @@
+// Gathers of storage classes from the files below a root: "" for this computer's own, or a folder with copies of such
+// files (/sys, /proc, /etc, /dev, /run/udev).
+#pragma once
+
+#include <string>
+
+#include "wql/wmi_class.h"
+
+namespace kv::wql {
+
+WmiStatus GatherPageFiles(const Gathering& gathering, const std::string& root);
+WmiStatus GatherPageFileSettings(const Gathering& gathering, const std::string& root);
+
+}  // namespace kv::wql
