@@ -1,0 +1,68 @@
+#include "facts/devices.h"
+
+#include <filesystem>
+#include <fmt/format.h>
+
+#include "facts/network_devices.h"
+#include "facts/system_text.h"
+
+namespace kv::facts {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+/// Takes the name behind a number off a line such as "8086  Intel Corporation"; empty if it has another number.
+std::string_view NameBehind(std::string_view number, std::string_view line) {
+    return line.starts_with(number) ? Trimmed(line.substr(number.size())) : std::string_view();
+}
+
+}  // namespace
+
+std::string PlaceBelowDevices(const std::string& folder) {
+    constexpr std::string_view root = "/sys/devices/";
+    return folder.starts_with(root) ? folder.substr(root.size()) : std::string();
+}
+
+std::string DevicePlaceOf(const std::string& folder) {
+    std::error_code failure;
+    return PlaceBelowDevices(fs::canonical(folder + "/device", failure).string());
+}
+
+std::string DriverOf(const std::string& folder) {
+    std::error_code failure;
+    return fs::read_symlink(folder + "/driver", failure).filename().string();
+}
+
+DeviceNames NamesInPciIds(std::string_view text, std::uint16_t vendor, std::uint16_t product) {
+    const std::string vendorNumber = fmt::format("{:04x}  ", vendor);
+    const std::string productNumber = fmt::format("\t{:04x}  ", product);
+    DeviceNames names;
+    for (std::string_view line; TakeLine(text, line);) {
+        if (line.empty() || line.starts_with('#') || line.starts_with("\t\t")) continue;
+        if (names.vendor.empty()) {
+            names.vendor = NameBehind(vendorNumber, line);
+            continue;
+        }
+        if (!line.starts_with('\t')) break;  // the next vendor
+        names.product = NameBehind(productNumber, line);
+        if (!names.product.empty()) break;
+    }
+    return names;
+}
+
+std::string ReadPciIds() {
+    constexpr const char* places[] = {"/usr/share/misc/pci.ids", "/usr/share/hwdata/pci.ids"};
+    for (const char* place : places) {
+        if (std::optional<std::string> text = platform::ReadSystemFile(place)) return std::move(*text);
+    }
+    return {};
+}
+
+DeviceNames ReadPciNamesOfUdev(const std::string& address) {
+    const std::string known = platform::ReadSystemFile("/run/udev/data/+pci:" + address).value_or(std::string());
+    return {std::string(ValueAfter("E:ID_VENDOR_FROM_DATABASE=", known)),
+            std::string(ValueAfter("E:ID_MODEL_FROM_DATABASE=", known))};
+}
+
+}  // namespace kv::facts
