@@ -3,7 +3,6 @@
 #include <cerrno>
 #include <chrono>
 #include <fmt/format.h>
-#include <system_error>
 #include <unistd.h>
 
 #include "facts/account_files.h"
@@ -11,6 +10,7 @@
 #include "facts/system_text.h"
 #include "platform/utf.h"
 #include "wql/class_tree.h"
+#include "wql/classes/failures.h"
 
 namespace kv::wql {
 
@@ -89,15 +89,6 @@ constexpr PropertyInfo groupProperties[] = {
 std::int64_t Today() {
     using namespace std::chrono;
     return floor<days>(system_clock::now()).time_since_epoch().count();
-}
-
-std::string ReasonOf(int failure) { return std::generic_category().message(failure); }
-
-/// Ends a query whose file cannot be read.
-WmiStatus FailedFile(const std::string& path, std::string_view loss, const Gathering& gathering) {
-    const int failure = access(path.c_str(), R_OK) != 0 ? errno : EIO;
-    gathering.notice(fmt::format("{} were left out; {} cannot be read: {}", loss, path, ReasonOf(failure)));
-    return failure == EACCES ? wmi_status::accessDenied : wmi_status::providerFailure;
 }
 
 using Passwords = std::map<std::string, facts::PasswordEntry>;

@@ -5,7 +5,7 @@
 #include "facts/host_names.h"
 #include "platform/linux/systemd/unit_status.h"
 #include "wql/class_tree.h"
-#include "wql/classes/manager_failure.h"
+#include "wql/classes/failures.h"
 
 namespace kv::wql {
 

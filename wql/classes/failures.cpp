@@ -1,8 +1,9 @@
-#include "wql/classes/manager_failure.h"
+#include "wql/classes/failures.h"
 
 #include <cerrno>
 #include <fmt/format.h>
 #include <system_error>
+#include <unistd.h>
 
 #include "platform/linux/systemd/units.h"
 
@@ -22,6 +23,13 @@ WmiStatus FailedManager(int failure, std::string_view loss, const Gathering& gat
     AddManagerNotice(failure, loss, gathering);
     if (failure == -ETIMEDOUT) return wmi_status::timedOut;
     return failure == -EACCES || failure == -EPERM ? wmi_status::accessDenied : wmi_status::providerFailure;
+}
+
+WmiStatus FailedFile(const std::string& path, std::string_view loss, const Gathering& gathering) {
+    const int failure = access(path.c_str(), R_OK) != 0 ? errno : EIO;
+    const std::string reason = std::generic_category().message(failure);
+    gathering.notice(fmt::format("{} were left out; {} cannot be read: {}", loss, path, reason));
+    return failure == EACCES ? wmi_status::accessDenied : wmi_status::providerFailure;
 }
 
 }  // namespace kv::wql

@@ -1,6 +1,7 @@
-// What a query says when the service manager does not answer as it should.
+// What a query says when the service manager does not answer as it should, or a file cannot be read.
 #pragma once
 
+#include <string>
 #include <string_view>
 
 #include "wql/wmi_class.h"
@@ -16,5 +17,9 @@ void AddManagerNotice(int failure, std::string_view loss, const Gathering& gathe
 /// Ends a query for which the manager gave a failure, with a notice of what was lost: accessDenied, timedOut, else
 /// providerFailure, which also stands for a manager that is not there.
 WmiStatus FailedManager(int failure, std::string_view loss, const Gathering& gathering);
+
+/// Ends a query that has just found a file unreadable, with a notice of what was lost: accessDenied if the right is
+/// missing, else providerFailure.
+WmiStatus FailedFile(const std::string& path, std::string_view loss, const Gathering& gathering);
 
 }  // namespace kv::wql

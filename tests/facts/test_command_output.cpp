@@ -1,0 +1,44 @@
+// Programs that are run for what they print.
+#include <cerrno>
+#include <csignal>
+#include <gtest/gtest.h>
+
+#include "facts/command_output.h"
+
+namespace kv::test {
+namespace {
+
+using namespace facts;
+using namespace std::chrono_literals;
+
+TEST(CommandOutput, IsBoundedInTimeAndSize) {
+    constexpr std::chrono::milliseconds ample = 60s;
+    constexpr std::size_t limit = 8;
+    const struct {
+        const char* title;
+        std::vector<std::string> words;
+        std::chrono::milliseconds time;
+        int failure, exitCode;
+        std::string output, complaint;
+    } rows[] = {
+        {"prints and fails", {"/bin/sh", "-c", "echo a $LC_ALL; echo b >&2; exit 3"}, ample, 0, 3, "a C\n", "b\n"},
+        {"reads", {"/bin/cat"}, ample, 0, 0, "", ""},
+        {"gets each word as it is", {"/usr/bin/printf", "%s.", "a b", "$x", ""}, ample, 0, 0, "a b.$x..", ""},
+        {"not there", {"/nonexistent"}, ample, ENOENT, -1, "", ""},
+        {"killed", {"/bin/sh", "-c", "kill -9 $$"}, ample, 0, 137, "", ""},
+        {"does not end", {"/bin/sh", "-c", "echo a; sleep 60 & sleep 60"}, 300ms, ETIMEDOUT, 137, "a\n", ""},
+        {"closes its output and does not end", {"/bin/sh", "-c", "exec >&- 2>&-; sleep 60"}, 300ms, 0, 137, "", ""},
+        {"prints forever", {"/usr/bin/yes"}, ample, EFBIG, 137, "y\ny\ny\ny\n", ""},
+    };
+    std::signal(SIGCHLD, SIG_DFL);
+    for (const auto& row : rows) {
+        const CommandOutput outcome = RunCommand(row.words, {row.time, limit});
+        EXPECT_EQ(outcome.failure, row.failure) << row.title;
+        EXPECT_EQ(outcome.exitCode, row.exitCode) << row.title;
+        EXPECT_EQ(outcome.output, row.output) << row.title;
+        EXPECT_EQ(outcome.complaint, row.complaint) << row.title;
+    }
+}
+
+}  // namespace
+}  // namespace kv::test

@@ -1,0 +1,154 @@
+// Packages and their updates: this machine's as dpkg-query lists them, a database of rpm that the test makes, and what
+// this machine does not show.
+#include <cstdlib>
+#include <fmt/format.h>
+#include <gmock/gmock.h>
+#include <unistd.h>
+
+#include "tests/support/linux/shell.h"
+#include "tests/support/linux/zone_setting.h"
+#include "tests/support/test_folder.h"
+#include "tests/wql/gathered.h"
+#include "wql/classes/products.h"
+
+namespace kv::test {
+namespace {
+
+using namespace wql;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+std::string rootOfFiles;  // a gather is a plain function
+
+struct WmiProducts : TestFolder {
+    WmiProducts() {
+        platform::InstallWmi();
+        rootOfFiles = work.string();
+    }
+
+    static Gathered Products(const std::string& properties, const std::string& where = "") {
+        return GatherFor("SELECT " + properties + " FROM Win32_Product " + where,
+                         [](const Gathering& gathering) { return GatherProducts(gathering, rootOfFiles); });
+    }
+    static Gathered Updates() {
+        return GatherFor("SELECT HotFixID, Description, FixComments, InstalledOn FROM Win32_QuickFixEngineering",
+                         [](const Gathering& gathering) { return GatherUpdates(gathering, rootOfFiles); });
+    }
+
+    const std::filesystem::path dpkg = work / "var/lib/dpkg";
+    const std::filesystem::path logs = work / "var/log";
+    const std::filesystem::path rpm = work / "var/lib/rpm";
+};
+
+TEST_F(WmiProducts, AreThePackagesOfDpkg) {
+    if (access("/usr/bin/dpkg-query", X_OK) != 0) GTEST_SKIP() << "not a system of dpkg";
+    const std::string installed =
+        " | awk '$1 != \"config-files\" && $1 != \"not-installed\" {$1 = \"\"; print}' | sort";
+    const std::string expected =
+        RunShell("dpkg-query -W -f '${db:Status-Status} ${Package}:${Architecture} ${Version} ${Package}\n'" +
+                 installed)
+            .output;
+    std::string shown;
+    for (const WmiRow& row : RunWmiQuery("SELECT * FROM Win32_Product").rows)
+        shown += "x " + PropertyTexts(row, "IdentifyingNumber,Version,Name") + "\n";
+    Write(work / "shown", shown);
+    EXPECT_EQ(RunShell("cat shown" + installed).output, expected);
+
+    const WmiResult bash = RunWmiQuery("SELECT * FROM Win32_Product WHERE Name = 'BASH'");
+    ASSERT_EQ(bash.rows.size(), 1u);
+    EXPECT_EQ(PropertyTexts(bash.rows[0], "InstallDate,Description,URLInfoAbout"),
+              RunShell("date -r $(ls /var/lib/dpkg/info/bash*.list) +%Y%m%d").output + " " +
+                  RunShell("dpkg-query -W -f '${binary:Summary} ${Homepage}' bash").output);
+    EXPECT_EQ(PropertyText(bash.rows[0], "InstallDate2").substr(0, 8), PropertyText(bash.rows[0], "InstallDate"));
+}
+
+TEST_F(WmiProducts, AreThoseWhoseFilesAreThere) {
+    EXPECT_EQ(Products("Name").status, wmi_status::ok) << "neither database";
+    Write(dpkg / "status",
+          "Package: a\nStatus: install ok installed\nVersion: 1:2\nArchitecture: all\nOrigin: Some Origin\n"
+          "Maintainer: B <b@example.org>\nBugs: https://example.org\nDescription: in short\n at length\n Package: x\n\n"
+          "package: b\nStatus: deinstall ok config-files\nVersion: 1\n\n"
+          "Package: c\nStatus: hold ok triggers-pending\nVersion: 3\nMaintainer: C Team <c@example.org>\n\n"
+          "Package: d\nStatus: install reinstreq half-configured\nMaintainer: <d@example.org>\n\n\n"
+          "Status: install ok installed\n\nno colon\n\nPackage: cut");
+    constexpr const char* facts =
+        "Name, IdentifyingNumber, Version, Vendor, Description, InstallState, InstallDate, HelpLink";
+    EXPECT_EQ(Products(facts).objects,
+              "a|a:all|1:2|Some Origin|in short|5|NULL|https://example.org|\nc|c:|3|C Team|NULL|5|NULL|NULL|\n"
+              "d|d:||<d@example.org>|NULL|-6|NULL|NULL|\n");
+    EXPECT_EQ(Products("Name", "WHERE Name = 'C' OR Name = 'b'").objects, "c|\n");
+    std::filesystem::remove(dpkg / "status");
+    std::filesystem::create_directory(dpkg / "status");
+    EXPECT_EQ(Products("Name").status, wmi_status::providerFailure);
+    EXPECT_THAT(Products("Name").notices, ElementsAre(HasSubstr("cannot be read")));
+}
+
+TEST_F(WmiProducts, AreThePackagesOfRpm) {
+    if (access("/usr/bin/rpmbuild", X_OK) != 0) GTEST_SKIP() << "rpm is not installed";
+    constexpr const char* spec =
+        "Name: {}\n{}Version: 1.5\nRelease: 3\nSummary: Of the test, \"a\"\nLicense: none\nBuildArch: noarch\n"
+        "%description\n%files\n";
+    Write(work / "a.spec",
+          fmt::format(fmt::runtime(spec), "kv-Some.lib+x", "Epoch: 2\nVendor: V, Inc.\nURL: http://u\n"));
+    Write(work / "b.spec", fmt::format(fmt::runtime(spec), "kv-Some", ""));
+    ASSERT_EQ(RunShell("for s in a b; do rpmbuild -bb --quiet --define '_topdir " + work.string() +
+                       "/build' $s.spec || exit; done; rpm --dbpath " + rpm.string() +
+                       " -i --justdb --nodeps "
+                       "build/RPMS/noarch/*.rpm 2>&1")
+                  .exitCode,
+              0);
+    constexpr const char* facts = "Name, IdentifyingNumber, Version, Vendor, Description, URLInfoAbout, InstallState";
+    const std::string some = "kv-Some|kv-Some.noarch|1.5-3|NULL|Of the test, \"a\"|NULL|5|\n";
+    const std::string library = "kv-Some.lib+x|kv-Some.lib+x.noarch|2:1.5-3|V, Inc.|Of the test, \"a\"|http://u|5|\n";
+    EXPECT_THAT(Products(facts).objects, testing::AnyOf(some + library, library + some));
+    const std::pair<const char*, std::string> rows[] = {
+        {"WHERE Name = 'KV-some'", some},
+        {"WHERE Name = 'kv-some.LIB+x'", library},
+        {"WHERE Name = 'kv*'", ""},
+        {"WHERE Name = '-v'", ""},
+    };
+    for (const auto& [where, expected] : rows) EXPECT_EQ(Products(facts, where).objects, expected) << where;
+    const std::string today = RunShell("date +%Y%m%d").output;
+    EXPECT_THAT(Products("InstallDate", "WHERE Name = 'kv-some'").objects,
+                testing::AnyOf(today + "|\n", std::to_string(std::stoi(today) - 1) + "|\n"));
+    EXPECT_THAT(Updates().objects, HasSubstr("kv-Some 1.5-3|Installed or updated||"));
+
+    Write(rpm / "rpmdb.sqlite", "not a database");
+    EXPECT_EQ(Products(facts).status, wmi_status::providerFailure);
+    EXPECT_THAT(Products(facts).notices, ElementsAre(HasSubstr("rpm -qa failed: exit code 1: ")));
+    Write(dpkg / "status", "Package: a\nStatus: install ok installed\n");
+    EXPECT_EQ(Products("Name").objects, "a|\n") << "what dpkg tells";
+    EXPECT_EQ(Products("Name").status, wmi_status::ok);
+    EXPECT_EQ(Products("Name").notices.size(), 1u);
+}
+
+TEST_F(WmiProducts, HaveTheUpdatesOfTheLogs) {
+    const ZoneSetting zone("<+0545>-5:45");
+    EXPECT_EQ(Updates().status, wmi_status::ok);
+    const auto log = [](const char* day, const char* package, const char* former, const char* version) {
+        return fmt::format(
+            "{0} 23:59:58 upgrade {1} {2} {3}\n{0} 23:59:59 status half-installed {1} {2}\n"
+            "{0} 23:59:59 status installed {1} {3}\n",
+            day, package, former, version);
+    };
+    Write(logs / "dpkg.log.2", log("2025-12-31", "a:amd64", "1", "2") + "2025-12-31 10:00:00 upgrade z:all 1 2\n");
+    Write(logs / "dpkg.log.1", log("2026-01-02", "b:all", "1:1", "1:2") + log("2026-01-02", "a:amd64", "2", "2"));
+    Write(logs / "dpkg.log",
+          log("2026-02-03", "a:i386", "1", "2") +
+              "2026-02-03 10:00:00 install c:all <none> 1\n"
+              "2026-02-03 10:00:00 upgrade d:all 1 2\n2026-02-03 10:00:00 status half-configured d:all 2\nupgrade\n\n" +
+              log("2026-02-30x", "e:all", "1", "2") + "2026-02-03 10:01:00 status installed z:all 2\n");
+    ASSERT_EQ(RunShell("cd var/log && gzip dpkg.log.2 && touch -d 2026-01-01 dpkg.log.2.gz && "
+                       "touch -d 2026-01-31 dpkg.log.1")
+                  .exitCode,
+              0);
+    EXPECT_EQ(
+        Updates().objects,
+        "b 1:2|Update|Replaces 1:1|1/2/2026|\na 2|Update|Replaces 1|2/3/2026|\nz 2|Update|Replaces 1|2/3/2026|\n");
+    Write(logs / "dpkg.log.3.gz", "\x1f\x8b\x08 cut");
+    EXPECT_THAT(Updates().notices, ElementsAre(HasSubstr("dpkg.log.3.gz")));
+}
+
+}  // namespace
+}  // namespace kv::test
