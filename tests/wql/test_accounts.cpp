@@ -2,8 +2,8 @@
 #include <gmock/gmock.h>
 #include <unistd.h>
 
+#include "tests/support/linux/gathered_texts.h"
 #include "tests/support/test_folder.h"
-#include "tests/wql/gathered.h"
 #include "wql/classes/accounts.h"
 #include "wql/classes/processes.h"
 
@@ -21,16 +21,17 @@ struct WmiAccounts : TestFolder {
     WmiAccounts() { placeOfFiles = work.string(); }
 
     static Gathered Users(const char* properties) {
-        return GatherFor(std::string("SELECT ") + properties + " FROM Win32_UserAccount",
-                         [](const Gathering& gathering) { return GatherUsers(gathering, placeOfFiles); });
+        return GatherTexts(u"Win32_UserAccount", properties,
+                           [](const Gathering& gathering) { return GatherUsers(gathering, placeOfFiles); });
     }
     static Gathered Groups() {
-        return GatherFor("SELECT Name FROM Win32_Group",
-                         [](const Gathering& gathering) { return GatherGroups(gathering, placeOfFiles); });
+        return GatherTexts(u"Win32_Group", "Name",
+                           [](const Gathering& gathering) { return GatherGroups(gathering, placeOfFiles); });
     }
-    static Gathered Processes(const std::string& where) {
-        return GatherFor("SELECT ProcessId, ExecutablePath FROM Win32_Process" + where,
-                         [](const Gathering& gathering) { return GatherProcesses(gathering, placeOfFiles); });
+    static Gathered Processes(const char* where) {
+        return GatherTexts(
+            u"Win32_Process", "ProcessId ExecutablePath",
+            [](const Gathering& gathering) { return GatherProcesses(gathering, placeOfFiles); }, where);
     }
 };
 
@@ -41,13 +42,14 @@ TEST_F(WmiAccounts, SayWhatCannotBeRead) {
 
     Write(work / "passwd", "a:x:1:1:::/bin/sh\nb:x:2:2:::/bin/sh\nc::3:3:::/bin/sh\nd:*:4:4:::/bin/false\n");
     Write(work / "shadow", "a:$6$hash:19000:0:90:7:::\n");
-    constexpr const char* facts = "Name, Disabled, PasswordRequired, PasswordExpires";
-    EXPECT_EQ(Users(facts).objects,
+    constexpr const char* facts = "Name Disabled PasswordRequired PasswordExpires";
+    EXPECT_EQ(LinesOf(Users(facts)),
               "a|false|true|true|\nb|false|true|false|\nc|false|false|false|\nd|true|true|false|\n");
     std::filesystem::remove(work / "shadow");
     EXPECT_THAT(Users(facts).notices, IsEmpty()) << "a system without shadow passwords";
     std::filesystem::create_directory(work / "shadow");  // cannot be read
-    EXPECT_EQ(Users(facts).objects, "a|NULL|NULL|NULL|\nb|NULL|NULL|NULL|\nc|false|false|false|\nd|true|true|false|\n");
+    EXPECT_EQ(LinesOf(Users(facts)),
+              "a|NULL|NULL|NULL|\nb|NULL|NULL|NULL|\nc|false|false|false|\nd|true|true|false|\n");
     EXPECT_THAT(Users(facts).notices, testing::ElementsAre(HasSubstr("shadow")));
     EXPECT_THAT(Users("Name").notices, IsEmpty()) << "nobody asks for it";
 }
@@ -60,10 +62,10 @@ TEST_F(WmiAccounts, SeeOnlySomeProcesses) {
     }();
     EXPECT_EQ(Processes("").status, wmi_status::providerFailure);
     Write(work / "71" / "stat", "71" + stat);
-    EXPECT_EQ(Processes("").objects, "71|NULL|\n");
+    EXPECT_EQ(LinesOf(Processes("")), "71|NULL|\n");
     EXPECT_THAT(Processes("").notices, testing::ElementsAre(HasSubstr("does not show"))) << "/proc with hidepid=2";
-    EXPECT_THAT(Processes(" WHERE ProcessId = 71").notices, IsEmpty()) << "it is seen";
-    EXPECT_EQ(Processes(" WHERE ProcessId = 72").notices.size(), 1u) << "it may be another user's";
+    EXPECT_THAT(Processes("WHERE ProcessId = 71").notices, IsEmpty()) << "it is seen";
+    EXPECT_EQ(Processes("WHERE ProcessId = 72").notices.size(), 1u) << "it may be another user's";
     Write(work / "1" / "stat", "1" + stat);
     EXPECT_THAT(Processes("").notices, IsEmpty());
 }

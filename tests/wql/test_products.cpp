@@ -5,10 +5,10 @@
 #include <gmock/gmock.h>
 #include <unistd.h>
 
+#include "tests/support/linux/gathered_texts.h"
 #include "tests/support/linux/shell.h"
 #include "tests/support/linux/zone_setting.h"
 #include "tests/support/test_folder.h"
-#include "tests/wql/gathered.h"
 #include "wql/classes/products.h"
 
 namespace kv::test {
@@ -27,13 +27,14 @@ struct WmiProducts : TestFolder {
         rootOfFiles = work.string();
     }
 
-    static Gathered Products(const std::string& properties, const std::string& where = "") {
-        return GatherFor("SELECT " + properties + " FROM Win32_Product " + where,
-                         [](const Gathering& gathering) { return GatherProducts(gathering, rootOfFiles); });
+    static Gathered Products(const char* properties, const char* where = "") {
+        return GatherTexts(
+            u"Win32_Product", properties,
+            [](const Gathering& gathering) { return GatherProducts(gathering, rootOfFiles); }, where);
     }
     static Gathered Updates() {
-        return GatherFor("SELECT HotFixID, Description, FixComments, InstalledOn FROM Win32_QuickFixEngineering",
-                         [](const Gathering& gathering) { return GatherUpdates(gathering, rootOfFiles); });
+        return GatherTexts(u"Win32_QuickFixEngineering", "HotFixID Description FixComments InstalledOn",
+                           [](const Gathering& gathering) { return GatherUpdates(gathering, rootOfFiles); });
     }
 
     const std::filesystem::path dpkg = work / "var/lib/dpkg";
@@ -72,12 +73,11 @@ TEST_F(WmiProducts, AreThoseWhoseFilesAreThere) {
           "Package: c\nStatus: hold ok triggers-pending\nVersion: 3\nMaintainer: C Team <c@example.org>\n\n"
           "Package: d\nStatus: install reinstreq half-configured\nMaintainer: <d@example.org>\n\n\n"
           "Status: install ok installed\n\nno colon\n\nPackage: cut");
-    constexpr const char* facts =
-        "Name, IdentifyingNumber, Version, Vendor, Description, InstallState, InstallDate, HelpLink";
-    EXPECT_EQ(Products(facts).objects,
+    constexpr const char* facts = "Name IdentifyingNumber Version Vendor Description InstallState InstallDate HelpLink";
+    EXPECT_EQ(LinesOf(Products(facts)),
               "a|a:all|1:2|Some Origin|in short|5|NULL|https://example.org|\nc|c:|3|C Team|NULL|5|NULL|NULL|\n"
               "d|d:||<d@example.org>|NULL|-6|NULL|NULL|\n");
-    EXPECT_EQ(Products("Name", "WHERE Name = 'C' OR Name = 'b'").objects, "c|\n");
+    EXPECT_EQ(LinesOf(Products("Name", "WHERE Name = 'C' OR Name = 'b'")), "c|\n");
     std::filesystem::remove(dpkg / "status");
     std::filesystem::create_directory(dpkg / "status");
     EXPECT_EQ(Products("Name").status, wmi_status::providerFailure);
@@ -98,27 +98,27 @@ TEST_F(WmiProducts, AreThePackagesOfRpm) {
                        "build/RPMS/noarch/*.rpm 2>&1")
                   .exitCode,
               0);
-    constexpr const char* facts = "Name, IdentifyingNumber, Version, Vendor, Description, URLInfoAbout, InstallState";
+    constexpr const char* facts = "Name IdentifyingNumber Version Vendor Description URLInfoAbout InstallState";
     const std::string some = "kv-Some|kv-Some.noarch|1.5-3|NULL|Of the test, \"a\"|NULL|5|\n";
     const std::string library = "kv-Some.lib+x|kv-Some.lib+x.noarch|2:1.5-3|V, Inc.|Of the test, \"a\"|http://u|5|\n";
-    EXPECT_THAT(Products(facts).objects, testing::AnyOf(some + library, library + some));
+    EXPECT_THAT(LinesOf(Products(facts)), testing::AnyOf(some + library, library + some));
     const std::pair<const char*, std::string> rows[] = {
         {"WHERE Name = 'KV-some'", some},
         {"WHERE Name = 'kv-some.LIB+x'", library},
         {"WHERE Name = 'kv*'", ""},
         {"WHERE Name = '-v'", ""},
     };
-    for (const auto& [where, expected] : rows) EXPECT_EQ(Products(facts, where).objects, expected) << where;
+    for (const auto& [where, expected] : rows) EXPECT_EQ(LinesOf(Products(facts, where)), expected) << where;
     const std::string today = RunShell("date +%Y%m%d").output;
-    EXPECT_THAT(Products("InstallDate", "WHERE Name = 'kv-some'").objects,
+    EXPECT_THAT(LinesOf(Products("InstallDate", "WHERE Name = 'kv-some'")),
                 testing::AnyOf(today + "|\n", std::to_string(std::stoi(today) - 1) + "|\n"));
-    EXPECT_THAT(Updates().objects, HasSubstr("kv-Some 1.5-3|Installed or updated||"));
+    EXPECT_THAT(LinesOf(Updates()), HasSubstr("kv-Some 1.5-3|Installed or updated||"));
 
     Write(rpm / "rpmdb.sqlite", "not a database");
     EXPECT_EQ(Products(facts).status, wmi_status::providerFailure);
     EXPECT_THAT(Products(facts).notices, ElementsAre(HasSubstr("rpm -qa failed: exit code 1: ")));
     Write(dpkg / "status", "Package: a\nStatus: install ok installed\n");
-    EXPECT_EQ(Products("Name").objects, "a|\n") << "what dpkg tells";
+    EXPECT_EQ(LinesOf(Products("Name")), "a|\n") << "what dpkg tells";
     EXPECT_EQ(Products("Name").status, wmi_status::ok);
     EXPECT_EQ(Products("Name").notices.size(), 1u);
 }
@@ -144,7 +144,7 @@ TEST_F(WmiProducts, HaveTheUpdatesOfTheLogs) {
                   .exitCode,
               0);
     EXPECT_EQ(
-        Updates().objects,
+        LinesOf(Updates()),
         "b 1:2|Update|Replaces 1:1|1/2/2026|\na 2|Update|Replaces 1|2/3/2026|\nz 2|Update|Replaces 1|2/3/2026|\n");
     Write(logs / "dpkg.log.3.gz", "\x1f\x8b\x08 cut");
     EXPECT_THAT(Updates().notices, ElementsAre(HasSubstr("dpkg.log.3.gz")));

@@ -19,8 +19,10 @@ struct Gathered {
     std::vector<std::string> notices;
 };
 
-/// The objects that a routine gathers in place of a class's own. names: of properties, with blanks between them.
-inline Gathered GatherTexts(std::u16string_view className, std::string_view names, wql::GatherRoutine gather) {
+/// The objects that a routine gathers in place of a class's own. names: of properties, with blanks between them. where:
+/// "WHERE ..." of a query, or nothing.
+inline Gathered GatherTexts(std::u16string_view className, std::string_view names, wql::GatherRoutine gather,
+                            std::string_view where = {}) {
     wql::ClassInfo classInfo = *wql::FindClass(className);
     classInfo.gather = gather;
     wql::ClassQuery query{.classInfo = &classInfo, .properties = {}, .where = std::nullopt};
@@ -28,6 +30,12 @@ inline Gathered GatherTexts(std::u16string_view className, std::string_view name
         const wql::PropertyInfo* property = wql::FindProperty(classInfo, platform::WideFromUtf8(name));
         EXPECT_NE(property, nullptr) << name;
         if (property != nullptr) query.properties.push_back(property);
+    }
+    if (!where.empty()) {
+        wql::BoundQuery bound;
+        const std::u16string text = u"SELECT * FROM " + std::u16string(className) + u" ";
+        EXPECT_EQ(wql::PrepareQuery(text + platform::WideFromUtf8(where), bound), 0U) << where;
+        if (!bound.parts.empty()) query.where = std::move(bound.parts.front().where);
     }
     Gathered gathered;
     const auto add = [&](const wql::ResultObject& object) {
@@ -39,7 +47,14 @@ inline Gathered GatherTexts(std::u16string_view className, std::string_view name
     return gathered;
 }
 
-/// The same, of a gather that must succeed.
+/// The objects, each with a line end behind it.
+inline std::string LinesOf(const Gathered& gathered) {
+    std::string lines;
+    for (const std::string& object : gathered.objects) lines += object + "\n";
+    return lines;
+}
+
+/// The objects of a gather that must succeed.
 inline std::vector<std::string> GatheredTexts(std::u16string_view className, std::string_view names,
                                               wql::GatherRoutine gather) {
     Gathered gathered = GatherTexts(className, names, gather);
