@@ -21,6 +21,8 @@ std::string UtmpText(const char (&field)[Size]) {
     return std::string(field, strnlen(field, Size));
 }
 
+constexpr const char* sessionFolder = "/run/systemd/sessions";
+
 using OwnedText = std::unique_ptr<char, platform::ReleasedBy<std::free>>;
 
 /// What a routine of sd-login says about a session; empty when it says nothing.
@@ -38,20 +40,41 @@ std::string NameOfUser(std::uint32_t id) {
     return fmt::format("{}", id);  // a user of a directory service, which may not answer
 }
 
-/// Absent for a session that does not belong to a user, such as that of a login screen, and for one that has ended but
-/// still has programs running.
+/// A line of the login manager's file of a session. sd-login tells most of what stands there, but before its version
+/// 254 neither the user's name nor the start.
+std::string LineOf(std::string_view file, std::string_view key) {
+    std::string_view line;
+    while (TakeLine(file, line)) {
+        if (line.starts_with(key)) return std::string(line.substr(key.size()));
+    }
+    return {};
+}
+
+/// Absent for a session that does not belong to a user, and for one that has ended but still has programs running.
 std::optional<Session> ReadSession(const char* id) {
     uid_t user = 0;
-    const bool isOfUser = SessionText(id, sd_session_get_class).starts_with("user");
-    if (!isOfUser || SessionText(id, sd_session_get_state) == "closing" || sd_session_get_uid(id, &user) < 0) return {};
-    const std::string terminal = SessionText(id, sd_session_get_tty);
-    return Session{NameOfUser(user), terminal.empty() ? SessionText(id, sd_session_get_display) : terminal};
+    const std::optional<LogonKind> kind =
+        LogonKindOf(SessionText(id, sd_session_get_class), sd_session_is_remote(id) > 0);
+    if (!kind || SessionText(id, sd_session_get_state) == "closing" || sd_session_get_uid(id, &user) < 0) return {};
+    const std::string file = platform::ReadSystemFile(std::string(sessionFolder) + "/" + id).value_or("");
+    Session session;
+    session.user = LineOf(file, "USER=");
+    if (session.user.empty()) session.user = NameOfUser(user);
+    session.line = SessionText(id, sd_session_get_tty);
+    if (session.line.empty()) session.line = SessionText(id, sd_session_get_display);
+    session.id = id;
+    session.kind = *kind;
+    session.host = SessionText(id, sd_session_get_remote_host);
+    session.service = SessionText(id, sd_session_get_service);
+    const std::optional<std::uint64_t> start = NumberOf(LineOf(file, "REALTIME="));
+    if (start) session.start = static_cast<std::int64_t>(*start);
+    return session;
 }
 
 /// The sessions in the files of systemd's login manager; absent when it does not run.
 std::optional<std::vector<Session>> ReadManagedSessions() {
     char** ids = nullptr;
-    if (access("/run/systemd/sessions", F_OK) != 0 || sd_get_sessions(&ids) < 0) return std::nullopt;
+    if (access(sessionFolder, F_OK) != 0 || sd_get_sessions(&ids) < 0) return std::nullopt;
     const std::unique_ptr<char*, platform::ReleasedBy<std::free>> owned(ids);
     std::vector<Session> sessions;
     for (; ids != nullptr && *ids != nullptr; ++ids) {
@@ -63,19 +86,47 @@ std::optional<std::vector<Session>> ReadManagedSessions() {
 
 }  // namespace
 
+std::optional<LogonKind> LogonKindOf(std::string_view sessionClass, bool isRemote) {
+    if (sessionClass.starts_with("user")) return isRemote ? LogonKind::remote : LogonKind::interactive;
+    if (sessionClass.starts_with("background")) return LogonKind::batch;
+    if (sessionClass.starts_with("manager")) return LogonKind::service;
+    return std::nullopt;
+}
+
 std::vector<Session> ParseSessions(std::string_view utmp) {
+    constexpr std::int64_t microseconds = 1'000'000;
     std::vector<Session> sessions;
     for (; utmp.size() >= sizeof(struct utmp); utmp.remove_prefix(sizeof(struct utmp))) {
         struct utmp record {};
         std::memcpy(&record, utmp.data(), sizeof record);
-        if (record.ut_type == USER_PROCESS) sessions.push_back({UtmpText(record.ut_user), UtmpText(record.ut_line)});
+        if (record.ut_type != USER_PROCESS) continue;
+        Session& session = sessions.emplace_back();
+        session.user = UtmpText(record.ut_user);
+        session.line = session.id = UtmpText(record.ut_line);
+        session.start = record.ut_tv.tv_sec * microseconds + record.ut_tv.tv_usec;
+        // Terminals within a session have a screen or a program there, such as ":0" or "tmux(7).%0".
+        const std::string host = UtmpText(record.ut_host);
+        if (host.empty() || host.starts_with(':') || host.starts_with("tmux(")) continue;
+        session.kind = LogonKind::remote;
+        session.host = host;
     }
     return sessions;
 }
 
-std::optional<std::vector<Session>> ReadSessions() {
+std::optional<std::vector<Session>> ReadLogons() {
+    std::optional<std::vector<Session>> managed = ReadManagedSessions();
+    if (managed && !managed->empty()) return managed;
     const std::optional<std::string> file = platform::ReadSystemFile(_PATH_UTMP);
-    return file ? std::optional(ParseSessions(*file)) : ReadManagedSessions();
+    return file ? std::optional(ParseSessions(*file)) : managed;
+}
+
+std::optional<std::vector<Session>> ReadSessions() {
+    std::optional<std::vector<Session>> sessions = ReadLogons();
+    if (!sessions) return sessions;
+    std::erase_if(*sessions, [](const Session& session) {
+        return session.kind != LogonKind::interactive && session.kind != LogonKind::remote;
+    });
+    return sessions;
 }
 
 std::optional<std::string> ConsoleUserOf(const std::vector<Session>& sessions) {

@@ -1,7 +1,8 @@
-// Who is logged in: from utmp(5), or from systemd's login manager if the system does not keep that file.
+// Who is logged in: from systemd's login manager, or from utmp(5) if that knows of nobody.
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -9,16 +10,36 @@
 
 namespace kv::facts {
 
+/// How somebody, or something, came in. The numbers are those of Windows' LogonType.
+enum class LogonKind : std::uint32_t {
+    interactive = 2,  // at a terminal or screen of this computer
+    batch = 4,        // work that cron or the like does for a user
+    service = 5,      // a user's own service manager
+    remote = 10,
+};
+
 /// A user's session.
 struct Session {
     std::string user;
     std::string line;  // the terminal, such as "tty1", "pts/0" or ":0"
+    std::string id;    // tells it from others: the login manager's, or the terminal
+    LogonKind kind = LogonKind::interactive;
+    std::string host;                     // from which a remote one came; empty if that is not known
+    std::string service;                  // of PAM, such as "sshd"; empty if that is not known
+    std::optional<std::int64_t> start{};  // microseconds since 1970
 };
+
+/// How a session is used, by the words of the login manager. Absent for one that is not a user's, such as that of a
+/// login screen.
+std::optional<LogonKind> LogonKindOf(std::string_view sessionClass, bool isRemote);
 
 /// The sessions in a utmp file. An incomplete record at its end is left out.
 std::vector<Session> ParseSessions(std::string_view utmp);
 
-/// The sessions; absent when the system does not record them.
+/// The sessions of all kinds; absent when the system does not record them.
+std::optional<std::vector<Session>> ReadLogons();
+
+/// The sessions in which somebody is logged in; absent as above.
 std::optional<std::vector<Session>> ReadSessions();
 
 /// The user at the computer's own screen and keyboard; absent when nobody is logged in there.

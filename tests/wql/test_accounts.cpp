@@ -1,10 +1,13 @@
-// Accounts and processes, and what a user may not see of them.
+// Accounts, sessions and processes, and what a user may not see of them.
 #include <gmock/gmock.h>
 #include <unistd.h>
+#include <utmp.h>
 
 #include "tests/support/linux/gathered_texts.h"
+#include "tests/support/linux/shell.h"
 #include "tests/support/test_folder.h"
 #include "wql/classes/accounts.h"
+#include "wql/classes/logons.h"
 #include "wql/classes/processes.h"
 
 namespace kv::test {
@@ -68,6 +71,74 @@ TEST_F(WmiAccounts, SeeOnlySomeProcesses) {
     EXPECT_EQ(Processes("WHERE ProcessId = 72").notices.size(), 1u) << "it may be another user's";
     Write(work / "1" / "stat", "1" + stat);
     EXPECT_THAT(Processes("").notices, IsEmpty());
+}
+
+std::string UtmpRecord(short type, const char* user, const char* line, const char* host, std::int32_t seconds) {
+    struct utmp record {};
+    record.ut_type = type;
+    record.ut_pid = getpid();  // who leaves out records of processes that have ended
+    std::string_view(user).copy(record.ut_user, sizeof record.ut_user);
+    std::string_view(line).copy(record.ut_line, sizeof record.ut_line);
+    std::string_view(host).copy(record.ut_host, sizeof record.ut_host);
+    record.ut_tv.tv_sec = seconds;
+    return {reinterpret_cast<const char*>(&record), sizeof record};
+}
+
+TEST_F(WmiAccounts, HaveSessionsAsWhoListsThem) {
+    const std::string file = UtmpRecord(BOOT_TIME, "reboot", "~", "6.1.0", 1000000) +
+                             UtmpRecord(USER_PROCESS, "root", "tty1", "", 1700000000) +
+                             UtmpRecord(USER_PROCESS, "al\"x", "pts/0", "192.0.2.1", 1750000000) +
+                             UtmpRecord(USER_PROCESS, "root", "pts/1", "tmux(7).%0", 1750000060) +
+                             UtmpRecord(USER_PROCESS, "root", ":0", ":0", 1750000120) +
+                             UtmpRecord(DEAD_PROCESS, "", "pts/2", "", 1) + "cut";
+    Write(work / "utmp", file);
+    static std::vector<facts::Session> sessions;
+    sessions = facts::ParseSessions(file);
+    const auto shown = GatherTexts(u"Win32_LogonSession", "LogonId StartTime LogonType Caption AuthenticationPackage",
+                                   [](const Gathering& to) { return GatherLogonSessions(to, sessions); });
+    const std::string start = "|" + RunShell("date -d @1750000000 +%Y%m%d%H%M%S").output + ".000000";
+    EXPECT_THAT(shown.objects,
+                testing::ElementsAre(testing::EndsWith("|2|tty1|NULL|"),
+                                     testing::AllOf(testing::StartsWith("pts/0" + start),
+                                                    testing::EndsWith("|10|pts/0 from 192.0.2.1|NULL|")),
+                                     testing::EndsWith("|2|pts/1|NULL|"), testing::EndsWith("|2|:0|NULL|")));
+    std::string times;
+    for (const std::string& object : shown.objects) {
+        const std::size_t at = object.find('|');
+        times += object.substr(0, at) + " " + object.substr(at + 1, 12) + "\n";
+    }
+    EXPECT_EQ(
+        times,
+        RunShell("LC_ALL=C.UTF-8 who utmp | awk '{gsub(/[-:]/, \"\", $3); t = $4; sub(/:/, \"\", t); print $2, $3 t}'")
+                .output +
+            "\n");
+
+    const auto users = GatherTexts(u"Win32_LoggedOnUser", "Antecedent Dependent",
+                                   [](const Gathering& to) { return GatherLoggedOnUsers(to, sessions); });
+    const std::string host = RunShell("hostname -s").output;
+    const std::string place = "\\\\" + host + "\\root\\cimv2:";
+    ASSERT_EQ(users.objects.size(), 4u);
+    EXPECT_EQ(users.objects[1], place + "Win32_UserAccount.Domain=\"" + host + "\",Name=\"al\\\"x\"|" + place +
+                                    "Win32_LogonSession.LogonId=\"pts/0\"|");
+}
+
+TEST(LogonKinds, FollowFromTheLoginManagersWords) {
+    using facts::LogonKind;
+    const std::tuple<const char*, bool, std::optional<LogonKind>> rows[] = {
+        {"user", false, LogonKind::interactive}, {"user-early", true, LogonKind::remote},
+        {"background", false, LogonKind::batch}, {"manager-early", false, LogonKind::service},
+        {"greeter", false, std::nullopt},        {"lock-screen", false, std::nullopt},
+    };
+    for (const auto& [word, isRemote, kind] : rows) EXPECT_EQ(facts::LogonKindOf(word, isRemote), kind) << word;
+}
+
+TEST_F(WmiTest, ListsTheSessionsOfTheLoginManager) {
+    const ShellOutcome listed = RunShell("loginctl --no-legend list-sessions | awk '{print $1}' | sort");
+    if (listed.output.empty()) GTEST_SKIP() << "no login manager, or nobody is logged in";
+    std::string ids;
+    for (const WmiRow& row : RunWmiQuery("SELECT LogonId FROM Win32_LogonSession").rows)
+        ids += PropertyText(row, "LogonId") + "\n";
+    EXPECT_EQ(RunShell("printf '" + ids + "' | sort").output, listed.output);
 }
 
 /// Acts as a user without rights.
