@@ -21,11 +21,25 @@ bool IsOfAnotherKind(std::string_view name) {
 
 /// Only disks made by a hardware driver refer to a device. If several paths lead to one disk, each path is a hidden
 /// disk.
-bool IsPhysicalDisk(const std::string& name) {
+bool IsPhysicalDisk(const std::string& root, const std::string& name) {
     std::error_code failure;
-    const std::string folder = "/sys/block/" + name;
+    const std::string folder = root + "/sys/block/" + name;
     return !IsOfAnotherKind(name) && fs::exists(folder + "/device", failure) &&
            ReadSystemNumber(folder + "/hidden").value_or(0) == 0;
+}
+
+using IsOfKind = bool (*)(const std::string& root, const std::string& name);
+
+std::optional<std::vector<std::string>> ListDevices(const std::string& root, IsOfKind isOfKind) {
+    std::vector<std::string> names;
+    std::error_code failure;
+    for (fs::directory_iterator at(root + "/sys/block", failure), end; !failure && at != end; at.increment(failure)) {
+        std::string name = at->path().filename().string();
+        if (isOfKind(root, name)) names.push_back(std::move(name));
+    }
+    if (failure) return std::nullopt;
+    std::sort(names.begin(), names.end());
+    return names;
 }
 
 /// maxDepth: of devices made of others, so that broken links do not lead in circles.
@@ -67,15 +81,12 @@ std::vector<DiskCounters> ParseDiskStats(std::string_view text) {
     return disks;
 }
 
-std::vector<std::string> ListPhysicalDisks() {
-    std::vector<std::string> names;
-    std::error_code failure;
-    for (fs::directory_iterator at("/sys/block", failure), end; !failure && at != end; at.increment(failure)) {
-        std::string name = at->path().filename().string();
-        if (IsPhysicalDisk(name)) names.push_back(std::move(name));
-    }
-    std::sort(names.begin(), names.end());
-    return names;
+std::optional<std::vector<std::string>> ListPhysicalDisks(const std::string& root) {
+    return ListDevices(root, IsPhysicalDisk);
+}
+
+std::optional<std::vector<std::string>> ListCdDrives(const std::string& root) {
+    return ListDevices(root, [](const std::string&, const std::string& name) { return name.starts_with("sr"); });
 }
 
 bool IsOnUsb(const std::string& device) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -28,8 +29,12 @@ struct DiskCounters {
 std::vector<DiskCounters> ParseDiskStats(std::string_view text);
 
 /// Names of the disks that are hardware (real or a virtual machine's), sorted. Partitions, loop devices, memory disks,
-/// devices made of others and drives of other media (CDs, floppies) are left out.
-std::vector<std::string> ListPhysicalDisks();
+/// devices made of others and drives of other media (CDs, floppies) are left out. Absent when /sys/block, below the
+/// root if one is given, cannot be read.
+std::optional<std::vector<std::string>> ListPhysicalDisks(const std::string& root = {});
+
+/// Names of the drives for CDs and DVDs, sorted; absent as above.
+std::optional<std::vector<std::string>> ListCdDrives(const std::string& root = {});
 
 /// Whether a block device, such as "sda1", or one that it is made of, is connected by USB.
 bool IsOnUsb(const std::string& device);

@@ -4,6 +4,7 @@
 #include <cctype>
 #include <charconv>
 #include <filesystem>
+#include <fmt/format.h>
 
 #include "facts/system_text.h"
 
@@ -37,12 +38,13 @@ DriveType DriveTypeOf(const Mount& mount, const std::string& blockDevice) {
     return !blockDevice.empty() && IsRemovable(blockDevice) ? DriveType::removable : DriveType::fixed;
 }
 
-std::string BlockDeviceOf(const Mount& mount) {
+std::string BlockDeviceOf(const Mount& mount, const std::string& root) {
     std::error_code failure;
-    const fs::path byNumber = fs::canonical("/sys/dev/block/" + mount.device, failure);
+    const fs::path byNumber = fs::canonical(root + "/sys/dev/block/" + mount.device, failure);
     if (!failure) return byNumber.filename().string();
     if (!mount.source.starts_with("/dev/")) return {};
-    const fs::path bySource = fs::canonical(mount.source, failure);  // a file system over several devices has no number
+    const fs::path bySource =
+        fs::canonical(root + mount.source, failure);  // a file system over several devices has no number
     return failure ? std::string() : bySource.filename().string();
 }
 
@@ -79,6 +81,10 @@ std::optional<std::uint32_t> SerialNumberOf(std::string_view uuid) {
     std::copy_if(uuid.begin(), uuid.end(), std::back_inserter(digits), IsHexDigit);
     if (digits.size() < digitsOfSerial) return std::nullopt;
     return static_cast<std::uint32_t>(*HexNumberOf(digits.substr(digits.size() - digitsOfSerial)));
+}
+
+std::optional<std::string> SerialTextOf(std::optional<std::uint32_t> serial) {
+    return serial ? std::optional(fmt::format("{:08X}", *serial)) : std::nullopt;
 }
 
 const Mount* DiskHolding(std::string_view path, const std::vector<Mount>& disks) {

@@ -15,8 +15,8 @@ namespace kv::facts {
 enum class DriveType : std::uint32_t { removable = 2, fixed = 3, network = 4, compactDisc = 5, memory = 6 };
 
 /// The kernel's name for the block device that holds a file system, such as "sda1" or "dm-0"; empty when there is no
-/// such device.
-std::string BlockDeviceOf(const Mount& mount);
+/// such device. root: in place of that of this computer.
+std::string BlockDeviceOf(const Mount& mount, const std::string& root = {});
 
 /// The kind of drive, from the mount and its block device; the file system is not asked. A file system that is
 /// read-only by nature, such as a mounted image, is a compact disc: a fixed disk that is always full would alarm those
@@ -36,6 +36,9 @@ std::string PlainDiskName(std::string_view name);
 /// The last 32 bits of a file system's UUID, which Windows shows for its own file systems: "ABCD-1234" for FAT, 16
 /// digits for NTFS. Absent when the text has fewer than eight hexadecimal digits.
 std::optional<std::uint32_t> SerialNumberOf(std::string_view uuid);
+
+/// Such a number as Windows shows it, in eight hexadecimal digits; absent if the number is.
+std::optional<std::string> SerialTextOf(std::optional<std::uint32_t> serial);
 
 /// The disk whose file system holds a path; null when it is not among the disks. It points into the disks.
 const Mount* DiskHolding(std::string_view path, const std::vector<Mount>& disks);

@@ -4,7 +4,6 @@
 // reserve is neither free nor used by files.
 #include <algorithm>
 #include <array>
-#include <fmt/format.h>
 #include <map>
 
 #include "facts/host_names.h"
@@ -79,11 +78,6 @@ bool IsCompressedWhole(const Row& row) {
     return row.mount().fileSystem == "squashfs" || row.mount().fileSystem == "cramfs";
 }
 
-std::optional<std::string> SerialTextOf(const Row& row) {
-    if (!row.serial) return std::nullopt;
-    return fmt::format("{:08X}", *row.serial);
-}
-
 constexpr auto mountPointIn = [](const Row& row) { return row.mount().mountPoint; };
 constexpr auto accessIn = [](const Row& row) { return row.mount().isReadOnly ? 1 : 3; };
 constexpr auto blockSizeIn = [](const Row& row) { return SpaceIn(row, &facts::FileSystemSpace::blockSize); };
@@ -147,7 +141,7 @@ constexpr auto logicalDiskProperties = Extend(sharedProperties, {
     {u"VolumeDirty", boolean},
     {u"VolumeName", string, Need::label, "the label, from /dev/disk/by-label; empty if it has none", labelIn},
     {u"VolumeSerialNumber", string, Need::serial, "the last 8 digits of the UUID, from /dev/disk/by-uuid",
-        [](const Row& row) { return SerialTextOf(row); }},
+        [](const Row& row) { return facts::SerialTextOf(row.serial); }},
 });
 
 constexpr auto volumeProperties = Extend(sharedProperties, {

@@ -178,10 +178,11 @@ WmiStatus ReadLogicalDisks(const Gathering& gathering, PerfSampling& sampling) {
 
 WmiStatus ReadPhysicalDisks(const Gathering& gathering, PerfSampling& sampling) {
     const std::optional<CountersByName> byName = ReadDiskCounters(gathering);
-    if (!byName) return wmi_status::providerFailure;
+    const std::optional<std::vector<std::string>> disks = facts::ListPhysicalDisks();
+    if (!byName || !disks) return wmi_status::providerFailure;
     const std::uint64_t now = TimeSinceStart();
     std::size_t index = 0;
-    for (const std::string& name : facts::ListPhysicalDisks()) {
+    for (const std::string& name : *disks) {
         const Row row{CountersOf(*byName, name), {}};
         PerfObject object;
         object.name = std::to_string(index++) + ' ' + name;

@@ -8,6 +8,11 @@
 
 namespace kv::wql {
 
+WmiStatus GatherCdDrives(const Gathering& gathering, const std::string& root);
+WmiStatus GatherDiskDrives(const Gathering& gathering, const std::string& root);
+WmiStatus GatherDiskPartitions(const Gathering& gathering, const std::string& root);
+WmiStatus GatherDrivesToPartitions(const Gathering& gathering, const std::string& root);
+WmiStatus GatherLogicalDisksToPartitions(const Gathering& gathering, const std::string& root);
 WmiStatus GatherPageFiles(const Gathering& gathering, const std::string& root);
 WmiStatus GatherPageFileSettings(const Gathering& gathering, const std::string& root);
 

@@ -1,0 +1,192 @@
+// Win32_DiskPartition, and which disk and which mounts belong to a partition: Win32_DiskDriveToDiskPartition and
+// Win32_LogicalDiskToPartition. Partitions of devices that are not hardware, such as images, are left out with their
+// disks. A partition is called "Disk #0, Partition #1" as on Windows, by which tools find its disk; Caption has Linux's
+// name.
+#include "facts/disk_partitions.h"
+
+#include <algorithm>
+#include <fmt/format.h>
+
+#include "facts/drive_files.h"
+#include "facts/host_names.h"
+#include "facts/system_text.h"
+#include "facts/volume_facts.h"
+#include "wql/class_tree.h"
+#include "wql/classes/drive_state.h"
+#include "wql/classes/storage_sources.h"
+#include "wql/object_path.h"
+
+namespace kv::wql {
+
+namespace {
+
+using enum CimType;
+
+struct Need {
+    enum Bits : std::uint32_t { entry = 1, blockSize = 2, place = 4, state = 8, access = 16, host = 32 };
+};
+
+struct Row {
+    facts::Partition partition;
+    facts::PartitionEntry entry;
+    std::optional<std::uint64_t> blockSize;  // bytes
+    std::string place;                       // its path below /sys/devices
+    bool works = true;                       // its disk
+    bool isReadOnly = false;
+    std::u16string host;
+};
+
+std::string PartitionIdOf(const facts::Partition& partition) {
+    return fmt::format("Disk #{}, Partition #{}", partition.diskIndex, partition.index);
+}
+
+std::optional<std::uint64_t> BlocksIn(const Row& row) {
+    if (row.blockSize.value_or(0) == 0) return std::nullopt;
+    return row.partition.size / *row.blockSize;
+}
+
+constexpr auto idIn = [](const Row& row) { return PartitionIdOf(row.partition); };
+constexpr auto typeIn = [](const Row& row) { return row.entry.typeName(); };
+constexpr auto bootableIn = [](const Row& row) { return row.entry.isBootable(); };
+
+// clang-format off
+constexpr PropertyInfo properties[] = {
+    {u"Access", uint16, Need::access, "1 read-only, 3 for reading and writing", [](const Row& row) { return row.isReadOnly ? 1 : 3; }},
+    {u"AdditionalAvailability", uint16},
+    {u"Availability", uint16},
+    {u"BlockSize", uint64, Need::blockSize, "bytes, of its disk's queue/logical_block_size", [](const Row& row) { return row.blockSize; }},
+    {u"Bootable", boolean, Need::entry, "whether the firmware boots from it: marked so, or a system partition; from udev", bootableIn},
+    {u"BootPartition", boolean, Need::entry, "as Bootable", bootableIn},
+    {u"Caption", string, 0, "such as /dev/sda1", [](const Row& row) { return "/dev/" + row.partition.name; }},
+    {u"ConfigManagerErrorCode", uint32, Need::state, errorCodeMeaning, [](const Row& row) { return ErrorCodeOf(row.works); }},
+    {u"ConfigManagerUserConfig", boolean, 0, userConfigMeaning, [](const Row&) { return false; }},
+    {u"CreationClassName", string, 0, "this class", [](const Row&) { return u"Win32_DiskPartition"; }},
+    {u"Description", string, Need::entry, "as Type", typeIn},
+    {u"DeviceID", string, 0, "Disk #0, Partition #1, by DiskIndex and Index", idIn},
+    {u"DiskIndex", uint32, 0, "Index of its Win32_DiskDrive", [](const Row& row) { return row.partition.diskIndex; }},
+    {u"ErrorCleared", boolean},
+    {u"ErrorDescription", string},
+    {u"ErrorMethodology", string},
+    {u"HiddenSectors", uint32},
+    {u"IdentifyingDescriptions", ArrayOf(string)},
+    {u"Index", uint32, 0, "on its disk, from 0 in the order of the kernel's numbers", [](const Row& row) { return row.partition.index; }},
+    {u"InstallDate", datetime},
+    {u"LastErrorCode", uint32},
+    {u"MaxQuiesceTime", uint64},
+    {u"Name", string, 0, "as DeviceID", idIn},
+    {u"NumberOfBlocks", uint64, Need::blockSize, "Size in blocks of BlockSize", [](const Row& row) { return BlocksIn(row); }},
+    {u"OtherIdentifyingInfo", uint64},
+    {u"PNPDeviceID", string, Need::place, "its path below /sys/devices", [](const Row& row) { return facts::KnownText(row.place); }},
+    {u"PowerManagementCapabilities", ArrayOf(uint16)},
+    {u"PowerManagementSupported", boolean},
+    {u"PowerOnHours", uint64},
+    {u"PrimaryPartition", boolean, Need::entry, "neither a logical partition of an MBR nor the one that holds them; from udev",
+        [](const Row& row) { return row.entry.isPrimary(); }},
+    {u"Purpose", string},
+    {u"RewritePartition", boolean},
+    {u"Size", uint64, 0, "bytes", [](const Row& row) { return row.partition.size; }},
+    {u"StartingOffset", uint64, 0, "bytes, where it starts on its disk", [](const Row& row) { return row.partition.start; }},
+    {u"Status", string, Need::state, "OK, or Error if its disk's driver has given it up", [](const Row& row) { return StatusOf(row.works); }},
+    {u"StatusInfo", uint16},
+    {u"SystemCreationClassName", string, 0, "the computer's class", [](const Row&) { return u"Win32_ComputerSystem"; }},
+    {u"SystemName", string, Need::host, "the computer's name", [](const Row& row) { return row.host; }},
+    {u"TotalPowerOnHours", uint64},
+    {u"Type", string, Need::entry, "in words such as GPT: System, from udev; Unknown if it has none", typeIn},
+};
+
+/// An object of either association.
+struct Link {
+    std::u16string antecedent;
+    std::u16string dependent;
+    std::uint64_t start = 0;  // bytes
+    std::uint64_t end = 0;
+};
+
+constexpr PropertyInfo driveToPartition[] = {
+    {u"Antecedent", reference, 0, "the Win32_DiskDrive", [](const Link& link) { return link.antecedent; }},
+    {u"Dependent", reference, 0, "the Win32_DiskPartition", [](const Link& link) { return link.dependent; }},
+};
+
+constexpr PropertyInfo logicalDiskToPartition[] = {
+    {u"Antecedent", reference, 0, "the Win32_DiskPartition", [](const Link& link) { return link.antecedent; }},
+    {u"Dependent", reference, 0, "the Win32_LogicalDisk", [](const Link& link) { return link.dependent; }},
+    {u"EndingAddress", uint64, 0, "the partition's last byte on its disk", [](const Link& link) { return link.end; }},
+    {u"StartingAddress", uint64, 0, "the partition's first byte on its disk", [](const Link& link) { return link.start; }},
+};
+// clang-format on
+
+std::u16string PathOf(const facts::Partition& partition) {
+    return ObjectPath(u"Win32_DiskPartition", {{u"DeviceID", PartitionIdOf(partition)}});
+}
+
+void FillRow(const Gathering& gathering, const std::string& root, Row& row) {
+    const std::string disk = root + "/sys/block/" + row.partition.disk;
+    const std::string& folder = row.partition.folder;
+    if (gathering.asksFor(Need::entry)) {
+        const std::string device = facts::ReadSystemLine(folder + "/dev").value_or("");
+        row.entry = facts::ParsePartitionEntry(facts::ReadUdevData(device, root));
+    }
+    if (gathering.asksFor(Need::blockSize)) row.blockSize = facts::ReadSystemNumber(disk + "/queue/logical_block_size");
+    if (gathering.asksFor(Need::place)) row.place = facts::PlaceOfDevice(folder);
+    if (gathering.asksFor(Need::state)) row.works = facts::IsDriveWorking(disk);
+    if (gathering.asksFor(Need::access)) row.isReadOnly = facts::ReadSystemNumber(folder + "/ro").value_or(0) != 0;
+}
+
+constexpr ClassInfo classes[] = {
+    {u"Win32_DiskPartition", u"CIM_DiskPartition", properties,
+     [](const Gathering& gathering) { return GatherDiskPartitions(gathering, {}); }, u"DeviceID"},
+    {u"Win32_DiskDriveToDiskPartition", u"CIM_MediaPresent", driveToPartition,
+     [](const Gathering& gathering) { return GatherDrivesToPartitions(gathering, {}); }, u"Antecedent,Dependent"},
+    {u"Win32_LogicalDiskToPartition", u"CIM_LogicalDiskBasedOnPartition", logicalDiskToPartition,
+     [](const Gathering& gathering) { return GatherLogicalDisksToPartitions(gathering, {}); }, u"Antecedent,Dependent"},
+};
+
+const ClassFamily family([] { return std::span<const ClassInfo>(classes); });
+
+}  // namespace
+
+WmiStatus GatherDiskPartitions(const Gathering& gathering, const std::string& root) {
+    std::optional<std::vector<facts::Partition>> partitions = facts::ListPartitions(root);
+    if (!partitions) return wmi_status::providerFailure;
+    const std::u16string host = gathering.asksFor(Need::host) ? facts::HostName() : std::u16string();
+    for (facts::Partition& partition : *partitions) {
+        Row row;
+        row.partition = std::move(partition);
+        row.host = host;
+        FillRow(gathering, root, row);
+        if (!gathering.row(&row)) break;
+    }
+    return wmi_status::ok;
+}
+
+WmiStatus GatherDrivesToPartitions(const Gathering& gathering, const std::string& root) {
+    const std::optional<std::vector<facts::Partition>> partitions = facts::ListPartitions(root);
+    if (!partitions) return wmi_status::providerFailure;
+    for (const facts::Partition& partition : *partitions) {
+        Link link;
+        link.antecedent = ObjectPath(u"Win32_DiskDrive", {{u"DeviceID", "/dev/" + partition.disk}});
+        link.dependent = PathOf(partition);
+        if (!gathering.row(&link)) break;
+    }
+    return wmi_status::ok;
+}
+
+WmiStatus GatherLogicalDisksToPartitions(const Gathering& gathering, const std::string& root) {
+    const std::optional<std::vector<facts::Partition>> partitions = facts::ListPartitions(root);
+    const std::optional<std::string> mounts = platform::ReadSystemFile(root + "/proc/self/mountinfo");
+    if (!partitions || !mounts) return wmi_status::providerFailure;
+    for (const facts::Mount& mount : facts::DisksAmong(facts::ParseMountInfo(*mounts))) {
+        const auto partition =
+            std::ranges::find(*partitions, facts::BlockDeviceOf(mount, root), &facts::Partition::name);
+        if (partition == partitions->end()) continue;
+        Link link;
+        link.antecedent = PathOf(*partition);
+        link.dependent = ObjectPath(u"Win32_LogicalDisk", {{u"DeviceID", mount.mountPoint}});
+        link.start = partition->start;
+        link.end = partition->start + std::max<std::uint64_t>(partition->size, 1) - 1;
+        if (!gathering.row(&link)) break;
+    }
+    return wmi_status::ok;
+}
+
+}  // namespace kv::wql
