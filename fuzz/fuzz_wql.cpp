@@ -55,7 +55,7 @@ constexpr PropertyInfo properties[] = {
     {u"U8", CimType::uint64, 1, "", [](const Row& row) { return row.large; }},
 };
 
-constexpr ClassInfo everyType{.name = u"EveryType", .superclass = u"", .properties = properties};
+constexpr ClassInfo everyType{.name = u"EveryType", .superclass = u"", .properties = properties, .keys = u"I4,S"};
 
 const Row rows[] = {
     {true, 1, 1, 1.0, u"a", DmtfTime(0)},
@@ -80,11 +80,13 @@ std::u16string Wrapped(std::u16string_view text, std::u16string_view before) {
 
 /// False when the text now exceeds the bounds.
 bool ReadAgain(std::u16string_view text, BoundCondition& bound) {
-    WqlQuery query;
-    const WmiStatus status = ParseWql(text, query);
+    WqlStatement statement;
+    const WmiStatus status = ParseWql(text, statement);
     if (status == wmi_status::quotaViolation) return false;
-    Require(status == wmi_status::ok && query.where != nullptr, "a condition in parentheses was refused");
-    Require(BindCondition(*query.where, everyType, bound) == wmi_status::ok, "the same condition was not bound");
+    const auto* query = std::get_if<WqlQuery>(&statement);
+    Require(status == wmi_status::ok && query != nullptr && query->where != nullptr,
+            "a condition in parentheses was refused");
+    Require(BindCondition(*query->where, everyType, bound) == wmi_status::ok, "the same condition was not bound");
     return true;
 }
 
@@ -101,11 +103,21 @@ void CheckRestrictions(const BoundCondition& condition) {
     }
 }
 
+/// A path that is written again from what was read names the same.
+void CheckPath(const ObjectName& object) {
+    if (std::ranges::any_of(object.keys, [](const PathKey& key) { return key.name.empty(); })) return;
+    const std::u16string path = RelativePath(object.className, object.keys);
+    const std::optional<ObjectName> again = ParseObjectPath(path);
+    Require(again && RelativePath(again->className, again->keys) == path, "a path came back as another");
+}
+
 void RunQuery(std::u16string_view text) {
-    WqlQuery query;
+    WqlStatement statement;
     BoundCondition condition;
-    if (ParseWql(text, query) != wmi_status::ok) return;
-    if (query.where == nullptr || BindCondition(*query.where, everyType, condition) != wmi_status::ok) return;
+    if (ParseWql(text, statement) != wmi_status::ok) return;
+    const auto* query = std::get_if<WqlQuery>(&statement);
+    if (query == nullptr) return CheckPath(std::get<AssociationQuery>(statement).object);
+    if (query->where == nullptr || BindCondition(*query->where, everyType, condition) != wmi_status::ok) return;
     Require(NeedsOf(condition) <= 1, "a need that no property has");
     CheckRestrictions(condition);
     BoundCondition again;
@@ -144,7 +156,7 @@ void CheckValue(std::u16string_view text) {
         Require(CompareValues(BroughtTo(property.type, value), value) == CompareValues(value, value),
                 "a converted value changes when it is converted again");
     }
-    const std::optional<std::int64_t> moment = MicrosecondsOfDmtf(text);
+    const std::optional<std::int64_t> moment = MicrosecondsOfQueryText(text);
     if (!moment) return;
     const bool isInside = *moment > *MicrosecondsOfDmtf(u"00010102000000.000000+000") &&
                           *moment < *MicrosecondsOfDmtf(u"99991231000000.000000+000");

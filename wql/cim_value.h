@@ -107,8 +107,12 @@ CimValue NumberOfText(std::u16string_view text);
 /// outside the years 1 to 9999 are clamped to them.
 std::u16string DmtfTime(std::int64_t microsecondsSince1970);
 
-/// The moment that a DMTF text of full length names, in microseconds since 1970; absent for any other text. "+***" in
-/// place of the offset means local time.
+/// The moment that a DMTF text of full length names, in microseconds since 1970; absent for any other text.
 std::optional<std::int64_t> MicrosecondsOfDmtf(std::u16string_view text);
+
+/// The moment that a text in a query names, in microseconds since 1970: a DMTF text of full length, or a date in local
+/// time, "20260131", "2026-01-31" or "1/31/2026", alone or with a time after a blank: "9:05", "09:05:30",
+/// "09:05:30.25", "9:05 PM". A date without a time is its midnight. Absent for any other text.
+std::optional<std::int64_t> MicrosecondsOfQueryText(std::u16string_view text);
 
 }  // namespace kv::wql

@@ -56,6 +56,16 @@ const PropertyInfo* FindProperty(const ClassInfo& classInfo, std::u16string_view
     return found != classInfo.properties.end() && CompareNames(found->name, name) == 0 ? &*found : nullptr;
 }
 
+std::vector<const PropertyInfo*> KeyProperties(const ClassInfo& classInfo) {
+    std::vector<const PropertyInfo*> keys;
+    for (std::u16string_view rest = classInfo.keys; !rest.empty();) {
+        const std::size_t end = std::min(rest.find(u','), rest.size());
+        if (const PropertyInfo* key = FindProperty(classInfo, rest.substr(0, end))) keys.push_back(key);
+        rest.remove_prefix(std::min(end + 1, rest.size()));
+    }
+    return keys;
+}
+
 bool IsA(const ClassInfo& classInfo, std::u16string_view name) {
     const ClassInfo* at = &classInfo;
     while (at != nullptr && CompareNames(at->name, name) != 0) {

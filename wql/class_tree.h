@@ -36,6 +36,9 @@ const ClassInfo* FindClass(std::u16string_view name);
 /// Null if the class has no such property.
 const PropertyInfo* FindProperty(const ClassInfo& classInfo, std::u16string_view name);
 
+/// The properties that tell a class's objects apart; empty for an abstract class, and for one with a single object.
+std::vector<const PropertyInfo*> KeyProperties(const ClassInfo& classInfo);
+
 /// Whether a class is the named one or inherits from it.
 bool IsA(const ClassInfo& classInfo, std::u16string_view name);
 

@@ -5,6 +5,8 @@
 #include <utility>
 
 #include "wql/class_tree.h"
+#include "wql/system_properties.h"
+#include "wql/wql_token.h"
 
 namespace kv::wql {
 
@@ -27,6 +29,14 @@ bool Holds(ComparisonOperator compare, std::partial_ordering order) {
     }
 }
 
+/// A text's order, as what the text means in a property of its type.
+std::partial_ordering OrderOf(CimType type, const CimValue& value, const CimValue& other) {
+    if (type != CimType::datetime && type != CimType::reference) return CompareValues(value, other);
+    const std::u16string_view text = std::get<std::u16string>(value.held);
+    if (type == CimType::datetime) return CompareValues(MicrosecondsOfDmtf(text), other);
+    return CompareValues(WithoutNamespace(text), WithoutNamespace(std::get<std::u16string>(other.held)));
+}
+
 /// The result for a value of the declared type.
 Truth Compare(CimType type, const CimValue& value, const BoundComparison& comparison) {
     if (comparison.value.isNull()) return value.isNull() == (comparison.compare == ComparisonOperator::equal);
@@ -34,24 +44,9 @@ Truth Compare(CimType type, const CimValue& value, const BoundComparison& compar
     if (comparison.compare == ComparisonOperator::like) {
         return IsLike(std::get<std::u16string>(value.held), std::get<std::u16string>(comparison.value.held));
     }
-    const std::partial_ordering order =
-        type == CimType::datetime
-            ? CompareValues(MicrosecondsOfDmtf(std::get<std::u16string>(value.held)), comparison.value)
-            : CompareValues(value, comparison.value);
+    const std::partial_ordering order = OrderOf(type, value, comparison.value);
     if (order == std::partial_ordering::unordered) return std::nullopt;
     return Holds(comparison.compare, order);
-}
-
-CimValue LiteralValue(const Literal& literal) {
-    return std::visit(
-        [](const auto& value) {
-            if constexpr (std::is_same_v<std::decay_t<decltype(value)>, NullLiteral>) {
-                return CimValue();
-            } else {
-                return CimValue(value);
-            }
-        },
-        literal);
 }
 
 /// Not converted to the property's type, so that a number too large for the type compares as what it is.
@@ -64,60 +59,64 @@ CimValue BoundNumber(CimType type, const CimValue& value) {
 
 CimValue BoundMoment(const CimValue& value) {
     const auto* text = std::get_if<std::u16string>(&value.held);
-    return text != nullptr ? MicrosecondsOfDmtf(*text) : CimValue();
+    return text != nullptr ? MicrosecondsOfQueryText(*text) : CimValue();
+}
+
+/// TRUE, FALSE, 1 or 0, in quotes or not.
+CimValue BoundTruth(const CimValue& value) {
+    CimValue truth = BroughtTo(CimType::boolean, value);
+    const CimValue number = BoundNumber(CimType::sint64, value);
+    const bool isOther = !number.isNull() && CompareValues(truth, number) != 0;
+    return isOther ? CimValue() : truth;
 }
 
 /// Converts a literal other than NULL to a value to compare with; NULL if it does not suit the property.
 CimValue BoundValue(CimType type, const Literal& literal) {
     if (IsArray(type)) return {};
-    const CimValue value = LiteralValue(literal);
+    const CimValue value = ValueOfLiteral(literal);
     if (type == CimType::datetime) return BoundMoment(value);
-    if (type == CimType::string || type == CimType::boolean) return BroughtTo(type, value);
+    if (type == CimType::boolean) return BoundTruth(value);
+    if (type == CimType::string || type == CimType::reference) return BroughtTo(type, value);
     return BoundNumber(type, value);
+}
+
+bool IsOrder(ComparisonOperator compare) {
+    return compare != ComparisonOperator::equal && compare != ComparisonOperator::notEqual;
 }
 
 WmiStatus BindLiteral(const Comparison& comparison, CimType type, BoundComparison& bound) {
     bound.compare = comparison.compare;
     if (std::holds_alternative<NullLiteral>(comparison.literal)) return wmi_status::ok;
     if (comparison.compare == ComparisonOperator::like && type != CimType::string) return wmi_status::invalidQuery;
+    if (type == CimType::boolean && IsOrder(comparison.compare)) return wmi_status::invalidQuery;
     bound.value = BoundValue(type, comparison.literal);
     return bound.value.isNull() ? wmi_status::invalidQuery : wmi_status::ok;
 }
 
-/// The name of the topmost class above a class; its own name when it is the topmost.
-std::u16string_view TopmostClass(const ClassInfo& classInfo) {
-    const ClassInfo* at = &classInfo;
-    while (!at->superclass.empty()) {
-        const ClassInfo* above = FindClass(at->superclass);
-        if (above == nullptr) return at->superclass;
-        at = above;
-    }
-    return at->name;
-}
-
-WmiStatus BindConstant(const Comparison& comparison, const CimValue& ofClass, BoundComparison& bound) {
-    const WmiStatus status = BindLiteral(comparison, CimType::string, bound);
-    if (!IsFailure(status)) bound.constant = Compare(CimType::string, ofClass, bound);
+WmiStatus BindConstant(const Comparison& comparison, const ClassFact& fact, BoundComparison& bound) {
+    const WmiStatus status = BindLiteral(comparison, fact.type, bound);
+    if (!IsFailure(status)) bound.constant = Compare(fact.type, fact.value, bound);
     return status;
 }
 
-/// For system properties, which depend only on the class.
 WmiStatus BindSystemProperty(const Comparison& comparison, const ClassInfo& classInfo, BoundComparison& bound) {
-    const auto isNamed = [&comparison](std::u16string_view name) {
-        return CompareNames(comparison.property, name) == 0;
-    };
     if (comparison.compare == ComparisonOperator::isA) {
         bound.constant = IsA(classInfo, std::get<std::u16string>(comparison.literal));
-        return isNamed(u"__THIS") ? wmi_status::ok : wmi_status::invalidQuery;
+        return CompareNames(comparison.property, u"__THIS") == 0 ? wmi_status::ok : wmi_status::invalidQuery;
     }
-    if (isNamed(u"__CLASS")) return BindConstant(comparison, classInfo.name, bound);
-    if (isNamed(u"__DYNASTY")) return BindConstant(comparison, TopmostClass(classInfo), bound);
-    if (!isNamed(u"__SUPERCLASS")) return wmi_status::invalidQuery;
-    const bool hasSuperclass = !classInfo.superclass.empty();
-    return BindConstant(comparison, hasSuperclass ? CimValue(classInfo.superclass) : CimValue(), bound);
+    if (const std::optional<ClassFact> fact = ClassFactOf(classInfo, comparison.property)) {
+        return BindConstant(comparison, *fact, bound);
+    }
+    bound.path = PathProperty(classInfo, comparison.property);
+    bound.property = bound.path.get();
+    return bound.path != nullptr ? BindLiteral(comparison, CimType::string, bound) : wmi_status::invalidQuery;
 }
 
+/// A property of an embedded object. No property here holds one, so that there is nothing to compare with.
+bool IsEmbedded(const Comparison& comparison) { return comparison.property.find(u'.') != std::u16string::npos; }
+
 WmiStatus BindComparison(const Comparison& comparison, const ClassInfo& classInfo, BoundComparison& bound) {
+    if (IsEmbedded(comparison)) return wmi_status::ok;
     if (comparison.property.starts_with(u"__")) return BindSystemProperty(comparison, classInfo, bound);
     bound.property = FindProperty(classInfo, comparison.property);
     if (bound.property == nullptr || comparison.compare == ComparisonOperator::isA) return wmi_status::invalidQuery;

@@ -5,6 +5,7 @@
 // to case, datetimes as moments.
 #pragma once
 
+#include <memory>
 #include <optional>
 #include <string_view>
 #include <vector>
@@ -18,10 +19,11 @@ namespace kv::wql {
 using Truth = std::optional<bool>;
 
 struct BoundComparison {
-    const PropertyInfo* property = nullptr;  // null: the class itself, for __THIS ISA and __CLASS
+    const PropertyInfo* property = nullptr;  // null: the result is constant
     ComparisonOperator compare = ComparisonOperator::equal;
     CimValue value;  // what the property's value is compared with; for a datetime, microseconds since 1970
-    Truth constant;  // the result if it does not depend on the object (property is null)
+    Truth constant;  // the result if it does not depend on the object
+    std::shared_ptr<const PropertyInfo> path;  // owns the property if that is __PATH or __RELPATH
 };
 
 struct BoundCondition {
@@ -33,12 +35,14 @@ struct BoundCondition {
 
 /// Binds a condition to a class. invalidQuery if the class lacks a property, or if the property cannot be compared with
 /// the literal:
-/// - A number takes numbers, in quotes or not. A boolean also takes TRUE and FALSE in quotes; a number is true unless
-/// it
-///   is 0. Text takes everything; a number is written as text. A datetime takes only a DMTF text, an array only NULL.
+/// - A number takes numbers, in quotes or not. A boolean takes TRUE, FALSE, 1 and 0, in quotes or not, and only to be
+///   equal or unequal. Text takes everything; a number is written as text. A datetime takes the texts of
+///   MicrosecondsOfQueryText, a reference takes paths, an array only NULL.
 /// - LIKE needs text, and ISA needs __THIS.
-/// - Of the system properties, __CLASS is the class's name, __SUPERCLASS its superclass's, and __DYNASTY that of the
-///   topmost class above it. Others cannot be compared.
+/// - Of the system properties, __CLASS, __SUPERCLASS and the like depend only on the class; __PATH and __RELPATH are
+/// the
+///   object's.
+/// - A property of an embedded object (Name.Other) does not exist here: the result is neither true nor false.
 WmiStatus BindCondition(const Condition& condition, const ClassInfo& classInfo, BoundCondition& bound);
 
 /// Whether an object, given as its row record, matches.

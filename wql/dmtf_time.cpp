@@ -6,6 +6,7 @@
 #include <ctime>
 
 #include "wql/cim_value.h"
+#include "wql/class_tree.h"
 
 namespace kv::wql {
 
@@ -18,12 +19,13 @@ using Moment = sys_time<microseconds>;
 constexpr Moment earliest = sys_days(year(1) / 1 / 2);
 constexpr Moment latest = sys_days(year(9999) / 12 / 31) - microseconds(1);
 
-constexpr std::u16string_view offsetForm = u"dddddddddddddd.dddddd+ddd";
-constexpr std::u16string_view formOfLocalTime = u"dddddddddddddd.dddddd+***";
+constexpr std::u16string_view dmtfForm = u"dddddddddddddd.dddddd+ddd";
+
+bool IsDigit(char16_t unit) { return unit >= u'0' && unit <= u'9'; }
 
 bool HasForm(std::u16string_view text, std::u16string_view form) {
     return std::equal(text.begin(), text.end(), form.begin(), form.end(), [](char16_t unit, char16_t wanted) {
-        if (wanted == u'd') return unit >= u'0' && unit <= u'9';
+        if (wanted == u'd') return IsDigit(unit);
         return unit == wanted || (wanted == u'+' && unit == u'-');
     });
 }
@@ -41,6 +43,74 @@ minutes OffsetAt(Moment moment) {
     std::tm local{};
     if (localtime_r(&sinceEpoch, &local) == nullptr) return minutes(0);
     return minutes(local.tm_gmtoff / 60);
+}
+
+Moment MomentOfLocalTime(Moment local) { return local - OffsetAt(local - OffsetAt(local)); }
+
+/// Takes a number off a text; absent if it has fewer or more digits than these.
+std::optional<unsigned> TakeNumber(std::u16string_view& text, std::size_t fewest, std::size_t most) {
+    const auto end = std::find_if_not(text.begin(), text.end(), IsDigit);
+    const auto count = static_cast<std::size_t>(end - text.begin());
+    if (count < fewest || count > most) return std::nullopt;
+    const unsigned number = NumberAt(text, 0, count);
+    text.remove_prefix(count);
+    return number;
+}
+
+bool TakeUnit(std::u16string_view& text, char16_t unit) {
+    const bool isNext = text.starts_with(unit);
+    if (isNext) text.remove_prefix(1);
+    return isNext;
+}
+
+year_month_day DateOf(unsigned years, unsigned months, unsigned days) {
+    return {year(static_cast<int>(years)), month(months), day(days)};
+}
+
+std::optional<year_month_day> TakeDate(std::u16string_view& text) {
+    if (const std::optional<unsigned> whole = TakeNumber(text, 8, 8)) {
+        return DateOf(*whole / 10000, *whole / 100 % 100, *whole % 100);
+    }
+    const std::optional<unsigned> leadingYear = TakeNumber(text, 4, 4);
+    const char16_t separator = leadingYear ? u'-' : u'/';
+    const std::optional<unsigned> month = leadingYear && !TakeUnit(text, u'-') ? std::nullopt : TakeNumber(text, 1, 2);
+    if (!month || !TakeUnit(text, separator)) return std::nullopt;
+    const std::optional<unsigned> day = TakeNumber(text, 1, 2);
+    if (!day) return std::nullopt;
+    if (leadingYear) return DateOf(*leadingYear, *month, *day);
+    const std::optional<unsigned> year = TakeUnit(text, u'/') ? TakeNumber(text, 4, 4) : std::nullopt;
+    return year ? std::optional(DateOf(*year, *month, *day)) : std::nullopt;
+}
+
+/// The fraction of a second after its point, to the microsecond.
+std::optional<microseconds> TakeFraction(std::u16string_view& text) {
+    const std::size_t size = text.size();
+    const std::optional<unsigned> number = TakeNumber(text, 1, 6);
+    if (!number) return std::nullopt;
+    microseconds fraction(*number);
+    for (std::size_t digits = size - text.size(); digits < 6; ++digits) fraction *= 10;
+    return fraction;
+}
+
+/// An hour of the day by its number and "AM" or "PM" after it; without these by its number alone.
+std::optional<hours> HourOf(unsigned number, std::u16string_view half) {
+    if (half.empty()) return number < 24 ? std::optional(hours(number)) : std::nullopt;
+    const bool isAfternoon = CompareNames(half, u" PM") == 0;
+    if ((!isAfternoon && CompareNames(half, u" AM") != 0) || number == 0 || number > 12) return std::nullopt;
+    return hours(number % 12 + (isAfternoon ? 12 : 0));
+}
+
+/// The time of day that a whole text names.
+std::optional<microseconds> TimeOfDay(std::u16string_view text) {
+    const std::optional<unsigned> hour = TakeNumber(text, 1, 2);
+    if (!hour || !TakeUnit(text, u':')) return std::nullopt;
+    const std::optional<unsigned> minute = TakeNumber(text, 1, 2);
+    const std::optional<unsigned> second = TakeUnit(text, u':') ? TakeNumber(text, 1, 2) : 0;
+    const std::optional<microseconds> fraction = TakeUnit(text, u'.') ? TakeFraction(text) : microseconds(0);
+    if (!minute || !second || !fraction || *minute > 59 || *second > 59) return std::nullopt;
+    const std::optional<hours> hourOfDay = HourOf(*hour, text);
+    if (!hourOfDay) return std::nullopt;
+    return *hourOfDay + minutes(*minute) + seconds(*second) + *fraction;
 }
 
 }  // namespace
@@ -62,8 +132,7 @@ std::u16string DmtfTime(std::int64_t microsecondsSince1970) {
 }
 
 std::optional<std::int64_t> MicrosecondsOfDmtf(std::u16string_view text) {
-    const bool isLocalTime = HasForm(text, formOfLocalTime);
-    if (!isLocalTime && !HasForm(text, offsetForm)) return std::nullopt;
+    if (!HasForm(text, dmtfForm)) return std::nullopt;
     const year_month_day date(year(static_cast<int>(NumberAt(text, 0, 4))), month(NumberAt(text, 4, 2)),
                               day(NumberAt(text, 6, 2)));
     const hours hour(NumberAt(text, 8, 2));
@@ -71,9 +140,19 @@ std::optional<std::int64_t> MicrosecondsOfDmtf(std::u16string_view text) {
     const seconds second(NumberAt(text, 12, 2));
     if (!date.ok() || hour >= days(1) || minute >= hours(1) || second >= minutes(1)) return std::nullopt;
     const Moment local = sys_days(date) + hour + minute + second + microseconds(NumberAt(text, 15, 6));
-    if (isLocalTime) return (local - OffsetAt(local - OffsetAt(local))).time_since_epoch().count();
     const minutes distance(NumberAt(text, 22, 3));
     return (text[21] == u'-' ? local + distance : local - distance).time_since_epoch().count();
+}
+
+std::optional<std::int64_t> MicrosecondsOfQueryText(std::u16string_view text) {
+    if (const std::optional<std::int64_t> moment = MicrosecondsOfDmtf(text)) return moment;
+    const std::optional<year_month_day> date = TakeDate(text);
+    if (!date || !date->ok()) return std::nullopt;
+    const std::optional<microseconds> time = text.empty()           ? microseconds(0)
+                                             : TakeUnit(text, u' ') ? TimeOfDay(text)
+                                                                    : std::nullopt;
+    if (!time) return std::nullopt;
+    return MomentOfLocalTime(sys_days(*date) + *time).time_since_epoch().count();
 }
 
 }  // namespace kv::wql

@@ -1,6 +1,11 @@
 #include "wql/object_path.h"
 
+#include <algorithm>
+#include <utility>
+
 #include "facts/host_names.h"
+#include "wql/class_tree.h"
+#include "wql/wql_token.h"
 
 namespace kv::wql {
 
@@ -25,6 +30,39 @@ void AppendValue(std::u16string& path, const CimValue& value) {
     }
 }
 
+bool TakeSign(std::u16string_view& rest, std::u16string_view sign) {
+    std::u16string_view after = rest;
+    if (TakeToken(after).spelling != sign) return false;
+    rest = after;
+    return true;
+}
+
+bool TakeName(std::u16string_view& rest, std::u16string& name) {
+    const Token token = TakeToken(rest);
+    name = token.spelling;
+    return token.kind == TokenKind::word;
+}
+
+bool TakeValue(std::u16string_view& rest, CimValue& value) {
+    const Token token = TakeToken(rest);
+    if (token.kind == TokenKind::string || token.kind == TokenKind::number) {
+        value = ValueOfLiteral(token.literal);
+        return true;
+    }
+    if (CompareNames(token.spelling, u"TRUE") == 0) value = true;
+    if (CompareNames(token.spelling, u"FALSE") == 0) value = false;
+    return !value.isNull();
+}
+
+/// What follows the class's name and a point.
+bool TakeKeys(std::u16string_view& rest, std::vector<PathKey>& keys) {
+    do {
+        PathKey& key = keys.emplace_back();
+        if (!TakeName(rest, key.name) || !TakeSign(rest, u"=") || !TakeValue(rest, key.value)) return false;
+    } while (TakeSign(rest, u","));
+    return true;
+}
+
 }  // namespace
 
 std::u16string RelativePath(std::u16string_view className, const std::vector<PathKey>& keys) {
@@ -42,6 +80,26 @@ std::u16string RelativePath(std::u16string_view className, const std::vector<Pat
 
 std::u16string ObjectPath(std::u16string_view className, const std::vector<PathKey>& keys) {
     return u"\\\\" + facts::HostName() + u"\\root\\cimv2:" + RelativePath(className, keys);
+}
+
+std::u16string_view WithoutNamespace(std::u16string_view path) {
+    const std::size_t colon = path.find(u':');
+    const bool hasNamespace = colon != path.npos && colon < std::min(path.find_first_of(u"\"'"), path.size());
+    return hasNamespace ? path.substr(colon + 1) : path;
+}
+
+std::optional<ObjectName> ParseObjectPath(std::u16string_view path) {
+    std::u16string_view rest = WithoutNamespace(path);
+    ObjectName object;
+    if (!TakeName(rest, object.className)) return std::nullopt;
+    bool isRead = false;
+    if (TakeSign(rest, u".")) {
+        isRead = TakeKeys(rest, object.keys);
+    } else if (TakeSign(rest, u"=")) {
+        isRead = TakeSign(rest, u"@") || TakeValue(rest, object.keys.emplace_back().value);
+    }
+    const bool isWhole = TakeToken(rest).kind == TokenKind::end;
+    return isRead && isWhole ? std::optional(std::move(object)) : std::nullopt;
 }
 
 }  // namespace kv::wql

@@ -5,6 +5,7 @@
 // The routines keep no state: any thread may call them.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -14,8 +15,14 @@
 namespace kv::wql {
 
 struct PathKey {
-    std::u16string_view name;
-    CimValue value;
+    std::u16string name;  // empty if the path leaves it out, as one may for the only key of a class
+    CimValue value;       // not yet of the property's type
+};
+
+/// What a path names.
+struct ObjectName {
+    std::u16string className;
+    std::vector<PathKey> keys;  // empty for the only object of a class
 };
 
 /// The name within the namespace: "Win32_Service.Name="cron"". Without keys it is that of a class's only object.
@@ -23,5 +30,12 @@ std::u16string RelativePath(std::u16string_view className, const std::vector<Pat
 
 /// The full name of an object of this computer.
 std::u16string ObjectPath(std::u16string_view className, const std::vector<PathKey>& keys);
+
+/// A path without the computer and the namespace before it.
+std::u16string_view WithoutNamespace(std::u16string_view path);
+
+/// Reads a path, full or relative; absent for a text that does not name an object. Which computer and namespace it
+/// names is not looked at.
+std::optional<ObjectName> ParseObjectPath(std::u16string_view path);
 
 }  // namespace kv::wql

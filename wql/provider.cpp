@@ -11,7 +11,7 @@
 #include "platform/guarded.h"
 #include "wql/bounded_run.h"
 #include "wql/class_tree.h"
-#include "wql/query.h"
+#include "wql/statement.h"
 
 namespace kv::wql {
 
@@ -83,12 +83,11 @@ WmiStatus ConnectServer(WmiHandle locator, std::u16string_view nameSpace, WmiHan
 
 WmiStatus ExecQuery(WmiHandle services, std::u16string_view text, WmiHandle& enumerator) {
     if (ThingOf<Services>(services) == nullptr) return wmi_status::invalidParameter;
-    auto query = std::make_shared<BoundQuery>();
-    WmiStatus status = PrepareQuery(text, *query);
+    PreparedStatement prepared;
+    WmiStatus status = PrepareStatement(text, prepared);
     if (IsFailure(status)) return status;
     Enumerator result;
-    status = StartBoundedRun(
-        query->className, queryLimit, [query](const ResultSink& sink) { return RunQuery(*query, sink); }, result.run);
+    status = StartBoundedRun(prepared.className, queryLimit, std::move(prepared.run), result.run);
     if (!IsFailure(status)) enumerator = NewWmiHandle(std::move(result));
     return status;
 }

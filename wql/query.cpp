@@ -1,17 +1,15 @@
 #include "wql/query.h"
 
 #include <algorithm>
-#include <ctime>
 #include <fmt/format.h>
 #include <utility>
 
 #include "wql/class_tree.h"
+#include "wql/system_properties.h"
 
 namespace kv::wql {
 
 namespace {
-
-bool IsSystemProperty(std::u16string_view name) { return name.starts_with(u"__"); }
 
 /// The properties of a class that a SELECT names, or all of them. invalidQuery if the class lacks one.
 WmiStatus SelectProperties(const WqlQuery& query, const ClassInfo& classInfo,
@@ -44,17 +42,7 @@ std::uint32_t NeedsOf(const ClassQuery& query) {
     return needs;
 }
 
-ResultObject ObjectOf(const ClassQuery& query, const void* row) {
-    ResultObject object;
-    object.reserve(query.properties.size());
-    for (const PropertyInfo* property : query.properties) {
-        const CimValue value = property->read != nullptr ? property->read(row, *property) : CimValue();
-        object.push_back({property->name, VariantOf(property->type, value)});
-    }
-    return object;
-}
-
-WmiStatus GatherClass(const ClassQuery& query, const ResultSink& sink) {
+WmiStatus GatherClass(const ClassQuery& query, const ResultSink& sink, const RowSink& take) {
     Gathering gathering;
     gathering.needs = NeedsOf(query);
     if (query.where) {
@@ -63,7 +51,7 @@ WmiStatus GatherClass(const ClassQuery& query, const ResultSink& sink) {
     }
     gathering.notice = sink.notice;
     gathering.row = [&](const void* row) {
-        if (!query.where || Matches(*query.where, row)) sink.object(ObjectOf(query, row));
+        if (!query.where || Matches(*query.where, row)) take(query, row);
         return sink.wantsMore();
     };
     return query.classInfo->gather(gathering);
@@ -72,6 +60,43 @@ WmiStatus GatherClass(const ClassQuery& query, const ResultSink& sink) {
 std::string LossNotice(const ClassQuery& query, WmiStatus status) {
     return fmt::format("Objects of {} are missing: status {:08x}", platform::Utf8FromWide(query.classInfo->name),
                        status);
+}
+
+/// The condition that a key has its value in a path.
+std::optional<BoundCondition> KeyCondition(const ClassInfo& classInfo, const PathKey& key) {
+    const std::vector<const PropertyInfo*> keys = KeyProperties(classInfo);
+    BoundCondition condition;
+    if (!key.name.empty()) {
+        condition.comparison.property = FindProperty(classInfo, key.name);
+    } else if (keys.size() == 1) {
+        condition.comparison.property = keys.front();
+    }
+    if (condition.comparison.property == nullptr) return std::nullopt;
+    condition.comparison.value = BroughtTo(condition.comparison.property->type, key.value);
+    return condition;
+}
+
+WmiStatus BindObjectOf(const ClassInfo& classInfo, const ObjectName& object, ClassQuery& query) {
+    query.classInfo = &classInfo;
+    for (const PropertyInfo& property : classInfo.properties) query.properties.push_back(&property);
+    if (object.keys.empty()) return wmi_status::ok;
+    query.where.emplace().form = BoundCondition::Form::conjunction;
+    for (const PathKey& key : object.keys) {
+        std::optional<BoundCondition> condition = KeyCondition(classInfo, key);
+        if (!condition) return wmi_status::invalidObjectPath;
+        query.where->operands.push_back(*std::move(condition));
+    }
+    return wmi_status::ok;
+}
+
+/// Calls a routine for each class that has objects and is the named one or inherits from it, until one fails.
+WmiStatus ForEachClass(const ClassInfo& named, const std::function<WmiStatus(const ClassInfo&)>& use) {
+    for (const ClassInfo* candidate : AllClasses()) {
+        if (candidate->gather == nullptr || !IsA(*candidate, named.name)) continue;
+        const WmiStatus status = use(*candidate);
+        if (IsFailure(status)) return status;
+    }
+    return wmi_status::ok;
 }
 
 }  // namespace
@@ -90,36 +115,59 @@ Range Gathering::rangeOf(std::u16string_view property) const {
     return {.property = property};
 }
 
-WmiStatus PrepareQuery(std::u16string_view text, BoundQuery& query) {
-    WqlQuery parsed;
-    WmiStatus status = ParseWql(text, parsed);
-    if (IsFailure(status)) return status;
-    const ClassInfo* named = FindClass(parsed.className);
+WmiStatus BindQuery(const WqlQuery& query, BoundQuery& bound) {
+    if (CompareNames(query.className, u"meta_class") == 0) return wmi_status::notSupported;
+    const ClassInfo* named = FindClass(query.className);
     if (named == nullptr) return wmi_status::invalidClass;
-    query.className = named->name;
     ClassQuery asNamed;
-    status = BindClass(parsed, *named, asNamed);
+    const WmiStatus status = BindClass(query, *named, asNamed);
     if (IsFailure(status)) return status;
-    for (const ClassInfo* candidate : AllClasses()) {
-        if (candidate->gather == nullptr || !IsA(*candidate, named->name)) continue;
+    return ForEachClass(*named, [&](const ClassInfo& classInfo) {
         ClassQuery part;
-        status = BindClass(parsed, *candidate, part);
-        if (IsFailure(status)) return status;
-        if (!part.where || CanMatch(*part.where)) query.parts.push_back(std::move(part));
-    }
-    return wmi_status::ok;
+        const WmiStatus result = BindClass(query, classInfo, part);
+        if (!IsFailure(result) && (!part.where || CanMatch(*part.where))) bound.parts.push_back(std::move(part));
+        return result;
+    });
 }
 
-WmiStatus RunQuery(const BoundQuery& query, const ResultSink& sink) {
-    tzset();  // the computer's time zone may have been changed
+BoundQuery BindWholeClass(const ClassInfo& classInfo) {
+    BoundQuery bound;
+    ForEachClass(classInfo, [&](const ClassInfo& one) { return BindObjectOf(one, {}, bound.parts.emplace_back()); });
+    return bound;
+}
+
+WmiStatus BindObject(const ObjectName& object, BoundQuery& bound) {
+    const ClassInfo* named = FindClass(object.className);
+    if (named == nullptr) return wmi_status::invalidClass;
+    return ForEachClass(*named, [&](const ClassInfo& classInfo) {
+        return BindObjectOf(classInfo, object, bound.parts.emplace_back());
+    });
+}
+
+ResultObject ObjectOf(const ClassQuery& query, const void* row) {
+    ResultObject object;
+    object.reserve(query.properties.size());
+    for (const PropertyInfo* property : query.properties) {
+        const CimValue value = property->read != nullptr ? property->read(row, *property) : CimValue();
+        object.push_back({property->name, VariantOf(property->type, value)});
+    }
+    return object;
+}
+
+WmiStatus GatherRows(const BoundQuery& query, const ResultSink& sink, const RowSink& take) {
     std::vector<WmiStatus> failures;
     for (const ClassQuery& part : query.parts) {
-        const WmiStatus status = GatherClass(part, sink);
+        const WmiStatus status = GatherClass(part, sink, take);
         if (IsFailure(status)) failures.push_back(status);
         if (!sink.wantsMore()) return wmi_status::ok;
         if (IsFailure(status) && query.parts.size() > 1) sink.notice(LossNotice(part, status));
     }
     return !failures.empty() && failures.size() == query.parts.size() ? failures.front() : wmi_status::ok;
+}
+
+WmiStatus RunQuery(const BoundQuery& query, const ResultSink& sink) {
+    return GatherRows(query, sink,
+                      [&sink](const ClassQuery& part, const void* row) { sink.object(ObjectOf(part, row)); });
 }
 
 }  // namespace kv::wql

@@ -24,7 +24,6 @@ struct ClassQuery {
 };
 
 struct BoundQuery {
-    std::u16string_view className;  // as declared
     std::vector<ClassQuery> parts;
 };
 
@@ -41,13 +40,30 @@ struct ResultSink {
     std::function<void(std::string text)> notice;  // UTF-8
 };
 
-/// Parses a query and binds it. Fails as ParseWql and BindCondition do, with invalidClass if there is no such class,
-/// and with invalidQuery for a property that the class lacks. SELECT may name system properties (__CLASS and the like),
-/// but the results do not have them.
-WmiStatus PrepareQuery(std::u16string_view text, BoundQuery& query);
+/// Fails as BindCondition does, with invalidClass if there is no such class, with notSupported for the class of all
+/// classes, and with invalidQuery for a property that the class lacks. SELECT may name system properties (__CLASS and
+/// the like), but the results do not have them.
+WmiStatus BindQuery(const WqlQuery& query, BoundQuery& bound);
 
-/// Gathers the objects that match, and stops when no more are wanted. Of several classes, one whose gather fails costs
-/// only its own objects, and a notice names it. If all fail, the first failure is the result.
+/// Binds a query for the objects that a path names, with all their properties. invalidClass if there is no such class,
+/// invalidObjectPath if it lacks a key.
+WmiStatus BindObject(const ObjectName& object, BoundQuery& bound);
+
+/// Binds a query for all objects of a class, or of its subclasses, with all their properties.
+BoundQuery BindWholeClass(const ClassInfo& classInfo);
+
+/// Takes an object as its class's row record, which is valid until this returns.
+using RowSink = std::function<void(const ClassQuery& query, const void* row)>;
+
+/// Gathers the row records that match, and stops when no more are wanted. Of several classes, one whose gather fails
+/// costs only its own objects, and a notice names it. If all fail, the first failure is the result. Of the sink,
+/// `object` is not used.
+WmiStatus GatherRows(const BoundQuery& query, const ResultSink& sink, const RowSink& take);
+
+/// The properties of an object that a query asks for.
+ResultObject ObjectOf(const ClassQuery& query, const void* row);
+
+/// GatherRows whose rows go to the sink as objects.
 WmiStatus RunQuery(const BoundQuery& query, const ResultSink& sink);
 
 }  // namespace kv::wql

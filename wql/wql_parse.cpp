@@ -36,13 +36,26 @@ bool Accept(Parser& parser, TokenKind kind, std::u16string_view spelling) {
 bool AcceptWord(Parser& parser, std::u16string_view word) { return Accept(parser, TokenKind::word, word); }
 bool AcceptSign(Parser& parser, std::u16string_view sign) { return Accept(parser, TokenKind::sign, sign); }
 
-bool ParseName(Parser& parser, std::u16string& name) {
+bool IsNameNext(const Parser& parser) {
     const auto isNext = [&parser](std::u16string_view word) { return IsNext(parser, TokenKind::word, word); };
-    if (parser.token.kind != TokenKind::word || std::any_of(std::begin(keyWords), std::end(keyWords), isNext)) {
-        return false;
-    }
+    return parser.token.kind == TokenKind::word && std::none_of(std::begin(keyWords), std::end(keyWords), isNext);
+}
+
+bool ParseName(Parser& parser, std::u16string& name) {
+    if (!IsNameNext(parser)) return false;
     name = parser.token.spelling;
     Advance(parser);
+    return true;
+}
+
+/// A property in WHERE, or one of an embedded object: Name.Other.
+bool ParseProperty(Parser& parser, std::u16string& name) {
+    if (!ParseName(parser, name)) return false;
+    while (AcceptSign(parser, u".")) {
+        std::u16string inner;
+        if (!ParseName(parser, inner)) return false;
+        name.append(u".").append(inner);
+    }
     return true;
 }
 
@@ -102,7 +115,7 @@ bool ParseLiteralAndOperator(Parser& parser, Comparison& comparison) {
     const OperatorSign* found = ParseOperator(parser);
     if (found == nullptr) return false;
     comparison.compare = found->turned;
-    return ParseName(parser, comparison.property);
+    return ParseProperty(parser, comparison.property);
 }
 
 bool ParseNullTest(Parser& parser, Comparison& comparison) {
@@ -138,8 +151,9 @@ ConditionPtr Negated(ConditionPtr operand) {
 ConditionPtr ParseComparison(Parser& parser) {
     Comparison comparison;
     bool isNegated = false;
-    const bool isRead = ParseName(parser, comparison.property) ? ParseTest(parser, comparison, isNegated)
-                                                               : ParseLiteralAndOperator(parser, comparison);
+    const bool isRead = IsNameNext(parser)
+                            ? ParseProperty(parser, comparison.property) && ParseTest(parser, comparison, isNegated)
+                            : ParseLiteralAndOperator(parser, comparison);
     if (!isRead || !MeansSomething(comparison)) return nullptr;
     auto condition = std::make_unique<Condition>(Condition{std::move(comparison)});
     return isNegated ? Negated(std::move(condition)) : std::move(condition);
@@ -205,17 +219,80 @@ bool ParseSelect(Parser& parser, WqlQuery& query) {
     return parser.token.kind == TokenKind::end;
 }
 
+/// The part of a text before the brace that closes it; quotes hide braces. Absent if it is never closed.
+std::optional<std::u16string_view> TextInBraces(std::u16string_view text) {
+    char16_t quote = 0;
+    for (std::size_t at = 0; at < text.size(); ++at) {
+        const char16_t unit = text[at];
+        if (quote == 0 && unit == u'}') return text.substr(0, at);
+        if (quote != 0 && unit == u'\\') {
+            ++at;
+        } else if (unit == quote) {
+            quote = 0;
+        } else if (quote == 0 && (unit == u'"' || unit == u'\'')) {
+            quote = unit;
+        }
+    }
+    return std::nullopt;
+}
+
+bool ParsePath(Parser& parser, ObjectName& object) {
+    if (!IsNext(parser, TokenKind::sign, u"{")) return false;
+    const std::optional<std::u16string_view> path = TextInBraces(parser.rest);
+    if (!path) return false;
+    parser.rest.remove_prefix(path->size() + 1);
+    Advance(parser);
+    std::optional<ObjectName> named = ParseObjectPath(*path);
+    if (!named) {
+        parser.failure = wmi_status::invalidObjectPath;
+        return false;
+    }
+    object = *std::move(named);
+    return true;
+}
+
+bool ParseAssigned(Parser& parser, std::u16string& name) { return AcceptSign(parser, u"=") && ParseName(parser, name); }
+
+/// One word of an association's WHERE, with what follows it.
+bool ParseRestriction(Parser& parser, AssociationQuery& query) {
+    for (const std::u16string_view unanswered :
+         {u"KeysOnly", u"RequiredAssocQualifier", u"RequiredQualifier", u"SchemaOnly"}) {
+        if (IsNext(parser, TokenKind::word, unanswered)) parser.failure = wmi_status::notSupported;
+    }
+    if (AcceptWord(parser, u"ClassDefsOnly")) {
+        query.wantsClasses = true;
+        return true;
+    }
+    if (AcceptWord(parser, u"ResultClass")) return ParseAssigned(parser, query.resultClass);
+    if (AcceptWord(parser, u"Role")) return ParseAssigned(parser, query.role);
+    if (query.wantsReferences) return false;
+    if (AcceptWord(parser, u"AssocClass")) return ParseAssigned(parser, query.associationClass);
+    return AcceptWord(parser, u"ResultRole") && ParseAssigned(parser, query.resultRole);
+}
+
+bool ParseAssociation(Parser& parser, AssociationQuery& query) {
+    if (!AcceptWord(parser, u"OF") || !ParsePath(parser, query.object)) return false;
+    if (!AcceptWord(parser, u"WHERE")) return parser.token.kind == TokenKind::end;
+    do {
+        if (!ParseRestriction(parser, query)) return false;
+    } while (parser.token.kind != TokenKind::end);
+    return true;
+}
+
+bool ParseStatement(Parser& parser, WqlStatement& statement) {
+    if (AcceptWord(parser, u"SELECT")) return ParseSelect(parser, statement.emplace<WqlQuery>());
+    auto& query = statement.emplace<AssociationQuery>();
+    query.wantsReferences = AcceptWord(parser, u"REFERENCES");
+    return (query.wantsReferences || AcceptWord(parser, u"ASSOCIATORS")) && ParseAssociation(parser, query);
+}
+
 }  // namespace
 
-WmiStatus ParseWql(std::u16string_view text, WqlQuery& query) {
+WmiStatus ParseWql(std::u16string_view text, WqlStatement& statement) {
     if (text.size() > maxQueryLength) return wmi_status::quotaViolation;
     Parser parser{.rest = text, .token = {}};
     Advance(parser);
-    if (AcceptWord(parser, u"ASSOCIATORS") || AcceptWord(parser, u"REFERENCES")) {
-        return AcceptWord(parser, u"OF") ? wmi_status::notSupported : wmi_status::invalidQuery;
-    }
-    const bool isRead = AcceptWord(parser, u"SELECT") && ParseSelect(parser, query);
-    return isRead ? wmi_status::ok : parser.failure;
+    return ParseStatement(parser, statement) ? wmi_status::ok : parser.failure;
 }
 
 }  // namespace kv::wql

@@ -1,9 +1,14 @@
-// A WQL data query as it is written, and its parser.
+// A WQL statement as it is written, and its parser.
 //
+//     statement  = query | associators | references
 //     query      = SELECT ( "*" | property { "," property } ) FROM class [ WHERE condition ]
+//     associators = ASSOCIATORS OF "{" path "}" [ WHERE { AssocClass "=" class | ResultClass "=" class
+//                  | Role "=" property | ResultRole "=" property | ClassDefsOnly } ]
+//     references = REFERENCES OF "{" path "}" [ WHERE { ResultClass "=" class | Role "=" property | ClassDefsOnly } ]
 //     condition  = conjunction { OR conjunction }
 //     conjunction = negation { AND negation }
 //     negation   = NOT negation | "(" condition ")" | comparison
+//     property   = name { "." name }
 //     comparison = property operator literal | literal operator property | property [ NOT ] LIKE string
 //                | property IS [ NOT ] NULL | __THIS ISA string
 //     operator   = "=" | "<>" | "!=" | "<" | ">" | "<=" | ">="
@@ -23,6 +28,7 @@
 #include <vector>
 
 #include "platform/wmi_status.h"
+#include "wql/object_path.h"
 
 namespace kv::wql {
 
@@ -64,12 +70,27 @@ struct WqlQuery {
     ConditionPtr where;  // null: every object
 };
 
+/// Asks for what is associated with an object: the objects at the other ends of its associations, or the associations
+/// themselves.
+struct AssociationQuery {
+    bool wantsReferences = false;
+    ObjectName object;
+    std::u16string associationClass;  // here and below: empty if any will do
+    std::u16string resultClass;
+    std::u16string role;        // the association's property that names the object
+    std::u16string resultRole;  // the association's property that names the result
+    bool wantsClasses = false;  // the classes of the results instead of the results
+};
+
+using WqlStatement = std::variant<WqlQuery, AssociationQuery>;
+
 /// Bounds of a query's text, as it comes from a server: characters, and how deep parentheses and negations may nest.
 inline constexpr std::size_t maxQueryLength = 65536;
 inline constexpr int maxQueryDepth = 200;
 
-/// ok; invalidQuery for a text that is not a data query; notSupported for the other kinds of WQL (ASSOCIATORS OF,
-/// REFERENCES OF); quotaViolation beyond the bounds. The query is complete only if the result is ok.
-WmiStatus ParseWql(std::u16string_view text, WqlQuery& query);
+/// ok; invalidQuery for any other text; invalidObjectPath for a path in braces that does not name an object;
+/// notSupported for what this language has and is not answered: SchemaOnly, and qualifiers in WHERE of associations;
+/// quotaViolation beyond the bounds. The statement is complete only if the result is ok.
+WmiStatus ParseWql(std::u16string_view text, WqlStatement& statement);
 
 }  // namespace kv::wql

@@ -10,7 +10,7 @@ namespace {
 
 constexpr std::u16string_view blanks = u" \t\r\n\f\v";
 constexpr std::u16string_view twoPartSigns[] = {u"<>", u"!=", u"<=", u">="};
-constexpr std::u16string_view signs = u"*,()=<>";
+constexpr std::u16string_view signs = u"*,()=<>.{}@";
 
 bool IsDigit(char16_t unit) { return unit >= u'0' && unit <= u'9'; }
 bool IsLetter(char16_t unit) {
@@ -85,6 +85,18 @@ Token TakeSign(std::u16string_view& text) {
 }
 
 }  // namespace
+
+CimValue ValueOfLiteral(const Literal& literal) {
+    return std::visit(
+        [](const auto& value) {
+            if constexpr (std::is_same_v<std::decay_t<decltype(value)>, NullLiteral>) {
+                return CimValue();
+            } else {
+                return CimValue(value);
+            }
+        },
+        literal);
+}
 
 Token TakeToken(std::u16string_view& text) {
     text.remove_prefix(std::min(text.find_first_not_of(blanks), text.size()));

@@ -29,6 +29,16 @@ TEST_F(WmiProvider, RefusesWhatItCannotAnswer) {
         {"an unknown class", u"ROOT\\CIMV2", "SELECT * FROM Win32_Nothing", wmi_status::invalidClass},
         {"an unknown property", u"ROOT\\CIMV2", "SELECT Nothing FROM Win32_Process", wmi_status::invalidQuery},
         {"another statement", u"ROOT\\CIMV2", "DELETE FROM Win32_Process", wmi_status::invalidQuery},
+        {"system properties", u"ROOT\\CIMV2", "SELECT __PATH, __GENUS, Name FROM Win32_OperatingSystem",
+         wmi_status::ok},
+        {"an unknown one", u"ROOT\\CIMV2", "SELECT __X FROM Win32_OperatingSystem", wmi_status::invalidQuery},
+        {"a schema query", u"ROOT\\CIMV2", "SELECT * FROM Meta_Class WHERE __this ISA 'X'", wmi_status::notSupported},
+        {"associators of an unknown class", u"ROOT\\CIMV2", "ASSOCIATORS OF {Win32_X=1}", wmi_status::invalidClass},
+        {"associations of an unknown class", u"ROOT\\CIMV2",
+         "ASSOCIATORS OF {Win32_Process=1} WHERE AssocClass=Win32_X", wmi_status::invalidClass},
+        {"an unknown key", u"ROOT\\CIMV2", "ASSOCIATORS OF {Win32_Process.X=1}", wmi_status::invalidObjectPath},
+        {"an object that does not exist", u"ROOT\\CIMV2", "ASSOCIATORS OF {Win32_Process.Handle='x'}",
+         wmi_status::notFound},
     };
     for (const auto& [title, nameSpace, query, status] : rows) {
         const WmiResult result = RunWmiQuery(query, nameSpace);
@@ -49,10 +59,12 @@ TEST_F(WmiProvider, AnAbstractClassStandsForItsSubclasses) {
     ASSERT_EQ(timeOnly.rows.size(), 1u);
     EXPECT_NE(PropertyText(timeOnly.rows[0], "Bias"), "(absent)");
     BoundQuery bound;
+    WqlStatement statement;
     const char16_t* disksOnly =
         u"SELECT DeviceID FROM CIM_LogicalDevice WHERE Name <> '' AND NOT (__THIS ISA 'CIM_Chip')"
         u" AND (__THIS ISA 'CIM_LogicalDisk' OR __CLASS = 'X')";
-    ASSERT_EQ(PrepareQuery(disksOnly, bound), wmi_status::ok);
+    ASSERT_EQ(ParseWql(disksOnly, statement), wmi_status::ok);
+    ASSERT_EQ(BindQuery(std::get<WqlQuery>(statement), bound), wmi_status::ok);
     EXPECT_EQ(bound.parts.size(), 1u) << "other classes are not read at all";
     const WmiResult drives = RunWmiQuery(Utf8FromWide(disksOnly));
     EXPECT_EQ(drives.rows.size(), RunWmiQuery("SELECT DeviceID FROM Win32_LogicalDisk").rows.size());

@@ -51,13 +51,15 @@ const Row objects[] = {
 };
 // clang-format on
 
-constexpr ClassInfo testClass{.name = u"KV_Sample", .superclass = u"CIM_LogicalElement", .properties = properties};
+constexpr ClassInfo testClass{
+    .name = u"KV_Sample", .superclass = u"CIM_LogicalElement", .properties = properties, .keys = u"I4,S"};
 
 std::string StatusName(WmiStatus status) {
-    return status == wmi_status::invalidQuery     ? "invalid"
-           : status == wmi_status::notSupported   ? "not supported"
-           : status == wmi_status::quotaViolation ? "too much"
-                                                  : fmt::format("{:X}", status);
+    return status == wmi_status::invalidQuery        ? "invalid"
+           : status == wmi_status::notSupported      ? "not supported"
+           : status == wmi_status::quotaViolation    ? "too much"
+           : status == wmi_status::invalidObjectPath ? "bad path"
+                                                     : fmt::format("{:X}", status);
 }
 
 struct Case {
@@ -67,9 +69,28 @@ struct Case {
 };
 
 WmiStatus Bind(const std::string& where, BoundCondition& condition) {
-    WqlQuery query;
-    const WmiStatus status = ParseWql(WideFromUtf8("SELECT * FROM KV_Sample WHERE " + where), query);
-    return IsFailure(status) ? status : BindCondition(*query.where, testClass, condition);
+    WqlStatement statement;
+    const WmiStatus status = ParseWql(WideFromUtf8("SELECT * FROM KV_Sample WHERE " + where), statement);
+    return IsFailure(status) ? status : BindCondition(*std::get<WqlQuery>(statement).where, testClass, condition);
+}
+
+/// A data query's properties/class/where, or - without a condition; of a query for associations all that it says.
+std::string OutlineOf(const WqlStatement& statement) {
+    const auto narrow = [](std::u16string_view text) { return Utf8FromWide(text); };
+    std::string outline;
+    if (const auto* query = std::get_if<WqlQuery>(&statement)) {
+        for (const auto& name : query->properties) outline += (outline.empty() ? "" : ",") + narrow(name);
+        return outline + "/" + narrow(query->className) + (query->where ? "/where" : "/-");
+    }
+    const auto& query = std::get<AssociationQuery>(statement);
+    outline = (query.wantsReferences ? "references " : "associators ") + narrow(query.object.className);
+    for (const PathKey& key : query.object.keys) {
+        outline += " " + narrow(key.name) + "=" + VariantText(VariantOf(CimType::string, key.value));
+    }
+    for (const auto& word : {query.associationClass, query.resultClass, query.role, query.resultRole}) {
+        outline += "/" + narrow(word);
+    }
+    return outline + (query.wantsClasses ? "/classes" : "");
 }
 
 /// The numbers of the objects that match.
@@ -109,31 +130,36 @@ std::string RangesText(const std::string& where) {
 }
 
 TEST(Wql, QueriesAreParsedOrRefused) {
-    // The outcome is properties/class/where, or - without a condition.
     const Case cases[] = {
         {"everything", "SELECT * FROM Win32_Process", "/Win32_Process/-"},
         {"other letter case and white space", "\n select Name,\t__PATH , _x9 from C Where a=1 ",
          "Name,__PATH,_x9/C/where"},
-        {"another kind of query", "associators of {Win32_Process.Handle='1'} WHERE ClassDefsOnly", "not supported"},
+        {"associators", "associators of {Win32_Process.Handle='1'} WHERE ClassDefsOnly Role = a AssocClass=B",
+         "associators Win32_Process Handle=1/B//a//classes"},
+        {"braces and escapes in a path",
+         R"(REFERENCES OF {\\PC\root\cimv2:C.A="x}\\y",b=5,c=TRUE} WHERE ResultClass=D)",
+         R"(references C A=x}\y b=5 c=True//D//)"},
+        {"the only object", "ASSOCIATORS OF { C=@ } WHERE ResultRole=R", "associators C////R"},
+        {"the only key", "ASSOCIATORS OF {C=\"x\"}", "associators C =x////"},
+        {"a class", "ASSOCIATORS OF {C} WHERE SchemaOnly", "bad path"},
+        {"qualifiers", "ASSOCIATORS OF {C=@} WHERE RequiredQualifier=x", "not supported"},
+        {"what only associators have", "REFERENCES OF {C=@} WHERE AssocClass=x", "invalid"},
         {"too long", "SELECT * FROM C" + std::string(maxQueryLength, ' '), "too much"},
         {"as deep as the limit",
          "SELECT * FROM C WHERE " + std::string(200, '(') + "a=1" + std::string(200, ')') + "OR NOT(a=1)", "/C/where"},
         {"too deep", "SELECT * FROM C WHERE NOT " + std::string(200, '(') + "a=1" + std::string(200, ')'), "too much"},
     };
     for (const Case& row : cases) {
-        WqlQuery query;
-        const WmiStatus status = ParseWql(WideFromUtf8(row.text), query);
-        std::string outcome;
-        for (const auto& name : query.properties) outcome += (outcome.empty() ? "" : ",") + Utf8FromWide(name);
-        outcome += "/" + Utf8FromWide(query.className) + (query.where ? "/where" : "/-");
-        EXPECT_EQ(IsFailure(status) ? StatusName(status) : outcome, row.outcome) << row.title;
+        WqlStatement statement;
+        const WmiStatus status = ParseWql(WideFromUtf8(row.text), statement);
+        EXPECT_EQ(IsFailure(status) ? StatusName(status) : OutlineOf(statement), row.outcome) << row.title;
     }
     for (const std::string_view text : std::initializer_list<std::string_view>{
              "", "SELECT * FROM C WHERE", "SELECT * FROM Where", "SELECT * FROM C;", "SELECT *,a FROM C",
              "SELECT count(*) FROM C", "SELECT * FROM C WITHIN 5 WHERE a=1",
              "SELECT * FROM C WHERE a=1 GROUP BY a HAVING b>1", std::string_view("SELECT * FROM C WHERE a='\0'", 27)}) {
-        WqlQuery query;
-        EXPECT_EQ(ParseWql(WideFromUtf8(text), query), wmi_status::invalidQuery) << text;
+        WqlStatement statement;
+        EXPECT_EQ(ParseWql(WideFromUtf8(text), statement), wmi_status::invalidQuery) << text;
     }
 }
 
@@ -149,6 +175,18 @@ TEST(Wql, ConditionsMatchObjects) {
         {"literals with a fraction", "U1<5.5 AND 4.5<U1", "2"},
         {"the literal on the left", "200<=U1 OR 0>=U1", "14"},
         {"truth values", "B=TRUE OR 'false'=B AND I1=5", "12"},
+        {"truth values as numbers", "B=1 OR B='0' AND I1=5", "12"},
+        {"a date is midnight in local time", "T>'20240229' AND T<'2024-03-01'", "12"},
+        {"dates with times",
+         "T>='2/29/2024 11:00' AND T<'2024-02-29 11:00:00.000001' OR T='02/29/2024 11:0:0.000001 AM'", "12"},
+        {"the object's path",
+         R"(__RELPATH='kv_sample.I4=5,S="C:\\\\it\'s \\"x\\""' OR __PATH LIKE '%:KV_Sample.I4=0,S=""')", "24"},
+        {"what is the same for all objects",
+         "__GENUS=2 AND __PROPERTY_COUNT=15 AND __NAMESPACE='ROOT\\\\cimv2' AND __DYNASTY='CIM_ManagedSystemElement' "
+         "AND "
+         "__DERIVATION IS NOT NULL AND __SERVER LIKE '_%' AND I1=5",
+         "2"},
+        {"an embedded object", "N.X=5 OR NOT N.X=5 OR 5=N.X.Y OR I1=5", "2"},
         {"texts in any letter case", "S='ALPHA' OR S>'c:' AND S<\"C:\\\\j\"", "12"},
         {"escapes and quotes", R"(S='C:\\it\'s "x"' AND S="C:\\it's \"x\"")", "2"},
         {"a moment in another zone", "T='20240229060000.000000-300'", "1"},
@@ -164,9 +202,35 @@ TEST(Wql, ConditionsMatchObjects) {
     };
     for (const Case& row : cases) EXPECT_EQ(MatchingObjects(row.text), row.outcome) << row.title;
     // Unknown properties, literals of another type, operators that the type lacks, broken texts.
-    for (const char* where :
-         {"X=1", "__PATH='x'", "S ISA 'x'", "U1='+-5'", "U1='0x-5'", "U1=5x", "R8<1e999", "B='maybe'", "T>'2024-02-29'",
-          "T>'20230229000000.000000+000'", "I1 LIKE '5'", "A=1", "S<NULL", "I1=I2", R"(S='C:\a')", "S='a"}) {
+    for (const char* where : {"X=1",
+                              "S ISA 'x'",
+                              "U1='+-5'",
+                              "U1='0x-5'",
+                              "U1=5x",
+                              "R8<1e999",
+                              "B='maybe'",
+                              "B=2",
+                              "B<TRUE",
+                              "B>=0",
+                              "B='2'",
+                              "__X=1",
+                              "__X IS NULL",
+                              "__THIS=1",
+                              "N.=5",
+                              "T>'20240229120000.000000+***'",
+                              "T>'101231'",
+                              "T>'1/1/26'",
+                              "T>'2024-02-30'",
+                              "T>'2024-02-29 24:00'",
+                              "T>'2024-02-29T11:00'",
+                              "T>'2024-02-29 0:00 PM'",
+                              "T>'20230229000000.000000+000'",
+                              "I1 LIKE '5'",
+                              "A=1",
+                              "S<NULL",
+                              "I1=I2",
+                              R"(S='C:\a')",
+                              "S='a"}) {
         EXPECT_EQ(MatchingObjects(where), "invalid") << where;
     }
     BoundCondition condition;

@@ -1,0 +1,16 @@
+// What is associated with an object. An association is an object itself: it names those that belong together by
+// properties that are references.
+#pragma once
+
+#include "wql/query.h"
+
+namespace kv::wql {
+
+/// Fails with invalidClass if the query names a class that does not exist, and as BindObject does.
+WmiStatus CheckAssociations(const AssociationQuery& query);
+
+/// Gives the objects that the query asks for, each once. notFound if the object that it starts from does not exist. The
+/// first failure of a class's gather ends the run, after the objects so far.
+WmiStatus RunAssociations(const AssociationQuery& query, const ResultSink& sink);
+
+}  // namespace kv::wql

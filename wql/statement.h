@@ -1,0 +1,19 @@
+// A statement of any kind, ready to run.
+#pragma once
+
+#include <functional>
+#include <string_view>
+
+#include "wql/query.h"
+
+namespace kv::wql {
+
+struct PreparedStatement {
+    std::u16string className;  // that the statement names, as it is declared
+    std::function<WmiStatus(const ResultSink& sink)> run;
+};
+
+/// Parses a statement and binds it. Fails as ParseWql, BindQuery and CheckAssociations do.
+WmiStatus PrepareStatement(std::u16string_view text, PreparedStatement& prepared);
+
+}  // namespace kv::wql
