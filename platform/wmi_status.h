@@ -17,6 +17,8 @@ using WmiStatus = std::uint32_t;
     X(providerFailure,    0x80041004, "Provider failure")                                     \
     X(outOfMemory,        0x80041006, "Out of memory")                                        \
     X(invalidParameter,   0x80041008, "Invalid parameter")                                    \
+    X(notFound,           0x80041002, "Not found")                                            \
+    X(invalidObjectPath,  0x8004103A, "Invalid object path")                                  \
     X(notSupported,       0x8004100C, "Not supported")                                        \
     X(invalidNamespace,   0x8004100E, "Invalid namespace")                                    \
     X(invalidClass,       0x80041010, "Invalid class")                                        \

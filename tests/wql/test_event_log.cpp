@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "tests/support/linux/gathered_texts.h"
 #include "tests/support/linux/shell.h"
 #include "tests/support/linux/zone_setting.h"
 #include "tests/support/test_folder.h"
@@ -67,7 +68,7 @@ class EventLog : public TestFolder {
     static WmiResult Run(const std::string& query) {
         BoundQuery bound;
         WmiResult result;
-        result.status = PrepareQuery(WideFromUtf8(query), bound);
+        result.status = BindText(query, bound);
         if (IsFailure(result.status)) return result;
         ClassInfo withFolders = *bound.parts.at(0).classInfo;
         withFolders.gather = [](const Gathering& gathering) { return GatherEvents(gathering, folders); };

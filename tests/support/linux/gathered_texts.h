@@ -13,6 +13,13 @@
 
 namespace kv::test {
 
+/// Parses a data query and binds it.
+inline platform::WmiStatus BindText(std::string_view query, wql::BoundQuery& bound) {
+    wql::WqlStatement statement;
+    const platform::WmiStatus status = wql::ParseWql(platform::WideFromUtf8(query), statement);
+    return platform::IsFailure(status) ? status : wql::BindQuery(std::get<wql::WqlQuery>(statement), bound);
+}
+
 struct Gathered {
     platform::WmiStatus status = 0;
     std::vector<std::string> objects;  // the values of the properties, each with "|" behind it
@@ -33,8 +40,8 @@ inline Gathered GatherTexts(std::u16string_view className, std::string_view name
     }
     if (!where.empty()) {
         wql::BoundQuery bound;
-        const std::u16string text = u"SELECT * FROM " + std::u16string(className) + u" ";
-        EXPECT_EQ(wql::PrepareQuery(text + platform::WideFromUtf8(where), bound), 0U) << where;
+        const std::string text = "SELECT * FROM " + platform::Utf8FromWide(className) + " ";
+        EXPECT_EQ(BindText(text.append(where), bound), 0U) << where;
         if (!bound.parts.empty()) query.where = std::move(bound.parts.front().where);
     }
     Gathered gathered;
