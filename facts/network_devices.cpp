@@ -120,9 +120,9 @@ std::optional<QueueLengths> ReadQueueLengths() {
     return ParseQueueLengths(*messages);
 }
 
-std::optional<std::uint32_t> QueueLengthOf(const QueueLengths& queues, const std::string& name) {
+std::uint32_t QueueLengthOf(const QueueLengths& queues, const std::string& name) {
     const auto found = queues.find(if_nametoindex(name.c_str()));
-    return found != queues.end() ? std::optional(found->second) : std::nullopt;
+    return found != queues.end() ? found->second : 0;
 }
 
 }  // namespace kv::facts

@@ -54,7 +54,7 @@ std::string_view ValueAfter(std::string_view key, std::string_view text);
 /// The speed of an interface in bits per second, as its driver gives it; absent when it has no speed, or is down.
 std::optional<std::uint64_t> InterfaceSpeed(const std::string& name);
 
-/// How many packets wait to be sent on each interface, by its index. An interface that has no queue is not in it.
+/// How many packets wait to be sent on each interface, by its index. One that is switched off has no queue.
 using QueueLengths = std::map<std::uint32_t, std::uint32_t>;
 
 /// The queues in the kernel's answer to RTM_GETQDISC.
@@ -63,7 +63,7 @@ QueueLengths ParseQueueLengths(std::string_view messages);
 /// Those of this computer; absent if the kernel does not give them.
 std::optional<QueueLengths> ReadQueueLengths();
 
-/// The queue of the interface of that name; absent when there is no such interface, or it has no queue.
-std::optional<std::uint32_t> QueueLengthOf(const QueueLengths& queues, const std::string& name);
+/// The packets that wait on the interface of that name; 0 if it has no queue.
+std::uint32_t QueueLengthOf(const QueueLengths& queues, const std::string& name);
 
 }  // namespace kv::facts

@@ -1,5 +1,6 @@
 #include "facts/perf_texts.h"
 
+#include <string>
 #include <vector>
 
 #include "facts/system_text.h"
@@ -49,6 +50,18 @@ std::map<std::uint32_t, std::uint64_t> SumByProcessor(std::string_view text) {
         for (std::size_t at = 0; at < columns.size(); ++at) sums[numbers[at]] += columns[at];
     }
     return sums;
+}
+
+std::map<std::uint32_t, std::uint64_t> TimerInterruptsByProcessor(std::string_view interrupts) {
+    std::string_view line;
+    TakeLine(interrupts, line);
+    std::string timers = std::string(line) + '\n';
+    while (TakeLine(interrupts, line)) {
+        line = Trimmed(line);
+        const bool isTimer = line.starts_with("LOC:") || line.ends_with("arch_timer") || line.ends_with("riscv-timer");
+        if (isTimer) timers.append(line) += '\n';
+    }
+    return SumByProcessor(timers);
 }
 
 std::optional<std::uint64_t> ParseThreadCount(std::string_view text) {

@@ -17,6 +17,9 @@ std::optional<std::uint64_t> NumberUnder(std::string_view text, std::string_view
 /// counted.
 std::map<std::uint32_t, std::uint64_t> SumByProcessor(std::string_view text);
 
+/// The same of the clock's interrupts alone: the lines of /proc/interrupts about the processors' own timers.
+std::map<std::uint32_t, std::uint64_t> TimerInterruptsByProcessor(std::string_view interrupts);
+
 /// The number of threads of all processes, from /proc/loadavg; absent when the text has another form.
 std::optional<std::uint64_t> ParseThreadCount(std::string_view text);
 

@@ -90,7 +90,7 @@ TEST_F(WmiNetwork, HasTheQueuesThatTcShows) {
     if (!IsInNamespaces()) {
         return RunInNamespaces("--net",
                                "ip link add kv0 type veth peer name kv1 && ip address add 192.0.2.77/24 dev kv0 && "
-                               "ip link set kv1 up && ip link set kv0 up && ip link set lo up && "
+                               "ip link set kv1 up && ip link set kv0 up && ip link add kv2 type veth peer name kv3 && "
                                "ip neigh add 192.0.2.78 lladdr 02:00:00:00:0a:0b dev kv0 && "
                                "tc qdisc add dev kv0 root tbf rate 8bit burst 1540 limit 100000");
     }
@@ -105,7 +105,10 @@ TEST_F(WmiNetwork, HasTheQueuesThatTcShows) {
         const std::string from = std::string("SELECT * FROM Win32_PerfFormattedData_Tcpip_") + name;
         const WmiRow row = OnlyRow(from + " WHERE Name = 'kv0'");
         EXPECT_EQ(PropertyTexts(row, "OutputQueueLength,OffloadedConnections"), queued + " 0") << name;
-        EXPECT_EQ(PropertyText(OnlyRow(from + " WHERE Name = 'kv1'"), "OutputQueueLength"), "0") << name;
+        for (const char* other : {"kv1", "kv2"}) {  // without a queue, and switched off
+            const WmiRow idle = OnlyRow(fmt::format("{} WHERE Name = '{}'", from, other));
+            EXPECT_EQ(PropertyText(idle, "OutputQueueLength"), "0") << name << other;
+        }
     }
 }
 

@@ -269,14 +269,30 @@ TEST_F(PerformanceOfThisMachine, MatchesTheKernelsFiles) {
             print "PercentDPCTime", $8 * tick; print "PercentUserTime", ($2 + $3) * tick}' stat
             f 'NR == 1 {n = NF} NR > 1 && NF > n {s += $2} END {print "InterruptsPersec", s}' interrupts
             f 'NR == 1 {n = NF} NR > 1 && NF > n {s += $2} END {print "DPCsQueuedPersec", s}' softirqs)"},
+        {"PerfRawData_Counters_ProcessorInformation WHERE Name = '0,0'", {"/proc/stat", "/proc/interrupts"}, R"(
+            f '/^cpu0 / {busy = $2 + $3 + $4 + $7 + $8 + $9; k = $4 + $7 + $8; print "PercentIdleTime", ($5 + $6) * tick
+            print "PercentPriorityTime", (busy - $3) * tick; print "PercentProcessorUtility", busy * tick / 100
+            print "PercentPrivilegedUtility", k * tick / 100; print "PercentUserTime", ($2 + $3) * tick
+            print "PercentProcessorUtility_Base", (busy + $5 + $6) * tick / 10000}' stat
+            f '/LOC:|arch_timer$/ {s += $2} END {print "ClockInterruptsPersec", s}' interrupts)"},
+        {"PerfRawData_PerfOS_Cache", {"/proc/vmstat"}, R"(f '/^nr_dirty / {print "DirtyPages", $2}
+            /^nr_dirty_threshold / {print "DirtyPageThreshold", $2}
+            /^nr_written / {print "DataFlushPagesPersec", $2}' vmstat)"},
+        {"PerfFormattedData_PerfOS_Objects", {"/proc/loadavg", "/proc"}, R"(
+            f -F '[ /]' '{print "Threads", $5 + 1}' loadavg
+            f -F '/' '$3 ~ /^[0-9]/ {++n} END {print "Processes", n}' proc)"},
         {"PerfRawData_PerfDisk_LogicalDisk WHERE Name = '/'", {}, R"(f '{m = 1048576; print "FreeMegabytes", int($2 / m)
             print "PercentFreeSpace", int($2 / m); print "PercentFreeSpace_Base", int(($1 + $2) / m)}' space)"},
     };
     for (const auto& [from, files, commands] : rows) ExpectBetween(from, files, commands);
-    for (const WmiRow& row : RunWmiQuery("SELECT * FROM Win32_PerfFormattedData_PerfOS_Processor").rows) {
-        const double busy = NumberIn(row, "PercentProcessorTime");
-        EXPECT_NEAR(busy + NumberIn(row, "PercentIdleTime"), 100, 1);
-        EXPECT_LE(NumberIn(row, "PercentUserTime") + NumberIn(row, "PercentPrivilegedTime"), busy + 1);
+    for (const char* name : {"PerfOS_Processor", "Counters_ProcessorInformation"}) {
+        for (const WmiRow& row : RunWmiQuery(std::string("SELECT * FROM Win32_PerfFormattedData_") + name).rows) {
+            const double busy = NumberIn(row, "PercentProcessorTime");
+            EXPECT_NEAR(busy + NumberIn(row, "PercentIdleTime"), 100, 1) << name;
+            EXPECT_LE(NumberIn(row, "PercentUserTime") + NumberIn(row, "PercentPrivilegedTime"), busy + 1) << name;
+            EXPECT_NEAR(row.contains("PercentProcessorUtility") ? NumberIn(row, "PercentProcessorUtility") : busy, busy,
+                        1);
+        }
     }
 }
 
@@ -446,6 +462,10 @@ TEST_F(PerformanceOfThisMachine, FailsWhenItCannotBeRead) {
                                       "PerfFormattedData_PerfOS_Memory",
                                       "PerfFormattedData_PerfOS_PagingFile",
                                       "PerfFormattedData_PerfOS_Processor",
+                                      "PerfFormattedData_PerfOS_Cache",
+                                      "PerfFormattedData_PerfOS_Objects",
+                                      "PerfFormattedData_Counters_ProcessorInformation",
+                                      "PerfFormattedData_Counters_ThermalZoneInformation",
                                       "PerfFormattedData_PerfDisk_LogicalDisk",
                                       "PerfFormattedData_PerfDisk_PhysicalDisk",
                                       "PerfFormattedData_Tcpip_NetworkAdapter",

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <ctime>
 #include <numeric>
+#include <set>
 #include <unordered_set>
 
 #include "facts/process_files.h"
@@ -30,6 +31,9 @@ bool IsPercentOfTime(CounterKind kind) {
            kind == CounterKind::percentOfTimeLeft || kind == CounterKind::percentOfTimestampLeft ||
            kind == CounterKind::percentOfOperations;
 }
+
+/// Whether the total of several objects is their mean.
+bool HasMean(CounterKind kind) { return kind == CounterKind::level || IsPercentOfTime(kind); }
 
 /// Whether readers of the raw class divide the counter's growth by that of the wall clock.
 bool HasTimestamp(CounterKind kind) {
@@ -118,7 +122,7 @@ double TotalOf(CounterKind kind, const std::vector<Quotient>& quotients, unsigne
     }
     double sum = 0;
     for (const Quotient& quotient : quotients) sum += FigureOf(kind, quotient, processors);
-    if (IsPercentOfTime(kind)) return sum / static_cast<double>(quotients.size());
+    if (HasMean(kind)) return sum / static_cast<double>(quotients.size());
     return FigureOf(kind, {sum, 1}, processors);
 }
 
@@ -206,6 +210,16 @@ const CounterInfo& CounterOf(const PerfRow& row, const PropertyInfo& property) {
     return row.sampling->perfClass.counters[property.index];
 }
 
+/// The rows of which a row is made: its own, or those that a total sums up.
+std::vector<const PerfRow*> PartsOf(const PerfRow& row) {
+    if (!row.isTotal) return {&row};
+    std::vector<const PerfRow*> parts;
+    for (const PerfRow& part : row.sampling->rows) {
+        if (row.object.group.empty() || part.object.group == row.object.group) parts.push_back(&part);
+    }
+    return parts;
+}
+
 std::optional<Quotient> QuotientIn(const PerfRow& row, std::size_t counter) {
     const std::optional<CounterState> now = row.now->stateOf(counter);
     if (!now) return std::nullopt;
@@ -227,8 +241,8 @@ CimValue ReadFigure(const void* record, const PropertyInfo& property) {
     const PerfRow& row = PerfRowAt(record);
     const CounterKind kind = CounterOf(row, property).kind;
     std::vector<Quotient> quotients;
-    for (const PerfRow& part : row.isTotal ? std::span<const PerfRow>(row.sampling->rows) : std::span(&row, 1)) {
-        if (const std::optional<Quotient> quotient = QuotientIn(part, property.index)) quotients.push_back(*quotient);
+    for (const PerfRow* part : PartsOf(row)) {
+        if (const std::optional<Quotient> quotient = QuotientIn(*part, property.index)) quotients.push_back(*quotient);
     }
     if (quotients.empty() || (row.isTotal && kind == CounterKind::elapsedTime)) return {};
     const unsigned processors = row.sampling->processors;
@@ -251,8 +265,8 @@ std::optional<CounterState> RawStateIn(const PerfRow& row, std::size_t counter) 
     if (!row.isTotal) return RawStateOf(*row.now, counter, kind);
     CounterState total;
     std::uint64_t count = 0;
-    for (const PerfRow& part : row.sampling->rows) {
-        const std::optional<CounterState> state = RawStateOf(*part.now, counter, kind);
+    for (const PerfRow* part : PartsOf(row)) {
+        const std::optional<CounterState> state = RawStateOf(*part->now, counter, kind);
         if (!state) continue;
         total.value += state->value;
         total.base += state->base;
@@ -260,7 +274,7 @@ std::optional<CounterState> RawStateIn(const PerfRow& row, std::size_t counter) 
     }
     if (count == 0 || kind == CounterKind::elapsedTime) return std::nullopt;
     if (kind == CounterKind::label) total.value = 0;
-    if (IsPercentOfTime(kind)) total.value /= count;
+    if (HasMean(kind)) total.value /= count;
     return total;
 }
 
@@ -356,6 +370,27 @@ void PerfDeclaration::Add(const PerfClass& perfClass, GatherRoutine raw, GatherR
     }
 }
 
+namespace {
+
+std::set<std::string> GroupsOf(const PerfSampling& sampling) {
+    std::set<std::string> groups;
+    for (const PerfRow& row : sampling.rows) groups.insert(row.object.group);
+    groups.erase("");
+    return groups;
+}
+
+PerfRow TotalOfGroup(const PerfSampling& sampling, const std::string& group) {
+    PerfRow total;
+    total.sampling = &sampling;
+    total.object.name = group.empty() ? "_Total" : group + ",_Total";
+    total.object.group = group;
+    total.now = sampling.rows.back().now;
+    total.isTotal = true;
+    return total;
+}
+
+}  // namespace
+
 WmiStatus GatherPerformance(const PerfClass& perfClass, PerfHistory* history, const Gathering& gathering) {
     PerfSampling sampling(perfClass);
     sampling.needs = gathering.needs;
@@ -368,11 +403,11 @@ WmiStatus GatherPerformance(const PerfClass& perfClass, PerfHistory* history, co
         if (!gathering.row(&row)) return status;
     }
     if (!perfClass.hasTotal || sampling.isAsked || sampling.rows.empty()) return status;
-    PerfRow total;
-    total.sampling = &sampling;
-    total.object.name = "_Total";
-    total.now = sampling.rows.back().now;
-    total.isTotal = true;
+    for (const std::string& group : GroupsOf(sampling)) {
+        const PerfRow total = TotalOfGroup(sampling, group);
+        if (!gathering.row(&total)) return status;
+    }
+    const PerfRow total = TotalOfGroup(sampling, "");
     gathering.row(&total);
     return status;
 }

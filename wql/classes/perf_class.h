@@ -11,7 +11,8 @@
 // system's start and the raw class cannot.
 //
 // The figures of _Total come from those of the objects, not from a sum of counters, which would jump whenever a disk
-// appears or a process ends.
+// appears or a process ends. Objects that belong to groups, such as the processors of a node, have a total of each
+// group too.
 #pragma once
 
 #include <cstddef>
@@ -40,6 +41,7 @@ inline constexpr std::uint64_t unitsPerMillisecond = 10'000;
 enum class CounterKind {
     value,                   // the figure is the value
     label,                   // the same, but it has no sum: 0 in _Total
+    level,                   // the same; the mean in _Total
     rate,                    // growth a second
     percentOfTime,           // growth, a time, in percent of the base's growth, at most 100
     percentOfTimeLeft,       // what percentOfTime leaves of 100
@@ -120,8 +122,8 @@ Quotient QuotientBetween(CounterKind kind, const CounterState* before, const Cou
 /// processors at most 100 for each; those of operations have no limit.
 double FigureOf(CounterKind kind, const Quotient& quotient, unsigned processors);
 
-/// The figure of all objects together: the sum; for percentages of time, except of processors, the mean; for fractions
-/// and averages, that of all amounts over all that they are divided by.
+/// The figure of all objects together: the sum; for levels and percentages of time, except of processors, the mean; for
+/// fractions and averages, that of all amounts over all that they are divided by.
 double TotalOf(CounterKind kind, const std::vector<Quotient>& quotients, unsigned processors);
 
 /// All counters of one object at one moment, in the order of the table.
@@ -145,6 +147,7 @@ std::vector<ReadingsPtr> TakeBases(std::vector<ReadingsPtr>& samples, const Read
 /// An object that has counters.
 struct PerfObject {
     std::string name;              // UTF-8
+    std::string group;             // UTF-8; its total is "<group>,_Total". Empty: none
     std::string key;               // differs between the objects of a class
     std::uint64_t generation = 0;  // differs between objects that have the same key one after the other
     std::uint64_t birth = 0;       // when it began to count: 100 ns since the system's start
@@ -158,7 +161,7 @@ struct PerfRow {
     PerfObject object;
     ReadingsPtr now;
     std::vector<ReadingsPtr> bases;  // newest first
-    bool isTotal = false;
+    bool isTotal = false;            // of the object's group, or of all if it has none
 };
 
 struct PerfClass;
@@ -185,7 +188,7 @@ struct PerfClass {
     std::span<const CounterInfo> counters;
     WmiStatus (*read)(const Gathering& gathering, PerfSampling& sampling) = nullptr;
     bool isSingle = false;        // there is one object, without a name
-    bool hasTotal = false;        // _Total follows the objects
+    bool hasTotal = false;        // the totals of groups, and _Total, follow the objects
     std::uint32_t nameNeeds = 0;  // the needs of Name
 };
 

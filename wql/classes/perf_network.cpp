@@ -22,7 +22,7 @@ struct Need {
 struct Row {
     facts::InterfaceCounters counters;
     std::optional<std::uint64_t> speed;
-    std::optional<std::uint32_t> queued;  // packets
+    std::uint32_t queued = 0;  // packets
 };
 
 // clang-format off
@@ -67,7 +67,7 @@ WmiStatus ReadInterfaces(const Gathering& gathering, PerfSampling& sampling) {
     }
     for (const facts::InterfaceCounters& counted : facts::ParseNetDev(*text)) {
         if (counted.name == "lo") continue;
-        Row row{counted, {}, {}};
+        Row row{counted, {}};
         if (gathering.asksFor(Need::speed)) row.speed = facts::InterfaceSpeed(counted.name);
         if (gathering.asksFor(Need::queue)) row.queued = facts::QueueLengthOf(queues, counted.name);
         PerfObject object;
