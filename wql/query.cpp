@@ -157,10 +157,17 @@ ResultObject ObjectOf(const ClassQuery& query, const void* row) {
 WmiStatus GatherRows(const BoundQuery& query, const ResultSink& sink, const RowSink& take) {
     std::vector<WmiStatus> failures;
     for (const ClassQuery& part : query.parts) {
+<<<<<<< HEAD
         const WmiStatus status = GatherClass(part, sink, take);
         if (IsFailure(status)) failures.push_back(status);
+=======
+        const WmiStatus status = GatherClass(part, sink);
+>>>>>>> 9f03706 (WMI: CIM_DataFile and Win32_NTEventlogFile)
         if (!sink.wantsMore()) return wmi_status::ok;
-        if (IsFailure(status) && query.parts.size() > 1) sink.notice(LossNotice(part, status));
+        if (!IsFailure(status)) continue;
+        if (part.classInfo->name == query.className) return status;
+        failures.push_back(status);
+        sink.notice(LossNotice(part, status));
     }
     return !failures.empty() && failures.size() == query.parts.size() ? failures.front() : wmi_status::ok;
 }

@@ -45,6 +45,7 @@ struct ResultSink {
 /// the like), but the results do not have them.
 WmiStatus BindQuery(const WqlQuery& query, BoundQuery& bound);
 
+<<<<<<< HEAD
 /// Binds a query for the objects that a path names, with all their properties. invalidClass if there is no such class,
 /// invalidObjectPath if it lacks a key.
 WmiStatus BindObject(const ObjectName& object, BoundQuery& bound);
@@ -64,6 +65,11 @@ WmiStatus GatherRows(const BoundQuery& query, const ResultSink& sink, const RowS
 ResultObject ObjectOf(const ClassQuery& query, const void* row);
 
 /// GatherRows whose rows go to the sink as objects.
+=======
+/// Gathers the objects that match, and stops when no more are wanted. A failure of the class that the query names ends
+/// the run, after the objects so far. That of a subclass costs only its own objects, and a notice names it; if all
+/// fail, the first failure is the result.
+>>>>>>> 9f03706 (WMI: CIM_DataFile and Win32_NTEventlogFile)
 WmiStatus RunQuery(const BoundQuery& query, const ResultSink& sink);
 
 }  // namespace kv::wql

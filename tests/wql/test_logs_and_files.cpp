@@ -1,4 +1,5 @@
-// Win32_NTLogEvent over journals that systemd-journal-remote writes, against journalctl.
+// Win32_NTLogEvent and Win32_NTEventlogFile over journals that systemd-journal-remote writes, against journalctl;
+// CIM_DataFile against find and stat.
 #include <fmt/format.h>
 #include <fstream>
 #include <gmock/gmock.h>
@@ -11,6 +12,7 @@
 #include "tests/support/test_folder.h"
 #include "tests/support/wmi_query.h"
 #include "wql/class_tree.h"
+#include "wql/classes/data_files.h"
 #include "wql/classes/event_log.h"
 #include "wql/query.h"
 
@@ -65,13 +67,15 @@ class EventLog : public TestFolder {
         ASSERT_EQ(outcome.exitCode, 0) << outcome.output;
     }
 
-    static WmiResult Run(const std::string& query) {
+    static WmiResult Run(
+        const std::string& query,
+        GatherRoutine gather = [](const Gathering& gathering) { return GatherEvents(gathering, folders); }) {
         BoundQuery bound;
         WmiResult result;
         result.status = BindText(query, bound);
         if (IsFailure(result.status)) return result;
         ClassInfo withFolders = *bound.parts.at(0).classInfo;
-        withFolders.gather = [](const Gathering& gathering) { return GatherEvents(gathering, folders); };
+        withFolders.gather = gather;
         bound.parts[0].classInfo = &withFolders;
         const auto add = [&result](const ResultObject& object) {
             WmiRow& row = result.rows.emplace_back();
@@ -210,6 +214,25 @@ std::string Outcome(const WmiResult& result) {
     return text;
 }
 
+/// What a routine says in a process of an ordinary user.
+std::string AsNobody(const std::function<std::string()>& routine) {
+    int ends[2];
+    if (pipe(ends) != 0) return "no pipe";
+    const pid_t child = fork();
+    if (child == 0) {
+        constexpr uid_t nobody = 65534;
+        const bool isOrdinary = getuid() != 0 || setuid(nobody) == 0;
+        const std::string text = isOrdinary ? routine() : "still root";
+        _exit(write(ends[1], text.data(), text.size()) < 0 ? 1 : 0);
+    }
+    close(ends[1]);
+    std::string text(500, '\0');
+    const ssize_t size = read(ends[0], text.data(), text.size());
+    close(ends[0]);
+    waitpid(child, nullptr, 0);
+    return text.substr(0, size < 0 ? 0 : static_cast<std::size_t>(size));
+}
+
 TEST_F(EventLog, SaysWhatItCannotSee) {
     const std::string query = "SELECT RecordNumber FROM Win32_NTLogEvent WHERE RecordNumber>0";
     EXPECT_THAT(Outcome(Run(query)), testing::StartsWith("80041004 0 There is no journal"));
@@ -217,23 +240,8 @@ TEST_F(EventLog, SaysWhatItCannotSee) {
     Write(folder / "journal/garbage.journal", std::string(5000, 'x'));
     EXPECT_THAT(Outcome(Run(query)),
                 testing::MatchesRegex("00000000 3 Parts .* 1 in all; the first: .*garbage.journal: .*"));
-    // As another user, who may read no file, then not even the folder.
-    const auto outcomeAsNobody = [&] {
-        int ends[2];
-        EXPECT_EQ(pipe(ends), 0);
-        const pid_t child = fork();
-        if (child == 0) {
-            const bool isOther = getuid() != 0 || setuid(65534) == 0;
-            const std::string outcome = isOther ? Outcome(Run(query)) : "still root";
-            _exit(write(ends[1], outcome.data(), outcome.size()) < 0 ? 1 : 0);
-        }
-        close(ends[1]);
-        std::string outcome(500, '\0');
-        const ssize_t size = read(ends[0], outcome.data(), outcome.size());
-        close(ends[0]);
-        waitpid(child, nullptr, 0);
-        return outcome.substr(0, size < 0 ? 0 : static_cast<std::size_t>(size));
-    };
+    // Another user may read no file, then not even the folder.
+    const auto outcomeAsNobody = [&] { return AsNobody([&] { return Outcome(Run(query)); }); };
     namespace fs = std::filesystem;
     fs::permissions(folder, fs::perms(0755));
     fs::permissions(folder / "journal/good.journal", fs::perms::none);
@@ -261,6 +269,151 @@ TEST_F(EventLog, ADamagedFileGivesWhatIsWholeAndANotice) {
         }
     }
     EXPECT_GT(losses, 12u);
+}
+
+TEST_F(EventLog, EachLogIsAFileOfTheJournal) {
+    constexpr GatherRoutine gather = [](const Gathering& gathering) { return GatherEventLogFiles(gathering, folders); };
+    const std::string query = "SELECT * FROM Win32_NTEventlogFile WHERE LogfileName<>''";
+    EXPECT_THAT(Outcome(Run(query, gather)), testing::StartsWith("80041004 0 There is no journal"));
+    WriteJournal("system", ManyEntries(0, 240, "a"));
+    WriteJournal("user-1000", ManyEntries(100, 99, "b"));
+    const WmiResult result = Run(query, gather);
+    ASSERT_EQ(Outcome(result), "00000000 3");
+    const std::pair<std::string, std::string> logs[] = {
+        {"Application", ""},
+        {"Security", " SYSLOG_FACILITY=4 SYSLOG_FACILITY=10"},
+        {"System", " SYSLOG_FACILITY=0 SYSLOG_FACILITY=3 SYSLOG_FACILITY=5 SYSLOG_FACILITY=9"},
+    };
+    int others = 339;
+    for (std::size_t at = result.rows.size(); at-- > 0;) {
+        const WmiRow& row = result.rows[at];
+        EXPECT_EQ(PropertyTexts(row, "LogfileName,FileName,Extension,Path,OverWritePolicy,CreationClassName"),
+                  logs[at].first + " system journal " + journal() + "/ WhenNeeded Win32_NTEventlogFile");
+        EXPECT_EQ(PropertyText(row, "FileSize"),
+                  RunShell("du -sB1 " + journal() + "/*.journal | awk '{s+=$1} END {print s}'").output);
+        const std::string count = RunShell("journalctl -qo cat -D " + journal() + logs[at].second + " | wc -l").output;
+        EXPECT_EQ(PropertyText(row, "NumberOfRecords"), at == 0 ? std::to_string(others) : count);
+        others -= std::stoi(count);
+    }
+    EXPECT_EQ(Outcome(Run(query + " AND Name='/etc/passwd'", gather)), "00000000 0");
+}
+
+/// Files of every kind in a folder.
+struct DataFiles : TestFolder {
+    DataFiles() {
+        for (const char* name :
+             {"plain", "a.tar.gz", ".hidden", ".rc.conf", "two words.TXT", "back\\slash.log", "ä.log"})
+            Write(folder / "files" / name, std::string(name) + " holds bytes");
+        std::filesystem::create_directory(folder / "files/sub.d");
+        RunShell(
+            "cd " + files +
+            " && ln -s plain link && ln -s nowhere broken && ln -s sub.d folderlink && mkfifo pipe && "
+            "chmod 600 plain && touch -d '2001-02-03 04:05:06.789 UTC' -m a.tar.gz && touch -d 1999-01-01 -a a.tar.gz");
+        platform::InstallWmi();
+    }
+
+    /// The query's text for a path: backslashes doubled.
+    static std::string Quoted(const std::string& path) {
+        std::string text = "'";
+        for (const char unit : path) text += unit == '\\' ? "\\\\" : std::string(1, unit);
+        return text + "'";
+    }
+
+    static WmiResult Query(const std::string& where) {
+        return RunWmiQuery("SELECT * FROM CIM_DataFile WHERE " + where);
+    }
+
+    const ZoneSetting zone{"UTC"};
+    const std::string files = folder / "files";
+};
+
+TEST_F(DataFiles, OfAFolderAreThoseThatFindAndStatSee) {
+    const WmiResult result = Query("Path=" + Quoted(files + "/"));
+    EXPECT_EQ(Outcome(result), "00000000 10");
+    std::vector<std::string> found;
+    for (const WmiRow& row : result.rows) {
+        const std::string name = PropertyText(row, "Name");
+        found.push_back(name);
+        const std::string script =
+            R"sh(moment() { [ "$1" = - ] && echo NULL || date -ud "$1" +%Y%m%d%H%M%S.%6N+000; }
+                 ask() { [ -e "$f" ] && stat -Lc $1 "$f" || stat -c $1 "$f"; }
+                 echo $(ask %s) $(moment "$(ask %y)") $(moment "$(ask %x)") $(moment "$(ask %w)") \
+                      $(findmnt -no FSTYPE -T "${f%/*}"))sh";
+        EXPECT_EQ(PropertyTexts(row, "FileSize,LastModified,LastAccessed,CreationDate,FSName"),
+                  RunShell("f='" + name + "'; " + script).output)
+            << name;
+        EXPECT_EQ(PropertyText(row, "Path"), files + "/");
+    }
+    std::sort(found.begin(), found.end());
+    const std::string listed = RunShell("find -L " + files + " -maxdepth 1 ! -type d | LC_ALL=C sort").output;
+    EXPECT_EQ(fmt::format("{}", fmt::join(found, "\n")), listed);
+}
+
+TEST_F(DataFiles, HaveTheNamesOfTheQuery) {
+    const std::string backslashes = RunShell("echo -n '" + files + "' | tr / '\\\\'").output;
+    const std::tuple<std::string, const char*, std::string> cases[] = {
+        {"Name=" + Quoted(files + "/a.tar.gz"), "FileName,Extension,Hidden,FileType,Drive",
+         "a.tar gz false Regular file "},
+        {"Name=" + Quoted(files + "/.rc.conf"), "FileName,Extension,Hidden", ".rc conf true"},
+        {"Name=" + Quoted(files + "/.hidden") + " AND Drive=''", "FileName,Extension,Hidden", ".hidden  true"},
+        {"Name=" + Quoted(files + "/pipe"), "FileType,FileSize", "Pipe 0"},
+        {"Name=" + Quoted(files + "/broken"), "FileType", "Symbolic link, broken"},
+        {"Name=" + Quoted(files + "/back\\slash.log"), "Name", files + "/back\\slash.log"},
+        {"Name=" + Quoted(backslashes + "\\plain"), "Name,Path", backslashes + "\\plain " + backslashes + "\\"},
+        {"Path=" + Quoted(backslashes) + " AND FileName='TWO words' AND Extension='txt'", "Name,Path",
+         backslashes + "\\two words.TXT " + backslashes},
+        {"Name LIKE '%link' AND Path=" + Quoted(files + "/"), "Name", files + "/link"},
+        {"Name=" + Quoted("C:" + backslashes + "\\plain"), "", "00000000 0"},
+        {"Drive='C:' AND Path=" + Quoted(files), "", "00000000 0"},
+        {"Path=" + Quoted(files + "/none/") + " OR Path='etc/' OR Path=''", "", "00000000 0"},
+        {"Name=" + Quoted(files + "/sub.d") + " OR Name=" + Quoted(files + "/plain/"), "", "00000000 0"},
+    };
+    for (const auto& [where, properties, expected] : cases) {
+        const WmiResult result = Query(where);
+        if (*properties == '\0') {
+            EXPECT_EQ(Outcome(result), expected) << where;
+            continue;
+        }
+        ASSERT_EQ(Outcome(result), "00000000 1") << where;
+        EXPECT_EQ(PropertyTexts(result.rows[0], properties), expected) << where;
+    }
+}
+
+TEST_F(DataFiles, AreNeverSearchedFor) {
+    for (const char* where :
+         {"Extension='log'", "Name LIKE '/etc/%'", "NOT Name='/x'", "Name='/x' OR Path='/y'", "Drive='C:'"}) {
+        const WmiResult result = Query(where);
+        EXPECT_EQ(result.status, wmi_status::notSupported) << where;
+        EXPECT_THAT(Outcome(result), testing::HasSubstr(" 0 A query for files must say")) << where;
+    }
+    EXPECT_EQ(Query("Name='/x' AND Name='/y' OR Path='/z/' AND Name='/z/q'").status, wmi_status::ok);
+    for (std::size_t at = 0; at < maxFolderFiles; ++at) {
+        ASSERT_EQ(link((files + "/plain").c_str(), fmt::format("{}/sub.d/{}.l", files, at).c_str()), 0);
+    }
+    const std::string query = "SELECT FileName FROM CIM_DataFile WHERE Path=" + Quoted(files + "/sub.d");
+    EXPECT_EQ(RunWmiQuery(query).notices.size(), 0u);
+    Write(files + "/sub.d/last.m", "");
+    const WmiResult most = RunWmiQuery(query);
+    EXPECT_EQ(most.rows.size(), maxFolderFiles);
+    EXPECT_EQ(most.notices.size(), 1u);
+    EXPECT_EQ(RunWmiQuery(query + " AND Extension='M'").rows.size(), 1u) << "names that cannot match do not count";
+}
+
+TEST_F(DataFiles, ThatMayNotBeSeenAreNotAbsent) {
+    std::filesystem::permissions(folder, std::filesystem::perms(0755));
+    const auto outcome = [](const std::string& where) { return AsNobody([&] { return Outcome(Query(where)); }); };
+    EXPECT_EQ(AsNobody([&] {
+                  return PropertyTexts(Query("Name=" + Quoted(files + "/plain")).rows.at(0),
+                                       "Readable,Writeable,AccessMask");
+              }),
+              "false false 0");
+    std::filesystem::permissions(files, std::filesystem::perms(0700));
+    const std::string where = "Name=" + Quoted(files + "/plain");
+    EXPECT_EQ(PropertyTexts(Query(where).rows.at(0), "Readable,Writeable,AccessMask"), "true true 7");
+    if (getuid() != 0) return;  // the owner sees them
+    EXPECT_THAT(outcome(where), testing::MatchesRegex("80041003 0 1 files or folders .*/plain: Permission denied"));
+    EXPECT_THAT(outcome("Path=" + Quoted(files)), testing::StartsWith("80041003 0 1 files or folders"));
+    EXPECT_THAT(outcome(where + " OR Name='/etc/passwd'"), testing::StartsWith("00000000 1 1 files or folders"));
 }
 
 }  // namespace

@@ -1,0 +1,349 @@
+// CIM_DataFile and Win32_NTEventlogFile.
+//
+// A file's Name is its path, and Drive is empty. A query for files must give Name, or Path, which is a folder: no disk
+// is ever searched. Either may be written with backslashes, from the root on; the objects then have the separators of
+// the query. What is written with a drive's letter does not exist.
+#include "wql/classes/data_files.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <dirent.h>
+#include <fmt/format.h>
+#include <map>
+#include <memory>
+#include <system_error>
+
+#include "facts/file_status.h"
+#include "facts/host_names.h"
+#include "facts/mounts.h"
+#include "facts/system_text.h"
+#include "platform/owned_handle.h"
+#include "platform/utf.h"
+#include "wql/class_tree.h"
+#include "wql/classes/event_log.h"
+#include "wql/classes/extended_table.h"
+
+namespace kv::wql {
+
+namespace {
+
+using enum CimType;
+using facts::FileKind;
+using facts::FileStatus;
+
+struct Need {
+    enum Bits : std::uint32_t { host = 1, fileSystem = 2, diskUse = 4, records = 8 };
+};
+
+/// A file, or one of the journal's logs, which all have the file that the journal writes to.
+struct Row {
+    std::u16string_view className;
+    std::u16string folder;  // with a separator at its end
+    std::u16string path;    // folder as the query has it
+    std::u16string leaf;
+    FileStatus status;
+    std::u16string host;
+    std::optional<std::string> fileSystem;
+    std::optional<EventLog> log;
+    std::optional<std::uint64_t> diskUse;  // of all the journal
+    std::optional<std::uint64_t> records;
+};
+
+std::u16string NameOf(const Row& row) { return row.folder + row.leaf; }
+
+/// Where a file's extension begins, with the dot; the end of the name if it has none. A first dot begins none.
+std::size_t ExtensionAt(std::u16string_view leaf) {
+    const std::size_t dot = leaf.rfind(u'.');
+    return dot == leaf.npos || dot == 0 ? leaf.size() : dot;
+}
+
+std::u16string_view StemOf(std::u16string_view leaf) { return leaf.substr(0, ExtensionAt(leaf)); }
+
+std::u16string_view ExtensionOf(std::u16string_view leaf) {
+    const std::size_t at = ExtensionAt(leaf);
+    return at == leaf.size() ? std::u16string_view() : leaf.substr(at + 1);
+}
+
+std::u16string_view KindText(FileKind kind) {
+    constexpr std::u16string_view texts[] = {u"Regular file", u"Folder", u"Character device",     u"Block device",
+                                             u"Pipe",         u"Socket", u"Symbolic link, broken"};
+    return texts[static_cast<std::size_t>(kind)];
+}
+
+/// Windows' bits for what an account may do: 1 read, 2 write, 4 append, 32 execute.
+std::uint32_t AccessMaskOf(const FileStatus& status) {
+    return (status.isReadable ? 1U : 0U) | (status.isWriteable ? 6U : 0U) | (status.isExecutable ? 32U : 0U);
+}
+
+CimValue MomentOf(const std::optional<std::int64_t>& moment) {
+    return moment ? CimValue(DmtfTime(*moment)) : CimValue();
+}
+
+constexpr auto nameIn = [](const Row& row) { return NameOf(row); };
+constexpr auto createdIn = [](const Row& row) { return MomentOf(row.status.created); };
+
+// clang-format off
+constexpr auto fileProperties = std::to_array<PropertyInfo>({
+    {u"AccessMask", uint32, 0, "what the agent may do: 1 read, 2 write, 4 append, 32 execute", [](const Row& row) { return AccessMaskOf(row.status); }},
+    {u"Archive", boolean, 0, "FALSE: no file has that mark", [](const Row&) { return false; }},
+    {u"Caption", string, 0, "as Name", nameIn},
+    {u"Compressed", boolean, 0, "STATX_ATTR_COMPRESSED of statx", [](const Row& row) { return row.status.isCompressed; }},
+    {u"CompressionMethod", string},
+    {u"CreationClassName", string, 0, "CIM_LogicalFile, or this class for a log, as on Windows", [](const Row& row) { return row.className; }},
+    {u"CreationDate", datetime, 0, "stx_btime of statx; NULL if the file system does not keep it", createdIn},
+    {u"CSCreationClassName", string, 0, "the computer's class", [](const Row&) { return u"Win32_ComputerSystem"; }},
+    {u"CSName", string, Need::host, "the computer's name", [](const Row& row) { return row.host; }},
+    {u"Description", string, 0, "as Name", nameIn},
+    {u"Drive", string, 0, "empty: paths begin at the root", [](const Row&) { return u""; }},
+    {u"EightDotThreeFileName", string},
+    {u"Encrypted", boolean, 0, "STATX_ATTR_ENCRYPTED of statx", [](const Row& row) { return row.status.isEncrypted; }},
+    {u"EncryptionMethod", string},
+    {u"Extension", string, 0, "after the name's last dot, unless that comes first", [](const Row& row) { return ExtensionOf(row.leaf); }},
+    {u"FileName", string, 0, "the name without folder and extension", [](const Row& row) { return StemOf(row.leaf); }},
+    {u"FileSize", uint64, Need::diskUse, "bytes, stx_size of statx; of a log what the journal takes on the disk",
+        [](const Row& row) { return row.log ? CimValue(row.diskUse) : CimValue(row.status.size); }},
+    {u"FileType", string, 0, "its kind in words", [](const Row& row) { return KindText(row.status.kind); }},
+    {u"FSCreationClassName", string, 0, "as on Windows", [](const Row&) { return u"Win32_FileSystem"; }},
+    {u"FSName", string, Need::fileSystem, "such as ext4, of mountinfo", [](const Row& row) { return row.fileSystem; }},
+    {u"Hidden", boolean, 0, "the name begins with a dot", [](const Row& row) { return row.leaf.starts_with(u'.'); }},
+    {u"InstallDate", datetime, 0, "as CreationDate", createdIn},
+    {u"InUseCount", uint64},
+    {u"LastAccessed", datetime, 0, "stx_atime of statx", [](const Row& row) { return DmtfTime(row.status.accessed); }},
+    {u"LastModified", datetime, 0, "stx_mtime of statx", [](const Row& row) { return DmtfTime(row.status.modified); }},
+    {u"Manufacturer", string},
+    {u"Name", string, 0, "the whole path, with the separators of the query", nameIn},
+    {u"Path", string, 0, "the folder, as the query has it", [](const Row& row) { return row.path; }},
+    {u"Readable", boolean, 0, "by the agent", [](const Row& row) { return row.status.isReadable; }},
+    {u"Status", string, 0, "always OK, because it is there", [](const Row&) { return u"OK"; }},
+    {u"System", boolean, 0, "FALSE: no file has that mark", [](const Row&) { return false; }},
+    {u"Version", string},
+    {u"Writeable", boolean, 0, "by the agent", [](const Row& row) { return row.status.isWriteable; }},
+});
+
+constexpr auto logFileProperties = Extend(fileProperties, {
+    {u"LogfileName", string, 0, "System, Application or Security", [](const Row& row) { return row.log ? CimValue(NameOf(*row.log)) : CimValue(); }},
+    {u"MaxFileSize", uint32},
+    {u"NumberOfRecords", uint32, Need::records, "entries of this log in the journal", [](const Row& row) { return row.records; }},
+    {u"OverwriteOutDated", uint32, 0, "0: when space is needed", [](const Row&) { return 0; }},
+    {u"OverWritePolicy", string, 0, "the journal drops its oldest files when space is needed", [](const Row&) { return u"WhenNeeded"; }},
+    {u"Sources", ArrayOf(string)},
+});
+// clang-format on
+
+bool IsSeparator(char16_t unit) { return unit == u'/' || unit == u'\\'; }
+
+/// The path that a text of a query stands for; absent when it does not begin at the root. Only one that begins with a
+/// backslash is written with them, because a name here may have any.
+std::optional<std::string> PathOf(std::u16string_view text) {
+    if (text.empty() || !IsSeparator(text.front()) || text.find(u'\0') != text.npos) return std::nullopt;
+    std::string path = platform::Utf8FromWide(text);
+    if (text.front() == u'\\') std::replace(path.begin(), path.end(), '\\', '/');
+    return path;
+}
+
+/// The texts that WHERE leaves a property; null if it may have any.
+std::optional<std::vector<std::u16string>> TextsOf(const Gathering& gathering, std::u16string_view property) {
+    const std::vector<CimValue>* values = gathering.valuesOf(property);
+    if (values == nullptr) return std::nullopt;
+    std::vector<std::u16string> texts;
+    for (const CimValue& value : *values) {
+        if (const auto* text = std::get_if<std::u16string>(&value.held)) texts.push_back(*text);
+    }
+    return texts;
+}
+
+bool MayBe(const std::optional<std::vector<std::u16string>>& texts, std::u16string_view value) {
+    const auto isSame = [value](const std::u16string& text) { return CompareNames(text, value) == 0; };
+    return !texts || std::any_of(texts->begin(), texts->end(), isSame);
+}
+
+/// One run of a gather: what it reads once, and what it could not see.
+class FileGathering {
+  public:
+    explicit FileGathering(const Gathering& gathering)
+        : gathering_(gathering),
+          stems_(TextsOf(gathering, u"FileName")),
+          extensions_(TextsOf(gathering, u"Extension")) {
+        row_.className = u"CIM_LogicalFile";
+        if (gathering.asksFor(Need::host)) row_.host = facts::HostName();
+        if (!gathering.asksFor(Need::fileSystem)) return;
+        for (facts::Mount& mount : facts::ParseMountInfo(platform::ReadSystemFile("/proc/self/mountinfo").value_or("")))
+            fileSystems_.emplace(mount.id, std::move(mount.fileSystem));
+    }
+
+    /// The file of a whole name.
+    void addFile(const std::u16string& name) {
+        const std::optional<std::string> path = PathOf(name);
+        if (!path) return;
+        const char16_t separator = name.front();
+        const std::size_t end = name.rfind(separator) + 1;
+        row_.folder = row_.path = name.substr(0, end);
+        addRow(*path, name.substr(end));
+    }
+
+    /// The files of a folder.
+    void addFolder(const std::u16string& folder) {
+        const std::optional<std::string> path = PathOf(folder);
+        if (!path) return;
+        row_.folder = row_.path = folder;
+        if (folder.back() != folder.front()) row_.folder += folder.front();
+        using OwnedFolder = std::unique_ptr<DIR, platform::ReleasedBy<closedir>>;
+        const OwnedFolder open(opendir(path->c_str()));
+        if (!open) {
+            addFailure(*path, errno);
+            return;
+        }
+        addNamesOf(*open, *path + "/");
+    }
+
+    Row& row() { return row_; }
+
+    /// Fills in what is told of the file at a path. False if there is none, or it is a folder.
+    bool read(const std::string& path) {
+        const int failure = facts::ReadFileStatus(path, row_.status);
+        if (failure != 0) addFailure(path, failure);
+        if (failure != 0 || row_.status.kind == FileKind::folder) return false;
+        const auto fileSystem = row_.status.mount ? fileSystems_.find(*row_.status.mount) : fileSystems_.end();
+        row_.fileSystem = fileSystem == fileSystems_.end() ? std::nullopt : std::optional(fileSystem->second);
+        return true;
+    }
+
+    bool isOver() const { return isOver_; }
+
+    /// Says what could not be seen. The status if nothing was.
+    WmiStatus finish() {
+        if (failures_ == 0) return wmi_status::ok;
+        gathering_.notice(fmt::format("{} files or folders cannot be asked; the first: {}: {}", failures_, firstPath_,
+                                      std::generic_category().message(firstFailure_)));
+        if (files_ > 0) return wmi_status::ok;
+        return firstFailure_ == EACCES ? wmi_status::accessDenied : wmi_status::providerFailure;
+    }
+
+  private:
+    void addFailure(const std::string& path, int failure) {
+        if (facts::IsAbsence(failure) || failures_++ > 0) return;
+        firstPath_ = path;
+        firstFailure_ = failure;
+    }
+
+    void addRow(const std::string& path, std::u16string leaf) {
+        row_.leaf = std::move(leaf);
+        if (!MayBe(stems_, StemOf(row_.leaf)) || !MayBe(extensions_, ExtensionOf(row_.leaf)) || !read(path)) return;
+        ++files_;
+        isOver_ = !gathering_.row(&row_);
+    }
+
+    void addNamesOf(DIR& folder, const std::string& path) {
+        const std::size_t most = files_ + maxFolderFiles;
+        std::size_t names = 0;
+        while (const dirent* entry = readdir(&folder)) {
+            if (isOver_) return;
+            if (files_ == most || names++ == maxFolderNames) {
+                gathering_.notice(fmt::format("{} has more files: a query gives at most {}, and looks at {} names",
+                                              path, maxFolderFiles, maxFolderNames));
+                return;
+            }
+            if (entry->d_type != DT_DIR) addRow(path + entry->d_name, platform::WideFromUtf8(entry->d_name));
+        }
+    }
+
+    const Gathering& gathering_;
+    std::optional<std::vector<std::u16string>> stems_;
+    std::optional<std::vector<std::u16string>> extensions_;
+    std::map<int, std::string> fileSystems_;  // by the number of the mount
+    Row row_;
+    std::size_t files_ = 0;
+    bool isOver_ = false;
+    std::size_t failures_ = 0;
+    std::string firstPath_;
+    int firstFailure_ = 0;
+};
+
+WmiStatus GatherFiles(const Gathering& gathering) {
+    const auto names = TextsOf(gathering, u"Name");
+    const auto folders = TextsOf(gathering, u"Path");
+    if (!names && !folders) {
+        gathering.notice("A query for files must say in WHERE what Name is (a file), or Path (a folder)");
+        return wmi_status::notSupported;
+    }
+    if (!MayBe(TextsOf(gathering, u"Drive"), u"")) return wmi_status::ok;
+    FileGathering files(gathering);
+    for (const std::u16string& text : names ? *names : *folders) {
+        if (files.isOver()) break;
+        names ? files.addFile(text) : files.addFolder(text);
+    }
+    return files.finish();
+}
+
+/// The file that the journal writes to; else the one that it wrote to last.
+const std::string& MainFileOf(const std::vector<std::string>& paths) {
+    const auto main = std::find_if(paths.begin(), paths.end(),
+                                   [](const std::string& path) { return path.ends_with("/system.journal"); });
+    return main != paths.end() ? *main : paths.front();
+}
+
+std::uint64_t DiskUseOf(const std::vector<std::string>& paths) {
+    std::uint64_t sum = 0;
+    for (const std::string& path : paths) {
+        FileStatus status;
+        if (facts::ReadFileStatus(path, status) == 0) sum += status.diskSize;
+    }
+    return sum;
+}
+
+/// How many entries each log has, in the order of eventLogs. Counting goes on for a while at most: a third of a million
+/// entries take a third of a second.
+std::array<std::optional<std::uint64_t>, eventLogs.size()> CountRecords(const std::vector<std::string>& folders) {
+    constexpr std::chrono::seconds longest{5};
+    const auto limit = std::chrono::steady_clock::now() + longest;
+    const auto security = facts::CountJournalEntries(folders, MatchesOf(EventLog::security), limit);
+    const auto system = facts::CountJournalEntries(folders, MatchesOf(EventLog::system), limit);
+    const auto all = facts::CountJournalEntries(folders, {}, limit);
+    if (!security || !system || !all) return {};
+    return {*all - std::min(*all, *security + *system), *security, *system};
+}
+
+WmiStatus GatherOwnLogFiles(const Gathering& gathering) {
+    return GatherEventLogFiles(gathering, facts::JournalFolders());
+}
+
+constexpr ClassInfo classes[] = {
+    {u"CIM_DataFile", u"CIM_LogicalFile", fileProperties, GatherFiles, u"Name"},
+    {u"Win32_NTEventlogFile", u"CIM_DataFile", logFileProperties, GatherOwnLogFiles, u"LogfileName"},
+};
+
+const ClassFamily family([] { return std::span<const ClassInfo>(classes); });
+
+}  // namespace
+
+WmiStatus GatherEventLogFiles(const Gathering& gathering, const std::vector<std::string>& folders) {
+    const auto names = TextsOf(gathering, u"Name");
+    const auto paths = TextsOf(gathering, u"Path");
+    facts::JournalReading found;
+    const std::vector<std::string> files = facts::FindJournalFiles(folders, found.denied);
+    found.files = found.read = files.size();
+    if (files.empty()) return names || paths ? wmi_status::ok : TellJournalLosses(found, gathering);
+    FileGathering gather(gathering);
+    Row& row = gather.row();
+    const std::string& main = MainFileOf(files);
+    const std::u16string name = platform::WideFromUtf8(main);
+    row.folder = row.path = name.substr(0, name.rfind(u'/') + 1);
+    row.leaf = name.substr(row.folder.size());
+    if (!MayBe(names, name) || !MayBe(paths, row.path)) return wmi_status::ok;
+    if (!gather.read(main)) return gather.finish();
+    row.className = u"Win32_NTEventlogFile";
+    if (gathering.asksFor(Need::diskUse)) row.diskUse = DiskUseOf(files);
+    std::array<std::optional<std::uint64_t>, eventLogs.size()> records{};
+    if (gathering.asksFor(Need::records)) {
+        records = CountRecords(folders);
+        if (!records[0]) gathering.notice("The entries of the journal could not be counted, or not in time");
+    }
+    for (std::size_t at = 0; at < eventLogs.size(); ++at) {
+        row.log = eventLogs[at];
+        row.records = records[at];
+        if (!gathering.row(&row)) break;
+    }
+    return wmi_status::ok;
+}
+
+}  // namespace kv::wql
