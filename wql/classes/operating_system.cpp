@@ -5,9 +5,11 @@
 #include <sys/utsname.h>
 #include <systemd/sd-id128.h>
 #include <time.h>
+#if defined(__x86_64__) || defined(__i386__)
+#include <cpuid.h>
+#endif
 
 #include "facts/block_devices.h"
-#include "facts/cpu_info.h"
 #include "facts/distribution.h"
 #include "facts/host_names.h"
 #include "facts/kernel_totals.h"
@@ -135,7 +137,7 @@ constexpr PropertyInfo properties[] = {
     {u"CSName", string, Need::host, "the computer's name", [](const Row& row) { return row.host; }},
     {u"CurrentTimeZone", sint16, Need::time, "minutes east of UTC, daylight saving included", [](const Row& row) { return facts::LocalTimeOf(row.now).minutesEast; }},
     {u"DataExecutionPrevention_32BitApplications", boolean, Need::execution, "as DataExecutionPrevention_Available", forbidsExecutionIn},
-    {u"DataExecutionPrevention_Available", boolean, Need::execution, "flag nx; always TRUE on 64-bit ARM", forbidsExecutionIn},
+    {u"DataExecutionPrevention_Available", boolean, Need::execution, "whether the processor can; always TRUE on 64-bit ARM", forbidsExecutionIn},
     {u"DataExecutionPrevention_Drivers", boolean, Need::execution, "as DataExecutionPrevention_Available", forbidsExecutionIn},
     {u"DataExecutionPrevention_SupportPolicy", uint8, Need::execution, "3: all programs but those that ask for executable data; 0 never", [](const Row& row) { return ExecutionPolicyOf(row); }},
     {u"Debug", boolean, Need::kernel, "whether the kernel's release says debug", [](const Row& row) { return std::string_view(row.kernel.release).find("debug") != std::string_view::npos; }},
@@ -237,11 +239,20 @@ void ReadDiskParts(Row& row) {
     row.isOnUsb = root != nullptr && facts::IsOnUsb(facts::BlockDeviceOf(*root));
 }
 
+/// The processor is asked itself: /proc/cpuinfo is slow to read where there are many.
 std::optional<bool> CanForbidExecution() {
-    if (facts::MachineName() == "aarch64") return true;
-    const std::string text = facts::ReadCpuInfo();
-    const std::vector<facts::CpuBlock> processors = facts::ParseCpuInfo(text);
-    return processors.empty() ? std::nullopt : processors.front().hasFlag("nx");
+#if defined(__x86_64__) || defined(__i386__)
+    constexpr unsigned extendedFeatures = 0x80000001;
+    constexpr unsigned noExecuteBit = 1U << 20;
+    unsigned unused = 0;
+    unsigned features = 0;
+    if (__get_cpuid(extendedFeatures, &unused, &unused, &unused, &features) == 0) return std::nullopt;
+    return (features & noExecuteBit) != 0;
+#elif defined(__aarch64__)
+    return true;
+#else
+    return std::nullopt;
+#endif
 }
 
 void ReadKernelParts(const Gathering& gathering, Row& row) {
