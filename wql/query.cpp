@@ -119,6 +119,7 @@ WmiStatus BindQuery(const WqlQuery& query, BoundQuery& bound) {
     if (CompareNames(query.className, u"meta_class") == 0) return wmi_status::notSupported;
     const ClassInfo* named = FindClass(query.className);
     if (named == nullptr) return wmi_status::invalidClass;
+    bound.named = named;
     ClassQuery asNamed;
     const WmiStatus status = BindClass(query, *named, asNamed);
     if (IsFailure(status)) return status;
@@ -131,7 +132,7 @@ WmiStatus BindQuery(const WqlQuery& query, BoundQuery& bound) {
 }
 
 BoundQuery BindWholeClass(const ClassInfo& classInfo) {
-    BoundQuery bound;
+    BoundQuery bound{.parts = {}, .named = &classInfo};
     ForEachClass(classInfo, [&](const ClassInfo& one) { return BindObjectOf(one, {}, bound.parts.emplace_back()); });
     return bound;
 }
@@ -139,6 +140,7 @@ BoundQuery BindWholeClass(const ClassInfo& classInfo) {
 WmiStatus BindObject(const ObjectName& object, BoundQuery& bound) {
     const ClassInfo* named = FindClass(object.className);
     if (named == nullptr) return wmi_status::invalidClass;
+    bound.named = named;
     return ForEachClass(*named, [&](const ClassInfo& classInfo) {
         return BindObjectOf(classInfo, object, bound.parts.emplace_back());
     });
@@ -157,15 +159,10 @@ ResultObject ObjectOf(const ClassQuery& query, const void* row) {
 WmiStatus GatherRows(const BoundQuery& query, const ResultSink& sink, const RowSink& take) {
     std::vector<WmiStatus> failures;
     for (const ClassQuery& part : query.parts) {
-<<<<<<< HEAD
         const WmiStatus status = GatherClass(part, sink, take);
-        if (IsFailure(status)) failures.push_back(status);
-=======
-        const WmiStatus status = GatherClass(part, sink);
->>>>>>> 9f03706 (WMI: CIM_DataFile and Win32_NTEventlogFile)
         if (!sink.wantsMore()) return wmi_status::ok;
         if (!IsFailure(status)) continue;
-        if (part.classInfo->name == query.className) return status;
+        if (part.classInfo == query.named) return status;
         failures.push_back(status);
         sink.notice(LossNotice(part, status));
     }

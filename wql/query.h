@@ -24,7 +24,8 @@ struct ClassQuery {
 };
 
 struct BoundQuery {
-    std::vector<ClassQuery> parts;
+    std::vector<ClassQuery> parts;     // the class that the query names, and those that inherit from it
+    const ClassInfo* named = nullptr;  // that class
 };
 
 /// One object as the agent gets it.
@@ -45,7 +46,6 @@ struct ResultSink {
 /// the like), but the results do not have them.
 WmiStatus BindQuery(const WqlQuery& query, BoundQuery& bound);
 
-<<<<<<< HEAD
 /// Binds a query for the objects that a path names, with all their properties. invalidClass if there is no such class,
 /// invalidObjectPath if it lacks a key.
 WmiStatus BindObject(const ObjectName& object, BoundQuery& bound);
@@ -56,20 +56,15 @@ BoundQuery BindWholeClass(const ClassInfo& classInfo);
 /// Takes an object as its class's row record, which is valid until this returns.
 using RowSink = std::function<void(const ClassQuery& query, const void* row)>;
 
-/// Gathers the row records that match, and stops when no more are wanted. Of several classes, one whose gather fails
-/// costs only its own objects, and a notice names it. If all fail, the first failure is the result. Of the sink,
-/// `object` is not used.
+/// Gathers the row records that match, and stops when no more are wanted. A failure of the class that the query names
+/// ends the run, after the objects so far. That of a subclass costs only its own objects, and a notice names it; if all
+/// fail, the first failure is the result. Of the sink, `object` is not used.
 WmiStatus GatherRows(const BoundQuery& query, const ResultSink& sink, const RowSink& take);
 
 /// The properties of an object that a query asks for.
 ResultObject ObjectOf(const ClassQuery& query, const void* row);
 
 /// GatherRows whose rows go to the sink as objects.
-=======
-/// Gathers the objects that match, and stops when no more are wanted. A failure of the class that the query names ends
-/// the run, after the objects so far. That of a subclass costs only its own objects, and a notice names it; if all
-/// fail, the first failure is the result.
->>>>>>> 9f03706 (WMI: CIM_DataFile and Win32_NTEventlogFile)
 WmiStatus RunQuery(const BoundQuery& query, const ResultSink& sink);
 
 }  // namespace kv::wql

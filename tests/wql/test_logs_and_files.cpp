@@ -76,7 +76,7 @@ class EventLog : public TestFolder {
         if (IsFailure(result.status)) return result;
         ClassInfo withFolders = *bound.parts.at(0).classInfo;
         withFolders.gather = gather;
-        bound.parts[0].classInfo = &withFolders;
+        bound.named = bound.parts[0].classInfo = &withFolders;
         const auto add = [&result](const ResultObject& object) {
             WmiRow& row = result.rows.emplace_back();
             for (const auto& [name, value] : object) row[Utf8FromWide(name)] = {value.type, VariantText(value)};

@@ -77,18 +77,19 @@ TEST_F(WmiProvider, AFailingSubclassCostsOnlyItsOwnObjects) {
         gathering.row(nullptr);
         return wmi_status::ok;
     };
+    const ClassInfo above{u"KV_Above", u"", {}};
     const ClassInfo failing{u"KV_Failing", u"", {}, fail};
     const ClassInfo working{u"KV_Working", u"", {}, succeed};
     const std::string lost = "KV_Failing are missing: status 80041003 ";
-    const std::tuple<std::u16string_view, std::vector<const ClassInfo*>, std::string> cases[] = {
-        {u"KV_Failing", {&failing, &working}, "80041003 "},
-        {u"KV_Above", {&failing, &working}, "0 Objects of " + lost + "row "},
-        {u"KV_Above", {&working, &failing, &working}, "0 row Objects of " + lost + "row "},
-        {u"KV_Above", {&failing, &failing}, "80041003 Objects of " + lost + "Objects of " + lost},
-        {u"KV_Above", {}, "0 "},
+    const std::tuple<const ClassInfo*, std::vector<const ClassInfo*>, std::string> cases[] = {
+        {&failing, {&failing, &working}, "80041003 "},
+        {&above, {&failing, &working}, "0 Objects of " + lost + "row "},
+        {&above, {&working, &failing, &working}, "0 row Objects of " + lost + "row "},
+        {&above, {&failing, &failing}, "80041003 Objects of " + lost + "Objects of " + lost},
+        {&above, {}, "0 "},
     };
-    for (const auto& [name, classes, outcome] : cases) {
-        BoundQuery query{.className = name, .parts = {}};
+    for (const auto& [named, classes, outcome] : cases) {
+        BoundQuery query{.parts = {}, .named = named};
         for (const ClassInfo* one : classes) query.parts.push_back({one, {}, {}});
         std::string events;
         const ResultSink sink{[&](const ResultObject&) { events += "row "; }, [] { return true; },
