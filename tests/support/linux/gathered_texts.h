@@ -40,7 +40,7 @@ inline Gathered GatherTexts(std::u16string_view className, std::string_view name
     }
     if (!where.empty()) {
         wql::BoundQuery bound;
-        const std::string text = "SELECT * FROM " + platform::Utf8FromWide(className) + " ";
+        std::string text = "SELECT * FROM " + platform::Utf8FromWide(className) + " ";
         EXPECT_EQ(BindText(text.append(where), bound), 0U) << where;
         if (!bound.parts.empty()) query.where = std::move(bound.parts.front().where);
     }
