@@ -3,7 +3,6 @@
 #include <filesystem>
 #include <fmt/format.h>
 
-#include "facts/network_devices.h"
 #include "facts/system_text.h"
 
 namespace kv::facts {
@@ -19,14 +18,12 @@ std::string_view NameBehind(std::string_view number, std::string_view line) {
 
 }  // namespace
 
-std::string PlaceBelowDevices(const std::string& folder) {
-    constexpr std::string_view root = "/sys/devices/";
-    return folder.starts_with(root) ? folder.substr(root.size()) : std::string();
-}
-
-std::string DevicePlaceOf(const std::string& folder) {
+std::string PlaceOfDevice(const std::string& link) {
+    constexpr std::string_view devices = "/sys/devices/";
     std::error_code failure;
-    return PlaceBelowDevices(fs::canonical(folder + "/device", failure).string());
+    const std::string path = fs::canonical(link, failure).string();
+    const std::size_t at = path.find(devices);
+    return at == path.npos ? std::string() : path.substr(at + devices.size());
 }
 
 std::string DriverOf(const std::string& folder) {
@@ -59,10 +56,19 @@ std::string ReadPciIds() {
     return {};
 }
 
-DeviceNames ReadPciNamesOfUdev(const std::string& address) {
-    const std::string known = platform::ReadSystemFile("/run/udev/data/+pci:" + address).value_or(std::string());
-    return {std::string(ValueAfter("E:ID_VENDOR_FROM_DATABASE=", known)),
-            std::string(ValueAfter("E:ID_MODEL_FROM_DATABASE=", known))};
+std::optional<std::string> UdevFact(std::string_view data, std::string_view key) {
+    constexpr std::string_view mark = "E:";
+    for (std::string_view line; TakeLine(data, line);) {
+        if (!line.starts_with(mark)) continue;
+        line.remove_prefix(mark.size());
+        if (line.starts_with(key) && line.substr(key.size(), 1) == "=") return std::string(line.substr(key.size() + 1));
+    }
+    return std::nullopt;
+}
+
+DeviceNames NamesInUdev(std::string_view data) {
+    return {UdevFact(data, "ID_VENDOR_FROM_DATABASE").value_or(""),
+            UdevFact(data, "ID_MODEL_FROM_DATABASE").value_or("")};
 }
 
 }  // namespace kv::facts

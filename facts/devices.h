@@ -1,17 +1,15 @@
-// Devices in /sys: where they are, what drives them, and what the list of PCI's names (pci.ids) calls them.
+// Devices in /sys: where they are, what drives them, and what udev and the list of PCI's names (pci.ids) call them.
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
 namespace kv::facts {
 
-/// The path below /sys/devices of a device's own folder; empty for another folder.
-std::string PlaceBelowDevices(const std::string& folder);
-
-/// The same of the device behind a folder of /sys/class; empty when there is no device.
-std::string DevicePlaceOf(const std::string& folder);
+/// The path of a device below /sys/devices, to which a link leads; empty if it does not lead there.
+std::string PlaceOfDevice(const std::string& link);
 
 /// The name of a device's driver; empty when it does not have one. folder: the device's.
 std::string DriverOf(const std::string& folder);
@@ -28,7 +26,11 @@ DeviceNames NamesInPciIds(std::string_view text, std::uint16_t vendor, std::uint
 /// The text of pci.ids; empty when the list is not installed.
 std::string ReadPciIds();
 
-/// The names that the device manager (udev) has found in its own database. address: such as "0000:00:02.0".
-DeviceNames ReadPciNamesOfUdev(const std::string& address);
+/// A fact in what the device manager (udev) has found out about a device, a text with a line "E:KEY=value" for each,
+/// such as "ID_FS_LABEL"; absent when it is not known.
+std::optional<std::string> UdevFact(std::string_view data, std::string_view key);
+
+/// The names in such a text, which come from udev's own database.
+DeviceNames NamesInUdev(std::string_view data);
 
 }  // namespace kv::facts

@@ -4,6 +4,7 @@
 #include <filesystem>
 
 #include "facts/block_devices.h"
+#include "facts/devices.h"
 #include "facts/drive_files.h"
 #include "facts/system_text.h"
 

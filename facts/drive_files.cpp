@@ -1,7 +1,6 @@
 #include "facts/drive_files.h"
 
 #include <algorithm>
-#include <filesystem>
 #include <initializer_list>
 
 #include "facts/system_text.h"
@@ -9,8 +8,6 @@
 namespace kv::facts {
 
 namespace {
-
-namespace fs = std::filesystem;
 
 /// The text of the first of these files that has one; empty if none has.
 std::string FirstLineOf(const std::string& folder, std::initializer_list<const char*> files) {
@@ -41,14 +38,6 @@ std::string SerialOfDrive(const std::string& folder) {
     return page.size() <= pageHeader ? std::string() : std::string(Trimmed(std::string_view(page).substr(pageHeader)));
 }
 
-std::string PlaceOfDevice(const std::string& link) {
-    constexpr std::string_view devices = "/sys/devices/";
-    std::error_code failure;
-    const std::string path = fs::canonical(link, failure).string();
-    const std::size_t at = path.find(devices);
-    return at == path.npos ? std::string() : path.substr(at + devices.size());
-}
-
 std::optional<std::array<std::uint32_t, 4>> ScsiAddressIn(std::string_view place) {
     std::array<std::uint32_t, 4> address{};
     std::string_view rest = place.substr(place.rfind('/') + 1);
@@ -69,16 +58,6 @@ bool IsDriveWorking(const std::string& folder) {
 
 std::string ReadUdevData(const std::string& device, const std::string& root) {
     return platform::ReadSystemFile(root + "/run/udev/data/b" + device).value_or(std::string());
-}
-
-std::optional<std::string> UdevFact(std::string_view data, std::string_view key) {
-    constexpr std::string_view mark = "E:";
-    for (std::string_view line; TakeLine(data, line);) {
-        if (!line.starts_with(mark)) continue;
-        line.remove_prefix(mark.size());
-        if (line.starts_with(key) && line.substr(key.size(), 1) == "=") return std::string(line.substr(key.size() + 1));
-    }
-    return std::nullopt;
 }
 
 }  // namespace kv::facts

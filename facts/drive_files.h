@@ -18,19 +18,13 @@ std::string FirmwareOfDrive(const std::string& folder);
 /// The serial number, from its file or else from the SCSI page for it, after the page's header.
 std::string SerialOfDrive(const std::string& folder);
 
-/// The path of a device below /sys/devices, to which a link leads; empty if it does not lead there.
-std::string PlaceOfDevice(const std::string& link);
-
 /// Host, channel, target and unit of a SCSI device, "0:0:1:0" at the end of its path; absent for any other path.
 std::optional<std::array<std::uint32_t, 4>> ScsiAddressIn(std::string_view place);
 
 /// Whether the drive's driver still uses it. Drivers that do not tell a state count as working.
 bool IsDriveWorking(const std::string& folder);
 
-/// What udev has found out about a block device ("8:1"), a line "E:KEY=value" for each fact. Empty without udev.
+/// The text of udev about a block device ("8:1"), for UdevFact. Empty without udev.
 std::string ReadUdevData(const std::string& device, const std::string& root = {});
-
-/// A fact in such a text, such as "ID_FS_LABEL"; absent when it is not known.
-std::optional<std::string> UdevFact(std::string_view data, std::string_view key);
 
 }  // namespace kv::facts

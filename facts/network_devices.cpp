@@ -8,6 +8,7 @@
 #include <net/if.h>
 #include <net/if_arp.h>
 
+#include "facts/devices.h"
 #include "facts/netlink.h"
 #include "facts/system_text.h"
 
@@ -69,17 +70,14 @@ std::optional<std::vector<NetworkInterface>> ListNetworkInterfaces() {
 }
 
 InterfaceDevice ReadInterfaceDevice(const NetworkInterface& interface) {
-    constexpr std::string_view root = "/sys/devices/";
     const std::string folder = FolderOf(interface.name);
-    std::error_code failure;
     InterfaceDevice device;
-    const std::string place = fs::canonical(folder + "/device", failure).string();
-    if (place.starts_with(root)) device.place = place.substr(root.size());
-    device.driver = fs::read_symlink(folder + "/device/driver", failure).filename().string();
-    const std::string known =
-        platform::ReadSystemFile("/run/udev/data/n" + std::to_string(interface.index)).value_or(std::string());
-    device.vendor = ValueAfter("E:ID_VENDOR_FROM_DATABASE=", known);
-    device.product = ValueAfter("E:ID_MODEL_FROM_DATABASE=", known);
+    device.place = PlaceOfDevice(folder + "/device");
+    device.driver = DriverOf(folder + "/device");
+    DeviceNames names = NamesInUdev(
+        platform::ReadSystemFile("/run/udev/data/n" + std::to_string(interface.index)).value_or(std::string()));
+    device.vendor = std::move(names.vendor);
+    device.product = std::move(names.product);
     if (device.product.empty()) device.product = device.driver;
     if (device.product.empty()) {
         device.product = ValueAfter("DEVTYPE=", platform::ReadSystemFile(folder + "/uevent").value_or(std::string()));

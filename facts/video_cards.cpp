@@ -34,7 +34,7 @@ std::vector<Card> ListCards(const fs::path& classFolder, std::error_code& failur
     std::vector<Card> cards;
     for (const fs::path& path : PathsIn(classFolder, failure)) {
         const std::string name = path.filename().string();
-        if (!name.starts_with("card") || name.find('-') != name.npos) continue;  // "card0-DP-1" is a connector
+        if (!name.starts_with("card") || name.find('-') != std::string::npos) continue;  // "card0-DP-1" is a connector
         std::error_code hasNoDevice;
         const fs::path device = fs::canonical(path / "device", hasNoDevice);
         if (!hasNoDevice) cards.push_back({name, device.string()});

@@ -129,7 +129,7 @@ TEST_F(WmiVideo, ControllersAreThoseOfTheBusAndOtherCards) {
         "DeviceID Name AdapterCompatibility VideoProcessor InstalledDisplayDrivers DriverVersion "
         "ConfigManagerErrorCode "
         "Status AdapterRAM CurrentHorizontalResolution CurrentVerticalResolution CurrentScanMode CurrentBitsPerPixel "
-        "VideoModeDescription VideoArchitecture CurrentNumberOfRows";
+        "VideoModeDescription VideoArchitecture CurrentNumberOfRows PNPDeviceID";
     WriteTree();
     utsname kernel{};
     ASSERT_EQ(uname(&kernel), 0);
@@ -140,10 +140,11 @@ TEST_F(WmiVideo, ControllersAreThoseOfTheBusAndOtherCards) {
                       }),
         ElementsAre(
             fmt::format("VideoController1|Intel Corporation UHD Graphics 620|Intel Corporation|UHD Graphics 620|"
-                        "i915|{}|0|OK|NULL|1920|1080|3|32|1920 x 1080 x 4294967296 colors|5|0|",
+                        "i915|{}|0|OK|NULL|1920|1080|3|32|1920 x 1080 x 4294967296 colors|5|0|pci/0000:00:02.0|",
                         kernel.release),
-            "VideoController2|1002:ffff|NULL|NULL|NULL|NULL|28|Error|-1048576|NULL|NULL|NULL|NULL|NULL|1|NULL|",
-            "VideoController3|vc4|NULL|NULL|vc4|1.2.3|0|OK|NULL|NULL|NULL|NULL|NULL|NULL|1|NULL|"));
+            "VideoController2|1002:ffff|NULL|NULL|NULL|NULL|28|Error|-1048576|NULL|NULL|NULL|NULL|NULL|1|NULL|pci/"
+            "0000:01:00.0|",
+            "VideoController3|vc4|NULL|NULL|vc4|1.2.3|0|OK|NULL|NULL|NULL|NULL|NULL|NULL|1|NULL|platform/gpu.0|"));
     EXPECT_THAT(GatheredTexts(u"Win32_VideoController", "DeviceID",
                               [](const Gathering& to) {
                                   return GatherVideoControllers(to, {root + "/none", FewNames});

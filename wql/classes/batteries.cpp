@@ -111,7 +111,7 @@ constexpr PropertyInfo properties[] = {
     {u"LastErrorCode", uint32},
     {u"MaxRechargeTime", uint32},
     {u"Name", string, 0, "its model, else as DeviceID", [](const Row& row) { return NameOf(row); }},
-    {u"PNPDeviceID", string, 0, "the hardware's path below /sys/devices", [](const Row& row) { return facts::KnownText(facts::DevicePlaceOf(row.battery.folder)); }},
+    {u"PNPDeviceID", string, 0, "the hardware's path below /sys/devices", [](const Row& row) { return facts::KnownText(facts::PlaceOfDevice(row.battery.folder + "/device")); }},
     {u"PowerManagementCapabilities", ArrayOf(uint16)},
     {u"PowerManagementSupported", boolean, 0, "always FALSE: it cannot be put to sleep", [](const Row&) { return false; }},
     {u"SmartBatteryVersion", string},

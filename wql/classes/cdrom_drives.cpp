@@ -5,6 +5,7 @@
 
 #include "facts/block_devices.h"
 #include "facts/cdrom_info.h"
+#include "facts/devices.h"
 #include "facts/drive_files.h"
 #include "facts/host_names.h"
 #include "facts/system_text.h"

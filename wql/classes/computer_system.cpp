@@ -175,7 +175,7 @@ constexpr PropertyInfo properties[] = {
     {u"OEMLogoBitmap", ArrayOf(uint8)},
     {u"OEMStringArray", ArrayOf(string), Need::firmware, "of the firmware", [](const Row& row) { return TextsOf(row.texts); }},
     {u"PartOfDomain", boolean, Need::membership, "it has a key in a realm", [](const Row& row) { return row.isMember; }},
-    {u"PauseAfterReset", sint64, 0, "-1: unknown", [](const Row&) { return -1; }},
+    {u"PauseAfterReset", sint64, 0, "milliseconds; -1: unknown", [](const Row&) { return -1; }},
     {u"PCSystemType", uint16, Need::chassis, "1 desktop, 2 mobile, 4 server, 0 unknown", [](const Row& row) { return facts::SystemTypeOfChassis(row.chassis); }},
     {u"PCSystemTypeEx", uint16, Need::chassis, "as PCSystemType, but 8 tablet", [](const Row& row) { return facts::ExtendedSystemTypeOfChassis(row.chassis); }},
     {u"PowerManagementCapabilities", ArrayOf(uint16)},

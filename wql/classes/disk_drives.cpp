@@ -2,6 +2,7 @@
 #include <array>
 
 #include "facts/block_devices.h"
+#include "facts/devices.h"
 #include "facts/disk_partitions.h"
 #include "facts/drive_files.h"
 #include "facts/host_names.h"

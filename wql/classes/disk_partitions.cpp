@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <fmt/format.h>
 
+#include "facts/devices.h"
 #include "facts/drive_files.h"
 #include "facts/host_names.h"
 #include "facts/system_text.h"

@@ -72,7 +72,7 @@ constexpr PropertyInfo zoneProperties[] = {
     {u"DaylightYear", uint32, 0, "0: every year", zero},
     {u"Description", string, 0, "as Caption", captionIn},
     {u"SettingID", string, 0, "name of the zone", [](const ZoneRow& row) { return facts::KnownText(row.name); }},
-    {u"StandardBias", uint32, 0, "always 0", zero},
+    {u"StandardBias", uint32, 0, "minutes, always 0", zero},
     {u"StandardDay", uint32, 0, "which StandardDayOfWeek of the month, 5 the last", [](const ZoneRow& row) { return row.daylight.end.week; }},
     {u"StandardDayOfWeek", uint8, 0, "0 Sunday", [](const ZoneRow& row) { return row.daylight.end.dayOfWeek; }},
     {u"StandardHour", uint32, 0, "of the clock before the change", [](const ZoneRow& row) { return row.daylight.end.hour; }},

@@ -105,7 +105,7 @@ constexpr PropertyInfo properties[] = {
     {u"ConfigManagerErrorCode", uint32, 0, "0; 28 without a driver, unless the firmware set it up", [](const Row& row) { return Works(row) ? 0 : 28; }},
     {u"ConfigManagerUserConfig", boolean, 0, "always FALSE: nobody sets up its resources", [](const Row&) { return false; }},
     {u"CreationClassName", string, 0, "this class", [](const Row&) { return u"Win32_VideoController"; }},
-    {u"CurrentBitsPerPixel", uint32, 0, "of the console", [](const Row& row) { return row.card.bitsPerPixel; }},
+    {u"CurrentBitsPerPixel", uint32, 0, "bits, of the console", [](const Row& row) { return row.card.bitsPerPixel; }},
     {u"CurrentHorizontalResolution", uint32, 0, "pixels, the mode that its first display that is on prefers", [](const Row& row) { return WidthOf(row); }},
     {u"CurrentNumberOfColors", uint64, 0, "by CurrentBitsPerPixel", [](const Row& row) { return ColorsOf(row); }},
     {u"CurrentNumberOfColumns", uint32, 0, "0: no mode of characters; unknown while no display is on", charactersIn},
@@ -136,7 +136,7 @@ constexpr PropertyInfo properties[] = {
     {u"Name", string, Need::names, "maker and product by pci.ids, else the driver, else the numbers on the bus", nameIn},
     {u"NumberOfColorPlanes", uint16},
     {u"NumberOfVideoPages", uint32},
-    {u"PNPDeviceID", string, 0, "the device's path below /sys/devices", [](const Row& row) { return facts::KnownText(facts::PlaceBelowDevices(row.card.folder)); }},
+    {u"PNPDeviceID", string, 0, "the device's path below /sys/devices", [](const Row& row) { return facts::KnownText(facts::PlaceOfDevice(row.card.folder)); }},
     {u"PowerManagementCapabilities", ArrayOf(uint16)},
     {u"PowerManagementSupported", boolean},
     {u"ProtocolSupported", uint16},
@@ -159,7 +159,8 @@ constexpr PropertyInfo properties[] = {
 facts::DeviceNames NamesOf(const facts::VideoCard& card, std::string_view pciIds) {
     if (!card.vendor || !card.product) return {};
     facts::DeviceNames names = facts::NamesInPciIds(pciIds, *card.vendor, *card.product);
-    return names.product.empty() ? facts::ReadPciNamesOfUdev(card.name) : names;
+    if (!names.product.empty()) return names;
+    return facts::NamesInUdev(platform::ReadSystemFile("/run/udev/data/+pci:" + card.name).value_or(std::string()));
 }
 
 std::string KernelRelease() {
