@@ -162,7 +162,7 @@ WmiStatus GatherRows(const BoundQuery& query, const ResultSink& sink, const RowS
         const WmiStatus status = GatherClass(part, sink, take);
         if (!sink.wantsMore()) return wmi_status::ok;
         if (!IsFailure(status)) continue;
-        if (part.classInfo == query.named) return status;
+        if (part.classInfo == query.named || query.parts.size() == 1) return status;
         failures.push_back(status);
         sink.notice(LossNotice(part, status));
     }

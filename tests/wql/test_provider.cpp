@@ -86,6 +86,7 @@ TEST_F(WmiProvider, AFailingSubclassCostsOnlyItsOwnObjects) {
         {&above, {&failing, &working}, "0 Objects of " + lost + "row "},
         {&above, {&working, &failing, &working}, "0 row Objects of " + lost + "row "},
         {&above, {&failing, &failing}, "80041003 Objects of " + lost + "Objects of " + lost},
+        {&above, {&failing}, "80041003 "},
         {&above, {}, "0 "},
     };
     for (const auto& [named, classes, outcome] : cases) {
