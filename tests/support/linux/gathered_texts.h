@@ -50,7 +50,7 @@ inline Gathered GatherTexts(std::u16string_view className, std::string_view name
         for (const auto& [name, value] : object) texts += VariantText(value) + "|";
     };
     const auto note = [&](std::string text) { gathered.notices.push_back(std::move(text)); };
-    gathered.status = wql::RunQuery({{query}}, {add, [] { return true; }, note});
+    gathered.status = wql::RunQuery({.parts = {query}, .named = &classInfo}, {add, [] { return true; }, note});
     return gathered;
 }
 
