@@ -1,11 +1,10 @@
 #include "wql/classes/services.h"
 
-#include <fmt/format.h>
-
 #include "facts/host_names.h"
 #include "platform/linux/systemd/unit_status.h"
 #include "wql/class_tree.h"
 #include "wql/classes/failures.h"
+#include "wql/classes/unit_list.h"
 
 namespace kv::wql {
 
@@ -39,8 +38,6 @@ struct Row {
     std::u16string host;
 };
 
-constexpr std::chrono::milliseconds usualPatience{5000};
-
 using platform::ServiceState;
 
 bool IsStopped(const Row& row) { return StateOf(row.condition) == ServiceState::stopped; }
@@ -60,18 +57,6 @@ bool IsStarted(const Row& row) {
 }
 
 bool Accepts(const Row& row, std::uint32_t control) { return (row.status.dwControlsAccepted & control) != 0; }
-
-std::string_view ServiceName(const ServiceUnit& unit) {
-    std::string_view name = unit.id;
-    if (name.ends_with(serviceSuffix)) name.remove_suffix(serviceSuffix.size());
-    return name;
-}
-
-/// The unit's description. If it does not have one, the manager gives its id; the name stands for both.
-std::string_view DisplayNameOf(const ServiceUnit& unit) {
-    const bool isDescribed = !unit.description.empty() && unit.description != unit.id;
-    return isDescribed ? std::string_view(unit.description) : ServiceName(unit);
-}
 
 constexpr auto displayNameIn = [](const Row& row) { return DisplayNameOf(row.unit); };
 
@@ -114,28 +99,6 @@ constexpr PropertyInfo properties[] = {
 };
 // clang-format on
 
-struct Meaning {
-    std::string_view word;
-    std::u16string_view text;
-};
-
-template <std::size_t count>
-std::u16string_view MeaningOf(std::string_view word, const Meaning (&meanings)[count], std::u16string_view otherwise) {
-    for (const Meaning& meaning : meanings) {
-        if (meaning.word == word) return meaning.text;
-    }
-    return otherwise;
-}
-
-/// How the unit's file says that it is started. For init scripts the files are generated.
-std::u16string_view FileModeOf(const ServiceUnit& unit) {
-    constexpr Meaning meanings[] = {
-        {"enabled", u"Auto"},    {"enabled-runtime", u"Auto"},    {"generated", u"Auto"},
-        {"masked", u"Disabled"}, {"masked-runtime", u"Disabled"},
-    };
-    return MeaningOf(unit.fileState, meanings, unit.loadState == "masked" ? u"Disabled" : u"Manual");
-}
-
 bool MayBeAtRest(const ServiceUnit& unit) { return unit.activeState == "inactive" && FileModeOf(unit) == u"Auto"; }
 
 bool IsAtRest(const ServiceUnit& unit, const ServiceStart& start) {
@@ -153,54 +116,6 @@ std::vector<std::string> PatternsOf(const Gathering& gathering) {
         if (name != nullptr) patterns.push_back(PatternOfName(platform::Utf8FromWide(*name)));
     }
     return patterns;
-}
-
-/// Adds the services of unit files to the loaded units. Negative only if the manager no longer answers.
-int AddUnitFiles(UnitManager& manager, const std::vector<std::string>& patterns, const Gathering& gathering,
-                 std::vector<ServiceUnit>& units) {
-    std::vector<UnitFile> files;
-    int result = manager.ListFiles(patterns, files);
-    if (IsLost(result)) return result;
-    if (result < 0) AddManagerNotice(result, "Services that are not loaded were left out", gathering);
-    units = WithUnitFiles(std::move(units), files);
-    if (!gathering.asksFor(Need::description)) return 0;
-    result = manager.Describe(units);
-    if (IsLost(result)) return result;
-    if (result < 0) AddManagerNotice(result, "Descriptions of services that are not loaded were left out", gathering);
-    return 0;
-}
-
-/// The text stays null if it is empty, or the manager does not give it.
-int ReadUnitText(UnitManager& manager, int (UnitManager::*read)(const ServiceUnit&, std::string&),
-                 const ServiceUnit& unit, std::optional<std::string>& text) {
-    std::string given;
-    const int result = (manager.*read)(unit, given);
-    if (!given.empty()) text = std::move(given);
-    return result;
-}
-
-int ReadUser(UnitManager& manager, Row& row) {
-    const int result = ReadUnitText(manager, &UnitManager::User, row.unit, row.user);
-    if (result >= 0 && !row.user) row.user = "root";
-    return result;
-}
-
-/// What the manager refused to tell of services; the values stay 0, false or NULL.
-struct Refusals {
-    std::size_t services = 0;
-    std::string first;
-    int failure = 0;
-
-    void add(const ServiceUnit& unit, int result) {
-        if (services++ == 0) first = unit.id, failure = result;
-    }
-};
-
-void AddRefusalNotice(const Refusals& refusals, const Gathering& gathering) {
-    if (refusals.services == 0) return;
-    const std::string others = refusals.services > 1 ? fmt::format(" and {} others", refusals.services - 1) : "";
-    AddManagerNotice(refusals.failure, fmt::format("Properties of {}{} were left out", refusals.first, others),
-                     gathering);
 }
 
 /// Asks for the properties of one service that the query needs, unless its state already tells them. Negative only if
@@ -222,10 +137,10 @@ int ReadDetails(UnitManager& manager, const Gathering& gathering, Row& row, Refu
     ask(Need::startMode, MayBeAtRest(unit), [&] { return manager.LastStart(unit, row.start); });
     ask(Need::process, !IsStopped(row), [&] { return manager.MainProcess(unit, row.process); });
     ask(Need::ending, HasFailed(unit), [&] { return ReadEnding(bus, condition); });
-    ask(Need::user, true, [&] { return ReadUser(manager, row); });
-    ask(Need::command, true, [&] { return ReadUnitText(manager, &UnitManager::StartCommand, unit, row.command); });
+    ask(Need::user, true, [&] { return ReadUser(manager, unit, row.user); });
+    ask(Need::command, true, [&] { return ReadCommand(manager, unit, row.command); });
     if (IsLost(result)) return result;
-    if (refusal < 0) refusals.add(unit, refusal);
+    if (refusal < 0) refusals.add(unit.id, refusal);
     return 0;
 }
 
@@ -248,7 +163,7 @@ int HandOver(UnitManager& manager, const Gathering& gathering, std::vector<Servi
         row.status = FirstStatusOf(row.condition);
         if (result < 0 || !gathering.row(&row)) break;
     }
-    AddRefusalNotice(refusals, gathering);
+    refusals.note(gathering);
     return result;
 }
 
@@ -285,8 +200,7 @@ WmiStatus GatherServices(const Gathering& gathering, std::chrono::milliseconds p
     UnitManager manager;
     std::vector<ServiceUnit> units;
     int result = manager.Connect(patience);
-    if (result >= 0) result = manager.ListLoaded(patterns, units);
-    if (result >= 0) result = AddUnitFiles(manager, patterns, gathering, units);
+    if (result >= 0) result = ListServices(manager, patterns, gathering.asksFor(Need::description), gathering, units);
     if (result >= 0) result = HandOver(manager, gathering, units);
     return result < 0 ? FailedManager(result, "Services were left out", gathering) : wmi_status::ok;
 }

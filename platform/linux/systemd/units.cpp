@@ -160,6 +160,10 @@ int UnitManager::FileState(const ServiceUnit& unit, std::string& state) {
     return GetText(bus_.get(), unit.id, unitInterface, "UnitFileState", state);
 }
 
+int UnitManager::FilePath(const ServiceUnit& unit, std::string& path) {
+    return GetText(bus_.get(), unit.id, unitInterface, "FragmentPath", path);
+}
+
 int UnitManager::User(const ServiceUnit& unit, std::string& user) {
     return GetText(bus_.get(), unit.id, serviceInterface, "User", user);
 }

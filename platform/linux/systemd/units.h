@@ -72,6 +72,7 @@ class UnitManager {
     int MainProcess(const ServiceUnit& unit, std::uint32_t& processId);  // 0: it has none
     int LastStart(const ServiceUnit& unit, ServiceStart& start);
     int FileState(const ServiceUnit& unit, std::string& state);  // empty: it has no unit file
+    int FilePath(const ServiceUnit& unit, std::string& path);    // empty: it has no unit file
     int User(const ServiceUnit& unit, std::string& user);        // empty: the superuser
 
     /// The first command that starts it, with a blank between the arguments; empty when there is none.

@@ -28,7 +28,16 @@ int ReplyProperty(sd_bus_message* call, FakeUnit unit, const std::string& name) 
     if (name.starts_with("ExecMain")) return Reply(call, "v", "i", std::atoi(value.c_str()));
     if (name == "CanStop" || name == "ConditionResult") return Reply(call, "v", "b", std::atoi(value.c_str()));
     if (name == "MainPID") return Reply(call, "v", "u", std::atoi(value.c_str()));
-    if (name.ends_with("Timestamp")) return Reply(call, "v", "t", std::strtoull(value.c_str(), nullptr, 10));
+    if (name == "TimersCalendar") {
+        return value.empty() ? Reply(call, "v", "a(sst)", 0)
+                             : Reply(call, "v", "a(sst)", 1, "OnCalendar", value.c_str(), std::uint64_t{0});
+    }
+    if (name == "TimersMonotonic") {
+        return value.empty() ? Reply(call, "v", "a(stt)", 0)
+                             : Reply(call, "v", "a(stt)", 1, value.c_str(), std::uint64_t{1}, std::uint64_t{0});
+    }
+    if (name.ends_with("Timestamp") || name.find("USec") != std::string::npos)
+        return Reply(call, "v", "t", std::strtoull(value.c_str(), nullptr, 10));
     if (!name.ends_with("By") && !name.ends_with("Of")) return Reply(call, "v", "s", value.c_str());
     std::array<std::string, 3> texts;
     std::istringstream words(value);

@@ -1,0 +1,62 @@
+// Times of cron's tables, and days of systemd's calendar.
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+
+#include "facts/cron_tables.h"
+#include "facts/job_days.h"
+#include "tests/support/linux/zone_setting.h"
+
+namespace kv::test {
+namespace {
+
+using namespace facts;
+
+std::string TextOf(const std::optional<JobDays>& days) {
+    return days ? fmt::format("{:x} {:x}", days->ofWeek, days->ofMonth) : "-";
+}
+
+TEST(CronTables, TellWhenAJobRuns) {
+    const ZoneSetting zone("UTC");
+    constexpr std::time_t wednesday = 1764174000;  // 2025-11-26 16:20
+    const std::tuple<const char*, const char*, const char*> rows[] = {
+        {"17 * * * *", "+ 57", "7f 0"},          {"20 16 * * *", "+ 1440", "7f 0"}, {"*/20 * * * *", "+ 20", "7f 0"},
+        {"5-15/5,50 23 * * *", "+ 405", "7f 0"}, {"0 0 1 * *", "+ 6220", "0 1"},    {"0 0 * * 7", "+ 4780", "40 0"},
+        {"0 0 * * Mon-wed", "+ 6220", "7 0"},    {"0 0 1 * thu", "+ 460", "8 1"},   {"0 0 */2 * thu", "+ 460", "-"},
+        {"0 0 29 feb *", "+ 1187020", "-"},      {"@weekly", "+ 4780", "40 0"},     {"0 0 30 2 *", "never", "-"},
+    };
+    for (const auto& [when, next, days] : rows) {
+        const auto jobs = ParseCronTable(std::string(when) + " root x");
+        ASSERT_TRUE(jobs && jobs->size() == 1 && (*jobs)[0].time) << when;
+        const std::optional<std::time_t> run = NextRun(*(*jobs)[0].time, wednesday);
+        const std::string text = run ? fmt::format("+ {}", (*run - wednesday) / 60) : "never";
+        EXPECT_EQ(text, next) << when;
+        EXPECT_EQ(TextOf(DaysOf(*(*jobs)[0].time)), days) << when;
+    }
+    for (const char* line : {"60 * * * * r x", "* * 0 * * r x", "* * * 13 * r x", "* * * * 8 r x", "1- * * * * r x",
+                             "1, * * * * r x", "1/ * * * * r x", "*/0 * * * * r x", ", * * * * r x", "* * * * *",
+                             "* * * * * r", "@often r x", "@daily r", "x", "1-99999999999999999999 * * * * r x"}) {
+        EXPECT_FALSE(ParseCronTable(line)) << line;
+    }
+    EXPECT_EQ(ParseCronTable("\n # x\nA=b c\n\"B\" = d\n")->size(), 0u);
+}
+
+TEST(JobDays, AreThoseOfCalendarExpressions) {
+    const std::pair<const char*, const char*> rows[] = {
+        {"*-*-* 00:00:00", "7f 0"},
+        {"Mon..Fri *-*-* 12:00:00", "1f 0"},
+        {"Sun *-*-* 00:00:00", "40 0"},
+        {"*-*-01 00:00:00", "0 1"},
+        {"*-*-1..3,31 *:00:00", "0 40000007"},
+        {"*-01-01 00:00:00", "-"},
+        {"Mon *-*-1..7 00:00:00", "-"},
+        {"*-*~01 00:00:00", "-"},
+        {"*-*-1/2 00:00:00", "-"},
+        {"2026-01-01 00:00:00", "-"},
+        {"", "-"},
+        {"Mon", "-"},
+    };
+    for (const auto& [expression, days] : rows) EXPECT_EQ(TextOf(DaysOfCalendar(expression)), days) << expression;
+}
+
+}  // namespace
+}  // namespace kv::test

@@ -1,0 +1,146 @@
+// What starts with the system and at certain times: units of a fake manager, and cron's tables.
+#include <cstdlib>
+#include <ctime>
+#include <fmt/format.h>
+#include <gmock/gmock.h>
+
+#include "platform/linux/systemd/timers.h"
+#include "tests/support/linux/fake_systemd.h"
+#include "tests/support/linux/gathered_texts.h"
+#include "tests/support/linux/zone_setting.h"
+#include "tests/support/test_folder.h"
+#include "wql/classes/scheduled_jobs.h"
+
+namespace kv::test {
+namespace {
+
+using namespace wql;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+std::string rootOfFiles;  // a gather is a plain function
+
+struct WmiJobs : TestFolder {
+    WmiJobs() {
+        platform::InstallWmi();
+        rootOfFiles = work.string();
+        setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent", 1);
+    }
+    ~WmiJobs() override { unsetenv("DBUS_SYSTEM_BUS_ADDRESS"); }
+
+    static Gathered Jobs(const char* properties) {
+        return GatherTexts(u"Win32_ScheduledJob", properties,
+                           [](const Gathering& to) { return GatherScheduledJobs(to, rootOfFiles); });
+    }
+};
+
+TEST_F(WmiJobs, StartWithTheSystem) {
+    const FakeSystemd manager({
+        {.id = "on.service",
+         .active = "active",
+         .file = "/lib/on.service",
+         .fileState = "enabled",
+         .properties = {{"Description", "It is on"}, {"User", "root"}}},
+        {.id = "init.service",
+         .load = "",
+         .file = "/run/init.service",
+         .fileState = "generated",
+         .properties = {{"User", "nobody-here"}}},
+        {.id = "a@b.service", .file = "/lib/a@.service", .properties = {{"UnitFileState", "enabled"}}},
+        {.id = "static.service", .active = "active", .file = "/lib/static.service", .fileState = "static"},
+        {.id = "masked.service", .load = "masked", .file = "/lib/masked.service", .fileState = "masked"},
+    });
+    const WmiResult result = RunWmiQuery("SELECT * FROM Win32_StartupCommand");
+    std::vector<std::string> rows;
+    for (const WmiRow& row : result.rows)
+        rows.push_back(PropertyTexts(row, "Name,Command,Location,User,UserSID,Description"));
+    EXPECT_THAT(rows, ElementsAre("on /bin/x -v 1 /lib/on.service root S-1-22-1-0 It is on",
+                                  "a@b /bin/x -v 1 /lib/a@.service root S-1-22-1-0 a@b",
+                                  "init /bin/x -v 1 /run/init.service nobody-here NULL init"));
+    EXPECT_THAT(result.notices, IsEmpty());
+}
+
+TEST_F(WmiJobs, DoNotStartWithASystemThatCannotBeAsked) {
+    for (const char* name : {"Win32_StartupCommand", "Win32_ScheduledJob"}) {
+        const WmiResult result = RunWmiQuery(std::string("SELECT * FROM ") + name);
+        EXPECT_TRUE(result.status == wmi_status::providerFailure || !result.rows.empty()) << name;
+        EXPECT_EQ(result.notices.size(), 1u) << name;
+    }
+    const FakeSystemd manager({{.id = "a.service", .active = "active", .file = "/a.service", .fileState = "enabled"},
+                               {.id = "b.service", .active = "active", .file = "/b.service", .fileState = "enabled"}},
+                              {"GetUser", SD_BUS_ERROR_ACCESS_DENIED});
+    const WmiResult partly = RunWmiQuery("SELECT Name, User FROM Win32_StartupCommand");
+    EXPECT_EQ(partly.rows.size(), 2u);
+    EXPECT_THAT(partly.notices, ElementsAre(HasSubstr("a.service and 1 others")));
+}
+
+TEST_F(WmiJobs, AreTheActiveTimers) {
+    const ZoneSetting zone("<+0200>-2");
+    const FakeSystemd manager({
+        {.id = "w.timer",
+         .active = "active",
+         .properties = {{"Description", "Weekly"},
+                        {"Unit", "w.service"},
+                        {"TimersCalendar", "Mon,Sat..Sun *-*-* 03:10:00"},
+                        {"NextElapseUSecRealtime", "1767575400000000"},
+                        {"NextElapseUSecMonotonic", "18446744073709551615"},
+                        {"LastTriggerUSec", "1766970600000000"}}},
+        {.id = "m.timer",
+         .active = "active",
+         .properties = {{"Unit", "m.service"},
+                        {"TimersMonotonic", "OnUnitActiveUSec"},
+                        {"NextElapseUSecMonotonic", "1"}}},
+        {.id = "once.timer",
+         .active = "active",
+         .properties = {{"Unit", "t.target"}, {"TimersCalendar", "2026-01-01 00:00:00"}}},
+        {.id = "off.timer", .properties = {{"Unit", "m.service"}}},
+        {.id = "w.service", .active = "failed", .properties = {{"User", "backup"}}},
+    });
+    const auto jobs = Jobs("Name Description Command Owner JobStatus DaysOfWeek DaysOfMonth RunRepeatedly StartTime");
+    ASSERT_EQ(jobs.objects.size(), 3u);
+    EXPECT_EQ(jobs.objects[0], "w.timer|Weekly|/bin/x -v 1|backup|Failure|97|NULL|true|********031000.000000+120|");
+    EXPECT_THAT(jobs.objects[1], testing::MatchesRegex("m.timer\\|\\|/bin/x -v 1\\|root\\|NULL\\|NULL\\|NULL\\|true\\|"
+                                                       "\\*{8}[0-9]{6}.[0-9]{6}.120\\|"));
+    EXPECT_EQ(jobs.objects[2], "once.timer||NULL|NULL|NULL|NULL|NULL|false|NULL|");
+    EXPECT_EQ(Jobs("JobId").objects, Jobs("JobId").objects);
+    EXPECT_NE(Jobs("JobId").objects[0], Jobs("JobId").objects[1]);
+}
+
+TEST(Timers, ElapseAtTheEarlierOfTheirTimes) {
+    const std::tuple<std::uint64_t, std::uint64_t, std::optional<std::uint64_t>> rows[] = {
+        {0, 0, std::nullopt}, {5000, 0, 5000}, {0, 30, 1010}, {5000, 30, 1010}, {1005, 30, 1005}, {0, 15, 995},
+    };
+    for (const auto& [realtime, monotonic, next] : rows) {
+        platform::systemd::TimerState timer;
+        timer.nextRealtime = realtime;
+        timer.nextMonotonic = monotonic;
+        EXPECT_EQ(NextElapse(timer, 1000, 20), next) << realtime << " " << monotonic;
+    }
+}
+
+TEST_F(WmiJobs, AreThoseOfCronsTables) {
+    const FakeSystemd manager({});
+    Write(work / "etc/crontab",
+          "# of the test\nSHELL=/bin/sh\nPATH = /bin:/a,b\n17 4\t* * *\troot  cd / && true 100%\n\n");
+    Write(work / "etc/cron.d/some-jobs",
+          "@reboot root first\n*/5 8-9 1,15 * mon x y=1\n0 0 * * * x same\n0 0 * * * x same\n");
+    Write(work / "etc/cron.d/wrong", "17 24 * * * root x\n");
+    Write(work / "etc/cron.d/old.dpkg-dist", "0 0 * * * root x\n");
+    EXPECT_THAT(Jobs("Name").objects, IsEmpty()) << "no cron runs";
+    Write(work / "usr/sbin/cron", "");
+    const auto jobs = Jobs("Name Description Command Owner DaysOfWeek DaysOfMonth RunRepeatedly");
+    EXPECT_THAT(jobs.objects, ElementsAre("/etc/cron.d/some-jobs|@reboot|first|root|NULL|NULL|false|",
+                                          "/etc/cron.d/some-jobs|*/5 8-9 1,15 * mon|y=1|x|1|16385|true|",
+                                          "/etc/cron.d/some-jobs|0 0 * * *|same|x|127|NULL|true|",
+                                          "/etc/cron.d/some-jobs|0 0 * * *|same|x|127|NULL|true|",
+                                          "/etc/crontab|17 4\t* * *|cd / && true 100%|root|127|NULL|true|"));
+    EXPECT_THAT(jobs.notices, ElementsAre(HasSubstr("/etc/cron.d/wrong")));
+    std::vector<std::string> ids = Jobs("JobId").objects;
+    std::sort(ids.begin(), ids.end());
+    EXPECT_EQ(std::unique(ids.begin(), ids.end()), ids.end());
+    EXPECT_THAT(Jobs("StartTime").objects[4], testing::StartsWith("********041700.000000"));
+}
+
+}  // namespace
+}  // namespace kv::test
