@@ -2,8 +2,8 @@
 // by which their objects refer to each other.
 #include <gmock/gmock.h>
 
+#include "tests/support/linux/gathered_texts.h"
 #include "tests/support/test_folder.h"
-#include "tests/wql/gathered.h"
 #include "wql/classes/storage_sources.h"
 #include "wql/object_path.h"
 
@@ -35,8 +35,9 @@ class WmiStorageTrees : public TestFolder {
     }
 
     template <auto gather>
-    static Gathered Over(std::string_view query) {
-        return GatherFor(query, [](const Gathering& gathering) { return gather(gathering, root); });
+    static Gathered Over(std::u16string_view className, std::string_view names, std::string_view where = {}) {
+        return GatherTexts(
+            className, names, [](const Gathering& gathering) { return gather(gathering, root); }, where);
     }
 
     static void AddTwoDisks() {
@@ -69,17 +70,14 @@ class WmiStorageTrees : public TestFolder {
         Write(udev + "259:7", "E:ID_PART_ENTRY_SCHEME=gpt\nE:ID_PART_ENTRY_TYPE=0\nE:ID_PART_ENTRY_FLAGS=0x2\n");
     }
 
-    /// The names of the objects that a query with the keys of a class finds.
+    /// The paths of a class's objects, with "|" behind each, made of the class's key.
     template <auto gather>
-    static std::vector<std::string> Paths(const std::string& className) {
-        const std::string key = platform::Utf8FromWide(FindClass(platform::WideFromUtf8(className))->keys);
-        std::vector<std::string> paths;
-        std::string keys = Over<gather>("SELECT " + key + " FROM " + className).objects;
-        std::string_view left = keys;
-        for (std::string_view line; facts::TakeLine(left, line);) {
-            line.remove_suffix(1);
-            paths.push_back(platform::Utf8FromWide(
-                ObjectPath(platform::WideFromUtf8(className), {{platform::WideFromUtf8(key), CimValue(line)}})));
+    static std::vector<std::string> Paths(std::u16string_view className) {
+        const std::u16string_view key = FindClass(className)->keys;
+        std::vector<std::string> paths = Over<gather>(className, platform::Utf8FromWide(key)).objects;
+        for (std::string& path : paths) {
+            path.pop_back();
+            path = platform::Utf8FromWide(ObjectPath(className, {{key, CimValue(path)}})) + '|';
         }
         return paths;
     }
@@ -87,22 +85,22 @@ class WmiStorageTrees : public TestFolder {
 
 TEST_F(WmiStorageTrees, HaveDisksAndPartitions) {
     AddTwoDisks();
-    EXPECT_EQ(Over<GatherDiskDrives>("SELECT DeviceID, Index, Partitions, Signature, Status, ConfigManagerErrorCode, "
-                                     "ConfigManagerUserConfig, Capabilities FROM Win32_DiskDrive")
-                  .objects,
-              "/dev/nvme0n1|0|2|NULL|Error|24|false|array|\n/dev/sda|1|4|-1977930691|OK|0|false|array|\n");
-    EXPECT_EQ(Over<GatherDiskPartitions>("SELECT DeviceID, Name, Caption, DiskIndex, Index, Type, Bootable, "
-                                         "PrimaryPartition FROM Win32_DiskPartition")
-                  .objects,
+    EXPECT_EQ(
+        LinesOf(Over<GatherDiskDrives>(
+            u"Win32_DiskDrive",
+            "DeviceID Index Partitions Signature Status ConfigManagerErrorCode ConfigManagerUserConfig Capabilities")),
+        "/dev/nvme0n1|0|2|NULL|Error|24|false|array|\n/dev/sda|1|4|-1977930691|OK|0|false|array|\n");
+    EXPECT_EQ(LinesOf(Over<GatherDiskPartitions>(
+                  u"Win32_DiskPartition", "DeviceID Name Caption DiskIndex Index Type Bootable PrimaryPartition")),
               "Disk #0, Partition #0|Disk #0, Partition #0|/dev/nvme0n1p1|0|0|GPT: System|true|true|\n"
               "Disk #0, Partition #1|Disk #0, Partition #1|/dev/nvme0n1p7|0|1|GPT: Unknown|false|true|\n"
               "Disk #1, Partition #0|Disk #1, Partition #0|/dev/sda1|1|0|Installable File System|true|true|\n"
               "Disk #1, Partition #1|Disk #1, Partition #1|/dev/sda2|1|1|Extended w/Extended Int 13|false|false|\n"
               "Disk #1, Partition #2|Disk #1, Partition #2|/dev/sda5|1|2|Unknown|false|false|\n"
               "Disk #1, Partition #3|Disk #1, Partition #3|/dev/sda10|1|3|Unknown|NULL|NULL|\n");
-    EXPECT_EQ(Over<GatherDiskPartitions>("SELECT StartingOffset, Size, BlockSize, NumberOfBlocks, Access, Status, "
-                                         "PNPDeviceID FROM Win32_DiskPartition WHERE Index = 0")
-                  .objects,
+    EXPECT_EQ(LinesOf(Over<GatherDiskPartitions>(
+                  u"Win32_DiskPartition", "StartingOffset Size BlockSize NumberOfBlocks Access Status PNPDeviceID",
+                  "WHERE Index = 0")),
               "4096|8192|512|16|3|Error|pci0/nvme/nvme0/block/nvme0n1/nvme0n1p1|\n"
               "32768|409600|4096|100|1|OK|pci0/ata1/host2/target2:0:1/2:0:1:3/block/sda/sda1|\n");
 }
@@ -114,25 +112,20 @@ TEST_F(WmiStorageTrees, ReferToObjectsByTheirPaths) {
           "20 1 8:1 / / rw - ext4 /dev/sda1 rw\n21 20 8:1 /x /x rw - ext4 /dev/sda1 rw\n"
           "22 20 7:0 / /image ro - ext4 /dev/loop0 ro\n23 20 0:40 /a /da\\134ta rw - btrfs /dev/sda5 rw,subvol=/a\n"
           "24 20 0:41 / /net rw - nfs4 nas:/x rw\n");
-    const std::vector<std::string> partitions = Paths<GatherDiskPartitions>("Win32_DiskPartition");
-    const std::vector<std::string> disks = Paths<GatherDiskDrives>("Win32_DiskDrive");
-    const auto ends = [](const std::string& objects) {
-        std::vector<std::string> texts;
-        std::string_view left = objects;
-        for (std::string_view line; facts::TakeLine(left, line);) texts.emplace_back(line.substr(0, line.find('|')));
-        return texts;
+    const std::vector<std::string> disks = Paths<GatherDiskDrives>(u"Win32_DiskDrive");
+    const std::vector<std::string> partitions = Paths<GatherDiskPartitions>(u"Win32_DiskPartition");
+    ASSERT_EQ(partitions.size(), 6U);
+    std::vector<std::string> pairs;
+    for (std::size_t at = 0; at < partitions.size(); ++at) pairs.push_back(disks.at(at < 2 ? 0 : 1) + partitions[at]);
+    EXPECT_EQ(Over<GatherDrivesToPartitions>(u"Win32_DiskDriveToDiskPartition", "Antecedent Dependent").objects, pairs);
+    const auto pathOfMount = [](const char16_t* mountPoint) {
+        return platform::Utf8FromWide(ObjectPath(u"Win32_LogicalDisk", {{u"DeviceID", mountPoint}})) + '|';
     };
-    const auto text = Over<GatherDrivesToPartitions>("SELECT Dependent FROM Win32_DiskDriveToDiskPartition").objects;
-    EXPECT_EQ(ends(text), partitions);
-    const auto of =
-        ends(Over<GatherDrivesToPartitions>("SELECT Antecedent FROM Win32_DiskDriveToDiskPartition").objects);
-    EXPECT_THAT(of, testing::ElementsAre(disks[0], disks[0], disks[1], disks[1], disks[1], disks[1]));
-    const Gathered mounts = Over<GatherLogicalDisksToPartitions>(
-        "SELECT Antecedent, Dependent, StartingAddress, EndingAddress FROM Win32_LogicalDiskToPartition");
-    const std::string host = platform::Utf8FromWide(ObjectPath(u"", {}));
-    const std::string disk = host.substr(0, host.size() - 2) + "Win32_LogicalDisk.DeviceID=";
-    EXPECT_EQ(mounts.objects, partitions[2] + "|" + disk + "\"/\"|32768|442367|\n" + partitions[4] + "|" + disk +
-                                  "\"/da\\\\ta\"|1024000|1028095|\n");
+    EXPECT_THAT(Over<GatherLogicalDisksToPartitions>(u"Win32_LogicalDiskToPartition",
+                                                     "Antecedent Dependent StartingAddress EndingAddress")
+                    .objects,
+                testing::ElementsAre(partitions[2] + pathOfMount(u"/") + "32768|442367|",
+                                     partitions[4] + pathOfMount(u"/da\\ta") + "1024000|1028095|"));
 }
 
 TEST_F(WmiStorageTrees, HaveCdDrives) {
@@ -150,12 +143,12 @@ TEST_F(WmiStorageTrees, HaveCdDrives) {
     Write(root + "/proc/self/mountinfo",
           "20 1 8:1 / / rw - ext4 /dev/sda1 rw\n"
           "21 20 11:1 / /media/cd ro - iso9660 /dev/sr1 ro\n");
-    EXPECT_EQ(Over<GatherCdDrives>("SELECT DeviceID, Drive, Name, MfrAssignedRevisionLevel, MediaLoaded, MediaType, "
-                                   "Size, TransferRate, VolumeName, VolumeSerialNumber, SCSIPort, SCSILogicalUnit, "
-                                   "Status FROM Win32_CDROMDrive")
-                  .objects,
-              "/dev/sr0|NULL|/dev/sr0|NULL|false|CD-ROM|NULL|NULL|NULL|NULL|3|0|OK|\n"
-              "/dev/sr1|/media/cd|Maker DVD 5|1.2|true|DVD Writer|4096000|8448|My disc|09583900|3|1|OK|\n");
+    EXPECT_EQ(
+        LinesOf(Over<GatherCdDrives>(u"Win32_CDROMDrive",
+                                     "DeviceID Drive Name MfrAssignedRevisionLevel MediaLoaded MediaType Size "
+                                     "TransferRate VolumeName VolumeSerialNumber SCSIPort SCSILogicalUnit Status")),
+        "/dev/sr0|NULL|/dev/sr0|NULL|false|CD-ROM|NULL|NULL|NULL|NULL|3|0|OK|\n"
+        "/dev/sr1|/media/cd|Maker DVD 5|1.2|true|DVD Writer|4096000|8448|My disc|09583900|3|1|OK|\n");
 }
 
 TEST_F(WmiStorageTrees, HaveSwapsOfFstab) {
@@ -166,13 +159,12 @@ TEST_F(WmiStorageTrees, HaveSwapsOfFstab) {
     fs::create_directories(root + "/dev/disk/by-uuid");
     fs::create_symlink("../../dm-1", root + "/dev/disk/by-uuid/12-ab");
     Write(root + "/etc/fstab", "UUID=\"12-ab\" none swap sw 0 0\n/dev/gone swap swap\n/dev/sda1 / ext4\n");
-    EXPECT_EQ(Over<GatherPageFileSettings>("SELECT Name, InitialSize, MaximumSize FROM Win32_PageFileSetting").objects,
+    EXPECT_EQ(LinesOf(Over<GatherPageFileSettings>(u"Win32_PageFileSetting", "Name InitialSize MaximumSize")),
               "/dev/dm-1|2048|2048|\n/dev/gone|NULL|NULL|\n");
-    EXPECT_EQ(Over<GatherPageFiles>("SELECT Name FROM Win32_PageFileUsage").objects, "") << "without /proc/swaps";
+    EXPECT_EQ(LinesOf(Over<GatherPageFiles>(u"Win32_PageFileUsage", "Name")), "") << "without /proc/swaps";
 }
 
 TEST_F(WmiStorageTrees, FailWhenTheyCannotBeRead) {
-    const auto statusOf = [](Gathered gathered) { return gathered.status; };
     for (const bool isThere : {false, true}) {
         if (isThere) {
             Write(root + "/sys/block", "a file, which cannot be listed");
@@ -180,14 +172,13 @@ TEST_F(WmiStorageTrees, FailWhenTheyCannotBeRead) {
             fs::create_directories(root + "/etc/fstab");
         }
         const WmiStatus failure = wmi_status::providerFailure;
-        EXPECT_EQ(statusOf(Over<GatherDiskDrives>("SELECT * FROM Win32_DiskDrive")), failure);
-        EXPECT_EQ(statusOf(Over<GatherCdDrives>("SELECT * FROM Win32_CDROMDrive")), failure);
-        EXPECT_EQ(statusOf(Over<GatherDiskPartitions>("SELECT * FROM Win32_DiskPartition")), failure);
-        EXPECT_EQ(statusOf(Over<GatherDrivesToPartitions>("SELECT * FROM Win32_DiskDriveToDiskPartition")), failure);
-        EXPECT_EQ(statusOf(Over<GatherLogicalDisksToPartitions>("SELECT * FROM Win32_LogicalDiskToPartition")),
-                  failure);
-        EXPECT_EQ(statusOf(Over<GatherPageFiles>("SELECT * FROM Win32_PageFileUsage")), isThere ? failure : 0);
-        EXPECT_EQ(statusOf(Over<GatherPageFileSettings>("SELECT * FROM Win32_PageFileSetting")), isThere ? failure : 0);
+        EXPECT_EQ(Over<GatherDiskDrives>(u"Win32_DiskDrive", "Status").status, failure);
+        EXPECT_EQ(Over<GatherCdDrives>(u"Win32_CDROMDrive", "Status").status, failure);
+        EXPECT_EQ(Over<GatherDiskPartitions>(u"Win32_DiskPartition", "Status").status, failure);
+        EXPECT_EQ(Over<GatherDrivesToPartitions>(u"Win32_DiskDriveToDiskPartition", "Antecedent").status, failure);
+        EXPECT_EQ(Over<GatherLogicalDisksToPartitions>(u"Win32_LogicalDiskToPartition", "Antecedent").status, failure);
+        EXPECT_EQ(Over<GatherPageFiles>(u"Win32_PageFileUsage", "Status").status, isThere ? failure : 0);
+        EXPECT_EQ(Over<GatherPageFileSettings>(u"Win32_PageFileSetting", "Name").status, isThere ? failure : 0);
     }
 }
 
