@@ -154,10 +154,11 @@ std::vector<std::optional<SpaceAnswer>> AskMounts(const std::vector<Mount>& moun
     return answers;
 }
 
-std::vector<DiskSpace> ReadDisks(bool wantsSpace, const std::function<void(std::string)>& notice,
-                                 const std::function<bool(const Mount&)>& isWanted) {
-    const std::vector<Mount> mounts =
-        ParseMountInfo(platform::ReadSystemFile("/proc/self/mountinfo").value_or(std::string()));
+std::optional<std::vector<DiskSpace>> ReadDisks(bool wantsSpace, const std::function<void(std::string)>& notice,
+                                                const std::function<bool(const Mount&)>& isWanted) {
+    const std::optional<std::string> mountInfo = platform::ReadSystemFile("/proc/self/mountinfo");
+    if (!mountInfo) return std::nullopt;
+    const std::vector<Mount> mounts = ParseMountInfo(*mountInfo);
     std::vector<Mount> disks = DisksAmong(mounts);
     if (isWanted) std::erase_if(disks, [&](const Mount& disk) { return !isWanted(disk); });
     const std::vector<Mount> doubtful = wantsSpace ? DisksThatMayHang(disks, mounts) : std::vector<Mount>();

@@ -60,6 +60,15 @@ bool IsReadOnlyBy(const char* options) {
     return options != nullptr && mnt_optstr_get_option(options, "ro", nullptr, nullptr) == 0;
 }
 
+bool KeepsQuotasBy(const char* options) {
+    constexpr const char* switches[] = {"usrquota",    "grpquota",    "prjquota",    "usrjquota", "grpjquota",
+                                        "uqnoenforce", "gqnoenforce", "pqnoenforce", "quota"};
+    const auto isGiven = [&](const char* option) {
+        return mnt_optstr_get_option(options, option, nullptr, nullptr) == 0;
+    };
+    return options != nullptr && std::any_of(std::begin(switches), std::end(switches), isGiven);
+}
+
 /// The value of an option such as "subvol=/@home"; empty when it is absent.
 std::string OptionValue(const char* options, const char* name) {
     char* value = nullptr;
@@ -79,6 +88,7 @@ Mount MountFromEntry(libmnt_fs* entry) {
     mount.fileSystem = Field(mnt_fs_get_fstype(entry));
     mount.source = Field(mnt_fs_get_source(entry));
     mount.isReadOnly = IsReadOnlyBy(mnt_fs_get_vfs_options(entry)) || IsReadOnlyBy(mnt_fs_get_fs_options(entry));
+    mount.keepsQuotas = KeepsQuotasBy(mnt_fs_get_vfs_options(entry)) || KeepsQuotasBy(mnt_fs_get_fs_options(entry));
     if (mount.fileSystem == "btrfs") mount.subvolume = OptionValue(mnt_fs_get_fs_options(entry), "subvol");
     return mount;
 }

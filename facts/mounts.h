@@ -20,7 +20,8 @@ struct Mount {
     std::string fileSystem;  // its type, such as "ext4"
     std::string source;      // such as "/dev/sda1" or "server:/path"
     bool isReadOnly = false;
-    std::string subvolume;  // of btrfs; empty for others
+    bool keepsQuotas = false;  // a mount option says so
+    std::string subvolume;     // of btrfs; empty for others
 };
 
 /// All mounts of such a file in its order, read by libmount. Malformed lines are left out; if the first one is, all
@@ -56,7 +57,7 @@ struct FileSystemSpace {
     std::uint64_t maxNameLength = 0;
 
     /// What is used plus what is available to ordinary users, without the superuser's reserve: the whole that df's
-    /// percentage refers to.
+    /// percentage refers to, and the size of the disk everywhere here.
     std::uint64_t usableSize() const { return (size > free ? size - free : 0) + available; }
 };
 
@@ -68,8 +69,9 @@ struct DiskSpace {
 /// The disks of this computer, or those of them that are wanted. When the space is wanted, disks of size zero are left
 /// out. Mounts that may hang, or whose path leads through one that may, are then asked on separate threads, all at once
 /// and for at most two seconds. A mount that does not answer keeps its thread and is left out with a notice; the next
-/// time it is left out at once, until its thread is back. Throws as ParseMountInfo does.
-std::vector<DiskSpace> ReadDisks(bool wantsSpace, const std::function<void(std::string)>& notice,
-                                 const std::function<bool(const Mount&)>& isWanted = {});
+/// time it is left out at once, until its thread is back. Absent when the mounts cannot be read. Throws as
+/// ParseMountInfo does.
+std::optional<std::vector<DiskSpace>> ReadDisks(bool wantsSpace, const std::function<void(std::string)>& notice,
+                                                const std::function<bool(const Mount&)>& isWanted = {});
 
 }  // namespace kv::facts

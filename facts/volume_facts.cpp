@@ -5,6 +5,7 @@
 #include <charconv>
 #include <filesystem>
 #include <fmt/format.h>
+#include <set>
 
 #include "facts/system_text.h"
 
@@ -27,6 +28,22 @@ bool IsRemovable(const std::string& blockDevice) {
     return removable.value_or(0) != 0;
 }
 
+/// What shares its free space.
+std::string SpaceIdentity(const Mount& mount) {
+    return mount.fileSystem == "zfs" ? "zfs " + mount.source.substr(0, mount.source.find('/')) : mount.device;
+}
+
+bool IsOwnByItself(const Mount& mount, const std::string& blockDevice) {
+    const DriveType kind = DriveTypeOf(mount, blockDevice);
+    const bool isView = mount.fileSystem.starts_with("fuse") && blockDevice.empty();
+    return (kind == DriveType::fixed || kind == DriveType::removable) && !blockDevice.starts_with("loop") && !isView;
+}
+
+bool HasSameSpace(const DiskSpace& left, const DiskSpace& right) {
+    return left.space && right.space && left.space->size == right.space->size &&
+           left.space->files == right.space->files;
+}
+
 bool IsHexDigit(char letter) { return std::isxdigit(static_cast<unsigned char>(letter)) != 0; }
 
 }  // namespace
@@ -46,6 +63,26 @@ std::string BlockDeviceOf(const Mount& mount, const std::string& root) {
     const fs::path bySource =
         fs::canonical(root + mount.source, failure);  // a file system over several devices has no number
     return failure ? std::string() : bySource.filename().string();
+}
+
+std::vector<bool> HaveOwnSpace(const std::vector<DiskSpace>& disks, const std::vector<std::string>& blockDevices) {
+    std::vector<bool> own(disks.size());
+    std::set<std::string> seen;
+    for (std::size_t at = 0; at < disks.size(); ++at) {
+        const Mount& mount = disks[at].mount;
+        own[at] = IsOwnByItself(mount, blockDevices[at]) && seen.insert(SpaceIdentity(mount)).second;
+    }
+    for (std::size_t at = 0; at < disks.size(); ++at) {
+        if (disks[at].mount.fileSystem != "overlay") continue;
+        for (std::size_t other = 0; other < disks.size(); ++other) {
+            if (other != at && own[other] && HasSameSpace(disks[at], disks[other])) own[at] = false;
+        }
+    }
+    return own;
+}
+
+bool NeedsCheck(const std::string& blockDevice, const std::string& root) {
+    return ReadSystemNumber(root + "/sys/fs/ext4/" + blockDevice + "/errors_count").value_or(0) != 0;
 }
 
 std::optional<NamesByDevice> ReadDiskNames(const std::string& kind) {

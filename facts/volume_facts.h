@@ -23,6 +23,15 @@ std::string BlockDeviceOf(const Mount& mount, const std::string& root = {});
 /// who watch it.
 DriveType DriveTypeOf(const Mount& mount, const std::string& blockDevice);
 
+/// Which disks are space of this computer that no other disk in the list has too, in the order of the list. Not so:
+/// network drives, memory, what is read-only by nature; images, which are files on another disk; what programs show of
+/// other file systems; a device, or a pool of zfs, that came before; the layers of a container's root, when another
+/// disk is as large and has as many files. blockDevices: of each disk.
+std::vector<bool> HaveOwnSpace(const std::vector<DiskSpace>& disks, const std::vector<std::string>& blockDevices);
+
+/// Whether the kernel has met errors in a file system that only a check will mend. Only ext4 tells; false for others.
+bool NeedsCheck(const std::string& blockDevice, const std::string& root = {});
+
 /// Names of one kind, such as labels, by the kernel's names for the block devices that have them.
 using NamesByDevice = std::map<std::string, std::string>;
 

@@ -46,5 +46,20 @@ TEST(Mounts, AreTheDisksThatAUserExpects) {
     }
 }
 
+TEST(Mounts, KeepQuotasByTheirOptions) {
+    const std::tuple<const char*, bool> rows[] = {
+        {"ext4 /dev/sda rw,usrjquota=aquota.user,jqfmt=vfsv0", true},
+        {"ext4 /dev/sda rw,grpquota", true},
+        {"xfs /dev/sda rw,attr2,noquota", false},
+        {"xfs /dev/sda rw,uqnoenforce", true},
+        {"ext4 /dev/sda rw,errors=remount-ro", false},
+    };
+    for (const auto& [mounted, keepsQuotas] : rows) {
+        const std::vector<Mount> mounts = ParseMountInfo(std::string("20 1 8:1 / / rw - ") + mounted + "\n");
+        ASSERT_EQ(mounts.size(), 1U) << mounted;
+        EXPECT_EQ(mounts[0].keepsQuotas, keepsQuotas) << mounted;
+    }
+}
+
 }  // namespace
 }  // namespace kv::test

@@ -60,6 +60,7 @@ TEST(PerformanceFigures, FollowFromTwoMomentsByTheirKind) {
         {"one and a half processors", percentOfProcessors, Before({10 * s, 0}), {12 * s, 3 * s}, 150},
         {"more processors than there are", percentOfProcessors, Before({10 * s, 0}), {11 * s, 9 * s}, 200},
         {"a fraction", fraction, {}, {s, 25, 200}, 12.5},
+        {"a free share", freeShare, {}, {s, 25, 200}, 12.5},
         {"seconds for each operation", averageTime, Before({10 * s, s, 4}), {12 * s, 7 * s, 7}, 2},
         {"no operation to average over", averageTime, Before({10 * s, s, 4}), {12 * s, s, 4}, 0},
         {"both counters from the start because one went back",
@@ -439,7 +440,10 @@ TEST_F(PerformanceOfThisMachine, TotalsAreLastAndNamesAreUnique) {
         double sum = 0;
         for (const WmiRow& row : rows) {
             names.insert(PropertyText(row, "Name"));
-            if (&row != &rows.back()) sum += NumberIn(row, property);
+            const std::string disk = "SELECT * FROM Win32_LogicalDisk WHERE DriveType > 3 AND Name = '";
+            const bool isCounted =
+                !query.ends_with("LogicalDisk") || RunWmiQuery(disk + PropertyText(row, "Name") + "'").rows.empty();
+            if (isCounted && &row != &rows.back()) sum += NumberIn(row, property);
         }
         EXPECT_EQ(names.size(), rows.size()) << query;
         EXPECT_EQ(names.contains("_Total#2"), query.ends_with("Process")) << query;

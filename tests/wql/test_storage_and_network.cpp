@@ -1,13 +1,16 @@
 // Disks and network interfaces: a mount that does not answer, and this machine as df and ip see it. Tests that need
 // their own mounts or interfaces run again in namespaces, so that nothing outlives them.
+#include <array>
 #include <cerrno>
 #include <chrono>
+#include <cmath>
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
 #include <fmt/format.h>
 #include <fstream>
 #include <gmock/gmock.h>
+#include <map>
 #include <sstream>
 #include <sys/mount.h>
 #include <unistd.h>
@@ -45,6 +48,9 @@ TEST_F(WmiStorage, ADeadMountDoesNotDelayTheOthers) {
     const WmiResult nameOnly = RunWmiQuery("SELECT DriveType, ProviderName FROM Win32_LogicalDisk" + byName);
     ASSERT_EQ(nameOnly.rows.size(), 1u);
     EXPECT_EQ(PropertyTexts(nameOnly.rows[0], "DriveType,ProviderName"), "4 nas.example:/data");
+    const WmiResult mapped = RunWmiQuery("SELECT DeviceID, ProviderName, Description FROM Win32_MappedLogicalDisk");
+    ASSERT_EQ(mapped.rows.size(), 1u) << "no others are here";
+    EXPECT_EQ(PropertyTexts(mapped.rows[0], "DeviceID,ProviderName"), folder + " nas.example:/data");
 
     std::vector<Mount> disks =
         DisksAmong(ParseMountInfo(platform::ReadSystemFile("/proc/self/mountinfo").value_or("")));
@@ -79,30 +85,76 @@ TEST_F(WmiStorage, ADeadMountDoesNotDelayTheOthers) {
     std::filesystem::remove(folder);
 }
 
-TEST_F(WmiStorage, HasTheSpaceThatDfShows) {
-    std::istringstream mounts(RunShell("df -B1 --output=target,size,avail -x devtmpfs -x overlay -x efivarfs 2>&1 |"
-                                       "awk '/^\\// && !/^.(sys|proc)\\//'")
-                                  .output);
-    constexpr double tolerance = 256 << 20;  // for what others write meanwhile
-    double available = 0;
-    for (std::string mount, size; mounts >> mount >> size >> available;) {
-        const WmiResult disk = RunWmiQuery("SELECT * FROM Win32_LogicalDisk WHERE DeviceID = '" + mount + "'");
-        ASSERT_EQ(disk.rows.size(), 1u) << mount;
-        EXPECT_EQ(PropertyText(disk.rows[0], "Size"), size) << mount;
-        EXPECT_NEAR(std::stod(PropertyText(disk.rows[0], "FreeSpace")), available, tolerance) << mount;
+/// What df shows of each disk: used and available bytes, and Use%.
+std::map<std::string, std::array<double, 3>> SpaceByDf() {
+    std::istringstream lines(
+        RunShell("df -B1 --output=target,used,avail,pcent -x devtmpfs -x overlay -x efivarfs 2>&1 |"
+                 "awk '/^\\// && !/^.(sys|proc)\\// {print $1, $2, $3, $4 + 0}'")
+            .output);
+    std::map<std::string, std::array<double, 3>> space;
+    for (std::string mount; lines >> mount;) {
+        for (double& figure : space[mount]) lines >> figure;
     }
-    const WmiResult root = RunWmiQuery("SELECT * FROM Win32_Volume WHERE DriveLetter = '/'");
-    ASSERT_EQ(root.rows.size(), 1u);
-    EXPECT_EQ(PropertyText(root.rows[0], "BootVolume"), "true");
-    EXPECT_EQ(RunWmiQuery("SELECT * FROM Win32_Volume").rows.size(),
-              RunWmiQuery("SELECT * FROM Win32_LogicalDisk").rows.size());
+    return space;
+}
+
+TEST_F(WmiStorage, HasTheSpaceThatDfShows) {
+    constexpr double tolerance = 256 << 20;  // for what others write meanwhile
+    const auto numberIn = [](const WmiRow& row, const char* name) { return std::stod(PropertyText(row, name)); };
+    const auto before = SpaceByDf();
+    std::map<std::string, WmiRow> disks, volumes, counters;
+    for (const WmiRow& row : RunWmiQuery("SELECT * FROM Win32_LogicalDisk").rows)
+        disks[PropertyText(row, "DeviceID")] = row;
+    for (const WmiRow& row : RunWmiQuery("SELECT * FROM Win32_Volume").rows)
+        volumes[PropertyText(row, "DeviceID")] = row;
+    for (const WmiRow& row : RunWmiQuery("SELECT * FROM Win32_PerfFormattedData_PerfDisk_LogicalDisk").rows)
+        counters[PropertyText(row, "Name")] = row;
+    const auto after = SpaceByDf();
+    EXPECT_FALSE(before.empty());
+    for (const auto& [mount, figures] : before) {
+        ASSERT_TRUE(disks.contains(mount) && volumes.contains(mount) && after.contains(mount)) << mount;
+        const auto& [used, available, percent] = figures;
+        const auto [least, most] = std::minmax(percent, after.at(mount)[2]);
+        const double size = numberIn(disks[mount], "Size"), free = numberIn(disks[mount], "FreeSpace");
+        EXPECT_NEAR(size, used + available, tolerance) << mount;
+        EXPECT_NEAR(free, available, tolerance) << mount;
+        EXPECT_NEAR(numberIn(volumes[mount], "Capacity"), size, tolerance) << mount;
+        EXPECT_NEAR(numberIn(disks[mount], "NumberOfBlocks") * numberIn(disks[mount], "BlockSize"), size, 1) << mount;
+        const double usedShare = std::ceil(100 * (size - free) / size);
+        EXPECT_TRUE(least <= usedShare && usedShare <= most) << mount << ": " << usedShare << ", by df " << percent;
+        const double freeShare = numberIn(counters[mount], "PercentFreeSpace");
+        EXPECT_TRUE(100 - most <= freeShare && freeShare <= 100 - least) << mount << ": " << freeShare;
+    }
+    EXPECT_EQ(PropertyText(volumes["/"], "BootVolume"), "true");
+    EXPECT_EQ(volumes.size(), disks.size());
+}
+
+TEST_F(WmiStorage, FillsWhatIsAlwaysTrue) {
+    const std::tuple<const char*, const char*, const char*> rows[] = {
+        {"DiskDrive", "ConfigManagerUserConfig,Capabilities,CapabilityDescriptions,ConfigManagerErrorCode",
+         "false array array 0"},
+        {"LogicalDisk", "ConfigManagerErrorCode,ConfigManagerUserConfig,QuotasIncomplete,QuotasRebuilding,VolumeDirty",
+         "0 false false false false"},
+        {"LogicalDisk WHERE FileSystem = 'ext4' AND QuotasDisabled = TRUE", "SupportsDiskQuotas", "true"},
+        {"Volume", "ConfigManagerErrorCode,ConfigManagerUserConfig,DirtyBitSet,IndexingEnabled", "0 false false false"},
+        {"Volume WHERE DeviceID = '/'", "Automount", "true"},
+        {"Volume WHERE DriveType = 6", "QuotasEnabled,PageFilePresent", "false false"},
+    };
+    for (const auto& [from, properties, values] : rows) {
+        const WmiResult result = RunWmiQuery(std::string("SELECT * FROM Win32_") + from);
+        EXPECT_EQ(result.status, 0u) << from;
+        for (const WmiRow& row : result.rows) EXPECT_EQ(PropertyTexts(row, properties), values) << from;
+    }
 }
 
 TEST_F(WmiStorage, HasTheSwapsThatSwaponShows) {
-    if (!IsInNamespaces()) return RunInNamespaces("--mount", "touch /etc/fstab && mount -t tmpfs tmpfs /mnt");
+    if (!IsInNamespaces())
+        return RunInNamespaces("--mount",
+                               "touch /etc/fstab && mount -t tmpfs tmpfs /mnt && mount -t tmpfs tmpfs /dev/shm");
     std::ofstream("/mnt/swaps") << "Filename Type Size Used Priority\n/dev/sda2 partition 8388604 2202010 -2\n"
                                    "/mnt/a\\040file file 2096636 1100 5\n";
-    std::ofstream("/mnt/fstab") << "/dev/vda / ext4\n/mnt/a\\040file none swap\nLABEL=none none swap sw,noauto\n";
+    std::ofstream("/mnt/fstab")
+        << "x /mnt tmpfs\nx /dev/shm tmpfs noauto\n/mnt/a\\040file none swap\nLABEL=none none swap sw,noauto\n";
     std::ofstream("/mnt/a file") << std::string(3 << 20, '\0');
     ASSERT_EQ(mount("/mnt/swaps", "/proc/swaps", nullptr, MS_BIND, nullptr), 0);
     ASSERT_EQ(mount("/mnt/fstab", "/etc/fstab", nullptr, MS_BIND, nullptr), 0);
@@ -123,6 +175,13 @@ TEST_F(WmiStorage, HasTheSwapsThatSwaponShows) {
     for (const WmiRow& row : RunWmiQuery("SELECT * FROM Win32_PerfFormattedData_PerfOS_PagingFile").rows)
         texts += PropertyTexts(row, "Name,PercentUsage,PercentUsagePeak") + '\n';
     EXPECT_EQ(texts, "/dev/sda2 26 NULL\n/mnt/a file 0 NULL\n_Total 21 NULL\n");
+    const auto volume = [](const char* mountPoint) {
+        const auto rows = RunWmiQuery(fmt::format("SELECT * FROM Win32_Volume WHERE Name = '{}'", mountPoint)).rows;
+        return rows.size() != 1 ? "" : PropertyTexts(rows[0], "Automount,PageFilePresent");
+    };
+    EXPECT_EQ(volume("/"), "true false");
+    EXPECT_EQ(volume("/mnt"), "true true");
+    EXPECT_EQ(volume("/dev/shm"), "false false");
 }
 
 TEST_F(WmiNetwork, HasAdaptersAndConfigurationsOfEachKind) {

@@ -2,6 +2,7 @@
 // by which their objects refer to each other.
 #include <gmock/gmock.h>
 
+#include "facts/volume_facts.h"
 #include "tests/support/linux/gathered_texts.h"
 #include "tests/support/test_folder.h"
 #include "wql/classes/storage_sources.h"
@@ -77,7 +78,7 @@ class WmiStorageTrees : public TestFolder {
         std::vector<std::string> paths = Over<gather>(className, platform::Utf8FromWide(key)).objects;
         for (std::string& path : paths) {
             path.pop_back();
-            path = platform::Utf8FromWide(ObjectPath(className, {{key, CimValue(path)}})) + '|';
+            path = platform::Utf8FromWide(ObjectPath(className, {{std::u16string(key), CimValue(path)}})) + '|';
         }
         return paths;
     }
@@ -149,6 +150,14 @@ TEST_F(WmiStorageTrees, HaveCdDrives) {
                                      "TransferRate VolumeName VolumeSerialNumber SCSIPort SCSILogicalUnit Status")),
         "/dev/sr0|NULL|/dev/sr0|NULL|false|CD-ROM|NULL|NULL|NULL|NULL|3|0|OK|\n"
         "/dev/sr1|/media/cd|Maker DVD 5|1.2|true|DVD Writer|4096000|8448|My disc|09583900|3|1|OK|\n");
+}
+
+TEST_F(WmiStorageTrees, NeedACheckAfterErrors) {
+    Write(root + "/sys/fs/ext4/sda1/errors_count", "2\n");
+    Write(root + "/sys/fs/ext4/sda2/errors_count", "0\n");
+    EXPECT_TRUE(facts::NeedsCheck("sda1", root));
+    EXPECT_FALSE(facts::NeedsCheck("sda2", root));
+    EXPECT_FALSE(facts::NeedsCheck("", root));
 }
 
 TEST_F(WmiStorageTrees, HaveSwapsOfFstab) {

@@ -1,12 +1,14 @@
-// Win32_LogicalDisk and Win32_Volume: the mounted disks. The mount point takes the place of Windows' drive letter.
+// Win32_LogicalDisk and Win32_Volume: the mounted disks. Win32_MappedLogicalDisk: those of them that are on other
+// computers. The mount point takes the place of Windows' drive letter.
 //
-// Size and Capacity are those of the whole file system; FreeSpace is what ordinary users may use. The superuser's
-// reserve is neither free nor used by files.
+// FreeSpace is what ordinary users may use; Size and Capacity are that and what is used, so that the used share is that
+// of df. The superuser's reserve is neither.
 #include <algorithm>
 #include <array>
 #include <map>
 
 #include "facts/host_names.h"
+#include "facts/swaps.h"
 #include "facts/system_text.h"
 #include "facts/volume_facts.h"
 #include "wql/class_tree.h"
@@ -19,7 +21,16 @@ namespace {
 using enum CimType;
 
 struct Need {
-    enum Bits : std::uint32_t { space = 1, kind = 2, label = 4, serial = 8, host = 16 };
+    enum Bits : std::uint32_t {
+        space = 1,
+        kind = 2,
+        label = 4,
+        serial = 8,
+        host = 16,
+        health = 32,
+        start = 64,
+        swaps = 128,
+    };
 };
 
 struct Row {
@@ -28,6 +39,9 @@ struct Row {
     std::optional<std::string> label;  // empty if it has no label, null if that is not known
     std::optional<std::uint32_t> serial;
     bool holdsBootFolder = false;
+    bool needsCheck = false;
+    std::optional<bool> isMountedAtStart;
+    std::optional<bool> holdsSwap;
     std::u16string host;
 
     const facts::Mount& mount() const { return disk.mount; }
@@ -42,7 +56,7 @@ std::optional<std::uint64_t> SpaceIn(const Row& row, Number number) {
 std::optional<std::uint64_t> BlocksIn(const Row& row) {
     const std::optional<facts::FileSystemSpace>& space = row.disk.space;
     if (!space || space->blockSize == 0) return std::nullopt;
-    return space->size / space->blockSize;
+    return space->usableSize() / space->blockSize;
 }
 
 std::u16string_view DescriptionOf(facts::DriveType kind) {
@@ -74,6 +88,13 @@ bool CompressesFiles(const Row& row) {
     return std::find(std::begin(kinds), std::end(kinds), row.mount().fileSystem) != std::end(kinds);
 }
 
+/// Whether this computer can limit what each user takes of a file system.
+bool CanKeepQuotas(const Row& row) {
+    constexpr std::string_view kinds[] = {"bcachefs", "btrfs",    "ext2",  "ext3",  "ext4", "f2fs", "gfs2", "jfs",
+                                          "ocfs2",    "reiserfs", "tmpfs", "ubifs", "udf",  "xfs",  "zfs"};
+    return std::find(std::begin(kinds), std::end(kinds), row.mount().fileSystem) != std::end(kinds);
+}
+
 bool IsCompressedWhole(const Row& row) {
     return row.mount().fileSystem == "squashfs" || row.mount().fileSystem == "cramfs";
 }
@@ -82,16 +103,29 @@ constexpr auto mountPointIn = [](const Row& row) { return row.mount().mountPoint
 constexpr auto accessIn = [](const Row& row) { return row.mount().isReadOnly ? 1 : 3; };
 constexpr auto blockSizeIn = [](const Row& row) { return SpaceIn(row, &facts::FileSystemSpace::blockSize); };
 constexpr auto blocksIn = [](const Row& row) { return BlocksIn(row); };
-constexpr auto sizeIn = [](const Row& row) { return SpaceIn(row, &facts::FileSystemSpace::size); };
+constexpr auto sizeIn = [](const Row& row) { return SpaceIn(row, &facts::FileSystemSpace::usableSize); };
 constexpr auto freeIn = [](const Row& row) { return SpaceIn(row, &facts::FileSystemSpace::available); };
 constexpr auto longestNameIn = [](const Row& row) { return SpaceIn(row, &facts::FileSystemSpace::maxNameLength); };
 constexpr auto kindIn = [](const Row& row) { return static_cast<std::uint32_t>(row.kind); };
 constexpr auto fileSystemIn = [](const Row& row) { return row.mount().fileSystem; };
+constexpr auto sourceIn = [](const Row& row) { return row.mount().source; };
+constexpr auto noQuotasIn = [](const Row& row) { return !row.mount().keepsQuotas; };
+constexpr auto serialTextIn = [](const Row& row) { return facts::SerialTextOf(row.serial); };
 constexpr auto labelIn = [](const Row& row) { return row.label; };
 constexpr auto hostIn = [](const Row& row) { return row.host; };
+constexpr auto neverIn = [](const Row&) { return false; };
+
+constexpr std::string_view sizeMeaning = "bytes, FreeSpace and what is used: Size minus FreeSpace is Used of df";
+constexpr std::string_view blocksMeaning = "Size, or Capacity, in blocks of BlockSize";
+constexpr std::string_view nameLengthMeaning = "bytes of a file's name, f_namemax of statvfs";
+constexpr std::string_view serialMeaning = "the last 8 digits of the UUID, from /dev/disk/by-uuid";
+constexpr std::string_view labelMeaning = "the label, from /dev/disk/by-label; empty if it has none";
+constexpr std::string_view dirtyMeaning =
+    "whether the kernel has met errors in it, errors_count of /sys/fs/ext4; FALSE for others";
+constexpr std::string_view noQuotasMeaning = "whether its mount options keep no quotas";
 
 // clang-format off
-/// The properties that both classes have alike.
+/// The properties that all classes have alike.
 constexpr auto sharedProperties = std::to_array<PropertyInfo>({
     {u"Access", uint16, 0, "1 mounted read-only, 3 for reading and writing", accessIn},
     {u"Availability", uint16},
@@ -99,12 +133,10 @@ constexpr auto sharedProperties = std::to_array<PropertyInfo>({
     {u"Caption", string, 0, "the mount point", mountPointIn},
     {u"Compressed", boolean, 0, "TRUE for images that are compressed as a whole",
         [](const Row& row) { return IsCompressedWhole(row); }},
-    {u"ConfigManagerErrorCode", uint32},
-    {u"ConfigManagerUserConfig", boolean},
+    {u"ConfigManagerErrorCode", uint32, 0, "always 0, because it is mounted", [](const Row&) { return 0; }},
+    {u"ConfigManagerUserConfig", boolean, 0, "always FALSE: Linux sets devices up itself", neverIn},
     {u"Description", string, Need::kind, "DriveType in words", [](const Row& row) { return DescriptionOf(row.kind); }},
     {u"DeviceID", string, 0, "the mount point", mountPointIn},
-    {u"DriveType", uint32, Need::kind, "2 removable, 3 fixed, 4 network or the host of this virtual machine, 5 read-only by nature, 6 memory",
-        kindIn},
     {u"ErrorCleared", boolean},
     {u"ErrorDescription", string},
     {u"ErrorMethodology", string},
@@ -113,51 +145,68 @@ constexpr auto sharedProperties = std::to_array<PropertyInfo>({
     {u"InstallDate", datetime},
     {u"LastErrorCode", uint32},
     {u"Name", string, 0, "the mount point", mountPointIn},
+    {u"NumberOfBlocks", uint64, Need::space, blocksMeaning, blocksIn},
     {u"PNPDeviceID", string},
     {u"PowerManagementCapabilities", ArrayOf(uint16)},
     {u"PowerManagementSupported", boolean},
     {u"Purpose", string},
-    {u"QuotasIncomplete", boolean},
-    {u"QuotasRebuilding", boolean},
+    {u"QuotasIncomplete", boolean, 0, "always FALSE: quotas are counted before it is mounted", neverIn},
+    {u"QuotasRebuilding", boolean, 0, "always FALSE: quotas are counted before it is mounted", neverIn},
     {u"Status", string, 0, "always OK, because it is mounted", [](const Row&) { return u"OK"; }},
     {u"StatusInfo", uint16},
-    {u"SupportsDiskQuotas", boolean},
+    {u"SupportsDiskQuotas", boolean, 0, "whether this computer can keep quotas on such a file system",
+        [](const Row& row) { return CanKeepQuotas(row); }},
     {u"SupportsFileBasedCompression", boolean, 0, "whether the file system can compress single files",
         [](const Row& row) { return CompressesFiles(row); }},
     {u"SystemCreationClassName", string, 0, "the computer's class", [](const Row&) { return u"Win32_ComputerSystem"; }},
     {u"SystemName", string, Need::host, "the computer's name", hostIn},
 });
 
+constexpr PropertyInfo driveType{u"DriveType", uint32, Need::kind,
+    "2 removable, 3 fixed, 4 network or the host of this virtual machine, 5 read-only by nature, 6 memory", kindIn};
+
 constexpr auto logicalDiskProperties = Extend(sharedProperties, {
     {u"CreationClassName", string, 0, "this class", [](const Row&) { return u"Win32_LogicalDisk"; }},
-    {u"MaximumComponentLength", uint32, Need::space, "bytes of a file's name, f_namemax of statvfs", longestNameIn},
+    driveType,
+    {u"MaximumComponentLength", uint32, Need::space, nameLengthMeaning, longestNameIn},
     {u"MediaType", uint32, Need::kind, "12 fixed, 11 removable or read-only by nature, 0 other",
         [](const Row& row) { return MediaTypeOf(row.kind); }},
-    {u"NumberOfBlocks", uint64, Need::space, "Size in blocks of BlockSize", blocksIn},
     {u"ProviderName", string, Need::kind, "what is mounted, such as server:/path; only for network drives",
-        [](const Row& row) { return row.kind == facts::DriveType::network ? CimValue(row.mount().source) : CimValue(); }},
-    {u"QuotasDisabled", boolean},
-    {u"Size", uint64, Need::space, "bytes, including the superuser's reserve, f_blocks of statvfs", sizeIn},
-    {u"VolumeDirty", boolean},
-    {u"VolumeName", string, Need::label, "the label, from /dev/disk/by-label; empty if it has none", labelIn},
-    {u"VolumeSerialNumber", string, Need::serial, "the last 8 digits of the UUID, from /dev/disk/by-uuid",
-        [](const Row& row) { return facts::SerialTextOf(row.serial); }},
+        [](const Row& row) { return row.kind == facts::DriveType::network ? CimValue(sourceIn(row)) : CimValue(); }},
+    {u"QuotasDisabled", boolean, 0, noQuotasMeaning, noQuotasIn},
+    {u"Size", uint64, Need::space, sizeMeaning, sizeIn},
+    {u"VolumeDirty", boolean, Need::health, dirtyMeaning, [](const Row& row) { return row.needsCheck; }},
+    {u"VolumeName", string, Need::label, labelMeaning, labelIn},
+    {u"VolumeSerialNumber", string, Need::serial, serialMeaning, serialTextIn},
+});
+
+constexpr auto mappedDiskProperties = Extend(sharedProperties, {
+    {u"CreationClassName", string, 0, "this class", [](const Row&) { return u"Win32_MappedLogicalDisk"; }},
+    {u"MaximumComponentLength", uint32, Need::space, nameLengthMeaning, longestNameIn},
+    {u"ProviderName", string, 0, "what is mounted, such as server:/path", sourceIn},
+    {u"QuotasDisabled", boolean, 0, noQuotasMeaning, noQuotasIn},
+    {u"SessionID", string},
+    {u"Size", uint64, Need::space, sizeMeaning, sizeIn},
+    {u"VolumeName", string, Need::label, labelMeaning, labelIn},
+    {u"VolumeSerialNumber", string, Need::serial, serialMeaning, serialTextIn},
 });
 
 constexpr auto volumeProperties = Extend(sharedProperties, {
-    {u"Automount", boolean},
+    {u"Automount", boolean, Need::start, "whether it is the root, or /etc/fstab mounts it at the start",
+        [](const Row& row) { return row.isMountedAtStart; }},
     {u"BootVolume", boolean, 0, "whether it is the root, where the operating system is",
         [](const Row& row) { return row.mount().mountPoint == "/"; }},
-    {u"Capacity", uint64, Need::space, "bytes, including the superuser's reserve, f_blocks of statvfs", sizeIn},
+    {u"Capacity", uint64, Need::space, "bytes, FreeSpace and what is used: Capacity minus FreeSpace is Used of df", sizeIn},
     {u"CreationClassName", string, 0, "this class", [](const Row&) { return u"Win32_Volume"; }},
-    {u"DirtyBitSet", boolean},
+    {u"DirtyBitSet", boolean, Need::health, dirtyMeaning, [](const Row& row) { return row.needsCheck; }},
     {u"DriveLetter", string, 0, "the mount point", mountPointIn},
-    {u"IndexingEnabled", boolean},
-    {u"Label", string, Need::label, "from /dev/disk/by-label; empty if it has none", labelIn},
-    {u"MaximumFileNameLength", uint32, Need::space, "bytes, f_namemax of statvfs", longestNameIn},
-    {u"NumberOfBlocks", uint64, Need::space, "Capacity in blocks of BlockSize", blocksIn},
-    {u"PageFilePresent", boolean},
-    {u"QuotasEnabled", boolean},
+    driveType,
+    {u"IndexingEnabled", boolean, 0, "always FALSE: no file system keeps an index of what is in files", neverIn},
+    {u"Label", string, Need::label, labelMeaning, labelIn},
+    {u"MaximumFileNameLength", uint32, Need::space, nameLengthMeaning, longestNameIn},
+    {u"PageFilePresent", boolean, Need::swaps, "whether a swap file on it is in use, from /proc/swaps",
+        [](const Row& row) { return row.holdsSwap; }},
+    {u"QuotasEnabled", boolean, 0, "whether its mount options keep quotas", [](const Row& row) { return row.mount().keepsQuotas; }},
     {u"SerialNumber", uint32, Need::serial, "the last 32 bits of the UUID, from /dev/disk/by-uuid",
         [](const Row& row) { return row.serial; }},
     {u"SystemVolume", boolean, 0, "whether it holds /boot, from which the kernel is loaded",
@@ -188,12 +237,15 @@ bool IsNumber(const CimValue& wanted, const std::int64_t& value) {
 struct MountFacts {
     std::string blockDevice;
     facts::DriveType kind = facts::DriveType::fixed;
+    bool needsCheck = false;
 };
 
 MountFacts ReadMountFacts(const Gathering& gathering, const facts::Mount& mount) {
     MountFacts facts;
-    if (gathering.asksFor(Need::kind | Need::label | Need::serial)) facts.blockDevice = facts::BlockDeviceOf(mount);
+    constexpr std::uint32_t ofBlockDevice = Need::kind | Need::label | Need::serial | Need::health;
+    if (gathering.asksFor(ofBlockDevice)) facts.blockDevice = facts::BlockDeviceOf(mount);
     if (gathering.asksFor(Need::kind)) facts.kind = facts::DriveTypeOf(mount, facts.blockDevice);
+    if (gathering.asksFor(Need::health)) facts.needsCheck = facts::NeedsCheck(facts.blockDevice);
     return facts;
 }
 
@@ -226,6 +278,8 @@ struct Names {
     std::u16string host;
     std::optional<facts::NamesByDevice> labels;
     std::optional<facts::NamesByDevice> uuids;
+    std::optional<std::vector<facts::FstabEntry>> fstab;
+    std::optional<std::vector<facts::Swap>> swaps;
 };
 
 Names ReadNames(const Gathering& gathering) {
@@ -233,6 +287,12 @@ Names ReadNames(const Gathering& gathering) {
     if (gathering.asksFor(Need::host)) names.host = facts::HostName();
     if (gathering.asksFor(Need::label)) names.labels = facts::ReadDiskNames("by-label");
     if (gathering.asksFor(Need::serial)) names.uuids = facts::ReadDiskNames("by-uuid");
+    if (gathering.asksFor(Need::start)) names.fstab = facts::ReadFstab();
+    if (gathering.asksFor(Need::swaps)) names.swaps = facts::ReadSwaps();
+    if (gathering.asksFor(Need::start) && !names.fstab)
+        gathering.notice("Automount is NULL: /etc/fstab cannot be read");
+    if (gathering.asksFor(Need::swaps) && !names.swaps)
+        gathering.notice("PageFilePresent is NULL: /proc/swaps cannot be read");
     return names;
 }
 
@@ -243,32 +303,61 @@ std::optional<std::string> DiskName(const std::string& blockDevice, const std::o
     return found != names->end() ? found->second : std::string();
 }
 
-void FillRow(const MountFacts& facts, const Names& names, Row& row) {
+std::optional<bool> IsMountedAtStart(const facts::Mount& mount, const Names& names) {
+    if (mount.mountPoint == "/") return true;
+    if (!names.fstab) return std::nullopt;
+    return std::ranges::any_of(*names.fstab, [&](const facts::FstabEntry& entry) {
+        return entry.isAutomatic && entry.mountPoint == mount.mountPoint;
+    });
+}
+
+/// all: the disks among which a swap file is looked for.
+std::optional<bool> HoldsSwap(const facts::Mount& mount, const Names& names, const std::vector<facts::Mount>& all) {
+    if (!names.swaps) return std::nullopt;
+    return std::ranges::any_of(*names.swaps, [&](const facts::Swap& swap) {
+        const facts::Mount* holder = swap.isFile ? facts::DiskHolding(swap.path, all) : nullptr;
+        return holder != nullptr && holder->id == mount.id;
+    });
+}
+
+void FillRow(const MountFacts& facts, const Names& names, const std::vector<facts::Mount>& all, Row& row) {
     row.host = names.host;
     row.kind = facts.kind;
+    row.needsCheck = facts.needsCheck;
+    row.isMountedAtStart = IsMountedAtStart(row.mount(), names);
+    row.holdsSwap = HoldsSwap(row.mount(), names, all);
     row.label = DiskName(facts.blockDevice, names.labels);
     row.serial = facts::SerialNumberOf(DiskName(facts.blockDevice, names.uuids).value_or(std::string()));
 }
 
-WmiStatus GatherDisks(const Gathering& gathering) {
+/// isOfClass: null for all disks.
+WmiStatus GatherDisksThat(const Gathering& gathering, bool (*isOfClass)(const facts::Mount&)) {
     const Names names = ReadNames(gathering);
     Selection selection;
-    const auto isWanted = [&](const facts::Mount& mount) { return IsWanted(gathering, mount, selection); };
-    std::vector<facts::DiskSpace> disks = facts::ReadDisks(gathering.asksFor(Need::space), gathering.notice, isWanted);
-    if (disks.empty() && !platform::ReadSystemFile("/proc/self/mountinfo")) return wmi_status::providerFailure;
+    const auto isWanted = [&](const facts::Mount& mount) {
+        const bool isOne = IsWanted(gathering, mount, selection);
+        return isOne && (isOfClass == nullptr || isOfClass(mount));
+    };
+    std::optional<std::vector<facts::DiskSpace>> disks =
+        facts::ReadDisks(gathering.asksFor(Need::space), gathering.notice, isWanted);
+    if (!disks) return wmi_status::providerFailure;
     const facts::Mount* bootDisk = facts::DiskHolding("/boot", selection.all);
-    for (facts::DiskSpace& disk : disks) {
+    for (facts::DiskSpace& disk : *disks) {
         Row row;
         row.disk = std::move(disk);
         row.holdsBootFolder = bootDisk != nullptr && bootDisk->id == row.mount().id;
-        FillRow(selection.factsOf[row.mount().id], names, row);
+        FillRow(selection.factsOf[row.mount().id], names, selection.all, row);
         if (!gathering.row(&row)) break;
     }
     return wmi_status::ok;
 }
 
+WmiStatus GatherDisks(const Gathering& gathering) { return GatherDisksThat(gathering, nullptr); }
+WmiStatus GatherMappedDisks(const Gathering& gathering) { return GatherDisksThat(gathering, facts::IsOnNetwork); }
+
 constexpr ClassInfo classes[] = {
     {u"Win32_LogicalDisk", u"CIM_LogicalDisk", logicalDiskProperties, GatherDisks, u"DeviceID"},
+    {u"Win32_MappedLogicalDisk", u"CIM_LogicalDisk", mappedDiskProperties, GatherMappedDisks, u"DeviceID"},
     {u"Win32_Volume", u"CIM_StorageVolume", volumeProperties, GatherDisks, u"DeviceID"},
 };
 

@@ -22,7 +22,8 @@ constexpr std::uint64_t unixEpoch = 116'444'736'000'000'000;
 constexpr double wholePercent = 100;
 
 bool IsAverage(CounterKind kind) {
-    return kind == CounterKind::fraction || kind == CounterKind::averageTime || kind == CounterKind::averageAmount;
+    return kind == CounterKind::fraction || kind == CounterKind::freeShare || kind == CounterKind::averageTime ||
+           kind == CounterKind::averageAmount;
 }
 
 /// Whether a percentage is one of a time that is the same for all objects.
@@ -90,6 +91,7 @@ Quotient QuotientBetween(CounterKind kind, const CounterState* before, const Cou
         case CounterKind::percentOfTimestampLeft:
             return {(time - growth) * wholePercent, time};
         case CounterKind::fraction:
+        case CounterKind::freeShare:
             return {static_cast<double>(now.value) * wholePercent, static_cast<double>(now.base)};
         case CounterKind::averageTime:
             return {growth / unitsPerSecond, baseGrowth};
@@ -215,7 +217,8 @@ std::vector<const PerfRow*> PartsOf(const PerfRow& row) {
     if (!row.isTotal) return {&row};
     std::vector<const PerfRow*> parts;
     for (const PerfRow& part : row.sampling->rows) {
-        if (row.object.group.empty() || part.object.group == row.object.group) parts.push_back(&part);
+        const bool isOfGroup = row.object.group.empty() || part.object.group == row.object.group;
+        if (isOfGroup && part.object.isInTotal) parts.push_back(&part);
     }
     return parts;
 }
@@ -229,11 +232,12 @@ std::optional<Quotient> QuotientIn(const PerfRow& row, std::size_t counter) {
     return QuotientBetween(info.kind, before ? &*before : nullptr, *now, row.object.birth, info.period);
 }
 
-/// A figure, rounded and clamped to the type.
-CimValue WholeFigure(CimType type, double figure) {
+/// A figure, rounded and clamped to the type. A free share is rounded down, because df rounds up what is used.
+CimValue WholeFigure(CimType type, CounterKind kind, double figure) {
     constexpr std::uint64_t most = UINT64_MAX;
+    constexpr double inexactness = 1e-9;  // far more than a quotient is off, far less than any disk has in use
     const std::uint64_t limit = type == uint32 ? UINT32_MAX : most;
-    const double rounded = std::round(figure);
+    const double rounded = kind == CounterKind::freeShare ? std::floor(figure + inexactness) : std::round(figure);
     return rounded < static_cast<double>(limit) ? static_cast<std::uint64_t>(rounded) : limit;
 }
 
@@ -248,12 +252,19 @@ CimValue ReadFigure(const void* record, const PropertyInfo& property) {
     const unsigned processors = row.sampling->processors;
     const double figure =
         row.isTotal ? TotalOf(kind, quotients, processors) : FigureOf(kind, quotients.front(), processors);
-    return WholeFigure(property.type, figure);
+    return WholeFigure(property.type, kind, figure);
 }
 
-/// A counter of one object as the raw class gives it.
+/// A counter of one object as the raw class gives it. Absent for the share of what is smaller than a megabyte: 0 would
+/// read as full.
 std::optional<CounterState> RawStateOf(const Readings& readings, std::size_t counter, CounterKind kind) {
+    constexpr std::uint64_t megabyte = std::uint64_t{1024} * 1024;
     std::optional<CounterState> state = readings.stateOf(counter);
+    if (state && kind == CounterKind::freeShare) {
+        state->value /= megabyte;
+        state->base /= megabyte;
+        if (state->base == 0) return std::nullopt;
+    }
     if (state && kind == CounterKind::percentOfTimestampLeft)
         state->value = state->time - std::min(state->time, state->value);
     return state;

@@ -50,6 +50,7 @@ enum class CounterKind {
     percentOfOperations,     // as percentOfTimestamp, for the sum of all operations' times, so it may exceed 100
     percentOfProcessors,     // growth, a time, in percent of the elapsed time, at most 100 for each processor
     fraction,                // the value in percent of the base
+    freeShare,               // likewise of bytes, rounded down; the raw class gives megabytes
     averageTime,             // growth, a time in seconds, divided by the base's growth
     averageAmount,           // growth divided by the base's growth
     queueLength,             // growth, the sum of all operations' times, divided by the elapsed time
@@ -151,6 +152,7 @@ struct PerfObject {
     std::string key;               // differs between the objects of a class
     std::uint64_t generation = 0;  // differs between objects that have the same key one after the other
     std::uint64_t birth = 0;       // when it began to count: 100 ns since the system's start
+    bool isInTotal = true;         // whether _Total counts it
 };
 
 struct PerfSampling;

@@ -2,6 +2,8 @@
 //
 // The kernel tells how long a disk was busy, so PercentDiskTime is that time and not the sum of all operations' times.
 // For reads and writes only these sums are known, and they may exceed 100.
+//
+// _Total of the logical disks counts this computer's own disks, each once.
 #include <algorithm>
 #include <array>
 #include <functional>
@@ -72,20 +74,19 @@ constexpr auto busyTimeIn = [](const Row& row) {
 
 constexpr std::uint64_t megabyte = std::uint64_t{1024} * 1024;
 
-Number FreeMegabytesIn(const Row& row) { return row.space ? Number(row.space->available / megabyte) : std::nullopt; }
-Number WholeMegabytesIn(const Row& row) {
-    return row.space ? Number(row.space->usableSize() / megabyte) : std::nullopt;
-}
-/// Absent for a file system smaller than a megabyte: 0 would read as full.
-Number FreeShareIn(const Row& row) {
-    return WholeMegabytesIn(row).value_or(0) > 0 ? FreeMegabytesIn(row) : std::nullopt;
+/// Absent for a file system without room, of which there is no share.
+Number FreeBytesIn(const Row& row) {
+    return row.space && row.space->usableSize() > 0 ? Number(row.space->available) : std::nullopt;
 }
 
 // clang-format off
 constexpr CounterInfo spaceCounters[] = {
-    {u"FreeMegabytes", uint32, value, Need::space, "MB that ordinary users may use", [](const Row& row) { return FreeMegabytesIn(row); }},
-    {u"PercentFreeSpace", uint32, fraction, Need::space, "MB that ordinary users may use, in percent of these and those used",
-        [](const Row& row) { return FreeShareIn(row); }, [](const Row& row) { return WholeMegabytesIn(row); }},
+    {u"FreeMegabytes", uint32, value, Need::space, "MB that ordinary users may use, f_bavail of statvfs",
+        [](const Row& row) { return row.space ? Number(row.space->available / megabyte) : std::nullopt; }},
+    {u"PercentFreeSpace", uint32, freeShare, Need::space,
+        "what ordinary users may use in percent of it and what is used, rounded down; what is left of 100 is Use% of df",
+        [](const Row& row) { return FreeBytesIn(row); },
+        [](const Row& row) { return row.space ? Number(row.space->usableSize()) : std::nullopt; }},
 };
 
 constexpr CounterInfo ioCounters[] = {
@@ -157,20 +158,22 @@ WmiStatus ReadLogicalDisks(const Gathering& gathering, PerfSampling& sampling) {
     const auto isWanted = [&](const facts::Mount& mount) {
         return !sampling.isAsked || sampling.isAsked(mount.mountPoint);
     };
-    const std::vector<facts::DiskSpace> disks =
+    const std::optional<std::vector<facts::DiskSpace>> disks =
         facts::ReadDisks(gathering.asksFor(Need::space), gathering.notice, isWanted);
     const std::optional<CountersByName> byName = ReadDiskCounters(gathering);
-    const bool areKnown = !disks.empty() || platform::ReadSystemFile("/proc/self/mountinfo");
-    if (!byName || !areKnown) return wmi_status::providerFailure;
+    if (!byName || !disks) return wmi_status::providerFailure;
+    std::vector<std::string> blockDevices;
+    for (const facts::DiskSpace& disk : *disks) blockDevices.push_back(facts::BlockDeviceOf(disk.mount));
+    const std::vector<bool> areOwn = facts::HaveOwnSpace(*disks, blockDevices);
     const std::uint64_t now = TimeSinceStart();
-    for (const facts::DiskSpace& disk : disks) {
-        Row row;
-        if (!byName->empty()) row.io = CountersOf(*byName, facts::BlockDeviceOf(disk.mount));
-        row.space = disk.space;
+    for (std::size_t at = 0; at < disks->size(); ++at) {
+        const facts::DiskSpace& disk = (*disks)[at];
+        const Row row{CountersOf(*byName, blockDevices[at]), disk.space};
         PerfObject object;
         object.name = disk.mount.mountPoint;
         object.key = disk.mount.mountPoint;
         object.generation = std::hash<std::string>()(disk.mount.device);
+        object.isInTotal = areOwn[at];
         sampling.Add(std::move(object), &row, now);
     }
     return wmi_status::ok;
