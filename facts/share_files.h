@@ -1,0 +1,45 @@
+// Folders that this computer offers to others: shares of Samba (smb.conf(5), and the usershares of net(8)), and exports
+// of NFS (exports(5)).
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace kv::facts {
+
+struct Share {
+    std::string name;
+    std::string path;
+    std::string comment;
+    std::uint32_t mostUsers = 0;  // at a time; 0: any number
+    bool isPrinter = false;
+};
+
+struct SambaShares {
+    std::vector<Share> shares;
+    std::string userShares = "/var/lib/samba/usershares";  // the folder of users' own; empty if they may have none
+    bool isPartial = false;                                // the text refers to others for more
+};
+
+/// The sections of smb.conf that share something. Those that Samba makes of its own accord ([homes], [printers]) are
+/// none, and neither are those that are switched off.
+SambaShares ParseSambaConfig(std::string_view text);
+
+/// The share in a file that "net usershare" wrote; absent when it has another form.
+std::optional<Share> ParseUserShare(std::string_view text);
+
+/// The exported folders of an exports file or of the list of what is exported (etab): each once, with those that may
+/// mount it in its comment. Its path is its name.
+std::vector<Share> ParseExports(std::string_view text);
+
+/// Takes lines for the log.
+using ShareNotice = std::function<void(std::string text)>;
+
+/// All shares of the computer whose files are below a root, "" for this one. Notices tell which files could not be
+/// read, and which parts of smb.conf are elsewhere.
+std::vector<Share> ReadShares(const std::string& root, const ShareNotice& notice);
+
+}  // namespace kv::facts

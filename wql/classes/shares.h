@@ -1,0 +1,14 @@
+// Win32_Share: the folders and printers that this computer offers to others, over SMB and NFS.
+#pragma once
+
+#include <string>
+
+#include "wql/wmi_class.h"
+
+namespace kv::wql {
+
+/// Gathers the shares that the files below a root set, "" for this computer. Always ok; notices tell what could not be
+/// read.
+WmiStatus GatherShares(const Gathering& gathering, const std::string& root);
+
+}  // namespace kv::wql
