@@ -135,6 +135,12 @@ class Echo {
         while (isWaiting_ && ReceiveMessage(0)) continue;
     }
 
+    /// Takes what arrived in time while this process did not run, and waits no longer.
+    void GiveUp() {
+        Receive();
+        isWaiting_ = false;
+    }
+
   private:
     EchoOutcome Send();
     bool Open();
@@ -284,7 +290,8 @@ bool ReceiveSome(std::vector<Echo>& echoes) {
     std::vector<Echo*> waiting;
     Clock::time_point end = Clock::time_point::max();
     for (Echo& echo : echoes) {
-        if (!echo.isWaiting() || echo.end() <= now) continue;
+        if (echo.isWaiting() && echo.end() <= now) echo.GiveUp();
+        if (!echo.isWaiting()) continue;
         sockets.push_back({echo.socket(), POLLIN, 0});
         waiting.push_back(&echo);
         end = std::min(end, echo.end());

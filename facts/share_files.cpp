@@ -50,22 +50,30 @@ bool IsYes(const std::string& value) {
 
 // Samba.
 
+using Settings = std::map<std::string, std::string>;  // by plain name
+
 struct Section {
     std::string name;
-    std::map<std::string, std::string> settings;  // by plain name
-
-    /// The value under the first of some names that is set; empty if none is.
-    std::string value(std::initializer_list<const char*> names) const {
-        for (const char* one : names) {
-            if (const auto found = settings.find(one); found != settings.end()) return found->second;
-        }
-        return "";
-    }
-    bool isSet(std::initializer_list<const char*> names, bool otherwise) const {
-        const std::string set = value(names);
-        return set.empty() ? otherwise : IsYes(set);
-    }
+    Settings settings;
 };
+
+/// The value of a setting; empty if it is not set.
+std::string ValueIn(const Settings& settings, const char* name) {
+    const auto found = settings.find(name);
+    return found != settings.end() ? found->second : "";
+}
+
+bool IsSet(const Settings& settings, const char* name, bool otherwise) {
+    const std::string value = ValueIn(settings, name);
+    return value.empty() ? otherwise : IsYes(value);
+}
+
+/// A setting's plain name: one for those that have two.
+std::string SettingName(std::string_view name) {
+    const std::string plain = PlainName(name);
+    if (plain == "directory") return "path";
+    return plain == "printok" ? "printable" : plain;
+}
 
 /// The section of a name, which a file may open more than once.
 Section& SectionOf(std::vector<Section>& sections, std::string_view name) {
@@ -90,32 +98,31 @@ std::vector<Section> ParseSections(std::string_view text) {
         const std::size_t equals = line.find('=');
         if (equals == line.npos) continue;
         const std::string_view value = Trimmed(std::string_view(line).substr(equals + 1));
-        SectionOf(sections, current).settings[PlainName(line.substr(0, equals))] = value;
+        SectionOf(sections, current).settings[SettingName(line.substr(0, equals))] = value;
     }
     return sections;
 }
 
-bool IsShare(const Section& section) {
+bool IsOrdinary(const Section& section) {
     const std::string name = PlainName(section.name);
-    const bool isSpecial = name == "global" || name == "homes" || name == "printers";
-    return !isSpecial && section.isSet({"available"}, true);
+    return name != "global" && name != "homes" && name != "printers";
 }
 
-Share ShareOf(const Section& section) {
+/// Absent if it is switched off, or has no path, without which Samba does not offer it.
+std::optional<Share> ShareOf(const std::string& name, const Settings& settings) {
     Share share;
-    share.name = section.name;
-    share.path = section.value({"path", "directory"});
-    share.comment = section.value({"comment"});
-    share.isPrinter = section.isSet({"printable", "printok"}, false);
+    share.name = name;
+    share.path = ValueIn(settings, "path");
+    share.comment = ValueIn(settings, "comment");
+    share.isPrinter = IsSet(settings, "printable", false);
     share.mostUsers = static_cast<std::uint32_t>(
-        std::min<std::uint64_t>(NumberOf(section.value({"maxconnections"})).value_or(0), UINT32_MAX));
-    return share;
+        std::min<std::uint64_t>(NumberOf(ValueIn(settings, "maxconnections")).value_or(0), UINT32_MAX));
+    return share.path.empty() || !IsSet(settings, "available", true) ? std::nullopt : std::optional(share);
 }
 
-bool RefersElsewhere(const Section& section) {
-    const std::string backend = InLowerCase(section.value({"configbackend"}));
-    return !section.value({"include", "copy"}).empty() || section.isSet({"registryshares"}, false) ||
-           backend == "registry";
+bool RefersElsewhere(const Settings& settings) {
+    return !ValueIn(settings, "include").empty() || !ValueIn(settings, "copy").empty() ||
+           IsSet(settings, "registryshares", false) || InLowerCase(ValueIn(settings, "configbackend")) == "registry";
 }
 
 // NFS.
@@ -238,13 +245,16 @@ void AddExports(const std::string& root, const ShareNotice& notice, std::vector<
 SambaShares ParseSambaConfig(std::string_view text) {
     SambaShares found;
     const std::vector<Section> sections = ParseSections(text);
-    const Section& global = sections.front();
-    const std::string folder = global.value({"usersharepath"});
+    const Settings& global = sections.front().settings;
+    const std::string folder = ValueIn(global, "usersharepath");
     if (!folder.empty()) found.userShares = folder;
-    if (global.value({"usersharemaxshares"}) == "0") found.userShares.clear();
+    if (ValueIn(global, "usersharemaxshares") == "0") found.userShares.clear();
     for (const Section& section : sections) {
-        found.isPartial = found.isPartial || RefersElsewhere(section);
-        if (IsShare(section)) found.shares.push_back(ShareOf(section));
+        found.isPartial = found.isPartial || RefersElsewhere(section.settings);
+        if (!IsOrdinary(section)) continue;
+        Settings settings = section.settings;
+        settings.insert(global.begin(), global.end());  // what a section does not set is as in [global]
+        if (const std::optional<Share> share = ShareOf(section.name, settings)) found.shares.push_back(*share);
     }
     return found;
 }

@@ -25,7 +25,7 @@ struct SambaShares {
 };
 
 /// The sections of smb.conf that share something. Those that Samba makes of its own accord ([homes], [printers]) are
-/// none, and neither are those that are switched off.
+/// none, and neither are those that are switched off or have no path.
 SambaShares ParseSambaConfig(std::string_view text);
 
 /// The share in a file that "net usershare" wrote; absent when it has another form.

@@ -1,23 +1,32 @@
 // TCP, queues of adapters, routes, echoes and shares, as ss, nstat, tc, ip and ping see them. Each test that needs its
 // own network runs again in a namespace.
 #include <arpa/inet.h>
-#include <gtest/gtest.h>
+#include <chrono>
+#include <filesystem>
+#include <fmt/format.h>
+#include <fstream>
+#include <gmock/gmock.h>
 #include <map>
+#include <set>
 #include <sstream>
 #include <string>
 #include <sys/socket.h>
 #include <vector>
 
 #include "platform/linux/descriptor.h"
+#include "tests/support/linux/gathered_texts.h"
 #include "tests/support/linux/namespaces.h"
 #include "tests/support/linux/shell.h"
 #include "tests/support/wmi_query.h"
+#include "wql/classes/shares.h"
 
 namespace kv::test {
 namespace {
 
+namespace fs = std::filesystem;
 namespace wmi_status = platform::wmi_status;
 using platform::Descriptor;
+using std::chrono::steady_clock;
 using WmiNetwork = WmiTest;
 
 WmiRow OnlyRow(const std::string& query) {
@@ -89,6 +98,7 @@ TEST_F(WmiNetwork, CountsTcpAsNstatAndSsDo) {
 TEST_F(WmiNetwork, HasTheQueuesThatTcShows) {
     if (!IsInNamespaces()) {
         return RunInNamespaces("--net",
+                               "(echo 1 > /proc/sys/net/ipv6/conf/default/disable_ipv6 || true) && "
                                "ip link add kv0 type veth peer name kv1 && ip address add 192.0.2.77/24 dev kv0 && "
                                "ip link set kv1 up && ip link set kv0 up && ip link add kv2 type veth peer name kv3 && "
                                "ip neigh add 192.0.2.78 lladdr 02:00:00:00:0a:0b dev kv0 && "
@@ -110,6 +120,188 @@ TEST_F(WmiNetwork, HasTheQueuesThatTcShows) {
             EXPECT_EQ(PropertyText(idle, "OutputQueueLength"), "0") << name << other;
         }
     }
+}
+
+/// A network of two: kv0 is ours, kv1 and lo belong to a router in a namespace of its own, 192.0.2.1, which ends with
+/// the test.
+constexpr const char* routedFlags = "--net --mount --pid --fork --kill-child --mount-proc";
+constexpr const char* routedNetwork =
+    "ip link set lo up && ip link add kv0 type veth peer name kv1 && { unshare --net sleep 60 & } && router=$! && "
+    "until [ $(readlink /proc/$router/ns/net) != $(readlink /proc/self/ns/net) ]; do sleep 0.05; done; "
+    "ip link set kv1 netns $router && ip address add 192.0.2.77/24 dev kv0 && ip link set kv0 up && "
+    "nsenter -t $router -n sh -c \"ip link set lo up && ip address add 192.0.2.1/24 dev kv1 && ip link set kv1 up && "
+    "echo 1 > /proc/sys/net/ipv4/ip_forward && echo 0 > /proc/sys/net/ipv4/icmp_ratemask && ip route add unreachable "
+    "203.0.113.0/25 && "
+    "ip route add 198.51.100.0/24 via 192.0.2.77\" && "
+    "ip route add 198.51.100.0/24 via 192.0.2.1 metric 7 && ip route add 203.0.113.0/24 via 192.0.2.1 proto bgp && "
+    "ip route add blackhole 10.9.0.0/16 && ip route add 10.8.0.0/16 nexthop via 192.0.2.1 nexthop via 192.0.2.2 && "
+    "ip route add 10.7.0.0/16 via inet6 fe80::1 dev kv0 && ip route add 10.6.0.0/16 dev kv0 table 77";
+
+/// A route in the words of ip(8): "10.8.0.0/16 via 192.0.2.1 dev 3 metric 0".
+std::string RouteText(const WmiRow& row) {
+    const in_addr_t mask = inet_addr(PropertyText(row, "Mask").c_str());
+    const std::string to = PropertyText(row, "Destination") + "/" + std::to_string(__builtin_popcount(mask));
+    return fmt::format("{} via {} dev {} metric {}", to, PropertyText(row, "NextHop"),
+                       PropertyText(row, "InterfaceIndex"), PropertyText(row, "Metric1"));
+}
+
+TEST_F(WmiNetwork, HasTheRoutesThatIpShows) {
+    if (!IsInNamespaces()) return RunInNamespaces(routedFlags, routedNetwork);
+    std::multiset<std::string> routes;
+    for (const WmiRow& row : RunWmiQuery("SELECT * FROM Win32_IP4RouteTable").rows) routes.insert(RouteText(row));
+    std::multiset<std::string> shown;
+    std::istringstream lines(Shell(R"(ip -json -4 route | python3 -c '
+import json, socket, sys
+for route in json.load(sys.stdin):
+    network = (route["dst"] + "/32").split("/") if route["dst"] != "default" else ["0.0.0.0", "0"]
+    for hop in route.get("nexthops", [route]):
+        via = hop.get("gateway") or hop.get("via", {}).get("host") or "0.0.0.0"
+        index = socket.if_nametoindex(hop["dev"]) if "dev" in hop else "NULL"
+        print("/".join(network[:2]), "via", via, "dev", index, "metric", route.get("metric", 0))')"));
+    for (std::string line; std::getline(lines, line);) shown.insert(line);
+    EXPECT_EQ(routes, shown);
+    EXPECT_EQ(routes.size(), 7u);
+    const std::pair<const char*, const char*> rows[] = {
+        {"192.0.2.0", "3 2 192.0.2.0 - 255.255.255.0 - 0.0.0.0"},  // direct, by the kernel
+        {"198.51.100.0", "4 3 198.51.100.0 - 255.255.255.0 - 192.0.2.1"},
+        {"203.0.113.0", "4 14 203.0.113.0 - 255.255.255.0 - 192.0.2.1"},  // by BGP
+        {"10.9.0.0", "1 3 10.9.0.0 - 255.255.0.0 - 0.0.0.0"},
+    };
+    for (const auto& [destination, texts] : rows) {
+        const WmiRow row =
+            OnlyRow(fmt::format("SELECT * FROM Win32_IP4RouteTable WHERE Destination = '{}'", destination));
+        EXPECT_EQ(PropertyTexts(row, "Type,Protocol,Description"), texts);
+    }
+}
+
+TEST_F(WmiNetwork, EchoesAreAnsweredAndRefusedAsPingIs) {
+    if (!IsInNamespaces()) return RunInNamespaces(routedFlags, routedNetwork);
+    const struct {
+        const char* where;
+        const char* texts;      // of StatusCode, ProtocolAddress, ReplySize and Timeout
+        const char* arguments;  // of ping(8)
+        const char* answer;     // what it then prints
+    } rows[] = {
+        {"Address = '192.0.2.1' AND BufferSize = 100 AND NoFragmentation = TRUE", "0 192.0.2.1 100 1000",
+         "-s 100 192.0.2.1", "108 bytes from 192.0.2.1"},
+        {"Address = '192.0.2.1' AND BufferSize = 5000 AND TypeofService = 16", "0 192.0.2.1 5000 1000",
+         "-s 5000 192.0.2.1", "5008 bytes from 192.0.2.1"},
+        {"Address = '192.0.2.1' AND BufferSize = 5000 AND NoFragmentation = TRUE", "11009  NULL 1000",
+         "-s 5000 -M do 192.0.2.1", "message too long"},
+        {"Address = '203.0.113.5'", "11003 192.0.2.1 NULL 1000", "203.0.113.5",
+         "From 192.0.2.1 icmp_seq=1 Destination Host Unreachable"},
+        {"Address = '198.51.100.9' AND TimeToLive = 1", "11013 192.0.2.1 NULL 1000", "-t 1 198.51.100.9",
+         "From 192.0.2.1 icmp_seq=1 Time to live exceeded"},
+        {"Address = '10.6.0.1'", "11002  NULL 1000", "10.6.0.1", "Network is unreachable"},
+        {"Address = '192.0.2.99' AND Timeout = 200", "11010  NULL 200", "-W 0.2 192.0.2.99", "100% packet loss"},
+        {"Address = '::1' AND Timeout = 3000", "0 ::1 32 3000", "::1", "64 bytes from ::1"},
+        {"Address = '127.0.0.1' AND TimeToLive = 0", "11007  NULL 1000", nullptr, ""},
+        {"Address = '127.0.0.1' AND BufferSize = 4294967295", "11009  NULL 1000", nullptr, ""},
+        {"Address = '127.0.0.1' AND RecordRoute = 1", "11007  NULL 1000", nullptr, ""},
+    };
+    for (const char* group : {"1 0", "0 0"}) {  // a socket for all of ICMP, and one for echoes alone
+        std::ofstream("/proc/sys/net/ipv4/ping_group_range") << group;
+        for (const auto& row : rows) {
+            const WmiRow found = OnlyRow(std::string("SELECT * FROM Win32_PingStatus WHERE ") + row.where);
+            EXPECT_EQ(PropertyTexts(found, "StatusCode,ProtocolAddress,ReplySize,Timeout"), row.texts)
+                << row.where << group;
+            if (row.arguments == nullptr) continue;
+            EXPECT_THAT(Shell(std::string("ping -c 1 -W 1 ") + row.arguments + " 2>&1"),
+                        testing::HasSubstr(row.answer));
+        }
+    }
+}
+
+TEST_F(WmiNetwork, EchoesOfOneQueryAreSentAtOnceAndNamesAreNotWaitedForLonger) {
+    const std::string hosts = (fs::temp_directory_path() / "kv-resolver").string();
+    if (!IsInNamespaces()) {
+        std::ofstream(hosts) << "nameserver 192.0.2.98\noptions timeout:30\n";
+        RunInNamespaces(routedFlags, std::string(routedNetwork) + " && mount --bind " + hosts + " /etc/resolv.conf");
+        fs::remove(hosts);
+        return;
+    }
+    const auto start = steady_clock::now();
+    const WmiResult several = RunWmiQuery(
+        "SELECT * FROM Win32_PingStatus WHERE (Address = 'a.example' OR Address = 'b.example' OR "
+        "Address = '192.0.2.97' OR Address = '192.0.2.96' OR Address = 'localhost') AND Timeout = 400 AND "
+        "ResolveAddressNames = TRUE");
+    EXPECT_LT(steady_clock::now() - start, std::chrono::seconds(10)) << "five would take the name server 150 seconds";
+    std::vector<std::string> texts;
+    for (const WmiRow& row : several.rows) {
+        texts.push_back(
+            PropertyTexts(row, "Address,PrimaryAddressResolutionStatus,StatusCode,ProtocolAddressResolved"));
+    }
+    EXPECT_THAT(texts,
+                testing::UnorderedElementsAre("a.example 11002 NULL ", "b.example 11002 NULL ", "192.0.2.97 0 11010 ",
+                                              "192.0.2.96 0 11010 ", "localhost 0 0 localhost"));
+    std::string many = "SELECT * FROM Win32_PingStatus WHERE Address = '127.0.0.1'";
+    for (int at = 0; at < 100; ++at) many += fmt::format(" OR Address = '127.0.1.{}'", at);
+    EXPECT_EQ(RunWmiQuery(many).status, wmi_status::quotaViolation);
+    for (const char* where : {"", " WHERE Timeout = 5", " WHERE Address LIKE '127.0.0.1'"}) {
+        const WmiResult refused = RunWmiQuery(std::string("SELECT * FROM Win32_PingStatus") + where);
+        EXPECT_EQ(refused.status, wmi_status::invalidQuery) << where;
+        EXPECT_EQ(refused.notices.size(), 1u) << where;
+    }
+    ASSERT_EQ(setgid(65534), 0);  // outside the group range, and without the right to raw sockets
+    ASSERT_EQ(setuid(65534), 0);
+    EXPECT_EQ(RunWmiQuery("SELECT * FROM Win32_PingStatus WHERE Address = '127.0.0.1'").status,
+              wmi_status::accessDenied);
+}
+
+std::string shareRoot;
+
+Gathered SharesBelow(const fs::path& root) {
+    shareRoot = root.string();
+    return GatherTexts(u"Win32_Share", "Name Path Description Type AllowMaximum MaximumAllowed Status",
+                       [](const wql::Gathering& gathering) { return wql::GatherShares(gathering, shareRoot); });
+}
+
+TEST_F(WmiNetwork, SharesAreThoseOfSambaAndNfs) {
+    const fs::path root = fs::temp_directory_path() / fmt::format("kv-shares{}", getpid());
+    const auto write = [&](const char* file, const char* text) {
+        fs::create_directories((root / file).parent_path());
+        std::ofstream(root / file) << text;
+    };
+    EXPECT_THAT(SharesBelow(root).objects, testing::IsEmpty());
+    write("etc/exports",
+          "# none\n/srv/a 192.0.2.0/24(rw,sync) host.example(ro) # two\n/srv/b -ro \\\n  @group\n"
+          "\"/srv/with blank\"\n/srv/oct\\040al *(rw)\n/srv/a (ro)\nnot a path\n");
+    write("etc/exports.d/more.exports", "/srv/more");
+    write("etc/exports.d/backup.old", "/srv/old");
+    const auto nfs = [](const std::string& path, const std::string& hosts) {
+        return path + "|" + path + "|" + hosts + "|0|true|NULL|OK|";
+    };
+    EXPECT_THAT(SharesBelow(root).objects,
+                testing::ElementsAre(nfs("/srv/a", "192.0.2.0/24 host.example *"), nfs("/srv/b", "@group"),
+                                     nfs("/srv/with blank", "*"), nfs("/srv/oct al", "*"), nfs("/srv/more", "*")));
+    write("var/lib/nfs/etab", "/srv/now\t192.0.2.7(rw,sync,wdelay,anonuid=65534)\n/srv/now\t192.0.2.8(ro)\n");
+    write("var/lib/samba/usershares/mine",
+          "#VERSION 2\npath=/home/me/out\ncomment=Mine = ours\n"
+          "usershare_acl=S-1-1-0:R,\nguest_ok=n\nsharename=Mine\n");
+    write("var/lib/samba/usershares/torn", "path=/x\nsharename=torn\n");
+    EXPECT_THAT(SharesBelow(root).objects, testing::ElementsAre(nfs("/srv/now", "192.0.2.7 192.0.2.8")))
+        << "no Samba without its file";
+    write("etc/samba/smb.conf",
+          "; comment\n[global]\n workgroup = X\n max connections = 9\n[homes]\n comment = Homes\n"
+          "[printers]\nprintable = yes\npath = /var/tmp\n[Data Store]\n PATH = /srv/da\\\nta\n"
+          " Comment = All = data\nmax connections = 20\n[off]\npath = /off\navailable = No\n"
+          "[Laser]\nprint ok = True\npath = /var/spool\nmax connections = 0\n[nowhere]\n"
+          "[More]\npath = /srv/more\n[data store]\n directory = /srv/other\n");
+    const Gathered all = SharesBelow(root);
+    EXPECT_THAT(all.objects, testing::ElementsAre("Data Store|/srv/other|All = data|0|false|20|OK|",
+                                                  "Laser|/var/spool||1|true|NULL|OK|", "More|/srv/more||0|false|9|OK|",
+                                                  "Mine|/home/me/out|Mine = ours|0|true|NULL|OK|",
+                                                  nfs("/srv/now", "192.0.2.7 192.0.2.8")));
+    EXPECT_THAT(all.notices, testing::IsEmpty());
+    write("etc/samba/smb.conf", "[global]\ninclude = /etc/samba/more.conf\nusershare max shares = 0\n[a]\npath = /a\n");
+    fs::remove(root / "var/lib/nfs/etab");
+    fs::create_directory(root / "var/lib/nfs/etab");  // cannot be read
+    fs::remove_all(root / "etc/exports");
+    fs::remove_all(root / "etc/exports.d");
+    const Gathered partial = SharesBelow(root);
+    EXPECT_THAT(partial.objects, testing::ElementsAre("a|/a||0|true|NULL|OK|"));
+    EXPECT_THAT(partial.notices, testing::ElementsAre(testing::HasSubstr("smb.conf"), testing::HasSubstr("etab")));
+    fs::remove_all(root);
 }
 
 }  // namespace
