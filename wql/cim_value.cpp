@@ -138,11 +138,13 @@ CimValue AsNumberOf(CimType type, const CimValue& number) {
     }
 }
 
+CimType ElementOf(CimType type) {
+    return static_cast<CimType>(static_cast<unsigned>(type) & ~static_cast<unsigned>(CimType::arrayFlag));
+}
+
 platform::VariantType VariantTypeOf(CimType type) {
-    const auto arrayFlag = static_cast<unsigned>(CimType::arrayFlag);
     if (IsArray(type)) {
-        const platform::VariantType element =
-            VariantTypeOf(static_cast<CimType>(static_cast<unsigned>(type) & ~arrayFlag));
+        const platform::VariantType element = VariantTypeOf(ElementOf(type));
         return static_cast<platform::VariantType>(static_cast<unsigned>(element) |
                                                   static_cast<unsigned>(platform::VariantType::arrayFlag));
     }
@@ -168,6 +170,24 @@ platform::VariantType VariantTypeOf(CimType type) {
 }
 
 }  // namespace
+
+std::string NameOf(CimType type) {
+    if (IsArray(type)) return NameOf(ElementOf(type)) + "[]";
+    constexpr struct {
+        CimType type;
+        const char* name;
+    } names[] = {
+        {CimType::sint16, "sint16"},     {CimType::sint32, "sint32"},       {CimType::real32, "real32"},
+        {CimType::real64, "real64"},     {CimType::string, "string"},       {CimType::boolean, "boolean"},
+        {CimType::sint8, "sint8"},       {CimType::uint8, "uint8"},         {CimType::uint16, "uint16"},
+        {CimType::uint32, "uint32"},     {CimType::sint64, "sint64"},       {CimType::uint64, "uint64"},
+        {CimType::datetime, "datetime"}, {CimType::reference, "reference"},
+    };
+    for (const auto& row : names) {
+        if (row.type == type) return row.name;
+    }
+    return std::to_string(static_cast<unsigned>(type));
+}
 
 CimValue BroughtTo(CimType type, CimValue value) {
     const bool isArray = std::holds_alternative<CimArray>(value.held);

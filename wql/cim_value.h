@@ -47,6 +47,9 @@ constexpr bool IsArray(CimType type) {
     return (static_cast<unsigned>(type) & static_cast<unsigned>(CimType::arrayFlag)) != 0;
 }
 
+/// The type as public references write it, such as "uint32" or "string[]".
+std::string NameOf(CimType type);
+
 /// Stands for an array. Its elements never leave the provider, so they are not kept.
 struct CimArray {
     std::size_t count = 0;

@@ -1,0 +1,143 @@
+// The classes against a table of public documentation, and queries as public documentation, scripts and templates have
+// them.
+#include <algorithm>
+#include <fmt/format.h>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <map>
+#include <set>
+#include <sstream>
+
+#include "tests/support/wmi_query.h"
+#include "wql/class_tree.h"
+
+namespace kv::test {
+namespace {
+
+using namespace wql;
+using platform::Utf8FromWide;
+
+using PublicReference = WmiTest;
+
+std::vector<std::string> FieldsOf(const std::string& line) {
+    std::vector<std::string> fields;
+    std::istringstream text(line);
+    for (std::string field; std::getline(text, field, '\t');) fields.push_back(field);
+    return fields;
+}
+
+/// The lines of a file beside this one that are not comments, split at tabs.
+std::vector<std::vector<std::string>> ReadTable(const std::string& name) {
+    std::ifstream file(std::string(KV_TEST_SOURCES) + "/" + name);
+    std::vector<std::vector<std::string>> lines;
+    for (std::string line; std::getline(file, line);) {
+        if (!line.empty() && !line.starts_with('#')) lines.push_back(FieldsOf(line));
+    }
+    return lines;
+}
+
+struct PublicClass {
+    std::string superclass;
+    std::map<std::string, std::set<std::string>> types;  // by property
+    std::set<std::string> keys;
+};
+
+/// The types that a documented property may have here.
+std::set<std::string> TypesOf(const std::string& type, const std::string& source) {
+    if (type == "unit16") return {"uint16"};  // a slip of the documentation
+    if (type == "CIM_ManagedSystemElement") return {"reference"};
+    if (source == "dump" && type == "string") return {"string", "datetime", "reference"};
+    return {type};
+}
+
+/// Adds the keys of superclasses, which the documentation of a class often leaves out.
+void InheritKeys(std::map<std::string, PublicClass>& classes) {
+    for (auto& [name, one] : classes) {
+        if (one.keys.empty()) continue;
+        for (auto above = classes.find(one.superclass); above != classes.end();
+             above = classes.find(above->second.superclass)) {
+            one.keys.insert(above->second.keys.begin(), above->second.keys.end());
+        }
+    }
+}
+
+std::map<std::string, PublicClass> ReadClasses() {
+    std::map<std::string, PublicClass> classes;
+    for (const std::vector<std::string>& row : ReadTable("public_classes.tsv")) {
+        PublicClass& one = classes[row.at(0)];
+        one.superclass = row.at(1);
+        one.types[row.at(2)] = TypesOf(row.at(3), row.at(6));
+        if (row.at(4) == "key") one.keys.insert(row.at(2));
+    }
+    InheritKeys(classes);
+    return classes;
+}
+
+/// What differs between a class and the table, one line for each property.
+std::string DifferencesOf(const ClassInfo& declared, PublicClass expected) {
+    std::string text;
+    if (Utf8FromWide(declared.superclass) != expected.superclass) text += "superclass " + expected.superclass + "\n";
+    for (const PropertyInfo& property : declared.properties) {
+        const std::string name = Utf8FromWide(property.name);
+        const auto found = expected.types.extract(name);
+        if (found.empty()) {
+            text += "not in the table: " + name + "\n";
+        } else if (!found.mapped().contains(NameOf(property.type))) {
+            text += name + " is a " + *found.mapped().begin() + "\n";
+        }
+    }
+    for (const auto& [name, types] : expected.types) text += "missing: " + name + "\n";
+    for (const PropertyInfo* key : KeyProperties(declared)) {
+        const std::string name = Utf8FromWide(key->name);
+        if (!expected.keys.empty() && !expected.keys.contains(name)) text += "not a key: " + name + "\n";
+    }
+    return text;
+}
+
+TEST_F(PublicReference, ClassesAreAsDocumented) {
+    const std::map<std::string, PublicClass> documented = ReadClasses();
+    ASSERT_GT(documented.size(), 100U);
+    std::size_t compared = 0;
+    for (const ClassInfo* declared : AllClasses()) {
+        const auto found = documented.find(Utf8FromWide(declared->name));
+        if (found == documented.end()) {
+            EXPECT_EQ(declared->gather, nullptr)
+                << Utf8FromWide(declared->name) << " has objects and is not in the table";
+            continue;
+        }
+        ++compared;
+        EXPECT_EQ(DifferencesOf(*declared, found->second), "") << found->first;
+    }
+    EXPECT_GT(compared, 90U);
+}
+
+TEST_F(PublicReference, EveryClassIsInOrderAndHasItsKeys) {
+    for (const ClassInfo* declared : AllClasses()) {
+        const std::string name = Utf8FromWide(declared->name);
+        const auto commas = static_cast<std::size_t>(std::ranges::count(declared->keys, u','));
+        EXPECT_EQ(KeyProperties(*declared).size(), declared->keys.empty() ? 0 : commas + 1) << name;
+        for (const PropertyInfo& property : declared->properties) {
+            EXPECT_EQ(FindProperty(*declared, property.name), &property) << name << Utf8FromWide(property.name);
+        }
+    }
+}
+
+/// "rows", "none", or the status as plans.md has it.
+std::string OutcomeOf(const WmiResult& result) {
+    if (platform::IsFailure(result.status)) return fmt::format("{:08x}", result.status);
+    return result.rows.empty() ? "none" : "rows";
+}
+
+// A line is an outcome, or several with blanks between them where that depends on the computer; why; and the query.
+TEST_F(PublicReference, PublishedQueriesAreAnswered) {
+    const std::vector<std::vector<std::string>> lines = ReadTable("published_queries.txt");
+    ASSERT_GT(lines.size(), 90U);
+    for (const std::vector<std::string>& line : lines) {
+        ASSERT_EQ(line.size(), 3U) << line.front();
+        const std::string outcome = OutcomeOf(RunWmiQuery(line[2]));
+        EXPECT_NE((" " + line[0] + " ").find(" " + outcome + " "), std::string::npos) << outcome << ": " << line[2];
+    }
+}
+
+}  // namespace
+}  // namespace kv::test
