@@ -133,7 +133,10 @@ TEST(LogonKinds, FollowFromTheLoginManagersWords) {
 }
 
 TEST_F(WmiTest, ListsTheSessionsOfTheLoginManager) {
-    const ShellOutcome listed = RunShell("loginctl --no-legend list-sessions | awk '{print $1}' | sort");
+    const ShellOutcome listed = RunShell(
+        "for id in $(loginctl --no-legend list-sessions 2>&- | awk '{print $1}'); do loginctl show-session $id -p "
+        "State "
+        "-p Class | grep -qE 'closing|greeter|lock-screen' || echo $id; done | sort");
     if (listed.output.empty()) GTEST_SKIP() << "no login manager, or nobody is logged in";
     std::string ids;
     for (const WmiRow& row : RunWmiQuery("SELECT LogonId FROM Win32_LogonSession").rows)
