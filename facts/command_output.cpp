@@ -65,6 +65,7 @@ struct Start {
 /// 0, or an errno value.
 int StartChild(const std::vector<std::string>& words, const Start& start, pid_t& child) {
     std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
     for (const std::string& word : words) arguments.push_back(const_cast<char*>(word.c_str()));
     arguments.push_back(nullptr);
     char language[] = "LC_ALL=C";
@@ -80,7 +81,7 @@ int MillisecondsUntil(Clock::time_point deadline) {
 
 /// Takes what a pipe holds; closes it at its end.
 void Drain(Descriptor& pipe, std::string& text) {
-    std::array<char, 65536> block;
+    std::array<char, 65536> block{};
     const ssize_t got = platform::ReadOnce(pipe.get(), block.data(), block.size());
     if (got > 0) text.append(block.data(), static_cast<std::size_t>(got));
     if (got <= 0) pipe.Close();

@@ -15,7 +15,7 @@ namespace kv::facts {
 namespace {
 
 /// Years of updates; a log has about half a megabyte a month while a system is being set up, and much less later.
-constexpr std::size_t maxBytes = 32 * 1024 * 1024;
+constexpr std::size_t maxBytes = std::size_t{32} * 1024 * 1024;
 
 std::string_view WithoutArchitecture(std::string_view package) { return package.substr(0, package.find(':')); }
 
@@ -74,7 +74,7 @@ std::optional<std::string> ReadLog(const std::string& path, std::size_t most) {
     const Archive file(gzopen(path.c_str(), "re"));
     if (!file) return std::nullopt;
     std::string text;
-    std::array<char, 65536> block;
+    std::array<char, 65536> block{};
     int got = 1;
     while (got > 0 && text.size() < most) {
         got = gzread(file.get(), block.data(), block.size());
@@ -94,6 +94,7 @@ std::vector<std::string> LogsIn(const std::string& folder) {
     }
     std::sort(logs.rbegin(), logs.rend());
     std::vector<std::string> paths;
+    paths.reserve(logs.size());
     for (auto& [time, path] : logs) paths.push_back(std::move(path));
     return paths;
 }

@@ -118,7 +118,7 @@ std::optional<facts::PackageNames> NamesToRead(const Gathering& gathering) {
 struct Reading {
     const Gathering& gathering;
     const std::string& root;
-    const facts::PackageNames* names;  // null: all
+    const facts::PackageNames* names = nullptr;  // null: all
     WmiStatus status = wmi_status::ok;
     bool hasObjects = false;
 
@@ -154,7 +154,7 @@ std::string FailureOf(const facts::CommandOutput& list) {
 std::vector<Package> ReadRpmPackages(Reading& reading) {
     // A list of thousands of packages takes a second or two and a megabyte. A database whose lock was left behind holds
     // rpm up forever.
-    constexpr facts::CommandLimits limits{std::chrono::seconds(10), 16 * 1024 * 1024};
+    constexpr facts::CommandLimits limits{std::chrono::seconds(10), std::size_t{16} * 1024 * 1024};
     const std::string database = facts::FindRpmDatabase(reading.root);
     if (database.empty()) return {};
     const std::vector<std::string> command = facts::RpmListCommand(database, reading.names);
