@@ -41,7 +41,7 @@ NameLookup LookUpAddress(const std::string& host, int flags) {
     hints.ai_flags = flags;
     addrinfo* found = nullptr;
     NameLookup lookup;
-    const bool isCut = host.find('\0') != host.npos;
+    const bool isCut = host.find('\0') != std::string::npos;
     lookup.error = isCut ? EAI_NONAME : getaddrinfo(host.c_str(), nullptr, &hints, &found);
     const std::unique_ptr<addrinfo, platform::ReleasedBy<freeaddrinfo>> list(found);
     if (lookup.error != 0) return lookup;

@@ -45,7 +45,7 @@ Answer AnswerAfter(std::string_view datagram) {
 std::optional<std::string> DumpOverNetlink(int protocol, std::uint16_t type, std::string_view request) {
     const platform::Descriptor netlink(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, protocol));
     if (!netlink || !SendRequest(netlink.get(), type, request)) return std::nullopt;
-    constexpr std::size_t largestDatagram = 64 * 1024;
+    constexpr std::size_t largestDatagram = std::size_t{64} * 1024;
     std::vector<char> datagram(largestDatagram);
     std::string messages;
     for (;;) {

@@ -90,13 +90,13 @@ std::vector<Section> ParseSections(std::string_view text) {
     while (TakeWholeLine(text, line)) {
         if (line.empty() || line.front() == '#' || line.front() == ';') continue;
         const std::size_t end = line.find(']');
-        if (line.front() == '[' && end != line.npos) {
+        if (line.front() == '[' && end != std::string::npos) {
             current = Trimmed(line.substr(1, end - 1));
             SectionOf(sections, current);
             continue;
         }
         const std::size_t equals = line.find('=');
-        if (equals == line.npos) continue;
+        if (equals == std::string::npos) continue;
         const std::string_view value = Trimmed(std::string_view(line).substr(equals + 1));
         SectionOf(sections, current).settings[SettingName(line.substr(0, equals))] = value;
     }
