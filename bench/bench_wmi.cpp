@@ -3,13 +3,18 @@
 // All of Win32_OperatingSystem takes under a millisecond. Three properties of every process take at most the processor
 // time of the ps command that prints the same, with the processes of this machine and with a thousand more. With WHERE
 // on ProcessId a query reads only that process: at most three calls of read. One package by its name takes at most
-// 50 ms.
+// 50 ms, and so does a query that bounds RecordNumber or TimeGenerated, of 300,000 entries of a journal that
+// systemd-journal-remote has written.
 #include <algorithm>
 #include <array>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <fcntl.h>
+#include <filesystem>
+#include <fmt/format.h>
+#include <fstream>
 #include <spawn.h>
 #include <string>
 #include <sys/prctl.h>
@@ -21,6 +26,9 @@
 #include "collection/wmi_query.h"
 #include "foundation/vector.h"
 #include "platform/backend.h"
+#include "platform/utf.h"
+#include "wql/classes/event_log.h"
+#include "wql/query.h"
 
 namespace {
 
@@ -29,6 +37,8 @@ constexpr std::size_t moreProcesses = 1000;
 constexpr double systemLimit = 1.0;   // milliseconds
 constexpr double processLimit = 1.0;  // of what ps takes
 constexpr double packageLimit = 50;   // milliseconds
+constexpr double journalLimit = 50;   // milliseconds
+constexpr int journalEntries = 300000;
 constexpr const char16_t* processQuery = u"SELECT Name, ProcessId, WorkingSetSize FROM Win32_Process";
 
 double MillisecondsOf(const rusage& used) {
@@ -155,6 +165,72 @@ void EndSleepers(const std::vector<pid_t>& sleepers) {
     for (const pid_t child : sleepers) waitpid(child, nullptr, 0);
 }
 
+/// The folder of the benchmark's journal.
+std::string journalFolder;
+
+/// Writes a journal with an entry for each second, of twenty programs, all facilities and priorities.
+bool MakeJournal() {
+    std::string folder = (std::filesystem::temp_directory_path() / "bench-journal-XXXXXX").string();
+    if (mkdtemp(folder.data()) == nullptr) return false;
+    journalFolder = folder;
+    constexpr const char* form =
+        "__REALTIME_TIMESTAMP={0}000000\n__MONOTONIC_TIMESTAMP={1}000000\n_BOOT_ID={2:032x}\nPRIORITY={3}\n"
+        "SYSLOG_FACILITY={4}\nSYSLOG_IDENTIFIER=program{5}\nMESSAGE=Something that program {5} says, number {1}\n"
+        "_UID=0\n_PID={6}\n_COMM=program{5}\n_HOSTNAME=bench\n_SOURCE_REALTIME_TIMESTAMP={0}000000\n\n";
+    constexpr std::int64_t start = 1795564800;  // seconds: 2026-11-25T00:00:00Z
+    std::ofstream entries(folder + "/entries");
+    for (int i = 0; i < journalEntries; ++i) {
+        entries << fmt::format(fmt::runtime(form), start + i, i + 1, 1, i % 8, i % 24, i % 20, i % 30000);
+    }
+    entries.close();
+    return std::system(
+               fmt::format("/lib/systemd/systemd-journal-remote --output={0}/test.journal {0}/entries 2>/dev/null",
+                           folder)
+                   .c_str()) == 0;
+}
+
+/// Rows of a query for the benchmark's journal, or -1 when it fails.
+int CountEvents(std::u16string_view query) {
+    using namespace kv::wql;
+    WqlStatement statement;
+    BoundQuery bound;
+    if (IsFailure(ParseWql(query, statement)) || IsFailure(BindQuery(std::get<WqlQuery>(statement), bound))) return -1;
+    ClassInfo events = *bound.parts.front().classInfo;
+    events.gather = [](const Gathering& gathering) { return GatherEvents(gathering, {journalFolder}); };
+    bound.parts.front().classInfo = &events;
+    int rows = 0;
+    const auto status =
+        RunQuery(bound, {[&rows](const ResultObject&) { ++rows; }, [] { return true; }, [](const auto&) {}});
+    return IsFailure(status) ? -1 : rows;
+}
+
+bool MeasureJournal() {
+    constexpr std::pair<const char16_t*, int> queries[] = {
+        {u"SELECT EventCode,EventIdentifier,Type,LogFile,SourceName,Message,TimeGenerated FROM Win32_NTLogEvent "
+         u"WHERE (Logfile=\"System\") AND EventType<=2 AND TimeGenerated>=\"20261128101959.000000+000\"",
+         450},
+        {u"SELECT * FROM Win32_NTLogEvent WHERE RecordNumber>299900", 100},
+        {u"SELECT * FROM Win32_NTLogEvent WHERE RecordNumber>=123456 AND RecordNumber<=123556", 101},
+        {u"SELECT * FROM Win32_NTLogEvent", 1000},
+    };
+    bool good = true;
+    for (const auto& [query, rows] : queries) {
+        std::array<double, 21> times{};
+        for (double& time : times) {
+            const auto begin = std::chrono::steady_clock::now();
+            if (const int found = CountEvents(query); found != rows) {
+                std::printf("%s: %d rows, not %d\n", platform::Utf8FromWide(query).c_str(), found, rows);
+                return false;
+            }
+            time = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - begin).count();
+        }
+        std::nth_element(times.begin(), times.begin() + times.size() / 2, times.end());
+        std::printf("%s:\n", platform::Utf8FromWide(query).c_str());
+        good = Within("  of 300,000 entries, ms", times[times.size() / 2], journalLimit) && good;
+    }
+    return good;
+}
+
 }  // namespace
 
 int main() {
@@ -162,6 +238,8 @@ int main() {
     platform::InstallWmi();
     bool good = MeasureOperatingSystem();
     good = MeasureOnePackage() && good;
+    good = MakeJournal() && MeasureJournal() && good;
+    if (!journalFolder.empty()) std::filesystem::remove_all(journalFolder);
     good = MeasureProcesses("the processes of this machine") && good;
     const std::vector<pid_t> sleepers = StartSleepers();
     good = MeasureProcesses("a thousand more") && good;
