@@ -21,7 +21,7 @@ std::vector<CdDriveInfo> ParseCdromInfo(std::string_view text) {
     std::vector<CdDriveInfo> drives;
     for (std::string_view line; TakeLine(text, line);) {
         const std::size_t colon = line.find(':');
-        if (colon == line.npos) continue;
+        if (colon == std::string_view::npos) continue;
         const std::string_view key = line.substr(0, colon);
         std::string_view fields = line.substr(colon + 1);
         std::size_t column = 0;

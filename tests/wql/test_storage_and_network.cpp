@@ -13,6 +13,8 @@
 #include <map>
 #include <sstream>
 #include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include "facts/mount_space.h"
@@ -129,13 +131,50 @@ TEST_F(WmiStorage, HasTheSpaceThatDfShows) {
     EXPECT_EQ(volumes.size(), disks.size());
 }
 
+TEST_F(WmiStorage, HasTheMountsThatFindmntShows) {
+    for (const WmiRow& row : RunWmiQuery("SELECT * FROM Win32_LogicalDisk").rows) {
+        const std::string mount = PropertyText(row, "DeviceID");
+        const std::string command = "findmnt -nro FSTYPE,OPTIONS -M '" + mount + "' | tail -n 1";
+        std::istringstream shown(RunShell(command).output);
+        std::string type, options;
+        shown >> type >> options;
+        EXPECT_EQ(PropertyText(row, "FileSystem"), type) << mount;
+        EXPECT_EQ(PropertyText(row, "Access"), (options + ',').starts_with("ro,") ? "1" : "3") << mount;
+    }
+}
+
+TEST_F(WmiStorage, LeadsFromAMountToItsDisk) {
+    if (!IsInNamespaces()) return RunInNamespaces("--mount", "mount -t tmpfs tmpfs /sys");
+    struct stat root {};
+    ASSERT_EQ(stat("/", &root), 0);
+    const std::filesystem::path disk = "/sys/block/kvd";
+    std::filesystem::create_directories(disk / "kvd1");
+    std::filesystem::create_directories(disk / "device");
+    std::filesystem::create_directories("/sys/dev/block");
+    std::filesystem::create_symlink(disk / "kvd1",
+                                    fmt::format("/sys/dev/block/{}:{}", major(root.st_dev), minor(root.st_dev)));
+    std::ofstream(disk / "kvd1/partition") << "1\n";
+    const auto found = [](const std::string& query) {
+        const WmiResult result = RunWmiQuery(query);
+        return result.rows.size() != 1 ? "" : PropertyText(result.rows[0], "DeviceID");
+    };
+    const std::string partition =
+        found("ASSOCIATORS OF {Win32_LogicalDisk.DeviceID='/'} WHERE AssocClass = Win32_LogicalDiskToPartition");
+    EXPECT_EQ(partition, "Disk #0, Partition #0");
+    EXPECT_EQ(
+        found("ASSOCIATORS OF {Win32_DiskPartition.DeviceID='" + partition + "'} WHERE ResultClass = Win32_DiskDrive"),
+        "/dev/kvd");
+    EXPECT_EQ(found("ASSOCIATORS OF {Win32_DiskDrive.DeviceID='/dev/kvd'} WHERE ResultClass = Win32_DiskPartition"),
+              partition);
+}
+
 TEST_F(WmiStorage, FillsWhatIsAlwaysTrue) {
     const std::tuple<const char*, const char*, const char*> rows[] = {
         {"DiskDrive", "ConfigManagerUserConfig,Capabilities,CapabilityDescriptions,ConfigManagerErrorCode",
          "false array array 0"},
-        {"LogicalDisk", "ConfigManagerErrorCode,ConfigManagerUserConfig,QuotasIncomplete,QuotasRebuilding,VolumeDirty",
-         "0 false false false false"},
-        {"LogicalDisk WHERE FileSystem = 'ext4' AND QuotasDisabled = TRUE", "SupportsDiskQuotas", "true"},
+        {"LogicalDisk", "ConfigManagerErrorCode,ConfigManagerUserConfig,VolumeDirty", "0 false false"},
+        {"LogicalDisk WHERE FileSystem = 'ext4' AND QuotasDisabled = TRUE",
+         "SupportsDiskQuotas,QuotasIncomplete,QuotasRebuilding", "true false false"},
         {"Volume", "ConfigManagerErrorCode,ConfigManagerUserConfig,DirtyBitSet,IndexingEnabled", "0 false false false"},
         {"Volume WHERE DeviceID = '/'", "Automount", "true"},
         {"Volume WHERE DriveType = 6", "QuotasEnabled,PageFilePresent", "false false"},

@@ -183,6 +183,7 @@ TEST_F(WmiThisMachine, IsWhatItsOwnToolsShow) {
          "lsblk -bnro NAME,TYPE,SIZE,LOG-SEC,PKNAME | awk '$2 == \"part\" {++parts[$5]} "
          "$2 == \"disk\" && $1 !~ /^(zram|nbd|ram|mmcblk.*boot)/ {size[$1] = $3 \" \" $4} "
          "END {for (name in size) print \"/dev/\" name, size[name], parts[name] + 0}' | LC_ALL=C sort"},
+        {"Win32_CDROMDrive", "DeviceID", "lsblk -nro NAME,TYPE | awk '$2 == \"rom\" {print \"/dev/\" $1}' | sort"},
         {"Win32_DiskPartition", "Caption,Size,StartingOffset",
          "lsblk -bnro NAME,TYPE,SIZE,START | awk '$2 == \"part\" && $1 !~ /^(loop|md|nbd|zram)/ "
          "{print \"/dev/\" $1, $3, $4 * 512}' | LC_ALL=C sort -V"},

@@ -95,6 +95,14 @@ bool CanKeepQuotas(const Row& row) {
     return std::find(std::begin(kinds), std::end(kinds), row.mount().fileSystem) != std::end(kinds);
 }
 
+/// Whether quotas are kept on it; absent for file systems that switch them by other means than mount options.
+std::optional<bool> KeepsQuotas(const Row& row) {
+    constexpr std::string_view byOtherMeans[] = {"bcachefs", "btrfs", "gfs2", "zfs"};
+    const bool isKnown =
+        std::find(std::begin(byOtherMeans), std::end(byOtherMeans), row.mount().fileSystem) == std::end(byOtherMeans);
+    return isKnown ? std::optional(row.mount().keepsQuotas) : std::nullopt;
+}
+
 bool IsCompressedWhole(const Row& row) {
     return row.mount().fileSystem == "squashfs" || row.mount().fileSystem == "cramfs";
 }
@@ -109,7 +117,11 @@ constexpr auto longestNameIn = [](const Row& row) { return SpaceIn(row, &facts::
 constexpr auto kindIn = [](const Row& row) { return static_cast<std::uint32_t>(row.kind); };
 constexpr auto fileSystemIn = [](const Row& row) { return row.mount().fileSystem; };
 constexpr auto sourceIn = [](const Row& row) { return row.mount().source; };
-constexpr auto noQuotasIn = [](const Row& row) { return !row.mount().keepsQuotas; };
+constexpr auto noQuotasIn = [](const Row& row) {
+    const std::optional<bool> keeps = KeepsQuotas(row);
+    return keeps ? std::optional(!*keeps) : std::nullopt;
+};
+constexpr auto countingQuotasIn = [](const Row& row) { return KeepsQuotas(row) ? std::optional(false) : std::nullopt; };
 constexpr auto serialTextIn = [](const Row& row) { return facts::SerialTextOf(row.serial); };
 constexpr auto labelIn = [](const Row& row) { return row.label; };
 constexpr auto hostIn = [](const Row& row) { return row.host; };
@@ -122,7 +134,10 @@ constexpr std::string_view serialMeaning = "the last 8 digits of the UUID, from 
 constexpr std::string_view labelMeaning = "the label, from /dev/disk/by-label; empty if it has none";
 constexpr std::string_view dirtyMeaning =
     "whether the kernel has met errors in it, errors_count of /sys/fs/ext4; FALSE for others";
-constexpr std::string_view noQuotasMeaning = "whether its mount options keep no quotas";
+constexpr std::string_view noQuotasMeaning =
+    "whether its mount options keep no quotas; NULL for btrfs, zfs and the like";
+constexpr std::string_view countingMeaning =
+    "FALSE: quotas are counted before it is mounted; NULL for btrfs, zfs and the like";
 
 // clang-format off
 /// The properties that all classes have alike.
@@ -150,8 +165,8 @@ constexpr auto sharedProperties = std::to_array<PropertyInfo>({
     {u"PowerManagementCapabilities", ArrayOf(uint16)},
     {u"PowerManagementSupported", boolean},
     {u"Purpose", string},
-    {u"QuotasIncomplete", boolean, 0, "always FALSE: quotas are counted before it is mounted", neverIn},
-    {u"QuotasRebuilding", boolean, 0, "always FALSE: quotas are counted before it is mounted", neverIn},
+    {u"QuotasIncomplete", boolean, 0, countingMeaning, countingQuotasIn},
+    {u"QuotasRebuilding", boolean, 0, countingMeaning, countingQuotasIn},
     {u"Status", string, 0, "always OK, because it is mounted", [](const Row&) { return u"OK"; }},
     {u"StatusInfo", uint16},
     {u"SupportsDiskQuotas", boolean, 0, "whether this computer can keep quotas on such a file system",
@@ -206,7 +221,8 @@ constexpr auto volumeProperties = Extend(sharedProperties, {
     {u"MaximumFileNameLength", uint32, Need::space, nameLengthMeaning, longestNameIn},
     {u"PageFilePresent", boolean, Need::swaps, "whether a swap file on it is in use, from /proc/swaps",
         [](const Row& row) { return row.holdsSwap; }},
-    {u"QuotasEnabled", boolean, 0, "whether its mount options keep quotas", [](const Row& row) { return row.mount().keepsQuotas; }},
+    {u"QuotasEnabled", boolean, 0, "whether its mount options keep quotas; NULL for btrfs, zfs and the like",
+        [](const Row& row) { return KeepsQuotas(row); }},
     {u"SerialNumber", uint32, Need::serial, "the last 32 bits of the UUID, from /dev/disk/by-uuid",
         [](const Row& row) { return row.serial; }},
     {u"SystemVolume", boolean, 0, "whether it holds /boot, from which the kernel is loaded",
