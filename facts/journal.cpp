@@ -76,7 +76,7 @@ int AddMatches(sd_journal* journal, const std::vector<JournalMatches>& alternati
 /// The text between a mark and the next semicolon of an entry's cursor, which sd-journal gives in place of the number.
 std::string_view CursorPart(std::string_view cursor, std::string_view mark) {
     const std::size_t at = cursor.find(mark);
-    if (at == cursor.npos) return {};
+    if (at == std::string_view::npos) return {};
     const std::string_view part = cursor.substr(at + mark.size());
     return part.substr(0, part.find(';'));
 }
@@ -141,7 +141,7 @@ void AddField(JournalEntry& entry, std::string_view field) {
         {"_HOSTNAME", &JournalEntry::hostName},
     };
     const std::size_t end = field.find('=');
-    if (end == field.npos) return;
+    if (end == std::string_view::npos) return;
     const std::string_view name = field.substr(0, end);
     const std::string_view value = field.substr(end + 1, maxJournalField);
     for (const auto& [wanted, member] : texts) {
@@ -265,6 +265,7 @@ std::vector<std::string> FindJournalFiles(const std::vector<std::string>& folder
     }
     std::sort(found.begin(), found.end(), std::greater<>());
     std::vector<std::string> paths;
+    paths.reserve(found.size());
     for (auto& [time, path] : found) paths.push_back(std::move(path));
     return paths;
 }

@@ -54,7 +54,7 @@ std::u16string NameOf(const Row& row) { return row.folder + row.leaf; }
 /// Where a file's extension begins, with the dot; the end of the name if it has none. A first dot begins none.
 std::size_t ExtensionAt(std::u16string_view leaf) {
     const std::size_t dot = leaf.rfind(u'.');
-    return dot == leaf.npos || dot == 0 ? leaf.size() : dot;
+    return dot == std::u16string_view::npos || dot == 0 ? leaf.size() : dot;
 }
 
 std::u16string_view StemOf(std::u16string_view leaf) { return leaf.substr(0, ExtensionAt(leaf)); }
@@ -135,7 +135,8 @@ bool IsSeparator(char16_t unit) { return unit == u'/' || unit == u'\\'; }
 /// The path that a text of a query stands for; absent when it does not begin at the root. Only one that begins with a
 /// backslash is written with them, because a name here may have any.
 std::optional<std::string> PathOf(std::u16string_view text) {
-    if (text.empty() || !IsSeparator(text.front()) || text.find(u'\0') != text.npos) return std::nullopt;
+    if (text.empty() || !IsSeparator(text.front()) || text.find(u'\0') != std::u16string_view::npos)
+        return std::nullopt;
     std::string path = platform::Utf8FromWide(text);
     if (text.front() == u'\\') std::replace(path.begin(), path.end(), '\\', '/');
     return path;
