@@ -1,7 +1,8 @@
 // Any bytes as the text of a query over a class that has a property of each type, and as each property's value.
 //
 // A condition in one more pair of parentheses matches the same objects, and none that its negation matches. What
-// matches is among the values of every restriction. Texts are like themselves, and moments come back from their texts.
+// matches is among the values of every restriction and within every range. Texts are like themselves, and moments come
+// back from their texts.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -93,12 +94,33 @@ bool ReadAgain(std::u16string_view text, BoundCondition& bound) {
 void CheckRestrictions(const BoundCondition& condition) {
     for (const Restriction& restriction : RestrictionsOf(condition)) {
         const PropertyInfo* property = FindProperty(everyType, restriction.property);
+        if (property == nullptr) continue;  // __PATH or __RELPATH
         for (const Row& row : rows) {
             const CimValue value = ReadProperty(row, *property);
             const auto count = std::count_if(restriction.values.begin(), restriction.values.end(),
                                              [&value](const CimValue& one) { return CompareValues(one, value) == 0; });
             Require(count <= 1, "a restriction has a value twice");
             Require(count == 1 || !Matches(condition, &row), "an object matches that is outside a restriction");
+        }
+    }
+}
+
+/// What a range's ends are compared with.
+CimValue Comparable(const PropertyInfo& property, const CimValue& value) {
+    const auto* text = std::get_if<std::u16string>(&value.held);
+    return property.type == CimType::datetime && text != nullptr ? MicrosecondsOfDmtf(*text) : value;
+}
+
+void CheckRanges(const BoundCondition& condition) {
+    for (const Range& range : RangesOf(condition)) {
+        const PropertyInfo* property = FindProperty(everyType, range.property);
+        if (property == nullptr || property->type == CimType::reference) continue;
+        for (const Row& row : rows) {
+            if (!Matches(condition, &row)) continue;
+            const CimValue value = Comparable(*property, ReadProperty(row, *property));
+            Require(range.lowest.isNull() || CompareValues(value, range.lowest) >= 0,
+                    "an object matches below a range");
+            Require(range.highest.isNull() || CompareValues(value, range.highest) <= 0, "one matches above a range");
         }
     }
 }
@@ -120,6 +142,7 @@ void RunQuery(std::u16string_view text) {
     if (query->where == nullptr || BindCondition(*query->where, everyType, condition) != wmi_status::ok) return;
     Require(NeedsOf(condition) <= 1, "a need that no property has");
     CheckRestrictions(condition);
+    CheckRanges(condition);
     BoundCondition again;
     BoundCondition opposite;
     const bool isReadAgain = ReadAgain(Wrapped(text, u""), again) && ReadAgain(Wrapped(text, u" NOT"), opposite);
