@@ -38,20 +38,22 @@ std::optional<std::vector<std::string>> ListDevices(const std::string& root, IsO
         if (isOfKind(root, name)) names.push_back(std::move(name));
     }
     if (failure) return std::nullopt;
-    std::sort(names.begin(), names.end());
+    std::ranges::sort(names, {}, [](const std::string& name) { return std::pair(name.size(), name); });
     return names;
 }
 
-/// maxDepth: of devices made of others, so that broken links do not lead in circles.
-bool IsOnUsb(const std::string& device, int maxDepth) {
+/// Where the links to the devices are that a device is made of; empty if it is not there. A partition does not have
+/// this folder, but the device that it is a part of may.
+fs::path FolderOfParts(const std::string& device, const std::string& root) {
     std::error_code failure;
-    const fs::path folder = fs::canonical("/sys/class/block/" + device, failure);
-    if (failure) return false;
-    if (folder.string().find("/usb") != std::string::npos) return true;
-    for (fs::directory_iterator at(folder / "slaves", failure), end; !failure && at != end; at.increment(failure)) {
-        if (maxDepth > 0 && IsOnUsb(at->path().filename().string(), maxDepth - 1)) return true;
-    }
-    return false;
+    const fs::path folder = fs::canonical(root + "/sys/class/block/" + device, failure);
+    if (failure) return {};
+    return (fs::exists(folder / "partition", failure) ? folder.parent_path() : folder) / "slaves";
+}
+
+bool IsItselfOnUsb(const std::string& device) {
+    std::error_code failure;
+    return fs::canonical("/sys/class/block/" + device, failure).string().find("/usb") != std::string::npos;
 }
 
 }  // namespace
@@ -62,7 +64,7 @@ std::vector<DiskCounters> ParseDiskStats(std::string_view text) {
         DiskCounters disk;
         const std::optional<std::uint64_t> major = NumberOf(TakeField(line));
         const std::optional<std::uint64_t> minor = NumberOf(TakeField(line));
-        disk.name = TakeField(line);
+        disk.name = NameOfBlockDevice(TakeField(line));
         std::uint64_t readsMerged = 0;
         std::uint64_t writesMerged = 0;
         bool isWhole = major && minor;
@@ -89,9 +91,31 @@ std::optional<std::vector<std::string>> ListCdDrives(const std::string& root) {
     return ListDevices(root, [](const std::string&, const std::string& name) { return name.starts_with("sr"); });
 }
 
-bool IsOnUsb(const std::string& device) {
-    constexpr int maxDepth = 8;  // an encrypted volume of a RAID of partitions has four
-    return IsOnUsb(device, maxDepth);
+std::vector<std::string> DevicesUnder(const std::string& device, const std::string& root) {
+    std::vector<std::string> devices{device};
+    for (std::size_t next = 0; next < devices.size(); ++next) {
+        std::error_code failure;
+        const fs::path parts = FolderOfParts(devices[next], root);
+        for (fs::directory_iterator at(parts, failure), end; !failure && at != end; at.increment(failure)) {
+            std::string name = at->path().filename().string();
+            if (std::ranges::find(devices, name) == devices.end()) devices.push_back(std::move(name));
+        }
+    }
+    return devices;
+}
+
+bool IsOnUsb(const std::string& device) { return std::ranges::any_of(DevicesUnder(device), IsItselfOnUsb); }
+
+std::string PathOfBlockDevice(std::string name) {
+    std::ranges::replace(name, '!', '/');
+    return "/dev/" + name;
+}
+
+std::string NameOfBlockDevice(std::string_view path) {
+    constexpr std::string_view folder = "/dev/";
+    std::string name(path.substr(path.starts_with(folder) ? folder.size() : 0));
+    std::ranges::replace(name, '/', '!');
+    return name;
 }
 
 }  // namespace kv::facts

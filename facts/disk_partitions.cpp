@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <fmt/format.h>
 
 #include "facts/block_devices.h"
 #include "facts/devices.h"
@@ -71,26 +72,28 @@ struct Numbered {
     std::string name;
 };
 
-/// The partitions in a disk's folder. They are named after the disk.
-std::vector<Numbered> NumberedPartitions(const std::string& folder, const std::string& disk) {
+/// The partitions in a disk's folder, which are named after the disk. failure: why the folder, or the rest of it,
+/// cannot be read. That is not the case for a disk that has just been taken out: it has no partitions.
+std::vector<Numbered> NumberedPartitions(const std::string& folder, const std::string& disk, std::error_code& failure) {
     std::vector<Numbered> found;
-    std::error_code failure;
     for (fs::directory_iterator at(folder, failure), end; !failure && at != end; at.increment(failure)) {
         std::string name = at->path().filename().string();
         if (!name.starts_with(disk)) continue;
         const std::optional<std::uint64_t> number = ReadSystemNumber(at->path().string() + "/partition");
         if (number) found.push_back({*number, std::move(name)});
     }
+    if (failure == std::errc::no_such_file_or_directory) failure.clear();
     std::ranges::sort(found, {}, &Numbered::number);
     return found;
 }
 
-void AddPartitions(std::vector<Partition>& partitions, const std::string& disk, std::uint32_t diskIndex,
-                   const std::string& root) {
+std::error_code AddPartitions(std::vector<Partition>& partitions, const std::string& disk, std::uint32_t diskIndex,
+                              const std::string& root) {
     constexpr std::uint64_t sectorSize = 512;  // the unit of these files on every disk
     const std::string folder = root + "/sys/block/" + disk;
     std::uint32_t index = 0;
-    for (Numbered& numbered : NumberedPartitions(folder, disk)) {
+    std::error_code failure;
+    for (Numbered& numbered : NumberedPartitions(folder, disk, failure)) {
         Partition& partition = partitions.emplace_back();
         partition.folder = folder + '/' + numbered.name;
         partition.name = std::move(numbered.name);
@@ -100,21 +103,28 @@ void AddPartitions(std::vector<Partition>& partitions, const std::string& disk, 
         partition.start = ReadSystemNumber(partition.folder + "/start").value_or(0) * sectorSize;
         partition.size = ReadSystemNumber(partition.folder + "/size").value_or(0) * sectorSize;
     }
+    return failure;
 }
 
 }  // namespace
 
-std::optional<std::vector<Partition>> ListPartitions(const std::string& root) {
+std::optional<std::vector<Partition>> ListPartitions(const std::function<void(std::string)>& notice,
+                                                     const std::string& root) {
     const std::optional<std::vector<std::string>> disks = ListPhysicalDisks(root);
     if (!disks) return std::nullopt;
     std::vector<Partition> partitions;
     std::uint32_t diskIndex = 0;
-    for (const std::string& disk : *disks) AddPartitions(partitions, disk, diskIndex++, root);
+    for (const std::string& disk : *disks) {
+        const std::error_code failure = AddPartitions(partitions, disk, diskIndex++, root);
+        if (failure) notice(fmt::format("partitions of {} are missing: {}", disk, failure.message()));
+    }
     return partitions;
 }
 
-std::size_t CountPartitions(const std::string& disk, const std::string& root) {
-    return NumberedPartitions(root + "/sys/block/" + disk, disk).size();
+std::optional<std::size_t> CountPartitions(const std::string& disk, const std::string& root) {
+    std::error_code failure;
+    const std::size_t count = NumberedPartitions(root + "/sys/block/" + disk, disk, failure).size();
+    return failure ? std::nullopt : std::optional(count);
 }
 
 std::optional<bool> PartitionEntry::isBootable() const {

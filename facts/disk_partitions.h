@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -19,11 +20,13 @@ struct Partition {
     std::string folder;           // below /sys
 };
 
-/// In the order of disks and of their kernel's numbers; absent when /sys/block cannot be read.
-std::optional<std::vector<Partition>> ListPartitions(const std::string& root = {});
+/// In the order of disks and of their kernel's numbers; absent when /sys/block cannot be read. A disk whose folder
+/// cannot be read has none here, and a notice names it.
+std::optional<std::vector<Partition>> ListPartitions(const std::function<void(std::string)>& notice,
+                                                     const std::string& root = {});
 
-/// How many partitions a disk has.
-std::size_t CountPartitions(const std::string& disk, const std::string& root = {});
+/// How many partitions a disk has; absent when its folder cannot be read.
+std::optional<std::size_t> CountPartitions(const std::string& disk, const std::string& root = {});
 
 /// What a partition table says of a partition. Kinds of tables are known by udev's names for them.
 struct PartitionEntry {

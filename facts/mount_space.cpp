@@ -155,8 +155,9 @@ std::vector<std::optional<SpaceAnswer>> AskMounts(const std::vector<Mount>& moun
 }
 
 std::optional<std::vector<DiskSpace>> ReadDisks(bool wantsSpace, const std::function<void(std::string)>& notice,
-                                                const std::function<bool(const Mount&)>& isWanted) {
-    const std::optional<std::string> mountInfo = platform::ReadSystemFile("/proc/self/mountinfo");
+                                                const std::function<bool(const Mount&)>& isWanted,
+                                                const std::string& root) {
+    const std::optional<std::string> mountInfo = platform::ReadSystemFile(root + "/proc/self/mountinfo");
     if (!mountInfo) return std::nullopt;
     const std::vector<Mount> mounts = ParseMountInfo(*mountInfo);
     std::vector<Mount> disks = DisksAmong(mounts);

@@ -70,8 +70,9 @@ struct DiskSpace {
 /// out. Mounts that may hang, or whose path leads through one that may, are then asked on separate threads, all at once
 /// and for at most two seconds. A mount that does not answer keeps its thread and is left out with a notice; the next
 /// time it is left out at once, until its thread is back. Absent when the mounts cannot be read. Throws as
-/// ParseMountInfo does.
+/// ParseMountInfo does. root: of the mounts' file, in place of that of this computer.
 std::optional<std::vector<DiskSpace>> ReadDisks(bool wantsSpace, const std::function<void(std::string)>& notice,
-                                                const std::function<bool(const Mount&)>& isWanted = {});
+                                                const std::function<bool(const Mount&)>& isWanted = {},
+                                                const std::string& root = {});
 
 }  // namespace kv::facts

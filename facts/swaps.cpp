@@ -4,8 +4,11 @@
 #include <filesystem>
 #include <libmount.h>
 #include <memory>
+#include <strings.h>
 
+#include "facts/block_devices.h"
 #include "facts/system_text.h"
+#include "facts/volume_facts.h"
 #include "platform/owned_handle.h"
 
 namespace kv::facts {
@@ -25,19 +28,44 @@ std::string WithoutQuotes(std::string text) {
     return isQuoted ? text.substr(1, text.size() - 2) : text;
 }
 
-/// The link that stands for a tag such as "UUID=..."; empty for any other source.
-std::string LinkOfTag(const std::string& source) {
-    constexpr std::pair<std::string_view, const char*> folders[] = {
-        {"UUID=", "by-uuid/"},
-        {"LABEL=", "by-label/"},
-        {"PARTUUID=", "by-partuuid/"},
-        {"PARTLABEL=", "by-partlabel/"},
-    };
-    for (const auto& [tag, folder] : folders) {
-        if (!source.starts_with(tag)) continue;
-        return std::string("/dev/disk/") + folder + WithoutQuotes(source.substr(tag.size()));
+/// A tag by which fstab may name a device, and the folder of the links that stand for such tags.
+struct TagKind {
+    std::string_view mark;
+    const char* folder;
+    bool hasCase;  // udev writes a UUID in capitals or in small letters by the kind of file system
+};
+
+constexpr TagKind tagKinds[] = {
+    {"UUID=", "/dev/disk/by-uuid", false},
+    {"LABEL=", "/dev/disk/by-label", true},
+    {"PARTUUID=", "/dev/disk/by-partuuid", false},
+    {"PARTLABEL=", "/dev/disk/by-partlabel", true},
+};
+
+/// The link in a folder whose name, without its escapes, is the name wanted; empty if there is no such link.
+std::string LinkNamed(const std::string& wanted, const std::string& folder, bool hasCase) {
+    std::error_code failure;
+    for (fs::directory_iterator at(folder, failure), end; !failure && at != end; at.increment(failure)) {
+        const std::string name = PlainDiskName(at->path().filename().string());
+        if (hasCase ? name == wanted : strcasecmp(name.c_str(), wanted.c_str()) == 0) return at->path().string();
     }
     return {};
+}
+
+/// The path below a root of what a source stands for: the link for a tag, empty if there is no such link, or else the
+/// source.
+std::string PathOfSource(const std::string& source, const std::string& root) {
+    for (const auto& [mark, folder, hasCase] : tagKinds) {
+        if (source.starts_with(mark))
+            return LinkNamed(WithoutQuotes(source.substr(mark.size())), root + folder, hasCase);
+    }
+    return root + source;
+}
+
+/// People write a slash at the end of some mount points; the kernel does not.
+std::string WithoutSlashesAtEnd(std::string path) {
+    while (path.size() > 1 && path.ends_with('/')) path.pop_back();
+    return path;
 }
 
 }  // namespace
@@ -70,7 +98,7 @@ std::vector<FstabEntry> ParseFstab(std::string_view text) {
     for (std::string_view line; TakeLine(text, line);) {
         FstabEntry entry;
         entry.source = PlainField(TakeField(line));
-        entry.mountPoint = PlainField(TakeField(line));
+        entry.mountPoint = WithoutSlashesAtEnd(PlainField(TakeField(line)));
         entry.fileSystem = TakeField(line);
         const std::string options(TakeField(line));
         if (entry.source.starts_with('#') || entry.fileSystem.empty()) continue;
@@ -86,15 +114,14 @@ std::optional<std::vector<FstabEntry>> ReadFstab(const std::string& root) {
 }
 
 std::string DevicePathOf(const std::string& source, const std::string& root) {
-    const std::string link = LinkOfTag(source);
     std::error_code failure;
-    const std::string path = fs::canonical(root + (link.empty() ? source : link), failure).string();
+    const std::string path = fs::canonical(PathOfSource(source, root), failure).string();
     return failure ? source : path.substr(root.size());
 }
 
 std::optional<std::uint64_t> SizeOfDeviceOrFile(const std::string& path, const std::string& root) {
     constexpr std::uint64_t sectorSize = 512;
-    const std::string device = path.substr(path.rfind('/') + 1);
+    const std::string device = NameOfBlockDevice(path);
     const bool isInDev = path.starts_with("/dev/");
     const auto sectors = isInDev ? ReadSystemNumber(root + "/sys/class/block/" + device + "/size") : std::nullopt;
     if (sectors) return *sectors * sectorSize;

@@ -28,7 +28,7 @@ std::optional<std::vector<Swap>> ReadSwaps(const std::string& root = {});
 /// One line of /etc/fstab.
 struct FstabEntry {
     std::string source;      // as written, such as "UUID=..." or "/dev/sda1"
-    std::string mountPoint;  // "none" for swaps
+    std::string mountPoint;  // without slashes at the end; "none" for swaps
     std::string fileSystem;
     bool isAutomatic = true;  // mounted at the start
 };

@@ -7,6 +7,7 @@
 #include <fmt/format.h>
 #include <set>
 
+#include "facts/block_devices.h"
 #include "facts/system_text.h"
 
 namespace kv::facts {
@@ -60,9 +61,9 @@ std::string BlockDeviceOf(const Mount& mount, const std::string& root) {
     const fs::path byNumber = fs::canonical(root + "/sys/dev/block/" + mount.device, failure);
     if (!failure) return byNumber.filename().string();
     if (!mount.source.starts_with("/dev/")) return {};
-    const fs::path bySource =
-        fs::canonical(root + mount.source, failure);  // a file system over several devices has no number
-    return failure ? std::string() : bySource.filename().string();
+    // A file system over several devices has no number.
+    const std::string bySource = fs::canonical(root + mount.source, failure).string();
+    return failure ? std::string() : NameOfBlockDevice(std::string_view(bySource).substr(root.size()));
 }
 
 std::vector<bool> HaveOwnSpace(const std::vector<DiskSpace>& disks, const std::vector<std::string>& blockDevices) {
@@ -92,7 +93,9 @@ std::optional<NamesByDevice> ReadDiskNames(const std::string& kind) {
     for (fs::directory_iterator at("/dev/disk/" + kind, failure), end; !failure && at != end; at.increment(failure)) {
         std::error_code unreadable;
         const fs::path target = fs::read_symlink(at->path(), unreadable);
-        if (!unreadable) names[target.filename().string()] = PlainDiskName(at->path().filename().string());
+        if (unreadable) continue;
+        const fs::path device = (at->path().parent_path() / target).lexically_normal();
+        names[NameOfBlockDevice(device.string())] = PlainDiskName(at->path().filename().string());
     }
     return names;
 }

@@ -28,10 +28,11 @@ TEST(Fstab, IsReadAsPeopleWriteIt) {
     for (const FstabEntry& entry :
          ParseFstab("# <file system> <mount point> <type>\n\nUUID=1-2 / ext4 errors=remount-ro 0 1\n"
                     "\t/dev/sdb1\t/my\\040data xfs  rw,noauto,nofail\n"
-                    "broken line\n#/dev/sdc1 /old ext3\n/swapfile none swap")) {
+                    "broken line\n#/dev/sdc1 /old ext3\n/dev/sdd1 /slashes// ext4\n/swapfile none swap")) {
         seen.push_back(fmt::format("{}|{}|{}|{}", entry.source, entry.mountPoint, entry.fileSystem, entry.isAutomatic));
     }
-    EXPECT_THAT(seen, ElementsAre("UUID=1-2|/|ext4|true", "/dev/sdb1|/my data|xfs|false", "/swapfile|none|swap|true"));
+    EXPECT_THAT(seen, ElementsAre("UUID=1-2|/|ext4|true", "/dev/sdb1|/my data|xfs|false",
+                                  "/dev/sdd1|/slashes|ext4|true", "/swapfile|none|swap|true"));
 }
 
 }  // namespace

@@ -1,12 +1,13 @@
 // Drives, partitions and swaps that this machine does not have: the storage classes over trees of files, and the names
 // by which their objects refer to each other.
 #include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "facts/volume_facts.h"
 #include "tests/support/linux/gathered_texts.h"
 #include "tests/support/test_folder.h"
 #include "wql/classes/storage_sources.h"
-#include "wql/object_path.h"
 
 namespace kv::test {
 namespace {
@@ -22,7 +23,7 @@ class WmiStorageTrees : public TestFolder {
 
     /// A device below /sys, with the links to it: "sda" at "ata1/.../0:0:0:0", "sda/sda1" for a partition.
     static void AddDevice(const std::string& place, const std::string& name, const std::string& number,
-                          const std::vector<std::pair<const char*, const char*>>& files) {
+                          const std::vector<std::pair<std::string, const char*>>& files) {
         const fs::path device = fs::path(root) / "sys/devices" / place;
         const fs::path block = device / "block" / name;
         for (const auto& [file, text] : files) Write(block / file, text);
@@ -71,16 +72,24 @@ class WmiStorageTrees : public TestFolder {
         Write(udev + "259:7", "E:ID_PART_ENTRY_SCHEME=gpt\nE:ID_PART_ENTRY_TYPE=0\nE:ID_PART_ENTRY_FLAGS=0x2\n");
     }
 
-    /// The paths of a class's objects, with "|" behind each, made of the class's key.
-    template <auto gather>
-    static std::vector<std::string> Paths(std::u16string_view className) {
-        const std::u16string_view key = FindClass(className)->keys;
-        std::vector<std::string> paths = Over<gather>(className, platform::Utf8FromWide(key)).objects;
-        for (std::string& path : paths) {
-            path.pop_back();
-            path = platform::Utf8FromWide(ObjectPath(className, {{std::u16string(key), CimValue(path)}})) + '|';
-        }
-        return paths;
+    /// A device that is made of others: a link to each in its folder "slaves". Without them it is a part of such one.
+    static void AddVolume(const std::string& name, const std::string& number, const std::vector<std::string>& parts) {
+        AddDevice("virtual", name, number, {{parts.empty() ? "partition" : "size", "1"}});
+        const fs::path block = root + "/sys/devices/virtual/block/" + name;
+        fs::create_directories(root + "/sys/class/block");
+        fs::create_symlink(block, root + "/sys/class/block/" + block.filename().string());
+        if (parts.empty()) return;
+        fs::remove(block / "device");
+        fs::create_directory(block / "slaves");
+        for (const std::string& part : parts) fs::create_symlink("../../" + part, block / "slaves" / part);
+    }
+
+    /// Two partitions (dm-0), an encrypted RAID (dm-1 on md0) with broken links that lead in a circle, and its part.
+    static void AddVolumes() {
+        AddVolume("dm-0", "253:0", {"sda2", "nvme0n1p1"});
+        AddVolume("dm-1", "253:1", {"md0"});
+        AddVolume("md0", "9:0", {"sda5", "sda10", "dm-1"});
+        AddVolume("md0/md0p1", "259:9", {});
     }
 };
 
@@ -90,43 +99,65 @@ TEST_F(WmiStorageTrees, HaveDisksAndPartitions) {
         LinesOf(Over<GatherDiskDrives>(
             u"Win32_DiskDrive",
             "DeviceID Index Partitions Signature Status ConfigManagerErrorCode ConfigManagerUserConfig Capabilities")),
-        "/dev/nvme0n1|0|2|NULL|Error|24|false|array|\n/dev/sda|1|4|-1977930691|OK|0|false|array|\n");
+        "/dev/sda|0|4|-1977930691|OK|0|false|array|\n/dev/nvme0n1|1|2|NULL|Error|24|false|array|\n");
     EXPECT_EQ(LinesOf(Over<GatherDiskPartitions>(
                   u"Win32_DiskPartition", "DeviceID Name Caption DiskIndex Index Type Bootable PrimaryPartition")),
-              "Disk #0, Partition #0|Disk #0, Partition #0|/dev/nvme0n1p1|0|0|GPT: System|true|true|\n"
-              "Disk #0, Partition #1|Disk #0, Partition #1|/dev/nvme0n1p7|0|1|GPT: Unknown|false|true|\n"
-              "Disk #1, Partition #0|Disk #1, Partition #0|/dev/sda1|1|0|Installable File System|true|true|\n"
-              "Disk #1, Partition #1|Disk #1, Partition #1|/dev/sda2|1|1|Extended w/Extended Int 13|false|false|\n"
-              "Disk #1, Partition #2|Disk #1, Partition #2|/dev/sda5|1|2|Unknown|false|false|\n"
-              "Disk #1, Partition #3|Disk #1, Partition #3|/dev/sda10|1|3|Unknown|NULL|NULL|\n");
+              "Disk #0, Partition #0|Disk #0, Partition #0|/dev/sda1|0|0|Installable File System|true|true|\n"
+              "Disk #0, Partition #1|Disk #0, Partition #1|/dev/sda2|0|1|Extended w/Extended Int 13|false|false|\n"
+              "Disk #0, Partition #2|Disk #0, Partition #2|/dev/sda5|0|2|Unknown|false|false|\n"
+              "Disk #0, Partition #3|Disk #0, Partition #3|/dev/sda10|0|3|Unknown|NULL|NULL|\n"
+              "Disk #1, Partition #0|Disk #1, Partition #0|/dev/nvme0n1p1|1|0|GPT: System|true|true|\n"
+              "Disk #1, Partition #1|Disk #1, Partition #1|/dev/nvme0n1p7|1|1|GPT: Unknown|false|true|\n");
     EXPECT_EQ(LinesOf(Over<GatherDiskPartitions>(
                   u"Win32_DiskPartition", "StartingOffset Size BlockSize NumberOfBlocks Access Status PNPDeviceID",
                   "WHERE Index = 0")),
-              "4096|8192|512|16|3|Error|pci0/nvme/nvme0/block/nvme0n1/nvme0n1p1|\n"
-              "32768|409600|4096|100|1|OK|pci0/ata1/host2/target2:0:1/2:0:1:3/block/sda/sda1|\n");
+              "32768|409600|4096|100|1|OK|pci0/ata1/host2/target2:0:1/2:0:1:3/block/sda/sda1|\n"
+              "4096|8192|512|16|3|Error|pci0/nvme/nvme0/block/nvme0n1/nvme0n1p1|\n");
 }
 
 TEST_F(WmiStorageTrees, ReferToObjectsByTheirPaths) {
     AddTwoDisks();
+    AddVolumes();
     Write(root + "/dev/sda5", "");
     Write(root + "/proc/self/mountinfo",
           "20 1 8:1 / / rw - ext4 /dev/sda1 rw\n21 20 8:1 /x /x rw - ext4 /dev/sda1 rw\n"
           "22 20 7:0 / /image ro - ext4 /dev/loop0 ro\n23 20 0:40 /a /da\\134ta rw - btrfs /dev/sda5 rw,subvol=/a\n"
-          "24 20 0:41 / /net rw - nfs4 nas:/x rw\n");
-    const std::vector<std::string> disks = Paths<GatherDiskDrives>(u"Win32_DiskDrive");
-    const std::vector<std::string> partitions = Paths<GatherDiskPartitions>(u"Win32_DiskPartition");
+          "24 20 0:41 / /net rw - nfs4 nas:/x rw\n25 20 253:0 / /twofold rw - xfs /dev/mapper/v-two rw\n"
+          "26 20 253:1 / /locked rw - ext4 /dev/mapper/locked rw\n27 20 259:9 / /part rw - ext4 /dev/md0p1 rw\n");
+    const std::vector<std::string> disks = Over<GatherDiskDrives>(u"Win32_DiskDrive", "__PATH").objects;
+    const std::vector<std::string> partitions = Over<GatherDiskPartitions>(u"Win32_DiskPartition", "__PATH").objects;
     ASSERT_EQ(partitions.size(), 6U);
     std::vector<std::string> pairs;
-    for (std::size_t at = 0; at < partitions.size(); ++at) pairs.push_back(disks.at(at < 2 ? 0 : 1) + partitions[at]);
+    for (std::size_t at = 0; at < partitions.size(); ++at) pairs.push_back(disks.at(at < 4 ? 0 : 1) + partitions[at]);
     EXPECT_EQ(Over<GatherDrivesToPartitions>(u"Win32_DiskDriveToDiskPartition", "Antecedent Dependent").objects, pairs);
-    const auto pathOfMount = [](const char16_t* mountPoint) {
-        return platform::Utf8FromWide(ObjectPath(u"Win32_LogicalDisk", {{u"DeviceID", mountPoint}})) + '|';
+    const auto onMount = [](const std::string& partition, const std::string& mountPoint) {
+        return partition + LinesOf(Over<GatherLogicalDisks>(u"Win32_LogicalDisk", "__PATH",
+                                                            "WHERE DeviceID = '" + mountPoint + "'"));
     };
-    EXPECT_THAT(Over<GatherLogicalDisksToPartitions>(u"Win32_LogicalDiskToPartition",
-                                                     "Antecedent Dependent StartingAddress EndingAddress")
-                    .objects,
-                testing::ElementsAre(partitions[2] + pathOfMount(u"/") + "32768|442367|",
-                                     partitions[4] + pathOfMount(u"/da\\ta") + "1024000|1028095|"));
+    const std::string links = onMount(partitions[0], "/") + onMount(partitions[2], "/da\\\\ta") +
+                              onMount(partitions[2], "/locked") + onMount(partitions[3], "/locked") +
+                              onMount(partitions[2], "/part") + onMount(partitions[3], "/part") +
+                              onMount(partitions[1], "/twofold") + onMount(partitions[4], "/twofold");
+    EXPECT_EQ(LinesOf(Over<GatherLogicalDisksToPartitions>(u"Win32_LogicalDiskToPartition", "Antecedent Dependent")),
+              links);
+    EXPECT_THAT(
+        LinesOf(Over<GatherLogicalDisksToPartitions>(u"Win32_LogicalDiskToPartition", "StartingAddress EndingAddress")),
+        testing::StartsWith("32768|442367|\n1024000|1028095|\n"));
+}
+
+TEST_F(WmiStorageTrees, HavePlacesAndPathsByTheKernelsNames) {
+    for (const char* name : {"sdaa", "sdb", "cciss!c0d0"})
+        AddDevice("pci0/" + std::string(name), name, name, {{"size", "8"}, {std::string(name) + "1/partition", "1"}});
+    Write(root + "/dev/cciss/c0d01", "");
+    Write(root + "/proc/self/mountinfo", "20 1 0:30 / / rw - btrfs /dev/cciss/c0d01 rw\n");
+    EXPECT_EQ(LinesOf(Over<GatherDiskDrives>(u"Win32_DiskDrive", "DeviceID Index")),
+              "/dev/sdb|0|\n/dev/sdaa|1|\n/dev/cciss/c0d0|2|\n");
+    EXPECT_EQ(LinesOf(Over<GatherDiskPartitions>(u"Win32_DiskPartition", "Caption", "WHERE DiskIndex = 2")),
+              "/dev/cciss/c0d01|\n");
+    EXPECT_THAT(Over<GatherDrivesToPartitions>(u"Win32_DiskDriveToDiskPartition", "Antecedent").objects.back(),
+                testing::HasSubstr("/dev/cciss/c0d0\""));
+    EXPECT_THAT(LinesOf(Over<GatherLogicalDisksToPartitions>(u"Win32_LogicalDiskToPartition", "Antecedent")),
+                testing::HasSubstr("Disk #2, Partition #0"));
 }
 
 TEST_F(WmiStorageTrees, HaveCdDrives) {
@@ -167,9 +198,14 @@ TEST_F(WmiStorageTrees, HaveSwapsOfFstab) {
     Write(root + "/dev/dm-1", "");
     fs::create_directories(root + "/dev/disk/by-uuid");
     fs::create_symlink("../../dm-1", root + "/dev/disk/by-uuid/12-ab");
-    Write(root + "/etc/fstab", "UUID=\"12-ab\" none swap sw 0 0\n/dev/gone swap swap\n/dev/sda1 / ext4\n");
+    fs::create_directories(root + "/dev/disk/by-label");
+    fs::create_symlink("../../dm-1", root + "/dev/disk/by-label/my\\x20swap\\x2fa");
+    Write(root + "/etc/fstab",
+          "UUID=\"12-ab\" none swap sw 0 0\nUUID=12-AB none swap\nLABEL=\"my\\040swap/a\" none swap\n"
+          "LABEL=MY\\040swap/a none swap\n/dev/gone swap swap\n/dev/sda1 / ext4\n");
+    const std::string found = "/dev/dm-1|2048|2048|\n";
     EXPECT_EQ(LinesOf(Over<GatherPageFileSettings>(u"Win32_PageFileSetting", "Name InitialSize MaximumSize")),
-              "/dev/dm-1|2048|2048|\n/dev/gone|NULL|NULL|\n");
+              found + found + found + "LABEL=MY swap/a|NULL|NULL|\n/dev/gone|NULL|NULL|\n");
     EXPECT_EQ(LinesOf(Over<GatherPageFiles>(u"Win32_PageFileUsage", "Name")), "") << "without /proc/swaps";
 }
 
@@ -180,15 +216,42 @@ TEST_F(WmiStorageTrees, FailWhenTheyCannotBeRead) {
             fs::create_directories(root + "/proc/swaps");
             fs::create_directories(root + "/etc/fstab");
         }
-        const WmiStatus failure = wmi_status::providerFailure;
-        EXPECT_EQ(Over<GatherDiskDrives>(u"Win32_DiskDrive", "Status").status, failure);
-        EXPECT_EQ(Over<GatherCdDrives>(u"Win32_CDROMDrive", "Status").status, failure);
-        EXPECT_EQ(Over<GatherDiskPartitions>(u"Win32_DiskPartition", "Status").status, failure);
-        EXPECT_EQ(Over<GatherDrivesToPartitions>(u"Win32_DiskDriveToDiskPartition", "Antecedent").status, failure);
-        EXPECT_EQ(Over<GatherLogicalDisksToPartitions>(u"Win32_LogicalDiskToPartition", "Antecedent").status, failure);
-        EXPECT_EQ(Over<GatherPageFiles>(u"Win32_PageFileUsage", "Status").status, isThere ? failure : 0);
-        EXPECT_EQ(Over<GatherPageFileSettings>(u"Win32_PageFileSetting", "Name").status, isThere ? failure : 0);
+        const std::tuple<const char*, Gathered, bool> rows[] = {
+            {"disks", Over<GatherDiskDrives>(u"Win32_DiskDrive", "Status"), true},
+            {"CD drives", Over<GatherCdDrives>(u"Win32_CDROMDrive", "Status"), true},
+            {"partitions", Over<GatherDiskPartitions>(u"Win32_DiskPartition", "Status"), true},
+            {"of disks", Over<GatherDrivesToPartitions>(u"Win32_DiskDriveToDiskPartition", "Antecedent"), true},
+            {"of mounts", Over<GatherLogicalDisksToPartitions>(u"Win32_LogicalDiskToPartition", "Antecedent"), true},
+            {"mounts", Over<GatherLogicalDisks>(u"Win32_LogicalDisk", "DeviceID"), true},
+            {"swaps", Over<GatherPageFiles>(u"Win32_PageFileUsage", "Status"), isThere},
+            {"swaps set up", Over<GatherPageFileSettings>(u"Win32_PageFileSetting", "Name"), isThere},
+        };
+        for (const auto& [title, result, fails] : rows) {
+            EXPECT_EQ(result.status, fails ? wmi_status::providerFailure : wmi_status::ok) << title;
+            EXPECT_EQ(result.notices.size(), fails ? 1U : 0U) << title;
+        }
     }
+    Write(root + "/proc/self/mountinfo", "20 1 8:1 / /data rw - ext4 /dev/sda1 rw\n");
+    const Gathered volumes = Over<GatherLogicalDisks>(u"Win32_Volume", "Automount PageFilePresent");
+    EXPECT_EQ(LinesOf(volumes), "NULL|NULL|\n");
+    EXPECT_THAT(volumes.notices,
+                testing::ElementsAre(testing::HasSubstr("/etc/fstab"), testing::HasSubstr("/proc/swaps")));
+}
+
+TEST_F(WmiStorageTrees, SayOfWhichDiskPartitionsAreLost) {
+    AddTwoDisks();
+    const std::string disk = fs::canonical(root + "/sys/block/sda").string();
+    constexpr mode_t noList = 0111;
+    ASSERT_EQ(chmod(folder.c_str(), 0755) + chmod(disk.c_str(), noList), 0);
+    const uid_t before = geteuid();
+    ASSERT_EQ(before == 0 ? seteuid(65534) : 0, 0) << "the superuser may list all";
+    const Gathered partitions = Over<GatherDiskPartitions>(u"Win32_DiskPartition", "Caption");
+    const Gathered drives = Over<GatherDiskDrives>(u"Win32_DiskDrive", "Partitions");
+    EXPECT_EQ(seteuid(before) + chmod(disk.c_str(), 0755), 0);
+    EXPECT_EQ(LinesOf(partitions), "/dev/nvme0n1p1|\n/dev/nvme0n1p7|\n");
+    EXPECT_THAT(partitions.notices, testing::ElementsAre(testing::HasSubstr("partitions of sda are missing")));
+    EXPECT_EQ(LinesOf(drives), "NULL|\n2|\n");
+    EXPECT_EQ(drives.notices.size(), 1U);
 }
 
 }  // namespace

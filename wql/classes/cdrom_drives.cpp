@@ -12,6 +12,7 @@
 #include "facts/volume_facts.h"
 #include "wql/class_tree.h"
 #include "wql/classes/drive_state.h"
+#include "wql/classes/failures.h"
 #include "wql/classes/storage_sources.h"
 
 namespace kv::wql {
@@ -180,7 +181,7 @@ const ClassFamily family([] { return std::span<const ClassInfo>(classes); });
 
 WmiStatus GatherCdDrives(const Gathering& gathering, const std::string& root) {
     const std::optional<std::vector<std::string>> drives = facts::ListCdDrives(root);
-    if (!drives) return wmi_status::providerFailure;
+    if (!drives) return FailedFile(root + "/sys/block", "CD drives", gathering);
     const std::string text = platform::ReadSystemFile(root + "/proc/sys/dev/cdrom/info").value_or(std::string());
     const std::vector<facts::CdDriveInfo> infos = facts::ParseCdromInfo(text);
     std::vector<facts::Mount> mounts;

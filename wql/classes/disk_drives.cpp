@@ -1,5 +1,6 @@
 // Win32_DiskDrive: the hardware disks, from /sys/block.
 #include <array>
+#include <fmt/format.h>
 
 #include "facts/block_devices.h"
 #include "facts/devices.h"
@@ -9,6 +10,7 @@
 #include "facts/system_text.h"
 #include "wql/class_tree.h"
 #include "wql/classes/drive_state.h"
+#include "wql/classes/failures.h"
 #include "wql/classes/storage_sources.h"
 
 namespace kv::wql {
@@ -41,7 +43,7 @@ struct Row {
     std::string model;
     std::string serial;
     std::string firmware;
-    std::size_t partitions = 0;
+    std::optional<std::size_t> partitions;
     std::string place;                                 // its device's path below /sys/devices
     std::optional<std::array<std::uint32_t, 4>> scsi;  // host, channel, target, unit
     bool isRemovable = false;
@@ -51,7 +53,7 @@ struct Row {
     std::u16string host;
 };
 
-std::string DevicePathOf(const Row& row) { return "/dev/" + row.name; }
+std::string DevicePathOf(const Row& row) { return facts::PathOfBlockDevice(row.name); }
 
 bool IsOnUsb(const Row& row) { return row.place.find("/usb") != row.place.npos; }
 
@@ -97,7 +99,7 @@ constexpr PropertyInfo properties[] = {
     {u"ErrorDescription", string},
     {u"ErrorMethodology", string},
     {u"FirmwareRevision", string, Need::firmware, "of the disk, if it tells", [](const Row& row) { return facts::KnownText(row.firmware); }},
-    {u"Index", uint32, 0, "from 0, in the order of the names", [](const Row& row) { return row.index; }},
+    {u"Index", uint32, 0, "its place from 0, short names first", [](const Row& row) { return row.index; }},
     {u"InstallDate", datetime},
     {u"InterfaceType", string, Need::place, "USB, IDE for ATA, SCSI for all others", [](const Row& row) { return InterfaceTypeOf(row); }},
     {u"LastErrorCode", uint32},
@@ -153,6 +155,8 @@ void FillRow(const Gathering& gathering, const std::string& root, Row& row) {
     if (gathering.asksFor(Need::serial)) row.serial = facts::SerialOfDrive(folder);
     if (gathering.asksFor(Need::firmware)) row.firmware = facts::FirmwareOfDrive(folder);
     if (gathering.asksFor(Need::partitions)) row.partitions = facts::CountPartitions(row.name, root);
+    if (gathering.asksFor(Need::partitions) && !row.partitions)
+        gathering.notice(fmt::format("Partitions is NULL: {} cannot be read", folder));
     if (gathering.asksFor(Need::place)) row.place = facts::PlaceOfDevice(folder + "/device");
     row.scsi = facts::ScsiAddressIn(row.place);
     if (gathering.asksFor(Need::media)) {
@@ -177,7 +181,7 @@ const ClassFamily family([] { return std::span<const ClassInfo>(classes); });
 
 WmiStatus GatherDiskDrives(const Gathering& gathering, const std::string& root) {
     const std::optional<std::vector<std::string>> disks = facts::ListPhysicalDisks(root);
-    if (!disks) return wmi_status::providerFailure;
+    if (!disks) return FailedFile(root + "/sys/block", "Disks", gathering);
     const std::u16string host = gathering.asksFor(Need::host) ? facts::HostName() : std::u16string();
     std::uint32_t index = 0;
     for (const std::string& name : *disks) {

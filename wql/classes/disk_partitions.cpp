@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <fmt/format.h>
 
+#include "facts/block_devices.h"
 #include "facts/devices.h"
 #include "facts/drive_files.h"
 #include "facts/host_names.h"
@@ -14,6 +15,7 @@
 #include "facts/volume_facts.h"
 #include "wql/class_tree.h"
 #include "wql/classes/drive_state.h"
+#include "wql/classes/failures.h"
 #include "wql/classes/storage_sources.h"
 #include "wql/object_path.h"
 
@@ -58,7 +60,7 @@ constexpr PropertyInfo properties[] = {
     {u"BlockSize", uint64, Need::blockSize, "bytes, of its disk's queue/logical_block_size", [](const Row& row) { return row.blockSize; }},
     {u"Bootable", boolean, Need::entry, "whether the firmware boots from it: marked so, or a system partition; from udev", bootableIn},
     {u"BootPartition", boolean, Need::entry, "as Bootable", bootableIn},
-    {u"Caption", string, 0, "such as /dev/sda1", [](const Row& row) { return "/dev/" + row.partition.name; }},
+    {u"Caption", string, 0, "such as /dev/sda1", [](const Row& row) { return facts::PathOfBlockDevice(row.partition.name); }},
     {u"ConfigManagerErrorCode", uint32, Need::state, errorCodeMeaning, [](const Row& row) { return ErrorCodeOf(row.works); }},
     {u"ConfigManagerUserConfig", boolean, 0, userConfigMeaning, [](const Row&) { return false; }},
     {u"CreationClassName", string, 0, "this class", [](const Row&) { return u"Win32_DiskPartition"; }},
@@ -120,6 +122,18 @@ std::u16string PathOf(const facts::Partition& partition) {
     return ObjectPath(u"Win32_DiskPartition", {{u"DeviceID", PartitionIdOf(partition)}});
 }
 
+/// Of a partition to a mount on it, or on a device that is made of it.
+Link LinkOf(const facts::Partition& partition, const facts::Mount& mount) {
+    return {.antecedent = PathOf(partition),
+            .dependent = ObjectPath(u"Win32_LogicalDisk", {{u"DeviceID", mount.mountPoint}}),
+            .start = partition.start,
+            .end = partition.start + std::max<std::uint64_t>(partition.size, 1) - 1};
+}
+
+WmiStatus FailedDisks(const std::string& root, const Gathering& gathering) {
+    return FailedFile(root + "/sys/block", "Disks", gathering);
+}
+
 void FillRow(const Gathering& gathering, const std::string& root, Row& row) {
     const std::string disk = root + "/sys/block/" + row.partition.disk;
     const std::string& folder = row.partition.folder;
@@ -147,8 +161,8 @@ const ClassFamily family([] { return std::span<const ClassInfo>(classes); });
 }  // namespace
 
 WmiStatus GatherDiskPartitions(const Gathering& gathering, const std::string& root) {
-    std::optional<std::vector<facts::Partition>> partitions = facts::ListPartitions(root);
-    if (!partitions) return wmi_status::providerFailure;
+    std::optional<std::vector<facts::Partition>> partitions = facts::ListPartitions(gathering.notice, root);
+    if (!partitions) return FailedDisks(root, gathering);
     const std::u16string host = gathering.asksFor(Need::host) ? facts::HostName() : std::u16string();
     for (facts::Partition& partition : *partitions) {
         Row row;
@@ -161,11 +175,11 @@ WmiStatus GatherDiskPartitions(const Gathering& gathering, const std::string& ro
 }
 
 WmiStatus GatherDrivesToPartitions(const Gathering& gathering, const std::string& root) {
-    const std::optional<std::vector<facts::Partition>> partitions = facts::ListPartitions(root);
-    if (!partitions) return wmi_status::providerFailure;
+    const std::optional<std::vector<facts::Partition>> partitions = facts::ListPartitions(gathering.notice, root);
+    if (!partitions) return FailedDisks(root, gathering);
     for (const facts::Partition& partition : *partitions) {
         Link link;
-        link.antecedent = ObjectPath(u"Win32_DiskDrive", {{u"DeviceID", "/dev/" + partition.disk}});
+        link.antecedent = ObjectPath(u"Win32_DiskDrive", {{u"DeviceID", facts::PathOfBlockDevice(partition.disk)}});
         link.dependent = PathOf(partition);
         if (!gathering.row(&link)) break;
     }
@@ -173,19 +187,18 @@ WmiStatus GatherDrivesToPartitions(const Gathering& gathering, const std::string
 }
 
 WmiStatus GatherLogicalDisksToPartitions(const Gathering& gathering, const std::string& root) {
-    const std::optional<std::vector<facts::Partition>> partitions = facts::ListPartitions(root);
-    const std::optional<std::string> mounts = platform::ReadSystemFile(root + "/proc/self/mountinfo");
-    if (!partitions || !mounts) return wmi_status::providerFailure;
+    const std::optional<std::vector<facts::Partition>> partitions = facts::ListPartitions(gathering.notice, root);
+    if (!partitions) return FailedDisks(root, gathering);
+    const std::string mountInfo = root + "/proc/self/mountinfo";
+    const std::optional<std::string> mounts = platform::ReadSystemFile(mountInfo);
+    if (!mounts) return FailedFile(mountInfo, "Mounts", gathering);
     for (const facts::Mount& mount : facts::DisksAmong(facts::ParseMountInfo(*mounts))) {
-        const auto partition =
-            std::ranges::find(*partitions, facts::BlockDeviceOf(mount, root), &facts::Partition::name);
-        if (partition == partitions->end()) continue;
-        Link link;
-        link.antecedent = PathOf(*partition);
-        link.dependent = ObjectPath(u"Win32_LogicalDisk", {{u"DeviceID", mount.mountPoint}});
-        link.start = partition->start;
-        link.end = partition->start + std::max<std::uint64_t>(partition->size, 1) - 1;
-        if (!gathering.row(&link)) break;
+        const std::vector<std::string> devices = facts::DevicesUnder(facts::BlockDeviceOf(mount, root), root);
+        for (const facts::Partition& partition : *partitions) {
+            if (std::ranges::find(devices, partition.name) == devices.end()) continue;
+            const Link link = LinkOf(partition, mount);
+            if (!gathering.row(&link)) return wmi_status::ok;
+        }
     }
     return wmi_status::ok;
 }

@@ -13,6 +13,8 @@
 #include "facts/volume_facts.h"
 #include "wql/class_tree.h"
 #include "wql/classes/extended_table.h"
+#include "wql/classes/failures.h"
+#include "wql/classes/storage_sources.h"
 
 namespace kv::wql {
 
@@ -256,12 +258,12 @@ struct MountFacts {
     bool needsCheck = false;
 };
 
-MountFacts ReadMountFacts(const Gathering& gathering, const facts::Mount& mount) {
+MountFacts ReadMountFacts(const Gathering& gathering, const facts::Mount& mount, const std::string& root) {
     MountFacts facts;
     constexpr std::uint32_t ofBlockDevice = Need::kind | Need::label | Need::serial | Need::health;
-    if (gathering.asksFor(ofBlockDevice)) facts.blockDevice = facts::BlockDeviceOf(mount);
+    if (gathering.asksFor(ofBlockDevice)) facts.blockDevice = facts::BlockDeviceOf(mount, root);
     if (gathering.asksFor(Need::kind)) facts.kind = facts::DriveTypeOf(mount, facts.blockDevice);
-    if (gathering.asksFor(Need::health)) facts.needsCheck = facts::NeedsCheck(facts.blockDevice);
+    if (gathering.asksFor(Need::health)) facts.needsCheck = facts::NeedsCheck(facts.blockDevice, root);
     return facts;
 }
 
@@ -282,10 +284,10 @@ struct Selection {
 
 /// Whether a disk can match, by what is known without asking its file system, so that a mount that does not answer
 /// costs no time in a query for others.
-bool IsWanted(const Gathering& gathering, const facts::Mount& mount, Selection& selection) {
+bool IsWanted(const Gathering& gathering, const std::string& root, const facts::Mount& mount, Selection& selection) {
     selection.all.push_back(mount);
     if (!CanMatch(gathering, mount)) return false;
-    const MountFacts& facts = selection.factsOf[mount.id] = ReadMountFacts(gathering, mount);
+    const MountFacts& facts = selection.factsOf[mount.id] = ReadMountFacts(gathering, mount, root);
     return Allows(gathering, u"DriveType", static_cast<std::int64_t>(facts.kind), IsNumber);
 }
 
@@ -298,13 +300,13 @@ struct Names {
     std::optional<std::vector<facts::Swap>> swaps;
 };
 
-Names ReadNames(const Gathering& gathering) {
+Names ReadNames(const Gathering& gathering, const std::string& root) {
     Names names;
     if (gathering.asksFor(Need::host)) names.host = facts::HostName();
     if (gathering.asksFor(Need::label)) names.labels = facts::ReadDiskNames("by-label");
     if (gathering.asksFor(Need::serial)) names.uuids = facts::ReadDiskNames("by-uuid");
-    if (gathering.asksFor(Need::start)) names.fstab = facts::ReadFstab();
-    if (gathering.asksFor(Need::swaps)) names.swaps = facts::ReadSwaps();
+    if (gathering.asksFor(Need::start)) names.fstab = facts::ReadFstab(root);
+    if (gathering.asksFor(Need::swaps)) names.swaps = facts::ReadSwaps(root);
     if (gathering.asksFor(Need::start) && !names.fstab)
         gathering.notice("Automount is NULL: /etc/fstab cannot be read");
     if (gathering.asksFor(Need::swaps) && !names.swaps)
@@ -347,16 +349,16 @@ void FillRow(const MountFacts& facts, const Names& names, const std::vector<fact
 }
 
 /// isOfClass: null for all disks.
-WmiStatus GatherDisksThat(const Gathering& gathering, bool (*isOfClass)(const facts::Mount&)) {
-    const Names names = ReadNames(gathering);
+WmiStatus GatherDisksThat(const Gathering& gathering, const std::string& root, bool (*isOfClass)(const facts::Mount&)) {
+    const Names names = ReadNames(gathering, root);
     Selection selection;
     const auto isWanted = [&](const facts::Mount& mount) {
-        const bool isOne = IsWanted(gathering, mount, selection);
+        const bool isOne = IsWanted(gathering, root, mount, selection);
         return isOne && (isOfClass == nullptr || isOfClass(mount));
     };
     std::optional<std::vector<facts::DiskSpace>> disks =
-        facts::ReadDisks(gathering.asksFor(Need::space), gathering.notice, isWanted);
-    if (!disks) return wmi_status::providerFailure;
+        facts::ReadDisks(gathering.asksFor(Need::space), gathering.notice, isWanted, root);
+    if (!disks) return FailedFile(root + "/proc/self/mountinfo", "Disks", gathering);
     const facts::Mount* bootDisk = facts::DiskHolding("/boot", selection.all);
     for (facts::DiskSpace& disk : *disks) {
         Row row;
@@ -368,8 +370,8 @@ WmiStatus GatherDisksThat(const Gathering& gathering, bool (*isOfClass)(const fa
     return wmi_status::ok;
 }
 
-WmiStatus GatherDisks(const Gathering& gathering) { return GatherDisksThat(gathering, nullptr); }
-WmiStatus GatherMappedDisks(const Gathering& gathering) { return GatherDisksThat(gathering, facts::IsOnNetwork); }
+WmiStatus GatherDisks(const Gathering& gathering) { return GatherDisksThat(gathering, {}, nullptr); }
+WmiStatus GatherMappedDisks(const Gathering& gathering) { return GatherDisksThat(gathering, {}, facts::IsOnNetwork); }
 
 constexpr ClassInfo classes[] = {
     {u"Win32_LogicalDisk", u"CIM_LogicalDisk", logicalDiskProperties, GatherDisks, u"DeviceID"},
@@ -380,5 +382,9 @@ constexpr ClassInfo classes[] = {
 const ClassFamily family([] { return std::span<const ClassInfo>(classes); });
 
 }  // namespace
+
+WmiStatus GatherLogicalDisks(const Gathering& gathering, const std::string& root) {
+    return GatherDisksThat(gathering, root, nullptr);
+}
 
 }  // namespace kv::wql

@@ -2,6 +2,7 @@
 // kernel does not keep the most that has been in use.
 #include "facts/swaps.h"
 #include "wql/class_tree.h"
+#include "wql/classes/failures.h"
 #include "wql/classes/storage_sources.h"
 
 namespace kv::wql {
@@ -67,7 +68,7 @@ const ClassFamily family([] { return std::span<const ClassInfo>(classes); });
 
 WmiStatus GatherPageFiles(const Gathering& gathering, const std::string& root) {
     const std::optional<std::vector<facts::Swap>> swaps = facts::ReadSwaps(root);
-    if (!swaps) return wmi_status::providerFailure;
+    if (!swaps) return FailedFile(root + "/proc/swaps", "Page files", gathering);
     for (const facts::Swap& swap : *swaps) {
         if (!gathering.row(&swap)) break;
     }
@@ -76,7 +77,7 @@ WmiStatus GatherPageFiles(const Gathering& gathering, const std::string& root) {
 
 WmiStatus GatherPageFileSettings(const Gathering& gathering, const std::string& root) {
     const std::optional<std::vector<facts::FstabEntry>> entries = facts::ReadFstab(root);
-    if (!entries) return wmi_status::providerFailure;
+    if (!entries) return FailedFile(root + "/etc/fstab", "Page files", gathering);
     for (const facts::FstabEntry& entry : *entries) {
         if (entry.fileSystem != "swap") continue;
         Setting setting;

@@ -12,6 +12,7 @@ WmiStatus GatherCdDrives(const Gathering& gathering, const std::string& root);
 WmiStatus GatherDiskDrives(const Gathering& gathering, const std::string& root);
 WmiStatus GatherDiskPartitions(const Gathering& gathering, const std::string& root);
 WmiStatus GatherDrivesToPartitions(const Gathering& gathering, const std::string& root);
+WmiStatus GatherLogicalDisks(const Gathering& gathering, const std::string& root);  // also Win32_Volume
 WmiStatus GatherLogicalDisksToPartitions(const Gathering& gathering, const std::string& root);
 WmiStatus GatherPageFiles(const Gathering& gathering, const std::string& root);
 WmiStatus GatherPageFileSettings(const Gathering& gathering, const std::string& root);

@@ -10,6 +10,7 @@
 #include "tests/support/wmi_query.h"
 #include "wql/class_tree.h"
 #include "wql/query.h"
+#include "wql/system_properties.h"
 
 namespace kv::test {
 
@@ -26,15 +27,18 @@ struct Gathered {
     std::vector<std::string> notices;
 };
 
-/// The objects that a routine gathers in place of a class's own. names: of properties, with blanks between them. where:
-/// "WHERE ..." of a query, or nothing.
+/// The objects that a routine gathers in place of a class's own. names: of properties, or __PATH and __RELPATH, with
+/// blanks between them. where: "WHERE ..." of a query, or nothing.
 inline Gathered GatherTexts(std::u16string_view className, std::string_view names, wql::GatherRoutine gather,
                             std::string_view where = {}) {
     wql::ClassInfo classInfo = *wql::FindClass(className);
     classInfo.gather = gather;
     wql::ClassQuery query{.classInfo = &classInfo, .properties = {}, .where = std::nullopt};
+    std::vector<std::shared_ptr<const wql::PropertyInfo>> paths;
     for (std::string_view name = facts::TakeField(names); !name.empty(); name = facts::TakeField(names)) {
-        const wql::PropertyInfo* property = wql::FindProperty(classInfo, platform::WideFromUtf8(name));
+        const std::u16string wide = platform::WideFromUtf8(name);
+        paths.push_back(wql::PathProperty(classInfo, wide));
+        const wql::PropertyInfo* property = paths.back() ? paths.back().get() : wql::FindProperty(classInfo, wide);
         EXPECT_NE(property, nullptr) << name;
         if (property != nullptr) query.properties.push_back(property);
     }
