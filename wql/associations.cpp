@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "wql/class_tree.h"
+#include "wql/object_query.h"
 #include "wql/system_properties.h"
 
 namespace kv::wql {
@@ -26,25 +27,21 @@ bool IsWantedClass(std::u16string_view wanted, const ClassInfo& classInfo) {
     return wanted.empty() || IsA(classInfo, wanted);
 }
 
-/// An object that exists.
+/// An object that exists, by its own class and its keys.
 struct FoundObject {
     const ClassInfo* classInfo = nullptr;
-    std::vector<PathKey> keys;
+    ObjectName name;
 };
 
-/// Whether a key of a path is one of the object's, with the same value.
-bool HasKey(const FoundObject& object, const PathKey& key) {
-    return std::ranges::any_of(object.keys, [&](const PathKey& own) {
-        const PropertyInfo* property = FindProperty(*object.classInfo, own.name);
-        const bool isSame = key.name.empty() || CompareNames(own.name, key.name) == 0;
-        return isSame && CompareValues(own.value, BroughtTo(property->type, key.value)) == 0;
-    });
+ObjectName NameOf(const ClassInfo& classInfo, const void* row) {
+    return {std::u16string(classInfo.name), KeysOf(classInfo, row)};
 }
 
 /// Whether a path names the object. A path may name it by a superclass.
-bool Names(const std::optional<ObjectName>& path, const FoundObject& object) {
-    return path && IsA(*object.classInfo, path->className) && path->keys.size() == object.keys.size() &&
-           std::ranges::all_of(path->keys, [&object](const PathKey& key) { return HasKey(object, key); });
+bool Names(std::optional<ObjectName> path, const FoundObject& object) {
+    if (!path || !IsA(*object.classInfo, path->className)) return false;
+    path->className = object.name.className;
+    return AreSame(*path, object.name);
 }
 
 /// A reference of one association.
@@ -68,8 +65,8 @@ struct Search {
     const AssociationQuery& query;
     const ResultSink& sink;
     FoundObject source;
-    std::set<std::u16string> given;   // paths of the results so far; names of classes if those are wanted
-    std::vector<std::u16string> due;  // paths of objects to give
+    std::set<std::u16string> given;  // names of classes, or paths of objects, that need not be given again
+    BoundQuery results;              // the objects at the other ends
 };
 
 /// A class as an object without values.
@@ -81,62 +78,83 @@ ResultObject DefinitionOf(const ClassInfo& classInfo) {
     return definition;
 }
 
-void GiveClass(Search& search, const ClassInfo& classInfo) {
+/// Gives an object, or its class if classes are wanted.
+void Give(Search& search, const ClassQuery& part, const void* row) {
+    const ClassInfo& classInfo = *part.classInfo;
+    if (!search.query.wantsClasses) return search.sink.object(ObjectOf(part, row));
     if (search.given.insert(std::u16string(classInfo.name)).second) search.sink.object(DefinitionOf(classInfo));
 }
 
-void TakeAssociation(Search& search, const ClassQuery& association, const void* row) {
-    if (search.query.wantsClasses) return GiveClass(search, *association.classInfo);
-    const std::u16string path = RelativePath(association.classInfo->name, KeysOf(*association.classInfo, row));
-    if (search.given.insert(path).second) search.sink.object(ObjectOf(association, row));
+/// Adds an object of one class to those that a query asks for.
+void Add(ClassQuery part, BoundQuery& query) {
+    const auto present = std::ranges::find(query.parts, part.classInfo, &ClassQuery::classInfo);
+    if (present == query.parts.end()) {
+        if (part.where) {
+            BoundCondition where{.form = BoundCondition::Form::disjunction, .comparison = {}, .operands = {}};
+            where.operands.push_back(*std::move(part.where));
+            part.where = std::move(where);
+        }
+        query.parts.push_back(std::move(part));
+    } else if (part.where && present->where) {
+        present->where->operands.push_back(*std::move(part.where));
+    }
 }
 
-void TakeOtherEnds(Search& search, const std::vector<End>& ends, const End& own) {
-    for (const End& end : ends) {
-        if (end.property == own.property || !IsWanted(search.query.resultRole, end.property->name)) continue;
-        if (search.given.insert(end.path).second) search.due.push_back(end.path);
+/// Adds the object that a path names, if it is of a class that is wanted.
+void AddResult(Search& search, const std::u16string& path) {
+    if (!search.given.insert(path).second) return;
+    const std::optional<ObjectName> object = ParseObjectPath(path);
+    BoundQuery bound;
+    if (!object || IsFailure(BindObject(*object, AllProperties, bound))) return;
+    for (ClassQuery& part : bound.parts) {
+        if (IsWantedClass(search.query.resultClass, *part.classInfo)) Add(std::move(part), search.results);
     }
 }
 
 void TakeRow(Search& search, const ClassQuery& association, const void* row) {
     const std::vector<End> ends = EndsOf(association, row);
-    for (const End& end : ends) {
-        if (!IsWanted(search.query.role, end.property->name)) continue;
-        if (!Names(ParseObjectPath(end.path), search.source)) continue;
-        if (search.query.wantsReferences) {
-            TakeAssociation(search, association, row);
-        } else {
-            TakeOtherEnds(search, ends, end);
+    for (const End& own : ends) {
+        if (!IsWanted(search.query.role, own.property->name)) continue;
+        if (!Names(ParseObjectPath(own.path), search.source)) continue;
+        if (search.query.wantsReferences) return Give(search, association, row);
+        for (const End& other : ends) {
+            const bool isOther = other.property != own.property;
+            if (isOther && IsWanted(search.query.resultRole, other.property->name)) AddResult(search, other.path);
         }
     }
 }
 
-WmiStatus ReadAssociations(Search& search, const ClassInfo& association) {
-    return GatherRows(BindWholeClass(association), search.sink,
-                      [&search](const ClassQuery& query, const void* row) { TakeRow(search, query, row); });
+/// The objects of all associations that the query wants to know of.
+BoundQuery AssociationsOf(const AssociationQuery& query) {
+    const std::u16string& wanted = query.wantsReferences ? query.resultClass : query.associationClass;
+    BoundQuery bound{.parts = {}, .named = FindClass(wanted)};
+    for (const ClassInfo* association : AllClasses()) {
+        if (!IsAssociation(*association) || !IsWantedClass(wanted, *association)) continue;
+        bound.parts.push_back({association, AllProperties(*association), std::nullopt});
+    }
+    return bound;
 }
 
-/// Gives the object that a path names, if it is of a class that is wanted. One that has gone meanwhile is left out.
-WmiStatus GiveObject(Search& search, const std::u16string& path) {
-    const std::optional<ObjectName> object = ParseObjectPath(path);
-    BoundQuery bound;
-    if (!object || IsFailure(BindObject(*object, bound))) return wmi_status::ok;
-    return GatherRows(bound, search.sink, [&search](const ClassQuery& query, const void* row) {
-        if (!IsWantedClass(search.query.resultClass, *query.classInfo)) return;
-        if (search.query.wantsClasses) {
-            GiveClass(search, *query.classInfo);
-        } else {
-            search.sink.object(ObjectOf(query, row));
-        }
+/// Whether two names of the same object have their keys' texts in the same letters.
+bool IsWrittenAs(const ObjectName& query, const ObjectName& object) {
+    return std::ranges::all_of(query.keys, [&object](const PathKey& key) {
+        return std::ranges::any_of(object.keys, [&key](const PathKey& own) {
+            const auto* text = std::get_if<std::u16string>(&own.value.held);
+            const auto* wanted = std::get_if<std::u16string>(&key.value.held);
+            return text != nullptr && wanted != nullptr && *text == *wanted;
+        });
     });
 }
 
+/// Finds the object that the query starts from. If several differ only in the case of letters, it is the one that is
+/// written as in the query.
 WmiStatus FindSource(const AssociationQuery& query, const ResultSink& sink, FoundObject& found) {
     BoundQuery bound;
-    WmiStatus status = BindObject(query.object, bound);
+    WmiStatus status = BindObject(query.object, KeyProperties, bound);
     if (IsFailure(status)) return status;
-    status = GatherRows(bound, sink, [&found](const ClassQuery& part, const void* row) {
-        found = {part.classInfo, KeysOf(*part.classInfo, row)};
+    status = GatherRows(bound, sink, [&](const ClassQuery& part, const void* row) {
+        ObjectName name = NameOf(*part.classInfo, row);
+        if (found.classInfo == nullptr || IsWrittenAs(query.object, name)) found = {part.classInfo, std::move(name)};
     });
     if (IsFailure(status)) return status;
     return found.classInfo != nullptr ? wmi_status::ok : wmi_status::notFound;
@@ -149,23 +167,19 @@ bool IsClassOrEmpty(std::u16string_view name) { return name.empty() || FindClass
 WmiStatus CheckAssociations(const AssociationQuery& query) {
     if (!IsClassOrEmpty(query.associationClass) || !IsClassOrEmpty(query.resultClass)) return wmi_status::invalidClass;
     BoundQuery bound;
-    return BindObject(query.object, bound);
+    return BindObject(query.object, KeyProperties, bound);
 }
 
 WmiStatus RunAssociations(const AssociationQuery& query, const ResultSink& sink) {
     Search search{query, sink, {}, {}, {}};
     WmiStatus status = FindSource(query, sink, search.source);
-    const std::u16string& wantedClass = query.wantsReferences ? query.resultClass : query.associationClass;
-    for (const ClassInfo* association : AllClasses()) {
-        if (IsFailure(status) || !sink.wantsMore()) return status;
-        if (!IsAssociation(*association) || !IsWantedClass(wantedClass, *association)) continue;
-        status = ReadAssociations(search, *association);
-    }
-    for (const std::u16string& path : search.due) {
-        if (IsFailure(status) || !sink.wantsMore()) return status;
-        status = GiveObject(search, path);
-    }
-    return status;
+    if (IsFailure(status)) return status;
+    status = GatherRows(AssociationsOf(query), sink, [&search](const ClassQuery& association, const void* row) {
+        TakeRow(search, association, row);
+    });
+    const WmiStatus ofResults = GatherRows(
+        search.results, sink, [&search](const ClassQuery& part, const void* row) { Give(search, part, row); });
+    return IsFailure(status) ? status : ofResults;
 }
 
 }  // namespace kv::wql

@@ -66,6 +66,14 @@ std::vector<const PropertyInfo*> KeyProperties(const ClassInfo& classInfo) {
     return keys;
 }
 
+std::vector<const ClassInfo*> ClassesOf(const ClassInfo& classInfo) {
+    std::vector<const ClassInfo*> classes;
+    for (const ClassInfo* candidate : AllClasses()) {
+        if (candidate->gather != nullptr && IsA(*candidate, classInfo.name)) classes.push_back(candidate);
+    }
+    return classes;
+}
+
 bool IsA(const ClassInfo& classInfo, std::u16string_view name) {
     const ClassInfo* at = &classInfo;
     while (at != nullptr && CompareNames(at->name, name) != 0) {

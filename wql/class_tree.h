@@ -39,6 +39,9 @@ const PropertyInfo* FindProperty(const ClassInfo& classInfo, std::u16string_view
 /// The properties that tell a class's objects apart; empty for an abstract class, and for one with a single object.
 std::vector<const PropertyInfo*> KeyProperties(const ClassInfo& classInfo);
 
+/// The classes that have objects among a class and its subclasses, in the order of names.
+std::vector<const ClassInfo*> ClassesOf(const ClassInfo& classInfo);
+
 /// Whether a class is the named one or inherits from it.
 bool IsA(const ClassInfo& classInfo, std::u16string_view name);
 

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "wql/class_tree.h"
+#include "wql/object_path.h"
 #include "wql/system_properties.h"
 #include "wql/wql_token.h"
 
@@ -29,12 +30,20 @@ bool Holds(ComparisonOperator compare, std::partial_ordering order) {
     }
 }
 
-/// A text's order, as what the text means in a property of its type.
+bool NameTheSame(std::u16string_view left, std::u16string_view right) {
+    const std::optional<ObjectName> first = ParseObjectPath(left);
+    const std::optional<ObjectName> second = ParseObjectPath(right);
+    return first && second && AreSame(*first, *second);
+}
+
+/// The order of a property's value and what it is compared with. Datetimes compare as moments. References are only the
+/// same or not.
 std::partial_ordering OrderOf(CimType type, const CimValue& value, const CimValue& other) {
     if (type != CimType::datetime && type != CimType::reference) return CompareValues(value, other);
     const std::u16string_view text = std::get<std::u16string>(value.held);
     if (type == CimType::datetime) return CompareValues(MicrosecondsOfDmtf(text), other);
-    return CompareValues(WithoutNamespace(text), WithoutNamespace(std::get<std::u16string>(other.held)));
+    const bool areSame = NameTheSame(text, std::get<std::u16string>(other.held));
+    return areSame ? std::partial_ordering::equivalent : std::partial_ordering::less;
 }
 
 /// The result for a value of the declared type.
@@ -62,6 +71,12 @@ CimValue BoundMoment(const CimValue& value) {
     return text != nullptr ? MicrosecondsOfQueryText(*text) : CimValue();
 }
 
+/// The path of an object.
+CimValue BoundReference(const CimValue& value) {
+    const auto* text = std::get_if<std::u16string>(&value.held);
+    return text != nullptr && ParseObjectPath(*text) ? value : CimValue();
+}
+
 /// TRUE, FALSE, 1 or 0, in quotes or not.
 CimValue BoundTruth(const CimValue& value) {
     CimValue truth = BroughtTo(CimType::boolean, value);
@@ -70,13 +85,13 @@ CimValue BoundTruth(const CimValue& value) {
     return isOther ? CimValue() : truth;
 }
 
-/// Converts a literal other than NULL to a value to compare with; NULL if it does not suit the property.
-CimValue BoundValue(CimType type, const Literal& literal) {
+/// Converts a literal's value to one to compare with; NULL if it does not suit the property.
+CimValue BoundValue(CimType type, const CimValue& value) {
     if (IsArray(type)) return {};
-    const CimValue value = ValueOfLiteral(literal);
     if (type == CimType::datetime) return BoundMoment(value);
     if (type == CimType::boolean) return BoundTruth(value);
-    if (type == CimType::string || type == CimType::reference) return BroughtTo(type, value);
+    if (type == CimType::reference) return BoundReference(value);
+    if (type == CimType::string) return BroughtTo(type, value);
     return BoundNumber(type, value);
 }
 
@@ -88,8 +103,9 @@ WmiStatus BindLiteral(const Comparison& comparison, CimType type, BoundCompariso
     bound.compare = comparison.compare;
     if (std::holds_alternative<NullLiteral>(comparison.literal)) return wmi_status::ok;
     if (comparison.compare == ComparisonOperator::like && type != CimType::string) return wmi_status::invalidQuery;
-    if (type == CimType::boolean && IsOrder(comparison.compare)) return wmi_status::invalidQuery;
-    bound.value = BoundValue(type, comparison.literal);
+    const bool hasOrder = type != CimType::boolean && type != CimType::reference;
+    if (!hasOrder && IsOrder(comparison.compare)) return wmi_status::invalidQuery;
+    bound.value = BoundValue(type, ValueOfLiteral(comparison.literal));
     return bound.value.isNull() ? wmi_status::invalidQuery : wmi_status::ok;
 }
 
@@ -155,7 +171,7 @@ Truth Evaluate(const BoundComparison& comparison, RowReader& reader) {
     return Compare(comparison.property->type, ReadProperty(reader, *comparison.property), comparison);
 }
 
-/// An operand with the decisive truth decides. Without one, an operand that is neither true nor false makes the whole
+/// AND stops at false and OR at true, the decisive truth. Without one, an operand that is neither makes the whole
 /// neither.
 Truth EvaluateOperands(const BoundCondition& condition, bool decisive, RowReader& reader) {
     Truth result = !decisive;
@@ -198,6 +214,13 @@ WmiStatus BindCondition(const Condition& condition, const ClassInfo& classInfo, 
     }
     bound.form = BoundCondition::Form::disjunction;
     return BindOperands(std::get<Disjunction>(condition.form).operands, classInfo, bound);
+}
+
+std::optional<BoundCondition> BindEquality(const PropertyInfo& property, const CimValue& value) {
+    BoundCondition condition;
+    condition.comparison.property = &property;
+    condition.comparison.value = BoundValue(property.type, value);
+    return condition.comparison.value.isNull() ? std::nullopt : std::optional(std::move(condition));
 }
 
 bool Matches(const BoundCondition& condition, const void* row) {

@@ -35,15 +35,17 @@ struct BoundCondition {
 
 /// Binds a condition to a class. invalidQuery if the class lacks a property, or if the property cannot be compared with
 /// the literal:
-/// - A number takes numbers, in quotes or not. A boolean takes TRUE, FALSE, 1 and 0, in quotes or not, and only to be
-///   equal or unequal. Text takes everything; a number is written as text. A datetime takes the texts of
-///   MicrosecondsOfQueryText, a reference takes paths, an array only NULL.
+/// - A number takes numbers, in quotes or not, and TRUE and FALSE as 1 and 0. A boolean takes TRUE, FALSE, 1 and 0, in
+///   quotes or not, and only to be equal or unequal. Text takes everything; a number is written as text. A datetime
+///   takes the texts of MicrosecondsOfQueryText. A reference takes paths, and only to be equal or unequal. An array
+///   takes only NULL.
 /// - LIKE needs text, and ISA needs __THIS.
-/// - Of the system properties, __CLASS, __SUPERCLASS and the like depend only on the class; __PATH and __RELPATH are
-/// the
-///   object's.
+/// - Of the system properties, __PATH and __RELPATH are the object's; the others depend only on its class.
 /// - A property of an embedded object (Name.Other) does not exist here: the result is neither true nor false.
 WmiStatus BindCondition(const Condition& condition, const ClassInfo& classInfo, BoundCondition& bound);
+
+/// The condition that a property has a value; absent if it cannot, by the rules of BindCondition.
+std::optional<BoundCondition> BindEquality(const PropertyInfo& property, const CimValue& value);
 
 /// Whether an object, given as its row record, matches.
 bool Matches(const BoundCondition& condition, const void* row);

@@ -67,19 +67,32 @@ year_month_day DateOf(unsigned years, unsigned months, unsigned days) {
     return {year(static_cast<int>(years)), month(months), day(days)};
 }
 
+/// "-" and the like, then a number of one or two digits.
+std::optional<unsigned> TakePart(std::u16string_view& text, char16_t separator) {
+    return TakeUnit(text, separator) ? TakeNumber(text, 1, 2) : std::nullopt;
+}
+
+/// What follows the year in "2026-01-31".
+std::optional<year_month_day> TakeDateAfter(unsigned year, std::u16string_view& text) {
+    const std::optional<unsigned> month = TakePart(text, u'-');
+    const std::optional<unsigned> day = TakePart(text, u'-');
+    return month && day ? std::optional(DateOf(year, *month, *day)) : std::nullopt;
+}
+
+/// "1/31/2026".
+std::optional<year_month_day> TakeDateByMonth(std::u16string_view& text) {
+    const std::optional<unsigned> month = TakeNumber(text, 1, 2);
+    const std::optional<unsigned> day = TakePart(text, u'/');
+    const std::optional<unsigned> year = TakeUnit(text, u'/') ? TakeNumber(text, 4, 4) : std::nullopt;
+    return month && day && year ? std::optional(DateOf(*year, *month, *day)) : std::nullopt;
+}
+
 std::optional<year_month_day> TakeDate(std::u16string_view& text) {
     if (const std::optional<unsigned> whole = TakeNumber(text, 8, 8)) {
         return DateOf(*whole / 10000, *whole / 100 % 100, *whole % 100);
     }
-    const std::optional<unsigned> leadingYear = TakeNumber(text, 4, 4);
-    const char16_t separator = leadingYear ? u'-' : u'/';
-    const std::optional<unsigned> month = leadingYear && !TakeUnit(text, u'-') ? std::nullopt : TakeNumber(text, 1, 2);
-    if (!month || !TakeUnit(text, separator)) return std::nullopt;
-    const std::optional<unsigned> day = TakeNumber(text, 1, 2);
-    if (!day) return std::nullopt;
-    if (leadingYear) return DateOf(*leadingYear, *month, *day);
-    const std::optional<unsigned> year = TakeUnit(text, u'/') ? TakeNumber(text, 4, 4) : std::nullopt;
-    return year ? std::optional(DateOf(*year, *month, *day)) : std::nullopt;
+    if (const std::optional<unsigned> year = TakeNumber(text, 4, 4)) return TakeDateAfter(*year, text);
+    return TakeDateByMonth(text);
 }
 
 /// The fraction of a second after its point, to the microsecond.

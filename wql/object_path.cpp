@@ -26,7 +26,7 @@ void AppendValue(std::u16string& path, const CimValue& value) {
     } else if (const auto* truth = std::get_if<bool>(&value.held)) {
         path += *truth ? u"TRUE" : u"FALSE";
     } else {
-        path += std::get<std::u16string>(BroughtTo(CimType::string, value.isNull() ? CimValue(0) : value).held);
+        path += value.isNull() ? u"\"\"" : std::get<std::u16string>(BroughtTo(CimType::string, value).held);
     }
 }
 
@@ -61,6 +61,22 @@ bool TakeKeys(std::u16string_view& rest, std::vector<PathKey>& keys) {
         if (!TakeName(rest, key.name) || !TakeSign(rest, u"=") || !TakeValue(rest, key.value)) return false;
     } while (TakeSign(rest, u","));
     return true;
+}
+
+/// A number in quotes is that number where the other is not in quotes.
+std::partial_ordering CompareKeys(const CimValue& left, const CimValue& right) {
+    const auto* leftText = std::get_if<std::u16string>(&left.held);
+    const auto* rightText = std::get_if<std::u16string>(&right.held);
+    if ((leftText != nullptr) == (rightText != nullptr)) return CompareValues(left, right);
+    return CompareValues(leftText != nullptr ? NumberOfText(*leftText) : left,
+                         rightText != nullptr ? NumberOfText(*rightText) : right);
+}
+
+bool HasKey(const ObjectName& object, const PathKey& key) {
+    return std::ranges::any_of(object.keys, [&key](const PathKey& own) {
+        const bool isSame = own.name.empty() || key.name.empty() || CompareNames(own.name, key.name) == 0;
+        return isSame && CompareKeys(own.value, key.value) == 0;
+    });
 }
 
 }  // namespace
@@ -100,6 +116,11 @@ std::optional<ObjectName> ParseObjectPath(std::u16string_view path) {
     }
     const bool isWhole = TakeToken(rest).kind == TokenKind::end;
     return isRead && isWhole ? std::optional(std::move(object)) : std::nullopt;
+}
+
+bool AreSame(const ObjectName& left, const ObjectName& right) {
+    return CompareNames(left.className, right.className) == 0 && left.keys.size() == right.keys.size() &&
+           std::ranges::all_of(left.keys, [&right](const PathKey& key) { return HasKey(right, key); });
 }
 
 }  // namespace kv::wql

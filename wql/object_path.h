@@ -25,7 +25,8 @@ struct ObjectName {
     std::vector<PathKey> keys;  // empty for the only object of a class
 };
 
-/// The name within the namespace: "Win32_Service.Name="cron"". Without keys it is that of a class's only object.
+/// The name within the namespace: "Win32_Service.Name="cron"". Without keys it is that of a class's only object. A key
+/// that is NULL is written as an empty text.
 std::u16string RelativePath(std::u16string_view className, const std::vector<PathKey>& keys);
 
 /// The full name of an object of this computer.
@@ -37,5 +38,9 @@ std::u16string_view WithoutNamespace(std::u16string_view path);
 /// Reads a path, full or relative; absent for a text that does not name an object. Which computer and namespace it
 /// names is not looked at.
 std::optional<ObjectName> ParseObjectPath(std::u16string_view path);
+
+/// Whether two paths name the same object, as far as they tell without their class. Texts compare without regard to
+/// case.
+bool AreSame(const ObjectName& left, const ObjectName& right);
 
 }  // namespace kv::wql

@@ -87,7 +87,7 @@ WmiStatus ExecQuery(WmiHandle services, std::u16string_view text, WmiHandle& enu
     WmiStatus status = PrepareStatement(text, prepared);
     if (IsFailure(status)) return status;
     Enumerator result;
-    status = StartBoundedRun(prepared.className, queryLimit, std::move(prepared.run), result.run);
+    status = StartBoundedRun(prepared.subject, queryLimit, std::move(prepared.run), result.run);
     if (!IsFailure(status)) enumerator = NewWmiHandle(std::move(result));
     return status;
 }

@@ -1,7 +1,9 @@
 #include "wql/query.h"
 
 #include <algorithm>
+#include <exception>
 #include <fmt/format.h>
+#include <new>
 #include <utility>
 
 #include "wql/class_tree.h"
@@ -54,49 +56,19 @@ WmiStatus GatherClass(const ClassQuery& query, const ResultSink& sink, const Row
         if (!query.where || Matches(*query.where, row)) take(query, row);
         return sink.wantsMore();
     };
-    return query.classInfo->gather(gathering);
+    try {
+        return query.classInfo->gather(gathering);
+    } catch (const std::bad_alloc&) {
+        throw;
+    } catch (const std::exception& failure) {
+        sink.notice(failure.what());
+        return wmi_status::failed;
+    }
 }
 
 std::string LossNotice(const ClassQuery& query, WmiStatus status) {
     return fmt::format("Objects of {} are missing: status {:08x}", platform::Utf8FromWide(query.classInfo->name),
                        status);
-}
-
-/// The condition that a key has its value in a path.
-std::optional<BoundCondition> KeyCondition(const ClassInfo& classInfo, const PathKey& key) {
-    const std::vector<const PropertyInfo*> keys = KeyProperties(classInfo);
-    BoundCondition condition;
-    if (!key.name.empty()) {
-        condition.comparison.property = FindProperty(classInfo, key.name);
-    } else if (keys.size() == 1) {
-        condition.comparison.property = keys.front();
-    }
-    if (condition.comparison.property == nullptr) return std::nullopt;
-    condition.comparison.value = BroughtTo(condition.comparison.property->type, key.value);
-    return condition;
-}
-
-WmiStatus BindObjectOf(const ClassInfo& classInfo, const ObjectName& object, ClassQuery& query) {
-    query.classInfo = &classInfo;
-    for (const PropertyInfo& property : classInfo.properties) query.properties.push_back(&property);
-    if (object.keys.empty()) return wmi_status::ok;
-    query.where.emplace().form = BoundCondition::Form::conjunction;
-    for (const PathKey& key : object.keys) {
-        std::optional<BoundCondition> condition = KeyCondition(classInfo, key);
-        if (!condition) return wmi_status::invalidObjectPath;
-        query.where->operands.push_back(*std::move(condition));
-    }
-    return wmi_status::ok;
-}
-
-/// Calls a routine for each class that has objects and is the named one or inherits from it, until one fails.
-WmiStatus ForEachClass(const ClassInfo& named, const std::function<WmiStatus(const ClassInfo&)>& use) {
-    for (const ClassInfo* candidate : AllClasses()) {
-        if (candidate->gather == nullptr || !IsA(*candidate, named.name)) continue;
-        const WmiStatus status = use(*candidate);
-        if (IsFailure(status)) return status;
-    }
-    return wmi_status::ok;
 }
 
 }  // namespace
@@ -121,29 +93,15 @@ WmiStatus BindQuery(const WqlQuery& query, BoundQuery& bound) {
     if (named == nullptr) return wmi_status::invalidClass;
     bound.named = named;
     ClassQuery asNamed;
-    const WmiStatus status = BindClass(query, *named, asNamed);
+    WmiStatus status = BindClass(query, *named, asNamed);
     if (IsFailure(status)) return status;
-    return ForEachClass(*named, [&](const ClassInfo& classInfo) {
+    for (const ClassInfo* classInfo : ClassesOf(*named)) {
         ClassQuery part;
-        const WmiStatus result = BindClass(query, classInfo, part);
-        if (!IsFailure(result) && (!part.where || CanMatch(*part.where))) bound.parts.push_back(std::move(part));
-        return result;
-    });
-}
-
-BoundQuery BindWholeClass(const ClassInfo& classInfo) {
-    BoundQuery bound{.parts = {}, .named = &classInfo};
-    ForEachClass(classInfo, [&](const ClassInfo& one) { return BindObjectOf(one, {}, bound.parts.emplace_back()); });
-    return bound;
-}
-
-WmiStatus BindObject(const ObjectName& object, BoundQuery& bound) {
-    const ClassInfo* named = FindClass(object.className);
-    if (named == nullptr) return wmi_status::invalidClass;
-    bound.named = named;
-    return ForEachClass(*named, [&](const ClassInfo& classInfo) {
-        return BindObjectOf(classInfo, object, bound.parts.emplace_back());
-    });
+        status = BindClass(query, *classInfo, part);
+        if (IsFailure(status)) return status;
+        if (!part.where || CanMatch(*part.where)) bound.parts.push_back(std::move(part));
+    }
+    return wmi_status::ok;
 }
 
 ResultObject ObjectOf(const ClassQuery& query, const void* row) {

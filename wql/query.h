@@ -46,13 +46,6 @@ struct ResultSink {
 /// the like), but the results do not have them.
 WmiStatus BindQuery(const WqlQuery& query, BoundQuery& bound);
 
-/// Binds a query for the objects that a path names, with all their properties. invalidClass if there is no such class,
-/// invalidObjectPath if it lacks a key.
-WmiStatus BindObject(const ObjectName& object, BoundQuery& bound);
-
-/// Binds a query for all objects of a class, or of its subclasses, with all their properties.
-BoundQuery BindWholeClass(const ClassInfo& classInfo);
-
 /// Takes an object as its class's row record, which is valid until this returns.
 using RowSink = std::function<void(const ClassQuery& query, const void* row)>;
 

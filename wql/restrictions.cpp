@@ -17,11 +17,17 @@ Restriction* FindRestriction(Restrictions& restrictions, std::u16string_view pro
     return found == restrictions.end() ? nullptr : &*found;
 }
 
+/// Numbers by what they are worth, texts by their letters: a class may tell upper case from lower.
+bool StandsBefore(const CimValue& left, const CimValue& right) {
+    const auto* leftText = std::get_if<std::u16string>(&left.held);
+    const auto* rightText = std::get_if<std::u16string>(&right.held);
+    return leftText != nullptr && rightText != nullptr ? *leftText < *rightText : CompareValues(left, right) < 0;
+}
+
 void DropRepeated(std::vector<CimValue>& values) {
-    std::sort(values.begin(), values.end(),
-              [](const CimValue& left, const CimValue& right) { return CompareValues(left, right) < 0; });
+    std::sort(values.begin(), values.end(), StandsBefore);
     const auto repeated = std::unique(values.begin(), values.end(), [](const CimValue& left, const CimValue& right) {
-        return CompareValues(left, right) == 0;
+        return !StandsBefore(left, right) && !StandsBefore(right, left);
     });
     values.erase(repeated, values.end());
 }

@@ -19,13 +19,13 @@ std::u16string DeclaredName(std::u16string_view name) {
 WmiStatus Prepare(const WqlQuery& query, PreparedStatement& prepared) {
     auto bound = std::make_shared<BoundQuery>();
     const WmiStatus status = BindQuery(query, *bound);
-    prepared.className = DeclaredName(query.className);
+    prepared.subject = DeclaredName(query.className);
     prepared.run = [bound](const ResultSink& sink) { return RunQuery(*bound, sink); };
     return status;
 }
 
 WmiStatus Prepare(const AssociationQuery& query, PreparedStatement& prepared) {
-    prepared.className = DeclaredName(query.object.className);
+    prepared.subject = u"what is associated with " + DeclaredName(query.object.className);
     prepared.run = [query](const ResultSink& sink) { return RunAssociations(query, sink); };
     return CheckAssociations(query);
 }

@@ -9,7 +9,7 @@
 namespace kv::wql {
 
 struct PreparedStatement {
-    std::u16string className;  // that the statement names, as it is declared
+    std::u16string subject;  // what it asks for, for names of runs and log lines; the class's name for a data query
     std::function<WmiStatus(const ResultSink& sink)> run;
 };
 

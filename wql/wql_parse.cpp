@@ -239,30 +239,31 @@ std::optional<std::u16string_view> TextInBraces(std::u16string_view text) {
 bool ParsePath(Parser& parser, ObjectName& object) {
     if (!IsNext(parser, TokenKind::sign, u"{")) return false;
     const std::optional<std::u16string_view> path = TextInBraces(parser.rest);
-    if (!path) return false;
-    parser.rest.remove_prefix(path->size() + 1);
-    Advance(parser);
-    std::optional<ObjectName> named = ParseObjectPath(*path);
+    std::optional<ObjectName> named = path ? ParseObjectPath(*path) : std::nullopt;
     if (!named) {
         parser.failure = wmi_status::invalidObjectPath;
         return false;
     }
     object = *std::move(named);
+    parser.rest.remove_prefix(path->size() + 1);
+    Advance(parser);
     return true;
 }
 
-bool ParseAssigned(Parser& parser, std::u16string& name) { return AcceptSign(parser, u"=") && ParseName(parser, name); }
+/// The name after a word. Each word may stand once.
+bool ParseAssigned(Parser& parser, std::u16string& name) {
+    return name.empty() && AcceptSign(parser, u"=") && ParseName(parser, name);
+}
 
 /// One word of an association's WHERE, with what follows it.
 bool ParseRestriction(Parser& parser, AssociationQuery& query) {
     for (const std::u16string_view unanswered :
          {u"KeysOnly", u"RequiredAssocQualifier", u"RequiredQualifier", u"SchemaOnly"}) {
-        if (IsNext(parser, TokenKind::word, unanswered)) parser.failure = wmi_status::notSupported;
+        if (!IsNext(parser, TokenKind::word, unanswered)) continue;
+        parser.failure = wmi_status::notSupported;
+        return false;
     }
-    if (AcceptWord(parser, u"ClassDefsOnly")) {
-        query.wantsClasses = true;
-        return true;
-    }
+    if (AcceptWord(parser, u"ClassDefsOnly")) return !std::exchange(query.wantsClasses, true);
     if (AcceptWord(parser, u"ResultClass")) return ParseAssigned(parser, query.resultClass);
     if (AcceptWord(parser, u"Role")) return ParseAssigned(parser, query.role);
     if (query.wantsReferences) return false;

@@ -1,7 +1,7 @@
 // A WQL statement as it is written, and its parser.
 //
 //     statement  = query | associators | references
-//     query      = SELECT ( "*" | property { "," property } ) FROM class [ WHERE condition ]
+//     query      = SELECT ( "*" | name { "," name } ) FROM class [ WHERE condition ]
 //     associators = ASSOCIATORS OF "{" path "}" [ WHERE { AssocClass "=" class | ResultClass "=" class
 //                  | Role "=" property | ResultRole "=" property | ClassDefsOnly } ]
 //     references = REFERENCES OF "{" path "}" [ WHERE { ResultClass "=" class | Role "=" property | ClassDefsOnly } ]
@@ -14,10 +14,11 @@
 //     operator   = "=" | "<>" | "!=" | "<" | ">" | "<=" | ">="
 //     literal    = string | number | TRUE | FALSE | NULL
 //
-// Keywords and names are read without regard to case. The keywords above cannot be names. A name begins with a letter
-// or an underscore, and digits may follow; all characters beyond ASCII count as letters. A string stands in single or
-// double quotes; a backslash in it escapes a quote or a backslash, and nothing else may follow one. Numbers are those
-// of NumberOfText (cim_value.h). NULL can only be compared by =, <> and !=. A zero character is an error anywhere.
+// Keywords and names are read without regard to case. SELECT, FROM, WHERE and the words of a condition cannot be names.
+// A name begins with a letter or an underscore, and digits may follow; all characters beyond ASCII count as letters. A
+// string stands in single or double quotes; a backslash in it escapes a quote or a backslash, and nothing else may
+// follow one. Numbers are those of NumberOfText (cim_value.h). NULL can only be compared by =, <> and !=. Each word of
+// an association's WHERE may stand once. A zero character is an error anywhere.
 #pragma once
 
 #include <cstdint>
@@ -89,7 +90,8 @@ inline constexpr std::size_t maxQueryLength = 65536;
 inline constexpr int maxQueryDepth = 200;
 
 /// ok; invalidQuery for any other text; invalidObjectPath for a path in braces that does not name an object;
-/// notSupported for what this language has and is not answered: SchemaOnly, and qualifiers in WHERE of associations;
+/// notSupported for what this language has and is not answered: KeysOnly, SchemaOnly, and qualifiers in WHERE of
+/// associations;
 /// quotaViolation beyond the bounds. The statement is complete only if the result is ok.
 WmiStatus ParseWql(std::u16string_view text, WqlStatement& statement);
 

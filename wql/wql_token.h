@@ -11,7 +11,7 @@ namespace kv::wql {
 enum class TokenKind {
     end,
     word,        // a keyword or a name
-    sign,        // an operator, a bracket, a comma, a point, an asterisk or an at sign
+    sign,        // an operator, a bracket, a comma, a dot, an asterisk or an at sign
     string,      // the literal is its text, without quotes and escapes
     number,      // the literal is a whole or a real number
     unreadable,  // not a token of the language

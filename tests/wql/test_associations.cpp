@@ -1,6 +1,7 @@
 // ASSOCIATORS OF and REFERENCES OF, over classes made up for it: a box holds books, and a shelf holds boxes.
 #include <fmt/format.h>
 #include <gtest/gtest.h>
+#include <stdexcept>
 
 #include "tests/support/wmi_query.h"
 #include "wql/class_tree.h"
@@ -64,6 +65,9 @@ const ClassInfo classes[] = {
     {u"KV_Box", u"", thingProperties, [](const Gathering& gathering) { return Give(gathering, boxes); }, u"Number"},
     {u"KV_Shelf", u"", thingProperties, [](const Gathering& gathering) { return Give(gathering, shelves); }, u"Number"},
     {u"KV_InBox", u"", bookPairs, [](const Gathering& gathering) { return Give(gathering, inBoxes); }, u"Box,Item"},
+    {u"KV_Hidden", u"", bookPairs, [](const Gathering&) { return wmi_status::accessDenied; }, u"Box,Item"},
+    {u"KV_Broken", u"", bookPairs, [](const Gathering&) -> WmiStatus { throw std::runtime_error("broken"); },
+     u"Box,Item"},
     {u"KV_OnShelf", u"", shelfPairs, [](const Gathering& gathering) { return Give(gathering, onShelves); },
      u"Box,Shelf"},
 };
@@ -100,10 +104,20 @@ TEST_F(WmiAssociations, LeadToTheOtherEnds) {
          R"(KV_Box.Number=2|KV_Thing.Name="gone"|NULL|; kv_box.number="0x2"|KV_Shelf.Number=7|; )"},
         {"REFERENCES OF {KV_Book='second'} WHERE ResultClass=KV_InBox ClassDefsOnly", "NULL|NULL|NULL|; "},
         {"REFERENCES OF {KV_Shelf=7} WHERE Role=Box", ""},
+        {"ASSOCIATORS OF {KV_Box=1} WHERE AssocClass=KV_Hidden", "80041003"},
+        {"ASSOCIATORS OF {KV_Box=1} WHERE AssocClass=KV_Broken", "80041001"},
         {"ASSOCIATORS OF {KV_Book=''}", "80041002"},
-        {"ASSOCIATORS OF {KV_Book.Name='second',Number=1}", "80041002"},
+        {"ASSOCIATORS OF {KV_Book.Name='second',Number=1}", "8004103a"},
+        {"ASSOCIATORS OF {KV_Box=@}", "8004103a"},
+        {"ASSOCIATORS OF {KV_Box.Name='red'}", "8004103a"},
+        {"ASSOCIATORS OF {KV_Box.Number='x'}", "8004103a"},
+        {"ASSOCIATORS OF {KV_Box=4294967297}", "80041002"},
+        {"ASSOCIATORS OF {KV_InBox.Box='KV_Box=2',Box='KV_Box=2'}", "8004103a"},
         {"ASSOCIATORS OF {KV_Book.Title='second'}", "8004103a"},
         {"REFERENCES OF {KV_InBox=1}", "8004103a"},
+        {"SELECT * FROM KV_InBox WHERE Box > 'KV_Box=2'", "80041017"},
+        {"SELECT * FROM KV_InBox WHERE Box = 2", "80041017"},
+        {"SELECT * FROM KV_InBox WHERE Box <> 'KV_Box=1'", R"(KV_Box.Number=2|KV_Thing.Name="gone"|NULL|; )"},
         {"SELECT * FROM KV_InBox WHERE Item = 'KV_Thing.Name=\"Second\"'",
          R"(KV_Box.Number=1|KV_Thing.Name="second"|NULL|; )"},
     };

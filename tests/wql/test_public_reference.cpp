@@ -8,6 +8,7 @@
 #include <set>
 #include <sstream>
 
+#include "tests/support/linux/fake_systemd.h"
 #include "tests/support/wmi_query.h"
 #include "wql/class_tree.h"
 
@@ -132,6 +133,13 @@ std::string OutcomeOf(const WmiResult& result) {
 TEST_F(PublicReference, PublishedQueriesAreAnswered) {
     const std::vector<std::vector<std::string>> lines = ReadTable("published_queries.txt");
     ASSERT_GT(lines.size(), 90U);
+    const FakeSystemd manager(
+        {{.id = "database.service",
+          .active = "failed",
+          .file = "/lib/systemd/system/database.service",
+          .fileState = "enabled",
+          .properties = {{"ExecMainCode", "1"}, {"ExecMainStatus", "3"}, {"Result", "exit-code"}}},
+         {.id = "web.service", .active = "active", .fileState = "enabled", .properties = {{"MainPID", "1"}}}});
     for (const std::vector<std::string>& line : lines) {
         ASSERT_EQ(line.size(), 3U) << line.front();
         const std::string outcome = OutcomeOf(RunWmiQuery(line[2]));

@@ -144,6 +144,8 @@ TEST(Wql, QueriesAreParsedOrRefused) {
         {"a class", "ASSOCIATORS OF {C} WHERE SchemaOnly", "bad path"},
         {"qualifiers", "ASSOCIATORS OF {C=@} WHERE RequiredQualifier=x", "not supported"},
         {"what only associators have", "REFERENCES OF {C=@} WHERE AssocClass=x", "invalid"},
+        {"a word twice", "ASSOCIATORS OF {C=@} WHERE Role=x Role=x", "invalid"},
+        {"a quote that is never closed", "ASSOCIATORS OF {C.A=\"/}", "bad path"},
         {"too long", "SELECT * FROM C" + std::string(maxQueryLength, ' '), "too much"},
         {"as deep as the limit",
          "SELECT * FROM C WHERE " + std::string(200, '(') + "a=1" + std::string(200, ')') + "OR NOT(a=1)", "/C/where"},
@@ -242,7 +244,7 @@ TEST(Wql, RestrictionsHoldTheValuesThatCanMatch) {
     const std::pair<std::string, const char*> cases[] = {
         {"U4=0x10 AND S='b' AND I1>3", "U4:16,S:b,"},
         {"(U4=7 OR U4='5' OR 7.0=U4)", "U4:5,7,"},
-        {"S='b' OR S='B'", "S:b,"},
+        {"S='b' OR S='B' OR S='b'", "S:B,b,"},
         {"(S='a' OR S='b')AND S='c' AND(S='d' OR S='e')", "S:c,"},
         {"U4=1 AND S='a' OR S='b' AND U4=2 AND B=TRUE", "U4:1,2,S:a,b,"},
         {"U4=1 OR S='a'", ""},
