@@ -131,8 +131,10 @@ class Echo {
 
     /// Takes what has arrived. Reading also takes the error off the socket that poll(2) reports.
     void Receive() {
-        while (isWaiting_ && ReceiveMessage(MSG_ERRQUEUE)) continue;
-        while (isWaiting_ && ReceiveMessage(0)) continue;
+        constexpr int mostMessages = 1024;  // more than a socket holds; others may arrive as fast as they are read
+        for (const int flags : {int{MSG_ERRQUEUE}, 0}) {
+            for (int count = 0; count < mostMessages && isWaiting_ && ReceiveMessage(flags);) ++count;
+        }
     }
 
     /// Takes what arrived in time while this process did not run, and waits no longer.
@@ -150,6 +152,7 @@ class Echo {
         return setsockopt(socket_.get(), level, name, &value, sizeof(value)) == 0;
     }
     bool ReceiveMessage(int flags);
+    bool MayReadOn(int flags, int error);
     void TakeAnswer(std::string_view message, const msghdr& about);
     void TakeRefusal(std::string_view original, const msghdr& about);
     bool IsOurs(const EchoHeader& header) const {
@@ -167,6 +170,7 @@ class Echo {
     bool isWaiting_ = false;
     EchoHeader header_;
     Clock::time_point sent_;
+    int errors_ = 0;  // of reading
     Address from_;
     EchoReply reply_;
 };
@@ -214,6 +218,16 @@ EchoOutcome Echo::Send() {
     return EchoOutcome::timedOut;
 }
 
+/// An error that waits on the socket is taken off by reading it. One that stays, such as a lack of memory, ends the
+/// echo.
+bool Echo::MayReadOn(int flags, int error) {
+    constexpr int mostErrors = 32;  // far more than one echo causes
+    if (error == EINTR) return true;
+    if (error == EAGAIN || flags != 0) return false;
+    if (++errors_ > mostErrors) End(OutcomeOfError(error));
+    return true;
+}
+
 /// False when nothing is left to read.
 bool Echo::ReceiveMessage(int flags) {
     constexpr std::size_t largestHeader = 60;  // of IPv4
@@ -223,7 +237,7 @@ bool Echo::ReceiveMessage(int flags) {
     iovec place{message.data(), message.size()};
     msghdr received{&from.held, sizeof(from.held), &place, 1, about.data(), about.size(), 0};
     const ssize_t got = recvmsg(socket_.get(), &received, flags);
-    if (got < 0) return errno == EINTR || (flags == 0 && errno != EAGAIN);  // an error is taken off by reading it
+    if (got < 0) return MayReadOn(flags, errno);
     from.length = received.msg_namelen;
     std::string_view content = std::string_view(message).substr(0, static_cast<std::size_t>(got));
     if (flags != 0) {

@@ -4,8 +4,8 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstring>
+#include <exception>
 #include <mutex>
-#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -18,6 +18,15 @@ namespace {
 /// Lookups under way in this process: each has a thread.
 constexpr int mostLookups = 256;
 std::atomic<int> lookupsUnderWay{0};
+
+/// EAI_AGAIN if the lookup throws, as when memory runs out: nobody catches what leaves a detached thread.
+NameLookup LookUpSafely(const std::function<NameLookup()>& lookUp) noexcept {
+    try {
+        return lookUp();
+    } catch (const std::exception&) {
+        return {};
+    }
+}
 
 }  // namespace
 
@@ -64,10 +73,11 @@ NameLookupThread::NameLookupThread(std::function<NameLookup()> lookUp) : end_(st
     }
     try {
         std::thread([end = end_, look = std::move(lookUp)]() noexcept {
-            end->Reach(look());
+            NameLookup found = LookUpSafely(look);
             --lookupsUnderWay;
+            end->Reach(std::move(found));
         }).detach();
-    } catch (const std::system_error&) {
+    } catch (const std::exception&) {  // no thread, or no memory for it
         --lookupsUnderWay;
         end_->isReached = true;
     }

@@ -32,7 +32,7 @@ NameLookup LookUpAddress(const std::string& host, int flags);
 std::string NameOf(const SocketAddress& address, int flags);
 
 /// A lookup on a thread of its own, which may outlive whoever waits for it. If too many are under way, or no further
-/// thread can be had, it ends at once with EAI_AGAIN. Any thread may wait.
+/// thread can be had, it ends at once with EAI_AGAIN; so does one that throws. Any thread may wait.
 class NameLookupThread {
   public:
     explicit NameLookupThread(std::function<NameLookup()> lookUp);
