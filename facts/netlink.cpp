@@ -24,40 +24,50 @@ bool SendRequest(int netlink, std::uint16_t type, std::string_view request) {
            send(netlink, message.data(), message.size(), 0) == static_cast<ssize_t>(message.size());
 }
 
-enum class Answer { goesOn, isWhole, isRefused };
-
-/// How a datagram leaves the answer of which it is a part.
-Answer AnswerAfter(std::string_view datagram) {
-    while (datagram.size() >= sizeof(nlmsghdr)) {
-        const auto header = RecordAt<nlmsghdr>(datagram);
-        if (header.nlmsg_len < sizeof(nlmsghdr) || header.nlmsg_type == NLMSG_ERROR) return Answer::isRefused;
-        if (header.nlmsg_type == NLMSG_DONE) {
-            const bool hasFailed = RecordAt<int>(datagram.substr(sizeof(nlmsghdr))) < 0;
-            return hasFailed ? Answer::isRefused : Answer::isWhole;
-        }
-        datagram = Beyond(datagram, header.nlmsg_len);
+/// Asks once.
+NetlinkAnswer AskOverNetlink(int protocol, std::uint16_t type, std::string_view request, const NetlinkTaker& taker) {
+    const platform::Descriptor netlink(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, protocol));
+    if (!netlink || !SendRequest(netlink.get(), type, request)) return NetlinkAnswer::none;
+    constexpr std::size_t largestDatagram = std::size_t{64} * 1024;
+    std::vector<char> datagram(largestDatagram);
+    bool isChanging = false;
+    taker.begin();
+    for (;;) {
+        const ssize_t got = recv(netlink.get(), datagram.data(), datagram.size(), 0);
+        if (got < 0 && errno == EINTR) continue;
+        if (got <= 0) return NetlinkAnswer::none;
+        const std::string_view part(datagram.data(), static_cast<std::size_t>(got));
+        taker.take(part);
+        const NetlinkState state = StateAfter(part);
+        if (state.isRefused) return NetlinkAnswer::none;
+        isChanging = isChanging || state.isChanging;
+        if (state.isOver) return isChanging ? NetlinkAnswer::changing : NetlinkAnswer::whole;
     }
-    return Answer::goesOn;
 }
 
 }  // namespace
 
-std::optional<std::string> DumpOverNetlink(int protocol, std::uint16_t type, std::string_view request) {
-    const platform::Descriptor netlink(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, protocol));
-    if (!netlink || !SendRequest(netlink.get(), type, request)) return std::nullopt;
-    constexpr std::size_t largestDatagram = std::size_t{64} * 1024;
-    std::vector<char> datagram(largestDatagram);
-    std::string messages;
-    for (;;) {
-        const ssize_t got = recv(netlink.get(), datagram.data(), datagram.size(), 0);
-        if (got < 0 && errno == EINTR) continue;
-        if (got <= 0) return std::nullopt;
-        const std::string_view part(datagram.data(), static_cast<std::size_t>(got));
-        messages += part;
-        const Answer answer = AnswerAfter(part);
-        if (answer == Answer::isRefused) return std::nullopt;
-        if (answer == Answer::isWhole) return messages;
+NetlinkAnswer DumpOverNetlink(int protocol, std::uint16_t type, std::string_view request, const NetlinkTaker& taker) {
+    constexpr int mostAttempts = 4;  // what still changes then changes all the time
+    NetlinkAnswer answer = NetlinkAnswer::changing;
+    for (int attempt = 0; attempt < mostAttempts && answer == NetlinkAnswer::changing; ++attempt)
+        answer = AskOverNetlink(protocol, type, request, taker);
+    return answer;
+}
+
+NetlinkState StateAfter(std::string_view messages) {
+    NetlinkState state;
+    while (messages.size() >= sizeof(nlmsghdr) && !state.isOver && !state.isRefused) {
+        const auto header = RecordAt<nlmsghdr>(messages);
+        state.isChanging = state.isChanging || (header.nlmsg_flags & NLM_F_DUMP_INTR) != 0;
+        state.isRefused = header.nlmsg_len < sizeof(nlmsghdr) || header.nlmsg_type == NLMSG_ERROR;
+        if (header.nlmsg_type == NLMSG_DONE) {
+            state.isOver = true;
+            state.isRefused = state.isRefused || RecordAt<int>(messages.substr(sizeof(nlmsghdr))) < 0;
+        }
+        messages = Beyond(messages, header.nlmsg_len);
     }
+    return state;
 }
 
 void ForEachMessage(std::string_view messages, std::uint16_t type,

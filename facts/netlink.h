@@ -11,9 +11,30 @@
 
 namespace kv::facts {
 
-/// The messages of the answer, one after the other. protocol is one such as NETLINK_ROUTE, type one such as
-/// RTM_GETADDR, request the record that follows the header. Absent if the kernel refuses, or is silent for a second.
-std::optional<std::string> DumpOverNetlink(int protocol, std::uint16_t type, std::string_view request);
+/// What became of an answer.
+enum class NetlinkAnswer {
+    whole,
+    changing,  // what was asked for changed meanwhile, each time: something may be missing, or be there twice
+    none,      // the kernel refused, or was silent for a second
+};
+
+/// Takes an answer, which comes in parts so that it need not be held as a whole.
+struct NetlinkTaker {
+    std::function<void()> begin;                          // forget what was taken: the answer begins
+    std::function<void(std::string_view messages)> take;  // whole messages, one after the other
+};
+
+/// Asks for all of something; a few times if it changes while the kernel tells it. protocol is one such as
+/// NETLINK_ROUTE, type one such as RTM_GETADDR, request the record that follows the header.
+NetlinkAnswer DumpOverNetlink(int protocol, std::uint16_t type, std::string_view request, const NetlinkTaker& taker);
+
+/// How a part of an answer leaves it.
+struct NetlinkState {
+    bool isOver = false;
+    bool isRefused = false;
+    bool isChanging = false;  // the kernel says that what it tells has changed since the part before
+};
+NetlinkState StateAfter(std::string_view messages);
 
 /// Hands over the content of each message of a type, up to the first malformed message.
 void ForEachMessage(std::string_view messages, std::uint16_t type,

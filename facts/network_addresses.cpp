@@ -1,5 +1,6 @@
 #include "facts/network_addresses.h"
 
+#include <algorithm>
 #include <array>
 #include <limits>
 #include <linux/rtnetlink.h>
@@ -24,41 +25,70 @@ std::optional<InterfaceAddress> AddressIn(std::string_view content) {
     return address;
 }
 
+void AddAddresses(std::string_view messages, std::vector<InterfaceAddress>& addresses) {
+    ForEachMessage(messages, RTM_NEWADDR, [&](std::string_view content) {
+        if (const std::optional<InterfaceAddress> address = AddressIn(content)) addresses.push_back(*address);
+    });
+}
+
 bool IsZero(std::string_view hexadecimal) { return hexadecimal.find_first_not_of('0') == hexadecimal.npos; }
 
 constexpr std::uint64_t viaGateway = 2;   // RTF_GATEWAY
 constexpr std::uint64_t refused = 0x200;  // RTF_REJECT
 
+bool IsRefused(std::string_view flagsText) { return (HexNumberOf(flagsText).value_or(0) & refused) != 0; }
+
 bool LeadsOut(std::string_view flagsText) {
-    const std::uint64_t flags = HexNumberOf(flagsText).value_or(0);
-    return (flags & viaGateway) != 0 && (flags & refused) == 0;
+    return (HexNumberOf(flagsText).value_or(0) & viaGateway) != 0 && !IsRefused(flagsText);
 }
+
+/// Of a line of /proc/net/route: interface, destination, gateway, flags, two others, metric, mask.
+using RouteFields = std::array<std::string_view, 8>;
+
+RouteFields TakeRouteFields(std::string_view line) {
+    RouteFields fields;
+    for (std::string_view& field : fields) field = TakeField(line);
+    return fields;
+}
+
+bool IsDefault(const RouteFields& fields) { return !fields[7].empty() && IsZero(fields[1]) && IsZero(fields[7]); }
 
 }  // namespace
 
 std::vector<InterfaceAddress> ParseAddressMessages(std::string_view messages) {
     std::vector<InterfaceAddress> addresses;
-    ForEachMessage(messages, RTM_NEWADDR, [&](std::string_view content) {
-        if (const std::optional<InterfaceAddress> address = AddressIn(content)) addresses.push_back(*address);
-    });
+    AddAddresses(messages, addresses);
     return addresses;
 }
 
 std::optional<std::vector<InterfaceAddress>> ReadInterfaceAddresses() {
-    const std::optional<std::string> messages = DumpOverNetlink(NETLINK_ROUTE, RTM_GETADDR, BytesOf(ifaddrmsg{}));
-    if (!messages) return std::nullopt;
-    return ParseAddressMessages(*messages);
+    std::vector<InterfaceAddress> addresses;
+    const NetlinkTaker taker{[&] { addresses.clear(); }, [&](auto messages) { AddAddresses(messages, addresses); }};
+    const NetlinkAnswer answer = DumpOverNetlink(NETLINK_ROUTE, RTM_GETADDR, BytesOf(ifaddrmsg{}), taker);
+    if (answer == NetlinkAnswer::none) return std::nullopt;
+    return addresses;
 }
 
 std::vector<std::string> ParseDefaultRoutes(std::string_view route) {
     std::vector<std::string> interfaces;
     for (std::string_view line; TakeLine(route, line);) {
-        std::array<std::string_view, 8> fields;  // interface, destination, gateway, flags, three others, mask
-        for (std::string_view& field : fields) field = TakeField(line);
-        const bool isDefault = !fields[7].empty() && IsZero(fields[1]) && IsZero(fields[7]);
-        if (isDefault && LeadsOut(fields[3])) interfaces.emplace_back(fields[0]);
+        const RouteFields fields = TakeRouteFields(line);
+        if (IsDefault(fields) && LeadsOut(fields[3])) interfaces.emplace_back(fields[0]);
     }
     return interfaces;
+}
+
+std::map<std::string, std::uint32_t> ParseDefaultMetrics(std::string_view route) {
+    std::map<std::string, std::uint32_t> metrics;
+    for (std::string_view line; TakeLine(route, line);) {
+        const RouteFields fields = TakeRouteFields(line);
+        const std::optional<std::uint64_t> metric = NumberOf(fields[6]);
+        if (!IsDefault(fields) || IsRefused(fields[3]) || !metric || *metric > UINT32_MAX) continue;
+        const auto number = static_cast<std::uint32_t>(*metric);
+        const auto [found, isFirst] = metrics.try_emplace(std::string(fields[0]), number);
+        if (!isFirst) found->second = std::min(found->second, number);
+    }
+    return metrics;
 }
 
 std::vector<std::string> ParseDefaultRoutes6(std::string_view route) {

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -26,6 +27,9 @@ std::optional<std::vector<InterfaceAddress>> ReadInterfaceAddresses();
 /// The interface of each default route through a gateway, from the text of /proc/net/route or /proc/net/ipv6_route.
 std::vector<std::string> ParseDefaultRoutes(std::string_view route);
 std::vector<std::string> ParseDefaultRoutes6(std::string_view route);
+
+/// The lowest metric of the default routes through each interface that has one, from the text of /proc/net/route.
+std::map<std::string, std::uint32_t> ParseDefaultMetrics(std::string_view route);
 
 /// What resolv.conf(5) sets.
 struct ResolverSettings {

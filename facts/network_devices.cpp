@@ -100,8 +100,9 @@ std::optional<std::uint64_t> InterfaceSpeed(const std::string& name) {
     return *megabits * bitsPerMegabit;
 }
 
-QueueLengths ParseQueueLengths(std::string_view messages) {
-    QueueLengths queues;
+namespace {
+
+void AddQueueLengths(std::string_view messages, QueueLengths& queues) {
     ForEachMessage(messages, RTM_NEWQDISC, [&](std::string_view content) {
         const auto queue = RecordAt<tcmsg>(content);
         if (queue.tcm_parent != TC_H_ROOT) return;  // part of another queue, or of what comes in
@@ -109,13 +110,22 @@ QueueLengths ParseQueueLengths(std::string_view messages) {
         const std::string_view length = AttributeIn(statistics, TCA_STATS_QUEUE).value_or("");
         queues[static_cast<std::uint32_t>(queue.tcm_ifindex)] = RecordAt<gnet_stats_queue>(length).qlen;
     });
+}
+
+}  // namespace
+
+QueueLengths ParseQueueLengths(std::string_view messages) {
+    QueueLengths queues;
+    AddQueueLengths(messages, queues);
     return queues;
 }
 
 std::optional<QueueLengths> ReadQueueLengths() {
-    const std::optional<std::string> messages = DumpOverNetlink(NETLINK_ROUTE, RTM_GETQDISC, BytesOf(tcmsg{}));
-    if (!messages) return std::nullopt;
-    return ParseQueueLengths(*messages);
+    QueueLengths queues;
+    const NetlinkTaker taker{[&] { queues.clear(); }, [&](auto messages) { AddQueueLengths(messages, queues); }};
+    const NetlinkAnswer answer = DumpOverNetlink(NETLINK_ROUTE, RTM_GETQDISC, BytesOf(tcmsg{}), taker);
+    if (answer == NetlinkAnswer::none) return std::nullopt;
+    return queues;
 }
 
 std::uint32_t QueueLengthOf(const QueueLengths& queues, const std::string& name) {

@@ -33,19 +33,28 @@ std::string GatewayIn(std::string_view attributes) {
     return RecordAt<std::uint16_t>(via) == AF_INET6 ? AddressText(AF_INET6, via.substr(familyBytes)) : "";
 }
 
+void Add(Route route, Routes& routes) {
+    if (routes.list.size() >= mostRoutes) {
+        ++routes.leftOut;
+    } else {
+        routes.list.push_back(std::move(route));
+    }
+}
+
 /// Adds the route once for each of its next hops.
-void AddHops(const Route& route, std::string_view hops, std::vector<Route>& routes) {
+void AddHops(const Route& route, std::string_view hops, Routes& routes) {
     while (hops.size() >= sizeof(rtnexthop)) {
         const auto header = RecordAt<rtnexthop>(hops);
         if (header.rtnh_len < sizeof(rtnexthop) || header.rtnh_len > hops.size()) return;
-        Route& added = routes.emplace_back(route);
+        Route added = route;
         added.interfaceIndex = static_cast<std::uint32_t>(header.rtnh_ifindex);
         added.nextHop = GatewayIn(hops.substr(sizeof(rtnexthop), header.rtnh_len - sizeof(rtnexthop)));
+        Add(std::move(added), routes);
         hops = Beyond(hops, header.rtnh_len);
     }
 }
 
-void AddRoute(std::string_view content, std::vector<Route>& routes) {
+void AddRoute(std::string_view content, Routes& routes) {
     const auto message = RecordAt<rtmsg>(content);
     const std::string_view attributes = Beyond(content, sizeof(rtmsg));
     const std::uint32_t table = NumberIn(attributes, RTA_TABLE).value_or(message.rtm_table);
@@ -61,23 +70,24 @@ void AddRoute(std::string_view content, std::vector<Route>& routes) {
     route.protocol = message.rtm_protocol;
     const auto hops = AttributeIn(attributes, RTA_MULTIPATH);
     if (hops) return AddHops(route, *hops, routes);
-    routes.push_back(std::move(route));
+    Add(std::move(route), routes);
 }
 
 }  // namespace
 
-std::vector<Route> ParseRoutes(std::string_view messages) {
-    std::vector<Route> routes;
+void AddRoutes(std::string_view messages, Routes& routes) {
     ForEachMessage(messages, RTM_NEWROUTE, [&](std::string_view content) { AddRoute(content, routes); });
-    return routes;
 }
 
-std::optional<std::vector<Route>> ReadRoutes() {
+std::optional<Routes> ReadRoutes() {
     rtmsg request{};
     request.rtm_family = AF_INET;
-    const std::optional<std::string> messages = DumpOverNetlink(NETLINK_ROUTE, RTM_GETROUTE, BytesOf(request));
-    if (!messages) return std::nullopt;
-    return ParseRoutes(*messages);
+    Routes routes;
+    const NetlinkTaker taker{[&] { routes = {}; }, [&](auto messages) { AddRoutes(messages, routes); }};
+    const NetlinkAnswer answer = DumpOverNetlink(NETLINK_ROUTE, RTM_GETROUTE, BytesOf(request), taker);
+    if (answer == NetlinkAnswer::none) return std::nullopt;
+    routes.isChanging = answer == NetlinkAnswer::changing;
+    return routes;
 }
 
 }  // namespace kv::facts

@@ -34,12 +34,18 @@ bool IsConnectedToVersion4(const inet_diag_msg& socket) {
     return socket.idiag_family == AF_INET || IN6_IS_ADDR_V4MAPPED(&other);
 }
 
-std::optional<std::string> ListConnections(std::uint8_t family) {
+/// False if the kernel does not list them.
+bool CountConnections(std::uint8_t family, EstablishedConnections& connections) {
     inet_diag_req_v2 request{};
     request.sdiag_family = family;
     request.sdiag_protocol = IPPROTO_TCP;
     request.idiag_states = 1U << TCP_ESTABLISHED | 1U << TCP_CLOSE_WAIT;
-    return DumpOverNetlink(NETLINK_SOCK_DIAG, SOCK_DIAG_BY_FAMILY, BytesOf(request));
+    EstablishedConnections counted;
+    const NetlinkTaker taker{[&] { counted = {}; }, [&](auto messages) { CountConnections(messages, counted); }};
+    const NetlinkAnswer answer = DumpOverNetlink(NETLINK_SOCK_DIAG, SOCK_DIAG_BY_FAMILY, BytesOf(request), taker);
+    connections.version4 += counted.version4;
+    connections.version6 += counted.version6;
+    return answer != NetlinkAnswer::none;
 }
 
 }  // namespace
@@ -66,19 +72,16 @@ std::optional<TcpCounts> ParseTcpCounts(std::string_view snmp) {
     return counts;
 }
 
-EstablishedConnections CountConnections(std::string_view messages) {
-    EstablishedConnections connections;
+void CountConnections(std::string_view messages, EstablishedConnections& connections) {
     ForEachMessage(messages, SOCK_DIAG_BY_FAMILY, [&](std::string_view content) {
         ++(IsConnectedToVersion4(RecordAt<inet_diag_msg>(content)) ? connections.version4 : connections.version6);
     });
-    return connections;
 }
 
 std::optional<EstablishedConnections> ReadEstablishedConnections() {
-    const std::optional<std::string> version4 = ListConnections(AF_INET);
-    const std::optional<std::string> version6 = ListConnections(AF_INET6);
-    if (!version4 || !version6) return std::nullopt;
-    return CountConnections(*version4 + *version6);
+    EstablishedConnections connections;
+    if (!CountConnections(AF_INET, connections) || !CountConnections(AF_INET6, connections)) return std::nullopt;
+    return connections;
 }
 
 }  // namespace kv::facts

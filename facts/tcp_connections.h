@@ -29,8 +29,8 @@ struct EstablishedConnections {
     std::uint32_t version6 = 0;
 };
 
-/// Counts the sockets in an answer of the kernel (sock_diag(7)).
-EstablishedConnections CountConnections(std::string_view messages);
+/// Adds the sockets in a part of the kernel's answer (sock_diag(7)).
+void CountConnections(std::string_view messages, EstablishedConnections& connections);
 
 /// Counts those of this computer; absent if the kernel does not list them. A kernel without IPv6 has none of that.
 std::optional<EstablishedConnections> ReadEstablishedConnections();

@@ -59,7 +59,9 @@ TEST(KernelCounts, TextsOfAnotherFormCountNothing) {
     ASSERT_TRUE(counts);
     EXPECT_EQ(counts->sentAgain, UINT64_MAX);
     EXPECT_EQ(CountSemaphores("key semid perms nsems\n0 1 600 3\n0 2 600 250\n0 3 600 many\n"), 253u);
-    EXPECT_EQ(CountConnections(std::string(30, '\xff')).version6, 0u) << "a length beyond the end";
+    EstablishedConnections connections;
+    CountConnections(std::string(30, '\xff'), connections);
+    EXPECT_EQ(connections.version6, 0u) << "a length beyond the end";
 }
 
 }  // namespace

@@ -1,16 +1,21 @@
 // Answers of the kernel over netlink, made here byte by byte and cut at each length; what ICMP messages report; files
 // of shares.
 #include <arpa/inet.h>
+#include <cerrno>
+#include <chrono>
+#include <cstddef>
 #include <cstring>
 #include <gtest/gtest.h>
 #include <linux/gen_stats.h>
 #include <linux/pkt_sched.h>
 #include <linux/rtnetlink.h>
+#include <new>
 #include <string>
 #include <tuple>
 #include <vector>
 
 #include "facts/echo.h"
+#include "facts/name_lookup.h"
 #include "facts/netlink.h"
 #include "facts/network_devices.h"
 #include "facts/routes.h"
@@ -59,9 +64,11 @@ std::string Hop(int index, const std::string& attributes) {
     return std::string(BytesOf(record)) + attributes;
 }
 
-std::string TextOf(const std::vector<Route>& routes) {
+std::string RoutesIn(const std::string& messages) {
+    Routes routes;
+    AddRoutes(messages, routes);
     std::string text;
-    for (const Route& route : routes) {
+    for (const Route& route : routes.list) {
         text += route.destination + "/" + route.mask + " " + route.nextHop + " " +
                 std::to_string(route.interfaceIndex) + " " + std::to_string(route.metric) + "\n";
     }
@@ -82,13 +89,61 @@ TEST(NetworkMessages, RoutesOfTheMainTable) {
             Attribute(RTA_DST, network) + Attribute(RTA_MULTIPATH, Hop(7, Attribute(RTA_GATEWAY, gateway)) +
                                                                        Hop(8, Attribute(RTA_VIA, via6)) + "\x01"));
     const std::string first = "0.0.0.0/0.0.0.0 192.0.2.1 4 4294967295\n";
-    EXPECT_EQ(TextOf(ParseRoutes(messages)), first +
-                                                 "192.0.2.0/255.255.255.128 192.0.2.1 7 0\n"
-                                                 "192.0.2.0/255.255.255.128 fe80::1 8 0\n");
+    EXPECT_EQ(RoutesIn(messages), first +
+                                      "192.0.2.0/255.255.255.128 192.0.2.1 7 0\n"
+                                      "192.0.2.0/255.255.255.128 fe80::1 8 0\n");
     for (std::size_t length = 0; length < messages.size(); ++length) {
         const std::string cut = messages.substr(0, length);  // on the heap, where a read beyond it is seen
-        EXPECT_TRUE(TextOf(ParseRoutes(cut)).empty() || TextOf(ParseRoutes(cut)) == first) << length;
+        EXPECT_TRUE(RoutesIn(cut).empty() || RoutesIn(cut) == first) << length;
     }
+}
+
+TEST(NetworkMessages, RoutesBeyondTheMostAreCounted) {
+    Routes routes;
+    routes.list.resize(mostRoutes - 1);
+    const std::string hops = Hop(1, "") + Hop(2, "") + Hop(3, "");
+    AddRoutes(RouteMessage(RT_TABLE_MAIN, 0, Attribute(RTA_MULTIPATH, hops)), routes);
+    EXPECT_EQ(std::pair(routes.list.size(), routes.leftOut), std::pair(mostRoutes, std::size_t{2}));
+}
+
+/// A message whose header has flags.
+std::string Flagged(std::uint16_t type, std::uint16_t flags, int result) {
+    std::string message = Message(type, std::string(BytesOf(result)));
+    std::memcpy(message.data() + offsetof(nlmsghdr, nlmsg_flags), &flags, sizeof(flags));
+    return message;
+}
+
+TEST(NetworkMessages, EndOfAnAnswer) {
+    const std::string route = RouteMessage(RT_TABLE_MAIN, 0, "");
+    const struct {
+        const char* title;
+        std::string messages;
+        bool isOver, isRefused, isChanging;
+    } rows[] = {
+        {"goes on", route + route, false, false, false},
+        {"ends", route + Flagged(NLMSG_DONE, NLM_F_MULTI, 0) + "behind", true, false, false},
+        {"ends with an error", Flagged(NLMSG_DONE, 0, -ENOBUFS), true, true, false},
+        {"refused", Flagged(NLMSG_ERROR, 0, -EPERM), false, true, false},
+        {"malformed", route + std::string(16, '\0'), false, true, false},
+        {"changed in its midst", route + Flagged(RTM_NEWROUTE, NLM_F_DUMP_INTR, 0) + route, false, false, true},
+        {"changed at its end", Flagged(NLMSG_DONE, NLM_F_DUMP_INTR, 0), true, false, true},
+    };
+    for (const auto& row : rows) {
+        const NetlinkState state = StateAfter(row.messages);
+        EXPECT_EQ(std::tuple(state.isOver, state.isRefused, state.isChanging),
+                  std::tuple(row.isOver, row.isRefused, row.isChanging))
+            << row.title;
+    }
+}
+
+TEST(NameLookups, OneThatRunsOutOfMemoryIsNotReached) {
+    using namespace std::chrono_literals;
+    const auto lookUp = [](std::function<NameLookup()> how) {
+        return NameLookupThread(std::move(how)).Wait(std::chrono::steady_clock::now() + 60s).error;
+    };
+    for (int count = 0; count < 300; ++count)  // more than may be under way
+        ASSERT_EQ(lookUp([]() -> NameLookup { throw std::bad_alloc(); }), EAI_AGAIN);
+    EXPECT_EQ(lookUp([] { return LookUpAddress("192.0.2.1", AI_NUMERICHOST); }), 0);
 }
 
 TEST(NetworkMessages, QueuesOfInterfaces) {

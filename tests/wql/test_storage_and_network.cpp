@@ -231,15 +231,16 @@ TEST_F(WmiNetwork, HasAdaptersAndConfigurationsOfEachKind) {
             "type veth peer name kv1 && ip link set kv0 up && ip link set kv1 up && ip tuntap add kv2 mode tap && "
             "ip link set kv2 up && ip link add kv3 type bridge && "
             "ip address add 192.0.2.77/24 dev kv0 valid_lft 600 preferred_lft 600 && "
-            "ip address add 198.51.100.1/24 dev kv1 && ip route add default via 192.0.2.1 && "
+            "ip address add 198.51.100.1/24 dev kv1 && ip route add default via 192.0.2.1 metric 70 && "
+            "ip route add default via 192.0.2.2 metric 30 && ip route add default dev kv1 metric 90 && "
             "(ip address add 2001:db8::7/64 dev kv1 valid_lft 600 preferred_lft 600 || true)");
     }
     // The adapter's facts and its configuration's, in the order of the queries below.
     const std::pair<std::string, const char*> rows[] = {
-        {"kv0", "2 true false; true true array array"},
-        {"kv1", "2 true false; true false array NULL"},
-        {"kv2", "7 false false; false false NULL NULL"},
-        {"kv3", "0 false false; false false NULL NULL"},
+        {"kv0", "2 true false; true true array array 30 false"},
+        {"kv1", "2 true false; true false array NULL 90 false"},
+        {"kv2", "7 false false; false false NULL NULL NULL NULL"},
+        {"kv3", "0 false false; false false NULL NULL NULL NULL"},
     };
     EXPECT_EQ(RunWmiQuery("SELECT Name FROM Win32_NetworkAdapter").rows.size(), std::size(rows))
         << "all but the loopback";
@@ -250,7 +251,9 @@ TEST_F(WmiNetwork, HasAdaptersAndConfigurationsOfEachKind) {
         ASSERT_EQ(adapters.rows.size() * configurations.rows.size(), 1u) << name;
         const WmiRow &adapter = adapters.rows[0], &configuration = configurations.rows[0];
         EXPECT_EQ(PropertyTexts(adapter, "NetConnectionStatus,NetEnabled,PhysicalAdapter") + "; " +
-                      PropertyTexts(configuration, "IPEnabled,DHCPEnabled,IPAddress,DefaultIPGateway"),
+                      PropertyTexts(configuration,
+                                    "IPEnabled,DHCPEnabled,IPAddress,DefaultIPGateway,IPConnectionMetric,"
+                                    "FullDNSRegistrationEnabled"),
                   facts)
             << name;
         EXPECT_EQ(PropertyText(configuration, "Index"), PropertyText(adapter, "Index")) << name;

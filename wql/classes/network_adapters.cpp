@@ -1,6 +1,7 @@
 // Win32_NetworkAdapter and Win32_NetworkAdapterConfiguration: the network interfaces except loopback, which is not an
 // adapter on Windows either.
 #include <algorithm>
+#include <map>
 #include <net/if_arp.h>
 
 #include "facts/host_names.h"
@@ -9,6 +10,7 @@
 #include "facts/network_devices.h"
 #include "facts/system_text.h"
 #include "wql/class_tree.h"
+#include "wql/classes/failures.h"
 
 namespace kv::wql {
 
@@ -35,7 +37,8 @@ struct Surroundings {
     std::u16string host;
     facts::ResolverSettings resolver;
     std::vector<facts::InterfaceAddress> addresses;
-    std::vector<std::string> defaultRoutes;  // their interfaces
+    std::vector<std::string> defaultRoutes;        // their interfaces
+    std::map<std::string, std::uint32_t> metrics;  // of IPv4's default routes, by their interfaces
 };
 
 struct Row {
@@ -47,6 +50,7 @@ struct Row {
     std::optional<std::uint64_t> mtu;    // bytes
     std::size_t addresses = 0;
     std::size_t gateways = 0;
+    std::optional<std::uint32_t> metric;
     std::optional<std::uint32_t> leaseSeconds;  // for which an IPv4 address is still valid; null if forever
     const Surroundings* surroundings = nullptr;
 
@@ -194,18 +198,21 @@ constexpr PropertyInfo configurationProperties[] = {
         [](const Row& row) { return row.usesIp() ? CimValue(row.surroundings->host) : CimValue(); }},
     {u"DNSServerSearchOrder", ArrayOf(string), Need::addresses | Need::resolver, "name servers of resolv.conf, if IPEnabled",
         [](const Row& row) { return ResolverArray(row, row.surroundings->resolver.servers); }},
-    {u"DomainDNSRegistrationEnabled", boolean},
+    {u"DomainDNSRegistrationEnabled", boolean, Need::addresses, "FALSE if IPEnabled: interfaces do not enter names into DNS",
+        [](const Row& row) { return FalseIfIp(row); }},
     {u"ForwardBufferMemory", uint32},
-    {u"FullDNSRegistrationEnabled", boolean},
+    {u"FullDNSRegistrationEnabled", boolean, Need::addresses, "as DomainDNSRegistrationEnabled", [](const Row& row) { return FalseIfIp(row); }},
     {u"GatewayCostMetric", ArrayOf(uint16), Need::gateways, "one for each of DefaultIPGateway",
         [](const Row& row) { return ArrayOrNull(row.gateways); }},
     {u"IGMPLevel", uint8},
     {u"Index", uint32, 0, "the kernel's number for the interface", indexIn},
     {u"InterfaceIndex", uint32, 0, "as Index", indexIn},
     {u"IPAddress", ArrayOf(string), Need::addresses, "IPv4 and IPv6", [](const Row& row) { return ArrayOrNull(row.addresses); }},
-    {u"IPConnectionMetric", uint32},
+    {u"IPConnectionMetric", uint32, Need::gateways, "the lowest metric of its IPv4 default routes, if there is one",
+        [](const Row& row) { return row.metric; }},
     {u"IPEnabled", boolean, Need::addresses, "whether it is switched on and has an address", [](const Row& row) { return row.usesIp(); }},
-    {u"IPFilterSecurityEnabled", boolean},
+    {u"IPFilterSecurityEnabled", boolean, Need::addresses, "FALSE if IPEnabled: interfaces have no filter of their own, but the system's firewall",
+        [](const Row& row) { return FalseIfIp(row); }},
     {u"IPPortSecurityEnabled", boolean},
     {u"IPSecPermitIPProtocols", ArrayOf(string)},
     {u"IPSecPermitTCPPorts", ArrayOf(string)},
@@ -241,34 +248,37 @@ constexpr PropertyInfo configurationProperties[] = {
 };
 // clang-format on
 
-/// The interface of each default route, of IPv4 and, if the kernel has it, IPv6; absent if the kernel does not tell.
-std::optional<std::vector<std::string>> ReadDefaultRoutes() {
+/// Reads the default routes of IPv4 and, if the kernel has it, IPv6; false if the kernel does not tell.
+bool ReadDefaultRoutes(Surroundings& surroundings) {
     const std::optional<std::string> text = platform::ReadSystemFile("/proc/net/route");
-    if (!text) return std::nullopt;
-    std::vector<std::string> routes = facts::ParseDefaultRoutes(*text);
+    if (!text) return false;
+    surroundings.metrics = facts::ParseDefaultMetrics(*text);
+    surroundings.defaultRoutes = facts::ParseDefaultRoutes(*text);
     const std::vector<std::string> routes6 =
         facts::ParseDefaultRoutes6(platform::ReadSystemFile("/proc/net/ipv6_route").value_or(std::string()));
-    routes.insert(routes.end(), routes6.begin(), routes6.end());
-    return routes;
+    surroundings.defaultRoutes.insert(surroundings.defaultRoutes.end(), routes6.begin(), routes6.end());
+    return true;
 }
 
-/// Absent if the kernel does not tell of addresses or routes.
+/// Absent, with a notice, if the kernel does not tell of addresses or routes.
 std::optional<Surroundings> ReadSurroundings(const Gathering& gathering) {
     Surroundings surroundings;
     if (gathering.asksFor(Need::host)) surroundings.host = facts::HostName();
     if (gathering.asksFor(Need::addresses)) {
         std::optional<std::vector<facts::InterfaceAddress>> addresses = facts::ReadInterfaceAddresses();
-        if (!addresses) return std::nullopt;
+        if (!addresses) {
+            gathering.notice("Network adapters were left out: the kernel does not list addresses");
+            return std::nullopt;
+        }
         surroundings.addresses = std::move(*addresses);
     }
     if (gathering.asksFor(Need::resolver)) {
         surroundings.resolver =
             facts::ParseResolverSettings(platform::ReadSystemFile("/etc/resolv.conf").value_or(std::string()));
     }
-    if (gathering.asksFor(Need::gateways)) {
-        std::optional<std::vector<std::string>> routes = ReadDefaultRoutes();
-        if (!routes) return std::nullopt;
-        surroundings.defaultRoutes = std::move(*routes);
+    if (gathering.asksFor(Need::gateways) && !ReadDefaultRoutes(surroundings)) {
+        FailedFile("/proc/net/route", "Network adapters", gathering);
+        return std::nullopt;
     }
     return surroundings;
 }
@@ -292,6 +302,8 @@ void FillRow(const Gathering& gathering, Row& row) {
     if (gathering.asksFor(Need::mtu)) row.mtu = facts::ReadSystemNumber(folder + "/mtu");
     const std::vector<std::string>& routes = row.surroundings->defaultRoutes;
     row.gateways = static_cast<std::size_t>(std::count(routes.begin(), routes.end(), interface.name));
+    const auto metric = row.surroundings->metrics.find(interface.name);
+    if (metric != row.surroundings->metrics.end()) row.metric = metric->second;
     for (const facts::InterfaceAddress& address : row.surroundings->addresses) {
         if (address.interfaceIndex != interface.index) continue;
         ++row.addresses;
@@ -302,7 +314,8 @@ void FillRow(const Gathering& gathering, Row& row) {
 WmiStatus GatherAdapters(const Gathering& gathering) {
     const std::optional<Surroundings> surroundings = ReadSurroundings(gathering);
     std::optional<std::vector<facts::NetworkInterface>> interfaces = facts::ListNetworkInterfaces();
-    if (!surroundings || !interfaces) return wmi_status::providerFailure;
+    if (!surroundings) return wmi_status::providerFailure;
+    if (!interfaces) return FailedFile("/sys/class/net", "Network adapters", gathering);
     for (facts::NetworkInterface& interface : *interfaces) {
         Row row;
         row.interface = std::move(interface);

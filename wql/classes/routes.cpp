@@ -2,6 +2,7 @@
 #include "facts/routes.h"
 
 #include <algorithm>
+#include <fmt/format.h>
 #include <linux/rtnetlink.h>
 
 #include "wql/class_tree.h"
@@ -72,9 +73,16 @@ constexpr PropertyInfo properties[] = {
 // clang-format on
 
 WmiStatus GatherRoutes(const Gathering& gathering) {
-    const std::optional<std::vector<Row>> routes = facts::ReadRoutes();
-    if (!routes) return wmi_status::providerFailure;
-    for (const Row& row : *routes) {
+    const std::optional<facts::Routes> routes = facts::ReadRoutes();
+    if (!routes) {
+        gathering.notice("Routes were left out: the kernel does not list them");
+        return wmi_status::providerFailure;
+    }
+    if (routes->leftOut != 0)
+        gathering.notice(fmt::format("{} routes were left out: there are too many", routes->leftOut));
+    if (routes->isChanging)
+        gathering.notice("Routes may be missing, or be there twice: they changed while they were read");
+    for (const Row& row : routes->list) {
         if (!gathering.row(&row)) break;
     }
     return wmi_status::ok;
