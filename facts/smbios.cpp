@@ -84,6 +84,15 @@ std::vector<SmbiosStructure> ParseSmbios(std::string_view table) {
     return structures;
 }
 
+bool IsWholeSmbios(std::string_view table) {
+    SmbiosStructure next;
+    while (next.type != endOfTable && !table.empty()) {
+        next = {};
+        if (!TakeStructure(table, next)) return false;
+    }
+    return true;
+}
+
 SmbiosStructure FirstOfType(const std::vector<SmbiosStructure>& structures, std::uint8_t type) {
     for (const SmbiosStructure& structure : structures) {
         if (structure.type == type) return structure;

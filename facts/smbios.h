@@ -35,6 +35,10 @@ struct SmbiosStructure {
 /// malformed. The result refers to the bytes.
 std::vector<SmbiosStructure> ParseSmbios(std::string_view table);
 
+/// Whether these are all structures of a table: false if one is malformed, which hides those behind it. Some old tables
+/// lack the mark of their end.
+bool IsWholeSmbios(std::string_view table);
+
 /// The first structure of a type; an empty structure when the table does not have that type.
 SmbiosStructure FirstOfType(const std::vector<SmbiosStructure>& structures, std::uint8_t type);
 

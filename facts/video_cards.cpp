@@ -112,8 +112,9 @@ VideoCards ReadVideoCards(const std::string& root) {
     for (const fs::path& path : PathsIn(root + "/bus/pci/devices", found.failure)) {
         const std::uint64_t pciClass = HexNumberOf(ReadSystemLine((path / "class").string()).value_or("")).value_or(0);
         if (pciClass >> kindBits != displayController) continue;
-        std::error_code unused;
-        const std::string folder = fs::canonical(path, unused).string();
+        std::error_code isGone;  // taken out since the folder was listed
+        const std::string folder = fs::canonical(path, isGone).string();
+        if (isGone) continue;
         const auto isItsCard = [&](const Card& card) { return card.device == folder || IsBelow(card.device, folder); };
         const auto drm = std::ranges::find_if(others, isItsCard);
         found.cards.push_back(ReadDevice(folder, drm != others.end() ? &*drm : nullptr, connectors));

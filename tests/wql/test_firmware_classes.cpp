@@ -124,6 +124,16 @@ TEST(WmiFirmware, SaysWhatTheAgentMayNotRead) {
         EXPECT_EQ(gathered.objects, row.objects) << name;
         EXPECT_THAT(gathered.notices, ElementsAre(HasSubstr("Permission denied"))) << name;
     }
+    const SmbiosTable damaged{SmbiosStructureBytes(17, 0x15, {{0x0C, 2, 512}}, {}) + std::string("\x11\x02\0\0", 4) + Bytes(), {}};
+    static const SmbiosTable* broken = nullptr;  // for gathers, which are plain routines
+    broken = &damaged;
+    const Gathered part = GatherTexts(u"Win32_PhysicalMemory", "Tag", [](const Gathering& to) { return GatherMemoryDevices(to, *broken); });
+    EXPECT_THAT(part.objects, ElementsAre("Physical Memory 0|"));
+    EXPECT_EQ(part.status, 0U);
+    const Gathered nothing = GatherTexts(u"Win32_PhysicalMemoryArray", "Tag", [](const Gathering& to) { return GatherMemoryArrays(to, *broken); });
+    EXPECT_EQ(nothing.status, wmi_status::providerFailure);
+    const Gathered rest = GatherTexts(u"Win32_BaseBoard", "Tag", [](const Gathering& to) { return GatherBaseBoards(to, *broken, Texts); });
+    for (const Gathered* of : {&part, &nothing, &rest}) EXPECT_THAT(of->notices, ElementsAre(HasSubstr("malformed")));
     const Gathered absent = GatherTexts(u"Win32_BaseBoard", "Tag",
                                         [](const Gathering& to) { return GatherBaseBoards(to, {}, NoTexts); });
     EXPECT_EQ(std::tuple(absent.status, absent.objects.size(), absent.notices.size()), std::tuple(0U, 0U, 0U));

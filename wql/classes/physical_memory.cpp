@@ -194,10 +194,12 @@ WmiStatus GatherMemoryDevices(const Gathering& gathering, const facts::SmbiosTab
     for (facts::SmbiosStructure& structure : facts::ParseSmbios(table.bytes)) {
         if (structure.type != memoryDevice || CapacityOf(structure) == 0) continue;
         row.device = std::move(structure);
-        if (!gathering.row(&row)) break;
+        if (!gathering.row(&row)) return wmi_status::ok;
         ++row.number;
     }
-    return StatusOfTable(gathering, table);
+    if (row.number == 0) return StatusOfTable(gathering, table);
+    TellOfLostTable(gathering, table);
+    return wmi_status::ok;
 }
 
 WmiStatus GatherMemoryArrays(const Gathering& gathering, const facts::SmbiosTable& table) {
@@ -206,10 +208,12 @@ WmiStatus GatherMemoryArrays(const Gathering& gathering, const facts::SmbiosTabl
     for (facts::SmbiosStructure& structure : facts::ParseSmbios(table.bytes)) {
         if (structure.type != memoryArray) continue;
         row.array = std::move(structure);
-        if (!gathering.row(&row)) break;
+        if (!gathering.row(&row)) return wmi_status::ok;
         ++row.number;
     }
-    return StatusOfTable(gathering, table);
+    if (row.number == 0) return StatusOfTable(gathering, table);
+    TellOfLostTable(gathering, table);
+    return wmi_status::ok;
 }
 
 }  // namespace kv::wql
