@@ -270,6 +270,13 @@ std::vector<std::uint32_t> ListProcessIds(const std::string& folder) {
     return ids;
 }
 
+std::optional<std::uint64_t> CountProcesses(const std::string& folder) {
+    constexpr std::uint32_t firstProcess = 1;
+    const std::vector<std::uint32_t> ids = ListProcessIds(folder);
+    if (ids.empty() || ids.front() != firstProcess) return std::nullopt;
+    return ids.size();
+}
+
 std::uint64_t ClockTicksPerSecond() {
     static const auto ticks = static_cast<std::uint64_t>(sysconf(_SC_CLK_TCK));
     return ticks;

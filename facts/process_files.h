@@ -104,6 +104,10 @@ class ProcessFiles {
 /// Ids of all processes, ascending; empty when /proc cannot be read.
 std::vector<std::uint32_t> ListProcessIds(const std::string& folder = "/proc");
 
+/// How many processes there are; absent when /proc cannot be read, or shows only a user's own (hidepid): the first
+/// process, which is always there, is missing.
+std::optional<std::uint64_t> CountProcesses(const std::string& folder = "/proc");
+
 std::uint64_t ClockTicksPerSecond();
 std::uint64_t TimeOfTicks(std::uint64_t ticks);  // in units of 100 ns
 std::uint64_t PageSize();                        // bytes

@@ -117,6 +117,7 @@ std::vector<Fake> fakes;
 std::optional<std::string> askedKey;  // null: all are asked for
 
 constexpr CounterInfo fakeCounters[] = {
+    {u"Held", CimType::uint32, value, 1, "", [](const Fake& fake) { return fake.value; }},
     {u"Speed", CimType::uint32, rate, 1, "", [](const Fake& fake) { return fake.value; }},
 };
 
@@ -133,8 +134,8 @@ WmiStatus ReadFakes(const Gathering&, PerfSampling& sampling) {
 
 constexpr PerfClass fakeClass{u"Fake", fakeCounters, ReadFakes, false, true};
 
-/// The name and speed of each object: "a=1 b=NULL".
-std::string SpeedsIn(const ClassInfo& formatted) {
+/// The name and speed, or another counter, of each object: "a=1 b=NULL".
+std::string SpeedsIn(const ClassInfo& formatted, std::u16string_view counter = u"Speed") {
     std::string answer;
     Gathering gathering;
     gathering.needs = 1;
@@ -143,7 +144,7 @@ std::string SpeedsIn(const ClassInfo& formatted) {
             const PropertyInfo* property = FindProperty(formatted, name);
             return VariantText(VariantOf(property->type, property->read(row, *property)));
         };
-        answer += (answer.empty() ? "" : " ") + textOf(u"Name") + "=" + textOf(u"Speed");
+        answer += (answer.empty() ? "" : " ") + textOf(u"Name") + "=" + textOf(counter);
         return true;
     };
     EXPECT_EQ(formatted.gather(gathering), wmi_status::ok);
@@ -171,6 +172,10 @@ TEST(PerformanceSamples, AreKeptForEachObjectApart) {
         askedKey = asked;
         EXPECT_EQ(SpeedsIn(formatted), speeds) << title;
     }
+    askedKey = {};
+    fakes = {{"c", 1, 90, (1ULL << 32) + 7}};
+    for (const ClassInfo& either : DeclarePerfClasses<fakeClass>())
+        EXPECT_EQ(SpeedsIn(either, u"Held"), "c=7 _Total=7") << "a value wraps in both classes";
 }
 
 class PerformanceOfThisMachine : public WmiTest {

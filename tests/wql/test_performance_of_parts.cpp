@@ -85,6 +85,18 @@ TEST_F(PerformanceOfParts, ProcessorsOfNodesAndTheirClocks) {
                                           {"cpu/cpu0/cpufreq/cpuinfo_max_freq", "4000000"},
                                           {"cpu/cpu0/cpufreq/scaling_max_freq", "3000000"},
                                           {"cpu/cpu0/cpufreq/stats/time_in_state", "1000000 100\n3000000 300"},
+                                          {"cpu/cpu0/cpuidle/state0/name", "POLL"},
+                                          {"cpu/cpu0/cpuidle/state0/time", "5"},
+                                          {"cpu/cpu0/cpuidle/state0/usage", "5"},
+                                          {"cpu/cpu0/cpuidle/state1/name", "C1_ACPI"},
+                                          {"cpu/cpu0/cpuidle/state1/time", "1000"},
+                                          {"cpu/cpu0/cpuidle/state1/usage", "10"},
+                                          {"cpu/cpu0/cpuidle/state2/name", "C1E"},
+                                          {"cpu/cpu0/cpuidle/state2/time", "2000"},
+                                          {"cpu/cpu0/cpuidle/state2/usage", "20"},
+                                          {"cpu/cpu0/cpuidle/state3/name", "C10"},
+                                          {"cpu/cpu0/cpuidle/state3/time", "7000"},
+                                          {"cpu/cpu0/cpuidle/state3/usage", "40"},
                                       });
     const std::string clocks = " 1500 37 75 125";
     Texts expected{"1,0" + clocks};
@@ -103,6 +115,17 @@ TEST_F(PerformanceOfParts, ProcessorsOfNodesAndTheirClocks) {
     ASSERT_EQ(raw.rows.size(), 1u);
     EXPECT_EQ(PropertyTexts(raw.rows[0], "Name,PercentProcessorPerformance,PercentProcessorPerformance_Base"),
               expected[0]);
+    for (const char* from :
+         {"Counters_ProcessorInformation WHERE Name = '1,_Total'", "PerfOS_Processor WHERE Name = '0'"}) {
+        const WmiResult idle = RunWmiQuery(std::string("SELECT * FROM Win32_PerfRawData_") + from);
+        ASSERT_EQ(idle.rows.size(), 1u);
+        EXPECT_EQ(PropertyTexts(idle.rows[0], "C1TransitionsPersec,C2TransitionsPersec,C3TransitionsPersec"),
+                  "30 0 40");
+    }
+    EXPECT_EQ(PropertyTexts(raw.rows[0], "AverageIdleTime,AverageIdleTime_Base,IdleBreakEventsPersec"), "100050 75 75");
+    const WmiResult formatted =
+        RunWmiQuery("SELECT * FROM Win32_PerfFormattedData_Counters_ProcessorInformation WHERE Name = '1,_Total'");
+    EXPECT_EQ(PropertyText(formatted.rows.at(0), "AverageIdleTime"), "1334");  // 10005 microseconds in 75 stays
 }
 
 TEST_F(PerformanceOfParts, SharedObjects) {
@@ -119,6 +142,20 @@ TEST_F(PerformanceOfParts, SharedObjects) {
     EXPECT_EQ(semaphores * segments, 6);
     ExpectObjects("PerfOS_Objects", "Semaphores,Sections,Events,Mutexes",
                   {fmt::format("{} {} NULL NULL", semaphores + 1, segments + 2)}, true);
+}
+
+TEST_F(PerformanceOfParts, ProcessesThatProcHidesAreNotCounted) {
+    if (!IsInNamespaces()) return RunInNamespaces("--mount", "mount -t proc -o hidepid=2 proc /proc");
+    ASSERT_EQ(setgid(65534), 0);
+    ASSERT_EQ(setuid(65534), 0);
+    for (const char* from :
+         {"Processes FROM Win32_PerfRawData_PerfOS_Objects", "Processes FROM Win32_PerfFormattedData_PerfOS_System",
+          "NumberOfProcesses FROM Win32_OperatingSystem"}) {
+        const WmiResult result = RunWmiQuery(std::string("SELECT ") + from);
+        const std::string property = std::string(from).substr(0, std::string(from).find(' '));
+        ASSERT_EQ(std::pair(result.rows.size(), result.notices.size()), std::pair(std::size_t{1}, std::size_t{1}));
+        EXPECT_EQ(PropertyText(result.rows[0], property), "NULL") << from;
+    }
 }
 
 }  // namespace

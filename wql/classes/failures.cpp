@@ -5,6 +5,7 @@
 #include <system_error>
 #include <unistd.h>
 
+#include "facts/process_files.h"
 #include "platform/linux/systemd/units.h"
 
 namespace kv::wql {
@@ -30,6 +31,12 @@ WmiStatus FailedFile(const std::string& path, std::string_view loss, const Gathe
     const std::string reason = std::generic_category().message(failure);
     gathering.notice(fmt::format("{} were left out; {} cannot be read: {}", loss, path, reason));
     return failure == EACCES ? wmi_status::accessDenied : wmi_status::providerFailure;
+}
+
+std::optional<std::uint64_t> CountAllProcesses(const Gathering& gathering) {
+    const std::optional<std::uint64_t> count = facts::CountProcesses();
+    if (!count) gathering.notice("The number of processes was left out: /proc does not show those of other users");
+    return count;
 }
 
 }  // namespace kv::wql

@@ -1,6 +1,8 @@
 // What a query says when the service manager does not answer as it should, or a file cannot be read.
 #pragma once
 
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -21,5 +23,8 @@ WmiStatus FailedManager(int failure, std::string_view loss, const Gathering& gat
 /// Ends a query that has just found a file unreadable, with a notice of what was lost: accessDenied if the right is
 /// missing, else providerFailure.
 WmiStatus FailedFile(const std::string& path, std::string_view loss, const Gathering& gathering);
+
+/// How many processes there are; absent, with a notice, if /proc does not show all.
+std::optional<std::uint64_t> CountAllProcesses(const Gathering& gathering);
 
 }  // namespace kv::wql

@@ -20,6 +20,7 @@
 #include "facts/system_text.h"
 #include "facts/volume_facts.h"
 #include "wql/class_tree.h"
+#include "wql/classes/failures.h"
 
 namespace kv::wql {
 
@@ -53,7 +54,7 @@ struct Row {
     utsname kernel{};
     std::string release;  // os-release
     std::string memory;   // /proc/meminfo
-    std::uint64_t processes = 0;
+    std::optional<std::uint64_t> processes;
     std::optional<std::uint64_t> sessions;
     std::string locale;
     std::optional<std::string> countryCode;
@@ -258,7 +259,7 @@ std::optional<bool> CanForbidExecution() {
 void ReadKernelParts(const Gathering& gathering, Row& row) {
     if (gathering.asksFor(Need::kernel)) uname(&row.kernel);
     if (gathering.asksFor(Need::memory)) row.memory = platform::ReadSystemFile("/proc/meminfo").value_or("");
-    if (gathering.asksFor(Need::processes)) row.processes = facts::ListProcessIds().size();
+    if (gathering.asksFor(Need::processes)) row.processes = CountAllProcesses(gathering);
     if (gathering.asksFor(Need::processLimit)) row.processLimit = facts::ReadSystemNumber("/proc/sys/kernel/pid_max");
     if (gathering.asksFor(Need::time)) row.now = facts::MicrosecondsNow();
     if (gathering.asksFor(Need::execution)) row.canForbidExecution = CanForbidExecution();

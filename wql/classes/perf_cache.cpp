@@ -3,6 +3,7 @@
 #include "facts/perf_texts.h"
 #include "facts/system_text.h"
 #include "wql/class_tree.h"
+#include "wql/classes/failures.h"
 #include "wql/classes/perf_class.h"
 
 namespace kv::wql {
@@ -52,9 +53,9 @@ constexpr CounterInfo counters[] = {
 };
 // clang-format on
 
-WmiStatus ReadCache(const Gathering&, PerfSampling& sampling) {
+WmiStatus ReadCache(const Gathering& gathering, PerfSampling& sampling) {
     const std::optional<std::string> text = platform::ReadSystemFile("/proc/vmstat");
-    if (!text) return wmi_status::providerFailure;
+    if (!text) return FailedFile("/proc/vmstat", "The counters of the cache", gathering);
     const Row row{*text};
     sampling.Add({}, &row, TimeSinceStart());
     return wmi_status::ok;

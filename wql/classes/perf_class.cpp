@@ -23,7 +23,7 @@ constexpr double wholePercent = 100;
 
 bool IsAverage(CounterKind kind) {
     return kind == CounterKind::fraction || kind == CounterKind::freeShare || kind == CounterKind::averageTime ||
-           kind == CounterKind::averageAmount;
+           kind == CounterKind::averageAmount || kind == CounterKind::averageOfMany;
 }
 
 /// Whether a percentage is one of a time that is the same for all objects.
@@ -43,7 +43,7 @@ bool HasTimestamp(CounterKind kind) {
 }
 
 std::optional<CimType> BaseTypeOf(CounterKind kind) {
-    if (HasTimestamp(kind)) return uint64;
+    if (HasTimestamp(kind) || kind == CounterKind::averageOfMany) return uint64;
     if (IsAverage(kind)) return uint32;
     return std::nullopt;
 }
@@ -96,6 +96,7 @@ Quotient QuotientBetween(CounterKind kind, const CounterState* before, const Cou
         case CounterKind::averageTime:
             return {growth / unitsPerSecond, baseGrowth};
         case CounterKind::averageAmount:
+        case CounterKind::averageOfMany:
             return {growth, baseGrowth};
         case CounterKind::queueLength:
             return {growth, time};
@@ -232,11 +233,13 @@ std::optional<Quotient> QuotientIn(const PerfRow& row, std::size_t counter) {
     return QuotientBetween(info.kind, before ? &*before : nullptr, *now, row.object.birth, info.period);
 }
 
-/// A figure, rounded and clamped to the type. A free share is rounded down, because df rounds up what is used.
+/// A figure, rounded and clamped to the type. A value wraps, as it does in the raw class. A free share is rounded down,
+/// because df rounds up what is used.
 CimValue WholeFigure(CimType type, CounterKind kind, double figure) {
     constexpr std::uint64_t most = UINT64_MAX;
     constexpr double inexactness = 1e-9;  // far more than a quotient is off, far less than any disk has in use
-    const std::uint64_t limit = type == uint32 ? UINT32_MAX : most;
+    const bool isLimited = type == uint32 && kind != CounterKind::value;
+    const std::uint64_t limit = isLimited ? UINT32_MAX : most;
     const double rounded = kind == CounterKind::freeShare ? std::floor(figure + inexactness) : std::round(figure);
     return rounded < static_cast<double>(limit) ? static_cast<std::uint64_t>(rounded) : limit;
 }

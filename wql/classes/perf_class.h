@@ -53,6 +53,7 @@ enum class CounterKind {
     freeShare,               // likewise of bytes, rounded down; the raw class gives megabytes
     averageTime,             // growth, a time in seconds, divided by the base's growth
     averageAmount,           // growth divided by the base's growth
+    averageOfMany,           // the same; the raw class's base has 64 bits
     queueLength,             // growth, the sum of all operations' times, divided by the elapsed time
     elapsedTime,             // seconds since the value, a moment since the system's start; NULL in _Total
 };

@@ -14,6 +14,7 @@
 #include "facts/system_text.h"
 #include "facts/volume_facts.h"
 #include "wql/class_tree.h"
+#include "wql/classes/failures.h"
 #include "wql/classes/perf_class.h"
 
 namespace kv::wql {
@@ -161,7 +162,8 @@ WmiStatus ReadLogicalDisks(const Gathering& gathering, PerfSampling& sampling) {
     const std::optional<std::vector<facts::DiskSpace>> disks =
         facts::ReadDisks(gathering.asksFor(Need::space), gathering.notice, isWanted);
     const std::optional<CountersByName> byName = ReadDiskCounters(gathering);
-    if (!byName || !disks) return wmi_status::providerFailure;
+    if (!byName) return FailedFile("/proc/diskstats", "Disks", gathering);
+    if (!disks) return FailedFile("/proc/self/mountinfo", "Disks", gathering);
     std::vector<std::string> blockDevices;
     for (const facts::DiskSpace& disk : *disks) blockDevices.push_back(facts::BlockDeviceOf(disk.mount));
     const std::vector<bool> areOwn = facts::HaveOwnSpace(*disks, blockDevices);
@@ -182,7 +184,8 @@ WmiStatus ReadLogicalDisks(const Gathering& gathering, PerfSampling& sampling) {
 WmiStatus ReadPhysicalDisks(const Gathering& gathering, PerfSampling& sampling) {
     const std::optional<CountersByName> byName = ReadDiskCounters(gathering);
     const std::optional<std::vector<std::string>> disks = facts::ListPhysicalDisks();
-    if (!byName || !disks) return wmi_status::providerFailure;
+    if (!byName) return FailedFile("/proc/diskstats", "Disks", gathering);
+    if (!disks) return FailedFile("/sys/block", "Disks", gathering);
     const std::uint64_t now = TimeSinceStart();
     std::size_t index = 0;
     for (const std::string& name : *disks) {

@@ -4,6 +4,7 @@
 #include "facts/process_files.h"
 #include "facts/system_text.h"
 #include "wql/class_tree.h"
+#include "wql/classes/failures.h"
 #include "wql/classes/perf_class.h"
 
 namespace kv::wql {
@@ -112,7 +113,8 @@ WmiStatus ReadMemory(const Gathering& gathering, PerfSampling& sampling) {
     std::optional<std::string> events = "";
     if (gathering.asksFor(Need::memory)) memory = platform::ReadSystemFile("/proc/meminfo");
     if (gathering.asksFor(Need::events)) events = platform::ReadSystemFile("/proc/vmstat");
-    if (!memory || !events) return wmi_status::providerFailure;
+    if (!memory) return FailedFile("/proc/meminfo", "The counters of memory", gathering);
+    if (!events) return FailedFile("/proc/vmstat", "The counters of memory", gathering);
     Row row{std::move(*memory), std::move(*events)};
     if (gathering.asksFor(Need::limit))
         row.isStrict = facts::ReadSystemNumber("/proc/sys/vm/overcommit_memory") == strictly;

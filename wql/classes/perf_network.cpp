@@ -6,6 +6,7 @@
 #include "facts/network_devices.h"
 #include "facts/system_text.h"
 #include "wql/class_tree.h"
+#include "wql/classes/failures.h"
 #include "wql/classes/perf_class.h"
 
 namespace kv::wql {
@@ -22,7 +23,7 @@ struct Need {
 struct Row {
     facts::InterfaceCounters counters;
     std::optional<std::uint64_t> speed;
-    std::uint32_t queued = 0;  // packets
+    std::optional<std::uint64_t> queued;  // packets
 };
 
 // clang-format off
@@ -57,19 +58,19 @@ constexpr CounterInfo counters[] = {
 
 WmiStatus ReadInterfaces(const Gathering& gathering, PerfSampling& sampling) {
     const std::optional<std::string> text = platform::ReadSystemFile("/proc/net/dev");
-    if (!text) return wmi_status::providerFailure;
+    if (!text) return FailedFile("/proc/net/dev", "Network interfaces", gathering);
     const std::uint64_t now = TimeSinceStart();
-    facts::QueueLengths queues;
+    std::optional<facts::QueueLengths> queues;
     if (gathering.asksFor(Need::queue)) {
         std::optional<facts::QueueLengths> read = facts::ReadQueueLengths();
-        if (!read) return wmi_status::providerFailure;
-        queues = std::move(*read);
+        if (!read) gathering.notice("OutputQueueLength was left out: the kernel does not list queues");
+        queues = std::move(read);
     }
     for (const facts::InterfaceCounters& counted : facts::ParseNetDev(*text)) {
         if (counted.name == "lo") continue;
-        Row row{counted, {}};
+        Row row{counted, {}, {}};
         if (gathering.asksFor(Need::speed)) row.speed = facts::InterfaceSpeed(counted.name);
-        if (gathering.asksFor(Need::queue)) row.queued = facts::QueueLengthOf(queues, counted.name);
+        if (queues) row.queued = facts::QueueLengthOf(*queues, counted.name);
         PerfObject object;
         object.name = counted.name;
         object.key = counted.name;

@@ -1,10 +1,10 @@
 // PerfOS_Objects: what the system has of each kind, from /proc and /dev/shm. Of locks and events between threads the
 // kernel knows only those that someone waits for.
 #include "facts/perf_texts.h"
-#include "facts/process_files.h"
 #include "facts/shared_objects.h"
 #include "facts/system_text.h"
 #include "wql/class_tree.h"
+#include "wql/classes/failures.h"
 #include "wql/classes/perf_class.h"
 
 namespace kv::wql {
@@ -19,39 +19,37 @@ struct Need {
 };
 
 struct Row {
-    std::uint64_t processes = 0;
+    std::optional<std::uint64_t> processes;
     std::optional<std::uint64_t> threads;
-    facts::SharedObjects shared;
+    std::optional<facts::SharedObjects> shared;
 };
+
+std::optional<std::uint64_t> SharedIn(const Row& row, std::uint64_t facts::SharedObjects::*count) {
+    return row.shared ? std::optional((*row.shared).*count) : std::nullopt;
+}
 
 // clang-format off
 constexpr CounterInfo counters[] = {
     {u"Events", uint32},
     {u"Mutexes", uint32},
     {u"Processes", uint32, value, Need::processes, "listed in /proc", [](const Row& row) { return row.processes; }},
-    {u"Sections", uint32, value, Need::shared, "segments of shared memory, of System V and of POSIX", [](const Row& row) { return row.shared.memories; }},
-    {u"Semaphores", uint32, value, Need::shared, "of System V, and those of POSIX with a name", [](const Row& row) { return row.shared.semaphores; }},
+    {u"Sections", uint32, value, Need::shared, "segments of shared memory, of System V and of POSIX", [](const Row& row) { return SharedIn(row, &facts::SharedObjects::memories); }},
+    {u"Semaphores", uint32, value, Need::shared, "of System V, and those of POSIX with a name", [](const Row& row) { return SharedIn(row, &facts::SharedObjects::semaphores); }},
     {u"Threads", uint32, value, Need::threads, "of /proc/loadavg", [](const Row& row) { return row.threads; }},
 };
 // clang-format on
 
-/// False when something that is asked for cannot be read.
-bool ReadRow(const Gathering& gathering, Row& row) {
-    if (gathering.asksFor(Need::processes)) row.processes = facts::ListProcessIds().size();
-    if (gathering.asksFor(Need::processes) && row.processes == 0) return false;
-    if (gathering.asksFor(Need::threads)) {
-        row.threads = facts::ParseThreadCount(platform::ReadSystemFile("/proc/loadavg").value_or(""));
-        if (!row.threads) return false;
-    }
-    if (!gathering.asksFor(Need::shared)) return true;
-    const std::optional<facts::SharedObjects> shared = facts::CountSharedObjects();
-    if (shared) row.shared = *shared;
-    return shared.has_value();
-}
-
 WmiStatus ReadObjects(const Gathering& gathering, PerfSampling& sampling) {
+    constexpr const char* load = "/proc/loadavg";
     Row row;
-    if (!ReadRow(gathering, row)) return wmi_status::providerFailure;
+    if (gathering.asksFor(Need::processes)) row.processes = CountAllProcesses(gathering);
+    if (gathering.asksFor(Need::threads)) {
+        row.threads = facts::ParseThreadCount(platform::ReadSystemFile(load).value_or(""));
+        if (!row.threads) return FailedFile(load, "Threads", gathering);
+    }
+    if (gathering.asksFor(Need::shared)) row.shared = facts::CountSharedObjects();
+    if (gathering.asksFor(Need::shared) && !row.shared)
+        gathering.notice("Sections and Semaphores were left out: /proc/sysvipc or /dev/shm cannot be read");
     sampling.Add({}, &row, TimeSinceStart());
     return wmi_status::ok;
 }

@@ -1,6 +1,7 @@
 // PerfOS_PagingFile: the swap devices and files in use. The kernel does not keep the most that has been in use.
 #include "facts/swaps.h"
 #include "wql/class_tree.h"
+#include "wql/classes/failures.h"
 #include "wql/classes/perf_class.h"
 
 namespace kv::wql {
@@ -18,9 +19,9 @@ constexpr CounterInfo counters[] = {
 };
 // clang-format on
 
-WmiStatus ReadPagingFiles(const Gathering&, PerfSampling& sampling) {
+WmiStatus ReadPagingFiles(const Gathering& gathering, PerfSampling& sampling) {
     const std::optional<std::vector<facts::Swap>> swaps = facts::ReadSwaps();
-    if (!swaps) return wmi_status::providerFailure;
+    if (!swaps) return FailedFile("/proc/swaps", "Swap devices and files", gathering);
     const std::uint64_t now = TimeSinceStart();
     for (const facts::Swap& swap : *swaps) {
         PerfObject object;

@@ -9,6 +9,7 @@
 #include "facts/process_files.h"
 #include "facts/system_text.h"
 #include "wql/class_tree.h"
+#include "wql/classes/failures.h"
 #include "wql/classes/perf_class.h"
 
 namespace kv::wql {
@@ -165,7 +166,7 @@ WmiStatus ReadProcesses(const Gathering& gathering, PerfSampling& sampling) {
     }
     // If /proc does not even show this process, finding no others says nothing.
     const bool canRead = !sampling.rows.empty() || platform::ReadSystemFile("/proc/self/stat");
-    return canRead ? wmi_status::ok : wmi_status::providerFailure;
+    return canRead ? wmi_status::ok : FailedFile("/proc/self/stat", "Processes", gathering);
 }
 
 constexpr PerfClass processes{.name = u"PerfProc_Process",

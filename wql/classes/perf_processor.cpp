@@ -8,9 +8,11 @@
 #include "facts/perf_texts.h"
 #include "facts/process_files.h"
 #include "facts/processor_clock.h"
+#include "facts/processor_idle.h"
 #include "facts/processor_nodes.h"
 #include "facts/system_text.h"
 #include "wql/class_tree.h"
+#include "wql/classes/failures.h"
 #include "wql/classes/perf_class.h"
 
 namespace kv::wql {
@@ -21,7 +23,15 @@ using enum CimType;
 using enum CounterKind;
 
 struct Need {
-    enum Bits : std::uint32_t { times = 1, interrupts = 2, softInterrupts = 4, timer = 8, clock = 16, clockTimes = 32 };
+    enum Bits : std::uint32_t {
+        times = 1,
+        interrupts = 2,
+        softInterrupts = 4,
+        timer = 8,
+        clock = 16,
+        clockTimes = 32,
+        idle = 64
+    };
 };
 
 struct Row {
@@ -31,6 +41,7 @@ struct Row {
     std::optional<std::uint64_t> timerInterrupts;
     facts::ProcessorClock clock;
     std::optional<facts::ClockTimes> clockTimes;
+    std::optional<facts::ProcessorIdle> idle;
 };
 
 using Number = std::optional<std::uint64_t>;
@@ -67,22 +78,39 @@ Number PerformanceIn(const Row& row) {
     return PercentOf(row.clockTimes->megahertzMilliseconds, row.clock.nominal);
 }
 
+constexpr std::uint64_t unitsPerMicrosecond = 10;
+
+/// What a processor did in the idle states of a depth, from 1.
+std::optional<facts::IdleTimes> IdleAt(const Row& row, std::size_t depth) {
+    return row.idle && row.idle->byDepth ? std::optional((*row.idle->byDepth)[depth - 1]) : std::nullopt;
+}
+
+Number EntriesAt(const Row& row, std::size_t depth) {
+    const std::optional<facts::IdleTimes> times = IdleAt(row, depth);
+    return times ? Number(times->entries) : std::nullopt;
+}
+
+Number IdleTimeAt(const Row& row, std::size_t depth) {
+    const std::optional<facts::IdleTimes> times = IdleAt(row, depth);
+    return times ? Number(times->microseconds * unitsPerMicrosecond) : std::nullopt;
+}
+
 /// At which the kernel's counts of interrupts wrap.
 constexpr std::uint64_t countPeriod = std::uint64_t{1} << 32;
 
 // clang-format off
 constexpr CounterInfo counters[] = {
-    {u"C1TransitionsPersec", uint64, rate},
-    {u"C2TransitionsPersec", uint64, rate},
-    {u"C3TransitionsPersec", uint64, rate},
+    {u"C1TransitionsPersec", uint64, rate, Need::idle, "times that it went into C1 and C1E, usage of cpuidle", [](const Row& row) { return EntriesAt(row, 1); }},
+    {u"C2TransitionsPersec", uint64, rate, Need::idle, "times that it went into C2, usage of cpuidle", [](const Row& row) { return EntriesAt(row, 2); }},
+    {u"C3TransitionsPersec", uint64, rate, Need::idle, "times that it went into C3 and deeper, usage of cpuidle", [](const Row& row) { return EntriesAt(row, 3); }},
     {u"DPCRate", uint32},
     {u"DPCsQueuedPersec", uint32, rate, Need::softInterrupts, "softirqs run, of /proc/softirqs",
         [](const Row& row) { return row.softInterrupts; }, nullptr, countPeriod},
     {u"InterruptsPersec", uint32, rate, Need::interrupts, "of /proc/interrupts", [](const Row& row) { return row.interrupts; },
         nullptr, countPeriod},
-    {u"PercentC1Time", uint64, percentOfTime},
-    {u"PercentC2Time", uint64, percentOfTime},
-    {u"PercentC3Time", uint64, percentOfTime},
+    {u"PercentC1Time", uint64, percentOfTime, Need::idle, "in C1 and C1E, time of cpuidle", [](const Row& row) { return IdleTimeAt(row, 1); }, wholeTimeIn},
+    {u"PercentC2Time", uint64, percentOfTime, Need::idle, "in C2, time of cpuidle", [](const Row& row) { return IdleTimeAt(row, 2); }, wholeTimeIn},
+    {u"PercentC3Time", uint64, percentOfTime, Need::idle, "in C3 and deeper, time of cpuidle", [](const Row& row) { return IdleTimeAt(row, 3); }, wholeTimeIn},
     {u"PercentDPCTime", uint64, percentOfTime, Need::times, "softirq", [](const Row& row) { return facts::TimeOfTicks(row.times.softInterrupts); }, wholeTimeIn},
     {u"PercentIdleTime", uint64, percentOfTime, Need::times, "idle and iowait", idleTimeIn, wholeTimeIn},
     {u"PercentInterruptTime", uint64, percentOfTime, Need::times, "irq", [](const Row& row) { return facts::TimeOfTicks(row.times.interrupts); }, wholeTimeIn},
@@ -94,22 +122,25 @@ constexpr CounterInfo counters[] = {
 };
 
 constexpr CounterInfo informationCounters[] = {
-    {u"AverageIdleTime", uint64, percentOfTimestamp},
-    {u"C1TransitionsPersec", uint64, rate},
-    {u"C2TransitionsPersec", uint64, rate},
-    {u"C3TransitionsPersec", uint64, rate},
+    {u"AverageIdleTime", uint64, averageOfMany, Need::idle, "100 ns, that it stayed in an idle state, time and usage of cpuidle",
+        [](const Row& row) { return row.idle ? Number(row.idle->all.microseconds * unitsPerMicrosecond) : std::nullopt; },
+        [](const Row& row) { return row.idle ? row.idle->all.entries : 0; }},
+    {u"C1TransitionsPersec", uint64, rate, Need::idle, "times that it went into C1 and C1E, usage of cpuidle", [](const Row& row) { return EntriesAt(row, 1); }},
+    {u"C2TransitionsPersec", uint64, rate, Need::idle, "times that it went into C2, usage of cpuidle", [](const Row& row) { return EntriesAt(row, 2); }},
+    {u"C3TransitionsPersec", uint64, rate, Need::idle, "times that it went into C3 and deeper, usage of cpuidle", [](const Row& row) { return EntriesAt(row, 3); }},
     {u"ClockInterruptsPersec", uint32, rate, Need::timer, "of the processor's timer, of /proc/interrupts", [](const Row& row) { return row.timerInterrupts; },
         nullptr, countPeriod},
     {u"DPCRate", uint32},
     {u"DPCsQueuedPersec", uint32, rate, Need::softInterrupts, "softirqs run, of /proc/softirqs",
         [](const Row& row) { return row.softInterrupts; }, nullptr, countPeriod},
-    {u"IdleBreakEventsPersec", uint64, rate},
+    {u"IdleBreakEventsPersec", uint64, rate, Need::idle, "times that it left an idle state, usage of cpuidle",
+        [](const Row& row) { return row.idle ? Number(row.idle->all.entries) : std::nullopt; }},
     {u"InterruptsPersec", uint32, rate, Need::interrupts, "of /proc/interrupts", [](const Row& row) { return row.interrupts; },
         nullptr, countPeriod},
     {u"ParkingStatus", uint32, value, 0, "always 0: Linux parks no processor", [](const Row&) { return 0; }},
-    {u"PercentC1Time", uint64, percentOfTime},
-    {u"PercentC2Time", uint64, percentOfTime},
-    {u"PercentC3Time", uint64, percentOfTime},
+    {u"PercentC1Time", uint64, percentOfTime, Need::idle, "in C1 and C1E, time of cpuidle", [](const Row& row) { return IdleTimeAt(row, 1); }, wholeTimeIn},
+    {u"PercentC2Time", uint64, percentOfTime, Need::idle, "in C2, time of cpuidle", [](const Row& row) { return IdleTimeAt(row, 2); }, wholeTimeIn},
+    {u"PercentC3Time", uint64, percentOfTime, Need::idle, "in C3 and deeper, time of cpuidle", [](const Row& row) { return IdleTimeAt(row, 3); }, wholeTimeIn},
     {u"PercentDPCTime", uint64, percentOfTime, Need::times, "softirq", [](const Row& row) { return facts::TimeOfTicks(row.times.softInterrupts); }, wholeTimeIn},
     {u"PercentIdleTime", uint64, percentOfTime, Need::times, "idle and iowait", idleTimeIn, wholeTimeIn},
     {u"PercentInterruptTime", uint64, percentOfTime, Need::times, "irq", [](const Row& row) { return facts::TimeOfTicks(row.times.interrupts); }, wholeTimeIn},
@@ -176,6 +207,7 @@ Row RowOf(const facts::ProcessorTimes& times, const Gathering& gathering, const 
     for (const facts::CpuBlock& block : surroundings.blocks) {
         if (block.number == times.number) row.clock = facts::ReadProcessorClock(block, facts::ReadCpuFile);
     }
+    if (gathering.asksFor(Need::idle)) row.idle = facts::ReadProcessorIdle(times.number, facts::ReadCpuFile);
     if (gathering.asksFor(Need::clockTimes)) {
         row.clockTimes =
             facts::ParseClockTimes(facts::ReadCpuFile(times.number, "cpufreq/stats/time_in_state").value_or(""));
@@ -187,7 +219,7 @@ Row RowOf(const facts::ProcessorTimes& times, const Gathering& gathering, const 
 WmiStatus ReadProcessors(const Gathering& gathering, PerfSampling& sampling,
                          const std::function<void(std::uint32_t number, PerfObject& object)>& setName) {
     const std::optional<std::string> text = platform::ReadSystemFile("/proc/stat");
-    if (!text) return wmi_status::providerFailure;
+    if (!text) return FailedFile("/proc/stat", "Processors", gathering);
     const std::uint64_t now = TimeSinceStart();
     Surroundings surroundings;
     ReadSurroundings(gathering, surroundings);

@@ -3,9 +3,9 @@
 
 #include "facts/kernel_totals.h"
 #include "facts/perf_texts.h"
-#include "facts/process_files.h"
 #include "facts/system_text.h"
 #include "wql/class_tree.h"
+#include "wql/classes/failures.h"
 #include "wql/classes/perf_class.h"
 
 namespace kv::wql {
@@ -21,7 +21,7 @@ struct Need {
 
 struct Row {
     std::string stat;
-    std::uint64_t processes = 0;
+    std::optional<std::uint64_t> processes;
     std::optional<std::uint64_t> threads;
 };
 
@@ -61,12 +61,10 @@ WmiStatus ReadSystem(const Gathering& gathering, PerfSampling& sampling) {
     if (gathering.asksFor(Need::stat)) stat = platform::ReadSystemFile("/proc/stat");
     const std::uint64_t now = TimeSinceStart();
     if (gathering.asksFor(Need::threads)) load = platform::ReadSystemFile("/proc/loadavg");
-    if (!stat || !load) return wmi_status::providerFailure;
-    Row row{std::move(*stat), 0, facts::ParseThreadCount(*load)};
-    if (gathering.asksFor(Need::processes)) {
-        row.processes = facts::ListProcessIds().size();
-        if (row.processes == 0) return wmi_status::providerFailure;
-    }
+    if (!stat) return FailedFile("/proc/stat", "The system's counters", gathering);
+    if (!load) return FailedFile("/proc/loadavg", "The system's counters", gathering);
+    Row row{std::move(*stat), {}, facts::ParseThreadCount(*load)};
+    if (gathering.asksFor(Need::processes)) row.processes = CountAllProcesses(gathering);
     sampling.Add({}, &row, now);
     return wmi_status::ok;
 }

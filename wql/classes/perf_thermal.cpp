@@ -3,6 +3,7 @@
 #include "facts/system_text.h"
 #include "facts/thermal_zones.h"
 #include "wql/class_tree.h"
+#include "wql/classes/failures.h"
 #include "wql/classes/perf_class.h"
 
 namespace kv::wql {
@@ -31,9 +32,9 @@ constexpr CounterInfo counters[] = {
 };
 // clang-format on
 
-WmiStatus ReadZones(const Gathering&, PerfSampling& sampling) {
+WmiStatus ReadZones(const Gathering& gathering, PerfSampling& sampling) {
     const std::optional<std::vector<Row>> zones = facts::ReadThermalZones();
-    if (!zones) return wmi_status::providerFailure;
+    if (!zones) return FailedFile("/sys/class/thermal", "Thermal zones", gathering);
     const std::uint64_t now = TimeSinceStart();
     std::unordered_map<std::string, unsigned> counts;  // of each type so far
     for (const Row& zone : *zones) {
