@@ -1,4 +1,5 @@
 // The provider as a whole: what it answers and refuses, and that nobody waits for it forever.
+#include <algorithm>
 #include <chrono>
 #include <fmt/format.h>
 #include <gtest/gtest.h>
@@ -9,6 +10,8 @@
 #include "tests/support/wmi_query.h"
 #include "wql/bounded_run.h"
 #include "wql/class_tree.h"
+#include "wql/object_path.h"
+#include "wql/system_properties.h"
 
 namespace kv::test {
 namespace {
@@ -110,6 +113,66 @@ TEST_F(WmiProvider, EveryClassAnswersWithAllItsProperties) {
         if (result.rows.empty()) continue;
         EXPECT_EQ(result.names.size(), classInfo->properties.size()) << name;
     }
+}
+
+/// The names of the objects that a query gives, and those by which they refer to others.
+struct Names {
+    std::vector<std::u16string> own;
+    std::vector<std::u16string> references;
+};
+
+Names NamesFrom(const BoundQuery& query) {
+    Names names;
+    const ResultSink sink{[](const ResultObject&) {}, [] { return true; }, [](const std::string&) {}};
+    static_cast<void>(GatherRows(query, sink, [&](const ClassQuery& part, const void* row) {
+        names.own.push_back(RelativePath(part.classInfo->name, KeysOf(*part.classInfo, row)));
+        for (const PropertyInfo* property : part.properties) {
+            if (property->type != CimType::reference || property->read == nullptr) continue;
+            const CimValue value = property->read(row, *property);
+            const auto* path = std::get_if<std::u16string>(&value.held);
+            if (path != nullptr) names.references.emplace_back(WithoutNamespace(*path));
+        }
+    }));
+    return names;
+}
+
+bool FindsOneObject(const std::u16string& name) {
+    const std::optional<ObjectName> read = ParseObjectPath(name);
+    BoundQuery query;
+    return read && BindObject(*read, query) == wmi_status::ok && NamesFrom(query).own == std::vector{name};
+}
+
+/// Whether a name from a class finds one object, or has gone from the class. What it names may go, and come again,
+/// while this looks.
+bool IsTrueOrGone(const std::u16string& name, const ClassInfo& classInfo, std::vector<std::u16string> Names::*list) {
+    for (int attempt = 0; attempt < 5; ++attempt) {
+        if (FindsOneObject(name)) return true;
+        const Names now = NamesFrom(BindWholeClass(classInfo));
+        if (std::ranges::find(now.*list, name) == (now.*list).end()) return true;
+    }
+    return false;
+}
+
+TEST_F(WmiProvider, EveryObjectIsFoundByItsName) {
+    constexpr std::size_t most = 5;  // of a class, and of those that its objects refer to
+    std::size_t count = 0;
+    for (const ClassInfo* classInfo : AllClasses()) {
+        if (classInfo->gather == nullptr || classInfo->keys.empty()) continue;
+        Names names = NamesFrom(BindWholeClass(*classInfo));
+        // A session may be that of a directory service's user, whose account is not listed.
+        std::erase_if(names.references, [](const auto& name) { return name.starts_with(u"Win32_UserAccount."); });
+        for (const auto list : {&Names::own, &Names::references}) {
+            const std::size_t tried = std::min((names.*list).size(), most);
+            for (std::size_t at = 0; at < tried; ++at, ++count) {
+                const std::u16string& name = (names.*list)[at * (names.*list).size() / tried];
+                EXPECT_TRUE(IsTrueOrGone(name, *classInfo, list)) << Utf8FromWide(name);
+            }
+        }
+        std::ranges::sort(names.own);
+        const auto twice = std::ranges::adjacent_find(names.own);
+        EXPECT_TRUE(twice == names.own.end()) << Utf8FromWide(*twice) << " comes twice";
+    }
+    EXPECT_GT(count, 30U);
 }
 
 TEST_F(WmiProvider, GivesUpWorkThatDoesNotEnd) {
