@@ -28,10 +28,9 @@ struct DiskCounters {
 /// Malformed lines are left out.
 std::vector<DiskCounters> ParseDiskStats(std::string_view text);
 
-/// Names of the disks that are hardware (real or a virtual machine's), short ones first, so that sdb comes before sdaa,
-/// then sorted. Partitions, loop devices, memory disks,
-/// devices made of others and drives of other media (CDs, floppies) are left out. Absent when /sys/block, below the
-/// root if one is given, cannot be read.
+/// Names of the disks that are hardware (real or a virtual machine's), by length and then by letters, so that sdb comes
+/// before sdaa. Partitions, loop devices, memory disks, devices made of others and drives of other media (CDs,
+/// floppies) are left out. Absent when /sys/block, below the root if one is given, cannot be read.
 std::optional<std::vector<std::string>> ListPhysicalDisks(const std::string& root = {});
 
 /// Names of the drives for CDs and DVDs, in the same order; absent as above.
