@@ -1,16 +1,22 @@
 // TCP, queues of adapters, routes, echoes and shares, as ss, nstat, tc, ip and ping see them. Each test that needs its
 // own network runs again in a namespace.
 #include <arpa/inet.h>
+#include <cerrno>
 #include <chrono>
+#include <cstddef>
 #include <filesystem>
 #include <fmt/format.h>
 #include <fstream>
 #include <gmock/gmock.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <map>
 #include <set>
 #include <sstream>
 #include <string>
+#include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <vector>
 
 #include "platform/linux/descriptor.h"
@@ -246,6 +252,53 @@ TEST_F(WmiNetwork, EchoesOfOneQueryAreSentAtOnceAndNamesAreNotWaitedForLonger) {
     ASSERT_EQ(setuid(65534), 0);
     EXPECT_EQ(RunWmiQuery("SELECT * FROM Win32_PingStatus WHERE Address = '127.0.0.1'").status,
               wmi_status::accessDenied);
+}
+
+/// From now on this process gets no netlink sockets, and no memory for what arrives on others.
+void RefuseNetlinkAndMessages() {
+    constexpr auto load = [](std::size_t at) {
+        return sock_filter BPF_STMT(BPF_LD | BPF_W | BPF_ABS, static_cast<std::uint32_t>(at));
+    };
+    constexpr auto skipUnless = [](std::uint32_t value, std::uint8_t count) {
+        return sock_filter BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, value, 0, count);
+    };
+    constexpr auto end = [](std::uint32_t result) { return sock_filter BPF_STMT(BPF_RET | BPF_K, result); };
+    sock_filter steps[] = {
+        load(offsetof(seccomp_data, nr)),   skipUnless(SYS_recvmsg, 1),
+        end(SECCOMP_RET_ERRNO | ENOMEM),    skipUnless(SYS_socket, 3),
+        load(offsetof(seccomp_data, args)), skipUnless(AF_NETLINK, 1),
+        end(SECCOMP_RET_ERRNO | EACCES),    end(SECCOMP_RET_ALLOW),
+    };
+    sock_fprog program{std::size(steps), steps};
+    ASSERT_EQ(prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), 0);
+    ASSERT_EQ(prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program), 0);
+}
+
+TEST_F(WmiNetwork, SaysWhatTheKernelRefusesAndGivesTheRest) {
+    if (!IsInNamespaces()) return RunInNamespaces("--net", "ip link set lo up && ip link add kv0 type veth");
+    RefuseNetlinkAndMessages();
+    const struct {
+        const char* query;
+        std::uint32_t status;
+        const char* properties;
+        const char* texts;
+    } rows[] = {
+        {"Win32_PerfRawData_Tcpip_TCPv4", 0, "ConnectionsEstablished,ConnectionsActive", "NULL 0"},
+        {"Win32_PerfRawData_Tcpip_TCPv6", wmi_status::providerFailure, "", ""},
+        {"Win32_PerfRawData_Tcpip_NetworkAdapter WHERE Name = 'kv0'", 0, "OutputQueueLength,BytesTotalPersec",
+         "NULL 0"},
+        {"Win32_IP4RouteTable", wmi_status::providerFailure, "", ""},
+        {"Win32_NetworkAdapterConfiguration", wmi_status::providerFailure, "", ""},
+    };
+    for (const auto& row : rows) {
+        const WmiResult result = RunWmiQuery(std::string("SELECT * FROM ") + row.query);
+        EXPECT_EQ(result.status, row.status) << row.query;
+        EXPECT_EQ(result.notices.size(), 1u) << row.query;
+        EXPECT_EQ(result.rows.empty() ? "" : PropertyTexts(result.rows[0], row.properties), row.texts) << row.query;
+    }
+    const WmiRow echo = OnlyRow("SELECT * FROM Win32_PingStatus WHERE Address = '127.0.0.1' AND Timeout = 300");
+    EXPECT_EQ(PropertyText(echo, "StatusCode"), "11050")
+        << "reading the answer fails, whether or not it is tried again";
 }
 
 std::string shareRoot;
