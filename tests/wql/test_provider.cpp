@@ -10,7 +10,7 @@
 #include "tests/support/wmi_query.h"
 #include "wql/bounded_run.h"
 #include "wql/class_tree.h"
-#include "wql/object_path.h"
+#include "wql/object_query.h"
 #include "wql/system_properties.h"
 
 namespace kv::test {
@@ -136,10 +136,15 @@ Names NamesFrom(const BoundQuery& query) {
     return names;
 }
 
+Names NamesOf(const ClassInfo& classInfo) {
+    return NamesFrom({.parts = {{&classInfo, AllProperties(classInfo), std::nullopt}}, .named = &classInfo});
+}
+
 bool FindsOneObject(const std::u16string& name) {
     const std::optional<ObjectName> read = ParseObjectPath(name);
     BoundQuery query;
-    return read && BindObject(*read, query) == wmi_status::ok && NamesFrom(query).own == std::vector{name};
+    return read && BindObject(*read, AllProperties, query) == wmi_status::ok &&
+           NamesFrom(query).own == std::vector{name};
 }
 
 /// Whether a name from a class finds one object, or has gone from the class. What it names may go, and come again,
@@ -147,7 +152,7 @@ bool FindsOneObject(const std::u16string& name) {
 bool IsTrueOrGone(const std::u16string& name, const ClassInfo& classInfo, std::vector<std::u16string> Names::*list) {
     for (int attempt = 0; attempt < 5; ++attempt) {
         if (FindsOneObject(name)) return true;
-        const Names now = NamesFrom(BindWholeClass(classInfo));
+        const Names now = NamesOf(classInfo);
         if (std::ranges::find(now.*list, name) == (now.*list).end()) return true;
     }
     return false;
@@ -158,7 +163,7 @@ TEST_F(WmiProvider, EveryObjectIsFoundByItsName) {
     std::size_t count = 0;
     for (const ClassInfo* classInfo : AllClasses()) {
         if (classInfo->gather == nullptr || classInfo->keys.empty()) continue;
-        Names names = NamesFrom(BindWholeClass(*classInfo));
+        Names names = NamesOf(*classInfo);
         // A session may be that of a directory service's user, whose account is not listed.
         std::erase_if(names.references, [](const auto& name) { return name.starts_with(u"Win32_UserAccount."); });
         for (const auto list : {&Names::own, &Names::references}) {
