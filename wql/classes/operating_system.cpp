@@ -163,7 +163,7 @@ constexpr PropertyInfo properties[] = {
     {u"MUILanguages", ArrayOf(string), Need::locale, "the one of the system's locale", [](const Row& row) { return LanguagesOf(row); }},
     {u"Name", string, Need::release | Need::kernel, "as Caption", captionIn},
     {u"NumberOfLicensedUsers", uint32, 0, "0: no limit", zero},
-    {u"NumberOfProcesses", uint32, Need::processes, "directories of /proc", [](const Row& row) { return row.processes; }},
+    {u"NumberOfProcesses", uint32, Need::processes, "directories of /proc; NULL where it hides those of other users", [](const Row& row) { return row.processes; }},
     {u"NumberOfUsers", uint32, Need::sessions, "sessions of utmp or the login manager", [](const Row& row) { return row.sessions; }},
     {u"OperatingSystemSKU", uint32, 0, "0: not an edition of Windows", zero},
     {u"Organization", string},

@@ -32,7 +32,7 @@ std::optional<std::uint64_t> SharedIn(const Row& row, std::uint64_t facts::Share
 constexpr CounterInfo counters[] = {
     {u"Events", uint32},
     {u"Mutexes", uint32},
-    {u"Processes", uint32, value, Need::processes, "listed in /proc", [](const Row& row) { return row.processes; }},
+    {u"Processes", uint32, value, Need::processes, "listed in /proc; NULL where it hides those of other users", [](const Row& row) { return row.processes; }},
     {u"Sections", uint32, value, Need::shared, "segments of shared memory, of System V and of POSIX", [](const Row& row) { return SharedIn(row, &facts::SharedObjects::memories); }},
     {u"Semaphores", uint32, value, Need::shared, "of System V, and those of POSIX with a name", [](const Row& row) { return SharedIn(row, &facts::SharedObjects::semaphores); }},
     {u"Threads", uint32, value, Need::threads, "of /proc/loadavg", [](const Row& row) { return row.threads; }},

@@ -46,7 +46,7 @@ constexpr CounterInfo counters[] = {
     {u"FileWriteOperationsPersec", uint32, rate},
     {u"FloatingEmulationsPersec", uint32, rate},
     {u"PercentRegistryQuotaInUse", uint32, fraction},
-    {u"Processes", uint32, value, Need::processes, "listed in /proc", [](const Row& row) { return row.processes; }},
+    {u"Processes", uint32, value, Need::processes, "listed in /proc; NULL where it hides those of other users", [](const Row& row) { return row.processes; }},
     {u"ProcessorQueueLength", uint32, value, Need::stat, "procs_running of stat beyond one for each processor",
         [](const Row& row) { return QueueLengthIn(row); }},
     {u"SystemCallsPersec", uint32, rate},
