@@ -8,10 +8,12 @@
 #include <fmt/format.h>
 #include <memory>
 #include <string_view>
+#include <sys/resource.h>
 #include <system_error>
 #include <systemd/sd-journal.h>
 #include <utility>
 
+#include "facts/mapped_reads.h"
 #include "facts/system_text.h"
 #include "platform/owned_handle.h"
 
@@ -168,14 +170,36 @@ int ReadEntry(JournalFile& file, JournalEntry& entry) {
     return result;
 }
 
+/// The result of a step in a file; a failure if pages of the file could not be read meanwhile.
+int Checked(MappedReads& reads, int result) { return reads.takeDamage() ? -EIO : result; }
+
+std::size_t MostOpenFiles() {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur / 4 >= maxJournalFiles) return maxJournalFiles;
+    return std::max<std::size_t>(1, limit.rlim_cur / 4);
+}
+
+/// Whether the selection's limit has passed. The reading then says so.
+bool IsOverdue(const JournalSelection& selection, JournalReading& reading) {
+    reading.isOverdue = std::chrono::steady_clock::now() > selection.limit;
+    return reading.isOverdue;
+}
+
 /// The files that have entries of the selection, each at its newest.
 std::vector<JournalFile> OpenSelected(const std::vector<std::string>& paths, const JournalSelection& selection,
-                                      JournalReading& reading) {
+                                      MappedReads& reads, JournalReading& reading) {
+    const std::size_t most = MostOpenFiles();
     std::vector<JournalFile> files;
     for (const std::string& path : paths) {
+        if (IsOverdue(selection, reading)) break;
+        if (files.size() == most) {
+            ++reading.leftOut;
+            continue;
+        }
         JournalFile file{.path = path, .journal = {}};
         int result = OpenFile(file);
         if (result >= 0) result = StartAtNewest(file, selection);
+        result = Checked(reads, result);
         if (result < 0) {
             AddLoss(reading, path, result);
             continue;
@@ -193,43 +217,30 @@ bool IsOlder(const JournalFile& left, const JournalFile& right) {
 /// Hands over the entries of all files. An entry that two files hold, as while the journal moves to its lasting folder,
 /// comes once.
 void MergeFiles(std::vector<JournalFile>& files, const JournalSelection& selection,
-                const std::function<bool(const JournalEntry& entry)>& take, JournalReading& reading) {
+                const std::function<bool(const JournalEntry& entry)>& take, MappedReads& reads,
+                JournalReading& reading) {
     JournalEntry entry;
-    std::size_t taken = 0;
-    while (!files.empty()) {
+    bool isFirst = true;
+    while (!files.empty() && !IsOverdue(selection, reading)) {
         const auto newest = std::max_element(files.begin(), files.end(), IsOlder);
-        if (taken == selection.mostEntries) {
-            reading.hasMore = true;
-            return;
-        }
-        const bool isRepeated = taken > 0 && entry.written == newest->written &&
+        const bool isRepeated = !isFirst && entry.written == newest->written &&
                                 entry.number == static_cast<std::uint32_t>(newest->sequence);
-        int result = isRepeated ? 0 : ReadEntry(*newest, entry);
+        int result = isRepeated ? 0 : Checked(reads, ReadEntry(*newest, entry));
         if (result < 0) {
             AddLoss(reading, newest->path, result);
         } else if (!isRepeated) {
-            ++taken;
+            isFirst = false;
             if (!take(entry)) return;
         }
-        result = StepBack(*newest, selection);
+        if (result != -EIO) result = Checked(reads, StepBack(*newest, selection));
         if (result < 0) AddLoss(reading, newest->path, result);
         if (result <= 0) files.erase(newest);
     }
 }
 
-std::vector<std::string> PathsToRead(const std::vector<std::string>& folders, JournalReading& reading) {
-    std::vector<std::string> paths = FindJournalFiles(folders, reading.denied);
-    reading.files = paths.size();
-    if (paths.size() > maxJournalFiles) {
-        reading.leftOut = paths.size() - maxJournalFiles;
-        paths.resize(maxJournalFiles);
-    }
-    return paths;
-}
-
 /// Adds the matching entries of a file to the count. False when they are not known.
 bool CountInFile(const std::string& path, const std::vector<JournalMatches>& alternatives,
-                 std::chrono::steady_clock::time_point limit, std::uint64_t& count) {
+                 std::chrono::steady_clock::time_point limit, MappedReads& reads, std::uint64_t& count) {
     JournalFile file{.path = path, .journal = {}};
     int result = OpenFile(file);
     if (result >= 0) result = AddMatches(file.journal.get(), alternatives);
@@ -238,7 +249,7 @@ bool CountInFile(const std::string& path, const std::vector<JournalMatches>& alt
     while (result >= 0 && (result = Step(file, sd_journal_next)) > 0) {
         if (++count % entriesBetweenLooksAtTheClock == 0 && std::chrono::steady_clock::now() > limit) return false;
     }
-    return result >= 0;
+    return Checked(reads, result) >= 0;
 }
 
 }  // namespace
@@ -251,7 +262,7 @@ std::vector<std::string> JournalFolders() {
     return {fmt::format("/var/log/journal/{}", text.data()), fmt::format("/run/log/journal/{}", text.data())};
 }
 
-std::vector<std::string> FindJournalFiles(const std::vector<std::string>& folders, std::size_t& denied) {
+std::vector<std::string> FindJournalFiles(const std::vector<std::string>& folders, JournalReading& reading) {
     std::vector<std::pair<fs::file_time_type, std::string>> found;
     for (const std::string& folder : folders) {
         std::error_code failure;
@@ -261,7 +272,7 @@ std::vector<std::string> FindJournalFiles(const std::vector<std::string>& folder
             const fs::file_time_type time = at->last_write_time(gone);
             if (path.ends_with(".journal") || path.ends_with(".journal~")) found.emplace_back(time, path);
         }
-        if (failure == std::errc::permission_denied) ++denied;
+        if (failure && failure != std::errc::no_such_file_or_directory) AddLoss(reading, folder, -failure.value());
     }
     std::sort(found.begin(), found.end(), std::greater<>());
     std::vector<std::string> paths;
@@ -273,8 +284,11 @@ std::vector<std::string> FindJournalFiles(const std::vector<std::string>& folder
 JournalReading ReadJournal(const std::vector<std::string>& folders, const JournalSelection& selection,
                            const std::function<bool(const JournalEntry& entry)>& take) {
     JournalReading reading;
-    std::vector<JournalFile> files = OpenSelected(PathsToRead(folders, reading), selection, reading);
-    MergeFiles(files, selection, take, reading);
+    const std::vector<std::string> paths = FindJournalFiles(folders, reading);
+    reading.files = paths.size();
+    MappedReads reads;
+    std::vector<JournalFile> files = OpenSelected(paths, selection, reads, reading);
+    MergeFiles(files, selection, take, reads, reading);
     return reading;
 }
 
@@ -283,11 +297,11 @@ std::optional<std::uint64_t> CountJournalEntries(const std::vector<std::string>&
                                                  std::chrono::steady_clock::time_point limit) {
     std::uint64_t count = 0;
     JournalReading reading;
-    for (const std::string& path : PathsToRead(folders, reading)) {
-        if (!CountInFile(path, alternatives, limit, count)) return std::nullopt;
+    MappedReads reads;
+    for (const std::string& path : FindJournalFiles(folders, reading)) {
+        if (!CountInFile(path, alternatives, limit, reads, count)) return std::nullopt;
     }
-    if (reading.leftOut > 0) return std::nullopt;
-    return count;
+    return reading.denied + reading.failures > 0 ? std::nullopt : std::optional(count);
 }
 
 }  // namespace kv::facts

@@ -21,8 +21,8 @@ namespace kv::facts {
 /// A field of an entry is read up to here: a single one may have hundreds of megabytes.
 inline constexpr std::size_t maxJournalField = 32768;
 
-/// Files that one reading opens, the ones last written to. The journal keeps a hundred in each folder unless it is told
-/// otherwise, and a process may usually open a thousand.
+/// Files that one reading has open at once at most, the ones last written to, and no more than a quarter of those that
+/// this process may open. The journal keeps a hundred in each folder unless it is told otherwise.
 inline constexpr std::size_t maxJournalFiles = 400;
 
 /// Texts are bytes as they were logged, be they UTF-8 or not; empty when the entry does not have them.
@@ -49,7 +49,7 @@ struct JournalSelection {
     std::int64_t earliest = 0;  // of the time written
     std::int64_t latest = std::numeric_limits<std::int64_t>::max();
     std::vector<JournalMatches> alternatives = {};  // any of these; empty: all entries
-    std::size_t mostEntries = std::numeric_limits<std::size_t>::max();
+    std::chrono::steady_clock::time_point limit = std::chrono::steady_clock::time_point::max();
 };
 
 /// What a reading could see, and could not.
@@ -59,18 +59,20 @@ struct JournalReading {
     std::size_t denied = 0;    // files and folders that may not be read
     std::size_t failures = 0;  // places in files, or whole ones, that could not be read
     std::string firstFailure;  // file and reason
-    std::size_t leftOut = 0;   // files beyond maxJournalFiles
-    bool hasMore = false;      // mostEntries were read, and there are more
+    std::size_t leftOut = 0;   // files beyond those that may be open
+    bool isOverdue = false;    // the selection's limit has passed
 };
 
 /// The folders of this computer's own journal, whether they are there or not: the lasting one, and the one in memory.
 /// Empty when the computer has no machine id.
 std::vector<std::string> JournalFolders();
 
-/// The journal's files in the folders, the one last written to first. Adds folders that may not be listed to denied.
-std::vector<std::string> FindJournalFiles(const std::vector<std::string>& folders, std::size_t& denied);
+/// The journal's files in the folders, the one last written to first. Folders that cannot be listed are added to the
+/// reading's denied or failures.
+std::vector<std::string> FindJournalFiles(const std::vector<std::string>& folders, JournalReading& reading);
 
-/// Hands over the selected entries, the newest first, until take returns false.
+/// Hands over the selected entries, the newest first, until take returns false or the selection's limit has passed. A
+/// file that is cut off, or whose disk fails, while it is read gives what was read before.
 JournalReading ReadJournal(const std::vector<std::string>& folders, const JournalSelection& selection,
                            const std::function<bool(const JournalEntry& entry)>& take);
 

@@ -44,8 +44,10 @@ std::uint32_t NeedsOf(const ClassQuery& query) {
     return needs;
 }
 
-WmiStatus GatherClass(const ClassQuery& query, const ResultSink& sink, const RowSink& take) {
+WmiStatus GatherClass(const ClassQuery& query, bool isOnlyClass, const ResultSink& sink, const RowSink& take) {
     Gathering gathering;
+    gathering.isOnlyClass = isOnlyClass;
+    gathering.wantsMore = sink.wantsMore;
     gathering.needs = NeedsOf(query);
     if (query.where) {
         gathering.restrictions = RestrictionsOf(*query.where);
@@ -53,7 +55,10 @@ WmiStatus GatherClass(const ClassQuery& query, const ResultSink& sink, const Row
     }
     gathering.notice = sink.notice;
     gathering.row = [&](const void* row) {
-        if (!query.where || Matches(*query.where, row)) take(query, row);
+        if (!query.where || Matches(*query.where, row)) {
+            ++gathering.kept;
+            take(query, row);
+        }
         return sink.wantsMore();
     };
     try {
@@ -117,7 +122,7 @@ ResultObject ObjectOf(const ClassQuery& query, const void* row) {
 WmiStatus GatherRows(const BoundQuery& query, const ResultSink& sink, const RowSink& take) {
     std::vector<WmiStatus> failures;
     for (const ClassQuery& part : query.parts) {
-        const WmiStatus status = GatherClass(part, sink, take);
+        const WmiStatus status = GatherClass(part, query.parts.size() == 1, sink, take);
         if (!sink.wantsMore()) return wmi_status::ok;
         if (!IsFailure(status)) continue;
         if (part.classInfo == query.named || query.parts.size() == 1) return status;

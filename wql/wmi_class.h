@@ -5,6 +5,7 @@
 // that it reads, so that gather fills only those. Each class numbers its own needs.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <span>
@@ -70,6 +71,12 @@ struct Gathering {
 
     /// Takes one object; the record is read before this returns. False when no more objects are wanted.
     std::function<bool(const void* row)> row;
+
+    std::size_t kept = 0;      // objects so far that match WHERE
+    bool isOnlyClass = false;  // the query is for objects of this class only, not for those of a superclass
+
+    /// Whether more objects are wanted: for a gather that may read long between two objects.
+    std::function<bool()> wantsMore = [] { return true; };
 
     /// Takes a line for the log, UTF-8, such as that a mount was left out.
     std::function<void(std::string text)> notice;

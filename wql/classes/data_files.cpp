@@ -321,7 +321,7 @@ WmiStatus GatherEventLogFiles(const Gathering& gathering, const std::vector<std:
     const auto names = TextsOf(gathering, u"Name");
     const auto paths = TextsOf(gathering, u"Path");
     facts::JournalReading found;
-    const std::vector<std::string> files = facts::FindJournalFiles(folders, found.denied);
+    const std::vector<std::string> files = facts::FindJournalFiles(folders, found);
     found.files = found.read = files.size();
     if (files.empty()) return names || paths ? wmi_status::ok : TellJournalLosses(found, gathering);
     FileGathering gather(gathering);

@@ -102,6 +102,7 @@ struct Wanted {
     std::vector<EventLog> logs;
     std::vector<EventType> types;
     facts::JournalSelection selection;
+    std::size_t mostEntries = std::numeric_limits<std::size_t>::max();
 };
 
 bool IsAmong(const auto& list, const auto& one) { return std::find(list.begin(), list.end(), one) != list.end(); }
@@ -145,7 +146,8 @@ std::int64_t MomentAt(const CimValue& end, std::int64_t otherwise) {
     return moment != nullptr ? std::max<std::int64_t>(*moment, 0) : otherwise;
 }
 
-/// How long an entry may be on its way from its source to the journal, which may be busy or not yet running.
+/// How far the time at which an entry was generated may lie from when it was written: before, because the journal was
+/// busy or not yet running; after, because the clock was set back in between.
 constexpr std::int64_t longestWay = 60'000'000;  // microseconds
 
 Wanted WantedBy(const Gathering& gathering) {
@@ -163,11 +165,12 @@ Wanted WantedBy(const Gathering& gathering) {
     const Range written = gathering.rangeOf(u"TimeWritten");
     selection.lowestNumber = NumberAt(numbers.lowest, selection.lowestNumber);
     selection.highestNumber = NumberAt(numbers.highest, selection.highestNumber);
-    selection.earliest = std::max(MomentAt(generated.lowest, 0), MomentAt(written.lowest, 0));
+    const std::int64_t earliestGenerated = std::max<std::int64_t>(MomentAt(generated.lowest, 0) - longestWay, 0);
+    selection.earliest = std::max(earliestGenerated, MomentAt(written.lowest, 0));
     const std::int64_t latestGenerated = MomentAt(generated.highest, selection.latest - longestWay) + longestWay;
     selection.latest = std::min(latestGenerated, MomentAt(written.highest, selection.latest));
     const bool isBounded = !numbers.lowest.isNull() || !generated.lowest.isNull() || !written.lowest.isNull();
-    if (!isBounded) selection.mostEntries = maxUnboundedEntries;
+    if (!isBounded) wanted.mostEntries = maxUnboundedEntries;
     selection.alternatives = AlternativesOf(wanted);
     return wanted;
 }
@@ -186,6 +189,54 @@ class UserNames {
 
   private:
     std::map<std::string, std::string> names_;
+};
+
+/// Makes rows of the wanted ones among the entries that are read.
+class EventTaker {
+  public:
+    EventTaker(const Gathering& gathering, const Wanted& wanted) : gathering_(gathering), wanted_(wanted) {
+        if (gathering.asksFor(Need::host)) row_.host = facts::HostName();
+        if (gathering.asksFor(Need::user)) users_.emplace();
+    }
+
+    /// False when no more are wanted.
+    bool take(const JournalEntry& entry) {
+        if (!IsAmong(wanted_.logs, LogOf(entry)) || !IsAmong(wanted_.types, TypeOf(entry)))
+            return gathering_.wantsMore();
+        hasMore_ = entries_++ == wanted_.mostEntries;
+        if (hasMore_) return false;
+        row_.entry = entry;
+        row_.user.clear();
+        if (users_ && !entry.userId.empty())
+            row_.user = row_.host + u"\\" + platform::WideFromUtf8(users_->nameOf(entry.userId));
+        const std::size_t kept = gathering_.kept;
+        const bool isMoreWanted = gathering_.row(&row_);
+        constexpr std::size_t bytesBesideMessage = 512;
+        if (gathering_.kept > kept) bytes_ += entry.message.size() + bytesBesideMessage;
+        return isMoreWanted && bytes_ < maxEventBytes;
+    }
+
+    void tellWhatWasLeftOut() const {
+        if (hasMore_) {
+            gathering_.notice(
+                fmt::format("Only the newest {} entries of the journal were read; a lower bound of "
+                            "RecordNumber or TimeGenerated in WHERE brings all from there on",
+                            maxUnboundedEntries));
+        }
+        if (bytes_ >= maxEventBytes) {
+            gathering_.notice(fmt::format("Entries before record {} were left out: the newer ones are {} MiB already",
+                                          row_.entry.number, maxEventBytes >> 20));
+        }
+    }
+
+  private:
+    const Gathering& gathering_;
+    const Wanted& wanted_;
+    Row row_;
+    std::optional<UserNames> users_;
+    std::size_t entries_ = 0;
+    std::size_t bytes_ = 0;
+    bool hasMore_ = false;
 };
 
 WmiStatus GatherOwnEvents(const Gathering& gathering) { return GatherEvents(gathering, facts::JournalFolders()); }
@@ -219,7 +270,7 @@ std::vector<JournalMatches> MatchesOf(EventLog log) {
 }
 
 WmiStatus TellJournalLosses(const facts::JournalReading& reading, const Gathering& gathering) {
-    if (reading.files == 0 && reading.denied == 0) {
+    if (reading.files == 0 && reading.denied + reading.failures == 0) {
         gathering.notice("There is no journal: no file of systemd's in /var/log/journal or /run/log/journal");
         return wmi_status::providerFailure;
     }
@@ -234,41 +285,29 @@ WmiStatus TellJournalLosses(const facts::JournalReading& reading, const Gatherin
                                      reading.firstFailure));
     }
     if (reading.leftOut > 0) {
-        gathering.notice(fmt::format("The {} oldest files of the journal were not read: at most {} are",
-                                     reading.leftOut, facts::maxJournalFiles));
+        gathering.notice(
+            fmt::format("The {} oldest of {} files of the journal were not read: so many must not be open "
+                        "at once",
+                        reading.leftOut, reading.files));
     }
-    if (reading.read > 0) return wmi_status::ok;
+    if (reading.read > 0 || reading.isOverdue) return wmi_status::ok;
     return reading.denied > 0 ? wmi_status::accessDenied : wmi_status::providerFailure;
 }
 
-WmiStatus GatherEvents(const Gathering& gathering, const std::vector<std::string>& folders) {
-    const Wanted wanted = WantedBy(gathering);
+WmiStatus GatherEvents(const Gathering& gathering, const std::vector<std::string>& folders,
+                       std::chrono::milliseconds longest) {
+    Wanted wanted = WantedBy(gathering);
     if (wanted.logs.empty() || wanted.types.empty()) return wmi_status::ok;
-    Row row;
-    if (gathering.asksFor(Need::host)) row.host = facts::HostName();
-    std::optional<UserNames> users;
-    if (gathering.asksFor(Need::user)) users.emplace();
-    std::size_t bytes = 0;
-    const auto take = [&](const JournalEntry& entry) {
-        if (!IsAmong(wanted.logs, LogOf(entry)) || !IsAmong(wanted.types, TypeOf(entry))) return true;
-        row.entry = entry;
-        row.user.clear();
-        if (users && !entry.userId.empty())
-            row.user = row.host + u"\\" + platform::WideFromUtf8(users->nameOf(entry.userId));
-        constexpr std::size_t bytesBesideMessage = 512;
-        bytes += entry.message.size() + bytesBesideMessage;
-        return gathering.row(&row) && bytes < maxEventBytes;
-    };
-    const facts::JournalReading reading = facts::ReadJournal(folders, wanted.selection, take);
-    if (reading.hasMore) {
+    wanted.selection.limit = std::chrono::steady_clock::now() + longest;
+    EventTaker taker(gathering, wanted);
+    const facts::JournalReading reading = facts::ReadJournal(
+        folders, wanted.selection, [&taker](const JournalEntry& entry) { return taker.take(entry); });
+    taker.tellWhatWasLeftOut();
+    if (reading.isOverdue) {
         gathering.notice(
-            fmt::format("Only the newest {} entries of the journal were read; a lower bound of RecordNumber "
-                        "or TimeGenerated in WHERE brings all from there on",
-                        maxUnboundedEntries));
-    }
-    if (bytes >= maxEventBytes) {
-        gathering.notice(fmt::format("Entries before record {} were left out: the newer ones are {} MiB already",
-                                     row.entry.number, maxEventBytes >> 20));
+            fmt::format("The journal was read for {} seconds, and older entries were left out; a lower "
+                        "bound of RecordNumber or TimeGenerated in WHERE makes the query shorter",
+                        std::chrono::duration_cast<std::chrono::seconds>(longest).count()));
     }
     return TellJournalLosses(reading, gathering);
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <array>
+#include <chrono>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -23,17 +24,21 @@ EventLog LogOf(const facts::JournalEntry& entry);
 /// What the entries of a log match. Empty for Application, whose entries match nothing that others do not.
 std::vector<facts::JournalMatches> MatchesOf(EventLog log);
 
-/// Entries of a query that WHERE does not bound from below by RecordNumber, TimeGenerated or TimeWritten: the newest.
-/// Without it one careless query would read gigabytes.
+/// Entries of a query that WHERE does not bound from below by RecordNumber, TimeGenerated or TimeWritten: the newest of
+/// those that have its Logfile, EventType and Type. Without it one careless query would read gigabytes.
 inline constexpr std::size_t maxUnboundedEntries = 1000;
 
-/// What the entries of one query take at most, in bytes: some fifty thousand, newest first. The record that the rows go
-/// into is of the same order.
+/// What the entries that one query keeps take at most, in bytes: some fifty thousand, newest first. The record that the
+/// rows go into is of the same order.
 inline constexpr std::size_t maxEventBytes = 32U << 20;
+
+/// How long a query reads in the journal: less than the thirty seconds after which a query is given up as stuck.
+inline constexpr std::chrono::milliseconds longestEventReading{20000};
 
 /// Gathers the entries of the journal in the folders. accessDenied if none of its files may be read, providerFailure if
 /// there is none or none can be read; a notice if some cannot, or if entries were left out.
-WmiStatus GatherEvents(const Gathering& gathering, const std::vector<std::string>& folders);
+WmiStatus GatherEvents(const Gathering& gathering, const std::vector<std::string>& folders,
+                       std::chrono::milliseconds longest = longestEventReading);
 
 /// Says in a notice what could not be read of a journal. The status if that is all of it.
 WmiStatus TellJournalLosses(const facts::JournalReading& reading, const Gathering& gathering);
