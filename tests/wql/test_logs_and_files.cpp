@@ -2,10 +2,14 @@
 // CIM_DataFile against find and stat.
 #include <fmt/format.h>
 #include <fstream>
+#include <future>
 #include <gmock/gmock.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 
+#include "facts/hanging_mounts.h"
 #include "tests/support/linux/gathered_texts.h"
 #include "tests/support/linux/shell.h"
 #include "tests/support/linux/zone_setting.h"
@@ -50,6 +54,38 @@ std::string ManyEntries(int first, int count, const std::string& name, const cha
 
 std::vector<std::string> folders;  // of the journal that the class reads
 
+/// Runs a query whose class has another gather.
+WmiResult Ask(
+    const std::string& query,
+    GatherRoutine gather = [](const Gathering& gathering) { return GatherEvents(gathering, folders); },
+    std::string_view className = {}) {
+    BoundQuery bound;
+    WmiResult result;
+    result.status = BindText(query, bound);
+    if (IsFailure(result.status)) return result;
+    const auto part = std::find_if(bound.parts.begin(), bound.parts.end(), [className](const ClassQuery& one) {
+        return className.empty() || one.classInfo->name == WideFromUtf8(className);
+    });
+    ClassInfo replaced = *part->classInfo;
+    replaced.gather = gather;
+    if (bound.named == part->classInfo) bound.named = &replaced;
+    part->classInfo = &replaced;
+    const auto add = [&result](const ResultObject& object) {
+        WmiRow& row = result.rows.emplace_back();
+        for (const auto& [name, value] : object) row[Utf8FromWide(name)] = {value.type, VariantText(value)};
+    };
+    result.status = RunQuery(
+        bound, {add, [] { return true; }, [&result](const std::string& text) { result.notices.push_back(text); }});
+    return result;
+}
+
+/// The status and notices of a query for the newest entry.
+std::string Outcome(const WmiResult& result) {
+    std::string text = fmt::format("{:08x} {}", result.status, result.rows.size());
+    for (const std::string& notice : result.notices) text += " " + notice;
+    return text;
+}
+
 class EventLog : public TestFolder {
   protected:
     EventLog() { folders = {folder / "missing", folder / "journal"}; }
@@ -67,30 +103,11 @@ class EventLog : public TestFolder {
         ASSERT_EQ(outcome.exitCode, 0) << outcome.output;
     }
 
-    static WmiResult Run(
-        const std::string& query,
-        GatherRoutine gather = [](const Gathering& gathering) { return GatherEvents(gathering, folders); }) {
-        BoundQuery bound;
-        WmiResult result;
-        result.status = BindText(query, bound);
-        if (IsFailure(result.status)) return result;
-        ClassInfo withFolders = *bound.parts.at(0).classInfo;
-        withFolders.gather = gather;
-        bound.named = bound.parts[0].classInfo = &withFolders;
-        const auto add = [&result](const ResultObject& object) {
-            WmiRow& row = result.rows.emplace_back();
-            for (const auto& [name, value] : object) row[Utf8FromWide(name)] = {value.type, VariantText(value)};
-        };
-        result.status = RunQuery(
-            bound, {add, [] { return true; }, [&result](const std::string& text) { result.notices.push_back(text); }});
-        return result;
-    }
-
     /// The values of properties, a line for each row.
     static std::string Rows(const std::string& properties, const std::string& where) {
         std::string text;
         const WmiResult result =
-            Run("SELECT " + properties + " FROM Win32_NTLogEvent" + (where.empty() ? "" : " WHERE " + where));
+            Ask("SELECT " + properties + " FROM Win32_NTLogEvent" + (where.empty() ? "" : " WHERE " + where));
         EXPECT_EQ(result.status, wmi_status::ok) << where;
         for (const WmiRow& row : result.rows) text += (text.empty() ? "" : "\n") + PropertyTexts(row, properties);
         return text;
@@ -147,6 +164,9 @@ TEST_F(EventLog, HasTheEntriesThatJournalctlSelects) {
             expected += (expected.empty() ? "" : "\n") + std::to_string(number);
         EXPECT_EQ(Rows("RecordNumber", std::string(where) + " AND SourceName='a'"), expected) << where;
     }
+    // Generated thirty seconds after it was written.
+    WriteJournal("clock", Entry(1000, "SYSLOG_IDENTIFIER=c\n_SOURCE_REALTIME_TIMESTAMP=1795565830000000"));
+    EXPECT_EQ(Rows("SourceName", "TimeGenerated>'20261125001709.000000+000'"), "c");
 }
 
 TEST_F(EventLog, HasThePropertiesOfEntries) {
@@ -189,8 +209,9 @@ TEST_F(EventLog, ReadsOnlyTheNewestEntriesUnlessWhereHasALowerBound) {
              {" WHERE RecordNumber>1050", 50},
              {" WHERE RecordNumber>=0", 1101},
              {" WHERE EventType=1", 553},
+             {" WHERE Logfile='Application'", 825},
              {" WHERE TimeWritten>'20200101000000.000000+000'", 1101}}) {
-        const WmiResult result = Run("SELECT * FROM Win32_NTLogEvent" + where);
+        const WmiResult result = Ask("SELECT * FROM Win32_NTLogEvent" + where);
         EXPECT_EQ(result.rows.size(), rows) << where;
         EXPECT_EQ(result.notices.size(), rows == 1000 ? 1u : 0u) << where;
     }
@@ -200,18 +221,59 @@ TEST_F(EventLog, ReadsOnlyTheNewestEntriesUnlessWhereHasALowerBound) {
             text += Entry(2000 + i, "PRIORITY=3\nMESSAGE=" + std::string(32000, 'x') + std::to_string(i));
         return text;
     }());
-    const WmiResult result = Run("SELECT RecordNumber FROM Win32_NTLogEvent WHERE RecordNumber>0");
+    const WmiResult result = Ask("SELECT RecordNumber FROM Win32_NTLogEvent WHERE RecordNumber>0");
     EXPECT_LT(result.rows.size(), 1100u);
     ASSERT_EQ(result.notices.size(), 1u);
     EXPECT_THAT(result.notices[0],
                 testing::HasSubstr("before record " + PropertyText(result.rows.back(), "RecordNumber")));
+    EXPECT_EQ(Outcome(Ask("SELECT RecordNumber FROM Win32_NTLogEvent WHERE RecordNumber>0 AND SourceName='a'")),
+              "00000000 1100")
+        << "rows that WHERE drops take no room";
 }
 
-/// The status and notices of a query for the newest entry.
-std::string Outcome(const WmiResult& result) {
-    std::string text = fmt::format("{:08x} {}", result.status, result.rows.size());
-    for (const std::string& notice : result.notices) text += " " + notice;
-    return text;
+TEST_F(EventLog, IsReadForALimitedTime) {
+    WriteJournal("system", ManyEntries(0, 10, "a"));
+    const WmiResult result = Ask("SELECT RecordNumber FROM Win32_NTLogEvent", [](const Gathering& gathering) {
+        return GatherEvents(gathering, folders, std::chrono::milliseconds(-1));
+    });
+    EXPECT_THAT(Outcome(result), testing::StartsWith("00000000 0 The journal was read for"));
+    // The newest entry is of System.
+    const auto abandoned = [](const Gathering& gathering) {
+        Gathering impatient = gathering;
+        impatient.wantsMore = [] { return false; };
+        return GatherEvents(impatient, folders);
+    };
+    const std::string ofApplication = "SELECT * FROM Win32_NTLogEvent WHERE Logfile='Application'";
+    EXPECT_EQ(Outcome(Ask(ofApplication)), "00000000 5");
+    EXPECT_EQ(Outcome(Ask(ofApplication, abandoned)), "00000000 0");
+}
+
+TEST_F(EventLog, AFileThatIsCutOffWhileItIsReadGivesWhatWasReadBefore) {
+    WriteJournal("system", ManyEntries(0, 2000, "a"));
+    const WmiResult result = Ask("SELECT RecordNumber FROM Win32_NTLogEvent WHERE RecordNumber>0", [](auto& gathering) {
+        Gathering cutting = gathering;
+        cutting.row = [&gathering](const void* row) {
+            std::filesystem::resize_file(folders[1] + "/system.journal", 4096);
+            return gathering.row(row);
+        };
+        return GatherEvents(cutting, folders);
+    });
+    EXPECT_GE(result.rows.size(), 1u);
+    EXPECT_LT(result.rows.size(), 2000u);
+    EXPECT_THAT(Outcome(result), testing::MatchesRegex("00000000 .* Parts of .*/system.journal: Input/output error"));
+}
+
+TEST_F(EventLog, OpensAQuarterOfTheFilesThatAProcessMay) {
+    WriteJournal("system", ManyEntries(0, 3, "a"));
+    for (int at = 0; at < 21; ++at)
+        std::filesystem::copy(journal() + "/system.journal", fmt::format("{}/{}.journal", journal(), at));
+    rlimit before{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    const rlimit lower{80, before.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &lower), 0);
+    const std::string outcome = Outcome(Ask("SELECT RecordNumber FROM Win32_NTLogEvent"));
+    setrlimit(RLIMIT_NOFILE, &before);
+    EXPECT_THAT(outcome, testing::StartsWith("00000000 3 The 2 oldest of 22 files of the journal were not read"));
 }
 
 /// What a routine says in a process of an ordinary user.
@@ -235,13 +297,16 @@ std::string AsNobody(const std::function<std::string()>& routine) {
 
 TEST_F(EventLog, SaysWhatItCannotSee) {
     const std::string query = "SELECT RecordNumber FROM Win32_NTLogEvent WHERE RecordNumber>0";
-    EXPECT_THAT(Outcome(Run(query)), testing::StartsWith("80041004 0 There is no journal"));
+    EXPECT_THAT(Outcome(Ask(query)), testing::StartsWith("80041004 0 There is no journal"));
+    std::filesystem::create_symlink("missing", folders[0]);
+    EXPECT_THAT(Outcome(Ask(query)), testing::MatchesRegex("80041004 0 Parts .*/missing: Too many levels.*"));
+    std::filesystem::remove(folders[0]);
     WriteJournal("good", ManyEntries(0, 3, "a"));
     Write(folder / "journal/garbage.journal", std::string(5000, 'x'));
-    EXPECT_THAT(Outcome(Run(query)),
+    EXPECT_THAT(Outcome(Ask(query)),
                 testing::MatchesRegex("00000000 3 Parts .* 1 in all; the first: .*garbage.journal: .*"));
     // Another user may read no file, then not even the folder.
-    const auto outcomeAsNobody = [&] { return AsNobody([&] { return Outcome(Run(query)); }); };
+    const auto outcomeAsNobody = [&] { return AsNobody([&] { return Outcome(Ask(query)); }); };
     namespace fs = std::filesystem;
     fs::permissions(folder, fs::perms(0755));
     fs::permissions(folder / "journal/good.journal", fs::perms::none);
@@ -262,7 +327,7 @@ TEST_F(EventLog, ADamagedFileGivesWhatIsWholeAndANotice) {
         bytes.replace(at, 4096, 4096, '\x5A');
         for (const std::string& damaged : {bytes, whole.substr(0, at)}) {
             Write(folder / "journal/system.journal", damaged);
-            const WmiResult result = Run("SELECT RecordNumber,Message FROM Win32_NTLogEvent WHERE RecordNumber>0");
+            const WmiResult result = Ask("SELECT RecordNumber,Message FROM Win32_NTLogEvent WHERE RecordNumber>0");
             EXPECT_EQ(result.status, result.rows.empty() ? wmi_status::providerFailure : wmi_status::ok) << at;
             EXPECT_TRUE(!result.notices.empty() || result.rows.size() > 1900) << at << " " << Outcome(result);
             losses += result.notices.size();
@@ -274,10 +339,10 @@ TEST_F(EventLog, ADamagedFileGivesWhatIsWholeAndANotice) {
 TEST_F(EventLog, EachLogIsAFileOfTheJournal) {
     constexpr GatherRoutine gather = [](const Gathering& gathering) { return GatherEventLogFiles(gathering, folders); };
     const std::string query = "SELECT * FROM Win32_NTEventlogFile WHERE LogfileName<>''";
-    EXPECT_THAT(Outcome(Run(query, gather)), testing::StartsWith("80041004 0 There is no journal"));
+    EXPECT_THAT(Outcome(Ask(query, gather)), testing::StartsWith("80041004 0 There is no journal"));
     WriteJournal("system", ManyEntries(0, 240, "a"));
     WriteJournal("user-1000", ManyEntries(100, 99, "b"));
-    const WmiResult result = Run(query, gather);
+    const WmiResult result = Ask(query, gather);
     ASSERT_EQ(Outcome(result), "00000000 3");
     const std::pair<std::string, std::string> logs[] = {
         {"Application", ""},
@@ -295,7 +360,13 @@ TEST_F(EventLog, EachLogIsAFileOfTheJournal) {
         EXPECT_EQ(PropertyText(row, "NumberOfRecords"), at == 0 ? std::to_string(others) : count);
         others -= std::stoi(count);
     }
-    EXPECT_EQ(Outcome(Run(query + " AND Name='/etc/passwd'", gather)), "00000000 0");
+    EXPECT_EQ(Outcome(Ask(query + " AND Name='/etc/passwd'", gather)), "00000000 0");
+    const std::string file = " WHERE Name='" + journal() + "/system.journal'";
+    EXPECT_EQ(Outcome(Ask("SELECT * FROM Win32_NTEventlogFile" + file, gather)), "00000000 3");
+    EXPECT_EQ(Outcome(Ask("SELECT * FROM CIM_DataFile" + file, gather, "Win32_NTEventlogFile")), "00000000 1")
+        << "no sum counts it twice";
+    std::filesystem::create_symlink("missing", folders[0]);
+    EXPECT_THAT(Outcome(Ask(query, gather)), testing::HasSubstr("Parts of the journal cannot be read"));
 }
 
 /// Files of every kind in a folder.
@@ -363,6 +434,11 @@ TEST_F(DataFiles, HaveTheNamesOfTheQuery) {
         {"Path=" + Quoted(backslashes) + " AND FileName='TWO words' AND Extension='txt'", "Name,Path",
          backslashes + "\\two words.TXT " + backslashes},
         {"Name LIKE '%link' AND Path=" + Quoted(files + "/"), "Name", files + "/link"},
+        {"Name=" + Quoted(files + "/plain") + " AND Path=" + Quoted(files), "Name,Path", files + "/plain " + files},
+        {"Extension='gz' AND (Path=" + Quoted(files) + " OR Path=" + Quoted(files + "/") + ")", "Name",
+         files + "/a.tar.gz"},
+        {"Path=" + Quoted(files) + " AND FileName='b' OR Path=" + Quoted(files + "/") + " AND FileName='plain'", "Path",
+         files + "/"},
         {"Name=" + Quoted("C:" + backslashes + "\\plain"), "", "00000000 0"},
         {"Drive='C:' AND Path=" + Quoted(files), "", "00000000 0"},
         {"Path=" + Quoted(files + "/none/") + " OR Path='etc/' OR Path=''", "", "00000000 0"},
@@ -414,6 +490,37 @@ TEST_F(DataFiles, ThatMayNotBeSeenAreNotAbsent) {
     EXPECT_THAT(outcome(where), testing::MatchesRegex("80041003 0 1 files or folders .*/plain: Permission denied"));
     EXPECT_THAT(outcome("Path=" + Quoted(files)), testing::StartsWith("80041003 0 1 files or folders"));
     EXPECT_THAT(outcome(where + " OR Name='/etc/passwd'"), testing::StartsWith("00000000 1 1 files or folders"));
+}
+
+TEST_F(DataFiles, OnMountsThatMayNotAnswerCostOnlyThemselves) {
+    static std::string mountInfo;
+    mountInfo = fmt::format(
+        "1 0 8:1 / / rw - ext4 /dev/sda1 rw\n2 1 0:50 / {0}/auto rw - autofs x rw\n"
+        "3 1 0:51 / {0}/server rw - nfs host:/x rw\n",
+        files);
+    Write(files + "/auto/a", "");
+    Write(files + "/server/b", "");
+    std::filesystem::create_symlink("auto", files + "/way");
+    const auto outcome = [&](const std::string& where) {
+        return Outcome(Ask("SELECT Name FROM CIM_DataFile WHERE " + where,
+                           [](const Gathering& gathering) { return GatherDataFiles(gathering, mountInfo); }));
+    };
+    const std::string orPlain = " OR Name=" + Quoted(files + "/plain");
+    const std::string onServer = "Name=" + Quoted(files + "/server/b");
+    EXPECT_EQ(outcome(onServer), "00000000 1");
+    EXPECT_EQ(outcome("Path=" + Quoted(files + "/server")), "00000000 1");
+    for (const std::string& where : {"Name=" + Quoted(files + "/auto/a"), "Path=" + Quoted(files + "/way/")})
+        EXPECT_THAT(outcome(where), testing::MatchesRegex("80041004 0 1 files .*/auto is not mounted, .*")) << where;
+    EXPECT_THAT(outcome("Name=" + Quoted(files + "/way/a") + orPlain), testing::StartsWith("00000000 1 1 files"));
+    std::promise<void> answers;
+    const auto wait = [answer = answers.get_future().share()] { answer.wait(); };
+    EXPECT_FALSE(facts::RunBounded("0:51 " + files + "/server", std::chrono::milliseconds(10), wait));
+    EXPECT_THAT(outcome(onServer), testing::MatchesRegex("80041004 0 1 files .*/server does not answer"));
+    EXPECT_THAT(outcome(onServer + orPlain), testing::StartsWith("00000000 1 1 files"));
+    answers.set_value();
+    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (outcome(onServer) != "00000000 1" && std::chrono::steady_clock::now() < limit) std::this_thread::yield();
+    EXPECT_EQ(outcome(onServer), "00000000 1");
 }
 
 }  // namespace

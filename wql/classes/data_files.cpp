@@ -7,13 +7,16 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <dirent.h>
 #include <fmt/format.h>
 #include <map>
 #include <memory>
 #include <system_error>
+#include <utility>
 
 #include "facts/file_status.h"
+#include "facts/hanging_mounts.h"
 #include "facts/host_names.h"
 #include "facts/mounts.h"
 #include "facts/system_text.h"
@@ -158,54 +161,107 @@ bool MayBe(const std::optional<std::vector<std::u16string>>& texts, std::u16stri
     return !texts || std::any_of(texts->begin(), texts->end(), isSame);
 }
 
+/// The texts of a query by the path that they stand for, without separators at its end.
+using TextsByPath = std::map<std::string, std::vector<std::u16string>>;
+
+TextsByPath TextsByPathOf(const std::vector<std::u16string>& texts) {
+    TextsByPath byPath;
+    for (const std::u16string& text : texts) {
+        std::optional<std::string> path = PathOf(text);
+        if (!path) continue;
+        while (path->ends_with('/')) path->pop_back();
+        byPath[*std::move(path)].push_back(text);
+    }
+    return byPath;
+}
+
+/// A folder that is being listed, perhaps by a thread that is left alone meanwhile.
+struct FolderListing {
+    std::unique_ptr<DIR, platform::ReleasedBy<closedir>> open = {};
+    std::vector<std::string> names = {};  // the next ones that are not folders
+    std::size_t looked = 0;
+    bool isAtEnd = false;
+    int failure = 0;
+
+    void readOn(const std::string& path) {
+        names.clear();
+        if (!open) open.reset(opendir(path.c_str()));
+        if (!open) {
+            failure = errno;
+            return;
+        }
+        constexpr std::size_t namesAtOnce = 1000;
+        while (names.size() < namesAtOnce && looked++ < maxFolderNames) {
+            const dirent* entry = readdir(open.get());
+            isAtEnd = entry == nullptr;
+            if (isAtEnd) return;
+            if (entry->d_type != DT_DIR) names.emplace_back(entry->d_name);
+        }
+    }
+};
+
+/// How long a mount may take for one answer, and a query for all: less than the thirty seconds after which a query is
+/// given up as stuck.
+constexpr std::chrono::seconds answerBound{2};
+constexpr std::chrono::seconds queryBound{20};
+
 /// One run of a gather: what it reads once, and what it could not see.
 class FileGathering {
   public:
-    explicit FileGathering(const Gathering& gathering)
+    FileGathering(const Gathering& gathering, std::string_view mountInfo)
         : gathering_(gathering),
           stems_(TextsOf(gathering, u"FileName")),
-          extensions_(TextsOf(gathering, u"Extension")) {
+          extensions_(TextsOf(gathering, u"Extension")),
+          mounts_(facts::ParseMountInfo(mountInfo)) {
         row_.className = u"CIM_LogicalFile";
         if (gathering.asksFor(Need::host)) row_.host = facts::HostName();
-        if (!gathering.asksFor(Need::fileSystem)) return;
-        for (facts::Mount& mount : facts::ParseMountInfo(platform::ReadSystemFile("/proc/self/mountinfo").value_or("")))
-            fileSystems_.emplace(mount.id, std::move(mount.fileSystem));
+        if (const auto folders = TextsOf(gathering, u"Path")) folders_ = TextsByPathOf(*folders);
     }
 
-    /// The file of a whole name.
-    void addFile(const std::u16string& name) {
-        const std::optional<std::string> path = PathOf(name);
-        if (!path) return;
-        const char16_t separator = name.front();
-        const std::size_t end = name.rfind(separator) + 1;
-        row_.folder = row_.path = name.substr(0, end);
-        addRow(*path, name.substr(end));
-    }
-
-    /// The files of a folder.
-    void addFolder(const std::u16string& folder) {
-        const std::optional<std::string> path = PathOf(folder);
-        if (!path) return;
-        row_.folder = row_.path = folder;
-        if (folder.back() != folder.front()) row_.folder += folder.front();
-        using OwnedFolder = std::unique_ptr<DIR, platform::ReleasedBy<closedir>>;
-        const OwnedFolder open(opendir(path->c_str()));
-        if (!open) {
-            addFailure(*path, errno);
-            return;
+    /// The file of a path, which the query calls by one name or several.
+    void addFile(const std::string& path, const std::vector<std::u16string>& names) {
+        std::vector<Naming> namings;
+        for (const std::u16string& name : names) {
+            if (name.back() == name.front()) continue;
+            const std::size_t end = name.rfind(name.front()) + 1;
+            const std::u16string folder = name.substr(0, end);
+            for (const std::u16string& text : textsOfFolder(path.substr(0, path.rfind('/')), folder))
+                namings.push_back({text, folder, name.substr(end)});
         }
-        addNamesOf(*open, *path + "/");
+        if (!namings.empty()) addRow(path, namings);
+    }
+
+    /// The files of a folder, which the query calls by one text or several.
+    void addFolder(const std::string& path, const std::vector<std::u16string>& texts) {
+        const auto listing = std::make_shared<FolderListing>();
+        const std::string folder = path.empty() ? "/" : path;
+        const std::size_t most = files_ + maxFolderFiles;
+        while (!isOver_ && !listing->isAtEnd) {
+            if (!ask(folder, [listing, folder] { listing->readOn(folder); })) return;
+            if (listing->failure != 0) return addFailure(folder, listing->failure);
+            for (const std::string& name : listing->names) {
+                if (isOver_) return;
+                if (files_ == most) return tellOfMore(folder);
+                addFileOf(path, texts, name);
+            }
+            if (!listing->isAtEnd && listing->looked > maxFolderNames) return tellOfMore(folder);
+        }
     }
 
     Row& row() { return row_; }
 
     /// Fills in what is told of the file at a path. False if there is none, or it is a folder.
     bool read(const std::string& path) {
-        const int failure = facts::ReadFileStatus(path, row_.status);
-        if (failure != 0) addFailure(path, failure);
-        if (failure != 0 || row_.status.kind == FileKind::folder) return false;
-        const auto fileSystem = row_.status.mount ? fileSystems_.find(*row_.status.mount) : fileSystems_.end();
-        row_.fileSystem = fileSystem == fileSystems_.end() ? std::nullopt : std::optional(fileSystem->second);
+        const auto answer = std::make_shared<std::pair<int, FileStatus>>();
+        const auto question = [path, answer] { answer->first = facts::ReadFileStatus(path, answer->second); };
+        if (!ask(path, question)) return false;
+        if (answer->first != 0) addFailure(path, answer->first);
+        row_.status = answer->second;
+        if (answer->first != 0 || row_.status.kind == FileKind::folder) return false;
+        row_.fileSystem.reset();
+        for (const facts::Mount& mount : mounts_) {
+            if (mount.id == row_.status.mount) row_.fileSystem = mount.fileSystem;
+        }
         return true;
     }
 
@@ -213,68 +269,103 @@ class FileGathering {
 
     /// Says what could not be seen. The status if nothing was.
     WmiStatus finish() {
+        if (isLate_) gathering_.notice(fmt::format("Files are missing: not told in {} seconds", queryBound.count()));
         if (failures_ == 0) return wmi_status::ok;
-        gathering_.notice(fmt::format("{} files or folders cannot be asked; the first: {}: {}", failures_, firstPath_,
-                                      std::generic_category().message(firstFailure_)));
+        gathering_.notice(fmt::format("{} files or folders cannot be asked; the first: {}", failures_, firstFailure_));
         if (files_ > 0) return wmi_status::ok;
-        return firstFailure_ == EACCES ? wmi_status::accessDenied : wmi_status::providerFailure;
+        return isDenied_ ? wmi_status::accessDenied : wmi_status::providerFailure;
     }
 
   private:
+    /// What the query calls a file.
+    struct Naming {
+        std::u16string path;
+        std::u16string folder;
+        std::u16string leaf;
+    };
+
+    /// The texts of Path that the query has for a folder; without one the folder as Name has it.
+    std::vector<std::u16string> textsOfFolder(const std::string& path, const std::u16string& folder) const {
+        const auto found = folders_.find(path);
+        return found != folders_.end() ? found->second : std::vector{folder};
+    }
+
     void addFailure(const std::string& path, int failure) {
-        if (facts::IsAbsence(failure) || failures_++ > 0) return;
-        firstPath_ = path;
-        firstFailure_ = failure;
+        if (facts::IsAbsence(failure)) return;
+        addFailure(path, std::generic_category().message(failure));
+        if (failures_ == 1) isDenied_ = failure == EACCES;
     }
 
-    void addRow(const std::string& path, std::u16string leaf) {
-        row_.leaf = std::move(leaf);
-        if (!MayBe(stems_, StemOf(row_.leaf)) || !MayBe(extensions_, ExtensionOf(row_.leaf)) || !read(path)) return;
-        ++files_;
-        isOver_ = !gathering_.row(&row_);
+    void addFailure(const std::string& path, const std::string& reason) {
+        if (failures_++ == 0) firstFailure_ = path + ": " + reason;
     }
 
-    void addNamesOf(DIR& folder, const std::string& path) {
-        const std::size_t most = files_ + maxFolderFiles;
-        std::size_t names = 0;
-        while (const dirent* entry = readdir(&folder)) {
-            if (isOver_) return;
-            if (files_ == most || names++ == maxFolderNames) {
-                gathering_.notice(fmt::format("{} has more files: a query gives at most {}, and looks at {} names",
-                                              path, maxFolderFiles, maxFolderNames));
-                return;
-            }
-            if (entry->d_type != DT_DIR) addRow(path + entry->d_name, platform::WideFromUtf8(entry->d_name));
+    /// Runs a question about a path, on a thread of its own if its mount may not answer. False if it does not.
+    bool ask(const std::string& path, const std::function<void()>& question) {
+        isLate_ = std::chrono::steady_clock::now() > limit_;
+        isOver_ = isOver_ || isLate_;
+        if (isOver_) return false;
+        const facts::Mount* mount = facts::HangingMountOf(path, mounts_);
+        if (mount != nullptr && mount->fileSystem == "autofs") {
+            addFailure(path, mount->mountPoint + " is not mounted, and its automounter is not started for this");
+            return false;
         }
+        if (mount == nullptr) {
+            question();
+        } else if (!facts::RunBounded(mount->device + ' ' + mount->mountPoint, answerBound, question)) {
+            addFailure(path, mount->mountPoint + " does not answer");
+            return false;
+        }
+        return true;
+    }
+
+    /// Gives a file. The row has the first of the query's names for it that WHERE keeps.
+    void addRow(const std::string& path, const std::vector<Naming>& namings) {
+        const std::u16string& leaf = namings.front().leaf;
+        if (!MayBe(stems_, StemOf(leaf)) || !MayBe(extensions_, ExtensionOf(leaf)) || !read(path)) return;
+        ++files_;
+        const std::size_t kept = gathering_.kept;
+        for (const Naming& naming : namings) {
+            row_.path = naming.path;
+            row_.folder = naming.folder;
+            row_.leaf = naming.leaf;
+            isOver_ = !gathering_.row(&row_);
+            if (isOver_ || gathering_.kept > kept) return;
+        }
+    }
+
+    void addFileOf(const std::string& path, const std::vector<std::u16string>& texts, const std::string& name) {
+        std::vector<Naming> namings;
+        for (const std::u16string& text : texts) {
+            const std::u16string folder = text.back() == text.front() ? text : text + text.front();
+            namings.push_back({text, folder, platform::WideFromUtf8(name)});
+        }
+        addRow(path + "/" + name, namings);
+    }
+
+    void tellOfMore(const std::string& folder) const {
+        gathering_.notice(fmt::format("{} has more files: a query gives at most {}, and looks at {} names", folder,
+                                      maxFolderFiles, maxFolderNames));
     }
 
     const Gathering& gathering_;
     std::optional<std::vector<std::u16string>> stems_;
     std::optional<std::vector<std::u16string>> extensions_;
-    std::map<int, std::string> fileSystems_;  // by the number of the mount
+    TextsByPath folders_;
+    std::vector<facts::Mount> mounts_;
+    const std::chrono::steady_clock::time_point limit_ = std::chrono::steady_clock::now() + queryBound;
     Row row_;
     std::size_t files_ = 0;
     bool isOver_ = false;
+    bool isLate_ = false;
     std::size_t failures_ = 0;
-    std::string firstPath_;
-    int firstFailure_ = 0;
+    std::string firstFailure_;
+    bool isDenied_ = false;
 };
 
-WmiStatus GatherFiles(const Gathering& gathering) {
-    const auto names = TextsOf(gathering, u"Name");
-    const auto folders = TextsOf(gathering, u"Path");
-    if (!names && !folders) {
-        gathering.notice("A query for files must say in WHERE what Name is (a file), or Path (a folder)");
-        return wmi_status::notSupported;
-    }
-    if (!MayBe(TextsOf(gathering, u"Drive"), u"")) return wmi_status::ok;
-    FileGathering files(gathering);
-    for (const std::u16string& text : names ? *names : *folders) {
-        if (files.isOver()) break;
-        names ? files.addFile(text) : files.addFolder(text);
-    }
-    return files.finish();
-}
+std::string OwnMountInfo() { return platform::ReadSystemFile("/proc/self/mountinfo").value_or(""); }
+
+WmiStatus GatherOwnFiles(const Gathering& gathering) { return GatherDataFiles(gathering, OwnMountInfo()); }
 
 /// The file that the journal writes to; else the one that it wrote to last.
 const std::string& MainFileOf(const std::vector<std::string>& paths) {
@@ -309,7 +400,7 @@ WmiStatus GatherOwnLogFiles(const Gathering& gathering) {
 }
 
 constexpr ClassInfo classes[] = {
-    {u"CIM_DataFile", u"CIM_LogicalFile", fileProperties, GatherFiles, u"Name"},
+    {u"CIM_DataFile", u"CIM_LogicalFile", fileProperties, GatherOwnFiles, u"Name"},
     {u"Win32_NTEventlogFile", u"CIM_DataFile", logFileProperties, GatherOwnLogFiles, u"LogfileName"},
 };
 
@@ -317,14 +408,33 @@ const ClassFamily family([] { return std::span<const ClassInfo>(classes); });
 
 }  // namespace
 
+WmiStatus GatherDataFiles(const Gathering& gathering, std::string_view mountInfo) {
+    const auto names = TextsOf(gathering, u"Name");
+    const auto folders = TextsOf(gathering, u"Path");
+    if (!names && !folders) {
+        gathering.notice("A query for files must say in WHERE what Name is (a file), or Path (a folder)");
+        return wmi_status::notSupported;
+    }
+    if (!MayBe(TextsOf(gathering, u"Drive"), u"")) return wmi_status::ok;
+    FileGathering files(gathering, mountInfo);
+    for (const auto& [path, texts] : TextsByPathOf(names ? *names : *folders)) {
+        if (files.isOver()) break;
+        names ? files.addFile(path, texts) : files.addFolder(path, texts);
+    }
+    return files.finish();
+}
+
 WmiStatus GatherEventLogFiles(const Gathering& gathering, const std::vector<std::string>& folders) {
+    if (!gathering.isOnlyClass) return wmi_status::ok;
     const auto names = TextsOf(gathering, u"Name");
     const auto paths = TextsOf(gathering, u"Path");
     facts::JournalReading found;
     const std::vector<std::string> files = facts::FindJournalFiles(folders, found);
     found.files = found.read = files.size();
-    if (files.empty()) return names || paths ? wmi_status::ok : TellJournalLosses(found, gathering);
-    FileGathering gather(gathering);
+    if (files.empty() && (names || paths)) return wmi_status::ok;
+    const WmiStatus status = TellJournalLosses(found, gathering);
+    if (files.empty()) return status;
+    FileGathering gather(gathering, OwnMountInfo());
     Row& row = gather.row();
     const std::string& main = MainFileOf(files);
     const std::u16string name = platform::WideFromUtf8(main);

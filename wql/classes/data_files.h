@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "wql/wmi_class.h"
@@ -12,7 +13,12 @@ namespace kv::wql {
 inline constexpr std::size_t maxFolderFiles = 10000;
 inline constexpr std::size_t maxFolderNames = 1000000;
 
-/// Gathers the three logs of the journal in the folders. Fails as GatherEvents does, unless WHERE asks for other files.
+/// Gathers the files that WHERE names. A mount of this mountinfo that does not answer, or that an automounter has not
+/// mounted yet, costs only what lies on it, and a notice. notSupported if WHERE gives neither Name nor Path.
+WmiStatus GatherDataFiles(const Gathering& gathering, std::string_view mountInfo);
+
+/// Gathers the three logs of the journal in the folders, if the query is for logs only: among files they would be one
+/// file four times. Fails as GatherEvents does, unless WHERE asks for other files.
 WmiStatus GatherEventLogFiles(const Gathering& gathering, const std::vector<std::string>& folders);
 
 }  // namespace kv::wql
