@@ -23,12 +23,8 @@ struct FieldForm {
     std::span<const std::string_view> names;
 };
 
-std::string_view TakeUpTo(char sign, std::string_view& text) {
-    const std::size_t end = text.find(sign);
-    const std::string_view taken = text.substr(0, end);
-    text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
-    return taken;
-}
+constexpr std::array<FieldForm, 5> fieldForms{
+    {{0, 59, {}}, {0, 23, {}}, {1, 31, {}}, {1, 12, monthNames}, {0, 7, weekdayNames}}};
 
 std::optional<std::uint64_t> ValueOf(std::string_view text, const FieldForm& form) {
     for (std::size_t at = 0; at < form.names.size(); ++at) {
@@ -43,13 +39,13 @@ std::optional<std::uint64_t> ValueOf(std::string_view text, const FieldForm& for
 /// The bits of "*", "5", "1-5", "*/10" or "8-18/2"; 0 for other text.
 std::uint64_t BitsOfRange(std::string_view text, const FieldForm& form) {
     const bool hasStep = text.find('/') != std::string_view::npos;
-    std::string_view range = TakeUpTo('/', text);
+    std::string_view range = TakeUpTo("/", text);
     const std::optional<std::uint64_t> step = hasStep ? NumberOf(text) : 1;
     std::optional<std::uint64_t> first = form.least;
     std::optional<std::uint64_t> last = form.most;
     if (range != "*") {
         const bool hasEnd = range.find('-') != std::string_view::npos;
-        first = ValueOf(TakeUpTo('-', range), form);
+        first = ValueOf(TakeUpTo("-", range), form);
         if (hasEnd) {
             last = ValueOf(range, form);
         } else if (!hasStep) {
@@ -66,7 +62,7 @@ bool ParseField(std::string_view text, const FieldForm& form, std::uint64_t& bit
     bits = 0;
     if (text.ends_with(',')) return false;
     while (!text.empty()) {
-        const std::uint64_t range = BitsOfRange(TakeUpTo(',', text), form);
+        const std::uint64_t range = BitsOfRange(TakeUpTo(",", text), form);
         if (range == 0) return false;
         bits |= range;
     }
@@ -77,11 +73,11 @@ std::optional<CronTime> ParseTime(const std::array<std::string_view, 5>& fields)
     constexpr std::uint64_t sunday = 1;
     constexpr std::uint64_t otherSunday = 1 << 7;
     CronTime time;
-    const bool isTime =
-        ParseField(fields[0], {0, 59, {}}, time.minutes) && ParseField(fields[1], {0, 23, {}}, time.hours) &&
-        ParseField(fields[2], {1, 31, {}}, time.days) && ParseField(fields[3], {1, 12, monthNames}, time.months) &&
-        ParseField(fields[4], {0, 7, weekdayNames}, time.weekdays);
-    if (!isTime) return std::nullopt;
+    constexpr std::uint64_t CronTime::*parts[] = {&CronTime::minutes, &CronTime::hours, &CronTime::days,
+                                                  &CronTime::months, &CronTime::weekdays};
+    for (std::size_t at = 0; at < fields.size(); ++at) {
+        if (!ParseField(fields[at], fieldForms[at], time.*parts[at])) return std::nullopt;
+    }
     if ((time.weekdays & otherSunday) != 0) time.weekdays = (time.weekdays | sunday) & ~otherSunday;
     time.areBothDays = fields[2].starts_with('*') || fields[4].starts_with('*');
     return time;
@@ -110,14 +106,35 @@ std::optional<std::array<std::string_view, 5>> FieldsOfWord(std::string_view wor
 
 /// A line such as "PATH=/bin" or "MAILTO = root".
 bool SetsVariable(std::string_view line) {
-    const std::string_view name = Trimmed(TakeUpTo('=', line));
+    const std::string_view name = Trimmed(TakeUpTo("=", line));
     return line.data() != name.data() + name.size() && !name.empty() &&
            std::isdigit(static_cast<unsigned char>(name[0])) == 0 &&
            name.find_first_of(" \t*@,/") == std::string_view::npos;
 }
 
+/// A range such as "0~59" or "~", within which one cron takes a number at random when it reads the table.
+bool IsRandom(std::string_view text, const FieldForm& form) {
+    if (text.find('~') == text.npos) return false;
+    const std::string_view least = TakeUpTo("~", text);
+    const std::optional<std::uint64_t> first = least.empty() ? form.least : ValueOf(least, form);
+    const std::optional<std::uint64_t> last = text.empty() ? form.most : ValueOf(text, form);
+    return first && last && *first <= *last;
+}
+
+/// Puts the least number of each random range in its place; whether there was any.
+bool FixRandomRanges(std::array<std::string_view, 5>& fields) {
+    bool isRandom = false;
+    for (std::size_t at = 0; at < fields.size(); ++at) {
+        if (!IsRandom(fields[at], fieldForms[at])) continue;
+        fields[at] = at == 2 || at == 3 ? "1" : "0";
+        isRandom = true;
+    }
+    return isRandom;
+}
+
 std::optional<CronJob> ParseJob(std::string_view line) {
     CronJob job;
+    if (line.starts_with('-')) line.remove_prefix(1);  // some crons then write nothing to the log
     std::array<std::string_view, 5> fields;
     const char* const start = line.data();
     fields[0] = TakeField(line);
@@ -134,8 +151,11 @@ std::optional<CronJob> ParseJob(std::string_view line) {
     job.when = std::string(start, end);
     job.user = TakeField(line);
     job.command = Trimmed(line);
-    if (!fields[0].empty()) job.time = ParseTime(fields);
-    const bool isJob = (fields[0].empty() || job.time) && !job.user.empty() && !job.command.empty();
+    job.isAtStart = fields[0].empty();
+    const bool isRandom = FixRandomRanges(fields);
+    if (!job.isAtStart) job.time = ParseTime(fields);
+    const bool isJob = (job.isAtStart || job.time) && !job.user.empty() && !job.command.empty();
+    if (isRandom) job.time.reset();
     return isJob ? std::optional(std::move(job)) : std::nullopt;
 }
 

@@ -28,7 +28,8 @@ struct CronJob {
     std::string when;  // as written: "17 * * * *" or "@daily"
     std::string user;
     std::string command;
-    std::optional<CronTime> time;  // absent: when the system starts
+    std::optional<CronTime> time;  // absent: when the system starts, or at random
+    bool isAtStart = false;
 };
 
 /// The jobs of a table. Absent if a line is not one of cron's: cron ignores such a table as a whole.

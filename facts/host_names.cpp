@@ -1,9 +1,9 @@
 #include "facts/host_names.h"
 
 #include <algorithm>
-#include <cctype>
 #include <sys/utsname.h>
 
+#include "facts/samba_config.h"
 #include "facts/system_text.h"
 #include "platform/utf.h"
 
@@ -28,16 +28,6 @@ bool HasField(std::string_view line, std::string_view name) {
     std::string_view field = TakeField(line);
     while (!field.empty() && field != name) field = TakeField(line);
     return !field.empty();
-}
-
-/// A name of a section or a setting as Samba compares it: in small letters and without blanks.
-std::string SambaName(std::string_view text) {
-    std::string name;
-    for (const char letter : text) {
-        if (letter != ' ' && letter != '\t')
-            name += static_cast<char>(std::tolower(static_cast<unsigned char>(letter)));
-    }
-    return name;
 }
 
 }  // namespace
@@ -72,17 +62,7 @@ std::string WorkgroupName() {
 }
 
 std::string WorkgroupInSamba(std::string_view text) {
-    std::string workgroup;
-    bool isGlobal = true;  // what stands before the first section is, too
-    for (std::string_view line; TakeLine(text, line);) {
-        line = Trimmed(line);
-        if (line.starts_with('#') || line.starts_with(';')) continue;
-        if (line.starts_with('[')) isGlobal = SambaName(line.substr(1, line.find(']') - 1)) == "global";
-        const std::size_t equals = line.find('=');
-        if (isGlobal && equals != line.npos && SambaName(line.substr(0, equals)) == "workgroup")
-            workgroup = Trimmed(line.substr(equals + 1));
-    }
-    return workgroup;
+    return ValueIn(ParseSambaSections(text).front().settings, "workgroup");
 }
 
 }  // namespace kv::facts

@@ -10,14 +10,6 @@ namespace kv::facts {
 
 namespace {
 
-/// Takes the text up to a separator off a list, and the separator.
-std::string_view TakeItem(std::string_view& list, std::string_view separator) {
-    const std::size_t end = list.find(separator);
-    const std::string_view item = list.substr(0, end);
-    list.remove_prefix(end == std::string_view::npos ? list.size() : end + separator.size());
-    return item;
-}
-
 /// The day's bit number; absent for other text.
 std::optional<std::uint64_t> WeekdayOf(std::string_view name) {
     constexpr std::array<std::string_view, 7> names{"Mon", "Tue", "Wed", "Thu", "Fri", "Sat", "Sun"};
@@ -37,8 +29,8 @@ std::optional<std::uint32_t> BitsOf(std::string_view list,
                                     std::optional<std::uint64_t> (*bitOf)(std::string_view text)) {
     std::uint32_t bits = 0;
     while (!list.empty()) {
-        std::string_view item = TakeItem(list, ",");
-        const std::optional<std::uint64_t> first = bitOf(TakeItem(item, ".."));
+        std::string_view item = TakeUpTo(",", list);
+        const std::optional<std::uint64_t> first = bitOf(TakeUpTo("..", item));
         const std::optional<std::uint64_t> last = item.empty() ? first : bitOf(item);
         if (!first || !last) return std::nullopt;
         for (std::uint64_t bit = *first; bit <= *last; ++bit) bits |= 1U << bit;

@@ -12,8 +12,8 @@ namespace kv::facts {
 namespace {
 
 // Signs that stand in no text of a package.
-constexpr char fieldEnd = '\x1f';
-constexpr char packageEnd = '\x1e';
+constexpr std::string_view fieldEnd = "\x1f";
+constexpr std::string_view packageEnd = "\x1e";
 
 constexpr const char* listFormat =
     "%{NAME}\x1f%{ARCH}\x1f%|EPOCH?{%{EPOCH}:}|%{VERSION}-%{RELEASE}\x1f%{SUMMARY}\x1f%|VENDOR?{%{VENDOR}}|\x1f"
@@ -35,14 +35,6 @@ std::string PatternOf(const std::string& name) {
         }
     }
     return pattern.starts_with('-') ? std::string() : pattern;
-}
-
-/// Takes the text up to a sign off a text, and the sign.
-std::string_view TakeUpTo(char sign, std::string_view& text) {
-    const std::size_t end = text.find(sign);
-    const std::string_view taken = text.substr(0, end);
-    text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
-    return taken;
 }
 
 }  // namespace

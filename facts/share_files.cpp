@@ -1,10 +1,14 @@
 #include "facts/share_files.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <fcntl.h>
 #include <filesystem>
-#include <map>
+#include <fmt/format.h>
 #include <system_error>
 
+#include "facts/distribution.h"
+#include "facts/samba_config.h"
 #include "facts/system_text.h"
 
 namespace kv::facts {
@@ -13,34 +17,16 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/// Lines in which one that ends with a backslash goes on in the next.
-bool TakeWholeLine(std::string_view& text, std::string& whole) {
-    whole.clear();
-    bool isTaken = false;
-    for (std::string_view line; TakeLine(text, line);) {
-        isTaken = true;
-        line = Trimmed(line);
-        if (!line.ends_with('\\')) {
-            whole += line;
-            break;
-        }
-        line.remove_suffix(1);
-        whole += line;
-    }
-    return isTaken;
-}
+/// What Samba itself takes for a usershare; everybody may write into their folder.
+constexpr std::size_t maxUserShareBytes = 10240;
+constexpr std::size_t maxUserShareFiles = 10000;
+
+constexpr std::size_t maxConfigBytes = std::size_t{16} * 1024 * 1024;
 
 std::string InLowerCase(std::string_view text) {
     std::string lower(text);
     for (char& letter : lower) letter = letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter - 'A' + 'a') : letter;
     return lower;
-}
-
-/// A name as Samba compares it: without regard to case and to blanks.
-std::string PlainName(std::string_view name) {
-    std::string plain = InLowerCase(name);
-    std::erase_if(plain, [](char letter) { return letter == ' ' || letter == '\t'; });
-    return plain;
 }
 
 bool IsYes(const std::string& value) {
@@ -50,66 +36,18 @@ bool IsYes(const std::string& value) {
 
 // Samba.
 
-using Settings = std::map<std::string, std::string>;  // by plain name
-
-struct Section {
-    std::string name;
-    Settings settings;
-};
-
-/// The value of a setting; empty if it is not set.
-std::string ValueIn(const Settings& settings, const char* name) {
-    const auto found = settings.find(name);
-    return found != settings.end() ? found->second : "";
-}
-
-bool IsSet(const Settings& settings, const char* name, bool otherwise) {
+bool IsSet(const SambaSettings& settings, const char* name, bool otherwise) {
     const std::string value = ValueIn(settings, name);
     return value.empty() ? otherwise : IsYes(value);
 }
 
-/// A setting's plain name: one for those that have two.
-std::string SettingName(std::string_view name) {
-    const std::string plain = PlainName(name);
-    if (plain == "directory") return "path";
-    return plain == "printok" ? "printable" : plain;
-}
-
-/// The section of a name, which a file may open more than once.
-Section& SectionOf(std::vector<Section>& sections, std::string_view name) {
-    const auto found = std::ranges::find_if(
-        sections, [&](const Section& section) { return PlainName(section.name) == PlainName(name); });
-    return found != sections.end() ? *found : sections.emplace_back(Section{std::string(name), {}});
-}
-
-/// The first is [global], where settings before any section belong, too.
-std::vector<Section> ParseSections(std::string_view text) {
-    std::vector<Section> sections{{"global", {}}};
-    std::string current = "global";
-    std::string line;
-    while (TakeWholeLine(text, line)) {
-        if (line.empty() || line.front() == '#' || line.front() == ';') continue;
-        const std::size_t end = line.find(']');
-        if (line.front() == '[' && end != std::string::npos) {
-            current = Trimmed(line.substr(1, end - 1));
-            SectionOf(sections, current);
-            continue;
-        }
-        const std::size_t equals = line.find('=');
-        if (equals == std::string::npos) continue;
-        const std::string_view value = Trimmed(std::string_view(line).substr(equals + 1));
-        SectionOf(sections, current).settings[SettingName(line.substr(0, equals))] = value;
-    }
-    return sections;
-}
-
-bool IsOrdinary(const Section& section) {
-    const std::string name = PlainName(section.name);
+bool IsOrdinary(const SambaSection& section) {
+    const std::string name = PlainSambaName(section.name);
     return name != "global" && name != "homes" && name != "printers";
 }
 
 /// Absent if it is switched off, or has no path, without which Samba does not offer it.
-std::optional<Share> ShareOf(const std::string& name, const Settings& settings) {
+std::optional<Share> ShareOf(const std::string& name, const SambaSettings& settings) {
     Share share;
     share.name = name;
     share.path = ValueIn(settings, "path");
@@ -120,7 +58,7 @@ std::optional<Share> ShareOf(const std::string& name, const Settings& settings) 
     return share.path.empty() || !IsSet(settings, "available", true) ? std::nullopt : std::optional(share);
 }
 
-bool RefersElsewhere(const Settings& settings) {
+bool RefersElsewhere(const SambaSettings& settings) {
     return !ValueIn(settings, "include").empty() || !ValueIn(settings, "copy").empty() ||
            IsSet(settings, "registryshares", false) || InLowerCase(ValueIn(settings, "configbackend")) == "registry";
 }
@@ -188,71 +126,110 @@ void AddExport(std::vector<Share>& exports, std::string path, const std::string&
 
 // Files.
 
-/// The text of a file; absent if there is no such file, or with a notice if it cannot be read.
-std::optional<std::string> ReadIfThere(const std::string& path, const ShareNotice& notice) {
-    std::error_code failure;
-    if (!fs::exists(path, failure) && !failure) return std::nullopt;
-    std::optional<std::string> text;
-    if (!failure) text = platform::ReadSystemFile(path);
-    if (!text) notice(path + " cannot be read: its shares are left out");
-    return text;
-}
+/// What has been read, and what went wrong.
+struct Reading {
+    const std::string& root;
+    const ShareNotice& notice;
+    FoundShares found;
 
-/// The files of a folder, in the order of names; none if there is no such folder, or with a notice if it cannot be
-/// read.
-std::vector<std::string> FilesIn(const std::string& folder, const ShareNotice& notice) {
-    std::vector<std::string> files;
-    std::error_code failure;
-    for (fs::directory_iterator at(folder, failure), end; !failure && at != end; at.increment(failure)) {
-        files.push_back(at->path().string());
+    void fail(const std::string& path, int failure) {
+        if (found.failure == 0) found.failure = failure;
+        notice(path + " cannot be read: its shares are left out");
     }
-    if (failure && failure != std::errc::no_such_file_or_directory)
-        notice(folder + " cannot be read: its shares are left out");
-    std::ranges::sort(files);
-    return files;
+
+    /// The text of a file; absent if there is no such file, or it cannot be read.
+    std::optional<std::string> textOf(const std::string& path) {
+        std::optional<std::string> text = platform::ReadOrdinaryFile(path, maxConfigBytes);
+        const int failure = errno;
+        if (!text && failure != ENOENT) fail(path, failure);
+        return text;
+    }
+
+    /// The files of a folder, in the order of names, at most so many; none if there is no such folder, or it cannot be
+    /// read.
+    std::vector<std::string> filesIn(const std::string& folder) {
+        std::vector<std::string> files;
+        std::error_code failure;
+        fs::directory_iterator at(folder, failure);
+        for (const fs::directory_iterator end; !failure && at != end && files.size() < maxUserShareFiles;
+             at.increment(failure)) {
+            files.push_back(at->path().string());
+        }
+        if (failure && failure != std::errc::no_such_file_or_directory) fail(folder, failure.value());
+        if (!failure && at != fs::directory_iterator()) notice(folder + " has too many files: some are left out");
+        std::ranges::sort(files);
+        return files;
+    }
+};
+
+/// How many shares users may have: not any, unless Samba is set up so. Debian and its like have changed that.
+std::uint64_t UsualUserShares(const std::string& root) {
+    constexpr std::uint64_t debians = 100;
+    const std::string text = ReadFileIfThere(root + "/etc/os-release").value_or("");
+    std::string family = AssignedValue(text, "ID").value_or("") + " " + AssignedValue(text, "ID_LIKE").value_or("");
+    std::string_view names = family;
+    for (std::string_view name = TakeField(names); !name.empty(); name = TakeField(names)) {
+        if (name == "debian" || name == "ubuntu") return debians;
+    }
+    return 0;
 }
 
-void AddSambaShares(const std::string& root, const ShareNotice& notice, std::vector<Share>& shares) {
-    const std::string config = root + "/etc/samba/smb.conf";
-    const std::optional<std::string> text = ReadIfThere(config, notice);
+/// Users may put anything into the folder. As Samba does, this passes over what is not a usershare.
+void AddUserShares(const std::string& folder, std::uint64_t most, Reading& reading) {
+    std::size_t others = 0;
+    std::uint64_t shares = 0;
+    for (const std::string& file : reading.filesIn(folder)) {
+        if (shares == most) break;
+        const std::optional<std::string> text = platform::ReadOrdinaryFile(file, maxUserShareBytes, O_NOFOLLOW);
+        if (!text && (errno == EACCES || errno == EPERM || errno == EIO)) {
+            reading.fail(file, errno);
+            continue;
+        }
+        const std::optional<Share> share = text ? ParseUserShare(*text) : std::nullopt;
+        if (share) ++shares, reading.found.shares.push_back(*share);
+        if (!share) ++others;
+    }
+    if (others > 0) reading.notice(fmt::format("{}: {} files that are not usershares are left out", folder, others));
+}
+
+void AddSambaShares(Reading& reading) {
+    const std::string config = reading.root + "/etc/samba/smb.conf";
+    const std::optional<std::string> text = reading.textOf(config);
     if (!text) return;  // Samba does not run without it
     SambaShares configured = ParseSambaConfig(*text);
-    shares = std::move(configured.shares);
-    if (configured.isPartial) notice(config + " refers to other places: shares that are set there are left out");
-    if (configured.userShares.empty()) return;
-    for (const std::string& file : FilesIn(root + configured.userShares, notice)) {
-        const std::optional<std::string> userShare = ReadIfThere(file, notice);
-        const std::optional<Share> share = userShare ? ParseUserShare(*userShare) : std::nullopt;
-        if (share) shares.push_back(*share);
-    }
+    reading.found.shares = std::move(configured.shares);
+    if (configured.isPartial)
+        reading.notice(config + " refers to other places: shares that are set there are left out");
+    const std::uint64_t most = configured.mostUserShares ? *configured.mostUserShares : UsualUserShares(reading.root);
+    if (most > 0) AddUserShares(reading.root + configured.userShares, most, reading);
 }
 
 /// What is exported now, as the server's own list says; without such a list, what is to be exported.
-void AddExports(const std::string& root, const ShareNotice& notice, std::vector<Share>& shares) {
-    std::optional<std::string> text = ReadIfThere(root + "/var/lib/nfs/etab", notice);
+void AddExports(Reading& reading) {
+    std::optional<std::string> text = reading.textOf(reading.root + "/var/lib/nfs/etab");
     if (!text) {
-        text = ReadIfThere(root + "/etc/exports", notice).value_or("");
-        for (const std::string& file : FilesIn(root + "/etc/exports.d", notice)) {
-            if (file.ends_with(".exports")) *text += '\n' + ReadIfThere(file, notice).value_or("");
+        text = reading.textOf(reading.root + "/etc/exports").value_or("");
+        for (const std::string& file : reading.filesIn(reading.root + "/etc/exports.d")) {
+            if (file.ends_with(".exports")) *text += '\n' + reading.textOf(file).value_or("");
         }
     }
     const std::vector<Share> exports = ParseExports(*text);
-    shares.insert(shares.end(), exports.begin(), exports.end());
+    reading.found.shares.insert(reading.found.shares.end(), exports.begin(), exports.end());
 }
 
 }  // namespace
 
 SambaShares ParseSambaConfig(std::string_view text) {
     SambaShares found;
-    const std::vector<Section> sections = ParseSections(text);
-    const Settings& global = sections.front().settings;
+    const std::vector<SambaSection> sections = ParseSambaSections(text);
+    const SambaSettings& global = sections.front().settings;
     const std::string folder = ValueIn(global, "usersharepath");
     if (!folder.empty()) found.userShares = folder;
-    if (ValueIn(global, "usersharemaxshares") == "0") found.userShares.clear();
-    for (const Section& section : sections) {
+    found.mostUserShares = NumberOf(ValueIn(global, "usersharemaxshares"));
+    for (const SambaSection& section : sections) {
         found.isPartial = found.isPartial || RefersElsewhere(section.settings);
         if (!IsOrdinary(section)) continue;
-        Settings settings = section.settings;
+        SambaSettings settings = section.settings;
         settings.insert(global.begin(), global.end());  // what a section does not set is as in [global]
         if (const std::optional<Share> share = ShareOf(section.name, settings)) found.shares.push_back(*share);
     }
@@ -277,7 +254,7 @@ std::optional<Share> ParseUserShare(std::string_view text) {
 std::vector<Share> ParseExports(std::string_view text) {
     std::vector<Share> exports;
     std::string line;
-    while (TakeWholeLine(text, line)) {
+    while (TakeJoinedLine(text, line)) {
         std::string_view rest = std::string_view(line).substr(0, line.find('#'));
         std::string path = TakePath(rest);
         if (path.starts_with('/')) AddExport(exports, std::move(path), HostsIn(rest));
@@ -285,11 +262,11 @@ std::vector<Share> ParseExports(std::string_view text) {
     return exports;
 }
 
-std::vector<Share> ReadShares(const std::string& root, const ShareNotice& notice) {
-    std::vector<Share> shares;
-    AddSambaShares(root, notice, shares);
-    AddExports(root, notice, shares);
-    return shares;
+FoundShares ReadShares(const std::string& root, const ShareNotice& notice) {
+    Reading reading{root, notice, {}};
+    AddSambaShares(reading);
+    AddExports(reading);
+    return std::move(reading.found);
 }
 
 }  // namespace kv::facts

@@ -2,6 +2,7 @@
 // of NFS (exports(5)).
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
@@ -20,7 +21,8 @@ struct Share {
 
 struct SambaShares {
     std::vector<Share> shares;
-    std::string userShares = "/var/lib/samba/usershares";  // the folder of users' own; empty if they may have none
+    std::string userShares = "/var/lib/samba/usershares";  // the folder of users' own
+    std::optional<std::uint64_t> mostUserShares;           // absent: as Samba was built
     bool isPartial = false;                                // the text refers to others for more
 };
 
@@ -38,8 +40,13 @@ std::vector<Share> ParseExports(std::string_view text);
 /// Takes lines for the log.
 using ShareNotice = std::function<void(std::string text)>;
 
+struct FoundShares {
+    std::vector<Share> shares;
+    int failure = 0;  // of the first file that is there and could not be read, an errno value
+};
+
 /// All shares of the computer whose files are below a root, "" for this one. Notices tell which files could not be
-/// read, and which parts of smb.conf are elsewhere.
-std::vector<Share> ReadShares(const std::string& root, const ShareNotice& notice);
+/// read, and which parts of smb.conf are elsewhere. Users' own are as many as Samba allows.
+FoundShares ReadShares(const std::string& root, const ShareNotice& notice);
 
 }  // namespace kv::facts

@@ -11,14 +11,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/// The text of a file that a kernel may lack: empty then. Absent when it is there and cannot be read.
-std::optional<std::string> ReadIfThere(const std::string& path) {
-    std::optional<std::string> text = platform::ReadSystemFile(path);
-    std::error_code failure;
-    if (!text && !fs::exists(path, failure) && !failure) return "";
-    return text;
-}
-
 /// The lines below the heading.
 std::uint64_t CountLines(std::string_view text) {
     std::uint64_t count = 0;
@@ -51,8 +43,8 @@ std::uint64_t CountSemaphores(std::string_view text) {
 }
 
 std::optional<SharedObjects> CountSharedObjects() {
-    const std::optional<std::string> semaphores = ReadIfThere("/proc/sysvipc/sem");
-    const std::optional<std::string> memories = ReadIfThere("/proc/sysvipc/shm");
+    const std::optional<std::string> semaphores = ReadFileIfThere("/proc/sysvipc/sem");
+    const std::optional<std::string> memories = ReadFileIfThere("/proc/sysvipc/shm");
     if (!semaphores || !memories) return std::nullopt;
     SharedObjects objects{CountSemaphores(*semaphores), CountLines(*memories)};
     return AddFiles(objects) ? std::optional(objects) : std::nullopt;

@@ -59,6 +59,31 @@ std::string_view TakeField(std::string_view& line) {
     return field;
 }
 
+std::string_view TakeUpTo(std::string_view separator, std::string_view& text) {
+    const std::size_t end = text.find(separator);
+    const std::string_view taken = text.substr(0, end);
+    text.remove_prefix(end == text.npos ? text.size() : end + separator.size());
+    return taken;
+}
+
+bool TakeJoinedLine(std::string_view& text, std::string& joined, std::string_view commentSigns) {
+    joined.clear();
+    bool isTaken = false;
+    for (std::string_view line; TakeLine(text, line);) {
+        isTaken = true;
+        line = Trimmed(line);
+        const bool isComment = joined.empty() && !line.empty() && commentSigns.find(line.front()) != line.npos;
+        if (isComment) break;
+        if (!line.ends_with('\\')) {
+            joined += line;
+            break;
+        }
+        line.remove_suffix(1);
+        joined += line;
+    }
+    return isTaken;
+}
+
 std::optional<std::uint64_t> NumberOf(std::string_view text) {
     constexpr int decimal = 10;
     return WholeNumber(text, decimal);

@@ -29,6 +29,14 @@ bool TakeLine(std::string_view& text, std::string_view& line);
 /// Takes the next field, the text up to a blank or a tab, off a line; empty when the line is used up.
 std::string_view TakeField(std::string_view& line);
 
+/// Takes the text up to a separator off a text, and the separator; all of the text when it has none.
+std::string_view TakeUpTo(std::string_view separator, std::string_view& text);
+
+/// Takes a line off a text, trimmed, with those that follow it for as long as one ends with a backslash. Lines that
+/// start with one of the signs are comments: they are left out, and their backslashes mean nothing. False when the text
+/// is used up.
+bool TakeJoinedLine(std::string_view& text, std::string& joined, std::string_view commentSigns = {});
+
 /// A whole decimal number; absent when the text is not one, or the number is too large.
 std::optional<std::uint64_t> NumberOf(std::string_view text);
 

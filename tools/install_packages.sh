@@ -9,7 +9,7 @@ build=(ca-certificates g++ cmake ninja-build pkg-config ccache zlib1g-dev libjso
        libcli11-dev)
 test=(git libgtest-dev libgmock-dev libbenchmark-dev clang-format clang-tidy openssl unzip python3 rpm
       clang libclang-rt-14-dev snmpd snmp snmpsim procps iproute2 iputils-ping debhelper lintian systemd systemd-container
-      dbus systemd-journal-remote dmidecode pciutils)
+      dbus systemd-journal-remote dmidecode pciutils samba-common-bin)
 windows=(git dpkg-dev xz-utils libgtest-dev libgmock-dev openssl unzip snmpd snmp snmpsim g++-mingw-w64-x86-64-posix
          libz-mingw-w64-dev libcli11-dev wine wine64 libgnutls30)
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "platform/linux/descriptor.h"
@@ -17,15 +18,15 @@ ssize_t ReadOnce(int file, char* to, std::size_t room) {
     return got;
 }
 
-std::optional<std::string> ReadSystemFile(const std::string& path) {
-    const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!file) return std::nullopt;
+namespace {
+
+/// The first bytes of a file, at most so many; absent when it cannot be read.
+std::optional<std::string> ReadStart(const Descriptor& file, std::size_t most) {
     std::string text;
-    constexpr std::size_t maxFileBytes = 16 * 1024 * 1024;
     constexpr std::size_t firstBlock = 4096;
-    for (std::size_t block = firstBlock; text.size() < maxFileBytes; block *= 2) {
+    for (std::size_t block = firstBlock; text.size() < most; block *= 2) {
         const std::size_t length = text.size();
-        const std::size_t room = std::min(block, maxFileBytes - length);
+        const std::size_t room = std::min(block, most - length);
         text.resize(length + room);
         const ssize_t got = ReadOnce(file.get(), text.data() + length, room);
         text.resize(length + static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
@@ -33,6 +34,32 @@ std::optional<std::string> ReadSystemFile(const std::string& path) {
         if (got == 0) break;
     }
     return text;
+}
+
+}  // namespace
+
+std::optional<std::string> ReadSystemFile(const std::string& path) {
+    constexpr std::size_t maxFileBytes = 16 * 1024 * 1024;
+    const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    return file ? ReadStart(file, maxFileBytes) : std::nullopt;
+}
+
+Descriptor OpenOrdinaryFile(const std::string& path, int flags) {
+    Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | flags));
+    struct stat facts {};
+    if (!file || fstat(file.get(), &facts) != 0) return Descriptor();
+    if (S_ISREG(facts.st_mode)) return file;
+    file.Close();
+    errno = EINVAL;
+    return file;
+}
+
+std::optional<std::string> ReadOrdinaryFile(const std::string& path, std::size_t most, int flags) {
+    const Descriptor file = OpenOrdinaryFile(path, flags);
+    std::optional<std::string> text = file ? ReadStart(file, most + 1) : std::nullopt;
+    if (!text || text->size() <= most) return text;
+    errno = EFBIG;
+    return std::nullopt;
 }
 
 }  // namespace platform

@@ -32,10 +32,16 @@ TEST(CronTables, TellWhenAJobRuns) {
         EXPECT_EQ(text, next) << when;
         EXPECT_EQ(TextOf(DaysOf(*(*jobs)[0].time)), days) << when;
     }
-    for (const char* line : {"60 * * * * r x", "* * 0 * * r x", "* * * 13 * r x", "* * * * 8 r x", "1- * * * * r x",
-                             "1, * * * * r x", "1/ * * * * r x", "*/0 * * * * r x", ", * * * * r x", "* * * * *",
-                             "* * * * * r", "@often r x", "@daily r", "x", "1-99999999999999999999 * * * * r x"}) {
+    for (const char* line :
+         {"60 * * * * r x", "* * 0 * * r x", "* * * 13 * r x", "* * * * 8 r x", "1- * * * * r x", "1, * * * * r x",
+          "1/ * * * * r x", "*/0 * * * * r x", ", * * * * r x", "* * * * *", "* * * * * r", "@often r x", "@daily r",
+          "x", "1-99999999999999999999 * * * * r x", "0~60 * * * * r x", "9~5 * * * * r x", "--5 * * * * r x"}) {
         EXPECT_FALSE(ParseCronTable(line)) << line;
+    }
+    EXPECT_EQ((*ParseCronTable("-*/20 * * * * r x"))[0].when, "*/20 * * * *");
+    for (const char* when : {"0~59 * * * *", "~ 3~5 * * *", "-5 0 1~ * ~"}) {
+        const auto jobs = ParseCronTable(std::string(when) + " r x");
+        EXPECT_TRUE(jobs && !jobs->front().time && !jobs->front().isAtStart) << when;
     }
     EXPECT_EQ(ParseCronTable("\n # x\nA=b c\n\"B\" = d\n")->size(), 0u);
 }

@@ -3,6 +3,7 @@
 #include <ctime>
 #include <fmt/format.h>
 #include <gmock/gmock.h>
+#include <memory>
 
 #include "platform/linux/systemd/timers.h"
 #include "tests/support/linux/fake_systemd.h"
@@ -67,6 +68,12 @@ TEST_F(WmiJobs, DoNotStartWithASystemThatCannotBeAsked) {
         EXPECT_TRUE(result.status == wmi_status::providerFailure || !result.rows.empty()) << name;
         EXPECT_EQ(result.notices.size(), 1u) << name;
     }
+    {
+        const FakeSystemd refusing({{.id = "a@b.service", .file = "/lib/a@.service"}},
+                                   {"GetUnitFileState", SD_BUS_ERROR_ACCESS_DENIED});
+        EXPECT_THAT(RunWmiQuery("SELECT Name FROM Win32_StartupCommand").notices,
+                    ElementsAre(HasSubstr("Properties of a@b.service were left out")));
+    }
     const FakeSystemd manager({{.id = "a.service", .active = "active", .file = "/a.service", .fileState = "enabled"},
                                {.id = "b.service", .active = "active", .file = "/b.service", .fileState = "enabled"}},
                               {"GetUser", SD_BUS_ERROR_ACCESS_DENIED});
@@ -94,15 +101,20 @@ TEST_F(WmiJobs, AreTheActiveTimers) {
         {.id = "once.timer",
          .active = "active",
          .properties = {{"Unit", "t.target"}, {"TimersCalendar", "2026-01-01 00:00:00"}}},
+        {.id = "busy.timer",
+         .active = "active",
+         .properties = {{"Unit", "busy.service"}, {"LastTriggerUSec", "1766970600000000"}}},
+        {.id = "busy.service", .active = "activating"},
         {.id = "off.timer", .properties = {{"Unit", "m.service"}}},
         {.id = "w.service", .active = "failed", .properties = {{"User", "backup"}}},
     });
     const auto jobs = Jobs("Name Description Command Owner JobStatus DaysOfWeek DaysOfMonth RunRepeatedly StartTime");
-    ASSERT_EQ(jobs.objects.size(), 3u);
+    ASSERT_EQ(jobs.objects.size(), 4u);
     EXPECT_EQ(jobs.objects[0], "w.timer|Weekly|/bin/x -v 1|backup|Failure|97|NULL|true|********031000.000000+120|");
     EXPECT_THAT(jobs.objects[1], testing::MatchesRegex("m.timer\\|\\|/bin/x -v 1\\|root\\|NULL\\|NULL\\|NULL\\|true\\|"
                                                        "\\*{8}[0-9]{6}.[0-9]{6}.120\\|"));
     EXPECT_EQ(jobs.objects[2], "once.timer||NULL|NULL|NULL|NULL|NULL|false|NULL|");
+    EXPECT_EQ(jobs.objects[3], "busy.timer||/bin/x -v 1|root|NULL|NULL|NULL|false|NULL|") << "it runs";
     EXPECT_EQ(Jobs("JobId").objects, Jobs("JobId").objects);
     EXPECT_NE(Jobs("JobId").objects[0], Jobs("JobId").objects[1]);
 }
@@ -120,7 +132,7 @@ TEST(Timers, ElapseAtTheEarlierOfTheirTimes) {
 }
 
 TEST_F(WmiJobs, AreThoseOfCronsTables) {
-    const FakeSystemd manager({});
+    auto manager = std::make_unique<FakeSystemd>(std::vector<FakeUnit>{});
     Write(work / "etc/crontab",
           "# of the test\nSHELL=/bin/sh\nPATH = /bin:/a,b\n17 4\t* * *\troot  cd / && true 100%\n\n");
     Write(work / "etc/cron.d/some-jobs",
@@ -140,6 +152,15 @@ TEST_F(WmiJobs, AreThoseOfCronsTables) {
     std::sort(ids.begin(), ids.end());
     EXPECT_EQ(std::unique(ids.begin(), ids.end()), ids.end());
     EXPECT_THAT(Jobs("StartTime").objects[4], testing::StartsWith("********041700.000000"));
+    std::filesystem::rename(work / "usr/sbin/cron", work / "usr/sbin/crond");
+    Write(work / "etc/cron.d/with.dots", "-5 0 * * * root x\n");
+    Write(work / "etc/cron.d/aside.rpmnew", "5 0 * * * root x\n");
+    EXPECT_THAT(Jobs("Name").objects, testing::Contains("/etc/cron.d/with.dots|"));
+    EXPECT_THAT(Jobs("Name").objects, testing::Not(testing::Contains("/etc/cron.d/aside.rpmnew|")));
+    manager.reset();
+    manager.reset(new FakeSystemd({}, {"ListUnitsByPatterns", SD_BUS_ERROR_ACCESS_DENIED}));
+    EXPECT_EQ(Jobs("Name").status, wmi_status::ok) << "the timers are lost, but not cron's jobs";
+    EXPECT_THAT(Jobs("Name").notices, ElementsAre(HasSubstr("wrong"), HasSubstr("Timers")));
 }
 
 }  // namespace

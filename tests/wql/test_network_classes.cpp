@@ -16,6 +16,7 @@
 #include <string>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <vector>
 
@@ -301,11 +302,21 @@ TEST_F(WmiNetwork, SaysWhatTheKernelRefusesAndGivesTheRest) {
         << "reading the answer fails, whether or not it is tried again";
 }
 
+/// Names and paths of the shares that Samba's own program finds in a file.
+std::string SharesByTestparm(const fs::path& config) {
+    return RunShell("testparm -s " + config.string() +
+                    " 2>&- | awk -F ' = ' '/^\\[/ {end(); path = \"\"; name = substr($0, 2, length($0) - 2)} "
+                    "/^\tpath/ {path = $2} /^\tavailable = No/ {name = \"\"} END {end()} "
+                    "function end() {if (path && name && name != \"printers\") print name \"|\" path \"|\"}'")
+        .output;
+}
+
 std::string shareRoot;
 
-Gathered SharesBelow(const fs::path& root) {
+Gathered SharesBelow(const fs::path& root,
+                     const char* properties = "Name Path Description Type AllowMaximum MaximumAllowed Status") {
     shareRoot = root.string();
-    return GatherTexts(u"Win32_Share", "Name Path Description Type AllowMaximum MaximumAllowed Status",
+    return GatherTexts(u"Win32_Share", properties,
                        [](const wql::Gathering& gathering) { return wql::GatherShares(gathering, shareRoot); });
 }
 
@@ -337,15 +348,27 @@ TEST_F(WmiNetwork, SharesAreThoseOfSambaAndNfs) {
     write("etc/samba/smb.conf",
           "; comment\n[global]\n workgroup = X\n max connections = 9\n[homes]\n comment = Homes\n"
           "[printers]\nprintable = yes\npath = /var/tmp\n[Data Store]\n PATH = /srv/da\\\nta\n"
-          " Comment = All = data\nmax connections = 20\n[off]\npath = /off\navailable = No\n"
+          " Comment = All = data\nmax connections = 20\n; old \\\n[off]\npath = /off\navailable = No\n"
           "[Laser]\nprint ok = True\npath = /var/spool\nmax connections = 0\n[nowhere]\n"
           "[More]\npath = /srv/more\n[data store]\n directory = /srv/other\n");
+    EXPECT_EQ(SharesBelow(root).objects.size(), 4u) << "users have shares where Samba was built so";
+    write("etc/os-release", "ID=mint\nID_LIKE=\"ubuntu debian\"\n");
     const Gathered all = SharesBelow(root);
     EXPECT_THAT(all.objects, testing::ElementsAre("Data Store|/srv/other|All = data|0|false|20|OK|",
                                                   "Laser|/var/spool||1|true|NULL|OK|", "More|/srv/more||0|false|9|OK|",
                                                   "Mine|/home/me/out|Mine = ours|0|true|NULL|OK|",
                                                   nfs("/srv/now", "192.0.2.7 192.0.2.8")));
-    EXPECT_THAT(all.notices, testing::IsEmpty());
+    EXPECT_THAT(all.notices, testing::ElementsAre(testing::HasSubstr("usershares: 1 files")));
+    if (access("/usr/bin/testparm", X_OK) == 0) {
+        std::vector<std::string> configured = SharesBelow(root, "Name Path").objects;
+        configured.resize(3);
+        EXPECT_EQ(fmt::format("{}", fmt::join(configured, "\n")), SharesByTestparm(root / "etc/samba/smb.conf"));
+    }
+    ASSERT_EQ(mkfifo((root / "var/lib/samba/usershares/a-pipe").c_str(), 0600), 0);
+    write("var/lib/samba/usershares/long", ("#VERSION 2\npath=/x\n" + std::string(11'000, '#')).c_str());
+    fs::create_symlink("mine", root / "var/lib/samba/usershares/other");
+    EXPECT_THAT(SharesBelow(root).objects, all.objects);
+    EXPECT_THAT(SharesBelow(root).notices, testing::ElementsAre(testing::HasSubstr("usershares: 4 files")));
     write("etc/samba/smb.conf", "[global]\ninclude = /etc/samba/more.conf\nusershare max shares = 0\n[a]\npath = /a\n");
     fs::remove(root / "var/lib/nfs/etab");
     fs::create_directory(root / "var/lib/nfs/etab");  // cannot be read
@@ -354,6 +377,10 @@ TEST_F(WmiNetwork, SharesAreThoseOfSambaAndNfs) {
     const Gathered partial = SharesBelow(root);
     EXPECT_THAT(partial.objects, testing::ElementsAre("a|/a||0|true|NULL|OK|"));
     EXPECT_THAT(partial.notices, testing::ElementsAre(testing::HasSubstr("smb.conf"), testing::HasSubstr("etab")));
+    fs::remove(root / "etc/samba/smb.conf");
+    EXPECT_EQ(SharesBelow(root).status, wmi_status::providerFailure);
+    fs::remove(root / "var/lib/nfs/etab");
+    EXPECT_EQ(SharesBelow(root).status, wmi_status::ok);
     fs::remove_all(root);
 }
 

@@ -16,14 +16,18 @@ std::string ManagerFailureText(int failure) {
     return fmt::format("{}: {}", what, std::generic_category().message(-failure));
 }
 
+WmiStatus StatusOfFailure(int failure) {
+    if (failure == ETIMEDOUT) return wmi_status::timedOut;
+    return failure == EACCES || failure == EPERM ? wmi_status::accessDenied : wmi_status::providerFailure;
+}
+
 void AddManagerNotice(int failure, std::string_view loss, const Gathering& gathering) {
     gathering.notice(fmt::format("{}; {}", loss, ManagerFailureText(failure)));
 }
 
 WmiStatus FailedManager(int failure, std::string_view loss, const Gathering& gathering) {
     AddManagerNotice(failure, loss, gathering);
-    if (failure == -ETIMEDOUT) return wmi_status::timedOut;
-    return failure == -EACCES || failure == -EPERM ? wmi_status::accessDenied : wmi_status::providerFailure;
+    return StatusOfFailure(-failure);
 }
 
 WmiStatus FailedFile(const std::string& path, std::string_view loss, const Gathering& gathering) {

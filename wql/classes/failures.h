@@ -13,6 +13,9 @@ namespace kv::wql {
 /// The negated errno value of a call in words, for notices: "asking the service manager failed: Permission denied".
 std::string ManagerFailureText(int failure);
 
+/// The status that stands for an errno value: accessDenied, timedOut, else providerFailure.
+WmiStatus StatusOfFailure(int failure);
+
 /// Gives a notice of what was lost, with the reason: "Timers were left out".
 void AddManagerNotice(int failure, std::string_view loss, const Gathering& gathering);
 

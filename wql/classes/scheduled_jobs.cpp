@@ -69,7 +69,7 @@ constexpr PropertyInfo properties[] = {
     {u"InstallDate", datetime},
     {u"InteractWithDesktop", boolean, 0, "never", [](const Row&) { return false; }},
     {u"JobId", uint32, 0, "made of the timer's name, or of the job's line and its table's path", [](const Row& row) { return NumberFor(row.identity); }},
-    {u"JobStatus", string, Need::timer | Need::status, "Failure if the unit that the timer starts has failed, Success after any other start; NULL for jobs of cron",
+    {u"JobStatus", string, Need::timer | Need::status, "Failure if the unit that the timer starts has failed, Success after any other start; NULL while it is active, and for jobs of cron",
         [](const Row& row) { return row.status; }},
     {u"Name", string, 0, "of the timer, or the path of cron's table", [](const Row& row) { return row.name; }},
     {u"Notify", string},
@@ -111,7 +111,9 @@ bool IsOfEveryYear(const std::string& expression) { return expression.find("*-")
 
 /// What became of the unit when the timer last started it.
 std::optional<std::string> OutcomeOf(const TimerState& timer, const std::vector<ServiceUnit>& started) {
-    if (!started.empty() && started[0].activeState == "failed") return "Failure";
+    const std::string state = started.empty() ? "" : started[0].activeState;
+    if (state == "failed") return "Failure";
+    if (state == "activating" || state == "active" || state == "deactivating" || state == "reloading") return {};
     return timer.lastTrigger != 0 ? std::optional<std::string>("Success") : std::nullopt;
 }
 
@@ -170,9 +172,12 @@ int GatherTimers(const Gathering& gathering, Output& output) {
     return result < 0 && (IsLost(result) || units.empty()) ? result : 0;
 }
 
+/// More than anybody's table, so that one which is not a table costs little.
+constexpr std::size_t maxTableBytes = std::size_t{1024} * 1024;
+
 void AddTable(const std::string& path, const std::string& root, Output& output) {
     const std::string shownPath = path.substr(root.size());
-    const std::optional<std::string> text = platform::ReadSystemFile(path);
+    const std::optional<std::string> text = platform::ReadOrdinaryFile(path, maxTableBytes);
     const auto jobs = text ? facts::ParseCronTable(*text) : std::nullopt;
     if (!jobs) {
         const char* reason = text ? "a line is not one of cron's, which ignores the table" : "it cannot be read";
@@ -190,7 +195,7 @@ void AddTable(const std::string& path, const std::string& root, Output& output) 
         if (const int before = same[row.identity]++; before > 0) row.identity += fmt::format(" {}", before);
         row.command = job.command;
         row.user = job.user;
-        row.isRepeated = job.time.has_value();
+        row.isRepeated = !job.isAtStart;
         if (job.time) {
             row.days = facts::DaysOf(*job.time);
             if (const auto next = facts::NextRun(*job.time, now)) row.next = *next * microseconds;
@@ -199,25 +204,31 @@ void AddTable(const std::string& path, const std::string& root, Output& output) 
     }
 }
 
-/// The names that Debian's cron reads; others leave out at least those that begin or end with other signs.
-bool IsNameOfTable(const std::string& name) {
-    return !name.empty() && std::all_of(name.begin(), name.end(), [](unsigned char unit) {
-        return std::isalnum(unit) != 0 || unit == '_' || unit == '-';
-    });
+/// The names that a cron reads. Debian's, whose program is "cron", leaves out all with other signs; that of others,
+/// "crond", leaves out hidden files, backups, and what rpm puts aside.
+bool IsNameOfTable(const std::string& name, bool isDebians) {
+    if (isDebians) {
+        return !name.empty() && std::all_of(name.begin(), name.end(), [](unsigned char unit) {
+            return std::isalnum(unit) != 0 || unit == '_' || unit == '-';
+        });
+    }
+    if (name.empty() || name.front() == '.' || name.front() == '#' || name.back() == '~') return false;
+    constexpr std::string_view setAside[] = {".rpmsave", ".rpmorig", ".rpmnew", ".cfsaved"};
+    return std::none_of(std::begin(setAside), std::end(setAside),
+                        [&](std::string_view ending) { return name.ends_with(ending); });
 }
 
 /// Without a cron nothing runs its tables, which some packages bring along all the same.
 void GatherCronJobs(const std::string& root, Output& output) {
     namespace fs = std::filesystem;
-    const bool hasCron =
-        access((root + "/usr/sbin/cron").c_str(), F_OK) == 0 || access((root + "/usr/sbin/crond").c_str(), F_OK) == 0;
-    if (!hasCron) return;
+    const bool isDebians = access((root + "/usr/sbin/cron").c_str(), F_OK) == 0;
+    if (!isDebians && access((root + "/usr/sbin/crond").c_str(), F_OK) != 0) return;
     std::vector<std::string> tables;
     if (access((root + "/etc/crontab").c_str(), F_OK) == 0) tables.push_back(root + "/etc/crontab");
     std::error_code failure;
     const std::string folder = root + "/etc/cron.d";
     for (fs::directory_iterator entry(folder, failure), end; !failure && entry != end; entry.increment(failure)) {
-        if (IsNameOfTable(entry->path().filename().string())) tables.push_back(entry->path().string());
+        if (IsNameOfTable(entry->path().filename().string(), isDebians)) tables.push_back(entry->path().string());
     }
     if (failure && failure != std::errc::no_such_file_or_directory)
         output.gathering.notice(fmt::format("Jobs in /etc/cron.d were left out: {}", failure.message()));
@@ -240,7 +251,7 @@ WmiStatus GatherScheduledJobs(const Gathering& gathering, const std::string& roo
     if (output.wantsMore) GatherCronJobs(root, output);
     if (result >= 0) return wmi_status::ok;
     const WmiStatus failure = FailedManager(result, "Timers were left out", gathering);
-    return output.hasJobs && IsAbsent(result) ? wmi_status::ok : failure;
+    return output.hasJobs ? wmi_status::ok : failure;
 }
 
 }  // namespace kv::wql

@@ -2,6 +2,7 @@
 
 #include "facts/share_files.h"
 #include "wql/class_tree.h"
+#include "wql/classes/failures.h"
 
 namespace kv::wql {
 
@@ -41,10 +42,12 @@ const ClassFamily family([] { return std::span<const ClassInfo>(classes); });
 }  // namespace
 
 WmiStatus GatherShares(const Gathering& gathering, const std::string& root) {
-    for (const Row& row : facts::ReadShares(root, gathering.notice)) {
+    const facts::FoundShares found = facts::ReadShares(root, gathering.notice);
+    for (const Row& row : found.shares) {
         if (!gathering.row(&row)) break;
     }
-    return wmi_status::ok;
+    const bool isMissing = found.failure != 0 && found.shares.empty();
+    return isMissing ? StatusOfFailure(found.failure) : wmi_status::ok;
 }
 
 }  // namespace kv::wql

@@ -7,8 +7,8 @@
 
 namespace kv::wql {
 
-/// Gathers the shares that the files below a root set, "" for this computer. Always ok; notices tell what could not be
-/// read.
+/// Gathers the shares that the files below a root set, "" for this computer. Notices tell what could not be read;
+/// it is a failure if there is no share at all.
 WmiStatus GatherShares(const Gathering& gathering, const std::string& root);
 
 }  // namespace kv::wql

@@ -77,6 +77,7 @@ int HandOver(UnitManager& manager, const Gathering& gathering, std::vector<Servi
         // Only units without a file of their own, such as instances of templates, come without its state.
         if (unit.fileState.empty()) result = manager.FileState(unit, unit.fileState);
         if (IsLost(result)) break;
+        if (result < 0) refusals.add(unit.id, result);
         if (FileModeOf(unit) != u"Auto") continue;
         Row row;
         row.unit = std::move(unit);

@@ -61,7 +61,7 @@ class UnitManager {
     /// The connection; null before the first one.
     sd_bus* bus() const { return bus_.get(); }
 
-    /// Services that are loaded and match one of the patterns, as in a shell.
+    /// Units of any kind, such as timers, that are loaded and match one of the patterns, as in a shell.
     int ListLoaded(const std::vector<std::string>& patterns, std::vector<ServiceUnit>& units);
     int ListFiles(const std::vector<std::string>& patterns, std::vector<UnitFile>& files);
 
