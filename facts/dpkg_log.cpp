@@ -4,7 +4,10 @@
 #include <array>
 #include <ctime>
 #include <filesystem>
+#include <map>
 #include <optional>
+#include <system_error>
+#include <utility>
 #include <zlib.h>
 
 #include "facts/system_text.h"
@@ -29,18 +32,18 @@ std::optional<std::int64_t> TimeOf(std::string_view date, std::string_view time)
     return std::mktime(&parts);
 }
 
-/// What the lines so far have told.
+/// What the lines so far have told. Only the last update of a package can still be unfinished.
 struct Reading {
-    std::vector<PackageUpdate> begun;
+    std::map<std::string, PackageUpdate, std::less<>> begun;  // by package with its architecture
     std::vector<PackageUpdate> finished;
+    std::map<std::pair<std::string, std::string>, std::size_t> places;  // of those, by package and version
 };
 
 void Finish(PackageUpdate update, Reading& reading) {
     if (update.version == update.formerVersion || update.time == 0) return;  // the same again, or no time of dpkg's
     update.package = WithoutArchitecture(update.package);
-    std::erase_if(reading.finished, [&](const PackageUpdate& other) {
-        return other.package == update.package && other.version == update.version;
-    });
+    const auto [place, isNew] = reading.places.try_emplace({update.package, update.version}, reading.finished.size());
+    if (!isNew) reading.finished[std::exchange(place->second, reading.finished.size())].package.clear();
     reading.finished.push_back(std::move(update));
 }
 
@@ -53,16 +56,16 @@ void ParseLine(std::string_view line, Reading& reading) {
     if (action == "upgrade") {
         const std::string_view package = TakeField(line);
         const std::string_view former = TakeField(line);
-        reading.begun.push_back({std::string(package), std::string(TakeField(line)), std::string(former)});
+        reading.begun.insert_or_assign(
+            std::string(package),
+            PackageUpdate{std::string(package), std::string(TakeField(line)), std::string(former)});
     } else if (action == "status" && TakeField(line) == "installed") {
         const std::string_view package = TakeField(line);
         const std::string_view version = TakeField(line);
-        const auto update = std::find_if(reading.begun.begin(), reading.begun.end(), [&](const PackageUpdate& begun) {
-            return begun.package == package && begun.version == version;
-        });
-        if (update == reading.begun.end()) return;
-        update->time = TimeOf(date, time).value_or(0);
-        Finish(std::move(*update), reading);
+        const auto update = reading.begun.find(package);
+        if (update == reading.begun.end() || update->second.version != version) return;
+        update->second.time = TimeOf(date, time).value_or(0);
+        Finish(std::move(update->second), reading);
         reading.begun.erase(update);
     }
 }
@@ -71,8 +74,10 @@ using Archive = std::unique_ptr<gzFile_s, platform::ReleasedBy<gzclose>>;
 
 /// The text of a log, compressed or not, of at most so many bytes; absent if it cannot be read.
 std::optional<std::string> ReadLog(const std::string& path, std::size_t most) {
-    const Archive file(gzopen(path.c_str(), "re"));
+    platform::Descriptor opened = platform::OpenOrdinaryFile(path);
+    const Archive file(opened ? gzdopen(opened.get(), "r") : nullptr);
     if (!file) return std::nullopt;
+    static_cast<void>(opened.Release());  // the archive's from now on
     std::string text;
     std::array<char, 65536> block{};
     int got = 1;
@@ -83,14 +88,14 @@ std::optional<std::string> ReadLog(const std::string& path, std::size_t most) {
     return got < 0 ? std::nullopt : std::optional(std::move(text));
 }
 
-/// The logs of a folder, the newest first.
-std::vector<std::string> LogsIn(const std::string& folder) {
+/// The logs of a folder, the newest first. failure: the folder cannot be read.
+std::vector<std::string> LogsIn(const std::string& folder, std::error_code& failure) {
     namespace fs = std::filesystem;
     std::vector<std::pair<fs::file_time_type, std::string>> logs;
-    std::error_code failure;
     for (fs::directory_iterator entry(folder, failure), end; !failure && entry != end; entry.increment(failure)) {
+        std::error_code gone;
         if (entry->path().filename().string().starts_with("dpkg.log"))
-            logs.emplace_back(entry->last_write_time(failure), entry->path().string());
+            logs.emplace_back(entry->last_write_time(gone), entry->path().string());
     }
     std::sort(logs.rbegin(), logs.rend());
     std::vector<std::string> paths;
@@ -107,13 +112,17 @@ std::vector<PackageUpdate> ParseDpkgLogs(const std::vector<std::string>& texts) 
         std::string_view line;
         while (TakeLine(text, line)) ParseLine(line, reading);
     }
+    std::erase_if(reading.finished, [](const PackageUpdate& update) { return update.package.empty(); });
     return std::move(reading.finished);
 }
 
 DpkgLogs ReadDpkgLogs(const std::string& folder) {
     DpkgLogs logs;
     std::size_t left = maxBytes;
-    for (const std::string& path : LogsIn(folder)) {
+    std::error_code failure;
+    const std::vector<std::string> paths = LogsIn(folder, failure);
+    if (failure && failure != std::errc::no_such_file_or_directory) logs.unreadable.push_back(folder);
+    for (const std::string& path : paths) {
         logs.areAll = left > 0;
         if (!logs.areAll) break;
         std::optional<std::string> text = ReadLog(path, left);

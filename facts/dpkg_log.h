@@ -22,7 +22,7 @@ std::vector<PackageUpdate> ParseDpkgLogs(const std::vector<std::string>& texts);
 
 struct DpkgLogs {
     std::vector<std::string> texts;       // oldest first
-    std::vector<std::string> unreadable;  // paths
+    std::vector<std::string> unreadable;  // paths, of logs or of the folder
     bool areAll = true;                   // false: the oldest were left out, to read a bounded amount
 };
 

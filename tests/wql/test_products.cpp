@@ -114,6 +114,15 @@ TEST_F(WmiProducts, AreThePackagesOfRpm) {
                 testing::AnyOf(today + "|\n", std::to_string(std::stoi(today) - 1) + "|\n"));
     EXPECT_THAT(LinesOf(Updates()), HasSubstr("kv-Some 1.5-3|Installed or updated||"));
 
+    ASSERT_EQ(RunShell("sed '/BuildArch/d; s/kv-Some/kv-Two/' b.spec > c.spec; for t in i686 x86_64; do rpmbuild -bb "
+                       "--quiet --target $t --define '_topdir " +
+                       work.string() + "/build' c.spec || exit; done; rpm --dbpath " + rpm.string() +
+                       " -i --justdb --nodeps --ignorearch build/RPMS/[ix]*/kv-Two*.rpm 2>&1")
+                  .exitCode,
+              0);
+    EXPECT_EQ(Products("Name", "WHERE Name = 'kv-Two'").objects.size(), 2u);
+    EXPECT_EQ(Updates().objects.size(), 3u) << "each name and version once";
+
     Write(rpm / "rpmdb.sqlite", "not a database");
     EXPECT_EQ(Products(facts).status, wmi_status::providerFailure);
     EXPECT_THAT(Products(facts).notices, ElementsAre(HasSubstr("rpm -qa failed: exit code 1: ")));
@@ -147,7 +156,12 @@ TEST_F(WmiProducts, HaveTheUpdatesOfTheLogs) {
         LinesOf(Updates()),
         "b 1:2|Update|Replaces 1:1|1/2/2026|\na 2|Update|Replaces 1|2/3/2026|\nz 2|Update|Replaces 1|2/3/2026|\n");
     Write(logs / "dpkg.log.3.gz", "\x1f\x8b\x08 cut");
-    EXPECT_THAT(Updates().notices, ElementsAre(HasSubstr("dpkg.log.3.gz")));
+    ASSERT_EQ(RunShell("mkfifo var/log/dpkg.log.4 && touch -d 2026-01-02 var/log/dpkg.log.4").exitCode, 0);
+    EXPECT_THAT(Updates().notices, ElementsAre(HasSubstr("dpkg.log.3.gz"), HasSubstr("dpkg.log.4")));
+    std::filesystem::remove_all(logs);
+    Write(logs, "not a folder");
+    EXPECT_EQ(Updates().status, wmi_status::providerFailure);
+    EXPECT_THAT(Updates().notices, ElementsAre(HasSubstr("/var/log cannot be read")));
 }
 
 }  // namespace

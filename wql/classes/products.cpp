@@ -1,8 +1,10 @@
 #include "wql/classes/products.h"
 
+#include <algorithm>
 #include <chrono>
 #include <ctime>
 #include <fmt/format.h>
+#include <map>
 #include <system_error>
 #include <unistd.h>
 
@@ -168,6 +170,21 @@ std::vector<Package> ReadRpmPackages(Reading& reading) {
     return facts::ParseRpmList(list.output);
 }
 
+/// Packages of one name and version, which several architectures may have, as one with the last time.
+std::vector<Package> WithoutArchitectures(std::vector<Package> packages) {
+    std::map<std::pair<std::string, std::string>, std::size_t> places;
+    std::vector<Package> merged;
+    for (Package& package : packages) {
+        const auto [place, isNew] = places.try_emplace({package.name, package.version}, merged.size());
+        if (isNew) {
+            merged.push_back(std::move(package));
+        } else {
+            merged[place->second].installed = std::max(merged[place->second].installed, package.installed);
+        }
+    }
+    return merged;
+}
+
 bool HandOver(std::vector<Package> packages, char beforeArchitecture, Reading& reading) {
     for (Package& package : packages) {
         ProductRow row{std::move(package), {}};
@@ -224,7 +241,7 @@ WmiStatus GatherUpdates(const Gathering& gathering, const std::string& root) {
     if (!HandOverUpdates(ReadUpdates(reading), row, reading)) return wmi_status::ok;
     row.description = "Installed or updated";
     row.comments.clear();
-    for (Package& package : ReadRpmPackages(reading)) {
+    for (Package& package : WithoutArchitectures(ReadRpmPackages(reading))) {
         row.package = std::move(package.name);
         row.version = std::move(package.version);
         row.time = package.installed;
