@@ -4,9 +4,10 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <fcntl.h>
 #include <poll.h>
-#include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -35,44 +36,99 @@ bool OpenPipe(Pipe& pipe) {
     return true;
 }
 
-/// How a child is to be started. A group of its own, so that it can be ended with all that it starts; no signal blocked
-/// or ignored, whatever this thread has set.
+/// Everything that a child needs, made ready before the fork: after it only system calls are allowed, because another
+/// thread may have held any lock at that moment.
 struct Start {
-    posix_spawn_file_actions_t actions{};
-    posix_spawnattr_t attributes{};
-
-    Start(int output, int errors) {
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-        posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
-        posix_spawn_file_actions_adddup2(&actions, errors, STDERR_FILENO);
-        posix_spawnattr_init(&attributes);
-        sigset_t signals;
-        sigemptyset(&signals);
-        posix_spawnattr_setsigmask(&attributes, &signals);
-        sigfillset(&signals);
-        posix_spawnattr_setsigdefault(&attributes, &signals);
-        posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-    }
-    ~Start() {
-        posix_spawnattr_destroy(&attributes);
-        posix_spawn_file_actions_destroy(&actions);
-    }
-    Start(const Start&) = delete;
-    Start& operator=(const Start&) = delete;
+    std::vector<char*> arguments;
+    std::array<char*, 3> environment;
+    int output, errors;  // where it prints
+    int report;          // a failed start is written here as an errno value; closed when the program runs
+    pid_t parent;
 };
 
-/// 0, or an errno value.
-int StartChild(const std::vector<std::string>& words, const Start& start, pid_t& child) {
-    std::vector<char*> arguments;
-    arguments.reserve(words.size() + 1);
-    for (const std::string& word : words) arguments.push_back(const_cast<char*>(word.c_str()));
-    arguments.push_back(nullptr);
-    char language[] = "LC_ALL=C";
-    char path[] = "PATH=/usr/sbin:/usr/bin:/sbin:/bin";
-    const std::array<char*, 3> environment{language, path, nullptr};
-    return posix_spawn(&child, arguments[0], &start.actions, &start.attributes, arguments.data(), environment.data());
+/// What a new child runs, forked with all signals blocked. It has a group of its own, so that it can be ended with all
+/// that it starts, and ends with the thread that waits for it. No signal stays blocked or ignored.
+[[noreturn]] void BecomeProgram(const Start& start) {
+    setpgid(0, 0);
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != start.parent) _exit(EXIT_FAILURE);
+    struct sigaction usual {};
+    usual.sa_handler = SIG_DFL;
+    for (int number = 1; number < NSIG; ++number) sigaction(number, &usual, nullptr);
+    const int nothing = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    if (dup2(nothing, STDIN_FILENO) >= 0 && dup2(start.output, STDOUT_FILENO) >= 0 &&
+        dup2(start.errors, STDERR_FILENO) >= 0) {
+        sigset_t signals;
+        sigemptyset(&signals);
+        sigprocmask(SIG_SETMASK, &signals, nullptr);
+        execve(start.arguments[0], start.arguments.data(), start.environment.data());
+    }
+    const int failure = errno;
+    static_cast<void>(!write(start.report, &failure, sizeof failure));
+    _exit(EXIT_FAILURE);
 }
+
+pid_t ForkProgram(const Start& start) {
+    sigset_t all;
+    sigset_t former;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &former);
+    const pid_t child = fork();
+    if (child == 0) BecomeProgram(start);
+    const int failure = errno;
+    pthread_sigmask(SIG_SETMASK, &former, nullptr);
+    errno = failure;
+    return child;
+}
+
+/// A child, which is ended with its group at the end of the scope, unless it has been waited for.
+class Child {
+  public:
+    Child() = default;
+    ~Child() {
+        if (id_ > 0) WaitUntil({}, true);
+    }
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+
+    /// 0, or an errno value.
+    int Run(const std::vector<std::string>& words, int output, int errors) {
+        Pipe report;
+        if (!OpenPipe(report)) return errno;
+        char language[] = "LC_ALL=C";
+        char path[] = "PATH=/usr/sbin:/usr/bin:/sbin:/bin";
+        Start start{{}, {language, path, nullptr}, output, errors, report.writing.get(), getpid()};
+        for (const std::string& word : words) start.arguments.push_back(const_cast<char*>(word.c_str()));
+        start.arguments.push_back(nullptr);
+        id_ = ForkProgram(start);
+        if (id_ < 0) return errno;
+        report.writing.Close();
+        int failure = 0;
+        if (platform::ReadOnce(report.reading.get(), reinterpret_cast<char*>(&failure), sizeof failure) > 0)
+            WaitUntil({}, true);
+        return failure;
+    }
+
+    /// Waits for its end, which comes soon after it has closed its output, and ends it at the deadline, or now. Its
+    /// exit code, or 128 plus the signal.
+    int WaitUntil(Clock::time_point deadline, bool isToEnd) {
+        int status = 0;
+        while (!isToEnd && waitpid(id_, &status, WNOHANG) == 0) {
+            isToEnd = Clock::now() >= deadline;
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        if (isToEnd) {
+            kill(-id_, SIGKILL);
+            while (waitpid(id_, &status, 0) < 0 && errno == EINTR) {
+            }
+        }
+        id_ = 0;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+
+  private:
+    pid_t id_ = 0;
+};
 
 int MillisecondsUntil(Clock::time_point deadline) {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
@@ -106,39 +162,24 @@ int ReadAll(Descriptor& output, Descriptor& errors, const CommandLimits& limits,
     return 0;
 }
 
-/// Waits for the child, which ends soon after it has closed its output, and ends it at the deadline.
-int WaitFor(pid_t child, bool isToEnd, Clock::time_point deadline) {
-    int status = 0;
-    while (!isToEnd && waitpid(child, &status, WNOHANG) == 0) {
-        isToEnd = Clock::now() >= deadline;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    if (isToEnd) {
-        kill(-child, SIGKILL);
-        while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
-        }
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
 }  // namespace
 
 CommandOutput RunCommand(const std::vector<std::string>& words, const CommandLimits& limits) {
     CommandOutput outcome;
     Pipe output;
     Pipe errors;
-    pid_t child = 0;
+    Child child;
     if (!OpenPipe(output) || !OpenPipe(errors)) {
         outcome.failure = errno;
         return outcome;
     }
-    outcome.failure = StartChild(words, Start(output.writing.get(), errors.writing.get()), child);
+    outcome.failure = child.Run(words, output.writing.get(), errors.writing.get());
     if (outcome.failure != 0) return outcome;
     output.writing.Close();
     errors.writing.Close();
     const Clock::time_point deadline = Clock::now() + limits.time;
     outcome.failure = ReadAll(output.reading, errors.reading, limits, deadline, outcome);
-    outcome.exitCode = WaitFor(child, outcome.failure != 0, deadline);
+    outcome.exitCode = child.WaitUntil(deadline, outcome.failure != 0);
     return outcome;
 }
 

@@ -21,7 +21,8 @@ struct CommandLimits {
 };
 
 /// Runs a program without a shell, in the language "C" and with nothing to read. words: its path and its arguments. At
-/// a limit it is ended, with all of its process group. Blocks until then; any thread may call it.
+/// a limit it is ended, with all of its process group; the program itself also ends with this process. Blocks until
+/// then; any thread may call it.
 CommandOutput RunCommand(const std::vector<std::string>& words, const CommandLimits& limits);
 
 }  // namespace kv::facts

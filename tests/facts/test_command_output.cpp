@@ -2,6 +2,9 @@
 #include <cerrno>
 #include <csignal>
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include "facts/command_output.h"
 
@@ -38,6 +41,24 @@ TEST(CommandOutput, IsBoundedInTimeAndSize) {
         EXPECT_EQ(outcome.output, row.output) << row.title;
         EXPECT_EQ(outcome.complaint, row.complaint) << row.title;
     }
+}
+
+TEST(CommandOutput, EndsWithTheProcessThatWantedIt) {
+    std::array<int, 2> ends{};
+    ASSERT_EQ(pipe(ends.data()), 0);  // the program inherits it
+    const pid_t asking = fork();
+    if (asking == 0) {
+        RunCommand({"/bin/sh", "-c", "echo >&" + std::to_string(ends[1]) + "; exec sleep 60"}, {60s, 1});
+        _exit(0);
+    }
+    close(ends[1]);
+    char sign = 0;
+    EXPECT_EQ(read(ends[0], &sign, 1), 1) << "it runs";
+    kill(asking, SIGKILL);
+    waitpid(asking, nullptr, 0);
+    pollfd closed{ends[0], POLLIN, 0};
+    EXPECT_EQ(poll(&closed, 1, 30'000), 1) << "it still runs";
+    close(ends[0]);
 }
 
 }  // namespace
