@@ -1,9 +1,11 @@
 #include "facts/sessions.h"
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <fmt/format.h>
 #include <memory>
+#include <system_error>
 #include <systemd/sd-login.h>
 #include <unistd.h>
 #include <utmp.h>
@@ -71,17 +73,25 @@ std::optional<Session> ReadSession(const char* id) {
     return session;
 }
 
-/// The sessions in the files of systemd's login manager; absent when it does not run.
-std::optional<std::vector<Session>> ReadManagedSessions() {
+/// The sessions in the files of systemd's login manager. They are not recorded when it does not run.
+RecordedSessions ReadManagedSessions() {
+    RecordedSessions recorded;
     char** ids = nullptr;
-    if (access(sessionFolder, F_OK) != 0 || sd_get_sessions(&ids) < 0) return std::nullopt;
+    if (access(sessionFolder, F_OK) != 0) {
+        if (errno != ENOENT) recorded.failure = errno;
+        return recorded;
+    }
+    if (const int result = sd_get_sessions(&ids); result < 0) {
+        recorded.failure = -result;
+        return recorded;
+    }
+    recorded.areRecorded = true;
     const std::unique_ptr<char*, platform::ReleasedBy<std::free>> owned(ids);
-    std::vector<Session> sessions;
     for (; ids != nullptr && *ids != nullptr; ++ids) {
         const OwnedText id(*ids);
-        if (std::optional<Session> session = ReadSession(id.get())) sessions.push_back(std::move(*session));
+        if (std::optional<Session> session = ReadSession(id.get())) recorded.sessions.push_back(std::move(*session));
     }
-    return sessions;
+    return recorded;
 }
 
 }  // namespace
@@ -113,20 +123,26 @@ std::vector<Session> ParseSessions(std::string_view utmp) {
     return sessions;
 }
 
-std::optional<std::vector<Session>> ReadLogons() {
-    std::optional<std::vector<Session>> managed = ReadManagedSessions();
-    if (managed && !managed->empty()) return managed;
+RecordedSessions ReadLogons() {
+    RecordedSessions managed = ReadManagedSessions();
+    if (!managed.sessions.empty()) return managed;
     const std::optional<std::string> file = platform::ReadSystemFile(_PATH_UTMP);
-    return file ? std::optional(ParseSessions(*file)) : managed;
+    const int failure = errno;
+    if (file) return {.sessions = ParseSessions(*file), .areRecorded = true};
+    if (!managed.areRecorded && managed.failure == 0 && failure != ENOENT) managed.failure = failure;
+    return managed;
 }
 
-std::optional<std::vector<Session>> ReadSessions() {
-    std::optional<std::vector<Session>> sessions = ReadLogons();
-    if (!sessions) return sessions;
-    std::erase_if(*sessions, [](const Session& session) {
+RecordedSessions ReadSessions() {
+    RecordedSessions recorded = ReadLogons();
+    std::erase_if(recorded.sessions, [](const Session& session) {
         return session.kind != LogonKind::interactive && session.kind != LogonKind::remote;
     });
-    return sessions;
+    return recorded;
+}
+
+std::string FailureText(const RecordedSessions& recorded) {
+    return "Sessions cannot be read: " + std::generic_category().message(recorded.failure);
 }
 
 std::optional<std::string> ConsoleUserOf(const std::vector<Session>& sessions) {

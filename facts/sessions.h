@@ -36,11 +36,20 @@ std::optional<LogonKind> LogonKindOf(std::string_view sessionClass, bool isRemot
 /// The sessions in a utmp file. An incomplete record at its end is left out.
 std::vector<Session> ParseSessions(std::string_view utmp);
 
-/// The sessions of all kinds; absent when the system does not record them.
-std::optional<std::vector<Session>> ReadLogons();
+struct RecordedSessions {
+    std::vector<Session> sessions;
+    bool areRecorded = false;  // false: the system does not record them, or its records cannot be read
+    int failure = 0;           // why they cannot be read, an errno value
+};
 
-/// The sessions in which somebody is logged in; absent as above.
-std::optional<std::vector<Session>> ReadSessions();
+/// The sessions of all kinds.
+RecordedSessions ReadLogons();
+
+/// The sessions in which somebody is logged in.
+RecordedSessions ReadSessions();
+
+/// What is said when they cannot be read: "Sessions cannot be read: Permission denied".
+std::string FailureText(const RecordedSessions& recorded);
 
 /// The user at the computer's own screen and keyboard; absent when nobody is logged in there.
 std::optional<std::string> ConsoleUserOf(const std::vector<Session>& sessions);

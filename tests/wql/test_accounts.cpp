@@ -4,6 +4,7 @@
 #include <utmp.h>
 
 #include "tests/support/linux/gathered_texts.h"
+#include "tests/support/linux/namespaces.h"
 #include "tests/support/linux/shell.h"
 #include "tests/support/test_folder.h"
 #include "wql/classes/accounts.h"
@@ -120,6 +121,22 @@ TEST_F(WmiAccounts, HaveSessionsAsWhoListsThem) {
     ASSERT_EQ(users.objects.size(), 4u);
     EXPECT_EQ(users.objects[1], place + "Win32_UserAccount.Domain=\"" + host + "\",Name=\"al\\\"x\"|" + place +
                                     "Win32_LogonSession.LogonId=\"pts/0\"|");
+}
+
+TEST_F(WmiTest, TellsThatRecordsOfSessionsCannotBeRead) {
+    if (!IsInNamespaces())
+        return RunInNamespaces("--mount",
+                               "mount -t tmpfs none /run && mkdir /run/systemd && touch /run/systemd/sessions");
+    for (const char* query : {"SELECT * FROM Win32_LogonSession", "SELECT UserName FROM Win32_ComputerSystem",
+                              "SELECT NumberOfUsers FROM Win32_OperatingSystem"}) {
+        const WmiResult result = RunWmiQuery(query);
+        EXPECT_THAT(result.notices, testing::ElementsAre(testing::HasSubstr("Sessions cannot be read: "))) << query;
+        EXPECT_EQ(result.status == wmi_status::ok, !result.rows.empty()) << query;
+    }
+    std::filesystem::remove("/run/systemd/sessions");
+    const WmiResult unrecorded = RunWmiQuery("SELECT * FROM Win32_LogonSession");
+    EXPECT_EQ(unrecorded.status, wmi_status::ok);
+    EXPECT_THAT(unrecorded.notices, testing::IsEmpty());
 }
 
 TEST(LogonKinds, FollowFromTheLoginManagersWords) {

@@ -44,6 +44,13 @@ TEST(ServiceUnits, HaveTheStatesOfServices) {
         EXPECT_NE(fnmatch(PatternOfName(name).c_str(), "asb.service", FNM_NOESCAPE), 0);
     }
     EXPECT_EQ(fnmatch(PatternOfName("SsH").c_str(), "ssh.service", FNM_NOESCAPE), 0);
+    for (const bool canPause : {true, false}) {
+        UnitCondition condition;
+        condition.activeState = "active";
+        condition.canStop = true;
+        SeenPending never;
+        EXPECT_EQ(StatusOf(condition, canPause, 0, never).dwControlsAccepted, canPause ? 3u : 1u);
+    }
 }
 
 const std::vector<FakeUnit> someUnits{
@@ -100,14 +107,17 @@ TEST_F(WmiServices, AreAsTheServiceManagerTells) {
         std::string expected;
         BusFault fault = {};
     } rows[] = {
-        {"failed", A("failed", {{"ExecMainCode", "1"}, {"ExecMainStatus", "7"}}), "false Stopped 1066 7"},
-        {"killed", A("failed", {{"ExecMainCode", "2"}, {"ExecMainStatus", "9"}}), "false Stopped 1067 0"},
-        {"frozen", A("active", {{"FreezerState", "frozen"}}), "true Paused 0 0"},
-        {"thawing", A("active", {{"FreezerState", "thawing"}}), "true Continue Pending 0 0"},
-        {"not to be stopped by hand", A("active", {{"CanStop", "0"}}), "true Running 0 0"},
-        {"to be restarted", A("active", {}, "restart"), "false Stop Pending 0 0"},
-        {"to be started", A("failed", {}, "start"), "false Start Pending 0 0"},
-        {"an older systemd", A("active"), "true Running 0 0", {"GetFreezerState", SD_BUS_ERROR_UNKNOWN_PROPERTY}},
+        {"failed", A("failed", {{"ExecMainCode", "1"}, {"ExecMainStatus", "7"}}), "false Stopped false 1066 7 0 0"},
+        {"killed", A("failed", {{"ExecMainCode", "2"}, {"ExecMainStatus", "9"}}), "false Stopped false 1067 0 0 0"},
+        {"frozen", A("active", {{"FreezerState", "frozen"}}), "true Paused true 0 0 0 0"},
+        {"thawing", A("active", {{"FreezerState", "thawing"}}), "true Continue Pending false 0 0 1 500"},
+        {"not to be stopped by hand", A("active", {{"CanStop", "0"}}), "true Running false 0 0 0 0"},
+        {"to be restarted", A("active", {}, "restart"), "false Stop Pending false 0 0 1 500"},
+        {"to be started", A("failed", {}, "start"), "false Start Pending false 0 0 1 500"},
+        {"an older systemd",
+         A("active"),
+         "true Running true 0 0 0 0",
+         {"GetFreezerState", SD_BUS_ERROR_UNKNOWN_PROPERTY}},
     };
     for (const auto& [title, unit, expected, fault] : rows) {
         const FakeSystemd systemd({unit}, fault);
@@ -115,7 +125,10 @@ TEST_F(WmiServices, AreAsTheServiceManagerTells) {
             "SELECT * FROM Win32_Service WHERE DelayedAutoStart = 'False' AND ErrorControl = 'Normal' AND TagId = 0");
         ASSERT_EQ(result.rows.size(), 1u) << title;
         EXPECT_THAT(result.notices, testing::IsEmpty()) << title;
-        EXPECT_EQ(PropertyTexts(result.rows[0], "Started,State,ExitCode,ServiceSpecificExitCode"), expected) << title;
+        EXPECT_EQ(PropertyTexts(result.rows[0],
+                                "Started,State,AcceptStop,ExitCode,ServiceSpecificExitCode,CheckPoint,WaitHint"),
+                  expected)
+            << title;
         EXPECT_EQ(PropertyTexts(result.rows[0],
                                 "State,AcceptStop,AcceptPause,ExitCode,ServiceSpecificExitCode,CheckPoint,WaitHint"),
                   StatusFromManager())

@@ -277,8 +277,11 @@ void ReadStartParts(const Gathering& gathering, Row& row) {
 void ReadRunningParts(const Gathering& gathering, Row& row) {
     if (gathering.asksFor(Need::commandLine)) row.commandLine = platform::ReadSystemFile("/proc/cmdline").value_or("");
     if (gathering.asksFor(Need::time)) row.time = facts::LocalTimeOf(facts::MicrosecondsNow());
-    if (gathering.asksFor(Need::sessions))
-        row.user = facts::ConsoleUserOf(facts::ReadSessions().value_or(std::vector<facts::Session>()));
+    if (gathering.asksFor(Need::sessions)) {
+        const facts::RecordedSessions recorded = facts::ReadSessions();
+        row.user = facts::ConsoleUserOf(recorded.sessions);
+        if (recorded.failure != 0) gathering.notice("UserName was left out. " + FailureText(recorded));
+    }
     if (gathering.asksFor(Need::memory)) {
         row.memory = facts::MemoryFigure(platform::ReadSystemFile("/proc/meminfo").value_or(""), "MemTotal");
     }

@@ -1,8 +1,5 @@
 #include "wql/classes/logons.h"
 
-#include <unistd.h>
-#include <utmp.h>
-
 #include "facts/host_names.h"
 #include "facts/system_text.h"
 #include "wql/class_tree.h"
@@ -53,9 +50,10 @@ using GatherSessions = WmiStatus (*)(const Gathering& gathering, const std::vect
 
 /// A system that records no sessions has none.
 WmiStatus GatherOfThisComputer(const Gathering& gathering, GatherSessions gather) {
-    const std::optional<std::vector<Session>> sessions = facts::ReadLogons();
-    if (sessions) return gather(gathering, *sessions);
-    return access(_PATH_UTMP, F_OK) == 0 ? FailedFile(_PATH_UTMP, "Sessions", gathering) : wmi_status::ok;
+    const facts::RecordedSessions recorded = facts::ReadLogons();
+    if (recorded.failure == 0) return gather(gathering, recorded.sessions);
+    gathering.notice(FailureText(recorded));
+    return StatusOfFailure(recorded.failure);
 }
 
 constexpr ClassInfo classes[] = {

@@ -283,8 +283,9 @@ WmiStatus GatherOperatingSystem(const Gathering& gathering) {
     ReadKernelParts(gathering, row);
     ReadDistributionParts(gathering, row);
     if (gathering.asksFor(Need::sessions)) {
-        const std::optional<std::vector<facts::Session>> sessions = facts::ReadSessions();
-        if (sessions) row.sessions = sessions->size();
+        const facts::RecordedSessions recorded = facts::ReadSessions();
+        if (recorded.areRecorded) row.sessions = recorded.sessions.size();
+        if (recorded.failure != 0) gathering.notice("NumberOfUsers was left out. " + FailureText(recorded));
     }
     gathering.row(&row);
     return wmi_status::ok;
