@@ -114,7 +114,7 @@ bool SetsVariable(std::string_view line) {
 
 /// A range such as "0~59" or "~", within which one cron takes a number at random when it reads the table.
 bool IsRandom(std::string_view text, const FieldForm& form) {
-    if (text.find('~') == text.npos) return false;
+    if (text.find('~') == std::string_view::npos) return false;
     const std::string_view least = TakeUpTo("~", text);
     const std::optional<std::uint64_t> first = least.empty() ? form.least : ValueOf(least, form);
     const std::optional<std::uint64_t> last = text.empty() ? form.most : ValueOf(text, form);

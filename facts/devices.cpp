@@ -23,7 +23,7 @@ std::string PlaceOfDevice(const std::string& link) {
     std::error_code failure;
     const std::string path = fs::canonical(link, failure).string();
     const std::size_t at = path.find(devices);
-    return at == path.npos ? std::string() : path.substr(at + devices.size());
+    return at == std::string::npos ? std::string() : path.substr(at + devices.size());
 }
 
 std::string DriverOf(const std::string& folder) {

@@ -232,7 +232,7 @@ bool Echo::MayReadOn(int flags, int error) {
 bool Echo::ReceiveMessage(int flags) {
     constexpr std::size_t largestHeader = 60;  // of IPv4
     std::string message(mostEchoBytes + sizeof(EchoHeader) + largestHeader, '\0');
-    alignas(cmsghdr) std::array<char, 512> about;
+    alignas(cmsghdr) std::array<char, 512> about{};
     Address from;
     iovec place{message.data(), message.size()};
     msghdr received{&from.held, sizeof(from.held), &place, 1, about.data(), about.size(), 0};
@@ -375,6 +375,7 @@ std::vector<EchoReply> SendEchoes(const std::vector<EchoRequest>& requests) {
     while (ReceiveSome(echoes)) continue;
     LookUpNames(echoes);
     std::vector<EchoReply> replies;
+    replies.reserve(echoes.size());
     for (const Echo& echo : echoes) replies.push_back(echo.reply());
     return replies;
 }
