@@ -6,7 +6,6 @@
 #include "tests/support/linux/gathered_texts.h"
 #include "tests/support/linux/namespaces.h"
 #include "tests/support/linux/shell.h"
-#include "tests/support/test_folder.h"
 #include "wql/classes/accounts.h"
 #include "wql/classes/logons.h"
 #include "wql/classes/processes.h"
@@ -18,24 +17,11 @@ using namespace wql;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
-/// A folder that stands for /etc or /proc; a gather is a plain function, so that the path stands outside.
-std::string placeOfFiles;
-
-struct WmiAccounts : TestFolder {
-    WmiAccounts() { placeOfFiles = work.string(); }
-
-    static Gathered Users(const char* properties) {
-        return GatherTexts(u"Win32_UserAccount", properties,
-                           [](const Gathering& gathering) { return GatherUsers(gathering, placeOfFiles); });
-    }
-    static Gathered Groups() {
-        return GatherTexts(u"Win32_Group", "Name",
-                           [](const Gathering& gathering) { return GatherGroups(gathering, placeOfFiles); });
-    }
+struct WmiAccounts : FrozenFiles {
+    static Gathered Users(const char* properties) { return Over<GatherUsers>(u"Win32_UserAccount", properties); }
+    static Gathered Groups() { return Over<GatherGroups>(u"Win32_Group", "Name"); }
     static Gathered Processes(const char* where) {
-        return GatherTexts(
-            u"Win32_Process", "ProcessId ExecutablePath",
-            [](const Gathering& gathering) { return GatherProcesses(gathering, placeOfFiles); }, where);
+        return Over<GatherProcesses>(u"Win32_Process", "ProcessId ExecutablePath", where);
     }
 };
 

@@ -9,7 +9,6 @@
 #include "tests/support/linux/fake_systemd.h"
 #include "tests/support/linux/gathered_texts.h"
 #include "tests/support/linux/zone_setting.h"
-#include "tests/support/test_folder.h"
 #include "wql/classes/scheduled_jobs.h"
 
 namespace kv::test {
@@ -20,19 +19,12 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
-std::string rootOfFiles;  // a gather is a plain function
-
-struct WmiJobs : TestFolder {
-    WmiJobs() {
-        platform::InstallWmi();
-        rootOfFiles = work.string();
-        setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent", 1);
-    }
+struct WmiJobs : FrozenFiles {
+    WmiJobs() { setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent", 1); }
     ~WmiJobs() override { unsetenv("DBUS_SYSTEM_BUS_ADDRESS"); }
 
     static Gathered Jobs(const char* properties) {
-        return GatherTexts(u"Win32_ScheduledJob", properties,
-                           [](const Gathering& to) { return GatherScheduledJobs(to, rootOfFiles); });
+        return Over<GatherScheduledJobs>(u"Win32_ScheduledJob", properties);
     }
 };
 

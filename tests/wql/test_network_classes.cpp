@@ -311,77 +311,69 @@ std::string SharesByTestparm(const fs::path& config) {
         .output;
 }
 
-std::string shareRoot;
+struct WmiShares : FrozenFiles {
+    static Gathered Shares(const char* names = "Name Path Description Type AllowMaximum MaximumAllowed Status") {
+        return Over<wql::GatherShares>(u"Win32_Share", names);
+    }
+};
 
-Gathered SharesBelow(const fs::path& root,
-                     const char* properties = "Name Path Description Type AllowMaximum MaximumAllowed Status") {
-    shareRoot = root.string();
-    return GatherTexts(u"Win32_Share", properties,
-                       [](const wql::Gathering& gathering) { return wql::GatherShares(gathering, shareRoot); });
-}
-
-TEST_F(WmiNetwork, SharesAreThoseOfSambaAndNfs) {
-    const fs::path root = fs::temp_directory_path() / fmt::format("kv-shares{}", getpid());
-    const auto write = [&](const char* file, const char* text) {
-        fs::create_directories((root / file).parent_path());
-        std::ofstream(root / file) << text;
-    };
-    EXPECT_THAT(SharesBelow(root).objects, testing::IsEmpty());
-    write("etc/exports",
+TEST_F(WmiShares, AreThoseOfSambaAndNfs) {
+    EXPECT_THAT(Shares().objects, testing::IsEmpty());
+    Write(work / "etc/exports",
           "# none\n/srv/a 192.0.2.0/24(rw,sync) host.example(ro) # two\n/srv/b -ro \\\n  @group\n"
           "\"/srv/with blank\"\n/srv/oct\\040al *(rw)\n/srv/a (ro)\nnot a path\n");
-    write("etc/exports.d/more.exports", "/srv/more");
-    write("etc/exports.d/backup.old", "/srv/old");
+    Write(work / "etc/exports.d/more.exports", "/srv/more");
+    Write(work / "etc/exports.d/backup.old", "/srv/old");
     const auto nfs = [](const std::string& path, const std::string& hosts) {
         return path + "|" + path + "|" + hosts + "|0|true|NULL|OK|";
     };
-    EXPECT_THAT(SharesBelow(root).objects,
+    EXPECT_THAT(Shares().objects,
                 testing::ElementsAre(nfs("/srv/a", "192.0.2.0/24 host.example *"), nfs("/srv/b", "@group"),
                                      nfs("/srv/with blank", "*"), nfs("/srv/oct al", "*"), nfs("/srv/more", "*")));
-    write("var/lib/nfs/etab", "/srv/now\t192.0.2.7(rw,sync,wdelay,anonuid=65534)\n/srv/now\t192.0.2.8(ro)\n");
-    write("var/lib/samba/usershares/mine",
+    Write(work / "var/lib/nfs/etab", "/srv/now\t192.0.2.7(rw,sync,wdelay,anonuid=65534)\n/srv/now\t192.0.2.8(ro)\n");
+    Write(work / "var/lib/samba/usershares/mine",
           "#VERSION 2\npath=/home/me/out\ncomment=Mine = ours\n"
           "usershare_acl=S-1-1-0:R,\nguest_ok=n\nsharename=Mine\n");
-    write("var/lib/samba/usershares/torn", "path=/x\nsharename=torn\n");
-    EXPECT_THAT(SharesBelow(root).objects, testing::ElementsAre(nfs("/srv/now", "192.0.2.7 192.0.2.8")))
+    Write(work / "var/lib/samba/usershares/torn", "path=/x\nsharename=torn\n");
+    EXPECT_THAT(Shares().objects, testing::ElementsAre(nfs("/srv/now", "192.0.2.7 192.0.2.8")))
         << "no Samba without its file";
-    write("etc/samba/smb.conf",
+    Write(work / "etc/samba/smb.conf",
           "; comment\n[global]\n workgroup = X\n max connections = 9\n[homes]\n comment = Homes\n"
           "[printers]\nprintable = yes\npath = /var/tmp\n[Data Store]\n PATH = /srv/da\\\nta\n"
           " Comment = All = data\nmax connections = 20\n; old \\\n[off]\npath = /off\navailable = No\n"
           "[Laser]\nprint ok = True\npath = /var/spool\nmax connections = 0\n[nowhere]\n"
           "[More]\npath = /srv/more\n[data store]\n directory = /srv/other\n");
-    EXPECT_EQ(SharesBelow(root).objects.size(), 4u) << "users have shares where Samba was built so";
-    write("etc/os-release", "ID=mint\nID_LIKE=\"ubuntu debian\"\n");
-    const Gathered all = SharesBelow(root);
+    EXPECT_EQ(Shares().objects.size(), 4u) << "users have shares where Samba was built so";
+    Write(work / "etc/os-release", "ID=mint\nID_LIKE=\"ubuntu debian\"\n");
+    const Gathered all = Shares();
     EXPECT_THAT(all.objects, testing::ElementsAre("Data Store|/srv/other|All = data|0|false|20|OK|",
                                                   "Laser|/var/spool||1|true|NULL|OK|", "More|/srv/more||0|false|9|OK|",
                                                   "Mine|/home/me/out|Mine = ours|0|true|NULL|OK|",
                                                   nfs("/srv/now", "192.0.2.7 192.0.2.8")));
     EXPECT_THAT(all.notices, testing::ElementsAre(testing::HasSubstr("usershares: 1 files")));
     if (access("/usr/bin/testparm", X_OK) == 0) {
-        std::vector<std::string> configured = SharesBelow(root, "Name Path").objects;
+        std::vector<std::string> configured = Shares("Name Path").objects;
         configured.resize(3);
-        EXPECT_EQ(fmt::format("{}", fmt::join(configured, "\n")), SharesByTestparm(root / "etc/samba/smb.conf"));
+        EXPECT_EQ(fmt::format("{}", fmt::join(configured, "\n")), SharesByTestparm(work / "etc/samba/smb.conf"));
     }
-    ASSERT_EQ(mkfifo((root / "var/lib/samba/usershares/a-pipe").c_str(), 0600), 0);
-    write("var/lib/samba/usershares/long", ("#VERSION 2\npath=/x\n" + std::string(11'000, '#')).c_str());
-    fs::create_symlink("mine", root / "var/lib/samba/usershares/other");
-    EXPECT_THAT(SharesBelow(root).objects, all.objects);
-    EXPECT_THAT(SharesBelow(root).notices, testing::ElementsAre(testing::HasSubstr("usershares: 4 files")));
-    write("etc/samba/smb.conf", "[global]\ninclude = /etc/samba/more.conf\nusershare max shares = 0\n[a]\npath = /a\n");
-    fs::remove(root / "var/lib/nfs/etab");
-    fs::create_directory(root / "var/lib/nfs/etab");  // cannot be read
-    fs::remove_all(root / "etc/exports");
-    fs::remove_all(root / "etc/exports.d");
-    const Gathered partial = SharesBelow(root);
+    ASSERT_EQ(mkfifo((work / "var/lib/samba/usershares/a-pipe").c_str(), 0600), 0);
+    Write(work / "var/lib/samba/usershares/long", "#VERSION 2\npath=/x\n" + std::string(11'000, '#'));
+    fs::create_symlink("mine", work / "var/lib/samba/usershares/other");
+    EXPECT_THAT(Shares().objects, all.objects);
+    EXPECT_THAT(Shares().notices, testing::ElementsAre(testing::HasSubstr("usershares: 4 files")));
+    Write(work / "etc/samba/smb.conf",
+          "[global]\ninclude = /etc/samba/more.conf\nusershare max shares = 0\n[a]\npath = /a\n");
+    fs::remove(work / "var/lib/nfs/etab");
+    fs::create_directory(work / "var/lib/nfs/etab");  // cannot be read
+    fs::remove_all(work / "etc/exports");
+    fs::remove_all(work / "etc/exports.d");
+    const Gathered partial = Shares();
     EXPECT_THAT(partial.objects, testing::ElementsAre("a|/a||0|true|NULL|OK|"));
     EXPECT_THAT(partial.notices, testing::ElementsAre(testing::HasSubstr("smb.conf"), testing::HasSubstr("etab")));
-    fs::remove(root / "etc/samba/smb.conf");
-    EXPECT_EQ(SharesBelow(root).status, wmi_status::providerFailure);
-    fs::remove(root / "var/lib/nfs/etab");
-    EXPECT_EQ(SharesBelow(root).status, wmi_status::ok);
-    fs::remove_all(root);
+    fs::remove(work / "etc/samba/smb.conf");
+    EXPECT_EQ(Shares().status, wmi_status::providerFailure);
+    fs::remove(work / "var/lib/nfs/etab");
+    EXPECT_EQ(Shares().status, wmi_status::ok);
 }
 
 }  // namespace

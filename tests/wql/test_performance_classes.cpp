@@ -465,28 +465,15 @@ TEST_F(PerformanceOfThisMachine, FailsWhenItCannotBeRead) {
     rlimit limits{};
     getrlimit(RLIMIT_NOFILE, &limits);
     const rlimit noFiles{0, limits.rlim_max};
-    const char* const unreadable[] = {"PerfFormattedData_PerfProc_Process",
-                                      "PerfFormattedData_PerfProc_Process WHERE IDProcess = 1",
-                                      "PerfFormattedData_PerfOS_System",
-                                      "PerfFormattedData_PerfOS_Memory",
-                                      "PerfFormattedData_PerfOS_PagingFile",
-                                      "PerfFormattedData_PerfOS_Processor",
-                                      "PerfFormattedData_PerfOS_Cache",
-                                      "PerfFormattedData_PerfOS_Objects",
-                                      "PerfFormattedData_Counters_ProcessorInformation",
-                                      "PerfFormattedData_Counters_ThermalZoneInformation",
-                                      "PerfFormattedData_PerfDisk_LogicalDisk",
-                                      "PerfFormattedData_PerfDisk_PhysicalDisk",
-                                      "PerfFormattedData_Tcpip_NetworkAdapter",
-                                      "PerfFormattedData_Tcpip_NetworkInterface",
-                                      "PerfFormattedData_Tcpip_TCPv4",
-                                      "PerfFormattedData_Tcpip_TCPv6",
-                                      "NetworkAdapter",
-                                      "NetworkAdapterConfiguration",
-                                      "PageFileUsage",
-                                      "Process",
-                                      "Process WHERE ProcessId = 1"};
-    for (const char* name : unreadable) {
+    std::istringstream perfClasses(
+        "PerfProc_Process PerfOS_System PerfOS_Memory PerfOS_PagingFile PerfOS_Processor PerfOS_Cache PerfOS_Objects "
+        "Counters_ProcessorInformation Counters_ThermalZoneInformation PerfDisk_LogicalDisk PerfDisk_PhysicalDisk "
+        "Tcpip_NetworkAdapter Tcpip_NetworkInterface Tcpip_TCPv4 Tcpip_TCPv6");
+    std::vector<std::string> unreadable{"NetworkAdapter", "NetworkAdapterConfiguration", "PageFileUsage", "Process",
+                                        "Process WHERE ProcessId = 1"};
+    for (std::string name; perfClasses >> name;) unreadable.push_back("PerfFormattedData_" + name);
+    unreadable.push_back("PerfFormattedData_PerfProc_Process WHERE IDProcess = 1");
+    for (const std::string& name : unreadable) {
         const std::string query = fmt::format("SELECT * FROM Win32_{}", name);
         setrlimit(RLIMIT_NOFILE, &noFiles);
         const WmiResult result = RunWmiQuery(query);

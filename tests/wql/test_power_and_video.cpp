@@ -6,7 +6,6 @@
 #include "facts/devices.h"
 #include "tests/support/linux/gathered_texts.h"
 #include "tests/support/linux/shell.h"
-#include "tests/support/test_folder.h"
 #include "wql/classes/batteries.h"
 #include "wql/classes/video_controllers.h"
 
@@ -19,22 +18,29 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 namespace fs = std::filesystem;
 
-std::string root;  // where the gathers below read; they take nothing along
-
-struct WmiFrozenTree : TestFolder {
-    WmiFrozenTree() { root = folder.string(); }
-
+struct WmiFrozenTree : FrozenFiles {
     /// files: lines of path=content, below a folder.
     void WriteAll(const fs::path& below, std::string_view files) const {
         for (std::string_view line; TakeLine(files, line);) {
             const std::size_t equals = line.find('=');
-            Write(folder / below / line.substr(0, equals), std::string(line.substr(equals + 1)) + "\n");
+            Write(work / below / line.substr(0, equals), std::string(line.substr(equals + 1)) + "\n");
         }
     }
 
     void Link(const fs::path& name, const fs::path& target) const {
-        fs::create_directories((folder / name).parent_path());
-        fs::create_directory_symlink(folder / target, folder / name);
+        fs::create_directories((work / name).parent_path());
+        fs::create_directory_symlink(work / target, work / name);
+    }
+
+    /// Expects no objects without a folder, and a failure when a file is in its place.
+    template <auto gather>
+    static void ExpectAbsentOrUnreadable(const char16_t* className, const fs::path& place) {
+        const Gathered absent = Over<gather>(className, "DeviceID");
+        EXPECT_EQ(std::pair(absent.status, absent.objects.size()), std::pair(wmi_status::ok, std::size_t{0}));
+        Write(place, "not a folder");
+        const Gathered unreadable = Over<gather>(className, "DeviceID");
+        EXPECT_EQ(unreadable.status, wmi_status::providerFailure);
+        EXPECT_THAT(unreadable.notices, ElementsAre(HasSubstr("Not a directory")));
     }
 };
 
@@ -72,24 +78,17 @@ TEST_F(WmiBatteries, TellHowLongTheyLast) {
         {"an empty bay", "type=Battery\npresent=0\nstatus=Unknown", "", {}},
     };
     for (const auto& row : rows) {
-        fs::remove_all(folder / "supplies");
-        WriteAll("supplies/BAT0", row.battery);
-        if (!row.mains.empty()) WriteAll("supplies/AC", row.mains);
-        EXPECT_EQ(GatheredTexts(u"Win32_Battery", properties, [](const Gathering& to) { return GatherBatteries(to, root + "/supplies"); }),
-                  row.objects) << row.title;
+        for (const char* name : {"BAT0", "AC"}) fs::remove_all(work / name);
+        WriteAll("BAT0", row.battery);
+        if (!row.mains.empty()) WriteAll("AC", row.mains);
+        EXPECT_EQ(Over<GatherBatteries>(u"Win32_Battery", properties).objects, row.objects) << row.title;
     }
 }
 // clang-format on
 
 TEST_F(WmiBatteries, AreAbsentOrCannotBeRead) {
-    EXPECT_THAT(GatheredTexts(u"Win32_Battery", "DeviceID",
-                              [](const Gathering& to) { return GatherBatteries(to, root + "/none"); }),
-                ElementsAre());
-    Write(folder / "file", "");
-    const Gathered gathered = GatherTexts(u"Win32_Battery", "DeviceID",
-                                          [](const Gathering& to) { return GatherBatteries(to, root + "/file"); });
-    EXPECT_EQ(gathered.status, wmi_status::providerFailure);
-    EXPECT_THAT(gathered.notices, ElementsAre(HasSubstr("Not a directory")));
+    root += "/supplies";
+    ExpectAbsentOrUnreadable<GatherBatteries>(u"Win32_Battery", root);
 }
 
 struct WmiVideo : WmiFrozenTree {
@@ -104,7 +103,7 @@ struct WmiVideo : WmiFrozenTree {
             Link(fs::path("sys/bus/pci/devices") / name, fs::path("sys/devices/pci") / name);
         Link("sys/class/drm/card1/device", "sys/devices/pci/0000:00:02.0");
         WriteAll("sys/class/drm", "card1-DP-1/enabled=disabled\ncard1-HDMI-A-1/enabled=enabled\nversion=drm 1.1.0\n");
-        Write(folder / "sys/class/drm/card1-HDMI-A-1/modes", "1920x1080i\n1280x720\n");
+        Write(work / "sys/class/drm/card1-HDMI-A-1/modes", "1920x1080i\n1280x720\n");
         Link("sys/devices/pci/0000:00:02.0/driver", "sys/bus/pci/drivers/i915");
         WriteAll("sys/devices/platform/gpu.0", "uevent=\n");
         Link("sys/class/drm/card0/device", "sys/devices/platform/gpu.0");
@@ -124,6 +123,10 @@ std::string FewNames() {
            "C 03  Display controller\n\tffff  not a card\n";
 }
 
+WmiStatus GatherCards(const Gathering& gathering, const std::string& root) {
+    return GatherVideoControllers(gathering, {root + "/sys", FewNames});
+}
+
 TEST_F(WmiVideo, ControllersAreThoseOfTheBusAndOtherCards) {
     constexpr const char* properties =
         "DeviceID Name AdapterCompatibility VideoProcessor InstalledDisplayDrivers DriverVersion "
@@ -134,10 +137,7 @@ TEST_F(WmiVideo, ControllersAreThoseOfTheBusAndOtherCards) {
     utsname kernel{};
     ASSERT_EQ(uname(&kernel), 0);
     EXPECT_THAT(
-        GatheredTexts(u"Win32_VideoController", properties,
-                      [](const Gathering& to) {
-                          return GatherVideoControllers(to, {root + "/sys", FewNames});
-                      }),
+        Over<GatherCards>(u"Win32_VideoController", properties).objects,
         ElementsAre(
             fmt::format("VideoController1|Intel Corporation UHD Graphics 620|Intel Corporation|UHD Graphics 620|"
                         "i915|{}|0|OK|NULL|1920|1080|3|32|1920 x 1080 x 4294967296 colors|5|0|pci/0000:00:02.0|",
@@ -145,17 +145,8 @@ TEST_F(WmiVideo, ControllersAreThoseOfTheBusAndOtherCards) {
             "VideoController2|1002:ffff|NULL|NULL|NULL|NULL|28|Error|-1048576|NULL|NULL|NULL|NULL|NULL|1|NULL|pci/"
             "0000:01:00.0|",
             "VideoController3|vc4|NULL|NULL|vc4|1.2.3|0|OK|NULL|NULL|NULL|NULL|NULL|NULL|1|NULL|platform/gpu.0|"));
-    EXPECT_THAT(GatheredTexts(u"Win32_VideoController", "DeviceID",
-                              [](const Gathering& to) {
-                                  return GatherVideoControllers(to, {root + "/none", FewNames});
-                              }),
-                ElementsAre());
-    Write(folder / "bad/class/drm", "not a folder");
-    const Gathered gathered = GatherTexts(u"Win32_VideoController", "DeviceID", [](const Gathering& to) {
-        return GatherVideoControllers(to, {root + "/bad", FewNames});
-    });
-    EXPECT_EQ(gathered.status, wmi_status::providerFailure);
-    EXPECT_THAT(gathered.notices, ElementsAre(HasSubstr("Not a directory")));
+    root += "/other";
+    ExpectAbsentOrUnreadable<GatherCards>(u"Win32_VideoController", root + "/sys/class/drm");
 }
 
 TEST_F(WmiVideo, NamesAreThoseOfLspci) {
@@ -168,11 +159,11 @@ TEST_F(WmiVideo, NamesAreThoseOfLspci) {
             "00:02.0 a device\n00: {:02x} {:02x} {:02x} {:02x}{}\n10: 00 00 00 00{}\n20: 00 00 00 00{}\n"
             "30: 00 00 00 00{}\n",
             vendor & 0xFF, vendor >> 8, product & 0xFF, product >> 8, zeros, zeros, zeros, zeros);
-        Write(folder / "dump", dump);
+        Write(work / "dump", dump);
         const DeviceNames names =
             NamesInPciIds(list, static_cast<std::uint16_t>(vendor), static_cast<std::uint16_t>(product));
         EXPECT_EQ(fmt::format("Vendor:\t{}\nDevice:\t{}", names.vendor, names.product),
-                  RunShell("lspci -vmm -F " + (folder / "dump").string() + " | grep -E '^(Vendor|Device):'").output);
+                  RunShell("lspci -vmm -F " + (work / "dump").string() + " | grep -E '^(Vendor|Device):'").output);
     }
 }
 

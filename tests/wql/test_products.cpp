@@ -8,7 +8,6 @@
 #include "tests/support/linux/gathered_texts.h"
 #include "tests/support/linux/shell.h"
 #include "tests/support/linux/zone_setting.h"
-#include "tests/support/test_folder.h"
 #include "wql/classes/products.h"
 
 namespace kv::test {
@@ -19,22 +18,12 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
-std::string rootOfFiles;  // a gather is a plain function
-
-struct WmiProducts : TestFolder {
-    WmiProducts() {
-        platform::InstallWmi();
-        rootOfFiles = work.string();
-    }
-
+struct WmiProducts : FrozenFiles {
     static Gathered Products(const char* properties, const char* where = "") {
-        return GatherTexts(
-            u"Win32_Product", properties,
-            [](const Gathering& gathering) { return GatherProducts(gathering, rootOfFiles); }, where);
+        return Over<GatherProducts>(u"Win32_Product", properties, where);
     }
     static Gathered Updates() {
-        return GatherTexts(u"Win32_QuickFixEngineering", "HotFixID Description FixComments InstalledOn",
-                           [](const Gathering& gathering) { return GatherUpdates(gathering, rootOfFiles); });
+        return Over<GatherUpdates>(u"Win32_QuickFixEngineering", "HotFixID Description FixComments InstalledOn");
     }
 
     const std::filesystem::path dpkg = work / "var/lib/dpkg";

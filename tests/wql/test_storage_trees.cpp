@@ -6,7 +6,6 @@
 
 #include "facts/volume_facts.h"
 #include "tests/support/linux/gathered_texts.h"
-#include "tests/support/test_folder.h"
 #include "wql/classes/storage_sources.h"
 
 namespace kv::test {
@@ -15,12 +14,8 @@ namespace {
 using namespace wql;
 namespace fs = std::filesystem;
 
-std::string root;  // of the current test
-
-class WmiStorageTrees : public TestFolder {
+class WmiStorageTrees : public FrozenFiles {
   protected:
-    WmiStorageTrees() { root = (folder / "root").string(); }
-
     /// A device below /sys, with the links to it: "sda" at "ata1/.../0:0:0:0", "sda/sda1" for a partition.
     static void AddDevice(const std::string& place, const std::string& name, const std::string& number,
                           const std::vector<std::pair<std::string, const char*>>& files) {
@@ -34,12 +29,6 @@ class WmiStorageTrees : public TestFolder {
         if (name.find('/') != name.npos) return;
         fs::create_symlink(device, block / "device");
         fs::create_symlink(block, root + "/sys/block/" + name);
-    }
-
-    template <auto gather>
-    static Gathered Over(std::u16string_view className, std::string_view names, std::string_view where = {}) {
-        return GatherTexts(
-            className, names, [](const Gathering& gathering) { return gather(gathering, root); }, where);
     }
 
     static void AddTwoDisks() {

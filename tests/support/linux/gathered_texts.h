@@ -1,4 +1,4 @@
-// Runs the gather of a class that a test feeds itself.
+// Runs the gather of a class that a test feeds itself, such as files that stand for those of a system.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "facts/system_text.h"
+#include "tests/support/test_folder.h"
 #include "tests/support/wmi_query.h"
 #include "wql/class_tree.h"
 #include "wql/query.h"
@@ -72,5 +73,23 @@ inline std::vector<std::string> GatheredTexts(std::u16string_view className, std
     EXPECT_EQ(gathered.status, 0U);
     return gathered.objects;
 }
+
+/// A fixture whose working directory stands for a folder of the system, such as / or /proc, that gathers read.
+class FrozenFiles : public TestFolder {
+  protected:
+    FrozenFiles() {
+        platform::InstallWmi();
+        root = work.string();
+    }
+
+    /// gather: takes a Gathering and the folder's path.
+    template <auto gather>
+    static Gathered Over(std::u16string_view className, std::string_view names, std::string_view where = {}) {
+        return GatherTexts(
+            className, names, [](const wql::Gathering& gathering) { return gather(gathering, root); }, where);
+    }
+
+    inline static std::string root;  // of the current test: a gather is a plain function
+};
 
 }  // namespace kv::test
