@@ -107,6 +107,7 @@ lintian --allow-root --fail-on error,warning --pedantic ./*.changes
 check_files kvagent <<'FILES'
 -rw-r--r-- root/root ./lib/systemd/system/corvinel-monitoring-agent.service
 -rw-r--r-- root/root ./usr/share/bash-completion/completions/kvreg
+-rw-r--r-- root/root ./usr/share/lintian/overrides/kvagent
 -rw-r--r-- root/root ./usr/share/man/man1/kvreg.1.gz
 -rw-r--r-- root/root ./usr/share/man/man8/MonitoringAgent.8.gz
 -rwxr-xr-x root/root ./usr/bin/kvreg
