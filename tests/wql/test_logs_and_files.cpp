@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "facts/hanging_mounts.h"
+#include "facts/journal_limit.h"
 #include "tests/support/linux/gathered_texts.h"
 #include "tests/support/linux/shell.h"
 #include "tests/support/linux/zone_setting.h"
@@ -354,6 +355,10 @@ TEST_F(EventLog, EachLogIsAFileOfTheJournal) {
         const WmiRow& row = result.rows[at];
         EXPECT_EQ(PropertyTexts(row, "LogfileName,FileName,Extension,Path,OverWritePolicy,CreationClassName"),
                   logs[at].first + " system journal " + journal() + "/ WhenNeeded Win32_NTEventlogFile");
+        EXPECT_EQ(PropertyText(row, "MaxFileSize"),
+                  RunShell("df -B1 --output=size " + journal() +
+                           " | awk 'NR == 2 {m = int($1 / 10); print (m > 4294967295 ? -1 : m)}'")
+                      .output);
         EXPECT_EQ(PropertyText(row, "FileSize"),
                   RunShell("du -sB1 " + journal() + "/*.journal | awk '{s+=$1} END {print s}'").output);
         const std::string count = RunShell("journalctl -qo cat -D " + journal() + logs[at].second + " | wc -l").output;
@@ -367,6 +372,23 @@ TEST_F(EventLog, EachLogIsAFileOfTheJournal) {
         << "no sum counts it twice";
     std::filesystem::create_symlink("missing", folders[0]);
     EXPECT_THAT(Outcome(Ask(query, gather)), testing::HasSubstr("Parts of the journal cannot be read"));
+}
+
+TEST_F(EventLog, TakesTheSpaceThatItsConfigurationAllows) {
+    const std::tuple<const char*, const char*, std::optional<std::uint64_t>> steps[] = {
+        {"usr/lib/systemd/journald.conf", "[Journal]\nSystemMaxUse=1M\n", 1U << 20},
+        {"etc/systemd/journald.conf", "[Other]\nSystemMaxUse=9\n[Journal]\n#SystemMaxUse=\n SystemMaxUse = 500\n", 500},
+        {"etc/systemd/journald.conf.d/b.conf", "[Journal]\nSystemMaxUse=3G\nRuntimeMaxUse=7K", 3ULL << 30},
+        {"run/systemd/journald.conf.d/a.conf", "[Journal]\nSystemMaxUse=5\n", 3ULL << 30},
+        {"run/systemd/journald.conf.d/c.conf", "[Journal]\nSystemMaxUse=much\n", 3ULL << 30},
+        {"etc/systemd/journald.conf.d/c.conf", "[Journal]\nSystemMaxUse=\n", std::nullopt},
+    };
+    const std::string root = folder / "root";
+    for (const auto& [file, text, limit] : steps) {
+        Write(root + "/" + file, text);
+        EXPECT_EQ(facts::JournalSpaceLimit("/missing", root), limit) << file;
+    }
+    EXPECT_EQ(facts::JournalSpaceLimit("/run/log/journal/1", root), 7U << 10);
 }
 
 /// Files of every kind in a folder.

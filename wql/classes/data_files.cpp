@@ -10,6 +10,7 @@
 #include <chrono>
 #include <dirent.h>
 #include <fmt/format.h>
+#include <limits>
 #include <map>
 #include <memory>
 #include <system_error>
@@ -18,6 +19,7 @@
 #include "facts/file_status.h"
 #include "facts/hanging_mounts.h"
 #include "facts/host_names.h"
+#include "facts/journal_limit.h"
 #include "facts/mounts.h"
 #include "facts/system_text.h"
 #include "platform/owned_handle.h"
@@ -35,7 +37,7 @@ using facts::FileKind;
 using facts::FileStatus;
 
 struct Need {
-    enum Bits : std::uint32_t { host = 1, fileSystem = 2, diskUse = 4, records = 8 };
+    enum Bits : std::uint32_t { host = 1, fileSystem = 2, diskUse = 4, records = 8, most = 16 };
 };
 
 /// A file, or one of the journal's logs, which all have the file that the journal writes to.
@@ -50,6 +52,7 @@ struct Row {
     std::optional<EventLog> log;
     std::optional<std::uint64_t> diskUse;  // of all the journal
     std::optional<std::uint64_t> records;
+    std::optional<std::uint32_t> most;  // bytes that the journal may take
 };
 
 std::u16string NameOf(const Row& row) { return row.folder + row.leaf; }
@@ -125,7 +128,7 @@ constexpr auto fileProperties = std::to_array<PropertyInfo>({
 
 constexpr auto logFileProperties = Extend(fileProperties, {
     {u"LogfileName", string, 0, "System, Application or Security", [](const Row& row) { return row.log ? CimValue(NameOf(*row.log)) : CimValue(); }},
-    {u"MaxFileSize", uint32},
+    {u"MaxFileSize", uint32, Need::most, "bytes, of 32 bits at most: SystemMaxUse of journald.conf, else a tenth of the file system", [](const Row& row) { return row.most; }},
     {u"NumberOfRecords", uint32, Need::records, "entries of this log in the journal", [](const Row& row) { return row.records; }},
     {u"OverwriteOutDated", uint32, 0, "0: when space is needed", [](const Row&) { return 0; }},
     {u"OverWritePolicy", string, 0, "the journal drops its oldest files when space is needed", [](const Row&) { return u"WhenNeeded"; }},
@@ -383,6 +386,13 @@ std::uint64_t DiskUseOf(const std::vector<std::string>& paths) {
     return sum;
 }
 
+/// How much the journal in a folder may take, as far as the property can tell it.
+std::optional<std::uint32_t> MostSpaceOf(const std::string& folder) {
+    const std::optional<std::uint64_t> limit = facts::JournalSpaceLimit(folder);
+    constexpr std::uint32_t most = std::numeric_limits<std::uint32_t>::max();
+    return limit ? std::optional(static_cast<std::uint32_t>(std::min<std::uint64_t>(*limit, most))) : std::nullopt;
+}
+
 /// How many entries each log has, in the order of eventLogs. Counting goes on for a while at most: a third of a million
 /// entries take a third of a second.
 std::array<std::optional<std::uint64_t>, eventLogs.size()> CountRecords(const std::vector<std::string>& folders) {
@@ -445,6 +455,7 @@ WmiStatus GatherEventLogFiles(const Gathering& gathering, const std::vector<std:
     row.className = u"Win32_NTEventlogFile";
     if (gathering.asksFor(Need::diskUse)) row.diskUse = DiskUseOf(files);
     std::array<std::optional<std::uint64_t>, eventLogs.size()> records{};
+    if (gathering.asksFor(Need::most)) row.most = MostSpaceOf(main.substr(0, main.rfind('/')));
     if (gathering.asksFor(Need::records)) {
         records = CountRecords(folders);
         if (!records[0]) gathering.notice("The entries of the journal could not be counted, or not in time");
