@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "facts/system_text.h"
+#include "platform/linux/system_file.h"
 
 namespace kv::facts {
 
@@ -40,15 +41,18 @@ std::vector<std::string> ConfigurationFiles(const std::string& root) {
     return files;
 }
 
-std::optional<std::uint64_t> ConfiguredLimit(const std::string& key, const std::string& root) {
-    std::optional<std::uint64_t> limit;
+/// Leaves the limit absent if none is configured. False when a file cannot be read.
+bool FindConfiguredLimit(const std::string& key, const std::string& root, std::optional<std::uint64_t>& limit) {
+    constexpr std::size_t mostBytes = 1 << 20;  // far more than anyone writes
     for (const std::string& path : ConfigurationFiles(root)) {
-        const std::optional<std::string> text = JournalSetting(platform::ReadSystemFile(path).value_or(""), key);
-        if (!text) continue;
-        const std::optional<std::uint64_t> size = JournalSizeOf(*text);
-        if (size || text->empty()) limit = size;
+        const std::optional<std::string> text = platform::ReadOrdinaryFile(path, mostBytes);
+        if (!text) return false;
+        const std::optional<std::string> setting = JournalSetting(*text, key);
+        if (!setting) continue;
+        const std::optional<std::uint64_t> size = JournalSizeOf(*setting);
+        if (size || setting->empty()) limit = size;
     }
-    return limit;
+    return true;
 }
 
 }  // namespace
@@ -56,10 +60,8 @@ std::optional<std::uint64_t> ConfiguredLimit(const std::string& key, const std::
 std::optional<std::string> JournalSetting(std::string_view text, std::string_view key) {
     std::optional<std::string> value;
     bool isInSection = false;
-    while (!text.empty()) {
-        const std::size_t end = text.find('\n');
-        const std::string_view line = Trimmed(text.substr(0, end));
-        text = end == std::string_view::npos ? std::string_view() : text.substr(end + 1);
+    for (std::string_view line; TakeLine(text, line);) {
+        line = Trimmed(line);
         if (line.starts_with('[')) isInSection = line == "[Journal]";
         const std::size_t equals = line.find('=');
         if (!isInSection || equals == std::string_view::npos || Trimmed(line.substr(0, equals)) != key) continue;
@@ -84,7 +86,8 @@ std::optional<std::uint64_t> JournalSizeOf(std::string_view text) {
 
 std::optional<std::uint64_t> JournalSpaceLimit(const std::string& folder, const std::string& root) {
     const bool isRuntime = folder.starts_with("/run/");
-    const auto configured = ConfiguredLimit(isRuntime ? "RuntimeMaxUse" : "SystemMaxUse", root);
+    std::optional<std::uint64_t> configured;
+    if (!FindConfiguredLimit(isRuntime ? "RuntimeMaxUse" : "SystemMaxUse", root, configured)) return std::nullopt;
     if (configured) return configured;
     struct statvfs figures {};
     if (statvfs(folder.c_str(), &figures) != 0) return std::nullopt;

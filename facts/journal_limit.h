@@ -17,7 +17,7 @@ std::optional<std::uint64_t> JournalSizeOf(std::string_view text);
 
 /// The bytes that the journal in a folder may take at most: SystemMaxUse, or RuntimeMaxUse for one in /run, of
 /// journald.conf and its drop-ins below a root folder; else a tenth of the folder's file system, at most 4 GiB. Absent
-/// when neither is known.
+/// when neither is known, or a configuration file cannot be read.
 std::optional<std::uint64_t> JournalSpaceLimit(const std::string& folder, const std::string& root = "");
 
 }  // namespace kv::facts

@@ -357,7 +357,8 @@ TEST_F(EventLog, EachLogIsAFileOfTheJournal) {
                   logs[at].first + " system journal " + journal() + "/ WhenNeeded Win32_NTEventlogFile");
         EXPECT_EQ(PropertyText(row, "MaxFileSize"),
                   RunShell("df -B1 --output=size " + journal() +
-                           " | awk 'NR == 2 {m = int($1 / 10); print (m > 4294967295 ? -1 : m)}'")
+                           " | awk 'NR == 2 {m = int($1 / 10); if (m > 2147483647) m -= 4294967296; "
+                           "print (m > 2147483647 ? \"NULL\" : m)}'")
                       .output);
         EXPECT_EQ(PropertyText(row, "FileSize"),
                   RunShell("du -sB1 " + journal() + "/*.journal | awk '{s+=$1} END {print s}'").output);
@@ -389,6 +390,8 @@ TEST_F(EventLog, TakesTheSpaceThatItsConfigurationAllows) {
         EXPECT_EQ(facts::JournalSpaceLimit("/missing", root), limit) << file;
     }
     EXPECT_EQ(facts::JournalSpaceLimit("/run/log/journal/1", root), 7U << 10);
+    ASSERT_EQ(mkfifo((root + "/etc/systemd/journald.conf.d/d.conf").c_str(), 0600), 0);
+    EXPECT_EQ(facts::JournalSpaceLimit(work, root), std::nullopt);
 }
 
 /// Files of every kind in a folder.

@@ -128,7 +128,7 @@ constexpr auto fileProperties = std::to_array<PropertyInfo>({
 
 constexpr auto logFileProperties = Extend(fileProperties, {
     {u"LogfileName", string, 0, "System, Application or Security", [](const Row& row) { return row.log ? CimValue(NameOf(*row.log)) : CimValue(); }},
-    {u"MaxFileSize", uint32, Need::most, "bytes, of 32 bits at most: SystemMaxUse of journald.conf, else a tenth of the file system", [](const Row& row) { return row.most; }},
+    {u"MaxFileSize", uint32, Need::most, "bytes, SystemMaxUse of journald.conf, else a tenth of the file system; NULL from 4 GiB on", [](const Row& row) { return row.most; }},
     {u"NumberOfRecords", uint32, Need::records, "entries of this log in the journal", [](const Row& row) { return row.records; }},
     {u"OverwriteOutDated", uint32, 0, "0: when space is needed", [](const Row&) { return 0; }},
     {u"OverWritePolicy", string, 0, "the journal drops its oldest files when space is needed", [](const Row&) { return u"WhenNeeded"; }},
@@ -386,11 +386,11 @@ std::uint64_t DiskUseOf(const std::vector<std::string>& paths) {
     return sum;
 }
 
-/// How much the journal in a folder may take, as far as the property can tell it.
+/// How much the journal in a folder may take. Absent if it does not fit: a lower figure would look like a full log.
 std::optional<std::uint32_t> MostSpaceOf(const std::string& folder) {
     const std::optional<std::uint64_t> limit = facts::JournalSpaceLimit(folder);
-    constexpr std::uint32_t most = std::numeric_limits<std::uint32_t>::max();
-    return limit ? std::optional(static_cast<std::uint32_t>(std::min<std::uint64_t>(*limit, most))) : std::nullopt;
+    if (!limit || *limit > std::numeric_limits<std::uint32_t>::max()) return std::nullopt;
+    return static_cast<std::uint32_t>(*limit);
 }
 
 /// How many entries each log has, in the order of eventLogs. Counting goes on for a while at most: a third of a million
