@@ -92,7 +92,8 @@ CimValue AsText(CimValue value) {
     const auto* real = std::get_if<double>(&value.held);
     if (real == nullptr) return value;
     std::array<char, 32> text{};
-    return std::string(text.data(), std::to_chars(text.data(), text.data() + text.size(), *real).ptr);
+    const double unsignedZero = *real == 0 ? 0 : *real;  // a zero has one text, also in the path of an object
+    return std::string(text.data(), std::to_chars(text.data(), text.data() + text.size(), unsignedZero).ptr);
 }
 
 CimValue AsTruth(const CimValue& value) {
