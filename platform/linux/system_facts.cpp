@@ -1,15 +1,16 @@
 #include <array>
 #include <cerrno>
 #include <charconv>
-#include <fstream>
 #include <memory>
 #include <netdb.h>
+#include <sstream>
 #include <sys/socket.h>
 #include <sys/utsname.h>
 #include <unistd.h>
 
 #include "platform/guarded.h"
 #include "platform/linux/linux.h"
+#include "platform/linux/system_file.h"
 #include "platform/owned_handle.h"
 #include "platform/utf.h"
 
@@ -32,7 +33,7 @@ std::string WithoutShellQuotes(std::string_view quoted) {
 std::string DistributionName() {
     constexpr std::string_view key = "PRETTY_NAME=";
     for (const char* path : {"/etc/os-release", "/usr/lib/os-release"}) {
-        std::ifstream file(path);
+        std::istringstream file(ReadSystemFile(path).value_or(""));
         for (std::string line; std::getline(file, line);) {
             if (line.starts_with(key)) return WithoutShellQuotes(std::string_view(line).substr(key.size()));
         }

@@ -38,12 +38,6 @@ std::optional<std::string> ReadStart(const Descriptor& file, std::size_t most) {
 
 }  // namespace
 
-std::optional<std::string> ReadSystemFile(const std::string& path) {
-    constexpr std::size_t maxFileBytes = 16 * 1024 * 1024;
-    const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    return file ? ReadStart(file, maxFileBytes) : std::nullopt;
-}
-
 Descriptor OpenOrdinaryFile(const std::string& path, int flags) {
     Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | flags));
     struct stat facts {};
@@ -52,6 +46,12 @@ Descriptor OpenOrdinaryFile(const std::string& path, int flags) {
     file.Close();
     errno = EINVAL;
     return file;
+}
+
+std::optional<std::string> ReadSystemFile(const std::string& path) {
+    constexpr std::size_t maxFileBytes = 16 * 1024 * 1024;
+    const Descriptor file = OpenOrdinaryFile(path);
+    return file ? ReadStart(file, maxFileBytes) : std::nullopt;
 }
 
 std::optional<std::string> ReadOrdinaryFile(const std::string& path, std::size_t most, int flags) {

@@ -3,9 +3,9 @@
 #include <cerrno>
 #include <fmt/format.h>
 #include <system_error>
-#include <unistd.h>
 
 #include "facts/process_files.h"
+#include "platform/linux/system_file.h"
 #include "platform/linux/systemd/units.h"
 
 namespace kv::wql {
@@ -31,7 +31,7 @@ WmiStatus FailedManager(int failure, std::string_view loss, const Gathering& gat
 }
 
 WmiStatus FailedFile(const std::string& path, std::string_view loss, const Gathering& gathering) {
-    const int failure = access(path.c_str(), R_OK) != 0 ? errno : EIO;
+    const int failure = platform::OpenOrdinaryFile(path) ? EIO : errno;
     const std::string reason = std::generic_category().message(failure);
     gathering.notice(fmt::format("{} were left out; {} cannot be read: {}", loss, path, reason));
     return failure == EACCES ? wmi_status::accessDenied : wmi_status::providerFailure;

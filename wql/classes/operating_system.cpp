@@ -221,6 +221,7 @@ std::optional<std::string> ReadIdentity() {
     constexpr sd_id128_t purpose = {
         {0x5c, 0x0e, 0x1d, 0xa6, 0x61, 0x3f, 0x4a, 0x52, 0x9b, 0x7e, 0x40, 0xc8, 0xd4, 0x5b, 0x91, 0x23}};
     sd_id128_t identity{};
+    if (!platform::OpenOrdinaryFile("/etc/machine-id")) return std::nullopt;  // the library would wait for a pipe
     if (sd_id128_get_machine_app_specific(purpose, &identity) < 0) return std::nullopt;
     char text[SD_ID128_STRING_MAX];
     return std::string(sd_id128_to_string(identity, text));
