@@ -3,8 +3,10 @@
 #include <cerrno>
 #include <grp.h>
 #include <pwd.h>
+#include <set>
 #include <shadow.h>
 
+#include "facts/system_text.h"
 #include "facts/text_file.h"
 
 namespace kv::facts {
@@ -65,8 +67,9 @@ PasswordEntry ShadowFacts(const spwd& shadow) {
 
 std::vector<UserEntry> ParsePasswd(std::string_view text) {
     std::vector<UserEntry> users;
+    std::set<std::string> names;
     ForEachEntry<passwd>(text, fgetpwent_r, [&](const passwd& entry) {
-        if (!IsLocal(entry.pw_name)) return;
+        if (!IsLocal(entry.pw_name) || !names.insert(entry.pw_name).second) return;
         const std::string_view gecos = entry.pw_gecos;
         users.push_back({entry.pw_name, entry.pw_uid, std::string(gecos.substr(0, gecos.find(','))), entry.pw_shell,
                          entry.pw_passwd});
@@ -74,10 +77,31 @@ std::vector<UserEntry> ParsePasswd(std::string_view text) {
     return users;
 }
 
+LocalUsers::LocalUsers() {
+    const std::optional<std::string> text = platform::ReadSystemFile("/etc/passwd");
+    areKnown_ = text.has_value();
+    for (const UserEntry& user : ParsePasswd(text.value_or(""))) {
+        names_.emplace(std::to_string(user.id), user.name);
+        numbers_.emplace(user.name, user.id);
+    }
+}
+
+std::string LocalUsers::nameOf(const std::string& number) const {
+    const auto found = names_.find(number);
+    return found != names_.end() ? found->second : number;
+}
+
+std::optional<std::uint32_t> LocalUsers::numberOf(const std::string& name) const {
+    const auto found = numbers_.find(name);
+    return found != numbers_.end() ? std::optional(found->second) : std::nullopt;
+}
+
 std::vector<GroupEntry> ParseGroups(std::string_view text) {
     std::vector<GroupEntry> groups;
+    std::set<std::string> names;
     ForEachEntry<group>(text, fgetgrent_r, [&](const group& entry) {
-        if (IsLocal(entry.gr_name)) groups.push_back({entry.gr_name, entry.gr_gid});
+        if (IsLocal(entry.gr_name) && names.insert(entry.gr_name).second)
+            groups.push_back({entry.gr_name, entry.gr_gid});
     });
     return groups;
 }

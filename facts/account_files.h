@@ -25,7 +25,27 @@ struct UserEntry {
     std::string password = "x";  // "x": it stands in /etc/shadow
 };
 
+/// Of lines for one name the first counts.
 std::vector<UserEntry> ParsePasswd(std::string_view text);
+
+/// The names and numbers in /etc/passwd when it was made. Users of a directory service, which may not answer, are not
+/// among them.
+class LocalUsers {
+  public:
+    LocalUsers();
+
+    /// False if the file cannot be read; then there are none.
+    bool areKnown() const { return areKnown_; }
+
+    /// The name of a number, which is decimal; the number itself if it is not a local user's.
+    std::string nameOf(const std::string& number) const;
+    std::optional<std::uint32_t> numberOf(const std::string& name) const;
+
+  private:
+    bool areKnown_ = false;
+    std::map<std::string, std::string> names_;
+    std::map<std::string, std::uint32_t> numbers_;
+};
 
 /// A line of /etc/group.
 struct GroupEntry {
@@ -33,6 +53,7 @@ struct GroupEntry {
     std::uint32_t id = 0;
 };
 
+/// As ParsePasswd.
 std::vector<GroupEntry> ParseGroups(std::string_view text);
 
 /// What a line of /etc/shadow says about an account.

@@ -3,7 +3,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <fmt/format.h>
+#include <map>
 #include <memory>
 #include <system_error>
 #include <systemd/sd-login.h>
@@ -35,13 +35,6 @@ std::string SessionText(const char* session, int (*ask)(const char*, char**)) {
     return text;
 }
 
-std::string NameOfUser(std::uint32_t id) {
-    for (UserEntry& user : ParsePasswd(platform::ReadSystemFile("/etc/passwd").value_or(""))) {
-        if (user.id == id) return std::move(user.name);
-    }
-    return fmt::format("{}", id);  // a user of a directory service, which may not answer
-}
-
 /// A line of the login manager's file of a session. sd-login tells most of what stands there, but before its version
 /// 254 neither the user's name nor the start.
 std::string LineOf(std::string_view file, std::string_view key) {
@@ -61,7 +54,7 @@ std::optional<Session> ReadSession(const char* id) {
     const std::string file = platform::ReadSystemFile(std::string(sessionFolder) + "/" + id).value_or("");
     Session session;
     session.user = LineOf(file, "USER=");
-    if (session.user.empty()) session.user = NameOfUser(user);
+    if (session.user.empty()) session.user = LocalUsers().nameOf(std::to_string(user));
     session.line = SessionText(id, sd_session_get_tty);
     if (session.line.empty()) session.line = SessionText(id, sd_session_get_display);
     session.id = id;
@@ -106,19 +99,27 @@ std::optional<LogonKind> LogonKindOf(std::string_view sessionClass, bool isRemot
 std::vector<Session> ParseSessions(std::string_view utmp) {
     constexpr std::int64_t microseconds = 1'000'000;
     std::vector<Session> sessions;
+    std::map<std::string, std::size_t> places;  // of the sessions, by terminal
     for (; utmp.size() >= sizeof(struct utmp); utmp.remove_prefix(sizeof(struct utmp))) {
         struct utmp record {};
         std::memcpy(&record, utmp.data(), sizeof record);
         if (record.ut_type != USER_PROCESS) continue;
-        Session& session = sessions.emplace_back();
+        Session session;
         session.user = UtmpText(record.ut_user);
         session.line = session.id = UtmpText(record.ut_line);
         session.start = record.ut_tv.tv_sec * microseconds + record.ut_tv.tv_usec;
         // Terminals within a session have a screen or a program there, such as ":0" or "tmux(7).%0".
         const std::string host = UtmpText(record.ut_host);
-        if (host.empty() || host.starts_with(':') || host.starts_with("tmux(")) continue;
-        session.kind = LogonKind::remote;
-        session.host = host;
+        if (!host.empty() && !host.starts_with(':') && !host.starts_with("tmux(")) {
+            session.kind = LogonKind::remote;
+            session.host = host;
+        }
+        const auto [place, isNew] = places.try_emplace(session.line, sessions.size());
+        if (isNew) {
+            sessions.push_back(std::move(session));
+        } else if (*session.start >= *sessions[place->second].start) {
+            sessions[place->second] = std::move(session);
+        }
     }
     return sessions;
 }

@@ -33,7 +33,8 @@ struct Session {
 /// login screen.
 std::optional<LogonKind> LogonKindOf(std::string_view sessionClass, bool isRemote);
 
-/// The sessions in a utmp file. An incomplete record at its end is left out.
+/// The sessions in a utmp file; of those at one terminal, the one that began last. An incomplete record at its end is
+/// left out.
 std::vector<Session> ParseSessions(std::string_view utmp);
 
 struct RecordedSessions {

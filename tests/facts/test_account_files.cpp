@@ -37,12 +37,12 @@ TEST(AccountFiles, SkipsLinesThatAreNotAccounts) {
     const std::string members = std::string(9000, 'm') + ",n,,o";
     std::string users;
     for (const UserEntry& user : ParsePasswd("#c:x:1:1:::\n+\n-@y\n:x:3:3:::\nbad\nb:x:z:1:::\nc:x:4294967296:1:::\n"
-                                             "a:x:1:1:A B,room:/:/bin/sh\nl:x:2:2:" +
+                                             "a:x:1:1:A B,room:/:/bin/sh\na:x:7:7\nl:x:2:2:" +
                                              members + ":/:\nd:x:4:5\ne:x:5:5:::/bin/sh:more"))
         users += fmt::format("{} {} {} {};", user.name, user.id, user.fullName.size(), user.shell);
     EXPECT_EQ(users, "a 1 3 /bin/sh;l 2 9000 ;d 4 0 ;e 5 0 /bin/sh:more;");
     std::string groups;
-    for (const GroupEntry& group : ParseGroups("+:::\nw:x:z:\nwheel:x:10:" + members + "\nq:x:12"))
+    for (const GroupEntry& group : ParseGroups("+:::\nw:x:z:\nwheel:x:10:" + members + "\nwheel:x:11\nq:x:12"))
         groups += fmt::format("{} {};", group.name, group.id);
     EXPECT_EQ(groups, "wheel 10;q 12;");
     EXPECT_TRUE(ParsePasswd("").empty());

@@ -5,6 +5,7 @@
 
 #include "tests/support/linux/gathered_texts.h"
 #include "tests/support/linux/namespaces.h"
+#include "tests/support/linux/nobody.h"
 #include "tests/support/linux/shell.h"
 #include "wql/classes/accounts.h"
 #include "wql/classes/logons.h"
@@ -30,7 +31,8 @@ TEST_F(WmiAccounts, SayWhatCannotBeRead) {
     EXPECT_EQ(Groups().status, wmi_status::providerFailure);
     EXPECT_THAT(Groups().notices, testing::ElementsAre(HasSubstr("No such file")));
 
-    Write(work / "passwd", "a:x:1:1:::/bin/sh\nb:x:2:2:::/bin/sh\nc::3:3:::/bin/sh\nd:*:4:4:::/bin/false\n");
+    Write(work / "passwd",
+          "a:x:1:1:::/bin/sh\nb:x:2:2:::/bin/sh\nc::3:3:::/bin/sh\nd:*:4:4:::/bin/false\na:x:9:9:::/bin/sh\n");
     Write(work / "shadow", "a:$6$hash:19000:0:90:7:::\n");
     constexpr const char* facts = "Name Disabled PasswordRequired PasswordExpires";
     EXPECT_EQ(LinesOf(Users(facts)),
@@ -80,7 +82,7 @@ TEST_F(WmiAccounts, HaveSessionsAsWhoListsThem) {
                              UtmpRecord(DEAD_PROCESS, "", "pts/2", "", 1) + "cut";
     Write(work / "utmp", file);
     static std::vector<facts::Session> sessions;
-    sessions = facts::ParseSessions(file);
+    sessions = facts::ParseSessions(UtmpRecord(USER_PROCESS, "left", "tty1", "", 1) + file);
     const auto shown = GatherTexts(u"Win32_LogonSession", "LogonId StartTime LogonType Caption AuthenticationPackage",
                                    [](const Gathering& to) { return GatherLogonSessions(to, sessions); });
     const std::string start = "|" + RunShell("date -d @1750000000 +%Y%m%d%H%M%S").output + ".000000";
@@ -109,10 +111,12 @@ TEST_F(WmiAccounts, HaveSessionsAsWhoListsThem) {
                                     "Win32_LogonSession.LogonId=\"pts/0\"|");
 }
 
-TEST_F(WmiTest, TellsThatRecordsOfSessionsCannotBeRead) {
+TEST_F(WmiTest, TellsThatFilesOfSessionsAndAccountsCannotBeRead) {
     if (!IsInNamespaces())
         return RunInNamespaces("--mount",
-                               "mount -t tmpfs none /run && mkdir /run/systemd && touch /run/systemd/sessions");
+                               "mount -t tmpfs none /run && mkdir /run/systemd && touch /run/systemd/sessions && "
+                               "mkfifo /run/pipe && for file in os-release machine-id passwd group; do "
+                               "mount --bind /run/pipe /etc/$file || exit; done");
     for (const char* query : {"SELECT * FROM Win32_LogonSession", "SELECT UserName FROM Win32_ComputerSystem",
                               "SELECT NumberOfUsers FROM Win32_OperatingSystem"}) {
         const WmiResult result = RunWmiQuery(query);
@@ -123,6 +127,10 @@ TEST_F(WmiTest, TellsThatRecordsOfSessionsCannotBeRead) {
     const WmiResult unrecorded = RunWmiQuery("SELECT * FROM Win32_LogonSession");
     EXPECT_EQ(unrecorded.status, wmi_status::ok);
     EXPECT_THAT(unrecorded.notices, testing::IsEmpty());
+    for (const char* name : {"UserAccount", "Group", "NTEventlogFile"}) {
+        EXPECT_EQ(RunWmiQuery(std::string("SELECT * FROM Win32_") + name).status, wmi_status::providerFailure) << name;
+    }
+    EXPECT_EQ(RunWmiQuery("SELECT * FROM Win32_OperatingSystem").rows.size(), 1u) << "nothing waits for a pipe";
 }
 
 TEST(LogonKinds, FollowFromTheLoginManagersWords) {
@@ -146,15 +154,6 @@ TEST_F(WmiTest, ListsTheSessionsOfTheLoginManager) {
         ids += PropertyText(row, "LogonId") + "\n";
     EXPECT_EQ(RunShell("printf '" + ids + "' | sort").output, listed.output);
 }
-
-/// Acts as a user without rights.
-struct Nobody {
-    const uid_t before = geteuid();
-    Nobody() { EXPECT_EQ(before == 0 ? seteuid(65534) : 0, 0); }
-    ~Nobody() { EXPECT_EQ(before == 0 ? seteuid(before) : 0, 0); }
-    Nobody(const Nobody&) = delete;
-    Nobody& operator=(const Nobody&) = delete;
-};
 
 TEST_F(WmiTest, TellsAUserWithoutRightsWhatIsMissing) {
     const Nobody nobody;

@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <cmath>
 #include <fmt/format.h>
-#include <map>
 
 #include "facts/account_files.h"
 #include "facts/host_names.h"
@@ -175,28 +174,14 @@ Wanted WantedBy(const Gathering& gathering) {
     return wanted;
 }
 
-/// Names of users in the form of Win32_UserAccount's Caption.
-class UserNames {
-  public:
-    UserNames() {
-        for (facts::UserEntry& user : facts::ParsePasswd(platform::ReadSystemFile("/etc/passwd").value_or("")))
-            names_.emplace(std::to_string(user.id), std::move(user.name));
-    }
-    std::string nameOf(const std::string& id) const {
-        const auto found = names_.find(id);
-        return found != names_.end() ? found->second : id;
-    }
-
-  private:
-    std::map<std::string, std::string> names_;
-};
-
 /// Makes rows of the wanted ones among the entries that are read.
 class EventTaker {
   public:
     EventTaker(const Gathering& gathering, const Wanted& wanted) : gathering_(gathering), wanted_(wanted) {
         if (gathering.asksFor(Need::host)) row_.host = facts::HostName();
         if (gathering.asksFor(Need::user)) users_.emplace();
+        if (users_ && !users_->areKnown())
+            gathering.notice("User has numbers in place of names: /etc/passwd cannot be read");
     }
 
     /// False when no more are wanted.
@@ -233,7 +218,7 @@ class EventTaker {
     const Gathering& gathering_;
     const Wanted& wanted_;
     Row row_;
-    std::optional<UserNames> users_;
+    std::optional<facts::LocalUsers> users_;
     std::size_t entries_ = 0;
     std::size_t bytes_ = 0;
     bool hasMore_ = false;

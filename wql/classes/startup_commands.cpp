@@ -1,6 +1,5 @@
 // Win32_StartupCommand: the services that start with the system.
 #include <fmt/format.h>
-#include <map>
 
 #include "facts/account_files.h"
 #include "facts/system_text.h"
@@ -43,16 +42,6 @@ constexpr PropertyInfo properties[] = {
 };
 // clang-format on
 
-/// The numbers of the local users, by name.
-std::map<std::string, std::uint32_t> ReadNumbers(const Gathering& gathering) {
-    std::map<std::string, std::uint32_t> numbers;
-    if (!gathering.asksFor(Need::number)) return numbers;
-    const std::optional<std::string> text = platform::ReadSystemFile("/etc/passwd");
-    if (!text) gathering.notice("UserSID was left out: /etc/passwd cannot be read");
-    for (const facts::UserEntry& user : facts::ParsePasswd(text.value_or(""))) numbers.emplace(user.name, user.id);
-    return numbers;
-}
-
 /// Negative only if the manager no longer answers.
 int ReadDetails(UnitManager& manager, const Gathering& gathering, Row& row, Refusals& refusals) {
     const ServiceUnit& unit = row.unit;
@@ -70,7 +59,9 @@ int ReadDetails(UnitManager& manager, const Gathering& gathering, Row& row, Refu
 }
 
 int HandOver(UnitManager& manager, const Gathering& gathering, std::vector<ServiceUnit>& units) {
-    const std::map<std::string, std::uint32_t> numbers = ReadNumbers(gathering);
+    std::optional<facts::LocalUsers> users;
+    if (gathering.asksFor(Need::number)) users.emplace();
+    if (users && !users->areKnown()) gathering.notice("UserSID was left out: /etc/passwd cannot be read");
     Refusals refusals;
     int result = 0;
     for (ServiceUnit& unit : units) {
@@ -82,9 +73,7 @@ int HandOver(UnitManager& manager, const Gathering& gathering, std::vector<Servi
         Row row;
         row.unit = std::move(unit);
         result = ReadDetails(manager, gathering, row, refusals);
-        if (const auto number = numbers.find(row.user.value_or("")); number != numbers.end()) {
-            row.number = number->second;
-        }
+        if (users) row.number = users->numberOf(row.user.value_or(""));
         if (result < 0 || !gathering.row(&row)) break;
     }
     refusals.note(gathering);
