@@ -17,8 +17,9 @@ namespace kv::facts {
 
 namespace {
 
-/// Years of updates; a log has about half a megabyte a month while a system is being set up, and much less later.
-constexpr std::size_t maxBytes = std::size_t{32} * 1024 * 1024;
+/// What is kept of all logs, and how many are looked at, which may each have too much: one a month for years.
+constexpr std::size_t maxBytes = 2 * maxDpkgLogBytes;
+constexpr std::size_t maxLogs = 100;
 
 std::string_view WithoutArchitecture(std::string_view package) { return package.substr(0, package.find(':')); }
 
@@ -72,7 +73,7 @@ void ParseLine(std::string_view line, Reading& reading) {
 
 using Archive = std::unique_ptr<gzFile_s, platform::ReleasedBy<gzclose>>;
 
-/// The text of a log, compressed or not, of at most so many bytes; absent if it cannot be read.
+/// The start of a log, compressed or not: more than so many bytes if it has more. Absent if it cannot be read.
 std::optional<std::string> ReadLog(const std::string& path, std::size_t most) {
     platform::Descriptor opened = platform::OpenOrdinaryFile(path);
     const Archive file(opened ? gzdopen(opened.get(), "r") : nullptr);
@@ -81,21 +82,23 @@ std::optional<std::string> ReadLog(const std::string& path, std::size_t most) {
     std::string text;
     std::array<char, 65536> block{};
     int got = 1;
-    while (got > 0 && text.size() < most) {
+    while (got > 0 && text.size() <= most) {
         got = gzread(file.get(), block.data(), block.size());
         if (got > 0) text.append(block.data(), static_cast<std::size_t>(got));
     }
     return got < 0 ? std::nullopt : std::optional(std::move(text));
 }
 
-/// The logs of a folder, the newest first. failure: the folder cannot be read.
+/// The logs of a folder, the newest first, which is the one without a number. failure: the folder cannot be read.
 std::vector<std::string> LogsIn(const std::string& folder, std::error_code& failure) {
     namespace fs = std::filesystem;
     std::vector<std::pair<fs::file_time_type, std::string>> logs;
     for (fs::directory_iterator entry(folder, failure), end; !failure && entry != end; entry.increment(failure)) {
         std::error_code gone;
-        if (entry->path().filename().string().starts_with("dpkg.log"))
-            logs.emplace_back(entry->last_write_time(gone), entry->path().string());
+        const std::string name = entry->path().filename().string();
+        if (!name.starts_with("dpkg.log") || entry->is_directory(gone)) continue;
+        const auto time = name == "dpkg.log" ? fs::file_time_type::max() : entry->last_write_time(gone);
+        logs.emplace_back(time, entry->path().string());
     }
     std::sort(logs.rbegin(), logs.rend());
     std::vector<std::string> paths;
@@ -118,20 +121,21 @@ std::vector<PackageUpdate> ParseDpkgLogs(const std::vector<std::string>& texts) 
 
 DpkgLogs ReadDpkgLogs(const std::string& folder) {
     DpkgLogs logs;
-    std::size_t left = maxBytes;
+    std::size_t bytes = 0;
     std::error_code failure;
     const std::vector<std::string> paths = LogsIn(folder, failure);
     if (failure && failure != std::errc::no_such_file_or_directory) logs.unreadable.push_back(folder);
-    for (const std::string& path : paths) {
-        logs.areAll = left > 0;
-        if (!logs.areAll) break;
-        std::optional<std::string> text = ReadLog(path, left);
+    for (std::size_t at = 0; at < paths.size() && logs.areAll; ++at) {
+        std::optional<std::string> text = ReadLog(paths[at], maxDpkgLogBytes);
         if (!text) {
-            logs.unreadable.push_back(path);
-            continue;
+            logs.unreadable.push_back(paths[at]);
+        } else if (text->size() > maxDpkgLogBytes) {
+            logs.tooLong.push_back(paths[at]);
+        } else {
+            bytes += text->size();
+            logs.areAll = bytes <= maxBytes && at < maxLogs;
+            if (logs.areAll) logs.texts.push_back(std::move(*text));
         }
-        left -= std::min(left, text->size());
-        logs.texts.push_back(std::move(*text));
     }
     std::reverse(logs.texts.begin(), logs.texts.end());
     return logs;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <cerrno>
 #include <unistd.h>
 
 #include "facts/system_text.h"
@@ -44,7 +45,7 @@ std::string FindRpmDatabase(const std::string& root) {
     constexpr std::array files{"/rpmdb.sqlite", "/Packages.db", "/Packages"};  // of rpm's three formats
     for (const char* folder : folders) {
         for (const char* file : files) {
-            if (access((root + folder + file).c_str(), F_OK) == 0) return root + folder;
+            if (access((root + folder + file).c_str(), F_OK) == 0 || errno == EACCES) return root + folder;
         }
     }
     return {};

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "tests/support/linux/gathered_texts.h"
+#include "tests/support/linux/nobody.h"
 #include "tests/support/linux/shell.h"
 #include "tests/support/linux/zone_setting.h"
 #include "wql/classes/products.h"
@@ -67,10 +68,24 @@ TEST_F(WmiProducts, AreThoseWhoseFilesAreThere) {
               "a|a:all|1:2|Some Origin|in short|5|NULL|https://example.org|\nc|c:|3|C Team|NULL|5|NULL|NULL|\n"
               "d|d:||<d@example.org>|NULL|-6|NULL|NULL|\n");
     EXPECT_EQ(LinesOf(Products("Name", "WHERE Name = 'C' OR Name = 'b'")), "c|\n");
-    std::filesystem::remove(dpkg / "status");
-    std::filesystem::create_directory(dpkg / "status");
-    EXPECT_EQ(Products("Name").status, wmi_status::providerFailure);
-    EXPECT_THAT(Products("Name").notices, ElementsAre(HasSubstr("cannot be read")));
+    for (const char* make : {"mkdir ", "mkfifo "}) {
+        RunShell("cd var/lib/dpkg && rm status && " + (make + std::string("status")));
+        EXPECT_EQ(Products("Name").status, wmi_status::providerFailure) << make;
+        EXPECT_THAT(Products("Name").notices, ElementsAre(HasSubstr("cannot be read"))) << make;
+    }
+}
+
+TEST_F(WmiProducts, InFoldersOfTheSuperuserAreNotAbsent) {
+    if (getuid() != 0) GTEST_SKIP() << "its owner may look into every folder";
+    Write(dpkg / "status", "");
+    Write(rpm / "rpmdb.sqlite", "");
+    Write(logs / "dpkg.log", "");
+    ASSERT_EQ(RunShell("chmod 755 .. . && chmod 700 var/lib/dpkg var/lib/rpm var/log").exitCode, 0);
+    const Nobody nobody;
+    EXPECT_EQ(Products("Name").status, wmi_status::accessDenied);
+    EXPECT_THAT(Products("Name").notices, ElementsAre(HasSubstr("/var/lib/dpkg/status"), HasSubstr("rpm")));
+    EXPECT_EQ(Updates().status, wmi_status::accessDenied);
+    EXPECT_THAT(Updates().notices, ElementsAre(HasSubstr("/var/log cannot be read: Perm"), HasSubstr("rpm")));
 }
 
 TEST_F(WmiProducts, AreThePackagesOfRpm) {
@@ -145,8 +160,15 @@ TEST_F(WmiProducts, HaveTheUpdatesOfTheLogs) {
         LinesOf(Updates()),
         "b 1:2|Update|Replaces 1:1|1/2/2026|\na 2|Update|Replaces 1|2/3/2026|\nz 2|Update|Replaces 1|2/3/2026|\n");
     Write(logs / "dpkg.log.3.gz", "\x1f\x8b\x08 cut");
-    ASSERT_EQ(RunShell("mkfifo var/log/dpkg.log.4 && touch -d 2026-01-02 var/log/dpkg.log.4").exitCode, 0);
-    EXPECT_THAT(Updates().notices, ElementsAre(HasSubstr("dpkg.log.3.gz"), HasSubstr("dpkg.log.4")));
+    ASSERT_EQ(RunShell("cd var/log && mkfifo dpkg.log.4 && touch -d 2026-01-02 dpkg.log.4 && mkdir dpkg.log.5 && "
+                       "head -c 40000000 /dev/zero | gzip -1 > dpkg.log.6.gz && touch -d 2037-01-01 dpkg.log.6.gz")
+                  .exitCode,
+              0);
+    EXPECT_EQ(Updates().objects.size(), 3u);
+    EXPECT_THAT(Updates().notices, ElementsAre(HasSubstr("dpkg.log.3.gz"), HasSubstr("dpkg.log.4"),
+                                               HasSubstr("dpkg.log.6.gz has more than 16 MB")));
+    ASSERT_EQ(RunShell("cd var/log && rm dpkg.log.[12]* && echo > dpkg.log").exitCode, 0);
+    EXPECT_EQ(Updates().status, wmi_status::ok) << "the newest log was read";
     std::filesystem::remove_all(logs);
     Write(logs, "not a folder");
     EXPECT_EQ(Updates().status, wmi_status::providerFailure);

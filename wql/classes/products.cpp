@@ -1,9 +1,11 @@
 #include "wql/classes/products.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <ctime>
 #include <fmt/format.h>
+#include <limits>
 #include <map>
 #include <system_error>
 #include <unistd.h>
@@ -55,7 +57,9 @@ CimValue DayOf(std::optional<std::int64_t> moment, const char* form) {
 
 CimValue MomentOf(std::optional<std::int64_t> seconds) {
     constexpr std::int64_t microseconds = 1'000'000;
-    return seconds ? CimValue(DmtfTime(*seconds * microseconds)) : CimValue();
+    constexpr std::int64_t latest =
+        std::numeric_limits<std::int64_t>::max() / microseconds;  // a file may have any time
+    return seconds ? CimValue(DmtfTime(std::clamp(*seconds, -latest, latest) * microseconds)) : CimValue();
 }
 
 // clang-format off
@@ -131,18 +135,21 @@ struct Reading {
 };
 
 std::vector<Package> ReadDpkgPackages(Reading& reading) {
+    // A package takes about a kilobyte.
+    constexpr std::size_t maxStatusBytes = std::size_t{64} * 1024 * 1024;
     const std::string folder = reading.root + "/var/lib/dpkg";
     const std::string path = folder + "/status";
-    if (access(path.c_str(), F_OK) != 0) return {};
-    const std::optional<std::string> text = platform::ReadSystemFile(path);
+    const std::optional<std::string> text = platform::ReadOrdinaryFile(path, maxStatusBytes);
     if (!text) {
-        reading.fail(FailedFile(path, "Packages of dpkg", reading.gathering));
+        if (errno != ENOENT) reading.fail(FailedFile(path, "Packages of dpkg", reading.gathering));
         return {};
     }
     std::vector<Package> packages = facts::ParseDpkgStatus(*text, reading.names);
-    if (reading.gathering.asksFor(Need::time)) {
-        for (Package& package : packages) package.installed = facts::ReadDpkgInstallTime(package, folder + "/info");
-    }
+    if (!reading.gathering.asksFor(Need::time)) return packages;
+    const std::string lists = folder + "/info";
+    if (access(lists.c_str(), X_OK) != 0 && errno == EACCES)
+        reading.gathering.notice(fmt::format("InstallDate was left out: {} may not be searched", lists));
+    for (Package& package : packages) package.installed = facts::ReadDpkgInstallTime(package, lists);
     return packages;
 }
 
@@ -210,7 +217,13 @@ bool HandOverUpdates(const std::vector<facts::PackageUpdate>& updates, UpdateRow
 
 std::vector<facts::PackageUpdate> ReadUpdates(Reading& reading) {
     const facts::DpkgLogs logs = facts::ReadDpkgLogs(reading.root + "/var/log");
-    for (const std::string& path : logs.unreadable) reading.fail(FailedFile(path, "Updates", reading.gathering));
+    for (const std::string& path : logs.unreadable) {
+        const WmiStatus failure = FailedFile(path, "Updates", reading.gathering);
+        if (logs.texts.empty()) reading.fail(failure);
+    }
+    for (const std::string& path : logs.tooLong)
+        reading.gathering.notice(
+            fmt::format("Updates were left out; {} has more than {} MB", path, facts::maxDpkgLogBytes >> 20));
     if (!logs.areAll) reading.gathering.notice("Updates in the oldest logs of dpkg were left out: there is too much");
     return facts::ParseDpkgLogs(logs.texts);
 }
