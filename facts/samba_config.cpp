@@ -1,6 +1,5 @@
 #include "facts/samba_config.h"
 
-#include <algorithm>
 #include <cctype>
 
 #include "facts/system_text.h"
@@ -16,13 +15,6 @@ std::string SettingName(std::string_view name) {
     return plain == "printok" ? "printable" : plain;
 }
 
-/// The section of a name, which a file may open more than once.
-SambaSection& SectionOf(std::vector<SambaSection>& sections, std::string_view name) {
-    const auto found = std::ranges::find_if(
-        sections, [&](const SambaSection& section) { return PlainSambaName(section.name) == PlainSambaName(name); });
-    return found != sections.end() ? *found : sections.emplace_back(SambaSection{std::string(name), {}});
-}
-
 }  // namespace
 
 std::string PlainSambaName(std::string_view name) {
@@ -36,20 +28,23 @@ std::string PlainSambaName(std::string_view name) {
 
 std::vector<SambaSection> ParseSambaSections(std::string_view text) {
     std::vector<SambaSection> sections{{"global", {}}};
-    std::string current = "global";
+    std::map<std::string, std::size_t> places{{"global", 0}};  // of the sections; a text may open one more than once
+    std::size_t current = 0;
     std::string line;
     while (TakeJoinedLine(text, line, "#;")) {
         if (line.empty()) continue;
         const std::size_t end = line.find(']');
         if (line.front() == '[' && end != std::string::npos) {
-            current = Trimmed(line.substr(1, end - 1));
-            SectionOf(sections, current);
+            const std::string name(Trimmed(std::string_view(line).substr(1, end - 1)));
+            const auto [place, isNew] = places.try_emplace(PlainSambaName(name), sections.size());
+            if (isNew) sections.push_back({name, {}});
+            current = place->second;
             continue;
         }
         const std::size_t equals = line.find('=');
         if (equals == std::string::npos) continue;
         const std::string_view value = Trimmed(std::string_view(line).substr(equals + 1));
-        SectionOf(sections, current).settings[SettingName(line.substr(0, equals))] = value;
+        sections[current].settings[SettingName(line.substr(0, equals))] = value;
     }
     return sections;
 }

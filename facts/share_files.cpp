@@ -5,6 +5,8 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fmt/format.h>
+#include <map>
+#include <set>
 #include <system_error>
 
 #include "facts/distribution.h"
@@ -43,7 +45,7 @@ bool IsSet(const SambaSettings& settings, const char* name, bool otherwise) {
 
 bool IsOrdinary(const SambaSection& section) {
     const std::string name = PlainSambaName(section.name);
-    return name != "global" && name != "homes" && name != "printers";
+    return !name.empty() && name != "global" && name != "homes" && name != "printers";
 }
 
 /// Absent if it is switched off, or has no path, without which Samba does not offer it.
@@ -112,18 +114,6 @@ std::string HostsIn(std::string_view line) {
     return hosts.empty() ? "*" : hosts;
 }
 
-void AddExport(std::vector<Share>& exports, std::string path, const std::string& hosts) {
-    const auto found = std::ranges::find(exports, path, &Share::path);
-    if (found != exports.end()) {
-        found->comment += ' ' + hosts;
-        return;
-    }
-    Share& added = exports.emplace_back();
-    added.name = path;
-    added.path = std::move(path);
-    added.comment = hosts;
-}
-
 // Files.
 
 /// What has been read, and what went wrong.
@@ -174,10 +164,13 @@ std::uint64_t UsualUserShares(const std::string& root) {
     return 0;
 }
 
-/// Users may put anything into the folder. As Samba does, this passes over what is not a usershare.
+/// Users may put anything into the folder. As Samba does, this passes over what is not a usershare, and keeps to the
+/// first share of a name.
 void AddUserShares(const std::string& folder, std::uint64_t most, Reading& reading) {
     std::size_t others = 0;
     std::uint64_t shares = 0;
+    std::set<std::string> names;
+    for (const Share& share : reading.found.shares) names.insert(PlainSambaName(share.name));
     for (const std::string& file : reading.filesIn(folder)) {
         if (shares == most) break;
         const std::optional<std::string> text = platform::ReadOrdinaryFile(file, maxUserShareBytes, O_NOFOLLOW);
@@ -185,11 +178,17 @@ void AddUserShares(const std::string& folder, std::uint64_t most, Reading& readi
             reading.fail(file, errno);
             continue;
         }
-        const std::optional<Share> share = text ? ParseUserShare(*text) : std::nullopt;
-        if (share) ++shares, reading.found.shares.push_back(*share);
-        if (!share) ++others;
+        std::optional<Share> share = text ? ParseUserShare(*text) : std::nullopt;
+        if (share && share->name.empty()) share->name = fs::path(file).filename().string();
+        if (!share || !names.insert(PlainSambaName(share->name)).second) {
+            ++others;
+            continue;
+        }
+        ++shares;
+        reading.found.shares.push_back(std::move(*share));
     }
-    if (others > 0) reading.notice(fmt::format("{}: {} files that are not usershares are left out", folder, others));
+    if (others == 0) return;
+    reading.notice(fmt::format("{}: {} files that are not usershares, or repeat a name, are left out", folder, others));
 }
 
 void AddSambaShares(Reading& reading) {
@@ -253,11 +252,16 @@ std::optional<Share> ParseUserShare(std::string_view text) {
 
 std::vector<Share> ParseExports(std::string_view text) {
     std::vector<Share> exports;
+    std::map<std::string, std::size_t> places;  // of the exports, by path
     std::string line;
     while (TakeJoinedLine(text, line)) {
         std::string_view rest = std::string_view(line).substr(0, line.find('#'));
-        std::string path = TakePath(rest);
-        if (path.starts_with('/')) AddExport(exports, std::move(path), HostsIn(rest));
+        const std::string path = TakePath(rest);
+        if (!path.starts_with('/')) continue;
+        const auto [place, isNew] = places.try_emplace(path, exports.size());
+        if (isNew) exports.push_back({.name = path, .path = path, .comment = ""});
+        std::string& hosts = exports[place->second].comment;
+        hosts += (isNew ? "" : " ") + HostsIn(rest);
     }
     return exports;
 }

@@ -30,7 +30,8 @@ struct SambaShares {
 /// none, and neither are those that are switched off or have no path.
 SambaShares ParseSambaConfig(std::string_view text);
 
-/// The share in a file that "net usershare" wrote; absent when it has another form.
+/// The share in a file that "net usershare" wrote; absent when it has another form. Its name is empty in the first
+/// version of such files: it is then that of the file.
 std::optional<Share> ParseUserShare(std::string_view text);
 
 /// The exported folders of an exports file or of the list of what is exported (etab): each once, with those that may

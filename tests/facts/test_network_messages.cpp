@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstring>
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <linux/gen_stats.h>
 #include <linux/pkt_sched.h>
@@ -191,8 +192,16 @@ TEST(NetworkMessages, FilesOfSharesInOddForms) {
         EXPECT_EQ(found[0].path, path) << text;
     }
     for (const char* text : {"", "\\", "\n\n", "a b", "\"\""}) EXPECT_TRUE(ParseExports(text).empty()) << text;
-    for (const char* text : {"", "[", "[x", "[x]", "=", "path=/above any section", "[x]\npath=", "[x]\npath=\\"})
+    for (const char* text :
+         {"", "[", "[x", "[x]", "=", "path=/above any section", "[x]\npath=", "[x]\npath=\\", "[ ]\npath=/a"})
         EXPECT_TRUE(ParseSambaConfig(text).shares.empty()) << text;
+    std::string manySections;
+    std::string manyExports;
+    for (int at = 0; at < 100'000; ++at) {
+        manySections += fmt::format("[{}]\npath=/\n", at);
+        manyExports += fmt::format("/{}\n", at);
+    }
+    EXPECT_EQ(ParseSambaConfig(manySections).shares.size() + ParseExports(manyExports).size(), 200'000u);
     for (const char* text : {"config backend = registry", "[x]\ncopy = y", "[global]\nregistry shares = Yes"})
         EXPECT_TRUE(ParseSambaConfig(text).isPartial) << text;
     for (const char* text : {"", "#VERSION 2", "#VERSION 2\npath=\n", "path=/a"})

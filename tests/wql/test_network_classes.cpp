@@ -334,6 +334,7 @@ TEST_F(WmiShares, AreThoseOfSambaAndNfs) {
     Write(work / "var/lib/samba/usershares/mine",
           "#VERSION 2\npath=/home/me/out\ncomment=Mine = ours\n"
           "usershare_acl=S-1-1-0:R,\nguest_ok=n\nsharename=Mine\n");
+    Write(work / "var/lib/samba/usershares/more", "#VERSION 1\npath=/a share of the file has the name\n");
     Write(work / "var/lib/samba/usershares/torn", "path=/x\nsharename=torn\n");
     EXPECT_THAT(Shares().objects, testing::ElementsAre(nfs("/srv/now", "192.0.2.7 192.0.2.8")))
         << "no Samba without its file";
@@ -350,7 +351,7 @@ TEST_F(WmiShares, AreThoseOfSambaAndNfs) {
                                                   "Laser|/var/spool||1|true|NULL|OK|", "More|/srv/more||0|false|9|OK|",
                                                   "Mine|/home/me/out|Mine = ours|0|true|NULL|OK|",
                                                   nfs("/srv/now", "192.0.2.7 192.0.2.8")));
-    EXPECT_THAT(all.notices, testing::ElementsAre(testing::HasSubstr("usershares: 1 files")));
+    EXPECT_THAT(all.notices, testing::ElementsAre(testing::HasSubstr("usershares: 2 files")));
     if (access("/usr/bin/testparm", X_OK) == 0) {
         std::vector<std::string> configured = Shares("Name Path").objects;
         configured.resize(3);
@@ -360,7 +361,7 @@ TEST_F(WmiShares, AreThoseOfSambaAndNfs) {
     Write(work / "var/lib/samba/usershares/long", "#VERSION 2\npath=/x\n" + std::string(11'000, '#'));
     fs::create_symlink("mine", work / "var/lib/samba/usershares/other");
     EXPECT_THAT(Shares().objects, all.objects);
-    EXPECT_THAT(Shares().notices, testing::ElementsAre(testing::HasSubstr("usershares: 4 files")));
+    EXPECT_THAT(Shares().notices, testing::ElementsAre(testing::HasSubstr("usershares: 5 files")));
     Write(work / "etc/samba/smb.conf",
           "[global]\ninclude = /etc/samba/more.conf\nusershare max shares = 0\n[a]\npath = /a\n");
     fs::remove(work / "var/lib/nfs/etab");
