@@ -5,6 +5,8 @@
 #include <filesystem>
 #include <fmt/format.h>
 #include <map>
+#include <set>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "facts/cron_tables.h"
@@ -29,7 +31,7 @@ struct Need {
 struct Row {
     std::string name;
     std::string description;
-    std::string identity;  // what stays the same as long as the job does
+    std::uint32_t number = 0;
     std::optional<std::string> command;
     std::optional<std::string> user;
     std::optional<std::string> status;
@@ -38,12 +40,15 @@ struct Row {
     bool isRepeated = false;
 };
 
-/// A number that is the same at each query, by FNV-1a. Positive, since the agent shows 32 bits with a sign.
+/// Positive, since the agent shows 32 bits with a sign.
+constexpr std::uint32_t maxNumber = 0x7FFFFFFF;
+
+/// A number that is the same at each query, by FNV-1a.
 std::uint32_t NumberFor(std::string_view identity) {
     constexpr std::uint32_t prime = 16777619;
     std::uint32_t number = 2166136261;
     for (const char unit : identity) number = (number ^ static_cast<unsigned char>(unit)) * prime;
-    return number & 0x7FFFFFFF;
+    return number & maxNumber;
 }
 
 /// The time of the next run, with stars for the date: "********031500.000000+060".
@@ -68,7 +73,7 @@ constexpr PropertyInfo properties[] = {
     {u"ElapsedTime", datetime},
     {u"InstallDate", datetime},
     {u"InteractWithDesktop", boolean, 0, "never", [](const Row&) { return false; }},
-    {u"JobId", uint32, 0, "made of the timer's name, or of the job's line and its table's path", [](const Row& row) { return NumberFor(row.identity); }},
+    {u"JobId", uint32, 0, "made of the timer's name, or of the job's line and its table's path", [](const Row& row) { return row.number; }},
     {u"JobStatus", string, Need::timer | Need::status, "Failure if the unit that the timer starts has failed, Success after any other start; NULL while it is active, and for jobs of cron",
         [](const Row& row) { return row.status; }},
     {u"Name", string, 0, "of the timer, or the path of cron's table", [](const Row& row) { return row.name; }},
@@ -143,10 +148,13 @@ int ReadJob(UnitManager& manager, const Gathering& gathering, const ServiceUnit&
 struct Output {
     const Gathering& gathering;
     bool wantsMore = true;
-    bool hasJobs = false;
+    std::set<std::uint32_t> numbers = {};  // of the jobs so far
 
-    void add(const Row& row) {
-        hasJobs = true;
+    /// identity: what stays the same as long as the job does. If two happen to get one number, the later takes the
+    /// next.
+    void add(Row& row, std::string_view identity) {
+        row.number = NumberFor(identity);
+        while (!numbers.insert(row.number).second) row.number = (row.number + 1) & maxNumber;
         wantsMore = gathering.row(&row);
     }
 };
@@ -160,12 +168,12 @@ int GatherTimers(const Gathering& gathering, Output& output) {
     for (const ServiceUnit& unit : units) {
         if (unit.activeState != "active") continue;
         Row row;
-        row.name = row.identity = unit.id;
+        row.name = unit.id;
         row.description = unit.description;
         result = ReadJob(manager, gathering, unit, row);
         if (IsLost(result)) break;
         if (result < 0) refusals.add(unit.id, result);
-        output.add(row);
+        output.add(row, unit.id);
         if (!output.wantsMore) break;
     }
     refusals.note(gathering);
@@ -175,32 +183,47 @@ int GatherTimers(const Gathering& gathering, Output& output) {
 /// More than anybody's table, so that one which is not a table costs little.
 constexpr std::size_t maxTableBytes = std::size_t{1024} * 1024;
 
+/// The jobs of a table that cron takes, or why there are none: cron takes only what no other user could have written.
+std::optional<std::vector<facts::CronJob>> ReadTable(const std::string& path, const char*& refusal) {
+    struct stat link {};
+    struct stat file {};
+    refusal = "it cannot be read";
+    const std::optional<std::string> text = platform::ReadOrdinaryFile(path, maxTableBytes);
+    if (!text || lstat(path.c_str(), &link) != 0 || stat(path.c_str(), &file) != 0) return std::nullopt;
+    refusal = "it is not the superuser's, and cron ignores it";
+    if (link.st_uid != 0 || file.st_uid != 0) return std::nullopt;
+    refusal = "others may write to it, and cron ignores it";
+    if ((file.st_mode & (S_IWGRP | S_IWOTH)) != 0) return std::nullopt;
+    refusal = "a line is not one of cron's, which ignores the table";
+    return facts::ParseCronTable(*text);
+}
+
 void AddTable(const std::string& path, const std::string& root, Output& output) {
     const std::string shownPath = path.substr(root.size());
-    const std::optional<std::string> text = platform::ReadOrdinaryFile(path, maxTableBytes);
-    const auto jobs = text ? facts::ParseCronTable(*text) : std::nullopt;
-    if (!jobs) {
-        const char* reason = text ? "a line is not one of cron's, which ignores the table" : "it cannot be read";
-        output.gathering.notice(fmt::format("Jobs in {} were left out: {}", shownPath, reason));
-        return;
-    }
+    const char* refusal = nullptr;
+    const auto jobs = ReadTable(path, refusal);
+    if (!jobs) return output.gathering.notice(fmt::format("Jobs in {} were left out: {}", shownPath, refusal));
     const std::time_t now = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
     constexpr std::int64_t microseconds = 1'000'000;
-    std::map<std::string, int> same;  // lines so far, by their identity
+    std::map<std::string, int> same;                         // lines so far, by their identity
+    std::map<std::string, std::optional<std::time_t>> next;  // by when a job runs
     for (const facts::CronJob& job : *jobs) {
+        if (!output.wantsMore) return;
+        std::string identity = fmt::format("{} {} {} {}", shownPath, job.when, job.user, job.command);
+        if (const int before = same[identity]++; before > 0) identity += fmt::format(" {}", before);
         Row row;
         row.name = shownPath;
         row.description = job.when;
-        row.identity = fmt::format("{} {} {} {}", shownPath, job.when, job.user, job.command);
-        if (const int before = same[row.identity]++; before > 0) row.identity += fmt::format(" {}", before);
         row.command = job.command;
         row.user = job.user;
         row.isRepeated = !job.isAtStart;
-        if (job.time) {
+        if (job.time && output.gathering.asksFor(Need::timer)) {
             row.days = facts::DaysOf(*job.time);
-            if (const auto next = facts::NextRun(*job.time, now)) row.next = *next * microseconds;
+            const auto [known, isNew] = next.try_emplace(job.when);
+            if (isNew) known->second = facts::NextRun(*job.time, now);
+            if (known->second) row.next = *known->second * microseconds;
         }
-        if (output.wantsMore) output.add(row);
+        output.add(row, identity);
     }
 }
 
@@ -251,7 +274,7 @@ WmiStatus GatherScheduledJobs(const Gathering& gathering, const std::string& roo
     if (output.wantsMore) GatherCronJobs(root, output);
     if (result >= 0) return wmi_status::ok;
     const WmiStatus failure = FailedManager(result, "Timers were left out", gathering);
-    return output.hasJobs ? wmi_status::ok : failure;
+    return output.numbers.empty() ? failure : wmi_status::ok;
 }
 
 }  // namespace kv::wql
