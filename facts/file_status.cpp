@@ -1,7 +1,9 @@
 #include "facts/file_status.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
+#include <limits>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -9,8 +11,11 @@ namespace kv::facts {
 
 namespace {
 
+/// Some file systems take any time for a file's.
 std::int64_t MicrosecondsOf(const struct statx_timestamp& time) {
-    return static_cast<std::int64_t>(time.tv_sec) * 1'000'000 + time.tv_nsec / 1000;
+    constexpr std::int64_t perSecond = 1'000'000;
+    constexpr std::int64_t latest = std::numeric_limits<std::int64_t>::max() / perSecond - 1;
+    return std::clamp<std::int64_t>(time.tv_sec, -latest, latest) * perSecond + time.tv_nsec / 1000;
 }
 
 FileKind KindOf(unsigned mode) {

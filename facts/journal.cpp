@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fmt/format.h>
+#include <map>
 #include <memory>
 #include <string_view>
 #include <sys/resource.h>
@@ -101,12 +102,12 @@ int ReadPlace(JournalFile& file, std::string* sequenceId = nullptr) {
 
 /// Goes to the next older entry of the selection: 1, 0 when there is none, or a failure.
 int StepBack(JournalFile& file, const JournalSelection& selection) {
-    int result = 1;
     do {
-        result = Step(file, sd_journal_previous);
-        if (result > 0) result = std::min(1, ReadPlace(file) + 1);
-    } while (result > 0 && file.written > selection.latest);
-    if (result <= 0) return result;
+        int result = Step(file, sd_journal_previous);
+        if (result <= 0) return result;
+        result = ReadPlace(file);
+        if (result < 0) return result;
+    } while (file.written > selection.latest);
     return file.sequence >= file.round + selection.lowestNumber && file.written >= selection.earliest ? 1 : 0;
 }
 
@@ -238,17 +239,25 @@ void MergeFiles(std::vector<JournalFile>& files, const JournalSelection& selecti
     }
 }
 
-/// Adds the matching entries of a file to the count. False when they are not known.
+/// Counts of entries by the first entry of a file, because copies of a file count once.
+using CountsByStart = std::map<std::string, std::uint64_t>;
+
+/// Counts the matching entries of a file. False when they are not known.
 bool CountInFile(const std::string& path, const std::vector<JournalMatches>& alternatives,
-                 std::chrono::steady_clock::time_point limit, MappedReads& reads, std::uint64_t& count) {
+                 std::chrono::steady_clock::time_point limit, MappedReads& reads, CountsByStart& counts) {
     JournalFile file{.path = path, .journal = {}};
     int result = OpenFile(file);
     if (result >= 0) result = AddMatches(file.journal.get(), alternatives);
     if (result >= 0) result = sd_journal_seek_head(file.journal.get());
     constexpr std::uint64_t entriesBetweenLooksAtTheClock = 1024;
+    std::uint64_t count = 0;
+    std::string sequenceId;
     while (result >= 0 && (result = Step(file, sd_journal_next)) > 0) {
-        if (++count % entriesBetweenLooksAtTheClock == 0 && std::chrono::steady_clock::now() > limit) return false;
+        if (count == 0) result = ReadPlace(file, &sequenceId);
+        if (count++ % entriesBetweenLooksAtTheClock == 0 && std::chrono::steady_clock::now() > limit) return false;
     }
+    std::uint64_t& known = counts[fmt::format("{} {}", sequenceId, file.sequence)];
+    known = std::max(known, count);
     return Checked(reads, result) >= 0;
 }
 
@@ -256,7 +265,8 @@ bool CountInFile(const std::string& path, const std::vector<JournalMatches>& alt
 
 std::vector<std::string> JournalFolders() {
     sd_id128_t id{};
-    if (sd_id128_get_machine(&id) < 0) return {};
+    // The library would wait for a pipe.
+    if (!platform::OpenOrdinaryFile("/etc/machine-id") || sd_id128_get_machine(&id) < 0) return {};
     std::array<char, SD_ID128_STRING_MAX> text{};
     sd_id128_to_string(id, text.data());
     return {fmt::format("/var/log/journal/{}", text.data()), fmt::format("/run/log/journal/{}", text.data())};
@@ -295,12 +305,14 @@ JournalReading ReadJournal(const std::vector<std::string>& folders, const Journa
 std::optional<std::uint64_t> CountJournalEntries(const std::vector<std::string>& folders,
                                                  const std::vector<JournalMatches>& alternatives,
                                                  std::chrono::steady_clock::time_point limit) {
-    std::uint64_t count = 0;
+    CountsByStart counts;
     JournalReading reading;
     MappedReads reads;
     for (const std::string& path : FindJournalFiles(folders, reading)) {
-        if (!CountInFile(path, alternatives, limit, reads, count)) return std::nullopt;
+        if (!CountInFile(path, alternatives, limit, reads, counts)) return std::nullopt;
     }
+    std::uint64_t count = 0;
+    for (const auto& [start, ofFile] : counts) count += ofFile;
     return reading.denied + reading.failures > 0 ? std::nullopt : std::optional(count);
 }
 

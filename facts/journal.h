@@ -76,8 +76,8 @@ std::vector<std::string> FindJournalFiles(const std::vector<std::string>& folder
 JournalReading ReadJournal(const std::vector<std::string>& folders, const JournalSelection& selection,
                            const std::function<bool(const JournalEntry& entry)>& take);
 
-/// How many entries match any of the alternatives; absent when that is not known within the limit, or a file cannot be
-/// read.
+/// How many entries match any of the alternatives, those of copies of a file once; absent when that is not known within
+/// the limit, or a file cannot be read.
 std::optional<std::uint64_t> CountJournalEntries(const std::vector<std::string>& folders,
                                                  const std::vector<JournalMatches>& alternatives,
                                                  std::chrono::steady_clock::time_point limit);

@@ -138,13 +138,15 @@ constexpr auto logFileProperties = Extend(fileProperties, {
 
 bool IsSeparator(char16_t unit) { return unit == u'/' || unit == u'\\'; }
 
-/// The path that a text of a query stands for; absent when it does not begin at the root. Only one that begins with a
-/// backslash is written with them, because a name here may have any.
+/// The path that a text of a query stands for, with single slashes; absent when it does not begin at the root. Only one
+/// that begins with a backslash is written with them, because a name here may have any.
 std::optional<std::string> PathOf(std::u16string_view text) {
     if (text.empty() || !IsSeparator(text.front()) || text.find(u'\0') != std::u16string_view::npos)
         return std::nullopt;
     std::string path = platform::Utf8FromWide(text);
     if (text.front() == u'\\') std::replace(path.begin(), path.end(), '\\', '/');
+    const auto areSlashes = [](char one, char next) { return one == '/' && next == '/'; };
+    path.erase(std::unique(path.begin(), path.end(), areSlashes), path.end());
     return path;
 }
 
@@ -195,8 +197,10 @@ struct FolderListing {
         }
         constexpr std::size_t namesAtOnce = 1000;
         while (names.size() < namesAtOnce && looked++ < maxFolderNames) {
+            errno = 0;
             const dirent* entry = readdir(open.get());
             isAtEnd = entry == nullptr;
+            if (isAtEnd) failure = errno;
             if (isAtEnd) return;
             if (entry->d_type != DT_DIR) names.emplace_back(entry->d_name);
         }
@@ -238,15 +242,15 @@ class FileGathering {
     void addFolder(const std::string& path, const std::vector<std::u16string>& texts) {
         const auto listing = std::make_shared<FolderListing>();
         const std::string folder = path.empty() ? "/" : path;
-        const std::size_t most = files_ + maxFolderFiles;
+        const std::size_t most = gathering_.kept + maxFolderFiles;
         while (!isOver_ && !listing->isAtEnd) {
             if (!ask(folder, [listing, folder] { listing->readOn(folder); })) return;
-            if (listing->failure != 0) return addFailure(folder, listing->failure);
             for (const std::string& name : listing->names) {
                 if (isOver_) return;
-                if (files_ == most) return tellOfMore(folder);
+                if (gathering_.kept == most) return tellOfMore(folder);
                 addFileOf(path, texts, name);
             }
+            if (listing->failure != 0) return addFailure(folder, listing->failure);
             if (!listing->isAtEnd && listing->looked > maxFolderNames) return tellOfMore(folder);
         }
     }
@@ -347,7 +351,7 @@ class FileGathering {
     }
 
     void tellOfMore(const std::string& folder) const {
-        gathering_.notice(fmt::format("{} has more files: a query gives at most {}, and looks at {} names", folder,
+        gathering_.notice(fmt::format("{} may have more files: a query gives at most {}, and looks at {} names", folder,
                                       maxFolderFiles, maxFolderNames));
     }
 

@@ -9,7 +9,8 @@
 
 namespace kv::wql {
 
-/// Files that a query gives of one folder, and names that it looks at there. A folder may have millions.
+/// Files that a query gives of one folder, of those that match WHERE, and names that it looks at there. A folder may
+/// have millions.
 inline constexpr std::size_t maxFolderFiles = 10000;
 inline constexpr std::size_t maxFolderNames = 1000000;
 
