@@ -24,6 +24,7 @@ TEST(ServiceUnits, HaveTheStatesOfServices) {
         const char *active, *sub, *file;
         std::u16string expected;
         ServiceStart start = {false, true, true};
+        const char* load = "loaded";
     } rows[] = {
         {"active", "exited", "generated", u"Running OK Auto", {true, false, true}},
         {"inactive", "dead", "masked", u"Stopped OK Disabled"},
@@ -33,9 +34,10 @@ TEST(ServiceUnits, HaveTheStatesOfServices) {
         {"activating", "auto-restart", "linked", u"Start Pending Degraded Manual"},
         {"deactivating", "stop-sigterm", "indirect", u"Stop Pending OK Manual"},
         {"of a later version", "", "", u"Unknown OK Manual"},
+        {"inactive", "dead", "bad", u"Stopped Error Manual", {}, "bad-setting"},
     };
     for (const auto& row : rows) {
-        const ServiceUnit unit{"x.service", "", "loaded", row.active, row.sub, row.file};
+        const ServiceUnit unit{"x.service", "", row.load, row.active, row.sub, row.file};
         const auto text = std::u16string(StateWordOf(ConditionOf(unit))) + u" " + std::u16string(HealthOf(unit)) + u" ";
         EXPECT_EQ(text + std::u16string(StartModeOf(unit, row.start)), row.expected) << row.active << row.sub;
     }

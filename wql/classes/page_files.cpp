@@ -1,5 +1,7 @@
 // Win32_PageFileUsage: the swap devices and files in use. Win32_PageFileSetting: those that /etc/fstab sets up. The
 // kernel does not keep the most that has been in use.
+#include <set>
+
 #include "facts/swaps.h"
 #include "wql/class_tree.h"
 #include "wql/classes/failures.h"
@@ -78,10 +80,12 @@ WmiStatus GatherPageFiles(const Gathering& gathering, const std::string& root) {
 WmiStatus GatherPageFileSettings(const Gathering& gathering, const std::string& root) {
     const std::optional<std::vector<facts::FstabEntry>> entries = facts::ReadFstab(root);
     if (!entries) return FailedFile(root + "/etc/fstab", "Page files", gathering);
+    std::set<std::string> paths;  // so far; more than one line may name a device
     for (const facts::FstabEntry& entry : *entries) {
         if (entry.fileSystem != "swap") continue;
         Setting setting;
         setting.path = facts::DevicePathOf(entry.source, root);
+        if (!paths.insert(setting.path).second) continue;
         setting.size = facts::SizeOfDeviceOrFile(setting.path, root);
         if (!gathering.row(&setting)) break;
     }

@@ -90,7 +90,7 @@ constexpr PropertyInfo properties[] = {
     {u"StartName", string, Need::user, "the user as whom it runs", [](const Row& row) { return row.user; }},
     {u"State", string, Need::freezer, "Running, Stopped, Start Pending, Stop Pending, or with its control group frozen Paused",
         [](const Row& row) { return StateWordOf(row.condition); }},
-    {u"Status", string, 0, "OK; Error after a failure; Degraded between restarts", [](const Row& row) { return HealthOf(row.unit); }},
+    {u"Status", string, 0, "OK; Error after a failure, or if its unit cannot be used; Degraded between restarts", [](const Row& row) { return HealthOf(row.unit); }},
     {u"SystemCreationClassName", string, 0, "the computer's class", [](const Row&) { return u"Win32_ComputerSystem"; }},
     {u"SystemName", string, Need::host, "the computer's name", [](const Row& row) { return row.host; }},
     {u"TagId", uint32, 0, "0: units have no place in a load order group", [](const Row&) { return 0; }},
@@ -185,7 +185,8 @@ std::u16string_view StateWordOf(const UnitCondition& condition) {
 }
 
 std::u16string_view HealthOf(const ServiceUnit& unit) {
-    if (HasFailed(unit)) return u"Error";
+    const bool isUnusable = unit.loadState == "bad-setting" || unit.loadState == "error";
+    if (HasFailed(unit) || isUnusable) return u"Error";
     return unit.subState == "auto-restart" ? u"Degraded" : u"OK";
 }
 

@@ -13,7 +13,8 @@ namespace kv::wql {
 /// like. "Unknown" for a state of a later version of systemd.
 std::u16string_view StateWordOf(const platform::systemd::UnitCondition& condition);
 
-/// "Error" after a failure, "Degraded" while the service waits for a restart after one, else "OK".
+/// "Error" after a failure, or for a unit whose file is wrong or cannot be read, "Degraded" while the service waits for
+/// a restart after one, else "OK".
 std::u16string_view HealthOf(const platform::systemd::ServiceUnit& unit);
 
 /// "Auto", "Manual" or "Disabled", by the state of the unit's file. A unit that starts at each boot, but is inactive
