@@ -167,6 +167,14 @@ bool RunsOn(const CronTime& time, const std::tm& day) {
     return HasBit(time.months, day.tm_mon + 1) && (time.areBothDays ? isDate && isWeekday : isDate || isWeekday);
 }
 
+std::time_t MomentOn(std::tm day, int hour, int minute) {
+    day.tm_hour = hour;
+    day.tm_min = minute;
+    day.tm_sec = 0;
+    day.tm_isdst = -1;
+    return std::mktime(&day);
+}
+
 }  // namespace
 
 std::optional<std::vector<CronJob>> ParseCronTable(std::string_view text) {
@@ -183,24 +191,22 @@ std::optional<std::vector<CronJob>> ParseCronTable(std::string_view text) {
 }
 
 std::optional<std::time_t> NextRun(const CronTime& time, std::time_t after) {
-    constexpr int mostDays = 4 * 366;
-    std::tm start{};
-    if (localtime_r(&after, &start) == nullptr) return std::nullopt;
-    for (int days = 0; days <= mostDays; ++days) {
-        std::tm day = start;
-        day.tm_mday += days;
-        day.tm_hour = day.tm_min = day.tm_sec = 0;
-        day.tm_isdst = -1;
-        if (std::mktime(&day) == -1 || !RunsOn(time, day)) continue;
-        for (int minute = 0; minute < 24 * 60; ++minute) {
+    constexpr int years = 4;
+    constexpr int noon = 12;  // is there on every day
+    std::tm day{};
+    if (localtime_r(&after, &day) == nullptr) return std::nullopt;
+    const int lastYear = day.tm_year + years;
+    while (day.tm_year <= lastYear) {
+        for (int minute = 0; minute < 24 * 60 && RunsOn(time, day); ++minute) {
             if (!HasBit(time.hours, minute / 60) || !HasBit(time.minutes, minute % 60)) continue;
-            std::tm moment = day;
-            moment.tm_hour = minute / 60;
-            moment.tm_min = minute % 60;
-            moment.tm_isdst = -1;
-            const std::time_t run = std::mktime(&moment);
+            const std::time_t run = MomentOn(day, minute / 60, minute % 60);
             if (run > after) return run;
         }
+        const bool isInMonth = HasBit(time.months, day.tm_mon + 1);
+        day.tm_mon += isInMonth ? 0 : 1;
+        day.tm_mday = isInMonth ? day.tm_mday + 1 : 1;
+        const std::time_t next = MomentOn(day, noon, 0);
+        if (localtime_r(&next, &day) == nullptr) break;
     }
     return std::nullopt;
 }

@@ -35,7 +35,8 @@ struct CronJob {
 /// The jobs of a table. Absent if a line is not one of cron's: cron ignores such a table as a whole.
 std::optional<std::vector<CronJob>> ParseCronTable(std::string_view text);
 
-/// The next minute after a moment at which a job runs, in local time; absent if none comes within four years.
+/// The next minute after a moment at which a job runs, in local time; absent if none comes by the end of the fourth
+/// year after it.
 std::optional<std::time_t> NextRun(const CronTime& time, std::time_t after);
 
 /// The days on which it runs; absent if it runs in some months only.

@@ -1,12 +1,14 @@
 #include "wql/classes/scheduled_jobs.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <filesystem>
 #include <fmt/format.h>
 #include <map>
 #include <set>
 #include <sys/stat.h>
+#include <system_error>
 #include <unistd.h>
 
 #include "facts/cron_tables.h"
@@ -184,11 +186,11 @@ int GatherTimers(const Gathering& gathering, Output& output) {
 constexpr std::size_t maxTableBytes = std::size_t{1024} * 1024;
 
 /// The jobs of a table that cron takes, or why there are none: cron takes only what no other user could have written.
-std::optional<std::vector<facts::CronJob>> ReadTable(const std::string& path, const char*& refusal) {
+std::optional<std::vector<facts::CronJob>> ReadTable(const std::string& path, std::string& refusal) {
     struct stat link {};
     struct stat file {};
-    refusal = "it cannot be read";
     const std::optional<std::string> text = platform::ReadOrdinaryFile(path, maxTableBytes);
+    refusal = "it cannot be read: " + std::generic_category().message(errno);
     if (!text || lstat(path.c_str(), &link) != 0 || stat(path.c_str(), &file) != 0) return std::nullopt;
     refusal = "it is not the superuser's, and cron ignores it";
     if (link.st_uid != 0 || file.st_uid != 0) return std::nullopt;
@@ -200,7 +202,7 @@ std::optional<std::vector<facts::CronJob>> ReadTable(const std::string& path, co
 
 void AddTable(const std::string& path, const std::string& root, Output& output) {
     const std::string shownPath = path.substr(root.size());
-    const char* refusal = nullptr;
+    std::string refusal;
     const auto jobs = ReadTable(path, refusal);
     if (!jobs) return output.gathering.notice(fmt::format("Jobs in {} were left out: {}", shownPath, refusal));
     const std::time_t now = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
