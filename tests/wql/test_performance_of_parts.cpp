@@ -144,17 +144,21 @@ TEST_F(PerformanceOfParts, SharedObjects) {
                   {fmt::format("{} {} NULL NULL", semaphores + 1, segments + 2)}, true);
 }
 
-TEST_F(PerformanceOfParts, ProcessesThatProcHidesAreNotCounted) {
+TEST_F(PerformanceOfParts, ProcessesThatProcHidesAreToldOf) {
     if (!IsInNamespaces()) return RunInNamespaces("--mount", "mount -t proc -o hidepid=2 proc /proc");
     ASSERT_EQ(setgid(65534), 0);
     ASSERT_EQ(setuid(65534), 0);
-    for (const char* from :
-         {"Processes FROM Win32_PerfRawData_PerfOS_Objects", "Processes FROM Win32_PerfFormattedData_PerfOS_System",
-          "NumberOfProcesses FROM Win32_OperatingSystem"}) {
-        const WmiResult result = RunWmiQuery(std::string("SELECT ") + from);
-        const std::string property = std::string(from).substr(0, std::string(from).find(' '));
-        ASSERT_EQ(std::pair(result.rows.size(), result.notices.size()), std::pair(std::size_t{1}, std::size_t{1}));
-        EXPECT_EQ(PropertyText(result.rows[0], property), "NULL") << from;
+    const std::tuple<std::string, const char*, std::size_t> rows[] = {
+        {"Processes", "PerfRawData_PerfOS_Objects", 1},
+        {"Processes", "PerfFormattedData_PerfOS_System", 1},
+        {"NumberOfProcesses", "OperatingSystem", 1},
+        {"IOReadBytesPersec", "PerfRawData_PerfProc_Process", 2},  // of others, and of this user's, who was another
+        {"ReadTransferCount", "Process", 2},
+    };
+    for (const auto& [property, from, notices] : rows) {
+        const WmiResult result = RunWmiQuery(fmt::format("SELECT {} FROM Win32_{}", property, from));
+        EXPECT_EQ(result.notices.size(), notices) << from;
+        EXPECT_EQ(PropertyText(result.rows.at(0), property), "NULL") << from;
     }
 }
 

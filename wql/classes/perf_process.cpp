@@ -6,11 +6,11 @@
 #include <algorithm>
 #include <unistd.h>
 
-#include "facts/process_files.h"
 #include "facts/system_text.h"
 #include "wql/class_tree.h"
 #include "wql/classes/failures.h"
 #include "wql/classes/perf_class.h"
+#include "wql/classes/processes.h"
 
 namespace kv::wql {
 
@@ -112,14 +112,24 @@ std::vector<std::uint32_t> ProcessesToRead(const Gathering& gathering, PerfSampl
     return ids;
 }
 
-void ReadParts(facts::ProcessFiles& files, const Gathering& gathering, Row& row) {
+/// False if this user may not read one of the parts.
+bool ReadParts(facts::ProcessFiles& files, const Gathering& gathering, Row& row) {
     const std::uint32_t id = row.stat.id;
+    bool mayRead = true;
     row.memory.reset();
     if (gathering.asksFor(Need::memory)) {
         if (const auto text = files.Read(id, "status")) row.memory = facts::ParseProcessStatus(*text);
+        mayRead = !files.wasRefused();
     }
-    if (gathering.asksFor(Need::io)) row.io = facts::ParseProcessIo(files.Read(id, "io").value_or(""));
-    if (gathering.asksFor(Need::handles)) row.handles = files.CountOpenFiles(id);
+    if (gathering.asksFor(Need::io)) {
+        row.io = facts::ParseProcessIo(files.Read(id, "io").value_or(""));
+        mayRead = mayRead && !files.wasRefused();
+    }
+    if (gathering.asksFor(Need::handles)) {
+        row.handles = files.CountOpenFiles(id);
+        mayRead = mayRead && !files.wasRefused();
+    }
+    return mayRead;
 }
 
 /// How many processes had each name so far.
@@ -150,13 +160,18 @@ WmiStatus ReadProcesses(const Gathering& gathering, PerfSampling& sampling) {
     NameCounts names{{"_Total", 1}};
     Row row;
     sampling.processors = ProcessorsOnline();
-    for (const std::uint32_t id : ProcessesToRead(gathering, sampling)) {
+    const std::vector<std::uint32_t> ids = ProcessesToRead(gathering, sampling);
+    UnseenProcesses unseen(sampling.isAsked != nullptr);
+    for (const std::uint32_t id : ids) {
         const std::optional<std::string_view> text = files.Read(id, "stat");
         const std::uint64_t now = TimeSinceStart();
         std::optional<facts::ProcessStat> stat = text ? facts::ParseProcessStat(*text) : std::nullopt;
-        if (!stat || !stat->isProcess) continue;
+        if (!stat || !stat->isProcess) {
+            unseen.Miss(files.wasRefused());
+            continue;
+        }
         row.stat = std::move(*stat);
-        ReadParts(files, gathering, row);
+        unseen.See(id, ReadParts(files, gathering, row));
         PerfObject object;
         if (gathering.asksFor(Need::name)) object.name = NumberedName(names, ExecutableName(files, row.stat));
         object.key = std::to_string(id);
@@ -164,6 +179,7 @@ WmiStatus ReadProcesses(const Gathering& gathering, PerfSampling& sampling) {
         object.birth = facts::TimeOfTicks(row.stat.startTicks);
         sampling.Add(std::move(object), &row, now);
     }
+    unseen.Tell(files, gathering);
     // If /proc does not even show this process, finding no others says nothing.
     const bool canRead = !sampling.rows.empty() || platform::ReadSystemFile("/proc/self/stat");
     return canRead ? wmi_status::ok : FailedFile("/proc/self/stat", "Processes", gathering);

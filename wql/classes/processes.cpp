@@ -7,7 +7,6 @@
 
 #include "facts/distribution.h"
 #include "facts/host_names.h"
-#include "facts/process_files.h"
 #include "facts/system_text.h"
 #include "wql/class_tree.h"
 
@@ -223,22 +222,6 @@ void ReadSystem(Row& row) {
     row.systemName = facts::SystemNameOf(facts::ReadOsRelease(), kernel);
 }
 
-/// What a query did not get to see.
-struct Unseen {
-    std::size_t processes = 0;
-    std::size_t parts = 0;    // processes of which a part is missing
-    bool mayBeHidden = true;  // not even the first process was seen, so that /proc may show only a user's own
-};
-
-void AddNotices(const Unseen& unseen, const Gathering& gathering) {
-    if (unseen.mayBeHidden) gathering.notice("Processes of other users were left out: /proc does not show them");
-    if (unseen.processes > 0)
-        gathering.notice(fmt::format("{} processes were left out: this user may not read them", unseen.processes));
-    if (unseen.parts > 0)
-        gathering.notice(
-            fmt::format("Files or figures of {} processes were left out: this user may not read them", unseen.parts));
-}
-
 constexpr ClassInfo classes[] = {
     {u"Win32_Process", u"CIM_Process", properties,
      [](const Gathering& gathering) { return GatherProcesses(gathering, "/proc"); }, u"Handle"},
@@ -248,32 +231,47 @@ const ClassFamily family([] { return std::span<const ClassInfo>(classes); });
 
 }  // namespace
 
+void UnseenProcesses::See(std::uint32_t id, bool areAllPartsSeen) {
+    isAnySeen_ = true;
+    isFirstSeen_ = isFirstSeen_ || id == firstProcess;
+    if (!areAllPartsSeen) ++withoutParts_;
+}
+
+void UnseenProcesses::Miss(bool isRefused) {
+    isAnyMissed_ = true;
+    if (isRefused) ++refused_;
+}
+
+void UnseenProcesses::Tell(facts::ProcessFiles& files, const Gathering& gathering) const {
+    const bool mayOthersBeMissing = !isFirstSeen_ && (!areNamed_ || isAnyMissed_);
+    if (mayOthersBeMissing && !files.Read(firstProcess, "stat"))
+        gathering.notice("Processes of other users were left out: /proc does not show them");
+    if (refused_ > 0)
+        gathering.notice(fmt::format("{} processes were left out: this user may not read them", refused_));
+    if (withoutParts_ > 0)
+        gathering.notice(
+            fmt::format("Files or figures of {} processes were left out: this user may not read them", withoutParts_));
+}
+
 WmiStatus GatherProcesses(const Gathering& gathering, const std::string& folder) {
     facts::ProcessFiles files(folder);
     Row row;
     if (gathering.asksFor(Need::host)) row.host = facts::HostName();
     if (gathering.asksFor(Need::systemStart)) row.systemStart = facts::SystemStartMilliseconds();
     if (gathering.asksFor(Need::system)) ReadSystem(row);
-    Unseen unseen;
-    bool areAllSeen = true;
-    bool isAnySeen = false;
+    UnseenProcesses unseen(gathering.valuesOf(u"ProcessId") != nullptr || gathering.valuesOf(u"Handle") != nullptr);
     for (const std::uint32_t id : ProcessesToRead(gathering, folder)) {
         if (!ReadStat(files, id, row.stat)) {
-            areAllSeen = false;
-            if (files.wasRefused()) ++unseen.processes;
+            unseen.Miss(files.wasRefused());
             continue;
         }
-        isAnySeen = true;
-        if (id == firstProcess) unseen.mayBeHidden = false;
-        if (!ReadParts(files, gathering, row)) ++unseen.parts;
+        unseen.See(id, ReadParts(files, gathering, row));
         if (!gathering.row(&row)) return wmi_status::ok;
     }
-    const bool areNamed = gathering.valuesOf(u"ProcessId") != nullptr || gathering.valuesOf(u"Handle") != nullptr;
-    if (unseen.mayBeHidden) unseen.mayBeHidden = !(areNamed && areAllSeen) && !files.Read(firstProcess, "stat");
-    AddNotices(unseen, gathering);
+    unseen.Tell(files, gathering);
     // If /proc does not even show this process, finding no others says nothing.
-    return isAnySeen || files.Read(static_cast<std::uint32_t>(getpid()), "stat") ? wmi_status::ok
-                                                                                 : wmi_status::providerFailure;
+    return unseen.isAnySeen() || files.Read(static_cast<std::uint32_t>(getpid()), "stat") ? wmi_status::ok
+                                                                                          : wmi_status::providerFailure;
 }
 
 }  // namespace kv::wql
