@@ -79,6 +79,27 @@ bool HasKey(const ObjectName& object, const PathKey& key) {
     });
 }
 
+/// A namespace's path without the computer's name before it; absent if it names another computer.
+std::optional<std::u16string_view> WithoutServer(std::u16string_view path) {
+    if (!path.starts_with(u"\\\\")) return path;
+    path.remove_prefix(2);
+    const std::u16string_view server = path.substr(0, path.find(u'\\'));
+    path.remove_prefix(std::min(server.size() + 1, path.size()));
+    const std::u16string ownName = facts::HostName();
+    for (const std::u16string_view own :
+         {std::u16string_view(u"."), std::u16string_view(u"localhost"), std::u16string_view(u"127.0.0.1"),
+          std::u16string_view(u"::1"), std::u16string_view(ownName)}) {
+        if (CompareNames(server, own) == 0) return path;
+    }
+    return std::nullopt;
+}
+
+/// The length of a path's namespace with the colon behind it; 0 if it has none.
+std::size_t NamespaceLength(std::u16string_view path) {
+    const std::size_t colon = path.substr(0, path.find_first_of(u"\"'")).rfind(u':');
+    return colon == path.npos ? 0 : colon + 1;
+}
+
 }  // namespace
 
 std::u16string RelativePath(std::u16string_view className, const std::vector<PathKey>& keys) {
@@ -98,15 +119,20 @@ std::u16string ObjectPath(std::u16string_view className, const std::vector<PathK
     return u"\\\\" + facts::HostName() + u"\\root\\cimv2:" + RelativePath(className, keys);
 }
 
-std::u16string_view WithoutNamespace(std::u16string_view path) {
-    const std::size_t colon = path.find(u':');
-    const bool hasNamespace = colon != path.npos && colon < std::min(path.find_first_of(u"\"'"), path.size());
-    return hasNamespace ? path.substr(colon + 1) : path;
+WmiStatus CheckNamespace(std::u16string_view path) {
+    std::u16string plain(path);
+    std::ranges::replace(plain, u'/', u'\\');
+    const std::optional<std::u16string_view> local = WithoutServer(plain);
+    if (!local) return wmi_status::serverUnavailable;
+    return CompareNames(*local, u"ROOT\\CIMV2") == 0 ? wmi_status::ok : wmi_status::invalidNamespace;
 }
+
+std::u16string_view WithoutNamespace(std::u16string_view path) { return path.substr(NamespaceLength(path)); }
 
 std::optional<ObjectName> ParseObjectPath(std::u16string_view path) {
     std::u16string_view rest = WithoutNamespace(path);
     ObjectName object;
+    if (rest.size() != path.size()) object.place = CheckNamespace(path.substr(0, NamespaceLength(path) - 1));
     if (!TakeName(rest, object.className)) return std::nullopt;
     bool isRead = false;
     if (TakeSign(rest, u".")) {
@@ -119,7 +145,8 @@ std::optional<ObjectName> ParseObjectPath(std::u16string_view path) {
 }
 
 bool AreSame(const ObjectName& left, const ObjectName& right) {
-    return CompareNames(left.className, right.className) == 0 && left.keys.size() == right.keys.size() &&
+    return !IsFailure(left.place) && !IsFailure(right.place) && CompareNames(left.className, right.className) == 0 &&
+           left.keys.size() == right.keys.size() &&
            std::ranges::all_of(left.keys, [&right](const PathKey& key) { return HasKey(right, key); });
 }
 

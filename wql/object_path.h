@@ -22,7 +22,8 @@ struct PathKey {
 /// What a path names.
 struct ObjectName {
     std::u16string className;
-    std::vector<PathKey> keys;  // empty for the only object of a class
+    std::vector<PathKey> keys;         // empty for the only object of a class
+    WmiStatus place = wmi_status::ok;  // of CheckNamespace, for a path that has a namespace
 };
 
 /// The name within the namespace: "Win32_Service.Name="cron"". Without keys it is that of a class's only object. A key
@@ -32,15 +33,19 @@ std::u16string RelativePath(std::u16string_view className, const std::vector<Pat
 /// The full name of an object of this computer.
 std::u16string ObjectPath(std::u16string_view className, const std::vector<PathKey>& keys);
 
+/// Whether a namespace, "ROOT\CIMV2" alone or behind this computer's name, is the one that there is: ok;
+/// serverUnavailable for that of another computer; invalidNamespace. This computer is also ".", "localhost",
+/// "127.0.0.1" and "::1". No resolver is asked, because it may not answer.
+WmiStatus CheckNamespace(std::u16string_view path);
+
 /// A path without the computer and the namespace before it.
 std::u16string_view WithoutNamespace(std::u16string_view path);
 
-/// Reads a path, full or relative; absent for a text that does not name an object. Which computer and namespace it
-/// names is not looked at.
+/// Reads a path, full or relative; absent for a text that does not name an object.
 std::optional<ObjectName> ParseObjectPath(std::u16string_view path);
 
-/// Whether two paths name the same object, as far as they tell without their class. Texts compare without regard to
-/// case.
+/// Whether two paths name the same object of this computer, as far as they tell without their class. Texts compare
+/// without regard to case.
 bool AreSame(const ObjectName& left, const ObjectName& right);
 
 }  // namespace kv::wql

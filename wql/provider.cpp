@@ -1,16 +1,13 @@
 // The operations of platform/wmi.h. There is no COM to initialise, and only one namespace: ROOT\CIMV2 of this computer.
-#include <algorithm>
 #include <chrono>
 #include <memory>
-#include <optional>
 #include <utility>
 #include <variant>
 
-#include "facts/host_names.h"
 #include "platform/backend.h"
 #include "platform/guarded.h"
 #include "wql/bounded_run.h"
-#include "wql/class_tree.h"
+#include "wql/object_path.h"
 #include "wql/statement.h"
 
 namespace kv::wql {
@@ -49,22 +46,6 @@ Kind* ThingOf(WmiHandle handle) {
     return handle == 0 ? nullptr : std::get_if<Kind>(reinterpret_cast<Thing*>(handle));
 }
 
-/// The path of a namespace without the computer's name before it; absent if it names another computer. No resolver is
-/// asked, because it may not answer.
-std::optional<std::u16string_view> WithoutServer(std::u16string_view path) {
-    if (!path.starts_with(u"\\\\")) return path;
-    path.remove_prefix(2);
-    const std::u16string_view server = path.substr(0, path.find(u'\\'));
-    path.remove_prefix(std::min(server.size() + 1, path.size()));
-    const std::u16string ownName = facts::HostName();
-    for (const std::u16string_view own :
-         {std::u16string_view(u"."), std::u16string_view(u"localhost"), std::u16string_view(u"127.0.0.1"),
-          std::u16string_view(u"::1"), std::u16string_view(ownName)}) {
-        if (CompareNames(server, own) == 0) return path;
-    }
-    return std::nullopt;
-}
-
 WmiStatus CoCreateInstance(WmiHandle& locator) {
     locator = NewWmiHandle(Locator{});
     return wmi_status::ok;
@@ -72,13 +53,9 @@ WmiStatus CoCreateInstance(WmiHandle& locator) {
 
 WmiStatus ConnectServer(WmiHandle locator, std::u16string_view nameSpace, WmiHandle& services) {
     if (ThingOf<Locator>(locator) == nullptr || nameSpace.empty()) return wmi_status::invalidParameter;
-    std::u16string path(nameSpace);
-    std::replace(path.begin(), path.end(), u'/', u'\\');
-    const std::optional<std::u16string_view> local = WithoutServer(path);
-    if (!local) return wmi_status::serverUnavailable;
-    if (CompareNames(*local, u"ROOT\\CIMV2") != 0) return wmi_status::invalidNamespace;
-    services = NewWmiHandle(Services{});
-    return wmi_status::ok;
+    const WmiStatus status = CheckNamespace(nameSpace);
+    if (!IsFailure(status)) services = NewWmiHandle(Services{});
+    return status;
 }
 
 WmiStatus ExecQuery(WmiHandle services, std::u16string_view text, WmiHandle& enumerator) {

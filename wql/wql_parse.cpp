@@ -240,8 +240,8 @@ bool ParsePath(Parser& parser, ObjectName& object) {
     if (!IsNext(parser, TokenKind::sign, u"{")) return false;
     const std::optional<std::u16string_view> path = TextInBraces(parser.rest);
     std::optional<ObjectName> named = path ? ParseObjectPath(*path) : std::nullopt;
-    if (!named) {
-        parser.failure = wmi_status::invalidObjectPath;
+    if (!named || IsFailure(named->place)) {
+        parser.failure = named ? named->place : wmi_status::invalidObjectPath;
         return false;
     }
     object = *std::move(named);

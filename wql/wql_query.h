@@ -89,10 +89,10 @@ using WqlStatement = std::variant<WqlQuery, AssociationQuery>;
 inline constexpr std::size_t maxQueryLength = 65536;
 inline constexpr int maxQueryDepth = 200;
 
-/// ok; invalidQuery for any other text; invalidObjectPath for a path in braces that does not name an object;
-/// notSupported for what this language has and is not answered: KeysOnly, SchemaOnly, and qualifiers in WHERE of
-/// associations;
-/// quotaViolation beyond the bounds. The statement is complete only if the result is ok.
+/// ok; invalidQuery for any other text; invalidObjectPath for a path in braces that does not name an object, and for
+/// one that leads elsewhere the failure of CheckNamespace; notSupported for what this language has and is not answered:
+/// KeysOnly, SchemaOnly, and qualifiers in WHERE of associations; quotaViolation beyond the bounds. The statement is
+/// complete only if the result is ok.
 WmiStatus ParseWql(std::u16string_view text, WqlStatement& statement);
 
 }  // namespace kv::wql
