@@ -42,18 +42,17 @@ std::optional<std::vector<std::string>> ListDevices(const std::string& root, IsO
     return names;
 }
 
-/// Where the links to the devices are that a device is made of; empty if it is not there. A partition does not have
-/// this folder, but the device that it is a part of may.
+/// Where the links to the devices are that a device is made of. A partition does not have this folder, but the device
+/// that it is a part of may.
 fs::path FolderOfParts(const std::string& device, const std::string& root) {
     std::error_code failure;
-    const fs::path folder = fs::canonical(root + "/sys/class/block/" + device, failure);
-    if (failure) return {};
-    return (fs::exists(folder / "partition", failure) ? folder.parent_path() : folder) / "slaves";
+    const fs::path folder = root + "/sys/class/block/" + device;
+    return folder / (fs::exists(folder / "partition", failure) ? "../slaves" : "slaves");
 }
 
 bool IsItselfOnUsb(const std::string& device) {
     std::error_code failure;
-    return fs::canonical("/sys/class/block/" + device, failure).string().find("/usb") != std::string::npos;
+    return fs::read_symlink("/sys/class/block/" + device, failure).string().find("/usb") != std::string::npos;
 }
 
 }  // namespace

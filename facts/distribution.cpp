@@ -120,7 +120,7 @@ std::optional<std::uint32_t> CodePageOf(std::string_view localeName) {
 
 std::optional<std::string> ReadCountryCode(const std::string& localeName) {
     const std::unique_ptr<std::remove_pointer_t<locale_t>, platform::ReleasedBy<freelocale>> locale(
-        newlocale(LC_ALL_MASK, localeName.c_str(), nullptr));
+        newlocale(LC_TELEPHONE_MASK, localeName.c_str(), nullptr));
     const std::string_view code = locale ? nl_langinfo_l(_NL_TELEPHONE_INT_PREFIX, locale.get()) : "";
     return code.empty() ? std::nullopt : std::optional<std::string>(code);
 }

@@ -58,7 +58,7 @@ DriveType DriveTypeOf(const Mount& mount, const std::string& blockDevice) {
 
 std::string BlockDeviceOf(const Mount& mount, const std::string& root) {
     std::error_code failure;
-    const fs::path byNumber = fs::canonical(root + "/sys/dev/block/" + mount.device, failure);
+    const fs::path byNumber = fs::read_symlink(root + "/sys/dev/block/" + mount.device, failure);
     if (!failure) return byNumber.filename().string();
     if (!mount.source.starts_with("/dev/")) return {};
     // A file system over several devices has no number.

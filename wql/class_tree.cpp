@@ -19,7 +19,7 @@ std::vector<const ClassInfo*> CollectClasses() {
     }
     // Families come as the linker has placed them, and a query for a superclass shows the order.
     std::sort(classes.begin(), classes.end(),
-              [](const ClassInfo* left, const ClassInfo* right) { return left->name < right->name; });
+              [](const ClassInfo* left, const ClassInfo* right) { return CompareNames(left->name, right->name) < 0; });
     return classes;
 }
 
@@ -35,6 +35,7 @@ const std::vector<const ClassInfo*>& AllClasses() {
 int CompareNames(std::u16string_view left, std::u16string_view right) {
     const std::size_t common = std::min(left.size(), right.size());
     for (std::size_t at = 0; at < common; ++at) {
+        if (left[at] == right[at]) continue;
         const int difference = platform::UpperCaseOf(left[at]) - platform::UpperCaseOf(right[at]);
         if (difference != 0) return difference;
     }
@@ -42,10 +43,10 @@ int CompareNames(std::u16string_view left, std::u16string_view right) {
 }
 
 const ClassInfo* FindClass(std::u16string_view name) {
-    for (const ClassInfo* candidate : AllClasses()) {
-        if (CompareNames(candidate->name, name) == 0) return candidate;
-    }
-    return nullptr;
+    const auto found = std::lower_bound(
+        AllClasses().begin(), AllClasses().end(), name,
+        [](const ClassInfo* one, std::u16string_view wanted) { return CompareNames(one->name, wanted) < 0; });
+    return found != AllClasses().end() && CompareNames((*found)->name, name) == 0 ? *found : nullptr;
 }
 
 const PropertyInfo* FindProperty(const ClassInfo& classInfo, std::u16string_view name) {

@@ -27,7 +27,7 @@ class ClassFamily {
     const ClassFamily* before_;  // the one registered before it, or null
 };
 
-/// Every class, in the order of names. Made at the first call; lives as long as the process.
+/// Every class, in the order of names without regard to case. Made at the first call; lives as long as the process.
 const std::vector<const ClassInfo*>& AllClasses();
 
 /// Null if there is no such class.
