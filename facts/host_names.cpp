@@ -56,8 +56,10 @@ std::string DomainInHosts(std::string_view text, std::string_view hostName) {
     return {};
 }
 
-std::string WorkgroupName() {
-    const std::string own = WorkgroupInSamba(platform::ReadSystemFile("/etc/samba/smb.conf").value_or(""));
+std::optional<std::string> WorkgroupName(const std::string& configuration) {
+    const std::optional<std::string> text = ReadFileIfThere(configuration);
+    if (!text) return std::nullopt;
+    const std::string own = WorkgroupInSamba(*text);
     return own.empty() ? "WORKGROUP" : own;
 }
 

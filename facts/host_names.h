@@ -1,6 +1,7 @@
 // The names of this computer. No resolver is asked: it may not answer.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -20,8 +21,9 @@ std::string DomainName();
 std::string DomainInHosts(std::string_view text, std::string_view hostName);
 
 /// The Windows workgroup that the computer is in, if it is not in a domain: that of Samba's configuration, else
-/// "WORKGROUP", which is what a computer that is not told another one announces; UTF-8.
-std::string WorkgroupName();
+/// "WORKGROUP", which is what a computer that is not told another one announces; UTF-8. Absent when there is such a
+/// configuration, and it cannot be read.
+std::optional<std::string> WorkgroupName(const std::string& configuration);
 
 /// The workgroup in the global section of a smb.conf(5) text; empty when it does not set one.
 std::string WorkgroupInSamba(std::string_view text);

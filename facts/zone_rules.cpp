@@ -164,6 +164,12 @@ std::optional<ZoneRules> ParseZoneRules(std::string_view text) {
     return zone;
 }
 
+bool IsSummerTime(const CalendarTime& time, const std::optional<ZoneRules>& rules) {
+    const bool isException = time.parts.tm_isdst > 0;
+    if (!rules) return isException;
+    return (rules->daylight || isException) && time.minutesEast > rules->minutesEast;
+}
+
 Zone ReadZone() {
     const char* variable = std::getenv("TZ");
     if (variable == nullptr) return ReadZoneFile(systemZone).value_or(Zone());

@@ -6,6 +6,8 @@
 #include <string>
 #include <string_view>
 
+#include "facts/local_time.h"
+
 namespace kv::facts {
 
 /// When the clock is changed each year, such as on the last Sunday in March at 2:00, by the clock before the change.
@@ -36,6 +38,10 @@ struct ZoneRules {
 /// form (days counted by the year, which no zone uses; impossible months or weeks), the zone has no daylight saving.
 /// Absent when the names or the offsets have another form.
 std::optional<ZoneRules> ParseZoneRules(std::string_view text);
+
+/// Whether it is summer time at a moment: the clock is ahead of the zone's winter time, whichever of the two its rules
+/// declare as the exception. By what the C library says if there are no rules.
+bool IsSummerTime(const CalendarTime& time, const std::optional<ZoneRules>& rules);
 
 /// The zone that the computer is set to.
 struct Zone {

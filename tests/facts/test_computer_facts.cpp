@@ -29,6 +29,8 @@ TEST(ComputerFacts, TheWorkgroupStandsInTheGlobalSectionOfSambasConfiguration) {
         {"", ""},
     };
     for (const auto& [text, workgroup] : rows) EXPECT_EQ(WorkgroupInSamba(text), workgroup) << text;
+    EXPECT_EQ(WorkgroupName("/nowhere/smb.conf"), "WORKGROUP");
+    EXPECT_EQ(WorkgroupName("/"), std::nullopt) << "it cannot be read";
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <chrono>
 #include <gtest/gtest.h>
+#include <ranges>
 
 #include "facts/local_time.h"
 #include "facts/system_text.h"
@@ -14,15 +15,15 @@ namespace {
 
 using namespace facts;
 
-/// The C library's minutes east of UTC in the middle of each month of a year beyond the tables of transitions.
-std::vector<std::int32_t> MonthlyOffsets() {
-    std::vector<std::int32_t> offsets;
+/// The C library's time in the middle of each month of a year beyond the tables of transitions.
+std::vector<CalendarTime> MonthlyTimes() {
+    std::vector<CalendarTime> times;
     for (unsigned month = 1; month <= 12; ++month) {
         const std::chrono::sys_seconds moment{
             std::chrono::sys_days(std::chrono::year(2200) / std::chrono::month(month) / 15)};
-        offsets.push_back(LocalTimeOf(moment.time_since_epoch().count() * 1'000'000).minutesEast);
+        times.push_back(LocalTimeOf(moment.time_since_epoch().count() * 1'000'000));
     }
-    return offsets;
+    return times;
 }
 
 TEST(ZoneRules, EqualTheCLibrarys) {
@@ -36,16 +37,18 @@ TEST(ZoneRules, EqualTheCLibrarys) {
         const ZoneSetting setting{std::string(TakeField(line))};
         const Zone zone = ReadZone();
         ASSERT_TRUE(zone.rules.has_value()) << zone.name;
-        const std::vector<std::int32_t> offsets = MonthlyOffsets();
-        const auto [least, most] = std::ranges::minmax(offsets);
+        const std::vector<CalendarTime> times = MonthlyTimes();
+        const auto [least, most] = std::ranges::minmax(times | std::views::transform(&CalendarTime::minutesEast));
+        for (const CalendarTime& time : times)
+            EXPECT_EQ(IsSummerTime(time, zone.rules), time.minutesEast > least) << zone.name;
         EXPECT_EQ(zone.rules->minutesEast, least) << zone.name;
         EXPECT_EQ(zone.rules->daylight ? zone.rules->daylight->minutesEast : least, most) << zone.name;
         if (!zone.rules->daylight) continue;
         ++zonesWithDaylight;
         const std::size_t afterStart = zone.rules->daylight->start.month % 12;  // the month after it
         const std::size_t afterEnd = zone.rules->daylight->end.month % 12;
-        EXPECT_EQ(offsets[afterStart], most) << zone.name;
-        EXPECT_EQ(offsets[afterEnd], least) << zone.name;
+        EXPECT_EQ(times[afterStart].minutesEast, most) << zone.name;
+        EXPECT_EQ(times[afterEnd].minutesEast, least) << zone.name;
     }
     if (table.empty()) GTEST_SKIP() << "the list of time zones is not installed";
     EXPECT_GT(zonesWithDaylight, 50U);

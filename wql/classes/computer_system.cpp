@@ -13,8 +13,10 @@
 #include "facts/product.h"
 #include "facts/sessions.h"
 #include "facts/system_text.h"
+#include "facts/zone_rules.h"
 #include "platform/utf.h"
 #include "wql/class_tree.h"
+#include "wql/classes/failures.h"
 #include "wql/classes/firmware_table.h"
 
 namespace kv::wql {
@@ -44,13 +46,14 @@ struct Need {
         stockNumber = 65536,
         panic = 131072,
         bootRom = 262144,
+        daylight = 524288,
     };
 };
 
 struct Row {
     std::u16string host;
     std::string domain;  // may be empty
-    std::string workgroup;
+    std::optional<std::string> workgroup;
     bool isMember = false;
     bool isWorkstation = false;
     std::optional<std::string> vendor;
@@ -66,14 +69,15 @@ struct Row {
     facts::SmbiosStructure bootStatus;
     bool restartsAfterPanic = false;
     bool hasFirmware = false;
-    std::size_t processors = 0;
-    std::size_t sockets = 0;
+    std::optional<std::size_t> processors;
+    std::optional<std::size_t> sockets;
     bool hasHypervisor = false;
     std::optional<std::uint64_t> memory;  // KB
     std::string machine;
     std::string commandLine;
     std::optional<std::string> user;
     facts::CalendarTime time;
+    bool isSummerTime = false;
 };
 
 /// Two bits of the firmware's settings for passwords and buttons, 3 if it does not tell.
@@ -112,12 +116,10 @@ CimValue TextsOf(const facts::SmbiosStructure& structure) {
 }
 
 std::optional<std::string> DomainOf(const Row& row) {
-    return row.isMember ? facts::KnownText(row.domain) : std::optional(row.workgroup);
+    return row.isMember ? facts::KnownText(row.domain) : row.workgroup;
 }
 
-std::optional<std::string> WorkgroupOf(const Row& row) {
-    return row.isMember ? std::nullopt : std::optional(row.workgroup);
-}
+std::optional<std::string> WorkgroupOf(const Row& row) { return row.isMember ? std::nullopt : row.workgroup; }
 
 std::uint16_t DomainRoleOf(const Row& row) {
     constexpr std::uint16_t server = 2;
@@ -152,7 +154,7 @@ constexpr PropertyInfo properties[] = {
     {u"ChassisSKUNumber", string, Need::firmware, "of the enclosure", [](const Row& row) { return facts::ChassisStockNumberOf(row.enclosure); }},
     {u"CreationClassName", string, 0, "this class", [](const Row&) { return u"Win32_ComputerSystem"; }},
     {u"CurrentTimeZone", sint16, Need::time, "minutes east of UTC, daylight saving included", [](const Row& row) { return row.time.minutesEast; }},
-    {u"DaylightInEffect", boolean, Need::time, "now", [](const Row& row) { return row.time.parts.tm_isdst > 0; }},
+    {u"DaylightInEffect", boolean, Need::time | Need::daylight, "whether it is summer time now", [](const Row& row) { return row.isSummerTime; }},
     {u"Description", string, Need::machine, "as SystemType", [](const Row& row) { return facts::SystemTypeOf(row.machine); }},
     {u"DNSHostName", string, Need::host, "as Name", hostIn},
     {u"Domain", string, Need::membership | Need::domain, "in a domain that of the host name, else of /etc/hosts; else as Workgroup", [](const Row& row) { return DomainOf(row); }},
@@ -201,7 +203,7 @@ constexpr PropertyInfo properties[] = {
     {u"TotalPhysicalMemory", uint64, Need::memory, "bytes, MemTotal", [](const Row& row) { return BytesOf(row.memory); }},
     {u"UserName", string, Need::sessions | Need::host, "computer\\user at the console", [](const Row& row) { return UserNameOf(row); }},
     {u"WakeUpType", uint16, Need::firmware, "6 the power button, ...", [](const Row& row) { return facts::KnownNumber(row.system.byteAt(0x18)); }},
-    {u"Workgroup", string, Need::membership | Need::domain, "of smb.conf, else WORKGROUP; NULL in a domain", [](const Row& row) { return WorkgroupOf(row); }},
+    {u"Workgroup", string, Need::membership | Need::domain, "of smb.conf, else WORKGROUP; NULL in a domain, and if smb.conf cannot be read", [](const Row& row) { return WorkgroupOf(row); }},
 };
 // clang-format on
 
@@ -217,11 +219,12 @@ bool HasHypervisor(const std::vector<facts::CpuBlock>& processors) {
 
 void ReadProcessorParts(const Gathering& gathering, Row& row) {
     if (!gathering.asksFor(Need::processors | Need::hypervisor)) return;
-    const std::string text = facts::ReadCpuInfo();
+    const std::string text = ReadPart("/proc/cpuinfo", "Numbers of processors", gathering);
     const std::vector<facts::CpuBlock> processors = facts::ParseCpuInfo(text);
+    if (gathering.asksFor(Need::hypervisor)) row.hasHypervisor = HasHypervisor(processors);
+    if (processors.empty()) return;
     row.processors = processors.size();
     if (gathering.asksFor(Need::processors)) row.sockets = facts::SocketsOf(processors, facts::ReadCpuFile).size();
-    if (gathering.asksFor(Need::hypervisor)) row.hasHypervisor = HasHypervisor(processors);
 }
 
 /// The parts refer to the table, which must outlive the row.
@@ -241,14 +244,19 @@ void ReadFirmwareParts(std::string_view table, Row& row) {
     row.bootStatus = facts::FirstOfType(structures, bootStatusType);
 }
 
+void ReadDomain(const Gathering& gathering, Row& row) {
+    constexpr const char* samba = "/etc/samba/smb.conf";
+    row.domain = facts::DomainName();
+    if (row.isMember) return;
+    row.workgroup = facts::WorkgroupName(samba);
+    if (!row.workgroup) FailedFile(samba, "Domain and Workgroup", gathering);
+}
+
 void ReadNames(const Gathering& gathering, Row& row) {
     constexpr const char* domainKeys = "/etc/krb5.keytab";  // written when the computer joins a domain
     if (gathering.asksFor(Need::host)) row.host = facts::HostName();
-    if (gathering.asksFor(Need::domain)) {
-        row.domain = facts::DomainName();
-        row.workgroup = facts::WorkgroupName();
-    }
     if (gathering.asksFor(Need::membership)) row.isMember = access(domainKeys, F_OK) == 0;
+    if (gathering.asksFor(Need::domain)) ReadDomain(gathering, row);
     if (gathering.asksFor(Need::role)) row.isWorkstation = facts::IsWorkstation();
     if (gathering.asksFor(Need::machine)) row.machine = facts::MachineName();
 }
@@ -277,13 +285,14 @@ void ReadStartParts(const Gathering& gathering, Row& row) {
 void ReadRunningParts(const Gathering& gathering, Row& row) {
     if (gathering.asksFor(Need::commandLine)) row.commandLine = platform::ReadSystemFile("/proc/cmdline").value_or("");
     if (gathering.asksFor(Need::time)) row.time = facts::LocalTimeOf(facts::MicrosecondsNow());
+    if (gathering.asksFor(Need::daylight)) row.isSummerTime = facts::IsSummerTime(row.time, facts::ReadZone().rules);
     if (gathering.asksFor(Need::sessions)) {
         const facts::RecordedSessions recorded = facts::ReadSessions();
         row.user = facts::ConsoleUserOf(recorded.sessions);
         if (recorded.failure != 0) gathering.notice("UserName was left out. " + FailureText(recorded));
     }
     if (gathering.asksFor(Need::memory)) {
-        row.memory = facts::MemoryFigure(platform::ReadSystemFile("/proc/meminfo").value_or(""), "MemTotal");
+        row.memory = facts::MemoryFigure(ReadPart("/proc/meminfo", "Figures of memory", gathering), "MemTotal");
     }
 }
 

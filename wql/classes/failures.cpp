@@ -3,9 +3,10 @@
 #include <cerrno>
 #include <fmt/format.h>
 #include <system_error>
+#include <utility>
 
 #include "facts/process_files.h"
-#include "platform/linux/system_file.h"
+#include "facts/system_text.h"
 #include "platform/linux/systemd/units.h"
 
 namespace kv::wql {
@@ -35,6 +36,12 @@ WmiStatus FailedFile(const std::string& path, std::string_view loss, const Gathe
     const std::string reason = std::generic_category().message(failure);
     gathering.notice(fmt::format("{} were left out; {} cannot be read: {}", loss, path, reason));
     return failure == EACCES ? wmi_status::accessDenied : wmi_status::providerFailure;
+}
+
+std::string ReadPart(const std::string& path, std::string_view loss, const Gathering& gathering) {
+    std::optional<std::string> text = facts::ReadFileIfThere(path);
+    if (!text) FailedFile(path, loss, gathering);
+    return std::move(text).value_or(std::string());
 }
 
 std::optional<std::uint64_t> CountAllProcesses(const Gathering& gathering) {

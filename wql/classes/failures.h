@@ -27,6 +27,10 @@ WmiStatus FailedManager(int failure, std::string_view loss, const Gathering& gat
 /// missing, else providerFailure.
 WmiStatus FailedFile(const std::string& path, std::string_view loss, const Gathering& gathering);
 
+/// The text of a file that tells a part of what is asked for; empty if there is no such file, or, with a notice of what
+/// was lost, if it cannot be read.
+std::string ReadPart(const std::string& path, std::string_view loss, const Gathering& gathering);
+
 /// How many processes there are; absent, with a notice, if /proc does not show all.
 std::optional<std::uint64_t> CountAllProcesses(const Gathering& gathering);
 

@@ -274,7 +274,7 @@ std::optional<Surroundings> ReadSurroundings(const Gathering& gathering) {
     }
     if (gathering.asksFor(Need::resolver)) {
         surroundings.resolver =
-            facts::ParseResolverSettings(platform::ReadSystemFile("/etc/resolv.conf").value_or(std::string()));
+            facts::ParseResolverSettings(ReadPart("/etc/resolv.conf", "Name servers and domains", gathering));
     }
     if (gathering.asksFor(Need::gateways) && !ReadDefaultRoutes(surroundings)) {
         FailedFile("/proc/net/route", "Network adapters", gathering);

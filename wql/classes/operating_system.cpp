@@ -232,9 +232,9 @@ std::optional<std::string> DeviceAt(const facts::Mount* mount) {
 }
 
 /// Reads what the system started from; nothing if the root is not on a device, as in a container.
-void ReadDiskParts(Row& row) {
-    const std::vector<facts::Mount> disks = facts::DisksAmong(
-        facts::ParseMountInfo(platform::ReadSystemFile("/proc/self/mountinfo").value_or(std::string())));
+void ReadDiskParts(const Gathering& gathering, Row& row) {
+    const std::vector<facts::Mount> disks =
+        facts::DisksAmong(facts::ParseMountInfo(ReadPart("/proc/self/mountinfo", "Devices", gathering)));
     const facts::Mount* root = facts::DiskHolding("/", disks);
     row.systemDevice = DeviceAt(root);
     row.bootDevice = DeviceAt(facts::DiskHolding("/boot", disks));
@@ -259,12 +259,12 @@ std::optional<bool> CanForbidExecution() {
 
 void ReadKernelParts(const Gathering& gathering, Row& row) {
     if (gathering.asksFor(Need::kernel)) uname(&row.kernel);
-    if (gathering.asksFor(Need::memory)) row.memory = platform::ReadSystemFile("/proc/meminfo").value_or("");
+    if (gathering.asksFor(Need::memory)) row.memory = ReadPart("/proc/meminfo", "Figures of memory", gathering);
     if (gathering.asksFor(Need::processes)) row.processes = CountAllProcesses(gathering);
     if (gathering.asksFor(Need::processLimit)) row.processLimit = facts::ReadSystemNumber("/proc/sys/kernel/pid_max");
     if (gathering.asksFor(Need::time)) row.now = facts::MicrosecondsNow();
     if (gathering.asksFor(Need::execution)) row.canForbidExecution = CanForbidExecution();
-    if (gathering.asksFor(Need::disks)) ReadDiskParts(row);
+    if (gathering.asksFor(Need::disks)) ReadDiskParts(gathering, row);
     if (gathering.asksFor(Need::start)) row.start = facts::SystemStartMilliseconds();
 }
 

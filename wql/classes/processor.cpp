@@ -12,6 +12,7 @@
 #include "facts/processor_identity.h"
 #include "facts/system_text.h"
 #include "wql/class_tree.h"
+#include "wql/classes/failures.h"
 #include "wql/classes/firmware_table.h"
 
 namespace kv::wql {
@@ -227,6 +228,7 @@ void FillParts(const Gathering& gathering, const facts::CpuFiles& files, Row& ro
 
 WmiStatus GatherOfThisComputer(const Gathering& gathering) {
     const std::string cpuInfo = facts::ReadCpuInfo();
+    if (cpuInfo.empty()) return FailedFile("/proc/cpuinfo", "Processors", gathering);
     const facts::SmbiosTable firmware =
         gathering.asksFor(Need::firmware) ? facts::ReadSmbiosTable() : facts::SmbiosTable();
     TellOfLostTable(gathering, firmware);
