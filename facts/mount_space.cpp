@@ -173,7 +173,10 @@ std::optional<std::vector<DiskSpace>> ReadDisks(bool wantsSpace, const std::func
             const std::optional<SpaceAnswer> answer = isDoubtful ? answers[asked++] : AskFileSystem(disk.mountPoint);
             if (!answer) continue;
             space = SpaceOf(disk, *answer, notice);
-            if (space && space->size == 0) continue;
+            if (space && space->size == 0) {
+                if (disk.fileSystem != "tmpfs") continue;
+                space.reset();
+            }
         }
         result.push_back({std::move(disk), space});
     }

@@ -63,14 +63,15 @@ struct FileSystemSpace {
 
 struct DiskSpace {
     Mount mount;
-    std::optional<FileSystemSpace> space;  // absent: not asked for, or refused
+    std::optional<FileSystemSpace> space;  // absent: not asked for, refused, or without a limit
 };
 
 /// The disks of this computer, or those of them that are wanted. When the space is wanted, disks of size zero are left
-/// out. Mounts that may hang, or whose path leads through one that may, are then asked on separate threads, all at once
-/// and for at most two seconds. A mount that does not answer keeps its thread and is left out with a notice; the next
-/// time it is left out at once, until its thread is back. Absent when the mounts cannot be read. Throws as
-/// ParseMountInfo does. root: of the mounts' file, in place of that of this computer.
+/// out, except a tmpfs, which then has no limit. Mounts that may hang, or whose path leads through one that may, are
+/// then asked on separate threads, all at once and for at most two seconds. A mount that does not answer keeps its
+/// thread and is left out with a notice; the next time it is left out at once, until its thread is back. Absent when
+/// the mounts cannot be read. Throws as ParseMountInfo does. root: of the mounts' file, in place of that of this
+/// computer.
 std::optional<std::vector<DiskSpace>> ReadDisks(bool wantsSpace, const std::function<void(std::string)>& notice,
                                                 const std::function<bool(const Mount&)>& isWanted = {},
                                                 const std::string& root = {});

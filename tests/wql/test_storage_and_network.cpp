@@ -188,8 +188,8 @@ TEST_F(WmiStorage, FillsWhatIsAlwaysTrue) {
 
 TEST_F(WmiStorage, HasTheSwapsThatSwaponShows) {
     if (!IsInNamespaces())
-        return RunInNamespaces("--mount",
-                               "touch /etc/fstab && mount -t tmpfs tmpfs /mnt && mount -t tmpfs tmpfs /dev/shm");
+        return RunInNamespaces(
+            "--mount", "touch /etc/fstab && mount -t tmpfs tmpfs /mnt && mount -t tmpfs -o size=0 tmpfs /dev/shm");
     std::ofstream("/mnt/swaps") << "Filename Type Size Used Priority\n/dev/sda2 partition 8388604 2202010 -2\n"
                                    "/mnt/a\\040file file 2096636 1100 5\n";
     std::ofstream("/mnt/fstab")
@@ -220,7 +220,11 @@ TEST_F(WmiStorage, HasTheSwapsThatSwaponShows) {
     };
     EXPECT_EQ(volume("/"), "true false");
     EXPECT_EQ(volume("/mnt"), "true true");
-    EXPECT_EQ(volume("/dev/shm"), "false false");
+    EXPECT_EQ(volume("/dev/shm"), "false false") << "it has no limit";
+    for (const auto& [file, className] : {std::pair("/proc/swaps", "PageFileUsage"), {"/proc/cpuinfo", "Processor"}}) {
+        ASSERT_EQ(mount("/dev/zero", file, nullptr, MS_BIND, nullptr), 0);
+        EXPECT_EQ(RunWmiQuery(std::string("SELECT * FROM Win32_") + className).status, wmi_status::providerFailure);
+    }
 }
 
 TEST_F(WmiNetwork, HasAdaptersAndConfigurationsOfEachKind) {
