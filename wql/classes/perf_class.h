@@ -15,6 +15,7 @@
 // group too.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -99,6 +100,15 @@ struct CounterInfo {
         return [](const void* row) { return std::optional<std::uint64_t>(Read{}(*static_cast<const Row*>(row))); };
     }
 };
+
+/// The counters of two tables, as one.
+template <std::size_t firstCount, std::size_t secondCount>
+constexpr auto Joined(const CounterInfo (&first)[firstCount], const CounterInfo (&second)[secondCount]) {
+    return [&]<std::size_t... i, std::size_t... j>(std::index_sequence<i...>, std::index_sequence<j...>) {
+        return std::array{first[i]..., second[j]...};
+    }
+    (std::make_index_sequence<firstCount>(), std::make_index_sequence<secondCount>());
+}
 
 /// One counter of one object at one moment.
 struct CounterState {

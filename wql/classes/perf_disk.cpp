@@ -5,10 +5,8 @@
 //
 // _Total of the logical disks counts this computer's own disks, each once.
 #include <algorithm>
-#include <array>
 #include <functional>
 #include <unordered_map>
-#include <utility>
 
 #include "facts/block_devices.h"
 #include "facts/system_text.h"
@@ -115,14 +113,6 @@ constexpr CounterInfo ioCounters[] = {
     {u"SplitIOPerSec", uint32, rate},
 };
 // clang-format on
-
-template <std::size_t firstCount, std::size_t secondCount>
-constexpr auto Joined(const CounterInfo (&first)[firstCount], const CounterInfo (&second)[secondCount]) {
-    return [&]<std::size_t... i, std::size_t... j>(std::index_sequence<i...>, std::index_sequence<j...>) {
-        return std::array{first[i]..., second[j]...};
-    }
-    (std::make_index_sequence<firstCount>(), std::make_index_sequence<secondCount>());
-}
 
 constexpr auto allCounters = Joined(spaceCounters, ioCounters);
 

@@ -99,6 +99,7 @@ Number IdleTimeAt(const Row& row, std::size_t depth) {
 constexpr std::uint64_t countPeriod = std::uint64_t{1} << 32;
 
 // clang-format off
+/// What both classes have.
 constexpr CounterInfo counters[] = {
     {u"C1TransitionsPersec", uint64, rate, Need::idle, "times that it went into C1 and C1E, usage of cpuidle", [](const Row& row) { return EntriesAt(row, 1); }},
     {u"C2TransitionsPersec", uint64, rate, Need::idle, "times that it went into C2, usage of cpuidle", [](const Row& row) { return EntriesAt(row, 2); }},
@@ -121,54 +122,35 @@ constexpr CounterInfo counters[] = {
         [](const Row& row) { return facts::TimeOfTicks(row.times.user + row.times.nice); }, wholeTimeIn},
 };
 
-constexpr CounterInfo informationCounters[] = {
+constexpr CounterInfo moreCounters[] = {
     {u"AverageIdleTime", uint64, averageOfMany, Need::idle, "100 ns, that it stayed in an idle state, time and usage of cpuidle",
         [](const Row& row) { return row.idle ? Number(row.idle->all.microseconds * unitsPerMicrosecond) : std::nullopt; },
         [](const Row& row) { return row.idle ? row.idle->all.entries : 0; }},
-    {u"C1TransitionsPersec", uint64, rate, Need::idle, "times that it went into C1 and C1E, usage of cpuidle", [](const Row& row) { return EntriesAt(row, 1); }},
-    {u"C2TransitionsPersec", uint64, rate, Need::idle, "times that it went into C2, usage of cpuidle", [](const Row& row) { return EntriesAt(row, 2); }},
-    {u"C3TransitionsPersec", uint64, rate, Need::idle, "times that it went into C3 and deeper, usage of cpuidle", [](const Row& row) { return EntriesAt(row, 3); }},
     {u"ClockInterruptsPersec", uint32, rate, Need::timer, "of the processor's timer, of /proc/interrupts", [](const Row& row) { return row.timerInterrupts; },
         nullptr, countPeriod},
-    {u"DPCRate", uint32},
-    {u"DPCsQueuedPersec", uint32, rate, Need::softInterrupts, "softirqs run, of /proc/softirqs",
-        [](const Row& row) { return row.softInterrupts; }, nullptr, countPeriod},
     {u"IdleBreakEventsPersec", uint64, rate, Need::idle, "times that it left an idle state, usage of cpuidle",
         [](const Row& row) { return row.idle ? Number(row.idle->all.entries) : std::nullopt; }},
-    {u"InterruptsPersec", uint32, rate, Need::interrupts, "of /proc/interrupts", [](const Row& row) { return row.interrupts; },
-        nullptr, countPeriod},
     {u"ParkingStatus", uint32, value, 0, "always 0: Linux parks no processor", [](const Row&) { return 0; }},
-    {u"PercentC1Time", uint64, percentOfTime, Need::idle, "in C1 and C1E, time of cpuidle", [](const Row& row) { return IdleTimeAt(row, 1); }, wholeTimeIn},
-    {u"PercentC2Time", uint64, percentOfTime, Need::idle, "in C2, time of cpuidle", [](const Row& row) { return IdleTimeAt(row, 2); }, wholeTimeIn},
-    {u"PercentC3Time", uint64, percentOfTime, Need::idle, "in C3 and deeper, time of cpuidle", [](const Row& row) { return IdleTimeAt(row, 3); }, wholeTimeIn},
-    {u"PercentDPCTime", uint64, percentOfTime, Need::times, "softirq", [](const Row& row) { return facts::TimeOfTicks(row.times.softInterrupts); }, wholeTimeIn},
-    {u"PercentIdleTime", uint64, percentOfTime, Need::times, "idle and iowait", idleTimeIn, wholeTimeIn},
-    {u"PercentInterruptTime", uint64, percentOfTime, Need::times, "irq", [](const Row& row) { return facts::TimeOfTicks(row.times.interrupts); }, wholeTimeIn},
     {u"PercentofMaximumFrequency", uint32, level, Need::clock, "the clock rate now, in percent of the hardware's highest",
         [](const Row& row) { return PercentOf(row.clock.now, row.clock.highest); }},
     {u"PercentPerformanceLimit", uint32, level, Need::clock, "the clock rate that it may have now, in percent of the hardware's highest",
         [](const Row& row) { return PercentOf(row.clock.limit, row.clock.highest); }},
     {u"PercentPriorityTime", uint64, percentOfTime, Need::times, "busy, without nice", [](const Row& row) { return facts::TimeOfTicks(row.times.busyTicks() - row.times.nice); }, wholeTimeIn},
-    {u"PercentPrivilegedTime", uint64, percentOfTime, Need::times, "system, irq and softirq",
-        [](const Row& row) { return facts::TimeOfTicks(kernelTicksIn(row)); }, wholeTimeIn},
     {u"PercentPrivilegedUtility", uint64, averageAmount, Need::times, "as PercentPrivilegedTime, whatever the clock rate", [](const Row& row) { return PercentTime(kernelTicksIn(row)); },
         wholeMillisecondsIn},
-    {u"PercentProcessorPerformance", uint64, averageAmount, Need::clock | Need::clockTimes, "the mean clock rate in percent of the nominal one, of time_in_state",
+    {u"PercentProcessorPerformance", uint64, averageAmount, Need::clock | Need::clockTimes, "the mean clock rate in percent of the nominal one, of time_in_state; NULL under drivers without it, such as intel_pstate",
         [](const Row& row) { return PerformanceIn(row); }, [](const Row& row) { return row.clockTimes ? row.clockTimes->milliseconds : 0; }},
-    {u"PercentProcessorTime", uint64, percentOfTimeLeft, Need::times, "not idle; the raw counter is the idle time", idleTimeIn, wholeTimeIn},
     {u"PercentProcessorUtility", uint64, averageAmount, Need::times, "as PercentProcessorTime, whatever the clock rate", [](const Row& row) { return PercentTime(row.times.busyTicks()); },
         wholeMillisecondsIn},
-    {u"PercentUserTime", uint64, percentOfTime, Need::times, "user and nice, guests included",
-        [](const Row& row) { return facts::TimeOfTicks(row.times.user + row.times.nice); }, wholeTimeIn},
     {u"PerformanceLimitFlags", uint32},
     {u"ProcessorFrequency", uint32, level, Need::clock, "MHz, the clock rate now", [](const Row& row) { return row.clock.now; }},
     {u"ProcessorStateFlags", uint32},
 };
 // clang-format on
 
-using Sums = std::map<std::uint32_t, std::uint64_t>;
+constexpr auto informationCounters = Joined(counters, moreCounters);
 
-Sums ReadSums(const char* path) { return facts::SumByProcessor(platform::ReadSystemFile(path).value_or("")); }
+using Sums = std::map<std::uint32_t, std::uint64_t>;
 
 std::optional<std::uint64_t> SumOf(const Sums& sums, std::uint32_t processor) {
     const auto found = sums.find(processor);
@@ -186,14 +168,15 @@ struct Surroundings {
 
 /// Reads what the query asks for.
 void ReadSurroundings(const Gathering& gathering, Surroundings& surroundings) {
-    if (gathering.asksFor(Need::interrupts)) surroundings.interrupts = ReadSums("/proc/interrupts");
-    if (gathering.asksFor(Need::softInterrupts)) surroundings.softInterrupts = ReadSums("/proc/softirqs");
-    if (gathering.asksFor(Need::timer)) {
-        surroundings.timerInterrupts =
-            facts::TimerInterruptsByProcessor(platform::ReadSystemFile("/proc/interrupts").value_or(""));
+    if (gathering.asksFor(Need::interrupts | Need::timer)) {
+        const std::string text = ReadPart("/proc/interrupts", "Interrupts", gathering);
+        surroundings.interrupts = facts::SumByProcessor(text);
+        surroundings.timerInterrupts = facts::TimerInterruptsByProcessor(text);
     }
+    if (gathering.asksFor(Need::softInterrupts))
+        surroundings.softInterrupts = facts::SumByProcessor(ReadPart("/proc/softirqs", "Softirqs", gathering));
     if (gathering.asksFor(Need::clock)) {
-        surroundings.cpuInfo = facts::ReadCpuInfo();
+        surroundings.cpuInfo = ReadPart("/proc/cpuinfo", "Clock rates", gathering);
         surroundings.blocks = facts::ParseCpuInfo(surroundings.cpuInfo);
     }
 }
