@@ -25,8 +25,8 @@ struct Battery {
     std::optional<std::uint64_t> designEnergy;    // when it was new
     std::optional<std::uint64_t> power;           // microwatts, that flow into it or out of it; absent if none do
     std::optional<std::uint64_t> designVoltage;   // microvolts
-    std::optional<std::uint64_t> secondsToEmpty;  // its own estimate while it is discharged, else from its power
-    std::optional<std::uint64_t> secondsToFull;   // the same while it is charged
+    std::optional<std::uint64_t> secondsToEmpty;  // its own estimate while it discharges, else from its power
+    std::optional<std::uint64_t> secondsToFull;   // the same while it charges
 };
 
 struct PowerSupplies {

@@ -65,7 +65,7 @@ std::u16string_view StatusOf(const facts::Battery& battery) {
     return battery.health.empty() || battery.health == "Good" || battery.health == "Unknown" ? u"OK" : u"Degraded";
 }
 
-/// Minutes; a very large number, the same as on Windows, while it is not discharged or does not tell.
+/// Minutes; a very large number, the same as on Windows, while it does not discharge or does not tell.
 std::uint64_t RunTimeOf(const facts::Battery& battery) {
     constexpr std::uint64_t unlimited = 71582788;
     constexpr std::uint64_t secondsPerMinute = 60;
@@ -89,7 +89,7 @@ std::string NameOf(const Row& row) { return row.battery.model.empty() ? row.batt
 constexpr PropertyInfo properties[] = {
     {u"Availability", uint16, 0, "3: it is there", [](const Row&) { return 3; }},
     {u"BatteryRechargeTime", uint32},
-    {u"BatteryStatus", uint16, 0, "1 discharged, 4 low, 5 critical; 2 on mains, 3 full, 6 charged, 7 and high, 8 and low, 9 and critical; 10 unknown",
+    {u"BatteryStatus", uint16, 0, "1 discharging, 4 and low, 5 and critical; 2 on mains, 3 full; 6 charging, 7 and high, 8 and low, 9 and critical; 10 unknown",
         [](const Row& row) { return BatteryStatusOf(row); }},
     {u"Caption", string, 0, "the same for every battery", [](const Row&) { return u"Internal Battery"; }},
     {u"Chemistry", uint16, 0, "4 NiCd, 5 NiMH, 6 lithium-ion, 8 lithium polymer, 2 unknown", [](const Row& row) { return ChemistryOf(row.battery); }},
@@ -103,7 +103,7 @@ constexpr PropertyInfo properties[] = {
     {u"ErrorCleared", boolean},
     {u"ErrorDescription", string},
     {u"EstimatedChargeRemaining", uint16, 0, "percent", [](const Row& row) { return row.battery.percent; }},
-    {u"EstimatedRunTime", uint32, 0, "minutes; 71582788 while it is not discharged, or does not tell", [](const Row& row) { return RunTimeOf(row.battery); }},
+    {u"EstimatedRunTime", uint32, 0, "minutes; 71582788 while it does not discharge, or does not tell", [](const Row& row) { return RunTimeOf(row.battery); }},
     {u"ExpectedBatteryLife", uint32},
     {u"ExpectedLife", uint32},
     {u"FullChargeCapacity", uint32, 0, "milliwatt-hours when it was last full", [](const Row& row) { return ThousandsOf(row.battery.fullEnergy); }},
@@ -120,7 +120,7 @@ constexpr PropertyInfo properties[] = {
     {u"SystemCreationClassName", string, 0, "the computer's class", [](const Row&) { return u"Win32_ComputerSystem"; }},
     {u"SystemName", string, 0, "the computer's name", [](const Row& row) { return row.host; }},
     {u"TimeOnBattery", uint32, 0, "seconds, 0 on mains; else unknown", [](const Row& row) { return row.isOnMains.value_or(!IsDischarging(row)) ? std::optional(0) : std::nullopt; }},
-    {u"TimeToFullCharge", uint32, 0, "minutes, while it is charged", [](const Row& row) { return MinutesOf(row.battery.secondsToFull); }},
+    {u"TimeToFullCharge", uint32, 0, "minutes, while it is charging", [](const Row& row) { return MinutesOf(row.battery.secondsToFull); }},
 };
 // clang-format on
 
