@@ -44,7 +44,7 @@ Descriptor OpenOrdinaryFile(const std::string& path, int flags) {
     if (!file || fstat(file.get(), &facts) != 0) return Descriptor();
     if (S_ISREG(facts.st_mode)) return file;
     file.Close();
-    errno = EINVAL;
+    errno = S_ISDIR(facts.st_mode) ? EISDIR : EINVAL;
     return file;
 }
 

@@ -14,8 +14,8 @@ namespace platform {
 ssize_t ReadOnce(int file, char* to, std::size_t room);
 
 /// Opens an ordinary file for reading, such as those of /proc and /sys are, too. It waits for nothing, as opening a
-/// pipe would forever. An invalid descriptor when it cannot be opened, with the reason in errno: EINVAL for what is not
-/// an ordinary file. flags: more of open(2), such as O_NOFOLLOW.
+/// pipe would forever. An invalid descriptor when it cannot be opened, with the reason in errno: EISDIR for a folder,
+/// EINVAL for another thing that is not an ordinary file. flags: more of open(2), such as O_NOFOLLOW.
 Descriptor OpenOrdinaryFile(const std::string& path, int flags = 0);
 
 /// The text of an ordinary file; absent when it cannot be read, with the reason in errno, as above. Of one that is
