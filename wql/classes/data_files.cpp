@@ -409,6 +409,20 @@ std::array<std::optional<std::uint64_t>, eventLogs.size()> CountRecords(const st
     return {*all - std::min(*all, *security + *system), *security, *system};
 }
 
+/// Hands over an object for each log; the row has what they share.
+void HandOverLogs(Row& row, const std::vector<std::string>& folders, const Gathering& gathering) {
+    std::array<std::optional<std::uint64_t>, eventLogs.size()> records{};
+    if (gathering.asksFor(Need::records)) {
+        records = CountRecords(folders);
+        if (!records[0]) gathering.notice("The entries of the journal could not be counted, or not in time");
+    }
+    for (std::size_t at = 0; at < eventLogs.size(); ++at) {
+        row.log = eventLogs[at];
+        row.records = records[at];
+        if (!gathering.row(&row)) break;
+    }
+}
+
 WmiStatus GatherOwnLogFiles(const Gathering& gathering) {
     return GatherEventLogFiles(gathering, facts::JournalFolders());
 }
@@ -445,7 +459,8 @@ WmiStatus GatherEventLogFiles(const Gathering& gathering, const std::vector<std:
     facts::JournalReading found;
     const std::vector<std::string> files = facts::FindJournalFiles(folders, found);
     found.files = found.read = files.size();
-    if (files.empty() && (names || paths)) return wmi_status::ok;
+    const bool areAllSeen = found.denied + found.failures == 0;
+    if (files.empty() && areAllSeen && (names || paths)) return wmi_status::ok;
     const WmiStatus status = TellJournalLosses(found, gathering);
     if (files.empty()) return status;
     FileGathering gather(gathering, OwnMountInfo());
@@ -458,17 +473,8 @@ WmiStatus GatherEventLogFiles(const Gathering& gathering, const std::vector<std:
     if (!gather.read(main)) return gather.finish();
     row.className = u"Win32_NTEventlogFile";
     if (gathering.asksFor(Need::diskUse)) row.diskUse = DiskUseOf(files);
-    std::array<std::optional<std::uint64_t>, eventLogs.size()> records{};
     if (gathering.asksFor(Need::most)) row.most = MostSpaceOf(main.substr(0, main.rfind('/')));
-    if (gathering.asksFor(Need::records)) {
-        records = CountRecords(folders);
-        if (!records[0]) gathering.notice("The entries of the journal could not be counted, or not in time");
-    }
-    for (std::size_t at = 0; at < eventLogs.size(); ++at) {
-        row.log = eventLogs[at];
-        row.records = records[at];
-        if (!gathering.row(&row)) break;
-    }
+    HandOverLogs(row, folders, gathering);
     return wmi_status::ok;
 }
 

@@ -19,7 +19,8 @@ inline constexpr std::size_t maxFolderNames = 1000000;
 WmiStatus GatherDataFiles(const Gathering& gathering, std::string_view mountInfo);
 
 /// Gathers the three logs of the journal in the folders, if the query is for logs only: among files they would be one
-/// file four times. Fails as GatherEvents does, unless WHERE asks for other files.
+/// file four times. Fails as GatherEvents does, but not without a journal if WHERE asks for
+/// certain files.
 WmiStatus GatherEventLogFiles(const Gathering& gathering, const std::vector<std::string>& folders);
 
 }  // namespace kv::wql

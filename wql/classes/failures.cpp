@@ -31,10 +31,13 @@ WmiStatus FailedManager(int failure, std::string_view loss, const Gathering& gat
     return StatusOfFailure(-failure);
 }
 
+std::string FileFailureText(int failure) {
+    return failure == EINVAL ? "it is not an ordinary file" : std::generic_category().message(failure);
+}
+
 WmiStatus FailedFile(const std::string& path, std::string_view loss, const Gathering& gathering) {
     const int failure = platform::OpenOrdinaryFile(path) ? EIO : errno;
-    const std::string reason = std::generic_category().message(failure);
-    gathering.notice(fmt::format("{} were left out; {} cannot be read: {}", loss, path, reason));
+    gathering.notice(fmt::format("{} were left out; {} cannot be read: {}", loss, path, FileFailureText(failure)));
     return failure == EACCES ? wmi_status::accessDenied : wmi_status::providerFailure;
 }
 

@@ -23,6 +23,9 @@ void AddManagerNotice(int failure, std::string_view loss, const Gathering& gathe
 /// providerFailure, which also stands for a manager that is not there.
 WmiStatus FailedManager(int failure, std::string_view loss, const Gathering& gathering);
 
+/// Why a file could not be read, an errno value of platform/linux/system_file.h in words.
+std::string FileFailureText(int failure);
+
 /// Ends a query that has just found a file unreadable, with a notice of what was lost: accessDenied if the right is
 /// missing, else providerFailure.
 WmiStatus FailedFile(const std::string& path, std::string_view loss, const Gathering& gathering);

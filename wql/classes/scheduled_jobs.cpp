@@ -190,7 +190,7 @@ std::optional<std::vector<facts::CronJob>> ReadTable(const std::string& path, st
     struct stat link {};
     struct stat file {};
     const std::optional<std::string> text = platform::ReadOrdinaryFile(path, maxTableBytes);
-    refusal = "it cannot be read: " + std::generic_category().message(errno);
+    refusal = "it cannot be read: " + FileFailureText(errno);
     if (!text || lstat(path.c_str(), &link) != 0 || stat(path.c_str(), &file) != 0) return std::nullopt;
     refusal = "it is not the superuser's, and cron ignores it";
     if (link.st_uid != 0 || file.st_uid != 0) return std::nullopt;
