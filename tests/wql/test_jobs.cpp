@@ -137,7 +137,7 @@ TEST_F(WmiJobs, AreThoseOfCronsTables) {
     Write(work / "etc/cron.d/old.dpkg-dist", "0 0 * * * root x\n");
     RunShell(
         "cd etc/cron.d && chmod go-w . ../crontab * && cp some-jobs alien && chown nobody alien && cp some-jobs open "
-        "&& chmod o+w open && ln -s some-jobs link && chown -h nobody link");
+        "&& chmod o+w open && ln -s some-jobs link && chown -h nobody link && cp some-jobs twice && ln twice ..");
     EXPECT_THAT(Jobs("Name").objects, IsEmpty()) << "no cron runs";
     Write(work / "usr/sbin/cron", "");
     const auto jobs = Jobs("Name Description Command Owner DaysOfWeek DaysOfMonth RunRepeatedly");
@@ -148,8 +148,8 @@ TEST_F(WmiJobs, AreThoseOfCronsTables) {
                                           "/etc/cron.d/some-jobs|0 0 * * *|s2759|x|127|NULL|true|",
                                           "/etc/cron.d/some-jobs|0 0 * * *|s184480|x|127|NULL|true|",
                                           "/etc/crontab|17 4\t* * *|cd / && true 100%|root|127|NULL|true|"));
-    EXPECT_THAT(jobs.notices,
-                ElementsAre(HasSubstr("alien"), HasSubstr("link"), HasSubstr("open"), HasSubstr("/etc/cron.d/wrong")));
+    EXPECT_THAT(jobs.notices, ElementsAre(HasSubstr("alien"), HasSubstr("link"), HasSubstr("open"), HasSubstr("twice"),
+                                          HasSubstr("wrong")));
     std::vector<std::string> ids = Jobs("JobId").objects;
     std::sort(ids.begin(), ids.end());
     EXPECT_EQ(std::unique(ids.begin(), ids.end()), ids.end());

@@ -185,8 +185,9 @@ int GatherTimers(const Gathering& gathering, Output& output) {
 /// More than anybody's table, so that one which is not a table costs little.
 constexpr std::size_t maxTableBytes = std::size_t{1024} * 1024;
 
-/// The jobs of a table that cron takes, or why there are none: cron takes only what no other user could have written.
-std::optional<std::vector<facts::CronJob>> ReadTable(const std::string& path, std::string& refusal) {
+/// The jobs of a table that cron takes, or why there are none: cron takes only what no other user could have written,
+/// and Debian's no file that stands elsewhere, too.
+std::optional<std::vector<facts::CronJob>> ReadTable(const std::string& path, bool isDebians, std::string& refusal) {
     struct stat link {};
     struct stat file {};
     const std::optional<std::string> text = platform::ReadOrdinaryFile(path, maxTableBytes);
@@ -196,14 +197,16 @@ std::optional<std::vector<facts::CronJob>> ReadTable(const std::string& path, st
     if (link.st_uid != 0 || file.st_uid != 0) return std::nullopt;
     refusal = "others may write to it, and cron ignores it";
     if ((file.st_mode & (S_IWGRP | S_IWOTH)) != 0) return std::nullopt;
+    refusal = "it has more names than one, and cron ignores it";
+    if (isDebians && file.st_nlink != 1) return std::nullopt;
     refusal = "a line is not one of cron's, which ignores the table";
     return facts::ParseCronTable(*text);
 }
 
-void AddTable(const std::string& path, const std::string& root, Output& output) {
+void AddTable(const std::string& path, const std::string& root, bool isDebians, Output& output) {
     const std::string shownPath = path.substr(root.size());
     std::string refusal;
-    const auto jobs = ReadTable(path, refusal);
+    const auto jobs = ReadTable(path, isDebians, refusal);
     if (!jobs) return output.gathering.notice(fmt::format("Jobs in {} were left out: {}", shownPath, refusal));
     const std::time_t now = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
     constexpr std::int64_t microseconds = 1'000'000;
@@ -258,7 +261,7 @@ void GatherCronJobs(const std::string& root, Output& output) {
     if (failure && failure != std::errc::no_such_file_or_directory)
         output.gathering.notice(fmt::format("Jobs in /etc/cron.d were left out: {}", failure.message()));
     std::sort(tables.begin(), tables.end());
-    for (const std::string& table : tables) AddTable(table, root, output);
+    for (const std::string& table : tables) AddTable(table, root, isDebians, output);
 }
 
 constexpr ClassInfo classes[] = {

@@ -9,8 +9,8 @@ namespace kv::wql {
 
 /// Gathers the timers, and the jobs of /etc/crontab and /etc/cron.d below a root, "" for this computer's own; those
 /// only where a cron is installed. A manager that cannot be asked costs the timers, with a notice, and is a failure if
-/// there is no job of cron either. A table that cron would ignore, for its lines, owner or mode, or that cannot be
-/// read, is left out with a notice.
+/// there is no job of cron either. A table that cron would ignore, for its lines, owner, mode or links, or that cannot
+/// be read, is left out with a notice.
 WmiStatus GatherScheduledJobs(const Gathering& gathering, const std::string& root);
 
 }  // namespace kv::wql
