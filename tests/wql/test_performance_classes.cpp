@@ -469,8 +469,8 @@ TEST_F(PerformanceOfThisMachine, FailsWhenItCannotBeRead) {
         "PerfProc_Process PerfOS_System PerfOS_Memory PerfOS_PagingFile PerfOS_Processor PerfOS_Cache PerfOS_Objects "
         "Counters_ProcessorInformation Counters_ThermalZoneInformation PerfDisk_LogicalDisk PerfDisk_PhysicalDisk "
         "Tcpip_NetworkAdapter Tcpip_NetworkInterface Tcpip_TCPv4 Tcpip_TCPv6");
-    std::vector<std::string> unreadable{"NetworkAdapter", "NetworkAdapterConfiguration", "PageFileUsage", "Process",
-                                        "Process WHERE ProcessId = 1"};
+    std::vector<std::string> unreadable{"NetworkAdapter", "NetworkAdapterConfiguration", "PageFileUsage", "Processor",
+                                        "Process",        "Process WHERE ProcessId = 1"};
     for (std::string name; perfClasses >> name;) unreadable.push_back("PerfFormattedData_" + name);
     unreadable.push_back("PerfFormattedData_PerfProc_Process WHERE IDProcess = 1");
     for (const std::string& name : unreadable) {

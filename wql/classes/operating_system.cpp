@@ -270,8 +270,8 @@ void ReadKernelParts(const Gathering& gathering, Row& row) {
 
 void ReadDistributionParts(const Gathering& gathering, Row& row) {
     if (gathering.asksFor(Need::release)) row.release = facts::ReadOsRelease();
-    if (gathering.asksFor(Need::locale)) row.locale = facts::ReadLocaleName();
-    if (gathering.asksFor(Need::country)) row.countryCode = facts::ReadCountryCode(facts::ReadLocaleName());
+    if (gathering.asksFor(Need::locale | Need::country)) row.locale = facts::ReadLocaleName();
+    if (gathering.asksFor(Need::country)) row.countryCode = facts::ReadCountryCode(row.locale);
     if (gathering.asksFor(Need::identity)) row.identity = ReadIdentity();
     if (gathering.asksFor(Need::installation)) row.installation = ReadInstallation();
     if (gathering.asksFor(Need::host)) row.host = facts::HostName();
