@@ -240,7 +240,7 @@ std::optional<Share> ParseUserShare(std::string_view text) {
     Share share;
     for (std::string_view line; TakeLine(text, line);) {
         const std::size_t equals = line.find('=');
-        if (equals == line.npos) continue;
+        if (equals == std::string_view::npos) continue;
         const std::string_view key = line.substr(0, equals);
         const std::string_view value = line.substr(equals + 1);
         if (key == "path") share.path = value;
