@@ -23,6 +23,8 @@ struct EchoRequest {
     std::uint32_t typeOfService = 0;
     bool mayFragment = true;
     bool wantsName = false;  // of what answers; looked up within the timeout, too
+
+    bool operator==(const EchoRequest&) const = default;
 };
 
 enum class EchoOutcome {

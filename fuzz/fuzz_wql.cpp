@@ -91,36 +91,41 @@ bool ReadAgain(std::u16string_view text, BoundCondition& bound) {
     return true;
 }
 
-void CheckRestrictions(const BoundCondition& condition) {
-    for (const Restriction& restriction : RestrictionsOf(condition)) {
-        const PropertyInfo* property = FindProperty(everyType, restriction.property);
-        if (property == nullptr) continue;  // __PATH or __RELPATH
-        for (const Row& row : rows) {
-            const CimValue value = ReadProperty(row, *property);
-            const auto count = std::count_if(restriction.values.begin(), restriction.values.end(),
-                                             [&value](const CimValue& one) { return CompareValues(one, value) == 0; });
-            Require(count >= 1 || !Matches(condition, &row), "an object matches that is outside a restriction");
-        }
-    }
-}
-
 /// What a range's ends are compared with.
 CimValue Comparable(const PropertyInfo& property, const CimValue& value) {
     const auto* text = std::get_if<std::u16string>(&value.held);
     return property.type == CimType::datetime && text != nullptr ? MicrosecondsOfDmtf(*text) : value;
 }
 
-void CheckRanges(const BoundCondition& condition) {
-    for (const Range& range : RangesOf(condition)) {
+bool LiesWithin(const Leeway& leeway, const Row& row) {
+    const auto allows = [&row](const Restriction& one) {
+        const PropertyInfo* property = FindProperty(everyType, one.property);
+        const CimValue value = property != nullptr ? ReadProperty(row, *property) : CimValue();
+        return property == nullptr ||
+               std::any_of(one.values.begin(), one.values.end(),
+                           [&value](const CimValue& other) { return CompareValues(other, value) == 0; });
+    };
+    const auto includes = [&row](const Range& range) {
         const PropertyInfo* property = FindProperty(everyType, range.property);
-        if (property == nullptr || property->type == CimType::reference) continue;
-        for (const Row& row : rows) {
-            if (!Matches(condition, &row)) continue;
-            const CimValue value = Comparable(*property, ReadProperty(row, *property));
-            Require(range.lowest.isNull() || CompareValues(value, range.lowest) >= 0,
-                    "an object matches below a range");
-            Require(range.highest.isNull() || CompareValues(value, range.highest) <= 0, "one matches above a range");
-        }
+        if (property == nullptr || property->type == CimType::reference) return true;
+        const CimValue value = Comparable(*property, ReadProperty(row, *property));
+        return (range.lowest.isNull() || CompareValues(value, range.lowest) >= 0) &&
+               (range.highest.isNull() || CompareValues(value, range.highest) <= 0);
+    };
+    return std::all_of(leeway.restrictions.begin(), leeway.restrictions.end(), allows) &&
+           std::all_of(leeway.ranges.begin(), leeway.ranges.end(), includes);
+}
+
+/// What matches is left by the condition as a whole, and by one of its alternatives.
+void CheckLeeway(const BoundCondition& condition) {
+    const Leeway whole{RestrictionsOf(condition), RangesOf(condition)};
+    const std::vector<Leeway> alternatives = AlternativesOf(condition);
+    for (const Row& row : rows) {
+        if (!Matches(condition, &row)) continue;
+        Require(LiesWithin(whole, row), "an object matches that is outside a restriction or a range");
+        const bool isWithin = std::any_of(alternatives.begin(), alternatives.end(),
+                                          [&row](const Leeway& one) { return LiesWithin(one, row); });
+        Require(isWithin, "an object matches that is outside every alternative");
     }
 }
 
@@ -140,8 +145,7 @@ void RunQuery(std::u16string_view text) {
     if (query == nullptr) return CheckPath(std::get<AssociationQuery>(statement).object);
     if (query->where == nullptr || BindCondition(*query->where, everyType, condition) != wmi_status::ok) return;
     Require(NeedsOf(condition) <= 1, "a need that no property has");
-    CheckRestrictions(condition);
-    CheckRanges(condition);
+    CheckLeeway(condition);
     BoundCondition again;
     BoundCondition opposite;
     const bool isReadAgain = ReadAgain(Wrapped(text, u""), again) && ReadAgain(Wrapped(text, u" NOT"), opposite);

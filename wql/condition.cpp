@@ -148,6 +148,53 @@ WmiStatus BindOperands(const std::vector<ConditionPtr>& operands, const ClassInf
     return status;
 }
 
+ComparisonOperator OppositeOf(ComparisonOperator compare) {
+    using enum ComparisonOperator;
+    switch (compare) {
+        case equal:
+            return notEqual;
+        case notEqual:
+            return equal;
+        case less:
+            return greaterOrEqual;
+        case greater:
+            return lessOrEqual;
+        case lessOrEqual:
+            return greater;
+        default:
+            return less;
+    }
+}
+
+/// The opposite of a comparison other than LIKE.
+void Negate(BoundComparison& comparison) {
+    using enum ComparisonOperator;
+    if (comparison.property == nullptr) {
+        if (comparison.constant) comparison.constant = !*comparison.constant;
+    } else if (comparison.value.isNull()) {  // IS NULL is equal; every other operator means IS NOT NULL
+        comparison.compare = comparison.compare == equal ? notEqual : equal;
+    } else {
+        comparison.compare = OppositeOf(comparison.compare);
+    }
+}
+
+/// Turns a condition into its opposite, which is true where it was false. NOT is left before LIKE only, so that it can
+/// be seen what a condition leaves the properties.
+void Negate(BoundCondition& condition) {
+    using Form = BoundCondition::Form;
+    if (condition.form == Form::conjunction || condition.form == Form::disjunction) {
+        condition.form = condition.form == Form::conjunction ? Form::disjunction : Form::conjunction;
+        for (BoundCondition& operand : condition.operands) Negate(operand);
+    } else if (condition.form == Form::negation) {
+        condition = BoundCondition(std::move(condition.operands.front()));
+    } else if (condition.comparison.compare == ComparisonOperator::like && condition.comparison.property != nullptr) {
+        BoundCondition like = std::exchange(condition, {.form = Form::negation, .comparison = {}, .operands = {}});
+        condition.operands.push_back(std::move(like));
+    } else {
+        Negate(condition.comparison);
+    }
+}
+
 /// An object's row record, and the property that was read last: the next comparison is often with the same one.
 struct RowReader {
     const void* row = nullptr;
@@ -205,8 +252,9 @@ WmiStatus BindCondition(const Condition& condition, const ClassInfo& classInfo, 
         return BindComparison(*comparison, classInfo, bound.comparison);
     }
     if (const auto* negation = std::get_if<Negation>(&condition.form)) {
-        bound.form = BoundCondition::Form::negation;
-        return BindCondition(*negation->operand, classInfo, bound.operands.emplace_back());
+        const WmiStatus status = BindCondition(*negation->operand, classInfo, bound);
+        if (!IsFailure(status)) Negate(bound);
+        return status;
     }
     if (const auto* conjunction = std::get_if<Conjunction>(&condition.form)) {
         bound.form = BoundCondition::Form::conjunction;
@@ -237,11 +285,8 @@ bool CanMatch(const BoundCondition& condition) {
         case BoundCondition::Form::disjunction:
             return std::any_of(condition.operands.begin(), condition.operands.end(), CanMatch);
         default:
-            break;
+            return true;
     }
-    const BoundCondition& negated = condition.operands.front();
-    const bool isConstant = negated.form == BoundCondition::Form::comparison && negated.comparison.property == nullptr;
-    return !isConstant || negated.comparison.constant == false;
 }
 
 std::uint32_t NeedsOf(const BoundCondition& condition) {

@@ -27,7 +27,7 @@ struct BoundComparison {
 };
 
 struct BoundCondition {
-    enum class Form { comparison, negation, conjunction, disjunction };
+    enum class Form { comparison, negation, conjunction, disjunction };  // negation: of a LIKE
     Form form = Form::comparison;
     BoundComparison comparison;
     std::vector<BoundCondition> operands;
@@ -58,14 +58,18 @@ std::uint32_t NeedsOf(const BoundCondition& condition);
 
 /// The values that the condition leaves each property: for an equality its value; for AND those of the side with fewer;
 /// for OR those of both sides, if both restrict the property. Each property and each value is listed once; texts are as
-/// the query writes them, to be compared without regard to case. With an empty list of values nothing can match. NOT,
-/// datetimes and NULL restrict nothing.
+/// the query writes them, to be compared without regard to case. With an empty list of values nothing can match.
+/// Datetimes, LIKE and NULL restrict nothing.
 std::vector<Restriction> RestrictionsOf(const BoundCondition& condition);
 
 /// The range that the condition leaves each property, listed once: for =, <, >, <= and >= what lies on that side of the
 /// value, the value included; for AND what both sides leave; for OR all from the lowest to the highest that either side
-/// leaves, if both have that end. NOT, LIKE and NULL leave the property any value.
+/// leaves, if both have that end. LIKE and NULL leave the property any value.
 std::vector<Range> RangesOf(const BoundCondition& condition);
+
+/// What the condition leaves the properties in each way in which it may be true: one for each operand of OR, and for
+/// AND one for each combination of its operands' ways. If there would be more than two hundred, one for the whole.
+std::vector<Leeway> AlternativesOf(const BoundCondition& condition);
 
 /// Whether a text matches a LIKE pattern, without regard to case: % stands for any number of characters, _ for one,
 /// [abc], [a-z] and [^abc] for one of a set. A ] that comes first in a set is part of it. A [ that is never closed

@@ -50,8 +50,10 @@ WmiStatus GatherClass(const ClassQuery& query, bool isOnlyClass, const ResultSin
     gathering.wantsMore = sink.wantsMore;
     gathering.needs = NeedsOf(query);
     if (query.where) {
-        gathering.restrictions = RestrictionsOf(*query.where);
-        gathering.ranges = RangesOf(*query.where);
+        gathering.leeway = {RestrictionsOf(*query.where), RangesOf(*query.where)};
+        gathering.alternatives = AlternativesOf(*query.where);
+    } else {
+        gathering.alternatives.emplace_back();
     }
     gathering.notice = sink.notice;
     gathering.row = [&](const void* row) {
@@ -78,14 +80,14 @@ std::string LossNotice(const ClassQuery& query, WmiStatus status) {
 
 }  // namespace
 
-const std::vector<CimValue>* Gathering::valuesOf(std::u16string_view property) const {
+const std::vector<CimValue>* Leeway::valuesOf(std::u16string_view property) const {
     for (const Restriction& restriction : restrictions) {
         if (CompareNames(restriction.property, property) == 0) return &restriction.values;
     }
     return nullptr;
 }
 
-Range Gathering::rangeOf(std::u16string_view property) const {
+Range Leeway::rangeOf(std::u16string_view property) const {
     for (const Range& range : ranges) {
         if (CompareNames(range.property, property) == 0) return range;
     }

@@ -1,4 +1,4 @@
-// The values and the ranges that a condition leaves each property.
+// The values and the ranges that a condition leaves each property, as a whole and in each way to match it.
 #include <algorithm>
 #include <iterator>
 #include <utility>
@@ -142,7 +142,48 @@ Ranges RangesOfOperands(const BoundCondition& condition, void (*join)(Ranges&, R
     return ranges;
 }
 
+Leeway LeewayOf(const BoundCondition& condition) { return {RestrictionsOf(condition), RangesOf(condition)}; }
+
+/// For AND: every combination of a way of one side and one of the other.
+void Combine(std::vector<Leeway>& ways, const std::vector<Leeway>& others) {
+    const std::vector<Leeway> alone = std::exchange(ways, {});
+    for (const Leeway& one : alone) {
+        for (const Leeway& other : others) {
+            Leeway& both = ways.emplace_back(one);
+            Narrow(both.restrictions, other.restrictions);
+            Intersect(both.ranges, other.ranges);
+        }
+    }
+}
+
+/// The ways of AND and OR. Empty if there are too many.
+std::vector<Leeway> WaysOfOperands(const BoundCondition& condition) {
+    constexpr std::size_t mostWays = 200;
+    const bool isConjunction = condition.form == BoundCondition::Form::conjunction;
+    std::vector<Leeway> ways(isConjunction ? 1 : 0);
+    for (const BoundCondition& operand : condition.operands) {
+        std::vector<Leeway> others = AlternativesOf(operand);
+        const std::size_t count = isConjunction ? ways.size() * others.size() : ways.size() + others.size();
+        if (count > mostWays) return {};
+        if (isConjunction) {
+            Combine(ways, others);
+        } else {
+            std::move(others.begin(), others.end(), std::back_inserter(ways));
+        }
+    }
+    return ways;
+}
+
 }  // namespace
+
+std::vector<Leeway> AlternativesOf(const BoundCondition& condition) {
+    const bool hasWays =
+        condition.form == BoundCondition::Form::conjunction || condition.form == BoundCondition::Form::disjunction;
+    std::vector<Leeway> ways;
+    if (hasWays) ways = WaysOfOperands(condition);
+    if (ways.empty()) ways.push_back(LeewayOf(condition));
+    return ways;
+}
 
 std::vector<Range> RangesOf(const BoundCondition& condition) {
     switch (condition.form) {

@@ -63,11 +63,25 @@ struct Range {
     CimValue highest = {};  // NULL: no upper end; below lowest, nothing can match
 };
 
-/// One run of a class's gather.
-struct Gathering {
-    std::uint32_t needs = 0;  // of all properties that the query asks for, in SELECT or in WHERE
+/// What a condition leaves the properties. With it a class can read only the objects that may match. It need not: other
+/// rows are dropped anyway.
+struct Leeway {
     std::vector<Restriction> restrictions;
     std::vector<Range> ranges;
+
+    /// The values that a property may have; null if it may have any.
+    const std::vector<CimValue>* valuesOf(std::u16string_view property) const;
+
+    /// The range that a property may be in; without ends if it may have any value. Numbers are as the query has them,
+    /// with a fraction or beyond the property's type.
+    Range rangeOf(std::u16string_view property) const;
+};
+
+/// One run of a class's gather.
+struct Gathering {
+    std::uint32_t needs = 0;           // of all properties that the query asks for, in SELECT or in WHERE
+    Leeway leeway;                     // of WHERE as a whole
+    std::vector<Leeway> alternatives;  // of each way in which WHERE may match; one if there are none or too many
 
     /// Takes one object; the record is read before this returns. False when no more objects are wanted.
     std::function<bool(const void* row)> row;
@@ -83,13 +97,9 @@ struct Gathering {
 
     bool asksFor(std::uint32_t need) const { return (needs & need) != 0; }
 
-    /// The values that a property may have; null if it may have any. With them a class can read only the objects that
-    /// may match. It need not: other rows are dropped anyway.
-    const std::vector<CimValue>* valuesOf(std::u16string_view property) const;
-
-    /// The range that a property may be in; without ends if it may have any value. Numbers are as the query has them,
-    /// with a fraction or beyond the property's type.
-    Range rangeOf(std::u16string_view property) const;
+    /// What WHERE as a whole leaves a property, as of Leeway.
+    const std::vector<CimValue>* valuesOf(std::u16string_view property) const { return leeway.valuesOf(property); }
+    Range rangeOf(std::u16string_view property) const { return leeway.rangeOf(property); }
 };
 
 /// ok, even if there are no objects. A failure ends the query with that status, after the rows so far. An exception

@@ -241,6 +241,12 @@ TEST_F(WmiNetwork, EchoesOfOneQueryAreSentAtOnceAndNamesAreNotWaitedForLonger) {
     EXPECT_THAT(texts,
                 testing::UnorderedElementsAre("a.example 11002 NULL ", "b.example 11002 NULL ", "192.0.2.97 0 11010 ",
                                               "192.0.2.96 0 11010 ", "localhost 0 0 localhost"));
+    const WmiResult different = RunWmiQuery(
+        "SELECT * FROM Win32_PingStatus WHERE Address = '127.0.0.1' AND BufferSize = 100 OR Address = '127.0.0.2' AND "
+        "Timeout < 2000 OR Address = '127.0.0.1' AND BufferSize = 100 AND Timeout = 1000");
+    texts.clear();
+    for (const WmiRow& row : different.rows) texts.push_back(PropertyTexts(row, "Address,BufferSize,StatusCode"));
+    EXPECT_THAT(texts, testing::ElementsAre("127.0.0.1 100 0", "127.0.0.2 32 0")) << "each with its own options, once";
     std::string many = "SELECT * FROM Win32_PingStatus WHERE Address = '127.0.0.1'";
     for (int at = 0; at < 100; ++at) many += fmt::format(" OR Address = '127.0.1.{}'", at);
     EXPECT_EQ(RunWmiQuery(many).status, wmi_status::quotaViolation);

@@ -235,6 +235,7 @@ TEST(Wql, RestrictionsHoldTheValuesThatCanMatch) {
         {"NOT U4=1 AND T='20240229060000.000000-300'", ""},
         {"U1=300 AND I1=1.5", "U1:I1:"},
         {"U1=300 OR U1=3", "U1:3,"},
+        {"NOT(U4<>7 OR NOT S='b' OR NOT(NOT(I1<>2)))", "U4:7,S:b,I1:2,"},
     };
     for (const auto& [where, restrictions] : cases) EXPECT_EQ(RestrictionsText(where), restrictions) << where;
 }
@@ -251,7 +252,8 @@ TEST(Wql, RangesHoldTheEndsOfWhatCanMatch) {
         {"U4>3 OR S='a'", ""},
         {"S='a' OR U4>3", ""},
         {"U4>3 OR U4 IS NULL", ""},
-        {"NOT U4>3 AND S LIKE 'a%' AND U4<>9 AND N IS NOT NULL AND __CLASS='KV_Sample'", ""},
+        {"NOT(U4<=3 OR S='a' OR NOT I1<7)AND NOT(NOT U1>=4)", "U4:3.. I1:..7 U1:4.. "},
+        {"NOT U4=3 AND NOT S LIKE 'a%' AND U4<>9 AND N IS NOT NULL AND __CLASS='KV_Sample'", ""},
         {"T>='19700101000001.000000+000' AND T<'19700101000000.000005-060'", "T:1000000..3600000005 "},
     };
     for (const auto& [where, ranges] : cases) EXPECT_EQ(RangesText(where), ranges) << where;

@@ -440,7 +440,9 @@ WmiStatus GatherDataFiles(const Gathering& gathering, std::string_view mountInfo
     const auto names = TextsOf(gathering, u"Name");
     const auto folders = TextsOf(gathering, u"Path");
     if (!names && !folders) {
-        gathering.notice("A query for files must say in WHERE what Name is (a file), or Path (a folder)");
+        gathering.notice(
+            "A query for files must say in WHERE, and in each part of an OR, what Name is (a file), or else Path (a "
+            "folder)");
         return wmi_status::notSupported;
     }
     if (!MayBe(TextsOf(gathering, u"Drive"), u"")) return wmi_status::ok;

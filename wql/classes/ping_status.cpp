@@ -1,4 +1,5 @@
 // Win32_PingStatus: one ICMP echo to each address that WHERE names, as it says for how long and with what.
+#include <algorithm>
 #include <netdb.h>
 
 #include "facts/echo.h"
@@ -20,9 +21,9 @@ struct Options {
     std::u16string sourceRoute;
     std::uint32_t sourceRouteType = 0;
 
-    bool isPlain() const {
-        return recordRoute == 0 && timestampRoute == 0 && sourceRoute.empty() && sourceRouteType == 0;
-    }
+    bool operator==(const Options&) const = default;
+
+    bool isPlain() const { return *this == Options(); }
 };
 
 struct Row {
@@ -32,6 +33,9 @@ struct Row {
     Options options;
     facts::EchoReply reply;
 
+    bool asksAs(const Row& other) const {
+        return request == other.request && timeout == other.timeout && options == other.options;
+    }
     bool isAnswered() const { return reply.outcome == facts::EchoOutcome::answered; }
 };
 
@@ -165,11 +169,11 @@ constexpr struct Input {
     {u"SourceRouteType", [](Row& row, const CimValue& value) { row.options.sourceRouteType = NumberIn(value); }},
 };
 
-/// The echoes that WHERE asks for; absent if there are too many.
-std::optional<std::vector<Row>> RowsAskedFor(const Gathering& gathering) {
+/// The echoes that one way to match WHERE asks for; absent if there are too many.
+std::optional<std::vector<Row>> RowsOf(const Leeway& way) {
     std::vector<Row> rows(1);
     for (const Input& input : inputs) {
-        const std::vector<CimValue>* values = gathering.valuesOf(input.property);
+        const std::vector<CimValue>* values = way.valuesOf(input.property);
         if (values == nullptr) continue;
         if (rows.size() * values->size() > mostEchoes) return std::nullopt;
         std::vector<Row> combined;
@@ -177,6 +181,21 @@ std::optional<std::vector<Row>> RowsAskedFor(const Gathering& gathering) {
             for (const CimValue& value : *values) input.set(combined.emplace_back(row), value);
         }
         rows = std::move(combined);
+    }
+    return rows;
+}
+
+/// The echoes that WHERE asks for, each once; absent if there are too many.
+std::optional<std::vector<Row>> RowsAskedFor(const Gathering& gathering) {
+    std::vector<Row> rows;
+    for (const Leeway& way : gathering.alternatives) {
+        std::optional<std::vector<Row>> more = RowsOf(way);
+        if (!more) return std::nullopt;
+        for (Row& row : *more) {
+            if (std::none_of(rows.begin(), rows.end(), [&row](const Row& other) { return row.asksAs(other); }))
+                rows.push_back(std::move(row));
+        }
+        if (rows.size() > mostEchoes) return std::nullopt;
     }
     return rows;
 }
