@@ -16,7 +16,7 @@ constexpr std::uint64_t mostNumbers = 65536;
 bool AddRange(std::string_view range, std::vector<std::uint32_t>& numbers) {
     const std::size_t dash = range.find('-');
     const std::optional<std::uint64_t> first = NumberOf(range.substr(0, dash));
-    const std::optional<std::uint64_t> last = dash == range.npos ? first : NumberOf(range.substr(dash + 1));
+    const std::optional<std::uint64_t> last = dash == std::string_view::npos ? first : NumberOf(range.substr(dash + 1));
     if (!first || !last || *last >= mostNumbers || *first > *last) return false;
     for (std::uint64_t number = *first; number <= *last; ++number)
         numbers.push_back(static_cast<std::uint32_t>(number));

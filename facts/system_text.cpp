@@ -39,7 +39,7 @@ std::optional<std::uint64_t> ReadSystemNumber(const std::string& path) {
 
 std::string_view Trimmed(std::string_view text) {
     const std::size_t first = text.find_first_not_of(blanks);
-    if (first == text.npos) return {};
+    if (first == std::string_view::npos) return {};
     return text.substr(first, text.find_last_not_of(blanks) - first + 1);
 }
 
@@ -62,7 +62,7 @@ std::string_view TakeField(std::string_view& line) {
 std::string_view TakeUpTo(std::string_view separator, std::string_view& text) {
     const std::size_t end = text.find(separator);
     const std::string_view taken = text.substr(0, end);
-    text.remove_prefix(end == text.npos ? text.size() : end + separator.size());
+    text.remove_prefix(end == std::string_view::npos ? text.size() : end + separator.size());
     return taken;
 }
 
@@ -72,7 +72,8 @@ bool TakeJoinedLine(std::string_view& text, std::string& joined, std::string_vie
     for (std::string_view line; TakeLine(text, line);) {
         isTaken = true;
         line = Trimmed(line);
-        const bool isComment = joined.empty() && !line.empty() && commentSigns.find(line.front()) != line.npos;
+        const bool isComment =
+            joined.empty() && !line.empty() && commentSigns.find(line.front()) != std::string_view::npos;
         if (isComment) break;
         if (!line.ends_with('\\')) {
             joined += line;

@@ -49,7 +49,7 @@ Descriptor OpenOrdinaryFile(const std::string& path, int flags) {
 }
 
 std::optional<std::string> ReadSystemFile(const std::string& path) {
-    constexpr std::size_t maxFileBytes = 16 * 1024 * 1024;
+    constexpr std::size_t maxFileBytes = std::size_t{16} * 1024 * 1024;
     const Descriptor file = OpenOrdinaryFile(path);
     return file ? ReadStart(file, maxFileBytes) : std::nullopt;
 }
