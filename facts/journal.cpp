@@ -30,6 +30,7 @@ struct JournalFile {
     std::string path;
     OwnedJournal journal;
     bool hasEntries = false;
+    bool isByTime = true;        // the times of its entries rise, as far as the selection needs it
     std::uint64_t round = 0;     // upper 32 bits of the numbers that are meant
     std::uint64_t sequence = 0;  // the whole number
     std::int64_t written = 0;
@@ -100,19 +101,70 @@ int ReadPlace(JournalFile& file, std::string* sequenceId = nullptr) {
     return result;
 }
 
-/// Goes to the next older entry of the selection: 1, 0 when there is none, or a failure.
-int StepBack(JournalFile& file, const JournalSelection& selection) {
-    do {
+/// The boots whose entries the file has, as matches. Absent if they cannot be told.
+std::optional<std::vector<std::string>> BootsIn(sd_journal* journal) {
+    constexpr std::size_t matchSize = std::string_view("_BOOT_ID=").size() + 32;
+    constexpr std::size_t mostBoots = 4096;  // a damaged file may lead in a circle
+    int result = sd_journal_query_unique(journal, "_BOOT_ID");
+    std::vector<std::string> boots;
+    const void* data = nullptr;
+    std::size_t size = 0;
+    while (result >= 0 && (result = sd_journal_enumerate_available_unique(journal, &data, &size)) > 0) {
+        if (size != matchSize || boots.size() == mostBoots) return std::nullopt;
+        boots.emplace_back(static_cast<const char*>(data), size);
+    }
+    return result < 0 ? std::nullopt : std::optional(std::move(boots));
+}
+
+/// Whether times rise with numbers from boot to boot; false too if that cannot be told. A computer without a clock of
+/// its own starts again somewhere in the past and goes on in the same file.
+bool RisesFromBootToBoot(JournalFile& file) {
+    sd_journal* journal = file.journal.get();
+    const std::optional<std::vector<std::string>> boots = BootsIn(journal);
+    if (!boots) return false;
+    std::vector<std::pair<std::uint64_t, std::int64_t>> places;  // the first and the last of each boot
+    for (const std::string& boot : *boots) {
+        sd_journal_flush_matches(journal);
+        if (sd_journal_add_match(journal, boot.data(), boot.size()) < 0) return false;
+        for (const bool isFirst : {true, false}) {
+            int result = isFirst ? sd_journal_seek_head(journal) : sd_journal_seek_tail(journal);
+            if (result >= 0) result = Step(file, isFirst ? sd_journal_next : sd_journal_previous);
+            if (result > 0) result = ReadPlace(file);
+            if (result < 0) return false;
+            places.emplace_back(file.sequence, file.written);
+        }
+    }
+    std::ranges::sort(places);
+    return std::ranges::is_sorted(places, {}, &std::pair<std::uint64_t, std::int64_t>::second);
+}
+
+/// Whether the selection's limit has passed. The reading then says so.
+bool IsOverdue(const JournalSelection& selection, JournalReading& reading) {
+    reading.isOverdue = std::chrono::steady_clock::now() > selection.limit;
+    return reading.isOverdue;
+}
+
+constexpr std::uint64_t entriesBetweenLooksAtTheClock = 1024;
+
+/// Goes to the next older entry of the selection: 1, 0 when there is none or the limit has passed, or a failure.
+int StepBack(JournalFile& file, const JournalSelection& selection, JournalReading& reading) {
+    for (std::uint64_t steps = 1;; ++steps) {
         int result = Step(file, sd_journal_previous);
         if (result <= 0) return result;
         result = ReadPlace(file);
         if (result < 0) return result;
-    } while (file.written > selection.latest);
-    return file.sequence >= file.round + selection.lowestNumber && file.written >= selection.earliest ? 1 : 0;
+        const bool isEarlier = file.written < selection.earliest;
+        if (file.sequence < file.round + selection.lowestNumber || (isEarlier && file.isByTime)) return 0;
+        if (!isEarlier && file.written <= selection.latest) return 1;
+        if (steps % entriesBetweenLooksAtTheClock == 0 && IsOverdue(selection, reading)) return 0;
+    }
 }
 
 /// Goes to the newest entry of the selection. Results as StepBack.
-int StartAtNewest(JournalFile& file, const JournalSelection& selection) {
+int StartAtNewest(JournalFile& file, const JournalSelection& selection, JournalReading& reading) {
+    const bool hasTimes = selection.earliest > 0 || selection.latest < std::numeric_limits<std::int64_t>::max();
+    file.isByTime = !hasTimes || RisesFromBootToBoot(file);
+    sd_journal_flush_matches(file.journal.get());
     sd_journal* journal = file.journal.get();
     std::string sequenceId;
     int result = sd_journal_seek_tail(journal);
@@ -126,12 +178,17 @@ int StartAtNewest(JournalFile& file, const JournalSelection& selection) {
     if (result < 0) return result;
     if (file.sequence > highest) {
         result = sd_journal_seek_cursor(journal, fmt::format("s={};i={:x}", sequenceId, highest).c_str());
-    } else if (file.written > selection.latest) {
+    } else if (file.isByTime && file.written > selection.latest) {
         result = sd_journal_seek_realtime_usec(journal, static_cast<std::uint64_t>(selection.latest));
     } else {
         result = sd_journal_seek_tail(journal);
     }
-    return result < 0 ? result : StepBack(file, selection);
+    return result < 0 ? result : StepBack(file, selection, reading);
+}
+
+/// The number, if it is written as the matches for it are: 3, not 003.
+std::optional<std::uint64_t> CodeOf(std::string_view text) {
+    return text.size() > 1 && text.front() == '0' ? std::nullopt : NumberOf(text);
 }
 
 void AddField(JournalEntry& entry, std::string_view field) {
@@ -150,8 +207,8 @@ void AddField(JournalEntry& entry, std::string_view field) {
     for (const auto& [wanted, member] : texts) {
         if (name == wanted && (entry.*member).empty()) entry.*member = value;
     }
-    if (name == "PRIORITY") entry.priority = NumberOf(value);
-    if (name == "SYSLOG_FACILITY") entry.facility = NumberOf(value);
+    if (name == "PRIORITY") entry.priority = CodeOf(value);
+    if (name == "SYSLOG_FACILITY") entry.facility = CodeOf(value);
     if (name != "_SOURCE_REALTIME_TIMESTAMP") return;
     const std::optional<std::uint64_t> moment = NumberOf(value);
     if (moment && std::in_range<std::int64_t>(*moment)) entry.generated = static_cast<std::int64_t>(*moment);
@@ -180,12 +237,6 @@ std::size_t MostOpenFiles() {
     return std::max<std::size_t>(1, limit.rlim_cur / 4);
 }
 
-/// Whether the selection's limit has passed. The reading then says so.
-bool IsOverdue(const JournalSelection& selection, JournalReading& reading) {
-    reading.isOverdue = std::chrono::steady_clock::now() > selection.limit;
-    return reading.isOverdue;
-}
-
 /// The files that have entries of the selection, each at its newest.
 std::vector<JournalFile> OpenSelected(const std::vector<std::string>& paths, const JournalSelection& selection,
                                       MappedReads& reads, JournalReading& reading) {
@@ -199,7 +250,7 @@ std::vector<JournalFile> OpenSelected(const std::vector<std::string>& paths, con
         }
         JournalFile file{.path = path, .journal = {}};
         int result = OpenFile(file);
-        if (result >= 0) result = StartAtNewest(file, selection);
+        if (result >= 0) result = StartAtNewest(file, selection, reading);
         result = Checked(reads, result);
         if (result < 0) {
             AddLoss(reading, path, result);
@@ -233,7 +284,7 @@ void MergeFiles(std::vector<JournalFile>& files, const JournalSelection& selecti
             isFirst = false;
             if (!take(entry)) return;
         }
-        if (result != -EIO) result = Checked(reads, StepBack(*newest, selection));
+        if (result != -EIO) result = Checked(reads, StepBack(*newest, selection, reading));
         if (result < 0) AddLoss(reading, newest->path, result);
         if (result <= 0) files.erase(newest);
     }
@@ -249,7 +300,6 @@ bool CountInFile(const std::string& path, const std::vector<JournalMatches>& alt
     int result = OpenFile(file);
     if (result >= 0) result = AddMatches(file.journal.get(), alternatives);
     if (result >= 0) result = sd_journal_seek_head(file.journal.get());
-    constexpr std::uint64_t entriesBetweenLooksAtTheClock = 1024;
     std::uint64_t count = 0;
     std::string sequenceId;
     while (result >= 0 && (result = Step(file, sd_journal_next)) > 0) {

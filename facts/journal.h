@@ -1,8 +1,10 @@
 // The entries of systemd's journal, by sd-journal(3), the newest first.
 //
-// Each file of the journal is read on its own and the entries are merged here. Within a file numbers and times only
-// rise (a clock that is set back makes the journal begin a new file), so that a bound is found at once and surely, and
-// a damaged file costs no more than itself, and is known.
+// Each file of the journal is read on its own and the entries are merged here, so that a damaged file costs no more
+// than itself, and is known. Within a file numbers only rise, and so do times (a clock that is set back makes the
+// journal begin a new file): a bound is found at once. Only where the computer was started again with its clock behind
+// do times fall within a file. Such a file is read from its end through to its beginning, by number, if times are
+// bounded.
 //
 // Any thread may call the routines. They throw std::bad_alloc.
 #pragma once
@@ -71,8 +73,9 @@ std::vector<std::string> JournalFolders();
 /// reading's denied or failures.
 std::vector<std::string> FindJournalFiles(const std::vector<std::string>& folders, JournalReading& reading);
 
-/// Hands over the selected entries, the newest first, until take returns false or the selection's limit has passed. A
-/// file that is cut off, or whose disk fails, while it is read gives what was read before.
+/// Hands over the selected entries, the newest first (those of one file by their numbers), until take returns false or
+/// the selection's limit has passed. A file that is cut off, or whose disk fails, while it is read gives what was read
+/// before.
 JournalReading ReadJournal(const std::vector<std::string>& folders, const JournalSelection& selection,
                            const std::function<bool(const JournalEntry& entry)>& take);
 

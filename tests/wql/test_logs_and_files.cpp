@@ -32,9 +32,9 @@ constexpr std::int64_t start = 1795564800;  // seconds: 2026-11-25T00:00:00Z
 
 /// An entry in systemd's export format, a time after the start: in seconds, and in microseconds of six digits. Fields:
 /// with line ends between them.
-std::string Entry(int second, const std::string& fields, const char* fraction = "000000") {
+std::string Entry(int second, const std::string& fields, const char* fraction = "000000", int boot = 7) {
     return fmt::format("__REALTIME_TIMESTAMP={0}{1}\n__MONOTONIC_TIMESTAMP={2}{1}\n_BOOT_ID={3:032x}\n{4}\n\n",
-                       start + second, fraction, second + 1, 7, fields);
+                       start + second, fraction, std::abs(second) + 1, boot, fields);
 }
 
 std::string BinaryMessage(const std::string& bytes) {
@@ -170,6 +170,16 @@ TEST_F(EventLog, HasTheEntriesThatJournalctlSelects) {
     EXPECT_EQ(Rows("SourceName", "TimeGenerated>'20261125001709.000000+000'"), "c");
 }
 
+TEST_F(EventLog, FindsTimesAfterARestartInThePast) {
+    WriteJournal("system", Entry(1000, "MESSAGE=a") + Entry(1001, "MESSAGE=b") + Entry(100, "MESSAGE=c", "000000", 8) +
+                               Entry(101, "MESSAGE=d", "000000", 8) +
+                               Entry(2000, "PRIORITY=03\nSYSLOG_FACILITY=003\nMESSAGE=e", "000000", 8));
+    EXPECT_EQ(Rows("Message", "TimeWritten>'20261125001000.000000+000' AND EventType>0"), "e\nb\na");
+    EXPECT_EQ(Rows("Message", "TimeGenerated<'20261125001000.000000+000'"), "d\nc");
+    EXPECT_EQ(Rows("Message", "TimeWritten='20261125001640.000000+000'"), "a");
+    EXPECT_EQ(Rows("Logfile,EventType", "RecordNumber=5"), "Application 3") << "as the matches for it see it";
+}
+
 TEST_F(EventLog, HasThePropertiesOfEntries) {
     WriteJournal(
         "system",
@@ -211,7 +221,11 @@ TEST_F(EventLog, ReadsOnlyTheNewestEntriesUnlessWhereHasALowerBound) {
              {" WHERE RecordNumber>=0", 1101},
              {" WHERE EventType=1", 553},
              {" WHERE Logfile='Application'", 825},
-             {" WHERE TimeWritten>'20200101000000.000000+000'", 1101}}) {
+             {" WHERE NOT (TimeWritten<'20200101000000.000000+000' OR EventType=9)", 1101},
+             {" WHERE (TimeWritten>'20200101000000.000000+000' OR EventType=1) AND (RecordNumber>0 OR EventType=2)",
+              1101},
+             {" WHERE EventType<4 OR RecordNumber>1000", 1000},
+             {" WHERE TimeWritten>'20200101000000.000000+000' OR RecordNumber>1000", 1101}}) {
         const WmiResult result = Ask("SELECT * FROM Win32_NTLogEvent" + where);
         EXPECT_EQ(result.rows.size(), rows) << where;
         EXPECT_EQ(result.notices.size(), rows == 1000 ? 1u : 0u) << where;

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cmath>
 #include <fmt/format.h>
+#include <iterator>
 
 #include "facts/account_files.h"
 #include "facts/host_names.h"
@@ -88,11 +89,11 @@ constexpr PropertyInfo properties[] = {
 // clang-format on
 
 /// Whether a property may have a value.
-bool MayBe(const Gathering& gathering, std::u16string_view property, const CimValue& value) {
-    const std::vector<CimValue>* values = gathering.valuesOf(property);
+bool MayBe(const Leeway& way, std::u16string_view property, const CimValue& value) {
+    const std::vector<CimValue>* values = way.valuesOf(property);
     const auto isSame = [&value](const CimValue& one) { return CompareValues(one, value) == 0; };
     if (values != nullptr && std::none_of(values->begin(), values->end(), isSame)) return false;
-    const Range range = gathering.rangeOf(property);
+    const Range range = way.rangeOf(property);
     return !(CompareValues(value, range.lowest) < 0) && !(CompareValues(value, range.highest) > 0);
 }
 
@@ -101,10 +102,14 @@ struct Wanted {
     std::vector<EventLog> logs;
     std::vector<EventType> types;
     facts::JournalSelection selection;
-    std::size_t mostEntries = std::numeric_limits<std::size_t>::max();
+    bool isBounded = true;  // from below
 };
 
 bool IsAmong(const auto& list, const auto& one) { return std::find(list.begin(), list.end(), one) != list.end(); }
+
+void AddTo(auto& list, const auto& more) {
+    std::ranges::copy_if(more, std::back_inserter(list), [&list](const auto& one) { return !IsAmong(list, one); });
+}
 
 /// The conditions on PRIORITY for the types. None if entries without a priority are wanted.
 JournalMatches PriorityMatches(const std::vector<EventType>& types) {
@@ -149,28 +154,53 @@ std::int64_t MomentAt(const CimValue& end, std::int64_t otherwise) {
 /// busy or not yet running; after, because the clock was set back in between.
 constexpr std::int64_t longestWay = 60'000'000;  // microseconds
 
-Wanted WantedBy(const Gathering& gathering) {
+/// What one way to match WHERE leaves; no logs if nothing.
+Wanted WantedBy(const Leeway& way) {
     Wanted wanted;
-    for (const EventLog log : eventLogs) {
-        if (MayBe(gathering, u"Logfile", NameOf(log))) wanted.logs.push_back(log);
-    }
     for (const EventType type : eventTypes) {
-        if (MayBe(gathering, u"EventType", static_cast<int>(type)) && MayBe(gathering, u"Type", WordOf(type)))
+        if (MayBe(way, u"EventType", static_cast<int>(type)) && MayBe(way, u"Type", WordOf(type)))
             wanted.types.push_back(type);
     }
+    for (const EventLog log : eventLogs) {
+        if (!wanted.types.empty() && MayBe(way, u"Logfile", NameOf(log))) wanted.logs.push_back(log);
+    }
     facts::JournalSelection& selection = wanted.selection;
-    const Range numbers = gathering.rangeOf(u"RecordNumber");
-    const Range generated = gathering.rangeOf(u"TimeGenerated");
-    const Range written = gathering.rangeOf(u"TimeWritten");
+    const Range numbers = way.rangeOf(u"RecordNumber");
+    const Range generated = way.rangeOf(u"TimeGenerated");
+    const Range written = way.rangeOf(u"TimeWritten");
     selection.lowestNumber = NumberAt(numbers.lowest, selection.lowestNumber);
     selection.highestNumber = NumberAt(numbers.highest, selection.highestNumber);
     const std::int64_t earliestGenerated = std::max<std::int64_t>(MomentAt(generated.lowest, 0) - longestWay, 0);
     selection.earliest = std::max(earliestGenerated, MomentAt(written.lowest, 0));
     const std::int64_t latestGenerated = MomentAt(generated.highest, selection.latest - longestWay) + longestWay;
     selection.latest = std::min(latestGenerated, MomentAt(written.highest, selection.latest));
-    const bool isBounded = !numbers.lowest.isNull() || !generated.lowest.isNull() || !written.lowest.isNull();
-    if (!isBounded) wanted.mostEntries = maxUnboundedEntries;
-    selection.alternatives = AlternativesOf(wanted);
+    wanted.isBounded = !numbers.lowest.isNull() || !generated.lowest.isNull() || !written.lowest.isNull();
+    return wanted;
+}
+
+void Widen(Wanted& wanted, const Wanted& other) {
+    AddTo(wanted.logs, other.logs);
+    AddTo(wanted.types, other.types);
+    facts::JournalSelection& selection = wanted.selection;
+    selection.lowestNumber = std::min(selection.lowestNumber, other.selection.lowestNumber);
+    selection.highestNumber = std::max(selection.highestNumber, other.selection.highestNumber);
+    selection.earliest = std::min(selection.earliest, other.selection.earliest);
+    selection.latest = std::max(selection.latest, other.selection.latest);
+    wanted.isBounded = wanted.isBounded && other.isBounded;
+}
+
+/// What all ways to match WHERE leave together; no logs if nothing.
+Wanted WantedBy(const Gathering& gathering) {
+    Wanted wanted;
+    for (const Leeway& way : gathering.alternatives) {
+        const Wanted ofWay = WantedBy(way);
+        if (wanted.logs.empty()) {
+            wanted = ofWay;
+        } else if (!ofWay.logs.empty()) {
+            Widen(wanted, ofWay);
+        }
+    }
+    wanted.selection.alternatives = AlternativesOf(wanted);
     return wanted;
 }
 
@@ -188,7 +218,7 @@ class EventTaker {
     bool take(const JournalEntry& entry) {
         if (!IsAmong(wanted_.logs, LogOf(entry)) || !IsAmong(wanted_.types, TypeOf(entry)))
             return gathering_.wantsMore();
-        hasMore_ = entries_++ == wanted_.mostEntries;
+        hasMore_ = entries_++ == maxUnboundedEntries && !wanted_.isBounded;
         if (hasMore_) return false;
         row_.entry = entry;
         row_.user.clear();
@@ -282,7 +312,7 @@ WmiStatus TellJournalLosses(const facts::JournalReading& reading, const Gatherin
 WmiStatus GatherEvents(const Gathering& gathering, const std::vector<std::string>& folders,
                        std::chrono::milliseconds longest) {
     Wanted wanted = WantedBy(gathering);
-    if (wanted.logs.empty() || wanted.types.empty()) return wmi_status::ok;
+    if (wanted.logs.empty()) return wmi_status::ok;
     wanted.selection.limit = std::chrono::steady_clock::now() + longest;
     EventTaker taker(gathering, wanted);
     const facts::JournalReading reading = facts::ReadJournal(
