@@ -31,7 +31,7 @@ struct JournalFile {
     OwnedJournal journal;
     bool hasEntries = false;
     bool isByTime = true;        // the times of its entries rise, as far as the selection needs it
-    std::uint64_t round = 0;     // upper 32 bits of the numbers that are meant
+    std::uint64_t lowest = 0;    // whole number below which no entry is selected
     std::uint64_t sequence = 0;  // the whole number
     std::int64_t written = 0;
 };
@@ -101,8 +101,8 @@ int ReadPlace(JournalFile& file, std::string* sequenceId = nullptr) {
     return result;
 }
 
-/// The boots whose entries the file has, as matches. Absent if they cannot be told.
-std::optional<std::vector<std::string>> BootsIn(sd_journal* journal) {
+/// The names of the boots whose entries the file has, as matches. Absent if they cannot be told.
+std::optional<std::vector<std::string>> NamesOfBoots(sd_journal* journal) {
     constexpr std::size_t matchSize = std::string_view("_BOOT_ID=").size() + 32;
     constexpr std::size_t mostBoots = 4096;  // a damaged file may lead in a circle
     int result = sd_journal_query_unique(journal, "_BOOT_ID");
@@ -116,26 +116,52 @@ std::optional<std::vector<std::string>> BootsIn(sd_journal* journal) {
     return result < 0 ? std::nullopt : std::optional(std::move(boots));
 }
 
-/// Whether times rise with numbers from boot to boot; false too if that cannot be told. A computer without a clock of
-/// its own starts again somewhere in the past and goes on in the same file.
-bool RisesFromBootToBoot(JournalFile& file) {
+struct Place {
+    std::uint64_t sequence = 0;
+    std::int64_t written = 0;
+};
+
+/// From the first to the last entry of a boot.
+using Boot = std::pair<Place, Place>;
+
+/// The boots in the file by their numbers. Absent if they cannot be told.
+std::optional<std::vector<Boot>> BootsIn(JournalFile& file) {
     sd_journal* journal = file.journal.get();
-    const std::optional<std::vector<std::string>> boots = BootsIn(journal);
-    if (!boots) return false;
-    std::vector<std::pair<std::uint64_t, std::int64_t>> places;  // the first and the last of each boot
-    for (const std::string& boot : *boots) {
+    const std::optional<std::vector<std::string>> names = NamesOfBoots(journal);
+    if (!names) return std::nullopt;
+    std::vector<Boot> boots;
+    for (const std::string& name : *names) {
         sd_journal_flush_matches(journal);
-        if (sd_journal_add_match(journal, boot.data(), boot.size()) < 0) return false;
-        for (const bool isFirst : {true, false}) {
-            int result = isFirst ? sd_journal_seek_head(journal) : sd_journal_seek_tail(journal);
-            if (result >= 0) result = Step(file, isFirst ? sd_journal_next : sd_journal_previous);
-            if (result > 0) result = ReadPlace(file);
-            if (result < 0) return false;
-            places.emplace_back(file.sequence, file.written);
-        }
+        int result = sd_journal_add_match(journal, name.data(), name.size());
+        if (result >= 0) result = sd_journal_seek_head(journal);
+        if (result >= 0) result = Step(file, sd_journal_next);
+        if (result > 0) result = ReadPlace(file);
+        const Place first{file.sequence, file.written};
+        if (result >= 0) result = sd_journal_seek_tail(journal);
+        if (result >= 0) result = Step(file, sd_journal_previous);
+        if (result > 0) result = ReadPlace(file);
+        if (result < 0) return std::nullopt;
+        boots.push_back({first, {file.sequence, file.written}});
     }
-    std::ranges::sort(places);
-    return std::ranges::is_sorted(places, {}, &std::pair<std::uint64_t, std::int64_t>::second);
+    std::ranges::sort(boots, {}, [](const Boot& boot) { return boot.first.sequence; });
+    return boots;
+}
+
+/// Finds out whether times rise with numbers from boot to boot, and if not, where the selection begins. A computer
+/// without a clock of its own starts again somewhere in the past and goes on in the same file.
+void LookAtBoots(JournalFile& file, const JournalSelection& selection) {
+    const std::optional<std::vector<Boot>> boots = BootsIn(file);
+    file.isByTime = boots.has_value();
+    if (!boots) return;
+    std::int64_t latest = 0;
+    std::uint64_t lowest = std::numeric_limits<std::uint64_t>::max();
+    for (const auto& [first, last] : *boots) {
+        file.isByTime = file.isByTime && latest <= first.written && first.written <= last.written;
+        latest = last.written;
+        if (last.written >= selection.earliest && first.written <= selection.latest)
+            lowest = std::min(lowest, first.sequence);
+    }
+    if (!file.isByTime) file.lowest = lowest;
 }
 
 /// Whether the selection's limit has passed. The reading then says so.
@@ -154,7 +180,7 @@ int StepBack(JournalFile& file, const JournalSelection& selection, JournalReadin
         result = ReadPlace(file);
         if (result < 0) return result;
         const bool isEarlier = file.written < selection.earliest;
-        if (file.sequence < file.round + selection.lowestNumber || (isEarlier && file.isByTime)) return 0;
+        if (file.sequence < file.lowest || (isEarlier && file.isByTime)) return 0;
         if (!isEarlier && file.written <= selection.latest) return 1;
         if (steps % entriesBetweenLooksAtTheClock == 0 && IsOverdue(selection, reading)) return 0;
     }
@@ -163,17 +189,18 @@ int StepBack(JournalFile& file, const JournalSelection& selection, JournalReadin
 /// Goes to the newest entry of the selection. Results as StepBack.
 int StartAtNewest(JournalFile& file, const JournalSelection& selection, JournalReading& reading) {
     const bool hasTimes = selection.earliest > 0 || selection.latest < std::numeric_limits<std::int64_t>::max();
-    file.isByTime = !hasTimes || RisesFromBootToBoot(file);
-    sd_journal_flush_matches(file.journal.get());
+    if (hasTimes) LookAtBoots(file, selection);
     sd_journal* journal = file.journal.get();
+    sd_journal_flush_matches(journal);
     std::string sequenceId;
     int result = sd_journal_seek_tail(journal);
     if (result >= 0) result = Step(file, sd_journal_previous);
     if (result <= 0) return result;
     result = ReadPlace(file, &sequenceId);
     if (result < 0) return result;
-    file.round = file.sequence >> 32 << 32;
-    const std::uint64_t highest = file.round + selection.highestNumber;
+    const std::uint64_t round = file.sequence >> 32 << 32;  // upper 32 bits of the numbers that are meant
+    file.lowest = std::max(file.lowest, round + selection.lowestNumber);
+    const std::uint64_t highest = round + selection.highestNumber;
     result = AddMatches(journal, selection.alternatives);
     if (result < 0) return result;
     if (file.sequence > highest) {

@@ -3,8 +3,8 @@
 // Each file of the journal is read on its own and the entries are merged here, so that a damaged file costs no more
 // than itself, and is known. Within a file numbers only rise, and so do times (a clock that is set back makes the
 // journal begin a new file): a bound is found at once. Only where the computer was started again with its clock behind
-// do times fall within a file. Such a file is read from its end through to its beginning, by number, if times are
-// bounded.
+// do times fall within a file. If times are bounded, such a file is read by number, from its end down to the first boot
+// that has any of them.
 //
 // Any thread may call the routines. They throw std::bad_alloc.
 #pragma once
