@@ -52,6 +52,18 @@ PasswordEntry PasswordFacts(std::string_view password) {
     return entry;
 }
 
+/// The first day on which a password is too old to let its owner in; absent if there is none.
+std::optional<std::int64_t> EndOfPassword(const spwd& shadow) {
+    constexpr long lastDay = 10'000'000;             // sums of such days fit into a long; the year is 29000
+    if (shadow.sp_lstchg == 0) return std::nullopt;  // it must be changed at the next login
+    std::int64_t day = 1;
+    for (const long days : {shadow.sp_lstchg, shadow.sp_max, shadow.sp_inact}) {
+        if (days < 0 || days > lastDay) return std::nullopt;
+        day += days;
+    }
+    return day;
+}
+
 PasswordEntry ShadowFacts(const spwd& shadow) {
     constexpr long never = 99999;  // as useradd writes it
     const long leastDays = shadow.sp_min == noDays ? 0 : shadow.sp_min;
@@ -60,6 +72,7 @@ PasswordEntry ShadowFacts(const spwd& shadow) {
     entry.expires = mostDays < never;
     entry.mayBeChanged = leastDays <= mostDays;
     if (shadow.sp_expire != noDays) entry.accountExpiry = shadow.sp_expire;
+    entry.passwordEnd = EndOfPassword(shadow);
     return entry;
 }
 
@@ -124,7 +137,8 @@ std::optional<PasswordEntry> PasswordOf(const UserEntry& user,
 
 bool IsDisabled(const UserEntry& user, const PasswordEntry& password, std::int64_t daysSince1970) {
     const bool hasShell = !user.shell.ends_with("/nologin") && !user.shell.ends_with("/false");
-    const bool hasExpired = password.accountExpiry && *password.accountExpiry <= daysSince1970;
+    const bool hasExpired = (password.accountExpiry && *password.accountExpiry <= daysSince1970) ||
+                            (password.passwordEnd && *password.passwordEnd <= daysSince1970);
     return hasExpired || (password.opensNothing && !hasShell);
 }
 

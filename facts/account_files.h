@@ -64,6 +64,7 @@ struct PasswordEntry {
     bool expires = false;
     bool mayBeChanged = true;
     std::optional<std::int64_t> accountExpiry;  // days since 1970; absent: never
+    std::optional<std::int64_t> passwordEnd;    // the first such day on which it is too old even to be changed
 };
 
 /// By user name. The first of two lines for one user counts.
@@ -74,8 +75,8 @@ std::map<std::string, PasswordEntry> ParseShadow(std::string_view text);
 std::optional<PasswordEntry> PasswordOf(const UserEntry& user,
                                         const std::optional<std::map<std::string, PasswordEntry>>& shadow);
 
-/// Whether nobody can use an account: it has expired, or neither a password nor a shell lets anyone in. An account that
-/// only lacks a password may still be entered with a key.
+/// Whether nobody can use an account: it or its password has expired, or neither a password nor a shell lets anyone in.
+/// An account that only lacks a password may still be entered with a key.
 bool IsDisabled(const UserEntry& user, const PasswordEntry& password, std::int64_t daysSince1970);
 
 }  // namespace kv::facts

@@ -1,6 +1,7 @@
 #include "facts/sessions.h"
 
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <map>
@@ -87,6 +88,9 @@ RecordedSessions ReadManagedSessions() {
     return recorded;
 }
 
+/// As who(1) finds it out: a number that cannot be a process's says nothing.
+bool HasEnded(pid_t process) { return process > 0 && kill(process, 0) != 0 && errno == ESRCH; }
+
 }  // namespace
 
 std::optional<LogonKind> LogonKindOf(std::string_view sessionClass, bool isRemote) {
@@ -96,14 +100,14 @@ std::optional<LogonKind> LogonKindOf(std::string_view sessionClass, bool isRemot
     return std::nullopt;
 }
 
-std::vector<Session> ParseSessions(std::string_view utmp) {
+std::vector<Session> ParseSessions(std::string_view utmp, bool (*hasEnded)(pid_t process)) {
     constexpr std::int64_t microseconds = 1'000'000;
     std::vector<Session> sessions;
     std::map<std::string, std::size_t> places;  // of the sessions, by terminal
     for (; utmp.size() >= sizeof(struct utmp); utmp.remove_prefix(sizeof(struct utmp))) {
         struct utmp record {};
         std::memcpy(&record, utmp.data(), sizeof record);
-        if (record.ut_type != USER_PROCESS) continue;
+        if (record.ut_type != USER_PROCESS || hasEnded(record.ut_pid)) continue;
         Session session;
         session.user = UtmpText(record.ut_user);
         session.line = session.id = UtmpText(record.ut_line);
@@ -129,7 +133,7 @@ RecordedSessions ReadLogons() {
     if (!managed.sessions.empty()) return managed;
     const std::optional<std::string> file = platform::ReadSystemFile(_PATH_UTMP);
     const int failure = errno;
-    if (file) return {.sessions = ParseSessions(*file), .areRecorded = true};
+    if (file) return {.sessions = ParseSessions(*file, HasEnded), .areRecorded = true};
     if (!managed.areRecorded && managed.failure == 0 && failure != ENOENT) managed.failure = failure;
     return managed;
 }

@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <sys/types.h>
 #include <vector>
 
 namespace kv::facts {
@@ -33,9 +34,9 @@ struct Session {
 /// login screen.
 std::optional<LogonKind> LogonKindOf(std::string_view sessionClass, bool isRemote);
 
-/// The sessions in a utmp file; of those at one terminal, the one that began last. An incomplete record at its end is
-/// left out.
-std::vector<Session> ParseSessions(std::string_view utmp);
+/// The sessions in a utmp file; of those at one terminal, the one that began last. Those whose process has ended are
+/// left out, and so is an incomplete record at the end.
+std::vector<Session> ParseSessions(std::string_view utmp, bool (*hasEnded)(pid_t process));
 
 struct RecordedSessions {
     std::vector<Session> sessions;

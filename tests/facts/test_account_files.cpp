@@ -17,6 +17,8 @@ TEST(AccountFiles, ThePasswordTellsTheStateOfAnAccount) {
         {"u:!!:19000::::::", "true false false true -1; false true"},
         {"u:*:19000:10:5:7:::", "true false true false -1; false true"},
         {"u::19000:0:99999:7::20000:", "false false false true 20000; true true"},
+        {"u:$6$hash:19900:0:90:7:9::", "true false true true -1; true true"},  // too old since today
+        {"u:$6$hash:19901:0:90:7:9::", "true false true true -1; false false"},
         {"u:short", "no entry"},
         {"+\n-u::::::::\nu:*:1:0:90:7::x:\nu:*:::::::", "true false false true -1; false true"},
     };

@@ -1,5 +1,7 @@
 // Accounts, sessions and processes, and what a user may not see of them.
+#include <fstream>
 #include <gmock/gmock.h>
+#include <sys/prctl.h>
 #include <unistd.h>
 #include <utmp.h>
 
@@ -62,10 +64,11 @@ TEST_F(WmiAccounts, SeeOnlySomeProcesses) {
     EXPECT_THAT(Processes("").notices, IsEmpty());
 }
 
-std::string UtmpRecord(short type, const char* user, const char* line, const char* host, std::int32_t seconds) {
+std::string UtmpRecord(short type, const char* user, const char* line, const char* host, std::int32_t seconds,
+                       pid_t process = getpid()) {
     struct utmp record {};
     record.ut_type = type;
-    record.ut_pid = getpid();  // who leaves out records of processes that have ended
+    record.ut_pid = process;
     std::string_view(user).copy(record.ut_user, sizeof record.ut_user);
     std::string_view(line).copy(record.ut_line, sizeof record.ut_line);
     std::string_view(host).copy(record.ut_host, sizeof record.ut_host);
@@ -82,7 +85,8 @@ TEST_F(WmiAccounts, HaveSessionsAsWhoListsThem) {
                              UtmpRecord(DEAD_PROCESS, "", "pts/2", "", 1) + "cut";
     Write(work / "utmp", file);
     static std::vector<facts::Session> sessions;
-    sessions = facts::ParseSessions(UtmpRecord(USER_PROCESS, "left", "tty1", "", 1) + file);
+    sessions =
+        facts::ParseSessions(UtmpRecord(USER_PROCESS, "left", "tty1", "", 1) + file, [](pid_t) { return false; });
     const auto shown = GatherTexts(u"Win32_LogonSession", "LogonId StartTime LogonType Caption AuthenticationPackage",
                                    [](const Gathering& to) { return GatherLogonSessions(to, sessions); });
     const std::string start = "|" + RunShell("date -d @1750000000 +%Y%m%d%H%M%S").output + ".000000";
@@ -127,6 +131,13 @@ TEST_F(WmiTest, TellsThatFilesOfSessionsAndAccountsCannotBeRead) {
     const WmiResult unrecorded = RunWmiQuery("SELECT * FROM Win32_LogonSession");
     EXPECT_EQ(unrecorded.status, wmi_status::ok);
     EXPECT_THAT(unrecorded.notices, testing::IsEmpty());
+    std::ofstream("/run/utmp") << UtmpRecord(USER_PROCESS, "root", "pts/1", "", 1, INT32_MAX) +
+                                      UtmpRecord(USER_PROCESS, "root", "pts/2", "", 1) +
+                                      UtmpRecord(USER_PROCESS, "root", "pts/3", "", 1, 0);
+    std::string lines;
+    for (const WmiRow& row : RunWmiQuery("SELECT LogonId FROM Win32_LogonSession").rows)
+        lines += PropertyText(row, "LogonId") + "\n";
+    EXPECT_EQ(lines, RunShell("who | awk '{print $2}'").output + "\n") << "no process that has ended";
     for (const char* name : {"UserAccount", "Group", "NTEventlogFile"}) {
         EXPECT_EQ(RunWmiQuery(std::string("SELECT * FROM Win32_") + name).status, wmi_status::providerFailure) << name;
     }
@@ -157,6 +168,12 @@ TEST_F(WmiTest, ListsTheSessionsOfTheLoginManager) {
 
 TEST_F(WmiTest, TellsAUserWithoutRightsWhatIsMissing) {
     const Nobody nobody;
+    prctl(PR_SET_DUMPABLE, 1);  // its own files in /proc can be read
+    EXPECT_EQ(PropertyText(RunWmiQuery("SELECT IOReadBytesPersec FROM Win32_PerfRawData_PerfProc_Process "
+                                       "WHERE Name = '_Total'")
+                               .rows.at(0),
+                           "IOReadBytesPersec"),
+              "NULL");
     const WmiResult processes = RunWmiQuery("SELECT ExecutablePath FROM Win32_Process WHERE ProcessId = 1");
     ASSERT_EQ(processes.rows.size(), 1u);
     EXPECT_EQ(PropertyText(processes.rows[0], "ExecutablePath"), "NULL");

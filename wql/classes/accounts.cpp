@@ -58,7 +58,7 @@ constexpr PropertyInfo userProperties[] = {
     {u"AccountType", uint32, 0, "512: a normal account", [](const UserRow&) { return 512; }},
     {u"Caption", string, Need::host, "computer\\name", userCaption},
     {u"Description", string, 0, "as FullName", [](const UserRow& row) { return row.user.fullName; }},
-    {u"Disabled", boolean, Need::password, "it has expired, or has neither a password nor a shell", [](const UserRow& row) { return DisabledIn(row); }},
+    {u"Disabled", boolean, Need::password, "it has expired, or its password has and can no longer be changed, or it has neither a password nor a shell", [](const UserRow& row) { return DisabledIn(row); }},
     {u"Domain", string, Need::host, "the computer's name", [](const UserRow& row) { return row.host; }},
     {u"FullName", string, 0, "of GECOS", [](const UserRow& row) { return row.user.fullName; }},
     {u"InstallDate", datetime},

@@ -24,7 +24,8 @@ std::uint32_t TypeOf(const Row& row) {
     constexpr std::uint32_t other = 1;
     constexpr std::uint32_t direct = 3;
     constexpr std::uint32_t indirect = 4;
-    if (row.type != RTN_UNICAST) return other;
+    constexpr std::uint8_t delivering[] = {RTN_UNICAST, RTN_LOCAL, RTN_BROADCAST, RTN_ANYCAST, RTN_MULTICAST};
+    if (std::ranges::find(delivering, row.type) == std::end(delivering)) return other;
     return row.nextHop.empty() ? direct : indirect;
 }
 
@@ -68,7 +69,7 @@ constexpr PropertyInfo properties[] = {
     {u"Protocol", uint32, 0, "who set it: 2 the kernel, 3 an administrator, 4 ICMP, 8 RIP, 9 IS-IS, 13 OSPF, 14 BGP, 1 another, DHCP too",
         [](const Row& row) { return ProtocolOf(row); }},
     {u"Status", string},
-    {u"Type", uint32, 0, "3 direct, 4 by a gateway, 1 one that refuses or drops packets", [](const Row& row) { return TypeOf(row); }},
+    {u"Type", uint32, 0, "3 direct or to this computer itself, 4 by a gateway, 1 one that refuses or drops packets", [](const Row& row) { return TypeOf(row); }},
 };
 // clang-format on
 
