@@ -250,7 +250,13 @@ std::optional<std::uint64_t> ProcessFiles::CountOpenFiles(std::uint32_t processI
     if (fstatat(directory_.get(), path.text.data(), &facts, 0) != 0) return Nothing();
     if (facts.st_size > 0) return static_cast<std::uint64_t>(facts.st_size);  // the count, on newer kernels
     const Directory directory(opendir((folder_ + "/" + path.text.data()).c_str()));
-    if (!directory) return Nothing();
+    if (!directory) {
+        Nothing();
+        // A kernel that counts this process's files has counted 0 of the other's.
+        const bool isCount = wasRefused_ && fstatat(directory_.get(), "self/fd", &facts, 0) == 0 && facts.st_size > 0;
+        wasRefused_ = wasRefused_ && !isCount;
+        return isCount ? std::optional<std::uint64_t>(0) : std::nullopt;
+    }
     std::uint64_t count = 0;
     while (const dirent* entry = readdir(directory.get())) {
         if (entry->d_name[0] != '.') ++count;

@@ -114,8 +114,11 @@ TEST_F(WmiNetwork, HasTheQueuesThatTcShows) {
     const Descriptor datagrams(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     sockaddr_in to{AF_INET, htons(9), {inet_addr("192.0.2.78")}, {}};
     const char load[1000] = {};
-    for (int count = 0; count < 7; ++count)
-        sendto(datagrams.get(), load, sizeof(load), 0, reinterpret_cast<sockaddr*>(&to), sizeof(to));
+    const auto sendSome = [&](int count) {
+        while (count-- > 0)
+            sendto(datagrams.get(), load, sizeof(load), 0, reinterpret_cast<sockaddr*>(&to), sizeof(to));
+    };
+    sendSome(7);
     const std::string queued = Shell("tc -s qdisc show dev kv0 | sed -n \"s/.*backlog [^ ]* \\([0-9]*\\)p.*/\\1/p\"");
     EXPECT_GT(std::atoi(queued.c_str()), 1);
     for (const char* name : {"NetworkAdapter", "NetworkInterface"}) {
@@ -126,6 +129,15 @@ TEST_F(WmiNetwork, HasTheQueuesThatTcShows) {
             const WmiRow idle = OnlyRow(fmt::format("{} WHERE Name = '{}'", from, other));
             EXPECT_EQ(PropertyText(idle, "OutputQueueLength"), "0") << name << other;
         }
+    }
+    Shell(
+        "ip link del kv0 && ip link add kv0 type veth peer name kv1 && ip address add 192.0.2.77/24 dev kv0 && "
+        "ip link set kv1 up && ip link set kv0 up && ip neigh add 192.0.2.78 lladdr 02:00:00:00:0a:0b dev kv0");
+    sendSome(100);
+    for (const char* name : {"NetworkAdapter", "NetworkInterface"}) {
+        const std::string from = std::string("Win32_PerfFormattedData_Tcpip_") + name + " WHERE Name = 'kv0'";
+        EXPECT_GT(std::atoi(PropertyText(OnlyRow("SELECT * FROM " + from), "BytesSentPersec").c_str()), 1000)
+            << "100 KB since the last query, not since the system's start: " << name;
     }
 }
 
@@ -142,7 +154,8 @@ constexpr const char* routedNetwork =
     "ip route add 198.51.100.0/24 via 192.0.2.77\" && "
     "ip route add 198.51.100.0/24 via 192.0.2.1 metric 7 && ip route add 203.0.113.0/24 via 192.0.2.1 proto bgp && "
     "ip route add blackhole 10.9.0.0/16 && ip route add 10.8.0.0/16 nexthop via 192.0.2.1 nexthop via 192.0.2.2 && "
-    "ip route add 10.7.0.0/16 via inet6 fe80::1 dev kv0 && ip route add 10.6.0.0/16 dev kv0 table 77";
+    "ip route add 10.7.0.0/16 via inet6 fe80::1 dev kv0 && ip route add 10.6.0.0/16 dev kv0 table 77 && "
+    "ip route add local 10.5.0.0/16 dev lo table main && ip route add broadcast 10.4.0.9 dev kv0 table main";
 
 /// A route in the words of ip(8): "10.8.0.0/16 via 192.0.2.1 dev 3 metric 0".
 std::string RouteText(const WmiRow& row) {
@@ -167,12 +180,14 @@ for route in json.load(sys.stdin):
         print("/".join(network[:2]), "via", via, "dev", index, "metric", route.get("metric", 0))')"));
     for (std::string line; std::getline(lines, line);) shown.insert(line);
     EXPECT_EQ(routes, shown);
-    EXPECT_EQ(routes.size(), 7u);
+    EXPECT_EQ(routes.size(), 9u);
     const std::pair<const char*, const char*> rows[] = {
         {"192.0.2.0", "3 2 192.0.2.0 - 255.255.255.0 - 0.0.0.0"},  // direct, by the kernel
         {"198.51.100.0", "4 3 198.51.100.0 - 255.255.255.0 - 192.0.2.1"},
         {"203.0.113.0", "4 14 203.0.113.0 - 255.255.255.0 - 192.0.2.1"},  // by BGP
         {"10.9.0.0", "1 3 10.9.0.0 - 255.255.0.0 - 0.0.0.0"},
+        {"10.5.0.0", "3 3 10.5.0.0 - 255.255.0.0 - 0.0.0.0"},
+        {"10.4.0.9", "3 3 10.4.0.9 - 255.255.255.255 - 0.0.0.0"},
     };
     for (const auto& [destination, texts] : rows) {
         const WmiRow row =

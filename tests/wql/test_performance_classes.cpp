@@ -112,6 +112,7 @@ struct Fake {
     std::uint64_t generation;
     std::uint64_t seconds;
     std::optional<std::uint64_t> value;
+    bool isBirthKnown = true;
 };
 std::vector<Fake> fakes;
 std::optional<std::string> askedKey;  // null: all are asked for
@@ -127,6 +128,7 @@ WmiStatus ReadFakes(const Gathering&, PerfSampling& sampling) {
         PerfObject object;
         object.name = object.key = fake.key;
         object.generation = fake.generation;
+        object.isBirthKnown = fake.isBirthKnown;
         sampling.Add(std::move(object), &fake, fake.seconds * second);
     }
     return wmi_status::ok;
@@ -165,6 +167,7 @@ TEST(PerformanceSamples, AreKeptForEachObjectApart) {
         {"asked for and not found", {}, "b", ""},
         {"and therefore new", {{"b", 1, 80, 8000}}, "b", "b=100"},
         {"more than the type holds: all bits set", {{"a", 2, 82, 1ULL << 40}}, {}, "a=-1 _Total=-1"},
+        {"begun after the last sample", {{"a", 2, 86, 1ULL << 40}, {"d", 1, 86, 80, false}}, {}, "a=0 d=20 _Total=20"},
         {"no objects", {}, {}, ""},
     };
     for (const auto& [title, found, asked, speeds] : steps) {

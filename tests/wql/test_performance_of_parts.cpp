@@ -154,6 +154,7 @@ TEST_F(PerformanceOfParts, ProcessesThatProcHidesAreToldOf) {
         {"NumberOfProcesses", "OperatingSystem", 1},
         {"IOReadBytesPersec", "PerfRawData_PerfProc_Process", 2},  // of others, and of this user's, who was another
         {"ReadTransferCount", "Process", 2},
+        {"ThreadCount", "PerfRawData_PerfProc_Process WHERE Name = '_Total'", 1},
     };
     for (const auto& [property, from, notices] : rows) {
         const WmiResult result = RunWmiQuery(fmt::format("SELECT {} FROM Win32_{}", property, from));

@@ -189,8 +189,14 @@ void PerfHistory::Exchange(PerfSampling& sampling) {
     for (PerfRow& row : sampling.rows) {
         keys.insert(row.object.key);
         Object& object = objects[row.object.key];
-        if (object.generation != row.object.generation) object = {row.object.generation, {}};
+        const bool isNew = object.samples.empty() || object.generation != row.object.generation;
+        if (isNew) object = {row.object.generation, {}, row.object.isBirthKnown ? row.object.birth : lastTime};
+        if (!row.object.isBirthKnown) row.object.birth = object.birth;
         row.bases = TakeBases(object.samples, row.now);
+    }
+    if (!sampling.isAsked) {
+        if (sampling.rows.empty()) lastTime = TimeSinceStart();
+        for (const PerfRow& row : sampling.rows) lastTime = std::max(lastTime, row.now->time);
     }
     std::erase_if(objects, [&](const auto& object) {
         return !keys.contains(object.first) && (!sampling.isAsked || sampling.isAsked(object.first));
@@ -224,6 +230,14 @@ std::vector<const PerfRow*> PartsOf(const PerfRow& row) {
     return parts;
 }
 
+/// Whether this user may not see all of what a total sums up. A label has no sum.
+bool LacksParts(const PerfRow& row, const std::vector<const PerfRow*>& parts, std::size_t counter) {
+    const CounterInfo& info = row.sampling->perfClass.counters[counter];
+    if (!row.isTotal || info.kind == CounterKind::label) return false;
+    const auto isUnseen = [&](const PerfRow* part) { return (part->object.unseen & info.needs) != 0; };
+    return row.sampling->lacksObjects || std::any_of(parts.begin(), parts.end(), isUnseen);
+}
+
 std::optional<Quotient> QuotientIn(const PerfRow& row, std::size_t counter) {
     const std::optional<CounterState> now = row.now->stateOf(counter);
     if (!now) return std::nullopt;
@@ -247,8 +261,10 @@ CimValue WholeFigure(CimType type, CounterKind kind, double figure) {
 CimValue ReadFigure(const void* record, const PropertyInfo& property) {
     const PerfRow& row = PerfRowAt(record);
     const CounterKind kind = CounterOf(row, property).kind;
+    const std::vector<const PerfRow*> parts = PartsOf(row);
+    if (LacksParts(row, parts, property.index)) return {};
     std::vector<Quotient> quotients;
-    for (const PerfRow* part : PartsOf(row)) {
+    for (const PerfRow* part : parts) {
         if (const std::optional<Quotient> quotient = QuotientIn(*part, property.index)) quotients.push_back(*quotient);
     }
     if (quotients.empty() || (row.isTotal && kind == CounterKind::elapsedTime)) return {};
@@ -277,9 +293,11 @@ std::optional<CounterState> RawStateOf(const Readings& readings, std::size_t cou
 std::optional<CounterState> RawStateIn(const PerfRow& row, std::size_t counter) {
     const CounterKind kind = row.sampling->perfClass.counters[counter].kind;
     if (!row.isTotal) return RawStateOf(*row.now, counter, kind);
+    const std::vector<const PerfRow*> parts = PartsOf(row);
+    if (LacksParts(row, parts, counter)) return std::nullopt;
     CounterState total;
     std::uint64_t count = 0;
-    for (const PerfRow* part : PartsOf(row)) {
+    for (const PerfRow* part : parts) {
         const std::optional<CounterState> state = RawStateOf(*part->now, counter, kind);
         if (!state) continue;
         total.value += state->value;

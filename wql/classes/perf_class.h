@@ -4,15 +4,17 @@
 // Each class keeps its own samples. Each query of the formatted class takes one; the newest that is at least a second
 // older is the base of its figures. A shorter time says nothing, so a query within a second of the last sample keeps no
 // sample, unless it reads what the last one did not. Without a base (the first query, a new object, a counter that went
-// back) the figure covers the time since the object began, at the start of the system or of the process. Samples of
-// objects that a query asks for and does not find are dropped.
+// back) the figure covers the time since the object began, at the start of the system or of the process, or, where
+// nothing tells that, after the class's last sample, which did not have it. Samples of objects that a query asks for
+// and does not find are dropped.
 //
 // Some of the kernel's counters wrap at 32 bits. Growth between two samples takes that into account. Figures since the
 // system's start and the raw class cannot.
 //
 // The figures of _Total come from those of the objects, not from a sum of counters, which would jump whenever a disk
 // appears or a process ends. Objects that belong to groups, such as the processors of a node, have a total of each
-// group too.
+// group too. What an object lacks by nature is left out of a total. Where the user may not see a part of it, the total
+// is NULL.
 #pragma once
 
 #include <array>
@@ -163,7 +165,9 @@ struct PerfObject {
     std::string key;               // differs between the objects of a class
     std::uint64_t generation = 0;  // differs between objects that have the same key one after the other
     std::uint64_t birth = 0;       // when it began to count: 100 ns since the system's start
+    bool isBirthKnown = true;      // false: some time after that
     bool isInTotal = true;         // whether _Total counts it
+    std::uint32_t unseen = 0;      // the needs that it has counters for, which this user may not see
 };
 
 struct PerfSampling;
@@ -186,6 +190,7 @@ struct PerfSampling {
     std::uint64_t systemStart = 0;  // in units of 100 ns since 1601
     unsigned processors = 1;        // for percentOfProcessors
     std::vector<PerfRow> rows;
+    bool lacksObjects = false;  // this user may not see all
 
     /// Whether WHERE names an object. Set only if no others are read; there is no _Total then.
     std::function<bool(const std::string& key)> isAsked;
@@ -210,9 +215,11 @@ struct PerfHistory {
     struct Object {
         std::uint64_t generation = 0;
         std::vector<ReadingsPtr> samples;  // oldest first
+        std::uint64_t birth = 0;           // as far as it is known
     };
     std::mutex mutex;
     std::unordered_map<std::string, Object> objects;
+    std::uint64_t lastTime = 0;  // of the newest sample of all objects
 
     /// Gives each row its bases, adds the rows' samples, and drops those of objects that were asked for and are gone.
     void Exchange(PerfSampling& sampling);

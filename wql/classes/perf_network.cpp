@@ -2,6 +2,7 @@
 // the other all adapters. Here both have all interfaces but the loopback, which Windows leaves out too: IP comes and
 // goes on an interface, and its counters stay.
 #include <algorithm>
+#include <net/if.h>
 
 #include "facts/network_devices.h"
 #include "facts/system_text.h"
@@ -73,7 +74,10 @@ WmiStatus ReadInterfaces(const Gathering& gathering, PerfSampling& sampling) {
         if (queues) row.queued = facts::QueueLengthOf(*queues, counted.name);
         PerfObject object;
         object.name = counted.name;
-        object.key = counted.name;
+        // Names are used again and change; the kernel's number does not.
+        const unsigned index = if_nametoindex(counted.name.c_str());
+        object.key = index != 0 ? std::to_string(index) : counted.name;
+        object.isBirthKnown = false;
         sampling.Add(std::move(object), &row, now);
     }
     return wmi_status::ok;

@@ -112,24 +112,24 @@ std::vector<std::uint32_t> ProcessesToRead(const Gathering& gathering, PerfSampl
     return ids;
 }
 
-/// False if this user may not read one of the parts.
-bool ReadParts(facts::ProcessFiles& files, const Gathering& gathering, Row& row) {
+/// The needs of the parts that this user may not read.
+std::uint32_t ReadParts(facts::ProcessFiles& files, const Gathering& gathering, Row& row) {
     const std::uint32_t id = row.stat.id;
-    bool mayRead = true;
+    std::uint32_t refused = 0;
     row.memory.reset();
     if (gathering.asksFor(Need::memory)) {
         if (const auto text = files.Read(id, "status")) row.memory = facts::ParseProcessStatus(*text);
-        mayRead = !files.wasRefused();
+        if (files.wasRefused()) refused |= Need::memory;
     }
     if (gathering.asksFor(Need::io)) {
         row.io = facts::ParseProcessIo(files.Read(id, "io").value_or(""));
-        mayRead = mayRead && !files.wasRefused();
+        if (files.wasRefused()) refused |= Need::io;
     }
     if (gathering.asksFor(Need::handles)) {
         row.handles = files.CountOpenFiles(id);
-        mayRead = mayRead && !files.wasRefused();
+        if (files.wasRefused()) refused |= Need::handles;
     }
-    return mayRead;
+    return refused;
 }
 
 /// How many processes had each name so far.
@@ -171,14 +171,16 @@ WmiStatus ReadProcesses(const Gathering& gathering, PerfSampling& sampling) {
             continue;
         }
         row.stat = std::move(*stat);
-        unseen.See(id, ReadParts(files, gathering, row));
         PerfObject object;
+        object.unseen = ReadParts(files, gathering, row);
+        unseen.See(id, object.unseen == 0);
         if (gathering.asksFor(Need::name)) object.name = NumberedName(names, ExecutableName(files, row.stat));
         object.key = std::to_string(id);
         object.generation = row.stat.startTicks;
         object.birth = facts::TimeOfTicks(row.stat.startTicks);
         sampling.Add(std::move(object), &row, now);
     }
+    sampling.lacksObjects = unseen.areAnyMissing(files);
     unseen.Tell(files, gathering);
     // If /proc does not even show this process, finding no others says nothing.
     const bool canRead = !sampling.rows.empty() || platform::ReadSystemFile("/proc/self/stat");

@@ -242,10 +242,13 @@ void UnseenProcesses::Miss(bool isRefused) {
     if (isRefused) ++refused_;
 }
 
+bool UnseenProcesses::areOthersHidden(facts::ProcessFiles& files) const {
+    const bool mayBeMissing = !isFirstSeen_ && (!areNamed_ || isAnyMissed_);
+    return mayBeMissing && !files.Read(firstProcess, "stat");
+}
+
 void UnseenProcesses::Tell(facts::ProcessFiles& files, const Gathering& gathering) const {
-    const bool mayOthersBeMissing = !isFirstSeen_ && (!areNamed_ || isAnyMissed_);
-    if (mayOthersBeMissing && !files.Read(firstProcess, "stat"))
-        gathering.notice("Processes of other users were left out: /proc does not show them");
+    if (areOthersHidden(files)) gathering.notice("Processes of other users were left out: /proc does not show them");
     if (refused_ > 0)
         gathering.notice(fmt::format("{} processes were left out: this user may not read them", refused_));
     if (withoutParts_ > 0)

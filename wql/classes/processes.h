@@ -23,10 +23,15 @@ class UnseenProcesses {
 
     bool isAnySeen() const { return isAnySeen_; }
 
+    /// Whether there may be processes that this user does not get to see.
+    bool areAnyMissing(facts::ProcessFiles& files) const { return refused_ > 0 || areOthersHidden(files); }
+
     /// Tells what is missing from the answer.
     void Tell(facts::ProcessFiles& files, const Gathering& gathering) const;
 
   private:
+    bool areOthersHidden(facts::ProcessFiles& files) const;
+
     bool areNamed_;
     bool isAnySeen_ = false;
     bool isFirstSeen_ = false;  // the first process, which is always there
