@@ -102,14 +102,17 @@ TEST_F(WmiNetwork, CountsTcpAsNstatAndSsDo) {
     EXPECT_EQ(PropertyText(OnlyRow("SELECT * FROM Win32_PerfRawData_Tcpip_TCPv6"), "SegmentsPersec"), "NULL");
 }
 
+/// kv0 can send to 192.0.2.78.
+constexpr const char* sender =
+    "ip link add kv0 type veth peer name kv1 && ip address add 192.0.2.77/24 dev kv0 && ip link set kv1 up && "
+    "ip link set kv0 up && ip neigh add 192.0.2.78 lladdr 02:00:00:00:0a:0b dev kv0";
+
 TEST_F(WmiNetwork, HasTheQueuesThatTcShows) {
     if (!IsInNamespaces()) {
-        return RunInNamespaces("--net",
-                               "(echo 1 > /proc/sys/net/ipv6/conf/default/disable_ipv6 || true) && "
-                               "ip link add kv0 type veth peer name kv1 && ip address add 192.0.2.77/24 dev kv0 && "
-                               "ip link set kv1 up && ip link set kv0 up && ip link add kv2 type veth peer name kv3 && "
-                               "ip neigh add 192.0.2.78 lladdr 02:00:00:00:0a:0b dev kv0 && "
-                               "tc qdisc add dev kv0 root tbf rate 8bit burst 1540 limit 100000");
+        return RunInNamespaces(
+            "--net", std::string("(echo 1 > /proc/sys/net/ipv6/conf/default/disable_ipv6 || true) && ") + sender +
+                         " && ip link add kv2 type veth peer name kv3 && "
+                         "tc qdisc add dev kv0 root tbf rate 8bit burst 1540 limit 100000");
     }
     const Descriptor datagrams(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     sockaddr_in to{AF_INET, htons(9), {inet_addr("192.0.2.78")}, {}};
@@ -130,9 +133,7 @@ TEST_F(WmiNetwork, HasTheQueuesThatTcShows) {
             EXPECT_EQ(PropertyText(idle, "OutputQueueLength"), "0") << name << other;
         }
     }
-    Shell(
-        "ip link del kv0 && ip link add kv0 type veth peer name kv1 && ip address add 192.0.2.77/24 dev kv0 && "
-        "ip link set kv1 up && ip link set kv0 up && ip neigh add 192.0.2.78 lladdr 02:00:00:00:0a:0b dev kv0");
+    Shell(std::string("ip link del kv0 && ") + sender);
     sendSome(100);
     for (const char* name : {"NetworkAdapter", "NetworkInterface"}) {
         const std::string from = std::string("Win32_PerfFormattedData_Tcpip_") + name + " WHERE Name = 'kv0'";
