@@ -17,7 +17,7 @@ namespace kv::facts {
 
 namespace {
 
-/// What is kept of all logs, and how many are looked at, which may each have too much: one a month for years.
+/// What is kept of all logs, and how many are looked at, each of which may have too much: one a month for years.
 constexpr std::size_t maxBytes = 2 * maxDpkgLogBytes;
 constexpr std::size_t maxLogs = 100;
 
@@ -125,7 +125,9 @@ DpkgLogs ReadDpkgLogs(const std::string& folder) {
     std::error_code failure;
     const std::vector<std::string> paths = LogsIn(folder, failure);
     if (failure && failure != std::errc::no_such_file_or_directory) logs.unreadable.push_back(folder);
-    for (std::size_t at = 0; at < paths.size() && logs.areAll; ++at) {
+    for (std::size_t at = 0; at < paths.size(); ++at) {
+        logs.areAll = logs.areAll && at < maxLogs;
+        if (!logs.areAll) break;
         std::optional<std::string> text = ReadLog(paths[at], maxDpkgLogBytes);
         if (!text) {
             logs.unreadable.push_back(paths[at]);
@@ -133,7 +135,7 @@ DpkgLogs ReadDpkgLogs(const std::string& folder) {
             logs.tooLong.push_back(paths[at]);
         } else {
             bytes += text->size();
-            logs.areAll = bytes <= maxBytes && at < maxLogs;
+            logs.areAll = bytes <= maxBytes;
             if (logs.areAll) logs.texts.push_back(std::move(*text));
         }
     }

@@ -19,7 +19,7 @@ bool SendRequest(int netlink, std::uint16_t type, std::string_view request) {
     header.nlmsg_type = type;
     header.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
     const std::string message = std::string(BytesOf(header)) + std::string(request);
-    constexpr timeval silence{1, 0};
+    constexpr timeval silence{1, 0};  // seconds; the kernel answers at once or not at all
     return setsockopt(netlink, SOL_SOCKET, SO_RCVTIMEO, &silence, sizeof(silence)) == 0 &&
            send(netlink, message.data(), message.size(), 0) == static_cast<ssize_t>(message.size());
 }

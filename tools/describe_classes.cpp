@@ -16,9 +16,10 @@ using platform::Utf8FromWide;
 
 constexpr std::string_view introduction = R"(# WMI classes on Linux
 
-Each class of `ROOT\CIMV2` that the agent answers on Linux, with its properties, their types, and what
-their values are: unit and source. This page is made by `describe_classes` from the tables in
-`wql/classes/`. [plans.md](plans.md) says how to ask, and lists the classes by what they are used for.
+Each class of `ROOT\CIMV2` that the agent answers on Linux, with its properties, their types, and
+what their values are: unit and source. This page is made by `describe_classes` from the tables in
+`wql/classes/`. [plans.md](plans.md) says how to ask, and lists the classes by what they are used
+for.
 
 The tables include what a class inherits. Properties that Linux has no value for are listed after
 each table: they can be asked for and are NULL.
