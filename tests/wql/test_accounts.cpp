@@ -1,6 +1,7 @@
 // Accounts, sessions and processes, and what a user may not see of them.
 #include <fstream>
 #include <gmock/gmock.h>
+#include <set>
 #include <sys/prctl.h>
 #include <unistd.h>
 #include <utmp.h>
@@ -147,6 +148,44 @@ TEST(LogonKinds, FollowFromTheLoginManagersWords) {
         {"greeter", false, std::nullopt},        {"lock-screen", false, std::nullopt},
     };
     for (const auto& [word, isRemote, kind] : rows) EXPECT_EQ(facts::LogonKindOf(word, isRemote), kind) << word;
+}
+
+TEST_F(WmiTest, ListsTheSessionsInTheFilesOfTheLoginManager) {
+    if (!IsInNamespaces())
+        return RunInNamespaces("--mount", "mount -t tmpfs none /run && mkdir -p /run/systemd/sessions");
+    const std::string folder = "/run/systemd/sessions/";
+    const std::string head = "# This is private data. Do not parse.\n";
+    std::ofstream(folder + "3") << head +
+                                       "UID=1000\nUSER=ann\nACTIVE=1\nSTATE=active\nREMOTE=1\nTYPE=tty\nCLASS=user\n"
+                                       "FIFO=/run/systemd/sessions/3.ref\nTTY=pts/0\nREMOTE_HOST=192.0.2.1\n"
+                                       "SERVICE=sshd\nLEADER=71\nREALTIME=1750000000123456\nMONOTONIC=5\n";
+    RunShell("mkfifo " + folder + "3.ref");
+    std::ofstream(folder + "c2") << head +
+                                        "UID=0\nACTIVE=1\nIS_DISPLAY=1\nSTATE=active\nREMOTE=0\nTYPE=x11\nCLASS=user\n"
+                                        "SEAT=seat0\nTTY=tty2\nDISPLAY=:0\nSERVICE=gdm-password\nVTNR=2\n";
+    std::ofstream(folder + "c4") << head +
+                                        "UID=0\nUSER=root\nSTATE=online\nREMOTE=0\nTYPE=unspecified\n"
+                                        "CLASS=background\nSERVICE=cron\nREALTIME=1750000000000000\n";
+    std::ofstream(folder + "5") << head + "UID=1000\nUSER=ann\nSTATE=closing\nREMOTE=0\nCLASS=user\nTTY=tty3\n";
+    std::ofstream(folder + "c1") << head + "UID=105\nUSER=gdm\nSTATE=online\nREMOTE=0\nCLASS=greeter\nTTY=tty1\n";
+    std::vector<std::string> sessions;
+    for (const WmiRow& row : RunWmiQuery("SELECT * FROM Win32_LogonSession").rows)
+        sessions.push_back(PropertyTexts(row, "LogonId,LogonType,AuthenticationPackage,Caption,StartTime"));
+    const std::string start = RunShell("date -d @1750000000 +%Y%m%d%H%M%S").output;
+    EXPECT_THAT(sessions, testing::UnorderedElementsAre(
+                              testing::StartsWith("3 10 sshd pts/0 from 192.0.2.1 " + start + ".123456"),
+                              "c2 2 gdm-password tty2 NULL", testing::StartsWith("c4 4 cron NULL " + start)));
+    std::set<std::string> users;
+    for (const WmiRow& row : RunWmiQuery("SELECT * FROM Win32_LoggedOnUser").rows) {
+        const std::string user = PropertyText(row, "Antecedent"), session = PropertyText(row, "Dependent");
+        users.insert(user.substr(user.find("Name=")) + " " + session.substr(session.find("LogonId=")));
+    }
+    EXPECT_EQ(users, (std::set<std::string>{"Name=\"ann\" LogonId=\"3\"", "Name=\"root\" LogonId=\"c2\"",
+                                            "Name=\"root\" LogonId=\"c4\""}));
+    EXPECT_EQ(PropertyText(RunWmiQuery("SELECT NumberOfUsers FROM Win32_OperatingSystem").rows.at(0), "NumberOfUsers"),
+              "2");
+    EXPECT_EQ(PropertyText(RunWmiQuery("SELECT UserName FROM Win32_ComputerSystem").rows.at(0), "UserName"),
+              RunShell("printf '%s\\\\root' $(hostname -s)").output);
 }
 
 TEST_F(WmiTest, ListsTheSessionsOfTheLoginManager) {
