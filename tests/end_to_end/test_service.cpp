@@ -2,7 +2,9 @@
 #include <chrono>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <iterator>
 #include <set>
+#include <sstream>
 
 #include "foundation/registry_store.h"
 #include "tests/end_to_end/boxed_system.h"
@@ -175,13 +177,29 @@ TEST_F(Service, LosesNothingWhenStoppedInACollectionOrAnUpload) {
     EXPECT_EQ(AcceptedTexts(), std::vector<std::string>{"One"});
 }
 
+std::set<std::string> NamesIn(const std::string& answer) {
+    constexpr std::string_view before = "\"Name\": \"";
+    std::set<std::string> names;
+    for (std::size_t at = answer.find(before); at != answer.npos; at = answer.find(before, at + 1)) {
+        const std::size_t start = at + before.size();
+        names.insert(answer.substr(start, answer.find('"', start) - start));
+    }
+    return names;
+}
+
+std::set<std::string> WordsIn(const std::string& text) {
+    std::istringstream words(text);
+    return {std::istream_iterator<std::string>(words), {}};
+}
+
 TEST_F(Service, ServesRequestsThatActOnTheComputer) {
     RunInBox(
         "write() { printf '[Unit]\\n'\"$2\"'[Service]\\n'\"$3\" >/etc/systemd/system/$1.service; }\n"
         "write hub '' 'ExecStart=sleep infinity\\n'\n"
         "write spoke 'Requires=hub.service\\nAfter=hub.service\\n' 'ExecStart=sleep infinity\\n'\n"
         "write unready '' 'Type=notify\\nExecStart=sleep infinity\\nTimeoutStartSec=1\\n'\n"
-        "systemctl daemon-reload; systemctl start spoke");
+        "printf '[Timer]\\nOnCalendar=03:10\\nUnit=hub.service\\n' >/etc/systemd/system/daily.timer\n"
+        "systemctl daemon-reload; systemctl start spoke daily.timer");
     InstallAndStart();
 
     const char* query = "TEST_MONITOR --set \"WMIQUERY=SELECT State FROM Win32_Service WHERE Name = 'spoke'\"";
@@ -198,6 +216,9 @@ TEST_F(Service, ServesRequestsThatActOnTheComputer) {
         {"a service that starts", "START_SERVICE --set SERVICE_NAME=hub", R"([ { "M": "STARTED" } ])"},
         {"a service that is never ready", "START_SERVICE --set SERVICE_NAME=unready", R"([ { "M": "FAILED" } ])"},
         {"an unknown service", "START_SERVICE --set SERVICE_NAME=nothing", "Unable to start Service"},
+        {"timers", "TEST_MONITOR --set 'WMIQUERY=SELECT Name FROM Win32_ScheduledJob WHERE Name LIKE \"%.timer\"'",
+         "daily.timer"},
+        {"what starts", "TEST_MONITOR --set 'WMIQUERY=SELECT Name FROM Win32_StartupCommand'", "corvinel"},
     };
     const std::string command =
         "request add --no-flag --agent LAB1 --set MONITOR_NAME=M --set RESPONSE_NEEDED=YES --type ";
@@ -211,6 +232,12 @@ TEST_F(Service, ServesRequestsThatActOnTheComputer) {
         EXPECT_THAT(*answer(), testing::HasSubstr(cases[at].answer));
     }
     EXPECT_EQ(RunInBox("systemctl is-active hub spoke"), "active\ninactive");
+    const auto names = [&](std::size_t at) { return NamesIn(*agent.RunKvlab("request answers --id " + ids[at])); };
+    EXPECT_EQ(names(ids.size() - 2), WordsIn(RunInBox("systemctl list-timers --no-legend | awk '{print $(NF - 1)}'")));
+    // Instances are listed as their template.
+    EXPECT_THAT(WordsIn(RunInBox("systemctl list-unit-files --no-legend --type=service --state=enabled | "
+                                 "sed '/@/d; s/\\.service .*//'")),
+                testing::IsSubsetOf(names(ids.size() - 1)));
 }
 
 TEST_F(Service, StopsBesideASilentServer) {
