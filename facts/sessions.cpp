@@ -4,6 +4,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <map>
 #include <memory>
 #include <system_error>
@@ -91,6 +92,18 @@ RecordedSessions ReadManagedSessions() {
 /// As who(1) finds it out: a number that cannot be a process's says nothing.
 bool HasEnded(pid_t process) { return process > 0 && kill(process, 0) != 0 && errno == ESRCH; }
 
+/// False in a namespace of processes, where those of sessions elsewhere seem to have ended.
+bool SeesAllProcesses() {
+    std::error_code failure;
+    return std::filesystem::read_symlink("/proc/self/ns/pid", failure) == "pid:[4026531836]";  // the kernel's first
+}
+
+std::vector<Session> SessionsOfUtmp(std::string_view utmp) {
+    std::vector<Session> sessions = ParseSessions(utmp, HasEnded);
+    if (sessions.empty() && !SeesAllProcesses()) sessions = ParseSessions(utmp, [](pid_t) { return false; });
+    return sessions;
+}
+
 }  // namespace
 
 std::optional<LogonKind> LogonKindOf(std::string_view sessionClass, bool isRemote) {
@@ -133,7 +146,7 @@ RecordedSessions ReadLogons() {
     if (!managed.sessions.empty()) return managed;
     const std::optional<std::string> file = platform::ReadSystemFile(_PATH_UTMP);
     const int failure = errno;
-    if (file) return {.sessions = ParseSessions(*file, HasEnded), .areRecorded = true};
+    if (file) return {.sessions = SessionsOfUtmp(*file), .areRecorded = true};
     if (!managed.areRecorded && managed.failure == 0 && failure != ENOENT) managed.failure = failure;
     return managed;
 }

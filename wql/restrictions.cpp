@@ -144,15 +144,20 @@ Ranges RangesOfOperands(const BoundCondition& condition, void (*join)(Ranges&, R
 
 Leeway LeewayOf(const BoundCondition& condition) { return {RestrictionsOf(condition), RangesOf(condition)}; }
 
+void Narrow(Leeway& way, const Leeway& other) {
+    Narrow(way.restrictions, other.restrictions);
+    Intersect(way.ranges, other.ranges);
+}
+
 /// For AND: every combination of a way of one side and one of the other.
 void Combine(std::vector<Leeway>& ways, const std::vector<Leeway>& others) {
+    if (others.size() == 1) {
+        for (Leeway& way : ways) Narrow(way, others.front());
+        return;
+    }
     const std::vector<Leeway> alone = std::exchange(ways, {});
     for (const Leeway& one : alone) {
-        for (const Leeway& other : others) {
-            Leeway& both = ways.emplace_back(one);
-            Narrow(both.restrictions, other.restrictions);
-            Intersect(both.ranges, other.ranges);
-        }
+        for (const Leeway& other : others) Narrow(ways.emplace_back(one), other);
     }
 }
 

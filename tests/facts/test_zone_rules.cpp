@@ -2,7 +2,6 @@
 #include <algorithm>
 #include <chrono>
 #include <gtest/gtest.h>
-#include <ranges>
 
 #include "facts/local_time.h"
 #include "facts/system_text.h"
@@ -38,7 +37,8 @@ TEST(ZoneRules, EqualTheCLibrarys) {
         const Zone zone = ReadZone();
         ASSERT_TRUE(zone.rules.has_value()) << zone.name;
         const std::vector<CalendarTime> times = MonthlyTimes();
-        const auto [least, most] = std::ranges::minmax(times | std::views::transform(&CalendarTime::minutesEast));
+        const auto ends = std::ranges::minmax_element(times, {}, &CalendarTime::minutesEast);
+        const auto least = ends.min->minutesEast, most = ends.max->minutesEast;
         for (const CalendarTime& time : times)
             EXPECT_EQ(IsSummerTime(time, zone.rules), time.minutesEast > least) << zone.name;
         EXPECT_EQ(zone.rules->minutesEast, least) << zone.name;

@@ -221,9 +221,11 @@ std::vector<facts::PackageUpdate> ReadUpdates(Reading& reading) {
         const WmiStatus failure = FailedFile(path, "Updates", reading.gathering);
         if (logs.texts.empty()) reading.fail(failure);
     }
-    for (const std::string& path : logs.tooLong)
+    for (const std::string& path : logs.tooLong) {
         reading.gathering.notice(
             fmt::format("Updates were left out; {} has more than {} MB", path, facts::maxDpkgLogBytes >> 20));
+        if (logs.texts.empty()) reading.fail(wmi_status::providerFailure);
+    }
     if (!logs.areAll) reading.gathering.notice("Updates in the oldest logs of dpkg were left out: there is too much");
     return facts::ParseDpkgLogs(logs.texts);
 }
