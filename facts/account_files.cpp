@@ -52,7 +52,7 @@ PasswordEntry PasswordFacts(std::string_view password) {
     return entry;
 }
 
-/// The first day on which a password is too old to let its owner in; absent if there is none.
+/// The first day on which a password is too old to let its owner in; absent if that day never comes.
 std::optional<std::int64_t> EndOfPassword(const spwd& shadow) {
     constexpr long lastDay = 10'000'000;             // sums of such days fit into a long; the year is 29000
     if (shadow.sp_lstchg == 0) return std::nullopt;  // it must be changed at the next login

@@ -34,7 +34,7 @@ class LocalUsers {
   public:
     LocalUsers();
 
-    /// False if the file cannot be read; then there are none.
+    /// False if the file cannot be read; then no user is known.
     bool areKnown() const { return areKnown_; }
 
     /// The name of a number, which is decimal; the number itself if it is not a local user's.

@@ -62,7 +62,7 @@ bool Answers(const std::string& path, const std::vector<Mount>& mounts) {
     });
 }
 
-/// Follows the first link of a path that answers. False if there is none, or what follows may not answer.
+/// Follows the first link of a path that answers. False if the path has no link, or what follows may not answer.
 bool FollowFirstLink(fs::path& path, const std::vector<Mount>& mounts) {
     fs::path done;
     for (auto part = path.begin(); part != path.end(); ++part) {

@@ -172,7 +172,7 @@ bool IsOverdue(const JournalSelection& selection, JournalReading& reading) {
 
 constexpr std::uint64_t entriesBetweenLooksAtTheClock = 1024;
 
-/// Goes to the next older entry of the selection: 1, 0 when there is none or the limit has passed, or a failure.
+/// Goes to the next older entry of the selection: 1, 0 after the oldest or when the limit has passed, or a failure.
 int StepBack(JournalFile& file, const JournalSelection& selection, JournalReading& reading) {
     for (std::uint64_t steps = 1;; ++steps) {
         int result = Step(file, sd_journal_previous);

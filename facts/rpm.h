@@ -11,7 +11,7 @@
 
 namespace kv::facts {
 
-/// The folder below a root that holds rpm's database, or may, because it cannot be looked into; empty if there is none.
+/// The folder below a root that holds rpm's database, or may, because it cannot be looked into; empty without one.
 std::string FindRpmDatabase(const std::string& root = "");
 
 /// The words of a command that lists the packages of a database; empty if none of the names can be that of a package.

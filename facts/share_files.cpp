@@ -127,7 +127,7 @@ struct Reading {
         notice(path + " cannot be read: its shares are left out");
     }
 
-    /// The text of a file; absent if there is no such file, or it cannot be read.
+    /// The text of a file; absent if it does not exist or cannot be read.
     std::optional<std::string> textOf(const std::string& path) {
         std::optional<std::string> text = platform::ReadOrdinaryFile(path, maxConfigBytes);
         const int failure = errno;

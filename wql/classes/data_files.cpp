@@ -257,7 +257,7 @@ class FileGathering {
 
     Row& row() { return row_; }
 
-    /// Fills in what is told of the file at a path. False if there is none, or it is a folder.
+    /// Fills in what is told of the file at a path. False if nothing is there, or a folder.
     bool read(const std::string& path) {
         const auto answer = std::make_shared<std::pair<int, FileStatus>>();
         const auto question = [path, answer] { answer->first = facts::ReadFileStatus(path, answer->second); };
