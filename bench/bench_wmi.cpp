@@ -27,7 +27,7 @@
 #include "foundation/vector.h"
 #include "platform/backend.h"
 #include "platform/utf.h"
-#include "wql/classes/event_log.h"
+#include "wql/classes/system/event_log.h"
 #include "wql/query.h"
 
 namespace {

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <iterator>
 
-#include "facts/host_names.h"
+#include "facts/network/host_names.h"
 #include "wql/class_tree.h"
 
 namespace kv::wql {

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 #include <utility>
 
-#include "facts/account_files.h"
+#include "facts/accounts/account_files.h"
 
 namespace kv::test {
 namespace {

@@ -2,8 +2,8 @@
 #include <gtest/gtest.h>
 #include <utility>
 
-#include "facts/computer_facts.h"
-#include "facts/host_names.h"
+#include "facts/hardware/computer_facts.h"
+#include "facts/network/host_names.h"
 
 namespace kv::test {
 namespace {

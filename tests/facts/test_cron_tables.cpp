@@ -2,8 +2,8 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
-#include "facts/cron_tables.h"
-#include "facts/job_days.h"
+#include "facts/schedule/cron_tables.h"
+#include "facts/schedule/job_days.h"
 #include "tests/support/linux/zone_setting.h"
 
 namespace kv::test {

@@ -5,11 +5,11 @@
 #include <tuple>
 #include <vector>
 
-#include "facts/perf_texts.h"
-#include "facts/processor_clock.h"
-#include "facts/processor_nodes.h"
-#include "facts/shared_objects.h"
-#include "facts/tcp_connections.h"
+#include "facts/hardware/processor_clock.h"
+#include "facts/hardware/processor_nodes.h"
+#include "facts/network/tcp_connections.h"
+#include "facts/processes/perf_texts.h"
+#include "facts/processes/shared_objects.h"
 
 namespace kv::test {
 namespace {

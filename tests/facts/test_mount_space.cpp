@@ -5,7 +5,7 @@
 #include <memory>
 #include <semaphore>
 
-#include "facts/mount_space.h"
+#include "facts/storage/mount_space.h"
 
 namespace kv::test {
 namespace {

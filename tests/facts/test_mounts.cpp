@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 #include <tuple>
 
-#include "facts/mounts.h"
+#include "facts/storage/mounts.h"
 
 namespace kv::test {
 namespace {

@@ -15,12 +15,12 @@
 #include <tuple>
 #include <vector>
 
-#include "facts/echo.h"
-#include "facts/name_lookup.h"
-#include "facts/netlink.h"
-#include "facts/network_devices.h"
-#include "facts/routes.h"
-#include "facts/share_files.h"
+#include "facts/network/echo.h"
+#include "facts/network/name_lookup.h"
+#include "facts/network/netlink.h"
+#include "facts/network/network_devices.h"
+#include "facts/network/routes.h"
+#include "facts/network/share_files.h"
 
 namespace kv::test {
 namespace {

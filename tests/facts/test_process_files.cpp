@@ -2,7 +2,7 @@
 #include <gtest/gtest.h>
 #include <tuple>
 
-#include "facts/process_files.h"
+#include "facts/processes/process_files.h"
 
 namespace kv::test {
 namespace {

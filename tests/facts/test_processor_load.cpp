@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 #include <tuple>
 
-#include "facts/processor_load.h"
+#include "facts/hardware/processor_load.h"
 
 namespace kv::test {
 namespace {

@@ -2,7 +2,7 @@
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 
-#include "facts/swaps.h"
+#include "facts/storage/swaps.h"
 
 namespace kv::test {
 namespace {

@@ -2,8 +2,8 @@
 #include <gtest/gtest.h>
 #include <tuple>
 
-#include "facts/mount_space.h"
-#include "facts/volume_facts.h"
+#include "facts/storage/mount_space.h"
+#include "facts/storage/volume_facts.h"
 
 namespace kv::test {
 namespace {

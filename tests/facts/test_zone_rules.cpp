@@ -3,9 +3,9 @@
 #include <chrono>
 #include <gtest/gtest.h>
 
-#include "facts/local_time.h"
+#include "facts/schedule/local_time.h"
+#include "facts/schedule/zone_rules.h"
 #include "facts/system_text.h"
-#include "facts/zone_rules.h"
 #include "platform/linux/system_file.h"
 #include "tests/support/linux/zone_setting.h"
 

@@ -10,9 +10,9 @@
 #include "tests/support/linux/namespaces.h"
 #include "tests/support/linux/nobody.h"
 #include "tests/support/linux/shell.h"
-#include "wql/classes/accounts.h"
-#include "wql/classes/logons.h"
-#include "wql/classes/processes.h"
+#include "wql/classes/software/processes.h"
+#include "wql/classes/system/accounts.h"
+#include "wql/classes/system/logons.h"
 
 namespace kv::test {
 namespace {

@@ -2,15 +2,15 @@
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 
-#include "facts/distribution.h"
+#include "facts/software/distribution.h"
 #include "tests/support/linux/gathered_texts.h"
 #include "tests/support/linux/shell.h"
 #include "tests/support/linux/smbios_bytes.h"
 #include "tests/support/test_folder.h"
-#include "wql/classes/computer_system.h"
-#include "wql/classes/enclosure_and_boards.h"
-#include "wql/classes/firmware_classes.h"
-#include "wql/classes/physical_memory.h"
+#include "wql/classes/hardware/enclosure_and_boards.h"
+#include "wql/classes/hardware/firmware_classes.h"
+#include "wql/classes/hardware/physical_memory.h"
+#include "wql/classes/system/computer_system.h"
 
 namespace kv::test {
 namespace {

@@ -11,7 +11,7 @@
 #include "tests/support/linux/gathered_texts.h"
 #include "tests/support/linux/shell.h"
 #include "tests/support/linux/zone_setting.h"
-#include "wql/classes/scheduled_jobs.h"
+#include "wql/classes/software/scheduled_jobs.h"
 
 namespace kv::test {
 namespace {

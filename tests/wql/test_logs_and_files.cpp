@@ -8,8 +8,8 @@
 #include <thread>
 #include <unistd.h>
 
-#include "facts/hanging_mounts.h"
-#include "facts/journal_limit.h"
+#include "facts/logs/journal_limit.h"
+#include "facts/storage/hanging_mounts.h"
 #include "tests/support/linux/gathered_texts.h"
 #include "tests/support/linux/nobody.h"
 #include "tests/support/linux/shell.h"
@@ -17,8 +17,8 @@
 #include "tests/support/test_folder.h"
 #include "tests/support/wmi_query.h"
 #include "wql/class_tree.h"
-#include "wql/classes/data_files.h"
-#include "wql/classes/event_log.h"
+#include "wql/classes/storage/data_files.h"
+#include "wql/classes/system/event_log.h"
 #include "wql/query.h"
 
 namespace kv::test {

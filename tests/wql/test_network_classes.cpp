@@ -25,7 +25,7 @@
 #include "tests/support/linux/namespaces.h"
 #include "tests/support/linux/shell.h"
 #include "tests/support/wmi_query.h"
-#include "wql/classes/shares.h"
+#include "wql/classes/network/shares.h"
 
 namespace kv::test {
 namespace {

@@ -20,7 +20,7 @@
 #include "tests/support/wmi_query.h"
 #include "wql/cim_value.h"
 #include "wql/class_tree.h"
-#include "wql/classes/perf_class.h"
+#include "wql/classes/performance/perf_class.h"
 
 namespace kv::test {
 namespace {

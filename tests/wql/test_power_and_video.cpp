@@ -3,11 +3,11 @@
 #include <gmock/gmock.h>
 #include <sys/utsname.h>
 
-#include "facts/devices.h"
+#include "facts/hardware/devices.h"
 #include "tests/support/linux/gathered_texts.h"
 #include "tests/support/linux/shell.h"
-#include "wql/classes/batteries.h"
-#include "wql/classes/video_controllers.h"
+#include "wql/classes/hardware/batteries.h"
+#include "wql/classes/hardware/video_controllers.h"
 
 namespace kv::test {
 namespace {

@@ -9,7 +9,7 @@
 #include "tests/support/linux/nobody.h"
 #include "tests/support/linux/shell.h"
 #include "tests/support/linux/zone_setting.h"
-#include "wql/classes/products.h"
+#include "wql/classes/software/products.h"
 
 namespace kv::test {
 namespace {

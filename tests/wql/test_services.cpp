@@ -10,7 +10,7 @@
 #include "tests/support/linux/fake_systemd.h"
 #include "tests/support/wmi_query.h"
 #include "wql/class_tree.h"
-#include "wql/classes/services.h"
+#include "wql/classes/software/services.h"
 
 namespace kv::test {
 namespace {

@@ -17,7 +17,7 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
-#include "facts/mount_space.h"
+#include "facts/storage/mount_space.h"
 #include "facts/system_text.h"
 #include "tests/support/linux/namespaces.h"
 #include "tests/support/linux/shell.h"

@@ -4,9 +4,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "facts/volume_facts.h"
+#include "facts/storage/volume_facts.h"
 #include "tests/support/linux/gathered_texts.h"
-#include "wql/classes/storage_sources.h"
+#include "wql/classes/storage/storage_sources.h"
 
 namespace kv::test {
 namespace {

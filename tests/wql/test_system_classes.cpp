@@ -7,15 +7,15 @@
 #include <gmock/gmock.h>
 #include <unistd.h>
 
-#include "facts/distribution.h"
-#include "facts/local_time.h"
+#include "facts/schedule/local_time.h"
+#include "facts/schedule/zone_rules.h"
+#include "facts/software/distribution.h"
 #include "facts/system_text.h"
-#include "facts/zone_rules.h"
 #include "tests/support/linux/gathered_texts.h"
 #include "tests/support/linux/shell.h"
 #include "tests/support/linux/smbios_bytes.h"
 #include "tests/support/linux/zone_setting.h"
-#include "wql/classes/processor.h"
+#include "wql/classes/hardware/processor.h"
 
 namespace kv::test {
 namespace {

@@ -5,7 +5,7 @@
 #include <system_error>
 #include <utility>
 
-#include "facts/process_files.h"
+#include "facts/processes/process_files.h"
 #include "facts/system_text.h"
 #include "platform/linux/systemd/units.h"
 
