@@ -64,6 +64,11 @@ struct NotFoundError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
+/// Ends a command whose result is an exit code of its own; what it had to print is printed.
+struct ExitWith {
+    int code;
+};
+
 bool Has(const Given& given, std::string_view name);
 
 /// The first value of an option, or a word; the fallback when it is absent.

@@ -263,6 +263,8 @@ int RunCommandLine(const Program& program, const std::vector<std::string>& words
         }
         FlushOutput();
         return success;
+    } catch (const ExitWith& result) {
+        return std::fflush(stdout) == 0 ? result.code : failure;
     } catch (const UsageError& error) {
         return Failure(program, wrongUsage, error.what(), fmt::format(" (see {} --help)", program.name));
     } catch (const NotFoundError& error) {

@@ -211,9 +211,21 @@ void AppendToLog(std::string_view text) noexcept {
     }
 }
 
+namespace {
+
+/// Gives the line to whoever listens in the place of the log; false when nobody does.
+bool ToListener(const char* format, std::span<const LogArgument> arguments) {
+    const std::lock_guard lock(logState.streamMutex);
+    if (logState.listener) logState.listener(PrintedLogText(format, arguments));
+    return logState.listener != nullptr;
+}
+
+}  // namespace
+
 void WriteLogLine(const char* format, std::span<const LogArgument> arguments) noexcept {
     try {
         if (!LineBound::Admits(format)) return;
+        if (ToListener(format, arguments)) return;
         const std::string prefixed = PrefixLogFormat(format);
         const std::string line = PrintedLogText(prefixed, arguments);
         if (logState.isToolkitLog) logState.makeToolkitRoom(line);

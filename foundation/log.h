@@ -10,6 +10,7 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <span>
@@ -48,6 +49,10 @@ struct LogState {
     /// Keeps the stream open between a line's test and its write; held for one line, or while the stream changes files.
     /// Nobody takes the rotation's resource lock while holding it.
     std::mutex streamMutex;
+
+    /// Takes each line, without its date, in the place of the log; for programs that are not the agent. Null in the
+    /// agent. Guarded by streamMutex.
+    std::function<void(std::string_view line)> listener;
 
     /// Called with the counter when it has passed the limit; null before RotateLogger sets it.
     int (*rotate)(std::uint32_t count) = nullptr;

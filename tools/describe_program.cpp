@@ -10,21 +10,34 @@
 
 #include "commandline/describe.h"
 #include "lab/kvlab.h"
-#include "tools/kvreg_commands.h"
+#include "tools/kvagentctl/program.h"
+#include "tools/kvreg/kvreg_commands.h"
+
+namespace {
+
+/// Null for an unknown name.
+const kv::commandline::Program* Named(std::string_view name) {
+    if (name == "kvagentctl") return &kv::ControlTool();
+    if (name == "kvreg") return &kv::RegistryTool();
+    if (name == "kvlab") return &kv::lab::LabProgram();
+    return nullptr;
+}
+
+}  // namespace
 
 int main(int argc, char** argv) {
     const std::string_view name = argc > 1 ? argv[1] : "";
     const std::string_view kind = argc > 2 ? argv[2] : "";
-    const bool isKnown = name == "kvreg" || name == "kvlab";
+    const kv::commandline::Program* program = Named(name);
     std::string text;
-    if (isKnown && kind == "bash") {
-        text = kv::commandline::BashCompletion(name == "kvreg" ? kv::RegistryTool() : kv::lab::LabProgram());
-    } else if (isKnown && kind == "man" && argc > 3) {
+    if (program && kind == "bash") {
+        text = kv::commandline::BashCompletion(*program);
+    } else if (program && kind == "man" && argc > 3) {
         std::ifstream file(argv[3]);
         const std::string pageTemplate(std::istreambuf_iterator<char>(file), {});
-        text = kv::commandline::ManualPage(name == "kvreg" ? kv::RegistryTool() : kv::lab::LabProgram(), pageTemplate);
+        text = kv::commandline::ManualPage(*program, pageTemplate);
     }
-    if (text.empty()) fmt::print(stderr, "usage: describe_program kvreg|kvlab man TEMPLATE|bash\n");
+    if (text.empty()) fmt::print(stderr, "usage: describe_program kvagentctl|kvreg|kvlab man TEMPLATE|bash\n");
     fmt::print("{}", text);
     return text.empty() || std::fflush(stdout) != 0 ? 1 : 0;
 }

@@ -3,7 +3,7 @@
 
 #include "foundation/file_utils.h"
 #include "platform/utf.h"
-#include "tools/reg_file.h"
+#include "tools/kvreg/reg_file.h"
 
 namespace kv::test {
 

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "platform/registry.h"
-#include "tools/reg_file.h"
+#include "tools/kvreg/reg_file.h"
 
 namespace kv {
 

@@ -1,4 +1,4 @@
-#include "tools/registry_tree.h"
+#include "tools/kvreg/registry_tree.h"
 
 #include <utility>
 

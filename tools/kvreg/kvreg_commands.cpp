@@ -1,4 +1,4 @@
-#include "tools/kvreg_commands.h"
+#include "tools/kvreg/kvreg_commands.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -20,9 +20,9 @@
 #include "platform/messages.h"
 #include "platform/registry_names.h"
 #include "platform/utf.h"
-#include "tools/reg_file.h"
-#include "tools/registry_tree.h"
-#include "tools/value_text.h"
+#include "tools/kvreg/reg_file.h"
+#include "tools/kvreg/registry_tree.h"
+#include "tools/kvreg/value_text.h"
 
 namespace kv {
 

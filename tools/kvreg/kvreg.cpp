@@ -2,7 +2,7 @@
 #include "commandline/run.h"
 #include "platform/backend.h"
 #include "platform/console_tool.h"
-#include "tools/kvreg_commands.h"
+#include "tools/kvreg/kvreg_commands.h"
 
 int main(int argc, char** argv) {
     platform::InstallBackend();

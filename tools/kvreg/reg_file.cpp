@@ -1,4 +1,4 @@
-#include "tools/reg_file.h"
+#include "tools/kvreg/reg_file.h"
 
 #include <algorithm>
 #include <cstdint>

@@ -4,7 +4,7 @@
 #include <string>
 #include <string_view>
 
-#include "tools/reg_file.h"
+#include "tools/kvreg/reg_file.h"
 
 namespace kv {
 

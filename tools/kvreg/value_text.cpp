@@ -1,4 +1,4 @@
-#include "tools/value_text.h"
+#include "tools/kvreg/value_text.h"
 
 #include <fmt/format.h>
 #include <optional>

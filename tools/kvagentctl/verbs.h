@@ -1,0 +1,10 @@
+// The verbs of kvagentctl. Each has a source of its own, which describes its command line and runs it.
+#pragma once
+
+#include "commandline/program.h"
+
+namespace kv::control {
+
+// A row for each verb, in the order of the help: const commandline::Command& StatusVerb();
+
+}  // namespace kv::control
