@@ -11,7 +11,7 @@ tree=$output/$name
 rm -rf "$output"
 mkdir -p "$tree/docs"
 
-for program in MonitoringAgent kvreg; do
+for program in MonitoringAgent kvagentctl kvreg; do
     x86_64-w64-mingw32-strip -o "$tree/$program.exe" "build/windows/bin/$program.exe"
 done
 # Windows' own editor has understood other line ends only since 2018.

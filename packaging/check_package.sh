@@ -38,6 +38,9 @@ check_pages() {
             fail "$page cannot be set without warnings"
     done
     check_told man8/MonitoringAgent.8 "$(MonitoringAgent /nonsense 2>&1 | sed 's/, not .*//')"
+    for topic in status check collect query snmp setup pin log; do
+        check_told man1/kvagentctl.1 "$(kvagentctl "$topic" --help)"
+    done
     for topic in get set delete list watch export import; do check_told man1/kvreg.1 "$(kvreg "$topic" --help)"; done
     for topic in serve records agents request\ {add,list,answers} conf\ push fault\ {set,clear,list}; do
         # shellcheck disable=SC2086 # two words
@@ -106,10 +109,13 @@ lintian --allow-root --fail-on error,warning --pedantic ./*.changes
 
 check_files kvagent <<'FILES'
 -rw-r--r-- root/root ./lib/systemd/system/corvinel-monitoring-agent.service
+-rw-r--r-- root/root ./usr/share/bash-completion/completions/kvagentctl
 -rw-r--r-- root/root ./usr/share/bash-completion/completions/kvreg
 -rw-r--r-- root/root ./usr/share/lintian/overrides/kvagent
+-rw-r--r-- root/root ./usr/share/man/man1/kvagentctl.1.gz
 -rw-r--r-- root/root ./usr/share/man/man1/kvreg.1.gz
 -rw-r--r-- root/root ./usr/share/man/man8/MonitoringAgent.8.gz
+-rwxr-xr-x root/root ./usr/bin/kvagentctl
 -rwxr-xr-x root/root ./usr/bin/kvreg
 -rwxr-xr-x root/root ./usr/sbin/MonitoringAgent
 FILES

@@ -1,20 +1,22 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that building and running need; with "test" also those for testing, fuzzing and packaging, with
-# "windows" also those for building and running the Windows programs. Does nothing if all are installed.
-# Usage: tools/install_packages.sh build|test|windows
+# Installs the Debian packages that building needs; with "run" also the device that ./run polls, with "test" also those for
+# testing, fuzzing and packaging, with "windows" also those for building and running the Windows programs. Does nothing if
+# all are installed.
+# Usage: tools/install_packages.sh build|run|test|windows
 set -euo pipefail
 
 build=(ca-certificates g++ cmake ninja-build pkg-config ccache zlib1g-dev libjson-c-dev libcurl4-openssl-dev
        libsqlite3-dev libsystemd-dev libmount-dev libfmt-dev libutfcpp-dev libzip-dev libcpp-httplib-dev libssl-dev
        libcli11-dev)
 test=(git libgtest-dev libgmock-dev libbenchmark-dev clang-format clang-tidy openssl unzip python3 rpm
-      clang libclang-rt-14-dev snmpd snmp snmpsim procps iproute2 iputils-ping debhelper lintian systemd systemd-container
+      clang libclang-rt-dev snmpd snmp snmpsim procps iproute2 iputils-ping debhelper lintian systemd systemd-container
       dbus systemd-journal-remote dmidecode pciutils samba-common-bin)
 windows=(git dpkg-dev xz-utils libgtest-dev libgmock-dev openssl unzip snmpd snmp snmpsim g++-mingw-w64-x86-64-posix
-         libz-mingw-w64-dev libcli11-dev wine wine64 libgnutls30)
+         libz-mingw-w64-dev libcli11-dev wine wine64 gnutls-bin)
 
 packages=("${build[@]}")
 case ${1:-build} in
+    run) packages+=(snmpd) ;;
     test) packages+=("${test[@]}") ;;
     windows) packages+=("${windows[@]}") ;;
 esac
