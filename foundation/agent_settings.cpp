@@ -1,0 +1,189 @@
+#include "foundation/agent_settings.h"
+
+#include <algorithm>
+#include <fmt/format.h>
+#include <vector>
+
+#include "foundation/near_name.h"
+#include "foundation/proxy_password.h"
+#include "foundation/registry_store.h"
+#include "foundation/text.h"
+#include "platform/utf.h"
+
+namespace kv {
+
+namespace {
+
+using enum SettingRule;
+using enum SettingUse;
+
+constexpr std::uint32_t mostSeconds = INT32_MAX;       // what a 32-bit count of seconds holds
+constexpr std::uint32_t mostMinutes = INT32_MAX / 60;  // which are counted in seconds
+
+constexpr AgentSetting settings[] = {
+    {agentKeyPath, u"KVAgentInstallDir", directory, required, "where the agent's directory monitoring stands"},
+    {agentKeyPath, u"AgentLogLevel", number, optional, "how much the log tells", "1", 0, 4},
+    {agentKeyPath, u"LoggerMaxSize", number, optional, "characters of a log before the next one begins", "1000000", 1},
+    {agentKeyPath, u"LoggerMaxFiles", number, optional, "logs that are kept", "10", 1},
+    {agentKeyPath, u"CustomerName", text, required, "the customer, as the server knows it"},
+    {agentKeyPath, u"RemoteOfficeName", text, required, "the office, as the server knows it"},
+    {agentKeyPath, u"EnableSendAgentStatus", yesOrNo, optional, "whether a stop is reported to the server",
+     "not reported; written by enrolment"},
+    {agentKeyPath, u"ProxyEnabled", yesOrNo, optional, "whether the server is reached by a proxy", "NO"},
+    {agentKeyPath, u"ProxyServerName", text, optional, "the proxy", "no such text"},
+    {agentKeyPath, u"ProxyUserName", anyText, optional, "who logs in at the proxy", "no such text"},
+    {agentKeyPath, u"ProxyByPass", anyText, optional, "servers that are reached without the proxy", "no such text"},
+    {agentKeyPath, u"ProxyPassword", base64, optional, "the password at the proxy", "no password"},
+
+    {serverInfoKeyPath, u"KVServerName", host, required, "the server's full name"},
+    {serverInfoKeyPath, u"KVServerFlatName", host, required, "the server's name without its domain"},
+    {serverInfoKeyPath, u"KVServerIPAddress", host, required, "the server's address"},
+    {serverInfoKeyPath, u"KVLastAccessName", host, required, "the name or address that is tried first"},
+    {serverInfoKeyPath, u"KVServerSecIPAddress", optionalHost, optional, "the server's second address",
+     "no second address"},
+    {serverInfoKeyPath, u"KVServerSecurePort", port, required, "the server's port"},
+    {serverInfoKeyPath, u"KVServerProtocol", protocol, optional, "how the server is spoken to", "https"},
+    {serverInfoKeyPath, u"KVServerPinnedKey", anyText, optional, "the only public key that the server may have",
+     "any key"},
+    {serverInfoKeyPath, u"KVServerCAFile", anyText, optional, "certificates that the server's has to come from",
+     "any certificate"},
+    {serverInfoKeyPath, u"KVServerVerify", yesOrNo, optional, "whether the server's certificate is verified",
+     "not verified"},
+
+    {monitoringKeyPath, u"MonitoringAgentKey", anyText, stored, "the agent's key at its server",
+     "written by enrolment"},
+    {monitoringKeyPath, u"MasterAgent", yesOrNo, optional, "whether it serves slaves, too", "NO"},
+    {monitoringKeyPath, u"writeInterval", number, optional, "seconds between uploads", "300", 0, mostSeconds},
+    {monitoringKeyPath, u"DataCollectionTimeout", number, optional, "minutes of lost contact until collection stops",
+     "360", 0, mostMinutes},
+    {monitoringKeyPath, u"AllowedRequests", anyText, optional, "the requests that the server may make", "all"},
+    {monitoringKeyPath, u"AllowedServices", anyText, optional, "the services that requests may start and stop", "all"},
+    {monitoringKeyPath, u"AllowedScripts", anyText, optional, "the scripts that plans may run", "all"},
+    {monitoringKeyPath, u"SNMPCheckSource", yesOrNo, optional, "whether only the device's own address may answer",
+     "NO"},
+    {monitoringKeyPath, u"MetricsFile", anyText, optional, "where the agent's own counts are written", "nowhere"},
+    {monitoringKeyPath, u"MALastCreatedJSONNum", number, stored, "the number of the last record file", "1"},
+    {monitoringKeyPath, u"MALastCreatedZIPNum", number, stored, "the number of the last zip", "1"},
+    {monitoringKeyPath, u"RequestAvailable", anyText, stored, "whether requests wait at the server", "no request"},
+    {monitoringKeyPath, u"RequestID", anyText, stored, "the request that is being served", "no request"},
+    {monitoringKeyPath, u"configInterval", number, unused, "seconds between looks for requests", "no effect"},
+    {monitoringKeyPath, u"SysInfoInterval", number, unused, "seconds", "no effect"},
+    {monitoringKeyPath, u"MaxFilesInDir", number, unused, "files", "no effect"},
+    {monitoringKeyPath, u"MaxFilestobeSend", number, unused, "files", "no effect"},
+
+    {systemDetailsKeyPath, u"KVAgentResourceID", anyText, optional, "this computer's number at the endpoint agent",
+     "the agent goes on without it"},
+};
+
+bool SameText(std::u16string_view left, std::u16string_view right) { return CompareIgnoreCase(left, right) == 0; }
+
+/// A name, an IPv4 address, or an IPv6 address in brackets or without.
+bool IsHost(std::u16string_view text) {
+    const bool hasPort = std::count(text.begin(), text.end(), u':') == 1;
+    return !text.empty() && !hasPort && text.find_first_of(u" \t/\\@?#,;\"'") == std::u16string_view::npos;
+}
+
+bool IsPort(std::u16string_view text) {
+    const bool isDecimal = !text.empty() && text.find_first_not_of(u"0123456789") == std::u16string_view::npos;
+    const std::int32_t number = isDecimal ? ParseDecimal(text) : 0;
+    return number >= 1 && number <= 65535;
+}
+
+}  // namespace
+
+std::span<const AgentSetting> AgentSettings() { return settings; }
+
+const AgentSetting* FindAgentSetting(std::u16string_view key, std::u16string_view name) {
+    const auto* const found = std::find_if(std::begin(settings), std::end(settings), [&](const AgentSetting& setting) {
+        return SameText(setting.key, key) && SameText(setting.name, name);
+    });
+    return found == std::end(settings) ? nullptr : found;
+}
+
+bool IsAgentKey(std::u16string_view key) {
+    const std::size_t length = agentKeyPath.size();
+    return SameText(key.substr(0, length), agentKeyPath) && (key.size() == length || key[length] == u'\\');
+}
+
+platform::RegistryType SettingType(const AgentSetting& setting) {
+    return setting.rule == number ? platform::RegistryType::dword : platform::RegistryType::text;
+}
+
+bool SettingTakes(const AgentSetting& setting, std::u16string_view value) {
+    switch (setting.rule) {
+        case anyText:
+            return true;
+        case text:
+            return !value.empty();
+        case directory:
+            return value.ends_with(u'\\') || value.ends_with(u'/');
+        case host:
+            return IsHost(value);
+        case optionalHost:
+            return value.size() < 3 || IsHost(value);
+        case port:
+            return IsPort(value);
+        case protocol:
+            return SameText(value, u"https") || SameText(value, u"http");
+        case yesOrNo:
+            return SameText(value, u"yes") || SameText(value, u"no");
+        case base64:
+            return value.empty() || !DecodeBase64(value).empty();
+        case number:
+            return false;
+    }
+    return false;
+}
+
+bool SettingTakes(const AgentSetting& setting, std::uint32_t value) {
+    return setting.rule == number && value >= setting.least && value <= setting.most;
+}
+
+std::string SettingTaken(const AgentSetting& setting) {
+    switch (setting.rule) {
+        case anyText:
+            return "a text";
+        case text:
+            return "a text that is not empty";
+        case directory:
+            return "a directory with a slash at its end";
+        case host:
+            return "a name or an address, without scheme and port";
+        case optionalHost:
+            return "a name or an address without scheme and port, or -- for no address";
+        case port:
+            return "a port number from 1 to 65535";
+        case protocol:
+            return "https or http";
+        case yesOrNo:
+            return "yes or no";
+        case base64:
+            return "Base64";
+        case number:
+            break;
+    }
+    return fmt::format("a number from {} to {}", setting.least, setting.most);
+}
+
+std::string SettingTitle(const AgentSetting& setting) {
+    std::u16string_view subkey = setting.key.substr(agentKeyPath.size());
+    if (!subkey.empty()) subkey.remove_prefix(1);  // the backslash
+    const std::string name = platform::Utf8FromWide(setting.name);
+    return subkey.empty() ? name : platform::Utf8FromWide(subkey) + "\\" + name;
+}
+
+std::string NearestSetting(std::u16string_view key, std::u16string_view name) {
+    std::vector<std::string> names;
+    for (const AgentSetting& setting : settings) {
+        if (SameText(setting.name, name) && !SameText(setting.key, key)) return SettingTitle(setting);
+        names.push_back(platform::Utf8FromWide(setting.name));
+    }
+    const std::vector<std::string_view> known(names.begin(), names.end());
+    const std::string_view nearest = NearestName(platform::Utf8FromWide(name), known);
+    for (const AgentSetting& setting : settings) {
+        if (!nearest.empty() && platform::Utf8FromWide(setting.name) == nearest) return SettingTitle(setting);
+    }
+    return {};
+}
+
+}  // namespace kv

@@ -1,0 +1,73 @@
+// The values that the agent knows in the registry: its settings, and what it stores there itself. One table, by which
+// the tools judge what people set. The accessors of foundation/registry_store.h read the values; docs/running.md tells
+// the same list to people.
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "platform/registry.h"
+
+namespace kv {
+
+/// What a value holds. All but number are texts.
+enum class SettingRule {
+    anyText,
+    text,          // not empty
+    directory,     // ends in a slash or backslash, because paths are appended to it
+    host,          // a name or an address, without scheme and port
+    optionalHost,  // the same, or up to two characters, such as "--", for no address
+    port,          // decimal, 1 to 65535
+    protocol,      // "https" or "http"
+    yesOrNo,
+    base64,
+    number,  // a DWORD
+};
+
+enum class SettingUse {
+    required,
+    optional,
+    unused,  // read and printed, without effect
+    stored,  // by the agent itself; not for people to set
+};
+
+struct AgentSetting {
+    std::u16string_view key;  // one of the paths of foundation/registry_store.h
+    std::u16string_view name;
+    SettingRule rule;
+    SettingUse use;
+    std::string_view meaning;          // a phrase
+    std::string_view whenAbsent = {};  // the default as it is written, or what happens; empty when it is required
+    std::uint32_t least = 0;           // of a number
+    std::uint32_t most = UINT32_MAX;
+};
+
+/// All of them, in the order of docs/running.md.
+std::span<const AgentSetting> AgentSettings();
+
+/// The value of that name in the key of that path below HKEY_LOCAL_MACHINE, in any letter case; null when the agent
+/// does not know it.
+const AgentSetting* FindAgentSetting(std::u16string_view key, std::u16string_view name);
+
+/// Whether a path is that of the agent's key, or of one below it.
+bool IsAgentKey(std::u16string_view key);
+
+platform::RegistryType SettingType(const AgentSetting& setting);
+
+/// Whether the value may hold that. A text given for a number, or a number for a text, is never right.
+bool SettingTakes(const AgentSetting& setting, std::u16string_view text);
+bool SettingTakes(const AgentSetting& setting, std::uint32_t number);
+
+/// What the value may hold, as "a port number from 1 to 65535".
+std::string SettingTaken(const AgentSetting& setting);
+
+/// Where a value stands and its name, as "ServerInfo\KVServerName"; the agent's key itself is left out.
+std::string SettingTitle(const AgentSetting& setting);
+
+/// What was probably meant by a name that the agent does not know, as "ServerInfo\KVServerName"; empty when no setting
+/// is near. A known name in another of the agent's keys is near.
+std::string NearestSetting(std::u16string_view key, std::u16string_view name);
+
+}  // namespace kv

@@ -1,0 +1,111 @@
+// The table of settings, and that docs/running.md tells the same.
+#include <fstream>
+#include <gmock/gmock.h>
+#include <map>
+#include <regex>
+
+#include "foundation/agent_settings.h"
+#include "foundation/near_name.h"
+#include "foundation/registry_store.h"
+#include "platform/utf.h"
+
+namespace kv::test {
+
+namespace {
+
+struct Row {
+    std::string kind;        // "text" or "DWORD"
+    std::string whenAbsent;  // a default, or "required"
+    bool operator==(const Row&) const = default;
+};
+
+void PrintTo(const Row& row, std::ostream* out) { *out << row.kind << ", absent: " << row.whenAbsent; }
+
+/// The rows of the tables under "## Settings", by titles as SettingTitle makes them.
+std::map<std::string, Row> SettingsOfPage() {
+    std::ifstream page(DOCUMENTATION_FOLDER "/running.md");
+    std::map<std::string, Row> rows;
+    std::string line;
+    std::string subkey;
+    std::smatch match;
+    while (std::getline(page, line) && line != "## Settings") continue;
+    while (std::getline(page, line) && !line.starts_with("## ")) {
+        if (std::regex_search(line, match, std::regex("^In `(\\w+)`:"))) subkey = match.str(1) + "\\";
+        if (!std::regex_match(line, match, std::regex("\\| (`.*`) \\| (text|DWORD)[^|]* \\| ([^|]*) \\|"))) continue;
+        const std::string names = match.str(1);
+        const std::regex quoted("`(\\w+)`");
+        for (std::sregex_iterator name(names.begin(), names.end(), quoted), end; name != end; ++name)
+            rows[subkey + name->str(1)] = {match.str(2), match.str(3)};
+    }
+    return rows;
+}
+
+TEST(AgentSettings, AreThoseOfTheDocumentation) {
+    const auto isComing = [](std::u16string_view name) {
+        constexpr std::u16string_view names[] = {u"KVServerPinnedKey", u"KVServerCAFile",  u"KVServerVerify",
+                                                 u"AllowedRequests",   u"AllowedServices", u"AllowedScripts",
+                                                 u"SNMPCheckSource",   u"MetricsFile"};
+        return std::find(std::begin(names), std::end(names), name) != std::end(names);
+    };
+    std::map<std::string, Row> known;
+    std::map<std::string, Row> documented = SettingsOfPage();
+    for (const AgentSetting& setting : AgentSettings()) {
+        const std::string title = SettingTitle(setting);
+        if (isComing(setting.name)) continue;
+        const bool isNumber = SettingType(setting) == platform::RegistryType::dword;
+        const bool isRequired = setting.use == SettingUse::required;
+        EXPECT_EQ(isRequired, setting.whenAbsent.empty()) << title;
+        known[title] = {isNumber ? "DWORD" : "text", isRequired ? "required" : std::string(setting.whenAbsent)};
+    }
+    EXPECT_EQ(known, documented);
+}
+
+TEST(AgentSettings, TakeWhatTheAgentCanUse) {
+    const struct {
+        const char* title;
+        std::u16string_view key, name;
+        std::vector<const char16_t*> taken, refused;
+    } rows[] = {
+        {"port", serverInfoKeyPath, u"kvserversecureport", {u"1", u"8443", u"65535"}, {u"", u"0", u"65536", u"+1"}},
+        {"protocol", serverInfoKeyPath, u"KVServerProtocol", {u"HTTPS", u"http"}, {u"htp", u"", u"https://"}},
+        {"host", serverInfoKeyPath, u"KVServerName", {u"cs", u"192.0.2.1", u"2001:db8::1"}, {u"", u"cs:8443", u"a/b"}},
+        {"second", serverInfoKeyPath, u"KVServerSecIPAddress", {u"--", u"", u"192.0.2.1"}, {u"http://cs"}},
+        {"flag", agentKeyPath, u"ProxyEnabled", {u"yes", u"NO"}, {u"true", u"1", u""}},
+        {"directory", agentKeyPath, u"KVAgentInstallDir", {u"/opt/k/", u"C:\\K\\"}, {u"/opt/k", u""}},
+        {"password", agentKeyPath, u"ProxyPassword", {u"c2VjcmV0", u""}, {u"secret!"}},
+        {"number", agentKeyPath, u"AgentLogLevel", {}, {u"2"}},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.title);
+        const AgentSetting* setting = FindAgentSetting(row.key, row.name);
+        ASSERT_TRUE(setting);
+        for (const char16_t* text : row.taken)
+            EXPECT_TRUE(SettingTakes(*setting, text)) << platform::Utf8FromWide(text);
+        for (const char16_t* text : row.refused)
+            EXPECT_FALSE(SettingTakes(*setting, text)) << platform::Utf8FromWide(text);
+    }
+    const AgentSetting* level = FindAgentSetting(agentKeyPath, u"AgentLogLevel");
+    EXPECT_TRUE(SettingTakes(*level, 4));
+    EXPECT_FALSE(SettingTakes(*level, 5));
+}
+
+TEST(AgentSettings, AreFoundBehindASlip) {
+    EXPECT_EQ(NearestSetting(serverInfoKeyPath, u"KVServerSecurPort"), "ServerInfo\\KVServerSecurePort");
+    EXPECT_EQ(NearestSetting(agentKeyPath, u"kvservername"), "ServerInfo\\KVServerName") << "in the wrong key";
+    EXPECT_EQ(NearestSetting(agentKeyPath, u"Colour"), "");
+    constexpr std::string_view members[] = {"wmiQuery", "oid", "port"};
+    const std::pair<const char*, const char*> rows[] = {{"wmiquery", "wmiQuery"},
+                                                        {"wimQuery", "wmiQuery"},
+                                                        {"wmiQueries", "wmiQuery"},
+                                                        {"odi", "oid"},
+                                                        {"prt", "port"},
+                                                        {"ports", "port"},
+                                                        {"parts", ""},
+                                                        {"wmi", ""},
+                                                        {"", ""}};
+    for (const auto& [name, nearest] : rows) EXPECT_EQ(NearestName(name, members), nearest) << name;
+}
+
+}  // namespace
+
+}  // namespace kv::test
