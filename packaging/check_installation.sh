@@ -3,30 +3,8 @@
 # through upgrade, removal and purge. Takes a few seconds. If the box cannot be started, it says why and exits with 0.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-packages=$PWD/build/package
-unset KVAGENT_STATE_DIR
-
-fail() { echo "check_installation: $*" >&2; exit 1; }
-
-coproc box { exec tools/boxed_systemd.sh "kvpackage$$" "$packages" 2>"$packages/box.log"; }
-box_keeper=$box_PID
-read -r first_process <&"${box[0]}" || { echo "The installation is not checked: $(tail -n 1 "$packages/box.log")"; exit 0; }
-# The first file is how containers forbid packages to start services. The second has the index of manual pages rebuilt,
-# which takes a while.
-rm -f "/proc/$first_process/root"/{usr/sbin/policy-rc.d,var/lib/man-db/auto-update}
-
-inside() { nsenter -t "$first_process" -a "$@"; }
-
-# quietly COMMAND...: shows the command's output only if it fails.
-quietly() { inside "$@" >"$packages/installation.log" 2>&1 || { cat "$packages/installation.log" >&2; fail "failed: $*"; }; }
-
-# expect OUTPUT COMMAND...: fails unless the command prints this in the box.
-expect() {
-    local wanted=$1 answer
-    shift
-    answer=$(inside "$@" 2>&1) || true
-    [ "$answer" = "$wanted" ] || fail "$* says '$answer', not '$wanted'"
-}
+. packaging/box.sh
+start_box kvpackage
 
 # All that the packages' scripts and the agent could leave behind, without what dpkg and timers keep for themselves.
 traces() {
@@ -52,9 +30,6 @@ agent=$(echo "$packages"/kvagent_*.deb)
 lab=$(echo "$packages"/kvagent-lab_*.deb)
 key='Software\Halvorine\Kestrova\KVAgent'
 unit=corvinel-monitoring-agent.service
-# systemd must not wait before it starts a failed agent again.
-quietly mkdir -p /run/systemd/system/$unit.d
-quietly sh -c "printf '[Service]\nRestartSec=0\n' >/run/systemd/system/$unit.d/quick.conf"
 traces >"$packages/traces"
 
 quietly dpkg --install "$agent" "$lab"
@@ -84,9 +59,10 @@ quietly dpkg --install "$agent"
 expect active systemctl is-active kvagent
 expect /var/lib/kvagent/./ kvreg get "$key" KVAgentInstallDir
 
+quietly sh -c 'mkdir -p /var/lib/kvagent/monitoring/bin/data && echo {} >/var/lib/kvagent/monitoring/bin/data/Agent_LAB1_1.txt'
 quietly dpkg --purge kvagent kvagent-lab
+grep -q 'with 1 records and 0 zips' "$output" || fail 'a purge does not say what it deletes'
 expect '' pgrep MonitoringAgent
 diff "$packages/traces" <(traces) || fail 'a purge leaves something behind (>), or takes what is not its own (<)'
-exec {box[1]}>&-
-wait "$box_keeper" || true
+end_box
 echo 'The packages can be installed, upgraded, removed and purged.'
