@@ -17,6 +17,8 @@
 #include "foundation/resource_lock.h"
 #include "foundation/system_error.h"
 #include "foundation/thread_pool.h"
+#include "foundation/version.h"
+#include "platform/console_tool.h"
 #include "platform/files.h"
 #include "platform/messages.h"
 #include "platform/service_host.h"
@@ -33,6 +35,22 @@ constexpr std::u16string_view testMonitorLog = u"..\\logs\\testmonitor.log";
 // open.
 constexpr std::u16string_view registryNote = u"c:\\test.txt";
 constexpr std::u16string_view memoryNote = u"c:\\text.txt";
+
+/// What "--help" prints, up to where this system keeps the settings.
+constexpr const char* help =
+    "Usage: MonitoringAgent [/t | /monitor | /i | /u]\n"
+    "Collects on this computer what a central server asks for, and uploads it there.\n"
+    "\n"
+    "Without an argument it runs as a service; only the service manager starts it like that.\n"
+    "\n"
+    "  /t          runs in the console, until it is ended\n"
+    "  /monitor    writes the configuration to logs/testmonitor.log, at AgentLogLevel 2 and up\n"
+    "  /i          installs the service\n"
+    "  /u          removes the service\n"
+    "  -h, --help  prints this help\n"
+    "  --version   prints the version\n"
+    "\n"
+    "The settings are values of the registry, below Software\\Halvorine\\Kestrova\\KVAgent of HKEY_LOCAL_MACHINE.\n";
 
 /// Appends to a file that stands in for the log before that is open. Writes nothing when it cannot be opened.
 void AppendNote(std::u16string_view path, std::string_view text) {
@@ -140,6 +158,17 @@ int RefuseParameter(std::u16string_view argument) {
     return 0;
 }
 
+/// Serves an argument that asks about the program and needs no setting; false for any other one.
+bool TellsAboutProgram(std::string_view argument) {
+    if (argument == "--version")
+        std::printf("MonitoringAgent %s\n", std::string(programVersion).c_str());
+    else if (argument == "--help" || argument == "-h")
+        std::printf("%s%s\n", help, std::string(platform::RegistryPlace()).c_str());
+    else
+        return false;
+    return true;
+}
+
 }  // namespace
 
 void InitAgentParams() {
@@ -177,6 +206,7 @@ void InitAgentParams() {
 void ProcessTestMonitor() {}
 
 int Main(const std::vector<std::string>& words) {
+    if (words.size() > 1 && TellsAboutProgram(words[1])) return 0;
     agentState.gv_ocAgentBinPath.reset();
     InitMutex();
     if (!FindBinPath()) return 0;

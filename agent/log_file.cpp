@@ -7,10 +7,12 @@
 #include <utility>
 
 #include "foundation/agent_state.h"
+#include "foundation/host_utils.h"
 #include "foundation/log.h"
 #include "foundation/open_file.h"
 #include "foundation/registry_store.h"
 #include "foundation/resource_lock.h"
+#include "foundation/version.h"
 #include "platform/files.h"
 
 // RotateLogFile and all that it calls log nothing while the rotation lock is held: a line may start a rotation, and
@@ -241,6 +243,7 @@ void RotateLogger(std::optional<std::u16string_view> name) {
     Log1(
         "==================================================STARTING MONITORING "
         "AGENT==================================================\n");
+    Log1("\tRotateLogger : Monitoring agent version %s on %s\n", programVersion, GetOSName());
     Log1("\tRotateLogger : LoggerMaxFiles %d\n", maxFiles);
     Log1("\tRotateLogger : LoggerMaxSize %ld bytes .\n", maxSize);
     if (isGuest) Log1("\t RotateLogger :: Another process writes to the log and rotates it. This one only writes\n");

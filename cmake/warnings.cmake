@@ -8,7 +8,9 @@ target_compile_options(kv_flags INTERFACE
 if(WIN32)
   target_compile_definitions(kv_flags INTERFACE UNICODE _UNICODE NOMINMAX WIN32_LEAN_AND_MEAN _WIN32_WINNT=0x0601)
 endif()
-target_include_directories(kv_flags INTERFACE ${CMAKE_SOURCE_DIR})
+# What the build writes is included like what stands in the tree.
+configure_file(${CMAKE_SOURCE_DIR}/foundation/version.h.in ${CMAKE_BINARY_DIR}/generated/foundation/version.h @ONLY)
+target_include_directories(kv_flags INTERFACE ${CMAKE_SOURCE_DIR} ${CMAKE_BINARY_DIR}/generated)
 
 # kv_library(NAME SOURCES... DEPENDS...): a folder's target, included from the root of the tree.
 function(kv_library name)

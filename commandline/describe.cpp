@@ -81,7 +81,8 @@ std::string SynopsisTroff(const Program& program) {
         text += Bold(fmt::format("{} {}", program.name, command->name)) + OptionsTroff(*command) +
                 WordsTroff(*command) + "\n.br\n";
     }
-    return text + Bold(program.name) + " [" + Italic("COMMAND") + "] " + Bold("--help") + "\n";
+    text += Bold(program.name) + " [" + Italic("COMMAND") + "] " + Bold("--help") + "\n.br\n";
+    return text + Bold(program.name) + " " + Bold("--version") + "\n";
 }
 
 std::string TermTroff(const std::string& term, std::string_view text) {
@@ -124,7 +125,7 @@ std::string NextWords(const Program& program, std::string_view group) {
         const std::string_view word = group.empty() ? FirstWord(command->name) : command->name.substr(group.size() + 1);
         if (std::find(words.begin(), words.end(), word) == words.end()) words.push_back(word);
     }
-    return fmt::format("{} --help", fmt::join(words, " "));
+    return fmt::format("{} --help{}", fmt::join(words, " "), group.empty() ? " --version" : "");
 }
 
 std::string OptionNames(const Command& command) {

@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <fmt/format.h>
 
+#include "foundation/version.h"
+
 namespace kv::commandline {
 
 namespace {
@@ -84,10 +86,11 @@ class Parser {
     Parser(const Parser&) = delete;
     Parser& operator=(const Parser&) = delete;
 
-    /// The command that was given; null when help was asked for. UsageError when the words are not a command line.
+    /// The command that was given; null when a text was asked for. UsageError when the words are not a command line.
     const Command* Parse(const std::vector<std::string>& words, Given& given);
 
-    std::string help() const { return app_.help(); }
+    /// The help or the version, whichever was asked for.
+    const std::string& text() const { return text_; }
 
   private:
     /// What holds the commands of a group; makes it for the first of them. No group: the program itself.
@@ -102,6 +105,7 @@ class Parser {
 
     const Program& program_;
     CLI::App app_;
+    std::string text_;
     std::map<std::string_view, CLI::App*> parents_;
     std::map<const CLI::App*, const Command*> commands_;
 };
@@ -112,6 +116,7 @@ Parser::Parser(const Program& program) : program_(program), app_(fmt::format("{}
     app_.allow_windows_style_options(false);
     app_.require_subcommand(1);
     app_.set_help_flag("-h,--help", "prints this help");
+    app_.set_version_flag("--version", fmt::format("{} {}", program.name, programVersion), "prints the version");
     app_.footer(Wrapped(program.notes() + std::string(exitCodes), helpWidth));
     for (const std::span<const Command> topic : program.topics) {
         for (const Command& command : topic) AddCommand(command);
@@ -173,6 +178,10 @@ const Command* Parser::Parse(const std::vector<std::string>& words, Given& given
     try {
         app_.parse(marked);
     } catch (const CLI::CallForHelp&) {
+        text_ = app_.help();
+        return nullptr;
+    } catch (const CLI::CallForVersion&) {
+        text_ = app_.version() + "\n";
         return nullptr;
     } catch (const CLI::ParseError& error) {
         Refuse(error);
@@ -259,7 +268,7 @@ int RunCommandLine(const Program& program, const std::vector<std::string>& words
         if (const Command* command = parser.Parse(words, given)) {
             command->run(given);
         } else {
-            fmt::print("{}", parser.help());
+            fmt::print("{}", parser.text());
         }
         FlushOutput();
         return success;

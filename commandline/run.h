@@ -9,9 +9,9 @@
 
 namespace kv::commandline {
 
-/// Runs the command that a command line, without the program's name, asks for, or prints help. Gives the exit code:
-/// 0 success, 1 failure, 2 wrong command line, 3 the thing asked for does not exist. What went wrong is told in one
-/// line on standard error. Throws nothing.
+/// Runs the command that a command line, without the program's name, asks for, or prints help or the version. Gives the
+/// exit code: 0 success, 1 failure, 2 wrong command line, 3 the thing asked for does not exist. What went wrong is told
+/// in one line on standard error. Throws nothing.
 ///
 /// Options may be written as --name VALUE or --name=VALUE. After -- all words are plain ones; a -- at the very end is a
 /// plain word itself.

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include "foundation/version.h"
 #include "lab/record_html.h"
 #include "lab/record_text.h"
 
@@ -212,8 +213,8 @@ std::string Page(const Overview& overview) {
         "<meta name=viewport content='width=device-width'>\n<title>kvlab</title>\n"
         "<noscript><meta http-equiv=refresh content=5></noscript>\n<style>{}</style>\n</head>\n<body>\n"
         "<h1>Lab server</h1>\n<div id=clock class=soft>as of {}</div>\n"
-        "<main id=live>\n{}</main>\n<script>{}</script>\n</body>\n</html>\n",
-        style, UtcText(overview.time), Fragment(overview), script);
+        "<main id=live>\n{}</main>\n<footer class=soft>kvlab {}</footer>\n<script>{}</script>\n</body>\n</html>\n",
+        style, UtcText(overview.time), Fragment(overview), programVersion, script);
 }
 
 }  // namespace kv::lab

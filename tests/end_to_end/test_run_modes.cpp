@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <initializer_list>
 
+#include "foundation/version.h"
 #include "tests/end_to_end/installed_agent.h"
 #include "tests/support/test_agent.h"
 
@@ -17,6 +18,7 @@ TEST(RunModes, EndWithTheirExitCodes) {
     };
     const Case cases[] = {
         {"an unknown argument", {"-i"}, 0, "Invalid parameter -i\n"},
+        {"help, in capitals", {"--HELP"}, 0, "Invalid parameter --HELP\n"},
         {"install, in capitals", {"/I"}, 1, "Going to install service\n"},
         {"remove", {"/u"}, 1, "Calling UN-INSTALL option\n"},
         {"by hand, without a service manager", {}, 0, "Error code : 1063, Error Message : "},
@@ -30,6 +32,17 @@ TEST(RunModes, EndWithTheirExitCodes) {
         const std::string notes = each.arguments.size() == 0 ? "Entered into StartServiceCtrlDispatcher!\n1063\n" : "";
         EXPECT_EQ(TestAgent::Read(agent.state / "drive_c" / "test.txt"), notes);
     }
+}
+
+TEST(RunModes, TellOfTheProgramWithoutATrace) {
+    for (const char* argument : {"--help", "-h", "--version"}) {
+        InstalledAgent agent;
+        std::filesystem::remove_all(agent.state);
+        EXPECT_EQ(agent.Run({argument}), 0);
+        EXPECT_FALSE(std::filesystem::exists(agent.state)) << argument;
+        EXPECT_EQ(agent.ReadLog(), "");
+    }
+    EXPECT_EQ(RunShell("'" KV_AGENT_PROGRAM "' --version").output, "MonitoringAgent " + std::string(programVersion));
 }
 
 TEST(RunModes, NoteAMissingInstallDirectory) {

@@ -31,6 +31,7 @@ TEST_F(Kvlab, EndsWithAnExitCodeAndALine) {
     Write(folder / "plan", "{ \"WorkFlows\": 1 }");
     const std::tuple<std::string, int, const char*> rows[] = {
         {"--help", 0, ""},
+        {"--version", 0, ""},
         {"fault set --servlet '*' --drop --cut" + on, 2, "exactly one"},
         {"serve --port 65536" + on, 2, "'65536'"},
         {"serve --port= --listen 192.0.2.1" + on, 2, "''"},
