@@ -1,9 +1,11 @@
 #include "foundation/agent_settings.h"
 
 #include <algorithm>
+#include <cstring>
 #include <fmt/format.h>
 #include <vector>
 
+#include "foundation/file_utils.h"
 #include "foundation/near_name.h"
 #include "foundation/proxy_password.h"
 #include "foundation/registry_store.h"
@@ -14,6 +16,7 @@ namespace kv {
 
 namespace {
 
+using platform::RegistryType;
 using enum SettingRule;
 using enum SettingUse;
 
@@ -89,6 +92,24 @@ bool IsPort(std::u16string_view text) {
     return number >= 1 && number <= 65535;
 }
 
+std::string KindName(RegistryType type) {
+    switch (type) {
+        case RegistryType::text:
+        case RegistryType::expandableText:
+            return "a text";
+        case RegistryType::dword:
+            return "a DWORD";
+        default:
+            return fmt::format("a value of type {}", static_cast<std::uint32_t>(type));
+    }
+}
+
+/// A stored text ends at its first zero character.
+std::u16string StoredText(std::span<const std::byte> data) {
+    const std::u16string text = TextFromUtf16LittleEndian({reinterpret_cast<const char*>(data.data()), data.size()});
+    return text.substr(0, text.find(u'\0'));
+}
+
 }  // namespace
 
 std::span<const AgentSetting> AgentSettings() { return settings; }
@@ -105,8 +126,8 @@ bool IsAgentKey(std::u16string_view key) {
     return SameText(key.substr(0, length), agentKeyPath) && (key.size() == length || key[length] == u'\\');
 }
 
-platform::RegistryType SettingType(const AgentSetting& setting) {
-    return setting.rule == number ? platform::RegistryType::dword : platform::RegistryType::text;
+RegistryType SettingType(const AgentSetting& setting) {
+    return setting.rule == number ? RegistryType::dword : RegistryType::text;
 }
 
 bool SettingTakes(const AgentSetting& setting, std::u16string_view value) {
@@ -163,6 +184,23 @@ std::string SettingTaken(const AgentSetting& setting) {
             break;
     }
     return fmt::format("a number from {} to {}", setting.least, setting.most);
+}
+
+std::string SettingFault(const AgentSetting& setting, RegistryType type, std::span<const std::byte> data) {
+    const std::string taken = SettingTaken(setting);
+    if (SettingType(setting) == RegistryType::dword) {
+        if (type != RegistryType::dword || data.size() != sizeof(std::uint32_t))
+            return fmt::format("has to be a DWORD, {}, not {}", taken, KindName(type));
+        std::uint32_t value = 0;
+        std::memcpy(&value, data.data(), sizeof value);
+        return SettingTakes(setting, value) ? "" : fmt::format("takes {}, not {}", taken, value);
+    }
+    if (type != RegistryType::text && type != RegistryType::expandableText)
+        return fmt::format("has to be a text, not {}", KindName(type));
+    const std::u16string value = StoredText(data);
+    if (SettingTakes(setting, value)) return "";
+    const bool isSecret = setting.rule == base64;
+    return fmt::format("takes {}{}", taken, isSecret ? "" : fmt::format(", not '{}'", platform::Utf8FromWide(value)));
 }
 
 std::string SettingTitle(const AgentSetting& setting) {

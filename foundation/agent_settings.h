@@ -3,6 +3,7 @@
 // the same list to people.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <span>
 #include <string>
@@ -62,6 +63,9 @@ bool SettingTakes(const AgentSetting& setting, std::uint32_t number);
 
 /// What the value may hold, as "a port number from 1 to 65535".
 std::string SettingTaken(const AgentSetting& setting);
+
+/// What is wrong with a stored value, as "has to be a DWORD, not a text"; empty when the agent can use it.
+std::string SettingFault(const AgentSetting& setting, platform::RegistryType type, std::span<const std::byte> data);
 
 /// Where a value stands and its name, as "ServerInfo\KVServerName"; the agent's key itself is left out.
 std::string SettingTitle(const AgentSetting& setting);

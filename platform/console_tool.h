@@ -10,6 +10,15 @@ namespace platform {
 /// A sentence for the tool's help: where the registry is kept.
 std::string_view RegistryPlace();
 
+/// Who may change the registry, as a message says it.
+std::string_view RegistryOwner();
+
+/// The directory of the registry's file when that directory does not exist; else empty.
+[[nodiscard]] std::string MissingRegistryDirectory();
+
+/// Whether a person at a terminal may answer a question.
+[[nodiscard]] bool InputIsTerminal();
+
 /// False when nobody reads standard output any more; a program that prints seldom would not notice otherwise. True
 /// where that cannot be found out.
 [[nodiscard]] bool OutputHasReader();

@@ -10,6 +10,8 @@
 #include <system_error>
 #include <unistd.h>
 
+#include "platform/linux/linux.h"
+
 namespace platform {
 
 namespace {
@@ -77,6 +79,16 @@ std::string_view RegistryPlace() {
     return "The registry is the file registry.db in /var/lib/kvagent, or in the directory that KVAGENT_STATE_DIR "
            "names.";
 }
+
+std::string_view RegistryOwner() { return "root"; }
+
+std::string MissingRegistryDirectory() {
+    std::error_code unknown;  // such as a directory above that may not be searched
+    const bool isMissing = !fs::exists(StateDirectory(), unknown) && !unknown;
+    return isMissing ? StateDirectory() : std::string();
+}
+
+bool InputIsTerminal() { return isatty(STDIN_FILENO) == 1; }
 
 bool OutputHasReader() {
     pollfd output{STDOUT_FILENO, 0, 0};

@@ -92,6 +92,15 @@ std::string_view RegistryPlace() {
     return "The registry is the computer's own; to change it takes the rights of an administrator.";
 }
 
+std::string_view RegistryOwner() { return "an administrator"; }
+
+std::string MissingRegistryDirectory() { return {}; }
+
+bool InputIsTerminal() {
+    DWORD mode = 0;  // only a console has one
+    return ::GetConsoleMode(::GetStdHandle(STD_INPUT_HANDLE), &mode) != 0;
+}
+
 /// Asks for the other end of a pipe without touching it. Whoever made the pipe may not have given the right to ask;
 /// then the next line that is printed finds out.
 bool OutputHasReader() {

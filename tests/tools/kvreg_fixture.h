@@ -31,10 +31,10 @@ class Kvreg : public ::testing::Test {
         ShareRegistry(folder / "state");
         platform::InstallBackend();
         platform::InstallRegistry();
-        Run({"delete", key});
+        Run({"delete", key, "--yes"});
     }
     ~Kvreg() override {
-        Run({"delete", key});
+        Run({"delete", key, "--yes"});
         RemoveFolder(folder);
     }
 

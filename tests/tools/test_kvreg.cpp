@@ -39,7 +39,9 @@ TEST_F(Kvreg, CarriesOutItsCommands) {
         {{"delete", key, "v"}, 0, "", ""},
         {{"delete", key, "v"}, 3, "", "there is no value v"},
         {{"export", missing, key}, 1, "", "cannot write"},
-        {{"delete", key}, 0, "", ""},
+        {{"delete", key}, 2, "", "this needs --yes"},
+        {{"delete", key, "--yes"}, 0, "", ""},
+        {{"delete", key}, 3, "", "there is no key"},
         {{"import", missing}, 3, "", "there is no file"},
         {{"put", "A"}, 2, "", "unknown command 'put'"},
         {{"get", "A", "b", "--dword"}, 2, "", "--dword goes with set only"},
@@ -75,7 +77,7 @@ TEST_F(Kvreg, ExportsAndImportsEveryValue) {
     fs::remove(file);
     ASSERT_EQ(Run({"export", file, key}).exitCode, 0);
     const std::string whole = Read(file);
-    ASSERT_EQ(Run({"delete", key}).exitCode, 0);
+    ASSERT_EQ(Run({"delete", key, "--yes"}).exitCode, 0);
     ASSERT_EQ(Run({"import", file}).exitCode, 0);
     OptionalText carried;
     EXPECT_EQ(ReadRegSZ(root, agentKey, u"key", carried), 0U);
@@ -124,7 +126,7 @@ TEST_F(Kvreg, WatchesUntilNobodyReads) {
     EXPECT_THAT(line, testing::StartsWith("set      HKEY_LOCAL_MACHINE\\Software\\KvregTest\\B    v    REG_SZ    "));
     isWatching = true;
     writing.join();
-    Run({"delete", key});
+    Run({"delete", key, "--yes"});
     while (line.starts_with("set")) line = told();
     EXPECT_EQ(line, "deleted  HKEY_LOCAL_MACHINE\\Software\\KvregTest\\B    v\n");
     Run({"set", key, "new", "t"});

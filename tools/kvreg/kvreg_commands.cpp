@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "commandline/confirm.h"
 #include "commandline/run.h"
 #include "platform/backend.h"
 #include "platform/clock.h"
@@ -22,6 +23,7 @@
 #include "platform/utf.h"
 #include "tools/kvreg/reg_file.h"
 #include "tools/kvreg/registry_tree.h"
+#include "tools/kvreg/value_judgement.h"
 #include "tools/kvreg/value_text.h"
 
 namespace kv {
@@ -54,7 +56,17 @@ std::string WholePath(std::u16string_view path) {
 
 std::string SystemText(Error failure) {
     const std::string text = platform::MessageInLine(failure);
-    return text.empty() ? fmt::format("error {}", failure) : fmt::format("{} (error {})", text, failure);
+    const std::string whole =
+        text.empty() ? fmt::format("error {}", failure) : fmt::format("{} (error {})", text, failure);
+    if (failure != error::accessDenied) return whole;
+    return fmt::format("{}; it takes the rights of {}", whole, platform::RegistryOwner());
+}
+
+/// What to say of a registry whose directory is missing; empty when it is there.
+std::string MissingDirectoryText() {
+    const std::string directory = platform::MissingRegistryDirectory();
+    if (directory.empty()) return "";
+    return fmt::format("there is no {}: is the agent installed? KVAGENT_STATE_DIR names another directory", directory);
 }
 
 bool IsGone(Error failure) { return failure == error::fileNotFound || failure == error::keyDeleted; }
@@ -62,8 +74,9 @@ bool IsGone(Error failure) { return failure == error::fileNotFound || failure ==
 /// Throws unless the result is success. If something does not exist, missing says what.
 void Require(Error result, const std::string& what, const std::string& missing) {
     if (result == error::success) return;
-    if (IsGone(result)) throw NotFoundError("there is no " + missing);
-    throw std::runtime_error(fmt::format("{}: {}", what, SystemText(result)));
+    const std::string directory = MissingDirectoryText();
+    if (IsGone(result)) throw NotFoundError(directory.empty() ? "there is no " + missing : directory);
+    throw std::runtime_error(fmt::format("{}: {}", what, directory.empty() ? SystemText(result) : directory));
 }
 
 std::u16string WideArgument(const std::string& argument) {
@@ -131,7 +144,21 @@ void Set(const Given& given) {
     value.name = NameArgument(Value(given, "NAME"));
     value.type = isNumber ? RegistryType::dword : RegistryType::text;
     value.data = isNumber ? DwordArgument(data) : DataOfText(WideArgument(data));
+    if (!Has(given, "--force")) RefuseFault(path, value);
+    WarnOfName(path, value.name);
     Require(WriteValue(path, value), "cannot write the " + ValueTitle(path, value.name), "key " + WholePath(path));
+}
+
+/// Throws unless a person at the terminal agrees.
+void ConfirmDeletion(const std::u16string& path, const std::string& title) {
+    RegFile tree;
+    std::u16string failedAt;
+    Require(ReadTree(path, tree, failedAt), "cannot read the key " + WholePath(failedAt), title);
+    std::size_t values = 0;
+    for (const RegFileKey& key : tree) values += key.values.size();
+    const std::string question =
+        fmt::format("Delete the {} with {} values, in it and in {} keys below it?", title, values, tree.size() - 1);
+    if (!commandline::Confirmed(question)) throw std::runtime_error("nothing was deleted");
 }
 
 void Delete(const Given& given) {
@@ -143,6 +170,7 @@ void Delete(const Given& given) {
     }
     if (path.empty()) throw UsageError("the root itself cannot be deleted");
     const std::string title = "key " + WholePath(path);
+    if (!Has(given, "--yes")) ConfirmDeletion(path, title);
     Require(platform::Registry().RegDeleteTreeW(platform::RootKey::localMachine, path), "cannot delete the " + title,
             title);
 }
@@ -259,6 +287,7 @@ void Import(const Given& given) {
         throw std::runtime_error(
             fmt::format("{}:{}: {}; nothing was imported", path, parseError.line, parseError.message));
     }
+    WarnOfFile(file);
     std::u16string failedAt;
     const Error result = ApplyRegFile(file, failedAt);
     Require(result, "the import stopped at the key " + WholePath(failedAt), "key " + WholePath(failedAt));
@@ -276,7 +305,9 @@ constexpr Word getWords[] = {key,
 constexpr Word setWords[] = {
     key, {"NAME", "name of the value; '' is the default value of the key"}, {"DATA", "what to store"}};
 constexpr Option setOptions[] = {
-    {"--dword", "", "DATA is a number from 0 to 4294967295, decimal or 0x and hexadecimal"}};
+    {"--dword", "", "DATA is a number from 0 to 4294967295, decimal or 0x and hexadecimal"},
+    {"--force", "", "stores what the agent cannot use, too"}};
+constexpr Option deleteOptions[] = {{"--yes", "", "deletes a whole key without a question"}};
 constexpr Word deleteWords[] = {key, optionalName};
 constexpr Word keyWords[] = {key};
 constexpr Word exportWords[] = {{"FILE", "file to write"}, {"KEY", "path of the key; the root is the default", true}};
@@ -284,8 +315,14 @@ constexpr Word importWords[] = {{"FILE", "file to read, at most 64 MB"}};
 
 constexpr Command commands[] = {
     {"get", "Prints the data of a value.", getWords, {}, Get},
-    {"set", "Stores a text, or a number with --dword. Makes the key if it is missing.", setWords, setOptions, Set},
-    {"delete", "Deletes a value, or without NAME the key and all below it.", deleteWords, {}, Delete},
+    {"set",
+     "Stores a text, or a number with --dword. Makes the key if it is missing. A setting of the agent is stored only "
+     "if the agent can use it, and a name that the agent does not know is stored with a warning.",
+     setWords, setOptions, Set},
+    {"delete",
+     "Deletes a value, or without NAME the key and all below it. Asks before a whole key goes; where nobody can be "
+     "asked, it needs --yes.",
+     deleteWords, deleteOptions, Delete},
     {"list", "Shows the values of a key, and its subkeys.", keyWords, {}, List},
     {"watch",
      "Prints a line for each change of a value in the key or below it, until interrupted. If the key is deleted, waits "
@@ -299,7 +336,12 @@ constexpr Command commands[] = {
      exportWords,
      {},
      Export},
-    {"import", "Applies a .reg file. A malformed file changes nothing.", importWords, {}, Import},
+    {"import",
+     "Applies a .reg file. A malformed file changes nothing. What the agent does not know or cannot use is imported "
+     "with a warning.",
+     importWords,
+     {},
+     Import},
 };
 
 constexpr std::span<const Command> topics[] = {commands};

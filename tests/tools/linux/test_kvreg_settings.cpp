@@ -1,0 +1,62 @@
+// What kvreg says of the agent's own settings, in a registry of the test's own.
+#include "tests/tools/kvreg_fixture.h"
+
+namespace kv::test {
+
+namespace {
+
+const std::string agentKey = "Software\\Halvorine\\Kestrova\\KVAgent";
+const std::string serverKey = agentKey + "\\ServerInfo";
+
+TEST_F(Kvreg, KnowsTheSettingsOfTheAgent) {
+    const std::tuple<const char*, Words, int, const char*> rows[] = {
+        {"a text for a number", {agentKey, "AgentLogLevel", "2"}, 2, "a number from 0 to 4, not a text: add --dword"},
+        {"beyond the range", {agentKey, "AgentLogLevel", "9", "--dword"}, 2, "from 0 to 4, not 9; --force stores it"},
+        {"a number for a text", {serverKey, "KVServerSecurePort", "1", "--dword"}, 2, "leave --dword out"},
+        {"not a port", {serverKey, "kvserversecureport", "abc"}, 2, "a port number from 1 to 65535, not 'abc'"},
+        {"a slip in a value", {serverKey, "KVServerProtocol", "htp"}, 2, "takes https or http, not 'htp'"},
+        {"the same by force", {serverKey, "KVServerProtocol", "htp", "--force"}, 0, ""},
+        {"no slash", {agentKey, "KVAgentInstallDir", "/opt/kestrova"}, 2, "a directory with a slash at its end"},
+        {"a secret", {agentKey, "ProxyPassword", "secret!"}, 2, "ProxyPassword takes Base64; --force"},
+        {"a slip in a name", {serverKey, "KVServerNam", "cs"}, 0, "did you mean ServerInfo\\KVServerName?"},
+        {"the wrong key", {agentKey, "KVServerName", "cs"}, 0, "did you mean ServerInfo\\KVServerName?"},
+        {"a key below", {agentKey + "\\Sub", "x", "1"}, 0, "the agent does not know a value x in this key\n"},
+        {"a key beside", {agentKey + "2", "AgentLogLevel", "x"}, 0, ""},
+    };
+    for (const auto& [title, arguments, exitCode, errors] : rows) {
+        SCOPED_TRACE(title);
+        Words words{"set"};
+        words.insert(words.end(), arguments.begin(), arguments.end());
+        const Outcome outcome = Run(words);
+        EXPECT_EQ(outcome.exitCode, exitCode);
+        EXPECT_THAT(outcome.errors, HasSubstr(errors));
+        EXPECT_EQ(outcome.errors.empty(), *errors == '\0') << outcome.errors;
+        EXPECT_EQ(Run({"get", arguments[0], arguments[1]}).exitCode, exitCode == 0 ? 0 : 3) << "stored or not";
+        Run({"delete", arguments[0], arguments[1]});
+    }
+}
+
+TEST_F(Kvreg, ImportsUnknownSettingsWithAWarning) {
+    Write(file, header + "[HKLM\\" + serverKey + "]\n\"KVServerNam\"=\"cs\"\n\"KVServerSecurePort\"=dword:1\n");
+    const Outcome outcome = Run({"import", file});
+    EXPECT_EQ(outcome.exitCode, 0);
+    EXPECT_THAT(outcome.errors, HasSubstr("did you mean ServerInfo\\KVServerName?"));
+    EXPECT_THAT(outcome.errors, HasSubstr("KVServerSecurePort has to be a text, not a DWORD"));
+    EXPECT_EQ(Get(serverKey, "KVServerSecurePort"), "1\n");
+}
+
+TEST_F(Kvreg, NamesAMissingStateDirectory) {
+    ShareRegistry(folder / "missing");
+    for (const Words& words : {Words{"get", key, "v"}, Words{"list", key}, Words{"delete", key}}) {
+        const Outcome outcome = Run(words);
+        EXPECT_EQ(outcome.exitCode, 3);
+        EXPECT_THAT(outcome.errors, HasSubstr("there is no " + (folder / "missing").string() + ": is the agent"));
+    }
+    ShareRegistry("/proc/none");
+    EXPECT_THAT(Run({"set", key, "v", "1"}).errors, HasSubstr("there is no /proc/none: is the agent installed?"));
+    ShareRegistry(folder / "state");
+}
+
+}  // namespace
+
+}  // namespace kv::test
