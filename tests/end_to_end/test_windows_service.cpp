@@ -57,7 +57,7 @@ class WindowsService : public ::testing::Test {
     void RemoveAll() const {
         RunWindows("net.exe stop '" + std::string(service) + "'");
         RunWindows((programs / "MonitoringAgent.exe").string() + " /u");
-        RunWindows((programs / "kvreg.exe").string() + " delete 'Software\\Halvorine'");
+        RunWindows((programs / "kvreg.exe").string() + " delete --yes 'Software\\Halvorine'");
         fs::remove_all(folder);
     }
 
