@@ -13,6 +13,9 @@ std::string_view RegistryPlace();
 /// Who may change the registry, as a message says it.
 std::string_view RegistryOwner();
 
+/// The command that starts the agent's service again, as one types it.
+std::string_view ServiceRestartCommand();
+
 /// The directory of the registry's file when that directory does not exist; else empty.
 [[nodiscard]] std::string MissingRegistryDirectory();
 

@@ -82,6 +82,8 @@ std::string_view RegistryPlace() {
 
 std::string_view RegistryOwner() { return "root"; }
 
+std::string_view ServiceRestartCommand() { return "systemctl restart corvinel-monitoring-agent"; }
+
 std::string MissingRegistryDirectory() {
     std::error_code unknown;  // such as a directory above that may not be searched
     const bool isMissing = !fs::exists(StateDirectory(), unknown) && !unknown;

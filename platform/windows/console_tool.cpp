@@ -94,6 +94,10 @@ std::string_view RegistryPlace() {
 
 std::string_view RegistryOwner() { return "an administrator"; }
 
+std::string_view ServiceRestartCommand() {
+    return "net stop \"Corvinel Monitoring Agent\" & net start \"Corvinel Monitoring Agent\"";
+}
+
 std::string MissingRegistryDirectory() { return {}; }
 
 bool InputIsTerminal() {

@@ -5,6 +5,7 @@
 
 namespace kv::control {
 
-// A row for each verb, in the order of the help: const commandline::Command& StatusVerb();
+// A row for each verb, in the order of the help.
+const commandline::Command& SetupVerb();
 
 }  // namespace kv::control

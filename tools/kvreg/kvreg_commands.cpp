@@ -18,10 +18,10 @@
 #include "platform/backend.h"
 #include "platform/clock.h"
 #include "platform/console_tool.h"
-#include "platform/messages.h"
 #include "platform/registry_names.h"
 #include "platform/utf.h"
 #include "tools/kvreg/reg_file.h"
+#include "tools/kvreg/registry_failure.h"
 #include "tools/kvreg/registry_tree.h"
 #include "tools/kvreg/value_judgement.h"
 #include "tools/kvreg/value_text.h"
@@ -54,29 +54,12 @@ std::string WholePath(std::u16string_view path) {
     return path.empty() ? "HKEY_LOCAL_MACHINE" : "HKEY_LOCAL_MACHINE\\" + platform::Utf8FromWide(path);
 }
 
-std::string SystemText(Error failure) {
-    const std::string text = platform::MessageInLine(failure);
-    const std::string whole =
-        text.empty() ? fmt::format("error {}", failure) : fmt::format("{} (error {})", text, failure);
-    if (failure != error::accessDenied) return whole;
-    return fmt::format("{}; it takes the rights of {}", whole, platform::RegistryOwner());
-}
-
-/// What to say of a registry whose directory is missing; empty when it is there.
-std::string MissingDirectoryText() {
-    const std::string directory = platform::MissingRegistryDirectory();
-    if (directory.empty()) return "";
-    return fmt::format("there is no {}: is the agent installed? KVAGENT_STATE_DIR names another directory", directory);
-}
-
-bool IsGone(Error failure) { return failure == error::fileNotFound || failure == error::keyDeleted; }
-
 /// Throws unless the result is success. If something does not exist, missing says what.
 void Require(Error result, const std::string& what, const std::string& missing) {
     if (result == error::success) return;
-    const std::string directory = MissingDirectoryText();
-    if (IsGone(result)) throw NotFoundError(directory.empty() ? "there is no " + missing : directory);
-    throw std::runtime_error(fmt::format("{}: {}", what, directory.empty() ? SystemText(result) : directory));
+    const std::string noRegistry = MissingRegistryText();
+    if (IsGone(result)) throw NotFoundError(noRegistry.empty() ? "there is no " + missing : noRegistry);
+    throw std::runtime_error(fmt::format("{}: {}", what, RegistryFailureText(result)));
 }
 
 std::u16string WideArgument(const std::string& argument) {

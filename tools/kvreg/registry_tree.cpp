@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "tools/kvreg/registry_failure.h"
+
 namespace kv {
 
 namespace {
@@ -29,8 +31,6 @@ Error QueryValue(platform::RegistryKey key, std::u16string_view name, RegFileVal
     value.data.resize(result == error::success ? size : 0);
     return result;
 }
-
-bool IsGone(Error result) { return result == error::fileNotFound || result == error::keyDeleted; }
 
 Error ReadSubtree(const std::u16string& path, RegFile& tree, std::u16string& failedAt) {
     KeyContents contents;

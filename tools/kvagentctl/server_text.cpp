@@ -1,0 +1,62 @@
+#include "tools/kvagentctl/server_text.h"
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <cstdint>
+#include <fmt/format.h>
+
+#include "platform/sockets.h"
+
+namespace kv::control {
+
+namespace {
+
+/// The scheme's name in lower case, taken off the text with its "://"; empty when the text has none.
+std::string TakeScheme(std::string_view& text) {
+    const std::size_t end = text.find("://");
+    if (end == std::string_view::npos) return "";
+    std::string scheme(text.substr(0, end));
+    std::transform(scheme.begin(), scheme.end(), scheme.begin(), [](unsigned char c) { return std::tolower(c); });
+    text.remove_prefix(end + 3);
+    return scheme;
+}
+
+/// Splits "host:port" and "[address]:port". An IPv6 address without brackets has no port.
+void SplitHost(std::string_view text, ServerText& server) {
+    const bool isBracketed = text.starts_with('[');
+    const std::size_t bracket = text.find(']');
+    std::size_t colon = std::string_view::npos;
+    if (!isBracketed && std::count(text.begin(), text.end(), ':') == 1) colon = text.find(':');
+    if (isBracketed && bracket != std::string_view::npos && text.substr(bracket).starts_with("]:")) colon = bracket + 1;
+    const std::string_view host = text.substr(0, colon);
+    server.host = isBracketed && host.ends_with(']') ? host.substr(1, host.size() - 2) : host;
+    if (colon == std::string_view::npos) return;
+    server.port = text.substr(colon + 1);
+    if (server.port.empty()) server.problem = "has a colon without a port";
+}
+
+}  // namespace
+
+ServerText ParseServerText(std::string_view text) {
+    ServerText server;
+    std::string_view rest = text;
+    server.protocol = TakeScheme(rest);
+    const std::size_t slash = rest.find('/');
+    const std::string_view path = slash == std::string_view::npos ? "" : rest.substr(slash);
+    SplitHost(rest.substr(0, slash), server);
+    if (!server.protocol.empty() && server.protocol != "https" && server.protocol != "http")
+        server.problem = fmt::format("takes https:// or http://, not '{}://'", server.protocol);
+    else if (path.size() > 1)
+        server.problem = fmt::format("takes no path, because the agent's paths are fixed: leave '{}' out", path);
+    return server;
+}
+
+bool IsAddress(std::string_view text) {
+    std::array<std::uint8_t, 4> bytes{};
+    if (text.find(' ') == std::string_view::npos && platform::Sockets().inet_addr(text, bytes)) return true;
+    return std::count(text.begin(), text.end(), ':') >= 2 &&
+           text.find_first_not_of("0123456789abcdefABCDEF:.%") == std::string_view::npos;
+}
+
+}  // namespace kv::control

@@ -1,0 +1,23 @@
+// A server as people write it on a command line.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace kv::control {
+
+/// Parts that were not given are empty.
+struct ServerText {
+    std::string protocol;  // "https" or "http"
+    std::string host;      // an IPv6 address without its brackets
+    std::string port;      // not checked
+    std::string problem;   // what is wrong with the text, as the end of a sentence; empty when nothing is
+};
+
+/// Takes a name or an address, with or without a port, and URLs such as "https://cs.example.com:8443/".
+ServerText ParseServerText(std::string_view text);
+
+/// Whether a text is an IPv4 address in dotted form, or has the form of an IPv6 address.
+bool IsAddress(std::string_view text);
+
+}  // namespace kv::control

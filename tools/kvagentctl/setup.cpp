@@ -1,0 +1,275 @@
+// kvagentctl setup: the server's settings in one line, checked before any is stored.
+#include <array>
+#include <cstdio>
+#include <fmt/format.h>
+#include <string>
+#include <vector>
+
+#include "commandline/run.h"
+#include "foundation/agent_settings.h"
+#include "foundation/registry_store.h"
+#include "foundation/text.h"
+#include "platform/console_tool.h"
+#include "platform/messages.h"
+#include "platform/sockets.h"
+#include "platform/utf.h"
+#include "tools/kvagentctl/output.h"
+#include "tools/kvagentctl/server_text.h"
+#include "tools/kvagentctl/verbs.h"
+#include "tools/kvreg/registry_failure.h"
+#include "tools/kvreg/registry_tree.h"
+
+namespace kv::control {
+
+namespace {
+
+using commandline::Given;
+using commandline::Has;
+using commandline::Value;
+using platform::Utf8FromWide;
+using platform::WideFromUtf8;
+
+constexpr const char* noAddress = "--";  // as other writers of these settings put it
+constexpr const char* defaultName = "Default";
+constexpr const char* before = "as before";
+
+struct Choice {
+    const AgentSetting* setting;
+    std::string value;
+    std::string source;  // the option that it is from, or in words
+};
+
+/// What is stored now; empty when it is absent. A failed registry is a failure of the command.
+std::string Stored(std::u16string_view key, std::u16string_view name) {
+    RegFileValue value;
+    const platform::Error result = ReadValue(key, name, value);
+    if (result != platform::error::success && (!IsGone(result) || !MissingRegistryText().empty()))
+        throw std::runtime_error("the registry cannot be read: " + RegistryFailureText(result));
+    return value.type == platform::RegistryType::text ? Utf8FromWide(TextOfData(value.data)) : "";
+}
+
+class Setup {
+  public:
+    explicit Setup(const Given& given) : given_(given) {}
+
+    /// Works out every setting. Problems are collected, not thrown.
+    void Choose();
+
+    const std::vector<Choice>& choices() const { return choices_; }
+    const std::vector<std::string>& problems() const { return problems_; }
+    const std::vector<std::string>& warnings() const { return warnings_; }
+
+  private:
+    void TakeServer();
+    void ChooseName(std::u16string_view name, const std::string& fromServer);
+    void ChooseAddress();
+    void ChooseSecondAddress();
+    void ChooseConnection();
+    /// The option's value, else what is stored, else the fallback.
+    void ChooseByOption(std::u16string_view key, std::u16string_view name, const char* option, const char* fallback);
+    void Add(std::u16string_view key, std::u16string_view name, const std::string& value, const std::string& source);
+    std::string LookUp(const std::string& host);
+
+    const Given& given_;
+    ServerText server_;   // as --server gives it, or the stored name
+    bool isNew_ = false;  // another server than before
+    std::vector<Choice> choices_;
+    std::vector<std::string> problems_;
+    std::vector<std::string> warnings_;
+};
+
+void Setup::Choose() {
+    TakeServer();
+    ChooseAddress();
+    ChooseSecondAddress();
+    ChooseConnection();
+    ChooseByOption(agentKeyPath, u"CustomerName", "--customer", defaultName);
+    ChooseByOption(agentKeyPath, u"RemoteOfficeName", "--office", defaultName);
+    if (Stored(agentKeyPath, u"KVAgentInstallDir").empty())
+        warnings_.emplace_back(
+            "KVAgentInstallDir is missing, and without it the agent cannot run: kvreg set "
+            "\"Software\\Halvorine\\Kestrova\\KVAgent\" KVAgentInstallDir DIRECTORY/");
+    if (isNew_ && !Stored(serverInfoKeyPath, u"KVServerPinnedKey").empty())
+        warnings_.emplace_back("KVServerPinnedKey is still the former server's: kvagentctl pin stores the new one");
+}
+
+void Setup::TakeServer() {
+    const std::string stored = Stored(serverInfoKeyPath, u"KVServerName");
+    isNew_ = Has(given_, "--server");
+    if (!isNew_ && stored.empty()) problems_.emplace_back("--server is missing, and no server was set before");
+    if (isNew_) server_ = ParseServerText(Value(given_, "--server"));
+    if (!server_.problem.empty()) problems_.push_back("--server " + server_.problem);
+    if (!isNew_) server_.host = stored;
+    const bool isName = !IsAddress(server_.host);
+    const std::string flatName = isName ? server_.host.substr(0, server_.host.find('.')) : server_.host;
+    ChooseName(u"KVServerName", server_.host);
+    ChooseName(u"KVServerFlatName", flatName);
+    ChooseName(u"KVLastAccessName", server_.host);
+    isNew_ = server_.host != stored;
+}
+
+/// A name of the server that is given, or else the stored one; what is missing follows from the stored server.
+void Setup::ChooseName(std::u16string_view name, const std::string& fromServer) {
+    const std::string stored = Stored(serverInfoKeyPath, name);
+    if (Has(given_, "--server"))
+        Add(serverInfoKeyPath, name, fromServer, "--server");
+    else if (!stored.empty())
+        Add(serverInfoKeyPath, name, stored, before);
+    else if (!fromServer.empty())
+        Add(serverInfoKeyPath, name, fromServer, "KVServerName");
+}
+
+void Setup::ChooseAddress() {
+    const std::string stored = Stored(serverInfoKeyPath, u"KVServerIPAddress");
+    const std::string given = Value(given_, "--ip");
+    if (Has(given_, "--ip")) {
+        if (!IsAddress(given)) problems_.push_back(fmt::format("--ip takes an address, not '{}'", given));
+        Add(serverInfoKeyPath, u"KVServerIPAddress", given, "--ip");
+    } else if (IsAddress(server_.host)) {
+        Add(serverInfoKeyPath, u"KVServerIPAddress", server_.host, "--server");
+    } else if ((isNew_ || stored.empty()) && !server_.host.empty() && problems_.empty()) {
+        Add(serverInfoKeyPath, u"KVServerIPAddress", LookUp(server_.host), "looked up");
+    } else if (!stored.empty()) {
+        Add(serverInfoKeyPath, u"KVServerIPAddress", stored, before);
+    }
+}
+
+void Setup::ChooseSecondAddress() {
+    const std::string second = Value(given_, "--second-ip", noAddress);
+    if (Has(given_, "--second-ip")) {
+        if (second != noAddress && !IsAddress(second))
+            problems_.push_back(fmt::format("--second-ip takes an address, or -- for no address, not '{}'", second));
+        Add(serverInfoKeyPath, u"KVServerSecIPAddress", second, "--second-ip");
+    } else if (const std::string now = Stored(serverInfoKeyPath, u"KVServerSecIPAddress"); isNew_ || now.empty()) {
+        Add(serverInfoKeyPath, u"KVServerSecIPAddress", noAddress, "no second address");
+    } else {
+        Add(serverInfoKeyPath, u"KVServerSecIPAddress", now, before);
+    }
+}
+
+void Setup::ChooseConnection() {
+    std::string protocol = server_.protocol;
+    if (protocol.empty()) protocol = Value(given_, "--protocol");
+    const char* const protocolSource = server_.protocol.empty() ? "--protocol" : "--server";
+    if (!server_.protocol.empty() && Has(given_, "--protocol") && Value(given_, "--protocol") != protocol)
+        problems_.emplace_back("--server and --protocol name two protocols");
+    if (protocol.empty())
+        ChooseByOption(serverInfoKeyPath, u"KVServerProtocol", "--protocol", "https");
+    else
+        Add(serverInfoKeyPath, u"KVServerProtocol", protocol, protocolSource);
+    const bool isSecure = CompareIgnoreCase(WideFromUtf8(choices_.back().value), u"http") != 0;
+
+    if (!server_.port.empty() && Has(given_, "--port") && Value(given_, "--port") != server_.port)
+        problems_.emplace_back("--server and --port name two ports");
+    if (!server_.port.empty())
+        Add(serverInfoKeyPath, u"KVServerSecurePort", server_.port, "--server");
+    else if (!server_.protocol.empty() && !Has(given_, "--port"))  // as every URL has it
+        Add(serverInfoKeyPath, u"KVServerSecurePort", isSecure ? "443" : "80", "default of the URL");
+    else
+        ChooseByOption(serverInfoKeyPath, u"KVServerSecurePort", "--port", isSecure ? "8443" : "8080");
+}
+
+void Setup::ChooseByOption(std::u16string_view key, std::u16string_view name, const char* option,
+                           const char* fallback) {
+    const std::string stored = Stored(key, name);
+    if (Has(given_, option))
+        Add(key, name, Value(given_, option), option);
+    else if (!stored.empty())
+        Add(key, name, stored, before);
+    else
+        Add(key, name, fallback, "default");
+}
+
+void Setup::Add(std::u16string_view key, std::u16string_view name, const std::string& value,
+                const std::string& source) {
+    const AgentSetting* const setting = FindAgentSetting(key, name);
+    choices_.push_back({setting, value, source});
+    const bool isRepeated = !problems_.empty() && problems_.back().starts_with(source);
+    if (!platform::IsValidUtf8(value))
+        problems_.push_back(source + " is not UTF-8");
+    else if (!SettingTakes(*setting, WideFromUtf8(value)) && !isRepeated)
+        problems_.push_back(fmt::format("{} takes {}, not '{}'", source == before ? SettingTitle(*setting) : source,
+                                        SettingTaken(*setting), value));
+}
+
+/// The first address that the name leads to; else a problem, and a text that stands in for it.
+std::string Setup::LookUp(const std::string& host) {
+    platform::HostEntry entry;
+    const platform::Error failure = platform::Sockets().gethostbyname(host, entry);
+    if (failure == platform::error::success) return entry.address;
+    problems_.push_back(
+        fmt::format("the address of {} cannot be looked up: {} (error {}); correct --server, or give "
+                    "the address with --ip",
+                    host, platform::MessageInLine(failure), failure));
+    return noAddress;
+}
+
+void RefuseProblems(const std::vector<std::string>& problems) {
+    if (problems.empty()) return;
+    for (const std::string& problem : problems) fmt::print(stderr, "kvagentctl: {}\n", commandline::InLine(problem));
+    throw commandline::UsageError("nothing was stored");
+}
+
+void Store(const std::vector<Choice>& choices) {
+    if (!MissingRegistryText().empty()) throw std::runtime_error(MissingRegistryText());
+    std::string stored;
+    for (const Choice& choice : choices) {
+        if (choice.source == before) continue;
+        const RegFileValue value{.name = std::u16string(choice.setting->name),
+                                 .type = platform::RegistryType::text,
+                                 .data = DataOfText(WideFromUtf8(choice.value))};
+        if (const platform::Error failure = WriteValue(choice.setting->key, value))
+            throw std::runtime_error(
+                fmt::format("{} cannot be stored: {}{}", SettingTitle(*choice.setting), RegistryFailureText(failure),
+                            stored.empty() ? "; nothing was stored" : "; stored before it:" + stored));
+        stored += " " + SettingTitle(*choice.setting);
+    }
+}
+
+void RunSetup(const Given& given) {
+    const bool isDry = Has(given, "--dry-run");
+    if (given.size() == std::size_t{isDry} + (Has(given, "--json") ? 1 : 0))
+        throw commandline::UsageError("what is to be set? give --server, or what is to change");
+    Setup setup(given);
+    setup.Choose();
+    RefuseProblems(setup.problems());
+    if (!isDry) Store(setup.choices());
+    Table table{{"setting", "value", "from"}, {}};
+    for (const Choice& choice : setup.choices())
+        table.rows.push_back({SettingTitle(*choice.setting), choice.value, choice.source});
+    fmt::print("{}", Printed(table, Has(given, "--json") ? Form::json : Form::table));
+    commandline::FlushOutput();
+    for (const std::string& warning : setup.warnings()) fmt::print(stderr, "kvagentctl: warning: {}\n", warning);
+    if (Has(given, "--json")) return;
+    if (isDry)
+        fmt::print("\nNothing was stored, because of --dry-run.\n");
+    else
+        fmt::print("\nStored. The agent takes it at its next start: {}\nkvagentctl check --online tries the server.\n",
+                   platform::ServiceRestartCommand());
+}
+
+}  // namespace
+
+const commandline::Command& SetupVerb() {
+    static constexpr commandline::Option options[] = {
+        {"--server", "SERVER", "the server's name, or a URL such as https://cs.example.com:8443"},
+        {"--port", "PORT", "default: that of the URL or as before, else 8443 for https and 8080 for http"},
+        {"--protocol", "PROTOCOL", "https or http; default: as before, else https"},
+        {"--customer", "NAME", "the customer, as the server knows it; default: as before, else Default"},
+        {"--office", "NAME", "the office, as the server knows it; default: as before, else Default"},
+        {"--ip", "ADDRESS", "the server's address; default: what the name leads to"},
+        {"--second-ip", "ADDRESS", "the server's second address, or -- for no address"},
+        {"--dry-run", "", "checks and prints, and stores nothing"},
+        {"--json", "", "prints the settings as JSON"}};
+    static constexpr commandline::Command verb{
+        "setup",
+        "Stores the settings that lead to the server. What is not given stays as it is, so that one thing can be "
+        "changed by itself. Everything is checked first; if anything is wrong, all of it is told and nothing is "
+        "stored.",
+        {},
+        options,
+        RunSetup};
+    return verb;
+}
+
+}  // namespace kv::control
