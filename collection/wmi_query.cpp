@@ -73,7 +73,11 @@ constexpr ConnectStep connectSteps[] = {
     {u"Failed to create IWbemLocator object",
      [](Query& query) { return Wmi().CoCreateInstance(query.locator.Place()); }},
     {u"Could not connect to nameSpace",
-     [](Query& query) { return Wmi().ConnectServer(query.locator.get(), query.nameSpace, query.services.Place()); }},
+     [](Query& query) {
+         const WmiStatus status = Wmi().ConnectServer(query.locator.get(), query.nameSpace, query.services.Place());
+         if (platform::IsFailure(status)) Log1("\t WMIFunction :: The nameSpace is %s \n", query.nameSpace);
+         return status;
+     }},
     {u"Could not set proxy blanket", [](Query& query) { return Wmi().CoSetProxyBlanket(query.services.get()); }},
 };
 
@@ -87,10 +91,17 @@ Outcome Connect(Query& query) {
     return {};
 }
 
+/// Beside the lines that have only the status: what is wrong with the query, as far as the system tells.
+void LogRefusal(const Query& query) {
+    const std::u16string refusal = Wmi().TakeRefusal(query.services.get());
+    if (!refusal.empty()) Log1("\t WMIFunction :: The query is refused: %s \n", refusal);
+}
+
 Outcome Start(Query& query) {
     const WmiStatus status = Wmi().ExecQuery(query.services.get(), query.text, query.enumerator.Place());
     if (!platform::IsFailure(status)) return {};
     Log1("\t WMIFunction ::ExecQuery Failed for %s. Last Error code is [%x] \n", query.text, status);
+    LogRefusal(query);
     return {status, query.text};
 }
 
@@ -140,7 +151,10 @@ Outcome Run(std::u16string_view nameSpace, std::u16string_view text, Vector* row
     const WmiStatus status = AppendRows(query.enumerator.get(), rows);
     for (const std::u16string& notice : Wmi().TakeNotices(query.enumerator.get()))
         Log1("\t WMIFunction :: %s \n", notice);
-    if (platform::IsFailure(status)) Log1("\t WMIFunction :: Next failed after %d rows [%x]\n", rows->count, status);
+    if (platform::IsFailure(status)) {
+        Log1("\t WMIFunction :: Next failed after %d rows [%x]\n", rows->count, status);
+        LogRefusal(query);
+    }
     return {status, u"ERROR"};
 }
 

@@ -6,10 +6,10 @@
 #include <vector>
 
 #include "foundation/file_utils.h"
-#include "foundation/near_name.h"
 #include "foundation/proxy_password.h"
 #include "foundation/registry_store.h"
 #include "foundation/text.h"
+#include "platform/near_name.h"
 #include "platform/utf.h"
 
 namespace kv {
@@ -211,15 +211,14 @@ std::string SettingTitle(const AgentSetting& setting) {
 }
 
 std::string NearestSetting(std::u16string_view key, std::u16string_view name) {
-    std::vector<std::string> names;
+    std::vector<std::u16string_view> names;
     for (const AgentSetting& setting : settings) {
         if (SameText(setting.name, name) && !SameText(setting.key, key)) return SettingTitle(setting);
-        names.push_back(platform::Utf8FromWide(setting.name));
+        names.push_back(setting.name);
     }
-    const std::vector<std::string_view> known(names.begin(), names.end());
-    const std::string_view nearest = NearestName(platform::Utf8FromWide(name), known);
+    const std::u16string_view nearest = platform::NearestName(name, names);
     for (const AgentSetting& setting : settings) {
-        if (!nearest.empty() && platform::Utf8FromWide(setting.name) == nearest) return SettingTitle(setting);
+        if (!nearest.empty() && setting.name == nearest) return SettingTitle(setting);
     }
     return {};
 }

@@ -78,6 +78,10 @@ struct WmiOperations {
     /// What the log should say about a query so far, such as that a part of the system was left out because it does not
     /// answer. Each text is given once.
     std::function<std::vector<std::u16string>(WmiHandle enumerator)> TakeNotices;
+
+    /// What is wrong with the query that ExecQuery or Next of these services has just refused on this thread, and
+    /// where: for the log, beside the status. Given once; empty when the backend can tell no more than the status.
+    std::function<std::u16string(WmiHandle services)> TakeRefusal;
 };
 
 inline const WmiOperations& Wmi() { return CurrentOperations<WmiOperations>(); }

@@ -8,6 +8,7 @@
 #include "platform/guarded.h"
 #include "wql/bounded_run.h"
 #include "wql/object_path.h"
+#include "wql/refusal.h"
 #include "wql/statement.h"
 
 namespace kv::wql {
@@ -24,7 +25,9 @@ using platform::wmiResults;
 constexpr std::chrono::seconds queryLimit{30};
 
 struct Locator {};
-struct Services {};
+struct Services {
+    std::u16string refusal = {};  // of the last query
+};
 struct Enumerator {
     BoundedRunPtr run;
 };
@@ -59,10 +62,14 @@ WmiStatus ConnectServer(WmiHandle locator, std::u16string_view nameSpace, WmiHan
 }
 
 WmiStatus ExecQuery(WmiHandle services, std::u16string_view text, WmiHandle& enumerator) {
-    if (ThingOf<Services>(services) == nullptr) return wmi_status::invalidParameter;
+    auto* connected = ThingOf<Services>(services);
+    if (connected == nullptr) return wmi_status::invalidParameter;
     PreparedStatement prepared;
     WmiStatus status = PrepareStatement(text, prepared);
-    if (IsFailure(status)) return status;
+    if (IsFailure(status)) {
+        connected->refusal = DescribeRefusal(text);
+        return status;
+    }
     Enumerator result;
     status = StartBoundedRun(prepared.subject, queryLimit, std::move(prepared.run), result.run);
     if (!IsFailure(status)) enumerator = NewWmiHandle(std::move(result));
@@ -112,6 +119,11 @@ std::vector<std::u16string> TakeQueryNotices(WmiHandle handle) {
     return enumerator != nullptr ? TakeNotices(*enumerator->run) : std::vector<std::u16string>();
 }
 
+std::u16string TakeRefusal(WmiHandle handle) {
+    auto* services = ThingOf<Services>(handle);
+    return services != nullptr ? std::exchange(services->refusal, {}) : std::u16string();
+}
+
 WmiOperations Provider() {
     return {
         .CoInitializeEx = [] { return wmi_status::ok; },
@@ -127,6 +139,7 @@ WmiOperations Provider() {
         .EndEnumeration = EndEnumeration,
         .Release = Release,
         .TakeNotices = TakeQueryNotices,
+        .TakeRefusal = TakeRefusal,
     };
 }
 

@@ -2,8 +2,11 @@
 // returns null, or false.
 #include <algorithm>
 #include <optional>
+#include <string>
 #include <utility>
 
+#include "platform/near_name.h"
+#include "platform/utf.h"
 #include "wql/class_tree.h"
 #include "wql/wql_token.h"
 
@@ -19,22 +22,42 @@ struct Parser {
     Token token;  // the next one
     int depth = 0;
     WmiStatus failure = wmi_status::invalidQuery;  // the result, if parsing fails
+    std::vector<std::u16string_view> expected;     // what was looked for in the next token's place
+    std::u16string_view reason;                    // why it fails, unless by what was expected
 };
 
-void Advance(Parser& parser) { parser.token = TakeToken(parser.rest); }
+void Advance(Parser& parser) {
+    parser.token = TakeToken(parser.rest);
+    parser.expected.clear();
+}
+
+/// False, after a note of what was looked for.
+bool Miss(Parser& parser, std::u16string_view expected) {
+    parser.expected.push_back(expected);
+    return false;
+}
+
+/// False, for another reason than the next token.
+bool Fail(Parser& parser, std::u16string_view reason, WmiStatus failure = wmi_status::invalidQuery) {
+    parser.reason = reason;
+    parser.failure = failure;
+    return false;
+}
 
 bool IsNext(const Parser& parser, TokenKind kind, std::u16string_view spelling) {
     return parser.token.kind == kind && CompareNames(parser.token.spelling, spelling) == 0;
 }
 
 bool Accept(Parser& parser, TokenKind kind, std::u16string_view spelling) {
-    const bool isNext = IsNext(parser, kind, spelling);
-    if (isNext) Advance(parser);
-    return isNext;
+    if (!IsNext(parser, kind, spelling)) return Miss(parser, spelling);
+    Advance(parser);
+    return true;
 }
 
 bool AcceptWord(Parser& parser, std::u16string_view word) { return Accept(parser, TokenKind::word, word); }
 bool AcceptSign(Parser& parser, std::u16string_view sign) { return Accept(parser, TokenKind::sign, sign); }
+
+bool AcceptEnd(Parser& parser) { return parser.token.kind == TokenKind::end || Miss(parser, u"the end"); }
 
 bool IsNameNext(const Parser& parser) {
     const auto isNext = [&parser](std::u16string_view word) { return IsNext(parser, TokenKind::word, word); };
@@ -42,7 +65,7 @@ bool IsNameNext(const Parser& parser) {
 }
 
 bool ParseName(Parser& parser, std::u16string& name) {
-    if (!IsNameNext(parser)) return false;
+    if (!IsNameNext(parser)) return Miss(parser, u"a name");
     name = parser.token.spelling;
     Advance(parser);
     return true;
@@ -51,7 +74,8 @@ bool ParseName(Parser& parser, std::u16string& name) {
 /// A property in WHERE, or one of an embedded object: Name.Other.
 bool ParseProperty(Parser& parser, std::u16string& name) {
     if (!ParseName(parser, name)) return false;
-    while (AcceptSign(parser, u".")) {
+    while (IsNext(parser, TokenKind::sign, u".")) {
+        Advance(parser);
         std::u16string inner;
         if (!ParseName(parser, inner)) return false;
         name.append(u".").append(inner);
@@ -65,20 +89,21 @@ bool ParseLiteral(Parser& parser, Literal& literal) {
         Advance(parser);
         return true;
     }
-    if (AcceptWord(parser, u"NULL")) {
+    if (IsNext(parser, TokenKind::word, u"NULL")) {
         literal = NullLiteral();
-    } else if (AcceptWord(parser, u"TRUE")) {
+    } else if (IsNext(parser, TokenKind::word, u"TRUE")) {
         literal = true;
-    } else if (AcceptWord(parser, u"FALSE")) {
+    } else if (IsNext(parser, TokenKind::word, u"FALSE")) {
         literal = false;
     } else {
-        return false;
+        return Miss(parser, u"a value (a number, a text in quotes, TRUE, FALSE or NULL)");
     }
+    Advance(parser);
     return true;
 }
 
 bool ParseString(Parser& parser, Literal& literal) {
-    return parser.token.kind == TokenKind::string && ParseLiteral(parser, literal);
+    return parser.token.kind == TokenKind::string ? ParseLiteral(parser, literal) : Miss(parser, u"a text in quotes");
 }
 
 struct OperatorSign {
@@ -98,9 +123,15 @@ constexpr OperatorSign operatorSigns[] = {
 };
 
 const OperatorSign* ParseOperator(Parser& parser) {
-    const auto* found = std::find_if(std::begin(operatorSigns), std::end(operatorSigns),
-                                     [&parser](const OperatorSign& row) { return AcceptSign(parser, row.sign); });
-    return found == std::end(operatorSigns) ? nullptr : found;
+    const auto* found =
+        std::find_if(std::begin(operatorSigns), std::end(operatorSigns),
+                     [&parser](const OperatorSign& row) { return IsNext(parser, TokenKind::sign, row.sign); });
+    if (found == std::end(operatorSigns)) {
+        Miss(parser, u"an operator such as =");
+        return nullptr;
+    }
+    Advance(parser);
+    return found;
 }
 
 bool ParseOperatorAndLiteral(Parser& parser, Comparison& comparison) {
@@ -139,9 +170,11 @@ bool ParseTest(Parser& parser, Comparison& comparison, bool& isNegated) {
     return ParseOperatorAndLiteral(parser, comparison);
 }
 
-bool MeansSomething(const Comparison& comparison) {
-    return !std::holds_alternative<NullLiteral>(comparison.literal) ||
-           comparison.compare == ComparisonOperator::equal || comparison.compare == ComparisonOperator::notEqual;
+bool CheckNull(Parser& parser, const Comparison& comparison) {
+    const bool suits = !std::holds_alternative<NullLiteral>(comparison.literal) ||
+                       comparison.compare == ComparisonOperator::equal ||
+                       comparison.compare == ComparisonOperator::notEqual;
+    return suits || Fail(parser, u"NULL can only be compared by =, <>, != and IS");
 }
 
 ConditionPtr Negated(ConditionPtr operand) {
@@ -154,7 +187,7 @@ ConditionPtr ParseComparison(Parser& parser) {
     const bool isRead = IsNameNext(parser)
                             ? ParseProperty(parser, comparison.property) && ParseTest(parser, comparison, isNegated)
                             : ParseLiteralAndOperator(parser, comparison);
-    if (!isRead || !MeansSomething(comparison)) return nullptr;
+    if (!isRead || !CheckNull(parser, comparison)) return nullptr;
     auto condition = std::make_unique<Condition>(Condition{std::move(comparison)});
     return isNegated ? Negated(std::move(condition)) : std::move(condition);
 }
@@ -164,7 +197,7 @@ ConditionPtr ParseNegation(Parser& parser);
 
 ConditionPtr ParseNested(Parser& parser, bool isNegation) {
     if (parser.depth == maxQueryDepth) {
-        parser.failure = wmi_status::quotaViolation;
+        Fail(parser, u"parentheses and NOT are nested more than 200 deep", wmi_status::quotaViolation);
         return nullptr;
     }
     ++parser.depth;
@@ -216,7 +249,7 @@ bool ParseSelect(Parser& parser, WqlQuery& query) {
         query.where = ParseCondition(parser);
         if (!query.where) return false;
     }
-    return parser.token.kind == TokenKind::end;
+    return AcceptEnd(parser);
 }
 
 /// The part of a text before the brace that closes it; quotes hide braces. Absent if it is never closed.
@@ -237,12 +270,13 @@ std::optional<std::u16string_view> TextInBraces(std::u16string_view text) {
 }
 
 bool ParsePath(Parser& parser, ObjectName& object) {
-    if (!IsNext(parser, TokenKind::sign, u"{")) return false;
+    if (!IsNext(parser, TokenKind::sign, u"{")) return Miss(parser, u"{");
     const std::optional<std::u16string_view> path = TextInBraces(parser.rest);
     std::optional<ObjectName> named = path ? ParseObjectPath(*path) : std::nullopt;
     if (!named || IsFailure(named->place)) {
-        parser.failure = named ? named->place : wmi_status::invalidObjectPath;
-        return false;
+        return named ? Fail(parser, u"the path in braces leads to another computer or namespace", named->place)
+                     : Fail(parser, u"what stands in braces is not a path such as Win32_Service.Name='cron'",
+                            wmi_status::invalidObjectPath);
     }
     object = *std::move(named);
     parser.rest.remove_prefix(path->size() + 1);
@@ -252,7 +286,8 @@ bool ParsePath(Parser& parser, ObjectName& object) {
 
 /// The name after a word. Each word may stand once.
 bool ParseAssigned(Parser& parser, std::u16string& name) {
-    return name.empty() && AcceptSign(parser, u"=") && ParseName(parser, name);
+    if (!name.empty()) return Fail(parser, u"the word before this stands twice");
+    return AcceptSign(parser, u"=") && ParseName(parser, name);
 }
 
 /// One word of an association's WHERE, with what follows it.
@@ -260,10 +295,11 @@ bool ParseRestriction(Parser& parser, AssociationQuery& query) {
     for (const std::u16string_view unanswered :
          {u"KeysOnly", u"RequiredAssocQualifier", u"RequiredQualifier", u"SchemaOnly"}) {
         if (!IsNext(parser, TokenKind::word, unanswered)) continue;
-        parser.failure = wmi_status::notSupported;
-        return false;
+        return Fail(parser, u"this word is not supported", wmi_status::notSupported);
     }
-    if (AcceptWord(parser, u"ClassDefsOnly")) return !std::exchange(query.wantsClasses, true);
+    if (AcceptWord(parser, u"ClassDefsOnly")) {
+        return !std::exchange(query.wantsClasses, true) || Fail(parser, u"ClassDefsOnly stands twice");
+    }
     if (AcceptWord(parser, u"ResultClass")) return ParseAssigned(parser, query.resultClass);
     if (AcceptWord(parser, u"Role")) return ParseAssigned(parser, query.role);
     if (query.wantsReferences) return false;
@@ -273,7 +309,7 @@ bool ParseRestriction(Parser& parser, AssociationQuery& query) {
 
 bool ParseAssociation(Parser& parser, AssociationQuery& query) {
     if (!AcceptWord(parser, u"OF") || !ParsePath(parser, query.object)) return false;
-    if (!AcceptWord(parser, u"WHERE")) return parser.token.kind == TokenKind::end;
+    if (!AcceptWord(parser, u"WHERE")) return AcceptEnd(parser);
     do {
         if (!ParseRestriction(parser, query)) return false;
     } while (parser.token.kind != TokenKind::end);
@@ -287,13 +323,55 @@ bool ParseStatement(Parser& parser, WqlStatement& statement) {
     return (query.wantsReferences || AcceptWord(parser, u"ASSOCIATORS")) && ParseAssociation(parser, query);
 }
 
+/// "a, b or c"; signs stand in quotes.
+std::u16string Listed(const std::vector<std::u16string_view>& words) {
+    std::u16string list;
+    for (std::size_t at = 0; at < words.size(); ++at) {
+        if (at > 0) list += at + 1 == words.size() ? u" or " : u", ";
+        const bool isSign = words[at].size() == 1;
+        list.append(isSign ? u"\"" : u"").append(words[at]).append(isSign ? u"\"" : u"");
+    }
+    return list;
+}
+
+/// What is wrong at the next token.
+std::u16string ReasonAtToken(const Parser& parser) {
+    if (!parser.reason.empty()) return std::u16string(parser.reason);
+    if (parser.token.kind == TokenKind::unreadable) {
+        const char16_t first = parser.token.spelling.front();
+        const bool isText = first == u'\'' || first == u'"';
+        return isText ? u"a text in quotes that is not closed, or in which a backslash escapes something else than a "
+                        u"quote or a backslash"
+                      : u"this is not a word, number, text or sign of the language";
+    }
+    std::u16string reason = Listed(parser.expected) + u" is expected";
+    const std::u16string_view meant = platform::NearestName(parser.token.spelling, parser.expected);
+    if (!meant.empty()) reason.append(u"; did you mean ").append(meant).append(u"?");
+    return reason;
+}
+
+std::u16string ComplaintOf(const Parser& parser, std::u16string_view text) {
+    constexpr std::size_t mostShown = 40;
+    if (parser.token.kind == TokenKind::end) return u"at the end: " + ReasonAtToken(parser);
+    const std::u16string_view spelling = parser.token.spelling;
+    const auto column = static_cast<std::size_t>(spelling.data() - text.data()) + 1;
+    std::u16string complaint = u"at character " + platform::WideFromUtf8(std::to_string(column)) + u", \"";
+    complaint.append(spelling.substr(0, mostShown)).append(spelling.size() > mostShown ? u"...\"" : u"\"");
+    return complaint + u": " + ReasonAtToken(parser);
+}
+
 }  // namespace
 
-WmiStatus ParseWql(std::u16string_view text, WqlStatement& statement) {
-    if (text.size() > maxQueryLength) return wmi_status::quotaViolation;
-    Parser parser{.rest = text, .token = {}};
+WmiStatus ParseWql(std::u16string_view text, WqlStatement& statement, std::u16string* complaint) {
+    if (text.size() > maxQueryLength) {
+        if (complaint != nullptr) *complaint = u"it is longer than 65536 characters";
+        return wmi_status::quotaViolation;
+    }
+    Parser parser{.rest = text, .token = {}, .expected = {}, .reason = {}};
     Advance(parser);
-    return ParseStatement(parser, statement) ? wmi_status::ok : parser.failure;
+    if (ParseStatement(parser, statement)) return wmi_status::ok;
+    if (complaint != nullptr) *complaint = ComplaintOf(parser, text);
+    return parser.failure;
 }
 
 }  // namespace kv::wql

@@ -92,7 +92,8 @@ inline constexpr int maxQueryDepth = 200;
 /// ok; invalidQuery for any other text; invalidObjectPath for a path in braces that does not name an object, and for
 /// one that leads elsewhere the failure of CheckNamespace; notSupported for what this language has and is not answered:
 /// KeysOnly, SchemaOnly, and qualifiers in WHERE of associations; quotaViolation beyond the bounds. The statement is
-/// complete only if the result is ok.
-WmiStatus ParseWql(std::u16string_view text, WqlStatement& statement);
+/// complete only if the result is ok. A complaint, if wanted, then says where the text is wrong and what is expected
+/// there.
+WmiStatus ParseWql(std::u16string_view text, WqlStatement& statement, std::u16string* complaint = nullptr);
 
 }  // namespace kv::wql

@@ -169,6 +169,16 @@ std::vector<std::u16string> TakeNotices(WmiHandle handle) {
     return enumerator == nullptr ? std::vector<std::u16string>() : std::exchange(enumerator->notices, {});
 }
 
+/// COM keeps what a component says of its last failure for the thread that called it.
+std::u16string TakeRefusal(WmiHandle) {
+    ComPtr<IErrorInfo> information;
+    if (::GetErrorInfo(0, information.GetAddressOf()) != S_OK) return {};
+    BSTR description = nullptr;
+    const HRESULT result = information->GetDescription(&description);
+    const OwnedBstr owned(description);
+    return SUCCEEDED(result) ? TextOfBstr(description) : std::u16string();
+}
+
 }  // namespace
 
 WmiSource SystemWmi() {
@@ -196,6 +206,7 @@ WmiOperations WmiFrom(const WmiSource& source) {
         .EndEnumeration = EndEnumeration,
         .Release = Release,
         .TakeNotices = TakeNotices,
+        .TakeRefusal = TakeRefusal,
     };
 }
 

@@ -79,6 +79,7 @@ class WmiQuery : public TestAgent {
             .EndEnumeration = [this](Handle) { return Call("end"); },
             .Release = [this](Handle handle) { Call("-" + std::to_string(handle)); },
             .TakeNotices = [](Handle) { return std::vector<std::u16string>{u"C: was left out"}; },
+            .TakeRefusal = [](Handle of) { return of == 2 ? u"Nmae is unknown"s : u""s; },
         };
     }
 
@@ -128,7 +129,9 @@ TEST_F(WmiQuery, ReleasesEverythingInReverseOrderWhereverItEnds) {
     }
     EXPECT_EQ(WMIFunction(std::nullopt, std::nullopt, nullptr), u"wmiQuery is NULL");
     for (const char* line : {"\t WMIFunction :: Failed to initialize COM library [80041001]\n",
-                             "\t WMIFunction ::ExecQuery Failed for SELECT. Last Error code is [80041001] \n"})
+                             "\t WMIFunction ::ExecQuery Failed for SELECT. Last Error code is [80041001] \n",
+                             "\t WMIFunction :: The query is refused: Nmae is unknown \n",
+                             "\t WMIFunction :: The nameSpace is ROOT\\CIMV2 \n"})
         EXPECT_TRUE(Logged(line)) << line;
 }
 

@@ -5,8 +5,8 @@
 #include <regex>
 
 #include "foundation/agent_settings.h"
-#include "foundation/near_name.h"
 #include "foundation/registry_store.h"
+#include "platform/near_name.h"
 #include "platform/utf.h"
 
 namespace kv::test {
@@ -93,17 +93,18 @@ TEST(AgentSettings, AreFoundBehindASlip) {
     EXPECT_EQ(NearestSetting(serverInfoKeyPath, u"KVServerSecurPort"), "ServerInfo\\KVServerSecurePort");
     EXPECT_EQ(NearestSetting(agentKeyPath, u"kvservername"), "ServerInfo\\KVServerName") << "in the wrong key";
     EXPECT_EQ(NearestSetting(agentKeyPath, u"Colour"), "");
-    constexpr std::string_view members[] = {"wmiQuery", "oid", "port"};
-    const std::pair<const char*, const char*> rows[] = {{"wmiquery", "wmiQuery"},
-                                                        {"wimQuery", "wmiQuery"},
-                                                        {"wmiQueries", "wmiQuery"},
-                                                        {"odi", "oid"},
-                                                        {"prt", "port"},
-                                                        {"ports", "port"},
-                                                        {"parts", ""},
-                                                        {"wmi", ""},
-                                                        {"", ""}};
-    for (const auto& [name, nearest] : rows) EXPECT_EQ(NearestName(name, members), nearest) << name;
+    constexpr std::u16string_view members[] = {u"wmiQuery", u"oid", u"port"};
+    const std::pair<const char16_t*, const char16_t*> rows[] = {{u"wmiquery", u"wmiQuery"},
+                                                                {u"wimQuery", u"wmiQuery"},
+                                                                {u"wmiQueries", u"wmiQuery"},
+                                                                {u"odi", u"oid"},
+                                                                {u"prt", u"port"},
+                                                                {u"ports", u"port"},
+                                                                {u"parts", u""},
+                                                                {u"wmi", u""},
+                                                                {u"", u""}};
+    for (const auto& [name, nearest] : rows)
+        EXPECT_EQ(platform::NearestName(name, members), nearest) << platform::Utf8FromWide(name);
 }
 
 }  // namespace

@@ -62,6 +62,7 @@ WmiResult RunWmiQuery(std::string_view query, std::u16string_view nameSpace) {
     if (!IsFailure(result.status)) result.status = Wmi().CoSetProxyBlanket(services);
     if (!IsFailure(result.status)) result.status = Wmi().ExecQuery(services, WideFromUtf8(query), enumerator);
     if (!IsFailure(result.status)) ReadRows(enumerator, result);
+    if (services != 0) result.refusal = Utf8FromWide(Wmi().TakeRefusal(services));
     for (const WmiHandle handle : {enumerator, services, locator}) {
         if (handle != 0) Wmi().Release(handle);
     }

@@ -24,6 +24,7 @@ struct WmiResult {
     std::vector<WmiRow> rows;
     std::vector<std::string> names;    // of the first row's properties, in their order
     std::vector<std::string> notices;  // UTF-8
+    std::string refusal;               // of TakeRefusal
 };
 
 /// A number in decimal, "true" or "false", or the text itself in UTF-8; "NULL", or "array" for any other type.

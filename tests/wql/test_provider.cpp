@@ -55,6 +55,44 @@ TEST_F(WmiProvider, RefusesWhatItCannotAnswer) {
     EXPECT_EQ(count, 0u);
 }
 
+TEST_F(WmiProvider, SaysWhyAQueryIsRefused) {
+    const std::tuple<const char*, const char*> rows[] = {
+        {"SELECT Name FROM Win32_OperatingSystem", ""},
+        {"SELEKT Name FROM Win32_Process",
+         "at character 1, \"SELEKT\": SELECT, REFERENCES or ASSOCIATORS is expected; did you mean SELECT?"},
+        {"SELECT Name FORM Win32_Process", "at character 13, \"FORM\": \",\" or FROM is expected; did you mean FROM?"},
+        {"SELECT Name FROM", "at the end: a name is expected"},
+        {"SELECT Name FROM Win32_Process WHERE Name LIKE 5", "at character 48, \"5\": a text in quotes is expected"},
+        {"SELECT Name FROM Win32_Process WHERE Name = 'x",
+         "at character 45, \"'x\": a text in quotes that is not closed, or in which a backslash escapes something else "
+         "than a quote or a backslash"},
+        {"SELECT Name FROM Win32_Process WHERE Name = x",
+         "at character 45, \"x\": a value (a number, a text in quotes, TRUE, FALSE or NULL) is expected"},
+        {"SELECT Name FROM Win32_Process WHERE Name < NULL",
+         "at the end: NULL can only be compared by =, <>, != and IS"},
+        {"SELECT Nmae FROM Win32_Process", "Win32_Process lacks the property Nmae; did you mean Name?"},
+        {"SELECT Unlike FROM Win32_Process", "Win32_Process lacks the property Unlike"},
+        {"SELECT Name FROM Win32_Proces", "the class Win32_Proces does not exist; did you mean Win32_Process?"},
+        {"SELECT Name FROM Process", "the class Process does not exist; did you mean Win32_Process?"},
+        {"SELECT Name FROM Win32_Process WHERE Name = 'x' AND (NOT Procesid = 1)",
+         "Win32_Process lacks the property Procesid; did you mean ProcessId?"},
+        {"SELECT Name FROM Win32_Process WHERE ProcessId = 'abc'",
+         "ProcessId (uint32) is compared with a value that is not of its type"},
+        {"SELECT Name FROM Win32_Process WHERE ProcessId LIKE '1%'",
+         "ProcessId (uint32) is not a text, which LIKE needs"},
+        {"SELECT Name FROM Win32_Process WHERE CreationDate > 'noon'",
+         "CreationDate (datetime) is compared with a text that is not a time such as 20260131120000.000000+000"},
+        {"SELECT Name FROM Win32_Service WHERE Started > TRUE",
+         "Started (boolean) can only be compared by =, <> and !="},
+        {"ASSOCIATORS OF {Win32_Process.X=1}", "the path in braces does not have the keys of Win32_Process: Handle"},
+        {"ASSOCIATORS OF {Win32_Process=1} WHERE Rol=x",
+         "at character 40, \"Rol\": ClassDefsOnly, ResultClass, Role, AssocClass or ResultRole is expected; did you "
+         "mean "
+         "Role?"},
+    };
+    for (const auto& [query, refusal] : rows) EXPECT_EQ(RunWmiQuery(query).refusal, refusal) << query;
+}
+
 TEST_F(WmiProvider, AnAbstractClassStandsForItsSubclasses) {
     const WmiResult systems = RunWmiQuery("SELECT Name, Status FROM CIM_OperatingSystem");
     ASSERT_EQ(systems.rows.size(), 1u);

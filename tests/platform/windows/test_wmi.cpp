@@ -33,7 +33,21 @@ struct Script {
 
     HRESULT Call(const std::string& call) {
         calls += call + '\n';
-        return call.substr(0, call.find(' ')) == special ? result : S_OK;
+        if (call.substr(0, call.find(' ')) != special) return S_OK;
+        if (result == static_cast<HRESULT>(WBEM_E_INVALID_QUERY)) Describe(L"FROM is missing");
+        return result;
+    }
+
+    /// What a component tells COM of its failure.
+    static void Describe(const wchar_t* failure) {
+        ICreateErrorInfo* maker = nullptr;
+        IErrorInfo* information = nullptr;
+        ASSERT_EQ(::CreateErrorInfo(&maker), S_OK);
+        maker->lpVtbl->SetDescription(maker, const_cast<LPOLESTR>(failure));
+        maker->lpVtbl->QueryInterface(maker, IID_IErrorInfo, reinterpret_cast<void**>(&information));
+        ::SetErrorInfo(0, information);
+        information->lpVtbl->Release(information);
+        maker->lpVtbl->Release(maker);
     }
 };
 Script script;
@@ -135,7 +149,7 @@ class WindowsWmiTest : public ::testing::Test {
         const ScopedOperations<WmiOperations> scoped{WmiFrom(doubles)};
         script = start;
         const kv::test::WmiResult result = kv::test::RunWmiQuery("SELECT");
-        std::string text = fmt::format("{:x}", static_cast<std::uint32_t>(result.status));
+        std::string text = fmt::format("{:x}", static_cast<std::uint32_t>(result.status)) + result.refusal;
         for (const kv::test::WmiRow& row : result.rows) {
             text += " [";
             for (const auto& [name, property] : row) text += name + "=" + property.text + ";";
@@ -153,7 +167,7 @@ TEST_F(WindowsWmiTest, ReleasesEveryStepWhereverAQueryEnds) {
              {"create", REGDB_E_CLASSNOTREG, "80040154"},
              {"connect", WBEM_E_INVALID_NAMESPACE, "8004100e"},
              {"blanket", E_ACCESSDENIED, "80070005"},
-             {"query", WBEM_E_INVALID_QUERY, "80041017"},
+             {"query", WBEM_E_INVALID_QUERY, "80041017FROM is missing"},
              {"next2", WBEM_E_INVALID_CLASS, "80041010 [P=7;]"},
              {"next2", WBEM_S_TIMEDOUT, "80041069 [P=7;]"},
              {"begin", E_FAIL, "0 [] []"},

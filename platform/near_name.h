@@ -4,11 +4,11 @@
 #include <span>
 #include <string_view>
 
-namespace kv {
+namespace platform {
 
 /// The known name that is nearest to a misspelt one: the same in another letter case, or with at most a third of its
 /// letters added, left out, replaced or swapped with their neighbours. Empty when no name is that near. Letter case is
-/// that of ASCII. The view is one of the known ones.
-[[nodiscard]] std::string_view NearestName(std::string_view name, std::span<const std::string_view> known);
+/// that of ASCII. The view is one of the known ones. Throws std::bad_alloc.
+[[nodiscard]] std::u16string_view NearestName(std::u16string_view name, std::span<const std::u16string_view> known);
 
-}  // namespace kv
+}  // namespace platform

@@ -1,24 +1,24 @@
-#include "foundation/near_name.h"
+#include "platform/near_name.h"
 
 #include <algorithm>
 #include <cstddef>
 #include <vector>
 
-namespace kv {
+namespace platform {
 
 namespace {
 
 constexpr std::size_t longestName = 100;  // a name that is longer is not a slip of one of ours
 
-bool SameLetter(char left, char right) {
-    const auto lower = [](char letter) {
-        return letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter | 32) : letter;
+bool SameLetter(char16_t left, char16_t right) {
+    const auto lower = [](char16_t letter) {
+        return letter >= u'A' && letter <= u'Z' ? static_cast<char16_t>(letter | 32) : letter;
     };
     return lower(left) == lower(right);
 }
 
 /// How many letters have to be added, left out, replaced or swapped with a neighbour to make one name of the other.
-std::size_t Distance(std::string_view left, std::string_view right) {
+std::size_t Distance(std::u16string_view left, std::u16string_view right) {
     std::vector<std::size_t> before;  // the row above the last one
     std::vector<std::size_t> last(right.size() + 1);
     std::vector<std::size_t> row(right.size() + 1);
@@ -40,11 +40,13 @@ std::size_t Distance(std::string_view left, std::string_view right) {
 
 }  // namespace
 
-std::string_view NearestName(std::string_view name, std::span<const std::string_view> known) {
+std::u16string_view NearestName(std::u16string_view name, std::span<const std::u16string_view> known) {
     if (name.size() > longestName) return {};
-    std::string_view nearest;
+    std::u16string_view nearest;
     std::size_t least = name.size() / 3 + 1;
-    for (const std::string_view candidate : known) {
+    for (const std::u16string_view candidate : known) {
+        const std::size_t longer = std::max(name.size(), candidate.size());
+        if (longer - std::min(name.size(), candidate.size()) >= least) continue;  // that many letters differ at least
         const std::size_t distance = Distance(name, candidate);
         if (distance >= least) continue;
         least = distance;
@@ -53,4 +55,4 @@ std::string_view NearestName(std::string_view name, std::span<const std::string_
     return nearest;
 }
 
-}  // namespace kv
+}  // namespace platform
