@@ -50,10 +50,14 @@ std::string Bold(std::string_view text) { return "\\fB" + Troff(text) + "\\fR"; 
 std::string Italic(std::string_view text) { return "\\fI" + Troff(text) + "\\fR"; }
 
 std::string OptionTroff(const Option& option) {
-    return Bold(option.name) + (option.values.empty() ? "" : "\\~" + Italic(option.values));
+    const std::string shortName = option.shortName.empty() ? "" : Bold(option.shortName) + ", ";
+    return shortName + Bold(option.name) + (option.values.empty() ? "" : "\\~" + Italic(option.values));
 }
 
-std::string WordTroff(const Word& word) { return word.isOptional ? "[" + Italic(word.name) + "]" : Italic(word.name); }
+std::string WordTroff(const Word& word) {
+    const std::string name = Italic(word.name) + (word.isRepeated ? " ..." : "");
+    return word.isOptional ? "[" + name + "]" : name;
+}
 
 std::string OptionsTroff(const Command& command) {
     std::string text;
@@ -130,7 +134,7 @@ std::string NextWords(const Program& program, std::string_view group) {
 
 std::string OptionNames(const Command& command) {
     std::string names;
-    for (const Option& option : command.options) names += fmt::format("{} ", option.name);
+    for (const Option& option : command.options) names += NamesOf(option, " ") + " ";
     return names + "--help";
 }
 
@@ -147,7 +151,9 @@ std::string ValueCases(const Program& program) {
         for (const Option& option : command->options) {
             std::vector<std::string_view>& same = names[Completion(FirstWord(option.values))];
             const bool isNew = std::find(same.begin(), same.end(), option.name) == same.end();
-            if (!option.values.empty() && isNew) same.push_back(option.name);
+            if (option.values.empty() || !isNew) continue;
+            same.push_back(option.name);
+            if (!option.shortName.empty()) same.push_back(option.shortName);
         }
     }
     std::string cases;

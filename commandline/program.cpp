@@ -5,6 +5,11 @@
 
 namespace kv::commandline {
 
+std::string NamesOf(const Option& option, std::string_view separator) {
+    if (option.shortName.empty()) return std::string(option.name);
+    return fmt::format("{}{}{}", option.shortName, separator, option.name);
+}
+
 bool Has(const Given& given, std::string_view name) { return given.find(name) != given.end(); }
 
 std::string Value(const Given& given, std::string_view name, const std::string& fallback) {

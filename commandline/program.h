@@ -17,6 +17,7 @@ struct Word {
     std::string_view name;  // as KEY; a FILE and a DIR are completed by the shell
     std::string_view text;  // a phrase
     bool isOptional = false;
+    bool isRepeated = false;  // the last word of a command: as many as follow, and Values gives them
 };
 
 enum class Times { atMostOnce, once, any };
@@ -26,7 +27,11 @@ struct Option {
     std::string_view values;  // what its values are called, one word each; empty for a switch
     std::string_view text;    // a phrase
     Times times = Times::atMostOnce;
+    std::string_view shortName = {};  // one dash and a letter, as "-p"; the value is found by the long name
 };
+
+/// The short name, where an option has one, and the name.
+std::string NamesOf(const Option& option, std::string_view separator);
 
 /// What is told of something that has a name.
 struct Item {
@@ -77,7 +82,7 @@ std::string Value(const Given& given, std::string_view name, const std::string& 
 /// As Value. UsageError when it is absent or empty.
 std::string NeededValue(const Given& given, std::string_view name);
 
-/// All values of an option.
+/// All values of an option, or of a repeated word.
 std::vector<std::string> Values(const Given& given, std::string_view name);
 
 struct Range {

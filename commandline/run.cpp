@@ -145,10 +145,11 @@ void Parser::AddCommand(const Command& command) {
             ->description(Wrapped(word.text, helpWidth - nameColumn))
             ->option_text(" ")
             ->required(!word.isOptional)
-            ->allow_extra_args(false);
+            ->allow_extra_args(word.isRepeated)
+            ->expected(1, word.isRepeated ? CLI::detail::expected_max_vector_size : 1);
     }
     for (const Option& option : command.options) {
-        const std::string name(option.name);
+        const std::string name = NamesOf(option, ",");
         CLI::Option* added = option.values.empty() ? app->add_flag(name) : app->add_option(name);
         added->description(Wrapped(option.text, helpWidth - nameColumn))->required(option.times == Times::once);
         if (option.values.empty()) continue;
@@ -241,7 +242,9 @@ std::string Parser::CommandsWith(std::string_view option) const {
     std::vector<std::string_view> names;
     for (const std::span<const Command> topic : program_.topics) {
         for (const Command& command : topic) {
-            const auto has = [&](const Option& candidate) { return candidate.name == option; };
+            const auto has = [&](const Option& candidate) {
+                return candidate.name == option || candidate.shortName == option;
+            };
             if (std::any_of(command.options.begin(), command.options.end(), has)) names.push_back(command.name);
         }
     }

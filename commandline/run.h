@@ -13,8 +13,8 @@ namespace kv::commandline {
 /// exit code: 0 success, 1 failure, 2 wrong command line, 3 the thing asked for does not exist. What went wrong is told
 /// in one line on standard error. Throws nothing.
 ///
-/// Options may be written as --name VALUE or --name=VALUE. After -- all words are plain ones; a -- at the very end is a
-/// plain word itself.
+/// Options may be written as --name VALUE or --name=VALUE, those with a short name as -n VALUE or -nVALUE. After -- all
+/// words are plain ones; a -- at the very end is a plain word itself.
 int RunCommandLine(const Program& program, const std::vector<std::string>& words);
 
 /// Throws std::runtime_error when standard output cannot be written.
