@@ -84,7 +84,7 @@ TEST_F(Kvreg, ExportsAndImportsEveryValue) {
     EXPECT_EQ(carried, u"K\u00fc \"1\"\\");
     ASSERT_EQ(Run({"export", file, key}).exitCode, 0);
     EXPECT_EQ(Read(file), whole);
-    EXPECT_EQ(FilesIn(folder), (std::vector<std::string>{"errors", "file.reg", "state"}))
+    EXPECT_EQ(FilesIn(folder), (std::vector<std::string>{"errors", "file.reg", "input", "state"}))
         << "no temporary file is left";
     const fs::path other = folder / u8"f\u00fcr.reg";
     ASSERT_EQ(Run({"export", Utf8(other), "Software\\KvregTest\\A"}).exitCode, 0);
@@ -113,7 +113,7 @@ TEST_F(Kvreg, ImportsAWholeFileOrNothing) {
 TEST_F(Kvreg, WatchesUntilNobodyReads) {
     const auto write = [&](int number) { Run({"set", "Software\\KvregTest\\B", "v", std::to_string(number)}); };
     write(0);
-    std::FILE* const watch = StartTool({"watch", key}, folder / "watch errors");
+    std::FILE* const watch = StartTool({files.program, files.input, folder / "watch errors"}, {"watch", key});
     const auto told = [watch] {
         std::string line(1000, '\0');
         return std::fgets(line.data(), static_cast<int>(line.size()), watch) ? std::string(line.c_str()) : "";

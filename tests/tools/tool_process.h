@@ -1,4 +1,4 @@
-// kvreg as a child process.
+// A tool as a child process.
 #pragma once
 
 #include <cstdio>
@@ -8,9 +8,15 @@
 
 namespace kv::test {
 
-/// Starts the tool through the system's shell. words: UTF-8 without quotes. Its output comes from the stream, its
-/// errors go to a file.
-std::FILE* StartTool(const std::vector<std::string>& words, const std::filesystem::path& errors);
+/// A tool's program, and the files beside it.
+struct ToolFiles {
+    std::string program;
+    std::filesystem::path input;   // what it reads
+    std::filesystem::path errors;  // what it writes to standard error
+};
+
+/// Starts the tool through the system's shell. words: UTF-8 without quotes. Its output comes from the stream.
+std::FILE* StartTool(const ToolFiles& files, const std::vector<std::string>& words);
 
 /// Stops reading and waits for the tool's end; its exit code, or -1 after a signal.
 int EndTool(std::FILE* tool);

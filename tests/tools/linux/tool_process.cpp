@@ -6,10 +6,11 @@
 
 namespace kv::test {
 
-std::FILE* StartTool(const std::vector<std::string>& words, const std::filesystem::path& errors) {
-    std::string line = "exec '" KVREG_PROGRAM "'";
+std::FILE* StartTool(const ToolFiles& files, const std::vector<std::string>& words) {
+    std::string line = "exec '" + files.program + "'";
     for (const std::string& word : words) line += " '" + word + "'";
-    return popen((line + " 2>'" + errors.string() + "'").c_str(), "re");
+    line += " <'" + files.input.string() + "' 2>'" + files.errors.string() + "'";
+    return popen(line.c_str(), "re");
 }
 
 int EndTool(std::FILE* tool) {

@@ -15,10 +15,10 @@ std::wstring Quoted(const std::string& word) {
 
 }  // namespace
 
-std::FILE* StartTool(const std::vector<std::string>& words, const std::filesystem::path& errors) {
-    std::wstring line = L"\"" + Quoted(KVREG_PROGRAM);  // the shell removes the outer quotes
+std::FILE* StartTool(const ToolFiles& files, const std::vector<std::string>& words) {
+    std::wstring line = L"\"" + Quoted(files.program);  // the shell removes the outer quotes
     for (const std::string& word : words) line += Quoted(word);
-    line += L" 2>" + Quoted(errors.string()) + L"\"";
+    line += L" <" + Quoted(files.input.string()) + L" 2>" + Quoted(files.errors.string()) + L"\"";
     return ::_wpopen(line.c_str(), L"r");
 }
 
