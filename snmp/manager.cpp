@@ -1,4 +1,3 @@
-#include <cstdio>
 #include <new>
 
 #include "snmp/manager_operations.h"
@@ -40,7 +39,7 @@ SnmpResponseData* SnmpManagerRequest(const char* host, std::int32_t port, std::i
                                                  .oids = oids,
                                                  .oidCount = oidCount});
     if (!results) {
-        std::printf("GetSNMP Response returns NULL\n");
+        snmp::PrintToConsole("GetSNMP Response returns NULL\n");
         return fallback;
     }
     return snmp::ConstructResponseData(oids, oidCount, results.get(), fallback, requestType);

@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <cstdio>
 
 #include "snmp/manager_operations.h"
 #include "snmp/message.h"
@@ -39,7 +38,7 @@ bool IsOpen(const Session& session, std::uint8_t* status) {
         return false;
     }
     if (session.status() == openedNot) {
-        std::printf("Unable to open snmpSession at %d\n", ownPort);
+        PrintToConsole(LogText("Unable to open snmpSession at %d\n", ownPort));
         *status = exchange_status::notOpened;
         return false;
     }

@@ -1,7 +1,6 @@
 #include "snmp/manager_operations.h"
 
 #include <algorithm>
-#include <cstdio>
 
 #include "snmp/manager_request.h"
 #include "snmp/manager_walk.h"
@@ -19,7 +18,7 @@ bool AddGetVarBinds(const ManagerRequest& request, RequestVarBinds& varBinds) {
         if (length == -1) return false;
         if (!AddRequestVarBind(varBinds, oid.get(), length)) {
             TKLOG(1, "Error while creating Varbind \n");
-            std::printf("Error while creating Varbind \n");
+            PrintToConsole("Error while creating Varbind \n");
             return false;
         }
     }

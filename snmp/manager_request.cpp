@@ -1,7 +1,6 @@
 #include "snmp/manager_request.h"
 
 #include <charconv>
-#include <cstdio>
 #include <limits>
 #include <string_view>
 
@@ -33,7 +32,7 @@ std::int32_t ParseRequestedOid(const ManagerRequest& request, std::int32_t index
     const char* text = request.oids[index] ? request.oids[index] : "";
     const std::int32_t length = ConvertToOidOrIpFromString(oid, text, false);
     if (length == -1) {
-        std::printf("Invalid OID Format\n");
+        PrintToConsole("Invalid OID Format\n");
         // Only a walk asks for one OID after the other.
         const bool wasAsked = request.requestType == snmpWalk && index > 0;
         Log1("\t SnmpManagerRequest :: \"%s\" is not an OID: numbers, a dot ahead of each, no blanks. %s %s \n", text,

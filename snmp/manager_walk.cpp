@@ -1,6 +1,5 @@
 #include "snmp/manager_walk.h"
 
-#include <cstdio>
 #include <new>
 #include <utility>
 
@@ -19,13 +18,13 @@ SnmpPduPtr MakeWalkPdu(const ManagerRequest& request, const std::vector<std::uin
     RequestVarBinds varBinds;
     if (!AddRequestVarBind(varBinds, oid.data(), static_cast<std::int32_t>(oid.size()))) {
         TKLOG(1, "Error while creating Varbind \n");
-        std::printf("Error while creating Varbind MIB\n");
+        PrintToConsole("Error while creating Varbind MIB\n");
         return nullptr;
     }
     SnmpPduPtr pdu = MakeRequestPdu(request, command::getNext, varBinds);
     if (!pdu) {
         TKLOG(1, "Unable to create the SnmpPdu!!!\n");
-        std::printf("Unable to create the SnmpPdu!!!\n");
+        PrintToConsole("Unable to create the SnmpPdu!!!\n");
     }
     return pdu;
 }

@@ -68,6 +68,11 @@ bool OpenToolkitLog(std::string_view name) {
     return false;
 }
 
+void PrintToConsole(std::string_view text) noexcept {
+    const std::lock_guard stream(logState.streamMutex);
+    if (!logState.listener) std::fwrite(text.data(), 1, text.size(), stdout);
+}
+
 void CheckToolkitLogSize(std::string_view text) {
     if (!logState.isToolkitLog) return;
     const std::lock_guard stream(logState.streamMutex);

@@ -37,6 +37,10 @@ template <class... Arguments>
         WriteToolkitFormat(format, arguments...);
 }
 
+/// Prints one text on standard output. Where a program that is not the agent takes the log's lines, standard output is
+/// that program's, and nothing is printed. Never throws.
+void PrintToConsole(std::string_view text) noexcept;
+
 /// Puts a log of the engine's own in the place of the agent's: a new, empty file takes all further lines, the agent's
 /// too. Its name is relative to the directory above the working directory, or is used as it is when it holds a colon.
 /// The agent's file stays open, and is not rotated from then on. False, with a line on standard output, when the log

@@ -1,5 +1,6 @@
 #include "tools/kvagentctl/agent_process.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "foundation/log.h"
@@ -16,6 +17,18 @@ LogLines::~LogLines() {
     logState.gv_logLevel = 0;
     const std::lock_guard lock(logState.streamMutex);
     logState.listener = nullptr;
+}
+
+std::string_view WithoutRoutine(std::string_view line) {
+    constexpr std::string_view mark = "::";
+    constexpr std::string_view blanks = " \t\r\n";
+    const std::size_t name = line.find_first_not_of(blanks);
+    const std::size_t at = line.find(mark);
+    // A routine's name has no blank in it; one may stand behind it.
+    if (name < at && at != line.npos && line.find_first_of(blanks, name) + 1 >= at)
+        line.remove_prefix(at + mark.size());
+    line.remove_prefix(std::min(line.find_first_not_of(blanks), line.size()));
+    return line.substr(0, line.find_last_not_of(blanks) + 1);
 }
 
 }  // namespace kv::control

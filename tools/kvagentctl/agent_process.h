@@ -17,4 +17,7 @@ class LogLines {
     LogLines& operator=(const LogLines&) = delete;
 };
 
+/// What a line of the log says: without blanks and line ends around it, and without the routine's name ahead of "::".
+std::string_view WithoutRoutine(std::string_view line);
+
 }  // namespace kv::control

@@ -17,15 +17,15 @@ std::size_t Width(const std::string& text) {
     return static_cast<std::size_t>(utf8::unchecked::distance(text.begin(), text.end()));
 }
 
-std::string Cell(const std::optional<std::string>& cell) {
-    return cell ? commandline::InLine(utf8::replace_invalid(*cell)) : "-";
+std::string InTable(const Cell& cell) {
+    return cell.text ? commandline::InLine(utf8::replace_invalid(*cell.text)) : "-";
 }
 
 std::string PrintedTable(const Table& table) {
     std::vector<std::size_t> widths;
     for (const std::string& column : table.columns) widths.push_back(Width(column));
     for (const auto& row : table.rows) {
-        for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], Width(Cell(row[i])));
+        for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], Width(InTable(row[i])));
     }
     std::string text;
     const auto addLine = [&](const auto& cells, const auto& textOf) {
@@ -38,20 +38,37 @@ std::string PrintedTable(const Table& table) {
         text += line.substr(0, line.find_last_not_of(' ') + 1) + '\n';
     };
     addLine(table.columns, [](const std::string& name) { return name; });
-    for (const auto& row : table.rows) addLine(row, Cell);
+    for (const auto& row : table.rows) addLine(row, InTable);
     return text;
+}
+
+std::string PrintedLines(const Table& table) {
+    std::size_t width = 0;
+    for (const std::string& column : table.columns) width = std::max(width, Width(column));
+    std::string text;
+    for (const auto& row : table.rows) {
+        if (!text.empty()) text += '\n';
+        for (std::size_t i = 0; i < row.size(); ++i)
+            text +=
+                std::string(width - Width(table.columns[i]), ' ') + table.columns[i] + " = " + InTable(row[i]) + '\n';
+    }
+    return text;
+}
+
+/// The caller's; null for a cell without a value.
+json_object* JsonOf(const Cell& cell) {
+    if (!cell.json.empty()) return json_tokener_parse(cell.json.c_str());
+    if (!cell.text) return nullptr;
+    const std::string text = utf8::replace_invalid(*cell.text);
+    return json_object_new_string_len(text.data(), static_cast<int>(text.size()));
 }
 
 std::string PrintedJson(const Table& table) {
     const std::unique_ptr<json_object, decltype(&json_object_put)> rows(json_object_new_array(), json_object_put);
     for (const auto& row : table.rows) {
         json_object* object = json_object_new_object();
-        for (std::size_t i = 0; i < row.size(); ++i) {
-            const std::string text = row[i] ? utf8::replace_invalid(*row[i]) : "";
-            json_object* value =
-                row[i] ? json_object_new_string_len(text.data(), static_cast<int>(text.size())) : nullptr;
-            json_object_object_add(object, table.columns[i].c_str(), value);
-        }
+        for (std::size_t i = 0; i < row.size(); ++i)
+            json_object_object_add(object, table.columns[i].c_str(), JsonOf(row[i]));
         json_object_array_add(rows.get(), object);
     }
     return std::string(json_object_to_json_string_ext(
@@ -76,16 +93,29 @@ std::string PrintedCsv(const Table& table) {
         text += "\r\n";
     };
     addLine(table.columns, [](const std::string& name) { return name; });
-    for (const auto& row : table.rows)
-        addLine(row, [](const std::optional<std::string>& cell) { return cell.value_or(""); });
+    for (const auto& row : table.rows) addLine(row, [](const Cell& cell) { return cell.text.value_or(""); });
     return text;
 }
 
 }  // namespace
 
+Cell Cell::Literal(std::string literal) {
+    Cell cell(literal);
+    cell.json = std::move(literal);
+    return cell;
+}
+
 std::string Printed(const Table& table, Form form) {
-    if (form == Form::json) return PrintedJson(table);
-    return form == Form::csv ? PrintedCsv(table) : PrintedTable(table);
+    switch (form) {
+        case Form::json:
+            return PrintedJson(table);
+        case Form::csv:
+            return PrintedCsv(table);
+        case Form::line:
+            return PrintedLines(table);
+        default:
+            return PrintedTable(table);
+    }
 }
 
 }  // namespace kv::control

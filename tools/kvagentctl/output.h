@@ -3,23 +3,41 @@
 
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace kv::control {
 
-enum class Form { table, json, csv };
+enum class Form { table, line, json, csv };
 
-/// Rows under named columns. A cell is UTF-8, or null where there is no value.
+/// One cell: UTF-8, or null where there is no value.
+struct Cell {
+    std::optional<std::string> text;
+    std::string json = {};  // the value in JSON, where it is not a text there: a number, true, a list; else empty
+
+    Cell(std::nullopt_t) {}
+    Cell(std::optional<std::string> value) : text(std::move(value)) {}
+    Cell(std::string value) : text(std::move(value)) {}
+    Cell(const char* value) : text(value) {}
+
+    /// What is the same in a table and in JSON, such as a number. literal: JSON.
+    static Cell Literal(std::string literal);
+
+    bool operator==(const Cell&) const = default;
+};
+
+/// Rows under named columns.
 struct Table {
     std::vector<std::string> columns;
-    std::vector<std::vector<std::optional<std::string>>> rows;  // each as long as columns
+    std::vector<std::vector<Cell>> rows;  // each as long as columns
 };
 
 /// The text of a table, its last line end included.
 ///
 /// table: columns aligned by the width of characters on a terminal, under their names; a null cell is "-", and a
-/// control character is escaped, so that no cell leaves its line. json: an array of objects, one for each row, with
-/// texts and null. csv: RFC 4180 with a header line; a null cell is empty.
+/// control character is escaped, so that no cell leaves its line. line: one column in a line, "name = value", and a
+/// blank line between rows. json: an array of objects, one for each row. csv: RFC 4180 with a header line; a null cell
+/// is empty.
 std::string Printed(const Table& table, Form form);
 
 }  // namespace kv::control
