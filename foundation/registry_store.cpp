@@ -150,6 +150,24 @@ Error ReadDwordRegistryData(RootKey root, std::u16string_view subKey, std::u16st
     return error::success;
 }
 
+Error LookUpText(std::u16string_view subKey, std::u16string_view valueName, OptionalText& outText) {
+    outText.reset();
+    OwnedRegistryKey key;
+    const Error opened = platform::Registry().RegOpenKeyExW(RootKey::localMachine, subKey,
+                                                            platform::RegistryAccess::queryValue, key.Place());
+    if (opened != error::success) return opened;
+    Error result = error::moreData;
+    for (int query = 0; query < mostQueries && result == error::moreData; ++query) {
+        RegistryType type = RegistryType::none;
+        std::size_t size = 0;
+        result = platform::Registry().RegQueryValueExW(key.get(), valueName, &type, nullptr, size);
+        if (result != error::success) return result;
+        if (type != RegistryType::text && type != RegistryType::expandableText) return error::invalidData;
+        result = QueryText(key.get(), valueName, size, outText);
+    }
+    return result;
+}
+
 Error writeValue(RootKey root, std::u16string_view subKey, std::u16string_view valueName, std::u16string_view data,
                  RegistryType type) {
     Log4("\t Inside writeValue() \n");

@@ -30,6 +30,11 @@ inline constexpr std::u16string_view systemDetailsKeyPath = u"Software\\Halvorin
 [[nodiscard]] platform::Error ReadDwordRegistryData(platform::RootKey root, std::u16string_view subKey,
                                                     std::u16string_view valueName, std::uint32_t& outNumber);
 
+/// Reads a text that may well be absent, without a log line: fileNotFound when it is, invalidData when the value is not
+/// a text. A value of size 0 is an empty text.
+[[nodiscard]] platform::Error LookUpText(std::u16string_view subKey, std::u16string_view valueName,
+                                         OptionalText& outText);
+
 /// Stores data, always given as text, as the type asked for; makes the key when it is missing. A name of "--" is the
 /// key's default value, data of "--" the empty text. The text of a number is decimal and fits 32 bits, signed or
 /// unsigned: otherwise invalidData, and nothing is stored.

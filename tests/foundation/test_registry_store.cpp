@@ -52,7 +52,16 @@ TEST_F(RegistryStore, ReadsTextsWithAnyTerminator) {
         ASSERT_EQ(SetBytes(u"A", u"v", bytes, RegistryType::text), error::success);
         EXPECT_EQ(ReadRegSZ(root, u"A", u"v", text), error::success);
         EXPECT_EQ(text, expected);
+        EXPECT_EQ(LookUpText(u"A", u"v", text), error::success);
+        EXPECT_EQ(text, expected.value_or(u""));
     }
+    const std::size_t logged = LogText().size();
+    EXPECT_EQ(LookUpText(u"A", u"missing", text), error::fileNotFound);
+    EXPECT_EQ(LookUpText(u"Missing", u"v", text), error::fileNotFound);
+    ASSERT_EQ(SetBytes(u"A", u"number", "1234", RegistryType::dword), error::success);
+    EXPECT_EQ(LookUpText(u"A", u"number", text), error::invalidData);
+    EXPECT_EQ(text, std::nullopt);
+    EXPECT_EQ(LogText().size(), logged) << "not a line";
     ASSERT_EQ(SetOCAgentKey(u"key \u00fc"), error::success);
     EXPECT_EQ(GetOCAgentKey(text), error::success);
     EXPECT_EQ(text, u"key \u00fc");
