@@ -73,7 +73,7 @@ std::string UtmpRecord(short type, const char* user, const char* line, const cha
     std::string_view(user).copy(record.ut_user, sizeof record.ut_user);
     std::string_view(line).copy(record.ut_line, sizeof record.ut_line);
     std::string_view(host).copy(record.ut_host, sizeof record.ut_host);
-    record.ut_tv.tv_sec = seconds;
+    record.ut_tv.tv_sec = static_cast<decltype(record.ut_tv.tv_sec)>(seconds);  // signed before glibc 2.40
     return {reinterpret_cast<const char*>(&record), sizeof record};
 }
 
