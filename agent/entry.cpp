@@ -8,6 +8,7 @@
 #include "agent/log_file.h"
 #include "agent/main_thread.h"
 #include "agent/server_details.h"
+#include "agent/server_trust.h"
 #include "agent/service.h"
 #include "agent/service_admin.h"
 #include "foundation/agent_state.h"
@@ -129,6 +130,7 @@ int RunUnInstall() {
 void LoadDetails() {
     RunGuarded("getCSDetails", getCSDetails);
     RunGuarded("getProxyServerDetails", getProxyServerDetails);
+    RunGuarded("getServerTrust", getServerTrust);
 }
 
 [[noreturn]] void RunInConsole(std::u16string_view argument) {

@@ -6,6 +6,7 @@
 #include "agent/log_file.h"
 #include "agent/main_thread.h"
 #include "agent/server_details.h"
+#include "agent/server_trust.h"
 #include "collection/record_file.h"
 #include "exchange/agent_status.h"
 #include "foundation/agent_state.h"
@@ -41,6 +42,7 @@ void LoadDetails() {
         if (getCSDetails() != 0) Log1("\t ServiceMain() :: getCSDetails returned ERROR_INVALID_DATA\n");
     });
     RunGuarded("getProxyServerDetails", getProxyServerDetails);
+    RunGuarded("getServerTrust", getServerTrust);
 }
 
 /// Ends a start before anything else runs or hears of it.

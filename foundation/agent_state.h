@@ -1,12 +1,15 @@
 // The agent's whole configuration and identity: one structure of process-wide fields. Their defaults stand here.
-// getCSDetails and getProxyServerDetails fill them from the registry once, at the start, and everyone reads them
-// without a lock. A field that changes while threads run is an atomic, a published text, or belongs to one thread, as
-// it says.
+// getCSDetails, getProxyServerDetails and getServerTrust fill them from the registry once, at the start, and everyone
+// reads them without a lock. A field that changes while threads run is an atomic, a published text, or belongs to one
+// thread, as it says.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
 #include <map>
+#include <mutex>
+#include <string>
+#include <vector>
 
 #include "foundation/hash_table.h"
 #include "foundation/published_text.h"
@@ -18,6 +21,17 @@ namespace kv {
 
 /// The agent's name at the service manager, and towards its server.
 inline constexpr std::u16string_view serviceName = u"Corvinel Monitoring Agent";
+
+/// What the settings ask of the server's certificate; nothing where none of them is there.
+struct ServerTrust {
+    std::vector<std::string> pinnedKeys;  // each "sha256//" and Base64
+    OptionalText caFile;                  // its path
+    std::string authorities;              // what it holds, PEM
+    bool systemAuthorities = false;
+    std::string refusal;  // which setting cannot be used and why (UTF-8): nothing may be sent then; else empty
+
+    bool asksForCertificate() const { return !pinnedKeys.empty() || caFile || systemAuthorities || !refusal.empty(); }
+};
 
 struct AgentState {
     // Where the agent lives.
@@ -32,6 +46,9 @@ struct AgentState {
     PublishedText gv_LastAccessName;  // the address that last worked
     std::int32_t gv_httpsEnabled = 1;
     std::int32_t gv_httpTimeout = 30000;  // milliseconds
+    ServerTrust gv_serverTrust;
+    std::mutex gv_certificatesMutex;                     // guards what follows
+    std::map<std::string, std::string> gv_certificates;  // that the log tells of: the last one (DER) of "host:port"
 
     // Identity.
     OptionalText gv_custID;

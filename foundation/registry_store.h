@@ -67,6 +67,11 @@ platform::Error GetKVServerSecIPAddress(OptionalText& out);  // absent when it h
 platform::Error GetKVServerSecurePort(OptionalText& out);    // decimal text
 platform::Error GetKVServerProtocol(OptionalText& out);
 platform::Error GetKVLastAccessName(OptionalText& out);
+// What a certificate must be. fileNotFound when the setting is absent, invalidData when it is not a text.
+platform::Error GetKVServerPinnedKey(OptionalText& out);
+platform::Error SetKVServerPinnedKey(std::u16string_view keys);
+platform::Error GetKVServerCAFile(OptionalText& out);
+platform::Error GetKVServerVerify(OptionalText& out);
 
 // Monitoring
 platform::Error GetOCAgentKey(OptionalText& out);

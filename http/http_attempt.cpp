@@ -89,6 +89,10 @@ Error OpenRequest(HttpAttempt& attempt) {
     }
     if (attempt.target.secure) {
         if (const Error failure = TolerateCertificate(attempt)) return failure;
+        if (const Error failure = Http().SetServerTrust(attempt.request.get(), attempt.trust)) {
+            LogFailedStep("%s :  Error in SetServerTrust --> %d \n", attempt.routine, failure);
+            return failure;
+        }
     }
     return SetProxyCredentials(attempt);
 }
@@ -100,6 +104,22 @@ Error OpenHandles(HttpAttempt& attempt) {
         if (const Error failure = OpenConnection(attempt)) return failure;
     }
     return OpenRequest(attempt);
+}
+
+std::vector<platform::HttpPresentedCertificate> PresentedTo(const HttpAttempt& attempt) {
+    std::vector<platform::HttpPresentedCertificate> presented;
+    if (Http().QueryPresentedCertificates(attempt.request.get(), presented)) presented.clear();
+    return presented;
+}
+
+/// Tells of certificates that are new, and of what went wrong.
+void TellOfServer(const HttpAttempt& attempt, bool hasFailed) {
+    const std::vector<platform::HttpPresentedCertificate> presented = PresentedTo(attempt);
+    NoteCertificates(presented);
+    if (!hasFailed) return;
+    std::string reason;
+    if (Http().QueryFailureText(attempt.request.get(), reason)) reason.clear();
+    LogFailedAddress(attempt.routine, attempt.target, attempt.result, reason, presented);
 }
 
 /// The one restart of an attempt: false when it has been used.
@@ -174,12 +194,30 @@ void OwnedHttpHandle::Close() {
 }
 
 Error SendAndReceive(HttpAttempt& attempt) {
+    if (const Error refusal = RefuseToSend(attempt.routine, attempt.target)) return refusal;
     Rounds rounds = Rounds::restart;
     while (rounds == Rounds::restart) {
         if (const Error failure = OpenHandles(attempt)) return failure;
         rounds = RunRounds(attempt);
     }
+    TellOfServer(attempt, rounds == Rounds::failed);
     return rounds == Rounds::failed ? attempt.result : error::success;
+}
+
+Error LookAtCertificate(HttpAttempt& attempt, platform::HttpPresentedCertificate& certificate, std::string& reason) {
+    attempt.trust.onlyLook = true;
+    if (const Error failure = OpenHandles(attempt)) return failure;
+    const Error result = Http().WinHttpSendRequest(attempt.request.get(), nullptr, 0);
+    const std::vector<platform::HttpPresentedCertificate> presented = PresentedTo(attempt);
+    if (result == error::winHttpOperationCancelled && !presented.empty()) {
+        certificate = presented.back();
+        return error::success;
+    }
+    if (Http().QueryFailureText(attempt.request.get(), reason)) reason.clear();
+    LogFailedStep("%s :  Error in WinHttpSendRequest -> %d \n", attempt.routine, result);
+    if (result != error::success) return result;
+    reason = "the proxy did not lead to the server";  // its refusal of a tunnel is an answer
+    return error::winHttpConnectionError;
 }
 
 Error ReadRawHeaders(const HttpAttempt& attempt, std::u16string& headers) {

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "http/http_transaction.h"
+#include "http/server_trust.h"
 #include "platform/http.h"
 
 namespace kv {
@@ -51,6 +52,7 @@ struct HttpAttempt {
     bool restartReopensSession;  // else a restart begins at the request
     const std::byte* body = nullptr;
     std::size_t bodySize = 0;
+    platform::HttpServerTrust trust = AskedTrust();
 
     // How far it has come. Handles are closed from the last one up.
     std::vector<OwnedHttpHandle> retired = {};  // connection and session from before a restart; open until the end
@@ -65,6 +67,11 @@ struct HttpAttempt {
 /// http/http_transaction.h. Success also when the rounds ran out: there is no answer then, and reading its headers
 /// fails. Any other failure is logged and returned.
 platform::Error SendAndReceive(HttpAttempt& attempt);
+
+/// Connects as an attempt does and asks for nothing: success when the server has shown a certificate. A failure is
+/// logged and returned, with the library's reason, which may be empty.
+platform::Error LookAtCertificate(HttpAttempt& attempt, platform::HttpPresentedCertificate& certificate,
+                                  std::string& reason);
 
 /// The answer's raw headers. A failure is logged.
 platform::Error ReadRawHeaders(const HttpAttempt& attempt, std::u16string& headers);

@@ -36,16 +36,7 @@ struct AddressedRequest {
 
 void Attempt(AddressedRequest& request, std::u16string_view address) {
     if (!IsUsable(address)) return;
-    const TransactionTarget target{
-        .secure = agentState.gv_httpsEnabled != 0,
-        .server = address,
-        .port = agentState.gv_ServerPort,
-        .useProxy = CompareIgnoreCase(agentState.gv_proxyEnabled, u"yes") == 0,
-        .proxyName = agentState.gv_proxyServerName,
-        .proxyBypass = agentState.gv_proxyExceptionAddr,
-        .proxyUser = agentState.gv_proxyUserName,
-        .proxyPassword = agentState.gv_proxyPassword,
-    };
+    const TransactionTarget target = TargetAt(address, agentState.gv_ServerPort);
     const bool post =
         request.kind == RequestKind::REQUEST_POST_TIMED || request.kind == RequestKind::REQUEST_POST_BINARY;
     request.result = post ? InternetSendRequestEx(target, request.url, request.data.body, request.response,
@@ -74,6 +65,19 @@ void TryAddresses(AddressedRequest& request) {
 }
 
 }  // namespace
+
+TransactionTarget TargetAt(std::u16string_view address, std::int32_t port) {
+    return {
+        .secure = agentState.gv_httpsEnabled != 0,
+        .server = address,
+        .port = port,
+        .useProxy = CompareIgnoreCase(agentState.gv_proxyEnabled, u"yes") == 0,
+        .proxyName = agentState.gv_proxyServerName,
+        .proxyBypass = agentState.gv_proxyExceptionAddr,
+        .proxyUser = agentState.gv_proxyUserName,
+        .proxyPassword = agentState.gv_proxyPassword,
+    };
+}
 
 Error AgentSendRequest(const OptionalText& /*serverName*/, std::int32_t /*serverPort*/, std::u16string& url,
                        const RequestData& data, OptionalText* response, RequestKind kind, std::size_t dataLength,

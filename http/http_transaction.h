@@ -3,7 +3,8 @@
 //
 // Results: 0 the server answered 200 (and a download was stored); 13 another status, or a POST without data; 407 the
 // proxy refused the credentials; 12002, 12007, 12029 (time-out, name not resolved, cannot connect) the transport
-// failures; else the system's error for the step that failed.
+// failures; 12175 the server's certificate is not what the settings ask for, or a setting of trust cannot be used, and
+// nothing was sent (http/server_trust.h); else the system's error for the step that failed.
 //
 // Trying again has four levels, each within the one above. A refusing status (result 13) ends the upload of a zip until
 // the next pass, except that one from the first IP address leads to the second. The library follows redirects besides,
@@ -96,6 +97,9 @@ struct TransactionTarget {
     OptionalText proxyUser;  // texts of less than two characters are not credentials
     OptionalText proxyPassword;
 };
+
+/// The way to an address by the settings of server and proxy in the agent state. The address must outlive it.
+TransactionTarget TargetAt(std::u16string_view address, std::int32_t port);
 
 /// One attempt of a GET (http_get.cpp), and of a POST (http_post.cpp). May throw std::bad_alloc.
 platform::Error InternetGetRequestEx(const TransactionTarget& target, std::u16string_view url,

@@ -12,6 +12,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "platform/errors.h"
 #include "platform/seam.h"
@@ -49,6 +50,36 @@ inline constexpr std::uint32_t ignoreUnknownAuthority = 0x100;
 inline constexpr std::uint32_t ignoreWrongUsage = 0x200;
 inline constexpr std::uint32_t ignoreInvalidCommonName = 0x1000;
 inline constexpr std::uint32_t ignoreInvalidDate = 0x2000;
+
+/// What a server's certificate must be. Each check that is asked for has to hold before a byte of a request goes out,
+/// on every hop of its way, and takes the place of HttpOption::securityFlags. Nothing asked for: those flags alone
+/// count.
+struct HttpServerTrust {
+    std::vector<std::string> pinnedKeys;     // as HttpCertificate::keyPin; the server's is one of them
+    std::optional<std::string> authorities;  // PEM: one of these has issued it; dates, usage and host name are right
+    bool systemAuthorities = false;          // the same with the authorities that the system trusts
+    bool onlyLook = false;                   // see SetServerTrust
+};
+
+/// The certificate of a server that a request has met. For each check: null when it was not asked for, empty when it
+/// held, else why it did not, in the library's words or ours (UTF-8).
+struct HttpPresentedCertificate {
+    std::string server;  // whose connection it was, "host:port"
+    std::string der;     // the certificate itself
+    std::optional<std::string> keyProblem;
+    std::optional<std::string> authoritiesProblem;
+    std::optional<std::string> systemProblem;
+};
+
+/// What a certificate says.
+struct HttpCertificate {
+    std::string subject;          // UTF-8, in one line, as "CN=cs.example.com, O=Example"
+    std::string issuer;           // the same
+    std::int64_t validFrom = 0;   // seconds since 1970
+    std::int64_t validUntil = 0;  // the same
+    std::string fingerprint;      // SHA-256 of the certificate: hexadecimal pairs with colons between
+    std::string keyPin;           // SHA-256 of the public key (SPKI): "sha256//" and Base64
+};
 
 /// What WinHttpQueryHeaders is asked for.
 enum class HttpHeaderQuery : std::uint32_t {
@@ -103,6 +134,27 @@ struct HttpOperations {
     std::function<Error(HttpHandle request, std::byte* buffer, std::size_t size, std::size_t& read)> WinHttpReadData;
 
     std::function<Error(HttpHandle handle)> WinHttpCloseHandle;
+
+    // The operations from here on are not WinHTTP's.
+
+    /// What the request asks of its servers from the next sending on. One that does not hold makes the step
+    /// fail with winHttpSecureFailure; a request to a plain target then does, too. With onlyLook nothing is ever sent:
+    /// the sending ends with winHttpOperationCancelled once the server has shown its certificate, which is noted with
+    /// what the checks say.
+    std::function<Error(HttpHandle request, const HttpServerTrust& trust)> SetServerTrust;
+
+    /// The certificates that servers have shown since the request was last sent, in the order of its hops.
+    std::function<Error(HttpHandle request, std::vector<HttpPresentedCertificate>& certificates)>
+        QueryPresentedCertificates;
+
+    /// Why the last sending or receiving failed, in the library's own words (UTF-8); empty when it has none.
+    std::function<Error(HttpHandle request, std::string& text)> QueryFailureText;
+
+    /// What a certificate in DER says; invalidData when it is not one.
+    std::function<Error(std::string_view der, HttpCertificate& certificate)> ReadCertificate;
+
+    /// How many certificates a PEM text has; invalidData when one of them cannot be read.
+    std::function<Error(std::string_view pem, std::size_t& count)> CountCertificates;
 };
 
 inline const HttpOperations& Http() { return CurrentOperations<HttpOperations>(); }

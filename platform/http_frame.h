@@ -12,7 +12,10 @@
 //   Receive                        waits for the headers of an answer; EndReceive is told how that ended
 //   Redirection                    where an answer leads, if anywhere
 //   RawHeaders, Status, ContentLength, WaitForBody, Take    of an answer
+//   ReadCertificate, CountCertificates   of a text; no record
 //   Close                          a record's handle is closed; what was opened from it may still hold it
+//
+// Send and Resend do what HttpSending::trust asks, and add to `presented`; they and EndReceive set `failureText`.
 //
 // Redirection gives an optional target, Take a number of bytes, EndReceive nothing, all others an Error.
 //
@@ -27,11 +30,13 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "platform/guarded.h"
 #include "platform/http.h"
 #include "platform/http_handles.h"
 #include "platform/http_rules.h"
+#include "platform/http_trust.h"
 
 namespace platform {
 
@@ -41,6 +46,10 @@ struct HttpSending {
     const std::byte* body = nullptr;  // the caller's
     std::size_t bodySize = 0;
     enum class Stage { opened, sent, answered } stage = Stage::opened;
+
+    HttpServerTrust trust;
+    std::vector<HttpPresentedCertificate> presented;  // by servers, since the last sending
+    std::string failureText;                          // of the last sending or receiving
 };
 
 template <class Backend>
@@ -62,6 +71,11 @@ class HttpFrame {
             .WinHttpQueryDataAvailable = Guarded(QueryDataAvailable),
             .WinHttpReadData = Guarded(ReadData),
             .WinHttpCloseHandle = Guarded(CloseHandle),
+            .SetServerTrust = Guarded(SetServerTrust),
+            .QueryPresentedCertificates = Guarded(QueryPresentedCertificates),
+            .QueryFailureText = Guarded(QueryFailureText),
+            .ReadCertificate = Guarded(Backend::ReadCertificate),
+            .CountCertificates = Guarded(Backend::CountCertificates),
         };
     }
 
@@ -145,6 +159,9 @@ class HttpFrame {
         owner->body = data;
         owner->bodySize = data == nullptr ? 0 : size;
         owner->stage = Stage::opened;
+        owner->presented.clear();
+        owner->failureText.clear();
+        if (AsksForCertificate(owner->trust) && !owner->target.secure) return error::winHttpSecureFailure;
         const Error result = Backend::Send(*owner);
         if (result == error::success) owner->stage = Stage::sent;
         return result;
@@ -226,6 +243,27 @@ class HttpFrame {
             if (available == 0) break;
             read += Backend::Take(*owner, buffer + read, std::min(size - read, available));
         }
+        return error::success;
+    }
+
+    static Error SetServerTrust(HttpHandle request, const HttpServerTrust& trust) {
+        std::shared_ptr<Request> owner;
+        if (const Error failure = AllHandles().Find(request, owner)) return failure;
+        owner->trust = trust;
+        return error::success;
+    }
+
+    static Error QueryPresentedCertificates(HttpHandle request, std::vector<HttpPresentedCertificate>& certificates) {
+        std::shared_ptr<Request> owner;
+        if (const Error failure = AllHandles().Find(request, owner)) return failure;
+        certificates = owner->presented;
+        return error::success;
+    }
+
+    static Error QueryFailureText(HttpHandle request, std::string& text) {
+        std::shared_ptr<Request> owner;
+        if (const Error failure = AllHandles().Find(request, owner)) return failure;
+        text = owner->failureText;
         return error::success;
     }
 

@@ -12,6 +12,8 @@
 
 #include "platform/backend.h"
 #include "platform/http_frame.h"
+#include "platform/http_trust.h"
+#include "platform/linux/http_certificates.h"
 #include "platform/linux/http_curl_transfer.h"
 #include "platform/linux/http_target.h"
 #include "platform/linux/linux.h"
@@ -67,6 +69,12 @@ struct CurlHttp {
     static Error ContentLength(const Request& request, std::uint64_t& length);
     static Error WaitForBody(Request& request, std::size_t& available);
     static std::size_t Take(Request& request, std::byte* buffer, std::size_t size);
+    static Error ReadCertificate(std::string_view der, HttpCertificate& certificate) {
+        return platform::ReadCertificate(der, certificate);
+    }
+    static Error CountCertificates(std::string_view pem, std::size_t& count) {
+        return platform::CountCertificates(pem, count);
+    }
     static Error Close(const std::shared_ptr<Session>&);
     static Error Close(const std::shared_ptr<Connection>&) { return error::success; }
     static Error Close(const std::shared_ptr<Request>&) { return error::success; }
@@ -159,19 +167,25 @@ Error CurlHttp::Resend(Request& request, const HttpTarget& target) {
         .proxyUser = request.proxyUser,
         .proxyPassword = request.proxyPassword,
         .securityFlags = request.securityFlags,
+        .trust = &request.trust,
+        .host = target.host,
+        .server = ServerText(target.host, target.port),
         .connectTimeout = std::chrono::milliseconds(request.connectTimeout),
         .sendTimeout = std::chrono::milliseconds(request.sendTimeout),
         .receiveTimeout = std::chrono::milliseconds(request.receiveTimeout),
     };
     request.transfer = std::make_unique<CurlTransfer>(settings);
     const Error result = request.transfer->Send();
-    if (result != error::success) request.transfer.reset();
+    if (const auto& presented = request.transfer->presentedCertificate()) request.presented.push_back(*presented);
+    if (result != error::success) EndReceive(request, result);
     return result;
 }
 
 /// A request that brought no answer may be sent again; its connection is closed before that.
 void CurlHttp::EndReceive(Request& request, Error result) {
-    if (result != error::success) request.transfer.reset();
+    if (result == error::success || !request.transfer) return;
+    request.failureText = request.transfer->FailureText();
+    request.transfer.reset();
 }
 
 /// A proxy that refuses a tunnel may not say where to go instead.

@@ -17,10 +17,12 @@
 #include <sys/ioctl.h>
 #include <sys/select.h>
 #include <sys/socket.h>
+#include <system_error>
 #include <utility>
 
 #include "platform/http.h"
 #include "platform/http_rules.h"
+#include "platform/http_trust.h"
 
 namespace platform {
 
@@ -157,7 +159,9 @@ Error ErrorFromCurl(CURLcode code) {
 }
 
 CurlTransfer::CurlTransfer(const CurlTransferSettings& settings)
-    : multi_(curl_multi_init()),
+    : trust_(*settings.trust),
+      judge_(trust_, (settings.securityFlags & ignoreUnknownAuthority) == 0, settings.host, settings.server),
+      multi_(curl_multi_init()),
       easy_(curl_easy_init()),
       bodySize_(settings.bodySize),
       limits_(settings.sendTimeout, settings.receiveTimeout, Clock::now()) {
@@ -200,20 +204,39 @@ void CurlTransfer::Configure(const CurlTransferSettings& settings) {
         curl_easy_setopt(easy, CURLOPT_PROXYUSERNAME, settings.proxyUser->c_str());
         curl_easy_setopt(easy, CURLOPT_PROXYPASSWORD, settings.proxyPassword.value_or("").c_str());
     }
-    // libcurl cannot let a bad date pass and still ask who signed: a bad date passes with an unknown authority only.
-    curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, (settings.securityFlags & ignoreUnknownAuthority) ? 0L : 1L);
-    curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, (settings.securityFlags & ignoreInvalidCommonName) ? 0L : 2L);
+    ConfigureTrust(settings);
     curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, Milliseconds(settings.connectTimeout));
     if (settings.bodySize > 0) {
         curl_easy_setopt(easy, CURLOPT_SOCKOPTFUNCTION, &CurlTransfer::OnSocket);
         curl_easy_setopt(easy, CURLOPT_SOCKOPTDATA, this);
-        curl_easy_setopt(easy, CURLOPT_PREREQFUNCTION, &CurlTransfer::OnRequest);
-        curl_easy_setopt(easy, CURLOPT_PREREQDATA, this);
     }
+    curl_easy_setopt(easy, CURLOPT_PREREQFUNCTION, &CurlTransfer::OnRequest);
+    curl_easy_setopt(easy, CURLOPT_PREREQDATA, this);
+    curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, failureText_.data());
     curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, &CurlTransfer::OnHeader);
     curl_easy_setopt(easy, CURLOPT_HEADERDATA, this);
     curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &CurlTransfer::OnBody);
     curl_easy_setopt(easy, CURLOPT_WRITEDATA, this);
+}
+
+/// What is let pass in the server's certificate. Once the trust asks for something the judge alone decides, and libcurl
+/// only has to know the system's authorities, if they count.
+void CurlTransfer::ConfigureTrust(const CurlTransferSettings& settings) {
+    CURL* easy = easy_.get();
+    const bool trusts = AsksForCertificate(trust_);
+    // libcurl cannot let a bad date pass and still ask who signed: a bad date passes with an unknown authority only.
+    const bool asksWho = trusts ? trust_.systemAuthorities : (settings.securityFlags & ignoreUnknownAuthority) == 0;
+    const bool asksName = !trusts && (settings.securityFlags & ignoreInvalidCommonName) == 0;
+    curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, asksWho ? 1L : 0L);
+    curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, asksName ? 2L : 0L);
+    curl_easy_setopt(easy, CURLOPT_SSL_CTX_DATA, this);
+    if (curl_easy_setopt(easy, CURLOPT_SSL_CTX_FUNCTION, &CurlTransfer::OnTlsContext) != CURLE_OK && trusts)
+        end_ = error::winHttpSecureFailure;
+}
+
+CURLcode CurlTransfer::OnTlsContext(CURL*, void* context, void* self) {
+    static_cast<CurlTransfer*>(self)->judge_.Watch(static_cast<SSL_CTX*>(context));
+    return CURLE_OK;
 }
 
 int CurlTransfer::OnSocket(void* self, curl_socket_t socket, curlsocktype) {
@@ -229,6 +252,11 @@ int CurlTransfer::OnSocket(void* self, curl_socket_t socket, curlsocktype) {
 /// it says: until the body is out, the answer stays in the socket, where libcurl does not see it.
 int CurlTransfer::OnRequest(void* self, char*, char*, int, int ownPort) {
     auto& transfer = *static_cast<CurlTransfer*>(self);
+    if (transfer.trust_.onlyLook) return CURL_PREREQFUNC_ABORT;
+    if (AsksForCertificate(transfer.trust_) && !transfer.judge_.hasPassed()) {
+        transfer.end_ = error::winHttpSecureFailure;
+        return CURL_PREREQFUNC_ABORT;
+    }
     for (const int socket : transfer.sockets_) {
         if (LocalPort(socket) != ownPort) continue;
         SetLowWater(socket, heldAnswerBytes);
@@ -354,6 +382,8 @@ void CurlTransfer::Perform() {
 
 /// How a transfer ended. A header line that is too long for libcurl is out of memory to it.
 Error CurlTransfer::EndFrom(CURLcode code) const {
+    const bool refused = judge_.presented() && !judge_.hasPassed() && AsksForCertificate(trust_);
+    if (refused && !trust_.onlyLook) return error::winHttpSecureFailure;
     const bool inHeaders = !headersComplete_ && (IsConnected() || !rawHeaders_.empty());
     return code == CURLE_OUT_OF_MEMORY && inHeaders ? error::winHttpHeaderSizeOverflow : ErrorFromCurl(code);
 }
@@ -442,6 +472,15 @@ void CurlTransfer::AcceptTunnelRefusal() {
     headersComplete_ = true;
     tunnelRefused_ = true;
     end_ = error::success;
+}
+
+std::string CurlTransfer::FailureText() const {
+    const std::string own = failureText_.data();
+    long systemError = 0;
+    curl_easy_getinfo(easy_.get(), CURLINFO_OS_ERRNO, &systemError);
+    if (systemError == 0 || IsConnected()) return own;
+    const std::string reason = std::generic_category().message(static_cast<int>(systemError));
+    return own.empty() ? reason : reason + " (" + own + ")";
 }
 
 Error CurlTransfer::Send() { return Run(Stage::send); }

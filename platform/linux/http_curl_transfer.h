@@ -8,6 +8,7 @@
 // virtual time does not pass in them. The limits themselves know no clock (platform/linux/http_transfer_limits.h).
 #pragma once
 
+#include <array>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -19,7 +20,9 @@
 #include <vector>
 
 #include "platform/errors.h"
+#include "platform/http.h"
 #include "platform/linux/descriptor.h"
+#include "platform/linux/http_certificates.h"
 #include "platform/linux/http_transfer_limits.h"
 #include "platform/owned_handle.h"
 
@@ -37,6 +40,9 @@ struct CurlTransferSettings {
     std::optional<std::string> proxyUser;  // offered up front
     std::optional<std::string> proxyPassword;
     std::uint32_t securityFlags = 0;           // platform/http.h
+    const HttpServerTrust* trust;              // the caller's, valid as long as the transfer lives
+    std::string host;                          // of the URL, an IPv6 address without brackets
+    std::string server;                        // host and port for people
     std::chrono::milliseconds connectTimeout;  // lookup, connection, tunnel and handshake together
     std::chrono::milliseconds sendTimeout;     // longest time without a byte gone out, while the request is sent
     std::chrono::milliseconds receiveTimeout;  // longest time without a byte either way, while the answer is awaited
@@ -63,6 +69,12 @@ class CurlTransfer {
     /// Takes bytes that are there; the number taken.
     std::size_t Take(std::byte* buffer, std::size_t size);
 
+    /// The certificate that the server has shown; null before that, and on a plain connection.
+    const std::optional<HttpPresentedCertificate>& presentedCertificate() const { return judge_.presented(); }
+
+    /// Why the transfer has failed, in the words of the library or the system; may be empty.
+    std::string FailureText() const;
+
     /// Whether the answer is a proxy's refusal of a tunnel, and not the server's.
     bool tunnelRefused() const { return tunnelRefused_; }
 
@@ -79,6 +91,7 @@ class CurlTransfer {
     using Stage = HttpTransferLimits::Stage;
 
     void Configure(const CurlTransferSettings& settings);
+    void ConfigureTrust(const CurlTransferSettings& settings);
     Error Run(Stage stage);
     bool HasReached(Stage stage) const;
     void Perform();
@@ -94,11 +107,15 @@ class CurlTransfer {
     void AcceptTunnelRefusal();
     bool TakeHeader(std::string_view line);
     bool TakeBody(std::string_view bytes);
+    static CURLcode OnTlsContext(CURL* easy, void* context, void* self);
     static int OnSocket(void* self, curl_socket_t socket, curlsocktype purpose);
     static int OnRequest(void* self, char* peer, char* own, int peerPort, int ownPort);
     static std::size_t OnHeader(char* data, std::size_t size, std::size_t count, void* self);
     static std::size_t OnBody(char* data, std::size_t size, std::size_t count, void* self);
 
+    const HttpServerTrust& trust_;
+    CertificateJudge judge_;
+    std::array<char, CURL_ERROR_SIZE> failureText_{};
     std::unique_ptr<curl_slist, ReleasedBy<curl_slist_free_all>> headerList_;
     std::unique_ptr<CURLM, ReleasedBy<curl_multi_cleanup>> multi_;
     std::unique_ptr<CURL, ReleasedBy<curl_easy_cleanup>> easy_;

@@ -13,6 +13,7 @@
 
 #include "platform/backend.h"
 #include "platform/http_frame.h"
+#include "platform/http_trust.h"
 #include "platform/windows/http_body.h"
 #include "platform/windows/http_calls.h"
 #include "platform/windows/http_target.h"
@@ -77,6 +78,10 @@ struct WinHttp {
     static std::size_t Take(Request& request, std::byte* buffer, std::size_t size) {
         return request.answer->Take(buffer, size);
     }
+
+    // Certificates are not read on this system yet: a request that asks for one is refused.
+    static Error ReadCertificate(std::string_view, HttpCertificate&) { return error::notSupported; }
+    static Error CountCertificates(std::string_view, std::size_t&) { return error::notSupported; }
 
     /// What other records were opened from is closed for the system with the last of those.
     template <class Record>
@@ -226,6 +231,7 @@ Error OfferProxyCredentials(const WinHttp::Request& request) {
 /// Sends the request to where it is open.
 Error SendFromHere(WinHttp::Request& request) {
     request.answer.reset();
+    if (AsksForCertificate(request.trust)) return error::notSupported;
     if (const Error failure = OfferProxyCredentials(request)) return failure;
     const auto size = static_cast<DWORD>(request.bodySize);
     void* body = size == 0 ? WINHTTP_NO_REQUEST_DATA : const_cast<std::byte*>(request.body);

@@ -1,0 +1,49 @@
+#include "platform/http_trust.h"
+
+#include <algorithm>
+
+namespace platform {
+
+bool AsksForCertificate(const HttpServerTrust& trust) {
+    return !trust.pinnedKeys.empty() || trust.authorities || trust.systemAuthorities || trust.onlyLook;
+}
+
+bool PassesChecks(const HttpPresentedCertificate& certificate) {
+    return certificate.keyProblem.value_or("").empty() && certificate.authoritiesProblem.value_or("").empty() &&
+           certificate.systemProblem.value_or("").empty();
+}
+
+std::string KeyProblem(const std::vector<std::string>& pinnedKeys, std::string_view keyPin) {
+    if (std::find(pinnedKeys.begin(), pinnedKeys.end(), keyPin) != pinnedKeys.end()) return "";
+    return pinnedKeys.size() == 1 ? "its key is not the pinned one" : "its key is not one of the pinned ones";
+}
+
+std::string FingerprintText(std::span<const unsigned char> bytes) {
+    constexpr char digits[] = "0123456789ABCDEF";
+    std::string text;
+    for (const unsigned char byte : bytes) {
+        if (!text.empty()) text += ':';
+        text += {digits[byte >> 4], digits[byte & 15]};
+    }
+    return text;
+}
+
+std::string ServerText(std::string_view host, std::uint16_t port) {
+    const bool bare = host.find(':') != host.npos && !host.starts_with('[');
+    return (bare ? "[" + std::string(host) + "]" : std::string(host)) + ":" + std::to_string(port);
+}
+
+bool SplitPem(std::string_view pem, std::vector<std::string>& certificates) {
+    constexpr std::string_view first = "-----BEGIN CERTIFICATE-----";
+    constexpr std::string_view last = "-----END CERTIFICATE-----";
+    for (std::size_t begin = 0; (begin = pem.find(first, begin)) != pem.npos;) {
+        std::size_t end = pem.find(last, begin);
+        if (end == pem.npos) return false;
+        end += last.size();
+        certificates.emplace_back(pem.substr(begin, end - begin));
+        begin = end;
+    }
+    return true;
+}
+
+}  // namespace platform
