@@ -14,6 +14,7 @@
 #include "foundation/file_utils.h"
 #include "foundation/log.h"
 #include "foundation/open_file.h"
+#include "foundation/server_limit.h"
 #include "foundation/system_error.h"
 #include "foundation/time_utils.h"
 #include "platform/files.h"
@@ -139,6 +140,29 @@ std::u16string ScriptParameters(const HashTable* record) {
     return text += u" " + ReadMember(record, u"params").value_or(u"");
 }
 
+/// Whether a script may be run; a line when not. A double quote is no part of a file's name, and is dropped from it on
+/// the way: what runs could be another file than the one that is allowed.
+bool MayRun(std::u16string_view fileName, const OptionalText& recordName) {
+    if (!StaysBelowDirectory(fileName)) {
+        Log1("ExecuteScript : %s does not name a file below the scripts directory and is not run \n", fileName);
+        return false;
+    }
+    const ServerLimit limit = LimitOfScripts();
+    const std::u16string names[] = {std::u16string(fileName)};
+    std::optional<std::u16string> refusal = limit.Refusal(names);
+    if (limit.isSet() && !refusal && FindChar(fileName, u'"') != fileName.npos) refusal = u"its name has a quote";
+    if (refusal)
+        Log1("ExecuteScript : the script %s of the record %s is not run: %s \n", fileName, recordName, *refusal);
+    return !refusal;
+}
+
+/// The last line about a script's run, or that there is no such file.
+std::u16string ReasonOfFailure(const std::u16string& path, std::u16string remarks) {
+    if (!CheckFileExists(path)) return ConcatStrings(u"there is no file ", path);
+    while (!remarks.empty() && (remarks.back() == u'\n' || remarks.back() == u' ')) remarks.pop_back();
+    return remarks;
+}
+
 }  // namespace
 
 void CollectScript(const HashTable* record) {
@@ -147,15 +171,14 @@ void CollectScript(const HashTable* record) {
         Log1("\t CollectAndSaveData :: a script record without the text script is skipped \n");
         return;
     }
-    ExecuteScript(*script, ScriptParameters(record), ReadMember(record, u"response_needed"));
+    ExecuteScript(*script, ScriptParameters(record), ReadMember(record, u"response_needed"),
+                  MemberText(record, u"Name"));
 }
 
-int ExecuteScript(std::u16string_view fileName, std::u16string_view commandLineParam, const OptionalText& viewOutput) {
+int ExecuteScript(std::u16string_view fileName, std::u16string_view commandLineParam, const OptionalText& viewOutput,
+                  const OptionalText& recordName) {
     Log3("\t Inside ExecuteScript() \n");
-    if (!StaysBelowDirectory(fileName)) {
-        Log1("ExecuteScript : %s does not name a file below the scripts directory and is not run \n", fileName);
-        return 0;
-    }
+    if (!MayRun(fileName, recordName)) return 0;
     platform::ScriptCommand command;
     command.scriptHost = ScriptHostFor(fileName);
     command.path = agentState.gv_ocAgentBinPath.value_or(u"") + u"..\\conf\\scripts\\";
@@ -175,6 +198,8 @@ int ExecuteScript(std::u16string_view fileName, std::u16string_view commandLineP
     if (!succeeded) {
         Log1("ExecuteScript : Unable to create a output file for the command %s and the remarks is %s \n",
              processString, remarks);
+        Log1("ExecuteScript : the script %s of the record %s failed: %s \n", fileName, recordName,
+             ReasonOfFailure(command.path, remarks));
     }
     if (!record) return 0;
     MakeRecordOfOutput(*record, platform::Processes().GetScriptOutputEncoding(command.scriptHost));

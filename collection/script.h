@@ -13,7 +13,9 @@ namespace kv {
 void CollectScript(const HashTable* record);
 
 /// Runs a script of "..\conf\scripts\" for about two minutes at most; with viewOutput "true" (any case) its output
-/// becomes a record file. A fileName that leads out of that directory is refused, with a log line. 0 always.
-int ExecuteScript(std::u16string_view fileName, std::u16string_view commandLineParam, const OptionalText& viewOutput);
+/// becomes a record file. A fileName that leads out of that directory is refused, and so is one that AllowedScripts
+/// does not have; each with a log line, as a script that fails. recordName is for these lines. 0 always.
+int ExecuteScript(std::u16string_view fileName, std::u16string_view commandLineParam, const OptionalText& viewOutput,
+                  const OptionalText& recordName = std::nullopt);
 
 }  // namespace kv

@@ -32,6 +32,12 @@ void SendAnswer(HashTable* table, const HashTable* request) {
                       HashToJSONString(table));
 }
 
+/// What a poll leaves in the table of its record, with what the record says of itself.
+void PutStatus(HashTable* table, const HashTable* record, std::u16string_view status) {
+    PutHashText(table, u"STATUS", status);
+    PutMembers(table, members, {.asked = record});
+}
+
 }  // namespace
 
 void CollectSNMPData(const HashTable* record, std::u16string_view isTest) {
@@ -43,13 +49,19 @@ void CollectSNMPData(const HashTable* record, std::u16string_view isTest) {
         Log1("\tInit Failed -- SystemInfo\n");
         return;
     }
-    const std::u16string status = ExecuteSNMPQuery(record, table.get());
-    PutHashText(table.get(), u"STATUS", status);
-    PutMembers(table.get(), members, {.asked = record});
+    PutStatus(table.get(), record, ExecuteSNMPQuery(record, table.get()));
     if (CompareIgnoreCase(isTest, u"true") == 0) return SendAnswer(table.get(), record);
     const std::u16string json = HashToJSONString(table.get());
     memory.pieceBytes = json.size() * sizeof(char16_t);
     if (WriteRecordFile(dataDirectory, json)) Log2("CollectSNMPData :: Snmp query output - %s\n", json);
+}
+
+void RefuseSNMPData(const HashTable* request) {
+    const HashTablePtr table = MakeHashTable();
+    if (!table) return Log1("\tInit Failed -- SystemInfo\n");
+    PutHashText(table.get(), u"OID", MemberText(request, u"OID").value_or(u""));
+    PutStatus(table.get(), request, u"FAILURE");
+    SendAnswer(table.get(), request);
 }
 
 }  // namespace kv

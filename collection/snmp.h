@@ -11,4 +11,7 @@ namespace kv {
 /// record is a request, and the result is posted to the server in place of a file.
 void CollectSNMPData(const HashTable* record, std::u16string_view isTest);
 
+/// Posts the answer of a failed poll to a request that is not served. No device is asked.
+void RefuseSNMPData(const HashTable* request);
+
 }  // namespace kv

@@ -1,18 +1,23 @@
 #include "exchange/local_requests.h"
 
 #include <array>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "collection/record_members.h"
 #include "collection/wmi_query.h"
+#include "collection/wmi_text.h"
 #include "exchange/service_control.h"
 #include "foundation/line_bound.h"
 #include "foundation/log.h"
+#include "foundation/server_limit.h"
 #include "foundation/text.h"
 #include "http/request_servlet.h"
 #include "jsontext/hash_json.h"
+#include "platform/service_manager.h"
 
 namespace kv {
 
@@ -54,6 +59,7 @@ struct Exchange {
     HashTablePtr reply = MakeHashTable();
     VectorPtr rows = MakeVector();
     OptionalText message = {};  // how the query or the action ended; null when nothing was run
+    OptionalText refusal = {};  // why the request is not served at all; null when it is
 };
 
 /// A text of the request; null when it is absent or, with a line, when it is something else.
@@ -78,13 +84,42 @@ OptionalText NeededMember(const Exchange& exchange, std::u16string_view key) {
 void TestMonitor(Exchange& exchange, std::u16string_view name) {
     const OptionalText query = NeededMember(exchange, u"WMIQUERY");
     if (!query) return;
-    exchange.message = WMIFunction(Member(exchange.request, u"NAME_SPACE"), query, exchange.rows.get());
+    exchange.message = exchange.refusal
+                           ? FormatWMIError(platform::wmi_status::accessDenied, *exchange.refusal)
+                           : WMIFunction(Member(exchange.request, u"NAME_SPACE"), query, exchange.rows.get());
     PutRows(exchange.reply.get(), name, std::move(exchange.rows));
 }
 
+/// Whether the administrator lets servers change a service; a line when not. A service goes by its own name: an alias
+/// of a service that is not allowed does not help.
+bool IsAllowed(const Exchange& exchange, const std::u16string& service) {
+    const ServerLimit limit = LimitOfServices();
+    if (!limit.isSet()) return true;
+    platform::OwnedServiceHandle manager;
+    std::vector<std::u16string> names;
+    platform::Error failure = platform::ServiceManager().OpenSCManagerW(platform::manager_right::all, manager.Place());
+    if (failure == platform::error::success)
+        failure = platform::ServiceManager().ListServiceNames(manager.get(), service, names);
+    const std::optional<std::u16string> refusal = limit.Refusal(names);
+    if (!refusal) return true;
+    const LineBound::OfRefusal bound;
+    if (failure == platform::error::success) {
+        Log1("\t ExecWMIQuery :: A %s request for the service %s (%s) is refused: %s. Request id : %s\n", exchange.type,
+             service, names.front(), *refusal, exchange.id);
+    } else {
+        Log1(
+            "\t ExecWMIQuery :: A %s request for the service %s is refused under AllowedServices: which service that "
+            "is "
+            "cannot be told (%d). Request id : %s\n",
+            exchange.type, service, failure, exchange.id);
+    }
+    return false;
+}
+
 bool RunAction(const Exchange& exchange, const ServiceAction& action) {
+    if (exchange.refusal) return false;
     const OptionalText service = NeededMember(exchange, u"SERVICE_NAME");
-    if (!service) return false;
+    if (!service || !IsAllowed(exchange, *service)) return false;
     Log3(action.announcement, *service);
     return action.run(*service);
 }
@@ -128,12 +163,13 @@ void SendReply(const Exchange& exchange) {
 
 }  // namespace
 
-void ExecWMIQuery(const HashTable* request) {
+void ExecWMIQuery(const HashTable* request, const OptionalText& refusal) {
     Log3("\t Inside ExecWMIQuery() \n");
     if (LogsAtLeast(3)) Log3("\tExecWMIQuery :: requestInfo: %s\n", HashToJSONString(request));
     Exchange exchange{.request = request,
                       .type = RequestText(request, u"REQUEST_TYPE"),
-                      .id = RequestText(request, u"AGENT_REQUEST_ID")};
+                      .id = RequestText(request, u"AGENT_REQUEST_ID"),
+                      .refusal = refusal};
     if (!exchange.reply || !exchange.rows) {
         Log1("\tExecWMIQuery: Init Failed -- SystemInfo\n");
         return;

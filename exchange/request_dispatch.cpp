@@ -1,5 +1,6 @@
 #include "exchange/request_dispatch.h"
 
+#include <optional>
 #include <utility>
 
 #include "collection/snmp.h"
@@ -12,6 +13,7 @@
 #include "foundation/line_bound.h"
 #include "foundation/log.h"
 #include "foundation/registry_store.h"
+#include "foundation/server_limit.h"
 #include "foundation/text.h"
 #include "http/http_transaction.h"
 #include "http/request_servlet.h"
@@ -101,25 +103,54 @@ void DeleteDevice(const HashTable* request, ListResult&) {
 }
 
 void ReadSnmpData(const HashTable* request, ListResult&) { CollectSNMPData(request, u"true"); }
+void RefuseSnmpData(const HashTable* request, std::u16string_view) { RefuseSNMPData(request); }
 
 void DiscoverDevice(const HashTable* request, ListResult&) { DiscoverSNMPDevices(request); }
+void RefuseDiscovery(const HashTable* request, std::u16string_view) { DiscoverSNMPDevices(request, true); }
 
 void ActOnThisComputer(const HashTable* request, ListResult&) { ExecWMIQuery(request); }
+void RefuseAction(const HashTable* request, std::u16string_view reason) {
+    ExecWMIQuery(request, std::u16string(reason));
+}
 
-constexpr std::pair<std::u16string_view, RequestHandler> handlers[] = {
-    {u"TEST_MONITOR", ActOnThisComputer},       {u"START_SERVICE", ActOnThisComputer},
-    {u"STOP_SERVICE", ActOnThisComputer},       {u"SNMP_TEST_MONITOR", ReadSnmpData},
-    {u"GET_INSTANCE_DATA", ReadSnmpData},       {u"DOWNLOAD_QUERYCONF", DownloadQueryConf},
-    {u"DISCOVER_SNMP_DEVICES", DiscoverDevice}, {u"DELETE_DEVICE", DeleteDevice},
+/// A request whose failures the server is not told of.
+void RefuseInSilence(const HashTable*, std::u16string_view) {}
+
+struct RequestType {
+    std::u16string_view name;
+    RequestHandler serve;
+    void (*refuse)(const HashTable* request, std::u16string_view reason);  // tells the server of a failure
 };
 
+constexpr RequestType requestTypes[] = {
+    {u"TEST_MONITOR", ActOnThisComputer, RefuseAction},
+    {u"START_SERVICE", ActOnThisComputer, RefuseAction},
+    {u"STOP_SERVICE", ActOnThisComputer, RefuseAction},
+    {u"SNMP_TEST_MONITOR", ReadSnmpData, RefuseSnmpData},
+    {u"GET_INSTANCE_DATA", ReadSnmpData, RefuseSnmpData},
+    {u"DOWNLOAD_QUERYCONF", DownloadQueryConf, RefuseInSilence},
+    {u"DISCOVER_SNMP_DEVICES", DiscoverDevice, RefuseDiscovery},
+    {u"DELETE_DEVICE", DeleteDevice, RefuseInSilence},
+};
+
+/// Serves a request of a type that the administrator allows.
+void ServeAllowed(const RequestType& type, const HashTable* request, ListResult& result) {
+    const std::u16string names[] = {std::u16string(type.name)};
+    const std::optional<std::u16string> refusal = LimitOfRequests().Refusal(names);
+    if (!refusal) return type.serve(request, result);
+    const LineBound::OfRefusal bound;
+    Log1("\t ParseRequestList :: A %s request is refused: %s. Request id : %s\n", type.name, *refusal,
+         GetHashText(request, u"AGENT_REQUEST_ID"));
+    type.refuse(request, *refusal);
+}
+
 void Dispatch(const HashTable* request, ListResult& result) {
-    const char16_t* type = GetHashText(request, u"REQUEST_TYPE");
-    for (const auto& [name, handler] : handlers) {
-        if (type && name == type) return handler(request, result);
+    const char16_t* name = GetHashText(request, u"REQUEST_TYPE");
+    for (const RequestType& type : requestTypes) {
+        if (name && type.name == name) return ServeAllowed(type, request, result);
     }
     const LineBound::OfRefusal refusal;
-    Log2("\t ParseRequestList :: Requests of type %s are unknown. Request id : %s\n", type,
+    Log2("\t ParseRequestList :: Requests of type %s are unknown. Request id : %s\n", name,
          GetHashText(request, u"AGENT_REQUEST_ID"));
 }
 

@@ -74,15 +74,23 @@ void TakeIdentity(const SnmpResponseData* response, Discovery& discovery) {
     }
 }
 
-Discovery Discover(const HashTable* request) {
+/// What is known of a device before it is looked up and asked.
+Discovery WithoutResponse(const HashTable* request) {
     Discovery discovery;
-    const std::u16string device = MemberText(request, u"DEVICE_NAME").value_or(u"");
+    discovery.address = discovery.name = MemberText(request, u"DEVICE_NAME").value_or(u"");
     discovery.community = SnmpCommunity(request);
+    discovery.identity.fill(std::u16string(noResponse));
+    discovery.version = u"v1";
+    return discovery;
+}
+
+Discovery Discover(const HashTable* request) {
+    Discovery discovery = WithoutResponse(request);
+    const std::u16string device = discovery.name;
     OptionalText name, address;
     if (device.empty() || !GetRemoteHostDetails(device, name, address)) {
         Log1("Error in getting the IPAddress of the Device. Hence, quiting!!!");
         Log1("\t DiscoverSNMPDevices :: no IPv4 address is found for %s \n", SnmpRecordName(request));
-        discovery.address = discovery.name = device;
         discovery.identity.fill(u"INVALID IPADDRESS");
         discovery.version = u"INVALID IPADDRESS";
         return discovery;
@@ -112,14 +120,14 @@ void PutFound(HashTable* reply, const HashTable* request, const Discovery& found
 
 }  // namespace
 
-void DiscoverSNMPDevices(const HashTable* request) {
+void DiscoverSNMPDevices(const HashTable* request, bool isRefused) {
     Log3("\t Inside DiscoverSNMPDevices() \n");
     const HashTablePtr reply = MakeHashTable();
     if (!reply) {
         Log1("\tDiscoverSNMPDevices: Init Failed -- SystemInfo\n");
         return;
     }
-    const Discovery found = Discover(request);
+    const Discovery found = isRefused ? WithoutResponse(request) : Discover(request);
     PutMembers(reply.get(), replyMembers, {.asked = request});
     PutFound(reply.get(), request, found);
     PostRequestAnswer(u"DISCOVER_SNMP_DEVICES", RequestText(request, u"AGENT_REQUEST_ID"),

@@ -79,6 +79,12 @@ struct ServiceManagerOperations {
     std::function<Error(ServiceHandle manager, std::u16string_view name, std::uint32_t rights, ServiceHandle& service)>
         OpenServiceW;
 
+    /// The names that mean this service and no other: its own, in each way in which it is written, and the given one
+    /// when that becomes the own one. An alias is not among them. Nothing is opened. serviceDoesNotExist and
+    /// invalidName where the system can tell at once.
+    std::function<Error(ServiceHandle manager, std::u16string_view name, std::vector<std::u16string>& names)>
+        ListServiceNames;
+
     /// Makes a service, started automatically or not, without starting it now. serviceExists. fileNotFound where the
     /// system looks for the program at once and does not find it.
     std::function<Error(ServiceHandle manager, const ServiceDefinition& definition, ServiceHandle& service)>

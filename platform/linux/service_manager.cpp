@@ -5,6 +5,7 @@
 #include <chrono>
 #include <memory>
 #include <optional>
+#include <strings.h>
 
 #include "platform/backend.h"
 #include "platform/guarded.h"
@@ -108,6 +109,19 @@ Error OpenServiceW(ServiceHandle manager, std::u16string_view name, std::uint32_
     UnitCondition condition;
     if (const Error failure = FindUnit(connection->manager, name, condition); failure != 0) return failure;
     service = NewHandle({.connection = connection, .rights = rights, .unit = condition.id});
+    return error::success;
+}
+
+Error ListServiceNames(ServiceHandle manager, std::u16string_view name, std::vector<std::u16string>& names) {
+    names.clear();
+    if (const Error failure = UseManager(manager); failure != 0) return failure;
+    UnitCondition condition;
+    if (const Error failure = FindUnit(OpenOf(manager).connection->manager, name, condition); failure != 0)
+        return failure;
+    const std::string& unit = condition.id;
+    names = {WideFromUtf8(unit), WideFromUtf8(unit.substr(0, unit.size() - serviceSuffix.size()))};
+    const std::string becomes = UnitNameOf(Utf8FromWide(name));
+    if (strcasecmp(becomes.c_str(), unit.c_str()) == 0) names.emplace_back(name);
     return error::success;
 }
 
@@ -268,6 +282,7 @@ ServiceManagerOperations LinuxServiceManager(const ServiceManagerPlace& place) {
                 return OpenSCManagerW(place, rights, manager);
             }),
             .OpenServiceW = Guarded(OpenServiceW),
+            .ListServiceNames = Guarded(ListServiceNames),
             .CreateServiceW = Guarded(CreateServiceW),
             .ChangeServiceConfig2W = Guarded(ChangeServiceConfig2W),
             .DeleteService = Guarded(DeleteService),

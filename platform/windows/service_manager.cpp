@@ -45,6 +45,14 @@ Error OpenServiceW(ServiceHandle manager, std::u16string_view name, std::uint32_
     return Take(::OpenServiceW(SystemServiceOf(manager), WideOf(name).c_str(), rights), service);
 }
 
+/// A service has a single name here, by which alone it is opened.
+Error ListServiceNames(ServiceHandle, std::u16string_view name, std::vector<std::u16string>& names) {
+    names.clear();
+    if (HoldsZero(name)) return error::invalidName;
+    names.emplace_back(name);
+    return error::success;
+}
+
 /// Texts one after the other, each followed by a zero, and one more zero at the end.
 std::wstring TextListOf(const std::vector<std::u16string>& texts) {
     std::wstring list;
@@ -122,6 +130,7 @@ ServiceManagerOperations WindowsServiceManager() {
     return {
         .OpenSCManagerW = OpenSCManagerW,
         .OpenServiceW = Guarded(OpenServiceW),
+        .ListServiceNames = Guarded(ListServiceNames),
         .CreateServiceW = Guarded(CreateServiceW),
         .ChangeServiceConfig2W = Guarded(ChangeServiceConfig2W),
         .DeleteService = [](ServiceHandle service) { return ResultOf(::DeleteService(SystemServiceOf(service))); },

@@ -147,9 +147,44 @@ TEST_F(Collection, RunsOnlyScriptsBelowTheScriptsDirectory) {
     EXPECT_TRUE(Logged("..\\..\\..\\outside.sh does not name a file below the scripts directory"));
     ExecuteScript(u"sub..dir\\deep.bat", u"", u"true");
     EXPECT_EQ(Record(1), "ran" + lineEnd);
-    ExecuteScript(u"missing.sh", u"", u"yes");
-    EXPECT_TRUE(Logged("missing.sh")) << "the log names the failed command";
+    ExecuteScript(u"missing.sh", u"", u"yes", u"Lost");
+    EXPECT_TRUE(Logged("the script missing.sh of the record Lost failed: there is no file "));
+    WriteScript("bad.bat", "exit 3");
+    ExecuteScript(u"bad.bat", u"", u"yes", u"Bad");
+    EXPECT_TRUE(Logged("the script bad.bat of the record Bad failed: Error Code : 3 \n"));
     EXPECT_EQ(agentState.gv_ocLastCreatedJSONNum, 1u) << "unwanted output takes no number";
+}
+
+TEST_F(Collection, RunsOnlyScriptsThatTheAdministratorAllows) {
+    const std::tuple<const char16_t*, const char16_t*, bool> rows[] = {
+        {u"disks.bat", u"disks.bat", true},
+        {u"disks.bat", u"DISKS.bat", false},
+        {u"disks.bat", u".\\disks.bat", false},
+        {u"x, dis?s.*", u"disks.bat", true},
+        {u"*.bat", u"sub\\deep.bat", false},
+        {u"*", u"sub/deep.bat", false},
+        {u"sub\\*.bat", u"sub/deep.bat", true},
+        {u"", u"disks.bat", false},
+        {u"*", u"di\"sks.bat", false},
+        {u"*k*", u"disks.bat", true},
+        {u"*disks.bat", u"sub/disks.bat", false},
+        {u"disks.ba", u"disks.bat", false},
+    };
+    WriteScript("disks.bat", "echo ran");
+    WriteScript("sub/deep.bat", "echo ran");
+    int refused = 0;
+    for (const auto& [setting, script, runs] : rows) {
+        writeValue(platform::RootKey::localMachine, monitoringKeyPath, u"AllowedScripts", setting,
+                   platform::RegistryType::text);
+        const std::uint32_t before = agentState.gv_ocLastCreatedJSONNum;
+        ExecuteScript(script, u"", u"true", u"Disks");
+        EXPECT_EQ(agentState.gv_ocLastCreatedJSONNum, before + (runs ? 1 : 0))
+            << platform::Utf8FromWide(setting) << " for " << platform::Utf8FromWide(script);
+        refused += runs ? 0 : 1;
+    }
+    EXPECT_EQ(TimesLogged("of the record Disks is not run: "), refused);
+    EXPECT_TRUE(Logged("the script DISKS.bat of the record Disks is not run: AllowedScripts does not have it"));
+    EXPECT_EQ(Record(agentState.gv_ocLastCreatedJSONNum), "ran" + lineEnd);
 }
 
 TEST_F(Collection, TheExtensionDecidesAboutTheScriptHost) {

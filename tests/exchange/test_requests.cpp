@@ -1,6 +1,7 @@
 // Rounds of the poller against a real server and a real registry.
 #include <climits>
 #include <fmt/format.h>
+#include <gmock/gmock.h>
 #include <regex>
 #include <stdexcept>
 #include <utility>
@@ -409,6 +410,76 @@ TEST_F(Requests, QueriesAndServicesAreTried) {
         EXPECT_EQ(posted, each.answer.empty() ? "" : fmt::format(answer, type, clock.nowSeconds(), each.answer));
     }
     EXPECT_EQ(fake.services[u"C"].state, stopped) << "stopped without an answer";
+}
+
+TEST_F(Requests, LimitsAnswerAsFailuresAndRunNothing) {
+    using enum platform::ServiceState;
+    FakeServices fake;
+    fake.aliases = {{u"web", u"sshd"}};
+    constexpr const char* start = R"("START_SERVICE", "MONITOR_NAME": "m", "SERVICE_NAME": )";
+    constexpr const char *failed = R"("Unable to start Service", "I 1": [ { "m": "FAILED" } ])", *started = "STARTED";
+    const struct {
+        const char16_t *setting, *text;  // null: a number, as it would be by mistake
+        std::string request;             // from its type on
+        const char *answer, *logged;
+    } rows[] = {
+        {u"AllowedRequests", u"TEST_MONITOR, start_service", std::string(start) + R"("A")", started, ""},
+        {u"AllowedRequests", u"DOWNLOAD_QUERYCONF", std::string(start) + R"("A")", failed,
+         "START_SERVICE request is refused: AllowedRequests does not have it. Request id : I 1"},
+        {u"AllowedRequests", u" ,", R"("TEST_MONITOR", "WMIQUERY": "SELECT", "MONITOR_NAME": "m")",
+         R"("FAILED:AllowedRequests is empty, so nothing is allowed ERRORCODE:80041003 MESSAGE:Access denied\r\n", "m": [ ])",
+         "TEST_MONITOR request is refused: AllowedRequests is empty"},
+        {u"AllowedRequests", nullptr, R"("GET_INSTANCE_DATA", "OID": ".1.3", "DEVICE_NAME": "192.0.2.1")",
+         R"("STATUS": "FAILURE", "OID": ".1.3" })", "AllowedRequests is not a text, so nothing is allowed"},
+        {u"AllowedRequests", u"TEST*", R"("DISCOVER_SNMP_DEVICES", "DEVICE_NAME": "192.0.2.1", "SNMP_PORT": "161")",
+         R"("SYSDESC": "NO RESPONSE", "SYSNAME": "NO RESPONSE", "SYSOID": "NO RESPONSE", "SNMPPort": "161")",
+         "DISCOVER_SNMP_DEVICES request is refused"},
+        {u"AllowedRequests", u"TEST*", R"("DELETE_DEVICE", "DEVICE_NAME": "S1")", "",
+         "DELETE_DEVICE request is refused"},
+        {u"AllowedRequests", u"DELETE*", R"("DOWNLOAD_QUERYCONF", "AGENT_KEY": "K7")", "",
+         "DOWNLOAD_QUERYCONF request is refused"},
+        {u"AllowedServices", u"a, x?z*", std::string(start) + R"("A")", started, ""},
+        {u"AllowedServices", u"a, x?z*", std::string(start) + R"("XyZA")", started, ""},
+        {u"AllowedServices", u"a, x?z*", std::string(start) + R"("AA")", failed,
+         "START_SERVICE request for the service AA (AA) is refused: AllowedServices does not have it. Request id : I "
+         "1"},
+        {u"AllowedServices", u"w*", std::string(start) + R"("web")", failed,
+         "the service web (sshd) is refused: AllowedServices does not have it"},
+        {u"AllowedServices", u"ssh?", std::string(start) + R"("web")", started, ""},
+        {u"AllowedServices", u"", std::string(start) + R"("A")", failed, "AllowedServices is empty, so nothing"},
+        {u"AllowedServices", u"STOP*", R"("DELETE_DEVICE", "DEVICE_NAME": "S1")", "", ""},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(platform::Utf8FromWide(row.text ? row.text : u"a number") + " " + row.request);
+        Write(conf / "slaves" / "S1" / "queryconf.txt", "{}");
+        fake.services = {{u"A", {}}, {u"AA", {}}, {u"XyZA", {}}, {u"web", {}}};
+        const auto type = row.text ? platform::RegistryType::text : platform::RegistryType::dword;
+        const auto set = [&](std::u16string_view text, platform::RegistryType as) {
+            writeValue(platform::RootKey::localMachine, monitoringKeyPath, row.setting, text, as);
+        };
+        set(row.text ? row.text : u"1", type);
+        posted.clear();
+        fake.calls.clear();
+        SetRequestAvailable(u"YES");
+        RunRound(fmt::format(R"({{"RequestList": [{{"AGENT_REQUEST_ID": "I 1", "RESPONSE_NEEDED": "YES",
+                                "REQUEST_TYPE": {}}}]}})",
+                             row.request)
+                     .c_str());
+        EXPECT_THAT(posted, testing::HasSubstr(row.answer));
+        EXPECT_EQ(posted.empty(), *row.answer == 0);
+        const bool isRefused = *row.logged != 0;
+        EXPECT_EQ(CountInRound("is refused: "), isRefused) << "one line";
+        EXPECT_GE(CountInRound(row.logged), 1);
+        EXPECT_EQ(std::filesystem::exists(conf / "slaves" / "S1"), isRefused || row.answer == started);
+        EXPECT_EQ(testing::Value(fake.calls, testing::Contains(testing::HasSubstr("StartServiceW"))),
+                  row.answer == started);
+        EXPECT_EQ(asked, "LIST ");
+        platform::OwnedRegistryKey key;
+        ASSERT_EQ(platform::Registry().RegOpenKeyExW(platform::RootKey::localMachine, monitoringKeyPath,
+                                                     platform::RegistryAccess::allAccess, key.Place()),
+                  platform::error::success);
+        ASSERT_EQ(platform::Registry().RegDeleteValueW(key.get(), row.setting), platform::error::success);
+    }
 }
 
 }  // namespace kv::test

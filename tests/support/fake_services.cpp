@@ -77,6 +77,13 @@ FakeServices::FakeServices() : scoped_({}) {
     now.OpenServiceW = [this](auto manager, auto name, auto rights, auto& handle) {
         return Call("OpenServiceW", manager, 0, [&] { return Open(name, rights, handle); });
     };
+    now.ListServiceNames = [this](auto manager, auto name, auto& names) {
+        return Call("ListServiceNames", manager, 0, [&] {
+            const auto alias = aliases.find(std::u16string(name));
+            names = {alias != aliases.end() ? alias->second : std::u16string(name)};
+            return success;
+        });
+    };
     now.CreateServiceW = [this](auto manager, auto& made, auto& handle) {
         return Call("CreateServiceW", manager, manager_right::createService, [&] {
             definition = made;

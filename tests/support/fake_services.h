@@ -26,9 +26,10 @@ class FakeServices {
     FakeServices();
 
     std::map<std::u16string, FakeService> services;
-    std::vector<std::string> calls;  // such as "StartServiceW(A)"
-    std::string failing;             // a call that begins with this text fails; empty: no call does
-    std::ptrdiff_t passing = 0;      // such calls that succeed first
+    std::map<std::u16string, std::u16string> aliases;  // to the names of their services
+    std::vector<std::string> calls;                    // such as "StartServiceW(A)"
+    std::string failing;                               // a call that begins with this text fails; empty: no call does
+    std::ptrdiff_t passing = 0;                        // such calls that succeed first
     platform::Error failure = platform::error::accessDenied;
     platform::ServiceDefinition definition;
     platform::ServiceFailureActions actions;

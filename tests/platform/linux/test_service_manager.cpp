@@ -107,6 +107,11 @@ TEST_F(ServiceManagerTest, UnitsAreServicesWithStatesAndControls) {
             const Error failure = row.control == begin ? services.StartServiceW(service)
                                                        : services.ControlService(service, row.control, status);
             EXPECT_EQ(services.QueryServiceStatusEx(service, status), 0u) << row.title;
+            std::vector<std::u16string> names;
+            EXPECT_EQ(services.ListServiceNames(manager, row.name, names), 0u) << row.title;
+            const bool isAlias = !row.unit.alias.empty();
+            EXPECT_EQ(names.at(0), WideFromUtf8(row.unit.id)) << row.title;
+            EXPECT_EQ(names.size(), isAlias ? 2u : 3u) << "an alias is not a name of its own";
             text += fmt::format(" {} {} {} {} {:d} {} {}", failure, static_cast<int>(status.dwCurrentState),
                                 status.dwWin32ExitCode, status.dwServiceSpecificExitCode, status.dwCheckPoint != 0,
                                 status.dwWaitHint, systemd->Deeds());

@@ -103,6 +103,9 @@ TEST_F(ServiceTest, CanBeMadeFoundAndRemovedOnce) {
         ServiceStatus status;
         EXPECT_EQ(ServiceManager().ControlService(second.get(), service_control::stop, status), error::accessDenied);
     }
+    std::vector<std::u16string> names;
+    EXPECT_EQ(ServiceManager().ListServiceNames(manager.get(), name, names), error::success);
+    EXPECT_EQ(names, std::vector{std::u16string(name)});
     // Not every system shows what it stored of them.
     EXPECT_EQ(ServiceManager().ChangeServiceConfig2W(service.get(), {neverReset, {{RecoveryAction::restart, 10000}}}),
               error::success);

@@ -1,0 +1,93 @@
+#include "foundation/server_limit.h"
+
+#include <algorithm>
+
+#include "foundation/registry_store.h"
+#include "foundation/text.h"
+#include "platform/name_pattern.h"
+
+namespace kv {
+
+namespace {
+
+namespace error = platform::error;
+
+/// What no wildcard stands for. A service has none in its name.
+constexpr char16_t separator = u'/';
+
+/// A text in the form in which patterns and names are compared.
+std::u16string Comparable(std::u16string_view text, ServerLimit::Kind kind) {
+    std::u16string form(text);
+    if (kind == ServerLimit::Kind::names) {
+        std::transform(form.begin(), form.end(), form.begin(), platform::UpperCaseOf);
+    } else {
+        std::replace(form.begin(), form.end(), u'\\', separator);
+    }
+    return form;
+}
+
+std::u16string_view WithoutBlanks(std::u16string_view text) {
+    constexpr std::u16string_view blanks = u" \t";
+    text.remove_prefix(std::min(text.find_first_not_of(blanks), text.size()));
+    return text.substr(0, text.find_last_not_of(blanks) + 1);
+}
+
+bool IsOne(char16_t wanted, char16_t unit) { return wanted == u'?' ? unit != separator : wanted == unit; }
+
+/// Only the last "*" seen needs to be tried again: every other step has one outcome.
+bool Matches(std::u16string_view pattern, std::u16string_view name) {
+    std::size_t inPattern = 0;
+    std::size_t inName = 0;
+    std::size_t afterStar = std::u16string_view::npos;
+    std::size_t starTo = 0;
+    while (inPattern < pattern.size() || inName < name.size()) {
+        const bool hasBoth = inPattern < pattern.size() && inName < name.size();
+        if (inPattern < pattern.size() && pattern[inPattern] == u'*') {
+            afterStar = ++inPattern;
+            starTo = inName;
+        } else if (hasBoth && IsOne(pattern[inPattern], name[inName])) {
+            ++inPattern;
+            ++inName;
+        } else if (afterStar != pattern.npos && starTo < name.size() && name[starTo] != separator) {
+            inPattern = afterStar;
+            inName = ++starTo;
+        } else {
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace
+
+ServerLimit::ServerLimit(std::u16string_view setting, Kind kind) : setting_(setting), kind_(kind) {
+    OptionalText text;
+    const platform::Error failure = LookUpText(monitoringKeyPath, setting, text);
+    isSet_ = failure != error::fileNotFound && failure != error::pathNotFound;
+    if (!isSet_) return;
+    if (failure == error::invalidData) {
+        fault_ = u" is not a text, so nothing is allowed";
+    } else if (failure != error::success) {
+        fault_ = u" cannot be read (error " + DecimalText(failure) + u"), so nothing is allowed";
+    }
+    const std::u16string list = Comparable(text.value_or(u""), kind);
+    for (std::u16string_view rest = list; !rest.empty();) {
+        const std::u16string_view part = rest.substr(0, rest.find(u','));
+        if (const std::u16string_view pattern = WithoutBlanks(part); !pattern.empty()) patterns_.emplace_back(pattern);
+        rest.remove_prefix(std::min(part.size() + 1, rest.size()));
+    }
+    if (fault_.empty() && patterns_.empty()) fault_ = u" is empty, so nothing is allowed";
+}
+
+std::optional<std::u16string> ServerLimit::Refusal(std::span<const std::u16string> names) const {
+    if (!isSet_) return std::nullopt;
+    if (!fault_.empty()) return setting_ + fault_;
+    for (const std::u16string& name : names) {
+        const std::u16string form = Comparable(name, kind_);
+        const auto matches = [&form](const std::u16string& pattern) { return Matches(pattern, form); };
+        if (std::any_of(patterns_.begin(), patterns_.end(), matches)) return std::nullopt;
+    }
+    return setting_ + u" does not have it";
+}
+
+}  // namespace kv

@@ -1,0 +1,46 @@
+// What a server may ask of this computer, as far as its administrator limits it. Each limit is a text in the registry
+// key Monitoring: patterns with commas between them. An absent setting is no limit; an empty one, and one that is not a
+// text or cannot be read, allows nothing.
+#pragma once
+
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace kv {
+
+/// One limit as its setting is at this moment: it is read by the constructor, so that a change counts at the next
+/// request. In a pattern "*" stands for any characters and "?" for one. Blanks around a pattern do not count. Throws
+/// std::bad_alloc.
+class ServerLimit {
+  public:
+    enum class Kind {
+        names,  // in any letter case
+        paths,  // as they are written; "/" and "\" are the same, and no wildcard stands for them
+    };
+
+    ServerLimit(std::u16string_view setting, Kind kind);
+
+    /// Whether there is a limit at all.
+    bool isSet() const { return isSet_; }
+
+    /// Absent when one of the names of what is asked for matches one of the patterns, or there is no limit. Otherwise
+    /// why not, with the setting's name, as "AllowedScripts does not have it".
+    std::optional<std::u16string> Refusal(std::span<const std::u16string> names) const;
+
+  private:
+    std::u16string setting_;
+    Kind kind_;
+    bool isSet_ = true;
+    std::u16string fault_;  // why nothing is allowed, whatever the names; empty when the patterns decide
+    std::vector<std::u16string> patterns_;
+};
+
+/// The limits that there are.
+inline ServerLimit LimitOfRequests() { return {u"AllowedRequests", ServerLimit::Kind::names}; }
+inline ServerLimit LimitOfServices() { return {u"AllowedServices", ServerLimit::Kind::names}; }
+inline ServerLimit LimitOfScripts() { return {u"AllowedScripts", ServerLimit::Kind::paths}; }
+
+}  // namespace kv
