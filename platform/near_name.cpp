@@ -43,7 +43,7 @@ std::size_t Distance(std::u16string_view left, std::u16string_view right) {
 std::u16string_view NearestName(std::u16string_view name, std::span<const std::u16string_view> known) {
     if (name.size() > longestName) return {};
     std::u16string_view nearest;
-    std::size_t least = name.size() / 3 + 1;
+    std::size_t least = (name.size() == 3 ? 1 : name.size() / 4) + 1;
     for (const std::u16string_view candidate : known) {
         const std::size_t longer = std::max(name.size(), candidate.size());
         if (longer - std::min(name.size(), candidate.size()) >= least) continue;  // that many letters differ at least

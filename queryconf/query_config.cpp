@@ -6,6 +6,8 @@
 #include <utility>
 #include <vector>
 
+#include "collection/plan_members.h"
+#include "collection/record_members.h"
 #include "foundation/agent_state.h"
 #include "foundation/file_utils.h"
 #include "foundation/guarded.h"
@@ -116,11 +118,30 @@ const char16_t* WorkflowName(const VectorElement* element) {
     return GetHashText(reinterpret_cast<const HashTable*>(element->value), u"wfname");
 }
 
+/// Lines for members that are probably misspelt. The plan is taken as it is.
+void LogOddMembers(const VectorElement* element, std::int32_t index, std::u16string_view fileName) {
+    if (element->type != ValueType::table) return;
+    const auto* workflow = reinterpret_cast<const HashTable*>(element->value);
+    for (const std::u16string& odd : OddMembersOfWorkflow(workflow))
+        Log1("\t LoadQueryConfig :: %s :: workflow [%d], wfname %s: %s \n", fileName, index, WorkflowName(element),
+             odd);
+    const Vector* records = GetHashVector(workflow, u"recordSetName");
+    std::int32_t at = 0;
+    for (const VectorElement* each = records ? records->head : nullptr; each; each = each->next, ++at) {
+        if (each->type != ValueType::table) continue;
+        const auto* record = reinterpret_cast<const HashTable*>(each->value);
+        for (const std::u16string& odd : OddMembersOfRecord(record))
+            Log1("\t LoadQueryConfig :: %s :: workflow [%d], wfname %s, record [%d], Name %s: %s \n", fileName, index,
+                 WorkflowName(element), at, MemberText(record, u"Name"), odd);
+    }
+}
+
 /// Moves the workflows that can run into a list of their own; the others stay and are logged. Null when memory ran out.
 VectorPtr TakeWorkflows(Vector* workflows, const char16_t* key, std::u16string_view fileName) {
     VectorPtr taken = MakeVector();
     std::int32_t index = 0;
     for (VectorElement* element = workflows->head; element && taken; element = element->next, ++index) {
+        LogOddMembers(element, index, fileName);
         if (const char* fault = WorkflowFault(element)) {
             Log1("\t LoadQueryConfig :: %s :: workflow [%d] of %s, wfname %s, %s: it is left out \n", fileName, index,
                  key, WorkflowName(element), fault);

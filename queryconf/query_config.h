@@ -19,7 +19,8 @@ void LoadConfFiles();
 /// A file that cannot be read, is malformed, lacks that agent's key or is too large for the memory is logged, and the
 /// plan in use stays. Slaves' keys that differ only in case are one slave. The rest is taken, with a log line for each
 /// that is left out: a member that is not an array or belongs to another file, and a workflow that is not an object,
-/// lacks an interval of at least 1 minute, or lacks the array recordSetName. May throw std::bad_alloc.
+/// lacks an interval of at least 1 minute, or lacks the array recordSetName. Members whose names are odd
+/// (collection/plan_members.h) have a line, too. May throw std::bad_alloc.
 void LoadQueryConfig(std::u16string_view agent, std::optional<std::u16string_view> fileName);
 
 /// Reads again those files that were there and could not be read when LoadQueryConfig was last called for them. True

@@ -95,7 +95,7 @@ TEST(AgentSettings, AreFoundBehindASlip) {
     constexpr std::u16string_view members[] = {u"wmiQuery", u"oid", u"port"};
     const std::pair<const char16_t*, const char16_t*> rows[] = {{u"wmiquery", u"wmiQuery"},
                                                                 {u"wimQuery", u"wmiQuery"},
-                                                                {u"wmiQueries", u"wmiQuery"},
+                                                                {u"wmiQueries", u""},
                                                                 {u"odi", u"oid"},
                                                                 {u"prt", u"port"},
                                                                 {u"ports", u"port"},

@@ -187,5 +187,35 @@ TEST_F(QueryConfig, LeavesOutOnlyWorkflowsThatCannotRun) {
     }
 }
 
+TEST_F(QueryConfig, NamesMisspeltMembers) {
+    const std::pair<const char*, const char*> rows[] = {
+        {R"({"wmiquery":"x","Name":"a"})", "nobody reads wmiquery; did you mean wmiQuery?"},
+        {R"({"wmiquery":"x","Name":"a"})",
+         "wmiQuery, script and PROTOCOL are all missing, so that nothing is collected"},
+        {R"({"wmiQuery":"x","Name":"a","Namespace":"y"})", "nobody reads Namespace; did you mean nameSpace?"},
+        {R"({"wmiQuery":"x","Title":"a","Id":1})", "Name is missing, and nobody reads Title, Id"},
+        {R"({"script":"x","Name":"a","response_neded":"true"})", "did you mean response_needed?"},
+        {R"({"PROTOCOL":"POLL","DEVICE_NAME":"d","OIDS":".1"})", "nobody reads OIDS; did you mean OID?"},
+        {R"({"PROTOCOL":"POLL","OID":".1"})", "DEVICE_NAME is missing"},
+        {R"({"query":"x"})", "so that nothing is collected, and nobody reads query"},
+        {R"({"wmiQuery":"x","Name":"a","Names":"b","OWNER":"c"})", ""},
+        {R"({"PROTOCOL":"POLL","DEVICE_NAME":"d","OID":".1","POLICY_ID":7,"SNMP_TIMEOUT":1,"Name":"n"})", ""},
+    };
+    for (const auto& [record, line] : rows) {
+        const std::size_t before = LogText().size();
+        WriteWide(conf / "queryconf.txt",
+                  std::string(R"({"WorkFlows":[{"wfname":"w","interval":5,"intervall":6,"recordSetName":[7,)") +
+                      record + "]}]}");
+        LoadQueryConfig(u"", std::nullopt);
+        const int lines = TimesLogged("queryconf.txt :: workflow [0], wfname w, record [1], Name ", before);
+        EXPECT_EQ(lines > 0, *line != 0) << record;
+        EXPECT_NE(LogText().find(line, before), std::string::npos) << record;
+        EXPECT_EQ(TimesLogged("wfname w: ", before), 0) << "an interval is there";
+    }
+    WriteWide(conf / "queryconf.txt", R"({"WorkFlows":[{"wfname":"w","interval":5,"RecordSetNames":[]}]})");
+    LoadQueryConfig(u"", std::nullopt);
+    EXPECT_TRUE(Logged("workflow [0], wfname w: nobody reads RecordSetNames; did you mean recordSetName?"));
+}
+
 }  // namespace
 }  // namespace kv::test
