@@ -119,6 +119,10 @@ struct FileOperations {
     /// Attributes of what is at the path: of a link itself, not of what it leads to. fileNotFound, pathNotFound.
     std::function<Error(std::u16string_view path, std::uint32_t& attributes)> GetFileAttributesW;
 
+    /// Lets every user of the computer read an open file that this process has made. On Windows the file's directory
+    /// decides who reads it, and nothing is done.
+    std::function<Error(FileHandle file)> LetEveryoneRead;
+
     /// Returns when what was written is on the disk.
     std::function<Error(FileHandle file)> FlushFileBuffers;
 

@@ -58,6 +58,13 @@ struct ProcessOperations {
 
     /// Lets a process that still runs go on. Does nothing for 0.
     std::function<void(ProcessHandle process)> CloseProcess;
+
+    /// The number by which the system knows this process.
+    std::function<std::uint32_t()> GetCurrentProcessId;
+
+    /// The name of the program that a process of any user runs, without directory and ".exe", in 15 characters at most.
+    /// fileNotFound when no process has that number; accessDenied where the system does not say.
+    std::function<Error(std::uint32_t processId, std::u16string& name)> GetProcessName;
 };
 
 inline const ProcessOperations& Processes() { return CurrentOperations<ProcessOperations>(); }

@@ -35,6 +35,11 @@ struct ServiceHostOperations {
 
     /// Reports a status, from any thread.
     std::function<Error(ServiceStatusHandle handle, const ServiceStatus& status)> SetServiceStatus;
+
+    /// Tells the manager, for people, how a running service is: one line in UTF-8, from any thread. It stands beside
+    /// the state until the next line or state; one that comes while the service is in any other state than running is
+    /// told when it runs again. Windows has no place for it, and nothing is done.
+    std::function<Error(ServiceStatusHandle handle, std::string_view text)> SetStatusText;
 };
 
 inline const ServiceHostOperations& ServiceHost() { return CurrentOperations<ServiceHostOperations>(); }

@@ -18,7 +18,7 @@ using ThreadHandle = std::uintptr_t;
 /// A mutex that its owning thread may enter again, or 0.
 using MutexHandle = std::uintptr_t;
 
-/// An event that stays set once it is set, or 0.
+/// An event that stays set until it is reset, or 0.
 using EventHandle = std::uintptr_t;
 
 /// In place of a number of milliseconds: waits forever.
@@ -47,6 +47,7 @@ struct ThreadOperations {
     /// more.
     std::function<Error(EventHandle& event)> CreateEventW;
     std::function<void(EventHandle event)> SetEvent;
+    std::function<void(EventHandle event)> ResetEvent;
     /// Waits until the event is set; waitTimeout when the time is over first, invalidHandle for 0.
     std::function<Error(EventHandle event, std::uint32_t milliseconds)> WaitForEvent;
     std::function<void(EventHandle event)> CloseEvent;

@@ -184,6 +184,10 @@ Error SetFileInformationByHandle(FileHandle file, const FileInformation& informa
     return fchmod(descriptor, status.st_mode & 07777 & ~anyWriter) != 0 ? LastError() : error::success;
 }
 
+Error LetEveryoneRead(FileHandle file) {
+    return fchmod(DescriptorOf(file), S_IRUSR | S_IWUSR | S_IRGRP | S_IROTH) != 0 ? LastError() : error::success;
+}
+
 Error FlushFileBuffers(FileHandle file) { return fsync(DescriptorOf(file)) != 0 ? LastError() : error::success; }
 
 Error CloseHandle(FileHandle file) {
@@ -343,6 +347,7 @@ FileOperations LinuxFiles() {
         .GetFileInformationByHandle = GetFileInformationByHandle,
         .SetFileInformationByHandle = SetFileInformationByHandle,
         .GetFileAttributesW = Guarded(GetFileAttributesW),
+        .LetEveryoneRead = LetEveryoneRead,
         .FlushFileBuffers = FlushFileBuffers,
         .CloseHandle = CloseHandle,
         .CopyFileW = Guarded(CopyFileW),

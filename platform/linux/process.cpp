@@ -9,6 +9,7 @@
 #include <fcntl.h>
 #include <list>
 #include <mutex>
+#include <optional>
 #include <poll.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -21,6 +22,7 @@
 #include "platform/linux/guardian.h"
 #include "platform/linux/linux.h"
 #include "platform/linux/script_line.h"
+#include "platform/linux/system_file.h"
 #include "platform/utf.h"
 
 namespace platform {
@@ -193,6 +195,14 @@ void CloseProcess(ProcessHandle process) {
     ReapEnded();
 }
 
+Error GetProcessName(std::uint32_t processId, std::u16string& name) {
+    name.clear();
+    const std::optional<std::string> text = ReadSystemFile("/proc/" + std::to_string(processId) + "/comm");
+    if (!text) return errno == ESRCH ? error::fileNotFound : ErrorFromErrno(errno);
+    name = WideFromUtf8(std::string_view(*text).substr(0, text->find('\n')));
+    return error::success;
+}
+
 }  // namespace
 
 ProcessOperations LinuxProcesses() {
@@ -205,6 +215,8 @@ ProcessOperations LinuxProcesses() {
         .GetExitCodeProcess = GetExitCodeProcess,
         .TerminateProcess = TerminateProcess,
         .CloseProcess = CloseProcess,
+        .GetCurrentProcessId = [] { return static_cast<std::uint32_t>(getpid()); },
+        .GetProcessName = Guarded(GetProcessName),
     };
 }
 

@@ -56,6 +56,8 @@ struct HostedService {
     ServiceHandlerRoutine handler = nullptr;
     void* context = nullptr;
     std::uint32_t controlsAccepted = 0;
+    ServiceState state = ServiceState::startPending;  // the last one reported
+    std::string statusText;                           // of a running service
 };
 
 /// Never released: a thread may report as long as the process lives.
@@ -104,6 +106,8 @@ class Hosting {
         Hosted().name = name;
         Hosted().wake = wake;
         Hosted().phase = Phase::starting;
+        Hosted().state = ServiceState::startPending;
+        Hosted().statusText = "Running";
     }
     ~Hosting() {
         const std::lock_guard hold(Hosted().lock);
@@ -220,13 +224,13 @@ Error RegisterServiceCtrlHandlerExW(std::u16string_view serviceName, ServiceHand
     return error::success;
 }
 
-/// What the manager is told of a state; null for what is not a state.
-const char* NoticeOf(ServiceState state) {
+/// What the manager is told of a state; empty for what is not a state.
+std::string NoticeOf(ServiceState state, const std::string& runningText) {
     switch (state) {
         case ServiceState::startPending:
             return "STATUS=Starting";
         case ServiceState::running:
-            return "READY=1\nSTATUS=Running";
+            return "READY=1\nSTATUS=" + runningText;
         case ServiceState::pausePending:
             return "STATUS=Pausing";
         case ServiceState::paused:
@@ -238,7 +242,7 @@ const char* NoticeOf(ServiceState state) {
         case ServiceState::stopped:
             return "STATUS=Stopped";
     }
-    return nullptr;
+    return {};
 }
 
 /// Where the manager listens; the length is 0 when the address is not of a known kind. "@" begins an abstract name.
@@ -271,13 +275,22 @@ Error SetServiceStatus(ServiceStatusHandle handle, const ServiceStatus& status) 
     HostedService& service = Hosted();
     const std::lock_guard hold(service.lock);
     if (handle != theService || service.handler == nullptr) return error::invalidHandle;
-    const char* const notice = NoticeOf(state);
-    if (notice == nullptr) return error::invalidData;
+    const std::string notice = NoticeOf(state, service.statusText);
+    if (notice.empty()) return error::invalidData;
     // What was reported counts, whether the manager hears of it or not.
+    service.state = state;
     service.controlsAccepted = status.dwControlsAccepted;
     const bool stops = state == ServiceState::stopPending || state == ServiceState::stopped;
     EnterPhase(service, stops ? Phase::stopping : Phase::takingControls);
     return Notify(notice);
+}
+
+Error SetStatusText(ServiceStatusHandle handle, std::string_view text) {
+    HostedService& service = Hosted();
+    const std::lock_guard hold(service.lock);
+    if (handle != theService || service.handler == nullptr) return error::invalidHandle;
+    service.statusText = text.substr(0, text.find('\n'));
+    return service.state == ServiceState::running ? Notify("STATUS=" + service.statusText) : error::success;
 }
 
 }  // namespace
@@ -285,7 +298,8 @@ Error SetServiceStatus(ServiceStatusHandle handle, const ServiceStatus& status) 
 ServiceHostOperations LinuxServiceHost() {
     return {.StartServiceCtrlDispatcherW = Guarded(StartServiceCtrlDispatcherW),
             .RegisterServiceCtrlHandlerExW = RegisterServiceCtrlHandlerExW,
-            .SetServiceStatus = SetServiceStatus};
+            .SetServiceStatus = Guarded(SetServiceStatus),
+            .SetStatusText = Guarded(SetStatusText)};
 }
 
 }  // namespace platform

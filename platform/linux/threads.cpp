@@ -13,7 +13,7 @@ namespace platform {
 
 namespace {
 
-/// Something that happens once, and what waits for it.
+/// Something that happens, and what waits for it.
 class Occurrence {
   public:
     /// Notifies under the lock, because whoever has seen it happen may destroy this object at once.
@@ -21,6 +21,11 @@ class Occurrence {
         const std::lock_guard hold(lock_);
         happened_ = true;
         told_.notify_all();
+    }
+
+    void Forget() {
+        const std::lock_guard hold(lock_);
+        happened_ = false;
     }
 
     Error Wait(std::uint32_t milliseconds) {
@@ -108,6 +113,10 @@ void SetEvent(EventHandle event) {
     if (event != 0) EventOf(event)->Happen();
 }
 
+void ResetEvent(EventHandle event) {
+    if (event != 0) EventOf(event)->Forget();
+}
+
 Error WaitForEvent(EventHandle event, std::uint32_t milliseconds) {
     return event == 0 ? error::invalidHandle : EventOf(event)->Wait(milliseconds);
 }
@@ -126,6 +135,7 @@ ThreadOperations LinuxThreads() {
         .CloseMutex = [](MutexHandle mutex) { delete MutexOf(mutex); },
         .CreateEventW = CreateEventW,
         .SetEvent = SetEvent,
+        .ResetEvent = ResetEvent,
         .WaitForEvent = WaitForEvent,
         .CloseEvent = [](EventHandle event) { delete EventOf(event); },
     };

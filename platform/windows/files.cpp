@@ -318,6 +318,7 @@ FileOperations WindowsFiles() {
         .GetFileInformationByHandle = GetFileInformationByHandle,
         .SetFileInformationByHandle = SetFileInformationByHandle,
         .GetFileAttributesW = Guarded(GetFileAttributesW),
+        .LetEveryoneRead = [](FileHandle) { return error::success; },
         .FlushFileBuffers = [](FileHandle file) { return ResultOf(::FlushFileBuffers(SystemFileOf(file))); },
         .CloseHandle = [](FileHandle file) { return ResultOf(::CloseHandle(SystemFileOf(file))); },
         .CopyFileW = Guarded(CopyFileW),

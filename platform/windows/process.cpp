@@ -1,5 +1,7 @@
 // A child is put into a job before its first instruction, so that whatever it starts is in that job too and can be
 // ended with it. The job also ends with this process, because then nobody would end the child at its time limit.
+#include <algorithm>
+#include <array>
 #include <memory>
 
 #include "platform/guarded.h"
@@ -98,6 +100,22 @@ void CloseProcess(ProcessHandle process) {
     if (child->job) SetJobLimit(child->job.get(), keepRunning);
 }
 
+Error GetProcessName(std::uint32_t processId, std::u16string& name) {
+    name.clear();
+    const SystemHandle process(::OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, processId));
+    if (!process) return ::GetLastError() == ERROR_INVALID_PARAMETER ? error::fileNotFound : LastError();
+    DWORD exitCode = 0;
+    if (::GetExitCodeProcess(process.get(), &exitCode) && exitCode != STILL_ACTIVE) return error::fileNotFound;
+    std::array<wchar_t, 1024> path{};
+    DWORD size = static_cast<DWORD>(path.size());
+    if (!::QueryFullProcessImageNameW(process.get(), 0, path.data(), &size)) return LastError();
+    name.assign(path.begin(), path.begin() + size);
+    name.erase(0, name.rfind(u'\\') + 1);
+    constexpr std::size_t longest = 15;
+    name.resize(std::min({name.size(), name.rfind(u'.'), longest}));
+    return error::success;
+}
+
 }  // namespace
 
 ProcessOperations WindowsProcesses() {
@@ -110,6 +128,8 @@ ProcessOperations WindowsProcesses() {
         .GetExitCodeProcess = GetExitCodeProcess,
         .TerminateProcess = TerminateProcess,
         .CloseProcess = CloseProcess,
+        .GetCurrentProcessId = [] { return std::uint32_t{::GetCurrentProcessId()}; },
+        .GetProcessName = Guarded(GetProcessName),
     };
 }
 

@@ -96,7 +96,8 @@ Error SetServiceStatus(ServiceStatusHandle handle, const ServiceStatus& status) 
 ServiceHostOperations WindowsServiceHost() {
     return {.StartServiceCtrlDispatcherW = Guarded(StartServiceCtrlDispatcherW),
             .RegisterServiceCtrlHandlerExW = Guarded(RegisterServiceCtrlHandlerExW),
-            .SetServiceStatus = SetServiceStatus};
+            .SetServiceStatus = SetServiceStatus,
+            .SetStatusText = [](ServiceStatusHandle, std::string_view) { return error::success; }};
 }
 
 }  // namespace platform

@@ -101,6 +101,7 @@ ThreadOperations WindowsThreads() {
         .CloseMutex = CloseMutex,
         .CreateEventW = CreateEventW,
         .SetEvent = [](EventHandle event) { ::SetEvent(EventOf(event)); },
+        .ResetEvent = [](EventHandle event) { ::ResetEvent(EventOf(event)); },
         .WaitForEvent = WaitForEvent,
         .CloseEvent = [](EventHandle event) { ::CloseHandle(EventOf(event)); },
     };

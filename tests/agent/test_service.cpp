@@ -76,7 +76,8 @@ class Service : public test::HttpTest {
                         if (!failure) reports += std::to_string(static_cast<int>(status.dwCurrentState));
                         lastReport = status;
                         return failure;
-                    }};
+                    },
+                .SetStatusText = {}};
     }
 
     platform::ThreadOperations Threads() {
