@@ -8,6 +8,7 @@
 
 #include "agent/service_admin.h"
 #include "collection/record_file.h"
+#include "foundation/agent_health.h"
 #include "foundation/agent_state.h"
 #include "foundation/file_utils.h"
 #include "foundation/guarded.h"
@@ -17,6 +18,7 @@
 #include "foundation/registry_store.h"
 #include "foundation/text.h"
 #include "foundation/thread_pool.h"
+#include "http/http_answers.h"
 #include "http/http_transaction.h"
 #include "platform/clock.h"
 #include "platform/errors.h"
@@ -78,13 +80,16 @@ bool Register(std::uint32_t patience) {
                                                    RequestKind::REQUEST_GET_HEADERS, 0, false);
     if (error != platform::error::success) {
         Log1("\t InitLicenseParams :: The server did not register this agent. retVal is [%d] \n", error);
+        NoteRegistration(error == platform::error::invalidData ? "refused by the server" : TransactionFailure(error));
         return false;
     }
     if (agentState.gv_agentRunFlag == 1 && !HasKey()) {
         Log1("\t InitLicenseParams :: The server answered without an agent key\n");
+        NoteRegistration("answered without an agent key");
         return false;
     }
     Log1("\t InitLicenseParams :: Registered with agent key %s\n", agentState.gv_agentKey);
+    NoteRegistration(agentState.gv_agentRunFlag == 1 ? "registered" : "the server wants this agent not to run");
     return true;
 }
 

@@ -6,6 +6,7 @@
 #include "collection/script.h"
 #include "collection/snmp.h"
 #include "collection/wmi.h"
+#include "foundation/agent_health.h"
 #include "foundation/agent_state.h"
 #include "foundation/guarded.h"
 #include "foundation/line_bound.h"
@@ -66,6 +67,7 @@ void CollectAndSaveData(void* argument) {
              GetHashText(entry, u"wfname"));
         return;
     }
+    ++agentHealth.workflowsRun;
     // The plan no longer changes once it is scheduled, so the list is walked without its lock.
     for (const VectorElement* element = records->head; element; element = element->next) {
         if (element->type == ValueType::table) {

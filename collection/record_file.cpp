@@ -5,6 +5,7 @@
 #include <limits>
 #include <vector>
 
+#include "foundation/agent_health.h"
 #include "foundation/agent_state.h"
 #include "foundation/file_utils.h"
 #include "foundation/log.h"
@@ -127,7 +128,11 @@ std::optional<std::u16string> WriteRecordFile(std::u16string_view dataDirectory,
     const std::u16string path = NextRecordPath(dataDirectory);
     const std::u16string record = path + u".txt";
     const platform::Error error = WriteCompleteFile(record, path + u".tmp", Utf16LittleEndianBytes(json));
-    if (error == platform::error::success) return record;
+    if (error == platform::error::success) {
+        ++agentHealth.recordsWritten;
+        return record;
+    }
+    NoteLostRecord(record, error);
     Log3("\t file pointer is NULL\n");
     Log1("\t WriteRecordFile :: %s cannot be written, its record is lost \n", record);
     LogLastSystemError(error);

@@ -10,6 +10,7 @@
 #include "collection/record_file.h"
 #include "collection/record_members.h"
 #include "collection/script_output.h"
+#include "foundation/agent_health.h"
 #include "foundation/agent_state.h"
 #include "foundation/file_utils.h"
 #include "foundation/log.h"
@@ -118,6 +119,10 @@ void MakeRecordOfOutput(const std::u16string& path, platform::ScriptOutputEncodi
                                         platform::FileDisposition::openExisting);
     if (error == platform::error::fileNotFound || error == platform::error::pathNotFound) return;
     if (error == platform::error::success) error = WriteConverted(output.handle, path, encoding);
+    if (error == platform::error::success)
+        ++agentHealth.recordsWritten;
+    else
+        NoteLostRecord(path + u".txt", error);
     if (error != platform::error::success) {
         Log1("ExecuteScript : the output %s cannot be made a record file and is lost \n", outputPath);
         LogLastSystemError(error);
@@ -196,6 +201,7 @@ int ExecuteScript(std::u16string_view fileName, std::u16string_view commandLineP
     std::u16string remarks;
     const bool succeeded = execute(std::nullopt, processString, remarks, minuteLimit, true, bound) == 1;
     if (!succeeded) {
+        NoteFailedQuery("script %s failed: %s", fileName, remarks);
         Log1("ExecuteScript : Unable to create a output file for the command %s and the remarks is %s \n",
              processString, remarks);
         Log1("ExecuteScript : the script %s of the record %s failed: %s \n", fileName, recordName,

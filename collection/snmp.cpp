@@ -3,6 +3,7 @@
 #include "collection/record_file.h"
 #include "collection/record_members.h"
 #include "collection/snmp_query.h"
+#include "foundation/agent_health.h"
 #include "foundation/log.h"
 #include "http/request_servlet.h"
 #include "jsontext/hash_json.h"
@@ -49,7 +50,9 @@ void CollectSNMPData(const HashTable* record, std::u16string_view isTest) {
         Log1("\tInit Failed -- SystemInfo\n");
         return;
     }
-    PutStatus(table.get(), record, ExecuteSNMPQuery(record, table.get()));
+    const std::u16string status = ExecuteSNMPQuery(record, table.get());
+    if (status == u"FAILURE") NoteFailedQuery("the poll of %s failed", SnmpRecordName(record));
+    PutStatus(table.get(), record, status);
     if (CompareIgnoreCase(isTest, u"true") == 0) return SendAnswer(table.get(), record);
     const std::u16string json = HashToJSONString(table.get());
     memory.pieceBytes = json.size() * sizeof(char16_t);

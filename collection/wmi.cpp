@@ -7,6 +7,7 @@
 #include "collection/record_file.h"
 #include "collection/record_members.h"
 #include "collection/wmi_query.h"
+#include "foundation/agent_health.h"
 #include "foundation/log.h"
 #include "jsontext/hash_json.h"
 #include "platform/memory.h"
@@ -43,6 +44,7 @@ void ExecuteWMIQuery(const OptionalText& nameSpace, std::u16string_view wmiQuery
         return;
     }
     const std::u16string message = WMIFunction(nameSpace, std::u16string(wmiQuery), rows.get());
+    if (message != u"NO ERROR") NoteFailedQuery("the query of %s failed: %s", name, message);
     PutRows(record.get(), name, std::move(rows));
     PutMembers(record.get(), members, {.asked = nullptr, .message = message});
     const std::u16string json = HashToJSONString(record.get());

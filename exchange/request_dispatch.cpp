@@ -6,6 +6,7 @@
 #include "collection/snmp.h"
 #include "exchange/local_requests.h"
 #include "exchange/snmp_discovery.h"
+#include "foundation/agent_health.h"
 #include "foundation/agent_state.h"
 #include "foundation/file_utils.h"
 #include "foundation/guarded.h"
@@ -44,6 +45,7 @@ using RequestHandler = void (*)(const HashTable* request, ListResult& result);
 const char16_t* NeededText(const HashTable* request, std::u16string_view key) {
     const char16_t* text = GetHashText(request, key);
     if (text) return text;
+    ++agentHealth.requestsRefused;
     const LineBound::OfRefusal refusal;
     Log1("\t ParseRequestList :: A %s request without the text %s is skipped. Request id : %s\n",
          GetHashText(request, u"REQUEST_TYPE"), key, GetHashText(request, u"AGENT_REQUEST_ID"));
@@ -61,6 +63,7 @@ void DownloadQueryConf(const HashTable* request, ListResult& result) {
         url = text;
     }
     if (!IsOwnAgentKey(agentKey) && !IsSlaveKey(agentKey)) {
+        ++agentHealth.requestsRefused;
         const LineBound::OfRefusal refusal;
         Log1("\t ParseRequestList :: %s is not the key of an agent here. The DOWNLOAD_QUERYCONF request is skipped\n",
              agentKey);
@@ -93,6 +96,7 @@ void DeleteDevice(const HashTable* request, ListResult&) {
         return;
     }
     if (!IsSlaveKey(device)) {
+        ++agentHealth.requestsRefused;
         const LineBound::OfRefusal refusal;
         Log1("\t ParseRequestList :: %s is not the key of a slave. The DELETE_DEVICE request is skipped\n", device);
         return;
@@ -149,6 +153,7 @@ void Dispatch(const HashTable* request, ListResult& result) {
     for (const RequestType& type : requestTypes) {
         if (name && type.name == name) return ServeAllowed(type, request, result);
     }
+    ++agentHealth.requestsRefused;
     const LineBound::OfRefusal refusal;
     Log2("\t ParseRequestList :: Requests of type %s are unknown. Request id : %s\n", name,
          GetHashText(request, u"AGENT_REQUEST_ID"));
@@ -174,15 +179,18 @@ void TakeRequestId(const HashTable* request, ListResult& result) {
 
 void ServeRequest(const VectorElement* element, ListResult& result) {
     if (element->type != ValueType::table) {
+        ++agentHealth.requestsRefused;
         const LineBound::OfRefusal refusal;
         Log1("\t ParseRequestList :: An element of RequestList is not an object. It is skipped\n");
         return;
     }
     const auto* request = reinterpret_cast<const HashTable*>(element->value);
+    const std::uint64_t refusedBefore = agentHealth.requestsRefused;
     RunGuarded("ParseRequestList", [&] {
         TakeRequestId(request, result);
         Dispatch(request, result);
     });
+    if (agentHealth.requestsRefused == refusedBefore) ++agentHealth.requestsServed;
     MarkRequest(u"NONE");
 }
 

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "collection/record_file.h"
+#include "foundation/agent_health.h"
 #include "foundation/agent_state.h"
 #include "foundation/file_utils.h"
 #include "foundation/guarded.h"
@@ -211,6 +212,7 @@ bool FinishZip(ZipInProgress& zip, const std::u16string& path) {
         platform::Files().MoveFileExW(zip.temporaryPath, path, platform::MoveTarget::mustBeNew);
     if (error == platform::error::success) {
         zip.temporaryPath.clear();
+        ++agentHealth.zipsMade;
         return true;
     }
     Log1("\t StripTxtFiles :: Not able to rename [%s] to [%s]\n", zip.temporaryPath, path);
@@ -251,7 +253,11 @@ BatchResult PackBatch(std::span<const RecordFile> batch, std::u16string_view nam
         Log1("\t StripTxtFiles :: [%s] is given up. Its record files stay\n", zip.temporaryPath);
         return {.mayFitSmaller = true};
     }
-    for (const std::u16string& lost : zip.lost) Log1("\t StripTxtFiles :: [%s] is lost\n", lost);
+    for (const std::u16string& lost : zip.lost) {
+        ++agentHealth.recordsLost;
+        NoteFailure("the record %s could not be packed and is lost", lost);
+        Log1("\t StripTxtFiles :: [%s] is lost\n", lost);
+    }
     DeleteDoneFiles(zip.lost);
     DeleteDoneFiles(zip.packed);
     return {.filesDone = filesDone};
@@ -311,6 +317,12 @@ void DeleteAcceptedZip(const std::u16string& path) {
     }
 }
 
+void ResumeCollection() {
+    agentState.gv_CSContactLostTime = 0;
+    agentState.gv_collectData = 1;
+    NoteCollectionResumed();
+}
+
 /// Contact counts as found again only if collection was stopped. Otherwise the time of the first failed upload stays,
 /// however many uploads are accepted.
 void NoteContact(const std::u16string& accepted) {
@@ -318,8 +330,7 @@ void NoteContact(const std::u16string& accepted) {
     for (auto& [name, otherWasAccepted] : agentState.gv_failedZips) otherWasAccepted = true;
     if (agentState.gv_collectData != 0) return;
     Log1("Setting gvCSContactLostTime to 0 and setting gv_collectData as connection established\n");
-    agentState.gv_CSContactLostTime = 0;
-    agentState.gv_collectData = 1;
+    ResumeCollection();
 }
 
 /// An accepted upload brings stopped collection back, and that takes a zip that may be accepted. When none is left, or
@@ -329,8 +340,7 @@ void CollectAgainWithoutUpload() {
     for (const auto& [name, otherWasAccepted] : agentState.gv_failedZips)
         if (!otherWasAccepted) return;
     Log1("\t StripTxtFiles :: Collection goes on: no zip waits that could tell of a connection\n");
-    agentState.gv_CSContactLostTime = 0;
-    agentState.gv_collectData = 1;
+    ResumeCollection();
 }
 
 /// Setting the clock does not make an outage longer or shorter: the time of its first failure is moved along.
@@ -358,6 +368,7 @@ void NoteContactLost() {
     if (diff > static_cast<std::int64_t>(limit) && agentState.gv_collectData != 0) {
         Log1("stopping datacollection as connection is lost for %d sec\n", limit);
         agentState.gv_collectData = 0;
+        NoteCollectionStopped();
     }
 }
 

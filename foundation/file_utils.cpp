@@ -184,6 +184,21 @@ Error WriteCompleteFile(std::u16string_view path, std::u16string_view temporaryP
     return result;
 }
 
+Error ReplaceFile(std::u16string_view path, std::u16string_view temporaryPath, std::string_view bytes,
+                  Readers readers) {
+    Files().DeleteFileW(temporaryPath);
+    OpenFile file;
+    Error result = file.Open(temporaryPath, FileAccess::write, FileShare::none, FileDisposition::createNew);
+    if (result != error::success) return result;
+    if (readers == Readers::everyone) result = Files().LetEveryoneRead(file.handle);
+    if (result == error::success) result = Files().WriteFile(file.handle, bytes.data(), bytes.size());
+    const Error closed = file.Close();
+    if (result == error::success) result = closed;
+    if (result == error::success) result = Files().MoveFileExW(temporaryPath, path, platform::MoveTarget::isReplaced);
+    if (result != error::success) Files().DeleteFileW(temporaryPath);
+    return result;
+}
+
 std::string Utf16LittleEndianBytes(std::u16string_view text) {
     std::string bytes(text.size() * 2, '\0');
     for (std::size_t i = 0; i < text.size(); ++i) {

@@ -66,6 +66,13 @@ enum class FileUse {
 [[nodiscard]] platform::Error WriteCompleteFile(std::u16string_view path, std::u16string_view temporaryPath,
                                                 std::string_view bytes);
 
+/// The same without waiting for the disk, for what is written again soon: a power failure may leave it damaged.
+/// Whatever stands at temporaryPath is deleted first, and a link there is not followed. Everyone may read the file if
+/// that is asked for.
+enum class Readers { ownerAndGroup, everyone };
+[[nodiscard]] platform::Error ReplaceFile(std::u16string_view path, std::u16string_view temporaryPath,
+                                          std::string_view bytes, Readers readers);
+
 /// The bytes of a wide text in UTF-16LE, without a byte order mark.
 std::string Utf16LittleEndianBytes(std::u16string_view text);
 

@@ -188,6 +188,21 @@ Error LookUpText(std::u16string_view subKey, std::u16string_view valueName, Opti
     return result;
 }
 
+Error LookUpNumber(std::u16string_view subKey, std::u16string_view valueName, std::uint32_t& outNumber) {
+    OwnedRegistryKey key;
+    Error result = platform::Registry().RegOpenKeyExW(RootKey::localMachine, subKey,
+                                                      platform::RegistryAccess::queryValue, key.Place());
+    if (result != error::success) return result;
+    std::uint32_t word = 0;
+    std::size_t size = sizeof word;
+    RegistryType type{};
+    result =
+        platform::Registry().RegQueryValueExW(key.get(), valueName, &type, reinterpret_cast<std::byte*>(&word), size);
+    if (result == error::success && type != RegistryType::dword) result = error::invalidData;
+    if (result == error::success) outNumber = word;
+    return result;
+}
+
 Error writeValue(RootKey root, std::u16string_view subKey, std::u16string_view valueName, std::u16string_view data,
                  RegistryType type) {
     Log4("\t Inside writeValue() \n");

@@ -35,6 +35,10 @@ inline constexpr std::u16string_view systemDetailsKeyPath = u"Software\\Halvorin
 [[nodiscard]] platform::Error LookUpText(std::u16string_view subKey, std::u16string_view valueName,
                                          OptionalText& outText);
 
+/// Reads a number likewise, and changes outNumber only on success: invalidData when it is not stored as a DWORD.
+[[nodiscard]] platform::Error LookUpNumber(std::u16string_view subKey, std::u16string_view valueName,
+                                           std::uint32_t& outNumber);
+
 /// Stores data, always given as text, as the type asked for; makes the key when it is missing. A name of "--" is the
 /// key's default value, data of "--" the empty text. The text of a number is decimal and fits 32 bits, signed or
 /// unsigned: otherwise invalidData, and nothing is stored.

@@ -5,12 +5,14 @@
 #include <cstdint>
 #include <iterator>
 #include <string>
+#include <utility>
 
 #include "foundation/agent_state.h"
 #include "foundation/log.h"
 #include "foundation/registry_store.h"
 #include "foundation/system_error.h"
 #include "foundation/text.h"
+#include "platform/messages.h"
 #include "platform/utf.h"
 
 namespace kv {
@@ -245,6 +247,24 @@ void HttpGetLastError(platform::Error errorCode) {
         LogLastSystemError(errorCode);
     }
 }
+
+std::string TransactionFailure(platform::Error errorCode) {
+    constexpr std::pair<platform::Error, const char*> words[] = {
+        {407, "the proxy refuses the credentials"},
+        {platform::error::winHttpTimeout, "no answer in time"},
+        {platform::error::winHttpNameNotResolved, "the name of the server or the proxy is not known"},
+        {platform::error::winHttpCannotConnect, "no connection; nobody listens there, or a firewall is in between"},
+        {platform::error::winHttpConnectionError, "the connection was closed"},
+        {platform::error::winHttpSecureChannelError, "TLS failed; is it a TLS port?"},
+        {platform::error::winHttpSecureFailure, "the server's certificate was refused"},
+    };
+    for (const auto& [code, text] : words) {
+        if (code == errorCode) return LogText("%s (error %d)", text, errorCode);
+    }
+    return LogText("%s (error %d)", platform::MessageInLine(errorCode), errorCode);
+}
+
+std::u16string_view PathOfUrl(std::u16string_view url) { return url.substr(0, url.find(u'?')); }
 
 int ParseHeader(std::optional<std::u16string_view> headerBuffer) {
     Log3("\t Inside ParseHeader() \n");

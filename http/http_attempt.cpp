@@ -1,5 +1,6 @@
 #include "http/http_attempt.h"
 
+#include "foundation/agent_health.h"
 #include "foundation/agent_state.h"
 #include "foundation/log.h"
 #include "http/http_answers.h"
@@ -235,8 +236,15 @@ Error ReadStatus(const HttpAttempt& attempt, std::uint32_t& status) {
                       attempt.routine, failure);
     } else if (status == statusProxyAuthentication) {
         Log1("%s : Proxy Credentials are failed to authenticate %d \n", attempt.routine, status);
+    } else {
+        NoteContact();
     }
     return failure;
+}
+
+void NoteRefusal(const HttpAttempt& attempt, std::uint32_t status) {
+    NoteFailure("%s at %s:%d: refused with HTTP status %d", PathOfUrl(attempt.url), attempt.target.server,
+                attempt.target.port, status);
 }
 
 void LogFailedStep(const char* format, const char* routine, Error error) {

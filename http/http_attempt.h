@@ -79,6 +79,9 @@ platform::Error ReadRawHeaders(const HttpAttempt& attempt, std::u16string& heade
 /// The answer's status. A failure and a 407 are logged; what the other statuses mean is up to the caller.
 platform::Error ReadStatus(const HttpAttempt& attempt, std::uint32_t& status);
 
+/// Makes a status that refuses the request the agent's last failure (foundation/agent_health.h).
+void NoteRefusal(const HttpAttempt& attempt, std::uint32_t status);
+
 inline constexpr std::uint32_t statusOk = 200;
 inline constexpr std::uint32_t statusProxyAuthentication = 407;
 

@@ -169,6 +169,7 @@ Error InternetGetRequestEx(const TransactionTarget& target, std::u16string_view 
     if (status == statusProxyAuthentication) return status;
     if (status != statusOk) {
         Log1("InternetGetRequestEx : Failed with the http status code %d \n", status);
+        NoteRefusal(attempt, status);
         return error::invalidData;
     }
     if (file) {

@@ -92,6 +92,7 @@ Error InternetSendRequestEx(const TransactionTarget& target, std::u16string_view
     if (status != statusOk) {
         Log1("InternetSendRequestEx : Failed to post the data to the server %s with http status code %d \n",
              target.server, status);
+        NoteRefusal(attempt, status);
         return error::invalidData;
     }
     if (response == nullptr) return error::success;

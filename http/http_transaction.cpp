@@ -2,6 +2,7 @@
 
 #include <new>
 
+#include "foundation/agent_health.h"
 #include "foundation/agent_state.h"
 #include "foundation/file_utils.h"
 #include "foundation/log.h"
@@ -32,10 +33,12 @@ struct AddressedRequest {
     std::size_t dataLength;
     bool keepAlive;
     Error result = error::winHttpNameNotResolved;
+    std::u16string_view lastAddress = {};  // that was tried
 };
 
 void Attempt(AddressedRequest& request, std::u16string_view address) {
     if (!IsUsable(address)) return;
+    request.lastAddress = address;
     const TransactionTarget target = TargetAt(address, agentState.gv_ServerPort);
     const bool post =
         request.kind == RequestKind::REQUEST_POST_TIMED || request.kind == RequestKind::REQUEST_POST_BINARY;
@@ -62,6 +65,13 @@ void TryAddresses(AddressedRequest& request) {
     AttemptAndRemember(request, agentState.gv_ServerName);
     if (!IsTransportFailure(request.result)) return;
     AttemptAndRemember(request, agentState.gv_ServerFlatName);
+}
+
+/// A refusal is noted where its status is read.
+void NoteFailedRequest(const AddressedRequest& request) {
+    if (request.result == error::success || request.result == error::invalidData) return;
+    NoteFailure("%s at %s:%d: %s", PathOfUrl(request.url), request.lastAddress, agentState.gv_ServerPort,
+                TransactionFailure(request.result));
 }
 
 }  // namespace
@@ -91,6 +101,7 @@ Error AgentSendRequest(const OptionalText& /*serverName*/, std::int32_t /*server
         Log1("AgentSendRequest : Out of memory\n");
         request.result = error::notEnoughMemory;
     }
+    NoteFailedRequest(request);
     Log2("AgentSendRequest : Last Access Address is %s \n", agentState.gv_LastAccessName);
     return request.result;
 }
@@ -102,11 +113,17 @@ Error InternetUploadBinaryFile(const OptionalText& serverName, std::int32_t serv
     if (const Error failure = ReadWholeFile(filePath, content)) {
         Log1("InternetUploadBinaryFile: Error occured while reading the file %d  \n", failure);
         HttpGetLastError(failure);
+        NoteFailure("the zip %s cannot be read: %s", filePath, TransactionFailure(failure));
+        NoteFailedUpload();
         return failure;
     }
     const Error result = AgentSendRequest(serverName, serverPort, url, {.body = content}, nullptr,
                                           RequestKind::REQUEST_POST_BINARY, content.size(), false);
     const std::size_t size = content.size();
+    if (result == error::success)
+        NoteUpload(agentState.gv_LastAccessName.view(), agentState.gv_ServerPort, size);
+    else
+        NoteFailedUpload();
     std::string().swap(content);
     platform::ReleaseFreeMemoryAfter(size);
     Log3("InternetUploadBinaryFile :: httpStatusCode [%d] \n", result);

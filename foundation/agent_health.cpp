@@ -1,0 +1,93 @@
+#include "foundation/agent_health.h"
+
+#include <memory>
+#include <mutex>
+#include <utility>
+
+#include "foundation/time_utils.h"
+#include "platform/messages.h"
+
+namespace kv {
+
+AgentHealth agentHealth;
+
+namespace {
+
+struct {
+    std::mutex lock;
+    LastEvents last;
+} events;
+
+}  // namespace
+
+LastEvents ReadLastEvents() {
+    const std::lock_guard hold(events.lock);
+    return events.last;
+}
+
+void NoteContact() noexcept { agentHealth.lastContactTime = GetNowSeconds(); }
+
+void NoteUpload(std::u16string_view address, std::int32_t port, std::uint64_t bytes) noexcept {
+    ++agentHealth.uploadsAccepted;
+    agentHealth.bytesUploaded += bytes;
+    try {
+        std::string text = LogText("%s:%d", address, port);
+        const std::lock_guard hold(events.lock);
+        events.last.uploadTime = GetNowSeconds();
+        events.last.uploadAddress = std::move(text);
+    } catch (...) {
+        // The count stands; the former upload stays the last one.
+    }
+    WakeHealthReport();
+}
+
+void NoteFailedUpload() noexcept {
+    ++agentHealth.uploadsFailed;
+    WakeHealthReport();
+}
+
+void NoteRegistration(std::string_view outcome) noexcept {
+    try {
+        std::string text(outcome);
+        const std::lock_guard hold(events.lock);
+        events.last.registrationTime = GetNowSeconds();
+        events.last.registration = std::move(text);
+    } catch (...) {
+        // The former registration stays the last one.
+    }
+    WakeHealthReport();
+}
+
+void NoteCollectionStopped() noexcept {
+    agentHealth.collectionStopTime = GetNowSeconds();
+    WakeHealthReport();
+}
+
+void NoteCollectionResumed() noexcept {
+    agentHealth.collectionStopTime = 0;
+    WakeHealthReport();
+}
+
+void NoteLostRecord(std::u16string_view path, platform::Error reason) noexcept {
+    ++agentHealth.recordsLost;
+    NoteFailure("the record %s cannot be written and is lost: %s", path, platform::MessageInLine(reason));
+}
+
+void NoteFailureText(std::string text) noexcept {
+    const std::lock_guard hold(events.lock);
+    events.last.failureTime = GetNowSeconds();
+    events.last.failure = std::move(text);
+}
+
+void WakeHealthReport() noexcept {
+    if (const platform::EventHandle event = agentHealth.wake) platform::Threads().SetEvent(event);
+}
+
+void ResetAgentHealth() {
+    std::destroy_at(&agentHealth);
+    std::construct_at(&agentHealth);
+    const std::lock_guard hold(events.lock);
+    events.last = LastEvents();
+}
+
+}  // namespace kv

@@ -1,0 +1,97 @@
+// What the agent has done since its start, and how it went: counts, and the last event of each kind. Whoever does
+// something says so here in one line; agent/health_report.h tells it to people, to the service manager and to programs.
+//
+// Counts and times are atomics: to count costs no lock, and a reader may see one count a moment before another. The
+// texts of events are guarded by a lock, which is held for a copy. Everything is callable from any thread, and throws
+// nothing.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+
+#include "foundation/log.h"
+#include "platform/threads.h"
+
+namespace kv {
+
+using HealthCount = std::atomic<std::uint64_t>;
+
+struct AgentHealth {
+    HealthCount workflowsRun{0};
+    HealthCount recordsWritten{0};
+    HealthCount recordsLost{0};
+    HealthCount queriesFailed{0};  // queries, polls and scripts of records; each still made its record if it could
+    HealthCount zipsMade{0};
+    HealthCount uploadsAccepted{0};
+    HealthCount bytesUploaded{0};  // of accepted zips
+    HealthCount uploadsFailed{0};
+    HealthCount requestsServed{0};
+    HealthCount requestsRefused{0};  // unknown, or without what they need
+
+    // Seconds since 1970, 0 for never.
+    std::atomic<std::int64_t> startTime{0};
+    std::atomic<std::int64_t> lastContactTime{0};     // the server answered anything
+    std::atomic<std::int64_t> collectionStopTime{0};  // 0 while it runs
+
+    /// Set by events of weight; 0 while nobody waits for them. Never closed.
+    std::atomic<platform::EventHandle> wake{0};
+};
+
+/// The one record of this process.
+extern AgentHealth agentHealth;
+
+/// The last event of each kind. Times are seconds since 1970, 0 for never; texts are UTF-8, of one line.
+struct LastEvents {
+    std::int64_t uploadTime = 0;  // of an accepted upload
+    std::string uploadAddress;    // the address and port that accepted it
+    std::int64_t registrationTime = 0;
+    std::string registration;  // what it came to
+    std::int64_t failureTime = 0;
+    std::string failure;  // what failed and why
+};
+
+/// Throws std::bad_alloc.
+LastEvents ReadLastEvents();
+
+/// The server answered, whatever it said.
+void NoteContact() noexcept;
+
+/// An accepted upload, at an address and port.
+void NoteUpload(std::u16string_view address, std::int32_t port, std::uint64_t bytes) noexcept;
+void NoteFailedUpload() noexcept;
+
+/// What a registration came to.
+void NoteRegistration(std::string_view outcome) noexcept;
+
+void NoteCollectionStopped() noexcept;
+void NoteCollectionResumed() noexcept;
+
+/// Makes what failed, and why, the last failure. As a log line in its format and arguments; it writes none.
+void NoteFailureText(std::string text) noexcept;
+template <class... Arguments>
+void NoteFailure(const char* format, const Arguments&... arguments) noexcept {
+    try {
+        NoteFailureText(LogText(format, arguments...));
+    } catch (...) {
+        // Without memory the former failure stays the last one.
+    }
+}
+
+/// A record, whose file this is, could not be written.
+void NoteLostRecord(std::u16string_view path, platform::Error reason) noexcept;
+
+/// A query, poll or script of a record failed.
+template <class... Arguments>
+void NoteFailedQuery(const char* format, const Arguments&... arguments) noexcept {
+    ++agentHealth.queriesFailed;
+    NoteFailure(format, arguments...);
+}
+
+/// Wakes whoever reports the agent's health.
+void WakeHealthReport() noexcept;
+
+/// Starts over: nothing has happened. For a new run in this process, while no other thread reports.
+void ResetAgentHealth();
+
+}  // namespace kv
