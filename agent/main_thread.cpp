@@ -3,6 +3,7 @@
 #include <string>
 
 #include "agent/enrolment.h"
+#include "agent/health_report.h"
 #include "agent/service_admin.h"
 #include "exchange/request_polling.h"
 #include "exchange/upload_pipeline.h"
@@ -50,6 +51,7 @@ void EnterBinDirectory() {
 std::uint32_t InvokeMainThread(void* /*ignored*/) {
     Log3("\tInside InvokeMainThread() %s %s \n", GetCurrDateString(), GetTimeString(1));
     RunGuarded("EnterBinDirectory", EnterBinDirectory);
+    CreateNewThread_MSP(ReportHealth, nullptr);
     RunGuarded("InitLicenseParams", InitLicenseParams);
     if (agentState.gv_agentRunFlag == 1) {
         RunGuarded("LoadConfFiles", LoadConfFiles);

@@ -3,6 +3,7 @@
 #include <string_view>
 #include <utility>
 
+#include "agent/health_report.h"
 #include "agent/log_file.h"
 #include "agent/main_thread.h"
 #include "agent/server_details.h"
@@ -155,6 +156,7 @@ std::uint32_t AgentShutdownWorker(void* /*ignored*/) {
     Log3("\t Inside AgentShutdownWorker() \n");
     // Also before the report: a server that keeps silent holds it up until the process ends.
     RunGuarded("StoreLastFileNum", StoreLastFileNum);
+    RunGuarded("ReportStop", ReportStop);
     RunGuarded("SendAgentStatus", ReportEndWhereWanted);
     RunGuarded("StoreLastFileNum", StoreLastFileNum);
     RunGuarded("FreeAllResources", FreeAllResources);

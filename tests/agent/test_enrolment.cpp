@@ -1,6 +1,7 @@
 // Enrolment against a real server, in virtual time.
 
 #include "agent/enrolment.h"
+#include "agent/health_report.h"
 #include "agent/main_thread.h"
 #include "foundation/agent_state.h"
 #include "foundation/registry_store.h"
@@ -129,14 +130,14 @@ TEST_F(Enrolment, ARefusalWhileItRunsCountsFromTheNextStart) {
     EXPECT_FALSE(ReportsItsEnd());
 }
 
-TEST_F(Enrolment, ARefusedAgentLoadsNoPlanAndStartsNoThread) {
+TEST_F(Enrolment, ARefusedAgentLoadsNoPlanAndStartsNoWork) {
     agentState.gv_agentKey.Publish(u"BANNED");
     EXPECT_EQ(InvokeMainThread(nullptr), 0U);
     EXPECT_EQ(agentState.gv_agentRunFlag, 0);
     EXPECT_TRUE(Logged("gv_agentRunFlag is set to FALSE. Shutting the agent service \n"));
     EXPECT_TRUE(Logged("StopService"));
     EXPECT_EQ(agentState.gv_loadqueryconf, 0);
-    EXPECT_TRUE(started.empty());
+    EXPECT_EQ(started, std::vector<platform::ThreadStart>{ReportHealth}) << "which only tells of it";
 }
 
 TEST_F(Enrolment, ReplacesOnlyAnAbsentKey) {

@@ -1,0 +1,209 @@
+#include "agent/health_report.h"
+
+#include <fmt/format.h>
+#include <mutex>
+#include <optional>
+#include <utility>
+
+#include "agent/metrics_file.h"
+#include "exchange/waiting_files.h"
+#include "foundation/agent_health.h"
+#include "foundation/agent_state.h"
+#include "foundation/guarded.h"
+#include "foundation/log.h"
+#include "foundation/registry_store.h"
+#include "foundation/text.h"
+#include "foundation/time_utils.h"
+#include "platform/clock.h"
+#include "platform/messages.h"
+#include "platform/service_host.h"
+#include "platform/utf.h"
+
+namespace kv {
+
+namespace {
+
+using platform::Error;
+namespace error = platform::error;
+
+constexpr std::int64_t periodSeconds = 60;
+
+/// Events come together, as when several zips are accepted: one report is enough for them.
+constexpr std::uint32_t gatherMilliseconds = 2000;
+
+/// A file that is written again and again, and whether that fails now.
+struct RewrittenFile {
+    std::u16string path;
+    bool isFailing = false;
+
+    /// Writes a line when writing begins to fail, and when it works again.
+    void TakeResult(Error result) {
+        const bool fails = result != error::success;
+        if (fails == std::exchange(isFailing, fails)) return;
+        if (fails)
+            Log1("\t ReportHealth :: %s cannot be written: %s (error %d). It is tried again each minute\n", path,
+                 platform::MessageInLine(result), result);
+        else
+            Log1("\t ReportHealth :: %s is written again\n", path);
+    }
+};
+
+/// What has been reported in this run. Guarded by its lock, because a stop reports on another thread.
+struct Report {
+    std::mutex lock;
+    bool isOver = false;
+    RewrittenFile status;
+    RewrittenFile metrics;  // without a path: not wanted
+    std::optional<HealthSnapshot> written;
+    std::int64_t metricsTime = 0;
+    std::string line;
+    std::int64_t lineTime = 0;
+    std::uint32_t storedLogLevel = 0;  // as it was last read
+};
+
+Report& CurrentReport() {
+    static auto* const report = new Report;  // threads report until the process ends
+    return *report;
+}
+
+std::u16string BinPath() { return agentState.gv_ocAgentBinPath.value_or(u""); }
+
+void BeginReport(Report& report) {
+    const std::lock_guard hold(report.lock);
+    agentHealth.startTime = GetNowSeconds();
+    report.isOver = false;
+    report.status = {.path = HealthFilePath(BinPath())};
+    report.metrics = {};
+    report.written.reset();
+    report.metricsTime = report.lineTime = 0;
+    report.line.clear();
+    report.storedLogLevel = logState.gv_logLevel;
+    OptionalText path;
+    if (LookUpText(monitoringKeyPath, u"MetricsFile", path) == error::success) report.metrics.path = path.value_or(u"");
+}
+
+/// An absent level is the default one; one that cannot be read changes nothing.
+void FollowLogLevel(Report& report) {
+    std::uint32_t stored = 1;
+    const Error result = LookUpNumber(agentKeyPath, u"AgentLogLevel", stored);
+    if (result != error::success && result != error::fileNotFound) return;
+    if (std::exchange(report.storedLogLevel, stored) == stored) return;
+    const std::uint32_t former = logState.gv_logLevel;
+    // The line is written at the higher of the two, so that a change from or to 0 leaves it, too.
+    if (former == 0) logState.gv_logLevel = stored;
+    Log1("\t ReportHealth :: AgentLogLevel goes from %u to %u\n", former, stored);
+    logState.gv_logLevel = stored;
+}
+
+void WriteStatus(Report& report, const HealthSnapshot& health) {
+    if (report.written) report.written->writeTime = health.writeTime;
+    if (report.written == health && !report.status.isFailing) return;
+    report.status.TakeResult(WriteHealthFile(report.status.path, health));
+    report.written = health;
+}
+
+void WriteMetrics(Report& report, const HealthSnapshot& health) {
+    if (report.metrics.path.empty()) return;
+    const std::u16string binPath = BinPath();
+    const std::string text = MetricsText(health, MeasureWaitingRecords(binPath), MeasureWaitingZips(binPath));
+    report.metrics.TakeResult(WriteMetricsFile(report.metrics.path, text));
+    report.metricsTime = health.writeTime;
+}
+
+/// Whether a period has passed since a moment; also when the clock was set back before it.
+bool IsDue(std::int64_t since, std::int64_t now) { return now - since >= periodSeconds || now < since; }
+
+void TellServiceManager(Report& report, const HealthSnapshot& health) {
+    if (agentState.gv_serviceStatusHandle == 0 || !IsDue(report.lineTime, health.writeTime)) return;
+    std::string line = HealthLine(health, CountWaitingZips(BinPath()));
+    if (line == report.line) return;
+    platform::ServiceHost().SetStatusText(agentState.gv_serviceStatusHandle, line);
+    report.line = std::move(line);
+    report.lineTime = health.writeTime;
+}
+
+void ReportOnce() {
+    Report& report = CurrentReport();
+    const std::lock_guard hold(report.lock);
+    if (report.isOver) return;
+    FollowLogLevel(report);
+    const HealthSnapshot health = CurrentHealth();
+    WriteStatus(report, health);
+    if (IsDue(report.metricsTime, health.writeTime)) WriteMetrics(report, health);
+    TellServiceManager(report, health);
+}
+
+/// Waits for an event of weight or the end of the period.
+void WaitForNextReport(platform::EventHandle wake) {
+    constexpr std::uint32_t period = periodSeconds * 1000;
+    if (wake == 0) return platform::Clock().Sleep(period);
+    if (platform::Threads().WaitForEvent(wake, period) != error::success) return;
+    platform::Clock().Sleep(gatherMilliseconds);
+    platform::Threads().ResetEvent(wake);
+}
+
+/// The first required setting that is missing, in the order in which they are read; null when all are there.
+const char* MissingSetting() {
+    const AgentState& state = agentState;
+    if (!state.gv_ServerName) return "KVServerName";
+    if (!state.gv_ServerFlatName) return "KVServerFlatName";
+    if (!state.gv_ServerIPAddress) return "KVServerIPAddress";
+    if (state.gv_ServerPort == 0) return "KVServerSecurePort";
+    if (!state.gv_custID) return "CustomerName";
+    if (!state.gv_LastAccessName.get()) return "KVLastAccessName";
+    return state.gv_remoteOfficeName ? nullptr : "RemoteOfficeName";
+}
+
+/// "18:49" of today, and with the date before it of another day.
+std::string TimeForPeople(std::int64_t time, std::int64_t now) {
+    const platform::LocalTime then = platform::Clock().ToLocalTime(time * 1000);
+    const platform::LocalTime today = platform::Clock().ToLocalTime(now * 1000);
+    const std::string clock = fmt::format("{:02}:{:02}", then.hour, then.minute);
+    const bool isToday = then.year == today.year && then.month == today.month && then.day == today.day;
+    return isToday ? clock : fmt::format("{:04}-{:02}-{:02} {}", then.year, then.month, then.day, clock);
+}
+
+bool IsKey(std::u16string_view text) { return !text.empty() && text != u"NULL" && text != u"HUBCENTER"; }
+
+}  // namespace
+
+std::uint32_t ReportHealth(void* /*ignored*/) {
+    Log3("\t Inside ReportHealth() \n");
+    platform::EventHandle wake = 0;
+    RunGuarded("ReportHealth", [] { BeginReport(CurrentReport()); });
+    if (platform::Threads().CreateEventW(wake) == error::success) agentHealth.wake = wake;
+    for (;;) {
+        RunGuarded("ReportHealth", ReportOnce);
+        WaitForNextReport(wake);
+    }
+}
+
+void ReportStop() {
+    Report& report = CurrentReport();
+    const std::lock_guard hold(report.lock);
+    // A stop may come before the first report.
+    if (std::exchange(report.isOver, true) || report.status.path.empty()) return;
+    HealthSnapshot health = CurrentHealth();
+    health.processId = 0;
+    WriteStatus(report, health);
+    WriteMetrics(report, health);
+}
+
+std::string HealthLine(const HealthSnapshot& health, std::uint64_t waitingZips) {
+    if (const char* missing = MissingSetting()) return fmt::format("no server: {} is missing", missing);
+    const std::string first =
+        LogText("%s:%d", agentState.gv_LastAccessName, static_cast<std::int32_t>(agentState.gv_ServerPort));
+    const std::u16string_view key = agentState.gv_agentKey.view();
+    if (!IsKey(key))
+        return fmt::format("not registered yet at {}{}{}", first, health.registration.empty() ? "" : ": ",
+                           health.registration);
+    std::string line = LogText("%s at %s", key, health.lastAddress.empty() ? first : health.lastAddress);
+    line += health.lastUploadTime == 0 ? ", no upload yet"
+                                       : ", last upload " + TimeForPeople(health.lastUploadTime, health.writeTime);
+    if (waitingZips > 0) line += waitingZips == 1 ? ", 1 zip waits" : fmt::format(", {} zips wait", waitingZips);
+    if (!health.isCollecting)
+        line += ", collection stopped since " + TimeForPeople(health.collectionStopTime, health.writeTime);
+    return line;
+}
+
+}  // namespace kv

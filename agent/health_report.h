@@ -1,0 +1,24 @@
+// Tells how the agent is: to people and kvagentctl in "..\logs\status.json", to the service manager in a line, and to
+// programs in the file that the setting MetricsFile names. The same thread takes a changed AgentLogLevel.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "agent/health_file.h"
+
+namespace kv {
+
+/// Thread body: reports at once, soon after each event of weight (foundation/agent_health.h), and else once a minute if
+/// anything has changed. Wakes once a minute when nothing happens. A file that cannot be written is tried again each
+/// time; a log line says when that begins and when it ends. Never returns.
+std::uint32_t ReportHealth(void* ignored);
+
+/// The last report of a run: the agent is stopped. Nothing is reported after it.
+void ReportStop();
+
+/// How the agent is, in a line for people: "LAB1 at cs:8443, last upload 18:49, 2 zips wait", or what keeps it from its
+/// server. Throws std::bad_alloc.
+std::string HealthLine(const HealthSnapshot& health, std::uint64_t waitingZips);
+
+}  // namespace kv

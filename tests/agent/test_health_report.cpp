@@ -1,0 +1,248 @@
+// What the agent tells of itself, in virtual time: status.json, the line for the service manager, the metrics file, and
+// the log level that it follows.
+#include <functional>
+#include <gmock/gmock.h>
+#include <regex>
+#include <set>
+#include <sstream>
+
+#include "agent/health_report.h"
+#include "agent/metrics_file.h"
+#include "foundation/agent_state.h"
+#include "foundation/log.h"
+#include "foundation/registry_store.h"
+#include "platform/process.h"
+#include "platform/service_host.h"
+#include "platform/utf.h"
+#include "tests/support/test_agent.h"
+#include "tests/support/virtual_clock.h"
+
+namespace kv {
+namespace {
+
+namespace fs = std::filesystem;
+using platform::Error;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+
+class HealthReport : public test::TestAgent {
+  protected:
+    HealthReport() {
+        ResetAgentHealth();
+        agentState.gv_ServerName = agentState.gv_ServerFlatName = agentState.gv_ServerIPAddress = u"cs";
+        agentState.gv_LastAccessName.Publish(u"cs");
+        agentState.gv_ServerPort = 8443;
+        agentState.gv_custID = agentState.gv_remoteOfficeName = u"x";
+        agentState.gv_agentKey.Publish(u"LAB1");
+        agentState.gv_serviceStatusHandle = 77;
+    }
+    ~HealthReport() override { ResetAgentHealth(); }
+
+    /// Runs the thread. Each of its waits does one step: when that sets the event, the wait ends early, and else after
+    /// a minute. The last step is followed by one more report.
+    void Run(std::vector<std::function<void()>> steps) {
+        const test::Replaced waits(&platform::ThreadOperations::WaitForEvent,
+                                   [&, next = std::size_t{0}](auto event, std::uint32_t milliseconds) mutable {
+                                       if (next == steps.size()) throw test::TimeIsUp();
+                                       steps[next++]();
+                                       if (real_.WaitForEvent(event, 0) == platform::error::success)
+                                           return Error{platform::error::success};
+                                       clock.AdvanceMilliseconds(milliseconds);
+                                       return Error{platform::error::waitTimeout};
+                                   });
+        EXPECT_THROW(ReportHealth(nullptr), test::TimeIsUp);
+    }
+
+    std::optional<HealthSnapshot> Status() const {
+        std::string failure;
+        return ReadHealthFile(platform::WideFromUtf8(status.string()), failure);
+    }
+
+    void SetRegistry(std::u16string_view key, std::u16string_view name, std::u16string_view text,
+                     platform::RegistryType type) {
+        ASSERT_EQ(writeValue(platform::RootKey::localMachine, key, name, text, type), platform::error::success);
+    }
+
+    test::VirtualClock clock;
+    const fs::path status = folder / "monitoring" / "logs" / "status.json";
+    std::vector<std::string> lines;  // that the service manager was told
+
+  private:
+    const platform::ThreadOperations real_ = platform::Threads();
+    const test::Replaced<platform::ServiceHostOperations> host_{&platform::ServiceHostOperations::SetStatusText,
+                                                                [this](auto handle, std::string_view line) {
+                                                                    EXPECT_EQ(handle, 77U);
+                                                                    lines.emplace_back(line);
+                                                                    return Error{platform::error::success};
+                                                                }};
+};
+
+TEST_F(HealthReport, WritesTheFileAtEventsAndWhenAnythingChanged) {
+    const auto isThere = [&] { return fs::remove(status); };
+    Run({[&] {
+             EXPECT_EQ(Status()->startTime, clock.nowSeconds());
+             EXPECT_TRUE(isThere()) << "at the start";
+         },
+         [&] { EXPECT_FALSE(isThere()) << "nothing has changed"; },
+         [&] {
+             EXPECT_FALSE(isThere());
+             NoteUpload(u"cs", 8443, 500);
+             NoteCollectionStopped();
+         },
+         [&] {
+             EXPECT_EQ(Status()->lastUploadTime, clock.nowSeconds() - 2) << "soon after the event";
+             EXPECT_FALSE(Status()->collectionStopTime == 0);
+             EXPECT_TRUE(isThere());
+             ++agentHealth.recordsWritten;
+             NoteFailure("the query of %s failed", u"Disk\n");
+         },
+         [&] {
+             EXPECT_EQ(Status()->lastFailureTime, clock.nowSeconds() - 60) << "with the minute";
+             NoteRegistration("registered");
+         }});
+    EXPECT_EQ(Status()->processId, platform::Processes().GetCurrentProcessId());
+    ReportStop();
+    const HealthSnapshot health = Status().value();
+    EXPECT_EQ(health.processId, 0) << "stopped";
+    EXPECT_EQ(health.lastAddress + "|" + health.registration + "|" + health.lastFailure,
+              "cs:8443|registered|the query of Disk failed");
+    EXPECT_THAT(health.counts, testing::Contains(std::pair<std::string, std::uint64_t>("recordsWritten", 1)));
+    EXPECT_THAT(health.counts, testing::Contains(std::pair<std::string, std::uint64_t>("bytesUploaded", 500)));
+    EXPECT_EQ(health.counts.size(), HealthCounts().size());
+}
+
+TEST_F(HealthReport, SaysOnceThatAFileCannotBeWritten) {
+    SetRegistry(monitoringKeyPath, u"MetricsFile", u"absent\\kvagent.prom", platform::RegistryType::text);
+    const auto full = std::make_shared<std::optional<platform::ScopedOperations<platform::FileOperations>>>();
+    full->emplace(Failing(&platform::FileOperations::WriteFile, platform::error::diskFull));
+    Run({[] {}, [] {}, [&] { full->reset(); }, [] {}});
+    EXPECT_EQ(TimesLogged("status.json cannot be written: "), 1);
+    EXPECT_EQ(TimesLogged("status.json is written again\n"), 1);
+    EXPECT_EQ(TimesLogged("kvagent.prom cannot be written: "), 1);
+    EXPECT_TRUE(Status());
+    EXPECT_EQ(TestFolder::FilesIn(status.parent_path()), (std::vector<std::string>{"agent.log", "status.json"}));
+}
+
+TEST_F(HealthReport, TellsTheServiceManagerAtMostOnceAMinute) {
+    Run({[&] { NoteUpload(u"cs", 8443, 1); }, [&] { NoteUpload(u"192.0.2.1", 8443, 1); }, [] {},
+         [&] { Write(zipdata / "Agent_LAB1_1.zip", ""); }, [] {}});
+    EXPECT_THAT(lines, ElementsAre("LAB1 at cs:8443, no upload yet", "LAB1 at 192.0.2.1:8443, last upload 09:05",
+                                   "LAB1 at 192.0.2.1:8443, last upload 09:05, 1 zip waits"));
+}
+
+TEST_F(HealthReport, PutsWhatMattersIntoItsLine) {
+    const std::int64_t now = clock.nowSeconds();
+    const auto line = [&](HealthSnapshot health, std::uint64_t zips) {
+        health.writeTime = now;
+        return HealthLine(health, zips);
+    };
+    EXPECT_EQ(line({.lastAddress = "b:1", .lastUploadTime = now - 86400}, 2),
+              "LAB1 at b:1, last upload 2026-03-04 09:05, 2 zips wait");
+    EXPECT_EQ(line({.isCollecting = false, .collectionStopTime = now - 60}, 0),
+              "LAB1 at cs:8443, no upload yet, collection stopped since 09:04");
+    agentState.gv_agentKey.Publish(u"NULL");
+    EXPECT_EQ(line({.registration = "no answer in time"}, 0), "not registered yet at cs:8443: no answer in time");
+    agentState.gv_custID.reset();
+    EXPECT_EQ(line({}, 3), "no server: CustomerName is missing");
+    agentState.gv_ServerName.reset();
+    EXPECT_EQ(line({}, 0), "no server: KVServerName is missing") << "the first one that is read";
+}
+
+TEST_F(HealthReport, FollowsTheLogLevel) {
+    const auto set = [this](std::u16string_view level, platform::RegistryType type) {
+        return [=, this] { SetRegistry(agentKeyPath, u"AgentLogLevel", level, type); };
+    };
+    std::vector<std::uint32_t> levels;
+    const auto note = [&] { levels.push_back(logState.gv_logLevel); };
+    logState.gv_logLevel = 3;  // as it was read at the start
+    set(u"3", platform::RegistryType::dword)();
+    Run({note, set(u"0", platform::RegistryType::dword), note, set(u"2", platform::RegistryType::dword), note,
+         set(u"4", platform::RegistryType::text), note,
+         [] {
+             platform::OwnedRegistryKey key;
+             ASSERT_EQ(platform::Registry().RegOpenKeyExW(platform::RootKey::localMachine, agentKeyPath,
+                                                          platform::RegistryAccess::allAccess, key.Place()),
+                       0U);
+             platform::Registry().RegDeleteValueW(key.get(), u"AgentLogLevel");
+         },
+         note});
+    EXPECT_THAT(levels, ElementsAre(3U, 0U, 2U, 2U, 1U));
+    for (const char* change : {"from 3 to 0\n", "from 0 to 2\n", "from 2 to 1\n"})
+        EXPECT_EQ(TimesLogged(std::string("AgentLogLevel goes ") + change), 1) << change;
+}
+
+/// What is wrong with an OpenMetrics text, by the rules of the format for counters and gauges; empty when it is right.
+std::string OpenMetricsFault(const std::string& text) {
+    static const std::regex help("# HELP ([a-z_]+) [A-Z0-9][^\\\\\"\n]*");
+    static const std::regex type("# TYPE ([a-z_]+) (counter|gauge)");
+    static const std::regex sample("([a-z_]+)(\\{[a-z_]+=\"[^\"\\\\\n]*\"\\})? (0|[1-9][0-9]*)");
+    std::set<std::string> families;
+    std::istringstream rows(text);
+    std::smatch parts;
+    std::string row;
+    while (std::getline(rows, row) && row != "# EOF") {
+        if (!std::regex_match(row, parts, help) || !families.insert(parts[1]).second) return "HELP: " + row;
+        const std::string family = parts[1];
+        if (family.ends_with("_total") || !family.starts_with("kvagent_")) return "name: " + row;
+        if (!std::getline(rows, row) || !std::regex_match(row, parts, type) || parts[1] != family)
+            return "TYPE: " + row;
+        const std::string name = family + (parts[2] == "counter" ? "_total" : "");
+        if (!std::getline(rows, row) || !std::regex_match(row, parts, sample) || parts[1] != name)
+            return "sample: " + row;
+    }
+    return text.ends_with("\n# EOF\n") && !std::getline(rows, row) ? "" : "end: " + row;
+}
+
+TEST_F(HealthReport, WritesMetricsEachMinuteForEveryone) {
+    const fs::path metrics = folder / "textfiles" / "kvagent.prom";
+    fs::create_directory(metrics.parent_path());
+    SetRegistry(monitoringKeyPath, u"MetricsFile", platform::WideFromUtf8(metrics.string()),
+                platform::RegistryType::text);
+    Write(zipdata / "a.zip", "12345");
+    Write(zipdata / "b.zip", "123");
+    Write(data / "a.txt", "1");
+    Write(data / "a.tmp", "not complete");
+    Run({[&] {
+             EXPECT_EQ(OpenMetricsFault(Read(metrics)), "");
+             EXPECT_THAT(Read(metrics), HasSubstr("\nkvagent_waiting_zips_bytes 8\n"));
+             EXPECT_THAT(Read(metrics), HasSubstr("\nkvagent_waiting_records 1\n"));
+             EXPECT_THAT(Read(metrics), HasSubstr("\nkvagent_collecting 1\n"));
+             ++agentHealth.zipsMade;
+             fs::remove(metrics);
+         },
+         [] {}});
+    EXPECT_THAT(Read(metrics), HasSubstr("\nkvagent_zips_made_total 1\n"));
+    EXPECT_EQ(OpenMetricsFault(Read(metrics)), "");
+    const fs::perms others = fs::status(metrics).permissions() & fs::perms::others_all;
+    EXPECT_TRUE((others & fs::perms::others_read) != fs::perms::none);
+    ReportStop();
+    EXPECT_THAT(Read(metrics), HasSubstr("\nkvagent_up 0\n"));
+}
+
+TEST_F(HealthReport, RefusesADamagedFile) {
+    const std::pair<const char*, const char*> rows[] = {
+        {"", "it is damaged"},
+        {"{ \"version\": \"1\", \"counts\": {", "it is damaged"},
+        {"[]", "it is damaged"},
+        {"{}", "it is damaged"},
+        {"{ \"version\": 1 }", "it is damaged"},
+        {"{ \"version\": \"1\", \"counts\": [1], \"processId\": \"7\", \"isCollecting\": null, \"more\": {} }", ""},
+    };
+    for (const auto& [text, expected] : rows) {
+        Write(status, text);
+        std::string failure;
+        const auto health = ReadHealthFile(platform::WideFromUtf8(status.string()), failure);
+        EXPECT_EQ(health.has_value(), *expected == '\0') << text;
+        EXPECT_THAT(failure, HasSubstr(expected));
+        if (health) {
+            EXPECT_EQ(*health, HealthSnapshot{.version = "1"}) << "what has another type keeps its default";
+        }
+    }
+    fs::remove(status);
+    std::string failure;
+    EXPECT_FALSE(ReadHealthFile(platform::WideFromUtf8(status.string()), failure));
+    EXPECT_NE(failure, "");
+}
+
+}  // namespace
+}  // namespace kv
