@@ -11,6 +11,7 @@
 #include "collection/wmi_query.h"
 #include "collection/wmi_text.h"
 #include "exchange/service_control.h"
+#include "foundation/agent_health.h"
 #include "foundation/line_bound.h"
 #include "foundation/log.h"
 #include "foundation/server_limit.h"
@@ -102,6 +103,7 @@ bool IsAllowed(const Exchange& exchange, const std::u16string& service) {
         failure = platform::ServiceManager().ListServiceNames(manager.get(), service, names);
     const std::optional<std::u16string> refusal = limit.Refusal(names);
     if (!refusal) return true;
+    ++agentHealth.requestsRefused;
     const LineBound::OfRefusal bound;
     if (failure == platform::error::success) {
         Log1("\t ExecWMIQuery :: A %s request for the service %s (%s) is refused: %s. Request id : %s\n", exchange.type,

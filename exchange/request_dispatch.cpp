@@ -142,6 +142,7 @@ void ServeAllowed(const RequestType& type, const HashTable* request, ListResult&
     const std::u16string names[] = {std::u16string(type.name)};
     const std::optional<std::u16string> refusal = LimitOfRequests().Refusal(names);
     if (!refusal) return type.serve(request, result);
+    ++agentHealth.requestsRefused;
     const LineBound::OfRefusal bound;
     Log1("\t ParseRequestList :: A %s request is refused: %s. Request id : %s\n", type.name, *refusal,
          GetHashText(request, u"AGENT_REQUEST_ID"));
