@@ -3,6 +3,7 @@
 #include "snmp/manager_operations.h"
 #include "snmp/snmp_manager.h"
 #include "snmp/toolkit_log.h"
+#include "snmp/udp_transport.h"
 
 namespace kv {
 
@@ -30,6 +31,7 @@ SnmpResponseData* SnmpManagerRequest(const char* host, std::int32_t port, std::i
     snmp::SetToolkitLogLevel(agentLogLevel);
     snmp::TKLOG(3, "\t Inside SnmpManagerRequest() \n");
     if (!snmp::StartToolkit() || requestType > snmpWalk) return nullptr;
+    snmp::UpdateSourceCheck();
     const snmp::ResultVectors results = Operate({.host = TextOrEmpty(host),
                                                  .port = port,
                                                  .timeoutSeconds = timeoutSeconds,

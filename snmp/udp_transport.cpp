@@ -4,8 +4,12 @@
 #include <atomic>
 #include <mutex>
 #include <new>
+#include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
+#include "foundation/registry_store.h"
 #include "foundation/resource_lock.h"
 #include "platform/clock.h"
 #include "snmp/message.h"
@@ -25,6 +29,9 @@ constexpr int sendAttempts = 3;
 
 constexpr std::string_view fallbackAddress = "127.0.0.1";
 
+/// Datagrams from elsewhere that one exchange looks at. Whoever sends more can keep the device's answer away anyway.
+constexpr int maxSkipped = 10000;
+
 /// How often a wait that the system refuses is tried again before its time is over.
 constexpr int maxSelectRepeats = 1000;
 
@@ -33,7 +40,10 @@ struct Exchange {
     TransportDomainInfo info;
     TransportDomainAddress address;
     platform::SocketAddress peer;
+    std::optional<std::vector<std::uint8_t>> answer;  // received while its sender was looked at
 };
+
+Exchange& ExchangeOf(TransportDomainInfo* info) { return *reinterpret_cast<Exchange*>(info); }  // its first member
 
 std::atomic<bool> hasSocketMutex{false};
 std::mutex socketMutex;
@@ -155,12 +165,60 @@ int WaitForSocketData(const TransportDomainAddress& address, std::int64_t micros
     return 0;
 }
 
-int ReadUdpPacket(TransportDomainAddress& address, platform::SocketHandle socket, std::uint8_t* buffer,
-                  std::int32_t* length) {
+/// Receives what waits at the socket. True when it is the device's, which is the peer still, and is kept then.
+bool ReceiveFromDevice(Exchange& exchange, std::string& stranger) {
+    const auto lock = LockSockets();
+    std::vector<std::uint8_t> bytes(messageBufferSize);
+    platform::SocketAddress sender;
+    std::size_t received = 0;
+    if (Sockets().recvfrom(exchange.info.socket, bytes.data(), bytes.size(), sender, received) != error::success) {
+        return false;
+    }
+    if (sender.address != exchange.peer.address) {
+        stranger = Sockets().inet_ntoa(sender.address);
+        return false;
+    }
+    exchange.peer = sender;
+    bytes.resize(received);
+    exchange.answer = std::move(bytes);
+    return true;
+}
+
+/// Waits for an answer from the device's own address.
+int WaitForDevice(Exchange& exchange, std::int64_t microseconds) {
+    const std::string host = exchange.address.remoteHost.data();
+    const std::uint64_t start = platform::Clock().GetTickCount64();
+    std::int64_t left = microseconds;
+    int skipped = 0;
+    int isAnswered = 0;
+    while (skipped <= maxSkipped && isAnswered == 0 && WaitForSocketData(exchange.address, left) == 1) {
+        std::string stranger = "a sender that cannot be told";
+        isAnswered = ReceiveFromDevice(exchange, stranger) ? 1 : 0;
+        if (isAnswered == 0 && ++skipped == 1)
+            Log1("\t WaitForTdInfoResp :: a datagram from %s is skipped: only %s itself may answer \n", stranger, host);
+        left = std::max<std::int64_t>(
+            microseconds - static_cast<std::int64_t>(platform::Clock().GetTickCount64() - start) * 1000, 0);
+    }
+    if (skipped > 1) Log1("\t WaitForTdInfoResp :: %d datagrams from elsewhere than %s are skipped \n", skipped, host);
+    return isAnswered;
+}
+
+/// What was received while its sender was looked at.
+platform::Error TakeAnswer(Exchange& exchange, std::uint8_t* buffer, std::size_t& received) {
+    received = exchange.answer->size();
+    std::copy(exchange.answer->begin(), exchange.answer->end(), buffer);
+    exchange.answer.reset();
+    return error::success;
+}
+
+int ReadUdpPacket(Exchange& exchange, std::uint8_t* buffer, std::int32_t* length) {
     TKLOG(3, "\t Inside ReadUdpPacket() \n");
+    TransportDomainAddress& address = exchange.address;
     auto lock = LockSockets();
     std::size_t received = 0;
-    const platform::Error result = Sockets().recvfrom(socket, buffer, messageBufferSize, *address.peer, received);
+    const platform::Error result =
+        exchange.answer ? TakeAnswer(exchange, buffer, received)
+                        : Sockets().recvfrom(exchange.info.socket, buffer, messageBufferSize, *address.peer, received);
     if (result != error::success) {
         TKLOG(1, "Error while receiving a SNMP messge !!!!\n");
         lock = {};
@@ -210,7 +268,7 @@ TransportDomainInfo* CreateTransportDomainInfo(std::uint16_t localPort, std::uin
 }
 
 void FreeTransportDomainInfo(TransportDomainInfo* info) {
-    delete reinterpret_cast<Exchange*>(info);  // its first member, or null
+    delete reinterpret_cast<Exchange*>(info);  // or null
 }
 
 platform::SocketHandle OpenSnmpSession(TransportDomainInfo* info) {
@@ -229,12 +287,23 @@ int SendSnmpTrapMessage(TransportDomainInfo* info, const std::uint8_t* bytes, st
 
 int WaitForTdInfoResp(TransportDomainInfo* info, std::int64_t microseconds) {
     info->address->socket = info->socket;
-    return WaitForSocketData(*info->address, microseconds);
+    return transportState.checksSource ? WaitForDevice(ExchangeOf(info), microseconds)
+                                       : WaitForSocketData(*info->address, microseconds);
 }
 
 int ReadSnmpMessage(TransportDomainInfo* info, std::uint8_t* buffer, std::int32_t* length) {
     *length = 0;
-    return ReadUdpPacket(*info->address, info->socket, buffer, length);
+    return ReadUdpPacket(ExchangeOf(info), buffer, length);
+}
+
+void UpdateSourceCheck() {
+    OptionalText text;
+    const platform::Error failure = LookUpText(monitoringKeyPath, u"SNMPCheckSource", text);
+    const bool isAbsent = failure == error::fileNotFound || failure == error::pathNotFound;
+    const bool isOn = !isAbsent && CompareIgnoreCase(text, u"no") != 0;
+    if (isOn && CompareIgnoreCase(text, u"yes") != 0)
+        Log1("\t UpdateSourceCheck :: SNMPCheckSource is neither yes nor no, and counts as yes \n");
+    transportState.checksSource = isOn;
 }
 
 std::string AddressOrHost(std::string_view host) {

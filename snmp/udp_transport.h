@@ -1,9 +1,10 @@
 // One message to a device and one back, on a UDP socket that lives for that exchange alone. No message that was sent is
-// sent again, and whatever reaches the socket first is the answer, whoever sent it. A record belongs to one thread;
-// exchanges of several threads may run at the same time.
+// sent again, and whatever reaches the socket first is the answer, whoever sent it, unless only the device's own
+// address may answer. A record belongs to one thread; exchanges of several threads may run at the same time.
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -40,6 +41,7 @@ struct TransportState {
     std::array<char, localAddressRoom> localHostAddress{};  // as it was at the start; the manager does not use it
     TransportDomainInfo* ownSession = nullptr;              // the engine's own, from its start on; nothing uses it
     platform::SocketHandle maxSocket = 0;                   // the highest one recorded
+    std::atomic<bool> checksSource{false};                  // only the device's own address may answer
 };
 extern TransportState transportState;
 
@@ -72,12 +74,17 @@ void CloseSnmpSession(TransportDomainInfo* info);
 [[nodiscard]] int SendSnmpTrapMessage(TransportDomainInfo* info, const std::uint8_t* bytes, std::size_t length);
 
 /// Waits for an answer for at most that many microseconds; 0 only looks. 1 when it is there, else 0. A wait that the
-/// system refuses is tried again at once while the time lasts, at most 1000 times.
+/// system refuses is tried again at once while the time lasts, at most 1000 times. If only the device may answer, what
+/// comes from another address is skipped, with a log line, and does not make the wait longer.
 [[nodiscard]] int WaitForTdInfoResp(TransportDomainInfo* info, std::int64_t microseconds);
 
 /// Receives one message into a buffer of messageBufferSize bytes: 1, or 0 with length 0 and a log line. After 1 the
 /// record's remote host and port are the sender's.
 [[nodiscard]] int ReadSnmpMessage(TransportDomainInfo* info, std::uint8_t* buffer, std::int32_t* length);
+
+/// Takes over whether only the device's own address may answer, whatever its port: the setting SNMPCheckSource. Absent
+/// or "no" in any letter case, anyone may. A value that is neither "yes" nor "no" counts as "yes", with a log line.
+void UpdateSourceCheck();
 
 /// Makes the mutex of the table of locks, unless the agent has made it, and from now on lets all sends and receives of
 /// the process go one after the other. Before, nothing holds them up: each exchange has its own socket.

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <set>
 
+#include "foundation/registry_store.h"
 #include "platform/files.h"
 #include "platform/sockets.h"
 #include "snmp/manager_walk.h"
@@ -185,6 +186,58 @@ TEST_F(SnmpManager, GivesTheFallbackWhenAWalkFallsSilent) {
     EXPECT_TRUE(Logged("the numbers of \"x1.3\" do not match its dots"));
     EXPECT_EQ(SendRequest({.fallback = &fallback}), &fallback);
     EXPECT_EQ(SendRequest({.type = 3, .fallback = &fallback}), nullptr);
+}
+
+TEST_F(SnmpManager, TakesAnswersOfTheDeviceAloneIfItHasTo) {
+    const std::string answer = EncodeAnswer({.variables = {Variable(1, 0x04, "v")}});
+    const std::string forged = EncodeAnswer({.variables = {Variable(1, 0x04, "w")}});
+    int strangers = 0;
+    platform::SocketOperations sockets = platform::Sockets();
+    sockets.recvfrom = [&strangers, next = sockets.recvfrom](auto socket, void* to, auto room,
+                                                             platform::SocketAddress& peer, auto& received) {
+        const platform::Error result = next(socket, to, room, peer, received);
+        if (strangers-- > 0) peer.address = {192, 0, 2, 9};
+        return result;
+    };
+    // The device is done when it has sent its datagrams: a wait for more is over at once.
+    int waits = 0;
+    std::size_t sent = 0;
+    sockets.select = [&, next = sockets.select](auto socket, auto microseconds, bool& ready) {
+        const bool isOver = static_cast<std::size_t>(++waits) > sent;
+        EXPECT_LE(microseconds, 1000000);
+        return isOver ? platform::error::success : next(socket, microseconds, ready);
+    };
+    const struct {
+        const char16_t* setting;  // null: absent
+        int strangers;            // that many datagrams come from elsewhere
+        std::vector<std::string> datagrams;
+        const char *expected, *logged;
+        SentFrom from = SentFrom::ownPort;
+    } rows[] = {
+        {nullptr, 1, {forged, answer}, "1: .1.3.6.1.9.1 4:w", ""},
+        {u"No", 1, {forged, answer}, "1: .1.3.6.1.9.1 4:w", ""},
+        {u"Yes", 0, {answer}, "1: .1.3.6.1.9.1 4:v", ""},
+        {u"yes", 0, {answer}, "1: .1.3.6.1.9.1 4:v", "", SentFrom::anotherPort},
+        {u"yes", 1, {forged, answer}, "1: .1.3.6.1.9.1 4:v", "from 192.0.2.9 is skipped: only 127.0.0.1 itself"},
+        {u"yes", 3, {forged, "", forged, answer}, "1: .1.3.6.1.9.1 4:v", "3 datagrams from elsewhere than 127.0.0.1"},
+        {u"yes", 2, {forged, forged}, "0: (null)", "no answer from 127.0.0.1"},
+        {u"yes", 0, {""}, "0: (null)", ""},
+        {u"on", 1, {forged, answer}, "1: .1.3.6.1.9.1 4:v", "SNMPCheckSource is neither yes nor no"},
+    };
+    for (const auto& row : rows) {
+        if (row.setting)
+            writeValue(platform::RootKey::localMachine, monitoringKeyPath, u"SNMPCheckSource", row.setting,
+                       platform::RegistryType::text);
+        const ScriptedDevice device([&row](std::string_view) { return row.datagrams; }, row.from);
+        const platform::ScopedOperations scoped(sockets);
+        const std::size_t before = LogText().size();
+        strangers = row.strangers;
+        waits = 0;
+        sent = row.datagrams.size();
+        EXPECT_EQ(AnswerText({.port = device.port(), .oids = {".1.3.6.1.9.1"}}), row.expected) << row.logged;
+        EXPECT_THAT(LogText().substr(before), HasSubstr(row.logged));
+        EXPECT_LE(TimesLogged("is skipped", before), 1);
+    }
 }
 
 TEST_F(SnmpManager, TakesWhatReachesItsSocketFirst) {
