@@ -22,6 +22,8 @@ constexpr RecordMember members[] = {record_member::errorMessage, record_member::
 
 }  // namespace
 
+bool IsWMIRecordMember(std::u16string_view name) { return HasMember(members, name); }
+
 void CollectWMI(const HashTable* record) {
     const OptionalText query = ReadMember(record, u"wmiQuery");
     const OptionalText name = ReadMember(record, u"Name");

@@ -15,4 +15,7 @@ void CollectWMI(const HashTable* record);
 /// another member of the record has is refused, with a log line. A null nameSpace is ROOT\CIMV2.
 void ExecuteWMIQuery(const OptionalText& nameSpace, std::u16string_view wmiQuery, std::u16string_view name);
 
+/// Whether a WMI record has a member of that name beside its rows, so that no record may be named so.
+bool IsWMIRecordMember(std::u16string_view name);
+
 }  // namespace kv

@@ -7,6 +7,7 @@
 #include "collection/wmi_text.h"
 #include "foundation/hash_table.h"
 #include "foundation/log.h"
+#include "platform/utf.h"
 #include "platform/wmi.h"
 
 namespace kv {
@@ -143,6 +144,10 @@ WmiStatus AppendRows(WmiHandle enumerator, Vector* rows) {
     }
 }
 
+std::u16string_view NamespaceOf(const OptionalText& nameSpace) {
+    return nameSpace ? *nameSpace : std::u16string_view(u"ROOT\\CIMV2");
+}
+
 Outcome Run(std::u16string_view nameSpace, std::u16string_view text, Vector* rows) {
     Query query{.nameSpace = nameSpace, .text = text};
     Outcome outcome = Connect(query);
@@ -160,13 +165,30 @@ Outcome Run(std::u16string_view nameSpace, std::u16string_view text, Vector* row
 
 }  // namespace
 
+std::optional<std::u16string> WMIQueryFault(const OptionalText& nameSpace, std::u16string_view wmiQuery) {
+    const auto said = [](std::u16string_view what, WmiStatus status) {
+        return platform::WideFromUtf8(LogText("%s [%x]", what, status));
+    };
+    Query query{.nameSpace = NamespaceOf(nameSpace), .text = wmiQuery};
+    const Outcome outcome = Connect(query);
+    if (platform::IsFailure(outcome.status))
+        return said(u"nameSpace " + std::u16string(query.nameSpace) + u": " + std::u16string(outcome.text),
+                    outcome.status);
+    bool isJudged = false;
+    const WmiStatus status = Wmi().JudgeQuery(query.services.get(), wmiQuery, isJudged);
+    if (!isJudged) return std::nullopt;
+    if (!platform::IsFailure(status)) return u"";
+    const std::u16string refusal = Wmi().TakeRefusal(query.services.get());
+    return said(refusal.empty() ? u"it cannot be run" : refusal, status);
+}
+
 std::u16string WMIFunction(const OptionalText& nameSpace, const OptionalText& wmiQuery, Vector* rows) {
     Log3("\t Inside WMIFunction() \n");
     if (!wmiQuery) return u"wmiQuery is NULL";
     // What failed is named only when everything has been given back.
     Outcome outcome;
     try {
-        outcome = Run(nameSpace ? *nameSpace : std::u16string_view(u"ROOT\\CIMV2"), *wmiQuery, rows);
+        outcome = Run(NamespaceOf(nameSpace), *wmiQuery, rows);
     } catch (const std::bad_alloc&) {
         Log1("\t WMIFunction :: No memory for all of the rows [%x]\n", wmi_status::outOfMemory);
         outcome = {wmi_status::outOfMemory, u"ERROR"};

@@ -1,6 +1,7 @@
 // One WQL query from start to end: a record's, or a request's that tries one out.
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include "foundation/text.h"
@@ -17,5 +18,9 @@ namespace kv {
 /// COM is set up on the calling thread and torn down again. Nothing is kept between calls, which may run on several
 /// threads at once.
 std::u16string WMIFunction(const OptionalText& nameSpace, const OptionalText& wmiQuery, Vector* rows);
+
+/// What is wrong with a query, found without running it, as a text for people; empty when nothing is. Absent on a
+/// system where only a run tells, as far as the namespace can be opened. COM is used as by WMIFunction.
+std::optional<std::u16string> WMIQueryFault(const OptionalText& nameSpace, std::u16string_view wmiQuery);
 
 }  // namespace kv

@@ -2,6 +2,7 @@
 // CommandLineWords gives them.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -16,8 +17,25 @@ std::string_view RegistryOwner();
 /// The command that starts the agent's service again, as one types it.
 std::string_view ServiceRestartCommand();
 
+/// The whole path of the registry's file; empty when the registry is not kept in one.
+std::string RegistryFile();
+
 /// The directory of the registry's file when that directory does not exist; else empty.
 [[nodiscard]] std::string MissingRegistryDirectory();
+
+/// Who may do what with a file or directory, on a system that has modes.
+struct FilePermissions {
+    std::string mode;   // as chmod takes it
+    std::string owner;  // name or number
+    bool isOwnerPrivileged = false;
+    bool othersRead = false;
+    bool othersWrite = false;   // or those of another group than the owner's own
+    bool isExecutable = false;  // by its owner
+};
+
+/// Of a wide path as platform/files.h takes it; absent when nothing is there, it may not be looked at, or this system
+/// has no modes.
+[[nodiscard]] std::optional<FilePermissions> GetFilePermissions(std::u16string_view path);
 
 /// Whether a person at a terminal may answer a question.
 [[nodiscard]] bool InputIsTerminal();

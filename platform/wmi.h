@@ -62,6 +62,10 @@ struct WmiOperations {
     /// Starts a query, forward only, and returns at once. A query that is wrong may be refused here or at Next.
     std::function<WmiStatus(WmiHandle services, std::u16string_view query, WmiHandle& enumerator)> ExecQuery;
 
+    /// What ExecQuery and Next would find wrong with a query, found without running it: ok, or the status with which
+    /// they refuse it. isJudged is false where only a run tells.
+    std::function<WmiStatus(WmiHandle services, std::u16string_view query, bool& isJudged)> JudgeQuery;
+
     /// The next object: ok and count 1, or else no object. Waits as long as it takes, which every backend bounds for
     /// itself.
     std::function<WmiStatus(WmiHandle enumerator, WmiHandle& object, std::uint32_t& count)> Next;
@@ -79,8 +83,9 @@ struct WmiOperations {
     /// answer. Each text is given once.
     std::function<std::vector<std::u16string>(WmiHandle enumerator)> TakeNotices;
 
-    /// What is wrong with the query that ExecQuery or Next of these services has just refused on this thread, and
-    /// where: for the log, beside the status. Given once; empty when the backend can tell no more than the status.
+    /// What is wrong with the query that ExecQuery, JudgeQuery or Next of these services has just refused on this
+    /// thread, and where: for the log, beside the status. Given once; empty when the backend can tell no more than the
+    /// status.
     std::function<std::u16string(WmiHandle services)> TakeRefusal;
 };
 

@@ -89,19 +89,6 @@ void RestoreFromBackup(std::u16string_view agent, std::u16string_view fileName) 
     Files().DeleteFileW(restored);
 }
 
-/// Why an element of a list of workflows cannot run; null when it can. A number with a fraction has been cut by now.
-const char* WorkflowFault(const VectorElement* element) {
-    if (element->type != ValueType::table) return "is not an object";
-    const auto* workflow = reinterpret_cast<const HashTable*>(element->value);
-    const HashEntry* interval = GetHashEntry(workflow, u"interval");
-    if (!interval) return "has no interval";
-    if (interval->type != ValueType::integer && interval->type != ValueType::number)
-        return "has an interval that is not a number of minutes";
-    if (static_cast<std::int32_t>(interval->value) < 1) return "has an interval below 1";
-    if (!GetHashVector(workflow, u"recordSetName")) return "has no array recordSetName";
-    return nullptr;
-}
-
 /// An empty list is a plan to collect nothing; a list in which nothing can run is a mistake.
 bool HasRunnableWorkflow(const Vector* workflows, std::u16string_view agent, std::u16string_view fileName) {
     const char* fault = nullptr;
@@ -339,6 +326,18 @@ bool LoadUnreadPlans() {
 }
 
 void FreeReplacedPlans() { replacedPlans.clear(); }
+
+const char* WorkflowFault(const VectorElement* element) {
+    if (element->type != ValueType::table) return "is not an object";
+    const auto* workflow = reinterpret_cast<const HashTable*>(element->value);
+    const HashEntry* interval = GetHashEntry(workflow, u"interval");
+    if (!interval) return "has no interval";
+    if (interval->type != ValueType::integer && interval->type != ValueType::number)
+        return "has an interval that is not a number of minutes";
+    if (static_cast<std::int32_t>(interval->value) < 1) return "has an interval below 1";
+    if (!GetHashVector(workflow, u"recordSetName")) return "has no array recordSetName";
+    return nullptr;
+}
 
 PlanJudgement JudgeQueryConfig(std::u16string_view agent, std::u16string_view fileName) {
     const LineBound bound;

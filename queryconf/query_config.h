@@ -6,6 +6,8 @@
 #include <optional>
 #include <string_view>
 
+#include "foundation/vector.h"
+
 namespace kv {
 
 /// Brings up the timer, reads the agent's own file and, on a master agent, those of its slaves, and schedules what they
@@ -30,6 +32,10 @@ void LoadQueryConfig(std::u16string_view agent, std::optional<std::u16string_vie
 /// Frees the lists that LoadQueryConfig has replaced since the last call. Neither a timer nor gv_sortVec may refer to
 /// them any more.
 void FreeReplacedPlans();
+
+/// Why an element of a list of workflows cannot run, as the end of a sentence; null when it can. A number with a
+/// fraction has been cut by now.
+const char* WorkflowFault(const VectorElement* element);
 
 enum class PlanJudgement {
     usable,

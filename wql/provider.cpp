@@ -61,15 +61,26 @@ WmiStatus ConnectServer(WmiHandle locator, std::u16string_view nameSpace, WmiHan
     return status;
 }
 
+/// Leaves the refusal with the services.
+WmiStatus Prepare(Services& services, std::u16string_view text, PreparedStatement& prepared) {
+    const WmiStatus status = PrepareStatement(text, prepared);
+    if (IsFailure(status)) services.refusal = DescribeRefusal(text);
+    return status;
+}
+
+WmiStatus JudgeQuery(WmiHandle services, std::u16string_view text, bool& isJudged) {
+    isJudged = true;
+    auto* connected = ThingOf<Services>(services);
+    PreparedStatement prepared;
+    return connected == nullptr ? wmi_status::invalidParameter : Prepare(*connected, text, prepared);
+}
+
 WmiStatus ExecQuery(WmiHandle services, std::u16string_view text, WmiHandle& enumerator) {
     auto* connected = ThingOf<Services>(services);
     if (connected == nullptr) return wmi_status::invalidParameter;
     PreparedStatement prepared;
-    WmiStatus status = PrepareStatement(text, prepared);
-    if (IsFailure(status)) {
-        connected->refusal = DescribeRefusal(text);
-        return status;
-    }
+    WmiStatus status = Prepare(*connected, text, prepared);
+    if (IsFailure(status)) return status;
     Enumerator result;
     status = StartBoundedRun(prepared.subject, queryLimit, std::move(prepared.run), result.run);
     if (!IsFailure(status)) enumerator = NewWmiHandle(std::move(result));
@@ -133,6 +144,7 @@ WmiOperations Provider() {
         .ConnectServer = Guarded(ConnectServer, wmiResults),
         .CoSetProxyBlanket = [](WmiHandle) { return wmi_status::ok; },
         .ExecQuery = Guarded(ExecQuery, wmiResults),
+        .JudgeQuery = Guarded(JudgeQuery, wmiResults),
         .Next = Guarded(Next, wmiResults),
         .BeginEnumeration = BeginEnumeration,
         .NextProperty = Guarded(NextProperty, wmiResults),

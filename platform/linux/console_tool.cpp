@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <poll.h>
+#include <pwd.h>
 #include <sys/stat.h>
 #include <system_error>
 #include <unistd.h>
@@ -83,6 +84,25 @@ std::string_view RegistryPlace() {
 std::string_view RegistryOwner() { return "root"; }
 
 std::string_view ServiceRestartCommand() { return "systemctl restart corvinel-monitoring-agent"; }
+
+std::string RegistryFile() { return StateDirectory() + "/registry.db"; }
+
+std::optional<FilePermissions> GetFilePermissions(std::u16string_view path) {
+    struct stat facts {};
+    if (stat(NativePathOf(path).c_str(), &facts) != 0) return std::nullopt;
+    FilePermissions permissions;
+    char mode[8];
+    static_cast<void>(std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(facts.st_mode & 07777)));
+    permissions.mode = mode;
+    const passwd* const owner = getpwuid(facts.st_uid);
+    permissions.owner = owner != nullptr ? owner->pw_name : std::to_string(facts.st_uid);
+    permissions.isOwnerPrivileged = facts.st_uid == 0;
+    permissions.othersRead = (facts.st_mode & (S_IROTH | S_IXOTH)) != 0;
+    const bool isOwnGroup = owner != nullptr && owner->pw_gid == facts.st_gid;
+    permissions.othersWrite = (facts.st_mode & S_IWOTH) != 0 || ((facts.st_mode & S_IWGRP) != 0 && !isOwnGroup);
+    permissions.isExecutable = (facts.st_mode & S_IXUSR) != 0;
+    return permissions;
+}
 
 std::string MissingRegistryDirectory() {
     std::error_code unknown;  // such as a directory above that may not be searched

@@ -98,6 +98,10 @@ std::string_view ServiceRestartCommand() {
     return "net stop \"Corvinel Monitoring Agent\" & net start \"Corvinel Monitoring Agent\"";
 }
 
+std::string RegistryFile() { return {}; }
+
+std::optional<FilePermissions> GetFilePermissions(std::u16string_view) { return std::nullopt; }
+
 std::string MissingRegistryDirectory() { return {}; }
 
 bool InputIsTerminal() {

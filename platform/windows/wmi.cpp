@@ -200,6 +200,11 @@ WmiOperations WmiFrom(const WmiSource& source) {
             Guarded([limit = source.objectLimit](WmiHandle services, std::u16string_view query,
                                                  WmiHandle& to) { return ExecQuery(limit, services, query, to); },
                     wmiResults),
+        .JudgeQuery =
+            [](WmiHandle, std::u16string_view, bool& isJudged) {
+                isJudged = false;
+                return wmi_status::ok;
+            },
         .Next = Guarded(Next, wmiResults),
         .BeginEnumeration = BeginEnumeration,
         .NextProperty = Guarded(NextProperty, wmiResults),

@@ -184,12 +184,11 @@ void Setup::Add(std::u16string_view key, std::u16string_view name, const std::st
                 const std::string& source) {
     const AgentSetting* const setting = FindAgentSetting(key, name);
     choices_.push_back({setting, value, source});
-    const bool isRepeated = !problems_.empty() && problems_.back().starts_with(source);
-    if (!platform::IsValidUtf8(value))
-        problems_.push_back(source + " is not UTF-8");
-    else if (!SettingTakes(*setting, WideFromUtf8(value)) && !isRepeated)
-        problems_.push_back(fmt::format("{} takes {}, not '{}'", source == before ? SettingTitle(*setting) : source,
-                                        SettingTaken(*setting), value));
+    if (SettingTakes(*setting, WideFromUtf8(value)) && platform::IsValidUtf8(value)) return;
+    const std::string problem = fmt::format("{} takes {}, not '{}'", source == before ? SettingTitle(*setting) : source,
+                                            SettingTaken(*setting), value);
+    const bool isTold = !problems_.empty() && problems_.back() == problem;  // a server is stored under three names
+    if (!isTold) problems_.push_back(problem);
 }
 
 /// The first address that the name leads to; else a problem, and a text that stands in for it.

@@ -8,5 +8,6 @@ namespace kv::control {
 // A row for each verb, in the order of the help.
 const commandline::Command& SnmpVerb();
 const commandline::Command& SetupVerb();
+const commandline::Command& CheckVerb();
 
 }  // namespace kv::control

@@ -1,0 +1,164 @@
+// kvagentctl setup and check, on a registry and an install tree of the test's own.
+#include "foundation/file_utils.h"
+#include "tests/tools/tool_fixture.h"
+
+namespace kv::test {
+
+namespace {
+
+const std::string agentKey = "Software\\Halvorine\\Kestrova\\KVAgent";
+const std::string serverKey = agentKey + "\\ServerInfo";
+
+class SetupAndCheck : public ToolTest {
+  protected:
+    SetupAndCheck() : ToolTest(KVAGENTCTL_PROGRAM) {
+        fs::permissions(folder / "state", fs::perms::owner_all);
+        fs::create_directories(conf / "scripts");
+        fs::create_directories(folder / "monitoring" / "bin");
+        fs::permissions(conf, fs::perms::owner_all);
+    }
+
+    /// Of kvreg.
+    Outcome Registry(const Words& words) const {
+        Outcome outcome;
+        std::FILE* const tool = StartTool({KVREG_PROGRAM, files.input, files.errors}, words);
+        for (int byte = std::fgetc(tool); byte != EOF; byte = std::fgetc(tool))
+            outcome.output += static_cast<char>(byte);
+        outcome.exitCode = EndTool(tool);
+        return outcome;
+    }
+    std::string Get(const std::string& key, const std::string& name) const {
+        return Registry({"get", key, name}).output;
+    }
+    void InstallAgent() const {
+        Registry({"set", agentKey, "KVAgentInstallDir", folder.string() + "/"});
+        ASSERT_EQ(Run({"setup", "--server", "localhost"}).exitCode, 0);
+    }
+
+    const fs::path conf = folder / "monitoring" / "conf";
+    const std::string plan = (folder / "plan.json").string();
+};
+
+TEST_F(SetupAndCheck, SetupTellsAllThatIsWrongAndStoresNothing) {
+    const std::tuple<const char*, Words, std::vector<const char*>> rows[] = {
+        {"nothing", {}, {"what is to be set?"}},
+        {"no server", {"--port", "1"}, {"--server is missing, and no server was set before"}},
+        {"all at once",
+         {"--server", "ftp://cs:x/", "--ip", "nowhere", "--second-ip", "q", "--customer", "", "--protocol", "ssh"},
+         {"--server takes https:// or http://, not 'ftp://'", "--ip takes an address, not 'nowhere'",
+          "--second-ip takes an address", "--server and --protocol name two protocols", "--server takes a port number",
+          "--customer takes a text that is not empty"}},
+        {"a path", {"--server", "https://cs/agent"}, {"takes no path, because the agent's paths are fixed"}},
+        {"two ports", {"--server", "cs:1", "--port", "2", "--ip", "192.0.2.1"}, {"--server and --port name two ports"}},
+        {"a port", {"--server", "cs", "--port", "65536", "--ip", "192.0.2.1"}, {"a port number from 1 to 65535"}},
+        {"unknown name", {"--server", "cs.invalid"}, {"cs.invalid cannot be looked up", "give the address with --ip"}},
+    };
+    for (const auto& [title, options, errors] : rows) {
+        SCOPED_TRACE(title);
+        Words words{"setup"};
+        words.insert(words.end(), options.begin(), options.end());
+        const Outcome outcome = Run(words);
+        EXPECT_EQ(outcome.exitCode, 2);
+        for (const char* error : errors) EXPECT_THAT(outcome.errors, HasSubstr(error));
+        EXPECT_EQ(Registry({"list", agentKey}).exitCode, 3) << "nothing is stored";
+    }
+}
+
+TEST_F(SetupAndCheck, SetupStoresAllAndChangesOneThing) {
+    const Words whole{"setup", "--server", "HTTPS://cs.example.com:8443/", "--ip", "192.0.2.1", "--office", "Here"};
+    Words dry = whole;
+    dry.push_back("--dry-run");
+    EXPECT_THAT(Run(dry).output, HasSubstr("Nothing was stored"));
+    EXPECT_EQ(Registry({"list", agentKey}).exitCode, 3);
+    const Outcome stored = Run(whole);
+    EXPECT_EQ(stored.exitCode, 0) << stored.errors;
+    EXPECT_THAT(stored.output, HasSubstr("systemctl restart corvinel-monitoring-agent"));
+    EXPECT_THAT(stored.errors, HasSubstr("KVAgentInstallDir is missing"));
+    EXPECT_EQ(Run({"setup", "--port", "8444", "--second-ip", "192.0.2.2"}).exitCode, 0);
+    const std::tuple<std::string, const char*, const char*> values[] = {
+        {serverKey, "KVServerName", "cs.example.com\n"},    {serverKey, "KVServerFlatName", "cs\n"},
+        {serverKey, "KVServerIPAddress", "192.0.2.1\n"},    {serverKey, "KVLastAccessName", "cs.example.com\n"},
+        {serverKey, "KVServerSecIPAddress", "192.0.2.2\n"}, {serverKey, "KVServerSecurePort", "8444\n"},
+        {serverKey, "KVServerProtocol", "https\n"},         {agentKey, "CustomerName", "Default\n"},
+        {agentKey, "RemoteOfficeName", "Here\n"},
+    };
+    for (const auto& [key, name, value] : values) EXPECT_EQ(Get(key, name), value) << name;
+    EXPECT_EQ(Run({"setup", "--server", "192.0.2.9"}).exitCode, 0);
+    EXPECT_EQ(Get(serverKey, "KVServerIPAddress") + Get(serverKey, "KVServerSecIPAddress"), "192.0.2.9\n--\n");
+}
+
+TEST_F(SetupAndCheck, CheckFindsWhatIsWrongWithSettings) {
+    const Outcome empty = Run({"check"});
+    EXPECT_EQ(empty.exitCode, 1);
+    EXPECT_THAT(empty.output, HasSubstr("error: setting ServerInfo\\KVServerName: is missing; kvagentctl setup"));
+    EXPECT_THAT(empty.output, testing::EndsWith("8 errors, 0 warnings\n"));
+    InstallAgent();
+    EXPECT_THAT(Run({"check"}).output, testing::EndsWith("so nothing is collected; put one there, or wait for the "
+                                                         "server to send one\n0 errors, 1 warning\n"));
+    Registry({"set", agentKey, "AgentLogLevel", "2", "--force"});
+    Registry({"set", agentKey, "ProxyEnabled", "yes"});
+    Registry({"set", serverKey, "KVServerProtocl", "http"});
+    fs::permissions(conf / "scripts", fs::perms::all);
+    fs::remove_all(folder / "monitoring" / "bin");
+    const Outcome faults = Run({"check"});
+    EXPECT_EQ(faults.exitCode, 1);
+    for (const char* fault : {"AgentLogLevel: has to be a DWORD", "ProxyServerName: is missing, and ProxyEnabled",
+                              "did you mean ServerInfo\\KVServerProtocol?",
+                              "scripts: others may write to it (mode 0777)", "bin: does not exist"})
+        EXPECT_THAT(faults.output, HasSubstr(fault));
+    EXPECT_THAT(faults.output, testing::EndsWith("4 errors, 2 warnings\n"));
+    fs::remove_all(folder / "state");
+    EXPECT_THAT(Run({"check"}).output, HasSubstr("error: registry: there is no"));
+}
+
+TEST_F(SetupAndCheck, CheckFindsWhatIsWrongWithAPlan) {
+    InstallAgent();
+    Write(conf / "scripts" / "crlf.sh", "#!/bin/sh\r\n");
+    Write(conf / "scripts" / "plain.sh", "echo\n");
+    Write(conf / "scripts" / "lost.sh", "#!/no/such/shell -e\n");
+    for (const char* name : {"crlf.sh", "lost.sh"}) fs::permissions(conf / "scripts" / name, fs::perms::owner_all);
+    const auto record = [](const std::string& members) {
+        return R"({"WorkFlows":[{"wfname":"W","interval":1,"recordSetName":[{)" + members + "}]}]}";
+    };
+    const std::string snmp = R"("PROTOCOL":"SPOLL","DEVICE_NAME":"d","COMMUNITY":"c","POLL_ID":"1","AGENT_KEY":"K",)";
+    const std::tuple<const char*, std::string, const char*> rows[] = {
+        {"cut", R"({"WorkFlows":[)", "error: plan"},
+        {"no list", R"({"workflows":[]})", "member workflows: did you mean WorkFlows?"},
+        {"no list, for the agent", R"({"workflows":[]})", "has no array WorkFlows: the agent would refuse it"},
+        {"no interval", R"({"WorkFlows":[{"intervall":1,"recordSetName":[]}]})", "intervall: did you mean interval?"},
+        {"interval 0", R"({"WorkFlows":[{"wfname":"W","interval":0}]})", "[0] \"W\": has an interval below 1"},
+        {"interval 1.5", R"({"WorkFlows":[{"interval":1.5,"recordSetName":[]}]})", "a fraction, which is cut off: 1"},
+        {"seconds", R"({"WorkFlows":[{"interval":86400,"recordSetName":[]}]})", "which is 60 days; interval is in min"},
+        {"no object", R"({"WorkFlows":[{"interval":1,"recordSetName":[5]}]})", "record [0]: is not an object"},
+        {"kind", record(R"("wmiquery":"SELECT","Name":"N")"), "it is skipped; wmiquery: did you mean wmiQuery?"},
+        {"property", record(R"("wmiQuery":"SELECT Nam FROM Win32_Process","Name":"N")"), "did you mean Name?"},
+        {"namespace", record(R"("wmiQuery":"SELECT * FROM Win32_Process","Name":"N","nameSpace":"ROOT\\X")"),
+         "ROOT\\X"},
+        {"taken name", record(R"("wmiQuery":"SELECT * FROM Win32_BIOS","Name":"ERRORMSG")"), "is another member"},
+        {"absent script", record(R"("script":"no.sh","Name":"N")"), "conf/scripts/no.sh does not exist"},
+        {"outside", record(R"("script":"../x","Name":"N")"), "does not name a file below conf/scripts"},
+        {"line ends", record(R"("script":"crlf.sh","Name":"N")"), "has CRLF line ends"},
+        {"interpreter", record(R"("script":"lost.sh","Name":"N")"), "interpreter /no/such/shell, which does not exist"},
+        {"mode", record(R"("script":"plain.sh","Name":"N")"), "is not executable, so /bin/sh runs it; chmod +x"},
+        {"no record", record(R"("script":"plain.sh","Name":"N")"), "note: workflow [0] \"W\", record [0] \"N\": resp"},
+        {"port", record(snmp + R"("SNMP_VERSION":"v1","OID":".1.3","SNMP_PORT":"x")"), "SNMP_PORT is not a number"},
+        {"version", record(snmp + R"("SNMP_VERSION":"2c","OID":".1.3")"), "'2c' is neither v1 nor v2c: v1 is taken"},
+        {"oid", record(snmp + R"("SNMP_VERSION":"v1","OID":".1.3,1.3.6")"), "OID '1.3.6' does not begin with a dot"},
+        {"oid letters", record(snmp + R"("SNMP_VERSION":"v1","OID":".1.x")"), "OID '.1.x' is not numbers with dots"},
+    };
+    for (const auto& [title, text, finding] : rows) {
+        SCOPED_TRACE(title);
+        Write(plan, text);
+        EXPECT_THAT(Run({"check", plan}).output, HasSubstr(finding));
+    }
+    EXPECT_EQ(Run({"check", plan + ".missing"}).exitCode, 3);
+    Write(plan, Utf16LittleEndianBytes(u"{\"WorkFlows\":[{\"wfname\":\"W\",\"interval\":1,\"recordSetName\":"
+                                       u"[{\"wmiQuery\":\"SELECT * FROM Win32_BIOS\",\"Name\":\"N\"}]}]}"));
+    const Outcome good = Run({"check", plan, "--json"});
+    EXPECT_EQ(good.exitCode, 0) << good.output;
+    EXPECT_THAT(good.output, HasSubstr("\"errors\": 0"));
+}
+
+}  // namespace
+
+}  // namespace kv::test

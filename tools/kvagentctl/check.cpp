@@ -1,0 +1,68 @@
+// kvagentctl check: settings, plan and server at once.
+#include <fmt/format.h>
+
+#include "foundation/file_utils.h"
+#include "platform/files.h"
+#include "platform/utf.h"
+#include "tools/kvagentctl/agent_process.h"
+#include "tools/kvagentctl/check_parts.h"
+#include "tools/kvagentctl/verbs.h"
+
+namespace kv::control {
+
+namespace {
+
+using commandline::Given;
+
+constexpr std::u16string_view planBelowInstall = u"monitoring\\conf\\queryconf.txt";
+
+void CheckOwnPlan(Findings& findings) {
+    const std::u16string install = InstallDirectory();
+    if (install.empty()) return;
+    const std::u16string path = install + std::u16string(planBelowInstall);
+    const std::string name = platform::Utf8FromWide(platform::Files().NativePath(path));
+    const std::u16string refused = install + u"monitoring\\conf\\download\\queryconf.txt.refused";
+    const std::string refusedName = platform::Utf8FromWide(platform::Files().NativePath(refused));
+    if (MayExist(refused))
+        findings.Warn("plan " + refusedName, "is the last new plan of the server, which the agent refused",
+                      "kvagentctl check " + refusedName + " says why");
+    if (MayExist(path))
+        CheckPlan(findings, path, name);
+    else
+        findings.Warn("plan " + name, "does not exist, so nothing is collected",
+                      "put one there, or wait for the server to send one");
+}
+
+void RunCheck(const Given& given) {
+    const std::string plan = commandline::Value(given, "PLAN");
+    if (commandline::Has(given, "PLAN") && !MayExist(platform::WideFromUtf8(plan)))
+        throw commandline::NotFoundError(fmt::format("there is no file {}", plan));
+    Findings findings;
+    {
+        // What the agent's libraries say of a part is its findings; the rest of their lines is not for people.
+        const LogLines silence([](std::string_view) {});
+        CheckSettings(findings);
+    }
+    if (plan.empty())
+        CheckOwnPlan(findings);
+    else
+        CheckPlan(findings, platform::WideFromUtf8(plan), plan);
+    const bool isJson = commandline::Has(given, "--json");
+    fmt::print("{}", isJson ? FindingsAsJson(findings) : PrintedFindings(findings));
+    if (findings.Count(Severity::error) > 0) throw commandline::ExitWith{1};
+}
+
+}  // namespace
+
+const commandline::Command& CheckVerb() {
+    static constexpr commandline::Word words[] = {{"PLAN", "a plan's file; default: the agent's own", true}};
+    static constexpr commandline::Option options[] = {{"--json", "", "prints the findings as JSON"}};
+    static constexpr commandline::Command verb{
+        "check",
+        "Checks the settings and a plan. Each finding is a line: error or warning, where, what, and what to do. The "
+        "last line counts them. Nothing is changed, run or collected. The exit code is 1 when there is an error.",
+        words, options, RunCheck};
+    return verb;
+}
+
+}  // namespace kv::control

@@ -1,0 +1,42 @@
+// The parts of kvagentctl check. Each adds what it finds, and changes nothing.
+#pragma once
+
+#include <map>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "foundation/hash_table.h"
+#include "tools/kvagentctl/findings.h"
+
+namespace kv::control {
+
+/// Where the agent's directory monitoring stands, with a slash or backslash at its end; empty when the setting is
+/// absent or not usable.
+std::u16string InstallDirectory();
+
+/// Each setting in the registry, what stands beside the known ones, and the files and directories that belong to them.
+void CheckSettings(Findings& findings);
+
+/// What a check of one plan knows beyond the record at hand.
+struct PlanContext {
+    std::map<std::u16string, std::string> places = {};  // of the names of the records so far
+    bool isQueryUnjudged = false;                       // a query could not be judged on this system
+};
+
+/// One record of a plan; where names it and its workflow.
+void CheckRecord(Findings& findings, PlanContext& context, const std::string& where, const HashTable* record);
+
+/// A warning or note for each member of a table that is not among the known ones.
+void CheckMemberNames(Findings& findings, const std::string& where, const HashTable* table,
+                      std::span<const std::u16string_view> known);
+
+/// A plan's file: whether the agent would take it, and each workflow and record in it. The path is as platform/files.h
+/// takes it, the name as people know it.
+void CheckPlan(Findings& findings, std::u16string_view path, const std::string& name);
+
+/// Each of the server's addresses, in the order in which the agent tries them. Asks the server for "/", which changes
+/// nothing there.
+void CheckServer(Findings& findings);
+
+}  // namespace kv::control

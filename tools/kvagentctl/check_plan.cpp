@@ -1,0 +1,157 @@
+// What kvagentctl check says of a plan and its workflows.
+#include <algorithm>
+#include <fmt/format.h>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "foundation/text.h"
+#include "jsontext/hash_json.h"
+#include "platform/near_name.h"
+#include "platform/utf.h"
+#include "queryconf/query_config.h"
+#include "tools/kvagentctl/agent_process.h"
+#include "tools/kvagentctl/check_parts.h"
+
+namespace kv::control {
+
+namespace {
+
+using platform::Utf8FromWide;
+
+constexpr std::u16string_view workflowsKey = u"WorkFlows";
+constexpr std::u16string_view slaveKeys = u"WorkFlows_";
+constexpr std::int32_t longInterval = 31 * 24 * 60;  // minutes; more is likely to be seconds by mistake
+constexpr std::u16string_view workflowMembers[] = {u"wfname", u"interval", u"order", u"recordSetName"};
+
+/// The slave whose plan a document is; empty for the agent's own.
+std::u16string SlaveOf(const HashTable* document) {
+    if (ContainsHashKey(document, u"WorkFlows")) return u"";
+    const std::unique_ptr<const char16_t*[]> keys = GetHashKeys(document);
+    for (std::size_t i = 0; keys[i]; ++i) {
+        const std::u16string_view key = keys[i];
+        if (key.starts_with(slaveKeys)) return std::u16string(key.substr(slaveKeys.size()));
+    }
+    return u"";
+}
+
+void CheckInterval(Findings& findings, const std::string& where, const HashTable* workflow) {
+    const HashEntry* const interval = GetHashEntry(workflow, u"interval");
+    const auto minutes = static_cast<std::int32_t>(interval->value);
+    if (interval->type == ValueType::number)
+        findings.Warn(where, fmt::format("interval has a fraction, which is cut off: {} is left", minutes),
+                      "give whole minutes");
+    if (minutes > longInterval)
+        findings.Warn(where, fmt::format("has an interval of {} minutes, which is {} days", minutes, minutes / 1440),
+                      "interval is in minutes");
+}
+
+void CheckRecords(Findings& findings, PlanContext& context, const std::string& where, const Vector* records) {
+    if (!records->head) findings.Warn(where, "has no records", "put records into recordSetName");
+    int index = 0;
+    for (const VectorElement* element = records->head; element; element = element->next, ++index) {
+        const std::string place = fmt::format("{}, record [{}]", where, index);
+        if (element->type == ValueType::table)
+            CheckRecord(findings, context, place, reinterpret_cast<const HashTable*>(element->value));
+        else
+            findings.Error(place, "is not an object and is skipped");
+    }
+}
+
+void CheckWorkflow(Findings& findings, PlanContext& context, const std::string& where, const VectorElement* element) {
+    const char* const fault = WorkflowFault(element);
+    if (element->type != ValueType::table) return findings.Error(where, fmt::format("{}: it is left out", fault));
+    const auto* const workflow = reinterpret_cast<const HashTable*>(element->value);
+    CheckMemberNames(findings, where, workflow, workflowMembers);
+    if (fault)
+        findings.Error(where, fmt::format("{}: it is left out", fault));
+    else
+        CheckInterval(findings, where, workflow);
+    if (const Vector* const records = GetHashVector(workflow, u"recordSetName"))
+        CheckRecords(findings, context, where, records);
+}
+
+void CheckWorkflows(Findings& findings, PlanContext& context, const std::string& list, const Vector* workflows) {
+    if (!workflows->head) findings.Warn(list, "is empty: nothing is collected");
+    int index = 0;
+    for (const VectorElement* element = workflows->head; element; element = element->next, ++index) {
+        std::string where = fmt::format("workflow [{}]", index);
+        if (list != Utf8FromWide(workflowsKey)) where = list + ", " + where;
+        const auto* const workflow = reinterpret_cast<const HashTable*>(element->value);
+        const char16_t* const name = element->type == ValueType::table ? GetHashText(workflow, u"wfname") : nullptr;
+        if (name) where += fmt::format(" \"{}\"", Utf8FromWide(name));
+        CheckWorkflow(findings, context, where, element);
+    }
+}
+
+/// The lists of a document, of which those of other agents are collected, too.
+void CheckLists(Findings& findings, const HashTable* document) {
+    PlanContext context;
+    const std::unique_ptr<const char16_t*[]> keys = GetHashKeys(document);
+    for (std::size_t i = 0; keys[i]; ++i) {
+        const std::u16string_view wide = keys[i];
+        const std::string key = Utf8FromWide(wide);
+        const Vector* const workflows = GetHashVector(document, wide);
+        const bool isKnown = wide == workflowsKey || wide.starts_with(slaveKeys);
+        const std::u16string_view nearest = platform::NearestName(wide, {&workflowsKey, 1});
+        if (!isKnown)
+            findings.Warn("member " + key, nearest.empty() ? "is not a list of workflows that the agent knows"
+                                                           : fmt::format("did you mean {}?", Utf8FromWide(nearest)));
+        if (workflows)
+            CheckWorkflows(findings, context, key, workflows);
+        else if (isKnown)
+            findings.Error("member " + key, "is not an array: it is left out");
+    }
+    if (context.isQueryUnjudged)
+        findings.Note("plan",
+                      "queries were not judged, because this system tells what is wrong only when one is run: "
+                      "kvagentctl collect runs them");
+}
+
+/// What a message says of the file whose name it begins with.
+std::string WithoutName(std::string message, std::u16string_view path) {
+    const std::string name = Utf8FromWide(path);
+    if (!message.starts_with(name)) return message;
+    return message.substr(std::min(message.find_first_not_of(": ", name.size()), message.size()));
+}
+
+}  // namespace
+
+void CheckMemberNames(Findings& findings, const std::string& where, const HashTable* table,
+                      std::span<const std::u16string_view> known) {
+    const std::unique_ptr<const char16_t*[]> keys = GetHashKeys(table);
+    for (std::size_t i = 0; keys[i]; ++i) {
+        const std::u16string_view key = keys[i];
+        if (std::find(known.begin(), known.end(), key) != known.end()) continue;
+        const std::u16string_view nearest = platform::NearestName(key, known);
+        if (nearest.empty() || ContainsHashKey(table, nearest))
+            findings.Note(where, fmt::format("the agent does not know the member {}", Utf8FromWide(key)));
+        else
+            findings.Warn(where, fmt::format("{}: did you mean {}?", Utf8FromWide(key), Utf8FromWide(nearest)));
+    }
+}
+
+void CheckPlan(Findings& findings, std::u16string_view path, const std::string& name) {
+    const std::string where = "plan " + name;
+    std::vector<std::string> lines;
+    const LogLines log([&](std::string_view line) { lines.emplace_back(WithoutRoutine(line)); });
+    const HashTablePtr document = MakeHashTable();
+    if (!document) throw std::bad_alloc();
+    const JsonReadResult read = JSONFileToHash(document.get(), path);
+    for (const std::string& line : lines) findings.Warn(where, line);
+    if (!read.ok) {
+        findings.Error(where, WithoutName(read.message, path) + ": the agent would refuse it");
+        return;
+    }
+    if (!read.message.empty()) findings.Warn(where, WithoutName(read.message, path));
+    lines.clear();
+    const std::u16string slave = SlaveOf(document.get());
+    if (JudgeQueryConfig(slave, path) != PlanJudgement::usable) {
+        for (const std::string& line : lines)
+            findings.Error(where, WithoutName(line, path) + ": the agent would refuse it");
+    }
+    if (!slave.empty()) findings.Note(where, "is that of the slave " + Utf8FromWide(slave));
+    CheckLists(findings, document.get());
+}
+
+}  // namespace kv::control

@@ -1,0 +1,220 @@
+// What kvagentctl check says of a record of a plan.
+#include <algorithm>
+#include <array>
+#include <fmt/format.h>
+#include <optional>
+#include <string_view>
+#include <vector>
+
+#include "collection/record_members.h"
+#include "collection/snmp_query.h"
+#include "collection/wmi.h"
+#include "collection/wmi_query.h"
+#include "foundation/file_utils.h"
+#include "foundation/text.h"
+#include "platform/console_tool.h"
+#include "platform/files.h"
+#include "platform/near_name.h"
+#include "platform/utf.h"
+#include "snmp/asn.h"
+#include "snmp/oid.h"
+#include "tools/kvagentctl/check_parts.h"
+
+namespace kv::control {
+
+namespace {
+
+using platform::Utf8FromWide;
+
+constexpr std::size_t longestCommunity = 254;  // bytes
+
+constexpr std::u16string_view wmiMembers[] = {u"wmiQuery", u"nameSpace", u"Name"};
+constexpr std::u16string_view scriptMembers[] = {u"script", u"Name", u"params", u"response_needed"};
+constexpr std::u16string_view snmpMembers[] = {
+    u"PROTOCOL", u"DEVICE_NAME", u"SNMP_PORT",  u"SNMP_VERSION", u"COMMUNITY", u"OID", u"IS_MULTIPLE_POLLED_DATA",
+    u"POLL_ID",  u"AGENT_KEY",   u"POLICY_NAME"};
+
+/// One record while it is checked.
+struct Subject {
+    Findings& findings;
+    PlanContext& context;
+    std::string where;
+    const HashTable* record;
+
+    void Error(std::string what, std::string next = "") const {
+        findings.Error(where, std::move(what), std::move(next));
+    }
+    void Warn(std::string what, std::string next = "") const { findings.Warn(where, std::move(what), std::move(next)); }
+    OptionalText text(std::u16string_view key) const { return MemberText(record, key); }
+};
+
+/// The member as text; a finding when it is absent or has none.
+OptionalText NeededText(const Subject& subject, std::u16string_view key) {
+    const OptionalText text = subject.text(key);
+    const bool isThere = ContainsHashKey(subject.record, key) != 0;
+    if (!text)
+        subject.Error(
+            fmt::format("{} {}: the record is skipped", Utf8FromWide(key), isThere ? "is not a text" : "is missing"));
+    return text;
+}
+
+/// Two records of one name reach the server as one.
+void CheckName(const Subject& subject, const std::u16string& name) {
+    const auto [place, isNew] = subject.context.places.emplace(name, subject.where);
+    if (!isNew)
+        subject.Warn(fmt::format("has the Name of {}, and the server cannot tell their rows apart", place->second));
+}
+
+void CheckWmi(const Subject& subject) {
+    CheckMemberNames(subject.findings, subject.where, subject.record, wmiMembers);
+    const OptionalText query = NeededText(subject, u"wmiQuery");
+    const OptionalText name = NeededText(subject, u"Name");
+    if (name && IsWMIRecordMember(*name))
+        subject.Error(fmt::format("Name {} is another member of the record: it is skipped", Utf8FromWide(*name)),
+                      "give it another Name");
+    else if (name)
+        CheckName(subject, *name);
+    if (!query) return;
+    const std::optional<std::u16string> fault = WMIQueryFault(subject.text(u"nameSpace"), *query);
+    if (!fault)
+        subject.context.isQueryUnjudged = true;
+    else if (!fault->empty())
+        subject.Error("wmiQuery is refused: " + Utf8FromWide(*fault));
+}
+
+/// What is wrong with the first line of a script, by which the system finds its interpreter; empty when nothing is.
+std::string FirstLineFault(std::u16string_view path) {
+    constexpr std::size_t enough = 64 * 1024 * 1024;
+    std::string content;
+    if (const platform::Error failure = ReadWholeFile(path, content, enough))
+        return fmt::format("cannot be read (error {})", failure);
+    if (!content.starts_with("#!")) return "";
+    const std::string line = content.substr(2, content.find('\n') - 2);
+    if (line.ends_with('\r')) return "has CRLF line ends, so its interpreter is not found";
+    const std::size_t begin = std::min(line.find_first_not_of(" \t"), line.size());
+    const std::string interpreter = line.substr(begin, line.find_first_of(" \t", begin) - begin);
+    const bool isThere = MayExist(platform::WideFromUtf8(interpreter));
+    return isThere ? "" : fmt::format("names the interpreter {}, which does not exist", interpreter);
+}
+
+void CheckScriptFile(const Subject& subject, const std::u16string& script) {
+    const std::string name = Utf8FromWide(script);
+    if (!StaysBelowDirectory(script))
+        return subject.Error(fmt::format("script {} does not name a file below conf/scripts and is not run", name));
+    const std::u16string install = InstallDirectory();
+    if (install.empty()) return;
+    const std::u16string path = install + u"monitoring\\conf\\scripts\\" + script;
+    const std::string native = Utf8FromWide(platform::Files().NativePath(path));
+    if (!MayExist(path)) return subject.Error(fmt::format("script {} does not exist", native), "put it there");
+    if (IsDirectory(path)) return subject.Error(fmt::format("script {} is a directory", native));
+    const std::optional<platform::FilePermissions> permissions = platform::GetFilePermissions(path);
+    if (!permissions) return;
+    if (!permissions->isExecutable)
+        subject.Warn(fmt::format("script {} is not executable, so /bin/sh runs it", native), "chmod +x " + native);
+    else if (const std::string fault = FirstLineFault(path); !fault.empty())
+        subject.Error(fmt::format("script {} {}", native, fault));
+    if (permissions->othersWrite)
+        subject.Error(fmt::format("script {} may be changed by others (mode {})", native, permissions->mode),
+                      "chmod 0750 " + native);
+}
+
+void CheckScript(const Subject& subject) {
+    CheckMemberNames(subject.findings, subject.where, subject.record, scriptMembers);
+    if (const OptionalText script = NeededText(subject, u"script")) CheckScriptFile(subject, *script);
+    const OptionalText name = subject.text(u"Name");
+    if (name.value_or(u"").empty())
+        subject.Warn("Name is missing, which shifts the script's arguments", "give it a Name");
+    const bool makesRecord = CompareIgnoreCase(subject.text(u"response_needed"), u"true") == 0;
+    if (!makesRecord)
+        subject.findings.Note(subject.where, "response_needed is not true: the script runs, and no record comes");
+    else if (!name.value_or(u"").empty())
+        CheckName(subject, *name);
+}
+
+/// What is wrong with one OID; empty when nothing is.
+std::string OidFault(const std::string& oid) {
+    if (!oid.starts_with('.')) return "does not begin with a dot";
+    snmp::SubIds subIds;
+    const std::int32_t count = snmp::ConvertToOidOrIpFromString(subIds, oid, false);
+    if (count < 1) return "is not numbers with dots between";
+    if (count > snmp::asnMaxBuildSubIds) return fmt::format("has more than {} numbers", snmp::asnMaxBuildSubIds);
+    return "";
+}
+
+void CheckOids(const Subject& subject) {
+    const std::string oids = Utf8FromWide(subject.text(u"OID").value_or(u""));
+    bool isAny = false;
+    for (std::size_t at = 0; at < oids.size();) {
+        const std::string oid = oids.substr(at, oids.find(',', at) - at);
+        at += oid.size() + 1;
+        if (oid.empty()) continue;
+        isAny = true;
+        const std::string fault = OidFault(oid);
+        if (!fault.empty()) subject.Error(fmt::format("OID '{}' {}", oid, fault), "as in .1.3.6.1.2.1.1.3.0");
+    }
+    if (!isAny) subject.Error("OID is missing: nothing is asked");
+}
+
+void CheckSnmp(const Subject& subject) {
+    CheckMemberNames(subject.findings, subject.where, subject.record, snmpMembers);
+    if (subject.text(u"DEVICE_NAME").value_or(u"").empty()) subject.Error("DEVICE_NAME is missing: nothing is asked");
+    std::int32_t port = 0;
+    if (!SnmpPort(subject.record, port))
+        subject.Error("SNMP_PORT is not a number from 1 to 65535: the device is not asked");
+    const OptionalText version = subject.text(u"SNMP_VERSION");
+    if (version == u"v3")
+        subject.Error("SNMP_VERSION v3 gets no answer from any device", "v1 or v2c");
+    else if (version != u"v1" && version != u"v2c")
+        subject.Warn(
+            fmt::format("SNMP_VERSION '{}' is neither v1 nor v2c: v1 is taken", Utf8FromWide(version.value_or(u""))));
+    const OptionalText community = subject.text(u"COMMUNITY");
+    if (!community) subject.Warn("COMMUNITY is missing: public is taken");
+    if (Utf8FromWide(community.value_or(u"")).size() > longestCommunity)
+        subject.Error(fmt::format("COMMUNITY has more than {} bytes", longestCommunity));
+    CheckOids(subject);
+    for (const std::u16string_view key : {u"POLL_ID", u"AGENT_KEY"}) {
+        if (!subject.text(key))
+            subject.Warn(fmt::format("{} is missing, and the server knows the values by it", Utf8FromWide(key)));
+    }
+}
+
+struct Kind {
+    std::u16string_view key;
+    void (*check)(const Subject& subject);
+};
+/// In the order in which the agent asks.
+constexpr Kind kinds[] = {{u"wmiQuery", CheckWmi}, {u"script", CheckScript}, {u"PROTOCOL", CheckSnmp}};
+constexpr std::u16string_view kindNames[] = {u"wmiQuery", u"script", u"PROTOCOL"};
+
+/// A record that has none of the keys that tell its kind.
+void CheckUnknownKind(const Subject& subject) {
+    std::string meant;
+    const std::unique_ptr<const char16_t*[]> keys = GetHashKeys(subject.record);
+    for (std::size_t i = 0; keys[i]; ++i) {
+        const std::u16string_view nearest = platform::NearestName(keys[i], kindNames);
+        if (!nearest.empty()) meant = fmt::format("{}: did you mean {}?", Utf8FromWide(keys[i]), Utf8FromWide(nearest));
+    }
+    subject.Error("has none of wmiQuery, script and PROTOCOL, so it is skipped", meant);
+}
+
+}  // namespace
+
+void CheckRecord(Findings& findings, PlanContext& context, const std::string& where, const HashTable* record) {
+    Subject subject{findings, context, where, record};
+    if (const OptionalText name = subject.text(u"Name")) subject.where += fmt::format(" \"{}\"", Utf8FromWide(*name));
+    const Kind* found = nullptr;
+    for (const Kind& kind : kinds) {
+        if (!ContainsHashKey(record, kind.key)) continue;
+        if (found)
+            subject.Warn(
+                fmt::format("{} is ignored, because {} is there", Utf8FromWide(kind.key), Utf8FromWide(found->key)));
+        else
+            found = &kind;
+    }
+    if (found)
+        found->check(subject);
+    else
+        CheckUnknownKind(subject);
+}
+
+}  // namespace kv::control

@@ -1,0 +1,187 @@
+// What kvagentctl check says of the settings.
+#include <array>
+#include <fmt/format.h>
+#include <optional>
+
+#include "foundation/agent_settings.h"
+#include "foundation/file_utils.h"
+#include "foundation/registry_store.h"
+#include "foundation/text.h"
+#include "platform/console_tool.h"
+#include "platform/files.h"
+#include "platform/utf.h"
+#include "tools/kvagentctl/check_parts.h"
+#include "tools/kvreg/registry_failure.h"
+#include "tools/kvreg/registry_tree.h"
+
+namespace kv::control {
+
+namespace {
+
+using platform::Utf8FromWide;
+
+OptionalText StoredText(platform::Error (*read)(OptionalText&)) {
+    OptionalText text;
+    return read(text) == platform::error::success ? text : std::nullopt;
+}
+
+/// The options of kvagentctl setup that store a setting.
+struct SetupOption {
+    std::u16string_view name;
+    const char* option;
+};
+constexpr SetupOption setupOptions[] = {
+    {u"CustomerName", "--customer NAME"},
+    {u"RemoteOfficeName", "--office NAME"},
+    {u"KVServerName", "--server SERVER"},
+    {u"KVServerFlatName", "--server SERVER"},
+    {u"KVLastAccessName", "--server SERVER"},
+    {u"KVServerIPAddress", "--ip ADDRESS"},
+    {u"KVServerSecIPAddress", "--second-ip ADDRESS"},
+    {u"KVServerSecurePort", "--port PORT"},
+    {u"KVServerProtocol", "--protocol https"},
+};
+
+/// The command that sets a setting right.
+std::string SetCommand(const AgentSetting& setting) {
+    for (const SetupOption& option : setupOptions) {
+        if (option.name != setting.name) continue;
+        const bool hasServer = StoredText(GetKVServerName).has_value();
+        return fmt::format("kvagentctl setup {}", hasServer ? option.option : "--server SERVER");
+    }
+    const bool isNumber = SettingType(setting) == platform::RegistryType::dword;
+    return fmt::format("kvreg set \"{}\" {} VALUE{}", Utf8FromWide(setting.key), Utf8FromWide(setting.name),
+                       isNumber ? " --dword" : "");
+}
+
+void CheckSetting(Findings& findings, const AgentSetting& setting) {
+    const std::string where = "setting " + SettingTitle(setting);
+    RegFileValue value;
+    const platform::Error result = ReadValue(setting.key, setting.name, value);
+    if (IsGone(result)) {
+        if (setting.use == SettingUse::required) findings.Error(where, "is missing", SetCommand(setting));
+        return;
+    }
+    if (result != platform::error::success) {
+        findings.Error(where, "cannot be read: " + RegistryFailureText(result));
+        return;
+    }
+    const std::string fault = SettingFault(setting, value.type, value.data);
+    if (fault.empty()) return;
+    if (setting.use == SettingUse::unused)
+        findings.Warn(where, fault);
+    else
+        findings.Error(where, fault, SetCommand(setting));
+}
+
+/// Names below the agent's key that look like a slip. Others may be of the endpoint agent, whose key it is as well.
+void CheckUnknownNames(Findings& findings) {
+    RegFile tree;
+    std::u16string failedAt;
+    if (ReadTree(agentKeyPath, tree, failedAt) != platform::error::success) return;
+    for (const RegFileKey& key : tree) {
+        for (const RegFileValue& value : key.values) {
+            if (FindAgentSetting(key.path, value.name)) continue;
+            const std::string nearest = NearestSetting(key.path, value.name);
+            if (nearest.empty()) continue;
+            findings.Warn("setting " + Utf8FromWide(value.name) + " in " + Utf8FromWide(key.path),
+                          fmt::format("the agent does not know it; did you mean {}?", nearest),
+                          fmt::format("kvreg delete \"{}\" \"{}\"", Utf8FromWide(key.path), Utf8FromWide(value.name)));
+        }
+    }
+}
+
+/// What fits each other only together.
+void CheckTogether(Findings& findings) {
+    const bool hasProxy = CompareIgnoreCase(StoredText(GetProxyEnabled), u"yes") == 0;
+    if (hasProxy && !StoredText(GetProxyServerName))
+        findings.Error("setting ProxyServerName", "is missing, and ProxyEnabled says yes",
+                       "give the proxy as HOST:PORT, or set ProxyEnabled to no");
+    std::uint32_t level = 1;
+    GetAgentLogLevel(level);
+    if (level == 3 || level == 4)
+        findings.Warn("setting AgentLogLevel", fmt::format("is {}, which writes every SNMP datagram", level),
+                      "set it back to 1 when you have seen what you look for");
+}
+
+/// Others than the owner and the group have no business in the agent's files.
+void CheckPermissions(Findings& findings, const std::string& what, std::u16string_view path, const char* wanted,
+                      bool mayBeRead = false) {
+    const std::optional<platform::FilePermissions> found = platform::GetFilePermissions(path);
+    if (!found) return;
+    const std::string name = Utf8FromWide(platform::Files().NativePath(path));
+    const std::string next = fmt::format("chmod {} {}", wanted, name);
+    if (found->othersWrite)
+        findings.Error(what + " " + name, fmt::format("others may write to it (mode {})", found->mode), next);
+    else if (found->othersRead && !mayBeRead)
+        findings.Warn(what + " " + name, fmt::format("others may read it (mode {})", found->mode), next);
+    if (!found->isOwnerPrivileged)
+        findings.Warn(what + " " + name, fmt::format("belongs to {}", found->owner),
+                      fmt::format("chown root {}, unless the agent runs as {}", name, found->owner));
+}
+
+void CheckRegistryFile(Findings& findings) {
+    const std::string file = platform::RegistryFile();
+    if (file.empty()) return;
+    const std::string directory = file.substr(0, file.rfind('/'));
+    CheckPermissions(findings, "state directory", platform::WideFromUtf8(directory), "0750");
+    CheckPermissions(findings, "registry", platform::WideFromUtf8(file), "0600");
+}
+
+struct Directory {
+    std::u16string_view path;  // below the install directory
+    Severity whenMissing;
+    bool mayBeRead;  // by others
+};
+constexpr Directory directories[] = {
+    {u"monitoring\\bin", Severity::error, true},
+    {u"monitoring\\conf", Severity::error, false},
+    {u"monitoring\\conf\\scripts", Severity::warning, true},
+};
+
+void CheckInstallDirectory(Findings& findings) {
+    const std::u16string install = InstallDirectory();
+    if (install.empty()) return;
+    const auto named = [](std::u16string_view path) { return Utf8FromWide(platform::Files().NativePath(path)); };
+    if (!IsDirectory(install)) {
+        findings.Error("setting KVAgentInstallDir", named(install) + " is not a directory",
+                       "make it, or set KVAgentInstallDir to where the agent is installed");
+        return;
+    }
+    for (const Directory& directory : directories) {
+        const std::u16string path = install + std::u16string(directory.path);
+        if (IsDirectory(path)) {
+            CheckPermissions(findings, "directory", path, "0750", directory.mayBeRead);
+        } else {
+            findings.list.push_back({directory.whenMissing, "directory " + named(path), "does not exist", "make it"});
+        }
+    }
+}
+
+}  // namespace
+
+std::u16string InstallDirectory() {
+    const OptionalText install = StoredText(GetKVAgentInstallDir);
+    const AgentSetting* const setting = FindAgentSetting(agentKeyPath, u"KVAgentInstallDir");
+    return install && SettingTakes(*setting, *install) ? *install : std::u16string();
+}
+
+void CheckSettings(Findings& findings) {
+    if (const std::string missing = MissingRegistryText(); !missing.empty()) {
+        findings.Error("registry", missing);
+        return;
+    }
+    KeyContents contents;
+    const platform::Error result = ReadKey(agentKeyPath, contents);
+    if (result != platform::error::success && !IsGone(result)) {
+        findings.Error("registry", "cannot be read: " + RegistryFailureText(result));
+        return;
+    }
+    for (const AgentSetting& setting : AgentSettings()) CheckSetting(findings, setting);
+    CheckUnknownNames(findings);
+    CheckTogether(findings);
+    CheckRegistryFile(findings);
+    CheckInstallDirectory(findings);
+}
+
+}  // namespace kv::control
