@@ -40,6 +40,10 @@ struct FilePermissions {
 /// Whether a person at a terminal may answer a question.
 [[nodiscard]] bool InputIsTerminal();
 
+/// From now on Ctrl-C, or what else asks the program to end, ends nothing by itself: WasInterrupted tells of it.
+void WatchForInterrupt();
+[[nodiscard]] bool WasInterrupted();
+
 /// False when nobody reads standard output any more; a program that prints seldom would not notice otherwise. True
 /// where that cannot be found out.
 [[nodiscard]] bool OutputHasReader();

@@ -1,6 +1,7 @@
 #include "platform/console_tool.h"
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
@@ -20,6 +21,8 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr int maximumLinks = 40;  // as many as the system follows
+
+volatile std::sig_atomic_t isInterrupted = 0;
 
 /// 0, or the errno.
 int WriteAll(int file, std::string_view bytes) {
@@ -111,6 +114,14 @@ std::string MissingRegistryDirectory() {
 }
 
 bool InputIsTerminal() { return isatty(STDIN_FILENO) == 1; }
+
+void WatchForInterrupt() {
+    struct sigaction action {};
+    action.sa_handler = [](int) { isInterrupted = 1; };
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) sigaction(signal, &action, nullptr);
+}
+
+bool WasInterrupted() { return isInterrupted != 0; }
 
 bool OutputHasReader() {
     pollfd output{STDOUT_FILENO, 0, 0};

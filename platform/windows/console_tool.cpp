@@ -1,6 +1,7 @@
 #include "platform/console_tool.h"
 
 #include <algorithm>
+#include <atomic>
 #include <memory>
 
 #include "platform/owned_handle.h"
@@ -22,6 +23,8 @@ constexpr const wchar_t* privateAccess = L"D:P(A;;FA;;;OW)(A;;FA;;;BA)(A;;FA;;;S
 constexpr ULONG pipeIsClosing = 4;        // FILE_PIPE_CLOSING_STATE
 constexpr DWORD largestWrite = 1U << 20;  // bytes; a console takes no large ones
 constexpr int maximumNames = 1000;        // tried for the file beside the one to be replaced
+
+std::atomic<bool> isInterrupted{false};
 
 Error WriteAll(HANDLE file, std::string_view bytes) {
     while (!bytes.empty()) {
@@ -103,6 +106,17 @@ std::string RegistryFile() { return {}; }
 std::optional<FilePermissions> GetFilePermissions(std::u16string_view) { return std::nullopt; }
 
 std::string MissingRegistryDirectory() { return {}; }
+
+void WatchForInterrupt() {
+    ::SetConsoleCtrlHandler(
+        [](DWORD) -> BOOL {
+            isInterrupted = true;
+            return TRUE;
+        },
+        TRUE);
+}
+
+bool WasInterrupted() { return isInterrupted; }
 
 bool InputIsTerminal() {
     DWORD mode = 0;  // only a console has one

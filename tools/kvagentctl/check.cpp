@@ -47,6 +47,7 @@ void RunCheck(const Given& given) {
         CheckOwnPlan(findings);
     else
         CheckPlan(findings, platform::WideFromUtf8(plan), plan);
+    if (commandline::Has(given, "--online")) CheckServer(findings);
     const bool isJson = commandline::Has(given, "--json");
     fmt::print("{}", isJson ? FindingsAsJson(findings) : PrintedFindings(findings));
     if (findings.Count(Severity::error) > 0) throw commandline::ExitWith{1};
@@ -56,7 +57,9 @@ void RunCheck(const Given& given) {
 
 const commandline::Command& CheckVerb() {
     static constexpr commandline::Word words[] = {{"PLAN", "a plan's file; default: the agent's own", true}};
-    static constexpr commandline::Option options[] = {{"--json", "", "prints the findings as JSON"}};
+    static constexpr commandline::Option options[] = {
+        {"--online", "", "tries each address of the server, too: asks it for /, which changes nothing there"},
+        {"--json", "", "prints the findings as JSON"}};
     static constexpr commandline::Command verb{
         "check",
         "Checks the settings and a plan. Each finding is a line: error or warning, where, what, and what to do. The "

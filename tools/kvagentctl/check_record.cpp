@@ -11,6 +11,7 @@
 #include "collection/wmi.h"
 #include "collection/wmi_query.h"
 #include "foundation/file_utils.h"
+#include "foundation/server_limit.h"
 #include "foundation/text.h"
 #include "platform/console_tool.h"
 #include "platform/files.h"
@@ -101,6 +102,9 @@ void CheckScriptFile(const Subject& subject, const std::u16string& script) {
     const std::string name = Utf8FromWide(script);
     if (!StaysBelowDirectory(script))
         return subject.Error(fmt::format("script {} does not name a file below conf/scripts and is not run", name));
+    const std::u16string names[] = {script};
+    if (const std::optional<std::u16string> refusal = LimitOfScripts().Refusal(names))
+        subject.Error(fmt::format("script {} is not run: {}", name, Utf8FromWide(*refusal)));
     const std::u16string install = InstallDirectory();
     if (install.empty()) return;
     const std::u16string path = install + u"monitoring\\conf\\scripts\\" + script;

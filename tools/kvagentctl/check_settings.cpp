@@ -3,7 +3,9 @@
 #include <fmt/format.h>
 #include <optional>
 
+#include "agent/server_trust.h"
 #include "foundation/agent_settings.h"
+#include "foundation/agent_state.h"
 #include "foundation/file_utils.h"
 #include "foundation/registry_store.h"
 #include "foundation/text.h"
@@ -104,6 +106,21 @@ void CheckTogether(Findings& findings) {
                       "set it back to 1 when you have seen what you look for");
 }
 
+/// What is asked of the server's certificate, and cannot be.
+void CheckTrust(Findings& findings) {
+    getServerTrust();
+    const ServerTrust& trust = agentState.gv_serverTrust;
+    const bool isTold = trust.refusal.starts_with("KVServerVerify");  // by the setting's own check
+    if (!trust.refusal.empty() && !isTold)
+        findings.Error("setting ServerInfo\\" + trust.refusal.substr(0, trust.refusal.find(' ')),
+                       trust.refusal.substr(trust.refusal.find(' ') + 1) + ": nothing is sent to the server");
+    const bool asks = !trust.pinnedKeys.empty() || trust.caFile || trust.systemAuthorities;
+    if (asks && CompareIgnoreCase(StoredText(GetKVServerProtocol), u"http") == 0)
+        findings.Error("setting ServerInfo\\KVServerProtocol",
+                       "is http, and other settings ask for a certificate: nothing is sent to the server",
+                       "kvagentctl setup --protocol https");
+}
+
 /// Others than the owner and the group have no business in the agent's files.
 void CheckPermissions(Findings& findings, const std::string& what, std::u16string_view path, const char* wanted,
                       bool mayBeRead = false) {
@@ -180,6 +197,7 @@ void CheckSettings(Findings& findings) {
     for (const AgentSetting& setting : AgentSettings()) CheckSetting(findings, setting);
     CheckUnknownNames(findings);
     CheckTogether(findings);
+    CheckTrust(findings);
     CheckRegistryFile(findings);
     CheckInstallDirectory(findings);
 }

@@ -9,5 +9,6 @@ namespace kv::control {
 const commandline::Command& SnmpVerb();
 const commandline::Command& SetupVerb();
 const commandline::Command& CheckVerb();
+const commandline::Command& LogVerb();
 
 }  // namespace kv::control

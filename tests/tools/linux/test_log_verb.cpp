@@ -1,0 +1,87 @@
+// kvagentctl log on a log of the test's own.
+#include <fstream>
+
+#include "foundation/registry_store.h"
+#include "platform/backend.h"
+#include "platform/utf.h"
+#include "tests/tools/tool_fixture.h"
+#include "tools/kvagentctl/log_entries.h"
+
+namespace kv::test {
+
+namespace {
+
+std::string Entry(int second, const std::string& text) {
+    return "\n2026/11/26  23:33:0" + std::to_string(second) + ":100 " + text + " \n";
+}
+
+class LogVerb : public ToolTest {
+  protected:
+    LogVerb() : ToolTest(KVAGENTCTL_PROGRAM) {
+        platform::InstallBackend();
+        platform::InstallRegistry();
+        writeValue(platform::RootKey::localMachine, agentKeyPath, u"KVAgentInstallDir",
+                   platform::WideFromUtf8(folder.string() + "/"), platform::RegistryType::text);
+        fs::create_directories(logs);
+    }
+    void Rotate(int from) const {
+        for (int n = from; n > 0; --n) fs::rename(logs / Name(n - 1), logs / Name(n));
+    }
+    static std::string Name(int number) {
+        return number == 0 ? "agent.log" : "agent" + std::to_string(number) + ".log";
+    }
+
+    const fs::path logs = folder / "monitoring" / "logs";
+};
+
+TEST_F(LogVerb, ShowsEntriesWithoutTheUsualOnes) {
+    EXPECT_EQ(Run({"log"}).exitCode, 3);
+    Write(logs / Name(2), Entry(1, "oldest"));
+    Write(logs / Name(1), Entry(2, "older"));
+    Write(logs / Name(0), Entry(3, "\t F :: it ended. retVal is [12029]") +
+                              Entry(4, "ReadDwordRegistryData: Error while reading DWORD value of X : 2") +
+                              Entry(5, "dump") + "00 01\n02\n" + Entry(6, "\t  last\x1B"));
+    const std::string entries =
+        "2026/11/26 23:33:03.100 F :: it ended. retVal is [12029] (12029: A connection with the server could not be "
+        "established.)\n2026/11/26 23:33:05.100 dump | 00 01 | 02\n2026/11/26 23:33:06.100 last\\x1b\n";
+    EXPECT_EQ(Run({"log"}).output, entries);
+    EXPECT_EQ(Run({"log", "-n", "1"}).output, "2026/11/26 23:33:06.100 last\\x1b\n");
+    const std::string all = Run({"log", "--all"}).output;
+    EXPECT_THAT(all, testing::StartsWith("2026/11/26 23:33:01.100 oldest\n2026/11/26 23:33:02.100 older\n"));
+    EXPECT_THAT(all, HasSubstr("value of X : 2\n"));
+}
+
+TEST_F(LogVerb, FollowsPastRotationsAndLosesNothing) {
+    Write(logs / Name(0), Entry(1, "first"));
+    std::FILE* const tool = StartTool(files, {"log", "--follow"});
+    const auto next = [tool] {
+        std::string line(200, '\0');
+        return std::fgets(line.data(), static_cast<int>(line.size()), tool) ? std::string(line.c_str()) : "";
+    };
+    EXPECT_EQ(next(), "2026/11/26 23:33:01.100 first\n");
+    std::ofstream(logs / Name(0), std::ios::app) << Entry(2, "second");
+    Rotate(1);
+    Write(logs / Name(0), Entry(3, "third"));
+    Rotate(2);
+    Write(logs / Name(0), Entry(4, "fourth"));
+    for (const char* text : {"02.100 second", "03.100 third", "04.100 fourth"})
+        EXPECT_EQ(next(), "2026/11/26 23:33:" + std::string(text) + "\n");
+    EXPECT_EQ(EndTool(tool), 0);  // nobody reads any more
+}
+
+TEST(LogEntries, TakesPiecesOfAnySize) {
+    const std::string log = Entry(1, "one") + Entry(2, "two") + "more\n";
+    for (std::size_t size = 1; size <= log.size(); ++size) {
+        std::vector<std::string> entries;
+        control::LogEntries cutter([&](const std::string& entry) { entries.push_back(entry); });
+        for (std::size_t at = 0; at < log.size(); at += size) cutter.Feed(log.substr(at, size));
+        cutter.Finish();
+        EXPECT_EQ(entries,
+                  (std::vector<std::string>{"2026/11/26  23:33:01:100 one", "2026/11/26  23:33:02:100 two | more"}))
+            << size;
+    }
+}
+
+}  // namespace
+
+}  // namespace kv::test

@@ -1,0 +1,136 @@
+#include "tools/kvagentctl/log_entries.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cstdint>
+#include <fmt/format.h>
+#include <utility>
+
+#include "commandline/run.h"
+#include "platform/messages.h"
+
+namespace kv::control {
+
+namespace {
+
+constexpr std::string_view datePattern = "0000/00/00  00:00:00:000 ";  // 0: a digit
+constexpr std::size_t maximumEntry = 1U << 20;                         // bytes; what is longer is not for reading
+
+bool BeginsWithDate(std::string_view line) {
+    if (line.size() < datePattern.size()) return false;
+    return std::equal(datePattern.begin(), datePattern.end(), line.begin(), [](char pattern, char given) {
+        return pattern == '0' ? given >= '0' && given <= '9' : given == pattern;
+    });
+}
+
+std::string_view WithoutBlanks(std::string_view text) {
+    constexpr std::string_view blanks = " \t\r\n";
+    text.remove_prefix(std::min(text.find_first_not_of(blanks), text.size()));
+    return text.substr(0, text.find_last_not_of(blanks) + 1);
+}
+
+/// Parts of entries that come at every first start, at every start, or at every look for requests. docs/running.md
+/// names them.
+struct UsualEntry {
+    std::string_view beginning;  // of the text behind the date; empty: anywhere
+    std::string_view part;
+};
+constexpr UsualEntry usualEntries[] = {
+    // Settings that are absent and have a default.
+    {"ReadDwordRegistryData: Error while reading DWORD value of ", " : 2"},
+    {"ReadDwordRegistryData: Error while opening registry key for ", " : 2"},
+    {"ReadRegSZ: Error while opening registry key for serverName 2", ""},
+    {"getCSDetails() :: Not able to fetch the GetOCAgentKey", ""},
+    {"getCSDetails() :: Not able to fetch the MasterAgent", ""},
+    {"getCSDetails() :: Not able to fetch the KVServerProtocol", ""},
+    {"getCSDetails :: Not able to fetch the KVAgentResourceID", ""},
+    {"GetConfigInterval :: Not able to fetch", ""},
+    {"GetWriteInterval :: Not able to fetch", ""},
+    {"GetMaxFilesInDir :: Not able to fetch", ""},
+    {"GetMaxFilestobeSend :: Not able to fetch", ""},
+    {"GetSysInfoInterval :: Not able to fetch", ""},
+    {"GetDataCollectionTimeout :: Not able to fetch", ""},
+    {"RequestCentralServer() :: Not able to fetch the RequestAvailable", ""},
+    // Directories that are still empty.
+    {"DeleteDirectoryRecursively :: Invalid File Handle", ""},
+    {"parseFiles -- ", "No files exist"},
+    {"SendDetailstoCS :: No zip file exists", ""},
+    {"LoadConfFiles :: No query conf file exists under slaves directory", ""},
+    // What went well.
+    {"Error code : 0,", ""},
+    {"Error Code : 0", ""},
+    {"", "retVal of InternetDownloadFile is [0]"},
+    {"Inside RequestCentralServer :: Sleep for 30 seconds", ""},
+    {"RequestCentralServer() :: ", "Going to set RequestAvailable flag as NO"},
+    // Of every start on Linux.
+    {"", "Problem in identifying the operating system"},
+};
+
+/// What stands before an error number of the system or of the transport.
+constexpr std::string_view numberMarks[] = {"retVal is [", "retVal of InternetDownloadFile is [", "Error is [",
+                                            "Last error is [", "--> "};
+
+/// The error number of an entry; 0 when it has none or tells a success.
+std::uint32_t ErrorNumber(std::string_view text) {
+    for (const std::string_view mark : numberMarks) {
+        const std::size_t at = text.find(mark);
+        if (at == text.npos) continue;
+        std::uint32_t number = 0;
+        const char* const begin = text.data() + at + mark.size();
+        const auto [end, failure] = std::from_chars(begin, text.data() + text.size(), number);
+        if (failure == std::errc() && (end == text.data() + text.size() || *end == ']' || *end == ' ')) return number;
+    }
+    return 0;
+}
+
+}  // namespace
+
+void LogEntries::Feed(std::string_view bytes) {
+    while (!bytes.empty()) {
+        const std::size_t end = bytes.find('\n');
+        line_ += bytes.substr(0, end);
+        if (end == bytes.npos) return;
+        TakeLine(std::exchange(line_, {}));
+        bytes.remove_prefix(end + 1);
+    }
+}
+
+void LogEntries::Finish() {
+    if (!line_.empty()) TakeLine(std::exchange(line_, {}));
+    if (!entry_.empty()) take_(std::exchange(entry_, {}));
+}
+
+void LogEntries::TakeLine(std::string_view line) {
+    const bool isNew = BeginsWithDate(line);
+    const std::string_view text = WithoutBlanks(line);
+    if (isNew && !entry_.empty()) take_(std::exchange(entry_, {}));
+    if (text.empty()) return;
+    if (!entry_.empty()) entry_ += " | ";
+    if (entry_.size() + text.size() <= maximumEntry) entry_ += text;
+}
+
+bool IsUsual(std::string_view entry) {
+    const std::string_view text =
+        WithoutBlanks(BeginsWithDate(entry) ? entry.substr(datePattern.size()) : std::string_view());
+    return std::any_of(std::begin(usualEntries), std::end(usualEntries), [text](const UsualEntry& usual) {
+        return text.starts_with(usual.beginning) && text.find(usual.part) != text.npos;
+    });
+}
+
+std::string ReadableEntry(std::string_view entry) {
+    std::string readable(entry);
+    if (BeginsWithDate(entry)) {
+        constexpr std::size_t dateLength = 10;
+        constexpr std::size_t timeLength = 12;
+        const std::string_view text = WithoutBlanks(entry.substr(datePattern.size()));
+        std::string time(entry.substr(dateLength + 2, timeLength));
+        time[timeLength - 4] = '.';
+        readable = std::string(entry.substr(0, dateLength)) + ' ' + time + ' ' + std::string(text);
+    }
+    const std::uint32_t number = ErrorNumber(readable);
+    const std::string meaning = number == 0 ? "" : platform::MessageInLine(number);
+    if (!meaning.empty()) readable += fmt::format(" ({}: {})", number, meaning);
+    return commandline::InLine(readable);
+}
+
+}  // namespace kv::control

@@ -1,0 +1,103 @@
+#include "tools/kvagentctl/log_files.h"
+
+#include <algorithm>
+#include <array>
+#include <map>
+
+#include "agent/log_file.h"
+#include "foundation/text.h"
+
+namespace kv::control {
+
+namespace {
+
+constexpr std::size_t headBytes = 64;
+constexpr std::size_t blockBytes = 64 * 1024;
+constexpr std::uint32_t mostLogs = 10000;  // that are looked at; more are not kept by any sensible setting
+
+constexpr std::u16string_view extension = u".log";
+
+platform::Error OpenForReading(OpenFile& file, std::u16string_view path) {
+    return file.Open(path, platform::FileAccess::read, platform::FileShare::readWrite,
+                     platform::FileDisposition::openExisting);
+}
+
+std::string Beginning(platform::FileHandle file) {
+    std::array<char, headBytes> bytes{};
+    std::size_t read = 0;
+    if (platform::Files().ReadFile(file, bytes.data(), bytes.size(), read) != platform::error::success) return {};
+    return {bytes.data(), read};
+}
+
+}  // namespace
+
+std::vector<std::u16string> EarlierLogs(std::u16string_view path) {
+    const std::u16string_view stem = path.substr(0, path.rfind(extension));
+    const std::u16string_view stemName = stem.substr(stem.find_last_of(u"\\/") + 1);
+    std::map<std::int32_t, std::u16string, std::greater<>> numbered;
+    for (FileSearch search(std::u16string(stem) + u"*.log"); search.hasFile(); search.Next()) {
+        const std::u16string& name = search.file.fileName;
+        if (name.size() <= stemName.size() + extension.size()) continue;
+        const std::int32_t number =
+            ParseDecimal(name.substr(stemName.size(), name.size() - stemName.size() - extension.size()));
+        if (number > 0) numbered.emplace(number, LogFileNameAt(path, static_cast<std::uint32_t>(number)));
+    }
+    std::vector<std::u16string> paths;
+    for (const auto& [number, name] : numbered) paths.push_back(name);
+    return paths;
+}
+
+std::string LogFollower::Head(std::u16string_view path) {
+    OpenFile file;
+    return OpenForReading(file, path) == platform::error::success ? Beginning(file.handle) : std::string();
+}
+
+void LogFollower::Open() {
+    file_.Close();
+    head_.clear();
+    if (OpenForReading(file_, path_) != platform::error::success) return;
+    head_ = Beginning(file_.handle);
+    platform::Files().SetFilePointerEx(file_.handle, 0);
+}
+
+void LogFollower::ReadOn(const Take& take) {
+    std::array<char, blockBytes> block{};
+    std::size_t read = 0;
+    while (file_.handle != 0 &&
+           platform::Files().ReadFile(file_.handle, block.data(), block.size(), read) == platform::error::success &&
+           read > 0)
+        take({block.data(), read});
+}
+
+std::vector<std::u16string> LogFollower::LogsInBetween() const {
+    std::vector<std::u16string> logs;
+    for (std::uint32_t number = 1; number <= mostLogs; ++number) {
+        const std::u16string path = LogFileNameAt(path_, number);
+        const std::string head = Head(path);
+        if (head.empty() || head.starts_with(head_)) break;
+        logs.insert(logs.begin(), path);
+    }
+    return logs;
+}
+
+bool LogFollower::ReadNew(const Take& take) {
+    if (file_.handle == 0) Open();
+    if (file_.handle == 0) return false;
+    // Looked at before the rest is read: once another file has the name, nothing more comes into this one.
+    const std::string now = Head(path_);
+    const bool isRotated = !now.empty() && !now.starts_with(head_);
+    ReadOn(take);
+    if (!isRotated) {
+        if (head_.size() < now.size()) head_ = now;
+        return true;
+    }
+    for (const std::u16string& path : LogsInBetween()) {
+        file_.Close();
+        if (OpenForReading(file_, path) == platform::error::success) ReadOn(take);
+    }
+    Open();
+    ReadOn(take);
+    return true;
+}
+
+}  // namespace kv::control
