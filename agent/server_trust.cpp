@@ -41,6 +41,13 @@ void Refuse(ServerTrust& trust, const char* setting, const std::string& why) {
     if (trust.refusal.empty()) trust.refusal = text;
 }
 
+/// The system's text of a failure, to go on from.
+std::string SystemText(Error failure) {
+    std::string text = platform::MessageInLine(failure);
+    text.erase(text.find_last_not_of(" .") + 1);
+    return text + " (error " + std::to_string(failure) + ")";
+}
+
 /// Reads a setting; false when it is absent, or refused for what it is.
 bool IsGiven(ServerTrust& trust, Error (*read)(OptionalText&), const char* setting, OptionalText& text) {
     const Error failure = read(text);
@@ -48,7 +55,7 @@ bool IsGiven(ServerTrust& trust, Error (*read)(OptionalText&), const char* setti
     if (failure == error::invalidData)
         Refuse(trust, setting, "is not a text");
     else if (failure != error::success)
-        Refuse(trust, setting, "cannot be read: " + platform::MessageInLine(failure));
+        Refuse(trust, setting, "cannot be read: " + SystemText(failure));
     else if (WithoutBlanks(text.value_or(u"")).empty())
         Refuse(trust, setting, "is empty");
     else
@@ -88,11 +95,10 @@ void ReadCAFile(ServerTrust& trust) {
     trust.caFile = path;
     const std::string named = "names " + platform::Utf8FromWide(*path) + ", which ";
     if (const Error failure = ReadWholeFile(*path, trust.authorities, maxCAFileBytes))
-        return Refuse(trust, "KVServerCAFile", named + "cannot be read: " + platform::MessageInLine(failure));
+        return Refuse(trust, "KVServerCAFile", named + "cannot be read: " + SystemText(failure));
     std::size_t count = 0;
     if (const Error failure = platform::Http().CountCertificates(trust.authorities, count))
-        return Refuse(trust, "KVServerCAFile",
-                      named + "has a certificate that cannot be read: " + platform::MessageInLine(failure));
+        return Refuse(trust, "KVServerCAFile", named + "has a certificate that cannot be read");
     if (count == 0) Refuse(trust, "KVServerCAFile", named + "has no certificate in PEM form");
 }
 

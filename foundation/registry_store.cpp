@@ -91,26 +91,6 @@ Error ReadText(std::u16string_view subKey, std::u16string_view valueName, Option
     return ReadRegSZ(RootKey::localMachine, subKey, valueName, out);
 }
 
-/// Reads a text that need not be there, without a line in the log; fileNotFound when it is not, invalidData when it is
-/// not a text. A text of size 0 is empty.
-Error ReadSoughtText(std::u16string_view subKey, std::u16string_view valueName, OptionalText& out) {
-    out.reset();
-    OwnedRegistryKey key;
-    if (const Error failure = platform::Registry().RegOpenKeyExW(RootKey::localMachine, subKey,
-                                                                 platform::RegistryAccess::queryValue, key.Place()))
-        return failure;
-    Error result = error::moreData;
-    for (int query = 0; query < mostQueries && result == error::moreData; ++query) {
-        RegistryType type = RegistryType::none;
-        std::size_t size = 0;
-        result = platform::Registry().RegQueryValueExW(key.get(), valueName, &type, nullptr, size);
-        if (result != error::success) return result;
-        if (type != RegistryType::text && type != RegistryType::expandableText) return error::invalidData;
-        result = QueryText(key.get(), valueName, size, out);
-    }
-    return result;
-}
-
 Error WriteText(std::u16string_view subKey, std::u16string_view valueName, std::u16string_view text) {
     return writeValue(RootKey::localMachine, subKey, valueName, text, RegistryType::text);
 }
@@ -268,9 +248,9 @@ Error GetKVServerSecurePort(OptionalText& out) { return ReadText(serverInfoKeyPa
 Error GetKVServerProtocol(OptionalText& out) { return ReadText(serverInfoKeyPath, u"KVServerProtocol", out); }
 Error GetKVLastAccessName(OptionalText& out) { return ReadText(serverInfoKeyPath, u"KVLastAccessName", out); }
 
-Error GetKVServerPinnedKey(OptionalText& out) { return ReadSoughtText(serverInfoKeyPath, u"KVServerPinnedKey", out); }
-Error GetKVServerCAFile(OptionalText& out) { return ReadSoughtText(serverInfoKeyPath, u"KVServerCAFile", out); }
-Error GetKVServerVerify(OptionalText& out) { return ReadSoughtText(serverInfoKeyPath, u"KVServerVerify", out); }
+Error GetKVServerPinnedKey(OptionalText& out) { return LookUpText(serverInfoKeyPath, u"KVServerPinnedKey", out); }
+Error GetKVServerCAFile(OptionalText& out) { return LookUpText(serverInfoKeyPath, u"KVServerCAFile", out); }
+Error GetKVServerVerify(OptionalText& out) { return LookUpText(serverInfoKeyPath, u"KVServerVerify", out); }
 Error SetKVServerPinnedKey(std::u16string_view keys) {
     return WriteText(serverInfoKeyPath, u"KVServerPinnedKey", keys);
 }

@@ -4,7 +4,7 @@
 #include <fmt/format.h>
 
 #include "http/http_attempt.h"
-#include "platform/messages.h"
+#include "http/server_trust.h"
 
 namespace kv {
 
@@ -34,7 +34,7 @@ platform::Error FetchServerCertificate(std::u16string_view address, std::int32_t
     certificate.keyProblem = presented.keyProblem;
     certificate.caFileProblem = presented.authoritiesProblem;
     certificate.systemProblem = presented.systemProblem;
-    if (result != platform::error::success && reason.empty()) reason = platform::MessageInLine(result);
+    if (result != platform::error::success) reason = FailureReason(result, reason);
     return result;
 }
 

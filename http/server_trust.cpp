@@ -91,6 +91,12 @@ std::string ProxyText(const TransactionTarget& target) {
 
 }  // namespace
 
+std::string FailureReason(Error failure, const std::string& reason) {
+    std::string text = reason.empty() ? platform::MessageInLine(failure) : reason;
+    text.erase(text.find_last_not_of(" .") + 1);
+    return text.empty() ? "error " + std::to_string(failure) : text + fmt::format(" (error {})", failure);
+}
+
 platform::HttpServerTrust AskedTrust() {
     const ServerTrust& trust = agentState.gv_serverTrust;
     platform::HttpServerTrust asked;
@@ -131,7 +137,7 @@ void LogFailedAddress(const char* routine, const TransactionTarget& target, Erro
     const std::string problem = presented.empty() ? "" : Problem(presented.back());
     if (problem.empty()) {
         Log1("%s : connect to %s through %s: %s\n", routine, AddressText(target), ProxyText(target),
-             reason.empty() ? platform::MessageInLine(failure) : reason);
+             FailureReason(failure, reason));
     } else {
         const HttpPresentedCertificate& refused = presented.back();
         Log1(

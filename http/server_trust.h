@@ -1,5 +1,5 @@
 // What the settings ask of a server's certificate, and what the log tells of certificates and of addresses that failed.
-// Private to http/ but for AskedTrust; callable from any thread.
+// Private to http/; callable from any thread.
 #pragma once
 
 #include <string>
@@ -13,6 +13,9 @@ namespace kv {
 
 /// The checks that the settings ask for (gv_serverTrust). May throw std::bad_alloc.
 platform::HttpServerTrust AskedTrust();
+
+/// Why a step has failed, in one line: the library's reason, else the system's text, and the number.
+std::string FailureReason(platform::Error failure, const std::string& reason);
 
 /// winHttpSecureFailure, with a log line that says why, when nothing may be sent to a target: a setting of trust cannot
 /// be used, or asks for a certificate while the target is a plain one. Else success.

@@ -16,6 +16,7 @@
 #include "platform/http_trust.h"
 #include "platform/windows/http_body.h"
 #include "platform/windows/http_calls.h"
+#include "platform/windows/http_certificates.h"
 #include "platform/windows/http_target.h"
 #include "platform/windows/win32.h"
 
@@ -31,6 +32,7 @@ struct WinHttp {
     // What is opened from a record keeps it, so that the system's handles close from the request up in any case.
 
     struct Session {
+        bool proxied = false;
         InternetHandle handle;
     };
 
@@ -53,7 +55,9 @@ struct WinHttp {
         std::map<HttpOption, std::wstring> texts;
 
         InternetHandle redirectedConnection;  // null at the request's own target
-        InternetHandle handle;
+        InternetHandle handle;                // null, too, once a certificate has been refused
+        HttpTarget place;                     // where the request is open
+        std::optional<Error> refusal;         // why the sending was broken off
         std::optional<HttpBody> answer;
     };
 
@@ -79,9 +83,12 @@ struct WinHttp {
         return request.answer->Take(buffer, size);
     }
 
-    // Certificates are not read on this system yet: a request that asks for one is refused.
-    static Error ReadCertificate(std::string_view, HttpCertificate&) { return error::notSupported; }
-    static Error CountCertificates(std::string_view, std::size_t&) { return error::notSupported; }
+    static Error ReadCertificate(std::string_view der, HttpCertificate& certificate) {
+        return platform::ReadCertificate(der, certificate);
+    }
+    static Error CountCertificates(std::string_view pem, std::size_t& count) {
+        return platform::CountCertificates(pem, count);
+    }
 
     /// What other records were opened from is closed for the system with the last of those.
     template <class Record>
@@ -104,6 +111,7 @@ Error WinHttp::Open(Session& session, std::u16string_view userAgent, std::u16str
                     std::u16string_view bypassList) {
     const std::wstring proxy = WideOf(proxyList);
     const std::wstring bypass = WideOf(bypassList);
+    session.proxied = !proxy.empty();
     const HttpProxyAccess access = proxy.empty() ? HttpProxyAccess::noProxy : HttpProxyAccess::namedProxy;
     session.handle = InternetHandle(::WinHttpOpen(WideOf(userAgent).c_str(), static_cast<DWORD>(access),
                                                   proxy.empty() ? WINHTTP_NO_PROXY_NAME : proxy.c_str(),
@@ -146,10 +154,49 @@ Error SetOwnOptions(HINTERNET request) {
     return error::success;
 }
 
+/// Judges the certificate of the server that a request is about to be sent to. False when nothing may go out.
+bool MayBeSent(WinHttp::Request& request) {
+    PCCERT_CONTEXT certificate = nullptr;
+    DWORD size = sizeof certificate;
+    if (!::WinHttpQueryOption(request.handle.get(), WINHTTP_OPTION_SERVER_CERT_CONTEXT, &certificate, &size)) {
+        // A proxy is asked for a tunnel: there is no secure connection yet.
+        const bool tunnel = LastError() == ERROR_WINHTTP_INCORRECT_HANDLE_STATE && request.connection->session->proxied;
+        return tunnel || !AsksForCertificate(request.trust);
+    }
+    const INTERNET_PORT port = request.place.port == 0 ? INTERNET_DEFAULT_HTTPS_PORT : request.place.port;
+    auto presented = JudgeCertificate(certificate, request.trust, request.place.host, port);
+    ::CertFreeCertificateContext(certificate);
+    const bool passes = PassesChecks(presented);
+    // It is sent more than once when a proxy wants to know more.
+    if (request.presented.empty() || request.presented.back().server != presented.server ||
+        request.presented.back().der != presented.der)
+        request.presented.push_back(std::move(presented));
+    return passes && !request.trust.onlyLook;
+}
+
+/// Called by the system, on the thread that sends, when it is connected and has sent nothing: the first moment at which
+/// a certificate can be read. To close the request is the way to break it off here.
+void CALLBACK OnStatus(HINTERNET, DWORD_PTR context, DWORD status, void*, DWORD) {
+    if (status != WINHTTP_CALLBACK_STATUS_SENDING_REQUEST || context == 0) return;
+    auto& request = *reinterpret_cast<WinHttp::Request*>(context);
+    if (request.refusal) return;
+    bool passes = false;
+    try {
+        passes = MayBeSent(request);
+    } catch (const std::exception&) {
+        passes = !AsksForCertificate(request.trust);
+    }
+    if (passes) return;
+    request.refusal = request.trust.onlyLook ? error::winHttpOperationCancelled : error::winHttpSecureFailure;
+    CutConnection(request.handle.get());
+    request.handle.Close();
+}
+
 /// Opens the request at a target of the connection, in place of where it was open before.
 Error OpenAt(WinHttp::Request& request, HINTERNET connection, const HttpTarget& target) {
     request.answer.reset();
     request.handle.Close();
+    request.place = target;
     std::array<const wchar_t*, 2> acceptTypes = {request.acceptType.c_str(), nullptr};
     const DWORD secure = target.secure ? WINHTTP_FLAG_SECURE : 0;
     request.handle = InternetHandle(
@@ -160,6 +207,10 @@ Error OpenAt(WinHttp::Request& request, HINTERNET connection, const HttpTarget& 
     // A server that asks for a certificate of ours learns that there is none, and decides whether to go on.
     if (target.secure && !::WinHttpSetOption(request.handle.get(), WINHTTP_OPTION_CLIENT_CERT_CONTEXT,
                                              WINHTTP_NO_CLIENT_CERT_CONTEXT, 0)) {
+        return LastHttpError();
+    }
+    if (target.secure && ::WinHttpSetStatusCallback(request.handle.get(), OnStatus, WINHTTP_CALLBACK_FLAG_SEND_REQUEST,
+                                                    0) == WINHTTP_INVALID_STATUS_CALLBACK) {
         return LastHttpError();
     }
     return SetOwnOptions(request.handle.get());
@@ -228,15 +279,38 @@ Error OfferProxyCredentials(const WinHttp::Request& request) {
         password == request.texts.end() ? L"" : password->second.c_str(), nullptr));
 }
 
+constexpr DWORD allLetPass = ignoreUnknownAuthority | ignoreWrongUsage | ignoreInvalidCommonName | ignoreInvalidDate;
+
+/// Sends the request to where it is open, without its body if that may only follow.
+Error SendHeaders(WinHttp::Request& request, bool withBody) {
+    const auto size = static_cast<DWORD>(request.bodySize);
+    const DWORD sent = withBody ? size : 0;
+    void* body = sent == 0 ? WINHTTP_NO_REQUEST_DATA : const_cast<std::byte*>(request.body);
+    return HttpResultOf(::WinHttpSendRequest(request.handle.get(), WINHTTP_NO_ADDITIONAL_HEADERS, 0, body, sent, size,
+                                             reinterpret_cast<DWORD_PTR>(&request)));
+}
+
+/// The same when the trust asks for something: it alone decides then, and what is to be kept from strangers, the body,
+/// follows only once it has.
+Error SendToTrusted(WinHttp::Request& request) {
+    if (const Error failure = SetNumber(request.handle.get(), WINHTTP_OPTION_SECURITY_FLAGS, allLetPass))
+        return failure;
+    if (const Error failure = SendHeaders(request, false)) return failure;
+    if (request.refusal || request.bodySize == 0) return error::success;
+    DWORD written = 0;
+    return HttpResultOf(
+        ::WinHttpWriteData(request.handle.get(), request.body, static_cast<DWORD>(request.bodySize), &written));
+}
+
 /// Sends the request to where it is open.
 Error SendFromHere(WinHttp::Request& request) {
     request.answer.reset();
-    if (AsksForCertificate(request.trust)) return error::notSupported;
+    request.refusal.reset();
     if (const Error failure = OfferProxyCredentials(request)) return failure;
-    const auto size = static_cast<DWORD>(request.bodySize);
-    void* body = size == 0 ? WINHTTP_NO_REQUEST_DATA : const_cast<std::byte*>(request.body);
-    return HttpResultOf(
-        ::WinHttpSendRequest(request.handle.get(), WINHTTP_NO_ADDITIONAL_HEADERS, 0, body, size, size, 0));
+    const Error result = AsksForCertificate(request.trust) ? SendToTrusted(request) : SendHeaders(request, true);
+    const Error failure = request.refusal.value_or(result);
+    if (failure != error::success) request.failureText = FailureText(failure);
+    return failure;
 }
 
 /// Tells a request that was opened again what it was told before.
@@ -256,7 +330,7 @@ Error TellAgain(const WinHttp::Request& request) {
 
 /// Brings a request that a redirect has led away back to its own target.
 Error ReturnToTarget(WinHttp::Request& request) {
-    if (!request.redirectedConnection) return error::success;
+    if (!request.redirectedConnection && request.handle) return error::success;
     if (const Error failure = OpenAt(request, request.connection->handle.get(), request.target)) return failure;
     request.redirectedConnection.Close();
     return TellAgain(request);
@@ -283,7 +357,10 @@ Error WinHttp::Receive(Request& request) {
 }
 
 void WinHttp::EndReceive(Request& request, Error result) {
-    if (result == error::success) request.answer.emplace(request.handle.get());
+    if (result == error::success)
+        request.answer.emplace(request.handle.get());
+    else
+        request.failureText = FailureText(result);
 }
 
 /// Whether a secure answer has come over the secure connection, and not from a proxy that refused to lead there.

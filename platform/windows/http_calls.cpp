@@ -1,7 +1,13 @@
 #include "platform/windows/http_calls.h"
 
+#include <array>
 #include <cerrno>
 #include <cwchar>
+
+#include "platform/utf.h"
+
+// After the system's main header, which it needs.
+#include <ws2tcpip.h>
 
 namespace platform {
 
@@ -10,6 +16,53 @@ Error LastHttpError() {
     if (failure == WSAETIMEDOUT) return error::winHttpTimeout;
     const bool ofSocket = failure >= WSABASEERR && failure < error::hostNotFound;
     return ofSocket ? error::winHttpConnectionError : failure;
+}
+
+std::string FailureText(Error failure) {
+    std::array<wchar_t, 512> text;
+    const DWORD size =
+        ::FormatMessageW(FORMAT_MESSAGE_FROM_HMODULE | FORMAT_MESSAGE_IGNORE_INSERTS,
+                         ::GetModuleHandleW(L"winhttp.dll"), failure, 0, text.data(), text.size(), nullptr);
+    std::string line = Utf8FromWide(Utf16FromWide({text.data(), size}));
+    line.erase(line.find_last_not_of(" \r\n") + 1);
+    return line;
+}
+
+namespace {
+
+bool IsWine() {
+    const HMODULE system = ::GetModuleHandleW(L"ntdll.dll");
+    return system != nullptr && ::GetProcAddress(system, "wine_get_version") != nullptr;
+}
+
+/// Port of an end of a connection, in network order.
+USHORT PortOf(const SOCKADDR_STORAGE& end) {
+    return end.ss_family == AF_INET6 ? reinterpret_cast<const sockaddr_in6&>(end).sin6_port
+                                     : reinterpret_cast<const sockaddr_in&>(end).sin_port;
+}
+
+/// Whether a handle is the socket of a connection.
+bool IsSocketOf(SOCKET handle, const WINHTTP_CONNECTION_INFO& connection) {
+    SOCKADDR_STORAGE own{};
+    SOCKADDR_STORAGE peer{};
+    int ownSize = sizeof own;
+    int peerSize = sizeof peer;
+    return ::getsockname(handle, reinterpret_cast<sockaddr*>(&own), &ownSize) == 0 &&
+           ::getpeername(handle, reinterpret_cast<sockaddr*>(&peer), &peerSize) == 0 &&
+           PortOf(own) == PortOf(connection.LocalAddress) && PortOf(peer) == PortOf(connection.RemoteAddress);
+}
+
+}  // namespace
+
+void CutConnection(HINTERNET request) {
+    constexpr SOCKET handles = 0x10000;  // in multiples of four; Wine gives out the lowest that is free
+    WINHTTP_CONNECTION_INFO connection{};
+    connection.cbSize = sizeof connection;
+    DWORD size = sizeof connection;
+    if (!IsWine() || !::WinHttpQueryOption(request, WINHTTP_OPTION_CONNECTION_INFO, &connection, &size)) return;
+    for (SOCKET handle = 4; handle < handles; handle += 4) {
+        if (IsSocketOf(handle, connection)) ::shutdown(handle, SD_BOTH);
+    }
 }
 
 Error SetNumber(HINTERNET handle, DWORD option, DWORD value) {

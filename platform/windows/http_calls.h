@@ -20,6 +20,13 @@ namespace platform {
 /// The result of a call that says whether it has succeeded.
 [[nodiscard]] inline Error HttpResultOf(BOOL succeeded) { return succeeded ? error::success : LastHttpError(); }
 
+/// WinHTTP's own text of a failure (UTF-8); empty when it has none.
+[[nodiscard]] std::string FailureText(Error failure);
+
+/// Ends the connection of a request that is about to be sent. On Windows closing the request does that, and this does
+/// nothing; Wine goes on with the sending, so its socket is shut down.
+void CutConnection(HINTERNET request);
+
 /// A session, connection or request.
 inline Error CloseInternetHandle(HINTERNET handle) { return HttpResultOf(::WinHttpCloseHandle(handle)); }
 using InternetHandle = OwnedHandle<HINTERNET, CloseInternetHandle>;

@@ -20,8 +20,7 @@ class ServerTrustTest : public HttpTest {
     ServerTrustTest() {
         std::signal(SIGPIPE, SIG_IGN);  // the peers write to whoever has hung up
         agentState.gv_httpsEnabled = 1;
-        Write(folder / "ca.pem", "An authority:\n" + PemText(other) + PemText(authority));
-        Write(folder / "other.pem", PemText(other));
+        Write(folder / "ca.pem", PemText(authority));
         Write(folder / "empty.pem", "");
         Write(folder / "cut.pem", PemText(authority).substr(0, 200));
         Write(folder / "bent.pem", "-----BEGIN CERTIFICATE-----\nAAAA\n-----END CERTIFICATE-----\n");
@@ -29,16 +28,7 @@ class ServerTrustTest : public HttpTest {
 
     std::u16string Path(const char* name) const { return platform::WideFromUtf8((folder / name).string()); }
 
-    static std::u16string Pin(const Identity& identity) {
-        unsigned char* der = nullptr;
-        const int size = i2d_X509(identity.certificate.get(), &der);
-        platform::HttpCertificate certificate;
-        EXPECT_EQ(platform::Http().ReadCertificate({reinterpret_cast<char*>(der), static_cast<std::size_t>(size)},
-                                                   certificate),
-                  0u);
-        OPENSSL_free(der);
-        return platform::WideFromUtf8(certificate.keyPin);
-    }
+    static std::u16string Pin(const Identity& identity) { return platform::WideFromUtf8(KeyPin(identity)); }
 
     struct Setting {
         std::u16string name, data;
@@ -54,63 +44,10 @@ class ServerTrustTest : public HttpTest {
 
     const Key key = NewKey();
     const Identity authority = Issue(NewKey(), {"An authority", ""});
-    const Identity other = Issue(NewKey(), {"An authority", ""});  // of the same name
+    const Identity other = Issue(NewKey(), {"another"});
     const Identity issued = Issue(key, {}, &authority);
-    const Identity faulty = Issue(key, {"elsewhere", "192.0.2.1", -3, -2});  // expired, and signed by itself
+    const Identity faulty = Issue(key, {"elsewhere", "IP:192.0.2.1", -3, -2});  // expired, and signed by itself
 };
-
-TEST_F(ServerTrustTest, NothingGoesOutToAServerThatIsNotTrusted) {
-    const Identity reissued = Issue(key, {}, &other);
-    const Identity rekeyed = Issue(NewKey(), {}, &authority);
-    const Identity expired = Issue(key, {"cs", "127.0.0.1", -3, -2}, &authority);
-    const Identity early = Issue(key, {"cs", "127.0.0.1", 2, 3}, &authority);
-    const Identity elsewhere = Issue(key, {"cs", "192.0.2.1"}, &authority);
-    const Setting pin{u"KVServerPinnedKey", Pin(issued)};
-    const Setting pins{u"KVServerPinnedKey", Pin(authority) + u" ; " + Pin(issued) + u";"};
-    const Setting file{u"KVServerCAFile", Path("ca.pem")};
-    const Setting otherFile{u"KVServerCAFile", Path("other.pem")};
-    const Setting verify{u"KVServerVerify", u"YES"};
-    const struct {
-        const char* title;
-        const Identity& shown;
-        std::vector<Setting> settings;
-        const char* logged;
-        bool goesOut;
-    } rows[] = {
-        {"nothing is asked", faulty, {}, "; not verified\n", true},
-        {"verify is no", faulty, {{u"KVServerVerify", u"No"}}, "; not verified\n", true},
-        {"the pinned key in a faulty certificate", faulty, {pin}, "; verified by its pinned key\n", true},
-        {"one of two pinned keys, issued again", reissued, {pins}, "; verified by its pinned key\n", true},
-        {"another key, from the right authority",
-         rekeyed,
-         {pin},
-         "its key is not the pinned one. Expected: key",
-         false},
-        {"another key than these two", rekeyed, {pins}, "its key is not one of the pinned ones.", false},
-        {"from an authority of the file", issued, {file}, "; verified by the CA file\n", true},
-        {"expired", expired, {file}, "certificate has expired", false},
-        {"not valid yet", early, {file}, "certificate is not yet valid", false},
-        {"for another address", elsewhere, {file}, "IP address mismatch", false},
-        {"signed by itself", Issue(key, {}), {file}, "self-signed certificate", false},
-        {"from another authority", issued, {otherFile}, "Expected: issued by an authority of /", false},
-        {"pinned, and from another authority", issued, {pin, otherFile}, "unable to get local issuer", false},
-        {"pinned and from the authority", issued, {pin, file}, "; verified by its pinned key and the CA file\n", true},
-        {"unknown to the system", issued, {verify}, "unable to get local issuer certificate", false},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.title);
-        Set(row.settings);
-        const std::size_t before = LogText().size();
-        TlsServer server(row.shown);
-        const std::string body = "a record";
-        EXPECT_EQ(Get(server.port, u"/x"), row.goesOut ? 0u : 12175u);
-        EXPECT_EQ(Post(server.port, u"/x", body, body.size()), row.goesOut ? 0u : 12175u);
-        while (server.served < 2) std::this_thread::yield();
-        EXPECT_EQ(server.decrypted > 0, row.goesOut) << server.decrypted;
-        EXPECT_EQ(TimesLogged(row.logged, before), row.goesOut ? 1 : 2) << LogText().substr(before);
-        EXPECT_EQ(TimesLogged("and nothing was sent to it", before), row.goesOut ? 0 : 2);
-    }
-}
 
 TEST_F(ServerTrustTest, NothingGoesOutWhenASettingCannotBeUsed) {
     const std::u16string pin = Pin(issued);
@@ -146,7 +83,7 @@ TEST_F(ServerTrustTest, NothingGoesOutWhenASettingCannotBeUsed) {
     Set({});
     EXPECT_EQ(Get(plain.port, u"/echo?value=y"), 0u);
     EXPECT_EQ(plain.value, "y");
-    EXPECT_EQ(server.served, 0);
+    EXPECT_TRUE(server.HasServed(0));
 }
 
 TEST_F(ServerTrustTest, HoldsOnEveryHopAndThroughAProxy) {
@@ -167,7 +104,7 @@ TEST_F(ServerTrustTest, HoldsOnEveryHopAndThroughAProxy) {
     EXPECT_EQ(Get(stranger.port, u"/x"), 12175u);
     EXPECT_EQ(Get(renamed.port, u"/x"), 0u);
     EXPECT_EQ(proxy.requests.size(), 2u);
-    while (stranger.served < 2) std::this_thread::yield();
+    EXPECT_TRUE(stranger.HasServed(2));
     EXPECT_EQ(stranger.decrypted, 0u);
     EXPECT_TRUE(Logged(" through proxy 127.0.0.1:" + std::to_string(proxy.port) +
                        ": the certificate of 127.0.0.1:" + std::to_string(stranger.port) + " is refused"));
@@ -196,7 +133,7 @@ TEST_F(ServerTrustTest, ALookSendsNothing) {
     ServerCertificate found;
     std::string reason;
     EXPECT_EQ(FetchServerCertificate(u"127.0.0.1", server.port, found, reason), 0u) << reason;
-    while (server.served < 1) std::this_thread::yield();
+    EXPECT_TRUE(server.HasServed(1));
     EXPECT_EQ(server.decrypted, 0u);
     EXPECT_EQ(found.server, "127.0.0.1:" + std::to_string(server.port));
     EXPECT_EQ(found.certificate.subject, "CN=cs");

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <fstream>
 #include <memory>
 #include <openssl/evp.h>
@@ -23,13 +24,14 @@ inline Key NewKey() { return {EVP_EC_gen("P-256"), EVP_PKEY_free}; }
 struct Identity {
     Key key;
     std::shared_ptr<X509> certificate;
+    std::shared_ptr<X509> between = nullptr;  // the issuer's, if a server has to show it, too
 };
 
 /// What is particular about a certificate.
 struct Particulars {
-    std::string name = "cs";            // its subject's
-    std::string address = "127.0.0.1";  // that it is for; empty: an authority's
-    int from = -1, until = 1;           // days
+    std::string name = "cs";               // its subject's
+    std::string address = "IP:127.0.0.1";  // that it is for; empty: an authority's
+    int from = -1, until = 1;              // days
 };
 
 /// A certificate for a key, signed by an issuer, or by itself when there is no issuer.
@@ -53,10 +55,9 @@ inline Identity Issue(const Key& key, const Particulars& what, const Identity* i
         X509_EXTENSION_free(extension);
     };
     const bool authority = what.address.empty();
-    extend(authority ? NID_basic_constraints : NID_subject_alt_name,
-           authority ? "critical,CA:TRUE" : "IP:" + what.address);
+    extend(authority ? NID_basic_constraints : NID_subject_alt_name, authority ? "critical,CA:TRUE" : what.address);
     extend(NID_subject_key_identifier, "hash");
-    extend(NID_authority_key_identifier, "keyid");
+    if (issuer) extend(NID_authority_key_identifier, "keyid");
     X509_sign(certificate, issuer ? issuer->key.get() : key.get(), EVP_sha256());
     return {key, made};
 }
@@ -69,6 +70,18 @@ inline std::string PemText(const Identity& identity) {
     return {bytes, static_cast<std::size_t>(size)};
 }
 
+/// The key as it is pinned.
+inline std::string KeyPin(const Identity& identity) {
+    unsigned char* der = nullptr;
+    const int size = i2d_PUBKEY(identity.key.get(), &der);
+    unsigned char hash[32];
+    EVP_Digest(der, static_cast<std::size_t>(size), hash, nullptr, EVP_sha256(), nullptr);
+    OPENSSL_free(der);
+    unsigned char text[45];
+    EVP_EncodeBlock(text, hash, sizeof hash);
+    return std::string("sha256//") + reinterpret_cast<const char*>(text);
+}
+
 /// Takes TLS connections one at a time, reads the headers of a request and gives one answer. Counts the bytes that
 /// clients have sent inside TLS.
 class TlsServer {
@@ -76,6 +89,7 @@ class TlsServer {
     explicit TlsServer(const Identity& identity, std::string answer = "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n")
         : answer_(std::move(answer)), listener_(ListenOnLoopback(port)), context_(SSL_CTX_new(TLS_server_method())) {
         SSL_CTX_use_certificate(context_.get(), identity.certificate.get());
+        if (identity.between) SSL_CTX_add1_chain_cert(context_.get(), identity.between.get());
         SSL_CTX_use_PrivateKey(context_.get(), identity.key.get());
         thread_ = std::thread([this] {
             for (Socket connection; (connection = AcceptConnection(listener_)) != noSocket;) {
@@ -94,7 +108,14 @@ class TlsServer {
 
     int port = 0;
     std::atomic<std::size_t> decrypted = 0;
-    std::atomic<int> served = 0;  // connections, to their ends
+
+    /// Whether this many connections have come to their ends; waits for them.
+    bool HasServed(int connections) const {
+        using Clock = std::chrono::steady_clock;
+        for (const auto end = Clock::now() + std::chrono::seconds(20); served_ < connections && Clock::now() < end;)
+            std::this_thread::yield();
+        return served_ == connections;
+    }
 
   private:
     void Serve(Socket connection) {
@@ -111,10 +132,11 @@ class TlsServer {
         }
         if (!request.empty()) SSL_write(tls.get(), answer_.data(), static_cast<int>(answer_.size()));
         if (!request.empty()) SSL_shutdown(tls.get());
-        ++served;
+        ++served_;
     }
 
     std::string answer_;
+    std::atomic<int> served_ = 0;
     Socket listener_;
     std::unique_ptr<SSL_CTX, platform::ReleasedBy<SSL_CTX_free>> context_;
     std::atomic<bool> ended_ = false;
