@@ -41,7 +41,7 @@ void RunCheck(const Given& given) {
     {
         // What the agent's libraries say of a part is its findings; the rest of their lines is not for people.
         const LogLines silence([](std::string_view) {});
-        CheckSettings(findings);
+        CheckSettings(findings, plan.empty() ? Severity::error : Severity::note);
     }
     if (plan.empty())
         CheckOwnPlan(findings);

@@ -16,7 +16,8 @@ namespace kv::control {
 std::u16string InstallDirectory();
 
 /// Each setting in the registry, what stands beside the known ones, and the files and directories that belong to them.
-void CheckSettings(Findings& findings);
+/// whenUnreadable: how bad it is that this user may not read the registry, or that there is none.
+void CheckSettings(Findings& findings, Severity whenUnreadable);
 
 /// What a check of one plan knows beyond the record at hand.
 struct PlanContext {

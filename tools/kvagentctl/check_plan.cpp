@@ -5,6 +5,7 @@
 #include <optional>
 #include <vector>
 
+#include "collection/plan_members.h"
 #include "foundation/text.h"
 #include "jsontext/hash_json.h"
 #include "platform/near_name.h"
@@ -22,7 +23,6 @@ using platform::Utf8FromWide;
 constexpr std::u16string_view workflowsKey = u"WorkFlows";
 constexpr std::u16string_view slaveKeys = u"WorkFlows_";
 constexpr std::int32_t longInterval = 31 * 24 * 60;  // minutes; more is likely to be seconds by mistake
-constexpr std::u16string_view workflowMembers[] = {u"wfname", u"interval", u"order", u"recordSetName"};
 
 /// The slave whose plan a document is; empty for the agent's own.
 std::u16string SlaveOf(const HashTable* document) {

@@ -6,6 +6,7 @@
 #include <string_view>
 #include <vector>
 
+#include "collection/plan_members.h"
 #include "collection/record_members.h"
 #include "collection/snmp_query.h"
 #include "collection/wmi.h"
@@ -15,7 +16,6 @@
 #include "foundation/text.h"
 #include "platform/console_tool.h"
 #include "platform/files.h"
-#include "platform/near_name.h"
 #include "platform/utf.h"
 #include "snmp/asn.h"
 #include "snmp/oid.h"
@@ -28,12 +28,6 @@ namespace {
 using platform::Utf8FromWide;
 
 constexpr std::size_t longestCommunity = 254;  // bytes
-
-constexpr std::u16string_view wmiMembers[] = {u"wmiQuery", u"nameSpace", u"Name"};
-constexpr std::u16string_view scriptMembers[] = {u"script", u"Name", u"params", u"response_needed"};
-constexpr std::u16string_view snmpMembers[] = {
-    u"PROTOCOL", u"DEVICE_NAME", u"SNMP_PORT",  u"SNMP_VERSION", u"COMMUNITY", u"OID", u"IS_MULTIPLE_POLLED_DATA",
-    u"POLL_ID",  u"AGENT_KEY",   u"POLICY_NAME"};
 
 /// One record while it is checked.
 struct Subject {
@@ -67,7 +61,7 @@ void CheckName(const Subject& subject, const std::u16string& name) {
 }
 
 void CheckWmi(const Subject& subject) {
-    CheckMemberNames(subject.findings, subject.where, subject.record, wmiMembers);
+    CheckMemberNames(subject.findings, subject.where, subject.record, wmiRecordMembers);
     const OptionalText query = NeededText(subject, u"wmiQuery");
     const OptionalText name = NeededText(subject, u"Name");
     if (name && IsWMIRecordMember(*name))
@@ -102,11 +96,11 @@ void CheckScriptFile(const Subject& subject, const std::u16string& script) {
     const std::string name = Utf8FromWide(script);
     if (!StaysBelowDirectory(script))
         return subject.Error(fmt::format("script {} does not name a file below conf/scripts and is not run", name));
+    const std::u16string install = InstallDirectory();
+    if (install.empty()) return;
     const std::u16string names[] = {script};
     if (const std::optional<std::u16string> refusal = LimitOfScripts().Refusal(names))
         subject.Error(fmt::format("script {} is not run: {}", name, Utf8FromWide(*refusal)));
-    const std::u16string install = InstallDirectory();
-    if (install.empty()) return;
     const std::u16string path = install + u"monitoring\\conf\\scripts\\" + script;
     const std::string native = Utf8FromWide(platform::Files().NativePath(path));
     if (!MayExist(path)) return subject.Error(fmt::format("script {} does not exist", native), "put it there");
@@ -123,7 +117,7 @@ void CheckScriptFile(const Subject& subject, const std::u16string& script) {
 }
 
 void CheckScript(const Subject& subject) {
-    CheckMemberNames(subject.findings, subject.where, subject.record, scriptMembers);
+    CheckMemberNames(subject.findings, subject.where, subject.record, scriptRecordMembers);
     if (const OptionalText script = NeededText(subject, u"script")) CheckScriptFile(subject, *script);
     const OptionalText name = subject.text(u"Name");
     if (name.value_or(u"").empty())
@@ -160,7 +154,7 @@ void CheckOids(const Subject& subject) {
 }
 
 void CheckSnmp(const Subject& subject) {
-    CheckMemberNames(subject.findings, subject.where, subject.record, snmpMembers);
+    CheckMemberNames(subject.findings, subject.where, subject.record, snmpRecordMembers);
     if (subject.text(u"DEVICE_NAME").value_or(u"").empty()) subject.Error("DEVICE_NAME is missing: nothing is asked");
     std::int32_t port = 0;
     if (!SnmpPort(subject.record, port))
@@ -188,18 +182,6 @@ struct Kind {
 };
 /// In the order in which the agent asks.
 constexpr Kind kinds[] = {{u"wmiQuery", CheckWmi}, {u"script", CheckScript}, {u"PROTOCOL", CheckSnmp}};
-constexpr std::u16string_view kindNames[] = {u"wmiQuery", u"script", u"PROTOCOL"};
-
-/// A record that has none of the keys that tell its kind.
-void CheckUnknownKind(const Subject& subject) {
-    std::string meant;
-    const std::unique_ptr<const char16_t*[]> keys = GetHashKeys(subject.record);
-    for (std::size_t i = 0; keys[i]; ++i) {
-        const std::u16string_view nearest = platform::NearestName(keys[i], kindNames);
-        if (!nearest.empty()) meant = fmt::format("{}: did you mean {}?", Utf8FromWide(keys[i]), Utf8FromWide(nearest));
-    }
-    subject.Error("has none of wmiQuery, script and PROTOCOL, so it is skipped", meant);
-}
 
 }  // namespace
 
@@ -215,10 +197,8 @@ void CheckRecord(Findings& findings, PlanContext& context, const std::string& wh
         else
             found = &kind;
     }
-    if (found)
-        found->check(subject);
-    else
-        CheckUnknownKind(subject);
+    if (found) return found->check(subject);
+    for (const std::u16string& odd : OddMembersOfRecord(record)) subject.Error(Utf8FromWide(odd));
 }
 
 }  // namespace kv::control

@@ -183,15 +183,13 @@ std::u16string InstallDirectory() {
     return install && SettingTakes(*setting, *install) ? *install : std::u16string();
 }
 
-void CheckSettings(Findings& findings) {
-    if (const std::string missing = MissingRegistryText(); !missing.empty()) {
-        findings.Error("registry", missing);
-        return;
-    }
+void CheckSettings(Findings& findings, Severity whenUnreadable) {
     KeyContents contents;
     const platform::Error result = ReadKey(agentKeyPath, contents);
-    if (result != platform::error::success && !IsGone(result)) {
-        findings.Error("registry", "cannot be read: " + RegistryFailureText(result));
+    const bool isMissing = !MissingRegistryText().empty();
+    if (isMissing || (result != platform::error::success && !IsGone(result))) {
+        findings.list.push_back(
+            {whenUnreadable, "registry", "settings and scripts are not checked: " + RegistryFailureText(result), ""});
         return;
     }
     for (const AgentSetting& setting : AgentSettings()) CheckSetting(findings, setting);

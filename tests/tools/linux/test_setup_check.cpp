@@ -108,7 +108,7 @@ TEST_F(SetupAndCheck, CheckFindsWhatIsWrongWithSettings) {
         EXPECT_THAT(faults.output, HasSubstr(fault));
     EXPECT_THAT(faults.output, testing::EndsWith("4 errors, 2 warnings\n"));
     fs::remove_all(folder / "state");
-    EXPECT_THAT(Run({"check"}).output, HasSubstr("error: registry: there is no"));
+    EXPECT_THAT(Run({"check"}).output, HasSubstr("error: registry: settings and scripts are not checked: there is no"));
 }
 
 TEST_F(SetupAndCheck, CheckFindsWhatIsWrongWithAPlan) {
@@ -130,7 +130,7 @@ TEST_F(SetupAndCheck, CheckFindsWhatIsWrongWithAPlan) {
         {"interval 1.5", R"({"WorkFlows":[{"interval":1.5,"recordSetName":[]}]})", "a fraction, which is cut off: 1"},
         {"seconds", R"({"WorkFlows":[{"interval":86400,"recordSetName":[]}]})", "which is 60 days; interval is in min"},
         {"no object", R"({"WorkFlows":[{"interval":1,"recordSetName":[5]}]})", "record [0]: is not an object"},
-        {"kind", record(R"("wmiquery":"SELECT","Name":"N")"), "it is skipped; wmiquery: did you mean wmiQuery?"},
+        {"kind", record(R"("wmiquery":"SELECT","Name":"N")"), "nobody reads wmiquery; did you mean wmiQuery?"},
         {"property", record(R"("wmiQuery":"SELECT Nam FROM Win32_Process","Name":"N")"), "did you mean Name?"},
         {"namespace", record(R"("wmiQuery":"SELECT * FROM Win32_Process","Name":"N","nameSpace":"ROOT\\X")"),
          "ROOT\\X"},
@@ -151,6 +151,9 @@ TEST_F(SetupAndCheck, CheckFindsWhatIsWrongWithAPlan) {
         Write(plan, text);
         EXPECT_THAT(Run({"check", plan}).output, HasSubstr(finding));
     }
+    Registry({"set", agentKey + "\\Monitoring", "AllowedScripts", "other.sh"});
+    Write(plan, record(R"("script":"plain.sh","Name":"N")"));
+    EXPECT_THAT(Run({"check", plan}).output, HasSubstr("plain.sh is not run: AllowedScripts does not have it"));
     EXPECT_EQ(Run({"check", plan + ".missing"}).exitCode, 3);
     Write(plan, Utf16LittleEndianBytes(u"{\"WorkFlows\":[{\"wfname\":\"W\",\"interval\":1,\"recordSetName\":"
                                        u"[{\"wmiQuery\":\"SELECT * FROM Win32_BIOS\",\"Name\":\"N\"}]}]}"));
