@@ -26,6 +26,7 @@ namespace platform {
 using ServiceHandle = std::uintptr_t;
 
 namespace manager_right {
+inline constexpr std::uint32_t connect = 0x1;  // to look only
 inline constexpr std::uint32_t createService = 0x2;
 inline constexpr std::uint32_t all = 0xF003F;
 }  // namespace manager_right

@@ -1,0 +1,157 @@
+// kvagentctl status over the state that an agent leaves, whatever of it is there.
+#include <json-c/json.h>
+#include <memory>
+#include <regex>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include "agent/health_file.h"
+#include "foundation/registry_store.h"
+#include "foundation/time_utils.h"
+#include "platform/utf.h"
+#include "tests/tools/tool_fixture.h"
+
+namespace kv::test {
+namespace {
+
+using ::testing::AllOf;
+using ::testing::StartsWith;
+using namespace std::chrono_literals;
+
+class StatusVerb : public ToolTest {
+  protected:
+    StatusVerb() : ToolTest(KVAGENTCTL_PROGRAM) { platform::InstallRegistry(); }
+
+    static void Set(std::u16string_view key, std::u16string_view name, std::u16string_view text) {
+        writeValue(platform::RootKey::localMachine, key, name, text, platform::RegistryType::text);
+    }
+
+    /// An agent that has enrolled and uploads, which this process stands for.
+    void Install() {
+        prctl(PR_SET_NAME, "MonitoringAgent");
+        fs::remove_all(monitoring);
+        fs::create_directories(monitoring / "bin" / "zipdata");
+        fs::create_directories(monitoring / "logs");
+        for (const auto& [key, name, text] : std::initializer_list<std::array<std::u16string_view, 3>>{
+                 {agentKeyPath, u"CustomerName", u"c"},
+                 {agentKeyPath, u"RemoteOfficeName", u"o"},
+                 {serverInfoKeyPath, u"KVServerName", u"cs"},
+                 {serverInfoKeyPath, u"KVServerFlatName", u"cs"},
+                 {serverInfoKeyPath, u"KVServerIPAddress", u"192.0.2.1"},
+                 {serverInfoKeyPath, u"KVLastAccessName", u"cs"},
+                 {serverInfoKeyPath, u"KVServerSecurePort", u"8443"},
+                 {monitoringKeyPath, u"MonitoringAgentKey", u"LAB1"}})
+            Set(key, name, text);
+        Set(agentKeyPath, u"KVAgentInstallDir", platform::WideFromUtf8(folder.string() + "/"));
+        Write(monitoring / "conf" / "queryconf.txt",
+              R"({ "WorkFlows": [ { "interval": 1, "recordSetName": [ {}, {} ] }, { "interval": 1 } ] })");
+        health = HealthSnapshot();
+        health.version = "0.0.9";
+        health.processId = getpid();
+        health.lastAddress = "cs:8443";
+        health.lastUploadTime = health.registrationTime = health.lastFailureTime = GetNowSeconds() - 180;
+        health.registration = "registered";
+        health.lastFailure = "refused | twice";
+        health.counts = {{"recordsWritten", 7}};
+        WriteHealth();
+    }
+
+    void WriteHealth() const {
+        EXPECT_EQ(WriteHealthFile(platform::WideFromUtf8((monitoring / "logs/status.json").string()), health), 0U);
+    }
+
+    void AddZip(std::chrono::minutes age) const {
+        Write(monitoring / "bin/zipdata/a.zip", "1234");
+        fs::last_write_time(monitoring / "bin/zipdata/a.zip", fs::file_time_type::clock::now() - age);
+    }
+
+    const fs::path monitoring = folder / "monitoring";
+    HealthSnapshot health;
+};
+
+TEST_F(StatusVerb, TellsPeopleAndPrograms) {
+    Install();
+    Write(monitoring / "bin/data/a.txt", "12");
+    const Outcome outcome = Run({"status"});
+    EXPECT_EQ(outcome.exitCode, 0) << outcome.errors;
+    for (const char* line :
+         {"version:      0.0.9; kvagentctl ", "agent:        runs, process ", "key:          LAB1\n",
+          "server:       https://cs:8443\n", "(3 minutes ago) at cs:8443\n", "(3 minutes ago): registered\n",
+          "collection:   on\n", "(3 minutes ago): refused | twice\n", ": 2 workflows, 2 records\n",
+          "records:      1 record waits, 2 bytes, the oldest for ", "zips:         no zip waits\n", "disk room:    "})
+        EXPECT_THAT(outcome.output, HasSubstr(line));
+    EXPECT_EQ(outcome.output.find("attention"), std::string::npos);
+    const std::unique_ptr<json_object, decltype(&json_object_put)> json(
+        json_tokener_parse(Run({"status", "--json"}).output.c_str()), json_object_put);
+    ASSERT_TRUE(json);
+    json_object* records = json_object_object_get(json.get(), "records");
+    EXPECT_EQ(json_object_get_int(json_object_object_get(records, "bytes")), 2);
+    EXPECT_TRUE(json_object_get_boolean(json_object_object_get(json.get(), "isRunning")));
+    health.processId = 0;
+    WriteHealth();
+    EXPECT_THAT(Run({"status"}).output, AllOf(HasSubstr("does not run, stopped "), HasSubstr("attention:")));
+}
+
+TEST_F(StatusVerb, EndsAsAMonitoringPlugin) {
+    const std::string stopped = "collection is stopped since ";
+    const struct {
+        const char* title;
+        std::function<void()> change;
+        int exitCode;
+        std::string text;
+        Words options = {};
+    } rows[] = {
+        {"fine", [] {}, 0, "KVAGENT OK - LAB1 at https://cs:8443, no zip waits, last upload 3 minutes ago | zips=0;"},
+        {"a zip for 40 minutes", [&] { AddZip(40min); }, 1, "KVAGENT WARNING - the oldest of 1 zip has waited for 40"},
+        {"which is fine", [&] { AddZip(40min); }, 0, "KVAGENT OK", {"--warning-age", "60"}},
+        {"a zip for 7 hours", [&] { AddZip(420min); }, 2, "KVAGENT CRITICAL - the oldest of 1 zip has waited for 7 h"},
+        {"stopped", [&] { health.isCollecting = false, WriteHealth(); }, 2, "KVAGENT CRITICAL - " + stopped},
+        {"ended", [&] { health.processId = 1, WriteHealth(); }, 2, "KVAGENT CRITICAL - the agent does not run: pro"},
+        {"never ran", [&] { fs::remove(monitoring / "logs/status.json"); }, 2, "does not run, and has not run here"},
+        {"a refused plan", [&] { Write(monitoring / "conf/download/queryconf.txt.refused", ""); }, 0, "KVAGENT OK"},
+        {"a newer one",
+         [&] {
+             Write(monitoring / "conf/download/queryconf.txt.refused", "");
+             fs::last_write_time(monitoring / "conf/queryconf.txt", fs::file_time_type::clock::now() - 2min);
+         },
+         1, "KVAGENT WARNING - a newer plan was refused"},
+        {"no plan", [&] { fs::remove(monitoring / "conf/queryconf.txt"); }, 1, "there is no plan"},
+        {"half a plan", [&] { Write(monitoring / "conf/queryconf.txt", "{ \"WorkFlows\": ["); }, 1, "cannot be read"},
+        {"damage", [&] { Write(monitoring / "logs/status.json", "{"); }, 3, "KVAGENT UNKNOWN - "},
+        {"no customer", [] { Set(agentKeyPath, u"CustomerName", u""); }, 2, "CRITICAL - CustomerName is missing"},
+        {"no key", [] { Set(monitoringKeyPath, u"MonitoringAgentKey", u"NULL"); }, 2, "not registered yet: registered"},
+        {"full", [] {}, 1, "KVAGENT WARNING - the disk has room for ", {"--warning-free", "1000000000"}},
+    };
+    static const std::regex line("KVAGENT [A-Z]+ - [^|\n]+ \\|( [A-Za-z_]+=[0-9]+[sBc]?;([0-9]+:?)?;([0-9]+:?)?;0)+\n");
+    for (const auto& [title, change, exitCode, text, options] : rows) {
+        SCOPED_TRACE(title);
+        Install();
+        change();
+        Words words{"status", "--plugin"};
+        words.insert(words.end(), options.begin(), options.end());
+        const Outcome outcome = Run(words);
+        EXPECT_EQ(outcome.exitCode, exitCode);
+        EXPECT_THAT(outcome.output, HasSubstr(text));
+        EXPECT_TRUE(std::regex_match(outcome.output, line)) << outcome.output;
+    }
+    for (const Words& wrong :
+         {Words{"--warning-age", "5"}, {"--plugin", "--json"}, {"--plugin", "--warning-age", "999"}}) {
+        Words words{"status"};
+        words.insert(words.end(), wrong.begin(), wrong.end());
+        EXPECT_EQ(Run(words).exitCode, 2);
+    }
+}
+
+TEST_F(StatusVerb, NamesWhatIsNotThereAndMakesNothing) {
+    EXPECT_EQ(Run({"status"}).exitCode, 3) << "nothing is installed";
+    EXPECT_TRUE(FilesIn(folder / "state").empty());
+    fs::remove_all(folder / "state");
+    const Outcome outcome = Run({"status"});
+    EXPECT_EQ(outcome.exitCode, 1);
+    EXPECT_THAT(outcome.output, HasSubstr("settings: not known: there is no " + Utf8(folder / "state")));
+    EXPECT_THAT(Run({"status", "--plugin"}).output, StartsWith("KVAGENT UNKNOWN - settings: there is no "));
+    EXPECT_FALSE(fs::exists(folder / "state"));
+}
+
+}  // namespace
+}  // namespace kv::test

@@ -1,0 +1,294 @@
+#include "tools/kvagentctl/agent_facts.h"
+
+#include <algorithm>
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+
+#include "foundation/agent_settings.h"
+#include "foundation/agent_state.h"
+#include "foundation/file_utils.h"
+#include "foundation/hash_table.h"
+#include "foundation/open_file.h"
+#include "foundation/registry_store.h"
+#include "foundation/text.h"
+#include "foundation/time_utils.h"
+#include "jsontext/hash_json.h"
+#include "platform/messages.h"
+#include "platform/process.h"
+#include "platform/service_manager.h"
+#include "platform/utf.h"
+#include "tools/kvagentctl/status_text.h"
+#include "tools/kvreg/registry_failure.h"
+
+namespace kv::control {
+
+namespace {
+
+using platform::Error;
+using platform::Utf8FromWide;
+namespace error = platform::error;
+
+std::string NativeName(std::u16string_view path) { return Utf8FromWide(platform::Files().NativePath(path)); }
+
+/// A setting's text; absent when it is absent or of another type. A registry that cannot be read is noted.
+OptionalText Setting(AgentFacts& facts, std::u16string_view key, std::u16string_view name) {
+    OptionalText text;
+    const Error result = LookUpText(key, name, text);
+    const bool isReadable = result == error::success || result == error::invalidData || IsGone(result);
+    const std::string missing = isReadable && IsGone(result) ? MissingRegistryText() : "";
+    if (!isReadable) facts.registryFailure = RegistryFailureText(result);
+    if (!missing.empty()) facts.registryFailure = missing;
+    return text;
+}
+
+void GatherSettings(AgentFacts& facts, std::u16string& binPath) {
+    for (const AgentSetting& setting : AgentSettings()) {
+        if (setting.use == SettingUse::required && Setting(facts, setting.key, setting.name).value_or(u"").empty())
+            facts.missingSettings.push_back(SettingTitle(setting));
+        if (!facts.registryFailure.empty()) return facts.missingSettings.clear();
+    }
+    const OptionalText directory = Setting(facts, agentKeyPath, u"KVAgentInstallDir");
+    if (directory) binPath = *directory + u"monitoring\\bin\\";
+    if (directory) facts.binPath = NativeName(binPath);
+    const std::u16string key = Setting(facts, monitoringKeyPath, u"MonitoringAgentKey").value_or(u"");
+    if (key != u"NULL" && key != u"HUBCENTER") facts.key = Utf8FromWide(key);
+    const OptionalText name = Setting(facts, serverInfoKeyPath, u"KVServerName");
+    if (!name) return;
+    const OptionalText protocol = Setting(facts, serverInfoKeyPath, u"KVServerProtocol");
+    const OptionalText port = Setting(facts, serverInfoKeyPath, u"KVServerSecurePort");
+    const bool isSecure = !protocol || CompareIgnoreCase(protocol, u"https") == 0;
+    facts.server =
+        fmt::format("{}://{}:{}", isSecure ? "https" : "http", Utf8FromWide(*name), Utf8FromWide(port.value_or(u"?")));
+}
+
+const char* StateName(platform::ServiceState state) {
+    switch (state) {
+        case platform::ServiceState::stopped:
+            return "stopped";
+        case platform::ServiceState::startPending:
+            return "starting";
+        case platform::ServiceState::stopPending:
+            return "stopping";
+        case platform::ServiceState::running:
+            return "running";
+        case platform::ServiceState::continuePending:
+            return "continuing";
+        case platform::ServiceState::pausePending:
+            return "pausing";
+        case platform::ServiceState::paused:
+            return "paused; collection goes on";
+    }
+    return "in an unknown state";
+}
+
+/// True when the service runs, or is on its way from or to that.
+bool GatherService(AgentFacts& facts) {
+    platform::OwnedServiceHandle manager;
+    platform::OwnedServiceHandle service;
+    platform::ServiceStatus status;
+    const platform::ServiceManagerOperations& services = platform::ServiceManager();
+    Error result = services.OpenSCManagerW(platform::manager_right::connect, manager.Place());
+    if (result == error::success)
+        result =
+            services.OpenServiceW(manager.get(), serviceName, platform::service_right::queryStatus, service.Place());
+    if (result == error::success) result = services.QueryServiceStatusEx(service.get(), status);
+    if (result == error::success) {
+        facts.service = StateName(status.dwCurrentState);
+        return status.dwCurrentState != platform::ServiceState::stopped;
+    }
+    if (result == error::serviceDoesNotExist)
+        facts.service = "not installed";
+    else if (result == error::rpcServerUnavailable)
+        facts.service = "not known, no service manager answers";
+    else
+        facts.service = "not known: " + platform::MessageInLine(result);
+    return false;
+}
+
+/// Looks whether the process that wrote the file still runs. A number that another program has by now is not it.
+void GatherProcess(AgentFacts& facts, bool isServiceActive) {
+    facts.isRunning = isServiceActive;
+    if (!facts.health) return;
+    const std::int64_t id = facts.health->processId;
+    if (id == 0) {
+        facts.process = "stopped " + TimeWithAge(facts.health->writeTime, facts.now);
+        return;
+    }
+    std::u16string name;
+    const Error result = platform::Processes().GetProcessName(static_cast<std::uint32_t>(id), name);
+    if (result == error::success && name == u"MonitoringAgent") {
+        facts.isRunning = true;
+        facts.process = fmt::format("process {} since {}", id, TimeText(facts.health->startTime));
+    } else if (result == error::success || result == error::fileNotFound) {
+        facts.process = fmt::format("process {} has ended without a stop", id);
+    } else {
+        facts.process = fmt::format("process {} cannot be looked at: {}", id, platform::MessageInLine(result));
+    }
+}
+
+void GatherHealth(AgentFacts& facts, std::u16string_view binPath) {
+    const std::u16string path = HealthFilePath(binPath);
+    if (!MayExist(path)) return;
+    std::string failure;
+    facts.health = ReadHealthFile(path, failure);
+    if (!facts.health) facts.healthFailure = fmt::format("{} cannot be read: {}", NativeName(path), failure);
+}
+
+/// When a file was written, seconds since 1970; 0 when that cannot be told.
+std::int64_t WriteTimeOf(std::u16string_view path) {
+    OpenFile file;
+    platform::FileInformation information;
+    Error result = file.Open(path, platform::FileAccess::read, platform::FileShare::readWrite,
+                             platform::FileDisposition::openExisting);
+    if (result == error::success) result = platform::Files().GetFileInformationByHandle(file.handle, information);
+    return result == error::success ? SecondsOfFileTime(information.lastWriteTime) : 0;
+}
+
+void CountPlan(const HashTable* document, PlanFacts& plan) {
+    const Vector* workflows = GetHashVector(document, u"WorkFlows");
+    if (!workflows) {
+        plan.failure = "it has no list WorkFlows";
+        return;
+    }
+    for (const VectorElement* element = workflows->head; element; element = element->next) {
+        ++plan.workflows;
+        const auto* workflow =
+            element->type == ValueType::table ? reinterpret_cast<const HashTable*>(element->value) : nullptr;
+        const Vector* records = workflow ? GetHashVector(workflow, u"recordSetName") : nullptr;
+        if (records) plan.records += static_cast<std::uint64_t>(records->count);
+    }
+}
+
+void GatherPlan(AgentFacts& facts, const std::u16string& binPath) {
+    PlanFacts& plan = facts.plan;
+    const std::u16string path = binPath + u"..\\conf\\queryconf.txt";
+    const std::u16string refused = binPath + u"..\\conf\\download\\queryconf.txt.refused";
+    plan.file = NativeName(path);
+    plan.refusedTime = WriteTimeOf(refused);
+    if (plan.refusedTime != 0) plan.refusedFile = NativeName(refused);
+    if (!MayExist(path)) {
+        plan.failure = "there is no plan: nothing is collected";
+        return;
+    }
+    plan.time = WriteTimeOf(path);
+    const HashTablePtr document = MakeHashTable();
+    if (!document) throw std::bad_alloc();
+    const JsonReadResult read = JSONFileToHash(document.get(), path);
+    if (read.ok)
+        CountPlan(document.get(), plan);
+    else
+        plan.failure = "it cannot be read: " +
+                       (read.fileError != error::success ? platform::MessageInLine(read.fileError) : read.message);
+}
+
+void GatherDisk(AgentFacts& facts, const std::u16string& binPath) {
+    facts.records = MeasureWaitingRecords(binPath);
+    facts.zips = MeasureWaitingZips(binPath);
+    std::uint64_t available = 0;
+    if (platform::Files().GetDiskFreeSpaceExW(binPath, available) == error::success) facts.freeBytes = available;
+}
+
+/// Collects problems in the order of their weight.
+class Judge {
+  public:
+    Judge(const AgentFacts& facts, const Thresholds& thresholds) : facts_(facts), thresholds_(thresholds) {}
+
+    std::vector<Problem> Problems() {
+        JudgeAgent();
+        JudgeReadability();
+        JudgeQueue();
+        JudgePlan();
+        std::stable_sort(problems_.begin(), problems_.end(),
+                         [](const Problem& a, const Problem& b) { return Rank(a) > Rank(b); });
+        return std::move(problems_);
+    }
+
+  private:
+    /// What is surely critical stands before what is not known, and that before a warning.
+    static int Rank(const Problem& problem) {
+        constexpr int ranks[] = {0, 1, 3, 2};  // by Severity
+        return ranks[static_cast<std::size_t>(problem.severity)];
+    }
+    void Add(Severity severity, std::string text) { problems_.push_back({severity, std::move(text)}); }
+    void AddIf(bool holds, Severity severity, std::string_view text) {
+        if (holds) Add(severity, std::string(text));
+    }
+
+    void JudgeAgent();
+    void JudgeReadability();
+    void JudgeQueue();
+    void JudgePlan();
+
+    const AgentFacts& facts_;
+    const Thresholds& thresholds_;
+    std::vector<Problem> problems_;
+};
+
+void Judge::JudgeAgent() {
+    if (!facts_.registryFailure.empty()) Add(Severity::unknown, "settings: " + facts_.registryFailure);
+    const bool isKnown = facts_.healthFailure.empty() && facts_.registryFailure.empty();
+    if (!facts_.isRunning && isKnown)
+        Add(Severity::critical, facts_.process.empty() ? "the agent does not run, and has not run here before"
+                                                       : "the agent does not run: " + facts_.process);
+    if (!facts_.missingSettings.empty())
+        Add(Severity::critical, fmt::format("{} {} missing", fmt::join(facts_.missingSettings, ", "),
+                                            facts_.missingSettings.size() == 1 ? "is" : "are"));
+    if (facts_.registryFailure.empty() && facts_.missingSettings.empty() && facts_.key.empty())
+        Add(Severity::critical,
+            "not registered yet" +
+                (facts_.health && !facts_.health->registration.empty() ? ": " + facts_.health->registration : ""));
+    if (facts_.health && !facts_.health->isCollecting)
+        Add(Severity::critical, "collection is stopped since " + TimeText(facts_.health->collectionStopTime));
+}
+
+void Judge::JudgeReadability() {
+    if (!facts_.healthFailure.empty()) Add(Severity::unknown, facts_.healthFailure);
+    for (const auto& [waiting, what] : {std::pair{&facts_.records, "records"}, {&facts_.zips, "zips"}}) {
+        if (waiting->error != error::success)
+            Add(Severity::unknown,
+                fmt::format("the {} that wait cannot be looked at: {}", what, platform::MessageInLine(waiting->error)));
+    }
+}
+
+void Judge::JudgeQueue() {
+    const std::int64_t age = facts_.zips.oldestTime == 0 ? 0 : facts_.now - facts_.zips.oldestTime;
+    const std::string old =
+        fmt::format("the oldest of {} has waited for {}", Counted(facts_.zips.number, "zip"), DurationText(age));
+    AddIf(age >= thresholds_.criticalAge, Severity::critical, old);
+    AddIf(age >= thresholds_.warningAge && age < thresholds_.criticalAge, Severity::warning, old);
+    if (!facts_.freeBytes) return;
+    const std::uint64_t free = *facts_.freeBytes;
+    const std::string room = fmt::format("the disk has room for {} only", SizeText(free));
+    AddIf(free < thresholds_.criticalFree, Severity::critical, room);
+    AddIf(free < thresholds_.warningFree && free >= thresholds_.criticalFree, Severity::warning, room);
+}
+
+void Judge::JudgePlan() {
+    const PlanFacts& plan = facts_.plan;
+    if (facts_.binPath.empty()) return;
+    if (!plan.failure.empty()) Add(Severity::warning, fmt::format("plan {}: {}", plan.file, plan.failure));
+    if (plan.refusedTime > plan.time)
+        Add(Severity::warning, fmt::format("a newer plan was refused, see the log: {}", plan.refusedFile));
+}
+
+}  // namespace
+
+AgentFacts GatherFacts() {
+    AgentFacts facts;
+    facts.now = GetNowSeconds();
+    std::u16string binPath;
+    GatherSettings(facts, binPath);
+    if (!binPath.empty()) {
+        GatherHealth(facts, binPath);
+        GatherPlan(facts, binPath);
+        GatherDisk(facts, binPath);
+    }
+    GatherProcess(facts, GatherService(facts));
+    return facts;
+}
+
+std::vector<Problem> JudgeFacts(const AgentFacts& facts, const Thresholds& thresholds) {
+    return Judge(facts, thresholds).Problems();
+}
+
+}  // namespace kv::control

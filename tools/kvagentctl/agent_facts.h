@@ -1,0 +1,69 @@
+// How the agent of this computer is, gathered from outside: from its settings, its files and the service manager.
+// Nothing is opened for writing, and nothing is guessed: what may not be read is named.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "agent/health_file.h"
+#include "exchange/waiting_files.h"
+
+namespace kv::control {
+
+/// Bounds from which a state is worth a warning, or critical.
+struct Thresholds {
+    std::int64_t warningAge = 0;  // of the oldest zip, seconds
+    std::int64_t criticalAge = 0;
+    std::uint64_t warningFree = 0;  // room on the disk, bytes
+    std::uint64_t criticalFree = 0;
+};
+
+/// As monitoring plugins number them; the worst of several is the one with the highest rank (Worse).
+enum class Severity { fine = 0, warning = 1, critical = 2, unknown = 3 };
+
+struct Problem {
+    Severity severity;
+    std::string text;
+};
+
+struct PlanFacts {
+    std::string file;              // as this system names it
+    std::string failure;           // why it cannot be used; empty when it can
+    std::int64_t time = 0;         // when it was written, seconds since 1970
+    std::uint64_t workflows = 0;   // those that it lists
+    std::uint64_t records = 0;     // of all workflows
+    std::int64_t refusedTime = 0;  // of the last new plan that was refused; 0 without one
+    std::string refusedFile;
+};
+
+/// Times are seconds since 1970, 0 for never. Texts are UTF-8.
+struct AgentFacts {
+    std::int64_t now = 0;
+    std::string registryFailure;  // why the settings cannot be read; empty when they can
+    std::string binPath;          // as this system names it; empty when it is not known
+    std::string key;              // empty before the first registration
+    std::string server;           // as "https://cs:8443"; empty without one
+    std::vector<std::string> missingSettings;
+
+    std::string service;  // its state at the service manager, or why that is not known
+    bool isRunning = false;
+    std::string process;  // what is known of the process, in words
+
+    std::optional<HealthSnapshot> health;  // absent when no agent has written it, or it cannot be read
+    std::string healthFailure;             // why it cannot be read; empty when it is absent
+
+    PlanFacts plan;
+    WaitingFiles records;
+    WaitingFiles zips;
+    std::optional<std::uint64_t> freeBytes;  // where the queue lies
+};
+
+/// Throws std::bad_alloc.
+AgentFacts GatherFacts();
+
+/// What is wrong, the worst first.
+std::vector<Problem> JudgeFacts(const AgentFacts& facts, const Thresholds& thresholds);
+
+}  // namespace kv::control

@@ -1,0 +1,282 @@
+// kvagentctl status: how the agent is.
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <fmt/format.h>
+#include <json-c/json.h>
+#include <memory>
+#include <utf8.h>
+#include <utility>
+
+#include "commandline/run.h"
+#include "foundation/version.h"
+#include "tools/kvagentctl/agent_facts.h"
+#include "tools/kvagentctl/status_text.h"
+#include "tools/kvagentctl/verbs.h"
+
+namespace kv::control {
+
+namespace {
+
+using commandline::Given;
+using commandline::Has;
+using commandline::UsageError;
+
+constexpr std::int64_t secondsInMinute = 60;
+constexpr std::uint64_t bytesInMegabyte = 1000 * 1000;
+
+constexpr commandline::Option options[] = {
+    {"--json", "", "for programs: an object; times are seconds since 1970, 0 for never"},
+    {"--plugin", "",
+     "for monitoring: one line with performance data, and exit code 0 (fine), 1 (warning), 2 "
+     "(critical) or 3 (unknown)"},
+    {"--warning-age", "MINUTES", "with --plugin: a zip that waits for so long is a warning; 30 by default"},
+    {"--critical-age", "MINUTES", "with --plugin: and for so long is critical; 360 by default"},
+    {"--warning-free", "MB", "with --plugin: less room on the disk is a warning; 200 by default"},
+    {"--critical-free", "MB", "with --plugin: and less than this is critical; 20 by default"},
+};
+
+// --- for people
+
+using Line = std::pair<std::string, std::string>;
+
+std::string AgentText(const AgentFacts& facts) {
+    const bool isKnown = facts.isRunning || (facts.registryFailure.empty() && facts.healthFailure.empty());
+    std::string text = facts.isRunning ? "runs" : isKnown ? "does not run" : "not known whether it runs";
+    if (!facts.process.empty()) text += ", " + facts.process;
+    return fmt::format("{} (service: {})", text, facts.service);
+}
+
+std::string WaitingText(const WaitingFiles& waiting, std::string_view what, std::int64_t now) {
+    if (waiting.number == 0 && waiting.error == platform::error::success) return fmt::format("no {} waits", what);
+    std::string text = fmt::format("{} {}, {}", Counted(waiting.number, what), waiting.number == 1 ? "waits" : "wait",
+                                   SizeText(waiting.bytes));
+    if (waiting.oldestTime != 0) text += ", the oldest for " + DurationText(now - waiting.oldestTime);
+    return text;
+}
+
+std::string PlanText(const PlanFacts& plan) {
+    if (!plan.failure.empty()) return fmt::format("{}: {}", plan.file, plan.failure);
+    return fmt::format("{} of {}: {}, {}", plan.file, TimeText(plan.time), Counted(plan.workflows, "workflow"),
+                       Counted(plan.records, "record"));
+}
+
+void AddHealthLines(const AgentFacts& facts, std::vector<Line>& lines) {
+    if (!facts.health) {
+        lines.emplace_back("uploads", facts.healthFailure.empty() ? "no agent has told of itself here yet"
+                                                                  : "not known: " + facts.healthFailure);
+        return;
+    }
+    const HealthSnapshot& health = *facts.health;
+    const std::string at = health.lastAddress.empty() ? "" : " at " + health.lastAddress;
+    lines.emplace_back("last upload", TimeWithAge(health.lastUploadTime, facts.now) + at);
+    lines.emplace_back("last contact", TimeWithAge(health.lastContactTime, facts.now));
+    lines.emplace_back("registration", TimeWithAge(health.registrationTime, facts.now) +
+                                           (health.registration.empty() ? "" : ": " + health.registration));
+    lines.emplace_back("collection", health.isCollecting
+                                         ? "on"
+                                         : "stopped since " + TimeWithAge(health.collectionStopTime, facts.now));
+    lines.emplace_back("last failure", TimeWithAge(health.lastFailureTime, facts.now) +
+                                           (health.lastFailure.empty() ? "" : ": " + health.lastFailure));
+}
+
+std::vector<Line> Lines(const AgentFacts& facts) {
+    std::vector<Line> lines;
+    const std::string version = facts.health ? facts.health->version : std::string(programVersion);
+    lines.emplace_back("version",
+                       version == programVersion ? version : fmt::format("{}; kvagentctl {}", version, programVersion));
+    lines.emplace_back("agent", AgentText(facts));
+    if (!facts.registryFailure.empty()) {
+        lines.emplace_back("settings", "not known: " + facts.registryFailure);
+        return lines;
+    }
+    lines.emplace_back("key", facts.key.empty() ? "not registered yet" : facts.key);
+    lines.emplace_back("server", facts.server.empty() ? "not set: kvagentctl setup" : facts.server);
+    if (facts.binPath.empty()) return lines;
+    AddHealthLines(facts, lines);
+    lines.emplace_back("plan", PlanText(facts.plan));
+    if (facts.plan.refusedTime != 0)
+        lines.emplace_back("refused plan",
+                           fmt::format("{} of {}", facts.plan.refusedFile, TimeText(facts.plan.refusedTime)));
+    lines.emplace_back("records", WaitingText(facts.records, "record", facts.now));
+    lines.emplace_back("zips", WaitingText(facts.zips, "zip", facts.now));
+    lines.emplace_back("disk room", facts.freeBytes ? fmt::format("{} at {}", SizeText(*facts.freeBytes), facts.binPath)
+                                                    : "not known");
+    return lines;
+}
+
+void PrintForPeople(const AgentFacts& facts, const std::vector<Problem>& problems) {
+    std::vector<Line> lines = Lines(facts);
+    if (facts.registryFailure.empty()) {
+        for (const Problem& problem : problems) lines.emplace_back("attention", problem.text);
+    }
+    std::size_t width = 0;
+    for (const Line& line : lines) width = std::max(width, line.first.size());
+    for (const auto& [name, text] : lines)
+        fmt::print("{:<{}}{}\n", name + ":", width + 2, commandline::InLine(utf8::replace_invalid(text)));
+}
+
+// --- for programs
+
+using Json = std::unique_ptr<json_object, decltype(&json_object_put)>;
+
+json_object* JsonText(const std::string& text) {
+    const std::string valid = utf8::replace_invalid(text);
+    return json_object_new_string_len(valid.data(), static_cast<int>(valid.size()));
+}
+
+/// An object of members, which it owns then.
+json_object* JsonObject(const std::vector<std::pair<const char*, json_object*>>& members) {
+    json_object* object = json_object_new_object();
+    for (const auto& [name, value] : members) json_object_object_add(object, name, value);
+    return object;
+}
+
+json_object* JsonWaiting(const WaitingFiles& waiting) {
+    return JsonObject({{"number", json_object_new_uint64(waiting.number)},
+                       {"bytes", json_object_new_uint64(waiting.bytes)},
+                       {"oldestTime", json_object_new_int64(waiting.oldestTime)}});
+}
+
+json_object* JsonPlan(const PlanFacts& plan) {
+    return JsonObject({{"file", JsonText(plan.file)},
+                       {"time", json_object_new_int64(plan.time)},
+                       {"failure", plan.failure.empty() ? nullptr : JsonText(plan.failure)},
+                       {"workflows", json_object_new_uint64(plan.workflows)},
+                       {"records", json_object_new_uint64(plan.records)},
+                       {"refusedTime", json_object_new_int64(plan.refusedTime)}});
+}
+
+json_object* JsonHealth(const HealthSnapshot& health) {
+    json_object* counts = json_object_new_object();
+    for (const auto& [name, count] : health.counts)
+        json_object_object_add(counts, name.c_str(), json_object_new_uint64(count));
+    return JsonObject({{"version", JsonText(health.version)},
+                       {"processId", json_object_new_int64(health.processId)},
+                       {"startTime", json_object_new_int64(health.startTime)},
+                       {"writeTime", json_object_new_int64(health.writeTime)},
+                       {"lastUploadTime", json_object_new_int64(health.lastUploadTime)},
+                       {"lastAddress", JsonText(health.lastAddress)},
+                       {"lastContactTime", json_object_new_int64(health.lastContactTime)},
+                       {"registrationTime", json_object_new_int64(health.registrationTime)},
+                       {"registration", JsonText(health.registration)},
+                       {"isCollecting", json_object_new_boolean(health.isCollecting)},
+                       {"collectionStopTime", json_object_new_int64(health.collectionStopTime)},
+                       {"lastFailureTime", json_object_new_int64(health.lastFailureTime)},
+                       {"lastFailure", JsonText(health.lastFailure)},
+                       {"counts", counts}});
+}
+
+void PrintJson(const AgentFacts& facts, const std::vector<Problem>& problems) {
+    json_object* attention = json_object_new_array();
+    for (const Problem& problem : problems) json_object_array_add(attention, JsonText(problem.text));
+    const bool isPlaceKnown = !facts.binPath.empty();
+    const Json object(JsonObject({{"version", JsonText(std::string(programVersion))},
+                                  {"isRunning", json_object_new_boolean(facts.isRunning)},
+                                  {"service", JsonText(facts.service)},
+                                  {"key", facts.key.empty() ? nullptr : JsonText(facts.key)},
+                                  {"server", facts.server.empty() ? nullptr : JsonText(facts.server)},
+                                  {"agent", facts.health ? JsonHealth(*facts.health) : nullptr},
+                                  {"plan", isPlaceKnown ? JsonPlan(facts.plan) : nullptr},
+                                  {"records", isPlaceKnown ? JsonWaiting(facts.records) : nullptr},
+                                  {"zips", isPlaceKnown ? JsonWaiting(facts.zips) : nullptr},
+                                  {"freeBytes", facts.freeBytes ? json_object_new_uint64(*facts.freeBytes) : nullptr},
+                                  {"attention", attention}}),
+                      json_object_put);
+    const int form = JSON_C_TO_STRING_PRETTY | JSON_C_TO_STRING_SPACED | JSON_C_TO_STRING_NOSLASHESCAPE;
+    fmt::print("{}\n", json_object_to_json_string_ext(object.get(), form));
+}
+
+// --- for monitoring
+
+std::string PerformanceData(const AgentFacts& facts, const Thresholds& limits) {
+    if (facts.binPath.empty()) return "";
+    const std::int64_t age =
+        facts.zips.oldestTime == 0 ? 0 : std::max<std::int64_t>(facts.now - facts.zips.oldestTime, 0);
+    std::string text =
+        fmt::format(" | zips={};;;0 zip_bytes={}B;;;0 oldest_zip={}s;{};{};0 records={};;;0", facts.zips.number,
+                    facts.zips.bytes, age, limits.warningAge, limits.criticalAge, facts.records.number);
+    if (facts.freeBytes)
+        text += fmt::format(" free={}B;{}:;{}:;0", *facts.freeBytes, limits.warningFree, limits.criticalFree);
+    if (!facts.health) return text;
+    for (const auto& [name, count] : facts.health->counts) text += fmt::format(" {}={}c;;;0", name, count);
+    return text;
+}
+
+/// A text on one line, without the sign that begins performance data.
+std::string PluginText(const std::string& text) {
+    std::string line = commandline::InLine(utf8::replace_invalid(text));
+    std::replace(line.begin(), line.end(), '|', '/');
+    return line;
+}
+
+std::string FineText(const AgentFacts& facts) {
+    std::string text = fmt::format("{} at {}, {}", facts.key, facts.server, WaitingText(facts.zips, "zip", facts.now));
+    if (facts.health && facts.health->lastUploadTime != 0)
+        text += fmt::format(", last upload {} ago", DurationText(facts.now - facts.health->lastUploadTime));
+    return text;
+}
+
+[[noreturn]] void EndAsPlugin(const AgentFacts& facts, const std::vector<Problem>& problems, const Thresholds& limits) {
+    constexpr const char* names[] = {"OK", "WARNING", "CRITICAL", "UNKNOWN"};
+    const Severity severity = problems.empty() ? Severity::fine : problems.front().severity;
+    std::string text = problems.empty() ? FineText(facts) : "";
+    for (const Problem& problem : problems) text += (text.empty() ? "" : "; ") + problem.text;
+    fmt::print("KVAGENT {} - {}{}\n", names[static_cast<std::size_t>(severity)], PluginText(text),
+               PerformanceData(facts, limits));
+    throw commandline::ExitWith{static_cast<int>(severity)};
+}
+
+Thresholds ReadThresholds(const Given& given) {
+    constexpr commandline::Range minutes{1, 60 * 24 * 365};
+    constexpr commandline::Range megabytes{0, 1000 * 1000 * 1000};
+    constexpr std::array plugins{"--warning-age", "--critical-age", "--warning-free", "--critical-free"};
+    for (const char* option : plugins) {
+        if (Has(given, option) && !Has(given, "--plugin")) throw UsageError(fmt::format("{} needs --plugin", option));
+    }
+    const auto bytes = [&](const char* option, std::int64_t fallback) {
+        return static_cast<std::uint64_t>(Number(given, option, fallback, megabytes)) * bytesInMegabyte;
+    };
+    const Thresholds limits{.warningAge = Number(given, "--warning-age", 30, minutes) * secondsInMinute,
+                            .criticalAge = Number(given, "--critical-age", 360, minutes) * secondsInMinute,
+                            .warningFree = bytes("--warning-free", 200),
+                            .criticalFree = bytes("--critical-free", 20)};
+    if (limits.warningAge > limits.criticalAge) throw UsageError("--warning-age is above --critical-age");
+    if (limits.warningFree < limits.criticalFree) throw UsageError("--warning-free is below --critical-free");
+    return limits;
+}
+
+void RunStatus(const Given& given) {
+    constexpr int failed = 1;
+    constexpr int notInstalled = 3;
+    const Thresholds limits = ReadThresholds(given);
+    if (Has(given, "--json") && Has(given, "--plugin")) throw UsageError("--json and --plugin do not go together");
+    const AgentFacts facts = GatherFacts();
+    const std::vector<Problem> problems = JudgeFacts(facts, limits);
+    if (Has(given, "--plugin")) EndAsPlugin(facts, problems, limits);
+    if (Has(given, "--json"))
+        PrintJson(facts, problems);
+    else
+        PrintForPeople(facts, problems);
+    if (!facts.registryFailure.empty()) throw commandline::ExitWith{failed};
+    if (facts.binPath.empty()) throw commandline::ExitWith{notInstalled};
+}
+
+}  // namespace
+
+const commandline::Command& StatusVerb() {
+    static const commandline::Command verb{
+        .name = "status",
+        .text =
+            "Tells how the agent is. Version, key, server, last upload and registration, plan, what waits, whether "
+            "it collects, the last failure, disk room, and what needs attention. It runs as any user and names "
+            "what that user may not read. Exit code 1 when the settings cannot be read, 3 when no agent is "
+            "installed.",
+        .words = {},
+        .options = options,
+        .run = RunStatus,
+    };
+    return verb;
+}
+
+}  // namespace kv::control
