@@ -25,9 +25,9 @@ std::string RegistryFile();
 
 /// Who may do what with a file or directory, on a system that has modes.
 struct FilePermissions {
-    std::string mode;   // as chmod takes it
-    std::string owner;  // name or number
-    bool isOwnerPrivileged = false;
+    std::string mode;             // as chmod takes it
+    std::string owner;            // name or number
+    bool isOwnerTrusted = false;  // the superuser, or the user who asks
     bool othersRead = false;
     bool othersWrite = false;   // or those of another group than the owner's own
     bool isExecutable = false;  // by its owner

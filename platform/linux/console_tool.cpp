@@ -99,7 +99,7 @@ std::optional<FilePermissions> GetFilePermissions(std::u16string_view path) {
     permissions.mode = mode;
     const passwd* const owner = getpwuid(facts.st_uid);
     permissions.owner = owner != nullptr ? owner->pw_name : std::to_string(facts.st_uid);
-    permissions.isOwnerPrivileged = facts.st_uid == 0;
+    permissions.isOwnerTrusted = facts.st_uid == 0 || facts.st_uid == geteuid();
     permissions.othersRead = (facts.st_mode & (S_IROTH | S_IXOTH)) != 0;
     const bool isOwnGroup = owner != nullptr && owner->pw_gid == facts.st_gid;
     permissions.othersWrite = (facts.st_mode & S_IWOTH) != 0 || ((facts.st_mode & S_IWGRP) != 0 && !isOwnGroup);

@@ -12,6 +12,7 @@
 #include "collection/wmi.h"
 #include "collection/wmi_query.h"
 #include "foundation/file_utils.h"
+#include "foundation/open_file.h"
 #include "foundation/server_limit.h"
 #include "foundation/text.h"
 #include "platform/console_tool.h"
@@ -79,12 +80,17 @@ void CheckWmi(const Subject& subject) {
 
 /// What is wrong with the first line of a script, by which the system finds its interpreter; empty when nothing is.
 std::string FirstLineFault(std::u16string_view path) {
-    constexpr std::size_t enough = 64 * 1024 * 1024;
-    std::string content;
-    if (const platform::Error failure = ReadWholeFile(path, content, enough))
-        return fmt::format("cannot be read (error {})", failure);
-    if (!content.starts_with("#!")) return "";
-    const std::string line = content.substr(2, content.find('\n') - 2);
+    OpenFile file;
+    platform::Error failure = file.Open(path, platform::FileAccess::read, platform::FileShare::readWrite,
+                                        platform::FileDisposition::openExisting);
+    std::string line(256, '\0');  // the system looks at no more
+    std::size_t read = 0;
+    if (failure == platform::error::success)
+        failure = platform::Files().ReadFile(file.handle, line.data(), line.size(), read);
+    if (failure != platform::error::success) return fmt::format("cannot be read (error {})", failure);
+    line.resize(std::min(read, line.find('\n')));
+    if (!line.starts_with("#!")) return "";
+    line.erase(0, 2);
     if (line.ends_with('\r')) return "has CRLF line ends, so its interpreter is not found";
     const std::size_t begin = std::min(line.find_first_not_of(" \t"), line.size());
     const std::string interpreter = line.substr(begin, line.find_first_of(" \t", begin) - begin);

@@ -132,7 +132,7 @@ void CheckPermissions(Findings& findings, const std::string& what, std::u16strin
         findings.Error(what + " " + name, fmt::format("others may write to it (mode {})", found->mode), next);
     else if (found->othersRead && !mayBeRead)
         findings.Warn(what + " " + name, fmt::format("others may read it (mode {})", found->mode), next);
-    if (!found->isOwnerPrivileged)
+    if (!found->isOwnerTrusted)
         findings.Warn(what + " " + name, fmt::format("belongs to {}", found->owner),
                       fmt::format("chown root {}, unless the agent runs as {}", name, found->owner));
 }

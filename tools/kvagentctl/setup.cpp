@@ -127,7 +127,7 @@ void Setup::ChooseAddress() {
         Add(serverInfoKeyPath, u"KVServerIPAddress", given, "--ip");
     } else if (IsAddress(server_.host)) {
         Add(serverInfoKeyPath, u"KVServerIPAddress", server_.host, "--server");
-    } else if ((isNew_ || stored.empty()) && !server_.host.empty() && problems_.empty()) {
+    } else if ((Has(given_, "--server") || stored.empty()) && !server_.host.empty() && problems_.empty()) {
         Add(serverInfoKeyPath, u"KVServerIPAddress", LookUp(server_.host), "looked up");
     } else if (!stored.empty()) {
         Add(serverInfoKeyPath, u"KVServerIPAddress", stored, before);

@@ -1,5 +1,6 @@
 // kvagentctl setup and check, on a registry and an install tree of the test's own.
 #include "foundation/file_utils.h"
+#include "tests/http/linux/tls_peers.h"
 #include "tests/tools/tool_fixture.h"
 
 namespace kv::test {
@@ -109,6 +110,33 @@ TEST_F(SetupAndCheck, CheckFindsWhatIsWrongWithSettings) {
     EXPECT_THAT(faults.output, testing::EndsWith("4 errors, 2 warnings\n"));
     fs::remove_all(folder / "state");
     EXPECT_THAT(Run({"check"}).output, HasSubstr("error: registry: settings and scripts are not checked: there is no"));
+}
+
+TEST_F(SetupAndCheck, CheckTriesEachAddressOfTheServer) {
+    InstallAgent();
+    const Identity identity = Issue(NewKey(), {.name = "cs"});
+    const TlsServer server(identity, "HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\n\r\n");
+    const std::string port = std::to_string(server.port);
+    Run({"setup", "--server", "https://127.0.0.1:" + port, "--second-ip", "127.0.0.9"});
+    const Outcome good = Run({"check", "--online"});
+    EXPECT_EQ(good.exitCode, 0) << good.output;
+    const std::string where = "server 127.0.0.1:" + port + " (KVLastAccessName, KVServerIPAddress, KVServerName";
+    for (const std::string& told :
+         {"note: " + where, std::string("certificate CN=cs, issued by CN=cs, until "),
+          std::string("not verified, it answers GET / with HTTP status 404"), "warning: " + where,
+          std::string("the certificate expires at "),
+          "warning: server 127.0.0.9:" + port + " (KVServerSecIPAddress): Connection refused"})
+        EXPECT_THAT(good.output, HasSubstr(told));
+    Registry({"set", serverKey, "KVServerPinnedKey", KeyPin(identity)});
+    EXPECT_THAT(Run({"check", "--online"}).output, HasSubstr("it has the pinned key, it answers GET /"));
+    const std::size_t sentBefore = server.decrypted;
+    Registry({"set", serverKey, "KVServerPinnedKey", KeyPin(Issue(NewKey(), {}))});
+    const Outcome refused = Run({"check", "--online"});
+    EXPECT_EQ(refused.exitCode, 1);
+    EXPECT_THAT(refused.output, HasSubstr("its key is not the pinned one"));
+    EXPECT_EQ(server.decrypted, sentBefore) << "nothing was sent";
+    Registry({"set", serverKey, "KVServerPinnedKey", "abc"});
+    EXPECT_THAT(Run({"check"}).output, HasSubstr("KVServerPinnedKey: has [abc], which is not sha256//"));
 }
 
 TEST_F(SetupAndCheck, CheckFindsWhatIsWrongWithAPlan) {
