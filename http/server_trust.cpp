@@ -94,7 +94,7 @@ std::string ProxyText(const TransactionTarget& target) {
 std::string FailureReason(Error failure, const std::string& reason) {
     std::string text = reason.empty() ? platform::MessageInLine(failure) : reason;
     text.erase(text.find_last_not_of(" .") + 1);
-    return text.empty() ? "error " + std::to_string(failure) : text + fmt::format(" (error {})", failure);
+    return text.empty() ? "error " + std::to_string(failure) : text;
 }
 
 platform::HttpServerTrust AskedTrust() {

@@ -14,7 +14,7 @@ namespace kv {
 /// The checks that the settings ask for (gv_serverTrust). May throw std::bad_alloc.
 platform::HttpServerTrust AskedTrust();
 
-/// Why a step has failed, in one line: the library's reason, else the system's text, and the number.
+/// Why a step has failed, in one line: the library's reason, else the system's text, else the number.
 std::string FailureReason(platform::Error failure, const std::string& reason);
 
 /// winHttpSecureFailure, with a log line that says why, when nothing may be sent to a target: a setting of trust cannot

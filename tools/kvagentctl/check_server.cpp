@@ -1,13 +1,9 @@
 // What kvagentctl check says of the server's addresses.
-#include <algorithm>
 #include <fmt/format.h>
 #include <optional>
 #include <vector>
 
-#include "agent/server_details.h"
-#include "agent/server_trust.h"
 #include "foundation/agent_state.h"
-#include "foundation/registry_store.h"
 #include "foundation/time_utils.h"
 #include "http/server_certificate.h"
 #include "http/server_probe.h"
@@ -16,6 +12,7 @@
 #include "platform/utf.h"
 #include "tools/kvagentctl/agent_process.h"
 #include "tools/kvagentctl/check_parts.h"
+#include "tools/kvagentctl/connection.h"
 #include "tools/kvagentctl/server_text.h"
 
 namespace kv::control {
@@ -24,38 +21,7 @@ namespace {
 
 using platform::Utf8FromWide;
 
-constexpr std::int32_t patience = 10000;       // milliseconds for a connection
 constexpr std::int64_t soon = 30 * 24 * 3600;  // seconds before a certificate's end that deserve a warning
-
-/// An address, and the settings that it stands in.
-struct Address {
-    std::u16string text;
-    std::string settings;
-};
-
-/// The addresses in the order in which the agent tries them, each once.
-std::vector<Address> ServerAddresses() {
-    constexpr struct {
-        const char* name;
-        platform::Error (*read)(OptionalText&);
-    } settings[] = {{"KVLastAccessName", GetKVLastAccessName},
-                    {"KVServerIPAddress", GetKVServerIPAddress},
-                    {"KVServerSecIPAddress", GetKVServerSecIPAddress},
-                    {"KVServerName", GetKVServerName},
-                    {"KVServerFlatName", GetKVServerFlatName}};
-    std::vector<Address> addresses;
-    for (const auto& setting : settings) {
-        OptionalText text;
-        if (setting.read(text) != platform::error::success || !text || text->size() < 3) continue;
-        const auto same = std::find_if(addresses.begin(), addresses.end(),
-                                       [&](const Address& address) { return address.text == *text; });
-        if (same == addresses.end())
-            addresses.push_back({*text, setting.name});
-        else
-            same->settings += fmt::format(", {}", setting.name);
-    }
-    return addresses;
-}
 
 /// What an address came to.
 struct Tried {
@@ -104,7 +70,7 @@ std::string JudgedBy(const ServerCertificate& shown) {
 }
 
 /// A certificate that the settings refuse is a problem, and so is a server without one.
-bool LookAtCertificate(Findings& findings, const std::string& where, const Address& address, Tried& tried) {
+bool LookAtCertificate(Findings& findings, const std::string& where, const ServerAddress& address, Tried& tried) {
     if (agentState.gv_httpsEnabled == 0) return true;
     ServerCertificate shown;
     std::string reason;
@@ -138,7 +104,7 @@ std::string FailureText(const std::vector<std::string>& lines, platform::Error f
     return fmt::format("{} (error {})", platform::MessageInLine(failure), failure);
 }
 
-Tried Try(Findings& findings, const std::string& where, const Address& address) {
+Tried Try(Findings& findings, const std::string& where, const ServerAddress& address) {
     Tried tried;
     std::vector<std::string> lines;
     const LogLines log([&](std::string_view line) { lines.emplace_back(line); });
@@ -154,31 +120,17 @@ Tried Try(Findings& findings, const std::string& where, const Address& address) 
     return tried;
 }
 
-/// What a request goes by, without the rest of a start.
-bool ReadConnection() {
-    const LogLines silence([](std::string_view) {});
-    OptionalText port, protocol;
-    if (GetKVServerSecurePort(port) != platform::error::success) return false;
-    agentState.gv_ServerPort = ParseDecimal(port.value_or(u""));
-    if (GetKVServerProtocol(protocol) == platform::error::success)
-        agentState.gv_httpsEnabled = CompareIgnoreCase(protocol, u"https") == 0 ? 1 : 0;
-    agentState.gv_httpTimeout = patience;
-    getProxyServerDetails();
-    getServerTrust();
-    return agentState.gv_ServerPort > 0;
-}
-
 }  // namespace
 
 void CheckServer(Findings& findings) {
     const bool isConnectable = ReadConnection();
-    const std::vector<Address> addresses = isConnectable ? ServerAddresses() : std::vector<Address>();
+    const std::vector<ServerAddress> addresses = isConnectable ? ServerAddresses() : std::vector<ServerAddress>();
     if (addresses.empty()) {
         findings.Error("server", "nothing to try: no address or no port is set", "kvagentctl setup --server SERVER");
         return;
     }
     std::vector<Finding> failures;
-    for (const Address& address : addresses) {
+    for (const ServerAddress& address : addresses) {
         const std::string where =
             fmt::format("server {}:{} ({})", Utf8FromWide(address.text), agentState.gv_ServerPort, address.settings);
         const Tried tried = Try(findings, where, address);

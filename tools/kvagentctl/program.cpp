@@ -16,7 +16,7 @@ std::string Notes() { return std::string(platform::RegistryPlace()) + "\n\n"; }
 
 const commandline::Program& ControlTool() {
     static const std::array verbs{control::StatusVerb(), control::SnmpVerb(), control::SetupVerb(),
-                                  control::CheckVerb(), control::LogVerb()};
+                                  control::CheckVerb(),  control::PinVerb(),  control::LogVerb()};
     static const std::array<std::span<const commandline::Command>, 1> topics{verbs};
     static const commandline::Program program{
         "kvagentctl", "shows, checks and tries what the monitoring agent of this computer does", topics, {}, Notes};

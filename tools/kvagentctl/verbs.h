@@ -10,6 +10,7 @@ const commandline::Command& StatusVerb();
 const commandline::Command& SnmpVerb();
 const commandline::Command& SetupVerb();
 const commandline::Command& CheckVerb();
+const commandline::Command& PinVerb();
 const commandline::Command& LogVerb();
 
 }  // namespace kv::control

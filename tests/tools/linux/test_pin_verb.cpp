@@ -1,0 +1,75 @@
+// kvagentctl pin, on a registry of the test's own and servers with certificates of all kinds.
+#include <csignal>
+
+#include "tests/http/linux/tls_peers.h"
+#include "tests/tools/tool_fixture.h"
+
+namespace kv::test {
+
+namespace {
+
+class PinVerb : public ToolTest {
+  protected:
+    PinVerb() : ToolTest(KVAGENTCTL_PROGRAM) { std::signal(SIGPIPE, SIG_IGN); }
+
+    std::string Stored() const {
+        const ToolFiles kvreg{KVREG_PROGRAM, files.input, files.errors};
+        std::FILE* const tool =
+            StartTool(kvreg, {"get", "Software\\Halvorine\\Kestrova\\KVAgent\\ServerInfo", "KVServerPinnedKey"});
+        std::string text;
+        for (int byte = std::fgetc(tool); byte != EOF && byte != '\n'; byte = std::fgetc(tool))
+            text += static_cast<char>(byte);
+        EndTool(tool);
+        return text;
+    }
+};
+
+TEST_F(PinVerb, ShowsTheCertificateAndStoresItsKey) {
+    EXPECT_EQ(Run({"pin"}).exitCode, 3) << "no server is set";
+    const Identity first = Issue(NewKey(), {});
+    const Identity second = Issue(NewKey(), {"next", "IP:127.0.0.1", -3, -2});
+    TlsServer server(first);
+    TlsServer next(second);
+    const auto at = [](const TlsServer& peer) { return "127.0.0.1:" + std::to_string(peer.port); };
+    ASSERT_EQ(Run({"setup", "--server", at(server)}).exitCode, 0);
+    const std::string one = KeyPin(first);
+    const std::string two = KeyPin(second);
+    const struct {
+        const char* title;
+        Words words;
+        int exitCode;
+        const char* told;
+        std::string stored;  // afterwards
+    } rows[] = {
+        {"nobody to ask", {"pin"}, 2, "this needs --yes", ""},
+        {"dry", {"pin", "--dry-run", "--yes"}, 0, "subject = CN=cs", ""},
+        {"JSON asks nothing", {"pin", "--json"}, 0, "\"stored\": false", ""},
+        {"nobody there", {"pin", "--yes", "--address", "127.0.0.1:1"}, 1, "Connection refused", ""},
+        {"no port number", {"pin", "--address", "cs:99999"}, 2, "a port number from 1 to 65535", ""},
+        {"yes", {"pin", "--yes"}, 0, "at its next start: systemctl restart", one},
+        {"again", {"pin", "--yes"}, 0, "is stored already; nothing was changed", one},
+        {"one more",
+         {"pin", "--json", "--add", "--yes", "--address", at(next)},
+         0,
+         "\"stored\": true",
+         one + ";" + two},
+        {"that one alone", {"pin", "--yes", "--address", at(next)}, 0, "is the stored key = yes", two},
+        {"another", {"pin", "--yes"}, 0, "is the stored key = no: its key is not the pinned one", one},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.title);
+        const Outcome outcome = Run(row.words);
+        EXPECT_EQ(outcome.exitCode, row.exitCode) << outcome.errors;
+        EXPECT_THAT(outcome.output + outcome.errors, HasSubstr(row.told));
+        EXPECT_EQ(Stored(), row.stored);
+    }
+    EXPECT_EQ(server.decrypted + next.decrypted, 0u) << "no request goes out";
+    ASSERT_EQ(Run({"setup", "--protocol", "http"}).exitCode, 0);
+    const Outcome outcome = Run({"pin", "--yes"});
+    EXPECT_EQ(outcome.exitCode, 1);
+    EXPECT_THAT(outcome.errors, HasSubstr("KVServerProtocol is not https, so the server shows no certificate"));
+}
+
+}  // namespace
+
+}  // namespace kv::test

@@ -1,0 +1,175 @@
+// kvagentctl pin: shows the server's certificate and stores its key as the only one that the agent sends to.
+#include <algorithm>
+#include <fmt/format.h>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "commandline/confirm.h"
+#include "commandline/run.h"
+#include "foundation/agent_settings.h"
+#include "foundation/agent_state.h"
+#include "foundation/registry_store.h"
+#include "http/server_certificate.h"
+#include "platform/console_tool.h"
+#include "platform/utf.h"
+#include "tools/kvagentctl/agent_process.h"
+#include "tools/kvagentctl/connection.h"
+#include "tools/kvagentctl/output.h"
+#include "tools/kvagentctl/server_text.h"
+#include "tools/kvagentctl/verbs.h"
+#include "tools/kvreg/registry_failure.h"
+#include "tools/kvreg/registry_tree.h"
+
+namespace kv::control {
+
+namespace {
+
+using commandline::Given;
+using commandline::Has;
+using commandline::Value;
+using platform::Utf8FromWide;
+using platform::WideFromUtf8;
+
+constexpr const char* setting = "KVServerPinnedKey";
+
+/// Where to look for the certificate: --address, or what the settings say. The port comes from the settings unless the
+/// address has one.
+std::vector<std::u16string> AddressesToTry(const Given& given, bool hasPort) {
+    std::vector<std::u16string> addresses;
+    if (!Has(given, "--address")) {
+        for (const ServerAddress& address : ServerAddresses()) addresses.push_back(address.text);
+        if (addresses.empty() || !hasPort)
+            throw commandline::NotFoundError(
+                "no server is set: kvagentctl setup --server SERVER, or give one with --address HOST:PORT");
+        return addresses;
+    }
+    const ServerText server = ParseServerText(commandline::NeededValue(given, "--address"));
+    if (!server.problem.empty()) throw commandline::UsageError("--address " + server.problem);
+    if (server.protocol == "http") throw commandline::UsageError("--address is http, which has no certificate");
+    if (!server.port.empty()) agentState.gv_ServerPort = ParseDecimal(WideFromUtf8(server.port));
+    if (server.port.empty() && !hasPort)
+        throw commandline::UsageError("--address has no port, and none is set: give HOST:PORT");
+    if (agentState.gv_ServerPort < 1 || agentState.gv_ServerPort > 65535)
+        throw commandline::UsageError("--address takes a port number from 1 to 65535, not '" + server.port + "'");
+    return {WideFromUtf8(server.host)};
+}
+
+/// The first certificate that an address shows. Each one that shows nothing leaves a line.
+ServerCertificate Fetch(const std::vector<std::u16string>& addresses) {
+    const LogLines silence([](std::string_view) {});
+    for (const std::u16string& address : addresses) {
+        ServerCertificate shown;
+        std::string reason;
+        const platform::Error failure = FetchServerCertificate(address, agentState.gv_ServerPort, shown, reason);
+        if (failure == platform::error::success) return shown;
+        fmt::print(stderr, "kvagentctl: {} port {}: {} (error {})\n", commandline::InLine(Utf8FromWide(address)),
+                   agentState.gv_ServerPort, commandline::InLine(reason), failure);
+    }
+    throw std::runtime_error("no address shows a certificate: is the port a TLS port, and does the server run?");
+}
+
+/// "yes", or why not; null when the check was not made.
+Cell Verdict(const std::optional<std::string>& problem) {
+    if (!problem) return std::nullopt;
+    return problem->empty() ? "yes" : "no: " + *problem;
+}
+
+/// The setting as it will be: the key, with --add behind those that are there. Absent when it is there already.
+std::optional<std::string> NewSetting(const Given& given, const std::string& key) {
+    const ServerTrust& trust = agentState.gv_serverTrust;
+    const bool isKnown = std::find(trust.pinnedKeys.begin(), trust.pinnedKeys.end(), key) != trust.pinnedKeys.end();
+    if (!Has(given, "--add")) return isKnown && trust.pinnedKeys.size() == 1 ? std::nullopt : std::optional(key);
+    if (trust.refusal.starts_with(setting))
+        throw std::runtime_error(trust.refusal + "; correct it, or leave --add out");
+    if (isKnown) return std::nullopt;
+    return fmt::format("{}{}{}", fmt::join(trust.pinnedKeys, ";"), trust.pinnedKeys.empty() ? "" : ";", key);
+}
+
+void Store(const std::string& keys) {
+    const RegFileValue value{
+        .name = WideFromUtf8(setting), .type = platform::RegistryType::text, .data = DataOfText(WideFromUtf8(keys))};
+    if (const platform::Error failure = WriteValue(serverInfoKeyPath, value))
+        throw std::runtime_error(
+            fmt::format("{} cannot be stored: {}; nothing was stored", setting, RegistryFailureText(failure)));
+}
+
+/// Prints the certificate; outcome, whether its key was stored, goes into JSON.
+void Show(const ServerCertificate& shown, Form form, const std::string& outcome) {
+    const platform::HttpCertificate& certificate = shown.certificate;
+    const bool asJson = form == Form::json;
+    Table table{{}, {{}}};
+    const auto add = [&](const char* name, const char* jsonName, Cell cell) {
+        table.columns.emplace_back(asJson ? jsonName : name);
+        table.rows[0].push_back(std::move(cell));
+    };
+    add("server", "server", shown.server);
+    add("subject", "subject", certificate.subject);
+    add("issuer", "issuer", certificate.issuer);
+    add("valid from", "validFrom", UtcText(certificate.validFrom));
+    add("valid until", "validUntil", UtcText(certificate.validUntil));
+    add("SHA-256", "sha256", certificate.fingerprint);
+    add("key", "key", certificate.keyPin);
+    add("is the stored key", "isStoredKey", Verdict(shown.keyProblem));
+    add("verified by the CA file", "verifiedByCAFile", Verdict(shown.caFileProblem));
+    add("verified by the system", "verifiedBySystem", Verdict(shown.systemProblem));
+    if (asJson) add("", "stored", Cell::Literal(outcome));
+    fmt::print("{}", Printed(table, form));
+    commandline::FlushOutput();
+}
+
+/// Asks, unless --yes has answered.
+void Confirm(const Given& given) {
+    if (Has(given, "--yes")) return;
+    const ServerTrust& trust = agentState.gv_serverTrust;
+    const bool replaces = !trust.pinnedKeys.empty() && !Has(given, "--add");
+    fmt::print(stderr, "Compare SHA-256 or key with what the server's administrator tells you by another way.\n");
+    if (!commandline::Confirmed(replaces ? "Store this key in the place of the stored one?" : "Store this key?"))
+        throw std::runtime_error("nothing was stored");
+}
+
+void RunPin(const Given& given) {
+    if (!MissingRegistryText().empty()) throw std::runtime_error(MissingRegistryText());
+    const bool hasPort = ReadConnection();
+    if (agentState.gv_httpsEnabled == 0)
+        throw std::runtime_error(
+            "KVServerProtocol is not https, so the server shows no certificate, and with a pinned key the agent would "
+            "send nothing: kvagentctl setup --protocol https --port PORT");
+    const ServerCertificate shown = Fetch(AddressesToTry(given, hasPort));
+    const std::optional<std::string> keys = NewSetting(given, shown.certificate.keyPin);
+    const bool asJson = Has(given, "--json");
+    const bool isDry = Has(given, "--dry-run") || (asJson && !Has(given, "--yes"));
+    if (!asJson) Show(shown, Form::line, "");
+    if (keys && !isDry) {
+        Confirm(given);
+        Store(*keys);
+    }
+    if (asJson) return Show(shown, Form::json, keys && !isDry ? "true" : "false");
+    if (!keys)
+        fmt::print("\nThis key is stored already; nothing was changed.\n");
+    else if (isDry)
+        fmt::print("\nNothing was stored, because of --dry-run.\n");
+    else
+        fmt::print("\nStored. The agent takes it at its next start: {}\n", platform::ServiceRestartCommand());
+}
+
+}  // namespace
+
+const commandline::Command& PinVerb() {
+    static constexpr commandline::Option options[] = {
+        {"--address", "SERVER", "where to look, as HOST or HOST:PORT; default: the server's addresses in their order"},
+        {"--add", "", "keeps the keys that are stored, for a server that is about to get a new one"},
+        {"--yes", "", "stores the key without a question"},
+        {"--dry-run", "", "shows the certificate and stores nothing"},
+        {"--json", "", "prints the certificate as JSON, and stores its key only with --yes"}};
+    static constexpr commandline::Command verb{
+        "pin",
+        "Shows the server's certificate and, after a yes, stores its key as KVServerPinnedKey: from its next start on "
+        "the agent sends nothing to a server with another key. No request goes to the server.",
+        {},
+        options,
+        RunPin};
+    return verb;
+}
+
+}  // namespace kv::control
