@@ -1,5 +1,6 @@
 #include "agent/server_details.h"
 
+#include <string>
 #include <utility>
 
 #include "agent/log_file.h"
@@ -9,6 +10,7 @@
 #include "foundation/proxy_password.h"
 #include "foundation/registry_store.h"
 #include "foundation/text.h"
+#include "platform/system_facts.h"
 
 namespace kv {
 
@@ -162,6 +164,20 @@ void PrintDetails() {
 
 bool ProxyIsEnabled() { return CompareIgnoreCase(agentState.gv_proxyEnabled, u"yes") == 0; }
 
+/// The password in clear from the service manager, its bytes as those of the setting. Editors end a file with a line
+/// end, which is not part of it.
+void ReadProxyCredential() {
+    std::string secret;
+    const Error result = platform::SystemFacts().ReadCredential("proxy-password", secret);
+    if (result == error::fileNotFound) return;
+    if (!Fetched(result, "\t Error in reading the credential proxy-password. gv_proxyPassword is not updated\n"))
+        return;
+    if (secret.ends_with('\n')) secret.pop_back();
+    agentState.gv_proxyPassword.emplace();
+    for (const char byte : secret) *agentState.gv_proxyPassword += static_cast<unsigned char>(byte);
+    Log2("\t getProxyServerDetails() :: the proxy's password is that of the credential proxy-password\n");
+}
+
 void ReadProxy() {
     Fetched(GetProxyServerName(agentState.gv_proxyServerName),
             "\t Error in fetching the proxy server name from the registry. gv_proxyServerName is not updated\n");
@@ -171,7 +187,9 @@ void ReadProxy() {
             "\t Error in fetching the proxy by pass list from the registry. gv_proxyExceptionAddr is not updated\n");
     OptionalText encoded;
     agentState.gv_proxyPassword.reset();
-    if (GetProxyPassword(encoded) == error::success && encoded) agentState.gv_proxyPassword = DecodeBase64(*encoded);
+    const Error result = GetProxyPassword(encoded);
+    if (result == error::success && encoded) agentState.gv_proxyPassword = DecodeBase64(*encoded);
+    if (result == error::fileNotFound) ReadProxyCredential();
 }
 
 }  // namespace

@@ -12,7 +12,8 @@ namespace kv {
 std::int32_t getCSDetails();
 
 /// Makes sure of the cryptographic keys and, when the proxy is switched on, reads its settings: what cannot be read
-/// becomes absent, and all but a missing password leaves a log line. Called like getCSDetails.
+/// becomes absent, and all but a missing password leaves a log line. A password that the registry does not have may
+/// come from the service manager, as the credential proxy-password. Called like getCSDetails.
 void getProxyServerDetails();
 
 /// The end of a run: releases the state unless gv_isMainThreadStarted, and closes the log. Once the main thread has

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <string_view>
 
 #include "platform/errors.h"
 #include "platform/seam.h"
@@ -27,6 +28,10 @@ struct SystemFactOperations {
 
     /// The computer's fully qualified DNS name.
     std::function<Error(std::u16string& name)> GetComputerNameExW;
+
+    /// The bytes of a secret that the service manager hands to this process alone, by its name (systemd.exec(5),
+    /// LoadCredential=). fileNotFound without one of that name, and on a system whose manager hands out none.
+    std::function<Error(std::string_view name, std::string& secret)> ReadCredential;
 };
 
 inline const SystemFactOperations& SystemFacts() { return CurrentOperations<SystemFactOperations>(); }

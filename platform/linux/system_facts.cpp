@@ -1,8 +1,10 @@
 #include <array>
 #include <cerrno>
 #include <charconv>
+#include <cstdlib>
 #include <memory>
 #include <netdb.h>
+#include <optional>
 #include <sstream>
 #include <sys/socket.h>
 #include <sys/utsname.h>
@@ -79,10 +81,22 @@ Error GetComputerNameExW(std::u16string& name) {
     return error::success;
 }
 
+Error ReadCredential(std::string_view name, std::string& secret) {
+    constexpr std::size_t mostBytes = 1024 * 1024;  // systemd's own bound
+    const char* directory = std::getenv("CREDENTIALS_DIRECTORY");
+    if (directory == nullptr || *directory == '\0') return error::fileNotFound;
+    std::optional<std::string> text = ReadOrdinaryFile(std::string(directory).append("/").append(name), mostBytes);
+    if (!text) return ErrorFromErrno(errno);
+    secret = *std::move(text);
+    return error::success;
+}
+
 }  // namespace
 
 SystemFactOperations LinuxSystemFacts() {
-    return {.GetVersionExW = Guarded(GetVersionExW), .GetComputerNameExW = Guarded(GetComputerNameExW)};
+    return {.GetVersionExW = Guarded(GetVersionExW),
+            .GetComputerNameExW = Guarded(GetComputerNameExW),
+            .ReadCredential = Guarded(ReadCredential)};
 }
 
 }  // namespace platform

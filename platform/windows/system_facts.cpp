@@ -97,6 +97,7 @@ SystemFactOperations WindowsSystemFacts() {
         .GetVersionExW = Guarded(GetVersionExW),
         .GetComputerNameExW =
             Guarded([](std::u16string& name) { return ComputerName(ComputerNameDnsFullyQualified, name); }),
+        .ReadCredential = [](std::string_view, std::string&) { return error::fileNotFound; },
     };
 }
 

@@ -205,5 +205,37 @@ TEST_F(ServerDetails, ReadsTheProxyOnlyWhenItIsOn) {
     EXPECT_FALSE(Logged("abc"));
 }
 
+TEST_F(ServerDetails, TakesTheProxyPasswordFromTheServiceManagerIfItIsAbsent) {
+    namespace error = platform::error;
+    const struct {
+        platform::Error result;
+        std::string secret;
+        std::optional<std::u16string> password;
+    } rows[] = {
+        {error::success, "s3cret\n", u"s3cret"},
+        {error::success, "s3\xC3\xA9\n\n", u"s3\u00C3\u00A9\n"},
+        {error::success, "", u""},
+        {error::fileNotFound, "", std::nullopt},
+        {error::accessDenied, "", std::nullopt},
+    };
+    std::size_t row = 0;
+    const test::Replaced credential(&platform::SystemFactOperations::ReadCredential,
+                                    [&](std::string_view name, std::string& secret) {
+                                        secret = rows[row].secret;
+                                        return name == "proxy-password" ? rows[row].result : error::fileNotFound;
+                                    });
+    Set({agentKeyPath, u"ProxyEnabled", u"YES"});
+    for (; row < std::size(rows); ++row) {
+        getProxyServerDetails();
+        EXPECT_EQ(agentState.gv_proxyPassword, rows[row].password) << row;
+    }
+    EXPECT_TRUE(Logged("Error in reading the credential proxy-password"));
+    EXPECT_FALSE(Logged("s3"));
+    row = 0;
+    Set({agentKeyPath, u"ProxyPassword", u"YWJj"});
+    getProxyServerDetails();
+    EXPECT_EQ(agentState.gv_proxyPassword, u"abc") << "the setting counts";
+}
+
 }  // namespace
 }  // namespace kv

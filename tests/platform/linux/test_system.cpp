@@ -1,5 +1,6 @@
 // The smaller lists of operations on Linux.
 #include <atomic>
+#include <cstdlib>
 #include <fstream>
 #include <list>
 #include <string>
@@ -8,6 +9,7 @@
 
 #include "platform/linux/linux.h"
 #include "platform/memory.h"
+#include "platform/system_facts.h"
 #include "tests/support/linux/zone_setting.h"
 #include "tests/support/test_folder.h"
 
@@ -23,6 +25,18 @@ TEST_F(SystemTest, LocalTimeFollowsTheZone) {
     EXPECT_EQ(time.day * 1000000 + time.hour * 10000 + time.minute * 100 + time.second, 5143507);
     EXPECT_EQ(time.millisecond, 42);
     EXPECT_EQ(Clock().FromLocalTime(time), 1772701507042);
+}
+
+TEST_F(SystemTest, ReadsWhatTheServiceManagerHandsOver) {
+    std::string secret;
+    unsetenv("CREDENTIALS_DIRECTORY");
+    EXPECT_EQ(SystemFacts().ReadCredential("password", secret), error::fileNotFound);
+    setenv("CREDENTIALS_DIRECTORY", folder.c_str(), 1);
+    EXPECT_EQ(SystemFacts().ReadCredential("password", secret), error::fileNotFound);
+    std::ofstream(folder / "password") << "s3cret\n";
+    EXPECT_EQ(SystemFacts().ReadCredential("password", secret), error::success);
+    EXPECT_EQ(secret, "s3cret\n");
+    unsetenv("CREDENTIALS_DIRECTORY");
 }
 
 /// This process's pages in memory, and how many of them are of files such as libraries.
