@@ -100,9 +100,15 @@ check_unit() {
     complaints=$(systemd-analyze verify --root="$root" --man=no corvinel-monitoring-agent.service 2>&1) || true
     [ -z "$complaints" ] || fail "$complaints"
     # The agent starts after the network, and no time limit ends its start.
-    for words in 'Wants=.*network-online.target' 'After=.*network-online.target.*' TimeoutStartSec=infinity; do
+    for words in UMask=0077 'Wants=.*network-online.target' 'After=.*network-online.target.*' TimeoutStartSec=infinity; do
         grep -qx "$words" "$root/lib/systemd/system/corvinel-monitoring-agent.service" || fail "the unit lacks $words"
     done
+    install -D -m 0644 "$root/usr/share/doc/kvagent/examples/hardening.conf" \
+        "$root/etc/systemd/system/corvinel-monitoring-agent.service.d/hardening.conf"
+    complaints=$(systemd-analyze verify --root="$root" --man=no corvinel-monitoring-agent.service 2>&1) || true
+    [ -z "$complaints" ] || fail "with the drop-in: $complaints"
+    systemd-analyze security --offline=true --root="$root" --threshold=30 corvinel-monitoring-agent.service \
+        >"$root/security" || fail "with the drop-in the service is left with: $(tail -n 1 "$root/security")"
 }
 
 lintian --allow-root --fail-on error,warning --pedantic ./*.changes

@@ -58,11 +58,11 @@ int WaitForLock(void* context, int attempt) {
 
 /// Makes an empty file that only its owner can read. SQLite gives its companion files the same mode.
 Error CreateDatabaseFile(const std::filesystem::path& path) {
+    const std::filesystem::path directory = path.parent_path();
     std::error_code failure;
-    const bool isNew = std::filesystem::create_directories(path.parent_path(), failure);
-    if (!failure && isNew && chmod(path.parent_path().c_str(), S_IRWXU | S_IRGRP | S_IXGRP) != 0)
-        return ErrorFromErrno(errno);
+    std::filesystem::create_directories(directory.parent_path(), failure);
     if (failure) return ErrorFromErrno(failure.value());
+    if (mkdir(directory.c_str(), S_IRWXU | S_IRGRP | S_IXGRP) != 0 && errno != EEXIST) return ErrorFromErrno(errno);
     const int file = open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR);
     if (file < 0) return errno == EEXIST ? error::success : ErrorFromErrno(errno);
     close(file);

@@ -68,6 +68,8 @@ std::string UnitFileText(const UnitDescription& unit) {
     // The colon keeps "$" as it is.
     text += fmt::format("ExecStart=:{}\n", Quoted(unit.program));
     for (const auto& [name, value] : unit.environment) text += "Environment=" + Quoted(name + "=" + value) + "\n";
+    // What the agent and its scripts write is for the superuser: logs and records tell much about a computer.
+    text += "UMask=0077\n";
     // A slow start is not ended, as that would count as a failure. Only the program is told to stop; what it has
     // started ends with it.
     text += "TimeoutStartSec=infinity\nKillMode=mixed\nTimeoutStopSec=30\n" + recovery.ofService;

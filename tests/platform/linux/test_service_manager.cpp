@@ -226,7 +226,7 @@ TEST_F(ServiceManagerTest, MakesAndRemovesUnits) {
                               "Requires=other-agent.service\nAfter=other-agent.service\nWants=network-online."
                               "target\nAfter=network-online.target dbus.service\n{}\n"
                               "[Service]\nType=notify\nNotifyAccess=main\nExecStart=:\"{}/a $b %%c\"\n"
-                              "Environment=\"KVAGENT_STATE_DIR={}\"\nTimeoutStartSec=infinity\nKillMode="
+                              "Environment=\"KVAGENT_STATE_DIR={}\"\nUMask=0077\nTimeoutStartSec=infinity\nKillMode="
                               "mixed\nTimeoutStopSec=30\n{}\n"
                               "[Install]\nWantedBy=multi-user.target\n",
                               systemd::unitFileMark, limits, work.string(), StateDirectory(), restarts))
