@@ -135,7 +135,8 @@ bool SettingTakes(const AgentSetting& setting, std::u16string_view value) {
         case anyText:
             return true;
         case text:
-            return !value.empty();
+            return !value.empty() &&
+                   std::none_of(value.begin(), value.end(), [](char16_t unit) { return unit < u' '; });
         case directory:
             return value.ends_with(u'\\') || value.ends_with(u'/');
         case host:
@@ -165,7 +166,7 @@ std::string SettingTaken(const AgentSetting& setting) {
         case anyText:
             return "a text";
         case text:
-            return "a text that is not empty";
+            return "a text that is not empty and has no control characters";
         case directory:
             return "a directory with a slash at its end";
         case host:

@@ -16,7 +16,7 @@ namespace kv {
 /// What a value holds. All but number are texts.
 enum class SettingRule {
     anyText,
-    text,          // not empty
+    text,          // not empty, without control characters
     directory,     // ends in a slash or backslash, because paths are appended to it
     host,          // a name or an address, without scheme and port
     optionalHost,  // the same, or up to two characters, such as "--", for no address

@@ -20,7 +20,7 @@ std::string_view ServiceRestartCommand();
 /// The whole path of the registry's file; empty when the registry is not kept in one.
 std::string RegistryFile();
 
-/// The directory of the registry's file when that directory does not exist; else empty.
+/// The directory of the registry's file when there is no such directory; else empty.
 [[nodiscard]] std::string MissingRegistryDirectory();
 
 /// Who may do what with a file or directory, on a system that has modes.

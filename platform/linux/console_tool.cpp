@@ -108,9 +108,9 @@ std::optional<FilePermissions> GetFilePermissions(std::u16string_view path) {
 }
 
 std::string MissingRegistryDirectory() {
-    std::error_code unknown;  // such as a directory above that may not be searched
-    const bool isMissing = !fs::exists(StateDirectory(), unknown) && !unknown;
-    return isMissing ? StateDirectory() : std::string();
+    std::error_code unused;  // what may not be looked at is not known to be missing
+    const fs::file_type type = fs::status(StateDirectory(), unused).type();
+    return type == fs::file_type::directory || type == fs::file_type::none ? std::string() : StateDirectory();
 }
 
 bool InputIsTerminal() { return isatty(STDIN_FILENO) == 1; }

@@ -36,7 +36,7 @@ void CheckOwnPlan(Findings& findings) {
 void RunCheck(const Given& given) {
     const std::string plan = commandline::Value(given, "PLAN");
     if (commandline::Has(given, "PLAN") && !MayExist(platform::WideFromUtf8(plan)))
-        throw commandline::NotFoundError(fmt::format("there is no file {}", plan));
+        throw commandline::NotFoundError(fmt::format("there is no file '{}'", plan));
     Findings findings;
     {
         // What the agent's libraries say of a part is its findings; the rest of their lines is not for people.

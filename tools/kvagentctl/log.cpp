@@ -5,6 +5,7 @@
 
 #include "commandline/run.h"
 #include "foundation/file_utils.h"
+#include "foundation/registry_store.h"
 #include "platform/clock.h"
 #include "platform/console_tool.h"
 #include "platform/files.h"
@@ -14,6 +15,7 @@
 #include "tools/kvagentctl/log_entries.h"
 #include "tools/kvagentctl/log_files.h"
 #include "tools/kvagentctl/verbs.h"
+#include "tools/kvreg/registry_failure.h"
 
 namespace kv::control {
 
@@ -55,11 +57,16 @@ class Printer {
 };
 
 std::u16string LogPath() {
+    OptionalText stored;
+    const platform::Error result = GetKVAgentInstallDir(stored);
+    if (const std::string missing = MissingRegistryText(); !missing.empty()) throw commandline::NotFoundError(missing);
+    if (result != platform::error::success && !IsGone(result))
+        throw std::runtime_error("the registry cannot be read: " + RegistryFailureText(result));
     const std::u16string install = InstallDirectory();
     if (install.empty())
         throw std::runtime_error(
-            "the setting KVAgentInstallDir, which says where the log is, is missing or cannot be "
-            "read: kvagentctl check says why");
+            "KVAgentInstallDir, which says where the log is, is missing or not usable; kvagentctl check "
+            "tells more");
     return install + u"monitoring\\logs\\agent.log";
 }
 
