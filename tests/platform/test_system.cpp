@@ -136,10 +136,20 @@ TEST_F(SystemTest, AnEventStaysSetAndMayBeClosedAtOnce) {
             &event);
         EXPECT_EQ(Threads().WaitForEvent(event, round % 2 == 0 ? infinite : 60000), error::success);
         EXPECT_EQ(Threads().WaitForEvent(event, 0), error::success);
+        Threads().ResetEvent(event);
+        EXPECT_EQ(Threads().WaitForEvent(event, 0), error::waitTimeout);
         Threads().CloseEvent(event);
         EXPECT_EQ(Threads().WaitForThread(setter, infinite), error::success);
     }
     EXPECT_EQ(Threads().WaitForEvent(0, 0), error::invalidHandle);
+}
+
+TEST_F(SystemTest, KnowsProcessesByTheirNumbers) {
+    std::u16string name;
+    EXPECT_EQ(Processes().GetProcessName(Processes().GetCurrentProcessId(), name), error::success);
+    EXPECT_EQ(name, u"test_system");
+    EXPECT_EQ(Processes().GetProcessName(0x7FFFFFF0, name), error::fileNotFound);
+    EXPECT_EQ(name, u"");
 }
 
 TEST_F(SystemTest, FindsHostsByNameAndByAddress) {

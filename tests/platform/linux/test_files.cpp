@@ -25,11 +25,14 @@ TEST_F(FilesTest, NewFilesAreForOwnerAndGroupOnly) {
     FileHandle file = 0;
     Files().CreateFileW(u"made", FileAccess::write, FileShare::none, FileDisposition::createAlways, file);
     Files().CloseHandle(file);
+    Files().CreateFileW(u"told", FileAccess::write, FileShare::none, FileDisposition::createNew, file);
+    EXPECT_EQ(Files().LetEveryoneRead(file), error::success);
+    Files().CloseHandle(file);
     Files().CopyFileW(u"made", u"copy");
     Files().wmkdir(u"dir");
     Files().wmkdir(u"c:\\dir");
     umask(former);
-    for (const auto& [name, mode] : {std::pair{"made", 0640}, {"copy", 0640}, {"dir", 0750}})
+    for (const auto& [name, mode] : {std::pair{"made", 0640}, {"told", 0644}, {"copy", 0640}, {"dir", 0750}})
         EXPECT_EQ(fs::status(name).permissions(), fs::perms(mode)) << name;
     EXPECT_EQ(fs::status(Utf8FromWide(Files().NativePath(u"c:\\dir"))).permissions(), fs::perms(0750));
 }

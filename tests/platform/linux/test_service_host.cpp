@@ -59,13 +59,18 @@ void AwaitTaken() {
     while (isPending() || !sleeps()) usleep(1000);
 }
 
+/// Adds the notice that came to the trace. The caller holds its lock.
+void TakeNotice() {
+    std::string notice(200, '\0');
+    const ssize_t size = recv(managerSocket, notice.data(), notice.size(), MSG_DONTWAIT);
+    trace += notice.substr(0, static_cast<std::size_t>(std::max<ssize_t>(size, 0))) + "|";
+}
+
 void Report(ServiceState state) {
     const ServiceStatus status{.dwCurrentState = state, .dwControlsAccepted = scene->accepts};
     const std::lock_guard hold(traceLock);  // a control that follows waits
     EXPECT_EQ(ServiceHost().SetServiceStatus(handle, status), error::success);
-    std::string notice(200, '\0');
-    const ssize_t size = recv(managerSocket, notice.data(), notice.size(), MSG_DONTWAIT);
-    trace += notice.substr(0, static_cast<std::size_t>(std::max<ssize_t>(size, 0))) + "|";
+    TakeNotice();
 }
 
 std::uint32_t Handle(std::uint32_t control, std::uint32_t, void*, void*) {
@@ -90,6 +95,24 @@ void Main() {
     for (int tries = 0; tries < 500 && Traced() != scene->expected; ++tries) usleep(1000);
     usleep(20000);  // more would be an error
     Report(ServiceState::stopped);
+}
+
+void Tell(std::string_view text) {
+    const std::lock_guard hold(traceLock);
+    EXPECT_EQ(ServiceHost().SetStatusText(handle, text), error::success);
+    TakeNotice();
+}
+
+/// Tells how it is in each state.
+void TellingMain() {
+    ServiceHost().RegisterServiceCtrlHandlerExW(u"a", Handle, nullptr, handle);
+    Report(ServiceState::running);
+    Tell("one\nREADY=0");
+    Report(ServiceState::paused);
+    Tell("two");
+    Report(ServiceState::running);
+    Report(ServiceState::stopped);
+    Tell("three");
 }
 
 std::latch mayGoOn(1), isOver(1);
@@ -167,6 +190,9 @@ TEST(ServiceHost, SignalsBecomeAcceptedControls) {
         EXPECT_EQ(ServiceHost().StartServiceCtrlDispatcherW(u"a", Main), error::success) << each.title;
         EXPECT_EQ(trace, each.expected + "STATUS=Stopped|") << each.title;
     }
+    trace.clear();
+    EXPECT_EQ(ServiceHost().StartServiceCtrlDispatcherW(u"a", TellingMain), error::success);
+    EXPECT_EQ(trace, running + "STATUS=one|" + paused + "|READY=1\nSTATUS=two|STATUS=Stopped||");
     EXPECT_EQ(ServiceHost().StartServiceCtrlDispatcherW(u"a", StoppedBeforeItReports), error::success);
     mayGoOn.count_down();
     isOver.wait();
