@@ -11,6 +11,23 @@
 
 namespace platform {
 
+namespace {
+
+/// For systems whose library brings no texts.
+std::string OwnText(Error failure) {
+    switch (failure) {
+#define KV_CASE(name, number, text) \
+    case number:                    \
+        return text;
+        KV_SYSTEM_ERRORS(KV_CASE)
+#undef KV_CASE
+        default:
+            return "";
+    }
+}
+
+}  // namespace
+
 Error LastHttpError() {
     const Error failure = LastError();
     if (failure == WSAETIMEDOUT) return error::winHttpTimeout;
@@ -23,8 +40,8 @@ std::string FailureText(Error failure) {
     const DWORD size =
         ::FormatMessageW(FORMAT_MESSAGE_FROM_HMODULE | FORMAT_MESSAGE_IGNORE_INSERTS,
                          ::GetModuleHandleW(L"winhttp.dll"), failure, 0, text.data(), text.size(), nullptr);
-    std::string line = Utf8FromWide(Utf16FromWide({text.data(), size}));
-    line.erase(line.find_last_not_of(" \r\n") + 1);
+    std::string line = size == 0 ? OwnText(failure) : Utf8FromWide(Utf16FromWide({text.data(), size}));
+    line.erase(line.find_last_not_of(" .\r\n") + 1);
     return line;
 }
 
