@@ -155,7 +155,8 @@ bool MayRun(std::u16string_view fileName, const OptionalText& recordName) {
     const ServerLimit limit = LimitOfScripts();
     const std::u16string names[] = {std::u16string(fileName)};
     std::optional<std::u16string> refusal = limit.Refusal(names);
-    if (limit.isSet() && !refusal && FindChar(fileName, u'"') != fileName.npos) refusal = u"its name has a quote";
+    if (limit.isSet() && !refusal && FindChar(fileName, u'"') != std::u16string_view::npos)
+        refusal = u"its name has a quote";
     if (refusal)
         Log1("ExecuteScript : the script %s of the record %s is not run: %s \n", fileName, recordName, *refusal);
     return !refusal;

@@ -48,7 +48,7 @@ bool Matches(std::u16string_view pattern, std::u16string_view name) {
         } else if (hasBoth && IsOne(pattern[inPattern], name[inName])) {
             ++inPattern;
             ++inName;
-        } else if (afterStar != pattern.npos && starTo < name.size() && name[starTo] != separator) {
+        } else if (afterStar != std::u16string_view::npos && starTo < name.size() && name[starTo] != separator) {
             inPattern = afterStar;
             inName = ++starTo;
         } else {

@@ -82,7 +82,7 @@ Error GetComputerNameExW(std::u16string& name) {
 }
 
 Error ReadCredential(std::string_view name, std::string& secret) {
-    constexpr std::size_t mostBytes = 1024 * 1024;  // systemd's own bound
+    constexpr std::size_t mostBytes = std::size_t{1024} * 1024;  // systemd's own bound
     const char* directory = std::getenv("CREDENTIALS_DIRECTORY");
     if (directory == nullptr || *directory == '\0') return error::fileNotFound;
     std::optional<std::string> text = ReadOrdinaryFile(std::string(directory).append("/").append(name), mostBytes);

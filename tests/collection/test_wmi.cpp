@@ -59,6 +59,7 @@ class WmiQuery : public TestAgent {
             .ConnectServer = [this](Handle, auto in, Handle& to) { return Call(platform::Utf8FromWide(in), 2, &to); },
             .CoSetProxyBlanket = [this](Handle) { return Call("blanket"); },
             .ExecQuery = [this](Handle, auto, Handle& to) { return Call("query", 3, &to); },
+            .JudgeQuery = {},
             .Next =
                 [this](Handle, auto& object, auto& count) {
                     count = ++last <= 5 ? 1 : 0;

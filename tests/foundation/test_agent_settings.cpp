@@ -42,8 +42,7 @@ std::map<std::string, Row> SettingsOfPage() {
 
 TEST(AgentSettings, AreThoseOfTheDocumentation) {
     const auto isComing = [](std::u16string_view name) {
-        constexpr std::u16string_view names[] = {u"KVServerPinnedKey", u"KVServerCAFile", u"KVServerVerify",
-                                                 u"MetricsFile"};
+        constexpr std::u16string_view names[] = {u"KVServerPinnedKey", u"KVServerCAFile", u"KVServerVerify"};
         return std::find(std::begin(names), std::end(names), name) != std::end(names);
     };
     std::map<std::string, Row> known;
