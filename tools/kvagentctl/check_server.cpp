@@ -5,6 +5,7 @@
 
 #include "foundation/agent_state.h"
 #include "foundation/time_utils.h"
+#include "http/http_answers.h"
 #include "http/server_certificate.h"
 #include "http/server_probe.h"
 #include "platform/messages.h"
@@ -101,7 +102,7 @@ std::string FailureText(const std::vector<std::string>& lines, platform::Error f
             return fmt::format("{} (error {})", text.substr(0, text.find_last_not_of(" \n") + 1), failure);
         }
     }
-    return fmt::format("{} (error {})", platform::MessageInLine(failure), failure);
+    return TransactionFailure(failure);
 }
 
 Tried Try(Findings& findings, const std::string& where, const ServerAddress& address) {

@@ -3,11 +3,10 @@
 #include <algorithm>
 #include <charconv>
 #include <cstdint>
-#include <fmt/format.h>
 #include <utility>
 
 #include "commandline/run.h"
-#include "platform/messages.h"
+#include "http/http_answers.h"
 
 namespace kv::control {
 
@@ -128,8 +127,8 @@ std::string ReadableEntry(std::string_view entry) {
         readable = std::string(entry.substr(0, dateLength)) + ' ' + time + ' ' + std::string(text);
     }
     const std::uint32_t number = ErrorNumber(readable);
-    const std::string meaning = number == 0 ? "" : platform::MessageInLine(number);
-    if (!meaning.empty()) readable += fmt::format(" ({}: {})", number, meaning);
+    const std::string meaning = number == 0 ? "" : TransactionFailure(number);
+    if (!meaning.empty() && !meaning.starts_with(' ')) readable += ": " + meaning;
     return commandline::InLine(readable);
 }
 
