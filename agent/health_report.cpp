@@ -15,6 +15,7 @@
 #include "foundation/text.h"
 #include "foundation/time_utils.h"
 #include "platform/clock.h"
+#include "platform/memory.h"
 #include "platform/messages.h"
 #include "platform/service_host.h"
 #include "platform/utf.h"
@@ -95,11 +96,13 @@ void FollowLogLevel(Report& report) {
     logState.gv_logLevel = stored;
 }
 
-void WriteStatus(Report& report, const HealthSnapshot& health) {
+/// True when there was something to write.
+bool WriteStatus(Report& report, const HealthSnapshot& health) {
     if (report.written) report.written->writeTime = health.writeTime;
-    if (report.written == health && !report.status.isFailing) return;
+    if (report.written == health && !report.status.isFailing) return false;
     report.status.TakeResult(WriteHealthFile(report.status.path, health));
     report.written = health;
+    return true;
 }
 
 void WriteMetrics(Report& report, const HealthSnapshot& health) {
@@ -128,9 +131,13 @@ void ReportOnce() {
     if (report.isOver) return;
     FollowLogLevel(report);
     const HealthSnapshot health = CurrentHealth();
-    WriteStatus(report, health);
+    const bool hasWritten = WriteStatus(report, health);
     if (IsDue(report.metricsTime, health.writeTime)) WriteMetrics(report, health);
     TellServiceManager(report, health);
+    if (!hasWritten) return;
+    // The code for it is not needed for another minute, and an idle agent is to be small.
+    platform::ReleaseFreeMemory();
+    platform::TrimResidentLibraryPages();
 }
 
 /// Waits for an event of weight or the end of the period.

@@ -9,6 +9,13 @@ namespace platform {
 /// some small piece after it is in use.
 void ReleaseFreeMemory();
 
+/// Gives back the pages of code and constants of the program and all loaded libraries that are unchanged from their
+/// files. At its next use a page comes from the page cache or the file again; other threads may run meanwhile. A page
+/// that was written to, by the loader or for a breakpoint, stays. Does nothing in a process that is traced, nor on
+/// Windows, which trims idle processes by itself.
+/// Called after work that needs much code once in a while, such as an HTTP transaction.
+void TrimResidentLibraryPages();
+
 /// From this size on it pays. Everyday work, polls and records of some kilobytes, is smaller.
 inline constexpr std::size_t largePieceBytes = std::size_t{1} << 20;
 

@@ -17,6 +17,7 @@
 #include "platform/linux/http_curl_transfer.h"
 #include "platform/linux/http_target.h"
 #include "platform/linux/linux.h"
+#include "platform/memory.h"
 #include "platform/utf.h"
 
 namespace platform {

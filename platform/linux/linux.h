@@ -62,10 +62,4 @@ void ReadStateDirectory();
 /// The number for an errno value; generalFailure for one without a counterpart.
 [[nodiscard]] Error ErrorFromErrno(int code);
 
-/// Gives back the pages of code and constants of all loaded libraries that are unchanged from their files. At its next
-/// use a page comes from the page cache or the file again; other threads may run meanwhile. A page that was written to,
-/// by the loader or for a breakpoint, stays. Does nothing in a process that is traced.
-/// Called after work that needs much library code once in a while, such as an HTTP transaction.
-void TrimResidentLibraryPages();
-
 }  // namespace platform

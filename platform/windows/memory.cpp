@@ -6,4 +6,6 @@ namespace platform {
 
 void ReleaseFreeMemory() { _heapmin(); }
 
+void TrimResidentLibraryPages() {}
+
 }  // namespace platform
