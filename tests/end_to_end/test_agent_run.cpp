@@ -59,6 +59,15 @@ TEST(AgentRun, EnrolsAndCollectsByThePlan) {
     EXPECT_EQ(agent.ReadSetting(u"", u"EnableSendAgentStatus"), "yes");
     EXPECT_EQ(TestAgent::Read(agent.data / "Agent_LAB1_2.txt"),
               Utf16LittleEndianBytes(u"{ \"AGENTKEY\": \"LAB1\", \"One\": [ { \"Value\": \"caf\u00e9\" } ] }"));
+    const auto status = [&](const char* option) {
+        return RunShell("KVAGENT_STATE_DIR='" + agent.state.string() + "' '" KV_CONTROL_PROGRAM "' status " + option);
+    };
+    EXPECT_TRUE(InstalledAgent::Eventually([&] {
+        return status("").output.find("): registered") != std::string::npos;
+    })) << status("").output;
+    EXPECT_EQ(status("--plugin").output.find("KVAGENT OK - LAB1 at https://"), 0U) << status("--plugin").output;
+    agent.Kill();
+    EXPECT_EQ(status("--plugin").exitCode, 2);
 }
 
 TEST(AgentRun, RunsWithoutItsFolderAndAServer) {

@@ -43,7 +43,7 @@ OptionalText Setting(AgentFacts& facts, std::u16string_view key, std::u16string_
 
 void GatherSettings(AgentFacts& facts, std::u16string& binPath) {
     for (const AgentSetting& setting : AgentSettings()) {
-        if (setting.use == SettingUse::required && Setting(facts, setting.key, setting.name).value_or(u"").empty())
+        if (setting.use == SettingUse::required && !Setting(facts, setting.key, setting.name))
             facts.missingSettings.push_back(SettingTitle(setting));
         if (!facts.registryFailure.empty()) return facts.missingSettings.clear();
     }

@@ -26,6 +26,13 @@ class StatusVerb : public ToolTest {
         writeValue(platform::RootKey::localMachine, key, name, text, platform::RegistryType::text);
     }
 
+    static void Delete(std::u16string_view path, std::u16string_view name) {
+        platform::OwnedRegistryKey key;
+        platform::Registry().RegOpenKeyExW(platform::RootKey::localMachine, path, platform::RegistryAccess::allAccess,
+                                           key.Place());
+        EXPECT_EQ(platform::Registry().RegDeleteValueW(key.get(), name), platform::error::success);
+    }
+
     /// An agent that has enrolled and uploads, which this process stands for.
     void Install() {
         prctl(PR_SET_NAME, "MonitoringAgent");
@@ -118,7 +125,7 @@ TEST_F(StatusVerb, EndsAsAMonitoringPlugin) {
         {"no plan", [&] { fs::remove(monitoring / "conf/queryconf.txt"); }, 1, "there is no plan"},
         {"half a plan", [&] { Write(monitoring / "conf/queryconf.txt", "{ \"WorkFlows\": ["); }, 1, "cannot be read"},
         {"damage", [&] { Write(monitoring / "logs/status.json", "{"); }, 3, "KVAGENT UNKNOWN - "},
-        {"no customer", [] { Set(agentKeyPath, u"CustomerName", u""); }, 2, "CRITICAL - CustomerName is missing"},
+        {"no customer", [] { Delete(agentKeyPath, u"CustomerName"); }, 2, "CRITICAL - CustomerName is missing"},
         {"no key", [] { Set(monitoringKeyPath, u"MonitoringAgentKey", u"NULL"); }, 2, "not registered yet: registered"},
         {"full", [] {}, 1, "KVAGENT WARNING - the disk has room for ", {"--warning-free", "1000000000"}},
     };
