@@ -116,8 +116,27 @@ void WriteMetrics(Report& report, const HealthSnapshot& health) {
 /// Whether a period has passed since a moment; also when the clock was set back before it.
 bool IsDue(std::int64_t since, std::int64_t now) { return now - since >= periodSeconds || now < since; }
 
+/// The first required setting that is missing, in the order in which they are read; null when all are there.
+const char* MissingSetting() {
+    const AgentState& state = agentState;
+    if (!state.gv_ServerName) return "KVServerName";
+    if (!state.gv_ServerFlatName) return "KVServerFlatName";
+    if (!state.gv_ServerIPAddress) return "KVServerIPAddress";
+    if (state.gv_ServerPort == 0) return "KVServerSecurePort";
+    if (!state.gv_custID) return "CustomerName";
+    if (!state.gv_LastAccessName.get()) return "KVLastAccessName";
+    return state.gv_remoteOfficeName ? nullptr : "RemoteOfficeName";
+}
+
+/// Whether the first registration is still on its way, so that there is nothing to tell yet. After a period without an
+/// outcome there is.
+bool AwaitsRegistration(const HealthSnapshot& health) {
+    return health.registrationTime == 0 && !IsDue(health.startTime, health.writeTime) && !MissingSetting();
+}
+
 void TellServiceManager(Report& report, const HealthSnapshot& health) {
     if (agentState.gv_serviceStatusHandle == 0 || !IsDue(report.lineTime, health.writeTime)) return;
+    if (AwaitsRegistration(health)) return;
     std::string line = HealthLine(health, CountWaitingZips(BinPath()));
     if (line == report.line) return;
     platform::ServiceHost().SetStatusText(agentState.gv_serviceStatusHandle, line);
@@ -147,18 +166,6 @@ void WaitForNextReport(platform::EventHandle wake) {
     if (platform::Threads().WaitForEvent(wake, period) != error::success) return;
     platform::Clock().Sleep(gatherMilliseconds);
     platform::Threads().ResetEvent(wake);
-}
-
-/// The first required setting that is missing, in the order in which they are read; null when all are there.
-const char* MissingSetting() {
-    const AgentState& state = agentState;
-    if (!state.gv_ServerName) return "KVServerName";
-    if (!state.gv_ServerFlatName) return "KVServerFlatName";
-    if (!state.gv_ServerIPAddress) return "KVServerIPAddress";
-    if (state.gv_ServerPort == 0) return "KVServerSecurePort";
-    if (!state.gv_custID) return "CustomerName";
-    if (!state.gv_LastAccessName.get()) return "KVLastAccessName";
-    return state.gv_remoteOfficeName ? nullptr : "RemoteOfficeName";
 }
 
 /// "18:49" of today, and with the date before it of another day.

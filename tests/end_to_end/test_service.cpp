@@ -109,7 +109,8 @@ TEST_F(Service, WorksFromItsInstallationToItsRemoval) {
     StartDependency();
     Systemctl("start");
     EXPECT_EQ(ShowProperty("ActiveState"), "active");
-    const std::string running = ShowProperty("StatusText");
+    const std::string running = "LAB1 at 127.0.0.1:8080, no upload yet";
+    EXPECT_TRUE(Becomes("StatusText", running));
     ASSERT_TRUE(InstalledAgent::Eventually([&] { return RecordNumbers().size() == 1; })) << agent.ReadLog();
 
     Systemctl("kill --kill-whom=main -s USR1");
