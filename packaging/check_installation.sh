@@ -53,6 +53,14 @@ for state in active active failed; do
     expect $state systemctl is-active kvagent
 done
 
+# The agent runs with the hardening drop-in, too. What it writes is the superuser's alone.
+quietly sh -c "install -D -m 0644 /usr/share/doc/kvagent/examples/hardening.conf /etc/systemd/system/$unit.d/hardening.conf &&
+    systemctl daemon-reload; systemctl reset-failed $unit; systemctl restart $unit"
+expect active systemctl is-active $unit
+expect yes systemctl show --value --property NoNewPrivileges $unit
+expect 600 stat --format %a /var/lib/kvagent/monitoring/logs/agent.log
+quietly sh -c "rm -r /etc/systemd/system/$unit.d && systemctl daemon-reload"
+
 quietly dpkg --remove kvagent
 expect '' pgrep MonitoringAgent
 quietly dpkg --install "$agent"
