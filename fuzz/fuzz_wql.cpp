@@ -16,6 +16,7 @@
 #include "platform/utf.h"
 #include "wql/class_tree.h"
 #include "wql/condition.h"
+#include "wql/refusal.h"
 #include "wql/wql_token.h"
 
 namespace {
@@ -140,7 +141,11 @@ void CheckPath(const ObjectName& object) {
 void RunQuery(std::u16string_view text) {
     WqlStatement statement;
     BoundCondition condition;
-    if (ParseWql(text, statement) != wmi_status::ok) return;
+    if (ParseWql(text, statement) != wmi_status::ok) {
+        const std::u16string refusal = DescribeRefusal(text);
+        Require(!refusal.empty() && refusal.find(u":  is expected") == refusal.npos, "a refusal without a reason");
+        return;
+    }
     const auto* query = std::get_if<WqlQuery>(&statement);
     if (query == nullptr) return CheckPath(std::get<AssociationQuery>(statement).object);
     if (query->where == nullptr || BindCondition(*query->where, everyType, condition) != wmi_status::ok) return;
