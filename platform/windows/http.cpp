@@ -353,7 +353,8 @@ Error WinHttp::Resend(Request& request, const HttpTarget& target) {
 }
 
 Error WinHttp::Receive(Request& request) {
-    return HttpResultOf(::WinHttpReceiveResponse(request.handle.get(), nullptr));
+    const Error result = HttpResultOf(::WinHttpReceiveResponse(request.handle.get(), nullptr));
+    return request.refusal.value_or(result);
 }
 
 void WinHttp::EndReceive(Request& request, Error result) {

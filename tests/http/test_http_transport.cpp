@@ -3,6 +3,7 @@
 #include <map>
 #include <sstream>
 
+#include "foundation/proxy_password.h"
 #include "platform/http.h"
 #include "platform/utf.h"
 #include "tests/http/http_peers.h"
@@ -44,6 +45,52 @@ TEST_F(HttpTransport, SendsExactlyTheseHeaders) {
     expected.resize(5);
     expected.insert(expected.end(), {"POST /p HTTP/1.1\r", "Content-Length: 5\r"});
     EXPECT_THAT(HeaderLines(server.requests[1]), UnorderedElementsAreArray(expected));
+}
+
+/// Of "Zürich", made by the openssl command, which also tells what is expected of it below.
+constexpr std::string_view certificatePem =
+    "-----BEGIN CERTIFICATE-----\n"
+    "MIIBrDCCAVGgAwIBAgIURsqlNt6tEJlHRITC9suSc0t1qtUwCgYIKoZIzj0EAwIw\n"
+    "KzEQMA4GA1UECgwHWsO8cmljaDEXMBUGA1UEAwwOY3MuZXhhbXBsZS5jb20wHhcN\n"
+    "MjYxMTI3MDAxNzA5WhcNMzYxMTI0MDAxNzA5WjArMRAwDgYDVQQKDAdaw7xyaWNo\n"
+    "MRcwFQYDVQQDDA5jcy5leGFtcGxlLmNvbTBZMBMGByqGSM49AgEGCCqGSM49AwEH\n"
+    "A0IABOMsMGQjQcN4Fay0+YfiQICpUh2hBYmHMn+NqXya+Qb5ZidFwOfZPvPMgiY5\n"
+    "HKO6YZM/Fa/r4Od0d3CHm4NXCdOjUzBRMB0GA1UdDgQWBBTu5seeltGs4w7zVVMA\n"
+    "JvqsKXfbCDAfBgNVHSMEGDAWgBTu5seeltGs4w7zVVMAJvqsKXfbCDAPBgNVHRMB\n"
+    "Af8EBTADAQH/MAoGCCqGSM49BAMCA0kAMEYCIQDhK3MYNjonNmmj/MmfU4kGnY0m\n"
+    "5mU3dS6ohrG20cbo+wIhAPEIHLR9qna3RqdAXdyj2IqC5UYRHBqvmNiMNWrHlXbL\n"
+    "-----END CERTIFICATE-----\n";
+
+TEST_F(HttpTransport, ReadsCertificates) {
+    const std::string pem(certificatePem);
+    const std::pair<std::string, std::optional<std::size_t>> texts[] = {
+        {"", 0},
+        {"no certificate", 0},
+        {"one\n" + pem + "and another\r\n" + pem, 2},
+        {pem.substr(0, pem.size() / 2), std::nullopt},
+        {pem + pem.substr(0, pem.size() - 3), std::nullopt},
+        {"-----BEGIN CERTIFICATE-----\nAAAA\n-----END CERTIFICATE-----\n", std::nullopt},
+    };
+    for (const auto& [text, expected] : texts) {
+        std::size_t count = 0;
+        const platform::Error result = platform::Http().CountCertificates(text, count);
+        EXPECT_EQ(result, expected ? 0u : 13u) << text;
+        EXPECT_EQ(count, expected.value_or(0)) << text;
+    }
+    std::string base64 = pem.substr(pem.find('\n'), pem.rfind("-----END") - pem.find('\n'));
+    std::erase(base64, '\n');
+    std::string der;
+    for (const char16_t byte : DecodeBase64(platform::WideFromUtf8(base64))) der += static_cast<char>(byte);
+    platform::HttpCertificate certificate;
+    ASSERT_EQ(platform::Http().ReadCertificate(der, certificate), 0u);
+    EXPECT_EQ(certificate.subject, "O=Zürich, CN=cs.example.com");
+    EXPECT_EQ(certificate.issuer, certificate.subject);
+    EXPECT_EQ(certificate.validFrom, 1795738629);
+    EXPECT_EQ(certificate.validUntil, 2111098629);
+    EXPECT_EQ(certificate.keyPin, "sha256//l82AhPPGEweKg/e6ihk4NpC1AA1vxZ5dj535HolxBnI=");
+    EXPECT_EQ(certificate.fingerprint,
+              "E3:89:0B:AA:18:EF:6B:4C:0B:8B:9D:1E:79:48:94:02:3D:E4:FD:DA:2A:D5:9F:43:BF:8E:31:1F:99:3B:59:31");
+    EXPECT_EQ(platform::Http().ReadCertificate(der.substr(0, der.size() - 1), certificate), 13u);
 }
 
 TEST_F(HttpTransport, EncodesAnyTextForTheServer) {
