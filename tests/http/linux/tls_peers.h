@@ -82,7 +82,7 @@ inline std::string KeyPin(const Identity& identity) {
     return std::string("sha256//") + reinterpret_cast<const char*>(text);
 }
 
-/// Takes TLS connections one at a time, reads the headers of a request and gives one answer. Counts the bytes that
+/// Takes TLS connections one at a time, reads a request and gives one answer. Counts the bytes that
 /// clients have sent inside TLS.
 class TlsServer {
   public:
@@ -118,6 +118,14 @@ class TlsServer {
     }
 
   private:
+    /// Whether headers and body have come.
+    static bool IsWhole(const std::string& request) {
+        const std::size_t end = request.find("\r\n\r\n");
+        const std::size_t length = request.find("Content-Length: ");
+        return end != request.npos &&
+               (length > end || request.size() >= end + 4 + std::stoul(request.substr(length + 16)));
+    }
+
     void Serve(Socket connection) {
         const std::unique_ptr<SSL, platform::ReleasedBy<SSL_free>> tls(SSL_new(context_.get()));
         SSL_set_fd(tls.get(), static_cast<int>(connection));
@@ -127,7 +135,7 @@ class TlsServer {
             for (int count; (count = SSL_read(tls.get(), bytes, sizeof bytes)) > 0;) {
                 decrypted += static_cast<std::size_t>(count);
                 request.append(bytes, static_cast<std::size_t>(count));
-                if (request.find("\r\n\r\n") != request.npos) break;
+                if (IsWhole(request)) break;
             }
         }
         if (!request.empty()) SSL_write(tls.get(), answer_.data(), static_cast<int>(answer_.size()));
