@@ -1,12 +1,19 @@
 #include "collection/plan_members.h"
 
 #include <algorithm>
+#include <span>
 
 #include "platform/near_name.h"
 
 namespace kv {
 
 namespace {
+
+struct RecordKind {
+    std::u16string_view key;  // a record is of the first kind whose key it has
+    std::span<const std::u16string_view> members;
+    std::span<const std::u16string_view> needed;  // beside the key
+};
 
 constexpr std::u16string_view neededOfWmi[] = {u"Name"};
 constexpr std::u16string_view neededOfSnmp[] = {u"DEVICE_NAME", u"OID"};
@@ -64,8 +71,6 @@ std::vector<std::u16string> OddMembersOfNoKind(const HashTable* record) {
 }
 
 }  // namespace
-
-std::span<const RecordKind> RecordKinds() { return kinds; }
 
 std::vector<std::u16string> OddMembersOfRecord(const HashTable* record) {
     const auto* const kind = std::find_if(std::begin(kinds), std::end(kinds),
