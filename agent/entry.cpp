@@ -11,6 +11,7 @@
 #include "agent/server_trust.h"
 #include "agent/service.h"
 #include "agent/service_admin.h"
+#include "foundation/agent_health.h"
 #include "foundation/agent_state.h"
 #include "foundation/guarded.h"
 #include "foundation/log.h"
@@ -203,6 +204,7 @@ void InitAgentParams() {
     state.gv_timeDiff = defaults.gv_timeDiff.load();
     state.gv_loadqueryconf = defaults.gv_loadqueryconf;
     state.gv_agentRunFlag = defaults.gv_agentRunFlag.load();
+    ResetAgentHealth();
 }
 
 void ProcessTestMonitor() {}

@@ -10,7 +10,8 @@ namespace kv {
 /// "/t" never returns. Called once.
 int Main(const std::vector<std::string>& words);
 
-/// Gives the settings of the agent state their defaults (foundation/agent_state.h).
+/// Gives the settings of the agent state their defaults (foundation/agent_state.h). In the agent's health nothing has
+/// happened yet (foundation/agent_health.h).
 void InitAgentParams();
 
 /// Does nothing. Work of "/monitor" beyond printing the configuration would belong here.

@@ -28,7 +28,6 @@ using ::testing::HasSubstr;
 class HealthReport : public test::TestAgent {
   protected:
     HealthReport() {
-        ResetAgentHealth();
         agentState.gv_ServerName = agentState.gv_ServerFlatName = agentState.gv_ServerIPAddress = u"cs";
         agentState.gv_LastAccessName.Publish(u"cs");
         agentState.gv_ServerPort = 8443;
@@ -36,7 +35,6 @@ class HealthReport : public test::TestAgent {
         agentState.gv_agentKey.Publish(u"LAB1");
         agentState.gv_serviceStatusHandle = 77;
     }
-    ~HealthReport() override { ResetAgentHealth(); }
 
     /// Runs the thread. Each of its waits does one step: when that sets the event, the wait ends early, and else after
     /// a minute. The last step is followed by one more report.
