@@ -52,12 +52,6 @@ struct Query {
     OwnedWmiHandle enumerator = {};
 };
 
-/// How a query ended: the status, and of a failure what FormatWMIError is to say about it.
-struct Outcome {
-    WmiStatus status = wmi_status::ok;
-    std::u16string_view text = {};
-};
-
 struct ConnectStep {
     const char16_t* failure;
     WmiStatus (*run)(Query& query);
@@ -82,39 +76,28 @@ constexpr ConnectStep connectSteps[] = {
     {u"Could not set proxy blanket", [](Query& query) { return Wmi().CoSetProxyBlanket(query.services.get()); }},
 };
 
-Outcome Connect(Query& query) {
+WmiOutcome Connect(Query& query) {
     for (const ConnectStep& step : connectSteps) {
         const WmiStatus status = step.run(query);
         if (!platform::IsFailure(status)) continue;
         Log1("\t WMIFunction :: %s [%x]\n", step.failure, status);
-        return {status, step.failure};
+        return {.status = status, .text = step.failure};
     }
     return {};
 }
 
 /// Beside the lines that have only the status: what is wrong with the query, as far as the system tells.
-void LogRefusal(const Query& query) {
-    const std::u16string refusal = Wmi().TakeRefusal(query.services.get());
+std::u16string LogRefusal(const Query& query) {
+    std::u16string refusal = Wmi().TakeRefusal(query.services.get());
     if (!refusal.empty()) Log1("\t WMIFunction :: The query is refused: %s \n", refusal);
+    return refusal;
 }
 
-Outcome Start(Query& query) {
+WmiOutcome Start(Query& query) {
     const WmiStatus status = Wmi().ExecQuery(query.services.get(), query.text, query.enumerator.Place());
     if (!platform::IsFailure(status)) return {};
     Log1("\t WMIFunction ::ExecQuery Failed for %s. Last Error code is [%x] \n", query.text, status);
-    LogRefusal(query);
-    return {status, query.text};
-}
-
-void PutProperties(WmiHandle object, HashTable* row) {
-    std::u16string name;
-    platform::Variant value;
-    WmiStatus status = Wmi().NextProperty(object, name, value);
-    for (; status == wmi_status::ok; status = Wmi().NextProperty(object, name, value)) {
-        if (PutHashText(row, name, VariantToString(value)) != 1)
-            Log1("\t WMIFunction :: No memory for the property %s, it is left out\n", name);
-    }
-    if (platform::IsFailure(status)) Log1("\t WMIFunction :: A row ends at a property that failed [%x]\n", status);
+    return {.status = status, .text = query.text, .refusal = LogRefusal(query)};
 }
 
 void AppendRow(WmiHandle object, Vector* rows) {
@@ -123,24 +106,22 @@ void AppendRow(WmiHandle object, Vector* rows) {
         Log1("\tWMIFunction :: InitHashTable Failed\n");
         return;
     }
-    const WmiStatus status = Wmi().BeginEnumeration(object);
-    if (platform::IsFailure(status)) {
-        Log1("\t WMIFunction :: BeginEnumeration failed, its row is left out [%x]\n", status);
-        return;
-    }
-    const EnumerationEnd end(object);
-    PutProperties(object, row.get());
-    AppendTable(rows, std::move(row));
+    const bool isTaken = TakeProperties(object, [&](const std::u16string& name, const platform::Variant& value) {
+        if (PutHashText(row.get(), name, VariantToString(value)) != 1)
+            Log1("\t WMIFunction :: No memory for the property %s, it is left out\n", name);
+    });
+    if (isTaken) AppendTable(rows, std::move(row));
 }
 
 /// Takes objects until there are no more or the next cannot be obtained: the status says which.
-WmiStatus AppendRows(WmiHandle enumerator, Vector* rows) {
+WmiStatus TakeObjects(WmiHandle enumerator, const WmiObjectSink& take, int& taken) {
     while (true) {
         OwnedWmiHandle object;
         std::uint32_t count = 0;
         const WmiStatus status = Wmi().Next(enumerator, object.Place(), count);
         if (status != wmi_status::ok || count != 1) return status;
-        AppendRow(object.get(), rows);
+        take(object.get());
+        ++taken;
     }
 }
 
@@ -148,29 +129,44 @@ std::u16string_view NamespaceOf(const OptionalText& nameSpace) {
     return nameSpace ? *nameSpace : std::u16string_view(u"ROOT\\CIMV2");
 }
 
-Outcome Run(std::u16string_view nameSpace, std::u16string_view text, Vector* rows) {
+}  // namespace
+
+WmiOutcome RunWmiQuery(std::u16string_view nameSpace, std::u16string_view text, const WmiObjectSink& take) {
     Query query{.nameSpace = nameSpace, .text = text};
-    Outcome outcome = Connect(query);
+    WmiOutcome outcome = Connect(query);
     if (!platform::IsFailure(outcome.status)) outcome = Start(query);
     if (platform::IsFailure(outcome.status)) return outcome;
-    const WmiStatus status = AppendRows(query.enumerator.get(), rows);
-    for (const std::u16string& notice : Wmi().TakeNotices(query.enumerator.get()))
-        Log1("\t WMIFunction :: %s \n", notice);
-    if (platform::IsFailure(status)) {
-        Log1("\t WMIFunction :: Next failed after %d rows [%x]\n", rows->count, status);
-        LogRefusal(query);
-    }
-    return {status, u"ERROR"};
+    int taken = 0;
+    outcome = {.status = TakeObjects(query.enumerator.get(), take, taken), .text = u"ERROR"};
+    outcome.notices = Wmi().TakeNotices(query.enumerator.get());
+    for (const std::u16string& notice : outcome.notices) Log1("\t WMIFunction :: %s \n", notice);
+    if (!platform::IsFailure(outcome.status)) return outcome;
+    Log1("\t WMIFunction :: Next failed after %d rows [%x]\n", taken, outcome.status);
+    outcome.refusal = LogRefusal(query);
+    return outcome;
 }
 
-}  // namespace
+bool TakeProperties(WmiHandle object, const WmiPropertySink& take) {
+    const WmiStatus begun = Wmi().BeginEnumeration(object);
+    if (platform::IsFailure(begun)) {
+        Log1("\t WMIFunction :: BeginEnumeration failed, its row is left out [%x]\n", begun);
+        return false;
+    }
+    const EnumerationEnd end(object);
+    std::u16string name;
+    platform::Variant value;
+    WmiStatus status = Wmi().NextProperty(object, name, value);
+    for (; status == wmi_status::ok; status = Wmi().NextProperty(object, name, value)) take(name, value);
+    if (platform::IsFailure(status)) Log1("\t WMIFunction :: A row ends at a property that failed [%x]\n", status);
+    return true;
+}
 
 std::optional<std::u16string> WMIQueryFault(const OptionalText& nameSpace, std::u16string_view wmiQuery) {
     const auto said = [](std::u16string_view what, WmiStatus status) {
         return platform::WideFromUtf8(LogText("%s [%x]", what, status));
     };
     Query query{.nameSpace = NamespaceOf(nameSpace), .text = wmiQuery};
-    const Outcome outcome = Connect(query);
+    const WmiOutcome outcome = Connect(query);
     if (platform::IsFailure(outcome.status))
         return said(u"nameSpace " + std::u16string(query.nameSpace) + u": " + std::u16string(outcome.text),
                     outcome.status);
@@ -186,12 +182,12 @@ std::u16string WMIFunction(const OptionalText& nameSpace, const OptionalText& wm
     Log3("\t Inside WMIFunction() \n");
     if (!wmiQuery) return u"wmiQuery is NULL";
     // What failed is named only when everything has been given back.
-    Outcome outcome;
+    WmiOutcome outcome;
     try {
-        outcome = Run(NamespaceOf(nameSpace), *wmiQuery, rows);
+        outcome = RunWmiQuery(NamespaceOf(nameSpace), *wmiQuery, [rows](WmiHandle object) { AppendRow(object, rows); });
     } catch (const std::bad_alloc&) {
         Log1("\t WMIFunction :: No memory for all of the rows [%x]\n", wmi_status::outOfMemory);
-        outcome = {wmi_status::outOfMemory, u"ERROR"};
+        outcome = {.status = wmi_status::outOfMemory, .text = u"ERROR"};
     }
     return platform::IsFailure(outcome.status) ? FormatWMIError(outcome.status, outcome.text) : u"NO ERROR";
 }

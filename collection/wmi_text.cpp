@@ -24,18 +24,6 @@ std::u16string ByteText(std::uint8_t byte) {
     return {u'\'', byte, u'\''};
 }
 
-/// Empty where neither the system nor WMI's library knows the code.
-std::u16string SystemMessage(platform::WmiStatus code) {
-    const platform::MessageOperations& messages = platform::Messages();
-    if (auto text = messages.FormatMessageW(code)) return *text;
-    platform::ModuleHandle module = 0;
-    if (const platform::Error error = messages.LoadLibraryW(u"wmiutils.dll", module)) {
-        Log1("\t FormatWMIError :: wmiutils.dll cannot be loaded [%d]\n", error);
-        return {};
-    }
-    return messages.FormatModuleMessageW(module, code).value_or(u"");
-}
-
 }  // namespace
 
 std::u16string VariantToString(const platform::Variant& value) {
@@ -62,12 +50,23 @@ std::u16string VariantToString(const platform::Variant& value) {
     }
 }
 
+std::u16string WmiStatusText(platform::WmiStatus code) {
+    const platform::MessageOperations& messages = platform::Messages();
+    if (auto text = messages.FormatMessageW(code)) return *text;
+    platform::ModuleHandle module = 0;
+    if (const platform::Error error = messages.LoadLibraryW(u"wmiutils.dll", module)) {
+        Log1("\t FormatWMIError :: wmiutils.dll cannot be loaded [%d]\n", error);
+        return {};
+    }
+    return messages.FormatModuleMessageW(module, code).value_or(u"");
+}
+
 std::u16string FormatWMIError(platform::WmiStatus code, std::u16string_view text) {
     Log3("\t Inside FormatWMIError() \n");
     std::u16string formatted = u"FAILED:";
     formatted += text;
     formatted += u" ERRORCODE:" + platform::WideFromUtf8(fmt::format("{:x}", code));
-    formatted += u" MESSAGE:" + SystemMessage(code);
+    formatted += u" MESSAGE:" + WmiStatusText(code);
     Log1("\tFormatted errorMess :: %s", formatted);
     return formatted;
 }

@@ -18,4 +18,7 @@ std::u16string VariantToString(const platform::Variant& value);
 /// code, with its line break; else that of WMI's own library; else empty.
 std::u16string FormatWMIError(platform::WmiStatus code, std::u16string_view text);
 
+/// What a status means, in the system's words or in those of WMI's own library; empty where neither knows it.
+std::u16string WmiStatusText(platform::WmiStatus code);
+
 }  // namespace kv

@@ -2,6 +2,7 @@
 // CommandLineWords gives them.
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -43,6 +44,8 @@ struct FilePermissions {
 /// From now on Ctrl-C, or what else asks the program to end, ends nothing by itself: WasInterrupted tells of it.
 void WatchForInterrupt();
 [[nodiscard]] bool WasInterrupted();
+/// How many columns the terminal has that standard output goes to; 0 when it goes elsewhere.
+[[nodiscard]] std::size_t OutputColumns();
 
 /// False when nobody reads standard output any more; a program that prints seldom would not notice otherwise. True
 /// where that cannot be found out.

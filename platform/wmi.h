@@ -12,6 +12,7 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/cim_type.h"
 #include "platform/owned_handle.h"
 #include "platform/seam.h"
 #include "platform/wmi_status.h"
@@ -37,12 +38,15 @@ enum class VariantType : std::uint16_t {
     arrayFlag = 0x2000,
 };
 
-/// One property's value. The elements of an array are not carried.
+/// One property's value.
 struct Variant {
     VariantType type = VariantType::empty;
-    std::int32_t integer = 0;  // i2, i4, ui1, and boolean: 0 is false
-    double real = 0;           // r4, r8
-    std::u16string text;       // bstr
+    std::int32_t integer = 0;             // i2, i4, ui1, and boolean: 0 is false
+    double real = 0;                      // r4, r8
+    std::u16string text;                  // bstr
+    std::vector<Variant> elements = {};   // of an array
+    CimType declared = CimType::unknown;  // the property's type, also of NULL: it tells signed from unsigned numbers,
+                                          // and what is a text only because its type has no VARIANT of its own
 };
 
 struct WmiOperations {

@@ -6,7 +6,7 @@
 set -euo pipefail
 
 build=(ca-certificates g++ cmake ninja-build pkg-config ccache zlib1g-dev libjson-c-dev libcurl4-openssl-dev
-       libsqlite3-dev libsystemd-dev libmount-dev libfmt-dev libutfcpp-dev libzip-dev libcpp-httplib-dev libssl-dev
+       libsqlite3-dev libsystemd-dev libmount-dev libedit-dev libfmt-dev libutfcpp-dev libzip-dev libcpp-httplib-dev libssl-dev
        libcli11-dev)
 test=(git libgtest-dev libgmock-dev libbenchmark-dev clang-format clang-tidy openssl unzip python3 rpm
       clang libclang-rt-dev snmpd snmp snmpsim procps iproute2 iputils-ping debhelper lintian systemd systemd-container

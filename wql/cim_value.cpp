@@ -139,10 +139,6 @@ CimValue AsNumberOf(CimType type, const CimValue& number) {
     }
 }
 
-CimType ElementOf(CimType type) {
-    return static_cast<CimType>(static_cast<unsigned>(type) & ~static_cast<unsigned>(CimType::arrayFlag));
-}
-
 platform::VariantType VariantTypeOf(CimType type) {
     if (IsArray(type)) {
         const platform::VariantType element = VariantTypeOf(ElementOf(type));
@@ -172,24 +168,6 @@ platform::VariantType VariantTypeOf(CimType type) {
 
 }  // namespace
 
-std::string NameOf(CimType type) {
-    if (IsArray(type)) return NameOf(ElementOf(type)) + "[]";
-    constexpr struct {
-        CimType type;
-        const char* name;
-    } names[] = {
-        {CimType::sint16, "sint16"},     {CimType::sint32, "sint32"},       {CimType::real32, "real32"},
-        {CimType::real64, "real64"},     {CimType::string, "string"},       {CimType::boolean, "boolean"},
-        {CimType::sint8, "sint8"},       {CimType::uint8, "uint8"},         {CimType::uint16, "uint16"},
-        {CimType::uint32, "uint32"},     {CimType::sint64, "sint64"},       {CimType::uint64, "uint64"},
-        {CimType::datetime, "datetime"}, {CimType::reference, "reference"},
-    };
-    for (const auto& row : names) {
-        if (row.type == type) return row.name;
-    }
-    return std::to_string(static_cast<unsigned>(type));
-}
-
 CimValue BroughtTo(CimType type, CimValue value) {
     const bool isArray = std::holds_alternative<CimArray>(value.held);
     if (value.isNull() || (isArray && IsArray(type))) return value;
@@ -205,6 +183,7 @@ CimValue BroughtTo(CimType type, CimValue value) {
 platform::Variant VariantOf(CimType type, const CimValue& value) {
     CimValue brought = BroughtTo(type, value);
     platform::Variant variant;
+    variant.declared = type;
     variant.type = brought.isNull() ? platform::VariantType::null : VariantTypeOf(type);
     if (brought.isNull() || IsArray(type)) return variant;
     if (const auto* real = std::get_if<double>(&brought.held)) {

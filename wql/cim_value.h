@@ -21,34 +21,10 @@ using platform::IsFailure;
 using platform::WmiStatus;
 namespace wmi_status = platform::wmi_status;
 
-/// The declared type of a property, by its number in the Common Information Model. An array has arrayFlag set as well.
-enum class CimType : std::uint16_t {
-    sint16 = 2,
-    sint32 = 3,
-    real32 = 4,
-    real64 = 5,
-    string = 8,
-    boolean = 11,
-    sint8 = 16,
-    uint8 = 17,
-    uint16 = 18,
-    uint32 = 19,
-    sint64 = 20,
-    uint64 = 21,
-    datetime = 101,
-    reference = 102,  // the path of an object
-    arrayFlag = 0x2000,
-};
-
-constexpr CimType ArrayOf(CimType element) {
-    return static_cast<CimType>(static_cast<unsigned>(element) | static_cast<unsigned>(CimType::arrayFlag));
-}
-constexpr bool IsArray(CimType type) {
-    return (static_cast<unsigned>(type) & static_cast<unsigned>(CimType::arrayFlag)) != 0;
-}
-
-/// The type as public references write it, such as "uint32" or "string[]".
-std::string NameOf(CimType type);
+using platform::ArrayOf;
+using platform::CimType;
+using platform::IsArray;
+using platform::NameOf;
 
 /// Stands for an array. Its elements never leave the provider, so they are not kept.
 struct CimArray {

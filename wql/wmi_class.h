@@ -114,6 +114,8 @@ struct ClassInfo {
     GatherRoutine gather = nullptr;  // null: an abstract class, whose objects are those of its subclasses
     std::u16string_view keys = {};   // the properties that tell its objects apart, with commas between them; empty for
                                      // an abstract class and for one that has a single object
+    std::string_view meaning = {};   // one line for readers of the list of classes: what its objects are; empty for an
+                                     // abstract class
 };
 
 }  // namespace kv::wql

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <poll.h>
 #include <pwd.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <system_error>
 #include <unistd.h>
@@ -122,6 +123,13 @@ void WatchForInterrupt() {
 }
 
 bool WasInterrupted() { return isInterrupted != 0; }
+
+std::size_t OutputColumns() {
+    winsize size{};
+    if (isatty(STDOUT_FILENO) != 1) return 0;
+    constexpr std::size_t usual = 80;
+    return ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : usual;
+}
 
 bool OutputHasReader() {
     pollfd output{STDOUT_FILENO, 0, 0};

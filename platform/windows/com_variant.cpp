@@ -4,6 +4,29 @@
 
 namespace platform {
 
+namespace {
+
+std::vector<Variant> ElementsOf(const VARIANT& array) {
+    std::vector<Variant> elements;
+    SAFEARRAY* const list = array.parray;
+    LONG first = 0;
+    LONG last = -1;
+    if (list == nullptr || ::SafeArrayGetDim(list) != 1 || FAILED(::SafeArrayGetLBound(list, 1, &first)) ||
+        FAILED(::SafeArrayGetUBound(list, 1, &last)))
+        return elements;
+    const VARTYPE type = static_cast<VARTYPE>(array.vt & VT_TYPEMASK);
+    for (LONG index = first; index <= last; ++index) {
+        OwnedVariant element;
+        void* const place = type == VT_VARIANT ? static_cast<void*>(&element.value) : &element.value.llVal;
+        if (FAILED(::SafeArrayGetElement(list, &index, place))) break;
+        if (type != VT_VARIANT) element.value.vt = type;
+        elements.push_back(VariantOf(element.value));
+    }
+    return elements;
+}
+
+}  // namespace
+
 OwnedBstr BstrOf(std::u16string_view text) {
     const std::wstring wide = WideOf(text);
     OwnedBstr owned(::SysAllocStringLen(wide.data(), static_cast<UINT>(wide.size())));
@@ -16,6 +39,7 @@ std::u16string TextOfBstr(BSTR text) { return Utf16FromWide({text, ::SysStringLe
 Variant VariantOf(const VARIANT& value) {
     Variant copy;
     copy.type = VariantType{value.vt};
+    if ((value.vt & VT_ARRAY) != 0) copy.elements = ElementsOf(value);
     switch (value.vt) {
         case VT_I2:
             copy.integer = value.iVal;

@@ -32,8 +32,8 @@ struct OwnedVariant {
     OwnedVariant& operator=(const OwnedVariant&) = delete;
 };
 
-/// The agent's copy of a value. Of an array, or of a type that platform::Variant does not name, only the type's number
-/// is kept.
+/// The agent's copy of a value. Of a type that platform::Variant does not name only the number is kept, and of an array
+/// of several dimensions no elements.
 Variant VariantOf(const VARIANT& value);
 
 }  // namespace platform

@@ -123,6 +123,12 @@ bool InputIsTerminal() {
     return ::GetConsoleMode(::GetStdHandle(STD_INPUT_HANDLE), &mode) != 0;
 }
 
+std::size_t OutputColumns() {
+    CONSOLE_SCREEN_BUFFER_INFO information{};
+    if (!::GetConsoleScreenBufferInfo(::GetStdHandle(STD_OUTPUT_HANDLE), &information)) return 0;
+    return static_cast<std::size_t>(information.srWindow.Right - information.srWindow.Left + 1);
+}
+
 /// Asks for the other end of a pipe without touching it. Whoever made the pipe may not have given the right to ask;
 /// then the next line that is printed finds out.
 bool OutputHasReader() {

@@ -148,11 +148,13 @@ WmiStatus NextProperty(WmiHandle handle, std::u16string& name, Variant& value) {
     if (object == nullptr) return wmi_status::invalidParameter;
     BSTR systemName = nullptr;
     OwnedVariant systemValue;
-    const HRESULT result = (*object)->Next(0, &systemName, &systemValue.value, nullptr, nullptr);
+    CIMTYPE declared = 0;
+    const HRESULT result = (*object)->Next(0, &systemName, &systemValue.value, &declared, nullptr);
     const OwnedBstr owned(systemName);
     if (result == WBEM_S_NO_ERROR) {
         name = TextOfBstr(systemName);
         value = VariantOf(systemValue.value);
+        value.declared = static_cast<CimType>(declared);
     }
     return StatusOf(result);
 }

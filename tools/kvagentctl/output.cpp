@@ -21,19 +21,26 @@ std::string InTable(const Cell& cell) {
     return cell.text ? commandline::InLine(utf8::replace_invalid(*cell.text)) : "-";
 }
 
-std::string PrintedTable(const Table& table) {
+constexpr std::size_t columnGap = 2;
+
+std::vector<std::size_t> ColumnWidths(const Table& table) {
     std::vector<std::size_t> widths;
     for (const std::string& column : table.columns) widths.push_back(Width(column));
     for (const auto& row : table.rows) {
         for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], Width(InTable(row[i])));
     }
+    return widths;
+}
+
+std::string PrintedTable(const Table& table) {
+    const std::vector<std::size_t> widths = ColumnWidths(table);
     std::string text;
     const auto addLine = [&](const auto& cells, const auto& textOf) {
         std::string line;
         for (std::size_t i = 0; i < cells.size(); ++i) {
             const std::string cell = textOf(cells[i]);
             line += cell;
-            if (i + 1 < cells.size()) line.append(widths[i] - Width(cell) + 2, ' ');
+            if (i + 1 < cells.size()) line.append(widths[i] - Width(cell) + columnGap, ' ');
         }
         text += line.substr(0, line.find_last_not_of(' ') + 1) + '\n';
     };
@@ -55,6 +62,12 @@ std::string PrintedLines(const Table& table) {
     return text;
 }
 
+std::string JsonTextOf(json_object* value) {
+    const std::unique_ptr<json_object, decltype(&json_object_put)> owned(value, json_object_put);
+    constexpr int flags = JSON_C_TO_STRING_PRETTY | JSON_C_TO_STRING_SPACED | JSON_C_TO_STRING_NOSLASHESCAPE;
+    return json_object_to_json_string_ext(value, flags);
+}
+
 /// The caller's; null for a cell without a value.
 json_object* JsonOf(const Cell& cell) {
     if (!cell.json.empty()) return json_tokener_parse(cell.json.c_str());
@@ -64,16 +77,14 @@ json_object* JsonOf(const Cell& cell) {
 }
 
 std::string PrintedJson(const Table& table) {
-    const std::unique_ptr<json_object, decltype(&json_object_put)> rows(json_object_new_array(), json_object_put);
+    json_object* const rows = json_object_new_array();
     for (const auto& row : table.rows) {
         json_object* object = json_object_new_object();
         for (std::size_t i = 0; i < row.size(); ++i)
             json_object_object_add(object, table.columns[i].c_str(), JsonOf(row[i]));
-        json_object_array_add(rows.get(), object);
+        json_object_array_add(rows, object);
     }
-    return std::string(json_object_to_json_string_ext(
-               rows.get(), JSON_C_TO_STRING_PRETTY | JSON_C_TO_STRING_SPACED | JSON_C_TO_STRING_NOSLASHESCAPE)) +
-           "\n";
+    return JsonTextOf(rows) + "\n";
 }
 
 std::string CsvCell(const std::string& text) {
@@ -103,6 +114,22 @@ Cell Cell::Literal(std::string literal) {
     Cell cell(literal);
     cell.json = std::move(literal);
     return cell;
+}
+
+Cell Cell::List(const std::vector<Cell>& elements) {
+    std::string list;
+    for (const Cell& element : elements) list += (list.empty() ? "" : ", ") + JsonTextOf(JsonOf(element));
+    return Literal("[" + list + "]");
+}
+
+TableWidth WidthOf(const Table& table) {
+    TableWidth width;
+    const std::vector<std::size_t> widths = ColumnWidths(table);
+    for (std::size_t i = 0; i < widths.size(); ++i) {
+        width.names += Width(table.columns[i]) + (i == 0 ? 0 : columnGap);
+        width.longest += widths[i] + (i == 0 ? 0 : columnGap);
+    }
+    return width;
 }
 
 std::string Printed(const Table& table, Form form) {

@@ -23,6 +23,9 @@ struct Cell {
     /// What is the same in a table and in JSON, such as a number. literal: JSON.
     static Cell Literal(std::string literal);
 
+    /// A list, which is JSON's in a table, too.
+    static Cell List(const std::vector<Cell>& elements);
+
     bool operator==(const Cell&) const = default;
 };
 
@@ -39,5 +42,12 @@ struct Table {
 /// blank line between rows. json: an array of objects, one for each row. csv: RFC 4180 with a header line; a null cell
 /// is empty.
 std::string Printed(const Table& table, Form form);
+
+/// Columns of a terminal that a table's names take, and that its longest line takes.
+struct TableWidth {
+    std::size_t names = 0;
+    std::size_t longest = 0;
+};
+TableWidth WidthOf(const Table& table);
 
 }  // namespace kv::control

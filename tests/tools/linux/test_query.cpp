@@ -1,0 +1,144 @@
+// kvagentctl query: this computer's rows, and the prompt on a terminal of its own.
+#include <array>
+#include <poll.h>
+#include <pty.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "tests/tools/tool_fixture.h"
+
+namespace kv::test {
+
+namespace {
+
+class QueryVerb : public ToolTest {
+  protected:
+    QueryVerb() : ToolTest(KVAGENTCTL_PROGRAM) {}
+};
+
+const std::string self =
+    "SELECT ParentProcessId, Name, Priority FROM Win32_Process WHERE ProcessId = " + std::to_string(getpid());
+
+TEST_F(QueryVerb, PrintsRowsInTheOrderOfSelect) {
+    const std::string parent = std::to_string(getppid());
+    const std::tuple<const char*, Words, int, std::string, const char*> rows[] = {
+        {"table", {self}, 0, "ParentProcessId  Name", ""},
+        {"csv", {self, "--csv"}, 0, "ParentProcessId,Name,Priority\r\n" + parent + ",test_kvagentctl,", ""},
+        {"line", {self, "--line"}, 0, "ParentProcessId = " + parent + "\n           Name = test_kv", ""},
+        {"typed", {self, "--json"}, 0, "\"ParentProcessId\": " + parent + ",\n    \"Name\": \"test_kv", ""},
+        {"as a record", {self, "--json", "--record"}, 0, "\"ParentProcessId\": \"" + parent + "\"", ""},
+        {"in several words", {"select", "name", "from", "win32_timezone", "--json"}, 1, "", "lacks the property name"},
+        {"64 bits",
+         {"--json", "SELECT TotalPhysicalMemory FROM Win32_ComputerSystem"},
+         0,
+         "\"TotalPhysicalMemory\": ",
+         ""},
+        {"true", {"--json", "SELECT Primary FROM Win32_OperatingSystem"}, 0, "\"Primary\": true", ""},
+        {"null", {"--csv", "SELECT Organization, Primary FROM Win32_OperatingSystem"}, 0, "\r\n,true\r\n", ""},
+        {"no rows", {"--json", "SELECT Name FROM Win32_Process WHERE ProcessId = 4294967295"}, 0, "[\n]\n", ""},
+        {"class",
+         {"SELECT Name FROM Win32_Proces"},
+         3,
+         "",
+         "Invalid class (80041010): the class Win32_Proces does not exist; did you mean Win32_Process?"},
+        {"property",
+         {"SELECT Nam FROM Win32_Process"},
+         1,
+         "",
+         "Invalid query (80041017): Win32_Process lacks the property Nam; did you mean Name?"},
+        {"place", {"SELECT Name FRM Win32_Process"}, 1, "", "at character 13, \"FRM\""},
+        {"namespace", {self, "--namespace", "ROOT\\X"}, 1, "", "Invalid namespace (8004100e): ROOT\\X"},
+        {"hidden", {"SELECT Name, __PATH FROM Win32_Processor"}, 0, "Name", "__PATH: system properties"},
+        {"two forms", {self, "--json", "--csv"}, 2, "", "only one of"},
+        {"classes", {"--classes", "logicaldisk"}, 0, "Win32_LogicalDisk", ""},
+        {"no class", {"--classes", "nix"}, 3, "", "no class has 'nix' in its name"},
+        {"describe", {"--describe", "win32_process"}, 0, "Handle  ", ""},
+        {"describe none",
+         {"--describe", "Process"},
+         3,
+         "",
+         "the class Process does not exist; did you mean Win32_Process?"},
+    };
+    for (const auto& [title, words, exitCode, output, errors] : rows) {
+        SCOPED_TRACE(title);
+        Words line = words;
+        line.insert(line.begin(), "query");
+        const Outcome outcome = Run(line);
+        EXPECT_EQ(outcome.exitCode, exitCode) << outcome.errors;
+        EXPECT_THAT(outcome.output, HasSubstr(output));
+        EXPECT_THAT(outcome.errors, HasSubstr(errors));
+    }
+}
+
+TEST_F(QueryVerb, ReadsQueriesFromStandardInput) {
+    Write(Utf8(files.input),
+          self + ";\n\n.mode json\nselect Primary from Win32_OperatingSystem\nSELECT x FROM y\n.nix\n.quit\n" + self);
+    const Outcome outcome = Run({"query"});
+    EXPECT_EQ(outcome.exitCode, 3);
+    EXPECT_THAT(outcome.output, ::testing::MatchesRegex("ParentProcessId  Name.*\n.*test_kv.*\n\\[\n.*true\n.*\\]\n"));
+    EXPECT_THAT(outcome.errors, HasSubstr("the class y does not exist\nunknown command '.nix'; .help lists them\n"));
+}
+
+/// The tool's prompt on a terminal of its own.
+class Terminal {
+  public:
+    explicit Terminal(const fs::path& home) {
+        winsize size{.ws_row = 24, .ws_col = 60, .ws_xpixel = 0, .ws_ypixel = 0};
+        pid_ = forkpty(&terminal_, nullptr, nullptr, &size);
+        if (pid_ != 0) return;
+        const std::string variable = "XDG_STATE_HOME=" + home.string();
+        execl("/usr/bin/env", "env", variable.c_str(), "TERM=vt100", KVAGENTCTL_PROGRAM, "query", nullptr);
+        _exit(1);
+    }
+
+    /// What the tool prints up to a text, or so far when that does not come in ten seconds.
+    std::string Until(const std::string& text) const {
+        std::string printed;
+        std::array<char, 4096> block{};
+        pollfd waited{terminal_, POLLIN, 0};
+        while (printed.find(text) == std::string::npos && poll(&waited, 1, 10000) > 0) {
+            const ssize_t size = read(terminal_, block.data(), block.size());
+            if (size <= 0) break;
+            printed.append(block.data(), static_cast<std::size_t>(size));
+        }
+        return printed;
+    }
+
+    std::string Type(const std::string& keys, const std::string& until) const {
+        return write(terminal_, keys.data(), keys.size()) < 0 ? "" : Until(until);
+    }
+
+    int End() const {
+        int status = 0;
+        Type("\x04", "never printed");
+        close(terminal_);  // hangs up, should the tool still be there
+        waitpid(pid_, &status, 0);
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+
+  private:
+    int terminal_ = -1;
+    pid_t pid_ = -1;
+};
+
+TEST_F(QueryVerb, PromptsOnATerminal) {
+    const Terminal first(folder);
+    first.Until("wql> ");
+    first.Type("SELECT junk", "junk");
+    EXPECT_THAT(first.Type("\x03", "wql> "), HasSubstr("^C"));
+    first.Type("SELECT Primary FROM Win32_OperatingS\t", "ystem");
+    EXPECT_THAT(first.Type("WHERE Prim\t= TRUE\r", "wql> "), HasSubstr("Primary\r\ntrue\r\n"));
+    EXPECT_THAT(first.Type("SELECT * FROM Win32_OperatingSystem\r", "wql> "), HasSubstr(" Primary = true\r\n"));
+    EXPECT_EQ(first.End(), 0);
+    const fs::path history = folder / "kvagentctl" / "history";
+    EXPECT_EQ(fs::status(history).permissions(), fs::perms::owner_read | fs::perms::owner_write);
+    const Terminal second(folder);
+    second.Until("wql> ");
+    EXPECT_THAT(second.Type("\x1b[A\x1b[A\r", "wql> "), HasSubstr("Primary\r\ntrue\r\n"))
+        << "the line of the first one";
+    EXPECT_EQ(second.End(), 0);
+}
+
+}  // namespace
+
+}  // namespace kv::test

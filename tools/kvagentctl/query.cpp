@@ -1,0 +1,127 @@
+// kvagentctl query: asks this computer in WQL, as the plan's WMI records do.
+#include <fmt/format.h>
+#include <iostream>
+#include <string>
+
+#include "commandline/run.h"
+#include "platform/console_tool.h"
+#include "platform/line_prompt.h"
+#include "tools/kvagentctl/query_session.h"
+#include "tools/kvagentctl/verbs.h"
+
+namespace kv::control {
+
+namespace {
+
+using commandline::Given;
+using commandline::Has;
+using commandline::UsageError;
+
+struct FormOption {
+    std::string_view name;
+    Form form;
+};
+constexpr FormOption forms[] = {
+    {"--table", Form::table}, {"--line", Form::line}, {"--json", Form::json}, {"--csv", Form::csv}};
+
+std::optional<Form> FormOf(const Given& given) {
+    std::optional<Form> form;
+    for (const FormOption& option : forms) {
+        if (!Has(given, option.name)) continue;
+        if (form) throw UsageError("only one of --table, --line, --json and --csv can be given");
+        form = option.form;
+    }
+    return form;
+}
+
+/// The words of a query, which may stand in one or in several arguments.
+std::string QueryText(const Given& given) {
+    return fmt::format("{}", fmt::join(commandline::Values(given, "QUERY"), " "));
+}
+
+/// Runs a line that is one of several: a failure is told, and the next one runs. The exit code of the line; absent for
+/// the end.
+std::optional<int> RunOne(QuerySession& session, const std::string& line) {
+    try {
+        return session.RunLine(line) ? std::optional(0) : std::nullopt;
+    } catch (const commandline::NotFoundError& error) {
+        fmt::print(stderr, "{}\n", commandline::InLine(error.what()));
+        return 3;
+    } catch (const UsageError& error) {
+        fmt::print(stderr, "{}\n", commandline::InLine(error.what()));
+        return 2;
+    } catch (const std::exception& error) {
+        fmt::print(stderr, "{}\n", commandline::InLine(error.what()));
+        return 1;
+    }
+}
+
+/// Without a terminal: queries from standard input, one a line. The exit code is that of the first that fails.
+void RunInput(QuerySession& session) {
+    int exitCode = 0;
+    for (std::string line; std::getline(std::cin, line);) {
+        const std::optional<int> code = RunOne(session, line);
+        if (!code) break;
+        if (exitCode == 0) exitCode = *code;
+    }
+    if (exitCode != 0) throw commandline::ExitWith{exitCode};
+}
+
+void RunPrompt(QuerySession& session) {
+    fmt::print("Queries in WQL, such as SELECT Name, FreeSpace FROM Win32_LogicalDisk. .help tells more.\n");
+    commandline::FlushOutput();
+    platform::LinePrompt prompt("kvagentctl", "wql> ", QuerySession::Completions);
+    while (const std::optional<std::string> line = prompt.Read()) {
+        if (!RunOne(session, *line)) break;
+    }
+}
+
+void Run(const Given& given) {
+    const std::string query = QueryText(given);
+    QuerySession session(commandline::Value(given, "--namespace", "ROOT\\CIMV2"), FormOf(given),
+                         Has(given, "--record") ? Values::asRecord : Values::typed);
+    if (Has(given, "--classes") && Has(given, "--describe"))
+        throw UsageError("only one of --classes and --describe can be given");
+    if (Has(given, "--describe")) {
+        if (!query.empty()) throw UsageError("--describe takes one class and goes without a query");
+        return session.PrintClass(commandline::NeededValue(given, "--describe"));
+    }
+    if (Has(given, "--classes")) return session.PrintClasses(query);
+    if (Has(given, "QUERY")) return session.RunQuery(query);
+    if (platform::InputIsTerminal() && platform::OutputColumns() > 0) return RunPrompt(session);
+    RunInput(session);
+}
+
+constexpr commandline::Word words[] = {
+    {"QUERY", "a query in WQL, such as 'SELECT Name, ProcessId FROM Win32_Process'; with --classes a PATTERN", true,
+     true},
+};
+
+constexpr commandline::Option options[] = {
+    {"--classes", "", "lists the classes, with what they are about; with PATTERN those whose name has it in it"},
+    {"--describe", "CLASS", "lists a class's properties: type, keys, unit and source"},
+    {"--namespace", "NS", "asks in another namespace than ROOT\\CIMV2"},
+    {"--json", "", "prints an array of objects: numbers, truth values, lists and null as such"},
+    {"--csv", "", "prints comma-separated values with a line of names"},
+    {"--line", "", "prints one property in a line"},
+    {"--table", "", "prints a table however wide it is"},
+    {"--record", "", "shows values as the agent's records have them: texts, NULL as -"},
+};
+
+}  // namespace
+
+const commandline::Command& QueryVerb() {
+    static const commandline::Command verb{
+        "query",
+        "Asks this computer in WQL, as a plan's WMI records do, and prints the rows. Columns stand in the order of "
+        "SELECT. 64-bit and unsigned numbers are numbers, dates are texts as WHERE takes them, and NULL is - in a "
+        "table. "
+        "On a terminal rows too wide for a table are printed one property in a line.\n\n"
+        "Without a query there is a prompt on a terminal, with history and completion (.help tells its commands); "
+        "otherwise queries are read from standard input, one a line. "
+        "Exit code 3 if the class does not exist, 1 if the query fails otherwise.",
+        words, options, Run};
+    return verb;
+}
+
+}  // namespace kv::control
