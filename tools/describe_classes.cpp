@@ -1,4 +1,5 @@
 // Prints the page about all WMI classes (docs/wmi-classes.md), made from the tables by which they are declared.
+#include <cctype>
 #include <cstdio>
 #include <fmt/format.h>
 #include <string>
@@ -44,8 +45,16 @@ std::string KeysOf(const ClassInfo& classInfo) {
     return "told apart by " + names;
 }
 
+/// The meaning as a sentence, with a blank behind it.
+std::string SentenceOf(std::string_view meaning) {
+    if (meaning.empty()) return {};
+    std::string sentence(meaning);
+    sentence[0] = static_cast<char>(std::toupper(static_cast<unsigned char>(sentence[0])));
+    return CellOf(sentence) + ". ";
+}
+
 void PrintClass(const ClassInfo& classInfo) {
-    fmt::print("\n## {}\n\n", Utf8FromWide(classInfo.name));
+    fmt::print("\n## {}\n\n{}", Utf8FromWide(classInfo.name), SentenceOf(classInfo.meaning));
     const std::string superclass = Utf8FromWide(classInfo.superclass);
     fmt::print("{}{}.\n\n", superclass.empty() ? "" : "A `" + superclass + "`; ", KeysOf(classInfo));
     fmt::print("| property | type | value |\n|---|---|---|\n");

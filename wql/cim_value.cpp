@@ -171,7 +171,7 @@ platform::VariantType VariantTypeOf(CimType type) {
 CimValue BroughtTo(CimType type, CimValue value) {
     const bool isArray = std::holds_alternative<CimArray>(value.held);
     if (value.isNull() || (isArray && IsArray(type))) return value;
-    if (IsArray(type)) return CimArray{1};
+    if (IsArray(type)) return CimArray{{std::move(value)}};
     if (isArray) return {};
     if (type == CimType::string || type == CimType::reference) return AsText(std::move(value));
     if (type == CimType::boolean) return AsTruth(value);
@@ -185,7 +185,11 @@ platform::Variant VariantOf(CimType type, const CimValue& value) {
     platform::Variant variant;
     variant.declared = type;
     variant.type = brought.isNull() ? platform::VariantType::null : VariantTypeOf(type);
-    if (brought.isNull() || IsArray(type)) return variant;
+    if (brought.isNull()) return variant;
+    if (const auto* list = std::get_if<CimArray>(&brought.held)) {
+        for (const CimValue& element : list->elements) variant.elements.push_back(VariantOf(ElementOf(type), element));
+        return variant;
+    }
     if (const auto* real = std::get_if<double>(&brought.held)) {
         variant.real = *real;
     } else if (const auto* truth = std::get_if<bool>(&brought.held)) {

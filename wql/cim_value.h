@@ -11,6 +11,7 @@
 #include <string_view>
 #include <utility>
 #include <variant>
+#include <vector>
 
 #include "platform/utf.h"
 #include "platform/wmi.h"
@@ -26,9 +27,11 @@ using platform::CimType;
 using platform::IsArray;
 using platform::NameOf;
 
-/// Stands for an array. Its elements never leave the provider, so they are not kept.
+struct CimValue;
+
+/// The elements of an array.
 struct CimArray {
-    std::size_t count = 0;
+    std::vector<CimValue> elements;
 };
 
 /// A value, or NULL. A whole number is held signed if it fits, else unsigned. Text is UTF-16; a datetime is its DMTF
@@ -62,6 +65,21 @@ struct CimValue {
     bool isNull() const { return held.index() == 0; }
 };
 
+/// An array of things that a CimValue can be made of.
+template <class Things>
+CimArray ListOf(const Things& things) {
+    CimArray list;
+    for (const auto& thing : things) list.elements.emplace_back(thing);
+    return list;
+}
+
+/// The same; NULL if it would be empty.
+template <class Things>
+CimValue ListOrNull(const Things& things) {
+    CimArray list = ListOf(things);
+    return list.elements.empty() ? CimValue() : CimValue(std::move(list));
+}
+
 /// Converts a value to a declared type. A whole number too large for the type loses its upper bits, like a counter that
 /// wraps; a real number loses its fraction and is clamped to the type's limits. Text is read as a number and a number
 /// written as text; a number becomes a datetime as microseconds since 1970. A single value becomes an array of one.
@@ -69,8 +87,7 @@ struct CimValue {
 CimValue BroughtTo(CimType type, CimValue value);
 
 /// The value, converted to its type, as the agent gets it by the rules of Windows: 64-bit numbers and datetimes as
-/// text, unsigned 32-bit numbers as signed ones, unsigned 16-bit numbers as 32-bit ones. Of an array only the type is
-/// given.
+/// text, unsigned 32-bit numbers as signed ones, unsigned 16-bit numbers as 32-bit ones.
 platform::Variant VariantOf(CimType type, const CimValue& value);
 
 /// Compares texts without regard to case, and numbers and truth values exactly. Unordered if one is NULL, an array or

@@ -47,7 +47,7 @@ std::optional<ClassFact> ClassFactOf(const ClassInfo& classInfo, std::u16string_
     const auto is = [name](std::u16string_view known) { return CompareNames(known, name) == 0; };
     const std::vector<std::u16string_view> above = SuperclassesOf(classInfo);
     if (is(u"__CLASS")) return ClassFact{CimType::string, classInfo.name};
-    if (is(u"__DERIVATION")) return ClassFact{ArrayOf(CimType::string), CimArray{above.size()}};
+    if (is(u"__DERIVATION")) return ClassFact{ArrayOf(CimType::string), ListOf(above)};
     if (is(u"__DYNASTY")) return ClassFact{CimType::string, above.empty() ? classInfo.name : above.back()};
     if (is(u"__GENUS")) return ClassFact{CimType::sint32, genusOfObjects};
     if (is(u"__NAMESPACE")) return ClassFact{CimType::string, u"root\\cimv2"};

@@ -17,7 +17,10 @@ std::string VariantText(const Variant& value) {
     if (isOf(VariantType::boolean) && value.integer >= -1 && value.integer <= 0)
         return value.integer ? "true" : "false";
     const bool isWhole = isOf(VariantType::i2, VariantType::i4, VariantType::ui1, VariantType::boolean);
-    return isWhole ? std::to_string(value.integer) : "array";
+    if (isWhole) return std::to_string(value.integer);
+    std::vector<std::string> elements;
+    for (const Variant& element : value.elements) elements.push_back(VariantText(element));
+    return fmt::format("[{}]", fmt::join(elements, ", "));
 }
 
 namespace {

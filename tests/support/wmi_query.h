@@ -27,7 +27,7 @@ struct WmiResult {
     std::string refusal;               // of TakeRefusal
 };
 
-/// A number in decimal, "true" or "false", or the text itself in UTF-8; "NULL", or "array" for any other type.
+/// A number in decimal, "true" or "false", the text itself in UTF-8, "NULL", or the elements of an array in brackets.
 std::string VariantText(const platform::Variant& value);
 
 WmiResult RunWmiQuery(std::string_view query, std::u16string_view nameSpace = u"ROOT\\CIMV2");

@@ -78,9 +78,9 @@ constexpr const char* bios = "SMBIOSBIOSVersion BIOSVersion SystemBiosMajorVersi
 
 TEST(WmiFirmware, TellsOfTheComputersParts) {
     EXPECT_THAT(GatheredTexts(u"Win32_SystemEnclosure", enclosure, [](const Gathering& to) { return GatherEnclosures(to, Table(), NoTexts); }),
-        ElementsAre("System Enclosure 0|Maker|C-1|Asset 7|V2|SKU-9|array|true|3|2|3.5|"));
+        ElementsAre("System Enclosure 0|Maker|C-1|Asset 7|V2|SKU-9|[23]|true|3|2|3.5|"));
     EXPECT_THAT(GatheredTexts(u"Win32_BaseBoard", board, [](const Gathering& to) { return GatherBaseBoards(to, Table(), NoTexts); }),
-        ElementsAre("Base Board|Maker|0X8DXD|A00|B-1|true|false|false|true|false|true|OK|array|",
+        ElementsAre("Base Board|Maker|0X8DXD|A00|B-1|true|false|false|true|false|true|OK|[NVRAM_CLR: Clear user settable NVRAM areas]|",
                     "Base Board 1|Maker of the riser|NULL|NULL|NULL|false|false|false|false|false|true|OK|NULL|"));
     EXPECT_THAT(GatheredTexts(u"Win32_PhysicalMemory", memory, [](const Gathering& to) { return GatherMemoryDevices(to, Table()); }),
         ElementsAre("Physical Memory 0|34359738368|DIMM_A1|Bank 0|Maker|00AB|PART-1|8|0|34|8320|70000|4800|1100|0|64|72|2|",
@@ -91,9 +91,9 @@ TEST(WmiFirmware, TellsOfTheComputersParts) {
         ElementsAre("Physical Memory Array 0|3|3|6|4|67108864|67108864|",
                     "Physical Memory Array 1|12|4|3|2|0|6442450944|"));
     EXPECT_THAT(GatheredTexts(u"Win32_ComputerSystem", system, [](const Gathering& to) { return GatherComputerSystem(to, Table()); }),
-        ElementsAre("4|3|-1|1|1|array|array|2|1|3|0|3|SKU-9|-1|1|false|false|"));
+        ElementsAre("4|3|-1|1|1|[0]|[one, two]|2|1|3|0|3|SKU-9|-1|1|false|false|"));
     EXPECT_THAT(GatheredTexts(u"Win32_BIOS", bios, [](const Gathering& to) { return GatherBios(to, Table(), Texts); }),
-        ElementsAre("1.5.0|array|1|5|255|array|fr|FR|iso8859-1|2|array|true|3|0|OK|"));
+        ElementsAre("1.5.0|[1.5.0]|1|5|255|[4, 7, 11]|fr|FR|iso8859-1|2|[en|US|iso8859-1, fr|FR|iso8859-1]|true|3|0|OK|"));
 }
 
 TEST(WmiFirmware, SaysWhatTheAgentMayNotRead) {
@@ -108,7 +108,7 @@ TEST(WmiFirmware, SaysWhatTheAgentMayNotRead) {
         {u"Win32_PhysicalMemory", "Tag", [](const Gathering& to) { return GatherMemoryDevices(to, ForbiddenTable()); }, denied, {}},
         {u"Win32_PhysicalMemoryArray", "Tag", [](const Gathering& to) { return GatherMemoryArrays(to, ForbiddenTable()); }, denied, {}},
         {u"Win32_SystemEnclosure", enclosure, [](const Gathering& to) { return GatherEnclosures(to, ForbiddenTable(), Texts); }, 0,
-         {"System Enclosure 0|Maker|NULL|Asset 7|NULL|NULL|array|NULL|2|NULL|NULL|"}},
+         {"System Enclosure 0|Maker|NULL|Asset 7|NULL|NULL|[30]|NULL|2|NULL|NULL|"}},
         {u"Win32_SystemEnclosure", "Tag", [](const Gathering& to) { return GatherEnclosures(to, ForbiddenTable(), NoTexts); }, denied, {}},
         {u"Win32_BaseBoard", board, [](const Gathering& to) { return GatherBaseBoards(to, ForbiddenTable(), Texts); }, 0,
          {"Base Board|NULL|0X8DXD|NULL|NULL|NULL|NULL|NULL|NULL|NULL|true|OK|NULL|"}},

@@ -134,7 +134,7 @@ WmiStatus ReadFakes(const Gathering&, PerfSampling& sampling) {
     return wmi_status::ok;
 }
 
-constexpr PerfClass fakeClass{u"Fake", fakeCounters, ReadFakes, false, true};
+constexpr PerfClass fakeClass{u"Fake", "", fakeCounters, ReadFakes, false, true};
 
 /// The name and speed, or another counter, of each object: "a=1 b=NULL".
 std::string SpeedsIn(const ClassInfo& formatted, std::u16string_view counter = u"Speed") {

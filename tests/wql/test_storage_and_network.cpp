@@ -171,7 +171,7 @@ TEST_F(WmiStorage, LeadsFromAMountToItsDisk) {
 TEST_F(WmiStorage, FillsWhatIsAlwaysTrue) {
     const std::tuple<const char*, const char*, const char*> rows[] = {
         {"DiskDrive", "ConfigManagerUserConfig,Capabilities,CapabilityDescriptions,ConfigManagerErrorCode",
-         "false array array 0"},
+         "false [3, 4] [Random Access, Supports Writing] 0"},
         {"LogicalDisk", "ConfigManagerErrorCode,ConfigManagerUserConfig,VolumeDirty", "0 false false"},
         {"LogicalDisk WHERE FileSystem = 'ext4' AND QuotasDisabled = TRUE",
          "SupportsDiskQuotas,QuotasIncomplete,QuotasRebuilding", "true false false"},
@@ -239,8 +239,8 @@ TEST_F(WmiNetwork, HasAdaptersAndConfigurationsOfEachKind) {
     }
     // The adapter's facts and its configuration's, in the order of the queries below.
     const std::pair<std::string, const char*> rows[] = {
-        {"kv0", "2 true false; true true array array 30 false"},
-        {"kv1", "2 true false; true false array NULL 90 false"},
+        {"kv0", "2 true false; true true [192.0.2.2, 192.0.2.1] [30, 70] 30 false"},
+        {"kv1", "2 true false; true false NULL NULL 90 false"},
         {"kv2", "7 false false; false false NULL NULL NULL NULL"},
         {"kv3", "0 false false; false false NULL NULL NULL NULL"},
     };
@@ -254,12 +254,14 @@ TEST_F(WmiNetwork, HasAdaptersAndConfigurationsOfEachKind) {
         const WmiRow &adapter = adapters.rows[0], &configuration = configurations.rows[0];
         EXPECT_EQ(PropertyTexts(adapter, "NetConnectionStatus,NetEnabled,PhysicalAdapter") + "; " +
                       PropertyTexts(configuration,
-                                    "IPEnabled,DHCPEnabled,IPAddress,DefaultIPGateway,IPConnectionMetric,"
+                                    "IPEnabled,DHCPEnabled,DefaultIPGateway,GatewayCostMetric,IPConnectionMetric,"
                                     "FullDNSRegistrationEnabled"),
                   facts)
             << name;
         EXPECT_EQ(PropertyText(configuration, "Index"), PropertyText(adapter, "Index")) << name;
         if (name != "kv0") continue;
+        EXPECT_EQ(PropertyText(configuration, "IPAddress").substr(0, 11), "[192.0.2.77");  // IPv6 may follow
+        EXPECT_EQ(PropertyText(configuration, "IPSubnet").substr(0, 14), "[255.255.255.0");
         EXPECT_EQ(PropertyTexts(adapter, "MACAddress,Speed"), "02:00:00:00:0A:0B 10000000000")
             << "the speed of each such pair";
         EXPECT_EQ(PropertyText(configuration, "MTU"), "1400");

@@ -88,7 +88,7 @@ TEST_F(WmiStorageTrees, HaveDisksAndPartitions) {
         LinesOf(Over<GatherDiskDrives>(
             u"Win32_DiskDrive",
             "DeviceID Index Partitions Signature Status ConfigManagerErrorCode ConfigManagerUserConfig Capabilities")),
-        "/dev/sda|0|4|-1977930691|OK|0|false|array|\n/dev/nvme0n1|1|2|NULL|Error|24|false|array|\n");
+        "/dev/sda|0|4|-1977930691|OK|0|false|[3, 4, 7]|\n/dev/nvme0n1|1|2|NULL|Error|24|false|[3, 4]|\n");
     EXPECT_EQ(LinesOf(Over<GatherDiskPartitions>(
                   u"Win32_DiskPartition", "DeviceID Name Caption DiskIndex Index Type Bootable PrimaryPartition")),
               "Disk #0, Partition #0|Disk #0, Partition #0|/dev/sda1|0|0|Installable File System|true|true|\n"

@@ -23,7 +23,7 @@ struct Row {
 
 // clang-format off
 constexpr PropertyInfo properties[] = {
-    {u"A", ArrayOf(CimType::uint16), 1, "", [](const Row& row) { return row.boolean.isNull() ? CimValue() : CimArray{2}; }},
+    {u"A", ArrayOf(CimType::uint16), 1, "", [](const Row& row) { return row.boolean.isNull() ? CimValue() : CimArray{{1, 2}}; }},
     {u"B", CimType::boolean, 2, "", [](const Row& row) { return row.boolean; }},
     {u"I1", CimType::sint8, 4, "", [](const Row& row) { return row.sint8; }},
     {u"I2", CimType::sint16, 4, "", [](const Row& row) { return row.sint16; }},
@@ -292,7 +292,7 @@ TEST(WmiValues, HaveTheVariantsOfTheirTypes) {
         {"real32", CimType::real32, 0.1, VariantType::r4, "0.10000000149011612"},
         {"boolean", CimType::boolean, true, VariantType::boolean, "true"},
         {"datetime", CimType::datetime, u"20240229060000.000000-300", VariantType::bstr, "20240229060000.000000-300"},
-        {"array", ArrayOf(CimType::uint16), CimArray{3}, uint16Array, "array"},
+        {"array", ArrayOf(CimType::uint16), CimArray{{1, 2, 3}}, uint16Array, "[1, 2, 3]"},
         {"NULL", CimType::uint32, {}, VariantType::null, "NULL"},
         {"a counter wraps", CimType::uint32, 4294967301, VariantType::i4, "5"},
         {"a fraction is cut", CimType::uint64, 99.9, VariantType::bstr, "99"},

@@ -129,7 +129,8 @@ WmiStatus GatherOfThisComputer(const Gathering& gathering) {
 }
 
 constexpr ClassInfo classes[] = {
-    {u"Win32_Battery", u"CIM_Battery", properties, GatherOfThisComputer, u"DeviceID"},
+    {u"Win32_Battery", u"CIM_Battery", properties, GatherOfThisComputer, u"DeviceID",
+     "batteries that power the computer: charge, state, time left"},
 };
 
 const ClassFamily family([] { return std::span<const ClassInfo>(classes); });

@@ -19,8 +19,8 @@ struct Row {
     std::optional<std::string> version;
     std::optional<std::string> serialNumber;
     std::optional<std::string> assetTag;
-    std::uint8_t chassisType = 0;  // 0: not known
-    std::size_t switches = 0;      // texts about jumpers and switches
+    std::uint8_t chassisType = 0;            // 0: not known
+    std::vector<std::string> switches = {};  // texts about jumpers and switches
 
     bool isDescribed() const { return !structure.formatted.empty(); }
 };
@@ -47,8 +47,6 @@ CimValue HeightOf(const Row& row) {
 std::string BoardTagOf(const Row& row) {
     return row.number == 0 ? "Base Board" : "Base Board " + std::to_string(row.number);
 }
-
-CimValue ListOrNull(std::size_t count) { return count != 0 ? CimValue(CimArray{count}) : CimValue(); }
 
 constexpr auto enclosureCaption = [](const Row&) { return u"System Enclosure"; };
 constexpr auto boardCaption = [](const Row&) { return u"Base Board"; };
@@ -186,7 +184,10 @@ WmiStatus Gather(const Gathering& gathering, const facts::SmbiosTable& table, co
     TellOfLostTable(gathering, table);
     for (std::size_t at = 0; at < rows.size(); ++at) {
         rows[at].number = at;
-        if (at == 0) rows[at].switches = facts::FirstOfType(structures, switchesType).strings.size();
+        if (at == 0) {
+            for (const std::string_view text : facts::FirstOfType(structures, switchesType).strings)
+                rows[at].switches.emplace_back(text);
+        }
         if (!gathering.row(&rows[at])) break;
     }
     return wmi_status::ok;
@@ -201,8 +202,10 @@ WmiStatus GatherBaseBoardsHere(const Gathering& gathering) {
 }
 
 constexpr ClassInfo classes[] = {
-    {u"Win32_SystemEnclosure", u"CIM_Chassis", enclosureProperties, GatherEnclosuresHere, u"Tag"},
-    {u"Win32_BaseBoard", u"CIM_Card", boardProperties, GatherBaseBoardsHere, u"Tag"},
+    {u"Win32_SystemEnclosure", u"CIM_Chassis", enclosureProperties, GatherEnclosuresHere, u"Tag",
+     "the case: maker, kind, serial number"},
+    {u"Win32_BaseBoard", u"CIM_Card", boardProperties, GatherBaseBoardsHere, u"Tag",
+     "main boards: maker, product, serial number"},
 };
 
 const ClassFamily family([] { return std::span<const ClassInfo>(classes); });

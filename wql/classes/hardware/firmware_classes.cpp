@@ -1,7 +1,5 @@
 #include "wql/classes/hardware/firmware_classes.h"
 
-#include <bit>
-
 #include "facts/hardware/computer_facts.h"
 #include "facts/hardware/product.h"
 #include "facts/system_text.h"
@@ -68,13 +66,15 @@ std::uint64_t KnownOrUnknown(std::optional<std::uint64_t> part) {
 
 /// The list of the bits that are set, which stand for what the firmware can do; NULL if it does not tell.
 CimValue CharacteristicsOf(const facts::SmbiosStructure& description) {
-    const int count = std::popcount(description.quadWordAt(0x0A) & UINT32_MAX);  // the upper half is the maker's
-    return count != 0 ? CimValue(CimArray{static_cast<std::size_t>(count)}) : CimValue();
+    constexpr int publicBits = 32;  // the upper half is the maker's
+    std::vector<int> numbers;
+    for (int bit = 0; bit < publicBits; ++bit) {
+        if ((description.quadWordAt(0x0A) >> bit & 1) != 0) numbers.push_back(bit);
+    }
+    return ListOrNull(numbers);
 }
 
-CimValue LanguagesOf(const facts::SmbiosStructure& languages) {
-    return languages.strings.empty() ? CimValue() : CimValue(CimArray{languages.strings.size()});
-}
+CimValue LanguagesOf(const facts::SmbiosStructure& languages) { return ListOrNull(languages.strings); }
 
 constexpr auto productCaption = [](const ProductRow&) { return u"Computer System Product"; };
 constexpr auto biosVersion = [](const BiosRow& row) { return row.version; };
@@ -169,9 +169,10 @@ WmiStatus GatherBiosHere(const Gathering& gathering) {
 
 constexpr ClassInfo classes[] = {
     {u"Win32_ComputerSystemProduct", u"CIM_Product", productProperties, GatherProduct,
-     u"IdentifyingNumber,Name,Version"},
+     u"IdentifyingNumber,Name,Version", "the computer as a product: vendor, serial number, UUID"},
     {u"Win32_BIOS", u"CIM_BIOSElement", biosProperties, GatherBiosHere,
-     u"Name,SoftwareElementID,SoftwareElementState,TargetOperatingSystem,Version"},
+     u"Name,SoftwareElementID,SoftwareElementState,TargetOperatingSystem,Version",
+     "the firmware: vendor, version, date"},
 };
 
 const ClassFamily family([] { return std::span<const ClassInfo>(classes); });

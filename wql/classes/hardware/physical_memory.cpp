@@ -180,8 +180,10 @@ WmiStatus GatherArraysHere(const Gathering& gathering) {
 }
 
 constexpr ClassInfo classes[] = {
-    {u"Win32_PhysicalMemory", u"CIM_PhysicalMemory", deviceProperties, GatherDevicesHere, u"Tag"},
-    {u"Win32_PhysicalMemoryArray", u"CIM_PhysicalPackage", arrayProperties, GatherArraysHere, u"Tag"},
+    {u"Win32_PhysicalMemory", u"CIM_PhysicalMemory", deviceProperties, GatherDevicesHere, u"Tag",
+     "memory modules; only for the superuser"},
+    {u"Win32_PhysicalMemoryArray", u"CIM_PhysicalPackage", arrayProperties, GatherArraysHere, u"Tag",
+     "groups of memory sockets; only for the superuser"},
 };
 
 const ClassFamily family([] { return std::span<const ClassInfo>(classes); });

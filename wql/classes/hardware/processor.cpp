@@ -238,7 +238,8 @@ WmiStatus GatherOfThisComputer(const Gathering& gathering) {
     return GatherProcessors(gathering, sources);
 }
 
-constexpr ClassInfo classes[] = {{u"Win32_Processor", u"CIM_Processor", properties, GatherOfThisComputer, u"DeviceID"}};
+constexpr ClassInfo classes[] = {{u"Win32_Processor", u"CIM_Processor", properties, GatherOfThisComputer, u"DeviceID",
+                                  "processors, one for each socket: model, cores, load, clock rate"}};
 
 const ClassFamily family([] { return std::span<const ClassInfo>(classes); });
 

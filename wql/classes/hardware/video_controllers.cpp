@@ -173,7 +173,8 @@ WmiStatus GatherOfThisComputer(const Gathering& gathering) {
 }
 
 constexpr ClassInfo classes[] = {
-    {u"Win32_VideoController", u"CIM_PCVideoController", properties, GatherOfThisComputer, u"DeviceID"},
+    {u"Win32_VideoController", u"CIM_PCVideoController", properties, GatherOfThisComputer, u"DeviceID",
+     "graphics cards"},
 };
 
 const ClassFamily family([] { return std::span<const ClassInfo>(classes); });

@@ -1,6 +1,7 @@
 // Win32_NetworkAdapter and Win32_NetworkAdapterConfiguration: the network interfaces except loopback, which is not an
 // adapter on Windows either.
 #include <algorithm>
+#include <functional>
 #include <map>
 #include <net/if_arp.h>
 
@@ -37,7 +38,7 @@ struct Surroundings {
     std::u16string host;
     facts::ResolverSettings resolver;
     std::vector<facts::InterfaceAddress> addresses;
-    std::vector<std::string> defaultRoutes;        // their interfaces
+    std::vector<facts::DefaultRoute> defaultRoutes;
     std::map<std::string, std::uint32_t> metrics;  // of IPv4's default routes, by their interfaces
 };
 
@@ -48,13 +49,13 @@ struct Row {
     bool hasConnection = false;
     std::optional<std::uint64_t> speed;  // bits per second
     std::optional<std::uint64_t> mtu;    // bytes
-    std::size_t addresses = 0;
-    std::size_t gateways = 0;
+    std::vector<facts::InterfaceAddress> addresses;
+    std::vector<facts::DefaultRoute> gateways;
     std::optional<std::uint32_t> metric;
     std::optional<std::uint32_t> leaseSeconds;  // for which an IPv4 address is still valid; null if forever
     const Surroundings* surroundings = nullptr;
 
-    bool usesIp() const { return interface.isUp && addresses != 0; }
+    bool usesIp() const { return interface.isUp && !addresses.empty(); }
 };
 
 std::string ProductOf(const Row& row) { return row.device.product.empty() ? row.interface.name : row.device.product; }
@@ -100,11 +101,18 @@ std::uint16_t ConnectionStatusOf(const Row& row) {
     return row.hasConnection ? connected : mediaDisconnected;
 }
 
-/// An array; NULL if it would be empty.
-CimValue ArrayOrNull(std::size_t count) { return count != 0 ? CimValue(CimArray{count}) : CimValue(); }
-
 /// One resolver serves all interfaces with IP.
-CimValue ResolverArray(const Row& row, std::size_t count) { return row.usesIp() ? ArrayOrNull(count) : CimValue(); }
+CimValue ResolverList(const Row& row, const std::vector<std::string>& texts) {
+    return row.usesIp() ? ListOrNull(texts) : CimValue();
+}
+
+/// A text of each address, of each gateway.
+template <class Thing, class Member>
+CimValue ListOfEach(const std::vector<Thing>& things, Member member) {
+    CimArray list;
+    for (const Thing& thing : things) list.elements.emplace_back(std::invoke(member, thing));
+    return list.elements.empty() ? CimValue() : CimValue(std::move(list));
+}
 
 CimValue DomainIn(const Row& row) {
     const std::vector<std::string>& domains = row.surroundings->resolver.domains;
@@ -180,7 +188,7 @@ constexpr PropertyInfo configurationProperties[] = {
     {u"DatabasePath", string, 0, "always /etc: of hosts, networks and protocols", [](const Row&) { return u"/etc"; }},
     {u"DeadGWDetectEnabled", boolean},
     {u"DefaultIPGateway", ArrayOf(string), Need::gateways, "of its default routes, IPv4 and IPv6",
-        [](const Row& row) { return ArrayOrNull(row.gateways); }},
+        [](const Row& row) { return ListOfEach(row.gateways, &facts::DefaultRoute::gateway); }},
     {u"DefaultTOS", uint8},
     {u"DefaultTTL", uint8},
     {u"Description", string, Need::device, "the product, else the driver, else the kind of interface, else its name", productIn},
@@ -192,22 +200,22 @@ constexpr PropertyInfo configurationProperties[] = {
     {u"DNSDomain", string, Need::addresses | Need::resolver, "the first domain of resolv.conf, if IPEnabled",
         [](const Row& row) { return DomainIn(row); }},
     {u"DNSDomainSuffixSearchOrder", ArrayOf(string), Need::addresses | Need::resolver, "domains of resolv.conf, if IPEnabled",
-        [](const Row& row) { return ResolverArray(row, row.surroundings->resolver.domains.size()); }},
+        [](const Row& row) { return ResolverList(row, row.surroundings->resolver.domains); }},
     {u"DNSEnabledForWINSResolution", boolean, Need::addresses, "FALSE if IPEnabled: there is no WINS", [](const Row& row) { return FalseIfIp(row); }},
     {u"DNSHostName", string, Need::addresses | Need::host, "the computer's name, if IPEnabled",
         [](const Row& row) { return row.usesIp() ? CimValue(row.surroundings->host) : CimValue(); }},
     {u"DNSServerSearchOrder", ArrayOf(string), Need::addresses | Need::resolver, "name servers of resolv.conf, if IPEnabled",
-        [](const Row& row) { return ResolverArray(row, row.surroundings->resolver.servers); }},
+        [](const Row& row) { return ResolverList(row, row.surroundings->resolver.servers); }},
     {u"DomainDNSRegistrationEnabled", boolean, Need::addresses, "FALSE if IPEnabled: interfaces do not enter names into DNS",
         [](const Row& row) { return FalseIfIp(row); }},
     {u"ForwardBufferMemory", uint32},
     {u"FullDNSRegistrationEnabled", boolean, Need::addresses, "as DomainDNSRegistrationEnabled", [](const Row& row) { return FalseIfIp(row); }},
     {u"GatewayCostMetric", ArrayOf(uint16), Need::gateways, "one for each of DefaultIPGateway",
-        [](const Row& row) { return ArrayOrNull(row.gateways); }},
+        [](const Row& row) { return ListOfEach(row.gateways, &facts::DefaultRoute::metric); }},
     {u"IGMPLevel", uint8},
     {u"Index", uint32, 0, "the kernel's number for the interface", indexIn},
     {u"InterfaceIndex", uint32, 0, "as Index", indexIn},
-    {u"IPAddress", ArrayOf(string), Need::addresses, "IPv4 and IPv6", [](const Row& row) { return ArrayOrNull(row.addresses); }},
+    {u"IPAddress", ArrayOf(string), Need::addresses, "IPv4 and IPv6", [](const Row& row) { return ListOfEach(row.addresses, &facts::InterfaceAddress::text); }},
     {u"IPConnectionMetric", uint32, Need::gateways, "the lowest metric of its IPv4 default routes, if there is one",
         [](const Row& row) { return row.metric; }},
     {u"IPEnabled", boolean, Need::addresses, "whether it is switched on and has an address", [](const Row& row) { return row.usesIp(); }},
@@ -217,7 +225,7 @@ constexpr PropertyInfo configurationProperties[] = {
     {u"IPSecPermitIPProtocols", ArrayOf(string)},
     {u"IPSecPermitTCPPorts", ArrayOf(string)},
     {u"IPSecPermitUDPPorts", ArrayOf(string)},
-    {u"IPSubnet", ArrayOf(string), Need::addresses, "one for each of IPAddress", [](const Row& row) { return ArrayOrNull(row.addresses); }},
+    {u"IPSubnet", ArrayOf(string), Need::addresses, "one for each of IPAddress", [](const Row& row) { return ListOfEach(row.addresses, &facts::InterfaceAddress::subnet); }},
     {u"IPUseZeroBroadcast", boolean},
     {u"IPXAddress", string},
     {u"IPXEnabled", boolean, 0, "always FALSE: Linux has no IPX", [](const Row&) { return false; }},
@@ -254,7 +262,7 @@ bool ReadDefaultRoutes(Surroundings& surroundings) {
     if (!text) return false;
     surroundings.metrics = facts::ParseDefaultMetrics(*text);
     surroundings.defaultRoutes = facts::ParseDefaultRoutes(*text);
-    const std::vector<std::string> routes6 =
+    const std::vector<facts::DefaultRoute> routes6 =
         facts::ParseDefaultRoutes6(platform::ReadSystemFile("/proc/net/ipv6_route").value_or(std::string()));
     surroundings.defaultRoutes.insert(surroundings.defaultRoutes.end(), routes6.begin(), routes6.end());
     return true;
@@ -300,13 +308,14 @@ void FillRow(const Gathering& gathering, Row& row) {
         row.hasConnection = facts::ReadSystemNumber(folder + "/carrier").value_or(0) != 0;
     if (gathering.asksFor(Need::speed)) row.speed = facts::InterfaceSpeed(interface.name);
     if (gathering.asksFor(Need::mtu)) row.mtu = facts::ReadSystemNumber(folder + "/mtu");
-    const std::vector<std::string>& routes = row.surroundings->defaultRoutes;
-    row.gateways = static_cast<std::size_t>(std::count(routes.begin(), routes.end(), interface.name));
+    for (const facts::DefaultRoute& route : row.surroundings->defaultRoutes) {
+        if (route.interface == interface.name) row.gateways.push_back(route);
+    }
     const auto metric = row.surroundings->metrics.find(interface.name);
     if (metric != row.surroundings->metrics.end()) row.metric = metric->second;
     for (const facts::InterfaceAddress& address : row.surroundings->addresses) {
         if (address.interfaceIndex != interface.index) continue;
-        ++row.addresses;
+        row.addresses.push_back(address);
         if (address.isVersion4 && address.secondsLeft) row.leaseSeconds = address.secondsLeft;
     }
 }
@@ -327,8 +336,10 @@ WmiStatus GatherAdapters(const Gathering& gathering) {
 }
 
 constexpr ClassInfo classes[] = {
-    {u"Win32_NetworkAdapter", u"CIM_NetworkAdapter", adapterProperties, GatherAdapters, u"DeviceID"},
-    {u"Win32_NetworkAdapterConfiguration", u"CIM_Setting", configurationProperties, GatherAdapters, u"Index"},
+    {u"Win32_NetworkAdapter", u"CIM_NetworkAdapter", adapterProperties, GatherAdapters, u"DeviceID",
+     "network interfaces but the loopback: hardware, speed, state"},
+    {u"Win32_NetworkAdapterConfiguration", u"CIM_Setting", configurationProperties, GatherAdapters, u"Index",
+     "IP on these interfaces: addresses, gateways, DHCP, name servers"},
 };
 
 const ClassFamily family([] { return std::span<const ClassInfo>(classes); });

@@ -240,7 +240,8 @@ WmiStatus GatherPings(const Gathering& gathering) {
 constexpr ClassInfo classes[] = {
     {u"Win32_PingStatus", u"", properties, GatherPings,
      u"Address,BufferSize,NoFragmentation,RecordRoute,ResolveAddressNames,SourceRoute,SourceRouteType,Timeout,"
-     u"TimestampRoute,TimeToLive,TypeofService"},
+     u"TimestampRoute,TimeToLive,TypeofService",
+     "whether hosts answer an echo; WHERE gives each Address"},
 };
 
 const ClassFamily family([] { return std::span<const ClassInfo>(classes); });

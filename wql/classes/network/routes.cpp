@@ -91,7 +91,7 @@ WmiStatus GatherRoutes(const Gathering& gathering) {
 
 constexpr ClassInfo classes[] = {
     {u"Win32_IP4RouteTable", u"CIM_LogicalElement", properties, GatherRoutes,
-     u"Destination,InterfaceIndex,Mask,NextHop"},
+     u"Destination,InterfaceIndex,Mask,NextHop", "IPv4 routes of the main table"},
 };
 
 const ClassFamily family([] { return std::span<const ClassInfo>(classes); });

@@ -34,7 +34,7 @@ constexpr PropertyInfo properties[] = {
 WmiStatus GatherOwnShares(const Gathering& gathering) { return GatherShares(gathering, ""); }
 
 constexpr ClassInfo classes[] = {
-    {u"Win32_Share", u"CIM_LogicalElement", properties, GatherOwnShares, u"Name"},
+    {u"Win32_Share", u"CIM_LogicalElement", properties, GatherOwnShares, u"Name", "shares of Samba and exports of NFS"},
 };
 
 const ClassFamily family([] { return std::span<const ClassInfo>(classes); });

@@ -61,7 +61,11 @@ WmiStatus ReadCache(const Gathering& gathering, PerfSampling& sampling) {
     return wmi_status::ok;
 }
 
-constexpr PerfClass cache{.name = u"PerfOS_Cache", .counters = counters, .read = ReadCache, .isSingle = true};
+constexpr PerfClass cache{.name = u"PerfOS_Cache",
+                          .meaning = "pages that wait to be written",
+                          .counters = counters,
+                          .read = ReadCache,
+                          .isSingle = true};
 
 const ClassFamily family(DeclarePerfClasses<cache>);
 

@@ -397,8 +397,9 @@ void PerfDeclaration::Add(const PerfClass& perfClass, GatherRoutine raw, GatherR
         const std::u16string_view superclass = isRaw ? u"Win32_PerfRawData" : u"Win32_PerfFormattedData";
         names.push_back(std::u16string(superclass) + u'_' + std::u16string(perfClass.name));
         const std::u16string& name = names.back();
+        meanings.push_back(std::string(perfClass.meaning) + (isRaw ? ", as counters" : ", as rates and shares"));
         classes.push_back({name, superclass, AddTable(perfClass, isRaw), isRaw ? raw : formatted,
-                           perfClass.isSingle ? u"" : u"Name"});
+                           perfClass.isSingle ? u"" : u"Name", meanings.back()});
     }
 }
 

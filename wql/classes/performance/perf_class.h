@@ -203,6 +203,7 @@ struct PerfSampling {
 
 struct PerfClass {
     std::u16string_view name;  // what follows Win32_PerfRawData_
+    std::string_view meaning;  // one line for readers of the list of classes
     std::span<const CounterInfo> counters;
     WmiStatus (*read)(const Gathering& gathering, PerfSampling& sampling) = nullptr;
     bool isSingle = false;        // there is one object, without a name
@@ -247,6 +248,7 @@ WmiStatus GatherFormatted(const Gathering& gathering) {
 struct PerfDeclaration {
     std::vector<ClassInfo> classes;
     std::deque<std::u16string> names;
+    std::deque<std::string> meanings;
     std::deque<std::vector<PropertyInfo>> tables;
 
     void Add(const PerfClass& perfClass, GatherRoutine raw, GatherRoutine formatted);

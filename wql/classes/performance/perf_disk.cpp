@@ -188,10 +188,16 @@ WmiStatus ReadPhysicalDisks(const Gathering& gathering, PerfSampling& sampling) 
     return wmi_status::ok;
 }
 
-constexpr PerfClass logicalDisks{
-    .name = u"PerfDisk_LogicalDisk", .counters = allCounters, .read = ReadLogicalDisks, .hasTotal = true};
-constexpr PerfClass physicalDisks{
-    .name = u"PerfDisk_PhysicalDisk", .counters = ioCounters, .read = ReadPhysicalDisks, .hasTotal = true};
+constexpr PerfClass logicalDisks{.name = u"PerfDisk_LogicalDisk",
+                                 .meaning = "load and room of each mounted file system",
+                                 .counters = allCounters,
+                                 .read = ReadLogicalDisks,
+                                 .hasTotal = true};
+constexpr PerfClass physicalDisks{.name = u"PerfDisk_PhysicalDisk",
+                                  .meaning = "load of each disk",
+                                  .counters = ioCounters,
+                                  .read = ReadPhysicalDisks,
+                                  .hasTotal = true};
 
 const ClassFamily family(DeclarePerfClasses<logicalDisks, physicalDisks>);
 

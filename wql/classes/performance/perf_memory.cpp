@@ -122,7 +122,11 @@ WmiStatus ReadMemory(const Gathering& gathering, PerfSampling& sampling) {
     return wmi_status::ok;
 }
 
-constexpr PerfClass memoryClass{.name = u"PerfOS_Memory", .counters = counters, .read = ReadMemory, .isSingle = true};
+constexpr PerfClass memoryClass{.name = u"PerfOS_Memory",
+                                .meaning = "memory and paging",
+                                .counters = counters,
+                                .read = ReadMemory,
+                                .isSingle = true};
 
 const ClassFamily family(DeclarePerfClasses<memoryClass>);
 

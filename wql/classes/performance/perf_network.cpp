@@ -83,8 +83,14 @@ WmiStatus ReadInterfaces(const Gathering& gathering, PerfSampling& sampling) {
     return wmi_status::ok;
 }
 
-constexpr PerfClass interfaces{.name = u"Tcpip_NetworkInterface", .counters = counters, .read = ReadInterfaces};
-constexpr PerfClass adapters{.name = u"Tcpip_NetworkAdapter", .counters = counters, .read = ReadInterfaces};
+constexpr PerfClass interfaces{.name = u"Tcpip_NetworkInterface",
+                               .meaning = "traffic of each network interface",
+                               .counters = counters,
+                               .read = ReadInterfaces};
+constexpr PerfClass adapters{.name = u"Tcpip_NetworkAdapter",
+                             .meaning = "traffic of each network interface",
+                             .counters = counters,
+                             .read = ReadInterfaces};
 
 const ClassFamily family(DeclarePerfClasses<interfaces, adapters>);
 

@@ -54,7 +54,11 @@ WmiStatus ReadObjects(const Gathering& gathering, PerfSampling& sampling) {
     return wmi_status::ok;
 }
 
-constexpr PerfClass objects{.name = u"PerfOS_Objects", .counters = counters, .read = ReadObjects, .isSingle = true};
+constexpr PerfClass objects{.name = u"PerfOS_Objects",
+                            .meaning = "numbers of processes, threads and semaphores",
+                            .counters = counters,
+                            .read = ReadObjects,
+                            .isSingle = true};
 
 const ClassFamily family(DeclarePerfClasses<objects>);
 

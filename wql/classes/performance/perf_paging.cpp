@@ -32,8 +32,11 @@ WmiStatus ReadPagingFiles(const Gathering& gathering, PerfSampling& sampling) {
     return wmi_status::ok;
 }
 
-constexpr PerfClass pagingFiles{
-    .name = u"PerfOS_PagingFile", .counters = counters, .read = ReadPagingFiles, .hasTotal = true};
+constexpr PerfClass pagingFiles{.name = u"PerfOS_PagingFile",
+                                .meaning = "how much of each swap device or file is used",
+                                .counters = counters,
+                                .read = ReadPagingFiles,
+                                .hasTotal = true};
 
 const ClassFamily family(DeclarePerfClasses<pagingFiles>);
 

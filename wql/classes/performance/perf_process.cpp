@@ -188,6 +188,7 @@ WmiStatus ReadProcesses(const Gathering& gathering, PerfSampling& sampling) {
 }
 
 constexpr PerfClass processes{.name = u"PerfProc_Process",
+                              .meaning = "load, memory and reads of each process",
                               .counters = counters,
                               .read = ReadProcesses,
                               .hasTotal = true,

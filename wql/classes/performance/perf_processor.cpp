@@ -234,9 +234,13 @@ WmiStatus ReadProcessorsOfNodes(const Gathering& gathering, PerfSampling& sampli
     });
 }
 
-constexpr PerfClass processors{
-    .name = u"PerfOS_Processor", .counters = counters, .read = ReadNumberedProcessors, .hasTotal = true};
+constexpr PerfClass processors{.name = u"PerfOS_Processor",
+                               .meaning = "load of each processor",
+                               .counters = counters,
+                               .read = ReadNumberedProcessors,
+                               .hasTotal = true};
 constexpr PerfClass information{.name = u"Counters_ProcessorInformation",
+                                .meaning = "load and clock rate of each processor and memory node",
                                 .counters = informationCounters,
                                 .read = ReadProcessorsOfNodes,
                                 .hasTotal = true};

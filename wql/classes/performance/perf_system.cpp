@@ -69,7 +69,11 @@ WmiStatus ReadSystem(const Gathering& gathering, PerfSampling& sampling) {
     return wmi_status::ok;
 }
 
-constexpr PerfClass systemClass{.name = u"PerfOS_System", .counters = counters, .read = ReadSystem, .isSingle = true};
+constexpr PerfClass systemClass{.name = u"PerfOS_System",
+                                .meaning = "processes, context switches, time since the start",
+                                .counters = counters,
+                                .read = ReadSystem,
+                                .isSingle = true};
 
 const ClassFamily family(DeclarePerfClasses<systemClass>);
 

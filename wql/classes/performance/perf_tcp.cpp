@@ -84,8 +84,16 @@ WmiStatus ReadTcp(const Gathering& gathering, PerfSampling& sampling) {
     return wmi_status::ok;
 }
 
-constexpr PerfClass version4{.name = u"Tcpip_TCPv4", .counters = counters4, .read = ReadTcp, .isSingle = true};
-constexpr PerfClass version6{.name = u"Tcpip_TCPv6", .counters = counters6, .read = ReadTcp, .isSingle = true};
+constexpr PerfClass version4{.name = u"Tcpip_TCPv4",
+                             .meaning = "TCP connections and segments",
+                             .counters = counters4,
+                             .read = ReadTcp,
+                             .isSingle = true};
+constexpr PerfClass version6{.name = u"Tcpip_TCPv6",
+                             .meaning = "TCP connections over IPv6",
+                             .counters = counters6,
+                             .read = ReadTcp,
+                             .isSingle = true};
 
 const ClassFamily family(DeclarePerfClasses<version4, version6>);
 

@@ -47,7 +47,8 @@ WmiStatus ReadZones(const Gathering& gathering, PerfSampling& sampling) {
     return wmi_status::ok;
 }
 
-constexpr PerfClass zones{.name = u"Counters_ThermalZoneInformation", .counters = counters, .read = ReadZones};
+constexpr PerfClass zones{
+    .name = u"Counters_ThermalZoneInformation", .meaning = "temperatures", .counters = counters, .read = ReadZones};
 
 const ClassFamily family(DeclarePerfClasses<zones>);
 

@@ -224,7 +224,8 @@ void ReadSystem(Row& row) {
 
 constexpr ClassInfo classes[] = {
     {u"Win32_Process", u"CIM_Process", properties,
-     [](const Gathering& gathering) { return GatherProcesses(gathering, "/proc"); }, u"Handle"},
+     [](const Gathering& gathering) { return GatherProcesses(gathering, "/proc"); }, u"Handle",
+     "processes: command line, memory, processor time"},
 };
 
 const ClassFamily family([] { return std::span<const ClassInfo>(classes); });

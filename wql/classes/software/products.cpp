@@ -232,9 +232,11 @@ std::vector<facts::PackageUpdate> ReadUpdates(Reading& reading) {
 
 constexpr ClassInfo classes[] = {
     {u"Win32_Product", u"CIM_Product", productProperties,
-     [](const Gathering& gathering) { return GatherProducts(gathering, ""); }, u"IdentifyingNumber,Name,Version"},
+     [](const Gathering& gathering) { return GatherProducts(gathering, ""); }, u"IdentifyingNumber,Name,Version",
+     "installed packages of dpkg and rpm"},
     {u"Win32_QuickFixEngineering", u"CIM_LogicalElement", updateProperties,
-     [](const Gathering& gathering) { return GatherUpdates(gathering, ""); }, u"HotFixID,ServicePackInEffect"},
+     [](const Gathering& gathering) { return GatherUpdates(gathering, ""); }, u"HotFixID,ServicePackInEffect",
+     "updates of packages, and when they were installed"},
 };
 
 const ClassFamily family([] { return std::span<const ClassInfo>(classes); });

@@ -266,7 +266,8 @@ void GatherCronJobs(const std::string& root, Output& output) {
 
 constexpr ClassInfo classes[] = {
     {u"Win32_ScheduledJob", u"CIM_Job", properties,
-     [](const Gathering& gathering) { return GatherScheduledJobs(gathering, ""); }, u"JobId"},
+     [](const Gathering& gathering) { return GatherScheduledJobs(gathering, ""); }, u"JobId",
+     "timers of systemd and jobs of cron"},
 };
 
 const ClassFamily family([] { return std::span<const ClassInfo>(classes); });

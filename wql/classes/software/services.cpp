@@ -169,7 +169,8 @@ int HandOver(UnitManager& manager, const Gathering& gathering, std::vector<Servi
 
 constexpr ClassInfo classes[] = {
     {u"Win32_Service", u"Win32_BaseService", properties,
-     [](const Gathering& gathering) { return GatherServices(gathering, usualPatience); }, u"Name"},
+     [](const Gathering& gathering) { return GatherServices(gathering, usualPatience); }, u"Name",
+     "services of systemd: state, start mode, process"},
 };
 
 const ClassFamily family([] { return std::span<const ClassInfo>(classes); });

@@ -92,7 +92,8 @@ WmiStatus GatherStartupCommands(const Gathering& gathering) {
 }
 
 constexpr ClassInfo classes[] = {
-    {u"Win32_StartupCommand", u"CIM_Setting", properties, GatherStartupCommands, u"Command,Location,Name,User"},
+    {u"Win32_StartupCommand", u"CIM_Setting", properties, GatherStartupCommands, u"Command,Location,Name,User",
+     "services that start with the system"},
 };
 
 const ClassFamily family([] { return std::span<const ClassInfo>(classes); });

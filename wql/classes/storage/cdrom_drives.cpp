@@ -81,7 +81,7 @@ constexpr auto capabilitiesIn = [](const Row& row) { return CapabilitiesOf(Write
 constexpr PropertyInfo properties[] = {
     {u"Availability", uint16},
     {u"Capabilities", ArrayOf(uint16), 0, capabilitiesMeaning, capabilitiesIn},
-    {u"CapabilityDescriptions", ArrayOf(string), 0, "Capabilities in words", capabilitiesIn},
+    {u"CapabilityDescriptions", ArrayOf(string), 0, "Capabilities in words", [](const Row& row) { return CapabilityTextsOf(Writes(row), true); }},
     {u"Caption", string, 0, "vendor and model, else /dev/sr0", nameIn},
     {u"CompressionMethod", string},
     {u"ConfigManagerErrorCode", uint32, 0, errorCodeMeaning, [](const Row& row) { return ErrorCodeOf(row.works); }},
@@ -172,7 +172,7 @@ std::string MountPointOf(const std::string& drive, const std::vector<facts::Moun
 
 constexpr ClassInfo classes[] = {
     {u"Win32_CDROMDrive", u"CIM_CDROMDrive", properties,
-     [](const Gathering& gathering) { return GatherCdDrives(gathering, {}); }, u"DeviceID"},
+     [](const Gathering& gathering) { return GatherCdDrives(gathering, {}); }, u"DeviceID", "drives for CDs and DVDs"},
 };
 
 const ClassFamily family([] { return std::span<const ClassInfo>(classes); });

@@ -428,8 +428,10 @@ WmiStatus GatherOwnLogFiles(const Gathering& gathering) {
 }
 
 constexpr ClassInfo classes[] = {
-    {u"CIM_DataFile", u"CIM_LogicalFile", fileProperties, GatherOwnFiles, u"Name"},
-    {u"Win32_NTEventlogFile", u"CIM_DataFile", logFileProperties, GatherOwnLogFiles, u"LogfileName"},
+    {u"CIM_DataFile", u"CIM_LogicalFile", fileProperties, GatherOwnFiles, u"Name",
+     "files; WHERE gives their Name, or the Path of a folder"},
+    {u"Win32_NTEventlogFile", u"CIM_DataFile", logFileProperties, GatherOwnLogFiles, u"LogfileName",
+     "the event logs System, Application and Security as files"},
 };
 
 const ClassFamily family([] { return std::span<const ClassInfo>(classes); });

@@ -85,7 +85,7 @@ constexpr PropertyInfo properties[] = {
     {u"BytesPerSector", uint32, Need::size, "of queue/logical_block_size", [](const Row& row) { return row.sectorSize; }},
     {u"Capabilities", ArrayOf(uint16), Need::media, capabilitiesMeaning, [](const Row& row) { return CapabilitiesOf(!row.isReadOnly, row.isRemovable); }},
     {u"CapabilityDescriptions", ArrayOf(string), Need::media, "Capabilities in words",
-        [](const Row& row) { return CapabilitiesOf(!row.isReadOnly, row.isRemovable); }},
+        [](const Row& row) { return CapabilityTextsOf(!row.isReadOnly, row.isRemovable); }},
     {u"Caption", string, Need::identity, "as Model, else as Name",
         [](const Row& row) { return row.model.empty() ? DevicePathOf(row) : row.model; }},
     {u"CompressionMethod", string},
@@ -172,7 +172,8 @@ void FillRow(const Gathering& gathering, const std::string& root, Row& row) {
 
 constexpr ClassInfo classes[] = {
     {u"Win32_DiskDrive", u"CIM_DiskDrive", properties,
-     [](const Gathering& gathering) { return GatherDiskDrives(gathering, {}); }, u"DeviceID"},
+     [](const Gathering& gathering) { return GatherDiskDrives(gathering, {}); }, u"DeviceID",
+     "disks: model, serial number, size"},
 };
 
 const ClassFamily family([] { return std::span<const ClassInfo>(classes); });

@@ -149,11 +149,14 @@ void FillRow(const Gathering& gathering, const std::string& root, Row& row) {
 
 constexpr ClassInfo classes[] = {
     {u"Win32_DiskPartition", u"CIM_DiskPartition", properties,
-     [](const Gathering& gathering) { return GatherDiskPartitions(gathering, {}); }, u"DeviceID"},
+     [](const Gathering& gathering) { return GatherDiskPartitions(gathering, {}); }, u"DeviceID",
+     "partitions of the disks"},
     {u"Win32_DiskDriveToDiskPartition", u"CIM_MediaPresent", driveToPartition,
-     [](const Gathering& gathering) { return GatherDrivesToPartitions(gathering, {}); }, u"Antecedent,Dependent"},
+     [](const Gathering& gathering) { return GatherDrivesToPartitions(gathering, {}); }, u"Antecedent,Dependent",
+     "which partition is on which disk"},
     {u"Win32_LogicalDiskToPartition", u"CIM_LogicalDiskBasedOnPartition", logicalDiskToPartition,
-     [](const Gathering& gathering) { return GatherLogicalDisksToPartitions(gathering, {}); }, u"Antecedent,Dependent"},
+     [](const Gathering& gathering) { return GatherLogicalDisksToPartitions(gathering, {}); }, u"Antecedent,Dependent",
+     "which mounted file system is on which partition"},
 };
 
 const ClassFamily family([] { return std::span<const ClassInfo>(classes); });

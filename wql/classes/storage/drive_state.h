@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <string_view>
+#include <vector>
 
 #include "wql/cim_value.h"
 
@@ -21,8 +22,18 @@ constexpr std::uint32_t ErrorCodeOf(bool works) {
     return works ? 0 : notWorking;
 }
 
-constexpr CimArray CapabilitiesOf(bool isWritable, bool isRemovable) {
-    return {std::size_t{1} + (isWritable ? 1 : 0) + (isRemovable ? 1 : 0)};
+inline CimArray CapabilitiesOf(bool isWritable, bool isRemovable) {
+    std::vector<int> capabilities{3};
+    if (isWritable) capabilities.push_back(4);
+    if (isRemovable) capabilities.push_back(7);
+    return ListOf(capabilities);
+}
+
+inline CimArray CapabilityTextsOf(bool isWritable, bool isRemovable) {
+    std::vector<std::u16string_view> texts{u"Random Access"};
+    if (isWritable) texts.emplace_back(u"Supports Writing");
+    if (isRemovable) texts.emplace_back(u"Supports Removable Media");
+    return ListOf(texts);
 }
 
 }  // namespace kv::wql

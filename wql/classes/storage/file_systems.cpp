@@ -374,9 +374,12 @@ WmiStatus GatherDisks(const Gathering& gathering) { return GatherDisksThat(gathe
 WmiStatus GatherMappedDisks(const Gathering& gathering) { return GatherDisksThat(gathering, {}, facts::IsOnNetwork); }
 
 constexpr ClassInfo classes[] = {
-    {u"Win32_LogicalDisk", u"CIM_LogicalDisk", logicalDiskProperties, GatherDisks, u"DeviceID"},
-    {u"Win32_MappedLogicalDisk", u"CIM_LogicalDisk", mappedDiskProperties, GatherMappedDisks, u"DeviceID"},
-    {u"Win32_Volume", u"CIM_StorageVolume", volumeProperties, GatherDisks, u"DeviceID"},
+    {u"Win32_LogicalDisk", u"CIM_LogicalDisk", logicalDiskProperties, GatherDisks, u"DeviceID",
+     "mounted file systems with size and free space"},
+    {u"Win32_MappedLogicalDisk", u"CIM_LogicalDisk", mappedDiskProperties, GatherMappedDisks, u"DeviceID",
+     "mounted file systems of other computers"},
+    {u"Win32_Volume", u"CIM_StorageVolume", volumeProperties, GatherDisks, u"DeviceID",
+     "mounted file systems as volumes: capacity, free space, block size"},
 };
 
 const ClassFamily family([] { return std::span<const ClassInfo>(classes); });

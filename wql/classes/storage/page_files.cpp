@@ -59,9 +59,11 @@ constexpr PropertyInfo settingProperties[] = {
 
 constexpr ClassInfo classes[] = {
     {u"Win32_PageFileSetting", u"CIM_Setting", settingProperties,
-     [](const Gathering& gathering) { return GatherPageFileSettings(gathering, {}); }, u"Name"},
+     [](const Gathering& gathering) { return GatherPageFileSettings(gathering, {}); }, u"Name",
+     "swap that /etc/fstab sets up"},
     {u"Win32_PageFileUsage", u"CIM_LogicalElement", usageProperties,
-     [](const Gathering& gathering) { return GatherPageFiles(gathering, {}); }, u"Name"},
+     [](const Gathering& gathering) { return GatherPageFiles(gathering, {}); }, u"Name",
+     "swap devices and files in use"},
 };
 
 const ClassFamily family([] { return std::span<const ClassInfo>(classes); });

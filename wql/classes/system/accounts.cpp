@@ -104,9 +104,9 @@ std::optional<Passwords> ReadPasswords(const std::string& path, const Gathering&
 
 constexpr ClassInfo classes[] = {
     {u"Win32_UserAccount", u"Win32_Account", userProperties,
-     [](const Gathering& gathering) { return GatherUsers(gathering, "/etc"); }, u"Domain,Name"},
+     [](const Gathering& gathering) { return GatherUsers(gathering, "/etc"); }, u"Domain,Name", "local user accounts"},
     {u"Win32_Group", u"Win32_Account", groupProperties,
-     [](const Gathering& gathering) { return GatherGroups(gathering, "/etc"); }, u"Domain,Name"},
+     [](const Gathering& gathering) { return GatherGroups(gathering, "/etc"); }, u"Domain,Name", "local groups"},
 };
 
 const ClassFamily family([] { return std::span<const ClassInfo>(classes); });

@@ -108,12 +108,12 @@ std::int16_t ResetsAt(const Row& row, std::size_t offset) {
 
 /// The list of bytes from an offset to a structure's end, or of its texts; NULL without the structure.
 CimValue BytesFrom(const facts::SmbiosStructure& structure, std::size_t offset) {
-    return structure.formatted.size() > offset ? CimValue(CimArray{structure.formatted.size() - offset}) : CimValue();
+    std::vector<unsigned> bytes;
+    for (std::size_t at = offset; at < structure.formatted.size(); ++at) bytes.push_back(structure.byteAt(at));
+    return ListOrNull(bytes);
 }
 
-CimValue TextsOf(const facts::SmbiosStructure& structure) {
-    return structure.strings.empty() ? CimValue() : CimValue(CimArray{structure.strings.size()});
-}
+CimValue TextsOf(const facts::SmbiosStructure& structure) { return ListOrNull(structure.strings); }
 
 std::optional<std::string> DomainOf(const Row& row) {
     return row.isMember ? facts::KnownText(row.domain) : row.workgroup;
@@ -302,7 +302,8 @@ WmiStatus GatherOfThisComputer(const Gathering& gathering) {
 }
 
 constexpr ClassInfo classes[] = {
-    {u"Win32_ComputerSystem", u"CIM_UnitaryComputerSystem", properties, GatherOfThisComputer, u"Name"},
+    {u"Win32_ComputerSystem", u"CIM_UnitaryComputerSystem", properties, GatherOfThisComputer, u"Name",
+     "the computer: name, maker, memory, processors, domain"},
 };
 
 const ClassFamily family([] { return std::span<const ClassInfo>(classes); });

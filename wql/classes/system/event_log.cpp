@@ -76,7 +76,7 @@ constexpr PropertyInfo properties[] = {
     {u"EventCode", uint16, 0, "the lower 16 bits of EventIdentifier", [](const Row& row) { return IdentifierOf(row.entry) & 0xFFFF; }},
     {u"EventIdentifier", uint32, 0, "the first eight digits of MESSAGE_ID; 0 without one", [](const Row& row) { return IdentifierOf(row.entry); }},
     {u"EventType", uint8, 0, "by PRIORITY: 1 to 3 (error) and above, 2 for 4 (warning), else 3", [](const Row& row) { return static_cast<int>(TypeOf(row.entry)); }},
-    {u"InsertionStrings", ArrayOf(string), 0, "one, the message", [](const Row&) { return CimArray{1}; }},
+    {u"InsertionStrings", ArrayOf(string), 0, "one, the message", [](const Row& row) { return ListOf(std::vector{TextOf(row.entry.message)}); }},
     {u"Logfile", string, 0, "System, Application or Security, by SYSLOG_FACILITY", [](const Row& row) { return NameOf(LogOf(row.entry)); }},
     {u"Message", string, 0, "MESSAGE, of a longer one the first 32768 bytes", [](const Row& row) { return TextOf(row.entry.message); }},
     {u"RecordNumber", uint32, 0, "the journal's sequence number, its lower 32 bits", [](const Row& row) { return row.entry.number; }},
@@ -257,7 +257,8 @@ class EventTaker {
 WmiStatus GatherOwnEvents(const Gathering& gathering) { return GatherEvents(gathering, facts::JournalFolders()); }
 
 constexpr ClassInfo classes[] = {
-    {u"Win32_NTLogEvent", u"", properties, GatherOwnEvents, u"Logfile,RecordNumber"},
+    {u"Win32_NTLogEvent", u"", properties, GatherOwnEvents, u"Logfile,RecordNumber",
+     "entries of systemd's journal, the newest first"},
 };
 
 const ClassFamily family([] { return std::span<const ClassInfo>(classes); });

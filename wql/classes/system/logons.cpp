@@ -58,10 +58,11 @@ WmiStatus GatherOfThisComputer(const Gathering& gathering, GatherSessions gather
 
 constexpr ClassInfo classes[] = {
     {u"Win32_LogonSession", u"Win32_Session", sessionProperties,
-     [](const Gathering& gathering) { return GatherOfThisComputer(gathering, GatherLogonSessions); }, u"LogonId"},
+     [](const Gathering& gathering) { return GatherOfThisComputer(gathering, GatherLogonSessions); }, u"LogonId",
+     "sessions of users"},
     {u"Win32_LoggedOnUser", u"CIM_Dependency", userProperties,
      [](const Gathering& gathering) { return GatherOfThisComputer(gathering, GatherLoggedOnUsers); },
-     u"Antecedent,Dependent"},
+     u"Antecedent,Dependent", "which account each session is of"},
 };
 
 const ClassFamily family([] { return std::span<const ClassInfo>(classes); });

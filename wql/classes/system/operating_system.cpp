@@ -1,4 +1,5 @@
 // Win32_OperatingSystem: the kernel and the distribution.
+#include <algorithm>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/stat.h>
@@ -113,8 +114,10 @@ std::optional<std::uint8_t> ExecutionPolicyOf(const Row& row) {
 
 /// The one language of the system, if its locale has one.
 CimValue LanguagesOf(const Row& row) {
-    const bool isKnown = row.locale != "C" && facts::LanguageNumberOf(row.locale);
-    return isKnown ? CimValue(CimArray{1}) : CimValue();
+    if (row.locale == "C" || !facts::LanguageNumberOf(row.locale)) return {};
+    std::string language = row.locale.substr(0, row.locale.find_first_of(".@"));
+    std::replace(language.begin(), language.end(), '_', '-');
+    return ListOf(std::vector{language});
 }
 
 constexpr auto zero = [](const Row&) { return 0; };
@@ -293,7 +296,8 @@ WmiStatus GatherOperatingSystem(const Gathering& gathering) {
 }
 
 constexpr ClassInfo classes[] = {
-    {u"Win32_OperatingSystem", u"CIM_OperatingSystem", properties, GatherOperatingSystem},
+    {u"Win32_OperatingSystem", u"CIM_OperatingSystem", properties, GatherOperatingSystem, u"",
+     "the system: version, memory, time since the start"},
 };
 
 const ClassFamily family([] { return std::span<const ClassInfo>(classes); });

@@ -114,9 +114,10 @@ WmiStatus GatherTimeZone(const Gathering& gathering) {
 }
 
 constexpr ClassInfo classes[] = {
-    {u"Win32_LocalTime", u"Win32_CurrentTime", timeProperties, GatherLocalTime},
-    {u"Win32_UTCTime", u"Win32_CurrentTime", timeProperties, GatherUtcTime},
-    {u"Win32_TimeZone", u"CIM_Setting", zoneProperties, GatherTimeZone, u"StandardName"},
+    {u"Win32_LocalTime", u"Win32_CurrentTime", timeProperties, GatherLocalTime, u"", "the time here"},
+    {u"Win32_UTCTime", u"Win32_CurrentTime", timeProperties, GatherUtcTime, u"", "the time in UTC"},
+    {u"Win32_TimeZone", u"CIM_Setting", zoneProperties, GatherTimeZone, u"StandardName",
+     "the time zone with its rules"},
 };
 
 const ClassFamily family([] { return std::span<const ClassInfo>(classes); });
