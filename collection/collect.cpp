@@ -1,6 +1,8 @@
 #include "collection/collect.h"
 
+#include <algorithm>
 #include <cstdint>
+#include <iterator>
 #include <string_view>
 
 #include "collection/script.h"
@@ -28,24 +30,35 @@ void CollectSnmp(const HashTable* record) { CollectSNMPData(record, u"false"); }
 /// A kind of record, told by a key that it has, and its collector.
 struct Collector {
     std::u16string_view key;
+    std::string_view kind;
     void (*collect)(const HashTable* record);
 };
 
 /// A record is of the first kind whose key it has.
 constexpr Collector collectors[] = {
-    {u"wmiQuery", CollectWMI},
-    {u"script", CollectScript},
-    {u"PROTOCOL", CollectSnmp},
+    {u"wmiQuery", "WMI", CollectWMI},
+    {u"script", "script", CollectScript},
+    {u"PROTOCOL", "SNMP", CollectSnmp},
 };
 
-/// A record of an unknown kind is skipped.
-void CollectRecord(const HashTable* record) {
-    for (const Collector& collector : collectors) {
-        if (ContainsHashKey(record, collector.key)) return collector.collect(record);
-    }
+/// Null for a record of an unknown kind.
+const Collector* CollectorOf(const HashTable* record) {
+    const auto* found =
+        std::find_if(std::begin(collectors), std::end(collectors),
+                     [record](const Collector& collector) { return ContainsHashKey(record, collector.key); });
+    return found == std::end(collectors) ? nullptr : found;
 }
 
 }  // namespace
+
+std::string_view KindOfRecord(const HashTable* record) {
+    const Collector* collector = CollectorOf(record);
+    return collector ? collector->kind : std::string_view();
+}
+
+void CollectRecord(const HashTable* record) {
+    if (const Collector* collector = CollectorOf(record)) collector->collect(record);
+}
 
 void CollectAndSaveData(void* argument) {
     const LineBound bound(100);  // a workflow may well have more than ten records

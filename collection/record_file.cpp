@@ -92,7 +92,13 @@ void StoreNumber(const char* name, std::uint32_t number, platform::Error (*store
     }
 }
 
+/// The folder of the RecordDetour that lives; empty without one.
+std::u16string detour;
+
 }  // namespace
+
+RecordDetour::RecordDetour(std::u16string_view folder) { detour = folder; }
+RecordDetour::~RecordDetour() { detour.clear(); }
 
 std::u16string PrepareDataDirectory(const char* caller) {
     Log4("\t@@@@@ Inside PrepareDataDirectory() @@@@@ \n");
@@ -100,6 +106,7 @@ std::u16string PrepareDataDirectory(const char* caller) {
     if (const int error = files.wchdir(agentState.gv_ocAgentBinPath.value_or(u"")); error != 0) {
         Log1("\n %s :: Unable to switch to data folder errorno- %d", caller, error);
     }
+    if (!detour.empty()) return detour;
     std::u16string directory;
     if (const int error = files.wgetcwd(directory); error != 0) {
         Log1("\n %s :: Unable to get cwd errorno- %d", caller, error);

@@ -9,8 +9,20 @@
 
 namespace kv {
 
+/// While it lives, records go to a folder of the owner's in the place of the data directory. For a program that shows
+/// what is collected: as it never calls VerifyLastFileNum and StoreLastFileNum, the agent's numbers stay as they are,
+/// too. One at a time, and only while nothing is collected on another thread.
+class RecordDetour {
+  public:
+    explicit RecordDetour(std::u16string_view folder);
+    ~RecordDetour();
+    RecordDetour(const RecordDetour&) = delete;
+    RecordDetour& operator=(const RecordDetour&) = delete;
+};
+
 /// Changes to gv_ocAgentBinPath, makes "data" below the working directory and gives its path. A step that fails leaves
-/// a log line in the caller's name, and the others are done all the same.
+/// a log line in the caller's name, and the others are done all the same. Under a RecordDetour that one's folder is
+/// given, and nothing is made.
 std::u16string PrepareDataDirectory(const char* caller);
 
 /// Takes the next number, under its lock, and gives the path of that record file without extension. A number that a

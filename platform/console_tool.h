@@ -57,4 +57,20 @@ void WatchForInterrupt();
 /// or the system's text for what went wrong.
 [[nodiscard]] std::string WriteFileWhole(const std::string& name, std::string_view bytes);
 
+/// A new folder for temporary files, which nobody else may read, removed with all in it at the end.
+class TemporaryFolder {
+  public:
+    /// Throws std::runtime_error with the system's text when it cannot be made.
+    TemporaryFolder();
+    ~TemporaryFolder();
+    TemporaryFolder(const TemporaryFolder&) = delete;
+    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
+
+    /// As platform/files.h takes it.
+    const std::u16string& path() const { return path_; }
+
+  private:
+    std::u16string path_;
+};
+
 }  // namespace platform

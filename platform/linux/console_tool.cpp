@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include "platform/linux/linux.h"
+#include "platform/utf.h"
 
 namespace platform {
 
@@ -139,6 +140,20 @@ bool OutputHasReader() {
 std::string WriteFileWhole(const std::string& name, std::string_view bytes) {
     const int failure = WriteOutput(name, bytes);
     return failure == 0 ? std::string() : std::generic_category().message(failure);
+}
+
+TemporaryFolder::TemporaryFolder() {
+    std::error_code unknown;
+    const fs::path above = fs::temp_directory_path(unknown);
+    std::string name = ((unknown ? fs::path("/tmp") : above) / "kvagent-XXXXXX").string();
+    if (mkdtemp(name.data()) == nullptr)
+        throw std::system_error(errno, std::generic_category(), "no folder can be made in " + above.string());
+    path_ = WideFromUtf8(name);
+}
+
+TemporaryFolder::~TemporaryFolder() {
+    std::error_code ignored;
+    fs::remove_all(Utf8FromWide(path_), ignored);
 }
 
 }  // namespace platform

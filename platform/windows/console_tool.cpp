@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <atomic>
+#include <filesystem>
 #include <memory>
+#include <stdexcept>
 
 #include "platform/owned_handle.h"
 #include "platform/utf.h"
@@ -145,6 +147,28 @@ std::string WriteFileWhole(const std::string& name, std::string_view bytes) {
     if (failure == error::success) return {};
     const std::string text = MessageInLine(failure);
     return text.empty() ? "error " + std::to_string(failure) : text;
+}
+
+/// The user's own folder for temporary files is not open to others.
+TemporaryFolder::TemporaryFolder() {
+    std::wstring above(::GetTempPathW(0, nullptr), L'\0');
+    above.resize(::GetTempPathW(static_cast<DWORD>(above.size()), above.data()));
+    for (int tried = 0; tried < maximumNames; ++tried) {
+        const std::wstring name =
+            above + L"kvagent-" + std::to_wstring(::GetCurrentProcessId()) + L"-" + std::to_wstring(tried);
+        if (::CreateDirectoryW(name.c_str(), nullptr)) {
+            path_ = Utf16FromWide(name);
+            return;
+        }
+        if (::GetLastError() != ERROR_ALREADY_EXISTS) break;
+    }
+    throw std::runtime_error("no folder can be made in " + Utf8FromWide(Utf16FromWide(above)) + ": " +
+                             MessageInLine(LastError()));
+}
+
+TemporaryFolder::~TemporaryFolder() {
+    std::error_code ignored;
+    std::filesystem::remove_all(WideOf(path_), ignored);
 }
 
 }  // namespace platform

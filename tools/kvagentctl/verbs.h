@@ -7,6 +7,7 @@ namespace kv::control {
 
 // A row for each verb, in the order of the help.
 const commandline::Command& StatusVerb();
+const commandline::Command& CollectVerb();
 const commandline::Command& QueryVerb();
 const commandline::Command& SnmpVerb();
 const commandline::Command& SetupVerb();

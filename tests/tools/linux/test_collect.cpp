@@ -1,0 +1,112 @@
+// kvagentctl collect on an installed agent that does not run.
+#include "foundation/registry_store.h"
+#include "platform/backend.h"
+#include "platform/utf.h"
+#include "tests/support/snmp_devices.h"
+#include "tests/tools/tool_fixture.h"
+
+namespace kv::test {
+
+namespace {
+
+class CollectVerb : public ToolTest {
+  protected:
+    CollectVerb() : ToolTest(KVAGENTCTL_PROGRAM) {
+        platform::InstallRegistry();
+        fs::create_directories(conf / "scripts");
+        fs::create_directories(folder / "monitoring" / "bin");
+        const std::u16string install = platform::WideFromUtf8(Utf8(folder)) + u"/";
+        const auto store = [](std::u16string_view name, std::u16string_view text) {
+            writeValue(platform::RootKey::localMachine, agentKeyPath, name, text, platform::RegistryType::text);
+        };
+        store(u"KVAgentInstallDir", install);
+        store(u"CustomerName", u"Some customer");
+    }
+
+    void WriteScript(const std::string& name, const std::string& text) const {
+        Write(Utf8(conf / "scripts" / name), "#!/bin/sh\n" + text + "\n");
+        fs::permissions(conf / "scripts" / name, fs::perms::owner_all);
+    }
+
+    void WritePlan(const std::string& records) const {
+        Write(Utf8(conf / "queryconf.txt"),
+              R"({"WorkFlows": [{"wfname": "W", "interval": 5, "recordSetName": [)" + records + "]}]}");
+    }
+
+    const fs::path conf = folder / "monitoring" / "conf";
+    const std::string good = R"({"wmiQuery": "SELECT Primary FROM Win32_OperatingSystem", "Name": "System"})";
+};
+
+TEST_F(CollectVerb, PrintsEachRecordAndTouchesNothing) {
+    const SnmpDaemon device("sysName box");
+    WriteScript("disks.sh", "echo '{\"NAME\": \"'$2'\", \"CWD\": \"'$PWD'\"}'");
+    WriteScript("text.sh", "echo plain");
+    WriteScript("quiet.sh", "echo dropped");
+    WritePlan(good +
+              R"(, {"script": "disks.sh", "Name": "Disks", "response_needed": "true"},
+                   {"script": "text.sh", "Name": "Text", "response_needed": "true"},
+                   {"script": "quiet.sh", "Name": "Quiet"},
+                   {"PROTOCOL": "SPOLL", "DEVICE_NAME": "127.0.0.1", "SNMP_PORT": ")" +
+              std::to_string(device.port()) +
+              R"(", "COMMUNITY": "public", "OID": ".1.3.6.1.2.1.1.5.0", "SNMP_VERSION": "v2c", "POLL_ID": "77"})");
+    const std::vector<std::string> before = FilesIn(folder / "monitoring");
+    const std::string registry = Read(Utf8(folder / "state" / "registry.db"));
+    const Outcome all = Run({"collect"});
+    EXPECT_EQ(all.exitCode, 0) << all.errors;
+    for (const char* const text :
+         {"== System: workflow W, WMI, ", "\"MSPCUSTOMERID\": \"Some customer\"", "\"Primary\": \"True\"",
+          "== Disks: workflow W, script, ", "\"NAME\": \"Disks\"", "plain\n   not JSON",
+          "== Quiet: workflow W, script, ", "ms, no record\n", "   log: response_needed is not true",
+          "== 77: workflow W, SNMP, ", "\"box\"", "SUCCESS"})
+        EXPECT_THAT(all.output, HasSubstr(text));
+    EXPECT_THAT(all.output, HasSubstr("\"CWD\": \"" + Utf8(folder / "monitoring" / "bin") + "\""))
+        << "as for the agent";
+    EXPECT_EQ(FilesIn(folder / "monitoring"), before);
+    EXPECT_FALSE(fs::exists(folder / "monitoring" / "bin" / "data"));
+    EXPECT_EQ(Read(Utf8(folder / "state" / "registry.db")), registry);
+    const Outcome one = Run({"collect", "--json", "--record", "DISKS.SH"});
+    EXPECT_THAT(one.output, ::testing::AllOf(HasSubstr("\"kind\": \"script\""), HasSubstr("\"CWD\": "),
+                                             HasSubstr("\"failed\": false"), ::testing::Not(HasSubstr("Primary"))));
+}
+
+TEST_F(CollectVerb, SaysWhatIsWrong) {
+    WriteScript("fails.sh", "exit 3");
+    const std::string plan = Utf8(folder / "plan.txt");
+    const std::tuple<const char*, std::string, Words, int, const char*, const char*> rows[] = {
+        {"query",
+         R"({"wmiQuery": "SELECT Nam FROM Win32_Process", "Name": "P"})",
+         {},
+         1,
+         "log: The query is refused: Win32_Process lacks the property Nam; did you mean Name?",
+         "1 of 1 records failed"},
+        {"script",
+         R"({"script": "none.sh", "Name": "N", "response_needed": "true"})",
+         {},
+         1,
+         "the record N failed: there is no file",
+         ""},
+        {"exit code", R"({"script": "fails.sh", "Name": "F"})", {}, 0, "the record F failed: ", ""},
+        {"kind", R"({"wmiquery": "x", "Name": "K"})", {}, 1, "(no name): workflow W, unknown kind", ""},
+        {"name", good, {"--record", "Nix"}, 3, "", "no record of the plan is called Nix; there are: System"},
+        {"no records", "", {}, 3, "", "the plan has no records"},
+        {"no such plan", good, {plan}, 3, "", "there is no file"},
+        {"malformed", "{", {}, 1, "", "queryconf.txt"},
+    };
+    for (const auto& [title, records, words, exitCode, output, errors] : rows) {
+        SCOPED_TRACE(title);
+        WritePlan(records);
+        Words line = words;
+        line.insert(line.begin(), "collect");
+        const Outcome outcome = Run(line);
+        EXPECT_EQ(outcome.exitCode, exitCode);
+        EXPECT_THAT(outcome.output, HasSubstr(output));
+        EXPECT_THAT(outcome.errors, HasSubstr(errors));
+    }
+    fs::remove(conf / "queryconf.txt");
+    EXPECT_THAT(Run({"collect"}).errors,
+                HasSubstr("the agent has no plan: there is no " + Utf8(conf / "queryconf.txt")));
+}
+
+}  // namespace
+
+}  // namespace kv::test

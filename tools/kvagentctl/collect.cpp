@@ -1,0 +1,336 @@
+// kvagentctl collect: each record of a plan once, shown and not sent.
+#include "collection/collect.h"
+
+#include <algorithm>
+#include <fmt/format.h>
+#include <json-c/json.h>
+#include <memory>
+#include <optional>
+#include <utf8.h>
+
+#include "collection/record_file.h"
+#include "collection/record_members.h"
+#include "commandline/run.h"
+#include "foundation/agent_state.h"
+#include "foundation/file_utils.h"
+#include "foundation/guarded.h"
+#include "foundation/open_file.h"
+#include "foundation/registry_store.h"
+#include "jsontext/hash_json.h"
+#include "platform/clock.h"
+#include "platform/console_tool.h"
+#include "platform/near_name.h"
+#include "platform/utf.h"
+#include "queryconf/conf_paths.h"
+#include "tools/kvagentctl/agent_process.h"
+#include "tools/kvagentctl/verbs.h"
+#include "tools/kvreg/registry_failure.h"
+
+namespace kv::control {
+
+namespace {
+
+using commandline::Given;
+using commandline::Has;
+using commandline::InLine;
+using commandline::NotFoundError;
+using platform::Utf8FromWide;
+using platform::WideFromUtf8;
+
+using JsonPtr = std::unique_ptr<json_object, decltype(&json_object_put)>;
+
+constexpr std::size_t largestRecord = std::size_t{1} << 30;  // bytes; a script's record is cut at half of that
+
+/// A record of a plan, which refers to the plan's document.
+struct PlannedRecord {
+    const HashTable* record = nullptr;
+    std::string_view kind;
+    std::string workflow;
+    std::vector<std::string> names;  // what people may call it by, the best one first
+};
+
+/// What a record came to.
+struct CollectedRecord {
+    std::optional<std::string> text;  // UTF-8; absent when no record was written
+    std::size_t bytes = 0;            // of its file
+    std::uint64_t milliseconds = 0;
+    std::vector<std::string> lines;  // what the agent would log
+    bool isFailure = false;
+};
+
+// --- the plan
+
+/// The texts of members, those that are there.
+std::vector<std::string> TextsOf(const HashTable* record, std::initializer_list<std::u16string_view> keys) {
+    std::vector<std::string> texts;
+    for (const std::u16string_view key : keys) {
+        const OptionalText text = MemberText(record, key);
+        if (text && !text->empty()) texts.push_back(Utf8FromWide(*text));
+    }
+    return texts;
+}
+
+std::vector<std::string> NamesOf(const HashTable* record, std::string_view kind) {
+    if (kind == "WMI") return TextsOf(record, {u"Name"});
+    if (kind == "script") return TextsOf(record, {u"Name", u"script"});
+    return TextsOf(record, {u"POLL_ID", u"DEVICE_NAME", u"AGENT_KEY", u"POLICY_NAME"});
+}
+
+void TakeRecords(const HashTable* workflow, std::vector<PlannedRecord>& records) {
+    const Vector* list = GetHashVector(workflow, u"recordSetName");
+    if (!list) return;
+    const std::string name = Utf8FromWide(MemberText(workflow, u"wfname").value_or(u""));
+    for (const VectorElement* element = list->head; element; element = element->next) {
+        if (element->type != ValueType::table) continue;
+        const auto* record = reinterpret_cast<const HashTable*>(element->value);
+        const std::string_view kind = KindOfRecord(record);
+        records.push_back({record, kind, name, NamesOf(record, kind)});
+    }
+}
+
+/// The records of all lists of workflows in a document.
+std::vector<PlannedRecord> RecordsOf(const HashTable* document) {
+    std::vector<PlannedRecord> records;
+    const std::unique_ptr<const char16_t*[]> keys = GetHashKeys(document);
+    for (std::size_t i = 0; keys[i]; ++i) {
+        const Vector* workflows = GetHashVector(document, keys[i]);
+        for (const VectorElement* element = workflows ? workflows->head : nullptr; element; element = element->next) {
+            if (element->type == ValueType::table)
+                TakeRecords(reinterpret_cast<const HashTable*>(element->value), records);
+        }
+    }
+    return records;
+}
+
+HashTablePtr ReadPlan(std::u16string_view path) {
+    HashTablePtr document = MakeHashTable();
+    if (!document) throw std::bad_alloc();
+    const JsonReadResult read = JSONFileToHash(document.get(), path);
+    if (!read.ok) throw std::runtime_error(read.message);
+    if (!read.message.empty()) fmt::print(stderr, "{}\n", read.message);
+    return document;
+}
+
+/// Fills in what collecting needs of the agent's settings; they are only read. Why they cannot be read; empty when
+/// they can.
+std::string ReadSettings() {
+    OptionalText install;
+    const platform::Error failure = GetKVAgentInstallDir(install);
+    if (install) agentState.gv_ocAgentBinPath = *install + u"monitoring\\bin\\";
+    OptionalText key;
+    agentState.gv_agentKey.Publish(GetOCAgentKey(key) == platform::error::success && key ? *key : u"HUBCENTER");
+    static_cast<void>(GetCustomerName(agentState.gv_custID));
+    if (install) return {};
+    return IsGone(failure) && MissingRegistryText().empty() ? "the setting KVAgentInstallDir is missing"
+                                                            : RegistryFailureText(failure);
+}
+
+/// The plans to collect: the given one, or the agent's own and, if asked for, those of its slaves.
+std::vector<HashTablePtr> ReadPlans(const Given& given) {
+    const std::string named = commandline::Value(given, "PLAN");
+    const std::string fault = ReadSettings();
+    std::vector<HashTablePtr> plans;
+    if (!named.empty()) {
+        if (!MayExist(WideFromUtf8(named))) throw NotFoundError(fmt::format("there is no file {}", named));
+        if (!fault.empty()) fmt::print(stderr, "scripts are not found: {}\n", fault);
+        plans.push_back(ReadPlan(WideFromUtf8(named)));
+        return plans;
+    }
+    if (!fault.empty()) throw std::runtime_error(fault + "; name a plan: kvagentctl collect PLAN");
+    const std::u16string bin = *agentState.gv_ocAgentBinPath;
+    const std::u16string own = ConcatStrings(bin, conf_path::ownPlan);
+    if (!MayExist(own))
+        throw NotFoundError(
+            fmt::format("the agent has no plan: there is no {}", Utf8FromWide(platform::Files().NativePath(own))));
+    plans.push_back(ReadPlan(own));
+    if (!Has(given, "--slaves")) return plans;
+    const std::u16string slaves = ConcatStrings(bin, conf_path::slavesDirectory);
+    for (FileSearch search(slaves + u"*"); search.hasFile(); search.Next()) {
+        const std::u16string plan = slaves + search.file.fileName + u"\\" + std::u16string(conf_path::planName);
+        if (search.file.isDirectory && !search.file.fileName.starts_with(u'.') && MayExist(plan))
+            plans.push_back(ReadPlan(plan));
+    }
+    return plans;
+}
+
+bool IsNamed(const PlannedRecord& record, const std::string& name) {
+    return std::any_of(record.names.begin(), record.names.end(), [&](const std::string& known) {
+        return CompareIgnoreCase(WideFromUtf8(known), WideFromUtf8(name)) == 0;
+    });
+}
+
+/// Keeps the records of a name. NotFoundError with all names when no record has it.
+void KeepNamed(std::vector<PlannedRecord>& records, const std::string& name) {
+    std::vector<std::string> known;
+    for (const PlannedRecord& record : records) {
+        for (const std::string& one : record.names) {
+            if (std::find(known.begin(), known.end(), one) == known.end()) known.push_back(one);
+        }
+    }
+    std::erase_if(records, [&](const PlannedRecord& record) { return !IsNamed(record, name); });
+    if (records.empty())
+        throw NotFoundError(
+            fmt::format("no record of the plan is called {}; there are: {}", name, fmt::join(known, ", ")));
+}
+
+// --- collecting
+
+/// The record's file in a folder, which is taken out of it.
+void TakeRecordFile(const std::u16string& folder, CollectedRecord& collected) {
+    const FileSearch search(folder + u"\\*.txt");
+    if (!search.hasFile()) return;
+    const std::u16string path = folder + u"\\" + search.file.fileName;
+    std::string bytes;
+    if (ReadWholeFile(path, bytes, largestRecord) != platform::error::success) return;
+    collected.bytes = bytes.size();
+    collected.text = Utf8FromWide(TextFromUtf16LittleEndian(bytes));
+    platform::Files().DeleteFileW(path);
+}
+
+/// Null for a text that is not JSON.
+JsonPtr ParsedJson(const std::string& text) {
+    const std::unique_ptr<json_tokener, decltype(&json_tokener_free)> reader(json_tokener_new(), json_tokener_free);
+    json_object* value = json_tokener_parse_ex(reader.get(), text.data(), static_cast<int>(text.size()));
+    return JsonPtr(json_tokener_get_error(reader.get()) == json_tokener_success ? value : nullptr, json_object_put);
+}
+
+bool HasText(json_object* record, const char* key, std::string_view beginning) {
+    json_object* member = nullptr;
+    if (!json_object_is_type(record, json_type_object) || !json_object_object_get_ex(record, key, &member))
+        return false;
+    const char* text = json_object_get_string(member);
+    return text != nullptr && std::string_view(text).starts_with(beginning);
+}
+
+/// Whether a script is meant to have a record.
+bool WantsRecord(const PlannedRecord& planned) {
+    return planned.kind != "script" || CompareIgnoreCase(MemberText(planned.record, u"response_needed"), u"true") == 0;
+}
+
+CollectedRecord Collect(const PlannedRecord& planned, const std::u16string& folder) {
+    CollectedRecord collected;
+    const std::uint64_t begin = platform::Clock().GetTickCount64();
+    {
+        const LogLines log([&](std::string_view line) {
+            const std::string_view told = WithoutRoutine(line);
+            if (!told.empty()) collected.lines.emplace_back(told);
+        });
+        const RecordDetour detour(folder);
+        RunGuarded("CollectRecord", [&] { CollectRecord(planned.record); });
+    }
+    collected.milliseconds = platform::Clock().GetTickCount64() - begin;
+    TakeRecordFile(folder, collected);
+    if (planned.kind.empty()) {
+        collected.lines.emplace_back("it has neither wmiQuery nor script nor PROTOCOL, and is skipped");
+        collected.isFailure = true;
+    } else if (!collected.text) {
+        collected.isFailure = WantsRecord(planned);
+        if (!collected.isFailure) collected.lines.emplace_back("response_needed is not true: the script has no record");
+    } else if (collected.text->empty()) {
+        collected.isFailure = true;
+    } else {
+        const JsonPtr json = ParsedJson(*collected.text);
+        collected.isFailure = HasText(json.get(), "ERRORMSG", "FAILED") || HasText(json.get(), "STATUS", "FAILURE");
+    }
+    return collected;
+}
+
+// --- printing
+
+constexpr int jsonForPeople = JSON_C_TO_STRING_PRETTY | JSON_C_TO_STRING_SPACED | JSON_C_TO_STRING_NOSLASHESCAPE;
+
+std::string TitleOf(const PlannedRecord& planned, const CollectedRecord& collected) {
+    const std::string name = planned.names.empty() ? "(no name)" : planned.names.front();
+    const std::string kind = planned.kind.empty() ? "unknown kind" : std::string(planned.kind);
+    const std::string size = collected.text ? fmt::format("{} bytes", collected.bytes) : "no record";
+    return InLine(fmt::format("== {}: workflow {}, {}, {} ms, {}{}", name, planned.workflow, kind,
+                              collected.milliseconds, size, collected.isFailure ? ", FAILED" : ""));
+}
+
+void PrintRecord(const PlannedRecord& planned, const CollectedRecord& collected) {
+    fmt::print("{}\n", TitleOf(planned, collected));
+    if (collected.text && !collected.text->empty()) {
+        const JsonPtr json = ParsedJson(*collected.text);
+        const std::string text = json ? json_object_to_json_string_ext(json.get(), jsonForPeople) : *collected.text;
+        fmt::print("{}{}", text, text.ends_with('\n') ? "" : "\n");
+        if (!json) fmt::print("   not JSON: the server may not understand it\n");
+    }
+    for (const std::string& line : collected.lines) fmt::print("   log: {}\n", InLine(line));
+    fmt::print("\n");
+    commandline::FlushOutput();
+}
+
+json_object* JsonText(const std::string& text) {
+    const std::string valid = utf8::replace_invalid(text);
+    return json_object_new_string_len(valid.data(), static_cast<int>(valid.size()));
+}
+
+json_object* JsonTexts(const std::vector<std::string>& texts) {
+    json_object* list = json_object_new_array();
+    for (const std::string& text : texts) json_object_array_add(list, JsonText(text));
+    return list;
+}
+
+json_object* JsonOf(const PlannedRecord& planned, const CollectedRecord& collected) {
+    json_object* object = json_object_new_object();
+    json_object_object_add(object, "names", JsonTexts(planned.names));
+    json_object_object_add(object, "workflow", JsonText(planned.workflow));
+    json_object_object_add(object, "kind", JsonText(std::string(planned.kind)));
+    json_object_object_add(object, "failed", json_object_new_boolean(collected.isFailure));
+    json_object_object_add(object, "milliseconds", json_object_new_uint64(collected.milliseconds));
+    json_object_object_add(object, "bytes", json_object_new_uint64(collected.bytes));
+    JsonPtr record = collected.text ? ParsedJson(*collected.text) : JsonPtr(nullptr, json_object_put);
+    json_object_object_add(object, "record", record || !collected.text ? record.release() : JsonText(*collected.text));
+    json_object_object_add(object, "log", JsonTexts(collected.lines));
+    return object;
+}
+
+void Run(const Given& given) {
+    const bool asJson = Has(given, "--json");
+    const std::vector<HashTablePtr> plans = ReadPlans(given);
+    std::vector<PlannedRecord> records;
+    for (const HashTablePtr& plan : plans) {
+        const std::vector<PlannedRecord> more = RecordsOf(plan.get());
+        records.insert(records.end(), more.begin(), more.end());
+    }
+    if (records.empty()) throw NotFoundError("the plan has no records");
+    if (Has(given, "--record")) KeepNamed(records, commandline::NeededValue(given, "--record"));
+    const platform::TemporaryFolder folder;
+    const JsonPtr list(json_object_new_array(), json_object_put);
+    std::size_t failed = 0;
+    for (const PlannedRecord& planned : records) {
+        const CollectedRecord collected = Collect(planned, folder.path());
+        if (collected.isFailure) ++failed;
+        if (asJson)
+            json_object_array_add(list.get(), JsonOf(planned, collected));
+        else
+            PrintRecord(planned, collected);
+    }
+    if (asJson) fmt::print("{}\n", json_object_to_json_string_ext(list.get(), jsonForPeople));
+    if (failed > 0) throw std::runtime_error(fmt::format("{} of {} records failed", failed, records.size()));
+}
+
+constexpr commandline::Word words[] = {{"PLAN", "a plan's file; default: the agent's own", true}};
+
+constexpr commandline::Option options[] = {
+    {"--record", "NAME",
+     "only the records of that name: a WMI record's or script's Name, a script's file, or a POLL_ID, "
+     "DEVICE_NAME, AGENT_KEY or POLICY_NAME of SNMP"},
+    {"--slaves", "", "the plans of the agent's slaves, too"},
+    {"--json", "",
+     "prints an array of objects with names, workflow, kind, failed, milliseconds, bytes, record and log"},
+};
+
+}  // namespace
+
+const commandline::Command& CollectVerb() {
+    static const commandline::Command verb{
+        "collect",
+        "Collects each record of a plan once, and prints it. Nothing is sent, and no file, number or setting of the "
+        "agent changes; scripts run as they would for the agent, as this user. Beneath a record stands what the agent "
+        "would log. Intervals do not count. Exit code 1 if a record fails, 3 without a plan or a record of that name.",
+        words, options, Run};
+    return verb;
+}
+
+}  // namespace kv::control
