@@ -6,6 +6,7 @@
 
 #include "collection/record_file.h"
 #include "collection/script_output.h"
+#include "foundation/agent_health.h"
 #include "foundation/registry_store.h"
 #include "jsontext/hash_json.h"
 #include "platform/files.h"
@@ -223,6 +224,9 @@ TEST_F(Collection, AFullDiskLosesOnlyTheRecordThatIsWritten) {
     EXPECT_EQ(RunScript("echo lost"), "(absent)");
     ExecuteWMIQuery(std::nullopt, u"SELECT * FROM X", u"X");
     EXPECT_TRUE(Logged("Agent_K_5.txt cannot be written, its record is lost"));
+    EXPECT_THAT(ReadLastEvents().failure, testing::HasSubstr("Agent_K_5.txt cannot be written and is lost: "));
+    EXPECT_EQ(agentHealth.recordsWritten, 2U);
+    EXPECT_EQ(agentHealth.recordsLost, 2U);
 }
 
 TEST_F(Collection, AWorkflowRunsItsRecordsInOrder) {
@@ -254,6 +258,9 @@ TEST_F(Collection, AWorkflowRunsItsRecordsInOrder) {
               "{ \"PROTOCOL\": \"SPOLL\", \"MSPCUSTOMERID\": \"Acme\", \"ID\": \"\", "
               "\"DATACOLLECTTIME\": \"1772705107\", \"STATUS\": \"FAILURE\", \"OID\": \"\" }");
     EXPECT_EQ(CountDataFiles(), 3);
+    EXPECT_EQ(agentHealth.workflowsRun, 1U);
+    EXPECT_EQ(agentHealth.queriesFailed, 2U);
+    EXPECT_EQ(ReadLastEvents().failure.find("the poll of "), 0U) << ReadLastEvents().failure;
     for (const char* line :
          {"a WMI record without the text wmiQuery", "a WMI record without the text Name",
           "a script record without the text script", "script is not a text, a whole number",

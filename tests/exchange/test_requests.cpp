@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "exchange/request_polling.h"
+#include "foundation/agent_health.h"
 #include "foundation/registry_store.h"
 #include "foundation/timer.h"
 #include "platform/sockets.h"
@@ -182,6 +183,8 @@ TEST_F(Requests, ALongListLogsTenRefusalsAndTheirCount) {
     EXPECT_EQ(CountInRound("Data not collected"), 12) << "all lines of served requests";
     EXPECT_EQ(CountInRound("are unknown. Request id"), 11) << "ten, and the line with the count";
     EXPECT_EQ(CountInRound("78 more lines"), 1);
+    EXPECT_EQ(agentHealth.requestsServed, 12U);
+    EXPECT_EQ(agentHealth.requestsRefused, 89U);
 }
 
 TEST_F(Requests, AFullDiskKeepsTheRequestsWaiting) {

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "exchange/upload_pipeline.h"
+#include "foundation/agent_health.h"
 #include "foundation/registry_store.h"
 #include "lab/archive.h"
 #include "platform/files.h"
@@ -138,6 +139,9 @@ TEST_F(UploadPipeline, CollectionStopsOneSecondAfterTheLimitOfFailedUploads) {
     EXPECT_EQ(pass(407, 359 * 60), 1);
     EXPECT_TRUE(Logged("something went wrong in InternetUploadBinaryFile. return value [407]"));
     EXPECT_EQ(pass(503, 1), 0);
+    EXPECT_EQ(agentHealth.collectionStopTime, clock.nowSeconds());
+    EXPECT_THAT(ReadLastEvents().failure,
+                testing::MatchesRegex("/servlets/FileCollector at .*: refused with HTTP status 503"));
     EXPECT_EQ(FilesIn(zipdata), queue);
     {
         const FileOverride undeletable(Failing(&platform::FileOperations::DeleteFileW, platform::error::accessDenied));
@@ -147,6 +151,11 @@ TEST_F(UploadPipeline, CollectionStopsOneSecondAfterTheLimitOfFailedUploads) {
     EXPECT_EQ(pass(200, 1), 1);
     EXPECT_EQ(accepted["Agent_K7_2.zip"], "zip");
     EXPECT_THAT(FilesIn(zipdata), IsEmpty());
+    EXPECT_EQ(agentHealth.collectionStopTime, 0);
+    EXPECT_EQ(ReadLastEvents().uploadTime, clock.nowSeconds());
+    EXPECT_EQ(agentHealth.uploadsFailed, 9U);
+    EXPECT_EQ(agentHealth.uploadsAccepted, 9U);
+    EXPECT_EQ(agentHealth.bytesUploaded, 27U);
 }
 
 TEST_F(UploadPipeline, ALongOutageLosesNoRecord) {
