@@ -159,11 +159,14 @@ void ReportOnce() {
     platform::TrimResidentLibraryPages();
 }
 
-/// Waits for an event of weight or the end of the period.
-void WaitForNextReport(platform::EventHandle wake) {
-    constexpr std::uint32_t period = periodSeconds * 1000;
-    if (wake == 0) return platform::Clock().Sleep(period);
-    if (platform::Threads().WaitForEvent(wake, period) != error::success) return;
+/// Waits for an event of weight or the end of the period, a tick count, which moves on when it has come.
+void WaitForNextReport(platform::EventHandle wake, std::uint64_t& periodEnd) {
+    constexpr std::uint64_t period = periodSeconds * 1000;
+    const std::uint64_t now = platform::Clock().GetTickCount64();
+    if (now >= periodEnd) periodEnd = now + period;
+    const auto left = static_cast<std::uint32_t>(periodEnd - now);
+    if (wake == 0) return platform::Clock().Sleep(left);
+    if (platform::Threads().WaitForEvent(wake, left) != error::success) return;
     platform::Clock().Sleep(gatherMilliseconds);
     platform::Threads().ResetEvent(wake);
 }
@@ -186,9 +189,9 @@ std::uint32_t ReportHealth(void* /*ignored*/) {
     platform::EventHandle wake = 0;
     RunGuarded("ReportHealth", [] { BeginReport(CurrentReport()); });
     if (platform::Threads().CreateEventW(wake) == error::success) agentHealth.wake = wake;
-    for (;;) {
+    for (std::uint64_t periodEnd = 0;;) {
         RunGuarded("ReportHealth", ReportOnce);
-        WaitForNextReport(wake);
+        WaitForNextReport(wake, periodEnd);
     }
 }
 
@@ -204,7 +207,11 @@ void ReportStop() {
 }
 
 std::string HealthLine(const HealthSnapshot& health, std::uint64_t waitingZips) {
-    if (const char* missing = MissingSetting()) return fmt::format("no server: {} is missing", missing);
+    if (const char* missing = MissingSetting()) {
+        const bool isOfServer = std::string_view(missing).starts_with("KV");
+        return isOfServer ? fmt::format("no server: {} is missing", missing)
+                          : fmt::format("{} is missing, and no setting after it is read", missing);
+    }
     const std::string first =
         LogText("%s:%d", agentState.gv_LastAccessName, static_cast<std::int32_t>(agentState.gv_ServerPort));
     const std::u16string_view key = agentState.gv_agentKey.view();
