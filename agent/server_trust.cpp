@@ -21,7 +21,7 @@ using platform::Error;
 namespace error = platform::error;
 
 /// Bytes of a file with authorities, at most: the system's own, some hundred of them, take a quarter of a megabyte.
-constexpr std::uint64_t maxCAFileBytes = 16 * 1024 * 1024;
+constexpr std::uint64_t maxCAFileBytes = std::uint64_t{16} * 1024 * 1024;
 
 constexpr std::size_t keyHashBytes = 32;
 

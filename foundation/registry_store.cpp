@@ -251,9 +251,6 @@ Error GetKVLastAccessName(OptionalText& out) { return ReadText(serverInfoKeyPath
 Error GetKVServerPinnedKey(OptionalText& out) { return LookUpText(serverInfoKeyPath, u"KVServerPinnedKey", out); }
 Error GetKVServerCAFile(OptionalText& out) { return LookUpText(serverInfoKeyPath, u"KVServerCAFile", out); }
 Error GetKVServerVerify(OptionalText& out) { return LookUpText(serverInfoKeyPath, u"KVServerVerify", out); }
-Error SetKVServerPinnedKey(std::u16string_view keys) {
-    return WriteText(serverInfoKeyPath, u"KVServerPinnedKey", keys);
-}
 
 Error GetOCAgentKey(OptionalText& out) { return ReadText(monitoringKeyPath, u"MonitoringAgentKey", out); }
 Error GetMasterAgent(OptionalText& out) { return ReadText(monitoringKeyPath, u"MasterAgent", out); }

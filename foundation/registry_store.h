@@ -73,7 +73,6 @@ platform::Error GetKVServerProtocol(OptionalText& out);
 platform::Error GetKVLastAccessName(OptionalText& out);
 // What a certificate must be. fileNotFound when the setting is absent, invalidData when it is not a text.
 platform::Error GetKVServerPinnedKey(OptionalText& out);
-platform::Error SetKVServerPinnedKey(std::u16string_view keys);
 platform::Error GetKVServerCAFile(OptionalText& out);
 platform::Error GetKVServerVerify(OptionalText& out);
 

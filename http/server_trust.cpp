@@ -1,6 +1,5 @@
 #include "http/server_trust.h"
 
-#include <chrono>
 #include <fmt/format.h>
 #include <mutex>
 #include <utility>
@@ -78,7 +77,7 @@ Meeting Remember(const HttpPresentedCertificate& presented) {
 /// Address and port as one text.
 std::string AddressText(const TransactionTarget& target) {
     const std::string server = platform::Utf8FromWide(target.server);
-    const bool bare = server.find(':') != server.npos && !server.starts_with('[');
+    const bool bare = server.find(':') != std::string::npos && !server.starts_with('[');
     return (bare ? "[" + server + "]" : server) + ":" + std::to_string(target.port & 0xffff);
 }
 

@@ -29,16 +29,16 @@ std::string FingerprintText(std::span<const unsigned char> bytes) {
 }
 
 std::string ServerText(std::string_view host, std::uint16_t port) {
-    const bool bare = host.find(':') != host.npos && !host.starts_with('[');
+    const bool bare = host.find(':') != std::string_view::npos && !host.starts_with('[');
     return (bare ? "[" + std::string(host) + "]" : std::string(host)) + ":" + std::to_string(port);
 }
 
 bool SplitPem(std::string_view pem, std::vector<std::string>& certificates) {
     constexpr std::string_view first = "-----BEGIN CERTIFICATE-----";
     constexpr std::string_view last = "-----END CERTIFICATE-----";
-    for (std::size_t begin = 0; (begin = pem.find(first, begin)) != pem.npos;) {
+    for (std::size_t begin = 0; (begin = pem.find(first, begin)) != std::string_view::npos;) {
         std::size_t end = pem.find(last, begin);
-        if (end == pem.npos) return false;
+        if (end == std::string_view::npos) return false;
         end += last.size();
         certificates.emplace_back(pem.substr(begin, end - begin));
         begin = end;

@@ -27,7 +27,6 @@ namespace {
 
 using commandline::Given;
 using commandline::Has;
-using commandline::Value;
 using platform::Utf8FromWide;
 using platform::WideFromUtf8;
 
