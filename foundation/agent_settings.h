@@ -58,8 +58,8 @@ bool IsAgentKey(std::u16string_view key);
 platform::RegistryType SettingType(const AgentSetting& setting);
 
 /// Whether the value may hold that. A text given for a number, or a number for a text, is never right.
-bool SettingTakes(const AgentSetting& setting, std::u16string_view text);
-bool SettingTakes(const AgentSetting& setting, std::uint32_t number);
+bool SettingTakes(const AgentSetting& setting, std::u16string_view value);
+bool SettingTakes(const AgentSetting& setting, std::uint32_t value);
 
 /// What the value may hold, as "a port number from 1 to 65535".
 std::string SettingTaken(const AgentSetting& setting);

@@ -76,7 +76,7 @@ void CheckWorkflows(Findings& findings, PlanContext& context, const std::string&
     int index = 0;
     for (const VectorElement* element = workflows->head; element; element = element->next, ++index) {
         std::string where = fmt::format("workflow [{}]", index);
-        if (list != Utf8FromWide(workflowsKey)) where = list + ", " + where;
+        if (list != Utf8FromWide(workflowsKey)) where.insert(0, list + ", ");
         const auto* const workflow = reinterpret_cast<const HashTable*>(element->value);
         const char16_t* const name = element->type == ValueType::table ? GetHashText(workflow, u"wfname") : nullptr;
         if (name) where += fmt::format(" \"{}\"", Utf8FromWide(name));

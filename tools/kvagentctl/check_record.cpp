@@ -1,6 +1,5 @@
 // What kvagentctl check says of a record of a plan.
 #include <algorithm>
-#include <array>
 #include <fmt/format.h>
 #include <optional>
 #include <string_view>
@@ -46,7 +45,7 @@ struct Subject {
 
 /// The member as text; a finding when it is absent or has none.
 OptionalText NeededText(const Subject& subject, std::u16string_view key) {
-    const OptionalText text = subject.text(key);
+    OptionalText text = subject.text(key);
     const bool isThere = ContainsHashKey(subject.record, key) != 0;
     if (!text)
         subject.Error(

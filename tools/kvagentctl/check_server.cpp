@@ -22,7 +22,8 @@ namespace {
 
 using platform::Utf8FromWide;
 
-constexpr std::int64_t soon = 30 * 24 * 3600;  // seconds before a certificate's end that deserve a warning
+constexpr std::int64_t soon =
+    std::int64_t{30} * 24 * 3600;  // seconds before a certificate's end that deserve a warning
 
 /// What an address came to.
 struct Tried {
@@ -97,7 +98,7 @@ std::string FailureText(const std::vector<std::string>& lines, platform::Error f
     if (const std::string& refusal = agentState.gv_serverTrust.refusal; !refusal.empty())
         return "nothing is sent, because " + refusal;
     for (const std::string& line : lines) {
-        if (const std::size_t at = line.find(mark); at != line.npos) {
+        if (const std::size_t at = line.find(mark); at != std::string::npos) {
             const std::string text = line.substr(at + mark.find('c'));
             return fmt::format("{} (error {})", text.substr(0, text.find_last_not_of(" \n") + 1), failure);
         }

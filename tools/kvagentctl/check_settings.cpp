@@ -1,5 +1,5 @@
 // What kvagentctl check says of the settings.
-#include <array>
+#include <algorithm>
 #include <fmt/format.h>
 #include <optional>
 
@@ -110,10 +110,11 @@ void CheckTogether(Findings& findings) {
 void CheckTrust(Findings& findings) {
     getServerTrust();
     const ServerTrust& trust = agentState.gv_serverTrust;
-    const bool isTold = trust.refusal.starts_with("KVServerVerify");  // by the setting's own check
+    const std::string where = "setting ServerInfo\\" + trust.refusal.substr(0, trust.refusal.find(' '));
+    const bool isTold = std::any_of(findings.list.begin(), findings.list.end(),
+                                    [&](const Finding& finding) { return finding.where == where; });
     if (!trust.refusal.empty() && !isTold)
-        findings.Error("setting ServerInfo\\" + trust.refusal.substr(0, trust.refusal.find(' ')),
-                       trust.refusal.substr(trust.refusal.find(' ') + 1) + ": nothing is sent to the server");
+        findings.Error(where, trust.refusal.substr(trust.refusal.find(' ') + 1) + ": nothing is sent to the server");
     const bool asks = !trust.pinnedKeys.empty() || trust.caFile || trust.systemAuthorities;
     if (asks && CompareIgnoreCase(StoredText(GetKVServerProtocol), u"http") == 0)
         findings.Error("setting ServerInfo\\KVServerProtocol",

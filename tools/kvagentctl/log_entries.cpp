@@ -73,7 +73,7 @@ constexpr std::string_view numberMarks[] = {"retVal is [", "retVal of InternetDo
 std::uint32_t ErrorNumber(std::string_view text) {
     for (const std::string_view mark : numberMarks) {
         const std::size_t at = text.find(mark);
-        if (at == text.npos) continue;
+        if (at == std::string_view::npos) continue;
         std::uint32_t number = 0;
         const char* const begin = text.data() + at + mark.size();
         const auto [end, failure] = std::from_chars(begin, text.data() + text.size(), number);
@@ -88,7 +88,7 @@ void LogEntries::Feed(std::string_view bytes) {
     while (!bytes.empty()) {
         const std::size_t end = bytes.find('\n');
         line_ += bytes.substr(0, end);
-        if (end == bytes.npos) return;
+        if (end == std::string_view::npos) return;
         TakeLine(std::exchange(line_, {}));
         bytes.remove_prefix(end + 1);
     }
@@ -112,7 +112,7 @@ bool IsUsual(std::string_view entry) {
     const std::string_view text =
         WithoutBlanks(BeginsWithDate(entry) ? entry.substr(datePattern.size()) : std::string_view());
     return std::any_of(std::begin(usualEntries), std::end(usualEntries), [text](const UsualEntry& usual) {
-        return text.starts_with(usual.beginning) && text.find(usual.part) != text.npos;
+        return text.starts_with(usual.beginning) && text.find(usual.part) != std::string_view::npos;
     });
 }
 

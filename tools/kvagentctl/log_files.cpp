@@ -12,7 +12,7 @@ namespace kv::control {
 namespace {
 
 constexpr std::size_t headBytes = 64;
-constexpr std::size_t blockBytes = 64 * 1024;
+constexpr std::size_t blockBytes = 65536;
 constexpr std::uint32_t mostLogs = 10000;  // that are looked at; more are not kept by any sensible setting
 
 constexpr std::u16string_view extension = u".log";
@@ -43,6 +43,7 @@ std::vector<std::u16string> EarlierLogs(std::u16string_view path) {
         if (number > 0) numbered.emplace(number, LogFileNameAt(path, static_cast<std::uint32_t>(number)));
     }
     std::vector<std::u16string> paths;
+    paths.reserve(numbered.size());
     for (const auto& [number, name] : numbered) paths.push_back(name);
     return paths;
 }
@@ -60,7 +61,7 @@ void LogFollower::Open() {
     platform::Files().SetFilePointerEx(file_.handle, 0);
 }
 
-void LogFollower::ReadOn(const Take& take) {
+void LogFollower::ReadOn(const Take& take) const {
     std::array<char, blockBytes> block{};
     std::size_t read = 0;
     while (file_.handle != 0 &&

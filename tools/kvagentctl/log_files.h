@@ -29,7 +29,7 @@ class LogFollower {
   private:
     /// The beginning of a file, which its first date makes one of a kind; empty when it cannot be read.
     static std::string Head(std::u16string_view path);
-    void ReadOn(const Take& take);
+    void ReadOn(const Take& take) const;
     /// Those that were begun and rotated since the last look, oldest first.
     std::vector<std::u16string> LogsInBetween() const;
     void Open();

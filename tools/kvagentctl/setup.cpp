@@ -1,5 +1,4 @@
 // kvagentctl setup: the server's settings in one line, checked before any is stored.
-#include <array>
 #include <cstdio>
 #include <fmt/format.h>
 #include <string>

@@ -18,11 +18,10 @@ std::string MissingRegistryText() {
 }
 
 std::string RegistryFailureText(platform::Error failure) {
-    const std::string missing = MissingRegistryText();
+    std::string missing = MissingRegistryText();
     if (!missing.empty()) return missing;
     const std::string text = platform::MessageInLine(failure);
-    const std::string whole =
-        text.empty() ? fmt::format("error {}", failure) : fmt::format("{} (error {})", text, failure);
+    std::string whole = text.empty() ? fmt::format("error {}", failure) : fmt::format("{} (error {})", text, failure);
     if (failure != error::accessDenied) return whole;
     return fmt::format("{}; it takes the rights of {}", whole, platform::RegistryOwner());
 }

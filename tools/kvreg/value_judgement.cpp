@@ -18,20 +18,19 @@ void Warn(const std::string& text) {
 }
 
 /// As "KVServerSecurePort takes a port number from 1 to 65535, not 'abc'"; empty when nothing is wrong.
-std::string Fault(std::u16string_view path, const RegFileValue& value) {
-    const AgentSetting* const setting = FindAgentSetting(path, value.name);
-    const std::string fault = setting ? SettingFault(*setting, value.type, value.data) : "";
-    return fault.empty() ? "" : SettingTitle(*setting) + " " + fault;
+std::string Fault(const AgentSetting& setting, const RegFileValue& value) {
+    const std::string fault = SettingFault(setting, value.type, value.data);
+    return fault.empty() ? "" : SettingTitle(setting) + " " + fault;
 }
 
 }  // namespace
 
 void RefuseFault(std::u16string_view path, const RegFileValue& value) {
-    const std::string fault = Fault(path, value);
-    if (fault.empty()) return;
-    const AgentSetting& setting = *FindAgentSetting(path, value.name);
-    const bool isNumber = SettingType(setting) == platform::RegistryType::dword;
-    const bool isWrongKind = SettingType(setting) != value.type;
+    const AgentSetting* const setting = FindAgentSetting(path, value.name);
+    const std::string fault = setting ? Fault(*setting, value) : "";
+    if (!setting || fault.empty()) return;
+    const bool isNumber = SettingType(*setting) == platform::RegistryType::dword;
+    const bool isWrongKind = SettingType(*setting) != value.type;
     const char* const kindHint = isNumber ? ": add --dword" : ": leave --dword out";
     throw commandline::UsageError(
         fmt::format("{}{}; --force stores it all the same", fault, isWrongKind ? kindHint : ""));
@@ -49,7 +48,8 @@ void WarnOfFile(const RegFile& file) {
         for (const RegFileValue& value : key.values) {
             if (key.deleted || value.deleted) continue;
             WarnOfName(key.path, value.name);
-            const std::string fault = Fault(key.path, value);
+            const AgentSetting* const setting = FindAgentSetting(key.path, value.name);
+            const std::string fault = setting ? Fault(*setting, value) : "";
             if (!fault.empty()) Warn(fault);
         }
     }
