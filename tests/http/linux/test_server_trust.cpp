@@ -23,7 +23,6 @@ class ServerTrustTest : public HttpTest {
         Write(folder / "ca.pem", PemText(authority));
         Write(folder / "empty.pem", "");
         Write(folder / "cut.pem", PemText(authority).substr(0, 200));
-        Write(folder / "bent.pem", "-----BEGIN CERTIFICATE-----\nAAAA\n-----END CERTIFICATE-----\n");
     }
 
     std::u16string Path(const char* name) const { return platform::WideFromUtf8((folder / name).string()); }
@@ -63,7 +62,6 @@ TEST_F(ServerTrustTest, NothingGoesOutWhenASettingCannotBeUsed) {
         {{u"KVServerCAFile", Path("absent.pem")}, "absent.pem, which cannot be read: The system cannot find the file"},
         {{u"KVServerCAFile", Path("empty.pem")}, "empty.pem, which has no certificate in PEM form"},
         {{u"KVServerCAFile", Path("cut.pem")}, "cut.pem, which has a certificate that cannot be read"},
-        {{u"KVServerCAFile", Path("bent.pem")}, "bent.pem, which has a certificate that cannot be read"},
         {{u"KVServerVerify", u"true"}, "KVServerVerify is [true], neither yes nor no"},
         {{u"KVServerVerify", u"1", RegistryType::dword}, "KVServerVerify is not a text"},
     };
@@ -136,11 +134,7 @@ TEST_F(ServerTrustTest, ALookSendsNothing) {
     EXPECT_TRUE(server.HasServed(1));
     EXPECT_EQ(server.decrypted, 0u);
     EXPECT_EQ(found.server, "127.0.0.1:" + std::to_string(server.port));
-    EXPECT_EQ(found.certificate.subject, "CN=cs");
-    EXPECT_EQ(found.certificate.issuer, "CN=An authority");
-    EXPECT_EQ(found.certificate.validUntil - found.certificate.validFrom, 2 * 86400);
-    EXPECT_EQ(platform::WideFromUtf8(found.certificate.keyPin), Pin(issued));
-    EXPECT_EQ(found.certificate.fingerprint.size(), 32 * 3 - 1u);
+    EXPECT_EQ(found.certificate.keyPin, KeyPin(issued));
     EXPECT_EQ(found.keyProblem, "its key is not the pinned one");
     EXPECT_EQ(found.caFileProblem, "");
     EXPECT_EQ(found.systemProblem, "unable to get local issuer certificate");
