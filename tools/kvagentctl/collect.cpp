@@ -125,14 +125,13 @@ std::string ReadSettings() {
                                                             : RegistryFailureText(failure);
 }
 
-/// The plans to collect: the given one, or the agent's own and, if asked for, those of its slaves.
-std::vector<HashTablePtr> ReadPlans(const Given& given) {
+/// The plans to collect: the given one, or the agent's own and, if asked for, those of its slaves. fault: of
+/// ReadSettings.
+std::vector<HashTablePtr> ReadPlans(const Given& given, const std::string& fault) {
     const std::string named = commandline::Value(given, "PLAN");
-    const std::string fault = ReadSettings();
     std::vector<HashTablePtr> plans;
     if (!named.empty()) {
         if (!MayExist(WideFromUtf8(named))) throw NotFoundError(fmt::format("there is no file {}", named));
-        if (!fault.empty()) fmt::print(stderr, "scripts are not found: {}\n", fault);
         plans.push_back(ReadPlan(WideFromUtf8(named)));
         return plans;
     }
@@ -287,14 +286,19 @@ json_object* JsonOf(const PlannedRecord& planned, const CollectedRecord& collect
 
 void Run(const Given& given) {
     const bool asJson = Has(given, "--json");
-    const std::vector<HashTablePtr> plans = ReadPlans(given);
+    const std::string fault = ReadSettings();
+    const std::vector<HashTablePtr> plans = ReadPlans(given, fault);
     std::vector<PlannedRecord> records;
     for (const HashTablePtr& plan : plans) {
         const std::vector<PlannedRecord> more = RecordsOf(plan.get());
         records.insert(records.end(), more.begin(), more.end());
     }
-    if (records.empty()) throw NotFoundError("the plan has no records");
+    if (records.empty())
+        throw NotFoundError("the plan has no records: it needs WorkFlows, a list of workflows with recordSetName");
     if (Has(given, "--record")) KeepNamed(records, commandline::NeededValue(given, "--record"));
+    const auto isScript = [](const PlannedRecord& planned) { return planned.kind == "script"; };
+    if (!fault.empty() && std::any_of(records.begin(), records.end(), isScript))
+        fmt::print(stderr, "scripts are not found: {}\n", fault);
     const platform::TemporaryFolder folder;
     const JsonPtr list(json_object_new_array(), json_object_put);
     std::size_t failed = 0;
