@@ -102,6 +102,7 @@ RecordDetour::~RecordDetour() { detour.clear(); }
 
 std::u16string PrepareDataDirectory(const char* caller) {
     Log4("\t@@@@@ Inside PrepareDataDirectory() @@@@@ \n");
+    if (!detour.empty() && !agentState.gv_ocAgentBinPath) return detour;
     const platform::FileOperations& files = platform::Files();
     if (const int error = files.wchdir(agentState.gv_ocAgentBinPath.value_or(u"")); error != 0) {
         Log1("\n %s :: Unable to switch to data folder errorno- %d", caller, error);

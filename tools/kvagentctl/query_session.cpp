@@ -132,8 +132,10 @@ void QuerySession::PrintClass(const std::string& name) const {
     const std::optional<DescribedClass> described = DescribeClass(nameSpace_, name);
     if (!described) {
         const std::string meant = NearestClass(name);
-        throw NotFoundError(
-            fmt::format("the class {} does not exist{}", name, meant.empty() ? "" : "; did you mean " + meant + "?"));
+        const std::string hint = ClassGuideHint();
+        throw NotFoundError(hint.empty() ? fmt::format("the class {} does not exist{}", name,
+                                                       meant.empty() ? "" : "; did you mean " + meant + "?")
+                                         : fmt::format("WMI does not tell of the class {}; {}", name, hint));
     }
     const Form form = form_.value_or(Form::table);
     Table table{.columns = {"property", "type", "key", "meaning"}, .rows = {}};

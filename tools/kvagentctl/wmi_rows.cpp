@@ -140,9 +140,26 @@ class RowsInOrder {
     std::size_t last_ = 0;
 };
 
+/// What a status means where the system has no text for it; empty for one that is not known.
+std::string_view KnownStatusText(platform::WmiStatus status) {
+    constexpr struct {
+        platform::WmiStatus status;
+        std::string_view text;
+    } known[] = {
+#define KV_STATUS_ROW(name, number, meaning) {number, meaning},
+        KV_WMI_STATUSES(KV_STATUS_ROW)
+#undef KV_STATUS_ROW
+    };
+    for (const auto& row : known) {
+        if (row.status == status) return row.text;
+    }
+    return {};
+}
+
 /// "Invalid class (80041010): the class X does not exist; did you mean Y?"
 std::string FailureText(const WmiOutcome& outcome, const std::string& nameSpace) {
     std::string text(Trimmed(Utf8FromWide(WmiStatusText(outcome.status))));
+    if (text.empty()) text = KnownStatusText(outcome.status);
     if (text.empty()) text = "failure";
     text = fmt::format("{} ({:x})", text, outcome.status);
     if (outcome.status == platform::wmi_status::invalidNamespace) text += ": " + nameSpace;
