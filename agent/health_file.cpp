@@ -18,7 +18,7 @@ namespace {
 using Json = std::unique_ptr<json_object, decltype(&json_object_put)>;
 
 /// Bytes. The agent writes some two thousand; more comes from somebody else.
-constexpr std::uint64_t largestFile = 1024 * 1024;
+constexpr std::uint64_t largestFile = std::uint64_t{1} << 20;
 
 constexpr HealthCountName healthCounts[] = {
     {"workflowsRun", "workflows_run", "Workflows that were run", &AgentHealth::workflowsRun},

@@ -23,7 +23,7 @@ using commandline::Has;
 using commandline::UsageError;
 
 constexpr std::int64_t secondsInMinute = 60;
-constexpr std::uint64_t bytesInMegabyte = 1000 * 1000;
+constexpr std::uint64_t bytesInMegabyte = 1'000'000;
 
 constexpr commandline::Option options[] = {
     {"--json", "", "for programs: an object; times are seconds since 1970, 0 for never"},
@@ -228,8 +228,8 @@ std::string FineText(const AgentFacts& facts) {
 }
 
 Thresholds ReadThresholds(const Given& given) {
-    constexpr commandline::Range minutes{1, 60 * 24 * 365};
-    constexpr commandline::Range megabytes{0, 1000 * 1000 * 1000};
+    constexpr commandline::Range minutes{1, 525'600};  // a year
+    constexpr commandline::Range megabytes{0, 1'000'000'000};
     constexpr std::array plugins{"--warning-age", "--critical-age", "--warning-free", "--critical-free"};
     for (const char* option : plugins) {
         if (Has(given, option) && !Has(given, "--plugin")) throw UsageError(fmt::format("{} needs --plugin", option));
