@@ -18,7 +18,7 @@ done
 for text in packaging/windows/{INSTALL.txt,settings.reg,plan.json,computer.bat}; do
     sed 's/$/\r/' "$text" >"$tree/${text##*/}"
 done
-for text in running plans systems; do sed 's/$/\r/' "docs/$text.md" >"$tree/docs/$text.md"; done
+for text in running plans systems wmi-classes; do sed 's/$/\r/' "docs/$text.md" >"$tree/docs/$text.md"; done
 sed 's/$/\r/' packaging/debian/copyright >"$tree/copyright.txt"
 
 # The licences of what is linked into the programs.

@@ -15,7 +15,7 @@ key='Software\Halvorine\Kestrova\KVAgent'
 
 # check_files PACKAGE: the files outside of /usr/share/doc are those in standard input, with mode and owner.
 check_files() {
-    diff <(LC_ALL=C sort -k3) <(dpkg-deb --contents "$1"_[0-9]*.deb | awk '!/^d/ && !/\/usr\/share\/doc\// { print $1, $2, $6 }' |
+    diff <(LC_ALL=C sort -k3) <(dpkg-deb --contents "$1"_[0-9]*.deb | sed 's|\./usr/lib/systemd|./lib/systemd|' | awk '!/^d/ && !/\/usr\/share\/doc\// { print $1, $2, $6 }' |
         LC_ALL=C sort -k3) || fail "$1 has other files (>) than it should (<)"
 }
 
@@ -25,7 +25,7 @@ check_told() {
     text=$(MANWIDTH=1000 man --local-file --encoding=UTF-8 "$root/usr/share/man/$page.gz" | col -b)
     mapfile -t words < <(
         sed -nE 's/^Usage: (kv[a-z ]*[a-z]) .*/\1/p' <<<"$2"
-        grep -oP '(?<![\w/])(--|/)[a-z][a-z-]*' <<<"$2"
+        grep -oP '(?<![\w/])(--|/)[a-z][a-z-]*|(?<= )-[a-z](?=,)' <<<"$2"
     )
     [ "${#words[@]}" -gt 0 ] || fail "there is nothing to look for in $page"
     for word in "${words[@]}"; do grep -qwF -e "$word" <<<"$text" || fail "$page does not mention $word"; done
@@ -67,6 +67,8 @@ check_completions() {
     completes 'delete' kvreg d
     completes '--dword' kvreg set key name --d
     completes '' kvreg get --d
+    completes 'status snmp setup' kvagentctl s
+    completes '--classes --csv' kvagentctl query --c
     completes 'records request' kvlab re
     completes 'add answers' kvlab request a
     completes '--database --delay --drop' kvlab fault set --d
@@ -95,13 +97,14 @@ check_programs() {
 }
 
 check_unit() {
-    local complaints words
-    cp -rn /lib/systemd/system "$root/lib/systemd/"
+    local complaints words units
+    units=$(dirname "$(find "$root" -name corvinel-monitoring-agent.service)")
+    cp -rn /lib/systemd/system "${units%/*}"
     complaints=$(systemd-analyze verify --root="$root" --man=no corvinel-monitoring-agent.service 2>&1) || true
     [ -z "$complaints" ] || fail "$complaints"
     # The agent starts after the network, and no time limit ends its start.
     for words in UMask=0077 'Wants=.*network-online.target' 'After=.*network-online.target.*' TimeoutStartSec=infinity; do
-        grep -qx "$words" "$root/lib/systemd/system/corvinel-monitoring-agent.service" || fail "the unit lacks $words"
+        grep -qx "$words" "$units/corvinel-monitoring-agent.service" || fail "the unit lacks $words"
     done
     install -D -m 0644 "$root/usr/share/doc/kvagent/examples/hardening.conf" \
         "$root/etc/systemd/system/corvinel-monitoring-agent.service.d/hardening.conf"
