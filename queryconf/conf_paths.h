@@ -7,6 +7,7 @@
 namespace kv::conf_path {
 
 inline constexpr std::u16string_view ownPlan = u"..\\conf\\queryconf.txt";
+inline constexpr std::u16string_view refusedPlan = u"..\\conf\\download\\queryconf.txt.refused";  // the last one
 inline constexpr std::u16string_view slavesDirectory = u"..\\conf\\slaves\\";
 inline constexpr std::u16string_view backupDirectory = u"..\\conf\\backup\\";
 inline constexpr std::u16string_view downloadDirectory = u"..\\conf\\download\\";

@@ -28,7 +28,6 @@ namespace directory_error = platform::directory_error;
 namespace error = platform::error;
 
 constexpr std::u16string_view newPlan = u"..\\conf\\download\\queryconf.txt";
-constexpr std::u16string_view refusedPlan = u"..\\conf\\download\\queryconf.txt.refused";
 
 /// What stays in the download directory: new plans, and the list of requests that is being served.
 constexpr std::u16string_view keptDownloads[] = {conf_path::planName, u"queryconf.txt.refused", u"RequestList.txt"};
@@ -116,10 +115,10 @@ bool IsMissing(Error failure) { return failure == error::fileNotFound || failure
 /// Moves a new plan that cannot be used out of the way of the next request, to a place where someone can look at it.
 void SetAside(const PlanFiles& files) {
     Log1("\t ReloadQueryConfDetails :: %s is refused; %s stays in use \n", newPlan, files.live);
-    ClearDirectoryFromPath(refusedPlan);
-    if (const Error failure = Files().MoveFileExW(newPlan, refusedPlan, platform::MoveTarget::isReplaced))
-        Log1("\t ReloadQueryConfDetails :: %s cannot be renamed to %s. Error is [%u] \n", newPlan, refusedPlan,
-             failure);
+    ClearDirectoryFromPath(conf_path::refusedPlan);
+    if (const Error failure = Files().MoveFileExW(newPlan, conf_path::refusedPlan, platform::MoveTarget::isReplaced))
+        Log1("\t ReloadQueryConfDetails :: %s cannot be renamed to %s. Error is [%u] \n", newPlan,
+             conf_path::refusedPlan, failure);
 }
 
 /// Copies the plan in use over its backup. The copy gets the backup's name only once it is complete.

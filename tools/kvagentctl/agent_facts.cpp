@@ -17,6 +17,7 @@
 #include "platform/process.h"
 #include "platform/service_manager.h"
 #include "platform/utf.h"
+#include "queryconf/conf_paths.h"
 #include "tools/kvagentctl/status_text.h"
 #include "tools/kvreg/registry_failure.h"
 
@@ -161,8 +162,8 @@ void CountPlan(const HashTable* document, PlanFacts& plan) {
 
 void GatherPlan(AgentFacts& facts, const std::u16string& binPath) {
     PlanFacts& plan = facts.plan;
-    const std::u16string path = binPath + u"..\\conf\\queryconf.txt";
-    const std::u16string refused = binPath + u"..\\conf\\download\\queryconf.txt.refused";
+    const std::u16string path = ConcatStrings(binPath, conf_path::ownPlan);
+    const std::u16string refused = ConcatStrings(binPath, conf_path::refusedPlan);
     plan.file = NativeName(path);
     plan.refusedTime = WriteTimeOf(refused);
     if (plan.refusedTime != 0) plan.refusedFile = NativeName(refused);

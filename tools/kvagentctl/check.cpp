@@ -2,8 +2,10 @@
 #include <fmt/format.h>
 
 #include "foundation/file_utils.h"
+#include "foundation/text.h"
 #include "platform/files.h"
 #include "platform/utf.h"
+#include "queryconf/conf_paths.h"
 #include "tools/kvagentctl/agent_process.h"
 #include "tools/kvagentctl/check_parts.h"
 #include "tools/kvagentctl/verbs.h"
@@ -14,15 +16,15 @@ namespace {
 
 using commandline::Given;
 
-constexpr std::u16string_view planBelowInstall = u"monitoring\\conf\\queryconf.txt";
-
 void CheckOwnPlan(Findings& findings) {
     const std::u16string install = InstallDirectory();
     if (install.empty()) return;
-    const std::u16string path = install + std::u16string(planBelowInstall);
+    const std::u16string bin = install + u"monitoring\\bin\\";
+    const std::u16string path = ConcatStrings(bin, conf_path::ownPlan);
     const std::string name = platform::Utf8FromWide(platform::Files().NativePath(path));
-    const std::u16string refused = install + u"monitoring\\conf\\download\\queryconf.txt.refused";
+    const std::u16string refused = ConcatStrings(bin, conf_path::refusedPlan);
     const std::string refusedName = platform::Utf8FromWide(platform::Files().NativePath(refused));
+    for (const std::u16string& file : {path, refused}) CheckPermissions(findings, "plan", file, "0640", true);
     if (MayExist(refused))
         findings.Warn("plan " + refusedName, "is the last new plan of the server, which the agent refused",
                       "kvagentctl check " + refusedName + " says why");

@@ -15,8 +15,13 @@ namespace kv::control {
 /// absent or not usable.
 std::u16string InstallDirectory();
 
+/// Others than the owner and the group have no business in a file or directory of the agent. what: as a finding calls
+/// it; the path's name stands behind it. wanted: its mode, as chmod takes it. mayBeRead: by others.
+void CheckPermissions(Findings& findings, const std::string& what, std::u16string_view path, const char* wanted,
+                      bool mayBeRead = false);
+
 /// Each setting in the registry, what stands beside the known ones, and the files and directories that belong to them.
-/// whenUnreadable: how bad it is that this user may not read the registry, or that there is none.
+/// whenUnreadable: how bad it is that this user may not read the registry, or that it is absent.
 void CheckSettings(Findings& findings, Severity whenUnreadable);
 
 /// What a check of one plan knows beyond the record at hand.

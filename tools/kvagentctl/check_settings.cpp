@@ -122,22 +122,6 @@ void CheckTrust(Findings& findings) {
                        "kvagentctl setup --protocol https");
 }
 
-/// Others than the owner and the group have no business in the agent's files.
-void CheckPermissions(Findings& findings, const std::string& what, std::u16string_view path, const char* wanted,
-                      bool mayBeRead = false) {
-    const std::optional<platform::FilePermissions> found = platform::GetFilePermissions(path);
-    if (!found) return;
-    const std::string name = Utf8FromWide(platform::Files().NativePath(path));
-    const std::string next = fmt::format("chmod {} {}", wanted, name);
-    if (found->othersWrite)
-        findings.Error(what + " " + name, fmt::format("others may write to it (mode {})", found->mode), next);
-    else if (found->othersRead && !mayBeRead)
-        findings.Warn(what + " " + name, fmt::format("others may read it (mode {})", found->mode), next);
-    if (!found->isOwnerTrusted)
-        findings.Warn(what + " " + name, fmt::format("belongs to {}", found->owner),
-                      fmt::format("chown root {}, unless the agent runs as {}", name, found->owner));
-}
-
 void CheckRegistryFile(Findings& findings) {
     const std::string file = platform::RegistryFile();
     if (file.empty()) return;
@@ -152,9 +136,12 @@ struct Directory {
     bool mayBeRead;  // by others
 };
 constexpr Directory directories[] = {
+    {u"", Severity::error, true},
+    {u"monitoring", Severity::error, true},
     {u"monitoring\\bin", Severity::error, true},
     {u"monitoring\\conf", Severity::error, false},
     {u"monitoring\\conf\\scripts", Severity::warning, true},
+    {u"monitoring\\logs", Severity::warning, false},
 };
 
 void CheckInstallDirectory(Findings& findings) {
@@ -177,6 +164,21 @@ void CheckInstallDirectory(Findings& findings) {
 }
 
 }  // namespace
+
+void CheckPermissions(Findings& findings, const std::string& what, std::u16string_view path, const char* wanted,
+                      bool mayBeRead) {
+    const std::optional<platform::FilePermissions> found = platform::GetFilePermissions(path);
+    if (!found) return;
+    const std::string name = Utf8FromWide(platform::Files().NativePath(path));
+    const std::string next = fmt::format("chmod {} {}", wanted, name);
+    if (found->othersWrite)
+        findings.Error(what + " " + name, fmt::format("others may write to it (mode {})", found->mode), next);
+    else if (found->othersRead && !mayBeRead)
+        findings.Warn(what + " " + name, fmt::format("others may read it (mode {})", found->mode), next);
+    if (!found->isOwnerTrusted)
+        findings.Warn(what + " " + name, fmt::format("belongs to {}", found->owner),
+                      fmt::format("chown root {}, unless the agent runs as {}", name, found->owner));
+}
 
 std::u16string InstallDirectory() {
     const OptionalText install = StoredText(GetKVAgentInstallDir);

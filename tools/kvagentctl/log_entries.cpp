@@ -33,12 +33,13 @@ std::string_view WithoutBlanks(std::string_view text) {
 struct UsualEntry {
     std::string_view beginning;  // of the text behind the date; empty: anywhere
     std::string_view part;
+    bool isAtEnd = false;  // nothing stands behind the part, as more digits of a number would
 };
 constexpr UsualEntry usualEntries[] = {
     // Settings that are absent and have a default.
-    {"ReadDwordRegistryData: Error while reading DWORD value of ", " : 2"},
-    {"ReadDwordRegistryData: Error while opening registry key for ", " : 2"},
-    {"ReadRegSZ: Error while opening registry key for serverName 2", ""},
+    {"ReadDwordRegistryData: Error while reading DWORD value of ", " : 2", true},
+    {"ReadDwordRegistryData: Error while opening registry key for ", " : 2", true},
+    {"ReadRegSZ: Error while opening registry key for ", "serverName 2", true},
     {"getCSDetails() :: Not able to fetch the GetOCAgentKey", ""},
     {"getCSDetails() :: Not able to fetch the MasterAgent", ""},
     {"getCSDetails() :: Not able to fetch the KVServerProtocol", ""},
@@ -112,7 +113,8 @@ bool IsUsual(std::string_view entry) {
     const std::string_view text =
         WithoutBlanks(BeginsWithDate(entry) ? entry.substr(datePattern.size()) : std::string_view());
     return std::any_of(std::begin(usualEntries), std::end(usualEntries), [text](const UsualEntry& usual) {
-        return text.starts_with(usual.beginning) && text.find(usual.part) != std::string_view::npos;
+        return text.starts_with(usual.beginning) &&
+               (usual.isAtEnd ? text.ends_with(usual.part) : text.find(usual.part) != std::string_view::npos);
     });
 }
 

@@ -1,6 +1,8 @@
 // kvagentctl query: asks this computer in WQL, as the plan's WMI records do.
+#include <cstdio>
 #include <fmt/format.h>
 #include <iostream>
+#include <stdexcept>
 #include <string>
 
 #include "commandline/run.h"
@@ -34,6 +36,9 @@ std::optional<Form> FormOf(const Given& given) {
     return form;
 }
 
+/// In bytes: that many are a query of the most characters that the engine takes, four bytes each.
+constexpr std::size_t longestLine = std::size_t{4} * 65536;
+
 /// The words of a query, which may stand in one or in several arguments.
 std::string QueryText(const Given& given) {
     return fmt::format("{}", fmt::join(commandline::Values(given, "QUERY"), " "));
@@ -51,15 +56,29 @@ std::optional<int> RunOne(QuerySession& session, const std::string& line) {
         fmt::print(stderr, "{}\n", commandline::InLine(error.what()));
         return 2;
     } catch (const std::exception& error) {
+        if (std::ferror(stdout) != 0) throw;  // of no use to go on
         fmt::print(stderr, "{}\n", commandline::InLine(error.what()));
         return 1;
     }
 }
 
+/// The next line of standard input; false at its end. Throws when the line is longer than a query may be.
+bool ReadLine(std::string& line) {
+    line.clear();
+    std::streambuf& input = *std::cin.rdbuf();
+    for (int byte = input.sbumpc(); byte != EOF; byte = input.sbumpc()) {
+        if (byte == '\n') return true;
+        if (line.size() >= longestLine)
+            throw std::runtime_error(fmt::format("a line of standard input has more than {} bytes", longestLine));
+        line += static_cast<char>(byte);
+    }
+    return !line.empty();
+}
+
 /// Without a terminal: queries from standard input, one a line. The exit code is that of the first that fails.
 void RunInput(QuerySession& session) {
     int exitCode = 0;
-    for (std::string line; std::getline(std::cin, line);) {
+    for (std::string line; platform::OutputHasReader() && ReadLine(line);) {
         const std::optional<int> code = RunOne(session, line);
         if (!code) break;
         if (exitCode == 0) exitCode = *code;

@@ -40,10 +40,13 @@ TEST_F(LogVerb, ShowsEntriesWithoutTheUsualOnes) {
     Write(logs / Name(1), Entry(2, "older"));
     Write(logs / Name(0), Entry(3, "\t F :: it ended. retVal is [12029]") +
                               Entry(4, "ReadDwordRegistryData: Error while reading DWORD value of X : 2") +
+                              Entry(4, "ReadDwordRegistryData: Error while reading DWORD value of X : 23") +
                               Entry(5, "dump") + "00 01\n02\n" + Entry(6, "\t  last\x1B"));
     const std::string entries =
         "2026/11/26 23:33:03.100 F :: it ended. retVal is [12029]: no connection; nobody listens there, or a "
-        "firewall is in between (error 12029)\n2026/11/26 23:33:05.100 dump | 00 01 | 02\n2026/11/26 23:33:06.100 "
+        "firewall is in between (error 12029)\n2026/11/26 23:33:04.100 ReadDwordRegistryData: Error while reading "
+        "DWORD "
+        "value of X : 23\n2026/11/26 23:33:05.100 dump | 00 01 | 02\n2026/11/26 23:33:06.100 "
         "last\\x1b\n";
     EXPECT_EQ(Run({"log"}).output, entries);
     EXPECT_EQ(Run({"log", "-n", "1"}).output, "2026/11/26 23:33:06.100 last\\x1b\n");

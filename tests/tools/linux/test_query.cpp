@@ -1,4 +1,5 @@
 // kvagentctl query: this computer's rows, and the prompt on a terminal of its own.
+#include <algorithm>
 #include <array>
 #include <poll.h>
 #include <pty.h>
@@ -77,6 +78,19 @@ TEST_F(QueryVerb, ReadsQueriesFromStandardInput) {
     EXPECT_EQ(outcome.exitCode, 3);
     EXPECT_THAT(outcome.output, ::testing::MatchesRegex("ParentProcessId  Name.*\n.*test_kv.*\n\\[\n.*true\n.*\\]\n"));
     EXPECT_THAT(outcome.errors, HasSubstr("the class y does not exist\nunknown command '.nix'; .help lists them\n"));
+}
+
+TEST_F(QueryVerb, EndsWhenNobodyReadsAndWhenALineDoesNotEnd) {
+    Write(Utf8(files.input), std::string(1 << 20, ' '));
+    EXPECT_THAT(Run({"query"}).errors, HasSubstr("a line of standard input has more than 262144 bytes"));
+    std::string lines;
+    for (int i = 0; i < 10000; ++i) lines += ".help\n";
+    Write(Utf8(files.input), lines);
+    std::FILE* const tool = StartTool(files, {"query"});
+    EXPECT_NE(std::fgetc(tool), EOF);
+    EndTool(tool);
+    const std::string errors = Read(Utf8(files.errors));
+    EXPECT_LE(std::count(errors.begin(), errors.end(), '\n'), 1) << errors;
 }
 
 /// The tool's prompt on a terminal of its own.

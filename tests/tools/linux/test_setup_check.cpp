@@ -16,7 +16,8 @@ class SetupAndCheck : public ToolTest {
         fs::permissions(folder / "state", fs::perms::owner_all);
         fs::create_directories(conf / "scripts");
         fs::create_directories(folder / "monitoring" / "bin");
-        fs::permissions(conf, fs::perms::owner_all);
+        fs::create_directories(logs);
+        for (const fs::path& path : {conf, logs}) fs::permissions(path, fs::perms::owner_all);
     }
 
     /// Of kvreg.
@@ -37,6 +38,7 @@ class SetupAndCheck : public ToolTest {
     }
 
     const fs::path conf = folder / "monitoring" / "conf";
+    const fs::path logs = folder / "monitoring" / "logs";
     const std::string plan = (folder / "plan.json").string();
 };
 
@@ -99,15 +101,19 @@ TEST_F(SetupAndCheck, CheckFindsWhatIsWrongWithSettings) {
     Registry({"set", agentKey, "AgentLogLevel", "2", "--force"});
     Registry({"set", agentKey, "ProxyEnabled", "yes"});
     Registry({"set", serverKey, "KVServerProtocl", "http"});
-    fs::permissions(conf / "scripts", fs::perms::all);
+    Write(conf / "queryconf.txt", R"({"WorkFlows":[]})");
+    for (const fs::path& path : {conf / "scripts", conf / "queryconf.txt", folder / "monitoring", logs})
+        fs::permissions(path, fs::perms::all);
     fs::remove_all(folder / "monitoring" / "bin");
     const Outcome faults = Run({"check"});
     EXPECT_EQ(faults.exitCode, 1);
-    for (const char* fault : {"AgentLogLevel: has to be a DWORD", "ProxyServerName: is missing, and ProxyEnabled",
-                              "did you mean ServerInfo\\KVServerProtocol?",
-                              "scripts: others may write to it (mode 0777)", "bin: does not exist"})
+    for (const char* fault :
+         {"AgentLogLevel: has to be a DWORD", "ProxyServerName: is missing, and ProxyEnabled",
+          "did you mean ServerInfo\\KVServerProtocol?", "scripts: others may write to it (mode 0777)",
+          "monitoring: others may write", "logs: others may", "plan ",
+          "queryconf.txt: others may write to it (mode 0777)", "bin: does not exist"})
         EXPECT_THAT(faults.output, HasSubstr(fault));
-    EXPECT_THAT(faults.output, testing::EndsWith("4 errors, 2 warnings\n"));
+    EXPECT_THAT(faults.output, testing::EndsWith("7 errors, 2 warnings\n"));
     fs::remove_all(folder / "state");
     EXPECT_THAT(Run({"check"}).output, HasSubstr("error: registry: settings and scripts are not checked: there is no"));
 }
