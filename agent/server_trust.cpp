@@ -79,6 +79,7 @@ void ReadPinnedKeys(ServerTrust& trust) {
         const std::size_t end = std::min(rest.find(u';'), rest.size());
         const std::u16string_view key = WithoutBlanks(rest.substr(0, end));
         rest.remove_prefix(std::min(end + 1, rest.size()));
+        if (key.empty() && (!trust.pinnedKeys.empty() || !rest.empty())) continue;
         if (IsKeyPin(key)) {
             trust.pinnedKeys.push_back(platform::Utf8FromWide(key));
         } else {

@@ -33,7 +33,7 @@ struct AddressedRequest {
     std::size_t dataLength;
     bool keepAlive;
     Error result = error::winHttpNameNotResolved;
-    std::u16string_view lastAddress = {};  // that was tried
+    std::u16string lastAddress = {};  // that was tried
 };
 
 void Attempt(AddressedRequest& request, std::u16string_view address) {
