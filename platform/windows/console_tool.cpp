@@ -19,8 +19,10 @@ namespace platform {
 
 namespace {
 
-/// Full access for the owner, for administrators and for the system; nothing comes down from the folder.
+/// Full access for the owner, for administrators and for the system; nothing comes down from the folder above.
 constexpr const wchar_t* privateAccess = L"D:P(A;;FA;;;OW)(A;;FA;;;BA)(A;;FA;;;SY)";
+/// The same for a folder and all in it.
+constexpr const wchar_t* privateFolderAccess = L"D:P(A;OICI;FA;;;OW)(A;OICI;FA;;;BA)(A;OICI;FA;;;SY)";
 
 constexpr ULONG pipeIsClosing = 4;        // FILE_PIPE_CLOSING_STATE
 constexpr DWORD largestWrite = 1U << 20;  // bytes; a console takes no large ones
@@ -38,13 +40,20 @@ Error WriteAll(HANDLE file, std::string_view bytes) {
     return error::success;
 }
 
+/// A security descriptor by its text; null when the system does not take it, and LastError says why.
+using OwnedDescriptor = std::unique_ptr<void, ReleasedBy<::LocalFree>>;
+OwnedDescriptor DescriptorOf(const wchar_t* access) {
+    PSECURITY_DESCRIPTOR descriptor = nullptr;
+    if (!::ConvertStringSecurityDescriptorToSecurityDescriptorW(access, SDDL_REVISION_1, &descriptor, nullptr))
+        return nullptr;
+    return OwnedDescriptor(descriptor);
+}
+
 /// A new file beside the one of that name, with a name that no other file has.
 Error MakePartialFile(const std::wstring& path, std::wstring& partial, SystemHandle& file) {
-    PSECURITY_DESCRIPTOR descriptor = nullptr;
-    if (!::ConvertStringSecurityDescriptorToSecurityDescriptorW(privateAccess, SDDL_REVISION_1, &descriptor, nullptr))
-        return LastError();
-    const std::unique_ptr<void, ReleasedBy<::LocalFree>> owner(descriptor);
-    SECURITY_ATTRIBUTES attributes{sizeof attributes, descriptor, FALSE};
+    const OwnedDescriptor descriptor = DescriptorOf(privateAccess);
+    if (!descriptor) return LastError();
+    SECURITY_ATTRIBUTES attributes{sizeof attributes, descriptor.get(), FALSE};
     Error failure = error::fileExists;
     for (int tried = 0; failure == error::fileExists && tried < maximumNames; ++tried) {
         partial = path + L"." + std::to_wstring(::GetCurrentProcessId()) + L"-" + std::to_wstring(tried);
@@ -149,14 +158,15 @@ std::string WriteFileWhole(const std::string& name, std::string_view bytes) {
     return text.empty() ? "error " + std::to_string(failure) : text;
 }
 
-/// The user's own folder for temporary files is not open to others.
 TemporaryFolder::TemporaryFolder() {
     std::wstring above(::GetTempPathW(0, nullptr), L'\0');
     above.resize(::GetTempPathW(static_cast<DWORD>(above.size()), above.data()));
-    for (int tried = 0; tried < maximumNames; ++tried) {
+    const OwnedDescriptor descriptor = DescriptorOf(privateFolderAccess);
+    SECURITY_ATTRIBUTES attributes{sizeof attributes, descriptor.get(), FALSE};
+    for (int tried = 0; descriptor && tried < maximumNames; ++tried) {
         const std::wstring name =
             above + L"kvagent-" + std::to_wstring(::GetCurrentProcessId()) + L"-" + std::to_wstring(tried);
-        if (::CreateDirectoryW(name.c_str(), nullptr)) {
+        if (::CreateDirectoryW(name.c_str(), &attributes)) {
             path_ = Utf16FromWide(name);
             return;
         }

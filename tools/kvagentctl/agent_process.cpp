@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <utility>
 
+#include "commandline/program.h"
 #include "foundation/log.h"
+#include "tools/kvreg/registry_failure.h"
 
 namespace kv::control {
 
@@ -17,6 +19,12 @@ LogLines::~LogLines() {
     logState.gv_logLevel = 0;
     const std::lock_guard lock(logState.streamMutex);
     logState.listener = nullptr;
+}
+
+void RequireReadableRegistry(platform::Error result) {
+    if (const std::string missing = MissingRegistryText(); !missing.empty()) throw commandline::NotFoundError(missing);
+    if (result != platform::error::success && !IsGone(result))
+        throw std::runtime_error("the registry cannot be read: " + RegistryFailureText(result));
 }
 
 std::string_view WithoutRoutine(std::string_view line) {

@@ -5,6 +5,8 @@
 #include <string>
 #include <string_view>
 
+#include "platform/errors.h"
+
 namespace kv::control {
 
 /// While it lives, what the agent's libraries would write to the log at level 1 (or the level given) goes to a
@@ -16,6 +18,10 @@ class LogLines {
     LogLines(const LogLines&) = delete;
     LogLines& operator=(const LogLines&) = delete;
 };
+
+/// Throws when a result of reading the registry says more than that the key or value does not exist: NotFoundError when
+/// the registry's directory is missing, so that no agent is installed, else std::runtime_error with the reason.
+void RequireReadableRegistry(platform::Error result);
 
 /// What a line of the log says: without blanks and line ends around it, and without the routine's name ahead of "::".
 std::string_view WithoutRoutine(std::string_view line);

@@ -40,16 +40,20 @@ void RunCheck(const Given& given) {
     if (commandline::Has(given, "PLAN") && !MayExist(platform::WideFromUtf8(plan)))
         throw commandline::NotFoundError(fmt::format("there is no file '{}'", plan));
     Findings findings;
+    bool isReadable = false;
     {
         // What the agent's libraries say of a part is its findings; the rest of their lines is not for people.
         const LogLines silence([](std::string_view) {});
-        CheckSettings(findings, plan.empty() ? Severity::error : Severity::note);
+        isReadable = CheckSettings(findings, plan.empty() ? Severity::error : Severity::note);
     }
     if (plan.empty())
         CheckOwnPlan(findings);
     else
         CheckPlan(findings, platform::WideFromUtf8(plan), plan);
-    if (commandline::Has(given, "--online")) CheckServer(findings);
+    if (commandline::Has(given, "--online") && isReadable)
+        CheckServer(findings);
+    else if (commandline::Has(given, "--online"))
+        findings.Error("server", "is not tried, because the settings cannot be read");
     const bool isJson = commandline::Has(given, "--json");
     fmt::print("{}", isJson ? FindingsAsJson(findings) : PrintedFindings(findings));
     if (findings.Count(Severity::error) > 0) throw commandline::ExitWith{1};

@@ -186,14 +186,14 @@ std::u16string InstallDirectory() {
     return install && SettingTakes(*setting, *install) ? *install : std::u16string();
 }
 
-void CheckSettings(Findings& findings, Severity whenUnreadable) {
+bool CheckSettings(Findings& findings, Severity whenUnreadable) {
     KeyContents contents;
     const platform::Error result = ReadKey(agentKeyPath, contents);
     const bool isMissing = !MissingRegistryText().empty();
     if (isMissing || (result != platform::error::success && !IsGone(result))) {
         findings.list.push_back(
             {whenUnreadable, "registry", "settings and scripts are not checked: " + RegistryFailureText(result), ""});
-        return;
+        return false;
     }
     for (const AgentSetting& setting : AgentSettings()) CheckSetting(findings, setting);
     CheckUnknownNames(findings);
@@ -201,6 +201,7 @@ void CheckSettings(Findings& findings, Severity whenUnreadable) {
     CheckTrust(findings);
     CheckRegistryFile(findings);
     CheckInstallDirectory(findings);
+    return true;
 }
 
 }  // namespace kv::control

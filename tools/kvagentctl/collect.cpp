@@ -111,23 +111,26 @@ HashTablePtr ReadPlan(std::u16string_view path) {
     return document;
 }
 
-/// Fills in what collecting needs of the agent's settings; they are only read. Why they cannot be read; empty when
-/// they can.
-std::string ReadSettings() {
+/// Fills in what collecting needs of the agent's settings; they are only read. The failure to read where the agent is.
+platform::Error ReadSettings() {
     OptionalText install;
     const platform::Error failure = GetKVAgentInstallDir(install);
     if (install) agentState.gv_ocAgentBinPath = *install + u"monitoring\\bin\\";
     OptionalText key;
     agentState.gv_agentKey.Publish(GetOCAgentKey(key) == platform::error::success && key ? *key : u"HUBCENTER");
     static_cast<void>(GetCustomerName(agentState.gv_custID));
-    if (install) return {};
+    return failure == platform::error::success && !install ? platform::error::fileNotFound : failure;
+}
+
+/// What a failure of ReadSettings means.
+std::string SettingsFailureText(platform::Error failure) {
     return IsGone(failure) && MissingRegistryText().empty() ? "the setting KVAgentInstallDir is missing"
                                                             : RegistryFailureText(failure);
 }
 
-/// The plans to collect: the given one, or the agent's own and, if asked for, those of its slaves. fault: of
+/// The plans to collect: the given one, or the agent's own and, if asked for, those of its slaves. failure: of
 /// ReadSettings.
-std::vector<HashTablePtr> ReadPlans(const Given& given, const std::string& fault) {
+std::vector<HashTablePtr> ReadPlans(const Given& given, platform::Error failure) {
     const std::string named = commandline::Value(given, "PLAN");
     std::vector<HashTablePtr> plans;
     if (!named.empty()) {
@@ -135,7 +138,9 @@ std::vector<HashTablePtr> ReadPlans(const Given& given, const std::string& fault
         plans.push_back(ReadPlan(WideFromUtf8(named)));
         return plans;
     }
-    if (!fault.empty()) throw std::runtime_error(fault + "; name a plan: kvagentctl collect PLAN");
+    const std::string hint = SettingsFailureText(failure) + "; name a plan: kvagentctl collect PLAN";
+    if (IsGone(failure)) throw NotFoundError(hint);
+    if (failure != platform::error::success) throw std::runtime_error(hint);
     const std::u16string bin = *agentState.gv_ocAgentBinPath;
     const std::u16string own = ConcatStrings(bin, conf_path::ownPlan);
     if (!MayExist(own))
@@ -284,10 +289,33 @@ json_object* JsonOf(const PlannedRecord& planned, const CollectedRecord& collect
     return object;
 }
 
+/// Collects and prints records; the number of those that failed. An interrupt ends it behind the record at hand, so
+/// that the folder with its data goes.
+std::size_t CollectAll(const std::vector<PlannedRecord>& records, bool asJson) {
+    constexpr int interrupted = 130;  // as shells number the end by Ctrl-C
+    platform::WatchForInterrupt();
+    const platform::TemporaryFolder folder;
+    const JsonPtr list(json_object_new_array(), json_object_put);
+    std::size_t failed = 0;
+    std::size_t done = 0;
+    for (; done < records.size() && !platform::WasInterrupted(); ++done) {
+        const CollectedRecord collected = Collect(records[done], folder.path());
+        if (collected.isFailure) ++failed;
+        if (asJson)
+            json_object_array_add(list.get(), JsonOf(records[done], collected));
+        else
+            PrintRecord(records[done], collected);
+    }
+    if (asJson) fmt::print("{}\n", json_object_to_json_string_ext(list.get(), jsonForPeople));
+    if (done == records.size()) return failed;
+    fmt::print(stderr, "kvagentctl: interrupted after {} of {} records\n", done, records.size());
+    throw commandline::ExitWith{interrupted};
+}
+
 void Run(const Given& given) {
     const bool asJson = Has(given, "--json");
-    const std::string fault = ReadSettings();
-    const std::vector<HashTablePtr> plans = ReadPlans(given, fault);
+    const platform::Error failure = ReadSettings();
+    const std::vector<HashTablePtr> plans = ReadPlans(given, failure);
     std::vector<PlannedRecord> records;
     for (const HashTablePtr& plan : plans) {
         const std::vector<PlannedRecord> more = RecordsOf(plan.get());
@@ -297,20 +325,9 @@ void Run(const Given& given) {
         throw NotFoundError("the plan has no records: it needs WorkFlows, a list of workflows with recordSetName");
     if (Has(given, "--record")) KeepNamed(records, commandline::NeededValue(given, "--record"));
     const auto isScript = [](const PlannedRecord& planned) { return planned.kind == "script"; };
-    if (!fault.empty() && std::any_of(records.begin(), records.end(), isScript))
-        fmt::print(stderr, "scripts are not found: {}\n", fault);
-    const platform::TemporaryFolder folder;
-    const JsonPtr list(json_object_new_array(), json_object_put);
-    std::size_t failed = 0;
-    for (const PlannedRecord& planned : records) {
-        const CollectedRecord collected = Collect(planned, folder.path());
-        if (collected.isFailure) ++failed;
-        if (asJson)
-            json_object_array_add(list.get(), JsonOf(planned, collected));
-        else
-            PrintRecord(planned, collected);
-    }
-    if (asJson) fmt::print("{}\n", json_object_to_json_string_ext(list.get(), jsonForPeople));
+    if (failure != platform::error::success && std::any_of(records.begin(), records.end(), isScript))
+        fmt::print(stderr, "scripts are not found: {}\n", SettingsFailureText(failure));
+    const std::size_t failed = CollectAll(records, asJson);
     if (failed > 0) throw std::runtime_error(fmt::format("{} of {} records failed", failed, records.size()));
 }
 
@@ -332,7 +349,8 @@ const commandline::Command& CollectVerb() {
         "collect",
         "Collects each record of a plan once, and prints it. Nothing is sent, and no file, number or setting of the "
         "agent changes; scripts run as they would for the agent, as this user. Beneath a record stands what the agent "
-        "would log. Intervals do not count. Exit code 1 if a record fails, 3 without a plan or a record of that name.",
+        "would log. Intervals do not count. Exit code 1 if a record fails, 3 without a plan or a record of that name, "
+        "130 when it is interrupted.",
         words, options, Run};
     return verb;
 }

@@ -43,7 +43,9 @@ std::vector<ServerAddress> ServerAddresses() {
 bool ReadConnection() {
     const LogLines silence([](std::string_view) {});
     OptionalText port, protocol;
-    if (GetKVServerSecurePort(port) != platform::error::success) return false;
+    const platform::Error result = GetKVServerSecurePort(port);
+    RequireReadableRegistry(result);
+    if (result != platform::error::success) return false;
     agentState.gv_ServerPort = ParseDecimal(port.value_or(u""));
     if (GetKVServerProtocol(protocol) == platform::error::success)
         agentState.gv_httpsEnabled = CompareIgnoreCase(protocol, u"https") == 0 ? 1 : 0;

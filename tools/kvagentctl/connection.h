@@ -16,7 +16,7 @@ struct ServerAddress {
 std::vector<ServerAddress> ServerAddresses();
 
 /// Reads what a request goes by into the agent state, without the rest of a start: port, protocol, proxy and trust.
-/// False when there is no usable port.
+/// False when there is no usable port. Throws as RequireReadableRegistry does.
 bool ReadConnection();
 
 }  // namespace kv::control

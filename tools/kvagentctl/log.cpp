@@ -59,14 +59,14 @@ class Printer {
 std::u16string LogPath() {
     OptionalText stored;
     const platform::Error result = GetKVAgentInstallDir(stored);
-    if (const std::string missing = MissingRegistryText(); !missing.empty()) throw commandline::NotFoundError(missing);
-    if (result != platform::error::success && !IsGone(result))
-        throw std::runtime_error("the registry cannot be read: " + RegistryFailureText(result));
+    RequireReadableRegistry(result);
+    if (IsGone(result))
+        throw commandline::NotFoundError(
+            "KVAgentInstallDir, which says where the log is, is missing: is the agent installed?");
     const std::u16string install = InstallDirectory();
     if (install.empty())
         throw std::runtime_error(
-            "KVAgentInstallDir, which says where the log is, is missing or not usable; kvagentctl check "
-            "tells more");
+            "KVAgentInstallDir, which says where the log is, is not usable; kvagentctl check tells more");
     return install + u"monitoring\\logs\\agent.log";
 }
 
@@ -93,9 +93,11 @@ void RunLog(const Given& given) {
     if (MayExist(path) && fileExists(path) != 1)
         throw std::runtime_error(
             fmt::format("{} cannot be read; it takes the rights of {}", name, platform::RegistryOwner()));
+    const bool printsAll = !follows && !Has(given, "--lines");
     const std::int64_t lines =
         commandline::Number(given, "--lines", follows ? linesToFollow : everyLine, {0, 1'000'000'000});
     Printer printer(Has(given, "--all"), lines);
+    if (printsAll) printer.GoLive();
     LogEntries entries([&](const std::string& entry) { printer.Take(entry); });
     LogFollower follower(path);
     if (Has(given, "--all")) {

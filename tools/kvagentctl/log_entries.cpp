@@ -88,7 +88,7 @@ std::uint32_t ErrorNumber(std::string_view text) {
 void LogEntries::Feed(std::string_view bytes) {
     while (!bytes.empty()) {
         const std::size_t end = bytes.find('\n');
-        line_ += bytes.substr(0, end);
+        line_ += bytes.substr(0, std::min(end, maximumEntry - std::min(line_.size(), maximumEntry)));
         if (end == std::string_view::npos) return;
         TakeLine(std::exchange(line_, {}));
         bytes.remove_prefix(end + 1);

@@ -128,7 +128,6 @@ void Confirm(const Given& given) {
 }
 
 void RunPin(const Given& given) {
-    if (!MissingRegistryText().empty()) throw std::runtime_error(MissingRegistryText());
     const bool hasPort = ReadConnection();
     if (agentState.gv_httpsEnabled == 0)
         throw std::runtime_error(

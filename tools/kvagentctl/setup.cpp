@@ -12,6 +12,7 @@
 #include "platform/messages.h"
 #include "platform/sockets.h"
 #include "platform/utf.h"
+#include "tools/kvagentctl/agent_process.h"
 #include "tools/kvagentctl/output.h"
 #include "tools/kvagentctl/server_text.h"
 #include "tools/kvagentctl/verbs.h"
@@ -42,8 +43,7 @@ struct Choice {
 std::string Stored(std::u16string_view key, std::u16string_view name) {
     RegFileValue value;
     const platform::Error result = ReadValue(key, name, value);
-    if (result != platform::error::success && (!IsGone(result) || !MissingRegistryText().empty()))
-        throw std::runtime_error("the registry cannot be read: " + RegistryFailureText(result));
+    RequireReadableRegistry(result);
     return value.type == platform::RegistryType::text ? Utf8FromWide(TextOfData(value.data)) : "";
 }
 
@@ -209,7 +209,6 @@ void RefuseProblems(const std::vector<std::string>& problems) {
 }
 
 void Store(const std::vector<Choice>& choices) {
-    if (!MissingRegistryText().empty()) throw std::runtime_error(MissingRegistryText());
     std::string stored;
     for (const Choice& choice : choices) {
         if (choice.source == before) continue;

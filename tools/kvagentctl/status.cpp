@@ -13,6 +13,7 @@
 #include "tools/kvagentctl/agent_facts.h"
 #include "tools/kvagentctl/status_text.h"
 #include "tools/kvagentctl/verbs.h"
+#include "tools/kvreg/registry_failure.h"
 
 namespace kv::control {
 
@@ -258,8 +259,9 @@ void RunStatus(const Given& given) {
         PrintJson(facts, problems);
     else
         PrintForPeople(facts, problems);
+    if (facts.binPath.empty() && (facts.registryFailure.empty() || !MissingRegistryText().empty()))
+        throw commandline::ExitWith{notInstalled};
     if (!facts.registryFailure.empty()) throw commandline::ExitWith{failed};
-    if (facts.binPath.empty()) throw commandline::ExitWith{notInstalled};
 }
 
 }  // namespace

@@ -1,4 +1,6 @@
 // kvagentctl collect on an installed agent that does not run.
+#include <cstdlib>
+
 #include "foundation/registry_store.h"
 #include "platform/backend.h"
 #include "platform/utf.h"
@@ -67,6 +69,18 @@ TEST_F(CollectVerb, PrintsEachRecordAndTouchesNothing) {
     const Outcome one = Run({"collect", "--json", "--record", "DISKS.SH"});
     EXPECT_THAT(one.output, ::testing::AllOf(HasSubstr("\"kind\": \"script\""), HasSubstr("\"CWD\": "),
                                              HasSubstr("\"failed\": false"), ::testing::Not(HasSubstr("Primary"))));
+}
+
+TEST_F(CollectVerb, LeavesNoFolderBehindWhenInterrupted) {
+    WriteScript("stops.sh", "kill -TERM $(cut -d' ' -f4 /proc/$PPID/stat); echo '{}'");
+    const std::string stops = R"({"script": "stops.sh", "Name": "S", "response_needed": "true"})";
+    WritePlan(stops + "," + stops);
+    setenv("TMPDIR", Utf8(folder / "state").c_str(), 1);
+    const Outcome outcome = Run({"collect"});
+    unsetenv("TMPDIR");
+    EXPECT_EQ(outcome.exitCode, 130);
+    EXPECT_THAT(outcome.errors, HasSubstr("interrupted after 1 of 2 records"));
+    for (const std::string& file : FilesIn(folder / "state")) EXPECT_EQ(file.find("kvagent-"), std::string::npos);
 }
 
 TEST_F(CollectVerb, SaysWhatIsWrong) {

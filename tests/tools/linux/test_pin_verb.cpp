@@ -68,6 +68,9 @@ TEST_F(PinVerb, ShowsTheCertificateAndStoresItsKey) {
     const Outcome outcome = Run({"pin", "--yes"});
     EXPECT_EQ(outcome.exitCode, 1);
     EXPECT_THAT(outcome.errors, HasSubstr("KVServerProtocol is not https, so the server shows no certificate"));
+    Write(Utf8(folder / "state" / "registry.db"), std::string(4096, 'x'));
+    EXPECT_THAT(Run({"pin", "--yes"}).errors, HasSubstr("the registry cannot be read: "));
+    EXPECT_THAT(Run({"check", "--online"}).output, HasSubstr("error: server: is not tried, because the settings can"));
 }
 
 }  // namespace
