@@ -80,7 +80,10 @@ bool Register(std::uint32_t patience) {
                                                    RequestKind::REQUEST_GET_HEADERS, 0, false);
     if (error != platform::error::success) {
         Log1("\t InitLicenseParams :: The server did not register this agent. retVal is [%d] \n", error);
-        NoteRegistration(error == platform::error::invalidData ? "refused by the server" : TransactionFailure(error));
+        RunGuarded("NoteRegistration", [error] {
+            NoteRegistration(error == platform::error::invalidData ? "refused by the server"
+                                                                   : TransactionFailure(error));
+        });
         return false;
     }
     if (agentState.gv_agentRunFlag == 1 && !HasKey()) {

@@ -2,6 +2,7 @@
 
 #include <json-c/json.h>
 #include <memory>
+#include <new>
 
 #include "foundation/agent_state.h"
 #include "foundation/file_utils.h"
@@ -63,22 +64,33 @@ constexpr NumberMember numbers[] = {
 constexpr const char* collecting = "isCollecting";
 constexpr const char* countsKey = "counts";
 
+/// Adds a member; without memory for it, throws std::bad_alloc.
+void Add(json_object* object, const char* key, json_object* value) {
+    if (value && json_object_object_add(object, key, value) == 0) return;
+    json_object_put(value);
+    throw std::bad_alloc();
+}
+
+json_object* NewObject() {
+    json_object* made = json_object_new_object();
+    return made ? made : throw std::bad_alloc();
+}
+
 std::string HealthText(const HealthSnapshot& health) {
-    const Json file(json_object_new_object(), json_object_put);
+    const Json file(NewObject(), json_object_put);
     for (const TextMember& text : texts) {
         const std::string& value = health.*text.member;
-        json_object_object_add(file.get(), text.key,
-                               json_object_new_string_len(value.data(), static_cast<int>(value.size())));
+        Add(file.get(), text.key, json_object_new_string_len(value.data(), static_cast<int>(value.size())));
     }
     for (const NumberMember& number : numbers)
-        json_object_object_add(file.get(), number.key, json_object_new_int64(health.*number.member));
-    json_object_object_add(file.get(), collecting, json_object_new_boolean(health.isCollecting));
-    json_object* counts = json_object_new_object();
-    json_object_object_add(file.get(), countsKey, counts);
-    for (const auto& [name, count] : health.counts)
-        json_object_object_add(counts, name.c_str(), json_object_new_uint64(count));
+        Add(file.get(), number.key, json_object_new_int64(health.*number.member));
+    Add(file.get(), collecting, json_object_new_boolean(health.isCollecting));
+    json_object* counts = NewObject();
+    Add(file.get(), countsKey, counts);
+    for (const auto& [name, count] : health.counts) Add(counts, name.c_str(), json_object_new_uint64(count));
     const int form = JSON_C_TO_STRING_PRETTY | JSON_C_TO_STRING_SPACED | JSON_C_TO_STRING_NOSLASHESCAPE;
-    return std::string(json_object_to_json_string_ext(file.get(), form)) + "\n";
+    const char* text = json_object_to_json_string_ext(file.get(), form);
+    return text ? std::string(text) + "\n" : throw std::bad_alloc();
 }
 
 /// The member of an object, if it has the type; null otherwise.

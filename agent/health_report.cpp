@@ -1,14 +1,17 @@
 #include "agent/health_report.h"
 
+#include <chrono>
 #include <fmt/format.h>
 #include <mutex>
 #include <optional>
 #include <utility>
 
+#include "agent/log_file.h"
 #include "agent/metrics_file.h"
 #include "exchange/waiting_files.h"
 #include "foundation/agent_health.h"
 #include "foundation/agent_state.h"
+#include "foundation/file_utils.h"
 #include "foundation/guarded.h"
 #include "foundation/log.h"
 #include "foundation/registry_store.h"
@@ -28,6 +31,12 @@ using platform::Error;
 namespace error = platform::error;
 
 constexpr std::int64_t periodSeconds = 60;
+
+/// Somebody may have deleted the file, or another process have written it: then an idle agent is not to look dead.
+constexpr std::int64_t rewriteSeconds = 600;
+
+/// How long a stop waits for a report that is on its way: the server is still to be told.
+constexpr std::chrono::seconds stopPatience{1};
 
 /// Events come together, as when several zips are accepted: one report is enough for them.
 constexpr std::uint32_t gatherMilliseconds = 2000;
@@ -49,17 +58,20 @@ struct RewrittenFile {
     }
 };
 
-/// What has been reported in this run. Guarded by its lock, because a stop reports on another thread.
+/// What has been reported in this run. Guarded by its locks, because a stop reports on another thread.
 struct Report {
-    std::mutex lock;
-    bool isOver = false;
+    std::timed_mutex lock;
     RewrittenFile status;
-    RewrittenFile metrics;  // without a path: not wanted
     std::optional<HealthSnapshot> written;
-    std::int64_t metricsTime = 0;
+    std::int64_t statusTime = 0;
     std::string line;
     std::int64_t lineTime = 0;
     std::uint32_t storedLogLevel = 0;  // as it was last read
+
+    // Apart, because the folder of the metrics is anywhere, and may keep a write waiting.
+    std::timed_mutex metricsLock;
+    RewrittenFile metrics;  // without a path: not wanted
+    std::int64_t metricsTime = 0;
 };
 
 Report& CurrentReport() {
@@ -69,18 +81,39 @@ Report& CurrentReport() {
 
 std::u16string BinPath() { return agentState.gv_ocAgentBinPath.value_or(u""); }
 
+/// The path that MetricsFile sets; empty when none is set, or none that can be used, which leaves a line.
+std::u16string MetricsPath() {
+    OptionalText path;
+    const Error result = LookUpText(monitoringKeyPath, u"MetricsFile", path);
+    if (result == error::fileNotFound || result == error::pathNotFound || path == u"") return {};
+    if (result == error::success && path && IsWholePath(*path)) return *path;
+    if (result == error::success)
+        Log1("\t ReportHealth :: MetricsFile is not a whole path, and no metrics are written: %s\n", path);
+    else
+        Log1("\t ReportHealth :: MetricsFile cannot be read as a text, and no metrics are written: %s (error %d)\n",
+             platform::MessageInLine(result), result);
+    return {};
+}
+
 void BeginReport(Report& report) {
-    const std::lock_guard hold(report.lock);
     agentHealth.startTime = GetNowSeconds();
-    report.isOver = false;
+    const std::scoped_lock hold(report.lock, report.metricsLock);
     report.status = {.path = HealthFilePath(BinPath())};
-    report.metrics = {};
     report.written.reset();
-    report.metricsTime = report.lineTime = 0;
+    report.statusTime = report.lineTime = 0;
     report.line.clear();
     report.storedLogLevel = logState.gv_logLevel;
-    OptionalText path;
-    if (LookUpText(monitoringKeyPath, u"MetricsFile", path) == error::success) report.metrics.path = path.value_or(u"");
+    report.metrics = {};
+    report.metricsTime = 0;
+    report.metrics.path = MetricsPath();
+}
+
+/// Whether the files are those of another process: "/t" beside the service.
+bool IsGuest() { return agentState.gv_serviceStatusHandle == 0 && IsLogOfAnotherProcess(); }
+
+/// Whether a time has passed since a moment; also when the clock was set back before it.
+bool IsDue(std::int64_t since, std::int64_t now, std::int64_t seconds = periodSeconds) {
+    return now - since >= seconds || now < since;
 }
 
 /// An absent level is the default one; one that cannot be read changes nothing.
@@ -98,40 +131,50 @@ void FollowLogLevel(Report& report) {
 
 /// True when there was something to write.
 bool WriteStatus(Report& report, const HealthSnapshot& health) {
+    if (IsGuest()) return false;
     if (report.written) report.written->writeTime = health.writeTime;
-    if (report.written == health && !report.status.isFailing) return false;
+    const bool isTold = report.written == health && !report.status.isFailing;
+    if (isTold && !IsDue(report.statusTime, health.writeTime, rewriteSeconds)) return false;
     report.status.TakeResult(WriteHealthFile(report.status.path, health));
     report.written = health;
+    report.statusTime = health.writeTime;
     return true;
 }
 
 void WriteMetrics(Report& report, const HealthSnapshot& health) {
-    if (report.metrics.path.empty()) return;
+    if (report.metrics.path.empty() || IsGuest()) return;
     const std::u16string binPath = BinPath();
     const std::string text = MetricsText(health, MeasureWaitingRecords(binPath), MeasureWaitingZips(binPath));
     report.metrics.TakeResult(WriteMetricsFile(report.metrics.path, text));
     report.metricsTime = health.writeTime;
 }
 
-/// Whether a period has passed since a moment; also when the clock was set back before it.
-bool IsDue(std::int64_t since, std::int64_t now) { return now - since >= periodSeconds || now < since; }
+/// Why the server's port cannot be used, behind its name.
+const char* PortFault() {
+    OptionalText text;
+    return LookUpText(serverInfoKeyPath, u"KVServerSecurePort", text) == error::success ? " is not a port"
+                                                                                        : " is missing";
+}
 
-/// The first required setting that is missing, in the order in which they are read; null when all are there.
-const char* MissingSetting() {
+/// The first required setting that is missing or wrong, in the order in which they are read, and what it is; empty
+/// when all are there. Behind a missing one, none is read.
+std::string SettingObstacle() {
     const AgentState& state = agentState;
-    if (!state.gv_ServerName) return "KVServerName";
-    if (!state.gv_ServerFlatName) return "KVServerFlatName";
-    if (!state.gv_ServerIPAddress) return "KVServerIPAddress";
-    if (state.gv_ServerPort == 0) return "KVServerSecurePort";
-    if (!state.gv_custID) return "CustomerName";
-    if (!state.gv_LastAccessName.get()) return "KVLastAccessName";
-    return state.gv_remoteOfficeName ? nullptr : "RemoteOfficeName";
+    if (!state.gv_ServerName) return "no server: KVServerName is missing";
+    if (!state.gv_ServerFlatName) return "no server: KVServerFlatName is missing";
+    if (!state.gv_ServerIPAddress) return "no server: KVServerIPAddress is missing";
+    const std::int32_t port = state.gv_ServerPort;
+    if (port < 1 || port > 65535) return fmt::format("no server: KVServerSecurePort{}", PortFault());
+    if (!state.gv_custID) return "CustomerName is missing, and no setting after it is read";
+    if (!state.gv_LastAccessName.get()) return "no server: KVLastAccessName is missing";
+    if (!state.gv_remoteOfficeName) return "RemoteOfficeName is missing, and no setting after it is read";
+    return {};
 }
 
 /// Whether the first registration is still on its way, so that there is nothing to tell yet. After a period without an
 /// outcome there is.
 bool AwaitsRegistration(const HealthSnapshot& health) {
-    return health.registrationTime == 0 && !IsDue(health.startTime, health.writeTime) && !MissingSetting();
+    return health.registrationTime == 0 && !IsDue(health.startTime, health.writeTime) && SettingObstacle().empty();
 }
 
 void TellServiceManager(Report& report, const HealthSnapshot& health) {
@@ -144,15 +187,26 @@ void TellServiceManager(Report& report, const HealthSnapshot& health) {
     report.lineTime = health.writeTime;
 }
 
+/// True when it has written to the disk.
+bool ReportStatus(Report& report, const HealthSnapshot& health) {
+    const std::lock_guard hold(report.lock);
+    if (agentHealth.isReportOver) return false;
+    FollowLogLevel(report);
+    const bool hasWritten = WriteStatus(report, health);
+    TellServiceManager(report, health);
+    return hasWritten;
+}
+
+void ReportMetrics(Report& report, const HealthSnapshot& health) {
+    const std::lock_guard hold(report.metricsLock);
+    if (!agentHealth.isReportOver && IsDue(report.metricsTime, health.writeTime)) WriteMetrics(report, health);
+}
+
 void ReportOnce() {
     Report& report = CurrentReport();
-    const std::lock_guard hold(report.lock);
-    if (report.isOver) return;
-    FollowLogLevel(report);
     const HealthSnapshot health = CurrentHealth();
-    const bool hasWritten = WriteStatus(report, health);
-    if (IsDue(report.metricsTime, health.writeTime)) WriteMetrics(report, health);
-    TellServiceManager(report, health);
+    const bool hasWritten = ReportStatus(report, health);
+    ReportMetrics(report, health);
     if (!hasWritten) return;
     // The code for it is not needed for another minute, and an idle agent is to be small.
     platform::ReleaseFreeMemory();
@@ -180,6 +234,12 @@ std::string TimeForPeople(std::int64_t time, std::int64_t now) {
     return isToday ? clock : fmt::format("{:04}-{:02}-{:02} {}", then.year, then.month, then.day, clock);
 }
 
+HealthSnapshot StoppedHealth() {
+    HealthSnapshot health = CurrentHealth();
+    health.processId = 0;
+    return health;
+}
+
 bool IsKey(std::u16string_view text) { return !text.empty() && text != u"NULL" && text != u"HUBCENTER"; }
 
 }  // namespace
@@ -197,21 +257,22 @@ std::uint32_t ReportHealth(void* /*ignored*/) {
 
 void ReportStop() {
     Report& report = CurrentReport();
-    const std::lock_guard hold(report.lock);
-    // A stop may come before the first report.
-    if (std::exchange(report.isOver, true) || report.status.path.empty()) return;
-    HealthSnapshot health = CurrentHealth();
-    health.processId = 0;
-    WriteStatus(report, health);
-    WriteMetrics(report, health);
+    if (agentHealth.isReportOver.exchange(true)) return;
+    const std::unique_lock hold(report.lock, stopPatience);
+    if (!hold)
+        Log1("\t ReportStop :: a report is still being written, and status.json does not tell of the stop\n");
+    else if (!report.status.path.empty())  // else the stop came before the first report
+        WriteStatus(report, StoppedHealth());
+}
+
+void ReportStopInMetrics() {
+    Report& report = CurrentReport();
+    const std::unique_lock hold(report.metricsLock, stopPatience);
+    if (hold) WriteMetrics(report, StoppedHealth());
 }
 
 std::string HealthLine(const HealthSnapshot& health, std::uint64_t waitingZips) {
-    if (const char* missing = MissingSetting()) {
-        const bool isOfServer = std::string_view(missing).starts_with("KV");
-        return isOfServer ? fmt::format("no server: {} is missing", missing)
-                          : fmt::format("{} is missing, and no setting after it is read", missing);
-    }
+    if (std::string obstacle = SettingObstacle(); !obstacle.empty()) return obstacle;
     const std::string first =
         LogText("%s:%d", agentState.gv_LastAccessName, static_cast<std::int32_t>(agentState.gv_ServerPort));
     const std::u16string_view key = agentState.gv_agentKey.view();

@@ -10,12 +10,17 @@
 namespace kv {
 
 /// Thread body: reports at once, soon after each event of weight (foundation/agent_health.h), and else once a minute if
-/// anything has changed. Wakes once a minute when nothing happens. A file that cannot be written is tried again each
-/// time; a log line says when that begins and when it ends. Never returns.
+/// anything has changed; status.json also every ten minutes. Wakes once a minute when nothing happens. A file that
+/// cannot be written is tried again each time; a log line says when that begins and when it ends. "/t" beside the
+/// service writes neither file. Never returns.
 std::uint32_t ReportHealth(void* ignored);
 
-/// The last report of a run: the agent is stopped. Nothing is reported after it.
+/// The last report of a run: status.json tells that the agent is stopped. Nothing is reported after it. It waits for a
+/// report that is on its way, for a second at most.
 void ReportStop();
+
+/// The same for the metrics, whose folder may be slow: after everything that has to be done before the process ends.
+void ReportStopInMetrics();
 
 /// How the agent is, in a line for people: "LAB1 at cs:8443, last upload 18:49, 2 zips wait", or what keeps it from its
 /// server. Throws std::bad_alloc.

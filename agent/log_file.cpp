@@ -31,8 +31,8 @@ constexpr std::u16string_view logExtension = u".log";
 std::atomic_flag isRotating;
 
 /// Another process writes to the log, as it did when this one began: only that one may move it away.
-bool isGuest = false;         // guarded by isRotating
-bool isObstacleSaid = false;  // guarded by isRotating
+std::atomic<bool> isGuest{false};  // changed while isRotating
+bool isObstacleSaid = false;       // guarded by isRotating
 
 class ClearedAtEnd {
   public:
@@ -197,6 +197,8 @@ int RotateLogFile(std::uint32_t count) {
     if (lock == RotationLock::released) UnsynchronizeResource_MSP(&logState.gv_logFile);
     return 0;
 }
+
+bool IsLogOfAnotherProcess() { return isGuest; }
 
 int OpenLogFile(std::u16string_view path) {
     const std::lock_guard stream(logState.streamMutex);

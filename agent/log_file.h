@@ -13,6 +13,9 @@ namespace kv {
 /// log open, and sets gv_logOpenFailed. Called once for each run, before other threads log.
 void RotateLogger(std::optional<std::u16string_view> name);
 
+/// Whether another process wrote to the log when it was opened, and at the last rotation. Callable from any thread.
+bool IsLogOfAnotherProcess();
+
 /// Sets gv_logLevel from the registry; 1 when it cannot be read.
 void ReadLogLevel();
 

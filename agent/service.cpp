@@ -159,6 +159,7 @@ std::uint32_t AgentShutdownWorker(void* /*ignored*/) {
     RunGuarded("ReportStop", ReportStop);
     RunGuarded("SendAgentStatus", ReportEndWhereWanted);
     RunGuarded("StoreLastFileNum", StoreLastFileNum);
+    RunGuarded("ReportStopInMetrics", ReportStopInMetrics);
     RunGuarded("FreeAllResources", FreeAllResources);
     return 1;
 }

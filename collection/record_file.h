@@ -22,8 +22,7 @@ class RecordDetour {
 
 /// Changes to gv_ocAgentBinPath, makes "data" below the working directory and gives its path. A step that fails leaves
 /// a log line in the caller's name, and the others are done all the same. Under a RecordDetour that one's folder is
-/// given, and nothing is made; without gv_ocAgentBinPath the working
-/// directory stays.
+/// given, and nothing is made; without gv_ocAgentBinPath the working directory stays.
 std::u16string PrepareDataDirectory(const char* caller);
 
 /// Takes the next number, under its lock, and gives the path of that record file without extension. A number that a

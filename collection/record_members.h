@@ -2,9 +2,9 @@
 // it goes out.
 //
 // A record that goes out lists its members in one table beside its source, except that of a script, which is what the
-// script prints. PutMembers writes them and HasMember knows
-// them: rows may stand under a name that somebody else has chosen, and one more member of that name would replace them.
-// So a new member is a row of that table, and nothing else. Members stand in the text in the reverse of their order.
+// script prints. PutMembers writes them and HasMember knows them: rows may stand under a name that somebody else has
+// chosen, and one more member of that name would replace them. So a new member is a row of that table, and nothing
+// else. Members stand in the text in the reverse of their order.
 #pragma once
 
 #include <span>

@@ -111,8 +111,7 @@ bool IsAllowed(const Exchange& exchange, const std::u16string& service) {
     } else {
         Log1(
             "\t ExecWMIQuery :: A %s request for the service %s is refused under AllowedServices: which service that "
-            "is "
-            "cannot be told (%d). Request id : %s\n",
+            "is cannot be told (%d). Request id : %s\n",
             exchange.type, service, failure, exchange.id);
     }
     return false;

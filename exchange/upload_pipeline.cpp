@@ -325,7 +325,7 @@ void ResumeCollection() {
 
 /// Contact counts as found again only if collection was stopped. Otherwise the time of the first failed upload stays,
 /// however many uploads are accepted.
-void NoteContact(const std::u16string& accepted) {
+void NoteAcceptedZip(const std::u16string& accepted) {
     agentState.gv_failedZips.erase(accepted);
     for (auto& [name, otherWasAccepted] : agentState.gv_failedZips) otherWasAccepted = true;
     if (agentState.gv_collectData != 0) return;
@@ -387,7 +387,7 @@ void SendZip(const std::u16string& name, bool& acceptedInPass) {
         InternetUploadBinaryFile(agentState.gv_ServerName, agentState.gv_ServerPort, url, path);
     if (result == platform::error::success) {
         DeleteAcceptedZip(path);
-        NoteContact(name);
+        NoteAcceptedZip(name);
         acceptedInPass = true;
         return;
     }

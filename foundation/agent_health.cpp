@@ -70,7 +70,9 @@ void NoteCollectionResumed() noexcept {
 
 void NoteLostRecord(std::u16string_view path, platform::Error reason) noexcept {
     ++agentHealth.recordsLost;
-    NoteFailure("the record %s cannot be written and is lost: %s", path, platform::MessageInLine(reason));
+    NoteFailureOf([&] {
+        return LogText("the record %s cannot be written and is lost: %s", path, platform::MessageInLine(reason));
+    });
 }
 
 void NoteFailureText(std::string text) noexcept {

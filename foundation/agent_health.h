@@ -34,6 +34,8 @@ struct AgentHealth {
     std::atomic<std::int64_t> lastContactTime{0};     // the server answered anything
     std::atomic<std::int64_t> collectionStopTime{0};  // 0 while it runs
 
+    std::atomic<bool> isReportOver{false};  // the last report of this run has begun; none comes after it
+
     /// Set by events of weight; 0 while nobody waits for them. Never closed.
     std::atomic<platform::EventHandle> wake{0};
 };
@@ -67,15 +69,24 @@ void NoteRegistration(std::string_view outcome) noexcept;
 void NoteCollectionStopped() noexcept;
 void NoteCollectionResumed() noexcept;
 
-/// Makes what failed, and why, the last failure. As a log line in its format and arguments; it writes none.
 void NoteFailureText(std::string text) noexcept;
+
+/// Makes what failed, and why, the last failure. makeText returns it; when that throws, as without memory, the former
+/// failure stays the last one.
+template <class MakeText>
+void NoteFailureOf(const MakeText& makeText) noexcept {
+    try {
+        NoteFailureText(makeText());
+    } catch (...) {
+        // To tell of a failure must not be another one.
+    }
+}
+
+/// The same, as a log line in its format and arguments; it writes none. An argument that is made for it may throw
+/// before the call: NoteFailureOf takes those.
 template <class... Arguments>
 void NoteFailure(const char* format, const Arguments&... arguments) noexcept {
-    try {
-        NoteFailureText(LogText(format, arguments...));
-    } catch (...) {
-        // Without memory the former failure stays the last one.
-    }
+    NoteFailureOf([&] { return LogText(format, arguments...); });
 }
 
 /// A record, whose file this is, could not be written.

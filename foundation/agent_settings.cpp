@@ -64,7 +64,7 @@ constexpr AgentSetting settings[] = {
     {monitoringKeyPath, u"AllowedScripts", anyText, optional, "the scripts that plans may run", "all"},
     {monitoringKeyPath, u"SNMPCheckSource", yesOrNo, optional, "whether only the device's own address may answer",
      "NO"},
-    {monitoringKeyPath, u"MetricsFile", anyText, optional, "where the agent's own counts are written", "nowhere"},
+    {monitoringKeyPath, u"MetricsFile", wholePath, optional, "where the agent's own counts are written", "nowhere"},
     {monitoringKeyPath, u"MALastCreatedJSONNum", number, stored, "the number of the last record file", "1"},
     {monitoringKeyPath, u"MALastCreatedZIPNum", number, stored, "the number of the last zip", "1"},
     {monitoringKeyPath, u"RequestAvailable", anyText, stored, "whether requests wait at the server", "no request"},
@@ -137,6 +137,8 @@ bool SettingTakes(const AgentSetting& setting, std::u16string_view value) {
         case text:
             return !value.empty() &&
                    std::none_of(value.begin(), value.end(), [](char16_t unit) { return unit < u' '; });
+        case wholePath:
+            return value.empty() || IsWholePath(value);
         case directory:
             return value.ends_with(u'\\') || value.ends_with(u'/');
         case host:
@@ -167,6 +169,8 @@ std::string SettingTaken(const AgentSetting& setting) {
             return "a text";
         case text:
             return "a text that is not empty and has no control characters";
+        case wholePath:
+            return "a whole path, from the root on";
         case directory:
             return "a directory with a slash at its end";
         case host:

@@ -17,6 +17,7 @@ namespace kv {
 enum class SettingRule {
     anyText,
     text,          // not empty, without control characters
+    wholePath,     // from the root on, or empty
     directory,     // ends in a slash or backslash, because paths are appended to it
     host,          // a name or an address, without scheme and port
     optionalHost,  // the same, or up to two characters, such as "--", for no address

@@ -3,12 +3,14 @@
 #include <algorithm>
 #include <array>
 #include <exception>
+#include <filesystem>
 
 #include "foundation/log.h"
 #include "foundation/open_file.h"
 #include "foundation/text.h"
 #include "platform/clock.h"
 #include "platform/files.h"
+#include "platform/utf.h"
 
 namespace kv {
 
@@ -197,6 +199,12 @@ Error ReplaceFile(std::u16string_view path, std::u16string_view temporaryPath, s
     if (result == error::success) result = Files().MoveFileExW(temporaryPath, path, platform::MoveTarget::isReplaced);
     if (result != error::success) Files().DeleteFileW(temporaryPath);
     return result;
+}
+
+bool IsWholePath(std::u16string_view path) {
+    std::string text = platform::Utf8FromWide(path);
+    std::replace(text.begin(), text.end(), '\\', '/');
+    return std::filesystem::path(text).is_absolute();
 }
 
 std::string Utf16LittleEndianBytes(std::u16string_view text) {

@@ -68,10 +68,15 @@ void TryAddresses(AddressedRequest& request) {
 }
 
 /// A refusal is noted where its status is read.
-void NoteFailedRequest(const AddressedRequest& request) {
+void NoteFailedRequest(const AddressedRequest& request) noexcept {
     if (request.result == error::success || request.result == error::invalidData) return;
-    NoteFailure("%s at %s:%d: %s", PathOfUrl(request.url), request.lastAddress, agentState.gv_ServerPort,
-                TransactionFailure(request.result));
+    NoteFailureOf([&] {
+        const std::u16string_view path = PathOfUrl(request.url);
+        if (request.lastAddress.empty() && request.result == error::winHttpNameNotResolved)
+            return LogText("%s: no address of the server is set", path);
+        return LogText("%s at %s:%d: %s", path, request.lastAddress, agentState.gv_ServerPort,
+                       TransactionFailure(request.result));
+    });
 }
 
 }  // namespace
@@ -113,7 +118,7 @@ Error InternetUploadBinaryFile(const OptionalText& serverName, std::int32_t serv
     if (const Error failure = ReadWholeFile(filePath, content)) {
         Log1("InternetUploadBinaryFile: Error occured while reading the file %d  \n", failure);
         HttpGetLastError(failure);
-        NoteFailure("the zip %s cannot be read: %s", filePath, TransactionFailure(failure));
+        NoteFailureOf([&] { return LogText("the zip %s cannot be read: %s", filePath, TransactionFailure(failure)); });
         NoteFailedUpload();
         return failure;
     }

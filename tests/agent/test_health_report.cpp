@@ -5,8 +5,11 @@
 #include <regex>
 #include <set>
 #include <sstream>
+#include <thread>
+#include <utility>
 
 #include "agent/health_report.h"
+#include "agent/log_file.h"
 #include "agent/metrics_file.h"
 #include "foundation/agent_state.h"
 #include "foundation/log.h"
@@ -61,6 +64,10 @@ class HealthReport : public test::TestAgent {
         ASSERT_EQ(writeValue(platform::RootKey::localMachine, key, name, text, type), platform::error::success);
     }
 
+    void SetMetricsFile(const fs::path& path, platform::RegistryType type = platform::RegistryType::text) {
+        SetRegistry(monitoringKeyPath, u"MetricsFile", platform::WideFromUtf8(path.string()), type);
+    }
+
     test::VirtualClock clock;
     const fs::path status = folder / "monitoring" / "logs" / "status.json";
     std::vector<std::string> lines;  // that the service manager was told
@@ -81,7 +88,11 @@ TEST_F(HealthReport, WritesTheFileAtEventsAndWhenAnythingChanged) {
              EXPECT_EQ(Status()->startTime, clock.nowSeconds());
              EXPECT_TRUE(isThere()) << "at the start";
          },
-         [&] { EXPECT_FALSE(isThere()) << "nothing has changed"; },
+         [&] {
+             EXPECT_FALSE(isThere()) << "nothing has changed";
+             clock.AdvanceMilliseconds(10 * 60000);
+         },
+         [&] { EXPECT_TRUE(isThere()) << "somebody deleted it ten minutes ago"; },
          [&] {
              EXPECT_FALSE(isThere());
              NoteUpload(u"cs", 8443, 500);
@@ -110,7 +121,7 @@ TEST_F(HealthReport, WritesTheFileAtEventsAndWhenAnythingChanged) {
 }
 
 TEST_F(HealthReport, SaysOnceThatAFileCannotBeWritten) {
-    SetRegistry(monitoringKeyPath, u"MetricsFile", u"absent\\kvagent.prom", platform::RegistryType::text);
+    SetMetricsFile(folder / "absent" / "kvagent.prom");
     const auto full = std::make_shared<std::optional<platform::ScopedOperations<platform::FileOperations>>>();
     full->emplace(Failing(&platform::FileOperations::WriteFile, platform::error::diskFull));
     Run({[] {}, [] {}, [&] { full->reset(); }, [] {}});
@@ -146,6 +157,10 @@ TEST_F(HealthReport, PutsWhatMattersIntoItsLine) {
     EXPECT_EQ(line({.registration = "no answer in time"}, 0), "not registered yet at cs:8443: no answer in time");
     agentState.gv_custID.reset();
     EXPECT_EQ(line({}, 3), "CustomerName is missing, and no setting after it is read");
+    agentState.gv_ServerPort = 70000;
+    EXPECT_EQ(line({}, 0), "no server: KVServerSecurePort is missing");
+    SetRegistry(serverInfoKeyPath, u"KVServerSecurePort", u"70000", platform::RegistryType::text);
+    EXPECT_EQ(line({}, 0), "no server: KVServerSecurePort is not a port");
     agentState.gv_ServerName.reset();
     EXPECT_EQ(line({}, 0), "no server: KVServerName is missing") << "the first one that is read";
 }
@@ -198,8 +213,7 @@ std::string OpenMetricsFault(const std::string& text) {
 TEST_F(HealthReport, WritesMetricsEachMinuteForEveryone) {
     const fs::path metrics = folder / "textfiles" / "kvagent.prom";
     fs::create_directory(metrics.parent_path());
-    SetRegistry(monitoringKeyPath, u"MetricsFile", platform::WideFromUtf8(metrics.string()),
-                platform::RegistryType::text);
+    SetMetricsFile(metrics);
     Write(zipdata / "a.zip", "12345");
     Write(zipdata / "b.zip", "123");
     Write(data / "a.txt", "1");
@@ -218,7 +232,52 @@ TEST_F(HealthReport, WritesMetricsEachMinuteForEveryone) {
     const fs::perms others = fs::status(metrics).permissions() & fs::perms::others_all;
     EXPECT_TRUE((others & fs::perms::others_read) != fs::perms::none);
     ReportStop();
+    ReportStopInMetrics();
     EXPECT_THAT(Read(metrics), HasSubstr("\nkvagent_up 0\n"));
+}
+
+TEST_F(HealthReport, SaysWhyMetricsAreNotWritten) {
+    SetMetricsFile("kvagent.prom");
+    Run({});
+    EXPECT_EQ(TimesLogged("MetricsFile is not a whole path, and no metrics are written: kvagent.prom\n"), 1);
+    SetMetricsFile(folder / "kvagent.prom", platform::RegistryType::binary);
+    Run({});
+    EXPECT_EQ(TimesLogged("MetricsFile cannot be read as a text, and no metrics are written: "), 1);
+}
+
+TEST_F(HealthReport, AStopDoesNotWaitForASlowFolderOfMetrics) {
+    SetMetricsFile(folder / "kvagent.prom");
+    const auto move = platform::Files().MoveFileExW;
+    const test::Replaced slow(&platform::FileOperations::MoveFileExW, [&](auto from, auto to, auto existing) {
+        if (to.ends_with(u"kvagent.prom") && !agentHealth.isReportOver) {
+            std::thread(ReportStop).join();
+            EXPECT_EQ(Status()->processId, 0) << "while the metrics are being written";
+        }
+        return move(from, to, existing);
+    });
+    Run({[] { ++agentHealth.zipsMade; }, [] {}});
+    EXPECT_EQ(Status()->processId, 0) << "nothing is reported after a stop";
+    ReportStopInMetrics();
+    EXPECT_THAT(Read(folder / "kvagent.prom"), HasSubstr("\nkvagent_up 0\n"));
+}
+
+TEST_F(HealthReport, IsOfTheRunningServiceAlone) {
+    SetMetricsFile(folder / "kvagent.prom");
+    ReportStop();
+    Run({});
+    EXPECT_FALSE(Status()) << "a stop came before the first report";
+    ResetAgentHealth();
+    StopLogging();
+    const test::Replaced used(&platform::FileOperations::GetFileUseState,
+                              [](auto&&...) { return platform::error::sharingViolation; });
+    RotateLogger(std::nullopt);
+    agentState.gv_serviceStatusHandle = 0;
+    Run({});
+    EXPECT_FALSE(Status()) << "beside a service that writes to the log";
+    EXPECT_FALSE(fs::exists(folder / "kvagent.prom"));
+    agentState.gv_serviceStatusHandle = 77;
+    Run({});
+    EXPECT_TRUE(Status()) << "the service itself";
 }
 
 TEST_F(HealthReport, RefusesADamagedFile) {

@@ -1,4 +1,5 @@
 // The table of settings, and that docs/running.md tells the same.
+#include <filesystem>
 #include <fstream>
 #include <gmock/gmock.h>
 #include <map>
@@ -53,6 +54,7 @@ TEST(AgentSettings, AreThoseOfTheDocumentation) {
 }
 
 TEST(AgentSettings, TakeWhatTheAgentCanUse) {
+    const std::u16string here = std::filesystem::current_path().u16string();
     const struct {
         const char* title;
         std::u16string_view key, name;
@@ -64,6 +66,7 @@ TEST(AgentSettings, TakeWhatTheAgentCanUse) {
         {"second", serverInfoKeyPath, u"KVServerSecIPAddress", {u"--", u"", u"192.0.2.1"}, {u"http://cs"}},
         {"flag", agentKeyPath, u"ProxyEnabled", {u"yes", u"NO"}, {u"true", u"1", u""}},
         {"directory", agentKeyPath, u"KVAgentInstallDir", {u"/opt/k/", u"C:\\K\\"}, {u"/opt/k", u""}},
+        {"whole path", monitoringKeyPath, u"MetricsFile", {u"", here.c_str()}, {u"kv.prom", u"..\\kv.prom"}},
         {"password", agentKeyPath, u"ProxyPassword", {u"c2VjcmV0", u""}, {u"secret!"}},
         {"number", agentKeyPath, u"AgentLogLevel", {}, {u"2"}},
     };

@@ -60,6 +60,23 @@ TEST_F(FileHelpers, WritesAFileCompletelyOrNotAtAll) {
     EXPECT_TRUE(content.empty());
 }
 
+TEST_F(FileHelpers, ReplacesAFileNeverThroughALink) {
+    for (const char* name : {"status.json.tmp", "status.json"}) {
+        Write(folder / "others", "theirs");
+        fs::remove(bin / "status.json");
+        std::error_code refused;  // not everyone may make such links on Windows
+        fs::create_symlink(folder / "others", bin / name, refused);
+        if (refused) fs::create_hard_link(folder / "others", bin / name);
+        EXPECT_EQ(ReplaceFile(u"status.json", u"status.json.tmp", "ours", Readers::everyone), error::success) << name;
+        EXPECT_EQ(Read(folder / "others") + Read(bin / "status.json"), "theirsours") << name;
+        EXPECT_FALSE(fs::is_symlink(bin / "status.json")) << name;
+    }
+    Write(bin / "status.json.tmp" / "kept", "");
+    EXPECT_NE(ReplaceFile(u"status.json", u"status.json.tmp", "new", Readers::everyone), error::success);
+    EXPECT_EQ(Read(bin / "status.json"), "ours");
+    EXPECT_TRUE(fs::exists(bin / "status.json.tmp" / "kept"));
+}
+
 TEST_F(FileHelpers, TakesUnknownRoomAsEnough) {
     const platform::ScopedOperations scoped(
         Failing(&platform::FileOperations::GetDiskFreeSpaceExW, error::notSupported));
