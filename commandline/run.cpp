@@ -251,6 +251,20 @@ std::string Parser::CommandsWith(std::string_view option) const {
     return fmt::format("{}", fmt::join(names, ", "));
 }
 
+/// The command whose help tells of words: "kvagentctl query"; the program alone when they begin with no command.
+std::string NameForHelp(const Program& program, const std::vector<std::string>& words) {
+    for (const std::span<const Command> topic : program.topics) {
+        for (const Command& command : topic) {
+            const std::size_t count = command.name.find(' ') == command.name.npos ? 1 : 2;
+            if (words.size() < count) continue;
+            if (fmt::format("{}", fmt::join(words.begin(), words.begin() + static_cast<std::ptrdiff_t>(count), " ")) ==
+                command.name)
+                return fmt::format("{} {}", program.name, command.name);
+        }
+    }
+    return std::string(program.name);
+}
+
 int Failure(const Program& program, int exitCode, const std::string& message, const std::string& hint = "") {
     static_cast<void>(std::fflush(stdout));
     const std::string line = fmt::format("{}: {}{}\n", program.name, InLine(message), hint);
@@ -276,13 +290,15 @@ int RunCommandLine(const Program& program, const std::vector<std::string>& words
         FlushOutput();
         return success;
     } catch (const ExitWith& result) {
-        return std::fflush(stdout) == 0 ? result.code : failure;
+        const bool isPrinted = std::fflush(stdout) == 0;
+        return isPrinted || result.code != success ? result.code : failure;
     } catch (const UsageError& error) {
-        return Failure(program, wrongUsage, error.what(), fmt::format(" (see {} --help)", program.name));
+        return Failure(program, wrongUsage, error.what(), fmt::format(" (see {} --help)", NameForHelp(program, words)));
     } catch (const NotFoundError& error) {
         return Failure(program, notFound, error.what());
     } catch (const std::exception& error) {
-        return Failure(program, failure, error.what());
+        const bool isOutput = std::ferror(stdout) != 0;
+        return Failure(program, failure, isOutput ? "standard output cannot be written" : error.what());
     }
 }
 

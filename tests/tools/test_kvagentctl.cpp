@@ -21,7 +21,7 @@ TEST_F(ControlTool, RefusesWhatIsNotASnmpRequest) {
         {{"get", "127.0.0.1", ".1.4294967295"}, "is not an OID"},
         {{"-p", "0", "get", "127.0.0.1", ".1"}, "--port takes a number from 1 to 65535, not '0'"},
         {{"--version", "v3", "get", "127.0.0.1", ".1"}, "--version takes v1 or v2c, not 'v3'"},
-        {{"-x", "get", "127.0.0.1", ".1"}, "unknown option '-x'"},
+        {{"-x", "get", "127.0.0.1", ".1"}, "unknown option '-x' (see kvagentctl snmp --help)"},
     };
     for (const auto& [words, errors] : rows) {
         Words line = words;

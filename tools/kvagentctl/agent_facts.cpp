@@ -20,6 +20,7 @@
 #include "queryconf/conf_paths.h"
 #include "tools/kvagentctl/status_text.h"
 #include "tools/kvreg/registry_failure.h"
+#include "tools/kvreg/registry_tree.h"
 
 namespace kv::control {
 
@@ -42,15 +43,26 @@ OptionalText Setting(AgentFacts& facts, std::u16string_view key, std::u16string_
     return text;
 }
 
+/// Notes a setting that the agent cannot do without, and that is absent or not a text.
+void GatherNeeded(AgentFacts& facts, const AgentSetting& setting) {
+    if (Setting(facts, setting.key, setting.name)) return;
+    RegFileValue value;
+    const std::string title = SettingTitle(setting);
+    if (ReadValue(setting.key, setting.name, value) == error::success)
+        facts.faultySettings.push_back(title + " " + SettingFault(setting, value.type, value.data));
+    else
+        facts.missingSettings.push_back(title);
+}
+
 void GatherSettings(AgentFacts& facts, std::u16string& binPath) {
     for (const AgentSetting& setting : AgentSettings()) {
-        if (setting.use == SettingUse::required && !Setting(facts, setting.key, setting.name))
-            facts.missingSettings.push_back(SettingTitle(setting));
-        if (!facts.registryFailure.empty()) return facts.missingSettings.clear();
+        if (setting.use == SettingUse::required) GatherNeeded(facts, setting);
+        if (!facts.registryFailure.empty()) return facts.missingSettings.clear(), facts.faultySettings.clear();
     }
     const OptionalText directory = Setting(facts, agentKeyPath, u"KVAgentInstallDir");
     if (directory) binPath = *directory + u"monitoring\\bin\\";
     if (directory) facts.binPath = NativeName(binPath);
+    facts.isInstallLost = directory && !MayExist(*directory);
     const std::u16string key = Setting(facts, monitoringKeyPath, u"MonitoringAgentKey").value_or(u"");
     if (key != u"NULL" && key != u"HUBCENTER") facts.key = Utf8FromWide(key);
     const OptionalText name = Setting(facts, serverInfoKeyPath, u"KVServerName");
@@ -186,7 +198,8 @@ void GatherDisk(AgentFacts& facts, const std::u16string& binPath) {
     facts.records = MeasureWaitingRecords(binPath);
     facts.zips = MeasureWaitingZips(binPath);
     std::uint64_t available = 0;
-    if (platform::Files().GetDiskFreeSpaceExW(binPath, available) == error::success) facts.freeBytes = available;
+    facts.diskError = platform::Files().GetDiskFreeSpaceExW(binPath, available);
+    if (facts.diskError == error::success) facts.freeBytes = available;
 }
 
 /// Collects problems in the order of their weight.
@@ -234,7 +247,10 @@ void Judge::JudgeAgent() {
     if (!facts_.missingSettings.empty())
         Add(Severity::critical, fmt::format("{} {} missing", fmt::join(facts_.missingSettings, ", "),
                                             facts_.missingSettings.size() == 1 ? "is" : "are"));
-    if (facts_.registryFailure.empty() && facts_.missingSettings.empty() && facts_.key.empty())
+    for (const std::string& fault : facts_.faultySettings) Add(Severity::critical, fault);
+    AddIf(facts_.isInstallLost, Severity::critical, "KVAgentInstallDir names a directory that does not exist");
+    const bool isSetUp = facts_.missingSettings.empty() && facts_.faultySettings.empty();
+    if (facts_.registryFailure.empty() && isSetUp && facts_.key.empty())
         Add(Severity::critical,
             "not registered yet" +
                 (facts_.health && !facts_.health->registration.empty() ? ": " + facts_.health->registration : ""));
@@ -244,6 +260,9 @@ void Judge::JudgeAgent() {
 
 void Judge::JudgeReadability() {
     if (!facts_.healthFailure.empty()) Add(Severity::unknown, facts_.healthFailure);
+    if (facts_.diskError != error::success && !facts_.isInstallLost)
+        Add(Severity::unknown, fmt::format("the disk room at {} cannot be told: {}", facts_.binPath,
+                                           platform::MessageInLine(facts_.diskError)));
     for (const auto& [waiting, what] : {std::pair{&facts_.records, "records"}, {&facts_.zips, "zips"}}) {
         if (waiting->error != error::success)
             Add(Severity::unknown,

@@ -46,6 +46,8 @@ struct AgentFacts {
     std::string key;              // empty before the first registration
     std::string server;           // as "https://cs:8443"; empty without one
     std::vector<std::string> missingSettings;
+    std::vector<std::string> faultySettings;  // needed ones that are not texts, each with what is wrong
+    bool isInstallLost = false;               // what KVAgentInstallDir names does not exist
 
     std::string service;  // its state at the service manager, or why that is not known
     bool isRunning = false;
@@ -58,6 +60,7 @@ struct AgentFacts {
     WaitingFiles records;
     WaitingFiles zips;
     std::optional<std::uint64_t> freeBytes;  // where the queue lies
+    platform::Error diskError = platform::error::success;
 };
 
 /// Throws std::bad_alloc.

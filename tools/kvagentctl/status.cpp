@@ -10,6 +10,7 @@
 
 #include "commandline/run.h"
 #include "foundation/version.h"
+#include "platform/messages.h"
 #include "tools/kvagentctl/agent_facts.h"
 #include "tools/kvagentctl/status_text.h"
 #include "tools/kvagentctl/verbs.h"
@@ -30,7 +31,7 @@ constexpr commandline::Option options[] = {
     {"--json", "", "for programs: an object; times are seconds since 1970, 0 for never"},
     {"--plugin", "",
      "for monitoring: one line with performance data, and exit code 0 (fine), 1 (warning), 2 "
-     "(critical) or 3 (unknown)"},
+     "(critical) or 3 (unknown, and a value that is refused); an option that status does not know ends with 2"},
     {"--warning-age", "MINUTES", "with --plugin: a zip that waits for so long is a warning; 30 by default"},
     {"--critical-age", "MINUTES", "with --plugin: and for so long is critical; 360 by default"},
     {"--warning-free", "MB", "with --plugin: less room on the disk is a warning; 200 by default"},
@@ -81,6 +82,11 @@ void AddHealthLines(const AgentFacts& facts, std::vector<Line>& lines) {
                                            (health.lastFailure.empty() ? "" : ": " + health.lastFailure));
 }
 
+std::string ServerText(const AgentFacts& facts) {
+    if (!facts.server.empty()) return facts.server;
+    return facts.faultySettings.empty() ? "not set: kvagentctl setup" : "not known: kvagentctl check";
+}
+
 std::vector<Line> Lines(const AgentFacts& facts) {
     std::vector<Line> lines;
     const std::string version = facts.health ? facts.health->version : std::string(programVersion);
@@ -92,7 +98,7 @@ std::vector<Line> Lines(const AgentFacts& facts) {
         return lines;
     }
     lines.emplace_back("key", facts.key.empty() ? "not registered yet" : facts.key);
-    lines.emplace_back("server", facts.server.empty() ? "not set: kvagentctl setup" : facts.server);
+    lines.emplace_back("server", ServerText(facts));
     if (facts.binPath.empty()) return lines;
     AddHealthLines(facts, lines);
     lines.emplace_back("plan", PlanText(facts.plan));
@@ -102,7 +108,7 @@ std::vector<Line> Lines(const AgentFacts& facts) {
     lines.emplace_back("records", WaitingText(facts.records, "record", facts.now));
     lines.emplace_back("zips", WaitingText(facts.zips, "zip", facts.now));
     lines.emplace_back("disk room", facts.freeBytes ? fmt::format("{} at {}", SizeText(*facts.freeBytes), facts.binPath)
-                                                    : "not known");
+                                                    : "not known: " + platform::MessageInLine(facts.diskError));
     return lines;
 }
 
@@ -133,10 +139,15 @@ json_object* JsonObject(const std::vector<std::pair<const char*, json_object*>>&
     return object;
 }
 
+json_object* JsonFailure(platform::Error failure) {
+    return failure == platform::error::success ? nullptr : JsonText(platform::MessageInLine(failure));
+}
+
 json_object* JsonWaiting(const WaitingFiles& waiting) {
     return JsonObject({{"number", json_object_new_uint64(waiting.number)},
                        {"bytes", json_object_new_uint64(waiting.bytes)},
-                       {"oldestTime", json_object_new_int64(waiting.oldestTime)}});
+                       {"oldestTime", json_object_new_int64(waiting.oldestTime)},
+                       {"failure", JsonFailure(waiting.error)}});
 }
 
 json_object* JsonPlan(const PlanFacts& plan) {
@@ -145,7 +156,8 @@ json_object* JsonPlan(const PlanFacts& plan) {
                        {"failure", plan.failure.empty() ? nullptr : JsonText(plan.failure)},
                        {"workflows", json_object_new_uint64(plan.workflows)},
                        {"records", json_object_new_uint64(plan.records)},
-                       {"refusedTime", json_object_new_int64(plan.refusedTime)}});
+                       {"refusedTime", json_object_new_int64(plan.refusedTime)},
+                       {"refusedFile", plan.refusedFile.empty() ? nullptr : JsonText(plan.refusedFile)}});
 }
 
 json_object* JsonHealth(const HealthSnapshot& health) {
@@ -175,6 +187,8 @@ void PrintJson(const AgentFacts& facts, const std::vector<Problem>& problems) {
     const Json object(JsonObject({{"version", JsonText(std::string(programVersion))},
                                   {"isRunning", json_object_new_boolean(facts.isRunning)},
                                   {"service", JsonText(facts.service)},
+                                  {"process", facts.process.empty() ? nullptr : JsonText(facts.process)},
+                                  {"directory", isPlaceKnown ? JsonText(facts.binPath) : nullptr},
                                   {"key", facts.key.empty() ? nullptr : JsonText(facts.key)},
                                   {"server", facts.server.empty() ? nullptr : JsonText(facts.server)},
                                   {"agent", facts.health ? JsonHealth(*facts.health) : nullptr},
@@ -218,14 +232,15 @@ std::string FineText(const AgentFacts& facts) {
     return text;
 }
 
-[[noreturn]] void EndAsPlugin(const AgentFacts& facts, const std::vector<Problem>& problems, const Thresholds& limits) {
+Severity PrintForMonitoring(const AgentFacts& facts, const std::vector<Problem>& problems, const Thresholds& limits) {
     constexpr const char* names[] = {"OK", "WARNING", "CRITICAL", "UNKNOWN"};
     const Severity severity = problems.empty() ? Severity::fine : problems.front().severity;
     std::string text = problems.empty() ? FineText(facts) : "";
     for (const Problem& problem : problems) text += (text.empty() ? "" : "; ") + problem.text;
     fmt::print("KVAGENT {} - {}{}\n", names[static_cast<std::size_t>(severity)], PluginText(text),
                PerformanceData(facts, limits));
-    throw commandline::ExitWith{static_cast<int>(severity)};
+    commandline::FlushOutput();
+    return severity;
 }
 
 Thresholds ReadThresholds(const Given& given) {
@@ -247,14 +262,29 @@ Thresholds ReadThresholds(const Given& given) {
     return limits;
 }
 
+/// Monitoring takes the exit codes of a failure for a state of the agent, so that every failure here is "unknown".
+[[noreturn]] void RunAsPlugin(const Given& given) {
+    Severity severity = Severity::unknown;
+    try {
+        if (Has(given, "--json")) throw UsageError("--json and --plugin do not go together");
+        const Thresholds limits = ReadThresholds(given);
+        const AgentFacts facts = GatherFacts();
+        severity = PrintForMonitoring(facts, JudgeFacts(facts, limits), limits);
+    } catch (const std::exception& error) {
+        severity = Severity::unknown;
+        const std::string line = fmt::format("KVAGENT UNKNOWN - {}\n", PluginText(error.what()));
+        static_cast<void>(std::fputs(line.c_str(), stdout));  // which may be what failed
+    }
+    throw commandline::ExitWith{static_cast<int>(severity)};
+}
+
 void RunStatus(const Given& given) {
     constexpr int failed = 1;
     constexpr int notInstalled = 3;
+    if (Has(given, "--plugin")) RunAsPlugin(given);
     const Thresholds limits = ReadThresholds(given);
-    if (Has(given, "--json") && Has(given, "--plugin")) throw UsageError("--json and --plugin do not go together");
     const AgentFacts facts = GatherFacts();
     const std::vector<Problem> problems = JudgeFacts(facts, limits);
-    if (Has(given, "--plugin")) EndAsPlugin(facts, problems, limits);
     if (Has(given, "--json"))
         PrintJson(facts, problems);
     else

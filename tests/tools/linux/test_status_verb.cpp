@@ -126,6 +126,15 @@ TEST_F(StatusVerb, EndsAsAMonitoringPlugin) {
         {"half a plan", [&] { Write(monitoring / "conf/queryconf.txt", "{ \"WorkFlows\": ["); }, 1, "cannot be read"},
         {"damage", [&] { Write(monitoring / "logs/status.json", "{"); }, 3, "KVAGENT UNKNOWN - "},
         {"no customer", [] { Delete(agentKeyPath, u"CustomerName"); }, 2, "CRITICAL - CustomerName is missing"},
+        {"a number",
+         [] {
+             writeValue(platform::RootKey::localMachine, agentKeyPath, u"CustomerName", u"5",
+                        platform::RegistryType::dword);
+         },
+         2, "CRITICAL - CustomerName has to be a text"},
+        {"no directory", [&] { fs::remove_all(monitoring / "bin"); }, 3, "the disk room at "},
+        {"no install directory", [] { Set(agentKeyPath, u"KVAgentInstallDir", u"/no/such/"); }, 2,
+         "KVAgentInstallDir names a directory that does not exist"},
         {"no key", [] { Set(monitoringKeyPath, u"MonitoringAgentKey", u"NULL"); }, 2, "not registered yet: registered"},
         {"full", [] {}, 1, "KVAGENT WARNING - the disk has room for ", {"--warning-free", "1000000000"}},
     };
@@ -141,11 +150,13 @@ TEST_F(StatusVerb, EndsAsAMonitoringPlugin) {
         EXPECT_THAT(outcome.output, HasSubstr(text));
         EXPECT_TRUE(std::regex_match(outcome.output, line)) << outcome.output;
     }
-    for (const Words& wrong :
-         {Words{"--warning-age", "5"}, {"--plugin", "--json"}, {"--plugin", "--warning-age", "999"}}) {
-        Words words{"status"};
+    EXPECT_EQ(Run({"status", "--warning-age", "5"}).exitCode, 2);
+    for (const Words& wrong : {Words{"--json"}, {"--warning-age", "999"}, {"--warning-free", "x"}}) {
+        Words words{"status", "--plugin"};
         words.insert(words.end(), wrong.begin(), wrong.end());
-        EXPECT_EQ(Run(words).exitCode, 2);
+        const Outcome outcome = Run(words);
+        EXPECT_EQ(outcome.exitCode, 3);
+        EXPECT_THAT(outcome.output, StartsWith("KVAGENT UNKNOWN - --"));
     }
 }
 
