@@ -10,7 +10,9 @@
 #include "foundation/proxy_password.h"
 #include "foundation/registry_store.h"
 #include "foundation/text.h"
+#include "platform/messages.h"
 #include "platform/system_facts.h"
+#include "platform/utf.h"
 
 namespace kv {
 
@@ -164,17 +166,20 @@ void PrintDetails() {
 
 bool ProxyIsEnabled() { return CompareIgnoreCase(agentState.gv_proxyEnabled, u"yes") == 0; }
 
-/// The password in clear from the service manager, its bytes as those of the setting. Editors end a file with a line
-/// end, which is not part of it.
+/// The password in clear from the service manager, in UTF-8. Editors end a file with a line end, which is not part of
+/// it.
 void ReadProxyCredential() {
     std::string secret;
     const Error result = platform::SystemFacts().ReadCredential("proxy-password", secret);
     if (result == error::fileNotFound) return;
-    if (!Fetched(result, "\t Error in reading the credential proxy-password. gv_proxyPassword is not updated\n"))
+    if (result != error::success) {
+        Log1("\t Error in reading the credential proxy-password: %s (error %d). gv_proxyPassword is not updated\n",
+             platform::MessageInLine(result), result);
         return;
+    }
     if (secret.ends_with('\n')) secret.pop_back();
-    agentState.gv_proxyPassword.emplace();
-    for (const char byte : secret) *agentState.gv_proxyPassword += static_cast<unsigned char>(byte);
+    if (secret.ends_with('\r')) secret.pop_back();
+    agentState.gv_proxyPassword = platform::WideFromUtf8(secret);
     Log2("\t getProxyServerDetails() :: the proxy's password is that of the credential proxy-password\n");
 }
 

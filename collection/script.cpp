@@ -150,6 +150,8 @@ std::u16string ScriptParameters(const HashTable* record) {
 bool MayRun(std::u16string_view fileName, const OptionalText& recordName) {
     if (!StaysBelowDirectory(fileName)) {
         Log1("ExecuteScript : %s does not name a file below the scripts directory and is not run \n", fileName);
+        NoteFailedQuery("the script %s of the record %s is not run: it is not below the scripts directory", fileName,
+                        recordName);
         return false;
     }
     const ServerLimit limit = LimitOfScripts();
@@ -157,8 +159,10 @@ bool MayRun(std::u16string_view fileName, const OptionalText& recordName) {
     std::optional<std::u16string> refusal = limit.Refusal(names);
     if (limit.isSet() && !refusal && FindChar(fileName, u'"') != std::u16string_view::npos)
         refusal = u"its name has a quote";
-    if (refusal)
+    if (refusal) {
         Log1("ExecuteScript : the script %s of the record %s is not run: %s \n", fileName, recordName, *refusal);
+        NoteFailedQuery("the script %s of the record %s is not run: %s", fileName, recordName, *refusal);
+    }
     return !refusal;
 }
 
@@ -202,11 +206,11 @@ int ExecuteScript(std::u16string_view fileName, std::u16string_view commandLineP
     std::u16string remarks;
     const bool succeeded = execute(std::nullopt, processString, remarks, minuteLimit, true, bound) == 1;
     if (!succeeded) {
-        NoteFailedQuery("script %s failed: %s", fileName, remarks);
         Log1("ExecuteScript : Unable to create a output file for the command %s and the remarks is %s \n",
              processString, remarks);
-        Log1("ExecuteScript : the script %s of the record %s failed: %s \n", fileName, recordName,
-             ReasonOfFailure(command.path, remarks));
+        const std::u16string reason = ReasonOfFailure(command.path, remarks);
+        Log1("ExecuteScript : the script %s of the record %s failed: %s \n", fileName, recordName, reason);
+        NoteFailedQuery("the script %s of the record %s failed: %s", fileName, recordName, reason);
     }
     if (!record) return 0;
     MakeRecordOfOutput(*record, platform::Processes().GetScriptOutputEncoding(command.scriptHost));

@@ -212,11 +212,9 @@ TEST_F(ServerDetails, TakesTheProxyPasswordFromTheServiceManagerIfItIsAbsent) {
         std::string secret;
         std::optional<std::u16string> password;
     } rows[] = {
-        {error::success, "s3cret\n", u"s3cret"},
-        {error::success, "s3\xC3\xA9\n\n", u"s3\u00C3\u00A9\n"},
-        {error::success, "", u""},
-        {error::fileNotFound, "", std::nullopt},
-        {error::accessDenied, "", std::nullopt},
+        {error::success, "s3cret\n", u"s3cret"},   {error::success, "s3\xC3\xA9\n\n", u"s3\u00E9\n"},
+        {error::success, "s3cret\r\n", u"s3cret"}, {error::success, "", u""},
+        {error::fileNotFound, "", std::nullopt},   {error::accessDenied, "", std::nullopt},
     };
     std::size_t row = 0;
     const test::Replaced credential(&platform::SystemFactOperations::ReadCredential,
@@ -229,7 +227,8 @@ TEST_F(ServerDetails, TakesTheProxyPasswordFromTheServiceManagerIfItIsAbsent) {
         getProxyServerDetails();
         EXPECT_EQ(agentState.gv_proxyPassword, rows[row].password) << row;
     }
-    EXPECT_TRUE(Logged("Error in reading the credential proxy-password"));
+    EXPECT_TRUE(Logged("Error in reading the credential proxy-password: "));
+    EXPECT_TRUE(Logged(" (error 5). gv_proxyPassword is not updated\n"));
     EXPECT_FALSE(Logged("s3"));
     row = 0;
     Set({agentKeyPath, u"ProxyPassword", u"YWJj"});

@@ -150,6 +150,8 @@ TEST_F(Collection, RunsOnlyScriptsBelowTheScriptsDirectory) {
     EXPECT_EQ(Record(1), "ran" + lineEnd);
     ExecuteScript(u"missing.sh", u"", u"yes", u"Lost");
     EXPECT_TRUE(Logged("the script missing.sh of the record Lost failed: there is no file "));
+    EXPECT_THAT(ReadLastEvents().failure,
+                testing::StartsWith("the script missing.sh of the record Lost failed: there is no file "));
     WriteScript("bad.bat", "exit 3");
     ExecuteScript(u"bad.bat", u"", u"yes", u"Bad");
     EXPECT_TRUE(Logged("the script bad.bat of the record Bad failed: Error Code : 3 \n"));
@@ -182,7 +184,10 @@ TEST_F(Collection, RunsOnlyScriptsThatTheAdministratorAllows) {
         EXPECT_EQ(agentState.gv_ocLastCreatedJSONNum, before + (runs ? 1 : 0))
             << platform::Utf8FromWide(setting) << " for " << platform::Utf8FromWide(script);
         refused += runs ? 0 : 1;
+        EXPECT_EQ(agentHealth.queriesFailed, static_cast<unsigned>(refused));
     }
+    EXPECT_EQ(ReadLastEvents().failure,
+              "the script disks.bat of the record Disks is not run: AllowedScripts does not have it");
     EXPECT_EQ(TimesLogged("of the record Disks is not run: "), refused);
     EXPECT_TRUE(Logged("the script DISKS.bat of the record Disks is not run: AllowedScripts does not have it"));
     EXPECT_EQ(Record(agentState.gv_ocLastCreatedJSONNum), "ran" + lineEnd);
