@@ -40,7 +40,10 @@ struct Row {
 };
 
 constexpr PropertyInfo properties[] = {
-    {u"Array", ArrayOf(CimType::string), 1, "", [](const Row&) { return CimArray{2}; }},
+    {u"Array", ArrayOf(CimType::string), 1, "",
+     [](const Row& row) {
+         return CimArray{{row.text, row.small}};
+     }},
     {u"B", CimType::boolean, 1, "", [](const Row& row) { return row.flag; }},
     {u"I1", CimType::sint8, 1, "", [](const Row& row) { return row.small; }},
     {u"I2", CimType::sint16, 1, "", [](const Row& row) { return row.small; }},
