@@ -12,7 +12,7 @@ namespace {
 
 namespace error = platform::error;
 
-/// What no wildcard stands for. A service has none in its name.
+/// What no wildcard stands for. The name of a service never has one.
 constexpr char16_t separator = u'/';
 
 /// A text in the form in which patterns and names are compared.
@@ -60,10 +60,13 @@ bool Matches(std::u16string_view pattern, std::u16string_view name) {
 
 }  // namespace
 
-ServerLimit::ServerLimit(std::u16string_view setting, Kind kind) : setting_(setting), kind_(kind) {
+ServerLimit::ServerLimit(std::u16string_view setting, Kind kind, std::atomic<bool>& wasAbsent)
+    : setting_(setting), kind_(kind) {
     OptionalText text;
     const platform::Error failure = LookUpText(monitoringKeyPath, setting, text);
-    isSet_ = failure != error::fileNotFound && failure != error::pathNotFound;
+    const bool isAbsent = failure == error::fileNotFound || failure == error::pathNotFound;
+    if (isAbsent || failure == error::success || failure == error::invalidData) wasAbsent = isAbsent;
+    isSet_ = !wasAbsent;
     if (!isSet_) return;
     if (failure == error::invalidData) {
         fault_ = u" is not a text, so nothing is allowed";
@@ -88,6 +91,21 @@ std::optional<std::u16string> ServerLimit::Refusal(std::span<const std::u16strin
         if (std::any_of(patterns_.begin(), patterns_.end(), matches)) return std::nullopt;
     }
     return setting_ + u" does not have it";
+}
+
+ServerLimit LimitOfRequests() {
+    static std::atomic<bool> wasAbsent{false};
+    return {u"AllowedRequests", ServerLimit::Kind::names, wasAbsent};
+}
+
+ServerLimit LimitOfServices() {
+    static std::atomic<bool> wasAbsent{false};
+    return {u"AllowedServices", ServerLimit::Kind::names, wasAbsent};
+}
+
+ServerLimit LimitOfScripts() {
+    static std::atomic<bool> wasAbsent{false};
+    return {u"AllowedScripts", ServerLimit::Kind::paths, wasAbsent};
 }
 
 }  // namespace kv

@@ -1,8 +1,9 @@
 // What a server may ask of this computer, as far as its administrator limits it. Each limit is a text in the registry
 // key Monitoring: patterns with commas between them. An absent setting is no limit; an empty one, and one that is not a
-// text or cannot be read, allows nothing.
+// text or cannot be read, allows nothing. What cannot be read was absent if the last reading that succeeded said so.
 #pragma once
 
+#include <atomic>
 #include <optional>
 #include <span>
 #include <string>
@@ -21,7 +22,8 @@ class ServerLimit {
         paths,  // as they are written; "/" and "\" are the same, and no wildcard stands for them
     };
 
-    ServerLimit(std::u16string_view setting, Kind kind);
+    /// wasAbsent is kept from one reading of the setting to the next.
+    ServerLimit(std::u16string_view setting, Kind kind, std::atomic<bool>& wasAbsent);
 
     /// Whether there is a limit at all.
     bool isSet() const { return isSet_; }
@@ -39,8 +41,8 @@ class ServerLimit {
 };
 
 /// The limits that there are.
-inline ServerLimit LimitOfRequests() { return {u"AllowedRequests", ServerLimit::Kind::names}; }
-inline ServerLimit LimitOfServices() { return {u"AllowedServices", ServerLimit::Kind::names}; }
-inline ServerLimit LimitOfScripts() { return {u"AllowedScripts", ServerLimit::Kind::paths}; }
+ServerLimit LimitOfRequests();
+ServerLimit LimitOfServices();
+ServerLimit LimitOfScripts();
 
 }  // namespace kv

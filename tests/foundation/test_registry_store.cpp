@@ -1,5 +1,6 @@
 // The agent's settings in the real registry: sizes, placeholders and absent values.
 #include "foundation/registry_store.h"
+#include "foundation/server_limit.h"
 #include "tests/platform/registry_helpers.h"
 #include "tests/support/test_agent.h"
 
@@ -91,6 +92,20 @@ TEST_F(RegistryStore, ReadsATextAgainThatGrowsMeanwhile) {
                           });
     EXPECT_EQ(ReadRegSZ(root, u"A", u"v", text), error::accessDenied);
     EXPECT_TRUE(Logged("ReadRegSZ: Error while reading DWORD value! 5 \n"));
+}
+
+TEST_F(RegistryStore, ALimitThatCannotBeReadRefusesUnlessItWasAbsent) {
+    const std::u16string names[] = {u"x"};
+    const auto isRefused = [&names] { return LimitOfServices().Refusal(names).has_value(); };
+    const auto isRefusedUnread = [&isRefused] {
+        const Replaced denied(&RegistryOperations::RegOpenKeyExW, [](auto&&...) { return error::accessDenied; });
+        return isRefused();
+    };
+    EXPECT_FALSE(isRefused()) << "absent";
+    EXPECT_FALSE(isRefusedUnread());
+    writeValue(root, monitoringKeyPath, u"AllowedServices", u"x", RegistryType::text);
+    EXPECT_FALSE(isRefused());
+    EXPECT_TRUE(isRefusedUnread());
 }
 
 TEST_F(RegistryStore, NumbersHaveTheirFallbacks) {
