@@ -65,7 +65,8 @@ struct SocketOperations {
         sendto;
 
     /// Receives one datagram; busy when there is none, even right after select has announced one: the system may have
-    /// found it damaged since. What does not fit into capacity is lost, which is an error on some systems.
+    /// found it damaged since. What does not fit into capacity is lost, which on some systems is an error
+    /// that tells the peer all the same.
     std::function<Error(SocketHandle socket, void* buffer, std::size_t capacity, SocketAddress& peer,
                         std::size_t& received)>
         recvfrom;

@@ -29,8 +29,8 @@ constexpr int sendAttempts = 3;
 
 constexpr std::string_view fallbackAddress = "127.0.0.1";
 
-/// Datagrams from elsewhere that one exchange looks at. Whoever sends more can keep the device's answer away anyway.
-constexpr int maxSkipped = 10000;
+/// Datagrams that one exchange looks at, at most. Whoever sends more can keep the device's answer away anyway.
+constexpr int maxLooks = 10000;
 
 /// How often a wait that the system refuses is tried again before its time is over.
 constexpr int maxSelectRepeats = 1000;
@@ -165,23 +165,37 @@ int WaitForSocketData(const TransportDomainAddress& address, std::int64_t micros
     return 0;
 }
 
-/// Receives what waits at the socket. True when it is the device's, which is the peer still, and is kept then.
-bool ReceiveFromDevice(Exchange& exchange, std::string& stranger) {
-    const auto lock = LockSockets();
+/// What came of a datagram that was announced.
+enum class Received {
+    fromDevice,    // kept as the answer; its sender is the peer from now on
+    fromStranger,  // thrown away
+    nothing,       // it was gone
+    failure,       // with a log line
+};
+
+/// Receives what waits at the socket, while the peer is still the device.
+Received ReceiveFromDevice(Exchange& exchange, std::string& stranger) {
+    auto lock = LockSockets();
     std::vector<std::uint8_t> bytes(messageBufferSize);
-    platform::SocketAddress sender;
+    platform::SocketAddress sender{.address = exchange.peer.address, .port = exchange.peer.port};
     std::size_t received = 0;
-    if (Sockets().recvfrom(exchange.info.socket, bytes.data(), bytes.size(), sender, received) != error::success) {
-        return false;
-    }
+    const platform::Error result =
+        Sockets().recvfrom(exchange.info.socket, bytes.data(), bytes.size(), sender, received);
+    if (result == error::busy) return Received::nothing;
     if (sender.address != exchange.peer.address) {
         stranger = Sockets().inet_ntoa(sender.address);
-        return false;
+        return Received::fromStranger;
+    }
+    if (result != error::success) {
+        lock = {};
+        Log1("\t WaitForTdInfoResp :: receiving the answer of %s failed, error %d \n",
+             exchange.address.remoteHost.data(), result);
+        return Received::failure;
     }
     exchange.peer = sender;
     bytes.resize(received);
     exchange.answer = std::move(bytes);
-    return true;
+    return Received::fromDevice;
 }
 
 /// Waits for an answer from the device's own address.
@@ -190,17 +204,18 @@ int WaitForDevice(Exchange& exchange, std::int64_t microseconds) {
     const std::uint64_t start = platform::Clock().GetTickCount64();
     std::int64_t left = microseconds;
     int skipped = 0;
-    int isAnswered = 0;
-    while (skipped <= maxSkipped && isAnswered == 0 && WaitForSocketData(exchange.address, left) == 1) {
-        std::string stranger = "a sender that cannot be told";
-        isAnswered = ReceiveFromDevice(exchange, stranger) ? 1 : 0;
-        if (isAnswered == 0 && ++skipped == 1)
+    auto last = Received::nothing;
+    for (int look = 0; look < maxLooks && last != Received::fromDevice && last != Received::failure; ++look) {
+        if (WaitForSocketData(exchange.address, left) != 1) break;
+        std::string stranger;
+        last = ReceiveFromDevice(exchange, stranger);
+        if (last == Received::fromStranger && ++skipped == 1)
             Log1("\t WaitForTdInfoResp :: a datagram from %s is skipped: only %s itself may answer \n", stranger, host);
         left = std::max<std::int64_t>(
             microseconds - static_cast<std::int64_t>(platform::Clock().GetTickCount64() - start) * 1000, 0);
     }
     if (skipped > 1) Log1("\t WaitForTdInfoResp :: %d datagrams from elsewhere than %s are skipped \n", skipped, host);
-    return isAnswered;
+    return last == Received::fromDevice ? 1 : 0;
 }
 
 /// What was received while its sender was looked at.
@@ -300,8 +315,10 @@ void UpdateSourceCheck() {
     OptionalText text;
     const platform::Error failure = LookUpText(monitoringKeyPath, u"SNMPCheckSource", text);
     const bool isAbsent = failure == error::fileNotFound || failure == error::pathNotFound;
+    if (!isAbsent && failure != error::success && failure != error::invalidData) return;
     const bool isOn = !isAbsent && CompareIgnoreCase(text, u"no") != 0;
-    if (isOn && CompareIgnoreCase(text, u"yes") != 0)
+    const bool isMisspelt = isOn && CompareIgnoreCase(text, u"yes") != 0;
+    if (!transportState.sourceCheckIsMisspelt.exchange(isMisspelt) && isMisspelt)
         Log1("\t UpdateSourceCheck :: SNMPCheckSource is neither yes nor no, and counts as yes \n");
     transportState.checksSource = isOn;
 }

@@ -42,6 +42,7 @@ struct TransportState {
     TransportDomainInfo* ownSession = nullptr;              // the engine's own, from its start on; nothing uses it
     platform::SocketHandle maxSocket = 0;                   // the highest one recorded
     std::atomic<bool> checksSource{false};                  // only the device's own address may answer
+    std::atomic<bool> sourceCheckIsMisspelt{false};         // which the log has told
 };
 extern TransportState transportState;
 
@@ -75,7 +76,8 @@ void CloseSnmpSession(TransportDomainInfo* info);
 
 /// Waits for an answer for at most that many microseconds; 0 only looks. 1 when it is there, else 0. A wait that the
 /// system refuses is tried again at once while the time lasts, at most 1000 times. If only the device may answer, what
-/// comes from another address is skipped, with a log line, and does not make the wait longer.
+/// comes from another address is skipped, with a log line, and does not make the wait longer; an answer that cannot be
+/// received ends it.
 [[nodiscard]] int WaitForTdInfoResp(TransportDomainInfo* info, std::int64_t microseconds);
 
 /// Receives one message into a buffer of messageBufferSize bytes: 1, or 0 with length 0 and a log line. After 1 the
@@ -83,7 +85,8 @@ void CloseSnmpSession(TransportDomainInfo* info);
 [[nodiscard]] int ReadSnmpMessage(TransportDomainInfo* info, std::uint8_t* buffer, std::int32_t* length);
 
 /// Takes over whether only the device's own address may answer, whatever its port: the setting SNMPCheckSource. Absent
-/// or "no" in any letter case, anyone may. A value that is neither "yes" nor "no" counts as "yes", with a log line.
+/// or "no" in any letter case, anyone may. A value that is neither "yes" nor "no" counts as "yes", with a log line when
+/// it begins to be so. While the setting cannot be read, what held before holds on.
 void UpdateSourceCheck();
 
 /// Makes the mutex of the table of locks, unless the agent has made it, and from now on lets all sends and receives of

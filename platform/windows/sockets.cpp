@@ -218,8 +218,9 @@ Error ReceiveDatagram(SocketHandle socket, void* buffer, std::size_t capacity, S
     int size = sizeof system;
     const int result = ::recvfrom(SocketOf(socket), static_cast<char*>(buffer), LengthOf(capacity), 0,
                                   reinterpret_cast<sockaddr*>(&system), &size);
-    if (result == SOCKET_ERROR) return SocketErrorOf(::WSAGetLastError());
-    peer = AddressOf(system);
+    const int failure = result == SOCKET_ERROR ? ::WSAGetLastError() : 0;
+    if (failure == 0 || failure == WSAEMSGSIZE) peer = AddressOf(system);
+    if (failure != 0) return SocketErrorOf(failure);
     received = static_cast<std::size_t>(result);
     return error::success;
 }
