@@ -1,6 +1,8 @@
 #include "agent/server_trust.h"
 
 #include <algorithm>
+#include <memory>
+#include <string>
 #include <string_view>
 #include <utility>
 
@@ -21,7 +23,7 @@ using platform::Error;
 namespace error = platform::error;
 
 /// Bytes of a file with authorities, at most: the system's own, some hundred of them, take a quarter of a megabyte.
-constexpr std::uint64_t maxCAFileBytes = std::uint64_t{16} * 1024 * 1024;
+constexpr std::uint64_t maxCAFileBytes = std::uint64_t{1024} * 1024;
 
 constexpr std::size_t keyHashBytes = 32;
 
@@ -95,12 +97,16 @@ void ReadCAFile(ServerTrust& trust) {
     if (!IsGiven(trust, GetKVServerCAFile, "KVServerCAFile", path)) return;
     trust.caFile = path;
     const std::string named = "names " + platform::Utf8FromWide(*path) + ", which ";
-    if (const Error failure = ReadWholeFile(*path, trust.authorities, maxCAFileBytes))
+    std::string authorities;
+    const Error failure = ReadWholeFile(*path, authorities, maxCAFileBytes);
+    if (failure == error::moreData) return Refuse(trust, "KVServerCAFile", named + "is longer than 1 MB");
+    if (failure != error::success)
         return Refuse(trust, "KVServerCAFile", named + "cannot be read: " + SystemText(failure));
     std::size_t count = 0;
-    if (const Error failure = platform::Http().CountCertificates(trust.authorities, count))
+    if (platform::Http().CountCertificates(authorities, count) != error::success)
         return Refuse(trust, "KVServerCAFile", named + "has a certificate that cannot be read");
-    if (count == 0) Refuse(trust, "KVServerCAFile", named + "has no certificate in PEM form");
+    if (count == 0) return Refuse(trust, "KVServerCAFile", named + "has no certificate in PEM form");
+    trust.authorities = std::make_shared<const std::string>(std::move(authorities));
 }
 
 void ReadVerify(ServerTrust& trust) {

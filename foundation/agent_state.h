@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -24,9 +25,9 @@ inline constexpr std::u16string_view serviceName = u"Corvinel Monitoring Agent";
 
 /// What the settings ask of the server's certificate; nothing where none of them is there.
 struct ServerTrust {
-    std::vector<std::string> pinnedKeys;  // each "sha256//" and Base64
-    OptionalText caFile;                  // its path
-    std::string authorities;              // what it holds, PEM
+    std::vector<std::string> pinnedKeys;             // each "sha256//" and Base64
+    OptionalText caFile;                             // its path
+    std::shared_ptr<const std::string> authorities;  // what it holds, PEM
     bool systemAuthorities = false;
     std::string refusal;  // which setting cannot be used and why (UTF-8): nothing may be sent then; else empty
 
@@ -48,7 +49,7 @@ struct AgentState {
     std::int32_t gv_httpTimeout = 30000;  // milliseconds
     ServerTrust gv_serverTrust;
     std::mutex gv_certificatesMutex;                     // guards what follows
-    std::map<std::string, std::string> gv_certificates;  // that the log tells of: the last one (DER) of "host:port"
+    std::map<std::string, std::string> gv_certificates;  // that the log tells of: SHA-256 of the last of "host:port"
 
     // Identity.
     OptionalText gv_custID;

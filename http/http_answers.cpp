@@ -12,6 +12,7 @@
 #include "foundation/registry_store.h"
 #include "foundation/system_error.h"
 #include "foundation/text.h"
+#include "http/server_trust.h"
 #include "platform/messages.h"
 #include "platform/utf.h"
 
@@ -258,6 +259,9 @@ std::string TransactionFailure(platform::Error errorCode) {
         {platform::error::winHttpSecureChannelError, "TLS failed; is it a TLS port?"},
         {platform::error::winHttpSecureFailure, "the server's certificate was refused"},
     };
+    const std::string reason =
+        errorCode == platform::error::winHttpSecureFailure ? ReasonToSendNothing(agentState.gv_httpsEnabled != 0) : "";
+    if (!reason.empty()) return LogText("nothing is sent: %s (error %d)", reason, errorCode);
     for (const auto& [code, text] : words) {
         if (code == errorCode) return LogText("%s (error %d)", text, errorCode);
     }

@@ -2,6 +2,7 @@
 
 #include "foundation/agent_health.h"
 #include "foundation/agent_state.h"
+#include "foundation/guarded.h"
 #include "foundation/log.h"
 #include "http/http_answers.h"
 #include "platform/clock.h"
@@ -113,14 +114,17 @@ std::vector<platform::HttpPresentedCertificate> PresentedTo(const HttpAttempt& a
     return presented;
 }
 
-/// Tells of certificates that are new, and of what went wrong.
-void TellOfServer(const HttpAttempt& attempt, bool hasFailed) {
-    const std::vector<platform::HttpPresentedCertificate> presented = PresentedTo(attempt);
-    NoteCertificates(presented);
-    if (!hasFailed) return;
-    std::string reason;
-    if (Http().QueryFailureText(attempt.request.get(), reason)) reason.clear();
-    LogFailedAddress(attempt.routine, attempt.target, attempt.result, reason, presented);
+/// Tells of certificates that are new, and of what went wrong. Telling is worth no request: memory that runs out ends
+/// the telling alone.
+void TellOfServer(const HttpAttempt& attempt, Error failure) {
+    RunGuarded("TellOfServer", [&] {
+        const std::vector<platform::HttpPresentedCertificate> presented = PresentedTo(attempt);
+        NoteCertificates(presented);
+        if (failure == error::success) return;
+        std::string reason;
+        if (Http().QueryFailureText(attempt.request.get(), reason)) reason.clear();
+        LogFailedAddress(attempt.routine, attempt.target, failure, reason, presented);
+    });
 }
 
 /// The one restart of an attempt: false when it has been used.
@@ -198,12 +202,18 @@ Error SendAndReceive(HttpAttempt& attempt) {
     if (const Error refusal = RefuseToSend(attempt.routine, attempt.target)) return refusal;
     Rounds rounds = Rounds::restart;
     while (rounds == Rounds::restart) {
-        if (const Error failure = OpenHandles(attempt)) return failure;
+        if (const Error failure = OpenHandles(attempt)) {
+            TellOfServer(attempt, failure);
+            return failure;
+        }
         rounds = RunRounds(attempt);
     }
-    TellOfServer(attempt, rounds == Rounds::failed);
-    return rounds == Rounds::failed ? attempt.result : error::success;
+    const Error result = rounds == Rounds::failed ? attempt.result : error::success;
+    TellOfServer(attempt, result);
+    return result;
 }
+
+void TellOfBrokenAnswer(const HttpAttempt& attempt, Error failure) { TellOfServer(attempt, failure); }
 
 Error LookAtCertificate(HttpAttempt& attempt, platform::HttpPresentedCertificate& certificate, std::string& reason) {
     attempt.trust.onlyLook = true;
@@ -224,7 +234,10 @@ Error LookAtCertificate(HttpAttempt& attempt, platform::HttpPresentedCertificate
 Error ReadRawHeaders(const HttpAttempt& attempt, std::u16string& headers) {
     const Error failure =
         Http().WinHttpQueryHeadersText(attempt.request.get(), platform::HttpHeaderQuery::rawHeadersCrlf, headers);
-    if (failure) LogFailedStep("%s :  Error in WinHttpQueryHeaders --> %d \n", attempt.routine, failure);
+    if (failure) {
+        LogFailedStep("%s :  Error in WinHttpQueryHeaders --> %d \n", attempt.routine, failure);
+        TellOfBrokenAnswer(attempt, attempt.result != error::success ? attempt.result : failure);
+    }
     return failure;
 }
 
@@ -234,6 +247,7 @@ Error ReadStatus(const HttpAttempt& attempt, std::uint32_t& status) {
     if (failure) {
         LogFailedStep("%s : WinHttpQueryHeaders failed with the error code while getting http status code %d \n",
                       attempt.routine, failure);
+        TellOfBrokenAnswer(attempt, failure);
     } else if (status == statusProxyAuthentication) {
         Log1("%s : Proxy Credentials are failed to authenticate %d \n", attempt.routine, status);
     } else {

@@ -73,7 +73,10 @@ platform::Error SendAndReceive(HttpAttempt& attempt);
 platform::Error LookAtCertificate(HttpAttempt& attempt, platform::HttpPresentedCertificate& certificate,
                                   std::string& reason);
 
-/// The answer's raw headers. A failure is logged.
+/// Logs that an answer ended early at the attempt's address, with the library's reason. Throws nothing.
+void TellOfBrokenAnswer(const HttpAttempt& attempt, platform::Error failure);
+
+/// The answer's raw headers. A failure is logged; so are rounds that ran out, as the last one's failure.
 platform::Error ReadRawHeaders(const HttpAttempt& attempt, std::u16string& headers);
 
 /// The answer's status. A failure and a 407 are logged; what the other statuses mean is up to the caller.

@@ -66,6 +66,7 @@ Error DownloadBody(const HttpAttempt& attempt, const DestinationFile& file) {
         std::size_t read = 0;
         if (const Error failure = Http().WinHttpReadData(attempt.request.get(), buffer.data(), downloadStep, read)) {
             LogFailedStep("%s :  Error in WinHttpReadData --> %d \n", attempt.routine, failure);
+            TellOfBrokenAnswer(attempt, failure);
             return failure;
         }
         if (read == 0) return error::success;
@@ -96,6 +97,7 @@ Error ReadPiece(const HttpAttempt& attempt, std::string& piece) {
     if (const Error failure = Http().WinHttpQueryDataAvailable(attempt.request.get(), size)) {
         Log1("InternetGetRequestEx : Error %u in WinHttpQueryDataAvailable.\n", failure);
         HttpGetLastError(failure);
+        TellOfBrokenAnswer(attempt, failure);
         return failure;
     }
     if (size == 0) return error::success;
@@ -106,6 +108,7 @@ Error ReadPiece(const HttpAttempt& attempt, std::string& piece) {
     if (failure) {
         Log1("InternetGetRequestEx : Error %u in WinHttpReadData.\n", failure);
         HttpGetLastError(failure);
+        TellOfBrokenAnswer(attempt, failure);
     }
     return failure;
 }

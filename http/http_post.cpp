@@ -45,7 +45,10 @@ Error ReceiveText(const HttpAttempt& attempt, OptionalText& response) {
     for (std::size_t read = 1; read > 0 && received <= maxResponseBytes; received += read) {
         const Error failure = Http().WinHttpReadData(attempt.request.get(), reinterpret_cast<std::byte*>(buffer.data()),
                                                      length + std::size_t{2}, read);
-        if (failure) read = 0;
+        if (failure) {
+            TellOfBrokenAnswer(attempt, failure);
+            read = 0;
+        }
     }
     if (received > maxResponseBytes) {
         Log1("InternetSendRequestEx : The answer of the server %s is cut after %d bytes\n", attempt.target.server,

@@ -17,8 +17,12 @@ platform::HttpServerTrust AskedTrust();
 /// Why a step has failed, in one line: the library's reason, else the system's text, else the number.
 std::string FailureReason(platform::Error failure, const std::string& reason);
 
-/// winHttpSecureFailure, with a log line that says why, when nothing may be sent to a target: a setting of trust cannot
-/// be used, or asks for a certificate while the target is a plain one. Else success.
+/// Why nothing may be sent to a secure target or a plain one: a setting of trust cannot be used, or asks for a
+/// certificate while the target is a plain one. Empty when something may. May throw std::bad_alloc.
+std::string ReasonToSendNothing(bool secure);
+
+/// winHttpSecureFailure, with a log line that says why, when ReasonToSendNothing has something to say of a target. Else
+/// success.
 platform::Error RefuseToSend(const char* routine, const TransactionTarget& target);
 
 /// One log line for each certificate that passed and is not the one that its server showed before. May throw

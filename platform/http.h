@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -55,10 +56,11 @@ inline constexpr std::uint32_t ignoreInvalidDate = 0x2000;
 /// on every hop of its way, and takes the place of HttpOption::securityFlags. Nothing asked for: those flags alone
 /// count.
 struct HttpServerTrust {
-    std::vector<std::string> pinnedKeys;     // as HttpCertificate::keyPin; the server's is one of them
-    std::optional<std::string> authorities;  // PEM: one of these has issued it; dates, usage and host name are right
-    bool systemAuthorities = false;          // the same with the authorities that the system trusts
-    bool onlyLook = false;                   // see SetServerTrust
+    std::vector<std::string> pinnedKeys;  // as HttpCertificate::keyPin; the server's is one of them
+    /// PEM: one of these has issued it; dates, usage and host name are right. Null when it is not asked for.
+    std::shared_ptr<const std::string> authorities;
+    bool systemAuthorities = false;  // the same with the authorities that the system trusts
+    bool onlyLook = false;           // see SetServerTrust
 };
 
 /// The certificate of a server that a request has met. For each check: null when it was not asked for, empty when it
@@ -147,7 +149,7 @@ struct HttpOperations {
     std::function<Error(HttpHandle request, std::vector<HttpPresentedCertificate>& certificates)>
         QueryPresentedCertificates;
 
-    /// Why the last sending or receiving failed, in the library's own words (UTF-8); empty when it has none.
+    /// Why the last sending or receiving failed, in the library's own words (UTF-8), which may be empty.
     std::function<Error(HttpHandle request, std::string& text)> QueryFailureText;
 
     /// What a certificate in DER says; invalidData when it is not one.

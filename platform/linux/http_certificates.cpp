@@ -94,7 +94,8 @@ OwnedStack FromPem(std::string_view pem) {
 
 /// What a certificate of a server has to be besides being issued by someone trusted. An authority that is trusted need
 /// not have issued itself.
-void AskForServer(X509_VERIFY_PARAM* parameters, const std::string& host, int level) {
+void AskForServer(X509_VERIFY_PARAM* parameters, std::string host, int level) {
+    if (host.ends_with('.')) host.pop_back();  // it makes a name complete, and stands in no certificate
     X509_VERIFY_PARAM_set_flags(parameters, X509_V_FLAG_PARTIAL_CHAIN);
     X509_VERIFY_PARAM_set_auth_level(parameters, level);
     X509_VERIFY_PARAM_set_hostflags(parameters, X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS);

@@ -20,7 +20,7 @@ namespace platform {
 /// The result of a call that says whether it has succeeded.
 [[nodiscard]] inline Error HttpResultOf(BOOL succeeded) { return succeeded ? error::success : LastHttpError(); }
 
-/// WinHTTP's own text of a failure (UTF-8); empty when it has none.
+/// WinHTTP's own text of a failure (UTF-8), which may be empty.
 [[nodiscard]] std::string FailureText(Error failure);
 
 /// Ends the connection of a request that is about to be sent. On Windows closing the request does that, and this does

@@ -181,12 +181,16 @@ TEST_F(HttpTransaction, ResendsInRoundsAndRestartsOnce) {
             SCOPED_TRACE(row.title + std::string(post ? " POST" : " GET"));
             Restart(row.script);
             const std::int64_t start = clock.nowSeconds();
+            const std::size_t before = LogText().size();
             EXPECT_EQ(post ? Post(somePort, u"/x", "abcd", 4) : Get(somePort, u"/x"),
                       post ? row.postResult : row.getResult);
             EXPECT_EQ(sendings, row.sendings);
             EXPECT_EQ(clock.nowSeconds() - start, row.seconds);
             EXPECT_EQ(opened, !row.restarted ? "scr" : post ? "scrr" : "scrscr");
             EXPECT_EQ(closed, opened.size());
+            const bool isAnswered = row.postResult == 0;
+            EXPECT_EQ(TimesLogged(" : connect to host:" + std::to_string(server.port) + " through no proxy: ", before),
+                      isAnswered ? 0 : 1);
         }
     }
     Restart("p");

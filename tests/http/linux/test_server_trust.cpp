@@ -2,6 +2,7 @@
 #include <csignal>
 
 #include "agent/server_trust.h"
+#include "foundation/agent_health.h"
 #include "foundation/registry_store.h"
 #include "http/server_certificate.h"
 #include "platform/http.h"
@@ -22,6 +23,7 @@ class ServerTrustTest : public HttpTest {
         agentState.gv_httpsEnabled = 1;
         Write(folder / "ca.pem", PemText(authority));
         Write(folder / "empty.pem", "");
+        Write(folder / "long.pem", std::string(1024 * 1024 + 1, ' '));
         Write(folder / "cut.pem", PemText(authority).substr(0, 200));
     }
 
@@ -61,6 +63,7 @@ TEST_F(ServerTrustTest, NothingGoesOutWhenASettingCannotBeUsed) {
         {{u"KVServerPinnedKey", u"1", RegistryType::dword}, "KVServerPinnedKey is not a text"},
         {{u"KVServerCAFile", Path("absent.pem")}, "absent.pem, which cannot be read: The system cannot find the file"},
         {{u"KVServerCAFile", Path("empty.pem")}, "empty.pem, which has no certificate in PEM form"},
+        {{u"KVServerCAFile", Path("long.pem")}, "long.pem, which is longer than 1 MB"},
         {{u"KVServerCAFile", Path("cut.pem")}, "cut.pem, which has a certificate that cannot be read"},
         {{u"KVServerVerify", u"true"}, "KVServerVerify is [true], neither yes nor no"},
         {{u"KVServerVerify", u"1", RegistryType::dword}, "KVServerVerify is not a text"},
@@ -71,6 +74,8 @@ TEST_F(ServerTrustTest, NothingGoesOutWhenASettingCannotBeUsed) {
         const std::size_t before = LogText().size();
         Set({row.setting});
         EXPECT_EQ(Get(server.port, u"/x"), 12175u);
+        EXPECT_NE(ReadLastEvents().failure.find("/x at 127.0.0.1"), std::string::npos);
+        EXPECT_NE(ReadLastEvents().failure.find(row.logged), std::string::npos) << ReadLastEvents().failure;
         EXPECT_EQ(TimesLogged(row.logged, before), 2) << "at the start and at the request" << LogText().substr(before);
     }
     TestServer plain;
@@ -97,6 +102,14 @@ TEST_F(ServerTrustTest, HoldsOnEveryHopAndThroughAProxy) {
     EXPECT_EQ(Get(toStranger.port, u"/x"), 12175u);
     EXPECT_EQ(Get(toRenamed.port, u"/x"), 0u);
     EXPECT_GT(renamed.decrypted, 0u);
+    // Redirects do not push out what the agent's own server has shown.
+    auto& known = agentState.gv_certificates;
+    known.clear();
+    for (int server = 0; server < 100; ++server) known["stranger:" + std::to_string(server)] = "";
+    agentState.gv_ServerIPAddress = u"127.0.0.1";
+    EXPECT_EQ(Get(toRenamed.port, u"/x"), 0u);
+    EXPECT_EQ(known.size(), 100u);
+    EXPECT_TRUE(known.contains("127.0.0.1:" + std::to_string(toRenamed.port)));
     RawServer proxy(ProxyThatWants(basicCredentials));
     UseProxy(At(proxy.port), u"");
     EXPECT_EQ(Get(stranger.port, u"/x"), 12175u);
@@ -106,6 +119,11 @@ TEST_F(ServerTrustTest, HoldsOnEveryHopAndThroughAProxy) {
     EXPECT_EQ(stranger.decrypted, 0u);
     EXPECT_TRUE(Logged(" through proxy 127.0.0.1:" + std::to_string(proxy.port) +
                        ": the certificate of 127.0.0.1:" + std::to_string(stranger.port) + " is refused"));
+    // A dot that makes a name complete is no part of the name in a certificate.
+    TlsServer named(Issue(key, {"cs", "DNS:localhost"}, &authority));
+    Set({{u"KVServerCAFile", Path("ca.pem")}});
+    agentState.gv_LastAccessName.Publish(u"localhost.");
+    EXPECT_EQ(Get(named.port, u"/x"), 0u);
 }
 
 TEST_F(ServerTrustTest, TellsOfACertificateWhenItChanges) {
@@ -123,6 +141,22 @@ TEST_F(ServerTrustTest, TellsOfACertificateWhenItChanges) {
     EXPECT_EQ(Get(port, u"/x"), 12029u);
     EXPECT_TRUE(Logged("InternetGetRequestEx : connect to 127.0.0.1:" + std::to_string(port) +
                        " through no proxy: Connection refused"));
+    UseProxy(u"user:word@" + At(port), u"");
+    EXPECT_NE(Get(port, u"/x"), 0u);
+    EXPECT_TRUE(Logged(" through proxy 127.0.0.1:" + std::to_string(port) + ": "));
+    EXPECT_FALSE(Logged("word@"));
+    UseProxy(u"", u"");
+    agentState.gv_proxyEnabled = u"NO";
+    agentState.gv_LastAccessName.Publish(u"https://cs");
+    EXPECT_EQ(Get(443, u"/x"), 12005u);
+    EXPECT_TRUE(Logged(" : connect to https://cs:443 through no proxy: "));
+    agentState.gv_LastAccessName.Publish(u"127.0.0.1");
+    agentState.gv_httpsEnabled = 0;
+    const std::size_t before = LogText().size();
+    RawServer cut(Answers("HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nab"));
+    OptionalText response;
+    EXPECT_EQ(Get(cut.port, u"/x", &response), 0u);
+    EXPECT_EQ(TimesLogged(" : connect to 127.0.0.1:" + std::to_string(cut.port), before), 1);
 }
 
 TEST_F(ServerTrustTest, ALookSendsNothing) {
