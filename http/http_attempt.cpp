@@ -241,6 +241,16 @@ Error ReadRawHeaders(const HttpAttempt& attempt, std::u16string& headers) {
     return failure;
 }
 
+namespace {
+
+/// Whether an answer is the proxy's own: it led to no server that shows a certificate, or a plain one says so.
+bool IsOfProxy(const HttpAttempt& attempt, std::uint32_t status) {
+    if (!attempt.target.useProxy) return false;
+    return attempt.target.secure ? PresentedTo(attempt).empty() : status >= 502 && status <= 504;
+}
+
+}  // namespace
+
 Error ReadStatus(const HttpAttempt& attempt, std::uint32_t& status) {
     const Error failure =
         Http().WinHttpQueryHeadersNumber(attempt.request.get(), platform::HttpHeaderQuery::statusCodeNumber, status);
@@ -251,7 +261,9 @@ Error ReadStatus(const HttpAttempt& attempt, std::uint32_t& status) {
     } else if (status == statusProxyAuthentication) {
         Log1("%s : Proxy Credentials are failed to authenticate %d \n", attempt.routine, status);
     } else {
-        NoteContact();
+        RunGuarded("NoteContact", [&] {
+            if (!IsOfProxy(attempt, status)) NoteContact();
+        });
     }
     return failure;
 }

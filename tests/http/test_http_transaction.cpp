@@ -3,6 +3,7 @@
 #include <map>
 #include <utility>
 
+#include "foundation/agent_health.h"
 #include "foundation/registry_store.h"
 #include "http/http_answers.h"
 #include "platform/http.h"
@@ -155,6 +156,7 @@ TEST_F(HttpTransaction, TriesTheAddressesInTheirOrder) {
         EXPECT_EQ(addresses, row.tried);
         EXPECT_EQ(platform::Utf8FromWide(agentState.gv_LastAccessName.view()), row.remembered);
     }
+    EXPECT_EQ(ReadLastEvents().failure, "/x: no address of the server is set");
 }
 
 TEST_F(HttpTransaction, ResendsInRoundsAndRestartsOnce) {

@@ -8,6 +8,7 @@
 #include <openssl/x509.h>
 #include <sys/socket.h>
 
+#include "foundation/agent_health.h"
 #include "platform/http.h"
 #include "tests/http/http_peers.h"
 
@@ -62,7 +63,9 @@ TEST_F(HttpSecure, SendsItsCredentialsToTheProxyAtOnce) {
         agentState.gv_httpsEnabled = server == &secure;
         UseProxy(ProxyList(proxy.port), u"<local>");
         const std::size_t before = proxy.requests.size();
+        agentHealth.lastContactTime = 0;
         EXPECT_EQ(Get(server->port, u"/echo?value=via proxy"), 0u);
+        EXPECT_NE(agentHealth.lastContactTime, 0) << "with the server behind the proxy";
         EXPECT_EQ(server->value, "via proxy");
         EXPECT_EQ(Post(server->port, u"/post", "via proxy too", 13), 0u);
         EXPECT_EQ(server->value, "via proxy too");
@@ -80,6 +83,23 @@ TEST_F(HttpSecure, SendsItsCredentialsToTheProxyAtOnce) {
     EXPECT_EQ(Get(plain.port, u"/echo"), 0u);
     UseProxy(u"::1", u"");  // port 80, where nobody listens
     EXPECT_EQ(Get(plain.port, u"/echo"), 12029u);
+}
+
+TEST_F(HttpSecure, AnAnswerOfTheProxyIsNoContactWithTheServer) {
+    const struct {
+        int secure;
+        const char* status;
+        bool isOfServer;
+    } rows[] = {
+        {1, "403 Forbidden", false}, {1, "502 Bad Gateway", false}, {0, "504 Timeout", false}, {0, "404", true}};
+    for (const auto& row : rows) {
+        RawServer proxy(Answers(std::string("HTTP/1.1 ") + row.status + "\r\nContent-Length: 0\r\n\r\n"));
+        UseProxy(ProxyList(proxy.port), u"");
+        agentState.gv_httpsEnabled = row.secure;
+        agentHealth.lastContactTime = 0;
+        EXPECT_EQ(Get(1, u"/echo"), 13u);
+        EXPECT_EQ(agentHealth.lastContactTime != 0, row.isOfServer) << row.status;
+    }
 }
 
 TEST_F(HttpSecure, OnlyARefusalEndsAnUploadEarly) {
