@@ -140,25 +140,22 @@ std::string OptionNames(const Command& command) {
 
 /// What bash completes by itself where it gets no words.
 std::string_view Completion(std::string_view valueName) {
-    if (valueName.ends_with("FILE")) return "compopt -o default";
+    if (valueName.ends_with("FILE") || valueName == "PLAN") return "compopt -o default";
     return valueName == "DIR" ? "compopt -o dirnames" : ":";
 }
 
-/// Options by what completes their value.
-std::string ValueCases(const Program& program) {
-    std::map<std::string_view, std::vector<std::string_view>> names;
-    for (const Command* command : AllCommands(program)) {
-        for (const Option& option : command->options) {
-            std::vector<std::string_view>& same = names[Completion(FirstWord(option.values))];
-            const bool isNew = std::find(same.begin(), same.end(), option.name) == same.end();
-            if (option.values.empty() || !isNew) continue;
-            same.push_back(option.name);
-            if (!option.shortName.empty()) same.push_back(option.shortName);
-        }
-    }
+/// A command's options behind which a value stands, by what completes it.
+std::string ValueCases(const Command& command) {
     std::string cases;
-    for (const auto& [completion, same] : names) {
-        if (!same.empty()) cases += fmt::format("        {}) {}; return ;;\n", fmt::join(same, " | "), completion);
+    for (const Option& option : command.options) {
+        if (option.values.empty()) continue;
+        std::string patterns;
+        for (const std::string_view name : {option.name, option.shortName}) {
+            if (name.empty()) continue;
+            patterns += fmt::format("{}'{} {}' | '{} '*' {}'", patterns.empty() ? "" : " | ", command.name, name,
+                                    command.name, name);
+        }
+        cases += fmt::format("        {}) {}; return ;;\n", patterns, Completion(FirstWord(option.values)));
     }
     return cases;
 }
@@ -169,7 +166,8 @@ std::string CommandCases(const Program& program) {
         cases += fmt::format("        '{}') words='{}' ;;\n", group.name, NextWords(program, group.name));
     for (const Command* command : AllCommands(program)) {
         const bool takesFile = std::any_of(command->words.begin(), command->words.end(),
-                                           [](const Word& word) { return word.name.ends_with("FILE"); });
+                                           [](const Word& word) { return Completion(word.name) != ":"; });
+        cases += ValueCases(*command);
         cases += fmt::format("        '{0}' | '{0} '*) words='{1}'{2} ;;\n", command->name, OptionNames(*command),
                              takesFile ? "; compopt -o default" : "");
     }
@@ -190,16 +188,14 @@ std::string BashCompletion(const Program& program) {
 _{0}() {{
     local word=${{COMP_WORDS[COMP_CWORD]}} words=
     COMPREPLY=()
-    case ${{COMP_WORDS[COMP_CWORD - 1]}} in
-{1}    esac
     local before="${{COMP_WORDS[*]:1:COMP_CWORD-1}}"
     case $before in
-{2}    esac
+{1}    esac
     mapfile -t COMPREPLY < <(compgen -W "$words" -- "$word")
 }}
 complete -F _{0} {0}
 )",
-                       program.name, ValueCases(program), CommandCases(program));
+                       program.name, CommandCases(program));
 }
 
 }  // namespace kv::commandline

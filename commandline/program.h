@@ -14,10 +14,11 @@ namespace kv::commandline {
 
 /// A plain word after a command. Words are told apart by their order; options may stand between them.
 struct Word {
-    std::string_view name;  // as KEY; a FILE and a DIR are completed by the shell
+    std::string_view name;  // as KEY; a FILE, a PLAN and a DIR are completed by the shell
     std::string_view text;  // a phrase
     bool isOptional = false;
-    bool isRepeated = false;  // the last word of a command: as many as follow, and Values gives them
+    bool isRepeated = false;          // the last word of a command: as many as follow, and Values gives them
+    bool isCheckedByCommand = false;  // needed, but the command refuses its absence in its own words
 };
 
 enum class Times { atMostOnce, once, any };

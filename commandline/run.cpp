@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <cstdio>
 #include <fmt/format.h>
+#include <memory>
+#include <set>
 
 #include "foundation/version.h"
 
@@ -37,6 +39,15 @@ std::string_view FirstSentence(std::string_view text) { return text.substr(0, te
 class HelpFormatter : public CLI::Formatter {
   public:
     HelpFormatter() { column_width(nameColumn); }
+
+    /// Words that help shows as needed although the parser lets them be absent.
+    std::set<const CLI::Option*> needed;
+
+    std::string make_option_usage(const CLI::Option* option) const override {
+        const std::string usage = CLI::Formatter::make_option_usage(option);
+        const bool isBracketed = usage.starts_with('[') && usage.ends_with(']');
+        return isBracketed && needed.contains(option) ? usage.substr(1, usage.size() - 2) : usage;
+    }
 
     /// CLI11 would not name the options that are needed.
     std::string make_usage(const CLI::App* app, std::string name) const override {
@@ -104,6 +115,7 @@ class Parser {
     std::string CommandsWith(std::string_view option) const;
 
     const Program& program_;
+    const std::shared_ptr<HelpFormatter> formatter_ = std::make_shared<HelpFormatter>();
     CLI::App app_;
     std::string text_;
     std::map<std::string_view, CLI::App*> parents_;
@@ -112,7 +124,7 @@ class Parser {
 
 Parser::Parser(const Program& program) : program_(program), app_(fmt::format("{} {}.", program.name, program.summary)) {
     app_.name(std::string(program.name));
-    app_.formatter(std::make_shared<HelpFormatter>());
+    app_.formatter(formatter_);
     app_.allow_windows_style_options(false);
     app_.require_subcommand(1);
     app_.set_help_flag("-h,--help", "prints this help");
@@ -141,10 +153,11 @@ void Parser::AddCommand(const Command& command) {
                                            Wrapped(command.text, helpWidth));
     commands_[app] = &command;
     for (const Word& word : command.words) {
-        app->add_option(std::string(word.name))
-            ->description(Wrapped(word.text, helpWidth - nameColumn))
+        CLI::Option* const added = app->add_option(std::string(word.name));
+        if (word.isCheckedByCommand) formatter_->needed.insert(added);
+        added->description(Wrapped(word.text, helpWidth - nameColumn))
             ->option_text(" ")
-            ->required(!word.isOptional)
+            ->required(!word.isOptional && !word.isCheckedByCommand)
             ->allow_extra_args(word.isRepeated)
             ->expected(1, word.isRepeated ? CLI::detail::expected_max_vector_size : 1);
     }

@@ -4,7 +4,9 @@
 #include <utility>
 
 #include "commandline/program.h"
+#include "foundation/file_utils.h"
 #include "foundation/log.h"
+#include "platform/utf.h"
 #include "tools/kvreg/registry_failure.h"
 
 namespace kv::control {
@@ -25,6 +27,11 @@ void RequireReadableRegistry(platform::Error result) {
     if (const std::string missing = MissingRegistryText(); !missing.empty()) throw commandline::NotFoundError(missing);
     if (result != platform::error::success && !IsGone(result))
         throw std::runtime_error("the registry cannot be read: " + RegistryFailureText(result));
+}
+
+void RefuseDirectory(const std::string& name) {
+    if (IsDirectory(platform::WideFromUtf8(name)))
+        throw commandline::UsageError(name + " is a directory; a plan is a file");
 }
 
 std::string_view WithoutRoutine(std::string_view line) {

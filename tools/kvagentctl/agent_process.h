@@ -23,6 +23,9 @@ class LogLines {
 /// the registry's directory is missing, so that no agent is installed, else std::runtime_error with the reason.
 void RequireReadableRegistry(platform::Error result);
 
+/// Throws commandline::UsageError when a plan's name on the command line, in UTF-8, is that of a directory.
+void RefuseDirectory(const std::string& name);
+
 /// What a line of the log says: without blanks and line ends around it, and without the routine's name ahead of "::".
 std::string_view WithoutRoutine(std::string_view line);
 

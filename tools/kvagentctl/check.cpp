@@ -39,6 +39,7 @@ void RunCheck(const Given& given) {
     const std::string plan = commandline::Value(given, "PLAN");
     if (commandline::Has(given, "PLAN") && !MayExist(platform::WideFromUtf8(plan)))
         throw commandline::NotFoundError(fmt::format("there is no file '{}'", plan));
+    RefuseDirectory(plan);
     Findings findings;
     bool isReadable = false;
     {

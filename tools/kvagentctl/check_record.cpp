@@ -1,8 +1,11 @@
 // What kvagentctl check says of a record of a plan.
 #include <algorithm>
+#include <cstdlib>
+#include <filesystem>
 #include <fmt/format.h>
 #include <optional>
 #include <string_view>
+#include <system_error>
 #include <vector>
 
 #include "collection/plan_members.h"
@@ -43,7 +46,7 @@ struct Subject {
     OptionalText text(std::u16string_view key) const { return MemberText(record, key); }
 };
 
-/// The member as text; a finding when it is absent or has none.
+/// The member as text; a finding when it is absent or not a text.
 OptionalText NeededText(const Subject& subject, std::u16string_view key) {
     OptionalText text = subject.text(key);
     const bool isThere = ContainsHashKey(subject.record, key) != 0;
@@ -77,6 +80,22 @@ void CheckWmi(const Subject& subject) {
         subject.Error("wmiQuery is refused: " + Utf8FromWide(*fault));
 }
 
+/// Whether env finds a program by what stands behind it, which comes to it as one word. With options nobody can tell.
+bool IsInPath(std::string program) {
+    program.resize(program.find_last_not_of(" \t") + 1);
+    if (program.starts_with('-')) return true;
+    if (program.find('/') != program.npos) return MayExist(platform::WideFromUtf8(program));
+    const char* const path = std::getenv("PATH");
+    std::string_view rest = path != nullptr ? path : "/usr/bin:/bin";
+    for (bool isLast = false; !isLast;) {
+        const std::size_t end = rest.find(':');
+        if (MayExist(platform::WideFromUtf8(fmt::format("{}/{}", rest.substr(0, end), program)))) return true;
+        isLast = end == rest.npos;
+        rest.remove_prefix(isLast ? rest.size() : end + 1);
+    }
+    return false;
+}
+
 /// What is wrong with the first line of a script, by which the system finds its interpreter; empty when nothing is.
 std::string FirstLineFault(std::u16string_view path) {
     OpenFile file;
@@ -87,14 +106,22 @@ std::string FirstLineFault(std::u16string_view path) {
     if (failure == platform::error::success)
         failure = platform::Files().ReadFile(file.handle, line.data(), line.size(), read);
     if (failure != platform::error::success) return fmt::format("cannot be read (error {})", failure);
+    line.resize(read);
+    const bool isProgram = line.starts_with(
+        "\x7F"
+        "ELF");
     line.resize(std::min(read, line.find('\n')));
-    if (!line.starts_with("#!")) return "";
+    if (!line.starts_with("#!"))
+        return isProgram || line.find('\0') == line.npos ? "" : "is neither a program nor a script";
     line.erase(0, 2);
     if (line.ends_with('\r')) return "has CRLF line ends, so its interpreter is not found";
     const std::size_t begin = std::min(line.find_first_not_of(" \t"), line.size());
     const std::string interpreter = line.substr(begin, line.find_first_of(" \t", begin) - begin);
-    const bool isThere = MayExist(platform::WideFromUtf8(interpreter));
-    return isThere ? "" : fmt::format("names the interpreter {}, which does not exist", interpreter);
+    if (!MayExist(platform::WideFromUtf8(interpreter)))
+        return fmt::format("names the interpreter {}, which does not exist", interpreter);
+    const std::size_t argument = line.find_first_not_of(" \t", begin + interpreter.size());
+    const bool isFound = !interpreter.ends_with("/env") || argument == line.npos || IsInPath(line.substr(argument));
+    return isFound ? "" : fmt::format("asks env for '{}', which is not in PATH", line.substr(argument));
 }
 
 void CheckScriptFile(const Subject& subject, const std::u16string& script) {
@@ -112,6 +139,9 @@ void CheckScriptFile(const Subject& subject, const std::u16string& script) {
     if (IsDirectory(path)) return subject.Error(fmt::format("script {} is a directory", native));
     const std::optional<platform::FilePermissions> permissions = platform::GetFilePermissions(path);
     if (!permissions) return;
+    std::error_code unknown;
+    if (!std::filesystem::is_regular_file(native, unknown))
+        return subject.Error(fmt::format("script {} is not a regular file", native));
     if (!permissions->isExecutable)
         subject.Warn(fmt::format("script {} is not executable, so /bin/sh runs it", native), "chmod +x " + native);
     else if (const std::string fault = FirstLineFault(path); !fault.empty())

@@ -135,6 +135,7 @@ std::vector<HashTablePtr> ReadPlans(const Given& given, platform::Error failure)
     std::vector<HashTablePtr> plans;
     if (!named.empty()) {
         if (!MayExist(WideFromUtf8(named))) throw NotFoundError(fmt::format("there is no file {}", named));
+        RefuseDirectory(named);
         plans.push_back(ReadPlan(WideFromUtf8(named)));
         return plans;
     }

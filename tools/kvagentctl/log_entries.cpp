@@ -70,7 +70,7 @@ constexpr UsualEntry usualEntries[] = {
 constexpr std::string_view numberMarks[] = {"retVal is [", "retVal of InternetDownloadFile is [", "Error is [",
                                             "Last error is [", "--> "};
 
-/// The error number of an entry; 0 when it has none or tells a success.
+/// The error number of an entry; 0 when it does not have one or tells a success.
 std::uint32_t ErrorNumber(std::string_view text) {
     for (const std::string_view mark : numberMarks) {
         const std::size_t at = text.find(mark);

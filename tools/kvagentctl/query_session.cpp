@@ -182,6 +182,7 @@ bool QuerySession::RunLine(const std::string& line) {
     } else if (command == ".classes") {
         PrintClasses(argument);
     } else if (command == ".describe") {
+        if (argument.empty()) throw UsageError(".describe takes a class");
         PrintClass(argument);
     } else if (command == ".mode") {
         SetMode(argument);

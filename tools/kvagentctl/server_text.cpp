@@ -12,7 +12,7 @@ namespace kv::control {
 
 namespace {
 
-/// The scheme's name in lower case, taken off the text with its "://"; empty when the text has none.
+/// The scheme's name in lower case, taken off the text with its "://"; empty when the text does not have one.
 std::string TakeScheme(std::string_view& text) {
     const std::size_t end = text.find("://");
     if (end == std::string_view::npos) return "";

@@ -73,11 +73,15 @@ TEST_F(QueryVerb, PrintsRowsInTheOrderOfSelect) {
 
 TEST_F(QueryVerb, ReadsQueriesFromStandardInput) {
     Write(Utf8(files.input),
-          self + ";\n\n.mode json\nselect Primary from Win32_OperatingSystem\nSELECT x FROM y\n.nix\n.quit\n" + self);
+          self +
+              ";\n\n.mode json\nselect Primary from Win32_OperatingSystem\nSELECT x FROM y\n.describe\n.nix\n.quit\n" +
+              self);
     const Outcome outcome = Run({"query"});
     EXPECT_EQ(outcome.exitCode, 3);
     EXPECT_THAT(outcome.output, ::testing::MatchesRegex("ParentProcessId  Name.*\n.*test_kv.*\n\\[\n.*true\n.*\\]\n"));
-    EXPECT_THAT(outcome.errors, HasSubstr("the class y does not exist\nunknown command '.nix'; .help lists them\n"));
+    EXPECT_THAT(
+        outcome.errors,
+        HasSubstr("the class y does not exist\n.describe takes a class\nunknown command '.nix'; .help lists them\n"));
 }
 
 TEST_F(QueryVerb, EndsWhenNobodyReadsAndWhenALineDoesNotEnd) {

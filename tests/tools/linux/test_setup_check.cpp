@@ -1,4 +1,6 @@
 // kvagentctl setup and check, on a registry and an install tree of the test's own.
+#include <sys/stat.h>
+
 #include "foundation/file_utils.h"
 #include "tests/http/linux/tls_peers.h"
 #include "tests/tools/tool_fixture.h"
@@ -150,7 +152,11 @@ TEST_F(SetupAndCheck, CheckFindsWhatIsWrongWithAPlan) {
     Write(conf / "scripts" / "crlf.sh", "#!/bin/sh\r\n");
     Write(conf / "scripts" / "plain.sh", "echo\n");
     Write(conf / "scripts" / "lost.sh", "#!/no/such/shell -e\n");
-    for (const char* name : {"crlf.sh", "lost.sh"}) fs::permissions(conf / "scripts" / name, fs::perms::owner_all);
+    Write(conf / "scripts" / "env.sh", "#!/usr/bin/env no-such-shell\n");
+    Write(conf / "scripts" / "bytes.sh", std::string("\1\0\2", 3));
+    ASSERT_EQ(mkfifo((conf / "scripts" / "fifo.sh").c_str(), 0700), 0);
+    for (const char* name : {"crlf.sh", "lost.sh", "env.sh", "bytes.sh"})
+        fs::permissions(conf / "scripts" / name, fs::perms::owner_all);
     const auto record = [](const std::string& members) {
         return R"({"WorkFlows":[{"wfname":"W","interval":1,"recordSetName":[{)" + members + "}]}]}";
     };
@@ -173,6 +179,9 @@ TEST_F(SetupAndCheck, CheckFindsWhatIsWrongWithAPlan) {
         {"outside", record(R"("script":"../x","Name":"N")"), "does not name a file below conf/scripts"},
         {"line ends", record(R"("script":"crlf.sh","Name":"N")"), "has CRLF line ends"},
         {"interpreter", record(R"("script":"lost.sh","Name":"N")"), "interpreter /no/such/shell, which does not exist"},
+        {"env", record(R"("script":"env.sh","Name":"N")"), "asks env for 'no-such-shell', which is not in PATH"},
+        {"bytes", record(R"("script":"bytes.sh","Name":"N")"), "is neither a program nor a script"},
+        {"fifo", record(R"("script":"fifo.sh","Name":"N")"), "fifo.sh is not a regular file"},
         {"mode", record(R"("script":"plain.sh","Name":"N")"), "is not executable, so /bin/sh runs it; chmod +x"},
         {"no record", record(R"("script":"plain.sh","Name":"N")"), "note: workflow [0] \"W\", record [0] \"N\": resp"},
         {"port", record(snmp + R"("SNMP_VERSION":"v1","OID":".1.3","SNMP_PORT":"x")"), "SNMP_PORT is not a number"},
@@ -189,6 +198,7 @@ TEST_F(SetupAndCheck, CheckFindsWhatIsWrongWithAPlan) {
     Write(plan, record(R"("script":"plain.sh","Name":"N")"));
     EXPECT_THAT(Run({"check", plan}).output, HasSubstr("plain.sh is not run: AllowedScripts does not have it"));
     EXPECT_EQ(Run({"check", plan + ".missing"}).exitCode, 3);
+    EXPECT_THAT(Run({"check", conf.string()}).errors, HasSubstr("conf is a directory; a plan is a file"));
     Write(plan, Utf16LittleEndianBytes(u"{\"WorkFlows\":[{\"wfname\":\"W\",\"interval\":1,\"recordSetName\":"
                                        u"[{\"wmiQuery\":\"SELECT * FROM Win32_BIOS\",\"Name\":\"N\"}]}]}"));
     const Outcome good = Run({"check", plan, "--json"});
