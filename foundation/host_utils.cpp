@@ -98,7 +98,7 @@ void TakeHost(const platform::HostEntry& host, OptionalText& outName, OptionalTe
     outAddress = platform::WideFromUtf8(host.address);
 }
 
-/// The fixed text for an NT version; null when it has none.
+/// The fixed text for an NT version; null for an unknown one.
 const char16_t* NtName(const SystemVersion& version) {
     if (version.major <= 4) return u"Windows NT";
     if (version.major == 5 && version.minor == 0) return u"Windows 2000";
@@ -110,7 +110,7 @@ const char16_t* NtName(const SystemVersion& version) {
     return nullptr;
 }
 
-/// The fixed text for a 9x version; null when it has none.
+/// The fixed text for a 9x version; null for an unknown one.
 const char16_t* NinetiesName(const SystemVersion& version) {
     if (version.major != 4) return nullptr;
     if (version.minor == 0) return u"Windows 95";

@@ -2,6 +2,7 @@
 // the log level that it follows.
 #include <functional>
 #include <gmock/gmock.h>
+#include <new>
 #include <regex>
 #include <set>
 #include <sstream>
@@ -104,6 +105,7 @@ TEST_F(HealthReport, WritesTheFileAtEventsAndWhenAnythingChanged) {
              EXPECT_TRUE(isThere());
              ++agentHealth.recordsWritten;
              NoteFailure("the query of %s failed", u"Disk\n");
+             NoteFailureOf([]() -> std::string { throw std::bad_alloc(); });  // the former one stays
          },
          [&] {
              EXPECT_EQ(Status()->lastFailureTime, clock.nowSeconds() - 58) << "with the minute";
