@@ -220,11 +220,11 @@ class Judge {
   private:
     /// What is surely critical stands before what is not known, and that before a warning.
     static int Rank(const Problem& problem) {
-        constexpr int ranks[] = {0, 1, 3, 2};  // by Severity
+        constexpr int ranks[] = {0, 1, 3, 2};  // by PluginStatus
         return ranks[static_cast<std::size_t>(problem.severity)];
     }
-    void Add(Severity severity, std::string text) { problems_.push_back({severity, std::move(text)}); }
-    void AddIf(bool holds, Severity severity, std::string_view text) {
+    void Add(PluginStatus severity, std::string text) { problems_.push_back({severity, std::move(text)}); }
+    void AddIf(bool holds, PluginStatus severity, std::string_view text) {
         if (holds) Add(severity, std::string(text));
     }
 
@@ -239,33 +239,33 @@ class Judge {
 };
 
 void Judge::JudgeAgent() {
-    if (!facts_.registryFailure.empty()) Add(Severity::unknown, "settings: " + facts_.registryFailure);
+    if (!facts_.registryFailure.empty()) Add(PluginStatus::unknown, "settings: " + facts_.registryFailure);
     const bool isKnown = facts_.healthFailure.empty() && facts_.registryFailure.empty();
     if (!facts_.isRunning && isKnown)
-        Add(Severity::critical, facts_.process.empty() ? "the agent does not run, and has not run here before"
-                                                       : "the agent does not run: " + facts_.process);
+        Add(PluginStatus::critical, facts_.process.empty() ? "the agent does not run, and has not run here before"
+                                                           : "the agent does not run: " + facts_.process);
     if (!facts_.missingSettings.empty())
-        Add(Severity::critical, fmt::format("{} {} missing", fmt::join(facts_.missingSettings, ", "),
-                                            facts_.missingSettings.size() == 1 ? "is" : "are"));
-    for (const std::string& fault : facts_.faultySettings) Add(Severity::critical, fault);
-    AddIf(facts_.isInstallLost, Severity::critical, "KVAgentInstallDir names a directory that does not exist");
+        Add(PluginStatus::critical, fmt::format("{} {} missing", fmt::join(facts_.missingSettings, ", "),
+                                                facts_.missingSettings.size() == 1 ? "is" : "are"));
+    for (const std::string& fault : facts_.faultySettings) Add(PluginStatus::critical, fault);
+    AddIf(facts_.isInstallLost, PluginStatus::critical, "KVAgentInstallDir names a directory that does not exist");
     const bool isSetUp = facts_.missingSettings.empty() && facts_.faultySettings.empty();
     if (facts_.registryFailure.empty() && isSetUp && facts_.key.empty())
-        Add(Severity::critical,
+        Add(PluginStatus::critical,
             "not registered yet" +
                 (facts_.health && !facts_.health->registration.empty() ? ": " + facts_.health->registration : ""));
     if (facts_.health && !facts_.health->isCollecting)
-        Add(Severity::critical, "collection is stopped since " + TimeText(facts_.health->collectionStopTime));
+        Add(PluginStatus::critical, "collection is stopped since " + TimeText(facts_.health->collectionStopTime));
 }
 
 void Judge::JudgeReadability() {
-    if (!facts_.healthFailure.empty()) Add(Severity::unknown, facts_.healthFailure);
+    if (!facts_.healthFailure.empty()) Add(PluginStatus::unknown, facts_.healthFailure);
     if (facts_.diskError != error::success && !facts_.isInstallLost)
-        Add(Severity::unknown, fmt::format("the disk room at {} cannot be told: {}", facts_.binPath,
-                                           platform::MessageInLine(facts_.diskError)));
+        Add(PluginStatus::unknown, fmt::format("the disk room at {} cannot be told: {}", facts_.binPath,
+                                               platform::MessageInLine(facts_.diskError)));
     for (const auto& [waiting, what] : {std::pair{&facts_.records, "records"}, {&facts_.zips, "zips"}}) {
         if (waiting->error != error::success)
-            Add(Severity::unknown,
+            Add(PluginStatus::unknown,
                 fmt::format("the {} that wait cannot be looked at: {}", what, platform::MessageInLine(waiting->error)));
     }
 }
@@ -274,21 +274,21 @@ void Judge::JudgeQueue() {
     const std::int64_t age = facts_.zips.oldestTime == 0 ? 0 : facts_.now - facts_.zips.oldestTime;
     const std::string old =
         fmt::format("the oldest of {} has waited for {}", Counted(facts_.zips.number, "zip"), DurationText(age));
-    AddIf(age >= thresholds_.criticalAge, Severity::critical, old);
-    AddIf(age >= thresholds_.warningAge && age < thresholds_.criticalAge, Severity::warning, old);
+    AddIf(age >= thresholds_.criticalAge, PluginStatus::critical, old);
+    AddIf(age >= thresholds_.warningAge && age < thresholds_.criticalAge, PluginStatus::warning, old);
     if (!facts_.freeBytes) return;
     const std::uint64_t free = *facts_.freeBytes;
     const std::string room = fmt::format("the disk has room for {} only", SizeText(free));
-    AddIf(free < thresholds_.criticalFree, Severity::critical, room);
-    AddIf(free < thresholds_.warningFree && free >= thresholds_.criticalFree, Severity::warning, room);
+    AddIf(free < thresholds_.criticalFree, PluginStatus::critical, room);
+    AddIf(free < thresholds_.warningFree && free >= thresholds_.criticalFree, PluginStatus::warning, room);
 }
 
 void Judge::JudgePlan() {
     const PlanFacts& plan = facts_.plan;
     if (facts_.binPath.empty()) return;
-    if (!plan.failure.empty()) Add(Severity::warning, fmt::format("plan {}: {}", plan.file, plan.failure));
+    if (!plan.failure.empty()) Add(PluginStatus::warning, fmt::format("plan {}: {}", plan.file, plan.failure));
     if (plan.refusedTime > plan.time)
-        Add(Severity::warning, fmt::format("a newer plan was refused, see the log: {}", plan.refusedFile));
+        Add(PluginStatus::warning, fmt::format("a newer plan was refused, see the log: {}", plan.refusedFile));
 }
 
 }  // namespace

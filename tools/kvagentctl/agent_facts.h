@@ -21,10 +21,10 @@ struct Thresholds {
 };
 
 /// As monitoring plugins number them; the worst of several is the one with the highest rank (Worse).
-enum class Severity { fine = 0, warning = 1, critical = 2, unknown = 3 };
+enum class PluginStatus { fine = 0, warning = 1, critical = 2, unknown = 3 };
 
 struct Problem {
-    Severity severity;
+    PluginStatus severity;
     std::string text;
 };
 

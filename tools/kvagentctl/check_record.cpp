@@ -22,6 +22,7 @@
 #include "platform/utf.h"
 #include "snmp/asn.h"
 #include "snmp/oid.h"
+#include "snmp/pdu.h"
 #include "tools/kvagentctl/check_parts.h"
 
 namespace kv::control {
@@ -29,8 +30,6 @@ namespace kv::control {
 namespace {
 
 using platform::Utf8FromWide;
-
-constexpr std::size_t longestCommunity = 254;  // bytes
 
 /// One record while it is checked.
 struct Subject {
@@ -202,8 +201,8 @@ void CheckSnmp(const Subject& subject) {
             fmt::format("SNMP_VERSION '{}' is neither v1 nor v2c: v1 is taken", Utf8FromWide(version.value_or(u""))));
     const OptionalText community = subject.text(u"COMMUNITY");
     if (!community) subject.Warn("COMMUNITY is missing: public is taken");
-    if (Utf8FromWide(community.value_or(u"")).size() > longestCommunity)
-        subject.Error(fmt::format("COMMUNITY has more than {} bytes", longestCommunity));
+    if (Utf8FromWide(community.value_or(u"")).size() > snmp::maxRequestCommunity)
+        subject.Error(fmt::format("COMMUNITY has more than {} bytes", snmp::maxRequestCommunity));
     CheckOids(subject);
     for (const std::u16string_view key : {u"POLL_ID", u"AGENT_KEY"}) {
         if (!subject.text(key))

@@ -3,10 +3,8 @@
 
 #include <algorithm>
 #include <fmt/format.h>
-#include <json-c/json.h>
 #include <memory>
 #include <optional>
-#include <utf8.h>
 
 #include "collection/record_file.h"
 #include "collection/record_members.h"
@@ -23,6 +21,7 @@
 #include "platform/utf.h"
 #include "queryconf/conf_paths.h"
 #include "tools/kvagentctl/agent_process.h"
+#include "tools/kvagentctl/json_text.h"
 #include "tools/kvagentctl/verbs.h"
 #include "tools/kvreg/registry_failure.h"
 
@@ -36,8 +35,6 @@ using commandline::InLine;
 using commandline::NotFoundError;
 using platform::Utf8FromWide;
 using platform::WideFromUtf8;
-
-using JsonPtr = std::unique_ptr<json_object, decltype(&json_object_put)>;
 
 constexpr std::size_t largestRecord = std::size_t{1} << 30;  // bytes; a script's record is cut at half of that
 
@@ -242,8 +239,6 @@ CollectedRecord Collect(const PlannedRecord& planned, const std::u16string& fold
 
 // --- printing
 
-constexpr int jsonForPeople = JSON_C_TO_STRING_PRETTY | JSON_C_TO_STRING_SPACED | JSON_C_TO_STRING_NOSLASHESCAPE;
-
 std::string TitleOf(const PlannedRecord& planned, const CollectedRecord& collected) {
     const std::string name = planned.names.empty() ? "(no name)" : planned.names.front();
     const std::string kind = planned.kind.empty() ? "unknown kind" : std::string(planned.kind);
@@ -256,18 +251,13 @@ void PrintRecord(const PlannedRecord& planned, const CollectedRecord& collected)
     fmt::print("{}\n", TitleOf(planned, collected));
     if (collected.text && !collected.text->empty()) {
         const JsonPtr json = ParsedJson(*collected.text);
-        const std::string text = json ? json_object_to_json_string_ext(json.get(), jsonForPeople) : *collected.text;
+        const std::string text = json ? TextOfJson(json.get()) : *collected.text;
         fmt::print("{}{}", text, text.ends_with('\n') ? "" : "\n");
         if (!json) fmt::print("   not JSON: the server may not understand it\n");
     }
     for (const std::string& line : collected.lines) fmt::print("   log: {}\n", InLine(line));
     fmt::print("\n");
     commandline::FlushOutput();
-}
-
-json_object* JsonText(const std::string& text) {
-    const std::string valid = utf8::replace_invalid(text);
-    return json_object_new_string_len(valid.data(), static_cast<int>(valid.size()));
 }
 
 json_object* JsonTexts(const std::vector<std::string>& texts) {
@@ -307,7 +297,7 @@ std::size_t CollectAll(const std::vector<PlannedRecord>& records, bool asJson) {
         else
             PrintRecord(records[done], collected);
     }
-    if (asJson) fmt::print("{}\n", json_object_to_json_string_ext(list.get(), jsonForPeople));
+    if (asJson) fmt::print("{}\n", TextOfJson(list.get()));
     if (done == records.size()) return failed;
     fmt::print(stderr, "kvagentctl: interrupted after {} of {} records\n", done, records.size());
     throw commandline::ExitWith{interrupted};

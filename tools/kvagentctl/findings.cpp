@@ -2,12 +2,12 @@
 
 #include <algorithm>
 #include <fmt/format.h>
-#include <json-c/json.h>
-#include <memory>
 #include <utf8.h>
 #include <utility>
 
 #include "commandline/run.h"
+#include "tools/kvagentctl/json_text.h"
+#include "tools/kvagentctl/status_text.h"
 
 namespace kv::control {
 
@@ -23,15 +23,6 @@ const char* SeverityName(Severity severity) {
             break;
     }
     return "note";
-}
-
-std::string Counted(std::size_t count, const char* what) {
-    return fmt::format("{} {}{}", count, what, count == 1 ? "" : "s");
-}
-
-json_object* JsonText(const std::string& text) {
-    const std::string valid = utf8::replace_invalid(text);
-    return json_object_new_string_len(valid.data(), static_cast<int>(valid.size()));
 }
 
 json_object* JsonFinding(const Finding& finding) {
@@ -76,7 +67,7 @@ std::string PrintedFindings(const Findings& findings) {
 }
 
 std::string FindingsAsJson(const Findings& findings) {
-    const std::unique_ptr<json_object, decltype(&json_object_put)> whole(json_object_new_object(), json_object_put);
+    const JsonPtr whole(json_object_new_object(), json_object_put);
     json_object* list = json_object_new_array();
     for (const Finding& finding : findings.list) json_object_array_add(list, JsonFinding(finding));
     json_object_object_add(whole.get(), "findings", list);
@@ -85,8 +76,7 @@ std::string FindingsAsJson(const Findings& findings) {
     };
     json_object_object_add(whole.get(), "errors", count(Severity::error));
     json_object_object_add(whole.get(), "warnings", count(Severity::warning));
-    constexpr int form = JSON_C_TO_STRING_PRETTY | JSON_C_TO_STRING_SPACED | JSON_C_TO_STRING_NOSLASHESCAPE;
-    return std::string(json_object_to_json_string_ext(whole.get(), form)) + "\n";
+    return TextOfJson(whole.get()) + "\n";
 }
 
 }  // namespace kv::control

@@ -1,12 +1,11 @@
 #include "tools/kvagentctl/output.h"
 
 #include <algorithm>
-#include <json-c/json.h>
-#include <memory>
 #include <utf8.h>
 #include <wchar.h>
 
 #include "commandline/run.h"
+#include "tools/kvagentctl/json_text.h"
 
 namespace kv::control {
 
@@ -63,17 +62,14 @@ std::string PrintedLines(const Table& table) {
 }
 
 std::string JsonTextOf(json_object* value) {
-    const std::unique_ptr<json_object, decltype(&json_object_put)> owned(value, json_object_put);
-    constexpr int flags = JSON_C_TO_STRING_PRETTY | JSON_C_TO_STRING_SPACED | JSON_C_TO_STRING_NOSLASHESCAPE;
-    return json_object_to_json_string_ext(value, flags);
+    const JsonPtr owned(value, json_object_put);
+    return TextOfJson(value);
 }
 
 /// The caller's; null for a cell without a value.
 json_object* JsonOf(const Cell& cell) {
     if (!cell.json.empty()) return json_tokener_parse(cell.json.c_str());
-    if (!cell.text) return nullptr;
-    const std::string text = utf8::replace_invalid(*cell.text);
-    return json_object_new_string_len(text.data(), static_cast<int>(text.size()));
+    return cell.text ? JsonText(*cell.text) : nullptr;
 }
 
 std::string PrintedJson(const Table& table) {

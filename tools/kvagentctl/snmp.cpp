@@ -10,6 +10,7 @@
 #include "commandline/run.h"
 #include "foundation/log.h"
 #include "platform/utf.h"
+#include "snmp/pdu.h"
 #include "snmp/snmp_manager.h"
 #include "tools/kvagentctl/agent_process.h"
 #include "tools/kvagentctl/output.h"
@@ -28,7 +29,6 @@ using commandline::Value;
 constexpr std::int64_t defaultPort = 161;
 constexpr std::int64_t defaultTimeout = 5;
 constexpr std::int64_t longestTimeout = 2147;  // seconds; its microseconds fit 32 bits
-constexpr std::size_t longestCommunity = 254;  // bytes
 constexpr std::size_t longestHost = 255;       // characters
 constexpr std::size_t longestOid = 128;        // sub-identifiers
 
@@ -113,7 +113,8 @@ Request ReadRequest(const Given& given) {
     request.port = static_cast<std::int32_t>(Number(given, "--port", defaultPort, {1, 65535}));
     request.timeout = static_cast<std::int32_t>(Number(given, "--timeout", defaultTimeout, {1, longestTimeout}));
     request.community = Value(given, "--community", "public");
-    if (request.community.size() > longestCommunity) throw UsageError("--community takes at most 254 bytes");
+    if (request.community.size() > snmp::maxRequestCommunity)
+        throw UsageError(fmt::format("--community takes at most {} bytes", snmp::maxRequestCommunity));
     request.version = Value(given, "--version", "v1");
     if (request.version != "v1" && request.version != "v2c")
         throw UsageError(fmt::format("--version takes v1 or v2c, not '{}'", request.version));

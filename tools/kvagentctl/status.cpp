@@ -3,8 +3,6 @@
 #include <array>
 #include <cstdio>
 #include <fmt/format.h>
-#include <json-c/json.h>
-#include <memory>
 #include <utf8.h>
 #include <utility>
 
@@ -12,6 +10,7 @@
 #include "foundation/version.h"
 #include "platform/messages.h"
 #include "tools/kvagentctl/agent_facts.h"
+#include "tools/kvagentctl/json_text.h"
 #include "tools/kvagentctl/status_text.h"
 #include "tools/kvagentctl/verbs.h"
 #include "tools/kvreg/registry_failure.h"
@@ -125,13 +124,6 @@ void PrintForPeople(const AgentFacts& facts, const std::vector<Problem>& problem
 
 // --- for programs
 
-using Json = std::unique_ptr<json_object, decltype(&json_object_put)>;
-
-json_object* JsonText(const std::string& text) {
-    const std::string valid = utf8::replace_invalid(text);
-    return json_object_new_string_len(valid.data(), static_cast<int>(valid.size()));
-}
-
 /// An object of members, which it owns then.
 json_object* JsonObject(const std::vector<std::pair<const char*, json_object*>>& members) {
     json_object* object = json_object_new_object();
@@ -184,22 +176,22 @@ void PrintJson(const AgentFacts& facts, const std::vector<Problem>& problems) {
     json_object* attention = json_object_new_array();
     for (const Problem& problem : problems) json_object_array_add(attention, JsonText(problem.text));
     const bool isPlaceKnown = !facts.binPath.empty();
-    const Json object(JsonObject({{"version", JsonText(std::string(programVersion))},
-                                  {"isRunning", json_object_new_boolean(facts.isRunning)},
-                                  {"service", JsonText(facts.service)},
-                                  {"process", facts.process.empty() ? nullptr : JsonText(facts.process)},
-                                  {"directory", isPlaceKnown ? JsonText(facts.binPath) : nullptr},
-                                  {"key", facts.key.empty() ? nullptr : JsonText(facts.key)},
-                                  {"server", facts.server.empty() ? nullptr : JsonText(facts.server)},
-                                  {"agent", facts.health ? JsonHealth(*facts.health) : nullptr},
-                                  {"plan", isPlaceKnown ? JsonPlan(facts.plan) : nullptr},
-                                  {"records", isPlaceKnown ? JsonWaiting(facts.records) : nullptr},
-                                  {"zips", isPlaceKnown ? JsonWaiting(facts.zips) : nullptr},
-                                  {"freeBytes", facts.freeBytes ? json_object_new_uint64(*facts.freeBytes) : nullptr},
-                                  {"attention", attention}}),
-                      json_object_put);
-    const int form = JSON_C_TO_STRING_PRETTY | JSON_C_TO_STRING_SPACED | JSON_C_TO_STRING_NOSLASHESCAPE;
-    fmt::print("{}\n", json_object_to_json_string_ext(object.get(), form));
+    const JsonPtr object(
+        JsonObject({{"version", JsonText(std::string(programVersion))},
+                    {"isRunning", json_object_new_boolean(facts.isRunning)},
+                    {"service", JsonText(facts.service)},
+                    {"process", facts.process.empty() ? nullptr : JsonText(facts.process)},
+                    {"directory", isPlaceKnown ? JsonText(facts.binPath) : nullptr},
+                    {"key", facts.key.empty() ? nullptr : JsonText(facts.key)},
+                    {"server", facts.server.empty() ? nullptr : JsonText(facts.server)},
+                    {"agent", facts.health ? JsonHealth(*facts.health) : nullptr},
+                    {"plan", isPlaceKnown ? JsonPlan(facts.plan) : nullptr},
+                    {"records", isPlaceKnown ? JsonWaiting(facts.records) : nullptr},
+                    {"zips", isPlaceKnown ? JsonWaiting(facts.zips) : nullptr},
+                    {"freeBytes", facts.freeBytes ? json_object_new_uint64(*facts.freeBytes) : nullptr},
+                    {"attention", attention}}),
+        json_object_put);
+    fmt::print("{}\n", TextOfJson(object.get()));
 }
 
 // --- for monitoring
@@ -232,9 +224,10 @@ std::string FineText(const AgentFacts& facts) {
     return text;
 }
 
-Severity PrintForMonitoring(const AgentFacts& facts, const std::vector<Problem>& problems, const Thresholds& limits) {
+PluginStatus PrintForMonitoring(const AgentFacts& facts, const std::vector<Problem>& problems,
+                                const Thresholds& limits) {
     constexpr const char* names[] = {"OK", "WARNING", "CRITICAL", "UNKNOWN"};
-    const Severity severity = problems.empty() ? Severity::fine : problems.front().severity;
+    const PluginStatus severity = problems.empty() ? PluginStatus::fine : problems.front().severity;
     std::string text = problems.empty() ? FineText(facts) : "";
     for (const Problem& problem : problems) text += (text.empty() ? "" : "; ") + problem.text;
     fmt::print("KVAGENT {} - {}{}\n", names[static_cast<std::size_t>(severity)], PluginText(text),
@@ -264,14 +257,14 @@ Thresholds ReadThresholds(const Given& given) {
 
 /// Monitoring takes the exit codes of a failure for a state of the agent, so that every failure here is "unknown".
 [[noreturn]] void RunAsPlugin(const Given& given) {
-    Severity severity = Severity::unknown;
+    PluginStatus severity = PluginStatus::unknown;
     try {
         if (Has(given, "--json")) throw UsageError("--json and --plugin do not go together");
         const Thresholds limits = ReadThresholds(given);
         const AgentFacts facts = GatherFacts();
         severity = PrintForMonitoring(facts, JudgeFacts(facts, limits), limits);
     } catch (const std::exception& error) {
-        severity = Severity::unknown;
+        severity = PluginStatus::unknown;
         const std::string line = fmt::format("KVAGENT UNKNOWN - {}\n", PluginText(error.what()));
         static_cast<void>(std::fputs(line.c_str(), stdout));  // which may be what failed
     }
