@@ -188,6 +188,11 @@ Error WriteCompleteFile(std::u16string_view path, std::u16string_view temporaryP
 
 Error ReplaceFile(std::u16string_view path, std::u16string_view temporaryPath, std::string_view bytes,
                   Readers readers) {
+    std::uint32_t standing = 0;
+    if (Files().GetFileAttributesW(path, standing) == error::success &&
+        (standing & platform::file_attribute::device) != 0) {
+        return error::alreadyExists;
+    }
     Files().DeleteFileW(temporaryPath);
     OpenFile file;
     Error result = file.Open(temporaryPath, FileAccess::write, FileShare::none, FileDisposition::createNew);

@@ -67,8 +67,8 @@ enum class FileUse {
                                                 std::string_view bytes);
 
 /// The same without waiting for the disk, for what is written again soon: a power failure may leave it damaged.
-/// Whatever stands at temporaryPath is deleted first, and a link there is not followed. Everyone may read the file if
-/// that is asked for.
+/// Whatever stands at temporaryPath is deleted first, and a link there is not followed. A device or a pipe at path
+/// stays (alreadyExists). Everyone may read the file if that is asked for.
 enum class Readers { ownerAndGroup, everyone };
 [[nodiscard]] platform::Error ReplaceFile(std::u16string_view path, std::u16string_view temporaryPath,
                                           std::string_view bytes, Readers readers);

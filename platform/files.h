@@ -58,6 +58,7 @@ inline constexpr std::uint32_t hidden = 0x2;
 inline constexpr std::uint32_t system = 0x4;
 inline constexpr std::uint32_t directory = 0x10;
 inline constexpr std::uint32_t archive = 0x20;
+inline constexpr std::uint32_t device = 0x40;         // neither file, directory nor link
 inline constexpr std::uint32_t reparsePoint = 0x400;  // a link
 }  // namespace file_attribute
 

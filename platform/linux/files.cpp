@@ -149,6 +149,7 @@ constexpr mode_t anyWriter = S_IWUSR | S_IWGRP | S_IWOTH;
 
 std::uint32_t AttributesOf(mode_t mode) {
     if (S_ISLNK(mode)) return file_attribute::reparsePoint;
+    if (!S_ISREG(mode) && !S_ISDIR(mode)) return file_attribute::device;
     const bool writable = (mode & anyWriter) != 0;
     return (S_ISDIR(mode) ? file_attribute::directory : file_attribute::archive) |
            (writable ? 0 : file_attribute::readOnly);

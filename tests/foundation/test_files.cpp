@@ -75,6 +75,15 @@ TEST_F(FileHelpers, ReplacesAFileNeverThroughALink) {
     EXPECT_NE(ReplaceFile(u"status.json", u"status.json.tmp", "new", Readers::everyone), error::success);
     EXPECT_EQ(Read(bin / "status.json"), "ours");
     EXPECT_TRUE(fs::exists(bin / "status.json.tmp" / "kept"));
+
+    platform::FileOperations pipes = platform::Files();
+    pipes.GetFileAttributesW = [](auto, std::uint32_t& attributes) {
+        attributes = platform::file_attribute::device;
+        return error::success;
+    };
+    const platform::ScopedOperations scoped(pipes);
+    EXPECT_EQ(ReplaceFile(u"status.json", u"status.tmp", "new", Readers::everyone), error::alreadyExists);
+    EXPECT_EQ(Read(bin / "status.json"), "ours");
 }
 
 TEST_F(FileHelpers, TakesUnknownRoomAsEnough) {
