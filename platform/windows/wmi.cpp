@@ -101,6 +101,10 @@ WmiStatus CoSetProxyBlanket(WmiHandle handle) {
                                         RPC_C_AUTHN_LEVEL_CALL, RPC_C_IMP_LEVEL_IMPERSONATE, nullptr, EOAC_NONE));
 }
 
+/// COM keeps what a component says of its last failure for the thread that called it. What an earlier call left must
+/// not pass for the next one's.
+void ForgetRefusal() { ::SetErrorInfo(0, nullptr); }
+
 WmiStatus ExecQuery(std::chrono::milliseconds limit, WmiHandle handle, std::u16string_view query,
                     WmiHandle& enumerator) {
     const auto* services = ThingOf<ComPtr<IWbemServices>>(handle);
@@ -108,6 +112,7 @@ WmiStatus ExecQuery(std::chrono::milliseconds limit, WmiHandle handle, std::u16s
     const OwnedBstr language = BstrOf(u"WQL");
     const OwnedBstr text = BstrOf(query);
     ComPtr<IEnumWbemClassObject> objects;
+    ForgetRefusal();
     const HRESULT result =
         (*services)->ExecQuery(language.get(), text.get(), WBEM_FLAG_FORWARD_ONLY | WBEM_FLAG_RETURN_IMMEDIATELY,
                                nullptr, objects.GetAddressOf());
@@ -127,6 +132,7 @@ WmiStatus Next(WmiHandle handle, WmiHandle& object, std::uint32_t& count) {
     if (enumerator == nullptr) return wmi_status::invalidParameter;
     ComPtr<IWbemClassObject> next;
     ULONG returned = 0;
+    ForgetRefusal();
     const HRESULT result =
         enumerator->objects->Next(static_cast<LONG>(enumerator->limit.count()), 1, next.GetAddressOf(), &returned);
     if (result == WBEM_S_TIMEDOUT) return GiveUp(*enumerator);
@@ -171,7 +177,6 @@ std::vector<std::u16string> TakeNotices(WmiHandle handle) {
     return enumerator == nullptr ? std::vector<std::u16string>() : std::exchange(enumerator->notices, {});
 }
 
-/// COM keeps what a component says of its last failure for the thread that called it.
 std::u16string TakeRefusal(WmiHandle) {
     ComPtr<IErrorInfo> information;
     if (::GetErrorInfo(0, information.GetAddressOf()) != S_OK) return {};
