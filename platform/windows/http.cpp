@@ -57,6 +57,7 @@ struct WinHttp {
         InternetHandle redirectedConnection;  // null at the request's own target
         InternetHandle handle;                // null, too, once a certificate has been refused
         HttpTarget place;                     // where the request is open
+        bool isJudged = false;                // the certificate there has passed what the trust asks
         std::optional<Error> refusal;         // why the sending was broken off
         std::optional<HttpBody> answer;
     };
@@ -156,6 +157,7 @@ Error SetOwnOptions(HINTERNET request) {
 
 /// Judges the certificate of the server that a request is about to be sent to. False when nothing may go out.
 bool MayBeSent(WinHttp::Request& request) {
+    request.isJudged = false;
     PCCERT_CONTEXT certificate = nullptr;
     DWORD size = sizeof certificate;
     if (!::WinHttpQueryOption(request.handle.get(), WINHTTP_OPTION_SERVER_CERT_CONTEXT, &certificate, &size)) {
@@ -171,7 +173,8 @@ bool MayBeSent(WinHttp::Request& request) {
     if (request.presented.empty() || request.presented.back().server != presented.server ||
         request.presented.back().der != presented.der)
         request.presented.push_back(std::move(presented));
-    return passes && !request.trust.onlyLook;
+    request.isJudged = passes && !request.trust.onlyLook;
+    return request.isJudged;
 }
 
 /// Called by the system, on the thread that sends, when it is connected and has sent nothing: the first moment at which
@@ -291,12 +294,12 @@ Error SendHeaders(WinHttp::Request& request, bool withBody) {
 }
 
 /// The same when the trust asks for something: it alone decides then, and what is to be kept from strangers, the body,
-/// follows only once it has.
+/// follows only once it has. Without a certificate there is only what a proxy says instead of leading on.
 Error SendToTrusted(WinHttp::Request& request) {
     if (const Error failure = SetNumber(request.handle.get(), WINHTTP_OPTION_SECURITY_FLAGS, allLetPass))
         return failure;
     if (const Error failure = SendHeaders(request, false)) return failure;
-    if (request.refusal || request.bodySize == 0) return error::success;
+    if (request.refusal || request.bodySize == 0 || !request.isJudged) return error::success;
     DWORD written = 0;
     return HttpResultOf(
         ::WinHttpWriteData(request.handle.get(), request.body, static_cast<DWORD>(request.bodySize), &written));
@@ -306,6 +309,7 @@ Error SendToTrusted(WinHttp::Request& request) {
 Error SendFromHere(WinHttp::Request& request) {
     request.answer.reset();
     request.refusal.reset();
+    request.isJudged = false;
     if (const Error failure = OfferProxyCredentials(request)) return failure;
     const Error result = AsksForCertificate(request.trust) ? SendToTrusted(request) : SendHeaders(request, true);
     const Error failure = request.refusal.value_or(result);
@@ -352,11 +356,6 @@ Error WinHttp::Resend(Request& request, const HttpTarget& target) {
     return SendFromHere(request);
 }
 
-Error WinHttp::Receive(Request& request) {
-    const Error result = HttpResultOf(::WinHttpReceiveResponse(request.handle.get(), nullptr));
-    return request.refusal.value_or(result);
-}
-
 void WinHttp::EndReceive(Request& request, Error result) {
     if (result == error::success)
         request.answer.emplace(request.handle.get());
@@ -371,6 +370,15 @@ bool CameSecurely(HINTERNET request) {
     if (!::WinHttpQueryOption(request, WINHTTP_OPTION_SERVER_CERT_CONTEXT, &certificate, &size)) return false;
     ::CertFreeCertificateContext(certificate);
     return true;
+}
+
+Error WinHttp::Receive(Request& request) {
+    const Error result = HttpResultOf(::WinHttpReceiveResponse(request.handle.get(), nullptr));
+    if (request.refusal) return *request.refusal;
+    // The answer of a server whose certificate nobody has judged is not taken.
+    const bool isUnjudged = AsksForCertificate(request.trust) && !request.isJudged;
+    return result == error::success && isUnjudged && CameSecurely(request.handle.get()) ? error::winHttpSecureFailure
+                                                                                        : result;
 }
 
 /// A proxy that refuses a tunnel may not say where to go instead.

@@ -34,7 +34,7 @@ using InternetHandle = OwnedHandle<HINTERNET, CloseInternetHandle>;
 Error SetNumber(HINTERNET handle, DWORD option, DWORD value);
 Error SetText(HINTERNET handle, DWORD option, std::wstring text);
 
-/// The text of a header of the request's answer; winHttpHeaderNotFound when it has none. The query is WinHTTP's.
+/// The text of a header of the request's answer; winHttpHeaderNotFound when it is absent. The query is WinHTTP's.
 [[nodiscard]] Error QueryHeaderText(HINTERNET request, DWORD query, std::wstring& text);
 
 /// The length that the answer declares for its body; winHttpInvalidServerResponse when it is not a number.

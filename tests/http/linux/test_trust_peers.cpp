@@ -4,6 +4,7 @@
 #include <csignal>
 #include <gmock/gmock.h>
 
+#include "tests/http/http_peers.h"
 #include "tests/http/linux/tls_peers.h"
 #include "tests/support/linux/shell.h"
 #include "tests/support/test_folder.h"
@@ -89,6 +90,27 @@ TEST_F(TrustPeers, NothingGoesOutToAServerThatIsNotTrusted) {
         EXPECT_EQ(printed.find("and nothing was sent to it") == printed.npos, row.goesOut);
         EXPECT_EQ(server.decrypted > 0, row.goesOut) << server.decrypted;
     }
+}
+
+TEST_F(TrustPeers, AProxyThatDoesNotLeadOnGetsNoRecord) {
+    if (std::getenv("KV_TRUST_CLIENT")) GTEST_SKIP() << "Wine asks no proxy for a tunnel";
+    TlsServer server(Issue(key, {}, &authority));
+    std::string got;
+    RawServer refuses([&got](Socket connection, const std::string&) {
+        SendText(connection, "HTTP/1.1 502 Bad Gateway\r\nConnection: close\r\nContent-Length: 0\r\n\r\n");
+        for (char c; ReceiveBytes(connection, &c, 1) == 1;) got += c;
+    });
+    RawServer leads(ProxyThatWants(basicCredentials));
+    const std::string address = "127.0.0.1:" + std::to_string(server.port);
+    const auto through = [&](const RawServer& proxy) {
+        return RunClient(address, {CAFile("ca.pem"), "proxy=127.0.0.1:" + std::to_string(proxy.port)});
+    };
+    EXPECT_THAT(through(refuses), testing::HasSubstr("results 13 13"));
+    EXPECT_THAT(refuses.requests, testing::Each(testing::StartsWith("CONNECT ")));
+    EXPECT_THAT(got, testing::Not(testing::HasSubstr("record")));
+    EXPECT_EQ(server.decrypted, 0u);
+    EXPECT_THAT(through(leads), testing::HasSubstr("results 0 0"));
+    EXPECT_GT(server.decrypted, 0u);
 }
 
 }  // namespace
