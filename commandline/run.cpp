@@ -268,7 +268,7 @@ std::string Parser::CommandsWith(std::string_view option) const {
 std::string NameForHelp(const Program& program, const std::vector<std::string>& words) {
     for (const std::span<const Command> topic : program.topics) {
         for (const Command& command : topic) {
-            const std::size_t count = command.name.find(' ') == command.name.npos ? 1 : 2;
+            const std::size_t count = command.name.find(' ') == std::string_view::npos ? 1 : 2;
             if (words.size() < count) continue;
             if (fmt::format("{}", fmt::join(words.begin(), words.begin() + static_cast<std::ptrdiff_t>(count), " ")) ==
                 command.name)

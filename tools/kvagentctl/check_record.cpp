@@ -83,13 +83,13 @@ void CheckWmi(const Subject& subject) {
 bool IsInPath(std::string program) {
     program.resize(program.find_last_not_of(" \t") + 1);
     if (program.starts_with('-')) return true;
-    if (program.find('/') != program.npos) return MayExist(platform::WideFromUtf8(program));
+    if (program.find('/') != std::string::npos) return MayExist(platform::WideFromUtf8(program));
     const char* const path = std::getenv("PATH");
     std::string_view rest = path != nullptr ? path : "/usr/bin:/bin";
     for (bool isLast = false; !isLast;) {
         const std::size_t end = rest.find(':');
         if (MayExist(platform::WideFromUtf8(fmt::format("{}/{}", rest.substr(0, end), program)))) return true;
-        isLast = end == rest.npos;
+        isLast = end == std::string_view::npos;
         rest.remove_prefix(isLast ? rest.size() : end + 1);
     }
     return false;
@@ -111,7 +111,7 @@ std::string FirstLineFault(std::u16string_view path) {
         "ELF");
     line.resize(std::min(read, line.find('\n')));
     if (!line.starts_with("#!"))
-        return isProgram || line.find('\0') == line.npos ? "" : "is neither a program nor a script";
+        return isProgram || line.find('\0') == std::string::npos ? "" : "is neither a program nor a script";
     line.erase(0, 2);
     if (line.ends_with('\r')) return "has CRLF line ends, so its interpreter is not found";
     const std::size_t begin = std::min(line.find_first_not_of(" \t"), line.size());
@@ -119,7 +119,8 @@ std::string FirstLineFault(std::u16string_view path) {
     if (!MayExist(platform::WideFromUtf8(interpreter)))
         return fmt::format("names the interpreter {}, which does not exist", interpreter);
     const std::size_t argument = line.find_first_not_of(" \t", begin + interpreter.size());
-    const bool isFound = !interpreter.ends_with("/env") || argument == line.npos || IsInPath(line.substr(argument));
+    const bool isFound =
+        !interpreter.ends_with("/env") || argument == std::string::npos || IsInPath(line.substr(argument));
     return isFound ? "" : fmt::format("asks env for '{}', which is not in PATH", line.substr(argument));
 }
 

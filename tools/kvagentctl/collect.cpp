@@ -18,6 +18,7 @@
 #include "platform/clock.h"
 #include "platform/console_tool.h"
 #include "platform/near_name.h"
+#include "platform/process.h"
 #include "platform/utf.h"
 #include "queryconf/conf_paths.h"
 #include "tools/kvagentctl/agent_process.h"
@@ -280,17 +281,36 @@ json_object* JsonOf(const PlannedRecord& planned, const CollectedRecord& collect
     return object;
 }
 
-/// Collects and prints records; the number of those that failed. An interrupt ends it behind the record at hand, so
-/// that the folder with its data goes.
+/// From now on an interrupt ends the wait for a script, which is ended then as one that takes too long.
+void LetInterruptsEndScripts() {
+    static constexpr std::uint32_t step = 100;  // milliseconds between two looks
+    auto& operations = platform::CurrentOperations<platform::ProcessOperations>();
+    operations.WaitForSingleObject = [wait = operations.WaitForSingleObject](platform::ProcessHandle process,
+                                                                             std::uint32_t milliseconds) {
+        platform::Error result = platform::error::waitTimeout;
+        do {
+            if (platform::WasInterrupted()) return platform::error::processAborted;
+            const std::uint32_t next = std::min(milliseconds, step);
+            result = wait(process, next);
+            milliseconds -= next;
+        } while (result == platform::error::waitTimeout && milliseconds > 0);
+        return result;
+    };
+}
+
+/// Collects and prints records; the number of those that failed. An interrupt ends it, and the folder with the data of
+/// the record at hand goes.
 std::size_t CollectAll(const std::vector<PlannedRecord>& records, bool asJson) {
     constexpr int interrupted = 130;  // as shells number the end by Ctrl-C
     platform::WatchForInterrupt();
+    LetInterruptsEndScripts();
     const platform::TemporaryFolder folder;
     const JsonPtr list(json_object_new_array(), json_object_put);
     std::size_t failed = 0;
     std::size_t done = 0;
-    for (; done < records.size() && !platform::WasInterrupted(); ++done) {
+    for (; done < records.size(); ++done) {
         const CollectedRecord collected = Collect(records[done], folder.path());
+        if (platform::WasInterrupted()) break;
         if (collected.isFailure) ++failed;
         if (asJson)
             json_object_array_add(list.get(), JsonOf(records[done], collected));
