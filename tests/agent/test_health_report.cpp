@@ -12,6 +12,7 @@
 #include "agent/health_report.h"
 #include "agent/log_file.h"
 #include "agent/metrics_file.h"
+#include "foundation/agent_health.h"
 #include "foundation/agent_state.h"
 #include "foundation/log.h"
 #include "foundation/registry_store.h"
@@ -53,6 +54,7 @@ class HealthReport : public test::TestAgent {
                                        return Error{platform::error::waitTimeout};
                                    });
         EXPECT_THROW(ReportHealth(nullptr), test::TimeIsUp);
+        platform::Threads().CloseEvent(agentHealth.wake.exchange(0));  // in the agent the thread never ends
     }
 
     std::optional<HealthSnapshot> Status() const {
