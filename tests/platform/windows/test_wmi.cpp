@@ -209,7 +209,7 @@ TEST_F(WindowsWmiTest, CopiesAndClearsValuesOfEveryType) {
                              {L"nullText", VariantHolding(VT_BSTR, &VARIANT::bstrVal, BSTR{nullptr})},
                              {L"text", VariantHolding(VT_BSTR, &VARIANT::bstrVal, text.get())},
                              {L"object", VariantHolding(VT_UNKNOWN, &VARIANT::punkVal, unknown)}}}),
-              "0 [bool=true;date=array;i2=-2;null=NULL;nullText=;object=array;r4=0.5;r8=3.5;text=x;ui1=65;ui4=array;]");
+              "0 [bool=true;date=[];i2=-2;null=NULL;nullText=;object=[];r4=0.5;r8=3.5;text=x;ui1=65;ui4=[];]");
     EXPECT_EQ(script.references, 0);
 }
 
