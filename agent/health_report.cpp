@@ -36,7 +36,8 @@ constexpr std::int64_t periodSeconds = 60;
 constexpr std::int64_t rewriteSeconds = 600;
 
 /// How long a stop waits for a report that is on its way: the server is still to be told.
-constexpr std::chrono::seconds stopPatience{1};
+constexpr int stopLooks = 20;
+constexpr std::uint32_t stopPause = 50;  // milliseconds between two of them
 
 /// Events come together, as when several zips are accepted: one report is enough for them.
 constexpr std::uint32_t gatherMilliseconds = 2000;
@@ -60,7 +61,7 @@ struct RewrittenFile {
 
 /// What has been reported in this run. Guarded by its locks, because a stop reports on another thread.
 struct Report {
-    std::timed_mutex lock;
+    std::mutex lock;
     RewrittenFile status;
     std::optional<HealthSnapshot> written;
     std::int64_t statusTime = 0;
@@ -69,7 +70,7 @@ struct Report {
     std::uint32_t storedLogLevel = 0;  // as it was last read
 
     // Apart, because the folder of the metrics is anywhere, and may keep a write waiting.
-    std::timed_mutex metricsLock;
+    std::mutex metricsLock;
     RewrittenFile metrics;  // without a path: not wanted
     std::int64_t metricsTime = 0;
 };
@@ -234,6 +235,17 @@ std::string TimeForPeople(std::int64_t time, std::int64_t now) {
     return isToday ? clock : fmt::format("{:04}-{:02}-{:02} {}", then.year, then.month, then.day, clock);
 }
 
+/// Waits a second at most for a report that is being written; the lock is not held then. It looks again and again,
+/// because the thread sanitizer does not see a lock that is waited for by the clock.
+std::unique_lock<std::mutex> LockInTime(std::mutex& mutex) {
+    std::unique_lock lock(mutex, std::try_to_lock);
+    for (int look = 0; !lock && look < stopLooks; ++look) {
+        platform::Clock().Sleep(stopPause);
+        static_cast<void>(lock.try_lock());
+    }
+    return lock;
+}
+
 HealthSnapshot StoppedHealth() {
     HealthSnapshot health = CurrentHealth();
     health.processId = 0;
@@ -258,7 +270,7 @@ std::uint32_t ReportHealth(void* /*ignored*/) {
 void ReportStop() {
     Report& report = CurrentReport();
     if (agentHealth.isReportOver.exchange(true)) return;
-    const std::unique_lock hold(report.lock, stopPatience);
+    const std::unique_lock hold = LockInTime(report.lock);
     if (!hold)
         Log1("\t ReportStop :: a report is still being written, and status.json does not tell of the stop\n");
     else if (!report.status.path.empty())  // else the stop came before the first report
@@ -267,7 +279,7 @@ void ReportStop() {
 
 void ReportStopInMetrics() {
     Report& report = CurrentReport();
-    const std::unique_lock hold(report.metricsLock, stopPatience);
+    const std::unique_lock hold = LockInTime(report.metricsLock);
     if (hold) WriteMetrics(report, StoppedHealth());
 }
 
