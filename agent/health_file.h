@@ -59,8 +59,8 @@ std::u16string HealthFilePath(std::u16string_view binPath);
 /// failure.
 [[nodiscard]] platform::Error WriteHealthFile(std::u16string_view path, const HealthSnapshot& health);
 
-/// Null when there is no such file, it cannot be read, or it is not one that an agent writes; failure then says why. A
-/// member that is absent or of another type keeps its default.
+/// Null when the file is absent, cannot be read, or was not written by an agent; failure then says why. A member that
+/// is absent or of another type keeps its default.
 std::optional<HealthSnapshot> ReadHealthFile(std::u16string_view path, std::string& failure);
 
 }  // namespace kv

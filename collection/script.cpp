@@ -145,8 +145,8 @@ std::u16string ScriptParameters(const HashTable* record) {
     return text += u" " + ReadMember(record, u"params").value_or(u"");
 }
 
-/// Whether a script may be run; a line when not. A double quote is no part of a file's name, and is dropped from it on
-/// the way: what runs could be another file than the one that is allowed.
+/// Whether a script may be run; a line when not. A double quote does not belong to a file's name, and is dropped from
+/// it on the way: what runs could be another file than the one that is allowed.
 bool MayRun(std::u16string_view fileName, const OptionalText& recordName) {
     if (!StaysBelowDirectory(fileName)) {
         Log1("ExecuteScript : %s does not name a file below the scripts directory and is not run \n", fileName);
@@ -166,7 +166,7 @@ bool MayRun(std::u16string_view fileName, const OptionalText& recordName) {
     return !refusal;
 }
 
-/// The last line about a script's run, or that there is no such file.
+/// The last line about a script's run, or that its file is absent.
 std::u16string ReasonOfFailure(const std::u16string& path, std::u16string remarks) {
     if (!CheckFileExists(path)) return ConcatStrings(u"there is no file ", path);
     while (!remarks.empty() && (remarks.back() == u'\n' || remarks.back() == u' ')) remarks.pop_back();
