@@ -5,7 +5,7 @@
 #include "platform/backend.h"
 #include "platform/utf.h"
 #include "tests/tools/tool_fixture.h"
-#include "tools/kvagentctl/log_entries.h"
+#include "tools/kvagentctl/log/log_entries.h"
 
 namespace kv::test {
 

@@ -1,4 +1,4 @@
-#include "tools/kvagentctl/wmi_rows.h"
+#include "tools/kvagentctl/query/wmi_rows.h"
 
 #include <algorithm>
 #include <cmath>

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "tools/kvagentctl/output.h"
-#include "tools/kvagentctl/wmi_rows.h"
+#include "tools/kvagentctl/query/wmi_rows.h"
 
 namespace kv::control {
 

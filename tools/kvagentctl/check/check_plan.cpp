@@ -12,7 +12,7 @@
 #include "platform/utf.h"
 #include "queryconf/query_config.h"
 #include "tools/kvagentctl/agent_process.h"
-#include "tools/kvagentctl/check_parts.h"
+#include "tools/kvagentctl/check/check_parts.h"
 
 namespace kv::control {
 

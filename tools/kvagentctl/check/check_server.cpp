@@ -12,7 +12,7 @@
 #include "platform/sockets.h"
 #include "platform/utf.h"
 #include "tools/kvagentctl/agent_process.h"
-#include "tools/kvagentctl/check_parts.h"
+#include "tools/kvagentctl/check/check_parts.h"
 #include "tools/kvagentctl/connection.h"
 #include "tools/kvagentctl/server_text.h"
 

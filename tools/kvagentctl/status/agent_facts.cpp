@@ -1,4 +1,4 @@
-#include "tools/kvagentctl/agent_facts.h"
+#include "tools/kvagentctl/status/agent_facts.h"
 
 #include <algorithm>
 #include <fmt/format.h>
@@ -18,7 +18,7 @@
 #include "platform/service_manager.h"
 #include "platform/utf.h"
 #include "queryconf/conf_paths.h"
-#include "tools/kvagentctl/status_text.h"
+#include "tools/kvagentctl/status/status_text.h"
 #include "tools/kvreg/registry_failure.h"
 #include "tools/kvreg/registry_tree.h"
 

@@ -1,4 +1,4 @@
-#include "tools/kvagentctl/class_guide.h"
+#include "tools/kvagentctl/query/class_guide.h"
 
 #include "collection/wmi_query.h"
 #include "platform/utf.h"

@@ -1,4 +1,4 @@
-#include "tools/kvagentctl/query_session.h"
+#include "tools/kvagentctl/query/query_session.h"
 
 #include <algorithm>
 #include <array>
@@ -8,7 +8,7 @@
 #include "platform/console_tool.h"
 #include "platform/name_pattern.h"
 #include "platform/utf.h"
-#include "tools/kvagentctl/class_guide.h"
+#include "tools/kvagentctl/query/class_guide.h"
 
 namespace kv::control {
 

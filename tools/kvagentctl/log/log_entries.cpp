@@ -1,4 +1,4 @@
-#include "tools/kvagentctl/log_entries.h"
+#include "tools/kvagentctl/log/log_entries.h"
 
 #include <algorithm>
 #include <charconv>

@@ -7,7 +7,7 @@
 #include "platform/utf.h"
 #include "queryconf/conf_paths.h"
 #include "tools/kvagentctl/agent_process.h"
-#include "tools/kvagentctl/check_parts.h"
+#include "tools/kvagentctl/check/check_parts.h"
 #include "tools/kvagentctl/verbs.h"
 
 namespace kv::control {

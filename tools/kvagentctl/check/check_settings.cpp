@@ -12,7 +12,7 @@
 #include "platform/console_tool.h"
 #include "platform/files.h"
 #include "platform/utf.h"
-#include "tools/kvagentctl/check_parts.h"
+#include "tools/kvagentctl/check/check_parts.h"
 #include "tools/kvreg/registry_failure.h"
 #include "tools/kvreg/registry_tree.h"
 

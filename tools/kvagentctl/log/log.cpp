@@ -11,9 +11,9 @@
 #include "platform/files.h"
 #include "platform/utf.h"
 #include "tools/kvagentctl/agent_process.h"
-#include "tools/kvagentctl/check_parts.h"
-#include "tools/kvagentctl/log_entries.h"
-#include "tools/kvagentctl/log_files.h"
+#include "tools/kvagentctl/check/check_parts.h"
+#include "tools/kvagentctl/log/log_entries.h"
+#include "tools/kvagentctl/log/log_files.h"
 #include "tools/kvagentctl/verbs.h"
 #include "tools/kvreg/registry_failure.h"
 

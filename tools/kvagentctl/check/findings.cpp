@@ -1,4 +1,4 @@
-#include "tools/kvagentctl/findings.h"
+#include "tools/kvagentctl/check/findings.h"
 
 #include <algorithm>
 #include <fmt/format.h>
@@ -7,7 +7,7 @@
 
 #include "commandline/run.h"
 #include "tools/kvagentctl/json_text.h"
-#include "tools/kvagentctl/status_text.h"
+#include "tools/kvagentctl/status/status_text.h"
 
 namespace kv::control {
 

@@ -9,9 +9,9 @@
 #include "commandline/run.h"
 #include "foundation/version.h"
 #include "platform/messages.h"
-#include "tools/kvagentctl/agent_facts.h"
 #include "tools/kvagentctl/json_text.h"
-#include "tools/kvagentctl/status_text.h"
+#include "tools/kvagentctl/status/agent_facts.h"
+#include "tools/kvagentctl/status/status_text.h"
 #include "tools/kvagentctl/verbs.h"
 #include "tools/kvreg/registry_failure.h"
 

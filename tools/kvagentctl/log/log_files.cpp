@@ -1,4 +1,4 @@
-#include "tools/kvagentctl/log_files.h"
+#include "tools/kvagentctl/log/log_files.h"
 
 #include <algorithm>
 #include <array>

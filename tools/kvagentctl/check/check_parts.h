@@ -7,7 +7,7 @@
 #include <string_view>
 
 #include "foundation/hash_table.h"
-#include "tools/kvagentctl/findings.h"
+#include "tools/kvagentctl/check/findings.h"
 
 namespace kv::control {
 

@@ -8,7 +8,7 @@
 #include "commandline/run.h"
 #include "platform/console_tool.h"
 #include "platform/line_prompt.h"
-#include "tools/kvagentctl/query_session.h"
+#include "tools/kvagentctl/query/query_session.h"
 #include "tools/kvagentctl/verbs.h"
 
 namespace kv::control {

@@ -23,7 +23,7 @@
 #include "snmp/asn.h"
 #include "snmp/oid.h"
 #include "snmp/pdu.h"
-#include "tools/kvagentctl/check_parts.h"
+#include "tools/kvagentctl/check/check_parts.h"
 
 namespace kv::control {
 

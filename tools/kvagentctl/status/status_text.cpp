@@ -1,4 +1,4 @@
-#include "tools/kvagentctl/status_text.h"
+#include "tools/kvagentctl/status/status_text.h"
 
 #include <fmt/format.h>
 
