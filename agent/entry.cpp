@@ -15,6 +15,7 @@
 #include "foundation/agent_state.h"
 #include "foundation/guarded.h"
 #include "foundation/log.h"
+#include "foundation/registry_failure.h"
 #include "foundation/registry_store.h"
 #include "foundation/resource_lock.h"
 #include "foundation/system_error.h"
@@ -66,16 +67,23 @@ void AppendNote(std::u16string_view path, std::string_view text) {
     files.CloseHandle(note);
 }
 
+/// Why the first setting, which says where the agent is, cannot be used, behind its name.
+std::string InstallDirFault(platform::Error failure) {
+    if (failure == platform::error::success) return "is not a text";
+    if (IsGone(failure) && EmptyRegistryText().empty()) {
+        const std::string file = platform::RegistryFile();
+        return "is missing" + (file.empty() ? "" : " in " + file) + "; kvagentctl check tells how to set it";
+    }
+    return "cannot be read: " + RegistryFailureText(failure);
+}
+
 /// Finds the bin directory. False if memory runs out; true, and no path, if the setting is absent.
 bool FindBinPath() try {
     OptionalText installDir;
     const platform::Error error = GetKVAgentInstallDir(installDir);
     if (error != platform::error::success || !installDir) {
-        if (error == platform::error::success)
-            std::fprintf(stderr, "MonitoringAgent: the setting KVAgentInstallDir is not a text\n");
-        else
-            std::fprintf(stderr, "MonitoringAgent: the setting KVAgentInstallDir cannot be read: %s (error %u)\n",
-                         platform::MessageInLine(error).c_str(), error);
+        const std::string fault = InstallDirFault(error);
+        std::fprintf(stderr, "MonitoringAgent: the setting KVAgentInstallDir %s\n", fault.c_str());
         AppendNote(registryNote, "Not able to fetch the KV Agent installation directory from the registry\n");
         return true;
     }

@@ -1,6 +1,5 @@
 #include "agent/health_report.h"
 
-#include <chrono>
 #include <fmt/format.h>
 #include <mutex>
 #include <optional>

@@ -7,6 +7,8 @@
 #include <string>
 #include <string_view>
 
+#include "platform/errors.h"
+
 namespace platform {
 
 /// A sentence for the tool's help: where the registry is kept.
@@ -21,8 +23,13 @@ std::string_view ServiceRestartCommand();
 /// The whole path of the registry's file; empty when the registry is not kept in one.
 std::string RegistryFile();
 
-/// The directory of the registry's file when there is no such directory; else empty.
+/// The directory of the registry's file when it is missing or not a directory; else empty.
 [[nodiscard]] std::string MissingRegistryDirectory();
+
+/// What is wrong with the registry's file, which is there, that the registry failed, and what to do about it: goes on
+/// from the file's name, as "is a directory; ...". Empty when that cannot be seen, or the registry is not kept in a
+/// file.
+[[nodiscard]] std::string RegistryFileFault(Error failure);
 
 /// Who may do what with a file or directory, on a system that has modes.
 struct FilePermissions {

@@ -10,6 +10,7 @@
 #include <pwd.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <system_error>
 #include <unistd.h>
 
@@ -79,6 +80,12 @@ int WriteOutput(const fs::path& path, std::string_view bytes) {
     return S_ISREG(target.st_mode) ? ReplaceFile(BehindLinks(path), bytes) : WriteStraight(path, bytes);
 }
 
+/// Or the number of a user without a name.
+std::string UserName(uid_t id) {
+    const passwd* const user = getpwuid(id);
+    return user != nullptr ? user->pw_name : std::to_string(id);
+}
+
 }  // namespace
 
 std::string_view RegistryPlace() {
@@ -100,7 +107,7 @@ std::optional<FilePermissions> GetFilePermissions(std::u16string_view path) {
     static_cast<void>(std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(facts.st_mode & 07777)));
     permissions.mode = mode;
     const passwd* const owner = getpwuid(facts.st_uid);
-    permissions.owner = owner != nullptr ? owner->pw_name : std::to_string(facts.st_uid);
+    permissions.owner = UserName(facts.st_uid);
     permissions.isOwnerTrusted = facts.st_uid == 0 || facts.st_uid == geteuid();
     permissions.othersRead = (facts.st_mode & (S_IROTH | S_IXOTH)) != 0;
     const bool isOwnGroup = owner != nullptr && owner->pw_gid == facts.st_gid;
@@ -113,6 +120,25 @@ std::string MissingRegistryDirectory() {
     std::error_code unused;  // what may not be looked at is not known to be missing
     const fs::file_type type = fs::status(StateDirectory(), unused).type();
     return type == fs::file_type::directory || type == fs::file_type::none ? std::string() : StateDirectory();
+}
+
+std::string RegistryFileFault(Error failure) {
+    constexpr const char* next =
+        "; move it away, then import a saved copy (kvreg import), or install the agent again and run kvagentctl setup";
+    const std::string file = RegistryFile();
+    struct stat facts {};
+    const bool isSeen = stat(file.c_str(), &facts) == 0;
+    if (isSeen && !S_ISREG(facts.st_mode))
+        return (S_ISDIR(facts.st_mode) ? "is a directory" : "is not a file") + std::string(next);
+    if (failure == error::databaseCorrupt) return std::string("is damaged, or not a registry of this version") + next;
+    if (failure == error::diskFull) return "cannot grow, because its disk is full; make room there";
+    if (failure == error::busy) return "is held by another program; try again";
+    if (failure != error::accessDenied && failure != error::writeProtect) return {};
+    struct statvfs system {};
+    if (statvfs(StateDirectory().c_str(), &system) == 0 && (system.f_flag & ST_RDONLY) != 0)
+        return "is on a file system that is mounted read-only; mount it for writing";
+    if (geteuid() != 0) return "is closed to the user " + UserName(geteuid()) + "; it takes the rights of root";
+    return "is closed even to root; is it immutable (lsattr), or does a security module guard it?";
 }
 
 bool InputIsTerminal() { return isatty(STDIN_FILENO) == 1; }

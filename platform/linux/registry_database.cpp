@@ -157,8 +157,8 @@ Error ErrorFromSqlite(const kv::sqlite::DatabaseError& failure) {
         case SQLITE_AUTH:
         case SQLITE_READONLY:
             return error::accessDenied;
-        case SQLITE_CANTOPEN:
-            return systemError ? ErrorFromErrno(systemError) : error::accessDenied;
+        case SQLITE_CANTOPEN:  // the file is there, so what does not exist is one beside it that cannot be made
+            return systemError && systemError != ENOENT ? ErrorFromErrno(systemError) : error::accessDenied;
         case SQLITE_IOERR:
             return systemError ? ErrorFromErrno(systemError) : error::readFault;
         case SQLITE_NOMEM:

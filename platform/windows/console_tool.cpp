@@ -118,6 +118,8 @@ std::optional<FilePermissions> GetFilePermissions(std::u16string_view) { return 
 
 std::string MissingRegistryDirectory() { return {}; }
 
+std::string RegistryFileFault(Error) { return {}; }
+
 void WatchForInterrupt() {
     ::SetConsoleCtrlHandler(
         [](DWORD) -> BOOL {

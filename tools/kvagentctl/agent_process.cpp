@@ -6,8 +6,9 @@
 #include "commandline/program.h"
 #include "foundation/file_utils.h"
 #include "foundation/log.h"
+#include "foundation/registry_failure.h"
+#include "platform/console_tool.h"
 #include "platform/utf.h"
-#include "tools/kvreg/registry_failure.h"
 
 namespace kv::control {
 
@@ -24,7 +25,7 @@ LogLines::~LogLines() {
 }
 
 void RequireReadableRegistry(platform::Error result) {
-    if (const std::string missing = MissingRegistryText(); !missing.empty()) throw commandline::NotFoundError(missing);
+    if (!platform::MissingRegistryDirectory().empty()) throw commandline::NotFoundError(MissingRegistryText());
     if (result != platform::error::success && !IsGone(result))
         throw std::runtime_error("the registry cannot be read: " + RegistryFailureText(result));
 }

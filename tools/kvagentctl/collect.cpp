@@ -13,6 +13,7 @@
 #include "foundation/file_utils.h"
 #include "foundation/guarded.h"
 #include "foundation/open_file.h"
+#include "foundation/registry_failure.h"
 #include "foundation/registry_store.h"
 #include "jsontext/hash_json.h"
 #include "platform/clock.h"
@@ -24,7 +25,6 @@
 #include "tools/kvagentctl/agent_process.h"
 #include "tools/kvagentctl/json_text.h"
 #include "tools/kvagentctl/verbs.h"
-#include "tools/kvreg/registry_failure.h"
 
 namespace kv::control {
 
@@ -122,8 +122,8 @@ platform::Error ReadSettings() {
 
 /// What a failure of ReadSettings means.
 std::string SettingsFailureText(platform::Error failure) {
-    return IsGone(failure) && MissingRegistryText().empty() ? "the setting KVAgentInstallDir is missing"
-                                                            : RegistryFailureText(failure);
+    return IsGone(failure) && EmptyRegistryText().empty() ? "the setting KVAgentInstallDir is missing"
+                                                          : RegistryFailureText(failure);
 }
 
 /// The plans to collect: the given one, or the agent's own and, if asked for, those of its slaves. failure: of

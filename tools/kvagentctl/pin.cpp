@@ -9,6 +9,7 @@
 #include "commandline/run.h"
 #include "foundation/agent_settings.h"
 #include "foundation/agent_state.h"
+#include "foundation/registry_failure.h"
 #include "foundation/registry_store.h"
 #include "http/server_certificate.h"
 #include "platform/console_tool.h"
@@ -18,7 +19,6 @@
 #include "tools/kvagentctl/output.h"
 #include "tools/kvagentctl/server_text.h"
 #include "tools/kvagentctl/verbs.h"
-#include "tools/kvreg/registry_failure.h"
 #include "tools/kvreg/registry_tree.h"
 
 namespace kv::control {

@@ -6,6 +6,7 @@
 
 #include "commandline/run.h"
 #include "foundation/agent_settings.h"
+#include "foundation/registry_failure.h"
 #include "foundation/registry_store.h"
 #include "foundation/text.h"
 #include "platform/console_tool.h"
@@ -16,7 +17,6 @@
 #include "tools/kvagentctl/output.h"
 #include "tools/kvagentctl/server_text.h"
 #include "tools/kvagentctl/verbs.h"
-#include "tools/kvreg/registry_failure.h"
 #include "tools/kvreg/registry_tree.h"
 
 namespace kv::control {

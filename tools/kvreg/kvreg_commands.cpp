@@ -15,13 +15,13 @@
 
 #include "commandline/confirm.h"
 #include "commandline/run.h"
+#include "foundation/registry_failure.h"
 #include "platform/backend.h"
 #include "platform/clock.h"
 #include "platform/console_tool.h"
 #include "platform/registry_names.h"
 #include "platform/utf.h"
 #include "tools/kvreg/reg_file.h"
-#include "tools/kvreg/registry_failure.h"
 #include "tools/kvreg/registry_tree.h"
 #include "tools/kvreg/value_judgement.h"
 #include "tools/kvreg/value_text.h"
@@ -57,8 +57,10 @@ std::string WholePath(std::u16string_view path) {
 /// Throws unless the result is success. If something does not exist, missing says what.
 void Require(Error result, const std::string& what, const std::string& missing) {
     if (result == error::success) return;
-    const std::string noRegistry = MissingRegistryText();
-    if (IsGone(result)) throw NotFoundError(noRegistry.empty() ? "there is no " + missing : noRegistry);
+    if (IsGone(result)) {
+        const std::string why = EmptyRegistryText();
+        throw NotFoundError("there is no " + missing + (why.empty() ? "" : ", because " + why));
+    }
     throw std::runtime_error(fmt::format("{}: {}", what, RegistryFailureText(result)));
 }
 

@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "tools/kvreg/registry_failure.h"
+#include "foundation/registry_failure.h"
 
 namespace kv {
 

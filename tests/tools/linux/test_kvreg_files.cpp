@@ -1,4 +1,7 @@
 // kvreg and files on Linux.
+#include <functional>
+#include <sys/stat.h>
+
 #include "tests/tools/kvreg_fixture.h"
 
 namespace kv::test {
@@ -20,6 +23,30 @@ TEST_F(Kvreg, ExportsForTheOwnerOnlyAndFollowsLinks) {
     EXPECT_THAT(full.errors, HasSubstr("No space left on device"));
     EXPECT_THAT(Run({"export", folder / "missing" / "x"}).errors, HasSubstr("No such file or directory"));
     EXPECT_THAT(Run({"set", "A", "b", "\xFF"}).errors, HasSubstr("not UTF-8"));
+}
+
+TEST_F(Kvreg, SaysWhatIsWrongWithTheRegistrysFile) {
+    const std::string registry = folder / "other" / "registry.db";
+    const struct {
+        const char* title;
+        std::function<void()> spoil;
+        std::string told;
+    } cases[] = {
+        {"absent", [] {}, "there is no " + registry + ": is the agent installed?"},
+        {"garbage", [&] { Write(registry, std::string(5000, 'x')); }, registry + " is damaged, or not a registry"},
+        {"directory", [&] { fs::create_directory(registry); }, registry + " is a directory; move it away"},
+        {"pipe", [&] { mkfifo(registry.c_str(), 0600); }, registry + " is not a file; move it away"},
+        {"no directory", [&] { Write(folder / "other", ""); }, "other is not a directory; KVAGENT_STATE_DIR"},
+    };
+    for (const auto& [title, spoil, told] : cases) {
+        SCOPED_TRACE(title);
+        fs::remove_all(folder / "other");
+        if (!told.starts_with("other")) fs::create_directory(folder / "other");
+        spoil();
+        ShareRegistry(folder / "other");
+        EXPECT_THAT(Run({"list", key}).errors, HasSubstr(told));
+    }
+    ShareRegistry(folder / "state");
 }
 
 }  // namespace

@@ -7,13 +7,13 @@
 #include "foundation/agent_settings.h"
 #include "foundation/agent_state.h"
 #include "foundation/file_utils.h"
+#include "foundation/registry_failure.h"
 #include "foundation/registry_store.h"
 #include "foundation/text.h"
 #include "platform/console_tool.h"
 #include "platform/files.h"
 #include "platform/utf.h"
 #include "tools/kvagentctl/check/check_parts.h"
-#include "tools/kvreg/registry_failure.h"
 #include "tools/kvreg/registry_tree.h"
 
 namespace kv::control {

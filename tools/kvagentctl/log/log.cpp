@@ -5,6 +5,7 @@
 
 #include "commandline/run.h"
 #include "foundation/file_utils.h"
+#include "foundation/registry_failure.h"
 #include "foundation/registry_store.h"
 #include "platform/clock.h"
 #include "platform/console_tool.h"
@@ -15,7 +16,6 @@
 #include "tools/kvagentctl/log/log_entries.h"
 #include "tools/kvagentctl/log/log_files.h"
 #include "tools/kvagentctl/verbs.h"
-#include "tools/kvreg/registry_failure.h"
 
 namespace kv::control {
 
@@ -60,9 +60,12 @@ std::u16string LogPath() {
     OptionalText stored;
     const platform::Error result = GetKVAgentInstallDir(stored);
     RequireReadableRegistry(result);
-    if (IsGone(result))
+    if (IsGone(result)) {
+        const std::string missing = EmptyRegistryText();
         throw commandline::NotFoundError(
-            "KVAgentInstallDir, which says where the log is, is missing: is the agent installed?");
+            missing.empty() ? "KVAgentInstallDir, which says where the log is, is missing: is the agent installed?"
+                            : missing);
+    }
     const std::u16string install = InstallDirectory();
     if (install.empty())
         throw std::runtime_error(

@@ -9,6 +9,7 @@
 #include "foundation/file_utils.h"
 #include "foundation/hash_table.h"
 #include "foundation/open_file.h"
+#include "foundation/registry_failure.h"
 #include "foundation/registry_store.h"
 #include "foundation/text.h"
 #include "foundation/time_utils.h"
@@ -19,7 +20,6 @@
 #include "platform/utf.h"
 #include "queryconf/conf_paths.h"
 #include "tools/kvagentctl/status/status_text.h"
-#include "tools/kvreg/registry_failure.h"
 #include "tools/kvreg/registry_tree.h"
 
 namespace kv::control {
@@ -37,7 +37,7 @@ OptionalText Setting(AgentFacts& facts, std::u16string_view key, std::u16string_
     OptionalText text;
     const Error result = LookUpText(key, name, text);
     const bool isReadable = result == error::success || result == error::invalidData || IsGone(result);
-    const std::string missing = isReadable && IsGone(result) ? MissingRegistryText() : "";
+    const std::string missing = isReadable && IsGone(result) ? EmptyRegistryText() : "";
     if (!isReadable) facts.registryFailure = RegistryFailureText(result);
     if (!missing.empty()) facts.registryFailure = missing;
     return text;

@@ -7,13 +7,13 @@
 #include <utility>
 
 #include "commandline/run.h"
+#include "foundation/registry_failure.h"
 #include "foundation/version.h"
 #include "platform/messages.h"
 #include "tools/kvagentctl/json_text.h"
 #include "tools/kvagentctl/status/agent_facts.h"
 #include "tools/kvagentctl/status/status_text.h"
 #include "tools/kvagentctl/verbs.h"
-#include "tools/kvreg/registry_failure.h"
 
 namespace kv::control {
 
@@ -282,7 +282,7 @@ void RunStatus(const Given& given) {
         PrintJson(facts, problems);
     else
         PrintForPeople(facts, problems);
-    if (facts.binPath.empty() && (facts.registryFailure.empty() || !MissingRegistryText().empty()))
+    if (facts.binPath.empty() && (facts.registryFailure.empty() || !EmptyRegistryText().empty()))
         throw commandline::ExitWith{notInstalled};
     if (!facts.registryFailure.empty()) throw commandline::ExitWith{failed};
 }

@@ -1,0 +1,53 @@
+#include "foundation/registry_failure.h"
+
+#include <filesystem>
+#include <fmt/format.h>
+
+#include "platform/console_tool.h"
+#include "platform/messages.h"
+
+namespace kv {
+
+namespace {
+
+namespace error = platform::error;
+namespace fs = std::filesystem;
+
+/// What the absence of a directory or file of the registry means.
+std::string AbsenceText(const std::string& path) {
+    return fmt::format("there is no {}: is the agent installed? KVAGENT_STATE_DIR names another directory", path);
+}
+
+}  // namespace
+
+bool IsGone(platform::Error result) { return result == error::fileNotFound || result == error::keyDeleted; }
+
+std::string MissingRegistryText() {
+    const std::string directory = platform::MissingRegistryDirectory();
+    if (directory.empty()) return "";
+    std::error_code unused;
+    if (!fs::exists(directory, unused)) return AbsenceText(directory);
+    return directory + " is not a directory; KVAGENT_STATE_DIR is to name the directory of the registry";
+}
+
+std::string EmptyRegistryText() {
+    if (std::string missing = MissingRegistryText(); !missing.empty()) return missing;
+    const std::string file = platform::RegistryFile();
+    std::error_code unused;  // what may not be looked at is not known to be missing
+    const bool isMissing = !file.empty() && fs::status(file, unused).type() == fs::file_type::not_found;
+    return isMissing ? AbsenceText(file) : std::string();
+}
+
+std::string RegistryFailureText(platform::Error failure) {
+    if (std::string why = IsGone(failure) ? EmptyRegistryText() : MissingRegistryText(); !why.empty()) return why;
+    const std::string file = platform::RegistryFile();
+    if (const std::string fault = platform::RegistryFileFault(failure); !fault.empty()) return file + " " + fault;
+    const std::string text = platform::MessageInLine(failure);
+    const std::string whole =
+        text.empty() ? fmt::format("error {}", failure) : fmt::format("{} (error {})", text, failure);
+    const std::string named = file.empty() ? whole : fmt::format("{}: {}", file, whole);
+    if (failure != error::accessDenied) return named;
+    return fmt::format("{}; it takes the rights of {}", named, platform::RegistryOwner());
+}
+
+}  // namespace kv

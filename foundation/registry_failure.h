@@ -1,0 +1,24 @@
+// What people are told when the registry fails.
+#pragma once
+
+#include <string>
+
+#include "platform/errors.h"
+
+namespace kv {
+
+/// Whether a result says that the key or value does not exist.
+bool IsGone(platform::Error result);
+
+/// Says that the registry's directory does not exist, so that nothing can be read or stored; empty when it does.
+std::string MissingRegistryText();
+
+/// Says that the registry's directory, or only the file in it, does not exist, so that nothing is in the registry;
+/// empty when both do.
+std::string EmptyRegistryText();
+
+/// Why the registry failed: EmptyRegistryText when that is why, or the registry's file with what is wrong with it and
+/// what to do about it, or the system's text with the error's number.
+std::string RegistryFailureText(platform::Error failure);
+
+}  // namespace kv
