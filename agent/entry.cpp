@@ -1,6 +1,8 @@
 #include "agent/entry.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <iterator>
 #include <new>
 #include <string>
 #include <string_view>
@@ -39,6 +41,9 @@ constexpr std::u16string_view testMonitorLog = u"..\\logs\\testmonitor.log";
 constexpr std::u16string_view registryNote = u"c:\\test.txt";
 constexpr std::u16string_view memoryNote = u"c:\\text.txt";
 
+/// The first argument is none that the program knows.
+bool isRefused = false;
+
 /// What "--help" prints, up to where this system keeps the settings.
 constexpr const char* help =
     "Usage: MonitoringAgent [/t | /monitor | /i | /u]\n"
@@ -55,8 +60,10 @@ constexpr const char* help =
     "\n"
     "The settings are values of the registry, below Software\\Halvorine\\Kestrova\\KVAgent of HKEY_LOCAL_MACHINE.\n";
 
-/// Appends to a file that stands in for the log before that is open. Writes nothing when it cannot be opened.
+/// Appends to a file that stands in for the log before that is open. Writes nothing when it cannot be opened. A
+/// mistyped argument on a computer without an agent makes no drive for it.
 void AppendNote(std::u16string_view path, std::string_view text) {
+    if (isRefused && !platform::Files().IsDirectory(u"c:\\")) return;
     const platform::FileOperations& files = platform::Files();
     platform::FileHandle note = 0;
     if (files.CreateFileW(path, platform::FileAccess::append, platform::FileShare::read,
@@ -163,8 +170,6 @@ int PrintConfiguration(std::u16string_view argument) {
 int RefuseParameter(std::u16string_view argument) {
     OpenLog(agentLog);
     Log3("Invalid parameter %s\n", argument);
-    std::fprintf(stderr, "MonitoringAgent: the first argument is /t, /monitor, /i, /u or none, not '%s'\n",
-                 platform::Utf8FromWide(argument).c_str());
     agentState.gv_ocAgentBinPath.reset();
     return 0;
 }
@@ -178,6 +183,25 @@ bool TellsAboutProgram(std::string_view argument) {
     else
         return false;
     return true;
+}
+
+bool IsRunMode(std::u16string_view argument) {
+    constexpr std::u16string_view modes[] = {u"/i", u"/u", u"/t", u"/monitor"};
+    return std::any_of(std::begin(modes), std::end(modes),
+                       [&](std::u16string_view mode) { return CompareIgnoreCase(argument, mode) == 0; });
+}
+
+/// The first argument as it was typed. When it names no run mode, the person at the console is told first of all.
+std::u16string TakeArgument(const std::vector<std::string>& words) {
+    std::u16string argument;
+    if (words.size() > 1) ChangeUtf8ToWideStr(words[1].c_str(), argument);
+    isRefused = words.size() > 1 && !IsRunMode(argument);
+    if (isRefused)
+        std::fprintf(stderr,
+                     "MonitoringAgent: the first argument is /t, /monitor, /i, /u or absent, not '%s'; --help tells "
+                     "what they do\n",
+                     platform::Utf8FromWide(argument).c_str());
+    return argument;
 }
 
 }  // namespace
@@ -219,6 +243,7 @@ void ProcessTestMonitor() {}
 
 int Main(const std::vector<std::string>& words) {
     if (words.size() > 1 && TellsAboutProgram(words[1])) return 0;
+    const std::u16string argument = TakeArgument(words);
     agentState.gv_ocAgentBinPath.reset();
     InitMutex();
     if (!FindBinPath()) return 0;
@@ -230,8 +255,6 @@ int Main(const std::vector<std::string>& words) {
     }
     if (words.size() < 2) return RunAsService();
 
-    std::u16string argument;
-    ChangeUtf8ToWideStr(words[1].c_str(), argument);
     if (CompareIgnoreCase(argument, u"/i") == 0) return RunInstall();
     if (CompareIgnoreCase(argument, u"/u") == 0) return RunUnInstall();
     if (CompareIgnoreCase(argument, u"/t") == 0) RunInConsole(argument);

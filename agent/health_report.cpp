@@ -5,6 +5,7 @@
 #include <optional>
 #include <utility>
 
+#include "agent/directory_lock.h"
 #include "agent/log_file.h"
 #include "agent/metrics_file.h"
 #include "exchange/waiting_files.h"
@@ -108,8 +109,8 @@ void BeginReport(Report& report) {
     report.metrics.path = MetricsPath();
 }
 
-/// Whether the files are those of another process: "/t" beside the service.
-bool IsGuest() { return agentState.gv_serviceStatusHandle == 0 && IsLogOfAnotherProcess(); }
+/// Whether the files may be those of another process: "/t" beside the service, where the directory cannot be locked.
+bool IsGuest() { return !HoldsDirectory() && agentState.gv_serviceStatusHandle == 0 && IsLogOfAnotherProcess(); }
 
 /// Whether a time has passed since a moment; also when the clock was set back before it.
 bool IsDue(std::int64_t since, std::int64_t now, std::int64_t seconds = periodSeconds) {

@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "agent/directory_lock.h"
 #include "agent/enrolment.h"
 #include "agent/health_report.h"
 #include "agent/service_admin.h"
@@ -51,6 +52,7 @@ void EnterBinDirectory() {
 std::uint32_t InvokeMainThread(void* /*ignored*/) {
     Log3("\tInside InvokeMainThread() %s %s \n", GetCurrDateString(), GetTimeString(1));
     RunGuarded("EnterBinDirectory", EnterBinDirectory);
+    RunGuarded("WaitForDirectory", WaitForDirectory);
     CreateNewThread_MSP(ReportHealth, nullptr);
     RunGuarded("InitLicenseParams", InitLicenseParams);
     if (agentState.gv_agentRunFlag == 1) {

@@ -3,6 +3,7 @@
 #include <string_view>
 #include <utility>
 
+#include "agent/directory_lock.h"
 #include "agent/health_report.h"
 #include "agent/log_file.h"
 #include "agent/main_thread.h"
@@ -91,6 +92,8 @@ void ShutDown(std::u16string_view agentStatus) {
 }
 
 void ReportEndWhereWanted() {
+    // The server would take it for the end of the agent that works.
+    if (WaitsForDirectory()) return;
     OptionalText enabled;
     if (GetEnableSendAgentStatus(enabled) == error::success && CompareIgnoreCase(enabled, u"yes") == 0)
         SendAgentStatus();

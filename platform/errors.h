@@ -31,6 +31,7 @@ using Error = std::uint32_t;
     X(readFault,               30, "The system cannot read from the specified device.")              \
     X(generalFailure,          31, "A device attached to the system is not functioning.")            \
     X(sharingViolation,        32, "The process cannot access the file because it is being used by another process.") \
+    X(lockViolation,           33, "The process cannot access the file because another process has locked a portion of the file.") \
     X(notSupported,            50, "The request is not supported.")                                  \
     X(fileExists,              80, "The file exists.")                                               \
     X(invalidParameter,        87, "The parameter is incorrect.")                                    \

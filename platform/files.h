@@ -127,6 +127,11 @@ struct FileOperations {
     /// Returns when what was written is on the disk.
     std::function<Error(FileHandle file)> FlushFileBuffers;
 
+    /// Locks a file that is open for writing, for this handle alone: lockViolation while another one has it, in this
+    /// process or any other. It never waits, and keeps nobody from reading or writing. The lock ends with the handle,
+    /// or with the process in whichever way that ends. Another error where the file system has no locks.
+    std::function<Error(FileHandle file)> LockFileEx;
+
     std::function<Error(FileHandle file)> CloseHandle;
 
     /// Copies a file, over another if there is one. After an error the target may hold a part of the copy on Windows;

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
@@ -191,6 +192,12 @@ Error LetEveryoneRead(FileHandle file) {
 
 Error FlushFileBuffers(FileHandle file) { return fsync(DescriptorOf(file)) != 0 ? LastError() : error::success; }
 
+/// A child of this process never keeps the lock: what it inherits is closed when it begins.
+Error LockFile(FileHandle file) {
+    if (flock(DescriptorOf(file), LOCK_EX | LOCK_NB) == 0) return error::success;
+    return errno == EWOULDBLOCK ? error::lockViolation : LastError();
+}
+
 Error CloseHandle(FileHandle file) {
     // After EINTR the descriptor is closed all the same, and its number may be someone else's already.
     return close(DescriptorOf(file)) != 0 && errno != EINTR ? LastError() : error::success;
@@ -350,6 +357,7 @@ FileOperations LinuxFiles() {
         .GetFileAttributesW = Guarded(GetFileAttributesW),
         .LetEveryoneRead = LetEveryoneRead,
         .FlushFileBuffers = FlushFileBuffers,
+        .LockFileEx = LockFile,
         .CloseHandle = CloseHandle,
         .CopyFileW = Guarded(CopyFileW),
         .MoveFileExW = Guarded(MoveFileExW),

@@ -242,6 +242,14 @@ Error BringToDisk(const std::wstring& path) {
     return ResultOf(::FlushFileBuffers(file.get()));
 }
 
+/// A locked byte can be read by its owner alone, so it lies far behind the end of the file.
+Error LockFile(FileHandle file) {
+    OVERLAPPED where{};
+    where.OffsetHigh = 0x40000000;
+    return ResultOf(
+        ::LockFileEx(SystemFileOf(file), LOCKFILE_EXCLUSIVE_LOCK | LOCKFILE_FAIL_IMMEDIATELY, 0, 1, 0, &where));
+}
+
 Error CopyFileW(std::u16string_view from, std::u16string_view to) {
     const std::wstring source = NativePathOf(from);
     const std::wstring target = NativePathOf(to);
@@ -320,6 +328,7 @@ FileOperations WindowsFiles() {
         .GetFileAttributesW = Guarded(GetFileAttributesW),
         .LetEveryoneRead = [](FileHandle) { return error::success; },
         .FlushFileBuffers = [](FileHandle file) { return ResultOf(::FlushFileBuffers(SystemFileOf(file))); },
+        .LockFileEx = LockFile,
         .CloseHandle = [](FileHandle file) { return ResultOf(::CloseHandle(SystemFileOf(file))); },
         .CopyFileW = Guarded(CopyFileW),
         .MoveFileExW = Guarded(MoveFileExW),

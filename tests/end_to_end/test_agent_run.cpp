@@ -7,6 +7,7 @@
 #include "foundation/file_utils.h"
 #include "jsontext/hash_json.h"
 #include "lab/server.h"
+#include "platform/utf.h"
 #include "tests/end_to_end/installed_agent.h"
 #include "tests/support/test_agent.h"
 
@@ -28,6 +29,12 @@ std::set<fs::path> RecordFiles(const InstalledAgent& agent) {
         if (entry.path().extension() == ".txt") files.insert(entry.path());
     }
     return files;
+}
+
+int Count(const std::string& text, const std::string& words) {
+    int count = 0;
+    for (std::size_t at = text.find(words); at != text.npos; at = text.find(words, at + 1)) ++count;
+    return count;
 }
 
 bool IsCompleteRecord(const std::string& bytes) {
@@ -101,6 +108,24 @@ TEST(AgentRun, LosesNoCompleteRecordWhenKilled) {
         }
     }
     EXPECT_GE(records.size(), 5U);
+}
+
+TEST(AgentRun, WaitsWhileAnotherOneWorksInItsDirectory) {
+    EnrolledAgent first;
+    first.Start({"/t"});
+    ASSERT_TRUE(InstalledAgent::Eventually([&] { return !RecordFiles(first).empty(); })) << first.ReadLog();
+    EnrolledAgent second;
+    second.SetText(u"", u"KVAgentInstallDir", platform::WideFromUtf8(first.folder.string() + "/"));
+    second.Start({"/t"});
+    const auto starts = [&] { return Count(first.ReadLog(), "Going on with the agent key"); };
+    const auto logged = [&](const std::string& words) { return first.ReadLog().find(words) != std::string::npos; };
+    const std::string holder = TestAgent::Read(first.monitoring / "bin" / "agent.lock");
+    const std::string wait = "The agent of process " + holder.substr(0, holder.find(' ')) + " works in ";
+    EXPECT_TRUE(InstalledAgent::Eventually([&] { return logged(wait); })) << first.ReadLog();
+    EXPECT_EQ(starts(), 1);
+    first.Kill();
+    EXPECT_TRUE(InstalledAgent::Eventually([&] { return starts() == 2; })) << first.ReadLog();
+    EXPECT_NE(TestAgent::Read(first.monitoring / "bin" / "agent.lock"), holder);
 }
 
 }  // namespace

@@ -45,6 +45,14 @@ TEST(RunModes, TellOfTheProgramWithoutATrace) {
     EXPECT_EQ(RunShell("'" KV_AGENT_PROGRAM "' --version").output, "MonitoringAgent " + std::string(programVersion));
 }
 
+TEST(RunModes, NameAMistypedArgumentAndMakeNothingWhereNoAgentIs) {
+    InstalledAgent agent;
+    std::filesystem::remove_all(agent.state);
+    const auto run = RunShell("KVAGENT_STATE_DIR='" + agent.state.string() + "' '" KV_AGENT_PROGRAM "' --bogus 2>&1");
+    EXPECT_NE(run.output.find("not '--bogus'; --help"), std::string::npos) << run.output;
+    EXPECT_FALSE(std::filesystem::exists(agent.state));
+}
+
 TEST(RunModes, NoteAMissingInstallDirectory) {
     for (const char* registry : {"", "no database"}) {
         SCOPED_TRACE(registry);

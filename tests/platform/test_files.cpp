@@ -141,6 +141,21 @@ TEST_F(FilesTest, AFileIsInUseWhileItIsOpenForWriting) {
     EXPECT_EQ(Files().GetFileUseState(u"f"), error::success);
 }
 
+TEST_F(FilesTest, OneHandleAtATimeLocksAFile) {
+    FileHandle files[2] = {};
+    for (FileHandle& file : files)
+        ASSERT_EQ(
+            Files().CreateFileW(u"f", FileAccess::readWrite, FileShare::readWrite, FileDisposition::openAlways, file),
+            error::success);
+    EXPECT_EQ(Files().LockFileEx(files[0]), error::success);
+    EXPECT_EQ(Files().LockFileEx(files[1]), error::lockViolation);
+    EXPECT_EQ(Files().WriteText(files[0], "1"), error::success);
+    EXPECT_EQ(Read("f"), "1") << "others read it all the same";
+    Files().CloseHandle(files[0]);
+    EXPECT_EQ(Files().LockFileEx(files[1]), error::success);
+    Files().CloseHandle(files[1]);
+}
+
 }  // namespace
 
 }  // namespace platform::test
