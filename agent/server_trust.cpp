@@ -1,15 +1,13 @@
 #include "agent/server_trust.h"
 
-#include <algorithm>
 #include <memory>
 #include <string>
-#include <string_view>
 #include <utility>
 
 #include "foundation/agent_state.h"
 #include "foundation/file_utils.h"
+#include "foundation/key_pins.h"
 #include "foundation/log.h"
-#include "foundation/proxy_password.h"
 #include "foundation/registry_store.h"
 #include "platform/http.h"
 #include "platform/messages.h"
@@ -24,14 +22,6 @@ namespace error = platform::error;
 
 /// Bytes of a file with authorities, at most: the system's own, some hundred of them, take a quarter of a megabyte.
 constexpr std::uint64_t maxCAFileBytes = std::uint64_t{1024} * 1024;
-
-constexpr std::size_t keyHashBytes = 32;
-
-std::u16string_view WithoutBlanks(std::u16string_view text) {
-    constexpr std::u16string_view blanks = u" \t\r\n";
-    text.remove_prefix(std::min(text.find_first_not_of(blanks), text.size()));
-    return text.substr(0, text.find_last_not_of(blanks) + 1);
-}
 
 /// A setting that cannot be used: the first one becomes the refusal.
 void Refuse(ServerTrust& trust, const char* setting, const std::string& why) {
@@ -58,38 +48,22 @@ bool IsGiven(ServerTrust& trust, Error (*read)(OptionalText&), const char* setti
         Refuse(trust, setting, "is not a text");
     else if (failure != error::success)
         Refuse(trust, setting, "cannot be read: " + SystemText(failure));
-    else if (WithoutBlanks(text.value_or(u"")).empty())
+    else if (text.value_or(u"").find_first_not_of(u" \t\r\n") == std::u16string::npos)
         Refuse(trust, setting, "is empty");
     else
         return true;
     return false;
 }
 
-/// Whether a text is the hash of a key, in the form that certificates are compared by.
-bool IsKeyPin(std::u16string_view text) {
-    constexpr std::u16string_view prefix = u"sha256//";
-    if (!text.starts_with(prefix)) return false;
-    const std::u16string hash = DecodeBase64(text.substr(prefix.size()));
-    return hash.size() == keyHashBytes && EncodeBase64(hash) == text.substr(prefix.size());
-}
-
 void ReadPinnedKeys(ServerTrust& trust) {
     OptionalText text;
     if (!IsGiven(trust, GetKVServerPinnedKey, "KVServerPinnedKey", text)) return;
-    std::u16string_view rest = *text;
-    while (!rest.empty()) {
-        const std::size_t end = std::min(rest.find(u';'), rest.size());
-        const std::u16string_view key = WithoutBlanks(rest.substr(0, end));
-        rest.remove_prefix(std::min(end + 1, rest.size()));
-        if (key.empty() && (!trust.pinnedKeys.empty() || !rest.empty())) continue;
-        if (IsKeyPin(key)) {
-            trust.pinnedKeys.push_back(platform::Utf8FromWide(key));
-        } else {
-            return Refuse(trust, "KVServerPinnedKey",
-                          "has [" + platform::Utf8FromWide(key) +
-                              "], which is not sha256// and the 44 characters of a hash in Base64");
-        }
-    }
+    const KeyPins read = ReadKeyPins(*text);
+    for (const std::u16string& pin : read.pins) trust.pinnedKeys.push_back(platform::Utf8FromWide(pin));
+    if (read.pins.empty())
+        Refuse(trust, "KVServerPinnedKey",
+               "has [" + platform::Utf8FromWide(read.wrong) +
+                   "], which is not sha256// and the 44 characters of a hash in Base64");
 }
 
 void ReadCAFile(ServerTrust& trust) {

@@ -14,6 +14,7 @@
 #include "foundation/line_bound.h"
 #include "foundation/log.h"
 #include "foundation/registry_store.h"
+#include "foundation/request_types.h"
 #include "foundation/server_limit.h"
 #include "foundation/text.h"
 #include "http/http_transaction.h"
@@ -136,6 +137,8 @@ constexpr RequestType requestTypes[] = {
     {u"DISCOVER_SNMP_DEVICES", DiscoverDevice, RefuseDiscovery},
     {u"DELETE_DEVICE", DeleteDevice, RefuseInSilence},
 };
+
+static_assert(std::ranges::equal(requestTypes, requestTypeNames, {}, &RequestType::name));
 
 /// Serves a request of a type that the administrator allows.
 void ServeAllowed(const RequestType& type, const HashTable* request, ListResult& result) {

@@ -6,9 +6,13 @@
 #include <vector>
 
 #include "foundation/file_utils.h"
+#include "foundation/key_pins.h"
 #include "foundation/proxy_password.h"
 #include "foundation/registry_store.h"
+#include "foundation/request_types.h"
+#include "foundation/server_limit.h"
 #include "foundation/text.h"
+#include "platform/name_pattern.h"
 #include "platform/near_name.h"
 #include "platform/utf.h"
 
@@ -33,7 +37,7 @@ constexpr AgentSetting settings[] = {
     {agentKeyPath, u"EnableSendAgentStatus", yesOrNo, optional, "whether a stop is reported to the server",
      "not reported; written by enrolment"},
     {agentKeyPath, u"ProxyEnabled", yesOrNo, optional, "whether the server is reached by a proxy", "NO"},
-    {agentKeyPath, u"ProxyServerName", text, optional, "the proxy", "no such text"},
+    {agentKeyPath, u"ProxyServerName", proxies, optional, "the proxy", "no such text"},
     {agentKeyPath, u"ProxyUserName", anyText, optional, "who logs in at the proxy", "no such text"},
     {agentKeyPath, u"ProxyByPass", anyText, optional, "servers that are reached without the proxy", "no such text"},
     {agentKeyPath, u"ProxyPassword", base64, optional, "the password at the proxy", "no password"},
@@ -46,25 +50,24 @@ constexpr AgentSetting settings[] = {
      "no second address"},
     {serverInfoKeyPath, u"KVServerSecurePort", port, required, "the server's port"},
     {serverInfoKeyPath, u"KVServerProtocol", protocol, optional, "how the server is spoken to", "https"},
-    {serverInfoKeyPath, u"KVServerPinnedKey", text, optional, "the only public keys that the server may have",
+    {serverInfoKeyPath, u"KVServerPinnedKey", keyPins, optional, "the only public keys that the server may have",
      "certificates are not verified"},
-    {serverInfoKeyPath, u"KVServerCAFile", text, optional, "the authorities that the server's certificate may be from",
-     "certificates are not verified"},
+    {serverInfoKeyPath, u"KVServerCAFile", wholePath, optional,
+     "the authorities that the server's certificate may be from", "certificates are not verified"},
     {serverInfoKeyPath, u"KVServerVerify", yesOrNo, optional, "whether the system's authorities verify the server",
      "no"},
 
-    {monitoringKeyPath, u"MonitoringAgentKey", anyText, stored, "the agent's key at its server",
-     "written by enrolment"},
+    {monitoringKeyPath, u"MonitoringAgentKey", text, stored, "the agent's key at its server", "written by enrolment"},
     {monitoringKeyPath, u"MasterAgent", yesOrNo, optional, "whether it serves slaves, too", "NO"},
     {monitoringKeyPath, u"writeInterval", number, optional, "seconds between uploads", "300", 0, mostSeconds},
     {monitoringKeyPath, u"DataCollectionTimeout", number, optional, "minutes of lost contact until collection stops",
      "360", 0, mostMinutes},
-    {monitoringKeyPath, u"AllowedRequests", anyText, optional, "the requests that the server may make", "all"},
+    {monitoringKeyPath, u"AllowedRequests", requestTypes, optional, "the requests that the server may make", "all"},
     {monitoringKeyPath, u"AllowedServices", anyText, optional, "the services that requests may start and stop", "all"},
     {monitoringKeyPath, u"AllowedScripts", anyText, optional, "the scripts that plans may run", "all"},
     {monitoringKeyPath, u"SNMPCheckSource", yesOrNo, optional, "whether only the device's own address may answer",
      "NO"},
-    {monitoringKeyPath, u"MetricsFile", wholePath, optional, "where the agent's own counts are written", "nowhere"},
+    {monitoringKeyPath, u"MetricsFile", metricsPath, optional, "where the agent's own counts are written", "nowhere"},
     {monitoringKeyPath, u"MALastCreatedJSONNum", number, stored, "the number of the last record file", "1"},
     {monitoringKeyPath, u"MALastCreatedZIPNum", number, stored, "the number of the last zip", "1"},
     {monitoringKeyPath, u"RequestAvailable", anyText, stored, "whether requests wait at the server", "no request"},
@@ -80,16 +83,60 @@ constexpr AgentSetting settings[] = {
 
 bool SameText(std::u16string_view left, std::u16string_view right) { return CompareIgnoreCase(left, right) == 0; }
 
+constexpr std::u16string_view notInHosts = u" \t/\\@?#,;\"'";
+
+/// The address that stands for every address of a computer, and leads to no server.
+bool IsAnyAddress(std::u16string_view text) { return text == u"0.0.0.0" || text == u"::" || text == u"[::]"; }
+
 /// A name, an IPv4 address, or an IPv6 address in brackets or without.
 bool IsHost(std::u16string_view text) {
     const bool hasPort = std::count(text.begin(), text.end(), u':') == 1;
-    return !text.empty() && !hasPort && text.find_first_of(u" \t/\\@?#,;\"'") == std::u16string_view::npos;
+    return !text.empty() && !hasPort && !IsAnyAddress(text) &&
+           text.find_first_of(notInHosts) == std::u16string_view::npos;
 }
 
 bool IsPort(std::u16string_view text) {
     const bool isDecimal = !text.empty() && text.find_first_not_of(u"0123456789") == std::u16string_view::npos;
     const std::int32_t number = isDecimal ? ParseDecimal(text) : 0;
     return number >= 1 && number <= 65535;
+}
+
+/// One entry of a list of proxies: "[scheme=][scheme://]host[:port]".
+bool IsProxy(std::u16string_view entry) {
+    for (const std::u16string_view scheme : {u"http=", u"https=", u"http://", u"https://"}) {
+        if (SameText(entry.substr(0, scheme.size()), scheme)) entry.remove_prefix(scheme.size());
+    }
+    if (entry.ends_with(u'/')) entry.remove_suffix(1);
+    const std::size_t colon = entry.rfind(u':');
+    const bool hasPort = colon != entry.npos && (entry.find(u':') == colon || entry.substr(0, colon).ends_with(u']'));
+    return IsHost(entry.substr(0, hasPort ? colon : entry.npos)) && (!hasPort || IsPort(entry.substr(colon + 1)));
+}
+
+bool AreProxies(std::u16string_view list) {
+    constexpr std::u16string_view separators = u"; \t\r\n";
+    bool hasProxy = false;
+    for (std::size_t start = 0; (start = list.find_first_not_of(separators, start)) != list.npos;) {
+        const std::size_t end = std::min(list.find_first_of(separators, start), list.size());
+        if (!IsProxy(list.substr(start, end - start))) return false;
+        hasProxy = true;
+        start = end;
+    }
+    return hasProxy;
+}
+
+/// Whether the agent writes a file of that name for another purpose.
+bool IsAgentFile(std::u16string_view path) {
+    std::u16string form(path);
+    std::transform(form.begin(), form.end(), form.begin(),
+                   [](char16_t unit) { return unit == u'\\' ? u'/' : platform::UpperCaseOf(unit); });
+    for (const std::u16string_view folder : {u"/MONITORING/CONF/", u"/BIN/DATA/", u"/BIN/ZIPDATA/"}) {
+        if (form.find(folder) != form.npos) return true;
+    }
+    const std::u16string_view name = std::u16string_view(form).substr(form.rfind(u'/') + 1);
+    constexpr std::u16string_view names[] = {u"REGISTRY.DB", u"REGISTRY.DB-WAL", u"REGISTRY.DB-SHM", u"STATUS.JSON",
+                                             u"AGENT.LOCK",  u"TESTMONITOR.LOG", u"SNMP_AGENT.LOG"};
+    return std::find(std::begin(names), std::end(names), name) != std::end(names) ||
+           (name.starts_with(u"AGENT") && name.ends_with(u".LOG"));
 }
 
 std::string KindName(RegistryType type) {
@@ -108,6 +155,24 @@ std::string KindName(RegistryType type) {
 std::u16string StoredText(std::span<const std::byte> data) {
     const std::u16string text = TextFromUtf16LittleEndian({reinterpret_cast<const char*>(data.data()), data.size()});
     return text.substr(0, text.find(u'\0'));
+}
+
+/// What is wrong in a text that a setting does not take, to go on from what it takes: ", not 'ftp'".
+std::string WrongPart(const AgentSetting& setting, std::u16string_view value) {
+    const auto isNot = [](std::u16string_view part, const char* reason = "") {
+        return fmt::format(", not '{}'{}", platform::Utf8FromWide(part), reason);
+    };
+    const bool isHost = setting.rule == host || setting.rule == optionalHost;
+    if (setting.rule == base64) return "";
+    if ((isHost || setting.rule == proxies) && value.find(u'@') != value.npos)
+        return ", and neither user nor password before an @";
+    if (isHost && IsAnyAddress(value)) return isNot(value, ", which stands for every address of a computer");
+    if (setting.rule == protocol) return isNot(value, ", which counts as http");
+    if (setting.rule == keyPins) return isNot(ReadKeyPins(value).wrong);
+    if (setting.rule != requestTypes) return isNot(value);
+    const std::u16string wrong = UnfitRequestPattern(value);
+    const std::u16string_view nearest = platform::NearestName(wrong, requestTypeNames);
+    return isNot(wrong) + (nearest.empty() ? "" : fmt::format("; did you mean {}?", platform::Utf8FromWide(nearest)));
 }
 
 }  // namespace
@@ -138,7 +203,9 @@ bool SettingTakes(const AgentSetting& setting, std::u16string_view value) {
             return !value.empty() &&
                    std::none_of(value.begin(), value.end(), [](char16_t unit) { return unit < u' '; });
         case wholePath:
-            return value.empty() || IsWholePath(value);
+            return IsWholePath(value);
+        case metricsPath:
+            return value.empty() || (IsWholePath(value) && !IsAgentFile(value));
         case directory:
             return value.ends_with(u'\\') || value.ends_with(u'/');
         case host:
@@ -149,6 +216,12 @@ bool SettingTakes(const AgentSetting& setting, std::u16string_view value) {
             return IsPort(value);
         case protocol:
             return SameText(value, u"https") || SameText(value, u"http");
+        case keyPins:
+            return !ReadKeyPins(value).pins.empty();
+        case proxies:
+            return AreProxies(value);
+        case requestTypes:
+            return UnfitRequestPattern(value).empty();
         case yesOrNo:
             return SameText(value, u"yes") || SameText(value, u"no");
         case base64:
@@ -171,6 +244,8 @@ std::string SettingTaken(const AgentSetting& setting) {
             return "a text that is not empty and has no control characters";
         case wholePath:
             return "a whole path, from the root on";
+        case metricsPath:
+            return "a whole path of a file that the agent does not write anyway";
         case directory:
             return "a directory with a slash at its end";
         case host:
@@ -181,6 +256,12 @@ std::string SettingTaken(const AgentSetting& setting) {
             return "a port number from 1 to 65535";
         case protocol:
             return "https or http";
+        case keyPins:
+            return "sha256// and the 44 characters of a hash in Base64, several with ; between them";
+        case proxies:
+            return "a proxy as HOST or HOST:PORT, several with ; between them";
+        case requestTypes:
+            return "types of requests with commas between them";
         case yesOrNo:
             return "yes or no";
         case base64:
@@ -202,10 +283,12 @@ std::string SettingFault(const AgentSetting& setting, RegistryType type, std::sp
     }
     if (type != RegistryType::text && type != RegistryType::expandableText)
         return fmt::format("has to be a text, not {}", KindName(type));
-    const std::u16string value = StoredText(data);
+    return SettingFault(setting, StoredText(data));
+}
+
+std::string SettingFault(const AgentSetting& setting, std::u16string_view value) {
     if (SettingTakes(setting, value)) return "";
-    const bool isSecret = setting.rule == base64;
-    return fmt::format("takes {}{}", taken, isSecret ? "" : fmt::format(", not '{}'", platform::Utf8FromWide(value)));
+    return fmt::format("takes {}{}", SettingTaken(setting), WrongPart(setting, value));
 }
 
 std::string SettingTitle(const AgentSetting& setting) {

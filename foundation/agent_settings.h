@@ -17,12 +17,16 @@ namespace kv {
 enum class SettingRule {
     anyText,
     text,          // not empty, without control characters
-    wholePath,     // from the root on, or empty
+    wholePath,     // from the root on
+    metricsPath,   // the same, and not a file that the agent writes anyway; or empty
     directory,     // ends in a slash or backslash, because paths are appended to it
     host,          // a name or an address, without scheme and port
     optionalHost,  // the same, or up to two characters, such as "--", for no address
     port,          // decimal, 1 to 65535
     protocol,      // "https" or "http"
+    keyPins,       // as foundation/key_pins.h reads them
+    proxies,       // hosts with or without a port, a list with blanks or semicolons between them
+    requestTypes,  // patterns with commas between them, each of which fits a type of request; or empty
     yesOrNo,
     base64,
     number,  // a DWORD
@@ -67,6 +71,9 @@ std::string SettingTaken(const AgentSetting& setting);
 
 /// What is wrong with a stored value, as "has to be a DWORD, not a text"; empty when the agent can use it.
 std::string SettingFault(const AgentSetting& setting, platform::RegistryType type, std::span<const std::byte> data);
+
+/// The same of a text that is to be stored. A password is not repeated.
+std::string SettingFault(const AgentSetting& setting, std::u16string_view value);
 
 /// Where a value stands and its name, as "ServerInfo\KVServerName"; the agent's key itself is left out.
 std::string SettingTitle(const AgentSetting& setting);

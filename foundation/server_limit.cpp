@@ -1,8 +1,10 @@
 #include "foundation/server_limit.h"
 
 #include <algorithm>
+#include <iterator>
 
 #include "foundation/registry_store.h"
+#include "foundation/request_types.h"
 #include "foundation/text.h"
 #include "platform/name_pattern.h"
 
@@ -80,6 +82,19 @@ ServerLimit::ServerLimit(std::u16string_view setting, Kind kind, std::atomic<boo
         rest.remove_prefix(std::min(part.size() + 1, rest.size()));
     }
     if (fault_.empty() && patterns_.empty()) fault_ = u" is empty, so nothing is allowed";
+}
+
+std::u16string UnfitRequestPattern(std::u16string_view list) {
+    while (!list.empty()) {
+        const std::u16string_view part = list.substr(0, list.find(u','));
+        const std::u16string_view pattern = WithoutBlanks(part);
+        const std::u16string form = Comparable(pattern, ServerLimit::Kind::names);
+        const bool isFit = pattern.empty() || std::any_of(std::begin(requestTypeNames), std::end(requestTypeNames),
+                                                          [&](auto name) { return Matches(form, name); });
+        if (!isFit) return std::u16string(pattern);
+        list.remove_prefix(std::min(part.size() + 1, list.size()));
+    }
+    return {};
 }
 
 std::optional<std::u16string> ServerLimit::Refusal(std::span<const std::u16string> names) const {

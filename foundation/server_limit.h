@@ -45,4 +45,8 @@ ServerLimit LimitOfRequests();
 ServerLimit LimitOfServices();
 ServerLimit LimitOfScripts();
 
+/// The first pattern of a list, as AllowedRequests has it, that fits no type of request (foundation/request_types.h);
+/// empty when each fits one. Throws std::bad_alloc.
+std::u16string UnfitRequestPattern(std::u16string_view list);
+
 }  // namespace kv

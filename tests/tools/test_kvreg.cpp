@@ -49,6 +49,8 @@ TEST_F(Kvreg, CarriesOutItsCommands) {
         {{"get", "hkey_users\\A"}, 2, "", "only HKEY_LOCAL_MACHINE"},
         {{"get", "A\\\\B"}, 2, "", "not the path of a key"},
         {{"delete", "HKLM"}, 2, "", "root itself"},
+        {{"set", "SoftwareHalvorineKestrovaKVAgentserverinfo", "n", "v"}, 2, "", "KVAgent\\ServerInfo', not 'Soft"},
+        {{"set", "HKLM/Software/Halvorine/Kestrova/KVAgent", "n", "v"}, 2, "", "did you mean 'Software\\Halvorine"},
     };
     for (const auto& [words, exitCode, output, errors] : rows) {
         SCOPED_TRACE(::testing::PrintToString(words));
@@ -58,6 +60,8 @@ TEST_F(Kvreg, CarriesOutItsCommands) {
         EXPECT_THAT(outcome.errors, HasSubstr(errors));
         EXPECT_EQ(std::count(outcome.errors.begin(), outcome.errors.end(), '\n'), exitCode == 0 ? 0 : 1);
     }
+    EXPECT_THAT(Run({"set", "Software/KvregTest", "n", "v"}).errors, HasSubstr("did you mean 'Software\\KvregTest'"));
+    EXPECT_EQ(Run({"delete", "Software/KvregTest", "--yes"}).exitCode, 0);
     EXPECT_THAT(Run({"set", "--help"}).output, HasSubstr("kvreg set [OPTIONS] KEY NAME DATA"));
 }
 
@@ -103,6 +107,8 @@ TEST_F(Kvreg, ImportsAWholeFileOrNothing) {
     ASSERT_EQ(Run({"import", file}).exitCode, 0);
     EXPECT_EQ(Run({"get", "Software\\KvregTest\\A", "one"}).exitCode, 3);
     EXPECT_EQ(Run({"list", "Software\\KvregTest\\B"}).exitCode, 3);
+    Write(file, inA + "\"n\"=hex:01,\\\n 02\n[HKLM\\Software/KvregTest/A]\n[-HKLM\\Software/KvregTest/A]\n");
+    EXPECT_THAT(Run({"import", file}).errors, HasSubstr("file.reg:5: did you mean 'Software\\KvregTest\\A'"));
     Write(file, inA + "\"two\"=dword:3\n[HKEY_USERS\\X]\n");
     const Outcome refused = Run({"import", file});
     EXPECT_EQ(refused.exitCode, 1);

@@ -47,6 +47,11 @@ std::string Stored(std::u16string_view key, std::u16string_view name) {
     return value.type == platform::RegistryType::text ? Utf8FromWide(TextOfData(value.data)) : "";
 }
 
+/// ", not 'cs'" of an argument; what may hold a password is not repeated.
+std::string NotGiven(const std::string& argument) {
+    return argument.find('@') == std::string::npos ? fmt::format(", not '{}'", argument) : "";
+}
+
 class Setup {
   public:
     explicit Setup(const Given& given) : given_(given) {}
@@ -59,6 +64,7 @@ class Setup {
     const std::vector<std::string>& warnings() const { return warnings_; }
 
   private:
+    void WarnOfTrust();
     void TakeServer();
     void ChooseName(std::u16string_view name, const std::string& fromServer);
     void ChooseAddress();
@@ -72,6 +78,7 @@ class Setup {
     const Given& given_;
     ServerText server_;   // as --server gives it, or the stored name
     bool isNew_ = false;  // another server than before
+    bool isSecure_ = true;
     std::vector<Choice> choices_;
     std::vector<std::string> problems_;
     std::vector<std::string> warnings_;
@@ -88,15 +95,37 @@ void Setup::Choose() {
         warnings_.emplace_back(
             "KVAgentInstallDir is missing, and without it the agent cannot run: kvreg set "
             "\"Software\\Halvorine\\Kestrova\\KVAgent\" KVAgentInstallDir DIRECTORY/");
-    if (isNew_ && !Stored(serverInfoKeyPath, u"KVServerPinnedKey").empty())
+    WarnOfTrust();
+}
+
+/// What is asked of the server's certificate does not change here, and may no longer fit.
+void Setup::WarnOfTrust() {
+    if (!isSecure_) {
+        for (const char16_t* name : {u"KVServerPinnedKey", u"KVServerCAFile", u"KVServerVerify"}) {
+            const std::string stored = Stored(serverInfoKeyPath, name);
+            if (stored.empty() || CompareIgnoreCase(WideFromUtf8(stored), u"no") == 0) continue;
+            const std::string title = Utf8FromWide(name);
+            warnings_.push_back(fmt::format(
+                "{} asks for a certificate, which http does not have, so that nothing is sent to the server: give "
+                "--protocol https, or kvreg delete \"{}\" {}",
+                title, Utf8FromWide(serverInfoKeyPath), title));
+        }
+    } else if (isNew_ && !Stored(serverInfoKeyPath, u"KVServerPinnedKey").empty()) {
         warnings_.emplace_back("KVServerPinnedKey is still the former server's: kvagentctl pin stores the new one");
+    }
 }
 
 void Setup::TakeServer() {
     const std::string stored = Stored(serverInfoKeyPath, u"KVServerName");
     isNew_ = Has(given_, "--server");
     if (!isNew_ && stored.empty()) problems_.emplace_back("--server is missing, and no server was set before");
-    if (isNew_) server_ = ParseServerText(Value(given_, "--server"));
+    const std::string given = Value(given_, "--server");
+    if (given.find('@') != std::string::npos)
+        throw commandline::UsageError(
+            "--server takes neither user nor password before an @: the agent does not log in at its server; nothing "
+            "was "
+            "stored");
+    if (isNew_) server_ = ParseServerText(given);
     if (!server_.problem.empty()) problems_.push_back("--server " + server_.problem);
     if (!isNew_) server_.host = stored;
     const bool isName = !IsAddress(server_.host);
@@ -122,7 +151,7 @@ void Setup::ChooseAddress() {
     const std::string stored = Stored(serverInfoKeyPath, u"KVServerIPAddress");
     const std::string given = Value(given_, "--ip");
     if (Has(given_, "--ip")) {
-        if (!IsAddress(given)) problems_.push_back(fmt::format("--ip takes an address, not '{}'", given));
+        if (!IsAddress(given)) problems_.push_back("--ip takes an address" + NotGiven(given));
         Add(serverInfoKeyPath, u"KVServerIPAddress", given, "--ip");
     } else if (IsAddress(server_.host)) {
         Add(serverInfoKeyPath, u"KVServerIPAddress", server_.host, "--server");
@@ -137,10 +166,10 @@ void Setup::ChooseSecondAddress() {
     const std::string second = Value(given_, "--second-ip", noAddress);
     if (Has(given_, "--second-ip")) {
         if (second != noAddress && !IsAddress(second))
-            problems_.push_back(fmt::format("--second-ip takes an address, or -- for no address, not '{}'", second));
+            problems_.push_back("--second-ip takes an address, or -- for no address" + NotGiven(second));
         Add(serverInfoKeyPath, u"KVServerSecIPAddress", second, "--second-ip");
     } else if (const std::string now = Stored(serverInfoKeyPath, u"KVServerSecIPAddress"); isNew_ || now.empty()) {
-        Add(serverInfoKeyPath, u"KVServerSecIPAddress", noAddress, "no second address");
+        Add(serverInfoKeyPath, u"KVServerSecIPAddress", noAddress, "default");
     } else {
         Add(serverInfoKeyPath, u"KVServerSecIPAddress", now, before);
     }
@@ -156,16 +185,16 @@ void Setup::ChooseConnection() {
         ChooseByOption(serverInfoKeyPath, u"KVServerProtocol", "--protocol", "https");
     else
         Add(serverInfoKeyPath, u"KVServerProtocol", protocol, protocolSource);
-    const bool isSecure = CompareIgnoreCase(WideFromUtf8(choices_.back().value), u"http") != 0;
+    isSecure_ = CompareIgnoreCase(WideFromUtf8(choices_.back().value), u"http") != 0;
 
     if (!server_.port.empty() && Has(given_, "--port") && Value(given_, "--port") != server_.port)
         problems_.emplace_back("--server and --port name two ports");
     if (!server_.port.empty())
         Add(serverInfoKeyPath, u"KVServerSecurePort", server_.port, "--server");
     else if (!server_.protocol.empty() && !Has(given_, "--port"))  // as every URL has it
-        Add(serverInfoKeyPath, u"KVServerSecurePort", isSecure ? "443" : "80", "default of the URL");
+        Add(serverInfoKeyPath, u"KVServerSecurePort", isSecure_ ? "443" : "80", "default of the URL");
     else
-        ChooseByOption(serverInfoKeyPath, u"KVServerSecurePort", "--port", isSecure ? "8443" : "8080");
+        ChooseByOption(serverInfoKeyPath, u"KVServerSecurePort", "--port", isSecure_ ? "8443" : "8080");
 }
 
 void Setup::ChooseByOption(std::u16string_view key, std::u16string_view name, const char* option,
@@ -183,9 +212,10 @@ void Setup::Add(std::u16string_view key, std::u16string_view name, const std::st
                 const std::string& source) {
     const AgentSetting* const setting = FindAgentSetting(key, name);
     choices_.push_back({setting, value, source});
-    if (SettingTakes(*setting, WideFromUtf8(value)) && platform::IsValidUtf8(value)) return;
-    const std::string problem = fmt::format("{} takes {}, not '{}'", source == before ? SettingTitle(*setting) : source,
-                                            SettingTaken(*setting), value);
+    const std::string fault =
+        platform::IsValidUtf8(value) ? SettingFault(*setting, WideFromUtf8(value)) : "is not UTF-8";
+    if (fault.empty()) return;
+    const std::string problem = fmt::format("{} {}", source == before ? SettingTitle(*setting) : source, fault);
     const bool isTold = !problems_.empty() && problems_.back() == problem;  // a server is stored under three names
     if (!isTold) problems_.push_back(problem);
 }

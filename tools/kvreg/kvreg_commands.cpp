@@ -78,8 +78,15 @@ bool NamesAnotherRoot(std::string_view path) {
            });
 }
 
-std::u16string KeyArgument(const std::string& argument) {
+/// What becomes of a path that looks like a slip.
+enum class Slip { warned, refused };
+
+std::u16string KeyArgument(const std::string& argument, Slip slip = Slip::warned) {
     const std::u16string wide = WideArgument(argument);
+    std::u16string_view below;
+    const std::u16string_view typed = SplitRootName(wide, below) ? below : wide;
+    if (slip == Slip::refused) RefuseKeySlip(typed);
+    WarnOfKey(typed);
     std::u16string_view path;
     if (!SplitRootName(wide, path)) {
         if (NamesAnotherRoot(argument))
@@ -122,7 +129,7 @@ void Get(const Given& given) {
 }
 
 void Set(const Given& given) {
-    const std::u16string path = KeyArgument(Value(given, "KEY"));
+    const std::u16string path = KeyArgument(Value(given, "KEY"), Has(given, "--force") ? Slip::warned : Slip::refused);
     RegFileValue value;
     const std::string data = Value(given, "DATA");
     const bool isNumber = Has(given, "--dword");
@@ -272,7 +279,7 @@ void Import(const Given& given) {
         throw std::runtime_error(
             fmt::format("{}:{}: {}; nothing was imported", path, parseError.line, parseError.message));
     }
-    WarnOfFile(file);
+    WarnOfFile(file, path);
     std::u16string failedAt;
     const Error result = ApplyRegFile(file, failedAt);
     Require(result, "the import stopped at the key " + WholePath(failedAt), "key " + WholePath(failedAt));

@@ -26,6 +26,7 @@ struct Cursor {
     std::u16string_view text;
     std::size_t position;
     RegFileError& error;
+    std::size_t line = 1;  // where what is being parsed begins
 };
 
 constexpr bool IsLineEnd(char16_t unit) { return unit == u'\n' || unit == u'\r'; }
@@ -46,10 +47,9 @@ constexpr int HexDigit(char16_t unit) {
     return lower >= u'a' && lower <= u'f' ? lower - u'a' + 10 : -1;
 }
 
-/// The number of the line that holds a position.
-std::size_t LineAt(std::u16string_view text, std::size_t position) {
-    std::size_t line = 1;
-    for (std::size_t i = 0; i < position; ++i) {
+/// The number of the line that holds a position, counted on from an earlier position and its line.
+std::size_t LineAt(std::u16string_view text, std::size_t position, std::size_t from = 0, std::size_t line = 1) {
+    for (std::size_t i = from; i < position; ++i) {
         const bool firstOfTwo = text[i] == u'\r' && i + 1 < text.size() && text[i + 1] == u'\n';
         if (IsLineEnd(text[i]) && !firstOfTwo) ++line;
     }
@@ -220,6 +220,7 @@ bool ParseValueLine(Cursor& at, RegFile& file) {
     if (Peek(at) == u';') TakeLine(at);
     if (!IsLineEnd(Peek(at))) return Fail(at, "there is something after the data");
     if (value.data.size() > platform::maximumValueBytes) return Fail(at, begin, "the data is larger than 1 MB");
+    value.line = at.line;
     file.back().values.push_back(std::move(value));
     return true;
 }
@@ -242,6 +243,7 @@ bool ParseKeyLine(Cursor& at, RegFile& file) {
     }
     if (key.deleted && path.empty()) return Fail(at, begin, "the root itself cannot be deleted");
     key.path = path;
+    key.line = at.line;
     file.push_back(std::move(key));
     return true;
 }
@@ -269,8 +271,10 @@ bool ParseLines(Cursor& at, RegFile& file) {
     if (WithoutBlanksAtEnd(TakeLine(at)) != header) {
         return Fail(at, 0, "the first line must be \"Windows Registry Editor Version 5.00\"");
     }
+    std::size_t counted = 0;
     while (!AtEnd(at)) {
         SkipLineEnd(at);
+        at.line = LineAt(at.text, at.position, std::exchange(counted, at.position), at.line);
         if (!ParseLine(at, file)) return false;
     }
     return true;

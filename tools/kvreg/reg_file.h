@@ -32,12 +32,14 @@ struct RegFileValue {
     bool deleted = false;
     platform::RegistryType type = platform::RegistryType::none;
     std::vector<std::byte> data;
+    std::size_t line = 0;  // of the file, from 1; 0 when it is not from a file
 };
 
 struct RegFileKey {
     std::u16string path;  // below HKEY_LOCAL_MACHINE; empty: the root itself
     bool deleted = false;
     std::vector<RegFileValue> values;
+    std::size_t line = 0;  // as above
 };
 
 /// Keys and values in the order of the file.

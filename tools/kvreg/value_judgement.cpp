@@ -1,11 +1,15 @@
 #include "tools/kvreg/value_judgement.h"
 
+#include <algorithm>
 #include <fmt/format.h>
 #include <string>
 
 #include "commandline/program.h"
 #include "commandline/run.h"
 #include "foundation/agent_settings.h"
+#include "foundation/registry_store.h"
+#include "foundation/text.h"
+#include "platform/utf.h"
 #include "tools/kvreg/value_text.h"
 
 namespace kv {
@@ -18,16 +22,64 @@ void Warn(const std::string& text) {
 }
 
 /// As "KVServerSecurePort takes a port number from 1 to 65535, not 'abc'"; empty when nothing is wrong.
-std::string Fault(const AgentSetting& setting, const RegFileValue& value) {
-    const std::string fault = SettingFault(setting, value.type, value.data);
-    return fault.empty() ? "" : SettingTitle(setting) + " " + fault;
+std::string Fault(std::u16string_view path, const RegFileValue& value) {
+    const AgentSetting* const setting = FindAgentSetting(path, value.name);
+    const std::string fault = setting ? SettingFault(*setting, value.type, value.data) : "";
+    return fault.empty() ? "" : SettingTitle(*setting) + " " + fault;
+}
+
+/// What is odd about a value's name under a key of the agent; empty when nothing is.
+std::string NameDoubt(std::u16string_view path, std::u16string_view name) {
+    if (!IsAgentKey(path) || FindAgentSetting(path, name)) return "";
+    const std::string nearest = NearestSetting(path, name);
+    return fmt::format("the agent does not know a value {} in the key {}{}", NameInLine(name),
+                       platform::Utf8FromWide(path), nearest.empty() ? "" : fmt::format("; did you mean {}?", nearest));
+}
+
+bool StartsWith(std::u16string_view text, std::u16string_view beginning) {
+    return CompareIgnoreCase(text.substr(0, beginning.size()), beginning) == 0;
+}
+
+/// A path without root and separators.
+std::u16string LettersOf(std::u16string_view path) {
+    std::u16string letters(path);
+    std::erase_if(letters, [](char16_t unit) { return unit == u'\\' || unit == u'/'; });
+    for (const std::u16string_view root : {u"HKEY_LOCAL_MACHINE", u"HKLM"}) {
+        if (StartsWith(letters, root)) letters.erase(0, root.size());
+    }
+    return letters;
+}
+
+/// The key of the agent that a path means, whose backslashes have become slashes or have gone; empty for any other one.
+std::u16string MeantAgentKey(std::u16string_view path) {
+    const bool isWhole = path.find(u'\\') != path.npos && path.find(u'/') == path.npos;
+    if (isWhole || IsAgentKey(path)) return {};
+    const std::u16string letters = LettersOf(path);
+    for (const std::u16string_view known : {serverInfoKeyPath, monitoringKeyPath, systemDetailsKeyPath, agentKeyPath}) {
+        if (CompareIgnoreCase(letters, LettersOf(known)) == 0) return std::u16string(known);
+    }
+    const std::u16string own = LettersOf(agentKeyPath);
+    return StartsWith(letters, own) ? std::u16string(agentKeyPath) + u"\\" + letters.substr(own.size()) : u"";
+}
+
+/// What is odd about the path of a key, with the one that was probably meant; empty when nothing is.
+std::string KeyDoubt(std::u16string_view path) {
+    std::u16string meant = MeantAgentKey(path);
+    if (meant.empty() && path.find(u'\\') == path.npos && path.find(u'/') != path.npos) {
+        meant = path;
+        std::replace(meant.begin(), meant.end(), u'/', u'\\');
+    }
+    if (meant.empty()) return "";
+    return fmt::format(
+        "did you mean '{1}', not '{0}'? Keys have backslashes between them, and in a shell they need quotes",
+        platform::Utf8FromWide(path), platform::Utf8FromWide(meant));
 }
 
 }  // namespace
 
 void RefuseFault(std::u16string_view path, const RegFileValue& value) {
     const AgentSetting* const setting = FindAgentSetting(path, value.name);
-    const std::string fault = setting ? Fault(*setting, value) : "";
+    const std::string fault = Fault(path, value);
     if (!setting || fault.empty()) return;
     const bool isNumber = SettingType(*setting) == platform::RegistryType::dword;
     const bool isWrongKind = SettingType(*setting) != value.type;
@@ -36,21 +88,30 @@ void RefuseFault(std::u16string_view path, const RegFileValue& value) {
         fmt::format("{}{}; --force stores it all the same", fault, isWrongKind ? kindHint : ""));
 }
 
-void WarnOfName(std::u16string_view path, std::u16string_view name) {
-    if (!IsAgentKey(path) || FindAgentSetting(path, name)) return;
-    const std::string nearest = NearestSetting(path, name);
-    Warn(fmt::format("the agent does not know a value {} in this key{}", NameInLine(name),
-                     nearest.empty() ? "" : fmt::format("; did you mean {}?", nearest)));
+void RefuseKeySlip(std::u16string_view path) {
+    if (MeantAgentKey(path).empty()) return;
+    throw commandline::UsageError(KeyDoubt(path) + "; --force takes the key as it stands");
 }
 
-void WarnOfFile(const RegFile& file) {
+void WarnOfKey(std::u16string_view path) {
+    if (const std::string doubt = KeyDoubt(path); !doubt.empty()) Warn(doubt);
+}
+
+void WarnOfName(std::u16string_view path, std::u16string_view name) {
+    if (const std::string doubt = NameDoubt(path, name); !doubt.empty()) Warn(doubt);
+}
+
+void WarnOfFile(const RegFile& file, const std::string& name) {
+    const auto warn = [&name](std::size_t line, const std::string& doubt) {
+        if (!doubt.empty()) Warn(fmt::format("{}:{}: {}", name, line, doubt));
+    };
     for (const RegFileKey& key : file) {
+        if (key.deleted) continue;
+        warn(key.line, KeyDoubt(key.path));
         for (const RegFileValue& value : key.values) {
-            if (key.deleted || value.deleted) continue;
-            WarnOfName(key.path, value.name);
-            const AgentSetting* const setting = FindAgentSetting(key.path, value.name);
-            const std::string fault = setting ? Fault(*setting, value) : "";
-            if (!fault.empty()) Warn(fault);
+            if (value.deleted) continue;
+            warn(value.line, NameDoubt(key.path, value.name));
+            warn(value.line, Fault(key.path, value));
         }
     }
 }

@@ -20,7 +20,10 @@ TEST_F(Kvreg, KnowsTheSettingsOfTheAgent) {
         {"a secret", {agentKey, "ProxyPassword", "secret!"}, 2, "ProxyPassword takes Base64; --force"},
         {"a slip in a name", {serverKey, "KVServerNam", "cs"}, 0, "did you mean ServerInfo\\KVServerName?"},
         {"the wrong key", {agentKey, "KVServerName", "cs"}, 0, "did you mean ServerInfo\\KVServerName?"},
-        {"a key below", {agentKey + "\\Sub", "x", "1"}, 0, "the agent does not know a value x in this key\n"},
+        {"a key below",
+         {agentKey + "\\Sub", "x", "1"},
+         0,
+         "the agent does not know a value x in the key Software\\Halvorine\\Kestrova\\KVAgent\\Sub\n"},
         {"a key beside", {agentKey + "2", "AgentLogLevel", "x"}, 0, ""},
     };
     for (const auto& [title, arguments, exitCode, errors] : rows) {

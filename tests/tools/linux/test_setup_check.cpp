@@ -56,6 +56,8 @@ TEST_F(SetupAndCheck, SetupTellsAllThatIsWrongAndStoresNothing) {
         {"a path", {"--server", "https://cs/agent"}, {"takes no path, because the agent's paths are fixed"}},
         {"two ports", {"--server", "cs:1", "--port", "2", "--ip", "192.0.2.1"}, {"--server and --port name two ports"}},
         {"a port", {"--server", "cs", "--port", "65536", "--ip", "192.0.2.1"}, {"a port number from 1 to 65535"}},
+        {"credentials", {"--server", "me:hunter2@cs"}, {"--server takes neither user nor password"}},
+        {"every address", {"--server", "0.0.0.0"}, {"not '0.0.0.0', which stands for every address"}},
         {"unknown name", {"--server", "cs.invalid"}, {"cs.invalid cannot be looked up", "give the address with --ip"}},
     };
     for (const auto& [title, options, errors] : rows) {
@@ -65,6 +67,7 @@ TEST_F(SetupAndCheck, SetupTellsAllThatIsWrongAndStoresNothing) {
         const Outcome outcome = Run(words);
         EXPECT_EQ(outcome.exitCode, 2);
         for (const char* error : errors) EXPECT_THAT(outcome.errors, HasSubstr(error));
+        EXPECT_THAT(outcome.errors, testing::Not(HasSubstr("hunter2")));
         EXPECT_EQ(Registry({"list", agentKey}).exitCode, 3) << "nothing is stored";
     }
 }
@@ -102,6 +105,9 @@ TEST_F(SetupAndCheck, CheckFindsWhatIsWrongWithSettings) {
                                                          "server to send one\n0 errors, 1 warning\n"));
     Registry({"set", agentKey, "AgentLogLevel", "2", "--force"});
     Registry({"set", agentKey, "ProxyEnabled", "yes"});
+    Registry({"set", agentKey, "ProxyUserName", "u"});
+    Registry({"set", serverKey, "KVServerProtocol", "ftp", "--force"});
+    Registry({"set", agentKey + "\\Monitoring", "MonitoringAgentKey", "", "--force"});
     Registry({"set", serverKey, "KVServerProtocl", "http"});
     Write(conf / "queryconf.txt", R"({"WorkFlows":[]})");
     for (const fs::path& path : {conf / "scripts", conf / "queryconf.txt", folder / "monitoring", logs})
@@ -111,11 +117,12 @@ TEST_F(SetupAndCheck, CheckFindsWhatIsWrongWithSettings) {
     EXPECT_EQ(faults.exitCode, 1);
     for (const char* fault :
          {"AgentLogLevel: has to be a DWORD", "ProxyServerName: is missing, and ProxyEnabled",
-          "did you mean ServerInfo\\KVServerProtocol?", "scripts: others may write to it (mode 0777)",
-          "monitoring: others may write", "logs: others may", "plan ",
+          "did you mean ServerInfo\\KVServerProtocol?", "ProxyUserName: has one character",
+          "ftp', which counts as http", "MonitoringAgentKey, and the agent stores a new one",
+          "scripts: others may write to it (mode 0777)", "monitoring: others may write", "logs: others may", "plan ",
           "queryconf.txt: others may write to it (mode 0777)", "bin: does not exist"})
         EXPECT_THAT(faults.output, HasSubstr(fault));
-    EXPECT_THAT(faults.output, testing::EndsWith("7 errors, 2 warnings\n"));
+    EXPECT_THAT(faults.output, testing::EndsWith("9 errors, 3 warnings\n"));
     fs::remove_all(folder / "state");
     EXPECT_THAT(Run({"check"}).output, HasSubstr("error: registry: settings and scripts are not checked: there is no"));
 }
@@ -143,8 +150,9 @@ TEST_F(SetupAndCheck, CheckTriesEachAddressOfTheServer) {
     EXPECT_EQ(refused.exitCode, 1);
     EXPECT_THAT(refused.output, HasSubstr("its key is not the pinned one"));
     EXPECT_EQ(server.decrypted, sentBefore) << "nothing was sent";
-    Registry({"set", serverKey, "KVServerPinnedKey", "abc"});
-    EXPECT_THAT(Run({"check"}).output, HasSubstr("KVServerPinnedKey: has [abc], which is not sha256//"));
+    EXPECT_THAT(Run({"setup", "--protocol", "http"}).errors, HasSubstr("KVServerPinnedKey asks for a certificate"));
+    Registry({"set", serverKey, "KVServerPinnedKey", "abc", "--force"});
+    EXPECT_THAT(Run({"check"}).output, HasSubstr("KVServerPinnedKey: takes sha256// and the 44 characters"));
 }
 
 TEST_F(SetupAndCheck, CheckFindsWhatIsWrongWithAPlan) {

@@ -7,6 +7,7 @@
 #include "foundation/agent_settings.h"
 #include "foundation/agent_state.h"
 #include "foundation/file_utils.h"
+#include "foundation/proxy_password.h"
 #include "foundation/registry_failure.h"
 #include "foundation/registry_store.h"
 #include "foundation/text.h"
@@ -51,6 +52,9 @@ std::string SetCommand(const AgentSetting& setting) {
         const bool hasServer = StoredText(GetKVServerName).has_value();
         return fmt::format("kvagentctl setup {}", hasServer ? option.option : "--server SERVER");
     }
+    if (setting.use == SettingUse::stored)
+        return fmt::format("kvreg delete \"{}\" {}, and the agent stores a new one", Utf8FromWide(setting.key),
+                           Utf8FromWide(setting.name));
     const bool isNumber = SettingType(setting) == platform::RegistryType::dword;
     return fmt::format("kvreg set \"{}\" {} VALUE{}", Utf8FromWide(setting.key), Utf8FromWide(setting.name),
                        isNumber ? " --dword" : "");
@@ -93,12 +97,22 @@ void CheckUnknownNames(Findings& findings) {
     }
 }
 
+/// One character logs nobody in: the agent takes it for a text that stands for none.
+void CheckProxyCredentials(Findings& findings) {
+    constexpr const char* tooShort =
+        "has one character, which the agent takes for none: it does not log in at the proxy";
+    if (StoredText(GetProxyUserName).value_or(u"").size() == 1) findings.Warn("setting ProxyUserName", tooShort);
+    if (DecodeBase64(StoredText(GetProxyPassword).value_or(u"")).size() == 1)
+        findings.Warn("setting ProxyPassword", tooShort);
+}
+
 /// What fits each other only together.
 void CheckTogether(Findings& findings) {
     const bool hasProxy = CompareIgnoreCase(StoredText(GetProxyEnabled), u"yes") == 0;
     if (hasProxy && !StoredText(GetProxyServerName))
         findings.Error("setting ProxyServerName", "is missing, and ProxyEnabled says yes",
                        "give the proxy as HOST:PORT, or set ProxyEnabled to no");
+    if (hasProxy) CheckProxyCredentials(findings);
     std::uint32_t level = 1;
     GetAgentLogLevel(level);
     if (level == 3 || level == 4)
@@ -116,9 +130,10 @@ void CheckTrust(Findings& findings) {
     if (!trust.refusal.empty() && !isTold)
         findings.Error(where, trust.refusal.substr(trust.refusal.find(' ') + 1) + ": nothing is sent to the server");
     const bool asks = !trust.pinnedKeys.empty() || trust.caFile || trust.systemAuthorities;
-    if (asks && CompareIgnoreCase(StoredText(GetKVServerProtocol), u"http") == 0)
+    const OptionalText protocol = StoredText(GetKVServerProtocol);
+    if (asks && protocol && CompareIgnoreCase(protocol, u"https") != 0)
         findings.Error("setting ServerInfo\\KVServerProtocol",
-                       "is http, and other settings ask for a certificate: nothing is sent to the server",
+                       "counts as http, and other settings ask for a certificate: nothing is sent to the server",
                        "kvagentctl setup --protocol https");
 }
 
