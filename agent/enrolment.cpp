@@ -74,6 +74,7 @@ std::u16string RegistrationUrl(std::uint32_t patience) {
 /// One exchange. True when the server has answered, and the agent knows whether to run and with which key.
 bool Register(std::uint32_t patience) {
     Log3("\t Inside Register() \n");
+    NoteRegistrationBegun();
     std::u16string url = RegistrationUrl(patience);
     Log2("\t InitLicenseParams :: URL is %s\n", url);
     const platform::Error error = AgentSendRequest(agentState.gv_ServerName, agentState.gv_ServerPort, url, {}, nullptr,

@@ -46,6 +46,18 @@ void NoteFailedUpload() noexcept {
     WakeHealthReport();
 }
 
+void NoteRegistrationBegun() noexcept {
+    try {
+        std::string text("is being tried");
+        const std::lock_guard hold(events.lock);
+        if (events.last.registrationTime != 0) return;
+        events.last.registration = std::move(text);
+    } catch (...) {
+        // It is told of when there is an outcome.
+    }
+    WakeHealthReport();
+}
+
 void NoteRegistration(std::string_view outcome) noexcept {
     try {
         std::string text(outcome);
@@ -76,9 +88,15 @@ void NoteLostRecord(std::u16string_view path, platform::Error reason) noexcept {
 }
 
 void NoteFailureText(std::string text) noexcept {
-    const std::lock_guard hold(events.lock);
-    events.last.failureTime = GetNowSeconds();
-    events.last.failure = std::move(text);
+    bool isRegistering = false;
+    {
+        const std::lock_guard hold(events.lock);
+        events.last.failureTime = GetNowSeconds();
+        events.last.failure = std::move(text);
+        isRegistering = events.last.registrationTime == 0 && !events.last.registration.empty();
+    }
+    // Several addresses that swallow what is sent to them take minutes, in which people look.
+    if (isRegistering) WakeHealthReport();
 }
 
 void WakeHealthReport() noexcept {

@@ -48,7 +48,7 @@ struct LastEvents {
     std::int64_t uploadTime = 0;  // of an accepted upload
     std::string uploadAddress;    // the address and port that accepted it
     std::int64_t registrationTime = 0;
-    std::string registration;  // what it came to
+    std::string registration;  // what it came to; before there is a time, that it is being tried
     std::int64_t failureTime = 0;
     std::string failure;  // what failed and why
 };
@@ -62,6 +62,9 @@ void NoteContact() noexcept;
 /// An accepted upload, at an address and port.
 void NoteUpload(std::u16string_view address, std::int32_t port, std::uint64_t bytes) noexcept;
 void NoteFailedUpload() noexcept;
+
+/// The first registration is on its way. Without effect once there was an outcome.
+void NoteRegistrationBegun() noexcept;
 
 /// What a registration came to.
 void NoteRegistration(std::string_view outcome) noexcept;

@@ -124,6 +124,22 @@ TEST_F(HealthReport, WritesTheFileAtEventsAndWhenAnythingChanged) {
     EXPECT_EQ(health.counts.size(), HealthCounts().size());
 }
 
+TEST_F(HealthReport, TellsOfARegistrationWhileItIsTried) {
+    Run({[] { NoteRegistrationBegun(); },
+         [&] {
+             EXPECT_EQ(Status()->registration, "is being tried");
+             NoteFailure("cs: no answer");
+         },
+         [&] {
+             EXPECT_EQ(Status()->lastFailure, "cs: no answer");
+             EXPECT_EQ(Status()->lastFailureTime, clock.nowSeconds() - 2) << "at once, not with the minute";
+             NoteRegistration("registered");
+             NoteRegistrationBegun();
+         },
+         [] {}});
+    EXPECT_EQ(Status()->registration, "registered");
+}
+
 TEST_F(HealthReport, SaysOnceThatAFileCannotBeWritten) {
     SetMetricsFile(folder / "absent" / "kvagent.prom");
     const auto full = std::make_shared<std::optional<platform::ScopedOperations<platform::FileOperations>>>();

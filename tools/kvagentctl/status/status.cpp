@@ -72,8 +72,10 @@ void AddHealthLines(const AgentFacts& facts, std::vector<Line>& lines) {
     const std::string at = health.lastAddress.empty() ? "" : " at " + health.lastAddress;
     lines.emplace_back("last upload", TimeWithAge(health.lastUploadTime, facts.now) + at);
     lines.emplace_back("last contact", TimeWithAge(health.lastContactTime, facts.now));
-    lines.emplace_back("registration", TimeWithAge(health.registrationTime, facts.now) +
-                                           (health.registration.empty() ? "" : ": " + health.registration));
+    lines.emplace_back("registration", health.registrationTime == 0 && !health.registration.empty()
+                                           ? health.registration
+                                           : TimeWithAge(health.registrationTime, facts.now) +
+                                                 (health.registration.empty() ? "" : ": " + health.registration));
     lines.emplace_back("collection", health.isCollecting
                                          ? "on"
                                          : "stopped since " + TimeWithAge(health.collectionStopTime, facts.now));
