@@ -15,6 +15,10 @@ using platform::Error;
 using platform::Http;
 namespace error = platform::error;
 
+/// Why a request ends with 407.
+constexpr const char* proxyRefusal =
+    "the proxy refused the user or the password (HTTP status 407); see ProxyUserName and ProxyPassword";
+
 constexpr std::u16string_view userAgent = u"TallowmereOnCallAgent";
 
 Error OpenSession(HttpAttempt& attempt) {
@@ -88,6 +92,10 @@ Error OpenRequest(HttpAttempt& attempt) {
     if (attempt.limitConnectTime) {
         const auto limit = static_cast<std::uint32_t>(agentState.gv_httpTimeout);
         if (const Error failure = SetNumber(attempt, platform::HttpOption::connectTimeout, limit)) return failure;
+    }
+    if (!attempt.followsRedirects) {
+        constexpr auto option = platform::HttpOption::redirectPolicy;
+        if (const Error failure = SetNumber(attempt, option, platform::redirectNever)) return failure;
     }
     if (attempt.target.secure) {
         if (const Error failure = TolerateCertificate(attempt)) return failure;
@@ -215,6 +223,25 @@ Error SendAndReceive(HttpAttempt& attempt) {
 
 void TellOfBrokenAnswer(const HttpAttempt& attempt, Error failure) { TellOfServer(attempt, failure); }
 
+namespace {
+
+/// What a proxy's answer means that led to no server: it is the answer of a request that has been sent.
+Error TunnelRefusal(const HttpAttempt& attempt, std::string& reason) {
+    std::uint32_t status = 0;
+    reason = "the proxy did not lead to the server";
+    if (Http().WinHttpReceiveResponse(attempt.request.get()) ||
+        Http().WinHttpQueryHeadersNumber(attempt.request.get(), platform::HttpHeaderQuery::statusCodeNumber, status)) {
+        return error::winHttpConnectionError;
+    }
+    if (status == statusProxyAuthentication)
+        reason = proxyRefusal;
+    else
+        reason += " (its HTTP status is " + std::to_string(status) + ")";
+    return status == statusProxyAuthentication ? status : error::winHttpConnectionError;
+}
+
+}  // namespace
+
 Error LookAtCertificate(HttpAttempt& attempt, platform::HttpPresentedCertificate& certificate, std::string& reason) {
     attempt.trust.onlyLook = true;
     if (const Error failure = OpenHandles(attempt)) return failure;
@@ -226,9 +253,7 @@ Error LookAtCertificate(HttpAttempt& attempt, platform::HttpPresentedCertificate
     }
     if (Http().QueryFailureText(attempt.request.get(), reason)) reason.clear();
     LogFailedStep("%s :  Error in WinHttpSendRequest -> %d \n", attempt.routine, result);
-    if (result != error::success) return result;
-    reason = "the proxy did not lead to the server";  // its refusal of a tunnel is an answer
-    return error::winHttpConnectionError;
+    return result != error::success ? result : TunnelRefusal(attempt, reason);
 }
 
 Error ReadRawHeaders(const HttpAttempt& attempt, std::u16string& headers) {
@@ -260,6 +285,9 @@ Error ReadStatus(const HttpAttempt& attempt, std::uint32_t& status) {
         TellOfBrokenAnswer(attempt, failure);
     } else if (status == statusProxyAuthentication) {
         Log1("%s : Proxy Credentials are failed to authenticate %d \n", attempt.routine, status);
+        RunGuarded("LogFailedAddress", [&] {
+            if (attempt.target.useProxy) LogFailedAddress(attempt.routine, attempt.target, status, proxyRefusal, {});
+        });
     } else {
         RunGuarded("NoteContact", [&] {
             if (!IsOfProxy(attempt, status)) NoteContact();

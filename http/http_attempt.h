@@ -50,6 +50,7 @@ struct HttpAttempt {
     bool limitConnectTime;            // to gv_httpTimeout
     bool keepAlive;
     bool restartReopensSession;  // else a restart begins at the request
+    bool followsRedirects = true;
     const std::byte* body = nullptr;
     std::size_t bodySize = 0;
     platform::HttpServerTrust trust = AskedTrust();
@@ -69,7 +70,7 @@ struct HttpAttempt {
 platform::Error SendAndReceive(HttpAttempt& attempt);
 
 /// Connects as an attempt does and asks for nothing: success when the server has shown a certificate. A failure is
-/// logged and returned, with the library's reason, which may be empty.
+/// logged and returned, with the library's reason, which may be empty; 407 when the proxy refused the credentials.
 platform::Error LookAtCertificate(HttpAttempt& attempt, platform::HttpPresentedCertificate& certificate,
                                   std::string& reason);
 

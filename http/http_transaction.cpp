@@ -66,14 +66,13 @@ void AttemptAndRemember(AddressedRequest& request, const OptionalText& address) 
 
 void TryAddresses(AddressedRequest& request) {
     Attempt(request, agentState.gv_LastAccessName.view());
-    if (!IsTransportFailure(request.result)) return;
+    if (!LeadsToNextAddress(request.result, false)) return;
     AttemptAndRemember(request, agentState.gv_ServerIPAddress);
-    if (request.result == error::success) return;
-    // Any failure leads from the first IP address to the second, only a transport failure leads further.
+    if (!LeadsToNextAddress(request.result, true)) return;
     AttemptAndRemember(request, agentState.gv_ServerSecIPAddress);
-    if (!IsTransportFailure(request.result)) return;
+    if (!LeadsToNextAddress(request.result, false)) return;
     AttemptAndRemember(request, agentState.gv_ServerName);
-    if (!IsTransportFailure(request.result)) return;
+    if (!LeadsToNextAddress(request.result, false)) return;
     AttemptAndRemember(request, agentState.gv_ServerFlatName);
 }
 
@@ -96,6 +95,10 @@ TransactionTarget TargetAt(std::u16string_view address, std::int32_t port) {
         .proxyUser = agentState.gv_proxyUserName,
         .proxyPassword = agentState.gv_proxyPassword,
     };
+}
+
+bool LeadsToNextAddress(Error result, bool isFirstIpAddress) {
+    return IsTransportFailure(result) || (isFirstIpAddress && result != error::success);
 }
 
 Error AgentSendRequest(const OptionalText& /*serverName*/, std::int32_t /*serverPort*/, std::u16string& url,

@@ -70,6 +70,9 @@ platform::Error AgentSendRequest(const OptionalText& serverName, std::int32_t se
                                  const RequestData& data, OptionalText* response, RequestKind kind,
                                  std::size_t dataLength, bool keepAlive);
 
+/// Whether AgentSendRequest goes on to the next address after a result at one, which may be gv_ServerIPAddress.
+bool LeadsToNextAddress(platform::Error result, bool isFirstIpAddress);
+
 /// Posts a whole file, read into memory, as REQUEST_POST_BINARY. The error of a file that cannot be read is the result.
 platform::Error InternetUploadBinaryFile(const OptionalText& serverName, std::int32_t serverPort, std::u16string& url,
                                          std::u16string_view filePath);

@@ -37,13 +37,17 @@ inline constexpr std::uint32_t httpFlagSecure = 0x800000;
 /// fixed: 90 seconds from the last sign of the request to the last header, and 5 minutes for every kilobyte, on
 /// Windows of the answer's body only.
 enum class HttpOption : std::uint32_t {
-    connectTimeout = 3,  // milliseconds; 60000 unless set
-    sendTimeout = 5,     // milliseconds of silence while the request goes out; 30000 unless set
-    receiveTimeout = 6,  // milliseconds of silence while the answer is waited for; 30000 unless set
-    securityFlags = 31,  // the bits below
+    connectTimeout = 3,   // milliseconds; 60000 unless set
+    sendTimeout = 5,      // milliseconds of silence while the request goes out; 30000 unless set
+    receiveTimeout = 6,   // milliseconds of silence while the answer is waited for; 30000 unless set
+    securityFlags = 31,   // the bits below
+    redirectPolicy = 88,  // redirectNever, or another number for the rule of WinHttpReceiveResponse
     proxyUserName = 0x1002,
     proxyPassword = 0x1003,
 };
+
+/// A value of HttpOption::redirectPolicy: a redirect is the answer.
+inline constexpr std::uint32_t redirectNever = 0;
 
 /// Bits of HttpOption::securityFlags: what is let pass in the server's certificate. On Linux a bad date or usage passes
 /// together with an unknown authority and not by itself.
@@ -75,12 +79,13 @@ struct HttpPresentedCertificate {
 
 /// What a certificate says.
 struct HttpCertificate {
-    std::string subject;          // UTF-8, in one line, as "CN=cs.example.com, O=Example"
-    std::string issuer;           // the same
-    std::int64_t validFrom = 0;   // seconds since 1970
-    std::int64_t validUntil = 0;  // the same
-    std::string fingerprint;      // SHA-256 of the certificate: hexadecimal pairs with colons between
-    std::string keyPin;           // SHA-256 of the public key (SPKI): "sha256//" and Base64
+    std::string subject;             // UTF-8, in one line, as "CN=cs.example.com, O=Example"
+    std::string issuer;              // the same
+    std::int64_t validFrom = 0;      // seconds since 1970
+    std::int64_t validUntil = 0;     // the same
+    std::string fingerprint;         // SHA-256 of the certificate: hexadecimal pairs with colons between
+    std::string keyPin;              // SHA-256 of the public key (SPKI): "sha256//" and Base64
+    std::vector<std::string> names;  // hosts and IP addresses that it is for; without hosts its common name, too
 };
 
 /// What WinHttpQueryHeaders is asked for.

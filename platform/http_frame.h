@@ -47,6 +47,7 @@ struct HttpSending {
     std::size_t bodySize = 0;
     enum class Stage { opened, sent, answered } stage = Stage::opened;
 
+    bool followsRedirects = true;
     HttpServerTrust trust;
     std::vector<HttpPresentedCertificate> presented;  // by servers, since the last sending
     std::string failureText;                          // of the last sending or receiving
@@ -138,6 +139,8 @@ class HttpFrame {
     static Error SetOptionNumber(HttpHandle request, HttpOption option, std::uint32_t value) {
         std::shared_ptr<Request> owner;
         if (const Error failure = AllHandles().Find(request, owner)) return failure;
+        if (option == HttpOption::redirectPolicy) owner->followsRedirects = value != redirectNever;
+        if (option == HttpOption::redirectPolicy) return error::success;
         return IsText(option) ? error::winHttpInvalidOption : Backend::SetNumber(*owner, option, value);
     }
 
@@ -171,6 +174,7 @@ class HttpFrame {
     template <class Target>
     static std::optional<Target> NextTarget(Request& request, const Target& present) {
         std::uint32_t status = 0;
+        if (!request.followsRedirects) return std::nullopt;
         if (Backend::Status(request, status) != error::success || !IsFollowedRedirect(status, request.post))
             return std::nullopt;
         auto next = Backend::Redirection(request, present);

@@ -18,6 +18,31 @@ std::string KeyProblem(const std::vector<std::string>& pinnedKeys, std::string_v
     return pinnedKeys.size() == 1 ? "its key is not the pinned one" : "its key is not one of the pinned ones";
 }
 
+namespace {
+
+/// Names and bytes of one that a text shows, at most: a stranger chooses how many and how long they are.
+constexpr std::size_t mostNames = 10;
+constexpr std::size_t mostNameBytes = 256;
+
+/// A name of a certificate without what would break its line.
+std::string ShownName(std::string name) {
+    for (char& c : name) {
+        if (static_cast<unsigned char>(c) < ' ' || c == 0x7f) c = '?';
+    }
+    return name.size() <= mostNameBytes ? name : name.substr(0, mostNameBytes) + "...";
+}
+
+}  // namespace
+
+std::string NameProblem(const std::vector<std::string>& names, std::string_view host) {
+    if (names.empty()) return "it names no host, and " + std::string(host) + " is expected";
+    std::string text = "it is for ";
+    const std::size_t shown = std::min(names.size(), mostNames);
+    for (std::size_t i = 0; i < shown; ++i) text += (i == 0 ? "" : ", ") + ShownName(names[i]);
+    if (names.size() > shown) text += " and " + std::to_string(names.size() - shown) + " more";
+    return text + ", not for " + std::string(host);
+}
+
 std::string FingerprintText(std::span<const unsigned char> bytes) {
     constexpr char digits[] = "0123456789ABCDEF";
     std::string text;

@@ -21,6 +21,9 @@ bool PassesChecks(const HttpPresentedCertificate& certificate);
 /// Why a key is not one of the pinned ones; empty when it is.
 std::string KeyProblem(const std::vector<std::string>& pinnedKeys, std::string_view keyPin);
 
+/// Why a certificate for these names is not for a host: what it is for, and what was expected.
+std::string NameProblem(const std::vector<std::string>& names, std::string_view host);
+
 /// Bytes as hexadecimal pairs with colons between.
 std::string FingerprintText(std::span<const unsigned char> bytes);
 

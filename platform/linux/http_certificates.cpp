@@ -1,5 +1,6 @@
 #include "platform/linux/http_certificates.h"
 
+#include <arpa/inet.h>
 #include <array>
 #include <ctime>
 #include <memory>
@@ -72,6 +73,42 @@ std::int64_t Seconds(const ASN1_TIME* time) {
     return ASN1_TIME_to_tm(time, &parts) == 1 ? timegm(&parts) : 0;
 }
 
+/// The bytes of a text in a certificate, in UTF-8.
+std::string TextOf(const ASN1_STRING* text) {
+    unsigned char* bytes = nullptr;
+    const int size = ASN1_STRING_to_UTF8(&bytes, text);
+    if (size < 0) return "";
+    std::string utf8(reinterpret_cast<char*>(bytes), static_cast<std::size_t>(size));
+    OPENSSL_free(bytes);
+    return utf8;
+}
+
+std::string AddressText(const ASN1_OCTET_STRING* address) {
+    std::array<char, INET6_ADDRSTRLEN> text{};
+    const int family = ASN1_STRING_length(address) == 4 ? AF_INET : AF_INET6;
+    if (family == AF_INET6 && ASN1_STRING_length(address) != 16) return "";
+    inet_ntop(family, ASN1_STRING_get0_data(address), text.data(), text.size());
+    return text.data();
+}
+
+/// As HttpCertificate::names.
+std::vector<std::string> NamesOf(const X509* certificate) {
+    std::vector<std::string> names;
+    bool hasHost = false;
+    const std::unique_ptr<GENERAL_NAMES, ReleasedBy<GENERAL_NAMES_free>> found(
+        static_cast<GENERAL_NAMES*>(X509_get_ext_d2i(certificate, NID_subject_alt_name, nullptr, nullptr)));
+    for (int i = 0; found && i < sk_GENERAL_NAME_num(found.get()); ++i) {
+        const GENERAL_NAME* name = sk_GENERAL_NAME_value(found.get(), i);
+        hasHost = hasHost || name->type == GEN_DNS;
+        if (name->type == GEN_DNS) names.push_back(TextOf(name->d.dNSName));
+        if (name->type == GEN_IPADD) names.push_back(AddressText(name->d.iPAddress));
+    }
+    const X509_NAME* subject = X509_get_subject_name(certificate);
+    const int at = hasHost ? -1 : X509_NAME_get_index_by_NID(subject, NID_commonName, -1);
+    if (at >= 0) names.push_back(TextOf(X509_NAME_ENTRY_get_data(X509_NAME_get_entry(subject, at))));
+    return names;
+}
+
 OwnedCertificate FromDer(std::string_view der) {
     const auto* bytes = reinterpret_cast<const unsigned char*>(der.data());
     return OwnedCertificate(d2i_X509(nullptr, &bytes, static_cast<long>(der.size())));
@@ -119,6 +156,8 @@ std::string IssueProblem(X509_STORE_CTX* handshake, const std::string& host, STA
     if (X509_verify_cert(check.get()) == 1) return "";
     ERR_clear_error();  // libcurl's calls find none but their own
     const int problem = X509_STORE_CTX_get_error(check.get());
+    if (problem == X509_V_ERR_HOSTNAME_MISMATCH || problem == X509_V_ERR_IP_ADDRESS_MISMATCH)
+        return NameProblem(NamesOf(X509_STORE_CTX_get0_cert(handshake)), host);
     return problem == X509_V_OK ? "it cannot be verified" : X509_verify_cert_error_string(problem);
 }
 
@@ -135,7 +174,8 @@ Error ReadCertificate(std::string_view der, HttpCertificate& certificate) {
                    .validFrom = Seconds(X509_get0_notBefore(read.get())),
                    .validUntil = Seconds(X509_get0_notAfter(read.get())),
                    .fingerprint = FingerprintText(Sha256(der)),
-                   .keyPin = KeyPin(read.get())};
+                   .keyPin = KeyPin(read.get()),
+                   .names = NamesOf(read.get())};
     return error::success;
 }
 

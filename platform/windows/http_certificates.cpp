@@ -109,8 +109,9 @@ Bytes AddressBytes(std::wstring host) {
     return ::InetPtonW(AF_INET, host.c_str(), bytes.data()) == 1 ? bytes : Bytes();
 }
 
-/// Whether a certificate is for an IP address. The system's own check does not look for addresses everywhere.
-bool IsForAddress(PCCERT_CONTEXT certificate, const Bytes& address) {
+/// Calls with each alternative name of a certificate.
+template <class Visit>
+void ForEachName(PCCERT_CONTEXT certificate, const Visit& visit) {
     const CERT_INFO& info = *certificate->pCertInfo;
     const CERT_EXTENSION* names = ::CertFindExtension(szOID_SUBJECT_ALT_NAME2, info.cExtension, info.rgExtension);
     CERT_ALT_NAME_INFO* decoded = nullptr;
@@ -118,16 +119,47 @@ bool IsForAddress(PCCERT_CONTEXT certificate, const Bytes& address) {
     if (names == nullptr ||
         !::CryptDecodeObjectEx(X509_ASN_ENCODING, X509_ALTERNATE_NAME, names->Value.pbData, names->Value.cbData,
                                CRYPT_DECODE_ALLOC_FLAG, nullptr, &decoded, &size)) {
-        return false;
+        return;
     }
-    const bool found =
-        std::any_of(decoded->rgAltEntry, decoded->rgAltEntry + decoded->cAltEntry, [&](const CERT_ALT_NAME_ENTRY& e) {
-            return e.dwAltNameChoice == CERT_ALT_NAME_IP_ADDRESS &&
-                   std::equal(address.begin(), address.end(), e.IPAddress.pbData,
-                              e.IPAddress.pbData + e.IPAddress.cbData);
-        });
+    std::for_each(decoded->rgAltEntry, decoded->rgAltEntry + decoded->cAltEntry, visit);
     ::LocalFree(decoded);
+}
+
+/// Whether a certificate is for an IP address. The system's own check does not look for addresses everywhere.
+bool IsForAddress(PCCERT_CONTEXT certificate, const Bytes& address) {
+    bool found = false;
+    ForEachName(certificate, [&](const CERT_ALT_NAME_ENTRY& e) {
+        found = found || (e.dwAltNameChoice == CERT_ALT_NAME_IP_ADDRESS &&
+                          std::equal(address.begin(), address.end(), e.IPAddress.pbData,
+                                     e.IPAddress.pbData + e.IPAddress.cbData));
+    });
     return found;
+}
+
+std::string AddressText(const CRYPT_DATA_BLOB& address) {
+    std::array<wchar_t, INET6_ADDRSTRLEN> text{};
+    const int family = address.cbData == sizeof(IN_ADDR) ? AF_INET : AF_INET6;
+    if (family == AF_INET6 && address.cbData != sizeof(IN6_ADDR)) return "";
+    ::InetNtopW(family, address.pbData, text.data(), text.size());
+    return Utf8FromWide(Utf16FromWide(text.data()));
+}
+
+/// As HttpCertificate::names.
+std::vector<std::string> NamesOf(PCCERT_CONTEXT certificate) {
+    std::vector<std::string> names;
+    bool hasHost = false;
+    ForEachName(certificate, [&](const CERT_ALT_NAME_ENTRY& e) {
+        hasHost = hasHost || e.dwAltNameChoice == CERT_ALT_NAME_DNS_NAME;
+        if (e.dwAltNameChoice == CERT_ALT_NAME_DNS_NAME) names.push_back(Utf8FromWide(Utf16FromWide(e.pwszDNSName)));
+        if (e.dwAltNameChoice == CERT_ALT_NAME_IP_ADDRESS) names.push_back(AddressText(e.IPAddress));
+    });
+    if (hasHost) return names;
+    char commonName[] = szOID_COMMON_NAME;
+    std::array<wchar_t, 256> text{};
+    const DWORD size = ::CertGetNameStringW(certificate, CERT_NAME_ATTR_TYPE, 0, commonName, text.data(),
+                                            static_cast<DWORD>(text.size()));
+    if (size > 1) names.push_back(Utf8FromWide(Utf16FromWide(text.data())));
+    return names;
 }
 
 std::string HexText(DWORD number) {
@@ -148,7 +180,6 @@ std::string VerdictText(DWORD verdict) {
         {CERT_E_VALIDITYPERIODNESTING, "certificate has expired or is not yet valid"},
         {CERT_E_UNTRUSTEDROOT, "it does not come from a trusted authority"},
         {CERT_E_CHAINING, "it does not come from a trusted authority"},
-        {CERT_E_CN_NO_MATCH, "it is for another host name"},
         {CERT_E_WRONG_USAGE, "it is not for a server"},
         {TRUST_E_CERT_SIGNATURE, "its signature is wrong"},
         {TRUST_E_BASIC_CONSTRAINTS, "one of its issuers is not an authority"},
@@ -204,8 +235,10 @@ std::string IssueProblem(PCCERT_CONTEXT certificate, const std::wstring& host, H
     status.cbSize = sizeof status;
     if (!::CertVerifyCertificateChainPolicy(CERT_CHAIN_POLICY_SSL, chain.get(), &policy, &status))
         return VerdictText(LastError());
-    if (status.dwError != 0) return VerdictText(status.dwError);
-    return address.empty() || IsForAddress(certificate, address) ? "" : "it is for another IP address";
+    const bool isForOther = status.dwError == static_cast<DWORD>(CERT_E_CN_NO_MATCH) ||
+                            (status.dwError == 0 && !address.empty() && !IsForAddress(certificate, address));
+    if (isForOther) return NameProblem(NamesOf(certificate), Utf8FromWide(Utf16FromWide(host.c_str())));
+    return status.dwError == 0 ? "" : VerdictText(status.dwError);
 }
 
 /// The same with the authorities of a PEM text alone.
@@ -232,7 +265,8 @@ Error ReadCertificate(std::string_view der, HttpCertificate& certificate) {
                    .validUntil = Seconds(info.NotAfter),
                    .fingerprint = FingerprintText(
                        Sha256(reinterpret_cast<const BYTE*>(der.data()), static_cast<DWORD>(der.size()))),
-                   .keyPin = KeyPin(read.get())};
+                   .keyPin = KeyPin(read.get()),
+                   .names = NamesOf(read.get())};
     return error::success;
 }
 

@@ -57,14 +57,16 @@ std::vector<std::u16string> AddressesToTry(const Given& given, bool hasPort) {
 /// The first certificate that an address shows. Each one that shows nothing leaves a line.
 ServerCertificate Fetch(const std::vector<std::u16string>& addresses) {
     const LogLines silence([](std::string_view) {});
+    platform::Error failure = platform::error::success;
     for (const std::u16string& address : addresses) {
         ServerCertificate shown;
         std::string reason;
-        const platform::Error failure = FetchServerCertificate(address, agentState.gv_ServerPort, shown, reason);
+        failure = FetchServerCertificate(address, agentState.gv_ServerPort, shown, reason);
         if (failure == platform::error::success) return shown;
         fmt::print(stderr, "kvagentctl: {} port {}: {} (error {})\n", commandline::InLine(Utf8FromWide(address)),
                    agentState.gv_ServerPort, commandline::InLine(reason), failure);
     }
+    if (failure == 407) throw std::runtime_error("no certificate can be seen before the proxy lets a request through");
     throw std::runtime_error("no address shows a certificate: is the port a TLS port, and does the server run?");
 }
 
@@ -105,6 +107,7 @@ void Show(const ServerCertificate& shown, Form form, const std::string& outcome)
     add("server", "server", shown.server);
     add("subject", "subject", certificate.subject);
     add("issuer", "issuer", certificate.issuer);
+    add("names", "names", fmt::format("{}", fmt::join(certificate.names, ", ")));
     add("valid from", "validFrom", UtcText(certificate.validFrom));
     add("valid until", "validUntil", UtcText(certificate.validUntil));
     add("SHA-256", "sha256", certificate.fingerprint);

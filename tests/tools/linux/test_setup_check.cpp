@@ -2,6 +2,7 @@
 #include <sys/stat.h>
 
 #include "foundation/file_utils.h"
+#include "tests/http/http_peers.h"
 #include "tests/http/linux/tls_peers.h"
 #include "tests/tools/tool_fixture.h"
 
@@ -153,6 +154,38 @@ TEST_F(SetupAndCheck, CheckTriesEachAddressOfTheServer) {
     EXPECT_THAT(Run({"setup", "--protocol", "http"}).errors, HasSubstr("KVServerPinnedKey asks for a certificate"));
     Registry({"set", serverKey, "KVServerPinnedKey", "abc", "--force"});
     EXPECT_THAT(Run({"check"}).output, HasSubstr("KVServerPinnedKey: takes sha256// and the 44 characters"));
+}
+
+TEST_F(SetupAndCheck, CheckJudgesHowAServerAnswers) {
+    InstallAgent();
+    const Identity identity = Issue(NewKey(), {"cs", "DNS:cs.example.com,IP:192.0.2.1"});
+    const std::tuple<const char*, std::string, int, const char*> rows[] = {
+        {"status", "500 No", 1, "HTTP status 500, which is its failure; the agent tries no other address then; look"},
+        {"out of TLS", "302 F\r\nlocation: http://o/", 1, "(HTTP status 302) to http://o/, which the agent does not"},
+        {"elsewhere", "302 F\r\nLocation: https://o/", 0, "to https://o/: the agent follows it when it asks, but not"},
+        {"forbidden", "403 No", 0, "GET / with HTTP status 403; is it the server of the agents?"},
+    };
+    for (const auto& [title, status, exitCode, told] : rows) {
+        SCOPED_TRACE(title);
+        const TlsServer server(identity, "HTTP/1.1 " + status + "\r\nContent-Length: 0\r\n\r\n");
+        const std::string port = std::to_string(server.port);
+        Run({"setup", "--server", "https://127.0.0.1:" + port, "--ip", "127.0.0.9"});
+        const Outcome outcome = Run({"check", "--online"});
+        EXPECT_EQ(outcome.exitCode, exitCode);
+        EXPECT_THAT(outcome.output, HasSubstr(told));
+    }
+    const TlsServer server(identity);
+    Run({"setup", "--server", "https://127.0.0.1:" + std::to_string(server.port), "--ip", "127.0.0.9"});
+    Write(folder / "ca.pem", PemText(identity));
+    Registry({"set", serverKey, "KVServerCAFile", (folder / "ca.pem").string()});
+    EXPECT_THAT(Run({"check", "--online"}).output,
+                HasSubstr("it is for cs.example.com, 192.0.2.1, not for 127.0.0.1. Expected"));
+    Registry({"set", agentKey, "ProxyEnabled", "yes"});
+    const RawServer proxy([](Socket connection, const std::string&) {
+        SendText(connection, "HTTP/1.1 407 No\r\nContent-Length: 0\r\n\r\n");
+    });
+    Registry({"set", agentKey, "ProxyServerName", "127.0.0.1:" + std::to_string(proxy.port)});
+    EXPECT_THAT(Run({"check", "--online"}).output, HasSubstr("the proxy refused the user or the password (HTTP st"));
 }
 
 TEST_F(SetupAndCheck, CheckFindsWhatIsWrongWithAPlan) {

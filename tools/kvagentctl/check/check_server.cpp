@@ -6,6 +6,7 @@
 #include "foundation/agent_state.h"
 #include "foundation/time_utils.h"
 #include "http/http_answers.h"
+#include "http/http_transaction.h"
 #include "http/server_certificate.h"
 #include "http/server_probe.h"
 #include "platform/messages.h"
@@ -25,12 +26,13 @@ using platform::Utf8FromWide;
 constexpr std::int64_t soon =
     std::int64_t{30} * 24 * 3600;  // seconds before a certificate's end that deserve a warning
 
-/// What an address came to.
+/// What an address came to. Texts are UTF-8.
 struct Tried {
-    bool answers = false;
-    std::string problem;  // UTF-8; why it does not
-    std::string next;     // what to look at then
-    std::string told;     // what there is to know of one that does
+    platform::Error result = platform::error::winHttpNameNotResolved;  // as AgentSendRequest would have it
+    std::string told;                                                  // what there is to know of it
+    std::string doubt;    // what is odd about an answer that is not refused
+    std::string problem;  // why the agent cannot use it
+    std::string next;     // what to look at because of doubt or problem
 };
 
 std::string NextStep(platform::Error failure) {
@@ -41,9 +43,10 @@ std::string NextStep(platform::Error failure) {
         case platform::error::winHttpSecureChannelError:
             return "is the port a TLS port, as KVServerProtocol says?";
         case platform::error::winHttpSecureFailure:
-            return "kvagentctl pin shows the certificate";
+            return agentState.gv_httpsEnabled != 0 ? "kvagentctl pin shows the certificate"
+                                                   : "kvagentctl setup --protocol https --port PORT";
         case 407:
-            return "ProxyUserName and ProxyPassword";
+            return "a password that the service manager keeps as a credential is not tried here";
         default:
             return "";
     }
@@ -76,7 +79,8 @@ bool LookAtCertificate(Findings& findings, const std::string& where, const Serve
     if (agentState.gv_httpsEnabled == 0) return true;
     ServerCertificate shown;
     std::string reason;
-    if (const platform::Error failure = FetchServerCertificate(address.text, agentState.gv_ServerPort, shown, reason)) {
+    tried.result = FetchServerCertificate(address.text, agentState.gv_ServerPort, shown, reason);
+    if (const platform::Error failure = tried.result) {
         tried.problem = fmt::format("{} (error {})", reason, failure);
         tried.next = NextStep(failure);
         return false;
@@ -106,20 +110,107 @@ std::string FailureText(const std::vector<std::string>& lines, platform::Error f
     return TransactionFailure(failure);
 }
 
+void JudgeRedirect(const ServerAnswer& answer, Tried& tried) {
+    const bool isSecure = agentState.gv_httpsEnabled != 0;
+    const std::u16string target = platform::WideFromUtf8(answer.location);
+    const std::string text =
+        fmt::format("it answers GET / with a redirect (HTTP status {}) to {}", answer.status, answer.location);
+    tried.next = "set the server that answers itself: kvagentctl setup --server SERVER";
+    if (isSecure && CompareIgnoreCase(target.substr(0, 5), u"http:") == 0) {
+        tried.problem = text + ", which the agent does not follow, because it leads out of TLS";
+        tried.result = platform::error::invalidData;
+    } else {
+        tried.doubt = text + (answer.status < 307 ? ": the agent follows it when it asks, but not when it sends data"
+                                                  : ": the agent follows it, in every request again");
+    }
+}
+
+/// What a status for "/" says of the requests to come. A server need not have a page there.
+void JudgeStatus(const ServerAnswer& answer, Tried& tried) {
+    constexpr std::uint32_t notFound = 404, notAllowed = 405;
+    const std::uint32_t status = answer.status;
+    const std::string text = fmt::format("it answers GET / with HTTP status {}", status);
+    if (status == 407) {
+        tried.result = status;
+        tried.problem = text + ": the proxy refused the user or the password; see ProxyUserName and ProxyPassword";
+        tried.next = NextStep(status);
+    } else if (status >= 500) {
+        tried.result = platform::error::invalidData;
+        tried.problem = text + ", which is its failure";
+        tried.next = "look into the log of the server, or of what stands before it";
+    } else if (status / 100 == 3 && !answer.location.empty()) {
+        JudgeRedirect(answer, tried);
+    } else if (status / 100 == 2 || status == notFound || status == notAllowed) {
+        tried.told += text;
+    } else {
+        tried.doubt = text;
+        tried.next = "is it the server of the agents? They send it neither user nor password";
+    }
+}
+
 Tried Try(Findings& findings, const std::string& where, const ServerAddress& address) {
     Tried tried;
     std::vector<std::string> lines;
     const LogLines log([&](std::string_view line) { lines.emplace_back(line); });
     if (!LookUp(Utf8FromWide(address.text), tried) || !LookAtCertificate(findings, where, address, tried)) return tried;
-    std::uint32_t status = 0;
-    const platform::Error failure = ProbeServer(address.text, agentState.gv_ServerPort, status);
-    tried.answers = failure == platform::error::success;
-    if (tried.answers)
-        tried.told += fmt::format("it answers GET / with HTTP status {}", status);
-    else
-        tried.problem = FailureText(lines, failure);
-    if (!tried.answers) tried.next = NextStep(failure);
+    ServerAnswer answer;
+    tried.result = ProbeServer(address.text, agentState.gv_ServerPort, answer);
+    if (tried.result == platform::error::success) {
+        JudgeStatus(answer, tried);
+    } else {
+        tried.problem = FailureText(lines, tried.result);
+        tried.next = NextStep(tried.result);
+        if (tried.result == platform::error::winHttpSecureFailure) tried.told.clear();  // the problem tells it, too
+    }
     return tried;
+}
+
+/// Where the agent's way through the addresses ends, in their order.
+struct Way {
+    std::size_t end = 0;    // the index of the address that it stays at; their number when all fail
+    bool isServed = false;  // that address answers
+};
+
+Way WayThrough(const std::vector<ServerAddress>& addresses, const std::vector<Tried>& tried) {
+    Way way;
+    for (; way.end < addresses.size(); ++way.end) {
+        const platform::Error result = tried[way.end].result;
+        const bool isFirstIp = addresses[way.end].settings.starts_with("KVServerIPAddress");
+        way.isServed = result == platform::error::success;
+        if (!LeadsToNextAddress(result, isFirstIp)) break;
+    }
+    return way;
+}
+
+std::string PlaceOf(const ServerAddress& address) {
+    return fmt::format("server {}:{} ({})", Utf8FromWide(address.text), agentState.gv_ServerPort, address.settings);
+}
+
+/// A server that the agent cannot use. It matters less while the agent gets to another, unless it is another server
+/// than it should be.
+Finding FailureAt(std::size_t index, const Way& way, const std::vector<ServerAddress>& addresses, const Tried& tried) {
+    const bool isHarmless = way.isServed && tried.result != platform::error::winHttpSecureFailure;
+    const bool isLast = index + 1 == addresses.size();
+    std::string problem = tried.told + tried.problem;
+    if (!isLast && index < way.end) problem += "; the agent goes on to the next address";
+    if (!isLast && index == way.end) problem += "; the agent tries no other address then";
+    return {isHarmless ? Severity::warning : Severity::error, PlaceOf(addresses[index]), problem, tried.next};
+}
+
+void Report(Findings& findings, const std::vector<ServerAddress>& addresses, const std::vector<Tried>& tried) {
+    const Way way = WayThrough(addresses, tried);
+    for (std::size_t i = 0; i < addresses.size(); ++i) {
+        const std::string where = PlaceOf(addresses[i]);
+        const bool isUnreached = !way.isServed && i > way.end;
+        if (!tried[i].problem.empty())
+            findings.list.push_back(FailureAt(i, way, addresses, tried[i]));
+        else if (!tried[i].doubt.empty())
+            findings.Warn(where, tried[i].told + tried[i].doubt, tried[i].next);
+        else
+            findings.Note(where, tried[i].told);
+        if (tried[i].problem.empty() && isUnreached)
+            findings.Warn(where, "the agent does not come here: it gives up at " + PlaceOf(addresses[way.end]));
+    }
 }
 
 }  // namespace
@@ -131,21 +222,9 @@ void CheckServer(Findings& findings) {
         findings.Error("server", "nothing to try: no address or no port is set", "kvagentctl setup --server SERVER");
         return;
     }
-    std::vector<Finding> failures;
-    for (const ServerAddress& address : addresses) {
-        const std::string where =
-            fmt::format("server {}:{} ({})", Utf8FromWide(address.text), agentState.gv_ServerPort, address.settings);
-        const Tried tried = Try(findings, where, address);
-        if (tried.answers)
-            findings.Note(where, tried.told);
-        else
-            failures.push_back({Severity::error, where, tried.problem, tried.next});
-    }
-    // One that does not answer matters less while another does.
-    for (Finding& failure : failures) {
-        if (failures.size() < addresses.size()) failure.severity = Severity::warning;
-        findings.list.push_back(std::move(failure));
-    }
+    std::vector<Tried> tried;
+    for (const ServerAddress& address : addresses) tried.push_back(Try(findings, PlaceOf(address), address));
+    Report(findings, addresses, tried);
 }
 
 }  // namespace kv::control
