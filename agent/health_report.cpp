@@ -1,8 +1,12 @@
 #include "agent/health_report.h"
 
+#include <atomic>
+#include <exception>
 #include <fmt/format.h>
+#include <functional>
 #include <mutex>
 #include <optional>
+#include <thread>
 #include <utility>
 
 #include "agent/directory_lock.h"
@@ -39,6 +43,9 @@ constexpr std::int64_t rewriteSeconds = 600;
 constexpr int stopLooks = 20;
 constexpr std::uint32_t stopPause = 50;  // milliseconds between two of them
 
+/// How long a report waits for the metrics, whose folder may be on a mount that does not answer, in milliseconds.
+constexpr std::uint32_t metricsPatience = 10000;
+
 /// Events come together, as when several zips are accepted: one report is enough for them.
 constexpr std::uint32_t gatherMilliseconds = 2000;
 
@@ -72,7 +79,13 @@ struct Report {
     // Apart, because the folder of the metrics is anywhere, and may keep a write waiting.
     std::mutex metricsLock;
     RewrittenFile metrics;  // without a path: not wanted
+    std::atomic<bool> isWritingMetrics = false;
+
+    // Of the reporting thread alone.
+    bool wantsMetrics = false;
     std::int64_t metricsTime = 0;
+    platform::EventHandle metricsEnd = 0;  // set when a write has ended; made once
+    bool isWaitingForMetrics = false;      // longer than it should
 };
 
 Report& CurrentReport() {
@@ -106,7 +119,9 @@ void BeginReport(Report& report) {
     report.storedLogLevel = logState.gv_logLevel;
     report.metrics = {};
     report.metricsTime = 0;
+    if (report.metricsEnd == 0 && platform::Threads().CreateEventW(report.metricsEnd)) report.metricsEnd = 0;
     report.metrics.path = MetricsPath();
+    report.wantsMetrics = !report.metrics.path.empty() && report.metricsEnd != 0;
 }
 
 /// Whether the files may be those of another process: "/t" beside the service, where the directory cannot be locked.
@@ -147,7 +162,6 @@ void WriteMetrics(Report& report, const HealthSnapshot& health) {
     const std::u16string binPath = BinPath();
     const std::string text = MetricsText(health, MeasureWaitingRecords(binPath), MeasureWaitingZips(binPath));
     report.metrics.TakeResult(WriteMetricsFile(report.metrics.path, text));
-    report.metricsTime = health.writeTime;
 }
 
 /// Why the server's port cannot be used, behind its name.
@@ -198,9 +212,41 @@ bool ReportStatus(Report& report, const HealthSnapshot& health) {
     return hasWritten;
 }
 
+/// The body of a thread for one write, so that a folder that does not answer keeps nothing else waiting.
+void WriteMetricsApart(Report& report, const HealthSnapshot& health) {
+    RunGuarded("ReportMetrics", [&] {
+        const std::lock_guard hold(report.metricsLock);
+        if (!agentHealth.isReportOver) WriteMetrics(report, health);
+    });
+    report.isWritingMetrics = false;
+    platform::Threads().SetEvent(report.metricsEnd);
+}
+
+/// Begins a write and waits a while for its end; false when it goes on.
+bool WriteMetricsInTime(Report& report, const HealthSnapshot& health) {
+    platform::Threads().ResetEvent(report.metricsEnd);
+    report.isWritingMetrics = true;
+    try {
+        std::thread(WriteMetricsApart, std::ref(report), health).detach();
+    } catch (const std::exception&) {  // no thread, or no memory
+        report.isWritingMetrics = false;
+        throw;
+    }
+    return platform::Threads().WaitForEvent(report.metricsEnd, metricsPatience) == error::success;
+}
+
 void ReportMetrics(Report& report, const HealthSnapshot& health) {
-    const std::lock_guard hold(report.metricsLock);
-    if (!agentHealth.isReportOver && IsDue(report.metricsTime, health.writeTime)) WriteMetrics(report, health);
+    if (!report.wantsMetrics || agentHealth.isReportOver || !IsDue(report.metricsTime, health.writeTime)) return;
+    report.metricsTime = health.writeTime;
+    const bool isInTime = !report.isWritingMetrics && WriteMetricsInTime(report, health);
+    if (std::exchange(report.isWaitingForMetrics, !isInTime) == !isInTime) return;
+    if (isInTime)
+        Log1("\t ReportHealth :: the folder of MetricsFile answers again\n");
+    else
+        Log1(
+            "\t ReportHealth :: MetricsFile is not written: its folder has not answered for %u seconds. The metrics "
+            "wait for it; all else goes on\n",
+            metricsPatience / 1000);
 }
 
 void ReportOnce() {

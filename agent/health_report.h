@@ -12,7 +12,8 @@ namespace kv {
 /// Thread body: reports at once, soon after each event of weight (foundation/agent_health.h), and else once a minute if
 /// anything has changed; status.json also every ten minutes. Wakes once a minute when nothing happens. A file that
 /// cannot be written is tried again each time; a log line says when that begins and when it ends. "/t" beside the
-/// service writes neither file. Never returns.
+/// service writes neither file. The metrics are written on a thread of their own, and a folder that does not answer
+/// keeps nothing but them waiting. Never returns.
 std::uint32_t ReportHealth(void* ignored);
 
 /// The last report of a run: status.json tells that the agent is stopped. Nothing is reported after it. It waits for a

@@ -96,6 +96,13 @@ void TestMonitor(Exchange& exchange, std::u16string_view name) {
 bool IsAllowed(const Exchange& exchange, const std::u16string& service) {
     const ServerLimit limit = LimitOfServices();
     if (!limit.isSet()) return true;
+    if (const std::optional<std::u16string> refusal = limit.RefusalOfAll()) {
+        ++agentHealth.requestsRefused;
+        const LineBound::OfRefusal bound;
+        Log1("\t ExecWMIQuery :: A %s request for the service %s is refused: %s. Request id : %s\n", exchange.type,
+             service, *refusal, exchange.id);
+        return false;
+    }
     platform::OwnedServiceHandle manager;
     std::vector<std::u16string> names;
     platform::Error failure = platform::ServiceManager().OpenSCManagerW(platform::manager_right::all, manager.Place());

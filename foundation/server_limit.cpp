@@ -17,6 +17,18 @@ namespace error = platform::error;
 /// What no wildcard stands for. The name of a service never has one.
 constexpr char16_t separator = u'/';
 
+/// A path without its parts "." and without doubled separators, which do not lead into a folder. ".." stays.
+std::u16string WithoutDots(std::u16string_view path) {
+    std::u16string plain(path.starts_with(separator) ? 1 : 0, separator);
+    while (!path.empty()) {
+        const std::u16string_view part = path.substr(0, path.find(separator));
+        const bool hasMore = part.size() < path.size();
+        if (part != u"." && !part.empty()) plain.append(part).append(hasMore ? 1 : 0, separator);
+        path.remove_prefix(part.size() + (hasMore ? 1 : 0));
+    }
+    return plain;
+}
+
 /// A text in the form in which patterns and names are compared.
 std::u16string Comparable(std::u16string_view text, ServerLimit::Kind kind) {
     std::u16string form(text);
@@ -24,6 +36,7 @@ std::u16string Comparable(std::u16string_view text, ServerLimit::Kind kind) {
         std::transform(form.begin(), form.end(), form.begin(), platform::UpperCaseOf);
     } else {
         std::replace(form.begin(), form.end(), u'\\', separator);
+        form = WithoutDots(form);
     }
     return form;
 }
@@ -75,10 +88,9 @@ ServerLimit::ServerLimit(std::u16string_view setting, Kind kind, std::atomic<boo
     } else if (failure != error::success) {
         fault_ = u" cannot be read (error " + DecimalText(failure) + u"), so nothing is allowed";
     }
-    const std::u16string list = Comparable(text.value_or(u""), kind);
-    for (std::u16string_view rest = list; !rest.empty();) {
+    for (std::u16string_view rest = text ? *text : std::u16string_view(); !rest.empty();) {
         const std::u16string_view part = rest.substr(0, rest.find(u','));
-        if (const std::u16string_view pattern = WithoutBlanks(part); !pattern.empty()) patterns_.emplace_back(pattern);
+        if (const auto pattern = WithoutBlanks(part); !pattern.empty()) patterns_.push_back(Comparable(pattern, kind));
         rest.remove_prefix(std::min(part.size() + 1, rest.size()));
     }
     if (fault_.empty() && patterns_.empty()) fault_ = u" is empty, so nothing is allowed";
@@ -97,9 +109,13 @@ std::u16string UnfitRequestPattern(std::u16string_view list) {
     return {};
 }
 
+std::optional<std::u16string> ServerLimit::RefusalOfAll() const {
+    return fault_.empty() ? std::nullopt : std::optional(setting_ + fault_);
+}
+
 std::optional<std::u16string> ServerLimit::Refusal(std::span<const std::u16string> names) const {
     if (!isSet_) return std::nullopt;
-    if (!fault_.empty()) return setting_ + fault_;
+    if (const std::optional<std::u16string> ofAll = RefusalOfAll()) return ofAll;
     for (const std::u16string& name : names) {
         const std::u16string form = Comparable(name, kind_);
         const auto matches = [&form](const std::u16string& pattern) { return Matches(pattern, form); };

@@ -19,7 +19,9 @@ class ServerLimit {
   public:
     enum class Kind {
         names,  // in any letter case
-        paths,  // as they are written; "/" and "\" are the same, and no wildcard stands for them
+        // As they are written, but for "./" and "//", which lead nowhere. "/" and "\" are the same, and no wildcard
+        // stands for them.
+        paths,
     };
 
     /// wasAbsent is kept from one reading of the setting to the next.
@@ -27,6 +29,10 @@ class ServerLimit {
 
     /// Whether there is a limit at all.
     bool isSet() const { return isSet_; }
+
+    /// Why nothing is allowed, whatever its name, as "AllowedServices is empty, so nothing is allowed". Absent when the
+    /// names decide.
+    std::optional<std::u16string> RefusalOfAll() const;
 
     /// Absent when one of the names of what is asked for matches one of the patterns, or there is no limit. Otherwise
     /// why not, with the setting's name, as "AllowedScripts does not have it".

@@ -1,6 +1,7 @@
 // What the agent tells of itself, in virtual time: status.json, the line for the service manager, the metrics file, and
 // the log level that it follows.
 #include <functional>
+#include <future>
 #include <gmock/gmock.h>
 #include <new>
 #include <regex>
@@ -46,6 +47,7 @@ class HealthReport : public test::TestAgent {
     void Run(std::vector<std::function<void()>> steps) {
         const test::Replaced waits(&platform::ThreadOperations::WaitForEvent,
                                    [&, next = std::size_t{0}](auto event, std::uint32_t milliseconds) mutable {
+                                       if (event != agentHealth.wake) return WaitForMetrics(event);
                                        if (next == steps.size()) throw test::TimeIsUp();
                                        steps[next++]();
                                        if (real_.WaitForEvent(event, 0) == platform::error::success)
@@ -55,6 +57,11 @@ class HealthReport : public test::TestAgent {
                                    });
         EXPECT_THROW(ReportHealth(nullptr), test::TimeIsUp);
         platform::Threads().CloseEvent(agentHealth.wake.exchange(0));  // in the agent the thread never ends
+    }
+
+    Error WaitForMetrics(platform::EventHandle written) {
+        metricsEnd = written;
+        return hasSlowMetrics ? Error{platform::error::waitTimeout} : real_.WaitForEvent(written, platform::infinite);
     }
 
     std::optional<HealthSnapshot> Status() const {
@@ -74,6 +81,8 @@ class HealthReport : public test::TestAgent {
     test::VirtualClock clock;
     const fs::path status = folder / "monitoring" / "logs" / "status.json";
     std::vector<std::string> lines;  // that the service manager was told
+    bool hasSlowMetrics = false;
+    platform::EventHandle metricsEnd = 0;
 
   private:
     const platform::ThreadOperations real_ = platform::Threads();
@@ -279,6 +288,28 @@ TEST_F(HealthReport, AStopDoesNotWaitForASlowFolderOfMetrics) {
     EXPECT_EQ(Status()->processId, 0) << "nothing is reported after a stop";
     ReportStopInMetrics();
     EXPECT_THAT(Read(folder / "kvagent.prom"), HasSubstr("\nkvagent_up 0\n"));
+}
+
+TEST_F(HealthReport, GoesOnWhileTheFolderOfMetricsDoesNotAnswer) {
+    SetMetricsFile(folder / "kvagent.prom");
+    std::promise<void> answer;
+    const auto move = platform::Files().MoveFileExW;
+    const test::Replaced silent(&platform::FileOperations::MoveFileExW,
+                                [&, answered = answer.get_future().share()](auto from, auto to, auto existing) {
+                                    if (to.ends_with(u"kvagent.prom")) answered.wait();
+                                    return move(from, to, existing);
+                                });
+    hasSlowMetrics = true;
+    Run({[] { ++agentHealth.zipsMade; }, [&] { fs::remove(status); }, [] { ++agentHealth.zipsMade; },
+         [&] {
+             EXPECT_TRUE(Status());
+             EXPECT_EQ(TimesLogged("MetricsFile is not written: its folder has not answered for 10 seconds"), 1);
+             answer.set_value();
+             hasSlowMetrics = false;
+             WaitForMetrics(metricsEnd);
+         }});
+    EXPECT_THAT(Read(folder / "kvagent.prom"), HasSubstr("\nkvagent_zips_made_total 2\n"));
+    EXPECT_EQ(TimesLogged("the folder of MetricsFile answers again\n"), 1);
 }
 
 TEST_F(HealthReport, IsOfTheRunningServiceAlone) {

@@ -162,7 +162,10 @@ TEST_F(Collection, RunsOnlyScriptsThatTheAdministratorAllows) {
     const std::tuple<const char16_t*, const char16_t*, bool> rows[] = {
         {u"disks.bat", u"disks.bat", true},
         {u"disks.bat", u"DISKS.bat", false},
-        {u"disks.bat", u".\\disks.bat", false},
+        {u"disks.bat", u".\\disks.bat", true},
+        {u"./disks.bat", u"disks.bat", true},
+        {u"*/*", u".//disks.bat", false},
+        {u"*/*", u"./sub//.\\deep.bat", true},
         {u"x, dis?s.*", u"disks.bat", true},
         {u"*.bat", u"sub\\deep.bat", false},
         {u"*", u"sub/deep.bat", false},
