@@ -350,9 +350,12 @@ PlanJudgement JudgeQueryConfig(std::u16string_view agent, std::u16string_view fi
     const JsonReadResult read = JSONFileToHash(document.get(), fileName);
     if (!read.message.empty()) Log1("\t JudgeQueryConfig :: %s \n", read.message);
     if (read.fileError != error::success) return PlanJudgement::unread;
-    const Vector* workflows = read.ok ? FindWorkflows("JudgeQueryConfig", document.get(), agent, fileName) : nullptr;
-    return workflows && HasRunnableWorkflow(workflows, agent, fileName) ? PlanJudgement::usable
-                                                                        : PlanJudgement::refused;
+    return read.ok && IsUsablePlan(document.get(), agent, fileName) ? PlanJudgement::usable : PlanJudgement::refused;
+}
+
+bool IsUsablePlan(const HashTable* document, std::u16string_view agent, std::u16string_view fileName) {
+    const Vector* workflows = FindWorkflows("JudgeQueryConfig", document, agent, fileName);
+    return workflows && HasRunnableWorkflow(workflows, agent, fileName);
 }
 
 }  // namespace kv

@@ -6,6 +6,7 @@
 #include <optional>
 #include <string_view>
 
+#include "foundation/hash_table.h"
 #include "foundation/vector.h"
 
 namespace kv {
@@ -45,5 +46,8 @@ enum class PlanJudgement {
 
 /// Whether LoadQueryConfig would take a plan for this agent from this file. The reason why not is logged at level 1.
 [[nodiscard]] PlanJudgement JudgeQueryConfig(std::u16string_view agent, std::u16string_view fileName);
+
+/// The same of a plan that has been read from there. False for one that is refused.
+[[nodiscard]] bool IsUsablePlan(const HashTable* document, std::u16string_view agent, std::u16string_view fileName);
 
 }  // namespace kv

@@ -1,6 +1,7 @@
 #include "wql/class_tree.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <utility>
 
 #include "platform/name_pattern.h"
@@ -67,10 +68,35 @@ std::vector<const PropertyInfo*> KeyProperties(const ClassInfo& classInfo) {
     return keys;
 }
 
+namespace {
+
+/// In place of an index among AllClasses.
+constexpr std::size_t noClass = SIZE_MAX;
+
+/// For each of AllClasses the index of its superclass, which a search by names would take long to find for every query.
+const std::vector<std::size_t>& SuperclassIndexes() {
+    static const auto& indexes = *new std::vector<std::size_t>([] {
+        const auto& all = AllClasses();
+        std::vector<std::size_t> made;
+        for (const ClassInfo* one : all) {
+            const ClassInfo* const super = one->superclass.empty() ? nullptr : FindClass(one->superclass);
+            const auto at = std::find(all.begin(), all.end(), super);
+            made.push_back(at == all.end() ? noClass : static_cast<std::size_t>(at - all.begin()));
+        }
+        return made;
+    }());
+    return indexes;
+}
+
+}  // namespace
+
 std::vector<const ClassInfo*> ClassesOf(const ClassInfo& classInfo) {
+    const auto& all = AllClasses();
     std::vector<const ClassInfo*> classes;
-    for (const ClassInfo* candidate : AllClasses()) {
-        if (candidate->gather != nullptr && IsA(*candidate, classInfo.name)) classes.push_back(candidate);
+    for (std::size_t i = 0; i < all.size(); ++i) {
+        std::size_t at = all[i]->gather != nullptr ? i : noClass;
+        while (at != noClass && all[at] != &classInfo) at = SuperclassIndexes()[at];
+        if (at != noClass) classes.push_back(all[i]);
     }
     return classes;
 }

@@ -6,9 +6,12 @@
 #include "commandline/program.h"
 #include "foundation/file_utils.h"
 #include "foundation/log.h"
+#include "foundation/open_file.h"
 #include "foundation/registry_failure.h"
+#include "foundation/text.h"
 #include "platform/console_tool.h"
 #include "platform/utf.h"
+#include "queryconf/conf_paths.h"
 
 namespace kv::control {
 
@@ -33,6 +36,16 @@ void RequireReadableRegistry(platform::Error result) {
 void RefuseDirectory(const std::string& name) {
     if (IsDirectory(platform::WideFromUtf8(name)))
         throw commandline::UsageError(name + " is a directory; a plan is a file");
+}
+
+std::vector<std::u16string> PlansOfSlaves(std::u16string_view bin) {
+    const std::u16string slaves = ConcatStrings(bin, conf_path::slavesDirectory);
+    std::vector<std::u16string> plans;
+    for (FileSearch search(slaves + u"*"); search.hasFile(); search.Next()) {
+        const std::u16string plan = slaves + search.file.fileName + u"\\" + std::u16string(conf_path::planName);
+        if (search.file.isDirectory && !search.file.fileName.starts_with(u'.') && MayExist(plan)) plans.push_back(plan);
+    }
+    return plans;
 }
 
 std::string_view WithoutRoutine(std::string_view line) {

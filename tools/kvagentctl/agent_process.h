@@ -4,6 +4,7 @@
 #include <functional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "platform/errors.h"
 
@@ -25,6 +26,9 @@ void RequireReadableRegistry(platform::Error result);
 
 /// Throws commandline::UsageError when a plan's name on the command line, in UTF-8, is that of a directory.
 void RefuseDirectory(const std::string& name);
+
+/// The paths of the plans that lie below a bin directory for slaves, whose path ends in a separator.
+std::vector<std::u16string> PlansOfSlaves(std::u16string_view bin);
 
 /// What a line of the log says: without blanks and line ends around it, and without the routine's name ahead of "::".
 std::string_view WithoutRoutine(std::string_view line);

@@ -9,6 +9,7 @@
 #include "collection/record_file.h"
 #include "collection/record_members.h"
 #include "commandline/run.h"
+#include "foundation/agent_health.h"
 #include "foundation/agent_state.h"
 #include "foundation/file_utils.h"
 #include "foundation/guarded.h"
@@ -147,12 +148,7 @@ std::vector<HashTablePtr> ReadPlans(const Given& given, platform::Error failure)
             fmt::format("the agent has no plan: there is no {}", Utf8FromWide(platform::Files().NativePath(own))));
     plans.push_back(ReadPlan(own));
     if (!Has(given, "--slaves")) return plans;
-    const std::u16string slaves = ConcatStrings(bin, conf_path::slavesDirectory);
-    for (FileSearch search(slaves + u"*"); search.hasFile(); search.Next()) {
-        const std::u16string plan = slaves + search.file.fileName + u"\\" + std::u16string(conf_path::planName);
-        if (search.file.isDirectory && !search.file.fileName.starts_with(u'.') && MayExist(plan))
-            plans.push_back(ReadPlan(plan));
-    }
+    for (const std::u16string& plan : PlansOfSlaves(bin)) plans.push_back(ReadPlan(plan));
     return plans;
 }
 
@@ -213,6 +209,7 @@ bool WantsRecord(const PlannedRecord& planned) {
 CollectedRecord Collect(const PlannedRecord& planned, const std::u16string& folder) {
     CollectedRecord collected;
     const std::uint64_t begin = platform::Clock().GetTickCount64();
+    const std::uint64_t failedBefore = agentHealth.queriesFailed;
     {
         const LogLines log([&](std::string_view line) {
             const std::string_view told = WithoutRoutine(line);
@@ -230,7 +227,10 @@ CollectedRecord Collect(const PlannedRecord& planned, const std::u16string& fold
         collected.isFailure = WantsRecord(planned);
         if (!collected.isFailure) collected.lines.emplace_back("response_needed is not true: the script has no record");
     } else if (collected.text->empty()) {
-        collected.isFailure = true;
+        // A script that has failed is told of already.
+        collected.isFailure = agentHealth.queriesFailed != failedBefore;
+        if (!collected.isFailure)
+            collected.lines.emplace_back("the script printed nothing: the server gets an empty record");
     } else {
         const JsonPtr json = ParsedJson(*collected.text);
         collected.isFailure = HasText(json.get(), "ERRORMSG", "FAILED") || HasText(json.get(), "STATUS", "FAILURE");

@@ -10,6 +10,7 @@
 #include "commandline/run.h"
 #include "foundation/log.h"
 #include "platform/utf.h"
+#include "snmp/message.h"
 #include "snmp/pdu.h"
 #include "snmp/snmp_manager.h"
 #include "tools/kvagentctl/agent_process.h"
@@ -30,7 +31,8 @@ constexpr std::int64_t defaultPort = 161;
 constexpr std::int64_t defaultTimeout = 5;
 constexpr std::int64_t longestTimeout = 2147;  // seconds; its microseconds fit 32 bits
 constexpr std::size_t longestHost = 255;       // characters
-constexpr std::size_t longestOid = 128;        // sub-identifiers
+// Sub-identifiers: a longer OID would go out, but an answer with it is not read.
+constexpr std::size_t longestOid = snmp::maxReceivedSubIds;
 
 constexpr const char* usage =
     "\nUsage:\tkvagentctl snmp [-p] [-c] [-t] <get|gnext|walk> <IpAddress> <OID>\n"

@@ -85,6 +85,7 @@ TEST_F(CollectVerb, LeavesNoFolderBehindWhenInterrupted) {
 
 TEST_F(CollectVerb, SaysWhatIsWrong) {
     WriteScript("fails.sh", "exit 3");
+    WriteScript("silent.sh", "");
     const std::string plan = Utf8(folder / "plan.txt");
     const std::tuple<const char*, std::string, Words, int, const char*, const char*> rows[] = {
         {"query",
@@ -98,6 +99,12 @@ TEST_F(CollectVerb, SaysWhatIsWrong) {
          {},
          1,
          "the record N failed: there is no file",
+         ""},
+        {"silent",
+         R"({"script": "silent.sh", "Name": "S", "response_needed": "true"})",
+         {},
+         0,
+         " ms, 0 bytes\n   log: Error Code : 0\n   log: the script printed nothing: the server gets an empty",
          ""},
         {"exit code", R"({"script": "fails.sh", "Name": "F"})", {}, 0, "the record F failed: ", ""},
         {"kind", R"({"wmiquery": "x", "Name": "K"})", {}, 1, "(no name): workflow W, unknown kind", ""},

@@ -194,13 +194,16 @@ TEST_F(SetupAndCheck, CheckFindsWhatIsWrongWithAPlan) {
     Write(conf / "scripts" / "plain.sh", "echo\n");
     Write(conf / "scripts" / "lost.sh", "#!/no/such/shell -e\n");
     Write(conf / "scripts" / "env.sh", "#!/usr/bin/env no-such-shell\n");
+    Write(conf / "scripts" / "split.sh", "#!/usr/bin/env -S A=1  no-shell -e\n");
     Write(conf / "scripts" / "bytes.sh", std::string("\1\0\2", 3));
     ASSERT_EQ(mkfifo((conf / "scripts" / "fifo.sh").c_str(), 0700), 0);
-    for (const char* name : {"crlf.sh", "lost.sh", "env.sh", "bytes.sh"})
+    for (const char* name : {"crlf.sh", "lost.sh", "env.sh", "split.sh", "bytes.sh"})
         fs::permissions(conf / "scripts" / name, fs::perms::owner_all);
     const auto record = [](const std::string& members) {
         return R"({"WorkFlows":[{"wfname":"W","interval":1,"recordSetName":[{)" + members + "}]}]}";
     };
+    std::string longOid;
+    for (int number = 0; number < 128; ++number) longOid += ".1";
     const std::string snmp = R"("PROTOCOL":"SPOLL","DEVICE_NAME":"d","COMMUNITY":"c","POLL_ID":"1","AGENT_KEY":"K",)";
     const std::tuple<const char*, std::string, const char*> rows[] = {
         {"cut", R"({"WorkFlows":[)", "error: plan"},
@@ -221,6 +224,9 @@ TEST_F(SetupAndCheck, CheckFindsWhatIsWrongWithAPlan) {
         {"line ends", record(R"("script":"crlf.sh","Name":"N")"), "has CRLF line ends"},
         {"interpreter", record(R"("script":"lost.sh","Name":"N")"), "interpreter /no/such/shell, which does not exist"},
         {"env", record(R"("script":"env.sh","Name":"N")"), "asks env for 'no-such-shell', which is not in PATH"},
+        {"env -S", record(R"("script":"split.sh","Name":"N")"), "split.sh asks env for 'no-shell', which is not in"},
+        {"escape", "{\n" + record(R"("script":"r\\u0041\u00e4.sh","Name":"\\\\u00e4")").substr(1),
+         ", line 2: \\u00e4: the agent reads"},
         {"bytes", record(R"("script":"bytes.sh","Name":"N")"), "is neither a program nor a script"},
         {"fifo", record(R"("script":"fifo.sh","Name":"N")"), "fifo.sh is not a regular file"},
         {"mode", record(R"("script":"plain.sh","Name":"N")"), "is not executable, so /bin/sh runs it; chmod +x"},
@@ -228,6 +234,7 @@ TEST_F(SetupAndCheck, CheckFindsWhatIsWrongWithAPlan) {
         {"port", record(snmp + R"("SNMP_VERSION":"v1","OID":".1.3","SNMP_PORT":"x")"), "SNMP_PORT is not a number"},
         {"version", record(snmp + R"("SNMP_VERSION":"2c","OID":".1.3")"), "'2c' is neither v1 nor v2c: v1 is taken"},
         {"oid", record(snmp + R"("SNMP_VERSION":"v1","OID":".1.3,1.3.6")"), "OID '1.3.6' does not begin with a dot"},
+        {"long oid", record(snmp + R"("SNMP_VERSION":"v1","OID":".1)" + longOid + "\""), "has 129 numbers: an answer"},
         {"oid letters", record(snmp + R"("SNMP_VERSION":"v1","OID":".1.x")"), "OID '.1.x' is not numbers with dots"},
     };
     for (const auto& [title, text, finding] : rows) {
@@ -238,6 +245,8 @@ TEST_F(SetupAndCheck, CheckFindsWhatIsWrongWithAPlan) {
     Registry({"set", agentKey + "\\Monitoring", "AllowedScripts", "other.sh"});
     Write(plan, record(R"("script":"plain.sh","Name":"N")"));
     EXPECT_THAT(Run({"check", plan}).output, HasSubstr("plain.sh is not run: AllowedScripts does not have it"));
+    Write(conf / "slaves" / "S1" / "queryconf.txt", R"({"WorkFlows_S1":[5]})");
+    EXPECT_THAT(Run({"check"}).output, HasSubstr("slaves/S1/queryconf.txt: is that of the slave S1"));
     EXPECT_EQ(Run({"check", plan + ".missing"}).exitCode, 3);
     EXPECT_THAT(Run({"check", conf.string()}).errors, HasSubstr("conf is a directory; a plan is a file"));
     Write(plan, Utf16LittleEndianBytes(u"{\"WorkFlows\":[{\"wfname\":\"W\",\"interval\":1,\"recordSetName\":"

@@ -33,6 +33,8 @@ void CheckOwnPlan(Findings& findings) {
     else
         findings.Warn("plan " + name, "does not exist, so nothing is collected",
                       "put one there, or wait for the server to send one");
+    for (const std::u16string& plan : PlansOfSlaves(bin))
+        CheckPlan(findings, plan, platform::Utf8FromWide(platform::Files().NativePath(plan)));
 }
 
 void RunCheck(const Given& given) {

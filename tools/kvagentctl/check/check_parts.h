@@ -2,11 +2,16 @@
 #pragma once
 
 #include <map>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "foundation/hash_table.h"
+#include "foundation/server_limit.h"
+#include "foundation/text.h"
 #include "tools/kvagentctl/check/findings.h"
 
 namespace kv::control {
@@ -29,6 +34,12 @@ void CheckPermissions(Findings& findings, const std::string& what, std::u16strin
 struct PlanContext {
     std::map<std::u16string, std::string> places = {};  // of the names of the records so far
     bool isQueryUnjudged = false;                       // a query could not be judged on this system
+
+    // What was looked up for the records so far: a plan may have 100,000.
+    std::map<std::pair<OptionalText, std::u16string>, std::optional<std::u16string>> queryFaults = {};  // by namespace
+    std::map<std::u16string, std::vector<Finding>> scriptFindings = {};  // of a script's file; where is empty
+    std::u16string install = InstallDirectory();
+    ServerLimit scriptLimit = LimitOfScripts();
 };
 
 /// One record of a plan; where names it and its workflow.

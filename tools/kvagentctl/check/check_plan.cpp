@@ -1,11 +1,13 @@
 // What kvagentctl check says of a plan and its workflows.
 #include <algorithm>
+#include <charconv>
 #include <fmt/format.h>
 #include <memory>
 #include <optional>
 #include <vector>
 
 #include "collection/plan_members.h"
+#include "foundation/file_utils.h"
 #include "foundation/text.h"
 #include "jsontext/hash_json.h"
 #include "platform/near_name.h"
@@ -115,6 +117,44 @@ std::string WithoutName(std::string message, std::u16string_view path) {
     return message.substr(std::min(message.find_first_not_of(": ", name.size()), message.size()));
 }
 
+/// The escapes of a JSON text for characters beyond ASCII: how many there are, and the first.
+struct WideEscapes {
+    std::size_t count = 0;
+    std::string first;
+    std::size_t line = 0;  // of the first, from 1
+};
+
+WideEscapes FindWideEscapes(std::string_view json) {
+    WideEscapes found;
+    std::size_t line = 1;
+    for (std::size_t at = 0; at < json.size(); ++at) {
+        if (json[at] == '\n') ++line;
+        if (json[at] != '\\' || ++at >= json.size() || json[at] != 'u') continue;
+        const std::string_view digits = json.substr(at + 1, 4);
+        unsigned number = 0;
+        const auto parsed = std::from_chars(digits.data(), digits.data() + digits.size(), number, 16);
+        if (digits.size() < 4 || parsed.ptr != digits.data() + 4 || number < 0x80) continue;
+        if (found.count++ > 0) continue;
+        found.first = json.substr(at - 1, 6);
+        found.line = line;
+    }
+    return found;
+}
+
+/// The agent reads such an escape as the bytes of its UTF-8, which is never what was meant.
+void WarnOfEscapes(Findings& findings, const std::string& where, std::u16string_view path) {
+    std::string bytes;
+    if (ReadWholeFile(path, bytes) != platform::error::success) return;
+    std::erase(bytes, '\0');  // of 16-bit characters the ASCII ones are left
+    const WideEscapes escapes = FindWideEscapes(bytes);
+    if (escapes.count == 0) return;
+    const std::string others = escapes.count > 1 ? fmt::format(" and {} more such escapes", escapes.count - 1) : "";
+    findings.Warn(fmt::format("{}, line {}", where, escapes.line),
+                  fmt::format("{}{}: the agent reads the bytes of the character's UTF-8 as characters of their own",
+                              escapes.first, others),
+                  "write the character itself");
+}
+
 }  // namespace
 
 void CheckMemberNames(Findings& findings, const std::string& where, const HashTable* table,
@@ -144,9 +184,10 @@ void CheckPlan(Findings& findings, std::u16string_view path, const std::string& 
         return;
     }
     if (!read.message.empty()) findings.Warn(where, WithoutName(read.message, path));
+    WarnOfEscapes(findings, where, path);
     lines.clear();
     const std::u16string slave = SlaveOf(document.get());
-    if (JudgeQueryConfig(slave, path) != PlanJudgement::usable) {
+    if (!IsUsablePlan(document.get(), slave, path)) {
         for (const std::string& line : lines)
             findings.Error(where, WithoutName(line, path) + ": the agent would refuse it");
     }

@@ -15,12 +15,12 @@
 #include "collection/wmi_query.h"
 #include "foundation/file_utils.h"
 #include "foundation/open_file.h"
-#include "foundation/server_limit.h"
 #include "foundation/text.h"
 #include "platform/console_tool.h"
 #include "platform/files.h"
 #include "platform/utf.h"
 #include "snmp/asn.h"
+#include "snmp/message.h"
 #include "snmp/oid.h"
 #include "snmp/pdu.h"
 #include "tools/kvagentctl/check/check_parts.h"
@@ -72,17 +72,17 @@ void CheckWmi(const Subject& subject) {
     else if (name)
         CheckName(subject, *name);
     if (!query) return;
-    const std::optional<std::u16string> fault = WMIQueryFault(subject.text(u"nameSpace"), *query);
+    const auto [known, isNew] = subject.context.queryFaults.try_emplace(std::pair(subject.text(u"nameSpace"), *query));
+    std::optional<std::u16string>& fault = known->second;
+    if (isNew) fault = WMIQueryFault(known->first.first, known->first.second);
     if (!fault)
         subject.context.isQueryUnjudged = true;
     else if (!fault->empty())
         subject.Error("wmiQuery is refused: " + Utf8FromWide(*fault));
 }
 
-/// Whether env finds a program by what stands behind it, which comes to it as one word. With options nobody can tell.
-bool IsInPath(std::string program) {
-    program.resize(program.find_last_not_of(" \t") + 1);
-    if (program.starts_with('-')) return true;
+/// Whether a program is found by its name, or its path, as env looks for it.
+bool IsInPath(const std::string& program) {
     if (program.find('/') != std::string::npos) return MayExist(platform::WideFromUtf8(program));
     const char* const path = std::getenv("PATH");
     std::string_view rest = path != nullptr ? path : "/usr/bin:/bin";
@@ -93,6 +93,28 @@ bool IsInPath(std::string program) {
         rest.remove_prefix(isLast ? rest.size() : end + 1);
     }
     return false;
+}
+
+/// The program that env is asked for by what stands behind it in a first line. That comes to it as one word, which -S
+/// parts at blanks. Empty when nobody can tell, because of other options or quotes.
+std::string AskedOfEnv(std::string_view text) {
+    constexpr std::string_view blanks = " \t";
+    text = text.substr(0, text.find_last_not_of(blanks) + 1);
+    if (!text.starts_with('-')) return std::string(text);
+    bool isSplit = false;
+    for (const std::string_view option : {"-S", "--split-string=", "-vS"}) {
+        if (isSplit || !text.starts_with(option)) continue;
+        isSplit = true;
+        text.remove_prefix(option.size());
+    }
+    while (isSplit && !text.empty()) {
+        text.remove_prefix(std::min(text.find_first_not_of(blanks), text.size()));
+        const std::string_view word = text.substr(0, text.find_first_of(blanks));
+        if (word.starts_with('-') || word.find_first_of("\"'\\$#") != word.npos) return "";
+        if (word.find('=') == word.npos) return std::string(word);
+        text.remove_prefix(word.size());  // a variable for the program
+    }
+    return "";
 }
 
 /// What is wrong with the first line of a script, by which the system finds its interpreter; empty when nothing is.
@@ -118,37 +140,57 @@ std::string FirstLineFault(std::u16string_view path) {
     const std::string interpreter = line.substr(begin, line.find_first_of(" \t", begin) - begin);
     if (!MayExist(platform::WideFromUtf8(interpreter)))
         return fmt::format("names the interpreter {}, which does not exist", interpreter);
-    const std::size_t argument = line.find_first_not_of(" \t", begin + interpreter.size());
-    const bool isFound =
-        !interpreter.ends_with("/env") || argument == std::string::npos || IsInPath(line.substr(argument));
-    return isFound ? "" : fmt::format("asks env for '{}', which is not in PATH", line.substr(argument));
+    if (!interpreter.ends_with("/env")) return "";
+    const std::size_t argument = std::min(line.find_first_not_of(" \t", begin + interpreter.size()), line.size());
+    const std::string program = AskedOfEnv(std::string_view(line).substr(argument));
+    return program.empty() || IsInPath(program) ? "" : fmt::format("asks env for '{}', which is not in PATH", program);
 }
 
-void CheckScriptFile(const Subject& subject, const std::u16string& script) {
-    const std::string name = Utf8FromWide(script);
-    if (!StaysBelowDirectory(script))
-        return subject.Error(fmt::format("script {} does not name a file below conf/scripts and is not run", name));
-    const std::u16string install = InstallDirectory();
-    if (install.empty()) return;
-    const std::u16string names[] = {script};
-    if (const std::optional<std::u16string> refusal = LimitOfScripts().Refusal(names))
-        subject.Error(fmt::format("script {} is not run: {}", name, Utf8FromWide(*refusal)));
-    const std::u16string path = install + u"monitoring\\conf\\scripts\\" + script;
-    const std::string native = Utf8FromWide(platform::Files().NativePath(path));
-    if (!MayExist(path)) return subject.Error(fmt::format("script {} does not exist", native), "put it there");
-    if (IsDirectory(path)) return subject.Error(fmt::format("script {} is a directory", native));
+/// What is wrong with the file of a script that is there.
+void JudgeScriptFile(Findings& findings, const std::u16string& path, const std::string& native) {
+    const auto fails = [&](const std::string& what, const std::string& next = "") {
+        findings.Error("", fmt::format("script {} {}", native, what), next);
+    };
+    if (IsDirectory(path)) return fails("is a directory");
     const std::optional<platform::FilePermissions> permissions = platform::GetFilePermissions(path);
     if (!permissions) return;
     std::error_code unknown;
-    if (!std::filesystem::is_regular_file(native, unknown))
-        return subject.Error(fmt::format("script {} is not a regular file", native));
+    if (!std::filesystem::is_regular_file(native, unknown)) return fails("is not a regular file");
     if (!permissions->isExecutable)
-        subject.Warn(fmt::format("script {} is not executable, so /bin/sh runs it", native), "chmod +x " + native);
+        findings.Warn("", fmt::format("script {} is not executable, so /bin/sh runs it", native), "chmod +x " + native);
     else if (const std::string fault = FirstLineFault(path); !fault.empty())
-        subject.Error(fmt::format("script {} {}", native, fault));
+        fails(fault);
     if (permissions->othersWrite)
-        subject.Error(fmt::format("script {} may be changed by others (mode {})", native, permissions->mode),
-                      "chmod 0750 " + native);
+        fails(fmt::format("may be changed by others (mode {})", permissions->mode), "chmod 0750 " + native);
+}
+
+std::vector<Finding> FindingsOfScript(const PlanContext& context, const std::u16string& script) {
+    Findings findings;
+    const std::string name = Utf8FromWide(script);
+    const std::u16string names[] = {script};
+    const std::u16string path = context.install + u"monitoring\\conf\\scripts\\" + script;
+    const std::string native = Utf8FromWide(platform::Files().NativePath(path));
+    if (!StaysBelowDirectory(script)) {
+        findings.Error("", fmt::format("script {} does not name a file below conf/scripts and is not run", name));
+        return findings.list;
+    }
+    if (context.install.empty()) return {};
+    if (const std::optional<std::u16string> refusal = context.scriptLimit.Refusal(names))
+        findings.Error("", fmt::format("script {} is not run: {}", name, Utf8FromWide(*refusal)));
+    if (MayExist(path))
+        JudgeScriptFile(findings, path, native);
+    else
+        findings.Error("", fmt::format("script {} does not exist", native), "put it there");
+    return findings.list;
+}
+
+void CheckScriptFile(const Subject& subject, const std::u16string& script) {
+    const auto [known, isNew] = subject.context.scriptFindings.try_emplace(script);
+    if (isNew) known->second = FindingsOfScript(subject.context, script);
+    for (Finding finding : known->second) {
+        finding.where = subject.where;
+        subject.findings.list.push_back(std::move(finding));
+    }
 }
 
 void CheckScript(const Subject& subject) {
@@ -170,7 +212,9 @@ std::string OidFault(const std::string& oid) {
     snmp::SubIds subIds;
     const std::int32_t count = snmp::ConvertToOidOrIpFromString(subIds, oid, false);
     if (count < 1) return "is not numbers with dots between";
-    if (count > snmp::asnMaxBuildSubIds) return fmt::format("has more than {} numbers", snmp::asnMaxBuildSubIds);
+    if (count > snmp::asnMaxBuildSubIds) return fmt::format("has {} numbers: it is not sent", count);
+    if (count > snmp::maxReceivedSubIds)
+        return fmt::format("has {} numbers: an answer with more than {} is not read", count, snmp::maxReceivedSubIds);
     return "";
 }
 
