@@ -26,8 +26,8 @@ namespace kv::snmp {
 /// more). A message's own header adds six, because the count of bytes left includes it.
 inline constexpr std::size_t asnReadAhead = 16;
 
-/// The longest object identifier that a builder encodes, in sub-identifiers. A name of more than 128 in an answer is not
-/// read (maxReceivedSubIds, snmp/message.h), so that more than that is asked in vain.
+/// The longest object identifier that a builder encodes, in sub-identifiers. A name of more than 128 in an answer is
+/// not read (maxReceivedSubIds, snmp/message.h), so that more than that is asked in vain.
 inline constexpr std::int32_t asnMaxBuildSubIds = 132;
 
 /// Whole identifier octets. Those of messages are in snmp/pdu.h.
