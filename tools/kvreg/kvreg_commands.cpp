@@ -317,8 +317,9 @@ constexpr Command commands[] = {
      deleteWords, deleteOptions, Delete},
     {"list", "Shows the values of a key, and its subkeys.", keyWords, {}, List},
     {"watch",
-     "Prints a line for each change of a value in the key or below it, until interrupted. If the key is deleted, waits "
-     "until it exists again.",
+     "Prints a line for each value in the key or below it that differs from the last look, until interrupted. It looks "
+     "up to five times a second: of several changes in between, and of one that is taken back, only what came of them "
+     "shows. If the key is deleted, waits until it exists again.",
      keyWords,
      {},
      Watch},

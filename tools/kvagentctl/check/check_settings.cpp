@@ -168,6 +168,8 @@ void CheckInstallDirectory(Findings& findings) {
                        "make it, or set KVAgentInstallDir to where the agent is installed");
         return;
     }
+    if (!platform::GetFilePermissions(install))
+        findings.Note("files and directories", "who may read and change them is not judged on this system");
     for (const Directory& directory : directories) {
         const std::u16string path = install + std::u16string(directory.path);
         if (IsDirectory(path)) {
