@@ -209,7 +209,8 @@ Error ReplaceFile(std::u16string_view path, std::u16string_view temporaryPath, s
 bool IsWholePath(std::u16string_view path) {
     std::string text = platform::Utf8FromWide(path);
     std::replace(text.begin(), text.end(), '\\', '/');
-    return std::filesystem::path(text).is_absolute();
+    const bool isOnDrive = text.size() > 2 && text[1] == ':' && text[2] == '/';
+    return isOnDrive || std::filesystem::path(text).is_absolute();
 }
 
 std::string Utf16LittleEndianBytes(std::u16string_view text) {

@@ -74,7 +74,7 @@ enum class Readers { ownerAndGroup, everyone };
                                           std::string_view bytes, Readers readers);
 
 /// Whether a path begins at the root of the system's files, so that it is the same from every working directory. A
-/// slash and a backslash are alike. Throws std::bad_alloc.
+/// slash and a backslash are alike, and "c:\" begins a whole path on every system. Throws std::bad_alloc.
 bool IsWholePath(std::u16string_view path);
 
 /// The bytes of a wide text in UTF-16LE, without a byte order mark.

@@ -66,7 +66,7 @@ TEST(AgentSettings, TakeWhatTheAgentCanUse) {
          {u"sha256//AAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA=; "
           u"sha256//AAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA="},
          {u"", u";", u"sha256//AAAA", u"AAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA="}},
-        {"file", serverInfoKeyPath, u"KVServerCAFile", {here.c_str()}, {u"", u"ca.pem"}},
+        {"file", serverInfoKeyPath, u"KVServerCAFile", {here.c_str(), u"c:\\ca.pem"}, {u"", u"ca.pem"}},
         {"proxies",
          agentKeyPath,
          u"ProxyServerName",

@@ -65,6 +65,7 @@ TEST_F(ServerTrustTest, NothingGoesOutWhenASettingCannotBeUsed) {
         {{u"KVServerCAFile", Path("empty.pem")}, "empty.pem, which has no certificate in PEM form"},
         {{u"KVServerCAFile", Path("long.pem")}, "long.pem, which is longer than 1 MB"},
         {{u"KVServerCAFile", Path("cut.pem")}, "cut.pem, which has a certificate that cannot be read"},
+        {{u"KVServerCAFile", u"ca.pem"}, "KVServerCAFile names ca.pem, which is not a whole path"},
         {{u"KVServerVerify", u"true"}, "KVServerVerify is [true], neither yes nor no"},
         {{u"KVServerVerify", u"1", RegistryType::dword}, "KVServerVerify is not a text"},
     };
