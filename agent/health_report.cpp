@@ -14,6 +14,7 @@
 #include "agent/metrics_file.h"
 #include "exchange/waiting_files.h"
 #include "foundation/agent_health.h"
+#include "foundation/agent_settings.h"
 #include "foundation/agent_state.h"
 #include "foundation/file_utils.h"
 #include "foundation/guarded.h"
@@ -100,8 +101,12 @@ std::u16string MetricsPath() {
     OptionalText path;
     const Error result = LookUpText(monitoringKeyPath, u"MetricsFile", path);
     if (result == error::fileNotFound || result == error::pathNotFound || path == u"") return {};
-    if (result == error::success && path && IsWholePath(*path)) return *path;
-    if (result == error::success)
+    const bool isWhole = result == error::success && path && IsWholePath(*path);
+    if (isWhole && SettingTakes(*FindAgentSetting(monitoringKeyPath, u"MetricsFile"), *path)) return *path;
+    if (isWhole)
+        Log1("\t ReportHealth :: MetricsFile is a file that the agent writes anyway, and no metrics are written: %s\n",
+             path);
+    else if (result == error::success)
         Log1("\t ReportHealth :: MetricsFile is not a whole path, and no metrics are written: %s\n", path);
     else
         Log1("\t ReportHealth :: MetricsFile cannot be read as a text, and no metrics are written: %s (error %d)\n",

@@ -269,6 +269,10 @@ TEST_F(HealthReport, SaysWhyMetricsAreNotWritten) {
     SetMetricsFile("kvagent.prom");
     Run({});
     EXPECT_EQ(TimesLogged("MetricsFile is not a whole path, and no metrics are written: kvagent.prom\n"), 1);
+    SetMetricsFile(status);
+    Run({});
+    EXPECT_EQ(TimesLogged("MetricsFile is a file that the agent writes anyway, and no metrics are written: "), 1);
+    EXPECT_TRUE(Status());
     SetMetricsFile(folder / "kvagent.prom", platform::RegistryType::binary);
     Run({});
     EXPECT_EQ(TimesLogged("MetricsFile cannot be read as a text, and no metrics are written: "), 1);

@@ -43,6 +43,7 @@ std::vector<std::u16string> AddressesToTry(const Given& given, bool hasPort) {
                 "no server is set: kvagentctl setup --server SERVER, or give one with --address HOST:PORT");
         return addresses;
     }
+    RefuseCredentials(given, "--address");
     const ServerText server = ParseServerText(commandline::NeededValue(given, "--address"));
     if (!server.problem.empty()) throw commandline::UsageError("--address " + server.problem);
     if (server.protocol == "http") throw commandline::UsageError("--address is http, which has no certificate");

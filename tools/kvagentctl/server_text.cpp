@@ -52,6 +52,12 @@ ServerText ParseServerText(std::string_view text) {
     return server;
 }
 
+void RefuseCredentials(const commandline::Given& given, const char* option) {
+    if (commandline::Value(given, option).find('@') == std::string::npos) return;
+    throw commandline::UsageError(fmt::format(
+        "{} takes neither user nor password before an @, because the agent does not log in at its server", option));
+}
+
 bool IsAddress(std::string_view text) {
     std::array<std::uint8_t, 4> bytes{};
     if (text.find(' ') == std::string_view::npos && platform::Sockets().inet_addr(text, bytes)) return true;

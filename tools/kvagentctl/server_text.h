@@ -4,6 +4,8 @@
 #include <string>
 #include <string_view>
 
+#include "commandline/program.h"
+
 namespace kv::control {
 
 /// Parts that were not given are empty.
@@ -16,6 +18,10 @@ struct ServerText {
 
 /// Takes a name or an address, with or without a port, and URLs such as "https://cs.example.com:8443/".
 ServerText ParseServerText(std::string_view text);
+
+/// UsageError when the value of an option has a user or password before an "@": the agent does not log in at its
+/// server, and a password is not to be repeated on a screen.
+void RefuseCredentials(const commandline::Given& given, const char* option);
 
 /// Whether a text is an IPv4 address in dotted form, or has the form of an IPv6 address.
 bool IsAddress(std::string_view text);

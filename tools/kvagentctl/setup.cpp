@@ -47,11 +47,6 @@ std::string Stored(std::u16string_view key, std::u16string_view name) {
     return value.type == platform::RegistryType::text ? Utf8FromWide(TextOfData(value.data)) : "";
 }
 
-/// ", not 'cs'" of an argument; what may hold a password is not repeated.
-std::string NotGiven(const std::string& argument) {
-    return argument.find('@') == std::string::npos ? fmt::format(", not '{}'", argument) : "";
-}
-
 class Setup {
   public:
     explicit Setup(const Given& given) : given_(given) {}
@@ -119,13 +114,7 @@ void Setup::TakeServer() {
     const std::string stored = Stored(serverInfoKeyPath, u"KVServerName");
     isNew_ = Has(given_, "--server");
     if (!isNew_ && stored.empty()) problems_.emplace_back("--server is missing, and no server was set before");
-    const std::string given = Value(given_, "--server");
-    if (given.find('@') != std::string::npos)
-        throw commandline::UsageError(
-            "--server takes neither user nor password before an @: the agent does not log in at its server; nothing "
-            "was "
-            "stored");
-    if (isNew_) server_ = ParseServerText(given);
+    if (isNew_) server_ = ParseServerText(Value(given_, "--server"));
     if (!server_.problem.empty()) problems_.push_back("--server " + server_.problem);
     if (!isNew_) server_.host = stored;
     const bool isName = !IsAddress(server_.host);
@@ -151,7 +140,7 @@ void Setup::ChooseAddress() {
     const std::string stored = Stored(serverInfoKeyPath, u"KVServerIPAddress");
     const std::string given = Value(given_, "--ip");
     if (Has(given_, "--ip")) {
-        if (!IsAddress(given)) problems_.push_back("--ip takes an address" + NotGiven(given));
+        if (!IsAddress(given)) problems_.push_back(fmt::format("--ip takes an address, not '{}'", given));
         Add(serverInfoKeyPath, u"KVServerIPAddress", given, "--ip");
     } else if (IsAddress(server_.host)) {
         Add(serverInfoKeyPath, u"KVServerIPAddress", server_.host, "--server");
@@ -166,7 +155,7 @@ void Setup::ChooseSecondAddress() {
     const std::string second = Value(given_, "--second-ip", noAddress);
     if (Has(given_, "--second-ip")) {
         if (second != noAddress && !IsAddress(second))
-            problems_.push_back("--second-ip takes an address, or -- for no address" + NotGiven(second));
+            problems_.push_back(fmt::format("--second-ip takes an address, or -- for no address, not '{}'", second));
         Add(serverInfoKeyPath, u"KVServerSecIPAddress", second, "--second-ip");
     } else if (const std::string now = Stored(serverInfoKeyPath, u"KVServerSecIPAddress"); isNew_ || now.empty()) {
         Add(serverInfoKeyPath, u"KVServerSecIPAddress", noAddress, "default");
@@ -257,6 +246,7 @@ void RunSetup(const Given& given) {
     const bool isDry = Has(given, "--dry-run");
     if (given.size() == std::size_t{isDry} + (Has(given, "--json") ? 1 : 0))
         throw commandline::UsageError("what is to be set? give --server, or what is to change");
+    for (const char* option : {"--server", "--ip", "--second-ip"}) RefuseCredentials(given, option);
     Setup setup(given);
     setup.Choose();
     RefuseProblems(setup.problems());
