@@ -93,7 +93,7 @@ bool Register(std::uint32_t patience) {
         return false;
     }
     Log1("\t InitLicenseParams :: Registered with agent key %s\n", agentState.gv_agentKey);
-    NoteRegistration(agentState.gv_agentRunFlag == 1 ? "registered" : "the server wants this agent not to run");
+    NoteRegistration(agentState.gv_agentRunFlag == 1 ? registeredOutcome : "the server wants this agent not to run");
     return true;
 }
 

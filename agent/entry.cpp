@@ -15,8 +15,10 @@
 #include "agent/service_admin.h"
 #include "foundation/agent_health.h"
 #include "foundation/agent_state.h"
+#include "foundation/file_utils.h"
 #include "foundation/guarded.h"
 #include "foundation/log.h"
+#include "foundation/open_file.h"
 #include "foundation/registry_failure.h"
 #include "foundation/registry_store.h"
 #include "foundation/resource_lock.h"
@@ -101,12 +103,23 @@ bool FindBinPath() try {
     return false;
 }
 
-/// Opens the log. When that fails, a person at the console is told where it should have been.
+/// Why the log cannot be opened, found out by another attempt.
+std::string LogFault() {
+    if (IsDirectory(logState.gv_logPath)) return "is a directory";
+    OpenFile log;
+    const platform::Error result = log.Open(logState.gv_logPath, platform::FileAccess::append,
+                                            platform::FileShare::readWrite, platform::FileDisposition::openAlways);
+    if (result == platform::error::success) return "could not be opened";
+    return "cannot be opened: " + platform::MessageInLine(result) + " (error " + std::to_string(result) + ")";
+}
+
+/// Opens the log. When that fails, a person at the console is told where it should have been, and why it is not.
 void OpenLog(std::u16string_view name) {
     RotateLogger(name);
     if (logState.gv_logFile == 0)
-        std::fprintf(stderr, "MonitoringAgent: the log %s cannot be opened; going on without a log\n",
-                     platform::Utf8FromWide(platform::Files().NativePath(logState.gv_logPath)).c_str());
+        std::fprintf(stderr, "MonitoringAgent: the log %s %s; going on without a log\n",
+                     platform::Utf8FromWide(platform::Files().NativePath(logState.gv_logPath)).c_str(),
+                     LogFault().c_str());
 }
 
 int RunAsService() {

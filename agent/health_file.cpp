@@ -45,6 +45,10 @@ struct NumberMember {
     const char* key;
     std::int64_t HealthSnapshot::*member;
 };
+struct TruthMember {
+    const char* key;
+    bool HealthSnapshot::*member;
+};
 constexpr TextMember texts[] = {
     {"version", &HealthSnapshot::version},
     {"lastAddress", &HealthSnapshot::lastAddress},
@@ -61,7 +65,10 @@ constexpr NumberMember numbers[] = {
     {"collectionStopTime", &HealthSnapshot::collectionStopTime},
     {"lastFailureTime", &HealthSnapshot::lastFailureTime},
 };
-constexpr const char* collecting = "isCollecting";
+constexpr TruthMember truths[] = {
+    {"isInConsole", &HealthSnapshot::isInConsole},
+    {"isCollecting", &HealthSnapshot::isCollecting},
+};
 constexpr const char* countsKey = "counts";
 
 /// Adds a member; without memory for it, throws std::bad_alloc.
@@ -84,7 +91,7 @@ std::string HealthText(const HealthSnapshot& health) {
     }
     for (const NumberMember& number : numbers)
         Add(file.get(), number.key, json_object_new_int64(health.*number.member));
-    Add(file.get(), collecting, json_object_new_boolean(health.isCollecting));
+    for (const TruthMember& truth : truths) Add(file.get(), truth.key, json_object_new_boolean(health.*truth.member));
     json_object* counts = NewObject();
     Add(file.get(), countsKey, counts);
     for (const auto& [name, count] : health.counts) Add(counts, name.c_str(), json_object_new_uint64(count));
@@ -110,8 +117,10 @@ HealthSnapshot SnapshotOf(const json_object* file) {
         if (const json_object* value = Member(file, number.key, json_type_int))
             health.*number.member = json_object_get_int64(value);
     }
-    if (const json_object* value = Member(file, collecting, json_type_boolean))
-        health.isCollecting = json_object_get_boolean(value) != 0;
+    for (const TruthMember& truth : truths) {
+        if (const json_object* value = Member(file, truth.key, json_type_boolean))
+            health.*truth.member = json_object_get_boolean(value) != 0;
+    }
     const json_object* counts = Member(file, countsKey, json_type_object);
     for (const HealthCountName& known : HealthCounts()) {
         const std::string name(known.name);
@@ -137,6 +146,7 @@ HealthSnapshot CurrentHealth() {
         .lastContactTime = agentHealth.lastContactTime,
         .registrationTime = events.registrationTime,
         .registration = events.registration,
+        .isInConsole = agentState.gv_serviceStatusHandle == 0,
         .isCollecting = agentState.gv_collectData != 0,
         .collectionStopTime = agentHealth.collectionStopTime,
         .lastFailureTime = events.failureTime,

@@ -27,6 +27,7 @@ struct HealthSnapshot {
     std::int64_t registrationTime = 0;  // the last attempt
     std::string registration = {};      // what it came to, in words
 
+    bool isInConsole = false;  // runs by "/t", which only ends by being ended
     bool isCollecting = true;
     std::int64_t collectionStopTime = 0;  // while it is stopped
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "foundation/file_utils.h"
 #include "foundation/open_file.h"
 #include "foundation/text.h"
 
@@ -34,6 +35,12 @@ platform::Error AddFile(std::u16string_view path, WaitingFiles& waiting) {
     return error::success;
 }
 
+/// Whether something other than a folder, such as a file or a link that leads nowhere, stands in the folder's place.
+bool IsReplaced(std::u16string folder) {
+    folder.pop_back();  // the separator
+    return MayExist(folder) && !IsDirectory(folder);
+}
+
 WaitingFiles Measure(const std::u16string& folder, std::u16string_view pattern) {
     WaitingFiles waiting;
     FileSearch search(ConcatStrings(folder, pattern));
@@ -42,7 +49,10 @@ WaitingFiles Measure(const std::u16string& folder, std::u16string_view pattern) 
         const platform::Error result = AddFile(folder + search.file.fileName, waiting);
         if (result != error::success) waiting.error = result;
     }
-    if (!IsAbsent(search.error)) waiting.error = search.error;
+    if (!IsAbsent(search.error))
+        waiting.error = search.error;
+    else if (search.error == error::pathNotFound && IsReplaced(folder))
+        waiting.error = error::directoryName;
     return waiting;
 }
 

@@ -15,7 +15,7 @@ struct WaitingFiles {
     std::int64_t oldestTime = 0;  // of the oldest, seconds since 1970; 0 when nothing waits
 
     /// Why the folder cannot be searched, or one of its files cannot be looked at; else success. A folder that does not
-    /// exist yet holds nothing.
+    /// exist yet holds nothing; directoryName when something else stands in its place.
     platform::Error error = platform::error::success;
 };
 

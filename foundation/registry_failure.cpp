@@ -47,7 +47,7 @@ std::string RegistryFailureText(platform::Error failure) {
         text.empty() ? fmt::format("error {}", failure) : fmt::format("{} (error {})", text, failure);
     const std::string named = file.empty() ? whole : fmt::format("{}: {}", file, whole);
     if (failure != error::accessDenied) return named;
-    return fmt::format("{}; it takes the rights of {}", named, platform::RegistryOwner());
+    return fmt::format("{}; {}", named, platform::DeniedAccessText());
 }
 
 }  // namespace kv

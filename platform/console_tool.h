@@ -17,6 +17,9 @@ std::string_view RegistryPlace();
 /// Who may change the registry, as a message says it.
 std::string_view RegistryOwner();
 
+/// What a message says of access that was denied: whose rights it takes, or what denies it even to those.
+std::string_view DeniedAccessText();
+
 /// The command that starts the agent's service again, as one types it.
 std::string_view ServiceRestartCommand();
 

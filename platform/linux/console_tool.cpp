@@ -95,6 +95,11 @@ std::string_view RegistryPlace() {
 
 std::string_view RegistryOwner() { return "root"; }
 
+std::string_view DeniedAccessText() {
+    return geteuid() == 0 ? "the file system (is it immutable?) or a security module denies it even to root"
+                          : "it takes the rights of root";
+}
+
 std::string_view ServiceRestartCommand() { return "systemctl restart corvinel-monitoring-agent"; }
 
 std::string RegistryFile() { return StateDirectory() + "/registry.db"; }
@@ -137,8 +142,7 @@ std::string RegistryFileFault(Error failure) {
     struct statvfs system {};
     if (statvfs(StateDirectory().c_str(), &system) == 0 && (system.f_flag & ST_RDONLY) != 0)
         return "is on a file system that is mounted read-only; mount it for writing";
-    if (geteuid() != 0) return "is closed to the user " + UserName(geteuid()) + "; it takes the rights of root";
-    return "is closed even to root; is it immutable (lsattr), or does a security module guard it?";
+    return "is closed to the user " + UserName(geteuid()) + "; " + std::string(DeniedAccessText());
 }
 
 bool InputIsTerminal() { return isatty(STDIN_FILENO) == 1; }

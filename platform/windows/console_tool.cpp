@@ -108,6 +108,8 @@ std::string_view RegistryPlace() {
 
 std::string_view RegistryOwner() { return "an administrator"; }
 
+std::string_view DeniedAccessText() { return "it takes the rights of an administrator"; }
+
 std::string_view ServiceRestartCommand() {
     return "net stop \"Corvinel Monitoring Agent\" & net start \"Corvinel Monitoring Agent\"";
 }

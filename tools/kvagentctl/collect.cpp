@@ -16,7 +16,6 @@
 #include "foundation/open_file.h"
 #include "foundation/registry_failure.h"
 #include "foundation/registry_store.h"
-#include "jsontext/hash_json.h"
 #include "platform/clock.h"
 #include "platform/console_tool.h"
 #include "platform/near_name.h"
@@ -25,6 +24,7 @@
 #include "queryconf/conf_paths.h"
 #include "tools/kvagentctl/agent_process.h"
 #include "tools/kvagentctl/json_text.h"
+#include "tools/kvagentctl/readable_file.h"
 #include "tools/kvagentctl/verbs.h"
 
 namespace kv::control {
@@ -102,12 +102,11 @@ std::vector<PlannedRecord> RecordsOf(const HashTable* document) {
 }
 
 HashTablePtr ReadPlan(std::u16string_view path) {
-    HashTablePtr document = MakeHashTable();
-    if (!document) throw std::bad_alloc();
-    const JsonReadResult read = JSONFileToHash(document.get(), path);
-    if (!read.ok) throw std::runtime_error(read.message);
-    if (!read.message.empty()) fmt::print(stderr, "{}\n", read.message);
-    return document;
+    PlanFile plan = ReadPlanFile(path);
+    const std::string name = NativeName(path);
+    if (!plan.document) throw std::runtime_error(fmt::format("{}: {}", name, plan.failure));
+    if (!plan.notice.empty()) fmt::print(stderr, "{}: {}\n", name, InLine(plan.notice));
+    return std::move(plan.document);
 }
 
 /// Fills in what collecting needs of the agent's settings; they are only read. The failure to read where the agent is.
@@ -145,7 +144,7 @@ std::vector<HashTablePtr> ReadPlans(const Given& given, platform::Error failure)
     const std::u16string own = ConcatStrings(bin, conf_path::ownPlan);
     if (!MayExist(own))
         throw NotFoundError(
-            fmt::format("the agent has no plan: there is no {}", Utf8FromWide(platform::Files().NativePath(own))));
+            fmt::format("the agent has no plan: there is no {}; name one: kvagentctl collect PLAN", NativeName(own)));
     plans.push_back(ReadPlan(own));
     if (!Has(given, "--slaves")) return plans;
     for (const std::u16string& plan : PlansOfSlaves(bin)) plans.push_back(ReadPlan(plan));

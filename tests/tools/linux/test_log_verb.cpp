@@ -50,9 +50,13 @@ TEST_F(LogVerb, ShowsEntriesWithoutTheUsualOnes) {
         "last\\x1b\n";
     EXPECT_EQ(Run({"log"}).output, entries);
     EXPECT_EQ(Run({"log", "-n", "1"}).output, "2026/11/26 23:33:06.100 last\\x1b\n");
+    EXPECT_EQ(Run({"log", "-n", "5"}).output, "2026/11/26 23:33:02.100 older\n" + entries);
     const std::string all = Run({"log", "--all"}).output;
     EXPECT_THAT(all, testing::StartsWith("2026/11/26 23:33:01.100 oldest\n2026/11/26 23:33:02.100 older\n"));
     EXPECT_THAT(all, HasSubstr("value of X : 2\n"));
+    fs::remove(logs / Name(0));
+    fs::create_directory(logs / Name(0));
+    EXPECT_THAT(Run({"log"}).errors, HasSubstr("agent.log is a directory, not a file; move it away"));
 }
 
 TEST_F(LogVerb, FollowsPastRotationsAndLosesNothing) {

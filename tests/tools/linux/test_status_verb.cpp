@@ -1,4 +1,5 @@
 // kvagentctl status over the state that an agent leaves, whatever of it is there.
+#include <fstream>
 #include <json-c/json.h>
 #include <memory>
 #include <regex>
@@ -101,6 +102,7 @@ TEST_F(StatusVerb, TellsPeopleAndPrograms) {
 
 TEST_F(StatusVerb, EndsAsAMonitoringPlugin) {
     const std::string stopped = "collection is stopped since ";
+    std::ofstream log;
     const struct {
         const char* title;
         std::function<void()> change;
@@ -115,6 +117,16 @@ TEST_F(StatusVerb, EndsAsAMonitoringPlugin) {
         {"stopped", [&] { health.isCollecting = false, WriteHealth(); }, 2, "KVAGENT CRITICAL - " + stopped},
         {"ended", [&] { health.processId = 1, WriteHealth(); }, 2, "KVAGENT CRITICAL - the agent does not run: pro"},
         {"never ran", [&] { fs::remove(monitoring / "logs/status.json"); }, 2, "does not run, and has not run here"},
+        {"ended in the console", [&] { health.isInConsole = true, health.processId = 1, WriteHealth(); }, 2,
+         "process 1 in the console (/t) was ended after "},
+        {"runs untold",
+         [&] {
+             fs::remove(monitoring / "logs/status.json");
+             log.open(monitoring / "logs/agent.log");
+         },
+         3, "status.json is missing, although the agent runs"},
+        {"a file for the zips", [&] { fs::remove(monitoring / "bin/zipdata"), Write(monitoring / "bin/zipdata", ""); },
+         3, "zipdata cannot be looked at: it is not a directory"},
         {"a refused plan", [&] { Write(monitoring / "conf/download/queryconf.txt.refused", ""); }, 0, "KVAGENT OK"},
         {"a newer one",
          [&] {
@@ -123,7 +135,8 @@ TEST_F(StatusVerb, EndsAsAMonitoringPlugin) {
          },
          1, "KVAGENT WARNING - a newer plan was refused"},
         {"no plan", [&] { fs::remove(monitoring / "conf/queryconf.txt"); }, 1, "there is no plan"},
-        {"half a plan", [&] { Write(monitoring / "conf/queryconf.txt", "{ \"WorkFlows\": ["); }, 1, "cannot be read"},
+        {"half a plan", [&] { Write(monitoring / "conf/queryconf.txt", "{ \"WorkFlows\": ["); }, 1,
+         "queryconf.txt: unexpected"},
         {"damage", [&] { Write(monitoring / "logs/status.json", "{"); }, 3, "KVAGENT UNKNOWN - "},
         {"no customer", [] { Delete(agentKeyPath, u"CustomerName"); }, 2, "CRITICAL - CustomerName is missing"},
         {"a number",
@@ -135,7 +148,8 @@ TEST_F(StatusVerb, EndsAsAMonitoringPlugin) {
         {"no directory", [&] { fs::remove_all(monitoring / "bin"); }, 3, "the disk room at "},
         {"no install directory", [] { Set(agentKeyPath, u"KVAgentInstallDir", u"/no/such/"); }, 2,
          "KVAgentInstallDir names a directory that does not exist"},
-        {"no key", [] { Set(monitoringKeyPath, u"MonitoringAgentKey", u"NULL"); }, 2, "not registered yet: registered"},
+        {"no key", [] { Set(monitoringKeyPath, u"MonitoringAgentKey", u"NULL"); }, 1,
+         "MonitoringAgentKey is missing, although"},
         {"full", [] {}, 1, "KVAGENT WARNING - the disk has room for ", {"--warning-free", "1000000000"}},
     };
     static const std::regex line("KVAGENT [A-Z]+ - [^|\n]+ \\|( [A-Za-z_]+=[0-9]+[sBc]?;([0-9]+:?)?;([0-9]+:?)?;0)+\n");
@@ -146,6 +160,7 @@ TEST_F(StatusVerb, EndsAsAMonitoringPlugin) {
         Words words{"status", "--plugin"};
         words.insert(words.end(), options.begin(), options.end());
         const Outcome outcome = Run(words);
+        log.close();
         EXPECT_EQ(outcome.exitCode, exitCode);
         EXPECT_THAT(outcome.output, HasSubstr(text));
         EXPECT_TRUE(std::regex_match(outcome.output, line)) << outcome.output;

@@ -15,6 +15,7 @@
 #include "tools/kvagentctl/check/check_parts.h"
 #include "tools/kvagentctl/log/log_entries.h"
 #include "tools/kvagentctl/log/log_files.h"
+#include "tools/kvagentctl/readable_file.h"
 #include "tools/kvagentctl/verbs.h"
 
 namespace kv::control {
@@ -38,6 +39,14 @@ class Printer {
         if (isLive_) return Print(entry);
         waiting_.push_back(entry);
         if (std::cmp_greater(waiting_.size(), lines_)) waiting_.pop_front();
+    }
+
+    /// How many entries are still wanted of what was written before those that wait.
+    std::int64_t missing() const { return isLive_ ? 0 : lines_ - static_cast<std::int64_t>(waiting_.size()); }
+
+    /// Takes entries that were written before those that wait, no more than are missing.
+    void TakeEarlier(const Printer& earlier) {
+        waiting_.insert(waiting_.begin(), earlier.waiting_.begin(), earlier.waiting_.end());
     }
 
     /// Prints what waits; from now on each entry as it comes.
@@ -73,6 +82,18 @@ std::u16string LogPath() {
     return install + u"monitoring\\logs\\agent.log";
 }
 
+/// Hands all entries of a log that is not written to any more.
+void ReadLog(const std::u16string& path, Printer& printer) {
+    if (const std::string fault = FileFault(path); !fault.empty()) {
+        fmt::print(stderr, "kvagentctl: {} {}; it is left out\n", NativeName(path), fault);
+        return;
+    }
+    LogEntries entries([&](const std::string& entry) { printer.Take(entry); });
+    LogFollower once(path);
+    once.ReadNew([&](std::string_view bytes) { entries.Feed(bytes); });
+    entries.Finish();
+}
+
 void Follow(LogFollower& follower, LogEntries& entries) {
     platform::WatchForInterrupt();
     while (!platform::WasInterrupted() && platform::OutputHasReader()) {
@@ -89,29 +110,30 @@ void Follow(LogFollower& follower, LogEntries& entries) {
 void RunLog(const Given& given) {
     const LogLines silence([](std::string_view) {});
     const std::u16string path = LogPath();
-    const std::string name = platform::Utf8FromWide(platform::Files().NativePath(path));
+    const std::string name = NativeName(path);
     const bool follows = Has(given, "--follow");
     if (!MayExist(path) && !follows)
         throw commandline::NotFoundError(fmt::format("there is no {}: has the agent run here?", name));
-    if (MayExist(path) && fileExists(path) != 1)
-        throw std::runtime_error(
-            fmt::format("{} cannot be read; it takes the rights of {}", name, platform::RegistryOwner()));
+    if (const std::string fault = MayExist(path) ? FileFault(path) : ""; !fault.empty())
+        throw std::runtime_error(fmt::format("{} {}", name, fault));
     const bool printsAll = !follows && !Has(given, "--lines");
     const std::int64_t lines =
         commandline::Number(given, "--lines", follows ? linesToFollow : everyLine, {0, 1'000'000'000});
+    const std::vector<std::u16string> earlierLogs = EarlierLogs(path);
     Printer printer(Has(given, "--all"), lines);
     if (printsAll) printer.GoLive();
     LogEntries entries([&](const std::string& entry) { printer.Take(entry); });
     LogFollower follower(path);
-    if (Has(given, "--all")) {
-        for (const std::u16string& earlier : EarlierLogs(path)) {
-            LogFollower once(earlier);
-            once.ReadNew([&](std::string_view bytes) { entries.Feed(bytes); });
-            entries.Finish();
-        }
+    if (printsAll && Has(given, "--all")) {
+        for (const std::u16string& earlier : earlierLogs) ReadLog(earlier, printer);
     }
     follower.ReadNew([&](std::string_view bytes) { entries.Feed(bytes); });
     entries.Finish();
+    for (auto earlier = earlierLogs.rbegin(); earlier != earlierLogs.rend() && printer.missing() > 0; ++earlier) {
+        Printer older(Has(given, "--all"), printer.missing());
+        ReadLog(*earlier, older);
+        printer.TakeEarlier(older);
+    }
     printer.GoLive();
     if (follows) Follow(follower, entries);
 }

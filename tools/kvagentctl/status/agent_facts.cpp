@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
+#include "foundation/agent_health.h"
 #include "foundation/agent_settings.h"
 #include "foundation/agent_state.h"
 #include "foundation/file_utils.h"
@@ -13,12 +14,12 @@
 #include "foundation/registry_store.h"
 #include "foundation/text.h"
 #include "foundation/time_utils.h"
-#include "jsontext/hash_json.h"
 #include "platform/messages.h"
 #include "platform/process.h"
 #include "platform/service_manager.h"
 #include "platform/utf.h"
 #include "queryconf/conf_paths.h"
+#include "tools/kvagentctl/readable_file.h"
 #include "tools/kvagentctl/status/status_text.h"
 #include "tools/kvreg/registry_tree.h"
 
@@ -29,8 +30,6 @@ namespace {
 using platform::Error;
 using platform::Utf8FromWide;
 namespace error = platform::error;
-
-std::string NativeName(std::u16string_view path) { return Utf8FromWide(platform::Files().NativePath(path)); }
 
 /// A setting's text; absent when it is absent or of another type. A registry that cannot be read is noted.
 OptionalText Setting(AgentFacts& facts, std::u16string_view key, std::u16string_view name) {
@@ -118,33 +117,61 @@ bool GatherService(AgentFacts& facts) {
     return false;
 }
 
-/// Looks whether the process that wrote the file still runs. A number that another program has by now is not it.
-void GatherProcess(AgentFacts& facts, bool isServiceActive) {
-    facts.isRunning = isServiceActive;
-    if (!facts.health) return;
-    const std::int64_t id = facts.health->processId;
-    if (id == 0) {
-        facts.process = "stopped " + TimeWithAge(facts.health->writeTime, facts.now);
-        return;
-    }
-    std::u16string name;
-    const Error result = platform::Processes().GetProcessName(static_cast<std::uint32_t>(id), name);
-    if (result == error::success && name == u"MonitoringAgent") {
-        facts.isRunning = true;
-        facts.process = fmt::format("process {} since {}", id, TimeText(facts.health->startTime));
-    } else if (result == error::success || result == error::fileNotFound) {
-        facts.process = fmt::format("process {} has ended without a stop", id);
-    } else {
-        facts.process = fmt::format("process {} cannot be looked at: {}", id, platform::MessageInLine(result));
-    }
-}
-
 void GatherHealth(AgentFacts& facts, std::u16string_view binPath) {
     const std::u16string path = HealthFilePath(binPath);
     if (!MayExist(path)) return;
+    const std::string fault = FileFault(path);
     std::string failure;
-    facts.health = ReadHealthFile(path, failure);
-    if (!facts.health) facts.healthFailure = fmt::format("{} cannot be read: {}", NativeName(path), failure);
+    if (fault.empty()) facts.health = ReadHealthFile(path, failure);
+    if (!facts.health)
+        facts.healthFailure =
+            fmt::format("{} {}", NativeName(path),
+                        fault.empty() ? "cannot be read: " + failure + "; an agent that runs writes it again" : fault);
+}
+
+/// Looks whether the process that wrote the file still runs; true when it does. A number that another program has by
+/// now is not it.
+bool GatherProcess(AgentFacts& facts) {
+    const HealthSnapshot& health = *facts.health;
+    if (health.processId == 0) {
+        facts.process = "stopped " + TimeWithAge(health.writeTime, facts.now);
+        return false;
+    }
+    std::u16string name;
+    const Error result = platform::Processes().GetProcessName(static_cast<std::uint32_t>(health.processId), name);
+    const bool runs = result == error::success && name == u"MonitoringAgent";
+    if (runs)
+        facts.process = fmt::format("process {} since {}", health.processId, TimeText(health.startTime));
+    else if (result != error::success && result != error::fileNotFound)
+        facts.process = fmt::format("process {} cannot be looked at: {}", health.processId, ReasonText(result));
+    else if (health.isInConsole)
+        facts.process = fmt::format("process {} in the console (/t) was ended after {}", health.processId,
+                                    TimeText(health.writeTime));
+    else
+        facts.process = fmt::format("process {} has ended without a stop", health.processId);
+    return runs;
+}
+
+/// Whether an agent runs. One that cannot write its status file is known to the service manager, or by its log, which
+/// it keeps open.
+void GatherActivity(AgentFacts& facts, const std::u16string& binPath) {
+    const bool isServiceActive = GatherService(facts);
+    const bool hasWriter = facts.health && GatherProcess(facts);
+    facts.isRunning = isServiceActive || hasWriter;
+    if (hasWriter || binPath.empty()) return;
+    const std::u16string log = binPath + u"..\\logs\\agent.log";
+    const bool isLogOpen = platform::Files().GetFileUseState(log) == error::sharingViolation;
+    facts.isRunning = isServiceActive || isLogOpen;
+    if (!facts.isRunning && !facts.health && facts.healthFailure.empty() && MayExist(log))
+        facts.process =
+            fmt::format("{} is missing, beside the log of an earlier run", NativeName(HealthFilePath(binPath)));
+    if (!facts.isRunning) return;
+    facts.process = isLogOpen ? fmt::format("a process that keeps {} open", NativeName(log)) : "";
+    if (!facts.healthFailure.empty()) return;
+    facts.healthFailure =
+        fmt::format("{} is {}, although the agent runs; the log says why it is not written, such as a full disk",
+                    NativeName(HealthFilePath(binPath)),
+                    facts.health ? "of an earlier run (" + TimeText(facts.health->writeTime) + ")" : "missing");
 }
 
 /// When a file was written, seconds since 1970; 0 when that cannot be told.
@@ -184,14 +211,11 @@ void GatherPlan(AgentFacts& facts, const std::u16string& binPath) {
         return;
     }
     plan.time = WriteTimeOf(path);
-    const HashTablePtr document = MakeHashTable();
-    if (!document) throw std::bad_alloc();
-    const JsonReadResult read = JSONFileToHash(document.get(), path);
-    if (read.ok)
-        CountPlan(document.get(), plan);
+    const PlanFile read = ReadPlanFile(path);
+    if (read.document)
+        CountPlan(read.document.get(), plan);
     else
-        plan.failure = "it cannot be read: " +
-                       (read.fileError != error::success ? platform::MessageInLine(read.fileError) : read.message);
+        plan.failure = read.failure;
 }
 
 void GatherDisk(AgentFacts& facts, const std::u16string& binPath) {
@@ -229,6 +253,7 @@ class Judge {
     }
 
     void JudgeAgent();
+    void JudgeRegistration();
     void JudgeReadability();
     void JudgeQueue();
     void JudgePlan();
@@ -250,23 +275,33 @@ void Judge::JudgeAgent() {
     for (const std::string& fault : facts_.faultySettings) Add(PluginStatus::critical, fault);
     AddIf(facts_.isInstallLost, PluginStatus::critical, "KVAgentInstallDir names a directory that does not exist");
     const bool isSetUp = facts_.missingSettings.empty() && facts_.faultySettings.empty();
-    if (facts_.registryFailure.empty() && isSetUp && facts_.key.empty())
-        Add(PluginStatus::critical,
-            "not registered yet" +
-                (facts_.health && !facts_.health->registration.empty() ? ": " + facts_.health->registration : ""));
+    if (facts_.registryFailure.empty() && isSetUp && facts_.key.empty()) JudgeRegistration();
     if (facts_.health && !facts_.health->isCollecting)
         Add(PluginStatus::critical, "collection is stopped since " + TimeText(facts_.health->collectionStopTime));
+}
+
+/// An agent that has registered works with its key until its end, also when the setting has gone since.
+void Judge::JudgeRegistration() {
+    const std::string outcome = facts_.health ? facts_.health->registration : "";
+    if (outcome == registeredOutcome)
+        Add(PluginStatus::warning,
+            fmt::format(
+                "Monitoring\\MonitoringAgentKey is missing, although the agent registered at {}; its next start "
+                "registers it again",
+                TimeText(facts_.health->registrationTime)));
+    else
+        Add(PluginStatus::critical, "not registered yet" + (outcome.empty() ? "" : ": " + outcome));
 }
 
 void Judge::JudgeReadability() {
     if (!facts_.healthFailure.empty()) Add(PluginStatus::unknown, facts_.healthFailure);
     if (facts_.diskError != error::success && !facts_.isInstallLost)
-        Add(PluginStatus::unknown, fmt::format("the disk room at {} cannot be told: {}", facts_.binPath,
-                                               platform::MessageInLine(facts_.diskError)));
-    for (const auto& [waiting, what] : {std::pair{&facts_.records, "records"}, {&facts_.zips, "zips"}}) {
+        Add(PluginStatus::unknown,
+            fmt::format("the disk room at {} cannot be told: {}", facts_.binPath, ReasonText(facts_.diskError)));
+    for (const auto& [waiting, folder] : {std::pair{&facts_.records, "data"}, {&facts_.zips, "zipdata"}}) {
         if (waiting->error != error::success)
-            Add(PluginStatus::unknown,
-                fmt::format("the {} that wait cannot be looked at: {}", what, platform::MessageInLine(waiting->error)));
+            Add(PluginStatus::unknown, fmt::format("what waits in {}{} cannot be looked at: {}", facts_.binPath, folder,
+                                                   ReasonText(waiting->error)));
     }
 }
 
@@ -303,7 +338,7 @@ AgentFacts GatherFacts() {
         GatherPlan(facts, binPath);
         GatherDisk(facts, binPath);
     }
-    GatherProcess(facts, GatherService(facts));
+    GatherActivity(facts, binPath);
     return facts;
 }
 

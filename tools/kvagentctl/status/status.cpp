@@ -7,10 +7,12 @@
 #include <utility>
 
 #include "commandline/run.h"
+#include "foundation/agent_health.h"
 #include "foundation/registry_failure.h"
 #include "foundation/version.h"
 #include "platform/messages.h"
 #include "tools/kvagentctl/json_text.h"
+#include "tools/kvagentctl/readable_file.h"
 #include "tools/kvagentctl/status/agent_facts.h"
 #include "tools/kvagentctl/status/status_text.h"
 #include "tools/kvagentctl/verbs.h"
@@ -49,7 +51,9 @@ std::string AgentText(const AgentFacts& facts) {
 }
 
 std::string WaitingText(const WaitingFiles& waiting, std::string_view what, std::int64_t now) {
-    if (waiting.number == 0 && waiting.error == platform::error::success) return fmt::format("no {} waits", what);
+    if (waiting.number == 0 && waiting.error != platform::error::success)
+        return "not known: " + ReasonText(waiting.error);
+    if (waiting.number == 0) return fmt::format("no {} waits", what);
     std::string text = fmt::format("{} {}, {}", Counted(waiting.number, what), waiting.number == 1 ? "waits" : "wait",
                                    SizeText(waiting.bytes));
     if (waiting.oldestTime != 0) text += ", the oldest for " + DurationText(now - waiting.oldestTime);
@@ -98,7 +102,8 @@ std::vector<Line> Lines(const AgentFacts& facts) {
         lines.emplace_back("settings", "not known: " + facts.registryFailure);
         return lines;
     }
-    lines.emplace_back("key", facts.key.empty() ? "not registered yet" : facts.key);
+    const bool hasRegistered = facts.health && facts.health->registration == registeredOutcome;
+    lines.emplace_back("key", !facts.key.empty() ? facts.key : hasRegistered ? "missing" : "not registered yet");
     lines.emplace_back("server", ServerText(facts));
     if (facts.binPath.empty()) return lines;
     AddHealthLines(facts, lines);
@@ -109,7 +114,7 @@ std::vector<Line> Lines(const AgentFacts& facts) {
     lines.emplace_back("records", WaitingText(facts.records, "record", facts.now));
     lines.emplace_back("zips", WaitingText(facts.zips, "zip", facts.now));
     lines.emplace_back("disk room", facts.freeBytes ? fmt::format("{} at {}", SizeText(*facts.freeBytes), facts.binPath)
-                                                    : "not known: " + platform::MessageInLine(facts.diskError));
+                                                    : "not known: " + ReasonText(facts.diskError));
     return lines;
 }
 
@@ -168,6 +173,7 @@ json_object* JsonHealth(const HealthSnapshot& health) {
                        {"registrationTime", json_object_new_int64(health.registrationTime)},
                        {"registration", JsonText(health.registration)},
                        {"isCollecting", json_object_new_boolean(health.isCollecting)},
+                       {"isInConsole", json_object_new_boolean(health.isInConsole)},
                        {"collectionStopTime", json_object_new_int64(health.collectionStopTime)},
                        {"lastFailureTime", json_object_new_int64(health.lastFailureTime)},
                        {"lastFailure", JsonText(health.lastFailure)},

@@ -1,0 +1,68 @@
+#include "tools/kvagentctl/readable_file.h"
+
+#include <fmt/format.h>
+#include <new>
+#include <utility>
+
+#include "foundation/file_utils.h"
+#include "foundation/open_file.h"
+#include "jsontext/hash_json.h"
+#include "platform/console_tool.h"
+#include "platform/messages.h"
+#include "platform/utf.h"
+
+namespace kv::control {
+
+namespace {
+
+namespace error = platform::error;
+
+/// A message of the reader without the file's name ahead, as the end of a sentence.
+std::string WithoutName(const std::string& message, std::u16string_view path) {
+    const std::string name = platform::Utf8FromWide(path) + ": ";
+    return message.starts_with(name) ? message.substr(name.size()) : message;
+}
+
+}  // namespace
+
+std::string NativeName(std::u16string_view path) { return platform::Utf8FromWide(platform::Files().NativePath(path)); }
+
+std::string FileFault(std::u16string_view path) {
+    if (IsDirectory(path)) return "is a directory, not a file; move it away";
+    OpenFile file;
+    platform::FileInformation information;
+    platform::Error result = file.Open(path, platform::FileAccess::read, platform::FileShare::readWrite,
+                                       platform::FileDisposition::openExisting);
+    if (result == error::success) result = platform::Files().GetFileInformationByHandle(file.handle, information);
+    if (result == error::fileNotFound || result == error::pathNotFound)
+        return MayExist(path) ? "is a link to what does not exist" : "does not exist";
+    if (result == error::accessDenied) return "may not be read; " + std::string(platform::DeniedAccessText());
+    if (result != error::success) return "cannot be read: " + ReasonText(result);
+    const bool isDevice = (information.attributes & platform::file_attribute::device) != 0;
+    return isDevice ? "is a device or a pipe, not a file; move it away" : "";
+}
+
+std::string ReasonText(platform::Error failure) {
+    if (failure == error::directoryName) return "it is not a directory; move it away";
+    std::string text = platform::MessageInLine(failure);
+    if (text.ends_with('.')) text.pop_back();
+    if (text.empty()) return fmt::format("error {}", failure);
+    text = fmt::format("{} (error {})", text, failure);
+    return failure == error::accessDenied ? fmt::format("{}; {}", text, platform::DeniedAccessText()) : text;
+}
+
+PlanFile ReadPlanFile(std::u16string_view path) {
+    PlanFile plan;
+    if (const std::string fault = FileFault(path); !fault.empty()) {
+        plan.failure = "it " + fault;
+        return plan;
+    }
+    HashTablePtr document = MakeHashTable();
+    if (!document) throw std::bad_alloc();
+    const JsonReadResult read = JSONFileToHash(document.get(), path);
+    (read.ok ? plan.notice : plan.failure) = WithoutName(read.message, path);
+    if (read.ok) plan.document = std::move(document);
+    return plan;
+}
+
+}  // namespace kv::control

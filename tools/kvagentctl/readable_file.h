@@ -1,0 +1,33 @@
+// Files of the agent that a verb reads, and what is told when one cannot be read.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "foundation/hash_table.h"
+#include "platform/errors.h"
+
+namespace kv::control {
+
+/// A path as this system names it, in UTF-8.
+std::string NativeName(std::u16string_view path);
+
+/// Why a path cannot be read as a file, going on from its name: "is a directory", "may not be read; ...". Empty when it
+/// can. Waits for nothing, whatever stands at the path.
+std::string FileFault(std::u16string_view path);
+
+/// Why something failed, as the end of a sentence: the system's text without its full stop, and for denied access whose
+/// rights it takes.
+std::string ReasonText(platform::Error failure);
+
+/// What reading a plan came to.
+struct PlanFile {
+    HashTablePtr document;  // null after a failure
+    std::string failure;    // stands behind the plan's name and a colon; empty after a success
+    std::string notice;     // what was passed over, likewise
+};
+
+/// Throws std::bad_alloc.
+PlanFile ReadPlanFile(std::u16string_view path);
+
+}  // namespace kv::control
