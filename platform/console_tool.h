@@ -54,6 +54,17 @@ struct FilePermissions {
 /// From now on Ctrl-C, or what else asks the program to end, ends nothing by itself: WasInterrupted tells of it.
 void WatchForInterrupt();
 [[nodiscard]] bool WasInterrupted();
+
+/// While it lives, a first Ctrl-C ends nothing by itself, and WasInterrupted tells of it; another one ends the program.
+/// Forgets an earlier interrupt. One at a time, on one thread.
+class InterruptWatch {
+  public:
+    InterruptWatch();
+    ~InterruptWatch();
+    InterruptWatch(const InterruptWatch&) = delete;
+    InterruptWatch& operator=(const InterruptWatch&) = delete;
+};
+
 /// How many columns the terminal has that standard output goes to; 0 when it goes elsewhere.
 [[nodiscard]] std::size_t OutputColumns();
 

@@ -155,6 +155,16 @@ void WatchForInterrupt() {
 
 bool WasInterrupted() { return isInterrupted != 0; }
 
+InterruptWatch::InterruptWatch() {
+    isInterrupted = 0;
+    struct sigaction action {};
+    action.sa_handler = [](int) { isInterrupted = 1; };
+    action.sa_flags = static_cast<int>(SA_RESETHAND | SA_RESTART);  // a write that was begun goes on
+    sigaction(SIGINT, &action, nullptr);
+}
+
+InterruptWatch::~InterruptWatch() { std::signal(SIGINT, SIG_DFL); }
+
 std::size_t OutputColumns() {
     winsize size{};
     if (isatty(STDOUT_FILENO) != 1) return 0;

@@ -21,6 +21,13 @@ constexpr int historySize = 1000;        // lines
 constexpr std::size_t mostListed = 200;  // words that a line may go on with
 constexpr const char* wordEnds = " \t,({=<>!";
 
+/// Whether something other than a file, such as a pipe that nobody writes to, stands at a path.
+bool IsNoFile(const std::string& path) {
+    std::error_code absent;
+    const fs::file_type type = fs::status(path, absent).type();
+    return type != fs::file_type::regular && type != fs::file_type::not_found && type != fs::file_type::none;
+}
+
 /// The history's file; empty where the user has no home. Makes its folders.
 std::string HistoryFile(const std::string& program) {
     const char* const state = std::getenv("XDG_STATE_HOME");
@@ -106,7 +113,7 @@ unsigned char CompleteWord(EditLine* line, int) {
 void Keep(Editor& editor, const std::string& line) {
     HistEvent event{};
     history(editor.history, &event, H_ENTER, line.c_str());
-    if (editor.historyFile.empty()) return;
+    if (editor.historyFile.empty() || IsNoFile(editor.historyFile)) return;
     const mode_t former = umask(0077);
     history(editor.history, &event, H_SAVE, editor.historyFile.c_str());
     umask(former);
@@ -123,6 +130,10 @@ LinePrompt::LinePrompt(const std::string& program, const std::string& prompt, Co
     state.prompt = prompt;
     state.complete = std::move(complete);
     state.historyFile = HistoryFile(program);
+    if (!state.historyFile.empty() && IsNoFile(state.historyFile)) {
+        std::fprintf(stderr, "%s: %s is not a file; lines are not kept\n", program.c_str(), state.historyFile.c_str());
+        state.historyFile.clear();
+    }
     state.history = history_init();
     HistEvent event{};
     history(state.history, &event, H_SETSIZE, historySize);

@@ -100,6 +100,11 @@ Error WriteOutput(const std::wstring& path, std::string_view bytes) {
     return ReplaceFile(whole.empty() ? path : whole, bytes);
 }
 
+/// Leaves all but the first Ctrl-C to the system, which ends the program.
+BOOL WINAPI TakeFirstInterrupt(DWORD event) {
+    return event == CTRL_C_EVENT && !isInterrupted.exchange(true) ? TRUE : FALSE;
+}
+
 }  // namespace
 
 std::string_view RegistryPlace() {
@@ -132,6 +137,13 @@ void WatchForInterrupt() {
 }
 
 bool WasInterrupted() { return isInterrupted; }
+
+InterruptWatch::InterruptWatch() {
+    isInterrupted = false;
+    ::SetConsoleCtrlHandler(TakeFirstInterrupt, TRUE);
+}
+
+InterruptWatch::~InterruptWatch() { ::SetConsoleCtrlHandler(TakeFirstInterrupt, FALSE); }
 
 bool InputIsTerminal() {
     DWORD mode = 0;  // only a console has one

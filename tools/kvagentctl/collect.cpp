@@ -24,6 +24,7 @@
 #include "queryconf/conf_paths.h"
 #include "tools/kvagentctl/agent_process.h"
 #include "tools/kvagentctl/json_text.h"
+#include "tools/kvagentctl/output.h"
 #include "tools/kvagentctl/readable_file.h"
 #include "tools/kvagentctl/verbs.h"
 
@@ -252,7 +253,8 @@ void PrintRecord(const PlannedRecord& planned, const CollectedRecord& collected)
     if (collected.text && !collected.text->empty()) {
         const JsonPtr json = ParsedJson(*collected.text);
         const std::string text = json ? TextOfJson(json.get()) : *collected.text;
-        fmt::print("{}{}", text, text.ends_with('\n') ? "" : "\n");
+        PrintText(text);
+        if (!text.ends_with('\n')) fmt::print("\n");
         if (!json) fmt::print("   not JSON: the server may not understand it\n");
     }
     for (const std::string& line : collected.lines) fmt::print("   log: {}\n", InLine(line));

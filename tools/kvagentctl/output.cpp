@@ -1,10 +1,13 @@
 #include "tools/kvagentctl/output.h"
 
 #include <algorithm>
+#include <fmt/format.h>
+#include <stdexcept>
 #include <utf8.h>
 #include <wchar.h>
 
 #include "commandline/run.h"
+#include "platform/console_tool.h"
 #include "tools/kvagentctl/json_text.h"
 
 namespace kv::control {
@@ -116,6 +119,22 @@ Cell Cell::List(const std::vector<Cell>& elements) {
     std::string list;
     for (const Cell& element : elements) list += (list.empty() ? "" : ", ") + JsonTextOf(JsonOf(element));
     return Literal("[" + list + "]");
+}
+
+void PrintText(std::string_view text) {
+    const bool isForTerminal = platform::OutputColumns() > 0;
+    while (!text.empty()) {
+        if (platform::WasInterrupted()) throw std::runtime_error("interrupted");
+        const std::size_t end = std::min(text.find_first_of("\t\n"), text.size());
+        std::size_t shown = end;
+        if (end < text.size() && text.substr(0, end).ends_with('\r')) --shown;  // of a line end
+        fmt::print("{}{}",
+                   isForTerminal ? commandline::InLine(text.substr(0, shown)) : std::string(text.substr(0, shown)),
+                   text.substr(shown, end + 1 - shown));
+        text.remove_prefix(std::min(end + 1, text.size()));
+        if (isForTerminal) commandline::FlushOutput();
+    }
+    commandline::FlushOutput();
 }
 
 TableWidth WidthOf(const Table& table) {

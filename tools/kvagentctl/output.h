@@ -3,6 +3,7 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -42,6 +43,11 @@ struct Table {
 /// blank line between rows. json: an array of objects, one for each row. csv: RFC 4180 with a header line; a null cell
 /// is empty.
 std::string Printed(const Table& table, Form form);
+
+/// Prints a text of several lines on standard output, at once. A terminal gets control characters other than tabs and
+/// line ends escaped; a file or a pipe gets every byte. Throws std::runtime_error when it cannot be written, and when
+/// platform::WasInterrupted; the rest is not printed then.
+void PrintText(std::string_view text);
 
 /// Columns of a terminal that a table's names take, and that its longest line takes.
 struct TableWidth {

@@ -44,32 +44,35 @@ std::string QueryText(const Given& given) {
     return fmt::format("{}", fmt::join(commandline::Values(given, "QUERY"), " "));
 }
 
-/// Runs a line that is one of several: a failure is told, and the next one runs. The exit code of the line; absent for
-/// the end.
-std::optional<int> RunOne(QuerySession& session, const std::string& line) {
+int TellFailure(const std::string& place, const std::exception& error, int exitCode) {
+    fmt::print(stderr, "{}{}\n", place, commandline::InLine(error.what()));
+    return exitCode;
+}
+
+/// Runs a line that is one of several: a failure is told, behind its place, and the next one runs. The exit code of the
+/// line; absent for the end.
+std::optional<int> RunOne(QuerySession& session, const std::string& line, const std::string& place = "") {
     try {
         return session.RunLine(line) ? std::optional(0) : std::nullopt;
     } catch (const commandline::NotFoundError& error) {
-        fmt::print(stderr, "{}\n", commandline::InLine(error.what()));
-        return 3;
+        return TellFailure(place, error, 3);
     } catch (const UsageError& error) {
-        fmt::print(stderr, "{}\n", commandline::InLine(error.what()));
-        return 2;
+        return TellFailure(place, error, 2);
     } catch (const std::exception& error) {
         if (std::ferror(stdout) != 0) throw;  // of no use to go on
-        fmt::print(stderr, "{}\n", commandline::InLine(error.what()));
-        return 1;
+        return TellFailure(place, error, 1);
     }
 }
 
 /// The next line of standard input; false at its end. Throws when the line is longer than a query may be.
-bool ReadLine(std::string& line) {
+bool ReadLine(std::string& line, std::size_t number) {
     line.clear();
     std::streambuf& input = *std::cin.rdbuf();
     for (int byte = input.sbumpc(); byte != EOF; byte = input.sbumpc()) {
         if (byte == '\n') return true;
         if (line.size() >= longestLine)
-            throw std::runtime_error(fmt::format("a line of standard input has more than {} bytes", longestLine));
+            throw std::runtime_error(
+                fmt::format("line {} of standard input has more than {} bytes", number, longestLine));
         line += static_cast<char>(byte);
     }
     return !line.empty();
@@ -78,8 +81,9 @@ bool ReadLine(std::string& line) {
 /// Without a terminal: queries from standard input, one a line. The exit code is that of the first that fails.
 void RunInput(QuerySession& session) {
     int exitCode = 0;
-    for (std::string line; platform::OutputHasReader() && ReadLine(line);) {
-        const std::optional<int> code = RunOne(session, line);
+    std::size_t number = 1;
+    for (std::string line; platform::OutputHasReader() && ReadLine(line, number); ++number) {
+        const std::optional<int> code = RunOne(session, line, fmt::format("kvagentctl: line {}: ", number));
         if (!code) break;
         if (exitCode == 0) exitCode = *code;
     }
@@ -91,6 +95,7 @@ void RunPrompt(QuerySession& session) {
     commandline::FlushOutput();
     platform::LinePrompt prompt("kvagentctl", "wql> ", QuerySession::Completions);
     while (const std::optional<std::string> line = prompt.Read()) {
+        const platform::InterruptWatch watch;
         if (!RunOne(session, *line)) break;
     }
 }

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <array>
 #include <fmt/format.h>
+#include <iterator>
+#include <sstream>
 
 #include "commandline/run.h"
 #include "platform/console_tool.h"
@@ -35,7 +37,21 @@ constexpr std::array<Mode, 6> modes = {{
     {"record", std::nullopt, Values::asRecord},
 }};
 
-constexpr std::string_view dotCommands[] = {".classes", ".describe", ".help", ".mode", ".quit"};
+/// A command at the prompt, and how many words may follow it.
+struct DotCommand {
+    std::string_view name;
+    std::string_view words;
+    std::size_t least;
+    std::size_t most;
+};
+constexpr DotCommand dotCommands[] = {
+    {".classes", " [PATTERN]", 0, 1},
+    {".describe", " CLASS", 1, 1},
+    {".exit", "", 0, 0},
+    {".help", "", 0, 0},
+    {".mode", " auto|table|line|json|csv|record", 1, 1},
+    {".quit", "", 0, 0},
+};
 
 constexpr std::string_view keywords[] = {
     "SELECT",           "FROM",           "WHERE", "AND", "OR", "NOT", "LIKE", "IS", "NULL", "TRUE", "FALSE", "ISA",
@@ -67,6 +83,20 @@ std::string_view LastWord(std::string_view line) {
     return line.substr(line.find_last_of(" \t,({=<>!") + 1);  // the whole line if no such character is in it
 }
 
+/// A line's command and the word behind it, which may be empty. UsageError for an unknown command, and for more or
+/// fewer words than it takes.
+std::pair<std::string, std::string> CommandAndWord(const std::string& line) {
+    std::istringstream words(line);
+    std::vector<std::string> all{std::istream_iterator<std::string>(words), {}};
+    const auto* const known = std::find_if(std::begin(dotCommands), std::end(dotCommands),
+                                           [&](const DotCommand& one) { return one.name == all.front(); });
+    if (known == std::end(dotCommands))
+        throw UsageError(fmt::format("unknown command '{}'; .help lists them", all.front()));
+    if (all.size() - 1 < known->least || all.size() - 1 > known->most)
+        throw UsageError(fmt::format("usage: {}{}", known->name, known->words));
+    return {all.front(), all.size() > 1 ? all[1] : ""};
+}
+
 /// The names that a word may be the beginning of.
 std::vector<std::string> NamesFor(std::string_view line) {
     std::vector<std::string> names;
@@ -74,7 +104,7 @@ std::vector<std::string> NamesFor(std::string_view line) {
     const std::string_view before = line.substr(0, line.size() - LastWord(line).size());
     const std::string head = Upper(before.substr(0, before.find_last_not_of(blanks) + 1));
     if (head.empty() && line.starts_with('.')) {
-        add(dotCommands);
+        for (const DotCommand& command : dotCommands) names.emplace_back(command.name);
     } else if (head == ".MODE") {
         for (const Mode& mode : modes) names.emplace_back(mode.name);
     } else if (head == ".DESCRIBE" || head == ".CLASSES" || head.ends_with("FROM") || head.ends_with("{")) {
@@ -100,8 +130,7 @@ void QuerySession::Print(const Table& table) const {
         if (width.names > terminal || (table.rows.size() == 1 && width.longest > terminal)) form = Form::line;
     }
     if (table.rows.empty() && (form == Form::table || form == Form::line)) return;
-    fmt::print("{}", Printed(table, form));
-    commandline::FlushOutput();
+    PrintText(Printed(table, form));
 }
 
 void QuerySession::RunQuery(const std::string& query) const {
@@ -124,8 +153,7 @@ void QuerySession::PrintClasses(const std::string& pattern) const {
         if (Matches(one.name, pattern)) table.rows.push_back({one.name, one.meaning});
     }
     if (table.rows.empty()) throw NotFoundError(fmt::format("no class has '{}' in its name", pattern));
-    fmt::print("{}", Printed(table, form_.value_or(Form::table)));
-    commandline::FlushOutput();
+    PrintText(Printed(table, form_.value_or(Form::table)));
 }
 
 void QuerySession::PrintClass(const std::string& name) const {
@@ -150,8 +178,7 @@ void QuerySession::PrintClass(const std::string& name) const {
         fmt::print("{}{}{}.{}\n\n", described->name, described->meaning.empty() ? "" : ": ", described->meaning,
                    superclass);
     }
-    fmt::print("{}", Printed(table, form));
-    commandline::FlushOutput();
+    PrintText(Printed(table, form));
     if (const std::string hint = ClassGuideHint(); !hint.empty()) fmt::print(stderr, "{}\n", hint);
 }
 
@@ -173,21 +200,16 @@ bool QuerySession::RunLine(const std::string& line) {
         RunQuery(text);
         return true;
     }
-    const std::string command = text.substr(0, text.find_first_of(blanks));
-    const std::size_t at = text.find_first_not_of(blanks, command.size());
-    const std::string argument = at == text.npos ? "" : text.substr(at);
+    const auto [command, argument] = CommandAndWord(text);
     if (command == ".quit" || command == ".exit") return false;
     if (command == ".help") {
         fmt::print("{}", help);
     } else if (command == ".classes") {
         PrintClasses(argument);
     } else if (command == ".describe") {
-        if (argument.empty()) throw UsageError(".describe takes a class");
         PrintClass(argument);
-    } else if (command == ".mode") {
-        SetMode(argument);
     } else {
-        throw UsageError(fmt::format("unknown command '{}'; .help lists them", command));
+        SetMode(argument);
     }
     return true;
 }

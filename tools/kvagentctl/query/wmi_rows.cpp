@@ -3,10 +3,12 @@
 #include <algorithm>
 #include <cmath>
 #include <fmt/format.h>
+#include <stdexcept>
 
 #include "collection/wmi_query.h"
 #include "collection/wmi_text.h"
 #include "foundation/text.h"
+#include "platform/console_tool.h"
 #include "platform/messages.h"
 #include "platform/utf.h"
 
@@ -199,6 +201,7 @@ WmiRows QueryRows(const std::string& nameSpace, const std::string& query, Values
     RowsInOrder rows(std::move(columns));
     const std::u16string text = WideFromUtf8(query);
     const WmiOutcome outcome = RunWmiQuery(WideFromUtf8(nameSpace), text, [&](platform::WmiHandle object) {
+        if (platform::WasInterrupted()) throw std::runtime_error("interrupted");
         rows.Begin();
         TakeProperties(object, [&](const std::u16string& name, const Variant& value) {
             rows.Put(Utf8FromWide(name), values == Values::asRecord ? Cell(Utf8FromWide(VariantToString(value)))

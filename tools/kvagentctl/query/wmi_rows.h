@@ -24,7 +24,8 @@ struct WmiRows {
     std::string failure;  // what went wrong, in words; empty after a success
 };
 
-/// Runs a query. Rows that came before a failure are in the table. texts: UTF-8. Throws std::bad_alloc.
+/// Runs a query. Rows that came before a failure are in the table. texts: UTF-8. Throws std::bad_alloc,
+/// and std::runtime_error when platform::WasInterrupted.
 WmiRows QueryRows(const std::string& nameSpace, const std::string& query, Values values);
 
 /// The names between SELECT and FROM; empty for "*" and for any other text.
