@@ -65,6 +65,7 @@ void NoteFailedUpload() noexcept;
 
 /// The first registration is on its way. Without effect once there was an outcome.
 void NoteRegistrationBegun() noexcept;
+
 /// What a registration that gave the agent its key came to.
 inline constexpr std::string_view registeredOutcome = "registered";
 
