@@ -58,6 +58,7 @@ TEST_F(HttpSecure, SendsItsCredentialsToTheProxyAtOnce) {
     RawServer proxy(ProxyThatWants(basicCredentials));
     TestServer plain;
     TestServer secure(SecureServer());
+    int asked = 0;
     for (TestServer* server : {&plain, &secure}) {
         SCOPED_TRACE(server == &secure);
         agentState.gv_httpsEnabled = server == &secure;
@@ -73,6 +74,7 @@ TEST_F(HttpSecure, SendsItsCredentialsToTheProxyAtOnce) {
         UseProxy(ProxyList(proxy.port), u"<local>", u"wrong");
         EXPECT_EQ(Get(server->port, u"/echo"), 407u);
         EXPECT_EQ(Post(server->port, u"/post", "x", 1), 407u);
+        EXPECT_EQ(TimesLogged(": the proxy refused the user or the password (HTTP status 407); see Proxy"), asked += 2);
     }
     EXPECT_THAT(proxy.requests.back(),
                 testing::Not(testing::HasSubstr("Connection: Closed")));  // a header for the server
