@@ -65,7 +65,8 @@ void RunCheck(const Given& given) {
 }  // namespace
 
 const commandline::Command& CheckVerb() {
-    static constexpr commandline::Word words[] = {{"PLAN", "a plan's file; default: the agent's own", true}};
+    static constexpr commandline::Word words[] = {
+        {"PLAN", "a plan's file; default: the agent's own and those of its slaves", true}};
     static constexpr commandline::Option options[] = {
         {"--online", "", "tries each address of the server, too: asks it for /, which changes nothing there"},
         {"--json", "", "prints the findings as JSON"}};
