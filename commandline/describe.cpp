@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <fmt/format.h>
+#include <sstream>
 #include <vector>
 
 namespace kv::commandline {
@@ -160,17 +161,40 @@ std::string ValueCases(const Command& command) {
     return cases;
 }
 
+bool TakesFile(const Command& command) {
+    return std::any_of(command.words.begin(), command.words.end(),
+                       [](const Word& word) { return Completion(word.name) != ":"; });
+}
+
+/// Offers the choices of a word that is still to come: so far the line has options alone.
+std::string ChoiceCase(const Command& command) {
+    const auto chosen = std::find_if(command.words.begin(), command.words.end(),
+                                     [](const Word& word) { return !word.choices.empty(); });
+    if (chosen == command.words.end()) return "";
+    std::string given;  // patterns of a line that has the word
+    std::istringstream choices{std::string(chosen->choices)};
+    for (std::string choice; choices >> choice;)
+        given += fmt::format("{}'{} {}'* | '{} '*' {}'*", given.empty() ? "" : " | ", command.name, choice,
+                             command.name, choice);
+    return fmt::format(
+        "        {0}) words='{1}' ;;\n"
+        "        '{2}' | '{2} '*) words='{3}'; [[ $word == -* ]] && words='{1}' ;;\n",
+        given, OptionNames(command), command.name, chosen->choices);
+}
+
+/// Where a file may stand, the options are offered once a dash is typed: bash completes files only where it gets no
+/// words.
+std::string CommandCase(const Command& command) {
+    const char* const files = TakesFile(command) ? "[[ $word == -* ]] || { compopt -o default; return; }; " : "";
+    return fmt::format("        '{0}' | '{0} '*) {2}words='{1}' ;;\n", command.name, OptionNames(command), files);
+}
+
 std::string CommandCases(const Program& program) {
     std::string cases = fmt::format("        '') words='{}' ;;\n", NextWords(program, ""));
     for (const Item& group : program.groups)
         cases += fmt::format("        '{}') words='{}' ;;\n", group.name, NextWords(program, group.name));
-    for (const Command* command : AllCommands(program)) {
-        const bool takesFile = std::any_of(command->words.begin(), command->words.end(),
-                                           [](const Word& word) { return Completion(word.name) != ":"; });
-        cases += ValueCases(*command);
-        cases += fmt::format("        '{0}' | '{0} '*) words='{1}'{2} ;;\n", command->name, OptionNames(*command),
-                             takesFile ? "; compopt -o default" : "");
-    }
+    for (const Command* command : AllCommands(program))
+        cases += ValueCases(*command) + ChoiceCase(*command) + CommandCase(*command);
     return cases;
 }
 
@@ -189,6 +213,8 @@ _{0}() {{
     local word=${{COMP_WORDS[COMP_CWORD]}} words=
     COMPREPLY=()
     local before="${{COMP_WORDS[*]:1:COMP_CWORD-1}}"
+    # Of --name=VALUE bash makes three words.
+    if [[ $word == = ]]; then word=; else before=${{before% =}}; fi
     case $before in
 {1}    esac
     mapfile -t COMPREPLY < <(compgen -W "$words" -- "$word")

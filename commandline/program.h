@@ -19,6 +19,7 @@ struct Word {
     bool isOptional = false;
     bool isRepeated = false;          // the last word of a command: as many as follow, and Values gives them
     bool isCheckedByCommand = false;  // needed, but the command refuses its absence in its own words
+    std::string_view choices = {};  // all that it may be, with blanks between, if that is known; the shell offers them
 };
 
 enum class Times { atMostOnce, once, any };

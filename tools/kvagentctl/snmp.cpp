@@ -265,7 +265,8 @@ void Run(const Given& given) {
 }
 
 constexpr commandline::Word words[] = {
-    {"REQUEST", "get, gnext (the next value behind the OID) or walk (all values below the OID)", false, false, true},
+    {"REQUEST", "get, gnext (the next value behind the OID) or walk (all values below the OID)", false, false, true,
+     "get gnext walk"},
     {"ADDRESS", "Agent IpAddress: the device's address or name", false, false, true},
     {"OID", "numbers with a dot between, such as .1.3.6.1.2.1.1.5.0", false, true, true},
 };
