@@ -108,14 +108,16 @@ bool IsProxy(std::u16string_view entry) {
     }
     if (entry.ends_with(u'/')) entry.remove_suffix(1);
     const std::size_t colon = entry.rfind(u':');
-    const bool hasPort = colon != entry.npos && (entry.find(u':') == colon || entry.substr(0, colon).ends_with(u']'));
-    return IsHost(entry.substr(0, hasPort ? colon : entry.npos)) && (!hasPort || IsPort(entry.substr(colon + 1)));
+    const bool hasPort =
+        colon != std::u16string_view::npos && (entry.find(u':') == colon || entry.substr(0, colon).ends_with(u']'));
+    return IsHost(entry.substr(0, hasPort ? colon : std::u16string_view::npos)) &&
+           (!hasPort || IsPort(entry.substr(colon + 1)));
 }
 
 bool AreProxies(std::u16string_view list) {
     constexpr std::u16string_view separators = u"; \t\r\n";
     bool hasProxy = false;
-    for (std::size_t start = 0; (start = list.find_first_not_of(separators, start)) != list.npos;) {
+    for (std::size_t start = 0; (start = list.find_first_not_of(separators, start)) != std::u16string_view::npos;) {
         const std::size_t end = std::min(list.find_first_of(separators, start), list.size());
         if (!IsProxy(list.substr(start, end - start))) return false;
         hasProxy = true;
@@ -130,7 +132,7 @@ bool IsAgentFile(std::u16string_view path) {
     std::transform(form.begin(), form.end(), form.begin(),
                    [](char16_t unit) { return unit == u'\\' ? u'/' : platform::UpperCaseOf(unit); });
     for (const std::u16string_view folder : {u"/MONITORING/CONF/", u"/BIN/DATA/", u"/BIN/ZIPDATA/"}) {
-        if (form.find(folder) != form.npos) return true;
+        if (form.find(folder) != std::u16string_view::npos) return true;
     }
     const std::u16string_view name = std::u16string_view(form).substr(form.rfind(u'/') + 1);
     constexpr std::u16string_view names[] = {u"REGISTRY.DB", u"REGISTRY.DB-WAL", u"REGISTRY.DB-SHM", u"STATUS.JSON",
@@ -164,7 +166,7 @@ std::string WrongPart(const AgentSetting& setting, std::u16string_view value) {
     };
     const bool isHost = setting.rule == host || setting.rule == optionalHost;
     if (setting.rule == base64) return "";
-    if ((isHost || setting.rule == proxies) && value.find(u'@') != value.npos)
+    if ((isHost || setting.rule == proxies) && value.find(u'@') != std::u16string_view::npos)
         return ", and neither user nor password before an @";
     if (isHost && IsAnyAddress(value)) return isNot(value, ", which stands for every address of a computer");
     if (setting.rule == protocol) return isNot(value, ", which counts as http");

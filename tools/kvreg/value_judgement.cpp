@@ -52,7 +52,7 @@ std::u16string LettersOf(std::u16string_view path) {
 
 /// The key of the agent that a path means, whose backslashes have become slashes or have gone; empty for any other one.
 std::u16string MeantAgentKey(std::u16string_view path) {
-    const bool isWhole = path.find(u'\\') != path.npos && path.find(u'/') == path.npos;
+    const bool isWhole = path.find(u'\\') != std::u16string_view::npos && path.find(u'/') == std::u16string_view::npos;
     if (isWhole || IsAgentKey(path)) return {};
     const std::u16string letters = LettersOf(path);
     for (const std::u16string_view known : {serverInfoKeyPath, monitoringKeyPath, systemDetailsKeyPath, agentKeyPath}) {
@@ -65,7 +65,8 @@ std::u16string MeantAgentKey(std::u16string_view path) {
 /// What is odd about the path of a key, with the one that was probably meant; empty when nothing is.
 std::string KeyDoubt(std::u16string_view path) {
     std::u16string meant = MeantAgentKey(path);
-    if (meant.empty() && path.find(u'\\') == path.npos && path.find(u'/') != path.npos) {
+    if (meant.empty() && path.find(u'\\') == std::u16string_view::npos &&
+        path.find(u'/') != std::u16string_view::npos) {
         meant = path;
         std::replace(meant.begin(), meant.end(), u'/', u'\\');
     }
