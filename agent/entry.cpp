@@ -255,7 +255,11 @@ void InitAgentParams() {
 void ProcessTestMonitor() {}
 
 int Main(const std::vector<std::string>& words) {
-    if (words.size() > 1 && TellsAboutProgram(words[1])) return 0;
+    if (words.size() > 1 && TellsAboutProgram(words[1])) {
+        if (std::fflush(stdout) == 0) return 0;
+        std::fprintf(stderr, "MonitoringAgent: standard output cannot be written\n");
+        return 1;
+    }
     const std::u16string argument = TakeArgument(words);
     agentState.gv_ocAgentBinPath.reset();
     InitMutex();

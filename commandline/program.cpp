@@ -19,7 +19,7 @@ std::string Value(const Given& given, std::string_view name, const std::string& 
 
 std::string NeededValue(const Given& given, std::string_view name) {
     std::string value = Value(given, name);
-    if (value.empty()) throw UsageError(fmt::format("{} is missing", name));
+    if (value.empty()) throw UsageError(fmt::format("{} is {}", name, Has(given, name) ? "empty" : "missing"));
     return value;
 }
 

@@ -292,6 +292,7 @@ int RunCommandLine(const Program& program, const std::vector<std::string>& words
     constexpr int failure = 1;
     constexpr int wrongUsage = 2;
     constexpr int notFound = 3;
+    constexpr const char* unwritable = "standard output cannot be written";
     try {
         Parser parser(program);
         Given given;
@@ -303,15 +304,16 @@ int RunCommandLine(const Program& program, const std::vector<std::string>& words
         FlushOutput();
         return success;
     } catch (const ExitWith& result) {
-        const bool isPrinted = std::fflush(stdout) == 0;
-        return isPrinted || result.code != success ? result.code : failure;
+        if (std::fflush(stdout) == 0) return result.code;
+        Failure(program, failure, unwritable);
+        return result.code != success ? result.code : failure;
     } catch (const UsageError& error) {
         return Failure(program, wrongUsage, error.what(), fmt::format(" (see {} --help)", NameForHelp(program, words)));
     } catch (const NotFoundError& error) {
         return Failure(program, notFound, error.what());
     } catch (const std::exception& error) {
         const bool isOutput = std::ferror(stdout) != 0;
-        return Failure(program, failure, isOutput ? "standard output cannot be written" : error.what());
+        return Failure(program, failure, isOutput ? unwritable : error.what());
     }
 }
 

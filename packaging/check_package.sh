@@ -69,6 +69,8 @@ check_completions() {
     completes '' kvreg get --d
     completes 'status snmp setup' kvagentctl s
     completes '--classes --csv' kvagentctl query --c
+    completes 'get gnext walk' kvagentctl snmp ''
+    completes '--community' kvagentctl snmp get --c
     completes 'records request' kvlab re
     completes 'add answers' kvlab request a
     completes '--database --delay --drop' kvlab fault set --d

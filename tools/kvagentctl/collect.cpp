@@ -130,7 +130,7 @@ std::string SettingsFailureText(platform::Error failure) {
 /// The plans to collect: the given one, or the agent's own and, if asked for, those of its slaves. failure: of
 /// ReadSettings.
 std::vector<HashTablePtr> ReadPlans(const Given& given, platform::Error failure) {
-    const std::string named = commandline::Value(given, "PLAN");
+    const std::string named = Has(given, "PLAN") ? commandline::NeededValue(given, "PLAN") : "";
     std::vector<HashTablePtr> plans;
     if (!named.empty()) {
         if (!MayExist(WideFromUtf8(named))) throw NotFoundError(fmt::format("there is no file {}", named));
@@ -167,9 +167,13 @@ void KeepNamed(std::vector<PlannedRecord>& records, const std::string& name) {
         }
     }
     std::erase_if(records, [&](const PlannedRecord& record) { return !IsNamed(record, name); });
-    if (records.empty())
-        throw NotFoundError(
-            fmt::format("no record of the plan is called {}; there are: {}", name, fmt::join(known, ", ")));
+    if (!records.empty()) return;
+    constexpr std::size_t mostNames = 30;  // of a message
+    const std::size_t shown = std::min(known.size(), mostNames);
+    const std::string more = shown < known.size() ? fmt::format(" and {} more", known.size() - shown) : "";
+    known.resize(shown);
+    throw NotFoundError(
+        fmt::format("no record of the plan is called {}; there are: {}{}", name, fmt::join(known, ", "), more));
 }
 
 // --- collecting

@@ -17,6 +17,9 @@ namespace {
 
 namespace error = platform::error;
 
+constexpr const char* directory = "is a directory, not a file";
+constexpr const char* device = "is a device or a pipe, not a file";
+
 /// A message of the reader without the file's name ahead, as the end of a sentence.
 std::string WithoutName(const std::string& message, std::u16string_view path) {
     const std::string name = platform::Utf8FromWide(path) + ": ";
@@ -28,7 +31,7 @@ std::string WithoutName(const std::string& message, std::u16string_view path) {
 std::string NativeName(std::u16string_view path) { return platform::Utf8FromWide(platform::Files().NativePath(path)); }
 
 std::string FileFault(std::u16string_view path) {
-    if (IsDirectory(path)) return "is a directory, not a file; move it away";
+    if (IsDirectory(path)) return directory;
     OpenFile file;
     platform::FileInformation information;
     platform::Error result = file.Open(path, platform::FileAccess::read, platform::FileShare::readWrite,
@@ -39,7 +42,12 @@ std::string FileFault(std::u16string_view path) {
     if (result == error::accessDenied) return "may not be read; " + std::string(platform::DeniedAccessText());
     if (result != error::success) return "cannot be read: " + ReasonText(result);
     const bool isDevice = (information.attributes & platform::file_attribute::device) != 0;
-    return isDevice ? "is a device or a pipe, not a file; move it away" : "";
+    return isDevice ? device : "";
+}
+
+std::string OwnFileFault(std::u16string_view path) {
+    const std::string fault = FileFault(path);
+    return fault == directory || fault == device ? fault + "; move it away" : fault;
 }
 
 std::string ReasonText(platform::Error failure) {
@@ -60,8 +68,14 @@ PlanFile ReadPlanFile(std::u16string_view path) {
     HashTablePtr document = MakeHashTable();
     if (!document) throw std::bad_alloc();
     const JsonReadResult read = JSONFileToHash(document.get(), path);
-    (read.ok ? plan.notice : plan.failure) = WithoutName(read.message, path);
-    if (read.ok) plan.document = std::move(document);
+    const std::string message = WithoutName(read.message, path);
+    if (read.ok) {
+        plan.document = std::move(document);
+        plan.notice = message;
+    } else {
+        const bool isMalformed = message.find(" at offset ") != message.npos;
+        plan.failure = isMalformed ? "it is not a plan in JSON: " + message : message;
+    }
     return plan;
 }
 

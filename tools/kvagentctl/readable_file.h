@@ -16,6 +16,9 @@ std::string NativeName(std::u16string_view path);
 /// can. Waits for nothing, whatever stands at the path.
 std::string FileFault(std::u16string_view path);
 
+/// The same for a file of the agent's own, with what to do about something else in its place.
+std::string OwnFileFault(std::u16string_view path);
+
 /// Why something failed, as the end of a sentence: the system's text without its full stop, and for denied access whose
 /// rights it takes.
 std::string ReasonText(platform::Error failure);

@@ -111,6 +111,9 @@ Request ReadRequest(const Given& given) {
     for (const std::string& oid : commandline::Values(given, "OID")) request.oids.push_back(OidOf(oid));
     if (request.host.empty()) RefuseUsage("the address is missing");
     if (request.oids.empty()) RefuseUsage("the OID is missing");
+    if (request.host.find(':') != request.host.npos)
+        throw UsageError(fmt::format(
+            "'{}' is not an IPv4 address or a name; a port is given with -p, and IPv6 is not asked", request.host));
     if (request.host.size() > longestHost) throw UsageError("the address is longer than 255 characters");
     request.port = static_cast<std::int32_t>(Number(given, "--port", defaultPort, {1, 65535}));
     request.timeout = static_cast<std::int32_t>(Number(given, "--timeout", defaultTimeout, {1, longestTimeout}));

@@ -136,7 +136,7 @@ TEST_F(StatusVerb, EndsAsAMonitoringPlugin) {
          1, "KVAGENT WARNING - a newer plan was refused"},
         {"no plan", [&] { fs::remove(monitoring / "conf/queryconf.txt"); }, 1, "there is no plan"},
         {"half a plan", [&] { Write(monitoring / "conf/queryconf.txt", "{ \"WorkFlows\": ["); }, 1,
-         "queryconf.txt: unexpected"},
+         "in JSON: unexpected end"},
         {"damage", [&] { Write(monitoring / "logs/status.json", "{"); }, 3, "KVAGENT UNKNOWN - "},
         {"no customer", [] { Delete(agentKeyPath, u"CustomerName"); }, 2, "CRITICAL - CustomerName is missing"},
         {"a number",

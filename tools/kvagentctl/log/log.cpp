@@ -109,16 +109,16 @@ void Follow(LogFollower& follower, LogEntries& entries) {
 
 void RunLog(const Given& given) {
     const LogLines silence([](std::string_view) {});
-    const std::u16string path = LogPath();
-    const std::string name = NativeName(path);
     const bool follows = Has(given, "--follow");
-    if (!MayExist(path) && !follows)
-        throw commandline::NotFoundError(fmt::format("there is no {}: has the agent run here?", name));
-    if (const std::string fault = MayExist(path) ? FileFault(path) : ""; !fault.empty())
-        throw std::runtime_error(fmt::format("{} {}", name, fault));
-    const bool printsAll = !follows && !Has(given, "--lines");
     const std::int64_t lines =
         commandline::Number(given, "--lines", follows ? linesToFollow : everyLine, {0, 1'000'000'000});
+    const std::u16string path = LogPath();
+    const std::string name = NativeName(path);
+    if (!MayExist(path) && !follows)
+        throw commandline::NotFoundError(fmt::format("there is no {}: has the agent run here?", name));
+    if (const std::string fault = MayExist(path) ? OwnFileFault(path) : ""; !fault.empty())
+        throw std::runtime_error(fmt::format("{} {}", name, fault));
+    const bool printsAll = !follows && !Has(given, "--lines");
     const std::vector<std::u16string> earlierLogs = EarlierLogs(path);
     Printer printer(Has(given, "--all"), lines);
     if (printsAll) printer.GoLive();

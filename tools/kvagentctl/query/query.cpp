@@ -36,6 +36,10 @@ std::optional<Form> FormOf(const Given& given) {
     return form;
 }
 
+constexpr std::string_view byteOrderMark = "\xEF\xBB\xBF";
+
+constexpr const char* usualNamespace = "ROOT\\CIMV2";
+
 /// In bytes: that many are a query of the most characters that the engine takes, four bytes each.
 constexpr std::size_t longestLine = std::size_t{4} * 65536;
 
@@ -83,10 +87,13 @@ void RunInput(QuerySession& session) {
     int exitCode = 0;
     std::size_t number = 1;
     for (std::string line; platform::OutputHasReader() && ReadLine(line, number); ++number) {
+        if (number == 1 && line.starts_with(byteOrderMark)) line.erase(0, byteOrderMark.size());
         const std::optional<int> code = RunOne(session, line, fmt::format("kvagentctl: line {}: ", number));
         if (!code) break;
         if (exitCode == 0) exitCode = *code;
     }
+    if (std::ferror(stdin) != 0)
+        throw std::runtime_error("standard input cannot be read; give a query, or a file of them");
     if (exitCode != 0) throw commandline::ExitWith{exitCode};
 }
 
@@ -102,8 +109,9 @@ void RunPrompt(QuerySession& session) {
 
 void Run(const Given& given) {
     const std::string query = QueryText(given);
-    QuerySession session(commandline::Value(given, "--namespace", "ROOT\\CIMV2"), FormOf(given),
-                         Has(given, "--record") ? Values::asRecord : Values::typed);
+    const std::string nameSpace =
+        Has(given, "--namespace") ? commandline::NeededValue(given, "--namespace") : usualNamespace;
+    QuerySession session(nameSpace, FormOf(given), Has(given, "--record") ? Values::asRecord : Values::typed);
     if (Has(given, "--classes") && Has(given, "--describe"))
         throw UsageError("only one of --classes and --describe can be given");
     if (Has(given, "--describe")) {

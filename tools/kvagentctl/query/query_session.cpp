@@ -152,7 +152,8 @@ void QuerySession::PrintClasses(const std::string& pattern) const {
     for (const ListedClass& one : all) {
         if (Matches(one.name, pattern)) table.rows.push_back({one.name, one.meaning});
     }
-    if (table.rows.empty()) throw NotFoundError(fmt::format("no class has '{}' in its name", pattern));
+    if (table.rows.empty())
+        throw NotFoundError(fmt::format("no class has '{}' in its name; without PATTERN all are listed", pattern));
     PrintText(Printed(table, form_.value_or(Form::table)));
 }
 
@@ -161,9 +162,11 @@ void QuerySession::PrintClass(const std::string& name) const {
     if (!described) {
         const std::string meant = NearestClass(name);
         const std::string hint = ClassGuideHint();
-        throw NotFoundError(hint.empty() ? fmt::format("the class {} does not exist{}", name,
-                                                       meant.empty() ? "" : "; did you mean " + meant + "?")
-                                         : fmt::format("WMI does not tell of the class {}; {}", name, hint));
+        throw NotFoundError(hint.empty()
+                                ? fmt::format("the class {} does not exist{}", name,
+                                              meant.empty() ? "; query --classes, or .classes at the prompt, lists them"
+                                                            : "; did you mean " + meant + "?")
+                                : fmt::format("WMI does not tell of the class {}; {}", name, hint));
     }
     const Form form = form_.value_or(Form::table);
     Table table{.columns = {"property", "type", "key", "meaning"}, .rows = {}};

@@ -164,8 +164,10 @@ std::string FailureText(const WmiOutcome& outcome, const std::string& nameSpace)
     if (text.empty()) text = KnownStatusText(outcome.status);
     if (text.empty()) text = "failure";
     text = fmt::format("{} ({:x})", text, outcome.status);
-    if (outcome.status == platform::wmi_status::invalidNamespace) text += ": " + nameSpace;
+    if (outcome.status == platform::wmi_status::invalidNamespace)
+        text += ": " + nameSpace + "; the classes of this system are in ROOT\\CIMV2";
     if (!outcome.refusal.empty()) text += ": " + std::string(Trimmed(Utf8FromWide(outcome.refusal)));
+    std::replace(text.begin(), text.end(), '\0', '?');  // a message would end there
     return text;
 }
 

@@ -120,7 +120,7 @@ bool GatherService(AgentFacts& facts) {
 void GatherHealth(AgentFacts& facts, std::u16string_view binPath) {
     const std::u16string path = HealthFilePath(binPath);
     if (!MayExist(path)) return;
-    const std::string fault = FileFault(path);
+    const std::string fault = OwnFileFault(path);
     std::string failure;
     if (fault.empty()) facts.health = ReadHealthFile(path, failure);
     if (!facts.health)

@@ -274,7 +274,7 @@ Thresholds ReadThresholds(const Given& given) {
     } catch (const std::exception& error) {
         severity = PluginStatus::unknown;
         const std::string line = fmt::format("KVAGENT UNKNOWN - {}\n", PluginText(error.what()));
-        static_cast<void>(std::fputs(line.c_str(), stdout));  // which may be what failed
+        static_cast<void>(std::fputs(line.c_str(), std::ferror(stdout) != 0 ? stderr : stdout));
     }
     throw commandline::ExitWith{static_cast<int>(severity)};
 }
