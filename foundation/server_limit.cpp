@@ -115,7 +115,7 @@ std::optional<std::u16string> ServerLimit::RefusalOfAll() const {
 
 std::optional<std::u16string> ServerLimit::Refusal(std::span<const std::u16string> names) const {
     if (!isSet_) return std::nullopt;
-    if (const std::optional<std::u16string> ofAll = RefusalOfAll()) return ofAll;
+    if (std::optional<std::u16string> ofAll = RefusalOfAll()) return ofAll;
     for (const std::u16string& name : names) {
         const std::u16string form = Comparable(name, kind_);
         const auto matches = [&form](const std::u16string& pattern) { return Matches(pattern, form); };

@@ -16,9 +16,9 @@ std::u16string_view LocationIn(std::u16string_view headers) {
         const std::u16string_view line = headers.substr(0, end);
         if (CompareIgnoreCase(line.substr(0, name.size()), name) == 0) {
             const std::size_t first = line.find_first_not_of(u" \t", name.size());
-            return first == line.npos ? u"" : line.substr(first);
+            return first == std::u16string_view::npos ? u"" : line.substr(first);
         }
-        headers.remove_prefix(end == headers.npos ? headers.size() : end + 2);
+        headers.remove_prefix(end == std::u16string_view::npos ? headers.size() : end + 2);
     }
     return u"";
 }

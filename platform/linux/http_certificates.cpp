@@ -98,10 +98,11 @@ std::vector<std::string> NamesOf(const X509* certificate) {
     const std::unique_ptr<GENERAL_NAMES, ReleasedBy<GENERAL_NAMES_free>> found(
         static_cast<GENERAL_NAMES*>(X509_get_ext_d2i(certificate, NID_subject_alt_name, nullptr, nullptr)));
     for (int i = 0; found && i < sk_GENERAL_NAME_num(found.get()); ++i) {
-        const GENERAL_NAME* name = sk_GENERAL_NAME_value(found.get(), i);
-        hasHost = hasHost || name->type == GEN_DNS;
-        if (name->type == GEN_DNS) names.push_back(TextOf(name->d.dNSName));
-        if (name->type == GEN_IPADD) names.push_back(AddressText(name->d.iPAddress));
+        int type = 0;
+        const void* const name = GENERAL_NAME_get0_value(sk_GENERAL_NAME_value(found.get(), i), &type);
+        hasHost = hasHost || type == GEN_DNS;
+        if (type == GEN_DNS) names.push_back(TextOf(static_cast<const ASN1_STRING*>(name)));
+        if (type == GEN_IPADD) names.push_back(AddressText(static_cast<const ASN1_STRING*>(name)));
     }
     const X509_NAME* subject = X509_get_subject_name(certificate);
     const int at = hasHost ? -1 : X509_NAME_get_index_by_NID(subject, NID_commonName, -1);

@@ -110,8 +110,8 @@ std::string AskedOfEnv(std::string_view text) {
     while (isSplit && !text.empty()) {
         text.remove_prefix(std::min(text.find_first_not_of(blanks), text.size()));
         const std::string_view word = text.substr(0, text.find_first_of(blanks));
-        if (word.starts_with('-') || word.find_first_of("\"'\\$#") != word.npos) return "";
-        if (word.find('=') == word.npos) return std::string(word);
+        if (word.starts_with('-') || word.find_first_of("\"'\\$#") != std::string_view::npos) return "";
+        if (word.find('=') == std::string_view::npos) return std::string(word);
         text.remove_prefix(word.size());  // a variable for the program
     }
     return "";

@@ -127,7 +127,8 @@ void JudgeRedirect(const ServerAnswer& answer, Tried& tried) {
 
 /// What a status for "/" says of the requests to come. A server need not have a page there.
 void JudgeStatus(const ServerAnswer& answer, Tried& tried) {
-    constexpr std::uint32_t notFound = 404, notAllowed = 405;
+    constexpr std::uint32_t notFound = 404;
+    constexpr std::uint32_t notAllowed = 405;
     const std::uint32_t status = answer.status;
     const std::string text = fmt::format("it answers GET / with HTTP status {}", status);
     if (status == 407) {
@@ -223,6 +224,7 @@ void CheckServer(Findings& findings) {
         return;
     }
     std::vector<Tried> tried;
+    tried.reserve(addresses.size());
     for (const ServerAddress& address : addresses) tried.push_back(Try(findings, PlaceOf(address), address));
     Report(findings, addresses, tried);
 }
