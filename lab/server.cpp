@@ -220,7 +220,8 @@ void LabServer::Running::Listen() {
         port = http->bind_to_port(options.listen, options.port) ? options.port : -1;
     }
     if (port <= 0) {
-        const std::string reason = errno != 0 ? std::string(": ") + std::strerror(errno) : "";
+        const std::string reason =
+            errno != 0 ? std::string(": ") + std::strerror(errno) : "; is it an address of this computer?";
         throw ServerError("cannot listen on " + options.listen + " port " + std::to_string(options.port) + reason);
     }
     listener = std::thread([this] { http->listen_after_bind(); });

@@ -6,7 +6,8 @@ namespace {
 
 void Check(sqlite3* connection, int result) {
     if (result == SQLITE_OK) return;
-    throw DatabaseError(std::string("database: ") + sqlite3_errmsg(connection), result,
+    const char* const file = sqlite3_db_filename(connection, "main");
+    throw DatabaseError(std::string("database ") + (file ? file : "") + ": " + sqlite3_errmsg(connection), result,
                         sqlite3_system_errno(connection));
 }
 

@@ -118,7 +118,10 @@ void Run(const Given& given) {
         if (!query.empty()) throw UsageError("--describe takes one class and goes without a query");
         return session.PrintClass(commandline::NeededValue(given, "--describe"));
     }
-    if (Has(given, "--classes")) return session.PrintClasses(query);
+    if (Has(given, "--classes")) {
+        if (commandline::Values(given, "QUERY").size() > 1) throw UsageError("--classes takes one PATTERN");
+        return session.PrintClasses(query);
+    }
     if (Has(given, "QUERY")) return session.RunQuery(query);
     if (platform::InputIsTerminal() && platform::OutputColumns() > 0) return RunPrompt(session);
     RunInput(session);
