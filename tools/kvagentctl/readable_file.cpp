@@ -73,7 +73,7 @@ PlanFile ReadPlanFile(std::u16string_view path) {
         plan.document = std::move(document);
         plan.notice = message;
     } else {
-        const bool isMalformed = message.find(" at offset ") != message.npos;
+        const bool isMalformed = message.find(" at offset ") != std::string::npos;
         plan.failure = isMalformed ? "it is not a plan in JSON: " + message : message;
     }
     return plan;

@@ -111,7 +111,7 @@ Request ReadRequest(const Given& given) {
     for (const std::string& oid : commandline::Values(given, "OID")) request.oids.push_back(OidOf(oid));
     if (request.host.empty()) RefuseUsage("the address is missing");
     if (request.oids.empty()) RefuseUsage("the OID is missing");
-    if (request.host.find(':') != request.host.npos)
+    if (request.host.find(':') != std::string::npos)
         throw UsageError(fmt::format(
             "'{}' is not an IPv4 address or a name; a port is given with -p, and IPv6 is not asked", request.host));
     if (request.host.size() > longestHost) throw UsageError("the address is longer than 255 characters");

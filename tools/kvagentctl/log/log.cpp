@@ -115,7 +115,8 @@ void RunLog(const Given& given) {
     const std::u16string path = LogPath();
     const std::string name = NativeName(path);
     if (!MayExist(path) && !follows)
-        throw commandline::NotFoundError(fmt::format("there is no {}: has the agent run here?", name));
+        throw commandline::NotFoundError(
+            fmt::format("there is no {}: has the agent run here? kvagentctl status tells more", name));
     if (const std::string fault = MayExist(path) ? OwnFileFault(path) : ""; !fault.empty())
         throw std::runtime_error(fmt::format("{} {}", name, fault));
     const bool printsAll = !follows && !Has(given, "--lines");

@@ -273,7 +273,8 @@ void Judge::JudgeAgent() {
         Add(PluginStatus::critical, fmt::format("{} {} missing", fmt::join(facts_.missingSettings, ", "),
                                                 facts_.missingSettings.size() == 1 ? "is" : "are"));
     for (const std::string& fault : facts_.faultySettings) Add(PluginStatus::critical, fault);
-    AddIf(facts_.isInstallLost, PluginStatus::critical, "KVAgentInstallDir names a directory that does not exist");
+    AddIf(facts_.isInstallLost, PluginStatus::critical,
+          "KVAgentInstallDir names a directory that does not exist, and there is no " + facts_.binPath);
     const bool isSetUp = facts_.missingSettings.empty() && facts_.faultySettings.empty();
     if (facts_.registryFailure.empty() && isSetUp && facts_.key.empty()) JudgeRegistration();
     if (facts_.health && !facts_.health->isCollecting)
