@@ -45,7 +45,7 @@ std::string RegistryFailureText(platform::Error failure) {
     const std::string text = platform::MessageInLine(failure);
     const std::string whole =
         text.empty() ? fmt::format("error {}", failure) : fmt::format("{} (error {})", text, failure);
-    const std::string named = file.empty() ? whole : fmt::format("{}: {}", file, whole);
+    std::string named = file.empty() ? whole : fmt::format("{}: {}", file, whole);
     if (failure != error::accessDenied) return named;
     return fmt::format("{}; {}", named, platform::DeniedAccessText());
 }
