@@ -18,7 +18,7 @@ TEST_F(Kvreg, CarriesOutItsCommands) {
         "HKEY_LOCAL_MACHINE\\Software\\KvregTest\n    (Default)    REG_SZ    --\n    n    REG_DWORD    0x1e (30)\n"
         "    v    REG_SZ    some text\nHKEY_LOCAL_MACHINE\\Software\\KvregTest\\Sub\n";
     const std::tuple<Words, int, const char*, const char*> rows[] = {
-        {{"get", key, "v"}, 3, "", "there is no value v in HKEY_LOCAL_MACHINE\\Software\\KvregTest"},
+        {{"get", key, "v"}, 3, "", "there is no key HKEY_LOCAL_MACHINE\\Software\\KvregTest"},
         {{"set", key, "v", "some text"}, 0, "", ""},
         {{"get", "HKLM\\software\\kvregtest\\", "V"}, 0, "some text\n", ""},
         {{"set", "HKEY_LOCAL_MACHINE\\Software\\KvregTest", "n", "30", "--dword"}, 0, "", ""},
@@ -49,6 +49,8 @@ TEST_F(Kvreg, CarriesOutItsCommands) {
         {{"get", "hkey_users\\A"}, 2, "", "only HKEY_LOCAL_MACHINE"},
         {{"get", "A\\\\B"}, 2, "", "not the path of a key"},
         {{"delete", "HKLM"}, 2, "", "root itself"},
+        {{"set", "", "n", "v"}, 2, "", "root itself"},
+        {{"export", ""}, 2, "", "FILE is empty"},
         {{"set", "SoftwareHalvorineKestrovaKVAgentserverinfo", "n", "v"}, 2, "", "KVAgent\\ServerInfo', not 'Soft"},
         {{"set", "HKLM/Software/Halvorine/Kestrova/KVAgent", "n", "v"}, 2, "", "did you mean 'Software\\Halvorine"},
     };

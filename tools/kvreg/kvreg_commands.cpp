@@ -124,12 +124,18 @@ void Get(const Given& given) {
     const std::u16string path = KeyArgument(Value(given, "KEY"));
     const std::u16string name = NameArgument(Value(given, "NAME"));
     RegFileValue value;
-    Require(ReadValue(path, name, value), "cannot read the " + ValueTitle(path, name), ValueTitle(path, name));
+    const Error result = ReadValue(path, name, value);
+    KeyContents contents;
+    const bool isKeyGone = IsGone(result) && IsGone(ReadKey(path, contents));
+    Require(result, "cannot read the " + ValueTitle(path, name),
+            isKeyGone ? "key " + WholePath(path) : ValueTitle(path, name));
     fmt::print("{}\n", PlainData(value));
 }
 
 void Set(const Given& given) {
     const std::u16string path = KeyArgument(Value(given, "KEY"), Has(given, "--force") ? Slip::warned : Slip::refused);
+    if (path.empty() && !Has(given, "--force"))
+        throw UsageError("KEY is the root itself, where no program looks for a value; --force stores it there");
     RegFileValue value;
     const std::string data = Value(given, "DATA");
     const bool isNumber = Has(given, "--dword");
@@ -239,12 +245,12 @@ void Watch(const Given& given) {
 }
 
 void Export(const Given& given) {
+    const std::string file = commandline::NeededValue(given, "FILE");
     const std::u16string path = KeyArgument(Value(given, "KEY"));
     RegFile tree;
     std::u16string failedAt;
     const Error result = ReadTree(path, tree, failedAt);
     Require(result, "cannot read the key " + WholePath(failedAt), "key " + WholePath(path));
-    const std::string file = Value(given, "FILE");
     const std::string failure = platform::WriteFileWhole(file, PrintRegFile(tree));
     if (!failure.empty()) throw std::runtime_error(fmt::format("cannot write {}: {}", file, failure));
 }
@@ -272,7 +278,7 @@ std::string ReadFileWhole(const std::string& name) {
 }
 
 void Import(const Given& given) {
-    const std::string path = Value(given, "FILE");
+    const std::string path = commandline::NeededValue(given, "FILE");
     RegFile file;
     RegFileError parseError;
     if (!ParseRegFile(ReadFileWhole(path), file, parseError)) {

@@ -3,11 +3,11 @@
 
 #include "foundation/file_utils.h"
 #include "foundation/text.h"
-#include "platform/files.h"
 #include "platform/utf.h"
 #include "queryconf/conf_paths.h"
 #include "tools/kvagentctl/agent_process.h"
 #include "tools/kvagentctl/check/check_parts.h"
+#include "tools/kvagentctl/readable_file.h"
 #include "tools/kvagentctl/verbs.h"
 
 namespace kv::control {
@@ -21,11 +21,11 @@ void CheckOwnPlan(Findings& findings) {
     if (install.empty()) return;
     const std::u16string bin = install + u"monitoring\\bin\\";
     const std::u16string path = ConcatStrings(bin, conf_path::ownPlan);
-    const std::string name = platform::Utf8FromWide(platform::Files().NativePath(path));
+    const std::string name = NativeName(path);
     const std::u16string refused = ConcatStrings(bin, conf_path::refusedPlan);
-    const std::string refusedName = platform::Utf8FromWide(platform::Files().NativePath(refused));
+    const std::string refusedName = NativeName(refused);
     for (const std::u16string& file : {path, refused}) CheckPermissions(findings, "plan", file, "0640", true);
-    if (MayExist(refused))
+    if (FileFault(refused).empty())
         findings.Warn("plan " + refusedName, "is the last new plan of the server, which the agent refused",
                       "kvagentctl check " + refusedName + " says why");
     if (MayExist(path))
@@ -33,13 +33,12 @@ void CheckOwnPlan(Findings& findings) {
     else
         findings.Warn("plan " + name, "does not exist, so nothing is collected",
                       "put one there, or wait for the server to send one");
-    for (const std::u16string& plan : PlansOfSlaves(bin))
-        CheckPlan(findings, plan, platform::Utf8FromWide(platform::Files().NativePath(plan)));
+    for (const std::u16string& plan : PlansOfSlaves(bin)) CheckPlan(findings, plan, NativeName(plan));
 }
 
 void RunCheck(const Given& given) {
     const std::string plan = commandline::Value(given, "PLAN");
-    if (commandline::Has(given, "PLAN") && !MayExist(platform::WideFromUtf8(plan)))
+    if (commandline::Has(given, "PLAN") && !MayExist(platform::WideFromUtf8(commandline::NeededValue(given, "PLAN"))))
         throw commandline::NotFoundError(fmt::format("there is no file '{}'", plan));
     RefuseDirectory(plan);
     Findings findings;

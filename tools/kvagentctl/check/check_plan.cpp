@@ -9,12 +9,12 @@
 #include "collection/plan_members.h"
 #include "foundation/file_utils.h"
 #include "foundation/text.h"
-#include "jsontext/hash_json.h"
 #include "platform/near_name.h"
 #include "platform/utf.h"
 #include "queryconf/query_config.h"
 #include "tools/kvagentctl/agent_process.h"
 #include "tools/kvagentctl/check/check_parts.h"
+#include "tools/kvagentctl/readable_file.h"
 
 namespace kv::control {
 
@@ -175,24 +175,21 @@ void CheckPlan(Findings& findings, std::u16string_view path, const std::string& 
     const std::string where = "plan " + name;
     std::vector<std::string> lines;
     const LogLines log([&](std::string_view line) { lines.emplace_back(WithoutRoutine(line)); });
-    const HashTablePtr document = MakeHashTable();
-    if (!document) throw std::bad_alloc();
-    const JsonReadResult read = JSONFileToHash(document.get(), path);
+    if (const std::string fault = FileFault(path); !fault.empty()) return findings.Error(where, fault);
+    const PlanFile plan = ReadPlanFile(path);
     for (const std::string& line : lines) findings.Warn(where, line);
-    if (!read.ok) {
-        findings.Error(where, WithoutName(read.message, path) + ": the agent would refuse it");
-        return;
-    }
-    if (!read.message.empty()) findings.Warn(where, WithoutName(read.message, path));
+    if (!plan.document) return findings.Error(where, plan.failure + ": the agent would refuse it");
+    if (!plan.notice.empty()) findings.Warn(where, plan.notice);
     WarnOfEscapes(findings, where, path);
     lines.clear();
-    const std::u16string slave = SlaveOf(document.get());
-    if (!IsUsablePlan(document.get(), slave, path)) {
+    const HashTable* const document = plan.document.get();
+    const std::u16string slave = SlaveOf(document);
+    if (!IsUsablePlan(document, slave, path)) {
         for (const std::string& line : lines)
             findings.Error(where, WithoutName(line, path) + ": the agent would refuse it");
     }
     if (!slave.empty()) findings.Note(where, "is that of the slave " + Utf8FromWide(slave));
-    CheckLists(findings, document.get());
+    CheckLists(findings, document);
 }
 
 }  // namespace kv::control

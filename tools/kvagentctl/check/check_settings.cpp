@@ -12,9 +12,9 @@
 #include "foundation/registry_store.h"
 #include "foundation/text.h"
 #include "platform/console_tool.h"
-#include "platform/files.h"
 #include "platform/utf.h"
 #include "tools/kvagentctl/check/check_parts.h"
+#include "tools/kvagentctl/readable_file.h"
 #include "tools/kvreg/registry_tree.h"
 
 namespace kv::control {
@@ -159,12 +159,19 @@ constexpr Directory directories[] = {
     {u"monitoring\\logs", Severity::warning, false},
 };
 
+/// What a path is that is not a directory, or cannot be seen to be one.
+Finding NoDirectory(std::u16string_view path, Severity severity) {
+    const std::string where = "directory " + NativeName(path);
+    if (!MayExist(path)) return {severity, where, "does not exist", "make it"};
+    const std::string fault = FileFault(path);
+    return {severity, where, fault.empty() ? "is a file" : fault, ""};
+}
+
 void CheckInstallDirectory(Findings& findings) {
     const std::u16string install = InstallDirectory();
     if (install.empty()) return;
-    const auto named = [](std::u16string_view path) { return Utf8FromWide(platform::Files().NativePath(path)); };
     if (!IsDirectory(install)) {
-        findings.Error("setting KVAgentInstallDir", named(install) + " is not a directory",
+        findings.Error("setting KVAgentInstallDir", NativeName(install) + " is not a directory",
                        "make it, or set KVAgentInstallDir to where the agent is installed");
         return;
     }
@@ -172,11 +179,10 @@ void CheckInstallDirectory(Findings& findings) {
         findings.Note("files and directories", "who may read and change them is not judged on this system");
     for (const Directory& directory : directories) {
         const std::u16string path = install + std::u16string(directory.path);
-        if (IsDirectory(path)) {
+        if (IsDirectory(path))
             CheckPermissions(findings, "directory", path, "0750", directory.mayBeRead);
-        } else {
-            findings.list.push_back({directory.whenMissing, "directory " + named(path), "does not exist", "make it"});
-        }
+        else
+            findings.list.push_back(NoDirectory(path, directory.whenMissing));
     }
 }
 
@@ -186,7 +192,7 @@ void CheckPermissions(Findings& findings, const std::string& what, std::u16strin
                       bool mayBeRead) {
     const std::optional<platform::FilePermissions> found = platform::GetFilePermissions(path);
     if (!found) return;
-    const std::string name = Utf8FromWide(platform::Files().NativePath(path));
+    const std::string name = NativeName(path);
     const std::string next = fmt::format("chmod {} {}", wanted, name);
     if (found->othersWrite)
         findings.Error(what + " " + name, fmt::format("others may write to it (mode {})", found->mode), next);
