@@ -3,14 +3,17 @@
 #include <atomic>
 #include <cstdio>
 #include <fmt/format.h>
-#include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 
+#include "agent/log_file.h"
+#include "agent/server_details.h"
 #include "foundation/agent_state.h"
 #include "foundation/file_utils.h"
+#include "foundation/guarded.h"
 #include "foundation/log.h"
-#include "foundation/text.h"
+#include "foundation/open_file.h"
 #include "platform/clock.h"
 #include "platform/files.h"
 #include "platform/messages.h"
@@ -26,54 +29,55 @@ using platform::Error;
 using platform::Files;
 namespace error = platform::error;
 
+constexpr std::u16string_view fileName = u"agent.lock";
 constexpr std::uint32_t lookMilliseconds = 1000;
 constexpr std::uint64_t largestNumber = 16;  // bytes of a process number in the file
 
 enum class Standing { none, waits, holds };
 std::atomic<Standing> standing{Standing::none};
 
-/// The locked file, open until the process ends. Used by the main thread alone.
-struct {
-    std::u16string path;
-    platform::FileHandle file = 0;
-} held;
-
-std::u16string LockPath() { return ConcatStrings(agentState.gv_ocAgentBinPath.value_or(u""), u"agent.lock"); }
-
-/// Puts this process's number into the file, for those that have to wait. It always takes the same room, so that
-/// nothing of a longer one stays behind.
-void WriteProcessNumber(platform::FileHandle file) {
-    Files().WriteText(file, fmt::format("{:<10}\n", platform::Processes().GetCurrentProcessId()));
+std::u16string_view BinPath() {
+    const OptionalText& path = agentState.gv_ocAgentBinPath;
+    return path ? std::u16string_view(*path) : std::u16string_view();
 }
 
-/// lockViolation while another process has the lock.
-Error TryLock(std::u16string_view path) {
-    platform::FileHandle file = 0;
-    Error result = Files().CreateFileW(path, platform::FileAccess::readWrite, platform::FileShare::readWrite,
-                                       platform::FileDisposition::openAlways, file);
-    if (result != error::success) return result;
-    result = Files().LockFileEx(file);
-    if (result != error::success) {
-        Files().CloseHandle(file);
-        return result;
-    }
-    held.path = path;
-    held.file = file;
-    WriteProcessNumber(file);
-    return error::success;
+Error TryLock() {
+    static platform::FileHandle lock = 0;  // never closed: it ends with the process
+    return Files().LockDirectory(BinPath(), fileName, lock);
+}
+
+/// Whether another process has the lock; also while a backup or a scanner keeps the file to itself.
+bool IsTaken(Error result) { return result == error::lockViolation || result == error::sharingViolation; }
+
+/// For those that have to wait. The number always takes the same room, so that nothing of a longer one stays behind.
+void WriteProcessNumber() {
+    const std::u16string path = ConcatStrings(BinPath(), fileName);
+    OpenFile file;
+    Error result = file.Open(path, platform::FileAccess::write, platform::FileShare::readWrite,
+                             platform::FileDisposition::openAlways);
+    if (result == error::success)
+        result = Files().WriteText(file.handle, fmt::format("{:<10}\n", platform::Processes().GetCurrentProcessId()));
+    if (result != error::success)
+        Log1("\t WaitForDirectory :: The process number cannot be written to %s: %s (error %d)\n", path,
+             platform::MessageInLine(result), result);
 }
 
 /// "process 1234", or words for it when its number cannot be read.
-std::string HolderOf(std::u16string_view path) {
+std::string HolderName() {
     std::string content;
-    const Error result = ReadWholeFile(path, content, largestNumber);
-    const std::string number = content.substr(0, content.find(' '));
+    const Error result = ReadWholeFile(ConcatStrings(BinPath(), fileName), content, largestNumber);
+    const std::string number = content.substr(0, content.find_first_not_of("0123456789"));
     return result == error::success && !number.empty() ? "process " + number : "another process";
 }
 
-void TellOfWait(std::u16string_view path) {
-    const std::string holder = HolderOf(path);
-    const std::u16string directory = Files().NativePath(agentState.gv_ocAgentBinPath.value_or(u""));
+void TellServiceManager(const std::string& text) {
+    if (agentState.gv_serviceStatusHandle != 0)
+        platform::ServiceHost().SetStatusText(agentState.gv_serviceStatusHandle, text);
+}
+
+void TellOfWait() {
+    const std::string holder = HolderName();
+    const std::u16string directory = Files().NativePath(BinPath());
     Log1(
         "\t WaitForDirectory :: The agent of %s works in %s already. This one collects and sends nothing until that "
         "ends\n",
@@ -82,35 +86,51 @@ void TellOfWait(std::u16string_view path) {
                  "MonitoringAgent: the agent of %s works in %s already; this one collects and sends nothing until that "
                  "ends\n",
                  holder.c_str(), platform::Utf8FromWide(directory).c_str());
-    if (agentState.gv_serviceStatusHandle != 0)
-        platform::ServiceHost().SetStatusText(agentState.gv_serviceStatusHandle,
-                                              "waits: the agent of " + holder + " works in the same directory");
+    TellServiceManager("waits: the agent of " + holder + " works in the same directory");
 }
 
-/// Whether it was locked by an earlier call.
-bool HasLock(std::u16string_view path) {
-    if (held.file == 0) return false;
-    if (held.path == path) return true;
-    Files().CloseHandle(std::exchange(held.file, 0));
-    return false;
+void TellOfObstacle(Error result) {
+    Log1("\t WaitForDirectory :: The directory cannot be locked now: %s (error %d). This one goes on waiting\n",
+         platform::MessageInLine(result), result);
+}
+
+/// Whatever else goes wrong may be over at the next look; to go on without the lock could be beside that agent.
+void WaitForLock() {
+    Error told = error::success;
+    for (Error result = error::lockViolation; result != error::success; result = TryLock()) {
+        if (!IsTaken(result) && std::exchange(told, result) != result)
+            RunGuarded("WaitForDirectory", [result] { TellOfObstacle(result); });
+        platform::Clock().Sleep(lookMilliseconds);
+    }
+}
+
+void TakeOver() {
+    RunGuarded("WriteProcessNumber", WriteProcessNumber);
+    RunGuarded("ReopenLog", ReopenLog);
+    Log1("\t WaitForDirectory :: That agent has ended. This one begins its work\n");
+    RunGuarded("ReloadSettings", ReloadSettings);
+    RunGuarded("TellServiceManager", [] { TellServiceManager("begins its work: the agent before it has ended"); });
 }
 
 }  // namespace
 
 void WaitForDirectory() {
     Log3("\t Inside WaitForDirectory() \n");
-    const std::u16string path = LockPath();
-    Error result = HasLock(path) ? error::success : TryLock(path);
-    if (result == error::lockViolation) {
-        standing = Standing::waits;
-        TellOfWait(path);
-        for (; result == error::lockViolation; result = TryLock(path)) platform::Clock().Sleep(lookMilliseconds);
-        Log1("\t WaitForDirectory :: That agent has ended. This one begins its work\n");
+    const Error result = TryLock();
+    if (result != error::success && !IsTaken(result)) {
+        Log1("\t WaitForDirectory :: %s cannot be locked: %s (error %d). A second agent would not be noticed\n",
+             BinPath(), platform::MessageInLine(result), result);
+        return;
     }
-    standing = result == error::success ? Standing::holds : Standing::none;
-    if (result != error::success)
-        Log1("\t WaitForDirectory :: %s cannot be locked: %s (error %d). A second agent would not be noticed\n", path,
-             platform::MessageInLine(result), result);
+    if (result == error::success) {
+        standing = Standing::holds;
+        return WriteProcessNumber();
+    }
+    standing = Standing::waits;
+    RunGuarded("TellOfWait", TellOfWait);
+    WaitForLock();
+    TakeOver();
+    standing = Standing::holds;
 }
 
 bool HoldsDirectory() { return standing == Standing::holds; }

@@ -10,13 +10,11 @@
 #include "agent/log_file.h"
 #include "agent/main_thread.h"
 #include "agent/server_details.h"
-#include "agent/server_trust.h"
 #include "agent/service.h"
 #include "agent/service_admin.h"
 #include "foundation/agent_health.h"
 #include "foundation/agent_state.h"
 #include "foundation/file_utils.h"
-#include "foundation/guarded.h"
 #include "foundation/log.h"
 #include "foundation/open_file.h"
 #include "foundation/registry_failure.h"
@@ -43,7 +41,7 @@ constexpr std::u16string_view testMonitorLog = u"..\\logs\\testmonitor.log";
 constexpr std::u16string_view registryNote = u"c:\\test.txt";
 constexpr std::u16string_view memoryNote = u"c:\\text.txt";
 
-/// The first argument is none that the program knows.
+/// The program does not know its first argument.
 bool isRefused = false;
 
 /// What "--help" prints, up to where this system keeps the settings.
@@ -155,17 +153,10 @@ int RunUnInstall() {
     return 1;
 }
 
-/// Loads the settings. What goes wrong here ends neither mode.
-void LoadDetails() {
-    RunGuarded("getCSDetails", getCSDetails);
-    RunGuarded("getProxyServerDetails", getProxyServerDetails);
-    RunGuarded("getServerTrust", getServerTrust);
-}
-
 [[noreturn]] void RunInConsole(std::u16string_view argument) {
     OpenLog(agentLog);
     Log3("Going to work in command line %s\n", argument);
-    LoadDetails();
+    LoadSettings();
     agentState.gv_isMainThreadStarted = true;
     CreateNewThread_MSP(InvokeMainThread, nullptr);
     WaitForever();
@@ -174,7 +165,7 @@ void LoadDetails() {
 int PrintConfiguration(std::u16string_view argument) {
     OpenLog(testMonitorLog);
     Log3("Going to process test monitor %s\n", argument);
-    LoadDetails();
+    LoadSettings();
     ProcessTestMonitor();
     StopLogging();
     return 1;
@@ -221,34 +212,7 @@ std::u16string TakeArgument(const std::vector<std::string>& words) {
 
 void InitAgentParams() {
     Log4("\t\n@@@@@ InitAgentParams Method @@@@@\n");
-    const AgentState defaults;
-    AgentState& state = agentState;
-    state.gv_ServerName = defaults.gv_ServerName;
-    state.gv_ServerPort = defaults.gv_ServerPort;
-    state.gv_ServerIPAddress = defaults.gv_ServerIPAddress;
-    state.gv_queryConfHash = defaults.gv_queryConfHash;
-    state.gv_configInterval = defaults.gv_configInterval;
-    state.gv_writeInterval = defaults.gv_writeInterval;
-    state.gv_MaxFilestobeSend = defaults.gv_MaxFilestobeSend;
-    state.gv_MaxFilesInDir = defaults.gv_MaxFilesInDir;
-    state.gv_SysInfoInterval = defaults.gv_SysInfoInterval;
-    state.gv_DataCollTmout = defaults.gv_DataCollTmout;
-    state.gv_collectData = defaults.gv_collectData.load();
-    state.gv_httpsEnabled = defaults.gv_httpsEnabled;
-    state.gv_httpTimeout = defaults.gv_httpTimeout;
-    state.gv_proxyEnabled = defaults.gv_proxyEnabled;
-    state.gv_proxyServerName = defaults.gv_proxyServerName;
-    state.gv_proxyUserName = defaults.gv_proxyUserName;
-    state.gv_proxyPassword = defaults.gv_proxyPassword;
-    state.gv_proxyExceptionAddr = defaults.gv_proxyExceptionAddr;
-    state.gv_agentID = defaults.gv_agentID;
-    state.gv_agentDNS = defaults.gv_agentDNS;
-    state.gv_agentKey.Publish(defaults.gv_agentKey.view());
-    state.gv_SNMPTimeout.Publish(defaults.gv_SNMPTimeout.view());
-    state.gv_masterAgent = defaults.gv_masterAgent;
-    state.gv_timeDiff = defaults.gv_timeDiff.load();
-    state.gv_loadqueryconf = defaults.gv_loadqueryconf;
-    state.gv_agentRunFlag = defaults.gv_agentRunFlag.load();
+    SetDefaults();
     ResetAgentHealth();
 }
 

@@ -183,6 +183,16 @@ void OpenLogAtStart() {
         RotateLogFile(0);
 }
 
+/// The configured limits count from here on; the rotation at the start goes by the defaults.
+void ReadLogLimits() {
+    std::uint32_t maxSize = defaultLogMaxSize;
+    std::uint32_t maxFiles = defaultLogMaxFiles;
+    GetLoggerMaxSize(maxSize);
+    GetLoggerMaxFiles(maxFiles);
+    logState.gv_logMaxSize = maxSize;
+    logState.gv_logMaxFiles = maxFiles;
+}
+
 }  // namespace
 
 int RotateLogFile(std::uint32_t count) {
@@ -196,6 +206,15 @@ int RotateLogFile(std::uint32_t count) {
     }
     if (lock == RotationLock::released) UnsynchronizeResource_MSP(&logState.gv_logFile);
     return 0;
+}
+
+void ReopenLog() {
+    if (logState.isRotationOver || isRotating.test_and_set(std::memory_order_acquire)) return;
+    const ClearedAtEnd cleared(isRotating);
+    isGuest = IsLogOfAnother();
+    std::uint32_t size = 0;
+    if (!isGuest && MeasureLog(size) == error::success) logState.gv_logBytes = size;
+    ReadLogLimits();
 }
 
 bool IsLogOfAnotherProcess() { return isGuest; }
@@ -235,19 +254,13 @@ void RotateLogger(std::optional<std::u16string_view> name) {
     logState.isToolkitLog = false;
     logState.isRotationOver = false;
     OpenLogAtStart();
-    // The configured limits count from here on; the rotation at the start goes by the defaults.
-    std::uint32_t maxSize = defaultLogMaxSize;
-    std::uint32_t maxFiles = defaultLogMaxFiles;
-    GetLoggerMaxSize(maxSize);
-    GetLoggerMaxFiles(maxFiles);
-    logState.gv_logMaxSize = maxSize;
-    logState.gv_logMaxFiles = maxFiles;
+    ReadLogLimits();
     Log1(
         "==================================================STARTING MONITORING "
         "AGENT==================================================\n");
     Log1("\tRotateLogger : Monitoring agent version %s on %s\n", programVersion, GetOSName());
-    Log1("\tRotateLogger : LoggerMaxFiles %d\n", maxFiles);
-    Log1("\tRotateLogger : LoggerMaxSize %ld bytes .\n", maxSize);
+    Log1("\tRotateLogger : LoggerMaxFiles %d\n", logState.gv_logMaxFiles.load());
+    Log1("\tRotateLogger : LoggerMaxSize %ld bytes .\n", logState.gv_logMaxSize.load());
     if (isGuest) Log1("\t RotateLogger :: Another process writes to the log and rotates it. This one only writes\n");
 }
 

@@ -13,7 +13,12 @@ namespace kv {
 /// log open, and sets gv_logOpenFailed. Called once for each run, before other threads log.
 void RotateLogger(std::optional<std::u16string_view> name);
 
-/// Whether another process wrote to the log when it was opened, and at the last rotation. Callable from any thread.
+/// Opens the log of this run again by its name, and reads the configured limits: meanwhile another process may have
+/// moved it away, or ended. Does nothing after EndLogRotation. Callable from any thread.
+void ReopenLog();
+
+/// Whether another process wrote to the log when it was opened, and at the last rotation
+/// or ReopenLog. Callable from any thread.
 bool IsLogOfAnotherProcess();
 
 /// Sets gv_logLevel from the registry; 1 when it cannot be read.

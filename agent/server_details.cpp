@@ -4,7 +4,9 @@
 #include <utility>
 
 #include "agent/log_file.h"
+#include "agent/server_trust.h"
 #include "foundation/agent_state.h"
+#include "foundation/guarded.h"
 #include "foundation/host_utils.h"
 #include "foundation/log.h"
 #include "foundation/proxy_password.h"
@@ -197,6 +199,18 @@ void ReadProxy() {
     if (result == error::fileNotFound) ReadProxyCredential();
 }
 
+/// Makes the texts of getCSDetails absent.
+void FreeServerTexts() {
+    AgentState& state = agentState;
+    for (OptionalText* text :
+         {&state.gv_ServerName, &state.gv_ServerIPAddress, &state.gv_ServerSecIPAddress, &state.gv_custID,
+          &state.gv_agentID, &state.gv_agentDNS, &state.gv_ServerFlatName, &state.gv_localIPAddress,
+          &state.gv_masterAgent, &state.gv_kvAgentResourceID, &state.gv_remoteOfficeName})
+        text->reset();
+    for (PublishedText* text : {&state.gv_agentKey, &state.gv_SNMPTimeout, &state.gv_LastAccessName})
+        text->Publish(std::nullopt);
+}
+
 }  // namespace
 
 std::int32_t getCSDetails() {
@@ -228,6 +242,53 @@ void getProxyServerDetails() {
     Log2("\t getProxyServerDetails() :: proxy ByPass : %s\n", agentState.gv_proxyExceptionAddr);
 }
 
+void SetDefaults() {
+    const AgentState defaults;
+    AgentState& state = agentState;
+    state.gv_ServerName = defaults.gv_ServerName;
+    state.gv_ServerPort = defaults.gv_ServerPort;
+    state.gv_ServerIPAddress = defaults.gv_ServerIPAddress;
+    state.gv_queryConfHash = defaults.gv_queryConfHash;
+    state.gv_configInterval = defaults.gv_configInterval;
+    state.gv_writeInterval = defaults.gv_writeInterval;
+    state.gv_MaxFilestobeSend = defaults.gv_MaxFilestobeSend;
+    state.gv_MaxFilesInDir = defaults.gv_MaxFilesInDir;
+    state.gv_SysInfoInterval = defaults.gv_SysInfoInterval;
+    state.gv_DataCollTmout = defaults.gv_DataCollTmout;
+    state.gv_collectData = defaults.gv_collectData.load();
+    state.gv_httpsEnabled = defaults.gv_httpsEnabled;
+    state.gv_httpTimeout = defaults.gv_httpTimeout;
+    state.gv_proxyEnabled = defaults.gv_proxyEnabled;
+    state.gv_proxyServerName = defaults.gv_proxyServerName;
+    state.gv_proxyUserName = defaults.gv_proxyUserName;
+    state.gv_proxyPassword = defaults.gv_proxyPassword;
+    state.gv_proxyExceptionAddr = defaults.gv_proxyExceptionAddr;
+    state.gv_agentID = defaults.gv_agentID;
+    state.gv_agentDNS = defaults.gv_agentDNS;
+    state.gv_agentKey.Publish(defaults.gv_agentKey.view());
+    state.gv_SNMPTimeout.Publish(defaults.gv_SNMPTimeout.view());
+    state.gv_masterAgent = defaults.gv_masterAgent;
+    state.gv_timeDiff = defaults.gv_timeDiff.load();
+    state.gv_loadqueryconf = defaults.gv_loadqueryconf;
+    state.gv_agentRunFlag = defaults.gv_agentRunFlag.load();
+}
+
+void LoadSettings(const char* missingLine) {
+    RunGuarded("getCSDetails", [missingLine] {
+        if (getCSDetails() != 0 && missingLine) Log1(missingLine);
+    });
+    RunGuarded("getProxyServerDetails", getProxyServerDetails);
+    RunGuarded("getServerTrust", getServerTrust);
+}
+
+void ReloadSettings() {
+    Log3("\t Inside ReloadSettings() \n");
+    FreeServerTexts();
+    FreeProxyDetails();
+    RunGuarded("SetDefaults", SetDefaults);
+    LoadSettings();
+}
+
 void FreeAllResources() {
     Log1("\t Inside FreeAllResources() \n");
     // Once other threads work, nothing tells when they read the state for the last time: the end of the process frees
@@ -242,14 +303,8 @@ void FreeAllResources() {
 
 void FreeCSDetails() {
     Log3("\t Inside FreeCSDetails() \n");
-    AgentState& state = agentState;
-    for (OptionalText* text :
-         {&state.gv_ServerName, &state.gv_ServerIPAddress, &state.gv_ServerSecIPAddress, &state.gv_custID,
-          &state.gv_agentID, &state.gv_agentDNS, &state.gv_ServerFlatName, &state.gv_localIPAddress,
-          &state.gv_masterAgent, &state.gv_kvAgentResourceID, &state.gv_remoteOfficeName, &state.gv_ocAgentBinPath})
-        text->reset();
-    for (PublishedText* text : {&state.gv_agentKey, &state.gv_SNMPTimeout, &state.gv_LastAccessName})
-        text->Publish(std::nullopt);
+    FreeServerTexts();
+    agentState.gv_ocAgentBinPath.reset();
 }
 
 void FreeProxyDetails() {

@@ -8,7 +8,6 @@
 #include "agent/log_file.h"
 #include "agent/main_thread.h"
 #include "agent/server_details.h"
-#include "agent/server_trust.h"
 #include "collection/record_file.h"
 #include "exchange/agent_status.h"
 #include "foundation/agent_state.h"
@@ -37,14 +36,6 @@ constexpr std::uint32_t shutdownMilliseconds = 20000;
 void LogFailure(const char* line, Error failure) {
     Log1(line);
     RunGuarded("LogFailure", [failure] { LogLastSystemError(failure); });
-}
-
-void LoadDetails() {
-    RunGuarded("getCSDetails", [] {
-        if (getCSDetails() != 0) Log1("\t ServiceMain() :: getCSDetails returned ERROR_INVALID_DATA\n");
-    });
-    RunGuarded("getProxyServerDetails", getProxyServerDetails);
-    RunGuarded("getServerTrust", getServerTrust);
 }
 
 /// Ends a start before anything else runs or hears of it.
@@ -104,7 +95,7 @@ void ReportEndWhereWanted() {
 void ServiceMain() {
     Log2("\t Inside ServiceMain() %s %s\n", GetCurrDateString(), GetTimeString(1));
     InitMutex();
-    LoadDetails();
+    LoadSettings("\t ServiceMain() :: getCSDetails returned ERROR_INVALID_DATA\n");
     if (!SetUpService() || !StartWork()) return;
     Log1("\t %s ServiceMain : Tallowmere OnCall Agent Service is started successfully \n", GetTimeString(1));
     platform::Threads().WaitForEvent(agentState.gv_stopEvent, platform::infinite);

@@ -1,7 +1,7 @@
 // The agent's whole configuration and identity: one structure of process-wide fields. Their defaults stand here.
-// getCSDetails, getProxyServerDetails and getServerTrust fill them from the registry once, at the start, and everyone
-// reads them without a lock. A field that changes while threads run is an atomic, a published text, or belongs to one
-// thread, as it says.
+// LoadSettings (agent/server_details.h) fills them from the registry at the start, and once more when the agent has
+// waited for another one to end; everyone reads them without a lock. A field that changes while threads run is an
+// atomic, a published text, or belongs to one thread, as it says.
 #pragma once
 
 #include <atomic>
@@ -90,7 +90,8 @@ struct AgentState {
     platform::EventHandle gv_stopEvent = 0;
     platform::ServiceStatusHandle gv_serviceStatusHandle = 0;
 
-    /// InvokeMainThread has been started: from then on other threads read the fields above until the process ends.
+    /// InvokeMainThread has been started: from then on other threads read the fields above until the process ends; but
+    /// none reads a setting while it waits for another agent (WaitsForDirectory).
     std::atomic<bool> gv_isMainThreadStarted{false};
 
     // What changes while the agent runs.

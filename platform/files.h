@@ -127,10 +127,13 @@ struct FileOperations {
     /// Returns when what was written is on the disk.
     std::function<Error(FileHandle file)> FlushFileBuffers;
 
-    /// Locks a file that is open for writing, for this handle alone: lockViolation while another one has it, in this
-    /// process or any other. It never waits, and keeps nobody from reading or writing. The lock ends with the handle,
-    /// or with the process in whichever way that ends. Another error where the file system has no locks.
-    std::function<Error(FileHandle file)> LockFileEx;
+    /// Locks a directory for one handle, which CloseHandle closes: lockViolation while another one has the lock, in
+    /// this process or any other. It never waits, and keeps nobody from working in the directory. The lock ends with
+    /// the handle, or with the process in whichever way that ends. On Linux it is on the directory itself, so that
+    /// nobody takes it away with a file; over NFS, which locks no directories, and on Windows it is on the file of that
+    /// name in it, which is made when it is missing. On Windows nobody can rename or delete that file while it is
+    /// locked. Another error where the file system has no locks.
+    std::function<Error(std::u16string_view directory, std::u16string_view fileName, FileHandle& lock)> LockDirectory;
 
     std::function<Error(FileHandle file)> CloseHandle;
 

@@ -192,10 +192,22 @@ Error LetEveryoneRead(FileHandle file) {
 
 Error FlushFileBuffers(FileHandle file) { return fsync(DescriptorOf(file)) != 0 ? LastError() : error::success; }
 
-/// A child of this process never keeps the lock: what it inherits is closed when it begins.
-Error LockFile(FileHandle file) {
-    if (flock(DescriptorOf(file), LOCK_EX | LOCK_NB) == 0) return error::success;
-    return errno == EWOULDBLOCK ? error::lockViolation : LastError();
+/// Opens and locks. A child of this process never keeps the lock: what it inherits is closed when it begins.
+Error TakeLock(const std::string& path, int flags, FileHandle& lock) {
+    Descriptor opened(OpenDescriptor(path, flags));
+    if (!opened) return LastPathError(path);
+    if (flock(opened.get(), LOCK_EX | LOCK_NB) != 0) return errno == EWOULDBLOCK ? error::lockViolation : LastError();
+    lock = FileHandleOf(opened.Release());
+    return error::success;
+}
+
+Error LockDirectory(std::u16string_view directory, std::u16string_view fileName, FileHandle& lock) {
+    lock = 0;
+    const std::string native = NativePathOf(directory);
+    const Error result = TakeLock(native, O_RDONLY | O_DIRECTORY, lock);
+    // NFS locks only what is open for writing, which no directory can be.
+    if (result != error::invalidHandle) return result;
+    return TakeLock(fs::path(native) / Utf8FromWide(fileName), O_RDWR | O_CREAT, lock);
 }
 
 Error CloseHandle(FileHandle file) {
@@ -357,7 +369,7 @@ FileOperations LinuxFiles() {
         .GetFileAttributesW = Guarded(GetFileAttributesW),
         .LetEveryoneRead = LetEveryoneRead,
         .FlushFileBuffers = FlushFileBuffers,
-        .LockFileEx = LockFile,
+        .LockDirectory = Guarded(LockDirectory),
         .CloseHandle = CloseHandle,
         .CopyFileW = Guarded(CopyFileW),
         .MoveFileExW = Guarded(MoveFileExW),

@@ -242,12 +242,24 @@ Error BringToDisk(const std::wstring& path) {
     return ResultOf(::FlushFileBuffers(file.get()));
 }
 
-/// A locked byte can be read by its owner alone, so it lies far behind the end of the file.
-Error LockFile(FileHandle file) {
+/// Deleting is not shared, unlike elsewhere: a file of that name that is made later could be locked beside this one. A
+/// locked byte can be read by its owner alone, so it lies far behind the end of the file.
+Error LockDirectory(std::u16string_view directory, std::u16string_view fileName, FileHandle& lock) {
+    lock = 0;
+    const std::wstring path = NativePathOf(std::u16string(directory) + u'\\' + std::u16string(fileName));
+    SystemHandle file;
+    const Error refusal = PastOthers([&]() -> BOOL {
+        file = OwnedFile(::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                                       OPEN_ALWAYS, 0, nullptr));
+        return static_cast<bool>(file);
+    });
+    if (refusal != error::success) return refusal;
     OVERLAPPED where{};
     where.OffsetHigh = 0x40000000;
-    return ResultOf(
-        ::LockFileEx(SystemFileOf(file), LOCKFILE_EXCLUSIVE_LOCK | LOCKFILE_FAIL_IMMEDIATELY, 0, 1, 0, &where));
+    if (!::LockFileEx(file.get(), LOCKFILE_EXCLUSIVE_LOCK | LOCKFILE_FAIL_IMMEDIATELY, 0, 1, 0, &where))
+        return LastError();
+    lock = reinterpret_cast<FileHandle>(file.Release());
+    return error::success;
 }
 
 Error CopyFileW(std::u16string_view from, std::u16string_view to) {
@@ -328,7 +340,7 @@ FileOperations WindowsFiles() {
         .GetFileAttributesW = Guarded(GetFileAttributesW),
         .LetEveryoneRead = [](FileHandle) { return error::success; },
         .FlushFileBuffers = [](FileHandle file) { return ResultOf(::FlushFileBuffers(SystemFileOf(file))); },
-        .LockFileEx = LockFile,
+        .LockDirectory = Guarded(LockDirectory),
         .CloseHandle = [](FileHandle file) { return ResultOf(::CloseHandle(SystemFileOf(file))); },
         .CopyFileW = Guarded(CopyFileW),
         .MoveFileExW = Guarded(MoveFileExW),

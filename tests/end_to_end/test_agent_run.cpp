@@ -31,12 +31,6 @@ std::set<fs::path> RecordFiles(const InstalledAgent& agent) {
     return files;
 }
 
-int Count(const std::string& text, const std::string& words) {
-    int count = 0;
-    for (std::size_t at = text.find(words); at != text.npos; at = text.find(words, at + 1)) ++count;
-    return count;
-}
-
 bool IsCompleteRecord(const std::string& bytes) {
     const HashTablePtr table = MakeHashTable();
     return JSONTextToHash(table.get(), TextFromUtf16LittleEndian(bytes)).ok;
@@ -110,22 +104,38 @@ TEST(AgentRun, LosesNoCompleteRecordWhenKilled) {
     EXPECT_GE(records.size(), 5U);
 }
 
-TEST(AgentRun, WaitsWhileAnotherOneWorksInItsDirectory) {
-    EnrolledAgent first;
+TEST(AgentRun, WaitsForAnotherOneAndTakesOverAsThingsAreThen) {
+    InstalledAgent second;  // ends first
+    EnrolledAgent first;    // both have its registry
     first.Start({"/t"});
     ASSERT_TRUE(InstalledAgent::Eventually([&] { return !RecordFiles(first).empty(); })) << first.ReadLog();
-    EnrolledAgent second;
-    second.SetText(u"", u"KVAgentInstallDir", platform::WideFromUtf8(first.folder.string() + "/"));
-    second.Start({"/t"});
-    const auto starts = [&] { return Count(first.ReadLog(), "Going on with the agent key"); };
+    const fs::path lock = first.monitoring / "bin" / "agent.lock";
+    const fs::path log = first.monitoring / "logs" / "agent.log";
+    const std::string holder = TestAgent::Read(lock);
     const auto logged = [&](const std::string& words) { return first.ReadLog().find(words) != std::string::npos; };
-    const std::string holder = TestAgent::Read(first.monitoring / "bin" / "agent.lock");
-    const std::string wait = "The agent of process " + holder.substr(0, holder.find(' ')) + " works in ";
-    EXPECT_TRUE(InstalledAgent::Eventually([&] { return logged(wait); })) << first.ReadLog();
-    EXPECT_EQ(starts(), 1);
+    second.program = KV_HASTY_AGENT_PROGRAM;  // looks thirty times a second
+    second.Start({"/t"});
+    EXPECT_TRUE(InstalledAgent::Eventually([&] {
+        return logged("The agent of process " + holder.substr(0, holder.find(' ')) + " works in ");
+    })) << first.ReadLog();
+
+    fs::remove(lock);
+    const fs::path rotated = first.monitoring / "logs" / "agent1.log";
+    fs::rename(log, rotated);
+    lab::ServerOptions options;
+    options.database = first.database;
+    const lab::LabServer server(options);
+    first.SetServer(server.port(), u"http");
+    InstalledAgent::Pause(200);
+    EXPECT_FALSE(fs::exists(lock)) << "the first one has the lock without the file, too";
+    const std::string before = TestAgent::Read(rotated);
     first.Kill();
-    EXPECT_TRUE(InstalledAgent::Eventually([&] { return starts() == 2; })) << first.ReadLog();
-    EXPECT_NE(TestAgent::Read(first.monitoring / "bin" / "agent.lock"), holder);
+    EXPECT_TRUE(InstalledAgent::Eventually([&] { return logged("Registered with agent key"); })) << first.ReadLog();
+    EXPECT_EQ(LastStatus(first.database), "") << "at the server that was set meanwhile";
+    EXPECT_TRUE(logged("That agent has ended. This one begins its work")) << first.ReadLog();
+    EXPECT_EQ(TestAgent::Read(rotated), before);
+    EXPECT_NE(TestAgent::Read(lock), "");
+    second.Kill();
 }
 
 }  // namespace

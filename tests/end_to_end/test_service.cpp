@@ -134,6 +134,27 @@ TEST_F(Service, WorksFromItsInstallationToItsRemoval) {
     EXPECT_TRUE(Logged("LOGGING STOPPED"));
 }
 
+TEST_F(Service, WaitsForAnAgentInTheConsoleAndIsSilentMeanwhile) {
+    Install();
+    RunInBox("systemd-run -q --unit=console --setenv=KVAGENT_STATE_DIR=" + agent.state.string() + " " +
+             agentProgram.string() + " /t");
+    ASSERT_TRUE(InstalledAgent::Eventually([&] { return LastStatus().empty(); })) << agent.ReadLog();
+    const std::string waits = "waits: the agent of process " + RunInBox("systemctl show --value -p MainPID console") +
+                              " works in the same directory";
+    for (const char* verb : {"stop", "status"}) {
+        Systemctl("start");
+        EXPECT_TRUE(Becomes("StatusText", waits));
+        Systemctl(verb);
+        EXPECT_EQ(LastStatus(), "") << "the other one works";
+    }
+    RunInBox("systemctl kill -s KILL console");
+    EXPECT_TRUE(Becomes("StatusText", "LAB1 at 127.0.0.1:8080, no upload yet"));
+    Systemctl("stop");
+    EXPECT_EQ(LastStatus(), "AGENT_DOWN");
+    EXPECT_THAT(TestAgent::Read(errors), testing::StartsWith("MonitoringAgent: the agent of process "));
+    fs::remove(errors);
+}
+
 TEST_F(Service, TellsTheServerOfAPowerOff) {
     InstallAndStart();
     RunInBox("systemctl poweroff");

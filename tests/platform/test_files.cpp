@@ -141,19 +141,19 @@ TEST_F(FilesTest, AFileIsInUseWhileItIsOpenForWriting) {
     EXPECT_EQ(Files().GetFileUseState(u"f"), error::success);
 }
 
-TEST_F(FilesTest, OneHandleAtATimeLocksAFile) {
-    FileHandle files[2] = {};
-    for (FileHandle& file : files)
-        ASSERT_EQ(
-            Files().CreateFileW(u"f", FileAccess::readWrite, FileShare::readWrite, FileDisposition::openAlways, file),
-            error::success);
-    EXPECT_EQ(Files().LockFileEx(files[0]), error::success);
-    EXPECT_EQ(Files().LockFileEx(files[1]), error::lockViolation);
-    EXPECT_EQ(Files().WriteText(files[0], "1"), error::success);
-    EXPECT_EQ(Read("f"), "1") << "others read it all the same";
-    Files().CloseHandle(files[0]);
-    EXPECT_EQ(Files().LockFileEx(files[1]), error::success);
-    Files().CloseHandle(files[1]);
+TEST_F(FilesTest, OneHandleAtATimeLocksADirectory) {
+    FileHandle locks[2] = {};
+    fs::create_directory("d");
+    EXPECT_EQ(Files().LockDirectory(u"d\\", u"f", locks[0]), error::success);
+    EXPECT_EQ(Files().LockDirectory(u"d", u"f", locks[1]), error::lockViolation);
+    Write("d/f", "1");
+    EXPECT_EQ(Read("d/f"), "1") << "others write and read it all the same";
+    Files().DeleteFileW(u"d\\f");
+    EXPECT_EQ(Files().LockDirectory(u"d", u"f", locks[1]), error::lockViolation) << "with or without the file";
+    EXPECT_EQ(Files().CloseHandle(locks[0]), error::success);
+    EXPECT_EQ(Files().LockDirectory(u"d", u"f", locks[1]), error::success);
+    Files().CloseHandle(locks[1]);
+    EXPECT_NE(Files().LockDirectory(u"absent", u"f", locks[1]), error::success);
 }
 
 }  // namespace
