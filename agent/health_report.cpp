@@ -223,8 +223,9 @@ void WriteMetricsApart(Report& report, const HealthSnapshot& health) {
         const std::lock_guard hold(report.metricsLock);
         if (!agentHealth.isReportOver) WriteMetrics(report, health);
     });
-    report.isWritingMetrics = false;
+    // In this order, so that this end is not taken for that of the next write.
     platform::Threads().SetEvent(report.metricsEnd);
+    report.isWritingMetrics = false;
 }
 
 /// Begins a write and waits a while for its end; false when it goes on.

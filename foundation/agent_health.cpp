@@ -58,6 +58,11 @@ void NoteRegistrationBegun() noexcept {
     WakeHealthReport();
 }
 
+bool IsRegisteringFirst() noexcept {
+    const std::lock_guard hold(events.lock);
+    return events.last.registrationTime == 0 && !events.last.registration.empty();
+}
+
 void NoteRegistration(std::string_view outcome) noexcept {
     try {
         std::string text(outcome);
@@ -88,15 +93,12 @@ void NoteLostRecord(std::u16string_view path, platform::Error reason) noexcept {
 }
 
 void NoteFailureText(std::string text) noexcept {
-    bool isRegistering = false;
     {
         const std::lock_guard hold(events.lock);
         events.last.failureTime = GetNowSeconds();
         events.last.failure = std::move(text);
-        isRegistering = events.last.registrationTime == 0 && !events.last.registration.empty();
     }
-    // Several addresses that swallow what is sent to them take minutes, in which people look.
-    if (isRegistering) WakeHealthReport();
+    if (IsRegisteringFirst()) WakeHealthReport();
 }
 
 void WakeHealthReport() noexcept {

@@ -66,6 +66,9 @@ void NoteFailedUpload() noexcept;
 /// The first registration is on its way. Without effect once there was an outcome.
 void NoteRegistrationBegun() noexcept;
 
+/// Between that and the outcome.
+bool IsRegisteringFirst() noexcept;
+
 /// What a registration that gave the agent its key came to.
 inline constexpr std::string_view registeredOutcome = "registered";
 

@@ -36,10 +36,12 @@ struct AddressedRequest {
     std::u16string lastAddress = {};  // that was tried
 };
 
-/// Notes a failure at once: the other addresses may take minutes. A refusal is noted where its status is read.
-void NoteFailedAttempt(const AddressedRequest& request) noexcept {
+/// A refusal is noted where its status is read.
+void NoteFailedRequest(const AddressedRequest& request) noexcept {
     if (request.result == error::success || request.result == error::invalidData) return;
     NoteFailureOf([&] {
+        if (request.lastAddress.empty() && request.result == error::winHttpNameNotResolved)
+            return LogText("%s: no address of the server is set", PathOfUrl(request.url));
         return LogText("%s at %s:%d: %s", PathOfUrl(request.url), request.lastAddress, agentState.gv_ServerPort,
                        TransactionFailure(request.result));
     });
@@ -55,7 +57,8 @@ void Attempt(AddressedRequest& request, std::u16string_view address) {
                                                   request.kind, request.dataLength, request.keepAlive)
                           : InternetGetRequestEx(target, request.url, request.data.destinationFile, request.response,
                                                  request.kind, request.keepAlive);
-    NoteFailedAttempt(request);
+    // Several addresses that swallow what is sent to them take minutes, in which people look.
+    if (IsRegisteringFirst()) NoteFailedRequest(request);
 }
 
 /// Attempts an address of the configuration, which after a success is the one to try first next time.
@@ -74,12 +77,6 @@ void TryAddresses(AddressedRequest& request) {
     AttemptAndRemember(request, agentState.gv_ServerName);
     if (!LeadsToNextAddress(request.result, false)) return;
     AttemptAndRemember(request, agentState.gv_ServerFlatName);
-}
-
-/// An address that failed was noted then.
-void NoteMissingAddress(const AddressedRequest& request) noexcept {
-    if (!request.lastAddress.empty() || request.result != error::winHttpNameNotResolved) return;
-    NoteFailureOf([&] { return LogText("%s: no address of the server is set", PathOfUrl(request.url)); });
 }
 
 }  // namespace
@@ -112,9 +109,8 @@ Error AgentSendRequest(const OptionalText& /*serverName*/, std::int32_t /*server
     } catch (const std::bad_alloc&) {
         Log1("AgentSendRequest : Out of memory\n");
         request.result = error::notEnoughMemory;
-        NoteFailedAttempt(request);
     }
-    NoteMissingAddress(request);
+    NoteFailedRequest(request);
     Log2("AgentSendRequest : Last Access Address is %s \n", agentState.gv_LastAccessName);
     return request.result;
 }

@@ -43,8 +43,10 @@ platform::Error ProbeServer(std::u16string_view address, std::int32_t port, Serv
     if (const platform::Error failure = SendAndReceive(attempt)) return failure;
     std::u16string headers;
     if (const platform::Error failure = ReadRawHeaders(attempt, headers)) return failure;
-    answer.location = platform::Utf8FromWide(LocationIn(headers));
-    return ReadStatus(attempt, answer.status);
+    std::uint32_t status = 0;
+    if (const platform::Error failure = ReadStatus(attempt, status)) return failure;
+    answer = {status, platform::Utf8FromWide(LocationIn(headers))};
+    return platform::error::success;
 }
 
 }  // namespace kv

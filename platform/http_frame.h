@@ -139,8 +139,10 @@ class HttpFrame {
     static Error SetOptionNumber(HttpHandle request, HttpOption option, std::uint32_t value) {
         std::shared_ptr<Request> owner;
         if (const Error failure = AllHandles().Find(request, owner)) return failure;
-        if (option == HttpOption::redirectPolicy) owner->followsRedirects = value != redirectNever;
-        if (option == HttpOption::redirectPolicy) return error::success;
+        if (option == HttpOption::redirectPolicy) {
+            owner->followsRedirects = value != redirectNever;
+            return error::success;
+        }
         return IsText(option) ? error::winHttpInvalidOption : Backend::SetNumber(*owner, option, value);
     }
 

@@ -29,7 +29,10 @@ std::string ShownName(std::string name) {
     for (char& c : name) {
         if (static_cast<unsigned char>(c) < ' ' || c == 0x7f) c = '?';
     }
-    return name.size() <= mostNameBytes ? name : name.substr(0, mostNameBytes) + "...";
+    if (name.size() <= mostNameBytes) return name;
+    std::size_t end = mostNameBytes;
+    while (end > 0 && (static_cast<unsigned char>(name[end]) & 0xC0) == 0x80) --end;  // inside a character
+    return name.substr(0, end) + "...";
 }
 
 }  // namespace

@@ -22,7 +22,7 @@ constexpr std::size_t mostListed = 200;  // words that a line may go on with
 constexpr const char* wordEnds = " \t,({=<>!";
 
 /// Whether something other than a file, such as a pipe that nobody writes to, stands at a path.
-bool IsNoFile(const std::string& path) {
+bool IsOtherThanFile(const std::string& path) {
     std::error_code absent;
     const fs::file_type type = fs::status(path, absent).type();
     return type != fs::file_type::regular && type != fs::file_type::not_found && type != fs::file_type::none;
@@ -113,7 +113,7 @@ unsigned char CompleteWord(EditLine* line, int) {
 void Keep(Editor& editor, const std::string& line) {
     HistEvent event{};
     history(editor.history, &event, H_ENTER, line.c_str());
-    if (editor.historyFile.empty() || IsNoFile(editor.historyFile)) return;
+    if (editor.historyFile.empty() || IsOtherThanFile(editor.historyFile)) return;
     const mode_t former = umask(0077);
     history(editor.history, &event, H_SAVE, editor.historyFile.c_str());
     umask(former);
@@ -130,7 +130,7 @@ LinePrompt::LinePrompt(const std::string& program, const std::string& prompt, Co
     state.prompt = prompt;
     state.complete = std::move(complete);
     state.historyFile = HistoryFile(program);
-    if (!state.historyFile.empty() && IsNoFile(state.historyFile)) {
+    if (!state.historyFile.empty() && IsOtherThanFile(state.historyFile)) {
         std::fprintf(stderr, "%s: %s is not a file; lines are not kept\n", program.c_str(), state.historyFile.c_str());
         state.historyFile.clear();
     }

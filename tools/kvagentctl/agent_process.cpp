@@ -38,12 +38,13 @@ void RefuseDirectory(const std::string& name) {
         throw commandline::UsageError(name + " is a directory; a plan is a file");
 }
 
-std::vector<std::u16string> PlansOfSlaves(std::u16string_view bin) {
+std::vector<SlavePlan> PlansOfSlaves(std::u16string_view bin) {
     const std::u16string slaves = ConcatStrings(bin, conf_path::slavesDirectory);
-    std::vector<std::u16string> plans;
+    std::vector<SlavePlan> plans;
     for (FileSearch search(slaves + u"*"); search.hasFile(); search.Next()) {
-        const std::u16string plan = slaves + search.file.fileName + u"\\" + std::u16string(conf_path::planName);
-        if (search.file.isDirectory && !search.file.fileName.starts_with(u'.') && MayExist(plan)) plans.push_back(plan);
+        const std::u16string& slave = search.file.fileName;
+        const std::u16string path = slaves + slave + u"\\" + std::u16string(conf_path::planName);
+        if (search.file.isDirectory && !slave.starts_with(u'.') && MayExist(path)) plans.push_back({slave, path});
     }
     return plans;
 }

@@ -27,8 +27,13 @@ void RequireReadableRegistry(platform::Error result);
 /// Throws commandline::UsageError when a plan's name on the command line, in UTF-8, is that of a directory.
 void RefuseDirectory(const std::string& name);
 
-/// The paths of the plans that lie below a bin directory for slaves, whose path ends in a separator.
-std::vector<std::u16string> PlansOfSlaves(std::u16string_view bin);
+struct SlavePlan {
+    std::u16string slave;
+    std::u16string path;
+};
+
+/// The plans that lie beside a bin directory for slaves; the directory's path ends in a separator.
+std::vector<SlavePlan> PlansOfSlaves(std::u16string_view bin);
 
 /// What a line of the log says: without blanks and line ends around it, and without the routine's name ahead of "::".
 std::string_view WithoutRoutine(std::string_view line);

@@ -148,7 +148,7 @@ std::vector<HashTablePtr> ReadPlans(const Given& given, platform::Error failure)
             fmt::format("the agent has no plan: there is no {}; name one: kvagentctl collect PLAN", NativeName(own)));
     plans.push_back(ReadPlan(own));
     if (!Has(given, "--slaves")) return plans;
-    for (const std::u16string& plan : PlansOfSlaves(bin)) plans.push_back(ReadPlan(plan));
+    for (const SlavePlan& plan : PlansOfSlaves(bin)) plans.push_back(ReadPlan(plan.path));
     return plans;
 }
 
@@ -266,6 +266,16 @@ void PrintRecord(const PlannedRecord& planned, const CollectedRecord& collected)
     commandline::FlushOutput();
 }
 
+/// False when it was interrupted.
+bool HasPrinted(const PlannedRecord& planned, const CollectedRecord& collected) {
+    try {
+        PrintRecord(planned, collected);
+        return true;
+    } catch (const Interrupted&) {
+        return false;
+    }
+}
+
 json_object* JsonTexts(const std::vector<std::string>& texts) {
     json_object* list = json_object_new_array();
     for (const std::string& text : texts) json_object_array_add(list, JsonText(text));
@@ -319,8 +329,8 @@ std::size_t CollectAll(const std::vector<PlannedRecord>& records, bool asJson) {
         if (collected.isFailure) ++failed;
         if (asJson)
             json_object_array_add(list.get(), JsonOf(records[done], collected));
-        else
-            PrintRecord(records[done], collected);
+        else if (!HasPrinted(records[done], collected))
+            break;
     }
     if (asJson) fmt::print("{}\n", TextOfJson(list.get()));
     if (done == records.size()) return failed;

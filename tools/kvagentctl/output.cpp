@@ -124,10 +124,10 @@ Cell Cell::List(const std::vector<Cell>& elements) {
 void PrintText(std::string_view text) {
     const bool isForTerminal = platform::OutputColumns() > 0;
     while (!text.empty()) {
-        if (platform::WasInterrupted()) throw std::runtime_error("interrupted");
+        if (platform::WasInterrupted()) throw Interrupted();
         const std::size_t end = std::min(text.find_first_of("\t\n"), text.size());
         std::size_t shown = end;
-        if (end < text.size() && text.substr(0, end).ends_with('\r')) --shown;  // of a line end
+        if (end < text.size() && text[end] == '\n' && text.substr(0, end).ends_with('\r')) --shown;  // of a line end
         fmt::print("{}{}",
                    isForTerminal ? commandline::InLine(text.substr(0, shown)) : std::string(text.substr(0, shown)),
                    text.substr(shown, end + 1 - shown));

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -44,9 +45,14 @@ struct Table {
 /// is empty.
 std::string Printed(const Table& table, Form form);
 
+/// An interrupt came while something was printed.
+struct Interrupted : std::runtime_error {
+    Interrupted() : std::runtime_error("interrupted") {}
+};
+
 /// Prints a text of several lines on standard output, at once. A terminal gets control characters other than tabs and
-/// line ends escaped; a file or a pipe gets every byte. Throws std::runtime_error when it cannot be written, and when
-/// platform::WasInterrupted; the rest is not printed then.
+/// line ends escaped; a file or a pipe gets every byte. Throws std::runtime_error when it cannot be written, and
+/// Interrupted when platform::WasInterrupted; the rest is not printed then.
 void PrintText(std::string_view text);
 
 /// Columns of a terminal that a table's names take, and that its longest line takes.

@@ -2,6 +2,7 @@
 #include <fmt/format.h>
 
 #include "foundation/file_utils.h"
+#include "foundation/registry_store.h"
 #include "foundation/text.h"
 #include "platform/utf.h"
 #include "queryconf/conf_paths.h"
@@ -16,6 +17,14 @@ namespace {
 
 using commandline::Given;
 
+void CheckSlaves(Findings& findings, const std::vector<SlavePlan>& plans) {
+    OptionalText isMaster;
+    static_cast<void>(GetMasterAgent(isMaster));
+    if (!plans.empty() && CompareIgnoreCase(isMaster, u"yes") != 0)
+        return findings.Note("plans of slaves", "are not loaded, because MasterAgent is not yes");
+    for (const SlavePlan& plan : plans) CheckPlan(findings, plan.path, NativeName(plan.path), plan.slave);
+}
+
 void CheckOwnPlan(Findings& findings) {
     const std::u16string install = InstallDirectory();
     if (install.empty()) return;
@@ -29,11 +38,11 @@ void CheckOwnPlan(Findings& findings) {
         findings.Warn("plan " + refusedName, "is the last new plan of the server, which the agent refused",
                       "kvagentctl check " + refusedName + " says why");
     if (MayExist(path))
-        CheckPlan(findings, path, name);
+        CheckPlan(findings, path, name, u"");
     else
         findings.Warn("plan " + name, "does not exist, so nothing is collected",
                       "put one there, or wait for the server to send one");
-    for (const std::u16string& plan : PlansOfSlaves(bin)) CheckPlan(findings, plan, NativeName(plan));
+    CheckSlaves(findings, PlansOfSlaves(bin));
 }
 
 void RunCheck(const Given& given) {
@@ -51,7 +60,7 @@ void RunCheck(const Given& given) {
     if (plan.empty())
         CheckOwnPlan(findings);
     else
-        CheckPlan(findings, platform::WideFromUtf8(plan), plan);
+        CheckPlan(findings, platform::WideFromUtf8(plan), plan, std::nullopt);
     if (commandline::Has(given, "--online") && isReadable)
         CheckServer(findings);
     else if (commandline::Has(given, "--online"))

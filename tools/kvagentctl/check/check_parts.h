@@ -50,8 +50,9 @@ void CheckMemberNames(Findings& findings, const std::string& where, const HashTa
                       std::span<const std::u16string_view> known);
 
 /// A plan's file: whether the agent would take it, and each workflow and record in it. The path is as platform/files.h
-/// takes it, the name as people know it.
-void CheckPlan(Findings& findings, std::u16string_view path, const std::string& name);
+/// takes it, the name as people know it. owner: the slave that it lies there for, "" for the agent itself; absent when
+/// only its content can tell.
+void CheckPlan(Findings& findings, std::u16string_view path, const std::string& name, const OptionalText& owner);
 
 /// Each of the server's addresses, in the order in which the agent tries them. Asks the server for "/", which changes
 /// nothing there.

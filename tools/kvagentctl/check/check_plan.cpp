@@ -26,7 +26,7 @@ constexpr std::u16string_view workflowsKey = u"WorkFlows";
 constexpr std::u16string_view slaveKeys = u"WorkFlows_";
 constexpr std::int32_t longInterval = 31 * 24 * 60;  // minutes; more is likely to be seconds by mistake
 
-/// The slave whose plan a document is; empty for the agent's own.
+/// The slave whose plan a document seems to be; empty for the agent's own.
 std::u16string SlaveOf(const HashTable* document) {
     if (ContainsHashKey(document, u"WorkFlows")) return u"";
     const std::unique_ptr<const char16_t*[]> keys = GetHashKeys(document);
@@ -145,7 +145,7 @@ WideEscapes FindWideEscapes(std::string_view json) {
 void WarnOfEscapes(Findings& findings, const std::string& where, std::u16string_view path) {
     std::string bytes;
     if (ReadWholeFile(path, bytes) != platform::error::success) return;
-    std::erase(bytes, '\0');  // of 16-bit characters the ASCII ones are left
+    if (bytes.find('\0') != std::string::npos) bytes = Utf8FromWide(TextFromUtf16LittleEndian(bytes));
     const WideEscapes escapes = FindWideEscapes(bytes);
     if (escapes.count == 0) return;
     const std::string others = escapes.count > 1 ? fmt::format(" and {} more such escapes", escapes.count - 1) : "";
@@ -171,7 +171,7 @@ void CheckMemberNames(Findings& findings, const std::string& where, const HashTa
     }
 }
 
-void CheckPlan(Findings& findings, std::u16string_view path, const std::string& name) {
+void CheckPlan(Findings& findings, std::u16string_view path, const std::string& name, const OptionalText& owner) {
     const std::string where = "plan " + name;
     std::vector<std::string> lines;
     const LogLines log([&](std::string_view line) { lines.emplace_back(WithoutRoutine(line)); });
@@ -183,7 +183,7 @@ void CheckPlan(Findings& findings, std::u16string_view path, const std::string& 
     WarnOfEscapes(findings, where, path);
     lines.clear();
     const HashTable* const document = plan.document.get();
-    const std::u16string slave = SlaveOf(document);
+    const std::u16string slave = owner ? *owner : SlaveOf(document);
     if (!IsUsablePlan(document, slave, path)) {
         for (const std::string& line : lines)
             findings.Error(where, WithoutName(line, path) + ": the agent would refuse it");

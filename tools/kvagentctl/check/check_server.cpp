@@ -52,9 +52,11 @@ std::string NextStep(platform::Error failure) {
     }
 }
 
+bool UsesProxy() { return CompareIgnoreCase(agentState.gv_proxyEnabled, u"yes") == 0; }
+
 /// The address that a name leads to, or false with a problem. Behind a proxy, names are the proxy's to look up.
 bool LookUp(const std::string& name, Tried& tried) {
-    if (IsAddress(name) || CompareIgnoreCase(agentState.gv_proxyEnabled, u"yes") == 0) return true;
+    if (IsAddress(name) || UsesProxy()) return true;
     platform::HostEntry host;
     if (const platform::Error failure = platform::Sockets().gethostbyname(name, host)) {
         tried.problem =
@@ -127,11 +129,12 @@ void JudgeRedirect(const ServerAnswer& answer, Tried& tried) {
 
 /// What a status for "/" says of the requests to come. A server need not have a page there.
 void JudgeStatus(const ServerAnswer& answer, Tried& tried) {
+    constexpr std::uint32_t proxyRefusal = 407;
     constexpr std::uint32_t notFound = 404;
     constexpr std::uint32_t notAllowed = 405;
     const std::uint32_t status = answer.status;
     const std::string text = fmt::format("it answers GET / with HTTP status {}", status);
-    if (status == 407) {
+    if (status == proxyRefusal && UsesProxy()) {
         tried.result = status;
         tried.problem = text + ": the proxy refused the user or the password; see ProxyUserName and ProxyPassword";
         tried.next = NextStep(status);

@@ -52,6 +52,11 @@ std::string SetCommand(const AgentSetting& setting) {
         const bool hasServer = StoredText(GetKVServerName).has_value();
         return fmt::format("kvagentctl setup {}", hasServer ? option.option : "--server SERVER");
     }
+    if (setting.name == u"MonitoringAgentKey")
+        return fmt::format(
+            "kvreg set \"{}\" {} KEY, with the key that this agent has at its server; deleted, it registers as a new "
+            "one",
+            Utf8FromWide(setting.key), Utf8FromWide(setting.name));
     if (setting.use == SettingUse::stored)
         return fmt::format("kvreg delete \"{}\" {}, and the agent stores a new one", Utf8FromWide(setting.key),
                            Utf8FromWide(setting.name));
@@ -97,10 +102,10 @@ void CheckUnknownNames(Findings& findings) {
     }
 }
 
-/// One character logs nobody in: the agent takes it for a text that stands for none.
+/// The agent does not use credentials of one character, which stand for an empty text.
 void CheckProxyCredentials(Findings& findings) {
     constexpr const char* tooShort =
-        "has one character, which the agent takes for none: it does not log in at the proxy";
+        "has one character, which the agent takes for an empty text: it does not log in at the proxy";
     if (StoredText(GetProxyUserName).value_or(u"").size() == 1) findings.Warn("setting ProxyUserName", tooShort);
     if (DecodeBase64(StoredText(GetProxyPassword).value_or(u"")).size() == 1)
         findings.Warn("setting ProxyPassword", tooShort);
