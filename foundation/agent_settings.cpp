@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <filesystem>
 #include <fmt/format.h>
 #include <vector>
 
@@ -12,6 +13,8 @@
 #include "foundation/request_types.h"
 #include "foundation/server_limit.h"
 #include "foundation/text.h"
+#include "platform/console_tool.h"
+#include "platform/files.h"
 #include "platform/name_pattern.h"
 #include "platform/near_name.h"
 #include "platform/utf.h"
@@ -126,19 +129,43 @@ bool AreProxies(std::u16string_view list) {
     return hasProxy;
 }
 
-/// Whether the agent writes a file of that name for another purpose.
-bool IsAgentFile(std::u16string_view path) {
-    std::u16string form(path);
-    std::transform(form.begin(), form.end(), form.begin(),
-                   [](char16_t unit) { return unit == u'\\' ? u'/' : platform::UpperCaseOf(unit); });
-    for (const std::u16string_view folder : {u"/MONITORING/CONF/", u"/BIN/DATA/", u"/BIN/ZIPDATA/"}) {
-        if (form.find(folder) != std::u16string_view::npos) return true;
+/// One form of a whole path, by which it is compared: without "//", "." and "..", in upper case. The disk is not asked,
+/// because a folder of the metrics may not answer.
+std::u16string PlaceOf(std::u16string_view path) {
+    const std::filesystem::path native(platform::Files().NativePath(path));
+    std::u16string place = native.lexically_normal().generic_u16string();
+    std::transform(place.begin(), place.end(), place.begin(), platform::UpperCaseOf);
+    return place;
+}
+
+bool IsRegistryFile(std::u16string_view place) {
+    const std::string file = platform::RegistryFile();
+    if (file.empty()) return false;
+    for (const char* const part : {"", "-wal", "-shm"}) {
+        if (place == PlaceOf(platform::WideFromUtf8(file + part))) return true;
     }
-    const std::u16string_view name = std::u16string_view(form).substr(form.rfind(u'/') + 1);
-    constexpr std::u16string_view names[] = {u"REGISTRY.DB", u"REGISTRY.DB-WAL", u"REGISTRY.DB-SHM", u"STATUS.JSON",
-                                             u"AGENT.LOCK",  u"TESTMONITOR.LOG", u"SNMP_AGENT.LOG"};
-    return std::find(std::begin(names), std::end(names), name) != std::end(names) ||
+    return false;
+}
+
+/// Of a name in the agent's folder of logs.
+bool IsAgentLog(std::u16string_view name) {
+    return name == u"STATUS.JSON" || name == u"TESTMONITOR.LOG" || name == u"SNMP_AGENT.LOG" ||
            (name.starts_with(u"AGENT") && name.ends_with(u".LOG"));
+}
+
+/// Whether a whole path leads to what the agent has for another purpose: its programs, records, plan and scripts, its
+/// logs, or the registry.
+bool IsAgentFile(std::u16string_view path) {
+    const std::u16string place = PlaceOf(path);
+    if (IsRegistryFile(place)) return true;
+    OptionalText installDir;
+    if (LookUpText(agentKeyPath, u"KVAgentInstallDir", installDir) != platform::error::success) return false;
+    const auto folder = [&](std::u16string_view name) {
+        return PlaceOf(ConcatStrings(*installDir, ConcatStrings(u"monitoring\\", name)));
+    };
+    const std::u16string logs = folder(u"logs\\");
+    return place.starts_with(folder(u"bin\\")) || place.starts_with(folder(u"conf\\")) ||
+           (place.starts_with(logs) && IsAgentLog(std::u16string_view(place).substr(logs.size())));
 }
 
 std::string KindName(RegistryType type) {
@@ -247,7 +274,7 @@ std::string SettingTaken(const AgentSetting& setting) {
         case wholePath:
             return "a whole path, from the root on";
         case metricsPath:
-            return "a whole path of a file that the agent does not write anyway";
+            return "a whole path, of a file that is not one of the agent's own";
         case directory:
             return "a directory with a slash at its end";
         case host:

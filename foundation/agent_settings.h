@@ -18,7 +18,7 @@ enum class SettingRule {
     anyText,
     text,          // not empty, without control characters
     wholePath,     // from the root on
-    metricsPath,   // the same, and not a file that the agent writes anyway; or empty
+    metricsPath,   // the same, and not one of the agent's own files; or empty
     directory,     // ends in a slash or backslash, because paths are appended to it
     host,          // a name or an address, without scheme and port
     optionalHost,  // the same, or up to two characters, such as "--", for no address
@@ -62,7 +62,8 @@ bool IsAgentKey(std::u16string_view key);
 
 platform::RegistryType SettingType(const AgentSetting& setting);
 
-/// Whether the value may hold that. A text given for a number, or a number for a text, is never right.
+/// Whether the value may hold that. A text given for a number, or a number for a text, is never right. Where the
+/// agent's own files are, for metricsPath, is read from the registry.
 bool SettingTakes(const AgentSetting& setting, std::u16string_view value);
 bool SettingTakes(const AgentSetting& setting, std::uint32_t value);
 

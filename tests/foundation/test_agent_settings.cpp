@@ -7,8 +7,11 @@
 
 #include "foundation/agent_settings.h"
 #include "foundation/registry_store.h"
+#include "platform/backend.h"
+#include "platform/console_tool.h"
 #include "platform/near_name.h"
 #include "platform/utf.h"
+#include "tests/support/test_folder.h"
 
 namespace kv::test {
 
@@ -77,7 +80,6 @@ TEST(AgentSettings, TakeWhatTheAgentCanUse) {
          u"AllowedRequests",
          {u"", u"test_monitor, *_SERVICE"},
          {u"TEST_MONITER", u"DELETE_DEVICE;TEST_MONITOR"}},
-        {"own files", monitoringKeyPath, u"MetricsFile", {}, {u"/k/registry.db", u"C:\\k\\logs\\Status.json"}},
         {"key", monitoringKeyPath, u"MonitoringAgentKey", {u"LAB1"}, {u""}},
         {"port", serverInfoKeyPath, u"kvserversecureport", {u"1", u"8443", u"65535"}, {u"", u"0", u"65536", u"+1"}},
         {"protocol", serverInfoKeyPath, u"KVServerProtocol", {u"HTTPS", u"http"}, {u"htp", u"", u"https://"}},
@@ -89,7 +91,6 @@ TEST(AgentSettings, TakeWhatTheAgentCanUse) {
         {"second", serverInfoKeyPath, u"KVServerSecIPAddress", {u"--", u"", u"192.0.2.1"}, {u"http://cs"}},
         {"flag", agentKeyPath, u"ProxyEnabled", {u"yes", u"NO"}, {u"true", u"1", u""}},
         {"directory", agentKeyPath, u"KVAgentInstallDir", {u"/opt/k/", u"C:\\K\\"}, {u"/opt/k", u""}},
-        {"whole path", monitoringKeyPath, u"MetricsFile", {u"", here.c_str()}, {u"kv.prom", u"..\\kv.prom"}},
         {"password", agentKeyPath, u"ProxyPassword", {u"c2VjcmV0", u""}, {u"secret!"}},
         {"number", agentKeyPath, u"AgentLogLevel", {}, {u"2"}},
     };
@@ -105,6 +106,34 @@ TEST(AgentSettings, TakeWhatTheAgentCanUse) {
     const AgentSetting* level = FindAgentSetting(agentKeyPath, u"AgentLogLevel");
     EXPECT_TRUE(SettingTakes(*level, 4));
     EXPECT_FALSE(SettingTakes(*level, 5));
+}
+
+struct MetricsSetting : TestFolder {
+    MetricsSetting() { platform::InstallRegistry(); }
+};
+
+TEST_F(MetricsSetting, LeavesTheAgentsOwnFilesAlone) {
+    const AgentSetting& setting = *FindAgentSetting(monitoringKeyPath, u"MetricsFile");
+    const std::u16string root = folder.u16string();
+    const auto taken = [&](std::u16string_view path) {
+        return SettingTakes(setting, path.starts_with(u"/") ? ConcatStrings(root, path) : std::u16string(path));
+    };
+    EXPECT_TRUE(taken(u"/kv/monitoring/conf/kv.prom")) << "before the agent is installed";
+    ASSERT_EQ(writeValue(platform::RootKey::localMachine, agentKeyPath, u"KVAgentInstallDir", root + u"/kv/",
+                         platform::RegistryType::text),
+              platform::error::success);
+    for (const char16_t* path : {u"", u"/srv/monitoring/conf/kv.prom", u"/kv/agentxyz.log", u"/x/bin/data/k.prom",
+                                 u"/kv/monitoring/logs/kv.prom", u"/kv/monitoring/bin.prom", u"/x/registry.db"})
+        EXPECT_TRUE(taken(path)) << platform::Utf8FromWide(path);
+    for (const char16_t* path :
+         {u"kv.prom", u"..\\kv.prom", u"//kv//.\\monitoring/x/..//conf/queryconf.txt",
+          u"/kv/monitoring/bin/MonitoringAgent", u"/kv/monitoring/bin/data/k.prom", u"/kv/monitoring/logs/agent1.log",
+          u"/kv/monitoring/logs/Status.json", u"/x/../kv/monitoring/conf/kv.prom"})
+        EXPECT_FALSE(taken(path)) << platform::Utf8FromWide(path);
+    const std::string file = platform::RegistryFile();
+    for (const char* part : {"", "-wal", "-shm"}) {
+        EXPECT_FALSE(!file.empty() && SettingTakes(setting, platform::WideFromUtf8(file + part))) << file << part;
+    }
 }
 
 TEST(AgentSettings, AreFoundBehindASlip) {
