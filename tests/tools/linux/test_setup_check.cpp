@@ -119,7 +119,7 @@ TEST_F(SetupAndCheck, CheckFindsWhatIsWrongWithSettings) {
     for (const char* fault :
          {"AgentLogLevel: has to be a DWORD", "ProxyServerName: is missing, and ProxyEnabled",
           "did you mean ServerInfo\\KVServerProtocol?", "ProxyUserName: has one character",
-          "ftp', which counts as http", "MonitoringAgentKey, and the agent stores a new one",
+          "ftp', which counts as http", "MonitoringAgentKey KEY, with the key that",
           "scripts: others may write to it (mode 0777)", "monitoring: others may write", "logs: others may", "plan ",
           "queryconf.txt: others may write to it (mode 0777)", "bin: does not exist"})
         EXPECT_THAT(faults.output, HasSubstr(fault));
@@ -246,6 +246,8 @@ TEST_F(SetupAndCheck, CheckFindsWhatIsWrongWithAPlan) {
     Write(plan, record(R"("script":"plain.sh","Name":"N")"));
     EXPECT_THAT(Run({"check", plan}).output, HasSubstr("plain.sh is not run: AllowedScripts does not have it"));
     Write(conf / "slaves" / "S1" / "queryconf.txt", R"({"WorkFlows_S1":[5]})");
+    EXPECT_THAT(Run({"check"}).output, HasSubstr("plans of slaves: are not loaded"));
+    Registry({"set", agentKey + "\\Monitoring", "MasterAgent", "yes"});
     EXPECT_THAT(Run({"check"}).output, HasSubstr("slaves/S1/queryconf.txt: is that of the slave S1"));
     EXPECT_EQ(Run({"check", plan + ".missing"}).exitCode, 3);
     EXPECT_THAT(Run({"check", conf.string()}).errors, HasSubstr("conf is a directory; a plan is a file"));
