@@ -86,15 +86,20 @@ constexpr AgentSetting settings[] = {
 
 bool SameText(std::u16string_view left, std::u16string_view right) { return CompareIgnoreCase(left, right) == 0; }
 
-constexpr std::u16string_view notInHosts = u" \t/\\@?#,;\"'";
+constexpr std::u16string_view notInHosts = u" /\\@?#,;\"'";
+constexpr std::size_t longestHost = 253;  // characters of a name in the DNS
 
 /// The address that stands for every address of a computer, and leads to no server.
 bool IsAnyAddress(std::u16string_view text) { return text == u"0.0.0.0" || text == u"::" || text == u"[::]"; }
 
+bool HasControl(std::u16string_view text) {
+    return std::any_of(text.begin(), text.end(), [](char16_t unit) { return unit < u' ' || unit == u'\x7F'; });
+}
+
 /// A name, an IPv4 address, or an IPv6 address in brackets or without.
 bool IsHost(std::u16string_view text) {
     const bool hasPort = std::count(text.begin(), text.end(), u':') == 1;
-    return !text.empty() && !hasPort && !IsAnyAddress(text) &&
+    return !text.empty() && text.size() <= longestHost && !hasPort && !IsAnyAddress(text) && !HasControl(text) &&
            text.find_first_of(notInHosts) == std::u16string_view::npos;
 }
 
@@ -195,6 +200,8 @@ std::string WrongPart(const AgentSetting& setting, std::u16string_view value) {
     if (setting.rule == base64) return "";
     if ((isHost || setting.rule == proxies) && value.find(u'@') != std::u16string_view::npos)
         return ", and neither user nor password before an @";
+    if (isHost && value.size() > longestHost)
+        return fmt::format(", of at most {} characters, not of {}", longestHost, value.size());
     if (isHost && IsAnyAddress(value)) return isNot(value, ", which stands for every address of a computer");
     if (setting.rule == protocol) return isNot(value, ", which counts as http");
     if (setting.rule == keyPins) return isNot(ReadKeyPins(value).wrong);
@@ -328,14 +335,19 @@ std::string SettingTitle(const AgentSetting& setting) {
 }
 
 std::string NearestSetting(std::u16string_view key, std::u16string_view name) {
+    const auto place = [key](const AgentSetting& setting) {
+        const bool isElsewhere = SameText(setting.key, agentKeyPath) && !SameText(key, agentKeyPath);
+        return SettingTitle(setting) +
+               (isElsewhere ? " in the key " + platform::Utf8FromWide(agentKeyPath) : std::string());
+    };
     std::vector<std::u16string_view> names;
     for (const AgentSetting& setting : settings) {
-        if (SameText(setting.name, name) && !SameText(setting.key, key)) return SettingTitle(setting);
+        if (SameText(setting.name, name) && !SameText(setting.key, key)) return place(setting);
         names.push_back(setting.name);
     }
     const std::u16string_view nearest = platform::NearestName(name, names);
     for (const AgentSetting& setting : settings) {
-        if (!nearest.empty() && setting.name == nearest) return SettingTitle(setting);
+        if (!nearest.empty() && setting.name == nearest) return place(setting);
     }
     return {};
 }

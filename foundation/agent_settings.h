@@ -80,7 +80,8 @@ std::string SettingFault(const AgentSetting& setting, std::u16string_view value)
 std::string SettingTitle(const AgentSetting& setting);
 
 /// What was probably meant by a name that the agent does not know, as "ServerInfo\KVServerName"; empty when no setting
-/// is near. A known name in another of the agent's keys is near.
+/// is near. A known name in another of the agent's keys is near; one that stands in the agent's key itself is followed
+/// by that key's path, unless that is the key.
 std::string NearestSetting(std::u16string_view key, std::u16string_view name);
 
 }  // namespace kv

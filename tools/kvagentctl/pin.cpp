@@ -55,20 +55,44 @@ std::vector<std::u16string> AddressesToTry(const Given& given, bool hasPort) {
     return {WideFromUtf8(server.host)};
 }
 
-/// The first certificate that an address shows. Each one that shows nothing leaves a line.
-ServerCertificate Fetch(const std::vector<std::u16string>& addresses) {
+/// What one address shows; a failure is told, unless it is quiet.
+platform::Error Look(const std::u16string& address, ServerCertificate& shown, bool isQuiet = false) {
     const LogLines silence([](std::string_view) {});
-    platform::Error failure = platform::error::success;
-    for (const std::u16string& address : addresses) {
-        ServerCertificate shown;
-        std::string reason;
-        failure = FetchServerCertificate(address, agentState.gv_ServerPort, shown, reason);
-        if (failure == platform::error::success) return shown;
+    std::string reason;
+    const platform::Error failure = FetchServerCertificate(address, agentState.gv_ServerPort, shown, reason);
+    if (failure != platform::error::success && !isQuiet)
         fmt::print(stderr, "kvagentctl: {} port {}: {} (error {})\n", commandline::InLine(Utf8FromWide(address)),
                    agentState.gv_ServerPort, commandline::InLine(reason), failure);
+    return failure;
+}
+
+/// The first certificate that an address shows. The addresses up to that one are taken out of the list.
+ServerCertificate Fetch(std::vector<std::u16string>& addresses) {
+    platform::Error failure = platform::error::success;
+    while (!addresses.empty()) {
+        ServerCertificate shown;
+        failure = Look(addresses.front(), shown);
+        addresses.erase(addresses.begin());
+        if (failure == platform::error::success) return shown;
     }
     if (failure == 407) throw std::runtime_error("no certificate can be seen before the proxy lets a request through");
     throw std::runtime_error("no address shows a certificate: is the port a TLS port, and does the server run?");
+}
+
+/// The agent goes to the other addresses when the first one fails, and sends nothing to a key that is not stored. keys:
+/// as the setting will be.
+void WarnOfOtherKeys(const std::vector<std::u16string>& others, const std::string& keys) {
+    for (const std::u16string& address : others) {
+        ServerCertificate shown;
+        // A name that is not known leads to no other server.
+        const bool isQuiet = !IsAddress(Utf8FromWide(address));
+        if (Look(address, shown, isQuiet) != platform::error::success) continue;
+        if (keys.find(shown.certificate.keyPin) != std::string::npos) continue;
+        fmt::print(stderr,
+                   "kvagentctl: warning: {} shows another key ({}), and the agent will send nothing there; if it is "
+                   "right, too: kvagentctl pin --add --address {}\n",
+                   commandline::InLine(shown.server), shown.certificate.keyPin, commandline::InLine(shown.server));
+    }
 }
 
 /// "yes", or why not; null when the check was not made.
@@ -137,11 +161,13 @@ void RunPin(const Given& given) {
         throw std::runtime_error(
             "KVServerProtocol is not https, so the server shows no certificate, and with a pinned key the agent would "
             "send nothing: kvagentctl setup --protocol https --port PORT");
-    const ServerCertificate shown = Fetch(AddressesToTry(given, hasPort));
+    std::vector<std::u16string> addresses = AddressesToTry(given, hasPort);
+    const ServerCertificate shown = Fetch(addresses);
     const std::optional<std::string> keys = NewSetting(given, shown.certificate.keyPin);
     const bool asJson = Has(given, "--json");
     const bool isDry = Has(given, "--dry-run") || (asJson && !Has(given, "--yes"));
     if (!asJson) Show(shown, Form::line, "");
+    WarnOfOtherKeys(addresses, keys.value_or(fmt::format("{}", fmt::join(agentState.gv_serverTrust.pinnedKeys, ";"))));
     if (keys && !isDry) {
         Confirm(given);
         Store(*keys);

@@ -1,6 +1,8 @@
 // kvagentctl setup: the server's settings in one line, checked before any is stored.
+#include <algorithm>
 #include <cstdio>
 #include <fmt/format.h>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -37,6 +39,7 @@ struct Choice {
     const AgentSetting* setting;
     std::string value;
     std::string source;  // the option that it is from, or in words
+    bool isFaulty = false;
 };
 
 /// What is stored now; empty when it is absent. A failed registry is a failure of the command.
@@ -143,7 +146,8 @@ void Setup::ChooseAddress() {
         if (!IsAddress(given)) problems_.push_back(fmt::format("--ip takes an address, not '{}'", given));
         Add(serverInfoKeyPath, u"KVServerIPAddress", given, "--ip");
     } else if (IsAddress(server_.host)) {
-        Add(serverInfoKeyPath, u"KVServerIPAddress", server_.host, "--server");
+        const char* const source = server_.host == stored ? before : "KVServerName";
+        Add(serverInfoKeyPath, u"KVServerIPAddress", server_.host, Has(given_, "--server") ? "--server" : source);
     } else if ((Has(given_, "--server") || stored.empty()) && !server_.host.empty() && problems_.empty()) {
         Add(serverInfoKeyPath, u"KVServerIPAddress", LookUp(server_.host), "looked up");
     } else if (!stored.empty()) {
@@ -200,13 +204,19 @@ void Setup::ChooseByOption(std::u16string_view key, std::u16string_view name, co
 void Setup::Add(std::u16string_view key, std::u16string_view name, const std::string& value,
                 const std::string& source) {
     const AgentSetting* const setting = FindAgentSetting(key, name);
-    choices_.push_back({setting, value, source});
+    choices_.push_back({.setting = setting, .value = value, .source = source});
     const std::string fault =
         platform::IsValidUtf8(value) ? SettingFault(*setting, WideFromUtf8(value)) : "is not UTF-8";
     if (fault.empty()) return;
-    const std::string problem = fmt::format("{} {}", source == before ? SettingTitle(*setting) : source, fault);
-    const bool isTold = !problems_.empty() && problems_.back() == problem;  // a server is stored under three names
-    if (!isTold) problems_.push_back(problem);
+    const bool isStored = source == before;
+    const auto isOfSameText = [&](const Choice& choice) {
+        return &choice != &choices_.back() && choice.isFaulty && choice.source == source &&
+               choice.setting->rule == setting->rule;
+    };
+    // A server is stored under several names.
+    const bool isTold = !isStored && std::any_of(choices_.begin(), choices_.end(), isOfSameText);
+    choices_.back().isFaulty = true;
+    if (!isTold) problems_.push_back(fmt::format("{} {}", isStored ? SettingTitle(*setting) : source, fault));
 }
 
 /// The first address that the name leads to; else a problem, and a text that stands in for it.
@@ -242,6 +252,21 @@ void Store(const std::vector<Choice>& choices) {
     }
 }
 
+/// Prints what the settings are now. Where that fails, they are stored all the same.
+void PrintChoices(const std::vector<Choice>& choices, bool asJson, bool isStored) {
+    Table table{{"setting", "value", "from"}, {}};
+    for (const Choice& choice : choices)
+        table.rows.push_back({SettingTitle(*choice.setting), choice.value, choice.source});
+    fmt::print("{}", Printed(table, asJson ? Form::json : Form::table));
+    try {
+        commandline::FlushOutput();
+    } catch (const std::runtime_error&) {
+        fmt::print(stderr, "kvagentctl: {}\n",
+                   isStored ? "the settings were stored all the same" : "nothing was stored");
+        throw;
+    }
+}
+
 void RunSetup(const Given& given) {
     const bool isDry = Has(given, "--dry-run");
     if (given.size() == std::size_t{isDry} + (Has(given, "--json") ? 1 : 0))
@@ -251,11 +276,7 @@ void RunSetup(const Given& given) {
     setup.Choose();
     RefuseProblems(setup.problems());
     if (!isDry) Store(setup.choices());
-    Table table{{"setting", "value", "from"}, {}};
-    for (const Choice& choice : setup.choices())
-        table.rows.push_back({SettingTitle(*choice.setting), choice.value, choice.source});
-    fmt::print("{}", Printed(table, Has(given, "--json") ? Form::json : Form::table));
-    commandline::FlushOutput();
+    PrintChoices(setup.choices(), Has(given, "--json"), !isDry);
     for (const std::string& warning : setup.warnings()) fmt::print(stderr, "kvagentctl: warning: {}\n", warning);
     if (Has(given, "--json")) return;
     if (isDry)
@@ -270,7 +291,10 @@ void RunSetup(const Given& given) {
 const commandline::Command& SetupVerb() {
     static constexpr commandline::Option options[] = {
         {"--server", "SERVER", "the server's name, or a URL such as https://cs.example.com:8443"},
-        {"--port", "PORT", "default: that of the URL or as before, else 8443 for https and 8080 for http"},
+        {"--port", "PORT",
+         "default: that of the URL (without one 443 for https and 80 for http, whatever was stored); for a mere name "
+         "as "
+         "before, else 8443 for https and 8080 for http"},
         {"--protocol", "PROTOCOL", "https or http; default: as before, else https"},
         {"--customer", "NAME", "the customer, as the server knows it; default: as before, else Default"},
         {"--office", "NAME", "the office, as the server knows it; default: as before, else Default"},

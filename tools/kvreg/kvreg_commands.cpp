@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <fmt/format.h>
 #include <fstream>
+#include <iterator>
 #include <map>
 #include <span>
 #include <string>
@@ -16,6 +17,7 @@
 #include "commandline/confirm.h"
 #include "commandline/run.h"
 #include "foundation/registry_failure.h"
+#include "foundation/text.h"
 #include "platform/backend.h"
 #include "platform/clock.h"
 #include "platform/console_tool.h"
@@ -64,37 +66,52 @@ void Require(Error result, const std::string& what, const std::string& missing) 
     throw std::runtime_error(fmt::format("{}: {}", what, RegistryFailureText(result)));
 }
 
+/// Throws when the registry's directory is missing. It would be made, and so would be every one of a mistyped path.
+void RequireRegistryDirectory(const char* done) {
+    if (const std::string missing = MissingRegistryText(); !missing.empty())
+        throw NotFoundError(fmt::format("{}; nothing was {}", missing, done));
+}
+
 std::u16string WideArgument(const std::string& argument) {
     if (!platform::IsValidUtf8(argument)) throw UsageError("an argument is not UTF-8");
     return platform::WideFromUtf8(argument);
 }
 
 /// Whether a path begins like a root other than HKEY_LOCAL_MACHINE, which was looked for before.
-bool NamesAnotherRoot(std::string_view path) {
-    constexpr std::string_view beginning = "hkey_";
-    return path.size() >= beginning.size() &&
-           std::equal(beginning.begin(), beginning.end(), path.begin(), [](char expected, char given) {
-               return given == expected || (given >= 'A' && given <= 'Z' && given - 'A' + 'a' == expected);
-           });
+bool NamesAnotherRoot(std::u16string_view path) {
+    constexpr std::u16string_view beginning = u"HKEY_";
+    const std::u16string_view root = path.substr(0, path.find(u'\\'));
+    if (CompareIgnoreCase(root.substr(0, beginning.size()), beginning) == 0) return true;
+    constexpr std::u16string_view shortNames[] = {u"HKCU", u"HKCR", u"HKU", u"HKCC"};
+    return std::any_of(std::begin(shortNames), std::end(shortNames),
+                       [root](std::u16string_view name) { return CompareIgnoreCase(root, name) == 0; });
+}
+
+/// A path as it was typed, without the colon that PowerShell puts behind the root's name.
+std::u16string WithoutColon(std::u16string path) {
+    const std::size_t end = std::min(path.find(u'\\'), path.size());
+    if (end > 0 && path[end - 1] == u':') path.erase(end - 1, 1);
+    return path;
 }
 
 /// What becomes of a path that looks like a slip.
 enum class Slip { warned, refused };
 
 std::u16string KeyArgument(const std::string& argument, Slip slip = Slip::warned) {
-    const std::u16string wide = WideArgument(argument);
+    const std::u16string wide = WithoutColon(WideArgument(argument));
     std::u16string_view below;
     const std::u16string_view typed = SplitRootName(wide, below) ? below : wide;
     if (slip == Slip::refused) RefuseKeySlip(typed);
     WarnOfKey(typed);
     std::u16string_view path;
     if (!SplitRootName(wide, path)) {
-        if (NamesAnotherRoot(argument))
+        if (NamesAnotherRoot(wide))
             throw UsageError(fmt::format("only HKEY_LOCAL_MACHINE exists here, not '{}'", argument));
         path = wide;
     }
     if (path.ends_with(u'\\')) path.remove_suffix(1);
-    if (!platform::IsRegistryKeyPath(path)) throw UsageError(fmt::format("'{}' is not the path of a key", argument));
+    if (!platform::IsRegistryKeyPath(path))
+        throw UsageError(fmt::format("'{}' is not the path of a key{}", argument, BackslashHint(path)));
     return std::u16string(path);
 }
 
@@ -143,6 +160,7 @@ void Set(const Given& given) {
     value.type = isNumber ? RegistryType::dword : RegistryType::text;
     value.data = isNumber ? DwordArgument(data) : DataOfText(WideArgument(data));
     if (!Has(given, "--force")) RefuseFault(path, value);
+    RequireRegistryDirectory("stored");
     WarnOfName(path, value.name);
     Require(WriteValue(path, value), "cannot write the " + ValueTitle(path, value.name), "key " + WholePath(path));
 }
@@ -285,6 +303,7 @@ void Import(const Given& given) {
         throw std::runtime_error(
             fmt::format("{}:{}: {}; nothing was imported", path, parseError.line, parseError.message));
     }
+    RequireRegistryDirectory("imported");
     WarnOfFile(file, path);
     std::u16string failedAt;
     const Error result = ApplyRegFile(file, failedAt);
@@ -314,7 +333,8 @@ constexpr Word importWords[] = {{"FILE", "file to read, at most 64 MB"}};
 constexpr Command commands[] = {
     {"get", "Prints the data of a value.", getWords, {}, Get},
     {"set",
-     "Stores a text, or a number with --dword. Makes the key if it is missing. A setting of the agent is stored only "
+     "Stores a text, or a number with --dword. Makes the key if it is missing, but not the registry's directory. A "
+     "setting of the agent is stored only "
      "if the agent can use it, and a name that the agent does not know is stored with a warning.",
      setWords, setOptions, Set},
     {"delete",
@@ -348,7 +368,7 @@ constexpr std::span<const Command> topics[] = {commands};
 std::string Notes() {
     return fmt::format(
         "KEY is a path under HKEY_LOCAL_MACHINE, such as 'Software\\Halvorine\\Kestrova\\KVAgent\\ServerInfo'; a "
-        "leading HKEY_LOCAL_MACHINE\\ or HKLM\\ is accepted.\n\n"
+        "leading HKEY_LOCAL_MACHINE\\, HKLM\\ or HKLM:\\ is accepted.\n\n"
         "After -- a word that looks like an option is an argument: kvreg set KEY NAME -- --dword stores the text "
         "--dword. A -- at the very end is an argument itself.\n\n{}\n\n",
         platform::RegistryPlace());

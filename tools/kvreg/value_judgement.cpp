@@ -9,6 +9,8 @@
 #include "foundation/agent_settings.h"
 #include "foundation/registry_store.h"
 #include "foundation/text.h"
+#include "platform/near_name.h"
+#include "platform/registry_names.h"
 #include "platform/utf.h"
 #include "tools/kvreg/value_text.h"
 
@@ -62,15 +64,43 @@ std::u16string MeantAgentKey(std::u16string_view path) {
     return StartsWith(letters, own) ? std::u16string(agentKeyPath) + u"\\" + letters.substr(own.size()) : u"";
 }
 
+/// A path with single backslashes, which stand only between names.
+std::u16string WithSingleBackslashes(std::u16string_view path) {
+    std::u16string plain;
+    while (!path.empty()) {
+        const std::u16string_view name = path.substr(0, path.find_first_of(u"\\/"));
+        if (!plain.empty() && !name.empty()) plain += u'\\';
+        plain += name;
+        path.remove_prefix(std::min(name.size() + 1, path.size()));
+    }
+    return plain;
+}
+
+/// The agent's key, or one below it, that a path of nearly the same names means; empty for any other path.
+std::u16string NearAgentKey(std::u16string_view path) {
+    if (IsAgentKey(path)) return {};
+    std::u16string_view rest = path;
+    for (std::u16string_view known = agentKeyPath; !known.empty();) {
+        const std::u16string_view meant = platform::TakeKeyName(known);
+        const std::u16string_view name = platform::TakeKeyName(rest);
+        if (CompareIgnoreCase(name, meant) != 0 && platform::NearestName(name, {&meant, 1}).empty()) return {};
+    }
+    return std::u16string(agentKeyPath) + (rest.empty() ? u"" : u"\\") + std::u16string(rest);
+}
+
 /// What is odd about the path of a key, with the one that was probably meant; empty when nothing is.
 std::string KeyDoubt(std::u16string_view path) {
     std::u16string meant = MeantAgentKey(path);
     if (meant.empty() && path.find(u'\\') == std::u16string_view::npos &&
         path.find(u'/') != std::u16string_view::npos) {
-        meant = path;
-        std::replace(meant.begin(), meant.end(), u'/', u'\\');
+        meant = WithSingleBackslashes(path);
     }
-    if (meant.empty()) return "";
+    if (meant.empty()) {
+        const std::u16string near = NearAgentKey(path);
+        if (near.empty()) return "";
+        return fmt::format("did you mean '{1}', not '{0}'? The agent reads nothing there", platform::Utf8FromWide(path),
+                           platform::Utf8FromWide(near));
+    }
     return fmt::format(
         "did you mean '{1}', not '{0}'? Keys have backslashes between them, and in a shell they need quotes",
         platform::Utf8FromWide(path), platform::Utf8FromWide(meant));
@@ -96,6 +126,14 @@ void RefuseKeySlip(std::u16string_view path) {
 
 void WarnOfKey(std::u16string_view path) {
     if (const std::string doubt = KeyDoubt(path); !doubt.empty()) Warn(doubt);
+}
+
+std::string BackslashHint(std::u16string_view path) {
+    const std::u16string plain = WithSingleBackslashes(path);
+    const bool isMeant = plain != path && !plain.empty() && platform::IsRegistryKeyPath(plain);
+    return isMeant
+               ? fmt::format(": single backslashes stand between its names, as in '{}'", platform::Utf8FromWide(plain))
+               : "";
 }
 
 void WarnOfName(std::u16string_view path, std::u16string_view name) {

@@ -16,8 +16,13 @@ void RefuseFault(std::u16string_view path, const RegFileValue& value);
 /// takes them away outside quotes.
 void RefuseKeySlip(std::u16string_view path);
 
-/// A warning on standard error for such a path, and for another one with slashes in the place of backslashes.
+/// A warning on standard error for such a path, for another one with slashes in the place of backslashes, and for one
+/// beside the agent's key with nearly its name.
 void WarnOfKey(std::u16string_view path);
+
+/// For a path that is not one because of its backslashes, to go on from that: the one that was probably meant. Else
+/// empty.
+std::string BackslashHint(std::u16string_view path);
 
 /// A warning on standard error when the agent does not know a value of that name.
 void WarnOfName(std::u16string_view path, std::u16string_view name);

@@ -24,7 +24,9 @@ TEST_F(Kvreg, KnowsTheSettingsOfTheAgent) {
          {agentKey + "\\Sub", "x", "1"},
          0,
          "the agent does not know a value x in the key Software\\Halvorine\\Kestrova\\KVAgent\\Sub\n"},
-        {"a key beside", {agentKey + "2", "AgentLogLevel", "x"}, 0, ""},
+        {"a key beside", {"Software\\Halvorine\\Kestrova\\Other", "AgentLogLevel", "x"}, 0, ""},
+        {"a slip in a key", {"Software\\Halvorine\\Kestrova\\KVAgnet\\X", "v", "x"}, 0, "KVAgent\\X', not"},
+        {"its parent", {serverKey, "ProxyEnabled", "yes"}, 0, "ProxyEnabled in the key Software\\Halvorine"},
     };
     for (const auto& [title, arguments, exitCode, errors] : rows) {
         SCOPED_TRACE(title);
@@ -55,8 +57,13 @@ TEST_F(Kvreg, NamesAMissingStateDirectory) {
         EXPECT_EQ(outcome.exitCode, 3);
         EXPECT_THAT(outcome.errors, HasSubstr("there is no " + (folder / "missing").string() + ": is the agent"));
     }
-    ShareRegistry("/proc/none");
-    EXPECT_THAT(Run({"set", key, "v", "1"}).errors, HasSubstr("there is no /proc/none: is the agent installed?"));
+    Write(file, header + "[HKLM\\" + key + "]\n");
+    for (const Words& words : {Words{"set", key, "v", "1"}, Words{"import", file}}) {
+        const Outcome outcome = Run(words);
+        EXPECT_EQ(outcome.exitCode, 3);
+        EXPECT_THAT(outcome.errors, HasSubstr("KVAGENT_STATE_DIR names another directory; nothing was "));
+        EXPECT_FALSE(fs::exists(folder / "missing"));
+    }
     ShareRegistry(folder / "state");
 }
 

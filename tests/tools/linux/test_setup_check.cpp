@@ -59,6 +59,12 @@ TEST_F(SetupAndCheck, SetupTellsAllThatIsWrongAndStoresNothing) {
         {"a port", {"--server", "cs", "--port", "65536", "--ip", "192.0.2.1"}, {"a port number from 1 to 65535"}},
         {"credentials", {"--server", "me:hunter2@cs"}, {"--server takes neither user nor password"}},
         {"every address", {"--server", "0.0.0.0"}, {"not '0.0.0.0', which stands for every address"}},
+        {"control character",
+         {"--server", "cs\x1b"},
+         {"--server takes a name or an address, without scheme and port, not 'cs\\x1b'\nkvagentctl: nothing"}},
+        {"long name",
+         {"--server", std::string(254, 'c')},
+         {"scheme and port, of at most 253 characters, not of 254\n"}},
         {"unknown name", {"--server", "cs.invalid"}, {"cs.invalid cannot be looked up", "give the address with --ip"}},
     };
     for (const auto& [title, options, errors] : rows) {
@@ -93,6 +99,8 @@ TEST_F(SetupAndCheck, SetupStoresAllAndChangesOneThing) {
     };
     for (const auto& [key, name, value] : values) EXPECT_EQ(Get(key, name), value) << name;
     EXPECT_EQ(Run({"setup", "--server", "192.0.2.9"}).exitCode, 0);
+    EXPECT_THAT(Run({"setup", "--port", "1"}).output,
+                testing::ContainsRegex("KVServerIPAddress +192.0.2.9 +as before"));
     EXPECT_EQ(Get(serverKey, "KVServerIPAddress") + Get(serverKey, "KVServerSecIPAddress"), "192.0.2.9\n--\n");
 }
 
@@ -139,8 +147,8 @@ TEST_F(SetupAndCheck, CheckTriesEachAddressOfTheServer) {
     const std::string where = "server 127.0.0.1:" + port + " (KVLastAccessName, KVServerIPAddress, KVServerName";
     for (const std::string& told :
          {"note: " + where, std::string("certificate CN=cs, issued by CN=cs, until "),
-          std::string("not verified, it answers GET / with HTTP status 404"), "warning: " + where,
-          std::string("the certificate expires at "),
+          std::string("not verified, it answers GET / with HTTP status 404"),
+          std::string("UTC; it is not verified, so this stops nothing"),
           "warning: server 127.0.0.9:" + port + " (KVServerSecIPAddress): Connection refused"})
         EXPECT_THAT(good.output, HasSubstr(told));
     Registry({"set", serverKey, "KVServerPinnedKey", KeyPin(identity)});
@@ -163,6 +171,8 @@ TEST_F(SetupAndCheck, CheckJudgesHowAServerAnswers) {
         {"status", "500 No", 1, "HTTP status 500, which is its failure; the agent tries no other address then; look"},
         {"out of TLS", "302 F\r\nlocation: http://o/", 1, "(HTTP status 302) to http://o/, which the agent does not"},
         {"elsewhere", "302 F\r\nLocation: https://o/", 0, "to https://o/: the agent follows it when it asks, but not"},
+        {"a file", "302 F\r\nLocation: file:///x", 1, "does not follow, because it is neither http nor https"},
+        {"a circle", "302 F\r\nLocation: /", 1, "leads back to itself: the agent gives up after ten of them"},
         {"forbidden", "403 No", 0, "GET / with HTTP status 403; is it the server of the agents?"},
     };
     for (const auto& [title, status, exitCode, told] : rows) {
@@ -186,6 +196,8 @@ TEST_F(SetupAndCheck, CheckJudgesHowAServerAnswers) {
     });
     Registry({"set", agentKey, "ProxyServerName", "127.0.0.1:" + std::to_string(proxy.port)});
     EXPECT_THAT(Run({"check", "--online"}).output, HasSubstr("the proxy refused the user or the password (HTTP st"));
+    Registry({"set", agentKey, "ProxyServerName", "127.0.0.1:1"});
+    EXPECT_THAT(Run({"check", "--online"}).output, HasSubstr(", by the proxy 127.0.0.1:1; does the proxy run, is Pr"));
 }
 
 TEST_F(SetupAndCheck, CheckFindsWhatIsWrongWithAPlan) {

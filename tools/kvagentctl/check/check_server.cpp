@@ -1,9 +1,12 @@
 // What kvagentctl check says of the server's addresses.
+#include <algorithm>
 #include <fmt/format.h>
+#include <iterator>
 #include <optional>
 #include <vector>
 
 #include "foundation/agent_state.h"
+#include "foundation/registry_store.h"
 #include "foundation/time_utils.h"
 #include "http/http_answers.h"
 #include "http/http_transaction.h"
@@ -35,16 +38,53 @@ struct Tried {
     std::string next;     // what to look at because of doubt or problem
 };
 
+bool UsesProxy() { return CompareIgnoreCase(agentState.gv_proxyEnabled, u"yes") == 0; }
+
+/// The setting of trust that cannot be used; empty when each one can.
+std::string UnusableTrust() {
+    const std::string& refusal = agentState.gv_serverTrust.refusal;
+    return refusal.substr(0, refusal.find(' '));
+}
+
+/// Failures of a way on which something else may answer than was meant.
+bool IsOfTheWay(platform::Error failure) {
+    constexpr platform::Error failures[] = {platform::error::winHttpTimeout,
+                                            platform::error::winHttpNameNotResolved,
+                                            platform::error::winHttpCannotConnect,
+                                            platform::error::winHttpConnectionError,
+                                            platform::error::winHttpInvalidServerResponse,
+                                            platform::error::winHttpHeaderSizeOverflow,
+                                            platform::error::winHttpSecureChannelError};
+    return std::find(std::begin(failures), std::end(failures), failure) != std::end(failures);
+}
+
+std::string NextStepOfTrust() {
+    if (const std::string setting = UnusableTrust(); !setting.empty())
+        return fmt::format("correct the setting, or do without it: kvreg delete \"{}\" {}",
+                           Utf8FromWide(serverInfoKeyPath), setting);
+    return agentState.gv_httpsEnabled != 0
+               ? "kvagentctl pin shows the certificate: compare it with what the server's administrator says"
+               : "kvagentctl setup --protocol https --port PORT";
+}
+
 std::string NextStep(platform::Error failure) {
+    if (UsesProxy() && IsOfTheWay(failure))
+        return "does the proxy run, is ProxyServerName right (without a port it means port 80), does the server run?";
     switch (failure) {
         case platform::error::winHttpCannotConnect:
         case platform::error::winHttpTimeout:
             return "does the server run, is the port right, does a firewall let it through?";
         case platform::error::winHttpSecureChannelError:
             return "is the port a TLS port, as KVServerProtocol says?";
+        case platform::error::winHttpConnectionError:
+            return agentState.gv_httpsEnabled != 0
+                       ? "is the port a TLS port? If it is, the server's log says why it ends connections"
+                       : "is the port a TLS port? Then kvagentctl setup --protocol https; else see the server's log";
+        case platform::error::winHttpInvalidServerResponse:
+        case platform::error::winHttpHeaderSizeOverflow:
+            return "another service than a web server seems to answer: is the port right?";
         case platform::error::winHttpSecureFailure:
-            return agentState.gv_httpsEnabled != 0 ? "kvagentctl pin shows the certificate"
-                                                   : "kvagentctl setup --protocol https --port PORT";
+            return NextStepOfTrust();
         case 407:
             return "a password that the service manager keeps as a credential is not tried here";
         default:
@@ -52,7 +92,12 @@ std::string NextStep(platform::Error failure) {
     }
 }
 
-bool UsesProxy() { return CompareIgnoreCase(agentState.gv_proxyEnabled, u"yes") == 0; }
+/// Names the proxy behind a failure that may be its own.
+std::string WithProxy(const std::string& text, platform::Error failure) {
+    if (!UsesProxy() || !IsOfTheWay(failure)) return text;
+    const std::string proxy = Utf8FromWide(agentState.gv_proxyServerName.value_or(u""));
+    return text.find("through proxy") != std::string::npos ? text : fmt::format("{}, by the proxy {}", text, proxy);
+}
 
 /// The address that a name leads to, or false with a problem. Behind a proxy, names are the proxy's to look up.
 bool LookUp(const std::string& name, Tried& tried) {
@@ -61,6 +106,7 @@ bool LookUp(const std::string& name, Tried& tried) {
     if (const platform::Error failure = platform::Sockets().gethostbyname(name, host)) {
         tried.problem =
             fmt::format("the name cannot be looked up: {} (error {})", platform::MessageInLine(failure), failure);
+        tried.next = "is the name right, and does the name server of this computer know it?";
         return false;
     }
     tried.told = host.address + ", ";
@@ -76,6 +122,21 @@ std::string JudgedBy(const ServerCertificate& shown) {
     return judged.empty() ? ", not verified" : judged;
 }
 
+/// Dates count only with authorities. A pinned key holds beyond them.
+void CheckDates(Findings& findings, const std::string& where, const platform::HttpCertificate& certificate) {
+    const std::int64_t now = GetNowSeconds();
+    if (certificate.validUntil >= now + soon) return;
+    const ServerTrust& trust = agentState.gv_serverTrust;
+    const std::string text =
+        fmt::format("the certificate {} at {}", certificate.validUntil < now ? "expired" : "expires",
+                    UtcText(certificate.validUntil));
+    if (trust.caFile || trust.systemAuthorities)
+        findings.Warn(where, text, "ask the server's administrator for a new one");
+    else
+        findings.Note(where, text + (trust.pinnedKeys.empty() ? "; it is not verified, so this stops nothing"
+                                                              : "; only its key counts, so this stops nothing"));
+}
+
 /// A certificate that the settings refuse is a problem, and so is a server without one.
 bool LookAtCertificate(Findings& findings, const std::string& where, const ServerAddress& address, Tried& tried) {
     if (agentState.gv_httpsEnabled == 0) return true;
@@ -83,18 +144,14 @@ bool LookAtCertificate(Findings& findings, const std::string& where, const Serve
     std::string reason;
     tried.result = FetchServerCertificate(address.text, agentState.gv_ServerPort, shown, reason);
     if (const platform::Error failure = tried.result) {
-        tried.problem = fmt::format("{} (error {})", reason, failure);
+        tried.problem = WithProxy(fmt::format("{} (error {})", reason, failure), failure);
         tried.next = NextStep(failure);
         return false;
     }
     const platform::HttpCertificate& certificate = shown.certificate;
     tried.told += fmt::format("certificate {}, issued by {}, until {}{}, ", certificate.subject, certificate.issuer,
                               UtcText(certificate.validUntil), JudgedBy(shown));
-    const std::int64_t now = GetNowSeconds();
-    if (certificate.validUntil < now)
-        findings.Warn(where, "the certificate expired at " + UtcText(certificate.validUntil));
-    else if (certificate.validUntil < now + soon)
-        findings.Warn(where, "the certificate expires at " + UtcText(certificate.validUntil));
+    CheckDates(findings, where, certificate);
     return true;
 }
 
@@ -112,14 +169,47 @@ std::string FailureText(const std::vector<std::string>& lines, platform::Error f
     return TransactionFailure(failure);
 }
 
-void JudgeRedirect(const ServerAnswer& answer, Tried& tried) {
+/// The scheme of a redirect's target, with its colon; empty when the target is relative.
+std::u16string_view SchemeOf(std::u16string_view location) {
+    const std::size_t end = location.find_first_of(u":/?#");
+    return end != std::u16string_view::npos && location[end] == u':' ? location.substr(0, end + 1) : u"";
+}
+
+/// Whether a redirect of "/" leads to "/" at the same address again.
+bool LeadsToItself(const ServerAddress& address, std::u16string_view location) {
     const bool isSecure = agentState.gv_httpsEnabled != 0;
-    const std::u16string target = platform::WideFromUtf8(answer.location);
+    const std::string host = Utf8FromWide(address.text);
+    const std::string authority =
+        host.find(':') == std::string::npos || host.starts_with('[') ? host : "[" + host + "]";
+    std::vector<std::string> places{fmt::format("{}:{}", authority, agentState.gv_ServerPort)};
+    if (agentState.gv_ServerPort == (isSecure ? 443 : 80)) places.push_back(authority);
+    std::u16string_view rest = location.substr(SchemeOf(location).size());
+    if (rest.ends_with(u'/')) rest.remove_suffix(1);
+    if (rest.empty() && SchemeOf(location).empty()) return true;
+    const bool isSameScheme =
+        SchemeOf(location).empty() || CompareIgnoreCase(SchemeOf(location), isSecure ? u"https:" : u"http:") == 0;
+    return isSameScheme && std::any_of(places.begin(), places.end(), [rest](const std::string& place) {
+               return CompareIgnoreCase(rest, platform::WideFromUtf8("//" + place)) == 0;
+           });
+}
+
+/// Why the agent does not get to the target of a redirect; empty when it goes there.
+std::string RedirectFault(const ServerAddress& address, std::u16string_view location) {
+    const std::u16string_view scheme = SchemeOf(location);
+    const bool isPlain = CompareIgnoreCase(scheme, u"http:") == 0;
+    if (!scheme.empty() && !isPlain && CompareIgnoreCase(scheme, u"https:") != 0)
+        return ", which the agent does not follow, because it is neither http nor https";
+    if (isPlain && agentState.gv_httpsEnabled != 0)
+        return ", which the agent does not follow, because it leads out of TLS";
+    return LeadsToItself(address, location) ? ", which leads back to itself: the agent gives up after ten of them" : "";
+}
+
+void JudgeRedirect(const ServerAddress& address, const ServerAnswer& answer, Tried& tried) {
     const std::string text =
         fmt::format("it answers GET / with a redirect (HTTP status {}) to {}", answer.status, answer.location);
     tried.next = "set the server that answers itself: kvagentctl setup --server SERVER";
-    if (isSecure && CompareIgnoreCase(target.substr(0, 5), u"http:") == 0) {
-        tried.problem = text + ", which the agent does not follow, because it leads out of TLS";
+    if (const std::string fault = RedirectFault(address, platform::WideFromUtf8(answer.location)); !fault.empty()) {
+        tried.problem = text + fault;
         tried.result = platform::error::invalidData;
     } else {
         tried.doubt = text + (answer.status < 307 ? ": the agent follows it when it asks, but not when it sends data"
@@ -128,7 +218,7 @@ void JudgeRedirect(const ServerAnswer& answer, Tried& tried) {
 }
 
 /// What a status for "/" says of the requests to come. A server need not have a page there.
-void JudgeStatus(const ServerAnswer& answer, Tried& tried) {
+void JudgeStatus(const ServerAddress& address, const ServerAnswer& answer, Tried& tried) {
     constexpr std::uint32_t proxyRefusal = 407;
     constexpr std::uint32_t notFound = 404;
     constexpr std::uint32_t notAllowed = 405;
@@ -143,7 +233,7 @@ void JudgeStatus(const ServerAnswer& answer, Tried& tried) {
         tried.problem = text + ", which is its failure";
         tried.next = "look into the log of the server, or of what stands before it";
     } else if (status / 100 == 3 && !answer.location.empty()) {
-        JudgeRedirect(answer, tried);
+        JudgeRedirect(address, answer, tried);
     } else if (status / 100 == 2 || status == notFound || status == notAllowed) {
         tried.told += text;
     } else {
@@ -160,9 +250,9 @@ Tried Try(Findings& findings, const std::string& where, const ServerAddress& add
     ServerAnswer answer;
     tried.result = ProbeServer(address.text, agentState.gv_ServerPort, answer);
     if (tried.result == platform::error::success) {
-        JudgeStatus(answer, tried);
+        JudgeStatus(address, answer, tried);
     } else {
-        tried.problem = FailureText(lines, tried.result);
+        tried.problem = WithProxy(FailureText(lines, tried.result), tried.result);
         tried.next = NextStep(tried.result);
         if (tried.result == platform::error::winHttpSecureFailure) tried.told.clear();  // the problem tells it, too
     }
