@@ -269,6 +269,7 @@ TEST_F(HealthReport, SaysWhyMetricsAreNotWritten) {
     SetMetricsFile("kvagent.prom");
     Run({});
     EXPECT_EQ(TimesLogged("MetricsFile is not a whole path, and no metrics are written: kvagent.prom\n"), 1);
+    SetRegistry(agentKeyPath, u"KVAgentInstallDir", platform::WideFromUtf8((folder / "").string()));
     SetMetricsFile(status);
     Run({});
     EXPECT_EQ(TimesLogged("MetricsFile is a file that the agent writes anyway, and no metrics are written: "), 1);
