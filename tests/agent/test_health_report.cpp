@@ -70,7 +70,7 @@ class HealthReport : public test::TestAgent {
     }
 
     void SetRegistry(std::u16string_view key, std::u16string_view name, std::u16string_view text,
-                     platform::RegistryType type) {
+                     platform::RegistryType type = platform::RegistryType::text) {
         ASSERT_EQ(writeValue(platform::RootKey::localMachine, key, name, text, type), platform::error::success);
     }
 
