@@ -74,7 +74,33 @@ TEST_F(LogVerb, FollowsPastRotationsAndLosesNothing) {
     Write(logs / Name(0), Entry(4, "fourth"));
     for (const char* text : {"02.100 second", "03.100 third", "04.100 fourth"})
         EXPECT_EQ(next(), "2026/11/26 23:33:" + std::string(text) + "\n");
+    std::ofstream(logs / Name(0), std::ios::trunc) << Entry(5, "the log was emptied, and is long again by now");
+    EXPECT_EQ(next(), "2026/11/26 23:33:05.100 the log was emptied, and is long again by now\n");
+    fs::remove(logs / Name(0));
+    Write(logs / Name(0), Entry(6, "deleted"));
+    EXPECT_EQ(next(), "2026/11/26 23:33:06.100 deleted\n");
+    std::ofstream(logs / Name(0), std::ios::trunc) << Entry(7, "short");
+    EXPECT_EQ(next(), "2026/11/26 23:33:07.100 short\n");
     EXPECT_EQ(EndTool(tool), 0);  // nobody reads any more
+}
+
+TEST(LogEntries, TellsWhatNumbersMean) {
+    const struct {
+        const char* entry;
+        const char* meaning;
+    } rows[] = {
+        {"retVal is [12029]", "no connection; "},
+        {"something went wrong in InternetUploadBinaryFile. return value [13]", "the server refused it"},
+        {"Failed to post the data to server with error code [12002]", "no answer in time"},
+        {"Failed to post the data to the server cs with http status code 503", "the server is busy, or down"},
+        {"Failed with the http status code 418", "the server refuses the request"},
+        {"failed with the error code while getting http status code 12030", "the connection was closed"},
+        {"the script a.sh of the record R failed: Error Code : 127", "of a shell: a command was not found"},
+    };
+    for (const auto& [entry, meaning] : rows)
+        EXPECT_THAT(control::ReadableEntry(entry), HasSubstr(std::string(entry) + ": " + meaning));
+    for (const char* bare : {"Error is [0x0] [ok]", "Error Code : 5", "it ended. retVal is [0]"})
+        EXPECT_EQ(control::ReadableEntry(bare), bare);
 }
 
 TEST(LogEntries, TakesPiecesOfAnySize) {

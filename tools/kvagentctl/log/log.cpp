@@ -117,6 +117,7 @@ void RunLog(const Given& given) {
     if (!MayExist(path) && !follows)
         throw commandline::NotFoundError(
             fmt::format("there is no {}: has the agent run here? kvagentctl status tells more", name));
+    if (!MayExist(path)) fmt::print(stderr, "kvagentctl: there is no {} yet; waiting for it\n", name);
     if (const std::string fault = MayExist(path) ? OwnFileFault(path) : ""; !fault.empty())
         throw std::runtime_error(fmt::format("{} {}", name, fault));
     const bool printsAll = !follows && !Has(given, "--lines");

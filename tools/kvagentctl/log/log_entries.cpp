@@ -66,21 +66,89 @@ constexpr UsualEntry usualEntries[] = {
     {"", "Problem in identifying the operating system"},
 };
 
-/// What stands before an error number of the system or of the transport.
-constexpr std::string_view numberMarks[] = {"retVal is [", "retVal of InternetDownloadFile is [", "Error is [",
-                                            "Last error is [", "--> "};
+using Meaning = std::string (*)(std::uint32_t number);
 
-/// The error number of an entry; 0 when it does not have one or tells a success.
-std::uint32_t ErrorNumber(std::string_view text) {
-    for (const std::string_view mark : numberMarks) {
-        const std::size_t at = text.find(mark);
-        if (at == std::string_view::npos) continue;
-        std::uint32_t number = 0;
-        const char* const begin = text.data() + at + mark.size();
-        const auto [end, failure] = std::from_chars(begin, text.data() + text.size(), number);
-        if (failure == std::errc() && (end == text.data() + text.size() || *end == ']' || *end == ' ')) return number;
+/// Of an error number of the system or of the transport.
+std::string ErrorMeaning(std::uint32_t number) {
+    std::string meaning = TransactionFailure(number);
+    return meaning.starts_with(' ') ? std::string() : meaning;  // the system does not know the number
+}
+
+/// Of what a request came to.
+std::string RequestMeaning(std::uint32_t number) {
+    return number == platform::error::invalidData ? "the server refused it, with the HTTP status told above"
+                                                  : ErrorMeaning(number);
+}
+
+std::string StatusMeaning(std::uint32_t number) {
+    constexpr std::pair<std::uint32_t, const char*> meanings[] = {
+        {301, "moved; the settings name another address than the server's"},
+        {302, "moved; the settings name another address than the server's"},
+        {400, "the server does not understand the request"},
+        {401, "the server wants credentials"},
+        {403, "the server forbids it"},
+        {404, "the server does not have this page; is it the right server and port?"},
+        {405, "the server does not take this kind of request"},
+        {407, "the proxy refuses the credentials"},
+        {408, "the server waited too long for the request"},
+        {411, "the server wants the length ahead"},
+        {413, "too large for the server"},
+        {429, "too many requests for the server"},
+        {500, "the server failed"},
+        {502, "a proxy or gateway got no good answer from the server"},
+        {503, "the server is busy, or down for maintenance"},
+        {504, "a proxy or gateway got no answer from the server in time"},
+        {507, "the server has no room"},
+    };
+    for (const auto& [status, meaning] : meanings) {
+        if (status == number) return meaning;
     }
-    return 0;
+    return number >= 500 ? "the server failed" : number >= 400 ? "the server refuses the request" : "";
+}
+
+std::string ExitMeaning(std::uint32_t number) {
+    if (number == 126) return "of a shell: the command may not be executed";
+    return number == 127 ? "of a shell: a command was not found" : "";
+}
+
+/// What stands before a number, and how that is explained.
+struct NumberMark {
+    std::string_view text;
+    Meaning meaning;
+};
+constexpr NumberMark numberMarks[] = {
+    {"retVal is [", RequestMeaning},
+    {"retVal of InternetDownloadFile is [", RequestMeaning},
+    {"InternetUploadBinaryFile. return value [", RequestMeaning},
+    {"to server with error code [", RequestMeaning},
+    {"Error is [", ErrorMeaning},
+    {"Last error is [", ErrorMeaning},
+    {"-> ", ErrorMeaning},
+    {"while getting http status code ", ErrorMeaning},
+    {"agent key. Error code : ", ErrorMeaning},
+    {"with http status code ", StatusMeaning},
+    {"with the http status code ", StatusMeaning},
+    {"Error Code : ", ExitMeaning},
+};
+
+/// The number behind a mark; 0 when the entry does not have one, or tells a success.
+std::uint32_t NumberBehind(std::string_view text, std::string_view mark) {
+    const std::size_t at = text.find(mark);
+    if (at == std::string_view::npos) return 0;
+    std::uint32_t number = 0;
+    const char* const begin = text.data() + at + mark.size();
+    const auto [end, failure] = std::from_chars(begin, text.data() + text.size(), number);
+    const bool isWhole = failure == std::errc() && (end == text.data() + text.size() || *end == ']' || *end == ' ');
+    return isWhole ? number : 0;
+}
+
+/// The meaning of the first number of an entry that has one; empty when none does.
+std::string NumberMeaning(std::string_view text) {
+    for (const NumberMark& mark : numberMarks) {
+        const std::uint32_t number = NumberBehind(text, mark.text);
+        if (std::string meaning = number == 0 ? "" : mark.meaning(number); !meaning.empty()) return meaning;
+    }
+    return "";
 }
 
 }  // namespace
@@ -128,9 +196,7 @@ std::string ReadableEntry(std::string_view entry) {
         time[timeLength - 4] = '.';
         readable = std::string(entry.substr(0, dateLength)) + ' ' + time + ' ' + std::string(text);
     }
-    const std::uint32_t number = ErrorNumber(readable);
-    const std::string meaning = number == 0 ? "" : TransactionFailure(number);
-    if (!meaning.empty() && !meaning.starts_with(' ')) readable += ": " + meaning;
+    if (const std::string meaning = NumberMeaning(readable); !meaning.empty()) readable += ": " + meaning;
     return commandline::InLine(readable);
 }
 

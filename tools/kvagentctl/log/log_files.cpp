@@ -22,7 +22,9 @@ platform::Error OpenForReading(OpenFile& file, std::u16string_view path) {
                      platform::FileDisposition::openExisting);
 }
 
+/// Leaves the file at the end of what it has read.
 std::string Beginning(platform::FileHandle file) {
+    platform::Files().SetFilePointerEx(file, 0);
     std::array<char, headBytes> bytes{};
     std::size_t read = 0;
     if (platform::Files().ReadFile(file, bytes.data(), bytes.size(), read) != platform::error::success) return {};
@@ -53,21 +55,32 @@ std::string LogFollower::Head(std::u16string_view path) {
     return OpenForReading(file, path) == platform::error::success ? Beginning(file.handle) : std::string();
 }
 
-void LogFollower::Open() {
+bool LogFollower::Open(std::u16string_view path) {
     file_.Close();
     head_.clear();
-    if (OpenForReading(file_, path_) != platform::error::success) return;
-    head_ = Beginning(file_.handle);
-    platform::Files().SetFilePointerEx(file_.handle, 0);
+    position_ = 0;
+    return OpenForReading(file_, path) == platform::error::success;
 }
 
-void LogFollower::ReadOn(const Take& take) const {
+std::string LogFollower::LookAtFile() {
+    std::string own = Beginning(file_.handle);
+    std::uint64_t size = 0;
+    const bool isMeasured = platform::Files().GetFileSizeEx(file_.handle, size) == platform::error::success;
+    if (!own.starts_with(head_) || (isMeasured && size < position_)) position_ = 0;  // it was emptied
+    head_ = own;
+    return own;
+}
+
+void LogFollower::ReadOn(const Take& take) {
+    platform::Files().SetFilePointerEx(file_.handle, position_);
     std::array<char, blockBytes> block{};
     std::size_t read = 0;
     while (file_.handle != 0 &&
            platform::Files().ReadFile(file_.handle, block.data(), block.size(), read) == platform::error::success &&
-           read > 0)
+           read > 0) {
+        position_ += read;
         take({block.data(), read});
+    }
 }
 
 std::vector<std::u16string> LogFollower::LogsInBetween() const {
@@ -75,28 +88,27 @@ std::vector<std::u16string> LogFollower::LogsInBetween() const {
     for (std::uint32_t number = 1; number <= mostLogs; ++number) {
         const std::u16string path = LogFileNameAt(path_, number);
         const std::string head = Head(path);
-        if (head.empty() || head.starts_with(head_)) break;
+        // The file at hand may have been deleted; a head begins with its date, and an older one was read or is not
+        // wanted.
+        if (head.empty() || head.starts_with(head_) || head < head_) break;
         logs.insert(logs.begin(), path);
     }
     return logs;
 }
 
 bool LogFollower::ReadNew(const Take& take) {
-    if (file_.handle == 0) Open();
-    if (file_.handle == 0) return false;
-    // Looked at before the rest is read: once another file has the name, nothing more comes into this one.
+    if (file_.handle == 0 && !Open(path_)) return false;
+    // Looked at before the rest is read: once another file has the name, nothing more comes into this one. In this
+    // order the file at hand begins with what the name's file begins with, if they are the same.
     const std::string now = Head(path_);
-    const bool isRotated = !now.empty() && !now.starts_with(head_);
+    const bool isReplaced = !LookAtFile().starts_with(now);
     ReadOn(take);
-    if (!isRotated) {
-        if (head_.size() < now.size()) head_ = now;
-        return true;
-    }
+    if (!isReplaced) return true;
     for (const std::u16string& path : LogsInBetween()) {
-        file_.Close();
-        if (OpenForReading(file_, path) == platform::error::success) ReadOn(take);
+        if (Open(path)) ReadOn(take);
     }
-    Open();
+    if (!Open(path_)) return true;
+    LookAtFile();
     ReadOn(take);
     return true;
 }
