@@ -63,7 +63,8 @@ struct ProcessOperations {
     std::function<std::uint32_t()> GetCurrentProcessId;
 
     /// The name of the program that a process of any user runs, without directory and ".exe", in 15 characters at most.
-    /// fileNotFound when no process has that number; accessDenied where the system does not say.
+    /// fileNotFound when no process has that number, or it has ended and only waits to be asked for; accessDenied where
+    /// the system does not say.
     std::function<Error(std::uint32_t processId, std::u16string& name)> GetProcessName;
 };
 

@@ -197,9 +197,16 @@ void CloseProcess(ProcessHandle process) {
 
 Error GetProcessName(std::uint32_t processId, std::u16string& name) {
     name.clear();
-    const std::optional<std::string> text = ReadSystemFile("/proc/" + std::to_string(processId) + "/comm");
+    // "1234 (name) S ...", where the name may hold anything.
+    const std::optional<std::string> text = ReadSystemFile("/proc/" + std::to_string(processId) + "/stat");
     if (!text) return errno == ESRCH ? error::fileNotFound : ErrorFromErrno(errno);
-    name = WideFromUtf8(std::string_view(*text).substr(0, text->find('\n')));
+    const std::size_t begin = text->find('(');
+    const std::size_t end = text->rfind(") ");
+    if (begin == text->npos || end == text->npos || end < begin) return error::invalidData;
+    const std::string_view state = std::string_view(*text).substr(end + 2, 1);
+    // A process that has ended stays until its parent asks for it; in a container nobody may.
+    if (state == "Z" || state == "X") return error::fileNotFound;
+    name = WideFromUtf8(std::string_view(*text).substr(begin + 1, end - begin - 1));
     return error::success;
 }
 

@@ -2,6 +2,7 @@
 #include <array>
 #include <cerrno>
 #include <cstdlib>
+#include <filesystem>
 #include <memory>
 #include <mutex>
 #include <shared_mutex>
@@ -312,6 +313,12 @@ int GetWorkingDirectory(std::u16string& path) {
     return 0;
 }
 
+/// A path that begins at a root is folded, "bin\\..\\conf" to "conf"; the system does that likewise before it looks.
+std::u16string NativePath(std::u16string_view path) {
+    const std::filesystem::path native(NativePathOf(path));
+    return Utf16FromWide((native.is_absolute() ? native.lexically_normal() : native).wstring());
+}
+
 /// The open fails while anyone has the file open for writing, because it does not share writing.
 Error GetFileUseState(std::u16string_view path) {
     const std::lock_guard apart(opensForWriting);
@@ -353,7 +360,7 @@ FileOperations WindowsFiles() {
         .wchdir = Guarded(ChangeDirectory, directoryErrorResults),
         .wgetcwd = Guarded(GetWorkingDirectory, directoryErrorResults),
         .GetFileUseState = Guarded(GetFileUseState),
-        .NativePath = [](std::u16string_view path) { return Utf16FromWide(NativePathOf(path)); },
+        .NativePath = NativePath,
     };
 }
 
