@@ -82,14 +82,15 @@ bool Register(std::uint32_t patience) {
     if (error != platform::error::success) {
         Log1("\t InitLicenseParams :: The server did not register this agent. retVal is [%d] \n", error);
         RunGuarded("NoteRegistration", [error] {
-            NoteRegistration(error == platform::error::invalidData ? "refused by the server"
-                                                                   : TransactionFailure(error));
+            NoteFailedRegistration(error == platform::error::invalidData ? "refused by the server"
+                                                                         : TransactionFailure(error));
         });
         return false;
     }
     if (agentState.gv_agentRunFlag == 1 && !HasKey()) {
         Log1("\t InitLicenseParams :: The server answered without an agent key\n");
-        NoteRegistration("answered without an agent key");
+        NoteFailureOf([] { return std::string("the server answers without an agent key"); }, FailureKind::sending);
+        NoteFailedRegistration("answered without an agent key");
         return false;
     }
     Log1("\t InitLicenseParams :: Registered with agent key %s\n", agentState.gv_agentKey);

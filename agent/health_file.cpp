@@ -11,6 +11,7 @@
 #include "foundation/version.h"
 #include "platform/messages.h"
 #include "platform/process.h"
+#include "platform/utf.h"
 
 namespace kv {
 
@@ -50,10 +51,9 @@ struct TruthMember {
     bool HealthSnapshot::*member;
 };
 constexpr TextMember texts[] = {
-    {"version", &HealthSnapshot::version},
-    {"lastAddress", &HealthSnapshot::lastAddress},
-    {"registration", &HealthSnapshot::registration},
-    {"lastFailure", &HealthSnapshot::lastFailure},
+    {"version", &HealthSnapshot::version},         {"directory", &HealthSnapshot::directory},
+    {"lastAddress", &HealthSnapshot::lastAddress}, {"registration", &HealthSnapshot::registration},
+    {"lastFailure", &HealthSnapshot::lastFailure}, {"sendingFailure", &HealthSnapshot::sendingFailure},
 };
 constexpr NumberMember numbers[] = {
     {"processId", &HealthSnapshot::processId},
@@ -64,10 +64,13 @@ constexpr NumberMember numbers[] = {
     {"registrationTime", &HealthSnapshot::registrationTime},
     {"collectionStopTime", &HealthSnapshot::collectionStopTime},
     {"lastFailureTime", &HealthSnapshot::lastFailureTime},
+    {"sendingFailureTime", &HealthSnapshot::sendingFailureTime},
+    {"sendingFailsSince", &HealthSnapshot::sendingFailsSince},
 };
 constexpr TruthMember truths[] = {
     {"isInConsole", &HealthSnapshot::isInConsole},
     {"isCollecting", &HealthSnapshot::isCollecting},
+    {"isTrustFailure", &HealthSnapshot::isTrustFailure},
 };
 constexpr const char* countsKey = "counts";
 
@@ -134,10 +137,15 @@ HealthSnapshot SnapshotOf(const json_object* file) {
 
 std::span<const HealthCountName> HealthCounts() { return healthCounts; }
 
+bool IsDistrusting(const HealthSnapshot& health) {
+    return health.isTrustFailure && health.sendingFailureTime > health.lastContactTime;
+}
+
 HealthSnapshot CurrentHealth() {
     const LastEvents events = ReadLastEvents();
     HealthSnapshot health{
         .version = std::string(programVersion),
+        .directory = platform::Utf8FromWide(platform::Files().NativePath(agentState.gv_ocAgentBinPath.value_or(u""))),
         .processId = platform::Processes().GetCurrentProcessId(),
         .startTime = agentHealth.startTime,
         .writeTime = GetNowSeconds(),
@@ -151,6 +159,10 @@ HealthSnapshot CurrentHealth() {
         .collectionStopTime = agentHealth.collectionStopTime,
         .lastFailureTime = events.failureTime,
         .lastFailure = events.failure,
+        .sendingFailureTime = events.sendingFailureTime,
+        .sendingFailure = events.sendingFailure,
+        .isTrustFailure = events.isTrustFailure,
+        .sendingFailsSince = events.sendingFailsSince,
         .counts = {},
     };
     for (const HealthCountName& known : healthCounts)

@@ -17,6 +17,7 @@ namespace kv {
 /// What an agent tells of itself. Times are seconds since 1970, 0 for never. Texts are UTF-8.
 struct HealthSnapshot {
     std::string version = {};
+    std::string directory = {};  // the bin directory, as the system names it; a copy of the file tells of the original
     std::int64_t processId = 0;  // 0 once the agent has been stopped
     std::int64_t startTime = 0;
     std::int64_t writeTime = 0;  // when the file was written
@@ -34,6 +35,12 @@ struct HealthSnapshot {
     std::int64_t lastFailureTime = 0;
     std::string lastFailure = {};  // what failed and why, one line
 
+    // As LastEvents has them.
+    std::int64_t sendingFailureTime = 0;
+    std::string sendingFailure = {};
+    bool isTrustFailure = false;
+    std::int64_t sendingFailsSince = 0;
+
     std::vector<std::pair<std::string, std::uint64_t>> counts = {};  // since the start, as "recordsWritten"
 
     bool operator==(const HealthSnapshot&) const = default;
@@ -49,6 +56,9 @@ struct HealthCountName {
 
 /// All of them, in the order of HealthSnapshot::counts.
 std::span<const HealthCountName> HealthCounts();
+
+/// Whether requests are not sent, because the server is not trusted, and nobody has answered since.
+bool IsDistrusting(const HealthSnapshot& health);
 
 /// How the agent of this process is now. Throws std::bad_alloc.
 HealthSnapshot CurrentHealth();

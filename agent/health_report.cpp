@@ -304,6 +304,13 @@ HealthSnapshot StoppedHealth() {
     return health;
 }
 
+/// "sending fails since 18:49: ..."; the polls of an agent that has nothing to send fail without a beginning.
+std::string SendingFailure(const HealthSnapshot& health) {
+    const std::string since =
+        health.sendingFailsSince == 0 ? "" : " since " + TimeForPeople(health.sendingFailsSince, health.writeTime);
+    return fmt::format("sending fails{}: {}", since, health.sendingFailure);
+}
+
 bool IsKey(std::u16string_view text) { return !text.empty() && text != u"NULL" && text != u"HUBCENTER"; }
 
 }  // namespace
@@ -347,6 +354,7 @@ std::string HealthLine(const HealthSnapshot& health, std::uint64_t waitingZips) 
     line += health.lastUploadTime == 0 ? ", no upload yet"
                                        : ", last upload " + TimeForPeople(health.lastUploadTime, health.writeTime);
     if (waitingZips > 0) line += waitingZips == 1 ? ", 1 zip waits" : fmt::format(", {} zips wait", waitingZips);
+    if (health.sendingFailsSince != 0 || IsDistrusting(health)) line += ", " + SendingFailure(health);
     if (!health.isCollecting)
         line += ", collection stopped since " + TimeForPeople(health.collectionStopTime, health.writeTime);
     return line;

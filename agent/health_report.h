@@ -23,8 +23,8 @@ void ReportStop();
 /// The same for the metrics, whose folder may be slow: after everything that has to be done before the process ends.
 void ReportStopInMetrics();
 
-/// How the agent is, in a line for people: "LAB1 at cs:8443, last upload 18:49, 2 zips wait", or what keeps it from its
-/// server. Throws std::bad_alloc.
+/// How the agent is, in a line for people: "LAB1 at cs:8443, last upload 18:49, 2 zips wait", with the reason while
+/// uploads fail, or what keeps it from its server. Throws std::bad_alloc.
 std::string HealthLine(const HealthSnapshot& health, std::uint64_t waitingZips);
 
 }  // namespace kv

@@ -18,6 +18,23 @@ struct {
     LastEvents last;
 } events;
 
+void NoteFailedSending() noexcept {
+    const std::lock_guard hold(events.lock);
+    if (events.last.sendingFailsSince == 0) events.last.sendingFailsSince = GetNowSeconds();
+}
+
+void NoteOutcome(std::string_view outcome) noexcept {
+    try {
+        std::string text(outcome);
+        const std::lock_guard hold(events.lock);
+        events.last.registrationTime = GetNowSeconds();
+        events.last.registration = std::move(text);
+    } catch (...) {
+        // The former registration stays the last one.
+    }
+    WakeHealthReport();
+}
+
 }  // namespace
 
 LastEvents ReadLastEvents() {
@@ -35,6 +52,7 @@ void NoteUpload(std::u16string_view address, std::int32_t port, std::uint64_t by
         const std::lock_guard hold(events.lock);
         events.last.uploadTime = GetNowSeconds();
         events.last.uploadAddress = std::move(text);
+        events.last.sendingFailsSince = 0;
     } catch (...) {
         // The count stands; the former upload stays the last one.
     }
@@ -43,6 +61,7 @@ void NoteUpload(std::u16string_view address, std::int32_t port, std::uint64_t by
 
 void NoteFailedUpload() noexcept {
     ++agentHealth.uploadsFailed;
+    NoteFailedSending();
     WakeHealthReport();
 }
 
@@ -64,15 +83,16 @@ bool IsRegisteringFirst() noexcept {
 }
 
 void NoteRegistration(std::string_view outcome) noexcept {
-    try {
-        std::string text(outcome);
+    {
         const std::lock_guard hold(events.lock);
-        events.last.registrationTime = GetNowSeconds();
-        events.last.registration = std::move(text);
-    } catch (...) {
-        // The former registration stays the last one.
+        events.last.sendingFailsSince = 0;
     }
-    WakeHealthReport();
+    NoteOutcome(outcome);
+}
+
+void NoteFailedRegistration(std::string_view outcome) noexcept {
+    NoteFailedSending();
+    NoteOutcome(outcome);
 }
 
 void NoteCollectionStopped() noexcept {
@@ -92,11 +112,18 @@ void NoteLostRecord(std::u16string_view path, platform::Error reason) noexcept {
     });
 }
 
-void NoteFailureText(std::string text) noexcept {
-    {
+void NoteFailureText(std::string text, FailureKind kind) noexcept {
+    try {
         const std::lock_guard hold(events.lock);
         events.last.failureTime = GetNowSeconds();
+        if (kind != FailureKind::local) {
+            events.last.sendingFailure = text;
+            events.last.sendingFailureTime = events.last.failureTime;
+            events.last.isTrustFailure = kind == FailureKind::trust;
+        }
         events.last.failure = std::move(text);
+    } catch (...) {
+        // The former failure stays the last one.
     }
     if (IsRegisteringFirst()) WakeHealthReport();
 }

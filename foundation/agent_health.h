@@ -51,6 +51,19 @@ struct LastEvents {
     std::string registration;  // what it came to; before there is a time, that it is being tried
     std::int64_t failureTime = 0;
     std::string failure;  // what failed and why
+
+    // Of requests to the server.
+    std::int64_t sendingFailureTime = 0;
+    std::string sendingFailure;          // the last one
+    bool isTrustFailure = false;         // its certificate was refused, or nothing may be sent
+    std::int64_t sendingFailsSince = 0;  // the first upload or registration that failed after the last accepted one
+};
+
+/// What a failure was about.
+enum class FailureKind {
+    local,    // collecting, or files
+    sending,  // a request to the server
+    trust,    // one that was not sent, because the server is not trusted
 };
 
 /// Throws std::bad_alloc.
@@ -61,6 +74,7 @@ void NoteContact() noexcept;
 
 /// An accepted upload, at an address and port.
 void NoteUpload(std::u16string_view address, std::int32_t port, std::uint64_t bytes) noexcept;
+/// The reason has been noted as a failure of sending.
 void NoteFailedUpload() noexcept;
 
 /// The first registration is on its way. Without effect once there was an outcome.
@@ -72,20 +86,21 @@ bool IsRegisteringFirst() noexcept;
 /// What a registration that gave the agent its key came to.
 inline constexpr std::string_view registeredOutcome = "registered";
 
-/// What a registration came to.
+/// What a registration came to: the server's answer, or why it gave none that can be used.
 void NoteRegistration(std::string_view outcome) noexcept;
+void NoteFailedRegistration(std::string_view outcome) noexcept;
 
 void NoteCollectionStopped() noexcept;
 void NoteCollectionResumed() noexcept;
 
-void NoteFailureText(std::string text) noexcept;
+void NoteFailureText(std::string text, FailureKind kind) noexcept;
 
 /// Makes what failed, and why, the last failure. makeText returns it; when that throws, as without memory, the former
 /// failure stays the last one.
 template <class MakeText>
-void NoteFailureOf(const MakeText& makeText) noexcept {
+void NoteFailureOf(const MakeText& makeText, FailureKind kind = FailureKind::local) noexcept {
     try {
-        NoteFailureText(makeText());
+        NoteFailureText(makeText(), kind);
     } catch (...) {
         // To tell of a failure must not be another one.
     }

@@ -297,8 +297,11 @@ Error ReadStatus(const HttpAttempt& attempt, std::uint32_t& status) {
 }
 
 void NoteRefusal(const HttpAttempt& attempt, std::uint32_t status) {
-    NoteFailure("%s at %s:%d: refused with HTTP status %d", PathOfUrl(attempt.url), attempt.target.server,
-                attempt.target.port, status);
+    const auto text = [&] {
+        return LogText("%s at %s:%d: refused with HTTP status %d", PathOfUrl(attempt.url), attempt.target.server,
+                       attempt.target.port, status);
+    };
+    NoteFailureOf(text, FailureKind::sending);
 }
 
 void LogFailedStep(const char* format, const char* routine, Error error) {

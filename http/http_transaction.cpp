@@ -39,12 +39,13 @@ struct AddressedRequest {
 /// A refusal is noted where its status is read.
 void NoteFailedRequest(const AddressedRequest& request) noexcept {
     if (request.result == error::success || request.result == error::invalidData) return;
-    NoteFailureOf([&] {
+    const auto text = [&] {
         if (request.lastAddress.empty() && request.result == error::winHttpNameNotResolved)
             return LogText("%s: no address of the server is set", PathOfUrl(request.url));
         return LogText("%s at %s:%d: %s", PathOfUrl(request.url), request.lastAddress, agentState.gv_ServerPort,
                        TransactionFailure(request.result));
-    });
+    };
+    NoteFailureOf(text, request.result == error::winHttpSecureFailure ? FailureKind::trust : FailureKind::sending);
 }
 
 void Attempt(AddressedRequest& request, std::u16string_view address) {
@@ -122,7 +123,8 @@ Error InternetUploadBinaryFile(const OptionalText& serverName, std::int32_t serv
     if (const Error failure = ReadWholeFile(filePath, content)) {
         Log1("InternetUploadBinaryFile: Error occured while reading the file %d  \n", failure);
         HttpGetLastError(failure);
-        NoteFailureOf([&] { return LogText("the zip %s cannot be read: %s", filePath, TransactionFailure(failure)); });
+        NoteFailureOf([&] { return LogText("the zip %s cannot be read: %s", filePath, TransactionFailure(failure)); },
+                      FailureKind::sending);
         NoteFailedUpload();
         return failure;
     }

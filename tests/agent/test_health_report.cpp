@@ -109,10 +109,15 @@ TEST_F(HealthReport, WritesTheFileAtEventsAndWhenAnythingChanged) {
              EXPECT_FALSE(isThere());
              NoteUpload(u"cs", 8443, 500);
              NoteCollectionStopped();
+             NoteFailureOf([] { return std::string("cs: refused"); }, FailureKind::trust);
+             NoteFailedUpload();
          },
          [&] {
              EXPECT_EQ(Status()->lastUploadTime, clock.nowSeconds() - 2) << "soon after the event";
              EXPECT_FALSE(Status()->collectionStopTime == 0);
+             EXPECT_EQ(Status()->sendingFailsSince, clock.nowSeconds() - 2);
+             EXPECT_TRUE(IsDistrusting(*Status()));
+             NoteContact();
              EXPECT_TRUE(isThere());
              ++agentHealth.recordsWritten;
              NoteFailure("the query of %s failed", u"Disk\n");
@@ -122,6 +127,9 @@ TEST_F(HealthReport, WritesTheFileAtEventsAndWhenAnythingChanged) {
              EXPECT_EQ(Status()->lastFailureTime, clock.nowSeconds() - 58) << "with the minute";
              NoteRegistration("registered");
          }});
+    EXPECT_EQ(Status()->sendingFailsSince, 0);
+    EXPECT_FALSE(IsDistrusting(*Status()));
+    EXPECT_EQ(Status()->sendingFailure, "cs: refused");
     EXPECT_EQ(Status()->processId, platform::Processes().GetCurrentProcessId());
     ReportStop();
     const HealthSnapshot health = Status().value();
@@ -182,6 +190,10 @@ TEST_F(HealthReport, PutsWhatMattersIntoItsLine) {
               "LAB1 at b:1, last upload 2026-03-04 09:05, 2 zips wait");
     EXPECT_EQ(line({.isCollecting = false, .collectionStopTime = now - 60}, 0),
               "LAB1 at cs:8443, no upload yet, collection stopped since 09:04");
+    EXPECT_EQ(line({.sendingFailure = "cs: no", .sendingFailsSince = now - 60}, 1),
+              "LAB1 at cs:8443, no upload yet, 1 zip waits, sending fails since 09:04: cs: no");
+    EXPECT_EQ(line({.sendingFailureTime = now, .sendingFailure = "cs: refused", .isTrustFailure = true}, 0),
+              "LAB1 at cs:8443, no upload yet, sending fails: cs: refused");
     agentState.gv_agentKey.Publish(u"NULL");
     EXPECT_EQ(line({.registration = "no answer in time"}, 0), "not registered yet at cs:8443: no answer in time");
     agentState.gv_custID.reset();

@@ -4,6 +4,7 @@
 #include <memory>
 #include <regex>
 #include <sys/prctl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "agent/health_file.h"
@@ -61,11 +62,30 @@ class StatusVerb : public ToolTest {
         health.registration = "registered";
         health.lastFailure = "refused | twice";
         health.counts = {{"recordsWritten", 7}};
+        health.directory = (monitoring / "bin/").string();
         WriteHealth();
     }
 
     void WriteHealth() const {
         EXPECT_EQ(WriteHealthFile(platform::WideFromUtf8((monitoring / "logs/status.json").string()), health), 0U);
+    }
+
+    /// Sending fails: how many seconds ago it did so first, and last.
+    void FailSending(int first, int last, bool isTrustFailure = false) {
+        health.sendingFailsSince = GetNowSeconds() - first;
+        health.sendingFailureTime = GetNowSeconds() - last;
+        health.isTrustFailure = isTrustFailure;
+        health.sendingFailure = "cs: refused";
+        WriteHealth();
+    }
+
+    /// The number of a process that has ended, and that its parent, this one, does not ask for.
+    static pid_t DeadChild() {
+        const pid_t child = fork();
+        if (child == 0) _exit(0);
+        siginfo_t unused{};
+        EXPECT_EQ(waitid(P_PID, static_cast<id_t>(child), &unused, WEXITED | WNOWAIT), 0);
+        return child;
     }
 
     void AddZip(std::chrono::minutes age) const {
@@ -117,6 +137,23 @@ TEST_F(StatusVerb, EndsAsAMonitoringPlugin) {
         {"stopped", [&] { health.isCollecting = false, WriteHealth(); }, 2, "KVAGENT CRITICAL - " + stopped},
         {"ended", [&] { health.processId = 1, WriteHealth(); }, 2, "KVAGENT CRITICAL - the agent does not run: pro"},
         {"never ran", [&] { fs::remove(monitoring / "logs/status.json"); }, 2, "does not run, and has not run here"},
+        {"copied", [&] { health.directory = folder.string(), WriteHealth(); }, 2,
+         "the agent does not run: status.json is a copy from the agent of " + folder.string()},
+        {"a link to it", [&] { health.directory = (monitoring / "logs/../bin").string(), WriteHealth(); }, 0, "OK"},
+        {"dead, and nobody asks for it", [&] { health.processId = DeadChild(), WriteHealth(); }, 2,
+         "has ended without a stop"},
+        {"another certificate", [&] { FailSending(1, 1, true); }, 2,
+         "CRITICAL - nothing reaches the server, last contact never: cs: refused"},
+        {"and the right one since",
+         [&] {
+             health.lastContactTime = GetNowSeconds();
+             FailSending(1, 1, true);
+         },
+         0, "OK"},
+        {"no upload for ten minutes", [&] { FailSending(700, 5); }, 1, "KVAGENT WARNING - sending fails since 2"},
+        {"one lost packet", [&] { FailSending(700, 700); }, 0, "OK"},
+        {"no upload for five minutes", [&] { FailSending(300, 5); }, 0, "OK"},
+        {"a zip of tomorrow", [&] { AddZip(-24h); }, 1, "the zips are of a time in the future"},
         {"ended in the console", [&] { health.isInConsole = true, health.processId = 1, WriteHealth(); }, 2,
          "process 1 in the console (/t) was ended after "},
         {"runs untold",
@@ -183,7 +220,7 @@ TEST_F(StatusVerb, NamesWhatIsNotThereAndMakesNothing) {
     EXPECT_EQ(outcome.exitCode, 3);
     for (const char* verb : {"log", "collect", "pin"}) EXPECT_EQ(Run({verb}).exitCode, 3) << verb;
     EXPECT_EQ(Run({"setup", "--port", "1"}).exitCode, 3);
-    EXPECT_THAT(outcome.output, HasSubstr("settings: not known: there is no " + Utf8(folder / "state")));
+    EXPECT_THAT(outcome.output, HasSubstr("settings:  not known: there is no " + Utf8(folder / "state")));
     EXPECT_THAT(Run({"status", "--plugin"}).output, StartsWith("KVAGENT UNKNOWN - settings: there is no "));
     EXPECT_FALSE(fs::exists(folder / "state"));
 }

@@ -1,6 +1,7 @@
 #include "tools/kvagentctl/status/agent_facts.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
@@ -62,6 +63,7 @@ void GatherSettings(AgentFacts& facts, std::u16string& binPath) {
     if (directory) binPath = *directory + u"monitoring\\bin\\";
     if (directory) facts.binPath = NativeName(binPath);
     facts.isInstallLost = directory && !MayExist(*directory);
+    if (directory) facts.nativeInstall = NativeName(*directory);
     const std::u16string key = Setting(facts, monitoringKeyPath, u"MonitoringAgentKey").value_or(u"");
     if (key != u"NULL" && key != u"HUBCENTER") facts.key = Utf8FromWide(key);
     const OptionalText name = Setting(facts, serverInfoKeyPath, u"KVServerName");
@@ -129,10 +131,25 @@ void GatherHealth(AgentFacts& facts, std::u16string_view binPath) {
                         fault.empty() ? "cannot be read: " + failure + "; an agent that runs writes it again" : fault);
 }
 
+/// Whether an agent of another directory wrote the file, which was copied here with all else. Agents before this one
+/// did not write their directory.
+bool IsOfAnotherDirectory(const AgentFacts& facts) {
+    const std::string& written = facts.health->directory;
+    if (written.empty() || written == facts.binPath) return false;
+    const auto path = [](const std::string& name) { return std::filesystem::path(platform::WideFromUtf8(name)); };
+    std::error_code unused;
+    return !std::filesystem::equivalent(path(written), path(facts.binPath), unused);
+}
+
 /// Looks whether the process that wrote the file still runs; true when it does. A number that another program has by
 /// now is not it.
 bool GatherProcess(AgentFacts& facts) {
     const HealthSnapshot& health = *facts.health;
+    if (IsOfAnotherDirectory(facts)) {
+        facts.process =
+            fmt::format("status.json is a copy from the agent of {}, and none has run here since", health.directory);
+        return false;
+    }
     if (health.processId == 0) {
         facts.process = "stopped " + TimeWithAge(health.writeTime, facts.now);
         return false;
@@ -208,6 +225,7 @@ void GatherPlan(AgentFacts& facts, const std::u16string& binPath) {
     if (plan.refusedTime != 0) plan.refusedFile = NativeName(refused);
     if (!MayExist(path)) {
         plan.failure = "there is no plan: nothing is collected";
+        plan.isAbsent = true;
         return;
     }
     plan.time = WriteTimeOf(path);
@@ -254,6 +272,7 @@ class Judge {
 
     void JudgeAgent();
     void JudgeRegistration();
+    void JudgeSending(const HealthSnapshot& health);
     void JudgeReadability();
     void JudgeQueue();
     void JudgePlan();
@@ -265,7 +284,7 @@ class Judge {
 
 void Judge::JudgeAgent() {
     if (!facts_.registryFailure.empty()) Add(PluginStatus::unknown, "settings: " + facts_.registryFailure);
-    const bool isKnown = facts_.healthFailure.empty() && facts_.registryFailure.empty();
+    const bool isKnown = facts_.healthFailure.empty() && facts_.registryFailure.empty() && !facts_.isInstallLost;
     if (!facts_.isRunning && isKnown)
         Add(PluginStatus::critical, facts_.process.empty() ? "the agent does not run, and has not run here before"
                                                            : "the agent does not run: " + facts_.process);
@@ -273,10 +292,14 @@ void Judge::JudgeAgent() {
         Add(PluginStatus::critical, fmt::format("{} {} missing", fmt::join(facts_.missingSettings, ", "),
                                                 facts_.missingSettings.size() == 1 ? "is" : "are"));
     for (const std::string& fault : facts_.faultySettings) Add(PluginStatus::critical, fault);
-    AddIf(facts_.isInstallLost, PluginStatus::critical,
-          "KVAgentInstallDir names a directory that does not exist, and there is no " + facts_.binPath);
+    if (facts_.isInstallLost)
+        Add(PluginStatus::critical,
+            fmt::format("KVAgentInstallDir names a directory that does not exist, {}; an agent that runs with it "
+                        "writes nothing that could be seen here",
+                        facts_.nativeInstall));
     const bool isSetUp = facts_.missingSettings.empty() && facts_.faultySettings.empty();
     if (facts_.registryFailure.empty() && isSetUp && facts_.key.empty()) JudgeRegistration();
+    if (facts_.isRunning && facts_.health && !facts_.key.empty()) JudgeSending(*facts_.health);
     if (facts_.health && !facts_.health->isCollecting)
         Add(PluginStatus::critical, "collection is stopped since " + TimeText(facts_.health->collectionStopTime));
 }
@@ -292,6 +315,20 @@ void Judge::JudgeRegistration() {
                 TimeText(facts_.health->registrationTime)));
     else
         Add(PluginStatus::critical, "not registered yet" + (outcome.empty() ? "" : ": " + outcome));
+}
+
+/// One lost packet is not worth a warning: the failures have gone on for a while, and came more than once.
+void Judge::JudgeSending(const HealthSnapshot& health) {
+    constexpr std::int64_t patience = 600;  // seconds
+    constexpr std::int64_t apart = 60;
+    const std::int64_t since = health.sendingFailsSince;
+    if (IsDistrusting(health))
+        Add(PluginStatus::critical,
+            fmt::format("nothing reaches the server, last contact {}: {}",
+                        TimeWithAge(health.lastContactTime, facts_.now), health.sendingFailure));
+    else if (since != 0 && facts_.now - since >= patience && health.sendingFailureTime - since >= apart)
+        Add(PluginStatus::warning,
+            fmt::format("sending fails since {}: {}", TimeWithAge(since, facts_.now), health.sendingFailure));
 }
 
 void Judge::JudgeReadability() {
@@ -310,6 +347,11 @@ void Judge::JudgeQueue() {
     const std::int64_t age = facts_.zips.oldestTime == 0 ? 0 : facts_.now - facts_.zips.oldestTime;
     const std::string old =
         fmt::format("the oldest of {} has waited for {}", Counted(facts_.zips.number, "zip"), DurationText(age));
+    if (age < -futureTolerance)
+        Add(PluginStatus::warning,
+            fmt::format("the zips are of a time in the future, the oldest of {}: was the clock set "
+                        "back? How long they have waited is not known",
+                        TimeText(facts_.zips.oldestTime)));
     AddIf(age >= thresholds_.criticalAge, PluginStatus::critical, old);
     AddIf(age >= thresholds_.warningAge && age < thresholds_.criticalAge, PluginStatus::warning, old);
     if (!facts_.freeBytes) return;

@@ -29,8 +29,9 @@ struct Problem {
 };
 
 struct PlanFacts {
-    std::string file;              // as this system names it
-    std::string failure;           // why it cannot be used; empty when it can
+    std::string file;     // as this system names it
+    std::string failure;  // why it cannot be used; empty when it can
+    bool isAbsent = false;
     std::int64_t time = 0;         // when it was written, seconds since 1970
     std::uint64_t workflows = 0;   // those that it lists
     std::uint64_t records = 0;     // of all workflows
@@ -51,7 +52,8 @@ struct AgentFacts {
 
     std::string service;  // its state at the service manager, or why that is not known
     bool isRunning = false;
-    std::string process;  // what is known of the process, in words
+    std::string process;        // what is known of the process, in words
+    std::string nativeInstall;  // what KVAgentInstallDir names
 
     std::optional<HealthSnapshot> health;  // absent when no agent has written it, or it cannot be read
     std::string healthFailure;             // why it cannot be read; empty when it is absent

@@ -44,7 +44,8 @@ constexpr commandline::Option options[] = {
 using Line = std::pair<std::string, std::string>;
 
 std::string AgentText(const AgentFacts& facts) {
-    const bool isKnown = facts.isRunning || (facts.registryFailure.empty() && facts.healthFailure.empty());
+    const bool isKnown =
+        facts.isRunning || (facts.registryFailure.empty() && facts.healthFailure.empty() && !facts.isInstallLost);
     std::string text = facts.isRunning ? "runs" : isKnown ? "does not run" : "not known whether it runs";
     if (!facts.process.empty()) text += ", " + facts.process;
     return fmt::format("{} (service: {})", text, facts.service);
@@ -56,6 +57,8 @@ std::string WaitingText(const WaitingFiles& waiting, std::string_view what, std:
     if (waiting.number == 0) return fmt::format("no {} waits", what);
     std::string text = fmt::format("{} {}, {}", Counted(waiting.number, what), waiting.number == 1 ? "waits" : "wait",
                                    SizeText(waiting.bytes));
+    if (waiting.oldestTime > now + futureTolerance)
+        return fmt::format("{}, the oldest of a time in the future, {}", text, TimeText(waiting.oldestTime));
     if (waiting.oldestTime != 0) text += ", the oldest for " + DurationText(now - waiting.oldestTime);
     return text;
 }
@@ -64,6 +67,12 @@ std::string PlanText(const PlanFacts& plan) {
     if (!plan.failure.empty()) return fmt::format("{}: {}", plan.file, plan.failure);
     return fmt::format("{} of {}: {}, {}", plan.file, TimeText(plan.time), Counted(plan.workflows, "workflow"),
                        Counted(plan.records, "record"));
+}
+
+std::string CollectionText(const AgentFacts& facts) {
+    if (!facts.isRunning) return "off, the agent does not run";
+    if (!facts.health->isCollecting) return "stopped since " + TimeWithAge(facts.health->collectionStopTime, facts.now);
+    return facts.plan.isAbsent ? "nothing, there is no plan" : "on";
 }
 
 void AddHealthLines(const AgentFacts& facts, std::vector<Line>& lines) {
@@ -80,9 +89,7 @@ void AddHealthLines(const AgentFacts& facts, std::vector<Line>& lines) {
                                            ? health.registration
                                            : TimeWithAge(health.registrationTime, facts.now) +
                                                  (health.registration.empty() ? "" : ": " + health.registration));
-    lines.emplace_back("collection", health.isCollecting
-                                         ? "on"
-                                         : "stopped since " + TimeWithAge(health.collectionStopTime, facts.now));
+    lines.emplace_back("collection", CollectionText(facts));
     lines.emplace_back("last failure", TimeWithAge(health.lastFailureTime, facts.now) +
                                            (health.lastFailure.empty() ? "" : ": " + health.lastFailure));
 }
@@ -120,9 +127,7 @@ std::vector<Line> Lines(const AgentFacts& facts) {
 
 void PrintForPeople(const AgentFacts& facts, const std::vector<Problem>& problems) {
     std::vector<Line> lines = Lines(facts);
-    if (facts.registryFailure.empty()) {
-        for (const Problem& problem : problems) lines.emplace_back("attention", problem.text);
-    }
+    for (const Problem& problem : problems) lines.emplace_back("attention", problem.text);
     std::size_t width = 0;
     for (const Line& line : lines) width = std::max(width, line.first.size());
     for (const auto& [name, text] : lines)
@@ -177,6 +182,9 @@ json_object* JsonHealth(const HealthSnapshot& health) {
                        {"collectionStopTime", json_object_new_int64(health.collectionStopTime)},
                        {"lastFailureTime", json_object_new_int64(health.lastFailureTime)},
                        {"lastFailure", JsonText(health.lastFailure)},
+                       {"sendingFailureTime", json_object_new_int64(health.sendingFailureTime)},
+                       {"sendingFailure", JsonText(health.sendingFailure)},
+                       {"sendingFailsSince", json_object_new_int64(health.sendingFailsSince)},
                        {"counts", counts}});
 }
 
@@ -204,18 +212,22 @@ void PrintJson(const AgentFacts& facts, const std::vector<Problem>& problems) {
 
 // --- for monitoring
 
+/// What is not known is left out: a count of 0 would be a value.
 std::string PerformanceData(const AgentFacts& facts, const Thresholds& limits) {
     if (facts.binPath.empty()) return "";
     const std::int64_t age =
         facts.zips.oldestTime == 0 ? 0 : std::max<std::int64_t>(facts.now - facts.zips.oldestTime, 0);
-    std::string text =
-        fmt::format(" | zips={};;;0 zip_bytes={}B;;;0 oldest_zip={}s;{};{};0 records={};;;0", facts.zips.number,
-                    facts.zips.bytes, age, limits.warningAge, limits.criticalAge, facts.records.number);
+    std::string text;
+    if (facts.zips.error == platform::error::success)
+        text += fmt::format(" zips={};;;0 zip_bytes={}B;;;0 oldest_zip={}s;{};{};0", facts.zips.number,
+                            facts.zips.bytes, age, limits.warningAge, limits.criticalAge);
+    if (facts.records.error == platform::error::success) text += fmt::format(" records={};;;0", facts.records.number);
     if (facts.freeBytes)
         text += fmt::format(" free={}B;{}:;{}:;0", *facts.freeBytes, limits.warningFree, limits.criticalFree);
-    if (!facts.health) return text;
-    for (const auto& [name, count] : facts.health->counts) text += fmt::format(" {}={}c;;;0", name, count);
-    return text;
+    for (const auto& [name, count] :
+         facts.health ? facts.health->counts : std::vector<std::pair<std::string, std::uint64_t>>())
+        text += fmt::format(" {}={}c;;;0", name, count);
+    return text.empty() ? "" : " |" + text;
 }
 
 /// A text on one line, without the sign that begins performance data.
@@ -303,8 +315,8 @@ const commandline::Command& StatusVerb() {
         .text =
             "Tells how the agent is. Version, key, server, last upload and registration, plan, what waits, whether "
             "it collects, the last failure, disk room, and what needs attention. It runs as any user and names "
-            "what that user may not read. Exit code 1 when the settings cannot be read, 3 when no agent is "
-            "installed.",
+            "what that user may not read. Exit code 0 also when something needs attention, which --plugin tells by "
+            "its exit code; 1 when the settings cannot be read, 3 when no agent is installed.",
         .words = {},
         .options = options,
         .run = RunStatus,

@@ -13,6 +13,9 @@ std::string TimeText(std::int64_t time);
 /// The same, with how long ago it was: "... (3 minutes ago)". A time of the future has no age.
 std::string TimeWithAge(std::int64_t time, std::int64_t now);
 
+/// Seconds by which a time may be ahead: it may come from a moment after the look at the clock.
+inline constexpr std::int64_t futureTolerance = 60;
+
 /// "45 seconds", "3 minutes", "2 h 5 min", "3 days".
 std::string DurationText(std::int64_t seconds);
 
