@@ -146,10 +146,9 @@ std::u16string PlaceOf(std::u16string_view path) {
 bool IsRegistryFile(std::u16string_view place) {
     const std::string file = platform::RegistryFile();
     if (file.empty()) return false;
-    for (const char* const part : {"", "-wal", "-shm"}) {
-        if (place == PlaceOf(platform::WideFromUtf8(file + part))) return true;
-    }
-    return false;
+    constexpr const char* parts[] = {"", "-wal", "-shm"};
+    return std::any_of(std::begin(parts), std::end(parts),
+                       [&](const char* part) { return place == PlaceOf(platform::WideFromUtf8(file + part)); });
 }
 
 /// Of a name in the agent's folder of logs.
