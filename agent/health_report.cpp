@@ -59,7 +59,12 @@ struct RewrittenFile {
     void TakeResult(Error result) {
         const bool fails = result != error::success;
         if (fails == std::exchange(isFailing, fails)) return;
-        if (fails)
+        if (result == error::alreadyExists)
+            Log1(
+                "\t ReportHealth :: %s is not written, because it is not a file of the agent's: move it away. It is "
+                "tried again each minute\n",
+                path);
+        else if (fails)
             Log1("\t ReportHealth :: %s cannot be written: %s (error %d). It is tried again each minute\n", path,
                  platform::MessageInLine(result), result);
         else

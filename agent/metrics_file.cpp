@@ -5,6 +5,7 @@
 #include <iterator>
 
 #include "foundation/file_utils.h"
+#include "foundation/open_file.h"
 #include "foundation/text.h"
 
 namespace kv {
@@ -63,7 +64,28 @@ std::string MetricsText(const HealthSnapshot& health, const WaitingFiles& record
     return text + "# EOF\n";
 }
 
+bool HoldsOtherThanMetrics(std::u16string_view path) {
+    constexpr std::string_view beginning = "# HELP kvagent_";
+    OpenFile file;
+    platform::Error result = file.Open(path, platform::FileAccess::read, platform::FileShare::readWrite,
+                                       platform::FileDisposition::openExisting);
+    if (result == platform::error::accessDenied) return true;
+    if (result != platform::error::success) return false;
+    platform::FileInformation information;
+    result = platform::Files().GetFileInformationByHandle(file.handle, information);
+    if (result != platform::error::success) return false;
+    if ((information.attributes & (platform::file_attribute::device | platform::file_attribute::directory)) != 0)
+        return true;
+    std::string found(beginning.size(), '\0');
+    std::size_t size = 0;
+    if (platform::Files().ReadFile(file.handle, found.data(), found.size(), size) != platform::error::success)
+        return false;
+    found.resize(size);
+    return !beginning.starts_with(found) && found.find_first_not_of('\0') != std::string::npos;
+}
+
 platform::Error WriteMetricsFile(std::u16string_view path, std::string_view text) {
+    if (HoldsOtherThanMetrics(path)) return platform::error::alreadyExists;
     return ReplaceFile(path, ConcatStrings(path, u".tmp"), text, Readers::everyone);
 }
 

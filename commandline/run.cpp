@@ -8,6 +8,8 @@
 #include <set>
 
 #include "foundation/version.h"
+#include "platform/near_name.h"
+#include "platform/utf.h"
 
 namespace kv::commandline {
 
@@ -111,6 +113,7 @@ class Parser {
     const CLI::App& Reached() const;
     [[noreturn]] void Refuse(const CLI::ParseError& error) const;
     [[noreturn]] void RefuseExtra(const std::string& word) const;
+    std::string NearCommand(const std::string& word) const;
     std::string CommandsNeeded(const CLI::App& parent) const;
     std::string CommandsWith(std::string_view option) const;
 
@@ -229,7 +232,7 @@ void Parser::Refuse(const CLI::ParseError& error) const {
 
 void Parser::RefuseExtra(const std::string& word) const {
     const CLI::App& reached = Reached();
-    if (&reached == &app_) throw UsageError(fmt::format("unknown command '{}'", word));
+    if (&reached == &app_) throw UsageError(fmt::format("unknown command '{}'{}", word, NearCommand(word)));
     if (!IsLeaf(reached)) throw UsageError(CommandsNeeded(reached));
     if (reached.get_option_no_throw(word) != nullptr)
         throw UsageError(fmt::format("{} stands behind {} and before --", word, reached.get_name()));
@@ -237,6 +240,16 @@ void Parser::RefuseExtra(const std::string& word) const {
     if (!others.empty()) throw UsageError(fmt::format("{} goes with {} only", word, others));
     const bool isOption = word.starts_with('-') && word != "--";
     throw UsageError(fmt::format("{} '{}'", isOption ? "unknown option" : "unexpected", word));
+}
+
+/// "; did you mean check?"; empty when no command is near.
+std::string Parser::NearCommand(const std::string& word) const {
+    std::vector<std::u16string> names;
+    for (const CLI::App* command : app_.get_subcommands({}))
+        names.push_back(platform::WideFromUtf8(command->get_name()));
+    const std::vector<std::u16string_view> known(names.begin(), names.end());
+    const std::u16string_view nearest = platform::NearestName(platform::WideFromUtf8(word), known);
+    return nearest.empty() ? "" : fmt::format("; did you mean {}?", platform::Utf8FromWide(nearest));
 }
 
 /// "fault needs set, clear or list".

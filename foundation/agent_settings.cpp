@@ -42,7 +42,7 @@ constexpr AgentSetting settings[] = {
     {agentKeyPath, u"ProxyEnabled", yesOrNo, optional, "whether the server is reached by a proxy", "NO"},
     {agentKeyPath, u"ProxyServerName", proxies, optional, "the proxy", "no such text"},
     {agentKeyPath, u"ProxyUserName", anyText, optional, "who logs in at the proxy", "no such text"},
-    {agentKeyPath, u"ProxyByPass", anyText, optional, "servers that are reached without the proxy", "no such text"},
+    {agentKeyPath, u"ProxyByPass", bypassList, optional, "servers that are reached without the proxy", "no such text"},
     {agentKeyPath, u"ProxyPassword", base64, optional, "the password at the proxy", "no password"},
 
     {serverInfoKeyPath, u"KVServerName", host, required, "the server's full name"},
@@ -66,8 +66,9 @@ constexpr AgentSetting settings[] = {
     {monitoringKeyPath, u"DataCollectionTimeout", number, optional, "minutes of lost contact until collection stops",
      "360", 0, mostMinutes},
     {monitoringKeyPath, u"AllowedRequests", requestTypes, optional, "the requests that the server may make", "all"},
-    {monitoringKeyPath, u"AllowedServices", anyText, optional, "the services that requests may start and stop", "all"},
-    {monitoringKeyPath, u"AllowedScripts", anyText, optional, "the scripts that plans may run", "all"},
+    {monitoringKeyPath, u"AllowedServices", servicePatterns, optional, "the services that requests may start and stop",
+     "all"},
+    {monitoringKeyPath, u"AllowedScripts", scriptPatterns, optional, "the scripts that plans may run", "all"},
     {monitoringKeyPath, u"SNMPCheckSource", yesOrNo, optional, "whether only the device's own address may answer",
      "NO"},
     {monitoringKeyPath, u"MetricsFile", metricsPath, optional, "where the agent's own counts are written", "nowhere"},
@@ -210,6 +211,33 @@ std::string WrongPart(const AgentSetting& setting, std::u16string_view value) {
     return isNot(wrong) + (nearest.empty() ? "" : fmt::format("; did you mean {}?", platform::Utf8FromWide(nearest)));
 }
 
+/// Digits and dots that are not four numbers.
+bool IsCutAddress(std::u16string_view value) {
+    return !value.empty() && value.find_first_not_of(u"0123456789.") == std::u16string_view::npos &&
+           std::count(value.begin(), value.end(), u'.') != 3;
+}
+
+/// The same as SettingDoubt, of a text.
+std::string TextDoubt(const AgentSetting& setting, std::u16string_view value) {
+    const bool isScript = setting.rule == scriptPatterns;
+    if (setting.rule == bypassList && value.find(u',') != std::u16string_view::npos)
+        return "has a comma, which parts nothing here; put ; between the hosts";
+    if (isScript || setting.rule == servicePatterns) {
+        const std::u16string wrong = UselessPattern(value, isScript);
+        if (wrong.empty()) return "";
+        return fmt::format(
+            "has '{}', which can hardly match anything; {} with commas between them, in which * and ? stand for "
+            "other characters",
+            platform::Utf8FromWide(wrong), isScript ? "give paths below conf/scripts" : "give names");
+    }
+    if ((setting.rule == host || setting.rule == optionalHost) && IsCutAddress(value))
+        return fmt::format("is '{}', which is not a whole address; an IPv4 address has four numbers",
+                           platform::Utf8FromWide(value));
+    if (setting.rule == metricsPath && !value.empty() && !value.ends_with(u".prom"))
+        return "does not end in .prom, and the textfile collector of node_exporter reads only such files";
+    return "";
+}
+
 }  // namespace
 
 std::span<const AgentSetting> AgentSettings() { return settings; }
@@ -233,6 +261,9 @@ RegistryType SettingType(const AgentSetting& setting) {
 bool SettingTakes(const AgentSetting& setting, std::u16string_view value) {
     switch (setting.rule) {
         case anyText:
+        case bypassList:
+        case servicePatterns:
+        case scriptPatterns:
             return true;
         case text:
             return !value.empty() &&
@@ -275,6 +306,11 @@ std::string SettingTaken(const AgentSetting& setting) {
     switch (setting.rule) {
         case anyText:
             return "a text";
+        case bypassList:
+            return "hosts with ; between them";
+        case servicePatterns:
+        case scriptPatterns:
+            return "patterns with commas between them";
         case text:
             return "a text that is not empty and has no control characters";
         case wholePath:
@@ -324,6 +360,16 @@ std::string SettingFault(const AgentSetting& setting, RegistryType type, std::sp
 std::string SettingFault(const AgentSetting& setting, std::u16string_view value) {
     if (SettingTakes(setting, value)) return "";
     return fmt::format("takes {}{}", SettingTaken(setting), WrongPart(setting, value));
+}
+
+std::string SettingDoubt(const AgentSetting& setting, RegistryType type, std::span<const std::byte> data) {
+    if (!SettingFault(setting, type, data).empty()) return "";
+    if (setting.rule != number) return TextDoubt(setting, StoredText(data));
+    constexpr std::uint32_t fewCharacters = 10000;
+    std::uint32_t value = 0;
+    std::memcpy(&value, data.data(), sizeof value);
+    if (setting.name != u"LoggerMaxSize" || value >= fewCharacters) return "";
+    return fmt::format("is {} characters, which a few lines fill; 1000000 is the default", value);
 }
 
 std::string SettingTitle(const AgentSetting& setting) {

@@ -16,17 +16,20 @@ namespace kv {
 /// What a value holds. All but number are texts.
 enum class SettingRule {
     anyText,
-    text,          // not empty, without control characters
-    wholePath,     // from the root on
-    metricsPath,   // the same, and not one of the agent's own files; or empty
-    directory,     // ends in a slash or backslash, because paths are appended to it
-    host,          // a name or an address, without scheme and port
-    optionalHost,  // the same, or up to two characters, such as "--", for no address
-    port,          // decimal, 1 to 65535
-    protocol,      // "https" or "http"
-    keyPins,       // as foundation/key_pins.h reads them
-    proxies,       // hosts with or without a port, a list with blanks or semicolons between them
-    requestTypes,  // patterns with commas between them, each of which fits a type of request; or empty
+    text,             // not empty, without control characters
+    wholePath,        // from the root on
+    metricsPath,      // the same, and not one of the agent's own files; or empty
+    directory,        // ends in a slash or backslash, because paths are appended to it
+    host,             // a name or an address, without scheme and port
+    optionalHost,     // the same, or up to two characters, such as "--", for no address
+    port,             // decimal, 1 to 65535
+    protocol,         // "https" or "http"
+    keyPins,          // as foundation/key_pins.h reads them
+    proxies,          // hosts with or without a port, a list with blanks or semicolons between them
+    bypassList,       // hosts with semicolons or blanks between them
+    servicePatterns,  // patterns with commas between them; or empty
+    scriptPatterns,   // the same
+    requestTypes,     // patterns with commas between them, each of which fits a type of request; or empty
     yesOrNo,
     base64,
     number,  // a DWORD
@@ -75,6 +78,10 @@ std::string SettingFault(const AgentSetting& setting, platform::RegistryType typ
 
 /// The same of a text that is to be stored. A password is not repeated.
 std::string SettingFault(const AgentSetting& setting, std::u16string_view value);
+
+/// What is odd about a stored value that the agent takes, as "has a comma, ...", with what to do about it; empty when
+/// nothing is, and when the value has a fault.
+std::string SettingDoubt(const AgentSetting& setting, platform::RegistryType type, std::span<const std::byte> data);
 
 /// Where a value stands and its name, as "ServerInfo\KVServerName"; the agent's key itself is left out.
 std::string SettingTitle(const AgentSetting& setting);

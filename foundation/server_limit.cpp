@@ -109,6 +109,25 @@ std::u16string UnfitRequestPattern(std::u16string_view list) {
     return {};
 }
 
+std::u16string UselessPattern(std::u16string_view list, bool areScripts) {
+    constexpr std::u16string_view quotes = u"\"'";
+    while (!list.empty()) {
+        const std::u16string_view part = list.substr(0, list.find(u','));
+        const std::u16string_view pattern = WithoutBlanks(part);
+        const bool isQuoted = !pattern.empty() && quotes.find(pattern.front()) != std::u16string_view::npos;
+        const bool isExpression = pattern.starts_with(u'^') || pattern.ends_with(u'$');
+        const std::u16string form = u'/' + Comparable(pattern, ServerLimit::Kind::paths) + u'/';
+        const bool isElsewhere = areScripts ? form.starts_with(u"//") || form.find(u"/../") != std::u16string::npos ||
+                                                  form.find(u"/conf/scripts/") != std::u16string::npos ||
+                                                  (form.size() > 2 && form[2] == u':')
+                                            : pattern.find(separator) != std::u16string_view::npos;
+        if (isQuoted || isExpression || isElsewhere || pattern.find(u';') != std::u16string_view::npos)
+            return std::u16string(pattern);
+        list.remove_prefix(std::min(part.size() + 1, list.size()));
+    }
+    return {};
+}
+
 std::optional<std::u16string> ServerLimit::RefusalOfAll() const {
     return fault_.empty() ? std::nullopt : std::optional(setting_ + fault_);
 }

@@ -1,4 +1,5 @@
 #include <cstdio>
+#include <fmt/format.h>
 #include <functional>
 #include <new>
 #include <numeric>
@@ -39,8 +40,13 @@ bool DecodeFile(std::string_view bytes, std::u16string& text, std::string& reaso
         return false;
     }
     const bool marked = bytes.starts_with("\xEF\xBB\xBF"sv);
-    // Every JSON document in UTF-16 has zero bytes, those of its braces at least.
-    if (!marked && bytes.find('\0') != std::string_view::npos) {
+    // Every JSON document in UTF-16 has zero bytes, those of its braces at least, and begins with an ASCII character.
+    const std::size_t zero = marked ? std::string_view::npos : bytes.find('\0');
+    if (zero != std::string_view::npos && zero > 1) {
+        reason = fmt::format("the file has a NUL character at offset {}", zero);
+        return false;
+    }
+    if (zero != std::string_view::npos) {
         text = TextFromUtf16LittleEndian(bytes);
         return true;
     }

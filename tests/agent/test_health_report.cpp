@@ -286,6 +286,12 @@ TEST_F(HealthReport, SaysWhyMetricsAreNotWritten) {
     Run({});
     EXPECT_EQ(TimesLogged("MetricsFile is a file that the agent writes anyway, and no metrics are written: "), 1);
     EXPECT_TRUE(Status());
+    SetMetricsFile(folder / "precious");
+    Write(folder / "precious", "mine");
+    Run({[] {}});
+    EXPECT_EQ(
+        TimesLogged("precious is not written, because it is not a file of the agent's: move it away. It is tried"), 1);
+    EXPECT_EQ(Read(folder / "precious"), "mine");
     SetMetricsFile(folder / "kvagent.prom", platform::RegistryType::binary);
     Run({});
     EXPECT_EQ(TimesLogged("MetricsFile cannot be read as a text, and no metrics are written: "), 1);

@@ -4,8 +4,11 @@
 #include <gmock/gmock.h>
 #include <map>
 #include <regex>
+#include <span>
+#include <tuple>
 
 #include "foundation/agent_settings.h"
+#include "foundation/file_utils.h"
 #include "foundation/registry_store.h"
 #include "platform/backend.h"
 #include "platform/console_tool.h"
@@ -106,6 +109,27 @@ TEST(AgentSettings, TakeWhatTheAgentCanUse) {
     const AgentSetting* level = FindAgentSetting(agentKeyPath, u"AgentLogLevel");
     EXPECT_TRUE(SettingTakes(*level, 4));
     EXPECT_FALSE(SettingTakes(*level, 5));
+}
+
+TEST(AgentSettings, RaiseDoubtsAboutWhatTheyTake) {
+    const std::tuple<std::u16string_view, const char16_t*, const char16_t*> rows[] = {
+        // name, without a doubt, with one
+        {u"AllowedServices", u"nginx, MSSQL$X, php*-fpm", u"^ssh$"},
+        {u"AllowedServices", u"", u"a,'b'"},
+        {u"AllowedServices", u"a@b", u"/usr/sbin/nginx"},
+        {u"AllowedScripts", u"inodes.sh, raid/*.sh", u"a.sh,/opt/b.sh"},
+        {u"AllowedScripts", u"a..b", u"..\\x"},
+        {u"AllowedScripts", u"a/c:", u"C:\\x"},
+    };
+    for (const auto& [name, sound, odd] : rows) {
+        const AgentSetting* const setting = FindAgentSetting(monitoringKeyPath, name);
+        const auto doubt = [&](const char16_t* text) {
+            const std::string bytes = Utf16LittleEndianBytes(text);
+            return SettingDoubt(*setting, platform::RegistryType::text, std::as_bytes(std::span(bytes)));
+        };
+        EXPECT_EQ(doubt(sound), "");
+        EXPECT_NE(doubt(odd), "") << platform::Utf8FromWide(odd);
+    }
 }
 
 struct MetricsSetting : TestFolder {

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <fmt/format.h>
+#include <iterator>
 #include <memory>
 #include <optional>
 
@@ -102,9 +103,8 @@ std::vector<PlannedRecord> RecordsOf(const HashTable* document) {
     return records;
 }
 
-HashTablePtr ReadPlan(std::u16string_view path) {
+HashTablePtr ReadPlan(std::u16string_view path, const std::string& name) {
     PlanFile plan = ReadPlanFile(path);
-    const std::string name = NativeName(path);
     if (!plan.document) throw std::runtime_error(fmt::format("{}: {}", name, plan.failure));
     if (!plan.notice.empty()) fmt::print(stderr, "{}: {}\n", name, InLine(plan.notice));
     return std::move(plan.document);
@@ -135,7 +135,8 @@ std::vector<HashTablePtr> ReadPlans(const Given& given, platform::Error failure)
     if (!named.empty()) {
         if (!MayExist(WideFromUtf8(named))) throw NotFoundError(fmt::format("there is no file {}", named));
         RefuseDirectory(named);
-        plans.push_back(ReadPlan(WideFromUtf8(named)));
+        const NamedPlan file(named);
+        plans.push_back(ReadPlan(file.path(), named));
         return plans;
     }
     const std::string hint = SettingsFailureText(failure) + "; name a plan: kvagentctl collect PLAN";
@@ -146,9 +147,9 @@ std::vector<HashTablePtr> ReadPlans(const Given& given, platform::Error failure)
     if (!MayExist(own))
         throw NotFoundError(
             fmt::format("the agent has no plan: there is no {}; name one: kvagentctl collect PLAN", NativeName(own)));
-    plans.push_back(ReadPlan(own));
+    plans.push_back(ReadPlan(own, NativeName(own)));
     if (!Has(given, "--slaves")) return plans;
-    for (const SlavePlan& plan : PlansOfSlaves(bin)) plans.push_back(ReadPlan(plan.path));
+    for (const SlavePlan& plan : PlansOfSlaves(bin)) plans.push_back(ReadPlan(plan.path, NativeName(plan.path)));
     return plans;
 }
 
@@ -205,6 +206,17 @@ bool HasText(json_object* record, const char* key, std::string_view beginning) {
     return text != nullptr && std::string_view(text).starts_with(beginning);
 }
 
+/// Whether the log says of a script that it was not run: by the agent, or by the shell, which has two exit codes for
+/// that.
+bool WasNotRun(const std::vector<std::string>& log) {
+    constexpr std::string_view signs[] = {" is not run", " failed: there is no file ", " failed: Error Code : 126",
+                                          " failed: Error Code : 127"};
+    return std::any_of(log.begin(), log.end(), [&signs](const std::string& line) {
+        return std::any_of(std::begin(signs), std::end(signs),
+                           [&line](std::string_view sign) { return line.find(sign) != std::string::npos; });
+    });
+}
+
 /// Whether a script is meant to have a record.
 bool WantsRecord(const PlannedRecord& planned) {
     return planned.kind != "script" || CompareIgnoreCase(MemberText(planned.record, u"response_needed"), u"true") == 0;
@@ -228,7 +240,7 @@ CollectedRecord Collect(const PlannedRecord& planned, const std::u16string& fold
         collected.lines.emplace_back("it has neither wmiQuery nor script nor PROTOCOL, and is skipped");
         collected.isFailure = true;
     } else if (!collected.text) {
-        collected.isFailure = WantsRecord(planned);
+        collected.isFailure = WantsRecord(planned) || WasNotRun(collected.lines);
         if (!collected.isFailure) collected.lines.emplace_back("response_needed is not true: the script has no record");
     } else if (collected.text->empty()) {
         // A script that has failed is told of already.

@@ -1,7 +1,10 @@
 #include "tools/kvagentctl/readable_file.h"
 
+#include <filesystem>
 #include <fmt/format.h>
+#include <fstream>
 #include <new>
+#include <stdexcept>
 #include <utility>
 
 #include "foundation/file_utils.h"
@@ -77,6 +80,24 @@ PlanFile ReadPlanFile(std::u16string_view path) {
         plan.failure = isMalformed ? "it is not a plan in JSON: " + message : message;
     }
     return plan;
+}
+
+NamedPlan::NamedPlan(const std::string& name) : path_(platform::WideFromUtf8(name)) {
+    constexpr std::size_t mostBytes = std::size_t{128} << 20;  // more than a plan may have
+    const std::filesystem::path pipe(std::u8string(name.begin(), name.end()));
+    std::error_code unknown;
+    if (!std::filesystem::is_fifo(pipe, unknown)) return;
+    std::ifstream source(pipe, std::ios::binary);
+    std::string bytes;
+    for (char buffer[65536]; source && bytes.size() <= mostBytes;) {
+        source.read(buffer, sizeof buffer);
+        bytes.append(buffer, static_cast<std::size_t>(source.gcount()));
+    }
+    if (bytes.size() > mostBytes) throw std::runtime_error(name + " brings more than 128 MB, which is not a plan");
+    path_ = folder_.emplace().path() + u"\\plan";
+    const std::string failure =
+        platform::WriteFileWhole(platform::Utf8FromWide(platform::Files().NativePath(path_)), bytes);
+    if (!failure.empty()) throw std::runtime_error(fmt::format("{} cannot be kept meanwhile: {}", name, failure));
 }
 
 }  // namespace kv::control

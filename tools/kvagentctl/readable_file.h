@@ -1,10 +1,12 @@
 // Files of the agent that a verb reads, and what is told when one cannot be read.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 
 #include "foundation/hash_table.h"
+#include "platform/console_tool.h"
 #include "platform/errors.h"
 
 namespace kv::control {
@@ -32,5 +34,19 @@ struct PlanFile {
 
 /// Throws std::bad_alloc.
 PlanFile ReadPlanFile(std::u16string_view path);
+
+/// A plan as somebody names it: a file, or a pipe, whose text is kept in a file meanwhile.
+class NamedPlan {
+  public:
+    /// Reads a pipe to its end. Throws std::runtime_error when that fails, or when it brings more than a plan may have.
+    explicit NamedPlan(const std::string& name);
+
+    /// Of the file. It may be absent or something else.
+    const std::u16string& path() const { return path_; }
+
+  private:
+    std::u16string path_;
+    std::optional<platform::TemporaryFolder> folder_;
+};
 
 }  // namespace kv::control

@@ -114,6 +114,8 @@ Request ReadRequest(const Given& given) {
     if (request.host.find(':') != std::string::npos)
         throw UsageError(fmt::format(
             "'{}' is not an IPv4 address or a name; a port is given with -p, and IPv6 is not asked", request.host));
+    if (request.host == "255.255.255.255")
+        throw UsageError("255.255.255.255 is every computer of a network; name one device");
     if (request.host.size() > longestHost) throw UsageError("the address is longer than 255 characters");
     request.port = static_cast<std::int32_t>(Number(given, "--port", defaultPort, {1, 65535}));
     request.timeout = static_cast<std::int32_t>(Number(given, "--timeout", defaultTimeout, {1, longestTimeout}));

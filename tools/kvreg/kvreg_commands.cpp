@@ -161,7 +161,7 @@ void Set(const Given& given) {
     value.data = isNumber ? DwordArgument(data) : DataOfText(WideArgument(data));
     if (!Has(given, "--force")) RefuseFault(path, value);
     RequireRegistryDirectory("stored");
-    WarnOfName(path, value.name);
+    WarnOfValue(path, value);
     Require(WriteValue(path, value), "cannot write the " + ValueTitle(path, value.name), "key " + WholePath(path));
 }
 

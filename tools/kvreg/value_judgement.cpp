@@ -38,6 +38,13 @@ std::string NameDoubt(std::u16string_view path, std::u16string_view name) {
                        platform::Utf8FromWide(path), nearest.empty() ? "" : fmt::format("; did you mean {}?", nearest));
 }
 
+/// What is odd about the data of a value that the agent takes; empty when nothing is.
+std::string DataDoubt(std::u16string_view path, const RegFileValue& value) {
+    const AgentSetting* const setting = FindAgentSetting(path, value.name);
+    const std::string doubt = setting ? SettingDoubt(*setting, value.type, value.data) : "";
+    return doubt.empty() ? "" : SettingTitle(*setting) + " " + doubt;
+}
+
 bool StartsWith(std::u16string_view text, std::u16string_view beginning) {
     return CompareIgnoreCase(text.substr(0, beginning.size()), beginning) == 0;
 }
@@ -136,8 +143,10 @@ std::string BackslashHint(std::u16string_view path) {
                : "";
 }
 
-void WarnOfName(std::u16string_view path, std::u16string_view name) {
-    if (const std::string doubt = NameDoubt(path, name); !doubt.empty()) Warn(doubt);
+void WarnOfValue(std::u16string_view path, const RegFileValue& value) {
+    for (const std::string& doubt : {NameDoubt(path, value.name), DataDoubt(path, value)}) {
+        if (!doubt.empty()) Warn(doubt);
+    }
 }
 
 void WarnOfFile(const RegFile& file, const std::string& name) {
@@ -151,6 +160,7 @@ void WarnOfFile(const RegFile& file, const std::string& name) {
             if (value.deleted) continue;
             warn(value.line, NameDoubt(key.path, value.name));
             warn(value.line, Fault(key.path, value));
+            warn(value.line, DataDoubt(key.path, value));
         }
     }
 }

@@ -24,8 +24,8 @@ void WarnOfKey(std::u16string_view path);
 /// empty.
 std::string BackslashHint(std::u16string_view path);
 
-/// A warning on standard error when the agent does not know a value of that name.
-void WarnOfName(std::u16string_view path, std::u16string_view name);
+/// A warning on standard error when the agent does not know a value of that name, or its data is odd.
+void WarnOfValue(std::u16string_view path, const RegFileValue& value);
 
 /// A warning on standard error, with the line of the file that has this name, for each such key, and for each value
 /// that the agent does not know or could not use.

@@ -100,6 +100,7 @@ TEST_F(CollectVerb, SaysWhatIsWrong) {
          1,
          "the record N failed: there is no file",
          ""},
+        {"absent, without a record", R"({"script": "none.sh", "Name": "N"})", {}, 1, ", no record, FAILED\n", "1 of 1"},
         {"silent",
          R"({"script": "silent.sh", "Name": "S", "response_needed": "true"})",
          {},

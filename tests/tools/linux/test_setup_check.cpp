@@ -132,6 +132,18 @@ TEST_F(SetupAndCheck, CheckFindsWhatIsWrongWithSettings) {
           "queryconf.txt: others may write to it (mode 0777)", "bin: does not exist"})
         EXPECT_THAT(faults.output, HasSubstr(fault));
     EXPECT_THAT(faults.output, testing::EndsWith("9 errors, 3 warnings\n"));
+    const std::tuple<const char*, const char*, const char*> metrics[] = {
+        {"no/a.prom", "", "no/ does not exist, and no counts are written; make it"},
+        {"dir.prom", "", "dir.prom is a directory"},
+        {"mine.prom", "mine", "mine.prom is another file than the agent's: the agent replaces only its own"},
+        {"own.txt", "# HELP kvagent_up", "warning: setting Monitoring\\MetricsFile: does not end in .prom"},
+    };
+    fs::create_directory(folder / "dir.prom");
+    for (const auto& [name, text, told] : metrics) {
+        if (*text != '\0') Write(folder / name, text);
+        Registry({"set", agentKey + "\\Monitoring", "MetricsFile", (folder / name).string()});
+        EXPECT_THAT(Run({"check"}).output, HasSubstr(told));
+    }
     fs::remove_all(folder / "state");
     EXPECT_THAT(Run({"check"}).output, HasSubstr("error: registry: settings and scripts are not checked: there is no"));
 }
@@ -208,6 +220,7 @@ TEST_F(SetupAndCheck, CheckFindsWhatIsWrongWithAPlan) {
     Write(conf / "scripts" / "env.sh", "#!/usr/bin/env no-such-shell\n");
     Write(conf / "scripts" / "split.sh", "#!/usr/bin/env -S A=1  no-shell -e\n");
     Write(conf / "scripts" / "bytes.sh", std::string("\1\0\2", 3));
+    fs::create_symlink("/nowhere", conf / "scripts" / "link.sh");
     ASSERT_EQ(mkfifo((conf / "scripts" / "fifo.sh").c_str(), 0700), 0);
     for (const char* name : {"crlf.sh", "lost.sh", "env.sh", "split.sh", "bytes.sh"})
         fs::permissions(conf / "scripts" / name, fs::perms::owner_all);
@@ -232,6 +245,8 @@ TEST_F(SetupAndCheck, CheckFindsWhatIsWrongWithAPlan) {
          "ROOT\\X"},
         {"taken name", record(R"("wmiQuery":"SELECT * FROM Win32_BIOS","Name":"ERRORMSG")"), "is another member"},
         {"absent script", record(R"("script":"no.sh","Name":"N")"), "conf/scripts/no.sh does not exist"},
+        {"link", record(R"("script":"link.sh","Name":"N")"), "link.sh is a link to what does not exist"},
+        {"NUL", std::string("{}\0", 3), "the file has a NUL character at offset 2: the agent would refuse it"},
         {"outside", record(R"("script":"../x","Name":"N")"), "does not name a file below conf/scripts"},
         {"line ends", record(R"("script":"crlf.sh","Name":"N")"), "has CRLF line ends"},
         {"interpreter", record(R"("script":"lost.sh","Name":"N")"), "interpreter /no/such/shell, which does not exist"},

@@ -60,7 +60,7 @@ void RunCheck(const Given& given) {
     if (plan.empty())
         CheckOwnPlan(findings);
     else
-        CheckPlan(findings, platform::WideFromUtf8(plan), plan, std::nullopt);
+        CheckPlan(findings, NamedPlan(plan).path(), plan, std::nullopt);
     if (commandline::Has(given, "--online") && isReadable)
         CheckServer(findings);
     else if (commandline::Has(given, "--online"))

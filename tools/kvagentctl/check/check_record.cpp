@@ -24,6 +24,7 @@
 #include "snmp/oid.h"
 #include "snmp/pdu.h"
 #include "tools/kvagentctl/check/check_parts.h"
+#include "tools/kvagentctl/readable_file.h"
 
 namespace kv::control {
 
@@ -153,7 +154,11 @@ void JudgeScriptFile(Findings& findings, const std::u16string& path, const std::
     };
     if (IsDirectory(path)) return fails("is a directory");
     const std::optional<platform::FilePermissions> permissions = platform::GetFilePermissions(path);
-    if (!permissions) return;
+    if (!permissions) {
+        const std::string fault = FileFault(path);
+        if (!fault.empty()) fails(fault);
+        return;
+    }
     std::error_code unknown;
     if (!std::filesystem::is_regular_file(native, unknown)) return fails("is not a regular file");
     if (!permissions->isExecutable)

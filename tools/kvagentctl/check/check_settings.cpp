@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 #include <optional>
 
+#include "agent/metrics_file.h"
 #include "agent/server_trust.h"
 #include "foundation/agent_settings.h"
 #include "foundation/agent_state.h"
@@ -77,6 +78,8 @@ void CheckSetting(Findings& findings, const AgentSetting& setting) {
         findings.Error(where, "cannot be read: " + RegistryFailureText(result));
         return;
     }
+    if (const std::string doubt = SettingDoubt(setting, value.type, value.data); !doubt.empty())
+        return findings.Warn(where, doubt);
     const std::string fault = SettingFault(setting, value.type, value.data);
     if (fault.empty()) return;
     if (setting.use == SettingUse::unused)
@@ -109,6 +112,31 @@ void CheckProxyCredentials(Findings& findings) {
     if (StoredText(GetProxyUserName).value_or(u"").size() == 1) findings.Warn("setting ProxyUserName", tooShort);
     if (DecodeBase64(StoredText(GetProxyPassword).value_or(u"")).size() == 1)
         findings.Warn("setting ProxyPassword", tooShort);
+}
+
+/// Where the agent's own counts cannot be written.
+void CheckMetricsFile(Findings& findings) {
+    const AgentSetting* const setting = FindAgentSetting(monitoringKeyPath, u"MetricsFile");
+    RegFileValue value;
+    if (ReadValue(monitoringKeyPath, setting->name, value) != platform::error::success) return;
+    const std::u16string path = TextOfData(value.data);
+    if (path.empty() || !SettingFault(*setting, value.type, value.data).empty()) return;
+    const std::string where = "setting " + SettingTitle(*setting);
+    const std::string name = NativeName(path);
+    const std::u16string folder = path.substr(0, path.find_last_of(u"/\\") + 1);
+    if (!MayExist(folder))
+        findings.Error(where,
+                       fmt::format("the folder {} does not exist, and no counts are written", NativeName(folder)),
+                       "make it");
+    else if (IsDirectory(path))
+        findings.Error(where, name + " is a directory, and no counts are written", "name a file in it");
+    else if (HoldsOtherThanMetrics(path)) {
+        const std::string fault = FileFault(path);
+        findings.Error(where,
+                       fmt::format("{} {}: the agent replaces only its own, and no counts are written", name,
+                                   fault.empty() ? "is another file than the agent's" : fault),
+                       "name another file");
+    }
 }
 
 /// What fits each other only together.
@@ -226,6 +254,7 @@ bool CheckSettings(Findings& findings, Severity whenUnreadable) {
     for (const AgentSetting& setting : AgentSettings()) CheckSetting(findings, setting);
     CheckUnknownNames(findings);
     CheckTogether(findings);
+    CheckMetricsFile(findings);
     CheckTrust(findings);
     CheckRegistryFile(findings);
     CheckInstallDirectory(findings);
