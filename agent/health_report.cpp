@@ -109,8 +109,7 @@ std::u16string MetricsPath() {
     const bool isWhole = result == error::success && path && IsWholePath(*path);
     if (isWhole && SettingTakes(*FindAgentSetting(monitoringKeyPath, u"MetricsFile"), *path)) return *path;
     if (isWhole)
-        Log1("\t ReportHealth :: MetricsFile is a file that the agent writes anyway, and no metrics are written: %s\n",
-             path);
+        Log1("\t ReportHealth :: MetricsFile is one of the agent's own files, and no metrics are written: %s\n", path);
     else if (result == error::success)
         Log1("\t ReportHealth :: MetricsFile is not a whole path, and no metrics are written: %s\n", path);
     else

@@ -284,7 +284,7 @@ TEST_F(HealthReport, SaysWhyMetricsAreNotWritten) {
     SetRegistry(agentKeyPath, u"KVAgentInstallDir", platform::WideFromUtf8((folder / "").string()));
     SetMetricsFile(status);
     Run({});
-    EXPECT_EQ(TimesLogged("MetricsFile is a file that the agent writes anyway, and no metrics are written: "), 1);
+    EXPECT_EQ(TimesLogged("MetricsFile is one of the agent's own files, and no metrics are written: "), 1);
     EXPECT_TRUE(Status());
     SetMetricsFile(folder / "precious");
     Write(folder / "precious", "mine");
