@@ -241,6 +241,8 @@ std::string FineText(const AgentFacts& facts) {
     std::string text = fmt::format("{} at {}, {}", facts.key, facts.server, WaitingText(facts.zips, "zip", facts.now));
     if (facts.health && facts.health->lastUploadTime != 0)
         text += fmt::format(", last upload {} ago", DurationText(facts.now - facts.health->lastUploadTime));
+    if (facts.health && facts.health->sendingFailsSince != 0)
+        text += fmt::format(", sending fails since {}", TimeWithAge(facts.health->sendingFailsSince, facts.now));
     return text;
 }
 
