@@ -16,17 +16,36 @@ const char* Address(std::string_view content) { return content.empty() ? "" : co
 
 }  // namespace
 
-Connection Open(const std::string& path, Opening opening) {
-    const int creation = opening == Opening::orCreate ? SQLITE_OPEN_CREATE : 0;
+namespace {
+
+/// path is what messages name; name is what SQLite gets.
+Connection OpenByName(const std::string& path, const std::string& name, int flags) {
     sqlite3* opened = nullptr;
-    const int result =
-        sqlite3_open_v2(path.c_str(), &opened, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | creation, nullptr);
+    const int result = sqlite3_open_v2(name.c_str(), &opened, flags | SQLITE_OPEN_NOMUTEX, nullptr);
     Connection connection(opened);  // what failed to open must be closed, too
     if (result != SQLITE_OK) {
         throw DatabaseError("cannot open the database " + path + ": " + sqlite3_errmsg(opened), result,
                             opened ? sqlite3_system_errno(opened) : 0);
     }
     return connection;
+}
+
+}  // namespace
+
+Connection Open(const std::string& path, Opening opening) {
+    const int creation = opening == Opening::orCreate ? SQLITE_OPEN_CREATE : 0;
+    return OpenByName(path, path, SQLITE_OPEN_READWRITE | creation);
+}
+
+Connection OpenUnchanging(const std::string& path) {
+    std::string uri = "file:";
+    for (const char character : path) {
+        if (character == '%' || character == '?' || character == '#')
+            uri += character == '%' ? "%25" : character == '?' ? "%3f" : "%23";
+        else
+            uri += character;
+    }
+    return OpenByName(path, uri + "?immutable=1", SQLITE_OPEN_READONLY | SQLITE_OPEN_URI);
 }
 
 void ExecuteScript(sqlite3* connection, const char* sql) {

@@ -35,6 +35,10 @@ enum class Opening { existing, orCreate };
 /// they wait.
 Connection Open(const std::string& path, Opening opening);
 
+/// Opens a database file that nobody changes meanwhile, for reading alone: without locks, and without the files beside
+/// it. What another process writes is seen late, or in part.
+Connection OpenUnchanging(const std::string& path);
+
 /// Runs statements that give no rows and take no arguments.
 void ExecuteScript(sqlite3* connection, const char* sql);
 

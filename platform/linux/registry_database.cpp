@@ -133,12 +133,45 @@ Error PrepareForWriting(RegistryDatabase& database) {
     return format == error::fileNotFound ? CreateTables(database.connection.get()) : error::success;
 }
 
+std::filesystem::path RegistryPath() { return std::filesystem::path(StateDirectory()) / "registry.db"; }
+
+/// When the file was last written, in nanoseconds; 0 when it cannot be looked at, or when changes wait beside it.
+std::int64_t WriteTime(const std::filesystem::path& path) {
+    constexpr std::int64_t second = 1'000'000'000;
+    struct stat facts {};
+    struct stat log {};
+    if (stat((path.string() + "-wal").c_str(), &log) == 0 && log.st_size > 0) return 0;
+    return stat(path.c_str(), &facts) == 0 ? facts.st_mtim.tv_sec * second + facts.st_mtim.tv_nsec : 0;
+}
+
+/// For a full disk, which has no room for the companion files.
+Error OpenWithoutCompanions(RegistryDatabase& database, const std::filesystem::path& path) {
+    const std::int64_t time = WriteTime(path);
+    if (time == 0) return error::diskFull;
+    auto connection = kv::sqlite::OpenUnchanging(path);
+    ExecuteScript(connection.get(), connectionSettings);
+    database.connection = std::move(connection);
+    database.unchangedSince = time;
+    ++database.generation;
+    return CheckFormat(database.connection.get());
+}
+
+bool IsOutdated(const RegistryDatabase& database, Purpose purpose) {
+    if (HasMoved(database.connection.get())) return true;
+    if (database.unchangedSince == 0) return false;
+    return purpose == Purpose::write || WriteTime(RegistryPath()) != database.unchangedSince;
+}
+
 Error OpenOrCreate(RegistryDatabase& database, Purpose purpose) {
-    const std::filesystem::path path = std::filesystem::path(StateDirectory()) / "registry.db";
+    const std::filesystem::path path = RegistryPath();
     Error failure = purpose == Purpose::write ? CreateDatabaseFile(path) : error::success;
     if (failure == error::success) failure = WithSqliteErrors([&] { return OpenDatabase(database, path); });
     if (failure == error::success && purpose == Purpose::read)
         failure = WithSqliteErrors([&] { return CheckFormat(database.connection.get()); });
+    if (failure == error::diskFull && purpose == Purpose::read) {
+        Disconnect(database);
+        failure = WithSqliteErrors([&] { return OpenWithoutCompanions(database, path); });
+    }
     // When the state directory is missing, the registry is missing as well.
     return failure == error::pathNotFound && purpose == Purpose::read ? error::fileNotFound : failure;
 }
@@ -180,7 +213,7 @@ Error ErrorFromSqlite(const kv::sqlite::DatabaseError& failure) {
 }
 
 Error Connect(RegistryDatabase& database, Purpose purpose) {
-    if (database.connection && HasMoved(database.connection.get())) Disconnect(database);
+    if (database.connection && IsOutdated(database, purpose)) Disconnect(database);
     const bool wasOpen = database.connection != nullptr;
     Error failure = wasOpen ? error::success : OpenOrCreate(database, purpose);
     if (failure == error::success && purpose == Purpose::write && !database.preparedForWriting) {
@@ -196,6 +229,7 @@ Error Connect(RegistryDatabase& database, Purpose purpose) {
 void Disconnect(RegistryDatabase& database) {
     database.connection.reset();
     database.preparedForWriting = false;
+    database.unchangedSince = 0;
 }
 
 }  // namespace platform

@@ -17,12 +17,14 @@ struct RegistryDatabase {
     kv::sqlite::Connection connection;
     std::uint64_t generation = 0;  // counts the connections
     bool preparedForWriting = false;
-    std::uint64_t lockDeadline = 0;  // tick count at which the wait for another process's lock ends
+    std::int64_t unchangedSince = 0;  // file time, for a connection that would not see changes; else 0
+    std::uint64_t lockDeadline = 0;   // tick count at which the wait for another process's lock ends
 };
 
 enum class Purpose { read, write };
 
-/// Makes sure that the connection is open; opens the file again when it has been replaced. Waits at most 5 seconds for
+/// Makes sure that the connection is open; opens the file again when it has been replaced. To read takes no room on a
+/// full disk, unless a killed process has left changes that are to be carried over first. Waits at most 5 seconds for
 /// another process. fileNotFound when there is no registry yet and the purpose is to read; otherwise busy,
 /// accessDenied, databaseCorrupt or one of the system's errors. After a failure the next call tries again. A connection
 /// that was open before stays open, unless the file turned out to be broken.

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sqlite3.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -39,6 +40,25 @@ TEST_F(RegistryFile, OnlyAWriteMakesTheFileAndForItsOwnerOnly) {
     for (const char* name : {"registry.db", "registry.db-wal", "registry.db-shm"}) {
         EXPECT_EQ(fs::status(folder / "state" / name).permissions(), fs::perms::owner_read | fs::perms::owner_write);
     }
+}
+
+TEST_F(RegistryFile, IsReadOnAFullDiskWithoutCompanions) {
+    ASSERT_EQ(SetBytes(u"K", u"v", "1"), error::success);
+    CloseRegistry();
+    fs::remove(file.string() + "-shm");
+    rlimit former{};  // a limit on the size of files stands in for a full disk
+    getrlimit(RLIMIT_FSIZE, &former);
+    const rlimit limit{0, former.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &limit);
+    const std::string read = GetBytes(u"K", u"v");
+    const Error written = SetBytes(u"K", u"v", "2");
+    const std::string again = GetBytes(u"K", u"v");
+    setrlimit(RLIMIT_FSIZE, &former);
+    EXPECT_EQ(read + again, "11");
+    EXPECT_EQ(written, error::diskFull);
+    const RegistryOperations other = platform::LinuxRegistry();  // a second connection, like that of another process
+    EXPECT_EQ(SetBytes(u"K", u"v", "3", RegistryType::binary, other), error::success);
+    EXPECT_EQ(GetBytes(u"K", u"v"), "3") << "with room again";
 }
 
 TEST_F(RegistryFile, AWriteMakesADeletedFileAgainWithoutItsKeys) {
