@@ -83,9 +83,15 @@ std::u16string WithSingleBackslashes(std::u16string_view path) {
     return plain;
 }
 
-/// The agent's key, or one below it, that a path of nearly the same names means; empty for any other path.
+/// The agent's key, or one below it, that a path means without its first names, or with nearly the same ones; empty for
+/// any other path.
 std::u16string NearAgentKey(std::u16string_view path) {
     if (IsAgentKey(path)) return {};
+    for (std::u16string_view end = agentKeyPath; !end.empty(); platform::TakeKeyName(end)) {  // levels left out
+        const std::u16string_view below = path.substr(std::min(end.size(), path.size()));
+        if (StartsWith(path, end) && (below.empty() || below.starts_with(u'\\')))
+            return std::u16string(agentKeyPath) + std::u16string(below);
+    }
     std::u16string_view rest = path;
     for (std::u16string_view known = agentKeyPath; !known.empty();) {
         const std::u16string_view meant = platform::TakeKeyName(known);

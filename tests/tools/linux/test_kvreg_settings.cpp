@@ -34,6 +34,7 @@ TEST_F(Kvreg, KnowsTheSettingsOfTheAgent) {
          "the agent does not know a value x in the key Software\\Halvorine\\Kestrova\\KVAgent\\Sub\n"},
         {"a key beside", {"Software\\Halvorine\\Kestrova\\Other", "AgentLogLevel", "x"}, 0, ""},
         {"a slip in a key", {"Software\\Halvorine\\Kestrova\\KVAgnet\\X", "v", "x"}, 0, "KVAgent\\X', not"},
+        {"a short key", {"Kestrova\\KVAgent\\Y", "v", "x"}, 0, "Halvorine\\Kestrova\\KVAgent\\Y', not 'Kestrova"},
         {"its parent", {serverKey, "ProxyEnabled", "yes"}, 0, "ProxyEnabled in the key Software\\Halvorine"},
     };
     for (const auto& [title, arguments, exitCode, errors] : rows) {

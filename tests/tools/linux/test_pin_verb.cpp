@@ -1,6 +1,7 @@
 // kvagentctl pin, on a registry of the test's own and servers with certificates of all kinds.
 #include <csignal>
 
+#include "tests/http/http_peers.h"
 #include "tests/http/linux/tls_peers.h"
 #include "tests/tools/tool_fixture.h"
 
@@ -12,17 +13,38 @@ class PinVerb : public ToolTest {
   protected:
     PinVerb() : ToolTest(KVAGENTCTL_PROGRAM) { std::signal(SIGPIPE, SIG_IGN); }
 
-    std::string Stored() const {
-        const ToolFiles kvreg{KVREG_PROGRAM, files.input, files.errors};
-        std::FILE* const tool =
-            StartTool(kvreg, {"get", "Software\\Halvorine\\Kestrova\\KVAgent\\ServerInfo", "KVServerPinnedKey"});
+    std::string Stored() const { return Registry({"get", agentKey + "\\ServerInfo", "KVServerPinnedKey"}); }
+    /// The first line of what kvreg prints.
+    std::string Registry(const Words& words) const {
+        std::FILE* const tool = StartTool({KVREG_PROGRAM, files.input, files.errors}, words);
         std::string text;
         for (int byte = std::fgetc(tool); byte != EOF && byte != '\n'; byte = std::fgetc(tool))
             text += static_cast<char>(byte);
         EndTool(tool);
         return text;
     }
+
+    const std::string agentKey = "Software\\Halvorine\\Kestrova\\KVAgent";
 };
+
+TEST_F(PinVerb, WarnsOfAnotherKeyAtAnotherAddress) {
+    const TlsServer server(Issue(NewKey(), {}));
+    const Identity other = Issue(NewKey(), {});
+    const TlsServer standIn(other);
+    const RawServer proxy([&](Socket connection, const std::string& request) {
+        const Socket peer = ConnectToLoopback(request.starts_with("CONNECT 127.0.0.9:") ? standIn.port : server.port);
+        SendText(connection, "HTTP/1.1 200 Connection established\r\n\r\n");
+        Relay(connection, peer);
+        CloseSocket(peer);
+    });
+    ASSERT_EQ(Run({"setup", "--server", "192.0.2.1:8443", "--second-ip", "127.0.0.9"}).exitCode, 0);
+    Registry({"set", agentKey, "ProxyEnabled", "yes"});
+    Registry({"set", agentKey, "ProxyServerName", "127.0.0.1:" + std::to_string(proxy.port)});
+    EXPECT_THAT(Run({"pin", "--yes"}).errors,
+                HasSubstr("127.0.0.9:8443 shows another key (" + KeyPin(other) + "), and the agent will send nothing"));
+    EXPECT_EQ(Run({"pin", "--add", "--yes", "--address", "127.0.0.9:8443"}).exitCode, 0);
+    EXPECT_EQ(Run({"pin", "--add", "--yes"}).errors, "") << "both are stored";
+}
 
 TEST_F(PinVerb, ShowsTheCertificateAndStoresItsKey) {
     EXPECT_EQ(Run({"pin"}).exitCode, 3) << "no server is set";
