@@ -64,28 +64,29 @@ std::string MetricsText(const HealthSnapshot& health, const WaitingFiles& record
     return text + "# EOF\n";
 }
 
-bool HoldsOtherThanMetrics(std::u16string_view path) {
+platform::Error MayReplaceMetrics(std::u16string_view path) {
+    namespace error = platform::error;
     constexpr std::string_view beginning = "# HELP kvagent_";
     OpenFile file;
-    platform::Error result = file.Open(path, platform::FileAccess::read, platform::FileShare::readWrite,
-                                       platform::FileDisposition::openExisting);
-    if (result == platform::error::accessDenied) return true;
-    if (result != platform::error::success) return false;
+    const platform::Error opened = file.Open(path, platform::FileAccess::read, platform::FileShare::readWrite,
+                                             platform::FileDisposition::openExisting);
+    if (opened == error::accessDenied) return opened;
     platform::FileInformation information;
-    result = platform::Files().GetFileInformationByHandle(file.handle, information);
-    if (result != platform::error::success) return false;
+    // What cannot be looked at for another reason, such as a missing folder, is the writing's to tell.
+    if (opened != error::success || platform::Files().GetFileInformationByHandle(file.handle, information))
+        return error::success;
     if ((information.attributes & (platform::file_attribute::device | platform::file_attribute::directory)) != 0)
-        return true;
+        return error::alreadyExists;
     std::string found(beginning.size(), '\0');
     std::size_t size = 0;
-    if (platform::Files().ReadFile(file.handle, found.data(), found.size(), size) != platform::error::success)
-        return false;
+    if (platform::Files().ReadFile(file.handle, found.data(), found.size(), size)) return error::success;
     found.resize(size);
-    return !beginning.starts_with(found) && found.find_first_not_of('\0') != std::string::npos;
+    const bool isOwn = beginning.starts_with(found) || found.find_first_not_of('\0') == std::string::npos;
+    return isOwn ? error::success : error::alreadyExists;
 }
 
 platform::Error WriteMetricsFile(std::u16string_view path, std::string_view text) {
-    if (HoldsOtherThanMetrics(path)) return platform::error::alreadyExists;
+    if (const platform::Error refusal = MayReplaceMetrics(path)) return refusal;
     return ReplaceFile(path, ConcatStrings(path, u".tmp"), text, Readers::everyone);
 }
 

@@ -130,7 +130,7 @@ void CheckMetricsFile(Findings& findings) {
                        "make it");
     else if (IsDirectory(path))
         findings.Error(where, name + " is a directory, and no counts are written", "name a file in it");
-    else if (HoldsOtherThanMetrics(path)) {
+    else if (MayReplaceMetrics(path) != platform::error::success) {
         const std::string fault = FileFault(path);
         findings.Error(where,
                        fmt::format("{} {}: the agent replaces only its own, and no counts are written", name,
