@@ -333,7 +333,7 @@ void Judge::JudgeSending(const HealthSnapshot& health) {
 
 void Judge::JudgeReadability() {
     if (!facts_.healthFailure.empty()) Add(PluginStatus::unknown, facts_.healthFailure);
-    if (facts_.diskError != error::success && !facts_.isInstallLost)
+    if (facts_.diskError != error::success)
         Add(PluginStatus::unknown,
             fmt::format("the disk room at {} cannot be told: {}", facts_.binPath, ReasonText(facts_.diskError)));
     for (const auto& [waiting, folder] : {std::pair{&facts_.records, "data"}, {&facts_.zips, "zipdata"}}) {
@@ -363,7 +363,7 @@ void Judge::JudgeQueue() {
 
 void Judge::JudgePlan() {
     const PlanFacts& plan = facts_.plan;
-    if (facts_.binPath.empty()) return;
+    if (!facts_.hasPlace()) return;
     if (!plan.failure.empty()) Add(PluginStatus::warning, fmt::format("plan {}: {}", plan.file, plan.failure));
     if (plan.refusedTime > plan.time)
         Add(PluginStatus::warning, fmt::format("a newer plan was refused, see the log: {}", plan.refusedFile));
@@ -376,7 +376,7 @@ AgentFacts GatherFacts() {
     facts.now = GetNowSeconds();
     std::u16string binPath;
     GatherSettings(facts, binPath);
-    if (!binPath.empty()) {
+    if (facts.hasPlace()) {
         GatherHealth(facts, binPath);
         GatherPlan(facts, binPath);
         GatherDisk(facts, binPath);

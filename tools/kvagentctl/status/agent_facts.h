@@ -50,6 +50,9 @@ struct AgentFacts {
     std::vector<std::string> faultySettings;  // needed ones that are not texts, each with what is wrong
     bool isInstallLost = false;               // what KVAgentInstallDir names does not exist
 
+    /// Whether there is a place to look at for all that follows.
+    bool hasPlace() const { return !binPath.empty() && !isInstallLost; }
+
     std::string service;  // its state at the service manager, or why that is not known
     bool isRunning = false;
     std::string process;        // what is known of the process, in words

@@ -112,7 +112,7 @@ std::vector<Line> Lines(const AgentFacts& facts) {
     const bool hasRegistered = facts.health && facts.health->registration == registeredOutcome;
     lines.emplace_back("key", !facts.key.empty() ? facts.key : hasRegistered ? "missing" : "not registered yet");
     lines.emplace_back("server", ServerText(facts));
-    if (facts.binPath.empty()) return lines;
+    if (!facts.hasPlace()) return lines;
     AddHealthLines(facts, lines);
     lines.emplace_back("plan", PlanText(facts.plan));
     if (facts.plan.refusedTime != 0)
@@ -191,13 +191,13 @@ json_object* JsonHealth(const HealthSnapshot& health) {
 void PrintJson(const AgentFacts& facts, const std::vector<Problem>& problems) {
     json_object* attention = json_object_new_array();
     for (const Problem& problem : problems) json_object_array_add(attention, JsonText(problem.text));
-    const bool isPlaceKnown = !facts.binPath.empty();
+    const bool isPlaceKnown = facts.hasPlace();
     const JsonPtr object(
         JsonObject({{"version", JsonText(std::string(programVersion))},
                     {"isRunning", json_object_new_boolean(facts.isRunning)},
                     {"service", JsonText(facts.service)},
                     {"process", facts.process.empty() ? nullptr : JsonText(facts.process)},
-                    {"directory", isPlaceKnown ? JsonText(facts.binPath) : nullptr},
+                    {"directory", facts.binPath.empty() ? nullptr : JsonText(facts.binPath)},
                     {"key", facts.key.empty() ? nullptr : JsonText(facts.key)},
                     {"server", facts.server.empty() ? nullptr : JsonText(facts.server)},
                     {"agent", facts.health ? JsonHealth(*facts.health) : nullptr},
@@ -214,7 +214,7 @@ void PrintJson(const AgentFacts& facts, const std::vector<Problem>& problems) {
 
 /// What is not known is left out: a count of 0 would be a value.
 std::string PerformanceData(const AgentFacts& facts, const Thresholds& limits) {
-    if (facts.binPath.empty()) return "";
+    if (!facts.hasPlace()) return "";
     const std::int64_t age =
         facts.zips.oldestTime == 0 ? 0 : std::max<std::int64_t>(facts.now - facts.zips.oldestTime, 0);
     std::string text;
