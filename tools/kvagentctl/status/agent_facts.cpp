@@ -20,6 +20,7 @@
 #include "platform/service_manager.h"
 #include "platform/utf.h"
 #include "queryconf/conf_paths.h"
+#include "tools/kvagentctl/agent_process.h"
 #include "tools/kvagentctl/readable_file.h"
 #include "tools/kvagentctl/status/status_text.h"
 #include "tools/kvreg/registry_tree.h"
@@ -224,8 +225,9 @@ void GatherPlan(AgentFacts& facts, const std::u16string& binPath) {
     plan.refusedTime = WriteTimeOf(refused);
     if (plan.refusedTime != 0) plan.refusedFile = NativeName(refused);
     if (!MayExist(path)) {
-        plan.failure = "there is no plan: nothing is collected";
-        plan.isAbsent = true;
+        plan.isAbsent = PlansOfSlaves(binPath).empty();
+        plan.failure =
+            plan.isAbsent ? "there is no plan: nothing is collected" : "there is no plan: only for slaves is collected";
         return;
     }
     plan.time = WriteTimeOf(path);

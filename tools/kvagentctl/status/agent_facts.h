@@ -29,9 +29,9 @@ struct Problem {
 };
 
 struct PlanFacts {
-    std::string file;     // as this system names it
-    std::string failure;  // why it cannot be used; empty when it can
-    bool isAbsent = false;
+    std::string file;              // as this system names it
+    std::string failure;           // why it cannot be used; empty when it can
+    bool isAbsent = false;         // and no slave has one, either
     std::int64_t time = 0;         // when it was written, seconds since 1970
     std::uint64_t workflows = 0;   // those that it lists
     std::uint64_t records = 0;     // of all workflows
