@@ -61,8 +61,8 @@ struct RewrittenFile {
         if (fails == std::exchange(isFailing, fails)) return;
         if (result == error::alreadyExists)
             Log1(
-                "\t ReportHealth :: %s is not written, because it is not a file of the agent's: move it away. It is "
-                "tried again each minute\n",
+                "\t ReportHealth :: %s is not written, because it is not a file of the agent's metrics: name another "
+                "one in MetricsFile. It is tried again each minute\n",
                 path);
         else if (fails)
             Log1("\t ReportHealth :: %s cannot be written: %s (error %d). It is tried again each minute\n", path,
@@ -264,6 +264,7 @@ void ReportOnce() {
     const HealthSnapshot health = CurrentHealth();
     const bool hasWritten = ReportStatus(report, health);
     ReportMetrics(report, health);
+    ReopenDeletedLog();
     if (!hasWritten) return;
     // The code for it is not needed for another minute, and an idle agent is to be small.
     platform::ReleaseFreeMemory();

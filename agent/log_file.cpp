@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "foundation/agent_state.h"
+#include "foundation/file_utils.h"
 #include "foundation/host_utils.h"
 #include "foundation/log.h"
 #include "foundation/open_file.h"
@@ -81,6 +82,8 @@ int OpenStream(std::u16string_view path) {
     logState.gv_logOpenFailed = result == error::success ? 0 : 1;
     return result == error::notEnoughMemory ? 99 : 1;
 }
+
+void MakeLogDirectory() { Files().wmkdir(agentState.gv_ocAgentBinPath.value_or(u"") + u"..\\logs"); }
 
 /// Moves the current log away and opens a new one. Lines wait meanwhile, so that none is lost.
 void StartNewLog(std::u16string_view target) {
@@ -217,6 +220,19 @@ void ReopenLog() {
     ReadLogLimits();
 }
 
+void ReopenDeletedLog() {
+    if (logState.isRotationOver || isRotating.test_and_set(std::memory_order_acquire)) return;
+    {
+        const ClearedAtEnd cleared(isRotating);
+        const std::lock_guard stream(logState.streamMutex);
+        if (!MayChangeLog() || logState.gv_logPath.empty() || MayExist(logState.gv_logPath)) return;
+        MakeLogDirectory();
+        OpenStream(logState.gv_logPath);
+        logState.gv_logBytes = 0;
+    }
+    Log1("\t ReopenDeletedLog :: The file of the log was gone; this one goes on\n");
+}
+
 bool IsLogOfAnotherProcess() { return isGuest; }
 
 int OpenLogFile(std::u16string_view path) {
@@ -245,7 +261,7 @@ void ReadLogLevel() {
 void RotateLogger(std::optional<std::u16string_view> name) {
     ReadLogLevel();
     const std::u16string binPath = agentState.gv_ocAgentBinPath.value_or(u"");
-    Files().wmkdir(binPath + u"..\\logs");
+    MakeLogDirectory();
     logState.gv_logBytes = 0;
     logState.gv_logMaxFiles = defaultLogMaxFiles;
     logState.gv_logMaxSize = defaultLogMaxSize;

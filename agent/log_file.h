@@ -17,6 +17,10 @@ void RotateLogger(std::optional<std::u16string_view> name);
 /// moved it away, or ended. Does nothing after EndLogRotation. Callable from any thread.
 void ReopenLog();
 
+/// Begins the log again, with its folder, when its file is not where it was: somebody has deleted it or moved it away,
+/// and nobody would find what is written from then on. Callable from any thread.
+void ReopenDeletedLog();
+
 /// Whether another process wrote to the log when it was opened, and at the last rotation
 /// or ReopenLog. Callable from any thread.
 bool IsLogOfAnotherProcess();

@@ -289,8 +289,7 @@ TEST_F(HealthReport, SaysWhyMetricsAreNotWritten) {
     SetMetricsFile(folder / "precious");
     Write(folder / "precious", "mine");
     Run({[] {}});
-    EXPECT_EQ(
-        TimesLogged("precious is not written, because it is not a file of the agent's: move it away. It is tried"), 1);
+    EXPECT_EQ(TimesLogged("precious is not written, because it is not a file of the agent's metrics: name another"), 1);
     EXPECT_EQ(Read(folder / "precious"), "mine");
     SetMetricsFile(folder / "kvagent.prom", platform::RegistryType::binary);
     Run({});

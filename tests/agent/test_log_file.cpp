@@ -89,6 +89,15 @@ TEST_F(LogFile, ShiftsNumberedFiles) {
     }
 }
 
+TEST_F(LogFile, BeginsAgainWhenItsFileIsGone) {
+    Start("");
+    std::error_code inUse;  // where an open file cannot be deleted
+    fs::remove_all(logs, inUse);
+    ReopenDeletedLog();
+    Log1("after that\n");
+    EXPECT_TRUE(Logged("after that"));
+}
+
 TEST_F(LogFile, PrintsItsArgumentsAndCountsItsFormats) {
     test::VirtualClock clock;
     Start("");

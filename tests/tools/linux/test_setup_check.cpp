@@ -215,6 +215,7 @@ TEST_F(SetupAndCheck, CheckJudgesHowAServerAnswers) {
 TEST_F(SetupAndCheck, CheckFindsWhatIsWrongWithAPlan) {
     InstallAgent();
     Write(conf / "scripts" / "crlf.sh", "#!/bin/sh\r\n");
+    Write(conf / "scripts" / "plain-crlf.sh", "echo\r\n");
     Write(conf / "scripts" / "plain.sh", "echo\n");
     Write(conf / "scripts" / "lost.sh", "#!/no/such/shell -e\n");
     Write(conf / "scripts" / "env.sh", "#!/usr/bin/env no-such-shell\n");
@@ -249,6 +250,7 @@ TEST_F(SetupAndCheck, CheckFindsWhatIsWrongWithAPlan) {
         {"NUL", std::string("{}\0", 3), "the file has a NUL character at offset 2: the agent would refuse it"},
         {"outside", record(R"("script":"../x","Name":"N")"), "does not name a file below conf/scripts"},
         {"line ends", record(R"("script":"crlf.sh","Name":"N")"), "has CRLF line ends"},
+        {"line ends for sh", record(R"("script":"plain-crlf.sh","Name":"N")"), "plain-crlf.sh has CRLF line ends"},
         {"interpreter", record(R"("script":"lost.sh","Name":"N")"), "interpreter /no/such/shell, which does not exist"},
         {"env", record(R"("script":"env.sh","Name":"N")"), "asks env for 'no-such-shell', which is not in PATH"},
         {"env -S", record(R"("script":"split.sh","Name":"N")"), "split.sh asks env for 'no-shell', which is not in"},

@@ -136,6 +136,7 @@ TEST_F(StatusVerb, EndsAsAMonitoringPlugin) {
         {"a zip for 7 hours", [&] { AddZip(420min); }, 2, "KVAGENT CRITICAL - the oldest of 1 zip has waited for 7 h"},
         {"stopped", [&] { health.isCollecting = false, WriteHealth(); }, 2, "KVAGENT CRITICAL - " + stopped},
         {"ended", [&] { health.processId = 1, WriteHealth(); }, 2, "KVAGENT CRITICAL - the agent does not run: pro"},
+        {"frozen", [&] { health.writeTime -= 960, WriteHealth(); }, 1, "the agent has told nothing of itself since "},
         {"never ran", [&] { fs::remove(monitoring / "logs/status.json"); }, 2, "does not run, and has not run here"},
         {"copied", [&] { health.directory = folder.string(), WriteHealth(); }, 2,
          "the agent does not run: status.json is a copy from the agent of " + folder.string()},

@@ -118,6 +118,8 @@ std::string AskedOfEnv(std::string_view text) {
     return "";
 }
 
+constexpr std::string_view crlfFault = "has CRLF line ends, so it cannot run";
+
 /// What is wrong with the first line of a script, by which the system finds its interpreter; empty when nothing is.
 std::string FirstLineFault(std::u16string_view path) {
     OpenFile file;
@@ -133,10 +135,10 @@ std::string FirstLineFault(std::u16string_view path) {
         "\x7F"
         "ELF");
     line.resize(std::min(read, line.find('\n')));
+    if (line.ends_with('\r')) return std::string(crlfFault);
     if (!line.starts_with("#!"))
         return isProgram || line.find('\0') == std::string::npos ? "" : "is neither a program nor a script";
     line.erase(0, 2);
-    if (line.ends_with('\r')) return "has CRLF line ends, so its interpreter is not found";
     const std::size_t begin = std::min(line.find_first_not_of(" \t"), line.size());
     const std::string interpreter = line.substr(begin, line.find_first_of(" \t", begin) - begin);
     if (!MayExist(platform::WideFromUtf8(interpreter)))
@@ -161,10 +163,10 @@ void JudgeScriptFile(Findings& findings, const std::u16string& path, const std::
     }
     std::error_code unknown;
     if (!std::filesystem::is_regular_file(native, unknown)) return fails("is not a regular file");
+    const std::string fault = FirstLineFault(path);
     if (!permissions->isExecutable)
         findings.Warn("", fmt::format("script {} is not executable, so /bin/sh runs it", native), "chmod +x " + native);
-    else if (const std::string fault = FirstLineFault(path); !fault.empty())
-        fails(fault);
+    if (permissions->isExecutable ? !fault.empty() : fault == crlfFault) fails(fault);
     if (permissions->othersWrite)
         fails(fmt::format("may be changed by others (mode {})", permissions->mode), "chmod 0750 " + native);
 }

@@ -226,8 +226,9 @@ void GatherPlan(AgentFacts& facts, const std::u16string& binPath) {
     if (plan.refusedTime != 0) plan.refusedFile = NativeName(refused);
     if (!MayExist(path)) {
         plan.isAbsent = PlansOfSlaves(binPath).empty();
-        plan.failure =
-            plan.isAbsent ? "there is no plan: nothing is collected" : "there is no plan: only for slaves is collected";
+        plan.failure = plan.isAbsent
+                           ? "there is no plan: nothing is collected, unless the agent began with one that has gone"
+                           : "there is no plan: only for slaves is collected";
         return;
     }
     plan.time = WriteTimeOf(path);
@@ -245,6 +246,9 @@ void GatherDisk(AgentFacts& facts, const std::u16string& binPath) {
     facts.diskError = platform::Files().GetDiskFreeSpaceExW(binPath, available);
     if (facts.diskError == error::success) facts.freeBytes = available;
 }
+
+/// A running agent writes its status.json at the latest after ten minutes.
+constexpr std::int64_t silentSeconds = 15 * 60;
 
 /// Collects problems in the order of their weight.
 class Judge {
@@ -302,6 +306,10 @@ void Judge::JudgeAgent() {
     const bool isSetUp = facts_.missingSettings.empty() && facts_.faultySettings.empty();
     if (facts_.registryFailure.empty() && isSetUp && facts_.key.empty()) JudgeRegistration();
     if (facts_.isRunning && facts_.health && !facts_.key.empty()) JudgeSending(*facts_.health);
+    const std::int64_t written = facts_.health ? facts_.health->writeTime : 0;
+    if (facts_.isRunning && written != 0 && facts_.now - written > silentSeconds)
+        Add(PluginStatus::warning, "the agent has told nothing of itself since " + TimeText(written) +
+                                       ": it hangs, or a signal has stopped it");
     if (facts_.health && !facts_.health->isCollecting)
         Add(PluginStatus::critical, "collection is stopped since " + TimeText(facts_.health->collectionStopTime));
 }

@@ -72,7 +72,7 @@ std::string PlanText(const PlanFacts& plan) {
 std::string CollectionText(const AgentFacts& facts) {
     if (!facts.isRunning) return "off, the agent does not run";
     if (!facts.health->isCollecting) return "stopped since " + TimeWithAge(facts.health->collectionStopTime, facts.now);
-    return facts.plan.isAbsent ? "nothing, there is no plan" : "on";
+    return facts.plan.isAbsent ? "nothing, unless the agent began with a plan that has gone" : "on";
 }
 
 void AddHealthLines(const AgentFacts& facts, std::vector<Line>& lines) {
