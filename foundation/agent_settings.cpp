@@ -388,7 +388,8 @@ std::string NearestSetting(std::u16string_view key, std::u16string_view name) {
     std::vector<std::u16string_view> names;
     for (const AgentSetting& setting : settings) {
         // "ServerInfo\KVServerName", as it is shown to people
-        if (name.find(u'\\') != name.npos && SameText(platform::WideFromUtf8(SettingTitle(setting)), name))
+        if (name.find(u'\\') != std::u16string_view::npos &&
+            SameText(platform::WideFromUtf8(SettingTitle(setting)), name))
             return platform::Utf8FromWide(setting.name) + " in the key " + platform::Utf8FromWide(setting.key);
         if (SameText(setting.name, name) && !SameText(setting.key, key)) return place(setting);
         names.push_back(setting.name);

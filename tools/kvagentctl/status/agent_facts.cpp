@@ -248,7 +248,7 @@ void GatherDisk(AgentFacts& facts, const std::u16string& binPath) {
 }
 
 /// A running agent writes its status.json at the latest after ten minutes.
-constexpr std::int64_t silentSeconds = 15 * 60;
+constexpr std::int64_t silentSeconds = 900;
 
 /// Collects problems in the order of their weight.
 class Judge {
