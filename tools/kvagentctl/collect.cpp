@@ -25,6 +25,7 @@
 #include "queryconf/conf_paths.h"
 #include "tools/kvagentctl/agent_process.h"
 #include "tools/kvagentctl/json_text.h"
+#include "tools/kvagentctl/log/log_entries.h"
 #include "tools/kvagentctl/output.h"
 #include "tools/kvagentctl/readable_file.h"
 #include "tools/kvagentctl/verbs.h"
@@ -273,7 +274,7 @@ void PrintRecord(const PlannedRecord& planned, const CollectedRecord& collected)
         if (!text.ends_with('\n')) fmt::print("\n");
         if (!json) fmt::print("   not JSON: the server may not understand it\n");
     }
-    for (const std::string& line : collected.lines) fmt::print("   log: {}\n", InLine(line));
+    for (const std::string& line : collected.lines) fmt::print("   log: {}\n", ReadableEntry(line));
     fmt::print("\n");
     commandline::FlushOutput();
 }
@@ -387,8 +388,9 @@ const commandline::Command& CollectVerb() {
         "collect",
         "Collects each record of a plan once, and prints it. Nothing is sent, and no file, number or setting of the "
         "agent changes; scripts run as they would for the agent, as this user. Beneath a record stands what the agent "
-        "would log. Intervals do not count. Exit code 1 if a record fails, 3 without a plan or a record of that name, "
-        "130 when it is interrupted.",
+        "would log. Intervals do not count. Exit code 1 if a record fails (a script that cannot be started does, "
+        "one that ends with another exit code than 0 does not), 3 without a plan or a record of that name, 130 when it "
+        "is interrupted.",
         words, options, Run};
     return verb;
 }

@@ -26,7 +26,8 @@ void Warn(const std::string& text) {
 /// As "KVServerSecurePort takes a port number from 1 to 65535, not 'abc'"; empty when nothing is wrong.
 std::string Fault(std::u16string_view path, const RegFileValue& value) {
     const AgentSetting* const setting = FindAgentSetting(path, value.name);
-    const std::string fault = setting ? SettingFault(*setting, value.type, value.data) : "";
+    if (!setting) return "";
+    const std::string fault = SettingFault(*setting, value.type, value.data);
     return fault.empty() ? "" : SettingTitle(*setting) + " " + fault;
 }
 
@@ -41,7 +42,8 @@ std::string NameDoubt(std::u16string_view path, std::u16string_view name) {
 /// What is odd about the data of a value that the agent takes; empty when nothing is.
 std::string DataDoubt(std::u16string_view path, const RegFileValue& value) {
     const AgentSetting* const setting = FindAgentSetting(path, value.name);
-    const std::string doubt = setting ? SettingDoubt(*setting, value.type, value.data) : "";
+    if (!setting) return "";
+    const std::string doubt = SettingDoubt(*setting, value.type, value.data);
     return doubt.empty() ? "" : SettingTitle(*setting) + " " + doubt;
 }
 

@@ -234,6 +234,9 @@ void JudgeStatus(const ServerAddress& address, const ServerAnswer& answer, Tried
         tried.next = "look into the log of the server, or of what stands before it";
     } else if (status / 100 == 3 && !answer.location.empty()) {
         JudgeRedirect(address, answer, tried);
+    } else if (status / 100 == 3) {
+        tried.doubt = text + ", a redirect that does not say where to";
+        tried.next = "look into the settings of the server, or of what stands before it";
     } else if (status / 100 == 2 || status == notFound || status == notAllowed) {
         tried.told += text;
     } else {

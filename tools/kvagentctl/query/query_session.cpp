@@ -74,7 +74,7 @@ std::string Upper(std::string_view text) {
 }
 
 bool Matches(const std::string& name, const std::string& pattern) {
-    if (pattern.find_first_of("*?") != pattern.npos)
+    if (pattern.find_first_of("*?") != std::string::npos)
         return platform::NamePattern(WideFromUtf8(pattern)).Matches(WideFromUtf8(name));
     return Upper(name).find(Upper(pattern)) != std::string::npos;
 }
@@ -195,7 +195,7 @@ void QuerySession::SetMode(const std::string& mode) {
 
 bool QuerySession::RunLine(const std::string& line) {
     const std::size_t begin = line.find_first_not_of(blanks);
-    if (begin == line.npos) return true;
+    if (begin == std::string_view::npos) return true;
     const std::size_t last = line.find_last_not_of(std::string(blanks) + ";") + 1;
     if (last <= begin) return true;
     const std::string text = line.substr(begin, last - begin);

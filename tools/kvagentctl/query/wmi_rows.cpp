@@ -45,7 +45,7 @@ std::string_view TakeWord(std::string_view& text, std::string_view ends = "") {
 
 bool IsWholeNumber(std::u16string_view text) {
     if (text.starts_with(u'-')) text.remove_prefix(1);
-    return !text.empty() && text.find_first_not_of(u"0123456789") == text.npos;
+    return !text.empty() && text.find_first_not_of(u"0123456789") == std::u16string_view::npos;
 }
 
 Cell NumberCell(const Variant& value, CimType type) {
