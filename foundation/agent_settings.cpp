@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "foundation/file_utils.h"
+#include "foundation/host_text.h"
 #include "foundation/key_pins.h"
 #include "foundation/proxy_password.h"
 #include "foundation/registry_store.h"
@@ -87,23 +88,6 @@ constexpr AgentSetting settings[] = {
 
 bool SameText(std::u16string_view left, std::u16string_view right) { return CompareIgnoreCase(left, right) == 0; }
 
-constexpr std::u16string_view notInHosts = u" /\\@?#,;\"'";
-constexpr std::size_t longestHost = 253;  // characters of a name in the DNS
-
-/// The address that stands for every address of a computer, and leads to no server.
-bool IsAnyAddress(std::u16string_view text) { return text == u"0.0.0.0" || text == u"::" || text == u"[::]"; }
-
-bool HasControl(std::u16string_view text) {
-    return std::any_of(text.begin(), text.end(), [](char16_t unit) { return unit < u' ' || unit == u'\x7F'; });
-}
-
-/// A name, an IPv4 address, or an IPv6 address in brackets or without.
-bool IsHost(std::u16string_view text) {
-    const bool hasPort = std::count(text.begin(), text.end(), u':') == 1;
-    return !text.empty() && text.size() <= longestHost && !hasPort && !IsAnyAddress(text) && !HasControl(text) &&
-           text.find_first_of(notInHosts) == std::u16string_view::npos;
-}
-
 bool IsPort(std::u16string_view text) {
     const bool isDecimal = !text.empty() && text.find_first_not_of(u"0123456789") == std::u16string_view::npos;
     const std::int32_t number = isDecimal ? ParseDecimal(text) : 0;
@@ -119,7 +103,7 @@ bool IsProxy(std::u16string_view entry) {
     const std::size_t colon = entry.rfind(u':');
     const bool hasPort =
         colon != std::u16string_view::npos && (entry.find(u':') == colon || entry.substr(0, colon).ends_with(u']'));
-    return IsHost(entry.substr(0, hasPort ? colon : std::u16string_view::npos)) &&
+    return HostFault(entry.substr(0, hasPort ? colon : std::u16string_view::npos)).empty() &&
            (!hasPort || IsPort(entry.substr(colon + 1)));
 }
 
@@ -193,7 +177,7 @@ std::u16string StoredText(std::span<const std::byte> data) {
 
 /// What is wrong in a text that a setting does not take, to go on from what it takes: ", not 'ftp'".
 std::string WrongPart(const AgentSetting& setting, std::u16string_view value) {
-    const auto isNot = [](std::u16string_view part, const char* reason = "") {
+    const auto isNot = [](std::u16string_view part, const std::string& reason = "") {
         return fmt::format(", not '{}'{}", platform::Utf8FromWide(part), reason);
     };
     const bool isHost = setting.rule == host || setting.rule == optionalHost;
@@ -202,19 +186,32 @@ std::string WrongPart(const AgentSetting& setting, std::u16string_view value) {
         return ", and neither user nor password before an @";
     if (isHost && value.size() > longestHost)
         return fmt::format(", of at most {} characters, not of {}", longestHost, value.size());
-    if (isHost && IsAnyAddress(value)) return isNot(value, ", which stands for every address of a computer");
+    if (isHost) return isNot(value, HostFault(value));
     if (setting.rule == protocol) return isNot(value, ", which counts as http");
     if (setting.rule == keyPins) return isNot(ReadKeyPins(value).wrong);
     if (setting.rule != requestTypes) return isNot(value);
     const std::u16string wrong = UnfitRequestPattern(value);
+    if (!WordForAll(wrong).empty()) return isNot(wrong, "; * stands for all, and an absent setting too");
     const std::u16string_view nearest = platform::NearestName(wrong, requestTypeNames);
     return isNot(wrong) + (nearest.empty() ? "" : fmt::format("; did you mean {}?", platform::Utf8FromWide(nearest)));
 }
 
-/// Digits and dots that are not four numbers.
-bool IsCutAddress(std::u16string_view value) {
-    return !value.empty() && value.find_first_not_of(u"0123456789.") == std::u16string_view::npos &&
-           std::count(value.begin(), value.end(), u'.') != 3;
+/// What is odd about a list of patterns for services or scripts.
+std::string PatternDoubt(std::u16string_view list, bool areScripts) {
+    if (const std::u16string wrong = UselessPattern(list, areScripts); !wrong.empty())
+        return fmt::format(
+            "has '{}', which can hardly match anything; {} with commas between them, in which * and ? stand for "
+            "other characters",
+            platform::Utf8FromWide(wrong), areScripts ? "give paths below conf/scripts" : "give names");
+    if (const std::u16string wrong = UnpartedPattern(list); !wrong.empty())
+        return fmt::format(
+            "has '{}', which is one pattern with a blank in it; several patterns need commas between them",
+            platform::Utf8FromWide(wrong));
+    if (const std::u16string wrong = WordForAll(list); !wrong.empty())
+        return fmt::format(
+            "has '{}', which stands only for a {} of that name; * stands for all, and an absent setting too",
+            platform::Utf8FromWide(wrong), areScripts ? "script" : "service");
+    return "";
 }
 
 /// The same as SettingDoubt, of a text.
@@ -222,17 +219,7 @@ std::string TextDoubt(const AgentSetting& setting, std::u16string_view value) {
     const bool isScript = setting.rule == scriptPatterns;
     if (setting.rule == bypassList && value.find(u',') != std::u16string_view::npos)
         return "has a comma, which parts nothing here; put ; between the hosts";
-    if (isScript || setting.rule == servicePatterns) {
-        const std::u16string wrong = UselessPattern(value, isScript);
-        if (wrong.empty()) return "";
-        return fmt::format(
-            "has '{}', which can hardly match anything; {} with commas between them, in which * and ? stand for "
-            "other characters",
-            platform::Utf8FromWide(wrong), isScript ? "give paths below conf/scripts" : "give names");
-    }
-    if ((setting.rule == host || setting.rule == optionalHost) && IsCutAddress(value))
-        return fmt::format("is '{}', which is not a whole address; an IPv4 address has four numbers",
-                           platform::Utf8FromWide(value));
+    if (isScript || setting.rule == servicePatterns) return PatternDoubt(value, isScript);
     if (setting.rule == metricsPath && !value.empty() && !value.ends_with(u".prom"))
         return "does not end in .prom, and the textfile collector of node_exporter reads only such files";
     return "";
@@ -275,9 +262,9 @@ bool SettingTakes(const AgentSetting& setting, std::u16string_view value) {
         case directory:
             return value.ends_with(u'\\') || value.ends_with(u'/');
         case host:
-            return IsHost(value);
+            return HostFault(value).empty();
         case optionalHost:
-            return value.size() < 3 || IsHost(value);
+            return value.size() < 3 || HostFault(value).empty();
         case port:
             return IsPort(value);
         case protocol:

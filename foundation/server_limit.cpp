@@ -47,6 +47,17 @@ std::u16string_view WithoutBlanks(std::u16string_view text) {
     return text.substr(0, text.find_last_not_of(blanks) + 1);
 }
 
+/// The patterns of a list, without the blanks around them; empty ones are left out.
+std::vector<std::u16string_view> PatternsOf(std::u16string_view list) {
+    std::vector<std::u16string_view> patterns;
+    while (!list.empty()) {
+        const std::u16string_view part = list.substr(0, list.find(u','));
+        if (const auto pattern = WithoutBlanks(part); !pattern.empty()) patterns.push_back(pattern);
+        list.remove_prefix(std::min(part.size() + 1, list.size()));
+    }
+    return patterns;
+}
+
 bool IsOne(char16_t wanted, char16_t unit) { return wanted == u'?' ? unit != separator : wanted == unit; }
 
 /// Only the last "*" seen needs to be tried again: every other step has one outcome.
@@ -88,33 +99,25 @@ ServerLimit::ServerLimit(std::u16string_view setting, Kind kind, std::atomic<boo
     } else if (failure != error::success) {
         fault_ = u" cannot be read (error " + DecimalText(failure) + u"), so nothing is allowed";
     }
-    for (std::u16string_view rest = text ? *text : std::u16string_view(); !rest.empty();) {
-        const std::u16string_view part = rest.substr(0, rest.find(u','));
-        if (const auto pattern = WithoutBlanks(part); !pattern.empty()) patterns_.push_back(Comparable(pattern, kind));
-        rest.remove_prefix(std::min(part.size() + 1, rest.size()));
-    }
+    for (const auto pattern : PatternsOf(text ? *text : std::u16string_view()))
+        patterns_.push_back(Comparable(pattern, kind));
     if (fault_.empty() && patterns_.empty()) fault_ = u" is empty, so nothing is allowed";
 }
 
 std::u16string UnfitRequestPattern(std::u16string_view list) {
-    while (!list.empty()) {
-        const std::u16string_view part = list.substr(0, list.find(u','));
-        const std::u16string_view pattern = WithoutBlanks(part);
+    for (const std::u16string_view pattern : PatternsOf(list)) {
         const std::u16string form = Comparable(pattern, ServerLimit::Kind::names);
-        const bool isFit = pattern.empty() || std::any_of(std::begin(requestTypeNames), std::end(requestTypeNames),
-                                                          [&](auto name) { return Matches(form, name); });
+        const bool isFit = std::any_of(std::begin(requestTypeNames), std::end(requestTypeNames),
+                                       [&](auto name) { return Matches(form, name); });
         if (!isFit) return std::u16string(pattern);
-        list.remove_prefix(std::min(part.size() + 1, list.size()));
     }
     return {};
 }
 
 std::u16string UselessPattern(std::u16string_view list, bool areScripts) {
     constexpr std::u16string_view quotes = u"\"'";
-    while (!list.empty()) {
-        const std::u16string_view part = list.substr(0, list.find(u','));
-        const std::u16string_view pattern = WithoutBlanks(part);
-        const bool isQuoted = !pattern.empty() && quotes.find(pattern.front()) != std::u16string_view::npos;
+    for (const std::u16string_view pattern : PatternsOf(list)) {
+        const bool isQuoted = quotes.find(pattern.front()) != std::u16string_view::npos;
         const bool isExpression = pattern.starts_with(u'^') || pattern.ends_with(u'$');
         const std::u16string form = u'/' + Comparable(pattern, ServerLimit::Kind::paths) + u'/';
         const bool isElsewhere = areScripts ? form.starts_with(u"//") || form.find(u"/../") != std::u16string::npos ||
@@ -123,7 +126,22 @@ std::u16string UselessPattern(std::u16string_view list, bool areScripts) {
                                             : pattern.find(separator) != std::u16string_view::npos;
         if (isQuoted || isExpression || isElsewhere || pattern.find(u';') != std::u16string_view::npos)
             return std::u16string(pattern);
-        list.remove_prefix(std::min(part.size() + 1, list.size()));
+    }
+    return {};
+}
+
+std::u16string UnpartedPattern(std::u16string_view list) {
+    for (const std::u16string_view pattern : PatternsOf(list)) {
+        const bool isTitle = pattern.find(u" - ") != std::u16string_view::npos;
+        if (!isTitle && pattern.find_first_of(u" \t") != std::u16string_view::npos) return std::u16string(pattern);
+    }
+    return {};
+}
+
+std::u16string WordForAll(std::u16string_view list) {
+    for (const std::u16string_view pattern : PatternsOf(list)) {
+        if (CompareIgnoreCase(pattern, u"all") == 0 || CompareIgnoreCase(pattern, u"any") == 0)
+            return std::u16string(pattern);
     }
     return {};
 }

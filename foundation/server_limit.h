@@ -59,4 +59,12 @@ std::u16string UnfitRequestPattern(std::u16string_view list);
 /// service, or of a script below conf/scripts; empty when each can. Throws std::bad_alloc.
 std::u16string UselessPattern(std::u16string_view list, bool areScripts);
 
+/// The first pattern of such a list with a blank in it, where a comma was probably meant; names such as "Some Agent -
+/// Host" are passed over. Empty when no pattern has one. Throws std::bad_alloc.
+std::u16string UnpartedPattern(std::u16string_view list);
+
+/// The first pattern that is the word "all" or "any", in any letter case, which stands for that name alone; empty when
+/// no pattern is. Throws std::bad_alloc.
+std::u16string WordForAll(std::u16string_view list);
+
 }  // namespace kv

@@ -1,12 +1,13 @@
 #include "tools/kvagentctl/server_text.h"
 
 #include <algorithm>
-#include <array>
 #include <cctype>
-#include <cstdint>
+#include <cstring>
 #include <fmt/format.h>
 
-#include "platform/sockets.h"
+#include "foundation/host_text.h"
+#include "foundation/text.h"
+#include "platform/utf.h"
 
 namespace kv::control {
 
@@ -20,6 +21,24 @@ std::string TakeScheme(std::string_view& text) {
     std::transform(scheme.begin(), scheme.end(), scheme.begin(), [](unsigned char c) { return std::tolower(c); });
     text.remove_prefix(end + 3);
     return scheme;
+}
+
+/// "https://cs" for a slip such as "https//cs" or "https:\cs", "cs" for "//cs"; empty for any other text.
+std::string MeantBySlip(std::string_view text) {
+    constexpr std::string_view marks = ":/\\";
+    std::string scheme;
+    for (const char* name : {"https", "http"}) {
+        if (scheme.empty() && CompareIgnoreCase(platform::WideFromUtf8(text.substr(0, std::strlen(name))),
+                                                platform::WideFromUtf8(name)) == 0)
+            scheme = name;
+    }
+    const std::string_view rest = text.substr(scheme.size());
+    const std::string_view mark = rest.substr(0, rest.find_first_not_of(marks));
+    const std::string_view host = rest.substr(mark.size());
+    const bool isPort = mark == ":" && host.find_first_not_of("0123456789") == std::string_view::npos;
+    const bool isAddress = scheme.empty() && mark.starts_with(':');
+    if (mark.empty() || mark == "://" || host.empty() || isPort || isAddress) return "";
+    return (scheme.empty() ? "" : scheme + "://") + std::string(host);
 }
 
 /// Splits "host:port" and "[address]:port". An IPv6 address without brackets has no port.
@@ -39,6 +58,11 @@ void SplitHost(std::string_view text, ServerText& server) {
 }  // namespace
 
 ServerText ParseServerText(std::string_view text) {
+    if (const std::string meant = MeantBySlip(text); !meant.empty()) {
+        ServerText server = ParseServerText(meant);
+        server.problem = fmt::format("takes a name, an address or a URL, not '{}'; did you mean {}?", text, meant);
+        return server;
+    }
     ServerText server;
     std::string_view rest = text;
     server.protocol = TakeScheme(rest);
@@ -59,10 +83,8 @@ void RefuseCredentials(const commandline::Given& given, const char* option) {
 }
 
 bool IsAddress(std::string_view text) {
-    std::array<std::uint8_t, 4> bytes{};
-    if (text.find(' ') == std::string_view::npos && platform::Sockets().inet_addr(text, bytes)) return true;
-    return std::count(text.begin(), text.end(), ':') >= 2 &&
-           text.find_first_not_of("0123456789abcdefABCDEF:.%") == std::string_view::npos;
+    const std::u16string wide = platform::WideFromUtf8(text);
+    return IsIpv4Text(wide) || IsIpv6Text(wide);
 }
 
 }  // namespace kv::control

@@ -16,14 +16,15 @@ struct ServerText {
     std::string problem;   // what is wrong with the text, as the end of a sentence; empty when nothing is
 };
 
-/// Takes a name or an address, with or without a port, and URLs such as "https://cs.example.com:8443/".
+/// Takes a name or an address, with or without a port, and URLs such as "https://cs.example.com:8443/". Of what looks
+/// like a URL with a slip, the host is the one that was probably meant.
 ServerText ParseServerText(std::string_view text);
 
 /// UsageError when the value of an option has a user or password before an "@": the agent does not log in at its
 /// server, and a password is not to be repeated on a screen.
 void RefuseCredentials(const commandline::Given& given, const char* option);
 
-/// Whether a text is an IPv4 address in dotted form, or has the form of an IPv6 address.
+/// Whether a text has the form of an IPv4 address, or of an IPv6 address without brackets (foundation/host_text.h).
 bool IsAddress(std::string_view text);
 
 }  // namespace kv::control

@@ -8,6 +8,7 @@
 
 #include "commandline/run.h"
 #include "foundation/agent_settings.h"
+#include "foundation/host_text.h"
 #include "foundation/registry_failure.h"
 #include "foundation/registry_store.h"
 #include "foundation/text.h"
@@ -72,6 +73,7 @@ class Setup {
     void ChooseByOption(std::u16string_view key, std::u16string_view name, const char* option, const char* fallback);
     void Add(std::u16string_view key, std::u16string_view name, const std::string& value, const std::string& source);
     std::string LookUp(const std::string& host);
+    void RefuseAddress(const char* taken, const std::string& given);
 
     const Given& given_;
     ServerText server_;   // as --server gives it, or the stored name
@@ -120,8 +122,9 @@ void Setup::TakeServer() {
     if (isNew_) server_ = ParseServerText(Value(given_, "--server"));
     if (!server_.problem.empty()) problems_.push_back("--server " + server_.problem);
     if (!isNew_) server_.host = stored;
-    const bool isName = !IsAddress(server_.host);
-    const std::string flatName = isName ? server_.host.substr(0, server_.host.find('.')) : server_.host;
+    std::string flatName = server_.host.substr(0, server_.host.find('.'));
+    // An address is not cut, nor a name whose first part would be taken for one.
+    if (IsAddress(server_.host) || !HostFault(WideFromUtf8(flatName)).empty()) flatName = server_.host;
     ChooseName(u"KVServerName", server_.host);
     ChooseName(u"KVServerFlatName", flatName);
     ChooseName(u"KVLastAccessName", server_.host);
@@ -143,8 +146,10 @@ void Setup::ChooseAddress() {
     const std::string stored = Stored(serverInfoKeyPath, u"KVServerIPAddress");
     const std::string given = Value(given_, "--ip");
     if (Has(given_, "--ip")) {
-        if (!IsAddress(given)) problems_.push_back(fmt::format("--ip takes an address, not '{}'", given));
-        Add(serverInfoKeyPath, u"KVServerIPAddress", given, "--ip");
+        if (IsAddress(given))
+            Add(serverInfoKeyPath, u"KVServerIPAddress", given, "--ip");
+        else
+            RefuseAddress("--ip takes an address", given);
     } else if (IsAddress(server_.host)) {
         const char* const source = server_.host == stored ? before : "KVServerName";
         Add(serverInfoKeyPath, u"KVServerIPAddress", server_.host, Has(given_, "--server") ? "--server" : source);
@@ -158,9 +163,10 @@ void Setup::ChooseAddress() {
 void Setup::ChooseSecondAddress() {
     const std::string second = Value(given_, "--second-ip", noAddress);
     if (Has(given_, "--second-ip")) {
-        if (second != noAddress && !IsAddress(second))
-            problems_.push_back(fmt::format("--second-ip takes an address, or -- for no address, not '{}'", second));
-        Add(serverInfoKeyPath, u"KVServerSecIPAddress", second, "--second-ip");
+        if (second == noAddress || IsAddress(second))
+            Add(serverInfoKeyPath, u"KVServerSecIPAddress", second, "--second-ip");
+        else
+            RefuseAddress("--second-ip takes an address, or -- for no address", second);
     } else if (const std::string now = Stored(serverInfoKeyPath, u"KVServerSecIPAddress"); isNew_ || now.empty()) {
         Add(serverInfoKeyPath, u"KVServerSecIPAddress", noAddress, "default");
     } else {
@@ -217,6 +223,12 @@ void Setup::Add(std::u16string_view key, std::u16string_view name, const std::st
     const bool isTold = !isStored && std::any_of(choices_.begin(), choices_.end(), isOfSameText);
     choices_.back().isFaulty = true;
     if (!isTold) problems_.push_back(fmt::format("{} {}", isStored ? SettingTitle(*setting) : source, fault));
+}
+
+/// A name, which cannot stand where an address does, has no fault of its own.
+void Setup::RefuseAddress(const char* taken, const std::string& given) {
+    const std::string fault = HostFault(WideFromUtf8(given));
+    problems_.push_back(fmt::format("{}, not '{}'{}", taken, given, fault.empty() ? ", which is a name" : fault));
 }
 
 /// The first address that the name leads to; else a problem, and a text that stands in for it.

@@ -61,7 +61,9 @@ TEST_F(SetupAndCheck, SetupTellsAllThatIsWrongAndStoresNothing) {
         {"every address", {"--server", "0.0.0.0"}, {"not '0.0.0.0', which stands for every address"}},
         {"control character",
          {"--server", "cs\x1b"},
-         {"--server takes a name or an address, without scheme and port, not 'cs\\x1b'\nkvagentctl: nothing"}},
+         {"--server takes a name or an address, without scheme and port, not 'cs\\x1b': a name has no control"}},
+        {"a URL with a slip", {"--server", "HTTPS//cs:8443"}, {"not 'HTTPS//cs:8443'; did you mean https://cs:8443?"}},
+        {"a cut address", {"--server", "10.1.1", "--ip", "10.1.1"}, {"not '10.1.1': an IPv4 address has four numbers"}},
         {"long name",
          {"--server", std::string(254, 'c')},
          {"scheme and port, of at most 253 characters, not of 254\n"}},
@@ -105,6 +107,9 @@ TEST_F(SetupAndCheck, SetupStoresAllAndChangesOneThing) {
 }
 
 TEST_F(SetupAndCheck, CheckFindsWhatIsWrongWithSettings) {
+    EXPECT_THAT(Run({"check"}).output, testing::ContainsRegex("^error: registry: .*/registry.db does not exist; kvagent"
+                                                              "ctl setup --server SERVER makes it.*\n1 error, 0 warn"));
+    Registry({"set", agentKey, "AgentLogLevel", "1", "--dword"});
     const Outcome empty = Run({"check"});
     EXPECT_EQ(empty.exitCode, 1);
     EXPECT_THAT(empty.output, HasSubstr("error: setting ServerInfo\\KVServerName: is missing; kvagentctl setup"));

@@ -64,7 +64,7 @@ void RunCheck(const Given& given) {
     if (commandline::Has(given, "--online") && isReadable)
         CheckServer(findings);
     else if (commandline::Has(given, "--online"))
-        findings.Error("server", "is not tried, because the settings cannot be read");
+        findings.Error("server", "is not tried, because there are no settings to go by");
     const bool isJson = commandline::Has(given, "--json");
     fmt::print("{}", isJson ? FindingsAsJson(findings) : PrintedFindings(findings));
     if (findings.Count(Severity::error) > 0) throw commandline::ExitWith{1};

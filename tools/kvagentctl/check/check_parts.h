@@ -26,8 +26,8 @@ void CheckPermissions(Findings& findings, const std::string& what, std::u16strin
                       bool mayBeRead = false);
 
 /// Each setting in the registry, what stands beside the known ones, and the files and directories that belong to them.
-/// False when the registry cannot be read. whenUnreadable: how bad it is that this user may not read the registry, or
-/// that it is absent.
+/// False, and no setting is told, when the registry is absent or cannot be read, which is a finding of the severity
+/// whenUnreadable.
 [[nodiscard]] bool CheckSettings(Findings& findings, Severity whenUnreadable);
 
 /// What a check of one plan knows beyond the record at hand.

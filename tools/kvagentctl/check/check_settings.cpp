@@ -242,13 +242,26 @@ std::u16string InstallDirectory() {
     return install && SettingTakes(*setting, *install) ? *install : std::u16string();
 }
 
+namespace {
+
+/// A registry without a file yet, in a directory that is there.
+bool IsRegistryNew() { return MissingRegistryText().empty() && !EmptyRegistryText().empty(); }
+
+}  // namespace
+
 bool CheckSettings(Findings& findings, Severity whenUnreadable) {
     KeyContents contents;
     const platform::Error result = ReadKey(agentKeyPath, contents);
-    const bool isMissing = !MissingRegistryText().empty();
-    if (isMissing || (result != platform::error::success && !IsGone(result))) {
-        findings.list.push_back(
-            {whenUnreadable, "registry", "settings and scripts are not checked: " + RegistryFailureText(result), ""});
+    const std::string unchecked = "settings and scripts are not checked: ";
+    if (IsRegistryNew()) {
+        findings.list.push_back({whenUnreadable, "registry", unchecked + platform::RegistryFile() + " does not exist",
+                                 "kvagentctl setup --server SERVER makes it; if the agent is installed, "
+                                 "KVAGENT_STATE_DIR has to name the directory of its registry"});
+        CheckRegistryFile(findings);
+        return false;
+    }
+    if (!MissingRegistryText().empty() || (result != platform::error::success && !IsGone(result))) {
+        findings.list.push_back({whenUnreadable, "registry", unchecked + RegistryFailureText(result), ""});
         return false;
     }
     for (const AgentSetting& setting : AgentSettings()) CheckSetting(findings, setting);
