@@ -1,7 +1,11 @@
 #include "http/server_probe.h"
 
+#include <fmt/format.h>
+#include <vector>
+
 #include "foundation/text.h"
 #include "http/http_attempt.h"
+#include "platform/http_rules.h"
 #include "platform/utf.h"
 
 namespace kv {
@@ -23,14 +27,87 @@ std::u16string_view LocationIn(std::u16string_view headers) {
     return u"";
 }
 
+/// Who has given an answer. A secure one is the server's once that has shown its certificate.
+Answerer AnswererOf(const HttpAttempt& attempt) {
+    if (!attempt.target.useProxy) return Answerer::server;
+    if (!attempt.target.secure) return Answerer::either;
+    std::vector<platform::HttpPresentedCertificate> presented;
+    const platform::Error failure = platform::Http().QueryPresentedCertificates(attempt.request.get(), presented);
+    return failure || presented.empty() ? Answerer::proxy : Answerer::server;
+}
+
+/// The scheme of a URL, with its colon; empty when it is relative.
+std::u16string_view SchemeOf(std::u16string_view url) {
+    const std::size_t end = url.find_first_of(u":/?#");
+    return end != std::u16string_view::npos && url[end] == u':' ? url.substr(0, end + 1) : u"";
+}
+
+/// Takes host and port out of "user@host:port"; false when there is no host or the port is not one.
+bool TakeAuthority(std::u16string_view authority, ServerPlace& place) {
+    authority.remove_prefix(authority.rfind(u'@') + 1);  // npos + 1 is 0
+    const std::size_t bracket = authority.starts_with(u'[') ? authority.find(u']') : 0;
+    const std::size_t colon = authority.find(u':', bracket);
+    place.host = authority.substr(0, colon);
+    place.port = place.secure ? 443 : 80;
+    const std::u16string_view port = colon == std::u16string_view::npos ? u"" : authority.substr(colon + 1);
+    if (!port.empty()) place.port = ParseDecimal(port);
+    const bool isNumber = port.find_first_not_of(u"0123456789") == std::u16string_view::npos;
+    return !place.host.empty() && isNumber && place.port >= 1 && place.port <= 65535;
+}
+
+/// The path that a relative URL means at another path.
+std::u16string RelativePath(std::u16string_view path, std::u16string_view relative) {
+    const std::u16string_view page = path.substr(0, path.find(u'?'));
+    if (relative.empty()) return std::u16string(path);
+    if (relative.starts_with(u'/')) return std::u16string(relative);
+    if (relative.starts_with(u'?')) return ConcatStrings(page, relative);
+    return ConcatStrings(page.substr(0, page.rfind(u'/') + 1), relative);
+}
+
 }  // namespace
 
-platform::Error ProbeServer(std::u16string_view address, std::int32_t port, ServerAnswer& answer) {
-    const TransactionTarget target = TargetAt(address, port);
+std::string UrlOf(const ServerPlace& place) {
+    const std::string host = platform::Utf8FromWide(place.host);
+    const bool isBare = host.find(':') != std::string::npos && !host.starts_with('[');
+    return fmt::format("{}://{}{}{}:{}{}", place.secure ? "https" : "http", isBare ? "[" : "", host, isBare ? "]" : "",
+                       place.port, platform::Utf8FromWide(place.path));
+}
+
+bool IsRedirect(const ServerAnswer& answer) {
+    return platform::IsFollowedRedirect(answer.status, false) && !answer.location.empty() &&
+           answer.answerer != Answerer::proxy;
+}
+
+std::optional<ServerPlace> RedirectedPlace(const ServerPlace& from, std::string_view location) {
+    const std::u16string text = platform::WideFromUtf8(location);
+    std::u16string_view rest = text;
+    rest = rest.substr(0, rest.find(u'#'));
+    ServerPlace place = from;
+    const std::u16string_view scheme = SchemeOf(rest);
+    rest.remove_prefix(scheme.size());
+    if (!scheme.empty()) {
+        place.secure = CompareIgnoreCase(scheme, u"https:") == 0;
+        if (!place.secure && CompareIgnoreCase(scheme, u"http:") != 0) return std::nullopt;
+        if (!rest.starts_with(u"//")) return std::nullopt;
+    }
+    if (!rest.starts_with(u"//")) {
+        place.path = RelativePath(from.path, rest);
+        return place;
+    }
+    rest.remove_prefix(2);
+    const std::u16string_view authority = rest.substr(0, rest.find_first_of(u"/?"));
+    if (!TakeAuthority(authority, place)) return std::nullopt;
+    place.path = RelativePath(u"/", rest.substr(authority.size()));
+    return place;
+}
+
+platform::Error ProbeServer(const ServerPlace& place, ServerAnswer& answer) {
+    TransactionTarget target = TargetAt(place.host, place.port);
+    target.secure = place.secure;
     HttpAttempt attempt{
         .routine = "ProbeServer",
         .target = target,
-        .url = u"/",
+        .url = place.path,
         .verb = u"GET",
         .acceptTypes = u"*/*",
         .securityFlags =
@@ -45,7 +122,7 @@ platform::Error ProbeServer(std::u16string_view address, std::int32_t port, Serv
     if (const platform::Error failure = ReadRawHeaders(attempt, headers)) return failure;
     std::uint32_t status = 0;
     if (const platform::Error failure = ReadStatus(attempt, status)) return failure;
-    answer = {status, platform::Utf8FromWide(LocationIn(headers))};
+    answer = {status, platform::Utf8FromWide(LocationIn(headers)), AnswererOf(attempt)};
     return platform::error::success;
 }
 

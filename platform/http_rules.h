@@ -1,5 +1,5 @@
 // What every backend of the HTTP transport goes by: the text of a URL, which redirects are followed, and the limits
-// that no option changes. Private to platform/; callable from any thread.
+// that no option changes. For platform/, and for who follows redirects one by one; callable from any thread.
 #pragma once
 
 #include <chrono>

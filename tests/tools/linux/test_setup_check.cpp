@@ -184,12 +184,18 @@ TEST_F(SetupAndCheck, CheckTriesEachAddressOfTheServer) {
 TEST_F(SetupAndCheck, CheckJudgesHowAServerAnswers) {
     InstallAgent();
     const Identity identity = Issue(NewKey(), {"cs", "DNS:cs.example.com,IP:192.0.2.1"});
-    const std::tuple<const char*, std::string, int, const char*> rows[] = {
+    const TlsServer target(identity, "HTTP/1.1 404 No\r\nContent-Length: 0\r\n\r\n");
+    const std::string otherPort = std::to_string(target.port);
+    const std::string other = "https://127.0.0.1:" + otherPort + "/x";
+    const std::tuple<const char*, std::string, int, std::string> rows[] = {
         {"status", "500 No", 1, "HTTP status 500, which is its failure; the agent tries no other address then; look"},
         {"out of TLS", "302 F\r\nlocation: http://o/", 1, "(HTTP status 302) to http://o/, which the agent does not"},
-        {"elsewhere", "302 F\r\nLocation: https://o/", 0, "to https://o/: the agent follows it when it asks, but not"},
+        {"elsewhere", "302 F\r\nLocation: " + other, 0, "/x: the agent follows it when it asks, but not when it sends"},
+        {"there", "302 F\r\nLocation: " + other, 0, ":" + otherPort + "/x: certificate CN=cs, issued by CN=cs, until"},
+        {"nowhere", "307 F\r\nLocation: //o.invalid", 1, "to https://o.invalid:443/: the name cannot be looked up"},
+        {"to and fro", "302 F\r\nLocation: ?x", 1, "leads back to itself: the agent gives up after 10 of them"},
         {"a file", "302 F\r\nLocation: file:///x", 1, "does not follow, because it is neither http nor https"},
-        {"a circle", "302 F\r\nLocation: /", 1, "leads back to itself: the agent gives up after ten of them"},
+        {"a circle", "302 F\r\nLocation: /", 1, "leads back to itself: the agent gives up after 10 of them"},
         {"forbidden", "403 No", 0, "GET / with HTTP status 403; is it the server of the agents?"},
     };
     for (const auto& [title, status, exitCode, told] : rows) {
@@ -213,8 +219,20 @@ TEST_F(SetupAndCheck, CheckJudgesHowAServerAnswers) {
     });
     Registry({"set", agentKey, "ProxyServerName", "127.0.0.1:" + std::to_string(proxy.port)});
     EXPECT_THAT(Run({"check", "--online"}).output, HasSubstr("the proxy refused the user or the password (HTTP st"));
+    const RawServer lost([](Socket connection, const std::string&) {
+        SendText(connection, "HTTP/1.1 503 No\r\nContent-Length: 0\r\n\r\n");
+    });
+    const std::string name = "127.0.0.1:" + std::to_string(lost.port);
+    Registry({"set", agentKey, "ProxyServerName", name});
+    EXPECT_THAT(Run({"check", "--online"}).output,
+                HasSubstr("the proxy " + name + " itself answers with HTTP status 503"));
     Registry({"set", agentKey, "ProxyServerName", "127.0.0.1:1"});
     EXPECT_THAT(Run({"check", "--online"}).output, HasSubstr(", by the proxy 127.0.0.1:1; does the proxy run, is Pr"));
+    Registry({"delete", serverKey, "KVServerCAFile"});
+    Registry({"set", agentKey, "ProxyServerName", name});
+    Run({"setup", "--protocol", "http"});
+    EXPECT_THAT(Run({"check", "--online"}).output,
+                HasSubstr("which is a failure of the proxy " + name + " or of the server behind it"));
 }
 
 TEST_F(SetupAndCheck, CheckFindsWhatIsWrongWithAPlan) {
