@@ -32,12 +32,17 @@ using platform::WideFromUtf8;
 
 constexpr const char* setting = "KVServerPinnedKey";
 
+std::vector<std::u16string> StoredAddresses() {
+    std::vector<std::u16string> addresses;
+    for (const ServerAddress& address : ServerAddresses()) addresses.push_back(address.text);
+    return addresses;
+}
+
 /// Where to look for the certificate: --address, or what the settings say. The port comes from the settings unless the
 /// address has one.
 std::vector<std::u16string> AddressesToTry(const Given& given, bool hasPort) {
-    std::vector<std::u16string> addresses;
     if (!Has(given, "--address")) {
-        for (const ServerAddress& address : ServerAddresses()) addresses.push_back(address.text);
+        std::vector<std::u16string> addresses = StoredAddresses();
         if (addresses.empty() || !hasPort)
             throw commandline::NotFoundError(
                 "no server is set: kvagentctl setup --server SERVER, or give one with --address HOST:PORT");
@@ -79,13 +84,13 @@ ServerCertificate Fetch(std::vector<std::u16string>& addresses) {
     throw std::runtime_error("no address shows a certificate: is the port a TLS port, and does the server run?");
 }
 
-/// The agent goes to the other addresses when the first one fails, and sends nothing to a key that is not stored. keys:
-/// as the setting will be.
-void WarnOfOtherKeys(const std::vector<std::u16string>& others, const std::string& keys) {
+/// The agent goes to other addresses than the one that was looked at, and sends nothing to a key that is not stored.
+/// Those that show no certificate are told, unless they are all quiet. keys: as the setting will be.
+void WarnOfOtherKeys(const std::vector<std::u16string>& others, bool areQuiet, const std::string& keys) {
     for (const std::u16string& address : others) {
         ServerCertificate shown;
         // A name that is not known leads to no other server.
-        const bool isQuiet = !IsAddress(Utf8FromWide(address));
+        const bool isQuiet = areQuiet || !IsAddress(Utf8FromWide(address));
         if (Look(address, shown, isQuiet) != platform::error::success) continue;
         if (keys.find(shown.certificate.keyPin) != std::string::npos) continue;
         fmt::print(stderr,
@@ -99,6 +104,15 @@ void WarnOfOtherKeys(const std::vector<std::u16string>& others, const std::strin
 Cell Verdict(const std::optional<std::string>& problem) {
     if (!problem) return std::nullopt;
     return problem->empty() ? "yes" : "no: " + *problem;
+}
+
+/// The setting as it is, whether or not the agent can use it; empty when it is absent. ReadConnection has seen that the
+/// registry can be read.
+std::string StoredSetting() {
+    RegFileValue value;
+    const platform::Error result = ReadValue(serverInfoKeyPath, WideFromUtf8(setting), value);
+    const bool isText = result == platform::error::success && value.type == platform::RegistryType::text;
+    return isText ? Utf8FromWide(TextOfData(value.data)) : "";
 }
 
 /// The setting as it will be: the key, with --add behind those that are there. Absent when it is there already.
@@ -120,8 +134,14 @@ void Store(const std::string& keys) {
             fmt::format("{} cannot be stored: {}; nothing was stored", setting, RegistryFailureText(failure)));
 }
 
-/// Prints the certificate; outcome, whether its key was stored, goes into JSON.
-void Show(const ServerCertificate& shown, Form form, const std::string& outcome) {
+/// What became of the setting.
+struct Outcome {
+    bool isStored = false;
+    std::string before;  // what the new text stands in the place of; empty when nothing was there
+};
+
+/// Prints the certificate; the outcome goes into JSON.
+void Show(const ServerCertificate& shown, Form form, const Outcome& outcome) {
     const platform::HttpCertificate& certificate = shown.certificate;
     const bool asJson = form == Form::json;
     Table table{{}, {{}}};
@@ -140,19 +160,38 @@ void Show(const ServerCertificate& shown, Form form, const std::string& outcome)
     add("is the stored key", "isStoredKey", Verdict(shown.keyProblem));
     add("verified by the CA file", "verifiedByCAFile", Verdict(shown.caFileProblem));
     add("verified by the system", "verifiedBySystem", Verdict(shown.systemProblem));
-    if (asJson) add("", "stored", Cell::Literal(outcome));
+    if (asJson) {
+        add("", "stored", Cell::Literal(outcome.isStored ? "true" : "false"));
+        add("", "storedBefore", outcome.before.empty() ? Cell(std::nullopt) : Cell(outcome.before));
+    }
     fmt::print("{}", Printed(table, form));
     commandline::FlushOutput();
 }
 
 /// Asks, unless --yes has answered.
-void Confirm(const Given& given) {
+void Confirm(const Given& given, const std::string& before) {
     if (Has(given, "--yes")) return;
-    const ServerTrust& trust = agentState.gv_serverTrust;
-    const bool replaces = !trust.pinnedKeys.empty() && !Has(given, "--add");
+    const bool replaces = !before.empty() && !Has(given, "--add");
     fmt::print(stderr, "Compare SHA-256 or key with what the server's administrator tells you by another way.\n");
+    if (replaces) fmt::print(stderr, "Stored is {}; --add keeps that.\n", commandline::InLine(before));
     if (!commandline::Confirmed(replaces ? "Store this key in the place of the stored one?" : "Store this key?"))
         throw std::runtime_error("nothing was stored");
+}
+
+/// What became of the setting, for people. keys: as it is to be; absent when it is so already.
+void TellOutcome(const Given& given, const std::optional<std::string>& keys, const Outcome& outcome) {
+    const std::string before = commandline::InLine(outcome.before);
+    const bool replaces = !before.empty() && !Has(given, "--add");
+    if (!keys) {
+        fmt::print("\nThis key is stored already; nothing was changed.\n");
+    } else if (!outcome.isStored) {
+        fmt::print("\nNothing was stored, because of --dry-run.\n");
+        if (replaces) fmt::print("Stored is {}; this key would take its place, and --add keeps that.\n", before);
+    } else {
+        fmt::print("\nStored: {} = {}\n", setting, *keys);
+        if (replaces) fmt::print("Before: {} (--add would have kept it)\n", before);
+        fmt::print("The agent takes it at its next start: {}\n", platform::ServiceRestartCommand());
+    }
 }
 
 void RunPin(const Given& given) {
@@ -161,24 +200,29 @@ void RunPin(const Given& given) {
         throw std::runtime_error(
             "KVServerProtocol is not https, so the server shows no certificate, and with a pinned key the agent would "
             "send nothing: kvagentctl setup --protocol https --port PORT");
+    const std::int32_t storedPort = agentState.gv_ServerPort;
     std::vector<std::u16string> addresses = AddressesToTry(given, hasPort);
     const ServerCertificate shown = Fetch(addresses);
+    if (Has(given, "--address") && hasPort) {  // the server that the agent goes to may be another one
+        agentState.gv_ServerPort = storedPort;
+        addresses = StoredAddresses();
+    }
     const std::optional<std::string> keys = NewSetting(given, shown.certificate.keyPin);
     const bool asJson = Has(given, "--json");
     const bool isDry = Has(given, "--dry-run") || (asJson && !Has(given, "--yes"));
-    if (!asJson) Show(shown, Form::line, "");
-    WarnOfOtherKeys(addresses, keys.value_or(fmt::format("{}", fmt::join(agentState.gv_serverTrust.pinnedKeys, ";"))));
+    Outcome outcome{.before = StoredSetting()};
+    if (!asJson) Show(shown, Form::line, outcome);
+    WarnOfOtherKeys(addresses, Has(given, "--address"),
+                    keys.value_or(fmt::format("{}", fmt::join(agentState.gv_serverTrust.pinnedKeys, ";"))));
     if (keys && !isDry) {
-        Confirm(given);
+        Confirm(given, outcome.before);
         Store(*keys);
+        outcome.isStored = true;
     }
-    if (asJson) return Show(shown, Form::json, keys && !isDry ? "true" : "false");
-    if (!keys)
-        fmt::print("\nThis key is stored already; nothing was changed.\n");
-    else if (isDry)
-        fmt::print("\nNothing was stored, because of --dry-run.\n");
+    if (asJson)
+        Show(shown, Form::json, outcome);
     else
-        fmt::print("\nStored. The agent takes it at its next start: {}\n", platform::ServiceRestartCommand());
+        TellOutcome(given, keys, outcome);
 }
 
 }  // namespace

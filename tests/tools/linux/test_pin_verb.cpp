@@ -60,7 +60,7 @@ TEST_F(PinVerb, ShowsTheCertificateAndStoresItsKey) {
         const char* title;
         Words words;
         int exitCode;
-        const char* told;
+        std::string told;
         std::string stored;  // afterwards
     } rows[] = {
         {"nobody to ask", {"pin"}, 2, "this needs --yes", ""},
@@ -75,7 +75,13 @@ TEST_F(PinVerb, ShowsTheCertificateAndStoresItsKey) {
          0,
          "\"stored\": true",
          one + ";" + two},
-        {"that one alone", {"pin", "--yes", "--address", at(next)}, 0, "is the stored key = yes", two},
+        {"alone", {"pin", "--yes", "--address", at(next)}, 0, "Before: " + one + ";" + two + " (--add would", two},
+        {"but set is",
+         {"pin", "--address", at(next)},
+         0,
+         at(server) + " shows another key (" + one + "), and the",
+         two},
+        {"dry again", {"pin", "--dry-run"}, 0, "Stored is " + two + "; this key would take its place", two},
         {"another", {"pin", "--yes"}, 0, "is the stored key = no: its key is not the pinned one", one},
     };
     for (const auto& row : rows) {
