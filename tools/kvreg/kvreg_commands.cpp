@@ -23,6 +23,7 @@
 #include "platform/console_tool.h"
 #include "platform/registry_names.h"
 #include "platform/utf.h"
+#include "tools/kvreg/key_judgement.h"
 #include "tools/kvreg/reg_file.h"
 #include "tools/kvreg/registry_tree.h"
 #include "tools/kvreg/value_judgement.h"
@@ -102,7 +103,7 @@ std::u16string KeyArgument(const std::string& argument, Slip slip = Slip::warned
     std::u16string_view below;
     const std::u16string_view typed = SplitRootName(wide, below) ? below : wide;
     if (slip == Slip::refused) RefuseKeySlip(typed);
-    WarnOfKey(typed);
+    Warn(KeyDoubt(typed));
     std::u16string_view path;
     if (!SplitRootName(wide, path)) {
         if (NamesAnotherRoot(wide))

@@ -1,0 +1,22 @@
+// What kvreg thinks of the paths of keys: which ones are slips that mean a key of the agent. Paths are below
+// HKEY_LOCAL_MACHINE.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace kv {
+
+/// What is odd about the path of a key, with the one that was probably meant; empty when nothing is. Odd is a path of
+/// an agent's key whose backslashes have become slashes or have gone, as a shell takes them away outside quotes,
+/// another one with slashes in the place of backslashes, and one beside the agent's key with nearly its name.
+std::string KeyDoubt(std::u16string_view path);
+
+/// UsageError for the first of these.
+void RefuseKeySlip(std::u16string_view path);
+
+/// For a path that is not one because of its backslashes, to go on from that: the one that was probably meant. Else
+/// empty.
+std::string BackslashHint(std::u16string_view path);
+
+}  // namespace kv
