@@ -57,12 +57,14 @@ std::string WholePath(std::u16string_view path) {
     return path.empty() ? "HKEY_LOCAL_MACHINE" : "HKEY_LOCAL_MACHINE\\" + platform::Utf8FromWide(path);
 }
 
-/// Throws unless the result is success. If something does not exist, missing says what.
-void Require(Error result, const std::string& what, const std::string& missing) {
+std::string Hint(const std::string& text) { return text.empty() ? "" : "; " + text; }
+
+/// Throws unless the result is success. If something does not exist, missing says what, and hint what was meant.
+void Require(Error result, const std::string& what, const std::string& missing, const std::string& hint = "") {
     if (result == error::success) return;
     if (IsGone(result)) {
         const std::string why = EmptyRegistryText();
-        throw NotFoundError("there is no " + missing + (why.empty() ? "" : ", because " + why));
+        throw NotFoundError("there is no " + missing + (why.empty() ? Hint(hint) : ", because " + why));
     }
     throw std::runtime_error(fmt::format("{}: {}", what, RegistryFailureText(result)));
 }
@@ -98,21 +100,20 @@ std::u16string WithoutColon(std::u16string path) {
 /// What becomes of a path that looks like a slip.
 enum class Slip { warned, refused };
 
-std::u16string KeyArgument(const std::string& argument, Slip slip = Slip::warned) {
+std::u16string KeyArgument(const std::string& argument, KeyUse use = KeyUse::looking, Slip slip = Slip::warned) {
     const std::u16string wide = WithoutColon(WideArgument(argument));
     std::u16string_view below;
-    const std::u16string_view typed = SplitRootName(wide, below) ? below : wide;
-    if (slip == Slip::refused) RefuseKeySlip(typed);
-    Warn(KeyDoubt(typed));
-    std::u16string_view path;
-    if (!SplitRootName(wide, path)) {
-        if (NamesAnotherRoot(wide))
-            throw UsageError(fmt::format("only HKEY_LOCAL_MACHINE exists here, not '{}'", argument));
-        path = wide;
-    }
+    const bool hasRoot = SplitRootName(wide, below);
+    std::u16string_view path = hasRoot ? below : wide;
     if (path.ends_with(u'\\')) path.remove_suffix(1);
+    if (slip == Slip::refused) RefuseKeySlip(path);
+    const std::string doubt = KeyDoubt(path, use);
+    if (!hasRoot && NamesAnotherRoot(wide))
+        throw UsageError("only HKEY_LOCAL_MACHINE exists here" +
+                         (doubt.empty() ? fmt::format(", not '{}'", argument) : Hint(doubt)));
     if (!platform::IsRegistryKeyPath(path))
         throw UsageError(fmt::format("'{}' is not the path of a key{}", argument, BackslashHint(path)));
+    Warn(doubt);
     return std::u16string(path);
 }
 
@@ -134,6 +135,11 @@ std::vector<std::byte> DwordArgument(const std::string& argument) {
     return data;
 }
 
+/// As Require, for what needs a key.
+void RequireKey(Error result, const std::string& what, std::u16string_view path) {
+    Require(result, what, "key " + WholePath(path), JoinedValueHint(path));
+}
+
 std::string ValueTitle(std::u16string_view path, std::u16string_view name) {
     return fmt::format("value {} in {}", NameInLine(name), WholePath(path));
 }
@@ -145,15 +151,18 @@ void Get(const Given& given) {
     const Error result = ReadValue(path, name, value);
     KeyContents contents;
     const bool isKeyGone = IsGone(result) && IsGone(ReadKey(path, contents));
-    Require(result, "cannot read the " + ValueTitle(path, name),
-            isKeyGone ? "key " + WholePath(path) : ValueTitle(path, name));
+    const std::string what = "cannot read the " + ValueTitle(path, name);
+    if (isKeyGone) RequireKey(result, what, path);
+    Require(result, what, ValueTitle(path, name), NameHint(path, name));
     fmt::print("{}\n", PlainData(value));
 }
 
 void Set(const Given& given) {
-    const std::u16string path = KeyArgument(Value(given, "KEY"), Has(given, "--force") ? Slip::warned : Slip::refused);
+    const std::u16string path =
+        KeyArgument(Value(given, "KEY"), KeyUse::storing, Has(given, "--force") ? Slip::warned : Slip::refused);
     if (path.empty() && !Has(given, "--force"))
         throw UsageError("KEY is the root itself, where no program looks for a value; --force stores it there");
+    if (!Has(given, "DATA")) throw UsageError("DATA is required");
     RegFileValue value;
     const std::string data = Value(given, "DATA");
     const bool isNumber = Has(given, "--dword");
@@ -170,7 +179,7 @@ void Set(const Given& given) {
 void ConfirmDeletion(const std::u16string& path, const std::string& title) {
     RegFile tree;
     std::u16string failedAt;
-    Require(ReadTree(path, tree, failedAt), "cannot read the key " + WholePath(failedAt), title);
+    RequireKey(ReadTree(path, tree, failedAt), "cannot read the key " + WholePath(failedAt), path);
     std::size_t values = 0;
     for (const RegFileKey& key : tree) values += key.values.size();
     const std::string question =
@@ -182,14 +191,15 @@ void Delete(const Given& given) {
     const std::u16string path = KeyArgument(Value(given, "KEY"));
     if (Has(given, "NAME")) {
         const std::u16string name = NameArgument(Value(given, "NAME"));
-        Require(DeleteValue(path, name), "cannot delete the " + ValueTitle(path, name), ValueTitle(path, name));
+        const std::string title = ValueTitle(path, name);
+        Require(DeleteValue(path, name), "cannot delete the " + title, title, NameHint(path, name));
         return;
     }
     if (path.empty()) throw UsageError("the root itself cannot be deleted");
     const std::string title = "key " + WholePath(path);
     if (!Has(given, "--yes")) ConfirmDeletion(path, title);
-    Require(platform::Registry().RegDeleteTreeW(platform::RootKey::localMachine, path), "cannot delete the " + title,
-            title);
+    RequireKey(platform::Registry().RegDeleteTreeW(platform::RootKey::localMachine, path), "cannot delete the " + title,
+               path);
 }
 
 std::string ValueLine(const RegFileValue& value) {
@@ -200,7 +210,7 @@ void List(const Given& given) {
     const std::u16string path = KeyArgument(Value(given, "KEY"));
     const std::string title = WholePath(path);
     KeyContents contents;
-    Require(ReadKey(path, contents), "cannot read the key " + title, "key " + title);
+    RequireKey(ReadKey(path, contents), "cannot read the key " + title, path);
     fmt::print("{}\n", title);
     for (const RegFileValue& value : contents.values) fmt::print("{}\n", ValueLine(value));
     for (const std::u16string& name : contents.subkeys) fmt::print("{}\\{}\n", title, NameInLine(name));
@@ -245,7 +255,7 @@ void Watch(const Given& given) {
                                                   key.Place());
     };
     const std::string what = "cannot watch the key " + WholePath(path);
-    Require(open(), what, "key " + WholePath(path));
+    RequireKey(open(), what, path);
     Snapshot before = TakeSnapshot(path);
     while (true) {
         RequireReader();
@@ -269,7 +279,7 @@ void Export(const Given& given) {
     RegFile tree;
     std::u16string failedAt;
     const Error result = ReadTree(path, tree, failedAt);
-    Require(result, "cannot read the key " + WholePath(failedAt), "key " + WholePath(path));
+    RequireKey(result, "cannot read the key " + WholePath(failedAt), path);
     const std::string failure = platform::WriteFileWhole(file, PrintRegFile(tree));
     if (!failure.empty()) throw std::runtime_error(fmt::format("cannot write {}: {}", file, failure));
 }
@@ -320,8 +330,9 @@ constexpr Word optionalName{"NAME", "name of the value", true};
 
 constexpr Word getWords[] = {key,
                              {"NAME", "name of the value; '', the default, is the default value of the key", true}};
-constexpr Word setWords[] = {
-    key, {"NAME", "name of the value; '' is the default value of the key"}, {"DATA", "what to store"}};
+constexpr Word setWords[] = {key,
+                             {"NAME", "name of the value; '' is the default value of the key"},
+                             {"DATA", "what to store", false, false, true}};
 constexpr Option setOptions[] = {
     {"--dword", "", "DATA is a number from 0 to 4294967295, decimal or 0x and hexadecimal"},
     {"--force", "", "stores what the agent cannot use, too"}};

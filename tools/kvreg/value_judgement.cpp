@@ -1,5 +1,6 @@
 #include "tools/kvreg/value_judgement.h"
 
+#include <algorithm>
 #include <fmt/format.h>
 #include <string>
 
@@ -25,9 +26,10 @@ std::string Fault(std::u16string_view path, const RegFileValue& value) {
 /// What is odd about a value's name under a key of the agent; empty when nothing is.
 std::string NameDoubt(std::u16string_view path, std::u16string_view name) {
     if (!IsAgentKey(path) || FindAgentSetting(path, name)) return "";
-    const std::string nearest = NearestSetting(path, name);
+    const std::string hint = NameHint(path, name);
+    if (hint.empty() && !KeyDoubt(path, KeyUse::storing).empty()) return "";  // the key is told of
     return fmt::format("the agent does not know a value {} in the key {}{}", NameInLine(name),
-                       platform::Utf8FromWide(path), nearest.empty() ? "" : fmt::format("; did you mean {}?", nearest));
+                       platform::Utf8FromWide(path), hint.empty() ? "" : "; " + hint);
 }
 
 /// What is odd about the data of a value that the agent takes; empty when nothing is.
@@ -44,6 +46,12 @@ void Warn(const std::string& text) {
     if (text.empty()) return;
     static_cast<void>(std::fflush(stdout));
     fmt::print(stderr, "kvreg: warning: {}\n", commandline::InLine(text));
+}
+
+std::string NameHint(std::u16string_view path, std::u16string_view name) {
+    if (!IsAgentKey(path) || FindAgentSetting(path, name)) return "";
+    const std::string nearest = NearestSetting(path, name);
+    return nearest.empty() ? "" : fmt::format("did you mean {}?", nearest);
 }
 
 void RefuseFault(std::u16string_view path, const RegFileValue& value) {
@@ -68,10 +76,13 @@ void WarnOfFile(const RegFile& file, const std::string& name) {
     };
     for (const RegFileKey& key : file) {
         if (key.deleted) continue;
-        warn(key.line, KeyDoubt(key.path));
+        const bool isStored =
+            std::any_of(key.values.begin(), key.values.end(), [](const RegFileValue& value) { return !value.deleted; });
+        const std::string doubt = KeyDoubt(key.path, isStored ? KeyUse::storing : KeyUse::looking);
+        warn(key.line, doubt);
         for (const RegFileValue& value : key.values) {
             if (value.deleted) continue;
-            warn(value.line, NameDoubt(key.path, value.name));
+            if (doubt.empty()) warn(value.line, NameDoubt(key.path, value.name));
             warn(value.line, Fault(key.path, value));
             warn(value.line, DataDoubt(key.path, value));
         }

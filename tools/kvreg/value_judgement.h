@@ -12,6 +12,10 @@ namespace kv {
 /// A warning on standard error; nothing for an empty text.
 void Warn(const std::string& text);
 
+/// The setting that was probably meant by the name of a value in a key of the agent, as "did you mean ...?"; empty when
+/// the agent knows that value, and when none is near.
+std::string NameHint(std::u16string_view path, std::u16string_view name);
+
 /// UsageError when the value is a setting of the agent and the agent could not use it.
 void RefuseFault(std::u16string_view path, const RegFileValue& value);
 

@@ -1,4 +1,6 @@
 // What kvreg says of the agent's own settings, in a registry of the test's own.
+#include <algorithm>
+
 #include "tests/tools/kvreg_fixture.h"
 
 namespace kv::test {
@@ -28,10 +30,14 @@ TEST_F(Kvreg, KnowsTheSettingsOfTheAgent) {
          {agentKey + "\\Monitoring", "AllowedServices", "a, b;c"},
          0,
          "AllowedServices has 'b;c', which can"},
-        {"a key below",
-         {agentKey + "\\Sub", "x", "1"},
-         0,
-         "the agent does not know a value x in the key Software\\Halvorine\\Kestrova\\KVAgent\\Sub\n"},
+        {"a key below", {agentKey + "\\Sub", "x", "1"}, 0, "it knows ServerInfo, Monitoring and SystemDetails\n"},
+        {"a level too many", {serverKey + "\\Monitoring", "x", "1"}, 0, "KVAgent\\Monitoring', not"},
+        {"a level left out", {"Software\\Halvorine\\KVAgent\\X", "v", "1"}, 0, "Kestrova\\KVAgent\\X', not"},
+        {"its name left out", {"HKLM\\Software\\Halvorine\\Kestrova\\Monitoring", "v", "1"}, 0, "KVAgent\\Monitoring'"},
+        {"a key above", {"Software\\Halvorine\\Kestrova", "v", "1"}, 0, "KVAgent', not"},
+        {"with 32 bits", {"Software\\WOW6432Node\\Halvorine\\Kestrova\\KVAgent", "v", "1"}, 0, "KVAgent', not"},
+        {"of a user", {"HKCU\\" + serverKey, "v", "1"}, 2, "exists here; did you mean 'Software"},
+        {"its own name", {agentKey + "\\AgentLogLevel", "", "1"}, 0, "Kestrova\\KVAgent\" AgentLogLevel\n"},
         {"a key beside", {"Software\\Halvorine\\Kestrova\\Other", "AgentLogLevel", "x"}, 0, ""},
         {"a slip in a key", {"Software\\Halvorine\\Kestrova\\KVAgnet\\X", "v", "x"}, 0, "KVAgent\\X', not"},
         {"a short key", {"Kestrova\\KVAgent\\Y", "v", "x"}, 0, "Halvorine\\Kestrova\\KVAgent\\Y', not 'Kestrova"},
@@ -45,18 +51,38 @@ TEST_F(Kvreg, KnowsTheSettingsOfTheAgent) {
         EXPECT_EQ(outcome.exitCode, exitCode);
         EXPECT_THAT(outcome.errors, HasSubstr(errors));
         EXPECT_EQ(outcome.errors.empty(), *errors == '\0') << outcome.errors;
-        EXPECT_EQ(Run({"get", arguments[0], arguments[1]}).exitCode, exitCode == 0 ? 0 : 3) << "stored or not";
+        EXPECT_EQ(Run({"get", arguments[0], arguments[1]}).exitCode == 0, exitCode == 0) << "stored or not";
         Run({"delete", arguments[0], arguments[1]});
     }
 }
 
 TEST_F(Kvreg, ImportsUnknownSettingsWithAWarning) {
-    Write(file, header + "[HKLM\\" + serverKey + "]\n\"KVServerNam\"=\"cs\"\n\"KVServerSecurePort\"=dword:1\n");
+    Write(file, header + "[HKLM\\" + serverKey + "]\n\"KVServerNam\"=\"cs\"\n\"KVServerSecurePort\"=dword:1\n" +
+                    "[HKLM\\" + agentKey + "\\Sub]\n\"a\"=\"1\"\n\"b\"=\"1\"\n");
     const Outcome outcome = Run({"import", file});
     EXPECT_EQ(outcome.exitCode, 0);
     EXPECT_THAT(outcome.errors, HasSubstr("did you mean ServerInfo\\KVServerName?"));
     EXPECT_THAT(outcome.errors, HasSubstr("KVServerSecurePort has to be a text, not a DWORD"));
+    EXPECT_THAT(outcome.errors, HasSubstr(file + ":5: the agent reads nothing in the key "));
+    EXPECT_EQ(std::count(outcome.errors.begin(), outcome.errors.end(), '\n'), 3) << "one for a key";
     EXPECT_EQ(Get(serverKey, "KVServerSecurePort"), "1\n");
+}
+
+TEST_F(Kvreg, SaysHowAMissingValueIsNamed) {
+    Run({"set", agentKey, "CustomerName", "c"});
+    const std::tuple<const char*, Words, const char*> rows[] = {
+        {"joined",
+         {"get", serverKey + "\\KVServerName"},
+         "own: \"Software\\Halvorine\\Kestrova\\KVAgent\\ServerInfo\" KVS"},
+        {"to delete", {"delete", agentKey + "\\AgentLogLevel"}, "Kestrova\\KVAgent\" AgentLogLevel\n"},
+        {"misspelt", {"get", agentKey, "AgentLogLevl"}, "did you mean AgentLogLevel?"},
+    };
+    for (const auto& [title, words, errors] : rows) {
+        SCOPED_TRACE(title);
+        const Outcome outcome = Run(words);
+        EXPECT_EQ(outcome.exitCode, 3);
+        EXPECT_THAT(outcome.errors, HasSubstr(errors));
+    }
 }
 
 TEST_F(Kvreg, NamesAMissingStateDirectory) {
@@ -64,13 +90,13 @@ TEST_F(Kvreg, NamesAMissingStateDirectory) {
     for (const Words& words : {Words{"get", key, "v"}, Words{"list", key}, Words{"delete", key}}) {
         const Outcome outcome = Run(words);
         EXPECT_EQ(outcome.exitCode, 3);
-        EXPECT_THAT(outcome.errors, HasSubstr("there is no " + (folder / "missing").string() + ": is the agent"));
+        EXPECT_THAT(outcome.errors, HasSubstr("there is no " + (folder / "missing").string() + " (is the agent"));
     }
     Write(file, header + "[HKLM\\" + key + "]\n");
     for (const Words& words : {Words{"set", key, "v", "1"}, Words{"import", file}}) {
         const Outcome outcome = Run(words);
         EXPECT_EQ(outcome.exitCode, 3);
-        EXPECT_THAT(outcome.errors, HasSubstr("KVAGENT_STATE_DIR names another directory; nothing was "));
+        EXPECT_THAT(outcome.errors, HasSubstr("KVAGENT_STATE_DIR set as for the agent?); nothing was "));
         EXPECT_FALSE(fs::exists(folder / "missing"));
     }
     ShareRegistry(folder / "state");
