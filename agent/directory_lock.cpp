@@ -1,12 +1,14 @@
 #include "agent/directory_lock.h"
 
 #include <atomic>
+#include <charconv>
 #include <cstdio>
 #include <fmt/format.h>
 #include <string>
 #include <string_view>
 #include <utility>
 
+#include "agent/bin_directory.h"
 #include "agent/log_file.h"
 #include "agent/server_details.h"
 #include "foundation/agent_state.h"
@@ -29,7 +31,6 @@ using platform::Error;
 using platform::Files;
 namespace error = platform::error;
 
-constexpr std::u16string_view fileName = u"agent.lock";
 constexpr std::uint32_t lookMilliseconds = 1000;
 constexpr std::uint64_t largestNumber = 16;  // bytes of a process number in the file
 
@@ -43,7 +44,7 @@ std::u16string_view BinPath() {
 
 Error TryLock() {
     static platform::FileHandle lock = 0;  // never closed: it ends with the process
-    return Files().LockDirectory(BinPath(), fileName, lock);
+    return Files().LockDirectory(BinPath(), lockFileName, lock);
 }
 
 /// Whether another process has the lock; also while a backup or a scanner keeps the file to itself.
@@ -51,7 +52,7 @@ bool IsTaken(Error result) { return result == error::lockViolation || result == 
 
 /// For those that have to wait. The number always takes the same room, so that nothing of a longer one stays behind.
 void WriteProcessNumber() {
-    const std::u16string path = ConcatStrings(BinPath(), fileName);
+    const std::u16string path = ConcatStrings(BinPath(), lockFileName);
     OpenFile file;
     Error result = file.Open(path, platform::FileAccess::write, platform::FileShare::readWrite,
                              platform::FileDisposition::openAlways);
@@ -64,10 +65,8 @@ void WriteProcessNumber() {
 
 /// "process 1234", or words for it when its number cannot be read.
 std::string HolderName() {
-    std::string content;
-    const Error result = ReadWholeFile(ConcatStrings(BinPath(), fileName), content, largestNumber);
-    const std::string number = content.substr(0, content.find_first_not_of("0123456789"));
-    return result == error::success && !number.empty() ? "process " + number : "another process";
+    const std::uint32_t number = RecordedProcess(BinPath());
+    return number != 0 ? "process " + std::to_string(number) : "another process";
 }
 
 void TellServiceManager(const std::string& text) {
@@ -116,6 +115,9 @@ void TakeOver() {
 
 void WaitForDirectory() {
     Log3("\t Inside WaitForDirectory() \n");
+    standing = Standing::waits;
+    if (WaitForBinDirectory()) RunGuarded("ReloadSettings", ReloadSettings);
+    standing = Standing::none;
     const Error result = TryLock();
     if (result != error::success && !IsTaken(result)) {
         Log1("\t WaitForDirectory :: %s cannot be locked: %s (error %d). A second agent would not be noticed\n",
@@ -131,6 +133,14 @@ void WaitForDirectory() {
     WaitForLock();
     TakeOver();
     standing = Standing::holds;
+}
+
+std::uint32_t RecordedProcess(std::u16string_view binPath) {
+    std::string content;
+    std::uint32_t number = 0;
+    if (ReadWholeFile(ConcatStrings(binPath, lockFileName), content, largestNumber) == error::success)
+        std::from_chars(content.data(), content.data() + content.size(), number);
+    return number;
 }
 
 bool HoldsDirectory() { return standing == Standing::holds; }

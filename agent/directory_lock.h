@@ -3,9 +3,15 @@
 // process number. The lock ends with the process, so that a crash keeps nobody out; to delete the file lets nobody in.
 #pragma once
 
+#include <cstdint>
+#include <string_view>
+
 namespace kv {
 
-/// Returns when this process is the one that works in gv_ocAgentBinPath. While another one does, it waits, because no
+inline constexpr std::u16string_view lockFileName = u"agent.lock";
+
+/// Returns when this process is the one that works in gv_ocAgentBinPath. It waits while that cannot be entered
+/// (agent/bin_directory.h), and reads the settings again then. While another one does, it waits, because no
 /// run mode ends by itself: it looks once a second, and says what it waits for in the log, on standard error and to the
 /// service manager. Nothing but the lock ends a wait. Then the log is opened again by its name, and the settings are
 /// read again: both may have changed meanwhile. Where the directory cannot be locked at the first try, it leaves a line
@@ -16,5 +22,9 @@ void WaitForDirectory();
 /// thread.
 bool HoldsDirectory();
 bool WaitsForDirectory();
+
+/// The process number in the file of a bin directory, whose path ends in a separator; 0 when it cannot be read. The
+/// process may have ended.
+std::uint32_t RecordedProcess(std::u16string_view binPath);
 
 }  // namespace kv

@@ -24,11 +24,14 @@
 #include "platform/errors.h"
 #include "platform/files.h"
 #include "platform/threads.h"
+#include "platform/utf.h"
 #include "queryconf/conf_paths.h"
 
 namespace kv {
 
 namespace {
+
+constexpr std::u16string_view registrationPath = u"/servlets/RegisterAgent";
 
 constexpr std::uint32_t retryMilliseconds = 60000;
 
@@ -59,7 +62,7 @@ std::u16string RegistrationUrl(std::uint32_t patience) {
         {u"remoteOffice", agentState.gv_remoteOfficeName.value_or(u"")},
         {u"osName", GetOSName()},
     }};
-    std::u16string url = u"/servlets/RegisterAgent";
+    std::u16string url(registrationPath);
     char16_t separator = u'?';
     for (const auto& [name, value] : parameters) {
         url += separator;
@@ -69,6 +72,13 @@ std::u16string RegistrationUrl(std::uint32_t patience) {
         separator = u'&';
     }
     return url;
+}
+
+/// A refusal has just been noted with the HTTP status; a poll may have failed since.
+std::string RefusalText() {
+    const std::string last = ReadLastEvents().sendingFailure;
+    const bool isOfRegistration = last.starts_with(platform::Utf8FromWide(registrationPath));
+    return "refused by the server" + (isOfRegistration ? ": " + last : "");
 }
 
 /// One exchange. True when the server has answered, and the agent knows whether to run and with which key.
@@ -82,8 +92,7 @@ bool Register(std::uint32_t patience) {
     if (error != platform::error::success) {
         Log1("\t InitLicenseParams :: The server did not register this agent. retVal is [%d] \n", error);
         RunGuarded("NoteRegistration", [error] {
-            NoteFailedRegistration(error == platform::error::invalidData ? "refused by the server"
-                                                                         : TransactionFailure(error));
+            NoteFailedRegistration(error == platform::error::invalidData ? RefusalText() : TransactionFailure(error));
         });
         return false;
     }

@@ -16,7 +16,6 @@
 #include "foundation/agent_state.h"
 #include "foundation/file_utils.h"
 #include "foundation/log.h"
-#include "foundation/open_file.h"
 #include "foundation/registry_failure.h"
 #include "foundation/registry_store.h"
 #include "foundation/resource_lock.h"
@@ -25,7 +24,6 @@
 #include "foundation/version.h"
 #include "platform/console_tool.h"
 #include "platform/files.h"
-#include "platform/messages.h"
 #include "platform/service_host.h"
 #include "platform/utf.h"
 
@@ -99,16 +97,6 @@ bool FindBinPath() try {
 } catch (const std::bad_alloc&) {
     AppendNote(memoryNote, "Not able to allocate memory for gv_ocAgentBinPath\n");
     return false;
-}
-
-/// Why the log cannot be opened, found out by another attempt.
-std::string LogFault() {
-    if (IsDirectory(logState.gv_logPath)) return "is a directory";
-    OpenFile log;
-    const platform::Error result = log.Open(logState.gv_logPath, platform::FileAccess::append,
-                                            platform::FileShare::readWrite, platform::FileDisposition::openAlways);
-    if (result == platform::error::success) return "could not be opened";
-    return "cannot be opened: " + platform::MessageInLine(result) + " (error " + std::to_string(result) + ")";
 }
 
 /// Opens the log. When that fails, a person at the console is told where it should have been, and why it is not.

@@ -54,6 +54,7 @@ constexpr TextMember texts[] = {
     {"version", &HealthSnapshot::version},         {"directory", &HealthSnapshot::directory},
     {"lastAddress", &HealthSnapshot::lastAddress}, {"registration", &HealthSnapshot::registration},
     {"lastFailure", &HealthSnapshot::lastFailure}, {"sendingFailure", &HealthSnapshot::sendingFailure},
+    {"obstacle", &HealthSnapshot::obstacle},       {"lostRecord", &HealthSnapshot::lostRecord},
 };
 constexpr NumberMember numbers[] = {
     {"processId", &HealthSnapshot::processId},
@@ -66,6 +67,7 @@ constexpr NumberMember numbers[] = {
     {"lastFailureTime", &HealthSnapshot::lastFailureTime},
     {"sendingFailureTime", &HealthSnapshot::sendingFailureTime},
     {"sendingFailsSince", &HealthSnapshot::sendingFailsSince},
+    {"lostRecordTime", &HealthSnapshot::lostRecordTime},
 };
 constexpr TruthMember truths[] = {
     {"isInConsole", &HealthSnapshot::isInConsole},
@@ -157,6 +159,9 @@ HealthSnapshot CurrentHealth() {
         .isInConsole = agentState.gv_serviceStatusHandle == 0,
         .isCollecting = agentState.gv_collectData != 0,
         .collectionStopTime = agentHealth.collectionStopTime,
+        .obstacle = events.obstacle,
+        .lostRecordTime = events.lostRecordTime,
+        .lostRecord = events.lostRecord,
         .lastFailureTime = events.failureTime,
         .lastFailure = events.failure,
         .sendingFailureTime = events.sendingFailureTime,

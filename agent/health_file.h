@@ -31,6 +31,10 @@ struct HealthSnapshot {
     bool isInConsole = false;  // runs by "/t", which only ends by being ended
     bool isCollecting = true;
     std::int64_t collectionStopTime = 0;  // while it is stopped
+    std::string obstacle = {};            // why nothing is collected, and what ends that; else empty
+
+    std::int64_t lostRecordTime = 0;  // when a record was last lost
+    std::string lostRecord = {};      // which one, and why
 
     std::int64_t lastFailureTime = 0;
     std::string lastFailure = {};  // what failed and why, one line

@@ -37,7 +37,7 @@ namespace error = platform::error;
 
 constexpr std::int64_t periodSeconds = 60;
 
-/// Somebody may have deleted the file, or another process have written it: then an idle agent is not to look dead.
+/// Another process may have written the file: then an idle agent is not to look dead.
 constexpr std::int64_t rewriteSeconds = 600;
 
 /// How long a stop waits for a report that is on its way: the server is still to be told.
@@ -64,6 +64,8 @@ struct RewrittenFile {
                 "\t ReportHealth :: %s is not written, because it is not a file of the agent's metrics: name another "
                 "one in MetricsFile. It is tried again each minute\n",
                 path);
+        else if (fails && IsDirectory(path))
+            Log1("\t ReportHealth :: %s is a directory, not a file. It is tried again each minute\n", path);
         else if (fails)
             Log1("\t ReportHealth :: %s cannot be written: %s (error %d). It is tried again each minute\n", path,
                  platform::MessageInLine(result), result);
@@ -154,11 +156,11 @@ void FollowLogLevel(Report& report) {
     logState.gv_logLevel = stored;
 }
 
-/// True when there was something to write.
+/// True when there was something to write; also when somebody has deleted the file.
 bool WriteStatus(Report& report, const HealthSnapshot& health) {
     if (IsGuest()) return false;
     if (report.written) report.written->writeTime = health.writeTime;
-    const bool isTold = report.written == health && !report.status.isFailing;
+    const bool isTold = report.written == health && !report.status.isFailing && MayExist(report.status.path);
     if (isTold && !IsDue(report.statusTime, health.writeTime, rewriteSeconds)) return false;
     report.status.TakeResult(WriteHealthFile(report.status.path, health));
     report.written = health;
@@ -262,9 +264,9 @@ void ReportMetrics(Report& report, const HealthSnapshot& health) {
 void ReportOnce() {
     Report& report = CurrentReport();
     const HealthSnapshot health = CurrentHealth();
+    ReopenDeletedLog();  // and its folder, in which status.json is, too
     const bool hasWritten = ReportStatus(report, health);
     ReportMetrics(report, health);
-    ReopenDeletedLog();
     if (!hasWritten) return;
     // The code for it is not needed for another minute, and an idle agent is to be small.
     platform::ReleaseFreeMemory();
@@ -331,6 +333,15 @@ std::uint32_t ReportHealth(void* /*ignored*/) {
     }
 }
 
+void ReportObstacle() {
+    Report& report = CurrentReport();
+    const std::lock_guard hold(report.lock);
+    if (agentHealth.isReportOver || IsDirectory(BinPath())) return;
+    if (agentHealth.startTime == 0) agentHealth.startTime = GetNowSeconds();
+    report.status.path = HealthFilePath(BinPath());
+    WriteStatus(report, CurrentHealth());
+}
+
 void ReportStop() {
     Report& report = CurrentReport();
     if (agentHealth.isReportOver.exchange(true)) return;
@@ -359,6 +370,8 @@ std::string HealthLine(const HealthSnapshot& health, std::uint64_t waitingZips) 
     line += health.lastUploadTime == 0 ? ", no upload yet"
                                        : ", last upload " + TimeForPeople(health.lastUploadTime, health.writeTime);
     if (waitingZips > 0) line += waitingZips == 1 ? ", 1 zip waits" : fmt::format(", {} zips wait", waitingZips);
+    if (logState.gv_logOpenFailed != 0) line += ", without a log: it cannot be opened";
+    if (!health.obstacle.empty()) line += ", nothing is collected: " + health.obstacle;
     if (health.sendingFailsSince != 0 || IsDistrusting(health)) line += ", " + SendingFailure(health);
     if (!health.isCollecting)
         line += ", collection stopped since " + TimeForPeople(health.collectionStopTime, health.writeTime);

@@ -16,6 +16,10 @@ namespace kv {
 /// keeps nothing but them waiting. Never returns.
 std::uint32_t ReportHealth(void* ignored);
 
+/// Writes status.json of an agent that cannot begin its work, at most every ten minutes unless something has changed.
+/// Not where its bin directory exists, in which another agent may work. Before ReportHealth is started.
+void ReportObstacle();
+
 /// The last report of a run: status.json tells that the agent is stopped. Nothing is reported after it. It waits for a
 /// report that is on its way, for a second at most.
 void ReportStop();

@@ -2,10 +2,12 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdio>
 #include <limits>
 #include <mutex>
 #include <utility>
 
+#include "agent/bin_directory.h"
 #include "foundation/agent_state.h"
 #include "foundation/file_utils.h"
 #include "foundation/host_utils.h"
@@ -15,6 +17,8 @@
 #include "foundation/resource_lock.h"
 #include "foundation/version.h"
 #include "platform/files.h"
+#include "platform/messages.h"
+#include "platform/utf.h"
 
 // RotateLogFile and all that it calls log nothing while the rotation lock is held: a line may start a rotation, and
 // that one would wait for the lock forever.
@@ -34,6 +38,7 @@ std::atomic_flag isRotating;
 /// Another process writes to the log, as it did when this one began: only that one may move it away.
 std::atomic<bool> isGuest{false};  // changed while isRotating
 bool isObstacleSaid = false;       // guarded by isRotating
+bool isLossSaid = false;           // likewise
 
 class ClearedAtEnd {
   public:
@@ -83,7 +88,10 @@ int OpenStream(std::u16string_view path) {
     return result == error::notEnoughMemory ? 99 : 1;
 }
 
-void MakeLogDirectory() { Files().wmkdir(agentState.gv_ocAgentBinPath.value_or(u"") + u"..\\logs"); }
+void MakeLogDirectory() {
+    MakeMonitoringDirectory();
+    Files().wmkdir(agentState.gv_ocAgentBinPath.value_or(u"") + u"..\\logs");
+}
 
 /// Moves the current log away and opens a new one. Lines wait meanwhile, so that none is lost.
 void StartNewLog(std::u16string_view target) {
@@ -174,6 +182,14 @@ int RotateAboveLimit(std::uint32_t /*count*/) {
     return 0;
 }
 
+/// Nobody would find a line about it in the log.
+void TellOfLostLog() {
+    if (std::exchange(isLossSaid, true)) return;
+    std::fprintf(stderr,
+                 "MonitoringAgent: the log %s %s; there is no log until it can be opened, which is tried each minute\n",
+                 platform::Utf8FromWide(Files().NativePath(logState.gv_logPath)).c_str(), LogFault().c_str());
+}
+
 /// Opens the log of a start. When another process writes to it, or it cannot be measured, it is only opened: a rotation
 /// would take it away from that process, or not release the lock.
 void OpenLogAtStart() {
@@ -184,6 +200,7 @@ void OpenLogAtStart() {
         OpenLogFile(logState.gv_logPath);
     else
         RotateLogFile(0);
+    isLossSaid = logState.gv_logFile == 0;  // whoever started the run tells of it
 }
 
 /// The configured limits count from here on; the rotation at the start goes by the defaults.
@@ -211,6 +228,15 @@ int RotateLogFile(std::uint32_t count) {
     return 0;
 }
 
+std::string LogFault() {
+    if (IsDirectory(logState.gv_logPath)) return "is a directory";
+    OpenFile log;
+    const platform::Error result = log.Open(logState.gv_logPath, platform::FileAccess::append,
+                                            platform::FileShare::readWrite, platform::FileDisposition::openAlways);
+    if (result == platform::error::success) return "could not be opened";
+    return "cannot be opened: " + platform::MessageInLine(result) + " (error " + std::to_string(result) + ")";
+}
+
 void ReopenLog() {
     if (logState.isRotationOver || isRotating.test_and_set(std::memory_order_acquire)) return;
     const ClearedAtEnd cleared(isRotating);
@@ -225,10 +251,13 @@ void ReopenDeletedLog() {
     {
         const ClearedAtEnd cleared(isRotating);
         const std::lock_guard stream(logState.streamMutex);
-        if (!MayChangeLog() || logState.gv_logPath.empty() || MayExist(logState.gv_logPath)) return;
+        if (!MayChangeLog() || logState.gv_logPath.empty()) return;
+        if (logState.gv_logFile != 0 && MayExist(logState.gv_logPath)) return;
         MakeLogDirectory();
         OpenStream(logState.gv_logPath);
         logState.gv_logBytes = 0;
+        if (logState.gv_logFile == 0) return TellOfLostLog();
+        isLossSaid = false;
     }
     Log1("\t ReopenDeletedLog :: The file of the log was gone; this one goes on\n");
 }

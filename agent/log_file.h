@@ -18,8 +18,12 @@ void RotateLogger(std::optional<std::u16string_view> name);
 void ReopenLog();
 
 /// Begins the log again, with its folder, when its file is not where it was: somebody has deleted it or moved it away,
-/// and nobody would find what is written from then on. Callable from any thread.
+/// and nobody would find what is written from then on. Also tries to open one that could not be opened. While that
+/// fails there is no log, which standard error tells once. Callable from any thread.
 void ReopenDeletedLog();
+
+/// Why the log cannot be opened, behind its name, found out by another attempt: "is a directory".
+std::string LogFault();
 
 /// Whether another process wrote to the log when it was opened, and at the last rotation
 /// or ReopenLog. Callable from any thread.

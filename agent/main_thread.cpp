@@ -1,7 +1,6 @@
 #include "agent/main_thread.h"
 
-#include <string>
-
+#include "agent/bin_directory.h"
 #include "agent/directory_lock.h"
 #include "agent/enrolment.h"
 #include "agent/health_report.h"
@@ -9,45 +8,14 @@
 #include "exchange/request_polling.h"
 #include "exchange/upload_pipeline.h"
 #include "foundation/agent_state.h"
-#include "foundation/directory_failure.h"
 #include "foundation/guarded.h"
 #include "foundation/log.h"
 #include "foundation/thread_pool.h"
 #include "foundation/time_utils.h"
 #include "platform/clock.h"
-#include "platform/files.h"
 #include "queryconf/query_config.h"
 
 namespace kv {
-
-namespace {
-
-std::u16string WorkingDirectory() {
-    std::u16string directory;
-    platform::Files().wgetcwd(directory);
-    return directory;
-}
-
-/// All relative paths of the agent depend on this. When it fails, the agent goes on in the directory that it started
-/// in.
-void EnterBinDirectory() {
-    Log4("\t Inside EnterBinDirectory() \n");
-    constexpr const char* currentDirectory = "\t InvokeMainThread :: Current working directory %s \n";
-    const std::u16string path = agentState.gv_ocAgentBinPath.value_or(u"");
-    const int failure = platform::Files().wchdir(path);
-    if (failure == platform::directory_error::success) {
-        Log1(currentDirectory, WorkingDirectory());
-        return;
-    }
-    LogDirectoryFailure(failure,
-                        {.notFound = {1, "\t InvokeMainThread :: Unable to locate the directory: %s\n"},
-                         .invalid = {1, "\t InvokeMainThread :: Invalid Argument\n"},
-                         .other = {1, "\t InvokeMainThread :: Unknown Error.\n"}},
-                        path);
-    Log3(currentDirectory, WorkingDirectory());
-}
-
-}  // namespace
 
 std::uint32_t InvokeMainThread(void* /*ignored*/) {
     Log3("\tInside InvokeMainThread() %s %s \n", GetCurrDateString(), GetTimeString(1));

@@ -73,6 +73,7 @@ void ReadCAFile(ServerTrust& trust) {
     const std::string named = "names " + platform::Utf8FromWide(*path) + ", which ";
     // The same file from every working directory, so that a service and a check by hand trust the same.
     if (!IsWholePath(*path)) return Refuse(trust, "KVServerCAFile", named + "is not a whole path");
+    if (IsDirectory(*path)) return Refuse(trust, "KVServerCAFile", named + "is a directory, not a file");
     std::string authorities;
     const Error failure = ReadWholeFile(*path, authorities, maxCAFileBytes);
     if (failure == error::moreData) return Refuse(trust, "KVServerCAFile", named + "is longer than 1 MB");

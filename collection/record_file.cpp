@@ -2,7 +2,11 @@
 
 #include <algorithm>
 #include <atomic>
+#include <functional>
 #include <limits>
+#include <map>
+#include <mutex>
+#include <utility>
 #include <vector>
 
 #include "foundation/agent_health.h"
@@ -14,7 +18,9 @@
 #include "foundation/resource_lock.h"
 #include "foundation/system_error.h"
 #include "foundation/text.h"
+#include "foundation/time_utils.h"
 #include "platform/files.h"
+#include "platform/messages.h"
 
 namespace kv {
 
@@ -92,6 +98,39 @@ void StoreNumber(const char* name, std::uint32_t number, platform::Error (*store
     }
 }
 
+/// Records that were lost and have not been written since.
+struct Loss {
+    platform::Error reason = platform::error::success;
+    std::int64_t beginning = 0;  // seconds since 1970
+    std::uint64_t number = 0;
+};
+struct {
+    std::mutex lock;
+    std::map<std::u16string, Loss, std::less<>> byName;  // bounded by the plan, which bounds the names
+} losses;
+
+/// Counts a loss; true when it is the first of the record, or for another reason than the one before.
+bool IsNewLoss(std::u16string_view name, platform::Error reason) {
+    const std::lock_guard hold(losses.lock);
+    Loss& loss = losses.byName[std::u16string(name)];
+    if (loss.number++ == 0) loss.beginning = GetNowSeconds();
+    return std::exchange(loss.reason, reason) != reason;
+}
+
+void TellEndOfLoss(const char* caller, std::u16string_view name) {
+    Loss ended;
+    {
+        const std::lock_guard hold(losses.lock);
+        const auto found = losses.byName.find(name);
+        if (found == losses.byName.end()) return;
+        ended = found->second;
+        losses.byName.erase(found);
+    }
+    Log1("\t %s :: the record %s is written again. %llu of it were lost in the last %lld seconds: %s (error %d) \n",
+         caller, name, ended.number, GetNowSeconds() - ended.beginning, platform::MessageInLine(ended.reason),
+         ended.reason);
+}
+
 /// The folder of the RecordDetour that lives; empty without one.
 std::u16string detour;
 
@@ -131,19 +170,31 @@ std::u16string NextRecordPath(std::u16string_view dataDirectory) {
     return path;
 }
 
-std::optional<std::u16string> WriteRecordFile(std::u16string_view dataDirectory, std::u16string_view json) {
+bool TellRecordOutcome(const char* caller, std::u16string_view name, std::u16string_view path,
+                       platform::Error outcome) {
+    if (outcome == platform::error::success) {
+        ++agentHealth.recordsWritten;
+        TellEndOfLoss(caller, name);
+        return false;
+    }
+    NoteLostRecord(name, path, outcome);
+    if (!IsNewLoss(name, outcome)) return false;
+    Log1(
+        "\t %s :: %s cannot be written, its record is lost: %s, %s (error %d). It has no further line until it is "
+        "written again \n",
+        caller, path, name, platform::MessageInLine(outcome), outcome);
+    return true;
+}
+
+std::optional<std::u16string> WriteRecordFile(std::u16string_view dataDirectory, std::u16string_view name,
+                                              std::u16string_view json) {
     Log3("\t Inside WriteRecordFile() \n");
     const std::u16string path = NextRecordPath(dataDirectory);
     const std::u16string record = path + u".txt";
     const platform::Error error = WriteCompleteFile(record, path + u".tmp", Utf16LittleEndianBytes(json));
-    if (error == platform::error::success) {
-        ++agentHealth.recordsWritten;
-        return record;
-    }
-    NoteLostRecord(record, error);
+    TellRecordOutcome("WriteRecordFile", name, record, error);
+    if (error == platform::error::success) return record;
     Log3("\t file pointer is NULL\n");
-    Log1("\t WriteRecordFile :: %s cannot be written, its record is lost \n", record);
-    LogLastSystemError(error);
     return std::nullopt;
 }
 

@@ -7,6 +7,8 @@
 #include <string>
 #include <string_view>
 
+#include "platform/errors.h"
+
 namespace kv {
 
 /// While it lives, records go to a folder of the owner's in the place of the data directory. For a program that shows
@@ -31,9 +33,15 @@ std::u16string PrepareDataDirectory(const char* caller);
 std::u16string NextRecordPath(std::u16string_view dataDirectory);
 
 /// Writes a finished record text, in UTF-16LE without byte order mark, into the data directory under the next number,
-/// and gives the file's path. Null when it cannot be written: the system's reason is logged, the record is lost and
-/// nothing of it stays on the disk.
-std::optional<std::u16string> WriteRecordFile(std::u16string_view dataDirectory, std::u16string_view json);
+/// and gives the file's path. Null when it cannot be written: the record is lost, which TellRecordOutcome tells, and
+/// nothing of it stays on the disk. name is the record's in the plan.
+std::optional<std::u16string> WriteRecordFile(std::u16string_view dataDirectory, std::u16string_view name,
+                                              std::u16string_view json);
+
+/// Counts a record, by the outcome of writing its file. A record that begins to be lost, or for another reason, has a
+/// line with its name in the plan, its file and the reason; true then. The same loss in the next period has none. Once
+/// a record of that name is written again, a line says how many were lost: the first one may have met a full disk, too.
+bool TellRecordOutcome(const char* caller, std::u16string_view name, std::u16string_view path, platform::Error outcome);
 
 /// Sets the last used file numbers to the highest that the registry or a file on the disk has, and stores a number that
 /// a file has raised. Called once, before any collection.

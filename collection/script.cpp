@@ -110,7 +110,7 @@ platform::Error WriteConverted(platform::FileHandle output, const std::u16string
 
 /// Turns what the script has printed by now into its record file. path is the record's without extension; the output is
 /// beside it as ".out" and is deleted. Without an output file there is no record file.
-void MakeRecordOfOutput(const std::u16string& path, platform::ScriptOutputEncoding encoding) {
+void MakeRecordOfOutput(const std::u16string& path, std::u16string_view name, platform::ScriptOutputEncoding encoding) {
     const platform::FileOperations& files = platform::Files();
     const std::u16string outputPath = path + u".out";
     OpenFile output;
@@ -119,14 +119,12 @@ void MakeRecordOfOutput(const std::u16string& path, platform::ScriptOutputEncodi
                                         platform::FileDisposition::openExisting);
     if (error == platform::error::fileNotFound || error == platform::error::pathNotFound) return;
     if (error == platform::error::success) error = WriteConverted(output.handle, path, encoding);
-    if (error == platform::error::success)
-        ++agentHealth.recordsWritten;
-    else
-        NoteLostRecord(path + u".txt", error);
-    if (error != platform::error::success) {
+    const bool isNewLoss = TellRecordOutcome("ExecuteScript", name, path + u".txt", error);
+    if (isNewLoss) {
         Log1("ExecuteScript : the output %s cannot be made a record file and is lost \n", outputPath);
         LogLastSystemError(error);
-    } else if (files.GetFileUseState(outputPath) == platform::error::sharingViolation) {
+    } else if (error == platform::error::success &&
+               files.GetFileUseState(outputPath) == platform::error::sharingViolation) {
         Log1("ExecuteScript : a process that the script left behind goes on writing; its output after %s is lost \n",
              path);
     }
@@ -213,7 +211,8 @@ int ExecuteScript(std::u16string_view fileName, std::u16string_view commandLineP
         NoteFailedQuery("the script %s of the record %s failed: %s", fileName, recordName, reason);
     }
     if (!record) return 0;
-    MakeRecordOfOutput(*record, platform::Processes().GetScriptOutputEncoding(command.scriptHost));
+    MakeRecordOfOutput(*record, recordName.value_or(std::u16string(fileName)),
+                       platform::Processes().GetScriptOutputEncoding(command.scriptHost));
     if (!succeeded) return 0;
     if (CheckFileExists(*record + u".txt")) {
         Log2("ExecuteScript: Output File Found \n");

@@ -56,7 +56,8 @@ void CollectSNMPData(const HashTable* record, std::u16string_view isTest) {
     if (CompareIgnoreCase(isTest, u"true") == 0) return SendAnswer(table.get(), record);
     const std::u16string json = HashToJSONString(table.get());
     memory.pieceBytes = json.size() * sizeof(char16_t);
-    if (WriteRecordFile(dataDirectory, json)) Log2("CollectSNMPData :: Snmp query output - %s\n", json);
+    if (WriteRecordFile(dataDirectory, SnmpRecordName(record), json))
+        Log2("CollectSNMPData :: Snmp query output - %s\n", json);
 }
 
 void RefuseSNMPData(const HashTable* request) {

@@ -51,7 +51,7 @@ void ExecuteWMIQuery(const OptionalText& nameSpace, std::u16string_view wmiQuery
     PutMembers(record.get(), members, {.asked = nullptr, .message = message});
     const std::u16string json = HashToJSONString(record.get());
     memory.pieceBytes = json.size() * sizeof(char16_t);
-    const std::optional<std::u16string> file = WriteRecordFile(dataDirectory, json);
+    const std::optional<std::u16string> file = WriteRecordFile(dataDirectory, name, json);
     if (!file) return;
     Log2("ExecuteWMIQuery :: Wmiquery output - %s\n", json);
     Log2("ExecuteWMIQuery :: Completed writing- %s\n", *file);

@@ -254,8 +254,7 @@ BatchResult PackBatch(std::span<const RecordFile> batch, std::u16string_view nam
         return {.mayFitSmaller = true};
     }
     for (const std::u16string& lost : zip.lost) {
-        ++agentHealth.recordsLost;
-        NoteFailure("the record %s could not be packed and is lost", lost);
+        NoteUnpackedRecord(lost);
         Log1("\t StripTxtFiles :: [%s] is lost\n", lost);
     }
     DeleteDoneFiles(zip.lost);

@@ -35,6 +35,20 @@ void NoteOutcome(std::string_view outcome) noexcept {
     WakeHealthReport();
 }
 
+/// Counts a record that is lost; makeText tells which one and why.
+template <class MakeText>
+void NoteLoss(const MakeText& makeText) noexcept {
+    ++agentHealth.recordsLost;
+    NoteFailureOf([&] {
+        std::string text = makeText();
+        std::string copy = text;
+        const std::lock_guard hold(events.lock);
+        events.last.lostRecordTime = GetNowSeconds();
+        events.last.lostRecord = std::move(copy);
+        return text;
+    });
+}
+
 }  // namespace
 
 LastEvents ReadLastEvents() {
@@ -95,6 +109,17 @@ void NoteFailedRegistration(std::string_view outcome) noexcept {
     NoteOutcome(outcome);
 }
 
+void NoteObstacle(std::string_view text) noexcept {
+    try {
+        std::string copy(text);
+        const std::lock_guard hold(events.lock);
+        events.last.obstacle = std::move(copy);
+    } catch (...) {
+        // The former text stays.
+    }
+    WakeHealthReport();
+}
+
 void NoteCollectionStopped() noexcept {
     agentHealth.collectionStopTime = GetNowSeconds();
     WakeHealthReport();
@@ -105,11 +130,15 @@ void NoteCollectionResumed() noexcept {
     WakeHealthReport();
 }
 
-void NoteLostRecord(std::u16string_view path, platform::Error reason) noexcept {
-    ++agentHealth.recordsLost;
-    NoteFailureOf([&] {
-        return LogText("the record %s cannot be written and is lost: %s", path, platform::MessageInLine(reason));
+void NoteLostRecord(std::u16string_view name, std::u16string_view path, platform::Error reason) noexcept {
+    NoteLoss([&] {
+        return LogText("the record %s in %s cannot be written and is lost: %s", name, path,
+                       platform::MessageInLine(reason));
     });
+}
+
+void NoteUnpackedRecord(std::u16string_view path) noexcept {
+    NoteLoss([&] { return LogText("the record %s could not be packed and is lost", path); });
 }
 
 void NoteFailureText(std::string text, FailureKind kind) noexcept {

@@ -57,6 +57,10 @@ struct LastEvents {
     std::string sendingFailure;          // the last one
     bool isTrustFailure = false;         // its certificate was refused, or nothing may be sent
     std::int64_t sendingFailsSince = 0;  // the first upload or registration that failed after the last accepted one
+
+    std::string obstacle;             // why nothing is collected, and what ends that; empty when nothing is in the way
+    std::int64_t lostRecordTime = 0;  // when a record was last lost
+    std::string lostRecord;           // which one, and why
 };
 
 /// What a failure was about.
@@ -90,6 +94,9 @@ inline constexpr std::string_view registeredOutcome = "registered";
 void NoteRegistration(std::string_view outcome) noexcept;
 void NoteFailedRegistration(std::string_view outcome) noexcept;
 
+/// Why nothing can be collected, and what ends that; an empty text when something can be again.
+void NoteObstacle(std::string_view text) noexcept;
+
 void NoteCollectionStopped() noexcept;
 void NoteCollectionResumed() noexcept;
 
@@ -113,8 +120,11 @@ void NoteFailure(const char* format, const Arguments&... arguments) noexcept {
     NoteFailureOf([&] { return LogText(format, arguments...); });
 }
 
-/// A record, whose file this is, could not be written.
-void NoteLostRecord(std::u16string_view path, platform::Error reason) noexcept;
+/// A record of a name in the plan, whose file this is, could not be written.
+void NoteLostRecord(std::u16string_view name, std::u16string_view path, platform::Error reason) noexcept;
+
+/// A record's file could not be packed into a zip.
+void NoteUnpackedRecord(std::u16string_view path) noexcept;
 
 /// A query, poll or script of a record failed.
 template <class... Arguments>

@@ -9,6 +9,7 @@
 #include "foundation/file_utils.h"
 #include "foundation/log.h"
 #include "jsontext/hash_json.h"
+#include "platform/files.h"
 #include "platform/memory.h"
 #include "platform/messages.h"
 #include "platform/utf.h"
@@ -87,6 +88,14 @@ JsonReadResult ReadDocument(HashTable* table, const std::string& name, std::stri
     return result;
 }
 
+/// The whole path of a file, for who reads standard error and does not know the working directory.
+std::string WholeName(std::u16string_view fileName) {
+    std::u16string path(fileName);
+    std::u16string directory;
+    if (!IsWholePath(path) && platform::Files().wgetcwd(directory) == 0) path = directory + u"\\" + path;
+    return platform::Utf8FromWide(platform::Files().NativePath(path));
+}
+
 }  // namespace
 
 JsonReadResult JSONFileToHash(HashTable* table, std::u16string_view fileName) {
@@ -97,8 +106,8 @@ JsonReadResult JSONFileToHash(HashTable* table, std::u16string_view fileName) {
     if (error == platform::error::moreData) return FileFailure(name + ": " + tooLarge);
     if (error != platform::error::success) {
         const std::string words = platform::MessageInLine(error);
-        static_cast<void>(
-            std::fprintf(stderr, "json_object_from_file: error reading file %s: %s\n", name.c_str(), words.c_str()));
+        static_cast<void>(std::fprintf(stderr, "json_object_from_file: error reading file %s: %s\n",
+                                       WholeName(fileName).c_str(), words.c_str()));
         return FileFailure(name + ": " + words + " (error " + std::to_string(error) + ")", error);
     }
     const std::size_t size = bytes.size();

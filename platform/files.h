@@ -135,6 +135,12 @@ struct FileOperations {
     /// locked. Another error where the file system has no locks.
     std::function<Error(std::u16string_view directory, std::u16string_view fileName, FileHandle& lock)> LockDirectory;
 
+    /// Whether somebody has the lock that LockDirectory gives, without taking it for a moment: success, with the number
+    /// of the process or 0 where the system does not tell it; fileNotFound when nobody has it; notSupported and others
+    /// where that cannot be told.
+    std::function<Error(std::u16string_view directory, std::u16string_view fileName, std::uint32_t& processId)>
+        FindDirectoryLock;
+
     std::function<Error(FileHandle file)> CloseHandle;
 
     /// Copies a file, over another if there is one. After an error the target may hold a part of the copy on Windows;

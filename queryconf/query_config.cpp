@@ -8,6 +8,7 @@
 
 #include "collection/plan_members.h"
 #include "collection/record_members.h"
+#include "foundation/agent_health.h"
 #include "foundation/agent_state.h"
 #include "foundation/file_utils.h"
 #include "foundation/guarded.h"
@@ -275,6 +276,12 @@ const char* WithoutThisPlan(bool isReadAgain = false) {
                        : "nothing is collected until the next start or the next plan";
 }
 
+/// What kvagentctl status says of an agent that began without a plan, also once the file is there.
+std::string PlanObstacle(const std::string& failure, bool isReadAgain) {
+    return "no plan could be read at the start, " + failure +
+           (isReadAgain ? "; it begins when that can be opened" : "; the next start or the next plan begins it");
+}
+
 }  // namespace
 
 void LoadConfFiles() {
@@ -304,6 +311,7 @@ void LoadQueryConfig(std::u16string_view agent, std::optional<std::u16string_vie
     const bool isReadAgain = NoteUnread(agent, name, read);
     if (!read.ok) {
         Log1("\t LoadQueryConfig :: %s; %s \n", read.message, WithoutThisPlan(isReadAgain));
+        if (!agentState.gv_queryConfHash) NoteObstacle(PlanObstacle(read.message, isReadAgain));
         return;
     }
     if (!read.message.empty()) Log1("\t LoadQueryConfig :: %s \n", read.message);
@@ -313,6 +321,7 @@ void LoadQueryConfig(std::u16string_view agent, std::optional<std::u16string_vie
         return;
     }
     MergePlan(std::move(plan), agent, name);
+    NoteObstacle("");
     ++plansMerged;
 }
 

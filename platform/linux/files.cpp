@@ -14,6 +14,7 @@
 #include "platform/guarded.h"
 #include "platform/linux/descriptor.h"
 #include "platform/linux/file_search.h"
+#include "platform/linux/kernel_locks.h"
 #include "platform/linux/linux.h"
 #include "platform/utf.h"
 
@@ -210,6 +211,14 @@ Error LockDirectory(std::u16string_view directory, std::u16string_view fileName,
     return TakeLock(fs::path(native) / Utf8FromWide(fileName), O_RDWR | O_CREAT, lock);
 }
 
+Error FindDirectoryLock(std::u16string_view directory, std::u16string_view fileName, std::uint32_t& processId) {
+    processId = 0;
+    const std::string native = NativePathOf(directory);
+    const Error result = FindExclusiveLock(native, processId);
+    if (result != error::fileNotFound) return result;
+    return FindExclusiveLock(fs::path(native) / Utf8FromWide(fileName), processId);
+}
+
 Error CloseHandle(FileHandle file) {
     // After EINTR the descriptor is closed all the same, and its number may be someone else's already.
     return close(DescriptorOf(file)) != 0 && errno != EINTR ? LastError() : error::success;
@@ -370,6 +379,7 @@ FileOperations LinuxFiles() {
         .LetEveryoneRead = LetEveryoneRead,
         .FlushFileBuffers = FlushFileBuffers,
         .LockDirectory = Guarded(LockDirectory),
+        .FindDirectoryLock = Guarded(FindDirectoryLock),
         .CloseHandle = CloseHandle,
         .CopyFileW = Guarded(CopyFileW),
         .MoveFileExW = Guarded(MoveFileExW),

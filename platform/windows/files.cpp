@@ -243,6 +243,20 @@ Error BringToDisk(const std::wstring& path) {
     return ResultOf(::FlushFileBuffers(file.get()));
 }
 
+/// Who locks does not share deleting, which tells, and keeps its number to itself. A lock that is asked for at this
+/// very moment looks again and finds the file free.
+Error FindDirectoryLock(std::u16string_view directory, std::u16string_view fileName, std::uint32_t& processId) {
+    processId = 0;
+    const std::wstring path = NativePathOf(std::u16string(directory) + u'\\' + std::u16string(fileName));
+    const SystemHandle file =
+        OwnedFile(::CreateFileW(path.c_str(), DELETE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                OPEN_EXISTING, 0, nullptr));
+    if (file) return error::fileNotFound;
+    const Error refusal = LastError();
+    if (refusal == error::sharingViolation) return error::success;
+    return refusal == error::pathNotFound ? error::fileNotFound : refusal;
+}
+
 /// Deleting is not shared, unlike elsewhere: a file of that name that is made later could be locked beside this one. A
 /// locked byte can be read by its owner alone, so it lies far behind the end of the file.
 Error LockDirectory(std::u16string_view directory, std::u16string_view fileName, FileHandle& lock) {
@@ -348,6 +362,7 @@ FileOperations WindowsFiles() {
         .LetEveryoneRead = [](FileHandle) { return error::success; },
         .FlushFileBuffers = [](FileHandle file) { return ResultOf(::FlushFileBuffers(SystemFileOf(file))); },
         .LockDirectory = Guarded(LockDirectory),
+        .FindDirectoryLock = Guarded(FindDirectoryLock),
         .CloseHandle = [](FileHandle file) { return ResultOf(::CloseHandle(SystemFileOf(file))); },
         .CopyFileW = Guarded(CopyFileW),
         .MoveFileExW = Guarded(MoveFileExW),

@@ -3,6 +3,7 @@
 #include "agent/enrolment.h"
 #include "agent/health_report.h"
 #include "agent/main_thread.h"
+#include "foundation/agent_health.h"
 #include "foundation/agent_state.h"
 #include "foundation/registry_store.h"
 #include "lab/server.h"
@@ -94,6 +95,7 @@ TEST_F(Enrolment, WithAKeyGoesOnAndAsksUntilItIsAnswered) {
     for (const std::filesystem::path& copy : copies) EXPECT_FALSE(std::filesystem::exists(copy)) << copy;
     EXPECT_TRUE(std::filesystem::exists(conf / "queryconf.txt.new"));
     EXPECT_FALSE(ReportsItsEnd()) << "the server has not allowed it yet";
+    EXPECT_TRUE(ReadLastEvents().registration.ends_with("refused with HTTP status 503"));
     ASSERT_EQ(started.size(), 1U);
     EXPECT_EQ(started[0](nullptr), 0U);
     EXPECT_EQ(clock_.nowMilliseconds(), VirtualClock::startMilliseconds + 4 * 60000);

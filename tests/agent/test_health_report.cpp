@@ -95,18 +95,17 @@ class HealthReport : public test::TestAgent {
 };
 
 TEST_F(HealthReport, WritesTheFileAtEventsAndWhenAnythingChanged) {
-    const auto isThere = [&] { return fs::remove(status); };
     Run({[&] {
              EXPECT_EQ(Status()->startTime, clock.nowSeconds());
-             EXPECT_TRUE(isThere()) << "at the start";
+             fs::remove_all(status.parent_path());
          },
+         [&] { EXPECT_EQ(Status()->writeTime, clock.nowSeconds()) << "somebody deleted it"; },
          [&] {
-             EXPECT_FALSE(isThere()) << "nothing has changed";
+             EXPECT_LT(Status()->writeTime, clock.nowSeconds()) << "nothing has changed";
              clock.AdvanceMilliseconds(10 * 60000);
          },
-         [&] { EXPECT_TRUE(isThere()) << "somebody deleted it ten minutes ago"; },
          [&] {
-             EXPECT_FALSE(isThere());
+             EXPECT_EQ(Status()->writeTime, clock.nowSeconds()) << "ten minutes ago it was written last";
              NoteUpload(u"cs", 8443, 500);
              NoteCollectionStopped();
              NoteFailureOf([] { return std::string("cs: refused"); }, FailureKind::trust);
@@ -118,7 +117,6 @@ TEST_F(HealthReport, WritesTheFileAtEventsAndWhenAnythingChanged) {
              EXPECT_EQ(Status()->sendingFailsSince, clock.nowSeconds() - 2);
              EXPECT_TRUE(IsDistrusting(*Status()));
              NoteContact();
-             EXPECT_TRUE(isThere());
              ++agentHealth.recordsWritten;
              NoteFailure("the query of %s failed", u"Disk\n");
              NoteFailureOf([]() -> std::string { throw std::bad_alloc(); });  // the former one stays
@@ -190,6 +188,7 @@ TEST_F(HealthReport, PutsWhatMattersIntoItsLine) {
               "LAB1 at b:1, last upload 2026-03-04 09:05, 2 zips wait");
     EXPECT_EQ(line({.isCollecting = false, .collectionStopTime = now - 60}, 0),
               "LAB1 at cs:8443, no upload yet, collection stopped since 09:04");
+    EXPECT_EQ(line({.obstacle = "no plan"}, 0), "LAB1 at cs:8443, no upload yet, nothing is collected: no plan");
     EXPECT_EQ(line({.sendingFailure = "cs: no", .sendingFailsSince = now - 60}, 1),
               "LAB1 at cs:8443, no upload yet, 1 zip waits, sending fails since 09:04: cs: no");
     EXPECT_EQ(line({.sendingFailureTime = now, .sendingFailure = "cs: refused", .isTrustFailure = true}, 0),
@@ -291,6 +290,9 @@ TEST_F(HealthReport, SaysWhyMetricsAreNotWritten) {
     Run({[] {}});
     EXPECT_EQ(TimesLogged("precious is not written, because it is not a file of the agent's metrics: name another"), 1);
     EXPECT_EQ(Read(folder / "precious"), "mine");
+    SetMetricsFile(folder / "monitoring");
+    Run({});
+    EXPECT_EQ(TimesLogged("monitoring is a directory, not a file. "), 1);
     SetMetricsFile(folder / "kvagent.prom", platform::RegistryType::binary);
     Run({});
     EXPECT_EQ(TimesLogged("MetricsFile cannot be read as a text, and no metrics are written: "), 1);

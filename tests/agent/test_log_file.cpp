@@ -93,6 +93,16 @@ TEST_F(LogFile, BeginsAgainWhenItsFileIsGone) {
     Start("");
     std::error_code inUse;  // where an open file cannot be deleted
     fs::remove_all(logs, inUse);
+    {
+        const test::Replaced full(&platform::FileOperations::CreateFileW,
+                                  [](auto&&...) { return platform::error::diskFull; });
+        fs::remove(logs / "agent.log", inUse);
+        testing::internal::CaptureStderr();
+        for (int minute = 0; minute < 2; ++minute) ReopenDeletedLog();
+        const std::string told = testing::internal::GetCapturedStderr();
+        EXPECT_TRUE(inUse || told.find("agent.log cannot be opened: ") == told.rfind("agent.log")) << told;
+        EXPECT_TRUE(inUse || logState.gv_logFile == 0);
+    }
     ReopenDeletedLog();
     Log1("after that\n");
     EXPECT_TRUE(Logged("after that"));

@@ -233,8 +233,13 @@ TEST_F(Collection, AFullDiskLosesOnlyTheRecordThatIsWritten) {
     ExecuteWMIQuery(std::nullopt, u"SELECT * FROM X", u"X");
     EXPECT_TRUE(Logged("Agent_K_5.txt cannot be written, its record is lost"));
     EXPECT_THAT(ReadLastEvents().failure, testing::HasSubstr("Agent_K_5.txt cannot be written and is lost: "));
-    EXPECT_EQ(agentHealth.recordsWritten, 2U);
-    EXPECT_EQ(agentHealth.recordsLost, 2U);
+    ExecuteWMIQuery(std::nullopt, u"SELECT * FROM X", u"X");
+    EXPECT_FALSE(Logged("Agent_K_6.txt cannot be written")) << "the same again";
+    fs::remove_all(data);
+    ExecuteWMIQuery(std::nullopt, u"SELECT * FROM X", u"X");
+    EXPECT_TRUE(Logged("the record X is written again. 2 of it were lost in the last "));
+    EXPECT_EQ(agentHealth.recordsWritten, 3U);
+    EXPECT_EQ(agentHealth.recordsLost, 3U);
 }
 
 TEST_F(Collection, AWorkflowRunsItsRecordsInOrder) {

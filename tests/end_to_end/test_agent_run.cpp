@@ -73,12 +73,15 @@ TEST(AgentRun, EnrolsAndCollectsByThePlan) {
 
 TEST(AgentRun, RunsWithoutItsFolderAndAServer) {
     EnrolledAgent agent;
-    fs::remove(agent.monitoring / "bin");
+    const auto logged = [&](const char* words) { return agent.ReadLog().find(words) != std::string::npos; };
+    fs::remove_all(agent.monitoring / "bin");
+    TestAgent::Write(agent.monitoring / "bin", "a file");
     agent.Start({"/t"});
-    EXPECT_TRUE(InstalledAgent::Eventually([&] {
-        const std::string log = agent.ReadLog();
-        return log.find("Unable to locate the directory") != log.npos && log.find("sleeping for 1 minute") != log.npos;
-    })) << agent.ReadLog();
+    EXPECT_TRUE(InstalledAgent::Eventually([&] { return logged("bin is not a directory. The agent collects"); }));
+    EXPECT_NE(TestAgent::Read(agent.monitoring / "logs/status.json").find("bin is not a directory"), std::string::npos);
+    fs::remove(agent.monitoring / "bin");
+    EXPECT_TRUE(InstalledAgent::Eventually([&] { return !RecordFiles(agent).empty(); })) << agent.ReadLog();
+    EXPECT_TRUE(logged("Unable to locate the directory") && logged("sleeping for 1 minute")) << agent.ReadLog();
     EXPECT_TRUE(agent.IsRunning());
 }
 

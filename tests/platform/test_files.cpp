@@ -2,6 +2,7 @@
 #include <tuple>
 #include <utility>
 
+#include "platform/process.h"
 #include "tests/platform/files_test.h"
 #include "tests/support/isolation.h"
 
@@ -143,8 +144,12 @@ TEST_F(FilesTest, AFileIsInUseWhileItIsOpenForWriting) {
 
 TEST_F(FilesTest, OneHandleAtATimeLocksADirectory) {
     FileHandle locks[2] = {};
+    std::uint32_t holder = 0;
     fs::create_directory("d");
+    EXPECT_EQ(Files().FindDirectoryLock(u"d\\", u"f", holder), error::fileNotFound);
     EXPECT_EQ(Files().LockDirectory(u"d\\", u"f", locks[0]), error::success);
+    EXPECT_EQ(Files().FindDirectoryLock(u"d\\", u"f", holder), error::success);
+    EXPECT_TRUE(holder == 0 || holder == Processes().GetCurrentProcessId()) << holder;
     EXPECT_EQ(Files().LockDirectory(u"d", u"f", locks[1]), error::lockViolation);
     Write("d/f", "1");
     EXPECT_EQ(Read("d/f"), "1") << "others write and read it all the same";
@@ -153,6 +158,7 @@ TEST_F(FilesTest, OneHandleAtATimeLocksADirectory) {
     EXPECT_EQ(Files().CloseHandle(locks[0]), error::success);
     EXPECT_EQ(Files().LockDirectory(u"d", u"f", locks[1]), error::success);
     Files().CloseHandle(locks[1]);
+    EXPECT_EQ(Files().FindDirectoryLock(u"d", u"f", holder), error::fileNotFound);
     EXPECT_NE(Files().LockDirectory(u"absent", u"f", locks[1]), error::success);
 }
 

@@ -61,7 +61,7 @@ class StatusVerb : public ToolTest {
         health.lastUploadTime = health.registrationTime = health.lastFailureTime = GetNowSeconds() - 180;
         health.registration = "registered";
         health.lastFailure = "refused | twice";
-        health.counts = {{"recordsWritten", 7}};
+        health.counts = {{"recordsWritten", 7}, {"recordsLost", 2}};
         health.directory = (monitoring / "bin/").string();
         WriteHealth();
     }
@@ -123,6 +123,7 @@ TEST_F(StatusVerb, TellsPeopleAndPrograms) {
 TEST_F(StatusVerb, EndsAsAMonitoringPlugin) {
     const std::string stopped = "collection is stopped since ";
     std::ofstream log;
+    platform::FileHandle lock = 0;
     const struct {
         const char* title;
         std::function<void()> change;
@@ -183,7 +184,20 @@ TEST_F(StatusVerb, EndsAsAMonitoringPlugin) {
                         platform::RegistryType::dword);
          },
          2, "CRITICAL - CustomerName has to be a text"},
-        {"no directory", [&] { fs::remove_all(monitoring / "bin"); }, 3, "the disk room at "},
+        {"no directory", [&] { fs::remove_all(monitoring / "bin"); }, 2,
+         "bin/ does not exist, so nothing is collected"},
+        {"began without a plan", [&] { health.obstacle = "no plan", WriteHealth(); }, 2, "collected: no plan |"},
+        {"a lost record", [&] { health.lostRecordTime = GetNowSeconds() - 3000, WriteHealth(); }, 1,
+         "WARNING - 2 records lost since the start of the agent, the last at "},
+        {"two hours ago", [&] { health.lostRecordTime = GetNowSeconds() - 7200, WriteHealth(); }, 0, "OK"},
+        {"runs untold, without its log",
+         [&] {
+             fs::remove_all(monitoring / "logs");
+             EXPECT_EQ(
+                 platform::Files().LockDirectory(platform::WideFromUtf8((monitoring / "bin").string()), u"", lock),
+                 platform::error::success);
+         },
+         3, "status.json is missing, although the agent runs"},
         {"no install directory", [] { Set(agentKeyPath, u"KVAgentInstallDir", u"/no/such/"); }, 2,
          "KVAgentInstallDir names a directory that does not exist"},
         {"no key", [] { Set(monitoringKeyPath, u"MonitoringAgentKey", u"NULL"); }, 1,
@@ -200,6 +214,7 @@ TEST_F(StatusVerb, EndsAsAMonitoringPlugin) {
         words.insert(words.end(), options.begin(), options.end());
         const Outcome outcome = Run(words);
         log.close();
+        if (lock != 0) platform::Files().CloseHandle(std::exchange(lock, 0));
         EXPECT_EQ(outcome.exitCode, exitCode);
         EXPECT_THAT(outcome.output, HasSubstr(text));
         EXPECT_TRUE(std::regex_match(outcome.output, line)) << outcome.output;

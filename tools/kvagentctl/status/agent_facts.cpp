@@ -5,6 +5,7 @@
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
+#include "agent/directory_lock.h"
 #include "foundation/agent_health.h"
 #include "foundation/agent_settings.h"
 #include "foundation/agent_state.h"
@@ -64,6 +65,7 @@ void GatherSettings(AgentFacts& facts, std::u16string& binPath) {
     if (directory) binPath = *directory + u"monitoring\\bin\\";
     if (directory) facts.binPath = NativeName(binPath);
     facts.isInstallLost = directory && !MayExist(*directory);
+    facts.isBinLost = directory && !facts.isInstallLost && !IsDirectory(binPath);
     if (directory) facts.nativeInstall = NativeName(*directory);
     const std::u16string key = Setting(facts, monitoringKeyPath, u"MonitoringAgentKey").value_or(u"");
     if (key != u"NULL" && key != u"HUBCENTER") facts.key = Utf8FromWide(key);
@@ -170,26 +172,57 @@ bool GatherProcess(AgentFacts& facts) {
     return runs;
 }
 
-/// Whether an agent runs. One that cannot write its status file is known to the service manager, or by its log, which
-/// it keeps open.
+bool IsAgent(std::uint32_t processId) {
+    std::u16string name;
+    const Error result = platform::Processes().GetProcessName(processId, name);
+    return processId != 0 && result == error::success && name == u"MonitoringAgent";
+}
+
+/// The process that works in a bin directory, by its lock; 0 when none does, or nobody tells.
+std::uint32_t ProcessAtWork(std::u16string_view binPath) {
+    std::uint32_t processId = 0;
+    if (platform::Files().FindDirectoryLock(binPath, lockFileName, processId) == error::fileNotFound) return 0;
+    if (processId == 0) processId = RecordedProcess(binPath);
+    return IsAgent(processId) ? processId : 0;
+}
+
+/// Without settings nobody knows where an agent works. The package's works beside the file of the settings, which
+/// somebody may have deleted.
+void GatherLostAgent(AgentFacts& facts) {
+    const std::filesystem::path file = platform::RegistryFile();
+    if (file.empty()) return;
+    const std::u16string binPath = (file.parent_path() / "monitoring" / "bin" / "").u16string();
+    const std::uint32_t worker = ProcessAtWork(binPath);
+    if (worker == 0) return;
+    facts.isRunning = true;
+    facts.process = fmt::format("process {} in {}, which began with other settings", worker, NativeName(binPath));
+}
+
+/// Whether an agent runs. One whose status file does not tell is known to the service manager, by its lock, or by its
+/// log, which it keeps open.
 void GatherActivity(AgentFacts& facts, const std::u16string& binPath) {
     const bool isServiceActive = GatherService(facts);
     const bool hasWriter = facts.health && GatherProcess(facts);
     facts.isRunning = isServiceActive || hasWriter;
-    if (hasWriter || binPath.empty()) return;
+    if (binPath.empty()) return GatherLostAgent(facts);
+    if (hasWriter) return;
+    const std::uint32_t worker = ProcessAtWork(binPath);
     const std::u16string log = binPath + u"..\\logs\\agent.log";
-    const bool isLogOpen = platform::Files().GetFileUseState(log) == error::sharingViolation;
-    facts.isRunning = isServiceActive || isLogOpen;
+    const bool isLogOpen = worker == 0 && platform::Files().GetFileUseState(log) == error::sharingViolation;
+    facts.isRunning = isServiceActive || worker != 0 || isLogOpen;
     if (!facts.isRunning && !facts.health && facts.healthFailure.empty() && MayExist(log))
         facts.process =
             fmt::format("{} is missing, beside the log of an earlier run", NativeName(HealthFilePath(binPath)));
     if (!facts.isRunning) return;
-    facts.process = isLogOpen ? fmt::format("a process that keeps {} open", NativeName(log)) : "";
+    facts.process = worker != 0 ? fmt::format("process {}", worker)
+                    : isLogOpen ? fmt::format("a process that keeps {} open", NativeName(log))
+                                : "";
     if (!facts.healthFailure.empty()) return;
-    facts.healthFailure =
-        fmt::format("{} is {}, although the agent runs; the log says why it is not written, such as a full disk",
-                    NativeName(HealthFilePath(binPath)),
-                    facts.health ? "of an earlier run (" + TimeText(facts.health->writeTime) + ")" : "missing");
+    facts.healthFailure = fmt::format(
+        "{} is {}, although the agent runs; it is written again within a minute; else the log says why not, such as a "
+        "full disk",
+        NativeName(HealthFilePath(binPath)),
+        facts.health ? "of an earlier run (" + TimeText(facts.health->writeTime) + ")" : "missing");
 }
 
 /// When a file was written, seconds since 1970; 0 when that cannot be told.
@@ -250,6 +283,13 @@ void GatherDisk(AgentFacts& facts, const std::u16string& binPath) {
 /// A running agent writes its status.json at the latest after ten minutes.
 constexpr std::int64_t silentSeconds = 900;
 
+/// A count of what the agent tells; 0 when it does not.
+std::uint64_t CountOf(const HealthSnapshot& health, std::string_view name) {
+    const auto found = std::find_if(health.counts.begin(), health.counts.end(),
+                                    [name](const auto& count) { return count.first == name; });
+    return found == health.counts.end() ? 0 : found->second;
+}
+
 /// Collects problems in the order of their weight.
 class Judge {
   public:
@@ -278,6 +318,7 @@ class Judge {
 
     void JudgeAgent();
     void JudgeRegistration();
+    void JudgeCollection();
     void JudgeSending(const HealthSnapshot& health);
     void JudgeReadability();
     void JudgeQueue();
@@ -310,8 +351,27 @@ void Judge::JudgeAgent() {
     if (facts_.isRunning && written != 0 && facts_.now - written > silentSeconds)
         Add(PluginStatus::warning, "the agent has told nothing of itself since " + TimeText(written) +
                                        ": it hangs, or a signal has stopped it");
-    if (facts_.health && !facts_.health->isCollecting)
-        Add(PluginStatus::critical, "collection is stopped since " + TimeText(facts_.health->collectionStopTime));
+    JudgeCollection();
+}
+
+/// What is in the way of collecting, and records that were lost not long ago.
+void Judge::JudgeCollection() {
+    constexpr std::int64_t attention = 3600;  // seconds
+    const HealthSnapshot health = facts_.health.value_or(HealthSnapshot());
+    if (!health.isCollecting)
+        Add(PluginStatus::critical, "collection is stopped since " + TimeText(health.collectionStopTime));
+    // A plan that cannot be used has a line of its own.
+    if (facts_.isRunning && !health.obstacle.empty() && (facts_.isBinLost || facts_.plan.failure.empty()))
+        Add(PluginStatus::critical, "nothing is collected: " + health.obstacle);
+    else if (facts_.isBinLost)
+        Add(PluginStatus::critical,
+            facts_.binPath + " does not exist, so nothing is collected; the agent makes it when it is started again");
+    const std::int64_t end = health.lostRecordTime + attention;
+    if (health.lostRecordTime != 0 && facts_.now < end)
+        Add(PluginStatus::warning,
+            fmt::format("{} lost since the start of the agent, the last at {}: {} (told until {})",
+                        Counted(CountOf(health, "recordsLost"), "record"), TimeText(health.lostRecordTime),
+                        health.lostRecord, TimeText(end)));
 }
 
 /// An agent that has registered works with its key until its end, also when the setting has gone since.
@@ -343,7 +403,7 @@ void Judge::JudgeSending(const HealthSnapshot& health) {
 
 void Judge::JudgeReadability() {
     if (!facts_.healthFailure.empty()) Add(PluginStatus::unknown, facts_.healthFailure);
-    if (facts_.diskError != error::success)
+    if (facts_.diskError != error::success && !facts_.isBinLost)
         Add(PluginStatus::unknown,
             fmt::format("the disk room at {} cannot be told: {}", facts_.binPath, ReasonText(facts_.diskError)));
     for (const auto& [waiting, folder] : {std::pair{&facts_.records, "data"}, {&facts_.zips, "zipdata"}}) {

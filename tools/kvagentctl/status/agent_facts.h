@@ -49,6 +49,7 @@ struct AgentFacts {
     std::vector<std::string> missingSettings;
     std::vector<std::string> faultySettings;  // needed ones that are not texts, each with what is wrong
     bool isInstallLost = false;               // what KVAgentInstallDir names does not exist
+    bool isBinLost = false;                   // it does, but has no directory "monitoring/bin"
 
     /// Whether there is a place to look at for all that follows.
     bool hasPlace() const { return !binPath.empty() && !isInstallLost; }

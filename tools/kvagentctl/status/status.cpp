@@ -71,8 +71,15 @@ std::string PlanText(const PlanFacts& plan) {
 
 std::string CollectionText(const AgentFacts& facts) {
     if (!facts.isRunning) return "off, the agent does not run";
+    if (!facts.health->obstacle.empty()) return "nothing: " + facts.health->obstacle;
     if (!facts.health->isCollecting) return "stopped since " + TimeWithAge(facts.health->collectionStopTime, facts.now);
     return facts.plan.isAbsent ? "nothing, unless the agent began with a plan that has gone" : "on";
+}
+
+/// The time of an event. An agent knows nothing of its earlier runs.
+std::string EventText(std::int64_t time, const HealthSnapshot& health, std::int64_t now) {
+    if (time != 0 || health.startTime == 0) return TimeWithAge(time, now);
+    return fmt::format("not since the start at {}", TimeText(health.startTime));
 }
 
 void AddHealthLines(const AgentFacts& facts, std::vector<Line>& lines) {
@@ -83,14 +90,14 @@ void AddHealthLines(const AgentFacts& facts, std::vector<Line>& lines) {
     }
     const HealthSnapshot& health = *facts.health;
     const std::string at = health.lastAddress.empty() ? "" : " at " + health.lastAddress;
-    lines.emplace_back("last upload", TimeWithAge(health.lastUploadTime, facts.now) + at);
-    lines.emplace_back("last contact", TimeWithAge(health.lastContactTime, facts.now));
+    lines.emplace_back("last upload", EventText(health.lastUploadTime, health, facts.now) + at);
+    lines.emplace_back("last contact", EventText(health.lastContactTime, health, facts.now));
     lines.emplace_back("registration", health.registrationTime == 0 && !health.registration.empty()
                                            ? health.registration
-                                           : TimeWithAge(health.registrationTime, facts.now) +
+                                           : EventText(health.registrationTime, health, facts.now) +
                                                  (health.registration.empty() ? "" : ": " + health.registration));
     lines.emplace_back("collection", CollectionText(facts));
-    lines.emplace_back("last failure", TimeWithAge(health.lastFailureTime, facts.now) +
+    lines.emplace_back("last failure", EventText(health.lastFailureTime, health, facts.now) +
                                            (health.lastFailure.empty() ? "" : ": " + health.lastFailure));
 }
 
@@ -180,6 +187,9 @@ json_object* JsonHealth(const HealthSnapshot& health) {
                        {"isCollecting", json_object_new_boolean(health.isCollecting)},
                        {"isInConsole", json_object_new_boolean(health.isInConsole)},
                        {"collectionStopTime", json_object_new_int64(health.collectionStopTime)},
+                       {"obstacle", JsonText(health.obstacle)},
+                       {"lostRecordTime", json_object_new_int64(health.lostRecordTime)},
+                       {"lostRecord", JsonText(health.lostRecord)},
                        {"lastFailureTime", json_object_new_int64(health.lastFailureTime)},
                        {"lastFailure", JsonText(health.lastFailure)},
                        {"sendingFailureTime", json_object_new_int64(health.sendingFailureTime)},

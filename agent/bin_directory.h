@@ -1,0 +1,19 @@
+// The bin directory, where the agent works: each of its relative paths begins there.
+#pragma once
+
+namespace kv {
+
+/// Makes "monitoring" of the install directory where it is missing, so that the log and all else has a place. Does
+/// nothing without an install directory: a mistyped setting makes no tree somewhere else.
+void MakeMonitoringDirectory();
+
+/// Makes gv_ocAgentBinPath the working directory, and makes it first where it is missing in an install directory. Each
+/// outcome leaves a line. Called once, by the main thread.
+void EnterBinDirectory();
+
+/// Waits while gv_ocAgentBinPath cannot be the working directory, and tries once a second. Why stands in the log, on
+/// standard error, in status.json and at the service manager. True when it had to wait. For the main thread, while no
+/// other one reads the settings.
+bool WaitForBinDirectory();
+
+}  // namespace kv
