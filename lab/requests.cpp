@@ -70,11 +70,12 @@ std::string ListDocument(const std::vector<Request>& requests) {
         json_object* item = json_object_new_object();
         json_object_object_add(item, "AGENT_REQUEST_ID", JsonText(request.id));
         json_object_object_add(item, "REQUEST_TYPE", JsonText(request.type));
+        json_object_array_add(list, item);
         const ParsedJson members = ParseJson(request.members);
+        if (!json_object_is_type(members.value.get(), json_type_object)) continue;
         json_object_object_foreach(members.value.get(), name, value) {
             json_object_object_add(item, name, json_object_get(value));
         }
-        json_object_array_add(list, item);
     }
     return Utf16LittleEndianBytes(platform::WideFromUtf8(PlainJson(document.get())));
 }

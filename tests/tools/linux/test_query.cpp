@@ -37,7 +37,7 @@ TEST_F(QueryVerb, PrintsRowsInTheOrderOfSelect) {
          ""},
         {"true", {"--json", "SELECT Primary FROM Win32_OperatingSystem"}, 0, "\"Primary\": true", ""},
         {"null", {"--csv", "SELECT Organization, Primary FROM Win32_OperatingSystem"}, 0, "\r\n,true\r\n", ""},
-        {"no rows", {"--json", "SELECT Name FROM Win32_Process WHERE ProcessId = 4294967295"}, 0, "[\n]\n", ""},
+        {"no rows", {"--json", "SELECT Name FROM Win32_Process WHERE ProcessId = 4294967295"}, 0, "]\n", ""},
         {"class",
          {"SELECT Name FROM Win32_Proces"},
          3,
