@@ -255,7 +255,15 @@ TEST_F(SetupAndCheck, CheckFindsWhatIsWrongWithAPlan) {
     for (int number = 0; number < 128; ++number) longOid += ".1";
     const std::string snmp = R"("PROTOCOL":"SPOLL","DEVICE_NAME":"d","COMMUNITY":"c","POLL_ID":"1","AGENT_KEY":"K",)";
     const std::tuple<const char*, std::string, const char*> rows[] = {
-        {"cut", R"({"WorkFlows":[)", "error: plan"},
+        {"cut", "// \"\n{\"WorkFlows\":[\n",
+         ", line 3, column 1: it is not a plan in JSON: unexpected end of data: the agent"},
+        {"cut, where", "{\"WorkFlows\":\r\n[\r\n", "is it whole? The [ of line 2 is not closed"},
+        {"blank", "\n ", "it has only blanks: the agent would refuse it; put a plan there"},
+        {"typographic", "{\n\n \u201CWorkFlows\u201D:[]}",
+         ", line 3, column 2: it is not a plan in JSON: quoted object"},
+        {"typographic, why", "{\u201CWorkFlows\u201D:[]}", "; \u201C is a typographic quotation mark: write \""},
+        {"high byte first", std::string("\0{\0}", 4), "it is UTF-16 with the high byte first, which is not read"},
+        {"Latin-1", "{\n\"\xE4\":[]}", ", line 2: the file is neither UTF-16LE nor UTF-8"},
         {"no list", R"({"workflows":[]})", "member workflows: did you mean WorkFlows?"},
         {"no list, for the agent", R"({"workflows":[]})", "has no array WorkFlows: the agent would refuse it"},
         {"no interval", R"({"WorkFlows":[{"intervall":1,"recordSetName":[]}]})", "intervall: did you mean interval?"},
@@ -287,6 +295,9 @@ TEST_F(SetupAndCheck, CheckFindsWhatIsWrongWithAPlan) {
         {"version", record(snmp + R"("SNMP_VERSION":"2c","OID":".1.3")"), "'2c' is neither v1 nor v2c: v1 is taken"},
         {"oid", record(snmp + R"("SNMP_VERSION":"v1","OID":".1.3,1.3.6")"), "OID '1.3.6' does not begin with a dot"},
         {"long oid", record(snmp + R"("SNMP_VERSION":"v1","OID":".1)" + longOid + "\""), "has 129 numbers: an answer"},
+        {"oid beyond 32 bits", record(snmp + R"("SNMP_VERSION":"v1","OID":".1.3.4294967297")"),
+         "number 4294967297, and"},
+        {"oid of nobody", record(snmp + R"("SNMP_VERSION":"v1","OID":".3.1")"), "OID '.3.1' cannot be: an OID begins"},
         {"oid letters", record(snmp + R"("SNMP_VERSION":"v1","OID":".1.x")"), "OID '.1.x' is not numbers with dots"},
     };
     for (const auto& [title, text, finding] : rows) {

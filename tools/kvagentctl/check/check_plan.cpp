@@ -14,6 +14,7 @@
 #include "queryconf/query_config.h"
 #include "tools/kvagentctl/agent_process.h"
 #include "tools/kvagentctl/check/check_parts.h"
+#include "tools/kvagentctl/check/plan_text.h"
 #include "tools/kvagentctl/readable_file.h"
 
 namespace kv::control {
@@ -178,7 +179,12 @@ void CheckPlan(Findings& findings, std::u16string_view path, const std::string& 
     if (const std::string fault = FileFault(path); !fault.empty()) return findings.Error(where, fault);
     const PlanFile plan = ReadPlanFile(path);
     for (const std::string& line : lines) findings.Warn(where, line);
-    if (!plan.document) return findings.Error(where, plan.failure + ": the agent would refuse it");
+    if (!plan.document) {
+        std::string bytes;
+        const bool isRead = ReadWholeFile(path, bytes) == platform::error::success;
+        if (isRead) return findings.list.push_back(FaultOfPlanText(where, bytes, plan.failure));
+        return findings.Error(where, plan.failure + ": the agent would refuse it");
+    }
     if (!plan.notice.empty()) findings.Warn(where, plan.notice);
     WarnOfEscapes(findings, where, path);
     lines.clear();

@@ -1,5 +1,7 @@
 // What kvagentctl check says of a record of a plan.
 #include <algorithm>
+#include <charconv>
+#include <cstdint>
 #include <cstdlib>
 #include <filesystem>
 #include <fmt/format.h>
@@ -213,19 +215,39 @@ void CheckScript(const Subject& subject) {
         CheckName(subject, *name);
 }
 
+constexpr std::uint32_t largestSubId = 4294967294;  // see ConvertToOidOrIpFromString
+
+/// The first number of an OID that is larger than the engine asks for; empty when none is. It would wrap at 32 bits.
+std::string NumberTooLarge(const std::string& oid) {
+    for (std::size_t at = 0; at < oid.size();) {
+        const std::string number = oid.substr(at, oid.find('.', at) - at);
+        std::uint64_t value = 0;
+        const auto parsed = std::from_chars(number.data(), number.data() + number.size(), value);
+        if (parsed.ec == std::errc::result_out_of_range || value > largestSubId) return number;
+        at += number.size() + 1;
+    }
+    return "";
+}
+
 /// What is wrong with one OID; empty when nothing is.
 std::string OidFault(const std::string& oid) {
+    constexpr std::uint32_t mostBehindSmall = 39;  // the second number is encoded together with a first one of 0 or 1
     if (!oid.starts_with('.')) return "does not begin with a dot";
+    if (const std::string number = NumberTooLarge(oid); !number.empty())
+        return fmt::format("has the number {}, and the largest that is asked for is {}", number, largestSubId);
     snmp::SubIds subIds;
     const std::int32_t count = snmp::ConvertToOidOrIpFromString(subIds, oid, false);
     if (count < 1) return "is not numbers with dots between";
     if (count > snmp::asnMaxBuildSubIds) return fmt::format("has {} numbers: it is not sent", count);
     if (count > snmp::maxReceivedSubIds)
         return fmt::format("has {} numbers: an answer with more than {} is not read", count, snmp::maxReceivedSubIds);
+    if (subIds[0] > 2 || (subIds[0] < 2 && count > 1 && subIds[1] > mostBehindSmall))
+        return "cannot be: an OID begins with 0, 1 or 2, and behind 0 and 1 comes a number up to 39";
     return "";
 }
 
 void CheckOids(const Subject& subject) {
+    constexpr std::size_t mostShown = 60;
     const std::string oids = Utf8FromWide(subject.text(u"OID").value_or(u""));
     bool isAny = false;
     for (std::size_t at = 0; at < oids.size();) {
@@ -234,7 +256,8 @@ void CheckOids(const Subject& subject) {
         if (oid.empty()) continue;
         isAny = true;
         const std::string fault = OidFault(oid);
-        if (!fault.empty()) subject.Error(fmt::format("OID '{}' {}", oid, fault), "as in .1.3.6.1.2.1.1.3.0");
+        const std::string shown = oid.size() > mostShown ? oid.substr(0, mostShown) + "..." : oid;
+        if (!fault.empty()) subject.Error(fmt::format("OID '{}' {}", shown, fault), "as in .1.3.6.1.2.1.1.3.0");
     }
     if (!isAny) subject.Error("OID is missing: nothing is asked");
 }
