@@ -308,6 +308,19 @@ TEST_F(SetupAndCheck, CheckFindsWhatIsWrongWithAPlan) {
     Registry({"set", agentKey + "\\Monitoring", "AllowedScripts", "other.sh"});
     Write(plan, record(R"("script":"plain.sh","Name":"N")"));
     EXPECT_THAT(Run({"check", plan}).output, HasSubstr("plain.sh is not run: AllowedScripts does not have it"));
+    const std::tuple<const char*, const char*, const char*> limits[] = {
+        {"AllowedScripts", "plain.sh, no.sh",
+         "note: setting Monitoring\\AllowedScripts: allows 1 of 9 scripts below conf"},
+        {"AllowedScripts", "PLAIN.sh", "AllowedScripts: allows none of 9 scripts below conf/scripts; give paths"},
+        {"AllowedServices", "*.service", "AllowedServices: allows every service"},
+        {"AllowedRequests", "start*, TEST_*", "AllowedRequests: allows TEST_MONITOR, START_SERVICE\n"},
+        {"AllowedRequests", "", "AllowedRequests: is empty, so nothing is allowed"},
+    };
+    for (const auto& [name, value, told] : limits) {
+        Registry({"set", agentKey + "\\Monitoring", name, value});
+        EXPECT_THAT(Run({"check", plan}).output, HasSubstr(told));
+    }
+    Registry({"delete", agentKey + "\\Monitoring", "AllowedScripts"});
     Write(conf / "slaves" / "S1" / "queryconf.txt", R"({"WorkFlows_S1":[5]})");
     EXPECT_THAT(Run({"check"}).output, HasSubstr("plans of slaves: are not loaded"));
     Registry({"set", agentKey + "\\Monitoring", "MasterAgent", "yes"});

@@ -30,6 +30,9 @@ void CheckPermissions(Findings& findings, const std::string& what, std::u16strin
 /// whenUnreadable.
 [[nodiscard]] bool CheckSettings(Findings& findings, Severity whenUnreadable);
 
+/// What the limits for the server allow on this computer: requests, services and the scripts that are there.
+void CheckLimits(Findings& findings);
+
 /// What a check of one plan knows beyond the record at hand.
 struct PlanContext {
     std::map<std::u16string, std::string> places = {};  // of the names of the records so far

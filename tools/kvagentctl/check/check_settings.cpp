@@ -268,6 +268,7 @@ bool CheckSettings(Findings& findings, Severity whenUnreadable) {
     CheckUnknownNames(findings);
     CheckTogether(findings);
     CheckMetricsFile(findings);
+    CheckLimits(findings);
     CheckTrust(findings);
     CheckRegistryFile(findings);
     CheckInstallDirectory(findings);
