@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "foundation/time_utils.h"
+#include "platform/files.h"
 #include "platform/messages.h"
 
 namespace kv {
@@ -132,8 +133,8 @@ void NoteCollectionResumed() noexcept {
 
 void NoteLostRecord(std::u16string_view name, std::u16string_view path, platform::Error reason) noexcept {
     NoteLoss([&] {
-        return LogText("the record %s in %s cannot be written and is lost: %s", name, path,
-                       platform::MessageInLine(reason));
+        return LogText("the record %s in %s cannot be written and is lost: %s", name,
+                       platform::Files().NativePath(path), platform::MessageInLine(reason));
     });
 }
 

@@ -20,6 +20,7 @@
 #include "jsontext/hash_json.h"
 #include "platform/clock.h"
 #include "platform/files.h"
+#include "platform/utf.h"
 #include "queryconf/conf_paths.h"
 #include "queryconf/schedule.h"
 
@@ -276,8 +277,12 @@ const char* WithoutThisPlan(bool isReadAgain = false) {
                        : "nothing is collected until the next start or the next plan";
 }
 
-/// What kvagentctl status says of an agent that began without a plan, also once the file is there.
-std::string PlanObstacle(const std::string& failure, bool isReadAgain) {
+/// What kvagentctl status says of an agent that began without a plan, also once the file is there. The failure begins
+/// with the file's name, which depends on the working directory.
+std::string PlanObstacle(std::u16string_view fileName, std::string failure, bool isReadAgain) {
+    const std::string name = platform::Utf8FromWide(fileName);
+    if (failure.starts_with(name))
+        failure.replace(0, name.size(), platform::Utf8FromWide(Files().NativePath(UnderBinPath(fileName))));
     return "no plan could be read at the start, " + failure +
            (isReadAgain ? "; it begins when that can be opened" : "; the next start or the next plan begins it");
 }
@@ -311,7 +316,7 @@ void LoadQueryConfig(std::u16string_view agent, std::optional<std::u16string_vie
     const bool isReadAgain = NoteUnread(agent, name, read);
     if (!read.ok) {
         Log1("\t LoadQueryConfig :: %s; %s \n", read.message, WithoutThisPlan(isReadAgain));
-        if (!agentState.gv_queryConfHash) NoteObstacle(PlanObstacle(read.message, isReadAgain));
+        if (!agentState.gv_queryConfHash) NoteObstacle(PlanObstacle(name, read.message, isReadAgain));
         return;
     }
     if (!read.message.empty()) Log1("\t LoadQueryConfig :: %s \n", read.message);
