@@ -156,7 +156,10 @@ std::string ValueCases(const Command& command) {
             patterns += fmt::format("{}'{} {}' | '{} '*' {}'", patterns.empty() ? "" : " | ", command.name, name,
                                     command.name, name);
         }
-        cases += fmt::format("        {}) {}; return ;;\n", patterns, Completion(FirstWord(option.values)));
+        if (option.choices.empty())
+            cases += fmt::format("        {}) {}; return ;;\n", patterns, Completion(FirstWord(option.values)));
+        else
+            cases += fmt::format("        {}) words='{}' ;;\n", patterns, option.choices);
     }
     return cases;
 }

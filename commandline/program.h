@@ -30,6 +30,7 @@ struct Option {
     std::string_view text;    // a phrase
     Times times = Times::atMostOnce;
     std::string_view shortName = {};  // one dash and a letter, as "-p"; the value is found by the long name
+    std::string_view choices = {};    // as those of a word
 };
 
 /// The short name, where an option has one, and the name.
@@ -53,6 +54,9 @@ struct Command {
     void (*run)(const Given& given);
     std::string_view itemsTitle = {};
     std::span<const Item> items = {};
+    /// Called before a wrong command line is told in the usual way, with its words and the reason. A command that has
+    /// to answer in another way does so and throws ExitWith.
+    void (*refused)(const std::vector<std::string>& words, const std::string& reason) = nullptr;
 };
 
 struct Program {

@@ -92,6 +92,27 @@ std::string WithoutMark(std::string word) {
 
 bool IsLeaf(const CLI::App& app) { return app.get_subcommands({}).empty(); }
 
+/// "; did you mean check?"; empty when no name is near.
+std::string NearName(const std::string& word, const std::vector<std::string>& names) {
+    std::vector<std::u16string> wide;
+    for (const std::string& name : names) wide.push_back(platform::WideFromUtf8(name));
+    const std::vector<std::u16string_view> known(wide.begin(), wide.end());
+    const std::u16string_view nearest = platform::NearestName(platform::WideFromUtf8(word), known);
+    return nearest.empty() ? "" : fmt::format("; did you mean {}?", platform::Utf8FromWide(nearest));
+}
+
+/// The same among the options of a command. A letter alone is near each that begins with it.
+std::string NearOption(const Command& command, const std::string& word) {
+    const std::string_view name = std::string_view(word).substr(0, word.find('='));
+    std::vector<std::string> names;
+    for (const Option& option : command.options) {
+        const bool beginsSo = name.size() == 2 && option.name.starts_with(fmt::format("-{}", name));
+        if (beginsSo) return fmt::format("; did you mean {}?", option.name);
+        names.emplace_back(option.name);
+    }
+    return NearName(std::string(name), names);
+}
+
 /// A program as CLI11 knows it.
 class Parser {
   public:
@@ -238,18 +259,19 @@ void Parser::RefuseExtra(const std::string& word) const {
         throw UsageError(fmt::format("{} stands behind {} and before --", word, reached.get_name()));
     const std::string others = CommandsWith(word);
     if (!others.empty()) throw UsageError(fmt::format("{} goes with {} only", word, others));
-    const bool isOption = word.starts_with('-') && word != "--";
-    throw UsageError(fmt::format("{} '{}'", isOption ? "unknown option" : "unexpected", word));
+    const Command& command = *commands_.at(&reached);
+    if (word.starts_with('-') && word != "--")
+        throw UsageError(fmt::format("unknown option '{}'{}", word, NearOption(command, word)));
+    const bool takesWords = !command.words.empty() || command.options.empty();
+    const std::string reason =
+        takesWords ? "" : fmt::format(": {} takes options only; a value with blanks stands in quotes", command.name);
+    throw UsageError(fmt::format("unexpected '{}'{}", word, reason));
 }
 
-/// "; did you mean check?"; empty when no command is near.
 std::string Parser::NearCommand(const std::string& word) const {
-    std::vector<std::u16string> names;
-    for (const CLI::App* command : app_.get_subcommands({}))
-        names.push_back(platform::WideFromUtf8(command->get_name()));
-    const std::vector<std::u16string_view> known(names.begin(), names.end());
-    const std::u16string_view nearest = platform::NearestName(platform::WideFromUtf8(word), known);
-    return nearest.empty() ? "" : fmt::format("; did you mean {}?", platform::Utf8FromWide(nearest));
+    std::vector<std::string> names;
+    for (const CLI::App* command : app_.get_subcommands({})) names.push_back(command->get_name());
+    return NearName(word, names);
 }
 
 /// "fault needs set, clear or list".
@@ -277,18 +299,18 @@ std::string Parser::CommandsWith(std::string_view option) const {
     return fmt::format("{}", fmt::join(names, ", "));
 }
 
-/// The command whose help tells of words: "kvagentctl query"; the program alone when they begin with no command.
-std::string NameForHelp(const Program& program, const std::vector<std::string>& words) {
+/// The command that words begin with; null when they begin with none.
+const Command* CommandOf(const Program& program, const std::vector<std::string>& words) {
     for (const std::span<const Command> topic : program.topics) {
         for (const Command& command : topic) {
             const std::size_t count = command.name.find(' ') == std::string_view::npos ? 1 : 2;
             if (words.size() < count) continue;
             if (fmt::format("{}", fmt::join(words.begin(), words.begin() + static_cast<std::ptrdiff_t>(count), " ")) ==
                 command.name)
-                return fmt::format("{} {}", program.name, command.name);
+                return &command;
         }
     }
-    return std::string(program.name);
+    return nullptr;
 }
 
 int Failure(const Program& program, int exitCode, const std::string& message, const std::string& hint = "") {
@@ -298,12 +320,24 @@ int Failure(const Program& program, int exitCode, const std::string& message, co
     return exitCode;
 }
 
+/// Tells of a wrong command line, which some commands do by themselves.
+int WrongUsage(const Program& program, const std::vector<std::string>& words, const std::string& reason) {
+    constexpr int wrongUsage = 2;
+    const Command* const command = CommandOf(program, words);
+    try {
+        if (command && command->refused) command->refused(words, reason);
+    } catch (const ExitWith& result) {
+        return result.code;
+    }
+    const std::string place = command ? fmt::format(" {}", command->name) : "";
+    return Failure(program, wrongUsage, reason, fmt::format(" (see {}{} --help)", program.name, place));
+}
+
 }  // namespace
 
 int RunCommandLine(const Program& program, const std::vector<std::string>& words) {
     constexpr int success = 0;
     constexpr int failure = 1;
-    constexpr int wrongUsage = 2;
     constexpr int notFound = 3;
     constexpr const char* unwritable = "standard output cannot be written";
     try {
@@ -321,7 +355,7 @@ int RunCommandLine(const Program& program, const std::vector<std::string>& words
         Failure(program, failure, unwritable);
         return result.code != success ? result.code : failure;
     } catch (const UsageError& error) {
-        return Failure(program, wrongUsage, error.what(), fmt::format(" (see {} --help)", NameForHelp(program, words)));
+        return WrongUsage(program, words, error.what());
     } catch (const NotFoundError& error) {
         return Failure(program, notFound, error.what());
     } catch (const std::exception& error) {

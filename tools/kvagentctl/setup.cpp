@@ -307,7 +307,10 @@ const commandline::Command& SetupVerb() {
          "default: that of the URL (without one 443 for https and 80 for http, whatever was stored); for a mere name "
          "as "
          "before, else 8443 for https and 8080 for http"},
-        {"--protocol", "PROTOCOL", "https or http; default: as before, else https"},
+        {.name = "--protocol",
+         .values = "PROTOCOL",
+         .text = "https or http; default: as before, else https",
+         .choices = "https http"},
         {"--customer", "NAME", "the customer, as the server knows it; default: as before, else Default"},
         {"--office", "NAME", "the office, as the server knows it; default: as before, else Default"},
         {"--ip", "ADDRESS", "the server's address; default: what the name leads to"},

@@ -280,7 +280,7 @@ constexpr commandline::Option options[] = {
     {"--port", "PORT", "Agent Port [161]", commandline::Times::atMostOnce, "-p"},
     {"--community", "TEXT", "Community String [public]", commandline::Times::atMostOnce, "-c"},
     {"--timeout", "SECONDS", "TimeOut Value in seconds [5], for each datagram", commandline::Times::atMostOnce, "-t"},
-    {"--version", "VERSION", "v1 or v2c [v1]; 64-bit counters need v2c"},
+    {.name = "--version", .values = "VERSION", .text = "v1 or v2c [v1]; 64-bit counters need v2c", .choices = "v1 v2c"},
     {"--json", "", "prints an array of objects with oid, type and value"},
 };
 

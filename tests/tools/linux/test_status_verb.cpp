@@ -220,7 +220,8 @@ TEST_F(StatusVerb, EndsAsAMonitoringPlugin) {
         EXPECT_TRUE(std::regex_match(outcome.output, line)) << outcome.output;
     }
     EXPECT_EQ(Run({"status", "--warning-age", "5"}).exitCode, 2);
-    for (const Words& wrong : {Words{"--json"}, {"--warning-age", "999"}, {"--warning-free", "x"}}) {
+    for (const Words& wrong :
+         {Words{"--json"}, {"--warning-age", "999"}, {"--warning-free", "x"}, {"--warning-age"}, {"--port", "10"}}) {
         Words words{"status", "--plugin"};
         words.insert(words.end(), wrong.begin(), wrong.end());
         const Outcome outcome = Run(words);

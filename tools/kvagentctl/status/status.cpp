@@ -287,6 +287,11 @@ Thresholds ReadThresholds(const Given& given) {
     return limits;
 }
 
+void PrintUnknown(const std::string& reason) {
+    const std::string line = fmt::format("KVAGENT UNKNOWN - {}\n", PluginText(reason));
+    static_cast<void>(std::fputs(line.c_str(), std::ferror(stdout) != 0 ? stderr : stdout));
+}
+
 /// Monitoring takes the exit codes of a failure for a state of the agent, so that every failure here is "unknown".
 [[noreturn]] void RunAsPlugin(const Given& given) {
     PluginStatus severity = PluginStatus::unknown;
@@ -297,10 +302,16 @@ Thresholds ReadThresholds(const Given& given) {
         severity = PrintForMonitoring(facts, JudgeFacts(facts, limits), limits);
     } catch (const std::exception& error) {
         severity = PluginStatus::unknown;
-        const std::string line = fmt::format("KVAGENT UNKNOWN - {}\n", PluginText(error.what()));
-        static_cast<void>(std::fputs(line.c_str(), std::ferror(stdout) != 0 ? stderr : stdout));
+        PrintUnknown(error.what());
     }
     throw commandline::ExitWith{static_cast<int>(severity)};
+}
+
+/// Of a wrong command line monitoring would take the exit code for "critical".
+void RefuseAsPlugin(const std::vector<std::string>& words, const std::string& reason) {
+    if (std::find(words.begin(), words.end(), "--plugin") == words.end()) return;
+    PrintUnknown(reason + " (see kvagentctl status --help)");
+    throw commandline::ExitWith{static_cast<int>(PluginStatus::unknown)};
 }
 
 void RunStatus(const Given& given) {
@@ -332,6 +343,7 @@ const commandline::Command& StatusVerb() {
         .words = {},
         .options = options,
         .run = RunStatus,
+        .refused = RefuseAsPlugin,
     };
     return verb;
 }
