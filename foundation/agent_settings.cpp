@@ -188,7 +188,8 @@ std::string WrongPart(const AgentSetting& setting, std::u16string_view value) {
         return fmt::format(", of at most {} characters, not of {}", longestHost, value.size());
     if (isHost) return isNot(value, HostFault(value));
     if (setting.rule == protocol) return isNot(value, ", which counts as http");
-    if (setting.rule == keyPins) return isNot(ReadKeyPins(value).wrong);
+    if (setting.rule == keyPins)
+        return isNot(ReadKeyPins(value).wrong, "; kvagentctl pin fetches and stores that of the server");
     if (setting.rule != requestTypes) return isNot(value);
     const std::u16string wrong = UnfitRequestPattern(value);
     if (!WordForAll(wrong).empty()) return isNot(wrong, "; * stands for all, and an absent setting too");
@@ -214,11 +215,22 @@ std::string PatternDoubt(std::u16string_view list, bool areScripts) {
     return "";
 }
 
+bool EndsInSlash(std::u16string_view path) { return path.ends_with(u'\\') || path.ends_with(u'/'); }
+
+/// Whether a directory is the one that the agent looks for below it.
+bool IsMonitoringFolder(std::u16string_view directory) {
+    while (EndsInSlash(directory)) directory.remove_suffix(1);
+    const std::u16string_view name = directory.substr(directory.find_last_of(u"\\/") + 1);
+    return SameText(name, u"monitoring");
+}
+
 /// The same as SettingDoubt, of a text.
 std::string TextDoubt(const AgentSetting& setting, std::u16string_view value) {
     const bool isScript = setting.rule == scriptPatterns;
     if (setting.rule == bypassList && value.find(u',') != std::u16string_view::npos)
         return "has a comma, which parts nothing here; put ; between the hosts";
+    if (setting.rule == directory && IsMonitoringFolder(value))
+        return "ends in monitoring, below which the agent looks for another directory of that name; leave it out";
     if (isScript || setting.rule == servicePatterns) return PatternDoubt(value, isScript);
     if (setting.rule == metricsPath && !value.empty() && !value.ends_with(u".prom"))
         return "does not end in .prom, and the textfile collector of node_exporter reads only such files";
@@ -260,7 +272,7 @@ bool SettingTakes(const AgentSetting& setting, std::u16string_view value) {
         case metricsPath:
             return value.empty() || (IsWholePath(value) && !IsAgentFile(value));
         case directory:
-            return value.ends_with(u'\\') || value.ends_with(u'/');
+            return IsWholePath(value) && EndsInSlash(value);
         case host:
             return HostFault(value).empty();
         case optionalHost:
@@ -305,7 +317,7 @@ std::string SettingTaken(const AgentSetting& setting) {
         case metricsPath:
             return "a whole path, of a file that is not one of the agent's own";
         case directory:
-            return "a directory with a slash at its end";
+            return "the whole path of a directory, from the root on, with a slash at its end";
         case host:
             return "a name or an address, without scheme and port";
         case optionalHost:

@@ -19,7 +19,7 @@ enum class SettingRule {
     text,             // not empty, without control characters
     wholePath,        // from the root on
     metricsPath,      // the same, and not one of the agent's own files; or empty
-    directory,        // ends in a slash or backslash, because paths are appended to it
+    directory,        // the same; ends in a slash or backslash, because paths are appended to it
     host,             // a name or an address, without scheme and port
     optionalHost,     // the same, or up to two characters, such as "--", for no address
     port,             // decimal, 1 to 65535

@@ -94,7 +94,7 @@ TEST(AgentSettings, TakeWhatTheAgentCanUse) {
           u"1::2::3", u"1.2.3.4::", u"[::1"}},
         {"second", serverInfoKeyPath, u"KVServerSecIPAddress", {u"--", u"", u"192.0.2.1"}, {u"http://cs"}},
         {"flag", agentKeyPath, u"ProxyEnabled", {u"yes", u"NO"}, {u"true", u"1", u""}},
-        {"directory", agentKeyPath, u"KVAgentInstallDir", {u"/opt/k/", u"C:\\K\\"}, {u"/opt/k", u""}},
+        {"directory", agentKeyPath, u"KVAgentInstallDir", {u"C:/k/", u"C:\\K\\"}, {u"C:/k", u"", u"k/"}},
         {"password", agentKeyPath, u"ProxyPassword", {u"c2VjcmV0", u""}, {u"secret!"}},
         {"number", agentKeyPath, u"AgentLogLevel", {}, {u"2"}},
     };
@@ -115,6 +115,7 @@ TEST(AgentSettings, TakeWhatTheAgentCanUse) {
 TEST(AgentSettings, RaiseDoubtsAboutWhatTheyTake) {
     const std::tuple<std::u16string_view, const char16_t*, const char16_t*> rows[] = {
         // name, without a doubt, with one
+        {u"KVAgentInstallDir", u"c:\\monitoring\\kv\\", u"c:\\kv\\Monitoring\\"},
         {u"AllowedServices", u"nginx, MSSQL$X, php*-fpm", u"^ssh$"},
         {u"AllowedServices", u"", u"a,'b'"},
         {u"AllowedServices", u"a@b", u"/usr/sbin/nginx"},
@@ -125,7 +126,8 @@ TEST(AgentSettings, RaiseDoubtsAboutWhatTheyTake) {
         {u"AllowedScripts", u"a/c:", u"C:\\x"},
     };
     for (const auto& [name, sound, odd] : rows) {
-        const AgentSetting* const setting = FindAgentSetting(monitoringKeyPath, name);
+        const AgentSetting* const ofAgent = FindAgentSetting(agentKeyPath, name);
+        const AgentSetting* const setting = ofAgent ? ofAgent : FindAgentSetting(monitoringKeyPath, name);
         const auto doubt = [&](const char16_t* text) {
             const std::string bytes = Utf16LittleEndianBytes(text);
             return SettingDoubt(*setting, platform::RegistryType::text, std::as_bytes(std::span(bytes)));

@@ -18,7 +18,7 @@ TEST_F(Kvreg, KnowsTheSettingsOfTheAgent) {
         {"not a port", {serverKey, "kvserversecureport", "abc"}, 2, "a port number from 1 to 65535, not 'abc'"},
         {"a slip in a value", {serverKey, "KVServerProtocol", "htp"}, 2, "takes https or http, not 'htp'"},
         {"the same by force", {serverKey, "KVServerProtocol", "htp", "--force"}, 0, ""},
-        {"no slash", {agentKey, "KVAgentInstallDir", "/opt/kestrova"}, 2, "a directory with a slash at its end"},
+        {"no slash", {agentKey, "KVAgentInstallDir", "/opt/kestrova"}, 2, "with a slash at its end"},
         {"a secret", {agentKey, "ProxyPassword", "secret!"}, 2, "ProxyPassword takes Base64; --force"},
         {"a slip in a name", {serverKey, "KVServerNam", "cs"}, 0, "did you mean ServerInfo\\KVServerName?"},
         {"the wrong key", {agentKey, "KVServerName", "cs"}, 0, "did you mean ServerInfo\\KVServerName?"},
