@@ -239,13 +239,22 @@ std::string Silence(const Request& request, const std::vector<std::string>& line
                        request.host, request.port, request.timeout);
 }
 
+/// What a get without a value may lack: the ".0" of a value that stands alone.
+std::string InstanceHint(const Request& request) {
+    const bool allEndSo = std::all_of(request.oids.begin(), request.oids.end(),
+                                      [](const std::string& oid) { return oid.ends_with(".0"); });
+    return request.type != snmpGet || allEndSo ? ""
+                                               : "; a value that stands alone has .0 at its end, and gnext finds it";
+}
+
 /// Throws when the device answered with an error and so without values. It then repeats what it was asked.
 void RefuseErrorAnswer(const Request& request, const std::vector<std::string>& lines) {
     if (request.type == snmpWalk) return;
     for (const std::string& line : lines) {
         if (line.find("error status") == line.npos) continue;
         if (line.find("error status 2 ") == line.npos) throw std::runtime_error(line);
-        throw NotFoundError(line + ": noSuchName, it lacks that OID, and in SNMPv1 gives no other then");
+        throw NotFoundError(line + ": noSuchName, it lacks that OID, and in SNMPv1 gives no other then" +
+                            InstanceHint(request));
     }
 }
 
@@ -264,9 +273,10 @@ void Run(const Given& given) {
     for (const std::string& line : lines) fmt::print(stderr, "{}\n", line);
     const std::string missing = WithoutValue(request, *response);
     if (missing.empty()) return;
-    throw NotFoundError(request.type == snmpWalk ? fmt::format("{} gives no value below {}; get asks for an OID itself",
-                                                               request.host, missing)
-                                                 : fmt::format("{} gives no value for {}", request.host, missing));
+    throw NotFoundError(
+        request.type == snmpWalk
+            ? fmt::format("{} gives no value below {}; get asks for an OID itself", request.host, missing)
+            : fmt::format("{} gives no value for {}{}", request.host, missing, InstanceHint(request)));
 }
 
 constexpr commandline::Word words[] = {

@@ -239,6 +239,7 @@ TEST_F(StatusVerb, NamesWhatIsNotThereAndMakesNothing) {
     for (const char* verb : {"log", "collect", "pin"}) EXPECT_EQ(Run({verb}).exitCode, 3) << verb;
     EXPECT_EQ(Run({"setup", "--port", "1"}).exitCode, 3);
     EXPECT_THAT(outcome.output, HasSubstr("settings:  not known: there is no " + Utf8(folder / "state")));
+    EXPECT_THAT(Run({"status", "--json"}).output, HasSubstr("\"isRunning\": null"));
     EXPECT_THAT(Run({"status", "--plugin"}).output, StartsWith("KVAGENT UNKNOWN - settings: there is no "));
     EXPECT_FALSE(fs::exists(folder / "state"));
 }

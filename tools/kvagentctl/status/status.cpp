@@ -43,10 +43,12 @@ constexpr commandline::Option options[] = {
 
 using Line = std::pair<std::string, std::string>;
 
+bool IsActivityKnown(const AgentFacts& facts) {
+    return facts.isRunning || (facts.registryFailure.empty() && facts.healthFailure.empty() && !facts.isInstallLost);
+}
+
 std::string AgentText(const AgentFacts& facts) {
-    const bool isKnown =
-        facts.isRunning || (facts.registryFailure.empty() && facts.healthFailure.empty() && !facts.isInstallLost);
-    std::string text = facts.isRunning ? "runs" : isKnown ? "does not run" : "not known whether it runs";
+    std::string text = facts.isRunning ? "runs" : IsActivityKnown(facts) ? "does not run" : "not known whether it runs";
     if (!facts.process.empty()) text += ", " + facts.process;
     return fmt::format("{} (service: {})", text, facts.service);
 }
@@ -204,7 +206,7 @@ void PrintJson(const AgentFacts& facts, const std::vector<Problem>& problems) {
     const bool isPlaceKnown = facts.hasPlace();
     const JsonPtr object(
         JsonObject({{"version", JsonText(std::string(programVersion))},
-                    {"isRunning", json_object_new_boolean(facts.isRunning)},
+                    {"isRunning", IsActivityKnown(facts) ? json_object_new_boolean(facts.isRunning) : nullptr},
                     {"service", JsonText(facts.service)},
                     {"process", facts.process.empty() ? nullptr : JsonText(facts.process)},
                     {"directory", facts.binPath.empty() ? nullptr : JsonText(facts.binPath)},
