@@ -26,6 +26,8 @@ std::u16string Quoted(std::u16string_view text) {
     return quoted + u"'";
 }
 
+std::u16string QuotedFile(std::u16string_view path) { return Quoted(WideFromUtf8(NativePathOf(path))); }
+
 /// Blanks and tabs separate arguments, double quotes keep them together and are removed, \" is a literal quote, and any
 /// other backslash stands for itself. Quotes around nothing make an empty argument.
 std::vector<std::u16string> SplitArguments(std::u16string_view text) {
@@ -69,8 +71,8 @@ std::u16string ComposeScriptLine(const ScriptCommand& command) {
     if (path.find('/') == std::string::npos) path.insert(0, "./");
     std::u16string line = u"exec " + Interpreter(command, path) + Quoted(WideFromUtf8(path));
     for (const std::u16string& argument : SplitArguments(command.arguments)) line += u" " + Quoted(argument);
-    if (!command.outputPath) return line + u">/dev/null";
-    return line + u">>" + Quoted(WideFromUtf8(NativePathOf(*command.outputPath)));
+    line += command.outputPath ? u">>" + QuotedFile(*command.outputPath) : u">/dev/null";
+    return command.errorsPath ? line + u" 2>>" + QuotedFile(*command.errorsPath) : line;
 }
 
 ScriptOutputEncoding GetScriptOutputEncoding(std::u16string_view scriptHost) {

@@ -69,6 +69,7 @@ std::u16string ComposeScriptLine(const ScriptCommand& command) {
     // A script that waits for input would wait until its limit. The blank keeps a number at the end an argument.
     line += u" <nul";
     if (command.outputPath) line += u" >>" + Quoted(*command.outputPath);
+    if (command.errorsPath) line += u" 2>>" + Quoted(*command.errorsPath);
     return line + u"\"";
 }
 

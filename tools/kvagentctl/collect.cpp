@@ -28,6 +28,8 @@
 #include "tools/kvagentctl/log/log_entries.h"
 #include "tools/kvagentctl/output.h"
 #include "tools/kvagentctl/readable_file.h"
+#include "tools/kvagentctl/script_errors.h"
+#include "tools/kvagentctl/script_file.h"
 #include "tools/kvagentctl/verbs.h"
 
 namespace kv::control {
@@ -56,7 +58,8 @@ struct CollectedRecord {
     std::optional<std::string> text;  // UTF-8; absent when no record was written
     std::size_t bytes = 0;            // of its file
     std::uint64_t milliseconds = 0;
-    std::vector<std::string> lines;  // what the agent would log
+    std::vector<std::string> lines;   // what the agent would log
+    std::vector<std::string> errors;  // what a script has written to standard error
     bool isFailure = false;
 };
 
@@ -223,7 +226,23 @@ bool WantsRecord(const PlannedRecord& planned) {
     return planned.kind != "script" || CompareIgnoreCase(MemberText(planned.record, u"response_needed"), u"true") == 0;
 }
 
-CollectedRecord Collect(const PlannedRecord& planned, const std::u16string& folder) {
+/// What keeps a script from running as it is meant to; empty when nothing is known to, and when it seems to have run.
+std::string ScriptFault(const PlannedRecord& planned, const CollectedRecord& collected) {
+    constexpr std::string_view signs[] = {" failed: Error Code : 2", " failed: Error Code : 126",
+                                          " failed: Error Code : 127"};
+    const bool hasSign = std::any_of(collected.lines.begin(), collected.lines.end(), [&signs](const std::string& line) {
+        return std::any_of(std::begin(signs), std::end(signs),
+                           [&line](std::string_view sign) { return line.ends_with(sign); });
+    });
+    if (planned.kind != "script" || (!hasSign && collected.errors.empty())) return "";
+    const std::u16string path = agentState.gv_ocAgentBinPath.value_or(u"") + u"..\\conf\\scripts\\" +
+                                MemberText(planned.record, u"script").value_or(u"");
+    const std::optional<platform::FilePermissions> permissions = platform::GetFilePermissions(path);
+    const std::string fault = permissions ? FirstLineFault(path, permissions->isExecutable) : "";
+    return fault.empty() ? "" : fmt::format("the script {} {}", NativeName(path), fault);
+}
+
+CollectedRecord Collect(const PlannedRecord& planned, const std::u16string& folder, ScriptErrors& errors) {
     CollectedRecord collected;
     const std::uint64_t begin = platform::Clock().GetTickCount64();
     const std::uint64_t failedBefore = agentHealth.queriesFailed;
@@ -237,6 +256,9 @@ CollectedRecord Collect(const PlannedRecord& planned, const std::u16string& fold
     }
     collected.milliseconds = platform::Clock().GetTickCount64() - begin;
     TakeRecordFile(folder, collected);
+    collected.errors = errors.Take();
+    if (std::string fault = ScriptFault(planned, collected); !fault.empty())
+        collected.lines.push_back(std::move(fault));
     if (planned.kind.empty()) {
         collected.lines.emplace_back("it has neither wmiQuery nor script nor PROTOCOL, and is skipped");
         collected.isFailure = true;
@@ -274,6 +296,7 @@ void PrintRecord(const PlannedRecord& planned, const CollectedRecord& collected)
         if (!text.ends_with('\n')) fmt::print("\n");
         if (!json) fmt::print("   not JSON: the server may not understand it\n");
     }
+    for (const std::string& line : collected.errors) fmt::print("   stderr: {}\n", InLine(line));
     for (const std::string& line : collected.lines) fmt::print("   log: {}\n", ReadableEntry(line));
     fmt::print("\n");
     commandline::FlushOutput();
@@ -305,6 +328,7 @@ json_object* JsonOf(const PlannedRecord& planned, const CollectedRecord& collect
     json_object_object_add(object, "bytes", json_object_new_uint64(collected.bytes));
     JsonPtr record = collected.text ? ParsedJson(*collected.text) : JsonPtr(nullptr, json_object_put);
     json_object_object_add(object, "record", record || !collected.text ? record.release() : JsonText(*collected.text));
+    json_object_object_add(object, "stderr", JsonTexts(collected.errors));
     json_object_object_add(object, "log", JsonTexts(collected.lines));
     return object;
 }
@@ -331,13 +355,14 @@ void LetInterruptsEndScripts() {
 std::size_t CollectAll(const std::vector<PlannedRecord>& records, bool asJson) {
     constexpr int interrupted = 130;  // as shells number the end by Ctrl-C
     platform::WatchForInterrupt();
-    LetInterruptsEndScripts();
     const platform::TemporaryFolder folder;
+    ScriptErrors errors(folder.path());
+    LetInterruptsEndScripts();
     const JsonPtr list(json_object_new_array(), json_object_put);
     std::size_t failed = 0;
     std::size_t done = 0;
     for (; done < records.size(); ++done) {
-        const CollectedRecord collected = Collect(records[done], folder.path());
+        const CollectedRecord collected = Collect(records[done], folder.path(), errors);
         if (platform::WasInterrupted()) break;
         if (collected.isFailure) ++failed;
         if (asJson)
@@ -378,7 +403,7 @@ constexpr commandline::Option options[] = {
      "DEVICE_NAME, AGENT_KEY or POLICY_NAME of SNMP"},
     {"--slaves", "", "the plans of the agent's slaves, too"},
     {"--json", "",
-     "prints an array of objects with names, workflow, kind, failed, milliseconds, bytes, record and log"},
+     "prints an array of objects with names, workflow, kind, failed, milliseconds, bytes, record, stderr and log"},
 };
 
 }  // namespace
@@ -387,8 +412,10 @@ const commandline::Command& CollectVerb() {
     static const commandline::Command verb{
         "collect",
         "Collects each record of a plan once, and prints it. Nothing is sent, and no file, number or setting of the "
-        "agent changes; scripts run as they would for the agent, as this user. Beneath a record stands what the agent "
-        "would log. Intervals do not count. Exit code 1 if a record fails (a script that cannot be started does, "
+        "agent changes; scripts run as they would for the agent, as this user. Beneath a record stands what its script "
+        "wrote to standard error, which the agent drops, and "
+        "what the agent would log. Intervals do not count. Exit code 1 if a record fails (a script that cannot be "
+        "started does, "
         "one that ends with another exit code than 0 does not), 3 without a plan or a record of that name, 130 when it "
         "is interrupted.",
         words, options, Run};

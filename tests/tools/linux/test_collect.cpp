@@ -86,6 +86,9 @@ TEST_F(CollectVerb, LeavesNoFolderBehindWhenInterrupted) {
 TEST_F(CollectVerb, SaysWhatIsWrong) {
     WriteScript("fails.sh", "exit 3");
     WriteScript("silent.sh", "");
+    WriteScript("tells.sh", "echo 'it \\033[1m fails' >&2; echo '{}'");
+    WriteScript("floods.sh", "yes | head -c 3000000 >&2");
+    Write(Utf8(conf / "scripts" / "crlf.sh"), "#!/bin/sh\r\necho x >&2");
     const std::string plan = Utf8(folder / "plan.txt");
     const std::tuple<const char*, std::string, Words, int, const char*, const char*> rows[] = {
         {"query",
@@ -108,6 +111,19 @@ TEST_F(CollectVerb, SaysWhatIsWrong) {
          " ms, 0 bytes\n   log: Error Code : 0\n   log: the script printed nothing: the server gets an empty",
          ""},
         {"exit code", R"({"script": "fails.sh", "Name": "F"})", {}, 0, "the record F failed: ", ""},
+        {"standard error",
+         R"({"script": "tells.sh", "Name": "T", "response_needed": "true"})",
+         {},
+         0,
+         "{\n}\n   stderr: it \\x1b[1m fails\n",
+         ""},
+        {"much of it", R"({"script": "floods.sh", "Name": "F"})", {}, 0, "y\n   stderr: (much is left out)\n", ""},
+        {"line ends",
+         R"({"script": "crlf.sh", "Name": "C"})",
+         {},
+         0,
+         "crlf.sh has CRLF line ends, so it cannot run",
+         ""},
         {"kind", R"({"wmiquery": "x", "Name": "K"})", {}, 1, "(no name): workflow W, unknown kind", ""},
         {"name", good, {"--record", "Nix"}, 3, "", "no record of the plan is called Nix; there are: System"},
         {"no records", "", {}, 3, "", "the plan has no records"},
