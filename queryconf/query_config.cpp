@@ -332,9 +332,9 @@ void LoadQueryConfig(std::u16string_view agent, std::optional<std::u16string_vie
 
 bool LoadUnreadPlans() {
     const std::uint32_t before = plansMerged;
-    for (const auto& [agent, fileName] : std::vector(unreadPlans)) {
-        if (IsDirectory(fileName) || !fileExists(fileName)) continue;
-        RunGuarded("LoadQueryConfig", [&] { LoadQueryConfig(agent, fileName); });
+    for (const UnreadPlan& plan : std::vector(unreadPlans)) {
+        if (IsDirectory(plan.fileName) || !fileExists(plan.fileName)) continue;
+        RunGuarded("LoadQueryConfig", [&] { LoadQueryConfig(plan.agent, plan.fileName); });
     }
     return plansMerged != before;
 }

@@ -1,13 +1,19 @@
 // kvagentctl query: asks this computer in WQL, as the plan's WMI records do.
+#include <algorithm>
 #include <cstdio>
 #include <fmt/format.h>
 #include <iostream>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "commandline/run.h"
+#include "foundation/file_utils.h"
+#include "foundation/text.h"
 #include "platform/console_tool.h"
 #include "platform/line_prompt.h"
+#include "platform/utf.h"
+#include "tools/kvagentctl/output.h"
 #include "tools/kvagentctl/query/query_session.h"
 #include "tools/kvagentctl/verbs.h"
 
@@ -46,6 +52,29 @@ constexpr std::size_t longestLine = std::size_t{4} * 65536;
 /// The words of a query, which may stand in one or in several arguments.
 std::string QueryText(const Given& given) {
     return fmt::format("{}", fmt::join(commandline::Values(given, "QUERY"), " "));
+}
+
+/// Whether a shell has put names of files in the place of the * of a query without quotes.
+bool IsStarExpanded(const std::vector<std::string>& words) {
+    const auto isWord = [](const std::string& word, std::u16string_view keyword) {
+        return CompareIgnoreCase(platform::WideFromUtf8(word), keyword) == 0;
+    };
+    if (words.size() < 2 || !isWord(words.front(), u"SELECT")) return false;
+    const auto from =
+        std::find_if(words.begin(), words.end(), [&isWord](const std::string& word) { return isWord(word, u"FROM"); });
+    return std::any_of(words.begin() + 1, from,
+                       [](const std::string& word) { return MayExist(platform::WideFromUtf8(word)); });
+}
+
+void RunGivenQuery(const QuerySession& session, const Given& given) try {
+    session.RunQuery(QueryText(given));
+} catch (const Interrupted&) {
+    throw;
+} catch (const std::runtime_error&) {
+    if (!IsStarExpanded(commandline::Values(given, "QUERY"))) throw;
+    throw UsageError(
+        "the shell has put names of files in the place of *: a query stands in single quotes, as in kvagentctl query "
+        "'SELECT * FROM Win32_Process'");
 }
 
 int TellFailure(const std::string& place, const std::exception& error, int exitCode) {
@@ -122,7 +151,7 @@ void Run(const Given& given) {
         if (commandline::Values(given, "QUERY").size() > 1) throw UsageError("--classes takes one PATTERN");
         return session.PrintClasses(query);
     }
-    if (Has(given, "QUERY")) return session.RunQuery(query);
+    if (Has(given, "QUERY")) return RunGivenQuery(session, given);
     if (platform::InputIsTerminal() && platform::OutputColumns() > 0) return RunPrompt(session);
     RunInput(session);
 }
