@@ -280,16 +280,17 @@ void Run(const Given& given) {
 }
 
 constexpr commandline::Word words[] = {
-    {"REQUEST", "get, gnext (the next value behind the OID) or walk (all values below the OID)", false, false, true,
-     "get gnext walk"},
+    {"REQUEST", "Request Type: get, gnext (the next value behind the OID) or walk (all values below the OID)", false,
+     false, true, "get gnext walk"},
     {"ADDRESS", "Agent IpAddress: the device's address or name", false, false, true},
     {"OID", "numbers with a dot between, such as .1.3.6.1.2.1.1.5.0", false, true, true},
 };
 
 constexpr commandline::Option options[] = {
-    {"--port", "PORT", "Agent Port [161]", commandline::Times::atMostOnce, "-p"},
+    {"--port", "PORT", "Agent Port [161], 1 to 65535", commandline::Times::atMostOnce, "-p"},
     {"--community", "TEXT", "Community String [public]", commandline::Times::atMostOnce, "-c"},
-    {"--timeout", "SECONDS", "TimeOut Value in seconds [5], for each datagram", commandline::Times::atMostOnce, "-t"},
+    {"--timeout", "SECONDS", "TimeOut Value in seconds [5], 1 to 2147, for each datagram",
+     commandline::Times::atMostOnce, "-t"},
     {.name = "--version", .values = "VERSION", .text = "v1 or v2c [v1]; 64-bit counters need v2c", .choices = "v1 v2c"},
     {"--json", "", "prints an array of objects with oid, type and value"},
 };
