@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs the packages of build/package in a box with its own systemd (tools/boxed_systemd.sh), and checks the service
-# through upgrade, removal and purge. Takes a few seconds. If the box cannot be started, it says why and exits with 0.
+# through upgrade, removal and purge. Takes a few seconds. If the box cannot be started, it is skipped, or fails when
+# KV_NEEDS_BOX is set.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . packaging/box.sh

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Goes the way of docs/running.md from an empty machine to a value at the server, with the packages of build/package
 # alone, in a box with its own systemd (tools/boxed_systemd.sh). Takes about 80 seconds, nearly all of them the agent's
-# wait before its first upload. If the box cannot be started, it says why and exits with 0.
+# wait before its first upload. If the box cannot be started, it is skipped, or fails when KV_NEEDS_BOX is set.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 . packaging/box.sh

@@ -1,5 +1,6 @@
 // The agent as a service of a real systemd.
 #include <chrono>
+#include <cstdlib>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <iterator>
@@ -23,6 +24,7 @@ const std::string enabledLink = "/etc/systemd/system/multi-user.target.wants/" +
 class Service : public ::testing::Test {
   protected:
     void SetUp() override {
+        if (!box.isBooted() && std::getenv("KV_NEEDS_BOX")) FAIL() << box.ReadLog();
         if (!box.isBooted()) GTEST_SKIP() << "systemd cannot run here: " << box.ReadLog();
         fs::copy_file(KV_LAB_PROGRAM, agent.folder / "kvlab");
         UseProgram(KV_HASTY_AGENT_PROGRAM);
