@@ -71,8 +71,12 @@ WmiStatus Prepare(Services& services, std::u16string_view text, PreparedStatemen
 WmiStatus JudgeQuery(WmiHandle services, std::u16string_view text, bool& isJudged) {
     isJudged = true;
     auto* connected = ThingOf<Services>(services);
+    if (connected == nullptr) return wmi_status::invalidParameter;
     PreparedStatement prepared;
-    return connected == nullptr ? wmi_status::invalidParameter : Prepare(*connected, text, prepared);
+    const WmiStatus status = Prepare(*connected, text, prepared);
+    if (IsFailure(status)) return status;
+    return prepared.judge(
+        [connected](const std::string& notice) { connected->refusal = platform::WideFromUtf8(notice); });
 }
 
 WmiStatus ExecQuery(WmiHandle services, std::u16string_view text, WmiHandle& enumerator) {

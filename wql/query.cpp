@@ -44,10 +44,9 @@ std::uint32_t NeedsOf(const ClassQuery& query) {
     return needs;
 }
 
-WmiStatus GatherClass(const ClassQuery& query, bool isOnlyClass, const ResultSink& sink, const RowSink& take) {
+/// What a gather is told of a query, without what it hands over.
+Gathering GatheringOf(const ClassQuery& query) {
     Gathering gathering;
-    gathering.isOnlyClass = isOnlyClass;
-    gathering.wantsMore = sink.wantsMore;
     gathering.needs = NeedsOf(query);
     if (query.where) {
         gathering.leeway = {RestrictionsOf(*query.where), RangesOf(*query.where)};
@@ -55,6 +54,13 @@ WmiStatus GatherClass(const ClassQuery& query, bool isOnlyClass, const ResultSin
     } else {
         gathering.alternatives.emplace_back();
     }
+    return gathering;
+}
+
+WmiStatus GatherClass(const ClassQuery& query, bool isOnlyClass, const ResultSink& sink, const RowSink& take) {
+    Gathering gathering = GatheringOf(query);
+    gathering.isOnlyClass = isOnlyClass;
+    gathering.wantsMore = sink.wantsMore;
     gathering.notice = sink.notice;
     gathering.row = [&](const void* row) {
         if (!query.where || Matches(*query.where, row)) {
@@ -76,6 +82,11 @@ WmiStatus GatherClass(const ClassQuery& query, bool isOnlyClass, const ResultSin
 std::string LossNotice(const ClassQuery& query, WmiStatus status) {
     return fmt::format("Objects of {} are missing: status {:08x}", platform::Utf8FromWide(query.classInfo->name),
                        status);
+}
+
+/// Whether a failure of a part is that of the query.
+bool IsDecisive(const BoundQuery& query, const ClassQuery& part) {
+    return part.classInfo == query.named || query.parts.size() == 1;
 }
 
 }  // namespace
@@ -121,13 +132,23 @@ ResultObject ObjectOf(const ClassQuery& query, const void* row) {
     return object;
 }
 
+WmiStatus JudgeDemands(const BoundQuery& query, const std::function<void(std::string text)>& notice) {
+    for (const ClassQuery& part : query.parts) {
+        if (part.classInfo->demand == nullptr || !IsDecisive(query, part)) continue;
+        Gathering gathering = GatheringOf(part);
+        gathering.notice = notice;
+        if (const WmiStatus status = part.classInfo->demand(gathering); IsFailure(status)) return status;
+    }
+    return wmi_status::ok;
+}
+
 WmiStatus GatherRows(const BoundQuery& query, const ResultSink& sink, const RowSink& take) {
     std::vector<WmiStatus> failures;
     for (const ClassQuery& part : query.parts) {
         const WmiStatus status = GatherClass(part, query.parts.size() == 1, sink, take);
         if (!sink.wantsMore()) return wmi_status::ok;
         if (!IsFailure(status)) continue;
-        if (part.classInfo == query.named || query.parts.size() == 1) return status;
+        if (IsDecisive(query, part)) return status;
         failures.push_back(status);
         sink.notice(LossNotice(part, status));
     }

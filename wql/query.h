@@ -46,6 +46,9 @@ struct ResultSink {
 /// the like), but the results do not have them.
 WmiStatus BindQuery(const WqlQuery& query, BoundQuery& bound);
 
+/// What the classes demand of a query (DemandRoutine), as GatherRows would find it: the failure, and its notice.
+WmiStatus JudgeDemands(const BoundQuery& query, const std::function<void(std::string text)>& notice);
+
 /// Takes an object as its class's row record, which is valid until this returns.
 using RowSink = std::function<void(const ClassQuery& query, const void* row)>;
 

@@ -21,12 +21,14 @@ WmiStatus Prepare(const WqlQuery& query, PreparedStatement& prepared) {
     const WmiStatus status = BindQuery(query, *bound);
     prepared.subject = DeclaredName(query.className);
     prepared.run = [bound](const ResultSink& sink) { return RunQuery(*bound, sink); };
+    prepared.judge = [bound](const std::function<void(std::string)>& notice) { return JudgeDemands(*bound, notice); };
     return status;
 }
 
 WmiStatus Prepare(const AssociationQuery& query, PreparedStatement& prepared) {
     prepared.subject = u"what is associated with " + DeclaredName(query.object.className);
     prepared.run = [query](const ResultSink& sink) { return RunAssociations(query, sink); };
+    prepared.judge = [](const std::function<void(std::string)>&) { return wmi_status::ok; };
     return CheckAssociations(query);
 }
 

@@ -102,6 +102,10 @@ struct Gathering {
     Range rangeOf(std::u16string_view property) const { return leeway.rangeOf(property); }
 };
 
+/// Whether a query asks what the class demands of WHERE, told without reading anything: ok, or the failure with which
+/// its gather would end, and a notice. Of the gathering only what WHERE leaves the properties and `notice` are used.
+using DemandRoutine = WmiStatus (*)(const Gathering& gathering);
+
 /// ok, even if there are no objects. A failure ends the query with that status, after the rows so far. An exception
 /// ends it with wmi_status::failed and a notice.
 using GatherRoutine = WmiStatus (*)(const Gathering& gathering);
@@ -116,6 +120,7 @@ struct ClassInfo {
                                      // an abstract class and for one that has a single object
     std::string_view meaning = {};   // one line for readers of the list of classes: what its objects are; empty for an
                                      // abstract class
+    DemandRoutine demand = nullptr;  // null: every query will do
 };
 
 }  // namespace kv::wql

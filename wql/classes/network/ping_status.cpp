@@ -216,18 +216,31 @@ void SendEchoes(std::vector<Row>& rows) {
     }
 }
 
-WmiStatus GatherPings(const Gathering& gathering) {
+/// The echoes of a query, or why they are not sent.
+WmiStatus TakeRows(const Gathering& gathering, std::vector<Row>& rows) {
     if (gathering.valuesOf(u"Address") == nullptr) {
         gathering.notice("Win32_PingStatus needs an Address in WHERE");
         return wmi_status::invalidQuery;
     }
-    std::optional<std::vector<Row>> rows = RowsAskedFor(gathering);
-    if (!rows) {
+    std::optional<std::vector<Row>> asked = RowsAskedFor(gathering);
+    if (!asked) {
         gathering.notice("a query of Win32_PingStatus sends at most " + std::to_string(mostEchoes) + " echoes");
         return wmi_status::quotaViolation;
     }
-    SendEchoes(*rows);
-    for (const Row& row : *rows) {
+    rows = *std::move(asked);
+    return wmi_status::ok;
+}
+
+WmiStatus DemandAddress(const Gathering& gathering) {
+    std::vector<Row> rows;
+    return TakeRows(gathering, rows);
+}
+
+WmiStatus GatherPings(const Gathering& gathering) {
+    std::vector<Row> rows;
+    if (const WmiStatus status = TakeRows(gathering, rows); IsFailure(status)) return status;
+    SendEchoes(rows);
+    for (const Row& row : rows) {
         if (row.reply.outcome == facts::EchoOutcome::notPermitted) {
             gathering.notice("echoes may not be sent: neither net.ipv4.ping_group_range nor CAP_NET_RAW allows it");
             return wmi_status::accessDenied;
@@ -241,7 +254,7 @@ constexpr ClassInfo classes[] = {
     {u"Win32_PingStatus", u"", properties, GatherPings,
      u"Address,BufferSize,NoFragmentation,RecordRoute,ResolveAddressNames,SourceRoute,SourceRouteType,Timeout,"
      u"TimestampRoute,TimeToLive,TypeofService",
-     "whether hosts answer an echo; WHERE gives each Address"},
+     "whether hosts answer an echo; WHERE gives each Address", DemandAddress},
 };
 
 const ClassFamily family([] { return std::span<const ClassInfo>(classes); });

@@ -372,6 +372,14 @@ class FileGathering {
 
 std::string OwnMountInfo() { return platform::ReadSystemFile("/proc/self/mountinfo").value_or(""); }
 
+WmiStatus DemandPlace(const Gathering& gathering) {
+    if (gathering.valuesOf(u"Name") != nullptr || gathering.valuesOf(u"Path") != nullptr) return wmi_status::ok;
+    gathering.notice(
+        "A query for files must say in WHERE, and in each part of an OR, what Name is (a file), or else Path (a "
+        "folder)");
+    return wmi_status::notSupported;
+}
+
 WmiStatus GatherOwnFiles(const Gathering& gathering) { return GatherDataFiles(gathering, OwnMountInfo()); }
 
 /// The file that the journal writes to; else the one that it wrote to last.
@@ -429,7 +437,7 @@ WmiStatus GatherOwnLogFiles(const Gathering& gathering) {
 
 constexpr ClassInfo classes[] = {
     {u"CIM_DataFile", u"CIM_LogicalFile", fileProperties, GatherOwnFiles, u"Name",
-     "files; WHERE gives their Name, or the Path of a folder"},
+     "files; WHERE gives their Name, or the Path of a folder", DemandPlace},
     {u"Win32_NTEventlogFile", u"CIM_DataFile", logFileProperties, GatherOwnLogFiles, u"LogfileName",
      "the event logs System, Application and Security as files"},
 };
@@ -441,12 +449,7 @@ const ClassFamily family([] { return std::span<const ClassInfo>(classes); });
 WmiStatus GatherDataFiles(const Gathering& gathering, std::string_view mountInfo) {
     const auto names = TextsOf(gathering, u"Name");
     const auto folders = TextsOf(gathering, u"Path");
-    if (!names && !folders) {
-        gathering.notice(
-            "A query for files must say in WHERE, and in each part of an OR, what Name is (a file), or else Path (a "
-            "folder)");
-        return wmi_status::notSupported;
-    }
+    if (const WmiStatus status = DemandPlace(gathering); IsFailure(status)) return status;
     if (!MayBe(TextsOf(gathering, u"Drive"), u"")) return wmi_status::ok;
     FileGathering files(gathering, mountInfo);
     for (const auto& [path, texts] : TextsByPathOf(names ? *names : *folders)) {
