@@ -72,6 +72,12 @@ std::vector<std::u16string> OddMembersOfNoKind(const HashTable* record) {
 
 }  // namespace
 
+bool IsPlanMember(std::u16string_view name) {
+    return name == ownWorkflowsKey || name.starts_with(slaveWorkflowsKey) || IsAmong(workflowMembers, name) ||
+           std::any_of(std::begin(kinds), std::end(kinds),
+                       [name](const RecordKind& kind) { return IsAmong(kind.members, name); });
+}
+
 std::vector<std::u16string> OddMembersOfRecord(const HashTable* record) {
     const auto* const kind = std::find_if(std::begin(kinds), std::end(kinds),
                                           [record](const RecordKind& one) { return ContainsHashKey(record, one.key); });

@@ -17,8 +17,10 @@
 // text throws std::bad_alloc when memory runs out.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "foundation/hash_table.h"
 #include "platform/errors.h"
@@ -27,6 +29,13 @@ namespace kv {
 
 /// In 16-bit units. A plan of 10,000 workflows has 3.4 million, a tenth of this.
 inline constexpr std::size_t largestJsonDocument = 35'000'000;
+
+/// A key that its object has again further on, so that the value here does not count. Lines are counted from 1.
+struct RepeatedKey {
+    std::u16string key;
+    std::size_t line = 0;
+    std::size_t lastLine = 0;  // of the one that counts
+};
 
 /// What reading a document came to.
 struct JsonReadResult {
@@ -39,6 +48,9 @@ struct JsonReadResult {
 
     /// Why the file could not be read; else success.
     platform::Error fileError = platform::error::success;
+
+    /// When ok, what was given again, in document order. Of more than a hundred only so many.
+    std::vector<RepeatedKey> repeated = {};
 };
 
 /// Parses a document whose top level is an object and fills the table with its members, by type: boolean 1, integer 2,

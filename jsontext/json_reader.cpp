@@ -3,6 +3,7 @@
 #include <cmath>
 #include <json-c/json.h>
 #include <limits>
+#include <map>
 #include <memory>
 #include <new>
 #include <string>
@@ -28,6 +29,9 @@ static_assert(largestJsonDocument < std::numeric_limits<int>::max() / 5);
 constexpr std::size_t mostOpeningBrackets = 250'000;
 constexpr std::size_t mostCommas = 1'200'000;
 
+/// For people, who mend one after the other.
+constexpr std::size_t mostRepeatedKeys = 100;
+
 /// Far more than anything that is read has. Removing a key still searches a table from its first one.
 constexpr std::size_t mostMembersOfAnObject = 10'000;
 
@@ -42,13 +46,20 @@ struct JsonTokenerDeleter {
 using JsonTokenerPtr = std::unique_ptr<json_tokener, JsonTokenerDeleter>;
 
 struct JsonMember {
-    std::string_view key;       // narrow
-    json_object* value;         // null for JSON's null
-    bool isGivenAgain = false;  // another member behind this one has the same key
+    std::string_view key;        // narrow
+    json_object* value;          // null for JSON's null
+    std::string_view last = {};  // the key of the last member with the same key; empty for that member itself
 };
 
-void JSONObjectToHash(HashTable* table, json_object* object);
-void JSONArrayToVector(Vector* vector, json_object* array);
+/// The narrow keys of a member that is passed over and of the one that counts in its place.
+struct PassedOver {
+    std::string_view key;
+    std::string_view last;
+};
+using PassedOverList = std::vector<PassedOver>;
+
+void JSONObjectToHash(HashTable* table, json_object* object, PassedOverList& passedOver);
+void JSONArrayToVector(Vector* vector, json_object* array, PassedOverList& passedOver);
 
 /// A value on its way into a list or a table. A nested list or table is in its owner, and value is 0. Of a text, value
 /// points into text: such a record is not moved.
@@ -87,22 +98,22 @@ void StoreText(StoredValue& stored, json_object* value) {
     stored.value = reinterpret_cast<Word>(stored.text.c_str());
 }
 
-void StoreArray(StoredValue& stored, json_object* value) {
+void StoreArray(StoredValue& stored, json_object* value, PassedOverList& passedOver) {
     stored.vector = MakeVector();
     if (!stored.vector) return;
-    JSONArrayToVector(stored.vector.get(), value);
+    JSONArrayToVector(stored.vector.get(), value, passedOver);
     stored.type = ValueType::vector;
 }
 
-void StoreObject(StoredValue& stored, json_object* value) {
+void StoreObject(StoredValue& stored, json_object* value, PassedOverList& passedOver) {
     stored.table = MakeHashTable();
     if (!stored.table) return;
-    JSONObjectToHash(stored.table.get(), value);
+    JSONObjectToHash(stored.table.get(), value, passedOver);
     stored.type = ValueType::table;
 }
 
 /// Fills in a value; one of type none is not stored.
-void StoreValue(StoredValue& stored, json_object* value) {
+void StoreValue(StoredValue& stored, json_object* value, PassedOverList& passedOver) {
     switch (json_object_get_type(value)) {
         case json_type_null:
             break;
@@ -121,10 +132,10 @@ void StoreValue(StoredValue& stored, json_object* value) {
             StoreText(stored, value);
             break;
         case json_type_array:
-            StoreArray(stored, value);
+            StoreArray(stored, value, passedOver);
             break;
         case json_type_object:
-            StoreObject(stored, value);
+            StoreObject(stored, value, passedOver);
             break;
     }
 }
@@ -135,8 +146,11 @@ void MarkRepeated(std::vector<JsonMember>& members) {
     byKey.reserve(members.size());
     for (JsonMember& member : members) byKey.emplace_back(WithoutTextCount(member.key), &member);
     std::sort(byKey.begin(), byKey.end());
-    for (std::size_t at = 1; at < byKey.size(); ++at)
-        byKey[at - 1].second->isGivenAgain = byKey[at - 1].first == byKey[at].first;
+    for (std::size_t at = byKey.size(); at-- > 1;) {
+        const JsonMember& next = *byKey[at].second;
+        if (byKey[at - 1].first == byKey[at].first)
+            byKey[at - 1].second->last = next.last.empty() ? next.key : next.last;
+    }
 }
 
 /// The members in document order. json-c sees no two equal keys, so none is missing.
@@ -170,22 +184,25 @@ void AppendStored(Vector* vector, StoredValue&& stored) {
         AddValueToVector(vector, stored.value, stored.type);
 }
 
-void JSONObjectToHash(HashTable* table, json_object* object) {
+void JSONObjectToHash(HashTable* table, json_object* object, PassedOverList& passedOver) {
     Log4("\t Inside JSONObjectToHash() \n");
     for (const JsonMember& member : MembersInOrder(object)) {
-        if (member.isGivenAgain) continue;
+        if (!member.last.empty()) {
+            if (passedOver.size() < mostRepeatedKeys) passedOver.push_back({member.key, member.last});
+            continue;
+        }
         StoredValue stored;
-        StoreValue(stored, member.value);
+        StoreValue(stored, member.value, passedOver);
         if (stored.type != ValueType::none) PutStored(table, WideTextFromNarrow(member.key), std::move(stored));
     }
 }
 
-void JSONArrayToVector(Vector* vector, json_object* array) {
+void JSONArrayToVector(Vector* vector, json_object* array, PassedOverList& passedOver) {
     Log4("\t Inside JSONArrayToVector() \n");
     const std::size_t length = json_object_array_length(array);
     for (std::size_t index = 0; index < length; ++index) {
         StoredValue stored;
-        StoreValue(stored, json_object_array_get_idx(array, index));
+        StoreValue(stored, json_object_array_get_idx(array, index), passedOver);
         if (stored.type != ValueType::none) AppendStored(vector, std::move(stored));
     }
 }
@@ -240,6 +257,37 @@ std::string Place(std::u16string_view text, std::size_t narrowOffset) {
     return "at offset " + std::to_string(offset) + " (line " + std::to_string(line) + ")";
 }
 
+/// The lines in which a document's texts of these numbers begin. Nothing is looked for without numbers.
+std::map<std::uint32_t, std::size_t> LinesOfTexts(std::u16string_view document, const PassedOverList& passedOver) {
+    std::map<std::uint32_t, std::size_t> lines;
+    for (const PassedOver& member : passedOver) {
+        lines[NumberOfText(member.key)] = 0;
+        lines[NumberOfText(member.last)] = 0;
+    }
+    const std::uint32_t last = lines.empty() ? 0 : lines.rbegin()->first;
+    std::size_t line = 1;
+    std::uint32_t number = 0;
+    for (std::size_t at = 0; at < document.size() && !lines.empty() && number <= last;) {
+        const std::size_t length = LengthOfTextOrComment(document.substr(at));
+        if (length > 0 && document[at] != u'/') {
+            if (const auto wanted = lines.find(number++); wanted != lines.end()) wanted->second = line;
+        }
+        const std::u16string_view passed = document.substr(at, std::max<std::size_t>(length, 1));
+        line += static_cast<std::size_t>(std::count(passed.begin(), passed.end(), u'\n'));
+        at += passed.size();
+    }
+    return lines;
+}
+
+std::vector<RepeatedKey> RepeatedKeys(std::u16string_view document, const PassedOverList& passedOver) {
+    const std::map<std::uint32_t, std::size_t> lines = LinesOfTexts(document, passedOver);
+    std::vector<RepeatedKey> repeated;
+    for (const PassedOver& member : passedOver)
+        repeated.push_back(
+            {WideTextFromNarrow(member.key), lines.at(NumberOfText(member.key)), lines.at(NumberOfText(member.last))});
+    return repeated;
+}
+
 JsonReadResult Failure(std::string message) { return {.ok = false, .message = std::move(message)}; }
 
 /// A message about what follows the document's end; an empty one when only blanks do.
@@ -280,8 +328,9 @@ JsonReadResult JSONTextToHash(HashTable* table, std::u16string_view text) {
     const json_tokener_error error = json_tokener_get_error(tokener.get());
     if (error != json_tokener_success) return Failure(std::string(ParserWords(error)) + " " + Place(text, end));
     if (json_object_get_type(top.get()) != json_type_object) return Failure("the top level is not an object");
-    JSONObjectToHash(table, top.get());
-    return {.ok = true, .message = TextBehindTheEnd(text, narrow, end)};
+    PassedOverList passedOver;
+    JSONObjectToHash(table, top.get(), passedOver);
+    return {.ok = true, .message = TextBehindTheEnd(text, narrow, end), .repeated = RepeatedKeys(text, passedOver)};
 }
 
 }  // namespace kv

@@ -1,6 +1,7 @@
 #include "jsontext/narrow_json.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cstdint>
 #include <utility>
 
@@ -173,6 +174,12 @@ std::size_t LengthOfTextOrComment(std::u16string_view rest) {
 
 std::string_view WithoutTextCount(std::string_view narrow) {
     return narrow.substr(narrow.size() < countLength ? narrow.size() : countLength);
+}
+
+std::uint32_t NumberOfText(std::string_view narrow) {
+    std::uint32_t number = 0;
+    std::from_chars(narrow.data(), narrow.data() + std::min(narrow.size(), countLength), number, 16);
+    return number;
 }
 
 std::u16string WideTextFromNarrow(std::string_view narrow) {

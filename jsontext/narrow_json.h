@@ -12,6 +12,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -29,6 +30,9 @@ std::size_t LengthOfTextOrComment(std::u16string_view rest);
 
 /// A key or a text value as json-c has read it, without its count. Two are equal when their wide texts are.
 std::string_view WithoutTextCount(std::string_view narrow);
+
+/// The number of a key or a text value as json-c has read it: 0 for the document's first text.
+std::uint32_t NumberOfText(std::string_view narrow);
 
 /// The wide text of a key or a text value as json-c has read it from the narrow form.
 std::u16string WideTextFromNarrow(std::string_view narrow);

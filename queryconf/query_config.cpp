@@ -32,21 +32,18 @@ using platform::Error;
 using platform::Files;
 namespace error = platform::error;
 
-constexpr std::u16string_view ownKey = u"WorkFlows";
-constexpr std::u16string_view slavesKey = u"WorkFlows_";
-
 /// A plan that someone holds for a moment is waited for this long: at a start there is no other one to go on with.
 constexpr int openAttempts = 8;
 constexpr std::uint32_t openPause = 250;  // milliseconds
 
 std::u16string PlanKey(std::u16string_view agent) {
-    return agent.empty() ? std::u16string(ownKey) : ConcatStrings(slavesKey, agent);
+    return agent.empty() ? std::u16string(ownWorkflowsKey) : ConcatStrings(slaveWorkflowsKey, agent);
 }
 
 /// Whether a key is that of an agent's list. Slaves' keys that differ only in case are one slave.
 bool IsPlanKey(std::u16string_view agent, std::u16string_view key) {
-    if (agent.empty()) return key == ownKey;
-    return key.starts_with(slavesKey) && CompareIgnoreCase(key.substr(slavesKey.size()), agent) == 0;
+    if (agent.empty()) return key == ownWorkflowsKey;
+    return key.starts_with(slaveWorkflowsKey) && CompareIgnoreCase(key.substr(slaveWorkflowsKey.size()), agent) == 0;
 }
 
 /// Finds the list of an agent; null with a log line when it is missing.
@@ -122,6 +119,15 @@ void LogOddMembers(const VectorElement* element, std::int32_t index, std::u16str
         for (const std::u16string& odd : OddMembersOfRecord(record))
             Log1("\t LoadQueryConfig :: %s :: workflow [%d], wfname %s, record [%d], Name %s: %s \n", fileName, index,
                  WorkflowName(element), at, MemberText(record, u"Name"), odd);
+    }
+}
+
+/// Lines for members that stand twice in one object, of which the agent takes the last.
+void LogRepeatedMembers(const std::vector<RepeatedKey>& repeated, std::u16string_view fileName) {
+    for (const RepeatedKey& member : repeated) {
+        if (IsPlanMember(member.key))
+            Log1("\t LoadQueryConfig :: %s :: %s in line %d is not used: it stands again in line %d \n", fileName,
+                 member.key, member.line, member.lastLine);
     }
 }
 
@@ -320,6 +326,7 @@ void LoadQueryConfig(std::u16string_view agent, std::optional<std::u16string_vie
         return;
     }
     if (!read.message.empty()) Log1("\t LoadQueryConfig :: %s \n", read.message);
+    LogRepeatedMembers(read.repeated, name);
     HashTablePtr plan = TakePlan(document.get(), agent, name);
     if (!plan) {
         Log1("\t LoadQueryConfig :: %s is too large for the memory; %s \n", name, WithoutThisPlan());

@@ -58,6 +58,13 @@ TEST_F(Json, ReadsEveryValueAndWritesItsForm) {
         EXPECT_EQ(Reread(document), written);
     }
     EXPECT_TRUE(Logged("a text with a zero character ends there: b"));
+    std::string repeated;
+    const HashTablePtr table = MakeHashTable();
+    for (const RepeatedKey& key :
+         JSONTextToHash(table.get(), u"{\"a\":1,\n\"b\":{\"c\":1,/*\n\"c\"*/\"c\":2},\"a\":\"x\n\",\n\"a\":3}")
+             .repeated)
+        repeated += platform::Utf8FromWide(key.key) + std::to_string(key.line) + std::to_string(key.lastLine) + " ";
+    EXPECT_EQ(repeated, "a15 c23 a35 ");
 }
 
 TEST_F(Json, KeepsUnpairedSurrogates) {

@@ -212,9 +212,13 @@ TEST_F(QueryConfig, NamesMisspeltMembers) {
         EXPECT_NE(LogText().find(line, before), std::string::npos) << record;
         EXPECT_EQ(TimesLogged("wfname w: ", before), 0) << "an interval is there";
     }
-    WriteWide(conf / "queryconf.txt", R"({"WorkFlows":[{"wfname":"w","interval":5,"RecordSetNames":[]}]})");
+    WriteWide(conf / "queryconf.txt",
+              "{\"WorkFlows\":[],\"own\":1,\n\"own\":2,\"WorkFlows\":[{\"wfname\":\"w\",\"interval\":5,"
+              "\"RecordSetNames\":[]}]}");
     LoadQueryConfig(u"", std::nullopt);
     EXPECT_TRUE(Logged("workflow [0], wfname w: nobody reads RecordSetNames; did you mean recordSetName?"));
+    EXPECT_TRUE(Logged("queryconf.txt :: WorkFlows in line 1 is not used: it stands again in line 2"));
+    EXPECT_FALSE(Logged("own in line"));
 }
 
 }  // namespace

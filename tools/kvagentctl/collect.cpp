@@ -111,6 +111,9 @@ HashTablePtr ReadPlan(std::u16string_view path, const std::string& name) {
     PlanFile plan = ReadPlanFile(path);
     if (!plan.document) throw std::runtime_error(fmt::format("{}: {}", name, plan.failure));
     if (!plan.notice.empty()) fmt::print(stderr, "{}: {}\n", name, InLine(plan.notice));
+    for (const RepeatedKey& member : plan.repeated)
+        fmt::print(stderr, "{}, line {}: {} is not used: it stands again in line {}\n", name, member.line,
+                   InLine(Utf8FromWide(member.key)), member.lastLine);
     return std::move(plan.document);
 }
 

@@ -1,15 +1,17 @@
 #include "tools/kvagentctl/readable_file.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <fmt/format.h>
 #include <fstream>
+#include <iterator>
 #include <new>
 #include <stdexcept>
 #include <utility>
 
+#include "collection/plan_members.h"
 #include "foundation/file_utils.h"
 #include "foundation/open_file.h"
-#include "jsontext/hash_json.h"
 #include "platform/console_tool.h"
 #include "platform/messages.h"
 #include "platform/utf.h"
@@ -75,6 +77,8 @@ PlanFile ReadPlanFile(std::u16string_view path) {
     if (read.ok) {
         plan.document = std::move(document);
         plan.notice = message;
+        std::copy_if(read.repeated.begin(), read.repeated.end(), std::back_inserter(plan.repeated),
+                     [](const RepeatedKey& member) { return IsPlanMember(member.key); });
     } else {
         const bool isMalformed = message.find(" at offset ") != std::string::npos;
         plan.failure = isMalformed ? "it is not a plan in JSON: " + message : message;

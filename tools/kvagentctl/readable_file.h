@@ -4,8 +4,10 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "foundation/hash_table.h"
+#include "jsontext/hash_json.h"
 #include "platform/console_tool.h"
 #include "platform/errors.h"
 
@@ -27,9 +29,10 @@ std::string ReasonText(platform::Error failure);
 
 /// What reading a plan came to.
 struct PlanFile {
-    HashTablePtr document;  // null after a failure
-    std::string failure;    // stands behind the plan's name and a colon; empty after a success
-    std::string notice;     // what was passed over, likewise
+    HashTablePtr document;              // null after a failure
+    std::string failure;                // stands behind the plan's name and a colon; empty after a success
+    std::string notice;                 // what was passed over, likewise
+    std::vector<RepeatedKey> repeated;  // of the members that the agent reads
 };
 
 /// Throws std::bad_alloc.

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "collection/plan_members.h"
+#include "collection/record_members.h"
 #include "foundation/file_utils.h"
 #include "foundation/text.h"
 #include "platform/near_name.h"
@@ -23,30 +24,48 @@ namespace {
 
 using platform::Utf8FromWide;
 
-constexpr std::u16string_view workflowsKey = u"WorkFlows";
-constexpr std::u16string_view slaveKeys = u"WorkFlows_";
 constexpr std::int32_t longInterval = 31 * 24 * 60;  // minutes; more is likely to be seconds by mistake
 
 /// The slave whose plan a document seems to be; empty for the agent's own.
 std::u16string SlaveOf(const HashTable* document) {
-    if (ContainsHashKey(document, u"WorkFlows")) return u"";
+    if (ContainsHashKey(document, ownWorkflowsKey)) return u"";
     const std::unique_ptr<const char16_t*[]> keys = GetHashKeys(document);
     for (std::size_t i = 0; keys[i]; ++i) {
         const std::u16string_view key = keys[i];
-        if (key.starts_with(slaveKeys)) return std::u16string(key.substr(slaveKeys.size()));
+        if (key.starts_with(slaveWorkflowsKey)) return std::u16string(key.substr(slaveWorkflowsKey.size()));
     }
     return u"";
 }
+
+constexpr const char* wantedInterval = "give whole minutes from 1, as in \"interval\": 5";
 
 void CheckInterval(Findings& findings, const std::string& where, const HashTable* workflow) {
     const HashEntry* const interval = GetHashEntry(workflow, u"interval");
     const auto minutes = static_cast<std::int32_t>(interval->value);
     if (interval->type == ValueType::number)
-        findings.Warn(where, fmt::format("interval has a fraction, which is cut off: {} is left", minutes),
-                      "give whole minutes");
+        findings.Warn(where,
+                      fmt::format("interval is written with a fraction or an exponent, and {} is taken", minutes),
+                      wantedInterval);
     if (minutes > longInterval)
         findings.Warn(where, fmt::format("has an interval of {} minutes, which is {} days", minutes, minutes / 1440),
                       "interval is in minutes");
+}
+
+/// The fault of a workflow that cannot run, with the interval that it gives, and what to do.
+void TellWorkflowFault(Findings& findings, const std::string& where, const HashTable* workflow, std::string fault) {
+    const bool isOfInterval = fault.find("interval") != fault.npos;
+    const HashEntry* const interval = GetHashEntry(workflow, u"interval");
+    if (isOfInterval && interval) {
+        const OptionalText text = MemberText(workflow, u"interval");
+        if (interval->type == ValueType::text)
+            fault += fmt::format(" (\"{}\")", Utf8FromWide(*text));
+        else if (text)
+            fault += fmt::format(" ({})", Utf8FromWide(*text));
+        else if (interval->type == ValueType::other)
+            fault += " (it exceeds 32 bits)";
+    }
+    findings.Error(where, fault + ": it is left out",
+                   isOfInterval ? wantedInterval : "put its records into an array recordSetName");
 }
 
 void CheckRecords(Findings& findings, PlanContext& context, const std::string& where, const Vector* records) {
@@ -67,7 +86,7 @@ void CheckWorkflow(Findings& findings, PlanContext& context, const std::string& 
     const auto* const workflow = reinterpret_cast<const HashTable*>(element->value);
     CheckMemberNames(findings, where, workflow, workflowMembers);
     if (fault)
-        findings.Error(where, fmt::format("{}: it is left out", fault));
+        TellWorkflowFault(findings, where, workflow, fault);
     else
         CheckInterval(findings, where, workflow);
     if (const Vector* const records = GetHashVector(workflow, u"recordSetName"))
@@ -79,7 +98,7 @@ void CheckWorkflows(Findings& findings, PlanContext& context, const std::string&
     int index = 0;
     for (const VectorElement* element = workflows->head; element; element = element->next, ++index) {
         std::string where = fmt::format("workflow [{}]", index);
-        if (list != Utf8FromWide(workflowsKey)) where.insert(0, list + ", ");
+        if (list != Utf8FromWide(ownWorkflowsKey)) where.insert(0, list + ", ");
         const auto* const workflow = reinterpret_cast<const HashTable*>(element->value);
         const char16_t* const name = element->type == ValueType::table ? GetHashText(workflow, u"wfname") : nullptr;
         if (name) where += fmt::format(" \"{}\"", Utf8FromWide(name));
@@ -95,8 +114,8 @@ void CheckLists(Findings& findings, const HashTable* document) {
         const std::u16string_view wide = keys[i];
         const std::string key = Utf8FromWide(wide);
         const Vector* const workflows = GetHashVector(document, wide);
-        const bool isKnown = wide == workflowsKey || wide.starts_with(slaveKeys);
-        const std::u16string_view nearest = platform::NearestName(wide, {&workflowsKey, 1});
+        const bool isKnown = wide == ownWorkflowsKey || wide.starts_with(slaveWorkflowsKey);
+        const std::u16string_view nearest = platform::NearestName(wide, {&ownWorkflowsKey, 1});
         if (!isKnown)
             findings.Warn("member " + key, nearest.empty() ? "is not a list of workflows that the agent knows"
                                                            : fmt::format("did you mean {}?", Utf8FromWide(nearest)));
@@ -116,6 +135,17 @@ std::string WithoutName(std::string message, std::u16string_view path) {
     const std::string name = Utf8FromWide(path);
     if (!message.starts_with(name)) return message;
     return message.substr(std::min(message.find_first_not_of(": ", name.size()), message.size()));
+}
+
+void TellRepeatedMembers(Findings& findings, const std::string& where, const std::vector<RepeatedKey>& repeated) {
+    for (const RepeatedKey& member : repeated) {
+        const bool isList = member.key == u"recordSetName" || member.key.starts_with(ownWorkflowsKey);
+        const std::string again = member.line == member.lastLine ? fmt::format("twice in line {}", member.line)
+                                                                 : fmt::format("again in line {}", member.lastLine);
+        findings.Error(fmt::format("{}, line {}", where, member.line),
+                       fmt::format("{} stands {}, and only the last one counts", Utf8FromWide(member.key), again),
+                       isList ? "put what is in both into one" : "take one out");
+    }
 }
 
 /// The escapes of a JSON text for characters beyond ASCII: how many there are, and the first.
@@ -186,6 +216,7 @@ void CheckPlan(Findings& findings, std::u16string_view path, const std::string& 
         return findings.Error(where, plan.failure + ": the agent would refuse it");
     }
     if (!plan.notice.empty()) findings.Warn(where, plan.notice);
+    TellRepeatedMembers(findings, where, plan.repeated);
     WarnOfEscapes(findings, where, path);
     lines.clear();
     const HashTable* const document = plan.document.get();
