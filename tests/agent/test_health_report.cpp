@@ -97,7 +97,7 @@ class HealthReport : public test::TestAgent {
 TEST_F(HealthReport, WritesTheFileAtEventsAndWhenAnythingChanged) {
     Run({[&] {
              EXPECT_EQ(Status()->startTime, clock.nowSeconds());
-             fs::remove_all(status.parent_path());
+             fs::remove(status);
          },
          [&] { EXPECT_EQ(Status()->writeTime, clock.nowSeconds()) << "somebody deleted it"; },
          [&] {

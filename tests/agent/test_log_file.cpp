@@ -96,7 +96,6 @@ TEST_F(LogFile, BeginsAgainWhenItsFileIsGone) {
     {
         const test::Replaced full(&platform::FileOperations::CreateFileW,
                                   [](auto&&...) { return platform::error::diskFull; });
-        fs::remove(logs / "agent.log", inUse);
         testing::internal::CaptureStderr();
         for (int minute = 0; minute < 2; ++minute) ReopenDeletedLog();
         const std::string told = testing::internal::GetCapturedStderr();
