@@ -1,11 +1,11 @@
 #include "lab/record_text.h"
 
-#include <algorithm>
 #include <ctime>
 #include <fmt/chrono.h>
 #include <fmt/format.h>
 
 #include "foundation/file_utils.h"
+#include "jsontext/strict_json.h"
 #include "platform/utf.h"
 
 namespace kv::lab {
@@ -14,34 +14,20 @@ namespace {
 
 constexpr std::string_view whiteSpace = " \t\r\n";
 
-ParsedJson Parse(const std::string& document, int flags) {
-    const std::unique_ptr<json_tokener, platform::ReleasedBy<json_tokener_free>> tokener(
-        json_tokener_new_ex(maxJsonDepth));
-    json_tokener_set_flags(tokener.get(), flags);
-    // The closing NUL is read, too: without it a bare number would count as unfinished.
-    Json value(json_tokener_parse_ex(tokener.get(), document.c_str(), -1));
-    const bool complete = json_tokener_get_error(tokener.get()) == json_tokener_success &&
-                          json_tokener_get_parse_end(tokener.get()) == document.size();
-    if (!complete) return {};
-    return {true, std::move(value)};
-}
-
-/// The same with a letter for each byte beyond ASCII, which json-c 0.18 takes for a control character when it is
-/// strict.
-std::string AsciiOnly(std::string document) {
-    std::replace_if(
-        document.begin(), document.end(), [](char byte) { return (byte & 0x80) != 0; }, 'x');
-    return document;
-}
-
 }  // namespace
 
 ParsedJson ParseJson(std::string_view text) {
     const std::size_t start = text.find_first_not_of(whiteSpace);
     if (start == std::string_view::npos) return {};
     const std::string document(text.substr(start, text.find_last_not_of(whiteSpace) + 1 - start));
-    const bool isStrict = platform::IsValidUtf8(document) && Parse(AsciiOnly(document), JSON_TOKENER_STRICT).valid;
-    return isStrict ? Parse(document, 0) : ParsedJson{};
+    // json-c takes more than JSON where it is not strict, and where it is, its version 0.18 takes ASCII alone.
+    if (!StrictJsonFault(document).empty()) return {};
+    const std::unique_ptr<json_tokener, platform::ReleasedBy<json_tokener_free>> tokener(
+        json_tokener_new_ex(maxJsonDepth));
+    // The closing NUL is read, too: without it a bare number would count as unfinished.
+    Json value(json_tokener_parse_ex(tokener.get(), document.c_str(), -1));
+    if (json_tokener_get_error(tokener.get()) != json_tokener_success) return {};
+    return {true, std::move(value)};
 }
 
 json_object* JsonText(std::string_view text) {

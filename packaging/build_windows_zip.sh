@@ -23,7 +23,7 @@ sed 's/$/\r/' packaging/debian/copyright >"$tree/copyright.txt"
 
 # The licences of what is linked into the programs.
 cp -r build/windows-deps/licences "$tree/licences"
-for library in libz-mingw-w64-dev libutfcpp-dev libcli11-dev mingw-w64-x86-64-dev gcc-mingw-w64-base; do
+for library in libz-mingw-w64-dev libutfcpp-dev libcli11-dev nlohmann-json3-dev mingw-w64-x86-64-dev gcc-mingw-w64-base; do
     cp "/usr/share/doc/$library/copyright" "$tree/licences/$library.txt"
 done
 

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds the libraries that the Windows programs link, from Debian's source packages, with MinGW-w64: json-c and fmt; the
-# headers of utf8cpp and CLI11, and for the tests those of cpp-httplib, come along. Does nothing when they are there.
+# headers of utf8cpp, CLI11 and nlohmann-json, and for the tests those of cpp-httplib, come along. Does nothing when they
+# are there.
 # Usage: tools/build_windows_dependencies.sh PREFIX
 set -euo pipefail
 
@@ -52,9 +53,9 @@ log=$prefix/build.log
     build fmtlib -DFMT_DOC=OFF -DFMT_TEST=OFF
     fetch cpp-httplib
     cp "$work/cpp-httplib/httplib.h" "$prefix/include/"
-    cp -rL /usr/include/utf8.h /usr/include/utf8 /usr/include/CLI "$prefix/include/"
+    cp -rL /usr/include/utf8.h /usr/include/utf8 /usr/include/CLI /usr/include/nlohmann "$prefix/include/"
     mkdir -p "$prefix/share/cmake"
-    cp -rL /usr/share/cmake/CLI11 "$prefix/share/cmake/"
+    cp -rL /usr/share/cmake/CLI11 /usr/share/cmake/nlohmann_json "$prefix/share/cmake/"
     mkdir -p "$prefix/licences"
     cp "$work/json-c/COPYING" "$prefix/licences/json-c.txt"
     cp "$work/fmtlib/LICENSE.rst" "$prefix/licences/fmt.txt"

@@ -7,12 +7,12 @@ set -euo pipefail
 
 build=(ca-certificates g++ cmake ninja-build pkg-config ccache zlib1g-dev libjson-c-dev libcurl4-openssl-dev
        libsqlite3-dev libsystemd-dev libmount-dev libedit-dev libfmt-dev libutfcpp-dev libzip-dev libcpp-httplib-dev libssl-dev
-       libcli11-dev)
+       libcli11-dev nlohmann-json3-dev)
 test=(git libgtest-dev libgmock-dev libbenchmark-dev clang-format clang-tidy openssl unzip python3 rpm
       clang libclang-rt-dev snmpd snmp snmpsim procps iproute2 iputils-ping debhelper lintian systemd systemd-container
       dbus systemd-journal-remote dmidecode pciutils samba-common-bin)
 windows=(git dpkg-dev xz-utils libgtest-dev libgmock-dev openssl unzip snmpd snmp snmpsim g++-mingw-w64-x86-64-posix
-         libz-mingw-w64-dev libcli11-dev wine wine64 gnutls-bin)
+         libz-mingw-w64-dev libcli11-dev nlohmann-json3-dev wine wine64 gnutls-bin)
 
 packages=("${build[@]}")
 case ${1:-build} in

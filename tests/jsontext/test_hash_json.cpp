@@ -4,6 +4,7 @@
 
 #include "foundation/file_utils.h"
 #include "jsontext/hash_json.h"
+#include "jsontext/strict_json.h"
 #include "platform/utf.h"
 #include "tests/support/test_agent.h"
 
@@ -160,6 +161,14 @@ TEST_F(Json, RecognisesTheEncodingOfAFile) {
     const std::string refusal = JSONFileToHash(table.get(), u"..\\none.txt").message;
     EXPECT_EQ(refusal.rfind("..\\none.txt: ", 0), 0U) << refusal;
     EXPECT_TRUE(refusal.ends_with(". (error 2)")) << "with the system's text: " << refusal;
+}
+
+TEST(StrictJson, TakesWhatTheFormatHas) {
+    for (const char* const text : {"{}", " [1, -2.5e3, \"\\u00e4\u00e4\", null] \n", "\"x\"", "0"})
+        EXPECT_EQ(StrictJsonFault(text), "") << text;
+    for (const char* const text : {"", "{'a': 1}", "{} {}", "{\"a\": 1,}", "[007]", "[True]", "[NaN]", "{a: 1}",
+                                   "[1] # x", "[\"\t\"]", "[\"\xff\"]", "[1.]"})
+        EXPECT_NE(StrictJsonFault(text).find(" line "), std::string::npos) << text;
 }
 
 }  // namespace

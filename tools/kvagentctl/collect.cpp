@@ -17,6 +17,7 @@
 #include "foundation/open_file.h"
 #include "foundation/registry_failure.h"
 #include "foundation/registry_store.h"
+#include "jsontext/strict_json.h"
 #include "platform/clock.h"
 #include "platform/console_tool.h"
 #include "platform/near_name.h"
@@ -60,6 +61,7 @@ struct CollectedRecord {
     std::uint64_t milliseconds = 0;
     std::vector<std::string> lines;   // what the agent would log
     std::vector<std::string> errors;  // what a script has written to standard error
+    std::string remark;               // what its server may not understand in the text
     bool isFailure = false;
 };
 
@@ -200,9 +202,22 @@ void TakeRecordFile(const std::u16string& folder, CollectedRecord& collected) {
 
 /// Null for a text that is not JSON.
 JsonPtr ParsedJson(const std::string& text) {
-    const std::unique_ptr<json_tokener, decltype(&json_tokener_free)> reader(json_tokener_new(), json_tokener_free);
-    json_object* value = json_tokener_parse_ex(reader.get(), text.data(), static_cast<int>(text.size()));
-    return JsonPtr(json_tokener_get_error(reader.get()) == json_tokener_success ? value : nullptr, json_object_put);
+    if (!StrictJsonFault(text).empty()) return {nullptr, json_object_put};
+    return {json_tokener_parse(text.c_str()), json_object_put};
+}
+
+/// What is odd about the text that a script printed; the agent sends it as it is. Empty when nothing is.
+std::string RemarkOn(const PlannedRecord& planned, const std::string& text) {
+    if (std::string fault = StrictJsonFault(text); !fault.empty())
+        return "it is not JSON, and goes out as it is: " + std::move(fault);
+    const JsonPtr json = ParsedJson(text);
+    if (!json_object_is_type(json.get(), json_type_object)) return "it is not an object, which a server expects";
+    std::vector<std::string> missing{"AGENTKEY", "DATACOLLECTTIME", "ERRORMSG",
+                                     Utf8FromWide(MemberText(planned.record, u"Name").value_or(u""))};
+    std::erase_if(missing, [&json](const std::string& name) {
+        return name.empty() || json_object_object_get_ex(json.get(), name.c_str(), nullptr);
+    });
+    return missing.empty() ? "" : fmt::format("it lacks {}, which a server expects", fmt::join(missing, ", "));
 }
 
 bool HasText(json_object* record, const char* key, std::string_view beginning) {
@@ -274,6 +289,7 @@ CollectedRecord Collect(const PlannedRecord& planned, const std::u16string& fold
         if (!collected.isFailure)
             collected.lines.emplace_back("the script printed nothing: the server gets an empty record");
     } else {
+        if (planned.kind == "script") collected.remark = RemarkOn(planned, *collected.text);
         const JsonPtr json = ParsedJson(*collected.text);
         collected.isFailure = HasText(json.get(), "ERRORMSG", "FAILED") || HasText(json.get(), "STATUS", "FAILURE");
     }
@@ -297,7 +313,7 @@ void PrintRecord(const PlannedRecord& planned, const CollectedRecord& collected)
         const std::string text = json ? TextOfJson(json.get()) : *collected.text;
         PrintText(text);
         if (!text.ends_with('\n')) fmt::print("\n");
-        if (!json) fmt::print("   not JSON: the server may not understand it\n");
+        if (!collected.remark.empty()) fmt::print("   remark: {}\n", InLine(collected.remark));
     }
     for (const std::string& line : collected.errors) fmt::print("   stderr: {}\n", InLine(line));
     for (const std::string& line : collected.lines) fmt::print("   log: {}\n", ReadableEntry(line));
@@ -332,6 +348,7 @@ json_object* JsonOf(const PlannedRecord& planned, const CollectedRecord& collect
     JsonPtr record = collected.text ? ParsedJson(*collected.text) : JsonPtr(nullptr, json_object_put);
     json_object_object_add(object, "record", record || !collected.text ? record.release() : JsonText(*collected.text));
     json_object_object_add(object, "stderr", JsonTexts(collected.errors));
+    json_object_object_add(object, "remark", collected.remark.empty() ? nullptr : JsonText(collected.remark));
     json_object_object_add(object, "log", JsonTexts(collected.lines));
     return object;
 }

@@ -57,7 +57,7 @@ TEST_F(CollectVerb, PrintsEachRecordAndTouchesNothing) {
     EXPECT_EQ(all.exitCode, 0) << all.errors;
     for (const char* const text :
          {"== System: workflow W, WMI, ", "\"MSPCUSTOMERID\": \"Some customer\"", "\"Primary\": \"True\"",
-          "== Disks: workflow W, script, ", "\"NAME\": \"Disks\"", "plain\n   not JSON",
+          "== Disks: workflow W, script, ", "\"NAME\": \"Disks\"", "plain\n   remark: it is not JSON",
           "== Quiet: workflow W, script, ", "ms, no record\n", "   log: response_needed is not true",
           "== 77: workflow W, SNMP, ", "\"box\"", "SUCCESS"})
         EXPECT_THAT(all.output, HasSubstr(text));
@@ -86,6 +86,8 @@ TEST_F(CollectVerb, LeavesNoFolderBehindWhenInterrupted) {
 TEST_F(CollectVerb, SaysWhatIsWrong) {
     WriteScript("fails.sh", "exit 3");
     WriteScript("silent.sh", "");
+    WriteScript("two.sh", R"(echo '{"A": 1} {"B": 2}')");
+    WriteScript("list.sh", "echo '[1]'");
     WriteScript("tells.sh", "echo 'it \\033[1m fails' >&2; echo '{}'");
     WriteScript("floods.sh", "yes | head -c 3000000 >&2");
     Write(Utf8(conf / "scripts" / "crlf.sh"), "#!/bin/sh\r\necho x >&2");
@@ -103,6 +105,18 @@ TEST_F(CollectVerb, SaysWhatIsWrong) {
          1,
          "the record N failed: there is no file",
          ""},
+        {"two objects",
+         R"({"script": "two.sh", "Name": "N", "response_needed": "true"})",
+         {},
+         0,
+         "{\"A\": 1} {\"B\": 2}\n   remark: it is not JSON, and goes out as it is: parse error at line 1, column 10",
+         ""},
+        {"a list",
+         R"({"script": "list.sh", "Name": "N", "response_needed": "true"})",
+         {"--json"},
+         0,
+         "\"remark\": \"it is not an object, which a server expects\"",
+         ""},
         {"absent, without a record", R"({"script": "none.sh", "Name": "N"})", {}, 1, ", no record, FAILED\n", "1 of 1"},
         {"silent",
          R"({"script": "silent.sh", "Name": "S", "response_needed": "true"})",
@@ -115,7 +129,7 @@ TEST_F(CollectVerb, SaysWhatIsWrong) {
          R"({"script": "tells.sh", "Name": "T", "response_needed": "true"})",
          {},
          0,
-         "{\n}\n   stderr: it \\x1b[1m fails\n",
+         "\n   stderr: it \\x1b[1m fails\n",
          ""},
         {"much of it", R"({"script": "floods.sh", "Name": "F"})", {}, 0, "y\n   stderr: (much is left out)\n", ""},
         {"line ends",
