@@ -1,14 +1,50 @@
 // kvagentctl on its command line, on every system.
-#include "tests/tools/tool_fixture.h"
+#include "tests/tools/agent_tool_fixture.h"
 
 namespace kv::test {
 
 namespace {
 
-class ControlTool : public ToolTest {
-  protected:
-    ControlTool() : ToolTest(KVAGENTCTL_PROGRAM) {}
-};
+class ControlTool : public AgentToolTest {};
+
+TEST_F(ControlTool, SaysWhatIsMissingWithoutAnAgent) {
+    const std::tuple<Words, int, const char*> rows[] = {
+        {{"status"}, 3, "version:   "},
+        {{"status", "--plugin"}, 3, "KVAGENT UNKNOWN - "},
+        {{"collect"}, 3, "name a plan: kvagentctl collect PLAN"},
+        {{"log"}, 3, "is the agent installed"},
+        {{"pin"}, 3, "no server is set: kvagentctl setup --server SERVER"},
+        {{"check"}, 1, "kvagentctl setup --server SERVER"},
+    };
+    for (const auto& [words, exitCode, told] : rows) {
+        SCOPED_TRACE(words.front());
+        const Outcome outcome = Run(words);
+        EXPECT_EQ(outcome.exitCode, exitCode);
+        EXPECT_THAT(outcome.output + outcome.errors, HasSubstr(told));
+    }
+}
+
+TEST_F(ControlTool, ChecksAndCollectsAPlan) {
+    const std::string plan = Utf8(folder / "plan.json");
+    const auto write = [&plan](const std::string& record) {
+        Write(plan, R"({"WorkFlows":[{"wfname":"W","interval":1,"recordSetName":[{)" + record + "}]}]}");
+    };
+    write(R"("wmiQuery":"SELECT Caption FROM Win32_OperatingSystem","Name":"System")");
+    const Outcome record = Run({"collect", plan});
+    EXPECT_EQ(record.exitCode, 0) << record.errors;
+    EXPECT_THAT(record.output,
+                ::testing::AllOf(HasSubstr("== System: workflow W, WMI, "), HasSubstr("\"Caption\": \"")));
+    EXPECT_THAT(Run({"collect", plan, "--record", "Nix"}).errors, HasSubstr("there are: System"));
+    const std::pair<const char*, const char*> rows[] = {
+        {R"("wmiquery":"SELECT","Name":"N")", "did you mean wmiQuery?"},
+        {R"("wmiQuery":"SELECT * FROM Win32_BIOS","Name":"ERRORMSG")", "is another member"},
+        {R"("PROTOCOL":"SPOLL","DEVICE_NAME":"d","OID":".1.x")", "OID '.1.x' is not numbers with dots"},
+    };
+    for (const auto& [members, finding] : rows) {
+        write(members);
+        EXPECT_THAT(Run({"check", plan}).output, HasSubstr(finding));
+    }
+}
 
 TEST_F(ControlTool, RefusesWhatIsNotASnmpRequest) {
     const std::tuple<Words, const char*> rows[] = {

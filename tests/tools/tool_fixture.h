@@ -43,7 +43,9 @@ class ToolTest : public ::testing::Test {
         return {name.begin(), name.end()};
     }
 
-    Outcome Run(const Words& words) const {
+    Outcome Run(const Words& words) const { return RunTool(files, words); }
+
+    static Outcome RunTool(const ToolFiles& files, const Words& words) {
         Outcome outcome;
         std::FILE* const tool = StartTool(files, words);
         for (int byte = std::fgetc(tool); byte != EOF; byte = std::fgetc(tool))

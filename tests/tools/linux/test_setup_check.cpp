@@ -1,21 +1,18 @@
-// kvagentctl setup and check, on a registry and an install tree of the test's own.
+// kvagentctl check, on a registry and an install tree of the test's own.
 #include <sys/stat.h>
 
 #include "foundation/file_utils.h"
 #include "tests/http/http_peers.h"
 #include "tests/http/linux/tls_peers.h"
-#include "tests/tools/tool_fixture.h"
+#include "tests/tools/agent_tool_fixture.h"
 
 namespace kv::test {
 
 namespace {
 
-const std::string agentKey = "Software\\Halvorine\\Kestrova\\KVAgent";
-const std::string serverKey = agentKey + "\\ServerInfo";
-
-class SetupAndCheck : public ToolTest {
+class CheckVerb : public AgentToolTest {
   protected:
-    SetupAndCheck() : ToolTest(KVAGENTCTL_PROGRAM) {
+    CheckVerb() {
         fs::permissions(folder / "state", fs::perms::owner_all);
         fs::create_directories(conf / "scripts");
         fs::create_directories(folder / "monitoring" / "bin");
@@ -23,18 +20,6 @@ class SetupAndCheck : public ToolTest {
         for (const fs::path& path : {conf, logs}) fs::permissions(path, fs::perms::owner_all);
     }
 
-    /// Of kvreg.
-    Outcome Registry(const Words& words) const {
-        Outcome outcome;
-        std::FILE* const tool = StartTool({KVREG_PROGRAM, files.input, files.errors}, words);
-        for (int byte = std::fgetc(tool); byte != EOF; byte = std::fgetc(tool))
-            outcome.output += static_cast<char>(byte);
-        outcome.exitCode = EndTool(tool);
-        return outcome;
-    }
-    std::string Get(const std::string& key, const std::string& name) const {
-        return Registry({"get", key, name}).output;
-    }
     void InstallAgent() const {
         Registry({"set", agentKey, "KVAgentInstallDir", folder.string() + "/"});
         ASSERT_EQ(Run({"setup", "--server", "localhost"}).exitCode, 0);
@@ -45,68 +30,7 @@ class SetupAndCheck : public ToolTest {
     const std::string plan = (folder / "plan.json").string();
 };
 
-TEST_F(SetupAndCheck, SetupTellsAllThatIsWrongAndStoresNothing) {
-    const std::tuple<const char*, Words, std::vector<const char*>> rows[] = {
-        {"nothing", {}, {"what is to be set?"}},
-        {"no server", {"--port", "1"}, {"--server is missing, and no server was set before"}},
-        {"all at once",
-         {"--server", "ftp://cs:x/", "--ip", "nowhere", "--second-ip", "q", "--customer", "", "--protocol", "ssh"},
-         {"--server takes https:// or http://, not 'ftp://'", "--ip takes an address, not 'nowhere'",
-          "--second-ip takes an address", "--server and --protocol name two protocols", "--server takes a port number",
-          "--customer takes a text that is not empty"}},
-        {"a path", {"--server", "https://cs/agent"}, {"takes no path, because the agent's paths are fixed"}},
-        {"two ports", {"--server", "cs:1", "--port", "2", "--ip", "192.0.2.1"}, {"--server and --port name two ports"}},
-        {"a port", {"--server", "cs", "--port", "65536", "--ip", "192.0.2.1"}, {"a port number from 1 to 65535"}},
-        {"credentials", {"--server", "me:hunter2@cs"}, {"--server takes neither user nor password"}},
-        {"every address", {"--server", "0.0.0.0"}, {"not '0.0.0.0', which stands for every address"}},
-        {"control character",
-         {"--server", "cs\x1b"},
-         {"--server takes a name or an address, without scheme and port, not 'cs\\x1b': a name has no control"}},
-        {"a URL with a slip", {"--server", "HTTPS//cs:8443"}, {"not 'HTTPS//cs:8443'; did you mean https://cs:8443?"}},
-        {"a cut address", {"--server", "10.1.1", "--ip", "10.1.1"}, {"not '10.1.1': an IPv4 address has four numbers"}},
-        {"long name",
-         {"--server", std::string(254, 'c')},
-         {"scheme and port, of at most 253 characters, not of 254\n"}},
-        {"unknown name", {"--server", "cs.invalid"}, {"cs.invalid cannot be looked up", "give the address with --ip"}},
-    };
-    for (const auto& [title, options, errors] : rows) {
-        SCOPED_TRACE(title);
-        Words words{"setup"};
-        words.insert(words.end(), options.begin(), options.end());
-        const Outcome outcome = Run(words);
-        EXPECT_EQ(outcome.exitCode, 2);
-        for (const char* error : errors) EXPECT_THAT(outcome.errors, HasSubstr(error));
-        EXPECT_THAT(outcome.errors, testing::Not(HasSubstr("hunter2")));
-        EXPECT_EQ(Registry({"list", agentKey}).exitCode, 3) << "nothing is stored";
-    }
-}
-
-TEST_F(SetupAndCheck, SetupStoresAllAndChangesOneThing) {
-    const Words whole{"setup", "--server", "HTTPS://cs.example.com:8443/", "--ip", "192.0.2.1", "--office", "Here"};
-    Words dry = whole;
-    dry.push_back("--dry-run");
-    EXPECT_THAT(Run(dry).output, HasSubstr("Nothing was stored"));
-    EXPECT_EQ(Registry({"list", agentKey}).exitCode, 3);
-    const Outcome stored = Run(whole);
-    EXPECT_EQ(stored.exitCode, 0) << stored.errors;
-    EXPECT_THAT(stored.output, HasSubstr("systemctl restart corvinel-monitoring-agent"));
-    EXPECT_THAT(stored.errors, HasSubstr("KVAgentInstallDir is missing"));
-    EXPECT_EQ(Run({"setup", "--port", "8444", "--second-ip", "192.0.2.2"}).exitCode, 0);
-    const std::tuple<std::string, const char*, const char*> values[] = {
-        {serverKey, "KVServerName", "cs.example.com\n"},    {serverKey, "KVServerFlatName", "cs\n"},
-        {serverKey, "KVServerIPAddress", "192.0.2.1\n"},    {serverKey, "KVLastAccessName", "cs.example.com\n"},
-        {serverKey, "KVServerSecIPAddress", "192.0.2.2\n"}, {serverKey, "KVServerSecurePort", "8444\n"},
-        {serverKey, "KVServerProtocol", "https\n"},         {agentKey, "CustomerName", "Default\n"},
-        {agentKey, "RemoteOfficeName", "Here\n"},
-    };
-    for (const auto& [key, name, value] : values) EXPECT_EQ(Get(key, name), value) << name;
-    EXPECT_EQ(Run({"setup", "--server", "192.0.2.9"}).exitCode, 0);
-    EXPECT_THAT(Run({"setup", "--port", "1"}).output,
-                testing::ContainsRegex("KVServerIPAddress +192.0.2.9 +as before"));
-    EXPECT_EQ(Get(serverKey, "KVServerIPAddress") + Get(serverKey, "KVServerSecIPAddress"), "192.0.2.9\n--\n");
-}
-
-TEST_F(SetupAndCheck, CheckFindsWhatIsWrongWithSettings) {
+TEST_F(CheckVerb, FindsWhatIsWrongWithSettings) {
     EXPECT_THAT(Run({"check"}).output, testing::ContainsRegex("^error: registry: .*/registry.db does not exist; kvagent"
                                                               "ctl setup --server SERVER makes it.*\n1 error, 0 warn"));
     Registry({"set", agentKey, "AgentLogLevel", "1", "--dword"});
@@ -153,7 +77,7 @@ TEST_F(SetupAndCheck, CheckFindsWhatIsWrongWithSettings) {
     EXPECT_THAT(Run({"check"}).output, HasSubstr("error: registry: settings and scripts are not checked: there is no"));
 }
 
-TEST_F(SetupAndCheck, CheckTriesEachAddressOfTheServer) {
+TEST_F(CheckVerb, TriesEachAddressOfTheServer) {
     InstallAgent();
     const Identity identity = Issue(NewKey(), {.name = "cs"});
     const TlsServer server(identity, "HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\n\r\n");
@@ -181,7 +105,7 @@ TEST_F(SetupAndCheck, CheckTriesEachAddressOfTheServer) {
     EXPECT_THAT(Run({"check"}).output, HasSubstr("KVServerPinnedKey: takes sha256// and the 44 characters"));
 }
 
-TEST_F(SetupAndCheck, CheckJudgesHowAServerAnswers) {
+TEST_F(CheckVerb, JudgesHowAServerAnswers) {
     InstallAgent();
     const Identity identity = Issue(NewKey(), {"cs", "DNS:cs.example.com,IP:192.0.2.1"});
     const TlsServer target(identity, "HTTP/1.1 404 No\r\nContent-Length: 0\r\n\r\n");
@@ -235,7 +159,7 @@ TEST_F(SetupAndCheck, CheckJudgesHowAServerAnswers) {
                 HasSubstr("which is a failure of the proxy " + name + " or of the server behind it"));
 }
 
-TEST_F(SetupAndCheck, CheckFindsWhatIsWrongWithAPlan) {
+TEST_F(CheckVerb, FindsWhatIsWrongWithAPlan) {
     InstallAgent();
     Write(conf / "scripts" / "crlf.sh", "#!/bin/sh\r\n");
     Write(conf / "scripts" / "plain-crlf.sh", "echo\r\n");

@@ -1,10 +1,7 @@
 // kvagentctl log on a log of the test's own.
 #include <fstream>
 
-#include "foundation/registry_store.h"
-#include "platform/backend.h"
-#include "platform/utf.h"
-#include "tests/tools/tool_fixture.h"
+#include "tests/tools/agent_tool_fixture.h"
 #include "tools/kvagentctl/log/log_entries.h"
 
 namespace kv::test {
@@ -15,14 +12,12 @@ std::string Entry(int second, const std::string& text) {
     return "\n2026/11/26  23:33:0" + std::to_string(second) + ":100 " + text + " \n";
 }
 
-class LogVerb : public ToolTest {
+class LogVerb : public AgentToolTest {
   protected:
-    LogVerb() : ToolTest(KVAGENTCTL_PROGRAM) {
-        platform::InstallBackend();
-        platform::InstallRegistry();
-        writeValue(platform::RootKey::localMachine, agentKeyPath, u"KVAgentInstallDir",
-                   platform::WideFromUtf8(folder.string() + "/"), platform::RegistryType::text);
-        fs::create_directories(logs);
+    LogVerb() { fs::create_directories(logs); }
+    void SetUp() override {
+        AgentToolTest::SetUp();
+        if (!IsSkipped()) SetInstallDirectory();
     }
     void Rotate(int from) const {
         for (int n = from; n > 0; --n) fs::rename(logs / Name(n - 1), logs / Name(n));
