@@ -10,7 +10,6 @@ class ControlTool : public AgentToolTest {};
 TEST_F(ControlTool, SaysWhatIsMissingWithoutAnAgent) {
     const std::tuple<Words, int, const char*> rows[] = {
         {{"status"}, 3, "version:   "},
-        {{"status", "--plugin"}, 3, "KVAGENT UNKNOWN - "},
         {{"collect"}, 3, "name a plan: kvagentctl collect PLAN"},
         {{"log"}, 3, "is the agent installed"},
         {{"pin"}, 3, "no server is set: kvagentctl setup --server SERVER"},

@@ -64,7 +64,8 @@ TEST_F(Kvreg, CarriesOutItsCommands) {
         EXPECT_THAT(outcome.errors, HasSubstr(errors));
         EXPECT_EQ(std::count(outcome.errors.begin(), outcome.errors.end(), '\n'), exitCode == 0 ? 0 : 1);
     }
-    EXPECT_THAT(Run({"set", R"(Software\Halvorine\Kestrova\KVAgent)", "ServerInfo\\KVServerName", "v"}).errors,
+    Run({"set", key, "v", "1"});
+    EXPECT_THAT(Run({"get", R"(Software\Halvorine\Kestrova\KVAgent)", "ServerInfo\\KVServerName"}).errors,
                 HasSubstr("did you mean KVServerName in the key Software\\Halvorine\\Kestrova\\KVAgent\\ServerInfo"));
     EXPECT_THAT(Run({"set", "Software/KvregTest", "n", "v"}).errors, HasSubstr("did you mean 'Software\\KvregTest'"));
     EXPECT_EQ(Run({"delete", "Software/KvregTest", "--yes"}).exitCode, 0);

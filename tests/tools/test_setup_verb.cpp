@@ -51,7 +51,7 @@ TEST_F(SetupVerb, StoresAllAndChangesOneThing) {
     EXPECT_EQ(Registry({"list", agentKey}).exitCode, 3);
     const Outcome stored = Run(whole);
     EXPECT_EQ(stored.exitCode, 0) << stored.errors;
-    EXPECT_THAT(stored.output, HasSubstr("systemctl restart corvinel-monitoring-agent"));
+    EXPECT_THAT(stored.output, HasSubstr("Stored. The agent takes it at its next start: "));
     EXPECT_THAT(stored.errors, HasSubstr("KVAgentInstallDir is missing"));
     EXPECT_EQ(Run({"setup", "--port", "8444", "--second-ip", "192.0.2.2"}).exitCode, 0);
     const std::tuple<std::string, const char*, const char*> values[] = {

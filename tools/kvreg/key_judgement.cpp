@@ -161,7 +161,7 @@ std::string UnknownKeyDoubt(std::u16string_view path) {
 
 std::string KeyDoubt(std::u16string_view path, KeyUse use) {
     std::u16string meant = MeantAgentKey(path);
-    if (meant.empty() && path.find(u'\\') == path.npos && path.find(u'/') != path.npos)
+    if (meant.empty() && path.find(u'\\') == std::u16string_view::npos && path.find(u'/') != std::u16string_view::npos)
         meant = WithSingleBackslashes(path);
     if (!meant.empty())
         return MeantText(path, meant, "Keys have backslashes between them, and in a shell they need quotes");

@@ -151,9 +151,10 @@ void Get(const Given& given) {
     const Error result = ReadValue(path, name, value);
     KeyContents contents;
     const bool isKeyGone = IsGone(result) && IsGone(ReadKey(path, contents));
-    const std::string what = "cannot read the " + ValueTitle(path, name);
-    if (isKeyGone) RequireKey(result, what, path);
-    Require(result, what, ValueTitle(path, name), NameHint(path, name));
+    const std::string joined = JoinedValueHint(path);
+    Require(result, "cannot read the " + ValueTitle(path, name),
+            isKeyGone ? "key " + WholePath(path) : ValueTitle(path, name),
+            joined.empty() ? NameHint(path, name) : joined);
     fmt::print("{}\n", PlainData(value));
 }
 
