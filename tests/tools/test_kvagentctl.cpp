@@ -52,6 +52,7 @@ TEST_F(ControlTool, RefusesWhatIsNotASnmpRequest) {
         {{"bulk", "127.0.0.1", ".1"}, "'bulk' is not get, gnext or walk"},
         {{"get", "127.0.0.1"}, "the OID is missing"},
         {{"get", "127.0.0.1", "sysName.0"}, "'sysName.0' is not an OID"},
+        {{"get", "127.0.0.1:161", ".1"}, "is not an IPv4 address or a name; a port is given with -p"},
         {{"get", "127.0.0.1", ".1..3"}, "'.1..3' is not an OID"},
         {{"get", "127.0.0.1", ".1.4294967295"}, "is not an OID"},
         {{"-p", "0", "get", "127.0.0.1", ".1"}, "--port takes a number from 1 to 65535, not '0'"},

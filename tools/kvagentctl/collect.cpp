@@ -28,6 +28,7 @@
 #include "tools/kvagentctl/json_text.h"
 #include "tools/kvagentctl/log/log_entries.h"
 #include "tools/kvagentctl/output.h"
+#include "tools/kvagentctl/plan_neighbour.h"
 #include "tools/kvagentctl/readable_file.h"
 #include "tools/kvagentctl/script_errors.h"
 #include "tools/kvagentctl/script_file.h"
@@ -153,9 +154,11 @@ std::vector<HashTablePtr> ReadPlans(const Given& given, platform::Error failure)
     if (failure != platform::error::success) throw std::runtime_error(hint);
     const std::u16string bin = *agentState.gv_ocAgentBinPath;
     const std::u16string own = ConcatStrings(bin, conf_path::ownPlan);
-    if (!MayExist(own))
-        throw NotFoundError(
-            fmt::format("the agent has no plan: there is no {}; name one: kvagentctl collect PLAN", NativeName(own)));
+    if (!MayExist(own)) {
+        const std::string neighbour = PlanNeighbourHint(own);
+        throw NotFoundError(fmt::format("the agent has no plan: {} does not exist; {}", NativeName(own),
+                                        neighbour.empty() ? "name one: kvagentctl collect PLAN" : neighbour));
+    }
     plans.push_back(ReadPlan(own, NativeName(own)));
     if (!Has(given, "--slaves")) return plans;
     for (const SlavePlan& plan : PlansOfSlaves(bin)) plans.push_back(ReadPlan(plan.path, NativeName(plan.path)));

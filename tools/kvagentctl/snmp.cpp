@@ -14,6 +14,7 @@
 #include "snmp/pdu.h"
 #include "snmp/snmp_manager.h"
 #include "tools/kvagentctl/agent_process.h"
+#include "tools/kvagentctl/device_name.h"
 #include "tools/kvagentctl/output.h"
 #include "tools/kvagentctl/verbs.h"
 
@@ -30,7 +31,6 @@ using commandline::Value;
 constexpr std::int64_t defaultPort = 161;
 constexpr std::int64_t defaultTimeout = 5;
 constexpr std::int64_t longestTimeout = 2147;  // seconds; its microseconds fit 32 bits
-constexpr std::size_t longestHost = 255;       // characters
 // Sub-identifiers: a longer OID would go out, but an answer with it is not read.
 constexpr std::size_t longestOid = snmp::maxReceivedSubIds;
 
@@ -111,12 +111,8 @@ Request ReadRequest(const Given& given) {
     for (const std::string& oid : commandline::Values(given, "OID")) request.oids.push_back(OidOf(oid));
     if (request.host.empty()) RefuseUsage("the address is missing");
     if (request.oids.empty()) RefuseUsage("the OID is missing");
-    if (request.host.find(':') != std::string::npos)
-        throw UsageError(fmt::format(
-            "'{}' is not an IPv4 address or a name; a port is given with -p, and IPv6 is not asked", request.host));
-    if (request.host == "255.255.255.255")
-        throw UsageError("255.255.255.255 is every computer of a network; name one device");
-    if (request.host.size() > longestHost) throw UsageError("the address is longer than 255 characters");
+    const std::string fault = DeviceNameFault(request.host, "is given with -p");
+    if (!fault.empty()) throw UsageError("the address " + fault);
     request.port = static_cast<std::int32_t>(Number(given, "--port", defaultPort, {1, 65535}));
     request.timeout = static_cast<std::int32_t>(Number(given, "--timeout", defaultTimeout, {1, longestTimeout}));
     request.community = Value(given, "--community", "public");

@@ -154,9 +154,8 @@ TEST_F(CollectVerb, SaysWhatIsWrong) {
         EXPECT_THAT(outcome.output, HasSubstr(output));
         EXPECT_THAT(outcome.errors, HasSubstr(errors));
     }
-    fs::remove(conf / "queryconf.txt");
-    EXPECT_THAT(Run({"collect"}).errors,
-                HasSubstr("the agent has no plan: there is no " + Utf8(conf / "queryconf.txt")));
+    fs::rename(conf / "queryconf.txt", conf / "QueryConf.json");
+    EXPECT_THAT(Run({"collect"}).errors, HasSubstr("/queryconf.txt does not exist; QueryConf.json stands there, and"));
 }
 
 }  // namespace

@@ -54,6 +54,8 @@ TEST_F(QueryVerb, PrintsRowsInTheOrderOfSelect) {
          "",
          "Invalid query (80041017): Win32_Process lacks the property Nam; did you mean Name?"},
         {"place", {"SELECT Name FRM Win32_Process"}, 1, "", "at character 13, \"FRM\""},
+        {"semicolon", {"SELECT Name FROM Win32_Process;"}, 1, "", "; leave out the ; at the end"},
+        {"elsewhere", {self, "--namespace", "//SRV/ROOT/CIMV2"}, 1, "", "only this computer is asked"},
         {"namespace", {self, "--namespace", "ROOT\\X"}, 1, "", "Invalid namespace (8004100e): ROOT\\X"},
         {"hidden", {"SELECT Name, __PATH FROM Win32_Processor"}, 0, "Name", "__PATH: system properties"},
         {"two forms", {self, "--json", "--csv"}, 2, "", "only one of"},
@@ -88,6 +90,13 @@ TEST_F(QueryVerb, ReadsQueriesFromStandardInput) {
     for (const char* told : {"kvagentctl: line 5: Invalid class (80041010): the class y does not exist\n",
                              "line 6: usage: .describe CLASS\n", "line 7: unknown command '.nix'; .help lists them\n"})
         EXPECT_THAT(outcome.errors, HasSubstr(told));
+    Write(Utf8(files.input),
+          "Quit\nSELECT Name FROM Win32_Process WHERE Name LIKE 'nix*'\nSELECT\u00A0Name FROM Win32_BIOS;");
+    const std::string hints = Run({"query"}).errors;
+    for (const char* told :
+         {"line 1: 'Quit' is not a query; did you mean .quit?", "in LIKE 'nix*' the * stands for its",
+          "character 7 is a no-break space (U+00A0): write a plain blank"})
+        EXPECT_THAT(hints, HasSubstr(told));
 }
 
 TEST_F(QueryVerb, EndsWhenNobodyReadsAndWhenALineDoesNotEnd) {

@@ -222,7 +222,26 @@ TEST_F(CheckVerb, FindsWhatIsWrongWithAPlan) {
         {"bytes", record(R"("script":"bytes.sh","Name":"N")"), "is neither a program nor a script"},
         {"fifo", record(R"("script":"fifo.sh","Name":"N")"), "fifo.sh is not a regular file"},
         {"mode", record(R"("script":"plain.sh","Name":"N")"), "is not executable, so /bin/sh runs it; chmod +x"},
+        {"arguments", record(R"("script":"plain.sh  -a /","Name":"N")"), R"(: "script": "plain.sh", "params": "-a /")"},
+        {"near script", record(R"("script":"plain","Name":"N")"), "/plain does not exist; did you mean plain.sh?"},
+        {"params", record(R"("script":"plain.sh","Name":"N","params":["/"])"), "params is not a text: the script runs"},
+        {"no shell", record(R"("script":"plain.sh","Name":"N","params":"$HOME \"$x\" > y")"),
+         "$HOME > in params reach"},
+        {"quotes", record(R"("script":"plain.sh","Name":"N","params":"'a b'")"), "single quotes, which do not keep"},
         {"no record", record(R"("script":"plain.sh","Name":"N")"), "note: workflow [0] \"W\", record [0] \"N\": resp"},
+        {"yes", record(R"("script":"plain.sh","Name":"N","response_needed":"yes")"),
+         "is \"yes\", not \"true\": the scr"},
+        {"two kinds", record(R"("script":"x","Name":"N","wmiQuery":"SELECT * FROM Win32_BIOS")"),
+         "\n0 errors, 1 warning\n"},
+        {"pattern", record(R"("wmiQuery":"SELECT * FROM Win32_BIOS WHERE Name LIKE 'a?'","Name":"N")"),
+         "in LIKE 'a?' the"},
+        {"device", record(snmp + R"("SNMP_VERSION":"v1","OID":".1.3","DEVICE_NAME":"d:1")"),
+         "'d:1' is not an IPv4 addr"},
+        {"walk", record(snmp + R"("OID":[".1"],"IS_MULTIPLE_POLLED_DATA":1,"PORT":1)"),
+         "DATA is \"1\", not \"true\": only"},
+        {"OID list", record(snmp + R"("OID":[".1"])"), "OID is not a text: nothing is asked; one text with commas"},
+        {"part of a name", record(snmp + R"("OID":".1","PORT":1)"), "PORT: did you mean SNMP_PORT?"},
+        {"no version", record(snmp + R"("OID":".1.3")"), "SNMP_VERSION is missing: v1 is taken"},
         {"port", record(snmp + R"("SNMP_VERSION":"v1","OID":".1.3","SNMP_PORT":"x")"), "SNMP_PORT is not a number"},
         {"version", record(snmp + R"("SNMP_VERSION":"2c","OID":".1.3")"), "'2c' is neither v1 nor v2c: v1 is taken"},
         {"oid", record(snmp + R"("SNMP_VERSION":"v1","OID":".1.3,1.3.6")"), "OID '1.3.6' does not begin with a dot"},
@@ -237,6 +256,8 @@ TEST_F(CheckVerb, FindsWhatIsWrongWithAPlan) {
         Write(plan, text);
         EXPECT_THAT(Run({"check", plan}).output, HasSubstr(finding));
     }
+    Write(conf / "plan.json", "{}");
+    EXPECT_THAT(Run({"check"}).output, HasSubstr("plan.json stands there, and the agent reads only queryconf.txt"));
     Registry({"set", agentKey + "\\Monitoring", "AllowedScripts", "other.sh"});
     Write(plan, record(R"("script":"plain.sh","Name":"N")"));
     EXPECT_THAT(Run({"check", plan}).output, HasSubstr("plain.sh is not run: AllowedScripts does not have it"));

@@ -8,6 +8,7 @@
 #include "queryconf/conf_paths.h"
 #include "tools/kvagentctl/agent_process.h"
 #include "tools/kvagentctl/check/check_parts.h"
+#include "tools/kvagentctl/plan_neighbour.h"
 #include "tools/kvagentctl/readable_file.h"
 #include "tools/kvagentctl/verbs.h"
 
@@ -25,6 +26,12 @@ void CheckSlaves(Findings& findings, const std::vector<SlavePlan>& plans) {
     for (const SlavePlan& plan : plans) CheckPlan(findings, plan.path, NativeName(plan.path), plan.slave);
 }
 
+void TellAbsentPlan(Findings& findings, std::u16string_view path, const std::string& name) {
+    const std::string neighbour = PlanNeighbourHint(path);
+    findings.Warn("plan " + name, "does not exist, so nothing is collected",
+                  neighbour.empty() ? "put one there, or wait for the server to send one" : neighbour);
+}
+
 void CheckOwnPlan(Findings& findings) {
     const std::u16string install = InstallDirectory();
     if (install.empty()) return;
@@ -40,8 +47,7 @@ void CheckOwnPlan(Findings& findings) {
     if (MayExist(path))
         CheckPlan(findings, path, name, u"");
     else
-        findings.Warn("plan " + name, "does not exist, so nothing is collected",
-                      "put one there, or wait for the server to send one");
+        TellAbsentPlan(findings, path, name);
     CheckSlaves(findings, PlansOfSlaves(bin));
 }
 

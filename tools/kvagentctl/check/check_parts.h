@@ -48,9 +48,9 @@ struct PlanContext {
 /// One record of a plan; where names it and its workflow.
 void CheckRecord(Findings& findings, PlanContext& context, const std::string& where, const HashTable* record);
 
-/// A warning or note for each member of a table that is not among the known ones.
+/// A warning or note for each member of a table that is not among the known ones, nor among those passed over.
 void CheckMemberNames(Findings& findings, const std::string& where, const HashTable* table,
-                      std::span<const std::u16string_view> known);
+                      std::span<const std::u16string_view> known, std::span<const std::u16string_view> passedOver = {});
 
 /// A plan's file: whether the agent would take it, and each workflow and record in it. The path is as platform/files.h
 /// takes it, the name as people know it. owner: the slave that it lies there for, "" for the agent itself; absent when

@@ -148,6 +148,26 @@ void TellRepeatedMembers(Findings& findings, const std::string& where, const std
     }
 }
 
+/// Whether a name is another one without its first or last word: PORT of SNMP_PORT.
+bool IsPartOf(std::u16string_view name, std::u16string_view whole) {
+    if (name.size() + 1 >= whole.size()) return false;
+    const std::size_t rest = whole.size() - name.size();
+    return (whole[rest - 1] == u'_' && CompareIgnoreCase(whole.substr(rest), name) == 0) ||
+           (whole[name.size()] == u'_' && CompareIgnoreCase(whole.substr(0, name.size()), name) == 0);
+}
+
+/// The absent member that was probably meant by an unknown name; empty when none resembles it, or several do.
+std::u16string_view MeantMember(const HashTable* table, std::u16string_view name,
+                                std::span<const std::u16string_view> known) {
+    std::u16string_view meant = platform::NearestName(name, known);
+    if (meant.empty()) {
+        const auto isPart = [name](std::u16string_view whole) { return IsPartOf(name, whole); };
+        const auto found = std::find_if(known.begin(), known.end(), isPart);
+        if (found != known.end() && std::none_of(found + 1, known.end(), isPart)) meant = *found;
+    }
+    return ContainsHashKey(table, meant) ? std::u16string_view() : meant;
+}
+
 /// The escapes of a JSON text for characters beyond ASCII: how many there are, and the first.
 struct WideEscapes {
     std::size_t count = 0;
@@ -189,16 +209,18 @@ void WarnOfEscapes(Findings& findings, const std::string& where, std::u16string_
 }  // namespace
 
 void CheckMemberNames(Findings& findings, const std::string& where, const HashTable* table,
-                      std::span<const std::u16string_view> known) {
+                      std::span<const std::u16string_view> known, std::span<const std::u16string_view> passedOver) {
     const std::unique_ptr<const char16_t*[]> keys = GetHashKeys(table);
     for (std::size_t i = 0; keys[i]; ++i) {
         const std::u16string_view key = keys[i];
-        if (std::find(known.begin(), known.end(), key) != known.end()) continue;
-        const std::u16string_view nearest = platform::NearestName(key, known);
-        if (nearest.empty() || ContainsHashKey(table, nearest))
+        const auto isKey = [key](std::u16string_view name) { return name == key; };
+        if (std::any_of(known.begin(), known.end(), isKey) || std::any_of(passedOver.begin(), passedOver.end(), isKey))
+            continue;
+        const std::u16string_view meant = MeantMember(table, key, known);
+        if (meant.empty())
             findings.Note(where, fmt::format("the agent does not know the member {}", Utf8FromWide(key)));
         else
-            findings.Warn(where, fmt::format("{}: did you mean {}?", Utf8FromWide(key), Utf8FromWide(nearest)));
+            findings.Warn(where, fmt::format("{}: did you mean {}?", Utf8FromWide(key), Utf8FromWide(meant)));
     }
 }
 

@@ -44,8 +44,8 @@ void Findings::Warn(std::string where, std::string what, std::string next) {
     list.push_back({Severity::warning, std::move(where), std::move(what), std::move(next)});
 }
 
-void Findings::Note(std::string where, std::string what) {
-    list.push_back({Severity::note, std::move(where), std::move(what), ""});
+void Findings::Note(std::string where, std::string what, std::string next) {
+    list.push_back({Severity::note, std::move(where), std::move(what), std::move(next)});
 }
 
 std::size_t Findings::Count(Severity severity) const {

@@ -22,7 +22,7 @@ struct Findings {
     void Error(std::string where, std::string what, std::string next = "");
     void Warn(std::string where, std::string what, std::string next = "");
     /// Something to know that is not wrong.
-    void Note(std::string where, std::string what);
+    void Note(std::string where, std::string what, std::string next = "");
 
     std::size_t Count(Severity severity) const;
 };

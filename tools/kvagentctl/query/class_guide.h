@@ -40,4 +40,7 @@ std::string NearestClass(const std::string& name);
 /// Where else the system's classes are described; empty where all is told here.
 std::string ClassGuideHint();
 
+/// What to do about a namespace of another computer; empty for another one, and where other computers are asked, too.
+std::string OtherComputerHint(const std::string& nameSpace);
+
 }  // namespace kv::control

@@ -11,6 +11,7 @@
 #include "platform/name_pattern.h"
 #include "platform/utf.h"
 #include "tools/kvagentctl/query/class_guide.h"
+#include "tools/kvagentctl/query/query_hints.h"
 
 namespace kv::control {
 
@@ -97,6 +98,21 @@ std::pair<std::string, std::string> CommandAndWord(const std::string& line) {
     return {all.front(), all.size() > 1 ? all[1] : ""};
 }
 
+/// UsageError for a command without its dot, or as other prompts call it.
+void RefuseWithoutDot(const std::string& line) {
+    constexpr std::pair<std::string_view, std::string_view> others[] = {
+        {"?", ".help"}, {"\\q", ".quit"}, {"\\h", ".help"}, {"SHOW", ".classes"}, {"DESC", ".describe"}};
+    const std::string word = line.substr(0, line.find_first_of(blanks));
+    std::string_view meant;
+    for (const auto& [other, command] : others) {
+        if (Upper(word) == Upper(other)) meant = command;
+    }
+    for (const DotCommand& command : dotCommands) {
+        if (Upper(word) == Upper(command.name.substr(1))) meant = command.name;
+    }
+    if (!meant.empty()) throw UsageError(fmt::format("'{}' is not a query; did you mean {}?", word, meant));
+}
+
 /// The names that a word may be the beginning of.
 std::vector<std::string> NamesFor(std::string_view line) {
     std::vector<std::string> names;
@@ -138,9 +154,19 @@ void QuerySession::RunQuery(const std::string& query) const {
     const bool isFailure = platform::IsFailure(rows.status);
     if (!isFailure || !rows.table.rows.empty()) Print(rows.table);
     for (const std::string& notice : rows.notices) fmt::print(stderr, "{}\n", commandline::InLine(notice));
-    if (rows.status == platform::wmi_status::invalidClass) throw NotFoundError(rows.failure);
-    if (isFailure) throw std::runtime_error(rows.failure);
-    if (rows.table.rows.empty() && form_.value_or(Form::table) == Form::table) fmt::print(stderr, "no objects\n");
+    std::vector<std::string> hints = QueryHints(WideFromUtf8(query));
+    if (isFailure) {
+        const std::string elsewhere = OtherComputerHint(nameSpace_);
+        if (!elsewhere.empty()) hints = {elsewhere};
+        const std::string separator = hints.empty() ? "" : "; ";
+        const std::string failure = fmt::format("{}{}{}", rows.failure, separator, fmt::join(hints, "; "));
+        if (rows.status == platform::wmi_status::invalidClass) throw NotFoundError(failure);
+        throw std::runtime_error(failure);
+    }
+    if (rows.table.rows.empty()) {
+        if (form_.value_or(Form::table) == Form::table) fmt::print(stderr, "no objects\n");
+        for (const std::string& hint : hints) fmt::print(stderr, "{}\n", commandline::InLine(hint));
+    }
     if (!rows.hidden.empty())
         fmt::print(stderr, "{}: system properties can be tested, and are not shown\n", fmt::join(rows.hidden, ", "));
 }
@@ -200,6 +226,7 @@ bool QuerySession::RunLine(const std::string& line) {
     if (last <= begin) return true;
     const std::string text = line.substr(begin, last - begin);
     if (!text.starts_with('.')) {
+        RefuseWithoutDot(text);
         RunQuery(text);
         return true;
     }

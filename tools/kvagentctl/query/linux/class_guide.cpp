@@ -5,6 +5,7 @@
 #include "platform/near_name.h"
 #include "platform/utf.h"
 #include "wql/class_tree.h"
+#include "wql/object_path.h"
 
 namespace kv::control {
 
@@ -60,5 +61,10 @@ std::string NearestClass(const std::string& name) {
 }
 
 std::string ClassGuideHint() { return {}; }
+
+std::string OtherComputerHint(const std::string& nameSpace) {
+    const bool isElsewhere = wql::CheckNamespace(WideFromUtf8(nameSpace)) == platform::wmi_status::serverUnavailable;
+    return isElsewhere ? "only this computer is asked: leave the computer's name out, as in ROOT\\CIMV2" : "";
+}
 
 }  // namespace kv::control

@@ -1,0 +1,198 @@
+// What kvagentctl check says of a script's record.
+#include <algorithm>
+#include <cctype>
+#include <filesystem>
+#include <fmt/format.h>
+#include <iterator>
+#include <optional>
+#include <string_view>
+#include <system_error>
+#include <vector>
+
+#include "collection/plan_members.h"
+#include "foundation/file_utils.h"
+#include "foundation/open_file.h"
+#include "foundation/text.h"
+#include "platform/console_tool.h"
+#include "platform/files.h"
+#include "platform/near_name.h"
+#include "platform/utf.h"
+#include "tools/kvagentctl/check/check_subject.h"
+#include "tools/kvagentctl/readable_file.h"
+#include "tools/kvagentctl/script_file.h"
+
+namespace kv::control {
+
+namespace {
+
+using platform::Utf8FromWide;
+
+/// What is wrong with the file of a script that is there.
+void JudgeScriptFile(Findings& findings, const std::u16string& path, const std::string& native) {
+    const auto fails = [&](const std::string& what, const std::string& next = "") {
+        findings.Error("", fmt::format("script {} {}", native, what), next);
+    };
+    if (IsDirectory(path)) return fails("is a directory");
+    const std::optional<platform::FilePermissions> permissions = platform::GetFilePermissions(path);
+    if (!permissions) {
+        const std::string fault = FileFault(path);
+        if (!fault.empty()) fails(fault);
+        return;
+    }
+    std::error_code unknown;
+    if (!std::filesystem::is_regular_file(native, unknown)) return fails("is not a regular file");
+    const std::string fault = FirstLineFault(path, permissions->isExecutable);
+    if (!permissions->isExecutable)
+        findings.Warn("", fmt::format("script {} is not executable, so /bin/sh runs it", native), "chmod +x " + native);
+    if (!fault.empty()) fails(fault);
+    if (permissions->othersWrite)
+        fails(fmt::format("may be changed by others (mode {})", permissions->mode), "chmod 0750 " + native);
+}
+
+std::u16string ScriptPath(const PlanContext& context, std::u16string_view script) {
+    return context.install + u"monitoring\\conf\\scripts\\" + std::u16string(script);
+}
+
+/// The script that was probably meant by a name; empty when none resembles it.
+std::string NearestScript(const PlanContext& context, const std::u16string& script) {
+    std::vector<std::u16string> files;
+    for (FileSearch search(ScriptPath(context, u"*")); search.hasFile(); search.Next()) {
+        const std::u16string& name = search.file.fileName;
+        if (name.starts_with(script + u".")) return Utf8FromWide(name);  // without its extension
+        if (!name.starts_with(u'.')) files.push_back(name);
+    }
+    const std::vector<std::u16string_view> names(files.begin(), files.end());
+    return Utf8FromWide(platform::NearestName(script, names));
+}
+
+/// What to do about a script that does not exist.
+std::string HintOfAbsentScript(const PlanContext& context, const std::u16string& script) {
+    constexpr std::u16string_view blanks = u" \t";
+    const std::size_t begin = std::min(script.find_first_not_of(blanks), script.size());
+    const std::u16string word = script.substr(begin, script.find_first_of(blanks, begin) - begin);
+    const std::size_t next = std::min(script.find_first_not_of(blanks, begin + word.size()), script.size());
+    const bool isThere = !word.empty() && MayExist(ScriptPath(context, word));
+    if (next < script.size())
+        return fmt::format(R"({}arguments go into params: "script": "{}", "params": "{}")",
+                           isThere ? "" : "put it there; ", Utf8FromWide(word), Utf8FromWide(script.substr(next)));
+    if (isThere) return fmt::format(R"(leave out the blanks: "script": "{}")", Utf8FromWide(word));
+    const std::string nearest = NearestScript(context, script);
+    return nearest.empty() ? "put it there" : fmt::format("did you mean {}?", nearest);
+}
+
+std::vector<Finding> FindingsOfScript(const PlanContext& context, const std::u16string& script) {
+    Findings findings;
+    const std::string name = Utf8FromWide(script);
+    const std::u16string names[] = {script};
+    const std::u16string path = ScriptPath(context, script);
+    const std::string native = Utf8FromWide(platform::Files().NativePath(path));
+    if (!StaysBelowDirectory(script)) {
+        findings.Error("", fmt::format("script {} does not name a file below conf/scripts and is not run", name),
+                       "put a script there that does it");
+        return findings.list;
+    }
+    if (context.install.empty()) return {};
+    if (const std::optional<std::u16string> refusal = context.scriptLimit.Refusal(names))
+        findings.Error("", fmt::format("script {} is not run: {}", name, Utf8FromWide(*refusal)));
+    if (MayExist(path))
+        JudgeScriptFile(findings, path, native);
+    else
+        findings.Error("", fmt::format("script {} does not exist", native), HintOfAbsentScript(context, script));
+    return findings.list;
+}
+
+void CheckScriptFile(const Subject& subject, const std::u16string& script) {
+    const auto [known, isNew] = subject.context.scriptFindings.try_emplace(script);
+    if (isNew) known->second = FindingsOfScript(subject.context, script);
+    for (Finding finding : known->second) {
+        finding.where = subject.where;
+        subject.findings.list.push_back(std::move(finding));
+    }
+}
+
+/// The words of params as the script gets them, those in double quotes left out.
+std::vector<std::string> PlainWords(std::string_view params) {
+    std::vector<std::string> words(1);
+    bool isQuoted = false;
+    for (const char character : params) {
+        if (character == '"') isQuoted = !isQuoted;
+        if (isQuoted || character == '"') continue;
+        if (character == ' ' || character == '\t')
+            words.emplace_back();
+        else
+            words.back() += character;
+    }
+    std::erase(words, "");
+    return words;
+}
+
+/// Whether a word means something to a shell, and is of little use as it stands.
+bool IsForShell(std::string_view word) {
+    constexpr std::string_view operators[] = {"|", "||", "&", "&&", ";", "<", ">", ">>"};
+    const bool isOperator = std::find(std::begin(operators), std::end(operators), word) != std::end(operators);
+    const bool isRedirection = word.size() > 1 && (word.starts_with('>') || word.starts_with("2>") || word[0] == '<');
+    const std::size_t dollar = word.find('$');
+    const bool isVariable = dollar != word.npos && dollar + 1 < word.size() &&
+                            (std::isalpha(static_cast<unsigned char>(word[dollar + 1])) != 0 ||
+                             word[dollar + 1] == '{' || word[dollar + 1] == '(');
+    return isOperator || isRedirection || isVariable || word.find('`') != word.npos || word.starts_with("~/") ||
+           (word.size() > 1 && word.ends_with(';'));
+}
+
+/// No shell reads params: what would mean something to one reaches the script as it stands.
+void CheckParams(const Subject& subject) {
+    const OptionalText params = subject.text(u"params");
+    if (!params && subject.has(u"params"))
+        return subject.Error("params is not a text: the script runs without it",
+                             R"(write one text with blanks between, as in "params": "-a /home")");
+    std::string text = Utf8FromWide(params.value_or(u""));
+    for (std::size_t at = text.find(R"(\")"); at != text.npos; at = text.find(R"(\")", at)) text.erase(at, 2);
+    if (std::count(text.begin(), text.end(), '"') % 2 != 0)
+        subject.Warn("params has a double quote that is not closed: all behind it is one argument", "close it");
+    std::vector<std::string> words = PlainWords(text);
+    if (std::any_of(words.begin(), words.end(), [](const std::string& word) { return word.starts_with('\''); }))
+        subject.Warn("params has single quotes, which do not keep words together",
+                     R"(double quotes do: "params": "\"two words\"")");
+    const bool hasStar = std::any_of(words.begin(), words.end(), [](const std::string& word) {
+        return word == "*" || (word.starts_with('/') && word.find('*') != word.npos);
+    });
+    std::erase_if(words, [](const std::string& word) { return !IsForShell(word); });
+    constexpr const char* asItStands = "reaches the script as it stands, because no shell reads params";
+    if (!words.empty())
+        subject.Warn(fmt::format("{} in params {}", fmt::join(words, " "), asItStands), "do it in the script");
+    if (hasStar) subject.Note(fmt::format("the * in params {}", asItStands));
+}
+
+/// Whether the script's output becomes a record, and if not, by what.
+bool CheckResponseNeeded(const Subject& subject) {
+    constexpr std::u16string_view wanted = u"response_needed";
+    constexpr const char* whatComes = "the script runs, and no record comes";
+    constexpr const char* next = R"(write "response_needed": "true" for a record)";
+    const OptionalText text = subject.text(wanted);
+    if (CompareIgnoreCase(text, u"true") == 0) return true;
+    if (!text) {
+        const std::string what = fmt::format("{}: {}", subject.Lack(wanted), whatComes);
+        subject.has(wanted) ? subject.Warn(what, next) : subject.Note(what, next);
+        return false;
+    }
+    const bool isMeant = CompareIgnoreCase(text, u"false") == 0 || CompareIgnoreCase(text, u"no") == 0;
+    const std::string what = fmt::format("response_needed is \"{}\", not \"true\": {}", Utf8FromWide(*text), whatComes);
+    isMeant ? subject.Note(what) : subject.Warn(what, next);
+    return false;
+}
+
+}  // namespace
+
+void CheckScript(const Subject& subject) {
+    CheckMemberNames(subject.findings, subject.where, subject.record, scriptRecordMembers, subject.ignored);
+    if (const OptionalText script = NeededText(subject, u"script")) CheckScriptFile(subject, *script);
+    CheckParams(subject);
+    const OptionalText name = subject.text(u"Name");
+    if (!name)
+        subject.Warn(subject.Lack(u"Name") + ", which shifts the script's arguments", "give it a Name");
+    else if (name->empty())
+        subject.Warn("Name is empty, which shifts the script's arguments", "give it a Name");
+    if (CheckResponseNeeded(subject) && !name.value_or(u"").empty()) CheckName(subject, *name);
+}
+
+}  // namespace kv::control
