@@ -7,6 +7,7 @@
 #include "agent/server_trust.h"
 #include "foundation/agent_state.h"
 #include "foundation/registry_store.h"
+#include "platform/utf.h"
 #include "tools/kvagentctl/agent_process.h"
 
 namespace kv::control {
@@ -54,5 +55,9 @@ bool ReadConnection() {
     getServerTrust();
     return agentState.gv_ServerPort > 0;
 }
+
+bool UsesProxy() { return CompareIgnoreCase(agentState.gv_proxyEnabled, u"yes") == 0; }
+
+std::string ProxyName() { return platform::Utf8FromWide(agentState.gv_proxyServerName.value_or(u"")); }
 
 }  // namespace kv::control

@@ -19,4 +19,8 @@ std::vector<ServerAddress> ServerAddresses();
 /// False when there is no usable port. Throws as RequireReadableRegistry does.
 bool ReadConnection();
 
+/// Whether the settings that were read name a proxy, and its name. A bypass list may still lead past it.
+bool UsesProxy();
+std::string ProxyName();
+
 }  // namespace kv::control

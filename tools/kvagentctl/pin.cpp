@@ -81,7 +81,10 @@ ServerCertificate Fetch(std::vector<std::u16string>& addresses) {
         if (failure == platform::error::success) return shown;
     }
     if (failure == 407) throw std::runtime_error("no certificate can be seen before the proxy lets a request through");
-    throw std::runtime_error("no address shows a certificate: is the port a TLS port, and does the server run?");
+    const std::string proxy =
+        UsesProxy() ? fmt::format(" Does the proxy {} run, and does it lead there?", ProxyName()) : "";
+    throw std::runtime_error("no address shows a certificate: is the port a TLS port, and does the server run?" +
+                             proxy);
 }
 
 /// The agent goes to other addresses than the one that was looked at, and sends nothing to a key that is not stored.
@@ -114,6 +117,15 @@ std::string StoredSetting() {
     const bool isText = result == platform::error::success && value.type == platform::RegistryType::text;
     return isText ? Utf8FromWide(TextOfData(value.data)) : "";
 }
+
+/// Whether the shown key is the stored one, or what keeps the setting from holding one.
+Cell StoredVerdict(const ServerCertificate& shown, const std::string& before) {
+    const bool isUsable = before.empty() || !agentState.gv_serverTrust.refusal.starts_with(setting);
+    return isUsable ? Verdict(shown.keyProblem) : Cell("no: stored is '" + before + "', which is not a key");
+}
+
+/// Whether --add would keep something.
+bool HasStoredKeys() { return !agentState.gv_serverTrust.pinnedKeys.empty(); }
 
 /// The setting as it will be: the key, with --add behind those that are there. Absent when it is there already.
 std::optional<std::string> NewSetting(const Given& given, const std::string& key) {
@@ -150,6 +162,7 @@ void Show(const ServerCertificate& shown, Form form, const Outcome& outcome) {
         table.rows[0].push_back(std::move(cell));
     };
     add("server", "server", shown.server);
+    if (UsesProxy()) add("through the proxy", "proxy", ProxyName());
     add("subject", "subject", certificate.subject);
     add("issuer", "issuer", certificate.issuer);
     add("names", "names", fmt::format("{}", fmt::join(certificate.names, ", ")));
@@ -157,7 +170,7 @@ void Show(const ServerCertificate& shown, Form form, const Outcome& outcome) {
     add("valid until", "validUntil", UtcText(certificate.validUntil));
     add("SHA-256", "sha256", certificate.fingerprint);
     add("key", "key", certificate.keyPin);
-    add("is the stored key", "isStoredKey", Verdict(shown.keyProblem));
+    add("is the stored key", "isStoredKey", StoredVerdict(shown, outcome.before));
     add("verified by the CA file", "verifiedByCAFile", Verdict(shown.caFileProblem));
     add("verified by the system", "verifiedBySystem", Verdict(shown.systemProblem));
     if (asJson) {
@@ -173,7 +186,9 @@ void Confirm(const Given& given, const std::string& before) {
     if (Has(given, "--yes")) return;
     const bool replaces = !before.empty() && !Has(given, "--add");
     fmt::print(stderr, "Compare SHA-256 or key with what the server's administrator tells you by another way.\n");
-    if (replaces) fmt::print(stderr, "Stored is {}; --add keeps that.\n", commandline::InLine(before));
+    if (replaces)
+        fmt::print(stderr, "Stored is {}{}.\n", commandline::InLine(before),
+                   HasStoredKeys() ? "; --add keeps that" : ", which is not a key");
     if (!commandline::Confirmed(replaces ? "Store this key in the place of the stored one?" : "Store this key?"))
         throw std::runtime_error("nothing was stored");
 }
@@ -186,10 +201,12 @@ void TellOutcome(const Given& given, const std::optional<std::string>& keys, con
         fmt::print("\nThis key is stored already; nothing was changed.\n");
     } else if (!outcome.isStored) {
         fmt::print("\nNothing was stored, because of --dry-run.\n");
-        if (replaces) fmt::print("Stored is {}; this key would take its place, and --add keeps that.\n", before);
+        if (replaces)
+            fmt::print("Stored is {}; this key would take its place{}.\n", before,
+                       HasStoredKeys() ? ", and --add keeps that" : "");
     } else {
         fmt::print("\nStored: {} = {}\n", setting, *keys);
-        if (replaces) fmt::print("Before: {} (--add would have kept it)\n", before);
+        if (replaces) fmt::print("Before: {}{}\n", before, HasStoredKeys() ? " (--add would have kept it)" : "");
         fmt::print("The agent takes it at its next start: {}\n", platform::ServiceRestartCommand());
     }
 }

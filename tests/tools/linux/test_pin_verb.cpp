@@ -92,6 +92,8 @@ TEST_F(PinVerb, ShowsTheCertificateAndStoresItsKey) {
         EXPECT_EQ(Stored(), row.stored);
     }
     EXPECT_EQ(server.decrypted + next.decrypted, 0u) << "no request goes out";
+    Registry({"set", "--force", agentKey + "\\ServerInfo", "KVServerPinnedKey", "abc"});
+    EXPECT_THAT(Run({"pin", "--dry-run"}).output, HasSubstr("= no: stored is 'abc', which is not a key\n"));
     ASSERT_EQ(Run({"setup", "--protocol", "http"}).exitCode, 0);
     const Outcome outcome = Run({"pin", "--yes"});
     EXPECT_EQ(outcome.exitCode, 1);

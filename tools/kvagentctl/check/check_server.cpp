@@ -44,8 +44,6 @@ struct Tried {
 /// An address, and where redirects lead from it.
 using Trail = std::vector<Tried>;
 
-bool UsesProxy() { return CompareIgnoreCase(agentState.gv_proxyEnabled, u"yes") == 0; }
-
 /// The setting of trust that cannot be used; empty when each one can.
 std::string UnusableTrust() {
     const std::string& refusal = agentState.gv_serverTrust.refusal;
@@ -63,8 +61,6 @@ bool IsOfTheWay(platform::Error failure) {
                                             platform::error::winHttpSecureChannelError};
     return std::find(std::begin(failures), std::end(failures), failure) != std::end(failures);
 }
-
-std::string ProxyName() { return Utf8FromWide(agentState.gv_proxyServerName.value_or(u"")); }
 
 std::string NextStepOfTrust(bool isSecure) {
     if (const std::string setting = UnusableTrust(); !setting.empty())
