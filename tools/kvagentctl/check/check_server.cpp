@@ -176,7 +176,7 @@ std::string FailureText(const std::vector<std::string>& lines, platform::Error f
 
 /// Why the agent does not get to the target of a redirect; empty when it goes there.
 std::string RedirectFault(const std::vector<ServerPlace>& places, const std::optional<ServerPlace>& target) {
-    if (!target) return ", which the agent does not follow, because it is neither http nor https";
+    if (!target) return ", which the agent does not follow, because it is not an http or https URL";
     if (places.back().secure && !target->secure)
         return ", which the agent does not follow, because it leads out of TLS";
     const std::string givesUp = fmt::format("the agent gives up after {} of them", platform::maxRedirects);
