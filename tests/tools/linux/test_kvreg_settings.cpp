@@ -96,7 +96,7 @@ TEST_F(Kvreg, NamesAMissingStateDirectory) {
     for (const Words& words : {Words{"set", key, "v", "1"}, Words{"import", file}}) {
         const Outcome outcome = Run(words);
         EXPECT_EQ(outcome.exitCode, 3);
-        EXPECT_THAT(outcome.errors, HasSubstr("KVAGENT_STATE_DIR set as for the agent?); nothing was "));
+        EXPECT_THAT(outcome.errors, HasSubstr("KVAGENT_STATE_DIR right?); nothing was "));
         EXPECT_FALSE(fs::exists(folder / "missing"));
     }
     ShareRegistry(folder / "state");
