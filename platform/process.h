@@ -21,8 +21,8 @@ struct ScriptCommand {
     std::u16string scriptHost;  // program and options that run the script, or empty: the script runs by itself
     std::u16string path;        // the script, with backslashes
     std::u16string arguments;   // separated by blanks; double quotes keep blanks together
-    std::optional<std::u16string> outputPath;  // where the standard output is appended; absent: it is dropped
-    std::optional<std::u16string> errorsPath;  // the same of standard error
+    std::optional<std::u16string> outputPath;       // where the standard output is appended; absent: it is dropped
+    std::optional<std::u16string> errorsPath = {};  // the same of standard error
 };
 
 enum class ScriptOutputEncoding { utf8, utf16LittleEndian };
