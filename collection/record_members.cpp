@@ -37,7 +37,10 @@ OptionalText MemberText(const HashTable* asked, std::u16string_view key) {
 OptionalText ReadMember(const HashTable* record, std::u16string_view key) {
     OptionalText text = MemberText(record, key);
     if (!text && ContainsHashKey(record, key))
-        Log1("\t CollectAndSaveData :: %s is not a text, a whole number or a truth value and is not used \n", key);
+        Log1(
+            "\t CollectAndSaveData :: %s is not a text, a whole number or a truth value and is not used in the record "
+            "%s \n",
+            key, MemberText(record, u"Name"));
     return text;
 }
 
