@@ -147,9 +147,7 @@ bool LookAtCertificate(Findings& findings, const ServerPlace& place, Tried& trie
     std::string reason;
     tried.result = FetchServerCertificate(place.host, place.port, shown, reason);
     // What a proxy says in the place of the server is the answer to a request.
-    const bool mayBeProxy = tried.result == platform::error::winHttpConnectionError ||
-                            tried.result == platform::error::winHttpSecureChannelError;
-    if (UsesProxy() && mayBeProxy) return true;
+    if (UsesProxy() && tried.result == platform::error::winHttpConnectionError) return true;
     if (const platform::Error failure = tried.result) {
         tried.problem = WithProxy(fmt::format("{} (error {})", reason, failure), failure);
         tried.next = NextStep(failure, place.secure);
