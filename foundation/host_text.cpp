@@ -62,7 +62,7 @@ std::string NameFault(std::u16string_view name) {
     if (HasOnly(name, u"0123456789."))
         return ": an IPv4 address has four numbers up to 255 with dots between them, and no zero ahead of one";
     if (name.ends_with(u'.')) name.remove_suffix(1);  // the root of the DNS
-    if (name.empty() || name.starts_with(u'.') || name.ends_with(u'.') || name.find(u"..") != name.npos)
+    if (name.empty() || name.starts_with(u'.') || name.ends_with(u'.') || name.find(u"..") != std::string::npos)
         return ": a name has something on both sides of each dot";
     while (!name.empty()) {
         if (TakePart(name, u'.').size() > longestLabel)
@@ -86,13 +86,13 @@ bool IsIpv4Text(std::u16string_view text) {
 bool IsIpv6Text(std::u16string_view text) {
     constexpr int most = 8;
     const std::size_t zone = text.find(u'%');
-    if (zone != text.npos && (zone + 1 == text.size() || UnfitCharacter(text.substr(zone + 1)))) return false;
+    if (zone != std::string::npos && (zone + 1 == text.size() || UnfitCharacter(text.substr(zone + 1)))) return false;
     text = text.substr(0, zone);
     const std::size_t gap = text.find(u"::");
-    if (gap == text.npos) return CountGroups(text) == most;
+    if (gap == std::string::npos) return CountGroups(text) == most;
     const int before = CountGroups(text.substr(0, gap));
     const int behind = CountGroups(text.substr(gap + 2));
-    const bool endsInIpv4 = text.substr(0, gap).find(u'.') != text.npos;
+    const bool endsInIpv4 = text.substr(0, gap).find(u'.') != std::string::npos;
     return before >= 0 && behind >= 0 && !endsInIpv4 && before + behind < most;
 }
 
@@ -103,7 +103,8 @@ std::string HostFault(std::u16string_view text) {
     const std::u16string_view address = isBracketed ? text.substr(1, text.size() - 2) : text;
     if (address == u"0.0.0.0" || address == u"::") return ", which stands for every address of a computer";
     if (IsIpv6Text(address) || (!isBracketed && IsIpv4Text(text))) return "";
-    const bool isAddress = text.find_first_of(u"[]") != text.npos || std::count(text.begin(), text.end(), u':') > 1;
+    const bool isAddress =
+        text.find_first_of(u"[]") != std::string::npos || std::count(text.begin(), text.end(), u':') > 1;
     if (isAddress && HasOnly(text, u"0123456789abcdefABCDEF:.%[]"))
         return ": an IPv6 address has eight hexadecimal numbers, or fewer and one ::, and both brackets or neither";
     return NameFault(text);

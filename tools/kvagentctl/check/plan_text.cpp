@@ -40,7 +40,7 @@ std::u16string TextOfPlan(std::string_view bytes) {
 /// The offset in a message of the reader.
 std::optional<std::size_t> OffsetIn(std::string_view message) {
     const std::size_t at = message.rfind(offsetMark);
-    if (at == message.npos) return std::nullopt;
+    if (at == std::string::npos) return std::nullopt;
     std::size_t offset = 0;
     const char* const begin = message.data() + at + offsetMark.size();
     if (std::from_chars(begin, message.data() + message.size(), offset).ec != std::errc()) return std::nullopt;
@@ -55,7 +55,7 @@ std::size_t LineAt(const Text& text, std::size_t offset) {
 
 std::string PlaceAt(const std::u16string& text, std::size_t offset) {
     const std::size_t lineEnd = text.rfind(u'\n', offset == 0 ? 0 : offset - 1);
-    const std::size_t begin = lineEnd == text.npos || lineEnd >= offset ? 0 : lineEnd + 1;
+    const std::size_t begin = lineEnd == std::string::npos || lineEnd >= offset ? 0 : lineEnd + 1;
     return fmt::format(", line {}, column {}", LineAt(text, offset), offset - begin + 1);
 }
 
@@ -73,16 +73,15 @@ std::string OpenAtEnd(const std::u16string& text) {
     for (std::size_t at = 0; at < text.size(); ++at) {
         const char16_t unit = text[at];
         const bool isInText = !open.empty() && open.back().first == u'"';
+        const bool closes = isInText ? unit == u'"' : (unit == u'}' || unit == u']') && !open.empty();
         if (const std::size_t comment = isInText ? 0 : CommentLength(std::u16string_view(text).substr(at)))
             at += comment - 1;
-        else if (unit == u'"' && isInText)
+        else if (closes)
             open.pop_back();
         else if (isInText)
             at += unit == u'\\' ? 1 : 0;
         else if (unit == u'"' || unit == u'{' || unit == u'[')
             open.emplace_back(unit, at);
-        else if ((unit == u'}' || unit == u']') && !open.empty())
-            open.pop_back();
     }
     if (open.empty()) return "is it whole?";
     return fmt::format("is it whole? The {} of line {} is not closed", static_cast<char>(open.back().first),
@@ -93,7 +92,7 @@ std::string OpenAtEnd(const std::u16string& text) {
 std::string HintOfCharacter(char16_t unit) {
     constexpr std::u16string_view quotes = u"\u201C\u201D\u201E\u201F\u2018\u2019\u201A\u00AB\u00BB\u2033\u2032";
     const std::string shown = Utf8FromWide({&unit, 1});
-    if (quotes.find(unit) != quotes.npos)
+    if (quotes.find(unit) != std::string::npos)
         return fmt::format("{} is a typographic quotation mark: write \" (U+0022), with an editor for programs", shown);
     if (unit == u'\u00A0' || unit == u'\uFEFF') return "a blank that is not a plain one stands here: write a plain one";
     if (unit == u'#') return "a comment begins with // or stands in /* */";
@@ -104,10 +103,12 @@ std::string HintOfCharacter(char16_t unit) {
 std::string HintAt(const std::u16string& text, std::size_t offset, std::string_view message) {
     if (offset >= text.size()) return OpenAtEnd(text);
     if (std::string hint = HintOfCharacter(text[offset]); !hint.empty()) return hint;
-    if (message.find("',' expected") != message.npos) return "is a comma missing before it?";
-    if (message.find("':' expected") != message.npos) return "a colon stands between a member's name and its value";
-    if (message.find("property name") != message.npos) return "a member's name stands in quotation marks: \"interval\"";
-    if (message.find("string sequence") != message.npos) return "write each backslash twice: \"C:\\\\folder\"";
+    if (message.find("',' expected") != std::string::npos) return "is a comma missing before it?";
+    if (message.find("':' expected") != std::string::npos)
+        return "a colon stands between a member's name and its value";
+    if (message.find("property name") != std::string::npos)
+        return "a member's name stands in quotation marks: \"interval\"";
+    if (message.find("string sequence") != std::string::npos) return "write each backslash twice: \"C:\\\\folder\"";
     return "";
 }
 
@@ -129,18 +130,18 @@ Finding FaultOfPlanText(const std::string& where, std::string_view bytes, const 
     };
     if (const std::string odd = OddEncoding(bytes); !odd.empty()) return error("", odd, saveAsUtf8);
     const std::u16string text = TextOfPlan(bytes);
-    if (text.find_first_not_of(u" \t\r\n") == text.npos)
+    if (text.find_first_not_of(u" \t\r\n") == std::string::npos)
         return error("", bytes.empty() ? "it is empty" : "it has only blanks",
                      "put a plan there, or delete it and wait for the server to send one");
     const std::optional<std::size_t> offset = OffsetIn(failure);
-    if (failure.find("neither UTF-16LE nor UTF-8") != failure.npos) {
+    if (failure.find("neither UTF-16LE nor UTF-8") != std::string::npos) {
         const auto valid = static_cast<std::size_t>(utf8::find_invalid(bytes.begin(), bytes.end()) - bytes.begin());
         return error(fmt::format(", line {}", LineAt(bytes, valid)), failure, saveAsUtf8);
     }
-    if (offset && failure.find("NUL") != failure.npos)
+    if (offset && failure.find("NUL") != std::string::npos)
         return error(fmt::format(", line {}", LineAt(bytes, *offset)), failure, "take it out; is it a text file?");
     if (!offset) {
-        const bool isOther = failure.find("top level") != failure.npos;
+        const bool isOther = failure.find("top level") != std::string::npos;
         return error("", failure, isOther ? "a plan is an object: {\"WorkFlows\": [...]}" : "");
     }
     const std::u16string_view rest = std::u16string_view(text).substr(std::min(*offset, text.size()));
