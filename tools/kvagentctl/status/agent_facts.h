@@ -12,22 +12,6 @@
 
 namespace kv::control {
 
-/// Bounds from which a state is worth a warning, or critical.
-struct Thresholds {
-    std::int64_t warningAge = 0;  // of the oldest zip, seconds
-    std::int64_t criticalAge = 0;
-    std::uint64_t warningFree = 0;  // room on the disk, bytes
-    std::uint64_t criticalFree = 0;
-};
-
-/// As monitoring plugins number them; the worst of several is the one with the highest rank (Worse).
-enum class PluginStatus { fine = 0, warning = 1, critical = 2, unknown = 3 };
-
-struct Problem {
-    PluginStatus severity;
-    std::string text;
-};
-
 struct PlanFacts {
     std::string file;              // as this system names it
     std::string failure;           // why it cannot be used; empty when it can
@@ -71,8 +55,5 @@ struct AgentFacts {
 
 /// Throws std::bad_alloc.
 AgentFacts GatherFacts();
-
-/// What is wrong, the worst first.
-std::vector<Problem> JudgeFacts(const AgentFacts& facts, const Thresholds& thresholds);
 
 }  // namespace kv::control

@@ -13,7 +13,7 @@
 #include "platform/messages.h"
 #include "tools/kvagentctl/json_text.h"
 #include "tools/kvagentctl/readable_file.h"
-#include "tools/kvagentctl/status/agent_facts.h"
+#include "tools/kvagentctl/status/problems.h"
 #include "tools/kvagentctl/status/status_text.h"
 #include "tools/kvagentctl/verbs.h"
 
