@@ -126,16 +126,26 @@ std::vector<std::string> PlainWords(std::string_view params) {
     return words;
 }
 
+/// Whether a word redirects input or output. A number behind the sign is taken for a threshold, such as >90.
+bool IsRedirection(std::string_view word) {
+    if (word.starts_with("2>") || word.starts_with(">>")) return true;
+    if (word.size() < 2 || word.ends_with(word[0] == '<' ? '>' : '<')) return false;
+    return (word[0] == '>' || word[0] == '<') && std::isdigit(static_cast<unsigned char>(word[1])) == 0 &&
+           word[1] != '=';
+}
+
+bool IsVariable(std::string_view word) {
+    const std::size_t dollar = word.find('$');
+    if (dollar == word.npos || dollar + 1 == word.size()) return false;
+    const char next = word[dollar + 1];
+    return std::isalpha(static_cast<unsigned char>(next)) != 0 || next == '{' || next == '(';
+}
+
 /// Whether a word means something to a shell, and is of little use as it stands.
 bool IsForShell(std::string_view word) {
-    constexpr std::string_view operators[] = {"|", "||", "&", "&&", ";", "<", ">", ">>"};
-    const bool isOperator = std::find(std::begin(operators), std::end(operators), word) != std::end(operators);
-    const bool isRedirection = word.size() > 1 && (word.starts_with('>') || word.starts_with("2>") || word[0] == '<');
-    const std::size_t dollar = word.find('$');
-    const bool isVariable = dollar != word.npos && dollar + 1 < word.size() &&
-                            (std::isalpha(static_cast<unsigned char>(word[dollar + 1])) != 0 ||
-                             word[dollar + 1] == '{' || word[dollar + 1] == '(');
-    return isOperator || isRedirection || isVariable || word.find('`') != word.npos || word.starts_with("~/") ||
+    constexpr std::string_view operators[] = {"|", "||", "&", "&&", ";", "<", ">"};
+    return std::find(std::begin(operators), std::end(operators), word) != std::end(operators) || IsRedirection(word) ||
+           IsVariable(word) || word.find('`') != word.npos || word.starts_with("~/") ||
            (word.size() > 1 && word.ends_with(';'));
 }
 
