@@ -53,7 +53,7 @@ void CheckInterval(Findings& findings, const std::string& where, const HashTable
 
 /// The fault of a workflow that cannot run, with the interval that it gives, and what to do.
 void TellWorkflowFault(Findings& findings, const std::string& where, const HashTable* workflow, std::string fault) {
-    const bool isOfInterval = fault.find("interval") != fault.npos;
+    const bool isOfInterval = fault.find("interval") != std::string::npos;
     const HashEntry* const interval = GetHashEntry(workflow, u"interval");
     if (isOfInterval && interval) {
         const OptionalText text = MemberText(workflow, u"interval");

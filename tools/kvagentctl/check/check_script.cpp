@@ -136,7 +136,7 @@ bool IsRedirection(std::string_view word) {
 
 bool IsVariable(std::string_view word) {
     const std::size_t dollar = word.find('$');
-    if (dollar == word.npos || dollar + 1 == word.size()) return false;
+    if (dollar == std::string_view::npos || dollar + 1 == word.size()) return false;
     const char next = word[dollar + 1];
     return std::isalpha(static_cast<unsigned char>(next)) != 0 || next == '{' || next == '(';
 }
@@ -145,7 +145,7 @@ bool IsVariable(std::string_view word) {
 bool IsForShell(std::string_view word) {
     constexpr std::string_view operators[] = {"|", "||", "&", "&&", ";", "<", ">"};
     return std::find(std::begin(operators), std::end(operators), word) != std::end(operators) || IsRedirection(word) ||
-           IsVariable(word) || word.find('`') != word.npos || word.starts_with("~/") ||
+           IsVariable(word) || word.find('`') != std::string_view::npos || word.starts_with("~/") ||
            (word.size() > 1 && word.ends_with(';'));
 }
 
@@ -156,7 +156,8 @@ void CheckParams(const Subject& subject) {
         return subject.Error("params is not a text: the script runs without it",
                              R"(write one text with blanks between, as in "params": "-a /home")");
     std::string text = Utf8FromWide(params.value_or(u""));
-    for (std::size_t at = text.find(R"(\")"); at != text.npos; at = text.find(R"(\")", at)) text.erase(at, 2);
+    for (std::size_t at = text.find(R"(\")"); at != std::string_view::npos; at = text.find(R"(\")", at))
+        text.erase(at, 2);
     if (std::count(text.begin(), text.end(), '"') % 2 != 0)
         subject.Warn("params has a double quote that is not closed: all behind it is one argument", "close it");
     std::vector<std::string> words = PlainWords(text);
@@ -164,7 +165,7 @@ void CheckParams(const Subject& subject) {
         subject.Warn("params has single quotes, which do not keep words together",
                      R"(double quotes do: "params": "\"two words\"")");
     const bool hasStar = std::any_of(words.begin(), words.end(), [](const std::string& word) {
-        return word == "*" || (word.starts_with('/') && word.find('*') != word.npos);
+        return word == "*" || (word.starts_with('/') && word.find('*') != std::string_view::npos);
     });
     std::erase_if(words, [](const std::string& word) { return !IsForShell(word); });
     constexpr const char* asItStands = "reaches the script as it stands, because no shell reads params";

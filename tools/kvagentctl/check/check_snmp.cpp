@@ -26,7 +26,7 @@ constexpr std::uint32_t largestSubId = 4294967294;  // see ConvertToOidOrIpFromS
 /// The first number of an OID that is larger than the engine asks for; empty when none is. It would wrap at 32 bits.
 std::string NumberTooLarge(const std::string& oid) {
     for (std::size_t at = 0; at < oid.size();) {
-        const std::string number = oid.substr(at, oid.find('.', at) - at);
+        std::string number = oid.substr(at, oid.find('.', at) - at);
         std::uint64_t value = 0;
         const auto parsed = std::from_chars(number.data(), number.data() + number.size(), value);
         if (parsed.ec == std::errc::result_out_of_range || value > largestSubId) return number;

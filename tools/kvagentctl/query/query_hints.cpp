@@ -25,19 +25,21 @@ std::size_t EndOfText(std::u16string_view query, std::size_t begin) {
 std::string HintOfCharacter(char16_t unit, std::size_t column) {
     constexpr std::u16string_view quotes = u"\u2018\u2019\u201A\u201C\u201D\u201E\u00AB\u00BB\u2032\u2033\u00B4";
     constexpr std::u16string_view odd = u"\u00A0\u2000\u2001\u2002\u2003\u2007\u2009\u200B\u202F\u3000\uFEFF";
-    if (quotes.find(unit) != quotes.npos)
+    if (quotes.find(unit) != std::u16string_view::npos)
         return fmt::format("character {} is {}, which is not a quotation mark here: write '", column,
                            Utf8FromWide({&unit, 1}));
-    if (odd.find(unit) == odd.npos) return "";
+    if (odd.find(unit) == std::u16string_view::npos) return "";
     const char* const name = unit == u'\u00A0' ? "a no-break space" : "not a plain blank";
     return fmt::format("character {} is {} (U+{:04X}): write a plain blank", column, name, static_cast<unsigned>(unit));
 }
 
 /// Of a pattern, quotes and all, that has the wildcards of a shell and not those of LIKE.
 std::string HintOfPattern(std::u16string_view pattern) {
-    if (pattern.find(u'%') != pattern.npos) return "";
-    const bool hasStar = pattern.find(u'*') != pattern.npos;
-    if (!hasStar && (pattern.find(u'?') == pattern.npos || pattern.find(u'_') != pattern.npos)) return "";
+    if (pattern.find(u'%') != std::u16string_view::npos) return "";
+    const bool hasStar = pattern.find(u'*') != std::u16string_view::npos;
+    if (!hasStar &&
+        (pattern.find(u'?') == std::u16string_view::npos || pattern.find(u'_') != std::u16string_view::npos))
+        return "";
     return fmt::format("in LIKE {} {}", Utf8FromWide(pattern),
                        hasStar ? "the * stands for itself; % stands for any characters"
                                : "the ? stands for itself; _ stands for any one character");
@@ -47,7 +49,8 @@ bool EndsWithWord(std::u16string_view text, std::u16string_view word) {
     text = text.substr(0, text.find_last_not_of(blanks) + 1);
     if (text.size() <= word.size()) return false;
     const std::size_t before = text.size() - word.size();
-    return CompareIgnoreCase(text.substr(before), word) == 0 && blanks.find(text[before - 1]) != blanks.npos;
+    return CompareIgnoreCase(text.substr(before), word) == 0 &&
+           blanks.find(text[before - 1]) != std::u16string_view::npos;
 }
 
 }  // namespace
@@ -66,7 +69,7 @@ std::vector<std::string> QueryHints(std::u16string_view query) {
         } else {
             hint = HintOfCharacter(unit, ++at);
         }
-        if (blanks.find(unit) == blanks.npos) last = unit;
+        if (blanks.find(unit) == std::u16string_view::npos) last = unit;
         if (!hint.empty() && hints.size() < mostHints) hints.push_back(std::move(hint));
     }
     if (last == u';') hints.emplace_back("leave out the ; at the end");
