@@ -1,4 +1,4 @@
-#include "tools/kvagentctl/script_errors.h"
+#include "tools/kvagentctl/collect/script_errors.h"
 
 #include <algorithm>
 #include <cstddef>
