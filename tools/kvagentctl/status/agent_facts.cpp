@@ -20,6 +20,7 @@
 #include "platform/utf.h"
 #include "queryconf/conf_paths.h"
 #include "tools/kvagentctl/agent_process.h"
+#include "tools/kvagentctl/plan_neighbour.h"
 #include "tools/kvagentctl/readable_file.h"
 #include "tools/kvagentctl/status/status_text.h"
 #include "tools/kvreg/registry_tree.h"
@@ -248,6 +249,16 @@ void CountPlan(const HashTable* document, PlanFacts& plan) {
     }
 }
 
+/// What it means that the agent's own plan does not exist.
+std::string AbsentPlanText(const AgentFacts& facts, const std::u16string& path) {
+    if (!facts.plan.isAbsent) return "it does not exist, so that only for slaves is collected";
+    if (facts.isRunning && facts.health && facts.health->obstacle.empty())
+        return "it does not exist; the agent goes on with the one that it loaded before, until its end";
+    const std::string neighbour = PlanNeighbourHint(path);
+    return "it does not exist, so that nothing is collected; " +
+           (neighbour.empty() ? "the server sends one, or put one there and start the agent again" : neighbour);
+}
+
 void GatherPlan(AgentFacts& facts, const std::u16string& binPath) {
     PlanFacts& plan = facts.plan;
     const std::u16string path = ConcatStrings(binPath, conf_path::ownPlan);
@@ -257,9 +268,7 @@ void GatherPlan(AgentFacts& facts, const std::u16string& binPath) {
     if (plan.refusedTime != 0) plan.refusedFile = NativeName(refused);
     if (!MayExist(path)) {
         plan.isAbsent = PlansOfSlaves(binPath).empty();
-        plan.failure = plan.isAbsent
-                           ? "there is no plan: nothing is collected, unless the agent began with one that has gone"
-                           : "there is no plan: only for slaves is collected";
+        plan.failure = AbsentPlanText(facts, path);
         return;
     }
     plan.time = WriteTimeOf(path);
@@ -285,12 +294,12 @@ AgentFacts GatherFacts() {
     facts.now = GetNowSeconds();
     std::u16string binPath;
     GatherSettings(facts, binPath);
+    if (facts.hasPlace()) GatherHealth(facts, binPath);
+    GatherActivity(facts, binPath);
     if (facts.hasPlace()) {
-        GatherHealth(facts, binPath);
         GatherPlan(facts, binPath);
         GatherDisk(facts, binPath);
     }
-    GatherActivity(facts, binPath);
     return facts;
 }
 

@@ -75,7 +75,7 @@ std::string CollectionText(const AgentFacts& facts) {
     if (!facts.isRunning) return "off, the agent does not run";
     if (!facts.health->obstacle.empty()) return "nothing: " + facts.health->obstacle;
     if (!facts.health->isCollecting) return "stopped since " + TimeWithAge(facts.health->collectionStopTime, facts.now);
-    return facts.plan.isAbsent ? "nothing, unless the agent began with a plan that has gone" : "on";
+    return facts.plan.isAbsent ? "on, by a plan that has gone" : "on";
 }
 
 /// The time of an event. An agent knows nothing of its earlier runs.
