@@ -1,5 +1,6 @@
 #include "jsontext/strict_json.h"
 
+#include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
 namespace kv {
@@ -35,6 +36,8 @@ struct FaultFinder : nlohmann::json::json_sax_t {
 }  // namespace
 
 std::string StrictJsonFault(std::string_view text) {
+    // The library takes a NUL for the end of the text.
+    if (const std::size_t at = text.find('\0'); at != text.npos) return fmt::format("NUL at offset {}", at);
     FaultFinder finder;
     nlohmann::json::sax_parse(text, &finder);
     return finder.fault;

@@ -6,7 +6,7 @@
 
 namespace kv {
 
-/// Why a text is not one JSON document in UTF-8, with line and column; empty when it is one. json-c and the reader of
+/// Why a text is not one JSON document in UTF-8, with its place; empty when it is one. json-c and the reader of
 /// plans take more than the format has, such as single quotes and NaN.
 std::string StrictJsonFault(std::string_view text);
 

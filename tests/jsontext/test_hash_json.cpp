@@ -169,6 +169,7 @@ TEST(StrictJson, TakesWhatTheFormatHas) {
     for (const char* const text : {"", "{'a': 1}", "{} {}", "{\"a\": 1,}", "[007]", "[True]", "[NaN]", "{a: 1}",
                                    "[1] # x", "[\"\t\"]", "[\"\xff\"]", "[1.]"})
         EXPECT_NE(StrictJsonFault(text).find(" line "), std::string::npos) << text;
+    EXPECT_NE(StrictJsonFault({"{}\0x", 4}), "");
 }
 
 }  // namespace
