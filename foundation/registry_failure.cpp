@@ -15,7 +15,7 @@ namespace fs = std::filesystem;
 
 /// What the absence of a directory or file of the registry means.
 std::string AbsenceText(const std::string& path) {
-    return fmt::format("there is no {} (is the agent installed, and KVAGENT_STATE_DIR right?)", path);
+    return fmt::format("{} does not exist (is the agent installed, and KVAGENT_STATE_DIR right?)", path);
 }
 
 }  // namespace

@@ -32,7 +32,7 @@ TEST_F(Kvreg, SaysWhatIsWrongWithTheRegistrysFile) {
         std::function<void()> spoil;
         std::string told;
     } cases[] = {
-        {"absent", [] {}, "there is no " + registry + " (is the agent installed"},
+        {"absent", [] {}, registry + " does not exist (is the agent installed"},
         {"garbage", [&] { Write(registry, std::string(5000, 'x')); }, registry + " is damaged, or not a registry"},
         {"directory", [&] { fs::create_directory(registry); }, registry + " is a directory; move it away"},
         {"pipe", [&] { mkfifo(registry.c_str(), 0600); }, registry + " is not a file; move it away"},

@@ -90,7 +90,7 @@ TEST_F(Kvreg, NamesAMissingStateDirectory) {
     for (const Words& words : {Words{"get", key, "v"}, Words{"list", key}, Words{"delete", key}}) {
         const Outcome outcome = Run(words);
         EXPECT_EQ(outcome.exitCode, 3);
-        EXPECT_THAT(outcome.errors, HasSubstr("there is no " + (folder / "missing").string() + " (is the agent"));
+        EXPECT_THAT(outcome.errors, HasSubstr((folder / "missing").string() + " does not exist (is the agent"));
     }
     Write(file, header + "[HKLM\\" + key + "]\n");
     for (const Words& words : {Words{"set", key, "v", "1"}, Words{"import", file}}) {

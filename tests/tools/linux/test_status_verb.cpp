@@ -239,9 +239,10 @@ TEST_F(StatusVerb, NamesWhatIsNotThereAndMakesNothing) {
     EXPECT_EQ(outcome.exitCode, 3);
     for (const char* verb : {"log", "collect", "pin"}) EXPECT_EQ(Run({verb}).exitCode, 3) << verb;
     EXPECT_EQ(Run({"setup", "--port", "1"}).exitCode, 3);
-    EXPECT_THAT(outcome.output, HasSubstr("settings:  not known: there is no " + Utf8(folder / "state")));
+    EXPECT_THAT(outcome.output, HasSubstr("settings:  not known: " + Utf8(folder / "state") + " does not exist"));
     EXPECT_THAT(Run({"status", "--json"}).output, HasSubstr("\"isRunning\": null"));
-    EXPECT_THAT(Run({"status", "--plugin"}).output, StartsWith("KVAGENT UNKNOWN - settings: there is no "));
+    EXPECT_THAT(Run({"status", "--plugin"}).output,
+                StartsWith("KVAGENT UNKNOWN - settings: " + Utf8(folder / "state") + " does not exist"));
     EXPECT_FALSE(fs::exists(folder / "state"));
 }
 
