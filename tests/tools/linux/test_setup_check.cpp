@@ -74,7 +74,8 @@ TEST_F(CheckVerb, FindsWhatIsWrongWithSettings) {
         EXPECT_THAT(Run({"check"}).output, HasSubstr(told));
     }
     fs::remove_all(folder / "state");
-    EXPECT_THAT(Run({"check"}).output, HasSubstr("error: registry: settings and scripts are not checked: there is no"));
+    EXPECT_THAT(Run({"check"}).output, HasSubstr("error: registry: settings and scripts are not checked: " +
+                                                 Utf8(folder / "state") + " does not exist"));
 }
 
 TEST_F(CheckVerb, TriesEachAddressOfTheServer) {
