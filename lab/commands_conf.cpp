@@ -7,11 +7,13 @@
 #include <optional>
 
 #include "foundation/file_utils.h"
+#include "foundation/hash_table.h"
+#include "jsontext/hash_json.h"
 #include "lab/archive.h"
 #include "lab/command_line.h"
-#include "lab/record_text.h"
 #include "lab/request_queue.h"
 #include "lab/requests.h"
+#include "platform/backend.h"
 #include "platform/utf.h"
 
 namespace kv::lab {
@@ -47,24 +49,24 @@ bool EqualIgnoringCase(std::string_view a, std::string_view b) {
     return std::equal(a.begin(), a.end(), b.begin(), b.end(), [&](char x, char y) { return lower(x) == lower(y); });
 }
 
-/// What is wrong with a plan, whose workflows must be under this name; empty when nothing is wrong.
-std::string PlanFault(const std::optional<std::u16string>& text, const std::string& name) {
+/// What is wrong with the plan of a file, whose workflows must be under this name; empty when nothing is wrong.
+std::string PlanFault(const std::string& path, const std::optional<std::u16string>& text, const std::string& name) {
     if (!text) return "is neither UTF-8 nor UTF-16LE";
-    const ParsedJson plan = ParseJson(platform::Utf8FromWide(*text));
-    if (!plan.valid) return "is not JSON";
-    json_object* workflows = nullptr;
-    const bool found = json_object_is_type(plan.value.get(), json_type_object) &&
-                       json_object_object_get_ex(plan.value.get(), name.c_str(), &workflows);
-    return found && json_object_is_type(workflows, json_type_array) ? "" : "has no array " + name;
+    const HashTablePtr plan = MakeHashTable();
+    const JsonReadResult read = JSONTextToHash(plan.get(), *text);
+    if (!read.ok)
+        return fmt::format("cannot be read by an agent: {}; kvagentctl check {} tells more", read.message, path);
+    return GetHashVector(plan.get(), platform::WideFromUtf8(name)) ? "" : "has no array " + name;
 }
 
 void RunConfPush(const Given& given) {
+    platform::InstallBackend();  // which the agent's reader of plans works on
     const std::string key = NeededValue(given, "KEY");
     const std::string agent = Value(given, "--agent", key);
     const std::string path = NeededValue(given, "FILE");
     const std::string bytes = ReadPlanFile(path);
     const std::optional<std::u16string> text = PlanText(bytes);
-    const std::string fault = PlanFault(text, EqualIgnoringCase(key, agent) ? "WorkFlows" : "WorkFlows_" + key);
+    const std::string fault = PlanFault(path, text, EqualIgnoringCase(key, agent) ? "WorkFlows" : "WorkFlows_" + key);
     if (!fault.empty() && !Has(given, "--force"))
         throw std::runtime_error(fmt::format("{} {}; --force sends it anyway", path, fault));
     const std::string zip = MakeArchive({{"queryconf.txt", text ? Utf16LittleEndianBytes(*text) : bytes}});

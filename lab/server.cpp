@@ -17,6 +17,7 @@
 #include "lab/archive.h"
 #include "lab/servlets.h"
 #include "lab/store.h"
+#include "lab/tls_files.h"
 
 namespace kv::lab {
 
@@ -183,6 +184,8 @@ void LabServer::Running::MakeHttpServer() {
     if (options.certificate.empty()) {
         http = std::make_unique<httplib::Server>();
     } else {
+        if (const std::string fault = TlsFault(options.certificate, options.privateKey); !fault.empty())
+            throw ServerError(fault);
         http = std::make_unique<httplib::SSLServer>(options.certificate.c_str(), options.privateKey.c_str());
     }
     if (!http->is_valid()) throw ServerError("the certificate or its key cannot be used: " + options.certificate);

@@ -29,6 +29,7 @@ class Kvlab : public Lab {
 TEST_F(Kvlab, EndsWithAnExitCodeAndALine) {
     const std::string on = " --database '" + database + "'";
     Write(folder / "plan", "{ \"WorkFlows\": 1 }");
+    Write(folder / "broken", "{ \"WorkFlows\": [\n]]");
     const std::tuple<std::string, int, const char*> rows[] = {
         {"--help", 0, ""},
         {"--version", 0, ""},
@@ -39,6 +40,9 @@ TEST_F(Kvlab, EndsWithAnExitCodeAndALine) {
         {"conf push K1 " + std::string(folder / "absent.json") + on, 3, "absent.json"},
         {"agents --database " + std::string(folder / "absent.db"), 3, "there is no database"},
         {"conf push --no-flag K1 " + std::string(folder / "plan") + on, 1, "WorkFlows"},
+        {"conf push --no-flag K1 " + std::string(folder / "broken") + on, 1, "(line 2); kvagentctl check "},
+        {"serve --tls " + std::string(folder / "plan") + " absent.key" + on, 1, "absent.key: No such file"},
+        {"serve --tls " + std::string(folder / "plan") + " /dev/null" + on, 1, "plan holds no certificate in PEM"},
         {"serve --listen 192.0.2.1" + on, 1, "cannot listen on 192.0.2.1"},
     };
     for (const auto& [words, exitCode, text] : rows) {
