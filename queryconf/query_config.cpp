@@ -40,12 +40,6 @@ std::u16string PlanKey(std::u16string_view agent) {
     return agent.empty() ? std::u16string(ownWorkflowsKey) : ConcatStrings(slaveWorkflowsKey, agent);
 }
 
-/// Whether a key is that of an agent's list. Slaves' keys that differ only in case are one slave.
-bool IsPlanKey(std::u16string_view agent, std::u16string_view key) {
-    if (agent.empty()) return key == ownWorkflowsKey;
-    return key.starts_with(slaveWorkflowsKey) && CompareIgnoreCase(key.substr(slaveWorkflowsKey.size()), agent) == 0;
-}
-
 /// Finds the list of an agent; null with a log line when it is missing.
 Vector* FindWorkflows(const char* caller, const HashTable* table, std::u16string_view agent,
                       std::u16string_view fileName) {
@@ -344,6 +338,11 @@ bool LoadUnreadPlans() {
         RunGuarded("LoadQueryConfig", [&] { LoadQueryConfig(plan.agent, plan.fileName); });
     }
     return plansMerged != before;
+}
+
+bool IsPlanKey(std::u16string_view agent, std::u16string_view key) {
+    if (agent.empty()) return key == ownWorkflowsKey;
+    return key.starts_with(slaveWorkflowsKey) && CompareIgnoreCase(key.substr(slaveWorkflowsKey.size()), agent) == 0;
 }
 
 void FreeReplacedPlans() { replacedPlans.clear(); }

@@ -34,6 +34,10 @@ void LoadQueryConfig(std::u16string_view agent, std::optional<std::u16string_vie
 /// them any more.
 void FreeReplacedPlans();
 
+/// Whether a plan's key is that of an agent's list; agent as above. Slaves' keys that differ only in case are one
+/// slave.
+bool IsPlanKey(std::u16string_view agent, std::u16string_view key);
+
 /// Why an element of a list of workflows cannot run, as the end of a sentence; null when it can. A number with a
 /// fraction has been cut by now.
 const char* WorkflowFault(const VectorElement* element);

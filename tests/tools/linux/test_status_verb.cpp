@@ -53,7 +53,8 @@ class StatusVerb : public ToolTest {
             Set(key, name, text);
         Set(agentKeyPath, u"KVAgentInstallDir", platform::WideFromUtf8(folder.string() + "/"));
         Write(monitoring / "conf" / "queryconf.txt",
-              R"({ "WorkFlows": [ { "interval": 1, "recordSetName": [ {}, {} ] }, { "interval": 1 } ] })");
+              R"({ "WorkFlows": [ { "interval": 1, "recordSetName": [ {}, {} ] } ],
+                  "disabled": [ { "interval": 1, "recordSetName": [] } ] })");
         health = HealthSnapshot();
         health.version = "0.0.9";
         health.processId = getpid();
@@ -105,7 +106,8 @@ TEST_F(StatusVerb, TellsPeopleAndPrograms) {
     for (const char* line :
          {"version:      0.0.9; kvagentctl ", "agent:        runs, process ", "key:          LAB1\n",
           "server:       https://cs:8443\n", "(3 minutes ago) at cs:8443\n", "(3 minutes ago): registered\n",
-          "collection:   on\n", "(3 minutes ago): refused | twice\n", ": 2 workflows, 2 records\n",
+          "collection:   on\n", "(3 minutes ago): refused | twice\n",
+          ": 2 workflows, 2 records, with those of disabled\n",
           "records:      1 record waits, 2 bytes, the oldest for ", "zips:         no zip waits\n", "disk room:    "})
         EXPECT_THAT(outcome.output, HasSubstr(line));
     EXPECT_EQ(outcome.output.find("attention"), std::string::npos);
@@ -175,6 +177,13 @@ TEST_F(StatusVerb, EndsAsAMonitoringPlugin) {
          1, "KVAGENT WARNING - a newer plan was refused"},
         {"no plan", [&] { fs::remove(monitoring / "conf/queryconf.txt"); }, 1,
          "/queryconf.txt: it does not exist; the agent goes on with"},
+        {"a plan of which the agent runs a part",
+         [&] {
+             Write(monitoring / "conf/queryconf.txt",
+                   R"({ "WorkFlows": [ 5, { "interval": "5m", "recordSetName": [] } ],
+                        "off": [ 5, { "interval": 1, "recordSetName": [] } ] })");
+         },
+         1, "KVAGENT WARNING - 1 of 3 workflows run: kvagentctl check says why"},
         {"half a plan", [&] { Write(monitoring / "conf/queryconf.txt", "{ \"WorkFlows\": ["); }, 1,
          "in JSON: unexpected end"},
         {"damage", [&] { Write(monitoring / "logs/status.json", "{"); }, 3, "KVAGENT UNKNOWN - "},

@@ -16,6 +16,7 @@
 #include "tools/kvagentctl/agent_process.h"
 #include "tools/kvagentctl/check/check_parts.h"
 #include "tools/kvagentctl/check/plan_text.h"
+#include "tools/kvagentctl/plan_lists.h"
 #include "tools/kvagentctl/readable_file.h"
 
 namespace kv::control {
@@ -25,17 +26,6 @@ namespace {
 using platform::Utf8FromWide;
 
 constexpr std::int32_t longInterval = 31 * 24 * 60;  // minutes; more is likely to be seconds by mistake
-
-/// The slave whose plan a document seems to be; empty for the agent's own.
-std::u16string SlaveOf(const HashTable* document) {
-    if (ContainsHashKey(document, ownWorkflowsKey)) return u"";
-    const std::unique_ptr<const char16_t*[]> keys = GetHashKeys(document);
-    for (std::size_t i = 0; keys[i]; ++i) {
-        const std::u16string_view key = keys[i];
-        if (key.starts_with(slaveWorkflowsKey)) return std::u16string(key.substr(slaveWorkflowsKey.size()));
-    }
-    return u"";
-}
 
 constexpr const char* wantedInterval = "give whole minutes from 1, as in \"interval\": 5";
 
@@ -93,12 +83,12 @@ void CheckWorkflow(Findings& findings, PlanContext& context, const std::string& 
         CheckRecords(findings, context, where, records);
 }
 
-void CheckWorkflows(Findings& findings, PlanContext& context, const std::string& list, const Vector* workflows) {
-    if (!workflows->head) findings.Warn(list, "is empty: nothing is collected");
+void CheckWorkflows(Findings& findings, PlanContext& context, const PlanList& list) {
+    if (!list.workflows->head) findings.Warn(list.name, "is empty: nothing is collected");
     int index = 0;
-    for (const VectorElement* element = workflows->head; element; element = element->next, ++index) {
+    for (const VectorElement* element = list.workflows->head; element; element = element->next, ++index) {
         std::string where = fmt::format("workflow [{}]", index);
-        if (list != Utf8FromWide(ownWorkflowsKey)) where.insert(0, list + ", ");
+        if (list.name != Utf8FromWide(ownWorkflowsKey)) where.insert(0, list.name + ", ");
         const auto* const workflow = reinterpret_cast<const HashTable*>(element->value);
         const char16_t* const name = element->type == ValueType::table ? GetHashText(workflow, u"wfname") : nullptr;
         if (name) where += fmt::format(" \"{}\"", Utf8FromWide(name));
@@ -106,23 +96,51 @@ void CheckWorkflows(Findings& findings, PlanContext& context, const std::string&
     }
 }
 
-/// The lists of a document, of which those of other agents are collected, too.
-void CheckLists(Findings& findings, const HashTable* document) {
-    PlanContext context;
+/// WorkFlows, if that was probably meant by the name of a member; else empty.
+std::string MeantList(std::u16string_view name) {
+    return Utf8FromWide(platform::NearestName(name, {&ownWorkflowsKey, 1}));
+}
+
+/// A list under another name than the agent asks for. Some park workflows under one, and they run.
+void TellOtherList(Findings& findings, const PlanList& list) {
+    const std::string where = "member " + list.name;
+    const std::u16string name = platform::WideFromUtf8(list.name);
+    const std::string meant = MeantList(name);
+    if (list.runnable == 0)
+        return findings.Warn(where, "is a list in which no workflow can run: the agent leaves out what it holds",
+                             meant.empty() ? "" : fmt::format("did you mean {}?", meant));
+    constexpr const char* what =
+        "its workflows run all the same: the agent runs each list at the top, whatever its name";
+    constexpr const char* next = "take it out of the file, and start the agent again";
+    if (!meant.empty()) return findings.Error(where, what, fmt::format("did you mean {}? Else {}", meant, next));
+    if (name.starts_with(slaveWorkflowsKey))
+        findings.Warn(where, what, fmt::format("if it is not for a slave, {}", next));
+    else
+        findings.Error(where, what, next);
+}
+
+/// The members at the top that are not lists.
+void CheckOtherMembers(Findings& findings, const HashTable* document) {
     const std::unique_ptr<const char16_t*[]> keys = GetHashKeys(document);
     for (std::size_t i = 0; keys[i]; ++i) {
-        const std::u16string_view wide = keys[i];
-        const std::string key = Utf8FromWide(wide);
-        const Vector* const workflows = GetHashVector(document, wide);
-        const bool isKnown = wide == ownWorkflowsKey || wide.starts_with(slaveWorkflowsKey);
-        const std::u16string_view nearest = platform::NearestName(wide, {&ownWorkflowsKey, 1});
-        if (!isKnown)
-            findings.Warn("member " + key, nearest.empty() ? "is not a list of workflows that the agent knows"
-                                                           : fmt::format("did you mean {}?", Utf8FromWide(nearest)));
-        if (workflows)
-            CheckWorkflows(findings, context, key, workflows);
-        else if (isKnown)
-            findings.Error("member " + key, "is not an array: it is left out");
+        const std::u16string_view key = keys[i];
+        if (GetHashVector(document, key)) continue;
+        const std::string where = "member " + Utf8FromWide(key);
+        const std::string meant = MeantList(key);
+        if (key == ownWorkflowsKey || key.starts_with(slaveWorkflowsKey))
+            findings.Error(where, "is not an array: it is left out");
+        else
+            findings.Warn(where, meant.empty() ? "is not a list of workflows that the agent knows"
+                                               : fmt::format("did you mean {}?", meant));
+    }
+}
+
+void CheckLists(Findings& findings, const HashTable* document, const std::vector<PlanList>& lists) {
+    PlanContext context;
+    CheckOtherMembers(findings, document);
+    for (const PlanList& list : lists) {
+        if (!list.isExpected) TellOtherList(findings, list);
+        if (list.isExpected || list.objects > 0) CheckWorkflows(findings, context, list);
     }
     if (context.isQueryUnjudged)
         findings.Note("plan",
@@ -243,12 +261,13 @@ void CheckPlan(Findings& findings, std::u16string_view path, const std::string& 
     lines.clear();
     const HashTable* const document = plan.document.get();
     const std::u16string slave = owner ? *owner : SlaveOf(document);
+    const std::vector<PlanList> lists = ListsOf(document, slave);
     if (!IsUsablePlan(document, slave, path)) {
         for (const std::string& line : lines)
-            findings.Error(where, WithoutName(line, path) + ": the agent would refuse it");
+            findings.Error(where, WithoutName(line, path) + ": " + OutcomeOfUnusable(lists));
     }
     if (!slave.empty()) findings.Note(where, "is that of the slave " + Utf8FromWide(slave));
-    CheckLists(findings, document);
+    CheckLists(findings, document, lists);
 }
 
 }  // namespace kv::control

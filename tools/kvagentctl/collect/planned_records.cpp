@@ -18,8 +18,10 @@
 #include "platform/utf.h"
 #include "queryconf/conf_paths.h"
 #include "tools/kvagentctl/agent_process.h"
+#include "tools/kvagentctl/plan_lists.h"
 #include "tools/kvagentctl/plan_neighbour.h"
 #include "tools/kvagentctl/readable_file.h"
+#include "tools/kvagentctl/status/status_text.h"
 
 namespace kv::control {
 
@@ -60,7 +62,20 @@ void TakeRecords(const HashTable* workflow, std::vector<PlannedRecord>& records)
     }
 }
 
-HashTablePtr ReadPlan(std::u16string_view path, const std::string& name) {
+/// What is collected here and may surprise who wrote the plan.
+void TellOddLists(const std::vector<PlanList>& lists, const std::string& name) {
+    if (const std::string others = NamesOfOthers(lists); !others.empty())
+        fmt::print(stderr, "{}: collected, too: {}; the agent runs each list at the top, whatever its name\n", name,
+                   InLine(others));
+    std::size_t leftOut = 0;
+    for (const PlanList& list : lists) leftOut += list.objects - list.runnable;
+    if (leftOut > 0)
+        fmt::print(stderr, "{}: collected, although the agent leaves it out: {}; kvagentctl check says why\n", name,
+                   Counted(leftOut, "workflow"));
+}
+
+/// slave: whose plan it is; absent when only its content can tell.
+HashTablePtr ReadPlan(std::u16string_view path, const std::string& name, const OptionalText& slave) {
     PlanFile plan = ReadPlanFile(path);
     if (!plan.document)
         throw std::runtime_error(fmt::format("{}: {}; see kvagentctl check {}", name, plan.failure, name));
@@ -68,6 +83,7 @@ HashTablePtr ReadPlan(std::u16string_view path, const std::string& name) {
     for (const RepeatedKey& member : plan.repeated)
         fmt::print(stderr, "{}, line {}: {} is not used: it stands again in line {}\n", name, member.line,
                    InLine(Utf8FromWide(member.key)), member.lastLine);
+    TellOddLists(ListsOf(plan.document.get(), slave ? *slave : SlaveOf(plan.document.get())), name);
     return std::move(plan.document);
 }
 
@@ -101,7 +117,7 @@ std::vector<HashTablePtr> ReadPlans(const Given& given, platform::Error failure)
         if (!MayExist(WideFromUtf8(named))) throw NotFoundError(fmt::format("there is no file {}", named));
         RefuseDirectory(named);
         const NamedPlan file(named);
-        plans.push_back(ReadPlan(file.path(), named));
+        plans.push_back(ReadPlan(file.path(), named, std::nullopt));
         return plans;
     }
     const std::string hint = SettingsFailureText(failure) + "; name a plan: kvagentctl collect PLAN";
@@ -114,9 +130,10 @@ std::vector<HashTablePtr> ReadPlans(const Given& given, platform::Error failure)
         throw NotFoundError(fmt::format("the agent has no plan: {} does not exist; {}", NativeName(own),
                                         neighbour.empty() ? "name one: kvagentctl collect PLAN" : neighbour));
     }
-    plans.push_back(ReadPlan(own, NativeName(own)));
+    plans.push_back(ReadPlan(own, NativeName(own), u""));
     if (!Has(given, "--slaves")) return plans;
-    for (const SlavePlan& plan : PlansOfSlaves(bin)) plans.push_back(ReadPlan(plan.path, NativeName(plan.path)));
+    for (const SlavePlan& plan : PlansOfSlaves(bin))
+        plans.push_back(ReadPlan(plan.path, NativeName(plan.path), plan.slave));
     return plans;
 }
 

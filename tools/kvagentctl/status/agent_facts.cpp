@@ -19,7 +19,9 @@
 #include "platform/service_manager.h"
 #include "platform/utf.h"
 #include "queryconf/conf_paths.h"
+#include "queryconf/query_config.h"
 #include "tools/kvagentctl/agent_process.h"
+#include "tools/kvagentctl/plan_lists.h"
 #include "tools/kvagentctl/plan_neighbour.h"
 #include "tools/kvagentctl/readable_file.h"
 #include "tools/kvagentctl/status/status_text.h"
@@ -234,19 +236,22 @@ std::int64_t WriteTimeOf(std::u16string_view path) {
     return result == error::success ? SecondsOfFileTime(information.lastWriteTime) : 0;
 }
 
+/// Counts what the agent runs. What is not an object is a workflow that was meant only in the expected list.
 void CountPlan(const HashTable* document, PlanFacts& plan) {
-    const Vector* workflows = GetHashVector(document, u"WorkFlows");
-    if (!workflows) {
-        plan.failure = "it has no list WorkFlows";
-        return;
+    const std::vector<PlanList> lists = ListsOf(document, u"");
+    bool hasExpected = false;
+    for (const PlanList& list : lists) {
+        hasExpected = hasExpected || list.isExpected;
+        plan.workflows += list.isExpected ? static_cast<std::size_t>(list.workflows->count) : list.objects;
+        plan.runnable += list.runnable;
+        for (const VectorElement* element = list.workflows->head; element; element = element->next) {
+            if (WorkflowFault(element)) continue;
+            const auto* const workflow = reinterpret_cast<const HashTable*>(element->value);
+            plan.records += static_cast<std::uint64_t>(GetHashVector(workflow, u"recordSetName")->count);
+        }
     }
-    for (const VectorElement* element = workflows->head; element; element = element->next) {
-        ++plan.workflows;
-        const auto* workflow =
-            element->type == ValueType::table ? reinterpret_cast<const HashTable*>(element->value) : nullptr;
-        const Vector* records = workflow ? GetHashVector(workflow, u"recordSetName") : nullptr;
-        if (records) plan.records += static_cast<std::uint64_t>(records->count);
-    }
+    plan.otherLists = NamesOfOthers(lists);
+    if (!hasExpected) plan.failure = "it has no array WorkFlows: " + OutcomeOfUnusable(lists);
 }
 
 /// What it means that the agent's own plan does not exist.

@@ -14,11 +14,13 @@ namespace kv::control {
 
 struct PlanFacts {
     std::string file;              // as this system names it
-    std::string failure;           // why it cannot be used; empty when it can
+    std::string failure;           // why it cannot be used as it should; empty when it can
     bool isAbsent = false;         // and no slave has one, either
     std::int64_t time = 0;         // when it was written, seconds since 1970
-    std::uint64_t workflows = 0;   // those that it lists
-    std::uint64_t records = 0;     // of all workflows
+    std::uint64_t workflows = 0;   // in all its lists
+    std::uint64_t runnable = 0;    // those of them that the agent does not leave out
+    std::uint64_t records = 0;     // of these
+    std::string otherLists;        // names of lists beside WorkFlows that run, with commas between
     std::int64_t refusedTime = 0;  // of the last new plan that was refused; 0 without one
     std::string refusedFile;
 };

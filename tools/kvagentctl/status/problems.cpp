@@ -168,6 +168,9 @@ void Judge::JudgePlan() {
     const PlanFacts& plan = facts_.plan;
     if (!facts_.hasPlace()) return;
     if (!plan.failure.empty()) Add(PluginStatus::warning, fmt::format("plan {}: {}", plan.file, plan.failure));
+    if (plan.runnable < plan.workflows)
+        Add(PluginStatus::warning,
+            fmt::format("{} of {} run: kvagentctl check says why", plan.runnable, Counted(plan.workflows, "workflow")));
     if (plan.refusedTime > plan.time)
         Add(PluginStatus::warning, fmt::format("a newer plan was refused, see the log: {}", plan.refusedFile));
 }

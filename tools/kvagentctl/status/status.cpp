@@ -67,8 +67,11 @@ std::string WaitingText(const WaitingFiles& waiting, std::string_view what, std:
 
 std::string PlanText(const PlanFacts& plan) {
     if (!plan.failure.empty()) return fmt::format("{}: {}", plan.file, plan.failure);
-    return fmt::format("{} of {}: {}, {}", plan.file, TimeText(plan.time), Counted(plan.workflows, "workflow"),
-                       Counted(plan.records, "record"));
+    const std::string workflows = Counted(plan.workflows, "workflow");
+    const std::string part = plan.runnable == plan.workflows ? "" : fmt::format("{} of ", plan.runnable);
+    return fmt::format("{} of {}: {}{}{}, {}{}", plan.file, TimeText(plan.time), part, workflows,
+                       part.empty() ? "" : " run", Counted(plan.records, "record"),
+                       plan.otherLists.empty() ? "" : ", with those of " + plan.otherLists);
 }
 
 std::string CollectionText(const AgentFacts& facts) {
@@ -168,6 +171,7 @@ json_object* JsonPlan(const PlanFacts& plan) {
                        {"time", json_object_new_int64(plan.time)},
                        {"failure", plan.failure.empty() ? nullptr : JsonText(plan.failure)},
                        {"workflows", json_object_new_uint64(plan.workflows)},
+                       {"runnableWorkflows", json_object_new_uint64(plan.runnable)},
                        {"records", json_object_new_uint64(plan.records)},
                        {"refusedTime", json_object_new_int64(plan.refusedTime)},
                        {"refusedFile", plan.refusedFile.empty() ? nullptr : JsonText(plan.refusedFile)}});
