@@ -169,6 +169,9 @@ TEST_F(CheckVerb, FindsWhatIsWrongWithAPlan) {
     Write(conf / "scripts" / "env.sh", "#!/usr/bin/env no-such-shell\n");
     Write(conf / "scripts" / "split.sh", "#!/usr/bin/env -S A=1  no-shell -e\n");
     Write(conf / "scripts" / "bytes.sh", std::string("\1\0\2", 3));
+    Write(conf / "scripts" / "mark.sh", "\xEF\xBB\xBF#!/bin/sh\n");
+    Write(conf / "scripts" / "late.sh", "\n# late\n#!/bin/bash\n");
+    Write(conf / "scripts" / "bare.py", "print()\n");
     fs::create_symlink("/nowhere", conf / "scripts" / "link.sh");
     ASSERT_EQ(mkfifo((conf / "scripts" / "fifo.sh").c_str(), 0700), 0);
     for (const char* name : {"crlf.sh", "lost.sh", "env.sh", "split.sh", "bytes.sh"})
@@ -227,6 +230,11 @@ TEST_F(CheckVerb, FindsWhatIsWrongWithAPlan) {
         {"fifo", record(R"("script":"fifo.sh","Name":"N")"), "fifo.sh is not a regular file"},
         {"mode", record(R"("script":"plain.sh","Name":"N")"), "is not executable, so /bin/sh runs it; chmod +x"},
         {"arguments", record(R"("script":"plain.sh  -a /","Name":"N")"), R"(: "script": "plain.sh", "params": "-a /")"},
+        {"interpreter as script", record(R"("script":"sh -e ../plain.sh x","Name":"N")"),
+         R"(; write "script": "plain.sh", "params": "x"; its first line names the interpreter)"},
+        {"mark", record(R"("script":"mark.sh","Name":"N")"), "mark.sh begins with a byte order mark, so that /bin/sh"},
+        {"late", record(R"("script":"late.sh","Name":"N")"), "late.sh has #! in line 3: it has to be the first"},
+        {"no interpreter", record(R"("script":"bare.py","Name":"N")"), "bare.py has no #! line, so that /bin/sh runs"},
         {"near script", record(R"("script":"plain","Name":"N")"), "/plain does not exist; did you mean plain.sh?"},
         {"params", record(R"("script":"plain.sh","Name":"N","params":["/"])"), "params is not a text: the script runs"},
         {"no shell", record(R"("script":"plain.sh","Name":"N","params":"$HOME \"$x\" > y")"),
@@ -267,8 +275,8 @@ TEST_F(CheckVerb, FindsWhatIsWrongWithAPlan) {
     EXPECT_THAT(Run({"check", plan}).output, HasSubstr("plain.sh is not run: AllowedScripts does not have it"));
     const std::tuple<const char*, const char*, const char*> limits[] = {
         {"AllowedScripts", "plain.sh, no.sh",
-         "note: setting Monitoring\\AllowedScripts: allows 1 of 9 scripts below conf"},
-        {"AllowedScripts", "PLAIN.sh", "AllowedScripts: allows none of 9 scripts below conf/scripts; give paths"},
+         "note: setting Monitoring\\AllowedScripts: allows 1 of 12 scripts below conf"},
+        {"AllowedScripts", "PLAIN.sh", "AllowedScripts: allows none of 12 scripts below conf/scripts; give paths"},
         {"AllowedServices", "*.service", "AllowedServices: allows every service"},
         {"AllowedRequests", "start*, TEST_*", "AllowedRequests: allows TEST_MONITOR, START_SERVICE\n"},
         {"AllowedRequests", "", "AllowedRequests: is empty, so nothing is allowed"},

@@ -47,6 +47,9 @@ void JudgeScriptFile(Findings& findings, const std::u16string& path, const std::
     if (!fault.empty()) fails(fault);
     if (permissions->othersWrite)
         fails(fmt::format("may be changed by others (mode {})", permissions->mode), "chmod 0750 " + native);
+    if (!permissions->isOwnerTrusted)
+        findings.Warn("", fmt::format("script {} belongs to {}", native, permissions->owner),
+                      fmt::format("chown root {}, unless the agent runs as {}", native, permissions->owner));
 }
 
 std::u16string ScriptPath(const PlanContext& context, std::u16string_view script) {
@@ -65,17 +68,46 @@ std::string NearestScript(const PlanContext& context, const std::u16string& scri
     return Utf8FromWide(platform::NearestName(script, names));
 }
 
+constexpr std::u16string_view blanks = u" \t";
+
+/// The first word of a text, which loses it and the blanks around it.
+std::u16string TakeWord(std::u16string_view& text) {
+    text.remove_prefix(std::min(text.find_first_not_of(blanks), text.size()));
+    const std::u16string word(text.substr(0, text.find_first_of(blanks)));
+    text.remove_prefix(std::min(text.find_first_not_of(blanks, word.size()), text.size()));
+    return word;
+}
+
+std::string AsMembers(std::u16string_view script, std::u16string_view params) {
+    return fmt::format(R"("script": "{}")", Utf8FromWide(script)) +
+           (params.empty() ? "" : fmt::format(R"(, "params": "{}")", Utf8FromWide(params)));
+}
+
+/// What to do about a name that is the command of an interpreter; empty when it does not look like one.
+std::string HintOfInterpreter(const PlanContext& context, std::u16string_view command) {
+    const std::string program = Utf8FromWide(TakeWord(command));
+    while (command.starts_with(u'-')) TakeWord(command);  // options of the interpreter
+    const std::u16string word = TakeWord(command);
+    const std::u16string script = word.substr(word.find_last_of(u'/') + 1);
+    if (script.empty()) return "";
+    const bool isThere = MayExist(ScriptPath(context, script));
+    const bool isNamedSo = script.find(u'.') != std::u16string::npos && IsInPath(program);
+    if (!isThere && !isNamedSo) return "";
+    const bool hasModes = platform::GetFilePermissions(context.install).has_value();
+    return fmt::format("{}write {}; its {} names the interpreter",
+                       isThere ? "" : fmt::format("put {} there, and ", Utf8FromWide(script)),
+                       AsMembers(script, command), hasModes ? "first line" : "extension");
+}
+
 /// What to do about a script that does not exist.
 std::string HintOfAbsentScript(const PlanContext& context, const std::u16string& script) {
-    constexpr std::u16string_view blanks = u" \t";
-    const std::size_t begin = std::min(script.find_first_not_of(blanks), script.size());
-    const std::u16string word = script.substr(begin, script.find_first_of(blanks, begin) - begin);
-    const std::size_t next = std::min(script.find_first_not_of(blanks, begin + word.size()), script.size());
+    std::u16string_view params = script;
+    const std::u16string word = TakeWord(params);
     const bool isThere = !word.empty() && MayExist(ScriptPath(context, word));
-    if (next < script.size())
-        return fmt::format(R"({}arguments go into params: "script": "{}", "params": "{}")",
-                           isThere ? "" : "put it there; ", Utf8FromWide(word), Utf8FromWide(script.substr(next)));
-    if (isThere) return fmt::format(R"(leave out the blanks: "script": "{}")", Utf8FromWide(word));
+    if (std::string hint = isThere ? "" : HintOfInterpreter(context, script); !hint.empty()) return hint;
+    if (!params.empty())
+        return fmt::format("{}arguments go into params: {}", isThere ? "" : "put it there; ", AsMembers(word, params));
+    if (isThere) return fmt::format("leave out the blanks: {}", AsMembers(word, u""));
     const std::string nearest = NearestScript(context, script);
     return nearest.empty() ? "put it there" : fmt::format("did you mean {}?", nearest);
 }
@@ -87,8 +119,9 @@ std::vector<Finding> FindingsOfScript(const PlanContext& context, const std::u16
     const std::u16string path = ScriptPath(context, script);
     const std::string native = Utf8FromWide(platform::Files().NativePath(path));
     if (!StaysBelowDirectory(script)) {
+        const std::string hint = context.install.empty() ? "" : HintOfInterpreter(context, script);
         findings.Error("", fmt::format("script {} does not name a file below conf/scripts and is not run", name),
-                       "put a script there that does it");
+                       hint.empty() ? "put a script there that does it" : hint);
         return findings.list;
     }
     if (context.install.empty()) return {};

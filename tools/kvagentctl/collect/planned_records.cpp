@@ -70,7 +70,7 @@ void TellOddLists(const std::vector<PlanList>& lists, const std::string& name) {
     std::size_t leftOut = 0;
     for (const PlanList& list : lists) leftOut += list.objects - list.runnable;
     if (leftOut > 0)
-        fmt::print(stderr, "{}: collected, although the agent leaves it out: {}; kvagentctl check says why\n", name,
+        fmt::print(stderr, "{}: the agent leaves out {}, and collect does not; kvagentctl check says why\n", name,
                    Counted(leftOut, "workflow"));
 }
 
