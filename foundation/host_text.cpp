@@ -39,11 +39,18 @@ int CountGroups(std::u16string_view text) {
     return groups;
 }
 
-/// The first character that no name has; 0 when each may stand in one. Beyond ASCII the name server decides.
+/// Characters without width, which come along when a name is copied from a page.
+bool IsInvisible(char16_t unit) {
+    return unit == u'\u00AD' || unit == u'\u2060' || unit == u'\uFEFF' || (unit >= u'\u200B' && unit <= u'\u200F');
+}
+
+/// The first character that no name has; 0 when each may stand in one. Of those beyond ASCII that can be seen the name
+/// server decides.
 char16_t UnfitCharacter(std::u16string_view name) {
     const auto isFit = [](char16_t unit) {
-        return unit >= 0x80 || (unit >= u'a' && unit <= u'z') || (unit >= u'A' && unit <= u'Z') ||
-               (unit >= u'0' && unit <= u'9') || unit == u'-' || unit == u'_' || unit == u'.';
+        return (unit >= 0x80 && !IsInvisible(unit)) || (unit >= u'a' && unit <= u'z') ||
+               (unit >= u'A' && unit <= u'Z') || (unit >= u'0' && unit <= u'9') || unit == u'-' || unit == u'_' ||
+               unit == u'.';
     };
     for (const char16_t unit : name) {
         if (!isFit(unit)) return unit;
@@ -54,6 +61,7 @@ char16_t UnfitCharacter(std::u16string_view name) {
 std::string CharacterFault(char16_t unit) {
     if (unit == u' ') return ": a name has no blanks";
     if (unit < u' ' || unit == u'\x7F') return ": a name has no control characters";
+    if (IsInvisible(unit)) return fmt::format(": it has the invisible character U+{:04X}", unsigned{unit});
     return fmt::format(": a name has no '{}'", static_cast<char>(unit));
 }
 

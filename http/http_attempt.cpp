@@ -274,6 +274,14 @@ bool IsOfProxy(const HttpAttempt& attempt, std::uint32_t status) {
     return attempt.target.secure ? PresentedTo(attempt).empty() : status >= 502 && status <= 504;
 }
 
+/// Who may have refused a request in the place of the server, behind what was refused; empty without a proxy.
+std::string RefuserText(const HttpAttempt& attempt) {
+    if (!attempt.target.useProxy) return "";
+    const std::string proxy = ProxyText(attempt.target);
+    if (!attempt.target.secure) return ", by the server or the " + proxy;
+    return PresentedTo(attempt).empty() ? ", by the " + proxy + ", which did not lead to the server" : "";
+}
+
 }  // namespace
 
 Error ReadStatus(const HttpAttempt& attempt, std::uint32_t& status) {
@@ -290,7 +298,10 @@ Error ReadStatus(const HttpAttempt& attempt, std::uint32_t& status) {
         });
     } else {
         RunGuarded("NoteContact", [&] {
-            if (!IsOfProxy(attempt, status)) NoteContact();
+            if (!IsOfProxy(attempt, status)) return NoteContact();
+            if (!attempt.target.secure) return;
+            const std::string reason = LogText("the proxy itself answers with HTTP status %d", status);
+            LogFailedAddress(attempt.routine, attempt.target, status, reason, {});
         });
     }
     return failure;
@@ -298,8 +309,8 @@ Error ReadStatus(const HttpAttempt& attempt, std::uint32_t& status) {
 
 void NoteRefusal(const HttpAttempt& attempt, std::uint32_t status) {
     const auto text = [&] {
-        return LogText("%s at %s:%d: refused with HTTP status %d", PathOfUrl(attempt.url), attempt.target.server,
-                       attempt.target.port, status);
+        return LogText("%s at %s:%d: refused with HTTP status %d%s", PathOfUrl(attempt.url), attempt.target.server,
+                       attempt.target.port, status, RefuserText(attempt));
     };
     NoteFailureOf(text, FailureKind::sending);
 }

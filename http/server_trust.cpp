@@ -98,13 +98,6 @@ std::string WithoutCredentials(std::string list) {
     return list;
 }
 
-std::string ProxyText(const TransactionTarget& target) {
-    if (!target.useProxy) return "no proxy";
-    const std::string bypass = platform::Utf8FromWide(target.proxyBypass.value_or(u""));
-    return "proxy " + WithoutCredentials(platform::Utf8FromWide(target.proxyName.value_or(u""))) +
-           (bypass.empty() ? "" : " (not for " + bypass + ")");
-}
-
 /// Whether "host:port" is one of the addresses that the settings give.
 bool IsOwnAddress(const std::string& server) {
     const OptionalText* const addresses[] = {&agentState.gv_ServerName, &agentState.gv_ServerFlatName,
@@ -135,6 +128,13 @@ void Remember(const std::string& server, const std::string& fingerprint) {
 }
 
 }  // namespace
+
+std::string ProxyText(const TransactionTarget& target) {
+    if (!target.useProxy) return "no proxy";
+    const std::string bypass = platform::Utf8FromWide(target.proxyBypass.value_or(u""));
+    return "proxy " + WithoutCredentials(platform::Utf8FromWide(target.proxyName.value_or(u""))) +
+           (bypass.empty() ? "" : " (not for " + bypass + ")");
+}
 
 std::string FailureReason(Error failure, const std::string& reason) {
     std::string text = reason.empty() ? platform::MessageInLine(failure) : reason;

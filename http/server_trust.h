@@ -29,6 +29,9 @@ platform::Error RefuseToSend(const char* routine, const TransactionTarget& targe
 /// std::bad_alloc.
 void NoteCertificates(const std::vector<platform::HttpPresentedCertificate>& presented);
 
+/// "proxy p:80" with its bypass list and without a password, or "no proxy".
+std::string ProxyText(const TransactionTarget& target);
+
 /// The log line of an attempt that failed: address, proxy and the library's reason, which may be empty; for a
 /// certificate that was refused, what was expected and what was shown. May throw std::bad_alloc.
 void LogFailedAddress(const char* routine, const TransactionTarget& target, platform::Error failure,

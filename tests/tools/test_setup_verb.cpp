@@ -25,6 +25,7 @@ TEST_F(SetupVerb, TellsAllThatIsWrongAndStoresNothing) {
          {"--server", "cs\x1b"},
          {"--server takes a name or an address, without scheme and port, not 'cs\\x1b': a name has no control"}},
         {"a URL with a slip", {"--server", "HTTPS//cs:8443"}, {"not 'HTTPS//cs:8443'; did you mean https://cs:8443?"}},
+        {"two schemes", {"--server", "https://https://cs"}, {"did you mean https://cs?"}},
         {"a cut address", {"--server", "10.1.1", "--ip", "10.1.1"}, {"not '10.1.1': an IPv4 address has four numbers"}},
         {"long name",
          {"--server", std::string(254, 'c')},

@@ -51,6 +51,9 @@ std::vector<std::u16string> AddressesToTry(const Given& given, bool hasPort) {
     RefuseCredentials(given, "--address");
     const ServerText server = ParseServerText(commandline::NeededValue(given, "--address"));
     if (!server.problem.empty()) throw commandline::UsageError("--address " + server.problem);
+    const std::string fault =
+        SettingFault(*FindAgentSetting(serverInfoKeyPath, u"KVServerName"), WideFromUtf8(server.host));
+    if (!fault.empty()) throw commandline::UsageError("--address " + fault);
     if (server.protocol == "http") throw commandline::UsageError("--address is http, which has no certificate");
     if (!server.port.empty()) agentState.gv_ServerPort = ParseDecimal(WideFromUtf8(server.port));
     if (server.port.empty() && !hasPort)

@@ -37,7 +37,8 @@ std::string MeantBySlip(std::string_view text) {
     const std::string_view host = rest.substr(mark.size());
     const bool isPort = mark == ":" && host.find_first_not_of("0123456789") == std::string_view::npos;
     const bool isAddress = scheme.empty() && mark.starts_with(':');
-    if (mark.empty() || mark == "://" || host.empty() || isPort || isAddress) return "";
+    const bool isSlip = !mark.empty() && mark != "://" && !isPort && !isAddress;
+    if (!isSlip || host.empty() || host.find('\\') != std::string_view::npos) return "";
     return (scheme.empty() ? "" : scheme + "://") + std::string(host);
 }
 
@@ -66,6 +67,11 @@ ServerText ParseServerText(std::string_view text) {
     ServerText server;
     std::string_view rest = text;
     server.protocol = TakeScheme(rest);
+    if (rest.find("://") != std::string_view::npos) {
+        server = ParseServerText(rest);
+        server.problem = fmt::format("has a scheme twice; did you mean {}?", rest);
+        return server;
+    }
     const std::size_t slash = rest.find('/');
     const std::string_view path = slash == std::string_view::npos ? "" : rest.substr(slash);
     SplitHost(rest.substr(0, slash), server);

@@ -249,18 +249,37 @@ void RefuseProblems(const std::vector<std::string>& problems) {
     throw commandline::UsageError("nothing was stored");
 }
 
+/// Puts values back as they were; the titles of those that are as they were not. A full disk takes what it had before.
+std::string Undo(const std::vector<std::pair<const AgentSetting*, RegFileValue>>& former) {
+    std::string changed;
+    for (const auto& [setting, value] : former) {
+        const platform::Error failure =
+            value.deleted ? DeleteValue(setting->key, value.name) : WriteValue(setting->key, value);
+        if (failure != platform::error::success) changed += " " + SettingTitle(*setting);
+    }
+    return changed;
+}
+
 void Store(const std::vector<Choice>& choices) {
-    std::string stored;
+    std::vector<std::pair<const AgentSetting*, RegFileValue>> former;
     for (const Choice& choice : choices) {
         if (choice.source == before) continue;
-        const RegFileValue value{.name = std::u16string(choice.setting->name),
+        const AgentSetting& setting = *choice.setting;
+        RegFileValue old;
+        old.name = setting.name;
+        const platform::Error reading = ReadValue(setting.key, setting.name, old);
+        old.deleted = IsGone(reading);
+        const RegFileValue value{.name = std::u16string(setting.name),
                                  .type = platform::RegistryType::text,
                                  .data = DataOfText(WideFromUtf8(choice.value))};
-        if (const platform::Error failure = WriteValue(choice.setting->key, value))
-            throw std::runtime_error(
-                fmt::format("{} cannot be stored: {}{}", SettingTitle(*choice.setting), RegistryFailureText(failure),
-                            stored.empty() ? "; nothing was stored" : "; stored before it:" + stored));
-        stored += " " + SettingTitle(*choice.setting);
+        if (const platform::Error failure = WriteValue(setting.key, value)) {
+            const std::string changed = Undo(former);
+            throw std::runtime_error(fmt::format(
+                "{} cannot be stored: {}{}", SettingTitle(setting), RegistryFailureText(failure),
+                changed.empty() ? "; nothing was stored"
+                                : "; give the same command again then, because changed are already:" + changed));
+        }
+        if (reading == platform::error::success || old.deleted) former.emplace_back(&setting, std::move(old));
     }
 }
 

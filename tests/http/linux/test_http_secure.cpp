@@ -101,6 +101,8 @@ TEST_F(HttpSecure, AnAnswerOfTheProxyIsNoContactWithTheServer) {
         agentHealth.lastContactTime = 0;
         EXPECT_EQ(Get(1, u"/echo"), 13u);
         EXPECT_EQ(agentHealth.lastContactTime != 0, row.isOfServer) << row.status;
+        EXPECT_THAT(ReadLastEvents().failure,
+                    testing::HasSubstr(row.secure ? ", by the proxy " : ", by the server or the proxy "));
     }
 }
 

@@ -135,6 +135,8 @@ void CheckDates(Findings& findings, const std::string& where, const platform::Ht
                     UtcText(certificate.validUntil));
     if (trust.caFile || trust.systemAuthorities)
         findings.Warn(where, text, "ask the server's administrator for a new one");
+    else if (!trust.refusal.empty())
+        findings.Note(where, text);
     else
         findings.Note(where, text + (trust.pinnedKeys.empty() ? "; it is not verified, so this stops nothing"
                                                               : "; only its key counts, so this stops nothing"));
