@@ -5,17 +5,15 @@
 #include <cstring>
 #include <fmt/format.h>
 #include <iterator>
-#include <limits>
 
 #include "commandline/run.h"
 #include "foundation/log.h"
 #include "platform/utf.h"
-#include "snmp/message.h"
 #include "snmp/pdu.h"
 #include "snmp/snmp_manager.h"
 #include "tools/kvagentctl/agent_process.h"
-#include "tools/kvagentctl/device_name.h"
 #include "tools/kvagentctl/output.h"
+#include "tools/kvagentctl/snmp_hints.h"
 #include "tools/kvagentctl/verbs.h"
 
 namespace kv::control {
@@ -31,8 +29,6 @@ using commandline::Value;
 constexpr std::int64_t defaultPort = 161;
 constexpr std::int64_t defaultTimeout = 5;
 constexpr std::int64_t longestTimeout = 2147;  // seconds; its microseconds fit 32 bits
-// Sub-identifiers: a longer OID would go out, but an answer with it is not read.
-constexpr std::size_t longestOid = snmp::maxReceivedSubIds;
 
 constexpr const char* usage =
     "\nUsage:\tkvagentctl snmp [-p] [-c] [-t] <get|gnext|walk> <IpAddress> <OID>\n"
@@ -83,20 +79,15 @@ TypeName TypeOf(const SnmpValue& value) {
 
 /// An OID as the engine takes it, a dot ahead of each number.
 std::string OidOf(const std::string& text) {
+    const LogLines silence([](std::string_view) {});
+    if (text.find(',') != std::string::npos)
+        throw UsageError(fmt::format("'{}': blanks between OIDs, not commas", text));
     const std::string oid = text.starts_with('.') ? text : "." + text;
-    std::size_t count = 0;
-    for (std::size_t dot = 0; dot < oid.size(); ++count) {
-        const std::size_t end = std::min(oid.find('.', dot + 1), oid.size());
-        std::uint32_t number = 0;
-        const char* const last = oid.data() + end;
-        const auto [stop, error] = std::from_chars(oid.data() + dot + 1, last, number);
-        if (error != std::errc() || stop != last || number == std::numeric_limits<std::uint32_t>::max())
-            throw UsageError(fmt::format(
-                "'{}' is not an OID: numbers with a dot between, such as .1.3.6.1.2.1.1.5.0; names are not known",
-                text));
-        dot = end;
-    }
-    if (count > longestOid) throw UsageError(fmt::format("an OID has at most {} numbers, not {}", longestOid, count));
+    const std::string fault = OidFault(oid);
+    if (fault == notNumbers)
+        throw UsageError(fmt::format(
+            "'{}' is not an OID: numbers with a dot between, such as .1.3.6.1.2.1.1.5.0; names are not known", text));
+    if (!fault.empty()) throw UsageError(fmt::format("the OID {} {}", text, fault));
     return oid;
 }
 
@@ -239,8 +230,7 @@ std::string Silence(const Request& request, const std::vector<std::string>& line
 std::string InstanceHint(const Request& request) {
     const bool allEndSo = std::all_of(request.oids.begin(), request.oids.end(),
                                       [](const std::string& oid) { return oid.ends_with(".0"); });
-    return request.type != snmpGet || allEndSo ? ""
-                                               : "; a value that stands alone has .0 at its end, and gnext finds it";
+    return request.type != snmpGet || allEndSo ? "" : fmt::format("; {}", instanceHint);
 }
 
 /// Throws when the device answered with an error and so without values. It then repeats what it was asked.
@@ -248,9 +238,9 @@ void RefuseErrorAnswer(const Request& request, const std::vector<std::string>& l
     if (request.type == snmpWalk) return;
     for (const std::string& line : lines) {
         if (line.find("error status") == line.npos) continue;
-        if (line.find("error status 2 ") == line.npos) throw std::runtime_error(line);
-        throw NotFoundError(line + ": noSuchName, it lacks that OID, and in SNMPv1 gives no other then" +
-                            InstanceHint(request));
+        const std::string meaning = ErrorStatusMeaning(line);
+        if (meaning.empty()) throw std::runtime_error(line);
+        throw NotFoundError(line + meaning + InstanceHint(request));
     }
 }
 

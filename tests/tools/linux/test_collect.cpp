@@ -91,6 +91,9 @@ TEST_F(CollectVerb, SaysWhatIsWrong) {
     WriteScript("tells.sh", "echo 'it \\033[1m fails' >&2; echo '{}'");
     WriteScript("floods.sh", "yes | head -c 3000000 >&2");
     Write(Utf8(conf / "scripts" / "crlf.sh"), "#!/bin/sh\r\necho x >&2");
+    WriteScript("latin.sh", "printf '{\"A\": \"\\n\\344\"}'");
+    WriteScript("python.sh", R"(echo "[{'a': None}]")");
+    const SnmpDaemon device("sysName box");
     const std::string plan = Utf8(folder / "plan.txt");
     const std::tuple<const char*, std::string, Words, int, const char*, const char*> rows[] = {
         {"query",
@@ -138,7 +141,33 @@ TEST_F(CollectVerb, SaysWhatIsWrong) {
          0,
          "crlf.sh has CRLF line ends, so it cannot run",
          ""},
-        {"kind", R"({"wmiquery": "x", "Name": "K"})", {}, 1, "(no name): workflow W, unknown kind", ""},
+        {"Latin-1",
+         R"({"script": "latin.sh", "Name": "L", "response_needed": "true"})",
+         {},
+         0,
+         "remark: bytes that are not UTF-8 were replaced: U+FFFD stands for them, first in line 2; print UTF-8; it is",
+         ""},
+        {"Python",
+         R"({"script": "python.sh", "Name": "P", "response_needed": "true"})",
+         {},
+         0,
+         "; single quotes: in Python print json.dumps(...)\n",
+         ""},
+        {"kind",
+         R"({"wmiquery": "x", "Name": "K"})",
+         {"--record", "k"},
+         1,
+         "== K: workflow W, unknown kind, 0 ms, no record, FAILED\n   log: nobody reads wmiquery; did you mean "
+         "wmiQuery?",
+         ""},
+        {"an OID without its .0",
+         R"({"PROTOCOL": "SPOLL", "DEVICE_NAME": "127.0.0.1", "COMMUNITY": "public", "OID": ".1.3.6.1.2.1.1.5",
+             "SNMP_PORT": ")" +
+             std::to_string(device.port()) + "\"}",
+         {},
+         1,
+         "error status 2 at value 1: noSuchName, it lacks that OID, and in SNMPv1 gives no other then; a value that",
+         ""},
         {"name", good, {"--record", "Nix"}, 3, "", "no record of the plan is called Nix; there are: System"},
         {"no records", "", {}, 3, "", "the plan has no records"},
         {"no such plan", good, {plan}, 3, "", "there is no file"},

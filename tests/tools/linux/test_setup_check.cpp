@@ -249,6 +249,7 @@ TEST_F(CheckVerb, FindsWhatIsWrongWithAPlan) {
          "in LIKE 'a?' the"},
         {"device", record(snmp + R"("SNMP_VERSION":"v1","OID":".1.3","DEVICE_NAME":"d:1")"),
          "'d:1' is not an IPv4 addr"},
+        {"address", record(snmp + R"("OID":".1","DEVICE_NAME":"10.1.1")"), "DEVICE_NAME '10.1.1': an IPv4 address has"},
         {"walk", record(snmp + R"("OID":[".1"],"IS_MULTIPLE_POLLED_DATA":1,"PORT":1)"),
          "DATA is \"1\", not \"true\": only"},
         {"OID list", record(snmp + R"("OID":[".1"])"), "OID is not a text: nothing is asked; one text with commas"},

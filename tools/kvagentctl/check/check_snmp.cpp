@@ -1,5 +1,4 @@
 // What kvagentctl check says of an SNMP record.
-#include <charconv>
 #include <cstdint>
 #include <fmt/format.h>
 #include <string_view>
@@ -8,49 +7,15 @@
 #include "collection/snmp_query.h"
 #include "foundation/text.h"
 #include "platform/utf.h"
-#include "snmp/asn.h"
-#include "snmp/message.h"
-#include "snmp/oid.h"
 #include "snmp/pdu.h"
 #include "tools/kvagentctl/check/check_subject.h"
-#include "tools/kvagentctl/device_name.h"
+#include "tools/kvagentctl/snmp_hints.h"
 
 namespace kv::control {
 
 namespace {
 
 using platform::Utf8FromWide;
-
-constexpr std::uint32_t largestSubId = 4294967294;  // see ConvertToOidOrIpFromString
-
-/// The first number of an OID that is larger than the engine asks for; empty when none is. It would wrap at 32 bits.
-std::string NumberTooLarge(const std::string& oid) {
-    for (std::size_t at = 0; at < oid.size();) {
-        std::string number = oid.substr(at, oid.find('.', at) - at);
-        std::uint64_t value = 0;
-        const auto parsed = std::from_chars(number.data(), number.data() + number.size(), value);
-        if (parsed.ec == std::errc::result_out_of_range || value > largestSubId) return number;
-        at += number.size() + 1;
-    }
-    return "";
-}
-
-/// What is wrong with one OID; empty when nothing is.
-std::string OidFault(const std::string& oid) {
-    constexpr std::uint32_t mostBehindSmall = 39;  // the second number is encoded together with a first one of 0 or 1
-    if (!oid.starts_with('.')) return "does not begin with a dot";
-    if (const std::string number = NumberTooLarge(oid); !number.empty())
-        return fmt::format("has the number {}, and the largest that is asked for is {}", number, largestSubId);
-    snmp::SubIds subIds;
-    const std::int32_t count = snmp::ConvertToOidOrIpFromString(subIds, oid, false);
-    if (count < 1) return "is not numbers with dots between";
-    if (count > snmp::asnMaxBuildSubIds) return fmt::format("has {} numbers: it is not sent", count);
-    if (count > snmp::maxReceivedSubIds)
-        return fmt::format("has {} numbers: an answer with more than {} is not read", count, snmp::maxReceivedSubIds);
-    if (subIds[0] > 2 || (subIds[0] < 2 && count > 1 && subIds[1] > mostBehindSmall))
-        return "cannot be: an OID begins with 0, 1 or 2, and behind 0 and 1 comes a number up to 39";
-    return "";
-}
 
 /// Of a member without which nothing is asked.
 std::string WhatLacks(const Subject& subject, std::u16string_view key) {
@@ -67,7 +32,7 @@ void CheckOids(const Subject& subject) {
         at += oid.size() + 1;
         if (oid.empty()) continue;
         isAny = true;
-        const std::string fault = OidFault(oid);
+        const std::string fault = oid.starts_with('.') ? OidFault(oid) : "does not begin with a dot";
         const std::string shown = oid.size() > mostShown ? oid.substr(0, mostShown) + "..." : oid;
         if (!fault.empty()) subject.Error(fmt::format("OID '{}' {}", shown, fault), "as in .1.3.6.1.2.1.1.3.0");
     }

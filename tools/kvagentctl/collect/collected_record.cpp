@@ -6,6 +6,7 @@
 #include <iterator>
 
 #include "collection/collect.h"
+#include "collection/plan_members.h"
 #include "collection/record_file.h"
 #include "collection/record_members.h"
 #include "foundation/agent_health.h"
@@ -19,6 +20,7 @@
 #include "tools/kvagentctl/agent_process.h"
 #include "tools/kvagentctl/readable_file.h"
 #include "tools/kvagentctl/script_file.h"
+#include "tools/kvagentctl/snmp_hints.h"
 
 namespace kv::control {
 
@@ -40,10 +42,18 @@ void TakeRecordFile(const std::u16string& folder, CollectedRecord& collected) {
     platform::Files().DeleteFileW(path);
 }
 
-/// What is odd about the text that a script printed; the agent sends it as it is. Empty when nothing is.
-std::string RemarkOn(const PlannedRecord& planned, const std::string& text) {
-    if (std::string fault = StrictJsonFault(text); !fault.empty())
-        return "it is not JSON, and goes out as it is: " + std::move(fault);
+/// Whether a text begins as a dictionary, or a list of some, that Python has printed.
+bool LooksLikePython(std::string_view text) {
+    while (!text.empty() && std::string_view("{[ \t\r\n").find(text.front()) != std::string_view::npos)
+        text.remove_prefix(1);
+    return text.starts_with('\'');
+}
+
+/// What is odd about a text as JSON that a server expects; the agent sends it as it is. Empty when nothing is.
+std::string JsonRemark(const PlannedRecord& planned, const std::string& text) {
+    if (const std::string fault = StrictJsonFault(text); !fault.empty())
+        return fmt::format("it is not JSON, and goes out as it is: {}{}", fault,
+                           LooksLikePython(text) ? "; single quotes: in Python print json.dumps(...)" : "");
     const JsonPtr json = ParsedJson(text);
     if (!json_object_is_type(json.get(), json_type_object)) return "it is not an object, which a server expects";
     std::vector<std::string> missing{"AGENTKEY", "DATACOLLECTTIME", "ERRORMSG",
@@ -52,6 +62,17 @@ std::string RemarkOn(const PlannedRecord& planned, const std::string& text) {
         return name.empty() || json_object_object_get_ex(json.get(), name.c_str(), nullptr);
     });
     return missing.empty() ? "" : fmt::format("it lacks {}, which a server expects", fmt::join(missing, ", "));
+}
+
+/// What is odd about the text that a script printed; empty when nothing is.
+std::string RemarkOn(const PlannedRecord& planned, const std::string& text) {
+    const std::string remark = JsonRemark(planned, text);
+    const std::size_t replaced = text.find("\uFFFD");
+    if (replaced == std::string::npos) return remark;
+    const auto line = std::count(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(replaced), '\n') + 1;
+    return fmt::format(
+        "bytes that are not UTF-8 were replaced: U+FFFD stands for them, first in line {}; print UTF-8{}{}", line,
+        remark.empty() ? "" : "; ", remark);
 }
 
 bool HasText(json_object* record, const char* key, std::string_view beginning) {
@@ -94,6 +115,12 @@ std::string ScriptFault(const PlannedRecord& planned, const CollectedRecord& col
     return fault.empty() ? "" : fmt::format("the script {} {}", NativeName(path), fault);
 }
 
+/// A line of the log, with what an error status of a device means.
+std::string WithMeaning(const PlannedRecord& planned, std::string_view line) {
+    const std::string meaning = planned.kind == "SNMP" ? ErrorStatusMeaning(line) : "";
+    return std::string(line) + (meaning.empty() ? "" : fmt::format("{}; {}", meaning, instanceHint));
+}
+
 }  // namespace
 
 JsonPtr ParsedJson(const std::string& text) {
@@ -103,12 +130,13 @@ JsonPtr ParsedJson(const std::string& text) {
 
 CollectedRecord Collect(const PlannedRecord& planned, const std::u16string& folder, ScriptErrors& errors) {
     CollectedRecord collected;
+    for (const std::u16string& odd : OddMembersOfRecord(planned.record)) collected.lines.push_back(Utf8FromWide(odd));
     const std::uint64_t begin = platform::Clock().GetTickCount64();
     const std::uint64_t failedBefore = agentHealth.queriesFailed;
     {
         const LogLines log([&](std::string_view line) {
             const std::string_view told = WithoutRoutine(line);
-            if (!told.empty()) collected.lines.emplace_back(told);
+            if (!told.empty()) collected.lines.push_back(WithMeaning(planned, told));
         });
         const RecordDetour detour(folder);
         RunGuarded("CollectRecord", [&] { CollectRecord(planned.record); });
@@ -119,7 +147,6 @@ CollectedRecord Collect(const PlannedRecord& planned, const std::u16string& fold
     if (std::string fault = ScriptFault(planned, collected); !fault.empty())
         collected.lines.push_back(std::move(fault));
     if (planned.kind.empty()) {
-        collected.lines.emplace_back("it has neither wmiQuery nor script nor PROTOCOL, and is skipped");
         collected.isFailure = true;
     } else if (!collected.text) {
         collected.isFailure = WantsRecord(planned) || WasNotRun(collected.lines);

@@ -47,6 +47,7 @@ std::vector<std::string> TextsOf(const HashTable* record, std::initializer_list<
 std::vector<std::string> NamesOf(const HashTable* record, std::string_view kind) {
     if (kind == "WMI") return TextsOf(record, {u"Name"});
     if (kind == "script") return TextsOf(record, {u"Name", u"script"});
+    if (kind.empty()) return TextsOf(record, {u"Name", u"POLL_ID", u"DEVICE_NAME", u"AGENT_KEY", u"POLICY_NAME"});
     return TextsOf(record, {u"POLL_ID", u"DEVICE_NAME", u"AGENT_KEY", u"POLICY_NAME"});
 }
 
