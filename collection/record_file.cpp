@@ -98,37 +98,70 @@ void StoreNumber(const char* name, std::uint32_t number, platform::Error (*store
     }
 }
 
-/// Records that were lost and have not been written since.
+/// A record that was lost and has not been written since.
 struct Loss {
     platform::Error reason = platform::error::success;
-    std::int64_t beginning = 0;  // seconds since 1970
+    std::int64_t beginning = 0, last = 0;  // seconds since 1970
     std::uint64_t number = 0;
 };
+
+/// As many as the records of 10,000 workflows, two in each. The one lost longest ago makes room for another: its record
+/// may have gone with its plan.
+constexpr std::size_t mostLosses = 20'000;
+
 struct {
     std::mutex lock;
-    std::map<std::u16string, Loss, std::less<>> byName;  // bounded by the plan, which bounds the names
+    std::map<std::size_t, Loss> byRecord;  // the hash of its identity
 } losses;
 
+std::size_t HashOf(const RecordIdentity& record) {
+    const std::hash<std::u16string_view> hash;
+    return hash(record.name) * 31 + hash(record.source);
+}
+
+void MakeRoomForLoss() {
+    if (losses.byRecord.size() < mostLosses) return;
+    losses.byRecord.erase(std::min_element(losses.byRecord.begin(), losses.byRecord.end(),
+                                           [](auto& a, auto& b) { return a.second.last < b.second.last; }));
+}
+
 /// Counts a loss; true when it is the first of the record, or for another reason than the one before.
-bool IsNewLoss(std::u16string_view name, platform::Error reason) {
+bool IsNewLoss(const RecordIdentity& record, platform::Error reason) {
+    const std::size_t hash = HashOf(record);
     const std::lock_guard hold(losses.lock);
-    Loss& loss = losses.byName[std::u16string(name)];
-    if (loss.number++ == 0) loss.beginning = GetNowSeconds();
+    if (!losses.byRecord.contains(hash)) MakeRoomForLoss();
+    Loss& loss = losses.byRecord[hash];
+    loss.last = GetNowSeconds();
+    if (loss.number++ == 0) loss.beginning = loss.last;
     return std::exchange(loss.reason, reason) != reason;
 }
 
-void TellEndOfLoss(const char* caller, std::u16string_view name) {
-    Loss ended;
-    {
-        const std::lock_guard hold(losses.lock);
-        const auto found = losses.byName.find(name);
-        if (found == losses.byName.end()) return;
-        ended = found->second;
-        losses.byName.erase(found);
-    }
+/// Takes what is known of the losses of a record that is written again.
+std::optional<Loss> TakeLoss(const RecordIdentity& record) {
+    const std::lock_guard hold(losses.lock);
+    const auto found = losses.byRecord.find(HashOf(record));
+    if (found == losses.byRecord.end()) return std::nullopt;
+    const Loss loss = found->second;
+    losses.byRecord.erase(found);
+    return loss;
+}
+
+void TellEndOfLoss(const char* caller, const RecordIdentity& record) {
+    const std::optional<Loss> loss = TakeLoss(record);
+    if (!loss) return;
     Log1("\t %s :: the record %s is written again. %llu of it were lost in the last %lld seconds: %s (error %d) \n",
-         caller, name, ended.number, GetNowSeconds() - ended.beginning, platform::MessageInLine(ended.reason),
-         ended.reason);
+         caller, record.name, loss->number, GetNowSeconds() - loss->beginning, platform::MessageInLine(loss->reason),
+         loss->reason);
+}
+
+bool TellLoss(const char* caller, const RecordIdentity& record, std::u16string_view path, platform::Error reason) {
+    const std::string words = platform::MessageInLine(reason);  // may throw, before the loss counts as told
+    if (!IsNewLoss(record, reason)) return false;
+    Log1(
+        "\t %s :: %s cannot be written, its record is lost: %s, %s (error %d). It has no further line until it is "
+        "written again \n",
+        caller, path, record.name, words, reason);
+    return true;
 }
 
 /// The folder of the RecordDetour that lives; empty without one.
@@ -170,30 +203,30 @@ std::u16string NextRecordPath(std::u16string_view dataDirectory) {
     return path;
 }
 
-bool TellRecordOutcome(const char* caller, std::u16string_view name, std::u16string_view path,
-                       platform::Error outcome) {
-    if (outcome == platform::error::success) {
+bool TellRecordOutcome(const char* caller, const RecordIdentity& record, std::u16string_view path,
+                       platform::Error outcome) noexcept {
+    const bool isWritten = outcome == platform::error::success;
+    if (isWritten)
         ++agentHealth.recordsWritten;
-        TellEndOfLoss(caller, name);
-        return false;
+    else
+        NoteLostRecord(record.name, path, outcome);
+    try {
+        if (!isWritten) return TellLoss(caller, record, path, outcome);
+        TellEndOfLoss(caller, record);
+    } catch (...) {
+        // To tell of a record must not undo it.
     }
-    NoteLostRecord(name, path, outcome);
-    if (!IsNewLoss(name, outcome)) return false;
-    Log1(
-        "\t %s :: %s cannot be written, its record is lost: %s, %s (error %d). It has no further line until it is "
-        "written again \n",
-        caller, path, name, platform::MessageInLine(outcome), outcome);
-    return true;
+    return false;
 }
 
-std::optional<std::u16string> WriteRecordFile(std::u16string_view dataDirectory, std::u16string_view name,
+std::optional<std::u16string> WriteRecordFile(std::u16string_view dataDirectory, const RecordIdentity& record,
                                               std::u16string_view json) {
     Log3("\t Inside WriteRecordFile() \n");
     const std::u16string path = NextRecordPath(dataDirectory);
-    const std::u16string record = path + u".txt";
-    const platform::Error error = WriteCompleteFile(record, path + u".tmp", Utf16LittleEndianBytes(json));
-    TellRecordOutcome("WriteRecordFile", name, record, error);
-    if (error == platform::error::success) return record;
+    std::u16string file = path + u".txt";
+    const platform::Error error = WriteCompleteFile(file, path + u".tmp", Utf16LittleEndianBytes(json));
+    TellRecordOutcome("WriteRecordFile", record, file, error);
+    if (error == platform::error::success) return file;
     Log3("\t file pointer is NULL\n");
     return std::nullopt;
 }

@@ -32,16 +32,24 @@ std::u16string PrepareDataDirectory(const char* caller);
 /// numbers are rebuilt from file names, and that goes wrong when the agent key holds "_" or ".".
 std::u16string NextRecordPath(std::u16string_view dataDirectory);
 
+/// What tells a record of the plan from the others, also from those of its name. Refers to texts of the caller.
+struct RecordIdentity {
+    std::u16string_view name;    // in the plan
+    std::u16string_view source;  // what it asks: its query, script or OID
+};
+
 /// Writes a finished record text, in UTF-16LE without byte order mark, into the data directory under the next number,
 /// and gives the file's path. Null when it cannot be written: the record is lost, which TellRecordOutcome tells, and
-/// nothing of it stays on the disk. name is the record's in the plan.
-std::optional<std::u16string> WriteRecordFile(std::u16string_view dataDirectory, std::u16string_view name,
+/// nothing of it stays on the disk.
+std::optional<std::u16string> WriteRecordFile(std::u16string_view dataDirectory, const RecordIdentity& record,
                                               std::u16string_view json);
 
 /// Counts a record, by the outcome of writing its file. A record that begins to be lost, or for another reason, has a
 /// line with its name in the plan, its file and the reason; true then. The same loss in the next period has none. Once
-/// a record of that name is written again, a line says how many were lost: the first one may have met a full disk, too.
-bool TellRecordOutcome(const char* caller, std::u16string_view name, std::u16string_view path, platform::Error outcome);
+/// that record is written again, a line says how many were lost: the first one may have met a full disk, too. Throws
+/// nothing: without memory there is no line.
+bool TellRecordOutcome(const char* caller, const RecordIdentity& record, std::u16string_view path,
+                       platform::Error outcome) noexcept;
 
 /// Sets the last used file numbers to the highest that the registry or a file on the disk has, and stores a number that
 /// a file has raised. Called once, before any collection.

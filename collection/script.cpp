@@ -13,6 +13,7 @@
 #include "foundation/agent_health.h"
 #include "foundation/agent_state.h"
 #include "foundation/file_utils.h"
+#include "foundation/guarded.h"
 #include "foundation/log.h"
 #include "foundation/open_file.h"
 #include "foundation/server_limit.h"
@@ -108,29 +109,52 @@ platform::Error WriteConverted(platform::FileHandle output, const std::u16string
     return error;
 }
 
+/// The file of what a script has printed. One that is there is deleted in the end, whatever ends its use.
+struct ScriptOutput {
+    const std::u16string path;
+    OpenFile file;
+    platform::Error error;  // of opening it
+
+    /// A process that the script left behind may still be writing to it.
+    explicit ScriptOutput(std::u16string outputPath)
+        : path(std::move(outputPath)),
+          error(file.Open(path, platform::FileAccess::read, platform::FileShare::readWrite,
+                          platform::FileDisposition::openExisting)) {}
+    ScriptOutput(const ScriptOutput&) = delete;
+    ScriptOutput& operator=(const ScriptOutput&) = delete;
+    ~ScriptOutput() {
+        file.Close();
+        RunGuarded("ExecuteScript", [this] {
+            if (isThere() && platform::Files().DeleteFileW(path) != platform::error::success)
+                Log1("ExecuteScript : the output %s is still in use and stays \n", path);
+        });
+    }
+
+    bool isThere() const { return error != platform::error::fileNotFound && error != platform::error::pathNotFound; }
+};
+
 /// Turns what the script has printed by now into its record file. path is the record's without extension; the output is
 /// beside it as ".out" and is deleted. Without an output file there is no record file.
-void MakeRecordOfOutput(const std::u16string& path, std::u16string_view name, platform::ScriptOutputEncoding encoding) {
-    const platform::FileOperations& files = platform::Files();
-    const std::u16string outputPath = path + u".out";
-    OpenFile output;
-    // A process that the script left behind may still be writing to it.
-    platform::Error error = output.Open(outputPath, platform::FileAccess::read, platform::FileShare::readWrite,
-                                        platform::FileDisposition::openExisting);
-    if (error == platform::error::fileNotFound || error == platform::error::pathNotFound) return;
-    if (error == platform::error::success) error = WriteConverted(output.handle, path, encoding);
-    const bool isNewLoss = TellRecordOutcome("ExecuteScript", name, path + u".txt", error);
-    if (isNewLoss) {
-        Log1("ExecuteScript : the output %s cannot be made a record file and is lost \n", outputPath);
-        LogLastSystemError(error);
-    } else if (error == platform::error::success &&
-               files.GetFileUseState(outputPath) == platform::error::sharingViolation) {
-        Log1("ExecuteScript : a process that the script left behind goes on writing; its output after %s is lost \n",
-             path);
-    }
-    output.Close();
-    if (files.DeleteFileW(outputPath) != platform::error::success)
-        Log1("ExecuteScript : the output %s is still in use and stays \n", outputPath);
+void MakeRecordOfOutput(const std::u16string& path, const RecordIdentity& record,
+                        platform::ScriptOutputEncoding encoding) {
+    const ScriptOutput output(path + u".out");
+    if (!output.isThere()) return;
+    const std::u16string file = path + u".txt";
+    platform::Error error = output.error;
+    if (error == platform::error::success) error = WriteConverted(output.file.handle, path, encoding);
+    const bool isNewLoss = TellRecordOutcome("ExecuteScript", record, file, error);
+    RunGuarded("ExecuteScript", [&] {
+        if (isNewLoss) {
+            Log1("ExecuteScript : the output %s cannot be made a record file and is lost \n", output.path);
+            LogLastSystemError(error);
+        } else if (error == platform::error::success &&
+                   platform::Files().GetFileUseState(output.path) == platform::error::sharingViolation) {
+            Log1(
+                "ExecuteScript : a process that the script left behind goes on writing; its output after %s is lost "
+                "\n",
+                path);
+        }
+    });
 }
 
 /// Key, name, time, time difference and the record's own parameters. A text that is absent leaves its two blanks.
@@ -211,7 +235,8 @@ int ExecuteScript(std::u16string_view fileName, std::u16string_view commandLineP
         NoteFailedQuery("the script %s of the record %s failed: %s", fileName, recordName, reason);
     }
     if (!record) return 0;
-    MakeRecordOfOutput(*record, recordName.value_or(std::u16string(fileName)),
+    const std::u16string name = recordName.value_or(std::u16string(fileName));
+    MakeRecordOfOutput(*record, {.name = name, .source = fileName},
                        platform::Processes().GetScriptOutputEncoding(command.scriptHost));
     if (!succeeded) return 0;
     if (CheckFileExists(*record + u".txt")) {

@@ -56,7 +56,9 @@ void CollectSNMPData(const HashTable* record, std::u16string_view isTest) {
     if (CompareIgnoreCase(isTest, u"true") == 0) return SendAnswer(table.get(), record);
     const std::u16string json = HashToJSONString(table.get());
     memory.pieceBytes = json.size() * sizeof(char16_t);
-    if (WriteRecordFile(dataDirectory, SnmpRecordName(record), json))
+    const std::u16string name = SnmpRecordName(record);
+    const std::u16string oid = MemberText(record, u"OID").value_or(u"");
+    if (WriteRecordFile(dataDirectory, {.name = name, .source = oid}, json))
         Log2("CollectSNMPData :: Snmp query output - %s\n", json);
 }
 

@@ -9,6 +9,7 @@
 #include "collection/wmi_query.h"
 #include "foundation/agent_health.h"
 #include "foundation/log.h"
+#include "foundation/text.h"
 #include "jsontext/hash_json.h"
 #include "platform/memory.h"
 
@@ -51,7 +52,8 @@ void ExecuteWMIQuery(const OptionalText& nameSpace, std::u16string_view wmiQuery
     PutMembers(record.get(), members, {.asked = nullptr, .message = message});
     const std::u16string json = HashToJSONString(record.get());
     memory.pieceBytes = json.size() * sizeof(char16_t);
-    const std::optional<std::u16string> file = WriteRecordFile(dataDirectory, name, json);
+    const std::u16string source = ConcatStrings(nameSpace.value_or(u""), wmiQuery);
+    const std::optional<std::u16string> file = WriteRecordFile(dataDirectory, {.name = name, .source = source}, json);
     if (!file) return;
     Log2("ExecuteWMIQuery :: Wmiquery output - %s\n", json);
     Log2("ExecuteWMIQuery :: Completed writing- %s\n", *file);

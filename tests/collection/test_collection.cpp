@@ -224,7 +224,13 @@ TEST_F(Collection, AFullDiskLosesOnlyTheRecordThatIsWritten) {
     EXPECT_EQ(CountDataFiles(), 1);
     EXPECT_TRUE(Logged("Agent_K_2.out cannot be made a record file and is lost"));
     EXPECT_TRUE(Logged("Error code : 112"));
-    EXPECT_EQ(RunScript("echo again"), "again" + lineEnd);
+    {
+        const Replaced throwing(&platform::FileOperations::GetFileUseState,
+                                [](auto&&...) -> platform::Error { throw std::bad_alloc(); });
+        EXPECT_EQ(RunScript("echo again"), "again" + lineEnd);
+    }
+    EXPECT_EQ(CountDataFiles(), 2) << "its output is deleted";
+    EXPECT_TRUE(Logged("ExecuteScript :: ended early"));
     EXPECT_EQ(agentState.gv_ocLastCreatedJSONNum, 3u);
 
     fs::remove_all(data);
@@ -235,11 +241,13 @@ TEST_F(Collection, AFullDiskLosesOnlyTheRecordThatIsWritten) {
     EXPECT_THAT(ReadLastEvents().failure, testing::HasSubstr("Agent_K_5.txt cannot be written and is lost: "));
     ExecuteWMIQuery(std::nullopt, u"SELECT * FROM X", u"X");
     EXPECT_FALSE(Logged("Agent_K_6.txt cannot be written")) << "the same again";
+    ExecuteWMIQuery(std::nullopt, u"SELECT * FROM Y", u"X");
+    EXPECT_TRUE(Logged("Agent_K_7.txt cannot be written")) << "another record of that name";
     fs::remove_all(data);
     ExecuteWMIQuery(std::nullopt, u"SELECT * FROM X", u"X");
     EXPECT_TRUE(Logged("the record X is written again. 2 of it were lost in the last "));
     EXPECT_EQ(agentHealth.recordsWritten, 3U);
-    EXPECT_EQ(agentHealth.recordsLost, 3U);
+    EXPECT_EQ(agentHealth.recordsLost, 4U);
 }
 
 TEST_F(Collection, AWorkflowRunsItsRecordsInOrder) {
