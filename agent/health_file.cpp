@@ -54,7 +54,8 @@ constexpr TextMember texts[] = {
     {"version", &HealthSnapshot::version},         {"directory", &HealthSnapshot::directory},
     {"lastAddress", &HealthSnapshot::lastAddress}, {"registration", &HealthSnapshot::registration},
     {"lastFailure", &HealthSnapshot::lastFailure}, {"sendingFailure", &HealthSnapshot::sendingFailure},
-    {"obstacle", &HealthSnapshot::obstacle},       {"lostRecord", &HealthSnapshot::lostRecord},
+    {"obstacle", &HealthSnapshot::obstacle},       {"missingPlan", &HealthSnapshot::missingPlan},
+    {"lostRecord", &HealthSnapshot::lostRecord},
 };
 constexpr NumberMember numbers[] = {
     {"processId", &HealthSnapshot::processId},
@@ -160,6 +161,7 @@ HealthSnapshot CurrentHealth() {
         .isCollecting = agentState.gv_collectData != 0,
         .collectionStopTime = agentHealth.collectionStopTime,
         .obstacle = events.obstacle,
+        .missingPlan = events.missingPlan,
         .lostRecordTime = events.lostRecordTime,
         .lostRecord = events.lostRecord,
         .lastFailureTime = events.failureTime,

@@ -32,6 +32,7 @@ struct HealthSnapshot {
     bool isCollecting = true;
     std::int64_t collectionStopTime = 0;  // while it is stopped
     std::string obstacle = {};            // why nothing is collected, and what ends that; else empty
+    std::string missingPlan = {};         // the same of one agent's plan, while others' are in use
 
     std::int64_t lostRecordTime = 0;  // when a record was last lost
     std::string lostRecord = {};      // which one, and why

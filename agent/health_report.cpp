@@ -372,6 +372,7 @@ std::string HealthLine(const HealthSnapshot& health, std::uint64_t waitingZips) 
     if (waitingZips > 0) line += waitingZips == 1 ? ", 1 zip waits" : fmt::format(", {} zips wait", waitingZips);
     if (logState.gv_logOpenFailed != 0) line += ", without a log: it cannot be opened";
     if (!health.obstacle.empty()) line += ", nothing is collected: " + health.obstacle;
+    if (!health.missingPlan.empty()) line += ", " + health.missingPlan;
     if (health.sendingFailsSince != 0 || IsDistrusting(health)) line += ", " + SendingFailure(health);
     if (!health.isCollecting)
         line += ", collection stopped since " + TimeForPeople(health.collectionStopTime, health.writeTime);

@@ -36,6 +36,18 @@ void NoteOutcome(std::string_view outcome) noexcept {
     WakeHealthReport();
 }
 
+/// Makes a text the last of its kind, and tells it.
+void NoteText(std::string LastEvents::*member, std::string_view text) noexcept {
+    try {
+        std::string copy(text);
+        const std::lock_guard hold(events.lock);
+        events.last.*member = std::move(copy);
+    } catch (...) {
+        // The former text stays.
+    }
+    WakeHealthReport();
+}
+
 /// Counts a record that is lost; makeText tells which one and why.
 template <class MakeText>
 void NoteLoss(const MakeText& makeText) noexcept {
@@ -110,16 +122,9 @@ void NoteFailedRegistration(std::string_view outcome) noexcept {
     NoteOutcome(outcome);
 }
 
-void NoteObstacle(std::string_view text) noexcept {
-    try {
-        std::string copy(text);
-        const std::lock_guard hold(events.lock);
-        events.last.obstacle = std::move(copy);
-    } catch (...) {
-        // The former text stays.
-    }
-    WakeHealthReport();
-}
+void NoteObstacle(std::string_view text) noexcept { NoteText(&LastEvents::obstacle, text); }
+
+void NoteMissingPlan(std::string_view text) noexcept { NoteText(&LastEvents::missingPlan, text); }
 
 void NoteCollectionStopped() noexcept {
     agentHealth.collectionStopTime = GetNowSeconds();

@@ -59,6 +59,7 @@ struct LastEvents {
     std::int64_t sendingFailsSince = 0;  // the first upload or registration that failed after the last accepted one
 
     std::string obstacle;             // why nothing is collected, and what ends that; empty when nothing is in the way
+    std::string missingPlan;          // for whom nothing is collected while it is for others, why, and what ends that
     std::int64_t lostRecordTime = 0;  // when a record was last lost
     std::string lostRecord;           // which one, and why
 };
@@ -96,6 +97,9 @@ void NoteFailedRegistration(std::string_view outcome) noexcept;
 
 /// Why nothing can be collected, and what ends that; an empty text when something can be again.
 void NoteObstacle(std::string_view text) noexcept;
+
+/// That nothing is collected for one of several agents, why, and what ends that; an empty text when all have plans.
+void NoteMissingPlan(std::string_view text) noexcept;
 
 void NoteCollectionStopped() noexcept;
 void NoteCollectionResumed() noexcept;

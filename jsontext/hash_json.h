@@ -37,6 +37,9 @@ struct RepeatedKey {
     std::size_t lastLine = 0;  // of the one that counts
 };
 
+/// Whether a key is one of those that are asked for.
+using KeyFilter = bool (*)(std::u16string_view key);
+
 /// What reading a document came to.
 struct JsonReadResult {
     bool ok = false;
@@ -49,7 +52,7 @@ struct JsonReadResult {
     /// Why the file could not be read; else success.
     platform::Error fileError = platform::error::success;
 
-    /// When ok, what was given again, in document order. Of more than a hundred only so many.
+    /// When ok, what was given again and is to be told, in document order. Of more than a hundred only so many.
     std::vector<RepeatedKey> repeated = {};
 };
 
@@ -60,11 +63,14 @@ struct JsonReadResult {
 /// parse, or the top level is not an object. When memory runs out it may hold some of the members.
 ///
 /// The file is UTF-16LE, with or without a byte order mark, or UTF-8, which is known by its byte order mark or because
-/// it holds no zero byte; each CR LF in it is taken as LF. Anything else is refused.
-[[nodiscard]] JsonReadResult JSONFileToHash(HashTable* table, std::u16string_view fileName);
+/// it holds no zero byte; each CR LF in it is taken as LF. Anything else is refused. isRepetitionTold chooses among the
+/// keys that are given again; null for all of them.
+[[nodiscard]] JsonReadResult JSONFileToHash(HashTable* table, std::u16string_view fileName,
+                                            KeyFilter isRepetitionTold = nullptr);
 
 /// The same with a text.
-[[nodiscard]] JsonReadResult JSONTextToHash(HashTable* table, std::u16string_view text);
+[[nodiscard]] JsonReadResult JSONTextToHash(HashTable* table, std::u16string_view text,
+                                            KeyFilter isRepetitionTold = nullptr);
 
 /// Appends a value to a list, a text as a copy; 1, or 0 with a log line: the value is still the caller's. AppendTable
 /// and AppendVector (foundation/) take owners.

@@ -77,13 +77,13 @@ void FoldLineEnds(std::u16string& text) {
     text.resize(kept);
 }
 
-JsonReadResult ReadDocument(HashTable* table, const std::string& name, std::string bytes) {
+JsonReadResult ReadDocument(HashTable* table, const std::string& name, std::string bytes, KeyFilter isRepetitionTold) {
     std::u16string text;
     std::string reason;
     if (!DecodeFile(bytes, text, reason)) return FileFailure(name + ": " + reason);
     bytes = {};
     FoldLineEnds(text);
-    JsonReadResult result = JSONTextToHash(table, text);
+    JsonReadResult result = JSONTextToHash(table, text, isRepetitionTold);
     if (!result.message.empty()) result.message = name + ": " + result.message;
     return result;
 }
@@ -98,7 +98,7 @@ std::string WholeName(std::u16string_view fileName) {
 
 }  // namespace
 
-JsonReadResult JSONFileToHash(HashTable* table, std::u16string_view fileName) {
+JsonReadResult JSONFileToHash(HashTable* table, std::u16string_view fileName, KeyFilter isRepetitionTold) {
     Log4("\t Inside JSONFileToHash() \n");
     const std::string name = platform::Utf8FromWide(fileName);
     std::string bytes;
@@ -112,7 +112,7 @@ JsonReadResult JSONFileToHash(HashTable* table, std::u16string_view fileName) {
     }
     const std::size_t size = bytes.size();
     try {
-        JsonReadResult result = ReadDocument(table, name, std::move(bytes));
+        JsonReadResult result = ReadDocument(table, name, std::move(bytes), isRepetitionTold);
         platform::ReleaseFreeMemoryAfter(size);
         return result;
     } catch (const std::bad_alloc&) {

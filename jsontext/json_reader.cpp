@@ -56,7 +56,15 @@ struct PassedOver {
     std::string_view key;
     std::string_view last;
 };
-using PassedOverList = std::vector<PassedOver>;
+struct PassedOverList {
+    std::vector<PassedOver> members;
+    KeyFilter isWanted;  // null for all
+
+    void Add(const PassedOver& member) {
+        if (members.size() < mostRepeatedKeys && (!isWanted || isWanted(WideTextFromNarrow(member.key))))
+            members.push_back(member);
+    }
+};
 
 void JSONObjectToHash(HashTable* table, json_object* object, PassedOverList& passedOver);
 void JSONArrayToVector(Vector* vector, json_object* array, PassedOverList& passedOver);
@@ -188,7 +196,7 @@ void JSONObjectToHash(HashTable* table, json_object* object, PassedOverList& pas
     Log4("\t Inside JSONObjectToHash() \n");
     for (const JsonMember& member : MembersInOrder(object)) {
         if (!member.last.empty()) {
-            if (passedOver.size() < mostRepeatedKeys) passedOver.push_back({member.key, member.last});
+            passedOver.Add({member.key, member.last});
             continue;
         }
         StoredValue stored;
@@ -260,7 +268,7 @@ std::string Place(std::u16string_view text, std::size_t narrowOffset) {
 /// The lines in which a document's texts of these numbers begin. Nothing is looked for without numbers.
 std::map<std::uint32_t, std::size_t> LinesOfTexts(std::u16string_view document, const PassedOverList& passedOver) {
     std::map<std::uint32_t, std::size_t> lines;
-    for (const PassedOver& member : passedOver) {
+    for (const PassedOver& member : passedOver.members) {
         lines[NumberOfText(member.key)] = 0;
         lines[NumberOfText(member.last)] = 0;
     }
@@ -282,7 +290,7 @@ std::map<std::uint32_t, std::size_t> LinesOfTexts(std::u16string_view document, 
 std::vector<RepeatedKey> RepeatedKeys(std::u16string_view document, const PassedOverList& passedOver) {
     const std::map<std::uint32_t, std::size_t> lines = LinesOfTexts(document, passedOver);
     std::vector<RepeatedKey> repeated;
-    for (const PassedOver& member : passedOver)
+    for (const PassedOver& member : passedOver.members)
         repeated.push_back(
             {WideTextFromNarrow(member.key), lines.at(NumberOfText(member.key)), lines.at(NumberOfText(member.last))});
     return repeated;
@@ -315,7 +323,7 @@ int AddValueToVector(Vector* vector, Word value, ValueType type) {
     return 0;
 }
 
-JsonReadResult JSONTextToHash(HashTable* table, std::u16string_view text) {
+JsonReadResult JSONTextToHash(HashTable* table, std::u16string_view text, KeyFilter isRepetitionTold) {
     Log4("\t Inside JSONTextToHash() \n");
     if (text.size() > largestJsonDocument) return Failure("the document is larger than 35 million characters");
     if (std::string excess = ExcessIn(text); !excess.empty()) return Failure(std::move(excess));
@@ -328,7 +336,7 @@ JsonReadResult JSONTextToHash(HashTable* table, std::u16string_view text) {
     const json_tokener_error error = json_tokener_get_error(tokener.get());
     if (error != json_tokener_success) return Failure(std::string(ParserWords(error)) + " " + Place(text, end));
     if (json_object_get_type(top.get()) != json_type_object) return Failure("the top level is not an object");
-    PassedOverList passedOver;
+    PassedOverList passedOver{.members = {}, .isWanted = isRepetitionTold};
     JSONObjectToHash(table, top.get(), passedOver);
     return {.ok = true, .message = TextBehindTheEnd(text, narrow, end), .repeated = RepeatedKeys(text, passedOver)};
 }

@@ -1,6 +1,9 @@
 #include "queryconf/query_config.h"
 
 #include <algorithm>
+#include <fmt/format.h>
+#include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <utility>
@@ -117,12 +120,10 @@ void LogOddMembers(const VectorElement* element, std::int32_t index, std::u16str
 }
 
 /// Lines for members that stand twice in one object, of which the agent takes the last.
-void LogRepeatedMembers(const std::vector<RepeatedKey>& repeated, std::u16string_view fileName) {
-    for (const RepeatedKey& member : repeated) {
-        if (IsPlanMember(member.key))
-            Log1("\t LoadQueryConfig :: %s :: %s in line %d is not used: it stands again in line %d \n", fileName,
-                 member.key, member.line, member.lastLine);
-    }
+void LogRepeatedMembers(const JsonReadResult& read, std::u16string_view fileName) {
+    for (const RepeatedKey& member : read.repeated)
+        Log1("\t LoadQueryConfig :: %s :: %s in line %d is not used: it stands again in line %d \n", fileName,
+             member.key, member.line, member.lastLine);
 }
 
 /// Moves the workflows that can run into a list of their own; the others stay and are logged. Null when memory ran out.
@@ -270,27 +271,98 @@ bool NoteUnread(std::u16string_view agent, std::u16string_view fileName, const J
     return true;
 }
 
+/// Whether any list can run. The lists of all agents and slaves do.
+bool IsAnyPlanInUse() { return agentState.gv_queryConfHash && CountHashKeys(agentState.gv_queryConfHash) > 0; }
+
+bool HasPlan(std::u16string_view agent) {
+    return agentState.gv_queryConfHash && ContainsHashKey(agentState.gv_queryConfHash, PlanKey(agent));
+}
+
 /// What happens while a plan cannot be loaded. At a start no plan is in use.
 const char* WithoutThisPlan(bool isReadAgain = false) {
-    if (agentState.gv_queryConfHash) return "the plan in use stays";
+    if (IsAnyPlanInUse()) return "the plan in use stays";
     return isReadAgain ? "nothing is collected until it can be opened"
                        : "nothing is collected until the next start or the next plan";
 }
 
-/// What kvagentctl status says of an agent that began without a plan, also once the file is there. The failure begins
-/// with the file's name, which depends on the working directory.
-std::string PlanObstacle(std::u16string_view fileName, std::string failure, bool isReadAgain) {
-    const std::string name = platform::Utf8FromWide(fileName);
-    if (failure.starts_with(name))
-        failure.replace(0, name.size(), platform::Utf8FromWide(Files().NativePath(UnderBinPath(fileName))));
-    return "no plan could be read at the start, " + failure +
-           (isReadAgain ? "; it begins when that can be opened" : "; the next start or the next plan begins it");
+/// Why each agent that has no plan in use lacks it, and what ends that. The agent's own, whose key is empty, is first.
+std::map<std::u16string, std::string, std::less<>> missingPlans;
+
+/// Tells kvagentctl status of an agent without a plan, also once the file is there.
+void NoteMissingPlans() {
+    if (missingPlans.empty() || !IsAnyPlanInUse()) {
+        NoteMissingPlan("");
+        return NoteObstacle(
+            missingPlans.empty() ? "" : "no plan could be read at the start, " + missingPlans.begin()->second);
+    }
+    const auto& [agent, reason] = *missingPlans.begin();
+    const std::string whose = agent.empty() ? "the agent itself" : "the slave " + platform::Utf8FromWide(agent);
+    const std::size_t others = missingPlans.size() - 1;
+    NoteObstacle("");
+    NoteMissingPlan(fmt::format("nothing is collected for {}{}: its plan could not be read, {}", whose,
+                                others == 0 ? "" : fmt::format(" and {} more", others), reason));
+}
+
+/// What loading a plan came to.
+struct LoadResult {
+    std::string failure;  // behind the file's name; empty after a success
+    bool isReadAgain = false;
+};
+
+/// Only the agent whose plan it is stops lacking one.
+void NoteLoad(std::u16string_view agent, std::u16string_view fileName, const LoadResult& result) noexcept {
+    try {
+        if (const auto missing = missingPlans.find(agent); missing != missingPlans.end()) missingPlans.erase(missing);
+        if (!HasPlan(agent)) {
+            missingPlans[std::u16string(agent)] = fmt::format(
+                "{}: {}; {}", platform::Utf8FromWide(Files().NativePath(UnderBinPath(fileName))), result.failure,
+                result.isReadAgain ? "it begins when that can be opened" : "the next start or the next plan begins it");
+        }
+        NoteMissingPlans();
+    } catch (...) {
+        // To tell of a plan must not undo its loading.
+    }
+}
+
+/// A reader's message without the file's name in front of it.
+std::string WithoutName(const std::string& message, std::u16string_view fileName) {
+    const std::string start = platform::Utf8FromWide(fileName) + ": ";
+    return message.starts_with(start) ? message.substr(start.size()) : message;
+}
+
+LoadResult LoadPlan(std::u16string_view agent, std::u16string_view name) {
+    const HashTablePtr document = MakeHashTable();
+    if (!document) {
+        Log1("Initialise hash table is Failed\n");
+        return {.failure = "the memory ran out"};
+    }
+    if (!IsThere(UnderBinPath(name))) {
+        Log1("queryconf.txt file is not available...copy file from backup directory..\n");
+        RestoreFromBackup(agent, name);
+    }
+    const JsonReadResult read = JSONFileToHash(document.get(), name, IsPlanMember);
+    const bool isReadAgain = NoteUnread(agent, name, read);
+    if (!read.ok) {
+        Log1("\t LoadQueryConfig :: %s; %s \n", read.message, WithoutThisPlan(isReadAgain));
+        return {.failure = WithoutName(read.message, name), .isReadAgain = isReadAgain};
+    }
+    if (!read.message.empty()) Log1("\t LoadQueryConfig :: %s \n", read.message);
+    LogRepeatedMembers(read, name);
+    HashTablePtr plan = TakePlan(document.get(), agent, name);
+    if (!plan) {
+        Log1("\t LoadQueryConfig :: %s is too large for the memory; %s \n", name, WithoutThisPlan());
+        return {.failure = "it is too large for the memory"};
+    }
+    MergePlan(std::move(plan), agent, name);
+    ++plansMerged;
+    return {.failure = HasPlan(agent) ? "" : "it has no array " + platform::Utf8FromWide(PlanKey(agent))};
 }
 
 }  // namespace
 
 void LoadConfFiles() {
     Log3("\t Inside LoadConfFiles() \n");
+    missingPlans.clear();
     // Before anything else: whatever ends the reading of a plan, the next plan finds a scheduler.
     initializeScheduler();
     RunGuarded("LoadQueryConfig", [] { LoadQueryConfig(u"", conf_path::ownPlan); });
@@ -302,33 +374,16 @@ void LoadConfFiles() {
 void LoadQueryConfig(std::u16string_view agent, std::optional<std::u16string_view> fileName) {
     const LineBound bound;
     Log3("\t Inside LoadQueryConfig() \n");
-    const HashTablePtr document = MakeHashTable();
-    if (!document) {
-        Log1("Initialise hash table is Failed\n");
-        return;
-    }
     const std::u16string_view name = fileName.value_or(conf_path::ownPlan);
-    if (!IsThere(UnderBinPath(name))) {
-        Log1("queryconf.txt file is not available...copy file from backup directory..\n");
-        RestoreFromBackup(agent, name);
+    LoadResult result{.failure = "its reading ended early, and agent.log tells why"};
+    const auto note = [&] { NoteLoad(agent, name, result); };
+    try {
+        result = LoadPlan(agent, name);
+    } catch (...) {
+        note();
+        throw;
     }
-    const JsonReadResult read = JSONFileToHash(document.get(), name);
-    const bool isReadAgain = NoteUnread(agent, name, read);
-    if (!read.ok) {
-        Log1("\t LoadQueryConfig :: %s; %s \n", read.message, WithoutThisPlan(isReadAgain));
-        if (!agentState.gv_queryConfHash) NoteObstacle(PlanObstacle(name, read.message, isReadAgain));
-        return;
-    }
-    if (!read.message.empty()) Log1("\t LoadQueryConfig :: %s \n", read.message);
-    LogRepeatedMembers(read.repeated, name);
-    HashTablePtr plan = TakePlan(document.get(), agent, name);
-    if (!plan) {
-        Log1("\t LoadQueryConfig :: %s is too large for the memory; %s \n", name, WithoutThisPlan());
-        return;
-    }
-    MergePlan(std::move(plan), agent, name);
-    NoteObstacle("");
-    ++plansMerged;
+    note();
 }
 
 bool LoadUnreadPlans() {

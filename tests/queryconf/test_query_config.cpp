@@ -1,6 +1,8 @@
 // The plan after loading: own and slave files, backups, reloads and faulty files.
+#include <gmock/gmock.h>
 #include <regex>
 
+#include "foundation/agent_health.h"
 #include "foundation/open_file.h"
 #include "jsontext/hash_json.h"
 #include "platform/files.h"
@@ -166,6 +168,31 @@ TEST_F(QueryConfig, AnExceptionAtTheStartLeavesASchedulerForTheNextPlan) {
     EXPECT_EQ(Scheduled(), "TaS");
 }
 
+TEST_F(QueryConfig, OnlyItsOwnPlanEndsWhatIsToldOfAnAgentWithoutOne) {
+    const auto throwing = [](auto&&...) -> platform::Error { throw std::bad_alloc(); };
+    for (const auto& [own, reason] : std::vector<std::pair<const char*, const char*>>{
+             {"{", "queryconf.txt: unexpected end"},
+             {"{}", "queryconf.txt: it has no array WorkFlows; the next start"},
+             {nullptr, "queryconf.txt: its reading ended early"}}) {
+        FreePlan();
+        WriteWide(conf / "queryconf.txt", own ? own : "");
+        {
+            std::optional<Replaced<platform::FileOperations>> failing;
+            if (!own) failing.emplace(&platform::FileOperations::CreateFileW, throwing);
+            LoadConfFiles();
+        }
+        EXPECT_THAT(ReadLastEvents().obstacle, testing::HasSubstr(reason));
+        WritePlan(SlaveFile("S"), "WorkFlows_S", {"c"});
+        LoadQueryConfig(u"S", u"..\\conf\\slaves\\S\\queryconf.txt");
+        EXPECT_EQ(ReadLastEvents().obstacle, "") << "something is collected";
+        EXPECT_THAT(ReadLastEvents().missingPlan, testing::StartsWith("nothing is collected for the agent itself: "));
+        EXPECT_THAT(ReadLastEvents().missingPlan, testing::HasSubstr(reason));
+        WritePlan(conf / "queryconf.txt", "WorkFlows", {"a"});
+        LoadQueryConfig(u"", std::nullopt);
+        EXPECT_EQ(ReadLastEvents().missingPlan, "");
+    }
+}
+
 TEST_F(QueryConfig, LeavesOutOnlyWorkflowsThatCannotRun) {
     WriteWide(conf / "queryconf.txt", R"({"Version":7,"WorkFlows":["text",
         {"wfname":"none","recordSetName":[]},
@@ -212,9 +239,11 @@ TEST_F(QueryConfig, NamesMisspeltMembers) {
         EXPECT_NE(LogText().find(line, before), std::string::npos) << record;
         EXPECT_EQ(TimesLogged("wfname w: ", before), 0) << "an interval is there";
     }
-    WriteWide(conf / "queryconf.txt",
-              "{\"WorkFlows\":[],\"own\":1,\n\"own\":2,\"WorkFlows\":[{\"wfname\":\"w\",\"interval\":5,"
-              "\"RecordSetNames\":[]}]}");
+    std::string own;
+    for (int i = 0; i < 100; ++i) own += "\"own\":1,";
+    WriteWide(conf / "queryconf.txt", "{\"own\":0," + own +
+                                          "\"WorkFlows\":[],\n\"WorkFlows\":[{\"wfname\":\"w\",\"interval\":5,"
+                                          "\"RecordSetNames\":[]}]}");
     LoadQueryConfig(u"", std::nullopt);
     EXPECT_TRUE(Logged("workflow [0], wfname w: nobody reads RecordSetNames; did you mean recordSetName?"));
     EXPECT_TRUE(Logged("queryconf.txt :: WorkFlows in line 1 is not used: it stands again in line 2"));

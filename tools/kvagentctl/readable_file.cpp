@@ -72,13 +72,12 @@ PlanFile ReadPlanFile(std::u16string_view path) {
     }
     HashTablePtr document = MakeHashTable();
     if (!document) throw std::bad_alloc();
-    const JsonReadResult read = JSONFileToHash(document.get(), path);
+    const JsonReadResult read = JSONFileToHash(document.get(), path, IsPlanMember);
     const std::string message = WithoutName(read.message, path);
     if (read.ok) {
         plan.document = std::move(document);
         plan.notice = message;
-        std::copy_if(read.repeated.begin(), read.repeated.end(), std::back_inserter(plan.repeated),
-                     [](const RepeatedKey& member) { return IsPlanMember(member.key); });
+        plan.repeated = read.repeated;
     } else {
         const bool isMalformed = message.find(" at offset ") != std::string::npos;
         plan.failure = isMalformed ? "it is not a plan in JSON: " + message : message;

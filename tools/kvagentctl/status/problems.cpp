@@ -99,6 +99,7 @@ void Judge::JudgeCollection() {
     else if (facts_.isBinLost)
         Add(PluginStatus::critical,
             facts_.binPath + " does not exist, so nothing is collected; the agent makes it when it is started again");
+    if (facts_.isRunning && !health.missingPlan.empty()) Add(PluginStatus::warning, health.missingPlan);
     const std::int64_t end = health.lostRecordTime + attention;
     if (health.lostRecordTime != 0 && facts_.now < end)
         Add(PluginStatus::warning,

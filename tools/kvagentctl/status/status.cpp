@@ -78,6 +78,7 @@ std::string CollectionText(const AgentFacts& facts) {
     if (!facts.isRunning) return "off, the agent does not run";
     if (!facts.health->obstacle.empty()) return "nothing: " + facts.health->obstacle;
     if (!facts.health->isCollecting) return "stopped since " + TimeWithAge(facts.health->collectionStopTime, facts.now);
+    if (!facts.health->missingPlan.empty()) return "in part: " + facts.health->missingPlan;
     return facts.plan.isAbsent ? "on, by a plan that has gone" : "on";
 }
 
@@ -194,6 +195,7 @@ json_object* JsonHealth(const HealthSnapshot& health) {
                        {"isInConsole", json_object_new_boolean(health.isInConsole)},
                        {"collectionStopTime", json_object_new_int64(health.collectionStopTime)},
                        {"obstacle", JsonText(health.obstacle)},
+                       {"missingPlan", JsonText(health.missingPlan)},
                        {"lostRecordTime", json_object_new_int64(health.lostRecordTime)},
                        {"lostRecord", JsonText(health.lostRecord)},
                        {"lastFailureTime", json_object_new_int64(health.lastFailureTime)},
