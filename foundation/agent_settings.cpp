@@ -31,6 +31,9 @@ using enum SettingUse;
 constexpr std::uint32_t mostSeconds = INT32_MAX;       // what a 32-bit count of seconds holds
 constexpr std::uint32_t mostMinutes = INT32_MAX / 60;  // which are counted in seconds
 
+// Bytes of UTF-8. A file's name has 255 at most; "Agent_", a number and two extensions stand around the key.
+constexpr std::size_t longestAgentKey = 220;
+
 constexpr AgentSetting settings[] = {
     {agentKeyPath, u"KVAgentInstallDir", directory, required, "where the agent's directory monitoring stands"},
     {agentKeyPath, u"AgentLogLevel", number, optional, "how much the log tells", "1", 0, 4},
@@ -61,7 +64,8 @@ constexpr AgentSetting settings[] = {
     {serverInfoKeyPath, u"KVServerVerify", yesOrNo, optional, "whether the system's authorities verify the server",
      "no"},
 
-    {monitoringKeyPath, u"MonitoringAgentKey", text, stored, "the agent's key at its server", "written by enrolment"},
+    {monitoringKeyPath, u"MonitoringAgentKey", partOfFileName, stored, "the agent's key at its server",
+     "written by enrolment"},
     {monitoringKeyPath, u"MasterAgent", yesOrNo, optional, "whether it serves slaves, too", "NO"},
     {monitoringKeyPath, u"writeInterval", number, optional, "seconds between uploads", "300", 0, mostSeconds},
     {monitoringKeyPath, u"DataCollectionTimeout", number, optional, "minutes of lost contact until collection stops",
@@ -187,6 +191,8 @@ std::string WrongPart(const AgentSetting& setting, std::u16string_view value) {
     if (isHost && value.size() > longestHost)
         return fmt::format(", of at most {} characters, not of {}", longestHost, value.size());
     if (isHost) return isNot(value, HostFault(value));
+    if (setting.rule == partOfFileName && value.size() > longestAgentKey)
+        return fmt::format(", not one of {} characters", value.size());
     if (setting.rule == protocol) return isNot(value, ", which counts as http");
     if (setting.rule == keyPins)
         return isNot(ReadKeyPins(value).wrong, "; kvagentctl pin fetches and stores that of the server");
@@ -199,6 +205,11 @@ std::string WrongPart(const AgentSetting& setting, std::u16string_view value) {
 
 /// What is odd about a list of patterns for services or scripts.
 std::string PatternDoubt(std::u16string_view list, bool areScripts) {
+    if (const std::u16string wrong = RegularExpression(list); !wrong.empty())
+        return fmt::format(
+            "has '{}', which looks like a regular expression; patterns have only * for any characters and ? for one, "
+            "with commas between them",
+            platform::Utf8FromWide(wrong));
     if (const std::u16string wrong = UselessPattern(list, areScripts); !wrong.empty())
         return fmt::format(
             "has '{}', which can hardly match anything; {} with commas between them, in which * and ? stand for "
@@ -213,6 +224,21 @@ std::string PatternDoubt(std::u16string_view list, bool areScripts) {
             "has '{}', which stands only for a {} of that name; * stands for all, and an absent setting too",
             platform::Utf8FromWide(wrong), areScripts ? "script" : "service");
     return "";
+}
+
+/// What is odd about a password, without a part of it. Other agents' texts and a password in clear that happens to be
+/// Base64 decode to bytes that nobody types.
+std::string PasswordDoubt(std::u16string_view encoded) {
+    constexpr const char* next = "encode the password alone, as in: printf %s PASSWORD | base64";
+    std::string bytes;
+    for (const char16_t unit : DecodeBase64(encoded)) bytes += static_cast<char>(unit);
+    if (bytes.ends_with('\n') || bytes.ends_with('\r'))
+        return fmt::format("decodes to a text with a line end, which counts as part of the password; {}", next);
+    if (!platform::IsValidUtf8(bytes))
+        return fmt::format("decodes to bytes that are not UTF-8 (is it the password in clear?); {}", next);
+    const bool hasControl = std::any_of(
+        bytes.begin(), bytes.end(), [](char byte) { return static_cast<unsigned char>(byte) < ' ' || byte == '\x7F'; });
+    return hasControl ? fmt::format("decodes to a text with a control character; {}", next) : "";
 }
 
 bool EndsInSlash(std::u16string_view path) { return path.ends_with(u'\\') || path.ends_with(u'/'); }
@@ -232,6 +258,7 @@ std::string TextDoubt(const AgentSetting& setting, std::u16string_view value) {
     if (setting.rule == directory && IsMonitoringFolder(value))
         return "ends in monitoring, below which the agent looks for another directory of that name; leave it out";
     if (isScript || setting.rule == servicePatterns) return PatternDoubt(value, isScript);
+    if (setting.rule == base64) return PasswordDoubt(value);
     if (setting.rule == metricsPath && !value.empty() && !value.ends_with(u".prom"))
         return "does not end in .prom, and the textfile collector of node_exporter reads only such files";
     return "";
@@ -267,6 +294,9 @@ bool SettingTakes(const AgentSetting& setting, std::u16string_view value) {
         case text:
             return !value.empty() &&
                    std::none_of(value.begin(), value.end(), [](char16_t unit) { return unit < u' '; });
+        case partOfFileName:
+            return !value.empty() && IsPlainFileName(ConcatStrings(ConcatStrings(u"Agent_", value), u"_1.txt")) &&
+                   platform::Utf8FromWide(value).size() <= longestAgentKey;
         case wholePath:
             return IsWholePath(value);
         case metricsPath:
@@ -312,6 +342,11 @@ std::string SettingTaken(const AgentSetting& setting) {
             return "patterns with commas between them";
         case text:
             return "a text that is not empty and has no control characters";
+        case partOfFileName:
+            return fmt::format(
+                "a text that can stand in a file's name, of 1 to {} bytes without / \\ : * ? \" < > | and control "
+                "characters",
+                longestAgentKey);
         case wholePath:
             return "a whole path, from the root on";
         case metricsPath:

@@ -17,6 +17,7 @@ namespace kv {
 enum class SettingRule {
     anyText,
     text,             // not empty, without control characters
+    partOfFileName,   // what can stand in the name of a file on every system
     wholePath,        // from the root on
     metricsPath,      // the same, and not one of the agent's own files; or empty
     directory,        // the same; ends in a slash or backslash, because paths are appended to it

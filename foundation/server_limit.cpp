@@ -114,18 +114,28 @@ std::u16string UnfitRequestPattern(std::u16string_view list) {
     return {};
 }
 
+std::u16string RegularExpression(std::u16string_view list) {
+    constexpr std::u16string_view parts[] = {u"|", u"[", u"]", u".+", u"\\.", u")?", u")*", u")+"};
+    for (const std::u16string_view pattern : PatternsOf(list)) {
+        const bool hasEnds = pattern.starts_with(u'^') || pattern.ends_with(u'$') || pattern.starts_with(u".*");
+        const bool isExpression = hasEnds || std::any_of(std::begin(parts), std::end(parts), [pattern](auto part) {
+                                      return pattern.find(part) != std::u16string_view::npos;
+                                  });
+        if (isExpression) return std::u16string(pattern);
+    }
+    return {};
+}
+
 std::u16string UselessPattern(std::u16string_view list, bool areScripts) {
     constexpr std::u16string_view quotes = u"\"'";
     for (const std::u16string_view pattern : PatternsOf(list)) {
         const bool isQuoted = quotes.find(pattern.front()) != std::u16string_view::npos;
-        const bool isExpression = pattern.starts_with(u'^') || pattern.ends_with(u'$');
         const std::u16string form = u'/' + Comparable(pattern, ServerLimit::Kind::paths) + u'/';
         const bool isElsewhere = areScripts ? form.starts_with(u"//") || form.find(u"/../") != std::u16string::npos ||
                                                   form.find(u"/conf/scripts/") != std::u16string::npos ||
                                                   (form.size() > 2 && form[2] == u':')
                                             : pattern.find(separator) != std::u16string_view::npos;
-        if (isQuoted || isExpression || isElsewhere || pattern.find(u';') != std::u16string_view::npos)
-            return std::u16string(pattern);
+        if (isQuoted || isElsewhere || pattern.find(u';') != std::u16string_view::npos) return std::u16string(pattern);
     }
     return {};
 }

@@ -55,7 +55,11 @@ ServerLimit LimitOfScripts();
 /// empty when each fits one. Throws std::bad_alloc.
 std::u16string UnfitRequestPattern(std::u16string_view list);
 
-/// The first pattern of a list, as AllowedServices and AllowedScripts have it, that can hardly match the name of a
+/// The first pattern of a list, as AllowedServices and AllowedScripts have it, that looks like a regular expression, or
+/// has the brackets of one; empty when none does. Throws std::bad_alloc.
+std::u16string RegularExpression(std::u16string_view list);
+
+/// The first pattern of such a list that can hardly match the name of a
 /// service, or of a script below conf/scripts; empty when each can. Throws std::bad_alloc.
 std::u16string UselessPattern(std::u16string_view list, bool areScripts);
 

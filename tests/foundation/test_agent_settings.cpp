@@ -61,6 +61,8 @@ TEST(AgentSettings, AreThoseOfTheDocumentation) {
 
 TEST(AgentSettings, TakeWhatTheAgentCanUse) {
     const std::u16string here = std::filesystem::current_path().u16string();
+    const std::u16string longestKey(110, u'\u00e4');
+    const std::u16string tooLongKey(221, u'k');
     const struct {
         const char* title;
         std::u16string_view key, name;
@@ -83,7 +85,11 @@ TEST(AgentSettings, TakeWhatTheAgentCanUse) {
          u"AllowedRequests",
          {u"", u"test_monitor, *_SERVICE"},
          {u"TEST_MONITER", u"DELETE_DEVICE;TEST_MONITOR"}},
-        {"key", monitoringKeyPath, u"MonitoringAgentKey", {u"LAB1"}, {u""}},
+        {"key",
+         monitoringKeyPath,
+         u"MonitoringAgentKey",
+         {u"LAB1", u"PC 1.", longestKey.c_str()},
+         {u"", u"Office/PC", u"..\\x", u"a\n", tooLongKey.c_str()}},
         {"port", serverInfoKeyPath, u"kvserversecureport", {u"1", u"8443", u"65535"}, {u"", u"0", u"65536", u"+1"}},
         {"protocol", serverInfoKeyPath, u"KVServerProtocol", {u"HTTPS", u"http"}, {u"htp", u"", u"https://"}},
         {"host",
@@ -118,6 +124,12 @@ TEST(AgentSettings, RaiseDoubtsAboutWhatTheyTake) {
         {u"KVAgentInstallDir", u"c:\\monitoring\\kv\\", u"c:\\kv\\Monitoring\\"},
         {u"AllowedServices", u"nginx, MSSQL$X, php*-fpm", u"^ssh$"},
         {u"AllowedServices", u"", u"a,'b'"},
+        {u"AllowedServices", u"dev-x\\x2d1", u"ssh|nginx"},
+        {u"AllowedScripts", u"a.*, raid\\b.sh", u"raid/x.*\\.sh"},
+        {u"AllowedScripts", u"*.sh", u"a.sh, .*"},
+        {u"ProxyPassword", u"cMOk", u"c2VjcmV0Cg=="},
+        {u"ProxyPassword", u"", u"Password"},
+        {u"ProxyPassword", u"cGE=", u"cAlh"},
         {u"AllowedServices", u"a@b", u"/usr/sbin/nginx"},
         {u"AllowedServices", u"Some Agent - Host", u"nginx php-fpm"},
         {u"AllowedServices", u"*, allied", u"x, All"},
