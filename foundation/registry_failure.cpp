@@ -38,6 +38,8 @@ std::string EmptyRegistryText() {
     return isMissing ? AbsenceText(file) : std::string();
 }
 
+bool IsRegistryNew() { return MissingRegistryText().empty() && !EmptyRegistryText().empty(); }
+
 std::string RegistryFailureText(platform::Error failure) {
     if (std::string why = IsGone(failure) ? EmptyRegistryText() : MissingRegistryText(); !why.empty()) return why;
     const std::string file = platform::RegistryFile();

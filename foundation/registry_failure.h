@@ -17,6 +17,9 @@ std::string MissingRegistryText();
 /// empty when both do.
 std::string EmptyRegistryText();
 
+/// Whether the registry's directory is there and the file in it is not: the first change makes it.
+bool IsRegistryNew();
+
 /// Why the registry failed: EmptyRegistryText when that is why, or the registry's file with what is wrong with it and
 /// what to do about it, or the system's text with the error's number.
 std::string RegistryFailureText(platform::Error failure);

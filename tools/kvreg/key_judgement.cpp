@@ -39,14 +39,16 @@ std::u16string LettersOf(std::u16string_view path) {
     return letters;
 }
 
-/// The key of the agent that a path means, whose backslashes have become slashes or have gone; empty for any other one.
+/// The key of the agent that a path means, whose backslashes have become slashes or have gone, all or some of them;
+/// empty for any other one.
 std::u16string MeantAgentKey(std::u16string_view path) {
-    const bool isWhole = path.find(u'\\') != std::u16string_view::npos && path.find(u'/') == std::u16string_view::npos;
-    if (isWhole || IsAgentKey(path)) return {};
+    if (IsAgentKey(path)) return {};
     const std::u16string letters = LettersOf(path);
     for (const std::u16string_view known : agentKeys) {
         if (SameName(letters, LettersOf(known))) return std::u16string(known);
     }
+    const bool isWhole = path.find(u'\\') != std::u16string_view::npos && path.find(u'/') == std::u16string_view::npos;
+    if (isWhole) return {};
     const std::u16string own = LettersOf(agentKeyPath);
     return StartsWith(letters, own) ? std::u16string(agentKeyPath) + u"\\" + letters.substr(own.size()) : u"";
 }
@@ -81,6 +83,13 @@ bool IsNear(std::u16string_view name, std::u16string_view meant) {
     return SameName(name, meant) || !platform::NearestName(name, {&meant, 1}).empty();
 }
 
+/// Whether a name stands for the agent's own: nearly that, or another one of an agent.
+bool MeansAgentName(std::u16string_view name) {
+    constexpr std::u16string_view ending = u"Agent";
+    return IsNear(name, LastName(agentKeyPath)) ||
+           (name.size() >= ending.size() && SameName(name.substr(name.size() - ending.size()), ending));
+}
+
 bool IsOneOfTheAgentsKeys(std::u16string_view path) {
     return std::any_of(std::begin(agentKeys), std::end(agentKeys),
                        [path](std::u16string_view known) { return SameName(path, known); });
@@ -91,17 +100,17 @@ std::u16string BelowAgentKey(std::u16string_view rest) {
 }
 
 /// What stands in a path behind the agent's own name, wherever that is, or behind names that are nearly those of the
-/// agent's key; absent for any other path.
+/// agent's key, the last of which may be that of another agent; absent for any other path.
 std::optional<std::u16string_view> BehindAgentName(std::u16string_view path) {
     std::optional<std::u16string_view> behind;
     for (std::u16string_view rest = path; !rest.empty();) {
         if (SameName(TakeKeyName(rest), LastName(agentKeyPath))) behind = rest;
     }
     if (behind) return behind;
-    for (std::u16string_view known = agentKeyPath; !known.empty();) {
+    for (std::u16string_view known = ParentOf(agentKeyPath); !known.empty();) {
         if (!IsNear(TakeKeyName(path), TakeKeyName(known))) return std::nullopt;
     }
-    return path;
+    return MeansAgentName(TakeKeyName(path)) ? std::optional(path) : std::nullopt;
 }
 
 /// The agent's key that a path means whose agent's name is left out. Such a path has names from above the agent's key,
@@ -177,6 +186,8 @@ std::string JoinedValueHint(std::u16string_view path) {
     return fmt::format("{1} is a value, and its name an argument of its own: \"{0}\" {1}", Utf8FromWide(setting->key),
                        Utf8FromWide(setting->name));
 }
+
+bool IsAgentKeyByLetters(std::u16string_view path) { return IsAgentKey(path) || !MeantAgentKey(path).empty(); }
 
 void RefuseKeySlip(std::u16string_view path) {
     if (MeantAgentKey(path).empty()) return;

@@ -47,6 +47,7 @@ TEST_F(CheckVerb, FindsWhatIsWrongWithSettings) {
     Registry({"set", serverKey, "KVServerProtocol", "ftp", "--force"});
     Registry({"set", agentKey + "\\Monitoring", "MonitoringAgentKey", "", "--force"});
     Registry({"set", serverKey, "KVServerProtocl", "http"});
+    Registry({"set", agentKey + "Monitoring", "AllowedScripts", "", "--force"});
     Write(conf / "queryconf.txt", R"({"WorkFlows":[]})");
     for (const fs::path& path : {conf / "scripts", conf / "queryconf.txt", folder / "monitoring", logs})
         fs::permissions(path, fs::perms::all);
@@ -56,11 +57,12 @@ TEST_F(CheckVerb, FindsWhatIsWrongWithSettings) {
     for (const char* fault :
          {"AgentLogLevel: has to be a DWORD", "ProxyServerName: is missing, and ProxyEnabled",
           "did you mean ServerInfo\\KVServerProtocol?", "ProxyUserName: has one character",
-          "ftp', which counts as http", "MonitoringAgentKey KEY, with the key that",
-          "scripts: others may write to it (mode 0777)", "monitoring: others may write", "logs: others may", "plan ",
+          "warning: key Software\\Halvorine\\Kestrova\\KVAgentMonitoring: did you mean", "ftp', which counts as http",
+          "MonitoringAgentKey KEY, with the key that", "scripts: others may write to it (mode 0777)",
+          "monitoring: others may write", "logs: others may", "plan ",
           "queryconf.txt: others may write to it (mode 0777)", "bin: does not exist"})
         EXPECT_THAT(faults.output, HasSubstr(fault));
-    EXPECT_THAT(faults.output, testing::EndsWith("9 errors, 3 warnings\n"));
+    EXPECT_THAT(faults.output, testing::EndsWith("9 errors, 4 warnings\n"));
     const std::tuple<const char*, const char*, const char*> metrics[] = {
         {"no/a.prom", "", "no/ does not exist, and no counts are written; make it"},
         {"dir.prom", "", "dir.prom is a directory"},

@@ -13,9 +13,11 @@
 #include "foundation/registry_store.h"
 #include "foundation/text.h"
 #include "platform/console_tool.h"
+#include "platform/registry_names.h"
 #include "platform/utf.h"
 #include "tools/kvagentctl/check/check_parts.h"
 #include "tools/kvagentctl/readable_file.h"
+#include "tools/kvreg/key_judgement.h"
 #include "tools/kvreg/registry_tree.h"
 
 namespace kv::control {
@@ -102,6 +104,42 @@ void CheckUnknownNames(Findings& findings) {
                           fmt::format("the agent does not know it; did you mean {}?", nearest),
                           fmt::format("kvreg delete \"{}\" \"{}\"", Utf8FromWide(key.path), Utf8FromWide(value.name)));
         }
+    }
+}
+
+/// Whether a value in a key, or in one below it, has the name of a setting.
+bool HoldsSettings(const std::u16string& path) {
+    RegFile tree;
+    std::u16string failedAt;
+    static_cast<void>(ReadTree(path, tree, failedAt));  // what can be read counts
+    const auto isSetting = [](const RegFileValue& value) {
+        const std::span<const AgentSetting> all = AgentSettings();
+        return std::any_of(all.begin(), all.end(), [&](const AgentSetting& setting) {
+            return CompareIgnoreCase(setting.name, value.name) == 0;
+        });
+    };
+    return std::any_of(tree.begin(), tree.end(), [&](const RegFileKey& key) {
+        return std::any_of(key.values.begin(), key.values.end(), isSetting);
+    });
+}
+
+/// Keys with settings that look like a slip of the agent's key or of one below it: beside it, and beside each key above
+/// it.
+void CheckNearKeys(Findings& findings) {
+    std::u16string above;
+    for (std::u16string_view rest = agentKeyPath; !rest.empty();) {
+        KeyContents contents;
+        if (ReadKey(above, contents) != platform::error::success) return;
+        const std::u16string start = above.empty() ? u"" : above + u"\\";
+        for (const std::u16string& name : contents.subkeys) {
+            const std::u16string path = start + name;
+            const std::string doubt = IsAgentKey(path) ? "" : KeyDoubt(path, KeyUse::looking);
+            if (doubt.empty() || !HoldsSettings(path)) continue;
+            findings.Warn(
+                "key " + Utf8FromWide(path), doubt,
+                fmt::format("store its settings in the right key, then kvreg delete \"{}\"", Utf8FromWide(path)));
+        }
+        above = start + std::u16string(platform::TakeKeyName(rest));
     }
 }
 
@@ -242,13 +280,6 @@ std::u16string InstallDirectory() {
     return install && SettingTakes(*setting, *install) ? *install : std::u16string();
 }
 
-namespace {
-
-/// A registry without a file yet, in a directory that is there.
-bool IsRegistryNew() { return MissingRegistryText().empty() && !EmptyRegistryText().empty(); }
-
-}  // namespace
-
 bool CheckSettings(Findings& findings, Severity whenUnreadable) {
     KeyContents contents;
     const platform::Error result = ReadKey(agentKeyPath, contents);
@@ -266,6 +297,7 @@ bool CheckSettings(Findings& findings, Severity whenUnreadable) {
     }
     for (const AgentSetting& setting : AgentSettings()) CheckSetting(findings, setting);
     CheckUnknownNames(findings);
+    CheckNearKeys(findings);
     CheckTogether(findings);
     CheckMetricsFile(findings);
     CheckLimits(findings);
