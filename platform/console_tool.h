@@ -78,6 +78,13 @@ class InterruptWatch {
 /// or the system's text for what went wrong.
 [[nodiscard]] std::string WriteFileWhole(const std::string& name, std::string_view bytes);
 
+/// Whether WriteFileWhole would replace a file that is there: not for a new one, nor for what it writes to in place.
+[[nodiscard]] bool ReplacesFile(const std::string& name);
+
+/// Whether a name leads to the registry's file or to one that belongs to it, whatever it is called and whether that is
+/// there or not. False when the registry is not kept in a file.
+[[nodiscard]] bool LeadsToRegistryFile(const std::string& name);
+
 /// A new folder for temporary files, which nobody else may read, removed with all in it at the end.
 class TemporaryFolder {
   public:

@@ -69,14 +69,16 @@ fs::path BehindLinks(fs::path path) {
     return path;
 }
 
+bool IsStandardOutput(const struct stat& target) {
+    struct stat output {};
+    return fstat(STDOUT_FILENO, &output) == 0 && output.st_dev == target.st_dev && output.st_ino == target.st_ino;
+}
+
 /// 0, or the errno.
 int WriteOutput(const fs::path& path, std::string_view bytes) {
     struct stat target {};
     if (stat(path.c_str(), &target) != 0) return errno == ENOENT ? ReplaceFile(BehindLinks(path), bytes) : errno;
-    struct stat output {};
-    const bool isOutput =
-        fstat(STDOUT_FILENO, &output) == 0 && output.st_dev == target.st_dev && output.st_ino == target.st_ino;
-    if (isOutput) return WriteAll(STDOUT_FILENO, bytes);  // appends where >> was asked for
+    if (IsStandardOutput(target)) return WriteAll(STDOUT_FILENO, bytes);  // appends where >> was asked for
     return S_ISREG(target.st_mode) ? ReplaceFile(BehindLinks(path), bytes) : WriteStraight(path, bytes);
 }
 
@@ -180,6 +182,25 @@ bool OutputHasReader() {
 std::string WriteFileWhole(const std::string& name, std::string_view bytes) {
     const int failure = WriteOutput(name, bytes);
     return failure == 0 ? std::string() : std::generic_category().message(failure);
+}
+
+bool ReplacesFile(const std::string& name) {
+    struct stat target {};
+    return stat(name.c_str(), &target) == 0 && S_ISREG(target.st_mode) && !IsStandardOutput(target);
+}
+
+bool LeadsToRegistryFile(const std::string& name) {
+    std::error_code failure;
+    const fs::path target = BehindLinks(name);
+    const fs::path folder = target.has_parent_path() ? target.parent_path() : fs::path(".");
+    const fs::path registry = BehindLinks(RegistryFile());
+    for (const char* part : {"", "-wal", "-shm", "-journal"}) {
+        const fs::path file = registry.string() + part;
+        if (fs::equivalent(target, file, failure)) return true;
+        const bool isNamed = target.filename() == file.filename();
+        if (isNamed && fs::equivalent(folder, file.parent_path(), failure)) return true;
+    }
+    return false;
 }
 
 TemporaryFolder::TemporaryFolder() {

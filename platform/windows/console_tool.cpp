@@ -174,6 +174,15 @@ std::string WriteFileWhole(const std::string& name, std::string_view bytes) {
     return text.empty() ? "error " + std::to_string(failure) : text;
 }
 
+bool ReplacesFile(const std::string& name) {
+    const SystemHandle there = OwnedFile(::CreateFileW(NativePathOf(WideFromUtf8(name)).c_str(), 0,
+                                                       FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                                       OPEN_EXISTING, 0, nullptr));
+    return there && ::GetFileType(there.get()) == FILE_TYPE_DISK;
+}
+
+bool LeadsToRegistryFile(const std::string&) { return false; }
+
 TemporaryFolder::TemporaryFolder() {
     std::wstring above(::GetTempPathW(0, nullptr), L'\0');
     above.resize(::GetTempPathW(static_cast<DWORD>(above.size()), above.data()));

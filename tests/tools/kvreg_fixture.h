@@ -11,6 +11,7 @@ class Kvreg : public ToolTest {
   protected:
     Kvreg() : ToolTest(KVREG_PROGRAM) {
         platform::InstallRegistry();
+        Run({"set", key, "v", "1"});  // makes the registry, and says so
         Run({"delete", key, "--yes"});
     }
     ~Kvreg() override { Run({"delete", key, "--yes"}); }

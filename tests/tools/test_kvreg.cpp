@@ -53,6 +53,8 @@ TEST_F(Kvreg, CarriesOutItsCommands) {
         {{"delete", "HKLM"}, 2, "", "root itself"},
         {{"set", "", "n", "v"}, 2, "", "root itself"},
         {{"export", ""}, 2, "", "FILE is empty"},
+        {{"export", "HKLM\\A"}, 2, "", "is a key; FILE comes first, then KEY: kvreg export FILE \"HKLM"},
+        {{"export", missing, "x.reg"}, 3, "", "x.reg; FILE comes first, then KEY"},
         {{"set", "SoftwareHalvorineKestrovaKVAgentserverinfo", "n", "v"}, 2, "", "KVAgent\\ServerInfo', not 'Soft"},
         {{"set", "HKLM/Software/Halvorine/Kestrova/KVAgent", "n", "v"}, 2, "", "did you mean 'Software\\Halvorine"},
     };

@@ -75,6 +75,11 @@ void RequireRegistryDirectory(const char* done) {
         throw NotFoundError(fmt::format("{}; nothing was {}", missing, done));
 }
 
+/// Says that a change has made the registry: a slip in KVAGENT_STATE_DIR may be why.
+void TellNewRegistry(bool wasNew) {
+    if (wasNew && !IsRegistryNew()) fmt::print(stderr, "kvreg: made a new registry at {}\n", platform::RegistryFile());
+}
+
 std::u16string WideArgument(const std::string& argument) {
     if (!platform::IsValidUtf8(argument)) throw UsageError("an argument is not UTF-8");
     return platform::WideFromUtf8(argument);
@@ -173,7 +178,10 @@ void Set(const Given& given) {
     if (!Has(given, "--force")) RefuseFault(path, value);
     RequireRegistryDirectory("stored");
     WarnOfValue(path, value);
-    Require(WriteValue(path, value), "cannot write the " + ValueTitle(path, value.name), "key " + WholePath(path));
+    const bool isNew = IsRegistryNew();
+    const Error result = WriteValue(path, value);
+    TellNewRegistry(isNew);
+    Require(result, "cannot write the " + ValueTitle(path, value.name), "key " + WholePath(path));
 }
 
 /// Throws unless a person at the terminal agrees.
@@ -274,18 +282,8 @@ void Watch(const Given& given) {
     }
 }
 
-void Export(const Given& given) {
-    const std::string file = commandline::NeededValue(given, "FILE");
-    const std::u16string path = KeyArgument(Value(given, "KEY"));
-    RegFile tree;
-    std::u16string failedAt;
-    const Error result = ReadTree(path, tree, failedAt);
-    RequireKey(result, "cannot read the key " + WholePath(failedAt), path);
-    const std::string failure = platform::WriteFileWhole(file, PrintRegFile(tree));
-    if (!failure.empty()) throw std::runtime_error(fmt::format("cannot write {}: {}", file, failure));
-}
-
-std::string ReadFileWhole(const std::string& name) {
+/// The first bytes of a file: all of it, or more than mostBytes.
+std::string ReadBeginning(const std::string& name, std::size_t mostBytes) {
     const fs::path path(std::u8string(name.begin(), name.end()));
     std::error_code ignored;  // a file without a status cannot be opened either
     const fs::file_status status = fs::status(path, ignored);
@@ -296,15 +294,63 @@ std::string ReadFileWhole(const std::string& name) {
     if (!failure) {
         std::ifstream file(path, std::ios::binary);
         if (!file) failure = {errno, std::generic_category()};
-        for (char buffer[65536]; file && bytes.size() <= maximumRegFileBytes;) {
+        for (char buffer[65536]; file && bytes.size() <= mostBytes;) {
             file.read(buffer, sizeof buffer);
             bytes.append(buffer, static_cast<std::size_t>(file.gcount()));
         }
         if (file.bad()) failure = std::make_error_code(std::errc::io_error);
     }
     if (failure) throw std::runtime_error(fmt::format("cannot read {}: {}", name, failure.message()));
+    return bytes;
+}
+
+std::string ReadFileWhole(const std::string& name) {
+    std::string bytes = ReadBeginning(name, maximumRegFileBytes);
     if (bytes.size() > maximumRegFileBytes) throw std::runtime_error(fmt::format("{} is larger than 64 MB", name));
     return bytes;
+}
+
+/// Whether a word can only be meant as a key.
+bool LooksLikeKey(const std::string& word) {
+    if (!platform::IsValidUtf8(word)) return false;
+    const std::u16string wide = WithoutColon(platform::WideFromUtf8(word));
+    std::u16string_view below;
+    if (SplitRootName(wide, below) || IsAgentKeyByLetters(wide)) return true;
+    std::u16string_view path = wide;
+    if (path.ends_with(u'\\')) path.remove_suffix(1);
+    KeyContents contents;
+    return path.find(u'\\') != std::u16string_view::npos && platform::IsRegistryKeyPath(path) &&
+           ReadKey(path, contents) == error::success;
+}
+
+/// Throws when the export would destroy something: the registry, or without force another file than an export.
+void RefuseToReplace(const std::string& file, bool force) {
+    if (platform::LeadsToRegistryFile(file))
+        throw UsageError(
+            fmt::format("{} belongs to the registry itself, whose file is {}; FILE is where the export "
+                        "goes, and KEY what is exported",
+                        file, platform::RegistryFile()));
+    if (force || !platform::ReplacesFile(file)) return;
+    const std::string bytes = ReadBeginning(file, 0);
+    if (!bytes.empty() && !BeginsAsRegFile(bytes))
+        throw UsageError(fmt::format("{} is not a .reg file; --force replaces it", file));
+}
+
+void Export(const Given& given) {
+    const std::string file = commandline::NeededValue(given, "FILE");
+    const std::string keyWord = Value(given, "KEY");
+    if (LooksLikeKey(file))
+        throw UsageError(fmt::format("'{0}' is a key; FILE comes first, then KEY: kvreg export {1} \"{0}\"", file,
+                                     keyWord.empty() ? "FILE" : keyWord));
+    const std::u16string path = KeyArgument(keyWord);
+    RefuseToReplace(file, Has(given, "--force"));
+    RegFile tree;
+    std::u16string failedAt;
+    const Error result = ReadTree(path, tree, failedAt);
+    const std::string hint = path.ends_with(u".reg") ? "FILE comes first, then KEY" : JoinedValueHint(path);
+    Require(result, "cannot read the key " + WholePath(failedAt), "key " + WholePath(path), hint);
+    const std::string failure = platform::WriteFileWhole(file, PrintRegFile(tree));
+    if (!failure.empty()) throw std::runtime_error(fmt::format("cannot write {}: {}", file, failure));
 }
 
 void Import(const Given& given) {
@@ -318,7 +364,9 @@ void Import(const Given& given) {
     RequireRegistryDirectory("imported");
     WarnOfFile(file, path);
     std::u16string failedAt;
+    const bool isNew = IsRegistryNew();
     const Error result = ApplyRegFile(file, failedAt);
+    TellNewRegistry(isNew);
     Require(result, "the import stopped at the key " + WholePath(failedAt), "key " + WholePath(failedAt));
 }
 
@@ -337,10 +385,12 @@ constexpr Word setWords[] = {key,
 constexpr Option setOptions[] = {
     {"--dword", "", "DATA is a number from 0 to 4294967295, decimal or 0x and hexadecimal"},
     {"--force", "", "stores what the agent cannot use, too"}};
+constexpr Option exportOptions[] = {{"--force", "", "replaces a file that is not a .reg file, too"}};
 constexpr Option deleteOptions[] = {{"--yes", "", "deletes a whole key without a question"}};
 constexpr Word deleteWords[] = {key, optionalName};
 constexpr Word keyWords[] = {key};
-constexpr Word exportWords[] = {{"FILE", "file to write"}, {"KEY", "path of the key; the root is the default", true}};
+constexpr Word exportWords[] = {{"FILE", "file to write, new or a .reg file"},
+                                {"KEY", "path of the key; the root is the default", true}};
 constexpr Word importWords[] = {{"FILE", "file to read, at most 64 MB"}};
 
 constexpr Command commands[] = {
@@ -363,11 +413,10 @@ constexpr Command commands[] = {
      {},
      Watch},
     {"export",
-     "Writes the registry, or a key and all below it, to a .reg file. Only its owner can read a new file, because it "
-     "may hold the password of a proxy.",
-     exportWords,
-     {},
-     Export},
+     "Writes the registry, or a key and all below it, to a .reg file: a new one, or in the place of another .reg file. "
+     "What is not one is replaced only with --force, and the registry's own files never. Only its owner can read a new "
+     "file, because it may hold the password of a proxy.",
+     exportWords, exportOptions, Export},
     {"import",
      "Applies a .reg file. A malformed file changes nothing. What the agent does not know or cannot use is imported "
      "with a warning.",

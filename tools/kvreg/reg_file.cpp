@@ -400,6 +400,14 @@ bool ParseRegFile(std::string_view bytes, RegFile& file, RegFileError& error) {
     return parsed;
 }
 
+bool BeginsAsRegFile(std::string_view bytes) {
+    const bool bigEndian = bytes.starts_with("\xFE\xFF");
+    if (bigEndian || bytes.starts_with("\xFF\xFE"))
+        return DecodeUtf16(bytes.substr(2, header.size() * 2), bigEndian) == header;
+    if (bytes.starts_with("\xEF\xBB\xBF")) bytes.remove_prefix(3);
+    return bytes.starts_with(platform::Utf8FromWide(header)) || bytes.starts_with(olderHeader);
+}
+
 std::string PrintRegFile(const RegFile& file) {
     std::u16string out = u"\xFEFF";
     out += header;

@@ -54,6 +54,9 @@ struct RegFileError {
 /// parsed can also be stored.
 bool ParseRegFile(std::string_view bytes, RegFile& file, RegFileError& error);
 
+/// Whether bytes begin as a .reg file does, of this format or the older one, in any encoding that the parser knows.
+bool BeginsAsRegFile(std::string_view bytes);
+
 /// The bytes of a .reg file. A text that cannot stand in quotes (it has control characters, or bytes after its end) is
 /// written as hex(1).
 std::string PrintRegFile(const RegFile& file);

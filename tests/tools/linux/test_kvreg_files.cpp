@@ -23,6 +23,16 @@ TEST_F(Kvreg, ExportsForTheOwnerOnlyAndFollowsLinks) {
     EXPECT_THAT(full.errors, HasSubstr("No space left on device"));
     EXPECT_THAT(Run({"export", folder / "missing" / "x"}).errors, HasSubstr("No such file or directory"));
     EXPECT_THAT(Run({"set", "A", "b", "\xFF"}).errors, HasSubstr("not UTF-8"));
+    const fs::path registry = folder / "state" / "registry.db";
+    fs::create_symlink("state/registry.db-journal", folder / "dangling");
+    fs::create_hard_link(registry, folder / "hard");
+    for (const fs::path& own :
+         {registry, folder / "state/../state/registry.db-wal", folder / "dangling", folder / "hard"})
+        EXPECT_THAT(Run({"export", own, "--force"}).errors, HasSubstr("belongs to the registry itself")) << own;
+    Write(folder / "plan", "{}");
+    EXPECT_THAT(Run({"export", folder / "plan"}).errors, HasSubstr("plan is not a .reg file; --force replaces it"));
+    EXPECT_EQ(Read(folder / "plan"), "{}");
+    EXPECT_EQ(Run({"export", folder / "plan", "--force"}).exitCode, 0);
 }
 
 TEST_F(Kvreg, SaysWhatIsWrongWithTheRegistrysFile) {

@@ -41,6 +41,8 @@ TEST_F(Kvreg, KnowsTheSettingsOfTheAgent) {
         {"a key beside", {"Software\\Halvorine\\Kestrova\\Other", "AgentLogLevel", "x"}, 0, ""},
         {"a slip in a key", {"Software\\Halvorine\\Kestrova\\KVAgnet\\X", "v", "x"}, 0, "KVAgent\\X', not"},
         {"a short key", {"Kestrova\\KVAgent\\Y", "v", "x"}, 0, "Halvorine\\Kestrova\\KVAgent\\Y', not 'Kestrova"},
+        {"a backslash gone", {agentKey + "Monitoring", "AllowedRequests", "X"}, 2, "KVAgent\\Monitoring', not"},
+        {"another agent", {"Software\\Halvorine\\Kestrova\\MyAgent", "v", "x"}, 0, "Kestrova\\KVAgent', not"},
         {"its parent", {serverKey, "ProxyEnabled", "yes"}, 0, "ProxyEnabled in the key Software\\Halvorine"},
     };
     for (const auto& [title, arguments, exitCode, errors] : rows) {
@@ -99,6 +101,8 @@ TEST_F(Kvreg, NamesAMissingStateDirectory) {
         EXPECT_THAT(outcome.errors, HasSubstr("KVAGENT_STATE_DIR right?); nothing was "));
         EXPECT_FALSE(fs::exists(folder / "missing"));
     }
+    fs::create_directory(folder / "missing");
+    EXPECT_THAT(Run({"import", file}).errors, HasSubstr("made a new registry at " + (folder / "missing").string()));
     ShareRegistry(folder / "state");
 }
 
