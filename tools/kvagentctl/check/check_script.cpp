@@ -73,7 +73,7 @@ constexpr std::u16string_view blanks = u" \t";
 /// The first word of a text, which loses it and the blanks around it.
 std::u16string TakeWord(std::u16string_view& text) {
     text.remove_prefix(std::min(text.find_first_not_of(blanks), text.size()));
-    const std::u16string word(text.substr(0, text.find_first_of(blanks)));
+    std::u16string word(text.substr(0, text.find_first_of(blanks)));
     text.remove_prefix(std::min(text.find_first_not_of(blanks, word.size()), text.size()));
     return word;
 }

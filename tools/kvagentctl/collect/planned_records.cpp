@@ -71,7 +71,7 @@ void TellOddLists(const std::vector<PlanList>& lists, const std::string& name) {
     std::size_t leftOut = 0;
     for (const PlanList& list : lists) leftOut += list.objects - list.runnable;
     if (leftOut > 0)
-        fmt::print(stderr, "{}: the agent leaves out {}, and collect does not; kvagentctl check says why\n", name,
+        fmt::print(stderr, "{}: the agent leaves out {}, whatever is collected here; kvagentctl check says why\n", name,
                    Counted(leftOut, "workflow"));
 }
 
