@@ -17,6 +17,7 @@
 #include "foundation/log.h"
 #include "platform/clock.h"
 #include "platform/files.h"
+#include "platform/messages.h"
 #include "platform/service_host.h"
 #include "platform/utf.h"
 
@@ -28,7 +29,7 @@ using platform::Files;
 
 constexpr const char* workingDirectoryLine = "\t InvokeMainThread :: Current working directory %s \n";
 constexpr std::u16string_view monitoringName = u"monitoring";
-constexpr std::u16string_view binName = u"\\bin\\";
+constexpr std::u16string_view binTail = u"monitoring\\bin\\";  // behind the install directory
 constexpr std::uint32_t lookMilliseconds = 1000;
 constexpr int looksPerReport = 60;
 
@@ -41,14 +42,16 @@ std::u16string WorkingDirectory() {
 std::u16string BinPath() { return agentState.gv_ocAgentBinPath.value_or(u""); }
 
 /// What KVAgentInstallDir holds; empty for a path that was not made from it.
-std::u16string InstallPath() {
-    const std::u16string path = BinPath();
-    const std::u16string tail = ConcatStrings(monitoringName, binName);
-    return path.ends_with(tail) ? path.substr(0, path.size() - tail.size()) : u"";
+std::u16string_view InstallPathOf(std::u16string_view binPath) {
+    return binPath.ends_with(binTail) ? binPath.substr(0, binPath.size() - binTail.size()) : u"";
 }
 
-/// Without a separator at its end, an install directory would be the beginning of another one's name.
-bool HasSeparator(std::u16string_view install) { return install.ends_with(u'\\') || install.ends_with(u'/'); }
+bool EndsInSeparator(std::u16string_view path) { return path.ends_with(u'\\') || path.ends_with(u'/'); }
+
+/// Behind a separator a link would be followed.
+std::u16string_view WithoutSeparator(std::u16string_view path) {
+    return path.substr(0, path.size() - (path.size() > 1 && EndsInSeparator(path) ? 1 : 0));
+}
 
 std::string NativeName(std::u16string_view path) { return platform::Utf8FromWide(Files().NativePath(path)); }
 
@@ -57,25 +60,48 @@ std::string ReasonOf(const char* step, int failure) {
     return fmt::format("cannot be {}: {} (errno {})", step, std::generic_category().message(failure), failure);
 }
 
+/// Why a path is not a directory, behind its name; empty when it is one.
+std::string DirectoryFault(std::u16string_view path) {
+    if (IsDirectory(path)) return {};
+    std::uint32_t attributes = 0;
+    const platform::Error result = Files().GetFileAttributesW(WithoutSeparator(path), attributes);
+    if (result == platform::error::fileNotFound || result == platform::error::pathNotFound) return "does not exist";
+    if (result == platform::error::accessDenied) return "cannot be looked at: a directory above it cannot be entered";
+    if (result != platform::error::success) return "cannot be looked at: " + platform::MessageInLine(result);
+    const bool isLink = (attributes & platform::file_attribute::reparsePoint) != 0;
+    return isLink ? "is a link that leads to no directory" : "is not a directory";
+}
+
+/// Makes the bin directory of an install directory; why that failed, else empty.
+std::string MakeBinDirectory(std::u16string_view install) {
+    const std::u16string monitoring = ConcatStrings(install, monitoringName);
+    int failure = MakeMonitoringDirectory();
+    if (!IsDirectory(monitoring))
+        return NativeName(monitoring) + " " +
+               (MayExist(monitoring) ? DirectoryFault(monitoring) : ReasonOf("made", failure));
+    const std::u16string path = BinPath();
+    if (failure = Files().wmkdir(path); failure != platform::directory_error::success)
+        return NativeName(path) + " " + ReasonOf("made", failure);
+    Log1("\t InvokeMainThread :: %s was missing and has been made\n", Files().NativePath(path));
+    return {};
+}
+
 /// Tries once; empty when the bin directory is the working directory, else why not.
 std::string BinObstacle() {
     namespace directory_error = platform::directory_error;
     const std::u16string path = BinPath();
     int failure = Files().wchdir(path);
     if (failure == directory_error::success) return {};
-    const std::u16string install = InstallPath();
+    const std::u16string_view install = InstallPathOf(path);
     if (install.empty()) return {};  // nobody waits for a path that no setting names
-    if (!HasSeparator(install)) return "KVAgentInstallDir does not end in a separator: " + NativeName(install);
-    if (!IsDirectory(install))
-        return fmt::format("the install directory {} does not exist, which KVAgentInstallDir names",
-                           NativeName(install));
-    const std::u16string_view directory = std::u16string_view(path).substr(0, path.size() - 1);
-    if (!IsDirectory(directory) && MayExist(directory)) return NativeName(directory) + " is not a directory";
+    // It would be the beginning of another one's name.
+    if (!EndsInSeparator(install)) return "KVAgentInstallDir does not end in a separator: " + NativeName(install);
+    if (const std::string fault = DirectoryFault(install); !fault.empty())
+        return fmt::format("the install directory {} of KVAgentInstallDir {}", NativeName(install), fault);
+    const std::u16string_view directory = WithoutSeparator(path);
+    if (MayExist(directory) && !IsDirectory(directory)) return NativeName(directory) + " " + DirectoryFault(directory);
     if (failure != directory_error::notFound) return NativeName(path) + " " + ReasonOf("entered", failure);
-    MakeMonitoringDirectory();
-    if (failure = Files().wmkdir(path); failure != directory_error::success)
-        return NativeName(path) + " " + ReasonOf("made", failure);
-    Log1("\t InvokeMainThread :: %s was missing and has been made\n", Files().NativePath(path));
+    if (std::string fault = MakeBinDirectory(install); !fault.empty()) return fault;
     failure = Files().wchdir(path);
     return failure == directory_error::success ? "" : NativeName(path) + " " + ReasonOf("entered", failure);
 }
@@ -93,20 +119,47 @@ void TellOfObstacle(const std::string& obstacle) {
     NoteObstacle(obstacle);
 }
 
+/// Whether the bin directory is the working directory now. A look without an outcome, as without memory, leaves the
+/// obstacle as it was, and another one has to follow: beside the wait the agent must not work.
+bool LookAgain(std::string& obstacle) {
+    bool isEntered = false;
+    RunGuarded("BinObstacle", [&] {
+        obstacle = BinObstacle();
+        isEntered = obstacle.empty();
+    });
+    return isEntered;
+}
+
 /// One second of the wait.
 void WaitBehind(const std::string& obstacle, std::string& told, int look) {
     RunGuarded("ReopenDeletedLog", ReopenDeletedLog);
-    const bool isNew = std::exchange(told, obstacle) != obstacle;
-    if (isNew) RunGuarded("WaitForBinDirectory", [&] { TellOfObstacle(obstacle); });
+    const bool isNew = told != obstacle;
+    if (isNew)
+        RunGuarded("WaitForBinDirectory", [&] {
+            told = obstacle;
+            TellOfObstacle(obstacle);
+        });
     if (isNew || look % looksPerReport == 0) RunGuarded("ReportObstacle", ReportObstacle);
     platform::Clock().Sleep(lookMilliseconds);
 }
 
+void TellOfEnd() {
+    Log1("\t WaitForBinDirectory :: That is mended. The agent begins its work in %s\n", WorkingDirectory());
+    TellServiceManager("begins its work");
+}
+
 }  // namespace
 
-void MakeMonitoringDirectory() {
-    const std::u16string install = InstallPath();
-    if (HasSeparator(install) && IsDirectory(install)) Files().wmkdir(install + std::u16string(monitoringName));
+std::u16string_view InstallDirectoryOf(std::u16string_view binPath) {
+    const std::u16string_view install = InstallPathOf(binPath);
+    return EndsInSeparator(install) ? install : u"";
+}
+
+int MakeMonitoringDirectory() {
+    const std::u16string path = BinPath();
+    const std::u16string_view install = InstallDirectoryOf(path);
+    if (install.empty() || !IsDirectory(install)) return platform::directory_error::success;
+    return Files().wmkdir(ConcatStrings(install, monitoringName));
 }
 
 void EnterBinDirectory() {
@@ -128,15 +181,14 @@ void EnterBinDirectory() {
 }
 
 bool WaitForBinDirectory() {
+    std::string obstacle;
     std::string told;
     int looks = 0;
-    for (std::string obstacle = BinObstacle(); !obstacle.empty(); obstacle = BinObstacle())
-        WaitBehind(obstacle, told, looks++);
+    while (!LookAgain(obstacle)) WaitBehind(obstacle, told, looks++);
     if (looks == 0) return false;
     NoteObstacle("");
     RunGuarded("ReopenDeletedLog", ReopenDeletedLog);
-    Log1("\t WaitForBinDirectory :: That is mended. The agent begins its work in %s\n", WorkingDirectory());
-    RunGuarded("TellServiceManager", [] { TellServiceManager("begins its work"); });
+    RunGuarded("WaitForBinDirectory", TellOfEnd);
     return true;
 }
 

@@ -1,11 +1,17 @@
 // The bin directory, where the agent works: each of its relative paths begins there.
 #pragma once
 
+#include <string_view>
+
 namespace kv {
 
-/// Makes "monitoring" of the install directory where it is missing, so that the log and all else has a place. Does
-/// nothing without an install directory: a mistyped setting makes no tree somewhere else.
-void MakeMonitoringDirectory();
+/// The install directory, with its separator, that a bin path was made from; empty for a path that was not made so.
+std::u16string_view InstallDirectoryOf(std::u16string_view binPath);
+
+/// Makes "monitoring" of the install directory where it is missing, so that the log and all else has a place; why that
+/// failed, a number of directory_error. Does nothing without an install directory: a mistyped setting makes no tree
+/// somewhere else. For the run modes in which the agent works.
+int MakeMonitoringDirectory();
 
 /// Makes gv_ocAgentBinPath the working directory, and makes it first where it is missing in an install directory. Each
 /// outcome leaves a line. Called once, by the main thread.

@@ -1,5 +1,6 @@
 #include "agent/directory_lock.h"
 
+#include <algorithm>
 #include <atomic>
 #include <charconv>
 #include <cstdio>
@@ -7,6 +8,7 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "agent/bin_directory.h"
 #include "agent/log_file.h"
@@ -34,7 +36,7 @@ namespace error = platform::error;
 constexpr std::uint32_t lookMilliseconds = 1000;
 constexpr std::uint64_t largestNumber = 16;  // bytes of a process number in the file
 
-enum class Standing { none, waits, holds };
+enum class Standing { none, waitsForBin, waitsForAgent, holds };
 std::atomic<Standing> standing{Standing::none};
 
 std::u16string_view BinPath() {
@@ -43,8 +45,8 @@ std::u16string_view BinPath() {
 }
 
 Error TryLock() {
-    static platform::FileHandle lock = 0;  // never closed: it ends with the process
-    return Files().LockDirectory(BinPath(), lockFileName, lock);
+    static platform::DirectoryLock lock;  // never closed: it ends with the process
+    return Files().LockDirectory(BinPath(), InstallDirectoryOf(BinPath()), lockFileName, lock);
 }
 
 /// Whether another process has the lock; also while a backup or a scanner keeps the file to itself.
@@ -63,9 +65,25 @@ void WriteProcessNumber() {
              platform::MessageInLine(result), result);
 }
 
-/// "process 1234", or words for it when its number cannot be read.
+/// The number in the file of a bin directory; 0 when it cannot be read. The process may have ended.
+std::uint32_t RecordedProcess(std::u16string_view binPath) {
+    std::string content;
+    std::uint32_t number = 0;
+    if (ReadWholeFile(ConcatStrings(binPath, lockFileName), content, largestNumber) == error::success)
+        std::from_chars(content.data(), content.data() + content.size(), number);
+    return number;
+}
+
+bool IsAgent(std::uint32_t processId) {
+    std::u16string name;
+    const Error result = platform::Processes().GetProcessName(processId, name);
+    return processId != 0 && result == error::success && name == u"MonitoringAgent";
+}
+
+/// "process 1234", or words for it when its number is not known.
 std::string HolderName() {
-    const std::uint32_t number = RecordedProcess(BinPath());
+    std::uint32_t number = 0;
+    if (FindWorkingAgent(BinPath(), number) != error::success) number = RecordedProcess(BinPath());
     return number != 0 ? "process " + std::to_string(number) : "another process";
 }
 
@@ -115,11 +133,11 @@ void TakeOver() {
 
 void WaitForDirectory() {
     Log3("\t Inside WaitForDirectory() \n");
-    standing = Standing::waits;
+    standing = Standing::waitsForBin;
     if (WaitForBinDirectory()) RunGuarded("ReloadSettings", ReloadSettings);
-    standing = Standing::none;
     const Error result = TryLock();
     if (result != error::success && !IsTaken(result)) {
+        standing = Standing::none;
         Log1("\t WaitForDirectory :: %s cannot be locked: %s (error %d). A second agent would not be noticed\n",
              BinPath(), platform::MessageInLine(result), result);
         return;
@@ -128,22 +146,30 @@ void WaitForDirectory() {
         standing = Standing::holds;
         return WriteProcessNumber();
     }
-    standing = Standing::waits;
+    standing = Standing::waitsForAgent;
     RunGuarded("TellOfWait", TellOfWait);
     WaitForLock();
     TakeOver();
     standing = Standing::holds;
 }
 
-std::uint32_t RecordedProcess(std::u16string_view binPath) {
-    std::string content;
-    std::uint32_t number = 0;
-    if (ReadWholeFile(ConcatStrings(binPath, lockFileName), content, largestNumber) == error::success)
-        std::from_chars(content.data(), content.data() + content.size(), number);
-    return number;
-}
-
 bool HoldsDirectory() { return standing == Standing::holds; }
-bool WaitsForDirectory() { return standing == Standing::waits; }
+bool WaitsForAgent() { return standing == Standing::waitsForAgent; }
+bool WaitsForDirectory() { return WaitsForAgent() || standing == Standing::waitsForBin; }
+
+/// The recorded number is the surest; of what the system tells, only an agent counts.
+Error FindWorkingAgent(std::u16string_view binPath, std::uint32_t& processId) {
+    std::vector<std::uint32_t> holders;
+    const Error result = Files().FindDirectoryLock(binPath, InstallDirectoryOf(binPath), lockFileName, holders);
+    processId = 0;
+    if (result == error::fileNotFound) return result;
+    const std::uint32_t recorded = RecordedProcess(binPath);
+    if (holders.empty() || std::find(holders.begin(), holders.end(), recorded) != holders.end())
+        holders.insert(holders.begin(), recorded);
+    const auto agent = std::find_if(holders.begin(), holders.end(), IsAgent);
+    if (agent == holders.end()) return result == error::success ? error::fileNotFound : result;
+    processId = *agent;
+    return error::success;
+}
 
 }  // namespace kv

@@ -1,10 +1,13 @@
 // One agent at a time works in an install directory. Two would give the same numbers to their records, and pack and
-// delete each other's. The bin directory is locked by the one that works, and the file "agent.lock" in it holds its
-// process number. The lock ends with the process, so that a crash keeps nobody out; to delete the file lets nobody in.
+// delete each other's. The bin directory is locked by the one that works, on Linux the install directory as well, and
+// the file "agent.lock" in bin holds its process number. The lock ends with the process, so that a crash keeps nobody
+// out; to delete the file, or the bin directory, lets nobody in.
 #pragma once
 
 #include <cstdint>
 #include <string_view>
+
+#include "platform/errors.h"
 
 namespace kv {
 
@@ -18,13 +21,17 @@ inline constexpr std::u16string_view lockFileName = u"agent.lock";
 /// and returns. Called once, by the main thread, before other threads read the settings.
 void WaitForDirectory();
 
-/// Whether this process has the lock, or waits for it, until the settings have been read again. Callable from any
-/// thread.
+/// Whether this process has the lock, or waits in WaitForDirectory, until the settings have been read again. Callable
+/// from any thread.
 bool HoldsDirectory();
 bool WaitsForDirectory();
 
-/// The process number in the file of a bin directory, whose path ends in a separator; 0 when it cannot be read. The
-/// process may have ended.
-std::uint32_t RecordedProcess(std::u16string_view binPath);
+/// Whether it waits for the end of another agent, whose files all of the directory's are then. Callable from any
+/// thread.
+bool WaitsForAgent();
+
+/// The process of the agent that works in a bin directory, whose path ends in a separator. fileNotFound when none does;
+/// another error when that cannot be told. Asks without taking the lock. Callable from any thread.
+[[nodiscard]] platform::Error FindWorkingAgent(std::u16string_view binPath, std::uint32_t& processId);
 
 }  // namespace kv

@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 
+#include "agent/bin_directory.h"
 #include "agent/log_file.h"
 #include "agent/main_thread.h"
 #include "agent/server_details.h"
@@ -109,6 +110,7 @@ void OpenLog(std::u16string_view name) {
 }
 
 int RunAsService() {
+    MakeMonitoringDirectory();
     OpenLog(agentLog);
     agentState.gv_isWin2k = IsWin2kOS();
     const platform::Error error = platform::ServiceHost().StartServiceCtrlDispatcherW(serviceName, ServiceMain);
@@ -142,6 +144,7 @@ int RunUnInstall() {
 }
 
 [[noreturn]] void RunInConsole(std::u16string_view argument) {
+    MakeMonitoringDirectory();
     OpenLog(agentLog);
     Log3("Going to work in command line %s\n", argument);
     LoadSettings();

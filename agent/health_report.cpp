@@ -25,6 +25,7 @@
 #include "platform/clock.h"
 #include "platform/memory.h"
 #include "platform/messages.h"
+#include "platform/process.h"
 #include "platform/service_host.h"
 #include "platform/utf.h"
 
@@ -135,8 +136,20 @@ void BeginReport(Report& report) {
     report.wantsMetrics = !report.metrics.path.empty() && report.metricsEnd != 0;
 }
 
-/// Whether the files may be those of another process: "/t" beside the service, where the directory cannot be locked.
-bool IsGuest() { return !HoldsDirectory() && agentState.gv_serviceStatusHandle == 0 && IsLogOfAnotherProcess(); }
+/// The number that is recorded may be this one's, of an earlier run in a container.
+bool AnotherWorks() {
+    std::uint32_t worker = 0;
+    return FindWorkingAgent(BinPath(), worker) == error::success &&
+           worker != platform::Processes().GetCurrentProcessId();
+}
+
+/// Whether the files are, or may be, those of another process: of one that is waited for, or works where this one waits
+/// for the bin directory; for "/t" those of the service, where the directory cannot be locked.
+bool IsGuest() {
+    if (HoldsDirectory()) return false;
+    if (WaitsForAgent() || (WaitsForDirectory() && AnotherWorks())) return true;
+    return agentState.gv_serviceStatusHandle == 0 && IsLogOfAnotherProcess();
+}
 
 /// Whether a time has passed since a moment; also when the clock was set back before it.
 bool IsDue(std::int64_t since, std::int64_t now, std::int64_t seconds = periodSeconds) {
@@ -264,7 +277,7 @@ void ReportMetrics(Report& report, const HealthSnapshot& health) {
 void ReportOnce() {
     Report& report = CurrentReport();
     const HealthSnapshot health = CurrentHealth();
-    ReopenDeletedLog();  // and its folder, in which status.json is, too
+    RunGuarded("ReopenDeletedLog", ReopenDeletedLog);  // and its folder, in which status.json is, too
     const bool hasWritten = ReportStatus(report, health);
     ReportMetrics(report, health);
     if (!hasWritten) return;
@@ -336,7 +349,7 @@ std::uint32_t ReportHealth(void* /*ignored*/) {
 void ReportObstacle() {
     Report& report = CurrentReport();
     const std::lock_guard hold(report.lock);
-    if (agentHealth.isReportOver || IsDirectory(BinPath())) return;
+    if (agentHealth.isReportOver) return;
     if (agentHealth.startTime == 0) agentHealth.startTime = GetNowSeconds();
     report.status.path = HealthFilePath(BinPath());
     WriteStatus(report, CurrentHealth());

@@ -17,7 +17,7 @@ namespace kv {
 std::uint32_t ReportHealth(void* ignored);
 
 /// Writes status.json of an agent that cannot begin its work, at most every ten minutes unless something has changed.
-/// Not where its bin directory exists, in which another agent may work. Before ReportHealth is started.
+/// Not where another agent works. Before ReportHealth is started.
 void ReportObstacle();
 
 /// The last report of a run: status.json tells that the agent is stopped. Nothing is reported after it. It waits for a

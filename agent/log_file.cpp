@@ -88,10 +88,7 @@ int OpenStream(std::u16string_view path) {
     return result == error::notEnoughMemory ? 99 : 1;
 }
 
-void MakeLogDirectory() {
-    MakeMonitoringDirectory();
-    Files().wmkdir(agentState.gv_ocAgentBinPath.value_or(u"") + u"..\\logs");
-}
+void MakeLogDirectory() { Files().wmkdir(agentState.gv_ocAgentBinPath.value_or(u"") + u"..\\logs"); }
 
 /// Moves the current log away and opens a new one. Lines wait meanwhile, so that none is lost.
 void StartNewLog(std::u16string_view target) {
@@ -190,6 +187,17 @@ void TellOfLostLog() {
                  platform::Utf8FromWide(Files().NativePath(logState.gv_logPath)).c_str(), LogFault().c_str());
 }
 
+/// Opens the log in the place of one that was lost, or could not be opened. False when that fails. Called with
+/// streamMutex held.
+bool OpenLostLog() {
+    CloseStream();
+    isGuest = Files().GetFileUseState(logState.gv_logPath) == error::sharingViolation;
+    std::uint32_t size = 0;
+    logState.gv_logBytes = MeasureLog(size) == error::success ? size : 0;
+    OpenStream(logState.gv_logPath);
+    return logState.gv_logFile != 0;
+}
+
 /// Opens the log of a start. When another process writes to it, or it cannot be measured, it is only opened: a rotation
 /// would take it away from that process, or not release the lock.
 void OpenLogAtStart() {
@@ -248,18 +256,20 @@ void ReopenLog() {
 
 void ReopenDeletedLog() {
     if (logState.isRotationOver || isRotating.test_and_set(std::memory_order_acquire)) return;
+    bool wasOpen = false;
     {
         const ClearedAtEnd cleared(isRotating);
         const std::lock_guard stream(logState.streamMutex);
         if (!MayChangeLog() || logState.gv_logPath.empty()) return;
-        if (logState.gv_logFile != 0 && MayExist(logState.gv_logPath)) return;
+        wasOpen = logState.gv_logFile != 0;
+        if (wasOpen && MayExist(logState.gv_logPath)) return;
+        MakeMonitoringDirectory();
         MakeLogDirectory();
-        OpenStream(logState.gv_logPath);
-        logState.gv_logBytes = 0;
-        if (logState.gv_logFile == 0) return TellOfLostLog();
+        if (!OpenLostLog()) return TellOfLostLog();
         isLossSaid = false;
     }
-    Log1("\t ReopenDeletedLog :: The file of the log was gone; this one goes on\n");
+    Log1(wasOpen ? "\t ReopenDeletedLog :: The file of the log was gone; this one goes on\n"
+                 : "\t ReopenDeletedLog :: The log could not be opened before, and what happened then is not in it\n");
 }
 
 bool IsLogOfAnotherProcess() { return isGuest; }

@@ -18,6 +18,7 @@
 #include <functional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "platform/errors.h"
 #include "platform/seam.h"
@@ -61,6 +62,12 @@ inline constexpr std::uint32_t archive = 0x20;
 inline constexpr std::uint32_t device = 0x40;         // neither file, directory nor link
 inline constexpr std::uint32_t reparsePoint = 0x400;  // a link
 }  // namespace file_attribute
+
+/// A lock of LockDirectory: CloseHandle closes each handle that is not 0.
+struct DirectoryLock {
+    FileHandle directory = 0;
+    FileHandle place = 0;
+};
 
 /// Times are Windows file times: in units of 100 nanoseconds, since 1601, UTC.
 struct FileInformation {
@@ -127,18 +134,24 @@ struct FileOperations {
     /// Returns when what was written is on the disk.
     std::function<Error(FileHandle file)> FlushFileBuffers;
 
-    /// Locks a directory for one handle, which CloseHandle closes: lockViolation while another one has the lock, in
-    /// this process or any other. It never waits, and keeps nobody from working in the directory. The lock ends with
-    /// the handle, or with the process in whichever way that ends. On Linux it is on the directory itself, so that
-    /// nobody takes it away with a file; over NFS, which locks no directories, and on Windows it is on the file of that
-    /// name in it, which is made when it is missing. On Windows nobody can rename or delete that file while it is
-    /// locked. Another error where the file system has no locks.
-    std::function<Error(std::u16string_view directory, std::u16string_view fileName, FileHandle& lock)> LockDirectory;
+    /// Locks a directory: lockViolation while somebody else has the lock, in this process or any other. It never waits,
+    /// and keeps nobody from working in the directory. The lock ends with its handles, or with the process in whichever
+    /// way that ends. On Linux it is on the directory itself, so that nobody takes it away with a file; over NFS, which
+    /// locks no directories, and on Windows it is on the file of that name in it, which is made when it is missing. On
+    /// Windows nobody can rename or delete that file while it is locked. Another error where the file system has no
+    /// locks.
+    ///
+    /// place: a directory above it, or empty. Linux locks it as well, where it can be locked: who deletes the directory
+    /// under a lock, and makes another one, could lock that. Windows does not let it be deleted.
+    std::function<Error(std::u16string_view directory, std::u16string_view place, std::u16string_view fileName,
+                        DirectoryLock& lock)>
+        LockDirectory;
 
-    /// Whether somebody has the lock that LockDirectory gives, without taking it for a moment: success, with the number
-    /// of the process or 0 where the system does not tell it; fileNotFound when nobody has it; notSupported and others
-    /// where that cannot be told.
-    std::function<Error(std::u16string_view directory, std::u16string_view fileName, std::uint32_t& processId)>
+    /// Whether somebody has the lock that LockDirectory gives, without taking it for a moment: success; fileNotFound
+    /// when nobody has it; notSupported and others where that cannot be told. processes: the numbers of those that may
+    /// be it; the caller has to know which. Windows tells no number.
+    std::function<Error(std::u16string_view directory, std::u16string_view place, std::u16string_view fileName,
+                        std::vector<std::uint32_t>& processes)>
         FindDirectoryLock;
 
     std::function<Error(FileHandle file)> CloseHandle;

@@ -194,29 +194,44 @@ Error LetEveryoneRead(FileHandle file) {
 Error FlushFileBuffers(FileHandle file) { return fsync(DescriptorOf(file)) != 0 ? LastError() : error::success; }
 
 /// Opens and locks. A child of this process never keeps the lock: what it inherits is closed when it begins.
-Error TakeLock(const std::string& path, int flags, FileHandle& lock) {
+Error TakeLock(const std::string& path, int flags, Descriptor& lock) {
     Descriptor opened(OpenDescriptor(path, flags));
     if (!opened) return LastPathError(path);
     if (flock(opened.get(), LOCK_EX | LOCK_NB) != 0) return errno == EWOULDBLOCK ? error::lockViolation : LastError();
-    lock = FileHandleOf(opened.Release());
+    lock = std::move(opened);
     return error::success;
 }
 
-Error LockDirectory(std::u16string_view directory, std::u16string_view fileName, FileHandle& lock) {
-    lock = 0;
+/// The place comes first: who has it and not the directory would keep nobody out.
+Error LockDirectory(std::u16string_view directory, std::u16string_view place, std::u16string_view fileName,
+                    DirectoryLock& lock) {
+    lock = {};
+    Descriptor above;
+    if (!place.empty() && TakeLock(NativePathOf(place), O_RDONLY | O_DIRECTORY, above) == error::lockViolation)
+        return error::lockViolation;
+    Descriptor itself;
     const std::string native = NativePathOf(directory);
-    const Error result = TakeLock(native, O_RDONLY | O_DIRECTORY, lock);
+    Error result = TakeLock(native, O_RDONLY | O_DIRECTORY, itself);
     // NFS locks only what is open for writing, which no directory can be.
-    if (result != error::invalidHandle) return result;
-    return TakeLock(fs::path(native) / Utf8FromWide(fileName), O_RDWR | O_CREAT, lock);
+    if (result == error::invalidHandle)
+        result = TakeLock(fs::path(native) / Utf8FromWide(fileName), O_RDWR | O_CREAT, itself);
+    if (result != error::success) return result;
+    lock.directory = FileHandleOf(itself.Release());
+    if (above) lock.place = FileHandleOf(above.Release());
+    return error::success;
 }
 
-Error FindDirectoryLock(std::u16string_view directory, std::u16string_view fileName, std::uint32_t& processId) {
-    processId = 0;
+Error FindDirectoryLock(std::u16string_view directory, std::u16string_view place, std::u16string_view fileName,
+                        std::vector<std::uint32_t>& processes) {
+    processes.clear();
     const std::string native = NativePathOf(directory);
-    const Error result = FindExclusiveLock(native, processId);
-    if (result != error::fileNotFound) return result;
-    return FindExclusiveLock(fs::path(native) / Utf8FromWide(fileName), processId);
+    Error unknown = error::fileNotFound;
+    for (const std::string& path :
+         {native, NativePathOf(place), (fs::path(native) / Utf8FromWide(fileName)).string()}) {
+        const Error result = FindExclusiveLocks(path, processes);
+        if (result != error::success && result != error::fileNotFound) unknown = result;
+    }
+    return processes.empty() ? unknown : error::success;
 }
 
 Error CloseHandle(FileHandle file) {

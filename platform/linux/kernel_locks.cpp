@@ -1,9 +1,12 @@
 #include "platform/linux/kernel_locks.h"
 
+#include <cerrno>
+#include <filesystem>
 #include <sstream>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 
+#include "platform/linux/linux.h"
 #include "platform/linux/system_file.h"
 
 namespace platform {
@@ -36,21 +39,28 @@ bool IsOn(const KernelLock& lock, const struct stat& file) {
     return lock.major == 0 || lock.minor == minor(file.st_dev);
 }
 
+/// Only there the kernel lists the locks of all processes. The number of that namespace is the same on each computer.
+bool IsInFirstProcessNamespace() {
+    std::error_code unreadable;
+    return std::filesystem::read_symlink("/proc/self/ns/pid", unreadable) == "pid:[4026531836]";
+}
+
 }  // namespace
 
-Error FindExclusiveLock(const std::string& path, std::uint32_t& processId) {
+Error FindExclusiveLocks(const std::string& path, std::vector<std::uint32_t>& processes) {
     struct stat file {};
-    if (stat(path.c_str(), &file) != 0) return error::fileNotFound;
+    if (stat(path.c_str(), &file) != 0)
+        return errno == ENOENT || errno == ENOTDIR ? error::fileNotFound : ErrorFromErrno(errno);
     const std::optional<std::string> locks = ReadSystemFile("/proc/locks");
     if (!locks) return error::notSupported;
     std::istringstream lines(*locks);
+    const std::size_t before = processes.size();
     for (std::string line; std::getline(lines, line);) {
         KernelLock lock;
-        if (!ParseLock(line, lock) || !IsOn(lock, file)) continue;
-        processId = lock.processId;
-        return error::success;
+        if (ParseLock(line, lock) && IsOn(lock, file)) processes.push_back(lock.processId);
     }
-    return error::fileNotFound;
+    if (processes.size() > before) return error::success;
+    return IsInFirstProcessNamespace() ? error::fileNotFound : error::notSupported;
 }
 
 }  // namespace platform

@@ -245,8 +245,9 @@ Error BringToDisk(const std::wstring& path) {
 
 /// Who locks does not share deleting, which tells, and keeps its number to itself. A lock that is asked for at this
 /// very moment looks again and finds the file free.
-Error FindDirectoryLock(std::u16string_view directory, std::u16string_view fileName, std::uint32_t& processId) {
-    processId = 0;
+Error FindDirectoryLock(std::u16string_view directory, std::u16string_view /*place*/, std::u16string_view fileName,
+                        std::vector<std::uint32_t>& processes) {
+    processes.clear();
     const std::wstring path = NativePathOf(std::u16string(directory) + u'\\' + std::u16string(fileName));
     const SystemHandle file =
         OwnedFile(::CreateFileW(path.c_str(), DELETE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
@@ -259,8 +260,9 @@ Error FindDirectoryLock(std::u16string_view directory, std::u16string_view fileN
 
 /// Deleting is not shared, unlike elsewhere: a file of that name that is made later could be locked beside this one. A
 /// locked byte can be read by its owner alone, so it lies far behind the end of the file.
-Error LockDirectory(std::u16string_view directory, std::u16string_view fileName, FileHandle& lock) {
-    lock = 0;
+Error LockDirectory(std::u16string_view directory, std::u16string_view /*place*/, std::u16string_view fileName,
+                    DirectoryLock& lock) {
+    lock = {};
     const std::wstring path = NativePathOf(std::u16string(directory) + u'\\' + std::u16string(fileName));
     SystemHandle file;
     const Error refusal = PastOthers([&]() -> BOOL {
@@ -273,7 +275,7 @@ Error LockDirectory(std::u16string_view directory, std::u16string_view fileName,
     where.OffsetHigh = 0x40000000;
     if (!::LockFileEx(file.get(), LOCKFILE_EXCLUSIVE_LOCK | LOCKFILE_FAIL_IMMEDIATELY, 0, 1, 0, &where))
         return LastError();
-    lock = reinterpret_cast<FileHandle>(file.Release());
+    lock.directory = reinterpret_cast<FileHandle>(file.Release());
     return error::success;
 }
 

@@ -116,13 +116,13 @@ TEST(AgentRun, WaitsForAnotherOneAndTakesOverAsThingsAreThen) {
     const fs::path log = first.monitoring / "logs" / "agent.log";
     const std::string holder = TestAgent::Read(lock);
     const auto logged = [&](const std::string& words) { return first.ReadLog().find(words) != std::string::npos; };
+    fs::remove_all(first.monitoring / "bin");
     second.program = KV_HASTY_AGENT_PROGRAM;  // looks thirty times a second
     second.Start({"/t"});
     EXPECT_TRUE(InstalledAgent::Eventually([&] {
         return logged("The agent of process " + holder.substr(0, holder.find(' ')) + " works in ");
     })) << first.ReadLog();
 
-    fs::remove(lock);
     const fs::path rotated = first.monitoring / "logs" / "agent1.log";
     fs::rename(log, rotated);
     lab::ServerOptions options;
@@ -130,7 +130,7 @@ TEST(AgentRun, WaitsForAnotherOneAndTakesOverAsThingsAreThen) {
     const lab::LabServer server(options);
     first.SetServer(server.port(), u"http");
     InstalledAgent::Pause(200);
-    EXPECT_FALSE(fs::exists(lock)) << "the first one has the lock without the file, too";
+    EXPECT_FALSE(fs::exists(lock)) << "the first one has the lock without file and directory, too";
     const std::string before = TestAgent::Read(rotated);
     first.Kill();
     EXPECT_TRUE(InstalledAgent::Eventually([&] { return logged("Registered with agent key"); })) << first.ReadLog();

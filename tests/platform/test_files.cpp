@@ -143,23 +143,35 @@ TEST_F(FilesTest, AFileIsInUseWhileItIsOpenForWriting) {
 }
 
 TEST_F(FilesTest, OneHandleAtATimeLocksADirectory) {
-    FileHandle locks[2] = {};
-    std::uint32_t holder = 0;
-    fs::create_directory("d");
-    EXPECT_EQ(Files().FindDirectoryLock(u"d\\", u"f", holder), error::fileNotFound);
-    EXPECT_EQ(Files().LockDirectory(u"d\\", u"f", locks[0]), error::success);
-    EXPECT_EQ(Files().FindDirectoryLock(u"d\\", u"f", holder), error::success);
-    EXPECT_TRUE(holder == 0 || holder == Processes().GetCurrentProcessId()) << holder;
-    EXPECT_EQ(Files().LockDirectory(u"d", u"f", locks[1]), error::lockViolation);
-    Write("d/f", "1");
-    EXPECT_EQ(Read("d/f"), "1") << "others write and read it all the same";
-    Files().DeleteFileW(u"d\\f");
-    EXPECT_EQ(Files().LockDirectory(u"d", u"f", locks[1]), error::lockViolation) << "with or without the file";
-    EXPECT_EQ(Files().CloseHandle(locks[0]), error::success);
-    EXPECT_EQ(Files().LockDirectory(u"d", u"f", locks[1]), error::success);
-    Files().CloseHandle(locks[1]);
-    EXPECT_EQ(Files().FindDirectoryLock(u"d", u"f", holder), error::fileNotFound);
-    EXPECT_NE(Files().LockDirectory(u"absent", u"f", locks[1]), error::success);
+    DirectoryLock locks[2];
+    std::vector<std::uint32_t> holders;
+    const auto lockAgain = [&] { return Files().LockDirectory(u"p\\d", u"p", u"f", locks[1]); };
+    const auto isFree = [&] {  // a container does not see the locks of others
+        const Error result = Files().FindDirectoryLock(u"p\\d\\", u"p\\", u"f", holders);
+        return result == error::fileNotFound || result == error::notSupported;
+    };
+    fs::create_directories("p/d");
+    EXPECT_TRUE(isFree());
+    EXPECT_EQ(Files().LockDirectory(u"p\\d\\", u"p\\", u"f", locks[0]), error::success);
+    EXPECT_EQ(Files().FindDirectoryLock(u"p\\d\\", u"p\\", u"f", holders), error::success);
+    for (const std::uint32_t holder : holders) EXPECT_EQ(holder, Processes().GetCurrentProcessId());
+    EXPECT_EQ(lockAgain(), error::lockViolation);
+    Write("p/d/f", "1");
+    EXPECT_EQ(Read("p/d/f"), "1") << "others write and read it all the same";
+    Files().DeleteFileW(u"p\\d\\f");
+    EXPECT_EQ(lockAgain(), error::lockViolation) << "with or without the file";
+    std::error_code inUse;  // where a locked file keeps its directory
+    fs::remove_all("p/d", inUse);
+    fs::create_directory("p/d");
+    EXPECT_EQ(lockAgain(), error::lockViolation) << "another directory of that name";
+    EXPECT_EQ(Files().FindDirectoryLock(u"p\\d", u"p", u"f", holders), error::success);
+    for (const FileHandle handle : {locks[0].directory, locks[0].place})
+        EXPECT_TRUE(handle == 0 || Files().CloseHandle(handle) == error::success);
+    EXPECT_EQ(lockAgain(), error::success);
+    for (const FileHandle handle : {locks[1].directory, locks[1].place})
+        if (handle != 0) Files().CloseHandle(handle);
+    EXPECT_TRUE(isFree());
+    EXPECT_NE(Files().LockDirectory(u"absent", u"p", u"f", locks[1]), error::success);
 }
 
 }  // namespace

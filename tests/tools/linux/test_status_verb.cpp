@@ -125,7 +125,7 @@ TEST_F(StatusVerb, TellsPeopleAndPrograms) {
 TEST_F(StatusVerb, EndsAsAMonitoringPlugin) {
     const std::string stopped = "collection is stopped since ";
     std::ofstream log;
-    platform::FileHandle lock = 0;
+    platform::DirectoryLock lock;
     const struct {
         const char* title;
         std::function<void()> change;
@@ -204,7 +204,7 @@ TEST_F(StatusVerb, EndsAsAMonitoringPlugin) {
          [&] {
              fs::remove_all(monitoring / "logs");
              EXPECT_EQ(
-                 platform::Files().LockDirectory(platform::WideFromUtf8((monitoring / "bin").string()), u"", lock),
+                 platform::Files().LockDirectory(platform::WideFromUtf8((monitoring / "bin").string()), u"", u"", lock),
                  platform::error::success);
          },
          3, "status.json is missing, although the agent runs"},
@@ -224,7 +224,7 @@ TEST_F(StatusVerb, EndsAsAMonitoringPlugin) {
         words.insert(words.end(), options.begin(), options.end());
         const Outcome outcome = Run(words);
         log.close();
-        if (lock != 0) platform::Files().CloseHandle(std::exchange(lock, 0));
+        if (lock.directory != 0) platform::Files().CloseHandle(std::exchange(lock.directory, 0));
         EXPECT_EQ(outcome.exitCode, exitCode);
         EXPECT_THAT(outcome.output, HasSubstr(text));
         EXPECT_TRUE(std::regex_match(outcome.output, line)) << outcome.output;

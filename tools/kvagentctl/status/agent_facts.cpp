@@ -173,28 +173,14 @@ bool GatherProcess(AgentFacts& facts) {
     return runs;
 }
 
-bool IsAgent(std::uint32_t processId) {
-    std::u16string name;
-    const Error result = platform::Processes().GetProcessName(processId, name);
-    return processId != 0 && result == error::success && name == u"MonitoringAgent";
-}
-
-/// The process that works in a bin directory, by its lock; 0 when none does, or nobody tells.
-std::uint32_t ProcessAtWork(std::u16string_view binPath) {
-    std::uint32_t processId = 0;
-    if (platform::Files().FindDirectoryLock(binPath, lockFileName, processId) == error::fileNotFound) return 0;
-    if (processId == 0) processId = RecordedProcess(binPath);
-    return IsAgent(processId) ? processId : 0;
-}
-
 /// Without settings nobody knows where an agent works. The package's works beside the file of the settings, which
 /// somebody may have deleted.
 void GatherLostAgent(AgentFacts& facts) {
     const std::filesystem::path file = platform::RegistryFile();
     if (file.empty()) return;
-    const std::u16string binPath = (file.parent_path() / "monitoring" / "bin" / "").u16string();
-    const std::uint32_t worker = ProcessAtWork(binPath);
-    if (worker == 0) return;
+    const std::u16string binPath = file.parent_path().u16string() + u"\\monitoring\\bin\\";
+    std::uint32_t worker = 0;
+    if (FindWorkingAgent(binPath, worker) != error::success) return;
     facts.isRunning = true;
     facts.process = fmt::format("process {} in {}, which began with other settings", worker, NativeName(binPath));
 }
@@ -207,13 +193,17 @@ void GatherActivity(AgentFacts& facts, const std::u16string& binPath) {
     facts.isRunning = isServiceActive || hasWriter;
     if (binPath.empty()) return GatherLostAgent(facts);
     if (hasWriter) return;
-    const std::uint32_t worker = ProcessAtWork(binPath);
+    std::uint32_t worker = 0;
+    const Error found = FindWorkingAgent(binPath, worker);
     const std::u16string log = binPath + u"..\\logs\\agent.log";
     const bool isLogOpen = worker == 0 && platform::Files().GetFileUseState(log) == error::sharingViolation;
     facts.isRunning = isServiceActive || worker != 0 || isLogOpen;
     if (!facts.isRunning && !facts.health && facts.healthFailure.empty() && MayExist(log))
         facts.process =
             fmt::format("{} is missing, beside the log of an earlier run", NativeName(HealthFilePath(binPath)));
+    if (!facts.isRunning && facts.healthFailure.empty() && found == error::accessDenied)
+        facts.healthFailure =
+            fmt::format("whether an agent works in {} cannot be told: {}", facts.binPath, ReasonText(found));
     if (!facts.isRunning) return;
     facts.process = worker != 0 ? fmt::format("process {}", worker)
                     : isLogOpen ? fmt::format("a process that keeps {} open", NativeName(log))

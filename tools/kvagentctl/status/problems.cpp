@@ -97,8 +97,9 @@ void Judge::JudgeCollection() {
     if (facts_.isRunning && !health.obstacle.empty() && (facts_.isBinLost || facts_.plan.failure.empty()))
         Add(PluginStatus::critical, "nothing is collected: " + health.obstacle);
     else if (facts_.isBinLost)
-        Add(PluginStatus::critical,
-            facts_.binPath + " does not exist, so nothing is collected; the agent makes it when it is started again");
+        Add(PluginStatus::critical, facts_.binPath + " does not exist, so nothing is collected; " +
+                                        (facts_.isRunning ? "stop the agent and start it again, then it makes it"
+                                                          : "the agent makes it when it is started"));
     if (facts_.isRunning && !health.missingPlan.empty()) Add(PluginStatus::warning, health.missingPlan);
     const std::int64_t end = health.lostRecordTime + attention;
     if (health.lostRecordTime != 0 && facts_.now < end)
