@@ -6,8 +6,10 @@
 #include "agent/bin_directory.h"
 #include "agent/directory_lock.h"
 #include "agent/health_report.h"
+#include "agent/log_file.h"
 #include "foundation/agent_state.h"
 #include "platform/files.h"
+#include "platform/utf.h"
 #include "tests/support/test_agent.h"
 #include "tests/support/virtual_clock.h"
 
@@ -18,6 +20,11 @@ namespace fs = std::filesystem;
 using ::testing::HasSubstr;
 
 struct BinDirectory : test::TestAgent {
+    BinDirectory() {
+        StopLogging();  // Windows renames no folder with an open file
+        agentState.gv_ocAgentBinPath = platform::WideFromUtf8(folder.string()) + u"\\monitoring\\bin\\";
+    }
+
     const fs::path monitoring = folder / "monitoring";
     test::VirtualClock clock;
 };
