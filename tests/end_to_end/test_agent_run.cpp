@@ -78,7 +78,9 @@ TEST(AgentRun, RunsWithoutItsFolderAndAServer) {
     TestAgent::Write(agent.monitoring / "bin", "a file");
     agent.Start({"/t"});
     EXPECT_TRUE(InstalledAgent::Eventually([&] { return logged("bin is not a directory. The agent collects"); }));
-    EXPECT_NE(TestAgent::Read(agent.monitoring / "logs/status.json").find("bin is not a directory"), std::string::npos);
+    const fs::path status = agent.monitoring / "logs/status.json";
+    EXPECT_TRUE(InstalledAgent::Eventually(
+        [&] { return TestAgent::Read(status).find("bin is not a directory") != std::string::npos; }));
     fs::remove(agent.monitoring / "bin");
     EXPECT_TRUE(InstalledAgent::Eventually([&] { return !RecordFiles(agent).empty(); })) << agent.ReadLog();
     EXPECT_TRUE(logged("Unable to locate the directory") && logged("sleeping for 1 minute")) << agent.ReadLog();

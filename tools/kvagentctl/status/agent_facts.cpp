@@ -57,6 +57,13 @@ void GatherNeeded(AgentFacts& facts, const AgentSetting& setting) {
         facts.missingSettings.push_back(title);
 }
 
+/// Whether no directory is there; one that may not be looked at is not lost.
+bool IsLost(std::u16string_view directory) {
+    std::uint32_t attributes = 0;
+    return !IsDirectory(directory) &&
+           platform::Files().GetFileAttributesW(directory, attributes) != error::accessDenied;
+}
+
 void GatherSettings(AgentFacts& facts, std::u16string& binPath) {
     for (const AgentSetting& setting : AgentSettings()) {
         if (setting.use == SettingUse::required) GatherNeeded(facts, setting);
@@ -66,7 +73,7 @@ void GatherSettings(AgentFacts& facts, std::u16string& binPath) {
     if (directory) binPath = *directory + u"monitoring\\bin\\";
     if (directory) facts.binPath = NativeName(binPath);
     facts.isInstallLost = directory && !MayExist(*directory);
-    facts.isBinLost = directory && !facts.isInstallLost && !IsDirectory(binPath);
+    facts.isBinLost = directory && !facts.isInstallLost && IsLost(binPath);
     if (directory) facts.nativeInstall = NativeName(*directory);
     const std::u16string key = Setting(facts, monitoringKeyPath, u"MonitoringAgentKey").value_or(u"");
     if (key != u"NULL" && key != u"HUBCENTER") facts.key = Utf8FromWide(key);
