@@ -95,6 +95,10 @@ TEST_F(BinDirectory, LeavesTheFilesOfTheAgentThatItWaitsForAlone) {
     EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr(" works in "));
     EXPECT_EQ(sleeps, 2);
     EXPECT_TRUE(HoldsDirectory());
+    const test::Replaced unlockable(&platform::FileOperations::LockDirectory,
+                                    [](auto&&...) { return platform::error::notSupported; });
+    WaitForDirectory();
+    EXPECT_FALSE(HoldsDirectory() || WaitsForDirectory()) << "as the other tests expect it";
 }
 
 }  // namespace
