@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "agent/bin_directory.h"
+#include "agent/health_report.h"
 #include "agent/log_file.h"
 #include "agent/main_thread.h"
 #include "agent/server_details.h"
@@ -16,6 +17,7 @@
 #include "foundation/agent_health.h"
 #include "foundation/agent_state.h"
 #include "foundation/file_utils.h"
+#include "foundation/guarded.h"
 #include "foundation/log.h"
 #include "foundation/registry_failure.h"
 #include "foundation/registry_store.h"
@@ -143,11 +145,19 @@ int RunUnInstall() {
     return 1;
 }
 
+/// Tells a person at the console that the settings are not all there; a service tells its manager.
+void TellOfSettings() {
+    const std::string obstacle = SettingObstacle();
+    if (!obstacle.empty())
+        std::fprintf(stderr, "MonitoringAgent: %s; kvagentctl check tells how to set it\n", obstacle.c_str());
+}
+
 [[noreturn]] void RunInConsole(std::u16string_view argument) {
     MakeMonitoringDirectory();
     OpenLog(agentLog);
     Log3("Going to work in command line %s\n", argument);
     LoadSettings();
+    RunGuarded("TellOfSettings", TellOfSettings);
     agentState.gv_isMainThreadStarted = true;
     CreateNewThread_MSP(InvokeMainThread, nullptr);
     WaitForever();

@@ -195,21 +195,6 @@ const char* PortFault() {
                                                                                         : " is missing";
 }
 
-/// The first required setting that is missing or wrong, in the order in which they are read, and what it is; empty
-/// when all are there. Behind a missing one, none is read.
-std::string SettingObstacle() {
-    const AgentState& state = agentState;
-    if (!state.gv_ServerName) return "no server: KVServerName is missing";
-    if (!state.gv_ServerFlatName) return "no server: KVServerFlatName is missing";
-    if (!state.gv_ServerIPAddress) return "no server: KVServerIPAddress is missing";
-    const std::int32_t port = state.gv_ServerPort;
-    if (port < 1 || port > 65535) return fmt::format("no server: KVServerSecurePort{}", PortFault());
-    if (!state.gv_custID) return "CustomerName is missing, and no setting after it is read";
-    if (!state.gv_LastAccessName.get()) return "no server: KVLastAccessName is missing";
-    if (!state.gv_remoteOfficeName) return "RemoteOfficeName is missing, and no setting after it is read";
-    return {};
-}
-
 /// Whether the first registration is still on its way, so that there is nothing to tell yet. After a period without an
 /// outcome there is.
 bool AwaitsRegistration(const HealthSnapshot& health) {
@@ -369,6 +354,19 @@ void ReportStopInMetrics() {
     Report& report = CurrentReport();
     const std::unique_lock hold = LockInTime(report.metricsLock);
     if (hold) WriteMetrics(report, StoppedHealth());
+}
+
+std::string SettingObstacle() {
+    const AgentState& state = agentState;
+    if (!state.gv_ServerName) return "no server: KVServerName is missing";
+    if (!state.gv_ServerFlatName) return "no server: KVServerFlatName is missing";
+    if (!state.gv_ServerIPAddress) return "no server: KVServerIPAddress is missing";
+    const std::int32_t port = state.gv_ServerPort;
+    if (port < 1 || port > 65535) return fmt::format("no server: KVServerSecurePort{}", PortFault());
+    if (!state.gv_custID) return "CustomerName is missing, and no setting after it is read";
+    if (!state.gv_LastAccessName.get()) return "no server: KVLastAccessName is missing";
+    if (!state.gv_remoteOfficeName) return "RemoteOfficeName is missing, and no setting after it is read";
+    return {};
 }
 
 std::string HealthLine(const HealthSnapshot& health, std::uint64_t waitingZips) {

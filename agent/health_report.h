@@ -16,6 +16,10 @@ namespace kv {
 /// keeps nothing but them waiting. Never returns.
 std::uint32_t ReportHealth(void* ignored);
 
+/// The first required setting that is missing or wrong, in the order in which they are read, and what it is; empty
+/// when all are there. Behind a missing one, none is read.
+std::string SettingObstacle();
+
 /// Writes status.json of an agent that cannot begin its work, at most every ten minutes unless something has changed.
 /// Not where another agent works. Before ReportHealth is started.
 void ReportObstacle();
