@@ -107,8 +107,14 @@ void TellOfWait() {
 }
 
 void TellOfObstacle(Error result) {
+    RunGuarded("ReopenLog", ReopenLog);  // the agent that worked here may have begun another one
     Log1("\t WaitForDirectory :: The directory cannot be locked now: %s (error %d). This one goes on waiting\n",
          platform::MessageInLine(result), result);
+}
+
+/// The bin directory may have gone, or be another one, since this process entered it.
+void EnterBinDirectoryAgain() {
+    RunGuarded("WaitForBinDirectory", [] { static_cast<void>(WaitForBinDirectory()); });
 }
 
 /// Whatever else goes wrong may be over at the next look; to go on without the lock could be beside that agent.
@@ -117,11 +123,13 @@ void WaitForLock() {
     for (Error result = error::lockViolation; result != error::success; result = TryLock()) {
         if (!IsTaken(result) && std::exchange(told, result) != result)
             RunGuarded("WaitForDirectory", [result] { TellOfObstacle(result); });
+        if (!IsTaken(result)) EnterBinDirectoryAgain();
         platform::Clock().Sleep(lookMilliseconds);
     }
 }
 
 void TakeOver() {
+    EnterBinDirectoryAgain();
     RunGuarded("WriteProcessNumber", WriteProcessNumber);
     RunGuarded("ReopenLog", ReopenLog);
     Log1("\t WaitForDirectory :: That agent has ended. This one begins its work\n");

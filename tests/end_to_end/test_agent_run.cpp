@@ -125,6 +125,7 @@ TEST(AgentRun, WaitsForAnotherOneAndTakesOverAsThingsAreThen) {
         return logged("The agent of process " + holder.substr(0, holder.find(' ')) + " works in ");
     })) << first.ReadLog();
 
+    fs::remove_all(first.monitoring / "bin");  // in which the second one stands by now
     const fs::path rotated = first.monitoring / "logs" / "agent1.log";
     fs::rename(log, rotated);
     lab::ServerOptions options;
@@ -140,6 +141,7 @@ TEST(AgentRun, WaitsForAnotherOneAndTakesOverAsThingsAreThen) {
     EXPECT_TRUE(logged("That agent has ended. This one begins its work")) << first.ReadLog();
     EXPECT_EQ(TestAgent::Read(rotated), before);
     EXPECT_NE(TestAgent::Read(lock), "");
+    EXPECT_TRUE(InstalledAgent::Eventually([&] { return !RecordFiles(first).empty(); })) << first.ReadLog();
     second.Kill();
 }
 

@@ -254,7 +254,8 @@ void CountPlan(const HashTable* document, PlanFacts& plan) {
 /// What it means that the agent's own plan does not exist.
 std::string AbsentPlanText(const AgentFacts& facts, const std::u16string& path) {
     if (!facts.plan.isAbsent) return "it does not exist, so that only for slaves is collected";
-    if (facts.isRunning && facts.health && facts.health->obstacle.empty())
+    const bool hasLoaded = facts.health && facts.health->registration == registeredOutcome;
+    if (facts.isRunning && hasLoaded && facts.health->obstacle.empty())
         return "it does not exist; the agent goes on with the one that it loaded before, until its end";
     const std::string neighbour = PlanNeighbourHint(path);
     return "it does not exist, so that nothing is collected; " +
