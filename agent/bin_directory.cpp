@@ -9,6 +9,7 @@
 
 #include "agent/health_report.h"
 #include "agent/log_file.h"
+#include "agent/service.h"
 #include "foundation/agent_health.h"
 #include "foundation/agent_state.h"
 #include "foundation/directory_failure.h"
@@ -18,7 +19,6 @@
 #include "platform/clock.h"
 #include "platform/files.h"
 #include "platform/messages.h"
-#include "platform/service_host.h"
 #include "platform/utf.h"
 
 namespace kv {
@@ -45,8 +45,6 @@ std::u16string BinPath() { return agentState.gv_ocAgentBinPath.value_or(u""); }
 std::u16string_view InstallPathOf(std::u16string_view binPath) {
     return binPath.ends_with(binTail) ? binPath.substr(0, binPath.size() - binTail.size()) : u"";
 }
-
-bool EndsInSeparator(std::u16string_view path) { return path.ends_with(u'\\') || path.ends_with(u'/'); }
 
 /// Behind a separator a link would be followed.
 std::u16string_view WithoutSeparator(std::u16string_view path) {
@@ -104,11 +102,6 @@ std::string BinObstacle() {
     if (std::string fault = MakeBinDirectory(install); !fault.empty()) return fault;
     failure = Files().wchdir(path);
     return failure == directory_error::success ? "" : NativeName(path) + " " + ReasonOf("entered", failure);
-}
-
-void TellServiceManager(const std::string& text) {
-    if (agentState.gv_serviceStatusHandle != 0)
-        platform::ServiceHost().SetStatusText(agentState.gv_serviceStatusHandle, text);
 }
 
 void TellOfObstacle(const std::string& obstacle) {

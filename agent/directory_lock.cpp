@@ -13,6 +13,7 @@
 #include "agent/bin_directory.h"
 #include "agent/log_file.h"
 #include "agent/server_details.h"
+#include "agent/service.h"
 #include "foundation/agent_state.h"
 #include "foundation/file_utils.h"
 #include "foundation/guarded.h"
@@ -22,7 +23,6 @@
 #include "platform/files.h"
 #include "platform/messages.h"
 #include "platform/process.h"
-#include "platform/service_host.h"
 #include "platform/utf.h"
 
 namespace kv {
@@ -85,11 +85,6 @@ std::string HolderName() {
     std::uint32_t number = 0;
     if (FindWorkingAgent(BinPath(), number) != error::success) number = RecordedProcess(BinPath());
     return number != 0 ? "process " + std::to_string(number) : "another process";
-}
-
-void TellServiceManager(const std::string& text) {
-    if (agentState.gv_serviceStatusHandle != 0)
-        platform::ServiceHost().SetStatusText(agentState.gv_serviceStatusHandle, text);
 }
 
 void TellOfWait() {

@@ -182,9 +182,10 @@ int RotateAboveLimit(std::uint32_t /*count*/) {
 /// Nobody would find a line about it in the log.
 void TellOfLostLog() {
     if (std::exchange(isLossSaid, true)) return;
-    std::fprintf(stderr,
-                 "MonitoringAgent: the log %s %s; there is no log until it can be opened, which is tried each minute\n",
-                 platform::Utf8FromWide(Files().NativePath(logState.gv_logPath)).c_str(), LogFault().c_str());
+    std::fprintf(
+        stderr,
+        "MonitoringAgent: the log %s %s; nothing is logged until it can be opened, which is tried each minute\n",
+        platform::Utf8FromWide(Files().NativePath(logState.gv_logPath)).c_str(), LogFault().c_str());
 }
 
 /// Opens the log in the place of one that was lost, or could not be opened. False when that fails. Called with

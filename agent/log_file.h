@@ -19,7 +19,7 @@ void ReopenLog();
 
 /// Begins the log again, with its folder, when its file is not where it was: somebody has deleted it or moved it away,
 /// and nobody would find what is written from then on. Also tries to open one that could not be opened. While that
-/// fails there is no log, which standard error tells once. Callable from any thread.
+/// fails nothing is logged, which standard error tells once. Callable from any thread.
 void ReopenDeletedLog();
 
 /// Why the log cannot be opened, behind its name, found out by another attempt: "is a directory".

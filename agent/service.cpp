@@ -130,6 +130,11 @@ std::uint32_t HandlerEx(std::uint32_t control, std::uint32_t /*eventType*/, void
     return 0;
 }
 
+void TellServiceManager(const std::string& text) {
+    if (agentState.gv_serviceStatusHandle != 0)
+        platform::ServiceHost().SetStatusText(agentState.gv_serviceStatusHandle, text);
+}
+
 bool ChangeServiceStatus(ServiceState state) {
     namespace accepts = platform::service_accepts;
     Log3("\t Inside ChangeServiceStatus() \n");

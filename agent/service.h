@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 #include "platform/service_status.h"
 
@@ -22,6 +23,10 @@ std::uint32_t HandlerEx(std::uint32_t control, std::uint32_t eventType, void* ev
 
 /// Reports a state to the service manager; false with a log line when that fails. Callable from any thread.
 bool ChangeServiceStatus(platform::ServiceState state);
+
+/// Tells the service manager in a line what the agent does, for people; nothing where none started it. Callable from
+/// any thread.
+void TellServiceManager(const std::string& text);
 
 /// Thread body of a stop: saves the counters, tells the server if that is wanted, saves the counters again, and
 /// releases the state; always 1. A std::exception ends one of these steps, with a log line.

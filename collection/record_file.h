@@ -47,7 +47,7 @@ std::optional<std::u16string> WriteRecordFile(std::u16string_view dataDirectory,
 /// Counts a record, by the outcome of writing its file. A record that begins to be lost, or for another reason, has a
 /// line with its name in the plan, its file and the reason; true then. The same loss in the next period has none. Once
 /// that record is written again, a line says how many were lost: the first one may have met a full disk, too. Throws
-/// nothing: without memory there is no line.
+/// nothing; when memory runs out, the line is left out.
 bool TellRecordOutcome(const char* caller, const RecordIdentity& record, std::u16string_view path,
                        platform::Error outcome) noexcept;
 

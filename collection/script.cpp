@@ -190,7 +190,7 @@ bool MayRun(std::u16string_view fileName, const OptionalText& recordName) {
 
 /// The last line about a script's run, or that its file is absent.
 std::u16string ReasonOfFailure(const std::u16string& path, std::u16string remarks) {
-    if (!CheckFileExists(path)) return ConcatStrings(u"there is no file ", platform::Files().NativePath(path));
+    if (!CheckFileExists(path)) return ConcatStrings(platform::Files().NativePath(path), u" does not exist");
     while (!remarks.empty() && (remarks.back() == u'\n' || remarks.back() == u' ')) remarks.pop_back();
     return remarks;
 }

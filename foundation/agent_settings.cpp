@@ -241,11 +241,9 @@ std::string PasswordDoubt(std::u16string_view encoded) {
     return hasControl ? fmt::format("decodes to a text with a control character; {}", next) : "";
 }
 
-bool EndsInSlash(std::u16string_view path) { return path.ends_with(u'\\') || path.ends_with(u'/'); }
-
 /// Whether a directory is the one that the agent looks for below it.
 bool IsMonitoringFolder(std::u16string_view directory) {
-    while (EndsInSlash(directory)) directory.remove_suffix(1);
+    while (EndsInSeparator(directory)) directory.remove_suffix(1);
     const std::u16string_view name = directory.substr(directory.find_last_of(u"\\/") + 1);
     return SameText(name, u"monitoring");
 }
@@ -302,7 +300,7 @@ bool SettingTakes(const AgentSetting& setting, std::u16string_view value) {
         case metricsPath:
             return value.empty() || (IsWholePath(value) && !IsAgentFile(value));
         case directory:
-            return IsWholePath(value) && EndsInSlash(value);
+            return IsWholePath(value) && EndsInSeparator(value);
         case host:
             return HostFault(value).empty();
         case optionalHost:

@@ -213,6 +213,8 @@ bool IsWholePath(std::u16string_view path) {
     return isOnDrive || std::filesystem::path(text).is_absolute();
 }
 
+bool EndsInSeparator(std::u16string_view path) { return path.ends_with(u'\\') || path.ends_with(u'/'); }
+
 std::string Utf16LittleEndianBytes(std::u16string_view text) {
     std::string bytes(text.size() * 2, '\0');
     for (std::size_t i = 0; i < text.size(); ++i) {

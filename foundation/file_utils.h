@@ -77,6 +77,9 @@ enum class Readers { ownerAndGroup, everyone };
 /// slash and a backslash are alike, and "c:\" begins a whole path on every system. Throws std::bad_alloc.
 bool IsWholePath(std::u16string_view path);
 
+/// Whether names can be appended to a path.
+bool EndsInSeparator(std::u16string_view path);
+
 /// The bytes of a wide text in UTF-16LE, without a byte order mark.
 std::string Utf16LittleEndianBytes(std::u16string_view text);
 

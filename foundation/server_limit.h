@@ -59,8 +59,8 @@ std::u16string UnfitRequestPattern(std::u16string_view list);
 /// has the brackets of one; empty when none does. Throws std::bad_alloc.
 std::u16string RegularExpression(std::u16string_view list);
 
-/// The first pattern of such a list that can hardly match the name of a
-/// service, or of a script below conf/scripts; empty when each can. Throws std::bad_alloc.
+/// The first pattern of such a list that can hardly match the name of a service, or of a script below conf/scripts;
+/// empty when each can. Throws std::bad_alloc.
 std::u16string UselessPattern(std::u16string_view list, bool areScripts);
 
 /// The first pattern of such a list with a blank in it, where a comma was probably meant; names such as "Some Agent -

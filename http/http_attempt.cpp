@@ -266,20 +266,27 @@ Error ReadRawHeaders(const HttpAttempt& attempt, std::u16string& headers) {
     return failure;
 }
 
+Answerer AnswererOf(const HttpAttempt& attempt) {
+    if (!attempt.target.useProxy) return Answerer::server;
+    if (!attempt.target.secure) return Answerer::either;
+    return PresentedTo(attempt).empty() ? Answerer::proxy : Answerer::server;
+}
+
 namespace {
 
 /// Whether an answer is the proxy's own: it led to no server that shows a certificate, or a plain one says so.
 bool IsOfProxy(const HttpAttempt& attempt, std::uint32_t status) {
-    if (!attempt.target.useProxy) return false;
-    return attempt.target.secure ? PresentedTo(attempt).empty() : status >= 502 && status <= 504;
+    const Answerer answerer = AnswererOf(attempt);
+    return answerer == Answerer::proxy || (answerer == Answerer::either && status >= 502 && status <= 504);
 }
 
 /// Who may have refused a request in the place of the server, behind what was refused; empty without a proxy.
 std::string RefuserText(const HttpAttempt& attempt) {
-    if (!attempt.target.useProxy) return "";
+    const Answerer answerer = AnswererOf(attempt);
+    if (answerer == Answerer::server) return "";
     const std::string proxy = ProxyText(attempt.target);
-    if (!attempt.target.secure) return ", by the server or the " + proxy;
-    return PresentedTo(attempt).empty() ? ", by the " + proxy + ", which did not lead to the server" : "";
+    return answerer == Answerer::either ? ", by the server or the " + proxy
+                                        : ", by the " + proxy + ", which did not lead to the server";
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "http/answerer.h"
 #include "http/http_transaction.h"
 #include "http/server_trust.h"
 #include "platform/http.h"
@@ -82,6 +83,9 @@ platform::Error ReadRawHeaders(const HttpAttempt& attempt, std::u16string& heade
 
 /// The answer's status. A failure and a 407 are logged; what the other statuses mean is up to the caller.
 platform::Error ReadStatus(const HttpAttempt& attempt, std::uint32_t& status);
+
+/// Who has answered. A secure answer is the server's once that has shown its certificate.
+Answerer AnswererOf(const HttpAttempt& attempt);
 
 /// Makes a status that refuses the request the agent's last failure (foundation/agent_health.h).
 void NoteRefusal(const HttpAttempt& attempt, std::uint32_t status);

@@ -27,22 +27,13 @@ std::u16string_view LocationIn(std::u16string_view headers) {
     return u"";
 }
 
-/// Who has given an answer. A secure one is the server's once that has shown its certificate.
-Answerer AnswererOf(const HttpAttempt& attempt) {
-    if (!attempt.target.useProxy) return Answerer::server;
-    if (!attempt.target.secure) return Answerer::either;
-    std::vector<platform::HttpPresentedCertificate> presented;
-    const platform::Error failure = platform::Http().QueryPresentedCertificates(attempt.request.get(), presented);
-    return failure || presented.empty() ? Answerer::proxy : Answerer::server;
-}
-
 /// The scheme of a URL, with its colon; empty when it is relative.
 std::u16string_view SchemeOf(std::u16string_view url) {
     const std::size_t end = url.find_first_of(u":/?#");
     return end != std::u16string_view::npos && url[end] == u':' ? url.substr(0, end + 1) : u"";
 }
 
-/// Takes host and port out of "user@host:port"; false when there is no host or the port is not one.
+/// Takes host and port out of "user@host:port"; false when the host is empty or the port is not from 1 to 65535.
 bool TakeAuthority(std::u16string_view authority, ServerPlace& place) {
     authority.remove_prefix(authority.rfind(u'@') + 1);  // npos + 1 is 0
     const std::size_t bracket = authority.starts_with(u'[') ? authority.find(u']') : 0;

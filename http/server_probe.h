@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 
+#include "http/answerer.h"
 #include "platform/errors.h"
 
 namespace kv {
@@ -22,12 +23,6 @@ struct ServerPlace {
 
 /// A place as people write it, "https://cs.example.com:8443/", in UTF-8.
 std::string UrlOf(const ServerPlace& place);
-
-enum class Answerer {
-    server,
-    proxy,   // which led to no server
-    either,  // of a plain answer through a proxy nobody can tell
-};
 
 /// How a server answers.
 struct ServerAnswer {

@@ -149,9 +149,10 @@ TEST_F(Collection, RunsOnlyScriptsBelowTheScriptsDirectory) {
     ExecuteScript(u"sub..dir\\deep.bat", u"", u"true");
     EXPECT_EQ(Record(1), "ran" + lineEnd);
     ExecuteScript(u"missing.sh", u"", u"yes", u"Lost");
-    EXPECT_TRUE(Logged("the script missing.sh of the record Lost failed: there is no file "));
-    EXPECT_THAT(ReadLastEvents().failure,
-                testing::StartsWith("the script missing.sh of the record Lost failed: there is no file "));
+    const std::string failure = ReadLastEvents().failure;
+    EXPECT_THAT(failure, testing::StartsWith("the script missing.sh of the record Lost failed: "));
+    EXPECT_THAT(failure, testing::EndsWith("missing.sh does not exist"));
+    EXPECT_TRUE(Logged(failure));
     WriteScript("bad.bat", "exit 3");
     ExecuteScript(u"bad.bat", u"", u"yes", u"Bad");
     EXPECT_TRUE(Logged("the script bad.bat of the record Bad failed: Error Code : 3 \n"));

@@ -106,7 +106,7 @@ TEST_F(CollectVerb, SaysWhatIsWrong) {
          R"({"script": "none.sh", "Name": "N", "response_needed": "true"})",
          {},
          1,
-         "the record N failed: there is no file",
+         "/none.sh does not exist",
          ""},
         {"two objects",
          R"({"script": "two.sh", "Name": "N", "response_needed": "true"})",
@@ -169,7 +169,7 @@ TEST_F(CollectVerb, SaysWhatIsWrong) {
          ""},
         {"name", good, {"--record", "Nix"}, 3, "", "no record of the plan is called Nix; there are: System"},
         {"no records", "", {}, 3, "", "the plan has no records"},
-        {"no such plan", good, {plan}, 3, "", "there is no file"},
+        {"no such plan", good, {plan}, 3, "", "does not exist"},
         {"malformed", "{", {}, 1, "", "queryconf.txt"},
     };
     for (const auto& [title, records, words, exitCode, output, errors] : rows) {

@@ -54,7 +54,7 @@ void CheckOwnPlan(Findings& findings) {
 void RunCheck(const Given& given) {
     const std::string plan = commandline::Value(given, "PLAN");
     if (commandline::Has(given, "PLAN") && !MayExist(platform::WideFromUtf8(commandline::NeededValue(given, "PLAN"))))
-        throw commandline::NotFoundError(fmt::format("there is no file '{}'", plan));
+        throw commandline::NotFoundError(fmt::format("'{}' does not exist", plan));
     RefuseDirectory(plan);
     Findings findings;
     bool isReadable = false;

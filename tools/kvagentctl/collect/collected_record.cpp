@@ -86,7 +86,7 @@ bool HasText(json_object* record, const char* key, std::string_view beginning) {
 /// Whether the log says of a script that it was not run: by the agent, or by the shell, which has two exit codes for
 /// that.
 bool WasNotRun(const std::vector<std::string>& log) {
-    constexpr std::string_view signs[] = {" is not run", " failed: there is no file ", " failed: Error Code : 126",
+    constexpr std::string_view signs[] = {" is not run", " does not exist", " failed: Error Code : 126",
                                           " failed: Error Code : 127"};
     return std::any_of(log.begin(), log.end(), [&signs](const std::string& line) {
         return std::any_of(std::begin(signs), std::end(signs),

@@ -115,7 +115,7 @@ std::vector<HashTablePtr> ReadPlans(const Given& given, platform::Error failure)
     const std::string named = Has(given, "PLAN") ? commandline::NeededValue(given, "PLAN") : "";
     std::vector<HashTablePtr> plans;
     if (!named.empty()) {
-        if (!MayExist(WideFromUtf8(named))) throw NotFoundError(fmt::format("there is no file {}", named));
+        if (!MayExist(WideFromUtf8(named))) throw NotFoundError(fmt::format("{} does not exist", named));
         RefuseDirectory(named);
         const NamedPlan file(named);
         plans.push_back(ReadPlan(file.path(), named, std::nullopt));
