@@ -1,7 +1,7 @@
 #include <algorithm>
 
 #include "commandline/run.h"
-#include "lab/kvlab.h"
+#include "lab/commands/kvlab.h"
 
 int main(int count, char** arguments) {
     const int ownName = std::min(count, 1);

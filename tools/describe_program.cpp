@@ -9,7 +9,7 @@
 #include <string_view>
 
 #include "commandline/describe.h"
-#include "lab/kvlab.h"
+#include "lab/commands/kvlab.h"
 #include "tools/kvagentctl/program.h"
 #include "tools/kvreg/kvreg_commands.h"
 

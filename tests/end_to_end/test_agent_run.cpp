@@ -6,7 +6,7 @@
 
 #include "foundation/file_utils.h"
 #include "jsontext/hash_json.h"
-#include "lab/server.h"
+#include "lab/server/server.h"
 #include "platform/utf.h"
 #include "tests/end_to_end/installed_agent.h"
 #include "tests/support/test_agent.h"

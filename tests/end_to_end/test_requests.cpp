@@ -4,8 +4,8 @@
 #include <optional>
 
 #include "foundation/file_utils.h"
-#include "lab/server.h"
-#include "lab/store.h"
+#include "lab/server/server.h"
+#include "lab/store/store.h"
 #include "tests/end_to_end/installed_agent.h"
 #include "tests/support/test_agent.h"
 

@@ -8,7 +8,7 @@
 
 #include "agent/backends.h"
 #include "foundation/file_utils.h"
-#include "lab/server.h"
+#include "lab/server/server.h"
 #include "platform/utf.h"
 #include "tests/end_to_end/installed_agent.h"
 #include "tests/support/snmp_devices.h"

@@ -2,8 +2,8 @@
 #include <gmock/gmock.h>
 
 #include "foundation/registry_store.h"
-#include "lab/record_text.h"
-#include "lab/requests.h"
+#include "lab/store/record_text.h"
+#include "lab/store/requests.h"
 #include "tests/lab/lab_helpers.h"
 #include "tests/support/linux/shell.h"
 

@@ -1,10 +1,10 @@
-#include "lab/requests.h"
+#include "lab/store/requests.h"
 
 #include <algorithm>
 #include <array>
 
 #include "foundation/file_utils.h"
-#include "lab/record_text.h"
+#include "lab/store/record_text.h"
 #include "platform/utf.h"
 
 namespace kv::lab {

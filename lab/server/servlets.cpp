@@ -1,14 +1,11 @@
-#include "lab/servlets.h"
+#include "lab/server/servlets.h"
 
 #include <algorithm>
-#include <charconv>
 #include <optional>
-#include <stdexcept>
 
-#include "lab/archive.h"
-#include "lab/page.h"
-#include "lab/record_text.h"
-#include "lab/requests.h"
+#include "lab/server/archive.h"
+#include "lab/store/record_text.h"
+#include "lab/store/requests.h"
 
 namespace kv::lab {
 
@@ -17,29 +14,10 @@ namespace {
 /// Seconds that agents wait for an SNMP device.
 constexpr const char* snmpTimeout = "5";
 
-constexpr std::int64_t maxApiRecords = 1000;
-
 /// The longest agent key that is accepted.
 constexpr std::size_t maxKeyLength = 100;
 
-constexpr const char* htmlType = "text/html; charset=utf-8";
 constexpr const char* listType = "text/plain; charset=utf-16le";
-
-/// What is wrong with a request, in one line.
-struct BadRequest : std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
-
-std::string Parameter(const ServletRequest& request, const std::string& name) {
-    const auto found = request.query.find(name);
-    return found == request.query.end() ? "" : CleanUtf8(found->second);
-}
-
-std::string RequiredParameter(const ServletRequest& request, const std::string& name) {
-    std::string value = Parameter(request, name);
-    if (value.empty()) throw BadRequest("the parameter " + name + " is missing");
-    return value;
-}
 
 /// Only characters that can stand in a header and in file names are accepted: a key goes into both.
 std::string KeyParameter(const ServletRequest& request, const std::string& name) {
@@ -48,16 +26,6 @@ std::string KeyParameter(const ServletRequest& request, const std::string& name)
     if (key.size() > maxKeyLength || !std::all_of(key.begin(), key.end(), good))
         throw BadRequest("the parameter " + name + " is not an agent key");
     return key;
-}
-
-std::int64_t NumberParameter(const ServletRequest& request, const std::string& name, std::int64_t fallback) {
-    const std::string text = Parameter(request, name);
-    if (text.empty()) return fallback;
-    std::int64_t number = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    if (error != std::errc() || end != text.data() + text.size() || number < 0)
-        throw BadRequest("the parameter " + name + " is not a number");
-    return number;
 }
 
 /// Whether a text is a key. An agent without a key sends one of these two.
@@ -158,13 +126,6 @@ constexpr std::array<Servlet, servletNames.size()> servlets{{{servletNames[0], "
 
 }  // namespace
 
-Answer TextAnswer(int status, const std::string& line) {
-    Answer answer;
-    answer.status = status;
-    answer.body = line + "\n";
-    return answer;
-}
-
 Answer Serve(Store& store, const Enrolment& enrolment, std::string_view servlet, const ServletRequest& request) {
     const auto* const found = std::find_if(servlets.begin(), servlets.end(),
                                            [&](const Servlet& candidate) { return candidate.name == servlet; });
@@ -184,21 +145,6 @@ Answer RefuseBody(Store& store, BodyFault fault, std::string_view servlet, const
     const std::string reason = tooLarge ? "the body is larger than " + std::to_string(maxBodyBytes >> 20) + " MiB"
                                         : "the body did not arrive whole";
     return servlet == "FileCollector" ? Refuse(store, request, status, reason) : TextAnswer(status, reason);
-}
-
-Answer ServePage(Store& store) { return {200, Page(ReadOverview(store)), htmlType, {}}; }
-Answer ServeFragment(Store& store) { return {200, Fragment(ReadOverview(store)), htmlType, {}}; }
-
-Answer ServeRecords(Store& store, const ServletRequest& request) {
-    try {
-        RecordQuery query;
-        query.after = NumberParameter(request, "after", 0);
-        query.agent = Parameter(request, "agent");
-        query.limit = std::min(NumberParameter(request, "limit", maxApiRecords), maxApiRecords);
-        return {200, RecordsJson(RecordsAfter(store, query)), "application/json", {}};
-    } catch (const BadRequest& error) {
-        return TextAnswer(400, error.what());
-    }
 }
 
 }  // namespace kv::lab

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "lab/requests.h"
-#include "lab/store.h"
+#include "lab/store/requests.h"
+#include "lab/store/store.h"
 
 namespace kv::lab {
 

@@ -1,10 +1,10 @@
-#include "lab/page.h"
+#include "lab/page/page.h"
 
 #include <fmt/format.h>
 
 #include "foundation/version.h"
-#include "lab/record_html.h"
-#include "lab/record_text.h"
+#include "lab/page/record_html.h"
+#include "lab/store/record_text.h"
 
 namespace kv::lab {
 

@@ -1,4 +1,4 @@
-#include "lab/schema.h"
+#include "lab/store/schema.h"
 
 #include <array>
 #include <cstdint>

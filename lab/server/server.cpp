@@ -1,4 +1,4 @@
-#include "lab/server.h"
+#include "lab/server/server.h"
 
 #include <arpa/inet.h>
 #include <array>
@@ -14,10 +14,11 @@
 #include <sys/socket.h>
 #include <thread>
 
-#include "lab/archive.h"
-#include "lab/servlets.h"
-#include "lab/store.h"
-#include "lab/tls_files.h"
+#include "lab/page/views.h"
+#include "lab/server/archive.h"
+#include "lab/server/servlets.h"
+#include "lab/server/tls_files.h"
+#include "lab/store/store.h"
 
 namespace kv::lab {
 
@@ -155,18 +156,6 @@ void LabServer::Running::HandleServlet(const httplib::Request& request, httplib:
 }
 
 void LabServer::Running::SetRoutes() {
-    http->Get("/", [this](const httplib::Request&, httplib::Response& response) {
-        Store store = OpenStore(options.database);
-        Send(response, ServePage(store));
-    });
-    http->Get("/fragment", [this](const httplib::Request&, httplib::Response& response) {
-        Store store = OpenStore(options.database);
-        Send(response, ServeFragment(store));
-    });
-    http->Get("/api/records", [this](const httplib::Request& request, httplib::Response& response) {
-        Store store = OpenStore(options.database);
-        Send(response, ServeRecords(store, {request.method, request.path, request.params, {}, request.remote_addr}));
-    });
     for (const char* path : {R"(/servlets/(\w+))", R"(/(conf)/\d+/queryconf\.zip)"}) {
         http->Get(path, [this](const httplib::Request& request, httplib::Response& response) {
             HandleServlet(request, response, Body());
@@ -177,6 +166,12 @@ void LabServer::Running::SetRoutes() {
         // The library would take a form apart, and cannot read it as a whole.
         if (request.is_multipart_form_data()) return Send(response, TextAnswer(400, "the body may not be a form"));
         HandleServlet(request, response, ReadBody(reader));
+    });
+    http->Get(".*", [this](const httplib::Request& request, httplib::Response& response) {
+        Store store = OpenStore(options.database);
+        const std::optional<Answer> answer =
+            ServeView(store, {request.method, request.path, request.params, {}, request.remote_addr});
+        Send(response, answer.value_or(TextAnswer(404, "there is nothing here")));
     });
 }
 

@@ -1,9 +1,9 @@
-#include "lab/record_html.h"
+#include "lab/page/record_html.h"
 
 #include <algorithm>
 #include <vector>
 
-#include "lab/record_text.h"
+#include "lab/store/record_text.h"
 
 namespace kv::lab {
 

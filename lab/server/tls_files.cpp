@@ -1,4 +1,4 @@
-#include "lab/tls_files.h"
+#include "lab/server/tls_files.h"
 
 #include <cerrno>
 #include <cstdio>

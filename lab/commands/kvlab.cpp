@@ -1,8 +1,8 @@
-#include "lab/kvlab.h"
+#include "lab/commands/kvlab.h"
 
 #include <array>
 
-#include "lab/command_line.h"
+#include "lab/commands/command_line.h"
 
 namespace kv::lab {
 

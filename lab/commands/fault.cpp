@@ -3,7 +3,7 @@
 #include <array>
 #include <fmt/format.h>
 
-#include "lab/command_line.h"
+#include "lab/commands/command_line.h"
 
 namespace kv::lab {
 

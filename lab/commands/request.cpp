@@ -2,10 +2,10 @@
 #include <algorithm>
 #include <fmt/format.h>
 
-#include "lab/command_line.h"
-#include "lab/record_text.h"
-#include "lab/request_queue.h"
-#include "lab/requests.h"
+#include "lab/commands/command_line.h"
+#include "lab/commands/request_queue.h"
+#include "lab/store/record_text.h"
+#include "lab/store/requests.h"
 #include "platform/utf.h"
 
 namespace kv::lab {

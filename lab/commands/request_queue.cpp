@@ -1,4 +1,4 @@
-#include "lab/request_queue.h"
+#include "lab/commands/request_queue.h"
 
 #include <cstdlib>
 #include <fmt/format.h>

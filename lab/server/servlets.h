@@ -3,35 +3,14 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <set>
 #include <string>
 #include <string_view>
-#include <utility>
-#include <vector>
 
-#include "lab/store.h"
+#include "lab/page/answer.h"
+#include "lab/store/store.h"
 
 namespace kv::lab {
-
-struct ServletRequest {
-    std::string method;                             // "GET" or "POST"
-    std::string path;                               // without the query
-    std::multimap<std::string, std::string> query;  // decoded
-    std::string_view body;
-    std::string address;  // of the sender
-    bool cut = false;     // only half of the answer will be sent
-};
-
-struct Answer {
-    int status = 200;
-    std::string body;
-    std::string type = "text/plain; charset=utf-8";
-    std::vector<std::pair<std::string, std::string>> headers;
-};
-
-/// An answer with one line of text.
-Answer TextAnswer(int status, const std::string& line);
 
 /// What enrolling agents are told.
 struct Enrolment {
@@ -48,10 +27,5 @@ enum class BodyFault { tooLarge, incomplete };
 
 /// The answer to such a body. It is noted as refused if it was meant for the upload servlet.
 Answer RefuseBody(Store& store, BodyFault fault, std::string_view servlet, const ServletRequest& request);
-
-/// The whole page, its changing part, and records for tools.
-Answer ServePage(Store& store);
-Answer ServeFragment(Store& store);
-Answer ServeRecords(Store& store, const ServletRequest& request);
 
 }  // namespace kv::lab

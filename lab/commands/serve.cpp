@@ -4,9 +4,9 @@
 #include <thread>
 
 #include "commandline/run.h"
-#include "lab/command_line.h"
-#include "lab/record_text.h"
-#include "lab/server.h"
+#include "lab/commands/command_line.h"
+#include "lab/server/server.h"
+#include "lab/store/record_text.h"
 
 namespace kv::lab {
 

@@ -1,4 +1,4 @@
-#include "lab/record_text.h"
+#include "lab/store/record_text.h"
 
 #include <ctime>
 #include <fmt/chrono.h>

@@ -1,8 +1,8 @@
-#include "lab/store.h"
+#include "lab/store/store.h"
 
 #include <chrono>
 
-#include "lab/schema.h"
+#include "lab/store/schema.h"
 
 namespace kv::lab {
 

@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-#include "lab/store.h"
+#include "lab/store/store.h"
 #include "platform/owned_handle.h"
 
 namespace kv::lab {

@@ -6,7 +6,7 @@
 #include <functional>
 #include <string>
 
-#include "lab/command_line.h"
+#include "lab/commands/command_line.h"
 
 namespace kv::lab {
 

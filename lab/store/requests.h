@@ -18,7 +18,7 @@
 #include <utility>
 #include <vector>
 
-#include "lab/store.h"
+#include "lab/store/store.h"
 
 namespace kv::lab {
 

@@ -1,10 +1,10 @@
-#include "lab/archive.h"
+#include "lab/server/archive.h"
 
 #include <array>
 #include <memory>
 #include <zip.h>
 
-#include "lab/record_text.h"
+#include "lab/store/record_text.h"
 #include "platform/owned_handle.h"
 
 namespace kv::lab {

@@ -5,7 +5,7 @@
 #include <string>
 
 #include "commandline/program.h"
-#include "lab/store.h"
+#include "lab/store/store.h"
 
 namespace kv::lab {
 

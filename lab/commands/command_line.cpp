@@ -1,4 +1,4 @@
-#include "lab/command_line.h"
+#include "lab/commands/command_line.h"
 
 #include <cstdio>
 #include <filesystem>
