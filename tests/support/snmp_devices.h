@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -13,6 +14,8 @@
 #include "platform/sockets.h"
 
 namespace kv::test {
+
+class ChildProgram;
 
 /// A child process that answers SNMP at 127.0.0.1. It ends with its object, and with the thread that made it.
 class SnmpProcess {
@@ -23,19 +26,19 @@ class SnmpProcess {
     std::uint16_t port() const { return port_; }
 
   protected:
-    /// Makes a folder, which is removed at the end, and finds a free port.
+    /// Finds a free port.
     SnmpProcess();
     ~SnmpProcess();
 
-    /// Runs a command line of the shell in the folder and waits until a getnext with the community is answered.
-    /// Throws std::runtime_error with what the process printed if it does not answer.
+    /// Runs a command line of the shell in the program's folder and waits until a getnext with the community is
+    /// answered. Throws std::runtime_error with what the process printed if it does not answer.
     void Start(const std::string& commandLine, const std::string& community);
 
-    std::filesystem::path folder_;
+    const std::filesystem::path& folder() const;
 
   private:
+    std::unique_ptr<ChildProgram> program_;
     std::uint16_t port_ = 0;
-    int pid_ = 0;
 };
 
 /// Debian's snmpd with the community "public".
