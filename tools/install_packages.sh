@@ -7,10 +7,11 @@ set -euo pipefail
 
 build=(ca-certificates g++ cmake ninja-build pkg-config ccache zlib1g-dev libjson-c-dev libcurl4-openssl-dev
        libsqlite3-dev libsystemd-dev libmount-dev libedit-dev libfmt-dev libutfcpp-dev libzip-dev libcpp-httplib-dev libssl-dev
-       libcli11-dev nlohmann-json3-dev)
+       libcli11-dev nlohmann-json3-dev libmicrohttpd-dev libpq-dev)
 test=(git libgtest-dev libgmock-dev libbenchmark-dev clang-format clang-tidy openssl unzip python3 rpm
       clang libclang-rt-dev snmpd snmp snmpsim procps iproute2 iputils-ping debhelper lintian systemd systemd-container
-      dbus systemd-journal-remote dmidecode pciutils samba-common-bin)
+      dbus systemd-journal-remote dmidecode pciutils samba-common-bin postgresql prometheus chromium chromium-driver
+      fonts-dejavu-core)
 windows=(git dpkg-dev xz-utils libgtest-dev libgmock-dev openssl unzip snmpd snmp snmpsim g++-mingw-w64-x86-64-posix
          libz-mingw-w64-dev libcli11-dev nlohmann-json3-dev wine wine64 gnutls-bin)
 
@@ -32,8 +33,8 @@ if [ "$(id -u)" -ne 0 ]; then
     command -v sudo >/dev/null || { echo "install_packages: run as root, or install: ${missing[*]}" >&2; exit 1; }
     as_root=(sudo)
 fi
-# The tests start their own snmpd. So that the package's is not started as a service, the programs that would start it do
-# nothing during the installation.
+# The tests start their own snmpd, PostgreSQL and Prometheus. So that the packages' are not started as services, the
+# programs that would start them do nothing during the installation.
 stubs=$(mktemp -d)
 trap 'rm -rf "$stubs"' EXIT
 chmod 755 "$stubs"

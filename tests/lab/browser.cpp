@@ -1,0 +1,82 @@
+#include "tests/lab/browser.h"
+
+#include <chrono>
+#include <csignal>
+#include <fmt/format.h>
+#include <fmt/printf.h>
+#include <regex>
+#include <stdexcept>
+
+#include "lab/store/record_text.h"
+
+namespace kv::lab::test {
+
+namespace {
+
+constexpr auto pageTimeout = std::chrono::minutes(2);  // beside a busy machine
+
+/// Chromium's sandbox refuses to start for root, and its shared memory is too small in a container.
+constexpr const char* newSession = R"({"capabilities":{"alwaysMatch":{"browserName":"chrome","goog:chromeOptions":{
+    "args":["--headless=new","--no-sandbox","--disable-gpu","--disable-dev-shm-usage","--hide-scrollbars",
+            "--user-data-dir=%s"]}}}})";
+
+std::string Quoted(const std::string& text) { return PlainJson(Json(JsonText(text)).get()); }
+
+}  // namespace
+
+Browser::Browser() {
+    std::smatch port;
+    std::string printed;
+    const std::regex announcement("started successfully on port (\\d+)");
+    driver_.Start("env HOME=$PWD chromedriver --port=0", [&] {
+        printed = driver_.Output();
+        return std::regex_search(printed, port, announcement);
+    });
+    client_.emplace("127.0.0.1", std::stoi(port[1]));
+    client_->set_read_timeout(pageTimeout);
+    client_->set_keep_alive(true);
+    const ParsedJson answer =
+        ParseJson(Post("/session", fmt::sprintf(newSession, driver_.folder().string() + "/profile")));
+    json_object* id = nullptr;
+    if (!json_object_object_get_ex(answer.value.get(), "sessionId", &id)) throw std::runtime_error("no session");
+    session_ = json_object_get_string(id);
+}
+
+Browser::~Browser() { client_->Delete("/session/" + session_); }
+
+std::string Browser::Post(const std::string& path, const std::string& body) {
+    const httplib::Result answer = client_->Post(path, body, "application/json");
+    if (!answer) throw std::runtime_error("chromedriver does not answer: " + to_string(answer.error()));
+    if (answer->status != 200) throw std::runtime_error(answer->body);
+    json_object* value = nullptr;
+    const ParsedJson parsed = ParseJson(answer->body);
+    json_object_object_get_ex(parsed.value.get(), "value", &value);
+    return PlainJson(value);
+}
+
+std::string Browser::Command(const std::string& name, const std::string& parameters) {
+    return Post("/session/" + session_ + "/goog/cdp/execute",
+                fmt::format(R"({{"cmd":"{}","params":{}}})", name, parameters));
+}
+
+void Browser::SetView(int width, int height, bool dark) {
+    Command("Emulation.setDeviceMetricsOverride",
+            fmt::format(R"({{"width":{},"height":{},"deviceScaleFactor":1,"mobile":false}})", width, height));
+    Command("Emulation.setEmulatedMedia",
+            fmt::format(R"({{"features":[{{"name":"prefers-color-scheme","value":"{}"}}]}})", dark ? "dark" : "light"));
+}
+
+void Browser::Open(const std::string& address) {
+    Post("/session/" + session_ + "/url", fmt::format(R"({{"url":{}}})", Quoted(address)));
+}
+
+std::string Browser::Run(const std::string& script) {
+    return Post("/session/" + session_ + "/execute/sync", fmt::format(R"({{"script":{},"args":[]}})", Quoted(script)));
+}
+
+std::string Browser::RunText(const std::string& script) {
+    const ParsedJson text = ParseJson(Run(script));
+    return json_object_is_type(text.value.get(), json_type_string) ? json_object_get_string(text.value.get()) : "";
+}
+
+}  // namespace kv::lab::test
