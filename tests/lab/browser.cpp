@@ -1,9 +1,10 @@
 #include "tests/lab/browser.h"
 
+#include <algorithm>
 #include <chrono>
-#include <csignal>
 #include <fmt/format.h>
 #include <fmt/printf.h>
+#include <openssl/evp.h>
 #include <regex>
 #include <stdexcept>
 
@@ -19,6 +20,16 @@ constexpr auto pageTimeout = std::chrono::minutes(2);  // beside a busy machine
 constexpr const char* newSession = R"({"capabilities":{"alwaysMatch":{"browserName":"chrome","goog:chromeOptions":{
     "args":["--headless=new","--no-sandbox","--disable-gpu","--disable-dev-shm-usage","--hide-scrollbars",
             "--user-data-dir=%s"]}}}})";
+
+std::string FromBase64(const std::string& text) {
+    std::string bytes(text.size() / 4 * 3, '\0');
+    const int size =
+        EVP_DecodeBlock(reinterpret_cast<unsigned char*>(bytes.data()),
+                        reinterpret_cast<const unsigned char*>(text.data()), static_cast<int>(text.size()));
+    if (size < 0) throw std::runtime_error("the picture is not base64");
+    bytes.resize(static_cast<std::size_t>(size) - static_cast<std::size_t>(std::count(text.begin(), text.end(), '=')));
+    return bytes;
+}
 
 std::string Quoted(const std::string& text) { return PlainJson(Json(JsonText(text)).get()); }
 
@@ -77,6 +88,13 @@ std::string Browser::Run(const std::string& script) {
 std::string Browser::RunText(const std::string& script) {
     const ParsedJson text = ParseJson(Run(script));
     return json_object_is_type(text.value.get(), json_type_string) ? json_object_get_string(text.value.get()) : "";
+}
+
+std::string Browser::Picture() {
+    const ParsedJson answer = ParseJson(Command("Page.captureScreenshot", R"({"captureBeyondViewport":true})"));
+    json_object* data = nullptr;
+    if (!json_object_object_get_ex(answer.value.get(), "data", &data)) throw std::runtime_error("no picture");
+    return FromBase64(json_object_get_string(data));
 }
 
 }  // namespace kv::lab::test

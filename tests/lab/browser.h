@@ -30,6 +30,9 @@ class Browser {
     /// What Run gives as a text, when it is a text.
     std::string RunText(const std::string& script);
 
+    /// The whole page, also what is below the view, as the bytes of a PNG file.
+    std::string Picture();
+
   private:
     std::string Post(const std::string& path, const std::string& body);
     std::string Command(const std::string& name, const std::string& parameters);

@@ -1,0 +1,60 @@
+// Takes pictures of a lab's page for its docs: lab_pictures ADDRESS FOLDER
+#include <cstdio>
+#include <exception>
+#include <fmt/format.h>
+#include <fstream>
+
+#include "tests/lab/browser.h"
+
+namespace {
+
+using kv::lab::test::Browser;
+
+struct View {
+    const char* name;
+    int width;
+    int height;
+    bool dark;
+};
+
+constexpr View views[] = {
+    {"lab-page", 1280, 800, false}, {"lab-page-dark", 1280, 800, true}, {"lab-page-narrow", 400, 800, false}};
+
+void Keep(Browser& browser, const std::string& folder, const char* name) {
+    const std::string path = fmt::format("{}/{}.png", folder, name);
+    const std::string picture = browser.Picture();
+    std::ofstream file(path, std::ios::binary);
+    file.write(picture.data(), static_cast<std::streamsize>(picture.size()));
+    if (!file.flush()) throw std::runtime_error("cannot write " + path);
+    fmt::print("{}\n", path);
+}
+
+void TakePictures(const std::string& address, const std::string& folder) {
+    Browser browser;
+    for (const View& view : views) {
+        browser.SetView(view.width, view.height, view.dark);
+        browser.Open(address);
+        Keep(browser, folder, view.name);
+    }
+    browser.SetView(1280, 800);
+    const std::string plot = browser.RunText("return document.querySelector('a[href^=\"/plot\"]')?.href");
+    if (plot.empty()) return;
+    browser.Open(plot);
+    Keep(browser, folder, "lab-plot");
+}
+
+}  // namespace
+
+int main(int count, char** arguments) {
+    if (count != 3) {
+        std::fputs("usage: lab_pictures ADDRESS FOLDER\n", stderr);
+        return 2;
+    }
+    try {
+        TakePictures(arguments[1], arguments[2]);
+        return 0;
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "lab_pictures: %s\n", error.what());
+        return 1;
+    }
+}
