@@ -1,9 +1,9 @@
 #include "lab/page/views.h"
 
 #include <algorithm>
-#include <array>
 
 #include "lab/page/page.h"
+#include "lab/page/table.h"
 #include "lab/store/record_text.h"
 
 namespace kv::lab {
@@ -25,21 +25,71 @@ Answer ServeRecords(Store& store, const ServletRequest& request) {
     return {200, RecordsJson(RecordsAfter(store, query)), "application/json", {}};
 }
 
+Table AgentTable(Store& store, const ServletRequest&) {
+    Table table{"agents",
+                {{"agent", "Agent"},
+                 {"name", "Name"},
+                 {"dns", "DNS name"},
+                 {"address", "Address"},
+                 {"os", "Operating system"},
+                 {"customer", "Customer"},
+                 {"office", "Office"},
+                 {"first_contact", "First contact"},
+                 {"last_contact", "Last contact"},
+                 {"status", "Status"}},
+                {}};
+    for (const Agent& agent : Agents(store)) {
+        const AgentDetails& details = agent.details;
+        table.rows.push_back({details.key, details.id, details.dns, details.address, details.osName, details.customer,
+                              details.office, Moment{agent.firstContact}, Moment{agent.lastContact}, agent.status});
+    }
+    return table;
+}
+
 struct View {
     std::string_view path;
     Answer (*serve)(Store&, const ServletRequest&);
 };
 
-constexpr std::array<View, 3> views{{{"/", ServePage}, {"/fragment", ServeFragment}, {"/api/records", ServeRecords}}};
+/// Each of these is answered at the path itself.
+constexpr View views[]{
+    {"/", ServePage},
+    {"/fragment", ServeFragment},
+    {"/api/records", ServeRecords},
+};
+
+struct TableView {
+    std::string_view path;
+    Table (*make)(Store&, const ServletRequest&);
+};
+
+/// Each of these is answered at its path with ".csv" and ".json".
+constexpr TableView tables[]{
+    {"/agents", AgentTable},
+};
+
+std::optional<TableFormat> FormatOf(std::string_view path, std::string_view tablePath) {
+    if (!path.starts_with(tablePath)) return std::nullopt;
+    const std::string_view rest = path.substr(tablePath.size());
+    if (rest == ".csv") return TableFormat::csv;
+    if (rest == ".json") return TableFormat::json;
+    return std::nullopt;
+}
+
+std::optional<Answer> FindAndServe(Store& store, const ServletRequest& request) {
+    for (const View& view : views)
+        if (view.path == request.path) return view.serve(store, request);
+    for (const TableView& table : tables)
+        if (const auto format = FormatOf(request.path, table.path))
+            return TableAnswer(table.make(store, request), *format);
+    return std::nullopt;
+}
 
 }  // namespace
 
 std::optional<Answer> ServeView(Store& store, const ServletRequest& request) {
-    const auto* const found =
-        std::find_if(views.begin(), views.end(), [&](const View& view) { return view.path == request.path; });
-    if (found == views.end()) return std::nullopt;
     try {
-        return found->serve(store, request);
+        return FindAndServe(store, request);
     } catch (const BadRequest& error) {
         return TextAnswer(400, error.what());
     }

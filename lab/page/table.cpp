@@ -1,0 +1,126 @@
+#include "lab/page/table.h"
+
+#include <cmath>
+#include <fmt/format.h>
+
+#include "lab/page/record_html.h"
+#include "lab/store/record_text.h"
+
+namespace kv::lab {
+
+namespace {
+
+/// Calls of one name for each type of cell.
+template <class... Writers>
+struct CellVisitor : Writers... {
+    using Writers::operator()...;
+};
+
+std::string CsvField(const std::string& text) {
+    if (text.find_first_of(",\"\r\n") == std::string::npos) return text;
+    std::string quoted = "\"";
+    for (const char character : text) quoted += character == '"' ? std::string("\"\"") : std::string(1, character);
+    return quoted + '"';
+}
+
+void AddCsvRow(std::string& csv, const std::vector<std::string>& fields) {
+    for (std::size_t at = 0; at < fields.size(); ++at) {
+        if (at > 0) csv += ',';
+        csv += CsvField(fields[at]);
+    }
+    csv += "\r\n";
+}
+
+/// Owned by the caller.
+json_object* JsonCell(const Cell& cell) {
+    return std::visit(CellVisitor{[](std::monostate) -> json_object* { return nullptr; },
+                                  [](const std::string& text) { return JsonText(text); },
+                                  [](std::int64_t number) { return json_object_new_int64(number); },
+                                  [](double number) {
+                                      return std::isfinite(number)
+                                                 ? json_object_new_double_s(number, fmt::format("{}", number).c_str())
+                                                 : nullptr;
+                                  },
+                                  [](bool value) { return json_object_new_boolean(value); },
+                                  [](Moment moment) { return JsonText(UtcText(moment.time)); },
+                                  [](const Link& link) { return JsonText(link.text); }},
+                      cell);
+}
+
+bool IsNumber(const Cell& cell) {
+    return std::holds_alternative<std::int64_t>(cell) || std::holds_alternative<double>(cell);
+}
+
+void AddHtmlCell(std::string& html, const Cell& cell) {
+    html += IsNumber(cell) ? "<td class=num>" : "<td>";
+    if (const Link* link = std::get_if<Link>(&cell)) {
+        Add(html, "<a href=\"{}\">{}</a>", Escape(link->path), Escape(link->text));
+    } else {
+        AddText(html, CellText(cell));
+    }
+    html += "</td>";
+}
+
+}  // namespace
+
+std::string CellText(const Cell& cell) {
+    return std::visit(
+        CellVisitor{[](std::monostate) { return std::string(); }, [](const std::string& text) { return text; },
+                    [](std::int64_t number) { return std::to_string(number); },
+                    [](double number) { return std::isfinite(number) ? fmt::format("{}", number) : std::string(); },
+                    [](bool value) { return std::string(value ? "yes" : "no"); },
+                    [](Moment moment) { return UtcText(moment.time); }, [](const Link& link) { return link.text; }},
+        cell);
+}
+
+void AddHtmlTable(std::string& html, const Table& table) {
+    if (table.rows.empty()) return;
+    html += "<div class=scroll tabindex=0><table>\n<tr>";
+    for (const Column& column : table.columns) Add(html, "<th scope=col>{}</th>", Escape(column.title));
+    html += "</tr>\n";
+    for (const std::vector<Cell>& row : table.rows) {
+        html += "<tr>";
+        for (const Cell& cell : row) AddHtmlCell(html, cell);
+        html += "</tr>\n";
+    }
+    html += "</table></div>\n";
+}
+
+std::string TableCsv(const Table& table) {
+    std::string csv;
+    std::vector<std::string> fields;
+    for (const Column& column : table.columns) fields.push_back(column.name);
+    AddCsvRow(csv, fields);
+    for (const std::vector<Cell>& row : table.rows) {
+        fields.clear();
+        for (const Cell& cell : row) fields.push_back(CellText(cell));
+        AddCsvRow(csv, fields);
+    }
+    return csv;
+}
+
+std::string TableJson(const Table& table) {
+    const Json document(json_object_new_object());
+    json_object* list = json_object_new_array();
+    json_object_object_add(document.get(), table.name.c_str(), list);
+    for (const std::vector<Cell>& row : table.rows) {
+        json_object* item = json_object_new_object();
+        for (std::size_t at = 0; at < row.size(); ++at)
+            json_object_object_add(item, table.columns.at(at).name.c_str(), JsonCell(row[at]));
+        json_object_array_add(list, item);
+    }
+    return PlainJson(document.get());
+}
+
+Answer TableAnswer(const Table& table, TableFormat format) {
+    if (format == TableFormat::csv) return {200, TableCsv(table), "text/csv; charset=utf-8; header=present", {}};
+    return {200, TableJson(table), "application/json", {}};
+}
+
+void AddTableLinks(std::string& html, std::string_view path, std::string_view query) {
+    const std::string target = Escape(query);
+    Add(html, "<span class=formats><a href=\"{0}.csv{1}\">CSV</a> <a href=\"{0}.json{1}\">JSON</a></span>\n",
+        Escape(path), target);
+}
+
+}  // namespace kv::lab
