@@ -11,7 +11,7 @@
 #include "jsontext/hash_json.h"
 #include "lab/commands/command_line.h"
 #include "lab/commands/request_queue.h"
-#include "lab/server/archive.h"
+#include "lab/store/archive.h"
 #include "lab/store/requests.h"
 #include "platform/backend.h"
 #include "platform/utf.h"

@@ -15,9 +15,9 @@
 #include <thread>
 
 #include "lab/page/views.h"
-#include "lab/server/archive.h"
 #include "lab/server/servlets.h"
 #include "lab/server/tls_files.h"
+#include "lab/store/archive.h"
 #include "lab/store/store.h"
 
 namespace kv::lab {

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <optional>
 
-#include "lab/server/archive.h"
+#include "lab/store/archive.h"
 #include "lab/store/record_text.h"
 #include "lab/store/requests.h"
 

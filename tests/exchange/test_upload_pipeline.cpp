@@ -12,7 +12,7 @@
 #include "exchange/upload_pipeline.h"
 #include "foundation/agent_health.h"
 #include "foundation/registry_store.h"
-#include "lab/server/archive.h"
+#include "lab/store/archive.h"
 #include "platform/files.h"
 #include "tests/http/http_peers.h"
 #include "tests/support/virtual_clock.h"

@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "foundation/file_utils.h"
-#include "lab/server/archive.h"
 #include "lab/server/server.h"
+#include "lab/store/archive.h"
 #include "lab/store/store.h"
 #include "platform/utf.h"
 #include "tests/support/test_agent.h"

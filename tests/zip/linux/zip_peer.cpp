@@ -2,7 +2,7 @@
 
 #include <zip.h>
 
-#include "lab/server/archive.h"
+#include "lab/store/archive.h"
 #include "tests/support/test_agent.h"
 
 namespace kv::test {

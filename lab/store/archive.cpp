@@ -1,4 +1,4 @@
-#include "lab/server/archive.h"
+#include "lab/store/archive.h"
 
 #include <array>
 #include <memory>
