@@ -184,7 +184,7 @@ Overview ReadOverview(Store& store) {
             Agents(store),
             Faults(store),
             LatestRefusals(store, pageReports),
-            LatestRequests(store, pageRequests),
+            LatestRequests(store, "", pageRequests),
             LatestActions(store, pageReports),
             LatestAnswers(store, pageReports),
             LatestRecords(store, pageRecords, maxPageTextBytes, previewCharacters)};

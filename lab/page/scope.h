@@ -27,6 +27,9 @@ struct Scope {
     Range range;
     const RangeChoice* choice = &rangeChoices[0];
     Filter filter;
+
+    /// The range to ask for records of: those of clocks that run ahead belong to a range that ends now.
+    Range Records() const { return {range.from, INT64_MAX}; }
 };
 
 /// From range, agent, device, name and failed; the range ends now. BadRequest when the range is not one of the choices.

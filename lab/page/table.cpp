@@ -4,11 +4,13 @@
 #include <fmt/format.h>
 
 #include "lab/page/record_html.h"
-#include "lab/store/record_text.h"
 
 namespace kv::lab {
 
 namespace {
+
+/// A longer text may be broken anywhere, so that it takes no more than its share of a table's width.
+constexpr std::size_t longBytes = 30;
 
 /// Calls of one name for each type of cell.
 template <class... Writers>
@@ -43,7 +45,8 @@ json_object* JsonCell(const Cell& cell) {
                                   },
                                   [](bool value) { return json_object_new_boolean(value); },
                                   [](Moment moment) { return JsonText(UtcText(moment.time)); },
-                                  [](const Link& link) { return JsonText(link.text); }},
+                                  [](const Link& link) { return JsonText(link.text); },
+                                  [](const Marked& marked) { return JsonText(marked.text); }},
                       cell);
 }
 
@@ -51,12 +54,22 @@ bool IsNumber(const Cell& cell) {
     return std::holds_alternative<std::int64_t>(cell) || std::holds_alternative<double>(cell);
 }
 
-void AddHtmlCell(std::string& html, const Cell& cell) {
-    html += IsNumber(cell) ? "<td class=num>" : "<td>";
+/// The classes of style.h for a cell.
+std::string LookOf(const Cell& cell, std::size_t bytes) {
+    if (IsNumber(cell)) return "num";
+    std::string look = bytes > longBytes ? "long" : "";
+    const Marked* const marked = std::get_if<Marked>(&cell);
+    if (marked && marked->mark != Mark::plain) look += marked->mark == Mark::good ? " good" : " bad";
+    return look;
+}
+
+void AddHtmlCell(std::string& html, const Column& column, const Cell& cell) {
+    const std::string text = CellText(cell);
+    Add(html, "<td data-title=\"{}\" class='{}'>", Escape(column.title), LookOf(cell, text.size()));
     if (const Link* link = std::get_if<Link>(&cell)) {
         Add(html, "<a href=\"{}\">{}</a>", Escape(link->path), Escape(link->text));
     } else {
-        AddText(html, CellText(cell));
+        AddText(html, text);
     }
     html += "</td>";
 }
@@ -69,18 +82,21 @@ std::string CellText(const Cell& cell) {
                     [](std::int64_t number) { return std::to_string(number); },
                     [](double number) { return std::isfinite(number) ? fmt::format("{}", number) : std::string(); },
                     [](bool value) { return std::string(value ? "yes" : "no"); },
-                    [](Moment moment) { return UtcText(moment.time); }, [](const Link& link) { return link.text; }},
+                    [](Moment moment) { return UtcText(moment.time); }, [](const Link& link) { return link.text; },
+                    [](const Marked& marked) { return marked.text; }},
         cell);
 }
 
 void AddHtmlTable(std::string& html, const Table& table) {
     if (table.rows.empty()) return;
-    html += "<div class=scroll tabindex=0><table>\n<tr>";
-    for (const Column& column : table.columns) Add(html, "<th scope=col>{}</th>", Escape(column.title));
+    html += "<div class=scroll tabindex=0><table class=grid>\n<tr>";
+    for (std::size_t at = 0; at < table.columns.size(); ++at)
+        Add(html, "<th scope=col{}>{}</th>", IsNumber(table.rows.front()[at]) ? " class=num" : "",
+            Escape(table.columns[at].title));
     html += "</tr>\n";
     for (const std::vector<Cell>& row : table.rows) {
         html += "<tr>";
-        for (const Cell& cell : row) AddHtmlCell(html, cell);
+        for (std::size_t at = 0; at < row.size(); ++at) AddHtmlCell(html, table.columns.at(at), row[at]);
         html += "</tr>\n";
     }
     html += "</table></div>\n";
@@ -99,8 +115,8 @@ std::string TableCsv(const Table& table) {
     return csv;
 }
 
-std::string TableJson(const Table& table) {
-    const Json document(json_object_new_object());
+Json TableDocument(const Table& table) {
+    Json document(json_object_new_object());
     json_object* list = json_object_new_array();
     json_object_object_add(document.get(), table.name.c_str(), list);
     for (const std::vector<Cell>& row : table.rows) {
@@ -109,8 +125,10 @@ std::string TableJson(const Table& table) {
             json_object_object_add(item, table.columns.at(at).name.c_str(), JsonCell(row[at]));
         json_object_array_add(list, item);
     }
-    return PlainJson(document.get());
+    return document;
 }
+
+std::string TableJson(const Table& table) { return PlainJson(TableDocument(table).get()); }
 
 Answer TableAnswer(const Table& table, TableFormat format) {
     if (format == TableFormat::csv) return {200, TableCsv(table), "text/csv; charset=utf-8; header=present", {}};

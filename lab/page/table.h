@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "lab/page/answer.h"
+#include "lab/store/record_text.h"
 
 namespace kv::lab {
 
@@ -22,8 +23,15 @@ struct Link {
     std::string path;  // such as "/record/7", with its query encoded already
 };
 
+/// A text whose colour in HTML says more.
+enum class Mark { plain, good, bad };
+struct Marked {
+    std::string text;
+    Mark mark = Mark::plain;
+};
+
 /// monostate stands for an absent value: an empty cell, and null in JSON. So does a number that is not finite.
-using Cell = std::variant<std::monostate, std::string, std::int64_t, double, bool, Moment, Link>;
+using Cell = std::variant<std::monostate, std::string, std::int64_t, double, bool, Moment, Link, Marked>;
 
 struct Column {
     std::string name;   // in CSV and JSON, such as "last_contact"
@@ -45,7 +53,8 @@ void AddHtmlTable(std::string& html, const Table& table);
 /// By RFC 4180: a line of column names, then the rows, with CR LF.
 std::string TableCsv(const Table& table);
 
-/// { "NAME": [ { "COLUMN": value } ] }
+/// { "NAME": [ { "COLUMN": value } ] }, as a document and as its text.
+Json TableDocument(const Table& table);
 std::string TableJson(const Table& table);
 
 enum class TableFormat { csv, json };

@@ -38,7 +38,7 @@ struct Source {
     bool failed = false;         // its newest record
 };
 
-/// Counts of a range.
+/// Counts of a range. They are of good and failed records alike: failedOnly changes nothing.
 struct Summary {
     std::int64_t agents = 0;
     std::int64_t agentsInContact = 0;  // that called since contactSince
@@ -48,6 +48,7 @@ struct Summary {
     std::int64_t records = 0;
     std::int64_t failedRecords = 0;
     std::int64_t firstCollected = 0;  // of the oldest record in the range; 0 without records
+    std::int64_t lastCollected = 0;   // of the newest record, also before the range; 0 without records
 };
 Summary Summarize(Store& store, const Range& range, const Filter& filter, std::int64_t contactSince);
 
@@ -61,11 +62,16 @@ struct Problem {
     std::int64_t goodSince = 0;   // when the source sent the first good record after it; 0 if not yet
 };
 
+struct Problems {
+    std::vector<Problem> problems;  // those that still fail before those that are good again, each the latest first
+    std::int64_t more = 0;          // problems that are left out
+};
+
 /// Only the newest failures of a range are looked at, this many.
 inline constexpr std::int64_t maxProblemRecords = 20000;
 
-/// Those that still fail before those that are good again, each the latest first.
-std::vector<Problem> Problems(Store& store, const Range& range, const Filter& filter);
+/// At most `limit` problems.
+Problems ReadProblems(Store& store, const Range& range, const Filter& filter, std::size_t limit);
 
 /// The records of one source within one of the equal parts of a range.
 struct Tick {
@@ -89,8 +95,8 @@ struct Tracks {
     std::int64_t more = 0;      // sources that are left out
 };
 
-/// The sources that sent records within the range, at most `limit` of them: then those that fail now come first. A tick
-/// is part milliseconds long and begins at a multiple of it.
+/// The sources that sent records within the range, with failedOnly those that sent failed ones, at most `limit` of
+/// them: then those that fail now come first. A tick is part milliseconds long and begins at a multiple of it.
 Tracks ReadTracks(Store& store, const Range& range, const Filter& filter, std::int64_t part, std::int64_t limit);
 
 struct HistoryRecord {
@@ -103,9 +109,7 @@ struct HistoryRecord {
     std::string zip;
     std::string file;
     std::int64_t bytes = 0;
-    std::string start;  // of its text, startCharacters of it
 };
-inline constexpr std::int64_t startCharacters = 200;
 
 /// Where a page of records begins: after this one, in the order of ReadHistory.
 struct HistoryPlace {
@@ -117,6 +121,12 @@ struct HistoryPlace {
 std::vector<HistoryRecord> ReadHistory(Store& store, const Range& range, const Filter& filter,
                                        const HistoryPlace& after, std::int64_t limit);
 
+/// Those with a number above `after`, in order; of any time.
+std::vector<HistoryRecord> ReadHistoryAfter(Store& store, const Filter& filter, std::int64_t after, std::int64_t limit);
+
+/// The text of a record; absent when the database does not hold it.
+std::optional<RecordText> ReadContent(Store& store, std::int64_t number);
+
 /// One record with its whole text, and its neighbours among the records of its source; 0 where there is no neighbour.
 struct WholeRecord {
     HistoryRecord record;
@@ -125,6 +135,9 @@ struct WholeRecord {
     std::int64_t newer = 0;
 };
 std::optional<WholeRecord> ReadWholeRecord(Store& store, std::int64_t number);
+
+/// Agents that registered since `since` and have uploaded nothing yet, the latest first.
+std::vector<Agent> AgentsWithoutUpload(Store& store, std::int64_t since);
 
 /// What there is to filter by: agents, devices and names that sent records, each list at most `limit` long.
 struct FilterChoices {

@@ -181,9 +181,28 @@ std::vector<Request> Requests(Store& store, std::string_view agent) {
     return ReadRequests(rows);
 }
 
-std::vector<Request> LatestRequests(Store& store, std::int64_t limit) {
-    Statement rows(store.connection.get(), std::string(requestColumns) + "ORDER BY number DESC LIMIT ?", limit);
+std::vector<Request> LatestRequests(Store& store, std::string_view agent, std::int64_t limit) {
+    Statement rows(store.connection.get(),
+                   std::string(requestColumns) + "WHERE ?1 = '' OR agent = ?1 ORDER BY number DESC LIMIT ?2", agent,
+                   limit);
     return ReadRequests(rows);
+}
+
+std::vector<std::pair<std::string, std::int64_t>> RequestStates(Store& store) {
+    Statement rows(store.connection.get(), "SELECT state, count(*) FROM request GROUP BY state ORDER BY state");
+    std::vector<std::pair<std::string, std::int64_t>> states;
+    while (rows.Step()) states.emplace_back(rows.text(0), rows.number(1));
+    return states;
+}
+
+std::vector<Report> AnswersTo(Store& store, const Request& request, std::int64_t limit) {
+    Statement rows(store.connection.get(),
+                   "SELECT agent, action, request_id, text, time FROM answer WHERE agent = ? AND request_id = ? "
+                   "ORDER BY number DESC LIMIT ?",
+                   request.agent, request.id, limit);
+    std::vector<Report> answers;
+    while (rows.Step()) answers.push_back({rows.text(0), rows.text(1), rows.text(2), rows.text(3), rows.number(4)});
+    return answers;
 }
 
 }  // namespace kv::lab

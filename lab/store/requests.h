@@ -74,7 +74,13 @@ struct Request {
 /// In the order of adding; an empty agent means all.
 std::vector<Request> Requests(Store& store, std::string_view agent);
 
+/// Newest first; an empty agent means all.
+std::vector<Request> LatestRequests(Store& store, std::string_view agent, std::int64_t limit);
+
+/// How many requests are in each state that some are in.
+std::vector<std::pair<std::string, std::int64_t>> RequestStates(Store& store);
+
 /// Newest first.
-std::vector<Request> LatestRequests(Store& store, std::int64_t limit);
+std::vector<Report> AnswersTo(Store& store, const Request& request, std::int64_t limit);
 
 }  // namespace kv::lab

@@ -1,0 +1,176 @@
+#include "lab/page/records.h"
+
+#include <charconv>
+#include <fmt/format.h>
+
+#include "lab/page/frame.h"
+#include "lab/page/record_html.h"
+#include "lab/store/record_text.h"
+
+namespace kv::lab {
+
+namespace {
+
+constexpr std::size_t shownReasonBytes = 160;
+
+Cell ResultCell(const HistoryRecord& record) {
+    if (!record.failed) return Marked{"good", Mark::good};
+    return Marked{record.reason.empty() ? "failed" : record.reason, Mark::bad};
+}
+
+/// The columns that people look for: time, sender, record, result, size.
+Table ShownTable(const std::vector<HistoryRecord>& records) {
+    Table table{"records",
+                {{"collected", "Collected"},
+                 {"agent", "Agent"},
+                 {"device", "Device"},
+                 {"name", "Record"},
+                 {"result", "Result"},
+                 {"bytes", "Bytes"}},
+                {}};
+    for (const HistoryRecord& record : records) {
+        Cell result = ResultCell(record);
+        std::string& text = std::get<Marked>(result).text;
+        if (text.size() > shownReasonBytes) text = std::string(StartOfText(text, shownReasonBytes)) + "…";
+        table.rows.push_back({Moment{record.collected}, record.source.agent, record.source.device,
+                              Link{NameText(record.source.name), fmt::format("/record/{}", record.number)},
+                              std::move(result), record.bytes});
+    }
+    return table;
+}
+
+void AddNeighbour(std::string& html, std::int64_t number, std::string_view title) {
+    if (number > 0)
+        Add(html, "<a href=/record/{}>{}</a>\n", number, title);
+    else
+        Add(html, "<span class=soft>{}</span>\n", title);
+}
+
+void AddFacts(std::string& html, const HistoryRecord& record) {
+    html += "<div class=fields>";
+    const std::pair<std::string_view, std::string> facts[]{{"agent", record.source.agent},
+                                                           {"device", record.source.device},
+                                                           {"collected", UtcText(record.collected)},
+                                                           {"accepted", UtcText(record.accepted)},
+                                                           {"zip", record.zip},
+                                                           {"file", BaseName(record.file)},
+                                                           {"bytes", std::to_string(record.bytes)}};
+    for (const auto& [name, value] : facts)
+        if (!value.empty()) Add(html, "<span><span>{}</span> {}</span>\n", name, Escape(value));
+    html += "</div>\n";
+}
+
+void AddContent(std::string& html, const RecordText& content) {
+    const bool isSmall = content.text.size() <= maxShownBytes;
+    const ParsedJson parsed = isSmall && content.isJson ? ParseJson(content.text) : ParsedJson();
+    if (parsed.valid) {
+        html += "<div class='card scroll' tabindex=0>";
+        if (json_object_is_type(parsed.value.get(), json_type_object))
+            AddMembers(html, parsed.value.get());
+        else
+            AddValue(html, parsed.value.get(), 0);
+        html += "</div>\n";
+    }
+    const std::string_view start = StartOfText(content.text, maxShownBytes);
+    Add(html, "<details id=text{}><summary>Its text</summary><pre>{}</pre>", parsed.valid ? "" : " open",
+        Escape(start));
+    if (start.size() < content.text.size())
+        Add(html, "<p class=soft>… {} more bytes, all in JSON</p>", content.text.size() - start.size());
+    html += "</details>\n";
+}
+
+}  // namespace
+
+Table RecordTable(const std::vector<HistoryRecord>& records) {
+    Table table{"records",
+                {{"number", "Number"},
+                 {"agent", "Agent"},
+                 {"device", "Device"},
+                 {"name", "Record"},
+                 {"collected", "Collected"},
+                 {"accepted", "Accepted"},
+                 {"failed", "Failed"},
+                 {"reason", "Reason"},
+                 {"zip", "Zip"},
+                 {"file", "File"},
+                 {"bytes", "Bytes"}},
+                {}};
+    for (const HistoryRecord& record : records)
+        table.rows.push_back({record.number, record.source.agent, record.source.device, record.source.name,
+                              Moment{record.collected}, Moment{record.accepted}, record.failed, record.reason,
+                              record.zip, record.file, record.bytes});
+    return table;
+}
+
+std::string RecordsDocument(Store& store, const std::vector<HistoryRecord>& records) {
+    std::vector<HistoryRecord> fitting;
+    std::vector<RecordText> contents;
+    std::size_t bytes = 0;
+    for (const HistoryRecord& record : records) {
+        std::optional<RecordText> content = ReadContent(store, record.number);
+        if (!content) continue;  // pruned meanwhile
+        bytes += content->text.size();
+        fitting.push_back(record);
+        contents.push_back(std::move(*content));
+        if (bytes >= maxDocumentBytes) break;
+    }
+    const Json document = TableDocument(RecordTable(fitting));
+    json_object* list = json_object_object_get(document.get(), "records");
+    for (std::size_t at = 0; at < contents.size(); ++at) {
+        json_object* item = json_object_array_get_idx(list, at);
+        ParsedJson parsed = contents[at].isJson ? ParseJson(contents[at].text) : ParsedJson();
+        json_object_object_add(item, "json", json_object_new_boolean(parsed.valid));
+        json_object_object_add(item, "values", parsed.valid ? parsed.value.release() : JsonText(contents[at].text));
+    }
+    return PlainJson(document.get());
+}
+
+void AddRecords(std::string& html, const std::vector<HistoryRecord>& records, const Scope& scope, std::size_t full) {
+    const std::string query = ScopeQuery(scope);
+    AddSectionTitle(html, "Records, newest first", "/records", query);
+    if (records.empty()) {
+        html += "<p class=soft>No record in this time fits. Try a longer one, or take the filter away.</p>\n";
+        return;
+    }
+    html += "<div class=card>";
+    AddHtmlTable(html, ShownTable(records));
+    html += "</div>\n";
+    if (records.size() >= full)
+        Add(html, "<p><a href=\"/records{}{}before={}\">older</a></p>\n", Escape(query), query.empty() ? "?" : "&amp;",
+            PlaceText(records.back()));
+}
+
+std::string PlaceText(const HistoryRecord& last) { return fmt::format("{}-{}", last.collected, last.number); }
+
+HistoryPlace PlaceOf(const ServletRequest& request) {
+    HistoryPlace place;
+    const std::string text = Parameter(request, "before");
+    if (text.empty()) return place;
+    const char* const end = text.data() + text.size();
+    const auto time = std::from_chars(text.data(), end, place.collected);
+    const bool hasNumber = time.ec == std::errc() && time.ptr != end && *time.ptr == '-';
+    const auto number = hasNumber ? std::from_chars(time.ptr + 1, end, place.number) : time;
+    if (!hasNumber || number.ec != std::errc() || number.ptr != end)
+        throw BadRequest("the parameter before is not a place in the list of records");
+    return place;
+}
+
+void AddWholeRecord(std::string& html, const WholeRecord& whole) {
+    const HistoryRecord& record = whole.record;
+    Add(html, "<div class=title><h2 class={}>", record.failed ? "bad" : "good");
+    if (record.failed)
+        AddText(html, record.reason.empty() ? "failed" : record.reason);
+    else
+        html += "good";
+    html += "</h2><span class=tabs>";
+    AddNeighbour(html, whole.older, "← older");
+    AddNeighbour(html, whole.newer, "newer →");
+    Add(html, "<a href=\"/records{}\">all of its kind</a> <a href=/record/{}.json>JSON</a></span></div>\n",
+        Escape(SourceQuery({}, record.source)), record.number);
+    html += "<div class=card>";
+    AddFacts(html, record);
+    html += "</div>\n";
+    AddContent(html, whole.content);
+}
+
+}  // namespace kv::lab

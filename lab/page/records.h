@@ -1,0 +1,33 @@
+// Records as a list, newest first, and one record with its values.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "lab/page/scope.h"
+#include "lab/page/table.h"
+#include "lab/store/history.h"
+
+namespace kv::lab {
+
+/// A record larger than this is shown in part, as text.
+inline constexpr std::size_t maxShownBytes = 256 * 1024;
+
+Table RecordTable(const std::vector<HistoryRecord>& records);
+
+/// The table as JSON, and with each record "json", whether its text is JSON, and "values": that document, or else the
+/// text. It ends after the record that brings it to maxDocumentBytes of text.
+std::string RecordsDocument(Store& store, const std::vector<HistoryRecord>& records);
+inline constexpr std::size_t maxDocumentBytes = std::size_t{16} << 20;
+
+/// A page of the list, with a way to the older ones when there may be some: a full page has `full` records.
+void AddRecords(std::string& html, const std::vector<HistoryRecord>& records, const Scope& scope, std::size_t full);
+
+/// "1795556400000-17": where the page after these records begins, and back; BadRequest when it cannot be read.
+std::string PlaceText(const HistoryRecord& last);
+HistoryPlace PlaceOf(const ServletRequest& request);
+
+void AddWholeRecord(std::string& html, const WholeRecord& whole);
+
+}  // namespace kv::lab
