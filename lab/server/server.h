@@ -16,8 +16,9 @@
 #include <cstdint>
 #include <memory>
 #include <set>
-#include <stdexcept>
 #include <string>
+
+#include "lab/server/server_error.h"
 
 namespace kv::lab {
 
@@ -29,11 +30,6 @@ struct ServerOptions {
     std::string privateKey;
     std::int64_t timeDiff = 0;          // seconds that agents add to their clock
     std::set<std::string> refusedKeys;  // agents with these keys are told not to run
-};
-
-/// Why the server could not be started, in one line.
-struct ServerError : std::runtime_error {
-    using std::runtime_error::runtime_error;
 };
 
 /// A server that listens, on its own threads, from the end of its construction to its destruction. The destructor ends

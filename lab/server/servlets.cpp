@@ -35,7 +35,7 @@ bool IsKey(std::string key) {
     return key != "HUBCENTER" && key != "NULL";
 }
 
-Answer Register(Store& store, const Enrolment& enrolment, const ServletRequest& request) {
+Answer Register(Store& store, const ServletSettings& settings, const ServletRequest& request) {
     const AgentDetails details{KeyParameter(request, "agentKey"),  Parameter(request, "agentID"),
                                Parameter(request, "agentDNS"),     Parameter(request, "ipAddress"),
                                Parameter(request, "customerName"), Parameter(request, "remoteOffice"),
@@ -45,20 +45,31 @@ Answer Register(Store& store, const Enrolment& enrolment, const ServletRequest& 
     if (!hasKey && details.id.empty()) throw BadRequest("the parameter agentID is missing");
     const std::string key = EnrolAgent(store, details, hasKey);
     Answer answer;
-    answer.headers = {{"timeDiff", std::to_string(enrolment.timeDiff)},
+    answer.headers = {{"timeDiff", std::to_string(settings.timeDiff)},
                       {"AgentKey", key},
-                      {"AgentRun", enrolment.refusedKeys.contains(key) ? "0" : "1"},
+                      {"AgentRun", settings.refusedKeys.contains(key) ? "0" : "1"},
                       {"SNMPTimeout", snmpTimeout}};
     return answer;
 }
 
-void StoreUpload(Store& store, const ServletRequest& request) {
+/// The records of a zip. Waits while uploads together hold too much.
+std::vector<RecordText> ReadRecords(MemoryBudget::Share& memory, std::string_view zip) {
+    std::vector<RecordText> records;
+    ReadArchive(zip, [&](const std::string& name, std::string_view content) {
+        memory.Take(content.size() / 2 * 3);  // what its text takes at most, in UTF-8
+        records.push_back(DecodeRecord(name, content));
+    });
+    return records;
+}
+
+void StoreUpload(Store& store, MemoryBudget& budget, const ServletRequest& request) {
     const std::string key = KeyParameter(request, "AGENTKEY");
     const std::string zip = RequiredParameter(request, "FILENAME");
     if (request.body.empty()) throw BadRequest("the body is empty");
+    MemoryBudget::Share memory(budget);
+    const std::vector<RecordText> records = ReadRecords(memory, request.body);
     StoreDelivery(store, key, zip, [&](const RecordSink& sink) {
-        ReadArchive(request.body,
-                    [&](const std::string& name, std::string_view content) { sink(DecodeRecord(name, content)); });
+        for (const RecordText& record : records) sink(record);
     });
     NoteContact(store, key, request.address);
 }
@@ -68,9 +79,9 @@ Answer Refuse(Store& store, const ServletRequest& request, int status, const std
     return TextAnswer(status, reason);
 }
 
-Answer Upload(Store& store, const Enrolment&, const ServletRequest& request) {
+Answer Upload(Store& store, const ServletSettings& settings, const ServletRequest& request) {
     try {
-        StoreUpload(store, request);
+        StoreUpload(store, settings.unpacked, request);
         return {};
     } catch (const BadRequest& error) {
         return Refuse(store, request, 400, error.what());
@@ -79,7 +90,7 @@ Answer Upload(Store& store, const Enrolment&, const ServletRequest& request) {
     }
 }
 
-Answer UpdateStatus(Store& store, const Enrolment&, const ServletRequest& request) {
+Answer UpdateStatus(Store& store, const ServletSettings&, const ServletRequest& request) {
     const std::string key = KeyParameter(request, "agentKey");
     const std::string status = RequiredParameter(request, "agentStatus");
     NoteContact(store, key, request.address);
@@ -88,7 +99,7 @@ Answer UpdateStatus(Store& store, const Enrolment&, const ServletRequest& reques
 }
 
 /// Takes a posted document or a notice of what was done, or answers the question for the list of requests.
-Answer HandleRequests(Store& store, const Enrolment&, const ServletRequest& request) {
+Answer HandleRequests(Store& store, const ServletSettings&, const ServletRequest& request) {
     const std::string key = KeyParameter(request, "agentKey");
     Report report{key, Parameter(request, "action"), Parameter(request, "requestId"),
                   DecodeRecord("", request.body).text, 0};
@@ -106,7 +117,7 @@ Answer HandleRequests(Store& store, const Enrolment&, const ServletRequest& requ
 }
 
 /// A configuration that an agent was told to download.
-Answer ServeConfiguration(Store& store, const Enrolment&, const ServletRequest& request) {
+Answer ServeConfiguration(Store& store, const ServletSettings&, const ServletRequest& request) {
     std::optional<std::string> zip = Configuration(store, request.path);
     if (!zip) return TextAnswer(404, "there is no such configuration");
     return {200, std::move(*zip), "application/zip", {}};
@@ -115,7 +126,7 @@ Answer ServeConfiguration(Store& store, const Enrolment&, const ServletRequest& 
 struct Servlet {
     std::string_view name;
     std::string_view methods;
-    Answer (*serve)(Store&, const Enrolment&, const ServletRequest&);
+    Answer (*serve)(Store&, const ServletSettings&, const ServletRequest&);
 };
 
 constexpr std::array<Servlet, servletNames.size()> servlets{{{servletNames[0], "GET", Register},
@@ -126,14 +137,14 @@ constexpr std::array<Servlet, servletNames.size()> servlets{{{servletNames[0], "
 
 }  // namespace
 
-Answer Serve(Store& store, const Enrolment& enrolment, std::string_view servlet, const ServletRequest& request) {
+Answer Serve(Store& store, const ServletSettings& settings, std::string_view servlet, const ServletRequest& request) {
     const auto* const found = std::find_if(servlets.begin(), servlets.end(),
                                            [&](const Servlet& candidate) { return candidate.name == servlet; });
     if (found == servlets.end()) return TextAnswer(404, "there is no such servlet");
     if (found->methods.find(request.method) == std::string_view::npos)
         return TextAnswer(405, "this servlet is called with " + std::string(found->methods));
     try {
-        return found->serve(store, enrolment, request);
+        return found->serve(store, settings, request);
     } catch (const BadRequest& error) {
         return TextAnswer(400, error.what());
     }
