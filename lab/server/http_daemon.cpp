@@ -26,6 +26,7 @@
 #include "lab/server/server_error.h"
 #include "lab/server/worker_pool.h"
 #include "lab/store/archive.h"
+#include "platform/memory.h"
 #include "platform/owned_handle.h"
 
 namespace kv::lab {
@@ -287,7 +288,9 @@ void HttpDaemon::Running::Post(MHD_Connection* connection, Exchange& exchange, s
             exchange.request.delayed = true;
             return Post(connection, exchange, outcome.delay);
         }
+        const std::size_t bodyBytes = exchange.request.body.size();
         exchange.request.body = {};
+        platform::ReleaseFreeMemoryAfter(bodyBytes);
         exchange.memory.GiveBack();
         finish(std::move(outcome));
     };

@@ -22,7 +22,7 @@ struct HttpOptions {
     std::string certificate;  // PEM files that TlsFault finds good; with both of them it speaks HTTPS
     std::string privateKey;
     std::size_t workers = 8;
-    std::size_t bodyBudget = std::size_t{512} << 20;  // bytes
+    std::size_t bodyBudget = std::size_t{384} << 20;  // bytes
 };
 
 /// Serves a request, on the thread of a worker, which is numbered from 0 below HttpOptions::workers. It may not throw.

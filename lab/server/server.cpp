@@ -18,8 +18,8 @@ namespace {
 constexpr std::size_t workers = 8;
 
 /// What bodies, and what is unpacked of them, may take together; see MemoryBudget.
-constexpr std::size_t bodyBudget = std::size_t{512} << 20;
-constexpr std::size_t unpackedBudget = std::size_t{512} << 20;
+constexpr std::size_t bodyBudget = std::size_t{384} << 20;
+constexpr std::size_t unpackedBudget = std::size_t{384} << 20;
 
 /// The store of each worker. When the database fails for one, all open theirs again, because a database server that
 /// comes back knows none of its former connections.
