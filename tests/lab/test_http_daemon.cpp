@@ -1,0 +1,189 @@
+// The server's HTTP: what strangers and slow senders do to it, and what it does with many of them.
+#include <arpa/inet.h>
+#include <future>
+#include <gmock/gmock.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "lab/server/http_daemon.h"
+#include "tests/lab/lab_helpers.h"
+#include "tests/support/linux/shell.h"
+
+namespace kv::lab::test {
+
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+/// A connection of a stranger, who sends what he likes.
+class Stranger {
+  public:
+    explicit Stranger(int port) : socket_(socket(AF_INET, SOCK_STREAM, 0)) {
+        sockaddr_in server{};
+        server.sin_family = AF_INET;
+        server.sin_port = htons(static_cast<std::uint16_t>(port));
+        server.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        EXPECT_EQ(connect(socket_, reinterpret_cast<sockaddr*>(&server), sizeof server), 0);
+    }
+    Stranger(int port, std::string_view bytes) : Stranger(port) { Send(bytes); }
+    ~Stranger() { close(socket_); }
+    Stranger(Stranger&& other) noexcept : socket_(std::exchange(other.socket_, -1)) {}
+    Stranger(const Stranger&) = delete;
+    Stranger& operator=(const Stranger&) = delete;
+
+    void Send(std::string_view bytes) const { send(socket_, bytes.data(), bytes.size(), MSG_NOSIGNAL); }
+
+    /// What arrives until the connection ends, or until a text is there.
+    std::string Read(const std::string& until = "") const {
+        std::string text;
+        std::array<char, 4096> part;
+        while (until.empty() || text.find(until) == std::string::npos) {
+            const ssize_t size = recv(socket_, part.data(), part.size(), 0);
+            if (size <= 0) break;
+            text.append(part.data(), static_cast<std::size_t>(size));
+        }
+        return text;
+    }
+
+  private:
+    int socket_;
+};
+
+constexpr const char* uploadHead = "POST /servlets/FileCollector?AGENTKEY=K1&FILENAME=a.zip HTTP/1.1\r\nHost: x\r\n";
+
+class Strangers : public Lab {
+  protected:
+    std::string Ask(const std::string& bytes) const { return Stranger(server->port(), bytes).Read(); }
+    int Status() { return client.Get("/fragment")->status; }
+
+    std::string zip = MakeArchive({{"a.txt", WideBytes("1")}});
+};
+
+TEST_F(Strangers, GetAnAnswerOrAnEnd) {
+    const std::string close = " HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n";
+    const std::string chunked = std::string(uploadHead) + "Connection: close\r\nTransfer-Encoding: chunked\r\n\r\n";
+    const std::tuple<const char*, std::string, const char*> rows[] = {
+        {"another method", "DELETE /" + close, "HTTP/1.1 405 "},
+        {"HEAD of a servlet", "HEAD /servlets/DataAgentHandlerServlet?agentKey=K1" + close, "HTTP/1.1 405 "},
+        {"an unknown path", "GET /nothing" + close, "HTTP/1.1 404 "},
+        {"an escaped NUL", "GET /fragment%00x" + close, "HTTP/1.1 404 "},
+        {"a long path", "GET /" + std::string(100000, 'a') + close, "HTTP/1.1 414 "},
+        {"a large head", "GET / HTTP/1.1\r\nX: " + std::string(100000, 'a') + "\r\n\r\n", "HTTP/1.1 431 "},
+        {"two of a parameter", "GET /servlets/RegisterAgent?agentKey=K1&agentKey=K2" + close, "HTTP/1.1 200 "},
+        {"chunks", chunked + "2\r\nno\r\n5\r\n zip!\r\n0\r\n\r\n", "HTTP/1.1 400 "},
+        {"a broken chunk", chunked + "zz\r\n\r\n", "HTTP/1.1 400 "},
+        {"a request that waits for a word",
+         std::string(uploadHead) + "Content-Length: 0\r\nConnection: close\r\nExpect: 100-continue\r\n\r\n",
+         "HTTP/1.1 "},
+        {"no HTTP", std::string("\x16\x03\x01\0\0\r\n\r\n", 9), ""},
+    };
+    for (const auto& [title, bytes, start] : rows) EXPECT_THAT(Ask(bytes), StartsWith(start)) << title;
+    EXPECT_THAT(Ask("HEAD /" + close), testing::EndsWith("\r\n\r\n")) << "without a body";
+    const std::string next = "GET /nothing HTTP/1.1\r\nHost: x\r\n\r\n";
+    const std::string answers = Ask(next + next + "GET /" + close);
+    EXPECT_LT(answers.find("404"), answers.rfind("404")) << "one after the other";
+    EXPECT_EQ(Agents(store).front().details.key, "K1");
+    EXPECT_EQ(Status(), 200);
+}
+
+TEST_F(Strangers, SeeThatABodyIsTooLarge) {
+    const std::string part(std::size_t{1} << 20, 'x');
+    std::size_t left = (maxBodyBytes >> 20) + 1;
+    const httplib::Result answer = client.Post(
+        "/servlets/FileCollector?AGENTKEY=K1&FILENAME=large", left << 20,
+        [&](std::size_t, std::size_t, httplib::DataSink& sink) {
+            return left-- > 0 && sink.write(part.data(), part.size());
+        },
+        "application/octet-stream");
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(answer->status, 413);
+    EXPECT_EQ(LatestRefusals(store, 9).size(), 1U);
+}
+
+TEST_F(Strangers, HoldNobodyUp) {
+    std::vector<Stranger> strangers;
+    for (int count = 0; count < 700; ++count) {
+        strangers.emplace_back(server->port());
+        strangers.emplace_back(server->port(), "GET / HT");
+        strangers.emplace_back(server->port(), std::string(uploadHead) + "Content-Length: 200000000\r\n\r\nPK");
+    }
+    EXPECT_EQ(Upload(client, "AGENTKEY=K2&FILENAME=b.zip", zip)->status, 200);
+    for (std::size_t half = 1; half < strangers.size(); half += 3) strangers[half].Send("TP/1.1\r\nHost: x\r\n\r\n");
+    for (std::size_t half = 1; half < strangers.size(); half += 3)
+        EXPECT_THAT(strangers[half].Read("</html>"), StartsWith("HTTP/1.1 200 "));
+    strangers.clear();
+    while (LatestRefusals(store, 1).empty() || LatestRefusals(store, 1)[0].times < 700) std::this_thread::yield();
+    EXPECT_EQ(LatestRefusals(store, 1)[0].reason, "the body did not arrive whole");
+}
+
+TEST_F(Strangers, AreAnsweredAsTheFaultSays) {
+    const std::string request = "GET /servlets/RegisterAgent?agentKey=K1 HTTP/1.1\r\nHost: x\r\n\r\n";
+    AddFault(store, {0, "*", FaultKind::status, 503, 1});
+    EXPECT_THAT(Stranger(server->port(), request).Read("set: "), StartsWith("HTTP/1.1 503 "));
+    AddFault(store, {0, "*", FaultKind::drop, 0, 1});
+    EXPECT_EQ(Ask(request), "");
+    AddFault(store, {0, "RegisterAgent", FaultKind::cut, 0, 1});
+    EXPECT_THAT(Ask(request), HasSubstr("AgentKey: K1\r\n"));
+
+    AddFault(store, {0, "*", FaultKind::delay, 3600000, 40});
+    std::vector<Stranger> delayed;
+    for (int count = 0; count < 40; ++count) delayed.emplace_back(server->port(), request);
+    while (!Faults(store).empty()) std::this_thread::yield();
+    EXPECT_EQ(client.Get("/servlets/RegisterAgent?agentKey=K1")->status, 200) << "forty wait without a worker";
+    delayed.pop_back();  // goes away
+    server.reset();
+    for (const Stranger& stranger : delayed) EXPECT_EQ(stranger.Read(), "") << "a delay ends with the server";
+}
+
+TEST_F(Strangers, TalkToAServerWithACertificate) {
+    const std::string key = folder / "key.pem";
+    const std::string certificate = folder / "certificate.pem";
+    kv::test::RunShell("openssl req -x509 -newkey rsa:2048 -nodes -subj /CN=localhost -keyout '" + key + "' -out '" +
+                       certificate + "' 2>/dev/null");
+    const LabServer secure({database, "127.0.0.1", 0, certificate, key, 0, {}});
+    httplib::Client sender("https://127.0.0.1:" + std::to_string(secure.port()));
+    sender.enable_server_certificate_verification(false);
+    const httplib::Result whole = Upload(sender, "AGENTKEY=K1&FILENAME=a.zip", zip);
+    ASSERT_TRUE(whole) << to_string(whole.error());
+    AddFault(store, {0, "*", FaultKind::drop, 0, 1});
+    EXPECT_FALSE(Upload(sender, "AGENTKEY=K1&FILENAME=b.zip", zip));
+    AddFault(store, {0, "*", FaultKind::cut, 0, 1});
+    EXPECT_FALSE(Upload(sender, "AGENTKEY=K1&FILENAME=b.zip", zip)) << "stored, and the agent cannot know";
+    EXPECT_EQ(CountAll(store).zips, 2);
+    EXPECT_THROW(LabServer({database, "127.0.0.1", secure.port(), "", "", 0, {}}), ServerError) << "the port is taken";
+}
+
+TEST_F(Strangers, SeeADatabaseThatFailsAndOneThatIsBack) {
+    sqlite::Execute(store.connection.get(), "ALTER TABLE agent RENAME TO elsewhere");
+    const httplib::Result failed = client.Get("/servlets/RegisterAgent?agentKey=K1");
+    EXPECT_EQ(failed->status, 500);
+    EXPECT_THAT(failed->body, HasSubstr("agent"));
+    sqlite::Execute(store.connection.get(), "ALTER TABLE elsewhere RENAME TO agent");
+    EXPECT_EQ(client.Get("/servlets/RegisterAgent?agentKey=K1")->status, 200);
+}
+
+TEST(HttpDaemon, HasBodiesWaitForRoom) {
+    constexpr std::size_t mebibyte = std::size_t{1} << 20;
+    std::atomic<int> whole = 0;
+    HttpDaemon daemon({"127.0.0.1", 0, "", "", 2, mebibyte}, [&](std::size_t, const HttpRequest& request) {
+        whole += request.body == std::string(3 * mebibyte, 'x') ? 1 : 0;
+        return HttpOutcome();
+    });
+    std::vector<std::future<int>> senders;
+    for (int count = 0; count < 8; ++count) {
+        senders.push_back(std::async(std::launch::async, [&] {
+            httplib::Client sender("127.0.0.1", daemon.port());
+            sender.set_read_timeout(std::chrono::minutes(5));
+            const httplib::Result answer = sender.Post("/", std::string(3 * mebibyte, 'x'), "text/plain");
+            return answer ? answer->status : 0;
+        }));
+    }
+    for (std::future<int>& sender : senders) EXPECT_EQ(sender.get(), 200);
+    EXPECT_EQ(whole, 8);
+}
+
+}  // namespace
+
+}  // namespace kv::lab::test
