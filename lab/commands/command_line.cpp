@@ -6,9 +6,10 @@
 namespace kv::lab {
 
 Store OpenExisting(const Given& given) {
-    const std::string path = NeededValue(given, "--database");
-    if (!std::filesystem::exists(path)) throw NotFoundError("there is no database " + path);
-    return OpenStore(path);
+    const std::string place = NeededValue(given, "--database");
+    if (!IsPostgresPlace(place) && !std::filesystem::exists(place))
+        throw NotFoundError("there is no database " + place);
+    return OpenStore(place);
 }
 
 void PrintLine(const std::string& line) {

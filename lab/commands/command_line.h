@@ -23,8 +23,8 @@ using commandline::Value;
 using commandline::Values;
 using commandline::Word;
 
-inline constexpr Option databaseOption{"--database", "FILE", "the database of a server, which may be running",
-                                       Times::once};
+inline constexpr Option databaseOption{
+    "--database", "FILE", "the database of a server, which may be running: a file, or postgresql://...", Times::once};
 
 /// Opens the database that databaseOption names. NotFoundError when there is no such file.
 Store OpenExisting(const Given& given);

@@ -71,7 +71,8 @@ void RunRecords(const Given& given) {
 }
 
 constexpr Option serveOptions[] = {
-    {"--database", "FILE", "where everything is kept; made if it is missing", Times::once},
+    {"--database", "FILE", "where everything is kept: a file, which is made if it is missing, or postgresql://...",
+     Times::once},
     {"--port", "N", "port to listen on; 0, the default, takes any free one"},
     {"--listen", "ADDRESS", "address to listen on; the default is 127.0.0.1"},
     {"--tls", "CERT_FILE KEY_FILE", "speak HTTPS with this certificate and key, both PEM files"},

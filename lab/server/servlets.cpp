@@ -68,9 +68,7 @@ void StoreUpload(Store& store, MemoryBudget& budget, const ServletRequest& reque
     if (request.body.empty()) throw BadRequest("the body is empty");
     MemoryBudget::Share memory(budget);
     const std::vector<RecordText> records = ReadRecords(memory, request.body);
-    StoreDelivery(store, key, zip, [&](const RecordSink& sink) {
-        for (const RecordText& record : records) sink(record);
-    });
+    StoreDelivery(store, key, zip, records);
     NoteContact(store, key, request.address);
 }
 

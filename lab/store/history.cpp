@@ -9,10 +9,6 @@ namespace kv::lab {
 
 namespace {
 
-using sqlite::Execute;
-using sqlite::QueryNumber;
-using sqlite::Statement;
-
 /// The records of so few sources are read source by source; those of more by going back in time.
 constexpr std::size_t fewSources = 64;
 
@@ -34,9 +30,8 @@ std::int64_t Counts(const std::optional<std::string>& text) { return text ? 1 : 
 /// A statement with the arguments of sourceFits, then others from ?7 on.
 template <class... Arguments>
 Statement Ask(Store& store, const Filter& filter, std::string_view sql, const Arguments&... arguments) {
-    return Statement(store.connection.get(), sql, Counts(filter.agent), filter.agent.value_or(""),
-                     Counts(filter.device), filter.device.value_or(""), Counts(filter.name), filter.name.value_or(""),
-                     arguments...);
+    return Statement(*store.database, sql, Counts(filter.agent), filter.agent.value_or(""), Counts(filter.device),
+                     filter.device.value_or(""), Counts(filter.name), filter.name.value_or(""), arguments...);
 }
 
 bool IsAll(const Filter& filter) { return !filter.agent && !filter.device && !filter.name; }
@@ -47,7 +42,7 @@ Source ReadSource(const Statement& row, int first = 0) {
 }
 
 void CountAgents(Store& store, const Filter& filter, std::int64_t contactSince, Summary& summary) {
-    Statement row(store.connection.get(),
+    Statement row(*store.database,
                   "SELECT count(*), count(*) FILTER (WHERE last_contact >= ? AND status = '') FROM agent "
                   "WHERE ? = 0 OR key = ?",
                   contactSince, Counts(filter.agent), filter.agent.value_or(""));
@@ -75,13 +70,12 @@ constexpr std::string_view recordCounts =
     "SELECT count(*), count(*) FILTER (WHERE r.failed = 1), coalesce(min(r.collected), 0) FROM record r ";
 
 void CountRecords(Store& store, const Range& range, const Filter& filter, Summary& summary) {
-    Statement row = IsAll(filter)
-                        ? Statement(store.connection.get(), Sql({recordCounts, "WHERE r.collected BETWEEN ? AND ?"}),
-                                    range.from, range.to)
-                        : Ask(store, filter,
-                              Sql({recordCounts, "WHERE r.source IN (SELECT s.number FROM source s WHERE ", sourceFits,
-                                   ") AND r.collected BETWEEN ?7 AND ?8"}),
-                              range.from, range.to);
+    Statement row = IsAll(filter) ? Statement(*store.database, Sql({recordCounts, "WHERE r.collected BETWEEN ? AND ?"}),
+                                              range.from, range.to)
+                                  : Ask(store, filter,
+                                        Sql({recordCounts, "WHERE r.source IN (SELECT s.number FROM source s WHERE ",
+                                             sourceFits, ") AND r.collected BETWEEN ?7 AND ?8"}),
+                                        range.from, range.to);
     row.Step();
     summary.records = row.number(0);
     summary.failedRecords = row.number(1);
@@ -108,7 +102,7 @@ std::vector<Problem> GroupFailures(Statement& rows) {
 /// failed for another reason since.
 std::int64_t GoodSince(Store& store, const Source& source) {
     return QueryNumber(
-        store.connection.get(),
+        *store.database,
         "SELECT coalesce(min(collected), 0) FROM record WHERE source = ?1 AND failed = 0 AND collected > "
         "(SELECT coalesce(max(collected), 0) FROM record WHERE source = ?1 AND failed = 1)",
         source.number);
@@ -131,7 +125,7 @@ std::vector<Source> SourcesOf(Store& store, const Range& range, const Filter& fi
 /// Gives the ticks of one source, and their sums.
 Track ReadTrack(Store& store, const Source& source, const Range& range, std::int64_t part) {
     Track track{source, {}, 0, 0};
-    Statement rows(store.connection.get(), R"(
+    Statement rows(*store.database, R"(
         SELECT t.part, t.records, t.failed, coalesce(t.bad, t.newest), coalesce(t.bad_time, t.newest_time),
             coalesce(r.reason, '')
         FROM (SELECT collected / ?4 AS part, count(*) AS records, count(*) FILTER (WHERE failed = 1) AS failed,
@@ -188,7 +182,7 @@ std::vector<HistoryRecord> HistoryBySource(Store& store, const std::vector<Sourc
                         "r.number) < (?3, ?4) ",
                         FailedCondition(filter), newestFirst, "?5"}));
     for (const Source& source : sources) {
-        Statement rows(store.connection.get(), sql, source.number, range.from, std::min(range.to, after.collected),
+        Statement rows(*store.database, sql, source.number, range.from, std::min(range.to, after.collected),
                        after.collected > range.to ? INT64_MAX : after.number, limit);
         while (rows.Step()) records.push_back(ReadHistoryRecord(rows));
     }
@@ -198,7 +192,7 @@ std::vector<HistoryRecord> HistoryBySource(Store& store, const std::vector<Sourc
 }
 
 std::vector<std::string> Choices(Store& store, std::string_view column, std::int64_t limit) {
-    Statement rows(store.connection.get(), Sql({"SELECT DISTINCT ", column, " FROM source ORDER BY 1 LIMIT ?"}), limit);
+    Statement rows(*store.database, Sql({"SELECT DISTINCT ", column, " FROM source ORDER BY 1 LIMIT ?"}), limit);
     std::vector<std::string> choices;
     while (rows.Step()) choices.push_back(rows.text(0));
     return choices;
@@ -275,7 +269,7 @@ std::vector<HistoryRecord> ReadHistoryAfter(Store& store, const Filter& filter, 
 }
 
 std::optional<RecordText> ReadContent(Store& store, std::int64_t number) {
-    Statement row(store.connection.get(), "SELECT file, text, is_json FROM record WHERE number = ?", number);
+    Statement row(*store.database, "SELECT file, text, is_json FROM record WHERE number = ?", number);
     if (!row.Step()) return std::nullopt;
     return RecordText{row.text(0), row.text(1), row.number(2) != 0};
 }
@@ -283,17 +277,17 @@ std::optional<RecordText> ReadContent(Store& store, std::int64_t number) {
 std::optional<WholeRecord> ReadWholeRecord(Store& store, std::int64_t number) {
     WholeRecord whole;
     {
-        Statement row(store.connection.get(), HistorySql("r.number = ?"), number);
+        Statement row(*store.database, HistorySql("r.number = ?"), number);
         if (!row.Step()) return std::nullopt;
         whole.record = ReadHistoryRecord(row);
     }
     const HistoryRecord& record = whole.record;
     if (std::optional<RecordText> content = ReadContent(store, number)) whole.content = std::move(*content);
-    whole.older = QueryNumber(store.connection.get(),
+    whole.older = QueryNumber(*store.database,
                               "SELECT number FROM record WHERE source = ? AND (collected, number) < (?, ?) "
                               "ORDER BY collected DESC, number DESC LIMIT 1",
                               record.source.number, record.collected, number);
-    whole.newer = QueryNumber(store.connection.get(),
+    whole.newer = QueryNumber(*store.database,
                               "SELECT number FROM record WHERE source = ? AND (collected, number) > (?, ?) "
                               "ORDER BY collected, number LIMIT 1",
                               record.source.number, record.collected, number);
@@ -304,8 +298,7 @@ std::vector<Agent> AgentsWithoutUpload(Store& store, std::int64_t since) {
     std::vector<Agent> agents = Agents(store);
     std::erase_if(agents, [&](const Agent& agent) {
         return agent.firstContact < since ||
-               Statement(store.connection.get(), "SELECT 1 FROM delivery WHERE agent = ? LIMIT 1", agent.details.key)
-                   .Step();
+               Statement(*store.database, "SELECT 1 FROM delivery WHERE agent = ? LIMIT 1", agent.details.key).Step();
     });
     std::reverse(agents.begin(), agents.end());
     return agents;

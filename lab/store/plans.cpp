@@ -9,10 +9,6 @@ namespace kv::lab {
 
 namespace {
 
-using sqlite::Execute;
-using sqlite::Statement;
-using sqlite::Transaction;
-
 constexpr std::string_view planFile = "queryconf.txt";
 constexpr std::size_t maxPlanRecords = 200;
 
@@ -63,14 +59,14 @@ void AddWorkflow(std::vector<PlannedRecord>& records, json_object* workflow) {
 
 void KeepStartPlan(Store& store, std::string_view bytes) {
     const std::string zip = MakeArchive({{std::string(planFile), std::string(bytes)}});
-    Transaction transaction(store.connection.get());
-    Execute(store.connection.get(), "DELETE FROM conf WHERE agent = ''");
-    Execute(store.connection.get(), "INSERT INTO conf (agent, zip, time) VALUES ('', ?, ?)", sqlite::Blob{zip}, Now());
+    Transaction transaction(*store.database);
+    Execute(*store.database, "DELETE FROM conf WHERE agent = ''");
+    Execute(*store.database, "INSERT INTO conf (agent, zip, time) VALUES ('', ?, ?)", Blob{zip}, Now());
     transaction.Commit();
 }
 
 std::optional<std::string> KnownPlan(Store& store, std::string_view agent) {
-    Statement row(store.connection.get(),
+    Statement row(*store.database,
                   "SELECT zip FROM conf WHERE agent = ? OR agent = '' ORDER BY agent DESC, number DESC LIMIT 1", agent);
     if (!row.Step()) return std::nullopt;
     std::optional<std::string> text;

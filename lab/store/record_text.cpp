@@ -1,5 +1,6 @@
 #include "lab/store/record_text.h"
 
+#include <algorithm>
 #include <ctime>
 #include <fmt/chrono.h>
 #include <fmt/format.h>
@@ -13,6 +14,12 @@ namespace kv::lab {
 namespace {
 
 constexpr std::string_view whiteSpace = " \t\r\n";
+
+/// NUL, which databases and terminals take for the end of a text, becomes U+FFFD as what is not valid does.
+std::string GoodUtf8(std::u16string wide) {
+    std::replace(wide.begin(), wide.end(), u'\0', u'\xFFFD');
+    return platform::Utf8FromWide(wide);
+}
 
 }  // namespace
 
@@ -41,12 +48,12 @@ std::string PlainJson(json_object* document) {
 RecordText DecodeRecord(const std::string& file, std::string_view bytes) {
     std::u16string wide = TextFromUtf16LittleEndian(bytes);
     if (bytes.size() % 2 != 0) wide += u'\xFFFD';
-    std::string text = platform::Utf8FromWide(wide);
+    std::string text = GoodUtf8(std::move(wide));
     const bool isJson = ParseJson(text).valid;
     return {file, std::move(text), isJson};
 }
 
-std::string CleanUtf8(std::string_view text) { return platform::Utf8FromWide(platform::WideFromUtf8(text)); }
+std::string CleanUtf8(std::string_view text) { return GoodUtf8(platform::WideFromUtf8(text)); }
 
 std::string OneLine(std::string_view text) {
     std::string line;

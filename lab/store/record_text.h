@@ -33,10 +33,10 @@ json_object* JsonText(std::string_view text);
 /// A document's text without blanks. Slashes are not escaped.
 std::string PlainJson(json_object* document);
 
-/// A record file's bytes (UTF-16LE) as UTF-8; what is not valid text becomes U+FFFD. Says whether it is JSON.
+/// A record file's bytes (UTF-16LE) as UTF-8; what is not valid text, and NUL, becomes U+FFFD. Says whether it is JSON.
 RecordText DecodeRecord(const std::string& file, std::string_view bytes);
 
-/// UTF-8 with each ill-formed sequence replaced by U+FFFD.
+/// UTF-8 with each ill-formed sequence, and NUL, replaced by U+FFFD.
 std::string CleanUtf8(std::string_view text);
 
 /// A text without control characters, each of which becomes a blank: it stays on one line and cannot steer a terminal.

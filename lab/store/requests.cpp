@@ -11,11 +11,6 @@ namespace kv::lab {
 
 namespace {
 
-using sqlite::Execute;
-using sqlite::QueryNumber;
-using sqlite::Statement;
-using sqlite::Transaction;
-
 constexpr std::string_view downloadType = "DOWNLOAD_QUERYCONF";
 
 /// Whether an agent sends nothing about such a request, however it goes.
@@ -30,22 +25,22 @@ bool IsSilent(std::string_view type, json_object* members) {
            std::string_view(json_object_get_string(needed)) != "YES";
 }
 
-std::string NewId(sqlite3* connection) {
-    for (std::int64_t number = 1 + QueryNumber(connection, "SELECT max(number) FROM request");; ++number) {
+std::string NewId(Database& database) {
+    for (std::int64_t number = 1 + QueryNumber(database, "SELECT max(number) FROM request");; ++number) {
         std::string id = std::to_string(number);
-        if (!Statement(connection, "SELECT 1 FROM request WHERE id = ?", id).Step()) return id;
+        if (!Statement(database, "SELECT 1 FROM request WHERE id = ?", id).Step()) return id;
     }
 }
 
 /// Within the caller's transaction.
-std::string InsertRequest(sqlite3* connection, const NewRequest& request) {
-    const std::string id = request.id.empty() ? NewId(connection) : request.id;
-    if (Statement(connection, "SELECT 1 FROM request WHERE id = ?", id).Step())
+std::string InsertRequest(Database& database, const NewRequest& request) {
+    const std::string id = request.id.empty() ? NewId(database) : request.id;
+    if (Statement(database, "SELECT 1 FROM request WHERE id = ?", id).Step())
         throw RequestExists("there is a request with the id " + id);
     const Json members(json_object_new_object());
     for (const auto& [name, value] : request.members)
         json_object_object_add(members.get(), name.c_str(), JsonText(value));
-    Execute(connection, "INSERT INTO request (agent, id, type, members, silent, added) VALUES (?, ?, ?, ?, ?, ?)",
+    Execute(database, "INSERT INTO request (agent, id, type, members, silent, added) VALUES (?, ?, ?, ?, ?, ?)",
             request.agent, id, request.type, PlainJson(members.get()),
             static_cast<std::int64_t>(IsSilent(request.type, members.get())), Now());
     return id;
@@ -82,72 +77,89 @@ std::string ListDocument(const std::vector<Request>& requests) {
 
 /// Ends the silent requests that the agent has passed when it reports about this one: those before it in the same list.
 /// The notice of a download comes when the whole list is served, and so also ends the request that it names.
-void EndSilentRequests(sqlite3* connection, const Report& report, bool includingItself) {
-    Execute(connection,
+void EndSilentRequests(Database& database, const Report& report, bool includingItself) {
+    Execute(database,
             "UPDATE request SET state = 'done', ended = ?3 FROM "
-            "(SELECT number AS reached, listed AS at FROM request WHERE agent = ?1 AND id = ?2) "
-            "WHERE agent = ?1 AND state = 'listed' AND silent AND listed <= at AND number < reached + ?4",
+            "(SELECT number AS reached, listed AS at FROM request WHERE agent = ?1 AND id = ?2) AS named "
+            "WHERE agent = ?1 AND state = 'listed' AND silent <> 0 AND listed <= named.at "
+            "AND number < named.reached + ?4",
             report.agent, report.requestId, Now(), static_cast<std::int64_t>(includingItself));
 }
 
 /// Ends a request that has not ended yet, or only because the agent did not answer.
-void EndRequest(sqlite3* connection, const Report& report, std::string_view state) {
-    Execute(connection,
+void EndRequest(Database& database, const Report& report, std::string_view state) {
+    Execute(database,
             "UPDATE request SET state = ?3, ended = ?4 "
             "WHERE agent = ?1 AND id = ?2 AND state IN ('waiting', 'listed', 'unanswered')",
             report.agent, report.requestId, state, Now());
 }
 
-void EndDownloads(sqlite3* connection, std::string_view agent, std::string_view planKeys) {
-    Execute(connection,
-            "UPDATE request SET state = 'answered', ended = ?4 WHERE agent = ?1 AND type = ?2 AND state = 'listed' "
-            "AND instr(',' || ?3 || ',', ',' || json_extract(members, '$.AGENT_KEY') || ',') > 0",
-            agent, downloadType, planKeys, Now());
+/// Whether a key is one of those of a list with commas between.
+bool Lists(std::string_view keys, std::string_view key) {
+    return ("," + std::string(keys) + ",").find("," + std::string(key) + ",") != std::string::npos;
+}
+
+void EndDownloads(Database& database, std::string_view agent, std::string_view planKeys) {
+    std::vector<std::int64_t> ended;
+    {
+        Statement rows(database,
+                       "SELECT number, members FROM request WHERE agent = ? AND type = ? AND state = 'listed'", agent,
+                       downloadType);
+        while (rows.Step()) {
+            json_object* key = nullptr;
+            const ParsedJson members = ParseJson(rows.text(1));
+            if (json_object_object_get_ex(members.value.get(), "AGENT_KEY", &key) &&
+                json_object_is_type(key, json_type_string) && Lists(planKeys, json_object_get_string(key)))
+                ended.push_back(rows.number(0));
+        }
+    }
+    for (const std::int64_t number : ended)
+        Execute(database, "UPDATE request SET state = 'answered', ended = ?2 WHERE number = ?1", number, Now());
 }
 
 }  // namespace
 
 std::string AddRequest(Store& store, const NewRequest& request) {
-    Transaction transaction(store.connection.get());
-    std::string id = InsertRequest(store.connection.get(), request);
+    Transaction transaction(*store.database);
+    std::string id = InsertRequest(*store.database, request);
     transaction.Commit();
     return id;
 }
 
 std::string AddConfiguration(Store& store, std::string_view agent, std::string_view planKey, std::string_view zip) {
-    sqlite3* connection = store.connection.get();
-    Transaction transaction(connection);
-    Execute(connection, "INSERT INTO conf (agent, zip, time) VALUES (?, ?, ?)", planKey, sqlite::Blob{zip}, Now());
-    const std::string path = "/conf/" + std::to_string(sqlite3_last_insert_rowid(connection)) + "/queryconf.zip";
-    std::string id = InsertRequest(connection, {std::string(agent),
-                                                std::string(downloadType),
-                                                "",
-                                                {{"AGENT_KEY", std::string(planKey)}, {"DOWNLOAD_URL", path}}});
+    Database& database = *store.database;
+    Transaction transaction(database);
+    const std::int64_t number = QueryNumber(
+        database, "INSERT INTO conf (agent, zip, time) VALUES (?, ?, ?) RETURNING number", planKey, Blob{zip}, Now());
+    const std::string path = "/conf/" + std::to_string(number) + "/queryconf.zip";
+    std::string id = InsertRequest(database, {std::string(agent),
+                                              std::string(downloadType),
+                                              "",
+                                              {{"AGENT_KEY", std::string(planKey)}, {"DOWNLOAD_URL", path}}});
     transaction.Commit();
     return id;
 }
 
 std::optional<std::string> Configuration(Store& store, std::string_view path) {
-    Statement row(store.connection.get(), "SELECT zip FROM conf WHERE '/conf/' || number || '/queryconf.zip' = ?",
-                  path);
+    Statement row(*store.database, "SELECT zip FROM conf WHERE '/conf/' || number || '/queryconf.zip' = ?", path);
     if (!row.Step()) return std::nullopt;
     return row.text(0);
 }
 
 std::string TakeRequestList(Store& store, std::string_view agent, bool arrives) {
-    sqlite3* connection = store.connection.get();
-    Transaction transaction(connection);
-    Execute(connection,
-            "UPDATE request SET state = iif(silent, 'done', 'unanswered'), ended = ?3 "
+    Database& database = *store.database;
+    Transaction transaction(database);
+    Execute(database,
+            "UPDATE request SET state = CASE WHEN silent <> 0 THEN 'done' ELSE 'unanswered' END, ended = ?3 "
             "WHERE agent = ?1 AND state = 'listed' AND listings >= ?2",
             agent, maxListings, Now());
-    Execute(connection,
+    Execute(database,
             "UPDATE request SET state = 'listed', listed = ?2, listings = listings + 1 "
             "WHERE agent = ?1 AND state IN ('waiting', 'listed')",
             agent, Now());
     std::vector<Request> requests;
     {
-        Statement rows(connection, std::string(requestColumns) + "WHERE agent = ? AND state = 'listed' ORDER BY number",
+        Statement rows(database, std::string(requestColumns) + "WHERE agent = ? AND state = 'listed' ORDER BY number",
                        agent);
         requests = ReadRequests(rows);
     }
@@ -156,47 +168,46 @@ std::string TakeRequestList(Store& store, std::string_view agent, bool arrives) 
 }
 
 void TakeAnswer(Store& store, const Report& report) {
-    sqlite3* connection = store.connection.get();
-    Transaction transaction(connection);
+    Database& database = *store.database;
+    Transaction transaction(database);
     StoreAnswer(store, report);
-    EndRequest(connection, report, "answered");
-    EndSilentRequests(connection, report, false);
+    EndRequest(database, report, "answered");
+    EndSilentRequests(database, report, false);
     transaction.Commit();
 }
 
 void TakeNotice(Store& store, const Report& report, std::string_view planKeys) {
-    sqlite3* connection = store.connection.get();
-    Transaction transaction(connection);
+    Database& database = *store.database;
+    Transaction transaction(database);
     NoteAction(store, report);
     const bool downloaded = report.action == downloadType;
-    if (report.action == "DELETE_REQUEST") EndRequest(connection, report, "dropped");
-    if (downloaded) EndDownloads(connection, report.agent, planKeys);
-    EndSilentRequests(connection, report, downloaded);
+    if (report.action == "DELETE_REQUEST") EndRequest(database, report, "dropped");
+    if (downloaded) EndDownloads(database, report.agent, planKeys);
+    EndSilentRequests(database, report, downloaded);
     transaction.Commit();
 }
 
 std::vector<Request> Requests(Store& store, std::string_view agent) {
-    Statement rows(store.connection.get(), std::string(requestColumns) + "WHERE ?1 = '' OR agent = ?1 ORDER BY number",
-                   agent);
+    Statement rows(*store.database, std::string(requestColumns) + "WHERE ?1 = '' OR agent = ?1 ORDER BY number", agent);
     return ReadRequests(rows);
 }
 
 std::vector<Request> LatestRequests(Store& store, std::string_view agent, std::int64_t limit) {
-    Statement rows(store.connection.get(),
+    Statement rows(*store.database,
                    std::string(requestColumns) + "WHERE ?1 = '' OR agent = ?1 ORDER BY number DESC LIMIT ?2", agent,
                    limit);
     return ReadRequests(rows);
 }
 
 std::vector<std::pair<std::string, std::int64_t>> RequestStates(Store& store) {
-    Statement rows(store.connection.get(), "SELECT state, count(*) FROM request GROUP BY state ORDER BY state");
+    Statement rows(*store.database, "SELECT state, count(*) FROM request GROUP BY state ORDER BY state");
     std::vector<std::pair<std::string, std::int64_t>> states;
     while (rows.Step()) states.emplace_back(rows.text(0), rows.number(1));
     return states;
 }
 
 std::vector<Report> AnswersTo(Store& store, const Request& request, std::int64_t limit) {
-    Statement rows(store.connection.get(),
+    Statement rows(*store.database,
                    "SELECT agent, action, request_id, text, time FROM answer WHERE agent = ? AND request_id = ? "
                    "ORDER BY number DESC LIMIT ?",
                    request.agent, request.id, limit);

@@ -1,13 +1,12 @@
-// The tables of a lab's database. user_version counts their versions; applicationId marks the file as a lab's.
+// The tables of the lab's database, and how one of an older version gets them.
 #pragma once
 
-#include <sqlite3.h>
-#include <string>
+#include "lab/store/database.h"
 
 namespace kv::lab {
 
-/// Makes the tables in an empty database, and adds those that an older version lacks; its data stays. DatabaseError,
-/// with nothing changed, when the database is of a newer version or is not a lab's; path is for the message.
-void SettleSchema(sqlite3* connection, const std::string& path);
+/// Makes the tables in a new database, and upgrades those of an older version. DatabaseError when the database is
+/// something else, or of a newer version.
+void SettleSchema(Database& database);
 
 }  // namespace kv::lab

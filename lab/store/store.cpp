@@ -8,34 +8,14 @@ namespace kv::lab {
 
 namespace {
 
-using sqlite::Execute;
-using sqlite::QueryNumber;
-using sqlite::Statement;
-using sqlite::Transaction;
-
-constexpr int busyMilliseconds = 30000;  // to wait for a transaction of another connection
-
-std::string NewKey(sqlite3* connection, const AgentDetails& details) {
-    Statement known(connection, "SELECT key FROM agent WHERE id = ? AND dns = ? ORDER BY last_contact DESC", details.id,
+std::string NewKey(Database& database, const AgentDetails& details) {
+    Statement known(database, "SELECT key FROM agent WHERE id = ? AND dns = ? ORDER BY last_contact DESC", details.id,
                     details.dns);
     if (known.Step()) return known.text(0);
-    for (std::int64_t number = 1 + QueryNumber(connection, "SELECT count(*) FROM agent");; ++number) {
+    for (std::int64_t number = 1 + QueryNumber(database, "SELECT count(*) FROM agent");; ++number) {
         std::string key = "LAB" + std::to_string(number);
-        if (!Statement(connection, "SELECT 1 FROM agent WHERE key = ?", key).Step()) return key;
+        if (!Statement(database, "SELECT 1 FROM agent WHERE key = ?", key).Step()) return key;
     }
-}
-
-/// Whether an earlier delivery of the same agent and zip holds the same records.
-bool IsRepeat(sqlite3* connection, std::int64_t delivery) {
-    Statement same(connection, R"(
-        SELECT 1 FROM delivery new JOIN delivery old USING (agent, zip) WHERE new.number = ?1 AND old.number < ?1
-            AND (SELECT count(*) FROM record WHERE delivery = old.number)
-                = (SELECT count(*) FROM record WHERE delivery = ?1)
-            AND NOT EXISTS (SELECT 1 FROM record a LEFT JOIN record b
-                ON b.delivery = old.number AND b.position = a.position
-                WHERE a.delivery = ?1 AND (a.file IS NOT b.file OR a.text IS NOT b.text)))",
-                   delivery);
-    return same.Step();
 }
 
 constexpr std::string_view recordColumns =
@@ -59,14 +39,14 @@ std::vector<Record> ReadRecords(Statement& rows, std::int64_t maxBytes) {
 }
 
 void AddReport(Store& store, std::string_view table, const Report& report) {
-    Execute(store.connection.get(),
+    Execute(*store.database,
             "INSERT INTO " + std::string(table) + " (agent, action, request_id, text, time) VALUES (?, ?, ?, ?, ?)",
             report.agent, report.action, report.requestId, report.text, Now());
 }
 
 std::vector<Report> LatestReports(Store& store, std::string_view table, std::int64_t limit) {
     Statement rows(
-        store.connection.get(),
+        *store.database,
         "SELECT agent, action, request_id, text, time FROM " + std::string(table) + " ORDER BY number DESC LIMIT ?",
         limit);
     std::vector<Report> reports;
@@ -88,18 +68,17 @@ std::int64_t Now() {
     return duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count();
 }
 
-Store OpenStore(const std::string& path) {
-    Store store{sqlite::Open(path, sqlite::Opening::orCreate)};
-    sqlite3_busy_timeout(store.connection.get(), busyMilliseconds);
-    SettleSchema(store.connection.get(), path);
+Store OpenStore(const std::string& place) {
+    Store store{OpenDatabase(place, Opening::orCreate)};
+    SettleSchema(*store.database);
     return store;
 }
 
 std::string EnrolAgent(Store& store, const AgentDetails& details, bool hasKey) {
-    sqlite3* connection = store.connection.get();
-    Transaction transaction(connection);
-    const std::string key = hasKey ? details.key : NewKey(connection, details);
-    Execute(connection, R"(
+    Database& database = *store.database;
+    Transaction transaction(database);
+    const std::string key = hasKey ? details.key : NewKey(database, details);
+    Execute(database, R"(
         INSERT INTO agent (key, id, dns, address, customer, office, os, first_contact, last_contact)
             VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?8)
             ON CONFLICT (key) DO UPDATE SET id = ?2, dns = ?3, address = ?4, customer = ?5, office = ?6, os = ?7,
@@ -110,19 +89,18 @@ std::string EnrolAgent(Store& store, const AgentDetails& details, bool hasKey) {
 }
 
 void NoteContact(Store& store, std::string_view key, std::string_view address) {
-    Execute(store.connection.get(),
+    Execute(*store.database,
             "INSERT INTO agent (key, address, first_contact, last_contact) VALUES (?1, ?2, ?3, ?3) "
             "ON CONFLICT (key) DO UPDATE SET last_contact = ?3",
             key, address, Now());
 }
 
 void NoteStatus(Store& store, std::string_view key, std::string_view status) {
-    Execute(store.connection.get(), "UPDATE agent SET status = ?2, status_time = ?3 WHERE key = ?1", key, status,
-            Now());
+    Execute(*store.database, "UPDATE agent SET status = ?2, status_time = ?3 WHERE key = ?1", key, status, Now());
 }
 
 std::vector<Agent> Agents(Store& store) {
-    Statement rows(store.connection.get(),
+    Statement rows(*store.database,
                    "SELECT key, id, dns, address, customer, office, os, first_contact, last_contact, status, "
                    "status_time FROM agent ORDER BY first_contact, key");
     std::vector<Agent> agents;
@@ -137,30 +115,12 @@ std::vector<Agent> Agents(Store& store) {
 }
 
 bool AgentExists(Store& store, std::string_view key) {
-    return Statement(store.connection.get(), "SELECT 1 FROM agent WHERE key = ?", key).Step();
-}
-
-Delivery StoreDelivery(Store& store, std::string_view agent, std::string_view zip,
-                       const std::function<void(const RecordSink&)>& readRecords) {
-    sqlite3* connection = store.connection.get();
-    Transaction transaction(connection);
-    Execute(connection, "INSERT INTO delivery (agent, zip, time) VALUES (?, ?, ?)", agent, zip, Now());
-    const std::int64_t delivery = sqlite3_last_insert_rowid(connection);
-    std::int64_t position = 0;
-    readRecords([&](const RecordText& record) {
-        Execute(connection,
-                "INSERT INTO record (delivery, position, file, text, bytes, is_json) VALUES (?, ?, ?, ?, ?, ?)",
-                delivery, position++, record.file, record.text, static_cast<std::int64_t>(record.text.size()),
-                static_cast<std::int64_t>(record.isJson));
-    });
-    if (IsRepeat(connection, delivery)) return Delivery::repeated;
-    transaction.Commit();
-    return Delivery::stored;
+    return Statement(*store.database, "SELECT 1 FROM agent WHERE key = ?", key).Step();
 }
 
 std::vector<Record> RecordsAfter(Store& store, const RecordQuery& query) {
     Statement rows(
-        store.connection.get(),
+        *store.database,
         std::string(recordColumns) + "WHERE r.number > ? AND (?4 = '' OR d.agent = ?4) ORDER BY r.number LIMIT ?5",
         INT64_MAX, std::int64_t{0}, query.after, query.agent, query.limit);
     return ReadRecords(rows, query.maxBytes);
@@ -168,21 +128,21 @@ std::vector<Record> RecordsAfter(Store& store, const RecordQuery& query) {
 
 std::vector<Record> LatestRecords(Store& store, std::int64_t limit, std::int64_t maxBytes,
                                   std::int64_t previewCharacters) {
-    Statement rows(store.connection.get(), std::string(recordColumns) + "ORDER BY r.number DESC LIMIT ?", maxBytes,
+    Statement rows(*store.database, std::string(recordColumns) + "ORDER BY r.number DESC LIMIT ?", maxBytes,
                    previewCharacters, limit);
     return ReadRecords(rows, INT64_MAX);
 }
 
 void NoteRefusal(Store& store, const Refusal& refusal) {
-    Execute(store.connection.get(),
+    Execute(*store.database,
             "INSERT INTO refused (agent, zip, reason, address, time, times) VALUES (?1, ?2, ?3, ?4, ?5, 1) "
-            "ON CONFLICT (agent, zip, reason) DO UPDATE SET address = ?4, time = ?5, times = times + 1",
+            "ON CONFLICT (agent, zip, reason) DO UPDATE SET address = ?4, time = ?5, times = refused.times + 1",
             refusal.agent, refusal.zip, refusal.reason, refusal.address, Now());
 }
 
 std::vector<Refusal> LatestRefusals(Store& store, std::int64_t limit) {
     Statement rows(
-        store.connection.get(),
+        *store.database,
         "SELECT agent, zip, reason, address, time, times FROM refused ORDER BY time DESC, number DESC LIMIT ?", limit);
     std::vector<Refusal> refusals;
     while (rows.Step())
@@ -196,37 +156,36 @@ std::vector<Report> LatestActions(Store& store, std::int64_t limit) { return Lat
 std::vector<Report> LatestAnswers(Store& store, std::int64_t limit) { return LatestReports(store, "answer", limit); }
 
 std::int64_t AddFault(Store& store, const Fault& fault) {
-    Execute(store.connection.get(), "INSERT INTO fault (servlet, kind, value, remaining) VALUES (?, ?, ?, ?)",
-            fault.servlet, static_cast<std::int64_t>(fault.kind), fault.value, fault.remaining);
-    return sqlite3_last_insert_rowid(store.connection.get());
+    return QueryNumber(*store.database,
+                       "INSERT INTO fault (servlet, kind, value, remaining) VALUES (?, ?, ?, ?) RETURNING number",
+                       fault.servlet, static_cast<std::int64_t>(fault.kind), fault.value, fault.remaining);
 }
 
 std::int64_t ClearFaults(Store& store, std::int64_t number, std::string_view servlet) {
-    Execute(store.connection.get(), "DELETE FROM fault WHERE (?1 = 0 OR number = ?1) AND (?2 = '' OR servlet = ?2)",
-            number, servlet);
-    return sqlite3_changes64(store.connection.get());
+    return Execute(*store.database, "DELETE FROM fault WHERE (?1 = 0 OR number = ?1) AND (?2 = '' OR servlet = ?2)",
+                   number, servlet);
 }
 
 std::vector<Fault> Faults(Store& store) {
-    Statement rows(store.connection.get(), "SELECT number, servlet, kind, value, remaining FROM fault ORDER BY number");
+    Statement rows(*store.database, "SELECT number, servlet, kind, value, remaining FROM fault ORDER BY number");
     std::vector<Fault> faults;
     while (rows.Step()) faults.push_back(ReadFault(rows));
     return faults;
 }
 
 std::optional<Fault> TakeFault(Store& store, std::string_view servlet) {
-    sqlite3* connection = store.connection.get();
+    Database& database = *store.database;
     // Usually there is no fault, and then the write lock is not needed.
-    if (!Statement(connection, oldestFault, servlet).Step()) return std::nullopt;
-    Transaction transaction(connection);
+    if (!Statement(database, oldestFault, servlet).Step()) return std::nullopt;
+    Transaction transaction(database);
     std::optional<Fault> fault;
     {
-        Statement row(connection, oldestFault, servlet);
+        Statement row(database, oldestFault, servlet);
         if (row.Step()) fault = ReadFault(row);
     }
-    if (fault && fault->remaining == 1) Execute(connection, "DELETE FROM fault WHERE number = ?", fault->number);
+    if (fault && fault->remaining == 1) Execute(database, "DELETE FROM fault WHERE number = ?", fault->number);
     if (fault && fault->remaining > 1)
-        Execute(connection, "UPDATE fault SET remaining = remaining - 1 WHERE number = ?", fault->number);
+        Execute(database, "UPDATE fault SET remaining = remaining - 1 WHERE number = ?", fault->number);
     transaction.Commit();
     return fault;
 }
@@ -247,7 +206,7 @@ std::string FaultText(const Fault& fault) {
 
 Totals CountAll(Store& store) {
     Statement row(
-        store.connection.get(),
+        *store.database,
         "SELECT (SELECT count(*) FROM agent), (SELECT count(*) FROM delivery), (SELECT count(*) FROM record), "
         "(SELECT coalesce(sum(times), 0) FROM refused)");
     row.Step();

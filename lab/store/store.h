@@ -1,37 +1,40 @@
-// What the lab server knows, in one SQLite file that the server and the commands use at the same time:
+// What the lab server knows, in one database that servers and commands use at the same time:
 //
 //   agent     a row for each agent, by its key
 //   delivery  a row for each accepted zip; the same zip with other content is another delivery
 //   record    a row for each record file of a delivery, in the order of the zip
+//   source    a row for each agent, device and name of records, with the state of its newest record
+//   series    a row for each numeric value that a source's records have
+//   sample    the numbers of the series, each with the time and the record that it is from
 //   refused   a row for each different refusal of an upload, with the number of times it happened
 //   notice    actions that agents reported in a query, with the request to which they belong
 //   answer    documents that agents posted, with the request to which they belong
 //   fault     faults that are set; the oldest that fits applies
 //   request, conf  what agents are asked to do, see lab/requests.h
 //
-// Times are milliseconds since 1970, texts are UTF-8. All routines throw sqlite::DatabaseError when the database fails.
-// Each thread opens its own Store.
+// Times are milliseconds since 1970, texts are UTF-8. All routines throw DatabaseError when the database fails. Each
+// thread opens its own Store.
 #pragma once
 
 #include <array>
 #include <cstdint>
-#include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "sqlite/sqlite.h"
+#include "lab/store/database.h"
 
 namespace kv::lab {
 
 struct Store {
-    sqlite::Connection connection;
+    std::unique_ptr<Database> database;
 };
 
-/// Opens a lab's database. Makes it if it is missing, and upgrades it if it is of an older version. DatabaseError also
-/// when the file is something else.
-Store OpenStore(const std::string& path);
+/// Opens a lab's database, a file or postgresql://... Makes it if it is missing, and upgrades it if it is of an older
+/// version. DatabaseError also when it is something else.
+Store OpenStore(const std::string& place);
 
 /// Milliseconds since 1970.
 std::int64_t Now();
@@ -88,15 +91,12 @@ struct Record {
     std::int64_t bytes = 0;  // of the whole text; content.text may be only its start
 };
 
-/// Receives the records of one zip.
-using RecordSink = std::function<void(const RecordText&)>;
-
 enum class Delivery { stored, repeated };
 
-/// Stores one zip's records, which readRecords hands over one by one, in one transaction: if it throws, nothing is
-/// stored. repeated, with nothing stored, if the same records came before from the same agent in the same zip.
+/// Stores one zip's records with their facts in one transaction; they are on the disk when it returns. repeated, with
+/// nothing stored, if the same records came before from the same agent in the same zip.
 Delivery StoreDelivery(Store& store, std::string_view agent, std::string_view zip,
-                       const std::function<void(const RecordSink&)>& readRecords);
+                       const std::vector<RecordText>& records);
 
 /// Records with a number above `after`, in order. An empty agent means all. The answer ends after `limit` records, or
 /// after the one that brings it to maxBytes of text, so that large texts do not fill the memory.

@@ -1,0 +1,40 @@
+// What one record tells of itself: whose it is, when it was collected, whether it failed, and its numeric values. Reads
+// the three forms of records: results of WMI queries, output of scripts, polls of SNMP devices.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "lab/store/store.h"
+
+namespace kv::lab {
+
+/// A numeric value of a record. Its member is the property of the record's row, "FreeSpace", behind what tells the row
+/// from others: "/ FreeSpace". Of a polled device it is the value's OID.
+struct Sample {
+    std::string member;
+    double number = 0;
+};
+
+struct RecordFacts {
+    std::string device;          // a slave's or polled device's key; empty when the record is about the agent itself
+    std::string name;            // empty when the record tells none
+    std::int64_t collected = 0;  // milliseconds since 1970
+    bool failed = false;
+    std::string reason;           // why it failed, in one line
+    std::vector<Sample> samples;  // each member once
+};
+
+/// Bounds on what one record may add to the database.
+inline constexpr std::size_t maxSamples = 2000;
+inline constexpr std::size_t maxNameBytes = 200;
+inline constexpr std::size_t maxReasonBytes = 1000;
+
+/// The facts of a record that an agent sent, and that arrived at this time: what it was collected at, if it does not
+/// tell, or if it tells more than a day after the arrival.
+RecordFacts FactsOf(std::string_view agent, const RecordText& record, std::int64_t arrived);
+
+}  // namespace kv::lab
