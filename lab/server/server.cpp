@@ -107,7 +107,7 @@ HttpOutcome LabServer::Running::Handle(std::size_t worker, const HttpRequest& re
         const std::string servlet = ServletAt(request.call.path);
         if (!servlet.empty()) return HandleServlet(store, servlet, request);
         return {HttpOutcome::Kind::answer, AnswerView(store, request.call), {}};
-    } catch (const sqlite::DatabaseError& error) {
+    } catch (const DatabaseError& error) {
         stores.NoteFailure();
         return Failed(error.what());
     } catch (const std::exception& error) {
