@@ -156,11 +156,11 @@ TEST_F(Strangers, TalkToAServerWithACertificate) {
 }
 
 TEST_F(Strangers, SeeADatabaseThatFailsAndOneThatIsBack) {
-    sqlite::Execute(store.connection.get(), "ALTER TABLE agent RENAME TO elsewhere");
+    Execute(*store.database, "ALTER TABLE agent RENAME TO elsewhere");
     const httplib::Result failed = client.Get("/servlets/RegisterAgent?agentKey=K1");
     EXPECT_EQ(failed->status, 500);
     EXPECT_THAT(failed->body, HasSubstr("agent"));
-    sqlite::Execute(store.connection.get(), "ALTER TABLE elsewhere RENAME TO agent");
+    Execute(*store.database, "ALTER TABLE elsewhere RENAME TO agent");
     EXPECT_EQ(client.Get("/servlets/RegisterAgent?agentKey=K1")->status, 200);
 }
 
