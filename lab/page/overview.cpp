@@ -16,7 +16,7 @@ namespace kv::lab {
 
 namespace {
 
-constexpr std::size_t problemsOnPage = 60;
+constexpr std::size_t problemsRead = 300;
 constexpr std::int64_t recordsOnPage = 10;
 constexpr std::int64_t refusalsRead = 50;
 constexpr std::int64_t choicesRead = 200;
@@ -67,7 +67,7 @@ std::string Fragment(Store& store, const Scope& scope) {
     AddNothingCame(html, summary, scope);
     AddAwaitedAgents(html, store, summary.agents > 0, now);
     if (summary.agents == 0 && summary.lastCollected == 0) return html;
-    AddProblems(html, ReadProblems(store, scope.Records(), scope.filter, problemsOnPage), RefusalsOf(store, scope),
+    AddProblems(html, ReadProblems(store, scope.Records(), scope.filter, problemsRead), RefusalsOf(store, scope),
                 summary, scope);
     AddTracks(html, ReadTracks(store, scope.Records(), scope.filter, TickPart(scope), maxTracks), scope);
     AddLatest(html, store, scope);

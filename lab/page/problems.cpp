@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <fmt/format.h>
+#include <map>
+#include <utility>
 
 #include "lab/page/frame.h"
 #include "lab/page/record_html.h"
@@ -10,22 +12,81 @@ namespace kv::lab {
 
 namespace {
 
-constexpr std::size_t openProblems = 8;  // the others are shown on demand
-constexpr std::size_t maxRefusals = 8;   // on the page
+constexpr std::size_t openProblems = 8;    // the others are shown on demand
+constexpr std::size_t shownProblems = 60;  // on the page
+constexpr std::size_t apartProblems = 3;   // of one name and reason, before they become one
+constexpr std::size_t namedSenders = 4;
+constexpr std::size_t maxRefusals = 8;  // on the page
 
 std::string TimesText(std::int64_t times) { return times == 1 ? "once" : fmt::format("{} times", times); }
 
-void AddProblem(std::string& html, const Problem& problem, const Scope& scope) {
+/// What fails with the same name for the same reason.
+struct ProblemGroup {
+    std::vector<const Problem*> problems;  // the first is the latest of those that still fail, if some do
+    std::int64_t times = 0;
+    std::int64_t failing = 0;    // that still fail
+    std::int64_t goodSince = 0;  // when the last of the others was good again
+};
+
+void AddToGroup(ProblemGroup& group, const Problem& problem) {
+    group.problems.push_back(&problem);
+    group.times += problem.times;
+    group.failing += problem.goodSince == 0 ? 1 : 0;
+    group.goodSince = std::max(group.goodSince, problem.goodSince);
+}
+
+/// In the order of the problems. Few of one name and reason stay apart.
+std::vector<ProblemGroup> GroupProblems(const std::vector<Problem>& problems) {
+    std::map<std::pair<std::string, std::string>, std::vector<const Problem*>> alike;
+    for (const Problem& problem : problems) alike[{problem.source.name, problem.reason}].push_back(&problem);
+    std::vector<ProblemGroup> groups;
+    for (const Problem& problem : problems) {
+        const std::vector<const Problem*>& all = alike[{problem.source.name, problem.reason}];
+        if (all.size() > apartProblems && all.front() != &problem) continue;
+        ProblemGroup& group = groups.emplace_back();
+        if (all.size() <= apartProblems) {
+            AddToGroup(group, problem);
+        } else {
+            for (const Problem* one : all) AddToGroup(group, *one);
+        }
+    }
+    return groups;
+}
+
+/// The name, and who sends it.
+void AddGroupTitle(std::string& html, const ProblemGroup& group, const Scope& scope) {
     Scope failed = scope;
     failed.filter.failedOnly = true;
-    Add(html, "<div class='card problem{}'><a href=\"/records{}\"><b>{}</b></a> <span class=soft>{}, ",
-        problem.goodSince > 0 ? " past" : "", Escape(SourceQuery(failed, problem.source)),
-        Escape(SourceTitle(problem.source)), TimesText(problem.times));
-    Add(html, "last <a href=\"/record/{}\">{}</a></span>", problem.lastRecord, ClockText(problem.last));
-    if (problem.goodSince > 0)
-        Add(html, "<span class=good>, good again since {}</span>", MinuteText(problem.goodSince, scope.range.to));
+    const Source& first = group.problems.front()->source;
+    const std::size_t senders = group.problems.size();
+    if (senders == 1) {
+        Add(html, "<a href=\"/records{}\"><b>{}</b></a> <span class=soft>", Escape(SourceQuery(failed, first)),
+            Escape(SourceTitle(first)));
+        return;
+    }
+    failed.filter.name = first.name;
+    Add(html, "<a href=\"/records{}\"><b>{}</b></a> <span class=soft>of ", Escape(ScopeQuery(failed)),
+        Escape(NameText(first.name)));
+    for (std::size_t at = 0; at < namedSenders; ++at)
+        Add(html, "{}{}", at > 0 ? ", " : "", Escape(Sender(group.problems[at]->source)));
+    if (senders > namedSenders) Add(html, " and {} more", senders - namedSenders);
+    html += "; ";
+}
+
+void AddGroup(std::string& html, const ProblemGroup& group, const Scope& scope) {
+    const Problem& first = *group.problems.front();
+    Add(html, "<div class='card problem{}'>", group.failing == 0 ? " past" : "");
+    AddGroupTitle(html, group, scope);
+    Add(html, "{}, last <a href=\"/record/{}\">{}</a></span>", TimesText(group.times), first.lastRecord,
+        ClockText(first.last));
+    if (group.failing == 0) {
+        Add(html, "<span class=good>, good again since {}</span>", MinuteText(group.goodSince, scope.range.to));
+    } else if (group.goodSince > 0) {
+        Add(html, "<span class=good>, {} of {} good again</span>",
+            group.problems.size() - static_cast<std::size_t>(group.failing), group.problems.size());
+    }
     html += "<br>";
-    AddText(html, problem.reason);
+    AddText(html, first.reason);
     html += "</div>\n";
 }
 
@@ -52,16 +113,16 @@ void AddProblems(std::string& html, const Problems& found, const std::vector<Ref
                  const Scope& scope) {
     html += "<section id=problems>";
     AddSectionTitle(html, "What fails, and why", "/problems", ScopeQuery(scope));
-    const std::vector<Problem>& problems = found.problems;
+    const std::vector<ProblemGroup> groups = GroupProblems(found.problems);
+    const std::size_t shown = std::min(groups.size(), shownProblems);
     for (std::size_t at = 0; at < std::min(refusals.size(), maxRefusals); ++at) AddRefusal(html, refusals[at], scope);
-    for (std::size_t at = 0; at < problems.size(); ++at) {
-        if (at == openProblems)
-            Add(html, "<details id=more-problems><summary>{} more</summary>\n", problems.size() - at);
-        AddProblem(html, problems[at], scope);
+    for (std::size_t at = 0; at < shown; ++at) {
+        if (at == openProblems) Add(html, "<details id=more-problems><summary>{} more</summary>\n", shown - at);
+        AddGroup(html, groups[at], scope);
     }
-    if (problems.size() > openProblems) html += "</details>\n";
-    AddMore(html, found.more);
-    if (problems.empty() && refusals.empty()) AddNothingFailed(html, summary, scope);
+    if (shown > openProblems) html += "</details>\n";
+    AddMore(html, found.more + static_cast<std::int64_t>(groups.size() - shown));
+    if (groups.empty() && refusals.empty()) AddNothingFailed(html, summary, scope);
     html += "</section>\n";
 }
 

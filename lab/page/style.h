@@ -19,7 +19,7 @@ a { color: inherit; text-decoration-color: var(--line); text-underline-offset: .
 a:hover { color: var(--accent); text-decoration-color: currentColor; }
 :focus-visible { outline: 2px solid var(--accent); outline-offset: 2px; border-radius: 3px; }
 h1 { font-size: 1.3rem; margin: 0; overflow-wrap: anywhere; }
-h2 { font-size: 1rem; margin: 0; }
+h2 { font-size: 1rem; margin: 0; min-width: 0; overflow-wrap: anywhere; }
 h3 { font-size: .93rem; margin: .6rem 0 .1rem; overflow-wrap: anywhere; }
 p { margin: .3rem 0; }
 code { font: .92em ui-monospace, "DejaVu Sans Mono", monospace; overflow-wrap: anywhere; }
@@ -112,18 +112,19 @@ function show(text) {
   startCountdowns();
 }
 async function refresh() {
+  setTimeout(refresh, 1000 * live.dataset.every);
+  if (document.hidden) return;
   try {
     const answer = await fetch(live.dataset.from + location.search);
     if (!answer.ok) throw new Error('HTTP ' + answer.status);
     const text = await answer.text();
-    if (text !== shown && getSelection().isCollapsed) { if (shown) show(text); shown = text; }
+    if (text !== shown && getSelection().isCollapsed) { show(text); shown = text; }
     clock.textContent = 'as of ' + new Date().toISOString().slice(11, 19) + ' UTC';
     clock.className = '';
   } catch (error) {
     clock.textContent = 'the server does not answer (' + error.message + ')';
     clock.className = 'bad';
   }
-  setTimeout(refresh, 1000 * live.dataset.every);
 }
 startCountdowns();
 setInterval(countDown, 1000);

@@ -89,7 +89,8 @@ std::string CellText(const Cell& cell) {
 
 void AddHtmlTable(std::string& html, const Table& table) {
     if (table.rows.empty()) return;
-    html += "<div class=scroll tabindex=0><table class=grid>\n<tr>";
+    Add(html, "<div class=scroll tabindex=0 role=region aria-label=\"{}\"><table class=grid>\n<tr>",
+        Escape(table.name));
     for (std::size_t at = 0; at < table.columns.size(); ++at)
         Add(html, "<th scope=col{}>{}</th>", IsNumber(table.rows.front()[at]) ? " class=num" : "",
             Escape(table.columns[at].title));

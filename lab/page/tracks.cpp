@@ -79,6 +79,28 @@ void AddKey(std::string& html) {
     html += "<span>times are UTC; a gap: nothing came</span></div>\n";
 }
 
+/// The strips in numbers, for those who cannot see them.
+void AddTrackSums(std::string& html, const Tracks& tracks) {
+    Table table{"records by source",
+                {{"agent", "Agent"},
+                 {"device", "Device"},
+                 {"name", "Record"},
+                 {"records", "Records"},
+                 {"failed", "Failed"},
+                 {"newest", "Newest"},
+                 {"state", "It is"}},
+                {}};
+    for (const Track& track : tracks.tracks) {
+        const Source& source = track.source;
+        table.rows.push_back({source.agent, source.device, NameText(source.name), track.records, track.failed,
+                              Moment{source.collected},
+                              source.failed ? Marked{"failed", Mark::bad} : Marked{"good", Mark::good}});
+    }
+    html += "<details id=tracks-table><summary>In numbers</summary>";
+    AddHtmlTable(html, table);
+    html += "</details>\n";
+}
+
 }  // namespace
 
 std::int64_t TickPart(const Scope& scope) { return scope.choice->milliseconds / partsOfRange; }
@@ -92,6 +114,7 @@ void AddTracks(std::string& html, const Tracks& tracks, const Scope& scope) {
     AddAxis(html, scope);
     html += "</div>\n";
     AddKey(html);
+    AddTrackSums(html, tracks);
     html += "</div>\n";
     AddMore(html, tracks.more);
     html += "</section>\n";

@@ -1,71 +1,201 @@
 #include "lab/page/views.h"
 
 #include <algorithm>
+#include <charconv>
 
-#include "lab/page/page.h"
+#include "lab/page/agents.h"
+#include "lab/page/frame.h"
+#include "lab/page/overview.h"
+#include "lab/page/problems.h"
+#include "lab/page/records.h"
+#include "lab/page/requests.h"
+#include "lab/page/scope.h"
 #include "lab/page/table.h"
+#include "lab/page/tracks.h"
+#include "lab/store/history.h"
 #include "lab/store/record_text.h"
 
 namespace kv::lab {
 
 namespace {
 
-constexpr std::int64_t maxApiRecords = 1000;
-constexpr const char* htmlType = "text/html; charset=utf-8";
+/// What one answer holds at most; the views of records say how to get the others.
+constexpr std::int64_t recordsOnPage = 100;
+constexpr std::int64_t maxTableRecords = 10000;
+constexpr std::int64_t maxJsonRecords = 1000;
+constexpr std::int64_t maxTableTracks = 1000;
+constexpr std::size_t maxTableProblems = 10000;
+constexpr std::int64_t requestsOnPage = 60;
+constexpr std::int64_t maxTableRequests = 1000;
+constexpr std::int64_t answersShown = 5;
+constexpr std::int64_t noticesShown = 30;
+constexpr std::int64_t refusalsShown = 1000;
+constexpr std::int64_t choicesRead = 200;
+constexpr int refreshSeconds = 3;
 
-Answer ServePage(Store& store, const ServletRequest&) { return {200, Page(ReadOverview(store)), htmlType, {}}; }
+Answer HtmlAnswer(std::string html) { return {200, std::move(html), "text/html; charset=utf-8", {}}; }
 
-Answer ServeFragment(Store& store, const ServletRequest&) { return {200, Fragment(ReadOverview(store)), htmlType, {}}; }
+Scope ScopeNow(const ServletRequest& request) { return ScopeOf(request, Now()); }
+
+std::int64_t Limit(const ServletRequest& request, std::int64_t most) {
+    return std::min(NumberParameter(request, "limit", most), most);
+}
+
+// --- The overview
+
+Answer ServePage(Store& store, const ServletRequest& request) { return HtmlAnswer(OverviewPage(store, request)); }
+
+Answer ServeFragment(Store& store, const ServletRequest& request) {
+    return HtmlAnswer(OverviewFragment(store, request));
+}
+
+Table MakeProblems(Store& store, const ServletRequest& request) {
+    const Scope scope = ScopeNow(request);
+    return ProblemTable(ReadProblems(store, scope.Records(), scope.filter, maxTableProblems).problems);
+}
+
+Table MakeTracks(Store& store, const ServletRequest& request) {
+    const Scope scope = ScopeNow(request);
+    return TrackTable(ReadTracks(store, scope.Records(), scope.filter, TickPart(scope), maxTableTracks));
+}
+
+Table MakeFaults(Store& store, const ServletRequest&) { return FaultTable(Faults(store)); }
+
+Table MakeRefusals(Store& store, const ServletRequest&) { return RefusalTable(LatestRefusals(store, refusalsShown)); }
+
+// --- Records
 
 Answer ServeRecords(Store& store, const ServletRequest& request) {
-    RecordQuery query;
-    query.after = NumberParameter(request, "after", 0);
-    query.agent = Parameter(request, "agent");
-    query.limit = std::min(NumberParameter(request, "limit", maxApiRecords), maxApiRecords);
-    return {200, RecordsJson(RecordsAfter(store, query)), "application/json", {}};
+    const Scope scope = ScopeNow(request);
+    Frame frame;
+    frame.title = "Records";
+    frame.path = "/records";
+    frame.controls = ScopeControls(scope, ReadFilterChoices(store, choicesRead), frame.path);
+    AddRecords(frame.body, ReadHistory(store, scope.Records(), scope.filter, PlaceOf(request), recordsOnPage), scope,
+               recordsOnPage);
+    return HtmlAnswer(Document(frame));
 }
 
-Table AgentTable(Store& store, const ServletRequest&) {
-    Table table{"agents",
-                {{"agent", "Agent"},
-                 {"name", "Name"},
-                 {"dns", "DNS name"},
-                 {"address", "Address"},
-                 {"os", "Operating system"},
-                 {"customer", "Customer"},
-                 {"office", "Office"},
-                 {"first_contact", "First contact"},
-                 {"last_contact", "Last contact"},
-                 {"status", "Status"}},
-                {}};
-    for (const Agent& agent : Agents(store)) {
-        const AgentDetails& details = agent.details;
-        table.rows.push_back({details.key, details.id, details.dns, details.address, details.osName, details.customer,
-                              details.office, Moment{agent.firstContact}, Moment{agent.lastContact}, agent.status});
+Answer ServeRecordsCsv(Store& store, const ServletRequest& request) {
+    const Scope scope = ScopeNow(request);
+    const std::int64_t limit = Limit(request, maxTableRecords);
+    return TableAnswer(RecordTable(ReadHistory(store, scope.Records(), scope.filter, PlaceOf(request), limit)),
+                       TableFormat::csv);
+}
+
+/// With "after", those with a number above it, of any time and in order, for who fetches all one after the other.
+Answer ServeRecordsJson(Store& store, const ServletRequest& request) {
+    const Scope scope = ScopeNow(request);
+    const std::int64_t limit = Limit(request, maxJsonRecords);
+    const std::vector<HistoryRecord> records =
+        Parameter(request, "after").empty()
+            ? ReadHistory(store, scope.Records(), scope.filter, PlaceOf(request), limit)
+            : ReadHistoryAfter(store, scope.filter, NumberParameter(request, "after", 0), limit);
+    return {200, RecordsDocument(store, records), "application/json", {}};
+}
+
+Answer ServeRecord(Store& store, const ServletRequest& request) {
+    std::string_view rest = std::string_view(request.path).substr(std::string_view("/record/").size());
+    std::int64_t number = 0;
+    const auto [end, error] = std::from_chars(rest.data(), rest.data() + rest.size(), number);
+    rest.remove_prefix(static_cast<std::size_t>(end - rest.data()));
+    if (error != std::errc() || (!rest.empty() && rest != ".json"))
+        throw BadRequest("a record is at /record/ and its number");
+    const std::optional<WholeRecord> whole = ReadWholeRecord(store, number);
+    if (!whole) return TextAnswer(404, "the database does not hold record " + std::to_string(number));
+    if (!rest.empty()) return {200, RecordsDocument(store, {whole->record}), "application/json", {}};
+    Frame frame;
+    frame.title = SourceTitle(whole->record.source);
+    AddWholeRecord(frame.body, *whole);
+    return HtmlAnswer(Document(frame));
+}
+
+// --- Requests and agents
+
+std::vector<AnsweredRequest> ReadAnswered(Store& store, const ServletRequest& request, std::int64_t limit) {
+    std::vector<AnsweredRequest> answered;
+    for (Request& found : LatestRequests(store, Parameter(request, "agent"), limit)) {
+        std::vector<Report> answers = AnswersTo(store, found, answersShown);
+        answered.push_back({std::move(found), std::move(answers)});
     }
-    return table;
+    return answered;
 }
 
+std::string RequestsBody(Store& store, const ServletRequest& request) {
+    std::string html;
+    AddRequests(
+        html, {RequestStates(store), ReadAnswered(store, request, requestsOnPage), LatestActions(store, noticesShown)});
+    return html;
+}
+
+std::string AgentsBody(Store& store, const ServletRequest&) {
+    std::string html;
+    AddFaults(html, Faults(store));
+    AddAgents(html, Agents(store), Now());
+    return html;
+}
+
+struct LivePage {
+    std::string_view title;
+    std::string_view path;
+    std::string_view fragment;
+    std::string (*body)(Store&, const ServletRequest&);
+};
+constexpr LivePage requestsPage{"Requests to agents", "/requests", "/requests/fragment", RequestsBody};
+constexpr LivePage agentsPage{"Agents", "/agents", "/agents/fragment", AgentsBody};
+
+template <const LivePage& page>
+Answer ServeLivePage(Store& store, const ServletRequest& request) {
+    Frame frame;
+    frame.title = page.title;
+    frame.path = page.path;
+    frame.controls = "<div class=bar>" + ClockPlace(Now()) + "</div>";
+    frame.body = page.body(store, request);
+    frame.fragment = page.fragment;
+    frame.refreshSeconds = refreshSeconds;
+    return HtmlAnswer(Document(frame));
+}
+
+template <const LivePage& page>
+Answer ServeLiveFragment(Store& store, const ServletRequest& request) {
+    return HtmlAnswer(page.body(store, request));
+}
+
+Table MakeRequests(Store& store, const ServletRequest& request) {
+    return RequestTable(ReadAnswered(store, request, maxTableRequests));
+}
+
+Table MakeNotices(Store& store, const ServletRequest&) { return NoticeTable(LatestActions(store, maxTableRequests)); }
+
+Table MakeAgents(Store& store, const ServletRequest&) { return AgentTable(Agents(store), Now()); }
+
+// --- Paths
+
+/// Each of these is answered at the path itself.
 struct View {
     std::string_view path;
     Answer (*serve)(Store&, const ServletRequest&);
 };
-
-/// Each of these is answered at the path itself.
 constexpr View views[]{
     {"/", ServePage},
     {"/fragment", ServeFragment},
-    {"/api/records", ServeRecords},
+    {"/records", ServeRecords},
+    {"/records.csv", ServeRecordsCsv},
+    {"/records.json", ServeRecordsJson},
+    {"/requests", ServeLivePage<requestsPage>},
+    {"/requests/fragment", ServeLiveFragment<requestsPage>},
+    {"/agents", ServeLivePage<agentsPage>},
+    {"/agents/fragment", ServeLiveFragment<agentsPage>},
 };
 
+/// Each of these is answered at its path with ".csv" and ".json".
 struct TableView {
     std::string_view path;
     Table (*make)(Store&, const ServletRequest&);
 };
-
-/// Each of these is answered at its path with ".csv" and ".json".
 constexpr TableView tables[]{
-    {"/agents", AgentTable},
+    {"/agents", MakeAgents},    {"/faults", MakeFaults},     {"/notices", MakeNotices}, {"/problems", MakeProblems},
+    {"/refused", MakeRefusals}, {"/requests", MakeRequests}, {"/tracks", MakeTracks},
 };
 
 std::optional<TableFormat> FormatOf(std::string_view path, std::string_view tablePath) {
@@ -82,6 +212,7 @@ std::optional<Answer> FindAndServe(Store& store, const ServletRequest& request) 
     for (const TableView& table : tables)
         if (const auto format = FormatOf(request.path, table.path))
             return TableAnswer(table.make(store, request), *format);
+    if (request.path.starts_with("/record/")) return ServeRecord(store, request);
     return std::nullopt;
 }
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <map>
+#include <set>
 #include <tuple>
 #include <utility>
 
@@ -295,11 +296,15 @@ std::optional<WholeRecord> ReadWholeRecord(Store& store, std::int64_t number) {
 }
 
 std::vector<Agent> AgentsWithoutUpload(Store& store, std::int64_t since) {
-    std::vector<Agent> agents = Agents(store);
-    std::erase_if(agents, [&](const Agent& agent) {
-        return agent.firstContact < since ||
-               Statement(*store.database, "SELECT 1 FROM delivery WHERE agent = ? LIMIT 1", agent.details.key).Step();
-    });
+    Statement rows(*store.database,
+                   "SELECT key FROM agent a WHERE first_contact >= ? AND NOT EXISTS (SELECT 1 FROM delivery d WHERE "
+                   "d.agent = a.key)",
+                   since);
+    std::set<std::string> keys;
+    while (rows.Step()) keys.insert(rows.text(0));
+    std::vector<Agent> agents;
+    if (!keys.empty()) agents = Agents(store);
+    std::erase_if(agents, [&](const Agent& agent) { return !keys.contains(agent.details.key); });
     std::reverse(agents.begin(), agents.end());
     return agents;
 }

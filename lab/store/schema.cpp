@@ -63,8 +63,10 @@ ALTER TABLE record ADD COLUMN source INTEGER NOT NULL DEFAULT 0;
 ALTER TABLE record ADD COLUMN collected INTEGER NOT NULL DEFAULT 0;
 ALTER TABLE record ADD COLUMN failed INTEGER NOT NULL DEFAULT 0;
 ALTER TABLE record ADD COLUMN reason TEXT NOT NULL DEFAULT '';
-CREATE INDEX record_by_time ON record (collected, number);
-CREATE INDEX record_by_source ON record (source, collected);
+CREATE INDEX record_by_time ON record (collected, source, failed);
+CREATE INDEX record_by_source ON record (source, collected, failed);
+CREATE INDEX record_failed ON record (collected, source) WHERE failed = 1;
+CREATE INDEX answer_by_request ON answer (agent, request_id);
 )"};
 
 constexpr auto newestVersion = static_cast<std::int64_t>(additions.size());

@@ -1,0 +1,165 @@
+// What the views say of records that agents uploaded, over real HTTP.
+#include <fmt/format.h>
+#include <gmock/gmock.h>
+
+#include "lab/store/record_text.h"
+#include "lab/store/requests.h"
+#include "tests/lab/lab_helpers.h"
+
+namespace kv::lab::test {
+
+namespace {
+
+using ::testing::AllOf;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+
+constexpr std::int64_t minute = 60'000;
+
+class Views : public Lab {
+  protected:
+    /// Uploads records, each a text with "@" for the time of its collection in seconds.
+    void Send(const std::string& agent, std::int64_t minutesAgo, const std::vector<std::string>& texts) {
+        ArchiveFiles files;
+        for (std::string text : texts) {
+            if (const std::size_t at = text.find('@'); at != std::string::npos)
+                text.replace(at, 1, std::to_string((now - minutesAgo * minute) / 1000));
+            files.emplace_back(fmt::format("data/Agent_{}_{}.txt", agent, ++sent), WideBytes(text));
+        }
+        const std::string query = fmt::format("AGENTKEY={0}&FILENAME=Agent_{0}_{1}.zip", agent, sent);
+        ASSERT_EQ(Upload(client, query, MakeArchive(files))->status, 200);
+    }
+
+    /// Of a page its changing part.
+    std::string Get(const std::string& path) {
+        const httplib::Result answer = client.Get(path);
+        EXPECT_EQ(answer->status, 200) << path << ": " << answer->body;
+        const std::size_t main = answer->body.find("<main");
+        return main == std::string::npos ? answer->body : answer->body.substr(main);
+    }
+
+    /// The rows of a table in JSON, each with the named columns and "|" between.
+    std::vector<std::string> Rows(const std::string& path, const std::vector<const char*>& columns) {
+        const ParsedJson document = ParseJson(Get(path));
+        std::vector<std::string> rows;
+        json_object_object_foreach(document.value.get(), name, list) {
+            static_cast<void>(name);
+            for (std::size_t at = 0; at < json_object_array_length(list); ++at) {
+                std::string row;
+                for (const char* const column : columns) {
+                    json_object* const value = json_object_object_get(json_object_array_get_idx(list, at), column);
+                    row += (column == columns.front() ? "" : "|") +
+                           std::string(value ? json_object_get_string(value) : "null");
+                }
+                rows.push_back(row);
+            }
+        }
+        return rows;
+    }
+
+    const std::int64_t now = Now();
+    int sent = 0;
+};
+
+constexpr const char* goodDisks =
+    R"({ "AGENTKEY": "LAB1", "DATACOLLECTTIME": "@", "ERRORMSG": "NO ERROR", "Disks": [ { "DeviceID": "/", "FreeSpace": "7" } ] })";
+constexpr const char* badDisks =
+    R"({ "AGENTKEY": "LAB1", "DATACOLLECTTIME": "@", "ERRORMSG": "FAILED:<script>alert(1)</script>", "Disks": [ ] })";
+constexpr const char* badPrinter =
+    R"({ "AGENTKEY": "S1", "DATACOLLECTTIME": "@", "POLICY_NAME": "Printer", "OID": ".1.3", "STATUS": "FAILURE" })";
+
+TEST_F(Views, TellWhatFailsAndSinceWhenItIsGoodAgain) {
+    Send("LAB1", 9, {badDisks, badPrinter, ""});
+    Send("LAB1", 8, {badDisks, badPrinter});
+    Send("LAB1", 7, {goodDisks});
+    const std::vector<std::string> problems =
+        Rows("/problems.json", {"agent", "device", "name", "reason", "times", "good_since"});
+    EXPECT_THAT(problems, ElementsAre("LAB1|||empty record: the script printed nothing|1|null",
+                                      HasSubstr("LAB1|S1|Printer|no answer from the device"),
+                                      "LAB1||Disks|FAILED:<script>alert(1)</script>|2|" + UtcText(now - 7 * minute)));
+    EXPECT_THAT(Rows("/problems.json?device=S1", {"name", "times"}), ElementsAre("Printer|2"));
+    EXPECT_THAT(Rows("/problems.json?name=(unnamed%20record)", {"times"}), ElementsAre("1"));
+    EXPECT_THAT(Rows("/problems.json?agent=LAB2", {"times"}), IsEmpty());
+    EXPECT_THAT(Get("/"), AllOf(HasSubstr("(unnamed record)"), HasSubstr("good again since"), HasSubstr("83 %"),
+                                HasSubstr("&lt;script&gt;alert(1)"), Not(HasSubstr("<script>alert"))));
+}
+
+TEST_F(Views, ShowRecordsByTheTimeOfTheirCollection) {
+    Send("LAB1", 2, {goodDisks});
+    Send("LAB1", 90, {badDisks});
+    Send("LAB2", 5, {goodDisks, badPrinter});
+    Send("LAB2", -60 * 30, {goodDisks});  // its clock is more than a day ahead
+    const std::vector<const char*> columns{"number", "agent", "failed"};
+    EXPECT_THAT(Rows("/records.json", columns),
+                ElementsAre("5|LAB2|false", "1|LAB1|false", "4|LAB2|true", "3|LAB2|false"));
+    EXPECT_THAT(Rows("/records.json?range=1d", {"number"}), ElementsAre("5", "1", "4", "3", "2"));
+    EXPECT_THAT(Rows("/records.json?range=1d&failed=1", {"number"}), ElementsAre("4", "2"));
+    EXPECT_THAT(Rows("/records.json?range=1d&agent=LAB1&limit=1", {"number"}), ElementsAre("1"));
+    EXPECT_THAT(Rows("/records.json?after=2&limit=2", {"number", "values"}),
+                ElementsAre(HasSubstr("3|{ \"AGENTKEY\""), HasSubstr("4|{")));
+    const std::string first = fmt::format("&before={}-4", (now - 5 * minute) / 1000 * 1000);
+    EXPECT_THAT(Rows("/records.json?range=1d" + first, {"number"}), ElementsAre("3", "2"));
+    EXPECT_THAT(Rows("/records.json?range=1d&agent=LAB2" + first, {"number"}), ElementsAre("3"));
+    EXPECT_THAT(Get("/records.csv?failed=1"),
+                AllOf(HasSubstr("number,agent,device,name,collected"), HasSubstr("\r\n4,LAB2,S1,Printer,")));
+    EXPECT_THAT(Get("/records?failed=1"), AllOf(HasSubstr("/record/4"), Not(HasSubstr("/record/3"))));
+    EXPECT_THAT(Get("/record/1"),
+                AllOf(HasSubstr("FreeSpace"), HasSubstr("/record/2>← older"), Not(HasSubstr("newer →</a>"))));
+}
+
+TEST_F(Views, DrawEachRecordOverTime) {
+    Send("LAB1", 12, {goodDisks, badPrinter});
+    Send("LAB1", 12, {badDisks});
+    Send("LAB1", 3, {goodDisks});
+    EXPECT_THAT(Rows("/tracks.json", {"device", "name", "records", "failed", "record", "reason"}),
+                ElementsAre("|Disks|2|1|3|FAILED:<script>alert(1)</script>", "|Disks|1|0|4|",
+                            HasSubstr("S1|Printer|1|1|2|no answer")));
+    EXPECT_THAT(Rows("/tracks.json?failed=1", {"device"}), ElementsAre("", "", "S1"));
+    EXPECT_THAT(Get("/"), AllOf(HasSubstr("/record/3 "), HasSubstr("tick some"), HasSubstr("tick failed")));
+}
+
+TEST_F(Views, ShowTheFirstMinute) {
+    EXPECT_THAT(Get("/"), HasSubstr("No agent has called yet"));
+    client.Get("/servlets/RegisterAgent?agentKey=LAB1&agentID=a%3Cb");
+    EXPECT_THAT(Get("/"),
+                AllOf(HasSubstr("a&lt;b"), HasSubstr("data-left="), HasSubstr("What it collects is not known")));
+    AddConfiguration(store, "LAB1", "LAB1",
+                     MakeArchive({{"queryconf.txt", R"({ "WorkFlows": [ { "wfname": "W", "recordSetName": [
+                         { "Name": "Planned", "script": "x.sh" } ] } ] })"}}));
+    EXPECT_THAT(Get("/fragment"), HasSubstr("Planned"));
+    Send("LAB1", 0, {goodDisks});
+    EXPECT_THAT(Get("/fragment"), AllOf(Not(HasSubstr("data-left=")), HasSubstr("Nothing has failed")));
+}
+
+TEST_F(Views, ShowRequestsWithTheirAnswers) {
+    const std::string id = AddRequest(store, {"LAB1", "TEST_MONITOR", "", {{"MONITOR_NAME", "<Disks>"}}});
+    EXPECT_THAT(Rows("/requests.json", {"id", "state", "answers"}), ElementsAre(id + "|waiting|0"));
+    client.Get("/servlets/DataAgentHandlerServlet?agentKey=LAB1");
+    client.Post("/servlets/DataAgentHandlerServlet?agentKey=LAB1&action=TEST_MONITOR&requestId=" + id,
+                WideBytes(R"({ "Disks": [ { "DeviceID": "/home" } ] })"), "text/plain");
+    EXPECT_THAT(Rows("/requests.json?agent=LAB1", {"state", "answers"}), ElementsAre("answered|1"));
+    EXPECT_THAT(Rows("/requests.json?agent=LAB2", {"state"}), IsEmpty());
+    EXPECT_THAT(Get("/requests"), AllOf(HasSubstr("&lt;Disks&gt;"), HasSubstr("/home")));
+}
+
+TEST_F(Views, RefuseWhatTheyCannotRead) {
+    const std::tuple<const char*, int, const char*> rows[] = {
+        {"/?range=2y", 400, "the parameter range is 15m, 1h, 1d or 1w\n"},
+        {"/records?before=x", 400, "the parameter before is not a place in the list of records\n"},
+        {"/records.json?after=x", 400, "the parameter after is not a number\n"},
+        {"/record/x", 400, "a record is at /record/ and its number\n"},
+        {"/record/7", 404, "the database does not hold record 7\n"},
+        {"/agents.xml", 404, "there is nothing here\n"},
+    };
+    for (const auto& [path, status, text] : rows) {
+        const httplib::Result answer = client.Get(path);
+        EXPECT_EQ(answer->status, status) << path;
+        EXPECT_EQ(answer->body, text) << path;
+    }
+}
+
+}  // namespace
+
+}  // namespace kv::lab::test
