@@ -13,6 +13,7 @@
 #include "lab/store/archive.h"
 #include "lab/store/store.h"
 #include "platform/utf.h"
+#include "tests/lab/postgres_server.h"
 #include "tests/support/test_agent.h"
 
 namespace kv::lab::test {
@@ -36,10 +37,26 @@ inline httplib::Result Upload(httplib::Client& client, const std::string& query,
 /// A server, its database and a client.
 class Lab : public kv::test::TestAgent {
   protected:
-    std::string database = folder / "lab.db";
+    explicit Lab(DatabaseKind kind = DatabaseKind::sqlite)
+        : database(kind == DatabaseKind::sqlite ? (folder / "lab.db").string() : NewPostgresPlace()) {}
+
+    std::string database;
     Store store = OpenStore(database);
     std::optional<LabServer> server{ServerOptions{database, "127.0.0.1", 0, "", "", 0, {}}};
     httplib::Client client{"127.0.0.1", server->port()};
 };
+
+/// Its tests, TEST_P, run on each kind of database.
+class LabOnEach : public Lab, public ::testing::WithParamInterface<DatabaseKind> {
+  protected:
+    LabOnEach() : Lab(GetParam()) {}
+};
+
+/// The parameter's name in that of a test.
+inline std::string KindName(const ::testing::TestParamInfo<DatabaseKind>& info) {
+    return info.param == DatabaseKind::sqlite ? "Sqlite" : "Postgres";
+}
+
+inline const auto eachKind = ::testing::Values(DatabaseKind::sqlite, DatabaseKind::postgresql);
 
 }  // namespace kv::lab::test

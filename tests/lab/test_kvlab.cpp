@@ -13,7 +13,7 @@ namespace {
 
 using ::testing::MatchesRegex;
 
-class Kvlab : public Lab {
+class Kvlab : public LabOnEach {
   protected:
     kv::test::ShellOutcome Run(const std::string& words) const {
         return kv::test::RunShell("'" KVLAB_PROGRAM "' " + words + " 2>'" + errors + "'");
@@ -26,7 +26,7 @@ class Kvlab : public Lab {
     std::string errors = folder / "errors";
 };
 
-TEST_F(Kvlab, EndsWithAnExitCodeAndALine) {
+TEST_P(Kvlab, EndsWithAnExitCodeAndALine) {
     const std::string on = " --database '" + database + "'";
     Write(folder / "plan", "{ \"WorkFlows\": 1 }");
     Write(folder / "broken", "{ \"WorkFlows\": [\n]]");
@@ -75,7 +75,7 @@ class Requests : public Kvlab {
     std::string servlet = "/servlets/DataAgentHandlerServlet?agentKey=K1";
 };
 
-TEST_F(Requests, AreListedThreeTimesUnlessAnswered) {
+TEST_P(Requests, AreListedThreeTimesUnlessAnswered) {
     AddRequest(store, {"K1", "NOTHING_KNOWN", "", {}});
     AddRequest(store, {"K1", "TEST_MONITOR", "", {{"RESPONSE_NEEDED", "YES"}}});
     AddRequest(store, {"K1", "DELETE_DEVICE", "", {}});
@@ -93,7 +93,7 @@ TEST_F(Requests, AreListedThreeTimesUnlessAnswered) {
     EXPECT_EQ(States(), "dropped answered done ");
 }
 
-TEST_F(Requests, AreListedInTheirOrder) {
+TEST_P(Requests, AreListedInTheirOrder) {
     ASSERT_EQ(SetOCAgentKey(u"K1"), 0U);
     EXPECT_EQ(RunOnDatabase("request add --agent K1 --type B --id 2 --set 'Q=\"ä\" = \\ /' --set E=").output, "2");
     EXPECT_EQ(RunOnDatabase("request add --agent K1 --type A").output, "3") << "2 is taken";
@@ -113,6 +113,9 @@ TEST_F(Requests, AreListedInTheirOrder) {
     EXPECT_EQ(RunOnDatabase("request add --agent K1 --type D").exitCode, 1) << "the agent of this computer is another";
     EXPECT_EQ(States(), "done answered ");
 }
+
+INSTANTIATE_TEST_SUITE_P(Database, Kvlab, eachKind, KindName);
+INSTANTIATE_TEST_SUITE_P(Database, Requests, eachKind, KindName);
 
 }  // namespace
 

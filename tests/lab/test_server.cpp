@@ -12,7 +12,7 @@ using ::testing::HasSubstr;
 
 constexpr const char* goodQuery = "AGENTKEY=LAB1&FILENAME=Agent_LAB1_1.zip";
 
-class LabServing : public Lab {
+class LabServing : public LabOnEach {
   protected:
     httplib::Result Get(const std::string& path) { return client.Get(path); }
     std::string Enrol(const std::string& query) {
@@ -23,7 +23,7 @@ class LabServing : public Lab {
                                        {"data/Agent_LAB1_3.txt", WideBytes(R"({ "b": [ { "c": "ü" } ] })")}});
 };
 
-TEST_F(LabServing, GivesEachAgentItsKey) {
+TEST_P(LabServing, GivesEachAgentItsKey) {
     const std::tuple<const char*, const char*, const char*> rows[] = {
         {"first agent", "agentKey=HUBCENTER&agentID=one&agentDNS=one.example", "LAB1"},
         {"the same name in another domain", "agentKey=hubcenter&agentID=one&agentDNS=one.elsewhere", "LAB2"},
@@ -36,7 +36,7 @@ TEST_F(LabServing, GivesEachAgentItsKey) {
     EXPECT_EQ(Agents(store).size(), 4U);
 }
 
-TEST_F(LabServing, KeepsARepeatedUploadOnce) {
+TEST_P(LabServing, KeepsARepeatedUploadOnce) {
     EXPECT_EQ(Upload(client, goodQuery, goodZip)->status, 200);
     EXPECT_EQ(Upload(client, goodQuery, goodZip)->status, 200);
     const auto kept = testing::ElementsAre(R"(data/Agent_LAB1_2.txt { "a": "1" })",
@@ -52,7 +52,7 @@ TEST_F(LabServing, KeepsARepeatedUploadOnce) {
     EXPECT_EQ(Agents(store).size(), 2U) << "an upload makes an agent known";
 }
 
-TEST_F(LabServing, KeepsNothingOfAMalformedZip) {
+TEST_P(LabServing, KeepsNothingOfAMalformedZip) {
     std::string badCrc = goodZip;
     badCrc[badCrc.find("Agent_LAB1_2.txt") + 20] ^= 1;
     const std::string bomb = MakeArchive({{"ok.txt", WideBytes("1")}, {"bomb.txt", std::string(65 << 20, 'x')}});
@@ -71,7 +71,7 @@ TEST_F(LabServing, KeepsNothingOfAMalformedZip) {
     EXPECT_EQ(LatestRefusals(store, 9).size(), std::size(rows));
 }
 
-TEST_F(LabServing, ShowsValuesWithoutTheirMarkup) {
+TEST_P(LabServing, ShowsValuesWithoutTheirMarkup) {
     const std::string evil = "<i title=\"evil\">&'";
     const std::string encoded = "%3Ci%20title=%22evil%22%3E%26'";
     Enrol("agentKey=K1&agentDNS=" + encoded + "&osName=" + encoded + "&customerName=" + encoded);
@@ -90,6 +90,8 @@ TEST_F(LabServing, ShowsValuesWithoutTheirMarkup) {
                              "<tr><td>.1.1.1</td><td>&lt;i&gt;</td></tr>", "<pre>&lt;i&gt;plain&lt;/i&gt;</pre>"})
         EXPECT_THAT(pages, HasSubstr(text));
 }
+
+INSTANTIATE_TEST_SUITE_P(Database, LabServing, eachKind, KindName);
 
 }  // namespace
 
