@@ -2,15 +2,12 @@
 #include <cmath>
 #include <gmock/gmock.h>
 
-#include "foundation/file_utils.h"
 #include "lab/page/scope.h"
 #include "lab/page/table.h"
 #include "lab/page/tiles.h"
-#include "lab/store/archive.h"
 #include "lab/store/plans.h"
 #include "lab/store/requests.h"
-#include "platform/utf.h"
-#include "tests/support/test_agent.h"
+#include "tests/lab/lab_helpers.h"
 
 namespace kv::lab::test {
 
@@ -90,10 +87,7 @@ TEST(Shares, AreRoundedButNotToNoneOrAll) {
     for (const auto& [part, whole, text] : rows) EXPECT_EQ(ShareText(part, whole), text);
 }
 
-class Plans : public kv::test::TestAgent {
-  protected:
-    Store store = OpenStore(folder / "lab.db");
-};
+class Plans : public LabOnEach {};
 
 constexpr const char* planText = R"({ "WorkFlows": [ /* by hand */
     { "wfname": "Disks", "interval": 5, "recordSetName": [
@@ -106,7 +100,7 @@ std::string Line(const PlannedRecord& record) {
     return record.workflow + "|" + record.interval + "|" + record.name + "|" + record.device + "|" + record.source;
 }
 
-TEST_F(Plans, TellWhatIsCollected) {
+TEST(Plan, TellWhatIsCollected) {
     std::vector<std::string> lines;
     for (const PlannedRecord& record : RecordsOfPlan(planText)) lines.push_back(Line(record));
     EXPECT_THAT(lines, ElementsAre("Disks|5|Disks||disks.sh", "Disks|5|Local||SELECT * FROM Win32_LogicalDisk",
@@ -116,10 +110,10 @@ TEST_F(Plans, TellWhatIsCollected) {
         for (const PlannedRecord& record : RecordsOfPlan(text)) EXPECT_EQ(Line(record), "||||") << text;
 }
 
-TEST_F(Plans, AreKnownFromTheStartAndAsPushed) {
+TEST_P(Plans, AreKnownFromTheStartAndAsPushed) {
     EXPECT_EQ(KnownPlan(store, "LAB1"), std::nullopt);
     KeepStartPlan(store, "\xEF\xBB\xBF{ \"old\": 1 }");
-    KeepStartPlan(store, "\xFF\xFE" + Utf16LittleEndianBytes(platform::WideFromUtf8("{ \"ü\": 1 }")));
+    KeepStartPlan(store, "\xFF\xFE" + WideBytes("{ \"ü\": 1 }"));
     EXPECT_EQ(KnownPlan(store, "LAB1"), "{ \"ü\": 1 }") << "in place of the former one";
     AddConfiguration(store, "LAB1", "LAB1", MakeArchive({{"queryconf.txt", "{ \"pushed\": 1 }"}}));
     AddConfiguration(store, "LAB3", "LAB3", "not a zip");
@@ -127,6 +121,8 @@ TEST_F(Plans, AreKnownFromTheStartAndAsPushed) {
     EXPECT_EQ(KnownPlan(store, "LAB2"), "{ \"ü\": 1 }");
     EXPECT_EQ(KnownPlan(store, "LAB3"), std::nullopt);
 }
+
+INSTANTIATE_TEST_SUITE_P(Database, Plans, eachKind, KindName);
 
 }  // namespace
 

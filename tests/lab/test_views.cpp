@@ -18,7 +18,7 @@ using ::testing::Not;
 
 constexpr std::int64_t minute = 60'000;
 
-class Views : public Lab {
+class Views : public LabOnEach {
   protected:
     /// Uploads records, each a text with "@" for the time of its collection in seconds.
     void Send(const std::string& agent, std::int64_t minutesAgo, const std::vector<std::string>& texts) {
@@ -70,7 +70,7 @@ constexpr const char* badDisks =
 constexpr const char* badPrinter =
     R"({ "AGENTKEY": "S1", "DATACOLLECTTIME": "@", "POLICY_NAME": "Printer", "OID": ".1.3", "STATUS": "FAILURE" })";
 
-TEST_F(Views, TellWhatFailsAndSinceWhenItIsGoodAgain) {
+TEST_P(Views, TellWhatFailsAndSinceWhenItIsGoodAgain) {
     Send("LAB1", 9, {badDisks, badPrinter, ""});
     Send("LAB1", 8, {badDisks, badPrinter});
     Send("LAB1", 7, {goodDisks});
@@ -86,7 +86,7 @@ TEST_F(Views, TellWhatFailsAndSinceWhenItIsGoodAgain) {
                                 HasSubstr("&lt;script&gt;alert(1)"), Not(HasSubstr("<script>alert"))));
 }
 
-TEST_F(Views, ShowRecordsByTheTimeOfTheirCollection) {
+TEST_P(Views, ShowRecordsByTheTimeOfTheirCollection) {
     Send("LAB1", 2, {goodDisks});
     Send("LAB1", 90, {badDisks});
     Send("LAB2", 5, {goodDisks, badPrinter});
@@ -109,7 +109,7 @@ TEST_F(Views, ShowRecordsByTheTimeOfTheirCollection) {
                 AllOf(HasSubstr("FreeSpace"), HasSubstr("/record/2>← older"), Not(HasSubstr("newer →</a>"))));
 }
 
-TEST_F(Views, DrawEachRecordOverTime) {
+TEST_P(Views, DrawEachRecordOverTime) {
     Send("LAB1", 12, {goodDisks, badPrinter});
     Send("LAB1", 12, {badDisks});
     Send("LAB1", 3, {goodDisks});
@@ -120,7 +120,7 @@ TEST_F(Views, DrawEachRecordOverTime) {
     EXPECT_THAT(Get("/"), AllOf(HasSubstr("/record/3 "), HasSubstr("tick some"), HasSubstr("tick failed")));
 }
 
-TEST_F(Views, ShowTheFirstMinute) {
+TEST_P(Views, ShowTheFirstMinute) {
     EXPECT_THAT(Get("/"), HasSubstr("No agent has called yet"));
     client.Get("/servlets/RegisterAgent?agentKey=LAB1&agentID=a%3Cb");
     EXPECT_THAT(Get("/"),
@@ -133,7 +133,7 @@ TEST_F(Views, ShowTheFirstMinute) {
     EXPECT_THAT(Get("/fragment"), AllOf(Not(HasSubstr("data-left=")), HasSubstr("Nothing has failed")));
 }
 
-TEST_F(Views, ShowRequestsWithTheirAnswers) {
+TEST_P(Views, ShowRequestsWithTheirAnswers) {
     const std::string id = AddRequest(store, {"LAB1", "TEST_MONITOR", "", {{"MONITOR_NAME", "<Disks>"}}});
     EXPECT_THAT(Rows("/requests.json", {"id", "state", "answers"}), ElementsAre(id + "|waiting|0"));
     client.Get("/servlets/DataAgentHandlerServlet?agentKey=LAB1");
@@ -144,7 +144,7 @@ TEST_F(Views, ShowRequestsWithTheirAnswers) {
     EXPECT_THAT(Get("/requests"), AllOf(HasSubstr("&lt;Disks&gt;"), HasSubstr("/home")));
 }
 
-TEST_F(Views, RefuseWhatTheyCannotRead) {
+TEST_P(Views, RefuseWhatTheyCannotRead) {
     const std::tuple<const char*, int, const char*> rows[] = {
         {"/?range=2y", 400, "the parameter range is 15m, 1h, 1d or 1w\n"},
         {"/records?before=x", 400, "the parameter before is not a place in the list of records\n"},
@@ -159,6 +159,8 @@ TEST_F(Views, RefuseWhatTheyCannotRead) {
         EXPECT_EQ(answer->body, text) << path;
     }
 }
+
+INSTANTIATE_TEST_SUITE_P(Database, Views, eachKind, KindName);
 
 }  // namespace
 
