@@ -33,7 +33,7 @@ Store OpenExisting(const Given& given);
 void PrintLine(const std::string& line);
 
 /// The commands by topic, in the order of the help.
-std::span<const Command> ServerCommands();         // serve, records, agents
+std::span<const Command> ServerCommands();         // serve, records, agents, prune
 std::span<const Command> RequestCommands();        // request
 std::span<const Command> ConfigurationCommands();  // conf
 std::span<const Command> FaultCommands();          // fault

@@ -1,11 +1,13 @@
-// kvlab serve, records and agents.
+// kvlab serve, records, agents and prune.
 #include <chrono>
 #include <csignal>
 #include <thread>
 
 #include "commandline/run.h"
 #include "lab/commands/command_line.h"
+#include "lab/commands/duration.h"
 #include "lab/server/server.h"
+#include "lab/store/prune.h"
 #include "lab/store/record_text.h"
 
 namespace kv::lab {
@@ -70,6 +72,12 @@ void RunRecords(const Given& given) {
     }
 }
 
+void RunPrune(const Given& given) {
+    const std::int64_t keep = DurationOf("--keep", NeededValue(given, "--keep"));
+    Store store = OpenExisting(given);
+    PrintLine(std::to_string(Prune(store, Now() - keep)));
+}
+
 constexpr Option serveOptions[] = {
     {"--database", "FILE", "where everything is kept: a file, which is made if it is missing, or postgresql://...",
      Times::once},
@@ -87,6 +95,11 @@ constexpr Option recordsOptions[] = {
 };
 
 constexpr Option agentsOptions[] = {databaseOption};
+
+constexpr Option pruneOptions[] = {
+    databaseOption,
+    {"--keep", "TIME", "how old a record may be by its time of collection, such as 12h, 7d or 4w", Times::once},
+};
 
 constexpr Command commands[] = {
     {"serve",
@@ -107,6 +120,12 @@ constexpr Command commands[] = {
      {},
      agentsOptions,
      RunAgents},
+    {"prune",
+     "Deletes records that are older, with their values, and older refusals, reports, answers and requests that have "
+     "ended. Prints how many records went.",
+     {},
+     pruneOptions,
+     RunPrune},
 };
 
 }  // namespace

@@ -128,7 +128,10 @@ void StoreRecord(Database& database, std::string_view agent, std::int64_t delive
 /// In PostgreSQL the uploads of one agent wait for each other: they change the same rows. SQLite has one writer anyway.
 void LockAgent(Database& database, std::string_view agent) {
     if (database.kind() == DatabaseKind::postgresql)
-        Statement(database, "SELECT pg_advisory_xact_lock(1263946818, hashtext(?))", agent).Step();
+        Statement(database,
+                  "SELECT pg_advisory_xact_lock_shared(1263946819), pg_advisory_xact_lock(1263946818, hashtext(?))",
+                  agent)
+            .Step();
 }
 
 struct OldDelivery {
@@ -190,6 +193,11 @@ Delivery StoreDelivery(Store& store, std::string_view agent, std::string_view zi
         StoreRecord(database, agent, delivery, position++, record);
     transaction.Commit();
     return Delivery::stored;
+}
+
+void KeepUploadsOut(Database& database) {
+    if (database.kind() == DatabaseKind::postgresql)
+        Statement(database, "SELECT pg_advisory_xact_lock(1263946819)").Step();
 }
 
 void CompleteDeliveries(Database& database) {

@@ -1,0 +1,101 @@
+// What the lab's database knows of records, on each kind of database.
+#include <fmt/format.h>
+#include <gmock/gmock.h>
+
+#include "lab/store/prune.h"
+#include "lab/store/record_facts.h"
+#include "lab/store/record_text.h"
+#include "tests/lab/lab_helpers.h"
+
+namespace kv::lab::test {
+
+namespace {
+
+using ::testing::ElementsAre;
+
+constexpr std::int64_t arrived = 1795556400000;
+constexpr std::int64_t day = 86'400'000;
+
+/// "device|name|collected|failed|reason", then the samples.
+std::string Facts(const std::string& text) {
+    const RecordText record = DecodeRecord("f", WideBytes(text));
+    const RecordFacts facts = FactsOf("A1", record, arrived);
+    std::string shown = facts.device + "|" + facts.name + "|" + std::to_string((facts.collected - arrived) / 1000) +
+                        "|" + (facts.failed ? "failed: " : "good") + facts.reason;
+    for (const Sample& sample : facts.samples) shown += fmt::format("|{}={}", sample.member, sample.number);
+    return shown;
+}
+
+TEST(RecordFacts, AreReadFromEachForm) {
+    const std::tuple<const char*, const char*, const char*> rows[] = {
+        {"a query, last property first",
+         R"({"MSPCUSTOMERID":"C","AGENTKEY":"A1","DATACOLLECTTIME":"1795556340","ERRORMSG":"NO ERROR",
+             "Disks":[{"Size":"10","Free":"  3.5000","Label":"a","Volume":"/"},{"Size":"11","Label":"b","Volume":"/home"}]})",
+         "|Disks|-60|good|/ Size=10|/ Free=3.5|/home Size=11"},
+        {"one that failed", R"({"AGENTKEY":"A1","ERRORMSG":"FAILED:x\ny","Big":[]})", "|Big|0|failed: FAILED:x y"},
+        {"a script about users", R"({"Users":[{"User":"anna","Quota":81},{"User":"anna","Quota":40},{"Quota":1}]})",
+         "|Users|0|good|anna Quota=81|anna #2 Quota=40|#3 Quota=1"},
+        {"its plain members", R"({"load":0.5,"uptime":"12","id":"7","zip":"0815","date":"20260131093000.0+060"})",
+         "||0|good|load=0.5|uptime=12"},
+        {"a switch",
+         R"({"POLICY_NAME":"System","AGENTKEY":"SW","ID":"17","STATUS":"SUCCESS","TYPE":"67","OID":".1.3.0,.1.5.0",
+             ".1.3.0":{".1.3.0":"8640012"},".1.5.0":{".1.5.0":"sw1"}})",
+         "SW|System|0|good|.1.3.0=8640012"},
+        {"a silent one", R"({"AGENTKEY":"SW","STATUS":"FAILURE","OID":".1.3.0"})",
+         "SW|.1.3.0|0|failed: no answer from the device, or not to all that was asked"},
+        {"nothing", " \r\n", "||0|failed: empty record: the script printed nothing"},
+        {"a text", "done {", "||0|failed: not JSON: done {"},
+        {"a number", "7", "||0|failed: not a JSON object: 7"},
+        {"a clock that is years ahead", R"({"DATACOLLECTTIME":"1999999999","X":[]})", "|X|0|good"},
+        {"a time in milliseconds", R"({"DATACOLLECTTIME":"1795556399000","X":[]})", "|X|-1|good"},
+        {"values without an end", R"({"X":[{"a":"1e9","b":"-","c":"nan","d":"99999999999999999999","e":"-0.5"}]})",
+         "|X|0|good|1e9 d=1e+20|1e9 e=-0.5"},
+    };
+    for (const auto& [title, text, facts] : rows) EXPECT_EQ(Facts(text), facts) << title;
+}
+
+class LabStore : public LabOnEach {
+  protected:
+    void Deliver(const std::string& zip, std::int64_t collected, const std::string& members) {
+        const std::string text =
+            fmt::format(R"({{"DATACOLLECTTIME":"{}","ERRORMSG":"NO ERROR",{}}})", collected / 1000, members);
+        EXPECT_EQ(StoreDelivery(store, "A1", zip, {DecodeRecord("f.txt", WideBytes(text))}), Delivery::stored);
+    }
+    std::vector<std::string> Lines(const std::string& sql) {
+        std::vector<std::string> lines;
+        for (Statement rows(*store.database, sql); rows.Step();) lines.push_back(rows.text(0));
+        return lines;
+    }
+};
+
+TEST_P(LabStore, KeepsSeriesBesideTheRecords) {
+    const std::int64_t now = Now() / 1000 * 1000;
+    Deliver("2.zip", now, R"("Disks":[{"Name":"/","Free":"2"}])");
+    Deliver("1.zip", now - 1000, R"("Disks":[{"Name":"/","Free":"1"},{"Name":"/home","Free":"8"}])");
+    const std::string samples =
+        "SELECT src.name || ' ' || s.member || ' ' || CAST(x.number AS INTEGER) || ' ' || r.number FROM sample x "
+        "JOIN series s ON s.number = x.series JOIN source src ON src.number = s.source "
+        "JOIN record r ON r.number = x.record AND r.collected = x.time ORDER BY x.time, s.member";
+    EXPECT_THAT(Lines(samples), ElementsAre("Disks / Free 1 2", "Disks /home Free 8 2", "Disks / Free 2 1"));
+    EXPECT_THAT(Lines("SELECT record FROM source"), ElementsAre("1")) << "the newest by collection, not by arrival";
+}
+
+TEST_P(LabStore, IsPruned) {
+    const std::int64_t now = Now();
+    Deliver("1.zip", now - 9 * day, R"("Gone":[{"n":"1"}])");
+    Deliver("2.zip", now - 9 * day, R"("Kept":[{"n":"2"}])");
+    Deliver("3.zip", now, R"("Kept":[{"n":"3"}])");
+    Execute(*store.database, "UPDATE delivery SET time = ? WHERE zip <> '3.zip'", now - 9 * day);
+    EXPECT_EQ(Prune(store, now - 7 * day), 2);
+    EXPECT_THAT(Lines("SELECT name FROM source"), ElementsAre("Kept"));
+    EXPECT_THAT(Lines("SELECT CAST(number AS INTEGER) FROM sample"), ElementsAre("3"));
+    EXPECT_EQ(CountAll(store).zips, 1);
+    Deliver("4.zip", now, R"("Gone":[{"n":"4"}])");
+    EXPECT_THAT(Lines("SELECT count(*) FROM series"), ElementsAre("2"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Database, LabStore, eachKind, KindName);
+
+}  // namespace
+
+}  // namespace kv::lab::test
