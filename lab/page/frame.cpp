@@ -123,6 +123,7 @@ std::string ScopeControls(const Scope& scope, const FilterChoices& choices, std:
     std::string html = "<div class=bar>";
     AddRanges(html, scope, path);
     html += ClockPlace(scope.range.to);
+    if (path == "/") AddTableLinks(html, "/summary", ScopeQuery(scope));
     Add(html, "<details{}><summary>{}</summary>\n<form action=\"{}\"><input type=hidden name=range value={}>\n",
         words.empty() ? "" : " open", words.empty() ? "Filter" : "Filter: " + Escape(words), path, scope.choice->word);
     AddField(html, {"agent", "Agent", ""}, choices.agents, scope.filter.agent);

@@ -28,7 +28,7 @@ code { font: .92em ui-monospace, "DejaVu Sans Mono", monospace; overflow-wrap: a
 .top, .bar, .title, .tabs, .fields { display: flex; flex-wrap: wrap; align-items: baseline; gap: .2rem 1.1rem; }
 .top { justify-content: space-between; }
 .bar { justify-content: space-between; margin: .35rem 0 .8rem; color: var(--soft); }
-.bar #clock { margin-right: auto; }
+.bar > details { margin-left: auto; } .bar > details[open] { margin-left: 0; width: 100%; }
 .title { justify-content: space-between; margin: 1.4rem 0 .45rem; }
 .tabs a { text-decoration: none; color: var(--soft); padding: .1rem 0; }
 .tabs a[aria-current] { color: var(--ink); font-weight: 600; border-bottom: 2px solid var(--accent); }

@@ -68,6 +68,21 @@ void AddTiles(std::string& html, const Summary& summary, const Scope& scope) {
     html += "</div>\n";
 }
 
+Table SummaryTable(const Summary& summary, const Scope& scope) {
+    return {"summary",
+            {{"from", "From"},
+             {"to", "To"},
+             {"agents", "Agents"},
+             {"agents_in_contact", "In contact"},
+             {"devices", "Devices and slaves"},
+             {"sources", "Kinds of records"},
+             {"failing_sources", "Failing now"},
+             {"records", "Records"},
+             {"failed_records", "Failed"}},
+            {{Moment{scope.range.from}, Moment{scope.range.to}, summary.agents, summary.agentsInContact,
+              summary.devices, summary.sources, summary.failingSources, summary.records, summary.failedRecords}}};
+}
+
 std::string ShareText(std::int64_t part, std::int64_t whole) {
     if (whole == 0) return "–";
     const std::int64_t percent = (part * 100 + whole / 2) / whole;

@@ -11,6 +11,7 @@
 #include "lab/page/requests.h"
 #include "lab/page/scope.h"
 #include "lab/page/table.h"
+#include "lab/page/tiles.h"
 #include "lab/page/tracks.h"
 #include "lab/store/history.h"
 #include "lab/store/record_text.h"
@@ -47,6 +48,11 @@ Answer ServePage(Store& store, const ServletRequest& request) { return HtmlAnswe
 
 Answer ServeFragment(Store& store, const ServletRequest& request) {
     return HtmlAnswer(OverviewFragment(store, request));
+}
+
+Table MakeSummary(Store& store, const ServletRequest& request) {
+    const Scope scope = ScopeNow(request);
+    return SummaryTable(Summarize(store, scope.Records(), scope.filter, scope.range.to - silentMilliseconds), scope);
 }
 
 Table MakeProblems(Store& store, const ServletRequest& request) {
@@ -195,7 +201,7 @@ struct TableView {
 };
 constexpr TableView tables[]{
     {"/agents", MakeAgents},    {"/faults", MakeFaults},     {"/notices", MakeNotices}, {"/problems", MakeProblems},
-    {"/refused", MakeRefusals}, {"/requests", MakeRequests}, {"/tracks", MakeTracks},
+    {"/refused", MakeRefusals}, {"/requests", MakeRequests}, {"/summary", MakeSummary}, {"/tracks", MakeTracks},
 };
 
 std::optional<TableFormat> FormatOf(std::string_view path, std::string_view tablePath) {

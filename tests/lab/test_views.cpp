@@ -79,6 +79,9 @@ TEST_P(Views, TellWhatFailsAndSinceWhenItIsGoodAgain) {
     EXPECT_THAT(problems, ElementsAre("LAB1|||empty record: the script printed nothing|1|null",
                                       HasSubstr("LAB1|S1|Printer|no answer from the device"),
                                       "LAB1||Disks|FAILED:<script>alert(1)</script>|2|" + UtcText(now - 7 * minute)));
+    EXPECT_THAT(Rows("/summary.json",
+                     {"agents_in_contact", "devices", "sources", "failing_sources", "records", "failed_records"}),
+                ElementsAre("1|1|3|2|6|5"));
     EXPECT_THAT(Rows("/problems.json?device=S1", {"name", "times"}), ElementsAre("Printer|2"));
     EXPECT_THAT(Rows("/problems.json?name=(unnamed%20record)", {"times"}), ElementsAre("1"));
     EXPECT_THAT(Rows("/problems.json?agent=LAB2", {"times"}), IsEmpty());
