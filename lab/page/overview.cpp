@@ -69,7 +69,7 @@ std::string Fragment(Store& store, const Scope& scope) {
     if (summary.agents == 0 && summary.lastCollected == 0) return html;
     AddProblems(html, ReadProblems(store, scope.Records(), scope.filter, problemsRead), RefusalsOf(store, scope),
                 summary, scope);
-    AddTracks(html, ReadTracks(store, scope.Records(), scope.filter, TickPart(scope), maxTracks), scope);
+    AddTracks(html, ReadTracks(store, scope.Records(), scope.filter, scope.choice->tick, maxTracks), scope);
     AddLatest(html, store, scope);
     AddRequestCounts(html, RequestStates(store));
     return html;

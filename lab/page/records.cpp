@@ -71,6 +71,7 @@ void AddContent(std::string& html, const RecordText& content) {
             AddValue(html, parsed.value.get(), 0);
         html += "</div>\n";
     }
+    if (content.text.empty()) return;
     const std::string_view start = StartOfText(content.text, maxShownBytes);
     Add(html, "<details id=text{}><summary>Its text</summary><pre>{}</pre>", parsed.valid ? "" : " open",
         Escape(start));

@@ -13,11 +13,12 @@ struct RangeChoice {
     std::string_view word;  // in a query
     std::string_view title;
     std::int64_t milliseconds;
+    std::int64_t tick;  // the part of it that one tick of a strip stands for, in milliseconds
 };
-inline constexpr RangeChoice rangeChoices[]{{"15m", "15 minutes", 15 * 60'000},
-                                            {"1h", "hour", 3'600'000},
-                                            {"1d", "day", 24 * 3'600'000},
-                                            {"1w", "week", 7 * 24 * 3'600'000}};
+inline constexpr RangeChoice rangeChoices[]{{"15m", "15 minutes", 15 * 60'000, 10'000},
+                                            {"1h", "hour", 3'600'000, 60'000},
+                                            {"1d", "day", 24 * 3'600'000, 15 * 60'000},
+                                            {"1w", "week", 7 * 24 * 3'600'000, 2 * 3'600'000}};
 
 /// What stands for an empty device or name, in texts for people and in queries.
 inline constexpr std::string_view ownDevice = "(the agent itself)";

@@ -55,7 +55,7 @@ code { font: .92em ui-monospace, "DejaVu Sans Mono", monospace; overflow-wrap: a
 .key svg { width: 8px; height: 16px; vertical-align: -3px; margin-right: .35rem; }
 .scroll { overflow-x: auto; }
 table { border-collapse: collapse; font-size: .9rem; }
-.scroll > table { width: 100%; }
+.scroll > .grid { width: 100%; }
 th { text-align: left; font-weight: 600; color: var(--soft); white-space: nowrap; }
 td { overflow-wrap: anywhere; } .grid td { white-space: nowrap; }
 .grid td.long { white-space: normal; }

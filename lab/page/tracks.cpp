@@ -12,7 +12,6 @@ namespace kv::lab {
 
 namespace {
 
-constexpr std::int64_t partsOfRange = 90;
 constexpr double stripWidth = 1000;  // in the drawing's own units
 constexpr std::size_t maxTitleBytes = 120;
 
@@ -57,7 +56,7 @@ void AddTrack(std::string& html, const Track& track, const Scope& scope) {
         Escape(ShareText(good, track.records)));
     Add(html, "<svg viewBox='0 0 {} 16' preserveAspectRatio=none role=img aria-label=\"{} records, {} failed\">",
         stripWidth, track.records, track.failed);
-    for (const Tick& tick : track.ticks) AddTick(html, tick, scope, TickPart(scope));
+    for (const Tick& tick : track.ticks) AddTick(html, tick, scope, scope.choice->tick);
     html += "</svg>\n";
 }
 
@@ -102,8 +101,6 @@ void AddTrackSums(std::string& html, const Tracks& tracks) {
 }
 
 }  // namespace
-
-std::int64_t TickPart(const Scope& scope) { return scope.choice->milliseconds / partsOfRange; }
 
 void AddTracks(std::string& html, const Tracks& tracks, const Scope& scope) {
     if (tracks.tracks.empty()) return;

@@ -12,9 +12,6 @@ namespace kv::lab {
 /// How many strips the page shows.
 inline constexpr std::int64_t maxTracks = 40;
 
-/// The part of a range that one tick stands for, in milliseconds.
-std::int64_t TickPart(const Scope& scope);
-
 void AddTracks(std::string& html, const Tracks& tracks, const Scope& scope);
 
 Table TrackTable(const Tracks& tracks);

@@ -62,7 +62,7 @@ Table MakeProblems(Store& store, const ServletRequest& request) {
 
 Table MakeTracks(Store& store, const ServletRequest& request) {
     const Scope scope = ScopeNow(request);
-    return TrackTable(ReadTracks(store, scope.Records(), scope.filter, TickPart(scope), maxTableTracks));
+    return TrackTable(ReadTracks(store, scope.Records(), scope.filter, scope.choice->tick, maxTableTracks));
 }
 
 Table MakeFaults(Store& store, const ServletRequest&) { return FaultTable(Faults(store)); }
