@@ -65,6 +65,7 @@ std::vector<RecordText> ReadRecords(MemoryBudget::Share& memory, std::string_vie
 void StoreUpload(Store& store, MemoryBudget& budget, const ServletRequest& request) {
     const std::string key = KeyParameter(request, "AGENTKEY");
     const std::string zip = RequiredParameter(request, "FILENAME");
+    if (zip.size() > maxIndexedBytes) throw BadRequest("the parameter FILENAME is too long for the name of a zip");
     if (request.body.empty()) throw BadRequest("the body is empty");
     MemoryBudget::Share memory(budget);
     const std::vector<RecordText> records = ReadRecords(memory, request.body);

@@ -22,7 +22,18 @@ std::string FirstLine(std::string_view message) {
     return std::string(line.substr(0, line.find_last_not_of(" \r") + 1));
 }
 
-/// The address without what could be a password: from "postgresql://" to its host.
+/// Whether user and password hold none of the characters that end them: libpq would take the rest for something else,
+/// and name it in its messages.
+bool HasPlainUser(std::string_view address) {
+    const std::size_t start = address.find("://") + 3;
+    const std::size_t slash = address.find('/', start);
+    const std::size_t query = slash == std::string_view::npos ? slash : address.find('?', slash);
+    const std::string_view place = address.substr(start, query - start);
+    const std::size_t userEnd = place.rfind('@');
+    return userEnd == std::string_view::npos || place.substr(0, userEnd).find_first_of("@/?") == std::string_view::npos;
+}
+
+/// The address without user, password and parameters. Only of one with a plain user.
 std::string NameWithoutPassword(const std::string& address) {
     const std::size_t start = address.find("://") + 3;
     const std::size_t userEnd = address.find('@', start);
@@ -165,6 +176,9 @@ class PostgresDatabase : public Database {
 }  // namespace
 
 std::unique_ptr<Database> OpenPostgres(const std::string& address) {
+    if (!HasPlainUser(address))
+        throw DatabaseError("database " + address.substr(0, address.find("://")) +
+                            "://...: write @, / and ? in names and the password as %40, %2F and %3F");
     // What libpq says about an address that it cannot read may hold the password.
     const std::unique_ptr<PQconninfoOption, ReleasedBy<PQconninfoFree>> parts(
         PQconninfoParse(address.c_str(), nullptr));

@@ -7,6 +7,7 @@
 #include <fmt/format.h>
 #include <optional>
 #include <unordered_map>
+#include <unordered_set>
 
 #include "lab/store/record_text.h"
 
@@ -122,15 +123,24 @@ class Samples {
         if (samples.size() >= maxSamples || IsOneOf(labelNumbers, property)) return;
         const std::optional<double> number = NumberOf(value);
         if (!number) return;
-        std::string member = Cut(row.empty() ? property : row + " " + std::string(property), maxNameBytes);
-        if (const int times = ++taken_[member]; times > 1) member += " #" + std::to_string(times);
-        samples.push_back({std::move(member), *number});
+        const std::string member = Cut(row.empty() ? property : row + " " + std::string(property), maxNameBytes);
+        samples.push_back({FreeName(member), *number});
     }
 
     std::vector<Sample> samples;
 
   private:
-    std::unordered_map<std::string, int> taken_;
+    /// The name, or with " #2" and so on the first that is free: a record's values have different names.
+    std::string FreeName(const std::string& member) {
+        int& times = times_[member];
+        while (true) {
+            std::string name = ++times == 1 ? member : fmt::format("{} #{}", member, times);
+            if (taken_.insert(name).second) return name;
+        }
+    }
+
+    std::unordered_map<std::string, int> times_;
+    std::unordered_set<std::string> taken_;
 };
 
 /// What tells a row from others: one of identities, else its first text that is not a number, in the order of its

@@ -38,10 +38,18 @@ std::vector<Record> ReadRecords(Statement& rows, std::int64_t maxBytes) {
     return records;
 }
 
+/// What an index can hold, since PostgreSQL refuses longer rows of one. A character that would be cut is left out.
+std::string_view Indexable(std::string_view text) {
+    if (text.size() <= maxIndexedBytes) return text;
+    std::size_t end = maxIndexedBytes;
+    while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xC0) == 0x80) --end;
+    return text.substr(0, end);
+}
+
 void AddReport(Store& store, std::string_view table, const Report& report) {
     Execute(*store.database,
             "INSERT INTO " + std::string(table) + " (agent, action, request_id, text, time) VALUES (?, ?, ?, ?, ?)",
-            report.agent, report.action, report.requestId, report.text, Now());
+            report.agent, report.action, Indexable(report.requestId), report.text, Now());
 }
 
 std::vector<Report> LatestReports(Store& store, std::string_view table, std::int64_t limit) {
@@ -137,7 +145,7 @@ void NoteRefusal(Store& store, const Refusal& refusal) {
     Execute(*store.database,
             "INSERT INTO refused (agent, zip, reason, address, time, times) VALUES (?1, ?2, ?3, ?4, ?5, 1) "
             "ON CONFLICT (agent, zip, reason) DO UPDATE SET address = ?4, time = ?5, times = refused.times + 1",
-            refusal.agent, refusal.zip, refusal.reason, refusal.address, Now());
+            Indexable(refusal.agent), Indexable(refusal.zip), Indexable(refusal.reason), refusal.address, Now());
 }
 
 std::vector<Refusal> LatestRefusals(Store& store, std::int64_t limit) {

@@ -36,6 +36,9 @@ struct Store {
 /// version. DatabaseError also when it is something else.
 Store OpenStore(const std::string& place);
 
+/// The longest name of a zip, in bytes. Of a refusal's texts and of a request's id only as much is kept.
+inline constexpr std::size_t maxIndexedBytes = 800;
+
 /// Milliseconds since 1970.
 std::int64_t Now();
 

@@ -48,6 +48,7 @@ TEST(RecordFacts, AreReadFromEachForm) {
         {"a number", "7", "||0|failed: not a JSON object: 7"},
         {"a clock that is years ahead", R"({"DATACOLLECTTIME":"1999999999","X":[]})", "|X|0|good"},
         {"a time in milliseconds", R"({"DATACOLLECTTIME":"1795556399000","X":[]})", "|X|-1|good"},
+        {"values of one name", R"({"A":{"x":1},"B":{"x":2},"x #2":3})", "|A|0|good|x=1|x #2=2|x #2 #2=3"},
         {"values without an end", R"({"X":[{"a":"1e9","b":"-","c":"nan","d":"99999999999999999999","e":"-0.5"}]})",
          "|X|0|good|1e9 d=1e+20|1e9 e=-0.5"},
     };
