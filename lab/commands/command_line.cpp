@@ -2,6 +2,10 @@
 
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
+
+#include "lab/store/archive.h"
 
 namespace kv::lab {
 
@@ -10,6 +14,16 @@ Store OpenExisting(const Given& given) {
     if (!IsPostgresPlace(place) && !std::filesystem::exists(place))
         throw NotFoundError("there is no database " + place);
     return OpenStore(place);
+}
+
+std::string ReadPlanFile(const std::string& path) {
+    if (!std::filesystem::exists(path)) throw NotFoundError("there is no file " + path);
+    std::ifstream file(path, std::ios::binary);
+    if (!file.is_open() || std::filesystem::is_directory(path)) throw std::runtime_error("cannot read " + path);
+    std::string bytes(std::istreambuf_iterator<char>(file), {});
+    if (file.bad()) throw std::runtime_error("cannot read " + path);
+    if (bytes.size() > maxEntryBytes) throw std::runtime_error(path + " is too large for a plan");
+    return bytes;
 }
 
 void PrintLine(const std::string& line) {

@@ -29,6 +29,9 @@ inline constexpr Option databaseOption{
 /// Opens the database that databaseOption names. NotFoundError when there is no such file.
 Store OpenExisting(const Given& given);
 
+/// The bytes of a plan's file. NotFoundError when it does not exist, std::runtime_error when it cannot be read.
+std::string ReadPlanFile(const std::string& path);
+
 /// Throws std::runtime_error when standard output cannot be written.
 void PrintLine(const std::string& line);
 

@@ -1,9 +1,6 @@
 // kvlab conf push.
 #include <algorithm>
-#include <filesystem>
 #include <fmt/format.h>
-#include <fstream>
-#include <iterator>
 #include <optional>
 
 #include "foundation/file_utils.h"
@@ -19,16 +16,6 @@
 namespace kv::lab {
 
 namespace {
-
-std::string ReadPlanFile(const std::string& path) {
-    if (!std::filesystem::exists(path)) throw NotFoundError("there is no file " + path);
-    std::ifstream file(path, std::ios::binary);
-    if (!file.is_open() || std::filesystem::is_directory(path)) throw std::runtime_error("cannot read " + path);
-    std::string bytes(std::istreambuf_iterator<char>(file), {});
-    if (file.bad()) throw std::runtime_error("cannot read " + path);
-    if (bytes.size() > maxEntryBytes) throw std::runtime_error(path + " is too large for a plan");
-    return bytes;
-}
 
 /// The text in bytes of UTF-8 or UTF-16LE, with or without a byte order mark; absent when they are neither.
 std::optional<std::u16string> PlanText(std::string_view bytes) {

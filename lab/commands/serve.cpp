@@ -7,6 +7,7 @@
 #include "lab/commands/command_line.h"
 #include "lab/commands/duration.h"
 #include "lab/server/server.h"
+#include "lab/store/plans.h"
 #include "lab/store/prune.h"
 #include "lab/store/record_text.h"
 
@@ -15,6 +16,15 @@ namespace kv::lab {
 namespace {
 
 constexpr auto followPause = std::chrono::milliseconds(250);
+
+/// Keeps the plan that agents start with, for the page.
+void KeepPlan(const std::string& database, const std::string& path) {
+    const std::string bytes = ReadPlanFile(path);
+    Store store = OpenStore(database);
+    KeepStartPlan(store, bytes);
+    if (RecordsOfPlan(KnownPlan(store, "").value_or("")).empty())
+        throw std::runtime_error(path + " is not a plan that lists records; kvagentctl check " + path + " tells more");
+}
 
 void RunServe(const Given& given) {
     ServerOptions options;
@@ -27,6 +37,9 @@ void RunServe(const Given& given) {
         options.privateKey = tls[1];
     }
     for (const std::string& key : Values(given, "--refuse")) options.refusedKeys.insert(key);
+
+    if (const std::string plan = Value(given, "--plan"); !plan.empty()) KeepPlan(options.database, plan);
+    if (Has(given, "--keep")) options.keep = DurationOf("--keep", Value(given, "--keep"));
 
     // Blocked before the server's threads start, so that the signals wait for sigwait below.
     sigset_t signals;
@@ -85,6 +98,8 @@ constexpr Option serveOptions[] = {
     {"--listen", "ADDRESS", "address to listen on; the default is 127.0.0.1"},
     {"--tls", "CERT_FILE KEY_FILE", "speak HTTPS with this certificate and key, both PEM files"},
     {"--time-diff", "SECONDS", "what agents are told to add to their clock; the default is 0"},
+    {"--keep", "TIME", "delete what is older, such as 12h, 7d or 4w, at the start and each hour; the default is never"},
+    {"--plan", "FILE", "the plan that agents start with, for the page to show what they collect"},
     {"--refuse", "KEY", "tell the agent with this key not to run; may be given several times", Times::any},
 };
 

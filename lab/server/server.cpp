@@ -9,6 +9,7 @@
 #include "lab/server/http_daemon.h"
 #include "lab/server/servlets.h"
 #include "lab/server/tls_files.h"
+#include "lab/store/prune.h"
 #include "lab/store/store.h"
 
 namespace kv::lab {
@@ -20,6 +21,8 @@ constexpr std::size_t workers = 8;
 /// What bodies, and what is unpacked of them, may take together; see MemoryBudget.
 constexpr std::size_t bodyBudget = std::size_t{384} << 20;
 constexpr std::size_t unpackedBudget = std::size_t{384} << 20;
+
+constexpr auto prunePause = std::chrono::hours(1);
 
 /// The store of each worker. When the database fails for one, all open theirs again, because a database server that
 /// comes back knows none of its former connections.
@@ -97,9 +100,21 @@ struct LabServer::Running {
           http({given.listen, given.port, given.certificate, given.privateKey, workers, bodyBudget},
                [this](std::size_t worker, const HttpRequest& request) { return Handle(worker, request); }) {}
 
+    void PruneEachHour();
     HttpOutcome Handle(std::size_t worker, const HttpRequest& request) noexcept;
     HttpOutcome HandleServlet(Store& store, const std::string& servlet, const HttpRequest& request) const;
 };
+
+void LabServer::Running::PruneEachHour() {
+    http.Repeat(prunePause, [this](std::size_t worker) {
+        try {
+            Prune(stores.At(worker), Now() - options.keep);
+        } catch (const std::exception& error) {
+            stores.NoteFailure();
+            std::fprintf(stderr, "kvlab: old records are not deleted: %s\n", error.what());
+        }
+    });
+}
 
 HttpOutcome LabServer::Running::Handle(std::size_t worker, const HttpRequest& request) noexcept {
     try {
@@ -133,7 +148,9 @@ HttpOutcome LabServer::Running::HandleServlet(Store& store, const std::string& s
             {}};
 }
 
-LabServer::LabServer(const ServerOptions& options) : running_(std::make_unique<Running>(options)) {}
+LabServer::LabServer(const ServerOptions& options) : running_(std::make_unique<Running>(options)) {
+    if (options.keep > 0) running_->PruneEachHour();
+}
 
 LabServer::~LabServer() = default;
 

@@ -30,6 +30,7 @@ struct ServerOptions {
     std::string privateKey;
     std::int64_t timeDiff = 0;          // seconds that agents add to their clock
     std::set<std::string> refusedKeys;  // agents with these keys are told not to run
+    std::int64_t keep = 0;              // milliseconds after which records and the like are deleted; 0 for never
 };
 
 /// A server that listens, on its own threads, from the end of its construction to its destruction. The destructor ends

@@ -91,13 +91,15 @@ TEST_F(Strangers, GetAnAnswerOrAnEnd) {
 TEST_F(Strangers, SeeThatABodyIsTooLarge) {
     const std::string part(std::size_t{1} << 20, 'x');
     std::size_t left = (maxBodyBytes >> 20) + 1;
+    client.set_read_timeout(std::chrono::minutes(5));
+    client.set_write_timeout(std::chrono::minutes(5));
     const httplib::Result answer = client.Post(
         "/servlets/FileCollector?AGENTKEY=K1&FILENAME=large", left << 20,
         [&](std::size_t, std::size_t, httplib::DataSink& sink) {
             return left-- > 0 && sink.write(part.data(), part.size());
         },
         "application/octet-stream");
-    ASSERT_TRUE(answer);
+    ASSERT_TRUE(answer) << to_string(answer.error());
     EXPECT_EQ(answer->status, 413);
     EXPECT_EQ(LatestRefusals(store, 9).size(), 1U);
 }
@@ -162,6 +164,32 @@ TEST_F(Strangers, SeeADatabaseThatFailsAndOneThatIsBack) {
     EXPECT_THAT(failed->body, HasSubstr("agent"));
     Execute(*store.database, "ALTER TABLE elsewhere RENAME TO agent");
     EXPECT_EQ(client.Get("/servlets/RegisterAgent?agentKey=K1")->status, 200);
+}
+
+TEST(OnPostgres, AServerThatWasAwayIsUsedAgain) {
+    const std::string database = NewPostgresPlace();
+    Store store = OpenStore(database);
+    const LabServer server({database, "127.0.0.1", 0, "", "", 0, {}});
+    httplib::Client client("127.0.0.1", server.port());
+    const auto failures = [&] {
+        int count = 0;
+        for (int request = 0; request < 30; ++request) count += client.Get("/")->status == 200 ? 0 : 1;
+        return count;
+    };
+    EXPECT_EQ(failures(), 0);
+    Statement ended(*store.database,
+                    "SELECT pg_terminate_backend(pid) FROM pg_stat_activity WHERE pid <> pg_backend_pid()");
+    while (ended.Step()) continue;
+    EXPECT_EQ(failures(), 1) << "then all workers connect again";
+}
+
+TEST_F(Strangers, FindNothingThatIsTooOld) {
+    const std::string old = R"({ "DATACOLLECTTIME": "1600000000" })";
+    Upload(client, "AGENTKEY=K1&FILENAME=a.zip", MakeArchive({{"old", WideBytes(old)}, {"new", WideBytes("{}")}}));
+    constexpr std::int64_t day = 86400000;
+    const LabServer pruning({database, "127.0.0.1", 0, "", "", 0, {}, day});
+    while (CountAll(store).records == 2) std::this_thread::yield();
+    EXPECT_THAT(StoredRecords(store), testing::ElementsAre("new {}"));
 }
 
 TEST(HttpDaemon, HasBodiesWaitForRoom) {

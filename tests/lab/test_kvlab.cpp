@@ -43,6 +43,9 @@ TEST_P(Kvlab, EndsWithAnExitCodeAndALine) {
         {"conf push --no-flag K1 " + std::string(folder / "broken") + on, 1, "(line 2); kvagentctl check "},
         {"serve --tls " + std::string(folder / "plan") + " absent.key" + on, 1, "absent.key: No such file"},
         {"serve --tls " + std::string(folder / "plan") + " /dev/null" + on, 1, "plan holds no certificate in PEM"},
+        {"serve --keep 7" + on, 2, "such as 7d, not '7'"},
+        {"serve --plan " + std::string(folder / "broken") + on, 1, "broken is not a plan"},
+        {"serve --plan absent" + on, 3, "there is no file absent"},
         {"serve --listen 192.0.2.1" + on, 1, "cannot listen on 192.0.2.1"},
     };
     for (const auto& [words, exitCode, text] : rows) {
