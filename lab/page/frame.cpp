@@ -102,9 +102,9 @@ std::string Document(const Frame& frame) {
     if (frame.refreshSeconds > 0)
         Add(html, "<noscript><meta http-equiv=refresh content={}></noscript>\n", frame.refreshSeconds * 4);
     Add(html,
-        "<style>{}</style>\n</head>\n<body>\n<a class=skip href='#live'>To the content</a>\n<header class=top>"
+        "<style>{}{}</style>\n</head>\n<body>\n<a class=skip href='#live'>To the content</a>\n<header class=top>"
         "<h1>{}</h1>",
-        style, Escape(frame.title));
+        style, valueStyle, Escape(frame.title));
     AddWays(html, frame.path);
     Add(html, "</header>\n{}<main id=live data-from=\"{}\" data-every={}>\n{}</main>\n", frame.controls, frame.fragment,
         frame.refreshSeconds, frame.body);

@@ -11,6 +11,7 @@
 #include "lab/page/requests.h"
 #include "lab/page/tiles.h"
 #include "lab/page/tracks.h"
+#include "lab/page/value_cards.h"
 
 namespace kv::lab {
 
@@ -70,6 +71,7 @@ std::string Fragment(Store& store, const Scope& scope) {
     AddProblems(html, ReadProblems(store, scope.Records(), scope.filter, problemsRead), RefusalsOf(store, scope),
                 summary, scope);
     AddTracks(html, ReadTracks(store, scope.Records(), scope.filter, scope.choice->tick, maxTracks), scope);
+    AddValueCards(html, store, scope);
     AddLatest(html, store, scope);
     AddRequestCounts(html, RequestStates(store));
     return html;

@@ -86,6 +86,34 @@ footer { margin-top: 1.6rem; font-size: .82rem; }
   .grid td::before { content: attr(data-title) " "; color: var(--soft); } }
 )";
 
+/// Of the cards and plots of values. The colours of lines tell twelve apart on both backgrounds.
+inline constexpr std::string_view valueStyle = R"(
+.cards { display: grid; grid-template-columns: repeat(auto-fill, minmax(14rem, 1fr)); gap: .6rem; }
+a.value { display: block; color: inherit; text-decoration: none; }
+a.value:hover, a.value:focus-visible { border-color: var(--accent); }
+.value .name { font-size: .82rem; color: var(--soft); white-space: nowrap; overflow: hidden; text-overflow: ellipsis; }
+.value .member { white-space: nowrap; overflow: hidden; text-overflow: ellipsis; }
+.value .now { font-size: 1.2rem; font-weight: 600; font-variant-numeric: tabular-nums; }
+.value svg { width: 100%; height: 46px; display: block; margin: .15rem 0; }
+.line { fill: none; stroke: var(--accent); stroke-width: 1.7; vector-effect: non-scaling-stroke; stroke-linejoin: round; }
+.under { fill: var(--tint); }
+.plot { display: grid; grid-template-columns: 5.2rem minmax(0, 1fr); padding: 1rem 1.2rem .6rem .4rem; }
+.plot svg { grid-column: 2; width: 100%; height: 22rem; display: block; border: 1px solid var(--line); border-width: 0 0 1px 1px; }
+.yaxis, .xaxis { position: relative; font-size: .82rem; color: var(--soft); font-variant-numeric: tabular-nums; }
+.yaxis span { position: absolute; right: .5rem; transform: translateY(-50%); white-space: nowrap; }
+.xaxis { grid-column: 2; height: 1.6rem; }
+.xaxis span { position: absolute; top: .25rem; transform: translateX(-50%); white-space: nowrap; }
+.grid-line { stroke: var(--line); stroke-width: 1; fill: none; vector-effect: non-scaling-stroke; }
+.hover { fill: transparent; } .hover:hover { fill: var(--tint); }
+.swatch { width: 1.4rem; height: .8rem; margin-right: .5rem; vertical-align: middle; }
+.line1 { stroke: #d1662b; } .line2 { stroke: #2f9e62; } .line3 { stroke: #b04bb5; } .line4 { stroke: #9a8416; }
+.line5 { stroke: #d14a6e; } .line6 { stroke: #1c97a8; } .line7 { stroke: #7a6ff0; } .line8 { stroke: #8a6a4f; }
+.line9 { stroke: #5f9e1c; } .line10 { stroke: #c0392b; } .line11 { stroke: #6b7c8c; }
+@media (max-width: 40rem) { .cards { grid-template-columns: repeat(2, minmax(0, 1fr)); }
+  .plot { grid-template-columns: 3.9rem minmax(0, 1fr); padding-left: 0; } .plot svg { height: 15rem; }
+  .xaxis span:nth-child(even) { display: none; } }
+)";
+
 /// Fetches the changing part again, without taking from the reader what is open, focused, selected or scrolled.
 inline constexpr std::string_view script = R"(
 const live = document.getElementById('live'), clock = document.getElementById('clock');

@@ -5,7 +5,9 @@
 
 #include "lab/page/agents.h"
 #include "lab/page/frame.h"
+#include "lab/page/metrics.h"
 #include "lab/page/overview.h"
+#include "lab/page/plot.h"
 #include "lab/page/problems.h"
 #include "lab/page/records.h"
 #include "lab/page/requests.h"
@@ -13,6 +15,7 @@
 #include "lab/page/table.h"
 #include "lab/page/tiles.h"
 #include "lab/page/tracks.h"
+#include "lab/page/value_cards.h"
 #include "lab/store/history.h"
 #include "lab/store/record_text.h"
 
@@ -116,6 +119,18 @@ Answer ServeRecord(Store& store, const ServletRequest& request) {
     return HtmlAnswer(Document(frame));
 }
 
+// --- Values
+
+Answer ServePlot(Store& store, const ServletRequest& request) { return HtmlAnswer(PlotPage(store, request)); }
+
+Answer ServePlotFragment(Store& store, const ServletRequest& request) {
+    return HtmlAnswer(PlotFragment(store, request));
+}
+
+Table MakeValues(Store& store, const ServletRequest& request) { return ValueTable(store, ScopeNow(request)); }
+
+Answer ServeMetrics(Store& store, const ServletRequest&) { return {200, Metrics(store, Now()), metricsType, {}}; }
+
 // --- Requests and agents
 
 std::vector<AnsweredRequest> ReadAnswered(Store& store, const ServletRequest& request, std::int64_t limit) {
@@ -185,6 +200,9 @@ struct View {
 constexpr View views[]{
     {"/", ServePage},
     {"/fragment", ServeFragment},
+    {"/metrics", ServeMetrics},
+    {"/plot", ServePlot},
+    {"/plot/fragment", ServePlotFragment},
     {"/records", ServeRecords},
     {"/records.csv", ServeRecordsCsv},
     {"/records.json", ServeRecordsJson},
@@ -200,8 +218,9 @@ struct TableView {
     Table (*make)(Store&, const ServletRequest&);
 };
 constexpr TableView tables[]{
-    {"/agents", MakeAgents},    {"/faults", MakeFaults},     {"/notices", MakeNotices}, {"/problems", MakeProblems},
-    {"/refused", MakeRefusals}, {"/requests", MakeRequests}, {"/summary", MakeSummary}, {"/tracks", MakeTracks},
+    {"/agents", MakeAgents},     {"/faults", MakeFaults},    {"/notices", MakeNotices},   {"/plot", PlotTable},
+    {"/problems", MakeProblems}, {"/refused", MakeRefusals}, {"/requests", MakeRequests}, {"/summary", MakeSummary},
+    {"/tracks", MakeTracks},     {"/values", MakeValues},
 };
 
 std::optional<TableFormat> FormatOf(std::string_view path, std::string_view tablePath) {

@@ -1,0 +1,53 @@
+// A series as a line to draw: numbers in their unit, rates of counters, gaps where nothing came.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "lab/page/units.h"
+#include "lab/store/series.h"
+
+namespace kv::lab {
+
+struct CurvePoint {
+    std::int64_t time = 0;
+    double low = 0;  // several samples may stand in one point
+    double high = 0;
+    double number = 0;  // their average
+};
+
+struct Curve {
+    std::vector<std::vector<CurvePoint>> pieces;  // each without gaps, and not empty
+    double low = 0;                               // of all points
+    double high = 0;
+
+    bool isEmpty() const { return pieces.empty(); }
+    double last() const { return pieces.back().back().number; }
+};
+
+/// The line through the parts of a series. A counter's rate runs from each part to the next; where it has begun again,
+/// after as many bits as it has or because its device did, a wrap is reckoned and anything else is a gap. A pause that
+/// is much longer than the usual one is a gap, too.
+Curve MakeCurve(const std::vector<Part>& parts, const Meaning& meaning);
+
+/// A rectangle of a drawing, and what its sides stand for. Y grows downward.
+struct PlotArea {
+    double width = 0;
+    double height = 0;
+    std::int64_t from = 0;
+    std::int64_t to = 0;
+    double low = 0;
+    double high = 0;
+
+    double X(std::int64_t time) const;
+    double Y(double number) const;
+};
+
+/// The "d" of an SVG path along the line; a piece of one point is a short dash.
+std::string LinePath(const Curve& curve, const PlotArea& area);
+
+/// The "d" of what lies between the line and the area's lower side.
+std::string FilledPath(const Curve& curve, const PlotArea& area);
+
+}  // namespace kv::lab

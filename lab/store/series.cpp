@@ -1,0 +1,64 @@
+#include "lab/store/series.h"
+
+namespace kv::lab {
+
+namespace {
+
+/// Takes the arguments 1 to 6: for each of agent, device and name whether it counts, and what it is.
+constexpr std::string_view sourceFits =
+    "(?1 = 0 OR s.agent = ?2) AND (?3 = 0 OR s.device = ?4) AND (?5 = 0 OR s.name = ?6) AND (?7 = 0 OR s.failed = 1) ";
+
+template <class... Arguments>
+Statement Ask(Store& store, const Filter& filter, std::string_view sql, const Arguments&... arguments) {
+    const auto counts = [](const std::optional<std::string>& text) { return std::int64_t{text.has_value()}; };
+    return Statement(*store.database, sql, counts(filter.agent), filter.agent.value_or(""), counts(filter.device),
+                     filter.device.value_or(""), counts(filter.name), filter.name.value_or(""),
+                     std::int64_t{filter.failedOnly}, arguments...);
+}
+
+SeriesName ReadName(const Statement& row) {
+    return {row.number(0), row.text(1), row.text(2), row.text(3), row.text(4)};
+}
+
+}  // namespace
+
+SeriesList ReadSeries(Store& store, const Range& range, const Filter& filter, const std::optional<std::string>& member,
+                      std::int64_t limit) {
+    static const std::string sql =
+        "SELECT x.number, s.agent, s.device, s.name, x.member FROM source s JOIN series x ON x.source = s.number "
+        "WHERE " +
+        std::string(sourceFits) +
+        "AND s.collected >= ?8 AND (?9 = 0 OR x.member = ?10) AND EXISTS (SELECT 1 FROM sample v "
+        "WHERE v.series = x.number AND v.time BETWEEN ?8 AND ?11) ORDER BY x.number LIMIT ?12";
+    Statement rows =
+        Ask(store, filter, sql, range.from, std::int64_t{member.has_value()}, member.value_or(""), range.to, limit + 1);
+    SeriesList list;
+    while (rows.Step()) list.series.push_back(ReadName(rows));
+    list.more = list.series.size() > static_cast<std::size_t>(limit);
+    if (list.more) list.series.pop_back();
+    return list;
+}
+
+std::vector<Part> ReadParts(Store& store, std::int64_t series, const Range& range, std::int64_t part) {
+    Statement rows(*store.database,
+                   "SELECT min(time), max(time), min(number), max(number), avg(number) FROM sample "
+                   "WHERE series = ?1 AND time BETWEEN ?2 AND ?3 GROUP BY time / ?4 ORDER BY 1",
+                   series, range.from, range.to, part);
+    std::vector<Part> parts;
+    while (rows.Step()) parts.push_back({rows.number(0), rows.number(1), rows.real(2), rows.real(3), rows.real(4)});
+    return parts;
+}
+
+std::vector<LatestValue> ReadLatestValues(Store& store, const Filter& filter, std::int64_t since, std::int64_t limit) {
+    static const std::string sql =
+        "SELECT x.number, s.agent, s.device, s.name, x.member, v.time, v.number FROM source s "
+        "JOIN series x ON x.source = s.number "
+        "JOIN sample v ON v.series = x.number AND v.time = s.collected AND v.record = s.record WHERE " +
+        std::string(sourceFits) + "AND s.collected >= ?8 ORDER BY s.agent, s.device, s.name, x.member LIMIT ?9";
+    Statement rows = Ask(store, filter, sql, since, limit);
+    std::vector<LatestValue> values;
+    while (rows.Step()) values.push_back({ReadName(rows), rows.number(5), rows.real(6)});
+    return values;
+}
+
+}  // namespace kv::lab
