@@ -120,7 +120,8 @@ std::string ReasonOf(json_object* document) {
 class Samples {
   public:
     void Add(const std::string& row, std::string_view property, json_object* value) {
-        if (samples.size() >= maxSamples || IsOneOf(labelNumbers, property)) return;
+        const bool isLabel = IsOneOf(labelNumbers, property) || (!row.empty() && IsOneOf(identities, property));
+        if (samples.size() >= maxSamples || isLabel) return;
         const std::optional<double> number = NumberOf(value);
         if (!number) return;
         const std::string member = Cut(row.empty() ? property : row + " " + std::string(property), maxNameBytes);

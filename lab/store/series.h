@@ -18,7 +18,8 @@ struct SeriesName {
     std::string member;
 };
 
-/// Those that have samples in the range, the longest known first, at most `limit` of them. member: absent stands for all.
+/// Those that have samples in the range, the longest known first, at most `limit` of them. member: absent stands for
+/// all.
 struct SeriesList {
     std::vector<SeriesName> series;
     bool more = false;  // others are left out

@@ -35,6 +35,8 @@ TEST(RecordFacts, AreReadFromEachForm) {
         {"one that failed", R"({"AGENTKEY":"A1","ERRORMSG":"FAILED:x\ny","Big":[]})", "|Big|0|failed: FAILED:x y"},
         {"a script about users", R"({"Users":[{"User":"anna","Quota":81},{"User":"anna","Quota":40},{"Quota":1}]})",
          "|Users|0|good|anna Quota=81|anna #2 Quota=40|#3 Quota=1"},
+        {"processors, whose names are numbers", R"({"CPU":[{"Name":"0","Load":"7"},{"Name":"1","Load":"8"}]})",
+         "|CPU|0|good|0 Load=7|1 Load=8"},
         {"its plain members", R"({"load":0.5,"uptime":"12","id":"7","zip":"0815","date":"20260131093000.0+060"})",
          "||0|good|load=0.5|uptime=12"},
         {"a switch",
