@@ -76,7 +76,7 @@ void AddFirstMinute(std::string& html, const std::vector<AwaitedAgent>& awaited,
     if (!anyAgent) return AddConnecting(html);
     if (awaited.empty()) return;
     html += "<section id=awaited>";
-    AddSectionTitle(html, "Awaited", "", "");
+    AddSectionTitle(html, "Waiting for the first upload", "", "");
     for (const AwaitedAgent& agent : awaited) AddAwaited(html, agent, now);
     if (awaitedMore > 0)
         Add(html, "<p class=soft>… {} more agents have sent no records yet: <a href=/agents>all agents</a></p>\n",

@@ -116,17 +116,17 @@ void AddProblems(std::string& html, const Problems& found, const std::vector<Ref
     const std::vector<ProblemGroup> groups = GroupProblems(found.problems);
     const std::size_t shown = std::min(groups.size(), shownProblems);
     for (std::size_t at = 0; at < std::min(refusals.size(), maxRefusals); ++at) AddRefusal(html, refusals[at], scope);
-    if (!refusals.empty()) {
-        html += "<p class=soft>Refused uploads of any time: ";
-        AddTableLinks(html, "/refused", "");
-        html += "</p>\n";
-    }
     for (std::size_t at = 0; at < shown; ++at) {
         if (at == openProblems) Add(html, "<details id=more-problems><summary>{} more</summary>\n", shown - at);
         AddGroup(html, groups[at], scope);
     }
     if (shown > openProblems) html += "</details>\n";
     AddMore(html, found.more + static_cast<std::int64_t>(groups.size() - shown));
+    if (!refusals.empty()) {
+        html += "<p class=soft>Refused uploads of any time: ";
+        AddTableLinks(html, "/refused", "");
+        html += "</p>\n";
+    }
     if (groups.empty() && refusals.empty()) AddNothingFailed(html, summary, scope);
     html += "</section>\n";
 }
