@@ -8,7 +8,7 @@
 //   GET  /servlets/DataAgentHandlerServlet  agentKey, action, requestId: a notice; status and moId for a download
 //   POST /servlets/DataAgentHandlerServlet  agentKey, action, requestId; the body is UTF-16LE text
 //   GET  /conf/N/queryconf.zip              a configuration
-//   GET  /  /fragment  /api/records?after=N&agent=KEY&limit=N
+//   GET  any other path                     the views of lab/page/views.h
 //
 // A request that is malformed gets status 400 and one line that says why; when the database fails, 500.
 #pragma once
