@@ -40,5 +40,6 @@ std::span<const Command> ServerCommands();         // serve, records, agents, pr
 std::span<const Command> RequestCommands();        // request
 std::span<const Command> ConfigurationCommands();  // conf
 std::span<const Command> FaultCommands();          // fault
+std::span<const Command> FleetCommands();          // fleet
 
 }  // namespace kv::lab

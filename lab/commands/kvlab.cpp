@@ -14,12 +14,13 @@ constexpr Item groups[] = {
     {"fault", "Faults that the server makes on request: set, clear, list."},
 };
 
-std::string Notes() { return "All commands except serve work whether or not the server runs.\n\n"; }
+std::string Notes() { return "All commands except serve and fleet work whether or not the server runs.\n\n"; }
 
 }  // namespace
 
 const commandline::Program& LabProgram() {
-    static const std::array topics{ServerCommands(), RequestCommands(), ConfigurationCommands(), FaultCommands()};
+    static const std::array topics{ServerCommands(), RequestCommands(), ConfigurationCommands(), FaultCommands(),
+                                   FleetCommands()};
     static const commandline::Program program{"kvlab", "plays the central server, for testing the monitoring agent",
                                               topics, groups, Notes};
     return program;

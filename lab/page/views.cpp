@@ -188,6 +188,14 @@ Table MakeRequests(Store& store, const ServletRequest& request) {
 
 Table MakeNotices(Store& store, const ServletRequest&) { return NoticeTable(LatestActions(store, maxTableRequests)); }
 
+/// For those who compare what was accepted with what is held, such as kvlab fleet.
+Table MakeTotals(Store& store, const ServletRequest&) {
+    const Totals totals = CountAll(store);
+    return {"totals",
+            {{"agents", "Agents"}, {"uploads", "Uploads"}, {"records", "Records"}, {"refused", "Refused uploads"}},
+            {{totals.agents, totals.zips, totals.records, totals.refused}}};
+}
+
 Table MakeAgents(Store& store, const ServletRequest&) { return AgentTable(Agents(store), Now()); }
 
 // --- Paths
@@ -220,7 +228,7 @@ struct TableView {
 constexpr TableView tables[]{
     {"/agents", MakeAgents},     {"/faults", MakeFaults},    {"/notices", MakeNotices},   {"/plot", PlotTable},
     {"/problems", MakeProblems}, {"/refused", MakeRefusals}, {"/requests", MakeRequests}, {"/summary", MakeSummary},
-    {"/tracks", MakeTracks},     {"/values", MakeValues},
+    {"/totals", MakeTotals},     {"/tracks", MakeTracks},    {"/values", MakeValues},
 };
 
 std::optional<TableFormat> FormatOf(std::string_view path, std::string_view tablePath) {

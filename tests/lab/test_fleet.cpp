@@ -1,0 +1,79 @@
+// A fleet of agents against a real server of the lab.
+#include <gmock/gmock.h>
+#include <thread>
+
+#include "lab/fleet/fleet.h"
+#include "tests/lab/lab_helpers.h"
+
+namespace kv::lab::test {
+
+namespace {
+
+class FleetAgainstLab : public LabOnEach {
+  protected:
+    /// Runs until so many zips were accepted, or for a minute: each agent uploads every half second.
+    FleetReport RunUntil(std::int64_t accepted, const std::string& address) const {
+        FleetOptions options;
+        options.server = address;
+        options.agents = 4;
+        options.rate = 600;
+        options.records = 6;
+        options.seconds = 60;
+        std::int64_t seen = 0;
+        return RunFleet(
+            options, [&](const FleetReport& report) { seen = report.acceptedZips; }, [&] { return seen >= accepted; });
+    }
+    std::string Address() const { return "http://127.0.0.1:" + std::to_string(server->port()); }
+};
+
+TEST_P(FleetAgainstLab, LosesNothingWhateverTheServerDoes) {
+    AddFault(store, {0, "FileCollector", FaultKind::status, 503, 1});
+    AddFault(store, {0, "FileCollector", FaultKind::drop, 0, 1});
+    AddFault(store, {0, "FileCollector", FaultKind::cut, 0, 1});
+    AddFault(store, {0, "DataAgentHandlerServlet", FaultKind::status, 500, 1});
+    const FleetReport report = RunUntil(8, Address());
+    EXPECT_EQ(report.registrations.failed(), 0);
+    EXPECT_EQ(report.requestLists.failed(), 1);
+    EXPECT_EQ(report.uploads.failed(), 3) << "and sent again";
+    EXPECT_EQ(report.lost(), 0);
+    EXPECT_EQ(report.zipsHeld, CountAll(store).zips);
+    EXPECT_GE(*report.zipsHeld, report.acceptedZips) << "one was stored and half of its answer came";
+    EXPECT_EQ(Agents(store).size(), 4U);
+    EXPECT_EQ(CountAll(store).records, CountAll(store).zips * 6);
+    EXPECT_EQ(QueryNumber(*store.database, "SELECT count(*) FROM record WHERE failed = 1"), 0);
+    EXPECT_EQ(QueryNumber(*store.database, "SELECT count(*) FROM source WHERE device <> ''"), 4) << "their switches";
+}
+
+TEST_P(FleetAgainstLab, TellsWhatIsLost) {
+    std::thread forgetful([this] {
+        Store own = OpenStore(database);
+        while (CountAll(own).zips < 4) std::this_thread::yield();
+        Execute(*own.database, "DELETE FROM record WHERE delivery <= 2");
+        Execute(*own.database, "DELETE FROM delivery WHERE number <= 2");
+    });
+    const FleetReport report = RunUntil(8, Address());
+    forgetful.join();
+    EXPECT_EQ(report.lost(), 2);
+}
+
+INSTANTIATE_TEST_SUITE_P(Database, FleetAgainstLab, eachKind, KindName);
+
+class Fleet : public kv::test::TestAgent {};
+
+TEST_F(Fleet, SaysThatNobodyAnswers) {
+    FleetOptions options;
+    options.server = "http://127.0.0.1:1";
+    options.agents = 2;
+    options.rate = 600;
+    options.seconds = 1;
+    const FleetReport report = RunFleet(
+        options, [](const FleetReport&) {}, [] { return false; });
+    EXPECT_EQ(report.registrations.failed(), 2);
+    EXPECT_EQ(report.acceptedZips, 0);
+    EXPECT_GE(report.waitingZips, 2);
+    EXPECT_FALSE(report.zipsHeld);
+}
+
+}  // namespace
+
+}  // namespace kv::lab::test
