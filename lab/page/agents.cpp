@@ -28,8 +28,8 @@ std::string ContactText(const Agent& agent, std::int64_t now) {
     if (IsInContact(agent, now)) return "in contact";
     const std::int64_t minutes = (now - agent.lastContact) / 60000;
     if (minutes < 120) return fmt::format("silent for {} minutes", minutes);
-    return minutes < 48 * 60 ? fmt::format("silent for {} hours", minutes / 60)
-                             : fmt::format("silent for {} days", minutes / (24 * 60));
+    return minutes < 2880 ? fmt::format("silent for {} hours", minutes / 60)
+                          : fmt::format("silent for {} days", minutes / 1440);
 }
 
 void AddAgents(std::string& html, std::vector<Agent> agents, std::int64_t now) {

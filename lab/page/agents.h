@@ -11,7 +11,7 @@
 namespace kv::lab {
 
 /// An agent that has not called for this long is silent. By default it uploads every 5 minutes.
-inline constexpr std::int64_t silentMilliseconds = 15 * 60 * 1000;
+inline constexpr std::int64_t silentMilliseconds = 15 * std::int64_t{60'000};
 
 /// "in contact", "silent for 20 minutes", or what it reported last, such as "AGENT_DOWN".
 std::string ContactText(const Agent& agent, std::int64_t now);

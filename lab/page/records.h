@@ -12,7 +12,7 @@
 namespace kv::lab {
 
 /// A record larger than this is shown in part, as text.
-inline constexpr std::size_t maxShownBytes = 256 * 1024;
+inline constexpr std::size_t maxShownBytes = std::size_t{256} << 10;
 
 Table RecordTable(const std::vector<HistoryRecord>& records);
 

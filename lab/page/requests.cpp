@@ -11,7 +11,7 @@ namespace kv::lab {
 
 namespace {
 
-constexpr std::size_t maxAnswerBytes = 64 * 1024;
+constexpr std::size_t maxAnswerBytes = std::size_t{64} << 10;
 constexpr std::string_view planType = "DOWNLOAD_QUERYCONF";
 
 struct StateWords {

@@ -7,8 +7,6 @@ namespace kv::lab {
 
 namespace {
 
-constexpr std::int64_t dayMilliseconds = 24 * 3'600'000;
-
 std::tm Utc(std::int64_t time) { return fmt::gmtime(static_cast<std::time_t>(time / 1000)); }
 
 const RangeChoice& ChoiceOf(const std::string& word) {

@@ -9,16 +9,20 @@
 
 namespace kv::lab {
 
+inline constexpr std::int64_t minuteMilliseconds = 60'000;
+inline constexpr std::int64_t hourMilliseconds = 60 * minuteMilliseconds;
+inline constexpr std::int64_t dayMilliseconds = 24 * hourMilliseconds;
+
 struct RangeChoice {
     std::string_view word;  // in a query
     std::string_view title;
     std::int64_t milliseconds;
     std::int64_t tick;  // the part of it that one tick of a strip stands for, in milliseconds
 };
-inline constexpr RangeChoice rangeChoices[]{{"15m", "15 minutes", 15 * 60'000, 10'000},
-                                            {"1h", "hour", 3'600'000, 60'000},
-                                            {"1d", "day", 24 * 3'600'000, 15 * 60'000},
-                                            {"1w", "week", 7 * 24 * 3'600'000, 2 * 3'600'000}};
+inline constexpr RangeChoice rangeChoices[]{{"15m", "15 minutes", 15 * minuteMilliseconds, minuteMilliseconds / 6},
+                                            {"1h", "hour", hourMilliseconds, minuteMilliseconds},
+                                            {"1d", "day", dayMilliseconds, 15 * minuteMilliseconds},
+                                            {"1w", "week", 7 * dayMilliseconds, 2 * hourMilliseconds}};
 
 /// What stands for an empty device or name, in texts for people and in queries.
 inline constexpr std::string_view ownDevice = "(the agent itself)";

@@ -17,6 +17,8 @@ template <class... Writers>
 struct CellVisitor : Writers... {
     using Writers::operator()...;
 };
+template <class... Writers>
+CellVisitor(Writers...) -> CellVisitor<Writers...>;
 
 std::string CsvField(const std::string& text) {
     if (text.find_first_of(",\"\r\n") == std::string::npos) return text;

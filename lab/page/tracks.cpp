@@ -27,7 +27,8 @@ TickLook LookOf(const Tick& tick) {
 }
 
 std::string TickTitle(const Tick& tick, std::int64_t now) {
-    std::string title = now - tick.collected < 20 * 3'600'000 ? ClockText(tick.collected) : UtcText(tick.collected);
+    std::string title =
+        now - tick.collected < 20 * hourMilliseconds ? ClockText(tick.collected) : UtcText(tick.collected);
     if (tick.records > 1) title += fmt::format(", {} records", tick.records);
     if (tick.failed == 0) return title;
     if (tick.failed < tick.records) title += fmt::format(", {} failed", tick.failed);

@@ -210,12 +210,12 @@ Summary Summarize(Store& store, const Range& range, const Filter& filter, std::i
 }
 
 Problems ReadProblems(Store& store, const Range& range, const Filter& filter, std::size_t limit) {
-    Statement rows = Ask(store, filter,
-                         Sql({"SELECT ", sourceColumns,
-                              ", r.reason, r.collected, r.number FROM record r JOIN source s ON s.number = r.source "
-                              "WHERE r.failed = 1 AND r.collected BETWEEN ?7 AND ?8 AND ",
-                              sourceFits, newestFirst, "?9"}),
-                         range.from, range.to, maxProblemRecords);
+    Statement rows =
+        Ask(store, filter,
+            Sql({"SELECT ", sourceColumns,
+                 ", r.reason, r.collected, r.number FROM record r JOIN source s ON s.number = r.source ",
+                 "WHERE r.failed = 1 AND r.collected BETWEEN ?7 AND ?8 AND ", sourceFits, newestFirst, "?9"}),
+            range.from, range.to, maxProblemRecords);
     Problems found{GroupFailures(rows), 0};
     std::vector<Problem>& problems = found.problems;
     std::stable_partition(problems.begin(), problems.end(),
