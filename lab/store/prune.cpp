@@ -34,9 +34,15 @@ std::vector<std::int64_t> SeriesWithSamplesBefore(Database& database, std::int64
     return numbers;
 }
 
+/// Many series in one transaction, because each waits for its turn among the writers.
 void DeleteSamples(Database& database, std::int64_t before) {
-    for (const std::int64_t series : SeriesWithSamplesBefore(database, before))
-        Execute(database, "DELETE FROM sample WHERE series = ? AND time < ?", series, before);
+    const std::vector<std::int64_t> series = SeriesWithSamplesBefore(database, before);
+    for (std::size_t at = 0; at < series.size();) {
+        Transaction transaction(database);
+        for (std::int64_t rows = 0; rows < rowsTogether && at < series.size(); ++at)
+            rows += Execute(database, "DELETE FROM sample WHERE series = ? AND time < ?", series[at], before);
+        transaction.Commit();
+    }
 }
 
 /// In the order in which rows lose what refers to them. A source is kept as long as its newest record.
@@ -59,7 +65,10 @@ constexpr std::string_view deletions[]{
 void ShrinkFile(Database& database) {
     constexpr std::int64_t incremental = 2;
     const bool isReady = QueryNumber(database, "PRAGMA auto_vacuum") == incremental;
-    database.RunScript(isReady ? "PRAGMA incremental_vacuum" : "PRAGMA auto_vacuum = INCREMENTAL; VACUUM");
+    if (!isReady) return database.RunScript("PRAGMA auto_vacuum = INCREMENTAL; VACUUM");
+    constexpr std::int64_t pagesTogether = 1000;
+    for (std::int64_t left = QueryNumber(database, "PRAGMA freelist_count"); left > 0; left -= pagesTogether)
+        database.RunScript("PRAGMA incremental_vacuum(" + std::to_string(pagesTogether) + ")");
 }
 
 }  // namespace

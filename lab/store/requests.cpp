@@ -148,6 +148,9 @@ std::optional<std::string> Configuration(Store& store, std::string_view path) {
 
 std::string TakeRequestList(Store& store, std::string_view agent, bool arrives) {
     Database& database = *store.database;
+    // Mostly nothing is to be done, and then nobody has to wait for this.
+    if (!Statement(database, "SELECT 1 FROM request WHERE agent = ? AND state IN ('waiting', 'listed')", agent).Step())
+        return "";
     Transaction transaction(database);
     Execute(database,
             "UPDATE request SET state = CASE WHEN silent <> 0 THEN 'done' ELSE 'unanswered' END, ended = ?3 "

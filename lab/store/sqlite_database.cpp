@@ -14,7 +14,16 @@ namespace kv::lab {
 
 namespace {
 
-constexpr int busyMilliseconds = 30000;  // to wait for a transaction of another connection
+/// How long a transaction of another connection is waited for, and how often it is looked whether it has ended.
+/// SQLite's own pauses grow so long that one who waits beside busy writers never gets its turn.
+constexpr int busyMilliseconds = 30000;
+constexpr int busyPauseMilliseconds = 1;
+
+int WaitWhileBusy(void*, int times) {
+    if (times * busyPauseMilliseconds >= busyMilliseconds) return 0;
+    sqlite3_sleep(busyPauseMilliseconds);
+    return 1;
+}
 
 void Check(sqlite3* connection, int result) {
     if (result == SQLITE_OK) return;
@@ -86,7 +95,7 @@ class SqliteDatabase : public Database {
   public:
     SqliteDatabase(std::string path, sqlite::Connection connection)
         : name_(std::move(path)), connection_(std::move(connection)) {
-        sqlite3_busy_timeout(connection_.get(), busyMilliseconds);
+        sqlite3_busy_handler(connection_.get(), WaitWhileBusy, nullptr);
     }
 
     DatabaseKind kind() const override { return DatabaseKind::sqlite; }
