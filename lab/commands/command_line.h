@@ -36,7 +36,9 @@ std::string ReadPlanFile(const std::string& path);
 void PrintLine(const std::string& line);
 
 /// The commands by topic, in the order of the help.
-std::span<const Command> ServerCommands();         // serve, records, agents, prune
+std::span<const Command> ServerCommands();         // serve, agents, prune
+std::span<const Command> RecordCommands();         // records
+std::span<const Command> PlotCommands();           // plot
 std::span<const Command> RequestCommands();        // request
 std::span<const Command> ConfigurationCommands();  // conf
 std::span<const Command> FaultCommands();          // fault

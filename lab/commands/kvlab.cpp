@@ -19,8 +19,8 @@ std::string Notes() { return "All commands except serve and fleet work whether o
 }  // namespace
 
 const commandline::Program& LabProgram() {
-    static const std::array topics{ServerCommands(), RequestCommands(), ConfigurationCommands(), FaultCommands(),
-                                   FleetCommands()};
+    static const std::array topics{ServerCommands(),        RecordCommands(), PlotCommands(), RequestCommands(),
+                                   ConfigurationCommands(), FaultCommands(),  FleetCommands()};
     static const commandline::Program program{"kvlab", "plays the central server, for testing the monitoring agent",
                                               topics, groups, Notes};
     return program;

@@ -1,7 +1,5 @@
-// kvlab serve, records, agents and prune.
-#include <chrono>
+// kvlab serve, agents and prune.
 #include <csignal>
-#include <thread>
 
 #include "commandline/run.h"
 #include "lab/commands/command_line.h"
@@ -14,8 +12,6 @@
 namespace kv::lab {
 
 namespace {
-
-constexpr auto followPause = std::chrono::milliseconds(250);
 
 /// Keeps the plan that agents start with, for the page.
 void KeepPlan(const std::string& database, const std::string& path) {
@@ -64,27 +60,6 @@ void RunAgents(const Given& given) {
     }
 }
 
-void RunRecords(const Given& given) {
-    Store store = OpenExisting(given);
-    const bool follow = Has(given, "--follow");
-    RecordQuery query;
-    query.agent = Value(given, "--agent");
-    if (!follow && !query.agent.empty() && !AgentExists(store, query.agent))
-        throw NotFoundError("there is no agent with the key " + query.agent);
-    while (true) {
-        const std::vector<Record> records = RecordsAfter(store, query);
-        for (const Record& record : records) PrintLine(RecordLine(record));
-        commandline::FlushOutput();
-        if (!records.empty()) {
-            query.after = records.back().number;
-        } else if (follow) {
-            std::this_thread::sleep_for(followPause);
-        } else {
-            return;
-        }
-    }
-}
-
 void RunPrune(const Given& given) {
     const std::int64_t keep = DurationOf("--keep", NeededValue(given, "--keep"));
     Store store = OpenExisting(given);
@@ -103,12 +78,6 @@ constexpr Option serveOptions[] = {
     {"--refuse", "KEY", "tell the agent with this key not to run; may be given several times", Times::any},
 };
 
-constexpr Option recordsOptions[] = {
-    databaseOption,
-    {"--agent", "KEY", "only this agent's"},
-    {"--follow", "", "go on with new ones as they arrive, until interrupted"},
-};
-
 constexpr Option agentsOptions[] = {databaseOption};
 
 constexpr Option pruneOptions[] = {
@@ -124,11 +93,6 @@ constexpr Command commands[] = {
      {},
      serveOptions,
      RunServe},
-    {"records",
-     "Prints the accepted records. One a line, with tabs between: number, agent, zip, record file, time, values.",
-     {},
-     recordsOptions,
-     RunRecords},
     {"agents",
      "Prints the agents. One a line, with tabs between: key, name, DNS name, address, operating system, customer, "
      "office, last contact, last status report.",

@@ -1,4 +1,5 @@
 // kvlab on its command line, and requests to agents, which the agents fetch and report over real HTTP.
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 
 #include "foundation/registry_store.h"
@@ -47,6 +48,13 @@ TEST_P(Kvlab, EndsWithAnExitCodeAndALine) {
         {"serve --plan " + std::string(folder / "broken") + on, 1, "broken is not a plan"},
         {"serve --plan absent" + on, 3, "there is no file absent"},
         {"serve --listen 192.0.2.1" + on, 1, "cannot listen on 192.0.2.1"},
+        {"records --csv --json" + on, 2, "only one of"},
+        {"records --since yesterday" + on, 2, "'yesterday'"},
+        {"records --until 2026-02-40" + on, 2, "a time in UTC"},
+        {"prune --keep 7" + on, 2, "such as 7d"},
+        {"plot Disks" + on, 3, "no record has the name 'Disks'"},
+        {"fleet --server localhost", 2, "takes http://HOST:PORT"},
+        {"fleet --server http://127.0.0.1:1 --agents 1 --rate 0", 2, "--rate takes"},
     };
     for (const auto& [words, exitCode, text] : rows) {
         SCOPED_TRACE(words);
@@ -56,6 +64,28 @@ TEST_P(Kvlab, EndsWithAnExitCodeAndALine) {
         EXPECT_EQ(std::count(lines.begin(), lines.end(), '\n'), exitCode == 0 ? 0 : 1) << lines;
     }
     EXPECT_FALSE(std::filesystem::exists(folder / "absent.db"));
+}
+
+TEST_P(Kvlab, PrintsAndDrawsRecords) {
+    const std::int64_t now = Now() / 1000;
+    const auto record = [&](std::int64_t ago, const std::string& error, int free) {
+        const std::string text =
+            fmt::format(R"({{"DATACOLLECTTIME":"{}","ERRORMSG":"{}","Disks":[{{"Name":"/","FreeSpace":"{}"}}]}})",
+                        now - ago, error, free);
+        return DecodeRecord("f.txt", WideBytes(text));
+    };
+    StoreDelivery(store, "A1", "1.zip",
+                  {record(7000, "NO ERROR", 1000), record(900, "NO ERROR", 2000), record(60, "FAILED", 3000)});
+    NoteContact(store, "A1", "");
+    EXPECT_THAT(RunOnDatabase("records --agent A1 --since 1h").output, MatchesRegex("2\tA1\t.*2000.*\n3\tA1.*3000.*"));
+    EXPECT_THAT(RunOnDatabase("records --failed --name Disks --csv").output,
+                MatchesRegex("number,agent,.*\n3,A1,,Disks,.*,yes,FAILED,1.zip,f.txt,[0-9]+\r"));
+    EXPECT_EQ(RunOnDatabase("records --until 2020-01-01").output, "");
+    const std::string plot = RunOnDatabase("plot Disks --since 3h").output;
+    EXPECT_THAT(plot, testing::StartsWith("A1 · Disks / FreeSpace: 3.0 kB\n    3.0 kB |"));
+    EXPECT_THAT(plot, testing::HasSubstr("\n    1.0 kB |"));
+    EXPECT_THAT(RunOnDatabase("plot Disks --since 30m --csv").output,
+                MatchesRegex(".*Z,2000,bytes\r\n.*Z,3000,bytes\r"));
 }
 
 class Requests : public Kvlab {
