@@ -4,6 +4,7 @@
 #include <cmath>
 #include <fmt/format.h>
 #include <iterator>
+#include <optional>
 
 namespace kv::lab {
 
@@ -64,13 +65,13 @@ Curve MakeCurve(const std::vector<Part>& parts, const Meaning& meaning) {
         meaning.kind == ValueKind::counter ? CounterPoints(parts, meaning) : GaugePoints(parts, meaning);
     const std::int64_t longestPause = LongestPause(points);
     Curve curve;
-    std::int64_t before = 0;
+    std::optional<std::int64_t> before;
     for (const CurvePoint& point : points) {
         if (std::isnan(point.number)) {
-            before = 0;
+            before.reset();
             continue;
         }
-        if (before == 0 || point.time - before > longestPause) curve.pieces.emplace_back();
+        if (!before || point.time - *before > longestPause) curve.pieces.emplace_back();
         const bool isFirst = curve.pieces.size() == 1 && curve.pieces[0].empty();
         curve.low = isFirst ? point.low : std::min(curve.low, point.low);
         curve.high = isFirst ? point.high : std::max(curve.high, point.high);

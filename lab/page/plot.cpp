@@ -198,7 +198,7 @@ Table PointTable(const Plot& plot) {
 }
 
 std::string MemberQuery(const Scope& scope, const std::string& member) {
-    return ScopeQuery(scope) + "&member=" + UrlText(member);
+    return QueryWithMember(ScopeQuery(scope), member);
 }
 
 void AddPoints(std::string& html, const Plot& plot) {

@@ -119,7 +119,6 @@ constexpr KnownName knownNames[]{
 
 /// In which order they are tried matters: "MBytes" before "Bytes".
 constexpr KnownName knownEnds[]{
-    {"BytesPersec", {Unit::bytesPerSecond}},
     {"BytesPerSec", {Unit::bytesPerSecond}},
     {"Persec", {Unit::perSecond}},
     {"PerSec", {Unit::perSecond}},
@@ -166,6 +165,8 @@ bool IsOid(std::string_view member) {
 Meaning NamedMeaning(std::string_view property) {
     for (const KnownName& known : knownNames)
         if (property == known.name) return known.meaning;
+    // Such as BytesTotalPersec and DiskReadBytesPersec.
+    if (property.ends_with("Persec") && property.find("Bytes") != std::string_view::npos) return {Unit::bytesPerSecond};
     for (const KnownName& known : knownEnds)
         if (property.ends_with(known.name)) return known.meaning;
     for (const KnownName& known : knownStarts)

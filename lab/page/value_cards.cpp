@@ -82,9 +82,13 @@ std::vector<Card> ReadCards(Store& store, const Scope& scope, const std::vector<
 
 }  // namespace
 
+std::string QueryWithMember(const std::string& query, std::string_view member) {
+    return query + (query.empty() ? "?" : "&") + "member=" + UrlText(member);
+}
+
 std::string PlotPath(const Scope& scope, const SeriesName& series) {
-    return "/plot" + SourceQuery(scope, {0, series.agent, series.device, series.name}) +
-           "&member=" + UrlText(series.member);
+    const Source source{0, series.agent, series.device, series.name};
+    return "/plot" + QueryWithMember(SourceQuery(scope, source), series.member);
 }
 
 void AddValueCards(std::string& html, Store& store, const Scope& scope) {

@@ -36,7 +36,7 @@ TEST_F(PageInBrowser, FitsItsViewAndItsLinksWork) {
     AddFault(store, {0, "StatusUpdateServlet", FaultKind::status, 503, 1});
     for (const int width : {1280, 400}) {
         browser.SetView(width, 900);
-        for (const char* const path : {"/", "/records", "/requests", "/agents", "/record/2"}) {
+        for (const char* const path : {"/", "/records", "/requests", "/agents", "/record/2", "/plot?member=x%20Size"}) {
             SCOPED_TRACE(fmt::format("{} at {}", path, width));
             browser.Open(Address(path));
             EXPECT_EQ(browser.Run("return window.innerWidth"), std::to_string(width));

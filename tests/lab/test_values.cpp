@@ -1,0 +1,172 @@
+// Numeric values: what they mean, how they are drawn, and that a real Prometheus reads them.
+#include <cmath>
+#include <fmt/format.h>
+#include <gmock/gmock.h>
+#include <thread>
+
+#include "lab/page/curve.h"
+#include "lab/page/units.h"
+#include "lab/store/record_text.h"
+#include "tests/lab/lab_helpers.h"
+#include "tests/support/linux/child_program.h"
+#include "tests/support/loopback.h"
+
+namespace kv::lab::test {
+
+namespace {
+
+using ::testing::HasSubstr;
+
+TEST(Units, AreKnownByNameAndOid) {
+    const std::tuple<const char*, double, const char*> rows[] = {
+        {"/ FreeSpace", 75.66e9, "75.7 GB"},
+        {"FreePhysicalMemory", 2e6, "2.0 GB"},
+        {"Memory AvailableKB", 1, "1.0 kB"},
+        {"_Total PercentProcessorTime", 12.34, "12.3 %"},
+        {"eth0 Speed", 1e9, "1.0 Gbit/s"},
+        {"eth0 BytesTotalPersec", 1500, "1.5 kB/s"},
+        {"SystemUpTime", 93784, "26 h 3 min"},
+        {"anna Quota", 1234567, "1,234,567"},
+        {"anna Quota", -0.00012, "-0.00012"},
+        {"anna Quota", 1e300, "1e+300"},
+        {".1.3.6.1.2.1.1.3.0", 11215900, "31 h 9 min"},
+        {".1.3.6.1.2.1.25.3.3.1.2.196608", 7, "7 %"},
+        {".1.3.6.1.2.1.2.2.1.1", 7, "7"},
+    };
+    for (const auto& [member, number, text] : rows) {
+        const Meaning meaning = MeaningOf(member);
+        EXPECT_EQ(ValueText(number * meaning.factor, meaning.unit), text) << member;
+    }
+    EXPECT_EQ(MemberTitle(".1.3.6.1.2.1.2.2.1.10.2"), "ifInOctets 2");
+    EXPECT_EQ(MeaningOf(".1.3.6.1.2.1.2.2.1.10.2").kind, ValueKind::counter);
+    EXPECT_EQ(SplitMember("eth 0 Speed #2").property, "Speed");
+}
+
+/// The pieces of a line: numbers with blanks between, bars between pieces.
+std::string Pieces(const std::vector<std::pair<int, double>>& samples, const Meaning& meaning) {
+    std::vector<Part> parts;
+    for (const auto& [second, number] : samples)
+        parts.push_back({second * 1000, second * 1000, number, number, number});
+    std::string text;
+    for (const std::vector<CurvePoint>& piece : MakeCurve(parts, meaning).pieces) {
+        text += text.empty() ? "" : "| ";
+        for (const CurvePoint& point : piece) text += fmt::format("{:.0f} ", point.number);
+    }
+    return text;
+}
+
+TEST(Curves, AreRatesOfCountersAndBrokenByGaps) {
+    const Meaning octets = MeaningOf(".1.3.6.1.2.1.2.2.1.10.2");
+    const Meaning plain = MeaningOf("Load");
+    const double wrap = 4294967296;
+    const std::tuple<const char*, std::vector<std::pair<int, double>>, Meaning, const char*> rows[] = {
+        {"a gauge", {{0, 3}, {60, 4}, {120, 5}}, plain, "3 4 5 "},
+        {"a pause", {{0, 3}, {60, 4}, {120, 5}, {600, 6}, {660, 7}}, plain, "3 4 5 | 6 7 "},
+        {"a counter", {{0, 100}, {10, 200}, {20, 400}}, octets, "10 20 "},
+        {"one that wraps", {{0, wrap - 100}, {10, 100}, {20, 300}}, octets, "20 20 "},
+        {"one that begins again", {{0, 5000}, {10, 100}, {20, 300}, {30, 500}}, octets, "20 20 "},
+        {"a counter's only number", {{0, 5000}}, octets, ""},
+    };
+    for (const auto& [title, samples, meaning, pieces] : rows) EXPECT_EQ(Pieces(samples, meaning), pieces) << title;
+}
+
+class Values : public LabOnEach {
+  protected:
+    /// Delivers two records of a minute, with names that need care.
+    void DeliverValues() {
+        const std::int64_t now = Now() / 1000;
+        for (const int at : {1, 2}) {
+            const std::string disks =
+                fmt::format(R"({{"DATACOLLECTTIME":"{}","Disks":[{{"Name":"a\"b\\c\nd","FreeSpace":"{}"}}]}})",
+                            now - 60 + 20 * at, at * 1500);
+            const std::string device = fmt::format(
+                R"({{"AGENTKEY":"SW","STATUS":"SUCCESS","OID":".1.3.6.1.2.1.2.2.1.10","DATACOLLECTTIME":"{}",
+                     ".1.3.6.1.2.1.2.2.1.10":{{".1.3.6.1.2.1.2.2.1.10.2":"{}"}}}})",
+                now - 60 + 20 * at, at * 1000);
+            StoreDelivery(store, "A1", std::to_string(at),
+                          {DecodeRecord("d", WideBytes(disks)), DecodeRecord("s", WideBytes(device))});
+        }
+    }
+    std::string Get(const std::string& path) { return client.Get(path)->body; }
+};
+
+TEST_P(Values, AreShownPlottedAndListed) {
+    DeliverValues();
+    EXPECT_THAT(Get("/"), HasSubstr("<div class=now>3.0 kB</div>"));
+    EXPECT_THAT(Get("/"), HasSubstr("<div class=member>ifInOctets 2</div>"));
+    EXPECT_THAT(Get("/"), HasSubstr("min 50 B/s · max 50 B/s"));
+    EXPECT_THAT(Get("/values.csv"), HasSubstr("A1,,Disks,\"a\"\"b\\c d FreeSpace\",3000"));
+    const std::string plot = "?member=.1.3.6.1.2.1.2.2.1.10.2&name=.1.3.6.1.2.1.2.2.1.10";
+    EXPECT_THAT(Get("/plot" + plot), HasSubstr("A counter, shown as its rate."));
+    EXPECT_THAT(Get("/plot.json" + plot), HasSubstr(R"("number":50,)"));
+    EXPECT_EQ(client.Get("/plot?range=1h")->status, 400) << "no member is named";
+    EXPECT_THAT(Get("/metrics"), HasSubstr(R"(row="a\"b\\c d",property="FreeSpace",unit="bytes"} 3000)"));
+    EXPECT_THAT(Get("/metrics"), testing::EndsWith("\n# EOF\n"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Database, Values, eachKind, KindName);
+
+/// The port of a listener that lives for a moment.
+int FreePort() {
+    int port = 0;
+    kv::test::CloseSocket(kv::test::ListenOnLoopback(port));
+    return port;
+}
+
+/// Debian's Prometheus, which scrapes the lab at a port each second.
+class Prometheus {
+  public:
+    explicit Prometheus(int lab) : port_(FreePort()), client_("127.0.0.1", port_) {
+        kv::test::TestFolder::Write(
+            program_.folder() / "prometheus.yml",
+            fmt::format("global: {{scrape_interval: 1s}}\n"
+                        "scrape_configs: [{{job_name: lab, static_configs: [{{targets: ['127.0.0.1:{}']}}]}}]\n",
+                        lab));
+        program_.Start(fmt::format("prometheus --config.file=prometheus.yml --storage.tsdb.path=data "
+                                   "--web.listen-address=127.0.0.1:{}",
+                                   port_),
+                       [this] {
+                           const httplib::Result answer = client_.Get("/-/ready");
+                           return answer && answer->status == 200;
+                       });
+    }
+
+    /// The text of the first number that a query gives; empty when it gives nothing within a minute.
+    std::string Query(const std::string& query) {
+        const std::string path = "/api/v1/query?query=" + httplib::detail::encode_query_param(query);
+        const auto end = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+        while (std::chrono::steady_clock::now() < end) {
+            const httplib::Result answer = client_.Get(path);
+            const std::string body = answer ? answer->body : "";
+            const std::size_t value = body.find(R"(,"value":[)");
+            if (value != std::string::npos) {
+                const std::size_t start = body.find('"', value + 10) + 1;
+                return body.substr(start, body.find('"', start) - start);
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        }
+        return "";
+    }
+
+  private:
+    kv::test::ChildProgram program_;
+    int port_;
+    httplib::Client client_;
+};
+
+class ScrapedValues : public Values {};
+
+TEST_P(ScrapedValues, AreReadByPrometheus) {
+    DeliverValues();
+    Prometheus prometheus(server->port());
+    EXPECT_EQ(prometheus.Query(R"(kv_value{agent="A1",name="Disks",row="a\"b\\c d",property="FreeSpace"})"), "3000");
+    EXPECT_EQ(prometheus.Query(R"(kv_cumulative_total{device="SW",property="ifInOctets",row="2"})"), "2000");
+    EXPECT_EQ(prometheus.Query("kvlab_records"), "4");
+    EXPECT_EQ(prometheus.Query("up"), "1");
+}
+
+INSTANTIATE_TEST_SUITE_P(Database, ScrapedValues, ::testing::Values(DatabaseKind::sqlite), KindName);
+
+}  // namespace
+
+}  // namespace kv::lab::test
