@@ -62,7 +62,7 @@ struct ServedAgent : InstalledAgent {
     std::string RequestStates() const {
         std::string text;
         const lab::Store store = lab::OpenStore(database);
-        Statement rows(*store.database, "SELECT state FROM request ORDER BY number");
+        lab::Statement rows(*store.database, "SELECT state FROM request ORDER BY number");
         while (rows.Step()) text += rows.text(0) + " ";
         return text;
     }
