@@ -109,7 +109,8 @@ constexpr Option fleetOptions[] = {
 
 constexpr Command commands[] = {
     {"fleet",
-     "Plays many agents against a central server: they register, look for requests each 30 seconds and upload a zip "
+     "Plays many agents against a central server: they register, look for requests each 30 seconds (a real agent does "
+     "so only while requests are announced to it) and upload a zip "
      "each "
      "300 seconds, made by the agent's own packer. Prints its progress on standard error, and at the end how long the "
      "server took, what failed and what was lost. Exit code 1 when an accepted zip was lost, or no agent registered.",

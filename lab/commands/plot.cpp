@@ -38,7 +38,7 @@ struct Plotted {
 int Columns() {
     winsize size{};
     const char* const told = std::getenv("COLUMNS");
-    int columns = told ? std::atoi(told) : 0;
+    auto columns = static_cast<int>(told ? std::strtol(told, nullptr, 10) : 0);
     if (columns <= 0 && ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0) columns = size.ws_col;
     return std::clamp(columns > 0 ? columns : usualColumns, labelWidth + 10, maxColumns);
 }

@@ -60,6 +60,7 @@ class Fleet {
     std::vector<FleetAgent> agents_;
     std::priority_queue<Due, std::vector<Due>, std::greater<>> due_;
     Clock::time_point start_;
+    bool stopping_ = false;  // nothing new is started
     FleetReport report_;
 };
 
@@ -90,27 +91,33 @@ void Fleet::FetchRequests(std::size_t index) {
 void Fleet::Upload(std::size_t index) {
     FleetAgent& agent = agents_[index];
     if (agent.waiting.size() < maxWaitingZips) agent.Pack(options_.records, std::time(nullptr));
-    if (!agent.isBusy) SendNext(agent);
+    if (agent.isBusy) return;
+    agent.tried = 0;
+    SendNext(agent);
 }
 
-/// Sends the agent's zips one after the other; after a failure the rest waits for the next pass.
+/// Sends the agent's zips one after the other, also behind one that failed, as an agent does in each pass.
 void Fleet::SendNext(FleetAgent& agent) {
-    agent.isBusy = !agent.waiting.empty();
+    agent.isBusy = agent.tried < agent.waiting.size();
     if (!agent.isBusy) return;
-    const WaitingZip& zip = agent.waiting.front();
+    const WaitingZip& zip = agent.waiting[agent.tried];
     transfers_.Start({"/servlets/FileCollector?AGENTKEY=" + agent.key() + "&FILENAME=" + zip.name, &zip.bytes},
                      [this, &agent](const TransferOutcome& outcome) {
                          report_.uploads.Take(outcome);
-                         agent.isBusy = false;
-                         if (!outcome.failure.empty()) return;
-                         ++report_.acceptedZips;
-                         agent.waiting.pop_front();
-                         SendNext(agent);
+                         if (outcome.failure.empty()) {
+                             ++report_.acceptedZips;
+                             agent.waiting.erase(agent.waiting.begin() + static_cast<std::ptrdiff_t>(agent.tried));
+                         } else {
+                             ++agent.tried;
+                         }
+                         if (!stopping_) SendNext(agent);
                      });
 }
 
 void Fleet::StartWhatIsDue() {
-    while (!due_.empty() && due_.top().time <= Clock::now()) {
+    // A fleet that cannot keep up lets its transfers go on all the same.
+    constexpr int startedTogether = 200;
+    for (int started = 0; started < startedTogether && due_.top().time <= Clock::now(); ++started) {
         Due next = due_.top();
         due_.pop();
         if (next.action == Action::enrol) {
@@ -162,6 +169,7 @@ FleetReport Fleet::Run(const std::function<void(const FleetReport&)>& progress) 
         progress(report_);
     }
     report_.interrupted = interrupted_();
+    stopping_ = true;
     WaitForAnswers();
     report_.seconds = Seconds(Clock::now() - start_).count();
     for (const FleetAgent& agent : agents_) report_.waitingZips += static_cast<std::int64_t>(agent.waiting.size());

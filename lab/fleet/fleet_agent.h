@@ -13,7 +13,7 @@ struct WaitingZip {
     std::string bytes;
 };
 
-/// How many zips an agent keeps; while so many wait it collects nothing more.
+/// How many zips an agent keeps; while so many wait it collects nothing more. Real agents keep more, on their disks.
 inline constexpr std::size_t maxWaitingZips = 20;
 
 class FleetAgent {
@@ -34,7 +34,8 @@ class FleetAgent {
     void Pack(int records, std::int64_t now);
 
     std::deque<WaitingZip> waiting;  // oldest first
-    bool isBusy = false;             // an upload is on its way
+    bool isBusy = false;             // a pass goes on: each zip is tried once
+    std::size_t tried = 0;           // zips at the front that failed in this pass
 
   private:
     std::string RecordText(std::int64_t collected);

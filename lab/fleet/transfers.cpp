@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 #include <map>
 #include <stdexcept>
+#include <string_view>
 #include <strings.h>
 #include <utility>
 #include <vector>
@@ -19,14 +20,15 @@ using Easy = std::unique_ptr<CURL, ReleasedBy<curl_easy_cleanup>>;
 using Multi = std::unique_ptr<CURLM, ReleasedBy<curl_multi_cleanup>>;
 using HeaderList = std::unique_ptr<curl_slist, ReleasedBy<curl_slist_free_all>>;
 
-/// What an agent waits for a connection, and for all of an answer, in seconds.
-constexpr long connectTimeout = 30;
-constexpr long transferTimeout = 60;
+/// What an agent waits for a connection, and how long a server may be silent, in seconds.
+constexpr long connectTimeout = 60;
+constexpr long silenceTimeout = 30;
 
 constexpr std::size_t maxAnswerBytes = std::size_t{1} << 20;
 
 struct Running {
     Easy easy;
+    std::string_view unsent;  // of the body
     TransferOutcome outcome;
     std::function<void(const TransferOutcome&)> done;
 };
@@ -35,6 +37,14 @@ std::size_t KeepBody(char* data, std::size_t, std::size_t size, void* running) {
     std::string& text = static_cast<Running*>(running)->outcome.text;
     if (text.size() + size <= maxAnswerBytes) text.append(data, size);
     return size;
+}
+
+/// Given piece by piece, a body does not count as part of the request's head.
+std::size_t GiveBody(char* buffer, std::size_t, std::size_t size, void* running) {
+    std::string_view& unsent = static_cast<Running*>(running)->unsent;
+    const std::size_t given = unsent.copy(buffer, size);
+    unsent.remove_prefix(given);
+    return given;
 }
 
 std::size_t KeepKey(char* data, std::size_t, std::size_t size, void* running) {
@@ -88,7 +98,8 @@ void Transfers::State::Prepare(Running& transfer, const TransferRequest& request
     curl_easy_setopt(easy, CURLOPT_FRESH_CONNECT, 1L);
     curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT, connectTimeout);
-    curl_easy_setopt(easy, CURLOPT_TIMEOUT, transferTimeout);
+    curl_easy_setopt(easy, CURLOPT_LOW_SPEED_LIMIT, 1L);
+    curl_easy_setopt(easy, CURLOPT_LOW_SPEED_TIME, silenceTimeout);
     curl_easy_setopt(easy, CURLOPT_HTTPHEADER, headers.get());
     curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, KeepBody);
     curl_easy_setopt(easy, CURLOPT_WRITEDATA, &transfer);
@@ -99,8 +110,11 @@ void Transfers::State::Prepare(Running& transfer, const TransferRequest& request
     curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, verified * 2);
     if (verified) curl_easy_setopt(easy, CURLOPT_CAINFO, caFile.c_str());
     if (request.body == nullptr) return;
+    transfer.unsent = *request.body;
+    curl_easy_setopt(easy, CURLOPT_POST, 1L);
     curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.body->size()));
-    curl_easy_setopt(easy, CURLOPT_POSTFIELDS, request.body->data());
+    curl_easy_setopt(easy, CURLOPT_READFUNCTION, GiveBody);
+    curl_easy_setopt(easy, CURLOPT_READDATA, &transfer);
 }
 
 Transfers::Transfers(std::string address, std::string caFile) {

@@ -31,7 +31,10 @@ using Argument = std::variant<std::int64_t, double, std::string_view, Blob>;
 /// What a statement gives, row by row.
 class Rows {
   public:
+    Rows() = default;
     virtual ~Rows() = default;
+    Rows(const Rows&) = delete;
+    Rows& operator=(const Rows&) = delete;
 
     /// Moves to the next row, from the start to the first; false at the end.
     virtual bool Step() = 0;
@@ -48,7 +51,11 @@ enum class DatabaseKind { sqlite, postgresql };
 /// One connection. Its routines throw DatabaseError.
 class Database {
   public:
+    Database() = default;
     virtual ~Database() = default;
+    Database(const Database&) = delete;
+    Database& operator=(const Database&) = delete;
+
     virtual DatabaseKind kind() const = 0;
 
     /// Where it is, for messages: without a password.
