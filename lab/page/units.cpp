@@ -71,6 +71,7 @@ constexpr KnownOid knownOids[]{
     {".1.3.6.1.4.1.2021.4.4", "memAvailSwap", {Unit::bytes, ValueKind::gauge, 1024}},
     {".1.3.6.1.4.1.2021.4.5", "memTotalReal", {Unit::bytes, ValueKind::gauge, 1024}},
     {".1.3.6.1.4.1.2021.4.6", "memAvailReal", {Unit::bytes, ValueKind::gauge, 1024}},
+    {".1.3.6.1.4.1.2021.10.1.3", "laLoad", gauge},
     {".1.3.6.1.4.1.2021.10.1.5", "laLoadInt", {Unit::none, ValueKind::gauge, 0.01}},
     {".1.3.6.1.4.1.2021.11.9", "ssCpuUser", {Unit::percent}},
     {".1.3.6.1.4.1.2021.11.10", "ssCpuSystem", {Unit::percent}},

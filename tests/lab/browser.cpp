@@ -91,7 +91,7 @@ std::string Browser::RunText(const std::string& script) {
 }
 
 std::string Browser::Picture() {
-    const ParsedJson answer = ParseJson(Command("Page.captureScreenshot", R"({"captureBeyondViewport":true})"));
+    const ParsedJson answer = ParseJson(Command("Page.captureScreenshot", "{}"));
     json_object* data = nullptr;
     if (!json_object_object_get_ex(answer.value.get(), "data", &data)) throw std::runtime_error("no picture");
     return FromBase64(json_object_get_string(data));

@@ -30,7 +30,7 @@ class Browser {
     /// What Run gives as a text, when it is a text.
     std::string RunText(const std::string& script);
 
-    /// The whole page, also what is below the view, as the bytes of a PNG file.
+    /// What is in the view, as the bytes of a PNG file.
     std::string Picture();
 
   private:

@@ -18,7 +18,7 @@ struct View {
 };
 
 constexpr View views[] = {
-    {"lab-page", 1280, 800, false}, {"lab-page-dark", 1280, 800, true}, {"lab-page-narrow", 400, 800, false}};
+    {"lab-page", 1280, 1120, false}, {"lab-page-dark", 1280, 1120, true}, {"lab-page-narrow", 400, 1120, false}};
 
 void Keep(Browser& browser, const std::string& folder, const char* name) {
     const std::string path = fmt::format("{}/{}.png", folder, name);
@@ -36,7 +36,7 @@ void TakePictures(const std::string& address, const std::string& folder) {
         browser.Open(address);
         Keep(browser, folder, view.name);
     }
-    browser.SetView(1280, 800);
+    browser.SetView(1280, 700);
     const std::string plot = browser.RunText("return document.querySelector('a[href^=\"/plot\"]')?.href");
     if (plot.empty()) return;
     browser.Open(plot);
