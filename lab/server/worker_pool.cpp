@@ -79,7 +79,9 @@ void WorkerPool::Work(std::size_t worker) {
         } else if (delayed_.empty()) {
             wake_.wait(lock);
         } else {
-            wake_.wait_until(lock, delayed_.begin()->first);
+            // A copy: the job may be taken away by another worker while this one waits.
+            const Clock::time_point earliest = delayed_.begin()->first;
+            wake_.wait_until(lock, earliest);
         }
     }
 }
