@@ -128,7 +128,7 @@ std::vector<Plotted> ReadPlots(Store& store, const Given& given, const Range& ra
     std::vector<Plotted> plots;
     for (SeriesName& series : ReadSeries(store, range, FilterOf(given), member, seriesRead).series) {
         const Meaning meaning = MeaningOf(series.member);
-        Curve curve = MakeCurve(ReadParts(store, series.number, range, part), meaning);
+        Curve curve = ReadCurve(store, series.number, range, part, meaning);
         if (!curve.isEmpty()) plots.push_back({std::move(series), meaning.unit, std::move(curve)});
     }
     // What changes comes first.

@@ -10,26 +10,7 @@ namespace kv::lab {
 
 namespace {
 
-/// What a counter's rate is between two parts; NaN where it cannot be told.
-double Rate(const Part& before, const Part& part, const Meaning& meaning) {
-    const double seconds = static_cast<double>(part.last - before.last) / 1000;
-    double growth = part.high - before.high;
-    const double whole = std::ldexp(1.0, meaning.counterBits);
-    // Beyond half of its reach a counter that is lower than before has wrapped; else its device has started again.
-    if (growth < 0 && before.high > whole / 2 && part.high < whole / 2) growth += whole;
-    return growth < 0 || seconds <= 0 ? NAN : growth / seconds * meaning.factor;
-}
-
-std::vector<CurvePoint> CounterPoints(const std::vector<Part>& parts, const Meaning& meaning) {
-    std::vector<CurvePoint> points;
-    for (std::size_t at = 1; at < parts.size(); ++at) {
-        const double rate = Rate(parts[at - 1], parts[at], meaning);
-        points.push_back({parts[at].last, rate, rate, rate});
-    }
-    return points;
-}
-
-std::vector<CurvePoint> GaugePoints(const std::vector<Part>& parts, const Meaning& meaning) {
+std::vector<CurvePoint> PointsOf(const std::vector<Part>& parts, const Meaning& meaning) {
     std::vector<CurvePoint> points;
     for (const Part& part : parts)
         points.push_back(
@@ -60,9 +41,11 @@ void AddPiece(std::string& path, const std::vector<CurvePoint>& piece, const Plo
 
 }  // namespace
 
-Curve MakeCurve(const std::vector<Part>& parts, const Meaning& meaning) {
-    const std::vector<CurvePoint> points =
-        meaning.kind == ValueKind::counter ? CounterPoints(parts, meaning) : GaugePoints(parts, meaning);
+Curve ReadCurve(Store& store, std::int64_t series, const Range& range, std::int64_t part, const Meaning& meaning) {
+    const std::vector<Part> parts = meaning.kind == ValueKind::counter
+                                        ? ReadRates(store, series, range, part, meaning.counterBits)
+                                        : ReadParts(store, series, range, part);
+    const std::vector<CurvePoint> points = PointsOf(parts, meaning);
     const std::int64_t longestPause = LongestPause(points);
     Curve curve;
     std::optional<std::int64_t> before;

@@ -26,10 +26,10 @@ struct Curve {
     double last() const { return pieces.back().back().number; }
 };
 
-/// The line through the parts of a series. A counter's rate runs from each part to the next; where it has begun again,
-/// after as many bits as it has or because its device did, a wrap is reckoned and anything else is a gap. A pause that
-/// is much longer than the usual one is a gap, too.
-Curve MakeCurve(const std::vector<Part>& parts, const Meaning& meaning);
+/// The line through a series within a range, one point for each part of it that has samples. A counter's points are
+/// rates; where its device has started again the line has a gap. A pause that is much longer than the usual one is a
+/// gap, too.
+Curve ReadCurve(Store& store, std::int64_t series, const Range& range, std::int64_t part, const Meaning& meaning);
 
 /// A rectangle of a drawing, and what its sides stand for. Y grows downward.
 struct PlotArea {

@@ -3,7 +3,7 @@
 #include <fmt/format.h>
 #include <iterator>
 #include <tuple>
-#include <unordered_set>
+#include <unordered_map>
 #include <vector>
 
 #include "lab/page/agents.h"
@@ -43,7 +43,8 @@ std::string Label(std::string_view value) {
     return escaped;
 }
 
-using Taken = std::unordered_set<std::string>;
+/// How often the labels came.
+using Taken = std::unordered_map<std::string, int>;
 
 void AddValue(std::string& text, Taken& taken, std::string_view sample, const LatestValue& value,
               const Meaning& meaning) {
@@ -57,12 +58,21 @@ void AddValue(std::string& text, Taken& taken, std::string_view sample, const La
         parts = {blank == std::string::npos ? std::string_view() : std::string_view(title).substr(blank + 1),
                  std::string_view(title).substr(0, blank)};
     const bool isCounter = meaning.kind == ValueKind::counter;
-    std::string labels = fmt::format(R"(agent="{}",device="{}",name="{}",row="{}",property="{}",unit="{}")",
-                                     Label(series.agent), Label(series.device), Label(series.name), Label(parts.row),
-                                     Label(parts.property), isCounter ? "" : UnitName(meaning.unit));
-    // Who scrapes refuses everything when one sample comes twice.
-    if (const auto [place, isNew] = taken.insert(std::move(labels)); isNew)
-        AddLine(text, "{}{{{}}} {}", sample, *place, value.number * meaning.factor);
+    const auto labels = [&](std::string_view row) {
+        return fmt::format(R"(agent="{}",device="{}",name="{}",row="{}",property="{}",unit="{}")", Label(series.agent),
+                           Label(series.device), Label(series.name), Label(row), Label(parts.property),
+                           isCounter ? "" : UnitName(meaning.unit));
+    };
+    // Who scrapes refuses everything when one sample comes twice: rows that read alike are numbered.
+    std::string name = labels(parts.row);
+    int& times = taken[name];
+    if (times == 0) {
+        times = 1;
+    } else {
+        do name = labels(fmt::format("{} #{}", parts.row, ++times));
+        while (!taken.try_emplace(name, 1).second);
+    }
+    AddLine(text, "{}{{{}}} {}", sample, name, value.number * meaning.factor);
 }
 
 void AddValues(std::string& text, const std::vector<LatestValue>& values, ValueKind kind, std::string_view sample) {

@@ -41,7 +41,7 @@ Plot ReadPlot(Store& store, const ServletRequest& request, std::int64_t lines) {
     SeriesList list = ReadSeries(store, plot.scope.Records(), plot.scope.filter, plot.member, lines);
     plot.more = list.more;
     for (SeriesName& series : list.series) {
-        Curve curve = MakeCurve(ReadParts(store, series.number, plot.scope.Records(), part), plot.meaning);
+        Curve curve = ReadCurve(store, series.number, plot.scope.Records(), part, plot.meaning);
         if (!curve.isEmpty()) plot.lines.push_back({std::move(series), std::move(curve)});
     }
     return plot;

@@ -73,7 +73,7 @@ std::vector<Card> ReadCards(Store& store, const Scope& scope, const std::vector<
     for (const SeriesName& name : series) {
         const Meaning meaning = MeaningOf(name.member);
         const std::int64_t part = scope.choice->milliseconds / partsOfCard;
-        Curve curve = MakeCurve(ReadParts(store, name.number, scope.Records(), part), meaning);
+        Curve curve = ReadCurve(store, name.number, scope.Records(), part, meaning);
         if (!curve.isEmpty()) cards.push_back({name, meaning, std::move(curve)});
     }
     Rank(cards);

@@ -1,5 +1,7 @@
 #include "lab/store/series.h"
 
+#include <cmath>
+
 namespace kv::lab {
 
 namespace {
@@ -46,6 +48,25 @@ std::vector<Part> ReadParts(Store& store, std::int64_t series, const Range& rang
                    series, range.from, range.to, part);
     std::vector<Part> parts;
     while (rows.Step()) parts.push_back({rows.number(0), rows.number(1), rows.real(2), rows.real(3), rows.real(4)});
+    return parts;
+}
+
+std::vector<Part> ReadRates(Store& store, std::int64_t series, const Range& range, std::int64_t part, int bits) {
+    // Samples of one time count as growth, too, but not as a rate.
+    Statement rows(*store.database,
+                   "WITH step AS (SELECT time, number, lag(number) OVER steps AS before, "
+                   "time - lag(time) OVER steps AS pause FROM sample WHERE series = ?1 AND time BETWEEN ?2 AND ?3 "
+                   "WINDOW steps AS (ORDER BY time, record)), "
+                   "grown AS (SELECT time, pause, CASE WHEN number >= before THEN number - before "
+                   "WHEN before > ?5 AND number < ?5 THEN number - before + ?6 END AS growth FROM step) "
+                   "SELECT min(time), max(time), min(growth * 1000 / nullif(pause, 0)), "
+                   "max(growth * 1000 / nullif(pause, 0)), sum(growth) * 1000 / "
+                   "nullif(sum(CASE WHEN growth IS NOT NULL THEN pause END), 0) "
+                   "FROM grown GROUP BY time / ?4 ORDER BY 1",
+                   series, range.from, range.to, part, std::ldexp(1.0, bits - 1), std::ldexp(1.0, bits));
+    const auto known = [&rows](int column) { return rows.isNull(column) ? std::nan("") : rows.real(column); };
+    std::vector<Part> parts;
+    while (rows.Step()) parts.push_back({rows.number(0), rows.number(1), known(2), known(3), known(4)});
     return parts;
 }
 

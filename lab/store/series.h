@@ -39,6 +39,12 @@ struct Part {
 /// The parts that have samples, in order. A part is `part` milliseconds long and begins at a multiple of it.
 std::vector<Part> ReadParts(Store& store, std::int64_t series, const Range& range, std::int64_t part);
 
+/// The same of a counter: low, high and average are its growth in one second. Growth is reckoned from each sample to
+/// the next, so no part hides a wrap. A counter that is lower than before has wrapped if it stood beyond half of 2^bits
+/// and now is below; else its device has started again, and what it grew is not known. A part without any known growth
+/// has NaN as all three.
+std::vector<Part> ReadRates(Store& store, std::int64_t series, const Range& range, std::int64_t part, int bits);
+
 /// A value of its source's newest record.
 struct LatestValue {
     SeriesName series;

@@ -42,34 +42,6 @@ TEST(Units, AreKnownByNameAndOid) {
     EXPECT_EQ(SplitMember("eth 0 Speed #2").property, "Speed");
 }
 
-/// The pieces of a line: numbers with blanks between, bars between pieces.
-std::string Pieces(const std::vector<std::pair<int, double>>& samples, const Meaning& meaning) {
-    std::vector<Part> parts;
-    for (const auto& [second, number] : samples)
-        parts.push_back({second * 1000, second * 1000, number, number, number});
-    std::string text;
-    for (const std::vector<CurvePoint>& piece : MakeCurve(parts, meaning).pieces) {
-        text += text.empty() ? "" : "| ";
-        for (const CurvePoint& point : piece) text += fmt::format("{:.0f} ", point.number);
-    }
-    return text;
-}
-
-TEST(Curves, AreRatesOfCountersAndBrokenByGaps) {
-    const Meaning octets = MeaningOf(".1.3.6.1.2.1.2.2.1.10.2");
-    const Meaning plain = MeaningOf("Load");
-    const double wrap = 4294967296;
-    const std::tuple<const char*, std::vector<std::pair<int, double>>, Meaning, const char*> rows[] = {
-        {"a gauge", {{0, 3}, {60, 4}, {120, 5}}, plain, "3 4 5 "},
-        {"a pause", {{0, 3}, {60, 4}, {120, 5}, {600, 6}, {660, 7}}, plain, "3 4 5 | 6 7 "},
-        {"a counter", {{0, 100}, {10, 200}, {20, 400}}, octets, "10 20 "},
-        {"one that wraps", {{0, wrap - 100}, {10, 100}, {20, 300}}, octets, "20 20 "},
-        {"one that begins again", {{0, 5000}, {10, 100}, {20, 300}, {30, 500}}, octets, "20 20 "},
-        {"a counter's only number", {{0, 5000}}, octets, ""},
-    };
-    for (const auto& [title, samples, meaning, pieces] : rows) EXPECT_EQ(Pieces(samples, meaning), pieces) << title;
-}
-
 class Values : public LabOnEach {
   protected:
     /// Delivers two records of a minute, with names that need care.
@@ -90,6 +62,59 @@ class Values : public LabOnEach {
     std::string Get(const std::string& path) { return client.Get(path)->body; }
 };
 
+/// Samples of a value by the second, and how its line reads in parts of some seconds: numbers with blanks between, bars
+/// between pieces.
+struct LineCase {
+    const char* title;
+    const char* member;
+    int partSeconds;
+    std::vector<std::pair<int, double>> samples;
+    const char* pieces;
+};
+
+std::string Pieces(const Curve& curve) {
+    std::string text;
+    for (const std::vector<CurvePoint>& piece : curve.pieces) {
+        text += text.empty() ? "" : "| ";
+        for (const CurvePoint& point : piece) text += fmt::format("{:.0f} ", point.number);
+    }
+    return text;
+}
+
+TEST_P(Values, BecomeRatesOfCountersAndLinesWithGaps) {
+    const char* const octets = ".1.3.6.1.2.1.2.2.1.10.2";
+    constexpr std::int64_t start = 1'700'000'000;
+    constexpr double wrap = 4294967296;
+    const LineCase cases[] = {
+        {"a gauge", "Load", 10, {{0, 3}, {60, 4}, {120, 5}}, "3 4 5 "},
+        {"a pause", "Load", 10, {{0, 3}, {60, 4}, {120, 5}, {600, 6}, {660, 7}}, "3 4 5 | 6 7 "},
+        {"a counter", octets, 10, {{0, 100}, {10, 200}, {20, 400}}, "10 20 "},
+        {"one that wraps", octets, 10, {{0, wrap - 100}, {10, 100}, {20, 300}}, "20 20 "},
+        {"one that begins again", octets, 10, {{0, 0}, {10, 50}, {20, 5}, {30, 305}, {40, 605}}, "5 | 30 30 "},
+        {"its only number", octets, 10, {{0, 5000}}, ""},
+        {"wraps in one part", octets, 1000, {{0, 0}, {10, wrap - 500}, {20, 500}, {30, wrap - 500}}, "286331136 "},
+        {"a restart in a part", octets, 100, {{0, 0}, {50, 500}, {90, 10}, {190, 1010}, {200, 1110}}, "10 10 10 "},
+        {"two at one time", octets, 100, {{0, 0}, {10, 100}, {10, 200}, {20, 400}}, "20 "},
+    };
+    for (const LineCase& test : cases) {
+        std::vector<RecordText> records;
+        for (const auto& [second, number] : test.samples)
+            records.push_back(
+                DecodeRecord(std::to_string(records.size()),
+                             WideBytes(fmt::format(R"({{"DATACOLLECTTIME":"{}","Line":{{"{}":"{:.0f}"}}}})",
+                                                   start + second, test.member, number))));
+        StoreDelivery(store, test.title, "1", records);
+        const Range range{start * 1000, (start + 1000) * 1000};
+        Filter filter;
+        filter.agent = test.title;
+        const SeriesList list = ReadSeries(store, range, filter, test.member, 2);
+        ASSERT_EQ(list.series.size(), 1) << test.title;
+        const Curve curve =
+            ReadCurve(store, list.series[0].number, range, test.partSeconds * 1000, MeaningOf(test.member));
+        EXPECT_EQ(Pieces(curve), test.pieces) << test.title;
+    }
+}
+
 TEST_P(Values, AreShownPlottedAndListed) {
     DeliverValues();
     EXPECT_THAT(Get("/"), HasSubstr("<div class=now>3.0 kB</div>"));
@@ -102,6 +127,10 @@ TEST_P(Values, AreShownPlottedAndListed) {
     EXPECT_EQ(client.Get("/plot?range=1h")->status, 400) << "no member is named";
     EXPECT_THAT(Get("/metrics"), HasSubstr(R"(row="a\"b\\c d",property="FreeSpace",unit="bytes"} 3000)"));
     EXPECT_THAT(Get("/metrics"), testing::EndsWith("\n# EOF\n"));
+    const char* const rows =
+        R"({"Disks":[{"Name":"d","Free":"1"},{"Name":"d #2","Free":"2"},{"Name":"d","Free":"3"}]})";
+    StoreDelivery(store, "A2", "1", {DecodeRecord("d", WideBytes(rows))});
+    EXPECT_THAT(Get("/metrics"), HasSubstr(R"(row="d #2 #2",property="Free",unit=""} 3)")) << "no value is left out";
 }
 
 INSTANTIATE_TEST_SUITE_P(Database, Values, eachKind, KindName);
