@@ -116,6 +116,16 @@ check_unit() {
         >"$root/security" || fail "with the drop-in the service is left with: $(tail -n 1 "$root/security")"
 }
 
+# The links of the packages' pages lead to files that one of them holds.
+check_links() {
+    local page link
+    for page in "$root"/usr/share/doc/kvagent*/*.md*; do
+        for link in $(zcat -f "$page" | grep -oP '\]\((?!https?:|#)\K[^)#]+'); do
+            compgen -G "$root/usr/share/doc/kvagent*/$link*" >"$root/links" || fail "${page##*/} leads to $link"
+        done
+    done
+}
+
 lintian --allow-root --fail-on error,warning --pedantic ./*.changes
 
 check_files kvagent <<'FILES'
@@ -137,6 +147,7 @@ check_files kvagent-lab <<'FILES'
 FILES
 
 for package in kvagent kvagent-lab; do dpkg-deb --extract "$package"_[0-9]*.deb "$root"; done
+check_links
 check_programs
 check_pages
 check_completions
