@@ -18,21 +18,18 @@ struct StateWords {
     std::string_view state;
     Mark mark;
     std::string_view meaning;
-    std::string_view planMeaning;
 };
 constexpr StateWords stateWords[]{
-    {"waiting", Mark::plain, "not fetched yet", "not fetched yet"},
-    {"listed", Mark::plain, "fetched, no word yet", "the agent knows of it, and has not said that it is through"},
-    {"answered", Mark::good, "answered", "the agent went through it; whether it took the plan, its log says"},
-    {"done", Mark::good, "of a kind that gets no answer, and the agent has passed it", "the agent has passed it"},
-    {"dropped", Mark::bad, "the agent went down while serving it",
-     "the agent went down while serving it; its plan is the old one"},
-    {"unanswered", Mark::bad, "fetched three times, no answer",
-     "fetched three times, and not a word; its plan is the old one, as far as one can tell"},
+    {"waiting", Mark::plain, "not fetched yet"},
+    {"listed", Mark::plain, "fetched, no word yet"},
+    {"answered", Mark::good, "answered"},
+    {"done", Mark::good, "of a kind that gets no answer, and the agent has passed it"},
+    {"dropped", Mark::bad, "the agent went down while serving it"},
+    {"unanswered", Mark::bad, "fetched three times, no answer"},
 };
 
 const StateWords& WordsOf(const std::string& state) {
-    static constexpr StateWords unknown{"", Mark::plain, "", ""};
+    static constexpr StateWords unknown{"", Mark::plain, ""};
     const auto* const found = std::find_if(std::begin(stateWords), std::end(stateWords),
                                            [&](const StateWords& words) { return words.state == state; });
     return found == std::end(stateWords) ? unknown : *found;
@@ -47,6 +44,9 @@ std::string MemberText(const Request& request, const char* name) {
     return json_object_get_string(value);
 }
 
+/// Nothing for 0 and for what is not known.
+Cell MomentOrNothing(std::optional<std::int64_t> time) { return time.value_or(0) > 0 ? Cell(Moment{*time}) : Cell(); }
+
 void AddStates(std::string& html, const RequestsView& view) {
     html += "<div class=tiles>\n";
     for (const StateWords& words : stateWords) {
@@ -59,17 +59,25 @@ void AddStates(std::string& html, const RequestsView& view) {
     html += "</div>\n";
 }
 
+/// What became of a pushed plan. Agents report "success" in any case, so only the download tells whether they could
+/// take it.
+Marked PlanWords(const AnsweredRequest& answered) {
+    const Request& request = answered.request;
+    const bool isOver = request.ended > 0;
+    if (!answered.planFetched)
+        return {"of another server; " + std::string(WordsOf(request.state).meaning), Mark::plain};
+    if (*answered.planFetched > 0)
+        return isOver ? Marked{"the agent has it; if it was refused, its log says why", Mark::good}
+                      : Marked{"downloaded, no word yet", Mark::plain};
+    if (request.state == "waiting") return {"the agent does not know of it yet", Mark::plain};
+    if (!isOver) return {"the agent knows of it and has not downloaded it yet", Mark::plain};
+    return {"not taken: the agent did not download it and keeps its old plan", Mark::bad};
+}
+
 void AddPlans(std::string& html, const RequestsView& view) {
-    Table table{"plans", {{"time", "Pushed"}, {"agent", "Agent"}, {"plan", "Plan of"}, {"state", "What is known"}}, {}};
-    for (const AnsweredRequest& answered : view.requests) {
-        const Request& request = answered.request;
-        if (request.type != planType) continue;
-        const StateWords& words = WordsOf(request.state);
-        table.rows.push_back({Moment{request.added}, request.agent, MemberText(request, "AGENT_KEY"),
-                              Marked{std::string(words.planMeaning), words.mark}});
-    }
+    const Table table = PlanTable(view.requests);
     if (table.rows.empty()) return;
-    AddSectionTitle(html, "Plans pushed", "", "");
+    AddSectionTitle(html, "Plans pushed", "/plans", "");
     html += "<div class=card>";
     AddHtmlTable(html, table);
     html += "</div>\n";
@@ -162,12 +170,27 @@ Table RequestTable(const std::vector<AnsweredRequest>& requests) {
                  {"answers", "Answers"},
                  {"latest_answer", "Latest answer"}},
                 {}};
-    const auto moment = [](std::int64_t time) { return time > 0 ? Cell(Moment{time}) : Cell(); };
-    for (const auto& [request, answers] : requests)
+    for (const auto& [request, answers, planFetched] : requests)
         table.rows.push_back({request.number, request.agent, request.id, request.type, request.members, request.state,
-                              Moment{request.added}, moment(request.listed), request.listings, moment(request.ended),
-                              static_cast<std::int64_t>(answers.size()),
+                              Moment{request.added}, MomentOrNothing(request.listed), request.listings,
+                              MomentOrNothing(request.ended), static_cast<std::int64_t>(answers.size()),
                               answers.empty() ? Cell() : Cell(answers.front().text)});
+    return table;
+}
+
+Table PlanTable(const std::vector<AnsweredRequest>& requests) {
+    Table table{"plans",
+                {{"time", "Pushed"},
+                 {"agent", "Agent"},
+                 {"plan", "Plan of"},
+                 {"fetched", "Downloaded"},
+                 {"state", "What is known"}},
+                {}};
+    for (const AnsweredRequest& answered : requests)
+        if (answered.request.type == planType)
+            table.rows.push_back({Moment{answered.request.added}, answered.request.agent,
+                                  MemberText(answered.request, "AGENT_KEY"), MomentOrNothing(answered.planFetched),
+                                  PlanWords(answered)});
     return table;
 }
 

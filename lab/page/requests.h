@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -13,7 +14,8 @@ namespace kv::lab {
 
 struct AnsweredRequest {
     Request request;
-    std::vector<Report> answers;  // newest first
+    std::vector<Report> answers;              // newest first
+    std::optional<std::int64_t> planFetched;  // see ConfigurationFetched
 };
 
 struct RequestsView {
@@ -28,6 +30,7 @@ void AddRequests(std::string& html, const RequestsView& view);
 void AddRequestCounts(std::string& html, const std::vector<std::pair<std::string, std::int64_t>>& states);
 
 Table RequestTable(const std::vector<AnsweredRequest>& requests);
+Table PlanTable(const std::vector<AnsweredRequest>& requests);
 Table NoticeTable(const std::vector<Report>& notices);
 
 }  // namespace kv::lab

@@ -137,7 +137,8 @@ std::vector<AnsweredRequest> ReadAnswered(Store& store, const ServletRequest& re
     std::vector<AnsweredRequest> answered;
     for (Request& found : LatestRequests(store, Parameter(request, "agent"), limit)) {
         std::vector<Report> answers = AnswersTo(store, found, answersShown);
-        answered.push_back({std::move(found), std::move(answers)});
+        const std::optional<std::int64_t> planFetched = ConfigurationFetched(store, found);
+        answered.push_back({std::move(found), std::move(answers), planFetched});
     }
     return answered;
 }
@@ -186,6 +187,10 @@ Table MakeRequests(Store& store, const ServletRequest& request) {
     return RequestTable(ReadAnswered(store, request, maxTableRequests));
 }
 
+Table MakePlans(Store& store, const ServletRequest& request) {
+    return PlanTable(ReadAnswered(store, request, maxTableRequests));
+}
+
 Table MakeNotices(Store& store, const ServletRequest&) { return NoticeTable(LatestActions(store, maxTableRequests)); }
 
 /// For those who compare what was accepted with what is held, such as kvlab fleet.
@@ -226,9 +231,9 @@ struct TableView {
     Table (*make)(Store&, const ServletRequest&);
 };
 constexpr TableView tables[]{
-    {"/agents", MakeAgents},     {"/faults", MakeFaults},    {"/notices", MakeNotices},   {"/plot", PlotTable},
-    {"/problems", MakeProblems}, {"/refused", MakeRefusals}, {"/requests", MakeRequests}, {"/summary", MakeSummary},
-    {"/totals", MakeTotals},     {"/tracks", MakeTracks},    {"/values", MakeValues},
+    {"/agents", MakeAgents},   {"/faults", MakeFaults},     {"/notices", MakeNotices},  {"/plot", PlotTable},
+    {"/plans", MakePlans},     {"/problems", MakeProblems}, {"/refused", MakeRefusals}, {"/requests", MakeRequests},
+    {"/summary", MakeSummary}, {"/totals", MakeTotals},     {"/tracks", MakeTracks},    {"/values", MakeValues},
 };
 
 std::optional<TableFormat> FormatOf(std::string_view path, std::string_view tablePath) {

@@ -117,8 +117,8 @@ Answer HandleRequests(Store& store, const ServletSettings&, const ServletRequest
 
 /// A configuration that an agent was told to download.
 Answer ServeConfiguration(Store& store, const ServletSettings&, const ServletRequest& request) {
-    std::optional<std::string> zip = Configuration(store, request.path);
-    if (!zip) return TextAnswer(404, "there is no such configuration");
+    std::optional<std::string> zip = TakeConfiguration(store, request.path, !request.cut);
+    if (!zip) return TextAnswer(404, "no configuration was pushed under this path");
     return {200, std::move(*zip), "application/zip", {}};
 }
 

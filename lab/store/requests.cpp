@@ -46,6 +46,11 @@ std::string InsertRequest(Database& database, const NewRequest& request) {
     return id;
 }
 
+/// What is done with the configuration whose path is the first argument.
+std::string ConfAt(const char* what) {
+    return std::string(what) + " WHERE '/conf/' || number || '/queryconf.zip' = ?1";
+}
+
 constexpr std::string_view requestColumns =
     "SELECT number, agent, id, type, members, state, added, listed, ended, listings FROM request ";
 
@@ -140,10 +145,22 @@ std::string AddConfiguration(Store& store, std::string_view agent, std::string_v
     return id;
 }
 
-std::optional<std::string> Configuration(Store& store, std::string_view path) {
-    Statement row(*store.database, "SELECT zip FROM conf WHERE '/conf/' || number || '/queryconf.zip' = ?", path);
-    if (!row.Step()) return std::nullopt;
-    return row.text(0);
+std::optional<std::string> TakeConfiguration(Store& store, std::string_view path, bool arrives) {
+    std::optional<std::string> zip;
+    Statement row(*store.database, ConfAt("SELECT zip FROM conf"), path);
+    if (row.Step()) zip = row.text(0);
+    if (zip && arrives) Execute(*store.database, ConfAt("UPDATE conf SET fetched = ?2"), path, Now());
+    return zip;
+}
+
+std::optional<std::int64_t> ConfigurationFetched(Store& store, const Request& request) {
+    const ParsedJson members = ParseJson(request.members);
+    json_object* url = nullptr;
+    if (request.type != downloadType || !json_object_object_get_ex(members.value.get(), "DOWNLOAD_URL", &url) ||
+        !json_object_is_type(url, json_type_string))
+        return std::nullopt;
+    Statement row(*store.database, ConfAt("SELECT fetched FROM conf"), json_object_get_string(url));
+    return row.Step() ? std::optional(row.number(0)) : std::nullopt;
 }
 
 std::string TakeRequestList(Store& store, std::string_view agent, bool arrives) {

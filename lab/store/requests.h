@@ -44,8 +44,9 @@ std::string AddRequest(Store& store, const NewRequest& request);
 /// the agent with the key planKey, which may be a slave of the one that fetches. Gives the request's id.
 std::string AddConfiguration(Store& store, std::string_view agent, std::string_view planKey, std::string_view zip);
 
-/// The zip of the configuration with a path; absent when there is no such configuration.
-std::optional<std::string> Configuration(Store& store, std::string_view path);
+/// The zip of the configuration with a path, noted as fetched unless a fault keeps it from arriving; absent when the
+/// path leads to none.
+std::optional<std::string> TakeConfiguration(Store& store, std::string_view path, bool arrives);
 
 /// The list for an agent as it is sent: a JSON document in UTF-16LE, or empty when there is nothing to do. If a fault
 /// keeps it from arriving (arrives is false), nothing counts as listed.
@@ -70,6 +71,10 @@ struct Request {
     std::int64_t ended = 0;   // 0 if not yet
     std::int64_t listings = 0;
 };
+
+/// When the configuration that a request speaks of was fetched last, 0 if never; absent when it is not one of the
+/// store's.
+std::optional<std::int64_t> ConfigurationFetched(Store& store, const Request& request);
 
 /// In the order of adding; an empty agent means all.
 std::vector<Request> Requests(Store& store, std::string_view agent);

@@ -67,7 +67,8 @@ CREATE INDEX record_by_time ON record (collected, source, failed);
 CREATE INDEX record_by_source ON record (source, collected, failed);
 CREATE INDEX record_failed ON record (collected, source) WHERE failed = 1;
 CREATE INDEX answer_by_request ON answer (agent, request_id);
-)"};
+)",
+    "ALTER TABLE conf ADD COLUMN fetched INTEGER NOT NULL DEFAULT 0"};
 
 constexpr auto newestVersion = static_cast<std::int64_t>(additions.size());
 

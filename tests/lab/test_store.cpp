@@ -2,6 +2,7 @@
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 
+#include "lab/store/database.h"
 #include "lab/store/prune.h"
 #include "lab/store/record_facts.h"
 #include "lab/store/record_text.h"
@@ -95,6 +96,44 @@ TEST_P(LabStore, IsPruned) {
     EXPECT_EQ(CountAll(store).zips, 1);
     Deliver("4.zip", now, R"("Gone":[{"n":"4"}])");
     EXPECT_THAT(Lines("SELECT count(*) FROM series"), ElementsAre("2"));
+}
+
+/// A file as the second version of the tables was: what the steps to the newest one touch of it.
+constexpr const char* secondVersion = R"(PRAGMA application_id = 1263946818; PRAGMA user_version = 2;
+CREATE TABLE delivery (
+    number INTEGER PRIMARY KEY AUTOINCREMENT, agent TEXT NOT NULL, zip TEXT NOT NULL, time INTEGER NOT NULL);
+CREATE INDEX delivery_by_zip ON delivery (agent, zip);
+CREATE TABLE record (
+    number INTEGER PRIMARY KEY AUTOINCREMENT, delivery INTEGER NOT NULL REFERENCES delivery, position INTEGER NOT NULL,
+    file TEXT NOT NULL, text TEXT NOT NULL, bytes INTEGER NOT NULL, is_json INTEGER NOT NULL,
+    UNIQUE (delivery, position));
+CREATE TABLE answer (
+    number INTEGER PRIMARY KEY, agent TEXT NOT NULL, action TEXT NOT NULL, request_id TEXT NOT NULL, text TEXT NOT NULL,
+    time INTEGER NOT NULL);
+CREATE TABLE conf (
+    number INTEGER PRIMARY KEY AUTOINCREMENT, agent TEXT NOT NULL, zip BLOB NOT NULL, time INTEGER NOT NULL);
+INSERT INTO delivery VALUES (4, 'A1', '1.zip', 1795556400000), (5, 'A1', '1.zip', 1795556401000);
+INSERT INTO record VALUES
+    (7, 4, 0, 'a.txt', '{"DATACOLLECTTIME":"1795556300","ERRORMSG":"NO ERROR","X":[{"Name":"c","Free":"1"}]}', 9, 1),
+    (8, 4, 1, 'b.txt', '{"DATACOLLECTTIME":"1795556300","ERRORMSG":"broken","Y":[]}', 9, 1),
+    (9, 5, 0, 'a.txt', 'half a reco', 9, 0);)";
+
+class OldFile : public kv::test::TestFolder {};
+
+TEST_F(OldFile, IsUpgraded) {
+    const std::string file = (folder / "old.db").string();
+    OpenSqlite(file, Opening::orCreate)->RunScript(secondVersion);
+    Store store = OpenStore(file);
+    std::string texts;
+    for (Statement rows(*store.database,
+                        "SELECT r.number, s.name, r.failed, r.reason FROM record r JOIN source s "
+                        "ON s.number = r.source ORDER BY r.number");
+         rows.Step();)
+        texts += fmt::format("{}|{}|{}|{}\n", rows.number(0), rows.text(1), rows.number(2), rows.text(3));
+    EXPECT_EQ(texts, "7|X|0|\n8|Y|1|broken\n9||1|not JSON: half a reco\n");
+    EXPECT_EQ(QueryNumber(*store.database, "SELECT time FROM sample WHERE number = 1"), 1795556300000);
+    const std::vector<RecordText> again{DecodeRecord("a.txt", WideBytes("half a reco"))};
+    EXPECT_EQ(StoreDelivery(store, "A1", "1.zip", again), Delivery::repeated) << "old zips are known, too";
 }
 
 INSTANTIATE_TEST_SUITE_P(Database, LabStore, eachKind, KindName);

@@ -147,6 +147,22 @@ TEST_P(Views, ShowRequestsWithTheirAnswers) {
     EXPECT_THAT(Get("/requests"), AllOf(HasSubstr("&lt;Disks&gt;"), HasSubstr("/home")));
 }
 
+TEST_P(Views, TellWhatBecameOfAPlan) {
+    const std::string id = AddConfiguration(store, "LAB1", "LAB1", "a zip");
+    const auto plan = [this] { return Rows("/plans.json", {"plan", "state"}); };
+    const auto said = [](const char* words) { return ElementsAre(HasSubstr(words)); };
+    EXPECT_THAT(plan(), said("LAB1|the agent does not know of it yet"));
+    client.Get("/servlets/DataAgentHandlerServlet?agentKey=LAB1");
+    EXPECT_THAT(plan(), said("has not downloaded it yet"));
+    const std::string through =
+        "/servlets/DataAgentHandlerServlet?agentKey=LAB1&action=DOWNLOAD_QUERYCONF&moId=LAB1&status=success&requestId=";
+    client.Get(through + id);
+    EXPECT_THAT(plan(), said("not taken")) << "the agent says success in any case";
+    EXPECT_EQ(client.Get("/conf/1/queryconf.zip")->body, "a zip");
+    EXPECT_THAT(plan(), said("the agent has it"));
+    EXPECT_THAT(Get("/requests"), HasSubstr("the agent has it"));
+}
+
 TEST_P(Views, RefuseWhatTheyCannotRead) {
     const std::tuple<const char*, int, const char*> rows[] = {
         {"/?range=2y", 400, "the parameter range is 15m, 1h, 1d or 1w\n"},
