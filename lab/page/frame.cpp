@@ -115,7 +115,9 @@ std::string Document(const Frame& frame) {
 }
 
 std::string ClockPlace(std::int64_t now) {
-    return fmt::format("<span id=clock role=status>as of {} UTC</span>\n", ClockText(now));
+    return fmt::format(
+        "<span><span id=clock>as of {} UTC</span> <span id=trouble class=bad role=status></span></span>\n",
+        ClockText(now));
 }
 
 std::string ScopeControls(const Scope& scope, const FilterChoices& choices, std::string_view path) {

@@ -23,7 +23,7 @@ std::string TitleOf(Store& store);
 
 std::string Document(const Frame& frame);
 
-/// Where a page that is fetched again says of when it is; part of its controls.
+/// Where a page that is fetched again says of when it is, and aloud why it grows old; part of its controls.
 std::string ClockPlace(std::int64_t now);
 
 /// The range as links and the filter as a form that leads to the same path again.

@@ -164,8 +164,9 @@ std::string LineTitle(const SeriesName& series) { return SourceTitle({0, series.
 void AddLegend(std::string& html, const Plot& plot) {
     const Unit unit = plot.meaning.unit;
     html +=
-        "<div class='card scroll'><table><tr><th>Line</th><th class=num>Last</th><th class=num>Smallest</th>"
-        "<th class=num>Largest</th></tr>\n";
+        "<div class='card scroll' tabindex=0 role=region aria-label=Lines><table><tr><th scope=col>Line</th>"
+        "<th scope=col class=num>Last</th><th scope=col class=num>Smallest</th><th scope=col "
+        "class=num>Largest</th></tr>\n";
     for (std::size_t at = 0; at < plot.lines.size(); ++at) {
         const auto& [series, curve] = plot.lines[at];
         Add(html,

@@ -64,7 +64,7 @@ void AddContent(std::string& html, const RecordText& content) {
     const bool isSmall = content.text.size() <= maxShownBytes;
     const ParsedJson parsed = isSmall && content.isJson ? ParseJson(content.text) : ParsedJson();
     if (parsed.valid) {
-        html += "<div class='card scroll' tabindex=0>";
+        html += "<div class='card scroll' tabindex=0 role=region aria-label=Values>";
         if (json_object_is_type(parsed.value.get(), json_type_object))
             AddMembers(html, parsed.value.get());
         else
@@ -73,8 +73,8 @@ void AddContent(std::string& html, const RecordText& content) {
     }
     if (content.text.empty()) return;
     const std::string_view start = StartOfText(content.text, maxShownBytes);
-    Add(html, "<details id=text{}><summary>Its text</summary><pre>{}</pre>", parsed.valid ? "" : " open",
-        Escape(start));
+    Add(html, "<details id=text{}><summary>Its text</summary><pre tabindex=0 role=region aria-label=Text>{}</pre>",
+        parsed.valid ? "" : " open", Escape(start));
     if (start.size() < content.text.size())
         Add(html, "<p class=soft>… {} more bytes, all in JSON</p>", content.text.size() - start.size());
     html += "</details>\n";

@@ -96,8 +96,10 @@ void AddMembersLine(std::string& html, const Request& request) {
 }
 
 void AddAnswer(std::string& html, const Request& request, const Report& answer, std::size_t at) {
-    Add(html, "<details id=answer{}-{}{}><summary>answered at {}</summary><div class=scroll>", request.number, at,
-        at == 0 ? " open" : "", UtcText(answer.time));
+    Add(html,
+        "<details id=answer{}-{}{}><summary>answered at {}</summary><div class=scroll tabindex=0 role=region "
+        "aria-label=\"Answer to {}\">",
+        request.number, at, at == 0 ? " open" : "", UtcText(answer.time), Escape(request.id));
     const ParsedJson parsed = answer.text.size() <= maxAnswerBytes ? ParseJson(answer.text) : ParsedJson();
     if (json_object_is_type(parsed.value.get(), json_type_object)) {
         AddMembers(html, parsed.value.get());

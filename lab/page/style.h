@@ -15,7 +15,7 @@ inline constexpr std::string_view style = R"(
 * { box-sizing: border-box; }
 body { margin: 0 auto; max-width: 76rem; padding: .9rem 1.2rem 2.5rem; background: var(--page); color: var(--ink);
   font: 15px/1.4 system-ui, "DejaVu Sans", sans-serif; }
-a { color: inherit; text-decoration-color: var(--line); text-underline-offset: .18em; }
+a { color: inherit; text-decoration-color: color-mix(in srgb, currentColor 55%, transparent); text-underline-offset: .18em; }
 a:hover { color: var(--accent); text-decoration-color: currentColor; }
 :focus-visible { outline: 2px solid var(--accent); outline-offset: 2px; border-radius: 3px; }
 h1 { font-size: 1.3rem; margin: 0; overflow-wrap: anywhere; }
@@ -23,7 +23,7 @@ h2 { font-size: 1rem; margin: 0; min-width: 0; overflow-wrap: anywhere; }
 h3 { font-size: .93rem; margin: .6rem 0 .1rem; overflow-wrap: anywhere; }
 p { margin: .3rem 0; }
 code { font: .92em ui-monospace, "DejaVu Sans Mono", monospace; overflow-wrap: anywhere; }
-.skip { position: absolute; left: -99rem; } .skip:focus { left: 1rem; }
+.skip { position: absolute; left: -99rem; background: var(--card); padding: .2rem .6rem; } .skip:focus { left: 1rem; }
 .soft { color: var(--soft); } .bad { color: var(--bad); } .good { color: var(--good); } .warn { color: var(--warn); }
 .top, .bar, .title, .tabs, .fields { display: flex; flex-wrap: wrap; align-items: baseline; gap: .2rem 1.1rem; }
 .top { justify-content: space-between; }
@@ -72,7 +72,7 @@ form { display: flex; flex-wrap: wrap; gap: .5rem 1rem; align-items: end; paddin
 label { font-size: .82rem; color: var(--soft); min-width: 0; }
 label > input:not([type]), label > select { display: block; width: 12rem; max-width: 100%; }
 input, select, button { font: inherit; font-size: .9rem; color: var(--ink); background: var(--card);
-  border: 1px solid var(--line); border-radius: 6px; padding: .2rem .5rem; }
+  border: 1px solid var(--soft); border-radius: 6px; padding: .2rem .5rem; }
 button { cursor: pointer; }
 footer { margin-top: 1.6rem; font-size: .82rem; }
 @media (max-width: 40rem) {
@@ -86,7 +86,7 @@ footer { margin-top: 1.6rem; font-size: .82rem; }
   .grid td::before { content: attr(data-title) " "; color: var(--soft); } }
 )";
 
-/// Of the cards and plots of values. The colours of lines tell twelve apart on both backgrounds.
+/// Of the cards and plots of values. The colours of lines tell twelve apart, with a contrast of at least 3 on --card.
 inline constexpr std::string_view valueStyle = R"(
 .cards { display: grid; grid-template-columns: repeat(auto-fill, minmax(14rem, 1fr)); gap: .6rem; }
 a.value { display: block; color: inherit; text-decoration: none; }
@@ -108,7 +108,7 @@ a.value:hover, a.value:focus-visible { border-color: var(--accent); }
 .swatch { width: 1.4rem; height: .8rem; margin-right: .5rem; vertical-align: middle; }
 .line1 { stroke: #d1662b; } .line2 { stroke: #2f9e62; } .line3 { stroke: #b04bb5; } .line4 { stroke: #9a8416; }
 .line5 { stroke: #d14a6e; } .line6 { stroke: #1c97a8; } .line7 { stroke: #7a6ff0; } .line8 { stroke: #8a6a4f; }
-.line9 { stroke: #5f9e1c; } .line10 { stroke: #c0392b; } .line11 { stroke: #6b7c8c; }
+.line9 { stroke: #5f9e1c; } .line10 { stroke: #cf4436; } .line11 { stroke: #6b7c8c; }
 @media (max-width: 40rem) { .cards { grid-template-columns: repeat(2, minmax(0, 1fr)); }
   .plot { grid-template-columns: 3.9rem minmax(0, 1fr); padding-left: 0; } .plot svg { height: 15rem; }
   .xaxis span:nth-child(even) { display: none; } }
@@ -117,6 +117,7 @@ a.value:hover, a.value:focus-visible { border-color: var(--accent); }
 /// Fetches the changing part again, without taking from the reader what is open, focused, selected or scrolled.
 inline constexpr std::string_view script = R"(
 const live = document.getElementById('live'), clock = document.getElementById('clock');
+const trouble = document.getElementById('trouble');
 let shown = '', waits = [];
 function startCountdowns() {
   waits = [...live.querySelectorAll('[data-left]')].map(e => [e, performance.now() + e.dataset.left * 1000]);
@@ -125,20 +126,26 @@ function countDown() {
   for (const [element, end] of waits)
     element.textContent = Math.max(0, Math.ceil((end - performance.now()) / 1000)) + ' s';
 }
+function selectorOf(element) {
+  for (const name of ['id', 'href', 'aria-label'])
+    if (element.getAttribute(name)) return '[' + name + '="' + CSS.escape(element.getAttribute(name)) + '"]';
+  return element.parentElement.id ? '#' + CSS.escape(element.parentElement.id) + ' > ' + element.localName : 'none';
+}
 function show(text) {
   const open = new Map([...live.querySelectorAll('details[id]')].map(e => [e.id, e.open]));
-  const scrolled = [...live.querySelectorAll('.scroll')].map(e => e.scrollLeft);
+  const scrolled = [...live.querySelectorAll('.scroll, pre')].map(e => [e.scrollLeft, e.scrollTop]);
   const focus = live.contains(document.activeElement) ? document.activeElement : null;
-  const place = focus && (focus.id ? ['id', focus.id] : ['href', focus.getAttribute('href')]);
+  const selector = focus ? selectorOf(focus) : 'none', at = [...live.querySelectorAll(selector)].indexOf(focus);
   const height = window.scrollY;
   live.innerHTML = text;
   for (const e of live.querySelectorAll('details[id]')) if (open.has(e.id)) e.open = open.get(e.id);
-  live.querySelectorAll('.scroll').forEach((e, at) => { e.scrollLeft = scrolled[at] || 0; });
-  if (place && place[1])
-    live.querySelector('[' + place[0] + '="' + CSS.escape(place[1]) + '"]')?.focus({ preventScroll: true });
+  live.querySelectorAll('.scroll, pre').forEach((e, at) => { [e.scrollLeft, e.scrollTop] = scrolled[at] || [0, 0]; });
+  const alike = live.querySelectorAll(selector);
+  (alike[at] || alike[0])?.focus({ preventScroll: true });
   window.scrollTo(window.scrollX, height);
   startCountdowns();
 }
+function tell(text) { if (trouble.textContent !== text) trouble.textContent = text; }
 async function refresh() {
   setTimeout(refresh, 1000 * live.dataset.every);
   if (document.hidden) return;
@@ -148,10 +155,9 @@ async function refresh() {
     const text = await answer.text();
     if (text !== shown && getSelection().isCollapsed) { show(text); shown = text; }
     clock.textContent = 'as of ' + new Date().toISOString().slice(11, 19) + ' UTC';
-    clock.className = '';
+    tell('');
   } catch (error) {
-    clock.textContent = 'the server does not answer (' + error.message + ')';
-    clock.className = 'bad';
+    tell('the server does not answer (' + error.message + ')');
   }
 }
 startCountdowns();

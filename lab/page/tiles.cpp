@@ -12,15 +12,19 @@ namespace {
 constexpr std::int64_t minute = 60'000;
 
 struct Tile {
-    std::string path;
+    std::string path;       // empty when it leads nowhere
     std::string_view look;  // a class of style.h, or empty
     std::string number;
     std::string text;
 };
 
 void AddTile(std::string& html, const Tile& tile) {
-    Add(html, "<a class=tile href=\"{}\"><b class='{}'>{}</b>{}</a>\n", Escape(tile.path), tile.look,
-        Escape(tile.number), Escape(tile.text));
+    if (tile.path.empty())
+        html += "<div class=tile>";
+    else
+        Add(html, "<a class=tile href=\"{}\">", Escape(tile.path));
+    Add(html, "<b class='{}'>{}</b>{}</{}>\n", tile.look, Escape(tile.number), Escape(tile.text),
+        tile.path.empty() ? "div" : "a");
 }
 
 /// ", 13 a minute" of the time since the first record came.
@@ -57,11 +61,11 @@ void AddTiles(std::string& html, const Summary& summary, const Scope& scope) {
     html += "<div class=tiles>\n";
     AddTile(html, {"/agents", ContactLook(summary), fmt::format("{} / {}", summary.agentsInContact, summary.agents),
                    Counted(summary.agents, "agent in contact", "agents in contact")});
-    AddTile(html, {"#tracks", "", Grouped(summary.devices),
+    AddTile(html, {hasRecords ? "#tracks" : "", "", Grouped(summary.devices),
                    Counted(summary.devices, "device or slave", "devices and slaves")});
     AddTile(html, {"/records" + ScopeQuery(scope), "", Grouped(summary.records),
                    Counted(summary.records, "record", "records") + RateText(summary, scope.range)});
-    AddTile(html, {"#problems", summary.failingSources > 0 ? "bad" : (hasRecords ? "good" : ""),
+    AddTile(html, {hasRecords ? "#problems" : "", summary.failingSources > 0 ? "bad" : (hasRecords ? "good" : ""),
                    Grouped(summary.failingSources), "failing now"});
     AddTile(html, {"/records" + ScopeQuery(failed), summary.failedRecords > 0 ? "bad" : (hasRecords ? "good" : ""),
                    ShareText(summary.failedRecords, summary.records), "failed since " + since});

@@ -55,8 +55,8 @@ void AddTrack(std::string& html, const Track& track, const Scope& scope) {
     const std::int64_t good = track.records - track.failed;
     Add(html, "<div class=share title=\"{} of {} good\">{}</div>", good, track.records,
         Escape(ShareText(good, track.records)));
-    Add(html, "<svg viewBox='0 0 {} 16' preserveAspectRatio=none role=img aria-label=\"{} records, {} failed\">",
-        stripWidth, track.records, track.failed);
+    Add(html, "<svg viewBox='0 0 {} 16' preserveAspectRatio=none role=img aria-label=\"{}: {} {}, {} failed\">",
+        stripWidth, Escape(title), track.records, track.records == 1 ? "record" : "records", track.failed);
     for (const Tick& tick : track.ticks) AddTick(html, tick, scope, scope.choice->tick);
     html += "</svg>\n";
 }

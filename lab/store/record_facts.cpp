@@ -46,6 +46,18 @@ std::string Cut(std::string_view text, std::size_t maxBytes) {
     return std::string(text.substr(0, maxBytes)) + "…";
 }
 
+/// "ROW PROPERTY". A long row is cut in its middle: the property says what the value is, and rows tell apart by their
+/// ends as often as by their starts.
+std::string MemberOf(std::string_view row, std::string_view property) {
+    const std::string end = Cut(property, maxNameBytes);
+    if (row.empty() || end.size() >= maxNameBytes) return end;
+    const std::size_t room = maxNameBytes - end.size();
+    if (row.size() <= room) return fmt::format("{} {}", row, end);
+    std::size_t tail = row.size() - room / 2;
+    while (tail < row.size() && (static_cast<unsigned char>(row[tail]) & 0xC0) == 0x80) ++tail;
+    return fmt::format("{}{} {}", Cut(row, room - room / 2), row.substr(tail), end);
+}
+
 std::optional<std::string_view> TextMember(json_object* document, const char* name) {
     json_object* value = nullptr;
     if (!json_object_object_get_ex(document, name, &value) || !json_object_is_type(value, json_type_string))
@@ -124,8 +136,7 @@ class Samples {
         if (samples.size() >= maxSamples || isLabel) return;
         const std::optional<double> number = NumberOf(value);
         if (!number) return;
-        const std::string member = Cut(row.empty() ? property : row + " " + std::string(property), maxNameBytes);
-        samples.push_back({FreeName(member), *number});
+        samples.push_back({FreeName(MemberOf(row, property)), *number});
     }
 
     std::vector<Sample> samples;

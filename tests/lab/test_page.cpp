@@ -61,7 +61,7 @@ TEST_F(PageInBrowser, IsFreshAndKeepsWhatTheReaderHasOpened) {
     EXPECT_EQ(browser.Run("return document.getElementById('tracks-table').open"), "true");
     EXPECT_EQ(browser.RunText("return document.activeElement.textContent"), "LAB1 Disks");
     server.reset();
-    EXPECT_THAT(browser.RunText("return refresh().then(() => document.getElementById('clock').textContent)"),
+    EXPECT_THAT(browser.RunText("return refresh().then(() => document.querySelector('[role=status]').textContent)"),
                 testing::HasSubstr("the server does not answer"));
 }
 

@@ -58,6 +58,17 @@ TEST(RecordFacts, AreReadFromEachForm) {
     for (const auto& [title, text, facts] : rows) EXPECT_EQ(Facts(text), facts) << title;
 }
 
+std::string Repeat(int times, std::string_view text) {
+    std::string all;
+    while (times-- > 0) all += text;
+    return all;
+}
+
+TEST(RecordFacts, KeepThePropertyAndBothEndsOfALongRow) {
+    EXPECT_EQ(Facts(R"({"T":[{"Name":"START)" + Repeat(200, "ü") + R"(END1","Free":1}]})"),
+              "|T|0|good|START" + Repeat(46, "ü") + "…" + Repeat(47, "ü") + "END1 Free=1");
+}
+
 class LabStore : public LabOnEach {
   protected:
     void Deliver(const std::string& zip, std::int64_t collected, const std::string& members) {
