@@ -87,7 +87,7 @@ TEST_P(LabServing, ShowsValuesWithoutTheirMarkup) {
         pages += Get(path)->body;
     EXPECT_THAT(pages, testing::Not(testing::ContainsRegex("<i[ >]")));
     for (const char* text : {"&lt;i title=&quot;evil&quot;&gt;&amp;&#39;", "<td>4711</td>",
-                             "<tr><td>.1.1.1</td><td>&lt;i&gt;</td></tr>", "<pre>&lt;i&gt;plain&lt;/i&gt;</pre>"})
+                             "<tr><td>.1.1.1</td><td>&lt;i&gt;</td></tr>", ">&lt;i&gt;plain&lt;/i&gt;</pre>"})
         EXPECT_THAT(pages, HasSubstr(text));
 }
 
