@@ -2,6 +2,7 @@
 
 #include <charconv>
 #include <fmt/format.h>
+#include <iterator>
 
 #include "lab/page/frame.h"
 #include "lab/page/record_html.h"
@@ -116,14 +117,17 @@ std::string RecordsDocument(Store& store, const std::vector<HistoryRecord>& reco
         if (bytes >= maxDocumentBytes) break;
     }
     const Json document = TableDocument(RecordTable(fitting));
-    json_object* list = json_object_object_get(document.get(), "records");
+    json_object* const list = json_object_object_get(document.get(), "records");
+    std::string text = "{\"records\":[";
     for (std::size_t at = 0; at < contents.size(); ++at) {
-        json_object* item = json_object_array_get_idx(list, at);
-        ParsedJson parsed = contents[at].isJson ? ParseJson(contents[at].text) : ParsedJson();
-        json_object_object_add(item, "json", json_object_new_boolean(parsed.valid));
-        json_object_object_add(item, "values", parsed.valid ? parsed.value.release() : JsonText(contents[at].text));
+        std::string item = PlainJson(json_object_array_get_idx(list, at));
+        item.pop_back();
+        // What is JSON goes as it came. Older versions took more for JSON than the format has.
+        const bool isJson = contents[at].isJson && IsJson(contents[at].text);
+        fmt::format_to(std::back_inserter(text), R"({}{},"json":{},"values":{}}})", at > 0 ? "," : "", item, isJson,
+                       isJson ? contents[at].text : PlainJson(Json(JsonText(contents[at].text)).get()));
     }
-    return PlainJson(document.get());
+    return text + "]}";
 }
 
 void AddRecords(std::string& html, const std::vector<HistoryRecord>& records, const Scope& scope, std::size_t full) {

@@ -5,6 +5,7 @@
 #include <charconv>
 #include <cmath>
 #include <fmt/format.h>
+#include <mutex>
 #include <optional>
 #include <unordered_map>
 #include <unordered_set>
@@ -16,6 +17,7 @@ namespace kv::lab {
 namespace {
 
 constexpr std::int64_t dayMilliseconds = 86'400'000;
+constexpr std::size_t largeBytes = 1 << 20;
 
 /// Members that say something of the record, not of what it is about.
 constexpr std::array<std::string_view, 11> ownMembers{
@@ -211,8 +213,17 @@ std::vector<Sample> SamplesOf(json_object* document) {
 RecordFacts FactsOf(std::string_view agent, const RecordText& record, std::int64_t arrived) {
     RecordFacts facts;
     facts.collected = arrived;
+    // Large records are read one at a time, however many come at once: they take much more memory than their text.
+    static std::mutex largeRecords;
+    std::unique_lock<std::mutex> turn(largeRecords, std::defer_lock);
+    if (record.text.size() > largeBytes) turn.lock();
     const ParsedJson parsed = record.isJson ? ParseJson(record.text) : ParsedJson();
     json_object* const document = parsed.value.get();
+    if (parsed.tooLarge) {
+        facts.failed = true;
+        facts.reason = fmt::format("more than {} values: the record is kept, but not read", maxJsonValues);
+        return facts;
+    }
     if (!json_object_is_type(document, json_type_object)) {
         facts.failed = true;
         const bool isEmpty = record.text.find_first_not_of(" \t\r\n") == std::string::npos;

@@ -23,18 +23,25 @@ std::string GoodUtf8(std::u16string wide) {
 
 }  // namespace
 
+bool IsJson(std::string_view text) {
+    const JsonShape shape = ShapeOf(text);
+    return shape.fault.empty() && shape.depth <= std::size_t{maxJsonDepth};
+}
+
 ParsedJson ParseJson(std::string_view text) {
     const std::size_t start = text.find_first_not_of(whiteSpace);
     if (start == std::string_view::npos) return {};
     const std::string document(text.substr(start, text.find_last_not_of(whiteSpace) + 1 - start));
     // json-c takes more than JSON where it is not strict, and where it is, its version 0.18 takes ASCII alone.
-    if (!StrictJsonFault(document).empty()) return {};
+    const JsonShape shape = ShapeOf(document);
+    if (!shape.fault.empty() || shape.depth > std::size_t{maxJsonDepth}) return {};
+    if (shape.values > maxJsonValues) return {false, true, nullptr};
     const std::unique_ptr<json_tokener, platform::ReleasedBy<json_tokener_free>> tokener(
         json_tokener_new_ex(maxJsonDepth));
     // The closing NUL is read, too: without it a bare number would count as unfinished.
     Json value(json_tokener_parse_ex(tokener.get(), document.c_str(), -1));
     if (json_tokener_get_error(tokener.get()) != json_tokener_success) return {};
-    return {true, std::move(value)};
+    return {true, false, std::move(value)};
 }
 
 json_object* JsonText(std::string_view text) {
@@ -49,7 +56,7 @@ RecordText DecodeRecord(const std::string& file, std::string_view bytes) {
     std::u16string wide = TextFromUtf16LittleEndian(bytes);
     if (bytes.size() % 2 != 0) wide += u'\xFFFD';
     std::string text = GoodUtf8(std::move(wide));
-    const bool isJson = ParseJson(text).valid;
+    const bool isJson = IsJson(text);
     return {file, std::move(text), isJson};
 }
 
@@ -82,25 +89,6 @@ std::string RecordLine(const Record& record) {
     }
     return fmt::format("{}\t{}\t{}\t{}\t{}\t{}", record.number, OneLine(record.agent), OneLine(record.zip),
                        OneLine(BaseName(record.content.file)), UtcText(record.time), OneLine(values));
-}
-
-std::string RecordsJson(const std::vector<Record>& records) {
-    const Json document(json_object_new_object());
-    json_object* list = json_object_new_array();
-    json_object_object_add(document.get(), "records", list);
-    for (const Record& record : records) {
-        json_object* item = json_object_new_object();
-        ParsedJson parsed = record.content.isJson ? ParseJson(record.content.text) : ParsedJson();
-        json_object_object_add(item, "number", json_object_new_int64(record.number));
-        json_object_object_add(item, "agent", JsonText(record.agent));
-        json_object_object_add(item, "zip", JsonText(record.zip));
-        json_object_object_add(item, "file", JsonText(record.content.file));
-        json_object_object_add(item, "time", JsonText(UtcText(record.time)));
-        json_object_object_add(item, "json", json_object_new_boolean(parsed.valid));
-        json_object_object_add(item, "values", parsed.valid ? parsed.value.release() : JsonText(record.content.text));
-        json_object_array_add(list, item);
-    }
-    return PlainJson(document.get());
 }
 
 }  // namespace kv::lab

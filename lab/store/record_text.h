@@ -18,11 +18,18 @@ using Json = std::unique_ptr<json_object, platform::ReleasedBy<json_object_put>>
 
 struct ParsedJson {
     bool valid = false;
-    Json value;  // null stands for JSON's null
+    bool tooLarge = false;  // it is JSON, and has more values than are read
+    Json value;             // null stands for JSON's null
 };
 
 /// The deepest nesting of a document.
 inline constexpr int maxJsonDepth = 100;
+
+/// The most values of a document that is read. An empty object takes about 800 bytes of memory and two of text.
+inline constexpr std::size_t maxJsonValues = 500'000;
+
+/// Whether a text is one document by the strict rules that is not nested more deeply, of any size.
+bool IsJson(std::string_view text);
 
 /// Parses one document by the strict rules, with white space around it allowed. Not valid if it is nested more deeply.
 ParsedJson ParseJson(std::string_view text);
@@ -50,9 +57,5 @@ std::string UtcText(std::int64_t time);
 
 /// Number, agent, zip, record file, time and values with tabs between, without a line end.
 std::string RecordLine(const Record& record);
-
-/// { "records": [ { "number", "agent", "zip", "file", "time", "json", "values" } ] }; values is the record's document,
-/// or its text when it is not JSON.
-std::string RecordsJson(const std::vector<Record>& records);
 
 }  // namespace kv::lab

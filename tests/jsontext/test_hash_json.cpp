@@ -170,6 +170,9 @@ TEST(StrictJson, TakesWhatTheFormatHas) {
                                    "[1] # x", "[\"\t\"]", "[\"\xff\"]", "[1.]"})
         EXPECT_NE(StrictJsonFault(text).find(" line "), std::string::npos) << text;
     EXPECT_NE(StrictJsonFault({"{}\0x", 4}), "");
+    const JsonShape shape = ShapeOf(R"({"a": [1, [], {"b": null}], "c": "[[["})");
+    EXPECT_EQ(shape.depth, 3);
+    EXPECT_EQ(shape.values, 7);
 }
 
 }  // namespace

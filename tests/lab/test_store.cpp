@@ -56,6 +56,9 @@ TEST(RecordFacts, AreReadFromEachForm) {
          "|X|0|good|1e9 d=1e+20|1e9 e=-0.5"},
     };
     for (const auto& [title, text, facts] : rows) EXPECT_EQ(Facts(text), facts) << title;
+    std::string endless = "[";
+    for (std::size_t count = 0; count < maxJsonValues; ++count) endless += "{},";
+    EXPECT_EQ(Facts(endless + "1]"), "||0|failed: more than 500000 values: the record is kept, but not read");
 }
 
 std::string Repeat(int times, std::string_view text) {
