@@ -30,7 +30,7 @@ struct ShapeReader : nlohmann::json::json_sax_t {
     bool parse_error(std::size_t, const std::string&, const nlohmann::json::exception& failure) override {
         const std::string_view reason = failure.what();
         const std::size_t end = reason.find("] ");
-        shape.fault = reason.substr(end == reason.npos ? 0 : end + 2);
+        shape.fault = reason.substr(end == std::string_view::npos ? 0 : end + 2);
         return false;
     }
 
