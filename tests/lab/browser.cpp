@@ -17,7 +17,8 @@ namespace {
 constexpr auto pageTimeout = std::chrono::minutes(2);  // beside a busy machine
 
 /// Chromium's sandbox refuses to start for root, and its shared memory is too small in a container.
-constexpr const char* newSession = R"({"capabilities":{"alwaysMatch":{"browserName":"chrome","goog:chromeOptions":{
+constexpr const char* newSession =
+    R"({"capabilities":{"alwaysMatch":{"browserName":"chrome","goog:loggingPrefs":{"browser":"ALL"},"goog:chromeOptions":{
     "args":["--headless=new","--no-sandbox","--disable-gpu","--disable-dev-shm-usage","--hide-scrollbars",
             "--user-data-dir=%s"]}}}})";
 
@@ -46,6 +47,7 @@ Browser::Browser() {
     client_.emplace("127.0.0.1", std::stoi(port[1]));
     client_->set_read_timeout(pageTimeout);
     client_->set_keep_alive(true);
+    client_->set_tcp_nodelay(true);
     const ParsedJson answer =
         ParseJson(Post("/session", fmt::sprintf(newSession, driver_.folder().string() + "/profile")));
     json_object* id = nullptr;
@@ -89,6 +91,17 @@ std::string Browser::RunText(const std::string& script) {
     const ParsedJson text = ParseJson(Run(script));
     return json_object_is_type(text.value.get(), json_type_string) ? json_object_get_string(text.value.get()) : "";
 }
+
+void Browser::Tab(std::size_t times) {
+    std::string strokes;
+    for (std::size_t at = 0; at < times; ++at)
+        strokes += fmt::format(R"({}{{"type":"keyDown","value":"\uE004"}},{{"type":"keyUp","value":"\uE004"}})",
+                               at > 0 ? "," : "");
+    Post("/session/" + session_ + "/actions",
+         fmt::format(R"({{"actions":[{{"type":"key","id":"keys","actions":[{}]}}]}})", strokes));
+}
+
+std::string Browser::Console() { return Post("/session/" + session_ + "/se/log", R"({"type":"browser"})"); }
 
 std::string Browser::Picture() {
     const ParsedJson answer = ParseJson(Command("Page.captureScreenshot", "{}"));

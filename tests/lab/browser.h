@@ -30,12 +30,20 @@ class Browser {
     /// What Run gives as a text, when it is a text.
     std::string RunText(const std::string& script);
 
+    /// Presses the Tab key so many times.
+    void Tab(std::size_t times);
+
+    /// What the console of the pages has said since the last call, an array as JSON.
+    std::string Console();
+
     /// What is in the view, as the bytes of a PNG file.
     std::string Picture();
 
+    /// Runs a command of the DevTools protocol with its parameters, and gives its result, both as JSON.
+    std::string Command(const std::string& name, const std::string& parameters);
+
   private:
     std::string Post(const std::string& path, const std::string& body);
-    std::string Command(const std::string& name, const std::string& parameters);
 
     kv::test::ChildProgram driver_;
     std::optional<httplib::Client> client_;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <chrono>
+#include <fmt/format.h>
 #include <httplib.h>
 #include <optional>
 #include <string>
@@ -17,6 +18,8 @@
 #include "tests/support/test_agent.h"
 
 namespace kv::lab::test {
+
+constexpr std::int64_t minute = 60'000;
 
 /// A record file's bytes: UTF-16LE without a byte order mark.
 inline std::string WideBytes(std::string_view utf8) { return Utf16LittleEndianBytes(platform::WideFromUtf8(utf8)); }
@@ -40,10 +43,24 @@ class Lab : public kv::test::TestAgent {
     explicit Lab(DatabaseKind kind = DatabaseKind::sqlite)
         : database(kind == DatabaseKind::sqlite ? (folder / "lab.db").string() : NewPostgresPlace()) {}
 
+    /// Uploads records, each a text with "@" for the time of its collection in seconds.
+    void Send(const std::string& agent, std::int64_t minutesAgo, const std::vector<std::string>& texts) {
+        ArchiveFiles files;
+        for (std::string text : texts) {
+            if (const std::size_t at = text.find('@'); at != std::string::npos)
+                text.replace(at, 1, std::to_string((begun - minutesAgo * minute) / 1000));
+            files.emplace_back(fmt::format("data/Agent_{}_{}.txt", agent, ++sent), WideBytes(text));
+        }
+        const std::string query = fmt::format("AGENTKEY={0}&FILENAME=Agent_{0}_{1}.zip", agent, sent);
+        ASSERT_EQ(Upload(client, query, MakeArchive(files))->status, 200);
+    }
+
     std::string database;
     Store store = OpenStore(database);
     std::optional<LabServer> server{ServerOptions{database, "127.0.0.1", 0, "", "", 0, {}}};
     httplib::Client client{"127.0.0.1", server->port()};
+    const std::int64_t begun = Now();
+    int sent = 0;
 };
 
 /// Its tests, TEST_P, run on each kind of database.
