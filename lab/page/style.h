@@ -16,7 +16,8 @@ inline constexpr std::string_view style = R"(
 body { margin: 0 auto; max-width: 76rem; padding: .9rem 1.2rem 2.5rem; background: var(--page); color: var(--ink);
   font: 15px/1.4 system-ui, "DejaVu Sans", sans-serif; }
 a { color: inherit; text-decoration-color: color-mix(in srgb, currentColor 55%, transparent); text-underline-offset: .18em; }
-a:hover { color: var(--accent); text-decoration-color: currentColor; }
+.strip a, .grid a { text-decoration-color: var(--line); }
+a:hover, .strip a:hover, .grid a:hover { color: var(--accent); text-decoration-color: currentColor; }
 :focus-visible { outline: 2px solid var(--accent); outline-offset: 2px; border-radius: 3px; }
 h1 { font-size: 1.3rem; margin: 0; overflow-wrap: anywhere; }
 h2 { font-size: 1rem; margin: 0; min-width: 0; overflow-wrap: anywhere; }

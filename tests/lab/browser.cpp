@@ -18,7 +18,8 @@ constexpr auto pageTimeout = std::chrono::minutes(2);  // beside a busy machine
 
 /// Chromium's sandbox refuses to start for root, and its shared memory is too small in a container.
 constexpr const char* newSession =
-    R"({"capabilities":{"alwaysMatch":{"browserName":"chrome","goog:loggingPrefs":{"browser":"ALL"},"goog:chromeOptions":{
+    R"({"capabilities":{"alwaysMatch":{"browserName":"chrome","timeouts":{"script":120000},
+    "goog:loggingPrefs":{"browser":"ALL"},"goog:chromeOptions":{
     "args":["--headless=new","--no-sandbox","--disable-gpu","--disable-dev-shm-usage","--hide-scrollbars",
             "--user-data-dir=%s"]}}}})";
 
