@@ -51,7 +51,7 @@ std::string Cut(std::string_view text, std::size_t maxBytes) {
 /// "ROW PROPERTY". A long row is cut in its middle: the property says what the value is, and rows tell apart by their
 /// ends as often as by their starts.
 std::string MemberOf(std::string_view row, std::string_view property) {
-    const std::string end = Cut(property, maxNameBytes);
+    std::string end = Cut(property, maxNameBytes);
     if (row.empty() || end.size() >= maxNameBytes) return end;
     const std::size_t room = maxNameBytes - end.size();
     if (row.size() <= room) return fmt::format("{} {}", row, end);
