@@ -20,7 +20,9 @@ std::string ReadPlanFile(const std::string& path) {
     if (!std::filesystem::exists(path)) throw NotFoundError("there is no file " + path);
     std::ifstream file(path, std::ios::binary);
     if (!file.is_open() || std::filesystem::is_directory(path)) throw std::runtime_error("cannot read " + path);
-    std::string bytes(std::istreambuf_iterator<char>(file), {});
+    std::string bytes(maxEntryBytes + 1, '\0');  // one more than a plan may have: devices do not end
+    file.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    bytes.resize(static_cast<std::size_t>(file.gcount()));
     if (file.bad()) throw std::runtime_error("cannot read " + path);
     if (bytes.size() > maxEntryBytes) throw std::runtime_error(path + " is too large for a plan");
     return bytes;

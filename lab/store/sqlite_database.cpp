@@ -28,7 +28,10 @@ int WaitWhileBusy(void*, int times) {
 void Check(sqlite3* connection, int result) {
     if (result == SQLITE_OK) return;
     const char* const file = sqlite3_db_filename(connection, "main");
-    throw DatabaseError(std::string("database ") + (file ? file : "") + ": " + sqlite3_errmsg(connection));
+    // Who only reads writes, too: the index of the file's log, beside it.
+    const bool isReadOnly = (result & 0xFF) == SQLITE_READONLY;
+    throw DatabaseError(std::string("database ") + (file ? file : "") + ": " + sqlite3_errmsg(connection) +
+                        (isReadOnly ? "; to read it, too, the file and its folder must be writable" : ""));
 }
 
 /// SQLite stores a text or blob without an address as NULL.
