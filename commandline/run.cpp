@@ -365,7 +365,9 @@ int RunCommandLine(const Program& program, const std::vector<std::string>& words
 }
 
 void FlushOutput() {
-    if (std::fflush(stdout) != 0) throw std::runtime_error("cannot write to standard output");
+    // An error of an earlier write, after which nothing is left to flush, counts as well.
+    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
+        throw std::runtime_error("cannot write to standard output");
 }
 
 std::string InLine(std::string_view text) {

@@ -1,6 +1,7 @@
 #include "lab/commands/moment.h"
 
 #include <ctime>
+#include <optional>
 
 #include "lab/commands/command_line.h"
 #include "lab/commands/duration.h"
@@ -9,11 +10,14 @@ namespace kv::lab {
 
 namespace {
 
-/// Whether a whole text is a time of this form.
-bool IsTime(const std::string& text, const char* form, std::tm& time) {
-    time = {};
+/// Seconds since 1970 when a whole text is a time of this form; absent otherwise, also for days such as February 30.
+std::optional<std::int64_t> SecondsOf(const std::string& text, const char* form) {
+    std::tm time{};
     const char* const end = strptime(text.c_str(), form, &time);
-    return end != nullptr && *end == '\0';
+    if (end == nullptr || *end != '\0') return std::nullopt;
+    const int day = time.tm_mday;
+    const std::int64_t seconds = timegm(&time);  // which makes March 2 of February 30
+    return time.tm_mday == day ? std::optional(seconds) : std::nullopt;
 }
 
 }  // namespace
@@ -22,9 +26,8 @@ std::int64_t MomentOf(const std::string& option, const std::string& text, std::i
     std::string plain = text;
     if (plain.ends_with('Z')) plain.pop_back();
     if (const std::size_t mark = plain.find('T'); mark != std::string::npos) plain[mark] = ' ';
-    std::tm time{};
     for (const char* const form : {"%Y-%m-%d", "%Y-%m-%d %H:%M", "%Y-%m-%d %H:%M:%S"})
-        if (IsTime(plain, form, time)) return static_cast<std::int64_t>(timegm(&time)) * 1000;
+        if (const std::optional<std::int64_t> seconds = SecondsOf(plain, form)) return *seconds * 1000;
     if (text.find('-') != std::string::npos)
         throw UsageError(option + " takes a time in UTC such as '2026-11-27 12:00', or 15m, 2h, 7d ago, not '" + text +
                          "'");

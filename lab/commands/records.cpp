@@ -35,9 +35,11 @@ Wanted WantedOf(const Given& given) {
     Wanted wanted;
     wanted.filter = {GivenText(given, "--agent"), GivenText(given, "--device"), GivenText(given, "--name"),
                      Has(given, "--failed")};
+    if (wanted.filter.agent == "") wanted.filter.agent.reset();  // as a script may have it: all agents
     const std::int64_t now = Now();
     if (Has(given, "--since")) wanted.range.from = MomentOf("--since", Value(given, "--since"), now);
     if (Has(given, "--until")) wanted.range.to = MomentOf("--until", Value(given, "--until"), now);
+    if (wanted.range.from > wanted.range.to) throw UsageError("--since takes a time before that of --until");
     return wanted;
 }
 
