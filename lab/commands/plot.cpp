@@ -10,7 +10,9 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include "commandline/run.h"
 #include "lab/commands/command_line.h"
+#include "lab/commands/known_names.h"
 #include "lab/commands/moment.h"
 #include "lab/page/curve.h"
 #include "lab/page/scope.h"
@@ -34,6 +36,8 @@ struct Plotted {
     Curve curve;
 };
 
+bool Changes(const Plotted& plotted) { return plotted.curve.high > plotted.curve.low; }
+
 /// Of the terminal; COLUMNS comes first, as with other programs.
 int Columns() {
     winsize size{};
@@ -48,9 +52,19 @@ using Blocks = std::array<std::string_view, 9>;
 constexpr Blocks unicodeBlocks{" ", "▁", "▂", "▃", "▄", "▅", "▆", "▇", "█"};
 constexpr Blocks asciiBlocks{" ", ".", ".", ".", ":", ":", ":", "#", "#"};
 
-const Blocks& BlocksOfLocale() {
+/// Whether the terminal shows UTF-8, by its locale.
+bool ShowsUtf8() {
     std::setlocale(LC_CTYPE, "");
-    return std::strcmp(nl_langinfo(CODESET), "UTF-8") == 0 ? unicodeBlocks : asciiBlocks;
+    return std::strcmp(nl_langinfo(CODESET), "UTF-8") == 0;
+}
+
+/// "LAB1 · Disks / FreeSpace: 75.7 GB"
+std::string TitleOf(const Plotted& plotted) {
+    const SeriesName& series = plotted.series;
+    std::string title = SourceTitle({0, series.agent, series.device, series.name, 0, false});
+    constexpr std::string_view dot = "·";
+    while (!ShowsUtf8() && title.find(dot) != std::string::npos) title.replace(title.find(dot), dot.size(), "-");
+    return OneLine(title + " " + MemberTitle(series.member) + ": " + ValueText(plotted.curve.last(), plotted.unit));
 }
 
 /// The line's number at a time between the ends of a piece; NaN elsewhere.
@@ -81,10 +95,8 @@ std::vector<int> HeightsOf(const Curve& curve, const Range& range, int columns) 
 }
 
 void PrintPlot(const Plotted& plotted, const Range& range, int columns, const Blocks& blocks) {
-    const SeriesName& series = plotted.series;
     const Curve& curve = plotted.curve;
-    PrintLine(OneLine(SourceTitle({0, series.agent, series.device, series.name, 0, false}) + " " +
-                      MemberTitle(series.member) + ": " + ValueText(curve.last(), plotted.unit)));
+    PrintLine(TitleOf(plotted));
     const std::vector<int> heights = HeightsOf(curve, range, columns);
     for (int row = plotRows - 1; row >= 0; --row) {
         std::string label;
@@ -109,32 +121,44 @@ Filter FilterOf(const Given& given) {
     return filter;
 }
 
-/// Says which names there are, when the one that was given is not among them.
-void RequireName(Store& store, const std::string& name) {
-    const std::vector<std::string> names = ReadFilterChoices(store, seriesRead).names;
-    if (std::find(names.begin(), names.end(), name) != names.end()) return;
-    constexpr std::size_t named = 12;
-    std::string list;
-    for (std::size_t at = 0; at < std::min(names.size(), named); ++at)
-        list += (at > 0 ? ", " : "") + OneLine(names[at]);
-    throw NotFoundError("no record has the name '" + name + "'" +
-                        (names.empty() ? "; nothing has come yet" : "; those that came: " + list));
+std::optional<std::string> MemberOf(const Given& given) {
+    return Has(given, "--member") ? std::optional(Value(given, "--member")) : std::nullopt;
 }
 
-std::vector<Plotted> ReadPlots(Store& store, const Given& given, const Range& range, int columns) {
-    const std::optional<std::string> member =
-        Has(given, "--member") ? std::optional(Value(given, "--member")) : std::nullopt;
-    const std::int64_t part = std::max<std::int64_t>((range.to - range.from) / columns, 1);
+struct Plots {
     std::vector<Plotted> plots;
-    for (SeriesName& series : ReadSeries(store, range, FilterOf(given), member, seriesRead).series) {
+    bool more = false;  // others were not read
+};
+
+Plots ReadPlots(Store& store, const Given& given, const Range& range, int columns) {
+    const std::int64_t part = std::max<std::int64_t>((range.to - range.from) / columns, 1);
+    SeriesList list = ReadSeries(store, range, FilterOf(given), MemberOf(given), seriesRead);
+    Plots read{{}, list.more};
+    for (SeriesName& series : list.series) {
         const Meaning meaning = MeaningOf(series.member);
         Curve curve = ReadCurve(store, series.number, range, part, meaning);
-        if (!curve.isEmpty()) plots.push_back({std::move(series), meaning.unit, std::move(curve)});
+        if (!curve.isEmpty()) read.plots.push_back({std::move(series), meaning.unit, std::move(curve)});
     }
     // What changes comes first.
-    std::stable_partition(plots.begin(), plots.end(),
-                          [](const Plotted& plotted) { return plotted.curve.high > plotted.curve.low; });
-    return plots;
+    std::stable_partition(read.plots.begin(), read.plots.end(), Changes);
+    return read;
+}
+
+/// Draws what changes, or the one value that was read, and names the rest.
+void PrintPlots(const Plots& read, const Range& range, int columns) {
+    const Blocks& blocks = ShowsUtf8() ? unicodeBlocks : asciiBlocks;
+    std::size_t drawn = 0;
+    for (const Plotted& plotted : read.plots) {
+        if (drawn < plotsShown && (Changes(plotted) || read.plots.size() == 1)) {
+            PrintPlot(plotted, range, columns, blocks);
+            ++drawn;
+        } else {
+            PrintLine((Changes(plotted) ? "not drawn: " : "unchanged: ") + TitleOf(plotted));
+        }
+    }
+    if (drawn < read.plots.size() || read.more)
+        PrintLine(fmt::format("{}--member, --agent and --device choose what is drawn",
+                              read.more ? fmt::format("More than {} values came. ", seriesRead) : ""));
 }
 
 Table NumbersOf(const std::vector<Plotted>& plots) {
@@ -162,19 +186,17 @@ void RunPlot(const Given& given) {
     const Range range{MomentOf("--since", Value(given, "--since", "1h"), now), now};
     if (range.from >= range.to) throw UsageError("--since takes a time that has been");
     const int columns = Columns() - labelWidth;
-    const std::vector<Plotted> plots = ReadPlots(store, given, range, columns);
-    if (plots.empty()) RequireName(store, Value(given, "NAME"));
-    if (plots.empty()) throw NotFoundError("no number of this record was collected since " + UtcText(range.from));
-    if (Has(given, "--csv") || Has(given, "--json")) {
-        const Table table = NumbersOf(plots);
-        std::fputs((Has(given, "--csv") ? TableCsv(table) : TableJson(table)).c_str(), stdout);
-        return;
+    const Plots read = ReadPlots(store, given, range, columns);
+    if (read.plots.empty()) {
+        RequireKnown(store, FilterOf(given));
+        RequireKnownMember(store, FilterOf(given), MemberOf(given));
+        throw NotFoundError("no number of this record was collected since " + UtcText(range.from));
     }
-    const Blocks& blocks = BlocksOfLocale();
-    for (std::size_t at = 0; at < std::min(plots.size(), plotsShown); ++at)
-        PrintPlot(plots[at], range, columns, blocks);
-    if (plots.size() > plotsShown)
-        PrintLine(fmt::format("{} more; --member, --agent and --device choose", plots.size() - plotsShown));
+    if (!Has(given, "--csv") && !Has(given, "--json")) return PrintPlots(read, range, columns);
+    const Table table = NumbersOf(read.plots);
+    const std::string text = Has(given, "--csv") ? TableCsv(table) : TableJson(table) + "\n";
+    std::fputs(text.c_str(), stdout);
+    commandline::FlushOutput();
 }
 
 constexpr Word plotWords[] = {{"NAME", "the record whose values are drawn"}};

@@ -2,10 +2,13 @@
 #include "lab/page/records.h"
 
 #include <chrono>
+#include <cstdio>
+#include <stdexcept>
 #include <thread>
 
 #include "commandline/run.h"
 #include "lab/commands/command_line.h"
+#include "lab/commands/known_names.h"
 #include "lab/commands/moment.h"
 #include "lab/page/table.h"
 #include "lab/store/history.h"
@@ -21,6 +24,7 @@ constexpr std::int64_t recordsTogether = 500;
 struct Wanted {
     Filter filter;
     Range range{INT64_MIN, INT64_MAX};
+    bool follow = false;
 
     bool Has(const HistoryRecord& record) const {
         return record.collected >= range.from && record.collected <= range.to;
@@ -33,6 +37,7 @@ std::optional<std::string> GivenText(const Given& given, const char* option) {
 
 Wanted WantedOf(const Given& given) {
     Wanted wanted;
+    wanted.follow = Has(given, "--follow");
     wanted.filter = {GivenText(given, "--agent"), GivenText(given, "--device"), GivenText(given, "--name"),
                      Has(given, "--failed")};
     if (wanted.filter.agent == "") wanted.filter.agent.reset();  // as a script may have it: all agents
@@ -43,54 +48,69 @@ Wanted WantedOf(const Given& given) {
     return wanted;
 }
 
-/// The wanted records with a number above `after`, which then is that of the last one that was looked at; absent when
-/// there is nothing more to look at.
-std::optional<std::vector<HistoryRecord>> NextRecords(Store& store, const Wanted& wanted, std::int64_t& after) {
-    std::vector<HistoryRecord> records = ReadHistoryAfter(store, wanted.filter, after, recordsTogether);
-    if (records.empty()) return std::nullopt;
-    after = records.back().number;
-    std::erase_if(records, [&](const HistoryRecord& record) { return !wanted.Has(record); });
-    return records;
+void PrintText(std::string_view text) {
+    if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size())
+        throw std::runtime_error("cannot write to standard output");
 }
 
-void PrintRecord(Store& store, const HistoryRecord& record) {
-    const std::optional<RecordText> content = ReadContent(store, record.number);
-    if (content)
-        PrintLine(
-            RecordLine({record.number, record.source.agent, record.zip, record.accepted, *content, record.bytes}));
-}
-
-void PrintRecords(Store& store, const Wanted& wanted, bool follow) {
-    std::int64_t after = 0;
-    while (true) {
-        const auto records = NextRecords(store, wanted, after);
-        if (!records && !follow) return;
-        if (!records) std::this_thread::sleep_for(followPause);
-        for (const HistoryRecord& record : records.value_or(std::vector<HistoryRecord>())) PrintRecord(store, record);
+/// Hands out the wanted records in the order of their numbers, some at a time; when they are followed without an end.
+template <class Print>
+void ForEach(Store& store, const Wanted& wanted, const Print& print) {
+    bool isEmpty = true;
+    const NumberRange numbers = wanted.follow ? NumberRange{1, INT64_MAX} : ReadNumbers(store, wanted.range);
+    std::int64_t after = numbers.first - 1;
+    while (after < numbers.last) {
+        std::vector<HistoryRecord> records = ReadHistoryAfter(store, wanted.filter, after, recordsTogether);
+        if (records.empty() && !wanted.follow) break;
+        if (records.empty()) std::this_thread::sleep_for(followPause);
+        if (!records.empty()) after = records.back().number;
+        std::erase_if(records, [&](const HistoryRecord& record) { return !wanted.Has(record); });
+        print(records);
         commandline::FlushOutput();
+        isEmpty = isEmpty && records.empty();
+    }
+    if (isEmpty) std::fprintf(stderr, "kvlab: no record fits\n");
+}
+
+void PrintLines(Store& store, const std::vector<HistoryRecord>& records) {
+    for (const HistoryRecord& record : records)
+        if (const std::optional<RecordText> content = ReadContent(store, record.number))
+            PrintLine(
+                RecordLine({record.number, record.source.agent, record.zip, record.accepted, *content, record.bytes}));
+}
+
+/// Appends records to a JSON array that holds some already, or is empty.
+void PrintItems(Store& store, const std::vector<HistoryRecord>& records, bool& isEmpty) {
+    for (const HistoryRecord& record : records) {
+        const std::optional<RecordText> content = ReadContent(store, record.number);
+        if (!content) continue;  // pruned meanwhile
+        PrintText((isEmpty ? "\n" : ",\n") + RecordJson(record, *content));
+        isEmpty = false;
     }
 }
 
-std::vector<HistoryRecord> AllRecords(Store& store, const Wanted& wanted) {
-    std::vector<HistoryRecord> all;
-    std::int64_t after = 0;
-    while (auto records = NextRecords(store, wanted, after))
-        all.insert(all.end(), std::make_move_iterator(records->begin()), std::make_move_iterator(records->end()));
-    return all;
+void PrintJson(Store& store, const Wanted& wanted) {
+    bool isEmpty = true;
+    PrintText("{\"records\":[");
+    ForEach(store, wanted, [&](const auto& records) { PrintItems(store, records, isEmpty); });
+    PrintText("]}\n");
+}
+
+void PrintCsv(Store& store, const Wanted& wanted) {
+    PrintText(TableCsv(RecordTable({})));
+    ForEach(store, wanted, [](const auto& records) { PrintText(CsvRows(RecordTable(records))); });
 }
 
 void RunRecords(const Given& given) {
-    const bool follow = Has(given, "--follow");
-    const bool asCsv = Has(given, "--csv");
-    const bool asJson = Has(given, "--json");
-    if (follow + asCsv + asJson > 1) throw UsageError("only one of --follow, --csv and --json can be given");
+    if (Has(given, "--follow") + Has(given, "--csv") + Has(given, "--json") > 1)
+        throw UsageError("only one of --follow, --csv and --json can be given");
     Store store = OpenExisting(given);
     const Wanted wanted = WantedOf(given);
-    if (!follow && wanted.filter.agent && !AgentExists(store, *wanted.filter.agent))
-        throw NotFoundError("there is no agent with the key " + *wanted.filter.agent);
-    if (!asCsv && !asJson) return PrintRecords(store, wanted, follow);
-    const Table table = RecordTable(AllRecords(store, wanted));
-    std::fputs((asCsv ? TableCsv(table) : TableJson(table)).c_str(), stdout);
+    // Who follows may wait for what has never come.
+    if (!wanted.follow) RequireKnown(store, wanted.filter);
+    if (Has(given, "--csv")) return PrintCsv(store, wanted);
+    if (Has(given, "--json")) return PrintJson(store, wanted);
+    ForEach(store, wanted, [&](const auto& records) { PrintLines(store, records); });
 }
 
 constexpr Option recordsOptions[] = {
@@ -103,7 +123,7 @@ constexpr Option recordsOptions[] = {
     {"--until", "TIME", "collected until then"},
     {"--follow", "", "go on with new ones as they arrive, until interrupted"},
     {"--csv", "", "as CSV, with when each was collected and why it failed, without its values"},
-    {"--json", "", "the same as JSON"},
+    {"--json", "", "the same as JSON, with the values"},
 };
 
 constexpr Command commands[] = {

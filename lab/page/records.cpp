@@ -1,8 +1,8 @@
 #include "lab/page/records.h"
 
+#include <algorithm>
 #include <charconv>
 #include <fmt/format.h>
-#include <iterator>
 
 #include "lab/page/frame.h"
 #include "lab/page/record_html.h"
@@ -104,28 +104,24 @@ Table RecordTable(const std::vector<HistoryRecord>& records) {
     return table;
 }
 
+std::string RecordJson(const HistoryRecord& record, const RecordText& content) {
+    std::string item = RowJson(RecordTable({record}), 0);
+    item.pop_back();
+    // What is JSON goes as it came. Older versions took more for JSON than the format has.
+    const bool isJson = content.isJson && IsJson(content.text);
+    return fmt::format(R"({},"json":{},"values":{}}})", item, isJson,
+                       isJson ? content.text : PlainJson(Json(JsonText(content.text)).get()));
+}
+
 std::string RecordsDocument(Store& store, const std::vector<HistoryRecord>& records) {
-    std::vector<HistoryRecord> fitting;
-    std::vector<RecordText> contents;
+    std::string text = "{\"records\":[";
     std::size_t bytes = 0;
     for (const HistoryRecord& record : records) {
-        std::optional<RecordText> content = ReadContent(store, record.number);
-        if (!content) continue;  // pruned meanwhile
-        bytes += content->text.size();
-        fitting.push_back(record);
-        contents.push_back(std::move(*content));
         if (bytes >= maxDocumentBytes) break;
-    }
-    const Json document = TableDocument(RecordTable(fitting));
-    json_object* const list = json_object_object_get(document.get(), "records");
-    std::string text = "{\"records\":[";
-    for (std::size_t at = 0; at < contents.size(); ++at) {
-        std::string item = PlainJson(json_object_array_get_idx(list, at));
-        item.pop_back();
-        // What is JSON goes as it came. Older versions took more for JSON than the format has.
-        const bool isJson = contents[at].isJson && IsJson(contents[at].text);
-        fmt::format_to(std::back_inserter(text), R"({}{},"json":{},"values":{}}})", at > 0 ? "," : "", item, isJson,
-                       isJson ? contents[at].text : PlainJson(Json(JsonText(contents[at].text)).get()));
+        const std::optional<RecordText> content = ReadContent(store, record.number);
+        if (!content) continue;  // pruned meanwhile
+        text += (bytes > 0 ? "," : "") + RecordJson(record, *content);
+        bytes += std::max<std::size_t>(content->text.size(), 1);
     }
     return text + "]}";
 }

@@ -16,8 +16,11 @@ inline constexpr std::size_t maxShownBytes = std::size_t{256} << 10;
 
 Table RecordTable(const std::vector<HistoryRecord>& records);
 
-/// The table as JSON, and with each record "json", whether its text is JSON, and "values": that document, or else the
-/// text. It ends after the record that brings it to maxDocumentBytes of text.
+/// A row of the table as a JSON object, with "json", whether the record's text is JSON, and "values": that document, or
+/// else the text.
+std::string RecordJson(const HistoryRecord& record, const RecordText& content);
+
+/// { "records": [ each by RecordJson ] }. It ends after the record that brings it to maxDocumentBytes of text.
 std::string RecordsDocument(Store& store, const std::vector<HistoryRecord>& records);
 inline constexpr std::size_t maxDocumentBytes = std::size_t{16} << 20;
 

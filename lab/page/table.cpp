@@ -107,9 +107,15 @@ void AddHtmlTable(std::string& html, const Table& table) {
 
 std::string TableCsv(const Table& table) {
     std::string csv;
+    std::vector<std::string> names;
+    for (const Column& column : table.columns) names.push_back(column.name);
+    AddCsvRow(csv, names);
+    return csv + CsvRows(table);
+}
+
+std::string CsvRows(const Table& table) {
+    std::string csv;
     std::vector<std::string> fields;
-    for (const Column& column : table.columns) fields.push_back(column.name);
-    AddCsvRow(csv, fields);
     for (const std::vector<Cell>& row : table.rows) {
         fields.clear();
         for (const Cell& cell : row) fields.push_back(CellText(cell));
@@ -118,20 +124,18 @@ std::string TableCsv(const Table& table) {
     return csv;
 }
 
-Json TableDocument(const Table& table) {
-    Json document(json_object_new_object());
-    json_object* list = json_object_new_array();
-    json_object_object_add(document.get(), table.name.c_str(), list);
-    for (const std::vector<Cell>& row : table.rows) {
-        json_object* item = json_object_new_object();
-        for (std::size_t at = 0; at < row.size(); ++at)
-            json_object_object_add(item, table.columns.at(at).name.c_str(), JsonCell(row[at]));
-        json_object_array_add(list, item);
-    }
-    return document;
+std::string TableJson(const Table& table) {
+    std::string json = "{" + PlainJson(Json(JsonText(table.name)).get()) + ":[";
+    for (std::size_t at = 0; at < table.rows.size(); ++at) json += (at > 0 ? "," : "") + RowJson(table, at);
+    return json + "]}";
 }
 
-std::string TableJson(const Table& table) { return PlainJson(TableDocument(table).get()); }
+std::string RowJson(const Table& table, std::size_t row) {
+    const Json object(json_object_new_object());
+    for (std::size_t at = 0; at < table.columns.size(); ++at)
+        json_object_object_add(object.get(), table.columns[at].name.c_str(), JsonCell(table.rows.at(row).at(at)));
+    return PlainJson(object.get());
+}
 
 Answer TableAnswer(const Table& table, TableFormat format) {
     if (format == TableFormat::csv) return {200, TableCsv(table), "text/csv; charset=utf-8; header=present", {}};

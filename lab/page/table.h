@@ -53,9 +53,14 @@ void AddHtmlTable(std::string& html, const Table& table);
 /// By RFC 4180: a line of column names, then the rows, with CR LF.
 std::string TableCsv(const Table& table);
 
-/// { "NAME": [ { "COLUMN": value } ] }, as a document and as its text.
-Json TableDocument(const Table& table);
+/// Its rows alone, which follow those of a table that was too long to be made at once.
+std::string CsvRows(const Table& table);
+
+/// { "NAME": [ { "COLUMN": value } ] }
 std::string TableJson(const Table& table);
+
+/// The object of one row.
+std::string RowJson(const Table& table, std::size_t row);
 
 enum class TableFormat { csv, json };
 

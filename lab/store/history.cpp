@@ -258,6 +258,13 @@ std::vector<HistoryRecord> ReadHistory(Store& store, const Range& range, const F
     return records;
 }
 
+NumberRange ReadNumbers(Store& store, const Range& range) {
+    Statement row(*store.database, "SELECT min(number), max(number) FROM record WHERE collected BETWEEN ? AND ?",
+                  range.from, range.to);
+    if (!row.Step() || row.isNull(0)) return {};
+    return {row.number(0), row.number(1)};
+}
+
 std::vector<HistoryRecord> ReadHistoryAfter(Store& store, const Filter& filter, std::int64_t after,
                                             std::int64_t limit) {
     Statement rows =
@@ -307,6 +314,10 @@ std::vector<Agent> AgentsWithoutUpload(Store& store, std::int64_t since) {
     std::erase_if(agents, [&](const Agent& agent) { return !keys.contains(agent.details.key); });
     std::reverse(agents.begin(), agents.end());
     return agents;
+}
+
+bool SourceExists(Store& store, const Filter& filter) {
+    return Ask(store, filter, Sql({"SELECT 1 FROM source s WHERE ", sourceFits, "LIMIT 1"})).Step();
 }
 
 FilterChoices ReadFilterChoices(Store& store, std::int64_t limit) {

@@ -121,6 +121,13 @@ struct HistoryPlace {
 std::vector<HistoryRecord> ReadHistory(Store& store, const Range& range, const Filter& filter,
                                        const HistoryPlace& after, std::int64_t limit);
 
+/// The numbers that the records of a range lie between; the first is the greater when nothing lies there.
+struct NumberRange {
+    std::int64_t first = 1;
+    std::int64_t last = 0;
+};
+NumberRange ReadNumbers(Store& store, const Range& range);
+
 /// Those with a number above `after`, in order; of any time.
 std::vector<HistoryRecord> ReadHistoryAfter(Store& store, const Filter& filter, std::int64_t after, std::int64_t limit);
 
@@ -140,6 +147,9 @@ std::optional<WholeRecord> ReadWholeRecord(Store& store, std::int64_t number);
 std::vector<Agent> AgentsWithoutUpload(Store& store, std::int64_t since);
 
 /// What there is to filter by: agents, devices and names that sent records, each list at most `limit` long.
+/// Whether the database has heard of a source that fits.
+bool SourceExists(Store& store, const Filter& filter);
+
 struct FilterChoices {
     std::vector<std::string> agents;
     std::vector<std::string> devices;
