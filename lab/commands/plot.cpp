@@ -24,6 +24,7 @@ namespace kv::lab {
 namespace {
 
 constexpr std::size_t plotsShown = 6;
+constexpr std::size_t plotsNamed = 12;
 constexpr std::int64_t seriesRead = 200;
 constexpr int plotRows = 8;
 constexpr int labelWidth = 12;
@@ -64,7 +65,7 @@ std::string TitleOf(const Plotted& plotted) {
     std::string title = SourceTitle({0, series.agent, series.device, series.name, 0, false});
     constexpr std::string_view dot = "·";
     while (!ShowsUtf8() && title.find(dot) != std::string::npos) title.replace(title.find(dot), dot.size(), "-");
-    return OneLine(title + " " + MemberTitle(series.member) + ": " + ValueText(plotted.curve.last(), plotted.unit));
+    return OneLine(title + " " + MemberTitle(series.member) + ": " + ValueText(plotted.curve.last, plotted.unit));
 }
 
 /// The line's number at a time between the ends of a piece; NaN elsewhere.
@@ -148,17 +149,19 @@ Plots ReadPlots(Store& store, const Given& given, const Range& range, int column
 void PrintPlots(const Plots& read, const Range& range, int columns) {
     const Blocks& blocks = ShowsUtf8() ? unicodeBlocks : asciiBlocks;
     std::size_t drawn = 0;
+    std::size_t named = 0;
     for (const Plotted& plotted : read.plots) {
         if (drawn < plotsShown && (Changes(plotted) || read.plots.size() == 1)) {
             PrintPlot(plotted, range, columns, blocks);
             ++drawn;
-        } else {
+        } else if (named < plotsNamed) {
             PrintLine((Changes(plotted) ? "not drawn: " : "unchanged: ") + TitleOf(plotted));
+            ++named;
         }
     }
-    if (drawn < read.plots.size() || read.more)
-        PrintLine(fmt::format("{}--member, --agent and --device choose what is drawn",
-                              read.more ? fmt::format("More than {} values came. ", seriesRead) : ""));
+    const std::size_t left = read.plots.size() - drawn - named;
+    if (left > 0 || read.more) PrintLine(fmt::format("{}{} more", read.more ? "more than " : "", left));
+    if (named > 0) PrintLine("--member, --agent and --device choose what is drawn");
 }
 
 Table NumbersOf(const std::vector<Plotted>& plots) {

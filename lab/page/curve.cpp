@@ -29,23 +29,7 @@ std::int64_t LongestPause(const std::vector<CurvePoint>& points) {
     return static_cast<std::int64_t>(static_cast<double>(*middle) * usualPauses);
 }
 
-void AddPoint(std::string& path, char command, double x, double y) {
-    fmt::format_to(std::back_inserter(path), "{}{:.1f} {:.1f}", command, x, y);
-}
-
-void AddPiece(std::string& path, const std::vector<CurvePoint>& piece, const PlotArea& area) {
-    for (std::size_t at = 0; at < piece.size(); ++at)
-        AddPoint(path, at == 0 ? 'M' : 'L', area.X(piece[at].time), area.Y(piece[at].number));
-    if (piece.size() == 1) path += "h3";
-}
-
-}  // namespace
-
-Curve ReadCurve(Store& store, std::int64_t series, const Range& range, std::int64_t part, const Meaning& meaning) {
-    const std::vector<Part> parts = meaning.kind == ValueKind::counter
-                                        ? ReadRates(store, series, range, part, meaning.counterBits)
-                                        : ReadParts(store, series, range, part);
-    const std::vector<CurvePoint> points = PointsOf(parts, meaning);
+Curve CurveThrough(const std::vector<CurvePoint>& points) {
     const std::int64_t longestPause = LongestPause(points);
     Curve curve;
     std::optional<std::int64_t> before;
@@ -61,6 +45,30 @@ Curve ReadCurve(Store& store, std::int64_t series, const Range& range, std::int6
         curve.pieces.back().push_back(point);
         before = point.time;
     }
+    return curve;
+}
+
+void AddPoint(std::string& path, char command, double x, double y) {
+    fmt::format_to(std::back_inserter(path), "{}{:.1f} {:.1f}", command, x, y);
+}
+
+void AddPiece(std::string& path, const std::vector<CurvePoint>& piece, const PlotArea& area) {
+    for (std::size_t at = 0; at < piece.size(); ++at)
+        AddPoint(path, at == 0 ? 'M' : 'L', area.X(piece[at].time), area.Y(piece[at].number));
+    if (piece.size() == 1) path += "h3";
+}
+
+}  // namespace
+
+Curve ReadCurve(Store& store, std::int64_t series, const Range& range, std::int64_t part, const Meaning& meaning) {
+    const bool isCounter = meaning.kind == ValueKind::counter;
+    Curve curve = CurveThrough(PointsOf(
+        isCounter ? ReadRates(store, series, range, part, meaning.counterBits) : ReadParts(store, series, range, part),
+        meaning));
+    if (curve.isEmpty()) return curve;
+    const double last =
+        isCounter ? ReadLatestRate(store, series, range, meaning.counterBits) : ReadLatestNumber(store, series, range);
+    curve.last = std::isnan(last) ? curve.pieces.back().back().number : last * meaning.factor;
     return curve;
 }
 

@@ -21,9 +21,9 @@ struct Curve {
     std::vector<std::vector<CurvePoint>> pieces;  // each without gaps, and not empty
     double low = 0;                               // of all points
     double high = 0;
+    double last = 0;  // the newest number by itself, not the average of its part
 
     bool isEmpty() const { return pieces.empty(); }
-    double last() const { return pieces.back().back().number; }
 };
 
 /// The line through a series within a range, one point for each part of it that has samples. A counter's points are

@@ -72,16 +72,14 @@ void AddValue(std::string& text, Taken& taken, std::string_view sample, const La
         do name = labels(fmt::format("{} #{}", parts.row, ++times));
         while (!taken.try_emplace(name, 1).second);
     }
-    AddLine(text, "{}{{{}}} {}", sample, name, value.number * meaning.factor);
+    AddLine(text, "{}{{{}}} {}", sample, name, MeantNumber(value.number, meaning));
 }
 
 void AddValues(std::string& text, const std::vector<LatestValue>& values, ValueKind kind, std::string_view sample) {
     Taken taken;
     for (const LatestValue& value : values) {
         const Meaning meaning = MeaningOf(value.series.member);
-        // A counter below 0 has passed 2^63 on its device; Prometheus would take it for an error.
-        if (meaning.kind == kind && (kind == ValueKind::gauge || value.number >= 0))
-            AddValue(text, taken, sample, value, meaning);
+        if (meaning.kind == kind) AddValue(text, taken, sample, value, meaning);
     }
 }
 

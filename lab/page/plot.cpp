@@ -173,7 +173,7 @@ void AddLegend(std::string& html, const Plot& plot) {
             "<tr><td><svg class=swatch viewBox='0 0 14 8' aria-hidden=true><path class='line line{}' d='M0 "
             "4H14'/></svg>"
             "<a href=\"{}\">{}</a></td><td class=num>{}</td><td class=num>{}</td><td class=num>{}</td></tr>\n",
-            at, Escape(PlotPath(plot.scope, series)), Escape(LineTitle(series)), ValueText(curve.last(), unit),
+            at, Escape(PlotPath(plot.scope, series)), Escape(LineTitle(series)), ValueText(curve.last, unit),
             ValueText(curve.low, unit), ValueText(curve.high, unit));
     }
     html += "</table></div>\n";

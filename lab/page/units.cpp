@@ -243,6 +243,11 @@ std::string MemberTitle(std::string_view member) {
     return std::string(known->name) + (isPlain ? "" : " " + std::string(instance));
 }
 
+double MeantNumber(double number, const Meaning& meaning) {
+    if (meaning.kind == ValueKind::gauge) return number * meaning.factor;
+    return number < 0 ? number + std::ldexp(1.0, 64) : number;
+}
+
 std::string ValueText(double number, Unit unit) {
     switch (unit) {
         case Unit::bytes:

@@ -34,6 +34,9 @@ struct MemberParts {
 };
 MemberParts SplitMember(std::string_view member);
 
+/// A stored number in its unit; a counter's as it is. Agents write a 64-bit counter from 2^63 on with a sign.
+double MeantNumber(double number, const Meaning& meaning);
+
 /// A number in its unit for people: "75.7 GB", "12 %", "3 h 20 min", "112,159".
 std::string ValueText(double number, Unit unit);
 

@@ -52,7 +52,7 @@ void AddCard(std::string& html, const Card& card, const Scope& scope) {
     Add(html,
         "<a class='card value' href=\"{}\" title=\"{} {}\"><div class=member>{}</div><div class=name>{}</div>"
         "<div class=now>{}</div>",
-        Escape(PlotPath(scope, series)), source, member, member, source, ValueText(card.curve.last(), unit));
+        Escape(PlotPath(scope, series)), source, member, member, source, ValueText(card.curve.last, unit));
     AddSparkline(html, card, scope);
     Add(html, "<div class=name>min {} · max {}</div></a>\n", ValueText(card.curve.low, unit),
         ValueText(card.curve.high, unit));
@@ -124,9 +124,8 @@ Table ValueTable(Store& store, const Scope& scope) {
         const Meaning meaning = MeaningOf(value.series.member);
         const bool isCounter = meaning.kind == ValueKind::counter;
         table.rows.push_back({value.series.agent, value.series.device, value.series.name, value.series.member,
-                              isCounter ? value.number : value.number * meaning.factor,
-                              std::string(isCounter ? "" : UnitName(meaning.unit)), isCounter,
-                              Moment{value.collected}});
+                              MeantNumber(value.number, meaning), std::string(isCounter ? "" : UnitName(meaning.unit)),
+                              isCounter, Moment{value.collected}});
     }
     return table;
 }

@@ -52,22 +52,45 @@ std::vector<Part> ReadParts(Store& store, std::int64_t series, const Range& rang
 }
 
 std::vector<Part> ReadRates(Store& store, std::int64_t series, const Range& range, std::int64_t part, int bits) {
-    // Samples of one time count as growth, too, but not as a rate.
-    Statement rows(*store.database,
-                   "WITH step AS (SELECT time, number, lag(number) OVER steps AS before, "
-                   "time - lag(time) OVER steps AS pause FROM sample WHERE series = ?1 AND time BETWEEN ?2 AND ?3 "
-                   "WINDOW steps AS (ORDER BY time, record)), "
-                   "grown AS (SELECT time, pause, CASE WHEN number >= before THEN number - before "
-                   "WHEN before > ?5 AND number < ?5 THEN number - before + ?6 END AS growth FROM step) "
-                   "SELECT min(time), max(time), min(growth * 1000 / nullif(pause, 0)), "
-                   "max(growth * 1000 / nullif(pause, 0)), sum(growth) * 1000 / "
-                   "nullif(sum(CASE WHEN growth IS NOT NULL THEN pause END), 0) "
-                   "FROM grown GROUP BY time / ?4 ORDER BY 1",
-                   series, range.from, range.to, part, std::ldexp(1.0, bits - 1), std::ldexp(1.0, bits));
+    // Agents write a 64-bit counter from 2^63 on with a sign. Samples of one time count as growth, but not as a rate.
+    Statement rows(
+        *store.database,
+        "WITH count AS (SELECT time, record, CASE WHEN number < 0 THEN number + ?7 ELSE number END AS number "
+        "FROM sample WHERE series = ?1 AND time BETWEEN ?2 AND ?3), "
+        "step AS (SELECT time, number, lag(number) OVER steps AS before, "
+        "time - lag(time) OVER steps AS pause FROM count WINDOW steps AS (ORDER BY time, record)), "
+        "grown AS (SELECT time, pause, CASE WHEN number >= before THEN number - before "
+        "WHEN before > ?5 AND number < ?5 THEN number - before + ?6 END AS growth FROM step) "
+        "SELECT min(time), max(time), min(growth * 1000 / nullif(pause, 0)), "
+        "max(growth * 1000 / nullif(pause, 0)), sum(growth) * 1000 / "
+        "nullif(sum(CASE WHEN growth IS NOT NULL THEN pause END), 0) "
+        "FROM grown GROUP BY time / ?4 ORDER BY 1",
+        series, range.from, range.to, part, std::ldexp(1.0, bits - 1), std::ldexp(1.0, bits), std::ldexp(1.0, 64));
     const auto known = [&rows](int column) { return rows.isNull(column) ? std::nan("") : rows.real(column); };
     std::vector<Part> parts;
     while (rows.Step()) parts.push_back({rows.number(0), rows.number(1), known(2), known(3), known(4)});
     return parts;
+}
+
+double ReadLatestNumber(Store& store, std::int64_t series, const Range& range) {
+    Statement row(*store.database,
+                  "SELECT number FROM sample WHERE series = ? AND time BETWEEN ? AND ? ORDER BY time DESC, record DESC "
+                  "LIMIT 1",
+                  series, range.from, range.to);
+    return row.Step() ? row.real(0) : std::nan("");
+}
+
+double ReadLatestRate(Store& store, std::int64_t series, const Range& range, int bits) {
+    std::int64_t before = 0;
+    {
+        Statement row(*store.database,
+                      "SELECT max(time) FROM sample WHERE series = ?1 AND time >= ?2 AND time < "
+                      "(SELECT max(time) FROM sample WHERE series = ?1 AND time <= ?3)",
+                      series, range.from, range.to);
+        if (!row.Step() || row.isNull(0)) return std::nan("");
+        before = row.number(0);
+    }
+    return ReadRates(store, series, {before, range.to}, INT64_MAX, bits).at(0).average;
 }
 
 std::vector<LatestValue> ReadLatestValues(Store& store, const Filter& filter, std::int64_t since, std::int64_t limit) {

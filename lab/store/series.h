@@ -45,6 +45,11 @@ std::vector<Part> ReadParts(Store& store, std::int64_t series, const Range& rang
 /// has NaN as all three.
 std::vector<Part> ReadRates(Store& store, std::int64_t series, const Range& range, std::int64_t part, int bits);
 
+/// The newest number within a range, and how much a counter grew in one second from the sample before it; NaN when that
+/// is not known.
+double ReadLatestNumber(Store& store, std::int64_t series, const Range& range);
+double ReadLatestRate(Store& store, std::int64_t series, const Range& range, int bits);
+
 /// A value of its source's newest record.
 struct LatestValue {
     SeriesName series;

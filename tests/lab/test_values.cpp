@@ -70,6 +70,7 @@ struct LineCase {
     int partSeconds;
     std::vector<std::pair<int, double>> samples;
     const char* pieces;
+    const char* last = nullptr;  // where it is not that of the last piece
 };
 
 std::string Pieces(const Curve& curve) {
@@ -87,13 +88,24 @@ TEST_P(Values, BecomeRatesOfCountersAndLinesWithGaps) {
     constexpr double wrap = 4294967296;
     const LineCase cases[] = {
         {"a gauge", "Load", 10, {{0, 3}, {60, 4}, {120, 5}}, "3 4 5 "},
+        {"its last number", "Load", 100, {{0, 3}, {60, 4}, {70, 8}}, "5 ", "8"},
         {"a pause", "Load", 10, {{0, 3}, {60, 4}, {120, 5}, {600, 6}, {660, 7}}, "3 4 5 | 6 7 "},
         {"a counter", octets, 10, {{0, 100}, {10, 200}, {20, 400}}, "10 20 "},
         {"one that wraps", octets, 10, {{0, wrap - 100}, {10, 100}, {20, 300}}, "20 20 "},
         {"one that begins again", octets, 10, {{0, 0}, {10, 50}, {20, 5}, {30, 305}, {40, 605}}, "5 | 30 30 "},
         {"its only number", octets, 10, {{0, 5000}}, ""},
-        {"wraps in one part", octets, 1000, {{0, 0}, {10, wrap - 500}, {20, 500}, {30, wrap - 500}}, "286331136 "},
+        {"wraps in one part",
+         octets,
+         1000,
+         {{0, 0}, {10, wrap - 500}, {20, 500}, {30, wrap - 500}},
+         "286331136 ",
+         "429496630"},
         {"a restart in a part", octets, 100, {{0, 0}, {50, 500}, {90, 10}, {190, 1010}, {200, 1110}}, "10 10 10 "},
+        {"a sign from 2^63 on",
+         ".1.3.6.1.2.1.31.1.1.1.6.2",
+         10,
+         {{0, 9223372036854767616}, {10, -9223372036854767616}},
+         "1638 "},
         {"two at one time", octets, 100, {{0, 0}, {10, 100}, {10, 200}, {20, 400}}, "20 "},
     };
     for (const LineCase& test : cases) {
@@ -112,6 +124,7 @@ TEST_P(Values, BecomeRatesOfCountersAndLinesWithGaps) {
         const Curve curve =
             ReadCurve(store, list.series[0].number, range, test.partSeconds * 1000, MeaningOf(test.member));
         EXPECT_EQ(Pieces(curve), test.pieces) << test.title;
+        if (test.last) EXPECT_EQ(fmt::format("{:.0f}", curve.last), test.last) << test.title;
     }
 }
 
