@@ -124,7 +124,9 @@ TEST_P(Values, BecomeRatesOfCountersAndLinesWithGaps) {
         const Curve curve =
             ReadCurve(store, list.series[0].number, range, test.partSeconds * 1000, MeaningOf(test.member));
         EXPECT_EQ(Pieces(curve), test.pieces) << test.title;
-        if (test.last) EXPECT_EQ(fmt::format("{:.0f}", curve.last), test.last) << test.title;
+        if (test.last) {
+            EXPECT_EQ(fmt::format("{:.0f}", curve.last), test.last) << test.title;
+        }
     }
 }
 
