@@ -11,9 +11,9 @@ namespace kv::lab {
 
 Store OpenExisting(const Given& given) {
     const std::string place = NeededValue(given, "--database");
-    if (!IsPostgresPlace(place) && !std::filesystem::exists(place))
+    if (place.find("://") == std::string::npos && !std::filesystem::exists(place))
         throw NotFoundError("there is no database " + place);
-    return OpenStore(place);
+    return OpenStore(place, Opening::existing);
 }
 
 std::string ReadPlanFile(const std::string& path) {

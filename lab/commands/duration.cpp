@@ -30,14 +30,19 @@ std::int64_t MillisecondsOf(char unit) {
 
 }  // namespace
 
-std::int64_t DurationOf(const std::string& option, const std::string& text) {
+std::int64_t MillisecondsIn(const std::string& text) {
     std::int64_t number = 0;
     const char* const end = text.data() + text.size();
     const auto [unit, error] = std::from_chars(text.data(), end, number);
     const bool isWhole = error == std::errc() && unit + 1 == end && number > 0 && number <= longest;
-    const std::int64_t milliseconds = isWhole ? number * MillisecondsOf(*unit) : 0;
+    return isWhole ? number * MillisecondsOf(*unit) : 0;
+}
+
+std::int64_t DurationOf(const std::string& option, const std::string& text) {
+    const std::int64_t milliseconds = MillisecondsIn(text);
     if (milliseconds == 0)
-        throw UsageError(option + " takes a number with s, m, h, d or w behind it, such as 7d, not '" + text + "'");
+        throw UsageError(option + " takes a number to 100000 with s, m, h, d or w behind it, such as 7d, not '" + text +
+                         "'");
     return milliseconds;
 }
 

@@ -4,8 +4,11 @@
 #include <algorithm>
 #include <atomic>
 #include <csignal>
+#include <filesystem>
 #include <fmt/format.h>
+#include <fstream>
 #include <iterator>
+#include <regex>
 #include <unistd.h>
 
 #include "commandline/run.h"
@@ -22,9 +25,30 @@ std::atomic<bool> wasInterrupted{false};
 std::string ServerAddress(const Given& given) {
     std::string server = NeededValue(given, "--server");
     while (server.ends_with('/')) server.pop_back();
-    if (!server.starts_with("http://") && !server.starts_with("https://"))
+    static const std::regex form(R"(https?://([^/:?#@\[\]]+|\[[0-9A-Fa-f:.]+\])(:([0-9]{1,5}))?)");
+    std::smatch found;
+    if (!std::regex_match(server, found, form) || (found[3].matched && std::stoi(found[3]) > 65535))
         throw UsageError("--server takes http://HOST:PORT or https://HOST:PORT, not '" + server + "'");
     return server;
+}
+
+/// Keys stand in addresses and names of files.
+std::string KeyPrefix(const Given& given, const std::string& usual) {
+    const std::string prefix = Value(given, "--prefix", usual);
+    if (!std::regex_match(prefix, std::regex("[A-Za-z0-9._-]{1,60}")))
+        throw UsageError("--prefix takes up to 60 letters, digits, '.', '_' and '-', not '" + prefix + "'");
+    return prefix;
+}
+
+std::string CaFile(const Given& given, const std::string& server) {
+    const std::string file = Value(given, "--ca");
+    if (file.empty()) return file;
+    if (!server.starts_with("https://")) throw UsageError("--ca is for a server with https://");
+    if (!std::filesystem::exists(file)) throw NotFoundError("there is no file " + file);
+    std::ifstream stream(file, std::ios::binary);
+    for (std::string line; std::getline(stream, line);)
+        if (line.starts_with("-----BEGIN")) return file;
+    throw std::runtime_error(file + " holds no certificate in PEM");
 }
 
 double Rate(const Given& given) {
@@ -39,8 +63,8 @@ double Rate(const Given& given) {
 FleetOptions OptionsOf(const Given& given) {
     FleetOptions options;
     options.server = ServerAddress(given);
-    options.caFile = Value(given, "--ca");
-    options.prefix = Value(given, "--prefix", options.prefix);
+    options.caFile = CaFile(given, options.server);
+    options.prefix = KeyPrefix(given, options.prefix);
     options.agents = static_cast<int>(Number(given, "--agents", options.agents, {1, 100'000}));
     options.rate = Rate(given);
     options.seconds = static_cast<int>(Number(given, "--seconds", options.seconds, {1, 864'000}));

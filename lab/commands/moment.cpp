@@ -28,10 +28,9 @@ std::int64_t MomentOf(const std::string& option, const std::string& text, std::i
     if (const std::size_t mark = plain.find('T'); mark != std::string::npos) plain[mark] = ' ';
     for (const char* const form : {"%Y-%m-%d", "%Y-%m-%d %H:%M", "%Y-%m-%d %H:%M:%S"})
         if (const std::optional<std::int64_t> seconds = SecondsOf(plain, form)) return *seconds * 1000;
-    if (text.find('-') != std::string::npos)
-        throw UsageError(option + " takes a time in UTC such as '2026-11-27 12:00', or 15m, 2h, 7d ago, not '" + text +
-                         "'");
-    return now - DurationOf(option, text);
+    if (const std::int64_t ago = MillisecondsIn(text); ago > 0) return now - ago;
+    throw UsageError(option + " takes a time in UTC such as '2026-11-27 12:00', or 15m, 2h, 7d ago, not '" + text +
+                     "'");
 }
 
 }  // namespace kv::lab

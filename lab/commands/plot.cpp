@@ -27,6 +27,7 @@ constexpr std::size_t plotsShown = 6;
 constexpr std::size_t plotsNamed = 12;
 constexpr std::int64_t seriesRead = 200;
 constexpr int plotRows = 8;
+constexpr int partsOfTable = 240;
 constexpr int labelWidth = 12;
 constexpr int usualColumns = 80;
 constexpr int maxColumns = 400;
@@ -131,9 +132,20 @@ struct Plots {
     bool more = false;  // others were not read
 };
 
-Plots ReadPlots(Store& store, const Given& given, const Range& range, int columns) {
-    const std::int64_t part = std::max<std::int64_t>((range.to - range.from) / columns, 1);
-    SeriesList list = ReadSeries(store, range, FilterOf(given), MemberOf(given), seriesRead);
+/// Those of the values that are asked for, by their names in the database or by those of the page.
+SeriesList WantedSeries(Store& store, const Given& given, const Range& range) {
+    const std::optional<std::string> member = MemberOf(given);
+    SeriesList list = ReadSeries(store, range, FilterOf(given), member, seriesRead);
+    if (!member || !list.series.empty()) return list;
+    constexpr std::int64_t seriesSearched = 5000;
+    list = ReadSeries(store, range, FilterOf(given), std::nullopt, seriesSearched);
+    std::erase_if(list.series, [&](const SeriesName& series) { return MemberTitle(series.member) != *member; });
+    return list;
+}
+
+Plots ReadPlots(Store& store, const Given& given, const Range& range, int parts) {
+    const std::int64_t part = std::max<std::int64_t>((range.to - range.from) / parts, 1);
+    SeriesList list = WantedSeries(store, given, range);
     Plots read{{}, list.more};
     for (SeriesName& series : list.series) {
         const Meaning meaning = MeaningOf(series.member);
@@ -172,13 +184,15 @@ Table NumbersOf(const std::vector<Plotted>& plots) {
                  {"member", "Value"},
                  {"time", "Time"},
                  {"number", "Number"},
+                 {"low", "Smallest"},
+                 {"high", "Largest"},
                  {"unit", "Unit"}},
                 {}};
     for (const auto& [series, unit, curve] : plots)
         for (const std::vector<CurvePoint>& piece : curve.pieces)
             for (const CurvePoint& point : piece)
                 table.rows.push_back({series.agent, series.device, series.name, series.member, Moment{point.time},
-                                      point.number, std::string(UnitName(unit))});
+                                      point.number, point.low, point.high, std::string(UnitName(unit))});
     return table;
 }
 
@@ -188,14 +202,15 @@ void RunPlot(const Given& given) {
     const std::int64_t now = Now();
     const Range range{MomentOf("--since", Value(given, "--since", "1h"), now), now};
     if (range.from >= range.to) throw UsageError("--since takes a time that has been");
+    const bool isDrawn = !Has(given, "--csv") && !Has(given, "--json");
     const int columns = Columns() - labelWidth;
-    const Plots read = ReadPlots(store, given, range, columns);
+    const Plots read = ReadPlots(store, given, range, isDrawn ? columns : partsOfTable);
     if (read.plots.empty()) {
         RequireKnown(store, FilterOf(given));
         RequireKnownMember(store, FilterOf(given), MemberOf(given));
         throw NotFoundError("no number of this record was collected since " + UtcText(range.from));
     }
-    if (!Has(given, "--csv") && !Has(given, "--json")) return PrintPlots(read, range, columns);
+    if (isDrawn) return PrintPlots(read, range, columns);
     const Table table = NumbersOf(read.plots);
     const std::string text = Has(given, "--csv") ? TableCsv(table) : TableJson(table) + "\n";
     std::fputs(text.c_str(), stdout);
@@ -211,8 +226,8 @@ constexpr Option plotOptions[] = {
     {"--device", "KEY", "only those of this polled device or slave"},
     {"--since", "TIME",
      "from then on: 15m, 2h or 7d ago, or a time in UTC such as '2026-11-27 12:00'; the default is 1h"},
-    {"--csv", "", "the numbers as CSV"},
-    {"--json", "", "the numbers as JSON"},
+    {"--csv", "", "the numbers as CSV: for each 240th of the time their average, the smallest and the largest"},
+    {"--json", "", "the same as JSON"},
 };
 
 constexpr Command commands[] = {

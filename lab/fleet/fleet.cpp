@@ -78,7 +78,10 @@ void Fleet::Schedule() {
 
 void Fleet::Enrol(std::size_t index) {
     transfers_.Start({agents_[index].RegistrationPath(), nullptr}, [this, index](const TransferOutcome& outcome) {
-        report_.registrations.Take(outcome);
+        TransferOutcome judged = outcome;
+        if (judged.failure.empty() && judged.agentKey.empty())
+            judged.failure = "answered without a key, so it is not a central server";
+        report_.registrations.Take(judged);
         if (!outcome.agentKey.empty()) agents_[index].TakeKey(outcome.agentKey);
     });
 }

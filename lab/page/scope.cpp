@@ -74,7 +74,11 @@ const std::string& Sender(const Source& source) { return source.device.empty() ?
 
 std::string NameText(std::string_view name) { return std::string(name.empty() ? unnamedRecord : name); }
 
-std::string SourceTitle(const Source& source) { return Sender(source) + " · " + NameText(source.name); }
+std::string SourceTitle(const Source& source) {
+    const std::string title = Sender(source) + " · " + NameText(source.name);
+    // Several agents may poll devices of one name.
+    return source.device.empty() ? title : title + " (" + source.agent + ")";
+}
 
 std::string ClockText(std::int64_t time) { return fmt::format("{:%H:%M:%S}", Utc(time)); }
 

@@ -49,7 +49,7 @@ std::string SourceQuery(const Scope& scope, const Source& source);
 /// A text as a value in a query.
 std::string UrlText(std::string_view text);
 
-/// "LAB1 · Disks", with the device if the record is a device's: "PRINTER · Printer".
+/// "LAB1 · Disks", or of a device's record "PRINTER · Printer (LAB1)".
 std::string SourceTitle(const Source& source);
 
 /// The device of a source, or its agent for the agent's own records.

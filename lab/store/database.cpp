@@ -14,6 +14,9 @@ bool IsPostgresPlace(std::string_view place) {
 }
 
 std::unique_ptr<Database> OpenDatabase(const std::string& place, Opening opening) {
+    // What stands behind may hold a password.
+    if (const std::size_t end = place.find("://"); !IsPostgresPlace(place) && end != std::string::npos)
+        throw DatabaseError("a database is a file or postgresql://..., not " + place.substr(0, end) + "://...");
     return IsPostgresPlace(place) ? OpenPostgres(place) : OpenSqlite(place, opening);
 }
 

@@ -147,11 +147,13 @@ void CompleteOldRecords(Database& database) {
 
 }  // namespace
 
-void SettleSchema(Database& database) {
+void SettleSchema(Database& database, Opening opening) {
     const bool isSqlite = database.kind() == DatabaseKind::sqlite;
     const VersionMark& mark = isSqlite ? sqliteMark : postgresMark;
     const std::int64_t found = CheckedVersion(database, mark);
     if (found == newestVersion) return;
+    if (found == 0 && opening == Opening::existing)
+        throw DatabaseError(database.name() + " holds no tables of a lab yet; kvlab serve makes them");
     if (found == 0 && isSqlite) database.RunScript("PRAGMA auto_vacuum = INCREMENTAL; PRAGMA journal_mode = WAL");
     // Another process may have been faster.
     Transaction transaction(database);

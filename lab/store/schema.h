@@ -5,8 +5,8 @@
 
 namespace kv::lab {
 
-/// Makes the tables in a new database, and upgrades those of an older version. DatabaseError when the database is
-/// something else, or of a newer version.
-void SettleSchema(Database& database);
+/// Upgrades the tables of an older version, and makes them in an empty database when opening allows it. DatabaseError
+/// when the database is something else, or of a newer version.
+void SettleSchema(Database& database, Opening opening);
 
 }  // namespace kv::lab

@@ -25,13 +25,18 @@ int WaitWhileBusy(void*, int times) {
     return 1;
 }
 
+const char* Advice(int result) {
+    // Who only reads writes, too: the index of the file's log, beside it.
+    if (result == SQLITE_READONLY) return "; to read it, too, the file and its folder must be writable";
+    if (result == SQLITE_FULL) return "; deleting records needs a little room, too";
+    return "";
+}
+
 void Check(sqlite3* connection, int result) {
     if (result == SQLITE_OK) return;
     const char* const file = sqlite3_db_filename(connection, "main");
-    // Who only reads writes, too: the index of the file's log, beside it.
-    const bool isReadOnly = (result & 0xFF) == SQLITE_READONLY;
     throw DatabaseError(std::string("database ") + (file ? file : "") + ": " + sqlite3_errmsg(connection) +
-                        (isReadOnly ? "; to read it, too, the file and its folder must be writable" : ""));
+                        Advice(result & 0xFF));
 }
 
 /// SQLite stores a text or blob without an address as NULL.

@@ -100,9 +100,9 @@ std::int64_t Now() {
     return duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count();
 }
 
-Store OpenStore(const std::string& place) {
-    Store store{OpenDatabase(place, Opening::orCreate)};
-    SettleSchema(*store.database);
+Store OpenStore(const std::string& place, Opening opening) {
+    Store store{OpenDatabase(place, opening)};
+    SettleSchema(*store.database, opening);
     return store;
 }
 

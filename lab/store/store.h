@@ -32,9 +32,9 @@ struct Store {
     std::unique_ptr<Database> database;
 };
 
-/// Opens a lab's database, a file or postgresql://... Makes it if it is missing, and upgrades it if it is of an older
-/// version. DatabaseError also when it is something else.
-Store OpenStore(const std::string& place);
+/// Opens a lab's database, a file or postgresql://... Makes its file and its tables if they are missing, where opening
+/// allows that, and upgrades it if it is of an older version. DatabaseError also when it is something else.
+Store OpenStore(const std::string& place, Opening opening = Opening::orCreate);
 
 /// The longest name of a zip, in bytes. Of a refusal's texts and of a request's id only as much is kept.
 inline constexpr std::size_t maxIndexedBytes = 800;

@@ -30,6 +30,7 @@ class Kvlab : public LabOnEach {
 TEST_P(Kvlab, EndsWithAnExitCodeAndALine) {
     const std::string on = " --database '" + database + "'";
     Write(folder / "plan", "{ \"WorkFlows\": 1 }");
+    Write(folder / "empty", "");
     Write(folder / "broken", "{ \"WorkFlows\": [\n]]");
     const std::tuple<std::string, int, const char*> rows[] = {
         {"--help", 0, ""},
@@ -54,6 +55,11 @@ TEST_P(Kvlab, EndsWithAnExitCodeAndALine) {
         {"records --since 1h --until 2h" + on, 2, "before that of --until"},
         {"prune --keep 7" + on, 2, "such as 7d"},
         {"plot Disks" + on, 3, "no record has the name 'Disks'"},
+        {"agents --database mysql://u:hidden@h/d", 1, "a file or postgresql://..., not mysql://...\n"},
+        {"agents --database '" + std::string(folder / "empty") + "'", 1, "holds no tables of a lab yet; kvlab serve"},
+        {"fleet --server http://127.0.0.1:99999", 2, "takes http://HOST:PORT"},
+        {"fleet --server https://h --ca " + std::string(folder / "plan"), 1, "plan holds no certificate in PEM"},
+        {"fleet --server https://h --prefix 'a b'", 2, "'a b'"},
         {"fleet --server localhost", 2, "takes http://HOST:PORT"},
         {"fleet --server http://127.0.0.1:1 --agents 1 --rate 0", 2, "--rate takes"},
     };
@@ -86,7 +92,22 @@ TEST_P(Kvlab, PrintsAndDrawsRecords) {
     EXPECT_THAT(plot, testing::StartsWith("A1 · Disks / FreeSpace: 3.0 kB\n    3.0 kB |"));
     EXPECT_THAT(plot, testing::HasSubstr("\n    1.0 kB |"));
     EXPECT_THAT(RunOnDatabase("plot Disks --since 30m --csv").output,
-                MatchesRegex(".*Z,2000,bytes\r\n.*Z,3000,bytes\r"));
+                MatchesRegex(".*Z,2000,2000,2000,bytes\r\n.*Z,3000,3000,3000,bytes\r"));
+    const std::tuple<const char*, int, const char*> rows[] = {
+        {"records --name Dsks", 3, "no record has the name 'Dsks'; did you mean 'Disks'?"},
+        {"records --device S9", 3, "no record is of the device 'S9'; those that came: ''"},
+        {"records --agent B1", 3, "an agent with the key 'B1'; those that came: A1"},
+        {"records --until 2020-01-01 --csv", 0, "no record fits"},
+        {"plot Disks --member '/ FreSpace'", 3, "no number '/ FreSpace'; did you mean '/ FreeSpace'?"},
+        {"plot Disks --since 2s", 3, "no number of this record was collected since"},
+        {"records --json >/dev/full", 1, "cannot be written"},
+    };
+    for (const auto& [words, exitCode, text] : rows) {
+        EXPECT_EQ(RunOnDatabase(words).exitCode, exitCode) << words;
+        EXPECT_THAT(Errors(), testing::HasSubstr(text)) << words;
+    }
+    EXPECT_THAT(RunOnDatabase("records --json --failed").output,
+                MatchesRegex(".*\"name\":\"Disks\".*\"values\":\\{.*\"3000\"\\}]\\}\\}]\\}"));
 }
 
 class Requests : public Kvlab {
