@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "lab/page/views.h"
+#include "lab/server/failure_log.h"
 #include "lab/server/http_daemon.h"
 #include "lab/server/servlets.h"
 #include "lab/server/tls_files.h"
@@ -69,12 +70,6 @@ Answer AnswerView(Store& store, ServletRequest call) {
     return ServeView(store, call).value_or(TextAnswer(404, "there is nothing here"));
 }
 
-/// Tells of a failure and gives its answer.
-HttpOutcome Failed(const std::string& reason) {
-    std::fprintf(stderr, "kvlab: %s\n", reason.c_str());
-    return {HttpOutcome::Kind::answer, TextAnswer(500, reason), {}};
-}
-
 ServerOptions Checked(const ServerOptions& options) {
     if (options.certificate.empty()) return options;
     if (const std::string fault = TlsFault(options.certificate, options.privateKey); !fault.empty())
@@ -90,6 +85,7 @@ struct LabServer::Running {
     MemoryBudget unpacked{unpackedBudget};
     ServletSettings settings;
     WorkerStores stores;
+    FailureLog failures;
     HttpDaemon http;  // the last, so that it ends before what it uses
 
     explicit Running(const ServerOptions& given)
@@ -102,6 +98,7 @@ struct LabServer::Running {
 
     void PruneEachHour();
     HttpOutcome Handle(std::size_t worker, const HttpRequest& request) noexcept;
+    HttpOutcome Failed(const std::exception& error);
     HttpOutcome HandleServlet(Store& store, const std::string& servlet, const HttpRequest& request) const;
 };
 
@@ -124,10 +121,15 @@ HttpOutcome LabServer::Running::Handle(std::size_t worker, const HttpRequest& re
         return {HttpOutcome::Kind::answer, AnswerView(store, request.call), {}};
     } catch (const DatabaseError& error) {
         stores.NoteFailure();
-        return Failed(error.what());
+        return Failed(error);
     } catch (const std::exception& error) {
-        return Failed(error.what());
+        return Failed(error);
     }
+}
+
+HttpOutcome LabServer::Running::Failed(const std::exception& error) {
+    failures.Tell(error.what());
+    return {HttpOutcome::Kind::answer, TextAnswer(500, error.what()), {}};
 }
 
 /// Serves a request to a servlet, with the fault that is set for it.

@@ -141,7 +141,8 @@ struct OldDelivery {
 };
 
 void CompleteRecord(Database& database, const OldDelivery& delivery, std::int64_t number, const RecordText& text) {
-    const RecordFacts facts = FactsOf(delivery.agent, text, delivery.time);
+    RecordFacts facts = FactsOf(delivery.agent, text, delivery.time);
+    SettleFuture({&facts}, delivery.time);
     const StoredRecord stored{number, SourceNumber(database, delivery.agent, facts), facts.collected};
     Execute(database, "UPDATE record SET source = ?2, collected = ?3, failed = ?4, reason = ?5 WHERE number = ?1",
             number, stored.source, facts.collected, std::int64_t{facts.failed}, facts.reason);
@@ -182,6 +183,9 @@ Delivery StoreDelivery(Store& store, std::string_view agent, std::string_view zi
         digest.Add(record);
         factual.push_back({record, FactsOf(agent, record, now)});
     }
+    std::vector<RecordFacts*> facts;
+    for (FactualRecord& record : factual) facts.push_back(&record.facts);
+    SettleFuture(facts, now);
     Transaction transaction(database, Sharing::withOthers);
     LockAgent(database, agent);
     const std::int64_t delivery = QueryNumber(database,

@@ -17,6 +17,7 @@ namespace kv::lab {
 namespace {
 
 constexpr std::int64_t dayMilliseconds = 86'400'000;
+constexpr std::int64_t clockTolerance = 300'000;  // milliseconds that a clock may be ahead
 constexpr std::size_t largeBytes = 1 << 20;
 
 /// Members that say something of the record, not of what it is about.
@@ -240,6 +241,13 @@ RecordFacts FactsOf(std::string_view agent, const RecordText& record, std::int64
     facts.failed = !facts.reason.empty();
     facts.samples = SamplesOf(document);
     return facts;
+}
+
+void SettleFuture(const std::vector<RecordFacts*>& records, std::int64_t arrived) {
+    std::int64_t newest = 0;
+    for (const RecordFacts* facts : records) newest = std::max(newest, facts->collected);
+    for (RecordFacts* facts : records)
+        if (facts->collected > arrived + clockTolerance) facts->collected -= newest - arrived;
 }
 
 }  // namespace kv::lab

@@ -37,4 +37,9 @@ inline constexpr std::size_t maxReasonBytes = 1000;
 /// tell, or if it tells more than a day after the arrival.
 RecordFacts FactsOf(std::string_view agent, const RecordText& record, std::int64_t arrived);
 
+/// Of records that arrived together, moves back those that a clock ahead dates into the future, so that they do not
+/// stand before all that come later: the newest was collected when it arrived, the others as long before it as they
+/// say.
+void SettleFuture(const std::vector<RecordFacts*>& records, std::int64_t arrived);
+
 }  // namespace kv::lab

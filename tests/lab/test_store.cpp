@@ -72,6 +72,19 @@ TEST(RecordFacts, KeepThePropertyAndBothEndsOfALongRow) {
               "|T|0|good|START" + Repeat(46, "ü") + "…" + Repeat(47, "ü") + "END1 Free=1");
 }
 
+TEST(RecordFacts, OfAClockAheadMoveBackTogether) {
+    std::vector<RecordFacts> facts(5);
+    std::vector<RecordFacts*> all;
+    for (std::size_t at = 0; const std::int64_t seconds : {-60, 200, 71940, 72000, 71990}) {
+        facts[at].collected = arrived + seconds * 1000;
+        all.push_back(&facts[at++]);
+    }
+    SettleFuture(all, arrived);
+    std::vector<std::int64_t> settled;
+    for (const RecordFacts& each : facts) settled.push_back((each.collected - arrived) / 1000);
+    EXPECT_THAT(settled, ElementsAre(-60, 200, -60, 0, -10));
+}
+
 class LabStore : public LabOnEach {
   protected:
     void Deliver(const std::string& zip, std::int64_t collected, const std::string& members) {
