@@ -46,7 +46,7 @@ std::vector<std::string> ColumnsOf(json_object* rows, std::size_t count) {
 void AddRowTable(std::string& html, json_object* rows, std::size_t count, int depth,
                  const std::vector<std::string>& columns) {
     html += "<table><tr>";
-    for (const std::string& column : columns) Add(html, "<th>{}</th>", Escape(column));
+    for (const std::string& column : columns) Add(html, "<th scope=col>{}</th>", Escape(column));
     html += "</tr>\n";
     for (std::size_t at = 0; at < count; ++at) {
         html += "<tr>";
@@ -92,7 +92,7 @@ void AddArray(std::string& html, json_object* array, int depth) {
 void AddObject(std::string& html, json_object* object, int depth) {
     html += "<table>";
     json_object_object_foreach(object, name, value) {
-        Add(html, "<tr><th>{}</th><td>", Escape(name));
+        Add(html, "<tr><th scope=row>{}</th><td>", Escape(name));
         AddValue(html, value, depth + 1);
         html += "</td></tr>\n";
     }
@@ -179,7 +179,7 @@ void AddSnmpRows(std::string& html, std::string_view requestedOid, json_object* 
 
 void AddSnmpValues(std::string& html, json_object* document, const SnmpResult& snmp) {
     if (snmp.oids.empty()) return;
-    html += "<table><tr><th>OID</th><th>Value</th></tr>\n";
+    html += "<table><tr><th scope=col>OID</th><th scope=col>Value</th></tr>\n";
     for (const std::string_view oid : snmp.oids) {
         json_object* values = nullptr;
         if (json_object_object_get_ex(document, std::string(oid).c_str(), &values) &&
@@ -194,7 +194,7 @@ void AddSnmpValues(std::string& html, json_object* document, const SnmpResult& s
 
 /// Adds the only object of a query's result, with a line for each property.
 void AddWmiObject(std::string& html, json_object* object) {
-    html += "<table><tr><th>Property</th><th>Value</th></tr>\n";
+    html += "<table><tr><th scope=col>Property</th><th scope=col>Value</th></tr>\n";
     for (const lh_entry* entry = json_object_get_object(object)->tail; entry != nullptr; entry = entry->prev) {
         Add(html, "<tr><td>{}</td><td>", Escape(static_cast<const char*>(lh_entry_k(entry))));
         AddValue(html, static_cast<json_object*>(const_cast<void*>(lh_entry_v(entry))), 2);

@@ -65,7 +65,7 @@ th:last-child, td:last-child { padding-right: 0; }
 tr:last-child > th, tr:last-child > td { border-bottom: 0; }
 th.num, td.num { text-align: right; padding-left: .9rem; font-variant-numeric: tabular-nums; }
 td table { margin: 0; }
-.fields { gap: .1rem 1.2rem; font-size: .9rem; } .fields span span { color: var(--soft); }
+.fields { gap: .1rem 1.2rem; font-size: .9rem; } .fields > span > span:first-child { color: var(--soft); }
 pre { margin: .4rem 0 0; white-space: pre-wrap; overflow-wrap: anywhere; max-height: 30rem; overflow-y: auto;
   font: 13px/1.4 ui-monospace, "DejaVu Sans Mono", monospace; }
 summary { cursor: pointer; color: var(--soft); width: fit-content; max-width: 100%; overflow-wrap: anywhere; }

@@ -192,6 +192,27 @@ TEST_F(PageInBrowser, IsForAllReadersOfAnEmptyLab) {
     Inspect({"/", "/records", "/requests", "/agents", "/plot?member=x"});
 }
 
+TEST_F(PageInBrowser, ColoursWhatFailed) {
+    FillTheLab();
+    const std::tuple<const char*, const char*, const char*> rows[] = {
+        {"/record/13", "div.fields > span", "ERRORMSG www"},
+    };
+    for (const bool dark : {false, true}) {
+        browser.SetView(1280, 900, dark);
+        for (const auto& [path, selector, start] : rows) {
+            browser.Open(Address(path));
+            EXPECT_EQ(browser.RunText(fmt::sprintf(R"(
+                const e = [...document.querySelectorAll('%s')].find(e => e.textContent.startsWith('%s'));
+                const color = getComputedStyle(e.lastElementChild ?? e).color;
+                document.body.style.color = 'var(--bad)';
+                return color === getComputedStyle(document.body).color ? '' : color)",
+                                                   selector, start)),
+                      "")
+                << path << (dark ? " in the dark" : "");
+        }
+    }
+}
+
 TEST_F(PageInBrowser, ShowsWhatTheDatabaseHolds) {
     FillTheLab();
     browser.Open(Address("/"));
