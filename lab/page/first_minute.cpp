@@ -1,5 +1,7 @@
 #include "lab/page/first_minute.h"
 
+#include <algorithm>
+
 #include "lab/page/frame.h"
 #include "lab/page/record_html.h"
 #include "lab/page/table.h"
@@ -15,36 +17,31 @@ constexpr std::int64_t firstUpload = 60'000;
 /// A pass of uploads and what it waits for takes some seconds.
 constexpr std::int64_t passTime = 15'000;
 
-void AddConnecting(std::string& html) {
-    html +=
-        "<section class=card><h2>No agent has called yet</h2>\n<p>On the agent's machine, lead it to this server, "
-        "and start it. HOST and PORT are those of this page's address:</p>\n"
-        "<pre>kvagentctl setup --server http://HOST:PORT --customer Demo --office Demo\nkvagentctl check</pre>\n"
-        "<p>It registers as soon as it starts, and uploads for the first time a minute later. This page shows "
-        "it by itself.</p></section>\n";
+constexpr std::size_t agentsShown = 4;
+
+void AddAgentLine(std::string& html, const Agent& agent) {
+    const AgentDetails& details = agent.details;
+    Add(html, "<b>{}</b> <span class=soft>{}{}{}, {}</span>, registered at {}. ", Escape(details.key),
+        Escape(details.id), details.id.empty() ? "" : ", ", Escape(details.osName), Escape(details.address),
+        UtcText(agent.firstContact));
 }
 
-void AddWait(std::string& html, const Agent& agent, std::int64_t now) {
+void AddDue(std::string& html, const Agent& agent, std::int64_t now) {
+    html += "<p>";
+    AddAgentLine(html, agent);
     const std::int64_t left = agent.firstContact + firstUpload - now;
-    if (left > 0) {
-        Add(html, "Its first upload comes in <b data-left={0}>{0} s</b>.", (left + 999) / 1000);
-    } else if (left > -passTime) {
-        html += "<b>Its first upload is on its way.</b>";
-    } else {
-        Add(html,
-            "<span class=bad>Its first upload has not come.</span> It was expected at {}; an agent that cannot "
-            "upload, or has collected nothing, says so in its log.",
-            UtcText(agent.firstContact + firstUpload));
-    }
+    if (left > 0)
+        Add(html, "Its first upload comes in <b data-left={0}>{0} s</b>.</p>\n", (left + 999) / 1000);
+    else
+        html += "<b>Its first upload is on its way.</b></p>\n";
 }
 
-void AddPlan(std::string& html, const std::vector<PlannedRecord>& plan) {
-    if (plan.empty()) {
-        html +=
-            "<p class=soft>What it collects is not known here: it has a plan of its own. <code>kvlab serve --plan "
-            "FILE</code> shows it, and <code>kvlab conf push</code> gives it another.</p>\n";
-        return;
-    }
+void AddMoreAgents(std::string& html, std::size_t count) {
+    if (count > agentsShown)
+        Add(html, "<p class=soft>… {} more: <a href=/agents>all agents</a></p>\n", count - agentsShown);
+}
+
+void AddPlan(std::string& html, const std::string& title, const std::vector<PlannedRecord>& plan, bool unfolded) {
     Table table{"plan",
                 {{"workflow", "Workflow"},
                  {"interval", "Minutes"},
@@ -54,34 +51,75 @@ void AddPlan(std::string& html, const std::vector<PlannedRecord>& plan) {
                 {}};
     for (const PlannedRecord& record : plan)
         table.rows.push_back({record.workflow, record.interval, record.name, record.device, record.source});
-    html += "<h3>What it collects, by its plan</h3>\n";
+    Add(html, "<details id=\"plan-{0}\"{1}><summary>{0}</summary>", Escape(title), unfolded ? " open" : "");
     AddHtmlTable(html, table);
+    html += "</details>\n";
 }
 
-void AddAwaited(std::string& html, const AwaitedAgent& awaited, std::int64_t now) {
-    const AgentDetails& details = awaited.agent.details;
-    Add(html, "<section class=card><h2>{} has registered</h2>\n<p>{}{}{}, {}, at {}. ", Escape(details.key),
-        Escape(details.id), details.id.empty() ? "" : ", ", Escape(details.osName), Escape(details.address),
-        UtcText(awaited.agent.firstContact));
-    AddWait(html, awaited.agent, now);
-    html += "</p>\n";
-    AddPlan(html, awaited.plan);
-    html += "</section>\n";
+/// What agents collect: by a plan that was pushed to one of them, or by the one that they start with.
+void AddPlans(std::string& html, Store& store, const std::vector<Agent>& agents, bool unfolded) {
+    const std::string start = KnownPlan(store, "").value_or("");
+    bool anyStart = false;
+    bool anyUnknown = false;
+    for (std::size_t at = 0; at < std::min(agents.size(), agentsShown); ++at) {
+        const std::string& key = agents[at].details.key;
+        const std::string plan = KnownPlan(store, key).value_or("");
+        anyUnknown = anyUnknown || plan.empty();
+        anyStart = anyStart || (!plan.empty() && plan == start);
+        if (!plan.empty() && plan != start)
+            AddPlan(html, "What " + key + " collects by the plan that was pushed to it", RecordsOfPlan(plan), unfolded);
+    }
+    if (anyStart) AddPlan(html, "What an agent with the server's first plan collects", RecordsOfPlan(start), unfolded);
+    if (anyUnknown)
+        html +=
+            "<p class=soft>What is collected is not known here: agents have plans of their own. <code>kvlab serve "
+            "--plan FILE</code> shows one, and <code>kvlab conf push</code> gives them another.</p>\n";
 }
 
 }  // namespace
 
-void AddFirstMinute(std::string& html, const std::vector<AwaitedAgent>& awaited, std::int64_t awaitedMore,
-                    bool anyAgent, std::int64_t now) {
-    if (!anyAgent) return AddConnecting(html);
-    if (awaited.empty()) return;
+AwaitedAgents SplitAwaited(const std::vector<Agent>& agents, std::int64_t now) {
+    AwaitedAgents split;
+    for (const Agent& agent : agents)
+        (now - agent.firstContact < firstUpload + passTime ? split.due : split.late).push_back(agent);
+    return split;
+}
+
+void AddConnecting(std::string& html) {
+    html +=
+        "<section class=card><h2>No agent has called yet</h2>\n<p>On the agent's machine, lead it to this server, "
+        "and start it:</p>\n"
+        "<pre>kvagentctl setup --server http://<span data-host>HOST:PORT</span> --customer Demo --office "
+        "Demo\nkvagentctl check</pre>\n"
+        "<p>It registers as soon as it starts, and uploads for the first time a minute later. This page shows "
+        "it by itself.</p></section>\n";
+}
+
+void AddDueAgents(std::string& html, Store& store, const std::vector<Agent>& due, bool unfolded, std::int64_t now) {
+    if (due.empty()) return;
     html += "<section id=awaited>";
     AddSectionTitle(html, "Waiting for the first upload", "", "");
-    for (const AwaitedAgent& agent : awaited) AddAwaited(html, agent, now);
-    if (awaitedMore > 0)
-        Add(html, "<p class=soft>… {} more agents have sent no records yet: <a href=/agents>all agents</a></p>\n",
-            awaitedMore);
-    html += "</section>\n";
+    html += "<div class=card>\n";
+    for (std::size_t at = 0; at < std::min(due.size(), agentsShown); ++at) AddDue(html, due[at], now);
+    AddMoreAgents(html, due.size());
+    AddPlans(html, store, due, unfolded);
+    html += "</div></section>\n";
+}
+
+void AddLateAgents(std::string& html, const std::vector<Agent>& late) {
+    if (late.empty()) return;
+    html += "<section id=late>";
+    AddSectionTitle(html, "Registered, but nothing has come", "", "");
+    html += "<div class=card>\n";
+    for (std::size_t at = 0; at < std::min(late.size(), agentsShown); ++at) {
+        html += "<p>";
+        AddAgentLine(html, late[at]);
+        Add(html, "<span class=bad>Its first upload has not come.</span> It was expected at {}.</p>\n",
+            UtcText(late[at].firstContact + firstUpload));
+    }
+    AddMoreAgents(html, late.size());
+    html += "<p class=soft>An agent that cannot upload, or has collected nothing, says so in its log.</p>\n";
+    html += "</div></section>\n";
 }
 
 }  // namespace kv::lab

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <fmt/format.h>
+#include <set>
 
 #include "foundation/version.h"
 #include "lab/page/record_html.h"
@@ -83,14 +84,14 @@ std::string FilterWords(const Filter& filter) {
 }  // namespace
 
 std::string TitleOf(Store& store) {
-    std::string title;
+    std::set<std::string> customers;
+    std::string first;
     for (const Agent& agent : Agents(store)) {
         const std::string& customer = agent.details.customer;
-        if (customer.empty() || customer == title) continue;
-        if (!title.empty()) return "Lab server";
-        title = customer;
+        if (!customer.empty() && customers.insert(customer).second && first.empty()) first = customer;
     }
-    return title.empty() ? "Lab server" : title;
+    if (customers.empty()) return "Lab server";
+    return customers.size() == 1 ? first : fmt::format("{} and {} more", first, customers.size() - 1);
 }
 
 std::string Document(const Frame& frame) {

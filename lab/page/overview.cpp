@@ -1,7 +1,5 @@
 #include "lab/page/overview.h"
 
-#include <algorithm>
-
 #include "lab/page/agents.h"
 #include "lab/page/first_minute.h"
 #include "lab/page/frame.h"
@@ -21,21 +19,18 @@ constexpr std::size_t problemsRead = 300;
 constexpr std::int64_t recordsOnPage = 10;
 constexpr std::int64_t refusalsRead = 50;
 constexpr std::int64_t choicesRead = 200;
-constexpr std::size_t awaitedOnPage = 4;
 constexpr std::int64_t awaitedTime = 3'600'000;  // an agent that uploads nothing for longer is a silent one
 
 /// The longer the range, the less a few seconds change.
 int RefreshSeconds(const Scope& scope) { return scope.choice == &rangeChoices[0] ? 3 : 20; }
 
-void AddAwaitedAgents(std::string& html, Store& store, bool anyAgent, std::int64_t now) {
-    std::vector<Agent> agents = AgentsWithoutUpload(store, now - awaitedTime);
-    const std::size_t shown = std::min(agents.size(), awaitedOnPage);
-    std::vector<AwaitedAgent> awaited;
-    for (std::size_t at = 0; at < shown; ++at) {
-        const std::optional<std::string> plan = KnownPlan(store, agents[at].details.key);
-        awaited.push_back({agents[at], plan ? RecordsOfPlan(*plan) : std::vector<PlannedRecord>()});
-    }
-    AddFirstMinute(html, awaited, static_cast<std::int64_t>(agents.size() - shown), anyAgent, now);
+/// Agents that have uploaded nothing yet, as far as the filter is about agents.
+AwaitedAgents ReadAwaited(Store& store, const Scope& scope) {
+    const Filter& filter = scope.filter;
+    if (filter.device || filter.name || filter.failedOnly) return {};
+    std::vector<Agent> agents = AgentsWithoutUpload(store, scope.range.to - awaitedTime);
+    std::erase_if(agents, [&](const Agent& agent) { return filter.agent && *filter.agent != agent.details.key; });
+    return SplitAwaited(agents, scope.range.to);
 }
 
 /// The refused uploads of the range, of the agent if there is one in the filter.
@@ -66,10 +61,13 @@ std::string Fragment(Store& store, const Scope& scope) {
     AddFaults(html, Faults(store));
     AddTiles(html, summary, scope);
     AddNothingCame(html, summary, scope);
-    AddAwaitedAgents(html, store, summary.agents > 0, now);
+    if (summary.agents == 0) AddConnecting(html);
+    const AwaitedAgents awaited = ReadAwaited(store, scope);
+    AddDueAgents(html, store, awaited.due, summary.lastCollected == 0, now);
     if (summary.agents == 0 && summary.lastCollected == 0) return html;
     AddProblems(html, ReadProblems(store, scope.Records(), scope.filter, problemsRead), RefusalsOf(store, scope),
                 summary, scope);
+    AddLateAgents(html, awaited.late);
     AddTracks(html, ReadTracks(store, scope.Records(), scope.filter, scope.choice->tick, maxTracks), scope);
     AddValueCards(html, store, scope);
     AddLatest(html, store, scope);

@@ -103,7 +103,7 @@ void AddNothingFailed(std::string& html, const Summary& summary, const Scope& sc
     if (summary.records == 0) {
         html += "<p class=soft>No record has come in this time.</p>\n";
     } else {
-        Add(html, "<p class=good>Nothing has failed since {}.</p>\n", MinuteText(scope.range.from, scope.range.to));
+        Add(html, "<p class=good>Nothing has failed in the last {}.</p>\n", scope.choice->title);
     }
 }
 

@@ -121,6 +121,7 @@ const live = document.getElementById('live'), clock = document.getElementById('c
 const trouble = document.getElementById('trouble');
 let shown = '', waits = [];
 function startCountdowns() {
+  for (const place of live.querySelectorAll('[data-host]')) place.textContent = location.host;
   waits = [...live.querySelectorAll('[data-left]')].map(e => [e, performance.now() + e.dataset.left * 1000]);
 }
 function countDown() {
@@ -154,9 +155,10 @@ async function refresh() {
     const answer = await fetch(live.dataset.from + location.search);
     if (!answer.ok) throw new Error('HTTP ' + answer.status);
     const text = await answer.text();
-    if (text !== shown && getSelection().isCollapsed) { show(text); shown = text; }
-    clock.textContent = 'as of ' + new Date().toISOString().slice(11, 19) + ' UTC';
-    tell('');
+    const held = text !== shown && !getSelection().isCollapsed;
+    if (text !== shown && !held) { show(text); shown = text; }
+    if (!held) clock.textContent = 'as of ' + new Date(answer.headers.get('Date')).toISOString().slice(11, 19) + ' UTC';
+    tell(held ? 'waits while text is selected' : '');
   } catch (error) {
     tell('the server does not answer (' + error.message + ')');
   }

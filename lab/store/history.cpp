@@ -3,8 +3,9 @@
 #include <algorithm>
 #include <map>
 #include <set>
-#include <tuple>
 #include <utility>
+
+#include "lab/store/natural_order.h"
 
 namespace kv::lab {
 
@@ -123,6 +124,15 @@ std::vector<Source> SourcesOf(Store& store, const Range& range, const Filter& fi
     return sources;
 }
 
+/// Those with failed records in a range.
+std::set<std::int64_t> FailedSources(Store& store, const Range& range) {
+    std::set<std::int64_t> sources;
+    Statement rows(*store.database, "SELECT DISTINCT source FROM record WHERE failed = 1 AND collected BETWEEN ? AND ?",
+                   range.from, range.to);
+    while (rows.Step()) sources.insert(rows.number(0));
+    return sources;
+}
+
 /// Gives the ticks of one source, and their sums.
 Track ReadTrack(Store& store, const Source& source, const Range& range, std::int64_t part) {
     Track track{source, {}, 0, 0};
@@ -231,13 +241,17 @@ Problems ReadProblems(Store& store, const Range& range, const Filter& filter, st
 
 Tracks ReadTracks(Store& store, const Range& range, const Filter& filter, std::int64_t part, std::int64_t limit) {
     std::vector<Source> sources = SourcesOf(store, range, filter, INT64_MAX);
+    const std::set<std::int64_t> failed = FailedSources(store, range);
+    std::sort(sources.begin(), sources.end(), [&failed](const Source& a, const Source& b) {
+        if (a.failed != b.failed) return a.failed;
+        if (failed.contains(a.number) != failed.contains(b.number)) return failed.contains(a.number);
+        if (a.agent != b.agent) return NaturallyLess(a.agent, b.agent);
+        return a.device != b.device ? NaturallyLess(a.device, b.device) : NaturallyLess(a.name, b.name);
+    });
     Tracks tracks;
     const auto shown = std::min<std::int64_t>(limit, static_cast<std::int64_t>(sources.size()));
     tracks.more = static_cast<std::int64_t>(sources.size()) - shown;
     sources.resize(static_cast<std::size_t>(shown));
-    std::sort(sources.begin(), sources.end(), [](const Source& a, const Source& b) {
-        return std::tie(a.agent, a.device, a.name) < std::tie(b.agent, b.device, b.name);
-    });
     for (const Source& source : sources) tracks.tracks.push_back(ReadTrack(store, source, range, part));
     return tracks;
 }

@@ -91,12 +91,12 @@ struct Track {
 };
 
 struct Tracks {
-    std::vector<Track> tracks;  // by agent, device and name
+    std::vector<Track> tracks;  // those that fail now, those that failed in the range, the others; each by its names
     std::int64_t more = 0;      // sources that are left out
 };
 
 /// The sources that sent records within the range, with failedOnly those that sent failed ones, at most `limit` of
-/// them: then those that fail now come first. A tick is part milliseconds long and begins at a multiple of it.
+/// them. A tick is part milliseconds long and begins at a multiple of it.
 Tracks ReadTracks(Store& store, const Range& range, const Filter& filter, std::int64_t part, std::int64_t limit);
 
 struct HistoryRecord {

@@ -100,9 +100,12 @@ TEST_P(Views, DrawEachRecordOverTime) {
     Send("LAB1", 12, {badDisks});
     Send("LAB1", 3, {goodDisks});
     EXPECT_THAT(Rows("/tracks.json", {"device", "name", "records", "failed", "record", "reason"}),
-                ElementsAre("|Disks|2|1|3|FAILED:<script>alert(1)</script>", "|Disks|1|0|4|",
-                            HasSubstr("S1|Printer|1|1|2|no answer")));
-    EXPECT_THAT(Rows("/tracks.json?failed=1", {"device"}), ElementsAre("", "", "S1"));
+                ElementsAre(HasSubstr("S1|Printer|1|1|2|no answer"), "|Disks|2|1|3|FAILED:<script>alert(1)</script>",
+                            "|Disks|1|0|4|"));
+    EXPECT_THAT(Rows("/tracks.json?failed=1", {"device"}), ElementsAre("S1", "", ""));
+    Send("LAB10", 3, {goodDisks});
+    Send("LAB2", 3, {goodDisks});
+    EXPECT_THAT(Rows("/tracks.json?range=15m", {"agent"}), ElementsAre("LAB1", "LAB1", "LAB1", "LAB2", "LAB10"));
     EXPECT_THAT(Get("/"), AllOf(HasSubstr("/record/3 "), HasSubstr("tick some"), HasSubstr("tick failed")));
 }
 
@@ -110,11 +113,12 @@ TEST_P(Views, ShowTheFirstMinute) {
     EXPECT_THAT(Get("/"), HasSubstr("No agent has called yet"));
     client.Get("/servlets/RegisterAgent?agentKey=LAB1&agentID=a%3Cb");
     EXPECT_THAT(Get("/"),
-                AllOf(HasSubstr("a&lt;b"), HasSubstr("data-left="), HasSubstr("What it collects is not known")));
+                AllOf(HasSubstr("a&lt;b"), HasSubstr("data-left="), HasSubstr("What is collected is not known")));
     AddConfiguration(store, "LAB1", "LAB1",
                      MakeArchive({{"queryconf.txt", R"({ "WorkFlows": [ { "wfname": "W", "recordSetName": [
                          { "Name": "Planned", "script": "x.sh" } ] } ] })"}}));
     EXPECT_THAT(Get("/fragment"), HasSubstr("Planned"));
+    EXPECT_THAT(Get("/fragment?agent=LAB2"), Not(HasSubstr("data-left=")));
     Send("LAB1", 0, {goodDisks});
     EXPECT_THAT(Get("/fragment"), AllOf(Not(HasSubstr("data-left=")), HasSubstr("Nothing has failed")));
 }
