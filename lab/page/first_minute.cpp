@@ -69,7 +69,8 @@ void AddPlans(std::string& html, Store& store, const std::vector<Agent>& agents,
         if (!plan.empty() && plan != start)
             AddPlan(html, "What " + key + " collects by the plan that was pushed to it", RecordsOfPlan(plan), unfolded);
     }
-    if (anyStart) AddPlan(html, "What an agent with the server's first plan collects", RecordsOfPlan(start), unfolded);
+    if (anyStart)
+        AddPlan(html, "What an agent collects that starts with this server's plan", RecordsOfPlan(start), unfolded);
     if (anyUnknown)
         html +=
             "<p class=soft>What is collected is not known here: agents have plans of their own. <code>kvlab serve "

@@ -57,7 +57,6 @@ void AddTiles(std::string& html, const Summary& summary, const Scope& scope) {
     Scope failed = scope;
     failed.filter.failedOnly = true;
     const bool hasRecords = summary.records > 0;
-    const std::string range(scope.choice->title);
     html += "<div class=tiles>\n";
     AddTile(html, {"/agents", ContactLook(summary), fmt::format("{} / {}", summary.agentsInContact, summary.agents),
                    Counted(summary.agents, "agent in contact", "agents in contact")});
@@ -68,7 +67,7 @@ void AddTiles(std::string& html, const Summary& summary, const Scope& scope) {
     AddTile(html, {hasRecords ? "#problems" : "", summary.failingSources > 0 ? "bad" : (hasRecords ? "good" : ""),
                    Grouped(summary.failingSources), "failing now"});
     AddTile(html, {"/records" + ScopeQuery(failed), summary.failedRecords > 0 ? "bad" : (hasRecords ? "good" : ""),
-                   ShareText(summary.failedRecords, summary.records), "failed in the last " + range});
+                   ShareText(summary.failedRecords, summary.records), "of the records failed"});
     html += "</div>\n";
 }
 
