@@ -279,7 +279,7 @@ void AddValue(std::string& html, json_object* value, int depth) {
     }
 }
 
-void AddMembers(std::string& html, json_object* document) {
+void AddMembers(std::string& html, json_object* document, std::string_view requestId) {
     const bool isWmi = !TextMember(document, "ERRORMSG").empty();
     const SnmpResult snmp = SnmpResultOf(document);
     AddSnmpHeading(html, snmp);
@@ -291,7 +291,8 @@ void AddMembers(std::string& html, json_object* document) {
     AddSnmpValues(html, document, snmp);
     json_object_object_foreach(document, nestedName, nested) {
         if (!IsNested(nested) || snmp.isShownApart(nestedName)) continue;
-        Add(html, "<div class=rows><h3>{}</h3>", Escape(nestedName));
+        Add(html, "<div class=rows><h3>{}{}</h3>", Escape(nestedName),
+            nestedName == requestId ? " <span class=soft>(the request's id)</span>" : "");
         if (isWmi && IsRowList(nested)) {
             AddWmiRows(html, nested);
         } else {

@@ -31,7 +31,8 @@ void AddValue(std::string& html, json_object* value, int depth);
 
 /// Appends the members of a record or an answer, which is an object: plain ones on a line, each other one below its
 /// name. For a polled SNMP device there is a heading with its policy, or else its OIDs, and its status, and one table
-/// with its values.
-void AddMembers(std::string& html, json_object* document);
+/// with its values. requestId is that of the request that the document answers, which may name a member; empty for a
+/// record.
+void AddMembers(std::string& html, json_object* document, std::string_view requestId);
 
 }  // namespace kv::lab

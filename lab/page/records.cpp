@@ -67,7 +67,7 @@ void AddContent(std::string& html, const RecordText& content) {
     if (parsed.valid) {
         html += "<div class='card scroll' tabindex=0 role=region aria-label=Values>";
         if (json_object_is_type(parsed.value.get(), json_type_object))
-            AddMembers(html, parsed.value.get());
+            AddMembers(html, parsed.value.get(), "");
         else
             AddValue(html, parsed.value.get(), 0);
         html += "</div>\n";

@@ -5,6 +5,7 @@
 
 #include "lab/page/frame.h"
 #include "lab/page/record_html.h"
+#include "lab/store/record_facts.h"
 #include "lab/store/record_text.h"
 
 namespace kv::lab {
@@ -44,6 +45,33 @@ std::string MemberText(const Request& request, const char* name) {
     return json_object_get_string(value);
 }
 
+/// Why an answer tells of a failure; empty when it does not.
+std::string AnswerFailure(const Report& answer) {
+    const ParsedJson parsed = answer.text.size() <= maxAnswerBytes ? ParseJson(answer.text) : ParsedJson();
+    json_object* const document = parsed.value.get();
+    if (!json_object_is_type(document, json_type_object)) return "";
+    // Of a device that was looked for.
+    json_object* identity = nullptr;
+    const bool isIdentity =
+        json_object_object_get_ex(document, "SYSOID", &identity) && json_object_is_type(identity, json_type_string);
+    const std::string_view text = isIdentity ? json_object_get_string(identity) : "";
+    if (text == "NO RESPONSE") return "the device did not answer";
+    if (text == "INVALID IPADDRESS") return "the device's name cannot be resolved";
+    return FailureOf(document);
+}
+
+/// What became of a request: its state, and whether the answer is good news.
+Marked OutcomeOf(const AnsweredRequest& answered) {
+    const Request& request = answered.request;
+    const StateWords& words = WordsOf(request.state);
+    if (request.state != "answered") return {request.state, words.mark};
+    // Agents say "success" of plans in any case.
+    if (request.type == planType)
+        return answered.planFetched == 0 ? Marked{"answered: not taken", Mark::bad} : Marked{"answered", Mark::plain};
+    const bool failed = !answered.answers.empty() && !AnswerFailure(answered.answers.front()).empty();
+    return failed ? Marked{"answered: failed", Mark::bad} : Marked{"answered", Mark::good};
+}
+
 /// Nothing for 0 and for what is not known.
 Cell MomentOrNothing(std::optional<std::int64_t> time) { return time.value_or(0) > 0 ? Cell(Moment{*time}) : Cell(); }
 
@@ -67,7 +95,7 @@ Marked PlanWords(const AnsweredRequest& answered) {
     if (!answered.planFetched)
         return {"of another server; " + std::string(WordsOf(request.state).meaning), Mark::plain};
     if (*answered.planFetched > 0)
-        return isOver ? Marked{"the agent has it; if it was refused, its log says why", Mark::good}
+        return isOver ? Marked{"the agent has it; if it was refused, its log says why", Mark::plain}
                       : Marked{"downloaded, no word yet", Mark::plain};
     if (request.state == "waiting") return {"the agent does not know of it yet", Mark::plain};
     if (!isOver) return {"the agent knows of it and has not downloaded it yet", Mark::plain};
@@ -97,12 +125,13 @@ void AddMembersLine(std::string& html, const Request& request) {
 
 void AddAnswer(std::string& html, const Request& request, const Report& answer, std::size_t at) {
     Add(html,
-        "<details id=answer{}-{}{}><summary>answered at {}</summary><div class=scroll tabindex=0 role=region "
+        "<details id=answer{}-{}{}><summary>answered at {}{}</summary><div class=scroll tabindex=0 role=region "
         "aria-label=\"Answer to {}\">",
-        request.number, at, at == 0 ? " open" : "", UtcText(answer.time), Escape(request.id));
+        request.number, at, at == 0 ? " open" : "", UtcText(answer.time),
+        AnswerFailure(answer).empty() ? "" : ": <span class=bad>failed</span>", Escape(request.id));
     const ParsedJson parsed = answer.text.size() <= maxAnswerBytes ? ParseJson(answer.text) : ParsedJson();
     if (json_object_is_type(parsed.value.get(), json_type_object)) {
-        AddMembers(html, parsed.value.get());
+        AddMembers(html, parsed.value.get(), request.id);
     } else {
         Add(html, "<pre>{}</pre>", Escape(StartOfText(answer.text, maxAnswerBytes)));
     }
@@ -111,9 +140,9 @@ void AddAnswer(std::string& html, const Request& request, const Report& answer, 
 
 void AddRequest(std::string& html, const AnsweredRequest& answered) {
     const Request& request = answered.request;
-    const StateWords& words = WordsOf(request.state);
+    const Marked outcome = OutcomeOf(answered);
     Add(html, "<article class=card><b>{} · {}</b> <span class={}>{}</span> <span class=soft>request {}, {}",
-        Escape(request.agent), Escape(request.type), ClassOf(words.mark), Escape(request.state), Escape(request.id),
+        Escape(request.agent), Escape(request.type), ClassOf(outcome.mark), Escape(outcome.text), Escape(request.id),
         UtcText(request.added));
     if (request.listings > 0)
         Add(html, ", fetched {}{}", request.listings == 1 ? "at " : fmt::format("{} times, last at ", request.listings),
@@ -123,6 +152,16 @@ void AddRequest(std::string& html, const AnsweredRequest& answered) {
     AddMembersLine(html, request);
     for (std::size_t at = 0; at < answered.answers.size(); ++at) AddAnswer(html, request, answered.answers[at], at);
     html += "</article>\n";
+}
+
+/// The notices for people. That of a plan names the last request of the list that the agent has passed, which is
+/// mostly another one.
+Table ShownNotices(const std::vector<Report>& notices) {
+    Table table = NoticeTable(notices);
+    for (std::size_t at = 0; at < notices.size(); ++at)
+        if (notices[at].action == planType && !notices[at].requestId.empty())
+            table.rows[at][3] = "passed up to request " + notices[at].requestId;
+    return table;
 }
 
 }  // namespace
@@ -139,7 +178,7 @@ void AddRequests(std::string& html, const RequestsView& view) {
     if (view.notices.empty()) return;
     AddSectionTitle(html, "What agents said about requests", "/notices", "");
     html += "<div class=card>";
-    AddHtmlTable(html, NoticeTable(view.notices));
+    AddHtmlTable(html, ShownNotices(view.notices));
     html += "</div>\n";
 }
 
@@ -150,8 +189,8 @@ void AddRequestCounts(std::string& html, const std::vector<std::pair<std::string
     html += "<div class=card><a href=/requests>";
     bool isFirst = true;
     for (const auto& [state, count] : states) {
-        Add(html, "{}<span class={}>{} {}</span>", isFirst ? "" : ", ", ClassOf(WordsOf(state).mark), count,
-            Escape(state));
+        Add(html, "{}<span{}>{} {}</span>", isFirst ? "" : ", ", WordsOf(state).mark == Mark::bad ? " class=bad" : "",
+            count, Escape(state));
         isFirst = false;
     }
     html += "</a></div></section>\n";
@@ -170,13 +209,15 @@ Table RequestTable(const std::vector<AnsweredRequest>& requests) {
                  {"times_fetched", "Times fetched"},
                  {"ended", "Ended"},
                  {"answers", "Answers"},
-                 {"latest_answer", "Latest answer"}},
+                 {"latest_answer", "Latest answer"},
+                 {"failure", "Failure"}},
                 {}};
     for (const auto& [request, answers, planFetched] : requests)
         table.rows.push_back({request.number, request.agent, request.id, request.type, request.members, request.state,
                               Moment{request.added}, MomentOrNothing(request.listed), request.listings,
                               MomentOrNothing(request.ended), static_cast<std::int64_t>(answers.size()),
-                              answers.empty() ? Cell() : Cell(answers.front().text)});
+                              answers.empty() ? Cell() : Cell(answers.front().text),
+                              answers.empty() ? Cell() : Cell(AnswerFailure(answers.front()))});
     return table;
 }
 

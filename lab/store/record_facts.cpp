@@ -119,18 +119,6 @@ std::string NameOf(json_object* document) {
     return "";
 }
 
-/// Why a record failed; empty when it did not.
-std::string ReasonOf(json_object* document) {
-    if (IsSnmp(document)) {
-        const std::string_view status = *TextMember(document, "STATUS");
-        if (status == "SUCCESS") return "";
-        if (status == "FAILURE") return "no answer from the device, or not to all that was asked";
-        return "the device's status is " + std::string(status);
-    }
-    const std::string_view error = TextMember(document, "ERRORMSG").value_or("NO ERROR");
-    return error == "NO ERROR" ? "" : error.empty() ? "an empty ERRORMSG" : std::string(error);
-}
-
 /// Collects values under members that are not taken yet.
 class Samples {
   public:
@@ -237,10 +225,21 @@ RecordFacts FactsOf(std::string_view agent, const RecordText& record, std::int64
     if (key != agent) facts.device = Cut(OneLine(key), maxNameBytes);
     facts.name = OneLine(NameOf(document));
     facts.collected = CollectedAt(document, arrived);
-    facts.reason = Cut(OneLine(ReasonOf(document)), maxReasonBytes);
+    facts.reason = Cut(OneLine(FailureOf(document)), maxReasonBytes);
     facts.failed = !facts.reason.empty();
     facts.samples = SamplesOf(document);
     return facts;
+}
+
+std::string FailureOf(json_object* document) {
+    if (IsSnmp(document)) {
+        const std::string_view status = *TextMember(document, "STATUS");
+        if (status == "SUCCESS") return "";
+        if (status == "FAILURE") return "no answer from the device, or not to all that was asked";
+        return "the device's status is " + std::string(status);
+    }
+    const std::string_view error = TextMember(document, "ERRORMSG").value_or("NO ERROR");
+    return error == "NO ERROR" ? "" : error.empty() ? "an empty ERRORMSG" : std::string(error);
 }
 
 void SettleFuture(const std::vector<RecordFacts*>& records, std::int64_t arrived) {

@@ -10,6 +10,8 @@
 
 #include "lab/store/store.h"
 
+struct json_object;
+
 namespace kv::lab {
 
 /// A numeric value of a record. Its member is the property of the record's row, "FreeSpace", behind what tells the row
@@ -36,6 +38,9 @@ inline constexpr std::size_t maxReasonBytes = 1000;
 /// The facts of a record that an agent sent, and that arrived at this time: what it was collected at, if it does not
 /// tell, or if it tells more than a day after the arrival.
 RecordFacts FactsOf(std::string_view agent, const RecordText& record, std::int64_t arrived);
+
+/// Why a record or an answer to a request, which is an object, says that it failed; empty when it does not.
+std::string FailureOf(json_object* document);
 
 /// Of records that arrived together, moves back those that a clock ahead dates into the future, so that they do not
 /// stand before all that come later: the newest was collected when it arrived, the others as long before it as they

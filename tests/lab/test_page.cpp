@@ -127,7 +127,7 @@ class PageInBrowser : public Lab {
     void FillTheQueue() {
         const std::string id = AddRequest(store, {"LAB1", "TEST_MONITOR", "", {{"MONITOR_NAME", "Disks"}}});
         client.Get("/servlets/DataAgentHandlerServlet?agentKey=LAB1");
-        for (const char* const answer : {R"({ "ERRORMSG": "", "Disks": [ { "Name": "/" }, { "Name": "b" } ] })", "odd"})
+        for (const char* const answer : {"odd", R"({ "ERRORMSG": "", "Disks": [ { "Name": "/" }, { "Name": "b" } ] })"})
             client.Post("/servlets/DataAgentHandlerServlet?agentKey=LAB1&action=TEST_MONITOR&requestId=" + id,
                         WideBytes(answer), "text/plain");
         AddRequest(store, {"LAB1", "TEST_MONITOR", "", {{"WMIQUERY", std::string(200, 'q')}}});
@@ -196,6 +196,8 @@ TEST_F(PageInBrowser, ColoursWhatFailed) {
     FillTheLab();
     const std::tuple<const char*, const char*, const char*> rows[] = {
         {"/record/13", "div.fields > span", "ERRORMSG www"},
+        {"/requests", "article > .bad", "answered: failed"},
+        {"/requests", "summary", "answered at"},
     };
     for (const bool dark : {false, true}) {
         browser.SetView(1280, 900, dark);

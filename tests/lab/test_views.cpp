@@ -1,5 +1,6 @@
 // What the views say of records that agents uploaded, over real HTTP.
 #include <fmt/format.h>
+#include <fmt/printf.h>
 #include <gmock/gmock.h>
 
 #include "lab/store/record_text.h"
@@ -131,7 +132,20 @@ TEST_P(Views, ShowRequestsWithTheirAnswers) {
                 WideBytes(R"({ "Disks": [ { "DeviceID": "/home" } ] })"), "text/plain");
     EXPECT_THAT(Rows("/requests.json?agent=LAB1", {"state", "answers"}), ElementsAre("answered|1"));
     EXPECT_THAT(Rows("/requests.json?agent=LAB2", {"state"}), IsEmpty());
-    EXPECT_THAT(Get("/requests"), AllOf(HasSubstr("&lt;Disks&gt;"), HasSubstr("/home")));
+    EXPECT_THAT(Get("/requests"),
+                AllOf(HasSubstr("&lt;Disks&gt;"), HasSubstr("/home"), Not(HasSubstr("failed</span>"))));
+    const std::tuple<const char*, const char*> failures[] = {
+        {R"({ "ERRORMSG": "Unable to stop Service", "%s": [ { "Cron": "FAILED" } ] })", "Unable to stop Service"},
+        {R"({ "OID": ".1.3", "STATUS": "FAILURE", "%s": 1 })",
+         "no answer from the device, or not to all that was asked"},
+        {R"({ "SYSOID": "NO RESPONSE", "%s": 1 })", "the device did not answer"},
+    };
+    for (const auto& [answer, failure] : failures) {
+        client.Post("/servlets/DataAgentHandlerServlet?agentKey=LAB1&action=TEST_MONITOR&requestId=" + id,
+                    WideBytes(fmt::sprintf(answer, id)), "text/plain");
+        EXPECT_THAT(Rows("/requests.json", {"state", "failure"}), ElementsAre(std::string("answered|") + failure));
+    }
+    EXPECT_THAT(Get("/requests"), AllOf(HasSubstr("answered: failed"), HasSubstr("(the request's id)")));
 }
 
 TEST_P(Views, TellWhatBecameOfAPlan) {
@@ -145,9 +159,10 @@ TEST_P(Views, TellWhatBecameOfAPlan) {
         "/servlets/DataAgentHandlerServlet?agentKey=LAB1&action=DOWNLOAD_QUERYCONF&moId=LAB1&status=success&requestId=";
     client.Get(through + id);
     EXPECT_THAT(plan(), said("not taken")) << "the agent says success in any case";
+    EXPECT_THAT(Get("/requests"), AllOf(HasSubstr("answered: not taken"), HasSubstr("passed up to request " + id)));
     EXPECT_EQ(client.Get("/conf/1/queryconf.zip")->body, "a zip");
     EXPECT_THAT(plan(), said("the agent has it"));
-    EXPECT_THAT(Get("/requests"), HasSubstr("the agent has it"));
+    EXPECT_THAT(Get("/requests"), HasSubstr("class='long'>the agent has it"));
 }
 
 TEST_P(Views, RefuseWhatTheyCannotRead) {
