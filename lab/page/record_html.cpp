@@ -1,8 +1,12 @@
 #include "lab/page/record_html.h"
 
 #include <algorithm>
+#include <unordered_map>
 #include <vector>
 
+#include "lab/page/units.h"
+#include "lab/page/value_cards.h"
+#include "lab/store/record_facts.h"
 #include "lab/store/record_text.h"
 
 namespace kv::lab {
@@ -43,25 +47,6 @@ std::vector<std::string> ColumnsOf(json_object* rows, std::size_t count) {
     return columns;
 }
 
-void AddRowTable(std::string& html, json_object* rows, std::size_t count, int depth,
-                 const std::vector<std::string>& columns) {
-    html += "<table><tr>";
-    for (const std::string& column : columns) Add(html, "<th scope=col>{}</th>", Escape(column));
-    html += "</tr>\n";
-    for (std::size_t at = 0; at < count; ++at) {
-        html += "<tr>";
-        for (const std::string& column : columns) {
-            json_object* value = nullptr;
-            html += "<td>";
-            if (json_object_object_get_ex(json_object_array_get_idx(rows, at), column.c_str(), &value))
-                AddValue(html, value, depth + 1);
-            html += "</td>";
-        }
-        html += "</tr>\n";
-    }
-    html += "</table>";
-}
-
 /// Whether all elements of an array that are shown are objects.
 bool IsRowList(json_object* array) {
     if (!json_object_is_type(array, json_type_array)) return false;
@@ -72,54 +57,11 @@ bool IsRowList(json_object* array) {
     return allObjects;
 }
 
-void AddArray(std::string& html, json_object* array, int depth) {
-    const std::size_t size = json_object_array_length(array);
-    const std::size_t shown = std::min(size, maxRows);
-    if (IsRowList(array)) {
-        std::vector<std::string> columns = ColumnsOf(array, shown);
-        columns.resize(std::min(columns.size(), maxColumns));
-        AddRowTable(html, array, shown, depth, columns);
-    } else {
-        for (std::size_t at = 0; at < shown; ++at) {
-            if (at > 0) html += ", ";
-            AddValue(html, json_object_array_get_idx(array, at), depth + 1);
-        }
-    }
-    if (size == 0) html += "<span class=soft>no rows</span>";
-    if (shown < size) Add(html, "<div class=soft>… {} more</div>", size - shown);
-}
-
-void AddObject(std::string& html, json_object* object, int depth) {
-    html += "<table>";
-    json_object_object_foreach(object, name, value) {
-        Add(html, "<tr><th scope=row>{}</th><td>", Escape(name));
-        AddValue(html, value, depth + 1);
-        html += "</td></tr>\n";
-    }
-    html += "</table>";
-}
-
 /// A text of seconds since 1970 as a readable moment.
 std::string CollectTime(json_object* value) {
     const std::string text(StringOf(value));
     const bool isNumber = !text.empty() && text.size() <= 11 && text.find_first_not_of("0123456789") == text.npos;
     return isNumber ? UtcText(std::stoll(text) * 1000) : Escape(text);
-}
-
-/// Adds one plain member of a record to the line of such members.
-void AddField(std::string& html, std::string_view name, json_object* value) {
-    const bool isText = json_object_is_type(value, json_type_string);
-    Add(html, "<span><span>{}</span> ", Escape(name));
-    if (name == "DATACOLLECTTIME" && isText) {
-        html += CollectTime(value);
-    } else if (name == "ERRORMSG" && isText && StringOf(value) != "NO ERROR") {
-        html += "<span class=bad>";
-        AddText(html, StringOf(value));
-        html += "</span>";
-    } else {
-        AddValue(html, value, 1);
-    }
-    html += "</span>\n";
 }
 
 /// What a polled SNMP device's record or answer says about the whole poll.
@@ -163,58 +105,228 @@ void AddSnmpHeading(std::string& html, const SnmpResult& snmp) {
     Add(html, " <span class={}>{}</span></h3>\n", snmp.status == "SUCCESS" ? "good" : "bad", Escape(snmp.status));
 }
 
-/// Adds a row for each value, in the order in which the device gave them: an agent writes a table's last member first.
-void AddSnmpRows(std::string& html, std::string_view requestedOid, json_object* values) {
-    const auto size = static_cast<std::size_t>(json_object_object_length(values));
-    if (size == 0) Add(html, "<tr><td>{}</td><td class=soft>no value</td></tr>\n", Escape(requestedOid));
-    std::size_t shown = 0;
-    for (const lh_entry* entry = json_object_get_object(values)->tail; entry != nullptr && shown < maxRows;
-         entry = entry->prev, ++shown) {
-        Add(html, "<tr><td>{}</td><td>", Escape(static_cast<const char*>(lh_entry_k(entry))));
-        AddValue(html, static_cast<json_object*>(const_cast<void*>(lh_entry_v(entry))), 2);
-        html += "</td></tr>\n";
-    }
-    if (shown < size) Add(html, "<tr><td class=soft colspan=2>… {} more</td></tr>\n", size - shown);
+/// Whether a text is short and written in digits, and so is not to be broken.
+bool IsNumberText(std::string_view text) {
+    constexpr std::size_t maxNumberBytes = 24;
+    return !text.empty() && text.size() <= maxNumberBytes && text.find_first_not_of("-.0123456789 ") == text.npos;
 }
 
-void AddSnmpValues(std::string& html, json_object* document, const SnmpResult& snmp) {
+/// A number as it came in its unit, such as "(42.3 GB)", or the unit alone when the number reads the same; empty when
+/// its unit is not known. A counter is how far it has come.
+std::string UnitText(std::string_view text, const Sample& sample) {
+    const Meaning meaning = MeaningOf(sample.member);
+    const bool isCounter = meaning.kind == ValueKind::counter;
+    const Unit unit = !isCounter ? meaning.unit : meaning.unit == Unit::bytesPerSecond ? Unit::bytes : Unit::none;
+    if (unit == Unit::none) return "";
+    const std::string readable = ValueText(MeantNumber(sample.number, meaning), unit);
+    text.remove_prefix(std::min(text.find_first_not_of(' '), text.size()));
+    return readable.starts_with(std::string(text) + " ") ? readable.substr(text.size() + 1) : "(" + readable + ")";
+}
+
+/// The cell of a property, or of an OID, which has its name when that is known.
+std::string NameCell(std::string_view name) {
+    const std::string title = MemberTitle(name);
+    const std::string attribute = title == name ? "" : " title=\"" + Escape(name) + '"';
+    return "<td" + attribute + ">" + Escape(title) + "</td>";
+}
+
+/// Writes the values of one document.
+class DocumentWriter {
+  public:
+    DocumentWriter(std::string& html, const DocumentContext& context) : html_(html), context_(context) {}
+
+    void AddMembers(json_object* document);
+    void AddValue(json_object* value, int depth);
+
+  private:
+    void AddArray(json_object* array, int depth);
+    void AddObject(json_object* object, int depth);
+    void AddRowTable(json_object* rows, std::size_t count, int depth, const std::vector<std::string>& columns);
+    void AddPlain(json_object* value);
+    void AddField(std::string_view name, json_object* value);
+    void AddPropertyRow(const lh_entry& entry);
+    void AddSnmpRows(std::string_view requestedOid, json_object* values);
+    void AddSnmpValues(json_object* document, const SnmpResult& snmp);
+    void AddResultObject(json_object* object);
+    void AddResultRows(json_object* rows);
+
+    std::string& html_;
+    const DocumentContext& context_;
+    bool lastFirst_ = false;  // as an agent writes the members of a query's rows
+    std::unordered_map<const json_object*, Sample> samples_;
+};
+
+void DocumentWriter::AddRowTable(json_object* rows, std::size_t count, int depth,
+                                 const std::vector<std::string>& columns) {
+    html_ += "<table><tr>";
+    for (const std::string& column : columns) Add(html_, "<th scope=col>{}</th>", Escape(column));
+    html_ += "</tr>\n";
+    for (std::size_t at = 0; at < count; ++at) {
+        html_ += "<tr>";
+        for (const std::string& column : columns) {
+            json_object* value = nullptr;
+            html_ += "<td>";
+            if (json_object_object_get_ex(json_object_array_get_idx(rows, at), column.c_str(), &value))
+                AddValue(value, depth + 1);
+            html_ += "</td>";
+        }
+        html_ += "</tr>\n";
+    }
+    html_ += "</table>";
+}
+
+void DocumentWriter::AddArray(json_object* array, int depth) {
+    const std::size_t size = json_object_array_length(array);
+    const std::size_t shown = std::min(size, maxRows);
+    if (IsRowList(array)) {
+        std::vector<std::string> columns = ColumnsOf(array, shown);
+        columns.resize(std::min(columns.size(), maxColumns));
+        AddRowTable(array, shown, depth, columns);
+    } else {
+        for (std::size_t at = 0; at < shown; ++at) {
+            if (at > 0) html_ += ", ";
+            AddValue(json_object_array_get_idx(array, at), depth + 1);
+        }
+    }
+    if (size == 0) html_ += "<span class=soft>no rows</span>";
+    if (shown < size) Add(html_, "<div class=soft>… {} more</div>", size - shown);
+}
+
+void DocumentWriter::AddObject(json_object* object, int depth) {
+    html_ += "<table>";
+    json_object_object_foreach(object, name, value) {
+        Add(html_, "<tr><th scope=row>{}</th><td>", Escape(name));
+        AddValue(value, depth + 1);
+        html_ += "</td></tr>\n";
+    }
+    html_ += "</table>";
+}
+
+/// Adds a value that holds no others: a number that is a sample leads to its plot and has its unit beside it.
+void DocumentWriter::AddPlain(json_object* value) {
+    const bool isText = json_object_is_type(value, json_type_string);
+    const std::string_view text = isText ? StringOf(value) : json_object_to_json_string(value);
+    const auto sample = samples_.find(value);
+    if (!IsNumberText(text) && sample == samples_.end()) return AddText(html_, text);
+    const bool hasPlot = sample != samples_.end() && !context_.plotQuery.empty();
+    html_ += "<span class=number>";
+    if (hasPlot)
+        Add(html_, "<a href=\"/plot{}\" title='its plot'>",
+            Escape(QueryWithMember(context_.plotQuery, sample->second.member)));
+    AddText(html_, text);
+    if (hasPlot) html_ += "</a>";
+    html_ += "</span>";
+    const std::string unit = sample == samples_.end() ? "" : UnitText(text, sample->second);
+    if (!unit.empty()) Add(html_, " <span class='soft number'>{}</span>", unit);
+}
+
+/// Adds one plain member of a record to the line of such members.
+void DocumentWriter::AddField(std::string_view name, json_object* value) {
+    const bool isText = json_object_is_type(value, json_type_string);
+    Add(html_, "<span><span>{}</span> ", Escape(name));
+    if (name == "DATACOLLECTTIME" && isText) {
+        html_ += CollectTime(value);
+    } else if (name == "ERRORMSG" && isText && StringOf(value) != "NO ERROR") {
+        html_ += "<span class=bad>";
+        AddText(html_, StringOf(value));
+        html_ += "</span>";
+    } else {
+        AddValue(value, 1);
+    }
+    html_ += "</span>\n";
+}
+
+void DocumentWriter::AddPropertyRow(const lh_entry& entry) {
+    Add(html_, "<tr>{}<td>", NameCell(static_cast<const char*>(lh_entry_k(&entry))));
+    AddValue(static_cast<json_object*>(const_cast<void*>(lh_entry_v(&entry))), 2);
+    html_ += "</td></tr>\n";
+}
+
+/// Adds a row for each value, in the order in which the device gave them: an agent writes a table's last member first.
+void DocumentWriter::AddSnmpRows(std::string_view requestedOid, json_object* values) {
+    const auto size = static_cast<std::size_t>(json_object_object_length(values));
+    if (size == 0) Add(html_, "<tr>{}<td class=soft>no value</td></tr>\n", NameCell(requestedOid));
+    std::size_t shown = 0;
+    for (const lh_entry* entry = json_object_get_object(values)->tail; entry != nullptr && shown < maxRows;
+         entry = entry->prev, ++shown)
+        AddPropertyRow(*entry);
+    if (shown < size) Add(html_, "<tr><td class=soft colspan=2>… {} more</td></tr>\n", size - shown);
+}
+
+void DocumentWriter::AddSnmpValues(json_object* document, const SnmpResult& snmp) {
     if (snmp.oids.empty()) return;
-    html += "<table><tr><th scope=col>OID</th><th scope=col>Value</th></tr>\n";
+    html_ += "<table><tr><th scope=col>OID</th><th scope=col>Value</th></tr>\n";
     for (const std::string_view oid : snmp.oids) {
         json_object* values = nullptr;
         if (json_object_object_get_ex(document, std::string(oid).c_str(), &values) &&
             json_object_is_type(values, json_type_object)) {
-            AddSnmpRows(html, oid, values);
+            AddSnmpRows(oid, values);
         } else {
-            Add(html, "<tr><td>{}</td><td class=bad>no answer</td></tr>\n", Escape(oid));
+            Add(html_, "<tr>{}<td class=bad>no answer</td></tr>\n", NameCell(oid));
         }
     }
-    html += "</table>\n";
+    html_ += "</table>\n";
 }
 
-/// Adds the only object of a query's result, with a line for each property.
-void AddWmiObject(std::string& html, json_object* object) {
-    html += "<table><tr><th scope=col>Property</th><th scope=col>Value</th></tr>\n";
-    for (const lh_entry* entry = json_object_get_object(object)->tail; entry != nullptr; entry = entry->prev) {
-        Add(html, "<tr><td>{}</td><td>", Escape(static_cast<const char*>(lh_entry_k(entry))));
-        AddValue(html, static_cast<json_object*>(const_cast<void*>(lh_entry_v(entry))), 2);
-        html += "</td></tr>\n";
-    }
-    html += "</table>\n";
+/// Adds the only object of a result, with a line for each property.
+void DocumentWriter::AddResultObject(json_object* object) {
+    html_ += "<table><tr><th scope=col>Property</th><th scope=col>Value</th></tr>\n";
+    const lh_table* const properties = json_object_get_object(object);
+    for (const lh_entry* entry = lastFirst_ ? properties->tail : properties->head; entry != nullptr;
+         entry = lastFirst_ ? entry->prev : entry->next)
+        AddPropertyRow(*entry);
+    html_ += "</table>\n";
 }
 
-/// Adds a query's result, with properties in the order of their class: an agent writes a table's last member first.
-void AddWmiRows(std::string& html, json_object* rows) {
+/// Adds the result of a query or a script, with properties in the order of their class or as the script printed them.
+void DocumentWriter::AddResultRows(json_object* rows) {
     const std::size_t size = json_object_array_length(rows);
-    if (size == 1) return AddWmiObject(html, json_object_array_get_idx(rows, 0));
+    if (size == 1) return AddResultObject(json_object_array_get_idx(rows, 0));
     const std::size_t shown = std::min(size, maxRows);
     std::vector<std::string> columns = ColumnsOf(rows, shown);
-    std::reverse(columns.begin(), columns.end());
+    if (lastFirst_) std::reverse(columns.begin(), columns.end());
     const std::size_t left = columns.size() - std::min(columns.size(), maxColumns);
     columns.resize(columns.size() - left);
-    AddRowTable(html, rows, shown, 1, columns);
-    if (shown < size) Add(html, "<div class=soft>… {} more</div>", size - shown);
-    if (left > 0) Add(html, "<div class=soft>… {} more properties</div>", left);
+    AddRowTable(rows, shown, 1, columns);
+    if (shown < size) Add(html_, "<div class=soft>… {} more</div>", size - shown);
+    if (left > 0) Add(html_, "<div class=soft>… {} more properties</div>", left);
+}
+
+void DocumentWriter::AddValue(json_object* value, int depth) {
+    if (IsNested(value) && depth >= maxDepth) {
+        AddText(html_, json_object_to_json_string(value));
+    } else if (json_object_is_type(value, json_type_array)) {
+        AddArray(value, depth);
+    } else if (json_object_is_type(value, json_type_object)) {
+        AddObject(value, depth);
+    } else {
+        AddPlain(value);
+    }
+}
+
+void DocumentWriter::AddMembers(json_object* document) {
+    for (FoundSample& found : FindSamples(document)) samples_.emplace(found.value, std::move(found.sample));
+    const bool isResult = !TextMember(document, "ERRORMSG").empty();
+    lastFirst_ = !TextMember(document, "MSPCUSTOMERID").empty();
+    const SnmpResult snmp = SnmpResultOf(document);
+    AddSnmpHeading(html_, snmp);
+    html_ += "<div class=fields>\n";
+    json_object_object_foreach(document, name, value) {
+        if (!IsNested(value) && !snmp.isShownApart(name)) AddField(name, value);
+    }
+    html_ += "</div>\n";
+    AddSnmpValues(document, snmp);
+    json_object_object_foreach(document, nestedName, nested) {
+        if (!IsNested(nested) || snmp.isShownApart(nestedName)) continue;
+        Add(html_, "<div class=rows><h3>{}{}</h3>", Escape(nestedName),
+            nestedName == context_.requestId ? " <span class=soft>(the request's id)</span>" : "");
+        if (isResult && IsRowList(nested)) {
+            AddResultRows(nested);
+        } else {
+            AddValue(nested, 1);
+        }
+        html_ += "</div>\n";
+    }
 }
 
 }  // namespace
@@ -265,41 +377,10 @@ void AddText(std::string& html, std::string_view text) {
     if (start.size() < text.size()) Add(html, "<span class=soft> … {} more bytes</span>", text.size() - start.size());
 }
 
-void AddValue(std::string& html, json_object* value, int depth) {
-    if (IsNested(value) && depth >= maxDepth) {
-        AddText(html, json_object_to_json_string(value));
-    } else if (json_object_is_type(value, json_type_array)) {
-        AddArray(html, value, depth);
-    } else if (json_object_is_type(value, json_type_object)) {
-        AddObject(html, value, depth);
-    } else if (json_object_is_type(value, json_type_string)) {
-        AddText(html, StringOf(value));
-    } else {
-        html += Escape(json_object_to_json_string(value));
-    }
-}
+void AddValue(std::string& html, json_object* value, int depth) { DocumentWriter(html, {}).AddValue(value, depth); }
 
-void AddMembers(std::string& html, json_object* document, std::string_view requestId) {
-    const bool isWmi = !TextMember(document, "ERRORMSG").empty();
-    const SnmpResult snmp = SnmpResultOf(document);
-    AddSnmpHeading(html, snmp);
-    html += "<div class=fields>\n";
-    json_object_object_foreach(document, name, value) {
-        if (!IsNested(value) && !snmp.isShownApart(name)) AddField(html, name, value);
-    }
-    html += "</div>\n";
-    AddSnmpValues(html, document, snmp);
-    json_object_object_foreach(document, nestedName, nested) {
-        if (!IsNested(nested) || snmp.isShownApart(nestedName)) continue;
-        Add(html, "<div class=rows><h3>{}{}</h3>", Escape(nestedName),
-            nestedName == requestId ? " <span class=soft>(the request's id)</span>" : "");
-        if (isWmi && IsRowList(nested)) {
-            AddWmiRows(html, nested);
-        } else {
-            AddValue(html, nested, 1);
-        }
-        html += "</div>\n";
-    }
+void AddMembers(std::string& html, json_object* document, const DocumentContext& context) {
+    DocumentWriter(html, context).AddMembers(document);
 }
 
 }  // namespace kv::lab

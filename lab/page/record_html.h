@@ -29,10 +29,15 @@ void AddText(std::string& html, std::string_view text);
 /// each member. depth is that of the value within its document, from 0.
 void AddValue(std::string& html, json_object* value, int depth);
 
+/// What else is known of a document.
+struct DocumentContext {
+    std::string requestId = {};  // of the request that it answers, which may name a member; empty for a record
+    std::string plotQuery = {};  // for the plots of its numbers, encoded; empty when they have no plots
+};
+
 /// Appends the members of a record or an answer, which is an object: plain ones on a line, each other one below its
 /// name. For a polled SNMP device there is a heading with its policy, or else its OIDs, and its status, and one table
-/// with its values. requestId is that of the request that the document answers, which may name a member; empty for a
-/// record.
-void AddMembers(std::string& html, json_object* document, std::string_view requestId);
+/// with its values. A number of a known unit has it beside it, and a known OID its name.
+void AddMembers(std::string& html, json_object* document, const DocumentContext& context);
 
 }  // namespace kv::lab

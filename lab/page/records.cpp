@@ -61,13 +61,20 @@ void AddFacts(std::string& html, const HistoryRecord& record) {
     html += "</div>\n";
 }
 
-void AddContent(std::string& html, const RecordText& content) {
+/// The query for plots that begin before a record, with the shortest range that does; empty when no range does.
+std::string PlotQuery(const HistoryRecord& record, std::int64_t now) {
+    for (const RangeChoice& choice : rangeChoices)
+        if (now - record.collected < choice.milliseconds) return SourceQuery({{}, &choice, {}}, record.source);
+    return "";
+}
+
+void AddContent(std::string& html, const RecordText& content, const std::string& plotQuery) {
     const bool isSmall = content.text.size() <= maxShownBytes;
     const ParsedJson parsed = isSmall && content.isJson ? ParseJson(content.text) : ParsedJson();
     if (parsed.valid) {
         html += "<div class='card scroll' tabindex=0 role=region aria-label=Values>";
         if (json_object_is_type(parsed.value.get(), json_type_object))
-            AddMembers(html, parsed.value.get(), "");
+            AddMembers(html, parsed.value.get(), {"", plotQuery});
         else
             AddValue(html, parsed.value.get(), 0);
         html += "</div>\n";
@@ -156,7 +163,7 @@ HistoryPlace PlaceOf(const ServletRequest& request) {
     return place;
 }
 
-void AddWholeRecord(std::string& html, const WholeRecord& whole) {
+void AddWholeRecord(std::string& html, const WholeRecord& whole, std::int64_t now) {
     const HistoryRecord& record = whole.record;
     Add(html, "<div class=title><h2 class={}>", record.failed ? "bad" : "good");
     if (record.failed)
@@ -171,7 +178,7 @@ void AddWholeRecord(std::string& html, const WholeRecord& whole) {
     html += "<div class=card>";
     AddFacts(html, record);
     html += "</div>\n";
-    AddContent(html, whole.content);
+    AddContent(html, whole.content, PlotQuery(record, now));
 }
 
 }  // namespace kv::lab

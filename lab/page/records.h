@@ -31,6 +31,7 @@ void AddRecords(std::string& html, const std::vector<HistoryRecord>& records, co
 std::string PlaceText(const HistoryRecord& last);
 HistoryPlace PlaceOf(const ServletRequest& request);
 
-void AddWholeRecord(std::string& html, const WholeRecord& whole);
+/// Its numbers lead to their plots, if these reach back to it from now.
+void AddWholeRecord(std::string& html, const WholeRecord& whole, std::int64_t now);
 
 }  // namespace kv::lab

@@ -131,7 +131,7 @@ void AddAnswer(std::string& html, const Request& request, const Report& answer, 
         AnswerFailure(answer).empty() ? "" : ": <span class=bad>failed</span>", Escape(request.id));
     const ParsedJson parsed = answer.text.size() <= maxAnswerBytes ? ParseJson(answer.text) : ParsedJson();
     if (json_object_is_type(parsed.value.get(), json_type_object)) {
-        AddMembers(html, parsed.value.get(), request.id);
+        AddMembers(html, parsed.value.get(), {request.id, ""});
     } else {
         Add(html, "<pre>{}</pre>", Escape(StartOfText(answer.text, maxAnswerBytes)));
     }
@@ -141,7 +141,7 @@ void AddAnswer(std::string& html, const Request& request, const Report& answer, 
 void AddRequest(std::string& html, const AnsweredRequest& answered) {
     const Request& request = answered.request;
     const Marked outcome = OutcomeOf(answered);
-    Add(html, "<article class=card><b>{} · {}</b> <span class={}>{}</span> <span class=soft>request {}, {}",
+    Add(html, "<article class=card><b>{} · {}</b> <span class={}>{}</span> <span class=soft>· request {}, {}",
         Escape(request.agent), Escape(request.type), ClassOf(outcome.mark), Escape(outcome.text), Escape(request.id),
         UtcText(request.added));
     if (request.listings > 0)

@@ -60,6 +60,7 @@ table { border-collapse: collapse; font-size: .9rem; }
 th { text-align: left; font-weight: 600; color: var(--soft); white-space: nowrap; }
 td { overflow-wrap: anywhere; } .grid td { white-space: nowrap; }
 .grid td.long { white-space: normal; }
+.number, .grid td.num { white-space: nowrap; font-variant-numeric: tabular-nums; }
 th, td { padding: .26rem .9rem .26rem 0; border-bottom: 1px solid var(--line); vertical-align: top; }
 th:last-child, td:last-child { padding-right: 0; }
 tr:last-child > th, tr:last-child > td { border-bottom: 0; }

@@ -115,7 +115,7 @@ Answer ServeRecord(Store& store, const ServletRequest& request) {
     if (!rest.empty()) return {200, RecordsDocument(store, {whole->record}), "application/json", {}};
     Frame frame;
     frame.title = SourceTitle(whole->record.source);
-    AddWholeRecord(frame.body, *whole);
+    AddWholeRecord(frame.body, *whole, Now());
     return HtmlAnswer(Document(frame));
 }
 

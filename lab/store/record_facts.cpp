@@ -127,10 +127,10 @@ class Samples {
         if (samples.size() >= maxSamples || isLabel) return;
         const std::optional<double> number = NumberOf(value);
         if (!number) return;
-        samples.push_back({FreeName(MemberOf(row, property)), *number});
+        samples.push_back({{FreeName(MemberOf(row, property)), *number}, value});
     }
 
-    std::vector<Sample> samples;
+    std::vector<FoundSample> samples;
 
   private:
     /// The name, or with " #2" and so on the first that is free: a record's values have different names.
@@ -181,22 +181,6 @@ void AddObject(Samples& samples, json_object* object) {
     json_object_object_foreach(object, name, value) { samples.Add("", name, value); }
 }
 
-std::vector<Sample> SamplesOf(json_object* document) {
-    Samples samples;
-    const bool isWmi = TextMember(document, "MSPCUSTOMERID").has_value() && !IsSnmp(document);
-    json_object_object_foreach(document, name, value) {
-        if (IsOneOf(ownMembers, name)) continue;
-        if (json_object_is_type(value, json_type_array)) {
-            AddRows(samples, value, isWmi);
-        } else if (json_object_is_type(value, json_type_object)) {
-            AddObject(samples, value);
-        } else {
-            samples.Add("", name, value);
-        }
-    }
-    return std::move(samples.samples);
-}
-
 }  // namespace
 
 RecordFacts FactsOf(std::string_view agent, const RecordText& record, std::int64_t arrived) {
@@ -227,8 +211,24 @@ RecordFacts FactsOf(std::string_view agent, const RecordText& record, std::int64
     facts.collected = CollectedAt(document, arrived);
     facts.reason = Cut(OneLine(FailureOf(document)), maxReasonBytes);
     facts.failed = !facts.reason.empty();
-    facts.samples = SamplesOf(document);
+    for (FoundSample& found : FindSamples(document)) facts.samples.push_back(std::move(found.sample));
     return facts;
+}
+
+std::vector<FoundSample> FindSamples(json_object* document) {
+    Samples samples;
+    const bool isWmi = TextMember(document, "MSPCUSTOMERID").has_value() && !IsSnmp(document);
+    json_object_object_foreach(document, name, value) {
+        if (IsOneOf(ownMembers, name)) continue;
+        if (json_object_is_type(value, json_type_array)) {
+            AddRows(samples, value, isWmi);
+        } else if (json_object_is_type(value, json_type_object)) {
+            AddObject(samples, value);
+        } else {
+            samples.Add("", name, value);
+        }
+    }
+    return std::move(samples.samples);
 }
 
 std::string FailureOf(json_object* document) {

@@ -39,6 +39,13 @@ inline constexpr std::size_t maxReasonBytes = 1000;
 /// tell, or if it tells more than a day after the arrival.
 RecordFacts FactsOf(std::string_view agent, const RecordText& record, std::int64_t arrived);
 
+/// The samples of a record or an answer, which is an object, each with the value of the document that it was read from.
+struct FoundSample {
+    Sample sample;
+    const json_object* value = nullptr;
+};
+std::vector<FoundSample> FindSamples(json_object* document);
+
 /// Why a record or an answer to a request, which is an object, says that it failed; empty when it does not.
 std::string FailureOf(json_object* document);
 

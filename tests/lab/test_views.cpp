@@ -12,6 +12,7 @@ namespace kv::lab::test {
 namespace {
 
 using ::testing::AllOf;
+using ::testing::ContainsRegex;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
@@ -94,6 +95,25 @@ TEST_P(Views, ShowRecordsByTheTimeOfTheirCollection) {
     EXPECT_THAT(Get("/records?failed=1"), AllOf(HasSubstr("/record/4"), Not(HasSubstr("/record/3"))));
     EXPECT_THAT(Get("/record/1"),
                 AllOf(HasSubstr("FreeSpace"), HasSubstr("/record/2>← older"), Not(HasSubstr("newer →</a>"))));
+}
+
+TEST_P(Views, ShowTheNumbersOfARecordWithUnitsAndPlots) {
+    Send("LAB1", 2,
+         {R"({ "DATACOLLECTTIME": "@", "ERRORMSG": "NO ERROR", "Disks": [
+                  { "DeviceID": "/", "FreeSpace": "42285821952", "Odd": "-3", "LoadPercentage": 7, "PID": "12" } ] })",
+          R"({ "AGENTKEY": "SW", "STATUS": "SUCCESS", "OID": ".1.3.6.1.2.1.2.2.1.10", "DATACOLLECTTIME": "@",
+               ".1.3.6.1.2.1.2.2.1.10": { ".1.3.6.1.2.1.2.2.1.10.2": "2997210462" } })"});
+    const std::string link = "<a href=\"/plot?agent=LAB1&amp;device=";
+    const std::string disk = link + "%28the%20agent%20itself%29&amp;name=Disks&amp;member=%2F%20";
+    EXPECT_THAT(Get("/record/1"),
+                AllOf(HasSubstr(disk + "FreeSpace\" title='its plot'>42285821952</a></span> <span class='soft number'>"
+                                       "(42.3 GB)</span>"),
+                      HasSubstr(">7</a></span> <span class='soft number'>%</span>"), HasSubstr(">-3</a></span></td>"),
+                      HasSubstr("<span class=number>12</span>")));
+    EXPECT_THAT(Get("/record/2"), AllOf(HasSubstr("<td title=\".1.3.6.1.2.1.2.2.1.10.2\">ifInOctets 2</td>"),
+                                        HasSubstr(link + "SW&amp;"), HasSubstr("(3.0 GB)")));
+    Send("LAB1", 60 * 24 * 8, {goodDisks});
+    EXPECT_THAT(Get("/record/3"), AllOf(HasSubstr("FreeSpace"), Not(HasSubstr("/plot"))));
 }
 
 TEST_P(Views, DrawEachRecordOverTime) {
