@@ -19,8 +19,17 @@ Cell ResultCell(const HistoryRecord& record) {
     return Marked{record.reason.empty() ? "failed" : record.reason, Mark::bad};
 }
 
+/// A sender, with a way to the records of it alone; nothing for an empty text.
+Cell SenderLink(const std::string& text, Scope scope, const std::string& agent,
+                const std::optional<std::string>& device) {
+    if (text.empty()) return {};
+    scope.filter.agent = agent;
+    if (device) scope.filter.device = device;
+    return Link{text, "/records" + ScopeQuery(scope)};
+}
+
 /// The columns that people look for: time, sender, record, result, size.
-Table ShownTable(const std::vector<HistoryRecord>& records) {
+Table ShownTable(const std::vector<HistoryRecord>& records, const Scope& scope) {
     Table table{"records",
                 {{"collected", "Collected"},
                  {"agent", "Agent"},
@@ -33,9 +42,11 @@ Table ShownTable(const std::vector<HistoryRecord>& records) {
         Cell result = ResultCell(record);
         std::string& text = std::get<Marked>(result).text;
         if (text.size() > shownReasonBytes) text = std::string(StartOfText(text, shownReasonBytes)) + "…";
-        table.rows.push_back({Moment{record.collected}, record.source.agent, record.source.device,
-                              Link{NameText(record.source.name), fmt::format("/record/{}", record.number)},
-                              std::move(result), record.bytes});
+        const Source& source = record.source;
+        table.rows.push_back({Moment{record.collected}, SenderLink(source.agent, scope, source.agent, std::nullopt),
+                              SenderLink(source.device, scope, source.agent, source.device),
+                              Link{NameText(source.name), fmt::format("/record/{}", record.number)}, std::move(result),
+                              record.bytes});
     }
     return table;
 }
@@ -141,7 +152,7 @@ void AddRecords(std::string& html, const std::vector<HistoryRecord>& records, co
         return;
     }
     html += "<div class=card>";
-    AddHtmlTable(html, ShownTable(records));
+    AddHtmlTable(html, ShownTable(records, scope));
     html += "</div>\n";
     if (records.size() >= full)
         Add(html, "<p><a href=\"/records{}{}before={}\">older</a></p>\n", Escape(query), query.empty() ? "?" : "&amp;",

@@ -58,8 +58,8 @@ code { font: .92em ui-monospace, "DejaVu Sans Mono", monospace; overflow-wrap: a
 table { border-collapse: collapse; font-size: .9rem; }
 .scroll > .grid { width: 100%; }
 th { text-align: left; font-weight: 600; color: var(--soft); white-space: nowrap; }
-td { overflow-wrap: anywhere; } .grid td { white-space: nowrap; }
-.grid td.long { white-space: normal; }
+td { overflow-wrap: anywhere; } .grid th { white-space: normal; } .grid td { white-space: nowrap; }
+.grid td.long { white-space: normal; } .grid td.words { white-space: normal; overflow-wrap: normal; }
 .number, .grid td.num { white-space: nowrap; font-variant-numeric: tabular-nums; }
 th, td { padding: .26rem .9rem .26rem 0; border-bottom: 1px solid var(--line); vertical-align: top; }
 th:last-child, td:last-child { padding-right: 0; }

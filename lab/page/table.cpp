@@ -4,6 +4,8 @@
 #include <fmt/format.h>
 
 #include "lab/page/record_html.h"
+#include "lab/page/scope.h"
+#include "lab/store/store.h"
 
 namespace kv::lab {
 
@@ -57,19 +59,25 @@ bool IsNumber(const Cell& cell) {
 }
 
 /// The classes of style.h for a cell.
-std::string LookOf(const Cell& cell, std::size_t bytes) {
+std::string LookOf(const Cell& cell, const std::string& text) {
     if (IsNumber(cell)) return "num";
-    std::string look = bytes > longBytes ? "long" : "";
+    std::string look = text.size() > longBytes ? "long" : "";
+    // What stands is short, and is read down the column.
+    const bool stays = std::holds_alternative<Marked>(cell);
+    if (look.empty() && !stays && text.find(' ') != std::string::npos) look = "words";
     const Marked* const marked = std::get_if<Marked>(&cell);
     if (marked && marked->mark != Mark::plain) look += marked->mark == Mark::good ? " good" : " bad";
     return look;
 }
 
-void AddHtmlCell(std::string& html, const Column& column, const Cell& cell) {
+void AddHtmlCell(std::string& html, const Column& column, const Cell& cell, std::int64_t now) {
     const std::string text = CellText(cell);
-    Add(html, "<td data-title=\"{}\" class='{}'>", Escape(column.title), LookOf(cell, text.size()));
+    Add(html, "<td data-title=\"{}\" class='{}'>", Escape(column.title), LookOf(cell, text));
     if (const Link* link = std::get_if<Link>(&cell)) {
         Add(html, "<a href=\"{}\">{}</a>", Escape(link->path), Escape(link->text));
+    } else if (const Moment* moment = std::get_if<Moment>(&cell)) {
+        const bool isToday = moment->time / dayMilliseconds == now / dayMilliseconds;
+        Add(html, "<span title='{}'>{}</span>", text, isToday ? ClockText(moment->time) : text);
     } else {
         AddText(html, text);
     }
@@ -91,6 +99,7 @@ std::string CellText(const Cell& cell) {
 
 void AddHtmlTable(std::string& html, const Table& table) {
     if (table.rows.empty()) return;
+    const std::int64_t now = Now();
     Add(html, "<div class=scroll tabindex=0 role=region aria-label=\"{}\"><table class=grid>\n<tr>",
         Escape(table.name));
     for (std::size_t at = 0; at < table.columns.size(); ++at)
@@ -99,7 +108,7 @@ void AddHtmlTable(std::string& html, const Table& table) {
     html += "</tr>\n";
     for (const std::vector<Cell>& row : table.rows) {
         html += "<tr>";
-        for (std::size_t at = 0; at < row.size(); ++at) AddHtmlCell(html, table.columns.at(at), row[at]);
+        for (std::size_t at = 0; at < row.size(); ++at) AddHtmlCell(html, table.columns.at(at), row[at], now);
         html += "</tr>\n";
     }
     html += "</table></div>\n";

@@ -12,7 +12,7 @@
 
 namespace kv::lab {
 
-/// Milliseconds since 1970, written as "2026-03-05 09:05:07Z".
+/// Milliseconds since 1970, written as "2026-03-05 09:05:07Z"; in HTML without the date when it is today's.
 struct Moment {
     std::int64_t time = 0;
 };

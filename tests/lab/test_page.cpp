@@ -28,6 +28,8 @@ return (async () => {
   if (document.querySelectorAll('h1').length !== 1) faults.push('not one h1');
   const wide = document.documentElement.scrollWidth - window.innerWidth;
   if (wide > 0) faults.push('too wide by ' + wide);
+  for (const e of document.querySelectorAll('.scroll'))
+    if (innerWidth >= 1280 && e.scrollWidth > e.clientWidth) say('cut by ' + (e.scrollWidth - e.clientWidth), e);
   const known = JSON.parse(sessionStorage.known || '{}');
   for (const e of document.querySelectorAll('a[href]')) {
     const link = e.getAttribute('href');
@@ -119,6 +121,11 @@ class PageInBrowser : public Lab {
         Upload(client, "AGENTKEY=LAB1&FILENAME=bad.zip", "no zip");
         KeepStartPlan(store, R"({ "WorkFlows": [ { "wfname": "W", "recordSetName": [ { "Name": "P" } ] } ] })");
         client.Get("/servlets/RegisterAgent?agentKey=AWAITED&agentID=" + std::string(80, 'i'));
+        client.Get(
+            "/servlets/RegisterAgent?agentKey=LAB1&agentID=web-server-1&agentDNS=web-server-1.example.com&"
+            "ipAddress=192.168.200.200&customerName=Demo%20customer&remoteOffice=Demo%20office&"
+            "osName=Debian%20GNU/Linux%2012%20(bookworm)");
+        Execute(*store.database, "UPDATE agent SET first_contact = 1000 WHERE key = 'LAB1'");
         AddFault(store, {0, "StatusUpdateServlet", FaultKind::status, 503, 1});
         FillTheQueue();
     }

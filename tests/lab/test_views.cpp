@@ -92,6 +92,13 @@ TEST_P(Views, ShowRecordsByTheTimeOfTheirCollection) {
     EXPECT_THAT(Rows("/records.json?range=1d&agent=LAB2" + first, {"number"}), ElementsAre("3"));
     EXPECT_THAT(Get("/records.csv?failed=1"),
                 AllOf(HasSubstr("number,agent,device,name,collected"), HasSubstr("\r\n4,LAB2,S1,Printer,")));
+    const std::string page = Get("/records?range=1d&failed=1"), collected = UtcText(begun - 5 * minute);
+    const bool isToday = collected.substr(0, 10) == UtcText(Now()).substr(0, 10);
+    EXPECT_THAT(
+        page,
+        AllOf(HasSubstr("<a href=\"/records?range=1d&amp;agent=LAB2&amp;failed=1\">LAB2</a>"),
+              HasSubstr("<a href=\"/records?range=1d&amp;agent=LAB2&amp;device=S1&amp;failed=1\">S1</a>"),
+              HasSubstr(fmt::format("title='{}'>{}<", collected, isToday ? collected.substr(11, 8) : collected))));
     EXPECT_THAT(Get("/records?failed=1"), AllOf(HasSubstr("/record/4"), Not(HasSubstr("/record/3"))));
     EXPECT_THAT(Get("/record/1"),
                 AllOf(HasSubstr("FreeSpace"), HasSubstr("/record/2>← older"), Not(HasSubstr("newer →</a>"))));
