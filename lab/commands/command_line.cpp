@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <filesystem>
+#include <fmt/format.h>
 #include <fstream>
 #include <iterator>
 
@@ -31,5 +32,7 @@ std::string ReadPlanFile(const std::string& path) {
 void PrintLine(const std::string& line) {
     if (std::puts(line.c_str()) < 0) throw std::runtime_error("cannot write to standard output");
 }
+
+void PrintNote(const std::string& note) { fmt::print(stderr, "kvlab: {}\n", note); }
 
 }  // namespace kv::lab

@@ -35,6 +35,9 @@ std::string ReadPlanFile(const std::string& path);
 /// Throws std::runtime_error when standard output cannot be written.
 void PrintLine(const std::string& line);
 
+/// Says something on standard error that is not a failure.
+void PrintNote(const std::string& note);
+
 /// The commands by topic, in the order of the help.
 std::span<const Command> ServerCommands();         // serve, agents, prune
 std::span<const Command> RecordCommands();         // records

@@ -4,7 +4,7 @@
 #include <fmt/format.h>
 #include <vector>
 
-#include "lab/commands/command_line.h"
+#include "lab/page/units.h"
 #include "lab/store/record_text.h"
 #include "lab/store/series.h"
 #include "platform/near_name.h"
@@ -24,15 +24,17 @@ std::string NearestOf(const std::string& name, const std::vector<std::string>& k
     return platform::Utf8FromWide(platform::NearestName(platform::WideFromUtf8(name), views));
 }
 
-/// What may have been meant.
-std::string Advice(const std::string& name, const std::vector<std::string>& known) {
+/// What may have been meant; others are the known names in short.
+std::string Advice(const std::string& name, const std::vector<std::string>& known,
+                   const std::vector<std::string>& others = {}) {
     if (known.empty()) return "; nothing has come yet";
-    if (const std::string near = NearestOf(name, known); !near.empty())
-        return "; did you mean '" + OneLine(near) + "'?";
+    for (const std::vector<std::string>& names : {known, others})
+        if (const std::string near = NearestOf(name, names); !near.empty())
+            return "; did you mean '" + OneLine(near) + "'?";
     std::string list;
     for (std::size_t at = 0; at < std::min(known.size(), namesTold); ++at)
         list += (at > 0 ? ", " : "") + (known[at].empty() ? "''" : OneLine(known[at]));
-    return fmt::format("; those that came: {}{}", list, known.size() > namesTold ? ", …" : "");
+    return fmt::format("; those that came: {}{}", list, known.size() > namesTold ? " and others" : "");
 }
 
 void Require(Store& store, std::string_view what, const std::optional<std::string>& name, const Filter& alone,
@@ -42,7 +44,33 @@ void Require(Store& store, std::string_view what, const std::optional<std::strin
                                     Advice(*name, ReadFilterChoices(store, namesRead).*choices)));
 }
 
+void Remember(std::vector<std::string>& names, const std::string& name) {
+    if (std::find(names.begin(), names.end(), name) == names.end()) names.push_back(name);
+}
+
+/// Without the row: "FreeSpace" of "/ FreeSpace"; of an OID's name without the instance: "ifInOctets" of "ifInOctets
+/// 2".
+std::string PropertyOf(const std::string& member) {
+    if (!member.starts_with('.')) return std::string(SplitMember(member).property);
+    const std::string title = MemberTitle(member);
+    return title.substr(0, title.find(' '));
+}
+
 }  // namespace
+
+Filter FilterOf(const Given& given) {
+    const auto text = [&](const char* option) {
+        return Has(given, option) ? std::optional(Value(given, option)) : std::nullopt;
+    };
+    Filter filter{text("--agent"), text("--device"), text("--name"), Has(given, "--failed")};
+    if (filter.agent == "") filter.agent.reset();
+    return filter;
+}
+
+bool IsCalled(const std::string& member, const std::string& name) {
+    return member == name || MemberTitle(member) == name || PropertyOf(member) == name ||
+           (name.starts_with('.') && member.starts_with(name + '.'));
+}
 
 void RequireKnown(Store& store, const Filter& filter) {
     if (filter.agent && !AgentExists(store, *filter.agent))
@@ -54,12 +82,17 @@ void RequireKnown(Store& store, const Filter& filter) {
 
 void RequireKnownMember(Store& store, const Filter& filter, const std::optional<std::string>& member) {
     if (!member) return;
-    const Range always{INT64_MIN, INT64_MAX};
-    if (!ReadSeries(store, always, filter, member, 1).series.empty()) return;
+    constexpr Range always{INT64_MIN, INT64_MAX};
     std::vector<std::string> known;
-    for (const SeriesName& series : ReadSeries(store, always, filter, std::nullopt, namesRead).series)
-        if (std::find(known.begin(), known.end(), series.member) == known.end()) known.push_back(series.member);
-    throw NotFoundError(fmt::format("these records have no number '{}'{}", OneLine(*member), Advice(*member, known)));
+    std::vector<std::string> properties;
+    const SeriesList list = ReadSeries(store, always, filter, std::nullopt, seriesSearched);
+    for (const SeriesName& series : list.series) {
+        if (IsCalled(series.member, *member)) return;
+        Remember(known, MemberTitle(series.member));
+        Remember(properties, PropertyOf(series.member));
+    }
+    throw NotFoundError(
+        fmt::format("these records have no number '{}'{}", OneLine(*member), Advice(*member, known, properties)));
 }
 
 }  // namespace kv::lab

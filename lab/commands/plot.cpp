@@ -24,8 +24,7 @@ namespace kv::lab {
 namespace {
 
 constexpr std::size_t plotsShown = 6;
-constexpr std::size_t plotsNamed = 12;
-constexpr std::int64_t seriesRead = 200;
+constexpr std::size_t seriesRead = 200;
 constexpr int plotRows = 8;
 constexpr int partsOfTable = 240;
 constexpr int labelWidth = 12;
@@ -46,7 +45,7 @@ int Columns() {
     const char* const told = std::getenv("COLUMNS");
     auto columns = static_cast<int>(told ? std::strtol(told, nullptr, 10) : 0);
     if (columns <= 0 && ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0) columns = size.ws_col;
-    return std::clamp(columns > 0 ? columns : usualColumns, labelWidth + 10, maxColumns);
+    return std::clamp(columns > 0 ? columns : usualColumns, labelWidth + 20, maxColumns);
 }
 
 /// What stands for nothing up to eight eighths of a row.
@@ -60,14 +59,18 @@ bool ShowsUtf8() {
     return std::strcmp(nl_langinfo(CODESET), "UTF-8") == 0;
 }
 
-/// "LAB1 · Disks / FreeSpace: 75.7 GB"
-std::string TitleOf(const Plotted& plotted) {
+/// "LAB1 · Disks"
+std::string SourceOf(const Plotted& plotted) {
     const SeriesName& series = plotted.series;
     std::string title = SourceTitle({0, series.agent, series.device, series.name, 0, false});
     constexpr std::string_view dot = "·";
     while (!ShowsUtf8() && title.find(dot) != std::string::npos) title.replace(title.find(dot), dot.size(), "-");
-    return OneLine(title + " " + MemberTitle(series.member) + ": " + ValueText(plotted.curve.last, plotted.unit));
+    return OneLine(title);
 }
+
+std::string NameOf(const Plotted& plotted) { return OneLine(MemberTitle(plotted.series.member)); }
+
+std::string LastOf(const Plotted& plotted) { return ValueText(plotted.curve.last, plotted.unit); }
 
 /// The line's number at a time between the ends of a piece; NaN elsewhere.
 double NumberAt(const Curve& curve, std::int64_t time, std::int64_t halfColumn) {
@@ -98,12 +101,13 @@ std::vector<int> HeightsOf(const Curve& curve, const Range& range, int columns) 
 
 void PrintPlot(const Plotted& plotted, const Range& range, int columns, const Blocks& blocks) {
     const Curve& curve = plotted.curve;
-    PrintLine(TitleOf(plotted));
+    PrintLine(fmt::format("{} {}: {}", SourceOf(plotted), NameOf(plotted), LastOf(plotted)));
     const std::vector<int> heights = HeightsOf(curve, range, columns);
+    const bool isFlat = !Changes(plotted);
     for (int row = plotRows - 1; row >= 0; --row) {
         std::string label;
-        if (row == plotRows - 1) label = AxisText(curve.high, plotted.unit);
-        if (row == 0) label = AxisText(curve.low, plotted.unit);
+        if (row == (isFlat ? plotRows / 2 : plotRows - 1)) label = AxisText(curve.high, plotted.unit);
+        if (row == 0 && !isFlat) label = AxisText(curve.low, plotted.unit);
         std::string line = fmt::format("{:>{}} |", label, labelWidth - 2);
         for (const int height : heights) line += blocks[static_cast<std::size_t>(std::clamp(height - row * 8, 0, 8))];
         line.erase(line.find_last_not_of(' ') + 1);
@@ -111,42 +115,43 @@ void PrintPlot(const Plotted& plotted, const Range& range, int columns, const Bl
     }
     const std::string from = MinuteText(range.from, range.to);
     const std::string to = MinuteText(range.to, range.to) + " UTC";
-    const int room = columns - static_cast<int>(from.size());
-    PrintLine(fmt::format("{:{}}{}{:>{}}\n", "", labelWidth, from, to, std::max(room, 0)));
-}
-
-Filter FilterOf(const Given& given) {
-    Filter filter;
-    filter.name = Value(given, "NAME");
-    if (Has(given, "--agent")) filter.agent = Value(given, "--agent");
-    if (Has(given, "--device")) filter.device = Value(given, "--device");
-    return filter;
+    const int room = columns - static_cast<int>(from.size()) - 1;
+    PrintLine(fmt::format("{:{}}{} {:>{}}\n", "", labelWidth, from, to, std::max(room, 0)));
 }
 
 std::optional<std::string> MemberOf(const Given& given) {
     return Has(given, "--member") ? std::optional(Value(given, "--member")) : std::nullopt;
 }
 
+Filter PlotFilter(const Given& given) {
+    Filter filter = FilterOf(given);
+    filter.name = Value(given, "NAME");
+    return filter;
+}
+
 struct Plots {
     std::vector<Plotted> plots;
-    bool more = false;  // others were not read
+    bool isFull = false;  // others were not read
+    std::size_t series = 0;
 };
 
-/// Those of the values that are asked for, by their names in the database or by those of the page.
+/// Those of the values that are asked for.
 SeriesList WantedSeries(Store& store, const Given& given, const Range& range) {
     const std::optional<std::string> member = MemberOf(given);
-    SeriesList list = ReadSeries(store, range, FilterOf(given), member, seriesRead);
+    SeriesList list = ReadSeries(store, range, PlotFilter(given), member, seriesRead);
     if (!member || !list.series.empty()) return list;
-    constexpr std::int64_t seriesSearched = 5000;
-    list = ReadSeries(store, range, FilterOf(given), std::nullopt, seriesSearched);
-    std::erase_if(list.series, [&](const SeriesName& series) { return MemberTitle(series.member) != *member; });
+    list = ReadSeries(store, range, PlotFilter(given), std::nullopt, seriesSearched);
+    std::erase_if(list.series, [&](const SeriesName& series) { return !IsCalled(series.member, *member); });
+    if (list.series.size() <= seriesRead) return list;
+    list.series.resize(seriesRead);
+    list.more = true;
     return list;
 }
 
 Plots ReadPlots(Store& store, const Given& given, const Range& range, int parts) {
     const std::int64_t part = std::max<std::int64_t>((range.to - range.from) / parts, 1);
     SeriesList list = WantedSeries(store, given, range);
-    Plots read{{}, list.more};
+    Plots read{{}, list.more, list.series.size()};
     for (SeriesName& series : list.series) {
         const Meaning meaning = MeaningOf(series.member);
         Curve curve = ReadCurve(store, series.number, range, part, meaning);
@@ -157,23 +162,57 @@ Plots ReadPlots(Store& store, const Given& given, const Range& range, int parts)
     return read;
 }
 
+/// One line with as many of the texts as a terminal of so many columns has room for, but at least one.
+void PrintList(std::string line, const std::vector<std::string>& texts, std::size_t columns) {
+    const auto width = [](const std::string& text) {
+        return static_cast<std::size_t>(
+            std::count_if(text.begin(), text.end(), [](char byte) { return (byte & 0xC0) != 0x80; }));
+    };
+    std::size_t shown = 0;
+    for (; shown < texts.size(); ++shown) {
+        const std::string more = texts.size() - shown > 1 ? fmt::format(" and {} more", texts.size() - shown - 1) : "";
+        const std::string next = (shown > 0 ? ", " : " ") + texts[shown];
+        if (shown > 0 && width(line + next + more) > columns) break;
+        line += next;
+    }
+    PrintLine(shown < texts.size() ? fmt::format("{} and {} more", line, texts.size() - shown) : line);
+}
+
 /// Draws what changes, or the one value that was read, and names the rest.
-void PrintPlots(const Plots& read, const Range& range, int columns) {
+void PrintPlots(const std::vector<Plotted>& plots, const Range& range, int columns) {
     const Blocks& blocks = ShowsUtf8() ? unicodeBlocks : asciiBlocks;
+    const bool isOneSource = std::all_of(plots.begin(), plots.end(), [&](const Plotted& plotted) {
+        return SourceOf(plotted) == SourceOf(plots.front());
+    });
     std::size_t drawn = 0;
-    std::size_t named = 0;
-    for (const Plotted& plotted : read.plots) {
-        if (drawn < plotsShown && (Changes(plotted) || read.plots.size() == 1)) {
-            PrintPlot(plotted, range, columns, blocks);
+    std::vector<std::string> notDrawn;
+    std::vector<std::string> unchanged;
+    for (const Plotted& plotted : plots) {
+        const std::string name = (isOneSource ? "" : SourceOf(plotted) + " ") + NameOf(plotted);
+        if (drawn < plotsShown && (Changes(plotted) || plots.size() == 1)) {
+            PrintPlot(plotted, range, columns - labelWidth, blocks);
             ++drawn;
-        } else if (named < plotsNamed) {
-            PrintLine((Changes(plotted) ? "not drawn: " : "unchanged: ") + TitleOf(plotted));
-            ++named;
+        } else if (Changes(plotted)) {
+            notDrawn.push_back(name);
+        } else {
+            unchanged.push_back(name + " " + LastOf(plotted));
         }
     }
-    const std::size_t left = read.plots.size() - drawn - named;
-    if (left > 0 || read.more) PrintLine(fmt::format("{}{} more", read.more ? "more than " : "", left));
-    if (named > 0) PrintLine("--member, --agent and --device choose what is drawn");
+    if (!notDrawn.empty()) PrintList("not drawn:", notDrawn, static_cast<std::size_t>(columns));
+    if (!unchanged.empty()) PrintList("unchanged:", unchanged, static_cast<std::size_t>(columns));
+    if (!notDrawn.empty()) PrintLine("--member, --agent and --device choose what is drawn");
+}
+
+/// Tells on standard error what the plots do not show.
+void TellOfTheRest(Store& store, const Given& given, const Plots& read, const Range& range) {
+    if (read.isFull)
+        PrintNote(fmt::format("only {} values were read; --member, --agent and --device choose others", read.series));
+    if (!read.plots.empty()) return;
+    if (read.series > 0)
+        return PrintNote("too few numbers of these counters for a rate were collected since " + UtcText(range.from));
+    RequireKnown(store, PlotFilter(given));
+    RequireKnownMember(store, PlotFilter(given), MemberOf(given));
+    PrintNote("no number of this record was collected since " + UtcText(range.from));
 }
 
 Table NumbersOf(const std::vector<Plotted>& plots) {
@@ -203,14 +242,10 @@ void RunPlot(const Given& given) {
     const Range range{MomentOf("--since", Value(given, "--since", "1h"), now), now};
     if (range.from >= range.to) throw UsageError("--since takes a time that has been");
     const bool isDrawn = !Has(given, "--csv") && !Has(given, "--json");
-    const int columns = Columns() - labelWidth;
-    const Plots read = ReadPlots(store, given, range, isDrawn ? columns : partsOfTable);
-    if (read.plots.empty()) {
-        RequireKnown(store, FilterOf(given));
-        RequireKnownMember(store, FilterOf(given), MemberOf(given));
-        throw NotFoundError("no number of this record was collected since " + UtcText(range.from));
-    }
-    if (isDrawn) return PrintPlots(read, range, columns);
+    const int columns = Columns();
+    const Plots read = ReadPlots(store, given, range, isDrawn ? columns - labelWidth : partsOfTable);
+    TellOfTheRest(store, given, read, range);
+    if (isDrawn) return PrintPlots(read.plots, range, columns);
     const Table table = NumbersOf(read.plots);
     const std::string text = Has(given, "--csv") ? TableCsv(table) : TableJson(table) + "\n";
     std::fputs(text.c_str(), stdout);
@@ -221,7 +256,8 @@ constexpr Word plotWords[] = {{"NAME", "the record whose values are drawn"}};
 
 constexpr Option plotOptions[] = {
     databaseOption,
-    {"--member", "MEMBER", "only this value, as the page names it, such as '/ FreeSpace', or an OID"},
+    {"--member", "MEMBER",
+     "only this value, as the page names it, such as '/ FreeSpace', or of all rows: FreeSpace, ifInOctets, an OID"},
     {"--agent", "KEY", "only this agent's"},
     {"--device", "KEY", "only those of this polled device or slave"},
     {"--since", "TIME",

@@ -31,16 +31,10 @@ struct Wanted {
     }
 };
 
-std::optional<std::string> GivenText(const Given& given, const char* option) {
-    return Has(given, option) ? std::optional(Value(given, option)) : std::nullopt;
-}
-
 Wanted WantedOf(const Given& given) {
     Wanted wanted;
     wanted.follow = Has(given, "--follow");
-    wanted.filter = {GivenText(given, "--agent"), GivenText(given, "--device"), GivenText(given, "--name"),
-                     Has(given, "--failed")};
-    if (wanted.filter.agent == "") wanted.filter.agent.reset();  // as a script may have it: all agents
+    wanted.filter = FilterOf(given);
     const std::int64_t now = Now();
     if (Has(given, "--since")) wanted.range.from = MomentOf("--since", Value(given, "--since"), now);
     if (Has(given, "--until")) wanted.range.to = MomentOf("--until", Value(given, "--until"), now);
@@ -69,7 +63,7 @@ void ForEach(Store& store, const Wanted& wanted, const Print& print) {
         commandline::FlushOutput();
         isEmpty = isEmpty && records.empty();
     }
-    if (isEmpty) std::fprintf(stderr, "kvlab: no record fits\n");
+    if (isEmpty) PrintNote("no record fits");
 }
 
 void PrintLines(Store& store, const std::vector<HistoryRecord>& records) {

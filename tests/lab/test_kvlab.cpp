@@ -17,7 +17,8 @@ using ::testing::MatchesRegex;
 class Kvlab : public LabOnEach {
   protected:
     kv::test::ShellOutcome Run(const std::string& words) const {
-        return kv::test::RunShell("'" KVLAB_PROGRAM "' " + words + " 2>'" + errors + "'");
+        return kv::test::RunShell("LC_ALL=" + locale + " COLUMNS=80 '" KVLAB_PROGRAM "' " + words + " 2>'" + errors +
+                                  "'");
     }
     kv::test::ShellOutcome RunOnDatabase(const std::string& words) const {
         return Run(words + " --database '" + database + "'");
@@ -25,6 +26,7 @@ class Kvlab : public LabOnEach {
     std::string Errors() const { return Read(errors); }
 
     std::string errors = folder / "errors";
+    std::string locale = "C.UTF-8";
 };
 
 TEST_P(Kvlab, EndsWithAnExitCodeAndALine) {
@@ -91,6 +93,7 @@ TEST_P(Kvlab, PrintsAndDrawsRecords) {
     const std::string plot = RunOnDatabase("plot Disks --since 3h").output;
     EXPECT_THAT(plot, testing::StartsWith("A1 · Disks / FreeSpace: 3.0 kB\n    3.0 kB |"));
     EXPECT_THAT(plot, testing::HasSubstr("\n    1.0 kB |"));
+    EXPECT_THAT(RunOnDatabase("plot Disks --since 3h --member FreeSpace").output, testing::HasSubstr("Disks / FreeSp"));
     EXPECT_THAT(RunOnDatabase("plot Disks --since 30m --csv").output,
                 MatchesRegex(".*Z,2000,2000,2000,bytes\r\n.*Z,3000,3000,3000,bytes\r"));
     const std::tuple<const char*, int, const char*> rows[] = {
@@ -99,7 +102,8 @@ TEST_P(Kvlab, PrintsAndDrawsRecords) {
         {"records --agent B1", 3, "an agent with the key 'B1'; those that came: A1"},
         {"records --until 2020-01-01 --csv", 0, "no record fits"},
         {"plot Disks --member '/ FreSpace'", 3, "no number '/ FreSpace'; did you mean '/ FreeSpace'?"},
-        {"plot Disks --since 2s", 3, "no number of this record was collected since"},
+        {"plot Disks --member freespac", 3, "no number 'freespac'; did you mean 'FreeSpace'?"},
+        {"plot Disks --since 2s --csv", 0, "no number of this record was collected since"},
         {"records --json >/dev/full", 1, "cannot be written"},
     };
     for (const auto& [words, exitCode, text] : rows) {
@@ -108,6 +112,26 @@ TEST_P(Kvlab, PrintsAndDrawsRecords) {
     }
     EXPECT_THAT(RunOnDatabase("records --json --failed").output,
                 MatchesRegex(".*\"name\":\"Disks\".*\"values\":\\{.*\"3000\"\\}]\\}\\}]\\}"));
+}
+
+TEST_P(Kvlab, DrawsWhatChangesAndNamesTheRest) {
+    const auto record = [](std::int64_t ago, int load) {
+        std::string rows = R"({"Name":"a","Size":"7"})";
+        for (int row = 0; row < 300; ++row) rows += fmt::format(R"(,{{"Name":"r{}","Load":"{}"}})", row, load);
+        return DecodeRecord(
+            "f.txt", WideBytes(fmt::format(R"({{"DATACOLLECTTIME":"{}","Rows":[{}]}})", Now() / 1000 - ago, rows)));
+    };
+    StoreDelivery(store, "A1", "1.zip", {record(900, 1), record(60, 2)});
+    locale = "C";
+    const std::string plot = RunOnDatabase("plot Rows").output;
+    EXPECT_THAT(plot, testing::StartsWith("A1 - Rows r0 Load: 2\n"));
+    EXPECT_TRUE(std::all_of(plot.begin(), plot.end(), [](char byte) { return static_cast<signed char>(byte) > 0; }));
+    EXPECT_THAT(plot,
+                MatchesRegex(".*\nA1 - Rows r5 Load.*UTC\n\nnot drawn: r6 Load, r7 Load[^\n]* and 1[0-9][0-9] more\n"
+                             "unchanged: a Size 7 B[^\n]*\n--member[^\n]*"));
+    EXPECT_THAT(Errors(), testing::HasSubstr("only 200 values were read"));
+    EXPECT_THAT(RunOnDatabase("plot Rows --member Size").output, testing::StartsWith("A1 - Rows a Size: 7 B\n"));
+    EXPECT_EQ(Errors(), "");
 }
 
 class Requests : public Kvlab {
