@@ -13,8 +13,8 @@ namespace {
 std::vector<CurvePoint> PointsOf(const std::vector<Part>& parts, const Meaning& meaning) {
     std::vector<CurvePoint> points;
     for (const Part& part : parts)
-        points.push_back(
-            {part.last, part.low * meaning.factor, part.high * meaning.factor, part.average * meaning.factor});
+        points.push_back({part.last, part.low * meaning.factor, part.high * meaning.factor,
+                          part.average * meaning.factor, part.first < part.last});
     return points;
 }
 
@@ -72,6 +72,29 @@ Curve ReadCurve(Store& store, std::int64_t series, const Range& range, std::int6
     return curve;
 }
 
+std::size_t Curve::points() const {
+    std::size_t count = 0;
+    for (const std::vector<CurvePoint>& piece : pieces) count += piece.size();
+    return count;
+}
+
+Range DrawnRange(const Range& range, std::int64_t first) {
+    constexpr std::int64_t shortest = 60'000;
+    return {std::max(range.from, std::min(first, range.to - shortest)), range.to};
+}
+
+std::int64_t PartOf(const Range& range, std::int64_t parts) {
+    constexpr std::int64_t hour = 3600;
+    for (const std::int64_t seconds : {1, 2, 5, 10, 15, 20, 30, 60, 120, 300, 600, 900, 1200, 1800})
+        if (range.to - range.from <= parts * seconds * 1000) return seconds * 1000;
+    const std::int64_t hours = (range.to - range.from) / (parts * hour * 1000) + 1;
+    return hours * hour * 1000;
+}
+
+bool BeginsAtZero(double low, double high, Unit unit) {
+    return low >= 0 && (unit == Unit::percent || high - low >= low / 2);
+}
+
 double PlotArea::X(std::int64_t time) const {
     return static_cast<double>(time - from) / static_cast<double>(std::max<std::int64_t>(to - from, 1)) * width;
 }
@@ -84,6 +107,31 @@ double PlotArea::Y(double number) const {
 std::string LinePath(const Curve& curve, const PlotArea& area) {
     std::string path;
     for (const std::vector<CurvePoint>& piece : curve.pieces) AddPiece(path, piece, area);
+    return path;
+}
+
+std::string DotPath(const Curve& curve, const PlotArea& area) {
+    std::string path;
+    for (const std::vector<CurvePoint>& piece : curve.pieces)
+        for (const CurvePoint& point : piece) {
+            AddPoint(path, 'M', area.X(point.time), area.Y(point.number));
+            path += "h0";
+        }
+    return path;
+}
+
+std::string BandPath(const Curve& curve, const PlotArea& area) {
+    std::string path;
+    for (const std::vector<CurvePoint>& piece : curve.pieces) {
+        char command = 'M';
+        for (const CurvePoint& point : piece) {
+            AddPoint(path, command, area.X(point.time), area.Y(point.high));
+            command = 'L';
+        }
+        for (auto point = piece.rbegin(); point != piece.rend(); ++point)
+            AddPoint(path, 'L', area.X(point->time), area.Y(point->low));
+        path += 'z';
+    }
     return path;
 }
 

@@ -56,6 +56,10 @@ std::string SourceQuery(const Scope& scope, const Source& source) {
     return ScopeQuery({scope.range, scope.choice, {source.agent, source.device, source.name, scope.filter.failedOnly}});
 }
 
+std::string QueryWithMember(const std::string& query, std::string_view member) {
+    return query + (query.empty() ? "?" : "&") + "member=" + UrlText(member);
+}
+
 std::string UrlText(std::string_view text) {
     std::string encoded;
     for (const char character : text) {

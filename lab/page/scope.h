@@ -46,6 +46,9 @@ std::string ScopeQuery(const Scope& scope);
 /// The same for the records of one source.
 std::string SourceQuery(const Scope& scope, const Source& source);
 
+/// A query, encoded and perhaps empty, and the value that a plot draws.
+std::string QueryWithMember(const std::string& query, std::string_view member);
+
 /// A text as a value in a query.
 std::string UrlText(std::string_view text);
 

@@ -91,12 +91,15 @@ footer { margin-top: 1.6rem; font-size: .82rem; }
 /// Of the cards and plots of values. The colours of lines tell twelve apart, with a contrast of at least 3 on --card.
 inline constexpr std::string_view valueStyle = R"(
 .cards { display: grid; grid-template-columns: repeat(auto-fill, minmax(14rem, 1fr)); gap: .6rem; }
-a.value { display: block; color: inherit; text-decoration: none; }
+a.value { display: flex; flex-direction: column; color: inherit; text-decoration: none; }
 a.value:hover, a.value:focus-visible { border-color: var(--accent); }
 .value .name { font-size: .82rem; color: var(--soft); white-space: nowrap; overflow: hidden; text-overflow: ellipsis; }
-.value .member { white-space: nowrap; overflow: hidden; text-overflow: ellipsis; }
+.value .member { overflow-wrap: anywhere; line-height: 1.25; }
+.place { display: flex; gap: .3em; } .place span { overflow: hidden; text-overflow: ellipsis; }
+.place span:first-child { flex: 0 0 auto; max-width: 65%; }
 .value .now { font-size: 1.2rem; font-weight: 600; font-variant-numeric: tabular-nums; }
-.value svg { width: 100%; height: 46px; display: block; margin: .15rem 0; }
+.value svg, .value .wait { width: 100%; height: 46px; display: block; margin: auto 0 .15rem; }
+.value svg { overflow: visible; padding-top: .15rem; } .value .wait { line-height: 46px; }
 .line { fill: none; stroke: var(--accent); stroke-width: 1.7; vector-effect: non-scaling-stroke; stroke-linejoin: round; }
 .under { fill: var(--tint); }
 .plot { display: grid; grid-template-columns: 5.2rem minmax(0, 1fr); padding: 1rem 1.2rem .6rem .4rem; }

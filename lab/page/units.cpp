@@ -1,10 +1,13 @@
 #include "lab/page/units.h"
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstdint>
 #include <fmt/format.h>
+#include <initializer_list>
 #include <optional>
+#include <utility>
 
 namespace kv::lab {
 
@@ -197,36 +200,54 @@ Meaning NamedMeaning(std::string_view property) {
     return {};
 }
 
-/// With as many places as a reader can use: 0.123, 1.23, 12.3, 123, and 1,234,567.
-std::string PlainText(double number) {
-    const double size = std::fabs(number);
-    if (size != 0 && size < 1e-3) return fmt::format("{:.2g}", number);
-    if (size >= 1e15) return fmt::format("{:.4g}", number);
-    if (size >= 1000 || number == std::floor(number)) {
-        std::string digits = fmt::format("{:.0f}", size);
-        for (std::size_t at = digits.size(); at > 3;) digits.insert(at -= 3, ",");
-        return (number < 0 && digits != "0" ? "-" : "") + digits;
-    }
-    return size >= 100  ? fmt::format("{:.0f}", number)
-           : size >= 10 ? fmt::format("{:.1f}", number)
-           : size >= 1  ? fmt::format("{:.2f}", number)
-                        : fmt::format("{:.3f}", number);
+/// With commas between thousands: 1,234,567.8.
+std::string GroupedText(double number, int places) {
+    std::string digits = fmt::format("{:.{}f}", std::fabs(number), places);
+    for (std::size_t at = std::min(digits.find('.'), digits.size()); at > 3;) digits.insert(at -= 3, ",");
+    return (number < 0 && digits.find_first_not_of("0.") != std::string::npos ? "-" : "") + digits;
 }
 
-std::string ScaledText(double number, std::string_view unit) {
+/// With as many places as a reader can use: 0.123, 1.23, 12.3, 123, and 1,234,567.
+std::string PlainText(double number, int more) {
+    const double size = std::fabs(number);
+    if (size != 0 && size < 1e-3) return fmt::format("{:.{}g}", number, 2 + more);
+    if (size >= 1e15) return fmt::format("{:.{}g}", number, 4 + more);
+    if (number == std::floor(number)) return GroupedText(number, 0);
+    const int places = size >= 100 ? 0 : size >= 10 ? 1 : size >= 1 ? 2 : 3;
+    return GroupedText(number, places + more);
+}
+
+std::string ScaledText(double number, std::string_view unit, int more) {
     constexpr std::array<std::string_view, 7> prefixes{"", "k", "M", "G", "T", "P", "E"};
     std::size_t prefix = 0;
     while (std::fabs(number) >= 999.95 && prefix + 1 < prefixes.size()) {
         number /= 1000;
         ++prefix;
     }
-    const std::string digits = prefix == 0 ? PlainText(number) : fmt::format("{:.1f}", number);
+    const std::string digits = prefix == 0 ? PlainText(number, more) : fmt::format("{:.{}f}", number, 1 + more);
     return digits + " " + std::string(prefixes[prefix]) + std::string(unit);
 }
 
-std::string DurationText(double seconds) {
+/// With the days, hours and minutes of a time of seconds that are not 0, and what is left.
+std::string ExactDurationText(double seconds, int more) {
     const double size = std::fabs(seconds);
-    if (size < 120) return PlainText(seconds) + " s";
+    std::string text;
+    double left = size;
+    for (const auto& [word, length] : {std::pair("d", 86400), std::pair("h", 3600), std::pair("min", 60)}) {
+        const double count = std::floor(left / length);
+        left -= count * length;
+        if (count > 0) text += fmt::format("{}{:.0f} {}", text.empty() ? "" : " ", count, word);
+    }
+    const std::string rest =
+        left == std::floor(left) ? fmt::format("{:.0f}", left) : fmt::format("{:.{}f}", left, more);
+    if (rest != "0" || text.empty()) text += (text.empty() ? "" : " ") + rest + " s";
+    return (seconds < 0 ? "-" : "") + text;
+}
+
+std::string DurationText(double seconds, int more) {
+    const double size = std::fabs(seconds);
+    if (size < 120) return PlainText(seconds, more) + " s";
+    if (more > 0) return ExactDurationText(seconds, more - 1);
     const auto whole = static_cast<std::int64_t>(size);
     const std::string sign = seconds < 0 ? "-" : "";
     if (whole < 7200) return fmt::format("{}{} min", sign, whole / 60);
@@ -234,15 +255,37 @@ std::string DurationText(double seconds) {
     return fmt::format("{}{} d {} h", sign, whole / 86400, whole % 86400 / 3600);
 }
 
-}  // namespace
+bool HasOneOf(std::string_view text, std::initializer_list<std::string_view> words) {
+    return std::any_of(words.begin(), words.end(),
+                       [text](std::string_view word) { return text.find(word) != std::string_view::npos; });
+}
 
-MemberParts SplitMember(std::string_view member) {
-    // Of rows with one key the second says so at the end: "eth0 Speed #2".
+/// Whether numbers that differ by more than the noise of reckoning have texts that differ.
+bool TellsApart(const std::vector<double>& numbers, const std::vector<std::string>& texts) {
+    constexpr double noise = 1e-9;
+    for (std::size_t one = 0; one < numbers.size(); ++one)
+        for (std::size_t other = 0; other < one; ++other) {
+            const double size = std::max(std::fabs(numbers[one]), std::fabs(numbers[other]));
+            const bool differ = std::fabs(numbers[one] - numbers[other]) > size * noise;
+            if (differ && texts[one] == texts[other]) return false;
+        }
+    return true;
+}
+
+/// Where the mark begins that a second row of one key has at its end, or npos.
+std::size_t MarkOf(std::string_view member) {
     const std::size_t mark = member.rfind(" #");
     const bool isMarked = mark != std::string_view::npos && mark > 0 &&
                           member.find_first_not_of("0123456789", mark + 2) == std::string_view::npos &&
                           mark + 2 < member.size();
-    const std::string_view named = isMarked ? member.substr(0, mark) : member;
+    return isMarked ? mark : std::string_view::npos;
+}
+
+}  // namespace
+
+MemberParts SplitMember(std::string_view member) {
+    // Of rows with one key the second says so at the end: "eth0 Speed #2".
+    const std::string_view named = member.substr(0, MarkOf(member));
     const std::size_t blank = named.rfind(' ');
     if (blank == std::string_view::npos) return {"", named};
     return {named.substr(0, blank), named.substr(blank + 1)};
@@ -265,39 +308,77 @@ std::string MemberTitle(std::string_view member) {
     return std::string(known->name) + (isPlain ? "" : " " + std::string(instance));
 }
 
+ShownMember ShowMember(std::string_view member) {
+    if (IsOid(member)) {
+        const std::string title = MemberTitle(member);
+        const std::size_t blank = title.find(' ');
+        if (blank == std::string::npos) return {"", title};
+        return {title.substr(blank + 1), title.substr(0, blank)};
+    }
+    const auto [row, property] = SplitMember(member);
+    const std::size_t mark = MarkOf(member);
+    const std::string_view marked = mark == std::string_view::npos ? "" : member.substr(row.empty() ? mark + 1 : mark);
+    return {std::string(row) + std::string(marked), std::string(property)};
+}
+
+Course UsualCourse(std::string_view member) {
+    const Meaning meaning = MeaningOf(member);
+    if (meaning.kind == ValueKind::counter) return Course::moves;
+    if (meaning.unit == Unit::percent || meaning.unit == Unit::perSecond || meaning.unit == Unit::bytesPerSecond)
+        return Course::moves;
+    const std::string property = ShowMember(member).property;
+    if (HasOneOf(property, {"Free", "Used", "Avail", "Load", "WorkingSet"})) return Course::moves;
+    const bool isFixed = HasOneOf(property, {"Total", "Size", "Max", "Number", "Capacity", "Speed", "Index", "Type",
+                                             "Mtu", "Version", "Processors", "Cores", "Width", "Units"});
+    const bool isIdentity = property.ends_with("Id") || property.ends_with("ID");
+    return isFixed || isIdentity ? Course::stands : Course::unknown;
+}
+
 double MeantNumber(double number, const Meaning& meaning) {
     if (meaning.kind == ValueKind::gauge) return number * meaning.factor;
     return number < 0 ? number + std::ldexp(1.0, 64) : number;
 }
 
-std::string ValueText(double number, Unit unit) {
+std::string ValueText(double number, Unit unit, int moreDigits) {
     switch (unit) {
         case Unit::bytes:
-            return ScaledText(number, "B");
+            return ScaledText(number, "B", moreDigits);
         case Unit::percent:
-            return PlainText(number) + " %";
+            return PlainText(number, moreDigits) + " %";
         case Unit::seconds:
-            return DurationText(number);
+            return DurationText(number, moreDigits);
         case Unit::hertz:
-            return ScaledText(number, "Hz");
+            return ScaledText(number, "Hz", moreDigits);
         case Unit::bitsPerSecond:
-            return ScaledText(number, "bit/s");
+            return ScaledText(number, "bit/s", moreDigits);
         case Unit::perSecond:
-            return PlainText(number) + " /s";
+            return PlainText(number, moreDigits) + " /s";
         case Unit::bytesPerSecond:
-            return ScaledText(number, "B/s");
+            return ScaledText(number, "B/s", moreDigits);
         case Unit::none:
             break;
     }
-    return PlainText(number);
+    return PlainText(number, moreDigits);
 }
 
-std::string AxisText(double number, Unit unit) {
+std::string AxisText(double number, Unit unit, int moreDigits) {
     if (unit == Unit::none && std::fabs(number) >= 100000) {
-        std::string text = ScaledText(number, "");
+        std::string text = ScaledText(number, "", moreDigits);
         return text.ends_with(' ') ? text.substr(0, text.size() - 1) : text;
     }
-    return ValueText(number, unit);
+    return ValueText(number, unit, moreDigits);
+}
+
+std::vector<std::string> DistinctTexts(const std::vector<double>& numbers, Unit unit,
+                                       std::string (*text)(double, Unit, int)) {
+    constexpr int mostDigits = 9;
+    std::vector<std::string> texts;
+    for (int more = 0; more <= mostDigits; ++more) {
+        texts.clear();
+        for (const double number : numbers) texts.push_back(text(number, unit, more));
+        if (TellsApart(numbers, texts)) break;
+    }
+    return texts;
 }
 
 std::string_view UnitName(Unit unit) {

@@ -4,6 +4,7 @@
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace kv::lab {
 
@@ -34,14 +35,35 @@ struct MemberParts {
 };
 MemberParts SplitMember(std::string_view member);
 
+/// A member for people in its parts: "ifInOctets" and "2", "FreeSpace" and "/". Of rows with one key the second is
+/// "eth0 #2".
+struct ShownMember {
+    std::string row;
+    std::string property;
+};
+ShownMember ShowMember(std::string_view member);
+
+/// What is expected of a value before its numbers tell.
+enum class Course {
+    moves,    // percents, rates, what is free or used
+    unknown,  // anything else
+    stands,   // totals, sizes, limits, and numbers that name something
+};
+Course UsualCourse(std::string_view member);
+
 /// A stored number in its unit; a counter's as it is. Agents write a 64-bit counter from 2^63 on with a sign.
 double MeantNumber(double number, const Meaning& meaning);
 
-/// A number in its unit for people: "75.7 GB", "12 %", "3 h 20 min", "112,159".
-std::string ValueText(double number, Unit unit);
+/// A number in its unit for people: "75.7 GB", "12 %", "3 h 20 min", "112,159". More digits than usual: "75.66 GB".
+std::string ValueText(double number, Unit unit, int moreDigits = 0);
 
 /// The same, short enough for an axis.
-std::string AxisText(double number, Unit unit);
+std::string AxisText(double number, Unit unit, int moreDigits = 0);
+
+/// The texts of numbers that stand together, by ValueText or AxisText: with so many digits, all alike, that numbers
+/// that differ read differently.
+std::vector<std::string> DistinctTexts(const std::vector<double>& numbers, Unit unit,
+                                       std::string (*text)(double, Unit, int));
 
 /// "bytes", "percent" and so on, empty for Unit::none: for tables and tools.
 std::string_view UnitName(Unit unit);

@@ -1,6 +1,9 @@
 #include "lab/page/value_cards.h"
 
 #include <algorithm>
+#include <map>
+#include <set>
+#include <tuple>
 
 #include "lab/page/curve.h"
 #include "lab/page/frame.h"
@@ -24,67 +27,104 @@ struct Card {
     SeriesName series;
     Meaning meaning;
     Curve curve;
+    bool hasOtherRows = false;  // its record has
 
     bool changes() const { return curve.high > curve.low; }
-    std::size_t points() const {
-        std::size_t count = 0;
-        for (const std::vector<CurvePoint>& piece : curve.pieces) count += piece.size();
-        return count;
-    }
 };
 
-void AddSparkline(std::string& html, const Card& card, const Scope& scope) {
-    PlotArea area{drawingWidth, drawingHeight, scope.range.from, scope.range.to, card.curve.low, card.curve.high};
-    const double room = (card.curve.high - card.curve.low) * margin / (drawingHeight - 2 * margin);
-    area.low -= room;
+struct Cards {
+    std::vector<Card> cards;
+    Range drawn;
+};
+
+PlotArea AreaOf(const Card& card, const Range& drawn) {
+    const Curve& curve = card.curve;
+    PlotArea area{drawingWidth, drawingHeight, drawn.from, drawn.to, curve.low, curve.high};
+    if (BeginsAtZero(curve.low, curve.high, card.meaning.unit)) area.low = 0;
+    if (area.low == 0 && area.high == 0) area.high = 1;
+    const double room = (area.high - area.low) * margin / (drawingHeight - 2 * margin);
     area.high += room;
-    Add(html,
-        "<svg viewBox='0 0 {} {}' preserveAspectRatio=none aria-hidden=true><path class=under d='{}'/>"
-        "<path class=line d='{}'/></svg>",
-        drawingWidth, drawingHeight, FilledPath(card.curve, area), LinePath(card.curve, area));
+    if (area.low != 0) area.low -= room;
+    return area;
 }
 
-void AddCard(std::string& html, const Card& card, const Scope& scope) {
+/// What lies under the line is filled only where it is a share of the whole.
+void AddSparkline(std::string& html, const Card& card, const Range& drawn) {
+    if (card.curve.points() < 2) {
+        const bool isRate = card.meaning.kind == ValueKind::counter;
+        Add(html, "<p class='wait name'>a curve after the {} record</p>", isRate ? "third" : "second");
+        return;
+    }
+    const PlotArea area = AreaOf(card, drawn);
+    Add(html, "<svg viewBox='0 0 {} {}' preserveAspectRatio=none aria-hidden=true>", drawingWidth, drawingHeight);
+    if (area.low == 0) Add(html, "<path class=under d='{}'/>", FilledPath(card.curve, area));
+    Add(html, "<path class=line d='{}'/></svg>", LinePath(card.curve, area));
+}
+
+/// The row comes first where it tells cards apart, as the end of a long line is cut off.
+void AddPlace(std::string& html, const std::string& row, const std::string& source, bool isRowFirst) {
+    if (row.empty())
+        Add(html, "<div class=name>{}</div>", source);
+    else if (isRowFirst)
+        Add(html, "<div class='name place'><span>{}</span><span>· {}</span></div>", row, source);
+    else
+        Add(html, "<div class=name>{} · {}</div>", source, row);
+}
+
+void AddCard(std::string& html, const Card& card, const Scope& scope, const Range& drawn) {
     const SeriesName& series = card.series;
     const std::string source = Escape(SourceTitle({0, series.agent, series.device, series.name}));
-    const std::string member = Escape(MemberTitle(series.member));
+    const ShownMember member = ShowMember(series.member);
     const Unit unit = card.meaning.unit;
-    Add(html,
-        "<a class='card value' href=\"{}\" title=\"{} {}\"><div class=member>{}</div><div class=name>{}</div>"
-        "<div class=now>{}</div>",
-        Escape(PlotPath(scope, series)), source, member, member, source, ValueText(card.curve.last, unit));
-    AddSparkline(html, card, scope);
-    Add(html, "<div class=name>min {} · max {}</div></a>\n", ValueText(card.curve.low, unit),
-        ValueText(card.curve.high, unit));
+    Add(html, "<a class='card value' href=\"{}\" title=\"{} {}\"><div class=member>{}</div>",
+        Escape(PlotPath(scope, series)), source, Escape(MemberTitle(series.member)), Escape(member.property));
+    AddPlace(html, Escape(member.row), source, card.hasOtherRows);
+    Add(html, "<div class=now>{}</div>", ValueText(card.curve.last, unit));
+    AddSparkline(html, card, drawn);
+    const std::vector<std::string> ends = DistinctTexts({card.curve.low, card.curve.high}, unit, ValueText);
+    Add(html, "<div class=name>min {} · max {}</div></a>\n", ends[0], ends[1]);
 }
 
-/// What changes comes before what stands still, and of both what came often before what came only now and then.
+/// What changes comes before what stands still, what is expected to move before what is not, and before all of these
+/// what came often before what came only now and then.
 void Rank(std::vector<Card>& cards) {
     std::size_t most = 0;
-    for (const Card& card : cards) most = std::max(most, card.points());
+    for (const Card& card : cards) most = std::max(most, card.curve.points());
     std::stable_sort(cards.begin(), cards.end(), [most](const Card& one, const Card& other) {
-        const auto rank = [most](const Card& card) { return std::pair(card.points() * 2 < most, !card.changes()); };
+        const auto rank = [most](const Card& card) {
+            return std::tuple(card.curve.points() * 2 < most, !card.changes(), UsualCourse(card.series.member));
+        };
         return rank(one) < rank(other);
     });
 }
 
-std::vector<Card> ReadCards(Store& store, const Scope& scope, const std::vector<SeriesName>& series) {
-    std::vector<Card> cards;
+/// Marks the cards of records whose values have several rows.
+void MarkRows(std::vector<Card>& cards) {
+    std::map<std::tuple<std::string, std::string, std::string>, std::set<std::string>> rows;
+    const auto rowsOf = [&rows](const SeriesName& series) -> std::set<std::string>& {
+        return rows[{series.agent, series.device, series.name}];
+    };
+    for (const Card& card : cards) rowsOf(card.series).insert(ShowMember(card.series.member).row);
+    for (Card& card : cards) card.hasOtherRows = rowsOf(card.series).size() > 1;
+}
+
+/// All cards have one axis of time.
+Cards ReadCards(Store& store, const Scope& scope, const std::vector<SeriesName>& series) {
+    std::int64_t first = scope.range.to;
+    for (const SeriesName& name : series)
+        first = std::min(first, ReadFirstTime(store, name.number, scope.Records()).value_or(first));
+    Cards read{{}, DrawnRange(scope.range, first)};
     for (const SeriesName& name : series) {
         const Meaning meaning = MeaningOf(name.member);
-        const std::int64_t part = scope.choice->milliseconds / partsOfCard;
-        Curve curve = ReadCurve(store, name.number, scope.Records(), part, meaning);
-        if (!curve.isEmpty()) cards.push_back({name, meaning, std::move(curve)});
+        Curve curve = ReadCurve(store, name.number, scope.Records(), PartOf(read.drawn, partsOfCard), meaning);
+        if (!curve.isEmpty()) read.cards.push_back({name, meaning, std::move(curve)});
     }
-    Rank(cards);
-    return cards;
+    MarkRows(read.cards);
+    Rank(read.cards);
+    return read;
 }
 
 }  // namespace
-
-std::string QueryWithMember(const std::string& query, std::string_view member) {
-    return query + (query.empty() ? "?" : "&") + "member=" + UrlText(member);
-}
 
 std::string PlotPath(const Scope& scope, const SeriesName& series) {
     const Source source{0, series.agent, series.device, series.name};
@@ -93,13 +133,13 @@ std::string PlotPath(const Scope& scope, const SeriesName& series) {
 
 void AddValueCards(std::string& html, Store& store, const Scope& scope) {
     const SeriesList list = ReadSeries(store, scope.Records(), scope.filter, std::nullopt, seriesRead);
-    const std::vector<Card> cards = ReadCards(store, scope, list.series);
+    const auto [cards, drawn] = ReadCards(store, scope, list.series);
     if (cards.empty()) return;
     html += "<section id=values>";
     AddSectionTitle(html, "Values", "/values", ScopeQuery(scope));
     html += "<div class=cards>\n";
     const std::size_t shown = std::min(cards.size(), cardsOnPage);
-    for (std::size_t at = 0; at < shown; ++at) AddCard(html, cards[at], scope);
+    for (std::size_t at = 0; at < shown; ++at) AddCard(html, cards[at], scope, drawn);
     html += "</div>\n";
     if (list.more) {
         Add(html, "<p class=soft>… more than {} in all; narrow it down by the filter.</p>\n", seriesRead);

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <string>
-#include <string_view>
 
 #include "lab/page/scope.h"
 #include "lab/page/table.h"
@@ -17,9 +16,6 @@ void AddValueCards(std::string& html, Store& store, const Scope& scope);
 
 /// The latest values of the scope's sources, a row for each.
 Table ValueTable(Store& store, const Scope& scope);
-
-/// A query, encoded and perhaps empty, and the value that a plot draws.
-std::string QueryWithMember(const std::string& query, std::string_view member);
 
 /// The path of the large plot of a series within a scope.
 std::string PlotPath(const Scope& scope, const SeriesName& series);

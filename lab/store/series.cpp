@@ -41,6 +41,13 @@ SeriesList ReadSeries(Store& store, const Range& range, const Filter& filter, co
     return list;
 }
 
+std::optional<std::int64_t> ReadFirstTime(Store& store, std::int64_t series, const Range& range) {
+    Statement row(*store.database,
+                  "SELECT time FROM sample WHERE series = ? AND time BETWEEN ? AND ? ORDER BY time LIMIT 1", series,
+                  range.from, range.to);
+    return row.Step() ? std::optional(row.number(0)) : std::nullopt;
+}
+
 std::vector<Part> ReadParts(Store& store, std::int64_t series, const Range& range, std::int64_t part) {
     Statement rows(*store.database,
                    "SELECT min(time), max(time), min(number), max(number), avg(number) FROM sample "

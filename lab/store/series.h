@@ -27,6 +27,9 @@ struct SeriesList {
 SeriesList ReadSeries(Store& store, const Range& range, const Filter& filter, const std::optional<std::string>& member,
                       std::int64_t limit);
 
+/// When the first sample of a series within a range was collected; absent without samples.
+std::optional<std::int64_t> ReadFirstTime(Store& store, std::int64_t series, const Range& range);
+
 /// The samples of one series within one of the equal parts of a range.
 struct Part {
     std::int64_t first = 0;  // when its first sample was collected

@@ -40,6 +40,34 @@ TEST(Units, AreKnownByNameAndOid) {
     EXPECT_EQ(MemberTitle(".1.3.6.1.2.1.2.2.1.10.2"), "ifInOctets 2");
     EXPECT_EQ(MeaningOf(".1.3.6.1.2.1.2.2.1.10.2").kind, ValueKind::counter);
     EXPECT_EQ(SplitMember("eth 0 Speed #2").property, "Speed");
+    EXPECT_EQ(ShowMember("eth 0 Speed #2").row, "eth 0 #2");
+    EXPECT_EQ(ShowMember(".1.3.6.1.2.1.2.2.1.10.2").row, "2");
+}
+
+TEST(Units, TellNumbersApart) {
+    const std::tuple<Unit, std::vector<double>, std::vector<std::string>> rows[] = {
+        {Unit::bytes, {42.2e9, 42.25e9, 42.3e9}, {"42.20 GB", "42.25 GB", "42.30 GB"}},
+        {Unit::bytes, {1e9, 2e9, 2e9}, {"1.0 GB", "2.0 GB", "2.0 GB"}},
+        {Unit::percent, {0.3, 0.1 + 0.2}, {"0.300 %", "0.300 %"}},
+        {Unit::seconds, {7200, 7230}, {"2 h", "2 h 30 s"}},
+        {Unit::none, {1234.2, 1234.3}, {"1,234.2", "1,234.3"}},
+    };
+    for (const auto& [unit, numbers, texts] : rows) EXPECT_EQ(DistinctTexts(numbers, unit, ValueText), texts);
+}
+
+TEST(Units, TellWhatUsuallyMoves) {
+    const std::pair<const char*, Course> rows[] = {
+        {"_Total PercentProcessorTime", Course::moves},
+        {"/ FreeSpace", Course::moves},
+        {".1.3.6.1.2.1.2.2.1.10.2", Course::moves},
+        {"lab WorkingSetSize", Course::moves},
+        {"anna Quota", Course::unknown},
+        {"/ Size", Course::stands},
+        {"SwapTotalKB", Course::stands},
+        {".1.3.6.1.2.1.2.2.1.1.2", Course::stands},
+        {"lab ProcessId", Course::stands},
+    };
+    for (const auto& [member, course] : rows) EXPECT_EQ(UsualCourse(member), course) << member;
 }
 
 class Values : public LabOnEach {
@@ -133,7 +161,7 @@ TEST_P(Values, BecomeRatesOfCountersAndLinesWithGaps) {
 TEST_P(Values, AreShownPlottedAndListed) {
     DeliverValues();
     EXPECT_THAT(Get("/"), HasSubstr("<div class=now>3.0 kB</div>"));
-    EXPECT_THAT(Get("/"), HasSubstr("<div class=member>ifInOctets 2</div>"));
+    EXPECT_THAT(Get("/"), HasSubstr("<div class=member>ifInOctets</div><div class=name>SW · "));
     EXPECT_THAT(Get("/"), HasSubstr("min 50 B/s · max 50 B/s"));
     EXPECT_THAT(Get("/values.csv"), HasSubstr("A1,,Disks,\"a\"\"b\\c d FreeSpace\",3000"));
     const std::string plot = "?member=.1.3.6.1.2.1.2.2.1.10.2&name=.1.3.6.1.2.1.2.2.1.10";
