@@ -18,6 +18,7 @@ struct ServletRequest {
     std::string_view body;
     std::string address;  // of the sender
     bool cut = false;     // only half of the answer will be sent
+    bool html = false;    // who asks can show HTML: a browser
 };
 
 struct Answer {

@@ -9,6 +9,7 @@
 #include "lab/page/overview.h"
 #include "lab/page/plot.h"
 #include "lab/page/problems.h"
+#include "lab/page/record_html.h"
 #include "lab/page/records.h"
 #include "lab/page/requests.h"
 #include "lab/page/scope.h"
@@ -37,7 +38,10 @@ constexpr std::int64_t refusalsShown = 1000;
 constexpr std::int64_t choicesRead = 200;
 constexpr int refreshSeconds = 3;
 
-Answer HtmlAnswer(std::string html) { return {200, std::move(html), "text/html; charset=utf-8", {}}; }
+constexpr std::size_t maxShownPath = 200;
+constexpr const char* htmlType = "text/html; charset=utf-8";
+
+Answer HtmlAnswer(std::string html) { return {200, std::move(html), htmlType, {}}; }
 
 Scope ScopeNow(const ServletRequest& request) { return ScopeOf(request, Now()); }
 
@@ -254,7 +258,34 @@ std::optional<Answer> FindAndServe(Store& store, const ServletRequest& request) 
     return std::nullopt;
 }
 
+std::string ErrorTitle(int status) {
+    switch (status) {
+        case 400:
+            return "This address cannot be read";
+        case 404:
+            return "Not found";
+        case 405:
+            return "Not to be called like this";
+        default:
+            return "The lab has failed";
+    }
+}
+
 }  // namespace
+
+Answer ShownError(Answer answer, const ServletRequest& request) {
+    if (answer.status < 400 || !request.html) return answer;
+    Frame frame;
+    frame.title = ErrorTitle(answer.status);
+    Add(frame.controls, "<div class=bar><span>HTTP status {} for <code>{}</code></span></div>\n", answer.status,
+        Escape(StartOfText(CleanUtf8(request.path), maxShownPath)));
+    Add(frame.body,
+        "<p class=card>{}</p>\n<p><a href=/>to the overview</a> · <a href=/records>to the records</a></p>\n",
+        Escape(answer.body));
+    answer.type = htmlType;
+    answer.body = Document(frame);
+    return answer;
+}
 
 std::optional<Answer> ServeView(Store& store, const ServletRequest& request) {
     try {

@@ -12,4 +12,7 @@ namespace kv::lab {
 /// one line. DatabaseError passes through.
 std::optional<Answer> ServeView(Store& store, const ServletRequest& request);
 
+/// An answer of an error, which is a line of text, as who asks can show it: for a browser it is a page that leads on.
+Answer ShownError(Answer answer, const ServletRequest& request);
+
 }  // namespace kv::lab

@@ -119,6 +119,11 @@ std::string AddressOf(MHD_Connection* connection) {
                                                                                  : address;
 }
 
+bool AcceptsHtml(MHD_Connection* connection) {
+    const char* const types = MHD_lookup_connection_value(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_ACCEPT);
+    return types != nullptr && std::string_view(types).find("text/html") != std::string_view::npos;
+}
+
 int SocketOf(MHD_Connection* connection) {
     return MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD)->connect_fd;
 }
@@ -239,6 +244,7 @@ MHD_Result HttpDaemon::Running::Begin(MHD_Connection* connection, const char* pa
     call.method = method;
     call.path = path;
     call.address = AddressOf(connection);
+    call.html = AcceptsHtml(connection);
     MHD_get_connection_values_n(connection, MHD_GET_ARGUMENT_KIND, AddParameter, &call.query);
     *context = exchange.release();
     return MHD_YES;

@@ -66,8 +66,8 @@ std::string ServletAt(const std::string& path) {
 
 Answer AnswerView(Store& store, ServletRequest call) {
     if (call.method == "HEAD") call.method = "GET";
-    if (call.method != "GET") return TextAnswer(405, "this path is called with GET");
-    return ServeView(store, call).value_or(TextAnswer(404, "there is nothing here"));
+    if (call.method != "GET") return ShownError(TextAnswer(405, "this path is called with GET"), call);
+    return ShownError(ServeView(store, call).value_or(TextAnswer(404, "there is nothing here")), call);
 }
 
 ServerOptions Checked(const ServerOptions& options) {
@@ -98,7 +98,7 @@ struct LabServer::Running {
 
     void PruneEachHour();
     HttpOutcome Handle(std::size_t worker, const HttpRequest& request) noexcept;
-    HttpOutcome Failed(const std::exception& error);
+    HttpOutcome Failed(const std::exception& error, const ServletRequest& call);
     HttpOutcome HandleServlet(Store& store, const std::string& servlet, const HttpRequest& request) const;
 };
 
@@ -121,15 +121,15 @@ HttpOutcome LabServer::Running::Handle(std::size_t worker, const HttpRequest& re
         return {HttpOutcome::Kind::answer, AnswerView(store, request.call), {}};
     } catch (const DatabaseError& error) {
         stores.NoteFailure();
-        return Failed(error);
+        return Failed(error, request.call);
     } catch (const std::exception& error) {
-        return Failed(error);
+        return Failed(error, request.call);
     }
 }
 
-HttpOutcome LabServer::Running::Failed(const std::exception& error) {
+HttpOutcome LabServer::Running::Failed(const std::exception& error, const ServletRequest& call) {
     failures.Tell(error.what());
-    return {HttpOutcome::Kind::answer, TextAnswer(500, error.what()), {}};
+    return {HttpOutcome::Kind::answer, ShownError(TextAnswer(500, error.what()), call), {}};
 }
 
 /// Serves a request to a servlet, with the fault that is set for it.

@@ -165,7 +165,8 @@ class PageInBrowser : public Lab {
                 EXPECT_EQ(browser.Run(faultsOfTabs), none);
                 browser.SetView(width, 900, true);
                 EXPECT_EQ(browser.Run(faultsOfContrast), none) << "in the dark";
-                EXPECT_EQ(browser.Console(), "[]");
+                const std::string said = browser.Console();
+                EXPECT_TRUE(said == "[]" || path.starts_with("/nothing")) << said;
             }
         }
     }
@@ -196,7 +197,7 @@ TEST_F(PageInBrowser, IsForAllReaders) {
 }
 
 TEST_F(PageInBrowser, IsForAllReadersOfAnEmptyLab) {
-    Inspect({"/", "/records", "/requests", "/agents", "/plot?member=x"});
+    Inspect({"/", "/records", "/requests", "/agents", "/plot?member=x", "/nothing/%3Cb%3E%FF" + std::string(80, 'n')});
 }
 
 TEST_F(PageInBrowser, ColoursWhatFailed) {

@@ -205,7 +205,14 @@ TEST_P(Views, RefuseWhatTheyCannotRead) {
         const httplib::Result answer = client.Get(path);
         EXPECT_EQ(answer->status, status) << path;
         EXPECT_EQ(answer->body, text) << path;
+        const httplib::Result page = client.Get(path, {{"Accept", "text/html,*/*"}});
+        EXPECT_EQ(page->status, status) << path;
+        EXPECT_EQ(page->get_header_value("Content-Type"), "text/html; charset=utf-8") << path;
+        EXPECT_THAT(page->body, AllOf(HasSubstr(text), HasSubstr("<a href=/>"))) << path;
     }
+    const httplib::Result other =
+        client.Get("/servlets/Odd%3Cb", {{"Accept", "text/html"}});  // not a page, whoever asks
+    EXPECT_EQ(other->body, "there is no such servlet\n");
 }
 
 INSTANTIATE_TEST_SUITE_P(Database, Views, eachKind, KindName);
