@@ -235,7 +235,9 @@ TEST_F(PageInBrowser, ShowsWhatTheDatabaseHolds) {
     EXPECT_EQ(browser.RunText(R"(return [...document.querySelectorAll('a.value:not([href*=member\\=\\.])')].map(e =>
                   [...e.querySelectorAll('div')].map(part => part.textContent).join(' ').replaceAll(' B', '') + '\n')
                   .sort().join(''))"),
-              Sql("SELECT s.member || ' ' || src.agent || ' · ' || src.name || ' ' || CAST(x.number AS INTEGER) || "
+              Sql("SELECT substr(s.member, instr(s.member, ' ') + 1) || ' ' || substr(s.member, 1, "
+                  "instr(s.member, ' ') - 1) || '· ' || src.agent || ' · ' || src.name || ' ' || CAST(x.number AS "
+                  "INTEGER) || "
                   "' min ' || CAST(a.low AS INTEGER) || ' · max ' || CAST(a.high AS INTEGER) FROM series s "
                   "JOIN source src ON src.number = s.source JOIN (SELECT series, min(number) AS low, "
                   "max(number) AS high, max(time) AS newest FROM sample GROUP BY series) a ON a.series = s.number "
