@@ -20,6 +20,13 @@ std::optional<std::int64_t> SecondsOf(const std::string& text, const char* form)
     return time.tm_mday == day ? std::optional(seconds) : std::nullopt;
 }
 
+/// When it was such a time of day last.
+std::int64_t LastTimeOfDay(std::int64_t timeOfDay, std::int64_t now) {
+    constexpr std::int64_t day = 86'400'000;
+    const std::int64_t today = now - now % day + timeOfDay;
+    return today <= now ? today : today - day;
+}
+
 }  // namespace
 
 std::int64_t MomentOf(const std::string& option, const std::string& text, std::int64_t now) {
@@ -28,9 +35,12 @@ std::int64_t MomentOf(const std::string& option, const std::string& text, std::i
     if (const std::size_t mark = plain.find('T'); mark != std::string::npos) plain[mark] = ' ';
     for (const char* const form : {"%Y-%m-%d", "%Y-%m-%d %H:%M", "%Y-%m-%d %H:%M:%S"})
         if (const std::optional<std::int64_t> seconds = SecondsOf(plain, form)) return *seconds * 1000;
+    for (const char* const form : {"%Y-%m-%d %H:%M", "%Y-%m-%d %H:%M:%S"})
+        if (const std::optional<std::int64_t> seconds = SecondsOf("1970-01-01 " + plain, form))
+            return LastTimeOfDay(*seconds * 1000, now);
     if (const std::int64_t ago = MillisecondsIn(text); ago > 0) return now - ago;
-    throw UsageError(option + " takes a time in UTC such as '2026-11-27 12:00', or 15m, 2h, 7d ago, not '" + text +
-                     "'");
+    throw UsageError(option + " takes a time in UTC such as 13:10 or '2026-11-27 13:10', or 15m, 2h, 7d ago, not '" +
+                     text + "'");
 }
 
 }  // namespace kv::lab

@@ -261,7 +261,7 @@ constexpr Option plotOptions[] = {
     {"--agent", "KEY", "only this agent's"},
     {"--device", "KEY", "only those of this polled device or slave"},
     {"--since", "TIME",
-     "from then on: 15m, 2h or 7d ago, or a time in UTC such as '2026-11-27 12:00'; the default is 1h"},
+     "from then on: 15m, 2h or 7d ago, or a time in UTC such as 13:10 or '2026-11-27 13:10'; the default is 1h"},
     {"--csv", "", "the numbers as CSV: for each 240th of the time their average, the smallest and the largest"},
     {"--json", "", "the same as JSON"},
 };
