@@ -38,7 +38,9 @@ void RunFaultClear(const Given& given) {
     const std::int64_t number = Number(given, "--number", 0, {1, INT64_MAX});
     Store store = OpenExisting(given);
     const std::int64_t cleared = ClearFaults(store, number, servlet);
-    if (cleared == 0 && (number != 0 || !servlet.empty())) throw NotFoundError("there is no such fault");
+    if (cleared > 0 || (number == 0 && servlet.empty())) return;
+    throw NotFoundError(fmt::format("no fault{}{} is set", number > 0 ? fmt::format(" with the number {}", number) : "",
+                                    servlet.empty() ? "" : " for " + servlet));
 }
 
 void RunFaultList(const Given& given) {

@@ -72,10 +72,15 @@ bool IsCalled(const std::string& member, const std::string& name) {
            (name.starts_with('.') && member.starts_with(name + '.'));
 }
 
+void RequireAgent(Store& store, const std::string& key, const std::string& hint) {
+    if (AgentExists(store, key)) return;
+    std::vector<std::string> known;
+    for (const Agent& agent : Agents(store)) known.push_back(agent.details.key);
+    throw NotFoundError(fmt::format("no agent has the key '{}'{}{}", OneLine(key), Advice(key, known), hint));
+}
+
 void RequireKnown(Store& store, const Filter& filter) {
-    if (filter.agent && !AgentExists(store, *filter.agent))
-        Require(store, "came from an agent with the key", filter.agent, {filter.agent, {}, {}, false},
-                &FilterChoices::agents);
+    if (filter.agent && !SourceExists(store, {filter.agent, {}, {}, false})) RequireAgent(store, *filter.agent);
     Require(store, "is of the device", filter.device, {{}, filter.device, {}, false}, &FilterChoices::devices);
     Require(store, "has the name", filter.name, {{}, {}, filter.name, false}, &FilterChoices::names);
 }

@@ -16,6 +16,9 @@ Filter FilterOf(const Given& given);
 /// ever came, each by itself. It tells the nearest name, or some that are known.
 void RequireKnown(Store& store, const Filter& filter);
 
+/// Throws NotFoundError, with the nearest key and then a hint, when the database has not heard of an agent.
+void RequireAgent(Store& store, const std::string& key, const std::string& hint = "");
+
 /// Whether a value of the database is called so: as it is stored, as the page names it, or without its row or instance,
 /// as in FreeSpace, ifInOctets and .1.3.6.1.2.1.2.2.1.10.
 bool IsCalled(const std::string& member, const std::string& name);

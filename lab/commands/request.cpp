@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include "lab/commands/command_line.h"
+#include "lab/commands/known_names.h"
 #include "lab/commands/request_queue.h"
 #include "lab/store/record_text.h"
 #include "lab/store/requests.h"
@@ -37,8 +38,7 @@ void RunRequestList(const Given& given) {
     Store store = OpenExisting(given);
     const std::string agent = Value(given, "--agent");
     const std::vector<Request> requests = Requests(store, agent);
-    if (requests.empty() && !agent.empty() && !AgentExists(store, agent))
-        throw NotFoundError("there is no agent with the key " + agent);
+    if (requests.empty() && !agent.empty()) RequireAgent(store, agent);
     for (const Request& request : requests)
         PrintLine(fmt::format("{}\t{}\t{}\t{}\t{}\t{}\t{}\t{}\t{}\t{}", request.number, OneLine(request.agent),
                               OneLine(request.id), OneLine(request.type), request.state, TimeText(request.added),
@@ -52,10 +52,8 @@ void RunRequestAnswers(const Given& given) {
     Store store = OpenExisting(given);
     const std::string agent = Value(given, "--agent");
     const std::string id = Value(given, "--id");
-    std::vector<Report> answers = LatestAnswers(store, maxAnswers);
-    std::erase_if(answers, [&](const Report& answer) {
-        return (!agent.empty() && answer.agent != agent) || (!id.empty() && answer.requestId != id);
-    });
+    std::vector<Report> answers = LatestAnswers(store, agent, id, maxAnswers);
+    if (answers.empty() && !agent.empty()) RequireAgent(store, agent);
     if (answers.empty() && !id.empty()) throw NotFoundError("there is no answer to the request " + id);
     std::reverse(answers.begin(), answers.end());
     for (const Report& answer : answers)
@@ -80,7 +78,7 @@ constexpr Option listOptions[] = {databaseOption, {"--agent", "KEY", "only this 
 constexpr Option answersOptions[] = {
     databaseOption,
     {"--agent", "KEY", "only this agent's"},
-    {"--id", "ID", "only those to this request; exit code 3 if there are none"},
+    {"--id", "ID", "only those to this request; exit code 3 if it has no answer"},
 };
 
 constexpr Item requestTypes[] = {
@@ -112,7 +110,8 @@ constexpr Command commands[] = {
      listOptions,
      RunRequestList},
     {"request answers",
-     "Prints what agents have answered. One answer a line, the oldest of the last 1000 first, with tabs between: time, "
+     "Prints what agents have answered. One answer a line, the oldest of the last 1000 that fit first, with tabs "
+     "between: time, "
      "agent, id of the request, its type, the answer as JSON text.",
      {},
      answersOptions,

@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 
 #include "foundation/registry_store.h"
+#include "lab/commands/known_names.h"
 #include "platform/backend.h"
 #include "platform/messages.h"
 #include "platform/registry.h"
@@ -75,8 +76,7 @@ void RaiseRequestFlag(const std::string& id) {
 void QueueForAgent(const Given& given, const std::string& agent, const std::function<std::string(Store&)>& add) {
     const bool flag = !Has(given, "--no-flag");
     Store store = OpenExisting(given);
-    if (flag && !AgentExists(store, agent))
-        throw NotFoundError(fmt::format("there is no agent with the key {}; {}", agent, noFlagHint));
+    if (flag) RequireAgent(store, agent, fmt::format("; {}", noFlagHint));
     if (flag) OpenAgentRegistry(given, agent);
     const std::string id = add(store);
     if (flag) RaiseRequestFlag(id);

@@ -52,11 +52,7 @@ void AddReport(Store& store, std::string_view table, const Report& report) {
             report.agent, report.action, Indexable(report.requestId), report.text, Now());
 }
 
-std::vector<Report> LatestReports(Store& store, std::string_view table, std::int64_t limit) {
-    Statement rows(
-        *store.database,
-        "SELECT agent, action, request_id, text, time FROM " + std::string(table) + " ORDER BY number DESC LIMIT ?",
-        limit);
+std::vector<Report> ReadReports(Statement rows) {
     std::vector<Report> reports;
     while (rows.Step()) reports.push_back({rows.text(0), rows.text(1), rows.text(2), rows.text(3), rows.number(4)});
     return reports;
@@ -185,8 +181,20 @@ std::vector<Refusal> LatestRefusals(Store& store, std::int64_t limit) {
 
 void NoteAction(Store& store, const Report& report) { AddReport(store, "notice", report); }
 void StoreAnswer(Store& store, const Report& report) { AddReport(store, "answer", report); }
-std::vector<Report> LatestActions(Store& store, std::int64_t limit) { return LatestReports(store, "notice", limit); }
-std::vector<Report> LatestAnswers(Store& store, std::int64_t limit) { return LatestReports(store, "answer", limit); }
+std::vector<Report> LatestActions(Store& store, std::int64_t limit) {
+    return ReadReports(
+        Statement(*store.database,
+                  "SELECT agent, action, request_id, text, time FROM notice ORDER BY number DESC LIMIT ?", limit));
+}
+
+std::vector<Report> LatestAnswers(Store& store, std::string_view agent, std::string_view requestId,
+                                  std::int64_t limit) {
+    return ReadReports(
+        Statement(*store.database,
+                  "SELECT agent, action, request_id, text, time FROM answer WHERE (?1 = '' OR agent = ?1) "
+                  "AND (?2 = '' OR request_id = ?2) ORDER BY number DESC LIMIT ?3",
+                  agent, requestId, limit));
+}
 
 std::int64_t AddFault(Store& store, const Fault& fault) {
     return QueryNumber(*store.database,

@@ -141,7 +141,9 @@ void StoreAnswer(Store& store, const Report& report);
 
 /// Newest first.
 std::vector<Report> LatestActions(Store& store, std::int64_t limit);
-std::vector<Report> LatestAnswers(Store& store, std::int64_t limit);
+
+/// The same of answers. An empty agent means all, and so does an empty request.
+std::vector<Report> LatestAnswers(Store& store, std::string_view agent, std::string_view requestId, std::int64_t limit);
 
 // --- Faults
 

@@ -1,4 +1,5 @@
 // kvlab on its command line, and requests to agents, which the agents fetch and report over real HTTP.
+#include <fmt/chrono.h>
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 
@@ -87,6 +88,8 @@ TEST_P(Kvlab, PrintsAndDrawsRecords) {
                   {record(7000, "NO ERROR", 1000), record(900, "NO ERROR", 2000), record(60, "FAILED", 3000)});
     NoteContact(store, "A1", "");
     EXPECT_THAT(RunOnDatabase("records --agent A1 --since 1h").output, MatchesRegex("2\tA1\t.*2000.*\n3\tA1.*3000.*"));
+    EXPECT_THAT(RunOnDatabase(fmt::format("records --since {:%H:%M}", fmt::gmtime(now - 1800))).output,
+                MatchesRegex("2\tA1\t.*\n3\tA1.*"));
     EXPECT_THAT(RunOnDatabase("records --failed --name Disks --csv").output,
                 MatchesRegex("number,agent,.*\n3,A1,,Disks,.*,yes,FAILED,1.zip,f.txt,[0-9]+\r"));
     EXPECT_EQ(RunOnDatabase("records --until 2020-01-01").output, "");
@@ -99,7 +102,11 @@ TEST_P(Kvlab, PrintsAndDrawsRecords) {
     const std::tuple<const char*, int, const char*> rows[] = {
         {"records --name Dsks", 3, "no record has the name 'Dsks'; did you mean 'Disks'?"},
         {"records --device S9", 3, "no record is of the device 'S9'; those that came: ''"},
-        {"records --agent B1", 3, "an agent with the key 'B1'; those that came: A1"},
+        {"records --agent B1", 3, "no agent has the key 'B1'; those that came: A1"},
+        {"request list --agent AA1", 3, "no agent has the key 'AA1'; did you mean 'A1'?"},
+        {"request answers --agent AA1", 3, "did you mean 'A1'?"},
+        {"request add --agent AA1 --type T", 3, "did you mean 'A1'?; --no-flag only queues"},
+        {"fault clear --number 7 --servlet conf", 3, "no fault with the number 7 for conf is set"},
         {"records --until 2020-01-01 --csv", 0, "no record fits"},
         {"plot Disks --member '/ FreSpace'", 3, "no number '/ FreSpace'; did you mean '/ FreeSpace'?"},
         {"plot Disks --member freespac", 3, "no number 'freespac'; did you mean 'FreeSpace'?"},
