@@ -7,6 +7,7 @@
 #include <iterator>
 
 #include "lab/store/archive.h"
+#include "lab/store/record_text.h"
 
 namespace kv::lab {
 
@@ -16,6 +17,8 @@ Store OpenExisting(const Given& given) {
         throw NotFoundError("there is no database " + place);
     return OpenStore(place, Opening::existing);
 }
+
+std::string StoredValue(const Given& given, const char* name) { return CleanUtf8(Value(given, name)); }
 
 std::string ReadPlanFile(const std::string& path) {
     if (!std::filesystem::exists(path)) throw NotFoundError("there is no file " + path);

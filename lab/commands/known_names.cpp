@@ -60,7 +60,7 @@ std::string PropertyOf(const std::string& member) {
 
 Filter FilterOf(const Given& given) {
     const auto text = [&](const char* option) {
-        return Has(given, option) ? std::optional(Value(given, option)) : std::nullopt;
+        return Has(given, option) ? std::optional(StoredValue(given, option)) : std::nullopt;
     };
     Filter filter{text("--agent"), text("--device"), text("--name"), Has(given, "--failed")};
     if (filter.agent == "") filter.agent.reset();
@@ -77,6 +77,11 @@ void RequireAgent(Store& store, const std::string& key, const std::string& hint)
     std::vector<std::string> known;
     for (const Agent& agent : Agents(store)) known.push_back(agent.details.key);
     throw NotFoundError(fmt::format("no agent has the key '{}'{}{}", OneLine(key), Advice(key, known), hint));
+}
+
+std::string NewestText(Store& store, const Filter& filter) {
+    const std::int64_t newest = Summarize(store, {INT64_MAX, INT64_MAX}, filter, INT64_MAX).lastCollected;
+    return newest == 0 ? "; these names have not come together" : "; the newest record is of " + UtcText(newest);
 }
 
 void RequireKnown(Store& store, const Filter& filter) {

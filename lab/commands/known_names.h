@@ -16,6 +16,10 @@ Filter FilterOf(const Given& given);
 /// ever came, each by itself. It tells the nearest name, or some that are known.
 void RequireKnown(Store& store, const Filter& filter);
 
+/// When the newest record of known names was collected, for when a time holds nothing: "; the newest is of ...", or
+/// that the names never came together.
+std::string NewestText(Store& store, const Filter& filter);
+
 /// Throws NotFoundError, with the nearest key and then a hint, when the database has not heard of an agent.
 void RequireAgent(Store& store, const std::string& key, const std::string& hint = "");
 

@@ -120,12 +120,12 @@ void PrintPlot(const Plotted& plotted, const Range& range, int columns, const Bl
 }
 
 std::optional<std::string> MemberOf(const Given& given) {
-    return Has(given, "--member") ? std::optional(Value(given, "--member")) : std::nullopt;
+    return Has(given, "--member") ? std::optional(StoredValue(given, "--member")) : std::nullopt;
 }
 
 Filter PlotFilter(const Given& given) {
     Filter filter = FilterOf(given);
-    filter.name = Value(given, "NAME");
+    filter.name = StoredValue(given, "NAME");
     return filter;
 }
 
@@ -212,7 +212,8 @@ void TellOfTheRest(Store& store, const Given& given, const Plots& read, const Ra
         return PrintNote("too few numbers of these counters for a rate were collected since " + UtcText(range.from));
     RequireKnown(store, PlotFilter(given));
     RequireKnownMember(store, PlotFilter(given), MemberOf(given));
-    PrintNote("no number of this record was collected since " + UtcText(range.from));
+    PrintNote("no number of this record was collected since " + UtcText(range.from) +
+              NewestText(store, PlotFilter(given)));
 }
 
 Table NumbersOf(const std::vector<Plotted>& plots) {

@@ -63,7 +63,8 @@ void ForEach(Store& store, const Wanted& wanted, const Print& print) {
         commandline::FlushOutput();
         isEmpty = isEmpty && records.empty();
     }
-    if (isEmpty) PrintNote("no record fits");
+    if (!isEmpty) return;
+    PrintNote(wanted.filter.failedOnly ? "no failed record fits" : "no record fits" + NewestText(store, wanted.filter));
 }
 
 void PrintLines(Store& store, const std::vector<HistoryRecord>& records) {

@@ -36,7 +36,7 @@ std::string TimeText(std::int64_t time) { return time == 0 ? "" : UtcText(time);
 
 void RunRequestList(const Given& given) {
     Store store = OpenExisting(given);
-    const std::string agent = Value(given, "--agent");
+    const std::string agent = StoredValue(given, "--agent");
     const std::vector<Request> requests = Requests(store, agent);
     if (requests.empty() && !agent.empty()) RequireAgent(store, agent);
     for (const Request& request : requests)
@@ -50,8 +50,8 @@ constexpr std::int64_t maxAnswers = 1000;
 
 void RunRequestAnswers(const Given& given) {
     Store store = OpenExisting(given);
-    const std::string agent = Value(given, "--agent");
-    const std::string id = Value(given, "--id");
+    const std::string agent = StoredValue(given, "--agent");
+    const std::string id = StoredValue(given, "--id");
     std::vector<Report> answers = LatestAnswers(store, agent, id, maxAnswers);
     if (answers.empty() && !agent.empty()) RequireAgent(store, agent);
     if (answers.empty() && !id.empty()) throw NotFoundError("there is no answer to the request " + id);

@@ -74,6 +74,7 @@ void RaiseRequestFlag(const std::string& id) {
 }  // namespace
 
 void QueueForAgent(const Given& given, const std::string& agent, const std::function<std::string(Store&)>& add) {
+    if (!platform::IsValidUtf8(agent)) throw UsageError("'" + agent + "' is not UTF-8");
     const bool flag = !Has(given, "--no-flag");
     Store store = OpenExisting(given);
     if (flag) RequireAgent(store, agent, fmt::format("; {}", noFlagHint));

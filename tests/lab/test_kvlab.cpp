@@ -86,6 +86,8 @@ TEST_P(Kvlab, PrintsAndDrawsRecords) {
     };
     StoreDelivery(store, "A1", "1.zip",
                   {record(7000, "NO ERROR", 1000), record(900, "NO ERROR", 2000), record(60, "FAILED", 3000)});
+    StoreDelivery(store, "A2", "1.zip",
+                  {DecodeRecord("m.txt", WideBytes(R"({"MSPCUSTOMERID":"C","ERRORMSG":"NO ERROR","Memory":[]})"))});
     NoteContact(store, "A1", "");
     EXPECT_THAT(RunOnDatabase("records --agent A1 --since 1h").output, MatchesRegex("2\tA1\t.*2000.*\n3\tA1.*3000.*"));
     EXPECT_THAT(RunOnDatabase(fmt::format("records --since {:%H:%M}", fmt::gmtime(now - 1800))).output,
@@ -107,7 +109,9 @@ TEST_P(Kvlab, PrintsAndDrawsRecords) {
         {"request answers --agent AA1", 3, "did you mean 'A1'?"},
         {"request add --agent AA1 --type T", 3, "did you mean 'A1'?; --no-flag only queues"},
         {"fault clear --number 7 --servlet conf", 3, "no fault with the number 7 for conf is set"},
-        {"records --until 2020-01-01 --csv", 0, "no record fits"},
+        {"records --name '\xFF'", 3, "those that came: Disks, Memory"},
+        {"records --until 2020-01-01 --csv", 0, "no record fits; the newest record is of 20"},
+        {"records --agent A1 --name Memory", 0, "no record fits; these names have not come together"},
         {"plot Disks --member '/ FreSpace'", 3, "no number '/ FreSpace'; did you mean '/ FreeSpace'?"},
         {"plot Disks --member freespac", 3, "no number 'freespac'; did you mean 'FreeSpace'?"},
         {"plot Disks --since 2s --csv", 0, "no number of this record was collected since"},
