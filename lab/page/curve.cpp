@@ -14,7 +14,7 @@ std::vector<CurvePoint> PointsOf(const std::vector<Part>& parts, const Meaning& 
     std::vector<CurvePoint> points;
     for (const Part& part : parts)
         points.push_back({part.last, part.low * meaning.factor, part.high * meaning.factor,
-                          part.average * meaning.factor, part.first < part.last});
+                          part.average * meaning.factor, part.first < part.last || part.low < part.high});
     return points;
 }
 

@@ -30,11 +30,16 @@ void AddWays(std::string& html, std::string_view path) {
     html += "</nav>";
 }
 
-void AddRanges(std::string& html, const Scope& scope, std::string_view path) {
+/// The path with a scope, and with the value that it may be about.
+std::string PathOf(std::string_view path, const Scope& scope, std::string_view member) {
+    const std::string query = ScopeQuery(scope);
+    return std::string(path) + (member.empty() ? query : QueryWithMember(query, member));
+}
+
+void AddRanges(std::string& html, const Scope& scope, std::string_view path, std::string_view member) {
     html += "<nav class=tabs aria-label=Range><span>last</span>";
     for (const RangeChoice& choice : rangeChoices) {
-        const std::string query = ScopeQuery({scope.range, &choice, scope.filter});
-        Add(html, "<a href=\"{}{}\"{}>{}</a>\n", path, Escape(query),
+        Add(html, "<a href=\"{}\"{}>{}</a>\n", Escape(PathOf(path, {scope.range, &choice, scope.filter}, member)),
             &choice == scope.choice ? " aria-current=true" : "", choice.title);
     }
     html += "</nav>";
@@ -121,21 +126,24 @@ std::string ClockPlace(std::int64_t now) {
         ClockText(now));
 }
 
-std::string ScopeControls(const Scope& scope, const FilterChoices& choices, std::string_view path) {
+std::string ScopeControls(const Scope& scope, const FilterChoices& choices, std::string_view path,
+                          std::string_view member) {
     const std::string words = FilterWords(scope.filter);
     std::string html = "<div class=bar>";
-    AddRanges(html, scope, path);
+    AddRanges(html, scope, path, member);
     html += ClockPlace(scope.range.to);
     if (path == "/") AddTableLinks(html, "/summary", ScopeQuery(scope));
     Add(html, "<details{}><summary>{}</summary>\n<form action=\"{}\"><input type=hidden name=range value={}>\n",
-        words.empty() ? "" : " open", words.empty() ? "Filter" : "Filter: " + Escape(words), path, scope.choice->word);
+        words.empty() || !member.empty() ? "" : " open", words.empty() ? "Filter" : "Filter: " + Escape(words), path,
+        scope.choice->word);
+    if (!member.empty()) Add(html, "<input type=hidden name=member value=\"{}\">\n", Escape(member));
     AddField(html, {"agent", "Agent", ""}, choices.agents, scope.filter.agent);
     AddField(html, {"device", "Device", ownDevice}, choices.devices, scope.filter.device);
     AddField(html, {"name", "Record", unnamedRecord}, choices.names, scope.filter.name);
     Add(html,
         "<label><input type=checkbox name=failed value=1{}> failed only</label>\n<button>Filter</button>\n"
-        "<a href=\"{}{}\">clear</a></form></details></div>\n",
-        scope.filter.failedOnly ? " checked" : "", path, Escape(ScopeQuery({scope.range, scope.choice, {}})));
+        "<a href=\"{}\">clear</a></form></details></div>\n",
+        scope.filter.failedOnly ? " checked" : "", Escape(PathOf(path, {scope.range, scope.choice, {}}, member)));
     return html;
 }
 

@@ -26,8 +26,10 @@ std::string Document(const Frame& frame);
 /// Where a page that is fetched again says of when it is, and aloud why it grows old; part of its controls.
 std::string ClockPlace(std::int64_t now);
 
-/// The range as links and the filter as a form that leads to the same path again.
-std::string ScopeControls(const Scope& scope, const FilterChoices& choices, std::string_view path);
+/// The range as links and the filter as a form that leads to the same path again; on the page of a value, to that
+/// value.
+std::string ScopeControls(const Scope& scope, const FilterChoices& choices, std::string_view path,
+                          std::string_view member = {});
 
 /// Appends a section's heading, with links to its table unless tablePath is empty.
 void AddSectionTitle(std::string& html, std::string_view title, std::string_view tablePath, std::string_view query);

@@ -103,14 +103,16 @@ a.value:hover, a.value:focus-visible { border-color: var(--accent); }
 .line { fill: none; stroke: var(--accent); stroke-width: 1.7; vector-effect: non-scaling-stroke; stroke-linejoin: round; }
 .under { fill: var(--tint); }
 .plot { display: grid; grid-template-columns: 5.2rem minmax(0, 1fr); padding: 1rem 1.2rem .6rem .4rem; }
-.plot svg { grid-column: 2; width: 100%; height: 22rem; display: block; border: 1px solid var(--line); border-width: 0 0 1px 1px; }
+.plot svg { grid-column: 2; width: 100%; height: 22rem; display: block; overflow: visible; border: 1px solid var(--line); border-width: 0 0 1px 1px; }
 .yaxis, .xaxis { position: relative; font-size: .82rem; color: var(--soft); font-variant-numeric: tabular-nums; }
 .yaxis span { position: absolute; right: .5rem; transform: translateY(-50%); white-space: nowrap; }
 .xaxis { grid-column: 2; height: 1.6rem; }
 .xaxis span { position: absolute; top: .25rem; transform: translateX(-50%); white-space: nowrap; }
 .grid-line { stroke: var(--line); stroke-width: 1; fill: none; vector-effect: non-scaling-stroke; }
 .hover { fill: transparent; } .hover:hover { fill: var(--tint); }
-.swatch { width: 1.4rem; height: .8rem; margin-right: .5rem; vertical-align: middle; }
+.swatch { width: 1.4rem; height: .8rem; margin-right: .5rem; vertical-align: middle; } .swatch .line { stroke-width: 4; }
+.dots { stroke-width: 6; stroke-linecap: round; } .band { stroke-width: 0; fill-opacity: .18; fill: var(--accent); }
+.band.line1 { fill: #d1662b; } .band.line2 { fill: #2f9e62; }
 .line1 { stroke: #d1662b; } .line2 { stroke: #2f9e62; } .line3 { stroke: #b04bb5; } .line4 { stroke: #9a8416; }
 .line5 { stroke: #d14a6e; } .line6 { stroke: #1c97a8; } .line7 { stroke: #7a6ff0; } .line8 { stroke: #8a6a4f; }
 .line9 { stroke: #5f9e1c; } .line10 { stroke: #cf4436; } .line11 { stroke: #6b7c8c; }

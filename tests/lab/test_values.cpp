@@ -176,6 +176,27 @@ TEST_P(Values, AreShownPlottedAndListed) {
     EXPECT_THAT(Get("/metrics"), HasSubstr(R"(row="d #2 #2",property="Free",unit=""} 3)")) << "no value is left out";
 }
 
+TEST_P(Values, OfManyAgentsAreDrawnInNaturalOrder) {
+    const auto deliver = [this](const std::string& agent, std::int64_t ago, int number) {
+        const auto text =
+            fmt::format(R"({{"DATACOLLECTTIME":"{}","Load":{{"Load":"{}"}}}})", Now() / 1000 - ago, number);
+        StoreDelivery(store, agent, fmt::format("{} {}", ago, number), {DecodeRecord("l", WideBytes(text))});
+    };
+    for (int agent = 14; agent > 0; --agent) deliver("FLEET" + std::to_string(agent), 500, 7);
+    EXPECT_THAT(Get("/?agent=FLEET3"), HasSubstr("a curve after the second record"));
+    const std::string many = Get("/plot?member=Load&name=Load");
+    EXPECT_LT(many.find(">FLEET2 · Load</a>"), many.find(">FLEET10 · Load</a>"));
+    EXPECT_THAT(many, testing::ContainsRegex("Not drawn: <a href=[^>]*agent=FLEET13[^>]*>FLEET13 · Load</a>, <a"));
+    EXPECT_THAT(many, HasSubstr("<input type=hidden name=member value=\"Load\">"));
+    EXPECT_THAT(many, testing::Not(HasSubstr("Lines are averages")));
+    deliver("FLEET3", 500, 9);
+    deliver("FLEET3", 300, 8);
+    const std::string one = Get("/plot?member=Load&agent=FLEET3");
+    for (const char* part : {"<path class='band line0' d='M", "<path class='line dots line0' d='M0.0 ",
+                             "Lines are averages of 5 seconds; what is tinted", "(7 to 9)"})
+        EXPECT_THAT(one, HasSubstr(part));
+}
+
 INSTANTIATE_TEST_SUITE_P(Database, Values, eachKind, KindName);
 
 /// The port of a listener that lives for a moment.
