@@ -17,8 +17,7 @@ namespace {
 void KeepPlan(const std::string& database, const std::string& path) {
     const std::string bytes = ReadPlanFile(path);
     Store store = OpenStore(database);
-    KeepStartPlan(store, bytes);
-    if (RecordsOfPlan(KnownPlan(store, "").value_or("")).empty())
+    if (!KeepStartPlan(store, bytes))
         throw std::runtime_error(path + " is not a plan that lists records; kvagentctl check " + path + " tells more");
 }
 
@@ -34,8 +33,8 @@ void RunServe(const Given& given) {
     }
     for (const std::string& key : Values(given, "--refuse")) options.refusedKeys.insert(key);
 
-    if (const std::string plan = Value(given, "--plan"); !plan.empty()) KeepPlan(options.database, plan);
     if (Has(given, "--keep")) options.keep = DurationOf("--keep", Value(given, "--keep"));
+    if (const std::string plan = Value(given, "--plan"); !plan.empty()) KeepPlan(options.database, plan);
 
     // Blocked before the server's threads start, so that the signals wait for sigwait below.
     sigset_t signals;

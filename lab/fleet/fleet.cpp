@@ -171,7 +171,6 @@ FleetReport Fleet::Run(const std::function<void(const FleetReport&)>& progress) 
         shown = Clock::now();
         progress(report_);
     }
-    report_.interrupted = interrupted_();
     stopping_ = true;
     WaitForAnswers();
     report_.seconds = Seconds(Clock::now() - start_).count();

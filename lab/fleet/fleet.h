@@ -32,7 +32,6 @@ struct FleetReport {
     std::int64_t acceptedZips = 0;
     std::int64_t waitingZips = 0;  // not accepted yet at the end; they are with their agents still
     double seconds = 0;            // from the first request to the last answer
-    bool interrupted = false;
 
     /// How many zips more the server holds than before; absent when it does not tell.
     std::optional<std::int64_t> zipsHeld;

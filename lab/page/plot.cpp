@@ -112,7 +112,8 @@ VerticalAxis VerticalAxisOf(const Plot& plot) {
         high = std::max(high, line.curve.high);
     }
     if (BeginsAtZero(low, high, plot.meaning.unit)) low = 0;
-    if (high <= low) {
+    constexpr double alike = 1e-9;  // numbers so near to each other have no steps between them
+    if (high - low <= std::fabs(low) * alike) {
         const double room = low == 0 ? 1 : std::fabs(low) / 10;
         high += room;
         if (low != 0) low -= room;

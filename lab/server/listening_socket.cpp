@@ -41,12 +41,12 @@ Addresses Resolve(const std::string& address, int port) {
 /// An empty owner when it cannot be done; errno says why.
 Socket Listen(const addrinfo& place) {
     Socket made(socket(place.ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (!made) return made;
     const int yes = 1;
     const int no = 0;
     setsockopt(made.get(), SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
     if (place.ai_family == AF_INET6) setsockopt(made.get(), IPPROTO_IPV6, IPV6_V6ONLY, &no, sizeof no);
-    const bool listens =
-        made && bind(made.get(), place.ai_addr, place.ai_addrlen) == 0 && listen(made.get(), SOMAXCONN) == 0;
+    const bool listens = bind(made.get(), place.ai_addr, place.ai_addrlen) == 0 && listen(made.get(), SOMAXCONN) == 0;
     return listens ? std::move(made) : Socket();
 }
 

@@ -129,7 +129,9 @@ HttpOutcome LabServer::Running::Handle(std::size_t worker, const HttpRequest& re
 
 HttpOutcome LabServer::Running::Failed(const std::exception& error, const ServletRequest& call) {
     failures.Tell(error.what());
-    return {HttpOutcome::Kind::answer, ShownError(TextAnswer(500, error.what()), call), {}};
+    // Where the database is concerns nobody outside.
+    const Answer answer = TextAnswer(500, "the server failed; its standard error tells why");
+    return {HttpOutcome::Kind::answer, ShownError(answer, call), {}};
 }
 
 /// Serves a request to a servlet, with the fault that is set for it.

@@ -18,7 +18,7 @@ class Digest {
     Digest() : context_(EVP_MD_CTX_new()) { EVP_DigestInit_ex(context_.get(), EVP_sha256(), nullptr); }
 
     void Add(const RecordText& record) {
-        for (const std::string& text : {record.file, record.text}) {
+        for (const std::string_view text : {std::string_view(record.file), std::string_view(record.text)}) {
             const std::string size = std::to_string(text.size()) + ":";
             EVP_DigestUpdate(context_.get(), size.data(), size.size());
             EVP_DigestUpdate(context_.get(), text.data(), text.size());
@@ -85,9 +85,15 @@ void InsertSamples(Database& database, const StoredRecord& record,
     }
 }
 
-void StoreSamples(Database& database, const StoredRecord& record, const std::vector<Sample>& samples) {
+/// The series of the sources that one transaction stores records of.
+using KnownSeries = std::unordered_map<std::int64_t, std::unordered_map<std::string, std::int64_t>>;
+
+void StoreSamples(Database& database, const StoredRecord& record, const std::vector<Sample>& samples,
+                  KnownSeries& known) {
     if (samples.empty()) return;
-    std::unordered_map<std::string, std::int64_t> series = SeriesOf(database, record.source);
+    const auto [place, isNew] = known.try_emplace(record.source);
+    auto& series = place->second;
+    if (isNew) series = SeriesOf(database, record.source);
     std::vector<std::pair<std::int64_t, double>> numbered;
     for (const Sample& sample : samples) {
         std::int64_t& number = series[sample.member];
@@ -112,7 +118,7 @@ struct FactualRecord {
 };
 
 void StoreRecord(Database& database, std::string_view agent, std::int64_t delivery, std::int64_t position,
-                 const FactualRecord& record) {
+                 const FactualRecord& record, KnownSeries& known) {
     const auto& [text, facts] = record;
     StoredRecord stored{0, SourceNumber(database, agent, facts), facts.collected};
     stored.number = QueryNumber(
@@ -122,7 +128,7 @@ void StoreRecord(Database& database, std::string_view agent, std::int64_t delive
         delivery, position, text.file, text.text, static_cast<std::int64_t>(text.text.size()),
         std::int64_t{text.isJson}, stored.source, facts.collected, std::int64_t{facts.failed}, facts.reason);
     UpdateSource(database, stored, facts.failed);
-    StoreSamples(database, stored, facts.samples);
+    StoreSamples(database, stored, facts.samples, known);
 }
 
 /// In PostgreSQL the uploads of one agent wait for each other: they change the same rows. SQLite has one writer anyway.
@@ -147,7 +153,8 @@ void CompleteRecord(Database& database, const OldDelivery& delivery, std::int64_
     Execute(database, "UPDATE record SET source = ?2, collected = ?3, failed = ?4, reason = ?5 WHERE number = ?1",
             number, stored.source, facts.collected, std::int64_t{facts.failed}, facts.reason);
     UpdateSource(database, stored, facts.failed);
-    StoreSamples(database, stored, facts.samples);
+    KnownSeries known;
+    StoreSamples(database, stored, facts.samples, known);
 }
 
 /// Completes its records, and gives their digest.
@@ -179,9 +186,13 @@ Delivery StoreDelivery(Store& store, std::string_view agent, std::string_view zi
     const std::int64_t now = Now();
     Digest digest;
     std::vector<FactualRecord> factual;
+    std::size_t samples = 0;
     for (const RecordText& record : records) {
         digest.Add(record);
         factual.push_back({record, FactsOf(agent, record, now)});
+        std::vector<Sample>& found = factual.back().facts.samples;
+        samples += found.size();
+        if (samples > maxDeliverySamples) found = {};
     }
     std::vector<RecordFacts*> facts;
     for (FactualRecord& record : factual) facts.push_back(&record.facts);
@@ -193,8 +204,9 @@ Delivery StoreDelivery(Store& store, std::string_view agent, std::string_view zi
                                               "ON CONFLICT (agent, zip, digest) DO NOTHING RETURNING number",
                                               agent, zip, now, digest.Text());
     if (delivery == 0) return Delivery::repeated;
+    KnownSeries known;
     for (std::int64_t position = 0; const FactualRecord& record : factual)
-        StoreRecord(database, agent, delivery, position++, record);
+        StoreRecord(database, agent, delivery, position++, record, known);
     transaction.Commit();
     return Delivery::stored;
 }

@@ -28,7 +28,8 @@ bool NaturallyLess(std::string_view a, std::string_view b) {
             const std::string_view other = TakeNumber(b);
             if (one != other) return one.size() != other.size() ? one.size() < other.size() : one < other;
         } else {
-            if (a.front() != b.front()) return a.front() < b.front();
+            if (a.front() != b.front())
+                return static_cast<unsigned char>(a.front()) < static_cast<unsigned char>(b.front());
             a.remove_prefix(1);
             b.remove_prefix(1);
         }

@@ -57,12 +57,14 @@ void AddWorkflow(std::vector<PlannedRecord>& records, json_object* workflow) {
 
 }  // namespace
 
-void KeepStartPlan(Store& store, std::string_view bytes) {
+bool KeepStartPlan(Store& store, std::string_view bytes) {
+    if (RecordsOfPlan(PlanText(bytes)).empty()) return false;
     const std::string zip = MakeArchive({{std::string(planFile), std::string(bytes)}});
     Transaction transaction(*store.database);
     Execute(*store.database, "DELETE FROM conf WHERE agent = ''");
     Execute(*store.database, "INSERT INTO conf (agent, zip, time) VALUES ('', ?, ?)", Blob{zip}, Now());
     transaction.Commit();
+    return true;
 }
 
 std::optional<std::string> KnownPlan(Store& store, std::string_view agent) {

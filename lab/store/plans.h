@@ -12,7 +12,8 @@
 namespace kv::lab {
 
 /// Keeps the plan that agents have from their start, a file's bytes in UTF-8 or UTF-16LE, in place of the former one.
-void KeepStartPlan(Store& store, std::string_view bytes);
+/// False, and nothing is kept, when it lists no records.
+bool KeepStartPlan(Store& store, std::string_view bytes);
 
 /// The text of the plan that an agent was given last, or else of the one that agents start with; absent when neither is
 /// known or it cannot be read. Whether the agent took it, or started with it, is not known.

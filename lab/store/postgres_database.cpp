@@ -123,10 +123,17 @@ class PostgresRows : public Rows {
     int row_ = -1;
 };
 
+/// A server that does not answer fails within seconds, unless the address says how long to wait.
+PGconn* Connect(const std::string& address) {
+    const char* const names[]{"connect_timeout", "dbname", nullptr};
+    const char* const values[]{"10", address.c_str(), nullptr};
+    return PQconnectdbParams(names, values, 1);
+}
+
 class PostgresDatabase : public Database {
   public:
     explicit PostgresDatabase(const std::string& address)
-        : name_(NameWithoutPassword(address)), connection_(PQconnectdb(address.c_str())) {
+        : name_(NameWithoutPassword(address)), connection_(Connect(address)) {
         if (PQstatus(connection_.get()) != CONNECTION_OK) Fail();
         PQsetNoticeProcessor(
             connection_.get(), [](void*, const char*) {}, nullptr);

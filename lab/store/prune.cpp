@@ -52,6 +52,9 @@ constexpr std::string_view deletions[]{
     "DELETE FROM source WHERE number IN (SELECT number FROM source WHERE collected < ? LIMIT ?)",
     "DELETE FROM delivery WHERE number IN (SELECT number FROM delivery WHERE time < ? "
     "AND NOT EXISTS (SELECT 1 FROM record WHERE record.delivery = delivery.number) LIMIT ?)",
+    "DELETE FROM agent WHERE key IN (SELECT key FROM agent WHERE last_contact < ? AND NOT EXISTS (SELECT 1 FROM "
+    "delivery "
+    "WHERE delivery.agent = agent.key) LIMIT ?)",
     "DELETE FROM refused WHERE number IN (SELECT number FROM refused WHERE time < ? LIMIT ?)",
     "DELETE FROM notice WHERE number IN (SELECT number FROM notice WHERE time < ? LIMIT ?)",
     "DELETE FROM answer WHERE number IN (SELECT number FROM answer WHERE time < ? LIMIT ?)",

@@ -5,6 +5,7 @@
 #include <charconv>
 #include <cmath>
 #include <fmt/format.h>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <unordered_map>
@@ -18,6 +19,7 @@ namespace {
 
 constexpr std::int64_t dayMilliseconds = 86'400'000;
 constexpr std::int64_t clockTolerance = 300'000;  // milliseconds that a clock may be ahead
+constexpr std::int64_t clockStep = 3'600'000;     // what is older came before the clock was set
 constexpr std::size_t largeBytes = 1 << 20;
 
 /// Members that say something of the record, not of what it is about.
@@ -243,10 +245,16 @@ std::string FailureOf(json_object* document) {
 }
 
 void SettleFuture(const std::vector<RecordFacts*>& records, std::int64_t arrived) {
-    std::int64_t newest = 0;
-    for (const RecordFacts* facts : records) newest = std::max(newest, facts->collected);
-    for (RecordFacts* facts : records)
-        if (facts->collected > arrived + clockTolerance) facts->collected -= newest - arrived;
+    std::map<std::string_view, std::int64_t> newest;  // of each device
+    for (const RecordFacts* facts : records) {
+        std::int64_t& time = newest[facts->device];
+        time = std::max(time, facts->collected);
+    }
+    for (RecordFacts* facts : records) {
+        const std::int64_t time = newest[facts->device];
+        const bool isOfThatClock = facts->collected > time - clockStep;
+        if (time > arrived + clockTolerance && isOfThatClock) facts->collected -= time - arrived;
+    }
 }
 
 }  // namespace kv::lab

@@ -32,6 +32,7 @@ struct RecordFacts {
 
 /// Bounds on what one record may add to the database.
 inline constexpr std::size_t maxSamples = 2000;
+inline constexpr std::size_t maxDeliverySamples = 100'000;  // of all records of a zip
 inline constexpr std::size_t maxNameBytes = 200;
 inline constexpr std::size_t maxReasonBytes = 1000;
 
@@ -49,9 +50,9 @@ std::vector<FoundSample> FindSamples(json_object* document);
 /// Why a record or an answer to a request, which is an object, says that it failed; empty when it does not.
 std::string FailureOf(json_object* document);
 
-/// Of records that arrived together, moves back those that a clock ahead dates into the future, so that they do not
-/// stand before all that come later: the newest was collected when it arrived, the others as long before it as they
-/// say.
+/// Of records that arrived together, moves back those of each device whose clock is ahead, so that they do not stand
+/// before all that come later: the newest was collected when it arrived, those of the hour before it as long before it
+/// as they say.
 void SettleFuture(const std::vector<RecordFacts*>& records, std::int64_t arrived);
 
 }  // namespace kv::lab

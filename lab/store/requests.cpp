@@ -147,8 +147,11 @@ std::string AddConfiguration(Store& store, std::string_view agent, std::string_v
 
 std::optional<std::string> TakeConfiguration(Store& store, std::string_view path, bool arrives) {
     std::optional<std::string> zip;
-    Statement row(*store.database, ConfAt("SELECT zip FROM conf"), path);
-    if (row.Step()) zip = row.text(0);
+    {
+        // A connection that still reads could not wait for another one's write.
+        Statement row(*store.database, ConfAt("SELECT zip FROM conf"), path);
+        if (row.Step()) zip = row.text(0);
+    }
     if (zip && arrives) Execute(*store.database, ConfAt("UPDATE conf SET fetched = ?2"), path, Now());
     return zip;
 }

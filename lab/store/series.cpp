@@ -6,7 +6,8 @@ namespace kv::lab {
 
 namespace {
 
-/// Takes the arguments 1 to 6: for each of agent, device and name whether it counts, and what it is.
+/// Takes the arguments 1 to 7: for each of agent, device and name whether it counts, and what it is; then whether only
+/// failing sources are wanted.
 constexpr std::string_view sourceFits =
     "(?1 = 0 OR s.agent = ?2) AND (?3 = 0 OR s.device = ?4) AND (?5 = 0 OR s.name = ?6) AND (?7 = 0 OR s.failed = 1) ";
 

@@ -18,26 +18,6 @@ std::string NewKey(Database& database, const AgentDetails& details) {
     }
 }
 
-constexpr std::string_view recordColumns =
-    "SELECT r.number, d.agent, d.zip, d.time, r.file, r.is_json, r.bytes, "
-    "CASE WHEN r.bytes <= ? THEN r.text ELSE substr(r.text, 1, ?) END FROM record r JOIN delivery d ON "
-    "d.number = r.delivery ";
-
-std::vector<Record> ReadRecords(Statement& rows, std::int64_t maxBytes) {
-    std::vector<Record> records;
-    std::int64_t bytes = 0;
-    while (bytes < maxBytes && rows.Step()) {
-        records.push_back({rows.number(0),
-                           rows.text(1),
-                           rows.text(2),
-                           rows.number(3),
-                           {rows.text(4), rows.text(7), rows.number(5) != 0},
-                           rows.number(6)});
-        bytes += rows.number(6);
-    }
-    return records;
-}
-
 /// What an index can hold, since PostgreSQL refuses longer rows of one. A character that would be cut is left out.
 std::string_view Indexable(std::string_view text) {
     if (text.size() <= maxIndexedBytes) return text;
@@ -68,10 +48,12 @@ constexpr std::string_view oldestFault =
 /// While one lives, what is written may be lost with the power, and is written faster.
 class QuickWrites {
   public:
-    explicit QuickWrites(Database& database) : database_(database) { Set(" = NORMAL", " = off"); }
+    explicit QuickWrites(Database& database) : database_(database) {
+        Set("PRAGMA synchronous = NORMAL", "SET synchronous_commit = off");
+    }
     ~QuickWrites() {
         try {
-            Set(" = FULL", " = on");
+            Set("PRAGMA synchronous = FULL", "RESET synchronous_commit");
         } catch (const DatabaseError&) {
             // The connection is lost, and its setting with it.
         }
@@ -82,8 +64,7 @@ class QuickWrites {
   private:
     void Set(const char* ofSqlite, const char* ofPostgres) {
         const bool isSqlite = database_.kind() == DatabaseKind::sqlite;
-        database_.RunScript(isSqlite ? std::string("PRAGMA synchronous") + ofSqlite
-                                     : std::string("SET synchronous_commit") + ofPostgres);
+        database_.RunScript(isSqlite ? ofSqlite : ofPostgres);
     }
 
     Database& database_;
@@ -147,26 +128,13 @@ bool AgentExists(Store& store, std::string_view key) {
     return Statement(*store.database, "SELECT 1 FROM agent WHERE key = ?", key).Step();
 }
 
-std::vector<Record> RecordsAfter(Store& store, const RecordQuery& query) {
-    Statement rows(
-        *store.database,
-        std::string(recordColumns) + "WHERE r.number > ? AND (?4 = '' OR d.agent = ?4) ORDER BY r.number LIMIT ?5",
-        INT64_MAX, std::int64_t{0}, query.after, query.agent, query.limit);
-    return ReadRecords(rows, query.maxBytes);
-}
-
-std::vector<Record> LatestRecords(Store& store, std::int64_t limit, std::int64_t maxBytes,
-                                  std::int64_t previewCharacters) {
-    Statement rows(*store.database, std::string(recordColumns) + "ORDER BY r.number DESC LIMIT ?", maxBytes,
-                   previewCharacters, limit);
-    return ReadRecords(rows, INT64_MAX);
-}
-
 void NoteRefusal(Store& store, const Refusal& refusal) {
     Execute(*store.database,
             "INSERT INTO refused (agent, zip, reason, address, time, times) VALUES (?1, ?2, ?3, ?4, ?5, 1) "
             "ON CONFLICT (agent, zip, reason) DO UPDATE SET address = ?4, time = ?5, times = refused.times + 1",
             Indexable(refusal.agent), Indexable(refusal.zip), Indexable(refusal.reason), refusal.address, Now());
+    Execute(*store.database, "DELETE FROM refused WHERE number <= (SELECT max(number) FROM refused) - ?",
+            maxKeptRefusals);
 }
 
 std::vector<Refusal> LatestRefusals(Store& store, std::int64_t limit) {

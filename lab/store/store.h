@@ -10,7 +10,7 @@
 //   notice    actions that agents reported in a query, with the request to which they belong
 //   answer    documents that agents posted, with the request to which they belong
 //   fault     faults that are set; the oldest that fits applies
-//   request, conf  what agents are asked to do, see lab/requests.h
+//   request, conf  what agents are asked to do, see lab/store/requests.h
 //
 // Times are milliseconds since 1970, texts are UTF-8. All routines throw DatabaseError when the database fails. Each
 // thread opens its own Store.
@@ -101,20 +101,6 @@ enum class Delivery { stored, repeated };
 Delivery StoreDelivery(Store& store, std::string_view agent, std::string_view zip,
                        const std::vector<RecordText>& records);
 
-/// Records with a number above `after`, in order. An empty agent means all. The answer ends after `limit` records, or
-/// after the one that brings it to maxBytes of text, so that large texts do not fill the memory.
-struct RecordQuery {
-    std::int64_t after = 0;
-    std::string agent;
-    std::int64_t limit = 1000;
-    std::int64_t maxBytes = std::int64_t{16} << 20;
-};
-std::vector<Record> RecordsAfter(Store& store, const RecordQuery& query);
-
-/// The latest records, newest first. Of a text with more than maxBytes only the first previewCharacters are given.
-std::vector<Record> LatestRecords(Store& store, std::int64_t limit, std::int64_t maxBytes,
-                                  std::int64_t previewCharacters);
-
 struct Refusal {
     std::string agent;
     std::string zip;
@@ -123,6 +109,9 @@ struct Refusal {
     std::int64_t time = 0;  // of the last refusal
     std::int64_t times = 0;
 };
+
+/// The newest refusals are kept, so many: strangers send what they like.
+inline constexpr std::int64_t maxKeptRefusals = 10'000;
 void NoteRefusal(Store& store, const Refusal& refusal);
 std::vector<Refusal> LatestRefusals(Store& store, std::int64_t limit);
 

@@ -43,7 +43,8 @@ std::string LastStatus(const std::string& database) {
 std::vector<std::string> AcceptedTexts(const std::string& database) {
     lab::Store store = lab::OpenStore(database);
     std::vector<std::string> texts;
-    for (const lab::Record& record : lab::RecordsAfter(store, {})) texts.push_back(record.content.text);
+    for (const lab::HistoryRecord& record : lab::ReadHistoryAfter(store, {}, 0, INT64_MAX))
+        texts.push_back(lab::ReadContent(store, record.number)->text);
     std::sort(texts.begin(), texts.end());
     return texts;
 }

@@ -12,6 +12,7 @@
 #include "foundation/file_utils.h"
 #include "lab/server/server.h"
 #include "lab/store/archive.h"
+#include "lab/store/history.h"
 #include "lab/store/store.h"
 #include "platform/utf.h"
 #include "tests/lab/postgres_server.h"
@@ -27,8 +28,8 @@ inline std::string WideBytes(std::string_view utf8) { return Utf16LittleEndianBy
 /// The records of a database in order, each as "file text".
 inline std::vector<std::string> StoredRecords(Store& store) {
     std::vector<std::string> texts;
-    for (const Record& record : RecordsAfter(store, {}))
-        texts.push_back(record.content.file + " " + record.content.text);
+    for (const HistoryRecord& record : ReadHistoryAfter(store, {}, 0, INT64_MAX))
+        texts.push_back(record.file + " " + ReadContent(store, record.number)->text);
     return texts;
 }
 

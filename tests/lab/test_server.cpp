@@ -1,7 +1,10 @@
 // The lab's server over real HTTP.
+#include <atomic>
 #include <gmock/gmock.h>
 #include <iterator>
+#include <thread>
 
+#include "lab/store/requests.h"
 #include "tests/lab/lab_helpers.h"
 
 namespace kv::lab::test {
@@ -89,6 +92,20 @@ TEST_P(LabServing, ShowsValuesWithoutTheirMarkup) {
     for (const char* text : {"&lt;i title=&quot;evil&quot;&gt;&amp;&#39;", ">4711</a></span></td>",
                              "<tr><td>.1.1.1</td><td>&lt;i&gt;</td></tr>", ">&lt;i&gt;plain&lt;/i&gt;</pre>"})
         EXPECT_THAT(pages, HasSubstr(text));
+}
+
+TEST_P(LabServing, PlansAreDownloadedBesideUploads) {
+    AddConfiguration(store, "K1", "K1", "a plan");
+    std::atomic<bool> done = false;
+    std::thread uploader([&] {
+        httplib::Client sender("127.0.0.1", server->port());
+        const std::string zip = MakeArchive({{"f.txt", WideBytes(R"({ "X": [ { "V": 1 } ] })")}});
+        for (int number = 0; !done; ++number)
+            EXPECT_EQ(Upload(sender, "AGENTKEY=K1&FILENAME=" + std::to_string(number), zip)->status, 200);
+    });
+    for (int times = 0; times < 60; ++times) EXPECT_EQ(client.Get("/conf/1/queryconf.zip")->body, "a plan");
+    done = true;
+    uploader.join();
 }
 
 INSTANTIATE_TEST_SUITE_P(Database, LabServing, eachKind, KindName);

@@ -1,5 +1,6 @@
 // What the views are made of, apart from a database: tables in their forms, the scope of a query, plans.
 #include <cmath>
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 
 #include "lab/page/scope.h"
@@ -112,13 +113,17 @@ TEST(Plan, TellWhatIsCollected) {
 
 TEST_P(Plans, AreKnownFromTheStartAndAsPushed) {
     EXPECT_EQ(KnownPlan(store, "LAB1"), std::nullopt);
-    KeepStartPlan(store, "\xEF\xBB\xBF{ \"old\": 1 }");
-    KeepStartPlan(store, "\xFF\xFE" + WideBytes("{ \"ü\": 1 }"));
-    EXPECT_EQ(KnownPlan(store, "LAB1"), "{ \"ü\": 1 }") << "in place of the former one";
+    const auto plan = [](const char* name) {
+        return fmt::format(R"({{ "W": [ {{ "recordSetName": [ {{ "Name": "{}" }} ] }} ] }})", name);
+    };
+    EXPECT_TRUE(KeepStartPlan(store, "\xEF\xBB\xBF" + plan("old")));
+    EXPECT_TRUE(KeepStartPlan(store, "\xFF\xFE" + WideBytes(plan("ü"))));
+    EXPECT_FALSE(KeepStartPlan(store, "{ \"W\": [] }")) << "lists nothing";
+    EXPECT_EQ(KnownPlan(store, "LAB1"), plan("ü")) << "in place of the former one";
     AddConfiguration(store, "LAB1", "LAB1", MakeArchive({{"queryconf.txt", "{ \"pushed\": 1 }"}}));
     AddConfiguration(store, "LAB3", "LAB3", "not a zip");
     EXPECT_EQ(KnownPlan(store, "LAB1"), "{ \"pushed\": 1 }");
-    EXPECT_EQ(KnownPlan(store, "LAB2"), "{ \"ü\": 1 }");
+    EXPECT_EQ(KnownPlan(store, "LAB2"), plan("ü"));
     EXPECT_EQ(KnownPlan(store, "LAB3"), std::nullopt);
 }
 
