@@ -121,6 +121,8 @@ void AddProblems(std::string& html, const Problems& found, const std::vector<Ref
         AddGroup(html, groups[at], scope);
     }
     if (shown > openProblems) html += "</details>\n";
+    if (found.older)
+        Add(html, "<p class=soft>Only the newest {} failures were looked at and counted.</p>\n", maxProblemRecords);
     AddMore(html, found.more + static_cast<std::int64_t>(groups.size() - shown));
     if (!refusals.empty()) {
         html += "<p class=soft>Refused uploads of any time: ";

@@ -137,13 +137,12 @@ std::set<std::int64_t> FailedSources(Store& store, const Range& range) {
 Track ReadTrack(Store& store, const Source& source, const Range& range, std::int64_t part) {
     Track track{source, {}, 0, 0};
     Statement rows(*store.database, R"(
-        SELECT t.part, t.records, t.failed, coalesce(t.bad, t.newest), coalesce(t.bad_time, t.newest_time),
-            coalesce(r.reason, '')
+        SELECT t.part, t.records, t.failed, r.number, t.time, r.reason
         FROM (SELECT collected / ?4 AS part, count(*) AS records, count(*) FILTER (WHERE failed = 1) AS failed,
-                max(number) AS newest, max(CASE WHEN failed = 1 THEN number END) AS bad,
-                max(collected) AS newest_time, max(CASE WHEN failed = 1 THEN collected END) AS bad_time
+                coalesce(max(CASE WHEN failed = 1 THEN collected END), max(collected)) AS time
             FROM record WHERE source = ?1 AND collected BETWEEN ?2 AND ?3 GROUP BY 1) t
-        LEFT JOIN record r ON r.number = t.bad ORDER BY t.part)",
+        JOIN record r ON r.number = (SELECT max(x.number) FROM record x
+            WHERE x.source = ?1 AND x.collected = t.time AND (t.failed = 0 OR x.failed = 1)) ORDER BY t.part)",
                    source.number, range.from, range.to, part);
     while (rows.Step()) {
         track.ticks.push_back(
@@ -226,7 +225,10 @@ Problems ReadProblems(Store& store, const Range& range, const Filter& filter, st
                  ", r.reason, r.collected, r.number FROM record r JOIN source s ON s.number = r.source ",
                  "WHERE r.failed = 1 AND r.collected BETWEEN ?7 AND ?8 AND ", sourceFits, newestFirst, "?9"}),
             range.from, range.to, maxProblemRecords);
-    Problems found{GroupFailures(rows), 0};
+    Problems found{GroupFailures(rows), 0, false};
+    std::int64_t looked = 0;
+    for (const Problem& problem : found.problems) looked += problem.times;
+    found.older = looked == maxProblemRecords;
     std::vector<Problem>& problems = found.problems;
     std::stable_partition(problems.begin(), problems.end(),
                           [](const Problem& problem) { return problem.source.failed; });

@@ -59,12 +59,13 @@ struct Problem {
     std::int64_t times = 0;
     std::int64_t last = 0;        // when it was collected last
     std::int64_t lastRecord = 0;  // its number
-    std::int64_t goodSince = 0;   // when the source sent the first good record after it; 0 if not yet
+    std::int64_t goodSince = 0;   // when the source sent the first good record after its last failure; 0 if not yet
 };
 
 struct Problems {
     std::vector<Problem> problems;  // those that still fail before those that are good again, each the latest first
     std::int64_t more = 0;          // problems that are left out
+    bool older = false;             // there may be more failures than maxProblemRecords, which were not looked at
 };
 
 /// Only the newest failures of a range are looked at, this many.
@@ -146,10 +147,10 @@ std::optional<WholeRecord> ReadWholeRecord(Store& store, std::int64_t number);
 /// Agents that registered since `since` and have uploaded nothing yet, the latest first.
 std::vector<Agent> AgentsWithoutUpload(Store& store, std::int64_t since);
 
-/// What there is to filter by: agents, devices and names that sent records, each list at most `limit` long.
 /// Whether the database has heard of a source that fits.
 bool SourceExists(Store& store, const Filter& filter);
 
+/// What there is to filter by: agents, devices and names that sent records, each list at most `limit` long.
 struct FilterChoices {
     std::vector<std::string> agents;
     std::vector<std::string> devices;
