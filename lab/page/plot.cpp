@@ -123,9 +123,11 @@ VerticalAxis VerticalAxisOf(const Plot& plot) {
 }
 
 void AddVerticalAxis(std::string& html, const VerticalAxis& axis, const PlotArea& area, Unit unit) {
-    html += "<div class=yaxis>";
     const std::vector<double> steps = axis.Steps();
     const std::vector<std::string> texts = DistinctTexts(steps, unit, AxisText);
+    std::size_t longest = 0;
+    for (const std::string& text : texts) longest = std::max(longest, text.size());
+    Add(html, "<div class=yaxis style='width:calc({}ch + 1rem)'>", longest);
     for (std::size_t at = 0; at < steps.size(); ++at)
         Add(html, "<span style='top:{:.1f}%'>{}</span>", area.Y(steps[at]) / area.height * 100, texts[at]);
     html += "</div>";
@@ -146,9 +148,11 @@ std::vector<std::int64_t> TimeSteps(const PlotArea& area) {
 }
 
 void AddHorizontalAxis(std::string& html, const PlotArea& area) {
-    html += "<div class=xaxis>";
     const bool showsSeconds = TimeStep(area.to - area.from) < minuteMilliseconds;
-    for (const std::int64_t time : TimeSteps(area)) {
+    const std::vector<std::int64_t> times = TimeSteps(area);
+    constexpr std::size_t narrowTimes = 3;
+    html += times.size() > narrowTimes ? "<div class='xaxis many'>" : "<div class=xaxis>";
+    for (const std::int64_t time : times) {
         const double left = area.X(time) / area.width * 100;
         Add(html, "<span style='left:{:.1f}%'>{}</span>", std::clamp(left, 4.0, 96.0),
             showsSeconds ? ClockText(time) : MinuteText(time, area.to));

@@ -94,6 +94,7 @@ inline constexpr std::string_view valueStyle = R"(
 a.value { display: flex; flex-direction: column; color: inherit; text-decoration: none; }
 a.value:hover, a.value:focus-visible { border-color: var(--accent); }
 .value .name { font-size: .82rem; color: var(--soft); white-space: nowrap; overflow: hidden; text-overflow: ellipsis; }
+.value .name:last-child { white-space: normal; }
 .value .member { overflow-wrap: anywhere; line-height: 1.25; }
 .place { display: flex; gap: .3em; } .place span { overflow: hidden; text-overflow: ellipsis; }
 .place span:first-child { flex: 0 0 auto; max-width: 65%; }
@@ -102,7 +103,7 @@ a.value:hover, a.value:focus-visible { border-color: var(--accent); }
 .value svg { overflow: visible; padding-top: .15rem; } .value .wait { line-height: 46px; }
 .line { fill: none; stroke: var(--accent); stroke-width: 1.7; vector-effect: non-scaling-stroke; stroke-linejoin: round; }
 .under { fill: var(--tint); }
-.plot { display: grid; grid-template-columns: 5.2rem minmax(0, 1fr); padding: 1rem 1.2rem .6rem .4rem; }
+.plot { display: grid; grid-template-columns: auto minmax(0, 1fr); padding: 1rem 1.2rem .6rem .4rem; }
 .plot svg { grid-column: 2; width: 100%; height: 22rem; display: block; overflow: visible; border: 1px solid var(--line); border-width: 0 0 1px 1px; }
 .yaxis, .xaxis { position: relative; font-size: .82rem; color: var(--soft); font-variant-numeric: tabular-nums; }
 .yaxis span { position: absolute; right: .5rem; transform: translateY(-50%); white-space: nowrap; }
@@ -117,8 +118,8 @@ a.value:hover, a.value:focus-visible { border-color: var(--accent); }
 .line5 { stroke: #d14a6e; } .line6 { stroke: #1c97a8; } .line7 { stroke: #7a6ff0; } .line8 { stroke: #8a6a4f; }
 .line9 { stroke: #5f9e1c; } .line10 { stroke: #cf4436; } .line11 { stroke: #6b7c8c; }
 @media (max-width: 40rem) { .cards { grid-template-columns: repeat(2, minmax(0, 1fr)); }
-  .plot { grid-template-columns: 3.9rem minmax(0, 1fr); padding-left: 0; } .plot svg { height: 15rem; }
-  .xaxis span:nth-child(even) { display: none; } }
+  .plot { padding-left: 0; } .plot svg { height: 15rem; }
+  .many span:nth-child(even) { display: none; } }
 )";
 
 /// Fetches the changing part again, without taking from the reader what is open, focused, selected or scrolled.

@@ -255,6 +255,16 @@ std::string DurationText(double seconds, int more) {
     return fmt::format("{}{} d {} h", sign, whole / 86400, whole % 86400 / 3600);
 }
 
+/// 7.5 for 7.50, to stand beside 7 and 8.
+std::string WithoutLastZeros(std::string text) {
+    const std::size_t point = text.find('.');
+    if (point == std::string::npos) return text;
+    const std::size_t end = std::min(text.find_first_not_of("0123456789", point + 1), text.size());
+    const std::size_t last = text.find_last_not_of('0', end - 1);
+    const std::size_t kept = last == point ? point : last + 1;
+    return text.erase(kept, end - kept);
+}
+
 bool HasOneOf(std::string_view text, std::initializer_list<std::string_view> words) {
     return std::any_of(words.begin(), words.end(),
                        [text](std::string_view word) { return text.find(word) != std::string_view::npos; });
@@ -366,7 +376,9 @@ std::string AxisText(double number, Unit unit, int moreDigits) {
         std::string text = ScaledText(number, "", moreDigits);
         return text.ends_with(' ') ? text.substr(0, text.size() - 1) : text;
     }
-    return ValueText(number, unit, moreDigits);
+    std::string text = ValueText(number, unit, moreDigits);
+    const bool isPlain = unit == Unit::none || unit == Unit::percent || unit == Unit::perSecond;
+    return isPlain ? WithoutLastZeros(std::move(text)) : text;
 }
 
 std::vector<std::string> DistinctTexts(const std::vector<double>& numbers, Unit unit,

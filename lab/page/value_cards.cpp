@@ -41,7 +41,8 @@ PlotArea AreaOf(const Card& card, const Range& drawn) {
     const Curve& curve = card.curve;
     PlotArea area{drawingWidth, drawingHeight, drawn.from, drawn.to, curve.low, curve.high};
     if (BeginsAtZero(curve.low, curve.high, card.meaning.unit)) area.low = 0;
-    if (area.low == 0 && area.high == 0) area.high = 1;
+    // What stands still over 0 lies in the middle, and 0 itself below.
+    if (area.low == 0 && !card.changes()) area.high = curve.high > 0 ? 2 * curve.high : 1;
     const double room = (area.high - area.low) * margin / (drawingHeight - 2 * margin);
     area.high += room;
     if (area.low != 0) area.low -= room;

@@ -53,6 +53,8 @@ TEST(Units, TellNumbersApart) {
         {Unit::none, {1234.2, 1234.3}, {"1,234.2", "1,234.3"}},
     };
     for (const auto& [unit, numbers, texts] : rows) EXPECT_EQ(DistinctTexts(numbers, unit, ValueText), texts);
+    const std::vector<std::string> steps{"0 %", "0.5 %", "1 %", "1.5 %"};
+    EXPECT_EQ(DistinctTexts({0, 0.5, 1, 1.5}, Unit::percent, AxisText), steps);
 }
 
 TEST(Units, TellWhatUsuallyMoves) {
